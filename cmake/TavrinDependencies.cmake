@@ -1,0 +1,15 @@
+# What the library itself stands on. Tests and benchmarks look for theirs in their own folders.
+
+find_package(Threads REQUIRED)
+find_package(OpenSSL REQUIRED COMPONENTS Crypto)
+find_package(LibArchive REQUIRED)
+find_package(spdlog REQUIRED)
+find_package(nlohmann_json REQUIRED)
+find_package(tsl-robin-map REQUIRED)
+find_package(tsl-ordered-map REQUIRED)
+find_package(CLI11 REQUIRED)
+
+find_package(PkgConfig REQUIRED)
+pkg_check_modules(TAVRIN_ZSTD REQUIRED IMPORTED_TARGET libzstd)
+
+find_path(TAVRIN_VALIJSON_INCLUDE_DIR valijson/validator.hpp REQUIRED)

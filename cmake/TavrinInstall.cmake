@@ -1,0 +1,30 @@
+include(CMakePackageConfigHelpers)
+
+set(tavrin_package_dir "${CMAKE_INSTALL_LIBDIR}/cmake/Tavrin")
+get_property(tavrin_headers GLOBAL PROPERTY TAVRIN_HEADERS)
+
+install(TARGETS tavrin EXPORT TavrinTargets ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT dev)
+install(FILES ${tavrin_headers} DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/tavrin" COMPONENT dev)
+install(EXPORT TavrinTargets NAMESPACE tavrin:: DESTINATION "${tavrin_package_dir}" COMPONENT dev)
+
+configure_package_config_file("${CMAKE_CURRENT_LIST_DIR}/TavrinConfig.cmake.in"
+    "${PROJECT_BINARY_DIR}/TavrinConfig.cmake"
+    INSTALL_DESTINATION "${tavrin_package_dir}"
+    NO_SET_AND_CHECK_MACRO)
+write_basic_package_version_file("${PROJECT_BINARY_DIR}/TavrinConfigVersion.cmake"
+    COMPATIBILITY SameMinorVersion)
+install(FILES "${PROJECT_BINARY_DIR}/TavrinConfig.cmake" "${PROJECT_BINARY_DIR}/TavrinConfigVersion.cmake"
+    DESTINATION "${tavrin_package_dir}" COMPONENT dev)
+
+# Relative to the file itself, so that it holds for whatever prefix the installation gets.
+file(RELATIVE_PATH tavrin_pc_prefix
+    "${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig" "${CMAKE_INSTALL_PREFIX}")
+string(REGEX REPLACE "/$" "" tavrin_pc_prefix "${tavrin_pc_prefix}")
+configure_file("${CMAKE_CURRENT_LIST_DIR}/tavrin.pc.in" "${PROJECT_BINARY_DIR}/tavrin.pc" @ONLY)
+install(FILES "${PROJECT_BINARY_DIR}/tavrin.pc" DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig" COMPONENT dev)
+
+install(DIRECTORY "${PROJECT_SOURCE_DIR}/schemas/" DESTINATION "${CMAKE_INSTALL_DATADIR}/tavrin/schemas"
+    COMPONENT runtime FILES_MATCHING PATTERN "*.json")
+if(TARGET tavrin-client)
+    install(TARGETS tavrin-client RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}" COMPONENT runtime)
+endif()

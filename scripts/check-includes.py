@@ -1,0 +1,151 @@
+#!/usr/bin/env python3
+"""Checks that every #include follows the layers: arrows point down only.
+
+    scripts/check-includes.py [ROOT]
+
+Prints one line for each fault, file:line: text, and exits 1 if there are any.
+"""
+
+import re
+import sys
+from collections import defaultdict
+from pathlib import Path
+
+# Layer -> layers whose headers it may include; what isn't listed here isn't a layer.
+ARROWS = {
+    "core": {"core"},
+    "platform": {"core", "platform"},
+    "base": {"core", "platform", "base"},
+    "publish": {"core", "platform", "base", "publish"},
+    "driver": {"core", "devctl", "driver"},
+    "client": {"client"},
+}
+# These reach system and third parties only through the layers below.
+STANDARD_ONLY = {"base", "publish"}
+
+CPP_STANDARD = set(
+    """algorithm any array atomic barrier bit bitset cassert cctype cerrno cfenv cfloat charconv chrono cinttypes
+    climits clocale cmath codecvt compare complex concepts condition_variable coroutine csetjmp csignal cstdarg
+    cstddef cstdint cstdio cstdlib cstring ctime cuchar cwchar cwctype deque exception execution filesystem
+    format forward_list fstream functional future initializer_list iomanip ios iosfwd iostream istream iterator
+    latch limits list locale map memory memory_resource mutex new numbers numeric optional ostream queue random
+    ranges ratio regex scoped_allocator semaphore set shared_mutex source_location span sstream stack stdexcept
+    stop_token streambuf string string_view strstream syncstream system_error thread tuple type_traits typeindex
+    typeinfo unordered_map unordered_set utility valarray variant vector version""".split()
+)
+# Standard headers whose subject belongs to core: files, threads, locks, waiting, signals.
+CORE_MATTERS = set(
+    """barrier condition_variable csignal filesystem fstream future latch mutex semaphore shared_mutex
+    stop_token thread""".split()
+)
+# What a terminal program needs of the system: its descriptors, signals, the terminal and its size.
+CLIENT_SYSTEM = {"fcntl.h", "signal.h", "sys/ioctl.h", "termios.h", "unistd.h"}
+
+# Slow to compile, and replaceable as long as one file knows them.
+ONE_FILE_ONLY = {
+    "nlohmann": re.compile(r"nlohmann/"),
+    "valijson": re.compile(r"valijson/"),
+    "spdlog": re.compile(r"spdlog/"),
+    "libarchive": re.compile(r"archive(_entry)?\.h$"),
+    "zstd": re.compile(r"(zstd|zdict|zstd_errors)\.h$"),
+    "openssl": re.compile(r"openssl/"),
+}
+
+INCLUDE = re.compile(r'^\s*#\s*include\s*(?:<([^>]+)>|"([^"]+)")')
+
+
+def layer_of(path):
+    """The layer of a path relative to src; devctl stands apart, since the driver may know it alone."""
+    return "devctl" if path.parts[:2] == ("platform", "devctl") else path.parts[0]
+
+
+def allowed(layer, owner):
+    arrows = ARROWS["platform" if layer == "devctl" else layer]
+    return owner in arrows or (owner == "devctl" and "platform" in arrows)
+
+
+def quoted_fault(layer, name, owners):
+    if "/" in name:
+        return f'"{name}": headers are included flat, by name alone'
+    if name not in owners:
+        return f'"{name}": no such header in src'
+    if layer == "client" and owners[name] != "client":
+        return f'"{name}": the client knows the installed headers only: <tavrin/{name}>'
+    if not allowed(layer, owners[name]):
+        return f'"{name}": {layer} must not know {owners[name]}'
+    return None
+
+
+def angled_fault(layer, name, owners):
+    if layer == "client":
+        known = name.startswith("CLI/") or name in CPP_STANDARD or name in CLIENT_SYSTEM
+        if not known and owners.get(name.removeprefix("tavrin/")) in (None, "client", "driver"):
+            return f"<{name}>: the client knows only <tavrin/...>, <CLI/...> and the C++ standard"
+        if not known and not name.startswith("tavrin/"):
+            return f"<{name}>: write <tavrin/{name}>"
+        return None
+    if name.startswith("tavrin/") or name in owners:
+        return f'<{name}>: inside the library write "{name.removeprefix("tavrin/")}"'
+    if layer in STANDARD_ONLY and name not in CPP_STANDARD:
+        return f"<{name}>: {layer} includes no system or third-party header"
+    if layer in STANDARD_ONLY and name in CORE_MATTERS:
+        return f"<{name}>: {layer} reaches files, threads, locks and signals through core"
+    return None
+
+
+def includes_of(file):
+    for number, line in enumerate(file.read_text(encoding="utf-8").splitlines(), 1):
+        match = INCLUDE.match(line)
+        if match:
+            yield number, match.group(1), match.group(2)
+
+
+def check(root):
+    """All faults below root/src as (file, line, text), file relative to root."""
+    src = root / "src"
+    files = sorted(file for file in src.rglob("*") if file.suffix in (".h", ".cpp"))
+    faults = []
+    owners = {}
+    for file in files:
+        if file.suffix == ".h":
+            if file.name in owners:
+                faults.append((file, 1, f"another header is called {file.name}; names are unique"))
+            owners.setdefault(file.name, layer_of(file.relative_to(src)))
+
+    users = defaultdict(dict)
+    for file in files:
+        layer = layer_of(file.relative_to(src))
+        if layer != "devctl" and layer not in ARROWS:
+            faults.append((file, 1, f"src/{layer} is not a layer that this check knows"))
+            continue
+        for number, angled, quoted in includes_of(file):
+            text = angled_fault(layer, angled, owners) if angled else quoted_fault(layer, quoted, owners)
+            if text:
+                faults.append((file, number, text))
+            for library, pattern in ONE_FILE_ONLY.items():
+                if pattern.match(angled or quoted):
+                    users[library].setdefault(file, number)
+
+    for library, found in users.items():
+        sources = [file for file in found if file.suffix == ".cpp"]
+        for file, number in found.items():
+            if file.suffix == ".h":
+                faults.append((file, number, f"{library} must not appear in a header"))
+            elif file != sources[0]:
+                first = sources[0].relative_to(root)
+                faults.append((file, number, f"{library} belongs to one .cpp file, and {first} has it already"))
+    return [(file.relative_to(root), number, text) for file, number, text in sorted(faults)]
+
+
+def main():
+    root = Path(sys.argv[1] if len(sys.argv) > 1 else Path(__file__).parent.parent).resolve()
+    if not (root / "src").is_dir():
+        sys.exit(f"check-includes.py: {root}/src is not a folder")
+    faults = check(root)
+    for file, number, text in faults:
+        print(f"{file}:{number}: {text}")
+    return 1 if faults else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

@@ -1,0 +1,54 @@
+#!/usr/bin/env bash
+# Shows the client at work on a real game: Freedoom's folder becomes an image, the image is cut into parts for
+# delivery, joined again and verified. Works in a folder of its own and removes it at the end.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+tavrin=${TAVRIN_BIN:-$PWD/build/release/bin/tavrin}
+game=/usr/share/games/doom
+part_size=1000000
+
+if [[ ! -x $tavrin ]]; then
+    echo "demo.sh: no client at $tavrin; \"make build\" makes one" >&2
+    exit 1
+fi
+scripts/install-deps.sh demo
+
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+image=$work/freedoom
+export XDG_STATE_HOME=$work/state
+
+say() {
+    printf '\n%s\n' "$*"
+}
+
+# Shows the command as one would type it, then runs it.
+run() {
+    local shown="tavrin $*"
+    printf '$ %s\n' "${shown//$work\//}"
+    "$tavrin" "$@"
+}
+
+say "The game: $(du -shL "$game" | cut -f1) in $game."
+ls -l "$game"
+
+say "Its folder becomes an image: the content in blocks, and a map that says where each block lies."
+run content create "$game" "$image"
+
+say "What the image is made of:"
+run image info "$image"
+
+say "The first entries of its map:"
+run image map "$image" --first 0 --last 8
+
+say "For delivery the stored file is cut into parts of $part_size bytes."
+run image split "$image" --part-size "$part_size"
+
+say "The receiver joins the parts again."
+run image join "$image"
+
+say "And makes sure that every digest, size and map entry is right."
+run image verify "$image"
+
+say "All of it worked."

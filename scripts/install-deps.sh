@@ -1,0 +1,53 @@
+#!/usr/bin/env bash
+# Installs the Debian packages that the project needs and the machine lacks.
+#
+#   scripts/install-deps.sh [GROUP...]
+#
+# Without a group: what building and testing need. Groups add to that:
+#   clang     sanitizer builds          lint     format check and clang-tidy
+#   fuzz      libFuzzer builds          demo     the game that the demonstration uses
+#   package   Debian packages
+# Says and touches nothing where all is there already.
+set -euo pipefail
+
+packages=(
+    g++ cmake ninja-build pkg-config ccache python3
+    libssl-dev libarchive-dev libzstd-dev nlohmann-json3-dev libvalijson-dev libspdlog-dev libcli11-dev
+    robin-map-dev libtsl-ordered-map-dev
+    libgtest-dev libgmock-dev libbenchmark-dev
+)
+for group in "$@"; do
+    case "$group" in
+    clang | fuzz) packages+=(clang-14 libclang-rt-14-dev llvm-14) ;;
+    lint) packages+=(git clang-14 clang-tidy-14 clang-format-14) ;;
+    demo) packages+=(freedoom) ;;
+    package) packages+=(dpkg-dev file) ;;
+    *)
+        echo "install-deps.sh: no group \"$group\" (there are: clang, lint, fuzz, demo, package)" >&2
+        exit 2
+        ;;
+    esac
+done
+
+# dpkg-query fails as soon as it doesn't know one of the names; what it knows is still printed.
+installed=$(dpkg-query --show --showformat='${db:Status-Status} ${Package}\n' "${packages[@]}" 2>/dev/null || true)
+missing=()
+for package in "${packages[@]}"; do
+    grep --quiet --line-regexp --fixed-strings "installed $package" <<<"$installed" || missing+=("$package")
+done
+if ((${#missing[@]} == 0)); then
+    exit 0
+fi
+
+if ((EUID == 0)); then
+    as_root=(env)
+elif command -v sudo >/dev/null; then
+    as_root=(sudo env)
+else
+    echo "install-deps.sh: missing packages can only be installed as root or with sudo: ${missing[*]}" >&2
+    exit 1
+fi
+
+echo "Installing: ${missing[*]}"
+"${as_root[@]}" DEBIAN_FRONTEND=noninteractive apt-get update --quiet=2
+"${as_root[@]}" DEBIAN_FRONTEND=noninteractive apt-get install --quiet=2 --yes --no-install-recommends "${missing[@]}"
