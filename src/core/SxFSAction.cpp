@@ -1,0 +1,187 @@
+#include "SxFSAction.h"
+
+#include "SxException.h"
+#include "SxFileIO.h"
+
+#include <cerrno>
+#include <fnmatch.h>
+
+namespace {
+
+constexpr const char* UNIT = "src/core/SxFSAction";
+constexpr int64 COPY_CHUNK = 1 << 20;
+
+[[noreturn]] void fail(const SxString& what, int64 error, int line) {
+    throw SxException(SxException(SxOs::errorText(error), UNIT, line), what, UNIT, line);
+}
+
+SxString below(const SxString& folder, const std::string& name) {
+    return folder.endsWith("/") ? folder + name : folder + "/" + name;
+}
+
+std::vector<std::string> sortedNames(const SxString& path) {
+    std::vector<std::string> names;
+    const int result = SxOs::get().list(SxOs::hostPath(path), &names);
+    if (result < 0) fail("Cannot list folder '" + path + "'", result, __LINE__);
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+SxStat ask(const SxString& path) {
+    SxStat info;
+    const int result = SxOs::get().lstat(SxOs::hostPath(path), &info);
+    if (result < 0) fail("Cannot look at '" + path + "'", result, __LINE__);
+    return info;
+}
+
+void copyLink(const SxString& from, const SxString& to) {
+    std::string target;
+    int result = SxOs::get().readLink(SxOs::hostPath(from), &target);
+    if (result == 0) {
+        const int removed = SxOs::get().unlink(SxOs::hostPath(to));
+        if (removed < 0 && removed != -ENOENT) fail("Cannot replace '" + to + "'", removed, __LINE__);
+        result = SxOs::get().symlink(target, SxOs::hostPath(to));
+    }
+    if (result < 0) fail("Cannot copy link '" + from + "' to '" + to + "'", result, __LINE__);
+}
+
+void copyFile(const SxString& from, const SxString& to, uint32 permissions) {
+    SxFileIO source(from, "rb");
+    SxFileIO target(to, "wb", static_cast<int>(permissions));
+    SxArray<char> buffer(COPY_CHUNK);
+    while (const int64 n = source.readBuffer(buffer.data(), COPY_CHUNK)) target.writeBuffer(buffer.data(), n);
+    target.close();
+    const int result = SxOs::get().setPermissions(SxOs::hostPath(to), permissions);
+    if (result < 0) fail("Cannot set the permissions of '" + to + "'", result, __LINE__);
+}
+
+/// A folder on the way down, to tell a link that leads back up.
+struct Level {
+    uint64 device, inode;
+};
+
+void refuseLoop(const SxString& path, const std::vector<Level>& levels) {
+    SxStat info;
+    const int result = SxOs::get().stat(SxOs::hostPath(path), &info);
+    const bool leadsUp = result == 0 && std::any_of(levels.begin(), levels.end(), [&](const Level& level) {
+                             return level.device == info.device && level.inode == info.inode;
+                         });
+    if (leadsUp || result == -ELOOP) {
+        throw SxException("The symbolic link '" + path + "' leads back into itself", UNIT, __LINE__);
+    }
+}
+
+void findBelow(const SxString& folder, const std::string& pattern, std::vector<Level>& levels,
+               SxList<SxFileInfo>& found) {
+    SxStat self;
+    const int result = SxOs::get().stat(SxOs::hostPath(folder), &self);
+    if (result < 0) fail("Cannot look at folder '" + folder + "'", result, __LINE__);
+    levels.push_back({self.device, self.inode});
+    for (const std::string& name : sortedNames(folder)) {
+        const SxString path = below(folder, name);
+        const SxStat info = ask(path);
+        if (info.kind == SxStat::Link) refuseLoop(path, levels);
+        if (::fnmatch(pattern.c_str(), name.c_str(), 0) == 0) found.append(SxFileInfo(path));
+        if (info.kind == SxStat::Dir) findBelow(path, pattern, levels, found);
+    }
+    levels.pop_back();
+}
+
+} // namespace
+
+bool SxFSAction::test_f(const SxString& path) {
+    return !path.isEmpty() && SxFileInfo(path).isFile();
+}
+
+bool SxFSAction::test_d(const SxString& path) {
+    return !path.isEmpty() && SxFileInfo(path).isDir();
+}
+
+bool SxFSAction::exists(const SxString& path) {
+    return !path.isEmpty() && SxFileInfo(path).exists();
+}
+
+void SxFSAction::mkdir_p(const SxString& path, int mode) {
+    if (test_d(path)) return;
+    const SxFileInfo info(path);
+    const SxString parent = info.getPath();
+    if (!(parent == info.getAbsPath()) && !test_d(parent)) mkdir_p(parent, mode);
+    const int result = SxOs::get().makeDir(SxOs::hostPath(path), static_cast<unsigned>(mode));
+    if (result < 0 && !(result == -EEXIST && test_d(path))) {
+        fail("Cannot create folder '" + path + "'", result, __LINE__);
+    }
+}
+
+void SxFSAction::cp(const SxString& from, const SxString& to) {
+    const SxStat info = ask(from);
+    if (info.kind == SxStat::Link) {
+        copyLink(from, to);
+    } else if (info.kind == SxStat::Dir) {
+        const std::vector<std::string> names = sortedNames(from);
+        mkdir_p(to, static_cast<int>(info.permissions) | 0700);
+        for (const std::string& name : names) cp(below(from, name), below(to, name));
+    } else if (info.kind == SxStat::File) {
+        copyFile(from, to, info.permissions);
+    } else {
+        throw SxException("Cannot copy '" + from + "': it is neither a file nor a folder", UNIT, __LINE__);
+    }
+}
+
+void SxFSAction::mv(const SxString& from, const SxString& to) {
+    const int result = SxOs::get().rename(SxOs::hostPath(from), SxOs::hostPath(to));
+    if (result == -EXDEV) {
+        cp(from, to);
+        rm_r(from);
+    } else if (result < 0) {
+        fail("Cannot move '" + from + "' to '" + to + "'", result, __LINE__);
+    }
+}
+
+void SxFSAction::rm(const SxString& path) {
+    const int result = SxOs::get().unlink(SxOs::hostPath(path));
+    if (result < 0) fail("Cannot remove file '" + path + "'", result, __LINE__);
+}
+
+void SxFSAction::rm_r(const SxString& path) {
+    if (ask(path).kind != SxStat::Dir) return rm(path);
+    for (const std::string& name : sortedNames(path)) rm_r(below(path, name));
+    const int result = SxOs::get().removeDir(SxOs::hostPath(path));
+    if (result < 0) fail("Cannot remove folder '" + path + "'", result, __LINE__);
+}
+
+void SxFSAction::touch(const SxString& path, int mode) {
+    if (!exists(path)) SxFileIO(path, "ab", mode).close();
+    const int result = SxOs::get().setModifiedNow(SxOs::hostPath(path));
+    if (result < 0) fail("Cannot set the time of '" + path + "'", result, __LINE__);
+}
+
+SxList<SxFileInfo> SxFSAction::ls(const SxString& path) {
+    SxList<SxFileInfo> found;
+    for (const std::string& name : sortedNames(path)) found.append(SxFileInfo(below(path, name)));
+    return found;
+}
+
+SxList<SxFileInfo> SxFSAction::find(const SxString& pattern, bool) {
+    const std::string& text = pattern.str();
+    const size_t slash = text.rfind('/');
+    const SxString folder = slash == std::string::npos ? SxString(".")
+                            : slash == 0               ? SxString("/")
+                                                       : SxString(text.substr(0, slash));
+    SxList<SxFileInfo> found;
+    std::vector<Level> levels;
+    findBelow(folder, text.substr(slash == std::string::npos ? 0 : slash + 1), levels, found);
+    return found;
+}
+
+SxList<SxDir> SxFSAction::getDirs(const SxString& path) {
+    SxList<SxDir> dirs;
+    for (const SxFileInfo& info : ls(path)) {
+        if (info.isDir()) dirs.append(SxDir(info.getOrig()));
+    }
+    return dirs;
+}
+
+void SxFSAction::syncDir(const SxString& path) {
+    const int result = SxOs::get().syncDir(SxOs::hostPath(path));
+    if (result < 0) fail("Cannot bring folder '" + path + "' to the disk", result, __LINE__);
+}

@@ -1,0 +1,38 @@
+#pragma once
+
+#include "SxFileInfo.h"
+
+/// Operations on files and folders. All but the tests raise SxException on failure, naming the path and the
+/// cause. Links are removed and copied as links and never followed downward. Safe from any thread.
+class SxFSAction {
+public:
+    /// Whether `path` is a file, or a link to one.
+    static bool test_f(const SxString& path);
+    /// Whether `path` is a folder, or a link to one.
+    static bool test_d(const SxString& path);
+    static bool exists(const SxString& path);
+
+    /// Makes a folder and all that are missing above it.
+    static void mkdir_p(const SxString& path, int mode = 0777);
+    /// Copies a file, with its permissions, or a folder with its content; existing files are replaced.
+    static void cp(const SxString& from, const SxString& to);
+    /// Renames; across file systems copies and removes. Replaces a file.
+    static void mv(const SxString& from, const SxString& to);
+    static void rm(const SxString& path);
+    /// Removes a file, or a folder with its content.
+    static void rm_r(const SxString& path);
+    static void rm_r(const SxFileInfo& info) { rm_r(info.getOrig()); }
+    /// Makes an empty file where none is, and sets its time of modification.
+    static void touch(const SxString& path, int mode = 0644);
+    /// What a folder holds, sorted by name (bytes).
+    static SxList<SxFileInfo> ls(const SxString& path);
+    /// All files and folders below a folder, sub-folders included, whose name matches: `pattern` is the
+    /// folder, a slash, and a name with the wildcards "*" and "?" and "[...]". In each folder sorted by name
+    /// (bytes), a folder ahead of what it holds. Links to folders are listed, not entered; a link that leads
+    /// into itself or to a folder above it raises.
+    static SxList<SxFileInfo> find(const SxString& pattern, bool = false);
+    /// The folders in a folder, sorted by name.
+    static SxList<SxDir> getDirs(const SxString& path);
+    /// Returns when names made, renamed or removed in the folder are on the device.
+    static void syncDir(const SxString& path);
+};

@@ -1,0 +1,216 @@
+#include "SxFileIO.h"
+
+#include "SxFSAction.h"
+#include "SxOs.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <utility>
+
+namespace {
+
+constexpr const char* UNIT = "src/core/SxFileIO";
+
+SxException failure(const SxString& what, int64 error, int line) {
+    return SxException(SxException(SxOs::errorText(error), UNIT, line), what, UNIT, line);
+}
+
+struct ModeWord {
+    const char* word;
+    unsigned mode;
+    unsigned flags;
+};
+
+constexpr ModeWord MODES[] = {
+    {"rb", SxFileIO::ModeRead, SxOs::Read},
+    {"r", SxFileIO::ModeRead, SxOs::Read},
+    {"r+b", SxFileIO::ModeRead | SxFileIO::ModeWrite, SxOs::Read | SxOs::Write},
+    {"wb", SxFileIO::ModeWrite, SxOs::Write | SxOs::Create | SxOs::Truncate},
+    {"ab", SxFileIO::ModeAppend, SxOs::Append | SxOs::Create},
+};
+
+} // namespace
+
+SxFileIO::~SxFileIO() {
+    if (fd >= 0) SxOs::get().close(fd);
+}
+
+SxFileIO& SxFileIO::operator=(SxFileIO&& other) noexcept {
+    std::swap(fd, other.fd);
+    std::swap(mode, other.mode);
+    std::swap(offset, other.offset);
+    std::swap(path, other.path);
+    return *this;
+}
+
+void SxFileIO::open(const SxString& path_, const SxString& mode_, int permission) {
+    if (isOpen()) close();
+    for (const ModeWord& entry : MODES) {
+        if (!(mode_ == entry.word)) continue;
+        const int result =
+            SxOs::get().open(SxOs::hostPath(path_), entry.flags, static_cast<unsigned>(permission));
+        if (result < 0) throw failure("Cannot open file '" + path_ + "'", result, __LINE__);
+        fd = result;
+        mode = entry.mode;
+        path = path_;
+        offset = entry.mode == ModeAppend ? getSize() : 0;
+        return;
+    }
+    throw SxException("Cannot open file '" + path_ + "' with mode '" + mode_ + "'", UNIT, __LINE__);
+}
+
+void SxFileIO::close() {
+    if (!isOpen()) return;
+    const int result = SxOs::get().close(std::exchange(fd, -1));
+    if (result < 0) throw failure(fileWriteErr(path), result, __LINE__);
+}
+
+void SxFileIO::sync() {
+    const int result = SxOs::get().sync(fd);
+    if (result < 0) throw failure("Cannot bring file '" + path + "' to the disk", result, __LINE__);
+}
+
+void SxFileIO::startWriteback(int64 from, int64 n) {
+    SxOs::get().startWriteback(fd, from, n);
+}
+
+void SxFileIO::adviseSequential() {
+    SxOs::get().adviseSequential(fd);
+}
+
+int64 SxFileIO::getSize() const {
+    SxStat info;
+    const int result = SxOs::get().statFd(fd, &info);
+    if (result < 0) throw failure("Cannot get the size of file '" + path + "'", result, __LINE__);
+    return info.size;
+}
+
+void SxFileIO::seek(int64 distance, Seek from) {
+    const int64 target = distance + (from == SeekCur ? offset : from == SeekEnd ? getSize() : 0);
+    if (target < 0) {
+        throw SxException("Cannot go ahead of the start of file '" + path + "'", UNIT, __LINE__);
+    }
+    offset = target;
+}
+
+void SxFileIO::truncate(int64 size) {
+    const int result = SxOs::get().truncate(fd, size);
+    if (result < 0) throw failure("Cannot set the size of file '" + path + "' to " + size, result, __LINE__);
+}
+
+int64 SxFileIO::readSome(void* buffer, int64 n) {
+    const int64 got = SxOs::get().readAt(fd, buffer, n, offset);
+    if (got < 0) throw failure(fileReadErr(path) + " at byte " + offset, got, __LINE__);
+    offset += got;
+    return got;
+}
+
+int64 SxFileIO::readBuffer(void* buffer, int64 n) {
+    require(ModeRead, __LINE__);
+    return readSome(buffer, n);
+}
+
+void SxFileIO::writeBuffer(const void* buffer, int64 n) {
+    if (!hasMode(ModeAppend)) require(ModeWrite, __LINE__);
+    int64 done = 0;
+    while (done < n) {
+        const int64 put =
+            SxOs::get().writeAt(fd, static_cast<const char*>(buffer) + done, n - done, offset);
+        if (put <= 0) {
+            const SxString cause = put < 0 ? SxOs::errorText(put) : SxString("no byte was taken");
+            throw SxException("FileWriteError", fileWriteErr(path) + " at byte " + offset + ": " + cause,
+                              "SxFileIO", __LINE__);
+        }
+        done += put;
+        offset += put;
+    }
+}
+
+int64 SxFileIO::read(SxString* text, int64 n) {
+    const int64 left = std::max<int64>(getSize() - offset, 0);
+    std::string bytes(static_cast<size_t>(n < 0 ? left : std::min(n, left)), '\0');
+    const int64 got = readBuffer(bytes.data(), static_cast<int64>(bytes.size()));
+    bytes.resize(static_cast<size_t>(got));
+    *text = SxString(std::move(bytes));
+    return got;
+}
+
+void SxFileIO::write(const SxString& text, int64 n) {
+    const auto size = static_cast<int64>(text.str().size());
+    writeBuffer(text.ascii(), n < 0 ? size : std::min(n, size));
+}
+
+SxList<SxString> SxFileIO::readLines(int64 n) {
+    const int64 start = offset;
+    SxString text;
+    read(&text);
+    SxList<SxString> lines;
+    size_t from = 0;
+    const std::string& all = text.str();
+    while (from < all.size() && (n == 0 || lines.getSize() < n)) {
+        const size_t at = std::min(all.find('\n', from), all.size());
+        lines.append(SxString(all.substr(from, at - from)));
+        from = std::min(at + 1, all.size());
+    }
+    offset = start + static_cast<int64>(from);
+    return lines;
+}
+
+SxList<SxString> SxFileIO::readLines(const SxString& path, int64 n) {
+    SxFileIO file(path, "rb");
+    if (file.getSize() > MAX_TEXT) {
+        throw SxException("File '" + path + "' is too large for a text: " + file.getSize() + " bytes", UNIT,
+                          __LINE__);
+    }
+    return file.readLines(n);
+}
+
+SxString SxFileIO::readUtf8(const SxString& path, int64 maxBytes) {
+    SxFileIO file(path, "rb");
+    if (file.getSize() > maxBytes) {
+        throw SxException("File '" + path + "' is too large: " + file.getSize() + " bytes, at most " + maxBytes +
+                              " are taken",
+                          UNIT, __LINE__);
+    }
+    SxString text;
+    file.read(&text);
+    return text;
+}
+
+void SxFileIO::writeAtomic(const SxString& path, const SxString& text, int permission) {
+    const SxString tmp = path + ".tmp";
+    SxOs& os = SxOs::get();
+    try {
+        os.unlink(SxOs::hostPath(tmp));
+        SxFileIO file;
+        file.fd = os.open(SxOs::hostPath(tmp), SxOs::Write | SxOs::Create | SxOs::Exclusive | SxOs::NoFollow,
+                          static_cast<unsigned>(permission));
+        if (file.fd < 0) throw failure("Cannot open file '" + tmp + "'", file.fd, __LINE__);
+        file.mode = ModeWrite;
+        file.path = tmp;
+        file.write(text);
+        file.sync();
+        file.close();
+        SxFSAction::mv(tmp, path);
+        SxFSAction::syncDir(SxFileInfo(path).getPath());
+    } catch (const SxException&) {
+        os.unlink(SxOs::hostPath(tmp));
+        throw;
+    }
+}
+
+SxString SxFileIO::fileReadErr(const SxString& path) {
+    return "Cannot read from file '" + path + "'";
+}
+
+SxString SxFileIO::fileWriteErr(const SxString& path) {
+    return "Cannot write to file '" + path + "'";
+}
+
+void SxFileIO::require(Mode m, int line) const {
+    if (isOpen() && hasMode(m)) return;
+    // A fault of the program, which no input reaches.
+    const char* rule = "+-----------------------------------------------------------------------------";
+    std::fprintf(stderr, "\n%s\n| Abnormal program stop in file %s at line %d.\n%s\n", rule, UNIT, line, rule);
+    std::exit(1);
+}

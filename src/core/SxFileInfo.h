@@ -1,0 +1,55 @@
+#pragma once
+
+#include "SxList.h"
+#include "SxOs.h"
+
+/// A path and what the system says of it, asked for on first use and kept until setDirty(). Not locked.
+class SxFileInfo {
+public:
+    SxFileInfo() = default;
+    SxFileInfo(const SxString& path_) : path(path_) {}
+
+    /// The path as given.
+    const SxString& getOrig() const noexcept { return path; }
+    /// The part behind the last slash.
+    SxString getName() const;
+    /// The folder that holds it, absolute, without a trailing slash (but for the root).
+    SxString getPath() const;
+    /// The absolute path with "." and ".." and repeated slashes resolved by text; a path with a drive letter
+    /// keeps it.
+    SxString getAbsPath() const;
+    /// The path relative to the folder `base`; raises where it doesn't lie below it.
+    SxString getRelPath(const SxString& base) const;
+
+    bool exists() const { return target() != nullptr; }
+    /// A file, or a link to one.
+    bool isFile() const;
+    /// A folder, or a link to one.
+    bool isDir() const;
+    /// A link, whatever it leads to.
+    bool isLink() const;
+    /// Bytes; raises where the file can't be asked.
+    int64 getSize() const;
+    /// Forgets what is kept.
+    void setDirty() { asked = false; }
+
+private:
+    const SxStat* target() const;
+
+    SxString path;
+    mutable SxStat info, linkInfo;
+    mutable bool asked = false;
+    mutable int64 status = 0, linkStatus = 0;
+};
+
+/// A file by its path.
+class SxFile : public SxFileInfo {
+public:
+    using SxFileInfo::SxFileInfo;
+};
+
+/// A folder by its path.
+class SxDir : public SxFileInfo {
+public:
+    using SxFileInfo::SxFileInfo;
+};

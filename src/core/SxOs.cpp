@@ -1,0 +1,239 @@
+#include "SxOs.h"
+
+#include "SxException.h"
+
+#include <atomic>
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr const char* UNIT = "src/core/SxOs";
+
+
+int status(int result) {
+    return result < 0 ? -errno : result;
+}
+
+void fill(const struct ::stat& from, SxStat* to) {
+    to->kind = S_ISREG(from.st_mode)   ? SxStat::File
+               : S_ISDIR(from.st_mode) ? SxStat::Dir
+               : S_ISLNK(from.st_mode) ? SxStat::Link
+                                       : SxStat::Other;
+    to->size = from.st_size;
+    to->allocated = from.st_blocks * 512;
+    to->device = from.st_dev;
+    to->inode = from.st_ino;
+    to->permissions = from.st_mode & 07777;
+    to->modifiedMs = from.st_mtim.tv_sec * 1000 + from.st_mtim.tv_nsec / 1'000'000;
+}
+
+int systemFlags(unsigned flags) {
+    const bool read = flags & SxOs::Read, write = flags & (SxOs::Write | SxOs::Append);
+    int result = O_CLOEXEC | (read && write ? O_RDWR : write ? O_WRONLY : O_RDONLY);
+    if (flags & SxOs::Append) result |= O_APPEND;
+    if (flags & SxOs::Create) result |= O_CREAT;
+    if (flags & SxOs::Truncate) result |= O_TRUNC;
+    if (flags & SxOs::Exclusive) result |= O_EXCL;
+    if (flags & SxOs::NoFollow) result |= O_NOFOLLOW;
+    if (flags & SxOs::Directory) result |= O_DIRECTORY;
+    return result;
+}
+
+class Machine : public SxOs {
+public:
+    int open(const std::string& path, unsigned flags, unsigned permissions) override {
+        return status(::open(path.c_str(), systemFlags(flags), permissions));
+    }
+    int close(int fd) override { return status(::close(fd)); }
+
+    int64 readAt(int fd, void* buffer, int64 n, int64 offset) override {
+        int64 done = 0;
+        while (done < n) {
+            const ssize_t got =
+                ::pread(fd, static_cast<char*>(buffer) + done, static_cast<size_t>(n - done), offset + done);
+            if (got < 0 && errno == EINTR) continue;
+            if (got < 0) return -errno;
+            if (got == 0) break;
+            done += got;
+        }
+        return done;
+    }
+
+    int64 writeAt(int fd, const void* buffer, int64 n, int64 offset) override {
+        int64 done = 0;
+        while (done < n) {
+            const ssize_t put =
+                ::pwrite(fd, static_cast<const char*>(buffer) + done, static_cast<size_t>(n - done), offset + done);
+            if (put < 0 && errno == EINTR) continue;
+            if (put < 0) return done > 0 ? done : -errno;
+            done += put;
+        }
+        return done;
+    }
+
+    int truncate(int fd, int64 size) override { return status(::ftruncate(fd, size)); }
+    int sync(int fd) override { return status(::fdatasync(fd)); }
+    int syncFs(int fd) override { return status(::syncfs(fd)); }
+    void startWriteback(int fd, int64 offset, int64 n) override {
+        ::sync_file_range(fd, offset, n, SYNC_FILE_RANGE_WRITE);
+    }
+    void adviseSequential(int fd) override { ::posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL); }
+
+    int statFd(int fd, SxStat* stat) override {
+        struct ::stat info {};
+        if (::fstat(fd, &info) < 0) return -errno;
+        fill(info, stat);
+        return 0;
+    }
+    int stat(const std::string& path, SxStat* stat) override {
+        struct ::stat info {};
+        if (::stat(path.c_str(), &info) < 0) return -errno;
+        fill(info, stat);
+        return 0;
+    }
+    int lstat(const std::string& path, SxStat* stat) override {
+        struct ::stat info {};
+        if (::lstat(path.c_str(), &info) < 0) return -errno;
+        fill(info, stat);
+        return 0;
+    }
+
+    int list(const std::string& path, std::vector<std::string>* names) override {
+        names->clear();
+        DIR* dir = ::opendir(path.c_str());
+        if (!dir) return -errno;
+        errno = 0;
+        while (const dirent* entry = ::readdir(dir)) {
+            const std::string name = entry->d_name;
+            if (name != "." && name != "..") names->push_back(name);
+            errno = 0;
+        }
+        const int error = errno;
+        ::closedir(dir);
+        return -error;
+    }
+
+    int makeDir(const std::string& path, unsigned permissions) override {
+        return status(::mkdir(path.c_str(), permissions));
+    }
+    int removeDir(const std::string& path) override { return status(::rmdir(path.c_str())); }
+    int unlink(const std::string& path) override { return status(::unlink(path.c_str())); }
+    int rename(const std::string& from, const std::string& to) override {
+        return status(::rename(from.c_str(), to.c_str()));
+    }
+    int symlink(const std::string& target, const std::string& path) override {
+        return status(::symlink(target.c_str(), path.c_str()));
+    }
+    int readLink(const std::string& path, std::string* target) override {
+        char buffer[PATH_MAX];
+        const ssize_t n = ::readlink(path.c_str(), buffer, sizeof buffer);
+        if (n < 0) return -errno;
+        target->assign(buffer, static_cast<size_t>(n));
+        return 0;
+    }
+    int setPermissions(const std::string& path, unsigned permissions) override {
+        return status(::chmod(path.c_str(), permissions));
+    }
+    int setModifiedNow(const std::string& path) override {
+        return status(::utimensat(AT_FDCWD, path.c_str(), nullptr, 0));
+    }
+
+    int syncDir(const std::string& path) override {
+        const int fd = open(path, Read | Directory, 0);
+        if (fd < 0) return fd;
+        const int result = status(::fsync(fd));
+        ::close(fd);
+        // Some file systems can't sync a folder; they order names by themselves.
+        return result == -EINVAL ? 0 : result;
+    }
+
+    int freeSpace(const std::string& path, int64* bytes) override {
+        struct ::statvfs info {};
+        if (::statvfs(path.c_str(), &info) < 0) return -errno;
+        *bytes = static_cast<int64>(info.f_bavail) * static_cast<int64>(info.f_frsize);
+        return 0;
+    }
+
+    int lockRange(int fd, int64 offset, int64 n, Lock lock) override {
+        struct ::flock range = describe(offset, n, lock);
+        const int result = status(::fcntl(fd, F_OFD_SETLK, &range));
+        return result == -EACCES ? -EAGAIN : result;
+    }
+
+    int isLocked(int fd, int64 offset, int64 n, Lock lock) override {
+        struct ::flock range = describe(offset, n, lock);
+        if (::fcntl(fd, F_OFD_GETLK, &range) < 0) return -errno;
+        return range.l_type == F_UNLCK ? 0 : 1;
+    }
+
+    std::string currentDir() override {
+        char buffer[PATH_MAX];
+        return ::getcwd(buffer, sizeof buffer) ? buffer : "/";
+    }
+
+    int canonical(const std::string& path, std::string* result) override {
+        char buffer[PATH_MAX];
+        if (!::realpath(path.c_str(), buffer)) return -errno;
+        *result = buffer;
+        return 0;
+    }
+
+private:
+    static struct ::flock describe(int64 offset, int64 n, Lock lock) {
+        struct ::flock range {};
+        range.l_type = lock == Lock::Exclusive ? F_WRLCK : lock == Lock::Shared ? F_RDLCK : F_UNLCK;
+        range.l_whence = SEEK_SET;
+        range.l_start = offset;
+        range.l_len = n;
+        return range;
+    }
+};
+
+std::atomic<SxOs*> current{nullptr};
+std::atomic<SxOs::PathHook> pathHook{nullptr};
+
+} // namespace
+
+SxOs& SxOs::machine() noexcept {
+    static Machine machine;
+    return machine;
+}
+
+SxOs& SxOs::get() noexcept {
+    SxOs* os = current.load(std::memory_order_acquire);
+    return os ? *os : machine();
+}
+
+void SxOs::set(SxOs* os) noexcept {
+    current.store(os, std::memory_order_release);
+}
+
+int64 SxOs::processId() noexcept {
+    return ::getpid();
+}
+
+SxString SxOs::errorText(int64 error) {
+    char buffer[256];
+    return SxString(strerror_r(static_cast<int>(error < 0 ? -error : error), buffer, sizeof buffer));
+}
+
+void SxOs::setPathHook(PathHook hook) noexcept {
+    pathHook.store(hook, std::memory_order_release);
+}
+
+std::string SxOs::hostPath(const SxString& path) {
+    if (path.isEmpty()) throw SxException("The path is empty", UNIT, __LINE__);
+    if (path.str().find('\0') != std::string::npos) {
+        throw SxException("The path '" + SxString(path.ascii()) + "' goes on behind a NUL", UNIT, __LINE__);
+    }
+    const PathHook hook = pathHook.load(std::memory_order_acquire);
+    return hook ? hook(path.str()) : path.str();
+}
