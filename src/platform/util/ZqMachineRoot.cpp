@@ -1,0 +1,143 @@
+#include "ZqMachineRoot.h"
+
+#include "SxException.h"
+#include "SxMutex.h"
+#include "SxOs.h"
+#include "ZqXdg.h"
+
+#include <cstdlib>
+#include <cwctype>
+#include <locale.h>
+#include <vector>
+
+namespace {
+
+constexpr const char* UNIT = "src/platform/util/ZqMachineRoot";
+
+struct Root {
+    SxMutex mutex;
+    std::string path SX_GUARDED_BY(mutex);
+};
+
+Root& root() {
+    static Root r;
+    return r;
+}
+
+std::string absolute(const std::string& path) {
+    std::string result = path.starts_with('/') ? path : SxOs::get().currentDir() + "/" + path;
+    while (result.size() > 1 && result.back() == '/')
+        result.pop_back();
+    return result;
+}
+
+std::string defaultRoot() {
+    const char* prefix = std::getenv("WINEPREFIX");
+    if (prefix && prefix[0] != '\0') return absolute(prefix);
+    const std::string folder = zqXdgFolder("XDG_DATA_HOME", ".local/share");
+    if (folder.empty()) {
+        throw SxException("There is no home folder for drive letters; set WINEPREFIX", UNIT, __LINE__);
+    }
+    return folder + "/tavrin/prefix";
+}
+
+bool hasLetter(const std::string& path) {
+    if (path.size() < 2 || path[1] != ':') return false;
+    const char letter = static_cast<char>(path[0] | 0x20);
+    if (letter < 'a' || letter > 'z') return false;
+    return path.size() == 2 || path[2] == '/' || path[2] == '\\';
+}
+
+bool exists(const std::string& path) {
+    SxStat info;
+    return SxOs::get().lstat(path, &info) == 0;
+}
+
+/// The parts below the letter; "." and ".." are resolved by text.
+std::vector<std::string> splitParts(const std::string& path) {
+    std::vector<std::string> parts;
+    for (size_t begin = 2; begin < path.size();) {
+        size_t end = path.find_first_of("/\\", begin);
+        if (end == std::string::npos) end = path.size();
+        const std::string part = path.substr(begin, end - begin);
+        if (part == "..") {
+            if (!parts.empty()) parts.pop_back();
+        } else if (!part.empty() && part != ".") {
+            parts.push_back(part);
+        }
+        begin = end + 1;
+    }
+    return parts;
+}
+
+/// The text in upper case by the rules of Unicode, whatever the locale of the program.
+std::u32string folded(const std::string& text) {
+    static const locale_t unicode = newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
+    const SxArray<unsigned short> units = SxString(text).utf16();
+    std::u32string result;
+    for (int64 i = 0; i + 1 < units.getSize(); ++i) {
+        const wint_t unit = units(i);
+        result.push_back(unicode ? towupper_l(unit, unicode) : towupper(unit));
+    }
+    return result;
+}
+
+/// The name in `folder` that `part` means; `part` itself where there is none.
+std::string lookUp(const std::string& folder, const std::string& part) {
+    if (exists(folder + "/" + part)) return part;
+    const std::u32string wanted = folded(part);
+    // Names that aren't UTF-8 all look alike here.
+    if (wanted.find(U'\xFFFD') != std::u32string::npos) return part;
+    std::vector<std::string> names;
+    if (SxOs::get().list(folder, &names) < 0) return part;
+    const std::string* best = nullptr;
+    for (const std::string& name : names) {
+        // The smallest of several, so that the answer doesn't depend on the order in the folder.
+        if (folded(name) == wanted && (!best || name < *best)) best = &name;
+    }
+    return best ? *best : part;
+}
+
+std::string driveFolder(char letterOrUpper) {
+    const char letter = static_cast<char>(letterOrUpper | 0x20);
+    const std::string prefix = ZqMachineRoot::get().str();
+    const std::string link = prefix + "/dosdevices/" + letter + ":";
+    return letter == 'c' && !exists(link) ? prefix + "/drive_c" : link;
+}
+
+} // namespace
+
+void ZqMachineRoot::set(const SxString& path) {
+    const std::string newPath = path.isEmpty() ? std::string() : absolute(path.str());
+    Root& r = root();
+    SxMutexBlock lock(&r.mutex);
+    r.path = newPath;
+}
+
+SxString ZqMachineRoot::get() {
+    Root& r = root();
+    SxMutexBlock lock(&r.mutex);
+    if (r.path.empty()) r.path = defaultRoot();
+    return r.path;
+}
+
+std::string ZqMachineRoot::hostPath(const std::string& path) {
+    if (!hasLetter(path)) return path;
+    const std::string drive = driveFolder(path[0]);
+    const std::vector<std::string> parts = splitParts(path);
+    // With a slash at the end it is the folder behind the link, not the link.
+    if (parts.empty()) return drive + "/";
+    std::string asGiven = drive;
+    for (const std::string& part : parts)
+        asGiven += "/" + part;
+    if (exists(asGiven)) return asGiven;
+    std::string found = drive;
+    for (const std::string& part : parts)
+        found += "/" + lookUp(found, part);
+    return found;
+}
+
+bool ZqMachineRoot::install() noexcept {
+    SxOs::setPathHook(&ZqMachineRoot::hostPath);
+    return true;
+}

@@ -1,0 +1,6 @@
+#include "ZqSilentProcess.h"
+
+ZqSilentProcess::ZqSilentProcess(const SxString& program_, const SxList<SxString>& arguments_)
+    : SxProcess(program_, arguments_, Silent) {
+    setHiddenWindow(true);
+}

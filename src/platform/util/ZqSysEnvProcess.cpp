@@ -1,0 +1,105 @@
+#include "SxTime.h"
+#include "ZqLog.h"
+#include "ZqSysEnv.h"
+
+#include "SxFileIO.h"
+#include "SxOs.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <csignal>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+/// Longest path that a program can be called with.
+constexpr int64 MAX_ARGUMENT = 4096;
+/// Time between two looks for a process. Longer than in other waits: a look asks after every process of
+/// the machine and takes milliseconds of a core that a starting game needs.
+constexpr int64 LOOK_MS = 50;
+/// What the system adds to the path of a program whose file is gone.
+constexpr std::string_view DELETED = " (deleted)";
+
+/// How names are compared: with case, or without for Windows programs.
+class NameMatch {
+public:
+    explicit NameMatch(const SxString& name)
+        : wanted(name.changeCase(false)),
+          anyCase(wanted.endsWith(".exe")) {
+        if (!anyCase) wanted = name;
+    }
+    bool fits(std::string_view path) const {
+        const size_t separator = path.find_last_of("/\\");
+        const SxString last = separator == std::string_view::npos ? path : path.substr(separator + 1);
+        return (anyCase ? last.changeCase(false) : last) == wanted;
+    }
+
+private:
+    SxString wanted;
+    bool anyCase;
+};
+
+/// The first argument that a process was started with; empty where it has none, or has ended.
+std::string firstArgument(const std::string& procFolder) {
+    std::string text(MAX_ARGUMENT, '\0');
+    const int fd = SxOs::get().open(procFolder + "/cmdline", SxOs::Read, 0);
+    if (fd < 0) return {};
+    const int64 n = SxOs::get().readAt(fd, text.data(), MAX_ARGUMENT, 0);
+    SxOs::get().close(fd);
+    text.resize(n < 0 ? 0 : static_cast<size_t>(n));
+    return text.substr(0, text.find('\0'));
+}
+
+/// A process that has ended has neither a program nor arguments any more, so it fits no name.
+bool fits(const NameMatch& match, int pid) {
+    const std::string folder = "/proc/" + std::to_string(pid);
+    std::string program;
+    // Fails for processes of other users; their arguments can be read all the same.
+    if (SxOs::get().readLink(folder + "/exe", &program) == 0) {
+        if (program.ends_with(DELETED)) program.resize(program.size() - DELETED.size());
+        if (match.fits(program)) return true;
+    }
+    const std::string argument = firstArgument(folder);
+    return !argument.empty() && match.fits(argument);
+}
+
+int findProcess(const NameMatch& match) {
+    std::vector<std::string> names;
+    if (SxOs::get().list("/proc", &names) < 0) return -1;
+    int found = -1;
+    for (const std::string& name : names) {
+        int pid = -1;
+        const auto [end, error] = std::from_chars(name.data(), name.data() + name.size(), pid);
+        if (error != std::errc() || end != name.data() + name.size() || pid == getpid()) continue;
+        if ((found < 0 || pid < found) && fits(match, pid)) found = pid;
+    }
+    return found;
+}
+
+} // namespace
+
+bool ZqSysEnv::isProcRunning(const SxString& name) {
+    return getProcessID(name, -1) >= 0;
+}
+
+int ZqSysEnv::getProcessID(const SxString& name, int64 limit) {
+    if (name.isEmpty()) return -1;
+    const NameMatch match(name);
+    for (int64 left = limit;; left -= LOOK_MS) {
+        const int found = findProcess(match);
+        if (found >= 0 || left <= 0) return found;
+        SxTime::msleep(std::min(left, LOOK_MS));
+    }
+}
+
+bool ZqSysEnv::killProcess(int id) {
+    // Lower numbers mean groups, everything, or the system's first process to kill(2).
+    const bool sensible = id > 1 && id != getpid();
+    if (sensible && (::kill(id, SIGKILL) == 0 || errno == ESRCH)) return true;
+    const SxString why =
+        sensible ? SxOs::errorText(errno) : SxString("it is not a process to be ended from here");
+    zqLogMsg("base", "ZqSysEnv::killProcess: Cannot end process " + SxString(id) + ": " + why);
+    return false;
+}
