@@ -1,0 +1,45 @@
+#pragma once
+
+#include "ZqRuntimeInfo.h"
+#include "ZqTaskMon.h"
+
+/// Job that packs a folder of files into an image folder: the files' bytes one behind the other in `img.zqf`, each
+/// filled up to whole blocks of 4096 bytes, an identity map, and the records. There is no file system and no file
+/// table in it. Progress in bytes. Links are passed over. Takes the image's lock.
+///
+/// The new image is written beside what `target` holds, and replaces it when it is complete: after a failure or a
+/// stop everything is as it was before.
+class ZqCreateContent : public ZqTaskMon {
+public:
+    /// `target` is the image folder to write, `source` the folder to read.
+    ZqCreateContent(const SxString& target, const SxString& source);
+
+    /// Gets `createStats`; not null.
+    SxPtr<ZqRuntimeInfo> runtimeInfo;
+
+    /// After the end: whether the new image is in its place.
+    bool isComplete() const { return complete; }
+    /// After the end: number of files in it.
+    int64 getNFiles() const { return nFiles; }
+
+protected:
+    void main() override;
+
+private:
+    struct Entry {
+        SxString relPath;
+        int64 size; ///< bytes
+    };
+
+    void refuseOverlap() const;
+    SxList<Entry> scan(uint64* nBlocks) const;
+    void build(const SxList<Entry>& files, uint64 nBlocks);
+    SxString pack(const SxString& folder, const SxList<Entry>& files, int64 t0);
+    void writeRecords(const SxString& folder, uint64 nBlocks, const SxString& digest) const;
+    void commit(const SxString& folder) const;
+    void log(const SxString& text) const;
+
+    const SxString target, source; ///< with trailing slashes
+    bool complete = false;
+    int64 nFiles = 0;
+};

@@ -1,0 +1,62 @@
+#include "ZqImageInfo.h"
+
+#include "SxException.h"
+#include "SxFSAction.h"
+#include "SxFileIO.h"
+#include "ZqImage.h"
+#include "ZqImageFiles.h"
+#include "ZqImageFolder.h"
+#include "ZqImageLock.h"
+
+namespace {
+
+ZqImageInfo::State findState(const SxString& prefix, bool allThere) {
+    if (SxFSAction::exists(prefix + ZqImageFiles::OPTIMIZE_LOCK)) return ZqImageInfo::Optimizing;
+    if (SxFSAction::exists(prefix + ZqImageFiles::PATCH_PROGRESS) ||
+        SxFSAction::exists(prefix + ZqImageFiles::PATCHING_LOCK)) {
+        return ZqImageInfo::Patching;
+    }
+    return allThere ? ZqImageInfo::Complete : ZqImageInfo::Partial;
+}
+
+} // namespace
+
+ZqImageInfo::ZqImageInfo(const SxString& path) {
+    const SxString prefix = ZqImageFolder::prefix(path);
+    const auto lock = ZqImageLock::takeAnyState(path, ZqImageLock::Shape, ZqImageLock::Shared, "image info");
+    app = ZqAppParams(prefix);
+    image = ZqImageParams(prefix);
+    const SxFileInfo zqf(prefix + ZqImageFiles::ZQF);
+    sizeZqf = zqf.isFile() ? static_cast<uint64>(zqf.getSize()) : 0;
+    countBlocks(ZqImage(prefix).getMap());
+    joining = SxFSAction::test_f(prefix + ZqImageFiles::JOIN_INFO);
+    split = joining || SxFSAction::test_f(prefix + ZqImageFiles::SPLIT_INFO);
+    if (split) partSize = ZqImage(prefix).getPartSize();
+    state = findState(prefix, !split && sizeZqf >= sizeComplete);
+}
+
+void ZqImageInfo::countBlocks(const SxArray<uint64>& map) {
+    nRaw = static_cast<uint64>(map.getSize());
+    const uint64 nBlocks = sizeZqf / ZqImage::BLOCK_SIZE;
+    uint64 expected = ZqImage::NO_ENTRY, greatest = 0;
+    for (const uint64 zqfIdx : map) {
+        if (zqfIdx == ZqImage::NO_ENTRY) continue;
+        ++nIncluded;
+        if (zqfIdx < nBlocks) ++nPresent;
+        if (zqfIdx != expected) ++nRuns;
+        expected = zqfIdx + 1;
+        greatest = std::max(greatest, zqfIdx);
+    }
+    sizeComplete = app.sizeZqf;
+    if (sizeComplete == 0 && nIncluded > 0) sizeComplete = (greatest + 1) * ZqImage::BLOCK_SIZE;
+}
+
+SxString ZqImageInfo::stateToString(State state) {
+    switch (state) {
+    case Complete: return "complete";
+    case Partial: return "partial";
+    case Optimizing: return "optimizing";
+    case Patching: return "patching";
+    }
+    return SxString();
+}

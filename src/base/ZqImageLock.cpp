@@ -1,0 +1,166 @@
+#include "ZqImageLock.h"
+
+#include "SxException.h"
+#include "SxFSAction.h"
+#include "SxOs.h"
+#include "SxTime.h"
+#include "ZqImageFiles.h"
+#include "ZqImageFolder.h"
+
+#include <cerrno>
+
+namespace {
+
+constexpr const char* UNIT = "src/base/ZqImageLock";
+constexpr int N_SLOTS = 48;
+constexpr int64 SLOT_SIZE = 256;
+constexpr int64 RANGE_BASE = int64{1} << 32;
+/// How long a holder that has its lock may take to write its slot.
+constexpr int64 RECORD_MS = 100;
+
+const char* rangeName(ZqImageLock::Range range) {
+    switch (range) {
+    case ZqImageLock::Shape: return "shape";
+    case ZqImageLock::Growth: return "growth";
+    case ZqImageLock::Drive: return "drive";
+    }
+    return "";
+}
+
+SxOs::Lock osLock(ZqImageLock::Mode mode) {
+    return mode == ZqImageLock::Exclusive ? SxOs::Lock::Exclusive : SxOs::Lock::Shared;
+}
+
+/// Opens the lock file of `folder`, made where it is missing. Negative: the negated errno.
+int openLockFile(const std::string& file, ZqImageLock::Mode mode) {
+    SxOs& os = SxOs::get();
+    constexpr unsigned BOTH = SxOs::Read | SxOs::Write | SxOs::NoFollow;
+    int fd = os.open(file, BOTH, 0);
+    if (fd == -ENOENT) {
+        fd = os.open(file, BOTH | SxOs::Create | SxOs::Exclusive, 0666);
+        // Whoever can reach the image may lock it, whatever the maker's umask.
+        if (fd >= 0) os.setPermissions(file, 0666);
+        if (fd == -EEXIST) fd = os.open(file, BOTH, 0);
+    }
+    if ((fd == -EACCES || fd == -EROFS) && mode == ZqImageLock::Shared) {
+        fd = os.open(file, SxOs::Read | SxOs::NoFollow, 0);
+    }
+    return fd;
+}
+
+/// Whether the file was removed, or replaced, since it was opened: then a lock on it keeps nobody away.
+bool isStale(int fd, const std::string& file) {
+    SxStat held, named;
+    return SxOs::get().statFd(fd, &held) < 0 || SxOs::get().lstat(file, &named) < 0 ||
+           held.inode != named.inode || held.device != named.device;
+}
+
+SxString printable(const char* text, int64 n) {
+    std::string result;
+    for (int64 i = 0; i < n && text[i] >= ' ' && text[i] <= '~'; ++i) result += text[i];
+    return SxString(result);
+}
+
+} // namespace
+
+SxPtr<ZqImageLock> ZqImageLock::take(const SxString& path, Range range, Mode mode, const SxString& job) {
+    SxPtr<ZqImageLock> lock = takeAnyState(path, range, mode, job);
+    refuseUnfinished(path);
+    return lock;
+}
+
+SxPtr<ZqImageLock> ZqImageLock::takeAnyState(const SxString& path, Range range, Mode mode, const SxString& job) {
+    return SxPtr<ZqImageLock>::create(Key(), path, range, mode, job);
+}
+
+void ZqImageLock::refuseUnfinished(const SxString& path) {
+    const SxString folder = ZqImageFolder::prefix(path);
+    if (SxFSAction::exists(folder + ZqImageFiles::OPTIMIZE_LOCK)) {
+        throw SxException("Image '" + path +
+                              "' is in the middle of an optimisation; go on with: tavrin image optimize IMAGE --resume",
+                          UNIT, __LINE__);
+    }
+    if (SxFSAction::exists(folder + ZqImageFiles::PATCH_PROGRESS) ||
+        SxFSAction::exists(folder + ZqImageFiles::PATCHING_LOCK)) {
+        throw SxException("Image '" + path + "' is in the middle of a patch; go on with: tavrin patch apply IMAGE PATCH",
+                          UNIT, __LINE__);
+    }
+}
+
+ZqImageLock::ZqImageLock(Key, const SxString& path, Range range_, Mode mode, const SxString& job_)
+    : folder(path), job(job_), range(range_) {
+    if (!SxFSAction::test_d(path)) {
+        throw SxException("Image folder '" + path + "' not found", UNIT, __LINE__);
+    }
+    // A reader must not leave a lock file where there is nothing to read.
+    if (mode == Shared && !ZqImageFolder::holdsImage(path)) {
+        throw SxException("Folder '" + path + "' holds no image", UNIT, __LINE__);
+    }
+    const std::string file = SxOs::hostPath(ZqImageFolder::prefix(path) + ZqImageFiles::LOCK);
+    for (;;) {
+        fd = openLockFile(file, mode);
+        if (mode == Shared && (fd == -EACCES || fd == -EROFS || fd == -ENOENT)) return;
+        int result = fd;
+        if (fd >= 0) result = SxOs::get().lockRange(fd, RANGE_BASE + range, 1, osLock(mode));
+        if (result == -EAGAIN) {
+            const SxString holder = describeHolder();
+            SxOs::get().close(fd);
+            throw SxException("Image '" + path + "' is in use by " + holder, UNIT, __LINE__);
+        }
+        if (result < 0) {
+            if (fd >= 0) SxOs::get().close(fd);
+            throw SxException(SxException(SxOs::errorText(result), UNIT, __LINE__),
+                              "Cannot lock image '" + path + "'", UNIT, __LINE__);
+        }
+        if (!isStale(fd, file)) break;
+        SxOs::get().close(fd);
+    }
+    record(mode);
+}
+
+ZqImageLock::~ZqImageLock() {
+    if (fd >= 0) SxOs::get().close(fd);
+}
+
+void ZqImageLock::lower() {
+    if (fd < 0) return;
+    const int result = SxOs::get().lockRange(fd, RANGE_BASE + range, 1, SxOs::Lock::Shared);
+    if (result < 0) {
+        throw SxException(SxException(SxOs::errorText(result), UNIT, __LINE__),
+                          "Cannot lower the lock on image '" + folder + "'", UNIT, __LINE__);
+    }
+    record(Shared);
+}
+
+void ZqImageLock::record(Mode mode) {
+    SxOs& os = SxOs::get();
+    for (int i = 0; i < N_SLOTS && slot < 0; ++i) {
+        if (os.lockRange(fd, i * SLOT_SIZE, 1, SxOs::Lock::Exclusive) == 0) slot = i;
+    }
+    // The record only serves the words of a refusal: without one the lock holds all the same.
+    if (slot < 0) return;
+    std::string line = SxString(SxString(rangeName(range)) + (mode == Exclusive ? " exclusive " : " shared ") +
+                                "process " + SxOs::processId() + " (" + job + ")")
+                           .str();
+    line.resize(SLOT_SIZE - 1, '\n');
+    line += '\n';
+    os.writeAt(fd, line.data(), SLOT_SIZE, slot * SLOT_SIZE);
+}
+
+SxString ZqImageLock::describeHolder() const {
+    SxString holder;
+    SxOs& os = SxOs::get();
+    SxWait::pass(RECORD_MS, [&] {
+        for (int i = 0; i < N_SLOTS && holder.isEmpty(); ++i) {
+            char text[SLOT_SIZE];
+            if (os.isLocked(fd, i * SLOT_SIZE, 1, SxOs::Lock::Exclusive) != 1 ||
+                os.readAt(fd, text, SLOT_SIZE, i * SLOT_SIZE) != SLOT_SIZE) {
+                continue;
+            }
+            const SxString line = printable(text, SLOT_SIZE);
+            if (line.startsWith(rangeName(range))) holder = "process " + line.right("process ");
+        }
+        return !holder.isEmpty();
+    });
+    return holder.isEmpty() ? SxString("another process") : holder;
+}

@@ -1,0 +1,55 @@
+#pragma once
+
+#include "SxPtr.h"
+#include "SxString.h"
+
+/// The locks of an image folder, which keep its users apart across processes, users and machine roots: three
+/// ranges of the file `image.lock` in it, as open-file-description locks, so that a dead process leaves none
+/// and a closed duplicate of the descriptor drops none. A job hands its lock on by sharing the pointer.
+///
+/// Lock file: 48 slots of 256 bytes, each a line of text about one holder (range, mode, process, job), padded
+/// with line feeds; a holder has its slot's first byte locked, so what stands in other slots is of the past.
+/// Behind them, from byte 2^32 on, one byte for each range.
+class ZqImageLock {
+public:
+    enum Range {
+        Shape,  ///< shared by mounts, runs, readers; exclusive to change or move blocks or records
+        Growth, ///< exclusive for the one process that downloads into the image
+        Drive   ///< exclusive for the service that serves the image
+    };
+    enum Mode { Shared, Exclusive };
+
+    /// Takes the lock for `job` (a few words, shown to whoever is refused), without waiting. Raises naming
+    /// the holder where it is held otherwise, and where the image is in the middle of an optimisation or a
+    /// patch (see refuseUnfinished()). `path` is the image folder, with or without a trailing slash; it must
+    /// exist. Shared locks of a folder that can't be written to always succeed, unrecorded: nobody can change
+    /// it.
+    static SxPtr<ZqImageLock> take(const SxString& path, Range range, Mode mode, const SxString& job);
+    /// The same for a reader that copes with an unfinished image.
+    static SxPtr<ZqImageLock> takeAnyState(const SxString& path, Range range, Mode mode, const SxString& job);
+    /// Raises where an optimisation or a patch of the image was begun and not ended, saying how to go on.
+    static void refuseUnfinished(const SxString& path);
+
+    ~ZqImageLock();
+    ZqImageLock(const ZqImageLock&) = delete;
+    ZqImageLock& operator=(const ZqImageLock&) = delete;
+
+    /// Turns an exclusive lock into a shared one.
+    void lower();
+
+private:
+    struct Key {};
+
+public:
+    /// For take() alone.
+    ZqImageLock(Key, const SxString& path, Range range, Mode mode, const SxString& job);
+
+private:
+    void record(Mode mode);
+    SxString describeHolder() const;
+
+    SxString folder, job;
+    Range range;
+    int fd = -1;
+    int slot = -1;
+};

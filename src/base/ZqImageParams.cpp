@@ -1,0 +1,59 @@
+#include "ZqImageParams.h"
+
+#include "SxException.h"
+#include "SxFSAction.h"
+#include "ZqImageFiles.h"
+#include "ZqRecordFile.h"
+
+using SxParserKit::SxSymbol;
+
+namespace {
+constexpr const char* UNIT = "src/base/ZqImageParams";
+constexpr const char* REMOVABLE = "removable";
+} // namespace
+
+ZqImageParams::ZqImageParams(const SxString& prefix) : pathPrefix(prefix) {
+    read(prefix);
+}
+
+void ZqImageParams::read(const SxString& prefix) {
+    SxString file = ZqImageFiles::IMAGE_JSON;
+    try {
+        file = ZqRecordFile::choosePrefix(prefix, pathPrefix) + file;
+        if (!SxFSAction::test_f(file)) throw SxException("File " + file + " not found", UNIT, __LINE__);
+        const SxSymbol root = ZqRecordFile::read(file, "zqimg-schema.json");
+        const ZqImageParams defaults;
+        version = root.getElem("version", true).toInt();
+        guid = root.getElem("guid", true).toString();
+        sizeRaw = root.getElem("sizeRaw", true).toInt();
+        emulatedSectorSize = root.getElem("emulatedSectorSize", true).toInt();
+        SxString mode = REMOVABLE;
+        ZqRecordFile::get(root, "deviceMode", &mode);
+        deviceMode = mode == REMOVABLE ? ZqMountMgr::Removable : ZqMountMgr::NonRemovable;
+        filesystem = defaults.filesystem;
+        ZqRecordFile::get(root, "filesystem", &filesystem);
+        driverVersion = defaults.driverVersion;
+        ZqRecordFile::get(root, "driverVersion", &driverVersion);
+    } catch (const SxException& e) {
+        throw SxException(e, "Failed to read file " + file, UNIT, __LINE__);
+    }
+}
+
+void ZqImageParams::write(const SxString& prefix) const {
+    SxString file = ZqImageFiles::IMAGE_JSON;
+    try {
+        file = ZqRecordFile::choosePrefix(prefix, pathPrefix) + file;
+        SxSymbol root;
+        root.setType(SxParserAst::Object);
+        root.append("version", version);
+        root.append("guid", guid);
+        root.append("sizeRaw", sizeRaw);
+        root.append("emulatedSectorSize", emulatedSectorSize);
+        root.append("deviceMode", deviceMode == ZqMountMgr::Removable ? REMOVABLE : "non-removable");
+        root.append("filesystem", filesystem);
+        root.append("driverVersion", driverVersion);
+        ZqRecordFile::write(root, file);
+    } catch (const SxException& e) {
+        throw SxException(e, "Failed to write file " + file, UNIT, __LINE__);
+    }
+}

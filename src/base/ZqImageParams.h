@@ -1,0 +1,29 @@
+#pragma once
+
+#include "ZqMountMgr.h"
+
+/// The record `img.json`: what a block image is, apart from its blocks. Two records with the same `guid`
+/// belong to the same RAW image. Not locked.
+class ZqImageParams {
+public:
+    int64 version = 2;
+    SxString guid = "XXXXXXXX-XXXX-4XXX-XXXX-XXXXXXXXXXXX"; ///< identity of the RAW image
+    int64 sizeRaw = 0;                                      ///< bytes of the RAW image
+    int64 emulatedSectorSize = 4096;                        ///< bytes
+    SxString pathPrefix;                                    ///< folder of the file, with its trailing slash
+    ZqMountMgr::DeviceMode deviceMode = ZqMountMgr::Removable;
+    SxString filesystem = "ntfs"; ///< a text of ZqMountMgr::FileSystem, or "none"
+    SxString driverVersion = "3.3.4";
+
+    ZqImageParams() = default;
+    /// Defaults, then read(). Raises as read() does.
+    explicit ZqImageParams(const SxString& pathPrefix);
+
+    /// Fills the record from `pathPrefix` + "img.json"; empty means the field `pathPrefix`. Raises "Failed to
+    /// read file ..." with the cause.
+    void read(const SxString& pathPrefix = SxString());
+    /// Writes the record likewise, replacing the file as a whole, and makes its folder.
+    void write(const SxString& pathPrefix = SxString()) const;
+
+    bool operator==(const ZqImageParams&) const = default;
+};

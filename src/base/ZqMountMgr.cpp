@@ -1,0 +1,33 @@
+#include "ZqMountMgr.h"
+
+#include "SxException.h"
+
+namespace {
+constexpr const char* UNIT = "src/base/ZqMountMgr";
+}
+
+SxString ZqMountMgr::getFSString(FileSystem fs) {
+    switch (fs) {
+    case NTFS: return "ntfs";
+    case ExFAT: return "exfat";
+    case FAT: return "fat";
+    case UDF: return "udf";
+    }
+    throw SxException("Unknown filesystem", UNIT, __LINE__);
+}
+
+SxString ZqMountMgr::mountModeToString(MountMode mode) {
+    switch (mode) {
+    case ReadOnly: return "ro";
+    case ReadWrite: return "rw";
+    case ReadTWLayer: return "rtw";
+    }
+    throw SxException("Unknown mount mode", UNIT, __LINE__);
+}
+
+ZqMountMgr::MountMode ZqMountMgr::stringToMountMode(const SxString& text) {
+    if (text == "ro") return ReadOnly;
+    if (text == "rw") return ReadWrite;
+    if (text == "rtw") return ReadTWLayer;
+    throw SxException("Invalid 'mountMode' value", UNIT, __LINE__);
+}

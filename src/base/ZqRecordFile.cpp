@@ -1,0 +1,71 @@
+#include "ZqRecordFile.h"
+
+#include "SxException.h"
+#include "SxFSAction.h"
+#include "SxFileIO.h"
+#include "SxJSONParser.h"
+#include "SxSchema.h"
+#include "ZqSysEnv.h"
+
+namespace {
+constexpr const char* UNIT = "src/base/ZqRecordFile";
+constexpr int64 VERSION = 2;
+} // namespace
+
+using SxParserKit::SxSymbol;
+
+SxSymbol ZqRecordFile::read(const SxString& file, const SxString& schemaName) {
+    const SxString schemaPath = ZqSysEnv::getSchemaPath() + schemaName;
+    if (!SxFSAction::test_f(schemaPath)) {
+        throw SxException("Required schema file " + schemaPath + " not found", UNIT, __LINE__);
+    }
+    SxJSONParser data, schema;
+    data.readString(SxFileIO::readUtf8(file), file, 1);
+    schema.readFile(schemaPath, 1);
+    SxSchema(schema.getAst()).validate(data.getAst());
+    const SxSymbol root = data.getRootSymbol();
+    if (root.getElem("version", true).toInt() != VERSION) {
+        throw SxException("File version of '" + file + "' not supported.", UNIT, __LINE__);
+    }
+    return root;
+}
+
+SxString ZqRecordFile::choosePrefix(const SxString& argument, const SxString& own) {
+    const SxString& prefix = argument.isEmpty() ? own : argument;
+    if (prefix.isEmpty()) throw SxException("Path prefix is empty.", UNIT, __LINE__);
+    return prefix;
+}
+
+uint64 ZqRecordFile::toUnsigned(const SxSymbol& number) {
+    const int64 value = number.toInt();
+    if (value < 0) {
+        throw SxException(SxString("The number ") + value + " must not be negative", UNIT, __LINE__);
+    }
+    return static_cast<uint64>(value);
+}
+
+void ZqRecordFile::write(const SxSymbol& root, const SxString& file) {
+    const SxFileInfo info(file);
+    SxFSAction::mkdir_p(info.getPath(), 0777);
+    root.write(info.getAbsPath());
+}
+
+void ZqRecordFile::get(const SxSymbol& object, const char* key, SxString* field) {
+    const SxSymbol elem = object.getElem(key, false);
+    if (elem.isValid()) *field = elem.toString();
+}
+
+void ZqRecordFile::get(const SxSymbol& object, const char* key, int64* field) {
+    const SxSymbol elem = object.getElem(key, false);
+    if (elem.isValid()) *field = elem.toInt();
+}
+
+void ZqRecordFile::get(const SxSymbol& object, const char* key, uint64* field) {
+    const SxSymbol elem = object.getElem(key, false);
+    if (elem.isValid()) *field = toUnsigned(elem);
+}
+
+void ZqRecordFile::get(const SxSymbol& object, const char* key, SxList<SxString>* field) {
+    const SxSymbol elem = object.getElem(key, false);
+    if (elem.isValid()) *field = elem.toStringList();
+}

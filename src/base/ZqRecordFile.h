@@ -1,0 +1,23 @@
+#pragma once
+
+#include "SxSymbol.h"
+
+/// What the JSON records of the library have in common.
+class ZqRecordFile {
+public:
+    /// Reads `file`, validates it against the schema of that name and checks that its `version` is 2. Raises the
+    /// plain failure; the record adds its own level.
+    static SxParserKit::SxSymbol read(const SxString& file, const SxString& schemaName);
+    /// The prefix to use: `argument`, or `own` where it is empty. Raises where both are.
+    static SxString choosePrefix(const SxString& argument, const SxString& own);
+    /// A number that must not be negative.
+    static uint64 toUnsigned(const SxParserKit::SxSymbol& number);
+    /// Writes the tree as the whole of `file`, atomically; makes the folder.
+    static void write(const SxParserKit::SxSymbol& root, const SxString& file);
+
+    // The optional keys: the field stays where the key is absent.
+    static void get(const SxParserKit::SxSymbol& object, const char* key, SxString* field);
+    static void get(const SxParserKit::SxSymbol& object, const char* key, int64* field);
+    static void get(const SxParserKit::SxSymbol& object, const char* key, uint64* field);
+    static void get(const SxParserKit::SxSymbol& object, const char* key, SxList<SxString>* field);
+};
