@@ -1,0 +1,251 @@
+#include "App.h"
+
+#include <tavrin/ZqLog.h>
+#include <tavrin/ZqSysEnv.h>
+
+#include <CLI/CLI.hpp>
+
+#include <charconv>
+#include <csignal>
+#include <cstdio>
+#include <fcntl.h>
+
+namespace {
+constexpr const char* UNIT = "src/client/App";
+constexpr const char* COMMON_GROUP = "Common options";
+
+/// A descriptor that the caller left closed would be given to the next file that is opened, and what is said
+/// would go into that file.
+void fillStandardDescriptors() {
+    for (int fd = 0; fd <= 2; ++fd) {
+        if (::fcntl(fd, F_GETFD) >= 0) continue;
+        if (::open("/dev/null", O_RDWR) < 0) throw SxException("Cannot open /dev/null", UNIT, __LINE__);
+    }
+}
+
+/// Lets a write to a closed pipe fail instead of ending the process in the middle of a job. A handler, unlike
+/// an ignored signal, is not handed on to child processes.
+void catchClosedPipes() {
+    struct sigaction action = {};
+    action.sa_handler = [](int) {};
+    ::sigaction(SIGPIPE, &action, nullptr);
+}
+
+void addCommonOptions(CLI::App* command, OutputMode* mode) {
+    command->set_help_flag("-h,--help", "Show this help and exit")->group(COMMON_GROUP);
+    command->add_flag("--json", mode->json, "Give the result as JSON")->group(COMMON_GROUP);
+    command->add_flag("--quiet", mode->quiet, "Say nothing but errors")->group(COMMON_GROUP);
+    command->add_flag("--verbose", mode->verbose, "Show the log and where errors come from")
+        ->group(COMMON_GROUP);
+}
+
+uint64 parseNumber(const std::string& name, const std::string& text, uint64 least) {
+    uint64 value = 0;
+    const char* end = text.data() + text.size();
+    const auto [stop, error] = std::from_chars(text.data(), end, value);
+    if (text.empty() || stop != end || error != std::errc() || value < least) {
+        throw CLI::ValidationError(name + " needs a whole number of " + std::to_string(least) +
+                                   " or more, not '" + text + "'");
+    }
+    return value;
+}
+
+/// The command that the parser has come to.
+const CLI::App* deepest(const CLI::App* command) {
+    for (;;) {
+        const auto chosen = command->get_subcommands();
+        if (chosen.empty()) return command;
+        command = chosen.back();
+    }
+}
+
+/// The verb's name with its family's, without the program's.
+std::string verbName(const CLI::App* command) {
+    std::string name;
+    for (; command->get_parent(); command = command->get_parent())
+        name = command->get_name() + (name.empty() ? "" : " ") + name;
+    return name;
+}
+
+bool hasSubcommands(const CLI::App* command) {
+    return !command->get_subcommands([](const CLI::App*) { return true; }).empty();
+}
+
+std::string describeExtra(const CLI::App* command, const std::vector<std::string>& extras) {
+    const std::string word = extras.empty() ? "" : extras.front();
+    if (word.starts_with("-")) return "unknown option '" + word + "'";
+    if (!hasSubcommands(command)) return "unexpected argument '" + word + "'";
+    return (command->get_parent() ? "unknown verb '" : "unknown command '") + word + "'";
+}
+
+/// What is wrong with the command line, in one sentence.
+std::string describe(const CLI::App& root, const CLI::ParseError& e) {
+    const CLI::App* command = deepest(&root);
+    std::string text = e.what();
+    if (dynamic_cast<const CLI::ExtrasError*>(&e)) {
+        text = describeExtra(command, root.remaining(true));
+    } else if (dynamic_cast<const CLI::ArgumentMismatch*>(&e)) {
+        // The parser's own sentence begins with the option's name; repeated options are allowed.
+        text = text.substr(0, text.find_first_of(": ")) + " needs a value";
+    }
+    const std::string name = verbName(command);
+    return name.empty() ? text : name + ": " + text;
+}
+
+/// Whether `word` is an option of `command` that takes the next word as its value.
+bool takesNextWord(const CLI::App* command, const std::string& word) {
+    const CLI::Option* option = command->get_option_no_throw(word);
+    return option && option->nonpositional() && option->get_items_expected_min() > 0;
+}
+
+const CLI::App* findSubcommand(const CLI::App* command, const std::string& name) {
+    const auto found = command->get_subcommands([&](const CLI::App* sub) { return sub->get_name() == name; });
+    return found.empty() ? nullptr : found.front();
+}
+} // namespace
+
+Verb& Verb::argument(const char* name, SxString* value, const char* help) {
+    const auto take = [value, name](const std::string& text) {
+        if (text.empty()) throw CLI::ValidationError(std::string(name) + " is empty");
+        *value = text;
+    };
+    command->add_option_function<std::string>(name, take, help)->required()->type_name("");
+    return *this;
+}
+
+Verb& Verb::number(const char* name, uint64* value, uint64 least, const char* help, bool required) {
+    const auto take = [value, name, least](const std::string& text) {
+        *value = parseNumber(name, text, least);
+    };
+    command->add_option_function<std::string>(name, take, help)
+        ->required(required)
+        ->type_name("N")
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
+    return *this;
+}
+
+Verb& Verb::flag(const char* name, bool* value, const char* help) {
+    command->add_flag(name, *value, help);
+    return *this;
+}
+
+void Verb::action(Action action) {
+    addCommonOptions(command, mode);
+    command->callback([target = chosen, action = std::move(action)] { *target = action; });
+}
+
+Verb Family::verb(const char* name, const char* help, const char* example) {
+    CLI::App* verb = command->add_subcommand(name, help);
+    verb->group("Verbs");
+    verb->footer(std::string("Example:\n  ") + example);
+    return Verb(verb, mode, chosen);
+}
+
+App::App() : root(std::make_unique<CLI::App>("Play a game while its disk image still downloads", "tavrin")) {
+    // Not more than one: a folder that is called like a command is an argument behind the verb.
+    root->require_subcommand(0, 1);
+    root->get_formatter()->label("SUBCOMMAND", "COMMAND");
+    root->get_formatter()->label("Positionals", "Arguments");
+    addCommonOptions(root.get(), &mode);
+    root->set_version_flag("--version", "tavrin " + ZqSysEnv::getRTEVersion().str(),
+                           "Show the version and exit")
+        ->group(COMMON_GROUP);
+    root->footer("Each verb has its own help: tavrin FAMILY VERB --help");
+}
+
+App::~App() = default;
+
+Family App::family(const char* name, const char* help) {
+    CLI::App* family = root->add_subcommand(name, help);
+    family->require_subcommand(0, 1);
+    family->group("Commands");
+    addCommonOptions(family, &mode);
+    return Family(family, &mode, &chosen);
+}
+
+bool App::parse(int argc, char** argv, int* exitCode) {
+    *exitCode = ExitUsage;
+    try {
+        root->parse(argc, argv);
+    } catch (const CLI::Success& e) {
+        const bool version = dynamic_cast<const CLI::CallForVersion*>(&e) != nullptr;
+        Output out(mode);
+        out.raw(version ? std::string(e.what()) + "\n" : root->help());
+        out.flush();
+        *exitCode = ExitSuccess;
+        return false;
+    } catch (const CLI::ParseError& e) {
+        Output::failure(SxString(describe(*root, e)));
+        return false;
+    }
+    if (chosen) return true;
+    std::fputs(root->help().c_str(), stderr);
+    return false;
+}
+
+int App::printCandidates(int argc, char** argv) const {
+    SxList<SxString> words;
+    for (int i = 2; i < argc; ++i)
+        words << SxString(argv[i]);
+    Output out(mode);
+    for (const SxString& candidate : complete(words))
+        out.raw((candidate + "\n").str());
+    out.flush();
+    return ExitSuccess;
+}
+
+int App::run(int argc, char** argv) {
+    try {
+        fillStandardDescriptors();
+        catchClosedPipes();
+        if (argc > 1 && std::string_view(argv[1]) == "__complete") return printCandidates(argc, argv);
+        int exitCode = ExitSuccess;
+        if (!parse(argc, argv, &exitCode)) return exitCode;
+        if (mode.verbose) ZqLog::setVerbose(true);
+
+        Output out(mode);
+        exitCode = chosen(out);
+        out.flush();
+        return exitCode;
+    } catch (const SxException& e) {
+        std::fflush(stdout);
+        Output::failure(e, mode.verbose);
+    } catch (const std::exception& e) {
+        std::fflush(stdout);
+        Output::failure(SxString(e.what()));
+    }
+    return ExitFailure;
+}
+
+SxList<SxString> App::complete(const SxList<SxString>& words) const {
+    const CLI::App* command = root.get();
+    std::string current;
+    bool valueWanted = false, optionsEnded = false;
+    int64 i = 0;
+    for (const SxString& word : words) {
+        current = word.str();
+        if (++i == words.getSize()) break;
+        if (valueWanted) {
+            valueWanted = false;
+        } else if (current == "--") {
+            optionsEnded = true;
+        } else if (!optionsEnded && current.starts_with("-")) {
+            valueWanted = takesNextWord(command, current);
+        } else if (const CLI::App* sub = findSubcommand(command, current)) {
+            command = sub;
+        }
+    }
+
+    SxList<SxString> result;
+    if (valueWanted || optionsEnded) return result;
+    if (current.starts_with("-")) {
+        for (const CLI::Option* option : command->get_options()) {
+            for (const std::string& name : option->get_lnames())
+                if (("--" + name).starts_with(current)) result << SxString("--" + name);
+        }
+        return result;
+    }
+    for (const CLI::App* sub : command->get_subcommands([](const CLI::App*) { return true; }))
+        if (sub->get_name().starts_with(current)) result << SxString(sub->get_name());
+    return result;
+}

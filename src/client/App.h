@@ -1,0 +1,82 @@
+#pragma once
+
+#include "Output.h"
+
+#include <functional>
+#include <memory>
+
+namespace CLI {
+class App;
+}
+
+/// Exit codes of the client.
+enum ExitCode : int { ExitSuccess = 0, ExitFailure = 1, ExitUsage = 2 };
+
+/// What a verb does, with its exit code. An SxException that leaves it is shown and gives ExitFailure.
+using Action = std::function<int(Output& out)>;
+
+/// One verb while it is being described. The targets of arguments and options must live until the action has
+/// run; an option that isn't given leaves its target alone.
+class Verb {
+public:
+    /// A required argument, by its place; it can't be empty.
+    Verb& argument(const char* name, SxString* value, const char* help);
+    /// An option with a whole number of at least `least` as value.
+    Verb& number(const char* name, uint64* value, uint64 least, const char* help, bool required = false);
+    Verb& flag(const char* name, bool* value, const char* help);
+    /// Ends the description.
+    void action(Action action);
+
+private:
+    friend class Family;
+    Verb(CLI::App* command_, OutputMode* mode_, Action* chosen_)
+        : command(command_),
+          mode(mode_),
+          chosen(chosen_) {}
+
+    CLI::App* command;
+    OutputMode* mode;
+    Action* chosen;
+};
+
+/// A group of verbs, `tavrin FAMILY VERB`.
+class Family {
+public:
+    /// `example` is a whole command line, shown by --help.
+    Verb verb(const char* name, const char* help, const char* example);
+
+private:
+    friend class App;
+    Family(CLI::App* command_, OutputMode* mode_, Action* chosen_)
+        : command(command_),
+          mode(mode_),
+          chosen(chosen_) {}
+
+    CLI::App* command;
+    OutputMode* mode;
+    Action* chosen;
+};
+
+/// The command line: knows all families, finds the verb and runs it.
+class App {
+public:
+    App();
+    ~App();
+    App(const App&) = delete;
+    App& operator=(const App&) = delete;
+
+    Family family(const char* name, const char* help);
+    /// Parses the arguments of main(), runs the verb and gives the exit code.
+    int run(int argc, char** argv);
+    /// What can stand in the place of the last of `words` (those behind the program's name): families, verbs,
+    /// options. Empty where a file name or a value is wanted.
+    SxList<SxString> complete(const SxList<SxString>& words) const;
+
+private:
+    bool parse(int argc, char** argv, int* exitCode);
+    int printCandidates(int argc, char** argv) const;
+
+    std::unique_ptr<CLI::App> root;
+    OutputMode mode;
+    Action chosen;
+};

@@ -1,0 +1,60 @@
+#include "App.h"
+#include "Job.h"
+#include "Verbs.h"
+
+#include <tavrin/SxFSAction.h>
+#include <tavrin/ZqCreateContent.h>
+#include <tavrin/ZqImage.h>
+#include <tavrin/ZqImageFolder.h>
+
+namespace {
+constexpr const char* UNIT = "src/client/ContentVerbs";
+
+struct CreateOptions {
+    SxString source, image;
+};
+
+int create(const CreateOptions& options, Output& out) {
+    // The job itself only logs it.
+    if (!SxFSAction::test_d(options.source)) {
+        throw SxException(options.source + " is not a directory.", UNIT, __LINE__);
+    }
+    // The library replaces whatever stands there; a mistyped path must not cost a folder of documents.
+    if (!ZqImageFolder::isFree(options.image) && !ZqImageFolder::holdsImage(options.image)) {
+        throw SxException("Folder '" + options.image + "' isn't empty and holds no image; name another, or empty it",
+                          UNIT, __LINE__);
+    }
+    ZqCreateContent job(options.image, options.source);
+    const double seconds = runJob(&job, "create", out);
+    if (!job.isComplete()) throw SxException("stopped", UNIT, __LINE__);
+
+    const auto bytes = static_cast<uint64>(job.runtimeInfo->createStats.bytes);
+    const uint64 nBlocks = bytes / ZqImage::BLOCK_SIZE;
+    const double rate = static_cast<double>(bytes) / std::max(seconds, 1e-3);
+    if (out.getMode().json) {
+        SxParserKit::SxSymbol result;
+        result.setType(SxParserAst::Object);
+        result.append("files", job.getNFiles());
+        result.append("blocks", nBlocks);
+        result.append("bytes", bytes);
+        result.append("seconds", seconds);
+        result.append("bytesPerSecond", static_cast<int64>(rate));
+        out.object(result);
+    }
+    out.text("Packed " + SxString(job.getNFiles()) + " files in " + nBlocks + " blocks, " + exactBytes(bytes) +
+             SxString::sprintf(", in %.1f s (", seconds) + readableBytes(rate) + "/s).");
+    return ExitSuccess;
+}
+} // namespace
+
+void registerContentVerbs(App* app) {
+    Family family = app->family("content", "Folders of files as images without a file system");
+
+    auto options = SxPtr<CreateOptions>::create();
+    family
+        .verb("create", "Pack a folder of files into an image folder",
+              "tavrin content create build/alpha games/alpha")
+        .argument("SRC", &options->source, "Folder to pack")
+        .argument("IMAGE", &options->image, "Image folder to write; what it held is replaced")
+        .action([options](Output& out) { return create(*options, out); });
+}

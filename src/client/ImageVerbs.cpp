@@ -1,0 +1,255 @@
+#include "App.h"
+#include "Job.h"
+#include "Verbs.h"
+
+#include <tavrin/SxFSAction.h>
+#include <tavrin/SxFileIO.h>
+#include <tavrin/SxJSONParser.h>
+#include <tavrin/ZqImage.h>
+#include <tavrin/ZqImageCheck.h>
+#include <tavrin/ZqImageFiles.h>
+#include <tavrin/ZqImageFolder.h>
+#include <tavrin/ZqImageInfo.h>
+#include <tavrin/ZqImageLock.h>
+
+namespace {
+constexpr const char* UNIT = "src/client/ImageVerbs";
+
+using SxParserKit::SxSymbol;
+namespace Json = SxParserAst;
+
+struct MapOptions {
+    SxString image;
+    uint64 first = 0, last = 0, step = 1;
+    bool reverse = false;
+};
+
+struct SplitOptions {
+    SxString image;
+    uint64 partSize = 0;
+    bool compress = false;
+};
+
+uint64 fileSize(const SxString& path) {
+    return static_cast<uint64>(SxFileInfo(path).getSize());
+}
+
+// --- info
+
+void appendRecord(SxSymbol* result, const SxString& key, const SxString& path) {
+    SxJSONParser parser;
+    parser.readFile(path);
+    result->appendCopy(key, parser.getRootSymbol());
+}
+
+SxSymbol describeJson(const ZqImageInfo& info, const SxString& folder) {
+    SxSymbol result;
+    result.setType(Json::Object);
+    SxSymbol blocks = result.append("blocks", Json::Object);
+    blocks.append("raw", info.nRaw);
+    blocks.append("included", info.nIncluded);
+    blocks.append("present", info.nPresent);
+    result.append("state", info.getStateText());
+    result.append("sizeZqf", info.sizeZqf);
+    result.append("runs", info.nRuns);
+    if (info.split) {
+        result.append("split", Json::Object).append("partSize", info.partSize);
+    } else {
+        result.append("split", Json::Null);
+    }
+    result.append("joining", info.joining);
+    appendRecord(&result, "app", folder + ZqImageFiles::APP_JSON);
+    appendRecord(&result, "image", folder + ZqImageFiles::IMAGE_JSON);
+    return result;
+}
+
+SxString describeParts(const ZqImageInfo& info) {
+    SxString text =
+        info.split ? "cut into parts of " + exactBytes(info.partSize) : SxString("one file");
+    if (info.joining) text += ", a join was cut off: join again";
+    return text;
+}
+
+void describeText(const ZqImageInfo& info, Output* out) {
+    const auto field = [&](const char* name, const SxString& value) {
+        out->text(SxString::sprintf("%-13s ", name) + value);
+    };
+    const ZqAppParams& app = info.app;
+    field("State", info.getStateText());
+    field("Application", app.guid);
+    field("Command", app.cmd + (app.args.isEmpty() ? "" : " ") + SxString::join(app.args, " "));
+    field("Mount mode", ZqMountMgr::mountModeToString(app.mountMode));
+    field("Image", info.image.guid);
+    field("File system", info.image.filesystem);
+    field("RAW image", exactBytes(static_cast<uint64>(info.image.sizeRaw)));
+    field("ZqF file", exactBytes(info.sizeZqf) + " present of " + exactBytes(info.sizeComplete));
+    field("Map", exactBytes(app.sizeIdx));
+    field("For a mount", exactBytes(app.sizeMnt));
+    field("Blocks",
+          SxString(info.nRaw) + " raw, " + info.nIncluded + " included, " + info.nPresent + " present");
+    field("Order", SxString(info.nRuns) + (info.nRuns == 1 ? " run" : " runs"));
+    field("Storage", describeParts(info));
+}
+
+int showInfo(const SxString& image, Output& out) {
+    const auto lock = ZqImageLock::takeAnyState(image, ZqImageLock::Shape, ZqImageLock::Shared, "image info");
+    const SxString folder = ZqImageFolder::prefix(image);
+    const ZqImageInfo info(image);
+    if (out.getMode().json) {
+        out.object(describeJson(info, folder));
+    } else {
+        describeText(info, &out);
+    }
+    return ExitSuccess;
+}
+
+// --- map
+
+/// The line of one entry, with its line feed.
+SxString formatMapLine(uint64 idx, uint64 entry, bool reverse, bool json) {
+    const bool hole = entry == ZqImage::NO_ENTRY;
+    if (json) {
+        const char* key = reverse ? "zqf" : "raw";
+        const char* value = reverse ? "raw" : "zqf";
+        return SxString::sprintf("{\"%s\":%ju,\"%s\":", key, uintmax_t{idx}, value) +
+               (hole ? SxString("null") : SxString(entry)) + "}\n";
+    }
+    if (!reverse) return ZqImage::formatEntry(idx, entry);
+    if (hole) return SxString::sprintf("ZQF=%-9ju (hole)\n", uintmax_t{idx});
+    return SxString::sprintf("ZQF=%-9ju RAW=%-9ju\n", uintmax_t{idx}, uintmax_t{entry});
+}
+
+int showMap(const MapOptions& options, Output& out) {
+    const auto lock = ZqImageLock::take(options.image, ZqImageLock::Shape, ZqImageLock::Shared, "image map");
+    const ZqImage image(ZqImageFolder::prefix(options.image));
+    const SxArray<uint64> map = options.reverse ? image.getReverseMap() : image.getMap();
+
+    const auto size = static_cast<uint64>(map.getSize());
+    const uint64 last = options.last == 0 ? size : std::min(options.last, size);
+    const uint64 first = std::min(options.first, last);
+    // A wider stride lists the same, but could overflow.
+    const uint64 step = std::min(options.step, size + 1);
+    for (uint64 idx = (first + step - 1) / step * step; idx < last && !out.isClosed(); idx += step) {
+        out.listing(formatMapLine(idx, map(static_cast<int64>(idx)), options.reverse, out.getMode().json));
+    }
+    return ExitSuccess;
+}
+
+// --- verify
+
+void appendTexts(SxSymbol* result, const char* key, const SxList<SxString>& texts) {
+    SxSymbol array = result->append(key, Json::Array);
+    for (const SxString& text : texts)
+        array.append(validUtf8(text));
+}
+
+int verify(const SxString& image, Output& out) {
+    ZqImageCheck check(image);
+    runJob(&check, "verify", out);
+
+    const bool ok = check.getFaults().isEmpty();
+    if (out.getMode().json) {
+        SxSymbol result;
+        result.setType(Json::Object);
+        result.append("ok", ok);
+        result.append("partial", check.isPartial());
+        appendTexts(&result, "faults", check.getFaults());
+        appendTexts(&result, "notes", check.getNotes());
+        out.object(result);
+    }
+    for (const SxString& note : check.getNotes())
+        out.text(note);
+    for (const SxString& fault : check.getFaults())
+        out.finding("FAULT: " + fault);
+    if (ok) {
+        out.text(check.isPartial() ? "No fault as far as the image is there." : "No fault.");
+        return ExitSuccess;
+    }
+    const int64 n = check.getFaults().getSize();
+    throw SxException(image + ": " + n + (n == 1 ? " fault" : " faults"), UNIT, __LINE__);
+}
+
+// --- split and join
+
+int split(const SplitOptions& options, Output& out) {
+    const SxString folder = ZqImageFolder::prefix(options.image);
+    FunctionJob job(
+        [&](ZqTaskMon* progress) { ZqImage(folder).split(options.partSize, options.compress, progress); });
+    const double seconds = runJob(&job, "split", out);
+
+    const bool done = SxFSAction::test_f(folder + ZqImageFiles::SPLIT_INFO);
+    if (out.getMode().json) {
+        SxSymbol result;
+        result.setType(Json::Object);
+        result.append("split", done);
+        result.append("partSize", options.partSize);
+        result.append("compressed", done && options.compress);
+        result.append("seconds", seconds);
+        out.object(result);
+    } else if (done) {
+        out.text(SxString("Cut into parts of ") + exactBytes(options.partSize) +
+                 SxString::sprintf(" in %.1f s.", seconds));
+    } else {
+        out.text("Nothing to do: one part would hold the whole file.");
+    }
+    return ExitSuccess;
+}
+
+int join(const SxString& image, Output& out) {
+    const SxString folder = ZqImageFolder::prefix(image);
+    FunctionJob job([&](ZqTaskMon* progress) { ZqImage(folder).join(progress); });
+    const double seconds = runJob(&job, "join", out);
+
+    const uint64 bytes = fileSize(folder + ZqImageFiles::ZQF);
+    if (out.getMode().json) {
+        SxSymbol result;
+        result.setType(Json::Object);
+        result.append("sizeZqf", bytes);
+        result.append("seconds", seconds);
+        out.object(result);
+    }
+    out.text("Joined to " + exactBytes(bytes) + SxString::sprintf(" in %.1f s.", seconds));
+    return ExitSuccess;
+}
+
+constexpr const char* IMAGE_HELP = "Image folder";
+} // namespace
+
+void registerImageVerbs(App* app) {
+    Family family = app->family("image", "Image folders: what they hold, checks, parts");
+
+    const auto simple = [&](const char* name, const char* help, const char* example, auto function) {
+        auto image = SxPtr<SxString>::create();
+        family.verb(name, help, example)
+            .argument("IMAGE", image.getPtr(), IMAGE_HELP)
+            .action([image, function](Output& out) { return function(*image, out); });
+    };
+    simple("info", "Show records, sizes, blocks, order and state", "tavrin image info games/alpha --json",
+           showInfo);
+
+    auto map = SxPtr<MapOptions>::create();
+    family
+        .verb("map", "List the block map, one entry a line",
+              "tavrin image map games/alpha --first 100 --last 200")
+        .argument("IMAGE", &map->image, IMAGE_HELP)
+        .number("--first", &map->first, 0, "Index of the first entry")
+        .number("--last", &map->last, 0, "Index behind the last entry; 0 is the end of the map")
+        .number("--step", &map->step, 1, "Only entries whose index is a multiple of this")
+        .flag("--reverse", &map->reverse, "List by ZqF index instead of RAW index")
+        .action([map](Output& out) { return showMap(*map, out); });
+
+    simple("verify", "Check digests, map and sizes, as far as the image is there",
+           "tavrin image verify games/alpha", verify);
+
+    auto splitting = SxPtr<SplitOptions>::create();
+    family
+        .verb("split", "Cut the image's data into parts",
+              "tavrin image split games/alpha --part-size 1073741824 --compress")
+        .argument("IMAGE", &splitting->image, IMAGE_HELP)
+        .number("--part-size", &splitting->partSize, 1, "Bytes of a part", true)
+        .flag("--compress", &splitting->compress,
+              "Compress each part; such parts can't be joined as they are")
+        .action([splitting](Output& out) { return split(*splitting, out); });
+
+    simple("join", "Put the parts of a split image together again", "tavrin image join games/alpha", join);
+}

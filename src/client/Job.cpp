@@ -1,0 +1,67 @@
+#include "Job.h"
+
+#include "Progress.h"
+
+#include <tavrin/SxClock.h>
+#include <tavrin/SxTime.h>
+
+#include <array>
+#include <atomic>
+#include <csignal>
+
+namespace {
+constexpr const char* UNIT = "src/client/Job";
+constexpr int64 POLL_MS = 100;
+
+std::atomic<bool> stopAsked = false;
+static_assert(std::atomic<bool>::is_always_lock_free, "set in a signal handler");
+
+/// Notes the signals that ask for an end, once each, while it lives. One that the caller of the client
+/// ignores, as nohup does, stays ignored.
+class StopSignals {
+public:
+    StopSignals() {
+        stopAsked = false;
+        struct sigaction action = {};
+        action.sa_handler = [](int) { stopAsked = true; };
+        action.sa_flags = static_cast<int>(SA_RESETHAND | SA_RESTART);
+        for (size_t i = 0; i < SIGNALS.size(); ++i) {
+            ::sigaction(SIGNALS[i], nullptr, &before[i]);
+            if (before[i].sa_handler != SIG_IGN) ::sigaction(SIGNALS[i], &action, nullptr);
+        }
+    }
+    ~StopSignals() {
+        for (size_t i = 0; i < SIGNALS.size(); ++i)
+            ::sigaction(SIGNALS[i], &before[i], nullptr);
+    }
+    StopSignals(const StopSignals&) = delete;
+    StopSignals& operator=(const StopSignals&) = delete;
+
+private:
+    static constexpr std::array<int, 3> SIGNALS = {SIGINT, SIGTERM, SIGHUP};
+    std::array<struct sigaction, 3> before = {};
+};
+
+/// The failure that a stop is shown as; any but that of the stop itself happened on the way out.
+SxException stopped(const ZqTaskMon& job) {
+    const SxException plain("stopped", UNIT, __LINE__);
+    const SxException failure = job.getException();
+    return failure.hasTag(SxException::STOPPED) ? plain : SxException(failure, "stopped", UNIT, __LINE__);
+}
+} // namespace
+
+double runJob(ZqTaskMon* job, const SxString& label, const Output& out) {
+    StopSignals signals;
+    Progress progress(out.getMode(), label);
+    const int64 startNs = SxClock::get().steadyNs();
+    job->start();
+    while (!SxWait::pass(POLL_MS, [&] { return !job->isRunning(); })) {
+        if (stopAsked) job->stop();
+        progress.update(job->getNCurrent(), job->getNTotal());
+    }
+    job->wait();
+    progress.finish();
+
+    if (job->hasException()) throw stopAsked ? stopped(*job) : job->getException();
+    return static_cast<double>(SxClock::get().steadyNs() - startNs) * 1e-9;
+}

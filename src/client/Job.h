@@ -1,0 +1,26 @@
+#pragma once
+
+#include "Output.h"
+
+#include <tavrin/ZqTaskMon.h>
+
+#include <functional>
+
+/// Job that runs one operation of the library, which counts its progress in it.
+class FunctionJob : public ZqTaskMon {
+public:
+    using Function = std::function<void(ZqTaskMon* progress)>;
+
+    explicit FunctionJob(Function function_) : function(std::move(function_)) {}
+
+protected:
+    void main() override { function(this); }
+
+private:
+    Function function;
+};
+
+/// Starts `job`, shows its progress under `label` until it has ended, and gives the seconds that it took.
+/// Raises what left the job. On SIGINT, SIGTERM or SIGHUP the job is asked to stop and waited for, and where it
+/// then fails "stopped" is raised; a second signal has its usual effect.
+double runJob(ZqTaskMon* job, const SxString& label, const Output& out);

@@ -1,0 +1,113 @@
+#include "Progress.h"
+
+#include <tavrin/SxClock.h>
+
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <string_view>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+namespace {
+constexpr int64 PLAIN_INTERVAL_NS = 2'000'000'000;
+constexpr int64 MIN_BAR = 10, MAX_BAR = 40;
+constexpr double SMOOTHING_SECONDS = 3;
+
+bool isDrawable() {
+    const char* term = std::getenv("TERM");
+    return ::isatty(STDERR_FILENO) && term && std::string_view(term) != "dumb";
+}
+
+int64 terminalWidth() {
+    winsize size = {};
+    if (::ioctl(STDERR_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_col == 0) return 80;
+    return size.ws_col;
+}
+
+SxString formatEta(double seconds) {
+    const int64 s = std::llround(std::ceil(seconds));
+    if (s >= 360000) return "> 99 h";
+    if (s >= 3600) return SxString::sprintf("%d:%02d:%02d", int(s / 3600), int(s / 60 % 60), int(s % 60));
+    return SxString::sprintf("%d:%02d", int(s / 60), int(s % 60));
+}
+
+SxString formatBar(double fraction, int64 width) {
+    const auto filled = static_cast<size_t>(fraction * static_cast<double>(width - 2));
+    return "[" + std::string(filled, '#') + std::string(static_cast<size_t>(width - 2) - filled, '-') + "]";
+}
+} // namespace
+
+Progress::Progress(const OutputMode& mode, const SxString& label_)
+    : label(label_),
+      style(mode.quiet                      ? Silent
+            : isDrawable() && !mode.verbose ? Drawn // log lines would tear the drawn one
+                                            : Plain),
+      startNs(SxClock::get().steadyNs()),
+      lastNs(startNs),
+      lastLineNs(startNs) {
+}
+
+void Progress::update(uint64 nCurrent, uint64 nTotal) {
+    const int64 nowNs = SxClock::get().steadyNs();
+    measure(nCurrent, nowNs);
+    if (style == Drawn) {
+        const SxString line = formatLine(label, nCurrent, nTotal, rate, terminalWidth() - 1);
+        std::fputs(("\r" + line + "\x1b[K").ascii(), stderr);
+        std::fflush(stderr);
+        drawn = true;
+    } else if (style == Plain && nowNs - lastLineNs >= PLAIN_INTERVAL_NS) {
+        std::fputs((formatLine(label, nCurrent, nTotal, rate, MIN_BAR + 69) + "\n").ascii(), stderr);
+        lastLineNs = nowNs;
+    }
+}
+
+void Progress::measure(uint64 nCurrent, int64 nowNs) {
+    // A job that goes on where an earlier one ended doesn't begin at 0, one with several phases begins anew.
+    if (!measured || nCurrent < lastCurrent) {
+        measured = true;
+        startNs = nowNs;
+        rate = 0;
+    } else if (nowNs > lastNs) {
+        const double dt = static_cast<double>(nowNs - lastNs) * 1e-9;
+        const double age = static_cast<double>(nowNs - startNs) * 1e-9;
+        const double latest = static_cast<double>(nCurrent - lastCurrent) / dt;
+        // In the first seconds the plain mean, then one that forgets.
+        const double weight = std::max(dt / age, 1 - std::exp(-dt / SMOOTHING_SECONDS));
+        rate += (latest - rate) * weight;
+    }
+    lastCurrent = nCurrent;
+    lastNs = nowNs;
+}
+
+void Progress::finish() {
+    if (!drawn) return;
+    std::fputs("\r\x1b[K", stderr);
+    std::fflush(stderr);
+    drawn = false;
+}
+
+SxString Progress::formatLine(const SxString& label, uint64 nCurrent, uint64 nTotal, double rate,
+                              int64 width) {
+    const double done = static_cast<double>(nCurrent), total = static_cast<double>(nTotal);
+    const double fraction = nTotal > 0 ? std::min(done / total, 1.0) : 0;
+    SxString line = label, tail;
+    if (nTotal > 0) line += SxString::sprintf("  %3d %%", int(fraction * 100));
+
+    const auto add = [&](const SxString& part) {
+        if (line.getSize() + tail.getSize() + part.getSize() + 2 <= width) tail += "  " + part;
+    };
+    // Of even width, so that the bar stands still.
+    const SxString current = SxString::sprintf("%10s", readableBytes(done).ascii());
+    add(nTotal > 0 ? current + " of " + readableBytes(total) : current);
+    if (rate > 0) add(SxString::sprintf("%10s/s", readableBytes(rate).ascii()));
+    if (rate > 0 && nTotal > nCurrent) {
+        add(SxString::sprintf("ETA %5s", formatEta((total - done) / rate).ascii()));
+    }
+
+    const int64 left = width - line.getSize() - tail.getSize() - 2;
+    if (nTotal > 0 && left >= MIN_BAR) line += "  " + formatBar(fraction, std::min(left, MAX_BAR));
+    line += tail;
+    line.updateNChars(std::min(line.getSize(), width));
+    return line;
+}

@@ -1,0 +1,34 @@
+#pragma once
+
+#include "Output.h"
+
+/// The progress of one job on standard error: on a terminal one line that is drawn again and again, else a
+/// plain line every few seconds; nothing with --quiet. Works the rate out from its own clock. Main thread
+/// only.
+class Progress {
+public:
+    Progress(const OutputMode& mode, const SxString& label);
+
+    /// Shows that `nCurrent` of `nTotal` bytes are done; a total of 0 isn't known yet.
+    void update(uint64 nCurrent, uint64 nTotal);
+    /// Takes the drawn line away.
+    void finish();
+
+    /// The progress line in at most `width` columns: what doesn't fit is left out, the bar first. `rate` is
+    /// in bytes per second.
+    static SxString formatLine(const SxString& label, uint64 nCurrent, uint64 nTotal, double rate,
+                               int64 width);
+
+private:
+    enum Style { Silent, Plain, Drawn };
+
+    void measure(uint64 nCurrent, int64 nowNs);
+
+    SxString label;
+    Style style;
+    bool drawn = false;
+    int64 startNs, lastNs, lastLineNs;
+    uint64 lastCurrent = 0;
+    bool measured = false;
+    double rate = 0;
+};

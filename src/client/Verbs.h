@@ -1,0 +1,9 @@
+#pragma once
+
+class App;
+
+// Each verb family has a unit of its own that adds its verbs to the command line by one of these.
+
+void registerImageVerbs(App* app);
+void registerContentVerbs(App* app);
+void registerCompletionVerbs(App* app);

@@ -1,0 +1,10 @@
+#include "App.h"
+#include "Verbs.h"
+
+int main(int argc, char** argv) {
+    App app;
+    registerImageVerbs(&app);
+    registerContentVerbs(&app);
+    registerCompletionVerbs(&app);
+    return app.run(argc, argv);
+}
