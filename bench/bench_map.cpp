@@ -1,0 +1,68 @@
+// The image map of a 100 GiB disk: a file of 200 MiB, in the page cache.
+
+#include "Folder.h"
+#include "Ratio.h"
+#include "ZqImage.h"
+
+#include <fcntl.h>
+#include <memory>
+#include <numeric>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+constexpr int64 N = (200 << 20) / 8;
+
+/// An image folder with a random permutation as its map.
+struct MapFolder : bench::Folder {
+    std::vector<uint64> map = std::vector<uint64>(N);
+
+    MapFolder() {
+        std::iota(map.begin(), map.end(), 0);
+        std::shuffle(map.begin(), map.end(), std::mt19937_64(1));
+        SxFileIO file(path + "img.idx", "wb");
+        file.writeBuffer(map.data(), N * 8);
+    }
+};
+
+void nothing() {}
+
+void readFile(const SxString& path) {
+    const int fd = open(path.ascii(), O_RDONLY);
+    struct stat info {};
+    if (fd < 0 || fstat(fd, &info) < 0) std::abort();
+    const auto size = static_cast<size_t>(info.st_size);
+    const std::unique_ptr<char[]> bytes(new char[size]);
+    if (read(fd, bytes.get(), size) != info.st_size) std::abort();
+    benchmark::DoNotOptimize(bytes.get());
+    close(fd);
+}
+
+// Goal: at most 1.5.
+void getMapAgainstReadingTheFile(benchmark::State& state) {
+    const MapFolder folder;
+    const ZqImage image(folder.path);
+    bench::ratio(
+        state, nothing, [&] { readFile(folder.path + "img.idx"); },
+        [&] { benchmark::DoNotOptimize(image.getMap().data()); });
+}
+BENCHMARK(getMapAgainstReadingTheFile)->Iterations(15)->UseManualTime()->Unit(benchmark::kMillisecond);
+
+// Goal: at most 2.
+void getReverseMapAgainstScatter(benchmark::State& state) {
+    const MapFolder folder;
+    const ZqImage image(folder.path);
+    const auto scatter = [&] {
+        std::vector<uint64> reverse(N, ~uint64{0});
+        for (size_t r = 0; r < folder.map.size(); ++r) reverse[folder.map[r]] = r;
+        benchmark::DoNotOptimize(reverse.data());
+    };
+    bench::ratio(state, nothing, scatter, [&] { benchmark::DoNotOptimize(image.getReverseMap().data()); });
+}
+BENCHMARK(getReverseMapAgainstScatter)->Iterations(9)->UseManualTime()->Unit(benchmark::kMillisecond);
+
+} // namespace
+
+BENCHMARK_MAIN();
