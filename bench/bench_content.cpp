@@ -1,5 +1,5 @@
-// Packing 2 GiB of files that are in the page cache. The bound is the slower of two things that packing can't do
-// without: MD5 of the bytes (one thread, from memory), and a synced copy of the files.
+// Packing 2 GiB of files that are in the page cache. The bound is the slower of two things that packing can't
+// do without: MD5 of the bytes (one thread, from memory), and a synced copy of the files.
 
 #include "Folder.h"
 #include "Ratio.h"
@@ -27,7 +27,8 @@ std::string clientPath() {
 int64 runClient(const std::vector<std::string>& args) {
     const std::string program = clientPath();
     std::vector<char*> argv = {const_cast<char*>(program.c_str())};
-    for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
+    for (const std::string& arg : args)
+        argv.push_back(const_cast<char*>(arg.c_str()));
     argv.push_back(nullptr);
     pid_t pid = 0;
     int status = 0;
@@ -70,9 +71,8 @@ void createContent(benchmark::State& state) {
     int64 peakKb = 0;
     for (auto _ : state) {
         prepare();
-        const double copying = bench::secondsOf([&] {
-            bench::shell("cp -r '" + source + "' '" + copy + "' && sync -f '" + copy + "'");
-        });
+        const double copying = bench::secondsOf(
+            [&] { bench::shell("cp -r '" + source + "' '" + copy + "' && sync -f '" + copy + "'"); });
         const double hashing = bench::secondsOf(md5FromMemory);
         prepare();
         const double creating = bench::secondsOf([&] {

@@ -27,7 +27,8 @@ struct MapFolder : bench::Folder {
     }
 };
 
-void nothing() {}
+void nothing() {
+}
 
 void readFile(const SxString& path) {
     const int fd = open(path.ascii(), O_RDONLY);
@@ -56,7 +57,8 @@ void getReverseMapAgainstScatter(benchmark::State& state) {
     const ZqImage image(folder.path);
     const auto scatter = [&] {
         std::vector<uint64> reverse(N, ~uint64{0});
-        for (size_t r = 0; r < folder.map.size(); ++r) reverse[folder.map[r]] = r;
+        for (size_t r = 0; r < folder.map.size(); ++r)
+            reverse[folder.map[r]] = r;
         benchmark::DoNotOptimize(reverse.data());
     };
     bench::ratio(state, nothing, scatter, [&] { benchmark::DoNotOptimize(image.getReverseMap().data()); });

@@ -17,28 +17,34 @@ const std::vector<uint64>& keys() {
     static const std::vector<uint64> all = [] {
         std::mt19937_64 random(1);
         std::vector<uint64> list(N_KEYS);
-        for (uint64& key : list) key = random() % N_BLOCKS;
+        for (uint64& key : list)
+            key = random() % N_BLOCKS;
         return list;
     }();
     return all;
 }
 
-void nothing() {}
+void nothing() {
+}
 
 template<class Set>
 void fillAndAsk() {
     Set set;
-    for (const uint64 key : keys()) set.insert(key);
+    for (const uint64 key : keys())
+        set.insert(key);
     uint64 hits = 0;
-    for (const uint64 key : keys()) hits += set.count(key ^ 1);
+    for (const uint64 key : keys())
+        hits += set.count(key ^ 1);
     benchmark::DoNotOptimize(hits);
 }
 
 void fillAndAskBits() {
     std::vector<bool> set(N_BLOCKS);
-    for (const uint64 key : keys()) set[key] = true;
+    for (const uint64 key : keys())
+        set[key] = true;
     uint64 hits = 0;
-    for (const uint64 key : keys()) hits += set[key ^ 1];
+    for (const uint64 key : keys())
+        hits += set[key ^ 1];
     benchmark::DoNotOptimize(hits);
 }
 

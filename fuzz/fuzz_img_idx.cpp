@@ -15,7 +15,8 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, size_t size) {
         }
         SxFileIO walk(file.prefix() + "img.idx", "rb");
         int64 nItems = 0;
-        while (image.readItem(&walk).valid) ++nItems;
+        while (image.readItem(&walk).valid)
+            ++nItems;
         if (nItems != map.getSize()) std::abort();
     } catch (const SxException&) {
         if (size > 0 && size % 8 == 0) std::abort();

@@ -1,8 +1,8 @@
 #include "RecordFile.h"
 #include "ZqImage.h"
 
-// The split record: whatever it says, a join that is refused leaves the part as it is, and one that is carried
-// out gives the part's bytes.
+// The split record: whatever it says, a join that is refused leaves the part as it is, and one that is
+// carried out gives the part's bytes.
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, size_t size) {
     const RecordFile file("img.zqf.info", data, size);
     file.put("img.zqf.part1", "0123456789");

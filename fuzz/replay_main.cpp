@@ -13,7 +13,8 @@ int main(int argc, char** argv) {
     std::vector<fs::path> cases;
     for (int i = 1; i < argc; ++i) {
         if (fs::is_directory(argv[i])) {
-            for (const auto& entry : fs::directory_iterator(argv[i])) cases.push_back(entry.path());
+            for (const auto& entry : fs::directory_iterator(argv[i]))
+                cases.push_back(entry.path());
         } else {
             cases.emplace_back(argv[i]);
         }

@@ -37,7 +37,8 @@ inline void writeRandomFile(const SxString& path, int64 bytes, uint64 seed) {
     SxArray<uint64> chunk(1 << 17);
     SxFileIO file(path, "wb");
     for (int64 done = 0; done < bytes; done += chunk.getSize() * 8) {
-        for (uint64& value : chunk) value = random();
+        for (uint64& value : chunk)
+            value = random();
         file.writeBuffer(chunk.data(), std::min<int64>(bytes - done, chunk.getSize() * 8));
     }
 }

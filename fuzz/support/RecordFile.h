@@ -8,12 +8,13 @@
 #include <cstddef>
 #include <cstdlib>
 
-/// A folder, emptied for each case, that holds one file with the bytes of the case. In memory where the system
-/// has such a place, since a case takes microseconds.
+/// A folder, emptied for each case, that holds one file with the bytes of the case. In memory where the
+/// system has such a place, since a case takes microseconds.
 class RecordFile {
 public:
     RecordFile(const char* name, const unsigned char* data, size_t size) {
-        for (const SxFileInfo& old : SxFSAction::ls(folder())) SxFSAction::rm_r(old);
+        for (const SxFileInfo& old : SxFSAction::ls(folder()))
+            SxFSAction::rm_r(old);
         SxFileIO(folder() + name, "wb").writeBuffer(data, static_cast<int64>(size));
     }
 
@@ -24,14 +25,21 @@ public:
     }
 
 private:
-    static const SxString& folder() {
-        static const SxString path = [] {
-            ZqLog::setSink([](const SxString&) {});
-            std::string name = std::string(SxFSAction::test_d("/dev/shm") ? "/dev/shm" : "/tmp") + "/tavrin-fuzz-XXXXXX";
+    /// Removed at the end of the program.
+    struct Folder {
+        Folder() {
+            ZqLog::setSink([](const SxString&, const SxString&) {});
+            std::string name =
+                std::string(SxFSAction::test_d("/dev/shm") ? "/dev/shm" : "/tmp") + "/tavrin-fuzz-XXXXXX";
             if (!mkdtemp(name.data())) std::abort();
-            std::atexit([] { SxFSAction::rm_r(folder()); });
-            return SxString(name + "/");
-        }();
-        return path;
+            path = name + "/";
+        }
+        ~Folder() { SxFSAction::rm_r(path); }
+        SxString path;
+    };
+
+    static const SxString& folder() {
+        static const Folder folder;
+        return folder.path;
     }
 };

@@ -33,7 +33,8 @@ void readRedirects(const SxSymbol& root, const char* key, SxList<SxString>* fiel
     const SxSymbol list = root.getElem(key, false);
     if (!list.isValid()) return;
     field->removeAll();
-    for (const SxSymbol& item : list.toList()) field->append(item.getElem("from", true).toString());
+    for (const SxSymbol& item : list.toList())
+        field->append(item.getElem("from", true).toString());
 }
 
 void readRegistry(const SxSymbol& root, ZqAppParams* record) {
@@ -98,13 +99,15 @@ void put(SxSymbol& object, const char* key, Number number) {
 void put(SxSymbol& object, const char* key, const SxList<SxString>& texts) {
     if (texts.isEmpty()) return;
     SxSymbol list = object.append(key, ARRAY);
-    for (const SxString& text : texts) list.append(text);
+    for (const SxString& text : texts)
+        list.append(text);
 }
 
 void putRedirects(SxSymbol& root, const char* key, const SxList<SxString>& names) {
     if (names.isEmpty()) return;
     SxSymbol list = root.append(key, ARRAY);
-    for (const SxString& name : names) list.append(OBJECT).append("from", name);
+    for (const SxString& name : names)
+        list.append(OBJECT).append("from", name);
 }
 
 void writeHead(const ZqAppParams& record, SxSymbol& root) {
@@ -171,7 +174,8 @@ void writeTail(const ZqAppParams& record, SxSymbol& root) {
 
 } // namespace
 
-ZqAppParams::ZqAppParams() : guid(ZqSysEnv::getNewGUID()) {}
+ZqAppParams::ZqAppParams() : guid(ZqSysEnv::getNewGUID()) {
+}
 
 ZqAppParams::ZqAppParams(const SxString& prefix) : pathPrefix(prefix) {
     read(prefix);

@@ -62,8 +62,11 @@ protected:
 class ContentWriter {
 public:
     explicit ContentWriter(const SxString& folder)
-        : chunks(N_BUFFERS), zqf(folder + ZqImageFiles::ZQF, "wb", 0600), idx(folder + ZqImageFiles::IDX, "wb", 0600) {
-        for (Chunk& chunk : chunks) hasher.done.push(&chunk);
+        : chunks(N_BUFFERS),
+          zqf(folder + ZqImageFiles::ZQF, "wb", 0600),
+          idx(folder + ZqImageFiles::IDX, "wb", 0600) {
+        for (Chunk& chunk : chunks)
+            hasher.done.push(&chunk);
         hasher.start();
         nextChunk();
     }
@@ -146,7 +149,8 @@ std::vector<std::string> physicalParents(const SxString& path) {
     }
     resolved = resolved == "/" ? rest : resolved + rest;
     std::vector<std::string> parents;
-    for (size_t end = resolved.size(); end != std::string::npos && end > 0; end = resolved.rfind('/', end - 1)) {
+    for (size_t end = resolved.size(); end != std::string::npos && end > 0;
+         end = resolved.rfind('/', end - 1)) {
         parents.push_back(resolved.substr(0, end));
     }
     return parents;
@@ -160,25 +164,39 @@ public:
              missing = SxFileInfo(missing).getPath()) {
             made.push_back(missing);
         }
-        SxFSAction::mkdir_p(path, 0777);
+        try {
+            SxFSAction::mkdir_p(path, 0777);
+        } catch (const SxException&) {
+            remove();
+            throw;
+        }
     }
-    ~NewFolder() {
-        for (const SxString& path : made) SxOs::get().removeDir(SxOs::hostPath(path));
-    }
+    ~NewFolder() { remove(); }
     NewFolder(const NewFolder&) = delete;
     NewFolder& operator=(const NewFolder&) = delete;
 
     bool isNew() const { return !made.empty(); }
+    /// Returns when the names of the new folders are on the device.
+    void sync() const {
+        for (const SxString& path : made)
+            SxFSAction::syncDir(SxFileInfo(path).getPath());
+    }
     void keep() { made.clear(); }
 
 private:
+    void remove() {
+        for (const SxString& path : made)
+            SxOs::get().removeDir(SxOs::hostPath(path));
+    }
+
     std::vector<SxString> made;
 };
 
 } // namespace
 
 ZqCreateContent::ZqCreateContent(const SxString& target_, const SxString& source_)
-    : runtimeInfo(SxPtr<ZqRuntimeInfo>::create()), target(ZqSysEnv::unifySlashes(target_ + "/")),
+    : runtimeInfo(SxPtr<ZqRuntimeInfo>::create()),
+      target(ZqSysEnv::unifySlashes(target_ + "/")),
       source(ZqSysEnv::unifySlashes(source_ + "/")) {
     setThreadName("create content");
 }
@@ -212,7 +230,8 @@ void ZqCreateContent::refuseOverlap() const {
     };
     if (ofSource.empty() || ofTarget.empty() || contains(ofSource, ofTarget.front()) ||
         contains(ofTarget, ofSource.front())) {
-        throw SxException("The folders '" + source + "' and '" + target + "' lie in each other", UNIT, __LINE__);
+        throw SxException("The folders '" + source + "' and '" + target + "' lie in each other", UNIT,
+                          __LINE__);
     }
 }
 
@@ -220,10 +239,10 @@ SxList<ZqCreateContent::Entry> ZqCreateContent::scan(uint64* nBlocks) const {
     SxList<Entry> files;
     for (const SxFileInfo& info : SxFSAction::find(source + "*", false)) {
         if (stopRequested()) break;
-        if (!info.isFile()) continue;
         const SxString relPath = info.getRelPath(source);
-        if (relPath.startsWith("System Volume Information")) continue;
-        if (info.isLink()) continue;
+        if (relPath.startsWith("System Volume Information") || info.isLink()) continue;
+        if (!info.exists()) throw SxException("Cannot look at '" + info.getOrig() + "'", UNIT, __LINE__);
+        if (!info.isFile()) continue;
         // A file that can't be opened is found before anything is written.
         SxFileIO(info.getOrig(), "rb").close();
         *nBlocks += static_cast<uint64>(wholeBlocks(info.getSize()));
@@ -233,42 +252,42 @@ SxList<ZqCreateContent::Entry> ZqCreateContent::scan(uint64* nBlocks) const {
 }
 
 void ZqCreateContent::build(const SxList<Entry>& files, uint64 nBlocks) {
-    const int64 t0 = runtimeInfo->createStats.timeSec;
     NewFolder folder(target);
     const auto lock = ZqImageLock::take(target, ZqImageLock::Shape, ZqImageLock::Exclusive, "content create");
-    const SxString staging = target + ZqImageFiles::STAGING;
-    bool built = false;
+    bool replacing = false;
     try {
-        if (SxFSAction::exists(staging)) SxFSAction::rm_r(staging);
-        const uint64 need = nBlocks * (BLOCK + sizeof(uint64)) + ROOM_FOR_RECORDS;
-        const uint64 free = ZqSysEnv::getFreeDiskSpace(target);
-        if (free < need) {
-            throw SxException("Folder '" + target + "' lies on a disk with " + free + " bytes free, " + need +
-                                  " are needed",
-                              UNIT, __LINE__);
-        }
-        SxFSAction::mkdir_p(staging, 0777);
-        const SxString digest = pack(staging, files, t0);
-        if (!stopRequested()) {
-            setNCurrent(getNTotal());
-            runtimeInfo->createStats.end(ZqSysEnv::getSysTime(), static_cast<int64>(getNTotal()));
-            writeRecords(staging, nBlocks, digest);
-            built = true;
+        if (stage(files, nBlocks)) {
+            folder.sync();
+            commit(&replacing);
+            folder.keep();
+            complete = true;
         } else {
-            SxFSAction::rm_r(staging);
+            discard(folder.isNew());
         }
     } catch (const SxException&) {
-        if (SxFSAction::exists(staging)) SxFSAction::rm_r(staging);
-        if (folder.isNew()) SxFSAction::rm(target + ZqImageFiles::LOCK);
+        // Where the old image is gone, the new one is all there is.
+        if (folder.isNew() || !replacing) discard(folder.isNew());
         throw;
     }
-    if (built) {
-        folder.keep();
-        commit(staging);
-        complete = true;
-    } else if (folder.isNew()) {
-        SxFSAction::rm(target + ZqImageFiles::LOCK);
+}
+
+bool ZqCreateContent::stage(const SxList<Entry>& files, uint64 nBlocks) {
+    const SxString staging = target + ZqImageFiles::STAGING;
+    if (SxFSAction::exists(staging)) SxFSAction::rm_r(staging);
+    const uint64 need = nBlocks * (BLOCK + sizeof(uint64)) + ROOM_FOR_RECORDS;
+    const uint64 free = ZqSysEnv::getFreeDiskSpace(target);
+    if (free < need) {
+        throw SxException("Folder '" + target + "' lies on a disk with " + free + " bytes free, " + need +
+                              " are needed",
+                          UNIT, __LINE__);
     }
+    SxFSAction::mkdir_p(staging, 0777);
+    const SxString digest = pack(staging, files, runtimeInfo->createStats.timeSec);
+    setNCurrent(getNTotal());
+    runtimeInfo->createStats.end(ZqSysEnv::getSysTime(), static_cast<int64>(getNTotal()));
+    if (stopRequested()) return false;
+    writeRecords(staging, nBlocks, digest);
+    return true;
 }
 
 SxString ZqCreateContent::pack(const SxString& folder, const SxList<Entry>& files, int64 t0) {
@@ -282,8 +301,8 @@ SxString ZqCreateContent::pack(const SxString& folder, const SxList<Entry>& file
                 if (!file.isOpen()) file.open(source + entry.relPath, "rb", 0600);
                 n = std::min(entry.size - done, writer.spaceSize());
                 if (file.readBuffer(writer.space(), n) != n) {
-                    throw SxException(SxString("The file became shorter than its ") + entry.size + " bytes", UNIT,
-                                      __LINE__);
+                    throw SxException(SxString("The file became shorter than its ") + entry.size + " bytes",
+                                      UNIT, __LINE__);
                 }
             } catch (const SxException& e) {
                 throw SxException(e, "Cannot archive file " + source + entry.relPath, UNIT, __LINE__);
@@ -322,23 +341,39 @@ void ZqCreateContent::writeRecords(const SxString& folder, uint64 nBlocks, const
     app.write(folder);
 }
 
-void ZqCreateContent::commit(const SxString& folder) const {
-    // app.json goes first and comes last: without it, a folder that was cut off half way isn't taken for an image.
-    const SxList<SxString> names = {ZqImageFiles::ZQF, ZqImageFiles::IDX, ZqImageFiles::IMAGE_JSON,
-                                    ZqImageFiles::APP_JSON};
-    const SxString app = target + ZqImageFiles::APP_JSON;
-    if (SxFSAction::exists(app)) {
-        SxFSAction::rm(app);
-        SxFSAction::syncDir(target);
-    }
+void ZqCreateContent::commit(bool* begun) const {
+    // app.json goes first and comes last: without it, a folder that was cut off half way isn't taken for an
+    // image.
+    const SxString staging = target + ZqImageFiles::STAGING, app = ZqImageFiles::APP_JSON;
+    if (SxFSAction::exists(target + app)) SxFSAction::rm(target + app);
+    *begun = true;
+    SxFSAction::syncDir(target);
     for (const SxFileInfo& old : SxFSAction::ls(target)) {
         const SxString name = old.getName();
         if (name == ZqImageFiles::LOCK || name + "/" == ZqImageFiles::STAGING) continue;
         SxFSAction::rm_r(old);
     }
-    for (const SxString& name : names) SxFSAction::mv(folder + name, target + name);
-    SxFSAction::rm_r(folder);
+    for (const char* name : {ZqImageFiles::ZQF, ZqImageFiles::IDX, ZqImageFiles::IMAGE_JSON}) {
+        SxFSAction::mv(staging + name, target + name);
+    }
     SxFSAction::syncDir(target);
+    SxFSAction::mv(staging + app, target + app);
+    SxFSAction::rm_r(staging);
+    SxFSAction::syncDir(target);
+}
+
+void ZqCreateContent::discard(bool isNew) const {
+    try {
+        const SxString staging = target + ZqImageFiles::STAGING;
+        if (SxFSAction::exists(staging)) SxFSAction::rm_r(staging);
+        if (!isNew) return;
+        for (const char* name : {ZqImageFiles::ZQF, ZqImageFiles::IDX, ZqImageFiles::IMAGE_JSON,
+                                 ZqImageFiles::APP_JSON, ZqImageFiles::LOCK}) {
+            if (SxFSAction::exists(target + name)) SxFSAction::rm(target + name);
+        }
+    } catch (const SxException& e) {
+        log("cannot remove what was written so far: " + e.toString(3, "\n"));
+    }
 }
 
 void ZqCreateContent::log(const SxString& text) const {

@@ -3,12 +3,12 @@
 #include "ZqRuntimeInfo.h"
 #include "ZqTaskMon.h"
 
-/// Job that packs a folder of files into an image folder: the files' bytes one behind the other in `img.zqf`, each
-/// filled up to whole blocks of 4096 bytes, an identity map, and the records. There is no file system and no file
-/// table in it. Progress in bytes. Links are passed over. Takes the image's lock.
+/// Job that packs a folder of files into an image folder: the files' bytes one behind the other in `img.zqf`,
+/// each filled up to whole blocks of 4096 bytes, an identity map, and the records. There is no file system
+/// and no file table in it. Progress in bytes. Links are passed over. Takes the image's lock.
 ///
-/// The new image is written beside what `target` holds, and replaces it when it is complete: after a failure or a
-/// stop everything is as it was before.
+/// The new image is written beside what `target` holds, and replaces it when it is complete: after a failure
+/// or a stop everything is as it was before.
 class ZqCreateContent : public ZqTaskMon {
 public:
     /// `target` is the image folder to write, `source` the folder to read.
@@ -34,9 +34,14 @@ private:
     void refuseOverlap() const;
     SxList<Entry> scan(uint64* nBlocks) const;
     void build(const SxList<Entry>& files, uint64 nBlocks);
+    /// Writes the new image beside the old one. False where a stop was asked for.
+    bool stage(const SxList<Entry>& files, uint64 nBlocks);
     SxString pack(const SxString& folder, const SxList<Entry>& files, int64 t0);
     void writeRecords(const SxString& folder, uint64 nBlocks, const SxString& digest) const;
-    void commit(const SxString& folder) const;
+    /// Puts the staged image in the place of the old one. `*begun` tells whether the old one is gone.
+    void commit(bool* begun) const;
+    /// Takes back what was made, also in the target itself where that is new.
+    void discard(bool isNew) const;
     void log(const SxString& text) const;
 
     const SxString target, source; ///< with trailing slashes

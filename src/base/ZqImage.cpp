@@ -14,7 +14,8 @@ constexpr uint64 TOP_BIT = uint64{1} << 63;
 /// Brings values that were read from a little-endian file to the machine's order.
 void fromLittleEndian(SxArray<uint64>* values) {
     if constexpr (std::endian::native == std::endian::big) {
-        for (uint64& value : *values) value = __builtin_bswap64(value);
+        for (uint64& value : *values)
+            value = __builtin_bswap64(value);
     }
 }
 
@@ -44,7 +45,8 @@ SxArray<uint64> ZqImage::getReverseMap(const SxArray<uint64>& map) {
     reverse.set(NO_ENTRY);
     for (int64 rawIdx = 0; rawIdx < n; ++rawIdx) {
         const uint64 zqfIdx = map(rawIdx);
-        if (zqfIdx < static_cast<uint64>(n)) reverse(static_cast<int64>(zqfIdx)) = static_cast<uint64>(rawIdx);
+        if (zqfIdx < static_cast<uint64>(n))
+            reverse(static_cast<int64>(zqfIdx)) = static_cast<uint64>(rawIdx);
     }
     return reverse;
 }

@@ -17,7 +17,7 @@
 namespace {
 constexpr const char* UNIT = "src/base/ZqImageCheck";
 constexpr int64 CHUNK = 1 << 20;
-}
+} // namespace
 
 ZqImageCheck::ZqImageCheck(const SxString& path) : pathPrefix(ZqImageFolder::prefix(path)) {
     setThreadName("image check");
@@ -67,7 +67,8 @@ void ZqImageCheck::checkMap() {
         const auto sizeRaw = static_cast<uint64>(image.sizeRaw);
         const uint64 nExpected = sizeRaw / ZqImage::BLOCK_SIZE + (sizeRaw % ZqImage::BLOCK_SIZE != 0 ? 1 : 0);
         if (nExpected != nRaw) {
-            addFault("'" + file + "' has " + nRaw + " entries, the RAW image of img.json has " + nExpected + " blocks");
+            addFault("'" + file + "' has " + nRaw + " entries, the RAW image of img.json has " + nExpected +
+                     " blocks");
         }
     }
     checkEntries(map);
@@ -103,11 +104,14 @@ void ZqImageCheck::checkEntries(const SxArray<uint64>& map) {
             report(rawIdx, zqfIdx, "which another block has already");
         } else {
             taken[zqfIdx] = true;
-            if (app.sizeZqf > 0 && zqfIdx >= nZqf) report(rawIdx, zqfIdx, "behind the end of the complete img.zqf");
+            if (app.sizeZqf > 0 && zqfIdx >= nZqf)
+                report(rawIdx, zqfIdx, "behind the end of the complete img.zqf");
         }
     }
-    if (nWrong > MAX_LISTED) addFault(SxString("'") + file + "': " + (nWrong - MAX_LISTED) + " more wrong entries");
-    if (nWrong == 0) notes.append("map: " + SxString(nRaw) + " entries, no ZqF block twice, none out of range");
+    if (nWrong > MAX_LISTED)
+        addFault(SxString("'") + file + "': " + (nWrong - MAX_LISTED) + " more wrong entries");
+    if (nWrong == 0)
+        notes.append("map: " + SxString(nRaw) + " entries, no ZqF block twice, none out of range");
 }
 
 void ZqImageCheck::checkZqf() {

@@ -5,9 +5,9 @@
 #include "ZqImageParams.h"
 #include "ZqTaskMon.h"
 
-/// Job that checks an image folder as far as it is there: records, sizes, the map's invariants, digests. Holds a
-/// shared lock on the image. Progress in bytes. What it finds is in the lists once it has ended; a failure of the
-/// check itself leaves main().
+/// Job that checks an image folder as far as it is there: records, sizes, the map's invariants, digests.
+/// Holds a shared lock on the image. Progress in bytes. What it finds is in the lists once it has ended; a
+/// failure of the check itself leaves main().
 class ZqImageCheck : public ZqTaskMon {
 public:
     /// At most so many wrong entries of the map are listed one by one.

@@ -2,17 +2,18 @@
 
 /// The fixed file names of an image folder.
 namespace ZqImageFiles {
-constexpr const char* ZQF = "img.zqf";               ///< the blocks in ZqF order
-constexpr const char* IDX = "img.idx";               ///< the map from RAW to ZqF indices
-constexpr const char* IDX_MD5 = "img.idx.md5";       ///< digest of the map, optional
-constexpr const char* IMAGE_JSON = "img.json";       ///< ZqImageParams
-constexpr const char* APP_JSON = "app.json";         ///< ZqAppParams
-constexpr const char* RUNTIME_JSON = "runtime.json"; ///< ZqRuntimeInfo
-constexpr const char* SPLIT_INFO = "img.zqf.info";   ///< the split record
-constexpr const char* SPLIT_PART = "img.zqf.part";   ///< a part's name, followed by its number
-constexpr const char* JOIN_INFO = "img.zqf.join";    ///< the split record while a join is under way
-constexpr const char* LOCK = "image.lock";           ///< the lock file, see ZqImageLock
-constexpr const char* STAGING = "image.new/";        ///< a new image on its way into the folder
+constexpr const char* ZQF = "img.zqf";                 ///< the blocks in ZqF order
+constexpr const char* IDX = "img.idx";                 ///< the map from RAW to ZqF indices
+constexpr const char* IDX_MD5 = "img.idx.md5";         ///< digest of the map, optional
+constexpr const char* IMAGE_JSON = "img.json";         ///< ZqImageParams
+constexpr const char* APP_JSON = "app.json";           ///< ZqAppParams
+constexpr const char* RUNTIME_JSON = "runtime.json";   ///< ZqRuntimeInfo
+constexpr const char* SPLIT_INFO = "img.zqf.info";     ///< the split record
+constexpr const char* SPLIT_PART = "img.zqf.part";     ///< a part's name, followed by its number
+constexpr const char* SPLIT_JOURNAL = "img.zqf.split"; ///< the split record while a split is under way
+constexpr const char* JOIN_INFO = "img.zqf.join";      ///< the split record while a join is under way
+constexpr const char* LOCK = "image.lock";             ///< the lock file, see ZqImageLock
+constexpr const char* STAGING = "image.new/";          ///< a new image on its way into the folder
 constexpr const char* OPTIMIZE_LOCK = "optimize.lock";
 constexpr const char* PATCH_PROGRESS = "patch.progress";
 constexpr const char* PATCHING_LOCK = "patching/img.lock";

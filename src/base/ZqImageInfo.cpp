@@ -53,10 +53,14 @@ void ZqImageInfo::countBlocks(const SxArray<uint64>& map) {
 
 SxString ZqImageInfo::stateToString(State state) {
     switch (state) {
-    case Complete: return "complete";
-    case Partial: return "partial";
-    case Optimizing: return "optimizing";
-    case Patching: return "patching";
+    case Complete:
+        return "complete";
+    case Partial:
+        return "partial";
+    case Optimizing:
+        return "optimizing";
+    case Patching:
+        return "patching";
     }
     return SxString();
 }

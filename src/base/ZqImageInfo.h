@@ -9,8 +9,8 @@ class ZqImageInfo {
 public:
     enum State { Complete, Partial, Optimizing, Patching };
 
-    /// Reads the records and the map of the image folder `path`, under a shared lock. Raises where one of them can't
-    /// be read.
+    /// Reads the records and the map of the image folder `path`, under a shared lock. Raises where one of
+    /// them can't be read.
     explicit ZqImageInfo(const SxString& path);
 
     ZqAppParams app;
@@ -18,13 +18,13 @@ public:
     State state = Partial;
     uint64 sizeZqf = 0;      ///< bytes of `img.zqf` now; 0 where it isn't there
     uint64 sizeComplete = 0; ///< bytes of the complete `img.zqf`, by app.json, or else by the map
-    uint64 nRaw = 0;      ///< RAW blocks
-    uint64 nIncluded = 0; ///< RAW blocks that the complete ZqF file holds
-    uint64 nPresent = 0;  ///< of these, those that lie below the present end of `img.zqf`
-    uint64 nRuns = 0;     ///< runs of RAW neighbours that are neighbours in the ZqF file, in ZqF order
-    bool split = false;   ///< the ZqF file is cut into parts, or a join of them was cut off
-    uint64 partSize = 0;  ///< bytes of a part, where it is
-    bool joining = false; ///< a join was cut off
+    uint64 nRaw = 0;         ///< RAW blocks
+    uint64 nIncluded = 0;    ///< RAW blocks that the complete ZqF file holds
+    uint64 nPresent = 0;     ///< of these, those that lie below the present end of `img.zqf`
+    uint64 nRuns = 0;        ///< runs of RAW neighbours that are neighbours in the ZqF file, in ZqF order
+    bool split = false;      ///< the ZqF file is cut into parts, or a join of them was cut off
+    uint64 partSize = 0;     ///< bytes of a part, where it is
+    bool joining = false;    ///< a join was cut off
 
     /// "complete", "partial", "optimizing" or "patching".
     static SxString stateToString(State state);

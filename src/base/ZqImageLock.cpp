@@ -20,9 +20,12 @@ constexpr int64 RECORD_MS = 100;
 
 const char* rangeName(ZqImageLock::Range range) {
     switch (range) {
-    case ZqImageLock::Shape: return "shape";
-    case ZqImageLock::Growth: return "growth";
-    case ZqImageLock::Drive: return "drive";
+    case ZqImageLock::Shape:
+        return "shape";
+    case ZqImageLock::Growth:
+        return "growth";
+    case ZqImageLock::Drive:
+        return "drive";
     }
     return "";
 }
@@ -57,7 +60,8 @@ bool isStale(int fd, const std::string& file) {
 
 SxString printable(const char* text, int64 n) {
     std::string result;
-    for (int64 i = 0; i < n && text[i] >= ' ' && text[i] <= '~'; ++i) result += text[i];
+    for (int64 i = 0; i < n && text[i] >= ' ' && text[i] <= '~'; ++i)
+        result += text[i];
     return SxString(result);
 }
 
@@ -69,26 +73,31 @@ SxPtr<ZqImageLock> ZqImageLock::take(const SxString& path, Range range, Mode mod
     return lock;
 }
 
-SxPtr<ZqImageLock> ZqImageLock::takeAnyState(const SxString& path, Range range, Mode mode, const SxString& job) {
+SxPtr<ZqImageLock> ZqImageLock::takeAnyState(const SxString& path, Range range, Mode mode,
+                                             const SxString& job) {
     return SxPtr<ZqImageLock>::create(Key(), path, range, mode, job);
 }
 
 void ZqImageLock::refuseUnfinished(const SxString& path) {
     const SxString folder = ZqImageFolder::prefix(path);
     if (SxFSAction::exists(folder + ZqImageFiles::OPTIMIZE_LOCK)) {
-        throw SxException("Image '" + path +
-                              "' is in the middle of an optimisation; go on with: tavrin image optimize IMAGE --resume",
-                          UNIT, __LINE__);
+        throw SxException(
+            "Image '" + path +
+                "' is in the middle of an optimisation; go on with: tavrin image optimize IMAGE --resume",
+            UNIT, __LINE__);
     }
     if (SxFSAction::exists(folder + ZqImageFiles::PATCH_PROGRESS) ||
         SxFSAction::exists(folder + ZqImageFiles::PATCHING_LOCK)) {
-        throw SxException("Image '" + path + "' is in the middle of a patch; go on with: tavrin patch apply IMAGE PATCH",
+        throw SxException("Image '" + path +
+                              "' is in the middle of a patch; go on with: tavrin patch apply IMAGE PATCH",
                           UNIT, __LINE__);
     }
 }
 
 ZqImageLock::ZqImageLock(Key, const SxString& path, Range range_, Mode mode, const SxString& job_)
-    : folder(path), job(job_), range(range_) {
+    : folder(path),
+      job(job_),
+      range(range_) {
     if (!SxFSAction::test_d(path)) {
         throw SxException("Image folder '" + path + "' not found", UNIT, __LINE__);
     }
@@ -139,9 +148,10 @@ void ZqImageLock::record(Mode mode) {
     }
     // The record only serves the words of a refusal: without one the lock holds all the same.
     if (slot < 0) return;
-    std::string line = SxString(SxString(rangeName(range)) + (mode == Exclusive ? " exclusive " : " shared ") +
-                                "process " + SxOs::processId() + " (" + job + ")")
-                           .str();
+    std::string line =
+        SxString(SxString(rangeName(range)) + (mode == Exclusive ? " exclusive " : " shared ") + "process " +
+                 SxOs::processId() + " (" + job + ")")
+            .str();
     line.resize(SLOT_SIZE - 1, '\n');
     line += '\n';
     os.writeAt(fd, line.data(), SLOT_SIZE, slot * SLOT_SIZE);

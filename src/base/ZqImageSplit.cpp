@@ -1,7 +1,9 @@
 #include "ZqImage.h"
 
 #include "SxFSAction.h"
+#include "SxMutex.h"
 #include "SxOs.h"
+#include "SxQueue.h"
 #include "ZqArchive.h"
 #include "ZqImageFiles.h"
 #include "ZqImageLock.h"
@@ -10,26 +12,38 @@
 #include "ZqTaskMon.h"
 
 #include <atomic>
+#include <cerrno>
 #include <memory>
+#include <optional>
 #include <vector>
 
 // A ZqF file in parts, and back. The states of the folder, so that a cut at any point loses nothing:
 //
-//   img.zqf  img.zqf.info  img.zqf.join  parts     state
-//   whole    -             -             -         not split
-//   whole    yes           -             some      split cut off: split again
-//   -        yes           -             all       split
-//   prefix   -             yes           the rest  join cut off: join again; the prefix has the missing parts
+//   img.zqf  record         parts     state
+//   whole    -              -         not split
+//   whole    img.zqf.split  some      split cut off: split again
+//   whole    img.zqf.info   all       split cut off at its end: join, or split again
+//   -        img.zqf.info   all       split
+//   prefix   img.zqf.join   the rest  join cut off: join again; the prefix has the missing parts
 //
-// A part goes only when its bytes are on the device as part of img.zqf, and img.zqf only when all parts are.
+// The record is img.zqf.info only while all parts are on the device, or a join could take bytes that never
+// got there. A part goes only when its bytes are on the device as part of img.zqf, and img.zqf only when all
+// parts are.
 
 namespace {
 
 constexpr const char* UNIT = "src/base/ZqImage";
 constexpr int64 BUFFER = 4'096'000;
+/// The buffer is used in pieces that stay in the processor's cache between reading and writing.
+constexpr int64 PIECE = BUFFER / 16;
 constexpr int ZSTD_LEVEL = 17;
 /// So many bytes of parts may wait for one sync of the joined file.
 constexpr uint64 SYNC_BATCH = 64 << 20;
+/// So many batches of parts may be there twice where the disk has room: one being copied, one on its way to
+/// the device, one being removed.
+constexpr uint64 MAX_AHEAD = 3;
+
+constexpr const char* PACKED = ".zstd";
 
 /// The sizes and names of the parts of a ZqF file.
 struct Parts {
@@ -38,15 +52,27 @@ struct Parts {
     int nDigits = 1;
 
     Parts(const SxString& pathPrefix, uint64 size_, uint64 partSize_)
-        : prefix(pathPrefix + ZqImageFiles::SPLIT_PART), size(size_), partSize(partSize_),
+        : prefix(pathPrefix + ZqImageFiles::SPLIT_PART),
+          size(size_),
+          partSize(partSize_),
           count(size / partSize + (size % partSize != 0 ? 1 : 0)) {
-        for (uint64 rest = count; rest >= 10; rest /= 10) ++nDigits;
+        for (uint64 rest = count; rest >= 10; rest /= 10)
+            ++nDigits;
     }
 
     /// `part` counts from 1.
     SxString path(uint64 part) const { return prefix + SxString::sprintf("%0*ju", nDigits, uintmax_t{part}); }
     uint64 offset(uint64 part) const { return (part - 1) * partSize; }
     uint64 bytes(uint64 part) const { return std::min(partSize, size - offset(part)); }
+    /// Whether a part, plain or compressed, has that path.
+    bool hasPath(const SxString& file) const {
+        if (!file.startsWith(prefix)) return false;
+        bool bad = false;
+        const int64 part = file.right(prefix).left(PACKED).toInt64(&bad);
+        if (bad || part < 1 || static_cast<uint64>(part) > count) return false;
+        const SxString plain = path(static_cast<uint64>(part));
+        return file == plain || file == plain + PACKED;
+    }
 };
 
 class Progress {
@@ -71,18 +97,31 @@ private:
     int64 t0;
 };
 
-/// Copies `n` bytes from the position of `from` to that of `to`. The system is asked to write them at once, so
-/// that the disk works while we copy on.
+/// Copies `n` bytes from the position of `from` to that of `to`, piece by piece through the buffer.
+void copyPieces(SxFileIO* from, SxFileIO* to, int64 n, SxArray<char>* buffer) {
+    for (int64 done = 0; done < n;) {
+        const int64 want = std::min(PIECE, n - done);
+        char* const piece = buffer->data() + done;
+        if (from->readBuffer(piece, want) != want) {
+            throw SxException("File '" + from->getFilePath() + "' became shorter while it was read", UNIT,
+                              __LINE__);
+        }
+        to->writeBuffer(piece, want);
+        done += want;
+    }
+}
+
+/// Copies `n` bytes from the position of `from` to that of `to`. The system is asked to write them at once,
+/// so that the disk works while we copy on, and to forget the source, so that its removal has less left to
+/// do.
 void copyBytes(SxFileIO* from, SxFileIO* to, uint64 n, SxArray<char>* buffer, Progress* progress) {
     while (n > 0) {
         progress->refuseStop();
-        const int64 want = std::min<int64>(BUFFER, static_cast<int64>(std::min<uint64>(n, BUFFER)));
-        if (from->readBuffer(buffer->data(), want) != want) {
-            throw SxException("File '" + from->getFilePath() + "' became shorter while it was read", UNIT, __LINE__);
-        }
-        const int64 at = to->getOffset();
-        to->writeBuffer(buffer->data(), want);
-        to->startWriteback(at, want);
+        const auto want = static_cast<int64>(std::min<uint64>(n, BUFFER));
+        const int64 source = from->getOffset(), target = to->getOffset();
+        copyPieces(from, to, want, buffer);
+        to->startWriteback(target, want);
+        from->adviseDone(source, want);
         n -= static_cast<uint64>(want);
         progress->add(static_cast<uint64>(want));
     }
@@ -91,7 +130,8 @@ void copyBytes(SxFileIO* from, SxFileIO* to, uint64 n, SxArray<char>* buffer, Pr
 void requireSpace(const SxString& folder, uint64 need) {
     const uint64 free = ZqSysEnv::getFreeDiskSpace(folder);
     if (free < need) {
-        throw SxException(SxString("The disk has ") + free + " bytes free, " + need + " are needed", UNIT, __LINE__);
+        throw SxException(SxString("The disk has ") + free + " bytes free, " + need + " are needed", UNIT,
+                          __LINE__);
     }
 }
 
@@ -127,14 +167,18 @@ private:
 class PartCompressor : public SxSystemThread {
 public:
     PartCompressor(const SxString& zqf_, const Parts& parts_, std::atomic<uint64>* next_, Progress* progress_)
-        : zqf(zqf_), parts(parts_), next(next_), progress(progress_) {
+        : zqf(zqf_),
+          parts(parts_),
+          next(next_),
+          progress(progress_) {
         setThreadName("split");
     }
 
 protected:
     void main() override {
         try {
-            for (uint64 part = (*next)++; part <= parts.count; part = (*next)++) compress(part);
+            for (uint64 part = (*next)++; part <= parts.count; part = (*next)++)
+                compress(part);
         } catch (const SxException&) {
             // The others must not go on with parts that nobody will need.
             *next = parts.count + 1;
@@ -154,7 +198,7 @@ private:
             target.close();
         }
         uint64 reported = 0;
-        ZqArchive::compressZSTD(plain, plain + ".zstd", ZSTD_LEVEL, [&](uint64 done) {
+        ZqArchive::compressZSTD(plain, plain + PACKED, ZSTD_LEVEL, [&](uint64 done) {
             progress->add(done - reported);
             reported = done;
             return !progress->stopped();
@@ -196,43 +240,38 @@ void writeCompressedParts(const SxString& zqf, const Parts& parts, Progress* pro
     if (failed) throw failed->getException();
 }
 
-/// Takes back what a split has made.
-void removeParts(const SxString& pathPrefix, const Parts& parts) {
-    try {
-        int64 nMissing = 0;
-        // Parts are made in their order, by a few workers at most.
-        for (uint64 part = 1; part <= parts.count && nMissing <= SxSystemThread::getNCores(); ++part) {
-            ++nMissing;
-            for (const SxString& made : {parts.path(part), parts.path(part) + ".zstd"}) {
-                if (!SxFSAction::exists(made)) continue;
-                SxFSAction::rm(made);
-                nMissing = 0;
-            }
-        }
-        SxFSAction::rm(pathPrefix + ZqImageFiles::SPLIT_INFO);
-    } catch (const SxException& e) {
-        zqLogMsg("base", "ZqImage::split : cannot remove the parts made so far: " + e.toString(3, "\n"));
+/// Makes all parts and brings them to the device.
+void writeParts(const SxString& pathPrefix, const SxString& zqf, const Parts& parts, bool compress,
+                ZqTaskMon* monitor) {
+    const FolderSync folder(pathPrefix);
+    Progress progress(monitor, parts.size);
+    if (compress) {
+        writeCompressedParts(zqf, parts, &progress);
+    } else {
+        writePlainParts(zqf, parts, &progress);
     }
+    folder.run();
 }
 
-/// The two numbers of a split record.
+/// What a split record says; none where that is no use.
+std::optional<Parts> parseRecord(const SxString& pathPrefix, const SxList<SxString>& lines) {
+    if (lines.getSize() < 2) return std::nullopt;
+    bool badSize = false, badPart = false;
+    const int64 size = lines(0).toInt64(&badSize), partSize = lines(1).toInt64(&badPart);
+    if (badSize || badPart || size < 0 || partSize <= 0) return std::nullopt;
+    return Parts(pathPrefix, static_cast<uint64>(size), static_cast<uint64>(partSize));
+}
+
 Parts readRecord(const SxString& pathPrefix, const SxString& file) {
     SxList<SxString> lines;
     try {
-        lines = SxString::join(SxFileIO::readLines(file, 0), "\n").tokenize('\n', true);
+        lines = SxFileIO::readLines(file, 0);
     } catch (const SxException& e) {
         throw SxException(e, "Failed to read '" + file + "' file.", UNIT, __LINE__);
     }
-    bool badSize = true, badPart = true;
-    int64 size = 0, partSize = 0;
-    if (lines.getSize() >= 2) {
-        size = lines(0).toInt64(&badSize);
-        partSize = lines(1).toInt64(&badPart);
-    }
-    if (badSize || badPart || size < 0 || partSize <= 0) {
-        throw SxException("Invalid content in '" + file + "' file.", UNIT, __LINE__);
-    }
-    return Parts(pathPrefix, static_cast<uint64>(size), static_cast<uint64>(partSize));
+    const std::optional<Parts> parts = parseRecord(pathPrefix, lines);
+    if (!parts) throw SxException("Invalid content in '" + file + "' file.", UNIT, __LINE__);
+    return *parts;
 }
 
 bool isJoining(const SxString& pathPrefix) {
@@ -240,12 +279,41 @@ bool isJoining(const SxString& pathPrefix) {
            SxFSAction::test_f(pathPrefix + ZqImageFiles::JOIN_INFO);
 }
 
+/// Removes the parts and the record of a split that failed or was cut off, while `img.zqf` of `size` bytes
+/// stands.
+void undoSplit(const SxString& pathPrefix, uint64 size) {
+    const SxString info = pathPrefix + ZqImageFiles::SPLIT_INFO,
+                   journal = pathPrefix + ZqImageFiles::SPLIT_JOURNAL;
+    if (SxFSAction::test_f(info)) {
+        SxFSAction::mv(info, journal);
+        SxFSAction::syncDir(pathPrefix);
+    }
+    if (!SxFSAction::test_f(journal)) return;
+    const std::optional<Parts> parts = parseRecord(pathPrefix, SxFileIO::readLines(journal, 0));
+    // The record of another file doesn't say that these bytes are still to be had.
+    if (parts && parts->size == size) {
+        for (const SxFileInfo& file : SxFSAction::ls(pathPrefix)) {
+            if (parts->hasPath(file.getOrig())) SxFSAction::rm(file.getOrig());
+        }
+    }
+    SxFSAction::rm(journal);
+}
+
+/// The same behind a failure, which is the one to be told of.
+void takeBack(const SxString& pathPrefix, const SxString& zqf, uint64 size) {
+    try {
+        if (SxFSAction::test_f(zqf)) undoSplit(pathPrefix, size);
+    } catch (const SxException& e) {
+        zqLogMsg("base", "ZqImage::split : cannot remove the parts made so far: " + e.toString(3, "\n"));
+    }
+}
+
 /// Raises unless parts `first` to the last are there in their sizes.
 void checkParts(const Parts& parts, uint64 first) {
     for (uint64 part = first; part <= parts.count; ++part) {
         const SxFileInfo info(parts.path(part));
         if (!info.isFile()) {
-            const SxString packed = info.getOrig() + ".zstd";
+            const SxString packed = info.getOrig() + PACKED;
             const SxString hint =
                 SxFSAction::exists(packed) ? "; '" + packed + "' must be unpacked first" : SxString();
             throw SxException("Part '" + info.getOrig() + "' is missing" + hint, UNIT, __LINE__);
@@ -258,54 +326,175 @@ void checkParts(const Parts& parts, uint64 first) {
     }
 }
 
-/// The first part that a join which was cut off has not finished with, after a look at what is there.
+/// Whether nothing has that name. Raises where that can't be told, since what is gone counts as joined.
+bool isGone(const SxString& path) {
+    SxStat info;
+    const int result = SxOs::get().lstat(SxOs::hostPath(path), &info);
+    if (result < 0 && result != -ENOENT) {
+        throw SxException(SxException(SxOs::errorText(result), UNIT, __LINE__),
+                          "Cannot look at '" + path + "'", UNIT, __LINE__);
+    }
+    return result < 0;
+}
+
+/// The first part that a join which was cut off has not finished with, after a look at what is there: behind
+/// the last one that is gone, since the removals may have reached the device in any order.
 uint64 findResumePoint(const Parts& parts, const SxString& zqf) {
-    uint64 first = 1;
-    while (first <= parts.count && !SxFSAction::exists(parts.path(first))) ++first;
+    uint64 first = parts.count + 1;
+    while (first > 1 && !isGone(parts.path(first - 1)))
+        --first;
     const uint64 have = SxFSAction::test_f(zqf) ? static_cast<uint64>(SxFileInfo(zqf).getSize()) : 0;
     const uint64 need = first <= parts.count ? parts.offset(first) : parts.size;
     if (have < need) {
-        throw SxException("Part '" + parts.path(1) + "' is missing, and '" + zqf + "' has only " + have +
-                              " bytes of the parts that are gone",
+        throw SxException("Part '" + parts.path(first - 1) + "' is missing, and '" + zqf + "' has only " +
+                              have + " bytes of the parts that are gone",
                           UNIT, __LINE__);
     }
     checkParts(parts, first);
     return first;
 }
 
+/// Brings the joined file to the device and removes the parts that are in it, while the job copies on. Some
+/// work side by side: one may wait for the device while another removes.
+class PartRemovers {
+public:
+    PartRemovers(SxFileIO* target, const Parts& parts, uint64 nWorkers) {
+        for (uint64 i = 0; i < nWorkers; ++i) {
+            workers.push_back(std::make_unique<Worker>(target, parts, &line));
+            workers.back()->start();
+        }
+    }
+    ~PartRemovers() {
+        line.todo.close();
+        for (const auto& worker : workers)
+            worker->wait();
+    }
+    PartRemovers(const PartRemovers&) = delete;
+    PartRemovers& operator=(const PartRemovers&) = delete;
+
+    /// Hands over the parts `first` to `last`; waits while as many batches as workers are under way.
+    void take(uint64 first, uint64 last) {
+        settle(workers.size() - 1);
+        line.todo.push({first, last});
+        ++nBusy;
+    }
+    /// Waits until at most `n` batches are under way.
+    void settle(uint64 n) {
+        for (; nBusy > n; --nBusy) {
+            if (!line.done.pop()) fail();
+        }
+    }
+
+private:
+    using Batch = std::pair<uint64, uint64>; ///< first and last part
+
+    /// What the workers share.
+    struct Line {
+        SxQueue<Batch> todo, done;
+        SxMutex syncing;
+        bool failed SX_GUARDED_BY(syncing) = false;
+    };
+
+    class Worker : public SxSystemThread {
+    public:
+        Worker(SxFileIO* target_, const Parts& parts_, Line* line_)
+            : target(target_),
+              parts(parts_),
+              line(line_) {
+            setThreadName("join");
+        }
+
+    protected:
+        void main() override {
+            try {
+                while (const auto batch = nextSynced()) {
+                    for (uint64 part = batch->first; part <= batch->second; ++part)
+                        SxFSAction::rm(parts.path(part));
+                    line->done.push(*batch);
+                }
+            } catch (const SxException&) {
+                line->done.close();
+                throw;
+            }
+        }
+
+    private:
+        /// Batches are synced in their order, and none behind a failure: the system tells of bytes that it
+        /// couldn't write only once, so a later sync comes off without them.
+        std::optional<Batch> nextSynced() {
+            SxMutexBlock lock(&line->syncing);
+            if (line->failed) return std::nullopt;
+            const std::optional<Batch> batch = line->todo.pop();
+            if (!batch) return batch;
+            line->failed = true;
+            target->sync();
+            line->failed = false;
+            return batch;
+        }
+
+        SxFileIO* target;
+        const Parts& parts;
+        Line* line;
+    };
+
+    [[noreturn]] void fail() {
+        line.todo.close();
+        for (const auto& worker : workers)
+            worker->wait();
+        for (const auto& worker : workers) {
+            if (worker->hasException()) throw worker->getException();
+        }
+        throw SxException("The removal of joined parts ended early", UNIT, __LINE__);
+    }
+
+    Line line;
+    std::vector<std::unique_ptr<Worker>> workers;
+    uint64 nBusy = 0; ///< batches handed over and not yet done
+};
+
 void joinParts(const Parts& parts, const SxString& zqf, uint64 first, Progress* progress) {
-    // On a disk that has little more than a part of room left, parts must go early.
-    const uint64 batch =
-        std::min(SYNC_BATCH, static_cast<uint64>(ZqSysEnv::getFreeDiskSpace(parts.prefix)) / 2);
-    if (!SxFSAction::exists(zqf)) SxFileIO(zqf, "wb", 0600).close();
+    // On a disk that has little more than a part of room left, parts must go early, and one by one.
+    const auto free = static_cast<uint64>(ZqSysEnv::getFreeDiskSpace(parts.prefix));
+    const uint64 batch = std::max<uint64>(1, std::min(SYNC_BATCH, free / 4) / parts.partSize); // parts
+    const uint64 nAhead = std::min<uint64>(MAX_AHEAD, free / batch / parts.partSize);
     SxFileIO target(zqf, "r+b", 0600);
     const uint64 start = first <= parts.count ? parts.offset(first) : parts.size;
     target.truncate(static_cast<int64>(start));
     target.seek(static_cast<int64>(start));
     progress->add(start);
+    for (uint64 part = 1; part < first; ++part) {
+        if (!isGone(parts.path(part))) SxFSAction::rm(parts.path(part));
+    }
+    PartRemovers removers(&target, parts, std::max<uint64>(nAhead, 2) - 1);
     SxArray<char> buffer(BUFFER);
-    uint64 synced = first;
+    uint64 handedOver = first - 1;
     for (uint64 part = first; part <= parts.count; ++part) {
         {
             SxFileIO source(parts.path(part), "rb", 0600);
             source.adviseSequential();
             copyBytes(&source, &target, parts.bytes(part), &buffer, progress);
         }
-        const uint64 waiting = (part - synced + 1) * parts.partSize;
-        if (waiting < batch && part < parts.count) continue;
-        target.sync();
-        for (; synced <= part; ++synced) SxFSAction::rm(parts.path(synced));
+        if (part - handedOver < batch && part < parts.count) continue;
+        removers.take(handedOver + 1, part);
+        handedOver = part;
+        if (nAhead < 2) removers.settle(0);
     }
-    target.sync();
+    removers.settle(0);
     target.close();
 }
 
 /// Takes a join back that has used up no part yet, so that the folder is as it was.
 void undoJoin(const Parts& parts, const SxString& zqf, const SxString& info, const SxString& journal) {
     try {
-        if (!SxFSAction::test_f(journal) || !SxFSAction::test_f(parts.path(1))) return;
-        if (SxFSAction::exists(zqf)) SxFSAction::rm(zqf);
+        for (uint64 part = 1; part <= parts.count; ++part) {
+            if (!SxFSAction::exists(parts.path(part))) return;
+        }
+        if (!isGone(zqf)) SxFSAction::rm(zqf);
+        // With the record beside it, what is left of img.zqf would look like the whole of it.
+        const SxString folder = SxFileInfo(zqf).getPath();
+        SxFSAction::syncDir(folder);
         SxFSAction::mv(journal, info);
+        SxFSAction::syncDir(folder);
     } catch (const SxException& e) {
         zqLogMsg("base", "ZqImage::join : cannot take the join back: " + e.toString(3, "\n"));
     }
@@ -318,37 +507,39 @@ void ZqImage::split(uint64 partSize, bool compress, ZqTaskMon* monitor) const {
     if (!SxFSAction::test_f(zqf)) {
         throw SxException("ZqImage: ZQF file " + zqf + " not available.", UNIT, __LINE__);
     }
-    const auto lock = ZqImageLock::take(pathPrefix, ZqImageLock::Shape, ZqImageLock::Exclusive, "image split");
+    const auto lock =
+        ZqImageLock::take(pathPrefix, ZqImageLock::Shape, ZqImageLock::Exclusive, "image split");
+    const SxString cannotSplit = "Cannot split image " + zqf;
+    if (SxFSAction::exists(pathPrefix + ZqImageFiles::JOIN_INFO)) {
+        throw SxException(
+            SxException("A join of this image was cut off; join it again first", UNIT, __LINE__), cannotSplit,
+            UNIT, __LINE__);
+    }
     const Parts parts(pathPrefix, static_cast<uint64>(SxFileInfo(zqf).getSize()), partSize);
     if (parts.count <= 1) return;
     try {
-        if (SxFSAction::exists(pathPrefix + ZqImageFiles::JOIN_INFO)) {
-            throw SxException("A join of this image was cut off; join it again first", UNIT, __LINE__);
-        }
+        undoSplit(pathPrefix, parts.size);
         requireSpace(pathPrefix, parts.size);
     } catch (const SxException& e) {
-        throw SxException(e, "Cannot split image " + zqf, UNIT, __LINE__);
+        throw SxException(e, cannotSplit, UNIT, __LINE__);
     }
-    const SxString info = pathPrefix + ZqImageFiles::SPLIT_INFO;
+    const SxString info = pathPrefix + ZqImageFiles::SPLIT_INFO,
+                   journal = pathPrefix + ZqImageFiles::SPLIT_JOURNAL;
+    const SxString cannotWrite = "Cannot write " + info;
+    SxString failure = cannotWrite;
     try {
-        SxFileIO::writeAtomic(info, SxString(parts.size) + "\n" + parts.partSize, 0600);
-    } catch (const SxException& e) {
-        throw SxException(e, "Cannot write " + info, UNIT, __LINE__);
-    }
-    try {
-        const FolderSync folder(pathPrefix);
-        Progress progress(monitor, parts.size);
-        if (compress) {
-            writeCompressedParts(zqf, parts, &progress);
-        } else {
-            writePlainParts(zqf, parts, &progress);
-        }
-        folder.run();
+        SxFileIO::writeAtomic(journal, SxString(parts.size) + "\n" + parts.partSize, 0600);
+        failure = cannotSplit;
+        writeParts(pathPrefix, zqf, parts, compress, monitor);
+        failure = cannotWrite;
+        SxFSAction::mv(journal, info);
+        SxFSAction::syncDir(pathPrefix);
+        failure = cannotSplit;
         SxFSAction::rm(zqf);
         SxFSAction::syncDir(pathPrefix);
     } catch (const SxException& e) {
-        if (SxFSAction::test_f(zqf)) removeParts(pathPrefix, parts);
-        throw SxException(e, "Cannot split image " + zqf, UNIT, __LINE__);
+        takeBack(pathPrefix, zqf, parts.size);
+        throw SxException(e, failure, UNIT, __LINE__);
     }
 }
 
@@ -362,6 +553,7 @@ void ZqImage::join(ZqTaskMon* monitor) const {
     const bool resumed = isJoining(pathPrefix);
     const Parts parts = readRecord(pathPrefix, resumed ? journal : info);
     if (parts.count <= 1) return;
+    bool begun = false;
     try {
         uint64 first = 1;
         if (resumed) {
@@ -370,17 +562,18 @@ void ZqImage::join(ZqTaskMon* monitor) const {
             checkParts(parts, first);
         }
         if (first <= parts.count) requireSpace(pathPrefix, parts.bytes(first));
-        if (!resumed) {
-            SxFSAction::mv(info, journal);
-            SxFSAction::syncDir(pathPrefix);
-        }
+        if (!resumed) SxFSAction::mv(info, journal);
+        begun = true;
+        // The names must be on the device ahead of the end of the first part.
+        SxFileIO(zqf, "ab", 0600).close();
+        SxFSAction::syncDir(pathPrefix);
         Progress progress(monitor, parts.size);
         joinParts(parts, zqf, first, &progress);
         SxFSAction::syncDir(pathPrefix);
         SxFSAction::rm(journal);
         SxFSAction::syncDir(pathPrefix);
     } catch (const SxException& e) {
-        undoJoin(parts, zqf, info, journal);
+        if (begun) undoJoin(parts, zqf, info, journal);
         throw SxException(e, "Cannot join image " + zqf, UNIT, __LINE__);
     }
 }

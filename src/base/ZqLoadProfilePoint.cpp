@@ -6,7 +6,7 @@
 uint64 ZqLoadProfilePoint::getNInit(const SxList<ZqLoadProfilePoint>& points, double speedMbit) {
     const double exact = speedMbit * 1000 * 1000 / 8;
     constexpr double LIMIT = 18446744073709551616.0;
-    const uint64 bytesPerSecond = !(exact > 0)      ? 0
+    const uint64 bytesPerSecond = !(exact > 0)     ? 0
                                   : exact >= LIMIT ? std::numeric_limits<uint64>::max()
                                                    : static_cast<uint64>(exact);
     uint64 most = 0;

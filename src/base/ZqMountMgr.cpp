@@ -8,19 +8,26 @@ constexpr const char* UNIT = "src/base/ZqMountMgr";
 
 SxString ZqMountMgr::getFSString(FileSystem fs) {
     switch (fs) {
-    case NTFS: return "ntfs";
-    case ExFAT: return "exfat";
-    case FAT: return "fat";
-    case UDF: return "udf";
+    case NTFS:
+        return "ntfs";
+    case ExFAT:
+        return "exfat";
+    case FAT:
+        return "fat";
+    case UDF:
+        return "udf";
     }
     throw SxException("Unknown filesystem", UNIT, __LINE__);
 }
 
 SxString ZqMountMgr::mountModeToString(MountMode mode) {
     switch (mode) {
-    case ReadOnly: return "ro";
-    case ReadWrite: return "rw";
-    case ReadTWLayer: return "rtw";
+    case ReadOnly:
+        return "ro";
+    case ReadWrite:
+        return "rw";
+    case ReadTWLayer:
+        return "rtw";
     }
     throw SxException("Unknown mount mode", UNIT, __LINE__);
 }

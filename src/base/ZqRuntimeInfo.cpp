@@ -24,7 +24,8 @@ void ZqRuntimeInfo::Stats::end(int64 nowMs, int64 nBytes) {
     bytesPerSec = timeSec > 0 ? bytes / timeSec : bytes;
 }
 
-ZqRuntimeInfo::ZqRuntimeInfo() : id(ZqSysEnv::getNewGUID()) {}
+ZqRuntimeInfo::ZqRuntimeInfo() : id(ZqSysEnv::getNewGUID()) {
+}
 
 void ZqRuntimeInfo::reset() {
     ZqRuntimeInfo fresh;

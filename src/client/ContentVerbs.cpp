@@ -21,7 +21,8 @@ int create(const CreateOptions& options, Output& out) {
     }
     // The library replaces whatever stands there; a mistyped path must not cost a folder of documents.
     if (!ZqImageFolder::isFree(options.image) && !ZqImageFolder::holdsImage(options.image)) {
-        throw SxException("Folder '" + options.image + "' isn't empty and holds no image; name another, or empty it",
+        throw SxException("Folder '" + options.image +
+                              "' isn't empty and holds no image; name another, or empty it",
                           UNIT, __LINE__);
     }
     ZqCreateContent job(options.image, options.source);
@@ -41,8 +42,8 @@ int create(const CreateOptions& options, Output& out) {
         result.append("bytesPerSecond", static_cast<int64>(rate));
         out.object(result);
     }
-    out.text("Packed " + SxString(job.getNFiles()) + " files in " + nBlocks + " blocks, " + exactBytes(bytes) +
-             SxString::sprintf(", in %.1f s (", seconds) + readableBytes(rate) + "/s).");
+    out.text("Packed " + SxString(job.getNFiles()) + " files in " + nBlocks + " blocks, " +
+             exactBytes(bytes) + SxString::sprintf(", in %.1f s (", seconds) + readableBytes(rate) + "/s).");
     return ExitSuccess;
 }
 } // namespace

@@ -64,8 +64,7 @@ SxSymbol describeJson(const ZqImageInfo& info, const SxString& folder) {
 }
 
 SxString describeParts(const ZqImageInfo& info) {
-    SxString text =
-        info.split ? "cut into parts of " + exactBytes(info.partSize) : SxString("one file");
+    SxString text = info.split ? "cut into parts of " + exactBytes(info.partSize) : SxString("one file");
     if (info.joining) text += ", a join was cut off: join again";
     return text;
 }
@@ -140,7 +139,7 @@ int showMap(const MapOptions& options, Output& out) {
 void appendTexts(SxSymbol* result, const char* key, const SxList<SxString>& texts) {
     SxSymbol array = result->append(key, Json::Array);
     for (const SxString& text : texts)
-        array.append(validUtf8(text));
+        array.append(text.validUtf8());
 }
 
 int verify(const SxString& image, Output& out) {

@@ -21,6 +21,6 @@ private:
 };
 
 /// Starts `job`, shows its progress under `label` until it has ended, and gives the seconds that it took.
-/// Raises what left the job. On SIGINT, SIGTERM or SIGHUP the job is asked to stop and waited for, and where it
-/// then fails "stopped" is raised; a second signal has its usual effect.
+/// Raises what left the job. On SIGINT, SIGTERM or SIGHUP the job is asked to stop and waited for, and where
+/// it then fails "stopped" is raised; a second signal has its usual effect.
 double runJob(ZqTaskMon* job, const SxString& label, const Output& out);

@@ -48,11 +48,6 @@ private:
     bool closed = false;
 };
 
-/// `text` with control characters, bidirectional overrides and bytes that aren't UTF-8 written as escapes, so
-/// that a hostile name can't disturb a terminal.
-SxString makeVisible(const SxString& text);
-/// `text` with bytes that aren't UTF-8 replaced by U+FFFD, as JSON wants it.
-SxString validUtf8(const SxString& text);
 /// Bytes in a readable unit, such as "1.5 GiB".
 SxString readableBytes(double bytes);
 /// Bytes exactly and in a readable unit, such as "1572864 bytes (1.5 MiB)".

@@ -49,7 +49,8 @@ void copyFile(const SxString& from, const SxString& to, uint32 permissions) {
     SxFileIO source(from, "rb");
     SxFileIO target(to, "wb", static_cast<int>(permissions));
     SxArray<char> buffer(COPY_CHUNK);
-    while (const int64 n = source.readBuffer(buffer.data(), COPY_CHUNK)) target.writeBuffer(buffer.data(), n);
+    while (const int64 n = source.readBuffer(buffer.data(), COPY_CHUNK))
+        target.writeBuffer(buffer.data(), n);
     target.close();
     const int result = SxOs::get().setPermissions(SxOs::hostPath(to), permissions);
     if (result < 0) fail("Cannot set the permissions of '" + to + "'", result, __LINE__);
@@ -119,7 +120,8 @@ void SxFSAction::cp(const SxString& from, const SxString& to) {
     } else if (info.kind == SxStat::Dir) {
         const std::vector<std::string> names = sortedNames(from);
         mkdir_p(to, static_cast<int>(info.permissions) | 0700);
-        for (const std::string& name : names) cp(below(from, name), below(to, name));
+        for (const std::string& name : names)
+            cp(below(from, name), below(to, name));
     } else if (info.kind == SxStat::File) {
         copyFile(from, to, info.permissions);
     } else {
@@ -144,7 +146,8 @@ void SxFSAction::rm(const SxString& path) {
 
 void SxFSAction::rm_r(const SxString& path) {
     if (ask(path).kind != SxStat::Dir) return rm(path);
-    for (const std::string& name : sortedNames(path)) rm_r(below(path, name));
+    for (const std::string& name : sortedNames(path))
+        rm_r(below(path, name));
     const int result = SxOs::get().removeDir(SxOs::hostPath(path));
     if (result < 0) fail("Cannot remove folder '" + path + "'", result, __LINE__);
 }
@@ -157,7 +160,8 @@ void SxFSAction::touch(const SxString& path, int mode) {
 
 SxList<SxFileInfo> SxFSAction::ls(const SxString& path) {
     SxList<SxFileInfo> found;
-    for (const std::string& name : sortedNames(path)) found.append(SxFileInfo(below(path, name)));
+    for (const std::string& name : sortedNames(path))
+        found.append(SxFileInfo(below(path, name)));
     return found;
 }
 

@@ -78,6 +78,10 @@ void SxFileIO::adviseSequential() {
     SxOs::get().adviseSequential(fd);
 }
 
+void SxFileIO::adviseDone(int64 from, int64 n) {
+    SxOs::get().adviseDone(fd, from, n);
+}
+
 int64 SxFileIO::getSize() const {
     SxStat info;
     const int result = SxOs::get().statFd(fd, &info);
@@ -114,8 +118,7 @@ void SxFileIO::writeBuffer(const void* buffer, int64 n) {
     if (!hasMode(ModeAppend)) require(ModeWrite, __LINE__);
     int64 done = 0;
     while (done < n) {
-        const int64 put =
-            SxOs::get().writeAt(fd, static_cast<const char*>(buffer) + done, n - done, offset);
+        const int64 put = SxOs::get().writeAt(fd, static_cast<const char*>(buffer) + done, n - done, offset);
         if (put <= 0) {
             const SxString cause = put < 0 ? SxOs::errorText(put) : SxString("no byte was taken");
             throw SxException("FileWriteError", fileWriteErr(path) + " at byte " + offset + ": " + cause,
@@ -168,8 +171,8 @@ SxList<SxString> SxFileIO::readLines(const SxString& path, int64 n) {
 SxString SxFileIO::readUtf8(const SxString& path, int64 maxBytes) {
     SxFileIO file(path, "rb");
     if (file.getSize() > maxBytes) {
-        throw SxException("File '" + path + "' is too large: " + file.getSize() + " bytes, at most " + maxBytes +
-                              " are taken",
+        throw SxException("File '" + path + "' is too large: " + file.getSize() + " bytes, at most " +
+                              maxBytes + " are taken",
                           UNIT, __LINE__);
     }
     SxString text;
@@ -211,6 +214,7 @@ void SxFileIO::require(Mode m, int line) const {
     if (isOpen() && hasMode(m)) return;
     // A fault of the program, which no input reaches.
     const char* rule = "+-----------------------------------------------------------------------------";
-    std::fprintf(stderr, "\n%s\n| Abnormal program stop in file %s at line %d.\n%s\n", rule, UNIT, line, rule);
+    std::fprintf(stderr, "\n%s\n| Abnormal program stop in file %s at line %d.\n%s\n", rule, UNIT, line,
+                 rule);
     std::exit(1);
 }

@@ -36,6 +36,8 @@ public:
     void startWriteback(int64 offset, int64 n);
     /// Tells the system that the file will be read from front to back.
     void adviseSequential();
+    /// Tells the system that these bytes won't be read again soon.
+    void adviseDone(int64 from, int64 n);
     bool isOpen() const noexcept { return fd >= 0; }
     bool hasMode(Mode m) const noexcept { return (mode & m) != 0; }
     const SxString& getFilePath() const noexcept { return path; }

@@ -21,7 +21,8 @@ SxString SxFileInfo::getName() const {
     const size_t end = text.find_last_not_of('/');
     if (end == std::string::npos) return SxString();
     const size_t slash = text.rfind('/', end);
-    return SxString(text.substr(slash == std::string::npos ? 0 : slash + 1, end - (slash == std::string::npos ? 0 : slash + 1) + 1));
+    return SxString(text.substr(slash == std::string::npos ? 0 : slash + 1,
+                                end - (slash == std::string::npos ? 0 : slash + 1) + 1));
 }
 
 SxString SxFileInfo::getPath() const {
@@ -54,7 +55,8 @@ SxString SxFileInfo::getAbsPath() const {
         }
     }
     std::string result = root;
-    for (size_t i = 0; i < parts.size(); ++i) result += (i > 0 ? "/" : "") + parts[i];
+    for (size_t i = 0; i < parts.size(); ++i)
+        result += (i > 0 ? "/" : "") + parts[i];
     return SxString(result);
 }
 

@@ -17,7 +17,6 @@ namespace {
 
 constexpr const char* UNIT = "src/core/SxOs";
 
-
 int status(int result) {
     return result < 0 ? -errno : result;
 }
@@ -70,8 +69,8 @@ public:
     int64 writeAt(int fd, const void* buffer, int64 n, int64 offset) override {
         int64 done = 0;
         while (done < n) {
-            const ssize_t put =
-                ::pwrite(fd, static_cast<const char*>(buffer) + done, static_cast<size_t>(n - done), offset + done);
+            const ssize_t put = ::pwrite(fd, static_cast<const char*>(buffer) + done,
+                                         static_cast<size_t>(n - done), offset + done);
             if (put < 0 && errno == EINTR) continue;
             if (put < 0) return done > 0 ? done : -errno;
             done += put;
@@ -86,6 +85,9 @@ public:
         ::sync_file_range(fd, offset, n, SYNC_FILE_RANGE_WRITE);
     }
     void adviseSequential(int fd) override { ::posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL); }
+    void adviseDone(int fd, int64 offset, int64 n) override {
+        ::posix_fadvise(fd, offset, n, POSIX_FADV_DONTNEED);
+    }
 
     int statFd(int fd, SxStat* stat) override {
         struct ::stat info {};

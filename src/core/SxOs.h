@@ -54,6 +54,8 @@ public:
     virtual void startWriteback(int fd, int64 offset, int64 n) = 0;
     /// Tells that the whole file will be read from front to back; advice.
     virtual void adviseSequential(int fd) = 0;
+    /// Tells that these bytes won't be read again soon; advice.
+    virtual void adviseDone(int fd, int64 offset, int64 n) = 0;
 
     virtual int statFd(int fd, SxStat* stat) = 0;
     /// Follows links.

@@ -188,13 +188,13 @@ void SxProcess::setWorkingDirectory(const SxString& path) {
 }
 
 std::string SxProcess::programPath() const {
-    const std::string path = SxOs::hostPath(program);
+    std::string path = SxOs::hostPath(program);
     if (path[0] == '/') return path;
     // The child changes to its folder ahead of the look-up.
     if (path.find('/') != std::string::npos) return SxOs::get().currentDir() + "/" + path;
     const char* folders = std::getenv("PATH");
     for (const SxString& folder : SxString(folders ? folders : "/usr/bin:/bin").tokenize(':')) {
-        const std::string candidate = folder.str() + "/" + path;
+        std::string candidate = folder.str() + "/" + path;
         SxStat info;
         if (SxOs::get().stat(candidate, &info) == 0 && info.kind == SxStat::File &&
             (info.permissions & 0111)) {
@@ -215,6 +215,7 @@ SxProcess::Launch SxProcess::prepare(const SxList<SxString>& moreArguments) cons
         }
     }
     std::vector<char*> argv;
+    argv.reserve(texts.size() + 1);
     for (std::string& text : texts)
         argv.push_back(text.data());
     argv.push_back(nullptr);

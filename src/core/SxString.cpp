@@ -54,6 +54,25 @@ void encode(char32_t code, std::string& text) {
     }
 }
 
+/// Characters that a terminal obeys instead of showing, or that turn the order of others around.
+bool disturbs(char32_t c) {
+    return c < 0x20 || (c >= 0x7F && c < 0xA0) || (c >= 0x200E && c <= 0x200F) ||
+           (c >= 0x2028 && c <= 0x202E) || (c >= 0x2066 && c <= 0x2069);
+}
+
+SxString escape(char32_t c) {
+    switch (c) {
+    case '\n':
+        return "\\n";
+    case '\r':
+        return "\\r";
+    case '\t':
+        return "\\t";
+    default:
+        return SxString::sprintf(c < 0x80 ? "\\x%02x" : "\\u%04x", static_cast<unsigned>(c));
+    }
+}
+
 template<class Number>
 bool parseNumber(const std::string& text, Number* value) {
     const char* first = text.data();
@@ -146,7 +165,8 @@ int64 SxString::contains(const char* part) const noexcept {
     const std::string_view what(part);
     if (what.empty()) return 0;
     int64 count = 0;
-    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + what.size())) ++count;
+    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + what.size()))
+        ++count;
     return count;
 }
 
@@ -175,7 +195,8 @@ SxString SxString::substitute(const SxString& a, const SxString& b, int64 n) con
     SxString result;
     result.unicode = unicode || b.unicode;
     size_t from = 0;
-    for (size_t at = text.find(a.text); at != std::string::npos && n != 0; at = text.find(a.text, from), --n) {
+    for (size_t at = text.find(a.text); at != std::string::npos && n != 0;
+         at = text.find(a.text, from), --n) {
         result.text.append(text, from, at - from);
         result.text += b.text;
         from = at + a.text.size();
@@ -231,6 +252,31 @@ bool SxString::isInt64() const noexcept {
     return parseNumber(text, &value);
 }
 
+SxString SxString::makeVisible() const {
+    std::string result;
+    result.reserve(text.size());
+    for (size_t i = 0; i < text.size();) {
+        const size_t start = i;
+        const char32_t code = decode(text, i);
+        // One byte that decodes as the replacement is none of a character; the replacement itself has three.
+        if (code == REPLACEMENT && i - start == 1) {
+            result += sprintf("\\x%02x", static_cast<unsigned>(static_cast<unsigned char>(text[start]))).text;
+        } else if (disturbs(code)) {
+            result += escape(code).text;
+        } else {
+            result.append(text, start, i - start);
+        }
+    }
+    return SxString(std::move(result));
+}
+
+SxString SxString::validUtf8() const {
+    std::string result;
+    for (size_t i = 0; i < text.size();)
+        encode(decode(text, i), result);
+    return SxString(std::move(result));
+}
+
 void SxString::resize(int64 n, bool keep) {
     if (!keep) text.clear();
     text.resize(static_cast<size_t>(n));
@@ -240,7 +286,8 @@ void SxString::updateNChars(int64 n) {
     size_t i = 0;
     while (i < text.size() && n > 0) {
         ++i;
-        while (unicode && i < text.size() && isContinuation(text[i])) ++i;
+        while (unicode && i < text.size() && isContinuation(text[i]))
+            ++i;
         --n;
     }
     text.resize(i);

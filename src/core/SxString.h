@@ -89,6 +89,12 @@ public:
     int64 toInt64(bool* error = nullptr) const;
     bool isInt64() const noexcept;
 
+    /// A copy with control characters, bidirectional overrides and bytes that aren't UTF-8 written as
+    /// escapes, so that a hostile name can't disturb a terminal or forge a line of a log.
+    SxString makeVisible() const;
+    /// A copy with bytes that aren't UTF-8 replaced by U+FFFD.
+    SxString validUtf8() const;
+
     /// Sets the length to `n` bytes, padded with NUL; with `keep` the old bytes stay.
     void resize(int64 n, bool keep = false);
     /// Cuts the text to `n` characters.

@@ -106,10 +106,7 @@ SxString excerpt(const SxString& text, int64 nBytes) {
             --start;
         part.resize(start);
     }
-    std::replace_if(
-        part.begin(), part.end(), [](char c) { return static_cast<unsigned char>(c) < ' ' || c == 0x7F; },
-        '?');
-    return SxString::fromUtf16(SxString(std::move(part)).utf16().data()) + (cut ? "..." : "");
+    return SxString(std::move(part)).makeVisible() + (cut ? "..." : "");
 }
 
 SxString SxSymbol::Node::path() const {

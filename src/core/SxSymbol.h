@@ -15,7 +15,7 @@ enum ElemType { Null = 0, Bool = 1, Int = 2, Double = 3, String = 4, BigInt = 5,
 namespace SxParserKit {
 
 /// The first `nBytes` of a foreign text for use in a message: longer texts are cut and marked with "...",
-/// control characters and bytes that aren't UTF-8 are replaced.
+/// control characters and bytes that aren't UTF-8 are escaped.
 SxString excerpt(const SxString& text, int64 nBytes = 60);
 
 /// Handle of an element of a JSON tree (RFC 8259): an object, an array or a value. Copies are cheap and stand

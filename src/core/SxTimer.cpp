@@ -77,10 +77,10 @@ bool SxTimer::startIfIdle(int id) {
     return true;
 }
 
-void SxTimer::stop(int id) {
+void SxTimer::stop(int id) noexcept {
     const int64 now = SxClock::get().steadyNs();
     SxMutexBlock lock(&mutex);
-    require(id);
+    if (id < 0 || static_cast<size_t>(id) >= watches.size()) return;
     Watch& w = watches[static_cast<size_t>(id)];
     if (!w.running) return;
     w.running = false;

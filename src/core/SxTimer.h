@@ -10,7 +10,7 @@
 #include <vector>
 
 /// Numbered stop watches on the clock in force (SxClock); each adds up its runs. Ids count from 0. All
-/// operations are safe from any thread. An id outside the timers raises SxException.
+/// operations are safe from any thread. An id outside the timers raises SxException, but from stop().
 class SxTimer {
 public:
     /// `nTimers` timers, all running with `startAll`, else idle.
@@ -24,8 +24,8 @@ public:
     void start(int id) { startIfIdle(id); }
     /// The same; gives whether this call started it.
     bool startIfIdle(int id) SX_EXCLUDES(mutex);
-    /// Stops a timer; nothing where it is idle.
-    void stop(int id) SX_EXCLUDES(mutex);
+    /// Stops a timer; nothing where it is idle, or where there is none.
+    void stop(int id) noexcept SX_EXCLUDES(mutex);
     bool isIdle(int id) const SX_EXCLUDES(mutex);
     /// Nanoseconds of all runs, up to now where it runs.
     int64 getElapsedNs(int id) const SX_EXCLUDES(mutex);

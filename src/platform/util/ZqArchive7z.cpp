@@ -120,7 +120,8 @@ std::vector<std::string> safeParts(const std::string& name) {
         if (part == "." || part == "..") {
             throw SxException("The name has a part '" + SxString(part) + "'", UNIT, __LINE__);
         }
-        if (part.size() >= 2 && part[1] == ':') throw SxException("The name has a drive letter", UNIT, __LINE__);
+        if (part.size() >= 2 && part[1] == ':')
+            throw SxException("The name has a drive letter", UNIT, __LINE__);
     }
     if (parts.front() == STAGING) throw SxException("The name is reserved", UNIT, __LINE__);
     return parts;
@@ -131,7 +132,8 @@ std::vector<std::string> safeParts(const std::string& name) {
 class Extraction {
 public:
     explicit Extraction(const SxString& folder_) : folder(folder_), root(SxOs::hostPath(folder_)) {
-        while (root.size() > 1 && root.back() == '/') root.pop_back();
+        while (root.size() > 1 && root.back() == '/')
+            root.pop_back();
         try {
             makeRoot(root);
             removeTree(STAGING);
@@ -191,7 +193,8 @@ public:
             changedDirs.insert(pathOf(join(parts, nDirs)));
         }
         removeTree(STAGING);
-        for (const std::string& dir : newRoots) changedDirs.insert(parentOf(dir));
+        for (const std::string& dir : newRoots)
+            changedDirs.insert(parentOf(dir));
         for (const std::string& dir : changedDirs) {
             const int result = SxOs::get().syncDir(dir);
             if (result < 0) fail("Cannot bring folder '" + SxString(dir) + "' to the disk", result, __LINE__);
@@ -207,7 +210,8 @@ private:
 
     static std::string join(const std::vector<std::string>& parts, size_t n) {
         std::string name;
-        for (size_t i = 0; i < n; ++i) name += (i > 0 ? "/" : "") + parts[i];
+        for (size_t i = 0; i < n; ++i)
+            name += (i > 0 ? "/" : "") + parts[i];
         return name;
     }
     static std::string parentOf(const std::string& path) {
@@ -252,7 +256,8 @@ private:
             written += n;
         }
         if (written != size) {
-            throw SxException(SxString("Only ") + written + " of its " + size + " bytes are there", UNIT, __LINE__);
+            throw SxException(SxString("Only ") + written + " of its " + size + " bytes are there", UNIT,
+                              __LINE__);
         }
         file.sync();
         file.close();
@@ -274,7 +279,8 @@ private:
     void moveToPlace(const Item& item) {
         const bool replaces = requirePlace(item.name, false);
         const int result = SxOs::get().rename(pathOf(item.staged), pathOf(item.name));
-        if (result < 0) fail("Cannot move '" + SxString(pathOf(item.name)) + "' to its place", result, __LINE__);
+        if (result < 0)
+            fail("Cannot move '" + SxString(pathOf(item.name)) + "' to its place", result, __LINE__);
         if (!replaces) madeFiles.push_back(pathOf(item.name));
     }
     void removeTree(const std::string& name) {
@@ -289,8 +295,10 @@ private:
         } catch (const SxException&) {
             // The next extraction into this folder removes it.
         }
-        for (const std::string& path : madeFiles) SxOs::get().unlink(path);
-        for (auto path = madeDirs.rbegin(); path != madeDirs.rend(); ++path) SxOs::get().removeDir(*path);
+        for (const std::string& path : madeFiles)
+            SxOs::get().unlink(path);
+        for (auto path = madeDirs.rbegin(); path != madeDirs.rend(); ++path)
+            SxOs::get().removeDir(*path);
     }
 
     SxString folder;
@@ -305,7 +313,8 @@ private:
 void extractEntry(archive* a, ByteStream& stream, archive_entry* entry, const std::string& name,
                   Extraction& target) {
     const auto type = archive_entry_filetype(entry);
-    if (archive_entry_hardlink(entry) || archive_entry_symlink(entry) || (type != AE_IFREG && type != AE_IFDIR)) {
+    if (archive_entry_hardlink(entry) || archive_entry_symlink(entry) ||
+        (type != AE_IFREG && type != AE_IFDIR)) {
         throw SxException("It is neither a file nor a folder", UNIT, __LINE__);
     }
     const std::vector<std::string> parts = safeParts(name);

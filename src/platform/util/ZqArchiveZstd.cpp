@@ -103,7 +103,8 @@ int64 declaredSize(SxFileIO& source) {
     const int64 n = source.readBuffer(header, MAX_FRAME_HEADER);
     source.seek(0);
     const unsigned long long size = ZSTD_getFrameContentSize(header, static_cast<size_t>(n));
-    if (size == ZSTD_CONTENTSIZE_ERROR) throw SxException("It doesn't begin with a zstd frame", UNIT, __LINE__);
+    if (size == ZSTD_CONTENTSIZE_ERROR)
+        throw SxException("It doesn't begin with a zstd frame", UNIT, __LINE__);
     if (size == ZSTD_CONTENTSIZE_UNKNOWN) throw SxException("The frame declares no size", UNIT, __LINE__);
     if (size > static_cast<unsigned long long>(INT64_MAX)) {
         throw SxException(SxString("The frame declares ") + size + " bytes", UNIT, __LINE__);
@@ -116,8 +117,8 @@ void requireSpace(const SxString& path, int64 size) {
     int64 space = 0;
     const int result = SxOs::get().freeSpace(SxOs::hostPath(folder), &space);
     if (result < 0) {
-        throw SxException("Cannot ask for the free space of '" + folder + "': " + SxOs::errorText(result), UNIT,
-                          __LINE__);
+        throw SxException("Cannot ask for the free space of '" + folder + "': " + SxOs::errorText(result),
+                          UNIT, __LINE__);
     }
     if (size > space) {
         throw SxException(SxString("It declares ") + size + " bytes, and only " + space + " are free", UNIT,
@@ -137,7 +138,8 @@ void decompress(SxFileIO& source, Target& target, int64 size) {
             ZSTD_outBuffer out{output.data(), static_cast<size_t>(CHUNK), 0};
             finished = check(ZSTD_decompressStream(context.get(), &out, &in)) == 0;
             if (target.getWritten() + static_cast<int64>(out.pos) > size) {
-                throw SxException(SxString("It holds more than the declared ") + size + " bytes", UNIT, __LINE__);
+                throw SxException(SxString("It holds more than the declared ") + size + " bytes", UNIT,
+                                  __LINE__);
             }
             target.write(output, out.pos);
             drained = in.pos == in.size && out.pos < out.size;

@@ -4,6 +4,9 @@
 #include "SxFileIO.h"
 #include "SxOs.h"
 
+#include <array>
+#include <functional>
+#include <span>
 #include <vector>
 
 namespace {
@@ -14,6 +17,9 @@ constexpr int64 BATCH = 4 << 20;
 constexpr size_t MAX_SEGMENTS = 4096;
 /// After so many bytes the device is put to work, so that the sync at the end is short.
 constexpr int64 WRITEBACK_STEP = 32 << 20;
+
+/// From so many segments on a batch is read by several threads.
+constexpr size_t SCATTERED = 32;
 
 /// Neighbouring bytes of a file; those of a batch's segments follow each other in its buffer.
 struct Segment {
@@ -35,7 +41,9 @@ struct Batch {
     std::vector<Segment> reads, writes;
     int64 targetBegin = INT64_MAX, targetEnd = 0;
 
-    bool isFull() const { return n == BATCH || reads.size() == MAX_SEGMENTS || writes.size() == MAX_SEGMENTS; }
+    bool isFull() const {
+        return n == BATCH || reads.size() == MAX_SEGMENTS || writes.size() == MAX_SEGMENTS;
+    }
     /// Whether bytes of the target file may be overwritten by this batch.
     bool touches(int64 offset, int64 length) const {
         return offset < targetEnd && offset + length > targetBegin;
@@ -67,13 +75,25 @@ bool isOneFile(const SxFileIO& a, const SxFileIO& b) {
     return infoA.device == infoB.device && infoA.inode == infoB.inode;
 }
 
-void readExactly(SxFileIO& file, char* bytes, int64 offset, int64 length) {
-    file.seek(offset);
-    const int64 got = file.readBuffer(bytes, length);
+/// Safe from several threads at once.
+void readExactly(const SxFileIO& file, char* bytes, int64 offset, int64 length) {
+    const int64 got = SxOs::get().readAt(file.getFd(), bytes, length, offset);
     if (got == length) return;
+    if (got < 0) {
+        throw SxException(SxFileIO::fileReadErr(file.getFilePath()) + " at byte " + offset + ": " +
+                              SxOs::errorText(got),
+                          UNIT, __LINE__);
+    }
     throw SxException("File '" + file.getFilePath() + "' ends at byte " + (offset + got) + ", and " + length +
                           " bytes at offset " + offset + " are to be copied",
                       UNIT, __LINE__);
+}
+
+void readSegments(const SxFileIO& file, std::span<const Segment> segments, char* bytes) {
+    for (const Segment& segment : segments) {
+        readExactly(file, bytes, segment.offset, segment.length);
+        bytes += segment.length;
+    }
 }
 
 void checkRanges(const SxArray<ZqFileCopyTask::Range>& ranges) {
@@ -83,8 +103,9 @@ void checkRanges(const SxArray<ZqFileCopyTask::Range>& ranges) {
         const ZqFileCopyTask::Range& range = ranges(i);
         if (range.length > left || range.sourceOffset > MAX - range.length ||
             range.targetOffset > MAX - range.length) {
-            throw SxException(SxString("Range ") + i + " is out of bounds: " + range.length + " bytes from offset " +
-                                  range.sourceOffset + " to offset " + range.targetOffset,
+            throw SxException(SxString("Range ") + i + " is out of bounds: " + range.length +
+                                  " bytes from offset " + range.sourceOffset + " to offset " +
+                                  range.targetOffset,
                               UNIT, __LINE__);
         }
         left -= range.length;
@@ -93,35 +114,32 @@ void checkRanges(const SxArray<ZqFileCopyTask::Range>& ranges) {
 
 } // namespace
 
-/// Feeds one batch to the digest while the next is read.
-class ZqFileCopyTask::DigestJob : public SxSystemThread {
+/// A part of the work beside the job's own thread.
+class ZqFileCopyTask::Helper : public SxSystemThread {
 public:
-    explicit DigestJob(SxMd5* md5_) : md5(md5_) { setThreadName("zq-copy-md5"); }
-    ~DigestJob() override { SxSystemThread::wait(); }
+    explicit Helper(const char* name) { setThreadName(name); }
+    ~Helper() override { SxSystemThread::wait(); }
 
-    /// `bytes` stay as they are until wait().
-    void take(const char* bytes_, int64 n_) {
-        bytes = bytes_;
-        n = n_;
+    void begin(std::function<void()> work_) {
+        work = std::move(work_);
         start();
     }
+    /// Raises what the work has raised.
     void wait() override {
         SxSystemThread::wait();
         if (hasException()) throw getException();
     }
 
 protected:
-    void main() override { md5->update(bytes, n); }
+    void main() override { work(); }
 
 private:
-    SxMd5* md5;
-    const char* bytes = nullptr;
-    int64 n = 0;
+    std::function<void()> work;
 };
 
 class ZqFileCopyTask::Copy {
 public:
-    explicit Copy(ZqFileCopyTask& task_) : task(task_), source(task.source, "rb"), digestJob(&task.md5) {
+    explicit Copy(ZqFileCopyTask& task_) : task(task_), source(task.source, "rb") {
         isNew = !SxFSAction::exists(task.target);
         target.open(task.target, isNew ? "wb" : "r+b");
         isInPlace = !isNew && isOneFile(source, target);
@@ -165,20 +183,34 @@ private:
 
     void flush() {
         if (batch.n == 0) return;
-        int64 at = 0;
-        for (const Segment& segment : batch.reads) {
-            readExactly(source, batch.bytes.data() + at, segment.offset, segment.length);
-            at += segment.length;
-        }
+        readBatch();
         digestJob.wait();
-        digestJob.take(batch.bytes.data(), batch.n);
-        at = 0;
+        digestJob.begin([this, bytes = batch.bytes.data(), n = batch.n] { task.md5.update(bytes, n); });
+        int64 at = 0;
         for (const Segment& segment : batch.writes) {
             write(batch.bytes.data() + at, segment.offset, segment.length);
             at += segment.length;
         }
         std::swap(batch, digested);
         batch.clear();
+    }
+
+    /// Scattered segments are read by several threads, so that a device gets more than one request at a time.
+    void readBatch() {
+        const std::span<const Segment> segments(batch.reads);
+        char* bytes = batch.bytes.data();
+        if (segments.size() < SCATTERED) return readSegments(source, segments, bytes);
+        const size_t share = (segments.size() + readers.size() - 1) / readers.size();
+        size_t first = 0;
+        for (Helper& reader : readers) {
+            const auto part = segments.subspan(first, std::min(share, segments.size() - first));
+            reader.begin([this, part, bytes] { readSegments(source, part, bytes); });
+            for (const Segment& segment : part)
+                bytes += segment.length;
+            first += part.size();
+        }
+        for (Helper& reader : readers)
+            reader.wait();
     }
 
     void write(const char* bytes, int64 offset, int64 length) {
@@ -218,16 +250,21 @@ private:
     bool isNew = false, isInPlace = false, stopped = false;
     int64 unsentBytes = 0;
     Batch batch, digested;
-    DigestJob digestJob; ///< ends ahead of the batches that it reads
+    // Declared last, so that they end ahead of what they work on.
+    std::array<Helper, 4> readers{Helper("zq-copy-read"), Helper("zq-copy-read"), Helper("zq-copy-read"),
+                                  Helper("zq-copy-read")};
+    Helper digestJob{"zq-copy-md5"};
 };
 
-ZqFileCopyTask::ZqFileCopyTask(const SxString& source_, const SxString& target_, const SxArray<Range>& ranges_)
+ZqFileCopyTask::ZqFileCopyTask(const SxString& source_, const SxString& target_,
+                               const SxArray<Range>& ranges_)
     : source(source_),
       target(target_),
       ranges(ranges_) {
     setThreadName("zq-copy");
     uint64 total = 0;
-    for (const Range& range : ranges) total += range.length;
+    for (const Range& range : ranges)
+        total += range.length;
     setNTotal(total);
 }
 

@@ -11,7 +11,8 @@
 /// job ends, also after stop().
 class ZqFileCopyTask : public ZqTaskMon {
 public:
-    /// Bytes `sourceOffset` to `sourceOffset` + `length` - 1 of the source go to `targetOffset` of the target.
+    /// Bytes `sourceOffset` to `sourceOffset` + `length` - 1 of the source go to `targetOffset` of the
+    /// target.
     struct Range {
         uint64 sourceOffset = 0, targetOffset = 0, length = 0;
         bool operator==(const Range&) const = default;
@@ -32,7 +33,7 @@ protected:
 
 private:
     class Copy;
-    class DigestJob;
+    class Helper;
 
     const SxString source, target;
     const SxArray<Range> ranges;

@@ -7,7 +7,6 @@
 #include "ZqMachineRoot.h"
 #include "ZqXdg.h"
 
-#include <algorithm>
 #include <cstdio>
 #include <ctime>
 #include <memory>
@@ -81,78 +80,6 @@ std::shared_ptr<spdlog::logger> currentLogger() {
     return s.logger;
 }
 
-bool isContinuation(const std::string& text, size_t i) {
-    return i < text.size() && (static_cast<unsigned char>(text[i]) & 0xC0) == 0x80;
-}
-
-/// Number of bytes at `i` that a viewer may take for a control: C0 and DEL, C1 and the two Unicode line ends
-/// in UTF-8, and bytes that are a C1 control where the text isn't UTF-8. 0 for none.
-size_t controlLength(const std::string& text, size_t i) {
-    const auto byte = static_cast<unsigned char>(text[i]);
-    if (byte < 0x20 || byte == 0x7F) return 1;
-    const auto next = i + 1 < text.size() ? static_cast<unsigned char>(text[i + 1]) : 0U;
-    if (byte == 0xC2 && next >= 0x80 && next < 0xA0) return 2;
-    if (byte == 0xE2 && next == 0x80 && i + 2 < text.size()) {
-        const auto last = static_cast<unsigned char>(text[i + 2]);
-        if (last == 0xA8 || last == 0xA9) return 3;
-    }
-    return 0;
-}
-
-/// Number of bytes of the character at `i`, 0 where there is no well-formed lead byte with its continuation.
-size_t characterLength(const std::string& text, size_t i) {
-    const auto byte = static_cast<unsigned char>(text[i]);
-    const size_t n = byte < 0x80   ? 1
-                     : byte < 0xC2 ? 0
-                     : byte < 0xE0 ? 2
-                     : byte < 0xF0 ? 3
-                     : byte < 0xF5 ? 4
-                                   : 0;
-    for (size_t k = 1; k < n; ++k) {
-        if (!isContinuation(text, i + k)) return 0;
-    }
-    return n;
-}
-
-void appendEscaped(std::string* out, char c) {
-    switch (c) {
-    case '\n':
-        *out += "\\n";
-        return;
-    case '\r':
-        *out += "\\r";
-        return;
-    case '\t':
-        *out += "\\t";
-        return;
-    default:
-        *out += SxString::sprintf("\\x%02x", static_cast<unsigned>(static_cast<unsigned char>(c))).str();
-    }
-}
-
-std::string harmless(const std::string& text) {
-    std::string out;
-    out.reserve(text.size());
-    for (size_t i = 0; i < text.size();) {
-        const auto special = std::find_if_not(text.begin() + static_cast<std::ptrdiff_t>(i), text.end(),
-                                              [](char c) { return c >= 0x20 && c < 0x7F; });
-        const auto end = static_cast<size_t>(special - text.begin());
-        out.append(text, i, end - i);
-        i = end;
-        if (i == text.size()) break;
-        const size_t nControl = controlLength(text, i);
-        const size_t nPlain = nControl ? 0 : characterLength(text, i);
-        if (nPlain) {
-            out.append(text, i, nPlain);
-        } else {
-            for (size_t k = 0; k < std::max<size_t>(nControl, 1); ++k)
-                appendEscaped(&out, text[i + k]);
-        }
-        i += std::max<size_t>(nPlain + nControl, 1);
-    }
-    return out;
-}
-
 /// The thread's name and its id in the system; a thread without a name of its own has that of its maker.
 std::string threadText() {
     char name[16] = "";
@@ -168,13 +95,15 @@ std::string makeLine(const std::string& tag, const std::string& text) {
     char time[32];
     const size_t n = std::strftime(time, sizeof time, "%Y-%m-%d %H:%M:%S", &local);
     const SxString ms = SxString::sprintf(".%03d", static_cast<int>(now % 1000));
-    return std::string(time, n) + ms.str() + " [" + tag + "] [" + harmless(threadText()) + "] " + text;
+    return std::string(time, n) + ms.str() + " [" + tag + "] [" + SxString(threadText()).makeVisible().str() +
+           "] " + text;
 }
 
 void writeMessage(const SxString& tag, const SxString& text) {
     const std::string& raw = text.str();
-    const std::string cleanTag = harmless(tag.str());
-    const std::string clean = harmless(raw.ends_with('\n') ? raw.substr(0, raw.size() - 1) : raw);
+    const std::string cleanTag = tag.makeVisible().str();
+    const std::string clean =
+        SxString(raw.ends_with('\n') ? raw.substr(0, raw.size() - 1) : raw).makeVisible().str();
     Setup& s = setup();
     bool verbose = false;
     std::shared_ptr<const ZqLog::Sink> sink;

@@ -5,9 +5,9 @@
 #include "SxOs.h"
 #include "ZqXdg.h"
 
+#include <clocale>
 #include <cstdlib>
 #include <cwctype>
-#include <locale.h>
 #include <vector>
 
 namespace {

@@ -78,7 +78,7 @@ SxString ZqSysEnv::getTimestamp() {
 }
 
 SxString ZqSysEnv::getSysPath(Path kind) {
-    const SxString user = "C:/users/" + SxString(zqUserName());
+    SxString user = "C:/users/" + SxString(zqUserName());
     switch (kind) {
     case Windows:
         return "C:/windows";
@@ -102,7 +102,7 @@ SxString ZqSysEnv::getSysPath(Path kind) {
 }
 
 SxString ZqSysEnv::getSchemaPath() {
-    const SxString set = schemaFolder().get();
+    SxString set = schemaFolder().get();
     if (!set.isEmpty()) return set;
     const SxString beside = parentFolder(programFolder()) + "/share/tavrin/schemas/";
     for (const SxString& folder : {beside, SxString(TAVRIN_SCHEMA_DIR_INSTALL)}) {
@@ -116,7 +116,7 @@ void ZqSysEnv::setSchemaPath(const SxString& path) {
 }
 
 SxString ZqSysEnv::getRTERootDir() {
-    const SxString set = toolFolder().get();
+    SxString set = toolFolder().get();
     if (!set.isEmpty()) return set;
     const SxString program = programFolder();
     const SxString beside = parentFolder(program) + "/lib/tavrin";
@@ -160,7 +160,7 @@ SxString ZqSysEnv::getNewGUID() {
     return text;
 }
 
-int64 ZqSysEnv::getFreeDiskSpace(const SxString& path) {
+uint64 ZqSysEnv::getFreeDiskSpace(const SxString& path) {
     SxString folder = SxOs::hostPath(path);
     SxStat info;
     int result = SxOs::get().stat(folder.str(), &info);
@@ -174,7 +174,7 @@ int64 ZqSysEnv::getFreeDiskSpace(const SxString& path) {
         throw SxException(SxException(SxOs::errorText(result), UNIT, __LINE__),
                           "Cannot find the free space of '" + path + "'", UNIT, __LINE__);
     }
-    return bytes;
+    return static_cast<uint64>(bytes);
 }
 
 void ZqSysEnv::truncateFile(const SxString& path, int64 size) {

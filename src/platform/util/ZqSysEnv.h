@@ -45,7 +45,7 @@ public:
     /// A new random GUID (RFC 4122, version 4) in upper case, without braces.
     static SxString getNewGUID();
     /// Bytes that the user may still write on the file system of `path`, which need not exist yet.
-    static int64 getFreeDiskSpace(const SxString& path);
+    static uint64 getFreeDiskSpace(const SxString& path);
 
     // A process has the name `name` if that is the last part of its program's path, or of the path that it
     // was called with (behind slashes and backslashes, as Wine passes them on). Case is ignored for names

@@ -18,8 +18,8 @@ public:
     virtual void addNCurrent(uint64 n);
     virtual void setNTotal(uint64 n);
     virtual void setSpeed(uint64 perSecond);
-    /// Sets the speed to the current count divided by the whole seconds since `t0` (system time in milliseconds),
-    /// or to the count itself in the first second.
+    /// Sets the speed to the current count divided by the whole seconds since `t0` (system time in
+    /// milliseconds), or to the count itself in the first second.
     void updateSpeed(int64 t0);
 
     /// Asks the job to end; it neither waits nor joins.

@@ -1,0 +1,186 @@
+#include "BaseTest.h"
+#include "Builders.h"
+#include "SxMd5.h"
+#include "ZqImage.h"
+#include "ZqImageCheck.h"
+#include "ZqImageInfo.h"
+#include "ZqImageLock.h"
+
+namespace {
+
+std::vector<std::string> toTexts(const SxList<SxString>& list) {
+    std::vector<std::string> texts;
+    for (const SxString& text : list)
+        texts.push_back(text.str());
+    return texts;
+}
+
+/// Gives the faults of the image in `dir`, which must stay as it is.
+std::vector<std::string> faultsOf(const TempDir& dir, bool isPartial = false) {
+    const TreeSnapshot before = contentOf(dir, "");
+    ZqImageCheck check(dir.path());
+    EXPECT_EQ(failureOf(check), "");
+    EXPECT_EQ(check.isPartial(), isPartial);
+    EXPECT_EQ(contentOf(dir, ""), before);
+    return toTexts(check.getFaults());
+}
+
+} // namespace
+
+TEST(ImageCheck, ARightImageHasNoFault) {
+    TestRandom random;
+    TRACE_SEED(random);
+    const TestImage image(random, 700, 0.7);
+    const TempDir dir;
+    image.write(dir.prefix());
+    ZqImageCheck check(dir.prefix());
+    EXPECT_EQ(failureOf(check), "");
+    EXPECT_THAT(toTexts(check.getFaults()), IsEmpty());
+    EXPECT_THAT(toTexts(check.getNotes()),
+                ElementsAre(HasSubstr("map: 700 entries"), HasSubstr("img.idx: digest "),
+                            HasSubstr("img.zqf: digest ")));
+    EXPECT_FALSE(check.isPartial());
+    EXPECT_EQ(check.getNCurrent() + check.getNTotal(), 2 * (700U * 8 + image.zqf.size()));
+    for (const uint64 nBlocks : {uint64{0}, uint64{1}, image.nZqf() - 1}) {
+        image.write(dir.prefix(), nBlocks);
+        EXPECT_THAT(faultsOf(dir, true), IsEmpty()) << nBlocks;
+    }
+    fs::remove(dir.path("img.zqf"));
+    EXPECT_THAT(faultsOf(dir, true), IsEmpty());
+}
+
+TEST(ImageCheck, EachDamageIsFound) {
+    TestRandom random;
+    const TestImage image(random, 100, 1);
+    const std::string idxMd5 = SxMd5::get(SxString(image.idxBytes())).str();
+    SxArray<uint64> swapped = image.map;
+    std::swap(swapped(3), swapped(99));
+    const std::string idxOfSwapped(reinterpret_cast<const char*>(swapped.data()), 800);
+    struct Case {
+        const char* file;
+        std::string from, to; ///< replaced text; without `from` the whole file, without both it goes
+        std::vector<std::string> faults; ///< a part of each
+    };
+    const std::string wrongIdx = "img.idx': the digest is ", wrongZqf = "img.zqf': the digest is ";
+    const Case cases[] = {
+        {"img.zqf", "", image.zqf.substr(1) + "x", {wrongZqf}},
+        {"img.zqf", "", image.zqf + "x", {"img.zqf' has 409601 bytes, app.json says 409600"}},
+        {"img.idx", "", idxOfSwapped, {wrongIdx}},
+        {"img.idx",
+         "",
+         image.idxBytes().substr(8),
+         {"img.idx' has 792 bytes, app.json says 800",
+          "img.idx' has 99 entries, the RAW image of img.json has 100", "is 99, which is out of range",
+          wrongIdx}},
+        {"img.idx", "", "1234567", {"Invalid size of '"}},
+        {"img.idx", "", "", {"img.idx' not found."}},
+        {"app.json", "\"sizeIdx\": 800", "\"sizeIdx\": 792", {"img.idx' has 800 bytes, app.json says 792"}},
+        {"img.json", "409600", "405505", {}}, // the last block may be cut
+        {"img.json", "409600", "405504", {"has 100 entries, the RAW image of img.json has 99"}},
+        {"app.json", "\"idx\": \"", "\"idx\": \"F", {wrongIdx}},
+        {"app.json", "\"zqf\": \"", "\"zqf\": \"F", {wrongZqf}},
+        {"app.json", "checksums", "unknown", {}},
+        {"app.json", "}", "", {"Failed to read file "}},
+        {"img.json", "", "", {"Failed to read file "}},
+        {"img.idx.md5", "", idxMd5, {}},
+        {"img.idx.md5", "", idxMd5 + "\n", {wrongIdx}},
+        {"img.idx.md5", "", "x" + idxMd5.substr(1), {wrongIdx}}};
+    for (const Case& c : cases) {
+        SCOPED_TRACE(std::string(c.file) + " " + c.from + " " + c.to.substr(0, 40));
+        const TempDir dir;
+        image.write(dir.prefix());
+        const SxString old = c.from.empty() ? "" : dir.read(c.file);
+        const std::string text = c.from.empty() ? c.to : old.substitute(c.from, c.to).str();
+        text.empty() ? static_cast<void>(fs::remove(dir.path(c.file)))
+                     : static_cast<void>(dir.write(c.file, text));
+        if (c.to == idxMd5) { // which comes ahead of what app.json says
+            dir.write("app.json",
+                      SxString(dir.read("app.json")).substitute("\"idx\": \"", "\"idx\": \"0").str());
+        }
+        const std::vector<std::string> faults = faultsOf(dir);
+        ASSERT_EQ(faults.size(), c.faults.size()) << testing::PrintToString(faults);
+        for (size_t i = 0; i < faults.size(); ++i)
+            EXPECT_THAT(faults[i], HasSubstr(c.faults[i]));
+    }
+}
+
+TEST(ImageCheck, TenWrongEntriesAreListedAndTheRestCounted) {
+    TestRandom random;
+    TestImage image(random, 40, 1);
+    for (int64 rawIdx = 0; rawIdx < 40; ++rawIdx)
+        image.map(rawIdx) = static_cast<uint64>(rawIdx);
+    image.map(2) = 40;
+    image.map(3) = uint64{1} << 63;
+    image.map(5) = 4;
+    image.map(6) = ZqImage::NO_ENTRY;
+    const TempDir dir;
+    image.write(dir.prefix());
+    EXPECT_THAT(faultsOf(dir),
+                ElementsAre(HasSubstr("of RAW block 2 is 40, which is out of range"),
+                            HasSubstr("of RAW block 3 is 9223372036854775808, which is out of range"),
+                            HasSubstr("of RAW block 5 is 4, which another block has already")));
+    for (int64 rawIdx = 10; rawIdx < 40; ++rawIdx)
+        image.map(rawIdx) = 9;
+    image.write(dir.prefix());
+    const std::vector<std::string> faults = faultsOf(dir);
+    ASSERT_EQ(faults.size(), 11U);
+    EXPECT_THAT(faults[9], HasSubstr("of RAW block 16 is 9"));
+    EXPECT_THAT(faults[10], HasSubstr("img.idx': 23 more wrong entries"));
+
+    TestImage shorter(random, 40, 0.5);
+    for (uint64& entry : shorter.map)
+        entry += entry == shorter.nZqf() - 1 ? 1 : 0;
+    shorter.write(dir.prefix());
+    EXPECT_THAT(faultsOf(dir), ElementsAre(HasSubstr("behind the end of the complete img.zqf")));
+}
+
+TEST(ImageCheck, FailuresOfTheCheckItself) {
+    TestRandom random;
+    const TempDir dir;
+    TestImage(random, 100, 1).write(dir.prefix());
+    ZqImageCheck stopped(dir.path()), unreadable(dir.path()), refused(dir.path());
+    stopped.stop();
+    EXPECT_EQ(failureOf(stopped), "Stopped");
+    {
+        FaultOs os(dir.path());
+        os.failNth(Op::Read, 1, EIO, "img.zqf");
+        EXPECT_THAT(failureOf(unreadable), AllOf(HasSubstr("img.zqf"), HasSubstr("Input/output error")));
+    }
+    const auto lock =
+        ZqImageLock::take(dir.path(), ZqImageLock::Shape, ZqImageLock::Exclusive, "image split");
+    EXPECT_THAT(failureOf(refused), HasSubstr("(image split)"));
+}
+
+TEST(ImageInfo, CountsAndStates) {
+    TestRandom random(7);
+    TRACE_SEED(random);
+    const TestImage image(random, 300, 0.6);
+    uint64 nRuns = 0;
+    for (int64 rawIdx = 0, before = -2; rawIdx < 300; ++rawIdx) {
+        const auto zqfIdx = static_cast<int64>(image.map(rawIdx));
+        if (zqfIdx < 0) continue;
+        nRuns += zqfIdx == before + 1 ? 0 : 1;
+        before = zqfIdx;
+    }
+    const TempDir dir;
+    for (const uint64 nBlocks : {uint64{0}, uint64{50}, image.nZqf()}) {
+        image.write(dir.prefix(), nBlocks);
+        const ZqImageInfo info(dir.path());
+        EXPECT_THAT((std::vector{info.nRaw, info.nIncluded, info.nPresent, info.nRuns, info.sizeZqf,
+                                 info.sizeComplete}),
+                    ElementsAre(300U, image.nZqf(), nBlocks, nRuns, nBlocks * 4096, image.zqf.size()));
+        EXPECT_EQ(info.getStateText(), nBlocks == image.nZqf() ? "complete" : "partial");
+    }
+    const std::tuple<const char*, const char*, bool, bool> cases[] = {
+        {"img.zqf.info", "partial", true, false},     {"img.zqf.join", "partial", true, true},
+        {"img.zqf.split", "complete", false, false},  {"optimize.lock", "optimizing", false, false},
+        {"patch.progress", "patching", false, false}, {"patching/img.lock", "patching", false, false}};
+    for (const auto& [marker, state, split, joining] : cases) {
+        dir.write(marker, "10\n5");
+        const ZqImageInfo info(dir.prefix());
+        EXPECT_EQ(info.getStateText(), state) << marker;
+        EXPECT_EQ(info.partSize, split ? 5U : 0U);
+        EXPECT_TRUE(info.split == split && info.joining == joining);
+        fs::remove(dir.path(marker));
+    }
+}

@@ -1,0 +1,220 @@
+#include "BaseTest.h"
+#include "ZqImageLock.h"
+
+#include <csignal>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+using Lock = ZqImageLock;
+
+namespace {
+
+/// A folder with something of an image in it, without which nobody may read it.
+class ImageDir : public TempDir {
+public:
+    ImageDir() { write("app.json", "{}"); }
+
+    SxPtr<Lock> take(const SxString& job, Lock::Mode mode, Lock::Range range = Lock::Shape) const {
+        return Lock::take(path(), range, mode, job);
+    }
+    std::string tryTake(Lock::Mode mode, Lock::Range range = Lock::Shape) const {
+        return failureOf([&] { take("attempt", mode, range); });
+    }
+    std::string usedBy(const std::string& job, int64 process = ::getpid()) const {
+        return "Image '" + path() + "' is in use by process " + std::to_string(process) + " (" + job + ")";
+    }
+};
+
+/// Files that can't be written to, or whose lock file changes between its opening and the locking.
+class OtherOs : public FaultOs {
+public:
+    explicit OtherOs(const TempDir& dir, int writeError_ = 0)
+        : FaultOs(dir.path()),
+          writeError(writeError_) {}
+
+    std::function<void()> aheadOfLock;
+
+    int open(const std::string& path, unsigned flags, unsigned permissions) override {
+        if (writeError && (flags & Write)) return -writeError;
+        return FaultOs::open(path, flags, permissions);
+    }
+    int lockRange(int fd, int64 offset, int64 n, SxOs::Lock lock) override {
+        if (aheadOfLock) std::exchange(aheadOfLock, nullptr)();
+        return FaultOs::lockRange(fd, offset, n, lock);
+    }
+
+private:
+    const int writeError;
+};
+
+} // namespace
+
+TEST(ImageLock, SharedAndExclusive) {
+    struct Case {
+        Lock::Range heldRange;
+        Lock::Mode held;
+        Lock::Range range;
+        Lock::Mode wanted;
+        bool refused;
+    };
+    const Case cases[] = {{Lock::Shape, Lock::Shared, Lock::Shape, Lock::Shared, false},
+                          {Lock::Shape, Lock::Shared, Lock::Shape, Lock::Exclusive, true},
+                          {Lock::Shape, Lock::Exclusive, Lock::Shape, Lock::Shared, true},
+                          {Lock::Growth, Lock::Exclusive, Lock::Growth, Lock::Exclusive, true},
+                          {Lock::Shape, Lock::Exclusive, Lock::Growth, Lock::Exclusive, false},
+                          {Lock::Growth, Lock::Exclusive, Lock::Drive, Lock::Exclusive, false}};
+    for (const Case& c : cases) {
+        const ImageDir dir;
+        // Another holder, whose slot comes first, isn't to be blamed.
+        const auto other = dir.take("bystander", Lock::Shared, Lock::Drive);
+        auto holder = dir.take("the holder", c.held, c.heldRange);
+        const auto copy = holder;
+        holder = nullptr;
+        const Lock::Mode wanted = c.range == Lock::Drive ? Lock::Shared : c.wanted;
+        EXPECT_EQ(dir.tryTake(wanted, c.range), c.refused ? dir.usedBy("the holder") : "");
+    }
+    const TempDir dir;
+    EXPECT_EQ(failureOf([&] { Lock::take(dir.path("none"), Lock::Shape, Lock::Exclusive, "x"); }),
+              "Image folder '" + dir.path("none") + "' not found");
+    EXPECT_EQ(failureOf([&] { Lock::take(dir.path(), Lock::Shape, Lock::Shared, "x"); }),
+              "Folder '" + dir.path() + "' holds no image");
+    EXPECT_TRUE(fs::is_empty(dir.path()));
+}
+
+TEST(ImageLock, LowerLetsReadersIn) {
+    const ImageDir dir;
+    const auto lock = dir.take("writer", Lock::Exclusive);
+    EXPECT_EQ(dir.tryTake(Lock::Shared), dir.usedBy("writer"));
+    lock->lower();
+    const auto reader = dir.take("reader", Lock::Shared);
+    EXPECT_EQ(dir.tryTake(Lock::Exclusive), dir.usedBy("writer"));
+    EXPECT_THAT(dir.read("image.lock"), testing::Not(HasSubstr("exclusive")));
+    FaultOs os(dir.path());
+    const auto broken = dir.take("job", Lock::Exclusive, Lock::Growth);
+    os.failNth(Op::Lock, 1, ENOLCK);
+    EXPECT_THAT(failureOf([&] { broken->lower(); }),
+                HasSubstr("Cannot lower the lock on image '" + dir.path()));
+    EXPECT_EQ(dir.tryTake(Lock::Shared, Lock::Growth), dir.usedBy("job"));
+}
+
+TEST(ImageLock, DiesWithItsProcess) {
+    const ImageDir dir;
+    int ready[2];
+    ASSERT_EQ(::pipe(ready), 0);
+    const pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        const auto lock = dir.take("image optimize", Lock::Exclusive);
+        if (::write(ready[1], "x", 1) != 1) ::_exit(1);
+        for (;;)
+            ::pause();
+    }
+    char word = 0;
+    EXPECT_EQ(::read(ready[0], &word, 1), 1);
+    EXPECT_EQ(dir.tryTake(Lock::Exclusive), dir.usedBy("image optimize", child));
+    EXPECT_EQ(dir.tryTake(Lock::Shared), dir.usedBy("image optimize", child));
+    ::kill(child, SIGKILL);
+    EXPECT_EQ(::waitpid(child, nullptr, 0), child);
+    EXPECT_EQ(dir.tryTake(Lock::Exclusive), "");
+    ::close(ready[0]);
+    ::close(ready[1]);
+}
+
+TEST(ImageLock, MoreHoldersThanSlots) {
+    const ImageDir dir;
+    std::vector<SxPtr<Lock>> holders;
+    for (int i = 0; i < 60; ++i)
+        holders.push_back(dir.take("reader " + SxString(i), Lock::Shared));
+    EXPECT_EQ(dir.tryTake(Lock::Exclusive), dir.usedBy("reader 0"));
+    holders.front() = nullptr;
+    EXPECT_EQ(dir.tryTake(Lock::Exclusive), dir.usedBy("reader 1"));
+    holders.push_back(dir.take("in the free slot " + SxString(std::string(1000, 'x')), Lock::Shared));
+    EXPECT_THAT(dir.read("image.lock"), HasSubstr("(in the free slot"));
+    EXPECT_EQ(dir.read("image.lock").size(), 48U * 256);
+    const auto unrecorded = dir.take("no slot is left for me", Lock::Exclusive, Lock::Growth);
+    EXPECT_EQ(dir.tryTake(Lock::Exclusive, Lock::Growth),
+              "Image '" + dir.path() + "' is in use by another process");
+    unrecorded->lower();
+    EXPECT_EQ(dir.tryTake(Lock::Shared, Lock::Growth), "");
+    holders.clear();
+    EXPECT_EQ(dir.tryTake(Lock::Exclusive), "");
+}
+
+TEST(ImageLock, TheLockFileGoesOrIsReplaced) {
+    const ImageDir dir;
+    const std::string file = dir.path("image.lock");
+    for (const bool replaced : {false, true}) {
+        const auto change = [&] {
+            fs::remove(file);
+            if (replaced) dir.write("image.lock", "another");
+        };
+        // Behind its back: whoever comes next locks the file that stands there.
+        const auto first = dir.take("first", Lock::Exclusive);
+        change();
+        auto second = dir.take("second", Lock::Exclusive);
+        EXPECT_EQ(dir.tryTake(Lock::Shared), dir.usedBy("second"));
+        second = nullptr;
+        // Between the opening of the file and its locking.
+        OtherOs os(dir);
+        os.aheadOfLock = change;
+        const auto lock = dir.take("quick", Lock::Exclusive);
+        EXPECT_EQ(dir.tryTake(Lock::Exclusive), dir.usedBy("quick"));
+    }
+    fs::remove(file);
+    dir.write("elsewhere", "precious");
+    fs::create_symlink("elsewhere", file);
+    EXPECT_THAT(dir.tryTake(Lock::Exclusive), HasSubstr("Cannot lock image '"));
+    EXPECT_EQ(dir.read("elsewhere"), "precious");
+}
+
+TEST(ImageLock, AnUnfinishedImageIsRefused) {
+    const std::pair<const char*, std::string> cases[] = {
+        {"optimize.lock",
+         "' is in the middle of an optimisation; go on with: tavrin image optimize IMAGE --resume"},
+        {"patch.progress", "' is in the middle of a patch; go on with: tavrin patch apply IMAGE PATCH"},
+        {"patching/img.lock", "' is in the middle of a patch; go on with: tavrin patch apply IMAGE PATCH"}};
+    for (const auto& [marker, words] : cases) {
+        const ImageDir dir;
+        dir.write(marker, "");
+        for (const Lock::Mode mode : {Lock::Shared, Lock::Exclusive}) {
+            EXPECT_EQ(dir.tryTake(mode), "Image '" + dir.path() + words);
+            EXPECT_EQ(dir.tryTake(mode, Lock::Growth), "Image '" + dir.path() + words);
+            Lock::takeAnyState(dir.path(), Lock::Shape, mode, "reader"); // also: the refused one left no lock
+        }
+    }
+}
+
+TEST(ImageLock, AFolderThatCannotBeWrittenTo) {
+    for (const int error : {EACCES, EROFS}) {
+        const ImageDir dir;
+        {
+            OtherOs os(dir, error);
+            dir.take("reader", Lock::Shared)->lower();
+            EXPECT_EQ(dir.tryTake(Lock::Exclusive),
+                      "Cannot lock image '" + dir.path() + "': " + SxOs::errorText(error).str());
+            EXPECT_FALSE(dir.exists("image.lock"));
+        }
+        // A lock file that others can write to counts for a reader that can't.
+        auto writer = dir.take("writer", Lock::Exclusive);
+        SxPtr<Lock> reader;
+        {
+            OtherOs os(dir, error);
+            EXPECT_EQ(dir.tryTake(Lock::Shared), dir.usedBy("writer"));
+            writer = nullptr;
+            reader = dir.take("reader", Lock::Shared);
+            EXPECT_EQ(dir.tryTake(Lock::Shared), "");
+        }
+        EXPECT_EQ(dir.tryTake(Lock::Exclusive), "Image '" + dir.path() + "' is in use by another process");
+        reader = nullptr;
+        EXPECT_EQ(dir.tryTake(Lock::Exclusive), "");
+    }
+    const ImageDir dir;
+    const mode_t mask = ::umask(077);
+    dir.take("maker", Lock::Shared);
+    ::umask(mask);
+    EXPECT_EQ(fs::status(dir.path("image.lock")).permissions(), fs::perms{0666});
+    FaultOs os(dir.path());
+    os.failNth(Op::Lock, 1, ENOLCK);
+    EXPECT_THAT(dir.tryTake(Lock::Shared), HasSubstr("No locks available"));
+}

@@ -1,0 +1,222 @@
+#include "../base/BaseTest.h"
+#include "Builders.h"
+#include "ZqArchive.h"
+#include "ZqCreateContent.h"
+#include "ZqImage.h"
+
+#include <csignal>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr size_t PART = 5000;
+const std::string ZQF = TestRandom(5).bytes(3 * PART + 17);
+
+/// A job on the folder "watched" that is cut off, and what must hold then.
+struct Job {
+    const char* name;
+    void (*prepare)(const TempDir&);
+    std::string (*run)(const TempDir&); ///< gives the failure
+    /// Says what is lost, if anything.
+    std::string (*findLoss)(const TempDir&, const TreeSnapshot& before, const TreeSnapshot& after);
+    int64 freeSpace = 1 << 30; ///< that the disk says it has
+    bool failing = false;      ///< the second write to img.zqf finds the disk full
+};
+
+void PrintTo(const Job& job, std::ostream* out) {
+    *out << job.name;
+}
+
+std::string partName(size_t part) {
+    return "watched/img.zqf.part" + std::to_string(part + 1);
+}
+
+std::string contentOfPart(const TempDir& dir, size_t part) {
+    if (dir.exists(partName(part))) return dir.read(partName(part));
+    if (!dir.exists(partName(part) + ".zstd")) return "";
+    const auto unpack = [&] {
+        ZqArchive::decompressZSTD(dir.path(partName(part) + ".zstd"), dir.path("unpacked"));
+    };
+    return failureOf(unpack).empty() ? dir.read("unpacked") : "";
+}
+
+/// Each byte of the ZqF file must be found in img.zqf or in its part, and what the record's name says must be
+/// true.
+std::string findLostParts(const TempDir& dir, const TreeSnapshot&, const TreeSnapshot&) {
+    const std::string zqf = dir.exists("watched/img.zqf") ? dir.read("watched/img.zqf") : "";
+    for (size_t part = 0; part * PART < ZQF.size(); ++part) {
+        const std::string bytes = ZQF.substr(part * PART, PART);
+        if (contentOfPart(dir, part) == bytes) continue;
+        if (dir.exists("watched/img.zqf.info"))
+            return "the record stands without the whole of " + partName(part);
+        if (zqf.size() < part * PART || zqf.substr(part * PART, PART) != bytes) {
+            return "the bytes of " + partName(part) + " are nowhere";
+        }
+    }
+    const bool saysPartial = dir.exists("watched/img.zqf.join") || !dir.exists("watched/img.zqf");
+    return saysPartial || zqf == ZQF ? "" : "img.zqf isn't whole, and nothing says so";
+}
+
+/// Where app.json stands, the old image or the new one must be whole, whatever else lies in image.new.
+std::string findMixedImage(const TempDir& dir, const TreeSnapshot& before, const TreeSnapshot& after) {
+    if (!dir.exists("watched/app.json") && !dir.exists("watched/new/deep/app.json")) return "";
+    TreeSnapshot tree = contentOf(dir);
+    std::erase_if(tree, [](const auto& entry) { return entry.first.find("image.new") != std::string::npos; });
+    return tree == before || tree == after ? "" : "app.json stands with an image that is neither old nor new";
+}
+
+void makeWhole(const TempDir& dir) {
+    dir.write("watched/img.zqf", ZQF);
+}
+
+void makeParts(const TempDir& dir) {
+    dir.write("watched/img.zqf.info", std::to_string(ZQF.size()) + "\n" + std::to_string(PART));
+    for (size_t part = 0; part * PART < ZQF.size(); ++part)
+        dir.write(partName(part), ZQF.substr(part * PART, PART));
+}
+
+void makeWholeAndParts(const TempDir& dir) {
+    makeWhole(dir);
+    makeParts(dir);
+}
+
+void makeCutOffJoin(const TempDir& dir) {
+    makeParts(dir);
+    fs::rename(dir.path("watched/img.zqf.info"), dir.path("watched/img.zqf.join"));
+    fs::remove(dir.path(partName(0)));
+    dir.write("watched/img.zqf", ZQF.substr(0, PART) + "and what was on its way");
+}
+
+void makeSource(const TempDir& dir) {
+    fs::create_directory(dir.path("watched"));
+    dir.write("source/a", "a");
+    dir.write("source/b/c", std::string(3 * 4096 + 1, 'c'));
+}
+
+void makeSourceAndImage(const TempDir& dir) {
+    makeSource(dir);
+    for (const std::string name :
+         {"app.json", "img.json", "img.idx", "img.zqf", "img.idx.md5", "traces/1/x.json"}) {
+        dir.write("watched/" + name, "old");
+    }
+}
+
+std::string create(const TempDir& dir, const std::string& target) {
+    ZqCreateContent job(dir.path(target), dir.path("source"));
+    return failureOf(job);
+}
+
+std::string createOver(const TempDir& dir) {
+    return create(dir, "watched");
+}
+
+std::string createNew(const TempDir& dir) {
+    return create(dir, "watched/new/deep");
+}
+
+template<bool compress>
+std::string split(const TempDir& dir) {
+    return failureOf([&] { ZqImage(SxString(dir.path("watched/"))).split(PART, compress); });
+}
+
+std::string join(const TempDir& dir) {
+    return failureOf([&] { ZqImage(SxString(dir.path("watched/"))).join(); });
+}
+
+const Job JOBS[] = {{"Split", makeWhole, split<false>, findLostParts},
+                    {"SplitCompressed", makeWhole, split<true>, findLostParts},
+                    {"SplitAnew", makeWholeAndParts, split<false>, findLostParts},
+                    {"Join", makeParts, join, findLostParts},
+                    {"JoinPartByPart", makeParts, join, findLostParts, PART},
+                    {"JoinInBatches", makeParts, join, findLostParts, 4 * PART},
+                    {"JoinOverAnOlderFile", makeWholeAndParts, join, findLostParts},
+                    {"JoinResumed", makeCutOffJoin, join, findLostParts},
+                    {"JoinTakenBack", makeParts, join, findLostParts, 1 << 30, true},
+                    {"CreateOverAnImage", makeSourceAndImage, createOver, findMixedImage},
+                    {"CreateInANewFolder", makeSource, createNew, findMixedImage}};
+
+class ImageCrash : public testing::TestWithParam<Job> {
+protected:
+    void SetUp() override {
+        const TempDir dir;
+        GetParam().prepare(dir);
+        before = contentOf(dir);
+        ASSERT_EQ(GetParam().run(dir), "");
+        after = contentOf(dir);
+    }
+
+    static void arrange(FaultOs& os) {
+        os.setFreeSpaceAnswer(GetParam().freeSpace);
+        if (GetParam().failing) os.failNth(Op::Write, 2, ENOSPC, "img.zqf");
+    }
+
+    /// Runs the job in a child that is killed ahead of that durable step; gives whether it was.
+    static bool killAt(int64 step, const TempDir& dir) {
+        const pid_t child = ::fork();
+        if (child == 0) {
+            FaultOs os(dir.path("watched"));
+            arrange(os);
+            os.setHook([step](int64 now, Op, const std::string&) {
+                if (now == step) ::kill(::getpid(), SIGKILL);
+            });
+            GetParam().run(dir);
+            ::_exit(0);
+        }
+        int status = 0;
+        if (child < 0 || ::waitpid(child, &status, 0) != child)
+            throw std::runtime_error("cannot run a child");
+        return WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
+    }
+
+    /// Looks at what a cut has left, and lets the job be done.
+    void checkAndRepeat(const TempDir& dir) const {
+        EXPECT_EQ(GetParam().findLoss(dir, before, after), "");
+        EXPECT_EQ(contentOf(dir) == after ? "" : GetParam().run(dir), "");
+        EXPECT_EQ(contentOf(dir), after);
+    }
+
+    TreeSnapshot before, after;
+};
+
+} // namespace
+
+TEST_P(ImageCrash, KilledAtAnyStep) {
+    int64 step = 1;
+    for (bool killed = true; killed && !HasFailure(); ++step) {
+        SCOPED_TRACE("killed at step " + std::to_string(step));
+        const TempDir dir;
+        GetParam().prepare(dir);
+        killed = killAt(step, dir);
+        checkAndRepeat(dir);
+    }
+    EXPECT_GT(step, 5) << "the job has hardly any steps";
+}
+
+TEST_P(ImageCrash, PowerCutAtAnyStep) {
+    for (uint64 seed = 0; seed <= 12; ++seed) {
+        bool cut = true;
+        for (int64 step = 1; cut && !HasFailure(); ++step) {
+            SCOPED_TRACE("power cut at step " + std::to_string(step) + ", seed " + std::to_string(seed) +
+                         (seed ? "" : " (nothing that is pending survives)"));
+            const TempDir dir;
+            GetParam().prepare(dir);
+            {
+                FaultOs os(dir.path("watched"));
+                arrange(os);
+                os.cutPowerAt(step);
+                const std::string failure = GetParam().run(dir);
+                cut = os.isCut();
+                EXPECT_TRUE(cut || failure.empty() != GetParam().failing) << failure;
+                std::mt19937_64 random(seed);
+                os.crash(seed ? &random : nullptr);
+            }
+            // What is done, or taken back, must stay so.
+            if (!cut) EXPECT_EQ(contentOf(dir), GetParam().failing ? before : after);
+            checkAndRepeat(dir);
+        }
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Jobs, ImageCrash, testing::ValuesIn(JOBS),
+                         [](const auto& instance) { return instance.param.name; });

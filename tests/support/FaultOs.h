@@ -1,0 +1,143 @@
+#pragma once
+
+#include "PendingChanges.h"
+
+#include <functional>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <random>
+
+/// The machine's files with faults, for one watched folder; in force (SxOs::set) from construction to
+/// destruction. Other paths are handed on untouched. Safe from any thread.
+///
+/// The model of a power cut: what stood in the folder at the construction is durable. A file's bytes and size
+/// become durable by sync() of that file; a name made, renamed or removed becomes so by syncDir() of its
+/// folder (both folders, for a move between two); syncFs() makes everything durable. The sync of a file does
+/// nothing for its name and the other way round. crash() takes back all that isn't durable: bytes and sizes
+/// fall back to the last sync (a new file to empty), new names vanish with all below them, replaced, renamed
+/// and removed ones come back. crash(random) lets each pending write and each pending name survive or not by
+/// chance, as a device does that writes in an order of its own; the two names of one rename share their fate,
+/// so a file is never lost by it. Permissions and times aren't followed. Descriptors must be closed before.
+class FaultOs : public SxOs {
+public:
+    enum class Op {
+        Open,
+        Close,
+        Read,
+        Write,
+        Truncate,
+        Sync,
+        SyncFs,
+        Stat,
+        List,
+        MakeDir,
+        RemoveDir,
+        Unlink,
+        Rename,
+        Symlink,
+        ReadLink,
+        SetPermissions,
+        SetModified,
+        SyncDir,
+        FreeSpace,
+        Lock
+    };
+    /// Called ahead of a durable step with its number, from 1.
+    using Hook = std::function<void(int64 step, Op op, const std::string& path)>;
+
+    explicit FaultOs(const std::string& watchedFolder);
+    ~FaultOs() override;
+    FaultOs(const FaultOs&) = delete;
+    FaultOs& operator=(const FaultOs&) = delete;
+
+    /// The `nth` (from 1) coming operation `op` on a path that contains `pathPart` fails with `error`, an
+    /// errno value, without doing anything; with `forever` all later ones too. One such fault at a time.
+    void failNth(Op op, int64 nth, int error, const std::string& pathPart = "", bool forever = false);
+    /// How often failNth() has struck since it was called.
+    int64 getNFailed() const;
+
+    /// From here on files may grow by `bytes` in all; removed and cut files give their size back. A write
+    /// that doesn't fit comes short, the next fails with ENOSPC. freeSpace() tells what is left.
+    void setDiskLeft(int64 bytes);
+    /// What freeSpace() says, whatever is left.
+    void setFreeSpaceAnswer(int64 bytes);
+
+    /// Number of durable steps so far: sync, syncFs, syncDir, rename, unlink, truncate, makeDir, removeDir.
+    int64 getNSteps() const;
+    void setHook(Hook hook);
+    /// Cuts the power ahead of that durable step: it and everything after it fails with EIO and does nothing.
+    void cutPowerAt(int64 step);
+    bool isCut() const;
+    /// Leaves the folder as a power cut would, and turns the power on again. With `random` some of what was
+    /// pending survives.
+    void crash(std::mt19937_64* random = nullptr);
+
+    int open(const std::string& path, unsigned flags, unsigned permissions) override;
+    int close(int fd) override;
+    int64 readAt(int fd, void* buffer, int64 n, int64 offset) override;
+    int64 writeAt(int fd, const void* buffer, int64 n, int64 offset) override;
+    int truncate(int fd, int64 size) override;
+    int sync(int fd) override;
+    int syncFs(int fd) override;
+    void startWriteback(int fd, int64 offset, int64 n) override;
+    void adviseSequential(int fd) override;
+    void adviseDone(int fd, int64 offset, int64 n) override;
+    int statFd(int fd, SxStat* stat) override;
+    int stat(const std::string& path, SxStat* stat) override;
+    int lstat(const std::string& path, SxStat* stat) override;
+    int list(const std::string& path, std::vector<std::string>* names) override;
+    int makeDir(const std::string& path, unsigned permissions) override;
+    int removeDir(const std::string& path) override;
+    int unlink(const std::string& path) override;
+    int rename(const std::string& from, const std::string& to) override;
+    int symlink(const std::string& target, const std::string& path) override;
+    int readLink(const std::string& path, std::string* target) override;
+    int setPermissions(const std::string& path, unsigned permissions) override;
+    int setModifiedNow(const std::string& path) override;
+    int syncDir(const std::string& path) override;
+    int freeSpace(const std::string& path, int64* bytes) override;
+    int lockRange(int fd, int64 offset, int64 n, Lock lock) override;
+    int isLocked(int fd, int64 offset, int64 n, Lock lock) override;
+    std::string currentDir() override;
+    int canonical(const std::string& path, std::string* result) override;
+
+private:
+    struct OpenFile {
+        std::string path;
+        bool append;
+    };
+    struct Fault {
+        Op op;
+        int64 nth;
+        int error;
+        std::string pathPart;
+        bool forever;
+        int64 nSeen = 0, nFailed = 0;
+    };
+
+    std::string normal(const std::string& path) const;
+    bool watches(const std::string& path) const;
+    /// Empty where the file isn't watched.
+    std::string pathOf(int fd) const;
+    /// The error that strikes the operation now, negated, or 0. Counts durable steps and runs the hook.
+    int strike(Op op, const std::string& path);
+    int strikeAt(Op op, const std::string& path);
+    /// The same ahead of an operation on a file.
+    int strike(Op op, int fd);
+    int64 faultFor(Op op, const std::string& path);
+    int openWatched(const std::string& path, unsigned flags, unsigned permissions);
+    int64 fitting(int fd, int64 n, int64 offset);
+
+    SxOs& machine;
+    const std::string folder;
+
+    mutable std::mutex mutex; ///< guards all that follows
+    PendingChanges pending;
+    std::map<int, OpenFile> openFiles;
+    std::optional<Fault> fault;
+    std::optional<int64> diskLeft, freeSpaceAnswer, cutStep;
+    bool cut = false;
+    int64 nSteps = 0;
+    Hook hook;
+};
