@@ -141,9 +141,9 @@ private:
 /// Folders that `path` lies in, itself included, with all links resolved.
 std::vector<std::string> physicalParents(const SxString& path) {
     // What doesn't exist yet has no links.
-    SxString existing = SxFileInfo(path).getAbsPath();
+    SxString existing = SxOs::hostPath(SxFileInfo(path).getAbsPath());
     std::string rest, resolved;
-    while (SxOs::get().canonical(SxOs::hostPath(existing), &resolved) < 0 && !(existing == "/")) {
+    while (SxOs::get().canonical(existing.str(), &resolved) < 0 && !(existing == "/")) {
         rest = "/" + SxFileInfo(existing).getName().str() + rest;
         existing = SxFileInfo(existing).getPath();
     }
@@ -160,9 +160,10 @@ std::vector<std::string> physicalParents(const SxString& path) {
 class NewFolder {
 public:
     explicit NewFolder(const SxString& path) {
-        for (SxString missing = SxFileInfo(path).getAbsPath(); !SxFSAction::exists(missing);
-             missing = SxFileInfo(missing).getPath()) {
+        SxString missing = SxFileInfo(path).getAbsPath();
+        while (!SxFSAction::exists(missing) && !(missing == SxFileInfo(missing).getPath())) {
             made.push_back(missing);
+            missing = SxFileInfo(missing).getPath();
         }
         try {
             SxFSAction::mkdir_p(path, 0777);

@@ -30,6 +30,12 @@ SxArray<uint64> ZqImage::getMap() const {
         throw SxException("Invalid size of '" + file + "' file.", UNIT, __LINE__);
     }
     SxArray<uint64> map;
+    try {
+        map.reserve(size / 8);
+    } catch (const std::exception&) {
+        throw SxException("There is no memory for the map '" + file + "' of " + size + " bytes", UNIT,
+                          __LINE__);
+    }
     idx.read(&map, size / 8);
     fromLittleEndian(&map);
     return map;

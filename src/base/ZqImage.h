@@ -44,13 +44,21 @@ public:
     /// Needs room for the whole file once more. Until the last step `img.zqf` stays; a failure or a stop
     /// removes what was made. `progress`, where given, gets bytes and speed and is asked for a stop. Takes
     /// the image's lock.
-    void split(uint64 partSize, bool compress, ZqTaskMon* progress = nullptr) const;
+    /// Gives whether there was anything to do.
+    bool split(uint64 partSize, bool compress, ZqTaskMon* progress = nullptr) const;
     /// Replaces the record and the plain parts by `img.zqf`. All parts are looked at before anything changes.
     /// Each part goes when its bytes are on the device, so that little more than one part of room is needed.
     /// A run that was cut off is taken up again by the next. Takes the image's lock.
-    void join(ZqTaskMon* progress = nullptr) const;
-    /// Bytes of a part by the split record, also while a join is under way. Raises where there is none.
-    uint64 getPartSize() const;
+    /// Gives whether there was anything to do.
+    bool join(ZqTaskMon* progress = nullptr) const;
+
+    struct SplitState {
+        bool split = false;   ///< the ZqF file is in parts, some or all of it
+        bool joining = false; ///< a join was cut off
+        uint64 partSize = 0;  ///< bytes of a part by the split record; 0 where there is none
+    };
+    /// How the ZqF file is stored. Raises on a split record that can't be read.
+    SplitState getSplitState() const;
 
 private:
     SxString pathPrefix;

@@ -29,8 +29,9 @@ void ZqImageCheck::main() {
     readRecords();
     const SxFileInfo idx(pathPrefix + ZqImageFiles::IDX), zqf(pathPrefix + ZqImageFiles::ZQF);
     sizeZqf = zqf.isFile() ? static_cast<uint64>(zqf.getSize()) : 0;
-    partial = sizeZqf < app.sizeZqf;
-    setNTotal((idx.isFile() ? static_cast<uint64>(idx.getSize()) : 0) + (partial ? 0 : sizeZqf));
+    sizeComplete = app.sizeZqf;
+    setNTotal((idx.isFile() ? static_cast<uint64>(idx.getSize()) : 0) +
+              (sizeZqf < sizeComplete ? 0 : sizeZqf));
     checkMap();
     checkZqf();
 }
@@ -52,6 +53,14 @@ void ZqImageCheck::readRecords() {
 
 void ZqImageCheck::checkMap() {
     const SxString file = pathPrefix + ZqImageFiles::IDX;
+    const SxFileInfo info(file);
+    if (app.sizeIdx == 0) notes.append("img.idx: app.json gives no size");
+    const uint64 size = info.isFile() ? static_cast<uint64>(info.getSize()) : 0;
+    if (app.sizeIdx > 0 && size % 8 == 0 && size > 0 && size != app.sizeIdx) {
+        addFault("'" + file + "' has " + size + " bytes, app.json says " + app.sizeIdx);
+        // A file that may be of any size isn't read into memory.
+        if (size > app.sizeIdx) return;
+    }
     SxArray<uint64> map;
     try {
         map = ZqImage(pathPrefix).getMap();
@@ -60,9 +69,6 @@ void ZqImageCheck::checkMap() {
         return;
     }
     const auto nRaw = static_cast<uint64>(map.getSize());
-    if (haveApp && app.sizeIdx != nRaw * sizeof(uint64)) {
-        addFault("'" + file + "' has " + nRaw * sizeof(uint64) + " bytes, app.json says " + app.sizeIdx);
-    }
     if (haveImage) {
         const auto sizeRaw = static_cast<uint64>(image.sizeRaw);
         const uint64 nExpected = sizeRaw / ZqImage::BLOCK_SIZE + (sizeRaw % ZqImage::BLOCK_SIZE != 0 ? 1 : 0);
@@ -81,7 +87,14 @@ void ZqImageCheck::checkMap() {
             addFault(e.what());
         }
     }
-    checkDigest(file, expected);
+    if (expected.isEmpty() && !haveApp) {
+        notes.append("img.idx: no digest to check against");
+    } else if (expected.isEmpty()) {
+        addFault("'" + file +
+                 "': there is no digest, neither in img.idx.md5 nor in app.json; no mount takes it");
+    } else {
+        checkDigest(file, expected);
+    }
 }
 
 void ZqImageCheck::checkEntries(const SxArray<uint64>& map) {
@@ -89,7 +102,7 @@ void ZqImageCheck::checkEntries(const SxArray<uint64>& map) {
     const auto nRaw = static_cast<uint64>(map.getSize());
     const uint64 nZqf = app.sizeZqf / ZqImage::BLOCK_SIZE + (app.sizeZqf % ZqImage::BLOCK_SIZE != 0 ? 1 : 0);
     std::vector<bool> taken(nRaw);
-    uint64 nWrong = 0;
+    uint64 nWrong = 0, nUsed = 0;
     const auto report = [&](uint64 rawIdx, uint64 zqfIdx, const char* what) {
         if (++nWrong <= MAX_LISTED) {
             addFault("'" + file + "': the entry of RAW block " + rawIdx + " is " + zqfIdx + ", " + what);
@@ -104,6 +117,7 @@ void ZqImageCheck::checkEntries(const SxArray<uint64>& map) {
             report(rawIdx, zqfIdx, "which another block has already");
         } else {
             taken[zqfIdx] = true;
+            nUsed = std::max(nUsed, zqfIdx + 1);
             if (app.sizeZqf > 0 && zqfIdx >= nZqf)
                 report(rawIdx, zqfIdx, "behind the end of the complete img.zqf");
         }
@@ -112,23 +126,30 @@ void ZqImageCheck::checkEntries(const SxArray<uint64>& map) {
         addFault(SxString("'") + file + "': " + (nWrong - MAX_LISTED) + " more wrong entries");
     if (nWrong == 0)
         notes.append("map: " + SxString(nRaw) + " entries, no ZqF block twice, none out of range");
+    if (sizeComplete == 0) sizeComplete = nUsed * ZqImage::BLOCK_SIZE;
 }
 
 void ZqImageCheck::checkZqf() {
     const SxString file = pathPrefix + ZqImageFiles::ZQF;
-    if (SxFSAction::test_f(pathPrefix + ZqImageFiles::SPLIT_INFO)) {
-        notes.append("img.zqf is split into parts, which are not looked at; join it first");
-        return;
-    }
-    if (SxFSAction::test_f(pathPrefix + ZqImageFiles::JOIN_INFO)) {
-        notes.append("a join of img.zqf was cut off; join it again first");
-        return;
+    try {
+        const ZqImage::SplitState storage = ZqImage(pathPrefix).getSplitState();
+        partial = storage.split || sizeZqf < sizeComplete;
+        if (storage.split) {
+            notes.append(storage.joining
+                             ? "a join of img.zqf was cut off; join it again first"
+                             : "img.zqf is split into parts, which are not looked at; join it first");
+            return;
+        }
+        if (storage.partSize > 0) notes.append("a split record stands beside the whole img.zqf");
+    } catch (const SxException& e) {
+        addFault(e.what());
     }
     if (!haveApp) return;
-    if (sizeZqf > app.sizeZqf) {
+    if (app.sizeZqf == 0) notes.append("img.zqf: app.json gives no size");
+    if (app.sizeZqf > 0 && sizeZqf > app.sizeZqf) {
         addFault("'" + file + "' has " + sizeZqf + " bytes, app.json says " + app.sizeZqf);
     } else if (partial) {
-        notes.append("img.zqf: partial, " + SxString(sizeZqf) + " of " + app.sizeZqf +
+        notes.append("img.zqf: partial, " + SxString(sizeZqf) + " of " + sizeComplete +
                      " bytes; its digest can't be checked yet");
     } else if (!SxFSAction::test_f(file)) {
         addFault("'" + file + "' is missing");

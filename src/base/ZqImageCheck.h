@@ -38,7 +38,7 @@ private:
     ZqAppParams app;
     ZqImageParams image;
     bool haveApp = false, haveImage = false;
-    uint64 sizeZqf = 0;
+    uint64 sizeZqf = 0, sizeComplete = 0;
     SxList<SxString> faults, notes;
     bool partial = false;
 };

@@ -3,7 +3,6 @@
 #include "SxException.h"
 #include "SxFSAction.h"
 #include "SxFileIO.h"
-#include "ZqImage.h"
 #include "ZqImageFiles.h"
 #include "ZqImageFolder.h"
 #include "ZqImageLock.h"
@@ -28,11 +27,15 @@ ZqImageInfo::ZqImageInfo(const SxString& path) {
     image = ZqImageParams(prefix);
     const SxFileInfo zqf(prefix + ZqImageFiles::ZQF);
     sizeZqf = zqf.isFile() ? static_cast<uint64>(zqf.getSize()) : 0;
+    const SxFileInfo idx(prefix + ZqImageFiles::IDX);
+    if (app.sizeIdx > 0 && idx.isFile() && static_cast<uint64>(idx.getSize()) > app.sizeIdx) {
+        throw SxException("File '" + idx.getOrig() + "' has " + idx.getSize() + " bytes, app.json says " +
+                              app.sizeIdx,
+                          "src/base/ZqImageInfo", __LINE__);
+    }
     countBlocks(ZqImage(prefix).getMap());
-    joining = SxFSAction::test_f(prefix + ZqImageFiles::JOIN_INFO);
-    split = joining || SxFSAction::test_f(prefix + ZqImageFiles::SPLIT_INFO);
-    if (split) partSize = ZqImage(prefix).getPartSize();
-    state = findState(prefix, !split && sizeZqf >= sizeComplete);
+    storage = ZqImage(prefix).getSplitState();
+    state = findState(prefix, !storage.split && sizeZqf >= sizeComplete);
 }
 
 void ZqImageInfo::countBlocks(const SxArray<uint64>& map) {

@@ -2,6 +2,7 @@
 
 #include "SxPtr.h"
 #include "ZqAppParams.h"
+#include "ZqImage.h"
 #include "ZqImageParams.h"
 
 /// What an image folder holds at this moment.
@@ -22,9 +23,7 @@ public:
     uint64 nIncluded = 0;    ///< RAW blocks that the complete ZqF file holds
     uint64 nPresent = 0;     ///< of these, those that lie below the present end of `img.zqf`
     uint64 nRuns = 0;        ///< runs of RAW neighbours that are neighbours in the ZqF file, in ZqF order
-    bool split = false;      ///< the ZqF file is cut into parts, or a join of them was cut off
-    uint64 partSize = 0;     ///< bytes of a part, where it is
-    bool joining = false;    ///< a join was cut off
+    ZqImage::SplitState storage;
 
     /// "complete", "partial", "optimizing" or "patching".
     static SxString stateToString(State state);

@@ -13,6 +13,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <vector>
@@ -75,6 +76,10 @@ struct Parts {
     }
 };
 
+uint64 nCompressors() {
+    return static_cast<uint64>(SxSystemThread::getNCores());
+}
+
 class Progress {
 public:
     Progress(ZqTaskMon* monitor_, uint64 total) : monitor(monitor_), t0(ZqSysEnv::getSysTime()) {
@@ -133,6 +138,12 @@ void requireSpace(const SxString& folder, uint64 need) {
         throw SxException(SxString("The disk has ") + free + " bytes free, " + need + " are needed", UNIT,
                           __LINE__);
     }
+}
+
+/// What compressing surely needs: each worker has one plain part at a time. How small the parts become shows
+/// only then; where the disk fills up, all is taken back.
+uint64 roomToCompress(const Parts& parts) {
+    return std::min(parts.size, parts.partSize * std::min(parts.count, nCompressors()));
 }
 
 /// Holds a folder open, to sync all that was written on its file system with one call.
@@ -227,7 +238,7 @@ void writePlainParts(const SxString& zqf, const Parts& parts, Progress* progress
 void writeCompressedParts(const SxString& zqf, const Parts& parts, Progress* progress) {
     std::atomic<uint64> next{1};
     std::vector<std::unique_ptr<PartCompressor>> workers;
-    const uint64 nWorkers = std::min<uint64>(parts.count, static_cast<uint64>(SxSystemThread::getNCores()));
+    const uint64 nWorkers = std::min(parts.count, nCompressors());
     for (uint64 i = 0; i < nWorkers; ++i) {
         workers.push_back(std::make_unique<PartCompressor>(zqf, parts, &next, progress));
         workers.back()->start();
@@ -354,101 +365,80 @@ uint64 findResumePoint(const Parts& parts, const SxString& zqf) {
     return first;
 }
 
-/// Brings the joined file to the device and removes the parts that are in it, while the job copies on. Some
-/// work side by side: one may wait for the device while another removes.
-class PartRemovers {
+/// One stage of what happens to parts behind the job's back, in their order.
+class PartStage : public SxSystemThread {
 public:
-    PartRemovers(SxFileIO* target, const Parts& parts, uint64 nWorkers) {
-        for (uint64 i = 0; i < nWorkers; ++i) {
-            workers.push_back(std::make_unique<Worker>(target, parts, &line));
-            workers.back()->start();
-        }
-    }
-    ~PartRemovers() {
-        line.todo.close();
-        for (const auto& worker : workers)
-            worker->wait();
-    }
-    PartRemovers(const PartRemovers&) = delete;
-    PartRemovers& operator=(const PartRemovers&) = delete;
+    using Batch = std::pair<uint64, uint64>; ///< first and last part
+    using Queue = SxQueue<Batch>;
 
-    /// Hands over the parts `first` to `last`; waits while as many batches as workers are under way.
+    PartStage(std::function<void(const Batch&)> work_, Queue* in_, Queue* out_)
+        : work(std::move(work_)),
+          in(in_),
+          out(out_) {
+        setThreadName("join");
+    }
+
+protected:
+    void main() override {
+        // A stage that fails ends those behind it, too: none works on a batch that didn't get through.
+        try {
+            while (const auto batch = in->pop()) {
+                work(*batch);
+                out->push(*batch);
+            }
+        } catch (const SxException&) {
+            out->close();
+            throw;
+        }
+        out->close();
+    }
+
+private:
+    std::function<void(const Batch&)> work;
+    Queue *in, *out;
+};
+
+/// Brings the joined file to the device and removes the parts that are in it, while the job copies on.
+class PartRemover {
+public:
+    PartRemover(SxFileIO* target, const Parts& parts)
+        : syncing([target](const PartStage::Batch&) { target->sync(); }, &todo, &synced),
+          removing(
+              [&parts](const PartStage::Batch& batch) {
+                  for (uint64 part = batch.first; part <= batch.second; ++part)
+                      SxFSAction::rm(parts.path(part));
+              },
+              &synced, &done) {
+        syncing.start();
+        removing.start();
+    }
+    ~PartRemover() { end(); }
+    PartRemover(const PartRemover&) = delete;
+    PartRemover& operator=(const PartRemover&) = delete;
+
+    /// Hands over the parts `first` to `last`.
     void take(uint64 first, uint64 last) {
-        settle(workers.size() - 1);
-        line.todo.push({first, last});
+        todo.push({first, last});
         ++nBusy;
     }
     /// Waits until at most `n` batches are under way.
     void settle(uint64 n) {
         for (; nBusy > n; --nBusy) {
-            if (!line.done.pop()) fail();
+            if (done.pop()) continue;
+            end();
+            throw syncing.hasException() ? syncing.getException() : removing.getException();
         }
     }
 
 private:
-    using Batch = std::pair<uint64, uint64>; ///< first and last part
-
-    /// What the workers share.
-    struct Line {
-        SxQueue<Batch> todo, done;
-        SxMutex syncing;
-        bool failed SX_GUARDED_BY(syncing) = false;
-    };
-
-    class Worker : public SxSystemThread {
-    public:
-        Worker(SxFileIO* target_, const Parts& parts_, Line* line_)
-            : target(target_),
-              parts(parts_),
-              line(line_) {
-            setThreadName("join");
-        }
-
-    protected:
-        void main() override {
-            try {
-                while (const auto batch = nextSynced()) {
-                    for (uint64 part = batch->first; part <= batch->second; ++part)
-                        SxFSAction::rm(parts.path(part));
-                    line->done.push(*batch);
-                }
-            } catch (const SxException&) {
-                line->done.close();
-                throw;
-            }
-        }
-
-    private:
-        /// Batches are synced in their order, and none behind a failure: the system tells of bytes that it
-        /// couldn't write only once, so a later sync comes off without them.
-        std::optional<Batch> nextSynced() {
-            SxMutexBlock lock(&line->syncing);
-            if (line->failed) return std::nullopt;
-            const std::optional<Batch> batch = line->todo.pop();
-            if (!batch) return batch;
-            line->failed = true;
-            target->sync();
-            line->failed = false;
-            return batch;
-        }
-
-        SxFileIO* target;
-        const Parts& parts;
-        Line* line;
-    };
-
-    [[noreturn]] void fail() {
-        line.todo.close();
-        for (const auto& worker : workers)
-            worker->wait();
-        for (const auto& worker : workers) {
-            if (worker->hasException()) throw worker->getException();
-        }
-        throw SxException("The removal of joined parts ended early", UNIT, __LINE__);
+    void end() {
+        todo.close();
+        syncing.wait();
+        removing.wait();
     }
 
-    Line line;
-    std::vector<std::unique_ptr<Worker>> workers;
+    PartStage::Queue todo, synced, done;
+    PartStage syncing, removing;
     uint64 nBusy = 0; ///< batches handed over and not yet done
 };
 
@@ -465,7 +455,7 @@ void joinParts(const Parts& parts, const SxString& zqf, uint64 first, Progress* 
     for (uint64 part = 1; part < first; ++part) {
         if (!isGone(parts.path(part))) SxFSAction::rm(parts.path(part));
     }
-    PartRemovers removers(&target, parts, std::max<uint64>(nAhead, 2) - 1);
+    PartRemover remover(&target, parts);
     SxArray<char> buffer(BUFFER);
     uint64 handedOver = first - 1;
     for (uint64 part = first; part <= parts.count; ++part) {
@@ -475,11 +465,11 @@ void joinParts(const Parts& parts, const SxString& zqf, uint64 first, Progress* 
             copyBytes(&source, &target, parts.bytes(part), &buffer, progress);
         }
         if (part - handedOver < batch && part < parts.count) continue;
-        removers.take(handedOver + 1, part);
+        remover.take(handedOver + 1, part);
         handedOver = part;
-        if (nAhead < 2) removers.settle(0);
+        remover.settle(std::max<uint64>(nAhead, 1) - 1);
     }
-    removers.settle(0);
+    remover.settle(0);
     target.close();
 }
 
@@ -502,7 +492,7 @@ void undoJoin(const Parts& parts, const SxString& zqf, const SxString& info, con
 
 } // namespace
 
-void ZqImage::split(uint64 partSize, bool compress, ZqTaskMon* monitor) const {
+bool ZqImage::split(uint64 partSize, bool compress, ZqTaskMon* monitor) const {
     const SxString zqf = pathPrefix + ZqImageFiles::ZQF;
     if (!SxFSAction::test_f(zqf)) {
         throw SxException("ZqImage: ZQF file " + zqf + " not available.", UNIT, __LINE__);
@@ -516,10 +506,10 @@ void ZqImage::split(uint64 partSize, bool compress, ZqTaskMon* monitor) const {
             UNIT, __LINE__);
     }
     const Parts parts(pathPrefix, static_cast<uint64>(SxFileInfo(zqf).getSize()), partSize);
-    if (parts.count <= 1) return;
+    if (parts.count <= 1) return false;
     try {
         undoSplit(pathPrefix, parts.size);
-        requireSpace(pathPrefix, parts.size);
+        requireSpace(pathPrefix, compress ? roomToCompress(parts) : parts.size);
     } catch (const SxException& e) {
         throw SxException(e, cannotSplit, UNIT, __LINE__);
     }
@@ -541,9 +531,10 @@ void ZqImage::split(uint64 partSize, bool compress, ZqTaskMon* monitor) const {
         takeBack(pathPrefix, zqf, parts.size);
         throw SxException(e, failure, UNIT, __LINE__);
     }
+    return true;
 }
 
-void ZqImage::join(ZqTaskMon* monitor) const {
+bool ZqImage::join(ZqTaskMon* monitor) const {
     const SxString info = pathPrefix + ZqImageFiles::SPLIT_INFO;
     const SxString journal = pathPrefix + ZqImageFiles::JOIN_INFO;
     const SxString zqf = pathPrefix + ZqImageFiles::ZQF;
@@ -552,7 +543,7 @@ void ZqImage::join(ZqTaskMon* monitor) const {
     const auto lock = ZqImageLock::take(pathPrefix, ZqImageLock::Shape, ZqImageLock::Exclusive, "image join");
     const bool resumed = isJoining(pathPrefix);
     const Parts parts = readRecord(pathPrefix, resumed ? journal : info);
-    if (parts.count <= 1) return;
+    if (parts.count <= 1) return false;
     bool begun = false;
     try {
         uint64 first = 1;
@@ -576,10 +567,18 @@ void ZqImage::join(ZqTaskMon* monitor) const {
         if (begun) undoJoin(parts, zqf, info, journal);
         throw SxException(e, "Cannot join image " + zqf, UNIT, __LINE__);
     }
+    return true;
 }
 
-uint64 ZqImage::getPartSize() const {
-    const SxString file =
-        pathPrefix + (isJoining(pathPrefix) ? ZqImageFiles::JOIN_INFO : ZqImageFiles::SPLIT_INFO);
-    return readRecord(pathPrefix, file).partSize;
+ZqImage::SplitState ZqImage::getSplitState() const {
+    SplitState state;
+    state.joining = isJoining(pathPrefix);
+    const SxString file = pathPrefix + (state.joining ? ZqImageFiles::JOIN_INFO : ZqImageFiles::SPLIT_INFO);
+    if (!SxFSAction::exists(file)) return state;
+    const Parts parts = readRecord(pathPrefix, file);
+    state.partSize = parts.partSize;
+    const SxFileInfo zqf(pathPrefix + ZqImageFiles::ZQF);
+    // A record beside the whole file is what is left of a split that was cut off at its end, or of one part.
+    state.split = state.joining || !zqf.isFile() || static_cast<uint64>(zqf.getSize()) < parts.size;
+    return state;
 }

@@ -2,6 +2,9 @@
 
 #include "SxString.h"
 
+/// What kind of image the guard is told of.
+enum ZqImageType : int { ZqFImage = 1 };
+
 /// The words of mounting. A plain class without virtual operations.
 class ZqMountMgr {
 public:

@@ -9,6 +9,7 @@
 #include <csignal>
 #include <cstdio>
 #include <fcntl.h>
+#include <limits>
 
 namespace {
 constexpr const char* UNIT = "src/client/App";
@@ -40,12 +41,14 @@ void addCommonOptions(CLI::App* command, OutputMode* mode) {
 }
 
 uint64 parseNumber(const std::string& name, const std::string& text, uint64 least) {
+    // Sizes and indices are signed 64-bit in the files.
+    constexpr uint64 MOST = std::numeric_limits<int64>::max();
     uint64 value = 0;
     const char* end = text.data() + text.size();
     const auto [stop, error] = std::from_chars(text.data(), end, value);
-    if (text.empty() || stop != end || error != std::errc() || value < least) {
-        throw CLI::ValidationError(name + " needs a whole number of " + std::to_string(least) +
-                                   " or more, not '" + text + "'");
+    if (text.empty() || stop != end || error != std::errc() || value < least || value > MOST) {
+        throw CLI::ValidationError(name + " needs a whole number from " + std::to_string(least) + " to " +
+                                   std::to_string(MOST) + ", not '" + text + "'");
     }
     return value;
 }

@@ -52,20 +52,21 @@ SxSymbol describeJson(const ZqImageInfo& info, const SxString& folder) {
     result.append("state", info.getStateText());
     result.append("sizeZqf", info.sizeZqf);
     result.append("runs", info.nRuns);
-    if (info.split) {
-        result.append("split", Json::Object).append("partSize", info.partSize);
+    if (info.storage.split) {
+        result.append("split", Json::Object).append("partSize", info.storage.partSize);
     } else {
         result.append("split", Json::Null);
     }
-    result.append("joining", info.joining);
+    result.append("joining", info.storage.joining);
     appendRecord(&result, "app", folder + ZqImageFiles::APP_JSON);
     appendRecord(&result, "image", folder + ZqImageFiles::IMAGE_JSON);
     return result;
 }
 
 SxString describeParts(const ZqImageInfo& info) {
-    SxString text = info.split ? "cut into parts of " + exactBytes(info.partSize) : SxString("one file");
-    if (info.joining) text += ", a join was cut off: join again";
+    SxString text =
+        info.storage.split ? "cut into parts of " + exactBytes(info.storage.partSize) : SxString("one file");
+    if (info.storage.joining) text += ", a join was cut off: join again";
     return text;
 }
 
@@ -172,11 +173,12 @@ int verify(const SxString& image, Output& out) {
 
 int split(const SplitOptions& options, Output& out) {
     const SxString folder = ZqImageFolder::prefix(options.image);
-    FunctionJob job(
-        [&](ZqTaskMon* progress) { ZqImage(folder).split(options.partSize, options.compress, progress); });
+    bool done = false;
+    FunctionJob job([&](ZqTaskMon* progress) {
+        done = ZqImage(folder).split(options.partSize, options.compress, progress);
+    });
     const double seconds = runJob(&job, "split", out);
 
-    const bool done = SxFSAction::test_f(folder + ZqImageFiles::SPLIT_INFO);
     if (out.getMode().json) {
         SxSymbol result;
         result.setType(Json::Object);
@@ -196,18 +198,23 @@ int split(const SplitOptions& options, Output& out) {
 
 int join(const SxString& image, Output& out) {
     const SxString folder = ZqImageFolder::prefix(image);
-    FunctionJob job([&](ZqTaskMon* progress) { ZqImage(folder).join(progress); });
+    bool done = false;
+    FunctionJob job([&](ZqTaskMon* progress) { done = ZqImage(folder).join(progress); });
     const double seconds = runJob(&job, "join", out);
 
-    const uint64 bytes = fileSize(folder + ZqImageFiles::ZQF);
+    const uint64 bytes = done ? fileSize(folder + ZqImageFiles::ZQF) : 0;
     if (out.getMode().json) {
         SxSymbol result;
         result.setType(Json::Object);
+        result.append("joined", done);
         result.append("sizeZqf", bytes);
         result.append("seconds", seconds);
         out.object(result);
+    } else if (done) {
+        out.text("Joined to " + exactBytes(bytes) + SxString::sprintf(" in %.1f s.", seconds));
+    } else {
+        out.text("Nothing to do: the record tells of a single part.");
     }
-    out.text("Joined to " + exactBytes(bytes) + SxString::sprintf(" in %.1f s.", seconds));
     return ExitSuccess;
 }
 

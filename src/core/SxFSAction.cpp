@@ -45,15 +45,27 @@ void copyLink(const SxString& from, const SxString& to) {
     if (result < 0) fail("Cannot copy link '" + from + "' to '" + to + "'", result, __LINE__);
 }
 
-void copyFile(const SxString& from, const SxString& to, uint32 permissions) {
+void copyBytes(const SxString& from, const SxString& to, uint32 permissions) {
     SxFileIO source(from, "rb");
     SxFileIO target(to, "wb", static_cast<int>(permissions));
     SxArray<char> buffer(COPY_CHUNK);
     while (const int64 n = source.readBuffer(buffer.data(), COPY_CHUNK))
         target.writeBuffer(buffer.data(), n);
+    target.sync();
     target.close();
     const int result = SxOs::get().setPermissions(SxOs::hostPath(to), permissions);
     if (result < 0) fail("Cannot set the permissions of '" + to + "'", result, __LINE__);
+}
+
+void copyFile(const SxString& from, const SxString& to, uint32 permissions) {
+    SxStat source, old;
+    if (SxOs::get().stat(SxOs::hostPath(from), &source) == 0 &&
+        SxOs::get().stat(SxOs::hostPath(to), &old) == 0 && source.device == old.device &&
+        source.inode == old.inode) {
+        throw SxException("Cannot copy '" + from + "' to '" + to + "': they are the same file", UNIT,
+                          __LINE__);
+    }
+    copyBytes(from, to, permissions);
 }
 
 /// A folder on the way down, to tell a link that leads back up.
@@ -106,7 +118,11 @@ void SxFSAction::mkdir_p(const SxString& path, int mode) {
     if (test_d(path)) return;
     const SxFileInfo info(path);
     const SxString parent = info.getPath();
-    if (!(parent == info.getAbsPath()) && !test_d(parent)) mkdir_p(parent, mode);
+    if (parent == info.getAbsPath()) {
+        if (SxOs::makeDrive(parent)) return;
+        throw SxException("Cannot create folder '" + path + "': there is no such drive", UNIT, __LINE__);
+    }
+    if (!test_d(parent)) mkdir_p(parent, mode);
     const int result = SxOs::get().makeDir(SxOs::hostPath(path), static_cast<unsigned>(mode));
     if (result < 0 && !(result == -EEXIST && test_d(path))) {
         fail("Cannot create folder '" + path + "'", result, __LINE__);
@@ -133,6 +149,7 @@ void SxFSAction::mv(const SxString& from, const SxString& to) {
     const int result = SxOs::get().rename(SxOs::hostPath(from), SxOs::hostPath(to));
     if (result == -EXDEV) {
         cp(from, to);
+        syncDir(SxFileInfo(to).getPath());
         rm_r(from);
     } else if (result < 0) {
         fail("Cannot move '" + from + "' to '" + to + "'", result, __LINE__);

@@ -110,12 +110,14 @@ int64 SxFileIO::readSome(void* buffer, int64 n) {
 }
 
 int64 SxFileIO::readBuffer(void* buffer, int64 n) {
-    require(ModeRead, __LINE__);
+    if (!hasMode(ModeRead)) throw SxException("File '" + path + "' isn't open for reading", UNIT, __LINE__);
     return readSome(buffer, n);
 }
 
 void SxFileIO::writeBuffer(const void* buffer, int64 n) {
-    if (!hasMode(ModeAppend)) require(ModeWrite, __LINE__);
+    if (!hasMode(ModeWrite) && !hasMode(ModeAppend)) {
+        throw SxException("File '" + path + "' isn't open for writing", UNIT, __LINE__);
+    }
     int64 done = 0;
     while (done < n) {
         const int64 put = SxOs::get().writeAt(fd, static_cast<const char*>(buffer) + done, n - done, offset);
@@ -210,8 +212,8 @@ SxString SxFileIO::fileWriteErr(const SxString& path) {
     return "Cannot write to file '" + path + "'";
 }
 
-void SxFileIO::require(Mode m, int line) const {
-    if (isOpen() && hasMode(m)) return;
+void SxFileIO::require(unsigned modes, int line) const {
+    if (isOpen() && (mode & modes) != 0) return;
     // A fault of the program, which no input reaches.
     const char* rule = "+-----------------------------------------------------------------------------";
     std::fprintf(stderr, "\n%s\n| Abnormal program stop in file %s at line %d.\n%s\n", rule, UNIT, line,

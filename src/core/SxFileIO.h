@@ -82,7 +82,7 @@ public:
     void write(const T& value);
 
 private:
-    void require(Mode m, int line) const;
+    void require(unsigned modes, int line) const;
     int64 readSome(void* buffer, int64 n);
 
     int fd = -1;
@@ -106,6 +106,7 @@ void SxFileIO::read(SxArray<T>* array, int64 n) {
 template<class T>
 void SxFileIO::write(const SxArray<T>& array, int64 n) {
     static_assert(std::is_trivially_copyable_v<T>);
+    require(ModeWrite | ModeAppend, __LINE__);
     if (n < 0) n = array.getSize();
     writeBuffer(array.data(), n * static_cast<int64>(sizeof(T)));
 }
@@ -113,5 +114,6 @@ void SxFileIO::write(const SxArray<T>& array, int64 n) {
 template<class T>
 requires std::is_trivially_copyable_v<T>
 void SxFileIO::write(const T& value) {
+    require(ModeWrite | ModeAppend, __LINE__);
     writeBuffer(&value, static_cast<int64>(sizeof(T)));
 }

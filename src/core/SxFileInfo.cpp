@@ -2,6 +2,7 @@
 
 #include "SxException.h"
 
+#include <algorithm>
 #include <cctype>
 #include <vector>
 
@@ -12,6 +13,25 @@ constexpr const char* UNIT = "src/core/SxFileInfo";
 bool hasDrive(const std::string& path) {
     return path.size() >= 2 && path[1] == ':' && std::isalpha(static_cast<unsigned char>(path[0])) &&
            (path.size() == 2 || path[2] == '/' || path[2] == '\\');
+}
+
+std::string joinParts(const std::string& root, const std::vector<std::string>& parts) {
+    std::string result = root;
+    for (size_t i = 0; i < parts.size(); ++i)
+        result += (i > 0 ? "/" : "") + parts[i];
+    return result;
+}
+
+/// Puts what a link leads to in its place: the ".." behind it means the folder above that.
+void resolveLink(const std::string& root, std::vector<std::string>* parts) {
+    SxStat info;
+    const std::string path = joinParts(root, *parts);
+    if (SxOs::get().lstat(path, &info) < 0 || info.kind != SxStat::Link) return;
+    std::string target;
+    if (SxOs::get().canonical(path, &target) < 0) return;
+    parts->clear();
+    for (const SxString& part : SxString(target).tokenize('/'))
+        parts->push_back(part.str());
 }
 
 } // namespace
@@ -27,19 +47,16 @@ SxString SxFileInfo::getName() const {
 
 SxString SxFileInfo::getPath() const {
     const std::string text = getAbsPath().str();
-    const size_t slash = text.rfind('/');
-    if (slash == std::string::npos) return SxString(text);
-    if (slash == 0) return SxString("/");
-    return SxString(text.substr(0, slash));
+    const size_t root = hasDrive(text) ? 3 : 1;
+    return SxString(text.substr(0, std::max(text.rfind('/'), root)));
 }
 
 SxString SxFileInfo::getAbsPath() const {
     std::string text = path.str();
     std::string root = "/";
-    if (hasDrive(text)) {
-        for (char& c : text) {
-            if (c == '\\') c = '/';
-        }
+    const bool drive = hasDrive(text);
+    if (drive) {
+        std::replace(text.begin(), text.end(), '\\', '/');
         root = text.substr(0, 2) + "/";
         text = text.substr(2);
     } else if (!text.starts_with('/')) {
@@ -49,15 +66,13 @@ SxString SxFileInfo::getAbsPath() const {
     for (const SxString& part : SxString(text).tokenize('/')) {
         if (part == ".") continue;
         if (part == "..") {
+            if (!drive) resolveLink(root, &parts);
             if (!parts.empty()) parts.pop_back();
         } else {
             parts.push_back(part.str());
         }
     }
-    std::string result = root;
-    for (size_t i = 0; i < parts.size(); ++i)
-        result += (i > 0 ? "/" : "") + parts[i];
-    return SxString(result);
+    return SxString(joinParts(root, parts));
 }
 
 SxString SxFileInfo::getRelPath(const SxString& base) const {

@@ -15,8 +15,9 @@ public:
     SxString getName() const;
     /// The folder that holds it, absolute, without a trailing slash (but for the root).
     SxString getPath() const;
-    /// The absolute path with "." and ".." and repeated slashes resolved by text; a path with a drive letter
-    /// keeps it.
+    /// The absolute path without ".", ".." and repeated slashes. A ".." behind a link means the folder above
+    /// what the link leads to, as for the system; below a drive letter, which the path keeps, it goes by
+    /// text.
     SxString getAbsPath() const;
     /// The path relative to the folder `base`; raises where it doesn't lie below it.
     SxString getRelPath(const SxString& base) const;

@@ -201,6 +201,7 @@ private:
 
 std::atomic<SxOs*> current{nullptr};
 std::atomic<SxOs::PathHook> pathHook{nullptr};
+std::atomic<SxOs::DriveHook> driveHook{nullptr};
 
 } // namespace
 
@@ -227,8 +228,14 @@ SxString SxOs::errorText(int64 error) {
     return SxString(strerror_r(static_cast<int>(error < 0 ? -error : error), buffer, sizeof buffer));
 }
 
-void SxOs::setPathHook(PathHook hook) noexcept {
-    pathHook.store(hook, std::memory_order_release);
+void SxOs::setPathHooks(PathHook translate, DriveHook makeDrive) noexcept {
+    pathHook.store(translate, std::memory_order_release);
+    driveHook.store(makeDrive, std::memory_order_release);
+}
+
+bool SxOs::makeDrive(const SxString& path) {
+    const DriveHook hook = driveHook.load(std::memory_order_acquire);
+    return hook && hook(path.str());
 }
 
 std::string SxOs::hostPath(const SxString& path) {

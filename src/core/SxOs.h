@@ -104,8 +104,12 @@ public:
     static SxString errorText(int64 error);
 
     using PathHook = std::string (*)(const std::string& path);
-    /// Installs the translation of the library's paths (such as "E:/x") to host paths; null for none.
-    static void setPathHook(PathHook hook) noexcept;
+    using DriveHook = bool (*)(const std::string& path);
+    /// Installs the translation of the library's paths (such as "E:/x") to host paths, and what makes the
+    /// folder of a drive that is always there ("C:/") when something is to be put into it; null for none.
+    static void setPathHooks(PathHook translate, DriveHook makeDrive) noexcept;
+    /// Makes the folder of the drive `path` ("C:/"); false where there is no such drive to be made.
+    static bool makeDrive(const SxString& path);
     /// The host path of a path of the library. Raises on a path that is empty or holds a NUL.
     static std::string hostPath(const SxString& path);
 };

@@ -136,7 +136,7 @@ public:
     bool isArray() const { return is(SxParserAst::Array); }
     bool isBool() const { return is(SxParserAst::Bool); }
     bool isDouble() const { return is(SxParserAst::Double) || is(SxParserAst::BigInt); }
-    bool isInteger() const { return is(SxParserAst::Int); }
+    bool isInteger() const { return item.symbol.isValid() && item.symbol.isInteger(); }
     bool isNull() const { return is(SxParserAst::Null); }
     bool isNumber() const { return isInteger() || isDouble(); }
     bool isObject() const { return is(SxParserAst::Object) || !item.symbol.isValid(); }

@@ -14,6 +14,7 @@
 namespace {
 
 constexpr const char* UNIT = "src/core/SxSymbol";
+constexpr double EXACT_DOUBLE = 9007199254740992.0;
 constexpr size_t WIDE = 16; // elements from which on an object's keys are indexed
 
 struct Digits {
@@ -218,7 +219,15 @@ SxSymbol SxSymbol::at(int64 i) const {
     return SxSymbol(tree, require().children()[static_cast<size_t>(i)]);
 }
 
+bool SxSymbol::isInteger() const {
+    if (getType() != Double) return getType() == Int;
+    // Some writers have only floating-point numbers; below 2^53 those are whole numbers exactly.
+    const double number = std::get<double>(node->value);
+    return std::abs(number) < EXACT_DOUBLE && number == std::trunc(number);
+}
+
 int64 SxSymbol::toInt() const {
+    if (getType() == Double && isInteger()) return static_cast<int64>(std::get<double>(node->value));
     return std::get<int64>(require(Int).value);
 }
 

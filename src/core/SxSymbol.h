@@ -49,8 +49,10 @@ public:
     /// The key of this element in its object; empty at the root and in an array.
     SxString getKey() const;
 
-    /// The value; raises where the element is of another type. An integer is exact: a number with a fraction
-    /// or an exponent, and one that doesn't fit in 64 bits, raises.
+    /// Whether toInt() gives a value: a number without a fraction that fits in 64 bits, or, written with a
+    /// point or an exponent, in the 53 bits of a floating-point number.
+    bool isInteger() const;
+    /// The value; raises where the element is of another type. An integer is exact to the last digit.
     int64 toInt() const;
     bool toBool() const;
     /// Any number.

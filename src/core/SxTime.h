@@ -1,6 +1,9 @@
 #pragma once
 
+#include "SxClock.h"
 #include "SxString.h"
+
+#include <algorithm>
 
 /// Sleeping and formatted time, on the clock in force (SxClock). Safe from any thread.
 class SxTime {
@@ -16,14 +19,16 @@ class SxWait {
 public:
     static constexpr int64 LOOK_MS = 10;
 
-    /// One pass of at most `passMs` milliseconds. Looks before the first sleep and at the end; gives whether
-    /// `ready` came true.
+    /// One pass of `passMs` milliseconds, the time of the looks included. Looks before the first sleep and at
+    /// the end; gives whether `ready` came true. `lookMs` is for looks that cost much.
     template<class Ready>
-    static bool pass(int64 passMs, Ready&& ready) {
-        for (int64 left = passMs;; left -= LOOK_MS) {
+    static bool pass(int64 passMs, Ready&& ready, int64 lookMs = LOOK_MS) {
+        const int64 endNs = SxClock::get().steadyNs() + passMs * 1'000'000;
+        for (;;) {
             if (ready()) return true;
-            if (left <= 0) return false;
-            SxTime::msleep(left < LOOK_MS ? left : LOOK_MS);
+            const int64 leftNs = endNs - SxClock::get().steadyNs();
+            if (leftNs <= 0) return false;
+            SxClock::get().sleepNs(std::min(leftNs, lookMs * 1'000'000));
         }
     }
 

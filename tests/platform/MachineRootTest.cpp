@@ -120,3 +120,12 @@ TEST_F(MachineRootTest, PlaceOfTheRoot) {
     const Variable home("HOME", "/home/someone");
     EXPECT_STREQ(ZqMachineRoot::get().ascii(), "/home/someone/.local/share/tavrin/prefix");
 }
+
+TEST_F(MachineRootTest, OnlyDriveCIsMadeOnFirstUse) {
+    ZqMachineRoot::set((root / "fresh").string());
+    SxFSAction::mkdir_p("C:/games/x");
+    EXPECT_TRUE(dir.exists("fresh/drive_c/games/x"));
+    EXPECT_EQ(fs::read_symlink(root / "fresh/dosdevices/c:"), "../drive_c");
+    EXPECT_THROW(SxFSAction::mkdir_p("Z:/games/x"), SxException);
+    EXPECT_FALSE(dir.exists("fresh/dosdevices/z:"));
+}

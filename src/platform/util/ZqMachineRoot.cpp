@@ -1,10 +1,12 @@
 #include "ZqMachineRoot.h"
 
 #include "SxException.h"
+#include "SxFSAction.h"
 #include "SxMutex.h"
 #include "SxOs.h"
 #include "ZqXdg.h"
 
+#include <cerrno>
 #include <clocale>
 #include <cstdlib>
 #include <cwctype>
@@ -137,7 +139,21 @@ std::string ZqMachineRoot::hostPath(const std::string& path) {
     return found;
 }
 
+bool ZqMachineRoot::makeDrive(const std::string& path) {
+    if (!hasLetter(path) || (path[0] | 0x20) != 'c') return false;
+    const SxString prefix = get();
+    for (const char* folder : {"/drive_c", "/dosdevices"})
+        SxFSAction::mkdir_p(prefix + folder, 0777);
+    const std::string link = prefix.str() + "/dosdevices/c:";
+    const int result = SxOs::get().symlink("../drive_c", link);
+    if (result < 0 && result != -EEXIST) {
+        throw SxException(SxException(SxOs::errorText(result), UNIT, __LINE__),
+                          "Cannot make the drive '" + path + "'", UNIT, __LINE__);
+    }
+    return true;
+}
+
 bool ZqMachineRoot::install() noexcept {
-    SxOs::setPathHook(&ZqMachineRoot::hostPath);
+    SxOs::setPathHooks(&ZqMachineRoot::hostPath, &ZqMachineRoot::makeDrive);
     return true;
 }

@@ -24,4 +24,7 @@ public:
     /// Makes hostPath() the hook of SxOs. The units ZqLog and ZqSysEnv call it when the program starts, so a
     /// program needs not. Gives true, for use in an initialiser.
     static bool install() noexcept;
+    /// Makes the drive `C:` of a root that isn't laid out yet; false for every other letter. Raises where it
+    /// can't.
+    static bool makeDrive(const std::string& path);
 };

@@ -87,11 +87,15 @@ bool ZqSysEnv::isProcRunning(const SxString& name) {
 int ZqSysEnv::getProcessID(const SxString& name, int64 limit) {
     if (name.isEmpty()) return -1;
     const NameMatch match(name);
-    for (int64 left = limit;; left -= LOOK_MS) {
-        const int found = findProcess(match);
-        if (found >= 0 || left <= 0) return found;
-        SxTime::msleep(std::min(left, LOOK_MS));
-    }
+    int found = -1;
+    SxWait::pass(
+        limit,
+        [&] {
+            found = findProcess(match);
+            return found >= 0;
+        },
+        LOOK_MS);
+    return found;
 }
 
 bool ZqSysEnv::killProcess(int id) {

@@ -1,0 +1,126 @@
+#include "SxClock.h"
+#include "SxException.h"
+#include "SxFSAction.h"
+#include "SxFileIO.h"
+#include "SxTime.h"
+#include "TempDir.h"
+#include "VirtualClock.h"
+
+#include <filesystem>
+#include <gtest/gtest.h>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+std::string namesOf(const SxList<SxFileInfo>& found, const TempDir& dir) {
+    std::string names;
+    for (const SxFileInfo& info : found)
+        names += info.getRelPath(dir.path()).str() + " ";
+    return names;
+}
+
+} // namespace
+
+TEST(FileInfo, PathsGoWhereTheSystemGoes) {
+    const TempDir dir;
+    fs::create_directories(dir.path("a/b/c"));
+    fs::create_directory_symlink("a/b/c", dir.path("link"));
+    const std::string base = dir.path();
+    const std::pair<std::string, std::string> cases[] = {
+        {base + "/link/../x", base + "/a/b/x"}, {base + "/a/./b//../x/", base + "/a/x"},
+        {base + "/none/../x", base + "/x"},     {"/../..", "/"},
+        {"E:\\x\\..\\y/z", "E:/y/z"},           {"E:/../..", "E:/"},
+    };
+    for (const auto& [path, expected] : cases) {
+        EXPECT_EQ(SxFileInfo(path).getAbsPath(), expected.c_str()) << path;
+    }
+    EXPECT_EQ(SxFileInfo("/").getPath(), "/");
+    EXPECT_EQ(SxFileInfo("E:/x").getPath(), "E:/");
+    EXPECT_EQ(SxFileInfo("E:/").getPath(), "E:/");
+    EXPECT_EQ(SxFileInfo("/a/b/").getName(), "b");
+    EXPECT_THROW(SxFileInfo(base + "/a").getRelPath(base + "/a/b"), SxException);
+    EXPECT_THROW(SxFileInfo(SxString(std::string("a\0b", 3))).isFile(), SxException);
+}
+
+TEST(FSAction, FindTakesInSubFoldersAndRefusesLoops) {
+    const TempDir dir;
+    for (const char* name : {"b.item", "a/x.item", "a/.hidden.item", "a/d.item/y.txt", "a.txt"})
+        dir.write(name, "1");
+    fs::create_directory_symlink("a", dir.path("to-a"));
+    fs::create_symlink("none", dir.path("dangling.item"));
+    EXPECT_EQ(namesOf(SxFSAction::find(dir.prefix() + "*.item", false), dir),
+              "a/.hidden.item a/d.item a/x.item b.item dangling.item ");
+    for (const char* target : {"..", ".", "loop"}) {
+        fs::create_symlink(target, dir.path("a/loop"));
+        EXPECT_THROW(SxFSAction::find(dir.prefix() + "*", false), SxException) << target;
+        fs::remove(dir.path("a/loop"));
+    }
+}
+
+TEST(FSAction, CopiesMovesAndRemovals) {
+    const TempDir dir;
+    dir.write("tree/sub/file", "bytes");
+    fs::permissions(dir.path("tree/sub/file"), fs::perms(0750));
+    fs::create_symlink("sub/file", dir.path("tree/link"));
+    SxFSAction::cp(dir.path("tree"), dir.path("copy"));
+    EXPECT_EQ(dir.snapshot("copy"), dir.snapshot("tree"));
+    EXPECT_EQ(fs::status(dir.path("copy/sub/file")).permissions(), fs::perms(0750));
+    // A file that is copied onto itself, by whatever name, keeps its bytes.
+    fs::create_hard_link(dir.path("tree/sub/file"), dir.path("other"));
+    for (const char* same : {"tree/sub/file", "tree/link", "other"}) {
+        EXPECT_THROW(SxFSAction::cp(dir.path("tree/sub/file"), dir.path(same)), SxException) << same;
+    }
+    EXPECT_EQ(dir.read("tree/sub/file"), "bytes");
+    fs::create_directory_symlink(dir.path("tree"), dir.path("copy/out"));
+    SxFSAction::rm_r(dir.path("copy"));
+    EXPECT_TRUE(dir.exists("tree/sub/file") && !dir.exists("copy"));
+    EXPECT_THROW(SxFSAction::rm_r(dir.path("copy")), SxException);
+    SxFSAction::mv(dir.path("other"), dir.path("moved"));
+    EXPECT_TRUE(dir.exists("moved") && !dir.exists("other"));
+}
+
+TEST(FileIO, ModesReadsAndBounds) {
+    const TempDir dir;
+    const SxString path = dir.path("f");
+    SxFileIO file(path, "wb");
+    file.write(SxString("one\ntwo\n\nfour"));
+    EXPECT_THROW(
+        {
+            char byte;
+            file.readBuffer(&byte, 1);
+        },
+        SxException);
+    file.open(path, "ab");
+    EXPECT_EQ(file.getOffset(), 13);
+    file.write(SxString("!"));
+    file.open(path, "rb");
+    EXPECT_EQ(SxString::join(file.readLines(2), "|"), "one|two");
+    EXPECT_EQ(SxString::join(file.readLines(0), "|"), "|four!");
+    file.seek(-5, SxFileIO::SeekEnd);
+    SxArray<char> rest;
+    file.read(&rest);
+    EXPECT_EQ(std::string(rest.begin(), rest.end()), "four!");
+    SxArray<uint64> words;
+    file.seek(0);
+    file.read(&words, 100);
+    EXPECT_EQ(words.getSize(), 1); // never more than whole elements of what is left
+    EXPECT_THROW(SxFileIO::readUtf8(path, 13), SxException);
+    EXPECT_EQ(SxFileIO::readUtf8(path, 14), "one\ntwo\n\nfour!");
+    EXPECT_THROW(file.seek(-1), SxException);
+    EXPECT_THROW(SxFileIO(path, "w+"), SxException);
+}
+
+TEST(Wait, ThePassIncludesTheTimeOfItsLooks) {
+    VirtualClock clock;
+    const int64 start = SxClock::get().steadyNs();
+    int nLooks = 0;
+    EXPECT_FALSE(SxWait::pass(1000, [&] {
+        ++nLooks;
+        SxTime::msleep(15);
+        return false;
+    }));
+    const int64 tookMs = (SxClock::get().steadyNs() - start) / 1'000'000;
+    EXPECT_TRUE(tookMs >= 1000 && tookMs <= 1025) << tookMs;
+    EXPECT_EQ(nLooks, 41);
+}
