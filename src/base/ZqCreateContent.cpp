@@ -236,14 +236,21 @@ void ZqCreateContent::refuseOverlap() const {
     }
 }
 
-SxList<ZqCreateContent::Entry> ZqCreateContent::scan(uint64* nBlocks) const {
+SxList<ZqCreateContent::Entry> ZqCreateContent::scan(uint64* nBlocks) {
     SxList<Entry> files;
     for (const SxFileInfo& info : SxFSAction::find(source + "*", false)) {
         if (stopRequested()) break;
         const SxString relPath = info.getRelPath(source);
-        if (relPath.startsWith("System Volume Information") || info.isLink()) continue;
-        if (!info.exists()) throw SxException("Cannot look at '" + info.getOrig() + "'", UNIT, __LINE__);
-        if (!info.isFile()) continue;
+        if (relPath.startsWith("System Volume Information")) continue;
+        if (!info.isLink() && !info.exists()) {
+            throw SxException("Cannot look at '" + info.getOrig() + "'", UNIT, __LINE__);
+        }
+        if (info.isLink() || !info.isFile()) {
+            if (!info.isLink() && info.isDir()) continue;
+            log("'" + relPath + "' is passed over: it is no plain file");
+            ++nSkipped;
+            continue;
+        }
         // A file that can't be opened is found before anything is written.
         SxFileIO(info.getOrig(), "rb").close();
         *nBlocks += static_cast<uint64>(wholeBlocks(info.getSize()));

@@ -21,6 +21,8 @@ public:
     bool isComplete() const { return complete; }
     /// After the end: number of files in it.
     int64 getNFiles() const { return nFiles; }
+    /// After the end: number of links, pipes, sockets and devices that were passed over; the log names them.
+    int64 getNSkipped() const { return nSkipped; }
 
 protected:
     void main() override;
@@ -32,7 +34,7 @@ private:
     };
 
     void refuseOverlap() const;
-    SxList<Entry> scan(uint64* nBlocks) const;
+    SxList<Entry> scan(uint64* nBlocks);
     void build(const SxList<Entry>& files, uint64 nBlocks);
     /// Writes the new image beside the old one. False where a stop was asked for.
     bool stage(const SxList<Entry>& files, uint64 nBlocks);
@@ -46,5 +48,5 @@ private:
 
     const SxString target, source; ///< with trailing slashes
     bool complete = false;
-    int64 nFiles = 0;
+    int64 nFiles = 0, nSkipped = 0;
 };

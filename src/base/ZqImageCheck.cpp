@@ -4,6 +4,7 @@
 #include "SxFSAction.h"
 #include "SxFileIO.h"
 #include "SxMd5.h"
+#include "SxSymbol.h"
 #include "ZqAppParams.h"
 #include "ZqImage.h"
 #include "ZqImageFiles.h"
@@ -135,15 +136,18 @@ void ZqImageCheck::checkZqf() {
         const ZqImage::SplitState storage = ZqImage(pathPrefix).getSplitState();
         partial = storage.split || sizeZqf < sizeComplete;
         if (storage.split) {
+            ZqImage(pathPrefix).checkSplit();
             notes.append(storage.joining
                              ? "a join of img.zqf was cut off; join it again first"
-                             : "img.zqf is split into parts, which are not looked at; join it first");
+                             : "img.zqf is split into parts, all there; what they hold shows behind a join");
             return;
         }
         if (storage.partSize > 0) notes.append("a split record stands beside the whole img.zqf");
     } catch (const SxException& e) {
         addFault(e.what());
+        return;
     }
+    if (SxFileInfo(file).exists() && !SxFSAction::test_f(file)) addFault("'" + file + "' is not a plain file");
     if (!haveApp) return;
     if (app.sizeZqf == 0) notes.append("img.zqf: app.json gives no size");
     if (app.sizeZqf > 0 && sizeZqf > app.sizeZqf) {
@@ -179,7 +183,7 @@ void ZqImageCheck::checkDigest(const SxString& file, const SxString& expected) {
     if (expected == md5.toString()) {
         notes.append(name + ": digest " + expected + " is right");
     } else {
-        addFault("'" + file + "': the digest is " + md5.toString() + ", expected was '" + expected + "'");
+        addFault("'" + file + "': the digest is " + md5.toString() + ", expected was '" + SxParserKit::excerpt(expected) + "'");
     }
 }
 

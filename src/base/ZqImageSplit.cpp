@@ -201,7 +201,8 @@ private:
     void compress(uint64 part) {
         const SxString plain = parts.path(part);
         {
-            SxFileIO source(zqf, "rb", 0600), target(plain, "wb", 0600);
+            SxFileIO source(zqf, "rb", 0600), target;
+            target.create(plain, 0600);
             SxArray<char> buffer(BUFFER);
             Progress none(nullptr, 0);
             source.seek(static_cast<int64>(parts.offset(part)));
@@ -229,7 +230,8 @@ void writePlainParts(const SxString& zqf, const Parts& parts, Progress* progress
     source.adviseSequential();
     SxArray<char> buffer(BUFFER);
     for (uint64 part = 1; part <= parts.count; ++part) {
-        SxFileIO target(parts.path(part), "wb", 0600);
+        SxFileIO target;
+        target.create(parts.path(part), 0600);
         copyBytes(&source, &target, parts.bytes(part), &buffer, progress);
         target.close();
     }
@@ -304,7 +306,7 @@ void undoSplit(const SxString& pathPrefix, uint64 size) {
     // The record of another file doesn't say that these bytes are still to be had.
     if (parts && parts->size == size) {
         for (const SxFileInfo& file : SxFSAction::ls(pathPrefix)) {
-            if (parts->hasPath(file.getOrig())) SxFSAction::rm(file.getOrig());
+            if (parts->hasPath(file.getOrig()) && !file.isDir()) SxFSAction::rm(file.getOrig());
         }
     }
     SxFSAction::rm(journal);
@@ -346,6 +348,12 @@ bool isGone(const SxString& path) {
                           "Cannot look at '" + path + "'", UNIT, __LINE__);
     }
     return result < 0;
+}
+
+/// Raises where something stands at `path` that a join can't replace.
+void requireFileOrNothing(const SxString& path) {
+    if (isGone(path) || (SxFileInfo(path).isFile() && !SxFileInfo(path).isLink())) return;
+    throw SxException("'" + path + "' is not a plain file", UNIT, __LINE__);
 }
 
 /// The first part that a join which was cut off has not finished with, after a look at what is there: behind
@@ -539,7 +547,7 @@ bool ZqImage::join(ZqTaskMon* monitor) const {
     const SxString journal = pathPrefix + ZqImageFiles::JOIN_INFO;
     const SxString zqf = pathPrefix + ZqImageFiles::ZQF;
     // Without a record there is nothing to lock, and no lock file to leave behind.
-    if (!SxFSAction::exists(info) && !SxFSAction::exists(journal)) readRecord(pathPrefix, info);
+    if (isGone(info) && isGone(journal) && isGone(pathPrefix + ZqImageFiles::SPLIT_JOURNAL)) readRecord(pathPrefix, info);
     const auto lock = ZqImageLock::take(pathPrefix, ZqImageLock::Shape, ZqImageLock::Exclusive, "image join");
     const bool resumed = isJoining(pathPrefix);
     const Parts parts = readRecord(pathPrefix, resumed ? journal : info);
@@ -552,11 +560,12 @@ bool ZqImage::join(ZqTaskMon* monitor) const {
         } else {
             checkParts(parts, first);
         }
+        requireFileOrNothing(zqf);
         if (first <= parts.count) requireSpace(pathPrefix, parts.bytes(first));
         if (!resumed) SxFSAction::mv(info, journal);
         begun = true;
         // The names must be on the device ahead of the end of the first part.
-        SxFileIO(zqf, "ab", 0600).close();
+        if (!resumed || isGone(zqf)) SxFileIO().create(zqf, 0600);
         SxFSAction::syncDir(pathPrefix);
         Progress progress(monitor, parts.size);
         joinParts(parts, zqf, first, &progress);
@@ -568,6 +577,21 @@ bool ZqImage::join(ZqTaskMon* monitor) const {
         throw SxException(e, "Cannot join image " + zqf, UNIT, __LINE__);
     }
     return true;
+}
+
+void ZqImage::checkSplit() const {
+    if (isJoining(pathPrefix)) {
+        findResumePoint(readRecord(pathPrefix, pathPrefix + ZqImageFiles::JOIN_INFO), pathPrefix + ZqImageFiles::ZQF);
+        return;
+    }
+    const Parts parts = readRecord(pathPrefix, pathPrefix + ZqImageFiles::SPLIT_INFO);
+    // What a compressed part holds shows only when it is unpacked.
+    if (!SxFSAction::test_f(parts.path(1) + PACKED)) return checkParts(parts, 1);
+    for (uint64 part = 1; part <= parts.count; ++part) {
+        if (!SxFSAction::test_f(parts.path(part) + PACKED)) {
+            throw SxException("Part '" + parts.path(part) + PACKED + "' is missing", UNIT, __LINE__);
+        }
+    }
 }
 
 ZqImage::SplitState ZqImage::getSplitState() const {

@@ -36,6 +36,7 @@ int create(const CreateOptions& options, Output& out) {
         SxParserKit::SxSymbol result;
         result.setType(SxParserAst::Object);
         result.append("files", job.getNFiles());
+        result.append("skipped", job.getNSkipped());
         result.append("blocks", nBlocks);
         result.append("bytes", bytes);
         result.append("seconds", seconds);
@@ -44,6 +45,10 @@ int create(const CreateOptions& options, Output& out) {
     }
     out.text("Packed " + SxString(job.getNFiles()) + " files in " + nBlocks + " blocks, " +
              exactBytes(bytes) + SxString::sprintf(", in %.1f s (", seconds) + readableBytes(rate) + "/s).");
+    if (job.getNSkipped() > 0) {
+        out.text("Passed over " + SxString(job.getNSkipped()) +
+                 " links or other things that are no plain files; the log names them.");
+    }
     return ExitSuccess;
 }
 } // namespace

@@ -63,5 +63,5 @@ double runJob(ZqTaskMon* job, const SxString& label, const Output& out) {
     progress.finish();
 
     if (job->hasException()) throw stopAsked ? stopped(*job) : job->getException();
-    return static_cast<double>(SxClock::get().steadyNs() - startNs) * 1e-9;
+    return static_cast<double>((SxClock::get().steadyNs() - startNs) / 1'000'000) * 1e-3;
 }

@@ -161,7 +161,14 @@ void SxFSAction::rm(const SxString& path) {
     if (result < 0) fail("Cannot remove file '" + path + "'", result, __LINE__);
 }
 
-void SxFSAction::rm_r(const SxString& path) {
+void SxFSAction::rm_r(const SxString& given) {
+    // With its slash at the end, a link would be the folder that it leads to.
+    std::string text = given.str();
+    while (text.size() > 1 && text.ends_with('/') && !text.ends_with(":/")) text.pop_back();
+    const SxString path(text);
+    if (SxFileInfo(path).getPath() == SxFileInfo(path).getAbsPath()) {
+        throw SxException("'" + given + "' is the whole of a drive and isn't removed", UNIT, __LINE__);
+    }
     if (ask(path).kind != SxStat::Dir) return rm(path);
     for (const std::string& name : sortedNames(path))
         rm_r(below(path, name));

@@ -3,6 +3,7 @@
 #include "SxFSAction.h"
 #include "SxOs.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <utility>
@@ -47,16 +48,36 @@ void SxFileIO::open(const SxString& path_, const SxString& mode_, int permission
     if (isOpen()) close();
     for (const ModeWord& entry : MODES) {
         if (!(mode_ == entry.word)) continue;
-        const int result =
-            SxOs::get().open(SxOs::hostPath(path_), entry.flags, static_cast<unsigned>(permission));
-        if (result < 0) throw failure("Cannot open file '" + path_ + "'", result, __LINE__);
-        fd = result;
-        mode = entry.mode;
-        path = path_;
-        offset = entry.mode == ModeAppend ? getSize() : 0;
+        adopt(SxOs::get().open(SxOs::hostPath(path_), entry.flags, static_cast<unsigned>(permission)), entry.mode,
+              path_);
         return;
     }
     throw SxException("Cannot open file '" + path_ + "' with mode '" + mode_ + "'", UNIT, __LINE__);
+}
+
+void SxFileIO::create(const SxString& path_, int permission) {
+    if (isOpen()) close();
+    const std::string host = SxOs::hostPath(path_);
+    const int removed = SxOs::get().unlink(host);
+    if (removed < 0 && removed != -ENOENT) throw failure("Cannot replace file '" + path_ + "'", removed, __LINE__);
+    adopt(SxOs::get().open(host, SxOs::Write | SxOs::Create | SxOs::Exclusive | SxOs::NoFollow,
+                           static_cast<unsigned>(permission)),
+          ModeWrite, path_);
+}
+
+void SxFileIO::adopt(int result, unsigned newMode, const SxString& newPath) {
+    if (result < 0) throw failure("Cannot open file '" + newPath + "'", result, __LINE__);
+    fd = result;
+    mode = newMode;
+    path = newPath;
+    SxStat info;
+    const int status = SxOs::get().statFd(fd, &info);
+    if (status < 0 || info.kind != SxStat::File) {
+        SxOs::get().close(std::exchange(fd, -1));
+        if (status < 0) throw failure("Cannot look at file '" + newPath + "'", status, __LINE__);
+        throw SxException("'" + newPath + "' is not a plain file", UNIT, __LINE__);
+    }
+    offset = newMode == ModeAppend ? info.size : 0;
 }
 
 void SxFileIO::close() {
@@ -184,22 +205,16 @@ SxString SxFileIO::readUtf8(const SxString& path, int64 maxBytes) {
 
 void SxFileIO::writeAtomic(const SxString& path, const SxString& text, int permission) {
     const SxString tmp = path + ".tmp";
-    SxOs& os = SxOs::get();
     try {
-        os.unlink(SxOs::hostPath(tmp));
         SxFileIO file;
-        file.fd = os.open(SxOs::hostPath(tmp), SxOs::Write | SxOs::Create | SxOs::Exclusive | SxOs::NoFollow,
-                          static_cast<unsigned>(permission));
-        if (file.fd < 0) throw failure("Cannot open file '" + tmp + "'", file.fd, __LINE__);
-        file.mode = ModeWrite;
-        file.path = tmp;
+        file.create(tmp, permission);
         file.write(text);
         file.sync();
         file.close();
         SxFSAction::mv(tmp, path);
         SxFSAction::syncDir(SxFileInfo(path).getPath());
     } catch (const SxException&) {
-        os.unlink(SxOs::hostPath(tmp));
+        SxOs::get().unlink(SxOs::hostPath(tmp));
         throw;
     }
 }

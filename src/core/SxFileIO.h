@@ -23,9 +23,12 @@ public:
     SxFileIO(SxFileIO&& other) noexcept { *this = std::move(other); }
     SxFileIO& operator=(SxFileIO&& other) noexcept;
 
-    /// Modes: "rb" and "r" read an existing file, "r+b" reads and writes an existing one, "wb" makes an empty
+    /// Raises on anything but a plain file, which a link may lead to. Modes: "rb" and "r" read an existing file, "r+b" reads and writes an existing one, "wb" makes an empty
     /// file, "ab" appends. `permission` is for a file that is made.
     void open(const SxString& path_, const SxString& mode_, int permission = 0600);
+    /// Opens a new file for writing in the place of whatever file or link stands there, so that neither what a link
+    /// leads to nor another name of the old file is written to.
+    void create(const SxString& path_, int permission = 0600);
     /// Raises where the system reports a late write error.
     void close();
     /// Does nothing, since nothing is buffered here; see sync().
@@ -84,6 +87,7 @@ public:
 private:
     void require(unsigned modes, int line) const;
     int64 readSome(void* buffer, int64 n);
+    void adopt(int result, unsigned newMode, const SxString& newPath);
 
     int fd = -1;
     unsigned mode = 0;

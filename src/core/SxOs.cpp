@@ -36,7 +36,8 @@ void fill(const struct ::stat& from, SxStat* to) {
 
 int systemFlags(unsigned flags) {
     const bool read = flags & SxOs::Read, write = flags & (SxOs::Write | SxOs::Append);
-    int result = O_CLOEXEC | (read && write ? O_RDWR : write ? O_WRONLY : O_RDONLY);
+    // Without O_NONBLOCK, whoever opens a pipe that a file was replaced by waits for its other end.
+    int result = O_CLOEXEC | O_NONBLOCK | (read && write ? O_RDWR : write ? O_WRONLY : O_RDONLY);
     if (flags & SxOs::Append) result |= O_APPEND;
     if (flags & SxOs::Create) result |= O_CREAT;
     if (flags & SxOs::Truncate) result |= O_TRUNC;
