@@ -59,7 +59,8 @@ public:
     };
     /// How the ZqF file is stored. Raises on a split record that can't be read.
     SplitState getSplitState() const;
-    /// Raises unless all that a join needs is there: plain parts in their sizes, or a compressed file for each part.
+    /// Raises unless all that a join needs is there: plain parts in their sizes, or a compressed file for
+    /// each part.
     void checkSplit() const;
 
 private:

@@ -147,7 +147,8 @@ void ZqImageCheck::checkZqf() {
         addFault(e.what());
         return;
     }
-    if (SxFileInfo(file).exists() && !SxFSAction::test_f(file)) addFault("'" + file + "' is not a plain file");
+    if (SxFileInfo(file).exists() && !SxFSAction::test_f(file))
+        addFault("'" + file + "' is not a plain file");
     if (!haveApp) return;
     if (app.sizeZqf == 0) notes.append("img.zqf: app.json gives no size");
     if (app.sizeZqf > 0 && sizeZqf > app.sizeZqf) {
@@ -183,7 +184,8 @@ void ZqImageCheck::checkDigest(const SxString& file, const SxString& expected) {
     if (expected == md5.toString()) {
         notes.append(name + ": digest " + expected + " is right");
     } else {
-        addFault("'" + file + "': the digest is " + md5.toString() + ", expected was '" + SxParserKit::excerpt(expected) + "'");
+        addFault("'" + file + "': the digest is " + md5.toString() + ", expected was '" +
+                 SxParserKit::excerpt(expected) + "'");
     }
 }
 

@@ -547,7 +547,8 @@ bool ZqImage::join(ZqTaskMon* monitor) const {
     const SxString journal = pathPrefix + ZqImageFiles::JOIN_INFO;
     const SxString zqf = pathPrefix + ZqImageFiles::ZQF;
     // Without a record there is nothing to lock, and no lock file to leave behind.
-    if (isGone(info) && isGone(journal) && isGone(pathPrefix + ZqImageFiles::SPLIT_JOURNAL)) readRecord(pathPrefix, info);
+    if (isGone(info) && isGone(journal) && isGone(pathPrefix + ZqImageFiles::SPLIT_JOURNAL))
+        readRecord(pathPrefix, info);
     const auto lock = ZqImageLock::take(pathPrefix, ZqImageLock::Shape, ZqImageLock::Exclusive, "image join");
     const bool resumed = isJoining(pathPrefix);
     const Parts parts = readRecord(pathPrefix, resumed ? journal : info);
@@ -581,7 +582,8 @@ bool ZqImage::join(ZqTaskMon* monitor) const {
 
 void ZqImage::checkSplit() const {
     if (isJoining(pathPrefix)) {
-        findResumePoint(readRecord(pathPrefix, pathPrefix + ZqImageFiles::JOIN_INFO), pathPrefix + ZqImageFiles::ZQF);
+        findResumePoint(readRecord(pathPrefix, pathPrefix + ZqImageFiles::JOIN_INFO),
+                        pathPrefix + ZqImageFiles::ZQF);
         return;
     }
     const Parts parts = readRecord(pathPrefix, pathPrefix + ZqImageFiles::SPLIT_INFO);

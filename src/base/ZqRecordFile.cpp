@@ -23,7 +23,7 @@ SxSymbol ZqRecordFile::read(const SxString& file, const SxString& schemaName) {
     data.readString(SxFileIO::readUtf8(file), file, 1);
     schema.readFile(schemaPath, 1);
     SxSchema(schema.getAst()).validate(data.getAst());
-    const SxSymbol root = data.getRootSymbol();
+    SxSymbol root = data.getRootSymbol();
     if (root.getElem("version", true).toInt() != VERSION) {
         throw SxException("File version of '" + file + "' not supported.", UNIT, __LINE__);
     }

@@ -63,5 +63,6 @@ double runJob(ZqTaskMon* job, const SxString& label, const Output& out) {
     progress.finish();
 
     if (job->hasException()) throw stopAsked ? stopped(*job) : job->getException();
-    return static_cast<double>((SxClock::get().steadyNs() - startNs) / 1'000'000) * 1e-3;
+    const int64 milliseconds = (SxClock::get().steadyNs() - startNs) / 1'000'000;
+    return static_cast<double>(milliseconds) / 1000;
 }

@@ -164,7 +164,8 @@ void SxFSAction::rm(const SxString& path) {
 void SxFSAction::rm_r(const SxString& given) {
     // With its slash at the end, a link would be the folder that it leads to.
     std::string text = given.str();
-    while (text.size() > 1 && text.ends_with('/') && !text.ends_with(":/")) text.pop_back();
+    while (text.size() > 1 && text.ends_with('/') && !text.ends_with(":/"))
+        text.pop_back();
     const SxString path(text);
     if (SxFileInfo(path).getPath() == SxFileInfo(path).getAbsPath()) {
         throw SxException("'" + given + "' is the whole of a drive and isn't removed", UNIT, __LINE__);

@@ -48,8 +48,8 @@ void SxFileIO::open(const SxString& path_, const SxString& mode_, int permission
     if (isOpen()) close();
     for (const ModeWord& entry : MODES) {
         if (!(mode_ == entry.word)) continue;
-        adopt(SxOs::get().open(SxOs::hostPath(path_), entry.flags, static_cast<unsigned>(permission)), entry.mode,
-              path_);
+        adopt(SxOs::get().open(SxOs::hostPath(path_), entry.flags, static_cast<unsigned>(permission)),
+              entry.mode, path_);
         return;
     }
     throw SxException("Cannot open file '" + path_ + "' with mode '" + mode_ + "'", UNIT, __LINE__);
@@ -59,7 +59,8 @@ void SxFileIO::create(const SxString& path_, int permission) {
     if (isOpen()) close();
     const std::string host = SxOs::hostPath(path_);
     const int removed = SxOs::get().unlink(host);
-    if (removed < 0 && removed != -ENOENT) throw failure("Cannot replace file '" + path_ + "'", removed, __LINE__);
+    if (removed < 0 && removed != -ENOENT)
+        throw failure("Cannot replace file '" + path_ + "'", removed, __LINE__);
     adopt(SxOs::get().open(host, SxOs::Write | SxOs::Create | SxOs::Exclusive | SxOs::NoFollow,
                            static_cast<unsigned>(permission)),
           ModeWrite, path_);

@@ -23,11 +23,12 @@ public:
     SxFileIO(SxFileIO&& other) noexcept { *this = std::move(other); }
     SxFileIO& operator=(SxFileIO&& other) noexcept;
 
-    /// Raises on anything but a plain file, which a link may lead to. Modes: "rb" and "r" read an existing file, "r+b" reads and writes an existing one, "wb" makes an empty
-    /// file, "ab" appends. `permission` is for a file that is made.
+    /// Raises on anything but a plain file, which a link may lead to. Modes: "rb" and "r" read an existing
+    /// file, "r+b" reads and writes an existing one, "wb" makes an empty file, "ab" appends. `permission` is
+    /// for a file that is made.
     void open(const SxString& path_, const SxString& mode_, int permission = 0600);
-    /// Opens a new file for writing in the place of whatever file or link stands there, so that neither what a link
-    /// leads to nor another name of the old file is written to.
+    /// Opens a new file for writing in the place of whatever file or link stands there, so that neither what
+    /// a link leads to nor another name of the old file is written to.
     void create(const SxString& path_, int permission = 0600);
     /// Raises where the system reports a late write error.
     void close();

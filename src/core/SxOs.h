@@ -37,8 +37,8 @@ public:
 
     virtual ~SxOs() = default;
 
-    /// Opens a file; never inherited by child processes, and never waits for the other end of a pipe. Gives the
-    /// descriptor.
+    /// Opens a file; never inherited by child processes, and never waits for the other end of a pipe. Gives
+    /// the descriptor.
     virtual int open(const std::string& path, unsigned flags, unsigned permissions) = 0;
     virtual int close(int fd) = 0;
     /// Reads up to `n` bytes at `offset`; less only at the end of the file.

@@ -179,11 +179,20 @@ TEST(CreateContent, ADisturbedJobLeavesTheOldImageOrCanBeRepeated) {
         const auto check = [&](const TempDir& dir, const std::string& failure) {
             TreeSnapshot image = dir.exists(target) ? contentOf(dir, target) : TreeSnapshot();
             EXPECT_TRUE(!isNew || failure.empty() || image.empty()) << "a new folder doesn't stay";
+            EXPECT_TRUE(!isNew || failure.empty() || !dir.exists("watched/new") ||
+                        dir.exists(target + "/image.lock"));
+            const bool hasRecord = image.contains("app.json");
+            for (const auto& entry : newImage) {
+                const auto staged = image.find("image.new/" + entry.first), placed = image.find(entry.first);
+                EXPECT_TRUE(isNew || hasRecord || (staged != image.end() && staged->second == entry.second) ||
+                            (placed != image.end() && placed->second == entry.second))
+                    << "neither image is whole";
+            }
             // Without a failure it is done or stopped, or only the question for the source has failed.
             EXPECT_TRUE(!failure.empty() || image == newImage ||
                         image == (isNew ? TreeSnapshot() : oldImage));
             std::erase_if(image, [](const auto& entry) { return entry.first.starts_with("image.new"); });
-            EXPECT_TRUE(!image.contains("app.json") || image == oldImage || image == newImage) << failure;
+            EXPECT_TRUE(!hasRecord || image == oldImage || image == newImage) << failure;
             EXPECT_EQ(tryCreate(dir, target), "");
             EXPECT_EQ(contentOf(dir, target), newImage);
         };

@@ -17,7 +17,7 @@ constexpr uint64 BATCH = 4 << 20;
 std::string copyInMemory(const std::string& source, std::string& target, const SxArray<Range>& ranges) {
     std::string copied;
     for (const Range& range : ranges) {
-        if (range.length == 0) continue;
+        if (range.length == 0) continue; // makes no target grow
         const std::string bytes = source.substr(range.sourceOffset, range.length);
         copied += bytes;
         target.resize(std::max(target.size(), range.targetOffset + range.length));
@@ -26,20 +26,29 @@ std::string copyInMemory(const std::string& source, std::string& target, const S
     return copied;
 }
 
+std::string failureOf(ZqFileCopyTask& task) {
+    task.start(6);
+    task.wait();
+    return task.hasException() ? task.getException().what() : "";
+}
+
+std::string failureOf(const std::string& source, const std::string& target, const SxArray<Range>& ranges) {
+    ZqFileCopyTask task(source, target, ranges);
+    return failureOf(task);
+}
+
 /// Runs a copy and compares the files, the counters and the digest with the model.
-void expectCopied(TempDir& dir, const char* sourceName, const char* targetName,
+void expectCopied(const TempDir& dir, const char* sourceName, const char* targetName,
                   const SxArray<Range>& ranges) {
-    const bool inPlace = dir.path(sourceName) == dir.path(targetName);
+    std::error_code noTarget;
+    const bool inPlace = std::filesystem::equivalent(dir.path(sourceName), dir.path(targetName), noTarget);
     const std::string source = dir.read(sourceName);
     std::string target = dir.exists(targetName) ? dir.read(targetName) : "";
     const std::string copied = copyInMemory(inPlace ? target : source, target, ranges);
 
     ZqFileCopyTask task(dir.path(sourceName), dir.path(targetName), ranges);
     EXPECT_EQ(task.getNTotal(), copied.size());
-    task.start(6);
-    task.wait();
-
-    ASSERT_FALSE(task.hasException()) << task.getException().what();
+    ASSERT_EQ(failureOf(task), "");
     EXPECT_EQ(task.getNCurrent(), copied.size());
     EXPECT_EQ(task.getMD5().toString(), SxMd5::get(SxString(copied)));
     // Not EXPECT_EQ, which would print megabytes.
@@ -47,27 +56,18 @@ void expectCopied(TempDir& dir, const char* sourceName, const char* targetName,
     EXPECT_TRUE(inPlace || dir.read(sourceName) == source);
 }
 
-std::string failureOf(const std::string& source, const std::string& target, const SxArray<Range>& ranges) {
-    ZqFileCopyTask task(source, target, ranges);
-    task.start(6);
-    task.wait();
-    return task.hasException() ? task.getException().what() : "";
-}
-
 /// `n` ranges of up to `maxLength` bytes, sometimes neighbours of the one before.
-SxArray<Range> randomRanges(TestRandom& random, int n, uint64 sourceSize, uint64 targetEnd,
+SxArray<Range> randomRanges(TestRandom& random, uint64 n, uint64 sourceSize, uint64 targetEnd,
                             uint64 maxLength) {
     SxArray<Range> ranges;
-    for (int i = 0; i < n; ++i) {
+    Range last{0, 0, 0};
+    for (uint64 i = 0; i < n; ++i) {
         Range range{random.below(sourceSize), random.below(targetEnd), random.below(maxLength + 1)};
-        if (i > 0 && random.chance(0.5)) {
-            const Range& last = ranges(i - 1);
-            range.sourceOffset = last.sourceOffset + last.length;
-            if (random.chance(0.7)) range.targetOffset = last.targetOffset + last.length;
-        }
-        range.sourceOffset = std::min(range.sourceOffset, sourceSize);
+        if (random.chance(0.5)) range.sourceOffset = std::min(last.sourceOffset + last.length, sourceSize);
+        if (random.chance(0.5)) range.targetOffset = last.targetOffset + last.length;
         range.length = std::min(range.length, sourceSize - range.sourceOffset);
         ranges.append(range);
+        last = range;
     }
     return ranges;
 }
@@ -80,8 +80,7 @@ TEST(CopyTask, RandomRangesFollowTheModel) {
         TestRandom random(100 + round);
         TRACE_SEED(random);
         const uint64 size = random.between(1, 60'000);
-        const uint64 maxLength = random.chance(0.5) ? 50 : 9'000;
-        const int n = static_cast<int>(random.below(300));
+        const uint64 maxLength = random.chance(0.5) ? 50 : 9'000, n = random.below(300);
         dir.write("source", random.bytes(size));
         if (random.chance(0.5)) dir.write("target", random.bytes(random.below(80'000)));
         expectCopied(dir, "source", "target", randomRanges(random, n, size, 70'000, maxLength));
@@ -97,52 +96,31 @@ TEST(CopyTask, LongAndManyRangesGoThroughSeveralBatches) {
     constexpr uint64 BLOCK = 4096, N = 3000;
     dir.write("source", random.bytes(N * BLOCK));
 
-    SxArray<Range> blocks, tiny;
+    SxArray<Range> blocks;
     const SxArray<uint64> from = random.permutation(N), to = random.permutation(N);
     for (int64 i = 0; i < static_cast<int64>(N); ++i)
         blocks.append({from(i) * BLOCK, to(i) * BLOCK, BLOCK});
-    for (uint64 i = 0; i < 10'000; ++i)
-        tiny.append({i * 3, 40'000 - i * 2, 1});
     expectCopied(dir, "source", "scattered", blocks);
-    expectCopied(dir, "source", "tiny", tiny);
-    expectCopied(dir, "source", "whole", {{0, 0, N * BLOCK}});
     expectCopied(dir, "source", "behind", {{1, N * BLOCK * 2, BATCH + 5}, {BATCH, 0, BATCH}});
     expectCopied(dir, "source", "none", {});
-    expectCopied(dir, "source", "source", blocks);
 }
 
 TEST(CopyTask, RangesOfOneFileSeeWhatEarlierOnesLeft) {
     const SxArray<Range> cases[] = {
-        {{0, 10, 10}, {10, 20, 10}, {20, 30, 10}}, // each takes what the last one wrote
-        {{0, 5, 100}},                             // overlaps itself from below
-        {{5, 0, 100}},                             // and from above
-        {{0, 1, 2 * BATCH + 17}},                  // in several pieces
-        {{1, 0, 2 * BATCH + 17}},
+        {{0, 10, 10}, {10, 20, 10}, {20, 30, 10}},    // each takes what the last one wrote
+        {{0, 1, 2 * BATCH + 17}},                     // overlaps itself from below, in several pieces
+        {{1, 0, 2 * BATCH + 17}},                     // and from above
         {{100, 3 * BATCH, 10}, {3 * BATCH, 200, 10}}, // behind the old end, and back
         {{0, BATCH, BATCH}, {BATCH, 0, BATCH}, {7, 7, 50}},
         {{0, 2 * BATCH, BATCH - 4}, {0, 2, BATCH}, {2 * BATCH, 9, 8}},
     };
-    int i = 0;
     for (const SxArray<Range>& ranges : cases) {
-        SCOPED_TRACE(i++);
-        TempDir dir;
-        TestRandom random;
-        dir.write("file", random.bytes(2 * BATCH + 1000));
-        expectCopied(dir, "file", "file", ranges);
+        SCOPED_TRACE(&ranges - cases);
+        const TempDir dir;
+        dir.write("file", TestRandom().bytes(2 * BATCH + 1000));
+        std::filesystem::create_hard_link(dir.path("file"), dir.path("same"));
+        expectCopied(dir, "file", "same", ranges);
     }
-}
-
-TEST(CopyTask, OneFileIsKnownByWhateverName) {
-    TempDir dir;
-    TestRandom random;
-    const std::string bytes = random.bytes(20'000);
-    dir.write("file", bytes);
-    std::filesystem::create_hard_link(dir.path("file"), dir.path("second"));
-    const SxArray<Range> ranges{{0, 4096, 4096}, {4096, 8192, 4096}};
-    std::string expected = bytes;
-    copyInMemory(expected, expected, ranges);
-    EXPECT_EQ(failureOf(dir.path("file"), dir.path("second"), ranges), "");
-    EXPECT_TRUE(dir.read("file") == expected);
 }
 
 TEST(CopyTask, FailuresNameFileAndOffset) {
@@ -153,31 +131,25 @@ TEST(CopyTask, FailuresNameFileAndOffset) {
     EXPECT_THAT(failureOf(dir.path("none"), target, {{0, 0, 1}}),
                 AllOf(HasSubstr("none"), HasSubstr("No such file")));
     EXPECT_FALSE(dir.exists("target"));
-    EXPECT_THAT(failureOf(source, dir.path("no/folder"), {{0, 0, 1}}), HasSubstr("no/folder"));
     EXPECT_THAT(failureOf(source, target, {{0, 0, 10}, {9'990, 100, 11}}),
                 AllOf(HasSubstr(source), HasSubstr("ends at byte 10000"), HasSubstr("offset 9990")));
-    for (const Range& wrong :
-         {Range{~uint64{0}, 0, 2}, Range{0, ~uint64{0} >> 1, 1}, Range{0, 0, ~uint64{0}}}) {
-        EXPECT_THAT(failureOf(source, target, {{0, 0, 1}, wrong}), HasSubstr("Range 1 is out of bounds"));
-    }
-    // Their sum would overflow.
     const Range huge{0, 0, ~uint64{0} >> 1};
-    EXPECT_THAT(failureOf(source, target, {huge, huge}), HasSubstr("Range 1 is out of bounds"));
+    const SxArray<Range> wrong[] = {
+        {{0, 0, 1}, {~uint64{0}, 0, 2}},
+        {{0, 0, 1}, {0, ~uint64{0} >> 1, 1}},
+        {{0, 0, 1}, {0, 0, ~uint64{0}}},
+        {huge, huge}, // their sum would overflow
+    };
+    for (const SxArray<Range>& ranges : wrong)
+        EXPECT_THAT(failureOf(source, target, ranges), HasSubstr("Range 1 is out of bounds"));
 
     FaultOs os(dir.path());
-    const struct {
-        FaultOs::Op op;
-        int64 nth;
-        const char* file;
-    } faults[] = {{FaultOs::Op::Read, 2, "source"},
-                  {FaultOs::Op::Write, 1, "target"},
-                  {FaultOs::Op::Write, 2, "target"},
-                  {FaultOs::Op::Sync, 1, "target"}};
-    for (const auto& f : faults) {
-        os.failNth(f.op, f.nth, EIO);
+    const std::pair<FaultOs::Op, const char*> faults[] = {
+        {FaultOs::Op::Read, "source"}, {FaultOs::Op::Write, "target"}, {FaultOs::Op::Sync, "target"}};
+    for (const auto& [op, file] : faults) {
+        os.failNth(op, 1, EIO);
         EXPECT_THAT(failureOf(source, target, {{0, 0, 100}, {500, 1000, 100}}),
-                    AllOf(HasSubstr(f.file), HasSubstr("Input/output error")));
-        EXPECT_EQ(os.getNFailed(), 1);
+                    AllOf(HasSubstr(file), HasSubstr("Input/output error")));
     }
     os.failNth(FaultOs::Op::Sync, 1'000'000, EIO);
     os.setDiskLeft(5'000);
@@ -185,33 +157,15 @@ TEST(CopyTask, FailuresNameFileAndOffset) {
                 AllOf(HasSubstr("third"), HasSubstr("No space left")));
 }
 
-TEST(CopyTask, WhatWasCopiedOutlivesAPowerCut) {
-    TempDir dir;
-    TestRandom random;
-    const std::string bytes = random.bytes(100'000);
-    dir.write("source", bytes);
-    FaultOs os(dir.path());
-    ASSERT_EQ(failureOf(dir.path("source"), dir.path("target"), {{0, 0, 100'000}}), "");
-    os.crash();
-    EXPECT_TRUE(dir.exists("target") && dir.read("target") == bytes);
-}
-
 TEST(CopyTask, StopEndsEarlyAndWhatWasCopiedIsDurable) {
     TempDir dir;
-    TestRandom random;
-    dir.write("source", random.bytes(8 * BATCH));
+    const std::string bytes = TestRandom().bytes(8 * BATCH);
+    dir.write("source", bytes);
     SxArray<Range> ranges;
     for (uint64 i = 0; i < 8; ++i)
         ranges.append({i * BATCH, (7 - i) * BATCH, BATCH});
 
-    ZqFileCopyTask early(dir.path("source"), dir.path("early"), ranges);
-    early.stop();
-    early.start(6);
-    early.wait();
-    EXPECT_FALSE(early.hasException());
-    EXPECT_EQ(early.getNCurrent(), 0u);
-
-    // The stop arrives with the first batch: the hook runs on the job's thread, ahead of the write.
+    // The stop arrives ahead of the first write.
     class StoppingOs : public FaultOs {
     public:
         using FaultOs::FaultOs;
@@ -222,13 +176,11 @@ TEST(CopyTask, StopEndsEarlyAndWhatWasCopiedIsDurable) {
         ZqFileCopyTask* task = nullptr;
     };
     StoppingOs os(dir.path());
-    ZqFileCopyTask late(dir.path("source"), dir.path("late"), ranges);
-    os.task = &late;
-    late.start(6);
-    late.wait();
-    EXPECT_FALSE(late.hasException());
-    EXPECT_EQ(late.getNCurrent(), BATCH);
-    EXPECT_EQ(late.getNTotal(), 8 * BATCH);
+    ZqFileCopyTask task(dir.path("source"), dir.path("target"), ranges);
+    os.task = &task;
+    EXPECT_EQ(failureOf(task), "");
+    EXPECT_EQ(task.getNCurrent(), BATCH);
     os.crash();
-    EXPECT_EQ(dir.read("late").size(), 8 * BATCH) << "what was copied isn't durable";
+    ASSERT_TRUE(dir.exists("target"));
+    EXPECT_TRUE(dir.read("target").substr(7 * BATCH) == bytes.substr(0, BATCH)) << "isn't durable";
 }
