@@ -12,6 +12,7 @@ SxException::SxException(const SxException& inner, const SxString& message_, con
       file(file_),
       whatText(message_ + ": " + inner.whatText),
       line(line_),
+      // NOLINTNEXTLINE(bugprone-throw-keyword-missing): the cause is kept, not thrown
       cause(std::make_shared<SxException>(inner)) {
 }
 

@@ -1,3 +1,4 @@
+#include "SxException.h"
 #include "SxFSAction.h"
 #include "TempDir.h"
 #include "ZqMachineRoot.h"

@@ -5,6 +5,7 @@
 #include "SxFileIO.h"
 #include "SxOs.h"
 
+#include <algorithm>
 #include <archive.h>
 #include <archive_entry.h>
 #include <cerrno>
@@ -93,7 +94,7 @@ struct ByteStream {
 
     /// Warnings count as errors: they tell of names and checksums that are wrong.
     void check(archive* a, la_int64_t result) {
-        if (failure) throw *failure;
+        if (failure) throw SxException(*failure);
         if (result >= 0) return;
         const char* text = archive_error_string(a);
         throw SxException(text ? text : "The archive is damaged", UNIT, __LINE__);
@@ -103,8 +104,9 @@ struct ByteStream {
 std::vector<std::string> splitName(const std::string& name) {
     std::vector<std::string> parts;
     size_t from = 0;
-    for (size_t at; (at = name.find('/', from)) != std::string::npos; from = at + 1) {
+    for (size_t at = name.find('/'); at != std::string::npos; at = name.find('/', from)) {
         parts.push_back(name.substr(from, at - from));
+        from = at + 1;
     }
     if (from < name.size() || parts.empty()) parts.push_back(name.substr(from));
     return parts;
@@ -297,8 +299,10 @@ private:
         }
         for (const std::string& path : madeFiles)
             SxOs::get().unlink(path);
-        for (auto path = madeDirs.rbegin(); path != madeDirs.rend(); ++path)
-            SxOs::get().removeDir(*path);
+        // What was made last lies deepest.
+        std::reverse(madeDirs.begin(), madeDirs.end());
+        for (const std::string& path : madeDirs)
+            SxOs::get().removeDir(path);
     }
 
     SxString folder;
