@@ -5,6 +5,7 @@
 
 #include <filesystem>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 namespace fs = std::filesystem;
 
@@ -87,4 +88,33 @@ TEST(FileIO, ModesReadsAndBounds) {
     EXPECT_EQ(SxFileIO::readUtf8(path, 14), "one\ntwo\n\nfour!");
     EXPECT_THROW(file.seek(-1), SxException);
     EXPECT_THROW(SxFileIO(path, "w+"), SxException);
+}
+
+TEST(FSAction, NoLinkIsFollowedToWhatItLeadsTo) {
+    const TempDir dir;
+    dir.write("kept/file", "bytes");
+    fs::create_directory_symlink("kept", dir.path("link"));
+    SxFSAction::rm_r(dir.path("link/"));
+    EXPECT_FALSE(dir.exists("link"));
+    EXPECT_THROW(SxFSAction::rm_r("/"), SxException);
+    // A new file takes the place of a link, and of another name of a file.
+    fs::create_symlink("kept/file", dir.path("soft"));
+    fs::create_hard_link(dir.path("kept/file"), dir.path("hard"));
+    for (const char* name : {"soft", "hard"}) {
+        SxFileIO file;
+        file.create(dir.path(name));
+        file.write(SxString("new"));
+        EXPECT_EQ(dir.read(name), "new");
+    }
+    EXPECT_EQ(dir.read("kept/file"), "bytes");
+}
+
+TEST(FileIO, WhatIsNoPlainFileIsRefusedAtOnce) {
+    const TempDir dir;
+    ASSERT_EQ(mkfifo(dir.path("pipe").c_str(), 0600), 0);
+    for (const std::string& path : {dir.path("pipe"), dir.path(), std::string("/dev/null")}) {
+        for (const char* mode : {"rb", "r+b", "wb"}) {
+            EXPECT_THROW(SxFileIO(path, mode), SxException) << path << " " << mode;
+        }
+    }
 }
