@@ -90,7 +90,7 @@ void createContent(benchmark::State& state) {
     state.counters["bound/ours"] = bench::median(ratios);
     state.counters["peak_MB"] = static_cast<double>(peakKb) / 1000;
 }
-BENCHMARK(createContent)->Iterations(5)->UseManualTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(createContent)->Iterations(3)->UseManualTime()->Unit(benchmark::kMillisecond);
 
 } // namespace
 

@@ -21,6 +21,7 @@ namespace {
 constexpr const char* UNIT = "src/base/ZqCreateContent";
 constexpr int64 BLOCK = ZqImage::BLOCK_SIZE;
 constexpr int64 CHUNK = 2500 * BLOCK;
+constexpr int64 PIECE = 64 * BLOCK;
 /// Buffers on their way from the reader to the digest and back.
 constexpr int N_BUFFERS = 4;
 constexpr uint64 ROOM_FOR_RECORDS = 1 << 20;
@@ -31,7 +32,7 @@ int64 wholeBlocks(int64 bytes) {
 
 struct Chunk {
     SxArray<char> bytes = SxArray<char>(CHUNK);
-    int64 used = 0;
+    int64 used = 0, written = 0;
 };
 
 /// Computes the digest on a thread of its own, while the job reads and writes.
@@ -77,12 +78,16 @@ public:
     ContentWriter(const ContentWriter&) = delete;
     ContentWriter& operator=(const ContentWriter&) = delete;
 
-    /// Room for the next bytes; at least one block.
+    /// Room for the next bytes, which are still in the processor's cache when they are written; at least one
+    /// block.
     char* space() { return current->bytes.data() + current->used; }
-    int64 spaceSize() const { return CHUNK - current->used; }
+    int64 spaceSize() const {
+        return std::min(CHUNK - current->used, PIECE - (current->used - current->written));
+    }
     /// Takes `n` bytes of the room, which are whole blocks.
     void take(int64 n) {
         current->used += n;
+        if (current->used - current->written == PIECE) writePiece();
         if (current->used == CHUNK) flush();
     }
 
@@ -102,12 +107,16 @@ public:
 private:
     void flush() {
         if (current->used == 0) return;
+        writePiece();
         hasher.todo.push(current);
-        const int64 at = zqf.getOffset();
-        zqf.writeBuffer(current->bytes.data(), current->used);
-        zqf.startWriteback(at, current->used);
+        zqf.startWriteback(zqf.getOffset() - current->used, current->used);
         writeIndices(current->used / BLOCK);
         nextChunk();
+    }
+
+    void writePiece() {
+        zqf.writeBuffer(current->bytes.data() + current->written, current->used - current->written);
+        current->written = current->used;
     }
 
     /// The buffers come back in their order, so this one is neither being written nor in the digest.
@@ -118,7 +127,7 @@ private:
             throw hasher.getException();
         }
         current = *free;
-        current->used = 0;
+        current->used = current->written = 0;
     }
 
     void writeIndices(int64 n) {

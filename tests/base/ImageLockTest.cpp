@@ -21,32 +21,32 @@ public:
     std::string tryTake(Lock::Mode mode, Lock::Range range = Lock::Shape) const {
         return failureOf([&] { take("attempt", mode, range); });
     }
-    std::string usedBy(const std::string& job, int64 process = ::getpid()) const {
-        return "Image '" + path() + "' is in use by process " + std::to_string(process) + " (" + job + ")";
+    std::string usedBy(const std::string& holder) const {
+        return "Image '" + path() + "' is in use by " + holder;
+    }
+    std::string usedBy(int64 process, const std::string& job) const {
+        return usedBy("process " + std::to_string(process) + " (" + job + ")");
     }
 };
 
 /// Files that can't be written to, or whose lock file changes between its opening and the locking.
 class OtherOs : public FaultOs {
 public:
-    explicit OtherOs(const TempDir& dir, int writeError_ = 0)
-        : FaultOs(dir.path()),
-          writeError(writeError_) {}
+    explicit OtherOs(const TempDir& dir) : FaultOs(dir.path()) {}
 
+    int writeError = 0;
     std::function<void()> aheadOfLock;
 
     int open(const std::string& path, unsigned flags, unsigned permissions) override {
-        if (writeError && (flags & Write)) return -writeError;
-        return FaultOs::open(path, flags, permissions);
+        return writeError && (flags & Write) ? -writeError : FaultOs::open(path, flags, permissions);
     }
     int lockRange(int fd, int64 offset, int64 n, SxOs::Lock lock) override {
         if (aheadOfLock) std::exchange(aheadOfLock, nullptr)();
         return FaultOs::lockRange(fd, offset, n, lock);
     }
-
-private:
-    const int writeError;
 };
+
+const int64 SELF = ::getpid();
 
 } // namespace
 
@@ -62,26 +62,19 @@ TEST(ImageLock, SharedAndExclusive) {
         // Another holder, whose slot comes first, isn't to be blamed.
         const auto other = dir.take("bystander", Lock::Shared, Lock::Drive);
         auto holder = dir.take("the holder", held, heldRange);
-        const auto copy = holder;
-        holder = nullptr;
-        EXPECT_EQ(dir.tryTake(wanted, range), refused ? dir.usedBy("the holder") : "");
+        const auto copy = std::exchange(holder, nullptr);
+        EXPECT_EQ(dir.tryTake(wanted, range), refused ? dir.usedBy(SELF, "the holder") : "");
+        copy->lower();
+        EXPECT_EQ(dir.tryTake(Lock::Shared, heldRange), "");
+        EXPECT_EQ(dir.tryTake(Lock::Exclusive, heldRange), dir.usedBy(SELF, "the holder"));
+        EXPECT_THAT(dir.read("image.lock"), testing::Not(HasSubstr("exclusive")));
     }
     const TempDir dir;
-    EXPECT_EQ(failureOf([&] { Lock::take(dir.path("none"), Lock::Shape, Lock::Exclusive, "x"); }),
-              "Image folder '" + dir.path("none") + "' not found");
-    EXPECT_EQ(failureOf([&] { Lock::take(dir.path(), Lock::Shape, Lock::Shared, "x"); }),
-              "Folder '" + dir.path() + "' holds no image");
-    EXPECT_TRUE(fs::is_empty(dir.path()));
-}
-
-TEST(ImageLock, LowerLetsReadersIn) {
-    const ImageDir dir;
-    const auto lock = dir.take("writer", Lock::Exclusive);
-    EXPECT_EQ(dir.tryTake(Lock::Shared), dir.usedBy("writer"));
-    lock->lower();
-    const auto reader = dir.take("reader", Lock::Shared);
-    EXPECT_EQ(dir.tryTake(Lock::Exclusive), dir.usedBy("writer"));
-    EXPECT_THAT(dir.read("image.lock"), testing::Not(HasSubstr("exclusive")));
+    for (const std::string& path : {dir.path("none"), dir.path()}) {
+        EXPECT_THAT(failureOf([&] { Lock::take(path, Lock::Shape, Lock::Shared, "x"); }),
+                    HasSubstr("'" + path + "' "));
+    }
+    EXPECT_TRUE(fs::is_empty(dir.path())) << "a reader leaves nothing where nothing is to be read";
 }
 
 TEST(ImageLock, DiesWithItsProcess) {
@@ -98,13 +91,10 @@ TEST(ImageLock, DiesWithItsProcess) {
     }
     char word = 0;
     EXPECT_EQ(::read(ready[0], &word, 1), 1);
-    EXPECT_EQ(dir.tryTake(Lock::Exclusive), dir.usedBy("image optimize", child));
-    EXPECT_EQ(dir.tryTake(Lock::Shared), dir.usedBy("image optimize", child));
+    EXPECT_EQ(dir.tryTake(Lock::Shared), dir.usedBy(child, "image optimize"));
     ::kill(child, SIGKILL);
     EXPECT_EQ(::waitpid(child, nullptr, 0), child);
     EXPECT_EQ(dir.tryTake(Lock::Exclusive), "");
-    ::close(ready[0]);
-    ::close(ready[1]);
 }
 
 TEST(ImageLock, MoreHoldersThanSlots) {
@@ -112,17 +102,13 @@ TEST(ImageLock, MoreHoldersThanSlots) {
     std::vector<SxPtr<Lock>> holders;
     for (int i = 0; i < 60; ++i)
         holders.push_back(dir.take("reader " + SxString(i), Lock::Shared));
-    EXPECT_EQ(dir.tryTake(Lock::Exclusive), dir.usedBy("reader 0"));
     holders.front() = nullptr;
-    EXPECT_EQ(dir.tryTake(Lock::Exclusive), dir.usedBy("reader 1"));
+    EXPECT_EQ(dir.tryTake(Lock::Exclusive), dir.usedBy(SELF, "reader 1"));
     holders.push_back(dir.take("in the free slot " + SxString(std::string(1000, 'x')), Lock::Shared));
     EXPECT_THAT(dir.read("image.lock"), HasSubstr("(in the free slot"));
     EXPECT_EQ(dir.read("image.lock").size(), 48U * 256);
     const auto unrecorded = dir.take("no slot is left for me", Lock::Exclusive, Lock::Growth);
-    EXPECT_EQ(dir.tryTake(Lock::Exclusive, Lock::Growth),
-              "Image '" + dir.path() + "' is in use by another process");
-    unrecorded->lower();
-    EXPECT_EQ(dir.tryTake(Lock::Shared, Lock::Growth), "");
+    EXPECT_EQ(dir.tryTake(Lock::Exclusive, Lock::Growth), dir.usedBy("another process"));
     holders.clear();
     EXPECT_EQ(dir.tryTake(Lock::Exclusive), "");
 }
@@ -131,21 +117,17 @@ TEST(ImageLock, TheLockFileGoesOrIsReplaced) {
     const ImageDir dir;
     const std::string file = dir.path("image.lock");
     for (const bool replaced : {false, true}) {
+        OtherOs os(dir);
         const auto change = [&] {
             fs::remove(file);
             if (replaced) dir.write("image.lock", "another");
         };
-        // Behind its back: whoever comes next locks the file that stands there.
+        // Behind the holder's back, and between the opening of the file and its locking.
         const auto first = dir.take("first", Lock::Exclusive);
         change();
-        auto second = dir.take("second", Lock::Exclusive);
-        EXPECT_EQ(dir.tryTake(Lock::Shared), dir.usedBy("second"));
-        second = nullptr;
-        // Between the opening of the file and its locking.
-        OtherOs os(dir);
         os.aheadOfLock = change;
-        const auto lock = dir.take("quick", Lock::Exclusive);
-        EXPECT_EQ(dir.tryTake(Lock::Exclusive), dir.usedBy("quick"));
+        const auto second = dir.take("second", Lock::Exclusive);
+        EXPECT_EQ(dir.tryTake(Lock::Shared), dir.usedBy(SELF, "second"));
     }
     fs::remove(file);
     dir.write("elsewhere", "precious");
@@ -155,17 +137,16 @@ TEST(ImageLock, TheLockFileGoesOrIsReplaced) {
 }
 
 TEST(ImageLock, AnUnfinishedImageIsRefused) {
+    const std::string patch = "a patch; go on with: tavrin patch apply IMAGE PATCH";
     const std::pair<const char*, std::string> cases[] = {
-        {"optimize.lock",
-         "' is in the middle of an optimisation; go on with: tavrin image optimize IMAGE --resume"},
-        {"patch.progress", "' is in the middle of a patch; go on with: tavrin patch apply IMAGE PATCH"},
-        {"patching/img.lock", "' is in the middle of a patch; go on with: tavrin patch apply IMAGE PATCH"}};
+        {"optimize.lock", "an optimisation; go on with: tavrin image optimize IMAGE --resume"},
+        {"patch.progress", patch},
+        {"patching/img.lock", patch}};
     for (const auto& [marker, words] : cases) {
         const ImageDir dir;
         dir.write(marker, "");
         for (const Lock::Mode mode : {Lock::Shared, Lock::Exclusive}) {
-            EXPECT_EQ(dir.tryTake(mode), "Image '" + dir.path() + words);
-            EXPECT_EQ(dir.tryTake(mode, Lock::Growth), "Image '" + dir.path() + words);
+            EXPECT_EQ(dir.tryTake(mode), "Image '" + dir.path() + "' is in the middle of " + words);
             Lock::takeAnyState(dir.path(), Lock::Shape, mode, "reader"); // also: the refused one left no lock
         }
     }
@@ -174,32 +155,26 @@ TEST(ImageLock, AnUnfinishedImageIsRefused) {
 TEST(ImageLock, AFolderThatCannotBeWrittenTo) {
     for (const int error : {EACCES, EROFS}) {
         const ImageDir dir;
-        {
-            OtherOs os(dir, error);
-            dir.take("reader", Lock::Shared)->lower();
-            EXPECT_EQ(dir.tryTake(Lock::Exclusive),
-                      "Cannot lock image '" + dir.path() + "': " + SxOs::errorText(error).str());
-            EXPECT_FALSE(dir.exists("image.lock"));
-        }
+        OtherOs os(dir);
+        os.writeError = error;
+        dir.take("reader", Lock::Shared)->lower();
+        EXPECT_EQ(dir.tryTake(Lock::Exclusive),
+                  "Cannot lock image '" + dir.path() + "': " + SxOs::errorText(error).str());
+        EXPECT_FALSE(dir.exists("image.lock"));
         // A lock file that others can write to counts for a reader that can't.
+        os.writeError = 0;
+        const mode_t mask = ::umask(077);
         auto writer = dir.take("writer", Lock::Exclusive);
-        SxPtr<Lock> reader;
-        {
-            OtherOs os(dir, error);
-            EXPECT_EQ(dir.tryTake(Lock::Shared), dir.usedBy("writer"));
-            writer = nullptr;
-            reader = dir.take("reader", Lock::Shared);
-            EXPECT_EQ(dir.tryTake(Lock::Shared), "");
-        }
-        EXPECT_EQ(dir.tryTake(Lock::Exclusive), "Image '" + dir.path() + "' is in use by another process");
-        reader = nullptr;
-        EXPECT_EQ(dir.tryTake(Lock::Exclusive), "");
+        ::umask(mask);
+        EXPECT_EQ(fs::status(dir.path("image.lock")).permissions(), fs::perms{0666});
+        os.writeError = error;
+        EXPECT_EQ(dir.tryTake(Lock::Shared), dir.usedBy(SELF, "writer"));
+        writer = nullptr;
+        const auto reader = dir.take("reader", Lock::Shared);
+        os.writeError = 0;
+        EXPECT_EQ(dir.tryTake(Lock::Exclusive), dir.usedBy("another process"));
     }
     const ImageDir dir;
-    const mode_t mask = ::umask(077);
-    dir.take("maker", Lock::Shared);
-    ::umask(mask);
-    EXPECT_EQ(fs::status(dir.path("image.lock")).permissions(), fs::perms{0666});
     FaultOs os(dir.path());
     os.failNth(Op::Lock, 1, ENOLCK);
     EXPECT_THAT(dir.tryTake(Lock::Shared), HasSubstr("No locks available"));

@@ -1,3 +1,4 @@
+#include "SxException.h"
 #include "SxJSONParser.h"
 #include "SxSchema.h"
 
@@ -45,7 +46,7 @@ TEST(Json, FaultsAreNamedWithTheirPlace) {
     } cases[] = {
         {"", "line 1, column 1", "unexpected end of input"},
         {"{\n  \"a\": tru\n}", "line 2, column 11", "invalid literal"},
-        {std::string("{\"a\": \"x\0y\"}", 12), "line 1, column 9", "NUL"},
+        {std::string("{\"a\": 1}\0", 9), "line 1, column 9", "NUL"},
         {"{\"a\": \"x\\u0000y\"}", "line 1, column 16", "NUL"},
         {"{\"a\\u0000b\": 1}", "line 1, column 11", "NUL"},
         {"[\"\xC3\x28\"]", "line 1, column 4", "UTF-8"},
@@ -174,7 +175,8 @@ TEST(Json, BuiltTreesKeepOrderAndHandles) {
 
 TEST(Json, ASchemaNamesWhatItDoesNotAllow) {
     const SxSchema schema(parse(R"({"type": "object", "required": ["app"], "properties": {
-        "app": {"type": "object", "required": ["cmd"], "properties": {"cmd": {"type": "string", "maxLength": 3}}},
+        "app": {"type": "object", "required": ["cmd"],
+                "properties": {"cmd": {"type": "string", "maxLength": 3}}},
         "list": {"type": "array", "items": {"type": "integer", "minimum": 0}},
         "any": {"enum": [1, "x"]}}})"));
     EXPECT_NO_THROW(schema.validate(parse(
