@@ -214,6 +214,11 @@ TEST(CreateContent, BadFoldersAndForeignLocksAreRefused) {
         EXPECT_EQ(logged, "base: ZqCreateContent::main : " + dir.path(source) + "/ is not a directory.");
         EXPECT_FALSE(job.isComplete());
     }
+    ZqCreateContent stopped(dir.path("watched/target"), dir.path("watched/source"));
+    stopped.stop();
+    EXPECT_EQ(failureOf(stopped), "");
+    EXPECT_FALSE(stopped.isComplete());
+    EXPECT_EQ(contentOf(dir, ""), before);
     {
         const auto lock =
             ZqImageLock::take(dir.path("watched/target"), ZqImageLock::Shape, ZqImageLock::Shared, "play");

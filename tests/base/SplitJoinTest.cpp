@@ -233,10 +233,10 @@ TEST(SplitJoin, ADisturbedJobLeavesAllOrTheResult) {
         const bool isCutOff = begin == "cut off", isLonger = isCutOff || begin == "an older img.zqf";
         const auto prepare = [&](const TempDir& dir) {
             makeParts(dir);
-            if (isLonger) dir.write("watched/img.zqf", ZQF.substr(0, 7) + "longer than that which is joined");
+            if (isLonger) dir.write("watched/img.zqf", ZQF.substr(0, 14) + "longer than the joined one");
             if (!isCutOff) return;
             fs::rename(dir.path("watched/img.zqf.info"), dir.path("watched/img.zqf.join"));
-            fs::remove(dir.path("watched/img.zqf.part1"));
+            fs::remove(dir.path("watched/img.zqf.part2")); // the removal of the first hasn't reached the disk
         };
         const auto run = [&](const TempDir& dir) {
             if (begin == "little room") dynamic_cast<FaultOs&>(SxOs::get()).setFreeSpaceAnswer(28);
@@ -251,6 +251,22 @@ TEST(SplitJoin, ADisturbedJobLeavesAllOrTheResult) {
             EXPECT_EQ(contentOf(dir), WHOLE);
         });
     }
+}
+
+TEST(SplitJoin, AStopTakesTheJobBack) {
+    const TempDir whole, parts;
+    makeWhole(whole);
+    makeParts(parts);
+    Monitor stopped;
+    stopped.stop();
+    for (const bool compress : {false, true}) {
+        const ZqImage image(SxString(whole.path("watched/")));
+        EXPECT_THAT(failureOf([&] { image.split(7, compress, &stopped); }), HasSubstr("Stopped"));
+        EXPECT_EQ(contentOf(whole), WHOLE);
+    }
+    const ZqImage image(SxString(parts.path("watched/")));
+    EXPECT_THAT(failureOf([&] { image.join(&stopped); }), HasSubstr("Stopped"));
+    EXPECT_EQ(contentOf(parts), IN_PARTS);
 }
 
 TEST(SplitJoin, LeftoversOfASplitThatWasCutOffGo) {
