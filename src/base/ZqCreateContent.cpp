@@ -227,6 +227,7 @@ void ZqCreateContent::main() {
         log(e.toString(3, "\n"));
         throw SxException(e, "Cannot scan directory", UNIT, __LINE__);
     }
+    requireReadable(files);
     nFiles = files.getSize();
     setNTotal(nBlocks * BLOCK);
     setNCurrent(0);
@@ -260,12 +261,21 @@ SxList<ZqCreateContent::Entry> ZqCreateContent::scan(uint64* nBlocks) {
             ++nSkipped;
             continue;
         }
-        // A file that can't be opened is found before anything is written.
-        SxFileIO(info.getOrig(), "rb").close();
         *nBlocks += static_cast<uint64>(wholeBlocks(info.getSize()));
         files.append({relPath, info.getSize()});
     }
     return files;
+}
+
+void ZqCreateContent::requireReadable(const SxList<Entry>& files) const {
+    for (const Entry& entry : files) {
+        if (stopRequested()) return;
+        try {
+            SxFileIO(source + entry.relPath, "rb").close();
+        } catch (const SxException& e) {
+            throw SxException(e, "Cannot archive file " + source + entry.relPath, UNIT, __LINE__);
+        }
+    }
 }
 
 void ZqCreateContent::build(const SxList<Entry>& files, uint64 nBlocks) {

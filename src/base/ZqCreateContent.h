@@ -35,6 +35,8 @@ private:
 
     void refuseOverlap() const;
     SxList<Entry> scan(uint64* nBlocks);
+    /// Raises where a file can't be opened, which is better found before anything is written.
+    void requireReadable(const SxList<Entry>& files) const;
     void build(const SxList<Entry>& files, uint64 nBlocks);
     /// Writes the new image beside the old one. False where a stop was asked for.
     bool stage(const SxList<Entry>& files, uint64 nBlocks);

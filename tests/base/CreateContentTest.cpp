@@ -127,7 +127,7 @@ TEST(CreateContent, ABadSourceLeavesTheTargetAsItWas) {
     // The failure; what fails at source/b/c and which time, or what source/b/link leads to, or what becomes
     // of source/b/c when the target is being written to.
     const std::vector<std::tuple<std::string, Op, int64, std::string, uint64>> cases = {
-        {"Cannot scan directory: Cannot open file '@': ", Op::Open, 1, "", 0},
+        {"Cannot archive file @: Cannot open file '@': ", Op::Open, 1, "", 0},
         {"Cannot archive file @: Cannot open file '@': ", Op::Open, 2, "", 0},
         {"Cannot archive file @: ", Op::Read, 1, "", 0},
         {"Cannot archive file @: ", Op::Read, 2, "", 0},
