@@ -1,0 +1,55 @@
+#pragma once
+
+#include "SxList.h"
+#include "SxString.h"
+
+// What the system tells of volumes and their drives, beside the control library of the drive service.
+
+/// What a drive says of the disk behind it.
+struct ZqVolumeIdentity {
+    SxString vendorId, productId;
+    uint64 targetId = 0; ///< of its SCSI address
+};
+
+/// What the service says of a disk.
+struct ZqDiskStatus {
+    SxString image;     ///< canonical path of the image folder
+    SxString mountPath; ///< host path of the mounted volume; empty until it is mounted
+    SxString drive;     ///< letter and colon; empty until it has one
+    SxString failure;   ///< why it could not be mounted; empty where nothing failed
+    uint64 deviceId = 0, cursor = 0, nIncluded = 0, queueLength = 0;
+    uint64 nReads = 0;    ///< reads that reached the drive
+    uint64 nHeld = 0;     ///< reads that are held now
+    uint64 nBeyondQA = 0; ///< reads at or above the QA cursor
+    bool underflow = false, suspended = false, monitored = false;
+    int64 servicePid = 0;
+};
+
+/// Operations on drives and volumes. Safe from any thread.
+class ZqVolume {
+public:
+    /// Letter and colon of each logical drive ("C:", "E:"), in order.
+    static SxList<SxString> getDrives();
+    /// Asks the disk behind a drive for its identity; false where the drive can't be opened or doesn't
+    /// answer.
+    static bool queryIdentity(const SxString& drive, ZqVolumeIdentity* identity);
+    /// Takes the volume of a drive out of use, after writing what is to be written. Where a program still
+    /// uses it, it is detached all the same, ends with an I/O error for that program, and `*busy` is set.
+    /// Raises where it can't.
+    static void dismount(const SxString& drive, bool* busy);
+    /// Takes the medium out of the drive's disk, so that the service ends it. Raises where it can't.
+    static void ejectMedia(const SxString& drive);
+    /// The label of the volume; empty where it has none or can't be asked.
+    static SxString getLabel(const SxString& drive);
+    /// Sets the label; without effect on a read-only volume.
+    static void setLabel(const SxString& drive, const SxString& label);
+
+    /// All disks of the machine root's service, in the order of their device ids; none where no service runs.
+    static SxList<ZqDiskStatus> getDisks();
+    /// Removes what a service that was killed has left behind in this machine root (mounts, loop devices,
+    /// connections, letters, the socket). Gives whether there was something.
+    static bool removeLeftovers();
+    /// Why the last function of the control library failed on this thread, in words for the user; empty where
+    /// the last one succeeded.
+    static SxString getLastFailure();
+};
