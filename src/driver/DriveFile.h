@@ -1,0 +1,39 @@
+#pragma once
+
+#include "SxOs.h"
+
+#include <string>
+
+/// One open plain file of the image folder, read and written at offsets by any number of threads. Closed by
+/// the destructor.
+class DriveFile {
+public:
+    DriveFile() = default;
+    ~DriveFile() { close(); }
+    DriveFile(const DriveFile&) = delete;
+    DriveFile& operator=(const DriveFile&) = delete;
+
+    /// Opens a host path with SxOs flags. Raises, naming the path, also on anything but a plain file.
+    void open(const std::string& path_, unsigned flags);
+    /// Takes over what `other` has open, closing what is open here.
+    void adopt(DriveFile* other);
+    void close();
+    bool isOpen() const { return fd >= 0; }
+    int getFd() const { return fd; }
+    const std::string& getPath() const { return path; }
+
+    /// Bytes now. Raises.
+    uint64 getSize() const;
+    int64 readAt(void* buffer, uint64 n, uint64 offset) const;
+    /// Gives 0 where all `n` bytes are written, else an errno value.
+    int writeAt(const void* buffer, uint64 n, uint64 offset) const;
+    /// Gives 0 or an errno value.
+    int sync() const;
+
+    /// The failure of an operation on this file, in words, to be raised.
+    [[noreturn]] void raise(const SxString& what, int64 error, const char* unit, int line) const;
+
+private:
+    int fd = -1;
+    std::string path;
+};

@@ -1,0 +1,74 @@
+#pragma once
+
+#include "MissingQueue.h"
+#include "SxMutex.h"
+
+#include <atomic>
+#include <list>
+
+/// The requests of one disk that can't go on, and what holds them. Safe from any thread. What it gives as
+/// woken tokens is to be woken by the caller, without a lock.
+///
+///   state      why                         goes on by
+///   missing    a block isn't there         the last of its blocks, the cursor, failing, close
+///   suspended  the disk is suspended       resume, close
+///   gated      a write, while the layer    the gate's opening, close
+///              is flushed
+///
+/// A request that goes on is forgotten here; where it can't be done yet its retry is held anew.
+class HeldRequests {
+public:
+    using Tokens = std::vector<uint64>;
+    enum class Verdict { Go, Held, Failed };
+    /// Lists the missing blocks of a request in ascending order. Called with the lock held; must be quick.
+    using FindMissing = std::function<void(const HeldRequest& request, std::vector<ZqfIdx>* missing)>;
+
+    explicit HeldRequests(FindMissing findMissing_) : findMissing(std::move(findMissing_)) {}
+
+    /// Whether requests may not just go on: the cheap question ahead of admit().
+    bool isRestricted() const { return restrictions.load() != 0; }
+    Verdict admit(uint64 token, bool write);
+    /// Holds a request for its missing blocks. Go where none is missing any more.
+    Verdict hold(uint64 token, uint64 offset, uint32 size, bool write);
+    bool forget(uint64 token);
+
+    /// The blocks from `first` to `end` - 1 are there.
+    Tokens arrive(ZqfIdx first, ZqfIdx end);
+    Tokens moveCursor(std::atomic<uint64>* cursor, uint64 to);
+    Tokens failMissing();
+    void suspend();
+    Tokens resume();
+    void closeGate();
+    Tokens openGate();
+    /// Fails all requests from now on.
+    Tokens close();
+
+    bool isSuspended() const { return (restrictions.load() & Suspended) != 0; }
+    bool isClosed() const { return (restrictions.load() & Closed) != 0; }
+    /// Whether a read is held for a missing block.
+    bool isUnderflow() const;
+    uint64 nHeld() const;
+    uint64 queueLength();
+    std::vector<uint64> popMissing(uint64 max);
+    bool oldest(uint64* offset, uint64* length) const;
+
+private:
+    enum Restriction : unsigned { Suspended = 1, Gated = 2, Closed = 4 };
+    struct Waiting {
+        uint64 token;
+        bool write;
+    };
+
+    Tokens release(bool all) SX_REQUIRES(mutex);
+    void restrict(Restriction restriction, bool on) SX_REQUIRES(mutex);
+    void takeAll(Tokens* tokens) SX_REQUIRES(mutex);
+    void drop(HeldRequest* request) SX_REQUIRES(mutex);
+
+    const FindMissing findMissing;
+    mutable SxMutex mutex;
+    std::atomic<unsigned> restrictions{0}; ///< changed with the mutex held
+    bool failing SX_GUARDED_BY(mutex) = false;
+    std::list<HeldRequest> missing SX_GUARDED_BY(mutex); ///< oldest first
+    std::vector<Waiting> waiting SX_GUARDED_BY(mutex);
+    MissingQueue queue SX_GUARDED_BY(mutex);
+};

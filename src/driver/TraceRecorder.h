@@ -1,0 +1,51 @@
+#pragma once
+
+#include "BlockIdx.h"
+#include "DriveFile.h"
+#include "SxMutex.h"
+
+#include <atomic>
+#include <vector>
+
+/// Records which blocks requests touch, in `img.trc`: 16 bytes a block, the RAW index with bit 63 for a
+/// write, and the time as Windows file time, both little-endian and in order of time. Safe from any thread;
+/// whoever records never waits for the file.
+class TraceRecorder {
+public:
+    ~TraceRecorder() { stop(); }
+
+    /// Starts a trace afresh in a folder; one that runs ends. Raises.
+    void start(const SxString& folder);
+    /// Writes the rest and ends the trace.
+    void stop();
+    bool isOn() const { return on.load(std::memory_order_relaxed); }
+    void record(RawIdx first, uint64 n, bool write);
+    /// Writes what is gathered.
+    void flush();
+    /// Whether a record has come since the last question.
+    bool hasEvent() { return event.exchange(false); }
+    /// Why the trace has ended by itself; empty where it hasn't.
+    SxString getFailure() const;
+
+private:
+    /// As it stands in the file.
+    struct Record {
+        uint64 block, time;
+    };
+
+    void write(std::vector<Record>* records) SX_REQUIRES(writing);
+
+    std::atomic<bool> on{false}, event{false};
+
+    /// Held by whoever opens, writes or closes the file, over its I/O, and taken ahead of `mutex`.
+    SxMutex writing;
+    DriveFile file SX_GUARDED_BY(writing);
+    uint64 end SX_GUARDED_BY(writing) = 0;            ///< bytes written
+    std::vector<Record> taken SX_GUARDED_BY(writing); ///< on their way to the file
+
+    mutable SxMutex mutex;
+    std::vector<Record> gathered SX_GUARDED_BY(mutex);
+    uint64 startTime SX_GUARDED_BY(mutex) = 0; ///< Windows file time
+    int64 startNs SX_GUARDED_BY(mutex) = 0;
+    SxString failure SX_GUARDED_BY(mutex);
+};

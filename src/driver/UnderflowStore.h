@@ -1,0 +1,68 @@
+#pragma once
+
+#include "BlockIdx.h"
+#include "DriveFile.h"
+#include "SxMutex.h"
+
+#include <atomic>
+#include <memory>
+#include <tsl/robin_map.h>
+#include <vector>
+
+/// The blocks that were delivered on demand, until the cursor has passed them: in memory within the cache
+/// size, else in a sparse file without a name in the image folder, each at its place of `img.zqf`. Safe from
+/// any thread. Readers take no lock unless blocks lie in memory.
+class UnderflowStore {
+public:
+    /// Bytes of one delivery.
+    static constexpr uint64 MAX_DELIVERY = 4 << 20;
+
+    /// `cursor` is that of the disk; the store looks at it when it takes and drops blocks.
+    UnderflowStore(const std::string& folder_, uint64 nIncluded, uint64 cacheSize_,
+                   const std::atomic<uint64>& cursor_);
+
+    bool has(ZqfIdx zqfIdx) const {
+        return (bits[zqfIdx.value / 64].load(std::memory_order_acquire) >> zqfIdx.value % 64 & 1) != 0;
+    }
+    /// Takes the blocks from `first` on that lie at or above the cursor and aren't there yet. `length` bytes;
+    /// the rest of the last block is zeros. Raises where they can't be stored.
+    void add(ZqfIdx first, const char* data, uint64 length);
+    /// Drops what the cursor has passed.
+    void dropPassed();
+    /// Reads bytes of blocks that has() has said to be there; gives 0 or an errno value. What was read is
+    /// only to be trusted where nDrops() hasn't changed since has() was asked.
+    int read(uint64 offset, uint64 n, char* to);
+    uint64 nDrops() const { return drops.load(); }
+    /// Raises where the blocks that are too many for memory can't be written to the file.
+    void setCacheSize(uint64 bytes);
+    /// The file's descriptor, for advice; negative where there is none.
+    int getFd() const { return publishedFd.load(); }
+
+private:
+    using Block = std::unique_ptr<char[]>;
+
+    void makeFile();
+    void put(ZqfIdx first, uint64 n, const char* data);
+    void putInFile(ZqfIdx first, uint64 n, const char* data);
+    uint64 keepInMemory(ZqfIdx first, uint64 n, const char* data);
+    bool copyFromMemory(ZqfIdx zqfIdx, uint64 from, uint64 n, char* to);
+    void mark(ZqfIdx zqfIdx, bool present);
+    ZqfIdx findMarked(ZqfIdx from, ZqfIdx end) const;
+
+    const std::string folder;
+    const std::atomic<uint64>& cursor;
+    const uint64 nBlocks;
+    std::vector<std::atomic<uint64>> bits; ///< by ZqF index
+
+    /// Held by whatever adds or drops, over its writing too, and taken ahead of `memoryMutex`: a block that
+    /// comes back while its hole is punched would lose its bytes. Readers don't take it.
+    SxMutex changing;
+    DriveFile file SX_GUARDED_BY(changing);
+    ZqfIdx lowest SX_GUARDED_BY(changing) = {~uint64{0}}; ///< no block is marked below
+    std::atomic<int> publishedFd{-1};
+    std::atomic<uint64> drops{0};
+
+    SxMutex memoryMutex;
+    tsl::robin_map<uint64, Block> memory SX_GUARDED_BY(memoryMutex); ///< by ZqF index
+    std::atomic<uint64> cacheSize, nInMemory{0};
+};

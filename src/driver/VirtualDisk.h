@@ -1,0 +1,153 @@
+#pragma once
+
+#include "BlockMap.h"
+#include "HeldRequests.h"
+#include "TraceRecorder.h"
+#include "UnderflowStore.h"
+#include "WriteLayer.h"
+
+#include <functional>
+#include <vector>
+
+class ReadPlan;
+
+/// One disk of the drive service: serves the RAW order of an image from its stored blocks, those that are
+/// there already, those that were delivered on demand, and the write layer. It knows nothing of how it is
+/// shown to the kernel.
+///
+/// All operations are safe from any thread. Reads and writes never wait for a missing block or for a resume:
+/// the request is held by its token, without a thread, and its owner is woken to try again.
+class VirtualDisk {
+public:
+    struct Config {
+        SxString folder;                    ///< of the image, a host path with its trailing slash
+        uint64 sizeRaw = 0, sectorSize = 0; ///< bytes
+        uint64 cursor = 0;                  ///< blocks present at the start of `img.zqf`
+        bool readOnly = true;
+        bool writeLayer = false; ///< all writes go into the layer (mode "rtw")
+        uint64 cacheSize = 0;    ///< bytes of delivered blocks kept in memory
+    };
+    enum class Result { Done, Held, Failed };
+    /// Tells that the held request `token` should be tried again. Called without a lock held, from whatever
+    /// thread made the request complete, perhaps before the call that is to give Held has returned.
+    using Wake = std::function<void(uint64 token)>;
+
+    /// Opens `img.zqf`, `img.idx` and a write layer that is there. Raises, naming the file and the fault.
+    explicit VirtualDisk(const Config& config, Wake wake_);
+    ~VirtualDisk();
+    VirtualDisk(const VirtualDisk&) = delete;
+    VirtualDisk& operator=(const VirtualDisk&) = delete;
+
+    /// Reads `size` bytes at RAW byte `offset` (at most MAX_REQUEST, inside the disk). Where a block is
+    /// missing, or the disk is suspended, keeps `token` and gives Held; the caller tries again with `retry`
+    /// when it is woken. Failed: `*error` is an errno value.
+    Result read(uint64 offset, uint32 size, char* buffer, uint64 token, bool retry, int* error);
+    /// The same for writing: EROFS on a read-only disk, ENOSPC on a full one. A write of parts of blocks is
+    /// held where those blocks are missing. Durable only behind sync().
+    Result write(uint64 offset, uint32 size, const char* buffer, uint64 token, bool retry, int* error);
+    /// Gives 0 when all writes that were done before are on the device, else an errno value.
+    int sync();
+    /// Forgets a held request, which isn't woken any more; false where it isn't held.
+    bool forget(uint64 token);
+
+    /// All blocks below are present in `img.zqf` from now on; may go down too. Raises on a disk that is
+    /// written in place when it would become partial.
+    void setCursor(uint64 zqfIdx);
+    uint64 getCursor() const { return cursor.load(); }
+    /// A pretended cursor: reads that touch a block at or above it are counted.
+    void setQACursor(uint64 zqfIdx) { qaCursor = zqfIdx; }
+    uint64 nBeyondQA() const { return beyondQA.load(); }
+
+    /// Holds every request until resume().
+    void suspend();
+    void resume();
+    bool isSuspended() const;
+    /// From now on reads of missing blocks fail, those that are held at once.
+    void setFailOnUnderflow();
+
+    /// Whether a read is held for a missing block.
+    bool isUnderflow() const;
+    /// Number of blocks that wait to be popped; a popped block that isn't delivered within 100 ms is one.
+    uint64 queueLength();
+    /// Takes up to `max` missing blocks from the queue (ZqF indices), those of the oldest request first.
+    std::vector<uint64> popMissing(uint64 max);
+    /// Lowest missing block of the oldest held request as byte offset in `img.zqf`, and the bytes that it
+    /// misses; false, and zeros, where none is held for a missing block.
+    bool oldestRequest(uint64* offset, uint64* length) const;
+    /// Hands over the bytes of the blocks from `zqfIdx` on, at most UnderflowStore::MAX_DELIVERY bytes: whole
+    /// blocks, or up to the image's end. Blocks that are present are passed over. Raises, naming the fault.
+    void deliver(uint64 zqfIdx, const char* data, uint64 length);
+    /// Bytes of delivered blocks kept in memory; what is too much goes into the file. Raises where it can't.
+    void setCacheSize(uint64 bytes);
+
+    /// Starts a trace afresh, `img.trc` in `folder` (with or without a trailing slash); one that runs ends.
+    /// Raises where it can't.
+    void monitorOn(const SxString& folder);
+    void monitorOff();
+    bool isMonitored() const { return trace.isOn(); }
+    /// Whether a record has come since the last question.
+    bool hasTraceEvent() { return trace.hasEvent(); }
+
+    /// Moves the blocks of the layer that are present in `img.zqf` into it, durably; others stay. Writes are
+    /// held meanwhile. Raises where it can't, also on a read-only disk.
+    void flushLayer();
+
+    /// To be called every 100 to 500 ms: writes what the trace has gathered.
+    void tick();
+    /// Ends all: writes the layer's and the trace's rest; held requests are woken and fail, as does every
+    /// later one. Gives 0 or the errno value of what could not be written.
+    int close();
+
+    uint64 nReads() const { return reads.load(); }
+    /// Requests that are held now, for whatever reason.
+    uint64 nHeld() const;
+    /// Number of blocks of the complete `img.zqf`.
+    uint64 nIncluded() const { return map.nIncluded(); }
+    bool isComplete() const { return getCursor() >= nIncluded(); }
+    uint64 getSizeRaw() const { return cfg.sizeRaw; }
+    uint64 getSectorSize() const { return cfg.sectorSize; }
+
+    /// The first failure of a file that lies behind an I/O error of a request; empty where there was none.
+    SxString getFailure() const;
+    /// Why the trace has stopped by itself; empty where it hasn't.
+    SxString getTraceFailure() const { return trace.getFailure(); }
+    /// What opening has found and mended, for the log; empty where nothing.
+    SxString getNotice() const { return layer.getNotice(); }
+
+private:
+    Result admit(uint64 offset, uint32 size, uint64 token, bool isWrite, bool retry, int* error);
+    Result hold(uint64 offset, uint32 size, uint64 token, bool isWrite, int* error);
+    void arrived(uint64 offset, uint32 size, bool isWrite);
+    bool planRead(uint64 offset, uint32 size, char* buffer, ReadPlan* plan) const;
+    bool isMissing(ZqfIdx zqfIdx) const { return zqfIdx.value >= cursor.load() && !store.has(zqfIdx); }
+    void findMissing(const HeldRequest& request, std::vector<ZqfIdx>* missing) const;
+    uint64 nChanges() const { return store.nDrops() + layer.nMoves(); }
+    uint64 validBytes(RawIdx rawIdx) const;
+    int readStored(uint64 offset, uint32 size, char* to);
+    int writeNow(uint64 offset, uint32 size, const char* buffer, bool* missing);
+    int writePart(RawIdx rawIdx, uint64 from, uint64 n, const char* data, bool* missing);
+    int writeBlocks(RawIdx first, uint64 n, const char* data);
+    bool isInPlace(RawIdx rawIdx) const;
+    void fail(const SxString& text);
+    void wakeAll(const HeldRequests::Tokens& tokens) const;
+
+    const Config cfg;
+    const Wake wake;
+    std::atomic<uint64> cursor;
+    BlockMap map;
+    DriveFile zqf;
+    uint64 zqfSize = 0; ///< bytes of `img.zqf` at the start, where it is written in place
+    UnderflowStore store;
+    WriteLayer layer;
+    HeldRequests held;
+    TraceRecorder trace;
+
+    std::atomic<uint64> qaCursor{~uint64{0}}, beyondQA{0}, reads{0}, nCursorMoves{0};
+    std::atomic<int64> nWriting{0};
+    std::atomic<int> zqfError{0};
+    std::atomic<bool> zqfDirty{false};
+    SxMutex partialWrites; ///< held over reading, changing and writing a block of which a part is written
+    SxMutex flushing;      ///< held over flushLayer()
+    mutable SxMutex failureMutex;
+    SxString failure SX_GUARDED_BY(failureMutex);
+};

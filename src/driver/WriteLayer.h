@@ -1,0 +1,96 @@
+#pragma once
+
+#include "BlockMap.h"
+#include "SxMutex.h"
+
+#include <vector>
+
+/// The write layer of an image: written blocks in `img.tmp`, each in a slot of its own, and the index of
+/// slots, `img.tix`. A block is durable once sync() has written its data, and then its index record. Slots of
+/// blocks that have one are written in place. Which block has which slot stands in the BlockMap.
+///
+/// read(), write() and sync() are safe from any thread; flush() only while nobody writes.
+class WriteLayer {
+public:
+    /// Opens the layer of the image in `folder_` if there is one and puts its slots over `map_`. Raises,
+    /// naming the file and the fault, where it is damaged or belongs to another image.
+    WriteLayer(const std::string& folder_, BlockMap* map_, bool readOnly_);
+
+    /// Makes the files where there are none; durable by the next sync(). Raises.
+    void create();
+    /// Writes `n` whole blocks; gives 0 or an errno value. A full disk fails this write alone; whatever else
+    /// fails here or in sync() fails all later ones.
+    int write(RawIdx first, uint64 n, const char* data);
+    /// Gives 0 when all writes that have returned are on the device, else an errno value.
+    int sync();
+    int getFd() const { return publishedFd.load(); }
+
+    /// Where a block of the layer is moved to.
+    struct Target {
+        const DriveFile* zqf;
+        uint64 nBlocks; ///< ZqF blocks that are there
+        uint64 nBytes;  ///< of the file
+        uint64 sizeRaw; ///< bytes
+    };
+    /// Moves the blocks that have a place in `target` there, durably. Raises.
+    void flush(const Target& target);
+    /// Changes when slots are about to be used otherwise: what was read before is not to be trusted.
+    uint64 nMoves() const { return moves.load(); }
+
+    /// What was cut off when the layer was opened; empty where nothing.
+    const SxString& getNotice() const { return notice; }
+    /// In words, what has failed; empty where nothing.
+    SxString getFailure() const;
+
+private:
+    /// One record of `img.tix`.
+    struct Record {
+        uint64 rawIdx;
+        uint32 slot, check;
+    };
+    /// What flush() does with one block.
+    struct Move {
+        RawIdx rawIdx;
+        SlotIdx slot;
+        BlockMap::Place home; ///< its entry in the map without the layer
+        bool moves;
+    };
+
+    void open(unsigned flags);
+    void load();
+    uint64 readRecords(uint64 nBytes, std::vector<bool>* used);
+    void adoptRecord(const Record& record, uint64 nSlotsInFile, std::vector<bool>* used);
+    int writeInSlots(SlotIdx first, uint64 n, const char* data);
+    int writeNew(RawIdx first, uint64 n, const char* data);
+    SlotIdx allocate(uint64* n);
+    void publish(RawIdx first, SlotIdx slot, uint64 n);
+    int appendRecords(std::vector<Record>* records);
+    int fail(const SxString& what, int error);
+    template<class Visit>
+    void forEachBlock(const Target& target, Visit&& visit);
+    void copyOut(const Target& target);
+    void writeIndex(const Target& target);
+    void freeMoved(const Target& target);
+
+    const std::string folder;
+    BlockMap* const map;
+    const bool readOnly;
+    SxString notice;
+    std::atomic<int> publishedFd{-1}, failedError{0};
+    std::atomic<bool> dirty{false};
+    std::atomic<uint64> moves{0};
+
+    /// Held by whatever makes files or changes `img.tix`, over its I/O, and taken ahead of `mutex`: records
+    /// go to the end of a file one batch after the other. Readers don't take it, nor do writers, but for
+    /// those that find no files or too many records in memory.
+    SxMutex changing;
+    DriveFile tmp, tix;
+    bool namesPending SX_GUARDED_BY(changing) = false;
+    uint64 tixEnd SX_GUARDED_BY(changing) = 0; ///< bytes that are written
+
+    mutable SxMutex mutex;
+    std::vector<Record> pending SX_GUARDED_BY(mutex); ///< of written blocks, not in `img.tix` yet
+    std::vector<SlotIdx> freeSlots SX_GUARDED_BY(mutex);
+    uint64 nSlots SX_GUARDED_BY(mutex) = 0; ///< ever given out
+    SxString failure SX_GUARDED_BY(mutex);
+};
