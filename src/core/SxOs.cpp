@@ -11,6 +11,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 namespace {
@@ -67,6 +68,14 @@ public:
         return done;
     }
 
+    int64 readCachedAt(int fd, void* buffer, int64 n, int64 offset) override {
+        const struct ::iovec to {
+            buffer, static_cast<size_t>(n)
+        };
+        const ssize_t got = ::preadv2(fd, &to, 1, offset, RWF_NOWAIT);
+        return got < 0 ? -errno : got;
+    }
+
     int64 writeAt(int fd, const void* buffer, int64 n, int64 offset) override {
         int64 done = 0;
         while (done < n) {
@@ -80,12 +89,18 @@ public:
     }
 
     int truncate(int fd, int64 size) override { return status(::ftruncate(fd, size)); }
+    int punchHole(int fd, int64 offset, int64 n) override {
+        return status(::fallocate(fd, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, offset, n));
+    }
     int sync(int fd) override { return status(::fdatasync(fd)); }
     int syncFs(int fd) override { return status(::syncfs(fd)); }
     void startWriteback(int fd, int64 offset, int64 n) override {
         ::sync_file_range(fd, offset, n, SYNC_FILE_RANGE_WRITE);
     }
     void adviseSequential(int fd) override { ::posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL); }
+    void adviseSoon(int fd, int64 offset, int64 n) override {
+        ::posix_fadvise(fd, offset, n, POSIX_FADV_WILLNEED);
+    }
     void adviseDone(int fd, int64 offset, int64 n) override {
         ::posix_fadvise(fd, offset, n, POSIX_FADV_DONTNEED);
     }

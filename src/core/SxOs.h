@@ -43,10 +43,16 @@ public:
     virtual int close(int fd) = 0;
     /// Reads up to `n` bytes at `offset`; less only at the end of the file.
     virtual int64 readAt(int fd, void* buffer, int64 n, int64 offset) = 0;
+    /// The same, but only as far as it goes without waiting for the device: what comes short is in the cache
+    /// no further, or the file ends. -EAGAIN where it begins so, -EOPNOTSUPP where the file system can't tell.
+    virtual int64 readCachedAt(int fd, void* buffer, int64 n, int64 offset) = 0;
     /// Writes up to `n` bytes at `offset` (at the end with Append). Less than `n` means that the disk is
     /// full.
     virtual int64 writeAt(int fd, const void* buffer, int64 n, int64 offset) = 0;
     virtual int truncate(int fd, int64 size) = 0;
+    /// Gives the room of these bytes back; they read as zeros, and the file's size stays. -EOPNOTSUPP where
+    /// the file system can't.
+    virtual int punchHole(int fd, int64 offset, int64 n) = 0;
     /// Returns when the file's bytes and size are on the device.
     virtual int sync(int fd) = 0;
     /// The same for all files of the file system that `fd` lies on: cheaper than sync() for many files.
@@ -55,6 +61,8 @@ public:
     virtual void startWriteback(int fd, int64 offset, int64 n) = 0;
     /// Tells that the whole file will be read from front to back; advice.
     virtual void adviseSequential(int fd) = 0;
+    /// Tells that these bytes will be read soon, and begins to fetch them, without waiting; advice.
+    virtual void adviseSoon(int fd, int64 offset, int64 n) = 0;
     /// Tells that these bytes won't be read again soon; advice.
     virtual void adviseDone(int fd, int64 offset, int64 n) = 0;
 

@@ -15,7 +15,7 @@ public:
 
     /// Opens a host path with SxOs flags. Raises, naming the path, also on anything but a plain file.
     void open(const std::string& path_, unsigned flags);
-    /// Takes over what `other` has open, closing what is open here.
+    /// Takes over what `other` has open, closing what is open here; a path that is known here stays.
     void adopt(DriveFile* other);
     void close();
     bool isOpen() const { return fd >= 0; }

@@ -59,16 +59,19 @@ private:
         bool write;
     };
 
-    Tokens release(bool all) SX_REQUIRES(mutex);
+    bool isHeldBack(bool write) const;
     void restrict(Restriction restriction, bool on) SX_REQUIRES(mutex);
-    void takeAll(Tokens* tokens) SX_REQUIRES(mutex);
-    void drop(HeldRequest* request) SX_REQUIRES(mutex);
+    Tokens releaseWaiting() SX_REQUIRES(mutex);
+    Tokens releaseMissing() SX_REQUIRES(mutex);
+    Tokens arriveLocked(ZqfIdx first, ZqfIdx end) SX_REQUIRES(mutex);
+    Tokens rebuild() SX_REQUIRES(mutex);
 
     const FindMissing findMissing;
     mutable SxMutex mutex;
     std::atomic<unsigned> restrictions{0}; ///< changed with the mutex held
     bool failing SX_GUARDED_BY(mutex) = false;
-    std::list<HeldRequest> missing SX_GUARDED_BY(mutex); ///< oldest first
+    /// Oldest first; each knows its own place, so that one of thousands is found at once.
+    std::list<HeldRequest> missing SX_GUARDED_BY(mutex);
     std::vector<Waiting> waiting SX_GUARDED_BY(mutex);
     MissingQueue queue SX_GUARDED_BY(mutex);
 };

@@ -4,11 +4,13 @@
 
 #include <deque>
 #include <functional>
+#include <list>
 #include <map>
 #include <vector>
 
 /// A request that waits for blocks.
 struct HeldRequest {
+    std::list<HeldRequest>::iterator self; ///< its place among those that are held
     uint64 token = 0;
     uint64 offset = 0; ///< RAW bytes
     uint32 size = 0;   ///< bytes
@@ -47,6 +49,7 @@ public:
 
 private:
     static constexpr int64 NOT_POPPED = -1;
+    static constexpr uint64 MAX_STALE = 1024; ///< entries of gone blocks, beside as many as there are others
     struct Wanted {
         HeldRequest* first;
         std::vector<HeldRequest*> more; ///< rarely any
@@ -59,6 +62,7 @@ private:
     };
 
     void takeBack(int64 nowNs);
+    bool stands(const Entry& entry) const;
     void leave(const Wanted& wanted) { nQueued -= wanted.poppedNs == NOT_POPPED; }
     void popFrom(std::deque<Entry>* queue, uint64 max, int64 nowNs, std::vector<uint64>* zqfIdxs);
 

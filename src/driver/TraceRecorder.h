@@ -20,7 +20,7 @@ public:
     void stop();
     bool isOn() const { return on.load(std::memory_order_relaxed); }
     void record(RawIdx first, uint64 n, bool write);
-    /// Writes what is gathered.
+    /// Writes what is gathered; to be called a few times a second.
     void flush();
     /// Whether a record has come since the last question.
     bool hasEvent() { return event.exchange(false); }
@@ -33,7 +33,8 @@ private:
         uint64 block, time;
     };
 
-    void write(std::vector<Record>* records) SX_REQUIRES(writing);
+    void writeGathered() SX_REQUIRES(writing);
+    void giveUp(const SxString& text) SX_REQUIRES(mutex);
 
     std::atomic<bool> on{false}, event{false};
 

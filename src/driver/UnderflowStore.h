@@ -29,8 +29,8 @@ public:
     void add(ZqfIdx first, const char* data, uint64 length);
     /// Drops what the cursor has passed.
     void dropPassed();
-    /// Reads bytes of blocks that has() has said to be there; gives 0 or an errno value. What was read is
-    /// only to be trusted where nDrops() hasn't changed since has() was asked.
+    /// Reads at most MAX_REQUEST bytes of blocks that has() has said to be there; gives 0 or an errno value.
+    /// What was read is only to be trusted where nDrops() hasn't changed since has() was asked.
     int read(uint64 offset, uint64 n, char* to);
     uint64 nDrops() const { return drops.load(); }
     /// Raises where the blocks that are too many for memory can't be written to the file.
@@ -40,12 +40,16 @@ public:
 
 private:
     using Block = std::unique_ptr<char[]>;
+    /// Bytes of `img.zqf`.
+    struct Stretch {
+        uint64 begin, end;
+    };
 
     void makeFile();
     void put(ZqfIdx first, uint64 n, const char* data);
     void putInFile(ZqfIdx first, uint64 n, const char* data);
     uint64 keepInMemory(ZqfIdx first, uint64 n, const char* data);
-    bool copyFromMemory(ZqfIdx zqfIdx, uint64 from, uint64 n, char* to);
+    uint64 copyFromMemory(uint64 offset, uint64 n, char* to, Stretch* rest);
     void mark(ZqfIdx zqfIdx, bool present);
     ZqfIdx findMarked(ZqfIdx from, ZqfIdx end) const;
 

@@ -2,14 +2,14 @@
 
 #include "BlockMap.h"
 #include "HeldRequests.h"
+#include "ReadPlan.h"
 #include "TraceRecorder.h"
 #include "UnderflowStore.h"
 #include "WriteLayer.h"
 
 #include <functional>
+#include <optional>
 #include <vector>
-
-class ReadPlan;
 
 /// One disk of the drive service: serves the RAW order of an image from its stored blocks, those that are
 /// there already, those that were delivered on demand, and the write layer. It knows nothing of how it is
@@ -115,21 +115,44 @@ public:
     SxString getNotice() const { return layer.getNotice(); }
 
 private:
-    Result admit(uint64 offset, uint32 size, uint64 token, bool isWrite, bool retry, int* error);
-    Result hold(uint64 offset, uint32 size, uint64 token, bool isWrite, int* error);
+    enum class Outcome { Done, Missing, Failed };
+    /// Why a read failed.
+    struct Fault {
+        static constexpr int SHORT = -1; ///< the file ends too early
+        int error = 0;                   ///< errno value
+        const char* file = "";
+        uint64 at = 0; ///< byte offset in the file
+
+        SxString text() const;
+    };
+    using Verdict = std::optional<Result>; ///< none: go on
+
+    Verdict admit(uint64 offset, uint32 size, uint64 token, bool isWrite, bool retry, int* error);
+    Verdict hold(uint64 offset, uint32 size, uint64 token, bool isWrite, int* error);
+    static Verdict resultOf(HeldRequests::Verdict verdict, int* error);
     void arrived(uint64 offset, uint32 size, bool isWrite);
-    bool planRead(uint64 offset, uint32 size, char* buffer, ReadPlan* plan) const;
+    void requireComplete(uint64 present) const;
     bool isMissing(ZqfIdx zqfIdx) const { return zqfIdx.value >= cursor.load() && !store.has(zqfIdx); }
     void findMissing(const HeldRequest& request, std::vector<ZqfIdx>* missing) const;
-    uint64 nChanges() const { return store.nDrops() + layer.nMoves(); }
-    uint64 validBytes(RawIdx rawIdx) const;
-    int readStored(uint64 offset, uint32 size, char* to);
-    int writeNow(uint64 offset, uint32 size, const char* buffer, bool* missing);
-    int writePart(RawIdx rawIdx, uint64 from, uint64 n, const char* data, bool* missing);
-    int writeBlocks(RawIdx first, uint64 n, const char* data);
-    bool isInPlace(RawIdx rawIdx) const;
-    void fail(const SxString& text);
     void wakeAll(const HeldRequests::Tokens& tokens) const;
+    void fail(const SxString& text);
+
+    uint64 nChanges() const { return store.nDrops() + layer.nMoves(); }
+    Outcome readPresent(uint64 offset, uint32 size, char* to);
+    bool planRead(uint64 offset, uint32 size, char* to, uint64 present, ReadPlan* plan) const;
+    Fault carryOut(const ReadPlan& plan);
+    int64 readRun(int fd, const ReadPlan::Run& run, const ReadPlan::Run* end, bool* isAnnounced) const;
+    void announce(const ReadPlan::Run* run, const ReadPlan::Run* end) const;
+    bool isInLastBlock(uint64 from) const;
+
+    int writeNow(uint64 offset, uint32 size, const char* buffer, bool* isMissing);
+    int writePart(RawIdx rawIdx, uint64 from, uint64 n, const char* data, bool* isMissing);
+    int writeBlocks(RawIdx first, uint64 n, const char* data);
+    int writeInPlace(RawIdx first, uint64 n, const char* data);
+    int failZqf(const SxString& what, int error);
+    bool isInPlace(RawIdx rawIdx) const;
+    bool isPartWritten(RawIdx rawIdx, uint64 offset, uint64 size) const;
+    uint64 validBytes(RawIdx rawIdx) const;
 
     const Config cfg;
     const Wake wake;
@@ -142,7 +165,7 @@ private:
     HeldRequests held;
     TraceRecorder trace;
 
-    std::atomic<uint64> qaCursor{~uint64{0}}, beyondQA{0}, reads{0}, nCursorMoves{0};
+    std::atomic<uint64> qaCursor{~uint64{0}}, beyondQA{0}, reads{0};
     std::atomic<int64> nWriting{0};
     std::atomic<int> zqfError{0};
     std::atomic<bool> zqfDirty{false};

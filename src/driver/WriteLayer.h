@@ -43,7 +43,7 @@ public:
     SxString getFailure() const;
 
 private:
-    /// One record of `img.tix`.
+    /// One record of `img.tix`, as it stands there.
     struct Record {
         uint64 rawIdx;
         uint32 slot, check;
@@ -53,24 +53,31 @@ private:
         RawIdx rawIdx;
         SlotIdx slot;
         BlockMap::Place home; ///< its entry in the map without the layer
+        uint64 size;          ///< bytes of it that lie on the disk
         bool moves;
     };
 
-    void open(unsigned flags);
-    void load();
-    uint64 readRecords(uint64 nBytes, std::vector<bool>* used);
-    void adoptRecord(const Record& record, uint64 nSlotsInFile, std::vector<bool>* used);
+    static Record makeRecord(RawIdx rawIdx, SlotIdx slot);
+    void load() SX_REQUIRES(changing);
+    bool readHeader(uint64 size) const;
+    uint64 readRecords(uint64 size, std::vector<bool>* used);
+    void adoptRecord(RawIdx rawIdx, SlotIdx slot, uint64 nSlotsInFile, std::vector<bool>* used);
     int writeInSlots(SlotIdx first, uint64 n, const char* data);
     int writeNew(RawIdx first, uint64 n, const char* data);
     SlotIdx allocate(uint64* n);
     void publish(RawIdx first, SlotIdx slot, uint64 n);
-    int appendRecords(std::vector<Record>* records);
+    bool hasManyPending() const;
+    int syncInTurn() SX_REQUIRES(changing);
+    int appendRecords(std::vector<Record>* records) SX_REQUIRES(changing);
+    int writeHeader(const DriveFile& file) const;
+    void note(const SxString& text);
     int fail(const SxString& what, int error);
     template<class Visit>
     void forEachBlock(const Target& target, Visit&& visit);
-    void copyOut(const Target& target);
-    void writeIndex(const Target& target);
+    uint64 copyOut(const Target& target);
+    void writeIndex(const Target& target) SX_REQUIRES(changing);
     void freeMoved(const Target& target);
+    void giveBackRoom(const std::vector<SlotIdx>& slots, uint64 end);
 
     const std::string folder;
     BlockMap* const map;

@@ -170,6 +170,11 @@ int64 FaultOs::readAt(int fd, void* buffer, int64 n, int64 offset) {
     return machine.readAt(fd, buffer, n, offset);
 }
 
+int64 FaultOs::readCachedAt(int fd, void* buffer, int64 n, int64 offset) {
+    if (const int error = strike(Op::Read, fd)) return error;
+    return machine.readCachedAt(fd, buffer, n, offset);
+}
+
 /// How many of `n` bytes the disk still takes.
 int64 FaultOs::fitting(int fd, int64 n, int64 offset) {
     if (!diskLeft) return n;
@@ -207,6 +212,20 @@ int FaultOs::truncate(int fd, int64 size) {
     return machine.truncate(fd, size);
 }
 
+int FaultOs::punchHole(int fd, int64 offset, int64 n) {
+    if (const int error = strike(Op::Write, fd)) return error;
+    const std::lock_guard lock(mutex);
+    if (openFiles.contains(fd)) {
+        SxStat info;
+        machine.statFd(fd, &info);
+        const int64 end = std::min(info.size, offset + n);
+        if (end > offset) {
+            pending.changeFile(fd, offset, std::string(static_cast<size_t>(end - offset), '\0'), info.size);
+        }
+    }
+    return machine.punchHole(fd, offset, n);
+}
+
 int FaultOs::sync(int fd) {
     if (const int error = strike(Op::Sync, fd)) return error;
     const std::lock_guard lock(mutex);
@@ -229,6 +248,10 @@ void FaultOs::startWriteback(int fd, int64 offset, int64 n) {
 
 void FaultOs::adviseSequential(int fd) {
     machine.adviseSequential(fd);
+}
+
+void FaultOs::adviseSoon(int fd, int64 offset, int64 n) {
+    machine.adviseSoon(fd, offset, n);
 }
 
 void FaultOs::adviseDone(int fd, int64 offset, int64 n) {

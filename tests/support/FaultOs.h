@@ -76,12 +76,15 @@ public:
     int open(const std::string& path, unsigned flags, unsigned permissions) override;
     int close(int fd) override;
     int64 readAt(int fd, void* buffer, int64 n, int64 offset) override;
+    int64 readCachedAt(int fd, void* buffer, int64 n, int64 offset) override;
     int64 writeAt(int fd, const void* buffer, int64 n, int64 offset) override;
     int truncate(int fd, int64 size) override;
+    int punchHole(int fd, int64 offset, int64 n) override;
     int sync(int fd) override;
     int syncFs(int fd) override;
     void startWriteback(int fd, int64 offset, int64 n) override;
     void adviseSequential(int fd) override;
+    void adviseSoon(int fd, int64 offset, int64 n) override;
     void adviseDone(int fd, int64 offset, int64 n) override;
     int statFd(int fd, SxStat* stat) override;
     int stat(const std::string& path, SxStat* stat) override;

@@ -1,0 +1,88 @@
+#include "TraceRecorder.h"
+
+#include "SxClock.h"
+#include "SxException.h"
+
+#include <bit>
+
+namespace {
+
+constexpr uint64 WRITE_BIT = uint64{1} << 63;
+constexpr int64 MS_FROM_1601_TO_1970 = 11'644'473'600'000;
+/// Records that the file may lag behind: 64 MiB, 16 GiB of reads.
+constexpr size_t MAX_GATHERED = 4 << 20;
+
+uint64 littleEndian(uint64 value) {
+    return std::endian::native == std::endian::big ? __builtin_bswap64(value) : value;
+}
+
+} // namespace
+
+void TraceRecorder::start(const SxString& folder) {
+    stop();
+    const SxMutexBlock turn(&writing);
+    const std::string slash = folder.endsWith("/") ? "" : "/";
+    file.open(SxOs::hostPath(folder) + slash + "img.trc",
+              SxOs::Write | SxOs::Create | SxOs::Truncate | SxOs::NoFollow);
+    end = 0;
+    const SxMutexBlock lock(&mutex);
+    gathered.clear();
+    failure = SxString();
+    // Steady from here on, so that the records stay in order when the machine's clock is set.
+    startTime = static_cast<uint64>(SxClock::get().systemMs() + MS_FROM_1601_TO_1970) * 10'000;
+    startNs = SxClock::get().steadyNs();
+    on = true;
+}
+
+void TraceRecorder::stop() {
+    const SxMutexBlock turn(&writing);
+    if (!file.isOpen()) return;
+    on = false;
+    writeGathered();
+    file.close();
+}
+
+void TraceRecorder::record(RawIdx first, uint64 n, bool write) {
+    const SxMutexBlock lock(&mutex);
+    if (!on) return;
+    if (gathered.size() + n > MAX_GATHERED) {
+        giveUp("The trace grows faster than it can be written");
+        return;
+    }
+    const auto elapsed = static_cast<uint64>(SxClock::get().steadyNs() - startNs);
+    const uint64 time = littleEndian(startTime + elapsed / 100);
+    for (uint64 i = 0; i < n; ++i)
+        gathered.push_back({littleEndian((first + i).value | (write ? WRITE_BIT : 0)), time});
+    event.store(true, std::memory_order_relaxed);
+}
+
+void TraceRecorder::flush() {
+    const SxMutexBlock turn(&writing);
+    if (file.isOpen()) writeGathered();
+}
+
+void TraceRecorder::writeGathered() {
+    taken.clear();
+    {
+        const SxMutexBlock lock(&mutex);
+        taken.swap(gathered);
+    }
+    if (taken.empty()) return;
+    const uint64 size = taken.size() * sizeof(Record);
+    const int error = file.writeAt(taken.data(), size, end);
+    end += size;
+    if (!error) return;
+    const SxMutexBlock lock(&mutex);
+    giveUp("Cannot write the trace '" + SxString(file.getPath()) + "': " + SxOs::errorText(error));
+}
+
+void TraceRecorder::giveUp(const SxString& text) {
+    on = false;
+    gathered.clear();
+    if (failure.isEmpty()) failure = text;
+}
+
+SxString TraceRecorder::getFailure() const {
+    const SxMutexBlock lock(&mutex);
+    return failure;
+}

@@ -1,0 +1,185 @@
+#include "UnderflowStore.h"
+
+#include "SxException.h"
+
+#include <algorithm>
+#include <bit>
+#include <cerrno>
+#include <cstring>
+
+namespace {
+
+constexpr const char* UNIT = "src/driver/UnderflowStore";
+
+} // namespace
+
+UnderflowStore::UnderflowStore(const std::string& folder_, uint64 nIncluded, uint64 cacheSize_,
+                               const std::atomic<uint64>& cursor_)
+    : folder(folder_),
+      cursor(cursor_),
+      nBlocks(nIncluded),
+      bits((nIncluded + 63) / 64),
+      cacheSize(cacheSize_) {
+}
+
+void UnderflowStore::mark(ZqfIdx zqfIdx, bool present) {
+    const uint64 bit = uint64{1} << zqfIdx.value % 64;
+    std::atomic<uint64>& word = bits[zqfIdx.value / 64];
+    if (present) {
+        word.fetch_or(bit, std::memory_order_release);
+    } else {
+        word.fetch_and(~bit, std::memory_order_release);
+    }
+}
+
+/// The first marked block at or behind `from`, or `end`.
+ZqfIdx UnderflowStore::findMarked(ZqfIdx from, ZqfIdx end) const {
+    for (uint64 zqfIdx = from.value; zqfIdx < end.value; zqfIdx = (zqfIdx / 64 + 1) * 64) {
+        const uint64 word = bits[zqfIdx / 64].load(std::memory_order_acquire) >> zqfIdx % 64;
+        if (word != 0) return std::min(end, ZqfIdx{zqfIdx + static_cast<uint64>(std::countr_zero(word))});
+    }
+    return end;
+}
+
+void UnderflowStore::makeFile() {
+    // The name is gone at once, so that a killed service leaves nothing behind.
+    const std::string path = folder + "img.delivered." + std::to_string(SxOs::processId());
+    const int removed = SxOs::get().unlink(path);
+    if (removed < 0 && removed != -ENOENT) {
+        throw SxException(SxException(SxOs::errorText(removed), UNIT, __LINE__),
+                          "Cannot replace '" + SxString(path) + "'", UNIT, __LINE__);
+    }
+    file.open(path, SxOs::Read | SxOs::Write | SxOs::Create | SxOs::Exclusive | SxOs::NoFollow);
+    const int status = SxOs::get().unlink(path);
+    if (status < 0) {
+        DriveFile unusable;
+        unusable.adopt(&file);
+        unusable.raise("Cannot remove the name of", status, UNIT, __LINE__);
+    }
+    publishedFd = file.getFd();
+}
+
+void UnderflowStore::add(ZqfIdx first, const char* data, uint64 length) {
+    const uint64 nWhole = length / BLOCK_SIZE;
+    const SxMutexBlock turn(&changing);
+    put(first, nWhole, data);
+    if (length % BLOCK_SIZE == 0) return;
+    char last[BLOCK_SIZE] = {};
+    std::memcpy(last, data + nWhole * BLOCK_SIZE, length % BLOCK_SIZE);
+    put(first + nWhole, 1, last);
+}
+
+/// Takes each stretch of blocks that aren't there yet.
+void UnderflowStore::put(ZqfIdx first, uint64 n, const char* data) {
+    const uint64 passed = cursor.load();
+    const auto isNew = [&](uint64 i) { return first.value + i >= passed && !has(first + i); };
+    for (uint64 i = 0; i < n;) {
+        uint64 end = i;
+        while (end < n && isNew(end))
+            ++end;
+        if (end == i) {
+            ++i;
+            continue;
+        }
+        const char* from = data + i * BLOCK_SIZE;
+        const uint64 nKept = keepInMemory(first + i, end - i, from);
+        if (nKept < end - i) putInFile(first + i + nKept, end - i - nKept, from + nKept * BLOCK_SIZE);
+        for (uint64 k = i; k < end; ++k)
+            mark(first + k, true);
+        lowest = std::min(lowest, first + i);
+        i = end;
+    }
+}
+
+uint64 UnderflowStore::keepInMemory(ZqfIdx first, uint64 n, const char* data) {
+    const uint64 used = nInMemory.load() * BLOCK_SIZE, size = cacheSize.load();
+    n = std::min(n, size > used ? (size - used) / BLOCK_SIZE : 0);
+    for (uint64 i = 0; i < n; ++i) {
+        Block block = std::make_unique_for_overwrite<char[]>(BLOCK_SIZE);
+        std::memcpy(block.get(), data + i * BLOCK_SIZE, BLOCK_SIZE);
+        const SxMutexBlock lock(&memoryMutex);
+        memory.insert_or_assign(first.value + i, std::move(block));
+        ++nInMemory;
+    }
+    return n;
+}
+
+void UnderflowStore::putInFile(ZqfIdx first, uint64 n, const char* data) {
+    if (!file.isOpen()) makeFile();
+    const int error = file.writeAt(data, n * BLOCK_SIZE, static_cast<uint64>(first.byte()));
+    if (error) file.raise("Cannot keep delivered blocks in", error, UNIT, __LINE__);
+}
+
+void UnderflowStore::dropPassed() {
+    const SxMutexBlock turn(&changing);
+    const ZqfIdx end{std::min(cursor.load(), nBlocks)};
+    if (lowest >= end) return;
+    for (ZqfIdx first = findMarked(lowest, end); first < end; first = findMarked(first, end)) {
+        ZqfIdx behind = first;
+        for (; behind < end && has(behind); behind = behind + 1)
+            mark(behind, false);
+        // Readers that have seen the marks read again. The bytes go only behind this.
+        ++drops;
+        {
+            const SxMutexBlock lock(&memoryMutex);
+            for (ZqfIdx zqfIdx = first; zqfIdx < behind && !memory.empty(); zqfIdx = zqfIdx + 1)
+                nInMemory -= memory.erase(zqfIdx.value);
+        }
+        // Where holes can't be made the room comes back with the end of the drive.
+        if (file.isOpen()) SxOs::get().punchHole(file.getFd(), first.byte(), behind.byte() - first.byte());
+        first = behind;
+    }
+    lowest = findMarked(end, {nBlocks});
+    if (lowest.value == nBlocks) lowest = {~uint64{0}};
+}
+
+/// Copies what lies in memory and gives the stretches of bytes that don't.
+uint64 UnderflowStore::copyFromMemory(uint64 offset, uint64 n, char* to, Stretch* rest) {
+    uint64 nRest = 0;
+    const SxMutexBlock lock(&memoryMutex);
+    for (uint64 at = offset; at < offset + n;) {
+        const uint64 end = std::min(offset + n, (at / BLOCK_SIZE + 1) * BLOCK_SIZE);
+        const auto block = memory.find(at / BLOCK_SIZE);
+        if (block != memory.end()) {
+            std::memcpy(to + (at - offset), block->second.get() + at % BLOCK_SIZE, end - at);
+        } else if (nRest > 0 && rest[nRest - 1].end == at) {
+            rest[nRest - 1].end = end;
+        } else {
+            rest[nRest++] = {at, end};
+        }
+        at = end;
+    }
+    return nRest;
+}
+
+int UnderflowStore::read(uint64 offset, uint64 n, char* to) {
+    Stretch rest[MAX_REQUEST_BLOCKS];
+    uint64 nRest = 1;
+    rest[0] = {offset, offset + n};
+    if (nInMemory.load() != 0) nRest = copyFromMemory(offset, n, to, rest);
+    for (uint64 i = 0; i < nRest; ++i) {
+        const auto size = static_cast<int64>(rest[i].end - rest[i].begin);
+        const int64 got = SxOs::get().readAt(getFd(), to + (rest[i].begin - offset), size,
+                                             static_cast<int64>(rest[i].begin));
+        if (got < 0) return static_cast<int>(-got);
+        if (got < size) return EIO;
+    }
+    return 0;
+}
+
+void UnderflowStore::setCacheSize(uint64 bytes) {
+    const SxMutexBlock turn(&changing);
+    cacheSize = bytes;
+    char copy[BLOCK_SIZE];
+    while (nInMemory.load() * BLOCK_SIZE > bytes) {
+        ZqfIdx zqfIdx;
+        {
+            const SxMutexBlock lock(&memoryMutex);
+            zqfIdx = {memory.begin()->first};
+            std::memcpy(copy, memory.begin()->second.get(), BLOCK_SIZE);
+        }
+        putInFile(zqfIdx, 1, copy);
+        const SxMutexBlock lock(&memoryMutex);
+        nInMemory -= memory.erase(zqfIdx.value);
+    }
+}

@@ -1,0 +1,140 @@
+#include "ReadPlan.h"
+#include "VirtualDisk.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+VirtualDisk::Result VirtualDisk::read(uint64 offset, uint32 size, char* buffer, uint64 token, bool retry,
+                                      int* error) {
+    if (const auto verdict = admit(offset, size, token, false, retry, error)) return *verdict;
+    for (;;) {
+        switch (readPresent(offset, size, buffer)) {
+        case Outcome::Done:
+            return Result::Done;
+        case Outcome::Failed:
+            *error = EIO;
+            return Result::Failed;
+        case Outcome::Missing:
+            if (const auto verdict = hold(offset, size, token, false, error)) return *verdict;
+        }
+    }
+}
+
+/// Reads as if at one moment: where blocks went elsewhere meanwhile it plans and reads once more.
+VirtualDisk::Outcome VirtualDisk::readPresent(uint64 offset, uint32 size, char* to) {
+    ReadPlan plan;
+    for (;;) {
+        const uint64 changes = nChanges(), present = cursor.load();
+        if (!planRead(offset, size, to, present, &plan)) return Outcome::Missing;
+        const Fault fault = carryOut(plan);
+        const bool isStale = plan.isVolatile() && changes != nChanges();
+        if (fault.error == 0 && !isStale) return Outcome::Done;
+        // A file that comes short may have been cut behind a lowered cursor.
+        if (isStale || present != cursor.load()) continue;
+        fail(fault.text());
+        return Outcome::Failed;
+    }
+}
+
+/// False where a block is missing.
+bool VirtualDisk::planRead(uint64 offset, uint32 size, char* to, uint64 present, ReadPlan* plan) const {
+    plan->clear();
+    const uint64 end = offset + size;
+    for (uint64 at = offset; at < end;) {
+        const uint64 inBlock = at % BLOCK_SIZE;
+        const auto n = static_cast<uint32>(std::min(end - at, BLOCK_SIZE - inBlock));
+        const BlockMap::Place place = map.get({at / BLOCK_SIZE});
+        if (place.isStored()) {
+            const ZqfIdx zqfIdx = place.zqfIdx();
+            const bool isStored = zqfIdx.value < present;
+            if (!isStored && !store.has(zqfIdx)) return false;
+            plan->add(isStored ? ReadPlan::Stored : ReadPlan::Delivered,
+                      static_cast<uint64>(zqfIdx.byte()) + inBlock, n, to);
+        } else if (place.isNothing()) {
+            plan->add(ReadPlan::Zeros, 0, n, to);
+        } else {
+            plan->add(ReadPlan::Layered, static_cast<uint64>(place.slot().byte()) + inBlock, n, to);
+        }
+        to += n;
+        at += n;
+    }
+    return true;
+}
+
+VirtualDisk::Fault VirtualDisk::carryOut(const ReadPlan& plan) {
+    // A single run needs no announcement, and what is in the cache no more: the first run that isn't tells
+    // that the others may not be either.
+    bool isAnnounced = plan.end() - plan.begin() < 2;
+    for (const ReadPlan::Run& run : plan) {
+        if (run.kind == ReadPlan::Zeros) {
+            std::memset(run.to, 0, run.size);
+        } else if (run.kind == ReadPlan::Delivered) {
+            if (const int error = store.read(run.from, run.size, run.to))
+                return {error, "delivered blocks", run.from};
+        } else {
+            const int fd = run.kind == ReadPlan::Stored ? zqf.getFd() : layer.getFd();
+            const int64 got = readRun(fd, run, plan.end(), &isAnnounced);
+            const auto file = run.kind == ReadPlan::Stored ? "img.zqf" : "img.tmp";
+            if (got < 0) return {static_cast<int>(-got), file, run.from};
+            if (got < run.size &&
+                !(run.kind == ReadPlan::Stored && isInLastBlock(run.from + static_cast<uint64>(got)))) {
+                return {Fault::SHORT, file, run.from + static_cast<uint64>(got)};
+            }
+            std::memset(run.to + got, 0, run.size - static_cast<uint64>(got));
+        }
+    }
+    return {};
+}
+
+int64 VirtualDisk::readRun(int fd, const ReadPlan::Run& run, const ReadPlan::Run* end,
+                           bool* isAnnounced) const {
+    SxOs& os = SxOs::get();
+    const auto from = static_cast<int64>(run.from);
+    int64 got = 0;
+    if (!*isAnnounced) {
+        got = os.readCachedAt(fd, run.to, run.size, from);
+        if (got == run.size) return got;
+        got = std::max<int64>(got, 0);
+        announce(&run, end);
+        *isAnnounced = true;
+    }
+    const int64 rest = os.readAt(fd, run.to + got, run.size - got, from + got);
+    return rest < 0 ? rest : got + rest;
+}
+
+void VirtualDisk::announce(const ReadPlan::Run* run, const ReadPlan::Run* end) const {
+    for (; run != end; ++run) {
+        const int fd = run->kind == ReadPlan::Stored    ? zqf.getFd()
+                       : run->kind == ReadPlan::Layered ? layer.getFd()
+                                                        : -1;
+        if (fd >= 0) SxOs::get().adviseSoon(fd, static_cast<int64>(run->from), run->size);
+    }
+}
+
+/// Whether `img.zqf` has a short last block and `from` lies in it: what it lacks there are zeros.
+bool VirtualDisk::isInLastBlock(uint64 from) const {
+    const ZqfIdx last{nIncluded() - 1};
+    SxStat info;
+    return from >= static_cast<uint64>(last.byte()) && SxOs::get().statFd(zqf.getFd(), &info) == 0 &&
+           info.size > last.byte();
+}
+
+SxString VirtualDisk::Fault::text() const {
+    const SxString place = SxString("'") + file + "' at byte " + at;
+    if (error == SHORT) return place + " ends, though its blocks are said to be there";
+    return "Cannot read " + place + ": " + SxOs::errorText(error);
+}
+
+/// Lists what a request waits for: a write only for blocks of which it writes a part.
+void VirtualDisk::findMissing(const HeldRequest& request, std::vector<ZqfIdx>* missing) const {
+    const uint64 first = request.offset / BLOCK_SIZE, last = (request.offset + request.size - 1) / BLOCK_SIZE;
+    for (RawIdx rawIdx{first}; rawIdx.value <= last; rawIdx = rawIdx + 1) {
+        const bool isEdge = rawIdx.value == first || rawIdx.value == last;
+        if (request.write && !(isEdge && isPartWritten(rawIdx, request.offset, request.size))) continue;
+        const BlockMap::Place place = map.get(rawIdx);
+        if (place.isStored() && isMissing(place.zqfIdx())) missing->push_back(place.zqfIdx());
+    }
+    std::sort(missing->begin(), missing->end());
+    missing->erase(std::unique(missing->begin(), missing->end()), missing->end());
+}

@@ -1,0 +1,155 @@
+#include "SxClock.h"
+#include "SxException.h"
+#include "VirtualDisk.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+namespace {
+
+constexpr const char* UNIT = "src/driver/VirtualDiskWrite";
+
+/// Counts a write while it runs.
+class Counted {
+public:
+    explicit Counted(std::atomic<int64>* n_) : n(n_) { ++*n; }
+    ~Counted() { --*n; }
+    Counted(const Counted&) = delete;
+    Counted& operator=(const Counted&) = delete;
+
+private:
+    std::atomic<int64>* n;
+};
+
+} // namespace
+
+VirtualDisk::Result VirtualDisk::write(uint64 offset, uint32 size, const char* buffer, uint64 token,
+                                       bool retry, int* error) {
+    if (cfg.readOnly) {
+        *error = EROFS;
+        return Result::Failed;
+    }
+    // Ahead of admit(): whoever closes the gate waits for those that it didn't hold.
+    const Counted counted(&nWriting);
+    if (const auto verdict = admit(offset, size, token, true, retry, error)) return *verdict;
+    for (;;) {
+        bool isMissing = false;
+        *error = writeNow(offset, size, buffer, &isMissing);
+        if (*error) return Result::Failed;
+        if (!isMissing) return Result::Done;
+        if (const auto verdict = hold(offset, size, token, true, error)) return *verdict;
+    }
+}
+
+/// Gives 0 or an errno value. Where a block is missing of which a part is written, only some of it is done.
+int VirtualDisk::writeNow(uint64 offset, uint32 size, const char* buffer, bool* isMissing) {
+    const uint64 end = offset + size;
+    for (uint64 at = offset; at < end;) {
+        const RawIdx rawIdx{at / BLOCK_SIZE};
+        const uint64 inBlock = at % BLOCK_SIZE;
+        const bool isWhole = inBlock == 0 && end - at >= BLOCK_SIZE;
+        const uint64 n =
+            isWhole ? (end - at) / BLOCK_SIZE * BLOCK_SIZE : std::min(end - at, BLOCK_SIZE - inBlock);
+        const char* from = buffer + (at - offset);
+        const int error = isWhole ? writeBlocks(rawIdx, n / BLOCK_SIZE, from)
+                                  : writePart(rawIdx, inBlock, n, from, isMissing);
+        if (error || *isMissing) return error;
+        at += n;
+    }
+    return 0;
+}
+
+uint64 VirtualDisk::validBytes(RawIdx rawIdx) const {
+    return std::min(BLOCK_SIZE, cfg.sizeRaw - rawIdx.value * BLOCK_SIZE);
+}
+
+bool VirtualDisk::isPartWritten(RawIdx rawIdx, uint64 offset, uint64 size) const {
+    const uint64 begin = rawIdx.value * BLOCK_SIZE;
+    return offset > begin || offset + size < begin + validBytes(rawIdx);
+}
+
+int VirtualDisk::writePart(RawIdx rawIdx, uint64 from, uint64 n, const char* data, bool* isMissing) {
+    const SxMutexBlock turn(&partialWrites);
+    char block[BLOCK_SIZE] = {};
+    const uint64 begin = rawIdx.value * BLOCK_SIZE;
+    if (isPartWritten(rawIdx, begin + from, n)) {
+        const Outcome outcome = readPresent(begin, static_cast<uint32>(validBytes(rawIdx)), block);
+        if (outcome == Outcome::Failed) return EIO;
+        *isMissing = outcome == Outcome::Missing;
+        if (*isMissing) return 0;
+    }
+    std::memcpy(block + from, data, n);
+    return writeBlocks(rawIdx, 1, block);
+}
+
+bool VirtualDisk::isInPlace(RawIdx rawIdx) const {
+    if (cfg.writeLayer) return false;
+    const BlockMap::Place place = map.get(rawIdx);
+    // A short last block isn't lengthened: the file's size is part of the image's records.
+    return place.isStored() && static_cast<uint64>(place.zqfIdx().byte()) + validBytes(rawIdx) <= zqfSize;
+}
+
+int VirtualDisk::writeBlocks(RawIdx first, uint64 n, const char* data) {
+    for (uint64 i = 0; i < n;) {
+        const bool inPlace = isInPlace(first + i);
+        uint64 end = i + 1;
+        while (end < n && isInPlace(first + end) == inPlace)
+            ++end;
+        const char* from = data + i * BLOCK_SIZE;
+        const int error =
+            inPlace ? writeInPlace(first + i, end - i, from) : layer.write(first + i, end - i, from);
+        if (error) return error;
+        i = end;
+    }
+    return 0;
+}
+
+int VirtualDisk::writeInPlace(RawIdx first, uint64 n, const char* data) {
+    for (uint64 i = 0; i < n;) {
+        if (zqfError.load() != 0) return EIO;
+        const ZqfIdx zqfIdx = map.get(first + i).zqfIdx();
+        uint64 end = i + 1;
+        while (end < n && map.get(first + end).getBits() == (zqfIdx + (end - i)).value)
+            ++end;
+        const uint64 size = (end - i - 1) * BLOCK_SIZE + validBytes(first + (end - 1));
+        const int error = zqf.writeAt(data + i * BLOCK_SIZE, size, static_cast<uint64>(zqfIdx.byte()));
+        zqfDirty = true;
+        if (error) return error == ENOSPC ? error : failZqf("Cannot write", error);
+        i = end;
+    }
+    return 0;
+}
+
+int VirtualDisk::failZqf(const SxString& what, int error) {
+    zqfError = error;
+    fail(what + " '" + zqf.getPath() + "': " + SxOs::errorText(error));
+    return error;
+}
+
+int VirtualDisk::sync() {
+    if (zqfError.load() != 0) return EIO;
+    if (zqfDirty.exchange(false)) {
+        if (const int error = zqf.sync()) return failZqf("Cannot bring to the disk", error);
+    }
+    return layer.sync();
+}
+
+void VirtualDisk::flushLayer() {
+    if (cfg.readOnly) {
+        throw SxException("The image '" + cfg.folder + "' is mounted read-only", UNIT, __LINE__);
+    }
+    const SxMutexBlock turn(&flushing);
+    held.closeGate();
+    while (nWriting.load() > 0)
+        SxClock::get().sleepNs(1'000'000);
+    try {
+        DriveFile target;
+        target.open(zqf.getPath(), SxOs::Read | SxOs::Write | SxOs::NoFollow);
+        layer.flush({&target, std::min(getCursor(), nIncluded()), target.getSize(), cfg.sizeRaw});
+    } catch (const SxException&) {
+        wakeAll(held.openGate());
+        throw;
+    }
+    wakeAll(held.openGate());
+}

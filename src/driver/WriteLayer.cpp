@@ -1,0 +1,315 @@
+#include "WriteLayer.h"
+
+#include "SxException.h"
+
+#include <algorithm>
+#include <bit>
+#include <cerrno>
+
+namespace {
+
+constexpr const char* UNIT = "src/driver/WriteLayer";
+
+// The first record's place is taken by these two numbers: what the file is, and the number of RAW blocks.
+constexpr uint64 MAGIC = 0x3130'5245'5941'4c5a; // "ZLAYER01"
+/// Slots that may be given out beyond one for each RAW block: two writes of one block that run at once take
+/// two, of which one is given back.
+constexpr uint64 SPARE_SLOTS = 1 << 16;
+/// Records that are kept in memory until somebody asks for them to be durable.
+constexpr size_t MAX_PENDING = 1 << 16;
+constexpr uint64 RECORDS_AT_ONCE = 1 << 16;
+
+uint32 checkOf(uint64 rawIdx, uint32 slot) {
+    uint64 mixed = (rawIdx ^ std::rotl(uint64{slot}, 40)) + 0x9e37'79b9'7f4a'7c15;
+    mixed = (mixed ^ (mixed >> 30)) * 0xbf58'476d'1ce4'e5b9;
+    mixed = (mixed ^ (mixed >> 27)) * 0x94d0'49bb'1331'11eb;
+    return static_cast<uint32>(mixed ^ (mixed >> 31));
+}
+
+uint64 little(uint64 value) {
+    return std::endian::native == std::endian::big ? __builtin_bswap64(value) : value;
+}
+
+uint32 little(uint32 value) {
+    return std::endian::native == std::endian::big ? __builtin_bswap32(value) : value;
+}
+
+bool isThere(const std::string& path) {
+    SxStat info;
+    const int status = SxOs::get().lstat(path, &info);
+    if (status == 0) return true;
+    if (status == -ENOENT) return false;
+    throw SxException(SxException(SxOs::errorText(status), UNIT, __LINE__),
+                      "Cannot look at '" + SxString(path) + "'", UNIT, __LINE__);
+}
+
+} // namespace
+
+WriteLayer::WriteLayer(const std::string& folder_, BlockMap* map_, bool readOnly_)
+    : folder(folder_),
+      map(map_),
+      readOnly(readOnly_) {
+    // What a cut of flush() leaves behind.
+    if (!readOnly && isThere(folder + "img.tix.new")) SxOs::get().unlink(folder + "img.tix.new");
+    if (!isThere(folder + "img.tix")) return;
+    const SxMutexBlock turn(&changing);
+    const unsigned flags = SxOs::Read | SxOs::NoFollow | (readOnly ? 0U : unsigned{SxOs::Write});
+    tix.open(folder + "img.tix", flags);
+    if (isThere(folder + "img.tmp")) tmp.open(folder + "img.tmp", flags);
+    load();
+    if (tmp.isOpen()) {
+        publishedFd = tmp.getFd();
+    } else {
+        tix.close();
+    }
+}
+
+/// Takes over the records up to the first that isn't whole: behind it lies what was never synced.
+void WriteLayer::load() {
+    const uint64 size = tix.getSize();
+    std::vector<bool> used;
+    tixEnd = readHeader(size) ? readRecords(size, &used) : 0;
+    if (tixEnd < size) {
+        notice = "'" + SxString(tix.getPath()) + "': " + (size - tixEnd) +
+                 " bytes behind the last whole record don't count; they were never synced";
+        int status = readOnly ? 0 : SxOs::get().truncate(tix.getFd(), static_cast<int64>(tixEnd));
+        // They must not come to life behind records that are appended from here on.
+        if (status == 0 && !readOnly) status = -tix.sync();
+        if (status < 0) tix.raise("Cannot cut", status, UNIT, __LINE__);
+    }
+    const SxMutexBlock lock(&mutex);
+    nSlots = used.size();
+    for (uint64 slot = nSlots; slot-- > 0;) {
+        if (!used[slot]) freeSlots.push_back({slot});
+    }
+}
+
+/// False where the file was cut ahead of its first sync.
+bool WriteLayer::readHeader(uint64 size) const {
+    uint64 header[2] = {};
+    if (size < sizeof header) return false;
+    const int64 got = tix.readAt(header, sizeof header, 0);
+    if (got < 0) tix.raise("Cannot read", got, UNIT, __LINE__);
+    const uint64 magic = little(header[0]), nBlocks = little(header[1]);
+    if (magic == 0 && nBlocks == 0) return false;
+    if (magic != MAGIC) {
+        throw SxException("'" + SxString(tix.getPath()) + "' is not the index of a write layer", UNIT,
+                          __LINE__);
+    }
+    if (nBlocks == map->nRaw()) return true;
+    throw SxException("'" + SxString(tix.getPath()) + "' belongs to a disk of " + nBlocks +
+                          " blocks, this one has " + map->nRaw(),
+                      UNIT, __LINE__);
+}
+
+uint64 WriteLayer::readRecords(uint64 size, std::vector<bool>* used) {
+    const uint64 nSlotsInFile = tmp.isOpen() ? tmp.getSize() / BLOCK_SIZE : 0;
+    std::vector<Record> records(std::min(size / sizeof(Record), RECORDS_AT_ONCE));
+    uint64 at = sizeof(Record);
+    while (size - at >= sizeof(Record)) {
+        const uint64 n = std::min<uint64>((size - at) / sizeof(Record), records.size());
+        const int64 got = tix.readAt(records.data(), n * sizeof(Record), at);
+        if (got < 0) tix.raise("Cannot read", got, UNIT, __LINE__);
+        const uint64 nGot = static_cast<uint64>(got) / sizeof(Record);
+        for (uint64 i = 0; i < nGot; ++i, at += sizeof(Record)) {
+            const uint64 rawIdx = little(records[i].rawIdx);
+            const uint32 slot = little(records[i].slot);
+            if (little(records[i].check) != checkOf(rawIdx, slot)) return at;
+            adoptRecord({rawIdx}, {slot}, nSlotsInFile, used);
+        }
+        if (nGot < n) break;
+    }
+    return at;
+}
+
+void WriteLayer::adoptRecord(RawIdx rawIdx, SlotIdx slot, uint64 nSlotsInFile, std::vector<bool>* used) {
+    const auto refuse = [&](const SxString& fault) {
+        throw SxException("'" + SxString(tix.getPath()) + "' has " + fault + " (RAW block " + rawIdx.value +
+                              " in slot " + slot.value + ")",
+                          UNIT, __LINE__);
+    };
+    if (rawIdx.value >= map->nRaw()) refuse("a block beyond the disk");
+    if (slot.value >= nSlotsInFile) refuse("a slot beyond 'img.tmp'");
+    if (slot.value >= map->nRaw() + SPARE_SLOTS) refuse("a slot that can't have been given out");
+    if (slot.value >= used->size()) used->resize(slot.value + 1);
+    if ((*used)[slot.value]) refuse("a slot twice");
+    if (map->get(rawIdx).isSlot()) refuse("a block twice");
+    (*used)[slot.value] = true;
+    map->set(rawIdx, slot);
+}
+
+void WriteLayer::create() {
+    const SxMutexBlock turn(&changing);
+    if (tmp.isOpen()) return;
+    // What lies in the files without a record was never synced.
+    const unsigned flags = SxOs::Read | SxOs::Write | SxOs::Create | SxOs::Truncate | SxOs::NoFollow;
+    tix.open(folder + "img.tix", flags);
+    tixEnd = 0;
+    namesPending = true;
+    tmp.open(folder + "img.tmp", flags);
+    publishedFd = tmp.getFd();
+}
+
+int WriteLayer::write(RawIdx first, uint64 n, const char* data) {
+    if (failedError.load() != 0) return EIO;
+    if (getFd() < 0) {
+        try {
+            create();
+        } catch (const SxException& e) {
+            note(e.toString(SxException::ShowMessage, ": "));
+            return EIO;
+        }
+    }
+    for (uint64 i = 0; i < n;) {
+        const BlockMap::Place place = map->get(first + i);
+        uint64 end = i + 1;
+        const auto continues = [&](BlockMap::Place next) {
+            if (!place.isSlot()) return !next.isSlot();
+            return next.isSlot() && next.slot() == place.slot() + (end - i);
+        };
+        while (end < n && continues(map->get(first + end)))
+            ++end;
+        const char* from = data + i * BLOCK_SIZE;
+        const int error =
+            place.isSlot() ? writeInSlots(place.slot(), end - i, from) : writeNew(first + i, end - i, from);
+        if (error) return error;
+        i = end;
+    }
+    return hasManyPending() ? sync() : 0;
+}
+
+/// A slot is written in place, as a disk does it: a cut leaves the old bytes or the new ones. So the layer
+/// never outgrows the disk, however often its blocks are written, and needs no compaction.
+int WriteLayer::writeInSlots(SlotIdx first, uint64 n, const char* data) {
+    const int error = tmp.writeAt(data, n * BLOCK_SIZE, static_cast<uint64>(first.byte()));
+    dirty = true;
+    if (error == 0 || error == ENOSPC) return error;
+    return fail("Cannot write '" + SxString(tmp.getPath()) + "'", error);
+}
+
+int WriteLayer::writeNew(RawIdx first, uint64 n, const char* data) {
+    while (n > 0) {
+        uint64 nGiven = n;
+        const SlotIdx slot = allocate(&nGiven);
+        if (nGiven == 0) return ENOSPC;
+        if (const int error = writeInSlots(slot, nGiven, data)) {
+            const SxMutexBlock lock(&mutex);
+            for (uint64 i = nGiven; i-- > 0;)
+                freeSlots.push_back(slot + i);
+            return error;
+        }
+        publish(first, slot, nGiven);
+        first = first + nGiven;
+        data += nGiven * BLOCK_SIZE;
+        n -= nGiven;
+    }
+    return 0;
+}
+
+/// Takes up to `*n` slots that lie together, and says how many.
+SlotIdx WriteLayer::allocate(uint64* n) {
+    const SxMutexBlock lock(&mutex);
+    if (freeSlots.empty()) {
+        const SlotIdx slot{nSlots};
+        const uint64 end = std::min<uint64>(map->nRaw() + SPARE_SLOTS, uint64{1} << 32);
+        *n = std::min(*n, end - std::min(nSlots, end));
+        nSlots += *n;
+        return slot;
+    }
+    const SlotIdx slot = freeSlots.back();
+    uint64 nTaken = 0;
+    while (nTaken < *n && !freeSlots.empty() && freeSlots.back() == slot + nTaken) {
+        freeSlots.pop_back();
+        ++nTaken;
+    }
+    *n = nTaken;
+    return slot;
+}
+
+void WriteLayer::publish(RawIdx first, SlotIdx slot, uint64 n) {
+    const SxMutexBlock lock(&mutex);
+    for (uint64 i = 0; i < n; ++i) {
+        if (map->get(first + i).isSlot()) {
+            // Another write of this block ran at once and was quicker: as if it had come behind this one.
+            freeSlots.push_back(slot + i);
+            continue;
+        }
+        map->set(first + i, slot + i);
+        pending.push_back(makeRecord(first + i, slot + i));
+    }
+}
+
+WriteLayer::Record WriteLayer::makeRecord(RawIdx rawIdx, SlotIdx slot) {
+    const auto number = static_cast<uint32>(slot.value);
+    return {little(rawIdx.value), little(number), little(checkOf(rawIdx.value, number))};
+}
+
+bool WriteLayer::hasManyPending() const {
+    const SxMutexBlock lock(&mutex);
+    return pending.size() >= MAX_PENDING;
+}
+
+int WriteLayer::sync() {
+    const SxMutexBlock turn(&changing);
+    return syncInTurn();
+}
+
+int WriteLayer::syncInTurn() {
+    if (failedError.load() != 0) return EIO;
+    if (!tmp.isOpen()) return 0;
+    std::vector<Record> records;
+    {
+        const SxMutexBlock lock(&mutex);
+        records.swap(pending);
+    }
+    if (dirty.exchange(false)) {
+        if (const int error = tmp.sync()) {
+            return fail("Cannot bring '" + SxString(tmp.getPath()) + "' to the disk", error);
+        }
+    }
+    if (namesPending) {
+        if (const int status = SxOs::get().syncDir(folder); status < 0) {
+            return fail("Cannot bring the names in '" + SxString(folder) + "' to the disk", -status);
+        }
+        namesPending = false;
+    }
+    return records.empty() ? 0 : appendRecords(&records);
+}
+
+int WriteLayer::appendRecords(std::vector<Record>* records) {
+    int error = tixEnd == 0 ? writeHeader(tix) : 0;
+    const uint64 at = std::max<uint64>(tixEnd, sizeof(Record)), size = records->size() * sizeof(Record);
+    if (!error) error = tix.writeAt(records->data(), size, at);
+    if (error == ENOSPC) {
+        // The data is safe, and the same records can be written later.
+        const SxMutexBlock lock(&mutex);
+        pending.insert(pending.begin(), records->begin(), records->end());
+        return error;
+    }
+    if (!error) error = tix.sync();
+    if (error) return fail("Cannot write '" + SxString(tix.getPath()) + "'", error);
+    tixEnd = at + size;
+    return 0;
+}
+
+int WriteLayer::writeHeader(const DriveFile& file) const {
+    const uint64 header[2] = {little(MAGIC), little(map->nRaw())};
+    static_assert(sizeof header == sizeof(Record));
+    return file.writeAt(header, sizeof header, 0);
+}
+
+void WriteLayer::note(const SxString& text) {
+    const SxMutexBlock lock(&mutex);
+    if (failure.isEmpty()) failure = text;
+}
+
+int WriteLayer::fail(const SxString& what, int error) {
+    failedError = error;
+    note(what + ": " + SxOs::errorText(error));
+    return error;
+}
+
+SxString WriteLayer::getFailure() const {
+    const SxMutexBlock lock(&mutex);
+    return failure;
+}
