@@ -145,6 +145,7 @@ private:
     void announce(const ReadPlan::Run* run, const ReadPlan::Run* end) const;
     bool isInLastBlock(uint64 from) const;
 
+    bool isEdgeMissing(uint64 offset, uint32 size) const;
     int writeNow(uint64 offset, uint32 size, const char* buffer, bool* isMissing);
     int writePart(RawIdx rawIdx, uint64 from, uint64 n, const char* data, bool* isMissing);
     int writeBlocks(RawIdx first, uint64 n, const char* data);

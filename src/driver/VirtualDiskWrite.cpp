@@ -34,12 +34,23 @@ VirtualDisk::Result VirtualDisk::write(uint64 offset, uint32 size, const char* b
     const Counted counted(&nWriting);
     if (const auto verdict = admit(offset, size, token, true, retry, error)) return *verdict;
     for (;;) {
-        bool isMissing = false;
-        *error = writeNow(offset, size, buffer, &isMissing);
+        // Looked at first, so that a held write has done nothing yet.
+        bool isMissing = isEdgeMissing(offset, size);
+        *error = isMissing ? 0 : writeNow(offset, size, buffer, &isMissing);
         if (*error) return Result::Failed;
         if (!isMissing) return Result::Done;
         if (const auto verdict = hold(offset, size, token, true, error)) return *verdict;
     }
+}
+
+/// Whether the first or the last block is missing, and only a part of it written.
+bool VirtualDisk::isEdgeMissing(uint64 offset, uint32 size) const {
+    for (const uint64 at : {offset, offset + size - 1}) {
+        const RawIdx rawIdx{at / BLOCK_SIZE};
+        const BlockMap::Place place = map.get(rawIdx);
+        if (isPartWritten(rawIdx, offset, size) && place.isStored() && isMissing(place.zqfIdx())) return true;
+    }
+    return false;
 }
 
 /// Gives 0 or an errno value. Where a block is missing of which a part is written, only some of it is done.

@@ -31,9 +31,8 @@ inline std::ostream& operator<<(std::ostream& out, const TreeMark& mark) {
 /// so that what a test sees doesn't depend on what it tests.
 class TempDir {
 public:
-    TempDir() {
-        const std::filesystem::path base = std::filesystem::canonical(std::filesystem::temp_directory_path());
-        std::string name = (base / "tavrin-test-XXXXXX").string();
+    explicit TempDir(const std::filesystem::path& base = std::filesystem::temp_directory_path()) {
+        std::string name = (std::filesystem::canonical(base) / "tavrin-test-XXXXXX").string();
         if (!::mkdtemp(name.data())) throw std::runtime_error("no temporary folder");
         folder = name;
     }
@@ -43,6 +42,13 @@ public:
     }
     TempDir(const TempDir&) = delete;
     TempDir& operator=(const TempDir&) = delete;
+
+    /// Where the system keeps files in memory, or the usual place: for tests that sync ten thousand times and
+    /// don't care for the device.
+    static std::filesystem::path inMemory() {
+        return std::filesystem::is_directory("/dev/shm") ? "/dev/shm"
+                                                         : std::filesystem::temp_directory_path();
+    }
 
     /// The absolute path of the folder, or of a name in it.
     std::string path() const { return folder.string(); }
