@@ -1,0 +1,251 @@
+#include "DriveImage.h"
+#include "SxException.h"
+#include "VirtualClock.h"
+
+#include <cstring>
+#include <gmock/gmock.h>
+
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using Result = VirtualDisk::Result;
+
+std::string failureOf(const std::function<void()>& work) {
+    try {
+        work();
+    } catch (const SxException& e) {
+        return e.toString(SxException::ShowMessage, ": ").str();
+    }
+    return "";
+}
+
+/// An image whose blocks stand in RAW order, of which none is present.
+struct OrderedImage : DriveImage {
+    explicit OrderedImage(TestRandom random = TestRandom(1)) : DriveImage(random, 32, 1.0, "watched/") {
+        zqf = image.raw;
+        for (int64 rawIdx = 0; rawIdx < 32; ++rawIdx)
+            image.map(rawIdx) = static_cast<uint64>(rawIdx);
+        sizeRaw = sizeZqf = zqf.size();
+        image.write(prefix);
+        std::ofstream(path("img.zqf"), std::ios::binary) << zqf;
+    }
+    void deliver(VirtualDisk* drive, uint64 zqfIdx, uint64 n) const {
+        drive->deliver(zqfIdx, zqf.data() + zqfIdx * BLOCK_SIZE, n * BLOCK_SIZE);
+    }
+};
+
+struct Drive {
+    explicit Drive(const OrderedImage& image_, uint64 cursor = 0, Mode mode = Mode::Ro)
+        : image(image_),
+          disk(image.config(mode, cursor), [this](uint64 token) { woken.push_back(token); }) {}
+
+    Result read(uint64 rawIdx, uint64 n, uint64 token, bool retry = false) {
+        buffer.assign(n * BLOCK_SIZE, '?');
+        error = 0;
+        return disk.read(rawIdx * BLOCK_SIZE, static_cast<uint32>(n * BLOCK_SIZE), buffer.data(), token,
+                         retry, &error);
+    }
+
+    const OrderedImage& image;
+    std::vector<uint64> woken;
+    VirtualDisk disk;
+    std::string buffer;
+    int error = 0;
+};
+
+struct TraceRecord {
+    uint64 block, time;
+};
+
+std::vector<TraceRecord> readTrace(const std::string& path) {
+    const std::string bytes = TempDir::readFile(path);
+    EXPECT_EQ(bytes.size() % sizeof(TraceRecord), 0U);
+    std::vector<TraceRecord> records(bytes.size() / sizeof(TraceRecord));
+    std::memcpy(records.data(), bytes.data(), records.size() * sizeof(TraceRecord));
+    return records;
+}
+
+} // namespace
+
+TEST(VirtualDisk, AnImageThatDoesNotFitIsRefused) {
+    struct Case {
+        const char* name;
+        std::function<void(const OrderedImage&, VirtualDisk::Config*)> spoil;
+        const char* failure;
+    };
+    const auto writeMap = [](const OrderedImage& image, int64 rawIdx, uint64 zqfIdx) {
+        std::string bytes = image.image.idxBytes();
+        std::memcpy(&bytes[static_cast<size_t>(rawIdx) * 8], &zqfIdx, 8);
+        image.dir.write("watched/img.idx", bytes);
+    };
+    const Case cases[] = {
+        {"no map", [](auto& i, auto*) { std::filesystem::remove(i.path("img.idx")); }, "img.idx"},
+        {"no blocks", [](auto& i, auto*) { std::filesystem::remove(i.path("img.zqf")); }, "img.zqf"},
+        {"odd map", [](auto& i, auto*) { std::filesystem::resize_file(i.path("img.idx"), 255); },
+         "Invalid size of"},
+        {"empty map", [](auto& i, auto*) { i.dir.write("watched/img.idx", ""); }, "Invalid size of"},
+        {"short map", [](auto& i, auto*) { std::filesystem::resize_file(i.path("img.idx"), 248); },
+         "has 31 entries"},
+        {"larger disk", [](auto&, auto* c) { ++c->sizeRaw; }, "needs 33"},
+        {"entry beyond", [&](auto& i, auto*) { writeMap(i, 3, 32); }, "ZqF index 32 for RAW block 3"},
+        {"top bit", [&](auto& i, auto*) { writeMap(i, 3, ~uint64{1}); }, "for RAW block 3"},
+        {"equal entries", [&](auto& i, auto* c) { writeMap(i, 3, 4), c->readOnly = false; },
+         "ZqF index 4 twice"},
+        {"partial in place", [](auto&, auto* c) { c->readOnly = false, c->cursor = 31; }, "31 of 32 blocks"},
+    };
+    for (const Case& test : cases) {
+        SCOPED_TRACE(test.name);
+        const OrderedImage image;
+        VirtualDisk::Config config = image.config(Mode::Ro, 32);
+        test.spoil(image, &config);
+        EXPECT_THAT(failureOf([&] { const VirtualDisk disk(config, [](uint64) {}); }),
+                    HasSubstr(test.failure));
+    }
+}
+
+TEST(VirtualDisk, ADeliveryThatDoesNotFitIsRefused) {
+    struct Case {
+        uint64 zqfIdx, length;
+        const char* failure;
+    };
+    const OrderedImage image;
+    Drive drive(image, 4);
+    const std::string bytes(UnderflowStore::MAX_DELIVERY + 4096, 'x');
+    for (const Case& test :
+         {Case{5, 0, "is empty"}, Case{32, 4096, "beyond the image"}, Case{~uint64{0}, 4096, "beyond"},
+          Case{31, 4097, "beyond the image"}, Case{5, 4095, "inside a block"},
+          Case{5, UnderflowStore::MAX_DELIVERY + 4096, "too long"}, Case{3, 4096, ""}, Case{31, 100, ""}}) {
+        const std::string failure =
+            failureOf([&] { drive.disk.deliver(test.zqfIdx, bytes.data(), test.length); });
+        EXPECT_THAT(failure, HasSubstr(test.failure)) << test.zqfIdx << ", " << test.length;
+        EXPECT_EQ(failure.empty(), *test.failure == '\0') << failure;
+    }
+    ASSERT_EQ(drive.read(3, 1, 1), Result::Done);
+    EXPECT_EQ(drive.buffer, image.image.rawBlock(3)) << "a delivery below the cursor changes nothing";
+    ASSERT_EQ(drive.read(31, 1, 1), Result::Done);
+    EXPECT_EQ(drive.buffer, std::string(100, 'x') + std::string(3996, '\0'));
+}
+
+TEST(VirtualDisk, TheQueueGivesTheOldestFirstAndUndeliveredBlocksAgain) {
+    VirtualClock clock;
+    const OrderedImage image;
+    Drive drive(image, 2);
+    ASSERT_EQ(drive.read(10, 3, 1), Result::Held);
+    ASSERT_EQ(drive.read(4, 2, 2), Result::Held);
+    ASSERT_EQ(drive.read(11, 4, 3), Result::Held);
+    EXPECT_EQ(drive.disk.queueLength(), 7U);
+    EXPECT_THAT(drive.disk.popMissing(4), ElementsAre(10, 11, 12, 4));
+    SxClock::get().sleepNs(60'000'000);
+    EXPECT_THAT(drive.disk.popMissing(2), ElementsAre(5, 13));
+    image.deliver(&drive.disk, 11, 1);
+    EXPECT_EQ(drive.disk.queueLength(), 1U);
+    SxClock::get().sleepNs(40'000'000);
+    EXPECT_EQ(drive.disk.queueLength(), 4U);
+    EXPECT_THAT(drive.disk.popMissing(9), ElementsAre(10, 12, 4, 14));
+    uint64 offset = 0, length = 0;
+    EXPECT_TRUE(drive.disk.oldestRequest(&offset, &length));
+    EXPECT_EQ(offset, 10 * BLOCK_SIZE);
+    EXPECT_EQ(length, 2 * BLOCK_SIZE);
+    drive.disk.setCursor(13);
+    EXPECT_THAT(drive.woken, testing::UnorderedElementsAre(1, 2)) << "the third waits for 13 and 14";
+    EXPECT_EQ(drive.disk.queueLength(), 0U);
+}
+
+TEST(VirtualDisk, HeldReadsFailWhenTheyAreToAndAtTheEnd) {
+    const OrderedImage image;
+    Drive drive(image, 2);
+    ASSERT_EQ(drive.read(10, 3, 1), Result::Held);
+    EXPECT_TRUE(drive.disk.isUnderflow());
+    drive.disk.setFailOnUnderflow();
+    EXPECT_THAT(drive.woken, ElementsAre(1));
+    EXPECT_FALSE(drive.disk.isUnderflow());
+    EXPECT_EQ(drive.disk.queueLength(), 0U);
+    EXPECT_EQ(drive.read(10, 3, 1, true), Result::Failed);
+    EXPECT_EQ(drive.error, EIO);
+    EXPECT_EQ(drive.read(20, 1, 2), Result::Failed);
+    EXPECT_EQ(drive.read(0, 2, 3), Result::Done);
+
+    drive.disk.suspend();
+    ASSERT_EQ(drive.read(0, 1, 4), Result::Held);
+    EXPECT_FALSE(drive.disk.isUnderflow()) << "it waits for no block";
+    drive.disk.close();
+    EXPECT_THAT(drive.woken, ElementsAre(1, 4));
+    EXPECT_EQ(drive.read(0, 1, 4, true), Result::Failed);
+    EXPECT_EQ(drive.error, EIO);
+}
+
+TEST(VirtualDisk, AFileThatIsShorterThanItsCursorIsAnError) {
+    const OrderedImage image;
+    Drive drive(image, 32);
+    std::filesystem::resize_file(image.path("img.zqf"), 8 * BLOCK_SIZE + 1);
+    EXPECT_EQ(drive.read(4, 4, 1), Result::Done);
+    EXPECT_EQ(drive.read(4, 5, 2), Result::Failed);
+    EXPECT_EQ(drive.error, EIO);
+    EXPECT_THAT(drive.disk.getFailure().str(), AllOf(HasSubstr("img.zqf"), HasSubstr("ends")));
+}
+
+TEST(VirtualDisk, TheTraceHasEachBlockOfEachRequestOnce) {
+    VirtualClock clock(1'700'000'000'000);
+    const OrderedImage image;
+    Drive drive(image, 4, Mode::Rtw);
+    drive.disk.setQACursor(3);
+    EXPECT_EQ(drive.read(0, 1, 1), Result::Done);
+    image.dir.write("watched/img.trc", "of an older run");
+    drive.disk.monitorOn(image.prefix);
+    EXPECT_FALSE(drive.disk.hasTraceEvent());
+    EXPECT_EQ(drive.read(2, 3, 2), Result::Held);
+    image.deliver(&drive.disk, 4, 1);
+    EXPECT_EQ(drive.read(2, 3, 2, true), Result::Done);
+    EXPECT_TRUE(drive.disk.hasTraceEvent());
+    EXPECT_FALSE(drive.disk.hasTraceEvent());
+    SxClock::get().sleepNs(1'500'200);
+    clock.adjustSystem(-5000);
+    EXPECT_EQ(drive.disk.write(7 * BLOCK_SIZE, 4096, drive.buffer.data(), 3, false, &drive.error),
+              Result::Done);
+    drive.disk.tick();
+    EXPECT_EQ(readTrace(image.path("img.trc")).size(), 4U);
+    drive.disk.monitorOff();
+    EXPECT_EQ(drive.read(0, 1, 4), Result::Done);
+
+    constexpr uint64 START = (1'700'000'000'000 + 11'644'473'600'000) * 10'000, WRITE = uint64{1} << 63;
+    std::vector<std::pair<uint64, uint64>> found;
+    for (const TraceRecord& record : readTrace(image.path("img.trc")))
+        found.emplace_back(record.block, record.time);
+    EXPECT_THAT(found, ElementsAre(std::pair(2, START), std::pair(3, START), std::pair(4, START),
+                                   std::pair(7 | WRITE, START + 15'002)));
+    EXPECT_EQ(drive.disk.nReads(), 3U);
+    EXPECT_EQ(drive.disk.nBeyondQA(), 1U);
+}
+
+TEST(VirtualDisk, ATraceThatCanNotBeWrittenEndsAndReadsGoOn) {
+    const OrderedImage image;
+    FaultOs os(image.dir.path("watched"));
+    Drive drive(image, 32);
+    EXPECT_THAT(failureOf([&] { drive.disk.monitorOn(image.prefix + "nowhere"); }),
+                HasSubstr("nowhere/img.trc"));
+    drive.disk.monitorOn(image.prefix);
+    os.failNth(FaultOs::Op::Write, 1, EIO, "img.trc");
+    EXPECT_EQ(drive.read(0, 3, 1), Result::Done);
+    drive.disk.tick();
+    EXPECT_FALSE(drive.disk.isMonitored());
+    EXPECT_THAT(drive.disk.getTraceFailure().str(), HasSubstr("img.trc"));
+    EXPECT_EQ(drive.read(0, 3, 2), Result::Done);
+}
+
+TEST(VirtualDisk, ADeliveryThatCanNotBeKeptCanBeGivenAgain) {
+    const OrderedImage image;
+    FaultOs os(image.dir.path("watched"));
+    Drive drive(image, 2);
+    ASSERT_EQ(drive.read(10, 3, 1), Result::Held);
+    os.setDiskLeft(BLOCK_SIZE);
+    EXPECT_THAT(failureOf([&] { image.deliver(&drive.disk, 10, 3); }), HasSubstr("ZqF block 10"));
+    EXPECT_THAT(drive.woken, IsEmpty());
+    os.setDiskLeft(1 << 30);
+    image.deliver(&drive.disk, 10, 3);
+    EXPECT_THAT(drive.woken, ElementsAre(1));
+    EXPECT_EQ(drive.read(10, 3, 1, true), Result::Done);
+    EXPECT_EQ(drive.buffer, image.image.raw.substr(10 * BLOCK_SIZE, 3 * BLOCK_SIZE));
+    EXPECT_EQ(image.dir.snapshot("watched").size(), 4U) << "the store's file has no name";
+}

@@ -1,0 +1,243 @@
+#include "DriveImage.h"
+#include "SxException.h"
+
+#include <gmock/gmock.h>
+
+namespace {
+
+using testing::HasSubstr;
+
+std::string failureOf(const std::function<void()>& work) {
+    try {
+        work();
+    } catch (const SxException& e) {
+        return e.toString(SxException::ShowMessage, ": ").str();
+    }
+    return "";
+}
+
+/// A drive on which requests are never held.
+class Drive {
+public:
+    Drive(const DriveImage& image_, Mode mode)
+        : image(image_),
+          disk(image.config(mode, image.nZqf), [](uint64) { ADD_FAILURE() << "woken"; }) {}
+
+    int write(uint64 rawIdx, const std::string& block) {
+        int error = 0;
+        const auto size = static_cast<uint32>(image.validBytes(rawIdx));
+        disk.write(rawIdx * BLOCK_SIZE, size, block.data(), 1, false, &error);
+        return error;
+    }
+    std::string read(uint64 rawIdx) {
+        int error = 0;
+        std::string block(image.validBytes(rawIdx), '?');
+        disk.read(rawIdx * BLOCK_SIZE, static_cast<uint32>(block.size()), block.data(), 1, false, &error);
+        return error ? "errno " + std::to_string(error) : block;
+    }
+
+    const DriveImage& image;
+    VirtualDisk disk;
+};
+
+/// Writes at random, and knows which contents each block may have after a cut.
+class Writer {
+public:
+    Writer(const DriveImage& image_, TestRandom* random_)
+        : image(image_),
+          random(*random_),
+          allowed(image.nRaw()) {
+        const std::string raw = image.rawBytes();
+        for (uint64 rawIdx = 0; rawIdx < image.nRaw(); ++rawIdx)
+            allowed[rawIdx] = {raw.substr(rawIdx * BLOCK_SIZE, BLOCK_SIZE)};
+    }
+
+    /// Ends at the first failure. A flush counts as a sync.
+    void run(Mode mode, int nSteps) {
+        try {
+            Drive drive(image, mode);
+            for (int n = 0; n < nSteps; ++n) {
+                if (!step(&drive)) return;
+            }
+            if (drive.disk.close() == 0) settle();
+        } catch (const SxException&) {
+        }
+    }
+
+    std::string findLoss(Mode mode) {
+        Drive drive(image, mode);
+        for (uint64 rawIdx = 0; rawIdx < image.nRaw(); ++rawIdx) {
+            const std::string block = drive.read(rawIdx);
+            std::vector<std::string>& versions = allowed[rawIdx];
+            if (std::find(versions.begin(), versions.end(), block) == versions.end()) {
+                return "RAW block " + std::to_string(rawIdx) + " has none of its " +
+                       std::to_string(versions.size()) + " versions: " + block.substr(0, 20);
+            }
+            versions = {block};
+        }
+        return "";
+    }
+
+private:
+    bool step(Drive* drive) {
+        const uint64 kind = random.below(20);
+        if (kind == 0) {
+            if (!failureOf([&] { drive->disk.flushLayer(); }).empty()) return false;
+            settle();
+        } else if (kind < 4) {
+            if (drive->disk.sync() != 0) return false;
+            settle();
+        } else {
+            const uint64 rawIdx = random.below(image.nRaw());
+            allowed[rawIdx].push_back(random.bytes(image.validBytes(rawIdx)));
+            if (drive->write(rawIdx, allowed[rawIdx].back()) != 0) return false;
+        }
+        return true;
+    }
+    /// What was written last is durable.
+    void settle() {
+        for (std::vector<std::string>& versions : allowed)
+            versions = {versions.back()};
+    }
+
+    const DriveImage& image;
+    TestRandom& random;
+    std::vector<std::vector<std::string>> allowed; ///< by RAW index, the newest last
+};
+
+class WriteLayerCut : public testing::TestWithParam<Mode> {};
+
+} // namespace
+
+TEST_P(WriteLayerCut, AtAnyStepKeepsWhatIsSynced) {
+    TestRandom random(17);
+    TRACE_SEED(random);
+    int64 nCuts = 0;
+    for (int64 cutAt = 1;; ++cutAt) {
+        DriveImage image(random, 24, 0.6, "watched/", TempDir::inMemory());
+        image.put(0, image.nZqf, false);
+        FaultOs os(image.dir.path("watched"));
+        Writer writer(image, &random);
+        writer.run(GetParam(), 40);
+        os.cutPowerAt(os.getNSteps() + cutAt);
+        writer.run(GetParam(), 60);
+        const bool wasCut = os.isCut();
+        std::mt19937_64 chance(static_cast<uint64>(cutAt));
+        os.crash(cutAt % 2 ? &chance : nullptr);
+        ASSERT_EQ(writer.findLoss(Mode::Ro), "") << "cut at step " << cutAt;
+        // What the cut has left must not come back behind what is written from here on.
+        writer.run(GetParam(), 30);
+        os.crash(&chance);
+        ASSERT_EQ(writer.findLoss(GetParam()), "") << "second cut behind step " << cutAt;
+        nCuts += wasCut;
+        if (!wasCut && cutAt > 60) break;
+    }
+    EXPECT_GT(nCuts, 10);
+}
+
+INSTANTIATE_TEST_SUITE_P(Modes, WriteLayerCut, testing::Values(Mode::Rtw, Mode::Rw));
+
+TEST(WriteLayer, ADamagedIndexIsCutOrRefused) {
+    constexpr size_t RECORD = 16;
+    struct Case {
+        const char* name;
+        std::function<void(std::string* tix, std::string* tmp)> damage;
+        int nKept; ///< of three written blocks
+        const char* failure;
+    };
+    const Case cases[] = {
+        {"whole", [](std::string*, std::string*) {}, 3, ""},
+        {"empty", [](std::string* tix, std::string*) { tix->clear(); }, 0, ""},
+        {"cut header", [](std::string* tix, std::string*) { tix->resize(7); }, 0, ""},
+        {"cut record", [](std::string* tix, std::string*) { tix->resize(4 * RECORD - 1); }, 2, ""},
+        {"zeros behind", [](std::string* tix, std::string*) { tix->append(3 * RECORD, '\0'); }, 3, ""},
+        {"all zeros", [](std::string* tix, std::string*) { tix->assign(tix->size(), '\0'); }, 0, ""},
+        {"a bit of the index", [](std::string* tix, std::string*) { (*tix)[2 * RECORD] ^= 1; }, 1, ""},
+        {"a bit of the slot", [](std::string* tix, std::string*) { (*tix)[3 * RECORD + 9] ^= 4; }, 2, ""},
+        {"a record twice", [](std::string* tix, std::string*) { tix->append(*tix, RECORD, RECORD); }, 0,
+         "twice"},
+        {"no data", [](std::string*, std::string* tmp) { tmp->clear(); }, 0, "beyond 'img.tmp'"},
+        {"short data", [](std::string*, std::string* tmp) { tmp->pop_back(); }, 0, "beyond 'img.tmp'"},
+        {"another file", [](std::string* tix, std::string*) { tix->replace(0, 4, "What"); }, 0,
+         "not the index"},
+        {"another disk", [](std::string* tix, std::string*) { ++(*tix)[8]; }, 0, "belongs to a disk of"},
+    };
+    for (const Case& test : cases) {
+        SCOPED_TRACE(test.name);
+        TestRandom random(3);
+        const DriveImage image(random, 8);
+        image.put(0, image.nZqf, false);
+        const std::string block(BLOCK_SIZE, 'w');
+        {
+            Drive drive(image, Mode::Rtw);
+            for (const uint64 rawIdx : {5, 1, 3})
+                ASSERT_EQ(drive.write(rawIdx, block), 0);
+        }
+        std::string tix = TempDir::readFile(image.path("img.tix")),
+                    tmp = TempDir::readFile(image.path("img.tmp"));
+        test.damage(&tix, &tmp);
+        image.dir.write("img.tix", tix);
+        image.dir.write("img.tmp", tmp);
+        for (const Mode mode : {Mode::Ro, Mode::Rtw, Mode::Rw}) {
+            int nKept = 0;
+            const std::string failure = failureOf([&] {
+                Drive drive(image, mode);
+                for (const uint64 rawIdx : {5, 1, 3})
+                    nKept += drive.read(rawIdx) == block;
+            });
+            EXPECT_EQ(nKept, test.nKept);
+            EXPECT_EQ(failure.empty(), *test.failure == '\0') << failure;
+            EXPECT_THAT(failure, AllOf(HasSubstr(test.failure), HasSubstr(*test.failure ? "img.tix" : "")));
+        }
+    }
+}
+
+TEST(WriteLayer, AFullDiskFailsTheWriterAndNothingElse) {
+    TestRandom random(4);
+    const DriveImage image(random, 16, 0.5, "watched/");
+    image.put(0, image.nZqf, false);
+    FaultOs os(image.dir.path("watched"));
+    const std::string one(BLOCK_SIZE, '1'), two(BLOCK_SIZE, '2');
+    {
+        Drive drive(image, Mode::Rtw);
+        ASSERT_EQ(drive.write(0, one), 0);
+        os.setDiskLeft(BLOCK_SIZE / 2);
+        EXPECT_EQ(drive.write(1, two), ENOSPC);
+        EXPECT_EQ(drive.write(0, two), 0) << "a slot that is there needs no room";
+        os.setDiskLeft(1 << 20);
+        EXPECT_EQ(drive.write(2, two), 0);
+        EXPECT_EQ(drive.disk.sync(), 0);
+    }
+    os.crash();
+    Drive drive(image, Mode::Ro);
+    EXPECT_EQ(drive.read(0), two);
+    EXPECT_EQ(drive.read(1), image.rawBytes().substr(BLOCK_SIZE, BLOCK_SIZE));
+    EXPECT_EQ(drive.read(2), two);
+}
+
+TEST(WriteLayer, NoWriteIsTakenBehindAFailedOne) {
+    struct Case {
+        Mode mode;
+        FaultOs::Op op;
+        const char* file;
+    };
+    for (const Case& test :
+         {Case{Mode::Rtw, FaultOs::Op::Write, "img.tmp"}, Case{Mode::Rtw, FaultOs::Op::Sync, "img.tmp"},
+          Case{Mode::Rtw, FaultOs::Op::Sync, "img.tix"}, Case{Mode::Rw, FaultOs::Op::Write, "img.zqf"},
+          Case{Mode::Rw, FaultOs::Op::Sync, "img.zqf"}}) {
+        SCOPED_TRACE(std::string(test.file) + " op " + std::to_string(static_cast<int>(test.op)));
+        TestRandom random(5);
+        const DriveImage image(random, 16, 1.0, "watched/");
+        image.put(0, image.nZqf, false);
+        FaultOs os(image.dir.path("watched"));
+        Drive drive(image, test.mode);
+        os.failNth(test.op, 1, EIO, test.file);
+        const std::string block(BLOCK_SIZE, 'b');
+        EXPECT_TRUE(drive.write(0, block) == EIO || drive.disk.sync() == EIO);
+        EXPECT_EQ(os.getNFailed(), 1);
+        EXPECT_EQ(drive.write(1, block), EIO);
+        EXPECT_NE(drive.disk.sync(), 0);
+        EXPECT_NE(drive.disk.close(), 0);
+        EXPECT_THAT(drive.disk.getFailure().str(), HasSubstr(test.file));
+    }
+}
