@@ -17,11 +17,11 @@ struct ZqDiskStatus {
     SxString mountPath; ///< host path of the mounted volume; empty until it is mounted
     SxString drive;     ///< letter and colon; empty until it has one
     SxString failure;   ///< why it could not be mounted; empty where nothing failed
-    uint64 deviceId = 0, cursor = 0, nIncluded = 0, queueLength = 0;
+    uint64 deviceId = 0, sectorSize = 0, cursor = 0, nIncluded = 0, queueLength = 0;
     uint64 nReads = 0;    ///< reads that reached the drive
     uint64 nHeld = 0;     ///< reads that are held now
     uint64 nBeyondQA = 0; ///< reads at or above the QA cursor
-    bool underflow = false, suspended = false, monitored = false;
+    bool removable = false, underflow = false, suspended = false, monitored = false;
     int64 servicePid = 0;
 };
 
@@ -46,6 +46,8 @@ public:
 
     /// All disks of the machine root's service, in the order of their device ids; none where no service runs.
     static SxList<ZqDiskStatus> getDisks();
+    /// The disk of one image, by any spelling of its folder; false where it isn't mounted.
+    static bool findDisk(const SxString& image, ZqDiskStatus* status);
     /// Removes what a service that was killed has left behind in this machine root (mounts, loop devices,
     /// connections, letters, the socket). Gives whether there was something.
     static bool removeLeftovers();

@@ -11,7 +11,7 @@
 
 namespace {
 
-constexpr const char* UNIT = "src/base/ZqImageLock";
+constexpr const char* UNIT = "src/platform/devctl/ZqImageLock";
 constexpr int N_SLOTS = 48;
 constexpr int64 SLOT_SIZE = 256;
 constexpr int64 RANGE_BASE = int64{1} << 32;

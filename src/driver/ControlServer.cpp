@@ -1,0 +1,175 @@
+#include "ControlServer.h"
+
+#include "DriverLog.h"
+#include "SxException.h"
+#include "SxOs.h"
+#include "SxTime.h"
+#include "ZqServiceFolder.h"
+
+#include <cerrno>
+#include <cstring>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr const char* UNIT = "src/driver/ControlServer";
+constexpr int TICK_MS = 100;
+/// More connections than this at a time wait in the kernel's queue.
+constexpr size_t MAX_CONNECTIONS = 512;
+
+[[noreturn]] void fail(const SxString& what) {
+    throw SxException(what + ": " + SxOs::errorText(errno), UNIT, __LINE__);
+}
+
+bool isSameUser(int fd) {
+    ucred peer = {};
+    socklen_t size = sizeof peer;
+    return ::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 && peer.uid == ::geteuid();
+}
+
+} // namespace
+
+/// One client's thread of requests.
+class ControlServer::Connection : public SxSystemThread {
+public:
+    Connection(ControlServer* server_, int fd_) : server(server_), fd(fd_) { setThreadName("client"); }
+    ~Connection() override { ::close(fd); }
+    /// Ends the thread's wait for a request.
+    void hangUp() { ::shutdown(fd, SHUT_RDWR); }
+
+protected:
+    void main() override {
+        while (const auto request = ZqDriveWire::receive(fd)) {
+            if (!server->begin()) return;
+            const bool sent = answer(*request);
+            server->done();
+            if (!sent) return;
+        }
+    }
+
+private:
+    bool answer(const ZqDriveWire::Message& request) {
+        try {
+            return ZqDriveWire::send(fd, ZqDriveWire::SUCCESS,
+                                     server->service->handle(request.kind, request.body));
+        } catch (const SxException& e) {
+            return ZqDriveWire::send(fd, ZqDriveWire::FAILURE, e.toString(SxException::ShowMessage, ": "));
+        } catch (const std::bad_alloc&) {
+            return ZqDriveWire::send(fd, ZqDriveWire::FAILURE, "The service is out of memory");
+        }
+    }
+
+    ControlServer* server;
+    int fd;
+};
+
+ControlServer::ControlServer(Service* service_, const std::string& folder_, int64 idleMs_)
+    : service(service_),
+      folder(folder_),
+      idleMs(idleMs_),
+      lastNs(SxClock::get().steadyNs()) {
+}
+
+ControlServer::~ControlServer() {
+    if (listener >= 0) ::close(listener);
+    for (const auto& connection : connections)
+        connection->hangUp();
+    for (const auto& connection : connections)
+        connection->wait();
+}
+
+void ControlServer::listen() {
+    const std::string path = folder + ZqServiceFolder::SOCKET;
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    if (path.size() >= sizeof address.sun_path) {
+        throw SxException("The path '" + SxString(path) + "' is too long for a socket", UNIT, __LINE__);
+    }
+    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+    listener = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    if (listener < 0) fail("Cannot make a socket");
+    // What a dead service has left there nobody listens to.
+    ::unlink(path.c_str());
+    if (::bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
+        ::listen(listener, SOMAXCONN) != 0)
+        fail("Cannot listen at '" + SxString(path) + "'");
+}
+
+void ControlServer::accept() {
+    const int fd = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+    if (fd < 0) return;
+    if (!isSameUser(fd)) {
+        ::close(fd);
+        return;
+    }
+    auto connection = std::make_unique<Connection>(this, fd);
+    try {
+        connection->start();
+        connections.push_back(std::move(connection));
+    } catch (const SxException& e) {
+        driverLog(e.toString(SxException::ShowMessage, ": "));
+    }
+}
+
+void ControlServer::collect() {
+    connections.remove_if([](const std::unique_ptr<Connection>& connection) {
+        if (connection->isRunning()) return false;
+        connection->wait();
+        return true;
+    });
+}
+
+bool ControlServer::begin() {
+    const SxMutexBlock block(&mutex);
+    if (closing) return false;
+    ++nActive;
+    return true;
+}
+
+void ControlServer::done() {
+    const SxMutexBlock block(&mutex);
+    --nActive;
+    lastNs = SxClock::get().steadyNs();
+}
+
+/// Ends the service under the start lock, so that a client which finds the socket gone starts another one,
+/// and never two at a time.
+bool ControlServer::endIfIdle() {
+    {
+        const SxMutexBlock block(&mutex);
+        if (nActive > 0 || SxClock::get().steadyNs() - lastNs < idleMs * 1'000'000) return false;
+    }
+    if (service->hasDisks()) return false;
+    SxOs& os = SxOs::get();
+    const int lock =
+        os.open(folder + ZqServiceFolder::START_LOCK, SxOs::Read | SxOs::Write | SxOs::Create, 0600);
+    if (lock < 0) return false;
+    bool ended = false;
+    if (os.lockRange(lock, 0, 1, SxOs::Lock::Exclusive) == 0) {
+        pollfd pending = {listener, POLLIN, 0};
+        const SxMutexBlock block(&mutex);
+        if (nActive == 0 && ::poll(&pending, 1, 0) == 0) {
+            closing = ended = true;
+            ::unlink((folder + ZqServiceFolder::SOCKET).c_str());
+        }
+    }
+    os.close(lock);
+    return ended;
+}
+
+void ControlServer::run(const std::atomic<bool>& stop) {
+    int64 nextTickNs = 0;
+    while (!stop) {
+        pollfd waiting = {listener, POLLIN, 0};
+        if (connections.size() < MAX_CONNECTIONS && ::poll(&waiting, 1, TICK_MS) > 0) accept();
+        if (connections.size() >= MAX_CONNECTIONS) SxTime::msleep(SxWait::LOOK_MS);
+        collect();
+        if (SxClock::get().steadyNs() < nextTickNs) continue;
+        nextTickNs = SxClock::get().steadyNs() + TICK_MS * 1'000'000;
+        service->tick();
+        if (endIfIdle()) return;
+    }
+}

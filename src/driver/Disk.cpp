@@ -1,0 +1,313 @@
+#include "Disk.h"
+
+#include "DriverLog.h"
+#include "Helper.h"
+#include "SxFSAction.h"
+#include "SxFileIO.h"
+#include "SxOs.h"
+#include "SxTime.h"
+#include "ZqServiceFolder.h"
+
+#include <cstring>
+#include <fstream>
+
+namespace {
+
+constexpr const char* UNIT = "src/driver/Disk";
+/// A mount may wait for blocks as long as somebody wants it to: an eject ends it.
+constexpr int64 MOUNT_MS = int64{24} * 3600 * 1000;
+/// Unmounting writes what a program has left to be written.
+constexpr int64 UNMOUNT_MS = 20'000;
+constexpr int64 REDIRECT_MS = 20'000;
+/// Token of the reads that this process does itself; no request has that address.
+constexpr uint64 OWN_TOKEN = 0;
+constexpr uint32 SUPERBLOCK_BYTES = 8192;
+
+/// While blocks are missing, and while a trace is recorded, read-ahead would touch blocks that nobody asked
+/// for; none at all would cost most of the throughput.
+constexpr const char* LOW_READ_AHEAD = "16";    // KiB
+constexpr const char* FULL_READ_AHEAD = "1024"; // KiB
+
+SxString describe(const SxException& e) {
+    return e.toString(SxException::ShowMessage, ": ");
+}
+
+} // namespace
+
+/// Brings the volume up, which may wait for missing blocks.
+class Disk::Starter : public SxSystemThread {
+public:
+    explicit Starter(Disk* disk_) : owner(disk_) { setThreadName("mount"); }
+
+protected:
+    void main() override { owner->start(); }
+
+private:
+    Disk* owner;
+};
+
+Disk::Disk(const MountParams& params_, const SxString& root_, const SxString& folder_, uint64 deviceId_,
+           uint64 cacheSize)
+    : params(params_),
+      root(root_),
+      folder(folder_),
+      deviceId(deviceId_),
+      driveLock(ZqImageLock::take(params.image, ZqImageLock::Drive, ZqImageLock::Exclusive, "drive service")),
+      shapeLock(ZqImageLock::take(params.image, ZqImageLock::Shape, ZqImageLock::Shared, "drive service")),
+      disk({params.image + "/", params.sizeRaw, params.sectorSize, params.cursor, params.readOnly,
+            params.writeLayer, cacheSize},
+           [this](uint64 token) {
+               if (token == OWN_TOKEN) {
+                   firstWoken = true;
+               } else {
+                   front.wake(token);
+               }
+           }),
+      front(&disk) {
+    if (!disk.getNotice().isEmpty()) driverLog(params.image + ": " + disk.getNotice());
+    if (!params.traceFolder.isEmpty()) disk.monitorOn(params.traceFolder);
+    starter = std::make_unique<Starter>(this);
+    starter->start();
+}
+
+Disk::~Disk() {
+    eject();
+}
+
+void Disk::start() {
+    try {
+        bringUp();
+    } catch (const SxException& e) {
+        const SxString text = describe(e);
+        driverLog("image " + params.image + " can't be mounted: " + text);
+        front.end();
+        const SxMutexBlock block(&mutex);
+        failure = text;
+        state = State::Failed;
+    }
+}
+
+void Disk::bringUp() {
+    const SxString type = detectType();
+    if (type == "erofs" && !params.readOnly && !params.writeLayer) {
+        throw SxException("An EROFS volume can't be written to: mount it with mode ro or rtw", UNIT,
+                          __LINE__);
+    }
+    for (const char* name : {ZqServiceFolder::FRONT, ZqServiceFolder::VOLUME})
+        SxFSAction::mkdir_p(folder + "/" + name, 0700);
+    front.mount((folder + "/" + ZqServiceFolder::FRONT).str(), "tavrin",
+                type == "erofs" ? FuseFront::Cache::Keep : FuseFront::Cache::Bypass);
+    attach(type);
+    SxFileIO::writeAtomic(
+        folder + "/" + ZqServiceFolder::IDENTITY,
+        SxString(ZqServiceFolder::VENDOR) + "\n" + ZqServiceFolder::PRODUCT + "\n" + deviceId + "\n", 0600);
+    const SxMutexBlock block(&tearing);
+    if (ending) throw SxException("The disk was ejected", UNIT, __LINE__);
+    letter.take(root, folder + "/" + ZqServiceFolder::VOLUME);
+    setState(State::Mounted);
+    driverLog("image " + params.image + " is drive " + letter.get() + ", " + type);
+}
+
+void Disk::attach(const SxString& type) {
+    const SxString file = folder + "/" + ZqServiceFolder::FRONT + "/" + ZqServiceFolder::DISK_FILE;
+    const bool readOnly = params.readOnly || type != "ext4";
+    const bool low = !disk.isComplete() || disk.isMonitored();
+    const auto run = [&](const char* how) {
+        return Helper::run({"attach", how, file, folder + "/" + ZqServiceFolder::VOLUME, type,
+                            readOnly ? "ro" : "rw", low ? LOW_READ_AHEAD : FULL_READ_AHEAD},
+                           MOUNT_MS, [this] { unblock(); });
+    };
+    Helper::Facts facts = run(type == "erofs" ? "file" : "loop");
+    if (facts.count("needsLoop") != 0) {
+        front.setCache(FuseFront::Cache::Bypass);
+        facts = run("loop");
+    }
+    const SxMutexBlock block(&mutex);
+    loop = SxString(facts["loop"]);
+    if (low) readAhead = SxString(facts["readahead"]);
+}
+
+/// Makes everything fail that waits for this disk.
+void Disk::unblock() {
+    disk.setFailOnUnderflow();
+    disk.resume();
+    front.abort();
+}
+
+bool Disk::readBlocking(uint64 offset, uint32 size, char* to) {
+    int error = 0;
+    firstWoken = false;
+    VirtualDisk::Result result = disk.read(offset, size, to, OWN_TOKEN, false, &error);
+    while (result == VirtualDisk::Result::Held) {
+        while (!firstWoken && !ending)
+            SxTime::msleep(SxWait::LOOK_MS);
+        if (ending) {
+            disk.forget(OWN_TOKEN);
+            return false;
+        }
+        firstWoken = false;
+        result = disk.read(offset, size, to, OWN_TOKEN, true, &error);
+    }
+    return result == VirtualDisk::Result::Done;
+}
+
+SxString Disk::detectType() {
+    char bytes[SUPERBLOCK_BYTES] = {};
+    const auto n = static_cast<uint32>(std::min<uint64>(SUPERBLOCK_BYTES, params.sizeRaw));
+    if (!readBlocking(0, n, bytes)) {
+        throw SxException("The start of the volume can't be read", UNIT, __LINE__);
+    }
+    if (std::memcmp(bytes + 1024, "\xe2\xe1\xf5\xe0", 4) == 0) return "erofs";
+    if (std::memcmp(bytes + 1024 + 56, "\x53\xef", 2) == 0) return "ext4";
+    if (std::memcmp(bytes, "hsqs", 4) == 0) return "squashfs";
+    throw SxException("The image holds no file system that can be mounted (EROFS, ext4, squashfs)", UNIT,
+                      __LINE__);
+}
+
+SxString Disk::getLabel() {
+    char bytes[SUPERBLOCK_BYTES] = {};
+    int error = 0;
+    if (params.sizeRaw < SUPERBLOCK_BYTES || !isMounted() ||
+        disk.read(0, SUPERBLOCK_BYTES, bytes, OWN_TOKEN, true, &error) != VirtualDisk::Result::Done) {
+        disk.forget(OWN_TOKEN);
+        return {};
+    }
+    const bool erofs = std::memcmp(bytes + 1024, "\xe2\xe1\xf5\xe0", 4) == 0;
+    const char* name = bytes + 1024 + (erofs ? 64 : 120);
+    return SxString(std::string(name, ::strnlen(name, 16))).validUtf8();
+}
+
+bool Disk::isMounted() const {
+    const SxMutexBlock block(&mutex);
+    return state == State::Mounted;
+}
+
+void Disk::setState(State newState) {
+    const SxMutexBlock block(&mutex);
+    state = newState;
+}
+
+bool Disk::dismount() {
+    const SxMutexBlock block(&tearing);
+    return isMounted() && detach();
+}
+
+/// Unmounts the volume; the caller holds `tearing`.
+bool Disk::detach() {
+    disk.setFailOnUnderflow();
+    disk.resume();
+    letter.remove();
+    SxString device;
+    {
+        const SxMutexBlock block(&mutex);
+        device = loop;
+    }
+    const Helper::Facts facts =
+        Helper::run({"detach", folder + "/" + ZqServiceFolder::VOLUME, device.isEmpty() ? "-" : device},
+                    UNMOUNT_MS, [this] { front.abort(); });
+    const bool busy = facts.count("busy") != 0;
+    // What a program still has open fails from here on, so that it can't wait for ever.
+    if (busy) front.abort();
+    setState(State::Detached);
+    return busy;
+}
+
+void Disk::eject() {
+    ending = true;
+    disk.setFailOnUnderflow();
+    disk.resume();
+    starter->wait();
+    const SxMutexBlock block(&tearing);
+    {
+        const SxMutexBlock inner(&mutex);
+        if (state == State::Gone) return;
+    }
+    try {
+        detach();
+    } catch (const SxException& e) {
+        driverLog("image " + params.image + ": " + describe(e));
+        front.abort();
+    }
+    front.end();
+    const int error = disk.close();
+    if (error != 0) driverLog("image " + params.image + " could not be closed: " + SxOs::errorText(error));
+    removeFolder();
+    setState(State::Gone);
+}
+
+/// Removes what the disk has made in its folder, one by one: where a volume could not be unmounted, nothing
+/// of it must be touched.
+void Disk::removeFolder() {
+    const std::string path = folder.str() + "/";
+    SxOs::get().unlink(path + ZqServiceFolder::IDENTITY);
+    SxOs::get().removeDir(path + ZqServiceFolder::VOLUME);
+    SxOs::get().removeDir(path + ZqServiceFolder::FRONT);
+    const int result = SxOs::get().removeDir(folder.str());
+    if (result < 0) driverLog("folder " + folder + " can't be removed: " + SxOs::errorText(result));
+}
+
+void Disk::redirect(const SxList<SxString>& names, const SxString& directory) {
+    const SxMutexBlock block(&tearing);
+    if (!isMounted()) throw SxException("The volume isn't mounted", UNIT, __LINE__);
+    SxList<SxString> words = {"redirect", folder + "/" + ZqServiceFolder::VOLUME, directory};
+    words.append(names);
+    Helper::run(words, REDIRECT_MS, [this] { unblock(); });
+}
+
+void Disk::restore() {
+    const SxMutexBlock block(&tearing);
+    if (!isMounted()) return;
+    Helper::run({"restore", folder + "/" + ZqServiceFolder::VOLUME}, REDIRECT_MS, [this] { unblock(); });
+}
+
+void Disk::setCursor(uint64 zqfIdx) {
+    disk.setCursor(zqfIdx);
+    if (disk.isComplete()) raiseReadAhead();
+}
+
+void Disk::raiseReadAhead() {
+    if (disk.isMonitored()) return;
+    const SxMutexBlock block(&mutex);
+    if (readAhead.isEmpty() || state != State::Mounted) return;
+    std::ofstream(readAhead.str()) << FULL_READ_AHEAD;
+    readAhead = SxString();
+}
+
+void Disk::tick() {
+    disk.tick();
+    if (disk.isComplete()) raiseReadAhead();
+    // A loop device has 128 requests: when all are held, it stands still.
+    constexpr uint64 NEARLY_ALL = 100;
+    const uint64 nHeld = disk.nHeld();
+    const SxMutexBlock block(&mutex);
+    if (!loop.isEmpty() && nHeld >= NEARLY_ALL && !fullLogged) {
+        driverLog("image " + params.image + " holds " + SxString(nHeld) +
+                  " reads; at 128 its loop device serves no others");
+    }
+    fullLogged = nHeld >= NEARLY_ALL;
+}
+
+ZqDiskStatus Disk::getStatus() {
+    ZqDiskStatus status;
+    status.image = params.image;
+    status.removable = params.removable;
+    status.deviceId = deviceId;
+    status.sectorSize = params.sectorSize;
+    status.cursor = disk.getCursor();
+    status.nIncluded = disk.nIncluded();
+    status.queueLength = disk.queueLength();
+    status.nReads = disk.nReads();
+    status.nHeld = disk.nHeld();
+    status.nBeyondQA = disk.nBeyondQA();
+    status.underflow = disk.isUnderflow();
+    status.suspended = disk.isSuspended();
+    status.monitored = disk.isMonitored();
+    status.servicePid = SxOs::processId();
+    const SxMutexBlock block(&mutex);
+    status.failure = failure;
+    if (state == State::Mounted) {
+        status.mountPath = folder + "/" + ZqServiceFolder::VOLUME;
+        status.drive = letter.get();
+    }
+    return status;
+}

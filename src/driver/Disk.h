@@ -1,0 +1,95 @@
+#pragma once
+
+#include "DriveLetter.h"
+#include "FuseFront.h"
+#include "SxPtr.h"
+#include "ZqImageLock.h"
+#include "ZqVolume.h"
+
+#include <optional>
+
+/// What a disk is made from.
+struct MountParams {
+    SxString image;       ///< canonical path of the image folder
+    SxString traceFolder; ///< host path; empty for no trace
+    bool readOnly = true, writeLayer = false, removable = false;
+    bool hostFlag = false, awaitFileSystem = false, spareFlag = false; ///< kept as they came
+    uint64 sizeRaw = 0, sectorSize = 0;                                ///< bytes
+    uint64 cursor = 0;                                                 ///< blocks
+};
+
+/// One mounted image: the virtual disk, the file that shows it to the kernel, the volume on it, its letter
+/// and its redirections. All operations are safe from any thread.
+///
+///   state     disk  file  volume  letter   goes on to
+///   Starting  yes   yes   -       -        Mounted, Failed, Gone
+///   Mounted   yes   yes   yes     yes      Detached, Gone
+///   Detached  yes   yes   -       -        Gone        the volume was dismounted
+///   Failed    yes   -     -       -        Gone        says why, until it is ejected
+///   Gone      -     -     -       -
+class Disk {
+public:
+    /// Opens the image, takes its locks and starts to bring the volume up. `root` is the machine root,
+    /// `folder` the disk's own folder, both host paths. Raises where the image can't be served.
+    Disk(const MountParams& params, const SxString& root, const SxString& folder, uint64 deviceId,
+         uint64 cacheSize);
+    ~Disk();
+    Disk(const Disk&) = delete;
+    Disk& operator=(const Disk&) = delete;
+
+    /// Takes the volume out of use; gives whether it was in use, and was detached all the same. Raises where
+    /// it can't be done.
+    bool dismount();
+    /// Removes everything. Never raises; what can't be removed is told in the log.
+    void eject();
+
+    /// Whether the volume is there, so that the guard can be attached.
+    bool isMounted() const;
+    /// Redirects names (relative to the protected folder) to the folder's private copies.
+    void redirect(const SxList<SxString>& names, const SxString& directory);
+    /// Undoes that.
+    void restore();
+    void setCursor(uint64 zqfIdx);
+    /// The volume's label, from its superblock; empty where that isn't present.
+    SxString getLabel();
+    void tick();
+
+    ZqDiskStatus getStatus();
+    VirtualDisk* getVirtualDisk() { return &disk; }
+    const MountParams& getParams() const { return params; }
+    uint64 getDeviceId() const { return deviceId; }
+
+private:
+    enum class State { Starting, Mounted, Detached, Failed, Gone };
+    class Starter;
+
+    void start();
+    void bringUp();
+    void attach(const SxString& type);
+    void unblock();
+    bool readBlocking(uint64 offset, uint32 size, char* to);
+    SxString detectType();
+    bool detach();
+    void removeFolder();
+    void raiseReadAhead();
+    void setState(State newState);
+
+    const MountParams params;
+    const SxString root, folder;
+    const uint64 deviceId;
+    const SxPtr<ZqImageLock> driveLock, shapeLock;
+
+    VirtualDisk disk;
+    FuseFront front;
+    DriveLetter letter;
+    std::unique_ptr<Starter> starter;
+    std::atomic<bool> ending{false}, firstWoken{false};
+
+    SxMutex tearing; ///< held over everything that unmounts
+    mutable SxMutex mutex;
+    State state SX_GUARDED_BY(mutex) = State::Starting;
+    SxString failure SX_GUARDED_BY(mutex);
+    SxString loop SX_GUARDED_BY(mutex);      ///< device; empty without one
+    SxString readAhead SX_GUARDED_BY(mutex); ///< setting of the kernel that is still low
+    bool fullLogged SX_GUARDED_BY(mutex) = false;
+};

@@ -1,0 +1,336 @@
+#include "FuseFront.h"
+
+#include "DriverLog.h"
+#include "SxException.h"
+#include "SxOs.h"
+#include "SxQueue.h"
+#include "ZqServiceFolder.h"
+
+#define FUSE_USE_VERSION 314
+#include <fuse_lowlevel.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr const char* UNIT = "src/driver/FuseFront";
+constexpr int N_WORKERS = 4;
+/// Requests of a file system or a loop device count as background ones, and the kernel sends no more than
+/// this many at a time. Held ones are among them, so at the usual 12 a few would stop the whole disk.
+constexpr unsigned MAX_BACKGROUND = 4096;
+constexpr fuse_ino_t FILE_INODE = 2;
+constexpr double FOREVER = 1e9; // seconds
+
+/// A thread's space for one request.
+class Buffer {
+public:
+    Buffer() : bytes(static_cast<char*>(std::aligned_alloc(4096, MAX_REQUEST))) {
+        if (!bytes) throw std::bad_alloc();
+    }
+    ~Buffer() { std::free(bytes); }
+    Buffer(const Buffer&) = delete;
+    Buffer& operator=(const Buffer&) = delete;
+    char* get() const { return bytes; }
+
+private:
+    char* bytes;
+};
+
+char* buffer() {
+    thread_local const Buffer space;
+    return space.get();
+}
+
+FuseFront* front(fuse_req_t req) {
+    return static_cast<FuseFront*>(fuse_req_userdata(req));
+}
+
+struct stat attributes(const FuseFront& front, fuse_ino_t ino) {
+    struct stat info = {};
+    info.st_ino = ino;
+    info.st_uid = ::geteuid();
+    info.st_gid = ::getegid();
+    if (ino == FUSE_ROOT_ID) {
+        info.st_mode = S_IFDIR | 0700;
+        info.st_nlink = 2;
+    } else {
+        info.st_mode = S_IFREG | 0600;
+        info.st_nlink = 1;
+        info.st_size = static_cast<off_t>(front.getDisk()->getSizeRaw());
+        info.st_blksize = 4096;
+    }
+    return info;
+}
+
+void opInit(void*, fuse_conn_info* connection) {
+    // Copying is faster here than splicing pages that are then read in another order.
+    connection->want &= ~static_cast<unsigned>(FUSE_CAP_SPLICE_READ | FUSE_CAP_SPLICE_WRITE |
+                                               FUSE_CAP_SPLICE_MOVE | FUSE_CAP_WRITEBACK_CACHE);
+    connection->want |= connection->capable & (FUSE_CAP_ASYNC_DIO | FUSE_CAP_ASYNC_READ);
+    connection->max_background = MAX_BACKGROUND;
+    connection->congestion_threshold = MAX_BACKGROUND;
+    connection->max_write = MAX_REQUEST;
+    connection->max_readahead = MAX_REQUEST;
+}
+
+void opLookup(fuse_req_t req, fuse_ino_t parent, const char* name) {
+    if (parent != FUSE_ROOT_ID || std::strcmp(name, ZqServiceFolder::DISK_FILE) != 0) {
+        fuse_reply_err(req, ENOENT);
+        return;
+    }
+    fuse_entry_param entry = {};
+    entry.ino = FILE_INODE;
+    entry.attr = attributes(*front(req), FILE_INODE);
+    entry.attr_timeout = entry.entry_timeout = FOREVER;
+    fuse_reply_entry(req, &entry);
+}
+
+void opGetattr(fuse_req_t req, fuse_ino_t ino, fuse_file_info*) {
+    const struct stat info = attributes(*front(req), ino);
+    fuse_reply_attr(req, &info, FOREVER);
+}
+
+void opOpen(fuse_req_t req, fuse_ino_t ino, fuse_file_info* file) {
+    if (ino != FILE_INODE) {
+        fuse_reply_err(req, EISDIR);
+        return;
+    }
+    const bool bypass = front(req)->getCache() == FuseFront::Cache::Bypass;
+    file->direct_io = bypass ? 1 : 0;
+    file->keep_cache = 1;
+    fuse_reply_open(req, file);
+}
+
+void opRead(fuse_req_t req, fuse_ino_t, size_t size, off_t offset, fuse_file_info*) {
+    front(req)->read(req, static_cast<uint64>(offset), size);
+}
+
+void opWrite(fuse_req_t req, fuse_ino_t, const char* data, size_t size, off_t offset, fuse_file_info*) {
+    front(req)->write(req, static_cast<uint64>(offset), data, size);
+}
+
+void opFsync(fuse_req_t req, fuse_ino_t, int, fuse_file_info*) {
+    fuse_reply_err(req, front(req)->getDisk()->sync());
+}
+
+fuse_lowlevel_ops operations() {
+    fuse_lowlevel_ops ops = {};
+    ops.init = opInit;
+    ops.lookup = opLookup;
+    ops.getattr = opGetattr;
+    ops.open = opOpen;
+    ops.read = opRead;
+    ops.write = opWrite;
+    ops.fsync = opFsync;
+    return ops;
+}
+
+} // namespace
+
+/// Takes requests from the kernel.
+class FuseFront::Worker : public SxSystemThread {
+public:
+    explicit Worker(fuse_session* session_) : session(session_) { setThreadName("fuse"); }
+
+protected:
+    void main() override {
+        fuse_buf request = {};
+        while (!fuse_session_exited(session)) {
+            const int got = fuse_session_receive_buf(session, &request);
+            if (got == -EINTR) continue;
+            if (got <= 0) break;
+            fuse_session_process_buf(session, &request);
+        }
+        std::free(request.mem);
+    }
+
+private:
+    fuse_session* session;
+};
+
+/// Finishes requests that were held.
+class FuseFront::Finisher : public SxSystemThread {
+public:
+    explicit Finisher(FuseFront* front_) : owner(front_) { setThreadName("fuse held"); }
+    void push(Request request) { todo.push(std::move(request)); }
+    void end() { todo.close(); }
+
+protected:
+    void main() override {
+        while (auto request = todo.pop())
+            owner->finish(std::move(*request));
+    }
+
+private:
+    FuseFront* owner;
+    SxQueue<Request> todo;
+};
+
+FuseFront::FuseFront(VirtualDisk* disk_) : disk(disk_) {
+}
+
+FuseFront::~FuseFront() {
+    end();
+}
+
+void FuseFront::mount(const std::string& mountPoint, const std::string& name, Cache cache_) {
+    cache = cache_;
+    const std::string source = "fsname=" + name;
+    const char* arguments[] = {"zqdd", "-o", source.c_str(), "-o", "nosuid,nodev,noexec", nullptr};
+    fuse_args args = FUSE_ARGS_INIT(5, const_cast<char**>(arguments));
+    const fuse_lowlevel_ops ops = operations();
+    session = fuse_session_new(&args, &ops, sizeof ops, this);
+    fuse_opt_free_args(&args);
+    if (!session) throw SxException("Cannot make a FUSE session", UNIT, __LINE__);
+    if (fuse_session_mount(session, mountPoint.c_str()) != 0) {
+        fuse_session_destroy(session);
+        session = nullptr;
+        throw SxException("Cannot mount the disk's file at '" + SxString(mountPoint) +
+                              "': is /dev/fuse there, and may it be opened?",
+                          UNIT, __LINE__);
+    }
+    {
+        const SxMutexBlock block(&mountMutex);
+        mountedAt = mountPoint;
+    }
+    finisher = std::make_unique<Finisher>(this);
+    finisher->start();
+    for (int i = 0; i < N_WORKERS; ++i) {
+        workers.push_back(std::make_unique<Worker>(session));
+        workers.back()->start();
+    }
+}
+
+void FuseFront::setCache(Cache cache_) {
+    cache = cache_;
+}
+
+void FuseFront::abort() {
+    // A forced unmount ends the connection, whether or not the mount can go.
+    const SxMutexBlock block(&mountMutex);
+    if (!mountedAt.empty() && ::umount2(mountedAt.c_str(), MNT_FORCE) == 0) mountedAt.clear();
+}
+
+void FuseFront::end() {
+    if (!session) return;
+    // The connection goes first: what is read from it behind the session's end would be lost, and its reader
+    // wait for ever.
+    abort();
+    {
+        const SxMutexBlock block(&mountMutex);
+        if (!mountedAt.empty() && ::umount2(mountedAt.c_str(), MNT_DETACH) != 0)
+            driverLog("cannot unmount " + SxString(mountedAt) + ": " + SxOs::errorText(errno));
+        mountedAt.clear();
+    }
+    for (const auto& worker : workers)
+        worker->wait();
+    workers.clear();
+    finisher->end();
+    finisher->wait();
+    {
+        // What is still held has nobody to be answered to; the requests must be given back all the same.
+        const SxMutexBlock block(&heldMutex);
+        for (const auto& [token, request] : held)
+            fuse_reply_err(request.req, EIO);
+        held.clear();
+    }
+    fuse_session_destroy(session);
+    session = nullptr;
+}
+
+void FuseFront::read(fuse_req* req, uint64 offset, uint64 size) {
+    const uint64 end = disk->getSizeRaw();
+    if (offset >= end || size > MAX_REQUEST) {
+        if (size > MAX_REQUEST) {
+            fuse_reply_err(req, EINVAL);
+        } else {
+            fuse_reply_buf(req, nullptr, 0);
+        }
+        return;
+    }
+    const auto n = static_cast<uint32>(std::min(size, end - offset));
+    int error = 0;
+    switch (disk->read(offset, n, buffer(), reinterpret_cast<uint64>(req), false, &error)) {
+    case VirtualDisk::Result::Done:
+        fuse_reply_buf(req, buffer(), n);
+        break;
+    case VirtualDisk::Result::Failed:
+        fuse_reply_err(req, error);
+        break;
+    case VirtualDisk::Result::Held:
+        hold({req, offset, n, false, {}});
+        break;
+    }
+}
+
+void FuseFront::write(fuse_req* req, uint64 offset, const char* data, uint64 size) {
+    const uint64 end = disk->getSizeRaw();
+    if (offset > end || size > MAX_REQUEST || size > end - offset) {
+        fuse_reply_err(req, EFBIG);
+        return;
+    }
+    const auto n = static_cast<uint32>(size);
+    int error = 0;
+    switch (disk->write(offset, n, data, reinterpret_cast<uint64>(req), false, &error)) {
+    case VirtualDisk::Result::Done:
+        fuse_reply_write(req, n);
+        break;
+    case VirtualDisk::Result::Failed:
+        fuse_reply_err(req, error);
+        break;
+    case VirtualDisk::Result::Held:
+        hold({req, offset, n, true, std::vector<char>(data, data + n)});
+        break;
+    }
+}
+
+void FuseFront::hold(Request request) {
+    const auto token = reinterpret_cast<uint64>(request.req);
+    {
+        const SxMutexBlock block(&heldMutex);
+        if (early.erase(token) == 0) {
+            held.emplace(token, std::move(request));
+            return;
+        }
+    }
+    finisher->push(std::move(request));
+}
+
+void FuseFront::wake(uint64 token) {
+    Request request;
+    {
+        const SxMutexBlock block(&heldMutex);
+        const auto found = held.find(token);
+        if (found == held.end()) {
+            early.insert(token);
+            return;
+        }
+        request = std::move(found->second);
+        held.erase(found);
+    }
+    finisher->push(std::move(request));
+}
+
+void FuseFront::finish(Request request) {
+    const auto token = reinterpret_cast<uint64>(request.req);
+    int error = 0;
+    const VirtualDisk::Result result =
+        request.write ? disk->write(request.offset, request.size, request.data.data(), token, true, &error)
+                      : disk->read(request.offset, request.size, buffer(), token, true, &error);
+    if (result == VirtualDisk::Result::Held) {
+        hold(std::move(request));
+    } else if (result == VirtualDisk::Result::Failed) {
+        fuse_reply_err(request.req, error);
+    } else if (request.write) {
+        fuse_reply_write(request.req, request.size);
+    } else {
+        fuse_reply_buf(request.req, buffer(), request.size);
+    }
+}

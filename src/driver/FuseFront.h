@@ -1,0 +1,83 @@
+#pragma once
+
+#include "SxMutex.h"
+#include "SxString.h"
+#include "SxSystemThread.h"
+#include "VirtualDisk.h"
+
+#include <atomic>
+#include <memory>
+#include <unordered_map>
+#include <unordered_set>
+#include <vector>
+
+struct fuse_session;
+struct fuse_req;
+
+/// Serves a virtual disk as one file, through the kernel's FUSE protocol. A request that can't be answered
+/// yet is stored, never waited for by a thread.
+///
+/// Threads: the owner's, which constructs, mounts and ends it; a few that serve requests; one that finishes
+/// requests which were held.
+class FuseFront {
+public:
+    /// How the kernel's page cache is used for the file.
+    enum class Cache {
+        Keep,  ///< for a file system that is mounted on the file itself
+        Bypass ///< for a loop device with direct I/O
+    };
+
+    /// `disk` must outlive the object.
+    explicit FuseFront(VirtualDisk* disk);
+    ~FuseFront();
+    FuseFront(const FuseFront&) = delete;
+    FuseFront& operator=(const FuseFront&) = delete;
+
+    /// Mounts the file's folder at `mountPoint` (a host path) and serves it. `name` is shown as the mount's
+    /// source. Raises where the kernel refuses.
+    void mount(const std::string& mountPoint, const std::string& name, Cache cache);
+    /// For what opens the file from now on.
+    void setCache(Cache cache);
+    /// Unmounts, detaching what is still in use, fails what is open then, and ends the threads. Harmless
+    /// where nothing is mounted.
+    void end();
+    /// Answers everything that comes from now on with an I/O error, and ends what waits in the kernel.
+    void abort();
+
+    /// To be called when the disk wants a held request tried again; from any thread.
+    void wake(uint64 token);
+
+    // For the protocol's operations.
+    struct Request {
+        fuse_req* req = nullptr;
+        uint64 offset = 0; ///< bytes
+        uint32 size = 0;   ///< bytes
+        bool write = false;
+        std::vector<char> data; ///< of a write
+    };
+    VirtualDisk* getDisk() const { return disk; }
+    Cache getCache() const { return cache; }
+    void read(fuse_req* req, uint64 offset, uint64 size);
+    void write(fuse_req* req, uint64 offset, const char* data, uint64 size);
+
+private:
+    class Worker;
+    class Finisher;
+
+    void hold(Request request);
+    void finish(Request request);
+
+    VirtualDisk* const disk;
+    std::atomic<Cache> cache{Cache::Keep};
+    fuse_session* session = nullptr;
+    std::vector<std::unique_ptr<Worker>> workers;
+    std::unique_ptr<Finisher> finisher;
+
+    SxMutex mountMutex; ///< held over unmounting, which waits for nobody
+    std::string mountedAt SX_GUARDED_BY(mountMutex);
+
+    SxMutex heldMutex;
+    std::unordered_map<uint64, Request> held SX_GUARDED_BY(heldMutex);
+    /// Woken before they were stored.
+    std::unordered_set<uint64> early SX_GUARDED_BY(heldMutex);
+};

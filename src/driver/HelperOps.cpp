@@ -1,0 +1,230 @@
+#include "HelperOps.h"
+
+#include "MountTable.h"
+#include "Redirection.h"
+#include "SxException.h"
+#include "SxOs.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <linux/loop.h>
+#include <set>
+#include <sys/ioctl.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr const char* UNIT = "src/driver/HelperOps";
+constexpr const char* BDI = "/sys/class/bdi/";
+
+[[noreturn]] void fail(const SxString& what, int error) {
+    throw SxException(what + ": " + SxOs::errorText(error), UNIT, __LINE__);
+}
+
+/// A descriptor that is closed at the end of its scope.
+class Descriptor {
+public:
+    Descriptor(const std::string& path, int flags) : fd(::open(path.c_str(), flags | O_CLOEXEC)) {
+        if (fd < 0) fail("Cannot open '" + SxString(path) + "'", errno);
+    }
+    ~Descriptor() { ::close(fd); }
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+    int get() const { return fd; }
+
+private:
+    int fd;
+};
+
+std::set<std::string> namesIn(const std::string& folder) {
+    std::set<std::string> names;
+    std::error_code error;
+    for (const auto& entry : std::filesystem::directory_iterator(folder, error))
+        names.insert(entry.path().filename());
+    return names;
+}
+
+/// Sets the read-ahead of the devices that have come since `before` was taken. EROFS numbers its own, and
+/// doesn't tell which one belongs to which mount; where two came at the same moment both get the value, and
+/// both are told to whoever raises it later.
+void setReadAhead(const std::set<std::string>& before, const std::string& kb) {
+    for (const std::string& name : namesIn(BDI)) {
+        if (before.count(name) != 0) continue;
+        std::ofstream(BDI + name + "/read_ahead_kb") << kb;
+        HelperOps::tell("readahead", BDI + name + "/read_ahead_kb");
+    }
+}
+
+/// Attaches a free loop device to the file; gives its path. `*fd` keeps it alive until it is mounted: it goes
+/// by itself when the last user has gone.
+std::string attachLoop(const std::string& file, bool readOnly, int* fd) {
+    const Descriptor control("/dev/loop-control", O_RDWR);
+    const Descriptor backing(file, readOnly ? O_RDONLY : O_RDWR);
+    for (int tries = 0; tries < 64; ++tries) {
+        const int number = ::ioctl(control.get(), LOOP_CTL_GET_FREE);
+        if (number < 0) fail("No free loop device", errno);
+        const std::string path = "/dev/loop" + std::to_string(number);
+        *fd = ::open(path.c_str(), (readOnly ? O_RDONLY : O_RDWR) | O_CLOEXEC);
+        if (*fd < 0) fail("Cannot open '" + SxString(path) + "'", errno);
+        loop_config config = {};
+        config.fd = static_cast<uint32>(backing.get());
+        config.block_size = 4096;
+        config.info.lo_flags = LO_FLAGS_DIRECT_IO | LO_FLAGS_AUTOCLEAR;
+        if (readOnly) config.info.lo_flags |= LO_FLAGS_READ_ONLY;
+        file.copy(reinterpret_cast<char*>(config.info.lo_file_name), LO_NAME_SIZE - 1);
+        if (::ioctl(*fd, LOOP_CONFIGURE, &config) == 0) return path;
+        const int error = errno;
+        ::close(*fd);
+        // Another process was faster.
+        if (error != EBUSY) fail("Cannot attach '" + SxString(path) + "' to the disk", error);
+    }
+    throw SxException("No free loop device", UNIT, __LINE__);
+}
+
+/// The options that a file system is mounted with; ours, not the image's.
+std::string optionsFor(const std::string& type, bool readOnly) {
+    if (type != "ext4") return {};
+    return readOnly ? "errors=remount-ro,noload" : "errors=remount-ro";
+}
+
+void mountLoop(const std::string& file, const std::string& folder, const std::string& type, bool readOnly,
+               const std::string& kb) {
+    int fd = -1;
+    const std::string loop = attachLoop(file, readOnly, &fd);
+    std::ofstream("/sys/block/" + loop.substr(5) + "/queue/read_ahead_kb") << kb;
+    unsigned long flags = MS_NOSUID | MS_NODEV;
+    if (readOnly) flags |= MS_RDONLY;
+    const int result =
+        ::mount(loop.c_str(), folder.c_str(), type.c_str(), flags, optionsFor(type, readOnly).c_str());
+    const int error = errno;
+    ::close(fd);
+    if (result != 0) fail("Cannot mount the " + SxString(type) + " volume", error);
+    HelperOps::tell("loop", loop);
+    HelperOps::tell("readahead", "/sys/block/" + loop.substr(5) + "/queue/read_ahead_kb");
+}
+
+void attachFile(const std::string& file, const std::string& folder, const std::string& type,
+                const std::string& kb) {
+    const std::set<std::string> before = namesIn(BDI);
+    if (::mount(file.c_str(), folder.c_str(), type.c_str(), MS_NOSUID | MS_NODEV | MS_RDONLY, nullptr) != 0) {
+        // Kernels before 6.12 want a block device.
+        if (errno == ENOTBLK) {
+            HelperOps::tell("needsLoop", "");
+            return;
+        }
+        fail("Cannot mount the " + SxString(type) + " volume", errno);
+    }
+    setReadAhead(before, kb);
+}
+
+void attach(const SxList<SxString>& words) {
+    const std::string &how = words(1).str(), &file = words(2).str(), &folder = words(3).str();
+    const std::string &type = words(4).str(), &kb = words(6).str();
+    if (how == "file") {
+        attachFile(file, folder, type, kb);
+    } else {
+        mountLoop(file, folder, type, words(5) == "ro", kb);
+    }
+}
+
+/// Unmounts what is mounted at `folder`; where it is in use, writes what is to be written and detaches it.
+/// Gives whether it was in use.
+bool unmount(const std::string& folder) {
+    if (::umount2(folder.c_str(), 0) == 0) return false;
+    if (errno == EINVAL || errno == ENOENT) return false; // nothing is mounted there
+    if (errno != EBUSY) fail("Cannot unmount '" + SxString(folder) + "'", errno);
+    const int fd = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd >= 0) {
+        ::syncfs(fd);
+        ::close(fd);
+    }
+    if (::umount2(folder.c_str(), MNT_DETACH) != 0 && errno != EINVAL)
+        fail("Cannot detach '" + SxString(folder) + "'", errno);
+    return true;
+}
+
+/// Unmounts all that is mounted below `folder`, the latest first.
+bool unmountBelow(const std::string& folder) {
+    std::vector<std::string> mounts = MountTable::below(folder);
+    bool busy = false;
+    for (auto mount = mounts.rbegin(); mount != mounts.rend(); ++mount)
+        busy = unmount(*mount) || busy;
+    return busy;
+}
+
+/// Frees a loop device; where its volume is still in use, as soon as that is over.
+void freeLoop(const std::string& loop) {
+    const int fd = ::open(loop.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return;
+    ::ioctl(fd, LOOP_CLR_FD);
+    ::close(fd);
+}
+
+void detach(const SxList<SxString>& words) {
+    bool busy = unmountBelow(words(1).str());
+    busy = unmount(words(1).str()) || busy;
+    if (busy) {
+        HelperOps::tell("busy", "");
+        if (words(2) != "-") freeLoop(words(2).str());
+    }
+}
+
+/// Loop devices whose file lies below `folder`.
+std::vector<std::string> loopsOn(const std::string& folder) {
+    std::vector<std::string> loops;
+    for (const std::string& name : namesIn("/sys/block")) {
+        if (!name.starts_with("loop")) continue;
+        std::ifstream file("/sys/block/" + name + "/loop/backing_file");
+        std::string path;
+        if (std::getline(file, path) && path.starts_with(folder)) loops.push_back("/dev/" + name);
+    }
+    return loops;
+}
+
+void sweep(const SxList<SxString>& words) {
+    const std::string& folder = words(1).str();
+    const std::vector<std::string> loops = loopsOn(folder);
+    // Forced, too: a connection whose service is stuck must be ended, or unmounting would wait for it.
+    std::vector<std::string> mounts = MountTable::below(folder);
+    for (auto mount = mounts.rbegin(); mount != mounts.rend(); ++mount) {
+        if (::umount2(mount->c_str(), MNT_DETACH | MNT_FORCE) != 0 && errno != EINVAL && errno != ENOENT)
+            fail("Cannot detach '" + SxString(*mount) + "'", errno);
+    }
+    for (const std::string& loop : loops)
+        freeLoop(loop);
+}
+
+} // namespace
+
+void HelperOps::tell(const std::string& name, const std::string& value) {
+    const std::string line = name + " " + value + "\n";
+    [[maybe_unused]] const ssize_t written = ::write(STDOUT_FILENO, line.data(), line.size());
+}
+
+void HelperOps::run(const SxList<SxString>& arguments) {
+    const auto is = [&](const char* name, int64 least) {
+        return arguments.getSize() >= least && arguments(0) == name;
+    };
+    if (is("attach", 7)) {
+        attach(arguments);
+    } else if (is("detach", 3)) {
+        detach(arguments);
+    } else if (is("redirect", 4)) {
+        SxList<SxString> names;
+        for (int64 i = 3; i < arguments.getSize(); ++i)
+            names.append(arguments(i));
+        Redirection::apply(arguments(1), arguments(2), names);
+    } else if (is("restore", 2)) {
+        if (unmountBelow(arguments(1).str())) tell("busy", "");
+    } else if (is("sweep", 2)) {
+        sweep(arguments);
+    } else {
+        throw SxException("No such operation", UNIT, __LINE__);
+    }
+}

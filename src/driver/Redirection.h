@@ -1,0 +1,18 @@
+#pragma once
+
+#include "SxList.h"
+#include "SxString.h"
+
+/// Puts private copies in the place of names of a mounted volume. A folder that both sides have gets a bind
+/// mount of its private copy. For anything else its parent folder gets a writable overlay whose upper layer
+/// is the private side: programs save a file by writing a new one beside it and renaming that over it, which
+/// a bind mount of a file refuses, and a name that the volume lacks has no place to mount on. Binds go on top
+/// of the overlays, which don't show mounts inside their layers.
+namespace Redirection {
+
+/// `volume` and `directory` are host paths; `names` are relative to the volume's protected folder, and the
+/// private copy of each is `directory`/<protected folder>/<name>. Raises on a name that could lead out of
+/// these folders, and where a mount fails.
+void apply(const SxString& volume, const SxString& directory, const SxList<SxString>& names);
+
+} // namespace Redirection

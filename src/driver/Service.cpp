@@ -1,0 +1,378 @@
+#include "Service.h"
+
+#include "DriverLog.h"
+#include "SxException.h"
+#include "SxFSAction.h"
+#include "SxFileIO.h"
+#include "SxOs.h"
+#include "ZqServiceFolder.h"
+#include "ZqServiceVersion.h"
+
+#include <cerrno>
+#include <unistd.h>
+
+using ZqDriveWire::Call, ZqDriveWire::Reader, ZqDriveWire::Writer;
+
+namespace {
+
+constexpr const char* UNIT = "src/driver/Service";
+constexpr int IMAGE_TYPE_ZQF = 1;
+
+[[noreturn]] void refuse(const SxString& text) {
+    throw SxException(text, UNIT, __LINE__);
+}
+
+void requireWhole(const Reader& request) {
+    if (!request.ok()) refuse("The request is malformed");
+}
+
+MountParams readParams(Reader* request) {
+    MountParams params;
+    params.image = request->text();
+    params.traceFolder = request->text();
+    params.readOnly = request->flag();
+    params.writeLayer = request->flag();
+    params.removable = request->flag();
+    params.hostFlag = request->flag();
+    params.awaitFileSystem = request->flag();
+    params.spareFlag = request->flag();
+    params.sizeRaw = request->number();
+    params.sectorSize = request->number();
+    params.cursor = request->number();
+    return params;
+}
+
+void writeParams(const MountParams& params, Writer* out) {
+    out->text(params.image).text(params.traceFolder);
+    for (const bool flag : {params.readOnly, params.writeLayer, params.removable, params.hostFlag,
+                            params.awaitFileSystem, params.spareFlag})
+        out->flag(flag);
+    out->number(params.sizeRaw).number(params.sectorSize).number(params.cursor);
+}
+
+void writeStatus(const ZqDiskStatus& status, Writer* out) {
+    out->text(status.image).text(status.mountPath).text(status.drive).text(status.failure);
+    for (const uint64 number : {status.deviceId, status.sectorSize, status.cursor, status.nIncluded,
+                                status.queueLength, status.nReads, status.nHeld, status.nBeyondQA})
+        out->number(number);
+    for (const bool flag : {status.removable, status.underflow, status.suspended, status.monitored})
+        out->flag(flag);
+    out->number(static_cast<uint64>(status.servicePid));
+}
+
+} // namespace
+
+Service::Service(const SxString& root_, const SxString& folder_) : root(root_), folder(folder_) {
+}
+
+Service::DiskPtr Service::find(const SxString& image) const {
+    const SxMutexBlock block(&mutex);
+    for (const auto& [id, disk] : disks) {
+        if (disk->getParams().image == image) return disk;
+    }
+    return nullptr;
+}
+
+Service::DiskPtr Service::require(Reader* request) const {
+    const SxString image = request->text();
+    DiskPtr disk = find(image);
+    if (!disk) refuse("Image '" + image + "' is not mounted");
+    return disk;
+}
+
+Service::DiskPtr Service::byDeviceId(uint64 deviceId) const {
+    const SxMutexBlock block(&mutex);
+    const auto found = disks.find(deviceId);
+    if (found == disks.end()) refuse("No disk has the device id " + SxString(deviceId));
+    return found->second;
+}
+
+Service::DiskPtr Service::byLetter(uint64 devId) const {
+    const std::string drive = std::string(1, static_cast<char>('A' + devId % 26)) + ":";
+    for (const DiskPtr& disk : all()) {
+        if (devId < 26 && disk->getStatus().drive == SxString(drive)) return disk;
+    }
+    refuse("No disk of this service is drive '" + SxString(drive) + "'");
+}
+
+std::vector<Service::DiskPtr> Service::all() const {
+    const SxMutexBlock block(&mutex);
+    std::vector<DiskPtr> result;
+    for (const auto& [id, disk] : disks)
+        result.push_back(disk);
+    return result;
+}
+
+bool Service::hasDisks() const {
+    const SxMutexBlock block(&mutex);
+    return !disks.empty();
+}
+
+void Service::mount(const MountParams& params) {
+    if (::geteuid() != 0) {
+        refuse("Mounting needs root: no user-space driver for this volume is set up; run the client as root");
+    }
+    const SxMutexBlock making(&mounting);
+    if (find(params.image)) refuse("Image '" + params.image + "' is mounted already");
+    uint64 deviceId = 1;
+    {
+        const SxMutexBlock block(&mutex);
+        while (disks.count(deviceId) != 0)
+            ++deviceId;
+    }
+    const SxString own = folder + ZqServiceFolder::MOUNTS + "/" + deviceId;
+    SxFSAction::mkdir_p(own, 0700);
+    DiskPtr disk;
+    try {
+        disk = std::make_shared<Disk>(params, root, own, deviceId, cacheSize.load());
+    } catch (const SxException&) {
+        SxOs::get().removeDir(own.str());
+        throw;
+    }
+    const SxMutexBlock block(&mutex);
+    disks[deviceId] = disk;
+}
+
+void Service::eject(const DiskPtr& disk) {
+    disk->eject();
+    const SxMutexBlock block(&mutex);
+    const auto found = disks.find(disk->getDeviceId());
+    if (found != disks.end() && found->second == disk) disks.erase(found);
+}
+
+void Service::ejectAll() {
+    for (const DiskPtr& disk : all())
+        eject(disk);
+}
+
+void Service::storeDisks() const {
+    const std::vector<DiskPtr> now = all();
+    Writer table;
+    table.number(now.size());
+    for (const DiskPtr& disk : now) {
+        MountParams params = disk->getParams();
+        params.cursor = disk->getVirtualDisk()->getCursor();
+        writeParams(params, &table);
+    }
+    SxFileIO::writeAtomic(folder + ZqServiceFolder::DISK_TABLE, SxString(table.body()), 0600);
+}
+
+void Service::loadDisks() {
+    const SxString file = folder + ZqServiceFolder::DISK_TABLE;
+    if (!SxFSAction::test_f(file)) return;
+    SxFileIO in(file, "rb");
+    SxArray<char> bytes(in.getSize());
+    const int64 n = in.readBuffer(bytes.data(), bytes.getSize());
+    Reader table(std::string(bytes.data(), static_cast<size_t>(n)));
+    std::vector<MountParams> stored;
+    for (uint64 left = table.number(); left > 0 && table.hasAll(); --left)
+        stored.push_back(readParams(&table));
+    if (!table.ok()) refuse("The table of disks '" + file + "' is damaged");
+    for (const MountParams& params : stored) {
+        if (!find(params.image)) mount(params);
+    }
+}
+
+void Service::reset() {
+    ejectAll();
+    cacheSize = 0;
+}
+
+void Service::tick() {
+    for (const DiskPtr& disk : all())
+        disk->tick();
+}
+
+std::string Service::handle(unsigned kind, const std::string& body) {
+    Reader request(body);
+    Writer answer;
+    const auto call = static_cast<Call>(kind);
+    if (kind >= static_cast<unsigned>(Call::End) ||
+        !(handleState(call, &request, &answer) || handleDisk(call, &request, &answer) ||
+          handleGuard(call, &request, &answer) || handleService(call, &request, &answer))) {
+        refuse("No such request");
+    }
+    return answer.body();
+}
+
+/// What asks for the state of disks.
+bool Service::handleState(Call call, Reader* request, Writer* answer) {
+    switch (call) {
+    case Call::State: {
+        const DiskPtr disk = find(request->text());
+        requireWhole(*request);
+        answer->flag(disk != nullptr);
+        if (disk) writeStatus(disk->getStatus(), answer);
+        return true;
+    }
+    case Call::Disks: {
+        requireWhole(*request);
+        const std::vector<DiskPtr> now = all();
+        answer->number(now.size());
+        for (const DiskPtr& disk : now)
+            writeStatus(disk->getStatus(), answer);
+        return true;
+    }
+    case Call::TraceEvent: {
+        const DiskPtr disk = require(request);
+        requireWhole(*request);
+        answer->flag(disk->getVirtualDisk()->hasTraceEvent());
+        return true;
+    }
+    case Call::RequestData: {
+        uint64 offset = 0, length = 0;
+        require(request)->getVirtualDisk()->oldestRequest(&offset, &length);
+        requireWhole(*request);
+        answer->number(offset).number(length);
+        return true;
+    }
+    case Call::PopMissing: {
+        const DiskPtr disk = require(request);
+        const uint64 room = std::min(request->number(), ZqDriveWire::MAX_INDICES);
+        requireWhole(*request);
+        const std::vector<uint64> popped = disk->getVirtualDisk()->popMissing(room);
+        answer->number(popped.size());
+        for (const uint64 zqfIdx : popped)
+            answer->number(zqfIdx);
+        return true;
+    }
+    case Call::Label: {
+        const DiskPtr disk = byDeviceId(request->number());
+        requireWhole(*request);
+        answer->text(disk->getLabel());
+        return true;
+    }
+    default:
+        return false;
+    }
+}
+
+/// What changes one disk.
+bool Service::handleDisk(Call call, Reader* request, Writer* answer) {
+    // Those with an image and a number, which some don't use.
+    const auto simple = [&](auto&& operation) {
+        const DiskPtr disk = require(request);
+        const uint64 number = request->number();
+        requireWhole(*request);
+        operation(disk, number);
+        return true;
+    };
+    switch (call) {
+    case Call::Eject:
+        return simple([&](const DiskPtr& disk, uint64) { eject(disk); });
+    case Call::SetCursor:
+        return simple([](const DiskPtr& disk, uint64 zqfIdx) { disk->setCursor(zqfIdx); });
+    case Call::SetQACursor:
+        return simple(
+            [](const DiskPtr& disk, uint64 zqfIdx) { disk->getVirtualDisk()->setQACursor(zqfIdx); });
+    case Call::Suspend:
+        return simple([](const DiskPtr& disk, uint64) { disk->getVirtualDisk()->suspend(); });
+    case Call::Resume:
+        return simple([](const DiskPtr& disk, uint64) { disk->getVirtualDisk()->resume(); });
+    case Call::FailOnUnderflow:
+        return simple([](const DiskPtr& disk, uint64) { disk->getVirtualDisk()->setFailOnUnderflow(); });
+    case Call::MonitorOff:
+        return simple([](const DiskPtr& disk, uint64) { disk->getVirtualDisk()->monitorOff(); });
+    case Call::FlushLayer:
+        return simple([](const DiskPtr& disk, uint64) { disk->getVirtualDisk()->flushLayer(); });
+    case Call::MonitorOn: {
+        const DiskPtr disk = require(request);
+        const SxString trace = request->text();
+        requireWhole(*request);
+        disk->getVirtualDisk()->monitorOn(trace);
+        return true;
+    }
+    case Call::Deliver: {
+        const DiskPtr disk = require(request);
+        const uint64 zqfIdx = request->number();
+        const std::string_view data = request->rest();
+        requireWhole(*request);
+        disk->getVirtualDisk()->deliver(zqfIdx, data.data(), data.size());
+        return true;
+    }
+    case Call::Dismount: {
+        const DiskPtr disk = byDeviceId(request->number());
+        requireWhole(*request);
+        answer->flag(disk->dismount());
+        return true;
+    }
+    default:
+        return false;
+    }
+}
+
+bool Service::handleGuard(Call call, Reader* request, Writer* answer) {
+    switch (call) {
+    case Call::GuardOn: {
+        const DiskPtr disk = byLetter(request->number());
+        requireWhole(*request);
+        answer->flag(disk->isMounted());
+        return true;
+    }
+    case Call::GuardOff: {
+        const DiskPtr disk = byLetter(request->number());
+        requireWhole(*request);
+        disk->restore();
+        answer->flag(true);
+        return true;
+    }
+    case Call::GuardImageType: {
+        byLetter(request->number());
+        const uint64 type = request->number();
+        requireWhole(*request);
+        if (type != IMAGE_TYPE_ZQF) refuse("The guard knows no image type " + SxString(type));
+        return true;
+    }
+    case Call::GuardLogging: {
+        guardLogging = request->flag();
+        requireWhole(*request);
+        return true;
+    }
+    case Call::GuardReparse: {
+        const DiskPtr disk = byLetter(request->number());
+        const SxString names = request->text(), directory = request->text();
+        requireWhole(*request);
+        if (guardLogging) driverLog("redirects " + names + " to " + directory);
+        disk->redirect(names.tokenize(','), directory);
+        return true;
+    }
+    default:
+        return false;
+    }
+}
+
+/// What concerns the service as a whole.
+bool Service::handleService(Call call, Reader* request, Writer* answer) {
+    switch (call) {
+    case Call::Mount: {
+        const MountParams params = readParams(request);
+        requireWhole(*request);
+        mount(params);
+        return true;
+    }
+    case Call::SetCacheSize: {
+        const uint64 bytes = request->number();
+        requireWhole(*request);
+        cacheSize = bytes;
+        for (const DiskPtr& disk : all())
+            disk->getVirtualDisk()->setCacheSize(bytes);
+        return true;
+    }
+    case Call::StoreDisks:
+        storeDisks();
+        return true;
+    case Call::LoadDisks:
+        loadDisks();
+        return true;
+    case Call::Reset:
+        reset();
+        return true;
+    case Call::Ping:
+        return true;
+    case Call::Version:
+        answer->text(ZQ_SERVICE_VERSION);
+        return true;
+    default:
+        return false;
+    }
+}

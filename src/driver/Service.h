@@ -1,0 +1,50 @@
+#pragma once
+
+#include "Disk.h"
+#include "SxMutex.h"
+#include "ZqDriveWire.h"
+
+#include <map>
+#include <memory>
+
+/// The table of disks and what a client can ask of it. All operations are safe from any thread.
+class Service {
+public:
+    /// `root` is the machine root, `folder` the service's own folder with a trailing slash; host paths.
+    Service(const SxString& root, const SxString& folder);
+
+    /// Carries out one request. Gives the body of the answer; raises where the request fails.
+    std::string handle(unsigned kind, const std::string& body);
+    /// Regular work, about every 100 ms.
+    void tick();
+    bool hasDisks() const;
+    /// Ejects everything.
+    void ejectAll();
+
+private:
+    using DiskPtr = std::shared_ptr<Disk>;
+
+    DiskPtr find(const SxString& image) const;
+    DiskPtr require(ZqDriveWire::Reader* request) const;
+    DiskPtr byDeviceId(uint64 deviceId) const;
+    DiskPtr byLetter(uint64 devId) const;
+    std::vector<DiskPtr> all() const;
+
+    void mount(const MountParams& params);
+    void eject(const DiskPtr& disk);
+    void storeDisks() const;
+    void loadDisks();
+    void reset();
+    bool handleState(ZqDriveWire::Call call, ZqDriveWire::Reader* request, ZqDriveWire::Writer* answer);
+    bool handleDisk(ZqDriveWire::Call call, ZqDriveWire::Reader* request, ZqDriveWire::Writer* answer);
+    bool handleGuard(ZqDriveWire::Call call, ZqDriveWire::Reader* request, ZqDriveWire::Writer* answer);
+    bool handleService(ZqDriveWire::Call call, ZqDriveWire::Reader* request, ZqDriveWire::Writer* answer);
+
+    const SxString root, folder;
+    std::atomic<uint64> cacheSize{0}; // bytes
+    std::atomic<bool> guardLogging{false};
+
+    SxMutex mounting; ///< held over making a disk, so that an image or a device id is not taken twice
+    mutable SxMutex mutex;
+    std::map<uint64, DiskPtr> disks SX_GUARDED_BY(mutex); ///< by device id
+};

@@ -1,0 +1,137 @@
+#include "ControlServer.h"
+#include "DriverLog.h"
+#include "Helper.h"
+#include "SxException.h"
+#include "SxFileIO.h"
+#include "SxOs.h"
+#include "SxTime.h"
+#include "ZqServiceFolder.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <filesystem>
+#include <sys/stat.h>
+#include <unistd.h>
+
+// The drive service:
+//
+//   zqdd --root MACHINE_ROOT --folder SERVICE_FOLDER    goes to the background when it listens; the client
+//   that
+//                                                       starts it holds the start lock
+//   zqdd helper OPERATION ...                           see HelperOps
+//
+// $TAVRIN_ZQDD_IDLE_MS: how long it stays with nothing to do, 30000 where not set. $TAVRIN_ZQDD_LOG: its log
+// file, else `zqdd.log` in its folder.
+
+namespace {
+
+constexpr int64 IDLE_MS = 30'000;
+constexpr int64 SWEEP_MS = 10'000;
+constexpr int64 MAX_LOG = 1 << 20; // bytes
+
+std::atomic<bool> stopRequested{false};
+
+void requestStop(int) {
+    stopRequested = true;
+}
+
+SxString option(int argc, char** argv, const char* name) {
+    for (int i = 1; i + 1 < argc; ++i) {
+        if (std::strcmp(argv[i], name) == 0) return argv[i + 1];
+    }
+    return {};
+}
+
+int64 idleMs() {
+    const char* text = std::getenv("TAVRIN_ZQDD_IDLE_MS");
+    bool bad = !text;
+    const int64 value = bad ? 0 : SxString(text).toInt64(&bad);
+    return bad ? IDLE_MS : value;
+}
+
+/// The log takes the place of standard error, and nothing of the client's stays open.
+void redirectOutput(const std::string& folder) {
+    const char* own = std::getenv("TAVRIN_ZQDD_LOG");
+    const std::string file = own && *own ? std::string(own) : folder + "zqdd.log";
+    struct stat info = {};
+    if (::stat(file.c_str(), &info) == 0 && info.st_size > MAX_LOG) {
+        std::rename(file.c_str(), (file + ".old").c_str());
+    }
+    const int log = ::open(file.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
+    const int null = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+    ::dup2(null, STDIN_FILENO);
+    ::dup2(null, STDOUT_FILENO);
+    ::dup2(log >= 0 ? log : null, STDERR_FILENO);
+    if (log > STDERR_FILENO) ::close(log);
+    if (null > STDERR_FILENO) ::close(null);
+}
+
+/// Removes what a service that was killed has left behind.
+void sweep(const SxString& root, const SxString& folder) {
+    const std::string mounts = folder.str() + ZqServiceFolder::MOUNTS;
+    std::error_code error;
+    if (!std::filesystem::exists(mounts, error) || std::filesystem::is_empty(mounts, error)) return;
+    driverLog("removes what a former service left in " + SxString(mounts));
+    Helper::run({"sweep", SxString(mounts)}, SWEEP_MS, nullptr);
+    DriveLetter::removeBelow(root, SxString(mounts) + "/");
+    // Folders alone are removed: where something is still mounted, nothing of it must be touched.
+    for (const auto& disk : std::filesystem::directory_iterator(mounts, error)) {
+        ::unlink((disk.path() / ZqServiceFolder::IDENTITY).c_str());
+        ::rmdir((disk.path() / ZqServiceFolder::VOLUME).c_str());
+        ::rmdir((disk.path() / ZqServiceFolder::FRONT).c_str());
+        ::rmdir(disk.path().c_str());
+    }
+}
+
+int serve(const SxString& root, const SxString& folder, int readyFd) {
+    try {
+        sweep(root, folder);
+        Service service(root, folder);
+        ControlServer server(&service, folder.str(), idleMs());
+        server.listen();
+        [[maybe_unused]] const ssize_t written = ::write(readyFd, "1", 1);
+        ::close(readyFd);
+        server.run(stopRequested);
+        service.ejectAll();
+        return EXIT_SUCCESS;
+    } catch (const SxException& e) {
+        const SxString text = e.toString(SxException::ShowMessage, ": ");
+        driverLog(text);
+        SxFileIO::writeAtomic(folder + ZqServiceFolder::START_FAILURE, text, 0600);
+        return EXIT_FAILURE;
+    }
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    if (argc > 1 && std::strcmp(argv[1], "helper") == 0) return Helper::main(argc, argv);
+    const SxString root = option(argc, argv, "--root"), folder = option(argc, argv, "--folder");
+    if (root.isEmpty() || folder.isEmpty()) {
+        std::fputs("usage: zqdd --root MACHINE_ROOT --folder SERVICE_FOLDER\n", stderr);
+        return 2;
+    }
+    int ready[2];
+    if (::pipe2(ready, O_CLOEXEC) != 0) return EXIT_FAILURE;
+    const pid_t child = ::fork();
+    if (child < 0) return EXIT_FAILURE;
+    if (child > 0) {
+        ::close(ready[1]);
+        char mark = 0;
+        return ::read(ready[0], &mark, 1) == 1 ? EXIT_SUCCESS : EXIT_FAILURE;
+    }
+    ::close(ready[0]);
+    ::setsid();
+    ::umask(0077);
+    if (::chdir("/") != 0) return EXIT_FAILURE;
+    redirectOutput(folder.str());
+    std::signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGTERM, requestStop);
+    std::signal(SIGINT, SIG_IGN);
+    std::signal(SIGHUP, SIG_IGN);
+    return serve(root, folder, ready[1]);
+}

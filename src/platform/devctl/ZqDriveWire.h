@@ -1,0 +1,108 @@
+#pragma once
+
+#include "SxString.h"
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+/// Messages between the control library and the drive service, over a Unix stream socket.
+///
+/// A message is a head of 8 bytes, then its body: body length (uint32), kind (uint16), version (uint16), all
+/// little-endian. The kind of a request is a Call; the answer has the kind 0 for success, with results as
+/// body, or 1 for failure, with a text that says why. Numbers in a body are little-endian, a flag is one
+/// byte, a text is its length in bytes (uint32) and UTF-8.
+namespace ZqDriveWire {
+
+constexpr unsigned VERSION = 1;
+/// Of a body; holds the longest delivery and its head.
+constexpr uint32 MAX_BODY = (1 << 20) + 4096;
+/// Longest delivery in one message; longer ones are sent in parts.
+constexpr uint64 MAX_DELIVERY = 1 << 20;
+/// Most block indices in one answer.
+constexpr uint64 MAX_INDICES = 65536;
+
+constexpr unsigned SUCCESS = 0;
+constexpr unsigned FAILURE = 1;
+
+enum class Call : unsigned short {
+    Mount,
+    Eject,
+    Dismount,
+    State,      ///< of one image
+    Disks,      ///< the states of all
+    TraceEvent, ///< asks and clears
+    SetCursor,
+    SetQACursor,
+    Suspend,
+    Resume,
+    FailOnUnderflow,
+    PopMissing,
+    RequestData,
+    Deliver,
+    MonitorOn,
+    MonitorOff,
+    FlushLayer,
+    SetCacheSize,
+    StoreDisks,
+    LoadDisks,
+    Reset,
+    Ping,
+    Version,
+    GuardOn,
+    GuardOff,
+    GuardImageType,
+    GuardLogging,
+    GuardReparse,
+    Label,
+    End ///< number of calls
+};
+
+/// Writes a body.
+class Writer {
+public:
+    Writer& number(uint64 value);
+    Writer& flag(bool value);
+    Writer& text(std::string_view value);
+    Writer& bytes(std::string_view value);
+    const std::string& body() const noexcept { return out; }
+
+private:
+    std::string out;
+};
+
+/// Reads a body; never beyond its end. What is missing reads as zero or empty, and ok() is false then.
+class Reader {
+public:
+    Reader() = default;
+    explicit Reader(std::string body_) : body(std::move(body_)) {}
+
+    uint64 number();
+    bool flag();
+    SxString text();
+    /// The rest of the body.
+    std::string_view rest();
+    /// Whether all that was read so far was there.
+    bool hasAll() const noexcept { return good; }
+    /// The same, and nothing is left.
+    bool ok() const noexcept { return good && at == body.size(); }
+
+private:
+    bool take(size_t n);
+
+    std::string body;
+    size_t at = 0;
+    bool good = true;
+};
+
+struct Message {
+    unsigned kind = 0;
+    std::string body;
+};
+
+/// Sends one message; false where the other side has gone.
+bool send(int fd, unsigned kind, std::string_view body);
+/// Receives one message; none where the other side has gone or sends nonsense. Waits without a limit.
+std::optional<Message> receive(int fd);
+
+} // namespace ZqDriveWire

@@ -1,0 +1,211 @@
+#include "ZqServiceClient.h"
+
+#include "SxException.h"
+#include "SxFSAction.h"
+#include "SxFileIO.h"
+#include "SxOs.h"
+#include "SxProcess.h"
+#include "SxTime.h"
+#include "ZqMachineRoot.h"
+#include "ZqServiceFolder.h"
+#include "ZqSysEnv.h"
+
+#include <atomic>
+#include <cstdlib>
+#include <cstring>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+using namespace ZqDriveWire;
+
+namespace {
+
+constexpr const char* UNIT = "src/platform/devctl/ZqServiceClient";
+/// How long another client may take to start the service.
+constexpr int64 START_MS = 20'000;
+/// A service that ends between our connection and our request may do so more than once.
+constexpr int MAX_TRIES = 4;
+
+std::atomic<int> cacheSize{-1}; // bytes; -1: never set
+
+thread_local SxString lastFailure;
+
+/// This thread's connection. A child process must not share it, so it knows whose it is.
+struct Connection {
+    int fd = -1;
+    int64 pid = 0;
+    std::string folder;
+
+    ~Connection() { close(); }
+    void close() {
+        if (fd >= 0) ::close(fd);
+        fd = -1;
+    }
+    bool open(const std::string& serviceFolder);
+};
+
+thread_local Connection connection;
+
+bool Connection::open(const std::string& serviceFolder) {
+    if (fd >= 0 && (pid != SxOs::processId() || folder != serviceFolder)) close();
+    if (fd >= 0) return true;
+    const std::string path = serviceFolder + ZqServiceFolder::SOCKET;
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    if (path.size() >= sizeof address.sun_path) return false;
+    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+    fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) return false;
+    if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+        close();
+        return false;
+    }
+    pid = SxOs::processId();
+    folder = serviceFolder;
+    return true;
+}
+
+/// The program of the service: $TAVRIN_ZQDD, or `zqdd` beside the external tools.
+SxString serviceProgram() {
+    const char* own = std::getenv("TAVRIN_ZQDD");
+    return own && *own ? SxString(own) : ZqSysEnv::getRTERootDir() + "/zqdd";
+}
+
+/// Holds the lock under which services start and end.
+class StartLock {
+public:
+    explicit StartLock(const std::string& folder) {
+        SxOs& os = SxOs::get();
+        fd = os.open(folder + ZqServiceFolder::START_LOCK,
+                     SxOs::Read | SxOs::Write | SxOs::Create | SxOs::NoFollow, 0600);
+        if (fd < 0) return;
+        held = SxWait::pass(START_MS, [&] { return os.lockRange(fd, 0, 1, SxOs::Lock::Exclusive) == 0; });
+    }
+    ~StartLock() {
+        if (fd >= 0) SxOs::get().close(fd);
+    }
+    StartLock(const StartLock&) = delete;
+    StartLock& operator=(const StartLock&) = delete;
+    bool isHeld() const { return held; }
+
+private:
+    int fd;
+    bool held = false;
+};
+
+void startService(const std::string& root, const std::string& folder) {
+    ZqServiceFolder::make(folder);
+    const StartLock lock(folder);
+    if (!lock.isHeld()) {
+        throw SxException("The drive service isn't ready after " + SxString(START_MS / 1000) + " s", UNIT,
+                          __LINE__);
+    }
+    if (connection.open(folder)) return;
+    const SxString program = serviceProgram(), failure = folder + ZqServiceFolder::START_FAILURE;
+    if (SxFSAction::exists(failure)) SxFSAction::rm(failure);
+    SxProcess process(program, {"--root", SxString(root), "--folder", SxString(folder)}, SxProcess::Silent);
+    const int code = process.run();
+    if (code == 0) return;
+    const SxString why =
+        SxFSAction::test_f(failure) ? SxFileIO::readUtf8(failure) : "it ended with status " + SxString(code);
+    throw SxException(SxException(why, UNIT, __LINE__), "Cannot start the drive service '" + program + "'",
+                      UNIT, __LINE__);
+}
+
+/// One request and its answer; false where the connection was cut off.
+bool exchange(unsigned kind, const std::string& body, Message* answer) {
+    if (!send(connection.fd, kind, body)) return false;
+    auto message = receive(connection.fd);
+    if (!message) return false;
+    *answer = std::move(*message);
+    return true;
+}
+
+/// Opens the connection, starting the service where that is wanted. False where there is none.
+bool connectTo(const std::string& root, const std::string& folder, ZqServiceClient::Start start) {
+    if (connection.open(folder)) return true;
+    if (start == ZqServiceClient::Start::Never) return false;
+    startService(root, folder);
+    if (!connection.open(folder)) return false;
+    const int bytes = cacheSize.load();
+    Message ignored;
+    return bytes < 0 || exchange(static_cast<unsigned>(Call::SetCacheSize),
+                                 Writer().number(static_cast<uint64>(bytes)).body(), &ignored);
+}
+
+} // namespace
+
+bool ZqServiceClient::call(Call call, const Writer& request, Reader* answer, Start start) {
+    lastFailure = SxString();
+    try {
+        const std::string root = ZqMachineRoot::get().str(), folder = ZqServiceFolder::of(root);
+        for (int i = 0; i < MAX_TRIES; ++i) {
+            const bool reused = connection.fd >= 0;
+            if (!connectTo(root, folder, start)) {
+                connection.close();
+                if (start == Start::Never && !reused) break;
+                continue;
+            }
+            Message message;
+            if (!exchange(static_cast<unsigned>(call), request.body(), &message)) {
+                connection.close();
+                continue;
+            }
+            if (answer) *answer = Reader(message.kind == SUCCESS ? message.body : std::string());
+            if (message.kind != SUCCESS) lastFailure = SxString(message.body).validUtf8();
+            return message.kind == SUCCESS;
+        }
+        lastFailure = "The drive service doesn't answer";
+    } catch (const SxException& e) {
+        lastFailure = e.toString(SxException::ShowMessage, ": ");
+    }
+    return false;
+}
+
+bool ZqServiceClient::isServing() {
+    return call(Call::Ping, Writer(), nullptr, Start::Never);
+}
+
+SxString ZqServiceClient::keyOf(const SxString& path) {
+    std::string host = SxOs::hostPath(path), result;
+    if (SxOs::get().canonical(host, &result) == 0) return result;
+    if (host.front() != '/') host = SxOs::get().currentDir() + "/" + host;
+    while (host.size() > 1 && host.back() == '/')
+        host.pop_back();
+    return host;
+}
+
+void ZqServiceClient::keepCacheSize(int bytes) {
+    cacheSize = bytes;
+}
+
+void ZqServiceClient::setLastFailure(const SxString& text) {
+    lastFailure = text;
+}
+
+SxString ZqServiceClient::getLastFailure() {
+    return lastFailure;
+}
+
+ZqDiskStatus ZqServiceClient::readStatus(Reader* answer) {
+    ZqDiskStatus status;
+    status.image = answer->text();
+    status.mountPath = answer->text();
+    status.drive = answer->text();
+    status.failure = answer->text();
+    status.deviceId = answer->number();
+    status.sectorSize = answer->number();
+    status.cursor = answer->number();
+    status.nIncluded = answer->number();
+    status.queueLength = answer->number();
+    status.nReads = answer->number();
+    status.nHeld = answer->number();
+    status.nBeyondQA = answer->number();
+    status.removable = answer->flag();
+    status.underflow = answer->flag();
+    status.suspended = answer->flag();
+    status.monitored = answer->flag();
+    status.servicePid = static_cast<int64>(answer->number());
+    return status;
+}

@@ -1,0 +1,36 @@
+#pragma once
+
+#include "ZqDriveWire.h"
+#include "ZqVolume.h"
+
+/// The client's side of the connection to the drive service of the machine root: one for each thread. Starts
+/// the service where a call needs it, and once more where a connection was cut off before the answer.
+namespace ZqServiceClient {
+
+enum class Start {
+    Never,   ///< a service that isn't there fails the call
+    IfNeeded ///< it is started
+};
+
+/// Makes one call. Gives whether it succeeded; `*answer` holds the results then. Why it failed is kept for
+/// getLastFailure(). Safe from any thread.
+bool call(ZqDriveWire::Call call, const ZqDriveWire::Writer& request, ZqDriveWire::Reader* answer,
+          Start start);
+
+/// Whether a service answers, without starting one.
+bool isServing();
+
+/// The one path that every spelling of a folder has: a host path, absolute, without links and trailing
+/// slashes. Raises on a path that is none.
+SxString keyOf(const SxString& path);
+
+/// The cache size that a service which had to be started again is told of.
+void keepCacheSize(int bytes);
+
+void setLastFailure(const SxString& text);
+SxString getLastFailure();
+
+/// Reads what an answer says of a disk.
+ZqDiskStatus readStatus(ZqDriveWire::Reader* answer);
+
+} // namespace ZqServiceClient

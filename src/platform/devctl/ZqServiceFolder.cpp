@@ -1,0 +1,51 @@
+#include "ZqServiceFolder.h"
+
+#include "SxException.h"
+#include "SxOs.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr const char* UNIT = "src/platform/devctl/ZqServiceFolder";
+
+std::string parentFolder() {
+    if (::geteuid() == 0) return "/run/tavrin/";
+    const char* runtime = std::getenv("XDG_RUNTIME_DIR");
+    if (runtime && runtime[0] == '/') return std::string(runtime) + "/tavrin/";
+    return "/tmp/tavrin-" + std::to_string(::geteuid()) + "/";
+}
+
+void makePrivate(const std::string& folder) {
+    if (::mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST) {
+        throw SxException("Cannot create folder '" + folder + "': " + SxOs::errorText(errno), UNIT, __LINE__);
+    }
+    struct stat info = {};
+    if (::lstat(folder.c_str(), &info) != 0 || !S_ISDIR(info.st_mode) || info.st_uid != ::geteuid() ||
+        (info.st_mode & 077) != 0) {
+        throw SxException("Folder '" + folder + "' must belong to the user alone (mode 0700)", UNIT,
+                          __LINE__);
+    }
+}
+
+} // namespace
+
+std::string ZqServiceFolder::of(const std::string& machineRoot) {
+    std::string root;
+    if (SxOs::get().canonical(machineRoot, &root) < 0) root = machineRoot;
+    // FNV-1a; a clash of two roots would only make them share a service, which refuses another's root.
+    uint64 hash = 14695981039346656037U;
+    for (const char c : root)
+        hash = (hash ^ static_cast<unsigned char>(c)) * 1099511628211U;
+    return parentFolder() + SxString::sprintf("%016llx", static_cast<unsigned long long>(hash)).str() + "/";
+}
+
+void ZqServiceFolder::make(const std::string& folder) {
+    const std::string parent = parentFolder();
+    makePrivate(parent.substr(0, parent.size() - 1));
+    makePrivate(folder.substr(0, folder.size() - 1));
+}

@@ -1,0 +1,150 @@
+#include "ZqVolume.h"
+
+#include "SxException.h"
+#include "SxFSAction.h"
+#include "SxFileIO.h"
+#include "SxOs.h"
+#include "ZqMachineRoot.h"
+#include "ZqServiceClient.h"
+#include "ZqServiceFolder.h"
+
+#include <algorithm>
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+using ZqDriveWire::Call, ZqDriveWire::Reader, ZqDriveWire::Writer;
+using ZqServiceClient::Start;
+
+namespace {
+
+constexpr const char* UNIT = "src/platform/devctl/ZqVolume";
+
+/// The path of a drive's link, without following it; empty where the text is no drive.
+std::string driveLink(const SxString& drive) {
+    const std::string& text = drive.str();
+    if (text.size() < 2 || text[1] != ':' || !std::isalpha(static_cast<unsigned char>(text[0]))) return {};
+    const char letter = static_cast<char>(text[0] | 0x20);
+    return ZqMachineRoot::get().str() + "/dosdevices/" + letter + ":";
+}
+
+[[noreturn]] void fail(const SxString& what, const SxString& drive) {
+    throw SxException(SxException(ZqServiceClient::getLastFailure(), UNIT, __LINE__),
+                      what + " '" + drive + "'", UNIT, __LINE__);
+}
+
+uint64 targetOf(const SxString& drive) {
+    ZqVolumeIdentity identity;
+    if (!ZqVolume::queryIdentity(drive, &identity)) {
+        throw SxException("Drive '" + drive + "' doesn't answer", UNIT, __LINE__);
+    }
+    return identity.targetId;
+}
+
+} // namespace
+
+SxList<SxString> ZqVolume::getDrives() {
+    std::vector<std::string> names;
+    SxOs::get().list(ZqMachineRoot::get().str() + "/dosdevices", &names);
+    std::sort(names.begin(), names.end());
+    SxList<SxString> drives;
+    for (const std::string& name : names) {
+        if (name.size() == 2 && name[1] == ':' && name[0] >= 'a' && name[0] <= 'z')
+            drives.append(SxString(name).toUpper());
+    }
+    return drives;
+}
+
+bool ZqVolume::queryIdentity(const SxString& drive, ZqVolumeIdentity* identity) {
+    const std::string link = driveLink(drive);
+    std::string target;
+    if (link.empty() || SxOs::get().readLink(link, &target) < 0) return false;
+    const std::string volume = std::string("/") + ZqServiceFolder::VOLUME;
+    if (!target.ends_with(volume)) return false;
+    const SxString file =
+        SxString(target.substr(0, target.size() - volume.size())) + "/" + ZqServiceFolder::IDENTITY;
+    try {
+        const SxList<SxString> lines = SxFileIO::readLines(file, 0);
+        bool bad = lines.getSize() < 3;
+        if (bad) return false;
+        *identity = {lines(0), lines(1), static_cast<uint64>(lines(2).toInt64(&bad))};
+        return !bad;
+    } catch (const SxException&) {
+        return false; // no drive of this service
+    }
+}
+
+void ZqVolume::dismount(const SxString& drive, bool* busy) {
+    Reader answer;
+    if (!ZqServiceClient::call(Call::Dismount, Writer().number(targetOf(drive)), &answer, Start::Never))
+        fail("Cannot dismount volume", drive);
+    *busy = answer.flag();
+}
+
+void ZqVolume::ejectMedia(const SxString& drive) {
+    const uint64 target = targetOf(drive);
+    for (const ZqDiskStatus& disk : getDisks()) {
+        if (disk.deviceId != target) continue;
+        if (!ZqServiceClient::call(Call::Eject, Writer().text(disk.image).number(0), nullptr, Start::Never))
+            fail("Cannot eject the medium of", drive);
+        return;
+    }
+    throw SxException("No disk stands behind drive '" + drive + "'", UNIT, __LINE__);
+}
+
+SxString ZqVolume::getLabel(const SxString& drive) {
+    Reader answer;
+    ZqVolumeIdentity identity;
+    if (!queryIdentity(drive, &identity) ||
+        !ZqServiceClient::call(Call::Label, Writer().number(identity.targetId), &answer, Start::Never))
+        return {};
+    return answer.text();
+}
+
+void ZqVolume::setLabel(const SxString& drive, const SxString& label) {
+    const int fd = ::open(SxOs::hostPath(drive + "/").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) return;
+    char text[FSLABEL_MAX] = {};
+    label.str().copy(text, FSLABEL_MAX - 1);
+    ::ioctl(fd, FS_IOC_SETFSLABEL, text);
+    ::close(fd);
+}
+
+SxList<ZqDiskStatus> ZqVolume::getDisks() {
+    SxList<ZqDiskStatus> disks;
+    Reader answer;
+    if (!ZqServiceClient::call(Call::Disks, Writer(), &answer, Start::Never)) return disks;
+    const uint64 n = answer.number();
+    for (uint64 i = 0; i < n; ++i)
+        disks.append(ZqServiceClient::readStatus(&answer));
+    return disks;
+}
+
+bool ZqVolume::findDisk(const SxString& image, ZqDiskStatus* status) {
+    Reader answer;
+    if (!ZqServiceClient::call(Call::State, Writer().text(ZqServiceClient::keyOf(image)), &answer,
+                               Start::Never) ||
+        !answer.flag())
+        return false;
+    *status = ZqServiceClient::readStatus(&answer);
+    return true;
+}
+
+bool ZqVolume::removeLeftovers() {
+    if (ZqServiceClient::isServing()) return false;
+    const std::string folder = ZqServiceFolder::of(ZqMachineRoot::get().str());
+    std::vector<std::string> disks;
+    SxOs::get().list(folder + ZqServiceFolder::MOUNTS, &disks);
+    if (disks.empty()) return false;
+    // A service tidies up what it finds when it starts.
+    if (!ZqServiceClient::call(Call::Ping, Writer(), nullptr, Start::IfNeeded)) {
+        throw SxException(SxException(ZqServiceClient::getLastFailure(), UNIT, __LINE__),
+                          "Cannot remove what a drive service left behind", UNIT, __LINE__);
+    }
+    return true;
+}
+
+SxString ZqVolume::getLastFailure() {
+    return ZqServiceClient::getLastFailure();
+}
