@@ -28,3 +28,5 @@ install(DIRECTORY "${PROJECT_SOURCE_DIR}/schemas/" DESTINATION "${CMAKE_INSTALL_
 if(TARGET tavrin-client)
     install(TARGETS tavrin-client RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}" COMPONENT runtime)
 endif()
+# Where the client looks for the external tools: beside its own folder.
+install(TARGETS zqdd RUNTIME DESTINATION "lib/tavrin" COMPONENT runtime)
