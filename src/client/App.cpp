@@ -66,7 +66,7 @@ const CLI::App* deepest(const CLI::App* command) {
 std::string verbName(const CLI::App* command) {
     std::string name;
     for (; command->get_parent(); command = command->get_parent())
-        name = command->get_name() + (name.empty() ? "" : " ") + name;
+        name.insert(0, command->get_name() + (name.empty() ? "" : " "));
     return name;
 }
 
@@ -105,14 +105,31 @@ const CLI::App* findSubcommand(const CLI::App* command, const std::string& name)
     const auto found = command->get_subcommands([&](const CLI::App* sub) { return sub->get_name() == name; });
     return found.empty() ? nullptr : found.front();
 }
-} // namespace
 
-Verb& Verb::argument(const char* name, SxString* value, const char* help) {
+CLI::Option* addArgument(CLI::App* command, const char* name, SxString* value, const char* help) {
     const auto take = [value, name](const std::string& text) {
         if (text.empty()) throw CLI::ValidationError(std::string(name) + " is empty");
         *value = text;
     };
-    command->add_option_function<std::string>(name, take, help)->required()->type_name("");
+    return command->add_option_function<std::string>(name, take, help)->type_name("");
+}
+
+CLI::App* addVerb(CLI::App* parent, const char* group, const char* name, const char* help,
+                  const char* example) {
+    CLI::App* verb = parent->add_subcommand(name, help);
+    verb->group(group);
+    verb->footer(std::string("Example:\n  ") + example);
+    return verb;
+}
+} // namespace
+
+Verb& Verb::argument(const char* name, SxString* value, const char* help) {
+    addArgument(command, name, value, help)->required();
+    return *this;
+}
+
+Verb& Verb::optionalArgument(const char* name, SxString* value, const char* help) {
+    addArgument(command, name, value, help);
     return *this;
 }
 
@@ -123,6 +140,15 @@ Verb& Verb::number(const char* name, uint64* value, uint64 least, const char* he
     command->add_option_function<std::string>(name, take, help)
         ->required(required)
         ->type_name("N")
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
+    return *this;
+}
+
+Verb& Verb::text(const char* name, SxString* value, const char* valueName, const char* help) {
+    command
+        ->add_option_function<std::string>(
+            name, [value](const std::string& text) { *value = text; }, help)
+        ->type_name(valueName)
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
     return *this;
 }
@@ -138,10 +164,7 @@ void Verb::action(Action action) {
 }
 
 Verb Family::verb(const char* name, const char* help, const char* example) {
-    CLI::App* verb = command->add_subcommand(name, help);
-    verb->group("Verbs");
-    verb->footer(std::string("Example:\n  ") + example);
-    return Verb(verb, mode, chosen);
+    return Verb(addVerb(command, "Verbs", name, help, example), mode, chosen);
 }
 
 App::App() : root(std::make_unique<CLI::App>("Play a game while its disk image still downloads", "tavrin")) {
@@ -164,6 +187,10 @@ Family App::family(const char* name, const char* help) {
     family->group("Commands");
     addCommonOptions(family, &mode);
     return Family(family, &mode, &chosen);
+}
+
+Verb App::verb(const char* name, const char* help, const char* example) {
+    return Verb(addVerb(root.get(), "Commands", name, help, example), &mode, &chosen);
 }
 
 bool App::parse(int argc, char** argv, int* exitCode) {

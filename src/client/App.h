@@ -21,14 +21,19 @@ class Verb {
 public:
     /// A required argument, by its place; it can't be empty.
     Verb& argument(const char* name, SxString* value, const char* help);
+    /// The same for one that may be left out.
+    Verb& optionalArgument(const char* name, SxString* value, const char* help);
     /// An option with a whole number of at least `least` as value.
     Verb& number(const char* name, uint64* value, uint64 least, const char* help, bool required = false);
+    /// An option with a text as value; `valueName` stands for it in the help.
+    Verb& text(const char* name, SxString* value, const char* valueName, const char* help);
     Verb& flag(const char* name, bool* value, const char* help);
     /// Ends the description.
     void action(Action action);
 
 private:
     friend class Family;
+    friend class App;
     Verb(CLI::App* command_, OutputMode* mode_, Action* chosen_)
         : command(command_),
           mode(mode_),
@@ -66,6 +71,8 @@ public:
     App& operator=(const App&) = delete;
 
     Family family(const char* name, const char* help);
+    /// A verb without a family, `tavrin VERB`.
+    Verb verb(const char* name, const char* help, const char* example);
     /// Parses the arguments of main(), runs the verb and gives the exit code.
     int run(int argc, char** argv);
     /// What can stand in the place of the last of `words` (those behind the program's name): families, verbs,
