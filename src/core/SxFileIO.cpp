@@ -205,16 +205,22 @@ SxString SxFileIO::readUtf8(const SxString& path, int64 maxBytes) {
 }
 
 void SxFileIO::writeAtomic(const SxString& path, const SxString& text, int permission) {
+    writeAtomic(
+        path, [&](SxFileIO* file) { file->write(text); }, permission);
+}
+
+void SxFileIO::writeAtomic(const SxString& path, const std::function<void(SxFileIO* file)>& fill,
+                           int permission) {
     const SxString tmp = path + ".tmp";
     try {
         SxFileIO file;
         file.create(tmp, permission);
-        file.write(text);
+        fill(&file);
         file.sync();
         file.close();
         SxFSAction::mv(tmp, path);
         SxFSAction::syncDir(SxFileInfo(path).getPath());
-    } catch (const SxException&) {
+    } catch (...) {
         SxOs::get().unlink(SxOs::hostPath(tmp));
         throw;
     }

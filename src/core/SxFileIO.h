@@ -4,6 +4,7 @@
 #include "SxList.h"
 
 #include <cstddef>
+#include <functional>
 #include <type_traits>
 
 /// One open file. Not buffered: each call goes to the system. One thread at a time. All operations raise
@@ -69,6 +70,9 @@ public:
     /// Replaces the file by `text`: written under a temporary name, synced, renamed, the folder synced; after
     /// a cut at any point the old file or the new one stands there.
     static void writeAtomic(const SxString& path, const SxString& text, int permission = 0644);
+    /// The same with what `fill` writes into the open file.
+    static void writeAtomic(const SxString& path, const std::function<void(SxFileIO* file)>& fill,
+                            int permission = 0644);
 
     static SxString fileReadErr(const SxString& path);
     static SxString fileWriteErr(const SxString& path);
