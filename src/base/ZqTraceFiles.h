@@ -1,0 +1,7 @@
+#pragma once
+
+/// The fixed file names of a trace folder.
+namespace ZqTraceFiles {
+constexpr const char* ITEMS = "img.trc";     ///< the items, see ZqTrace
+constexpr const char* RECORD = "trace.json"; ///< ZqTraceParams
+} // namespace ZqTraceFiles

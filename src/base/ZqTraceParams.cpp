@@ -1,0 +1,118 @@
+#include "ZqTraceParams.h"
+
+#include "SxException.h"
+#include "SxFSAction.h"
+#include "ZqLog.h"
+#include "ZqRecordFile.h"
+#include "ZqSysEnv.h"
+#include "ZqTrace.h"
+#include "ZqTraceFiles.h"
+
+#include <array>
+
+using SxParserKit::SxSymbol;
+
+namespace {
+
+constexpr const char* UNIT = "src/base/ZqTraceParams";
+
+/// By the values of ZqTraceParams::Method.
+constexpr std::array<const char*, 10> METHODS = {"monitoring",     "mountscan", "filescan", "merge", "LOG0",
+                                                 "inc-monitoring", "align",     "set",      "patch", "shift"};
+
+SxString recordFile(const SxString& path, const SxString& own) {
+    return (path.isEmpty() ? own : path) + ZqTraceFiles::RECORD;
+}
+
+void putUnlessEmpty(SxSymbol* object, const char* key, const SxString& value) {
+    if (!value.isEmpty()) object->append(key, value);
+}
+
+void putIfPositive(SxSymbol* object, const char* key, int64 value) {
+    if (value > 0) object->append(key, value);
+}
+
+} // namespace
+
+ZqTraceParams::ZqTraceParams() : time0(ZqSysEnv::getSysTime()) {
+}
+
+ZqTraceParams::ZqTraceParams(const SxString& path) : ZqTraceParams() {
+    pathPrefix = path;
+    read(path);
+}
+
+void ZqTraceParams::read(const SxString& path) {
+    const SxString file = recordFile(path, pathPrefix);
+    try {
+        const SxSymbol root = ZqRecordFile::read(file, "zqtrace-schema.json");
+        version = root.getElem("version", true).toInt();
+        ZqRecordFile::get(root, "guid", &guid);
+        time0 = root.getElem("time0", true).toInt();
+        ZqRecordFile::get(root, "size", &size);
+        const SxSymbol length = root.getElem("duration", false);
+        duration = length.isValid() ? length.toInt() : findDuration();
+        firstSessionBlockIndex = 0;
+        ZqRecordFile::get(root, "firstSessionBlockIndex", &firstSessionBlockIndex);
+        method = stringToMethod(root.getElem("method", true).toString());
+        const SxSymbol checksums = root.getElem("checksums", true);
+        ZqRecordFile::get(checksums, "mnt", &checksumMnt);
+        ZqRecordFile::get(checksums, "idx", &checksumIdx);
+        ZqRecordFile::get(checksums, "trc", &checksumTrc);
+    } catch (const SxException& e) {
+        throw SxException(e, "Failed to read file " + file, UNIT, __LINE__);
+    }
+}
+
+int64 ZqTraceParams::findDuration() const {
+    try {
+        return ZqTrace::getTraceDuration(pathPrefix);
+    } catch (const SxException&) {
+        zqLogMsg("base", "Cannot read trace duration of active trace. Set to 0.");
+        return 0;
+    }
+}
+
+void ZqTraceParams::write(const SxString& path) const {
+    const SxString file = recordFile(path, pathPrefix);
+    try {
+        SxSymbol root;
+        root.setType(SxParserAst::Object);
+        root.append("version", version);
+        root.append("time0", time0);
+        root.append("method", methodToString(method));
+        putUnlessEmpty(&root, "guid", guid);
+        putIfPositive(&root, "size", size);
+        putIfPositive(&root, "duration", duration);
+        putIfPositive(&root, "firstSessionBlockIndex", firstSessionBlockIndex);
+        SxSymbol checksums = root.append("checksums", SxParserAst::Object);
+        putUnlessEmpty(&checksums, "mnt", checksumMnt);
+        putUnlessEmpty(&checksums, "idx", checksumIdx);
+        putUnlessEmpty(&checksums, "trc", checksumTrc);
+        ZqRecordFile::write(root, file);
+    } catch (const SxException& e) {
+        throw SxException(e, "Failed to write file" + file, UNIT, __LINE__);
+    }
+}
+
+bool ZqTraceParams::isValid(const SxString& path) {
+    try {
+        const ZqTraceParams record(path);
+        return true;
+    } catch (const SxException&) {
+        return false;
+    }
+}
+
+ZqTraceParams::Method ZqTraceParams::stringToMethod(const SxString& text) {
+    for (size_t i = 0; i < METHODS.size(); ++i) {
+        if (text == METHODS[i]) return static_cast<Method>(i);
+    }
+    throw SxException("Trace Method '" + text + "' unknown!", UNIT, __LINE__);
+}
+
+SxString ZqTraceParams::methodToString(Method value) {
+    const auto i = static_cast<size_t>(value);
+    if (i >= METHODS.size()) throw SxException("Unkown Trace method", UNIT, __LINE__);
+    return METHODS[i];
+}

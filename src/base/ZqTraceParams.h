@@ -1,0 +1,59 @@
+#pragma once
+
+#include "SxString.h"
+
+/// The record `trace.json`: what a trace is, apart from its items. Not locked.
+class ZqTraceParams {
+public:
+    /// How a trace came to be; the texts are those of `method` in trace.json.
+    enum Method : int {
+        Monitoring = 0,    ///< "monitoring": a monitored drive
+        MountScan = 1,     ///< "mountscan"
+        FileScan = 2,      ///< "filescan": a plain list of blocks
+        Merge = 3,         ///< "merge"
+        Log0 = 4,          ///< "LOG0"
+        IncMonitoring = 5, ///< "inc-monitoring": a run that was appended to others
+        Align = 6,         ///< "align"
+        Set = 7,           ///< "set"
+        Patch = 8,         ///< "patch": carried over to another image
+        Shift = 9          ///< "shift"
+    };
+
+    Method method = Monitoring;
+    int64 version = 2;
+    SxString guid;                    ///< the `guid` of the application's app.json
+    int64 time0 = 0;                  ///< start of the trace, milliseconds since 1970 UTC
+    int64 size = 0;                   ///< bytes of `img.trc`
+    SxString checksumMnt;             ///< build id: `checksums.mnt` of the image that was traced
+    SxString checksumIdx;             ///< `checksums.idx` of that image
+    SxString checksumTrc;             ///< MD5 text of `img.trc`
+    SxString pathPrefix;              ///< folder of the trace, with its trailing slash
+    int64 duration = 0;               ///< last item's time minus the first one's, milliseconds
+    int64 firstSessionBlockIndex = 0; ///< unique items ahead of the run appended last; 0 where there is one
+
+    /// Defaults; `time0` is now.
+    ZqTraceParams();
+    /// Defaults, then read(). Raises as read() does.
+    explicit ZqTraceParams(const SxString& path);
+
+    /// Fills the record from `path` + "trace.json"; empty means the field `pathPrefix`. Where it has no
+    /// duration, as while the trace is still being written, that of `img.trc` in `pathPrefix` is taken, or 0.
+    /// Raises "Failed to read file ..." with the cause.
+    void read(const SxString& path = SxString());
+    /// Writes the record likewise, replacing the file as a whole, and makes its folder. Raises "Failed to
+    /// write file..." with the cause.
+    void write(const SxString& path = SxString()) const;
+
+    /// Whether the folder `path` (with its trailing slash) has a record that can be read. Doesn't raise.
+    static bool isValid(const SxString& path);
+    /// Raises "Trace Method '...' unknown!" on any other text.
+    static Method stringToMethod(const SxString& text);
+    /// Raises on any other value.
+    static SxString methodToString(Method value);
+
+    bool operator==(const ZqTraceParams&) const = default;
+
+private:
+    /// The duration by the items, or 0 where they can't be read.
+    int64 findDuration() const;
+};
