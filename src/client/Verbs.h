@@ -6,4 +6,5 @@ class App;
 
 void registerImageVerbs(App* app);
 void registerContentVerbs(App* app);
+void registerTraceVerbs(App* app);
 void registerCompletionVerbs(App* app);

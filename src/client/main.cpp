@@ -5,6 +5,7 @@ int main(int argc, char** argv) {
     App app;
     registerImageVerbs(&app);
     registerContentVerbs(&app);
+    registerTraceVerbs(&app);
     registerCompletionVerbs(&app);
     return app.run(argc, argv);
 }

@@ -3,6 +3,7 @@
 #include "SxTime.h"
 #include "TempDir.h"
 #include "ZqImageFiles.h"
+#include "ZqTrace.h"
 
 #include <csignal>
 #include <cstdlib>
@@ -203,6 +204,27 @@ TEST_F(ClientTest, createInfoVerifySplitJoin) {
     EXPECT_THAT(wrong.out, testing::AllOf(StartsWith("FAULT: "), HasSubstr(ZQF)));
     EXPECT_EQ(wrong.err, "tavrin: " + image + ": 1 fault\n");
     EXPECT_EQ(parseJson(run({"image", "verify", image, "--json"}).out).getElem("faults").getSize(), 1);
+}
+
+TEST_F(ClientTest, traceInfo) {
+    const auto items = SxPtr<ZqTrace::Items>::create();
+    for (uint64 i = 0; i < 5; ++i)
+        items->append(ZqTraceItem(i % 3, 1500 * i, i == 1));
+    ZqTrace::write(items, dir.path("trace/"), ZqTraceParams::Set, "build");
+    std::filesystem::resize_file(dir.path("trace/img.trc"), 16 * 5 + 9);
+    const std::string json = R"({"items":5,"unique":3,"flagged":1,"duration":6000,"method":"set"})";
+    for (const string slash : {"", "/"}) {
+        const Outcome shown = run({"trace", "info", dir.path("trace") + slash, "--json"});
+        EXPECT_EQ(shown.code, 0) << shown.err;
+        EXPECT_EQ(parseJson(shown.out).toJson(), json);
+    }
+    EXPECT_THAT(run({"trace", "info", dir.path("trace")}).out,
+                testing::AllOf(HasSubstr("Items         5, 1 flagged\n"), HasSubstr("6.000 s\n")));
+    std::filesystem::remove(dir.path("trace/img.trc"));
+    EXPECT_EQ(run({"trace", "info", dir.path("trace")}).err,
+              "tavrin: Cannot trace data. File '" + dir.path("trace/img.trc") + "' not found!\n");
+    EXPECT_EQ(run({"trace", "info", dir.path("none")}).code, 1);
+    EXPECT_EQ(run({"__complete", "trace", "i"}).out, "info\n");
 }
 
 TEST_F(ClientTest, interruptedCreateLeavesNothingBehind) {
