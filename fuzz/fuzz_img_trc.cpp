@@ -1,0 +1,25 @@
+#include "RecordFile.h"
+#include "ZqTrace.h"
+
+#include <set>
+
+// img.trc: any bytes are items up to the last whole record, whichever way they are read; what was read
+// survives being written.
+extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, size_t size) {
+    const RecordFile file("img.trc", data, size);
+    ZqTrace trace;
+    trace.read(file.prefix());
+    const auto all = trace.getItems(false, true, true);
+    SxFileIO open(file.prefix() + "img.trc", "rb");
+    if (all->getSize() != static_cast<int64>(size / 16) || !(*all == *ZqTrace::readItems(&open)))
+        std::abort();
+    if (trace.getTraceDuration() != ZqTrace::getTraceDuration(file.prefix())) std::abort();
+    std::set<uint64> blocks;
+    for (const ZqTraceItem& item : *all)
+        blocks.insert(item.block);
+    if (trace.getNItems(true) != static_cast<int64>(blocks.size())) std::abort();
+    trace.getPageSizeMB();
+    trace.write(file.prefix());
+    if (!(*all == *trace.getItems(false, true, true))) std::abort();
+    return 0;
+}
