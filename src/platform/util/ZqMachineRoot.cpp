@@ -4,12 +4,11 @@
 #include "SxFSAction.h"
 #include "SxMutex.h"
 #include "SxOs.h"
+#include "ZqFold.h"
 #include "ZqXdg.h"
 
 #include <cerrno>
-#include <clocale>
 #include <cstdlib>
-#include <cwctype>
 #include <vector>
 
 namespace {
@@ -72,30 +71,18 @@ std::vector<std::string> splitParts(const std::string& path) {
     return parts;
 }
 
-/// The text in upper case by the rules of Unicode, whatever the locale of the program.
-std::u32string folded(const std::string& text) {
-    static const locale_t unicode = newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
-    const SxArray<unsigned short> units = SxString(text).utf16();
-    std::u32string result;
-    for (int64 i = 0; i + 1 < units.getSize(); ++i) {
-        const wint_t unit = units(i);
-        result.push_back(unicode ? towupper_l(unit, unicode) : towupper(unit));
-    }
-    return result;
-}
-
 /// The name in `folder` that `part` means; `part` itself where there is none.
 std::string lookUp(const std::string& folder, const std::string& part) {
     if (exists(folder + "/" + part)) return part;
-    const std::u32string wanted = folded(part);
+    const std::u16string wanted = zqFold(zqUtf16(part));
     // Names that aren't UTF-8 all look alike here.
-    if (wanted.find(U'\xFFFD') != std::u32string::npos) return part;
+    if (wanted.find(u'\xFFFD') != std::u16string::npos) return part;
     std::vector<std::string> names;
     if (SxOs::get().list(folder, &names) < 0) return part;
     const std::string* best = nullptr;
     for (const std::string& name : names) {
         // The smallest of several, so that the answer doesn't depend on the order in the folder.
-        if (folded(name) == wanted && (!best || name < *best)) best = &name;
+        if (zqFold(zqUtf16(name)) == wanted && (!best || name < *best)) best = &name;
     }
     return best ? *best : part;
 }

@@ -1,8 +1,12 @@
 #include "ZqRegistry.h"
 
 #include "SxException.h"
+#include "ZqFold.h"
+#include "ZqMachineRoot.h"
+#include "ZqRegStore.h"
 
 #include <array>
+#include <charconv>
 
 namespace {
 
@@ -10,6 +14,136 @@ constexpr const char* UNIT = "src/platform/util/ZqRegistry";
 /// In the order of RegValType.
 constexpr std::array TYPE_TEXTS{"REG_SZ",        "REG_DWORD",    "REG_QWORD",
                                 "REG_EXPAND_SZ", "REG_MULTI_SZ", "REG_BINARY"};
+constexpr std::array<uint32, TYPE_TEXTS.size()> TYPE_NUMBERS{ZqRegData::Text,      ZqRegData::Dword,
+                                                             ZqRegData::Qword,     ZqRegData::ExpandText,
+                                                             ZqRegData::MultiText, ZqRegData::Binary};
+constexpr const char* DRIVE_WORD = "{{ZQDRIVE}}";
+constexpr size_t MAX_NAME = 16383;
+
+std::string numberBytes(const SxString& text, size_t n) {
+    const bool isHex = text.startsWith("0x") || text.startsWith("0X");
+    const char* begin = text.ascii() + (isHex ? 2 : 0);
+    const char* end = text.ascii() + text.str().size();
+    uint64 value = 0;
+    const auto [stop, error] = std::from_chars(begin, end, value, isHex ? 16 : 10);
+    if (begin == end || stop != end || error != std::errc() || (n == 4 && value > ~uint32{0})) {
+        throw SxException("'" + text + "' isn't a number of " + 8 * n + " bits", UNIT, __LINE__);
+    }
+    std::string bytes;
+    for (size_t i = 0; i < n; ++i)
+        bytes += static_cast<char>(value >> (8 * i) & 0xFF);
+    return bytes;
+}
+
+std::string multiTextBytes(const SxString& text) {
+    std::u16string units;
+    if (!text.isEmpty()) {
+        for (const SxString& one : text.tokenize('\n', true)) {
+            if (one.isEmpty()) throw SxException("an empty text would end the list", UNIT, __LINE__);
+            units += zqUtf16(one) + u'\0';
+        }
+    }
+    return ZqRegText::toBytes(units + u'\0');
+}
+
+std::string hexBytes(const SxString& text) {
+    std::string digits;
+    for (const char c : text.str()) {
+        if (c != ' ' && c != ',') digits += c;
+    }
+    std::string bytes;
+    for (size_t i = 0; i < digits.size(); i += 2) {
+        unsigned byte = 0;
+        const char* end = digits.data() + std::min(i + 2, digits.size());
+        const auto [stop, error] = std::from_chars(digits.data() + i, end, byte, 16);
+        if (digits.size() % 2 != 0 || stop != end || error != std::errc())
+            throw SxException("'" + text + "' isn't bytes in hex digits", UNIT, __LINE__);
+        bytes += static_cast<char>(byte);
+    }
+    return bytes;
+}
+
+ZqRegData toData(ZqRegistry::RegValType type, const SxString& text) {
+    // Raises on a kind that there isn't.
+    const SxString kind = ZqRegistry::Item::type2String(type);
+    if (text.str().find('\0') != std::string::npos)
+        throw SxException("the data of a " + kind + " holds a NUL", UNIT, __LINE__);
+    ZqRegData data;
+    data.type = TYPE_NUMBERS[static_cast<size_t>(type)];
+    switch (type) {
+    case ZqRegistry::RegDword:
+        data.bytes = numberBytes(text, 4);
+        break;
+    case ZqRegistry::RegQword:
+        data.bytes = numberBytes(text, 8);
+        break;
+    case ZqRegistry::RegMultiSz:
+        data.bytes = multiTextBytes(text);
+        break;
+    case ZqRegistry::RegBinary:
+        data.bytes = hexBytes(text);
+        break;
+    case ZqRegistry::RegSz:
+    case ZqRegistry::RegExpandSz:
+        data.bytes = ZqRegText::toBytes(zqUtf16(text) + u'\0');
+        break;
+    }
+    return data;
+}
+
+SxString multiText(const std::u16string& units) {
+    SxString text;
+    for (size_t begin = 0; begin < units.size() && units[begin] != u'\0';) {
+        const size_t end = std::min(units.find(u'\0', begin), units.size());
+        if (begin > 0) text += "\n";
+        text += zqFromUtf16(std::u16string_view(units).substr(begin, end - begin));
+        begin = end + 1;
+    }
+    return text;
+}
+
+SxString toText(const ZqRegData& data) {
+    const bool isNumber = (data.type == ZqRegData::Dword && data.bytes.size() == 4) ||
+                          (data.type == ZqRegData::Qword && data.bytes.size() == 8);
+    if (isNumber) {
+        uint64 value = 0;
+        for (size_t i = data.bytes.size(); i-- > 0;)
+            value = value << 8 | static_cast<unsigned char>(data.bytes[i]);
+        return value;
+    }
+    const std::u16string units = ZqRegText::toUnits(data.bytes);
+    if (data.type == ZqRegData::Text || data.type == ZqRegData::ExpandText) return zqFromUtf16(units);
+    if (data.type == ZqRegData::MultiText) return multiText(units);
+    SxString text;
+    for (const char byte : data.bytes)
+        text += SxString::sprintf("%02x", static_cast<unsigned>(static_cast<unsigned char>(byte)));
+    return text;
+}
+
+SxString describe(const SxString& key, const SxString& name) {
+    return (name.isEmpty() ? SxString("the default value") : "the value '" + name + "'") +
+           " of the registry key '" + key + "'";
+}
+
+std::u16string toName(const SxString& name) {
+    std::u16string units = zqUtf16(name);
+    if (units.size() > MAX_NAME || units.find(u'\0') != std::u16string::npos)
+        throw SxException("no value can be called so", UNIT, __LINE__);
+    return units;
+}
+
+std::optional<ZqRegData> findValue(const SxString& key, const SxString& name) {
+    ZqRegFile::Key found;
+    const ZqRegFile registry = ZqRegStore(ZqMachineRoot::get()).read(ZqRegAddress::parse(key), &found);
+    return registry.find(found, zqUtf16(name));
+}
+
+/// An edit of a value; without data a removal.
+ZqRegEdit makeEdit(const SxString& key, const SxString& name, const std::optional<ZqRegData>& data) {
+    ZqRegEdit edit{ZqRegAddress::parse(key), toName(name), data};
+    if (edit.address.key.empty()) throw SxException("a root of the registry holds no values", UNIT, __LINE__);
+    return edit;
+}
 
 } // namespace
 
@@ -27,4 +161,58 @@ SxString ZqRegistry::Item::type2String(RegValType type) {
                           __LINE__);
     }
     return TYPE_TEXTS[i];
+}
+
+bool ZqRegistry::contains(const SxString& key, const SxString& name) {
+    ZqRegFile::Key found;
+    const ZqRegFile registry = ZqRegStore(ZqMachineRoot::get()).read(ZqRegAddress::parse(key), &found);
+    if (registry.find(found, zqUtf16(name))) return true;
+    if (name.isEmpty() || !registry.hasKey(found)) return false;
+    found.push_back(zqUtf16(name));
+    return registry.hasKey(found);
+}
+
+bool ZqRegistry::isVal(const SxString& key, const SxString& name) {
+    return findValue(key, name).has_value();
+}
+
+SxString ZqRegistry::getVal(const SxString& key, const SxString& name) {
+    const std::optional<ZqRegData> data = findValue(key, name);
+    if (!data) throw SxException("There is no such thing as " + describe(key, name), UNIT, __LINE__);
+    return toText(*data);
+}
+
+void ZqRegistry::setVal(const SxString& key, const SxString& name, RegValType type, const SxString& data) {
+    Item item;
+    item.key = key;
+    item.value = name;
+    item.regType = type;
+    item.data = data;
+    createRegEntriesAsAdmin({item}, "");
+}
+
+void ZqRegistry::createRegEntriesAsAdmin(const SxList<Item>& list, const SxString& mountPoint) {
+    std::vector<ZqRegEdit> edits;
+    for (const Item& item : list) {
+        try {
+            const SxString data =
+                mountPoint.isEmpty() ? item.data : item.data.substitute(DRIVE_WORD, mountPoint);
+            edits.push_back(makeEdit(item.key, item.value, toData(item.regType, data)));
+        } catch (const SxException& e) {
+            throw SxException(e, "Cannot set " + describe(item.key, item.value), UNIT, __LINE__);
+        }
+    }
+    ZqRegStore(ZqMachineRoot::get()).apply(edits);
+}
+
+void ZqRegistry::removeRegEntriesAsAdmin(const SxList<Item>& list) {
+    std::vector<ZqRegEdit> edits;
+    for (const Item& item : list) {
+        try {
+            edits.push_back(makeEdit(item.key, item.value, std::nullopt));
+        } catch (const SxException& e) {
+            throw SxException(e, "Cannot remove " + describe(item.key, item.value), UNIT, __LINE__);
+        }
+    }
+    ZqRegStore(ZqMachineRoot::get()).apply(edits);
 }

@@ -1,8 +1,16 @@
 #pragma once
 
+#include "SxList.h"
 #include "SxString.h"
 
-/// Entries of the registry of a desktop with one, such as that of a Wine prefix.
+/// The registry of the machine root (ZqMachineRoot), which is that of a Wine prefix: HKLM is `system.reg`,
+/// HKCU is `user.reg`, HKCR is HKLM/Software/Classes. A root without these files has an empty registry;
+/// writing makes them. While programs run in the prefix, all goes through its server by means of `wine reg`.
+///
+/// Keys are written with slashes (backslashes count as such) and begin with HKLM, HKCU or HKCR; keys and
+/// names ignore case. All operations raise on a registry that can't be read, naming the file, and then change
+/// nothing. Rights are those of the process. Safe from any thread and any number of processes, which take
+/// turns at editing.
 class ZqRegistry {
 public:
     /// Kind of a value's data. The numbers are of this library; the texts are the usual ones.
@@ -11,8 +19,8 @@ public:
         RegDword = 1,    ///< "REG_DWORD", 32-bit number as decimal text
         RegQword = 2,    ///< "REG_QWORD", 64-bit number as decimal text
         RegExpandSz = 3, ///< "REG_EXPAND_SZ", text with variables
-        RegMultiSz = 4,  ///< "REG_MULTI_SZ", several texts
-        RegBinary = 5    ///< "REG_BINARY", bytes in hex
+        RegMultiSz = 4,  ///< "REG_MULTI_SZ", several texts with line feeds between them
+        RegBinary = 5    ///< "REG_BINARY", bytes in hex digits
     };
 
     /// One value of a key.
@@ -28,4 +36,23 @@ public:
         static RegValType string2Type(const SxString& text);
         static SxString type2String(RegValType type);
     };
+
+    /// Whether the key holds a value or a sub-key of that name.
+    static bool contains(const SxString& key, const SxString& name);
+    /// Whether the key holds a value of that name; the empty name is its default value.
+    static bool isVal(const SxString& key, const SxString& name);
+    /// The value as text, numbers in decimal, kinds that aren't in RegValType as bytes in hex digits. Raises
+    /// where there is none.
+    static SxString getVal(const SxString& key, const SxString& name);
+    /// Writes a value, and makes its key. `data` is text for all kinds; numbers are taken in decimal, or in
+    /// hex behind "0x". Raises where it doesn't fit the kind.
+    static void setVal(const SxString& key, const SxString& name, RegValType type, const SxString& data);
+
+    /// Writes all values of the list, or raises and leaves everything as it was. "{{ZQDRIVE}}" in an item's
+    /// data becomes `mountPoint` (a letter and a colon); keys and names are taken as they stand, since they
+    /// are looked for again without it.
+    static void createRegEntriesAsAdmin(const SxList<Item>& list, const SxString& mountPoint);
+    /// Removes all values of the list, whatever they hold by now, and those of its keys that become empty by
+    /// that. A value that isn't there is no failure.
+    static void removeRegEntriesAsAdmin(const SxList<Item>& list);
 };
