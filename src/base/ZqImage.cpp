@@ -11,15 +11,14 @@ namespace {
 constexpr const char* UNIT = "src/base/ZqImage";
 constexpr uint64 TOP_BIT = uint64{1} << 63;
 
-/// Brings values that were read from a little-endian file to the machine's order.
-void fromLittleEndian(SxArray<uint64>* values) {
+} // namespace
+
+void ZqImage::fromLittleEndian(SxArray<uint64>* values) {
     if constexpr (std::endian::native == std::endian::big) {
         for (uint64& value : *values)
             value = __builtin_bswap64(value);
     }
 }
-
-} // namespace
 
 SxArray<uint64> ZqImage::getMap() const {
     const SxString file = pathPrefix + ZqImageFiles::IDX;

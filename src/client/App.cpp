@@ -145,9 +145,11 @@ Verb& Verb::number(const char* name, uint64* value, uint64 least, const char* he
 }
 
 Verb& Verb::text(const char* name, SxString* value, const char* valueName, const char* help) {
-    command
-        ->add_option_function<std::string>(
-            name, [value](const std::string& text) { *value = text; }, help)
+    const auto take = [value, name](const std::string& text) {
+        if (text.empty()) throw CLI::ValidationError(std::string(name) + " is empty");
+        *value = text;
+    };
+    command->add_option_function<std::string>(name, take, help)
         ->type_name(valueName)
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
     return *this;

@@ -25,7 +25,7 @@ public:
     Verb& optionalArgument(const char* name, SxString* value, const char* help);
     /// An option with a whole number of at least `least` as value.
     Verb& number(const char* name, uint64* value, uint64 least, const char* help, bool required = false);
-    /// An option with a text as value; `valueName` stands for it in the help.
+    /// An option with a text as value, which can't be empty; `valueName` stands for it in the help.
     Verb& text(const char* name, SxString* value, const char* valueName, const char* help);
     Verb& flag(const char* name, bool* value, const char* help);
     /// Ends the description.

@@ -11,6 +11,9 @@
 #include <tavrin/ZqImageFolder.h>
 #include <tavrin/ZqImageInfo.h>
 #include <tavrin/ZqImageLock.h>
+#include <tavrin/ZqPatch.h>
+
+#include <optional>
 
 namespace {
 constexpr const char* UNIT = "src/client/ImageVerbs";
@@ -22,6 +25,10 @@ struct MapOptions {
     SxString image;
     uint64 first = 0, last = 0, step = 1;
     bool reverse = false;
+};
+
+struct VerifyOptions {
+    SxString image, rawFolder;
 };
 
 struct SplitOptions {
@@ -143,30 +150,90 @@ void appendTexts(SxSymbol* result, const char* key, const SxList<SxString>& text
         array.append(text.validUtf8());
 }
 
-int verify(const SxString& image, Output& out) {
-    ZqImageCheck check(image);
-    runJob(&check, "verify", out);
+/// What a check found.
+struct Findings {
+    SxList<SxString> faults, notes;
+    bool partial = false;
+    std::optional<ZqPatch::ImageCounters> raw;
+};
 
-    const bool ok = check.getFaults().isEmpty();
-    if (out.getMode().json) {
-        SxSymbol result;
-        result.setType(Json::Object);
-        result.append("ok", ok);
-        result.append("partial", check.isPartial());
-        appendTexts(&result, "faults", check.getFaults());
-        appendTexts(&result, "notes", check.getNotes());
-        out.object(result);
+/// Compares the image with the RAW image in a folder, as far as the image is there.
+void compareWithRaw(const VerifyOptions& options, Findings* findings, const Output& out) {
+    const SxString folder = ZqImageFolder::prefix(options.image);
+    if (!SxFSAction::test_f(folder + ZqImageFiles::ZQF)) {
+        findings->notes << SxString("img.raw: not compared, there is no img.zqf");
+        return;
     }
-    for (const SxString& note : check.getNotes())
+    const auto lock =
+        ZqImageLock::take(options.image, ZqImageLock::Shape, ZqImageLock::Shared, "image verify");
+    ZqPatch::ImageCounters counters;
+    FunctionJob job([&](ZqTaskMon* progress) {
+        counters = ZqPatch::verifyImage(ZqImageFolder::prefix(options.rawFolder), folder, progress);
+    });
+    runJob(&job, "compare", out);
+    findings->raw = counters;
+    findings->notes << "img.raw: " + SxString(counters.nTotal) + " blocks, " + counters.nMapped +
+                           " compared, digest " + counters.md5Raw;
+    if (counters.nMissing > 0) {
+        findings->notes << "img.raw: blocks that aren't compared, since they lie behind the present end of "
+                           "img.zqf: " +
+                               SxString(counters.nMissing);
+    }
+    if (counters.nWrong() == 0) return;
+    findings->faults << "'" + folder + ZqImageFiles::ZQF + "': " + counters.nWrong() +
+                            (counters.nWrong() == 1 ? " block differs" : " blocks differ") + " from '" +
+                            ZqImageFolder::prefix(options.rawFolder) + "img.raw', first RAW block " +
+                            counters.firstWrongRawIdx;
+}
+
+SxSymbol findingsJson(const Findings& findings) {
+    SxSymbol result;
+    result.setType(Json::Object);
+    result.append("ok", findings.faults.isEmpty());
+    result.append("partial", findings.partial);
+    appendTexts(&result, "faults", findings.faults);
+    appendTexts(&result, "notes", findings.notes);
+    if (!findings.raw) {
+        result.append("raw", Json::Null);
+        return result;
+    }
+    SxSymbol raw = result.append("raw", Json::Object);
+    raw.append("total", findings.raw->nTotal);
+    raw.append("mapped", findings.raw->nMapped);
+    raw.append("unmapped", findings.raw->nUnmapped);
+    raw.append("invalid", findings.raw->nInvalid);
+    raw.append("missing", findings.raw->nMissing);
+    raw.append("wrong", findings.raw->nWrong());
+    raw.append("md5Raw", findings.raw->md5Raw);
+    raw.append("md5Zqf", findings.raw->md5Zqf);
+    return result;
+}
+
+int verify(const VerifyOptions& options, Output& out) {
+    ZqImageCheck check(options.image);
+    runJob(&check, "verify", out);
+    Findings findings{check.getFaults(), check.getNotes(), check.isPartial(), std::nullopt};
+    if (!options.rawFolder.isEmpty()) {
+        try {
+            compareWithRaw(options, &findings, out);
+        } catch (const SxException& e) {
+            // What was found before is told all the same.
+            if (findings.faults.isEmpty()) throw;
+            findings.faults << SxString(e.what());
+        }
+    }
+
+    if (out.getMode().json) out.object(findingsJson(findings));
+    for (const SxString& note : findings.notes)
         out.text(note);
-    for (const SxString& fault : check.getFaults())
+    for (const SxString& fault : findings.faults)
         out.finding("FAULT: " + fault);
-    if (ok) {
-        out.text(check.isPartial() ? "No fault as far as the image is there." : "No fault.");
+    if (findings.faults.isEmpty()) {
+        out.text(findings.partial ? "No fault as far as the image is there." : "No fault.");
         return ExitSuccess;
     }
-    const int64 n = check.getFaults().getSize();
-    throw SxException(image + ": " + n + (n == 1 ? " fault" : " faults"), UNIT, __LINE__);
+    const int64 n = findings.faults.getSize();
+    throw SxException(options.image + ": " + n + (n == 1 ? " fault" : " faults"), UNIT, __LINE__);
 }
 
 // --- split and join
@@ -244,8 +311,13 @@ void registerImageVerbs(App* app) {
         .flag("--reverse", &map->reverse, "List by ZqF index instead of RAW index")
         .action([map](Output& out) { return showMap(*map, out); });
 
-    simple("verify", "Check digests, map and sizes, as far as the image is there",
-           "tavrin image verify games/alpha", verify);
+    auto verifying = SxPtr<VerifyOptions>::create();
+    family
+        .verb("verify", "Check digests, map and sizes, as far as the image is there",
+              "tavrin image verify games/alpha --raw build/alpha")
+        .argument("IMAGE", &verifying->image, IMAGE_HELP)
+        .text("--raw", &verifying->rawFolder, "DIR", "Compare with img.raw in DIR, block by block")
+        .action([verifying](Output& out) { return verify(*verifying, out); });
 
     auto splitting = SxPtr<SplitOptions>::create();
     family

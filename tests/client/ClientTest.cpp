@@ -227,6 +227,38 @@ TEST_F(ClientTest, traceInfo) {
     EXPECT_EQ(run({"__complete", "trace", "i"}).out, "info\n");
 }
 
+TEST_F(ClientTest, verifyComparesWithTheRawImage) {
+    const string image = makeImage("image");
+    const string bytes = dir.read("image/" + ZQF);
+    dir.write("raw/img.raw", bytes);
+    const Words words = {"image", "verify", image, "--raw", dir.path("raw")};
+    const auto counters = [&] { return parseJson(run(words, {"--json"}).out); };
+
+    const Outcome right = run(words);
+    EXPECT_EQ(right.code, 0) << right.err;
+    EXPECT_THAT(right.out, testing::AllOf(HasSubstr("4 blocks, 4 compared"), Not(HasSubstr("Verifying"))));
+    EXPECT_EQ(counters().getElem("raw").getElem("md5Zqf").toString().getSize(), 32);
+
+    // Fewer blocks, of which all but one are right.
+    dir.write("image/" + ZQF, bytes.substr(0, 3 * 4096));
+    const Outcome partial = run(words);
+    EXPECT_EQ(partial.code, 0) << partial.err;
+    EXPECT_THAT(partial.out, HasSubstr("behind the present end of img.zqf: 1"));
+    dir.write("image/" + ZQF, bytes.substr(0, 4096) + string(2 * 4096, 'x'));
+    const Outcome wrong = run(words, {"--quiet"});
+    EXPECT_EQ(wrong.code, 1);
+    EXPECT_EQ(wrong.out, "FAULT: '" + image + "/" + ZQF + "': 2 blocks differ from '" + dir.path("raw") +
+                             "/img.raw', first RAW block 1\n");
+    const auto raw = counters().getElem("raw");
+    EXPECT_EQ(raw.getElem("invalid").toInt(), 3);
+    EXPECT_EQ(raw.getElem("wrong").toInt(), 2);
+    EXPECT_EQ(raw.getElem("missing").toInt(), 1);
+
+    EXPECT_THAT(run({"image", "verify", image, "--raw", dir.path("none")}).err,
+                HasSubstr("File " + dir.path("none") + "/img.raw not found"));
+    EXPECT_EQ(run({"image", "verify", image, "--raw="}).code, 2);
+}
+
 TEST_F(ClientTest, interruptedCreateLeavesNothingBehind) {
     std::filesystem::resize_file(dir.write("long/sparse", ""), uint64{4} << 30);
     const string old = makeImage("old");

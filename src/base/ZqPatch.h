@@ -1,0 +1,33 @@
+#pragma once
+
+#include "ZqImage.h"
+
+/// Operations on patches that need no state.
+class ZqPatch {
+public:
+    /// What a comparison of an image with its RAW image came to, in blocks.
+    struct ImageCounters {
+        uint64 nTotal = 0;       ///< entries of the map
+        uint64 nMapped = 0;      ///< whose block is in the ZqF file
+        uint64 nUnmapped = 0;    ///< the others: without an entry, or missing
+        uint64 nInvalid = 0;     ///< that differ; a missing block counts as zeros
+        uint64 nMissing = 0;     ///< of the unmapped, those behind the present end of the ZqF file
+        uint64 nMissingZero = 0; ///< of the missing, those that the RAW image has as zeros
+        uint64 firstWrongRawIdx = ZqImage::NO_ENTRY; ///< the first that is there and differs
+        SxString md5Raw, md5Zqf;                     ///< of all blocks with an entry, in RAW order
+
+        /// The blocks that are there and differ.
+        uint64 nWrong() const { return nInvalid - (nMissing - nMissingZero); }
+    };
+
+    /// Compares `img.zqf` in `zqfDir`, by the map `img.idx` (unpacked from `img.idx.7z` where only that is
+    /// there), with `img.raw` in `rawDir`, block by block. Both folders end with their slash. Shows its
+    /// progress on standard output, and logs counters and digests; a difference is counted, not raised.
+    /// Raises where a file is missing or can't be read. Takes no lock. From any thread, one call at a time
+    /// for each image whose map is to be unpacked.
+    static void verifyImage(const SxString& rawDir, const SxString& zqfDir);
+    /// The same without a word on standard output, for programs that show progress and result themselves.
+    /// `progress`, where given, gets bytes and speed and is asked for a stop, which raises with the tag
+    /// "Stopped".
+    static ImageCounters verifyImage(const SxString& rawDir, const SxString& zqfDir, ZqTaskMon* progress);
+};
