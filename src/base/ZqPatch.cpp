@@ -192,7 +192,7 @@ ZqPatch::ImageCounters compare(const SxString& rawDir, const SxString& zqfDir, Z
     }
     try {
         const SxArray<uint64> map = readMap(idxFile);
-        const ZqPatch::ImageCounters counters = Comparison(rawFile, zqfFile, progress).run(map, report);
+        ZqPatch::ImageCounters counters = Comparison(rawFile, zqfFile, progress).run(map, report);
         atEnd();
         logCounters(counters);
         return counters;

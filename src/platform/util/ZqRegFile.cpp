@@ -114,21 +114,21 @@ void ZqRegFile::load(std::string newText) {
     }
     sections.emplace_back();
     int64 nLines = 0;
-    for (size_t begin = 0; begin < text.size();) {
-        size_t end = begin;
+    for (size_t pos = 0; pos < text.size();) {
+        const size_t begin = pos;
         try {
-            end = takeLine(text, begin);
+            takeLine(text, &pos);
         } catch (const SxException& e) {
             throw SxException(e, SxString("line ") + (nLines + 1), UNIT, __LINE__);
         }
-        nLines += std::count(text.begin() + static_cast<std::ptrdiff_t>(begin),
-                             text.begin() + static_cast<std::ptrdiff_t>(end), '\n');
-        begin = end;
+        const std::string_view taken = text.substr(begin, pos - begin);
+        nLines += std::count(taken.begin(), taken.end(), '\n');
     }
 }
 
-/// Takes one line with those that continue it, and gives where the next begins.
-size_t ZqRegFile::takeLine(std::string_view text, size_t lineBegin) {
+/// Takes the line at `*pos` with those that continue it, and moves on behind them.
+void ZqRegFile::takeLine(std::string_view text, size_t* pos) {
+    const size_t lineBegin = *pos;
     size_t end = lineBegin;
     const auto takeOne = [&] {
         const size_t from = end;
@@ -161,7 +161,7 @@ size_t ZqRegFile::takeLine(std::string_view text, size_t lineBegin) {
     }
     line.raw = raw;
     sections.back().lines.push_back(std::move(line));
-    return end;
+    *pos = end;
 }
 
 const std::vector<ZqRegFile::Sections::iterator>* ZqRegFile::sectionsOf(const Key& key) const {
@@ -247,12 +247,13 @@ void ZqRegFile::set(const Key& key, const std::u16string& name, const ZqRegData&
     if (!index.contains(folded)) begin(key, folded);
     const std::vector<Sections::iterator>& found = index[folded];
     Line added{keep(ZqRegText::writeValue(name, data)), true, zqFold(name)};
-    for (auto section = found.rbegin(); section != found.rend(); ++section) {
-        std::vector<Line>& lines = (*section)->lines;
-        const auto old = std::find_if(lines.rbegin(), lines.rend(), [&](const Line& line) {
-            return line.isValue && line.name == added.name;
-        });
-        if (old == lines.rend()) continue;
+    Line* old = nullptr;
+    for (const auto& section : found) {
+        for (Line& line : section->lines) {
+            if (line.isValue && line.name == added.name) old = &line;
+        }
+    }
+    if (old) {
         *old = std::move(added);
         return;
     }

@@ -68,7 +68,7 @@ private:
 
     ZqRegFile() = default;
     void load(std::string text);
-    size_t takeLine(std::string_view text, size_t begin);
+    void takeLine(std::string_view text, size_t* pos);
     std::string_view keep(std::string text);
     void begin(const Key& key, const std::u16string& folded);
     const std::vector<Sections::iterator>* sectionsOf(const Key& key) const;

@@ -277,6 +277,7 @@ void ZqRegStore::applyToFiles(const std::vector<ZqRegEdit>& edits) const {
 /// Gives what the server has of all keys that the edits are for. Keys begin with the hive's long name.
 ZqRegFile ZqRegStore::askWine(const std::vector<ZqRegEdit>& edits) const {
     std::vector<SxString> keys;
+    keys.reserve(edits.size());
     for (const ZqRegEdit& edit : edits)
         keys.push_back(joinKey(edit.address.withRoot()));
     std::sort(keys.begin(), keys.end());
