@@ -150,6 +150,9 @@ public:
     int symlink(const std::string& target, const std::string& path) override {
         return status(::symlink(target.c_str(), path.c_str()));
     }
+    int link(const std::string& from, const std::string& to) override {
+        return status(::link(from.c_str(), to.c_str()));
+    }
     int readLink(const std::string& path, std::string* target) override {
         char buffer[PATH_MAX];
         const ssize_t n = ::readlink(path.c_str(), buffer, sizeof buffer);

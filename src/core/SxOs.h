@@ -80,6 +80,8 @@ public:
     /// Atomic; replaces a file.
     virtual int rename(const std::string& from, const std::string& to) = 0;
     virtual int symlink(const std::string& target, const std::string& path) = 0;
+    /// Gives the file `from` a second name, on the same file system.
+    virtual int link(const std::string& from, const std::string& to) = 0;
     virtual int readLink(const std::string& path, std::string* target) = 0;
     virtual int setPermissions(const std::string& path, unsigned permissions) = 0;
     /// Sets the time of modification to now.

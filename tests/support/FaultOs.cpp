@@ -339,6 +339,13 @@ int FaultOs::symlink(const std::string& target, const std::string& path) {
     return machine.symlink(target, path);
 }
 
+int FaultOs::link(const std::string& from, const std::string& to) {
+    if (const int error = strike(Op::Link, to)) return error;
+    const std::lock_guard lock(mutex);
+    if (watches(normal(to))) pending.changeName(normal(to));
+    return machine.link(from, to);
+}
+
 int FaultOs::readLink(const std::string& path, std::string* target) {
     if (const int error = strike(Op::ReadLink, path)) return error;
     return machine.readLink(path, target);

@@ -36,6 +36,7 @@ public:
         Unlink,
         Rename,
         Symlink,
+        Link,
         ReadLink,
         SetPermissions,
         SetModified,
@@ -95,6 +96,7 @@ public:
     int unlink(const std::string& path) override;
     int rename(const std::string& from, const std::string& to) override;
     int symlink(const std::string& target, const std::string& path) override;
+    int link(const std::string& from, const std::string& to) override;
     int readLink(const std::string& path, std::string* target) override;
     int setPermissions(const std::string& path, unsigned permissions) override;
     int setModifiedNow(const std::string& path) override;
