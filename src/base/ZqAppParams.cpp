@@ -185,6 +185,14 @@ void ZqAppParams::read(const SxString& prefix) {
     SxString file = ZqImageFiles::APP_JSON;
     try {
         file = ZqRecordFile::choosePrefix(prefix, pathPrefix) + file;
+    } catch (const SxException& e) {
+        throw SxException(e, "Failed to read file " + file, UNIT, __LINE__);
+    }
+    readFile(file);
+}
+
+void ZqAppParams::readFile(const SxString& file) {
+    try {
         if (!SxFSAction::test_f(file)) throw SxException("File " + file + " not found.", UNIT, __LINE__);
         const SxSymbol root = ZqRecordFile::read(file, "zqapp-schema.json");
         version = root.getElem("version", true).toInt();

@@ -44,6 +44,8 @@ public:
     /// optional key leaves its field as it is; lists are replaced. Raises "Failed to read file ..." with the
     /// cause; fields that were read until then keep their new values.
     void read(const SxString& pathPrefix = SxString());
+    /// The same from the file `file`, whatever its name.
+    void readFile(const SxString& file);
     /// Writes the record likewise, replacing the file as a whole, and makes its folder.
     void write(const SxString& pathPrefix = SxString()) const;
 
