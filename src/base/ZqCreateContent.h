@@ -33,19 +33,12 @@ private:
         int64 size; ///< bytes
     };
 
-    void refuseOverlap() const;
     SxList<Entry> scan(uint64* nBlocks);
     /// Raises where a file can't be opened, which is better found before anything is written.
     void requireReadable(const SxList<Entry>& files) const;
     void build(const SxList<Entry>& files, uint64 nBlocks);
-    /// Writes the new image beside the old one. False where a stop was asked for.
-    bool stage(const SxList<Entry>& files, uint64 nBlocks);
     SxString pack(const SxString& folder, const SxList<Entry>& files, int64 t0);
     void writeRecords(const SxString& folder, uint64 nBlocks, const SxString& digest) const;
-    /// Puts the staged image in the place of the old one. `*begun` tells whether the old one is gone.
-    void commit(bool* begun) const;
-    /// Takes back what was made, also in the target itself where that is new.
-    void discard(bool isNew) const;
     void log(const SxString& text) const;
 
     const SxString target, source; ///< with trailing slashes
