@@ -15,6 +15,7 @@ packages=(
     libssl-dev libarchive-dev libzstd-dev nlohmann-json3-dev libvalijson-dev libspdlog-dev libcli11-dev
     robin-map-dev libtsl-ordered-map-dev libfuse3-dev
     libgtest-dev libgmock-dev libbenchmark-dev
+    erofs-utils e2fsprogs squashfs-tools
 )
 for group in "$@"; do
     case "$group" in

@@ -3,6 +3,7 @@
 #include "ZqArchive.h"
 #include "ZqCreateContent.h"
 #include "ZqImage.h"
+#include "ZqImageBuild.h"
 
 #include <csignal>
 #include <sys/wait.h>
@@ -115,6 +116,11 @@ std::string createNew(const TempDir& dir) {
     return create(dir, "watched/new/deep");
 }
 
+std::string buildOver(const TempDir& dir) {
+    ZqImageBuild job(dir.path("watched"), dir.path("source"), {});
+    return failureOf(job);
+}
+
 template<bool compress>
 std::string split(const TempDir& dir) {
     return failureOf([&] { ZqImage(SxString(dir.path("watched/"))).split(PART, compress); });
@@ -134,7 +140,8 @@ const Job JOBS[] = {{"Split", makeWhole, split<false>, findLostParts},
                     {"JoinResumed", makeCutOffJoin, join, findLostParts},
                     {"JoinTakenBack", makeParts, join, findLostParts, 1 << 30, true},
                     {"CreateOverAnImage", makeSourceAndImage, createOver, findMixedImage},
-                    {"CreateInANewFolder", makeSource, createNew, findMixedImage}};
+                    {"CreateInANewFolder", makeSource, createNew, findMixedImage},
+                    {"BuildOverAnImage", makeSourceAndImage, buildOver, findMixedImage}};
 
 class ImageCrash : public testing::TestWithParam<Job> {
 protected:

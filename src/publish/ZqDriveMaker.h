@@ -1,0 +1,69 @@
+#pragma once
+
+#include "SxFileIO.h"
+#include "ZqSourceTree.h"
+#include "ZqTool.h"
+
+#include <memory>
+
+/// What a RAW block holds, as far as its place in the ZqF order goes by that.
+enum class ZqBlockKind : unsigned char {
+    Metadata, ///< what the file system itself is made of; also what is in no use
+    Early,    ///< content of a file that a mount reads
+    File      ///< content of another file
+};
+
+/// Makes the file system of a drive as a RAW image. The same files give the same bytes, whoever makes them
+/// where and when: times, owners and identities are fixed. One thread.
+class ZqDriveMaker {
+public:
+    enum FileSystem { Erofs, Ext4, Squashfs };
+
+    struct Job {
+        SxString tree;              ///< folder with the content of the drive, with a trailing slash
+        SxString raw;               ///< file to make
+        SxString scratch;           ///< folder for other files, with a trailing slash
+        const ZqSourceTree* source; ///< what the application's folder in `tree` was made of
+        SxList<SxString> early;     ///< files and folders that a mount reads, relative to the drive's root
+        ZqTaskMon* monitor;         ///< asked for a stop
+        std::function<void()> look = {}; ///< called now and then while a tool works
+
+        /// Whether the file at `path`, relative to the drive's root, is one of `early` or lies in one.
+        bool isEarly(const SxString& path) const;
+    };
+
+    /// The maker for `type`. Raises where its tools aren't installed.
+    static std::unique_ptr<ZqDriveMaker> get(FileSystem type);
+    /// "erofs", "ext4", "squashfs".
+    static FileSystem stringToType(const SxString& text);
+    static SxString typeToString(FileSystem type);
+
+    virtual ~ZqDriveMaker() = default;
+
+    /// Makes the RAW image, a whole number of blocks, and gives the kind of each. Blocks of kind File are
+    /// surely no others.
+    std::vector<ZqBlockKind> make(const Job& job) const;
+
+protected:
+    static constexpr const char* UUID = "5a1f6d0c-8b7e-4c39-9e52-3d6a7f10c4b8";
+    static constexpr const char* HASH_SEED = "c2f0a9d4-61e8-4b75-8a3d-92e7b5406f1c";
+    static constexpr const char* TIME = "1000000000"; ///< of all files; seconds since 1970
+
+    virtual void format(const Job& job) const = 0;
+    virtual void mark(const Job& job, std::vector<ZqBlockKind>* kinds) const = 0;
+};
+
+/// Reads numbers, least byte first, and bytes of a RAW image. One thread.
+class ZqRawReader {
+public:
+    explicit ZqRawReader(const SxString& path) : file(path, "rb") {}
+
+    int64 getSize() const { return file.getSize(); }
+    /// Reads `n` bytes at `offset`; raises where the image ends before.
+    std::string read(uint64 offset, uint64 n);
+    /// The number of `nBytes` bytes at `at` in `bytes`.
+    static uint64 number(const std::string& bytes, size_t at, size_t nBytes);
+
+private:
+    SxFileIO file;
+};

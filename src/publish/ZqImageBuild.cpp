@@ -1,0 +1,303 @@
+#include "ZqImageBuild.h"
+
+#include "SxException.h"
+#include "SxFSAction.h"
+#include "SxMd5.h"
+#include "ZqBlockWriter.h"
+#include "ZqDriveLayout.h"
+#include "ZqImage.h"
+#include "ZqImageFiles.h"
+#include "ZqImageFolder.h"
+#include "ZqImageParams.h"
+#include "ZqImageStaging.h"
+#include "ZqLog.h"
+#include "ZqRawFile.h"
+#include "ZqSysEnv.h"
+
+#include <algorithm>
+#include <optional>
+
+namespace {
+
+constexpr const char* UNIT = "src/publish/ZqImageBuild";
+constexpr int64 BLOCK = ZqImage::BLOCK_SIZE;
+constexpr const char* READY_TEXT = "This drive can be read.\n";
+constexpr uint64 ROOM = 4 << 20;        ///< bytes for records, superblocks and the like
+constexpr uint64 ROOM_FOR_ENTRY = 1024; ///< bytes of metadata for a file or folder
+constexpr int64 MAX_RUN = 256;          ///< blocks that are read at once
+
+bool isZero(const char* block) {
+    static const std::vector<char> zeros(BLOCK, '\0');
+    return std::equal(zeros.begin(), zeros.end(), block);
+}
+
+/// A path as the folders of a drive have it: no slash in front, at the end, or twice.
+SxString cleanPath(const SxString& path) {
+    SxList<SxString> parts;
+    for (const SxString& part : ZqSysEnv::unifySlashes(path).tokenize('/')) {
+        if (!(part == ".")) parts << part;
+    }
+    return SxString::join(parts, "/");
+}
+
+/// A path as an external program finds it, and doesn't take it for an option.
+SxString toolPath(const SxString& path) {
+    const SxString host = SxOs::hostPath(SxFileInfo(path).getAbsPath());
+    return path.endsWith("/") ? ZqImageFolder::prefix(host) : host;
+}
+
+/// The digest as a GUID: that of a name-based one by MD5 (RFC 4122, version 3).
+SxString toGuid(const SxString& md5) {
+    constexpr const char* VARIANTS = "89AB";
+    std::string hex = md5.toUpper().str();
+    hex[12] = '3';
+    const char digit = hex[16];
+    hex[16] = VARIANTS[(digit <= '9' ? digit - '0' : digit - 'A' + 10) & 3];
+    return SxString::join(
+        {hex.substr(0, 8), hex.substr(8, 4), hex.substr(12, 4), hex.substr(16, 4), hex.substr(20)}, "-");
+}
+
+} // namespace
+
+/// Cuts a RAW image into blocks: writes `img.zqf` and `img.idx`.
+class ZqImageBuild::Cutter {
+public:
+    Cutter(const SxString& raw_, const SxString& folder_, const std::vector<ZqBlockKind>& kinds_,
+           ZqTaskMon* job_)
+        : raw(raw_, "rb"),
+          folder(folder_),
+          kinds(kinds_),
+          job(job_),
+          map(static_cast<int64>(kinds_.size())),
+          writer(folder_) {
+        std::fill(map.begin(), map.end(), ZqImage::NO_ENTRY);
+    }
+
+    void run() {
+        cutAhead(ZqBlockKind::Metadata);
+        cutAhead(ZqBlockKind::Early);
+        nAhead = nZqf;
+        cutRest();
+        zqfDigest = writer.finish();
+        ZqMapWriter idx(folder);
+        for (const uint64 entry : map)
+            idx.append(entry);
+        idx.finish();
+    }
+
+    uint64 nAhead = 0, nZqf = 0; ///< blocks
+    SxString rawDigest, zqfDigest;
+
+private:
+    void cutAhead(ZqBlockKind kind) {
+        const auto n = static_cast<int64>(kinds.size());
+        SxArray<char> buffer(MAX_RUN * BLOCK);
+        for (int64 rawIdx = 0, count = 0; rawIdx < n; rawIdx += std::max<int64>(count, 1)) {
+            for (count = 0; count < MAX_RUN && rawIdx + count < n && isOf(kind, rawIdx + count);)
+                ++count;
+            if (count == 0) continue;
+            readAt(rawIdx, buffer.data(), count);
+            include(kind, rawIdx, buffer.data(), count);
+        }
+    }
+
+    void cutRest() {
+        ZqDigestPipe pipe("raw md5");
+        const auto n = static_cast<int64>(kinds.size());
+        raw.adviseSequential();
+        for (int64 rawIdx = 0; rawIdx < n;) {
+            ZqDigestPipe::Chunk* chunk = pipe.next();
+            const int64 count = std::min(n - rawIdx, ZqDigestPipe::CHUNK / BLOCK);
+            readAt(rawIdx, chunk->bytes.data(), count);
+            include(ZqBlockKind::File, rawIdx, chunk->bytes.data(), count);
+            chunk->used = count * BLOCK;
+            pipe.take(chunk);
+            rawIdx += count;
+            job->addNCurrent(static_cast<uint64>(count * BLOCK));
+        }
+        rawDigest = pipe.finish();
+    }
+
+    bool isOf(ZqBlockKind kind, int64 rawIdx) const { return kinds[static_cast<size_t>(rawIdx)] == kind; }
+
+    void readAt(int64 rawIdx, char* bytes, int64 count) {
+        if (job->stopRequested()) throw SxException(SxException::STOPPED, "Stopped", UNIT, __LINE__);
+        raw.seek(rawIdx * BLOCK);
+        if (raw.readBuffer(bytes, count * BLOCK) != count * BLOCK) {
+            throw SxException(SxFileIO::fileReadErr(raw.getFilePath()), UNIT, __LINE__);
+        }
+    }
+
+    /// Takes the blocks of that kind that aren't zero, of `count` from `rawIdx` on.
+    void include(ZqBlockKind kind, int64 rawIdx, const char* bytes, int64 count) {
+        for (int64 i = 0; i < count; ++i) {
+            const char* block = bytes + i * BLOCK;
+            if (!isOf(kind, rawIdx + i) || isZero(block)) continue;
+            writer.append(block, BLOCK);
+            map(rawIdx + i) = nZqf++;
+        }
+    }
+
+    SxFileIO raw;
+    const SxString folder;
+    const std::vector<ZqBlockKind>& kinds;
+    ZqTaskMon* job;
+    SxArray<uint64> map; ///< by RAW index
+    ZqBlockWriter writer;
+};
+
+ZqImageBuild::ZqImageBuild(const SxString& target_, const SxString& source_, const Options& options_)
+    : target(ZqSysEnv::unifySlashes(ZqImageFolder::prefix(target_))),
+      source(ZqSysEnv::unifySlashes(ZqImageFolder::prefix(source_))),
+      options(options_) {
+    setThreadName("image build");
+}
+
+void ZqImageBuild::main() {
+    const auto maker = ZqDriveMaker::get(options.fileSystem);
+    ZqImageStaging::refuseOverlap(source, target);
+    if (!options.rawDir.isEmpty()) {
+        ZqImageStaging::refuseOverlap(source, options.rawDir);
+        ZqImageStaging::refuseOverlap(target, options.rawDir);
+    }
+    const ZqSourceTree tree(source, *this);
+    tree.requireReadable(*this);
+    nFiles = tree.count(SxStat::File);
+    nFolders = tree.count(SxStat::Dir);
+    nLinks = tree.count(SxStat::Link);
+    nSkipped = tree.getNSkipped();
+    const ZqAppParams app = makeApp(tree);
+    // The files are placed, made a file system of, and cut into blocks.
+    setNTotal(3 * tree.getBytes());
+    build(tree, *maker, app);
+}
+
+void ZqImageBuild::refuseStop() const {
+    if (stopRequested()) throw SxException(SxException::STOPPED, "Stopped", UNIT, __LINE__);
+}
+
+ZqAppParams ZqImageBuild::makeApp(const ZqSourceTree& tree) const {
+    const bool writable = options.fileSystem == ZqDriveMaker::Ext4;
+    ZqAppParams app;
+    app.guid = SxString();
+    if (options.appTemplate.isEmpty()) {
+        app.cmd = SxString();
+        app.mountMode = writable ? ZqMountMgr::ReadTWLayer : ZqMountMgr::ReadOnly;
+    } else {
+        app.readFile(options.appTemplate);
+    }
+    if (app.mountMode == ZqMountMgr::ReadWrite && !writable) {
+        throw SxException("The mount mode 'rw' needs the file system ext4; " +
+                              ZqDriveMaker::typeToString(options.fileSystem) + " can't be written to",
+                          UNIT, __LINE__);
+    }
+    if (!options.cmd.isEmpty()) app.cmd = commandFor(tree);
+    if (!options.args.isEmpty()) app.args = options.args;
+    if (!options.name.isEmpty()) app.name = options.name;
+    if (!options.window.isEmpty()) app.window = options.window;
+    return app;
+}
+
+SxString ZqImageBuild::commandFor(const ZqSourceTree& tree) const {
+    const SxString path = cleanPath(options.cmd);
+    if (tree.holdsFile(path)) return SxString(ZqDriveLayout::DRIVE) + ZqDriveLayout::APP_DIR + path;
+    // A path that isn't there is a slip; a bare name may be a program of the machine.
+    const bool relative = options.cmd.contains("/") && !options.cmd.startsWith("/") &&
+                          !options.cmd.contains("{{") && !options.cmd.contains(":");
+    if (relative) {
+        throw SxException("The command '" + options.cmd + "' is no file of the folder '" + source + "'", UNIT,
+                          __LINE__);
+    }
+    return options.cmd;
+}
+
+SxList<SxString> ZqImageBuild::earlyPaths(const ZqAppParams& app) {
+    SxList<SxString> paths = {ZqDriveLayout::READY_FILE};
+    for (const SxList<SxString>* names : {&app.dirmap, &app.filemap}) {
+        for (const SxString& name : *names)
+            paths << ZqDriveLayout::PROTECTED_DIR + cleanPath(name);
+    }
+    return paths;
+}
+
+void ZqImageBuild::requireSpace(const ZqSourceTree& tree) const {
+    SxStat info;
+    const uint64 content =
+        tree.getNBlocks() * static_cast<uint64>(BLOCK) + ROOM + ROOM_FOR_ENTRY * tree.getEntries().size();
+    const int result = SxOs::get().stat(SxOs::hostPath(target), &info);
+    if (result < 0) throw SxException(SxOs::errorText(result), UNIT, __LINE__);
+    // The drive is there as RAW image and as ZqF file at the end.
+    ZqImageStaging::requireSpace(target, 2 * content + tree.bytesToCopy(info.device));
+    if (!options.rawDir.isEmpty()) ZqImageStaging::requireSpace(options.rawDir, content);
+}
+
+std::vector<ZqBlockKind> ZqImageBuild::makeDrive(const ZqSourceTree& tree, const ZqDriveMaker& maker,
+                                                 const SxString& scratch, const SxString& raw,
+                                                 const ZqAppParams& app) {
+    const SxString root = scratch + "tree/", ready = root + ZqDriveLayout::READY_FILE;
+    ZqSourceTree::makeFolder(root);
+    ZqSourceTree::makeFolder(root + ZqDriveLayout::PROTECTED_DIR);
+    tree.placeIn(root + ZqDriveLayout::APP_DIR, this);
+    refuseStop();
+    SxFileIO file(ready, "wb", 0644);
+    file.write(SxString(READY_TEXT));
+    file.close();
+    ZqSourceTree::setPermissions(ready, 0644);
+
+    const uint64 before = getNCurrent();
+    const auto look = [&] {
+        SxStat info;
+        if (SxOs::get().stat(SxOs::hostPath(raw), &info) < 0) return;
+        setNCurrent(before + std::min(static_cast<uint64>(info.allocated), tree.getBytes()));
+    };
+    const std::vector<ZqBlockKind> kinds =
+        maker.make({toolPath(root), toolPath(raw), toolPath(scratch), &tree, earlyPaths(app), this, look});
+    setNCurrent(before + tree.getBytes());
+    SxFSAction::rm_r(root);
+    return kinds;
+}
+
+void ZqImageBuild::build(const ZqSourceTree& tree, const ZqDriveMaker& maker, const ZqAppParams& record) {
+    ZqImageStaging staging(target, "image build");
+    std::optional<ZqRawFile> kept;
+    if (!options.rawDir.isEmpty()) kept.emplace(options.rawDir);
+    const SxString folder = staging.begin(0), scratch = folder + "scratch/";
+    requireSpace(tree);
+    SxFSAction::mkdir_p(scratch, 0700);
+    const SxString raw = kept ? kept->getPath() : scratch + ZqRawFile::NAME;
+
+    std::vector<ZqBlockKind> kinds;
+    try {
+        kinds = makeDrive(tree, maker, scratch, raw, record);
+    } catch (const SxException& e) {
+        if (stopRequested()) throw;
+        throw SxException(e, "Cannot make a drive of the folder '" + source + "'", UNIT, __LINE__);
+    }
+    nRaw = kinds.size();
+    setNTotal(getNCurrent() + nRaw * static_cast<uint64>(BLOCK));
+    Cutter cutter(raw, folder, kinds, this);
+    cutter.run();
+    nIncluded = cutter.nZqf;
+    sizeMnt = cutter.nAhead * static_cast<uint64>(BLOCK);
+
+    ZqImageParams image;
+    image.guid = toGuid(cutter.rawDigest);
+    image.sizeRaw = static_cast<int64>(nRaw) * BLOCK;
+    image.filesystem = "none";
+    image.write(folder);
+    ZqAppParams app = record;
+    if (app.guid.isEmpty()) app.guid = image.guid;
+    app.sizeZqf = nIncluded * static_cast<uint64>(BLOCK);
+    app.sizeIdx = nRaw * sizeof(uint64);
+    app.sizeMnt = sizeMnt;
+    app.checksumZqf = cutter.zqfDigest;
+    app.checksumMnt = cutter.rawDigest;
+    app.checksumIdx = SxMd5::file(folder + ZqImageFiles::IDX, nullptr);
+    app.write(folder);
+    if (kept) SxFileIO(raw, "r+b").sync();
+    SxFSAction::rm_r(scratch);
+    refuseStop();
+    staging.commit();
+    if (kept) kept->commit();
+    complete = true;
+}

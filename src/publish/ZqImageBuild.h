@@ -1,0 +1,69 @@
+#pragma once
+
+#include "ZqAppParams.h"
+#include "ZqDriveMaker.h"
+#include "ZqTaskMon.h"
+
+/// Job that makes a drive with a file system from a folder of files, and an image folder ready to stream from
+/// that. The folder's content lies under `TAVRIN-protected/app/` on the drive, readable by all. Blocks of
+/// zeros aren't included. What a mount reads comes first in the ZqF order, metadata ahead of content; the
+/// rest follows in RAW order. Progress in bytes. Takes the image's lock.
+///
+/// The same folder gives the same image, byte for byte; owners and times don't count. The new image is
+/// written beside what `target` holds and replaces it when it is complete: after a failure or a stop
+/// everything is as it was before.
+class ZqImageBuild : public ZqTaskMon {
+public:
+    /// What the record of the application is made of, beyond what the image itself tells.
+    struct Options {
+        ZqDriveMaker::FileSystem fileSystem = ZqDriveMaker::Erofs;
+        /// An `app.json` that gives all fields, or empty for defaults. Its guid is kept unless it is empty,
+        /// so that an application stays the same from one version to the next.
+        SxString appTemplate;
+        // These take the place of what the template says, unless they are empty.
+        SxString cmd; ///< the path of a file of the folder stands for that file on the drive
+        SxList<SxString> args;
+        SxString name, window;
+        /// Folder that gets the drive as `img.raw`, or empty.
+        SxString rawDir;
+    };
+
+    /// `target` is the image folder to write, `source` the folder to read.
+    ZqImageBuild(const SxString& target, const SxString& source, const Options& options);
+
+    /// After the end: whether the new image is in its place.
+    bool isComplete() const { return complete; }
+    // After the end, of the source: what went into the image, and what was passed over; the log names that.
+    int64 getNFiles() const { return nFiles; }
+    int64 getNFolders() const { return nFolders; }
+    int64 getNLinks() const { return nLinks; }
+    int64 getNSkipped() const { return nSkipped; }
+    // After the end: blocks of the drive, those of them that are included, and the bytes that a mount needs.
+    uint64 getNRaw() const { return nRaw; }
+    uint64 getNIncluded() const { return nIncluded; }
+    uint64 getSizeMnt() const { return sizeMnt; }
+
+protected:
+    void main() override;
+
+private:
+    class RawFile;
+    class Cutter;
+
+    ZqAppParams makeApp(const ZqSourceTree& tree) const;
+    SxString commandFor(const ZqSourceTree& tree) const;
+    /// Paths that a mount reads, relative to the drive's root.
+    static SxList<SxString> earlyPaths(const ZqAppParams& app);
+    void requireSpace(const ZqSourceTree& tree) const;
+    void build(const ZqSourceTree& tree, const ZqDriveMaker& maker, const ZqAppParams& app);
+    /// Makes the drive's file system in the file `raw`.
+    std::vector<ZqBlockKind> makeDrive(const ZqSourceTree& tree, const ZqDriveMaker& maker,
+                                       const SxString& scratch, const SxString& raw, const ZqAppParams& app);
+    void refuseStop() const;
+
+    const SxString target, source; ///< with trailing slashes
+    const Options options;
+    bool complete = false;
+    int64 nFiles = 0, nFolders = 0, nLinks = 0, nSkipped = 0;
+    uint64 nRaw = 0, nIncluded = 0, sizeMnt = 0;
+};

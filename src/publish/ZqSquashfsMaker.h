@@ -1,0 +1,13 @@
+#pragma once
+
+#include "ZqDriveMaker.h"
+
+/// A squashfs drive, compressed.
+class ZqSquashfsMaker : public ZqDriveMaker {
+protected:
+    void format(const Job& job) const override;
+    void mark(const Job& job, std::vector<ZqBlockKind>* kinds) const override;
+
+private:
+    const ZqTool mkfs{"mksquashfs", "squashfs-tools"};
+};
