@@ -155,6 +155,18 @@ Verb& Verb::text(const char* name, SxString* value, const char* valueName, const
     return *this;
 }
 
+Verb& Verb::texts(const char* name, SxList<SxString>* values, const char* valueName, const char* help) {
+    const auto take = [values](const std::vector<std::string>& all) {
+        for (const std::string& text : all)
+            *values << SxString(text);
+    };
+    command->add_option_function<std::vector<std::string>>(name, take, help)
+        ->type_name(valueName)
+        ->expected(1)
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+    return *this;
+}
+
 Verb& Verb::flag(const char* name, bool* value, const char* help) {
     command->add_flag(name, *value, help);
     return *this;

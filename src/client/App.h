@@ -27,6 +27,8 @@ public:
     Verb& number(const char* name, uint64* value, uint64 least, const char* help, bool required = false);
     /// An option with a text as value, which can't be empty; `valueName` stands for it in the help.
     Verb& text(const char* name, SxString* value, const char* valueName, const char* help);
+    /// An option that may be given several times, each with a text.
+    Verb& texts(const char* name, SxList<SxString>* values, const char* valueName, const char* help);
     Verb& flag(const char* name, bool* value, const char* help);
     /// Ends the description.
     void action(Action action);

@@ -5,7 +5,6 @@
 #include <tavrin/SxFSAction.h>
 #include <tavrin/ZqCreateContent.h>
 #include <tavrin/ZqImage.h>
-#include <tavrin/ZqImageFolder.h>
 
 namespace {
 constexpr const char* UNIT = "src/client/ContentVerbs";
@@ -19,12 +18,7 @@ int create(const CreateOptions& options, Output& out) {
     if (!SxFSAction::test_d(options.source)) {
         throw SxException(options.source + " is not a directory.", UNIT, __LINE__);
     }
-    // The library replaces whatever stands there; a mistyped path must not cost a folder of documents.
-    if (!ZqImageFolder::isFree(options.image) && !ZqImageFolder::holdsImage(options.image)) {
-        throw SxException("Folder '" + options.image +
-                              "' isn't empty and holds no image; name another, or empty it",
-                          UNIT, __LINE__);
-    }
+    refuseForeignFolder(options.image);
     ZqCreateContent job(options.image, options.source);
     const double seconds = runJob(&job, "create", out);
     if (!job.isComplete()) throw SxException("stopped", UNIT, __LINE__);

@@ -330,4 +330,5 @@ void registerImageVerbs(App* app) {
         .action([splitting](Output& out) { return split(*splitting, out); });
 
     simple("join", "Put the parts of a split image together again", "tavrin image join games/alpha", join);
+    registerPublishVerbs(&family);
 }

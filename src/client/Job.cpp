@@ -4,6 +4,7 @@
 
 #include <tavrin/SxClock.h>
 #include <tavrin/SxTime.h>
+#include <tavrin/ZqImageFolder.h>
 
 #include <array>
 #include <atomic>
@@ -65,4 +66,10 @@ double runJob(ZqTaskMon* job, const SxString& label, const Output& out) {
     if (job->hasException()) throw stopAsked ? stopped(*job) : job->getException();
     const int64 milliseconds = (SxClock::get().steadyNs() - startNs) / 1'000'000;
     return static_cast<double>(milliseconds) / 1000;
+}
+
+void refuseForeignFolder(const SxString& image) {
+    if (ZqImageFolder::isFree(image) || ZqImageFolder::holdsImage(image)) return;
+    throw SxException("Folder '" + image + "' isn't empty and holds no image; name another, or empty it",
+                      UNIT, __LINE__);
 }

@@ -24,3 +24,7 @@ private:
 /// Raises what left the job. On SIGINT, SIGTERM or SIGHUP the job is asked to stop and waited for, and where
 /// it then fails "stopped" is raised; a second signal has its usual effect.
 double runJob(ZqTaskMon* job, const SxString& label, const Output& out);
+
+/// Raises where a job is to write an image into a folder that holds something else: the library replaces
+/// whatever stands there, and a mistyped path must not cost a folder of documents.
+void refuseForeignFolder(const SxString& image);

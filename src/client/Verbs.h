@@ -1,10 +1,13 @@
 #pragma once
 
 class App;
+class Family;
 
 // Each verb family has a unit of its own that adds its verbs to the command line by one of these.
 
 void registerImageVerbs(App* app);
+/// Those verbs of the family `image` that publishers need.
+void registerPublishVerbs(Family* image);
 void registerContentVerbs(App* app);
 void registerTraceVerbs(App* app);
 void registerCompletionVerbs(App* app);

@@ -177,6 +177,40 @@ TEST_F(ClientTest, closedAndFullOutputs) {
     EXPECT_THAT(dir.read("large/image.lock"), Not(HasSubstr("RAW=")));
 }
 
+TEST_F(ClientTest, buildVerifyRaw) {
+    dir.write("src/run", "x");
+    dir.write("src/data/big", string(1 << 20, 'd'));
+    const string image = dir.path("image");
+    const Words words = {"image",        "build",  dir.path("src"), image,           "--cmd",  "run",
+                         "--arg=-x",     "--arg",  "y z",           "--name",        "runner", "--window",
+                         "The \"game\"", "--json", "--raw",         dir.path("kept")};
+    const Outcome built = run(words);
+    ASSERT_EQ(built.code, 0) << built.err;
+    const auto result = parseJson(built.out);
+    EXPECT_EQ(result.getElem("files", true).toInt(), 2);
+    EXPECT_EQ(result.getElem("folders", true).toInt(), 1);
+    EXPECT_GT(result.getElem("sizeMnt", true).toInt(), 0);
+    const auto app = parseJson(dir.read("image/" + APP_JSON));
+    EXPECT_EQ(app.getElem("app", true).getElem("cmd", true).toString(),
+              "{{ZQDRIVE}}/TAVRIN-protected/app/run");
+    EXPECT_EQ(app.getElem("app", true).getElem("args", true).toList().getSize(), 2);
+    EXPECT_EQ(app.getElem("underflow", true).getElem("window", true).toString(), "The \"game\"");
+    EXPECT_EQ(run({"image", "verify", image}).code, 0);
+    const Outcome raw = run({"image", "raw", image, dir.path("raw"), "--json"});
+    ASSERT_EQ(raw.code, 0) << raw.err;
+    EXPECT_EQ(parseJson(raw.out).getElem("sizeRaw", true).toInt(),
+              static_cast<int64>(dir.read("raw/img.raw").size()));
+    EXPECT_TRUE(dir.read("raw/img.raw") == dir.read("kept/img.raw"));
+
+    const Outcome wrongFs = run({"image", "build", dir.path("src"), image, "--fs", "fat"});
+    EXPECT_EQ(wrongFs.code, 1);
+    EXPECT_THAT(wrongFs.err, HasSubstr("file system 'fat' is none of erofs, ext4, squashfs"));
+    const Outcome foreign = run({"image", "build", dir.path("src"), dir.path("kept")});
+    EXPECT_EQ(foreign.code, 1);
+    EXPECT_THAT(foreign.err, HasSubstr("isn't empty and holds no image"));
+    EXPECT_TRUE(dir.exists("kept/img.raw"));
+}
+
 TEST_F(ClientTest, createInfoVerifySplitJoin) {
     const string image = makeImage("image");
     const string bytes = dir.read("image/" + ZQF);

@@ -1,0 +1,99 @@
+#include "App.h"
+#include "Job.h"
+#include "Verbs.h"
+
+#include <tavrin/ZqImage.h>
+#include <tavrin/ZqImageBuild.h>
+#include <tavrin/ZqImageRaw.h>
+
+namespace {
+constexpr const char* UNIT = "src/client/PublishVerbs";
+
+struct BuildOptions {
+    SxString source, image, fileSystem = "erofs";
+    ZqImageBuild::Options build;
+};
+
+struct RawOptions {
+    SxString image, dir;
+};
+
+SxParserKit::SxSymbol describe(const ZqImageBuild& job, double seconds) {
+    SxParserKit::SxSymbol result;
+    result.setType(SxParserAst::Object);
+    result.append("files", job.getNFiles());
+    result.append("folders", job.getNFolders());
+    result.append("links", job.getNLinks());
+    result.append("skipped", job.getNSkipped());
+    SxParserKit::SxSymbol blocks = result.append("blocks", SxParserAst::Object);
+    blocks.append("raw", job.getNRaw());
+    blocks.append("included", job.getNIncluded());
+    result.append("sizeMnt", job.getSizeMnt());
+    result.append("seconds", seconds);
+    return result;
+}
+
+int build(const BuildOptions& options, Output& out) {
+    ZqImageBuild::Options what = options.build;
+    what.fileSystem = ZqDriveMaker::stringToType(options.fileSystem);
+    refuseForeignFolder(options.image);
+    ZqImageBuild job(options.image, options.source, what);
+    const double seconds = runJob(&job, "build", out);
+    if (!job.isComplete()) throw SxException("stopped", UNIT, __LINE__);
+
+    if (out.getMode().json) out.object(describe(job, seconds));
+    const uint64 bytes = job.getNIncluded() * ZqImage::BLOCK_SIZE;
+    out.text("Built an " + options.fileSystem + " drive of " + job.getNFiles() +
+             " files: " + job.getNIncluded() + " of " + job.getNRaw() + " blocks included, " +
+             exactBytes(bytes) + SxString::sprintf(", in %.1f s.", seconds));
+    out.text("A mount needs the first " + exactBytes(job.getSizeMnt()) + ".");
+    if (job.getNSkipped() > 0) {
+        out.text("Passed over " + SxString(job.getNSkipped()) +
+                 " sockets, pipes or devices; the log names them.");
+    }
+    return ExitSuccess;
+}
+
+int writeRaw(const RawOptions& options, Output& out) {
+    ZqImageRaw job(options.image, options.dir);
+    const double seconds = runJob(&job, "raw", out);
+    if (out.getMode().json) {
+        SxParserKit::SxSymbol result;
+        result.setType(SxParserAst::Object);
+        result.append("sizeRaw", job.getSizeRaw());
+        result.append("written", job.getSizeWritten());
+        result.append("seconds", seconds);
+        out.object(result);
+    }
+    out.text("Wrote a RAW image of " + exactBytes(job.getSizeRaw()) + ", " +
+             exactBytes(job.getSizeWritten()) + SxString::sprintf(" of them content, in %.1f s.", seconds));
+    return ExitSuccess;
+}
+} // namespace
+
+void registerPublishVerbs(Family* image) {
+    auto building = SxPtr<BuildOptions>::create();
+    ZqImageBuild::Options& what = building->build;
+    image
+        ->verb("build", "Make a drive of a folder, and an image of that, ready to stream",
+               "tavrin image build /usr/share/games/doom games/doom --cmd crispy-doom \\\n"
+               "      --arg=-iwad --arg '{{ZQDRIVE}}/TAVRIN-protected/app/freedoom1.wad'")
+        .argument("SRC", &building->source, "Folder of the application")
+        .argument("IMAGE", &building->image, "Image folder to write; what it held is replaced")
+        .text("--fs", &building->fileSystem, "FS", "File system: erofs (the default), ext4 or squashfs")
+        .text("--cmd", &what.cmd, "C", "Command to start: a file of SRC, or a program of the machine")
+        .texts("--arg", &what.args, "A", "An argument of the command; may be given again")
+        .text("--name", &what.name, "N", "Process to look for where the command is only a launcher")
+        .text("--window", &what.window, "T", "Title of the application's window")
+        .text("--app", &what.appTemplate, "FILE", "An app.json that gives all other fields")
+        .text("--raw", &what.rawDir, "DIR", "Keep the drive as img.raw in this folder")
+        .action([building](Output& out) { return build(*building, out); });
+
+    auto raw = SxPtr<RawOptions>::create();
+    image
+        ->verb("raw", "Write the RAW image of a complete image, as img.raw",
+               "tavrin image raw games/alpha disks/alpha")
+        .argument("IMAGE", &raw->image, "Image folder")
+        .argument("DIR", &raw->dir, "Folder for img.raw")
+        .action([raw](Output& out) { return writeRaw(*raw, out); });
+}
