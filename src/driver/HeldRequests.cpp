@@ -53,10 +53,10 @@ bool HeldRequests::forget(uint64 token) {
 
 HeldRequests::Tokens HeldRequests::arriveLocked(ZqfIdx first, ZqfIdx end) {
     Tokens tokens;
-    queue.arrive(first, end, [&](HeldRequest* request) {
+    for (const HeldRequest* request : queue.arrive(first, end)) {
         tokens.push_back(request->token);
         missing.erase(request->self);
-    });
+    }
     return tokens;
 }
 

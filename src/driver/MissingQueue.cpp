@@ -35,6 +35,22 @@ void MissingQueue::remove(HeldRequest* request) {
     }
 }
 
+std::vector<HeldRequest*> MissingQueue::arrive(ZqfIdx first, ZqfIdx end) {
+    std::vector<HeldRequest*> complete;
+    const auto countDown = [&complete](HeldRequest* request) {
+        if (--request->nMissing == 0) complete.push_back(request);
+    };
+    const auto begin = blocks.lower_bound(first);
+    auto block = begin;
+    for (; block != blocks.end() && block->first < end; ++block) {
+        leave(block->second);
+        countDown(block->second.first);
+        std::for_each(block->second.more.begin(), block->second.more.end(), countDown);
+    }
+    blocks.erase(begin, block);
+    return complete;
+}
+
 void MissingQueue::rebuild(const std::vector<HeldRequest*>& requests) {
     const std::map<ZqfIdx, Wanted> old = std::exchange(blocks, {});
     queued.clear();

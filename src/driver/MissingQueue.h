@@ -34,10 +34,8 @@ public:
     void add(HeldRequest* request);
     /// The request waits no more; blocks that nobody else waits for are gone.
     void remove(HeldRequest* request);
-    /// The blocks from `first` to `end` - 1 are there: counts down the requests that wait for them and calls
-    /// `complete` for each that has become complete.
-    template<class Complete>
-    void arrive(ZqfIdx first, ZqfIdx end, Complete&& complete);
+    /// The blocks from `first` to `end` - 1 are there; gives the requests that wait for no more.
+    std::vector<HeldRequest*> arrive(ZqfIdx first, ZqfIdx end);
     /// Starts afresh with `requests`, oldest first, whose missing blocks may have changed; what is popped
     /// stays so.
     void rebuild(const std::vector<HeldRequest*>& requests);
@@ -70,17 +68,3 @@ private:
     std::deque<Entry> queued, returned, popped;
     uint64 nQueued = 0, nTickets = 0;
 };
-
-template<class Complete>
-void MissingQueue::arrive(ZqfIdx first, ZqfIdx end, Complete&& complete) {
-    const auto begin = blocks.lower_bound(first);
-    auto block = begin;
-    for (; block != blocks.end() && block->first < end; ++block) {
-        leave(block->second);
-        if (--block->second.first->nMissing == 0) complete(block->second.first);
-        for (HeldRequest* request : block->second.more) {
-            if (--request->nMissing == 0) complete(request);
-        }
-    }
-    blocks.erase(begin, block);
-}

@@ -36,7 +36,7 @@ public:
     bool isVolatile() const { return moves; }
 
 private:
-    Run runs[MAX_REQUEST_BLOCKS];
     uint32 nRuns = 0;
     bool moves = false;
+    Run runs[MAX_REQUEST_BLOCKS];
 };

@@ -45,9 +45,9 @@ private:
         uint64 begin, end;
     };
 
-    void makeFile();
-    void put(ZqfIdx first, uint64 n, const char* data);
-    void putInFile(ZqfIdx first, uint64 n, const char* data);
+    void makeFile() SX_REQUIRES(changing);
+    void put(ZqfIdx first, uint64 n, const char* data) SX_REQUIRES(changing);
+    void putInFile(ZqfIdx first, uint64 n, const char* data) SX_REQUIRES(changing);
     uint64 keepInMemory(ZqfIdx first, uint64 n, const char* data);
     uint64 copyFromMemory(uint64 offset, uint64 n, char* to, Stretch* rest);
     void mark(ZqfIdx zqfIdx, bool present);
