@@ -1,11 +1,21 @@
 #pragma once
 
+#include "SxArray.h"
+#include "SxPtr.h"
 #include "SxString.h"
+#include "ZqTraceParams.h"
+
+class ZqAppParams;
+class ZqRedirection;
 
 /// What kind of image the guard is told of.
 enum ZqImageType : int { ZqFImage = 1 };
 
-/// The words of mounting. A plain class without virtual operations.
+/// Mounts images as drives and speaks with the service that serves them. A plain class without virtual
+/// operations, cheap to create: every thread has an instance of its own, which only remembers the drive that
+/// it mounted or found last. `image` is the path of the image folder; `mountPoint` a letter and a colon
+/// ("E:"). All operations that fail raise SxException, with the service's own reason, where it gives one, as
+/// the innermost cause.
 class ZqMountMgr {
 public:
     /// How a drive is mounted; the texts are those of `mountMode` in app.json.
@@ -22,10 +32,162 @@ public:
     /// The texts are those of `filesystem` in img.json.
     enum FileSystem : int { NTFS = 0, ExFAT = 1, FAT = 2, UDF = 3 };
 
+    /// The version of the drive service that this library is made for.
+    static constexpr const char* DRIVER_VERSION = "3.4.10";
+    /// Largest cache that setCacheSize() takes, in bytes.
+    static constexpr int64 MAX_CACHE = 2'000'000'000;
+
+    // Texts of the records.
+
     /// "ntfs", "exfat", "fat" or "udf"; raises on any other value.
     static SxString getFSString(FileSystem fs);
     /// "ro", "rw" or "rtw"; raises on any other value.
     static SxString mountModeToString(MountMode mode);
     /// Raises "Invalid 'mountMode' value" on any other text.
     static MountMode stringToMountMode(const SxString& text);
+
+    // The service.
+
+    /// Whether the drive service answers. Never raises; a failure is logged.
+    static bool drivePing();
+    /// The same for the guard.
+    static bool guardPing();
+    static SxString getDriveVersion();
+    static SxString getGuardVersion();
+    /// Whether an image that asks for this version of the service can be served: one up to DRIVER_VERSION,
+    /// compared by the first three numbers. What isn't made of numbers can't.
+    static bool isDriverVersionAllowed(const SxString& version);
+    static void guardLogging(bool on);
+    /// `bytes`: the service's memory for blocks that were delivered on demand, for each disk.
+    static void setCacheSize(int64 bytes);
+    /// Write down which disks there are, and bring them up again.
+    static void storeDisks();
+    static void loadDisks();
+    /// Ejects all disks and forgets the cache size.
+    static void reset();
+
+    // Mounting.
+
+    /// The record of the application that is mounted, kept as a copy; mountImageZQF() reads it where it isn't
+    /// set, and without it no registry entries are made or removed.
+    void setAppParams(const ZqAppParams& params);
+
+    /// Turns an image folder into a running drive: checks the image, mounts it twice (the first time only to
+    /// prepare the guard), attaches the guard, and redirects what must survive a run to
+    /// `C:/ProgramData/TAVRIN/<guid>`. Holds the image's shape meanwhile. `sizeRaw`, `sectorSize` in bytes as
+    /// img.json says; `cursor`: how many blocks of `img.zqf` are there; `hostFlag` goes to the service as it
+    /// is. `traceFolder` is emptied and traced into unless it is an empty text, `traceMethod` is then a text
+    /// of ZqTraceParams::Method. Waits up to five minutes; gives the mount point. After a failure no drive is
+    /// left behind.
+    SxString mountImageZQF(MountMode mode, DeviceMode deviceMode, const SxString& image, uint64 sizeRaw,
+                           uint64 sectorSize, uint64 cursor, bool hostFlag, const SxString& traceFolder,
+                           const SxString& traceMethod);
+    /// The mount alone: no checks but of the version, no guard, no redirection. Waits up to a minute for the
+    /// drive letter and, with `awaitFileSystem`, another for the file system, then makes the registry
+    /// entries. A removable disk becomes a fixed one where a policy forbids the former.
+    SxString mountImage(MountMode mode, DeviceMode deviceMode, const SxString& image,
+                        const SxString& traceFolder, bool hostFlag, bool awaitFileSystem, bool spareFlag,
+                        uint64 sizeRaw, uint64 sectorSize, uint64 cursor);
+    /// Ends a mount: fails what is held, removes the registry entries, dismounts the volume, ejects the disk
+    /// and waits up to a minute until it is gone. Where a step fails, the disk is removed the hard way and
+    /// the failure raised. `hardEject` does that at once. Harmless where the image isn't mounted. Gives true.
+    bool umountImage(const SxString& image, bool hardEject);
+    /// Whether a program still used the volume that the last umountImage() took from it.
+    bool wasBusy() const noexcept { return busy; }
+
+    // Finding a drive.
+
+    bool isMounted(const SxString& image) const;
+    /// The drive of an image, as the system shows it; empty where it isn't mounted.
+    SxString queryMntPoint(const SxString& image) const;
+    SxString queryMountPoint(const SxString& image) const;
+    /// The drive that this instance knows, else the one that the system shows; empty where the image isn't
+    /// mounted.
+    SxString getMntPoint(const SxString& image) const;
+    /// The drive letter minus 'A'; -1 where the image has none or can't be asked after. Doesn't raise.
+    int64 getDevId(const SxString& image) const;
+
+    // Drives of the machine.
+
+    /// Whether a policy of the machine or of the user forbids removable disks.
+    static bool isRemovableRestricted();
+    /// Hides a drive from the desktop, or shows it again.
+    static void hideDrive(const SxString& mountPoint, bool hide);
+    static SxString queryDriveLabel(const SxString& mountPoint);
+    /// Without effect on a read-only volume.
+    static void setDriveLabel(const SxString& mountPoint, const SxString& label);
+
+    // The state of one disk. While the image isn't mounted, most have no effect, or give false, 0, or zeros,
+    // so that a thread may poll an image during its unmount.
+
+    /// Raises where the image isn't mounted.
+    bool isRemovable(const SxString& image) const;
+    bool isSuspended(const SxString& image) const;
+    /// Whether a read of a block that isn't there is held; false also where the service fails.
+    bool isUnderflow(const SxString& image) const;
+    bool isMonitored(const SxString& image) const;
+    /// Whether a trace record has come since the last question.
+    bool retrieveTraceEvent(const SxString& image) const;
+    /// Number of blocks that are there, at the start of `img.zqf`.
+    uint64 getCursor(const SxString& image) const;
+    void setCursor(const SxString& image, uint64 zqfIdx) const;
+    /// A pretended cursor, reads above which are counted.
+    void setQACursor(const SxString& image, uint64 zqfIdx) const;
+    /// Bytes.
+    uint64 getSectorSize(const SxString& image) const;
+    /// Holds all reads and writes until resume().
+    void suspend(const SxString& image) const;
+    void resume(const SxString& image) const;
+    /// From now on reads of missing blocks fail.
+    void failOnUnderflow(const SxString& image) const;
+    /// Moves the write layer into `img.zqf`, as far as that has a place for it.
+    void flushTW(const SxString& image) const;
+    /// Begins a trace in `traceFolder`, which is emptied. `traceMethod` is a text of ZqTraceParams::Method;
+    /// `time0` in milliseconds since 1970 UTC, 0 for now. Does nothing where the image is traced already.
+    void monitorOn(const SxString& image, const SxString& traceFolder, const SxString& traceMethod,
+                   uint64 time0) const;
+    void monitorOff(const SxString& image) const;
+
+    /// Number of missing blocks that readers wait for.
+    uint64 getUnderflowQueueLen(const SxString& image) const;
+    /// Takes the ZqF index of the next missing block from the queue.
+    uint64 popUnderflowZqFBlock(const SxString& image) const;
+    /// Takes up to `count` of them. Gives as many as there were; `count` zeros while the image isn't mounted.
+    SxArray<uint64> popUnderflowZqFBlocks(const SxString& image, uint64 count) const;
+    /// Offset in `img.zqf` and length, in bytes, of the oldest read that is held.
+    SxArray<uint64> getRequestData(const SxString& image) const;
+    /// Delivers the bytes of the blocks from `zqfIdx` on.
+    void sendBlockToUFLayer(const SxString& image, const SxArray<char>& data, uint64 zqfIdx) const;
+
+    /// Attaches the guard to the image's drive; waits up to a minute. Likewise guardOff().
+    void guardOn(const SxString& image) const;
+    void guardOff(const SxString& image) const;
+    void setImageType(const SxString& image, ZqImageType type) const;
+    /// Redirects the names, a comma-separated list relative to the drive's protected folder, to `directory`.
+    void reparse(const SxString& image, const SxString& names, const SxString& directory) const;
+
+private:
+    using VersionCall = int (*)(char* buffer, uint64* size);
+    static SxString getVersion(VersionCall call);
+    /// Removes and makes a folder for a trace of the image.
+    static void clearTraceFolder(const SxString& image, const SxString& traceFolder);
+    static void ejectImage(const SxString& image);
+
+    void checkImage(const SxString& image, uint64 cursor, const SxString& traceFolder) const;
+    void prepareGuard(const SxString& image);
+    void equipDrive(const SxString& image, const SxString& traceFolder, ZqTraceParams::Method traceMethod,
+                    const ZqRedirection& redirection) const;
+    void redirect(const SxString& image, const ZqRedirection& redirection) const;
+    void awaitMntPoint(const SxString& image);
+    void awaitFiles(const SxString& image) const;
+    void umountAfterFailure(const SxString& image);
+    void removeRegistryEntries() const;
+    void releaseVolume(const SxString& image, bool removable);
+    void awaitEnd(const SxString& image) const;
+    /// The drive letter as the guard's functions take it; raises where there is none.
+    unsigned char guardId(const SxString& image) const;
+
+    SxString mntPoint;
+    SxPtr<ZqAppParams> appParams;
+    bool busy = false;
 };

@@ -1,0 +1,257 @@
+#include "SxException.h"
+#include "SxFSAction.h"
+#include "SxTime.h"
+#include "ZqAppParams.h"
+#include "ZqDriveStatus.h"
+#include "ZqImageFolder.h"
+#include "ZqImageParams.h"
+#include "ZqLog.h"
+#include "ZqMountMgr.h"
+#include "ZqVolume.h"
+#include "zqdevctl.h"
+
+namespace {
+
+constexpr const char* UNIT = "src/base/ZqMountMgr";
+/// In the root of every mounted file system: as long as it can be seen, the file system is there.
+constexpr const char* MARKER = "/gxprefetch.info";
+constexpr int64 PASS_MS = 1000;
+constexpr int64 LIMIT = 60;
+/// A counter that isn't above the limit lets one pass more go on.
+constexpr int64 MOUNT_PASSES = LIMIT + 1;
+constexpr const char* EXPLORER_POLICY = "HKLM/SOFTWARE/Microsoft/Windows/CurrentVersion/Policies/Explorer";
+constexpr const char* NO_DRIVES = "NoDrives";
+
+/// Why the service could not bring the image's volume up; empty where it has met no failure.
+SxString serviceFailure(const SxString& image) {
+    std::string folder;
+    if (SxOs::get().canonical(SxOs::hostPath(image), &folder) < 0) return SxString();
+    for (const ZqDiskStatus& disk : ZqVolume::getDisks()) {
+        if (disk.image.str() == folder) return disk.failure;
+    }
+    return SxString();
+}
+
+/// Ends a wait that didn't come to its state: with the service's reason, else as timed out.
+[[noreturn]] void raiseWait(const SxString& reason, const char* timeout, int line) {
+    throw SxException(reason.isEmpty() ? SxString(timeout) : reason, UNIT, line);
+}
+
+bool policyForbids(const char* hive, const char* name, const char* failure) {
+    try {
+        return ZqRegistry::contains(
+            SxString(hive) + "/Software/Policies/Microsoft/Windows/RemovableStorageDevices", name);
+    } catch (const SxException& e) {
+        zqLogMsg("base", failure + SxString(e.what()));
+        return false;
+    }
+}
+
+} // namespace
+
+bool ZqMountMgr::isRemovableRestricted() {
+    static constexpr const char* ALL = "Deny_All";
+    static constexpr const char* DISKS = "{53f5630d-b6bf-11d0-94f2-00a0c91efb8b}";
+    return policyForbids("HKLM", ALL,
+                         "Cannot check registry for general removable device restriction on machine: ") ||
+           policyForbids("HKLM", DISKS,
+                         "Cannot check registry for removable device restriction on machine: ") ||
+           policyForbids("HKCU", ALL,
+                         "Cannot check registry for general removable device restriction for user: ") ||
+           policyForbids("HKCU", DISKS, "Cannot check registry for removable device restriction for user: ");
+}
+
+void ZqMountMgr::hideDrive(const SxString& mountPoint, bool hide) {
+    const int64 letter = mountPoint.toUpper().ascii()[0] - 'A';
+    if (letter < 0 || letter > 'Z' - 'A') {
+        throw SxException("'" + mountPoint + "' is no drive", UNIT, __LINE__);
+    }
+    const int64 bit = int64{1} << letter;
+    int64 hidden = 0;
+    if (ZqRegistry::isVal(EXPLORER_POLICY, NO_DRIVES)) {
+        hidden = ZqRegistry::getVal(EXPLORER_POLICY, NO_DRIVES).toInt64();
+    } else {
+        ZqRegistry::setVal(EXPLORER_POLICY, NO_DRIVES, ZqRegistry::RegDword, "0");
+    }
+    if (((hidden & bit) != 0) == hide) return;
+    ZqRegistry::setVal(EXPLORER_POLICY, NO_DRIVES, ZqRegistry::RegDword, SxString(hidden ^ bit));
+}
+
+SxString ZqMountMgr::queryDriveLabel(const SxString& mountPoint) {
+    return ZqVolume::getLabel(mountPoint);
+}
+
+void ZqMountMgr::setDriveLabel(const SxString& mountPoint, const SxString& label) {
+    ZqVolume::setLabel(mountPoint, label);
+}
+
+// NOLINTNEXTLINE(readability-function-size): the parameters of a mount, each of which every caller decides
+SxString ZqMountMgr::mountImage(MountMode mode, DeviceMode deviceMode, const SxString& image,
+                                const SxString& traceFolder, bool hostFlag, bool awaitFileSystem,
+                                bool spareFlag, uint64 sizeRaw, uint64 sectorSize, uint64 cursor) {
+    const ZqImageParams params(ZqImageFolder::prefix(image));
+    if (!isDriverVersionAllowed(params.driverVersion)) {
+        const SxString words = SxString("Cannot mount TAVRIN Image: Driver version ") + DRIVER_VERSION +
+                               " too small. Requires " + params.driverVersion;
+        zqLogMsg("base", words);
+        throw SxException(words, UNIT, __LINE__);
+    }
+    bool removable = deviceMode == Removable;
+    if (removable && isRemovableRestricted()) {
+        zqLogMsg("base", "Detected restrictions for removable devices -> switching to non-removable mode");
+        removable = false;
+    }
+    if (!traceFolder.isEmpty()) SxFSAction::mkdir_p(traceFolder, 0777);
+    ZqDriveStatus::require(zqDriveMountImage(image.utf16().data(), traceFolder.utf16().data(),
+                                             mode == ReadOnly, mode == ReadTWLayer, removable, hostFlag,
+                                             awaitFileSystem, spareFlag, sizeRaw, sectorSize, cursor),
+                           "TAVRIN Driver error: Mount Image failed", __LINE__);
+    try {
+        awaitMntPoint(image);
+    } catch (const SxException& e) {
+        umountAfterFailure(image);
+        throw SxException(e, "Cannot determine mount point", UNIT, __LINE__);
+    }
+    if (awaitFileSystem) {
+        try {
+            awaitFiles(image);
+        } catch (const SxException& e) {
+            umountAfterFailure(image);
+            throw SxException(e, "Filesystem not accessible", UNIT, __LINE__);
+        }
+    }
+    if (appParams && !appParams->registry.isEmpty()) {
+        try {
+            ZqRegistry::createRegEntriesAsAdmin(appParams->registry, mntPoint);
+        } catch (const SxException& e) {
+            zqLogMsg("base", e.what());
+            umountAfterFailure(image);
+            throw SxException(e, "ZqMountMgr::mountImage : Modification of registry failed.", UNIT, __LINE__);
+        }
+    }
+    return mntPoint;
+}
+
+void ZqMountMgr::awaitMntPoint(const SxString& image) {
+    mntPoint = SxString();
+    SxString failure, reason;
+    const auto found = [&] {
+        failure = SxString();
+        try {
+            mntPoint = queryMntPoint(image);
+        } catch (const SxException& e) {
+            failure = e.what();
+        }
+        if (mntPoint.isEmpty()) reason = serviceFailure(image);
+        return !mntPoint.isEmpty() || !reason.isEmpty();
+    };
+    const auto logPass = [&](int64 i) {
+        if (failure.isEmpty()) return;
+        zqLogMsg("base",
+                 "Waiting for drive to become ready: " + SxString(i + 1) + "/" + LIMIT + " : " + failure);
+    };
+    SxWait::passes(MOUNT_PASSES, PASS_MS, found, logPass);
+    if (mntPoint.isEmpty()) raiseWait(reason, "Timeout while waiting for mount point", __LINE__);
+}
+
+void ZqMountMgr::awaitFiles(const SxString& image) const {
+    SxString reason;
+    bool found = false;
+    const auto decided = [&] {
+        found = SxFSAction::test_f(mntPoint + MARKER);
+        if (!found) reason = serviceFailure(image);
+        return found || !reason.isEmpty();
+    };
+    SxWait::passes(MOUNT_PASSES, PASS_MS, decided, [](int64) {});
+    if (!found) raiseWait(reason, "Timeout while waiting for filesystem", __LINE__);
+}
+
+void ZqMountMgr::umountAfterFailure(const SxString& image) {
+    // The failure that led here is the one to be told of.
+    try {
+        umountImage(image, false);
+    } catch (const SxException& e) {
+        zqLogMsg("base", e.what());
+    }
+}
+
+void ZqMountMgr::ejectImage(const SxString& image) {
+    ZqDriveStatus::require(zqDriveEjectImage(image.utf16().data()), "Failed to hard eject image " + image,
+                           __LINE__);
+}
+
+bool ZqMountMgr::umountImage(const SxString& image, bool hardEject) {
+    try {
+        if (!isMounted(image)) return true;
+        guardLogging(false);
+        failOnUnderflow(image);
+        if (isSuspended(image)) resume(image);
+        if (hardEject) {
+            ejectImage(image);
+            return true;
+        }
+        if (isMonitored(image)) monitorOff(image);
+        const bool removable = isRemovable(image);
+        try {
+            mntPoint = queryMntPoint(image);
+        } catch (const SxException& e) {
+            throw SxException(e, "Failed to query mount point for image " + image, UNIT, __LINE__);
+        }
+        removeRegistryEntries();
+        releaseVolume(image, removable);
+        awaitEnd(image);
+        mntPoint = SxString();
+        return true;
+    } catch (const SxException& e) {
+        zqLogMsg("base", "Image " + image + " is ejected, since its unmount failed: " + e.what());
+        ejectImage(image);
+        throw SxException(e, "Cannot umount image " + image, UNIT, __LINE__);
+    }
+}
+
+void ZqMountMgr::removeRegistryEntries() const {
+    if (!appParams) return;
+    if (appParams->registry.isEmpty()) {
+        zqLogMsg("base", "No Registry modifications to revert...");
+        return;
+    }
+    try {
+        ZqRegistry::removeRegEntriesAsAdmin(appParams->registry);
+    } catch (const SxException& e) {
+        zqLogMsg("base", e.what());
+    }
+}
+
+void ZqMountMgr::releaseVolume(const SxString& image, bool removable) {
+    ZqVolumeIdentity identity;
+    if (!ZqVolume::queryIdentity(mntPoint, &identity)) {
+        zqLogMsg("base", "ERROR: Could not open ZqDD device (" + mntPoint + ") for umount.");
+        throw SxException("Cannot open device handle for \\\\.\\" + mntPoint, UNIT, __LINE__);
+    }
+    busy = false;
+    try {
+        ZqVolume::dismount(mntPoint, &busy);
+    } catch (const SxException& e) {
+        zqLogMsg("base", "ERROR: IOCTL cannot dismount volume: " + SxString(e.what()));
+        throw SxException(e, "Cannot dismount volume for " + mntPoint, UNIT, __LINE__);
+    }
+    if (busy) {
+        zqLogMsg("base", "A program still used " + mntPoint + " and was cut off from image " + image);
+    }
+    if (!removable) {
+        ejectImage(image);
+        return;
+    }
+    try {
+        ZqVolume::ejectMedia(mntPoint);
+    } catch (const SxException& e) {
+        zqLogMsg("base", "ERROR: IOCTL cannot eject media: " + SxString(e.what()));
+        throw SxException(e, "Cannot eject media for mount point" + mntPoint, UNIT, __LINE__);
+    }
+}
+
+void ZqMountMgr::awaitEnd(const SxString& image) const {
+    const auto gone = [&] { return !SxFSAction::test_f(mntPoint + MARKER) && !isMounted(image); };
+    if (SxWait::passes(LIMIT, PASS_MS, gone, [](int64) {})) return;
+    throw SxException("Timeout while waiting for dismounting logical drive", UNIT, __LINE__);
+}

@@ -1,0 +1,313 @@
+#include "SxException.h"
+#include "SxFSAction.h"
+#include "SxTime.h"
+#include "ZqAppParams.h"
+#include "ZqDriveStatus.h"
+#include "ZqImageFolder.h"
+#include "ZqLog.h"
+#include "ZqMountMgr.h"
+#include "ZqTraceParams.h"
+#include "zqdevctl.h"
+
+namespace {
+
+constexpr const char* UNIT = "src/base/ZqMountMgr";
+constexpr const char* BARE_LOWER = "TAVRIN Driver error";
+constexpr int64 GUARD_PASSES = 600;
+constexpr int64 GUARD_PASS_MS = 100;
+
+/// Raises `words` in the place of a bare failure, so that only the reason below that one stays.
+[[noreturn]] void raiseInstead(const SxException& bare, const SxString& words, int line) {
+    if (const SxException* reason = bare.getCause()) throw SxException(*reason, words, UNIT, line);
+    throw SxException(words, UNIT, line);
+}
+
+/// Makes a call of the service; a failure is raised as `words`, above the bare one.
+template<class Call>
+void demand(const SxString& words, Call&& call) {
+    try {
+        ZqDriveStatus::require(call(), ZqDriveStatus::DRIVER_ERROR, __LINE__);
+    } catch (const SxException& e) {
+        throw SxException(e, words, UNIT, __LINE__);
+    }
+}
+
+/// The same with `words` in the place of the bare failure.
+template<class Call>
+void demandAlone(const SxString& words, Call&& call) {
+    try {
+        ZqDriveStatus::require(call(), ZqDriveStatus::DRIVER_ERROR, __LINE__);
+    } catch (const SxException& e) {
+        raiseInstead(e, words, __LINE__);
+    }
+}
+
+/// What a question about an image gives.
+template<class T>
+T ask(const SxString& image, ZqStatus (*question)(ZqWide, T*), const SxString& words) {
+    T value = 0;
+    demand(words, [&] { return question(image.utf16().data(), &value); });
+    return value;
+}
+
+/// Makes calls whose failure is raised as one text, that of the cause included.
+template<class Calls>
+auto flattened(const SxString& words, Calls&& calls) {
+    try {
+        return calls();
+    } catch (const std::exception& e) {
+        throw SxException(words + ": TAVRIN Driver error: " + e.what(), UNIT, __LINE__);
+    }
+}
+
+uint64 askFlattened(const SxString& image, ZqStatus (*question)(ZqWide, uint64*), const SxString& words) {
+    return flattened(words, [&] {
+        uint64 value = 0;
+        ZqDriveStatus::require(question(image.utf16().data(), &value), BARE_LOWER, __LINE__);
+        return value;
+    });
+}
+
+SxArray<uint64> zeros(int64 count) {
+    SxArray<uint64> result(count);
+    result.set(0);
+    return result;
+}
+
+/// Repeats a call of the guard until its flag is set.
+void awaitGuard(ZqStatus (*call)(unsigned char, ZqFlag*), unsigned char devId, const char* timeout) {
+    const auto done = [&] {
+        ZqFlag flag = 0;
+        ZqDriveStatus::require(call(devId, &flag), ZqDriveStatus::DRIVER_ERROR, __LINE__);
+        return flag != 0;
+    };
+    if (SxWait::passes(GUARD_PASSES, GUARD_PASS_MS, done, [](int64) {})) return;
+    zqLogMsg("base", timeout);
+    throw SxException(timeout, UNIT, __LINE__);
+}
+
+} // namespace
+
+bool ZqMountMgr::isRemovable(const SxString& image) const {
+    ZqFlag flag = 0;
+    ZqDriveStatus::require(zqDriveIsRemovable(image.utf16().data(), &flag),
+                           "Cannot determine removable state: TAVRIN Driver error", __LINE__);
+    return flag != 0;
+}
+
+bool ZqMountMgr::isSuspended(const SxString& image) const {
+    if (!isMounted(image)) return false;
+    ZqFlag flag = 0;
+    ZqDriveStatus::require(zqDriveIsSuspended(image.utf16().data(), &flag),
+                           "Cannot determine suspension state: TAVRIN Driver error", __LINE__);
+    return flag != 0;
+}
+
+bool ZqMountMgr::isUnderflow(const SxString& image) const {
+    ZqFlag flag = 0;
+    return isMounted(image) && zqDriveIsUnderflow(image.utf16().data(), &flag) == 0 && flag != 0;
+}
+
+bool ZqMountMgr::isMonitored(const SxString& image) const {
+    return isMounted(image) &&
+           ask(image, zqDriveIsMonitored, "Cannot query monitor state on image " + image) != 0;
+}
+
+bool ZqMountMgr::retrieveTraceEvent(const SxString& image) const {
+    return isMounted(image) &&
+           ask(image, zqDriveHasTraceEvent, "Cannot query trace event on image " + image) != 0;
+}
+
+uint64 ZqMountMgr::getCursor(const SxString& image) const {
+    if (!isMounted(image)) return 0;
+    return ask(image, zqDriveGetCursor, "Cannot get disk cursor for image " + image);
+}
+
+void ZqMountMgr::setCursor(const SxString& image, uint64 zqfIdx) const {
+    if (!isMounted(image)) return;
+    demand("Cannot set disk cursor for image " + image + " to idx " + zqfIdx,
+           [&] { return zqDriveSetCursor(image.utf16().data(), zqfIdx); });
+}
+
+void ZqMountMgr::setQACursor(const SxString& image, uint64 zqfIdx) const {
+    if (!isMounted(image)) return;
+    demand("Cannot set disk QA cursor for image " + image + " to idx " + zqfIdx,
+           [&] { return zqDriveSetQACursor(image.utf16().data(), zqfIdx); });
+}
+
+uint64 ZqMountMgr::getSectorSize(const SxString& image) const {
+    if (!isMounted(image)) return 0;
+    return ask(image, zqDriveGetSectorSize, "Cannot query sector size for image " + image);
+}
+
+void ZqMountMgr::suspend(const SxString& image) const {
+    if (!isMounted(image)) return;
+    demandAlone("Cannot suspend disk for image " + image,
+                [&] { return zqDriveSuspend(image.utf16().data()); });
+}
+
+void ZqMountMgr::resume(const SxString& image) const {
+    if (!isMounted(image)) return;
+    demandAlone("Cannot resume disk for image " + image, [&] { return zqDriveResume(image.utf16().data()); });
+}
+
+void ZqMountMgr::failOnUnderflow(const SxString& image) const {
+    if (!isMounted(image)) return;
+    demand("Cannot set underflow mode to fail on image " + image,
+           [&] { return zqDriveSetFailOnUnderflow(image.utf16().data()); });
+}
+
+void ZqMountMgr::flushTW(const SxString& image) const {
+    if (!isMounted(image)) return;
+    demand("Cannot flush TW layer to image " + image,
+           [&] { return zqDriveFlushTWToImage(image.utf16().data()); });
+}
+
+void ZqMountMgr::clearTraceFolder(const SxString& image, const SxString& traceFolder) {
+    if (SxFSAction::exists(traceFolder)) {
+        std::string folder, kept;
+        if (SxOs::get().canonical(SxOs::hostPath(traceFolder), &folder) == 0 &&
+            SxOs::get().canonical(SxOs::hostPath(image), &kept) == 0 &&
+            (kept + "/").starts_with(folder + "/")) {
+            throw SxException("Folder '" + traceFolder + "' holds the image and isn't emptied for a trace",
+                              UNIT, __LINE__);
+        }
+        SxFSAction::rm_r(traceFolder);
+    }
+    SxFSAction::mkdir_p(traceFolder, 0777);
+}
+
+void ZqMountMgr::monitorOn(const SxString& image, const SxString& traceFolder, const SxString& traceMethod,
+                           uint64 time0) const {
+    try {
+        if (isMonitored(image)) return;
+        ZqTraceParams trace;
+        trace.method = ZqTraceParams::stringToMethod(traceMethod);
+        try {
+            clearTraceFolder(image, traceFolder);
+        } catch (const SxException& e) {
+            throw SxException(e, "Cannot delete trace folder " + traceFolder, UNIT, __LINE__);
+        }
+        if (time0 > 0) trace.time0 = static_cast<int64>(time0);
+        if (appParams) {
+            trace.guid = appParams->guid;
+            trace.checksumMnt = appParams->checksumMnt;
+            trace.checksumIdx = appParams->checksumIdx;
+        }
+        trace.write(ZqImageFolder::prefix(traceFolder));
+        ZqDriveStatus::require(zqDriveMonitorOn(image.utf16().data(), traceFolder.utf16().data()), BARE_LOWER,
+                               __LINE__);
+    } catch (const SxException& e) {
+        throw SxException(e, "Cannot enable monitoring for " + image + " with trc path " + traceFolder, UNIT,
+                          __LINE__);
+    }
+}
+
+void ZqMountMgr::monitorOff(const SxString& image) const {
+    if (!isMonitored(image)) return;
+    demand("Cannot disable monitoring on image " + image,
+           [&] { return zqDriveMonitorOff(image.utf16().data()); });
+}
+
+uint64 ZqMountMgr::getUnderflowQueueLen(const SxString& image) const {
+    if (!isMounted(image)) return 0;
+    return askFlattened(image, zqDriveGetOnDemandQueueLen, "Cannot retrieve Underflow queue length");
+}
+
+uint64 ZqMountMgr::popUnderflowZqFBlock(const SxString& image) const {
+    if (!isMounted(image)) return 0;
+    return askFlattened(image, zqDrivePopUnderflowZqFBlock, "Cannot retrieve Underflow block");
+}
+
+SxArray<uint64> ZqMountMgr::popUnderflowZqFBlocks(const SxString& image, uint64 count) const {
+    const bool mounted = isMounted(image);
+    return flattened("Cannot retrieve Underflow block", [&] {
+        SxArray<uint64> zqfIdxs = zeros(static_cast<int64>(count));
+        if (!mounted) return zqfIdxs;
+        uint64 nStored = count;
+        ZqDriveStatus::require(zqDrivePopUnderflowZqFBlocks(image.utf16().data(), zqfIdxs.data(), &nStored),
+                               BARE_LOWER, __LINE__);
+        zqfIdxs.resize(static_cast<int64>(std::min(nStored, count)), true);
+        return zqfIdxs;
+    });
+}
+
+SxArray<uint64> ZqMountMgr::getRequestData(const SxString& image) const {
+    SxArray<uint64> result = zeros(2);
+    if (!isMounted(image)) return result;
+    return flattened("Cannot get request info", [&] {
+        ZqDriveStatus::require(zqDriveGetRequestData(image.utf16().data(), &result(0), &result(1)),
+                               BARE_LOWER, __LINE__);
+        return result;
+    });
+}
+
+void ZqMountMgr::sendBlockToUFLayer(const SxString& image, const SxArray<char>& data, uint64 zqfIdx) const {
+    demand("Cannot send data to underflow layer for image " + image + " for zqf idx " + zqfIdx, [&] {
+        return zqDriveResolveUnderflow(image.utf16().data(), zqfIdx, data.data(),
+                                       static_cast<uint64>(data.getSize()));
+    });
+}
+
+unsigned char ZqMountMgr::guardId(const SxString& image) const {
+    const int64 devId = getDevId(image);
+    if (devId < 0) {
+        throw SxException(SxException("Image " + image + " has no drive", UNIT, __LINE__),
+                          ZqDriveStatus::DRIVER_ERROR, UNIT, __LINE__);
+    }
+    return static_cast<unsigned char>(devId);
+}
+
+void ZqMountMgr::guardOn(const SxString& image) const {
+    try {
+        awaitGuard(zqGuardOn, guardId(image), "Guard activation time out");
+    } catch (const SxException& e) {
+        raiseInstead(e, "Failed to activate guard on " + image, __LINE__);
+    }
+}
+
+void ZqMountMgr::guardOff(const SxString& image) const {
+    try {
+        awaitGuard(zqGuardOff, guardId(image), "Guard deactivation time out");
+    } catch (const SxException& e) {
+        raiseInstead(e, "Failed to deactivate guard on " + image, __LINE__);
+    }
+}
+
+void ZqMountMgr::setImageType(const SxString& image, ZqImageType type) const {
+    demandAlone("Failed to set image type on " + image + " to " + static_cast<int>(type),
+                [&] { return zqGuardSetImageType(guardId(image), type); });
+}
+
+void ZqMountMgr::reparse(const SxString& image, const SxString& names, const SxString& directory) const {
+    demandAlone("Failed to reparse on " + image + " names " + names + " to directory " + directory, [&] {
+        return zqGuardSetReparse(guardId(image), names.utf16().data(), directory.utf16().data());
+    });
+}
+
+void ZqMountMgr::guardLogging(bool on) {
+    demandAlone(on ? "Failed to enable guard logging" : "Failed to disable guard logging",
+                [&] { return zqGuardSetLogging(on ? 1 : 0); });
+}
+
+void ZqMountMgr::setCacheSize(int64 bytes) {
+    try {
+        if (bytes > MAX_CACHE) throw SxException("Specified Cache size larger than 2GB", UNIT, __LINE__);
+        ZqDriveStatus::require(zqDriveSetCacheSize(static_cast<int>(bytes)), ZqDriveStatus::DRIVER_ERROR,
+                               __LINE__);
+    } catch (const SxException& e) {
+        throw SxException(e, "Cannot set disk cache size to " + SxString(bytes), UNIT, __LINE__);
+    }
+}
+
+void ZqMountMgr::storeDisks() {
+    demand("Cannot store disks states", [] { return zqDriveStoreDisks(); });
+}
+
+void ZqMountMgr::loadDisks() {
+    demandAlone("Cannot load disk states", [] { return zqDriveLoadDisks(); });
+}
+
+void ZqMountMgr::reset() {
+    demand("Cannot reset TAVRIN driver", [] { return zqDriveReset(); });
+}

@@ -1,0 +1,175 @@
+#include "SxException.h"
+#include "SxFSAction.h"
+#include "SxFileIO.h"
+#include "SxMd5.h"
+#include "ZqAppParams.h"
+#include "ZqDriveStatus.h"
+#include "ZqImageFiles.h"
+#include "ZqImageFolder.h"
+#include "ZqImageLock.h"
+#include "ZqMountMgr.h"
+#include "ZqRedirection.h"
+#include "ZqTraceParams.h"
+
+#include <limits>
+
+namespace {
+
+constexpr const char* UNIT = "src/base/ZqMountMgr";
+constexpr int BLOCK_SHIFT = 12;
+constexpr int64 CACHE_UNIT = 1'000'000;
+
+/// A launcher would have to be set up for the application, and restored behind it.
+void refuseLaunchers(const SxString& image, const SxList<SxString>& access) {
+    if (access.isEmpty()) return;
+    throw SxException("Image " + image + " needs the launcher '" + access.first().makeVisible() +
+                          "', which isn't supported yet",
+                      UNIT, __LINE__);
+}
+
+/// The shape is kept as it is over both mounts. A folder without an image has none, and the next checks say
+/// what it lacks.
+SxPtr<ZqImageLock> lockShape(const SxString& image) {
+    if (!ZqImageFolder::holdsImage(image)) return nullptr;
+    return ZqImageLock::take(image, ZqImageLock::Shape, ZqImageLock::Shared, "mount");
+}
+
+void checkSizes(const ZqAppParams& app, uint64 size, uint64 available) {
+    if (size < app.sizeMnt) {
+        throw SxException("Insufficient data for image mount available: is" + SxString(size) +
+                              " bytes, expected " + app.sizeMnt + " bytes",
+                          UNIT, __LINE__);
+    }
+    if (size < app.sizeZqf && size < available) {
+        throw SxException("Image filesize does not satisfy available data: is" + SxString(size) +
+                              " bytes, expected " + available + " bytes",
+                          UNIT, __LINE__);
+    }
+}
+
+template<class Read>
+SxString readOrFail(const SxString& file, Read&& read) {
+    try {
+        return read();
+    } catch (const SxException& e) {
+        throw SxException(e, "Failed to read file " + file, UNIT, __LINE__);
+    }
+}
+
+void checkMap(const SxString& idx, const SxString& checksum) {
+    const SxString md5File = idx + ".md5";
+    const SxString actual = readOrFail(idx, [&] { return SxMd5::file(idx); });
+    const SxString expected = SxFSAction::test_f(md5File)
+                                  ? readOrFail(md5File, [&] { return SxFileIO::readUtf8(md5File); })
+                                  : checksum;
+    if (!(actual == expected)) throw SxException("Corrupt mapping information detected", UNIT, __LINE__);
+}
+
+/// Units of app.json in bytes, without overflow.
+int64 cacheBytes(int64 units) {
+    constexpr int64 MAX = std::numeric_limits<int64>::max();
+    return units > MAX / CACHE_UNIT ? MAX : units * CACHE_UNIT;
+}
+
+} // namespace
+
+void ZqMountMgr::checkImage(const SxString& image, uint64 cursor, const SxString& traceFolder) const {
+    const SxString zqf = image + "/" + ZqImageFiles::ZQF, idx = image + "/" + ZqImageFiles::IDX;
+    if (!SxFSAction::test_f(idx)) throw SxException("Cannot find mapping file " + idx, UNIT, __LINE__);
+    if (!SxFSAction::test_f(zqf)) throw SxException("Cannot find image file " + zqf, UNIT, __LINE__);
+    checkSizes(*appParams, static_cast<uint64>(SxFileInfo(zqf).getSize()), cursor << BLOCK_SHIFT);
+    if (!traceFolder.isEmpty()) {
+        try {
+            clearTraceFolder(image, traceFolder);
+        } catch (const SxException& e) {
+            throw SxException(e, "Cannot clean former trace data", UNIT, __LINE__);
+        }
+    }
+    checkMap(idx, appParams->checksumIdx);
+    // A guard that answers with "no" has no reason to give.
+    if (!guardPing()) ZqDriveStatus::require(-1, "ZqFM is not available", __LINE__);
+}
+
+void ZqMountMgr::prepareGuard(const SxString& image) {
+    try {
+        guardOn(image);
+    } catch (const SxException& e) {
+        umountAfterFailure(image);
+        throw SxException(e, "Failed to activate guard on " + image + " image preparation mount", UNIT,
+                          __LINE__);
+    }
+    umountImage(image, false);
+}
+
+void ZqMountMgr::equipDrive(const SxString& image, const SxString& traceFolder,
+                            ZqTraceParams::Method traceMethod, const ZqRedirection& redirection) const {
+    if (!traceFolder.isEmpty()) {
+        ZqTraceParams trace;
+        trace.method = traceMethod;
+        trace.checksumMnt = appParams->checksumMnt;
+        trace.write(ZqImageFolder::prefix(traceFolder));
+    }
+    try {
+        guardOn(image);
+    } catch (const SxException& e) {
+        throw SxException(e, "Failed to activate guard on " + image + " image after persistent mount", UNIT,
+                          __LINE__);
+    }
+    try {
+        setImageType(image, ZqFImage);
+    } catch (const SxException& e) {
+        throw SxException(e, "Failed to set image type to ZqF for image " + image, UNIT, __LINE__);
+    }
+    if (!redirection.isEmpty()) redirect(image, redirection);
+}
+
+void ZqMountMgr::redirect(const SxString& image, const ZqRedirection& redirection) const {
+    try {
+        redirection.prepare(mntPoint);
+        try {
+            reparse(image, redirection.getNames(), redirection.getDirectory());
+        } catch (const SxException& e) {
+            throw SxException(e, "Cannot sent reparse instructions to ZqFM", UNIT, __LINE__);
+        }
+    } catch (const SxException& e) {
+        throw SxException(e, "Cannot prepare reparse points", UNIT, __LINE__);
+    }
+}
+
+// NOLINTNEXTLINE(readability-function-size): the parameters of a mount, each of which every caller decides
+SxString ZqMountMgr::mountImageZQF(MountMode mode, DeviceMode deviceMode, const SxString& image,
+                                   uint64 sizeRaw, uint64 sectorSize, uint64 cursor, bool hostFlag,
+                                   const SxString& traceFolder, const SxString& traceMethod) {
+    if (!appParams) appParams = SxPtr<ZqAppParams>::create(ZqImageFolder::prefix(image));
+    const auto mount = [&] {
+        try {
+            mountImage(mode, deviceMode, image, traceFolder, hostFlag, true, false, sizeRaw, sectorSize,
+                       cursor);
+        } catch (const SxException& e) {
+            throw SxException(e, "Failed to mount " + image + " image", UNIT, __LINE__);
+        }
+    };
+    try {
+        refuseLaunchers(image, appParams->access);
+        const ZqRedirection redirection(*appParams);
+        const auto lock = lockShape(image);
+        // A text that isn't known fails ahead of a drive.
+        const auto method =
+            traceFolder.isEmpty() ? ZqTraceParams::Monitoring : ZqTraceParams::stringToMethod(traceMethod);
+        checkImage(image, cursor, traceFolder);
+        setCacheSize(0);
+        mount();
+        prepareGuard(image);
+        if (appParams->cacheSize > 0) setCacheSize(cacheBytes(appParams->cacheSize));
+        mount();
+        try {
+            equipDrive(image, traceFolder, method, redirection);
+        } catch (const SxException&) {
+            umountAfterFailure(image);
+            throw;
+        }
+        return mntPoint;
+    } catch (const SxException& e) {
+        throw SxException(e, "Cannot mount ZqF image " + image, UNIT, __LINE__);
+    }
+}

@@ -1,0 +1,160 @@
+#include "ZqRedirection.h"
+
+#include "SxException.h"
+#include "SxFSAction.h"
+#include "ZqAppParams.h"
+
+#include <cerrno>
+
+namespace {
+
+constexpr const char* UNIT = "src/base/ZqRedirection";
+constexpr const char* PRIVATE_SIDE = "C:/ProgramData/TAVRIN/";
+
+void requireName(const SxString& guid) {
+    const std::string& text = guid.str();
+    if (!text.empty() && text != "." && text != ".." &&
+        text.find_first_of(std::string_view("/\\:\0", 4)) == std::string::npos) {
+        return;
+    }
+    throw SxException("The guid '" + guid.makeVisible() + "' of app.json is no plain name", UNIT, __LINE__);
+}
+
+/// What is wrong with an entry, or null. `path` has slashes only.
+const char* faultOf(const std::string& path) {
+    if (path.starts_with('/')) return "is absolute";
+    if (path.size() > 1 && path[1] == ':') return "has a drive letter";
+    if (path.find('\0') != std::string::npos) return "holds a NUL";
+    if (path.find(',') != std::string::npos) return "holds a comma";
+    if (SxString(path).tokenize('/').contains("..")) return "leads upward";
+    return nullptr;
+}
+
+SxList<SxString> checkedEntries(const SxList<SxString>& entries, const SxString& key) {
+    SxList<SxString> result;
+    for (const SxString& entry : entries) {
+        const SxString path = entry.substitute("\\", "/");
+        SxList<SxString> parts;
+        for (const SxString& part : path.tokenize('/')) {
+            if (!(part == ".")) parts.append(part);
+        }
+        const char* fault = faultOf(path.str());
+        if (!fault && parts.isEmpty()) fault = "names nothing";
+        if (fault) {
+            throw SxException("The entry '" + entry.makeVisible() + "' of " + key + " in app.json " + fault,
+                              UNIT, __LINE__);
+        }
+        result.append(SxString::join(parts, "/"));
+    }
+    return result;
+}
+
+/// The host path with all links resolved; empty where a link leads nowhere.
+std::string realPath(const SxString& path) {
+    std::string result;
+    return SxOs::get().canonical(SxOs::hostPath(path), &result) < 0 ? std::string() : result;
+}
+
+/// Raises where a part of `name` below `folder` is a link that leads out of it, or nowhere.
+void requireInside(const SxString& folder, const SxString& name) {
+    const std::string root = realPath(folder);
+    SxString path = folder;
+    for (const SxString& part : name.tokenize('/')) {
+        path += "/" + part;
+        SxStat info;
+        const int result = SxOs::get().lstat(SxOs::hostPath(path), &info);
+        if (result == -ENOENT) return;
+        if (result < 0) {
+            throw SxException(SxException(SxOs::errorText(result), UNIT, __LINE__),
+                              "Cannot look at '" + path + "'", UNIT, __LINE__);
+        }
+        const bool inside = !root.empty() && (realPath(path) + "/").starts_with(root + "/");
+        if (info.kind == SxStat::Link && !inside) {
+            throw SxException("The link '" + path + "' leads out of '" + folder + "'", UNIT, __LINE__);
+        }
+    }
+}
+
+/// Copies under another name first, so that a copy that was cut off isn't taken for a whole one.
+void copyWhole(const SxString& from, const SxString& to) {
+    const SxString half = to + ".tavrin-new";
+    if (SxFSAction::exists(half) || SxFileInfo(half).isLink()) SxFSAction::rm_r(half);
+    // A link is copied as one; here its target is wanted, which lies inside.
+    SxFSAction::cp(SxString(realPath(from)), half);
+    SxFSAction::mv(half, to);
+}
+
+class Preparation {
+public:
+    Preparation(const SxString& mountPoint, const SxString& directory) {
+        const SxString drive = mountPoint + "/";
+        SxString folder;
+        for (const char* name : {"TAVRIN-private", "TAVRIN-protected"}) {
+            if (SxFSAction::test_d(drive + name)) folder = name;
+        }
+        if (folder.isEmpty()) {
+            throw SxException("No TAVRIN-private or TAVRIN-protected folder on drive " + mountPoint, UNIT,
+                              __LINE__);
+        }
+        requireInside(mountPoint, folder);
+        source = drive + folder;
+        target = directory + "/" + folder;
+        SxFSAction::mkdir_p(target, 0777);
+    }
+
+    void folder(const SxString& name) const {
+        place(name, SxFSAction::test_d, [](const SxString&) {});
+    }
+    void file(const SxString& name) const {
+        place(name, SxFSAction::test_f, [](const SxString& path) { SxFSAction::touch(path, 0644); });
+    }
+
+private:
+    using Test = bool (*)(const SxString& path);
+
+    /// `isWanted` tells whether something of the wanted kind stands at a path; `make` makes what neither side
+    /// has.
+    void place(const SxString& name, Test isWanted, void (*make)(const SxString& path)) const {
+        const SxString to = target + "/" + name, from = source + "/" + name;
+        try {
+            requireInside(target, name);
+            if (isWanted(to)) return;
+            requireInside(source, name);
+            const SxString parent = SxFileInfo(to).getPath();
+            SxFSAction::mkdir_p(parent, 0777);
+            if (isWanted(from)) {
+                copyWhole(from, to);
+            } else {
+                make(to);
+            }
+            SxFSAction::syncDir(parent);
+        } catch (const SxException& e) {
+            throw SxException(e, "Cannot create " + to, UNIT, __LINE__);
+        }
+    }
+
+    SxString source, target;
+};
+
+} // namespace
+
+ZqRedirection::ZqRedirection(const ZqAppParams& app)
+    : directory(PRIVATE_SIDE + app.guid),
+      folders(checkedEntries(app.dirmap, "dirmap")),
+      files(checkedEntries(app.filemap, "filemap")) {
+    if (!isEmpty()) requireName(app.guid);
+}
+
+SxString ZqRedirection::getNames() const {
+    SxList<SxString> names = folders;
+    names.append(files);
+    return SxString::join(names, ",");
+}
+
+void ZqRedirection::prepare(const SxString& mountPoint) const {
+    const Preparation preparation(mountPoint, directory);
+    for (const SxString& name : folders)
+        preparation.folder(name);
+    for (const SxString& name : files)
+        preparation.file(name);
+}

@@ -1,0 +1,30 @@
+#pragma once
+
+#include "SxList.h"
+#include "SxString.h"
+
+class ZqAppParams;
+
+/// The folders and files of one application that are redirected from its drive to the machine's private side,
+/// `C:/ProgramData/TAVRIN/<guid>`, where they outlive a mount. The names come with the image and may be
+/// hostile: none leads out of its folder, on either side. A value type.
+class ZqRedirection {
+public:
+    /// Takes the names from the record. Raises, naming the entry, where the guid isn't a plain name, or an
+    /// entry is empty, absolute, or holds a drive letter, "..", a comma or a NUL. Backslashes become slashes.
+    explicit ZqRedirection(const ZqAppParams& app);
+
+    bool isEmpty() const noexcept { return folders.isEmpty() && files.isEmpty(); }
+    /// The private side of the application.
+    const SxString& getDirectory() const noexcept { return directory; }
+    /// All names, folders first, joined by commas, as the guard takes them.
+    SxString getNames() const;
+    /// Lays out the private side: what isn't there yet is copied from the drive's protected folder, whole or
+    /// not at all; a file that the drive lacks is made empty. What is there stays. Raises, naming the path,
+    /// also where a link leads out of its folder.
+    void prepare(const SxString& mountPoint) const;
+
+private:
+    SxString directory;
+    SxList<SxString> folders, files;
+};

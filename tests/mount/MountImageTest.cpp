@@ -1,0 +1,207 @@
+#include "MountTest.h"
+#include "ZqImageLock.h"
+#include "ZqTraceParams.h"
+
+namespace {
+
+/// What the failed mount says behind the image's name, which stands as $ in it.
+std::string causeOf(Machine& machine, const std::function<void()>& mount) {
+    const std::string failure = failureOf(mount), outer = "Cannot mount ZqF image " + machine.name;
+    if (!failure.starts_with(outer + ": ")) return failure;
+    return SxString(failure.substr(outer.size() + 2)).substitute(machine.image, "$").str();
+}
+std::string causeOf(Machine& machine) {
+    return causeOf(machine, [&] { machine.mount(); });
+}
+
+std::string mountNote(const Machine& machine, const std::string& mode = "ro") {
+    return "MountImage " + mode + " removable 0 1 0 32768 4096 " + std::to_string(machine.cursor);
+}
+
+} // namespace
+
+TEST(MountImage, TwiceInItsOrder) {
+    Machine machine;
+    machine.app.cacheSize = 5;
+    machine.app.guid = "G1";
+    machine.app.filemap = {"cfg.ini"};
+    fs::create_directory(machine.dir.path("volume/TAVRIN-private"));
+    const SxString trace = machine.dir.path("trace");
+    machine.dir.write("trace/img.trc", "of former times");
+    int64 nRefused = 0;
+    machine.driver.onCall = [&](const std::string&) {
+        nRefused +=
+            failureOf([&] {
+                ZqImageLock::take(machine.image, ZqImageLock::Shape, ZqImageLock::Exclusive, "optimize");
+            }).ends_with("(mount)");
+    };
+    EXPECT_EQ(machine.mount(trace, ZqMountMgr::ReadTWLayer), "E:");
+    const std::string mounted = mountNote(machine, "rtw") + " traced";
+    EXPECT_THAT(machine.driver.notes,
+                ElementsAre("SetCacheSize 0", mounted, "GuardOn", "SetLogging off", "SetFailOnUnderflow",
+                            "MonitorOff", "dismount E:", "ejectMedia E:", "SetCacheSize 5000000", mounted,
+                            "GuardOn", "SetImageType 4 1", "SetReparse cfg.ini -> C:/ProgramData/TAVRIN/G1"));
+    EXPECT_GT(nRefused, 20) << "the shape is held all the time";
+    ZqImageLock::take(machine.image, ZqImageLock::Shape, ZqImageLock::Exclusive, "optimize");
+    EXPECT_TRUE(machine.dir.exists("root/drive_c/ProgramData/TAVRIN/G1/TAVRIN-private/cfg.ini"));
+    EXPECT_FALSE(machine.dir.exists("trace/img.trc"));
+    const ZqTraceParams params(trace + "/");
+    EXPECT_EQ(params.method, ZqTraceParams::MountScan);
+    EXPECT_EQ(params.checksumMnt, machine.app.checksumMnt);
+}
+
+TEST(MountImage, EveryFailureHasItsWordsAndLeavesNoDrive) {
+    const std::string bare = ": TAVRIN Driver Error: why";
+    const std::string eject = "Cannot umount image $: ";
+    struct Case {
+        const char* call;
+        int nth;
+        std::string cause;
+    };
+    const Case cases[] = {
+        {"GuardPing", 1, "ZqFM is not available: why"},
+        {"SetCacheSize", 1, "Cannot set disk cache size to 0" + bare},
+        {"MountImage", 1, "Failed to mount $ image: TAVRIN Driver error: Mount Image failed: why"},
+        {"GuardOn", 1,
+         "Failed to activate guard on $ image preparation mount: Failed to activate guard on $: why"},
+        {"SetLogging", 1, eject + "Failed to disable guard logging: why"},
+        {"dismount", 1, eject + "Cannot dismount volume for E:: why"},
+        {"SetCacheSize", 2, "Cannot set disk cache size to 1000000" + bare},
+        {"MountImage", 2, "Failed to mount $ image: TAVRIN Driver error: Mount Image failed: why"},
+        {"GuardOn", 2,
+         "Failed to activate guard on $ image after persistent mount: Failed to activate guard on $: why"},
+        {"SetImageType", 1,
+         "Failed to set image type to ZqF for image $: Failed to set image type on $ to 1: why"},
+        {"SetReparse", 1,
+         "Cannot prepare reparse points: Cannot sent reparse instructions to ZqFM: Failed to reparse on $ "
+         "names "
+         "a to directory C:/ProgramData/TAVRIN/G1: why"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.call + std::to_string(c.nth));
+        Machine machine;
+        fs::create_directory(machine.dir.path("volume/TAVRIN-protected"));
+        machine.app.cacheSize = 1;
+        machine.app.guid = "G1";
+        machine.app.dirmap = {"a"};
+        machine.driver.fail(c.call, c.nth, "why");
+        EXPECT_EQ(causeOf(machine), c.cause);
+        EXPECT_FALSE(machine.driver.mounted);
+    }
+    Machine machine;
+    machine.app.dirmap = {"a"};
+    EXPECT_EQ(causeOf(machine),
+              "Cannot prepare reparse points: No TAVRIN-private or TAVRIN-protected folder on "
+              "drive E:");
+    EXPECT_FALSE(machine.driver.mounted);
+}
+
+TEST(MountImage, IsCheckedAheadOfAnyDrive) {
+    struct Case {
+        std::string cause;
+        std::function<void(Machine&)> damage;
+    };
+    const std::string corrupt = "Corrupt mapping information detected";
+    const Case cases[] = {
+        {"Cannot find mapping file $/img.idx", [](Machine& m) { fs::remove(m.dir.path("image/img.idx")); }},
+        {"Cannot find image file $/img.zqf", [](Machine& m) { fs::remove(m.dir.path("image/img.zqf")); }},
+        {"Insufficient data for image mount available: is99 bytes, expected 100 bytes",
+         [](Machine& m) {
+             m.app.sizeMnt = 100;
+             m.dir.write("image/img.zqf", std::string(99, 'x'));
+         }},
+        {"Image filesize does not satisfy available data: is8191 bytes, expected 8192 bytes",
+         [](Machine& m) {
+             m.app.sizeMnt = 0;
+             m.cursor = 2;
+             m.dir.write("image/img.zqf", std::string(8191, 'x'));
+         }},
+        {corrupt, [](Machine& m) { m.app.checksumIdx = ""; }},
+        {corrupt, [](Machine& m) { m.dir.write("image/img.idx.md5", m.app.checksumIdx.str() + "\n"); }},
+        {"Image $ needs the launcher 'Steam', which isn't supported yet",
+         [](Machine& m) {
+             m.app.access = {"Steam", "Origin"};
+         }},
+        {"The entry '../x' of dirmap in app.json leads upward", [](Machine& m) { m.app.dirmap = {"../x"}; }},
+        {"The guid 'a/b' of app.json is no plain name",
+         [](Machine& m) {
+             m.app.guid = "a/b";
+             m.app.filemap = {"x"};
+         }},
+        {"ZqFM is not available", [](Machine& m) { m.driver.answersPing = false; }},
+        {"Image '$' is in the middle of an optimisation; go on with: tavrin image optimize IMAGE --resume",
+         [](Machine& m) { m.dir.write("image/optimize.lock", ""); }},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.cause);
+        Machine machine;
+        c.damage(machine);
+        EXPECT_EQ(causeOf(machine), c.cause);
+        EXPECT_THAT(machine.driver.notes, IsEmpty());
+    }
+    Machine machine;
+    const auto lock =
+        ZqImageLock::take(machine.image, ZqImageLock::Shape, ZqImageLock::Exclusive, "optimize");
+    EXPECT_THAT(causeOf(machine), AllOf(HasSubstr("Image '$' is in use by"), HasSubstr("(optimize)")));
+    machine.dir.write("image/img.idx.md5", std::string(1 << 10, 'x'));
+    fs::remove(machine.dir.path("image/app.json"));
+    EXPECT_THAT(failureOf([&] {
+                    ZqMountMgr().mountImageZQF(ZqMountMgr::ReadOnly, ZqMountMgr::Removable, machine.image, 1,
+                                               1, 1, false, "", "");
+                }),
+                testing::StartsWith("Failed to read file " + machine.name + "/app.json"));
+}
+
+TEST(MountImage, WhatPassesTheChecks) {
+    const std::function<void(Machine&)> changes[] = {
+        [](Machine& m) {
+            m.cursor = 1000; /* a complete file, whatever the cursor says */
+        },
+        [](Machine& m) {
+            m.app.sizeMnt = 8192;
+            m.cursor = 2;
+            m.dir.write("image/img.zqf", std::string(8192, 'x'));
+        },
+        [](Machine& m) {
+            m.dir.write("image/img.idx.md5", m.app.checksumIdx.str());
+            m.app.checksumIdx = "not looked at";
+        },
+    };
+    for (const auto& change : changes) {
+        Machine machine;
+        change(machine);
+        EXPECT_EQ(causeOf(machine), "");
+    }
+}
+
+TEST(MountImage, TheCacheIsBounded) {
+    for (const auto& [units, note] : {std::pair<int64, const char*>{2000, "SetCacheSize 2000000000"},
+                                      {2001, "2001000000"},
+                                      {int64{1} << 62, "9223372036854775807"}}) {
+        Machine machine;
+        machine.app.cacheSize = units;
+        const std::string cause = causeOf(machine);
+        if (units == 2000) {
+            EXPECT_THAT(machine.driver.notes, Contains(note));
+            continue;
+        }
+        EXPECT_EQ(cause, std::string("Cannot set disk cache size to ") + note +
+                             ": Specified Cache size larger than 2GB");
+        EXPECT_FALSE(machine.driver.mounted);
+    }
+}
+
+TEST(MountImage, TheTraceFolderIsChecked) {
+    Machine machine;
+    const auto mount = [&](const SxString& folder, const char* method) {
+        return causeOf(machine, [&] {
+            machine.mgr.mountImageZQF(ZqMountMgr::ReadOnly, ZqMountMgr::Removable, machine.image, 1, 1, 1,
+                                      false, folder, method);
+        });
+    };
+    EXPECT_EQ(mount(machine.image, "set"),
+              "Cannot clean former trace data: Folder '$' holds the image and isn't emptied for a trace");
+    EXPECT_EQ(mount(machine.dir.path("trace"), "sets"), "Trace Method 'sets' unknown!");
+    EXPECT_THAT(machine.driver.notes, IsEmpty());
+    EXPECT_EQ(mount("", "anything"), "");
+}

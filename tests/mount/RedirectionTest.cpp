@@ -1,0 +1,110 @@
+#include "MountTest.h"
+#include "ZqRedirection.h"
+
+namespace {
+
+class Private : public Machine {
+public:
+    Private() {
+        app.guid = "G1";
+        dir.write("volume/TAVRIN-protected/save/a/slot", "from the drive");
+        dir.write("volume/TAVRIN-protected/cfg.ini", "default");
+        dir.write("secret/key", "precious");
+    }
+    std::string prepare(const SxList<SxString>& folders, const SxList<SxString>& files) {
+        app.dirmap = folders;
+        app.filemap = files;
+        return failureOf([&] { ZqRedirection(app).prepare("E:"); });
+    }
+
+    static constexpr const char* SIDE = "root/drive_c/ProgramData/TAVRIN/G1/TAVRIN-protected/";
+    std::string side(const std::string& below) const { return SIDE + below; }
+};
+
+} // namespace
+
+TEST(Redirection, CopiesOnceAndKeeps) {
+    Private machine;
+    fs::create_directory(machine.dir.path("volume/TAVRIN-private"));
+    ASSERT_EQ(machine.prepare({"save\\a/", "gone/deep"}, {"./cfg.ini", "new/empty.dat"}), "");
+    EXPECT_EQ(ZqRedirection(machine.app).getNames(), "save/a,gone/deep,cfg.ini,new/empty.dat");
+    EXPECT_EQ(machine.dir.read(machine.side("save/a/slot")), "from the drive");
+    EXPECT_EQ(machine.dir.read(machine.side("cfg.ini")), "default");
+    EXPECT_EQ(machine.dir.read(machine.side("new/empty.dat")), "");
+    EXPECT_EQ(fs::status(machine.dir.path(machine.side("new/empty.dat"))).permissions(), fs::perms{0644});
+    EXPECT_TRUE(machine.dir.exists(machine.side("gone")));
+    EXPECT_FALSE(machine.dir.exists(machine.side("gone/deep")));
+
+    machine.dir.write(machine.side("save/a/slot"), "played");
+    machine.dir.write("volume/TAVRIN-protected/cfg.ini", "of an update");
+    const TreeSnapshot before = machine.dir.snapshot("root");
+    ASSERT_EQ(machine.prepare({"save/a", "gone/deep"}, {"cfg.ini", "new/empty.dat"}), "");
+    EXPECT_EQ(machine.dir.snapshot("root"), before);
+}
+
+TEST(Redirection, ACutOffCopyIsDoneAgain) {
+    Private machine;
+    machine.dir.write(machine.side("save.tavrin-new/a/half"), "ha");
+    fs::create_symlink(machine.dir.path("secret/new"), machine.dir.path(machine.side("cfg.ini.tavrin-new")));
+    ASSERT_EQ(machine.prepare({"save"}, {"cfg.ini"}), "");
+    EXPECT_EQ(machine.dir.read(machine.side("save/a/slot")), "from the drive");
+    EXPECT_FALSE(machine.dir.exists(machine.side("save/a/half")));
+    EXPECT_FALSE(machine.dir.exists(machine.side("save.tavrin-new")));
+    EXPECT_FALSE(machine.dir.exists("secret/new"));
+}
+
+TEST(Redirection, EntriesAreRelativeNames) {
+    Private machine;
+    const std::pair<std::string, const char*> entries[] = {
+        {"", "names nothing"},         {"./.", "names nothing"},
+        {"/etc", "is absolute"},       {"\\etc", "is absolute"},
+        {"C:x", "has a drive letter"}, {"c:\\x", "has a drive letter"},
+        {"..", "leads upward"},        {"a\\..\\..\\b", "leads upward"},
+        {"a,b", "holds a comma"},      {std::string("a\0b", 3), "holds a NUL"}};
+    for (const auto& [entry, fault] : entries) {
+        const std::string words = "The entry '" + SxString(entry).makeVisible().str() + "' of ";
+        EXPECT_EQ(machine.prepare({SxString(entry)}, {}), words + "dirmap in app.json " + fault);
+        EXPECT_EQ(machine.prepare({}, {"good", SxString(entry)}), words + "filemap in app.json " + fault);
+    }
+    for (const std::string guid : {"", ".", "..", "a/b", "a\\b", "C:"}) {
+        machine.app.guid = SxString(guid);
+        EXPECT_EQ(machine.prepare({"save"}, {}), "The guid '" + guid + "' of app.json is no plain name");
+        EXPECT_EQ(failureOf([&] { ZqRedirection unused((ZqAppParams())); }), "");
+    }
+    EXPECT_FALSE(machine.dir.exists("root/drive_c/ProgramData"));
+}
+
+TEST(Redirection, NoLinkLeadsOut) {
+    const std::string target = "C:/ProgramData/TAVRIN/G1/TAVRIN-protected";
+    const std::string drive = "volume/TAVRIN-protected/";
+    const std::pair<std::string, std::string> cases[] = {{drive, "E:/TAVRIN-protected"},
+                                                         {Private::SIDE, target}};
+    for (const auto& [folder, shown] : cases) {
+        for (const char* leadsTo : {"secret", "secret/not there"}) {
+            for (const char* entry : {"out/key", "out"}) {
+                Private machine;
+                fs::create_directories(machine.dir.path(folder));
+                fs::create_symlink(machine.dir.path(leadsTo), machine.dir.path(folder + "out"));
+                const TreeSnapshot before = machine.dir.snapshot("secret");
+                const std::string words = "Cannot create " + target + "/" + entry + ": The link '" + shown +
+                                          "/out' leads out of '" + shown + "'";
+                EXPECT_EQ(machine.prepare({entry}, {}), words);
+                EXPECT_EQ(machine.prepare({}, {entry}), words);
+                EXPECT_EQ(machine.dir.snapshot("secret"), before);
+                EXPECT_FALSE(fs::exists(machine.dir.path(machine.side("out/key.tavrin-new"))));
+            }
+        }
+    }
+    Private machine;
+    fs::create_symlink("save/a", machine.dir.path(drive + "inside"));
+    fs::create_symlink(machine.dir.path("secret/key"), machine.dir.path(drive + "save/a/link"));
+    EXPECT_EQ(machine.prepare({"inside"}, {}), "");
+    EXPECT_EQ(machine.dir.read(machine.side("inside/slot")), "from the drive");
+    EXPECT_TRUE(fs::is_symlink(machine.dir.path(machine.side("inside/link"))))
+        << "not a copy of what is outside";
+
+    fs::remove_all(machine.dir.path("volume/TAVRIN-protected"));
+    EXPECT_EQ(machine.prepare({"x"}, {}), "No TAVRIN-private or TAVRIN-protected folder on drive E:");
+    fs::create_directory_symlink(machine.dir.path("secret"), machine.dir.path("volume/TAVRIN-protected"));
+    EXPECT_EQ(machine.prepare({}, {"key"}), "The link 'E:/TAVRIN-protected' leads out of 'E:'");
+}

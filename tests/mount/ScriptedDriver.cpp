@@ -1,0 +1,293 @@
+#include "ScriptedDriver.h"
+
+#include "SxException.h"
+#include "zqdevctl.h"
+
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+
+namespace {
+
+ScriptedDriver* current = nullptr;
+constexpr uint64 DEVICE_ID = 7;
+
+std::string text(ZqWide wide) {
+    return SxString::fromUtf16(wide).str();
+}
+
+/// A call about the image, which must be named as it was to the mount.
+bool enter(const std::string& name, ZqWide image, const std::string& note = "") {
+    ScriptedDriver& driver = ScriptedDriver::get();
+    if (driver.mounted && text(image) != driver.image) driver.notes.push_back("wrong image in " + name);
+    return driver.enter(name, note);
+}
+
+template<class T, class V>
+ZqStatus answer(const std::string& name, ZqWide image, T* out, V value) {
+    if (!enter(name, image)) return 1;
+    *out = static_cast<T>(value);
+    return 0;
+}
+
+ZqStatus act(const std::string& name, ZqWide image, const std::string& note = "") {
+    return enter(name, image, name + note) ? 0 : 1;
+}
+
+ZqStatus guard(const std::string& name, ZqFlag* flag) {
+    ScriptedDriver& driver = ScriptedDriver::get();
+    if (!driver.enter(name, driver.guardAt < 0 ? name : "")) return 1;
+    if (driver.guardAt < 0) driver.guardAt = driver.clock().elapsedMs();
+    *flag = driver.clock().elapsedMs() >= driver.guardAt + driver.guardAfter;
+    if (*flag) driver.guardAt = -1;
+    return 0;
+}
+
+ZqStatus version(const std::string& name, char* buffer, uint64* size) {
+    ScriptedDriver& driver = ScriptedDriver::get();
+    if (!driver.enter(name)) return 1;
+    std::memcpy(buffer, driver.version.data(), std::min<size_t>(driver.version.size(), *size));
+    return 0;
+}
+
+void raiseUnless(bool good) {
+    if (!good) throw SxException(ScriptedDriver::get().lastFailure, "ScriptedDriver", __LINE__);
+}
+
+} // namespace
+
+ScriptedDriver::ScriptedDriver(std::string volume)
+    : marker(std::move(volume) + "/gxprefetch.info"),
+      time(*this) {
+    current = this;
+}
+
+ScriptedDriver::~ScriptedDriver() {
+    current = nullptr;
+}
+
+ScriptedDriver& ScriptedDriver::get() {
+    return *current;
+}
+
+void ScriptedDriver::fail(const std::string& name, int nth, const std::string& reason) {
+    faults[name] = {nth, reason};
+}
+
+bool ScriptedDriver::enter(const std::string& name, const std::string& note) {
+    settle();
+    if (onCall) onCall(name);
+    if (!note.empty()) notes.push_back(note);
+    const auto fault = faults.find(name);
+    const bool fails = fault != faults.end() && --fault->second.left <= 0;
+    lastFailure = fails ? SxString(fault->second.reason) : SxString();
+    return !fails;
+}
+
+void ScriptedDriver::settle() {
+    const int64 now = clock().elapsedMs();
+    if (releasedAt >= 0 && now >= releasedAt + goneAfter) mounted = false;
+    const bool shown = mounted ? now >= mountedAt + filesAfter : now < releasedAt + markerStays;
+    if (shown == std::filesystem::exists(marker)) return;
+    if (shown) {
+        std::ofstream(marker).flush();
+    } else {
+        std::filesystem::remove(marker);
+    }
+}
+
+ZqStatus zqDriveMountImage(ZqWide image, ZqWide traceFolder, ZqFlag readOnly, ZqFlag readTW, ZqFlag removable,
+                           ZqFlag hostFlag, ZqFlag awaitFileSystem, ZqFlag spareFlag, uint64 sizeRaw,
+                           uint64 sectorSize, uint64 cursor) {
+    ScriptedDriver& driver = ScriptedDriver::get();
+    const std::string mode = readOnly ? " ro" : readTW ? " rtw" : " rw";
+    std::string note = "MountImage" + mode + (removable ? " removable" : " fixed");
+    for (const uint64 value :
+         {uint64{hostFlag}, uint64{awaitFileSystem}, uint64{spareFlag}, sizeRaw, sectorSize, cursor}) {
+        note += " " + std::to_string(value);
+    }
+    if (!driver.enter("MountImage", note + (*traceFolder ? " traced" : ""))) return 1;
+    driver.mounted = true;
+    driver.removable = removable != 0;
+    driver.monitored = *traceFolder != 0;
+    driver.image = text(image);
+    driver.mountedAt = driver.clock().elapsedMs();
+    driver.releasedAt = driver.guardAt = -1;
+    driver.settle();
+    return 0;
+}
+
+ZqStatus zqDriveEjectImage(ZqWide image) {
+    if (act("EjectImage", image) != 0) return 1;
+    ScriptedDriver::get().releasedAt = ScriptedDriver::get().clock().elapsedMs();
+    ScriptedDriver::get().settle();
+    return 0;
+}
+
+ZqStatus zqDriveIsMounted(ZqWide image, ZqFlag* flag) {
+    return answer("IsMounted", image, flag, ScriptedDriver::get().mounted);
+}
+ZqStatus zqDriveIsRemovable(ZqWide image, ZqFlag* flag) {
+    return answer("IsRemovable", image, flag, ScriptedDriver::get().removable);
+}
+ZqStatus zqDriveIsSuspended(ZqWide image, ZqFlag* flag) {
+    return answer("IsSuspended", image, flag, ScriptedDriver::get().suspended);
+}
+ZqStatus zqDriveIsUnderflow(ZqWide image, ZqFlag* flag) {
+    return answer("IsUnderflow", image, flag, !ScriptedDriver::get().queue.empty());
+}
+ZqStatus zqDriveIsMonitored(ZqWide image, ZqFlag* flag) {
+    return answer("IsMonitored", image, flag, ScriptedDriver::get().monitored);
+}
+ZqStatus zqDriveHasTraceEvent(ZqWide image, ZqFlag* flag) {
+    return answer("HasTraceEvent", image, flag, ScriptedDriver::get().monitored);
+}
+ZqStatus zqDriveGetDeviceID(ZqWide image, uint64* id) {
+    return answer("GetDeviceID", image, id, DEVICE_ID);
+}
+ZqStatus zqDriveGetSectorSize(ZqWide image, uint64* bytes) {
+    return answer("GetSectorSize", image, bytes, 4096);
+}
+ZqStatus zqDriveGetCursor(ZqWide image, uint64* zqfIdx) {
+    return answer("GetCursor", image, zqfIdx, ScriptedDriver::get().cursor);
+}
+ZqStatus zqDriveSetCursor(ZqWide image, uint64 zqfIdx) {
+    ScriptedDriver::get().cursor = zqfIdx;
+    return act("SetCursor", image, " " + std::to_string(zqfIdx));
+}
+ZqStatus zqDriveSetQACursor(ZqWide image, uint64 zqfIdx) {
+    return act("SetQACursor", image, " " + std::to_string(zqfIdx));
+}
+ZqStatus zqDriveSuspend(ZqWide image) {
+    return act("Suspend", image);
+}
+ZqStatus zqDriveResume(ZqWide image) {
+    return act("Resume", image);
+}
+ZqStatus zqDriveSetFailOnUnderflow(ZqWide image) {
+    return act("SetFailOnUnderflow", image);
+}
+ZqStatus zqDriveGetOnDemandQueueLen(ZqWide image, uint64* nBlocks) {
+    return answer("GetOnDemandQueueLen", image, nBlocks, ScriptedDriver::get().queue.size());
+}
+ZqStatus zqDrivePopUnderflowZqFBlock(ZqWide image, uint64* zqfIdx) {
+    std::vector<uint64>& queue = ScriptedDriver::get().queue;
+    return answer("PopUnderflowZqFBlock", image, zqfIdx, queue.empty() ? 0 : queue.front());
+}
+ZqStatus zqDrivePopUnderflowZqFBlocks(ZqWide image, uint64* zqfIdx, uint64* count) {
+    if (!enter("PopUnderflowZqFBlocks", image)) return 1;
+    const std::vector<uint64>& queue = ScriptedDriver::get().queue;
+    *count = std::min<uint64>(*count, queue.size());
+    std::copy_n(queue.begin(), *count, zqfIdx);
+    return 0;
+}
+ZqStatus zqDriveGetRequestData(ZqWide image, uint64* offset, uint64* length) {
+    *length = 4096;
+    return answer("GetRequestData", image, offset, 8192);
+}
+ZqStatus zqDriveResolveUnderflow(ZqWide image, uint64 zqfIdx, const char* data, uint64 length) {
+    return act("ResolveUnderflow", image, " " + std::to_string(zqfIdx) + " " + std::string(data, length));
+}
+ZqStatus zqDriveMonitorOn(ZqWide image, ZqWide traceFolder) {
+    if (act("MonitorOn", image, " " + text(traceFolder)) != 0) return 1;
+    ScriptedDriver::get().monitored = true;
+    return 0;
+}
+ZqStatus zqDriveMonitorOff(ZqWide image) {
+    return act("MonitorOff", image);
+}
+ZqStatus zqDriveFlushTWToImage(ZqWide image) {
+    return act("FlushTWToImage", image);
+}
+
+ZqStatus zqDriveSetCacheSize(int bytes) {
+    return ScriptedDriver::get().enter("SetCacheSize", "SetCacheSize " + std::to_string(bytes)) ? 0 : 1;
+}
+ZqStatus zqDriveStoreDisks() {
+    return ScriptedDriver::get().enter("StoreDisks", "StoreDisks") ? 0 : 1;
+}
+ZqStatus zqDriveLoadDisks() {
+    return ScriptedDriver::get().enter("LoadDisks", "LoadDisks") ? 0 : 1;
+}
+ZqStatus zqDriveReset() {
+    return ScriptedDriver::get().enter("Reset", "Reset") ? 0 : 1;
+}
+ZqStatus zqDrivePing(ZqFlag* flag) {
+    *flag = ScriptedDriver::get().answersPing;
+    return ScriptedDriver::get().enter("DrivePing") ? 0 : 1;
+}
+ZqStatus zqDriveGetVersion(char* buffer, uint64* size) {
+    return version("DriveGetVersion", buffer, size);
+}
+
+ZqStatus zqGuardOn(unsigned char, ZqFlag* flag) {
+    return guard("GuardOn", flag);
+}
+ZqStatus zqGuardOff(unsigned char, ZqFlag* flag) {
+    return guard("GuardOff", flag);
+}
+ZqStatus zqGuardPing(ZqFlag* flag) {
+    *flag = ScriptedDriver::get().answersPing;
+    return ScriptedDriver::get().enter("GuardPing") ? 0 : 1;
+}
+ZqStatus zqGuardGetVersion(char* buffer, uint64* size) {
+    return version("GuardGetVersion", buffer, size);
+}
+ZqStatus zqGuardSetImageType(unsigned char devId, int type) {
+    const std::string note = "SetImageType " + std::to_string(devId) + " " + std::to_string(type);
+    return ScriptedDriver::get().enter("SetImageType", note) ? 0 : 1;
+}
+ZqStatus zqGuardSetLogging(ZqFlag on) {
+    return ScriptedDriver::get().enter("SetLogging", on ? "SetLogging on" : "SetLogging off") ? 0 : 1;
+}
+ZqStatus zqGuardSetReparse(unsigned char, ZqWide names, ZqWide directory) {
+    const std::string note = "SetReparse " + text(names) + " -> " + text(directory);
+    return ScriptedDriver::get().enter("SetReparse", note) ? 0 : 1;
+}
+
+SxList<SxString> ZqVolume::getDrives() {
+    ScriptedDriver& driver = ScriptedDriver::get();
+    SxList<SxString> drives;
+    for (const auto& [drive, identity] : driver.otherDrives)
+        drives << SxString(drive);
+    if (driver.mounted && driver.clock().elapsedMs() >= driver.mountedAt + driver.letterAfter) drives << "E:";
+    return drives;
+}
+bool ZqVolume::queryIdentity(const SxString& drive, ZqVolumeIdentity* identity) {
+    ScriptedDriver& driver = ScriptedDriver::get();
+    const auto other = driver.otherDrives.find(drive.str());
+    *identity =
+        other != driver.otherDrives.end() ? other->second : ZqVolumeIdentity{"VOLM", "ZqDD", DEVICE_ID};
+    return driver.enter("queryIdentity") && !identity->vendorId.isEmpty();
+}
+void ZqVolume::dismount(const SxString& drive, bool* busy) {
+    raiseUnless(ScriptedDriver::get().enter("dismount", "dismount " + drive.str()));
+    *busy = ScriptedDriver::get().isBusy;
+}
+void ZqVolume::ejectMedia(const SxString& drive) {
+    ScriptedDriver& driver = ScriptedDriver::get();
+    raiseUnless(driver.enter("ejectMedia", "ejectMedia " + drive.str()));
+    driver.releasedAt = driver.clock().elapsedMs();
+    driver.settle();
+}
+SxString ZqVolume::getLabel(const SxString& drive) {
+    return "label of " + drive;
+}
+void ZqVolume::setLabel(const SxString& drive, const SxString& label) {
+    ScriptedDriver::get().enter("setLabel", "setLabel " + drive.str() + " " + label.str());
+}
+SxList<ZqDiskStatus> ZqVolume::getDisks() {
+    ScriptedDriver& driver = ScriptedDriver::get();
+    ZqDiskStatus other, own;
+    other.image = "/elsewhere";
+    other.failure = "of another disk";
+    own.image = SxString(std::filesystem::canonical(driver.image).string());
+    own.failure = driver.diskFailure;
+    return {other, own};
+}
+bool ZqVolume::removeLeftovers() {
+    return false;
+}
+SxString ZqVolume::getLastFailure() {
+    return ScriptedDriver::get().lastFailure;
+}

@@ -1,0 +1,78 @@
+#pragma once
+
+#include "SxList.h"
+#include "SxString.h"
+#include "VirtualClock.h"
+#include "ZqVolume.h"
+
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+/// Stands in the place of the drive service, its control library and the system's volumes, for one image at a
+/// time, on the virtual clock. Every call is counted by its name ("MountImage", "GuardOn", "dismount", ...)
+/// and can be made to fail; calls that change something are noted in order. In force from construction to
+/// destruction.
+class ScriptedDriver {
+public:
+    /// `volume`: the folder that the drive E: shows.
+    explicit ScriptedDriver(std::string volume);
+    ~ScriptedDriver();
+    ScriptedDriver(const ScriptedDriver&) = delete;
+    ScriptedDriver& operator=(const ScriptedDriver&) = delete;
+
+    static ScriptedDriver& get();
+
+    /// The `nth` coming call of that name fails, and all later ones, with `reason` as its words.
+    void fail(const std::string& name, int nth = 1, const std::string& reason = "");
+    /// Notes a call; gives whether it is to succeed.
+    bool enter(const std::string& name, const std::string& note = "");
+    /// The state that is due at this time.
+    void settle();
+
+    // How long things take, in milliseconds; NEVER for what doesn't come.
+    static constexpr int64 NEVER = int64{1} << 40;
+    int64 letterAfter = 0, filesAfter = 0, guardAfter = 0, goneAfter = 0, markerStays = 0;
+    SxString diskFailure; ///< what the service says of the disk
+    bool isBusy = false;
+    bool answersPing = true;
+    std::string version = "3.4.10";
+    std::vector<uint64> queue;
+    /// Letters of the machine with what they say of themselves; that of the image is added.
+    std::map<std::string, ZqVolumeIdentity> otherDrives;
+    /// Runs ahead of each call.
+    std::function<void(const std::string& name)> onCall;
+
+    // The one disk.
+    bool mounted = false, removable = false, suspended = false, monitored = false;
+    std::string image;
+    int64 mountedAt = 0, releasedAt = -1, guardAt = -1;
+    uint64 cursor = 0;
+
+    std::vector<std::string> notes;
+    SxString lastFailure;
+    VirtualClock& clock() { return time; }
+
+private:
+    /// Settles the state behind each sleep, since a look at a file is no call.
+    class Clock : public VirtualClock {
+    public:
+        explicit Clock(ScriptedDriver& owner) : driver(owner) {}
+        void sleepNs(int64 ns) override {
+            VirtualClock::sleepNs(ns);
+            driver.settle();
+        }
+
+    private:
+        ScriptedDriver& driver;
+    };
+    struct Fault {
+        int left = 0;
+        std::string reason;
+    };
+
+    std::string marker;
+    std::map<std::string, Fault> faults;
+    Clock time;
+};
