@@ -10,6 +10,7 @@
 
 #include <cstring>
 #include <fstream>
+#include <unistd.h>
 
 namespace {
 
@@ -111,6 +112,11 @@ void Disk::bringUp() {
 void Disk::attach(const SxString& type) {
     const SxString file = folder + "/" + ZqServiceFolder::FRONT + "/" + ZqServiceFolder::DISK_FILE;
     const bool readOnly = params.readOnly || type != "ext4";
+    if (::geteuid() != 0) {
+        userDriver.start(type, file, folder + "/" + ZqServiceFolder::VOLUME, readOnly,
+                         [this] { return ending.load(); });
+        return;
+    }
     const bool low = !disk.isComplete() || disk.isMonitored();
     const auto run = [&](const char* how) {
         return Helper::run({"attach", how, file, folder + "/" + ZqServiceFolder::VOLUME, type,
@@ -196,7 +202,6 @@ bool Disk::dismount() {
 bool Disk::detach() {
     disk.setFailOnUnderflow();
     disk.resume();
-    letter.remove();
     SxString device;
     {
         const SxMutexBlock block(&mutex);
@@ -208,6 +213,7 @@ bool Disk::detach() {
     const bool busy = facts.count("busy") != 0;
     // What a program still has open fails from here on, so that it can't wait for ever.
     if (busy) front.abort();
+    userDriver.stop();
     setState(State::Detached);
     return busy;
 }
@@ -228,6 +234,7 @@ void Disk::eject() {
         driverLog("image " + params.image + ": " + describe(e));
         front.abort();
     }
+    letter.remove();
     front.end();
     const int error = disk.close();
     if (error != 0) driverLog("image " + params.image + " could not be closed: " + SxOs::errorText(error));
@@ -249,6 +256,10 @@ void Disk::removeFolder() {
 void Disk::redirect(const SxList<SxString>& names, const SxString& directory) {
     const SxMutexBlock block(&tearing);
     if (!isMounted()) throw SxException("The volume isn't mounted", UNIT, __LINE__);
+    if (::geteuid() != 0) {
+        throw SxException("Folders and files of a drive can be redirected by root alone: run as root", UNIT,
+                          __LINE__);
+    }
     SxList<SxString> words = {"redirect", folder + "/" + ZqServiceFolder::VOLUME, directory};
     words.append(names);
     Helper::run(words, REDIRECT_MS, [this] { unblock(); });
@@ -305,7 +316,7 @@ ZqDiskStatus Disk::getStatus() {
     status.servicePid = SxOs::processId();
     const SxMutexBlock block(&mutex);
     status.failure = failure;
-    if (state == State::Mounted) {
+    if (state == State::Mounted || state == State::Detached) {
         status.mountPath = folder + "/" + ZqServiceFolder::VOLUME;
         status.drive = letter.get();
     }

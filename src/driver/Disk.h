@@ -3,6 +3,7 @@
 #include "DriveLetter.h"
 #include "FuseFront.h"
 #include "SxPtr.h"
+#include "UserDriver.h"
 #include "ZqImageLock.h"
 #include "ZqVolume.h"
 
@@ -24,7 +25,7 @@ struct MountParams {
 ///   state     disk  file  volume  letter   goes on to
 ///   Starting  yes   yes   -       -        Mounted, Failed, Gone
 ///   Mounted   yes   yes   yes     yes      Detached, Gone
-///   Detached  yes   yes   -       -        Gone        the volume was dismounted
+///   Detached  yes   yes   -       yes      Gone        the volume was dismounted
 ///   Failed    yes   -     -       -        Gone        says why, until it is ejected
 ///   Gone      -     -     -       -
 class Disk {
@@ -81,6 +82,7 @@ private:
 
     VirtualDisk disk;
     FuseFront front;
+    UserDriver userDriver;
     DriveLetter letter;
     std::unique_ptr<Starter> starter;
     std::atomic<bool> ending{false}, firstWoken{false};

@@ -1,6 +1,7 @@
 #include "FuseFront.h"
 
 #include "DriverLog.h"
+#include "Mounts.h"
 #include "SxException.h"
 #include "SxOs.h"
 #include "SxQueue.h"
@@ -14,7 +15,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -213,9 +213,8 @@ void FuseFront::setCache(Cache cache_) {
 }
 
 void FuseFront::abort() {
-    // A forced unmount ends the connection, whether or not the mount can go.
     const SxMutexBlock block(&mountMutex);
-    if (!mountedAt.empty() && ::umount2(mountedAt.c_str(), MNT_FORCE) == 0) mountedAt.clear();
+    if (!mountedAt.empty()) Mounts::abort(mountedAt);
 }
 
 void FuseFront::end() {
@@ -225,8 +224,10 @@ void FuseFront::end() {
     abort();
     {
         const SxMutexBlock block(&mountMutex);
-        if (!mountedAt.empty() && ::umount2(mountedAt.c_str(), MNT_DETACH) != 0)
-            driverLog("cannot unmount " + SxString(mountedAt) + ": " + SxOs::errorText(errno));
+        const int error = mountedAt.empty() ? 0 : Mounts::detach(mountedAt);
+        // The abort may have unmounted it already.
+        if (error != 0 && error != EINVAL)
+            driverLog("cannot unmount " + SxString(mountedAt) + ": " + SxOs::errorText(error));
         mountedAt.clear();
     }
     for (const auto& worker : workers)

@@ -1,6 +1,6 @@
 #include "HelperOps.h"
 
-#include "MountTable.h"
+#include "Mounts.h"
 #include "Redirection.h"
 #include "SxException.h"
 #include "SxOs.h"
@@ -136,22 +136,22 @@ void attach(const SxList<SxString>& words) {
 /// Unmounts what is mounted at `folder`; where it is in use, writes what is to be written and detaches it.
 /// Gives whether it was in use.
 bool unmount(const std::string& folder) {
-    if (::umount2(folder.c_str(), 0) == 0) return false;
-    if (errno == EINVAL || errno == ENOENT) return false; // nothing is mounted there
-    if (errno != EBUSY) fail("Cannot unmount '" + SxString(folder) + "'", errno);
+    int error = Mounts::unmount(folder);
+    if (error == 0 || error == EINVAL || error == ENOENT) return false;
+    if (error != EBUSY) fail("Cannot unmount '" + SxString(folder) + "'", error);
     const int fd = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (fd >= 0) {
         ::syncfs(fd);
         ::close(fd);
     }
-    if (::umount2(folder.c_str(), MNT_DETACH) != 0 && errno != EINVAL)
-        fail("Cannot detach '" + SxString(folder) + "'", errno);
+    error = Mounts::detach(folder);
+    if (error != 0 && error != EINVAL) fail("Cannot detach '" + SxString(folder) + "'", error);
     return true;
 }
 
 /// Unmounts all that is mounted below `folder`, the latest first.
 bool unmountBelow(const std::string& folder) {
-    std::vector<std::string> mounts = MountTable::below(folder);
+    std::vector<std::string> mounts = Mounts::below(folder);
     bool busy = false;
     for (auto mount = mounts.rbegin(); mount != mounts.rend(); ++mount)
         busy = unmount(*mount) || busy;
@@ -190,11 +190,15 @@ std::vector<std::string> loopsOn(const std::string& folder) {
 void sweep(const SxList<SxString>& words) {
     const std::string& folder = words(1).str();
     const std::vector<std::string> loops = loopsOn(folder);
-    // Forced, too: a connection whose service is stuck must be ended, or unmounting would wait for it.
-    std::vector<std::string> mounts = MountTable::below(folder);
+    std::vector<std::string> mounts = Mounts::below(folder);
+    // A connection whose service is stuck must be ended first, or unmounting would wait for it.
+    for (const std::string& mount : mounts)
+        Mounts::abort(mount);
+    mounts = Mounts::below(folder);
     for (auto mount = mounts.rbegin(); mount != mounts.rend(); ++mount) {
-        if (::umount2(mount->c_str(), MNT_DETACH | MNT_FORCE) != 0 && errno != EINVAL && errno != ENOENT)
-            fail("Cannot detach '" + SxString(*mount) + "'", errno);
+        const int error = Mounts::detach(*mount);
+        if (error != 0 && error != EINVAL && error != ENOENT)
+            fail("Cannot detach '" + SxString(*mount) + "'", error);
     }
     for (const std::string& loop : loops)
         freeLoop(loop);

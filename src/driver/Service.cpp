@@ -5,6 +5,7 @@
 #include "SxFSAction.h"
 #include "SxFileIO.h"
 #include "SxOs.h"
+#include "UserDriver.h"
 #include "ZqServiceFolder.h"
 #include "ZqServiceVersion.h"
 
@@ -109,9 +110,7 @@ bool Service::hasDisks() const {
 }
 
 void Service::mount(const MountParams& params) {
-    if (::geteuid() != 0) {
-        refuse("Mounting needs root: no user-space driver for this volume is set up; run the client as root");
-    }
+    if (::geteuid() != 0) UserDriver::requireMeans();
     const SxMutexBlock making(&mounting);
     if (find(params.image)) refuse("Image '" + params.image + "' is mounted already");
     uint64 deviceId = 1;

@@ -1,0 +1,76 @@
+#include "Mounts.h"
+
+#include "SxException.h"
+#include "SxProcess.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <sys/mount.h>
+#include <unistd.h>
+
+namespace {
+
+/// Blanks and the like are written as a backslash and three octal digits.
+std::string plain(const std::string& text) {
+    std::string result;
+    for (size_t i = 0; i < text.size(); ++i) {
+        if (text[i] == '\\' && i + 3 < text.size()) {
+            result += static_cast<char>(std::strtol(text.substr(i + 1, 3).c_str(), nullptr, 8));
+            i += 3;
+        } else {
+            result += text[i];
+        }
+    }
+    return result;
+}
+
+bool isMounted(const std::string& path) {
+    const std::string parent = path.substr(0, path.find_last_of('/'));
+    const std::vector<std::string> mounts = Mounts::below(parent);
+    return std::find(mounts.begin(), mounts.end(), path) != mounts.end();
+}
+
+/// Gives an errno value, as far as the program lets us tell.
+int runFusermount(const std::string& path, const char* how) {
+    if (!isMounted(path)) return EINVAL;
+    try {
+        return SxProcess("fusermount3", {how, SxString(path)}, SxProcess::Silent).run() == 0 ? 0 : EBUSY;
+    } catch (const SxException&) {
+        return EPERM; // there is no such program
+    }
+}
+
+} // namespace
+
+std::vector<std::string> Mounts::below(const std::string& folder) {
+    const std::string prefix = folder.ends_with("/") ? folder : folder + "/";
+    std::vector<std::string> found;
+    std::ifstream table("/proc/self/mountinfo");
+    std::string line;
+    while (std::getline(table, line)) {
+        std::istringstream fields(line);
+        std::string id, parent, device, root, at;
+        fields >> id >> parent >> device >> root >> at;
+        at = plain(at);
+        if (at.starts_with(prefix)) found.push_back(at);
+    }
+    return found;
+}
+
+int Mounts::unmount(const std::string& path) {
+    if (::geteuid() != 0) return runFusermount(path, "-u");
+    return ::umount2(path.c_str(), 0) == 0 ? 0 : errno;
+}
+
+int Mounts::detach(const std::string& path) {
+    if (::geteuid() != 0) return runFusermount(path, "-uz");
+    return ::umount2(path.c_str(), MNT_DETACH) == 0 ? 0 : errno;
+}
+
+void Mounts::abort(const std::string& path) {
+    // A forced unmount ends the connection, whether or not the mount can go.
+    if (::geteuid() == 0) ::umount2(path.c_str(), MNT_FORCE);
+}

@@ -1,0 +1,23 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+/// What is mounted, and its end. Without root everything goes through fusermount3, which unmounts what its
+/// user has mounted through FUSE.
+namespace Mounts {
+
+/// The mount points below `folder`, the folder itself left out, in the order in which they were made; from
+/// the kernel's table.
+std::vector<std::string> below(const std::string& folder);
+
+/// Unmounts what is mounted at `path`, latest first. 0, or an errno value: EBUSY where it is in use, EINVAL
+/// where nothing is mounted there.
+int unmount(const std::string& path);
+/// Takes it out of the tree at once, whatever uses it.
+int detach(const std::string& path);
+/// Ends the connection of a FUSE mount, so that everything that waits for it fails; it may stay mounted.
+/// Without root it can't: there it ends when the last user of the detached mount has gone.
+void abort(const std::string& path);
+
+} // namespace Mounts

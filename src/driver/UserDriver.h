@@ -1,0 +1,28 @@
+#pragma once
+
+#include "SxProcess.h"
+#include "SxString.h"
+
+#include <functional>
+#include <memory>
+
+/// A file system driver that runs as a program of the user's, for a service without root: `fuse2fs` for ext4,
+/// `squashfuse` for squashfs. It serves one request after the other, so a read that is held holds the others,
+/// too. One thread at a time.
+class UserDriver {
+public:
+    ~UserDriver() { stop(); }
+
+    /// Raises, in one sentence that says what is missing and what to do, where this machine lets a user mount
+    /// nothing.
+    static void requireMeans();
+    /// Mounts the file system of that type in `file` at `folder`; returns when it is there. `stopped` is
+    /// asked meanwhile. Raises where there is no driver, or it fails.
+    void start(const SxString& type, const SxString& file, const SxString& folder, bool readOnly,
+               const std::function<bool()>& stopped);
+    /// Ends the program, whatever it waits for; by itself it ends when it is unmounted.
+    void stop();
+
+private:
+    std::unique_ptr<SxProcess> process;
+};
