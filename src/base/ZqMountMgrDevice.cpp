@@ -24,12 +24,8 @@ constexpr const char* NO_DRIVES = "NoDrives";
 
 /// Why the service could not bring the image's volume up; empty where it has met no failure.
 SxString serviceFailure(const SxString& image) {
-    std::string folder;
-    if (SxOs::get().canonical(SxOs::hostPath(image), &folder) < 0) return SxString();
-    for (const ZqDiskStatus& disk : ZqVolume::getDisks()) {
-        if (disk.image.str() == folder) return disk.failure;
-    }
-    return SxString();
+    ZqDiskStatus disk;
+    return ZqVolume::findDisk(image, &disk) ? disk.failure : SxString();
 }
 
 /// Ends a wait that didn't come to its state: with the service's reason, else as timed out.
@@ -207,6 +203,12 @@ bool ZqMountMgr::umountImage(const SxString& image, bool hardEject) {
         ejectImage(image);
         throw SxException(e, "Cannot umount image " + image, UNIT, __LINE__);
     }
+}
+
+bool ZqMountMgr::removeLeftovers() const {
+    if (!ZqVolume::removeLeftovers()) return false;
+    removeRegistryEntries();
+    return true;
 }
 
 void ZqMountMgr::removeRegistryEntries() const {

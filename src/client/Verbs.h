@@ -10,4 +10,5 @@ void registerImageVerbs(App* app);
 void registerPublishVerbs(Family* image);
 void registerContentVerbs(App* app);
 void registerTraceVerbs(App* app);
+void registerMountVerbs(App* app);
 void registerCompletionVerbs(App* app);

@@ -6,6 +6,7 @@ int main(int argc, char** argv) {
     registerImageVerbs(&app);
     registerContentVerbs(&app);
     registerTraceVerbs(&app);
+    registerMountVerbs(&app);
     registerCompletionVerbs(&app);
     return app.run(argc, argv);
 }

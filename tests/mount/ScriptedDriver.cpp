@@ -276,14 +276,9 @@ SxString ZqVolume::getLabel(const SxString& drive) {
 void ZqVolume::setLabel(const SxString& drive, const SxString& label) {
     ScriptedDriver::get().enter("setLabel", "setLabel " + drive.str() + " " + label.str());
 }
-SxList<ZqDiskStatus> ZqVolume::getDisks() {
-    ScriptedDriver& driver = ScriptedDriver::get();
-    ZqDiskStatus other, own;
-    other.image = "/elsewhere";
-    other.failure = "of another disk";
-    own.image = SxString(std::filesystem::canonical(driver.image).string());
-    own.failure = driver.diskFailure;
-    return {other, own};
+bool ZqVolume::findDisk(const SxString&, ZqDiskStatus* status) {
+    status->failure = ScriptedDriver::get().diskFailure;
+    return true;
 }
 bool ZqVolume::removeLeftovers() {
     return false;
