@@ -1,0 +1,326 @@
+#include "DriveRun.h"
+
+#include <csignal>
+#include <fstream>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+/// A child process of the test, killed at its end whatever happens.
+class Child {
+public:
+    template<class Body>
+    explicit Child(Body&& body) : pid(::fork()) {
+        if (pid != 0) return;
+        ::alarm(60);
+        body();
+        ::_exit(0);
+    }
+    ~Child() {
+        if (pid > 0 && !ended) ::kill(pid, SIGKILL);
+        wait();
+    }
+    Child(const Child&) = delete;
+    Child& operator=(const Child&) = delete;
+
+    void kill() const { ::kill(pid, SIGKILL); }
+    bool hasEnded() {
+        if (!ended) ended = ::waitpid(pid, &status, WNOHANG) == pid;
+        return ended;
+    }
+    int wait() {
+        if (!ended) ::waitpid(pid, &status, 0);
+        ended = true;
+        return status;
+    }
+
+private:
+    pid_t pid;
+    bool ended = false;
+    int status = -1;
+};
+
+/// Reads one block of a file; gives 0 or an errno value.
+int readAt(const string& path, off_t offset) {
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return errno;
+    char bytes[4096];
+    const ssize_t n = ::pread(fd, bytes, sizeof bytes, offset);
+    const int error = n < 0 ? errno : 0;
+    ::close(fd);
+    return error;
+}
+
+void dropCache(const string& path) {
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    ::posix_fadvise(fd, 0, 0, POSIX_FADV_DONTNEED);
+    ::close(fd);
+}
+
+void write(const string& path, const string& text) {
+    std::ofstream(path, std::ios::binary) << text;
+}
+
+/// Saves as editors do: a new file beside the old one, renamed over it.
+void saveAtomically(const string& path, const string& text) {
+    write(path + ".new", text);
+    ASSERT_EQ(std::rename((path + ".new").c_str(), path.c_str()), 0) << std::strerror(errno);
+}
+
+TreeSnapshot treeOf(const string& folder) {
+    TreeSnapshot tree;
+    for (const auto& entry : fs::recursive_directory_iterator(folder)) {
+        TreeMark mark{TreeMark::Folder, 0, 0};
+        if (entry.is_regular_file()) {
+            const string bytes = TempDir::readFile(entry.path());
+            mark = {TreeMark::File, bytes.size(), std::hash<string>()(bytes)};
+        }
+        tree[entry.path().lexically_relative(folder).string()] = mark;
+    }
+    return tree;
+}
+
+class EachFileSystem : public DriveRun, public testing::WithParamInterface<const char*> {};
+INSTANTIATE_TEST_SUITE_P(Drive, EachFileSystem, testing::Values("erofs", "ext4"),
+                         [](const auto& info) { return string(info.param); });
+
+TEST_P(EachFileSystem, readsEqualTheSourceAndNothingStays) {
+    const string image = build("image", GetParam());
+    const string app = mount(image + "/");
+    EXPECT_EQ(treeOf(app), treeOf(source));
+    fs::create_symlink(image, dir.path("link"));
+    EXPECT_THAT(done({"mount", dir.path("link")}), HasSubstr("Mounted already as D:"));
+    EXPECT_TRUE(fs::exists(dir.path("root/dosdevices/d:/gxprefetch.info")));
+    const int64 pid = statusOf(image).servicePid;
+    EXPECT_EQ(done({"umount", dir.path("link") + "/"}), "Unmounted\n");
+    EXPECT_THAT(leftovers(), testing::IsEmpty());
+    EXPECT_FALSE(fs::exists(fs::symlink_status(dir.path("root/dosdevices/d:"))));
+    EXPECT_EQ(done({"umount", image}), "Not mounted\n");
+    EXPECT_EQ(run({"status", image}).code, 1);
+    EXPECT_TRUE(eventually([&] { return !isRunning(pid); })) << "the service doesn't end";
+    done({"image", "verify", image});
+}
+
+TEST_P(EachFileSystem, missingBlocksAreWaitedFor) {
+    const string image = build("image", GetParam());
+    Feeder feeder(image);
+    const string app = mount(image, {"--trace", dir.path("trace")});
+    feeder.start();
+    TreeSnapshot seen;
+    std::thread reader([&] { seen = treeOf(app); });
+    for (int i = 0; i < 40; ++i) {
+        feeder.grow(20);
+        SxTime::msleep(5);
+    }
+    reader.join();
+    feeder.stop();
+    EXPECT_EQ(seen, treeOf(source));
+    EXPECT_TRUE(statusOf(image).monitored);
+    done({"umount", image});
+    EXPECT_THAT(done({"trace", "info", dir.path("trace"), "--json"}), HasSubstr("\"method\":\"monitoring\""));
+    EXPECT_EQ(fs::file_size(dir.path("trace/img.trc")) % 16, 0);
+}
+
+TEST_P(EachFileSystem, heldReadsLetOthersThroughAndTheirReadersCanBeKilled) {
+    const string image = build("image", GetParam());
+    Feeder feeder(image);
+    const string app = mount(image);
+    const int nReaders = string(GetParam()) == "erofs" ? 200 : 100;
+    std::vector<std::unique_ptr<Child>> readers;
+    for (int i = 0; i < nReaders; ++i) {
+        readers.push_back(std::make_unique<Child>([&, i] { readAt(app + "/big.pak", off_t{i} * 81'920); }));
+    }
+    EXPECT_TRUE(eventually([&] { return statusOf(image).nHeld >= static_cast<uint64>(nReaders) - 5; }))
+        << statusOf(image).nHeld;
+    // What is present is read again from the drive, not from the kernel's cache.
+    dropCache(app + "/../../gxprefetch.info");
+    EXPECT_EQ(readAt(app + "/../../gxprefetch.info", 0), 0);
+    for (const auto& reader : readers)
+        reader->kill();
+    EXPECT_TRUE(eventually([&] {
+        return std::all_of(readers.begin(), readers.end(),
+                           [](const auto& reader) { return reader->hasEnded(); });
+    })) << "readers can't be killed";
+    done({"umount", image});
+}
+
+TEST_P(EachFileSystem, aKilledServiceLeavesErrorsAndIsTidiedUpAfter) {
+    const string image = build("image", GetParam());
+    string app;
+    for (const bool umountFirst : {true, false}) {
+        Feeder* feeder = nullptr;
+        const auto full = std::make_unique<TempDir>();
+        fs::copy_file(image + "/img.zqf", full->path("img.zqf"));
+        Feeder partial(image);
+        feeder = &partial;
+        app = mount(image);
+        Child held([&] { ::_exit(readAt(app + "/big.pak", 8 << 20) == EIO ? 0 : 1); });
+        EXPECT_TRUE(eventually([&] { return statusOf(image).nHeld > 0; }));
+        const int64 pid = statusOf(image).servicePid;
+        ::kill(static_cast<pid_t>(pid), SIGKILL);
+        EXPECT_TRUE(eventually([&] { return held.hasEnded(); }));
+        EXPECT_EQ(held.wait(), 0) << "the reader got no I/O error";
+        EXPECT_EQ(readAt(app + "/maps/one.map", 1 << 20), EIO);
+        EXPECT_EQ(feeder->nPresent(), fs::file_size(image + "/img.zqf") / 4096);
+        fs::copy_file(full->path("img.zqf"), image + "/img.zqf", fs::copy_options::overwrite_existing);
+        if (umountFirst) {
+            EXPECT_THAT(done({"umount", image}), HasSubstr("killed had left behind"));
+            EXPECT_THAT(leftovers(), testing::IsEmpty());
+        }
+        app = mount(image);
+        EXPECT_EQ(treeOf(app), treeOf(source));
+        done({"umount", image});
+    }
+}
+
+TEST_P(EachFileSystem, umountEndsWhateverTheDriveIsBusyWith) {
+    const string image = build("image", GetParam());
+    const Feeder feeder(image);
+    struct Case {
+        const char* name;
+        std::function<void(const string& app)> use; ///< in a child, which then stays
+        bool busy;
+    };
+    const std::vector<Case> cases = {
+        {"held reads", [](const string& app) { readAt(app + "/big.pak", 9 << 20); }, false},
+        {"an open file",
+         [](const string& app) {
+             const int fd = ::open((app + "/big.pak").c_str(), O_RDONLY);
+             ::pause();
+             ::close(fd);
+         },
+         true},
+        {"a working folder",
+         [](const string& app) {
+             if (::chdir((app + "/textures").c_str()) == 0) ::pause();
+         },
+         true}};
+    for (const Case& each : cases) {
+        for (const bool suspended : {false, true}) {
+            SCOPED_TRACE(each.name + string(suspended ? ", suspended" : ""));
+            const string app = mount(image);
+            Child user([&] { each.use(app); });
+            SxTime::msleep(100);
+            if (suspended) ZqMountMgr().suspend(SxString(image));
+            const Outcome outcome = run({"umount", image});
+            EXPECT_EQ(outcome.code, 0) << outcome.err;
+            if (each.busy) {
+                EXPECT_THAT(outcome.out, HasSubstr("was in use"));
+            }
+            EXPECT_THAT(leftovers(), testing::IsEmpty());
+        }
+    }
+}
+
+TEST_P(EachFileSystem, redirectedNamesOutliveTheMount) {
+    dir.write("template.json", R"({"dirmap": ["app/textures", "app\\saves"],
+        "filemap": ["app/START.cfg", "app/new/scores.dat"]})");
+    const string image = build("image", GetParam(), {"--app", dir.path("template.json")});
+    const TreeSnapshot before = treeOf(image);
+    const string scores = "/new/scores.dat";
+    {
+        const string app = mount(image, {"--mode", "ro"});
+        EXPECT_EQ(TempDir::readFile(app + "/start.cfg"), "volume=3\n");
+        saveAtomically(app + "/start.cfg", "volume=11\n");
+        saveAtomically(app + "/textures/deep/7", "new texture");
+        saveAtomically(app + scores, "100");
+        EXPECT_EQ(TempDir::readFile(app + "/maps/one.map"), TempDir::readFile(source + "/maps/one.map"));
+        done({"umount", image});
+    }
+    const string app = mount(image);
+    EXPECT_EQ(TempDir::readFile(app + "/start.cfg"), "volume=11\n");
+    EXPECT_EQ(TempDir::readFile(app + "/textures/deep/7"), "new texture");
+    EXPECT_EQ(TempDir::readFile(app + scores), "100");
+    done({"umount", image});
+    EXPECT_EQ(treeOf(image), before) << "something was written into the image";
+}
+
+using Drive = DriveRun;
+
+TEST_F(Drive, syncedWritesOutliveAKilledService) {
+    const string image = build("image", "ext4");
+    const uint64 digest = std::hash<string>()(TempDir::readFile(image + "/img.zqf"));
+    for (int round = 0; round < 5; ++round) {
+        SCOPED_TRACE(round);
+        const string app = mount(image, {"--mode", "rtw"});
+        for (int i = 0; i < round; ++i)
+            EXPECT_EQ(TempDir::readFile(app + "/save" + std::to_string(i)),
+                      string(100'000, static_cast<char>('a' + i)));
+        const string file = app + "/save" + std::to_string(round);
+        write(file, string(100'000, static_cast<char>('a' + round)));
+        const int fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
+        ASSERT_EQ(::fsync(fd), 0);
+        ::close(fd);
+        // What goes on at the kill is lost, and no harm.
+        Child writer([&] {
+            for (int i = 0;; ++i)
+                write(app + "/other" + std::to_string(i % 50), string(50'000, 'x'));
+        });
+        SxTime::msleep(20 + 37 * round);
+        ::kill(static_cast<pid_t>(statusOf(image).servicePid), SIGKILL);
+        writer.kill();
+        writer.wait();
+    }
+    mount(image, {"--mode", "rtw"});
+    EXPECT_EQ(std::hash<string>()(TempDir::readFile(image + "/img.zqf")), digest);
+    ZqMountMgr().flushTW(SxString(image));
+    EXPECT_NE(std::hash<string>()(TempDir::readFile(image + "/img.zqf")), digest);
+    done({"umount", image});
+}
+
+TEST_F(Drive, twoImagesDontKnowOfEachOtherAndOneHasOneHolder) {
+    const string first = build("first", "erofs"), second = build("second", "ext4");
+    const string one = mount(first), two = mount(second);
+    EXPECT_NE(one, two);
+    EXPECT_EQ(treeOf(two), treeOf(one));
+    ::setenv("WINEPREFIX", dir.path("other").c_str(), 1);
+    const Outcome refused = run({"mount", first});
+    EXPECT_EQ(refused.code, 1);
+    EXPECT_THAT(refused.err, HasSubstr("is in use by process " + std::to_string(statusOf(first).servicePid)));
+    EXPECT_EQ(done({"status"}), "Nothing is mounted\n");
+    ::setenv("WINEPREFIX", dir.path("root").c_str(), 1);
+    EXPECT_THAT(run({"image", "split", first, "--part-size", "100000"}).err,
+                HasSubstr("is in use by process"));
+    done({"umount", first});
+    EXPECT_EQ(treeOf(two), treeOf(source));
+    done({"umount", second});
+}
+
+TEST_F(Drive, anEndingServiceLosesNoRequest) {
+    ::setenv("TAVRIN_ZQDD_IDLE_MS", "0", 1);
+    TestRandom random(5);
+    TRACE_SEED(random);
+    std::atomic<int> failures{0};
+    std::vector<std::thread> clients;
+    for (int client = 0; client < 2; ++client) {
+        clients.emplace_back([&, seed = random.below(1000)] {
+            std::mt19937_64 own(seed);
+            for (int i = 0; i < 150; ++i) {
+                if (!ZqMountMgr::drivePing()) ++failures;
+                SxTime::msleep(static_cast<int64>(own() % 120));
+            }
+        });
+    }
+    for (std::thread& each : clients)
+        each.join();
+    EXPECT_EQ(failures, 0);
+}
+
+TEST_F(Drive, aKilledClientLeavesADriveThatCanBeSeenAndRemoved) {
+    const string image = build("image", "erofs");
+    for (int delay = 0; delay < 200; delay += 20) {
+        SCOPED_TRACE(delay);
+        Child mounting(
+            [&] { ::execl(client.c_str(), "tavrin", "mount", image.c_str(), "--quiet", nullptr); });
+        SxTime::msleep(delay);
+        mounting.kill();
+        mounting.wait();
+        const Outcome status = run({"status", image, "--json"});
+        EXPECT_TRUE(status.code == 0 || status.err.find("is not mounted") != string::npos) << status.err;
+        done({"umount", image});
+        EXPECT_THAT(leftovers(), testing::IsEmpty());
+    }
+}
+
+} // namespace
