@@ -75,7 +75,7 @@ void ZqBlockWriter::append(const char* bytes, int64 n) {
 
 SxString ZqBlockWriter::finish() {
     flush();
-    const SxString digest = pipe.finish();
+    SxString digest = pipe.finish();
     zqf.sync();
     zqf.close();
     return digest;

@@ -19,7 +19,7 @@ std::vector<std::string> physicalParents(const SxString& path) {
     SxString existing = SxOs::hostPath(SxFileInfo(path).getAbsPath());
     std::string rest, resolved;
     while (SxOs::get().canonical(existing.str(), &resolved) < 0 && !(existing == "/")) {
-        rest = "/" + SxFileInfo(existing).getName().str() + rest;
+        rest.insert(0, "/" + SxFileInfo(existing).getName().str());
         existing = SxFileInfo(existing).getPath();
     }
     resolved = resolved == "/" ? rest : resolved + rest;
@@ -95,18 +95,18 @@ void ZqImageStaging::discard() const {
 
 void ZqImageStaging::refuseOverlap(const SxString& a, const SxString& b) {
     const std::vector<std::string> ofA = physicalParents(a), ofB = physicalParents(b);
-    const auto contains = [](const std::vector<std::string>& parents, const std::string& folder) {
-        return std::find(parents.begin(), parents.end(), folder) != parents.end();
+    const auto contains = [](const std::vector<std::string>& parents, const std::string& path) {
+        return std::find(parents.begin(), parents.end(), path) != parents.end();
     };
     if (ofA.empty() || ofB.empty() || contains(ofA, ofB.front()) || contains(ofB, ofA.front())) {
         throw SxException("The folders '" + a + "' and '" + b + "' lie in each other", UNIT, __LINE__);
     }
 }
 
-void ZqImageStaging::requireSpace(const SxString& folder, uint64 need) {
-    const uint64 free = ZqSysEnv::getFreeDiskSpace(folder);
+void ZqImageStaging::requireSpace(const SxString& path, uint64 need) {
+    const uint64 free = ZqSysEnv::getFreeDiskSpace(path);
     if (free < need) {
-        throw SxException("Folder '" + folder + "' lies on a disk with " + free + " bytes free, " + need +
+        throw SxException("Folder '" + path + "' lies on a disk with " + free + " bytes free, " + need +
                               " are needed",
                           UNIT, __LINE__);
     }

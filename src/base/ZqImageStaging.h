@@ -24,8 +24,8 @@ public:
 
     /// Raises where one of the two folders lies in the other, or they are the same. They need not exist.
     static void refuseOverlap(const SxString& a, const SxString& b);
-    /// Raises where fewer than `need` bytes are free on the file system of `folder`.
-    static void requireSpace(const SxString& folder, uint64 need);
+    /// Raises where fewer than `need` bytes are free on the file system of the folder `path`.
+    static void requireSpace(const SxString& path, uint64 need);
 
 private:
     void replace();
