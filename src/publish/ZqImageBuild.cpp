@@ -31,6 +31,16 @@ bool isZero(const char* block) {
     return std::equal(zeros.begin(), zeros.end(), block);
 }
 
+uint64 deviceOf(const SxString& folder) {
+    SxStat info;
+    const int result = SxOs::get().stat(SxOs::hostPath(folder), &info);
+    if (result < 0) {
+        throw SxException(SxException(SxOs::errorText(result), UNIT, __LINE__),
+                          "Cannot look at folder '" + folder + "'", UNIT, __LINE__);
+    }
+    return info.device;
+}
+
 /// A path as the folders of a drive have it: no slash in front, at the end, or twice.
 SxString cleanPath(const SxString& path) {
     SxList<SxString> parts;
@@ -221,14 +231,17 @@ SxList<SxString> ZqImageBuild::earlyPaths(const ZqAppParams& app) {
 }
 
 void ZqImageBuild::requireSpace(const ZqSourceTree& tree) const {
-    SxStat info;
     const uint64 content =
         tree.getNBlocks() * static_cast<uint64>(BLOCK) + ROOM + ROOM_FOR_ENTRY * tree.getEntries().size();
-    const int result = SxOs::get().stat(SxOs::hostPath(target), &info);
-    if (result < 0) throw SxException(SxOs::errorText(result), UNIT, __LINE__);
-    // The drive is there as RAW image and as ZqF file at the end.
-    ZqImageStaging::requireSpace(target, 2 * content + tree.bytesToCopy(info.device));
-    if (!options.rawDir.isEmpty()) ZqImageStaging::requireSpace(options.rawDir, content);
+    const uint64 device = deviceOf(target);
+    // Copies of files go ahead of the ZqF file's coming; the RAW image stands beside either.
+    uint64 need = std::max(content, tree.bytesToCopy(device));
+    if (options.rawDir.isEmpty() || deviceOf(options.rawDir) == device) {
+        need += content;
+    } else {
+        ZqImageStaging::requireSpace(options.rawDir, content);
+    }
+    ZqImageStaging::requireSpace(target, need);
 }
 
 std::vector<ZqBlockKind> ZqImageBuild::makeDrive(const ZqSourceTree& tree, const ZqDriveMaker& maker,
@@ -250,7 +263,7 @@ std::vector<ZqBlockKind> ZqImageBuild::makeDrive(const ZqSourceTree& tree, const
         if (SxOs::get().stat(SxOs::hostPath(raw), &info) < 0) return;
         setNCurrent(before + std::min(static_cast<uint64>(info.allocated), tree.getBytes()));
     };
-    const std::vector<ZqBlockKind> kinds =
+    std::vector<ZqBlockKind> kinds =
         maker.make({toolPath(root), toolPath(raw), toolPath(scratch), &tree, earlyPaths(app), this, look});
     setNCurrent(before + tree.getBytes());
     SxFSAction::rm_r(root);
