@@ -43,7 +43,7 @@ int build(const BuildOptions& options, Output& out) {
 
     if (out.getMode().json) out.object(describe(job, seconds));
     const uint64 bytes = job.getNIncluded() * ZqImage::BLOCK_SIZE;
-    out.text("Built an " + options.fileSystem + " drive of " + job.getNFiles() +
+    out.text("Built a drive with " + options.fileSystem + " of " + job.getNFiles() +
              " files: " + job.getNIncluded() + " of " + job.getNRaw() + " blocks included, " +
              exactBytes(bytes) + SxString::sprintf(", in %.1f s.", seconds));
     out.text("A mount needs the first " + exactBytes(job.getSizeMnt()) + ".");
