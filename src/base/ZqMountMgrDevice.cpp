@@ -22,10 +22,11 @@ constexpr int64 MOUNT_PASSES = LIMIT + 1;
 constexpr const char* EXPLORER_POLICY = "HKLM/SOFTWARE/Microsoft/Windows/CurrentVersion/Policies/Explorer";
 constexpr const char* NO_DRIVES = "NoDrives";
 
-/// Why the service could not bring the image's volume up; empty where it has met no failure.
+/// Why an image that was given to the service won't come up; empty where it still may.
 SxString serviceFailure(const SxString& image) {
     ZqDiskStatus disk;
-    return ZqVolume::findDisk(image, &disk) ? disk.failure : SxString();
+    if (!ZqVolume::findDisk(image, &disk)) return "The drive service serves the image no more";
+    return disk.failure;
 }
 
 /// Ends a wait that didn't come to its state: with the service's reason, else as timed out.

@@ -22,7 +22,8 @@ constexpr int64 UNMOUNT_MS = 20'000;
 constexpr int64 REDIRECT_MS = 20'000;
 /// Token of the reads that this process does itself; no request has that address.
 constexpr uint64 OWN_TOKEN = 0;
-constexpr uint32 SUPERBLOCK_BYTES = 8192;
+/// Of the first block, which every file system has its superblock in; the next may not be there yet.
+constexpr uint32 SUPERBLOCK_BYTES = 4096;
 
 /// While blocks are missing, and while a trace is recorded, read-ahead would touch blocks that nobody asked
 /// for; none at all would cost most of the throughput.

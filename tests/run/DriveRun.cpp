@@ -83,7 +83,9 @@ string DriveRun::mount(const string& image, const std::vector<string>& more) {
     std::vector<string> words = {"mount", image};
     words.insert(words.end(), more.begin(), more.end());
     done(words);
-    return statusOf(image).mountPath.str() + "/TAVRIN-protected/app";
+    const string at = statusOf(image).mountPath.str();
+    if (at.empty()) throw std::runtime_error("there is no drive");
+    return at + "/TAVRIN-protected/app";
 }
 
 ZqDiskStatus DriveRun::statusOf(const string& image) {
@@ -98,6 +100,21 @@ bool DriveRun::eventually(const std::function<bool()>& ready) {
 
 bool DriveRun::isRunning(int64 pid) {
     return ::kill(static_cast<pid_t>(pid), 0) == 0;
+}
+
+std::vector<pid_t> DriveRun::processesOf(bool helpers) {
+    const string folder = ZqServiceFolder::of(ZqMachineRoot::get().str());
+    std::vector<pid_t> found;
+    for (const auto& process : fs::directory_iterator("/proc")) {
+        const string name = process.path().filename();
+        if (name.find_first_not_of("0123456789") != string::npos) continue;
+        std::ifstream file(process.path() / "cmdline");
+        const string words((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+        if (words.find("zqdd") != string::npos && words.find(folder) != string::npos &&
+            (words.find("helper") != string::npos) == helpers)
+            found.push_back(static_cast<pid_t>(std::stol(name)));
+    }
+    return found;
 }
 
 std::vector<string> DriveRun::leftovers() {

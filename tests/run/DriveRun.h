@@ -46,6 +46,8 @@ protected:
     /// Mount points and loop devices below the service's folder.
     static std::vector<string> leftovers();
     static bool isRunning(int64 pid);
+    /// Ids of the service, or of its helpers.
+    static std::vector<pid_t> processesOf(bool helpers);
 
     TempDir dir;
     string source; ///< folder with the application's files
