@@ -15,7 +15,8 @@ template<class Space>
 struct BlockIdx {
     uint64 value = 0;
 
-    constexpr auto operator<=>(const BlockIdx&) const = default;
+    constexpr bool operator==(const BlockIdx&) const = default;
+    constexpr auto operator<=>(const BlockIdx& other) const { return value <=> other.value; }
     constexpr BlockIdx operator+(uint64 n) const { return {value + n}; }
     constexpr int64 byte() const { return static_cast<int64>(value * BLOCK_SIZE); }
 };

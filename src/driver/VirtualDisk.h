@@ -71,7 +71,7 @@ public:
     uint64 queueLength();
     /// Takes up to `max` missing blocks from the queue (ZqF indices), those of the oldest request first.
     std::vector<uint64> popMissing(uint64 max);
-    /// Lowest missing block of the oldest held request as byte offset in `img.zqf`, and the bytes that it
+    /// Lowest missing block of the oldest held read as byte offset in `img.zqf`, and the bytes that it
     /// misses; false, and zeros, where none is held for a missing block.
     bool oldestRequest(uint64* offset, uint64* length) const;
     /// Hands over the bytes of the blocks from `zqfIdx` on, at most UnderflowStore::MAX_DELIVERY bytes: whole
