@@ -26,7 +26,8 @@ std::string readAll(VirtualDisk* disk) {
 
 } // namespace
 
-// img.tix: what is taken is read whole, the same after a write and a second mount, and again when it is flushed.
+// img.tix: what is taken is read whole, the same after a write and a second mount, and again when it is
+// flushed.
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, size_t size) {
     const RecordFile file("img.tix", data, size);
     put(file);

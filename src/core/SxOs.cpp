@@ -69,9 +69,7 @@ public:
     }
 
     int64 readCachedAt(int fd, void* buffer, int64 n, int64 offset) override {
-        const struct ::iovec to {
-            buffer, static_cast<size_t>(n)
-        };
+        const struct ::iovec to { buffer, static_cast<size_t>(n) };
         const ssize_t got = ::preadv2(fd, &to, 1, offset, RWF_NOWAIT);
         return got < 0 ? -errno : got;
     }

@@ -44,7 +44,8 @@ public:
     /// Reads up to `n` bytes at `offset`; less only at the end of the file.
     virtual int64 readAt(int fd, void* buffer, int64 n, int64 offset) = 0;
     /// The same, but only as far as it goes without waiting for the device: what comes short is in the cache
-    /// no further, or the file ends. -EAGAIN where it begins so, -EOPNOTSUPP where the file system can't tell.
+    /// no further, or the file ends. -EAGAIN where it begins so, -EOPNOTSUPP where the file system can't
+    /// tell.
     virtual int64 readCachedAt(int fd, void* buffer, int64 n, int64 offset) = 0;
     /// Writes up to `n` bytes at `offset` (at the end with Append). Less than `n` means that the disk is
     /// full.
