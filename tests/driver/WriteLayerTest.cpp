@@ -170,7 +170,7 @@ TEST(WriteLayer, ADamagedIndexIsCutOrRefused) {
         const std::string block(BLOCK_SIZE, 'w');
         {
             Drive drive(image, Mode::Rtw);
-            for (const uint64 rawIdx : {5, 1, 3})
+            for (const uint64 rawIdx : {5U, 1U, 3U})
                 ASSERT_EQ(drive.write(rawIdx, block), 0);
         }
         std::string tix = TempDir::readFile(image.path("img.tix")),
@@ -182,7 +182,7 @@ TEST(WriteLayer, ADamagedIndexIsCutOrRefused) {
             int nKept = 0;
             const std::string failure = failureOf([&] {
                 Drive drive(image, mode);
-                for (const uint64 rawIdx : {5, 1, 3})
+                for (const uint64 rawIdx : {5U, 1U, 3U})
                     nKept += drive.read(rawIdx) == block;
             });
             EXPECT_EQ(nKept, test.nKept);
