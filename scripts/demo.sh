@@ -15,9 +15,13 @@ fi
 scripts/install-deps.sh demo
 
 work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
 image=$work/freedoom
-export XDG_STATE_HOME=$work/state
+export XDG_STATE_HOME=$work/state WINEPREFIX=$work/root
+tidy_up() {
+    "$tavrin" umount "$image-drive" --hard --quiet 2>/dev/null || true
+    rm -rf "$work"
+}
+trap tidy_up EXIT
 
 say() {
     printf '\n%s\n' "$*"
@@ -50,5 +54,19 @@ run image join "$image"
 
 say "And makes sure that every digest, size and map entry is right."
 run image verify "$image"
+
+say "With a file system the image becomes a drive, and every read of it leaves a trace."
+run image build "$game" "$image-drive"
+if ((EUID == 0)) && [[ -r /dev/fuse ]]; then
+    run mount "$image-drive" --trace "$work/trace"
+    drive=$("$tavrin" status "$image-drive" --json | sed -n 's/.*"mountPath": "\(.*\)",/\1/p')
+    printf '$ diff -rq %s %s\n' "$game" "$drive/TAVRIN-protected/app"
+    diff -rq "$game" "$drive/TAVRIN-protected/app"
+    run status
+    run umount "$image-drive"
+    run trace info "$work/trace"
+else
+    say "Drives are left out: this machine or user has no means for them (root and /dev/fuse)."
+fi
 
 say "All of it worked."
