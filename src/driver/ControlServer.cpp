@@ -17,7 +17,7 @@ namespace {
 
 constexpr const char* UNIT = "src/driver/ControlServer";
 constexpr int TICK_MS = 100;
-/// More connections than this at a time wait in the kernel's queue.
+/// Beyond it the oldest is cut off: a client that was only idle connects anew.
 constexpr size_t MAX_CONNECTIONS = 512;
 
 [[noreturn]] void fail(const SxString& what) {
@@ -37,8 +37,8 @@ class ControlServer::Connection : public SxSystemThread {
 public:
     Connection(ControlServer* server_, int fd_) : server(server_), fd(fd_) { setThreadName("client"); }
     ~Connection() override { ::close(fd); }
-    /// Ends the thread's wait for a request.
-    void hangUp() { ::shutdown(fd, SHUT_RDWR); }
+    /// Ends the thread's wait for a request; one under way is still answered.
+    void hangUp() { ::shutdown(fd, SHUT_RD); }
 
 protected:
     void main() override {
@@ -74,11 +74,21 @@ ControlServer::ControlServer(Service* service_, const std::string& folder_, int6
 }
 
 ControlServer::~ControlServer() {
+    end();
+}
+
+void ControlServer::end() {
+    {
+        const SxMutexBlock block(&mutex);
+        closing = true;
+    }
     if (listener >= 0) ::close(listener);
+    listener = -1;
     for (const auto& connection : connections)
         connection->hangUp();
     for (const auto& connection : connections)
         connection->wait();
+    connections.clear();
 }
 
 void ControlServer::listen() {
@@ -105,6 +115,7 @@ void ControlServer::accept() {
         ::close(fd);
         return;
     }
+    if (connections.size() >= MAX_CONNECTIONS) connections.front()->hangUp();
     auto connection = std::make_unique<Connection>(this, fd);
     try {
         connection->start();
@@ -164,8 +175,7 @@ void ControlServer::run(const std::atomic<bool>& stop) {
     int64 nextTickNs = 0;
     while (!stop) {
         pollfd waiting = {listener, POLLIN, 0};
-        if (connections.size() < MAX_CONNECTIONS && ::poll(&waiting, 1, TICK_MS) > 0) accept();
-        if (connections.size() >= MAX_CONNECTIONS) SxTime::msleep(SxWait::LOOK_MS);
+        if (::poll(&waiting, 1, TICK_MS) > 0) accept();
         collect();
         if (SxClock::get().steadyNs() < nextTickNs) continue;
         nextTickNs = SxClock::get().steadyNs() + TICK_MS * 1'000'000;

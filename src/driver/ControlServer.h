@@ -19,6 +19,8 @@ public:
     void listen();
     /// Serves until the service has been idle long enough, or `stop` becomes true.
     void run(const std::atomic<bool>& stop);
+    /// Begins no more requests, and returns when those under way are answered.
+    void end();
 
 private:
     class Connection;

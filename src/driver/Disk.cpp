@@ -220,6 +220,7 @@ bool Disk::detach() {
 }
 
 void Disk::eject() {
+    const SxMutexBlock one(&ejecting);
     ending = true;
     disk.setFailOnUnderflow();
     disk.resume();

@@ -87,7 +87,8 @@ private:
     std::unique_ptr<Starter> starter;
     std::atomic<bool> ending{false}, firstWoken{false};
 
-    SxMutex tearing; ///< held over everything that unmounts
+    SxMutex ejecting; ///< held over an eject, ahead of `tearing`
+    SxMutex tearing;  ///< held over everything that unmounts
     mutable SxMutex mutex;
     State state SX_GUARDED_BY(mutex) = State::Starting;
     SxString failure SX_GUARDED_BY(mutex);

@@ -28,24 +28,10 @@ constexpr unsigned MAX_BACKGROUND = 4096;
 constexpr fuse_ino_t FILE_INODE = 2;
 constexpr double FOREVER = 1e9; // seconds
 
-/// A thread's space for one request.
-class Buffer {
-public:
-    Buffer() : bytes(static_cast<char*>(std::aligned_alloc(4096, MAX_REQUEST))) {
-        if (!bytes) throw std::bad_alloc();
-    }
-    ~Buffer() { std::free(bytes); }
-    Buffer(const Buffer&) = delete;
-    Buffer& operator=(const Buffer&) = delete;
-    char* get() const { return bytes; }
-
-private:
-    char* bytes;
-};
-
+/// The calling thread's space for one request.
 char* buffer() {
-    thread_local const Buffer space;
-    return space.get();
+    thread_local std::vector<char> space(MAX_REQUEST);
+    return space.data();
 }
 
 FuseFront* front(fuse_req_t req) {
@@ -148,6 +134,7 @@ protected:
             if (got <= 0) break;
             fuse_session_process_buf(session, &request);
         }
+        // NOLINTNEXTLINE(cppcoreguidelines-*): it is the C library's that got it
         std::free(request.mem);
     }
 

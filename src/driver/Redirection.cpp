@@ -63,7 +63,7 @@ std::string spelling(const std::string& folder, const std::string& part) {
     if (kindOf(folder + "/" + part) != Kind::Missing) return part;
     std::error_code error;
     for (const auto& entry : std::filesystem::directory_iterator(folder, error)) {
-        const std::string name = entry.path().filename();
+        std::string name = entry.path().filename();
         if (::strcasecmp(name.c_str(), part.c_str()) == 0) return name;
     }
     return part;

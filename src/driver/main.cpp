@@ -96,6 +96,7 @@ int serve(const SxString& root, const SxString& folder, int readyFd) {
         [[maybe_unused]] const ssize_t written = ::write(readyFd, "1", 1);
         ::close(readyFd);
         server.run(stopRequested);
+        server.end();
         service.ejectAll();
         return EXIT_SUCCESS;
     } catch (const SxException& e) {
