@@ -289,6 +289,8 @@ void Disk::raiseReadAhead() {
 void Disk::tick() {
     disk.tick();
     if (disk.isComplete()) raiseReadAhead();
+    for (const SxString& text : {disk.getFailure(), disk.getTraceFailure()})
+        logOnce(text);
     // A loop device has 128 requests: when all are held, it stands still.
     constexpr uint64 NEARLY_ALL = 100;
     const uint64 nHeld = disk.nHeld();
@@ -298,6 +300,13 @@ void Disk::tick() {
                   " reads; at 128 its loop device serves no others");
     }
     fullLogged = nHeld >= NEARLY_ALL;
+}
+
+void Disk::logOnce(const SxString& text) {
+    const SxMutexBlock block(&mutex);
+    if (text.isEmpty() || logged.contains(text)) return;
+    logged.append(text);
+    driverLog("image " + params.image + ": " + text);
 }
 
 ZqDiskStatus Disk::getStatus() {
@@ -317,7 +326,7 @@ ZqDiskStatus Disk::getStatus() {
     status.monitored = disk.isMonitored();
     status.servicePid = SxOs::processId();
     const SxMutexBlock block(&mutex);
-    status.failure = failure;
+    status.failure = failure.isEmpty() ? disk.getFailure() : failure;
     if (state == State::Mounted || state == State::Detached) {
         status.mountPath = folder + "/" + ZqServiceFolder::VOLUME;
         status.drive = letter.get();

@@ -74,6 +74,7 @@ private:
     void removeFolder();
     void raiseReadAhead();
     void setState(State newState);
+    void logOnce(const SxString& text);
 
     const MountParams params;
     const SxString root, folder;
@@ -92,7 +93,8 @@ private:
     mutable SxMutex mutex;
     State state SX_GUARDED_BY(mutex) = State::Starting;
     SxString failure SX_GUARDED_BY(mutex);
-    SxString loop SX_GUARDED_BY(mutex);      ///< device; empty without one
-    SxString readAhead SX_GUARDED_BY(mutex); ///< setting of the kernel that is still low
+    SxString loop SX_GUARDED_BY(mutex);           ///< device; empty without one
+    SxString readAhead SX_GUARDED_BY(mutex);      ///< setting of the kernel that is still low
+    SxList<SxString> logged SX_GUARDED_BY(mutex); ///< faults that the log has
     bool fullLogged SX_GUARDED_BY(mutex) = false;
 };

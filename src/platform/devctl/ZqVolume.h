@@ -16,7 +16,7 @@ struct ZqDiskStatus {
     SxString image;     ///< canonical path of the image folder
     SxString mountPath; ///< host path of the mounted volume; empty until it is mounted
     SxString drive;     ///< letter and colon; empty until it has one
-    SxString failure;   ///< why it could not be mounted; empty where nothing failed
+    SxString failure;   ///< why it could not be mounted, or a read failed; empty where nothing has
     uint64 deviceId = 0, sectorSize = 0, cursor = 0, nIncluded = 0, queueLength = 0;
     uint64 nReads = 0;    ///< reads that reached the drive
     uint64 nHeld = 0;     ///< reads that are held now
