@@ -13,7 +13,7 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, size_t size) {
     const std::string body(reinterpret_cast<const char*>(data) + 1, size - 1);
     for (const unsigned kind : {unsigned{data[0]}, static_cast<unsigned>(ZqDriveWire::Call::LoadDisks)}) {
         try {
-            service.handle(kind, body);
+            service.handle(kind, body, 1);
         } catch (const SxException&) {
             // Refused, as most of them must be.
         }

@@ -42,23 +42,27 @@ public:
 
 protected:
     void main() override {
+        ucred peer = {};
+        socklen_t size = sizeof peer;
+        ::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size);
         while (const auto request = ZqDriveWire::receive(fd)) {
             if (!server->begin()) return;
-            const bool sent = answer(*request);
+            const bool sent = answer(*request, peer.pid);
             server->done();
             if (!sent) return;
         }
     }
 
 private:
-    bool answer(const ZqDriveWire::Message& request) {
+    bool answer(const ZqDriveWire::Message& request, int64 peer) {
         try {
             return ZqDriveWire::send(fd, ZqDriveWire::SUCCESS,
-                                     server->service->handle(request.kind, request.body));
+                                     server->service->handle(request.kind, request.body, peer));
         } catch (const SxException& e) {
             return ZqDriveWire::send(fd, ZqDriveWire::FAILURE, e.toString(SxException::ShowMessage, ": "));
-        } catch (const std::bad_alloc&) {
-            return ZqDriveWire::send(fd, ZqDriveWire::FAILURE, "The service is out of memory");
+        } catch (const std::exception& e) {
+            driverLog("a request failed: " + SxString(e.what()));
+            return ZqDriveWire::send(fd, ZqDriveWire::FAILURE, e.what());
         }
     }
 
@@ -82,7 +86,10 @@ void ControlServer::end() {
         const SxMutexBlock block(&mutex);
         closing = true;
     }
-    if (listener >= 0) ::close(listener);
+    if (listener >= 0) {
+        ::unlink((folder + ZqServiceFolder::SOCKET).c_str());
+        ::close(listener);
+    }
     listener = -1;
     for (const auto& connection : connections)
         connection->hangUp();
@@ -110,7 +117,11 @@ void ControlServer::listen() {
 
 void ControlServer::accept() {
     const int fd = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
-    if (fd < 0) return;
+    if (fd < 0) {
+        SxTime::msleep(
+            SxWait::LOOK_MS); // where there are no more descriptors, it would be tried at once again
+        return;
+    }
     if (!isSameUser(fd)) {
         ::close(fd);
         return;
@@ -146,12 +157,16 @@ void ControlServer::done() {
     lastNs = SxClock::get().steadyNs();
 }
 
+bool ControlServer::isIdle() const {
+    return nActive == 0 && SxClock::get().steadyNs() - lastNs >= idleMs * 1'000'000;
+}
+
 /// Ends the service under the start lock, so that a client which finds the socket gone starts another one,
 /// and never two at a time.
 bool ControlServer::endIfIdle() {
     {
         const SxMutexBlock block(&mutex);
-        if (nActive > 0 || SxClock::get().steadyNs() - lastNs < idleMs * 1'000'000) return false;
+        if (!isIdle()) return false;
     }
     if (service->hasDisks()) return false;
     SxOs& os = SxOs::get();
@@ -162,7 +177,8 @@ bool ControlServer::endIfIdle() {
     if (os.lockRange(lock, 0, 1, SxOs::Lock::Exclusive) == 0) {
         pollfd pending = {listener, POLLIN, 0};
         const SxMutexBlock block(&mutex);
-        if (nActive == 0 && ::poll(&pending, 1, 0) == 0) {
+        // A mount that came meanwhile has moved the time of the last request.
+        if (isIdle() && ::poll(&pending, 1, 0) == 0) {
             closing = ended = true;
             ::unlink((folder + ZqServiceFolder::SOCKET).c_str());
         }
@@ -179,7 +195,11 @@ void ControlServer::run(const std::atomic<bool>& stop) {
         collect();
         if (SxClock::get().steadyNs() < nextTickNs) continue;
         nextTickNs = SxClock::get().steadyNs() + TICK_MS * 1'000'000;
-        service->tick();
+        try {
+            service->tick();
+        } catch (const std::exception& e) {
+            driverLog(e.what());
+        }
         if (endIfIdle()) return;
     }
 }

@@ -27,6 +27,7 @@ private:
 
     void accept();
     void collect();
+    bool isIdle() const SX_REQUIRES(mutex);
     bool endIfIdle();
     bool begin();
     void done();

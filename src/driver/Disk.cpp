@@ -19,6 +19,8 @@ constexpr const char* UNIT = "src/driver/Disk";
 constexpr int64 MOUNT_MS = int64{24} * 3600 * 1000;
 /// Unmounting writes what a program has left to be written.
 constexpr int64 UNMOUNT_MS = 20'000;
+/// How long bringing a volume up may still take once its reads fail.
+constexpr int64 START_MS = 5000;
 constexpr int64 REDIRECT_MS = 20'000;
 /// Token of the reads that this process does itself; no request has that address.
 constexpr uint64 OWN_TOKEN = 0;
@@ -49,11 +51,12 @@ private:
 };
 
 Disk::Disk(const MountParams& params_, const SxString& root_, const SxString& folder_, uint64 deviceId_,
-           uint64 cacheSize)
+           uint64 cacheSize, int64 mounterPid_)
     : params(params_),
       root(root_),
       folder(folder_),
       deviceId(deviceId_),
+      mounterPid(mounterPid_),
       driveLock(ZqImageLock::take(params.image, ZqImageLock::Drive, ZqImageLock::Exclusive, "drive service")),
       shapeLock(ZqImageLock::take(params.image, ZqImageLock::Shape, ZqImageLock::Shared, "drive service")),
       disk({params.image + "/", params.sizeRaw, params.sectorSize, params.cursor, params.readOnly,
@@ -68,6 +71,7 @@ Disk::Disk(const MountParams& params_, const SxString& root_, const SxString& fo
       front(&disk) {
     if (!disk.getNotice().isEmpty()) driverLog(params.image + ": " + disk.getNotice());
     if (!params.traceFolder.isEmpty()) disk.monitorOn(params.traceFolder);
+    SxFileIO::writeAtomic(folder + "/" + ZqServiceFolder::IMAGE, params.image, 0600);
     starter = std::make_unique<Starter>(this);
     starter->start();
 }
@@ -83,17 +87,21 @@ void Disk::start() {
         const SxString text = describe(e);
         driverLog("image " + params.image + " can't be mounted: " + text);
         front.end();
-        const SxMutexBlock block(&mutex);
-        failure = text;
-        state = State::Failed;
+        fail(text);
     }
+}
+
+void Disk::fail(const SxString& why) {
+    const SxMutexBlock block(&mutex);
+    failure = why;
+    state = State::Failed;
 }
 
 void Disk::bringUp() {
     const SxString type = detectType();
-    if (type == "erofs" && !params.readOnly && !params.writeLayer) {
-        throw SxException("An EROFS volume can't be written to: mount it with mode ro or rtw", UNIT,
-                          __LINE__);
+    if (type != "ext4" && !params.readOnly && !params.writeLayer) {
+        throw SxException("A volume of type " + type + " can't be written to: mount it with mode ro or rtw",
+                          UNIT, __LINE__);
     }
     for (const char* name : {ZqServiceFolder::FRONT, ZqServiceFolder::VOLUME})
         SxFSAction::mkdir_p(folder + "/" + name, 0700);
@@ -105,8 +113,9 @@ void Disk::bringUp() {
         SxString(ZqServiceFolder::VENDOR) + "\n" + ZqServiceFolder::PRODUCT + "\n" + deviceId + "\n", 0600);
     const SxMutexBlock block(&tearing);
     if (ending) throw SxException("The disk was ejected", UNIT, __LINE__);
+    const SxMutexBlock inner(&mutex);
     letter.take(root, folder + "/" + ZqServiceFolder::VOLUME);
-    setState(State::Mounted);
+    state = State::Mounted;
     driverLog("image " + params.image + " is drive " + letter.get() + ", " + type);
 }
 
@@ -118,10 +127,10 @@ void Disk::attach(const SxString& type) {
                          [this] { return ending.load(); });
         return;
     }
-    const bool low = !disk.isComplete() || disk.isMonitored();
+    const bool high = wantsReadAhead();
     const auto run = [&](const char* how) {
         return Helper::run({"attach", how, file, folder + "/" + ZqServiceFolder::VOLUME, type,
-                            readOnly ? "ro" : "rw", low ? LOW_READ_AHEAD : FULL_READ_AHEAD},
+                            readOnly ? "ro" : "rw", high ? FULL_READ_AHEAD : LOW_READ_AHEAD},
                            MOUNT_MS, [this] { unblock(); });
     };
     Helper::Facts facts = run(type == "erofs" ? "file" : "loop");
@@ -131,20 +140,23 @@ void Disk::attach(const SxString& type) {
     }
     const SxMutexBlock block(&mutex);
     loop = SxString(facts["loop"]);
-    if (low) readAhead = SxString(facts["readahead"]);
+    readAhead = SxString(facts["readahead"]);
+    isReadingAhead = high;
 }
 
 /// Makes everything fail that waits for this disk.
 void Disk::unblock() {
     disk.setFailOnUnderflow();
     disk.resume();
+    isAborted = true;
     front.abort();
 }
 
 bool Disk::readBlocking(uint64 offset, uint32 size, char* to) {
     int error = 0;
     firstWoken = false;
-    VirtualDisk::Result result = disk.read(offset, size, to, OWN_TOKEN, false, &error);
+    // As a retry, since a trace holds what others read.
+    VirtualDisk::Result result = disk.read(offset, size, to, OWN_TOKEN, true, &error);
     while (result == VirtualDisk::Result::Held) {
         while (!firstWoken && !ending)
             SxTime::msleep(SxWait::LOOK_MS);
@@ -219,35 +231,62 @@ bool Disk::detach() {
     return busy;
 }
 
-void Disk::eject() {
+SxString Disk::eject() {
     const SxMutexBlock one(&ejecting);
     ending = true;
     disk.setFailOnUnderflow();
     disk.resume();
+    if (!SxWait::pass(START_MS, [this] { return !starter->isRunning(); })) front.abort();
     starter->wait();
     const SxMutexBlock block(&tearing);
     {
         const SxMutexBlock inner(&mutex);
-        if (state == State::Gone) return;
+        if (state == State::Gone) return {};
     }
     try {
         detach();
     } catch (const SxException& e) {
         driverLog("image " + params.image + ": " + describe(e));
         front.abort();
+        sweep();
     }
-    letter.remove();
+    {
+        const SxMutexBlock inner(&mutex);
+        state = State::Detached;
+        letter.remove();
+    }
     front.end();
-    const int error = disk.close();
-    if (error != 0) driverLog("image " + params.image + " could not be closed: " + SxOs::errorText(error));
+    const SxString lost = describeLostWrites(disk.close());
+    if (!lost.isEmpty()) driverLog(lost);
     removeFolder();
     setState(State::Gone);
+    // Whoever waits for the end may take the image at once.
+    driveLock = SxPtr<ZqImageLock>();
+    shapeLock = SxPtr<ZqImageLock>();
+    return lost;
+}
+
+SxString Disk::describeLostWrites(int closeError) const {
+    const int error = front.getWriteError() != 0 ? front.getWriteError() : closeError;
+    if (error == 0 || (params.readOnly && closeError == 0)) return {};
+    return "Something that was written to the drive of image '" + params.image +
+           "' is lost: " + SxOs::errorText(error);
+}
+
+/// Takes away what could not be unmounted in the usual way.
+void Disk::sweep() {
+    try {
+        Helper::run({"sweep", folder}, UNMOUNT_MS, nullptr);
+    } catch (const SxException& e) {
+        driverLog("image " + params.image + ": " + describe(e));
+    }
 }
 
 /// Removes what the disk has made in its folder, one by one: where a volume could not be unmounted, nothing
 /// of it must be touched.
 void Disk::removeFolder() {
     const std::string path = folder.str() + "/";
+    SxOs::get().unlink(path + ZqServiceFolder::IMAGE);
     SxOs::get().unlink(path + ZqServiceFolder::IDENTITY);
     SxOs::get().removeDir(path + ZqServiceFolder::VOLUME);
     SxOs::get().removeDir(path + ZqServiceFolder::FRONT);
@@ -264,7 +303,23 @@ void Disk::redirect(const SxList<SxString>& names, const SxString& directory) {
     }
     SxList<SxString> words = {"redirect", folder + "/" + ZqServiceFolder::VOLUME, directory};
     words.append(names);
-    Helper::run(words, REDIRECT_MS, [this] { unblock(); });
+    try {
+        Helper::run(words, REDIRECT_MS, [this] { unblock(); });
+    } catch (const SxException& e) {
+        // What was freed by ending the connection can't serve any more.
+        if (isAborted) fail("Redirecting names took too long: " + describe(e));
+        throw;
+    }
+}
+
+void Disk::suspend() {
+    if (ending) throw SxException("The disk is being ejected", UNIT, __LINE__);
+    disk.suspend();
+}
+
+void Disk::monitorOn(const SxString& traceFolder) {
+    disk.monitorOn(traceFolder);
+    adjustReadAhead();
 }
 
 void Disk::restore() {
@@ -275,20 +330,25 @@ void Disk::restore() {
 
 void Disk::setCursor(uint64 zqfIdx) {
     disk.setCursor(zqfIdx);
-    if (disk.isComplete()) raiseReadAhead();
+    adjustReadAhead();
 }
 
-void Disk::raiseReadAhead() {
-    if (disk.isMonitored()) return;
-    const SxMutexBlock block(&mutex);
-    if (readAhead.isEmpty() || state != State::Mounted) return;
-    std::ofstream(readAhead.str()) << FULL_READ_AHEAD;
-    readAhead = SxString();
+void Disk::adjustReadAhead() {
+    const bool high = wantsReadAhead();
+    SxString setting;
+    {
+        const SxMutexBlock block(&mutex);
+        // While the disk is suspended the kernel might wait for it.
+        if (state != State::Mounted || high == isReadingAhead || disk.isSuspended()) return;
+        isReadingAhead = high;
+        setting = readAhead;
+    }
+    if (!setting.isEmpty()) std::ofstream(setting.str()) << (high ? FULL_READ_AHEAD : LOW_READ_AHEAD);
 }
 
 void Disk::tick() {
     disk.tick();
-    if (disk.isComplete()) raiseReadAhead();
+    adjustReadAhead();
     for (const SxString& text : {disk.getFailure(), disk.getTraceFailure()})
         logOnce(text);
     // A loop device has 128 requests: when all are held, it stands still.
@@ -324,9 +384,12 @@ ZqDiskStatus Disk::getStatus() {
     status.underflow = disk.isUnderflow();
     status.suspended = disk.isSuspended();
     status.monitored = disk.isMonitored();
+    status.ready = ready;
+    status.mounterPid = mounterPid;
     status.servicePid = SxOs::processId();
     const SxMutexBlock block(&mutex);
     status.failure = failure.isEmpty() ? disk.getFailure() : failure;
+    if (status.failure.isEmpty()) status.failure = describeLostWrites(0);
     if (state == State::Mounted || state == State::Detached) {
         status.mountPath = folder + "/" + ZqServiceFolder::VOLUME;
         status.drive = letter.get();

@@ -32,8 +32,9 @@ class Disk {
 public:
     /// Opens the image, takes its locks and starts to bring the volume up. `root` is the machine root,
     /// `folder` the disk's own folder, both host paths. Raises where the image can't be served.
+    /// `mounterPid`: the process that has it mounted.
     Disk(const MountParams& params, const SxString& root, const SxString& folder, uint64 deviceId,
-         uint64 cacheSize);
+         uint64 cacheSize, int64 mounterPid);
     ~Disk();
     Disk(const Disk&) = delete;
     Disk& operator=(const Disk&) = delete;
@@ -41,8 +42,9 @@ public:
     /// Takes the volume out of use; gives whether it was in use, and was detached all the same. Raises where
     /// it can't be done.
     bool dismount();
-    /// Removes everything. Never raises; what can't be removed is told in the log.
-    void eject();
+    /// Removes everything; what can't be removed is told in the log. Gives what a program wrote and the disk
+    /// could not keep, as a sentence; empty where all is well.
+    SxString eject();
 
     /// Whether the volume is there, so that the guard can be attached.
     bool isMounted() const;
@@ -51,6 +53,11 @@ public:
     /// Undoes that.
     void restore();
     void setCursor(uint64 zqfIdx);
+    /// Raises while the disk is being ejected.
+    void suspend();
+    void monitorOn(const SxString& traceFolder);
+    /// Whoever mounts it has done all of its mount.
+    void setReady() { ready = true; }
     /// The volume's label, from its superblock; empty where that isn't present.
     SxString getLabel();
     void tick();
@@ -71,30 +78,36 @@ private:
     bool readBlocking(uint64 offset, uint32 size, char* to);
     SxString detectType();
     bool detach();
+    void sweep();
     void removeFolder();
-    void raiseReadAhead();
+    bool wantsReadAhead() const { return disk.isComplete() && !disk.isMonitored(); }
+    void adjustReadAhead();
+    void fail(const SxString& why);
+    SxString describeLostWrites(int closeError) const;
     void setState(State newState);
     void logOnce(const SxString& text);
 
     const MountParams params;
     const SxString root, folder;
     const uint64 deviceId;
-    const SxPtr<ZqImageLock> driveLock, shapeLock;
+    const int64 mounterPid;
+    SxPtr<ZqImageLock> driveLock, shapeLock; ///< until everything is removed
 
     VirtualDisk disk;
     FuseFront front;
     UserDriver userDriver;
-    DriveLetter letter;
+    DriveLetter letter; ///< guarded by `mutex`
     std::unique_ptr<Starter> starter;
-    std::atomic<bool> ending{false}, firstWoken{false};
+    std::atomic<bool> ending{false}, firstWoken{false}, ready{false}, isAborted{false};
 
     SxMutex ejecting; ///< held over an eject, ahead of `tearing`
     SxMutex tearing;  ///< held over everything that unmounts
     mutable SxMutex mutex;
     State state SX_GUARDED_BY(mutex) = State::Starting;
     SxString failure SX_GUARDED_BY(mutex);
-    SxString loop SX_GUARDED_BY(mutex);           ///< device; empty without one
-    SxString readAhead SX_GUARDED_BY(mutex);      ///< setting of the kernel that is still low
+    SxString loop SX_GUARDED_BY(mutex);      ///< device; empty without one
+    SxString readAhead SX_GUARDED_BY(mutex); ///< setting of the kernel; empty without one
+    bool isReadingAhead SX_GUARDED_BY(mutex) = false;
     SxList<SxString> logged SX_GUARDED_BY(mutex); ///< faults that the log has
     bool fullLogged SX_GUARDED_BY(mutex) = false;
 };

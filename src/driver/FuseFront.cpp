@@ -103,7 +103,9 @@ void opWrite(fuse_req_t req, fuse_ino_t, const char* data, size_t size, off_t of
 }
 
 void opFsync(fuse_req_t req, fuse_ino_t, int, fuse_file_info*) {
-    fuse_reply_err(req, front(req)->getDisk()->sync());
+    const int error = front(req)->getDisk()->sync();
+    front(req)->noteWriteError(error);
+    fuse_reply_err(req, error);
 }
 
 fuse_lowlevel_ops operations() {
@@ -258,6 +260,11 @@ void FuseFront::read(fuse_req* req, uint64 offset, uint64 size) {
     }
 }
 
+void FuseFront::noteWriteError(int error) {
+    int none = 0;
+    if (error != 0) writeError.compare_exchange_strong(none, error);
+}
+
 void FuseFront::write(fuse_req* req, uint64 offset, const char* data, uint64 size) {
     const uint64 end = disk->getSizeRaw();
     if (offset > end || size > MAX_REQUEST || size > end - offset) {
@@ -271,6 +278,7 @@ void FuseFront::write(fuse_req* req, uint64 offset, const char* data, uint64 siz
         fuse_reply_write(req, n);
         break;
     case VirtualDisk::Result::Failed:
+        noteWriteError(error);
         fuse_reply_err(req, error);
         break;
     case VirtualDisk::Result::Held:
@@ -315,6 +323,7 @@ void FuseFront::finish(Request request) {
     if (result == VirtualDisk::Result::Held) {
         hold(std::move(request));
     } else if (result == VirtualDisk::Result::Failed) {
+        if (request.write) noteWriteError(error);
         fuse_reply_err(request.req, error);
     } else if (request.write) {
         fuse_reply_write(request.req, request.size);

@@ -55,6 +55,9 @@ public:
         bool write = false;
         std::vector<char> data; ///< of a write
     };
+    /// The errno value of the first write or sync that failed for the kernel; 0 where none has.
+    int getWriteError() const { return writeError.load(); }
+    void noteWriteError(int error);
     VirtualDisk* getDisk() const { return disk; }
     Cache getCache() const { return cache; }
     void read(fuse_req* req, uint64 offset, uint64 size);
@@ -70,6 +73,7 @@ private:
     VirtualDisk* const disk;
     std::atomic<Cache> cache{Cache::Keep};
     fuse_session* session = nullptr;
+    std::atomic<int> writeError{0};
     std::vector<std::unique_ptr<Worker>> workers;
     std::unique_ptr<Finisher> finisher;
 

@@ -53,6 +53,7 @@ pid_t spawn(const SxList<SxString>& arguments, int outputFd) {
     for (const SxString& word : arguments)
         words.push_back(word.str());
     std::vector<char*> argv;
+    argv.reserve(words.size() + 1);
     for (std::string& word : words)
         argv.push_back(word.data());
     argv.push_back(nullptr);
@@ -131,6 +132,7 @@ Helper::Facts Helper::run(const SxList<SxString>& arguments, int64 limitMs,
 int Helper::main(int argc, char** argv) {
     // Nobody waits for the result of a helper whose service was killed.
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (::getppid() == 1) return 1; // it was killed before that
     SxList<SxString> arguments;
     for (int i = 2; i < argc; ++i)
         arguments.append(SxString(argv[i]));

@@ -4,6 +4,7 @@
 #include "Redirection.h"
 #include "SxException.h"
 #include "SxOs.h"
+#include "ZqServiceFolder.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -69,7 +70,7 @@ std::string attachLoop(const std::string& file, bool readOnly, int* fd) {
     for (int tries = 0; tries < 64; ++tries) {
         const int number = ::ioctl(control.get(), LOOP_CTL_GET_FREE);
         if (number < 0) fail("No free loop device", errno);
-        const std::string path = "/dev/loop" + std::to_string(number);
+        std::string path = "/dev/loop" + std::to_string(number);
         *fd = ::open(path.c_str(), (readOnly ? O_RDONLY : O_RDWR) | O_CLOEXEC);
         if (*fd < 0) fail("Cannot open '" + SxString(path) + "'", errno);
         loop_config config = {};
@@ -153,8 +154,9 @@ bool unmount(const std::string& folder) {
 bool unmountBelow(const std::string& folder) {
     std::vector<std::string> mounts = Mounts::below(folder);
     bool busy = false;
-    for (auto mount = mounts.rbegin(); mount != mounts.rend(); ++mount)
-        busy = unmount(*mount) || busy;
+    std::reverse(mounts.begin(), mounts.end());
+    for (const std::string& mount : mounts)
+        busy = unmount(mount) || busy;
     return busy;
 }
 
@@ -192,13 +194,16 @@ void sweep(const SxList<SxString>& words) {
     const std::vector<std::string> loops = loopsOn(folder);
     std::vector<std::string> mounts = Mounts::below(folder);
     // A connection whose service is stuck must be ended first, or unmounting would wait for it.
-    for (const std::string& mount : mounts)
-        Mounts::abort(mount);
+    // Only these: what is bound in may lie on a file system that others use.
+    for (const std::string& mount : mounts) {
+        if (mount.ends_with(std::string("/") + ZqServiceFolder::FRONT)) Mounts::abort(mount);
+    }
     mounts = Mounts::below(folder);
-    for (auto mount = mounts.rbegin(); mount != mounts.rend(); ++mount) {
-        const int error = Mounts::detach(*mount);
+    std::reverse(mounts.begin(), mounts.end());
+    for (const std::string& mount : mounts) {
+        const int error = Mounts::detach(mount);
         if (error != 0 && error != EINVAL && error != ENOENT)
-            fail("Cannot detach '" + SxString(*mount) + "'", error);
+            fail("Cannot detach '" + SxString(mount) + "'", error);
     }
     for (const std::string& loop : loops)
         freeLoop(loop);

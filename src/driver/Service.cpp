@@ -56,7 +56,9 @@ void writeStatus(const ZqDiskStatus& status, Writer* out) {
     for (const uint64 number : {status.deviceId, status.sectorSize, status.cursor, status.nIncluded,
                                 status.queueLength, status.nReads, status.nHeld, status.nBeyondQA})
         out->number(number);
-    for (const bool flag : {status.removable, status.underflow, status.suspended, status.monitored})
+    out->number(static_cast<uint64>(status.mounterPid));
+    for (const bool flag :
+         {status.ready, status.removable, status.underflow, status.suspended, status.monitored})
         out->flag(flag);
     out->number(static_cast<uint64>(status.servicePid));
 }
@@ -109,21 +111,64 @@ bool Service::hasDisks() const {
     return !disks.empty();
 }
 
-void Service::mount(const MountParams& params) {
+void Service::refuseOwn(const SxString& path) const {
+    if ((path + "/").startsWith(folder.str() + ZqServiceFolder::MOUNTS + "/")) {
+        refuse("'" + path + "' lies on a drive of this service");
+    }
+}
+
+void Service::noteLeft(const SxString& folder, const SxList<SxString>& images) {
+    const SxString file = folder + ZqServiceFolder::LEFT;
+    SxList<SxString> all;
+    if (SxFSAction::test_f(file)) all = SxFileIO::readUtf8(file).tokenize('\n');
+    for (const SxString& image : images) {
+        if (!all.contains(image)) all.append(image);
+    }
+    if (!images.isEmpty()) SxFileIO::writeAtomic(file, SxString::join(all, "\n"), 0600);
+}
+
+/// Whether the image is on the list of those that were left behind; takes it from that.
+bool Service::takeLeft(const SxString& image) {
+    const SxString file = folder + ZqServiceFolder::LEFT;
+    if (!SxFSAction::test_f(file)) return false;
+    SxList<SxString> others;
+    bool found = false;
+    for (const SxString& each : SxFileIO::readUtf8(file).tokenize('\n')) {
+        if (each == image) {
+            found = true;
+        } else {
+            others.append(each);
+        }
+    }
+    if (!found) return false;
+    if (others.isEmpty()) {
+        SxFSAction::rm(file);
+    } else {
+        SxFileIO::writeAtomic(file, SxString::join(others, "\n"), 0600);
+    }
+    return true;
+}
+
+void Service::mount(const MountParams& params, int64 peer) {
+    refuseOwn(params.image);
+    refuseOwn(params.traceFolder);
     if (::geteuid() != 0) UserDriver::requireMeans();
     const SxMutexBlock making(&mounting);
     if (find(params.image)) refuse("Image '" + params.image + "' is mounted already");
     uint64 deviceId = 1;
     {
         const SxMutexBlock block(&mutex);
-        while (disks.count(deviceId) != 0)
+        // Where a folder is left something could not be unmounted.
+        while (disks.count(deviceId) != 0 ||
+               SxFSAction::exists(folder + ZqServiceFolder::MOUNTS + "/" + deviceId))
             ++deviceId;
     }
+    takeLeft(params.image);
     const SxString own = folder + ZqServiceFolder::MOUNTS + "/" + deviceId;
     SxFSAction::mkdir_p(own, 0700);
     DiskPtr disk;
     try {
-        disk = std::make_shared<Disk>(params, root, own, deviceId, cacheSize.load());
+        disk = std::make_shared<Disk>(params, root, own, deviceId, cacheSize.load(), peer);
     } catch (const SxException&) {
         SxOs::get().removeDir(own.str());
         throw;
@@ -132,11 +177,21 @@ void Service::mount(const MountParams& params) {
     disks[deviceId] = disk;
 }
 
-void Service::eject(const DiskPtr& disk) {
-    disk->eject();
+/// Carries out a request; one for a disk that has gone is no failure.
+void Service::ejectImage(Reader* request) {
+    const DiskPtr disk = find(request->text());
+    request->number();
+    requireWhole(*request);
+    const SxString lost = disk ? eject(disk) : SxString();
+    if (!lost.isEmpty()) refuse(lost);
+}
+
+SxString Service::eject(const DiskPtr& disk) {
+    const SxString lost = disk->eject();
     const SxMutexBlock block(&mutex);
     const auto found = disks.find(disk->getDeviceId());
     if (found != disks.end() && found->second == disk) disks.erase(found);
+    return lost;
 }
 
 void Service::ejectAll() {
@@ -168,7 +223,9 @@ void Service::loadDisks() {
         stored.push_back(readParams(&table));
     if (!table.ok()) refuse("The table of disks '" + file + "' is damaged");
     for (const MountParams& params : stored) {
-        if (!find(params.image)) mount(params);
+        if (find(params.image)) continue;
+        mount(params, SxOs::processId());
+        find(params.image)->setReady();
     }
 }
 
@@ -182,13 +239,13 @@ void Service::tick() {
         disk->tick();
 }
 
-std::string Service::handle(unsigned kind, const std::string& body) {
+std::string Service::handle(unsigned kind, const std::string& body, int64 peer) {
     Reader request(body);
     Writer answer;
     const auto call = static_cast<Call>(kind);
     if (kind >= static_cast<unsigned>(Call::End) ||
         !(handleState(call, &request, &answer) || handleDisk(call, &request, &answer) ||
-          handleGuard(call, &request, &answer) || handleService(call, &request, &answer))) {
+          handleGuard(call, &request, &answer) || handleService(call, &request, &answer, peer))) {
         refuse("No such request");
     }
     return answer.body();
@@ -258,14 +315,17 @@ bool Service::handleDisk(Call call, Reader* request, Writer* answer) {
     };
     switch (call) {
     case Call::Eject:
-        return simple([&](const DiskPtr& disk, uint64) { eject(disk); });
+        ejectImage(request);
+        return true;
     case Call::SetCursor:
         return simple([](const DiskPtr& disk, uint64 zqfIdx) { disk->setCursor(zqfIdx); });
     case Call::SetQACursor:
         return simple(
             [](const DiskPtr& disk, uint64 zqfIdx) { disk->getVirtualDisk()->setQACursor(zqfIdx); });
     case Call::Suspend:
-        return simple([](const DiskPtr& disk, uint64) { disk->getVirtualDisk()->suspend(); });
+        return simple([](const DiskPtr& disk, uint64) { disk->suspend(); });
+    case Call::Ready:
+        return simple([](const DiskPtr& disk, uint64) { disk->setReady(); });
     case Call::Resume:
         return simple([](const DiskPtr& disk, uint64) { disk->getVirtualDisk()->resume(); });
     case Call::FailOnUnderflow:
@@ -278,7 +338,8 @@ bool Service::handleDisk(Call call, Reader* request, Writer* answer) {
         const DiskPtr disk = require(request);
         const SxString trace = request->text();
         requireWhole(*request);
-        disk->getVirtualDisk()->monitorOn(trace);
+        refuseOwn(trace);
+        disk->monitorOn(trace);
         return true;
     }
     case Call::Deliver: {
@@ -341,12 +402,12 @@ bool Service::handleGuard(Call call, Reader* request, Writer* answer) {
 }
 
 /// What concerns the service as a whole.
-bool Service::handleService(Call call, Reader* request, Writer* answer) {
+bool Service::handleService(Call call, Reader* request, Writer* answer, int64 peer) {
     switch (call) {
     case Call::Mount: {
         const MountParams params = readParams(request);
         requireWhole(*request);
-        mount(params);
+        mount(params, peer);
         return true;
     }
     case Call::SetCacheSize: {
@@ -355,6 +416,13 @@ bool Service::handleService(Call call, Reader* request, Writer* answer) {
         cacheSize = bytes;
         for (const DiskPtr& disk : all())
             disk->getVirtualDisk()->setCacheSize(bytes);
+        return true;
+    }
+    case Call::Leftover: {
+        const SxString image = request->text();
+        requireWhole(*request);
+        const SxMutexBlock block(&mounting);
+        answer->flag(takeLeft(image));
         return true;
     }
     case Call::StoreDisks:

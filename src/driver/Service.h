@@ -14,7 +14,10 @@ public:
     Service(const SxString& root, const SxString& folder);
 
     /// Carries out one request. Gives the body of the answer; raises where the request fails.
-    std::string handle(unsigned kind, const std::string& body);
+    /// `peer` is the client's process id.
+    std::string handle(unsigned kind, const std::string& body, int64 peer);
+    /// Adds to the list of images whose drives a killed service left behind.
+    static void noteLeft(const SxString& folder, const SxList<SxString>& images);
     /// Regular work, about every 100 ms.
     void tick();
     bool hasDisks() const;
@@ -30,15 +33,21 @@ private:
     DiskPtr byLetter(uint64 devId) const;
     std::vector<DiskPtr> all() const;
 
-    void mount(const MountParams& params);
-    void eject(const DiskPtr& disk);
+    void mount(const MountParams& params, int64 peer);
+    /// Raises where the service would have to answer itself.
+    void refuseOwn(const SxString& path) const;
+    bool takeLeft(const SxString& image);
+    /// Gives what was written and is lost, as Disk::eject() does.
+    SxString eject(const DiskPtr& disk);
+    void ejectImage(ZqDriveWire::Reader* request);
     void storeDisks() const;
     void loadDisks();
     void reset();
     bool handleState(ZqDriveWire::Call call, ZqDriveWire::Reader* request, ZqDriveWire::Writer* answer);
     bool handleDisk(ZqDriveWire::Call call, ZqDriveWire::Reader* request, ZqDriveWire::Writer* answer);
     bool handleGuard(ZqDriveWire::Call call, ZqDriveWire::Reader* request, ZqDriveWire::Writer* answer);
-    bool handleService(ZqDriveWire::Call call, ZqDriveWire::Reader* request, ZqDriveWire::Writer* answer);
+    bool handleService(ZqDriveWire::Call call, ZqDriveWire::Reader* request, ZqDriveWire::Writer* answer,
+                       int64 peer);
 
     const SxString root, folder;
     std::atomic<uint64> cacheSize{0}; // bytes

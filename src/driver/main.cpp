@@ -2,6 +2,7 @@
 #include "DriverLog.h"
 #include "Helper.h"
 #include "SxException.h"
+#include "SxFSAction.h"
 #include "SxFileIO.h"
 #include "SxOs.h"
 #include "SxTime.h"
@@ -31,6 +32,7 @@ namespace {
 
 constexpr int64 IDLE_MS = 30'000;
 constexpr int64 SWEEP_MS = 10'000;
+constexpr int64 END_MS = 15'000;
 constexpr int64 MAX_LOG = 1 << 20; // bytes
 
 std::atomic<bool> stopRequested{false};
@@ -70,7 +72,18 @@ void redirectOutput(const std::string& folder) {
     if (null > STDERR_FILENO) ::close(null);
 }
 
-/// Removes what a service that was killed has left behind.
+/// Takes the lock that a service holds for its whole life; one that is about to end is waited for.
+void takeLifeLock(const SxString& folder) {
+    SxOs& os = SxOs::get();
+    const int fd = os.open((folder + ZqServiceFolder::LIFE_LOCK).str(),
+                           SxOs::Read | SxOs::Write | SxOs::Create | SxOs::NoFollow, 0600);
+    if (fd >= 0 && SxWait::pass(END_MS, [&] { return os.lockRange(fd, 0, 1, SxOs::Lock::Exclusive) == 0; }))
+        return;
+    throw SxException("Another drive service of this machine root is still running", "src/driver/main",
+                      __LINE__);
+}
+
+/// Removes what a service that was killed has left behind; notes the images in `left`.
 void sweep(const SxString& root, const SxString& folder) {
     const std::string mounts = folder.str() + ZqServiceFolder::MOUNTS;
     std::error_code error;
@@ -78,17 +91,23 @@ void sweep(const SxString& root, const SxString& folder) {
     driverLog("removes what a former service left in " + SxString(mounts));
     Helper::run({"sweep", SxString(mounts)}, SWEEP_MS, nullptr);
     DriveLetter::removeBelow(root, SxString(mounts) + "/");
+    SxList<SxString> images;
     // Folders alone are removed: where something is still mounted, nothing of it must be touched.
     for (const auto& disk : std::filesystem::directory_iterator(mounts, error)) {
+        const SxString image = (disk.path() / ZqServiceFolder::IMAGE).string();
+        if (SxFSAction::test_f(image)) images.append(SxFileIO::readUtf8(image));
+        ::unlink(image.ascii());
         ::unlink((disk.path() / ZqServiceFolder::IDENTITY).c_str());
         ::rmdir((disk.path() / ZqServiceFolder::VOLUME).c_str());
         ::rmdir((disk.path() / ZqServiceFolder::FRONT).c_str());
         ::rmdir(disk.path().c_str());
     }
+    Service::noteLeft(folder, images);
 }
 
 int serve(const SxString& root, const SxString& folder, int readyFd) {
     try {
+        takeLifeLock(folder);
         sweep(root, folder);
         Service service(root, folder);
         ControlServer server(&service, folder.str(), idleMs());
@@ -99,8 +118,8 @@ int serve(const SxString& root, const SxString& folder, int readyFd) {
         server.end();
         service.ejectAll();
         return EXIT_SUCCESS;
-    } catch (const SxException& e) {
-        const SxString text = e.toString(SxException::ShowMessage, ": ");
+    } catch (const std::exception& e) {
+        const SxString text = e.what();
         driverLog(text);
         SxFileIO::writeAtomic(folder + ZqServiceFolder::START_FAILURE, text, 0600);
         return EXIT_FAILURE;

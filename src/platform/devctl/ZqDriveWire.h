@@ -55,7 +55,9 @@ enum class Call : unsigned short {
     GuardLogging,
     GuardReparse,
     Label,
-    End ///< number of calls
+    Ready,    ///< the mount of an image is complete
+    Leftover, ///< asks and clears: was a drive of the image left behind by a killed service
+    End       ///< number of calls
 };
 
 /// Writes a body.

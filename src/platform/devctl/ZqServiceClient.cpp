@@ -11,9 +11,11 @@
 #include "ZqSysEnv.h"
 
 #include <atomic>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -113,21 +115,56 @@ void startService(const std::string& root, const std::string& folder) {
                       UNIT, __LINE__);
 }
 
-/// One request and its answer; false where the connection was cut off.
+/// How long an answer may take, in seconds: those that unmount or write have limits of their own in the
+/// service.
+int answerSeconds(unsigned kind) {
+    switch (static_cast<Call>(kind)) {
+    case Call::Eject:
+    case Call::Dismount:
+    case Call::Reset:
+    case Call::GuardOff:
+    case Call::GuardReparse:
+        return 90;
+    case Call::FlushLayer:
+        return 3600;
+    default:
+        return 20;
+    }
+}
+
+/// One request and its answer; false where the connection was cut off. Raises where the service doesn't
+/// answer in time, since a second request would fare no better.
 bool exchange(unsigned kind, const std::string& body, Message* answer) {
-    if (!send(connection.fd, kind, body)) return false;
-    auto message = receive(connection.fd);
-    if (!message) return false;
+    const timeval limit = {answerSeconds(kind), 0};
+    ::setsockopt(connection.fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+    ::setsockopt(connection.fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+    errno = 0;
+    auto message = send(connection.fd, kind, body) ? receive(connection.fd) : std::nullopt;
+    if (!message) {
+        if (errno != EAGAIN) return false;
+        ucred peer = {};
+        socklen_t size = sizeof peer;
+        ::getsockopt(connection.fd, SOL_SOCKET, SO_PEERCRED, &peer, &size);
+        connection.close();
+        throw SxException("The drive service (process " + SxString(peer.pid) + ") doesn't answer", UNIT,
+                          __LINE__);
+    }
     *answer = std::move(*message);
     return true;
 }
 
-/// Opens the connection, starting the service where that is wanted. False where there is none.
-bool connectTo(const std::string& root, const std::string& folder, ZqServiceClient::Start start) {
-    if (connection.open(folder)) return true;
-    if (start == ZqServiceClient::Start::Never) return false;
-    startService(root, folder);
-    if (!connection.open(folder)) return false;
+/// Opens the connection, starting the service where that is wanted. False where there is none. `*isNew`: the
+/// service may be another one than before, and must be told of the cache size.
+bool connectTo(const std::string& root, const std::string& folder, ZqServiceClient::Start start,
+               bool* isNew) {
+    if (!connection.open(folder)) {
+        if (start == ZqServiceClient::Start::Never) return false;
+        startService(root, folder);
+        *isNew = true;
+        if (!connection.open(folder)) return false;
+    }
+    if (!*isNew) return true;
+    *isNew = false;
     const int bytes = cacheSize.load();
     Message ignored;
     return bytes < 0 || exchange(static_cast<unsigned>(Call::SetCacheSize),
@@ -140,9 +177,10 @@ bool ZqServiceClient::call(Call call, const Writer& request, Reader* answer, Sta
     lastFailure = SxString();
     try {
         const std::string root = ZqMachineRoot::get().str(), folder = ZqServiceFolder::of(root);
+        bool isNew = false;
         for (int i = 0; i < MAX_TRIES; ++i) {
             const bool reused = connection.fd >= 0;
-            if (!connectTo(root, folder, start)) {
+            if (!connectTo(root, folder, start, &isNew)) {
                 connection.close();
                 if (start == Start::Never && !reused) break;
                 continue;
@@ -150,6 +188,7 @@ bool ZqServiceClient::call(Call call, const Writer& request, Reader* answer, Sta
             Message message;
             if (!exchange(static_cast<unsigned>(call), request.body(), &message)) {
                 connection.close();
+                isNew = true;
                 continue;
             }
             if (answer) *answer = Reader(message.kind == SUCCESS ? message.body : std::string());
@@ -202,6 +241,8 @@ ZqDiskStatus ZqServiceClient::readStatus(Reader* answer) {
     status.nReads = answer->number();
     status.nHeld = answer->number();
     status.nBeyondQA = answer->number();
+    status.mounterPid = static_cast<int64>(answer->number());
+    status.ready = answer->flag();
     status.removable = answer->flag();
     status.underflow = answer->flag();
     status.suspended = answer->flag();

@@ -3,6 +3,7 @@
 #include "SxException.h"
 #include "SxOs.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -15,9 +16,24 @@ constexpr const char* UNIT = "src/platform/devctl/ZqServiceFolder";
 
 std::string parentFolder() {
     if (::geteuid() == 0) return "/run/tavrin/";
+    // What a login session has is found by one without that variable, too.
+    const std::string session = "/run/user/" + std::to_string(::geteuid());
+    if (::access(session.c_str(), W_OK) == 0) return session + "/tavrin/";
     const char* runtime = std::getenv("XDG_RUNTIME_DIR");
     if (runtime && runtime[0] == '/') return std::string(runtime) + "/tavrin/";
     return "/tmp/tavrin-" + std::to_string(::geteuid()) + "/";
+}
+
+/// The path with the links resolved in as much of it as exists.
+std::string resolve(const std::string& path) {
+    std::string existing = path, rest, resolved;
+    while (SxOs::get().canonical(existing, &resolved) < 0) {
+        const size_t slash = existing.find_last_of('/');
+        if (slash == std::string::npos || existing == "/") return path;
+        rest.insert(0, existing.substr(slash));
+        existing.erase(std::max<size_t>(slash, 1));
+    }
+    return resolved == "/" ? rest : resolved + rest;
 }
 
 void makePrivate(const std::string& folder) {
@@ -35,9 +51,8 @@ void makePrivate(const std::string& folder) {
 } // namespace
 
 std::string ZqServiceFolder::of(const std::string& machineRoot) {
-    std::string root;
-    if (SxOs::get().canonical(machineRoot, &root) < 0) root = machineRoot;
-    // FNV-1a; a clash of two roots would only make them share a service, which refuses another's root.
+    const std::string root = resolve(machineRoot);
+    // FNV-1a
     uint64 hash = 14695981039346656037U;
     for (const char c : root)
         hash = (hash ^ static_cast<unsigned char>(c)) * 1099511628211U;

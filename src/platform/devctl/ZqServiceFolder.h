@@ -5,28 +5,33 @@
 #include <string>
 
 /// The folder of the drive service of one machine root: what its clients and the service itself find there.
-/// Below `/run/tavrin` for root, else below `$XDG_RUNTIME_DIR/tavrin` or `/tmp/tavrin-UID`; only its user can
-/// look into it.
+/// Below `/run/tavrin` for root, else below `/run/user/UID/tavrin`, `$XDG_RUNTIME_DIR/tavrin` or
+/// `/tmp/tavrin-UID`; only its user can look into it.
 class ZqServiceFolder {
 public:
     static constexpr const char* SOCKET = "socket";
     /// Held by whoever starts the service, and by the service while it ends.
     static constexpr const char* START_LOCK = "start.lock";
+    /// Held by the service for its whole life.
+    static constexpr const char* LIFE_LOCK = "service.lock";
     /// Why the service could not start.
     static constexpr const char* START_FAILURE = "start.failure";
     static constexpr const char* DISK_TABLE = "disks";
+    /// Images whose drives a killed service left behind, a line each.
+    static constexpr const char* LEFT = "left";
     /// Holds one folder for each disk, named after its device id.
     static constexpr const char* MOUNTS = "mnt";
     static constexpr const char* VOLUME = "volume";     ///< where a disk's volume is mounted
     static constexpr const char* FRONT = "front";       ///< where a disk is served as a file
     static constexpr const char* DISK_FILE = "disk";    ///< that file
+    static constexpr const char* IMAGE = "image";       ///< path of the disk's image folder
     static constexpr const char* IDENTITY = "identity"; ///< vendor, product, target id, a line each
 
     static constexpr const char* VENDOR = "VOLM";
     static constexpr const char* PRODUCT = "ZqDD";
 
-    /// The folder's host path with a trailing slash, for the machine root with that host path. It need not
-    /// exist.
+    /// The folder's host path with a trailing slash, for the machine root with that host path. Neither need
+    /// exist; a root that is made later keeps its folder.
     static std::string of(const std::string& machineRoot);
     /// Makes the folder where it is missing, and raises unless it belongs to the user alone.
     static void make(const std::string& folder);

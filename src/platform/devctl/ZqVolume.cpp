@@ -20,6 +20,7 @@ using ZqServiceClient::Start;
 namespace {
 
 constexpr const char* UNIT = "src/platform/devctl/ZqVolume";
+constexpr int MAX_TRIES = 3;
 
 /// The path of a drive's link, without following it; empty where the text is no drive.
 std::string driveLink(const SxString& drive) {
@@ -123,26 +124,43 @@ SxList<ZqDiskStatus> ZqVolume::getDisks() {
 
 bool ZqVolume::findDisk(const SxString& image, ZqDiskStatus* status) {
     Reader answer;
-    if (!ZqServiceClient::call(Call::State, Writer().text(ZqServiceClient::keyOf(image)), &answer,
-                               Start::Never) ||
-        !answer.flag())
-        return false;
+    const Writer request = Writer().text(ZqServiceClient::keyOf(image));
+    // A service may have started between the call and the question whether there is one.
+    for (int i = 0; !ZqServiceClient::call(Call::State, request, &answer, Start::Never); ++i) {
+        const SxString failure = getLastFailure();
+        if (!ZqServiceClient::isServing()) return false;
+        if (i < MAX_TRIES) continue;
+        throw SxException(SxException(failure, UNIT, __LINE__), "Cannot ask after image '" + image + "'",
+                          UNIT, __LINE__);
+    }
+    if (!answer.flag()) return false;
     *status = ZqServiceClient::readStatus(&answer);
     return true;
 }
 
-bool ZqVolume::removeLeftovers() {
-    if (ZqServiceClient::isServing()) return false;
-    const std::string folder = ZqServiceFolder::of(ZqMachineRoot::get().str());
-    std::vector<std::string> disks;
-    SxOs::get().list(folder + ZqServiceFolder::MOUNTS, &disks);
-    if (disks.empty()) return false;
+void ZqVolume::setReady(const SxString& image) {
+    if (ZqServiceClient::call(Call::Ready, Writer().text(ZqServiceClient::keyOf(image)).number(0), nullptr,
+                              Start::Never))
+        return;
+    throw SxException(SxException(getLastFailure(), UNIT, __LINE__),
+                      "Cannot complete the mount of image '" + image + "'", UNIT, __LINE__);
+}
+
+bool ZqVolume::removeLeftovers(const SxString& image) {
+    if (!ZqServiceClient::isServing()) {
+        const std::string folder = ZqServiceFolder::of(ZqMachineRoot::get().str());
+        std::vector<std::string> disks;
+        SxOs::get().list(folder + ZqServiceFolder::MOUNTS, &disks);
+        if (disks.empty() && !SxFSAction::exists(folder + ZqServiceFolder::LEFT)) return false;
+    }
     // A service tidies up what it finds when it starts.
-    if (!ZqServiceClient::call(Call::Ping, Writer(), nullptr, Start::IfNeeded)) {
-        throw SxException(SxException(ZqServiceClient::getLastFailure(), UNIT, __LINE__),
+    Reader answer;
+    if (!ZqServiceClient::call(Call::Leftover, Writer().text(ZqServiceClient::keyOf(image)), &answer,
+                               Start::IfNeeded)) {
+        throw SxException(SxException(getLastFailure(), UNIT, __LINE__),
                           "Cannot remove what a drive service left behind", UNIT, __LINE__);
     }
-    return true;
+    return answer.flag();
 }
 
 SxString ZqVolume::getLastFailure() {

@@ -21,6 +21,8 @@ struct ZqDiskStatus {
     uint64 nReads = 0;    ///< reads that reached the drive
     uint64 nHeld = 0;     ///< reads that are held now
     uint64 nBeyondQA = 0; ///< reads at or above the QA cursor
+    bool ready = false;   ///< whoever mounts it has said that all of its mount is done
+    int64 mounterPid = 0; ///< the process that had it mounted
     bool removable = false, underflow = false, suspended = false, monitored = false;
     int64 servicePid = 0;
 };
@@ -46,11 +48,15 @@ public:
 
     /// All disks of the machine root's service, in the order of their device ids; none where no service runs.
     static SxList<ZqDiskStatus> getDisks();
-    /// The disk of one image, by any spelling of its folder; false where it isn't mounted.
+    /// The disk of one image, by any spelling of its folder; false where it isn't mounted. Raises where the
+    /// service can't tell.
     static bool findDisk(const SxString& image, ZqDiskStatus* status);
+    /// Says that the mount of an image is complete.
+    static void setReady(const SxString& image);
     /// Removes what a service that was killed has left behind in this machine root (mounts, loop devices,
-    /// connections, letters, the socket). Gives whether there was something.
-    static bool removeLeftovers();
+    /// connections, letters, the socket). Gives whether a drive of `image` was, or has been since it was last
+    /// asked for, among that.
+    static bool removeLeftovers(const SxString& image);
     /// Why the last function of the control library failed on this thread, in words for the user; empty where
     /// the last one succeeded.
     static SxString getLastFailure();
