@@ -92,10 +92,10 @@ public:
     /// and waits up to a minute until it is gone. Where a step fails, the disk is removed the hard way and
     /// the failure raised. `hardEject` does that at once. Harmless where the image isn't mounted. Gives true.
     bool umountImage(const SxString& image, bool hardEject);
-    /// Removes what a service that was killed has left behind in the machine root (mounts, devices, letters),
-    /// and with it the registry entries of the record that setAppParams() gave. Gives whether there was
-    /// something.
-    bool removeLeftovers() const;
+    /// Removes what a service that was killed has left behind in the machine root (mounts, devices, letters).
+    /// Where a drive of `image` was among that, the registry entries of the record that setAppParams() gave
+    /// go, too, and it gives true.
+    bool removeLeftovers(const SxString& image) const;
     /// Whether a program still used the volume that the last umountImage() took from it.
     bool wasBusy() const noexcept { return busy; }
 

@@ -206,8 +206,8 @@ bool ZqMountMgr::umountImage(const SxString& image, bool hardEject) {
     }
 }
 
-bool ZqMountMgr::removeLeftovers() const {
-    if (!ZqVolume::removeLeftovers()) return false;
+bool ZqMountMgr::removeLeftovers(const SxString& image) const {
+    if (!ZqVolume::removeLeftovers(image)) return false;
     removeRegistryEntries();
     return true;
 }

@@ -11,6 +11,7 @@
 #include "ZqRedirection.h"
 #include "ZqTraceParams.h"
 
+#include "ZqVolume.h"
 #include <limits>
 
 namespace {
@@ -164,6 +165,7 @@ SxString ZqMountMgr::mountImageZQF(MountMode mode, DeviceMode deviceMode, const 
         mount();
         try {
             equipDrive(image, traceFolder, method, redirection);
+            ZqVolume::setReady(image);
         } catch (const SxException&) {
             umountAfterFailure(image);
             throw;

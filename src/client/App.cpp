@@ -167,6 +167,20 @@ Verb& Verb::texts(const char* name, SxList<SxString>* values, const char* valueN
     return *this;
 }
 
+Verb& Verb::choice(const char* name, SxString* value, const SxList<SxString>& words, const char* help) {
+    const std::string all = SxString::join(words, "|").str();
+    const auto take = [value, name, words, all](const std::string& text) {
+        if (!words.contains(SxString(text))) {
+            throw CLI::ValidationError(std::string(name) + " is one of " + all + ", not '" + text + "'");
+        }
+        *value = text;
+    };
+    command->add_option_function<std::string>(name, take, help)
+        ->type_name(all)
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
+    return *this;
+}
+
 Verb& Verb::flag(const char* name, bool* value, const char* help) {
     command->add_flag(name, *value, help);
     return *this;

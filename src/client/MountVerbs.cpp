@@ -2,6 +2,9 @@
 #include "Verbs.h"
 
 #include <tavrin/SxFileInfo.h>
+#include <tavrin/SxOs.h>
+#include <tavrin/SxProcess.h>
+#include <tavrin/SxTime.h>
 #include <tavrin/ZqAppParams.h>
 #include <tavrin/ZqImageFiles.h>
 #include <tavrin/ZqImageFolder.h>
@@ -14,6 +17,10 @@
 namespace {
 constexpr const char* UNIT = "src/client/MountVerbs";
 constexpr uint64 BLOCK = 4096;
+/// How the service refuses an image that it serves.
+constexpr const char* ALREADY = "is mounted already";
+/// How long another client may take to mount the same image.
+constexpr int64 MOUNT_MS = 60'000;
 
 using SxParserKit::SxSymbol;
 namespace Json = SxParserAst;
@@ -32,7 +39,9 @@ struct UmountOptions {
 
 /// How many blocks of the image are there.
 uint64 presentBlocks(const SxString& folder, const ZqAppParams& app, const ZqImageParams& params) {
-    const int64 size = SxFileInfo(folder + ZqImageFiles::ZQF).getSize();
+    // A file that is missing is told of by the mount.
+    const SxFileInfo zqf(folder + ZqImageFiles::ZQF);
+    const int64 size = zqf.isFile() ? zqf.getSize() : 0;
     const auto sizeRaw = static_cast<uint64>(params.sizeRaw);
     if (size >= static_cast<int64>(app.sizeZqf)) return (sizeRaw + BLOCK - 1) / BLOCK;
     return static_cast<uint64>(size) / BLOCK;
@@ -54,9 +63,45 @@ void tellMount(const SxString& image, const SxString& verb, Output* out) {
     out->text(verb + " as " + disk.drive + " at " + disk.mountPath);
 }
 
+/// Takes away what a mount that was cut off has left; one that is under way is waited for. Gives whether the
+/// image is mounted.
+bool isMountedWhole(ZqMountMgr* manager, const SxString& image) {
+    ZqDiskStatus disk;
+    bool found = false;
+    const auto isDecided = [&] {
+        found = ZqVolume::findDisk(image, &disk);
+        return !found || disk.ready || !disk.failure.isEmpty() || !SxProcess::isAlive(disk.mounterPid);
+    };
+    if (!SxWait::pass(MOUNT_MS, isDecided)) {
+        throw SxException("Image '" + image + "' is being mounted by process " + disk.mounterPid, UNIT,
+                          __LINE__);
+    }
+    if (!found || disk.ready) return found;
+    manager->umountImage(image, disk.drive.isEmpty());
+    return false;
+}
+
+/// False where another client mounts the image at the same time.
+bool mountOrYield(ZqMountMgr* manager, ZqMountMgr::MountMode mode, const ZqAppParams& app,
+                  const ZqImageParams& params, const MountOptions& options) {
+    try {
+        manager->mountImageZQF(mode, params.deviceMode, options.image, static_cast<uint64>(params.sizeRaw),
+                               static_cast<uint64>(params.emulatedSectorSize),
+                               presentBlocks(ZqImageFolder::prefix(options.image), app, params), false,
+                               options.trace, "monitoring");
+        return true;
+    } catch (const SxException& e) {
+        ZqDiskStatus disk;
+        const bool othersDisk =
+            ZqVolume::findDisk(options.image, &disk) && disk.mounterPid != SxOs::processId();
+        if (!othersDisk && !SxString(e.what()).contains(ALREADY)) throw;
+        return false;
+    }
+}
+
 int mount(const MountOptions& options, Output& out) {
     ZqMountMgr manager;
-    if (manager.isMounted(options.image)) {
+    if (isMountedWhole(&manager, options.image)) {
         tellMount(options.image, "Mounted already", &out);
         return ExitSuccess;
     }
@@ -66,10 +111,19 @@ int mount(const MountOptions& options, Output& out) {
     const ZqMountMgr::MountMode mode =
         options.mode.isEmpty() ? app.mountMode : ZqMountMgr::stringToMountMode(options.mode);
     manager.setAppParams(app);
-    manager.mountImageZQF(mode, params.deviceMode, options.image, static_cast<uint64>(params.sizeRaw),
-                          static_cast<uint64>(params.emulatedSectorSize), presentBlocks(folder, app, params),
-                          false, options.trace, "monitoring");
-    if (options.failOnMissing) manager.failOnUnderflow(options.image);
+    while (!mountOrYield(&manager, mode, app, params, options)) {
+        if (!isMountedWhole(&manager, options.image)) continue;
+        tellMount(options.image, "Mounted already", &out);
+        return ExitSuccess;
+    }
+    if (options.failOnMissing) {
+        try {
+            manager.failOnUnderflow(options.image);
+        } catch (const SxException&) {
+            manager.umountImage(options.image, false);
+            throw;
+        }
+    }
     if (mode == ZqMountMgr::ReadWrite) {
         out.text("Writes go into img.zqf: its digest and patches made for it will no longer fit");
     }
@@ -79,11 +133,21 @@ int mount(const MountOptions& options, Output& out) {
 
 // --- umount
 
+/// Gives the manager the record of the image, to undo what it says; a drive goes without it, too.
+void readApp(const SxString& image, ZqMountMgr* manager, Output* out) {
+    const SxString folder = ZqImageFolder::prefix(image);
+    if (!SxFileInfo(folder + ZqImageFiles::APP_JSON).exists()) return;
+    try {
+        manager->setAppParams(ZqAppParams(folder));
+    } catch (const SxException& e) {
+        out->finding(SxString("The registry is left as it is: ") + e.what());
+    }
+}
+
 int umount(const UmountOptions& options, Output& out) {
     ZqMountMgr manager;
-    const SxString folder = ZqImageFolder::prefix(options.image);
-    if (SxFileInfo(folder + ZqImageFiles::APP_JSON).isFile()) manager.setAppParams(ZqAppParams(folder));
-    const bool leftovers = manager.removeLeftovers();
+    readApp(options.image, &manager, &out);
+    const bool leftovers = manager.removeLeftovers(options.image);
     ZqDiskStatus disk;
     if (!ZqVolume::findDisk(options.image, &disk)) {
         out.text(leftovers ? "Removed what a service that was killed had left behind" : "Not mounted");
@@ -92,7 +156,9 @@ int umount(const UmountOptions& options, Output& out) {
     // A disk that has got no letter yet has nothing to undo elsewhere.
     manager.umountImage(options.image, options.hard || disk.drive.isEmpty());
     if (manager.wasBusy()) {
-        out.finding("The drive was in use: it was detached, and files that are still open give I/O errors");
+        out.finding(
+            "The drive was in use: it was detached, and files that are still open give I/O errors; what "
+            "is still written to them is lost");
     }
     out.text("Unmounted");
     return ExitSuccess;
@@ -121,7 +187,6 @@ SxSymbol statusJson(const ZqDiskStatus& disk) {
 }
 
 void tellStatus(const ZqDiskStatus& disk, Output* out) {
-    if (out->getMode().json) return out->object(statusJson(disk));
     SxString state = disk.failure.isEmpty() ? "starting" : "failed: " + disk.failure;
     if (!disk.mountPath.isEmpty()) state = disk.drive + " at " + disk.mountPath;
     out->text(disk.image + ": " + state);
@@ -140,13 +205,16 @@ int status(const SxString& image, Output& out) {
         if (!ZqVolume::findDisk(image, &disk)) {
             throw SxException("Image '" + image + "' is not mounted", UNIT, __LINE__);
         }
+        if (out.getMode().json) out.object(statusJson(disk));
         tellStatus(disk, &out);
         return ExitSuccess;
     }
     const SxList<ZqDiskStatus> disks = ZqVolume::getDisks();
     if (disks.isEmpty()) out.text("Nothing is mounted");
-    for (const ZqDiskStatus& disk : disks)
+    for (const ZqDiskStatus& disk : disks) {
+        if (out.getMode().json) out.listing(statusJson(disk).toJson().str() + "\n");
         tellStatus(disk, &out);
+    }
     return ExitSuccess;
 }
 } // namespace
@@ -155,8 +223,8 @@ void registerMountVerbs(App* app) {
     static MountOptions mountOptions;
     app->verb("mount", "Make a drive of an image", "tavrin mount IMAGE --trace /tmp/trace")
         .argument("IMAGE", &mountOptions.image, "Image folder; what is missing of it is waited for")
-        .text("--mode", &mountOptions.mode, "ro|rw|rtw",
-              "Read only, written in place, or written into a layer; as app.json says where not given")
+        .choice("--mode", &mountOptions.mode, {"ro", "rw", "rtw"},
+                "Read only, written in place, or written into a layer; as app.json says where not given")
         .text("--trace", &mountOptions.trace, "DIR", "Record which blocks are read, in this folder")
         .flag("--fail-on-missing", &mountOptions.failOnMissing, "Let reads of missing blocks fail")
         .action([](Output& out) { return mount(mountOptions, out); });

@@ -80,7 +80,8 @@ void registerPublishVerbs(Family* image) {
                "      --arg=-iwad --arg '{{ZQDRIVE}}/TAVRIN-protected/app/freedoom1.wad'")
         .argument("SRC", &building->source, "Folder of the application")
         .argument("IMAGE", &building->image, "Image folder to write; what it held is replaced")
-        .text("--fs", &building->fileSystem, "FS", "File system: erofs (the default), ext4 or squashfs")
+        .choice("--fs", &building->fileSystem, {"erofs", "ext4", "squashfs"},
+                "File system; erofs where not given")
         .text("--cmd", &what.cmd, "C", "Command to start: a file of SRC, or a program of the machine")
         .texts("--arg", &what.args, "A", "An argument of the command; may be given again")
         .text("--name", &what.name, "N", "Process to look for where the command is only a launcher")

@@ -88,6 +88,7 @@ private:
         for (uint64 i = 0; i < n; ++i) {
             const uint64 from = number(block, i * DIRENT + 8, 2);
             const uint64 to = i + 1 < n ? number(block, (i + 1) * DIRENT + 8, 2) : block.size();
+            // NOLINTNEXTLINE(readability-redundant-string-cstr): the last name ends at a NUL
             const std::string name(block.substr(from, to - from).c_str());
             if (name == "." || name == "..") continue;
             open.push_back({number(block, i * DIRENT, 8), folder.isEmpty() ? name : folder + "/" + name});

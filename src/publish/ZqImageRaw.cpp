@@ -25,6 +25,12 @@ ZqImageRaw::ZqImageRaw(const SxString& image_, const SxString& dir_)
 
 void ZqImageRaw::main() {
     const auto lock = ZqImageLock::take(image, ZqImageLock::Shape, ZqImageLock::Shared, "image raw");
+    // What was written to the drive and has no place in img.zqf would be missing without a word.
+    if (SxFSAction::exists(image + ZqImageFiles::LAYER_INDEX)) {
+        throw SxException("Image '" + image + "' has a write layer (" + ZqImageFiles::LAYER_INDEX +
+                              "): its RAW image would lack what that holds",
+                          UNIT, __LINE__);
+    }
     const SxArray<uint64> map = readMap();
     try {
         ZqRawFile file(dir);

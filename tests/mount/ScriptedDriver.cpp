@@ -280,7 +280,10 @@ bool ZqVolume::findDisk(const SxString&, ZqDiskStatus* status) {
     status->failure = ScriptedDriver::get().diskFailure;
     return true;
 }
-bool ZqVolume::removeLeftovers() {
+void ZqVolume::setReady(const SxString&) {
+    ScriptedDriver::get().enter("setReady", "setReady");
+}
+bool ZqVolume::removeLeftovers(const SxString&) {
     return false;
 }
 SxString ZqVolume::getLastFailure() {

@@ -2,6 +2,7 @@
 
 #include <csignal>
 #include <fstream>
+#include <sys/mount.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -349,9 +350,50 @@ TEST_F(Drive, aKilledClientLeavesADriveThatCanBeSeenAndRemoved) {
         mounting.wait();
         const Outcome status = run({"status", image, "--json"});
         EXPECT_TRUE(status.code == 0 || status.err.find("is not mounted") != string::npos) << status.err;
+        // What it has left half made is no drive to play from.
+        done({"mount", image, "--quiet"});
+        EXPECT_TRUE(statusOf(image).ready);
         done({"umount", image});
         EXPECT_THAT(leftovers(), testing::IsEmpty());
     }
+}
+
+TEST_F(Drive, severalClientsMountAnImageOnce) {
+    const string image = build("image", "erofs");
+    std::vector<std::unique_ptr<Child>> clients;
+    for (int i = 0; i < 4; ++i) {
+        clients.push_back(std::make_unique<Child>(
+            [&] { ::execl(client.c_str(), "tavrin", "mount", image.c_str(), "--quiet", nullptr); }));
+    }
+    for (const auto& each : clients)
+        EXPECT_EQ(each->wait(), 0);
+    EXPECT_EQ(treeOf(dir.path("root/dosdevices/d:/TAVRIN-protected/app")), treeOf(source));
+    done({"umount", image});
+}
+
+TEST_F(Drive, whatAFullDiskCantKeepIsToldOf) {
+    const string image = build("image", "ext4");
+    const string disk = dir.path("disk");
+    fs::create_directory(disk);
+    ASSERT_EQ(::mount("tmpfs", disk.c_str(), "tmpfs", 0, "size=32m"), 0);
+    fs::copy(image, disk + "/image");
+    const string app = mount(disk + "/image");
+    write(app + "/large", string(12 << 20, 'x'));
+    const Outcome outcome = run({"umount", disk + "/image"});
+    EXPECT_EQ(outcome.code, 1);
+    EXPECT_THAT(outcome.err, HasSubstr("is lost: No space left on device"));
+    EXPECT_THAT(leftovers(), testing::IsEmpty());
+    ASSERT_EQ(::umount2(disk.c_str(), MNT_DETACH), 0);
+}
+
+TEST_F(Drive, aDamagedRecordDoesntKeepADrive) {
+    const string image = build("image", "erofs");
+    mount(image);
+    dir.write("image/app.json", "{");
+    EXPECT_THAT(done({"umount", image}), HasSubstr("The registry is left as it is"));
+    EXPECT_THAT(leftovers(), testing::IsEmpty());
+    EXPECT_EQ(run({"mount", image, "--trace", source}).code, 1);
+    EXPECT_TRUE(fs::exists(source + "/big.pak"));
 }
 
 } // namespace
