@@ -131,15 +131,17 @@ void SxFSAction::mkdir_p(const SxString& path, int mode) {
 
 void SxFSAction::cp(const SxString& from, const SxString& to) {
     const SxStat info = ask(from);
+    // What a program gains by set-id bits it was given for the place where it lay.
+    const uint32 permissions = info.permissions & 0777;
     if (info.kind == SxStat::Link) {
         copyLink(from, to);
     } else if (info.kind == SxStat::Dir) {
         const std::vector<std::string> names = sortedNames(from);
-        mkdir_p(to, static_cast<int>(info.permissions) | 0700);
+        mkdir_p(to, static_cast<int>(permissions) | 0700);
         for (const std::string& name : names)
             cp(below(from, name), below(to, name));
     } else if (info.kind == SxStat::File) {
-        copyFile(from, to, info.permissions);
+        copyFile(from, to, permissions);
     } else {
         throw SxException("Cannot copy '" + from + "': it is neither a file nor a folder", UNIT, __LINE__);
     }

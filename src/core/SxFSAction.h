@@ -14,8 +14,8 @@ public:
 
     /// Makes a folder and all that are missing above it.
     static void mkdir_p(const SxString& path, int mode = 0777);
-    /// Copies a file, with its permissions, or a folder with its content; existing files are replaced. The
-    /// bytes are on the device at the end.
+    /// Copies a file, with its permissions but without set-id and sticky bits, or a folder with its content;
+    /// existing files are replaced. The bytes are on the device at the end.
     static void cp(const SxString& from, const SxString& to);
     /// Renames; across file systems copies and removes. Replaces a file.
     static void mv(const SxString& from, const SxString& to);

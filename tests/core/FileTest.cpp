@@ -49,7 +49,7 @@ TEST(FSAction, FindTakesInSubFoldersAndRefusesLoops) {
 TEST(FSAction, CopiesAndRemovals) {
     const TempDir dir;
     dir.write("tree/sub/file", "bytes");
-    fs::permissions(dir.path("tree/sub/file"), fs::perms(0750));
+    fs::permissions(dir.path("tree/sub/file"), fs::perms(06750));
     fs::create_symlink("sub/file", dir.path("tree/link"));
     SxFSAction::cp(dir.path("tree"), dir.path("copy"));
     EXPECT_EQ(dir.snapshot("copy"), dir.snapshot("tree"));
