@@ -161,6 +161,7 @@ public:
     int setPermissions(const std::string& path, unsigned permissions) override {
         return status(::chmod(path.c_str(), permissions));
     }
+    int setPermissionsFd(int fd, unsigned permissions) override { return status(::fchmod(fd, permissions)); }
     int setModifiedNow(const std::string& path) override {
         return status(::utimensat(AT_FDCWD, path.c_str(), nullptr, 0));
     }

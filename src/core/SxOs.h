@@ -85,6 +85,7 @@ public:
     virtual int link(const std::string& from, const std::string& to) = 0;
     virtual int readLink(const std::string& path, std::string* target) = 0;
     virtual int setPermissions(const std::string& path, unsigned permissions) = 0;
+    virtual int setPermissionsFd(int fd, unsigned permissions) = 0;
     /// Sets the time of modification to now.
     virtual int setModifiedNow(const std::string& path) = 0;
     /// Returns when names made, renamed or removed in the folder are on the device.

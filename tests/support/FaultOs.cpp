@@ -356,6 +356,11 @@ int FaultOs::setPermissions(const std::string& path, unsigned permissions) {
     return machine.setPermissions(path, permissions);
 }
 
+int FaultOs::setPermissionsFd(int fd, unsigned permissions) {
+    if (const int error = strike(Op::SetPermissions, fd)) return error;
+    return machine.setPermissionsFd(fd, permissions);
+}
+
 int FaultOs::setModifiedNow(const std::string& path) {
     if (const int error = strike(Op::SetModified, path)) return error;
     return machine.setModifiedNow(path);

@@ -99,6 +99,7 @@ public:
     int link(const std::string& from, const std::string& to) override;
     int readLink(const std::string& path, std::string* target) override;
     int setPermissions(const std::string& path, unsigned permissions) override;
+    int setPermissionsFd(int fd, unsigned permissions) override;
     int setModifiedNow(const std::string& path) override;
     int syncDir(const std::string& path) override;
     int freeSpace(const std::string& path, int64* bytes) override;

@@ -42,7 +42,7 @@ int openLockFile(const std::string& file, ZqImageLock::Mode mode) {
     if (fd == -ENOENT) {
         fd = os.open(file, BOTH | SxOs::Create | SxOs::Exclusive, 0666);
         // Whoever can reach the image may lock it, whatever the maker's umask.
-        if (fd >= 0) os.setPermissions(file, 0666);
+        if (fd >= 0) os.setPermissionsFd(fd, 0666);
         if (fd == -EEXIST) fd = os.open(file, BOTH, 0);
     }
     if ((fd == -EACCES || fd == -EROFS) && mode == ZqImageLock::Shared) {
