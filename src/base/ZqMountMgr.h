@@ -58,7 +58,8 @@ public:
     /// compared by the first three numbers. What isn't made of numbers can't.
     static bool isDriverVersionAllowed(const SxString& version);
     static void guardLogging(bool on);
-    /// `bytes`: the service's memory for blocks that were delivered on demand, for each disk.
+    /// `bytes`: the service's memory for blocks that were delivered on demand, for each disk; below 0
+    /// counts as 0.
     static void setCacheSize(int64 bytes);
     /// Write down which disks there are, and bring them up again.
     static void storeDisks();
@@ -186,8 +187,9 @@ private:
     void awaitFiles(const SxString& image) const;
     void umountAfterFailure(const SxString& image);
     void removeRegistryEntries() const;
-    void releaseVolume(const SxString& image, bool removable);
-    void awaitEnd(const SxString& image) const;
+    /// Gives the target id of the disk.
+    uint64 releaseVolume(const SxString& image, bool removable);
+    void awaitEnd(const SxString& image, uint64 targetId) const;
     /// The drive letter as the guard's functions take it; raises where there is none.
     unsigned char guardId(const SxString& image) const;
 

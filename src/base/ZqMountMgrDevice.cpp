@@ -195,8 +195,8 @@ bool ZqMountMgr::umountImage(const SxString& image, bool hardEject) {
             throw SxException(e, "Failed to query mount point for image " + image, UNIT, __LINE__);
         }
         removeRegistryEntries();
-        releaseVolume(image, removable);
-        awaitEnd(image);
+        const uint64 targetId = releaseVolume(image, removable);
+        awaitEnd(image, targetId);
         mntPoint = SxString();
         return true;
     } catch (const SxException& e) {
@@ -225,7 +225,7 @@ void ZqMountMgr::removeRegistryEntries() const {
     }
 }
 
-void ZqMountMgr::releaseVolume(const SxString& image, bool removable) {
+uint64 ZqMountMgr::releaseVolume(const SxString& image, bool removable) {
     ZqVolumeIdentity identity;
     if (!ZqVolume::queryIdentity(mntPoint, &identity)) {
         zqLogMsg("base", "ERROR: Could not open ZqDD device (" + mntPoint + ") for umount.");
@@ -243,7 +243,7 @@ void ZqMountMgr::releaseVolume(const SxString& image, bool removable) {
     }
     if (!removable) {
         ejectImage(image);
-        return;
+        return identity.targetId;
     }
     try {
         ZqVolume::ejectMedia(mntPoint);
@@ -251,10 +251,16 @@ void ZqMountMgr::releaseVolume(const SxString& image, bool removable) {
         zqLogMsg("base", "ERROR: IOCTL cannot eject media: " + SxString(e.what()));
         throw SxException(e, "Cannot eject media for mount point" + mntPoint, UNIT, __LINE__);
     }
+    return identity.targetId;
 }
 
-void ZqMountMgr::awaitEnd(const SxString& image) const {
-    const auto gone = [&] { return !SxFSAction::test_f(mntPoint + MARKER) && !isMounted(image); };
+void ZqMountMgr::awaitEnd(const SxString& image, uint64 targetId) const {
+    const auto gone = [&] {
+        // The letter may be another image's by now.
+        ZqVolumeIdentity identity;
+        const bool isOurs = ZqVolume::queryIdentity(mntPoint, &identity) && identity.targetId == targetId;
+        return !(isOurs && SxFSAction::test_f(mntPoint + MARKER)) && !isMounted(image);
+    };
     if (SxWait::passes(LIMIT, PASS_MS, gone, [](int64) {})) return;
     throw SxException("Timeout while waiting for dismounting logical drive", UNIT, __LINE__);
 }

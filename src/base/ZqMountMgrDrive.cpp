@@ -6,13 +6,18 @@
 #include "ZqImageFolder.h"
 #include "ZqLog.h"
 #include "ZqMountMgr.h"
+#include "ZqTraceFiles.h"
 #include "ZqTraceParams.h"
 #include "zqdevctl.h"
+
+#include <algorithm>
 
 namespace {
 
 constexpr const char* UNIT = "src/base/ZqMountMgr";
 constexpr const char* BARE_LOWER = "TAVRIN Driver error";
+/// In an image folder, the folder of its traces.
+constexpr const char* TRACES = "traces/";
 constexpr int64 GUARD_PASSES = 600;
 constexpr int64 GUARD_PASS_MS = 100;
 
@@ -84,6 +89,48 @@ void awaitGuard(ZqStatus (*call)(unsigned char, ZqFlag*), unsigned char devId, c
     if (SxWait::passes(GUARD_PASSES, GUARD_PASS_MS, done, [](int64) {})) return;
     zqLogMsg("base", timeout);
     throw SxException(timeout, UNIT, __LINE__);
+}
+
+[[noreturn]] void refuseTraceFolder(const SxString& folder, const SxString& why) {
+    throw SxException("Folder '" + folder + "' " + why + " and isn't emptied for a trace", UNIT, __LINE__);
+}
+
+std::string realPath(const SxString& path) {
+    std::string result;
+    const int error = SxOs::get().canonical(SxOs::hostPath(path), &result);
+    if (error == 0) return result;
+    throw SxException(SxException(SxOs::errorText(error), UNIT, __LINE__), "Cannot look at '" + path + "'",
+                      UNIT, __LINE__);
+}
+
+/// Raises unless the folder, which is there, may be emptied: it has to be a trace, or empty.
+void requireTraceFolder(const SxString& image, const SxString& folder) {
+    const std::string real = realPath(folder);
+    std::string kept;
+    const bool found = SxOs::get().canonical(SxOs::hostPath(image), &kept) == 0;
+    if (found && (kept + "/").starts_with(real + "/")) refuseTraceFolder(folder, "holds the image");
+    if (!SxFSAction::test_d(folder)) {
+        throw SxException("'" + folder + "' is no folder and isn't replaced by a trace", UNIT, __LINE__);
+    }
+    std::string above = real;
+    while (above.size() > 1) {
+        // An image keeps its own traces in a folder of its own.
+        const bool isOwnTrace = real.starts_with(above + "/" + TRACES);
+        if (ZqImageFolder::holdsImage(SxString(above)) && !isOwnTrace) {
+            refuseTraceFolder(folder, above == real ? SxString("holds an image")
+                                                    : "lies in the image folder '" + SxString(above) + "'");
+        }
+        above.resize(above.rfind('/'));
+    }
+    const SxList<SxFileInfo> content = SxFSAction::ls(folder);
+    bool isTrace = content.isEmpty();
+    for (const SxFileInfo& info : content) {
+        if (info.getName() == ZqTraceFiles::ITEMS || info.getName() == ZqTraceFiles::RECORD) isTrace = true;
+        if (info.isDir() && ZqImageFolder::holdsImage(info.getOrig())) {
+            refuseTraceFolder(folder, "holds the image folder '" + info.getName() + "'");
+        }
+    }
+    if (!isTrace) refuseTraceFolder(folder, "holds something else than a trace");
 }
 
 } // namespace
@@ -165,13 +212,7 @@ void ZqMountMgr::flushTW(const SxString& image) const {
 
 void ZqMountMgr::clearTraceFolder(const SxString& image, const SxString& traceFolder) {
     if (SxFSAction::exists(traceFolder)) {
-        std::string folder, kept;
-        if (SxOs::get().canonical(SxOs::hostPath(traceFolder), &folder) == 0 &&
-            SxOs::get().canonical(SxOs::hostPath(image), &kept) == 0 &&
-            (kept + "/").starts_with(folder + "/")) {
-            throw SxException("Folder '" + traceFolder + "' holds the image and isn't emptied for a trace",
-                              UNIT, __LINE__);
-        }
+        requireTraceFolder(image, traceFolder);
         SxFSAction::rm_r(traceFolder);
     }
     SxFSAction::mkdir_p(traceFolder, 0777);
@@ -293,8 +334,8 @@ void ZqMountMgr::guardLogging(bool on) {
 void ZqMountMgr::setCacheSize(int64 bytes) {
     try {
         if (bytes > MAX_CACHE) throw SxException("Specified Cache size larger than 2GB", UNIT, __LINE__);
-        ZqDriveStatus::require(zqDriveSetCacheSize(static_cast<int>(bytes)), ZqDriveStatus::DRIVER_ERROR,
-                               __LINE__);
+        const int size = static_cast<int>(std::max<int64>(bytes, 0));
+        ZqDriveStatus::require(zqDriveSetCacheSize(size), ZqDriveStatus::DRIVER_ERROR, __LINE__);
     } catch (const SxException& e) {
         throw SxException(e, "Cannot set disk cache size to " + SxString(bytes), UNIT, __LINE__);
     }

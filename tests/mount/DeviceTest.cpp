@@ -154,6 +154,20 @@ TEST(Unmount, InItsOrder) {
     }
 }
 
+TEST(Unmount, TheLetterMayBeAnothersAtOnce) {
+    for (const bool isOther : {true, false}) {
+        Machine machine;
+        machine.mountAlone();
+        machine.driver.markerStays = ScriptedDriver::NEVER;
+        machine.driver.onCall = [&](const std::string& name) {
+            if (name == "ejectMedia")
+                machine.driver.otherDrives["E:"] = {isOther ? "VOLM" : "", "ZqDD", isOther ? 8U : 7U};
+        };
+        EXPECT_EQ(failureOf([&] { machine.mgr.umountImage(machine.image, false); }), "");
+        EXPECT_EQ(machine.elapsedMs(), 0);
+    }
+}
+
 TEST(Unmount, TheHardWay) {
     Machine machine;
     machine.mountAlone();

@@ -128,6 +128,9 @@ TEST(DriveState, EveryFailureHasItsWords) {
               "Failed to activate guard on " + machine.name + ": Image " + machine.name + " has no drive");
     EXPECT_EQ(failureOf([&] { machine.mgr.setCacheSize(2'000'000'001); }),
               "Cannot set disk cache size to 2000000001: Specified Cache size larger than 2GB");
+    driver.notes.clear();
+    machine.mgr.setCacheSize(-(int64{1} << 32) - 1);
+    EXPECT_THAT(driver.notes, ElementsAre("SetCacheSize 0"));
     driver.mounted = true;
     driver.queue = {1};
     EXPECT_TRUE(machine.mgr.isUnderflow(machine.image));

@@ -202,6 +202,31 @@ TEST(MountImage, TheTraceFolderIsChecked) {
     EXPECT_EQ(mount(machine.image, "set"),
               "Cannot clean former trace data: Folder '$' holds the image and isn't emptied for a trace");
     EXPECT_EQ(mount(machine.dir.path("trace"), "sets"), "Trace Method 'sets' unknown!");
+    machine.dir.write("library/game/img.zqf", "another image");
+    machine.dir.write("library/img.trc", "a trace beside it");
+    machine.dir.write("library/game/saves/run/img.trc", "below it");
+    machine.dir.write("papers/letter.txt", "mine");
+    machine.dir.write("papers/deep/trace.json", "no trace of this folder");
+    const std::string below = machine.dir.path("library/game");
+    const std::pair<const char*, std::string> refused[] = {
+        {"library", "holds the image folder 'game'"},
+        {"library/game", "holds an image"},
+        {"library/game/saves/run", "lies in the image folder '" + below + "'"},
+        {"papers", "holds something else than a trace"}};
+    const TreeSnapshot before = machine.dir.snapshot();
+    for (const auto& [folder, why] : refused) {
+        const std::string path = machine.dir.path(folder);
+        EXPECT_EQ(mount(path, "set"), "Cannot clean former trace data: Folder '" + path + "' " + why +
+                                          " and isn't emptied for a trace");
+    }
+    const std::string letter = machine.dir.path("papers/letter.txt");
+    EXPECT_EQ(mount(letter, "set"),
+              "Cannot clean former trace data: '" + letter + "' is no folder and isn't replaced by a trace");
+    EXPECT_EQ(machine.dir.snapshot(), before);
     EXPECT_THAT(machine.driver.notes, IsEmpty());
     EXPECT_EQ(mount("", "anything"), "");
+    machine.mgr.umountImage(machine.image, true);
+    machine.dir.write("image/traces/1/img.trc", "of a former run");
+    EXPECT_EQ(mount(machine.dir.path("image/traces/1"), "set"), "");
+    EXPECT_FALSE(machine.dir.exists("image/traces/1/img.trc"));
 }
