@@ -49,15 +49,9 @@ SxList<SxString> checkedEntries(const SxList<SxString>& entries, const SxString&
     return result;
 }
 
-/// The host path with all links resolved; empty where a link leads nowhere.
-std::string realPath(const SxString& path) {
-    std::string result;
-    return SxOs::get().canonical(SxOs::hostPath(path), &result) < 0 ? std::string() : result;
-}
-
-/// Raises where a part of `name` below `folder` is a link that leads out of it, or nowhere.
-void requireInside(const SxString& folder, const SxString& name) {
-    const std::string root = realPath(folder);
+/// Raises where a part of `name` below `folder` is a link. The service, which redirects, follows none either:
+/// it would have to end where the copy does, on both sides.
+void requireNoLink(const SxString& folder, const SxString& name) {
     SxString path = folder;
     for (const SxString& part : name.tokenize('/')) {
         path += "/" + part;
@@ -68,9 +62,8 @@ void requireInside(const SxString& folder, const SxString& name) {
             throw SxException(SxException(SxOs::errorText(result), UNIT, __LINE__),
                               "Cannot look at '" + path + "'", UNIT, __LINE__);
         }
-        const bool inside = !root.empty() && (realPath(path) + "/").starts_with(root + "/");
-        if (info.kind == SxStat::Link && !inside) {
-            throw SxException("The link '" + path + "' leads out of '" + folder + "'", UNIT, __LINE__);
+        if (info.kind == SxStat::Link) {
+            throw SxException("'" + path + "' is a link, which can't be redirected", UNIT, __LINE__);
         }
     }
 }
@@ -79,8 +72,7 @@ void requireInside(const SxString& folder, const SxString& name) {
 void copyWhole(const SxString& from, const SxString& to) {
     const SxString half = to + ".tavrin-new";
     if (SxFSAction::exists(half) || SxFileInfo(half).isLink()) SxFSAction::rm_r(half);
-    // A link is copied as one; here its target is wanted, which lies inside.
-    SxFSAction::cp(SxString(realPath(from)), half);
+    SxFSAction::cp(from, half);
     SxFSAction::mv(half, to);
 }
 
@@ -96,9 +88,11 @@ public:
             throw SxException("No TAVRIN-private or TAVRIN-protected folder on drive " + mountPoint, UNIT,
                               __LINE__);
         }
-        requireInside(mountPoint, folder);
+        requireNoLink(mountPoint, folder);
         source = drive + folder;
         target = directory + "/" + folder;
+        SxFSAction::mkdir_p(SxFileInfo(directory).getPath(), 0777);
+        SxFSAction::mkdir_p(directory, 0700);
         SxFSAction::mkdir_p(target, 0777);
     }
 
@@ -117,9 +111,9 @@ private:
     void place(const SxString& name, Test isWanted, void (*make)(const SxString& path)) const {
         const SxString to = target + "/" + name, from = source + "/" + name;
         try {
-            requireInside(target, name);
+            requireNoLink(target, name);
+            requireNoLink(source, name);
             if (isWanted(to)) return;
-            requireInside(source, name);
             const SxString parent = SxFileInfo(to).getPath();
             SxFSAction::mkdir_p(parent, 0777);
             if (isWanted(from)) {

@@ -21,7 +21,7 @@ public:
     SxString getNames() const;
     /// Lays out the private side: what isn't there yet is copied from the drive's protected folder, whole or
     /// not at all; a file that the drive lacks is made empty. What is there stays. Raises, naming the path,
-    /// also where a link leads out of its folder.
+    /// also where a link stands in the path of a name, on either side.
     void prepare(const SxString& mountPoint) const;
 
 private:
