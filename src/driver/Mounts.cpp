@@ -45,17 +45,30 @@ int runFusermount(const std::string& path, const char* how) {
 
 } // namespace
 
-std::vector<std::string> Mounts::below(const std::string& folder) {
-    const std::string prefix = folder.ends_with("/") ? folder : folder + "/";
-    std::vector<std::string> found;
+std::vector<Mounts::Mount> Mounts::all() {
+    std::vector<Mount> found;
     std::ifstream table("/proc/self/mountinfo");
     std::string line;
     while (std::getline(table, line)) {
         std::istringstream fields(line);
-        std::string id, parent, device, root, at;
-        fields >> id >> parent >> device >> root >> at;
-        at = plain(at);
-        if (at.starts_with(prefix)) found.push_back(at);
+        Mount mount;
+        std::string parent, word, type;
+        fields >> mount.id >> parent >> mount.device >> mount.root >> mount.at;
+        while (fields >> word && word != "-") {
+        }
+        fields >> type >> mount.source;
+        for (std::string* text : {&mount.root, &mount.at, &mount.source})
+            *text = plain(*text);
+        found.push_back(mount);
+    }
+    return found;
+}
+
+std::vector<std::string> Mounts::below(const std::string& folder) {
+    const std::string prefix = folder.ends_with("/") ? folder : folder + "/";
+    std::vector<std::string> found;
+    for (const Mount& mount : all()) {
+        if (mount.at.starts_with(prefix)) found.push_back(mount.at);
     }
     return found;
 }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "SxString.h"
+
 #include <string>
 #include <vector>
 
@@ -7,6 +9,17 @@
 /// user has mounted through FUSE.
 namespace Mounts {
 
+/// One line of the kernel's table.
+struct Mount {
+    uint64 id = 0;
+    std::string device; ///< of the file system, "major:minor"
+    std::string root;   ///< what is shown of it, a path from its own root
+    std::string at;     ///< mount point
+    std::string source; ///< what was named as the device
+};
+
+/// All mounts, in the order in which they were made.
+std::vector<Mount> all();
 /// The mount points below `folder`, the folder itself left out, in the order in which they were made; from
 /// the kernel's table.
 std::vector<std::string> below(const std::string& folder);

@@ -1,12 +1,16 @@
 #include "Redirection.h"
 
+#include "Mounts.h"
 #include "SxException.h"
 #include "SxOs.h"
+#include "ZqServiceFolder.h"
 
 #include <algorithm>
 #include <cerrno>
+#include <fcntl.h>
 #include <filesystem>
 #include <strings.h>
+#include <sys/file.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -16,6 +20,10 @@ namespace {
 
 constexpr const char* UNIT = "src/driver/Redirection";
 using Path = std::vector<std::string>;
+
+[[noreturn]] void fail(const SxString& what, int line) {
+    throw SxException(what + ": " + SxOs::errorText(errno), UNIT, line);
+}
 
 std::string join(const std::string& base, const Path& path) {
     std::string result = base;
@@ -49,8 +57,7 @@ Kind kindOf(const std::string& path) {
     struct stat info = {};
     if (::lstat(path.c_str(), &info) != 0) {
         if (errno == ENOENT) return Kind::Missing;
-        throw SxException("Cannot look at '" + SxString(path) + "': " + SxOs::errorText(errno), UNIT,
-                          __LINE__);
+        fail("Cannot look at '" + SxString(path) + "'", __LINE__);
     }
     if (S_ISLNK(info.st_mode)) {
         throw SxException("'" + SxString(path) + "' is a link, which can't be redirected", UNIT, __LINE__);
@@ -102,22 +109,31 @@ std::string escape(const std::string& path) {
 }
 
 void makeFolder(const std::string& path) {
-    if (::mkdir(path.c_str(), 0777) != 0 && errno != EEXIST) {
-        throw SxException("Cannot create folder '" + SxString(path) + "': " + SxOs::errorText(errno), UNIT,
-                          __LINE__);
+    if (::mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) {
+        fail("Cannot create folder '" + SxString(path) + "'", __LINE__);
     }
 }
 
-/// Mounts a writable overlay on the folder `path` of the volume, with the private side as its upper layer.
-void overlay(const std::string& volumeSide, const std::string& privateSide, const std::string& work) {
-    makeFolder(work);
-    const std::string data = "lowerdir=" + escape(volumeSide) + ",upperdir=" + escape(privateSide) +
-                             ",workdir=" + escape(work) + ",index=off,metacopy=off,redirect_dir=off";
-    if (::mount("overlay", volumeSide.c_str(), "overlay", MS_NOSUID | MS_NODEV, data.c_str()) != 0) {
-        throw SxException("Cannot put an overlay with the private folder '" + SxString(privateSide) +
-                              "' on '" + SxString(volumeSide) + "': " + SxOs::errorText(errno),
-                          UNIT, __LINE__);
+std::string canonical(const std::string& path) {
+    std::string result;
+    const int error = SxOs::get().canonical(path, &result);
+    if (error < 0) {
+        throw SxException("Cannot look at '" + SxString(path) + "': " + SxOs::errorText(error), UNIT,
+                          __LINE__);
     }
+    return result;
+}
+
+/// The mount that `path`, a canonical one, lies on.
+Mounts::Mount mountOf(const std::string& path) {
+    struct statx info = {};
+    if (::statx(AT_FDCWD, path.c_str(), 0, STATX_MNT_ID, &info) != 0) {
+        fail("Cannot look at '" + SxString(path) + "'", __LINE__);
+    }
+    for (const Mounts::Mount& mount : Mounts::all()) {
+        if ((info.stx_mask & STATX_MNT_ID) && mount.id == info.stx_mnt_id) return mount;
+    }
+    throw SxException("Cannot tell what '" + SxString(path) + "' is mounted on", UNIT, __LINE__);
 }
 
 bool isBelow(const Path& path, const Path& folder) {
@@ -137,12 +153,162 @@ std::string protectedFolder(const std::string& volume) {
     throw SxException("The volume has neither a folder TAVRIN-protected nor TAVRIN-private", UNIT, __LINE__);
 }
 
+/// The mounts of one redirection. What was not kept is undone, the latest first.
+class NewMounts {
+public:
+    NewMounts() = default;
+    ~NewMounts() {
+        // What stays all the same goes with the volume.
+        for (auto path = made.rbegin(); path != made.rend(); ++path)
+            Mounts::detach(*path);
+    }
+    NewMounts(const NewMounts&) = delete;
+    NewMounts& operator=(const NewMounts&) = delete;
+
+    /// Mounts a writable overlay on a folder of the volume, with the private side as its upper layer.
+    void overlay(const std::string& onVolume, const std::string& inPrivate, const std::string& work,
+                 const std::string& mark) {
+        makeFolder(work);
+        const std::string data = "lowerdir=" + escape(onVolume) + ",upperdir=" + escape(inPrivate) +
+                                 ",workdir=" + escape(work) + ",index=off,metacopy=off,redirect_dir=off";
+        if (::mount(mark.c_str(), onVolume.c_str(), "overlay", MS_NOSUID | MS_NODEV, data.c_str()) != 0) {
+            fail("Cannot put an overlay with the private folder '" + SxString(inPrivate) + "' on '" +
+                     SxString(onVolume) + "'",
+                 __LINE__);
+        }
+        made.push_back(onVolume);
+    }
+    void bind(const std::string& from, const std::string& to) {
+        const SxString words = "Cannot bind '" + SxString(from) + "' to '" + SxString(to) + "'";
+        if (::mount(from.c_str(), to.c_str(), nullptr, MS_BIND, nullptr) != 0) fail(words, __LINE__);
+        made.push_back(to);
+        constexpr unsigned long FLAGS = MS_BIND | MS_REMOUNT | MS_NOSUID | MS_NODEV;
+        if (::mount(nullptr, to.c_str(), nullptr, FLAGS, nullptr) != 0) fail(words, __LINE__);
+    }
+    void keep() { made.clear(); }
+
+private:
+    std::vector<std::string> made;
+};
+
+/// A folder that gets a mount.
+struct Place {
+    Path onVolume, inPrivate;
+};
+
+/// Overlays come first, the nearest to the root ahead.
+struct Plan {
+    std::vector<Place> overlays, binds;
+};
+
+Plan planOf(const std::vector<Name>& names) {
+    const auto isBind = [](const Name& name) {
+        return name.volumeKind == Kind::Folder && name.privateKind == Kind::Folder;
+    };
+    Plan plan;
+    std::vector<Path> bound;
+    for (const Name& name : names) {
+        if (!isBind(name) || std::find(bound.begin(), bound.end(), name.onVolume) != bound.end()) continue;
+        plan.binds.push_back({name.onVolume, name.inPrivate});
+        bound.push_back(name.onVolume);
+    }
+    std::vector<Place> wanted;
+    for (const Name& name : names) {
+        if (isBind(name) || isCovered(name.onVolume, bound)) continue;
+        const auto n = static_cast<int64>(std::min(name.nPresent, name.onVolume.size() - 1));
+        wanted.push_back({{name.onVolume.begin(), name.onVolume.begin() + n},
+                          {name.inPrivate.begin(), name.inPrivate.begin() + n}});
+    }
+    // The folders nearest to the root come first: each covers those below it.
+    std::sort(wanted.begin(), wanted.end(), [](const Place& a, const Place& b) {
+        return std::make_pair(a.onVolume.size(), a.onVolume) < std::make_pair(b.onVolume.size(), b.onVolume);
+    });
+    std::vector<Path> overlaid;
+    for (const Place& place : wanted) {
+        if (isCovered(place.onVolume, overlaid)) continue;
+        plan.overlays.push_back(place);
+        overlaid.push_back(place.onVolume);
+    }
+    return plan;
+}
+
+/// The private side's protected folder, which no two drives use at once: they would share an overlay's
+/// layers. Who uses it is told by the kernel's table of mounts, since nothing else ends with them.
+class PrivateFolder {
+public:
+    /// `path`: a canonical one.
+    explicit PrivateFolder(const std::string& path_) : path(path_) {
+        struct stat info = {};
+        fd = ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        if (fd < 0 || ::fstat(fd, &info) != 0) fail("Cannot open '" + SxString(path) + "'", __LINE__);
+        mark = "tavrin-" + std::to_string(info.st_dev) + "-" + std::to_string(info.st_ino);
+        // Held as long as this process makes its mounts. Some network file systems have no such locks.
+        if (::flock(fd, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) refuse();
+    }
+    ~PrivateFolder() { ::close(fd); }
+    PrivateFolder(const PrivateFolder&) = delete;
+    PrivateFolder& operator=(const PrivateFolder&) = delete;
+
+    /// As an overlay's device it tells whose layer that is.
+    const std::string& getMark() const { return mark; }
+
+    /// Raises where a drive has a mount of this folder, or of one of those that are to be bound.
+    void requireUnused(const std::string& guarded, const std::vector<Place>& binds) const {
+        std::vector<std::string> folders = {path};
+        for (const Place& place : binds)
+            folders.push_back(join(path, place.inPrivate));
+        const std::string drives = std::string("/") + ZqServiceFolder::VOLUME + "/" + guarded;
+        std::vector<Mounts::Mount> ofDrives;
+        for (const Mounts::Mount& mount : Mounts::all()) {
+            if ((mount.at + "/").find(drives + "/") == std::string::npos) continue;
+            if (mount.source == mark) refuse();
+            ofDrives.push_back(mount);
+        }
+        for (const std::string& folder : folders) {
+            const Mounts::Mount own = mountOf(folder);
+            const std::string root = own.root == "/" ? "" : own.root;
+            const std::string shown = root + (own.at == "/" ? folder : folder.substr(own.at.size()));
+            for (const Mounts::Mount& mount : ofDrives) {
+                if (mount.device == own.device && (mount.root + "/").starts_with(shown + "/")) refuse();
+            }
+        }
+    }
+    /// Where the overlays have their work folders: on the mount of their upper layers, as the kernel demands,
+    /// and outside of them.
+    std::string makeWork() const {
+        const size_t slash = path.rfind('/');
+        const std::string parent = slash == 0 ? "/" : path.substr(0, slash);
+        if (mountOf(parent).id != mountOf(path).id) {
+            throw SxException("The private folder '" + SxString(path) +
+                                  "' is the whole of a file system; a folder in it is needed",
+                              UNIT, __LINE__);
+        }
+        std::string work = path;
+        work.insert(slash + 1, ".").append(".tavrin-work");
+        if (kindOf(work) == Kind::Missing) makeFolder(work);
+        return work;
+    }
+
+private:
+    [[noreturn]] void refuse() const {
+        throw SxException("The private folder '" + SxString(path) + "' is in use by another drive", UNIT,
+                          __LINE__);
+    }
+
+    std::string path, mark;
+    int fd = -1;
+};
+
 } // namespace
 
 void Redirection::apply(const SxString& volume, const SxString& directory, const SxList<SxString>& names) {
-    const std::string guarded = protectedFolder(volume.str());
-    const std::string volumeBase = volume.str() + "/" + guarded;
-    const std::string privateBase = directory.str() + "/" + guarded;
+    const std::string root = canonical(volume.str()), guarded = protectedFolder(root);
+    const std::string volumeBase = root + "/" + guarded;
+    if (!Mounts::below(root).empty()) {
+        throw SxException("Names of '" + SxString(volumeBase) + "' are redirected already", UNIT, __LINE__);
+    }
+    const std::string privateBase = canonical(directory.str() + "/" + guarded);
+    const PrivateFolder own(privateBase);
     std::vector<Name> found;
     for (const SxString& text : names) {
         const Path wanted = parse(text);
@@ -152,41 +318,16 @@ void Redirection::apply(const SxString& volume, const SxString& directory, const
         name.privateKind = resolve(privateBase, wanted, &name.inPrivate, &ignored);
         found.push_back(name);
     }
-    const auto isBind = [](const Name& name) {
-        return name.volumeKind == Kind::Folder && name.privateKind == Kind::Folder;
-    };
-    std::vector<Path> bound, overlaid;
-    for (const Name& name : found) {
-        if (isBind(name)) bound.push_back(name.onVolume);
+    const Plan plan = planOf(found);
+    own.requireUnused(guarded, plan.binds);
+    const std::string work = plan.overlays.empty() ? std::string() : own.makeWork();
+    NewMounts mounts;
+    for (size_t i = 0; i < plan.overlays.size(); ++i) {
+        const Place& place = plan.overlays[i];
+        mounts.overlay(join(volumeBase, place.onVolume), join(privateBase, place.inPrivate),
+                       work + "/" + std::to_string(i), own.getMark());
     }
-    std::vector<std::pair<Path, Path>> overlays; // on the volume, in private
-    for (const Name& name : found) {
-        if (isBind(name) || isCovered(name.onVolume, bound)) continue;
-        const size_t n = std::min(name.nPresent, name.onVolume.size() - 1);
-        overlays.push_back({{name.onVolume.begin(), name.onVolume.begin() + static_cast<int64>(n)},
-                            {name.inPrivate.begin(), name.inPrivate.begin() + static_cast<int64>(n)}});
-    }
-    // The folders nearest to the root come first: each covers those below it.
-    std::sort(overlays.begin(), overlays.end(), [](const auto& a, const auto& b) {
-        return std::make_pair(a.first.size(), a.first) < std::make_pair(b.first.size(), b.first);
-    });
-    for (const auto& [onVolume, inPrivate] : overlays) {
-        if (isCovered(onVolume, overlaid)) continue;
-        const std::string work = directory.str() + "/work";
-        makeFolder(work);
-        overlay(join(volumeBase, onVolume), join(privateBase, inPrivate),
-                work + "/" + std::to_string(overlaid.size()));
-        overlaid.push_back(onVolume);
-    }
-    for (const Name& name : found) {
-        if (!isBind(name)) continue;
-        const std::string from = join(privateBase, name.inPrivate), to = join(volumeBase, name.onVolume);
-        if (::mount(from.c_str(), to.c_str(), nullptr, MS_BIND, nullptr) != 0 ||
-            ::mount(nullptr, to.c_str(), nullptr, MS_BIND | MS_REMOUNT | MS_NOSUID | MS_NODEV, nullptr) !=
-                0) {
-            throw SxException("Cannot bind '" + SxString(from) + "' to '" + SxString(to) +
-                                  "': " + SxOs::errorText(errno),
-                              UNIT, __LINE__);
-        }
-    }
+    for (const Place& place : plan.binds)
+        mounts.bind(join(privateBase, place.inPrivate), join(volumeBase, place.onVolume));
+    mounts.keep();
 }

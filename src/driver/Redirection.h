@@ -12,7 +12,8 @@ namespace Redirection {
 
 /// `volume` and `directory` are host paths; `names` are relative to the volume's protected folder, and the
 /// private copy of each is `directory`/<protected folder>/<name>. Raises on a name that could lead out of
-/// these folders, and where a mount fails.
+/// these folders or through a link, where names of the volume are redirected already, where a drive of this
+/// machine, of any service, uses the private copies, and where a mount fails; then nothing stays mounted.
 void apply(const SxString& volume, const SxString& directory, const SxList<SxString>& names);
 
 } // namespace Redirection
