@@ -6,7 +6,7 @@
 # Without a group: what building and testing need. Groups add to that:
 #   clang     sanitizer builds          lint     format check and clang-tidy
 #   fuzz      libFuzzer builds          demo     the game that the demonstration uses
-#   package   Debian packages
+#   package   Debian packages           peers     what the benchmarks compare with
 # Says and touches nothing where all is there already.
 set -euo pipefail
 
@@ -23,8 +23,9 @@ for group in "$@"; do
     lint) packages+=(git clang-14 clang-tidy-14 clang-format-14) ;;
     demo) packages+=(freedoom) ;;
     package) packages+=(dpkg-dev file) ;;
+    peers) packages+=(nbdkit libnbd-bin qemu-system-common) ;;
     *)
-        echo "install-deps.sh: no group \"$group\" (there are: clang, lint, fuzz, demo, package)" >&2
+        echo "install-deps.sh: no group \"$group\" (there are: clang, lint, fuzz, demo, package, peers)" >&2
         exit 2
         ;;
     esac

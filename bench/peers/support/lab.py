@@ -1,0 +1,152 @@
+"""What benchmarks against peers have in common: programs, mounts and loop devices that are gone at the end of a
+`with`, whatever happens in it; and figures as a table."""
+
+import contextlib
+import ctypes
+import os
+import signal
+import statistics
+import subprocess
+import sys
+import time
+
+MS_RDONLY, MS_NOSUID, MS_NODEV, MNT_DETACH = 1, 2, 4, 2
+LIBC = ctypes.CDLL(None, use_errno=True)
+
+
+def end_by_exception():
+    """Makes a signal that would end the process raise instead, so that everything is cleaned up."""
+
+    def leave(number, _):
+        raise SystemExit(128 + number)
+
+    for number in (signal.SIGTERM, signal.SIGHUP):
+        signal.signal(number, leave)
+
+
+def run(*words, env=None):
+    """Runs a program and gives its standard output; raises with its error text where it fails."""
+    outcome = subprocess.run([str(word) for word in words], capture_output=True, text=True, env=env)
+    if outcome.returncode != 0:
+        raise RuntimeError(f"{' '.join(map(str, words))}: exit code {outcome.returncode}: {outcome.stderr.strip()}")
+    return outcome.stdout
+
+
+def wait_until(ready, what, seconds=20):
+    limit = time.monotonic() + seconds
+    while not ready():
+        if time.monotonic() > limit:
+            raise RuntimeError(f"waited {seconds} s in vain: {what}")
+        time.sleep(0.005)
+
+
+@contextlib.contextmanager
+def program(*words, seconds=20):
+    """A program that runs during the `with`."""
+    process = subprocess.Popen([str(word) for word in words], stdin=subprocess.DEVNULL)
+    try:
+        yield process
+    finally:
+        if process.poll() is None:
+            process.terminate()
+        try:
+            process.wait(seconds)
+        except subprocess.TimeoutExpired:
+            process.kill()
+            process.wait()
+
+
+def mounted_at(path):
+    with open("/proc/self/mountinfo", encoding="utf-8") as table:
+        return any(line.split()[4] == str(path) for line in table)
+
+
+def unmount(path):
+    limit = time.monotonic() + 10
+    while LIBC.umount2(os.fsencode(path), 0) != 0:
+        if ctypes.get_errno() == 22:  # EINVAL: it has gone by itself
+            return
+        if time.monotonic() > limit:
+            LIBC.umount2(os.fsencode(path), MNT_DETACH)
+            raise RuntimeError(f"{path} stays busy; it was detached")
+        time.sleep(0.01)
+
+
+@contextlib.contextmanager
+def volume(source, kind, folder):
+    """A read-only mount by mount(2) itself; mount(8) would put a loop device below a file."""
+    folder.mkdir(exist_ok=True)
+    if LIBC.mount(os.fsencode(source), os.fsencode(folder), kind.encode(), MS_RDONLY | MS_NOSUID | MS_NODEV, None):
+        error = ctypes.get_errno()
+        raise OSError(error, f"cannot mount {source} as {kind}: {os.strerror(error)}")
+    try:
+        yield folder
+    finally:
+        unmount(folder)
+
+
+@contextlib.contextmanager
+def loop(file, direct):
+    """A read-only loop device."""
+    device = run("losetup", "--read-only", "--find", "--show", f"--direct-io={'on' if direct else 'off'}", file).strip()
+    try:
+        yield device
+    finally:
+        run("losetup", "--detach", device)
+
+
+def drop_caches():
+    os.sync()
+    with open("/proc/sys/vm/drop_caches", "w", encoding="ascii") as file:
+        file.write("3\n")
+
+
+def read_into_cache(file):
+    with open(file, "rb", buffering=0) as source:
+        data = bytearray(1 << 20)
+        while source.readinto(data):
+            pass
+
+
+def interleave(rounds, sides, measure):
+    """The values of each side, all sides in turn in each round, which begins with another side each time."""
+    values = {side: [] for side in sides}
+    for number in range(rounds):
+        shift = number % len(sides)
+        for side in sides[shift:] + sides[:shift]:
+            values[side].append(measure(side))
+    return {side: statistics.median(found) for side, found in values.items()}
+
+
+class Table:
+    """Prints each figure with its goal, and counts those that miss it."""
+
+    def __init__(self):
+        self.total = self.missed = 0
+
+    def ratio(self, name, unit, ours, other_name, other, goal=None):
+        text = (
+            f"{name:<24} ours {ours:>9,.0f} {unit:<6} {other_name:<16} {other:>9,.0f} {unit:<6} "
+            f"ratio {ours / other:>6.2f}"
+        )
+        if goal is None:
+            print(text, flush=True)
+        else:
+            self._row(f"{text}  goal >= {goal:g}", ours / other >= goal)
+
+    def limit(self, name, unit, ours, limit, digits=2):
+        self._row(f"{name:<24} ours {ours:>9,.{digits}f} {unit:<6} goal <= {limit:,.{digits}f}", ours <= limit)
+
+    def _row(self, text, met):
+        self.total += 1
+        self.missed += not met
+        print(f"{text}  {'ok' if met else 'MISSED'}", flush=True)
+
+    def close(self):
+        print(f"{self.total - self.missed} of {self.total} goals met", flush=True)
+
+
+def need_root():
+    if os.geteuid() != 0:
+        print("left out: needs root")
+        sys.exit(0)

@@ -1,0 +1,131 @@
+// Reads one file the way an application does, and says how fast that went; for benchmarks whose own language
+// would be slower than what they measure.
+//
+//   reader sequential FILE                      MiB/s of 1 MiB reads from start to end
+//   reader random FILE COUNT SEED N_THREADS     reads/s of COUNT different blocks in random order
+//   reader wait FILE N                          N threads that each wait for another part of the file, then
+//   the
+//                                               number of those that got it
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <numeric>
+#include <random>
+#include <stdexcept>
+#include <string>
+#include <sys/stat.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+constexpr size_t BLOCK = 4096, CHUNK = 1 << 20;
+
+class File {
+public:
+    explicit File(const char* path) : fd(open(path, O_RDONLY | O_CLOEXEC)) {
+        struct stat info = {};
+        if (fd < 0 || fstat(fd, &info) != 0)
+            throw std::runtime_error(std::string(path) + ": " + std::strerror(errno));
+        nBytes = static_cast<size_t>(info.st_size);
+    }
+    ~File() { close(fd); }
+    File(const File&) = delete;
+    File& operator=(const File&) = delete;
+
+    size_t size() const { return nBytes; }
+    bool read(size_t offset, size_t bytes, char* data) const {
+        return pread(fd, data, bytes, static_cast<off_t>(offset)) == static_cast<ssize_t>(bytes);
+    }
+
+private:
+    int fd;
+    size_t nBytes;
+};
+
+template<class Work>
+double secondsOf(Work&& work) {
+    const auto start = std::chrono::steady_clock::now();
+    work();
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+/// Runs `work` with a number from 0 in each of `n` threads.
+template<class Work>
+void inThreads(size_t n, Work&& work) {
+    std::vector<std::thread> threads;
+    for (size_t i = 0; i < n; ++i)
+        threads.emplace_back(work, i);
+    for (std::thread& thread : threads)
+        thread.join();
+}
+
+double sequential(const File& file) {
+    std::vector<char> data(CHUNK);
+    const double seconds = secondsOf([&] {
+        for (size_t offset = 0; offset < file.size(); offset += CHUNK) {
+            if (!file.read(offset, std::min(CHUNK, file.size() - offset), data.data()))
+                throw std::runtime_error("cannot read at " + std::to_string(offset));
+        }
+    });
+    return static_cast<double>(file.size()) / (1 << 20) / seconds;
+}
+
+double random(const File& file, size_t count, unsigned long seed, size_t nThreads) {
+    std::vector<size_t> order(file.size() / BLOCK);
+    std::iota(order.begin(), order.end(), size_t{0});
+    std::shuffle(order.begin(), order.end(), std::mt19937_64(seed));
+    order.resize(std::min(count, order.size()));
+    std::atomic<size_t> next{0}, nFailed{0};
+    const double seconds = secondsOf([&] {
+        inThreads(nThreads, [&](size_t) {
+            std::vector<char> data(BLOCK);
+            for (size_t i = next++; i < order.size(); i = next++) {
+                if (!file.read(order[i] * BLOCK, BLOCK, data.data())) ++nFailed;
+            }
+        });
+    });
+    if (nFailed != 0) throw std::runtime_error(std::to_string(nFailed) + " reads failed");
+    return static_cast<double>(order.size()) / seconds;
+}
+
+size_t wait(const File& file, size_t n) {
+    std::atomic<size_t> nGot{0};
+    const size_t step = file.size() / (n + 2) / BLOCK * BLOCK;
+    inThreads(n, [&](size_t i) {
+        std::vector<char> data(BLOCK);
+        if (file.read((i + 1) * step, BLOCK, data.data())) ++nGot;
+    });
+    return nGot;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    const std::vector<std::string> words(argv + 1, argv + argc);
+    try {
+        if (words.size() == 2 && words[0] == "sequential") {
+            std::printf("%.1f\n", sequential(File(argv[2])));
+        } else if (words.size() == 5 && words[0] == "random") {
+            std::printf("%.1f\n", random(File(argv[2]), std::stoul(words[2]), std::stoul(words[3]),
+                                         std::stoul(words[4])));
+        } else if (words.size() == 3 && words[0] == "wait") {
+            std::printf("%zu\n", wait(File(argv[2]), std::stoul(words[2])));
+        } else {
+            std::fprintf(stderr,
+                         "usage: reader sequential FILE | random FILE COUNT SEED N_THREADS | wait FILE N\n");
+            return 2;
+        }
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "reader: %s\n", e.what());
+        return 1;
+    }
+    return 0;
+}
