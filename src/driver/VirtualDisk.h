@@ -2,6 +2,7 @@
 
 #include "BlockMap.h"
 #include "HeldRequests.h"
+#include "LookAhead.h"
 #include "ReadPlan.h"
 #include "TraceRecorder.h"
 #include "UnderflowStore.h"
@@ -122,6 +123,7 @@ private:
         int error = 0;                   ///< errno value
         const char* file = "";
         uint64 at = 0; ///< byte offset in the file
+        bool isCold = false;
 
         SxString text() const;
     };
@@ -143,6 +145,7 @@ private:
     Fault carryOut(const ReadPlan& plan);
     int64 readRun(int fd, const ReadPlan::Run& run, const ReadPlan::Run* end, bool* isAnnounced) const;
     void announce(const ReadPlan::Run* run, const ReadPlan::Run* end) const;
+    void announceAhead(LookAhead::Range range, uint64 present) const;
     bool isInLastBlock(uint64 from) const;
 
     bool isEdgeMissing(uint64 offset, uint32 size) const;
@@ -165,6 +168,7 @@ private:
     WriteLayer layer;
     HeldRequests held;
     TraceRecorder trace;
+    LookAhead lookAhead;
 
     std::atomic<uint64> qaCursor{~uint64{0}}, beyondQA{0}, reads{0};
     std::atomic<int64> nWriting{0};

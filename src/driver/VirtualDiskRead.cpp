@@ -27,9 +27,13 @@ VirtualDisk::Outcome VirtualDisk::readPresent(uint64 offset, uint32 size, char* 
     for (;;) {
         const uint64 changes = nChanges(), present = cursor.load();
         if (!planRead(offset, size, to, present, &plan)) return Outcome::Missing;
+        announceAhead(lookAhead.take(offset, size), present);
         const Fault fault = carryOut(plan);
         const bool isStale = plan.isVolatile() && changes != nChanges();
-        if (fault.error == 0 && !isStale) return Outcome::Done;
+        if (fault.error == 0 && !isStale) {
+            if (fault.isCold) lookAhead.follow(offset + size);
+            return Outcome::Done;
+        }
         // A file that comes short may have been cut behind a lowered cursor.
         if (isStale || present != cursor.load()) continue;
         fail(fault.text());
@@ -65,7 +69,8 @@ bool VirtualDisk::planRead(uint64 offset, uint32 size, char* to, uint64 present,
 VirtualDisk::Fault VirtualDisk::carryOut(const ReadPlan& plan) {
     // A single run needs no announcement, and what is in the cache no more: the first run that isn't tells
     // that the others may not be either.
-    bool isAnnounced = plan.end() - plan.begin() < 2;
+    const bool isSingle = plan.end() - plan.begin() < 2;
+    bool isAnnounced = isSingle;
     for (const ReadPlan::Run& run : plan) {
         if (run.kind == ReadPlan::Zeros) {
             std::memset(run.to, 0, run.size);
@@ -84,7 +89,9 @@ VirtualDisk::Fault VirtualDisk::carryOut(const ReadPlan& plan) {
             std::memset(run.to + got, 0, run.size - static_cast<uint64>(got));
         }
     }
-    return {};
+    Fault none;
+    none.isCold = isAnnounced && !isSingle;
+    return none;
 }
 
 int64 VirtualDisk::readRun(int fd, const ReadPlan::Run& run, const ReadPlan::Run* end,
@@ -110,6 +117,25 @@ void VirtualDisk::announce(const ReadPlan::Run* run, const ReadPlan::Run* end) c
                                                         : -1;
         if (fd >= 0) SxOs::get().adviseSoon(fd, static_cast<int64>(run->from), run->size);
     }
+}
+
+/// Those blocks of the range that are in `img.zqf`.
+void VirtualDisk::announceAhead(LookAhead::Range range, uint64 present) const {
+    uint64 from = 0, to = 0; // bytes of img.zqf
+    const uint64 end = std::min(range.to, cfg.sizeRaw);
+    for (uint64 at = range.from; at < end; at += BLOCK_SIZE) {
+        const BlockMap::Place place = map.get({at / BLOCK_SIZE});
+        if (!place.isStored() || place.zqfIdx().value >= present) continue;
+        const auto byte = static_cast<uint64>(place.zqfIdx().byte());
+        if (byte != to) {
+            if (from < to)
+                SxOs::get().adviseSoon(zqf.getFd(), static_cast<int64>(from), static_cast<int64>(to - from));
+            from = byte;
+        }
+        to = byte + BLOCK_SIZE;
+    }
+    if (from < to)
+        SxOs::get().adviseSoon(zqf.getFd(), static_cast<int64>(from), static_cast<int64>(to - from));
 }
 
 /// Whether `img.zqf` has a short last block and `from` lies in it: what it lacks there are zeros.
