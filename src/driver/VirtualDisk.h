@@ -122,8 +122,8 @@ private:
         static constexpr int SHORT = -1; ///< the file ends too early
         int error = 0;                   ///< errno value
         const char* file = "";
-        uint64 at = 0; ///< byte offset in the file
-        bool isCold = false;
+        uint64 at = 0;       ///< byte offset in the file
+        bool isCold = false; ///< without a fault: not all was in the cache
 
         SxString text() const;
     };
