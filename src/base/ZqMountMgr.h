@@ -178,7 +178,7 @@ private:
     static void clearTraceFolder(const SxString& image, const SxString& traceFolder);
     static void ejectImage(const SxString& image);
 
-    void checkImage(const SxString& image, uint64 cursor, const SxString& traceFolder) const;
+    void checkImage(const SxString& image, uint64 sizeRaw, uint64 cursor, const SxString& traceFolder) const;
     void prepareGuard(const SxString& image);
     void equipDrive(const SxString& image, const SxString& traceFolder, ZqTraceParams::Method traceMethod,
                     const ZqRedirection& redirection) const;

@@ -74,7 +74,8 @@ int64 cacheBytes(int64 units) {
 
 } // namespace
 
-void ZqMountMgr::checkImage(const SxString& image, uint64 cursor, const SxString& traceFolder) const {
+void ZqMountMgr::checkImage(const SxString& image, uint64 sizeRaw, uint64 cursor,
+                            const SxString& traceFolder) const {
     const SxString zqf = image + "/" + ZqImageFiles::ZQF, idx = image + "/" + ZqImageFiles::IDX;
     if (!SxFSAction::test_f(idx)) throw SxException("Cannot find mapping file " + idx, UNIT, __LINE__);
     if (!SxFSAction::test_f(zqf)) throw SxException("Cannot find image file " + zqf, UNIT, __LINE__);
@@ -85,6 +86,11 @@ void ZqMountMgr::checkImage(const SxString& image, uint64 cursor, const SxString
         } catch (const SxException& e) {
             throw SxException(e, "Cannot clean former trace data", UNIT, __LINE__);
         }
+    }
+    // A map of the wrong size is none, and may be too large to read.
+    const uint64 nRaw = (sizeRaw + (uint64{1} << BLOCK_SHIFT) - 1) >> BLOCK_SHIFT;
+    if (static_cast<uint64>(SxFileInfo(idx).getSize()) != nRaw * sizeof(uint64)) {
+        throw SxException("Corrupt mapping information detected", UNIT, __LINE__);
     }
     checkMap(idx, appParams->checksumIdx);
     // A guard that answers with "no" has no reason to give.
@@ -157,7 +163,7 @@ SxString ZqMountMgr::mountImageZQF(MountMode mode, DeviceMode deviceMode, const 
         // A text that isn't known fails ahead of a drive.
         const auto method =
             traceFolder.isEmpty() ? ZqTraceParams::Monitoring : ZqTraceParams::stringToMethod(traceMethod);
-        checkImage(image, cursor, traceFolder);
+        checkImage(image, sizeRaw, cursor, traceFolder);
         setCacheSize(0);
         mount();
         prepareGuard(image);

@@ -12,6 +12,7 @@
 #include "ZqImageStaging.h"
 #include "ZqLog.h"
 #include "ZqRawFile.h"
+#include "ZqRedirection.h"
 #include "ZqSysEnv.h"
 
 #include <algorithm>
@@ -201,6 +202,10 @@ ZqAppParams ZqImageBuild::makeApp(const ZqSourceTree& tree) const {
                               ZqDriveMaker::typeToString(options.fileSystem) + " can't be written to",
                           UNIT, __LINE__);
     }
+    // What no mount would take is better found now.
+    ZqAppParams named = app;
+    if (named.guid.isEmpty()) named.guid = "x"; // comes from the drive
+    const ZqRedirection redirection(named);
     if (!options.cmd.isEmpty()) app.cmd = commandFor(tree);
     if (!options.args.isEmpty()) app.args = options.args;
     if (!options.name.isEmpty()) app.name = options.name;

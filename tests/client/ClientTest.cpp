@@ -204,8 +204,8 @@ TEST_F(ClientTest, buildVerifyRaw) {
     EXPECT_TRUE(dir.read("raw/img.raw") == dir.read("kept/img.raw"));
 
     const Outcome wrongFs = run({"image", "build", dir.path("src"), image, "--fs", "fat"});
-    EXPECT_EQ(wrongFs.code, 1);
-    EXPECT_THAT(wrongFs.err, HasSubstr("file system 'fat' is none of erofs, ext4, squashfs"));
+    EXPECT_EQ(wrongFs.code, 2);
+    EXPECT_THAT(wrongFs.err, HasSubstr("--fs is one of erofs|ext4|squashfs, not 'fat'"));
     const Outcome foreign = run({"image", "build", dir.path("src"), dir.path("kept")});
     EXPECT_EQ(foreign.code, 1);
     EXPECT_THAT(foreign.err, HasSubstr("isn't empty and holds no image"));

@@ -40,7 +40,8 @@ TEST(MountImage, TwiceInItsOrder) {
     EXPECT_THAT(machine.driver.notes,
                 ElementsAre("SetCacheSize 0", mounted, "GuardOn", "SetLogging off", "SetFailOnUnderflow",
                             "MonitorOff", "dismount E:", "ejectMedia E:", "SetCacheSize 5000000", mounted,
-                            "GuardOn", "SetImageType 4 1", "SetReparse cfg.ini -> C:/ProgramData/TAVRIN/G1"));
+                            "GuardOn", "SetImageType 4 1", "SetReparse cfg.ini -> C:/ProgramData/TAVRIN/G1",
+                            "setReady"));
     EXPECT_GT(nRefused, 20) << "the shape is held all the time";
     ZqImageLock::take(machine.image, ZqImageLock::Shape, ZqImageLock::Exclusive, "optimize");
     EXPECT_TRUE(machine.dir.exists("root/drive_c/ProgramData/TAVRIN/G1/TAVRIN-private/cfg.ini"));
@@ -195,8 +196,8 @@ TEST(MountImage, TheTraceFolderIsChecked) {
     Machine machine;
     const auto mount = [&](const SxString& folder, const char* method) {
         return causeOf(machine, [&] {
-            machine.mgr.mountImageZQF(ZqMountMgr::ReadOnly, ZqMountMgr::Removable, machine.image, 1, 1, 1,
-                                      false, folder, method);
+            machine.mgr.mountImageZQF(ZqMountMgr::ReadOnly, ZqMountMgr::Removable, machine.image, 32768, 4096,
+                                      1, false, folder, method);
         });
     };
     EXPECT_EQ(mount(machine.image, "set"),
