@@ -35,10 +35,13 @@ public:
     explicit OtherOs(const TempDir& dir) : FaultOs(dir.path()) {}
 
     int writeError = 0;
-    std::function<void()> aheadOfLock;
+    std::function<void()> aheadOfLock, behindMaking;
 
     int open(const std::string& path, unsigned flags, unsigned permissions) override {
-        return writeError && (flags & Write) ? -writeError : FaultOs::open(path, flags, permissions);
+        if (writeError && (flags & Write)) return -writeError;
+        const int fd = FaultOs::open(path, flags, permissions);
+        if (behindMaking && (flags & Create)) std::exchange(behindMaking, nullptr)();
+        return fd;
     }
     int lockRange(int fd, int64 offset, int64 n, SxOs::Lock lock) override {
         if (aheadOfLock) std::exchange(aheadOfLock, nullptr)();
@@ -134,6 +137,15 @@ TEST(ImageLock, TheLockFileGoesOrIsReplaced) {
     fs::create_symlink("elsewhere", file);
     EXPECT_THAT(dir.tryTake(Lock::Exclusive), HasSubstr("Cannot lock image '"));
     EXPECT_EQ(dir.read("elsewhere"), "precious");
+    fs::remove(file);
+    fs::permissions(dir.path("elsewhere"), fs::perms{0600});
+    OtherOs os(dir);
+    os.behindMaking = [&] {
+        fs::remove(file);
+        fs::create_symlink("elsewhere", file);
+    };
+    EXPECT_THAT(dir.tryTake(Lock::Exclusive), HasSubstr("Cannot lock image '"));
+    EXPECT_EQ(fs::status(dir.path("elsewhere")).permissions(), fs::perms{0600});
 }
 
 TEST(ImageLock, AnUnfinishedImageIsRefused) {
