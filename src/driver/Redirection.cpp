@@ -159,8 +159,8 @@ public:
     NewMounts() = default;
     ~NewMounts() {
         // What stays all the same goes with the volume.
-        for (auto path = made.rbegin(); path != made.rend(); ++path)
-            Mounts::detach(*path);
+        for (; !made.empty(); made.pop_back())
+            Mounts::detach(made.back());
     }
     NewMounts(const NewMounts&) = delete;
     NewMounts& operator=(const NewMounts&) = delete;
