@@ -4,8 +4,8 @@
 
 #include <string>
 
-// Requests to the drive service: the first byte is the kind, the rest the body. And the same bytes as its table of
-// disks. Nothing is mounted, whatever they ask for.
+// Requests to the drive service: the first byte is the kind, the rest the body. And the same bytes as its
+// table of disks. Nothing is mounted, whatever they ask for.
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, size_t size) {
     if (size == 0) return 0;
     const RecordFile file(ZqServiceFolder::DISK_TABLE, data + 1, size - 1);

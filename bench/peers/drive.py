@@ -61,7 +61,7 @@ class Product:
 
     def mount(self, image):
         """Gives the folder of the application on the drive."""
-        self.tavrin("mount", image)
+        self.tavrin("mount", image, "--mode", "ro")
         status = self.status(image)
         self.pid = status["servicePid"]
         path = Path(status["mountPath"])
@@ -294,7 +294,7 @@ class Bench:
         mount, umount = [], []
         for _ in range(10):
             start = time.monotonic()
-            path = Path(json.loads(self.product.tavrin("mount", self.image, "--json"))["mountPath"])
+            path = Path(json.loads(self.product.tavrin("mount", self.image, "--mode", "ro", "--json"))["mountPath"])
             try:
                 with open(path / APP / FIRST, "rb", buffering=0) as file:
                     file.read(BLOCK)
