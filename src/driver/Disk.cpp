@@ -105,8 +105,7 @@ void Disk::bringUp() {
     }
     for (const char* name : {ZqServiceFolder::FRONT, ZqServiceFolder::VOLUME})
         SxFSAction::mkdir_p(folder + "/" + name, 0700);
-    front.mount((folder + "/" + ZqServiceFolder::FRONT).str(), "tavrin",
-                type == "erofs" ? FuseFront::Cache::Keep : FuseFront::Cache::Bypass);
+    front.mount((folder + "/" + ZqServiceFolder::FRONT).str(), "tavrin");
     attach(type);
     SxFileIO::writeAtomic(
         folder + "/" + ZqServiceFolder::IDENTITY,
@@ -134,10 +133,7 @@ void Disk::attach(const SxString& type) {
                            MOUNT_MS, [this] { unblock(); });
     };
     Helper::Facts facts = run(type == "erofs" ? "file" : "loop");
-    if (facts.count("needsLoop") != 0) {
-        front.setCache(FuseFront::Cache::Bypass);
-        facts = run("loop");
-    }
+    if (facts.count("needsLoop") != 0) facts = run("loop");
     const SxMutexBlock block(&mutex);
     loop = SxString(facts["loop"]);
     readAhead = SxString(facts["readahead"]);

@@ -21,7 +21,8 @@
 namespace {
 
 constexpr const char* UNIT = "src/driver/FuseFront";
-constexpr int N_WORKERS = 4;
+/// Threads that serve requests: more than the machine has cores only wake each other.
+constexpr int64 MIN_WORKERS = 2, MAX_WORKERS = 8;
 /// Requests of a file system or a loop device count as background ones, and the kernel sends no more than
 /// this many at a time. Held ones are among them, so at the usual 12 a few would stop the whole disk.
 constexpr unsigned MAX_BACKGROUND = 4096;
@@ -88,9 +89,8 @@ void opOpen(fuse_req_t req, fuse_ino_t ino, fuse_file_info* file) {
         fuse_reply_err(req, EISDIR);
         return;
     }
-    const bool bypass = front(req)->getCache() == FuseFront::Cache::Bypass;
-    file->direct_io = bypass ? 1 : 0;
-    file->keep_cache = 1;
+    // What is read stays in the volume's cache; a second copy of it would cost half of the throughput.
+    file->direct_io = 1;
     fuse_reply_open(req, file);
 }
 
@@ -169,8 +169,7 @@ FuseFront::~FuseFront() {
     end();
 }
 
-void FuseFront::mount(const std::string& mountPoint, const std::string& name, Cache cache_) {
-    cache = cache_;
+void FuseFront::mount(const std::string& mountPoint, const std::string& name) {
     const std::string source = "fsname=" + name;
     const char* arguments[] = {"zqdd", "-o", source.c_str(), "-o", "nosuid,nodev,noexec", nullptr};
     fuse_args args = FUSE_ARGS_INIT(5, const_cast<char**>(arguments));
@@ -191,14 +190,11 @@ void FuseFront::mount(const std::string& mountPoint, const std::string& name, Ca
     }
     finisher = std::make_unique<Finisher>(this);
     finisher->start();
-    for (int i = 0; i < N_WORKERS; ++i) {
+    const int64 nWorkers = std::clamp(SxSystemThread::getNCores(), MIN_WORKERS, MAX_WORKERS);
+    for (int64 i = 0; i < nWorkers; ++i) {
         workers.push_back(std::make_unique<Worker>(session));
         workers.back()->start();
     }
-}
-
-void FuseFront::setCache(Cache cache_) {
-    cache = cache_;
 }
 
 void FuseFront::abort() {

@@ -21,12 +21,6 @@ struct fuse_req;
 /// requests which were held.
 class FuseFront {
 public:
-    /// How the kernel's page cache is used for the file.
-    enum class Cache {
-        Keep,  ///< for a file system that is mounted on the file itself
-        Bypass ///< for a loop device with direct I/O
-    };
-
     /// `disk` must outlive the object.
     explicit FuseFront(VirtualDisk* disk);
     ~FuseFront();
@@ -35,9 +29,7 @@ public:
 
     /// Mounts the file's folder at `mountPoint` (a host path) and serves it. `name` is shown as the mount's
     /// source. Raises where the kernel refuses.
-    void mount(const std::string& mountPoint, const std::string& name, Cache cache);
-    /// For what opens the file from now on.
-    void setCache(Cache cache);
+    void mount(const std::string& mountPoint, const std::string& name);
     /// Unmounts, detaching what is still in use, fails what is open then, and ends the threads. Harmless
     /// where nothing is mounted.
     void end();
@@ -59,7 +51,6 @@ public:
     int getWriteError() const { return writeError.load(); }
     void noteWriteError(int error);
     VirtualDisk* getDisk() const { return disk; }
-    Cache getCache() const { return cache; }
     void read(fuse_req* req, uint64 offset, uint64 size);
     void write(fuse_req* req, uint64 offset, const char* data, uint64 size);
 
@@ -71,7 +62,6 @@ private:
     void finish(Request request);
 
     VirtualDisk* const disk;
-    std::atomic<Cache> cache{Cache::Keep};
     fuse_session* session = nullptr;
     std::atomic<int> writeError{0};
     std::vector<std::unique_ptr<Worker>> workers;
