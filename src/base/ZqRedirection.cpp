@@ -4,7 +4,9 @@
 #include "SxFSAction.h"
 #include "ZqAppParams.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <vector>
 
 namespace {
 
@@ -147,7 +149,12 @@ SxString ZqRedirection::getNames() const {
 
 void ZqRedirection::prepare(const SxString& mountPoint) const {
     const Preparation preparation(mountPoint, directory);
-    for (const SxString& name : folders)
+    // A folder comes ahead of those in it: once one of these stands on the private side it counts as there,
+    // and the rest of it would never be copied.
+    std::vector<SxString> ordered(folders.begin(), folders.end());
+    std::stable_sort(ordered.begin(), ordered.end(),
+                     [](const SxString& a, const SxString& b) { return a.contains("/") < b.contains("/"); });
+    for (const SxString& name : ordered)
         preparation.folder(name);
     for (const SxString& name : files)
         preparation.file(name);

@@ -102,6 +102,9 @@ bool mountOrYield(ZqMountMgr* manager, ZqMountMgr::MountMode mode, const ZqAppPa
 int mount(const MountOptions& options, Output& out) {
     ZqMountMgr manager;
     if (isMountedWhole(&manager, options.image)) {
+        if (!options.mode.isEmpty() || !options.trace.isEmpty() || options.failOnMissing) {
+            out.finding("The options have no effect on a drive that is there already");
+        }
         tellMount(options.image, "Mounted already", &out);
         return ExitSuccess;
     }

@@ -70,6 +70,33 @@ private:
     int fd;
 };
 
+/// Does the service's regular work; apart, since writing a trace to a disk that hangs must keep no client
+/// waiting.
+class ControlServer::Ticker : public SxSystemThread {
+public:
+    explicit Ticker(Service* service_) : service(service_) { setThreadName("tick"); }
+    ~Ticker() override {
+        stopping = true;
+        wait();
+    }
+
+protected:
+    void main() override {
+        while (!stopping) {
+            try {
+                service->tick();
+            } catch (const std::exception& e) {
+                driverLog(e.what());
+            }
+            SxTime::msleep(TICK_MS);
+        }
+    }
+
+private:
+    Service* service;
+    std::atomic<bool> stopping{false};
+};
+
 ControlServer::ControlServer(Service* service_, const std::string& folder_, int64 idleMs_)
     : service(service_),
       folder(folder_),
@@ -188,18 +215,12 @@ bool ControlServer::endIfIdle() {
 }
 
 void ControlServer::run(const std::atomic<bool>& stop) {
-    int64 nextTickNs = 0;
+    Ticker ticker(service);
+    ticker.start();
     while (!stop) {
         pollfd waiting = {listener, POLLIN, 0};
         if (::poll(&waiting, 1, TICK_MS) > 0) accept();
         collect();
-        if (SxClock::get().steadyNs() < nextTickNs) continue;
-        nextTickNs = SxClock::get().steadyNs() + TICK_MS * 1'000'000;
-        try {
-            service->tick();
-        } catch (const std::exception& e) {
-            driverLog(e.what());
-        }
         if (endIfIdle()) return;
     }
 }

@@ -24,6 +24,7 @@ public:
 
 private:
     class Connection;
+    class Ticker;
 
     void accept();
     void collect();

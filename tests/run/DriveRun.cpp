@@ -109,7 +109,8 @@ std::vector<pid_t> DriveRun::processesOf(bool helpers) {
         const string name = process.path().filename();
         if (name.find_first_not_of("0123456789") != string::npos) continue;
         std::ifstream file(process.path() / "cmdline");
-        const string words((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+        string words; // nothing of a process that has ended
+        std::getline(file, words);
         if (words.find("zqdd") != string::npos && words.find(folder) != string::npos &&
             (words.find("helper") != string::npos) == helpers)
             found.push_back(static_cast<pid_t>(std::stol(name)));
