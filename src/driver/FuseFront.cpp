@@ -227,6 +227,8 @@ void FuseFront::end() {
             fuse_reply_err(request.req, EIO);
         held.clear();
     }
+    // Nothing is mounted any more; it gives back what it has noted of the mount.
+    fuse_session_unmount(session);
     fuse_session_destroy(session);
     session = nullptr;
 }

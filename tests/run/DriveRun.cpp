@@ -53,6 +53,12 @@ void DriveRun::TearDown() {
     for (const ZqDiskStatus& disk : ZqVolume::getDisks())
         run({"umount", disk.image.str(), "--hard"});
     EXPECT_THAT(leftovers(), testing::IsEmpty());
+    EXPECT_TRUE(eventually([] { return processesOf(false).empty(); })) << "the service doesn't end";
+    const fs::path folder = ZqServiceFolder::of(ZqMachineRoot::get().str());
+    std::ifstream log(folder / "zqdd.log");
+    for (string line; std::getline(log, line);)
+        EXPECT_EQ(line.find("Sanitizer"), string::npos) << line;
+    fs::remove_all(folder);
     ZqMachineRoot::set(SxString());
 }
 
