@@ -68,8 +68,8 @@ public:
     void grow(uint64 nBlocks);
 
 private:
-    string image, bytes; ///< of the whole `img.zqf`
-    uint64 present = 0;  ///< blocks
+    string image, bytes;            ///< of the whole `img.zqf`
+    std::atomic<uint64> present{0}; ///< blocks
     std::atomic<bool> stopping{false};
     std::thread thread;
 };
