@@ -27,15 +27,9 @@ std::string plain(const std::string& text) {
     return result;
 }
 
-bool isMounted(const std::string& path) {
-    const std::string parent = path.substr(0, path.find_last_of('/'));
-    const std::vector<std::string> mounts = Mounts::below(parent);
-    return std::find(mounts.begin(), mounts.end(), path) != mounts.end();
-}
-
 /// Gives an errno value, as far as the program lets us tell.
 int runFusermount(const std::string& path, const char* how) {
-    if (!isMounted(path)) return EINVAL;
+    if (!Mounts::isMounted(path)) return EINVAL;
     try {
         return SxProcess("fusermount3", {how, SxString(path)}, SxProcess::Silent).run() == 0 ? 0 : EBUSY;
     } catch (const SxException&) {
@@ -86,4 +80,10 @@ int Mounts::detach(const std::string& path) {
 void Mounts::abort(const std::string& path) {
     // A forced unmount ends the connection, whether or not the mount can go.
     if (::geteuid() == 0) ::umount2(path.c_str(), MNT_FORCE);
+}
+
+bool Mounts::isMounted(const std::string& path) {
+    const std::string parent = path.substr(0, path.find_last_of('/'));
+    const std::vector<std::string> mounts = below(parent);
+    return std::find(mounts.begin(), mounts.end(), path) != mounts.end();
 }

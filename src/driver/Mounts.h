@@ -24,6 +24,9 @@ std::vector<Mount> all();
 /// the kernel's table.
 std::vector<std::string> below(const std::string& folder);
 
+/// Whether something is mounted at `path`.
+bool isMounted(const std::string& path);
+
 /// Unmounts what is mounted at `path`, latest first. 0, or an errno value: EBUSY where it is in use, EINVAL
 /// where nothing is mounted there.
 int unmount(const std::string& path);

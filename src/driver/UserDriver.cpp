@@ -4,7 +4,6 @@
 #include "SxException.h"
 #include "SxTime.h"
 
-#include <algorithm>
 #include <cstdlib>
 #include <fcntl.h>
 #include <unistd.h>
@@ -21,11 +20,6 @@ bool isInPath(const std::string& program) {
         if (::access((folder + "/" + program).ascii(), X_OK) == 0) return true;
     }
     return false;
-}
-
-bool isMounted(const std::string& folder) {
-    const std::vector<std::string> mounts = Mounts::below(folder.substr(0, folder.find_last_of('/')));
-    return std::find(mounts.begin(), mounts.end(), folder) != mounts.end();
 }
 
 } // namespace
@@ -64,7 +58,7 @@ void UserDriver::start(const SxString& type, const SxString& file, const SxStrin
     process = std::make_unique<SxProcess>(
         SxString(program), SxList<SxString>{"-f", "-o", options, file, folder}, SxProcess::OutputToError);
     process->start();
-    while (!isMounted(folder.str())) {
+    while (!Mounts::isMounted(folder.str())) {
         if (!process->isRunning()) {
             throw SxException("'" + SxString(program) + "' ended with status " + SxString(process->wait()),
                               UNIT, __LINE__);
