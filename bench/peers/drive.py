@@ -214,6 +214,7 @@ class Bench:
         blockdev = f"driver=file,node-name=f,filename={self.raw},read-only=on"
         export = f"type=fuse,id=e,node-name=f,mountpoint={file},writable=off"
         with contextlib.ExitStack() as stack:
+            stack.callback(lab.unmount, file)  # a daemon that died has left it
             stack.enter_context(lab.program("qemu-storage-daemon", "--blockdev", blockdev, "--export", export))
             lab.wait_until(lambda: lab.mounted_at(file), "qemu-storage-daemon has mounted")
             yield self.attach(stack, file, direct=True, through_loop=through_loop)

@@ -12,9 +12,11 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -23,6 +25,9 @@ namespace {
 constexpr const char* UNIT = "src/driver/FuseFront";
 /// Threads that serve requests: more than the machine has cores only wake each other.
 constexpr int64 MIN_WORKERS = 2, MAX_WORKERS = 8;
+/// How long a thread that has just served a request looks for the next one before it sleeps. A program that
+/// reads block after block asks again within this time, and a wake-up costs more than serving a block.
+constexpr std::chrono::microseconds LOOK(30);
 /// Requests of a file system or a loop device count as background ones, and the kernel sends no more than
 /// this many at a time. Held ones are among them, so at the usual 12 a few would stop the whole disk.
 constexpr unsigned MAX_BACKGROUND = 4096;
@@ -125,12 +130,16 @@ fuse_lowlevel_ops operations() {
 /// Takes requests from the kernel.
 class FuseFront::Worker : public SxSystemThread {
 public:
-    explicit Worker(fuse_session* session_) : session(session_) { setThreadName("fuse"); }
+    /// @param looking_  shared by all workers of the session: whether one of them looks
+    Worker(fuse_session* session_, std::atomic<bool>* looking_) : session(session_), looking(looking_) {
+        setThreadName("fuse");
+    }
 
 protected:
     void main() override {
         fuse_buf request = {};
         while (!fuse_session_exited(session)) {
+            lookForNext();
             const int got = fuse_session_receive_buf(session, &request);
             if (got == -EINTR) continue;
             if (got <= 0) break;
@@ -141,7 +150,18 @@ protected:
     }
 
 private:
+    void lookForNext() {
+        // A second one would only take the core on which the reader runs.
+        if (looking->exchange(true, std::memory_order_relaxed)) return;
+        pollfd fd = {fuse_session_fd(session), POLLIN, 0};
+        const auto end = std::chrono::steady_clock::now() + LOOK;
+        while (::poll(&fd, 1, 0) == 0 && std::chrono::steady_clock::now() < end) {
+        }
+        looking->store(false, std::memory_order_relaxed);
+    }
+
     fuse_session* session;
+    std::atomic<bool>* looking;
 };
 
 /// Finishes requests that were held.
@@ -192,7 +212,7 @@ void FuseFront::mount(const std::string& mountPoint, const std::string& name) {
     finisher->start();
     const int64 nWorkers = std::clamp(SxSystemThread::getNCores(), MIN_WORKERS, MAX_WORKERS);
     for (int64 i = 0; i < nWorkers; ++i) {
-        workers.push_back(std::make_unique<Worker>(session));
+        workers.push_back(std::make_unique<Worker>(session, &looking));
         workers.back()->start();
     }
 }

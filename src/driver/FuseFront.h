@@ -65,6 +65,7 @@ private:
     fuse_session* session = nullptr;
     std::atomic<int> writeError{0};
     std::vector<std::unique_ptr<Worker>> workers;
+    std::atomic<bool> looking = false; ///< one of the workers looks for the next request
     std::unique_ptr<Finisher> finisher;
 
     SxMutex mountMutex; ///< held over unmounting, which waits for nobody
