@@ -49,6 +49,7 @@ ONE_FILE_ONLY = {
     "libarchive": re.compile(r"archive(_entry)?\.h$"),
     "zstd": re.compile(r"(zstd|zdict|zstd_errors)\.h$"),
     "openssl": re.compile(r"openssl/"),
+    "httplib": re.compile(r"httplib\.h$"),
 }
 
 INCLUDE = re.compile(r'^\s*#\s*include\s*(?:<([^>]+)>|"([^"]+)")')

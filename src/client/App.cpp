@@ -53,6 +53,14 @@ uint64 parseNumber(const std::string& name, const std::string& text, uint64 leas
     return value;
 }
 
+SxString requireWord(const char* name, const std::string& text, const SxList<SxString>& words,
+                     const std::string& all) {
+    if (!words.contains(SxString(text))) {
+        throw CLI::ValidationError(std::string(name) + " is one of " + all + ", not '" + text + "'");
+    }
+    return SxString(text);
+}
+
 /// The command that the parser has come to.
 const CLI::App* deepest(const CLI::App* command) {
     for (;;) {
@@ -170,14 +178,25 @@ Verb& Verb::texts(const char* name, SxList<SxString>* values, const char* valueN
 Verb& Verb::choice(const char* name, SxString* value, const SxList<SxString>& words, const char* help) {
     const std::string all = SxString::join(words, "|").str();
     const auto take = [value, name, words, all](const std::string& text) {
-        if (!words.contains(SxString(text))) {
-            throw CLI::ValidationError(std::string(name) + " is one of " + all + ", not '" + text + "'");
-        }
-        *value = text;
+        *value = requireWord(name, text, words, all);
     };
     command->add_option_function<std::string>(name, take, help)
         ->type_name(all)
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
+    return *this;
+}
+
+Verb& Verb::choices(const char* name, SxList<SxString>* values, const SxList<SxString>& words,
+                    const char* help) {
+    const std::string all = SxString::join(words, "|").str();
+    const auto take = [values, name, words, all](const std::vector<std::string>& given) {
+        for (const std::string& text : given)
+            *values << requireWord(name, text, words, all);
+    };
+    command->add_option_function<std::vector<std::string>>(name, take, help)
+        ->type_name(all)
+        ->expected(1)
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
     return *this;
 }
 

@@ -31,6 +31,9 @@ public:
     Verb& texts(const char* name, SxList<SxString>* values, const char* valueName, const char* help);
     /// An option with one of several words as value.
     Verb& choice(const char* name, SxString* value, const SxList<SxString>& words, const char* help);
+    /// The same for an option that may be given several times.
+    Verb& choices(const char* name, SxList<SxString>* values, const SxList<SxString>& words,
+                  const char* help);
     Verb& flag(const char* name, bool* value, const char* help);
     /// Ends the description.
     void action(Action action);

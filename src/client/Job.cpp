@@ -68,6 +68,13 @@ double runJob(ZqTaskMon* job, const SxString& label, const Output& out) {
     return static_cast<double>(milliseconds) / 1000;
 }
 
+void untilStopped(const std::function<void()>& begin) {
+    const StopSignals signals;
+    begin();
+    while (!stopAsked)
+        SxTime::msleep(POLL_MS);
+}
+
 void refuseForeignFolder(const SxString& image) {
     if (ZqImageFolder::isFree(image) || ZqImageFolder::holdsImage(image)) return;
     throw SxException("Folder '" + image + "' isn't empty and holds no image; name another, or empty it",

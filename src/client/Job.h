@@ -25,6 +25,9 @@ private:
 /// it then fails "stopped" is raised; a second signal has its usual effect.
 double runJob(ZqTaskMon* job, const SxString& label, const Output& out);
 
+/// Runs `begin`, and waits until SIGINT, SIGTERM or SIGHUP comes, which count from `begin` on.
+void untilStopped(const std::function<void()>& begin);
+
 /// Raises where a job is to write an image into a folder that holds something else: the library replaces
 /// whatever stands there, and a mistyped path must not cost a folder of documents.
 void refuseForeignFolder(const SxString& image);

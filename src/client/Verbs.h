@@ -11,4 +11,5 @@ void registerPublishVerbs(Family* image);
 void registerContentVerbs(App* app);
 void registerTraceVerbs(App* app);
 void registerMountVerbs(App* app);
+void registerServeVerbs(App* app);
 void registerCompletionVerbs(App* app);

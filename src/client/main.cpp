@@ -7,6 +7,7 @@ int main(int argc, char** argv) {
     registerContentVerbs(&app);
     registerTraceVerbs(&app);
     registerMountVerbs(&app);
+    registerServeVerbs(&app);
     registerCompletionVerbs(&app);
     return app.run(argc, argv);
 }

@@ -335,3 +335,29 @@ TEST_F(ClientTest, completionOffersWhatCanStandThere) {
     EXPECT_EQ(bash.out, "--reverse\n") << bash.err;
 }
 } // namespace
+
+TEST_F(ClientTest, serveTellsItsAddressFirstAndEndsOnASignal) {
+    dir.write("served/a", string(300000, 'a'));
+    const string script = R"(
+        "$@" > ')" + dir.path("lines") +
+                          R"(' & server=$!
+        until [ -s ')" + dir.path("lines") +
+                          R"(' ]; do sleep 0.01; done
+        read -r line < ')" +
+                          dir.path("lines") +
+                          R"('; port=${line//[^0-9 ]/}; port=${port#127001}
+        exec 3<>/dev/tcp/127.0.0.1/$port
+        printf 'GET /a HTTP/1.1\r\nConnection: close\r\n\r\n' >&3
+        cat <&3
+        kill -TERM $server
+        wait $server)";
+    const Outcome plain = runScript(script, {"serve", dir.path("served"), "--latency", "1"});
+    EXPECT_EQ(plain.code, 0) << plain.err;
+    EXPECT_THAT(plain.out, StartsWith("HTTP/1.1 200 OK\r\n"));
+    EXPECT_GT(plain.out.size(), 300000U);
+    EXPECT_THAT(dir.read("lines"),
+                testing::MatchesRegex("http://127.0.0.1:[0-9]+/\nServed 300000 bytes[^\n]+\n"));
+
+    EXPECT_EQ(run({"serve", dir.path("served"), "--fault", "none"}).code, 2);
+    EXPECT_THAT(run({"serve", dir.path("none")}).err, StartsWith("tavrin: Cannot serve folder '"));
+}
