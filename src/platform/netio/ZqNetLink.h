@@ -1,0 +1,93 @@
+#pragma once
+
+#include "SxArray.h"
+#include "SxMutex.h"
+#include "SxPtr.h"
+#include "SxString.h"
+
+#include <atomic>
+#include <functional>
+#include <list>
+#include <memory>
+
+class ZqNetLoop;
+class ZqTransfer;
+
+/// Limits of all requests of a link. Times are in milliseconds; a number of tries of 0 means no limit.
+struct ZqNetSettings {
+    int64 connectMs = 10'000;   ///< until a connection stands
+    int64 stallMs = 10'000;     ///< without a byte, until a request is given up and made again
+    int64 firstBackOffMs = 100; ///< ahead of the second try; doubled each time
+    int64 maxBackOffMs = 5'000;
+    int64 nRangeTries = 5;       ///< of a range or small file
+    int64 nStreamTries = 0;      ///< of the ordered stream, while the server can't be reached
+    int64 nBrokenTries = 10;     ///< without a byte gained, where the server answers and breaks off
+    int64 segmentSize = 4 << 20; ///< bytes of one request of an ordered stream, where the link is slow
+    int64 maxBuffered = 4 << 20; ///< bytes that an ordered stream holds for a slow consumer
+};
+
+/// Asked every 20 ms by whatever blocks; true ends the wait with an SxException of the tag "Stopped".
+using ZqStopTest = std::function<bool()>;
+
+/// The network as one job uses it: one thread drives all requests, and these share connections, priorities
+/// and one rate limit. Requests of ranges go ahead of the ordered streams: while one is on the wire, and the
+/// server answers it, the streams are held. All operations are safe from any thread; an object that uses the
+/// link keeps it alive.
+class ZqNetLink {
+public:
+    /// Tags of failures, beside SxException::STOPPED.
+    static constexpr const char* NOT_FOUND = "NotFound";      ///< the server hasn't got it
+    static constexpr const char* UNREACHABLE = "Unreachable"; ///< no answer, or none for now; tried again
+    static constexpr const char* BROKEN = "BrokenTransfer";   ///< an answer that broke off; tried again
+    static constexpr const char* CHANGED = "ChangedOnServer"; ///< not the file that was begun with
+
+    /// What was moved and how fast, for reports and decisions.
+    struct Figures {
+        uint64 nBytes = 0;         ///< body bytes received, of all requests
+        uint64 nOnDemandBytes = 0; ///< those of ranges
+        uint64 nRequests = 0;
+        uint64 nRetries = 0;
+        int64 roundTripUs = 0; ///< from request to first byte, the smallest of late; 0 not known yet
+        double rate = 0.; ///< of the ordered streams while they weren't held, bytes a second; 0 not known
+    };
+
+    explicit ZqNetLink(const ZqNetSettings& settings_ = {});
+    ~ZqNetLink();
+    ZqNetLink(const ZqNetLink&) = delete;
+    ZqNetLink& operator=(const ZqNetLink&) = delete;
+
+    const ZqNetSettings& getSettings() const noexcept { return settings; }
+    /// Bounds the ordered streams, all together, in bytes of the wire a second; 0 lifts the bound.
+    void setRateLimit(double bytesPerSecond);
+    /// Ends every wait and request of the link within 20 ms, those to come at once, each with the tag
+    /// "Stopped".
+    void cancel() noexcept { cancelled.store(true); }
+    bool isCancelled() const noexcept { return cancelled.load(); }
+    /// What requests wait for, as one line such as "waiting for the server: Connection refused (3rd try)";
+    /// empty while all goes well.
+    SxString getStatus() const;
+    Figures getFigures() const;
+
+    // For the classes that make requests.
+    void add(const SxPtr<ZqTransfer>& transfer);
+    void drop(const SxPtr<ZqTransfer>& transfer);
+    /// Raises with the tag "Stopped" where the link or `stop` says so.
+    void checkStop(const ZqStopTest& stop) const;
+    /// Sleeps for `ms`, or until a stop, which it raises.
+    void sleep(int64 ms, const ZqStopTest& stop) const;
+    /// `text` is what `who` waits for; empty takes it back.
+    void setWaiting(const void* who, const SxString& text);
+
+private:
+    struct Waiting {
+        const void* who;
+        SxString text;
+    };
+
+    const ZqNetSettings settings;
+    std::atomic<bool> cancelled{false};
+    std::unique_ptr<ZqNetLoop> loop;
+    mutable SxMutex waitingMutex;
+    std::list<Waiting> waiting SX_GUARDED_BY(waitingMutex);
+    std::atomic<uint64> nRetries{0};
+};

@@ -1,0 +1,102 @@
+#pragma once
+
+#include "SxSystemThread.h"
+#include "ZqRemoteFile.h"
+#include "ZqSeekTable.h"
+
+#include <condition_variable>
+#include <map>
+
+/// `img.zqf` of one image folder on a server, as decoded bytes. Where the server has `img.zqf.zst` (seekable
+/// Zstandard format, one frame for each stretch), that is taken for the ordered stream and for ranges alike,
+/// each frame checked; until its table is there, ranges come from `img.zqf`. Ranges and the one ordered
+/// stream share a link: ranges go first; a stretch that the stream is about to reach is left to it; one that
+/// was fetched as a range is kept until the stream has passed it and not fetched again. All operations are
+/// safe from any thread, stream() from one at a time.
+class ZqRemoteImage {
+public:
+    /// Bytes of one stretch: a frame of the packed form, and a request on demand.
+    static constexpr uint64 STRETCH = ZqSeekTable::FRAME;
+    /// Ranges that are worth fetching at once.
+    static constexpr int64 GROUP = 6;
+
+    /// What was moved, in bytes.
+    struct Figures {
+        uint64 nStreamed = 0;  ///< decoded, handed to the stream's consumer
+        uint64 nOnDemand = 0;  ///< decoded, fetched as ranges
+        uint64 nLeft = 0;      ///< decoded, given to ranges by the stream
+        uint64 nTakenKept = 0; ///< decoded, given to the stream out of what was kept
+        uint64 nTwice = 0;     ///< of the wire, received by the stream though kept
+        bool isPacked = false; ///< whether the packed form is in use
+    };
+
+    /// `folderUrl` is the image folder's address, with or without a slash at its end. `sizeZqf` is the
+    /// decoded size as `app.json` states it; a server that has another is an error. `maxKept` bounds the
+    /// memory for kept stretches, in bytes.
+    ZqRemoteImage(const SxPtr<ZqNetLink>& link_, const SxString& folderUrl, uint64 sizeZqf_,
+                  const SxArray<SxString>& headers = {}, uint64 maxKept_ = 256 << 20);
+    ~ZqRemoteImage();
+    ZqRemoteImage(const ZqRemoteImage&) = delete;
+    ZqRemoteImage& operator=(const ZqRemoteImage&) = delete;
+
+    /// The address of `img.zqf`.
+    const SxString& getUrl() const noexcept { return plain->getUrl(); }
+    const SxPtr<ZqNetLink>& getLink() const noexcept { return plain->getLink(); }
+    uint64 getSize() const noexcept { return sizeZqf; }
+    Figures getFigures() const;
+    void setHeaders(const SxArray<SxString>& headers);
+
+    /// Starts to fetch the stretches of these ranges (bytes of `img.zqf`), all at once, and returns; read()
+    /// then takes them. Up to GROUP; what was announced before and not taken is dropped. Does nothing for
+    /// stretches that are there or that the stream is about to reach.
+    void announce(const SxArray<uint64>& offsets, const SxArray<uint64>& sizes);
+    /// Blocks until `size` bytes from `offset` on are in `buffer`. Raises SxException with the tags of
+    /// ZqNetLink.
+    void read(uint64 offset, uint64 size, char* buffer, const ZqStopTest& stop = nullptr);
+
+    using Sink = ZqRemoteFile::Sink;
+    /// Streams the bytes from `offset` to the image's end to `sink`, on the calling thread and at its pace.
+    /// False where `sink` ended it. Goes on by itself after failures that may pass.
+    bool stream(uint64 offset, const Sink& sink, const ZqStopTest& stop = nullptr);
+
+private:
+    using Bytes = SxPtr<SxArray<char>>;
+    struct Fetch;
+    class TableLoader;
+    class Feed;
+    class StreamRun;
+    enum class Packed { Unknown, Offered, Absent };
+
+    uint64 stretchSize(uint64 stretchIdx) const;
+    void checkRange(uint64 offset, uint64 size) const;
+    void openTable();
+    void setTable(const SxPtr<ZqSeekTable>& table_, Packed state, const SxException& failure);
+    SxPtr<ZqSeekTable> getTable() const;
+    bool usesPacked(uint64 stretchIdx, const ZqStopTest& stop);
+
+    Bytes getStretch(uint64 stretchIdx, const ZqStopTest& stop);
+    Bytes findStretch(uint64 stretchIdx) const SX_REQUIRES(mutex);
+    bool isReachedSoon(uint64 stretchIdx) const SX_REQUIRES(mutex);
+    Bytes awaitStream(uint64 stretchIdx, const ZqStopTest& stop);
+    SxPtr<Fetch> beginFetch(uint64 stretchIdx);
+    Bytes finishFetch(const SxPtr<Fetch>& fetch, const ZqStopTest& stop);
+    void keep(uint64 stretchIdx, const Bytes& bytes);
+
+    const SxPtr<ZqRemoteFile> plain, packed;
+    const uint64 sizeZqf, maxKept;
+    std::unique_ptr<TableLoader> tableLoader;
+
+    mutable SxMutex mutex;
+    std::condition_variable_any changed;
+    bool tableBegun SX_GUARDED_BY(mutex) = false;
+    Packed state SX_GUARDED_BY(mutex) = Packed::Unknown;
+    SxPtr<ZqSeekTable> table SX_GUARDED_BY(mutex);
+    SxException tableFailure SX_GUARDED_BY(mutex);
+    std::map<uint64, Bytes> kept SX_GUARDED_BY(mutex);               ///< by stretch
+    std::list<std::pair<uint64, Bytes>> recent SX_GUARDED_BY(mutex); ///< what the stream brought last
+    std::map<uint64, SxPtr<Fetch>> announced SX_GUARDED_BY(mutex);   ///< by stretch
+    bool streaming SX_GUARDED_BY(mutex) = false;
+    uint64 streamPos SX_GUARDED_BY(mutex) = 0;  ///< decoded bytes received in order
+    double wireShare SX_GUARDED_BY(mutex) = 1.; ///< bytes of the wire for one decoded byte
+    Figures figures SX_GUARDED_BY(mutex);
+};

@@ -1,0 +1,36 @@
+#pragma once
+
+#include "SxArray.h"
+#include "SxTypes.h"
+
+/// The seek table at the end of `img.zqf.zst` (Zstandard Seekable Format 0.1.0): where each frame lies and
+/// what comes out of it. Every number is checked against the sizes of both forms. Doesn't change.
+class ZqSeekTable {
+public:
+    /// Decoded bytes of each frame but the last.
+    static constexpr uint64 FRAME = 204'800;
+    /// Most bytes that a frame takes: what the encoder can't compress grows by less than this.
+    static constexpr uint64 MAX_PACKED = FRAME + FRAME / 128 + 64;
+
+    struct Frame {
+        uint64 offset;   ///< in the packed file
+        uint32 size;     ///< bytes in the packed file
+        uint32 checksum; ///< low 32 bits of the XXH64 of the decoded bytes
+    };
+
+    static uint64 countFrames(uint64 sizeZqf) noexcept { return sizeZqf / FRAME + (sizeZqf % FRAME != 0); }
+    /// Most bytes that the table of such an image takes, at the end of the file.
+    static uint64 maxTail(uint64 sizeZqf) noexcept;
+
+    /// Reads the table from `tail`, the last `nTail` bytes of a packed file of `sizePacked` bytes, which must
+    /// hold an image of `sizeZqf` bytes. Raises SxException saying what is wrong.
+    ZqSeekTable(const char* tail, uint64 nTail, uint64 sizePacked, uint64 sizeZqf);
+
+    uint64 getNFrames() const noexcept { return static_cast<uint64>(frames.getSize()); }
+    const Frame& getFrame(uint64 frameIdx) const { return frames(static_cast<int64>(frameIdx)); }
+    bool hasChecksums() const noexcept { return checksums; }
+
+private:
+    SxArray<Frame> frames;
+    bool checksums = false;
+};
