@@ -3,6 +3,8 @@
 find_package(Threads REQUIRED)
 find_package(OpenSSL REQUIRED COMPONENTS Crypto)
 find_package(LibArchive REQUIRED)
+# 7.87: a request whose name is being resolved can be given up at once.
+find_package(CURL 7.87 REQUIRED)
 find_package(spdlog REQUIRED)
 find_package(nlohmann_json REQUIRED)
 find_package(tsl-robin-map REQUIRED)

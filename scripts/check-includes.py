@@ -48,6 +48,7 @@ ONE_FILE_ONLY = {
     "spdlog": re.compile(r"spdlog/"),
     "libarchive": re.compile(r"archive(_entry)?\.h$"),
     "zstd": re.compile(r"(zstd|zdict|zstd_errors)\.h$"),
+    "curl": re.compile(r"curl/"),
     "openssl": re.compile(r"openssl/"),
     "httplib": re.compile(r"httplib\.h$"),
 }

@@ -12,9 +12,8 @@ set -euo pipefail
 
 packages=(
     g++ cmake ninja-build pkg-config ccache python3
-    libssl-dev libarchive-dev libzstd-dev nlohmann-json3-dev libvalijson-dev libspdlog-dev libcli11-dev
-    libcpp-httplib-dev
-    robin-map-dev libtsl-ordered-map-dev libfuse3-dev fuse3 fuse2fs
+    libssl-dev libarchive-dev libzstd-dev libcurl4-openssl-dev libcpp-httplib-dev nlohmann-json3-dev
+    libvalijson-dev libspdlog-dev libcli11-dev robin-map-dev libtsl-ordered-map-dev libfuse3-dev fuse3 fuse2fs
     libgtest-dev libgmock-dev libbenchmark-dev
     erofs-utils e2fsprogs squashfs-tools
 )

@@ -1,13 +1,15 @@
 #pragma once
 
 #include "ZqNetLink.h"
+#include "ZqTransfer.h"
 
 class ZqRangeReader;
 
 /// One file on an HTTP server (RFC 9110). Size and validator (ETag, else Last-Modified) are learned from the
 /// first response; whatever differs later is an error, never data. Redirects are followed once, and later
-/// requests go where they led. All operations are safe from any thread.
-class ZqRemoteFile {
+/// requests go where they led. All operations are safe from
+/// any thread. Made by SxPtr<ZqRemoteFile>::create().
+class ZqRemoteFile : public std::enable_shared_from_this<ZqRemoteFile> {
 public:
     static constexpr uint64 UNKNOWN = ~uint64{0};
 
@@ -26,6 +28,8 @@ public:
     /// Fetches `size` bytes from `offset` on into `buffer`, ahead of all ordered streams. Blocks; tries again
     /// as the link's settings say. Raises SxException with the tags of ZqNetLink.
     void read(uint64 offset, uint64 size, char* buffer, const ZqStopTest& stop = nullptr);
+    /// The same for a request that was begun before.
+    void read(ZqRangeReader* reader, uint64 size, char* buffer, const ZqStopTest& stop);
     /// The whole file, which must not have more than `maxSize` bytes. Needs no ranges of the server.
     SxArray<char> get(int64 maxSize, const ZqStopTest& stop = nullptr);
     /// Gets bytes in order; false ends the transfer.
@@ -37,19 +41,25 @@ public:
     /// Resumes broken transfers where they stopped.
     void fetchTo(const SxString& path, const ZqStopTest& stop = nullptr);
 
-private:
-    friend class ZqRangeReader;
-
     /// Where requests go now, with the headers that may go there.
     struct Address {
         SxString url;
         SxArray<SxString> headers;
     };
+
+    // For the classes that make requests.
     Address getAddress() const;
+    /// Raises where `response` hasn't the status `wanted`, or an encoded body.
+    void checkStatus(const ZqTransfer::Response& response, int wanted);
     /// Takes what a response says of the file, or raises where it says something else than before.
-    void learn(const SxString& finalUrl, const SxString& validator, int64 total);
+    void learn(const ZqTransfer::Response& response);
     /// Forgets where redirects led; false where they led nowhere else.
     bool forgetRedirect();
+
+private:
+    SxPtr<ZqRemoteFile> self() { return SxPtr<ZqRemoteFile>(shared_from_this()); }
+    SxArray<char> getOnce(int64 maxSize, const ZqStopTest& stop);
+    SxException failure(const SxException& e, const SxString& what) const;
 
     const SxPtr<ZqNetLink> link;
     const SxString url;

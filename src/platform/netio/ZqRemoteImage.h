@@ -5,6 +5,7 @@
 #include "ZqSeekTable.h"
 
 #include <condition_variable>
+#include <list>
 #include <map>
 
 /// `img.zqf` of one image folder on a server, as decoded bytes. Where the server has `img.zqf.zst` (seekable
@@ -63,24 +64,32 @@ private:
     using Bytes = SxPtr<SxArray<char>>;
     struct Fetch;
     class TableLoader;
-    class Feed;
     class StreamRun;
     enum class Packed { Unknown, Offered, Absent };
 
     uint64 stretchSize(uint64 stretchIdx) const;
     void checkRange(uint64 offset, uint64 size) const;
+
     void openTable();
-    void setTable(const SxPtr<ZqSeekTable>& table_, Packed state, const SxException& failure);
+    void setTable(const SxPtr<ZqSeekTable>& table_, Packed state_);
+    void setTableFailure(const SxException& e);
+    /// The table; null until it is there. Raises where it is of no use.
     SxPtr<ZqSeekTable> getTable() const;
-    bool usesPacked(uint64 stretchIdx, const ZqStopTest& stop);
+    Packed getState() const;
+    /// Decodes a frame of the packed file and checks it.
+    Bytes decode(uint64 stretchIdx, const char* frame, uint64 n) const;
 
     Bytes getStretch(uint64 stretchIdx, const ZqStopTest& stop);
     Bytes findStretch(uint64 stretchIdx) const SX_REQUIRES(mutex);
     bool isReachedSoon(uint64 stretchIdx) const SX_REQUIRES(mutex);
     Bytes awaitStream(uint64 stretchIdx, const ZqStopTest& stop);
     SxPtr<Fetch> beginFetch(uint64 stretchIdx);
-    Bytes finishFetch(const SxPtr<Fetch>& fetch, const ZqStopTest& stop);
+    Bytes finishFetch(SxPtr<Fetch> fetch, const ZqStopTest& stop);
     void keep(uint64 stretchIdx, const Bytes& bytes);
+    /// Time without progress after which the stream counts as stalled.
+    int64 patienceNs() const;
+    /// Wire bytes that pass in `nTrips` round trips.
+    double tripBytes(double nTrips) const;
 
     const SxPtr<ZqRemoteFile> plain, packed;
     const uint64 sizeZqf, maxKept;
@@ -91,12 +100,14 @@ private:
     bool tableBegun SX_GUARDED_BY(mutex) = false;
     Packed state SX_GUARDED_BY(mutex) = Packed::Unknown;
     SxPtr<ZqSeekTable> table SX_GUARDED_BY(mutex);
+    bool tableFailed SX_GUARDED_BY(mutex) = false;
     SxException tableFailure SX_GUARDED_BY(mutex);
     std::map<uint64, Bytes> kept SX_GUARDED_BY(mutex);               ///< by stretch
     std::list<std::pair<uint64, Bytes>> recent SX_GUARDED_BY(mutex); ///< what the stream brought last
     std::map<uint64, SxPtr<Fetch>> announced SX_GUARDED_BY(mutex);   ///< by stretch
     bool streaming SX_GUARDED_BY(mutex) = false;
-    uint64 streamPos SX_GUARDED_BY(mutex) = 0;  ///< decoded bytes received in order
+    uint64 streamPos SX_GUARDED_BY(mutex) = 0; ///< decoded bytes received in order
+    int64 streamMovedNs SX_GUARDED_BY(mutex) = 0;
     double wireShare SX_GUARDED_BY(mutex) = 1.; ///< bytes of the wire for one decoded byte
     Figures figures SX_GUARDED_BY(mutex);
 };

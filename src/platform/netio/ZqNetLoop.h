@@ -1,0 +1,31 @@
+#pragma once
+
+#include "SxSystemThread.h"
+#include "ZqNetLink.h"
+#include "ZqTransfer.h"
+
+/// The thread that drives all requests of a link over libcurl's multi interface. Its operations are safe from
+/// any thread; start() and end() belong to the owner.
+class ZqNetLoop : public SxSystemThread {
+public:
+    explicit ZqNetLoop(const ZqNetSettings& settings);
+    ~ZqNetLoop() override;
+
+    void add(const SxPtr<ZqTransfer>& transfer);
+    /// The transfer is of no use any more.
+    void drop(const SxPtr<ZqTransfer>& transfer);
+    void setRateLimit(double bytesPerSecond);
+    ZqNetLink::Figures getFigures() const;
+    /// Ends the thread; whatever was under way fails.
+    void end();
+
+    /// Makes libcurl ready for the process, once.
+    static void startLibrary();
+
+protected:
+    void main() override;
+
+private:
+    class Engine;
+    std::unique_ptr<Engine> engine;
+};

@@ -1,0 +1,42 @@
+#include "ZqNetRetry.h"
+
+#include <algorithm>
+
+namespace {
+
+constexpr const char* UNIT = "src/platform/netio/ZqNetRetry";
+
+/// "2nd", "3rd", "11th"
+SxString ordinal(int64 n) {
+    const int64 last = n % 10;
+    const bool isTeen = n / 10 % 10 == 1;
+    const char* ending = "th";
+    if (!isTeen && last == 1) ending = "st";
+    if (!isTeen && last == 2) ending = "nd";
+    if (!isTeen && last == 3) ending = "rd";
+    return SxString(n) + ending;
+}
+
+} // namespace
+
+void ZqNetRetry::progress() {
+    if (nFailed == 0) return;
+    nFailed = nBroken = 0;
+    link->setWaiting(this, "");
+}
+
+void ZqNetRetry::failed(const SxException& e, const ZqStopTest& stop) {
+    const bool isBroken = e.hasTag(ZqNetLink::BROKEN);
+    if (!isBroken && !e.hasTag(ZqNetLink::UNREACHABLE)) throw e;
+    link->checkStop(stop);
+    const ZqNetSettings& settings = link->getSettings();
+    ++nFailed;
+    if (isBroken) ++nBroken;
+    if ((nMax > 0 && nFailed >= nMax) || (settings.nBrokenTries > 0 && nBroken >= settings.nBrokenTries)) {
+        throw SxException(e, "Gave up after " + SxString(nFailed) + " tries", UNIT, __LINE__);
+    }
+    link->setWaiting(this,
+                     "waiting for the server: " + e.getMessage() + " (" + ordinal(nFailed + 1) + " try)");
+    const int64 nDoubled = std::min<int64>(nFailed - 1, 16);
+    link->sleep(std::min(settings.firstBackOffMs << nDoubled, settings.maxBackOffMs), stop);
+}

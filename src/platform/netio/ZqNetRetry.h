@@ -1,0 +1,25 @@
+#pragma once
+
+#include "SxException.h"
+#include "ZqNetLink.h"
+
+/// What one request does about its failures: waits and says so, or gives up. For one thread.
+class ZqNetRetry {
+public:
+    /// A request whose server can't be reached is made `nTries_` times, 0 without end.
+    ZqNetRetry(const SxPtr<ZqNetLink>& link_, int64 nTries_) : link(link_), nMax(nTries_) {}
+    ~ZqNetRetry() { progress(); }
+    ZqNetRetry(const ZqNetRetry&) = delete;
+    ZqNetRetry& operator=(const ZqNetRetry&) = delete;
+
+    /// Bytes have come: all is well.
+    void progress();
+    /// Waits as long as is due after failure `e` and returns to try again; or raises it, with what was tried.
+    void failed(const SxException& e, const ZqStopTest& stop);
+
+private:
+    const SxPtr<ZqNetLink> link;
+    const int64 nMax;
+    int64 nFailed = 0; ///< in a row
+    int64 nBroken = 0; ///< in a row
+};

@@ -1,0 +1,143 @@
+#include "ZqRangeReader.h"
+
+#include <cstring>
+
+namespace {
+
+constexpr const char* UNIT = "src/platform/netio/ZqRangeReader";
+constexpr uint64 UNKNOWN = ZqRemoteFile::UNKNOWN;
+/// Tag: a request behind the end of a file whose size wasn't known.
+constexpr const char* AT_END = "AtEnd";
+
+SxString rangeText(uint64 first, uint64 end) {
+    return SxString(first) + "-" + (end == UNKNOWN ? SxString() : SxString(end - 1));
+}
+
+} // namespace
+
+ZqRangeReader::ZqRangeReader(const SxPtr<ZqRemoteFile>& file_, uint64 first, uint64 end_,
+                             ZqTransfer::Kind kind_)
+    : file(file_),
+      kind(kind_),
+      pos(first),
+      end(end_),
+      retry(file->getLink(), kind == ZqTransfer::Kind::Ordered ? file->getLink()->getSettings().nStreamTries
+                                                               : file->getLink()->getSettings().nRangeTries) {
+}
+
+ZqRangeReader::ZqRangeReader(const SxPtr<ZqRemoteFile>& file_, uint64 nLast, ZqTransfer::Kind kind_)
+    : ZqRangeReader(file_, 0, UNKNOWN, kind_) {
+    nSuffix = nLast;
+}
+
+ZqRangeReader::~ZqRangeReader() {
+    abandon();
+}
+
+void ZqRangeReader::abandon() {
+    if (transfer && !transfer->isFinished()) file->getLink()->drop(transfer);
+    transfer = nullptr;
+}
+
+ZqTransfer::Request ZqRangeReader::makeRequest() const {
+    const ZqRemoteFile::Address address = file->getAddress();
+    ZqTransfer::Request request;
+    request.kind = kind;
+    request.url = address.url;
+    request.headers = address.headers;
+    request.range = nSuffix > 0 ? "-" + SxString(nSuffix) : rangeText(pos, end);
+    request.maxBuffered = kind == ZqTransfer::Kind::Ordered ? file->getLink()->getSettings().maxBuffered
+                                                            : std::numeric_limits<int64>::max();
+    request.check = [file_ = file, answer_ = answer, first = pos, end_ = end,
+                     nLast = nSuffix](const ZqTransfer::Response& response) {
+        const auto total = static_cast<uint64>(response.total);
+        if (response.status == 416 && response.total >= 0 && end_ == UNKNOWN && first >= total) {
+            file_->learn(response);
+            throw SxException(AT_END, "The file ends there", UNIT, __LINE__);
+        }
+        file_->checkStatus(response, 206);
+        if (response.first < 0 || (response.total < 0 && end_ == UNKNOWN)) {
+            throw SxException("The server doesn't say which bytes it sends", UNIT, __LINE__);
+        }
+        const uint64 fileEnd = response.total < 0 ? end_ : total;
+        const uint64 wanted = nLast > 0 ? fileEnd - std::min(nLast, fileEnd) : first;
+        const uint64 wantedEnd = std::min(end_, fileEnd);
+        file_->learn(response);
+        if (static_cast<uint64>(response.first) != wanted ||
+            static_cast<uint64>(response.last) + 1 != wantedEnd) {
+            throw SxException(
+                "The server was asked for bytes " + rangeText(wanted, wantedEnd) + " and sends " +
+                    rangeText(static_cast<uint64>(response.first), static_cast<uint64>(response.last) + 1),
+                UNIT, __LINE__);
+        }
+        if (response.length >= 0 && static_cast<uint64>(response.length) != wantedEnd - wanted) {
+            throw SxException("The server announces " + SxString(response.length) + " bytes for bytes " +
+                                  rangeText(wanted, wantedEnd),
+                              UNIT, __LINE__);
+        }
+        answer_->first.store(static_cast<int64>(wanted));
+        answer_->end.store(static_cast<int64>(wantedEnd));
+    };
+    return request;
+}
+
+void ZqRangeReader::begin() {
+    if (transfer) return;
+    answer = SxPtr<Answer>::create();
+    transfer = SxPtr<ZqTransfer>::create(makeRequest());
+    file->getLink()->add(transfer);
+}
+
+/// False at the end of all.
+bool ZqRangeReader::takePiece(SxArray<char>* piece, const ZqStopTest& stop) {
+    ZqTransfer::Next got = ZqTransfer::Next::Waiting;
+    while (got == ZqTransfer::Next::Waiting) {
+        file->getLink()->checkStop(stop);
+        got = transfer->next(piece);
+    }
+    if (nSuffix > 0) pos = static_cast<uint64>(answer->first.load());
+    nSuffix = 0;
+    end = static_cast<uint64>(answer->end.load());
+    const uint64 n = got == ZqTransfer::Next::Taken ? static_cast<uint64>(piece->getSize()) : 0;
+    if (n > end - pos) throw SxException("The server sends more than it was asked for", UNIT, __LINE__);
+    pos += n;
+    if (got == ZqTransfer::Next::Taken) return true;
+    transfer = nullptr;
+    if (pos < end) throw SxException(ZqNetLink::BROKEN, "the answer ended early", UNIT, __LINE__);
+    return false;
+}
+
+bool ZqRangeReader::next(SxArray<char>* piece, const ZqStopTest& stop) {
+    for (;;) {
+        file->getLink()->checkStop(stop);
+        // A transfer that has brought its last byte still tells whether it ended well.
+        if (pos >= end && !transfer) return false;
+        try {
+            begin();
+            const bool got = takePiece(piece, stop);
+            retry.progress();
+            if (got) return true;
+        } catch (const SxException& e) {
+            abandon();
+            if (e.hasTag(AT_END)) {
+                end = pos;
+                return false;
+            }
+            if (pos >= end) return false;
+            retry.failed(e, stop);
+        }
+    }
+}
+
+uint64 ZqRangeReader::readAll(char* buffer, uint64 size, const ZqStopTest& stop) {
+    uint64 n = 0;
+    SxArray<char> piece;
+    while (next(&piece, stop)) {
+        const auto nPiece = static_cast<uint64>(piece.getSize());
+        if (nPiece > size - n)
+            throw SxException("The server sends more than it was asked for", UNIT, __LINE__);
+        std::memcpy(buffer + n, piece.data(), nPiece);
+        n += nPiece;
+    }
+    return n;
+}

@@ -1,0 +1,44 @@
+#pragma once
+
+#include "ZqNetRetry.h"
+#include "ZqRemoteFile.h"
+#include "ZqTransfer.h"
+
+/// Reads bytes of a remote file in order, over as many requests as it takes: each goes on where the one
+/// before stopped. For one thread.
+class ZqRangeReader {
+public:
+    /// Bytes `first` to `end` - 1; an `end` of ZqRemoteFile::UNKNOWN means the file's end.
+    ZqRangeReader(const SxPtr<ZqRemoteFile>& file_, uint64 first, uint64 end_, ZqTransfer::Kind kind_);
+    /// The last `nLast` bytes of the file, or all of them.
+    ZqRangeReader(const SxPtr<ZqRemoteFile>& file_, uint64 nLast, ZqTransfer::Kind kind_);
+    ~ZqRangeReader();
+    ZqRangeReader(const ZqRangeReader&) = delete;
+    ZqRangeReader& operator=(const ZqRangeReader&) = delete;
+
+    /// Makes the request, where none is under way, and returns.
+    void begin();
+    /// The next bytes; false at the end. Raises what can't be mended.
+    bool next(SxArray<char>* piece, const ZqStopTest& stop);
+    /// All that is left, up to `size` bytes, into `buffer`; gives how many.
+    uint64 readAll(char* buffer, uint64 size, const ZqStopTest& stop);
+    /// Offset of the byte that comes next.
+    uint64 getPos() const noexcept { return pos; }
+
+private:
+    ZqTransfer::Request makeRequest() const;
+    bool takePiece(SxArray<char>* piece, const ZqStopTest& stop);
+    void abandon();
+
+    const SxPtr<ZqRemoteFile> file;
+    const ZqTransfer::Kind kind;
+    uint64 pos = 0, end = 0;
+    uint64 nSuffix = 0; ///< until the first response to the request of the last bytes
+    SxPtr<ZqTransfer> transfer;
+    /// What the network thread learns of the transfer under way.
+    struct Answer {
+        std::atomic<int64> first{-1}, end{-1};
+    };
+    SxPtr<Answer> answer;
+    ZqNetRetry retry;
+};

@@ -1,0 +1,277 @@
+#include "ZqRemoteImage.h"
+
+#include "SxClock.h"
+#include "ZqArchive.h"
+#include "ZqImageTableLoader.h"
+#include "ZqLog.h"
+#include "ZqRangeReader.h"
+
+#include <chrono>
+#include <cstring>
+#include <vector>
+
+namespace {
+
+constexpr const char* UNIT = "src/platform/netio/ZqRemoteImage";
+constexpr auto LOOK = std::chrono::milliseconds(20);
+constexpr int64 MIN_PATIENCE_NS = 100'000'000;
+
+SxString fileUrl(const SxString& folderUrl, const char* name) {
+    return folderUrl.endsWith("/") ? folderUrl + name : folderUrl + "/" + name;
+}
+
+} // namespace
+
+/// A stretch on its way.
+struct ZqRemoteImage::Fetch {
+    uint64 stretchIdx = 0;
+    bool isPacked = false;
+    uint64 size = 0; ///< bytes of the wire
+    std::unique_ptr<ZqRangeReader> reader;
+};
+
+ZqRemoteImage::ZqRemoteImage(const SxPtr<ZqNetLink>& link_, const SxString& folderUrl, uint64 sizeZqf_,
+                             const SxArray<SxString>& headers, uint64 maxKept_)
+    : plain(SxPtr<ZqRemoteFile>::create(link_, fileUrl(folderUrl, "img.zqf"), headers, sizeZqf_)),
+      packed(SxPtr<ZqRemoteFile>::create(link_, fileUrl(folderUrl, "img.zqf.zst"), headers)),
+      sizeZqf(sizeZqf_),
+      maxKept(maxKept_),
+      tableLoader(std::make_unique<TableLoader>(this)) {
+}
+
+ZqRemoteImage::~ZqRemoteImage() {
+    tableLoader->stop();
+    tableLoader->wait();
+}
+
+void ZqRemoteImage::setHeaders(const SxArray<SxString>& headers) {
+    plain->setHeaders(headers);
+    packed->setHeaders(headers);
+}
+
+ZqRemoteImage::Figures ZqRemoteImage::getFigures() const {
+    SxMutexBlock lock(&mutex);
+    Figures now = figures;
+    now.isPacked = state == Packed::Offered;
+    return now;
+}
+
+uint64 ZqRemoteImage::stretchSize(uint64 stretchIdx) const {
+    return std::min(STRETCH, sizeZqf - stretchIdx * STRETCH);
+}
+
+void ZqRemoteImage::checkRange(uint64 offset, uint64 size) const {
+    if (offset <= sizeZqf && size <= sizeZqf - offset) return;
+    throw SxException("Bytes " + SxString(offset) + "-" + SxString(offset + size - 1) + " of '" + getUrl() +
+                          "' lie behind its end at " + SxString(sizeZqf),
+                      UNIT, __LINE__);
+}
+
+// The seek table
+
+void ZqRemoteImage::openTable() {
+    {
+        SxMutexBlock lock(&mutex);
+        if (tableBegun) return;
+        tableBegun = true;
+    }
+    tableLoader->start();
+}
+
+void ZqRemoteImage::setTable(const SxPtr<ZqSeekTable>& table_, Packed state_) {
+    {
+        SxMutexBlock lock(&mutex);
+        table = table_;
+        state = state_;
+    }
+    changed.notify_all();
+}
+
+void ZqRemoteImage::setTableFailure(const SxException& e) {
+    {
+        SxMutexBlock lock(&mutex);
+        tableFailure = e;
+        tableFailed = true;
+    }
+    changed.notify_all();
+}
+
+SxPtr<ZqSeekTable> ZqRemoteImage::getTable() const {
+    SxMutexBlock lock(&mutex);
+    if (tableFailed) throw tableFailure;
+    return table;
+}
+
+ZqRemoteImage::Packed ZqRemoteImage::getState() const {
+    SxMutexBlock lock(&mutex);
+    return state;
+}
+
+ZqRemoteImage::Bytes ZqRemoteImage::decode(uint64 stretchIdx, const char* frame, uint64 n) const {
+    const auto size = static_cast<int64>(stretchSize(stretchIdx));
+    const auto bytes = Bytes::create(size);
+    const uint32 checksum = ZqArchive::decodeFrame(frame, static_cast<int64>(n), bytes->data(), size);
+    const SxPtr<ZqSeekTable> known = getTable();
+    if (known && known->hasChecksums() && known->getFrame(stretchIdx).checksum != checksum) {
+        throw SxException("Its bytes aren't those of the seek table's checksum", UNIT, __LINE__);
+    }
+    return bytes;
+}
+
+// Ranges
+
+void ZqRemoteImage::announce(const SxArray<uint64>& offsets, const SxArray<uint64>& sizes) {
+    openTable();
+    std::map<uint64, SxPtr<Fetch>> group, unwanted;
+    std::vector<uint64> missing;
+    for (int64 i = 0; i < std::min(offsets.getSize(), sizes.getSize()); ++i) {
+        checkRange(offsets(i), sizes(i));
+        if (sizes(i) == 0) continue;
+        for (uint64 idx = offsets(i) / STRETCH; idx <= (offsets(i) + sizes(i) - 1) / STRETCH; ++idx) {
+            if (static_cast<int64>(group.size()) < GROUP) group[idx] = nullptr;
+        }
+    }
+    {
+        SxMutexBlock lock(&mutex);
+        unwanted.swap(announced);
+        for (auto& [idx, fetch] : group) {
+            const auto old = unwanted.find(idx);
+            if (old != unwanted.end()) {
+                fetch = old->second;
+            } else if (!findStretch(idx) && !isReachedSoon(idx)) {
+                missing.push_back(idx);
+            }
+        }
+    }
+    for (const uint64 idx : missing)
+        group[idx] = beginFetch(idx);
+    SxMutexBlock lock(&mutex);
+    for (auto& [idx, fetch] : group) {
+        if (fetch) announced[idx] = std::move(fetch);
+    }
+}
+
+void ZqRemoteImage::read(uint64 offset, uint64 size, char* buffer, const ZqStopTest& stop) {
+    checkRange(offset, size);
+    openTable();
+    const uint64 end = offset + size;
+    while (offset < end) {
+        const uint64 idx = offset / STRETCH, inside = offset % STRETCH;
+        const Bytes bytes = getStretch(idx, stop);
+        const uint64 n = std::min(end - offset, stretchSize(idx) - inside);
+        std::memcpy(buffer, bytes->data() + inside, n);
+        buffer += n;
+        offset += n;
+    }
+}
+
+ZqRemoteImage::Bytes ZqRemoteImage::findStretch(uint64 stretchIdx) const {
+    const auto found = kept.find(stretchIdx);
+    if (found != kept.end()) return found->second;
+    for (const auto& [idx, bytes] : recent) {
+        if (idx == stretchIdx) return bytes;
+    }
+    return nullptr;
+}
+
+ZqRemoteImage::Bytes ZqRemoteImage::getStretch(uint64 stretchIdx, const ZqStopTest& stop) {
+    SxPtr<Fetch> fetch;
+    bool isLeft = false;
+    {
+        SxMutexBlock lock(&mutex);
+        if (const Bytes bytes = findStretch(stretchIdx)) return bytes;
+        const auto found = announced.find(stretchIdx);
+        if (found != announced.end()) {
+            fetch = found->second;
+            announced.erase(found);
+        } else {
+            isLeft = isReachedSoon(stretchIdx);
+        }
+    }
+    if (isLeft) {
+        if (const Bytes bytes = awaitStream(stretchIdx, stop)) return bytes;
+    }
+    if (!fetch) fetch = beginFetch(stretchIdx);
+    const Bytes bytes = finishFetch(std::move(fetch), stop);
+    keep(stretchIdx, bytes);
+    return bytes;
+}
+
+double ZqRemoteImage::tripBytes(double nTrips) const {
+    const ZqNetLink::Figures link = getLink()->getFigures();
+    return link.rate * static_cast<double>(link.roundTripUs) / 1e6 * nTrips;
+}
+
+int64 ZqRemoteImage::patienceNs() const {
+    return std::max(MIN_PATIENCE_NS, getLink()->getFigures().roundTripUs * 2'000);
+}
+
+bool ZqRemoteImage::isReachedSoon(uint64 stretchIdx) const {
+    const uint64 begin = stretchIdx * STRETCH;
+    if (!streaming || begin + stretchSize(stretchIdx) <= streamPos) return false;
+    if (SxClock::get().steadyNs() - streamMovedNs > patienceNs()) return false;
+    if (begin <= streamPos) return true;
+    return static_cast<double>(begin - streamPos) * wireShare <= tripBytes(1);
+}
+
+ZqRemoteImage::Bytes ZqRemoteImage::awaitStream(uint64 stretchIdx, const ZqStopTest& stop) {
+    for (;;) {
+        getLink()->checkStop(stop);
+        SxMutexBlock lock(&mutex);
+        if (const Bytes bytes = findStretch(stretchIdx)) {
+            figures.nLeft += stretchSize(stretchIdx);
+            return bytes;
+        }
+        if (!isReachedSoon(stretchIdx)) return nullptr;
+        changed.wait_for(mutex, LOOK);
+    }
+}
+
+SxPtr<ZqRemoteImage::Fetch> ZqRemoteImage::beginFetch(uint64 stretchIdx) {
+    const SxPtr<ZqSeekTable> known = getTable();
+    const auto fetch = SxPtr<Fetch>::create();
+    fetch->stretchIdx = stretchIdx;
+    fetch->isPacked = static_cast<bool>(known);
+    fetch->size = known ? known->getFrame(stretchIdx).size : stretchSize(stretchIdx);
+    const uint64 offset = known ? known->getFrame(stretchIdx).offset : stretchIdx * STRETCH;
+    fetch->reader = std::make_unique<ZqRangeReader>(known ? packed : plain, offset, offset + fetch->size,
+                                                    ZqTransfer::Kind::OnDemand);
+    fetch->reader->begin();
+    return fetch;
+}
+
+ZqRemoteImage::Bytes ZqRemoteImage::finishFetch(SxPtr<Fetch> fetch, const ZqStopTest& stop) {
+    const uint64 idx = fetch->stretchIdx;
+    const SxString& url = (fetch->isPacked ? packed : plain)->getUrl();
+    bool isAgain = false;
+    for (;;) {
+        const auto raw = Bytes::create(static_cast<int64>(fetch->size));
+        try {
+            if (fetch->reader->readAll(raw->data(), fetch->size, stop) != fetch->size) {
+                throw SxException("It ends before", UNIT, __LINE__);
+            }
+        } catch (const SxException& e) {
+            throw SxException(e,
+                              "Cannot fetch stretch " + SxString(idx) + " from '" + url.makeVisible() + "'",
+                              UNIT, __LINE__);
+        }
+        if (!fetch->isPacked) return raw;
+        try {
+            return decode(idx, raw->data(), fetch->size);
+        } catch (const SxException& e) {
+            const SxException named(
+                e, "Frame " + SxString(idx) + " of '" + url.makeVisible() + "' is damaged", UNIT, __LINE__);
+            if (isAgain) throw named;
+            zqLogMsg("NET", named.toString(SxException::ShowMessage, ": "));
+        }
+        isAgain = true;
+        fetch = beginFetch(idx);
+    }
+}
+
+void ZqRemoteImage::keep(uint64 stretchIdx, const Bytes& bytes) {
+    SxMutexBlock lock(&mutex);
+    figures.nOnDemand += stretchSize(stretchIdx);
+    if (stretchIdx * STRETCH < streamPos || (kept.size() + 1) * STRETCH > maxKept) return;
+    kept[stretchIdx] = bytes;
+}

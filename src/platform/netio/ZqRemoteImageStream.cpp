@@ -1,0 +1,330 @@
+#include "SxClock.h"
+#include "ZqArchive.h"
+#include "ZqLog.h"
+#include "ZqRangeReader.h"
+#include "ZqRemoteImage.h"
+
+#include <chrono>
+#include <cstring>
+
+namespace {
+
+constexpr const char* UNIT = "src/platform/netio/ZqRemoteImageStream";
+constexpr auto LOOK = std::chrono::milliseconds(20);
+/// Stretches that the stream has brought and that ranges may still ask for.
+constexpr size_t N_RECENT = 4;
+/// A request of the stream lasts so long, so that its round trip costs a hundredth at most.
+constexpr double SEGMENT_SECONDS = 2., SEGMENT_TRIPS = 100.;
+/// Round trips that it costs to break a request off and begin behind a kept stretch: what is on the way is
+/// lost, a connection made, the new request answered. Where a request ends anyway it is one.
+constexpr double TRIPS_OF_BREAK = 3., TRIPS_OF_REQUEST = 1.;
+
+void cutFront(SxArray<char>* bytes, int64 n) {
+    const int64 left = bytes->getSize() - n;
+    std::memmove(bytes->data(), bytes->data() + n, static_cast<size_t>(left));
+    bytes->resize(left, true);
+}
+
+} // namespace
+
+/// One run of the ordered stream.
+class ZqRemoteImage::StreamRun {
+public:
+    StreamRun(ZqRemoteImage* image_, uint64 offset, const Sink& sink_, const ZqStopTest& stop_);
+    ~StreamRun();
+    StreamRun(const StreamRun&) = delete;
+    StreamRun& operator=(const StreamRun&) = delete;
+
+    /// False where the sink ended it.
+    bool run();
+
+private:
+    uint64 stretchIdx() const { return pos / STRETCH; }
+    bool usesPacked();
+    bool runPlain();
+    bool takePlain(const SxArray<char>& piece, bool* isSkipping);
+    bool runPacked();
+    bool runFrames();
+    bool fill(ZqRangeReader* reader, SxArray<char>* pending);
+    int64 frameAt(const SxArray<char>& pending, const SxPtr<ZqSeekTable>& table) const;
+    bool takeFrame(const Bytes& bytes, uint64 nWire);
+    void noteDamage(const SxException& e);
+    Bytes findKept() const;
+    uint64 lengthOfKept(uint64 idx) const SX_REQUIRES(image->mutex);
+    uint64 endOfRequest() const;
+    bool isWorthSkipping() const;
+    void advance(uint64 to);
+    void publish(uint64 idx, const Bytes& bytes, uint64 nWire);
+    bool deliver(const char* bytes, uint64 n);
+
+    ZqRemoteImage* const image;
+    const Sink& sink;
+    const ZqStopTest& stop;
+    uint64 pos;      ///< the decoded byte that the sink gets next
+    Bytes assembled; ///< the stretch at `pos` so far, in the plain form; null without its begin
+    uint64 wireIdx = 0, wirePos = 0; ///< a stretch, and where its frame begins
+    uint64 damagedIdx = ~uint64{0};  ///< the frame that was damaged last
+};
+
+bool ZqRemoteImage::stream(uint64 offset, const Sink& sink, const ZqStopTest& stop) {
+    checkRange(offset, 0);
+    openTable();
+    return StreamRun(this, offset, sink, stop).run();
+}
+
+ZqRemoteImage::StreamRun::StreamRun(ZqRemoteImage* image_, uint64 offset, const Sink& sink_,
+                                    const ZqStopTest& stop_)
+    : image(image_),
+      sink(sink_),
+      stop(stop_),
+      pos(offset) {
+    SxMutexBlock lock(&image->mutex);
+    if (image->streaming) {
+        throw SxException("'" + image->getUrl() + "' is being downloaded already", UNIT, __LINE__);
+    }
+    image->streaming = true;
+    image->streamPos = offset;
+    image->streamMovedNs = SxClock::get().steadyNs();
+    image->recent.clear();
+}
+
+ZqRemoteImage::StreamRun::~StreamRun() {
+    SxMutexBlock lock(&image->mutex);
+    image->streaming = false;
+}
+
+bool ZqRemoteImage::StreamRun::run() {
+    while (pos < image->sizeZqf) {
+        image->getLink()->checkStop(stop);
+        const Bytes bytes = findKept();
+        if (bytes) {
+            const uint64 inside = pos % STRETCH, n = image->stretchSize(stretchIdx()) - inside;
+            publish(stretchIdx(), bytes, 0);
+            {
+                SxMutexBlock lock(&image->mutex);
+                image->figures.nTakenKept += n;
+            }
+            if (!deliver(bytes->data() + inside, n)) return false;
+        } else if (!(usesPacked() ? runPacked() : runPlain())) {
+            return false;
+        }
+    }
+    return true;
+}
+
+/// Whether the frame at the stream's position can be taken from the packed file. Waits for the table where
+/// nothing else tells.
+bool ZqRemoteImage::StreamRun::usesPacked() {
+    for (;;) {
+        image->getLink()->checkStop(stop);
+        if (image->getTable()) return true;
+        SxMutexBlock lock(&image->mutex);
+        if (image->state == Packed::Absent) return false;
+        // The first frame stands at the begin of the file; behind a frame follows the next.
+        if (image->state == Packed::Unknown && wireIdx == stretchIdx()) return true;
+        if (image->state == Packed::Unknown) image->changed.wait_for(image->mutex, LOOK);
+    }
+}
+
+bool ZqRemoteImage::StreamRun::runPlain() {
+    assembled = nullptr;
+    ZqRangeReader reader(image->plain, pos, std::min(endOfRequest() * STRETCH, image->sizeZqf),
+                         ZqTransfer::Kind::Ordered);
+    SxArray<char> piece;
+    bool isSkipping = false;
+    while (!isSkipping) {
+        try {
+            if (!reader.next(&piece, stop)) return true;
+        } catch (const SxException& e) {
+            throw SxException(e, "Cannot download '" + image->getUrl().makeVisible() + "'", UNIT, __LINE__);
+        }
+        if (!takePlain(piece, &isSkipping)) return false;
+    }
+    return true;
+}
+
+/// Takes bytes of the plain form, up to a kept stretch that is worth skipping.
+bool ZqRemoteImage::StreamRun::takePlain(const SxArray<char>& piece, bool* isSkipping) {
+    const char* bytes = piece.data();
+    auto left = static_cast<uint64>(piece.getSize());
+    while (left > 0 && !*isSkipping) {
+        const uint64 idx = stretchIdx(), inside = pos % STRETCH, size = image->stretchSize(idx);
+        const uint64 n = std::min(left, size - inside);
+        if (inside == 0) assembled = Bytes::create(static_cast<int64>(size));
+        if (assembled) std::memcpy(assembled->data() + inside, bytes, n);
+        advance(pos + n);
+        if (inside + n == size) publish(idx, assembled, size);
+        if (!deliver(bytes, n)) return false;
+        bytes += n;
+        left -= n;
+        *isSkipping = pos % STRETCH == 0 && isWorthSkipping();
+    }
+    return true;
+}
+
+bool ZqRemoteImage::StreamRun::runPacked() {
+    try {
+        return runFrames();
+    } catch (const SxException& e) {
+        if (!e.hasTag(ZqNetLink::NOT_FOUND) || image->getState() != Packed::Unknown) throw;
+        image->setTable(nullptr, Packed::Absent);
+        return true;
+    }
+}
+
+bool ZqRemoteImage::StreamRun::runFrames() {
+    const SxPtr<ZqSeekTable> table = image->getTable();
+    const uint64 first = stretchIdx(), end = endOfRequest();
+    uint64 wireEnd = wirePos + (end - first) * STRETCH;
+    if (table) {
+        const ZqSeekTable::Frame& last = table->getFrame(end - 1);
+        wireIdx = first;
+        wirePos = table->getFrame(first).offset;
+        wireEnd = last.offset + last.size;
+    }
+    ZqRangeReader reader(image->packed, wirePos, wireEnd, ZqTransfer::Kind::Ordered);
+    SxArray<char> pending;
+    while (stretchIdx() < end) {
+        Bytes bytes;
+        int64 n = 0;
+        try {
+            n = frameAt(pending, table);
+            if (n > 0) bytes = image->decode(stretchIdx(), pending.data(), static_cast<uint64>(n));
+        } catch (const SxException& e) {
+            noteDamage(e);
+            return true;
+        }
+        if (bytes) {
+            cutFront(&pending, n);
+            if (!takeFrame(bytes, static_cast<uint64>(n))) return false;
+            if (table && pos < image->sizeZqf && isWorthSkipping()) return true;
+        } else if (!fill(&reader, &pending)) {
+            // Without a table a request ends within a frame, but never within its first.
+            if (stretchIdx() == first) noteDamage(SxException("It is cut short", UNIT, __LINE__));
+            return true;
+        }
+    }
+    return true;
+}
+
+/// Bytes of the frame that `pending` begins with; 0 where it isn't all there.
+int64 ZqRemoteImage::StreamRun::frameAt(const SxArray<char>& pending, const SxPtr<ZqSeekTable>& table) const {
+    if (table) {
+        const int64 n = table->getFrame(stretchIdx()).size;
+        return pending.getSize() >= n ? n : 0;
+    }
+    const int64 n = ZqArchive::frameSize(pending.data(), pending.getSize());
+    if (n == 0 && pending.getSize() > static_cast<int64>(ZqSeekTable::MAX_PACKED)) {
+        throw SxException("It has no end", UNIT, __LINE__);
+    }
+    return n;
+}
+
+bool ZqRemoteImage::StreamRun::fill(ZqRangeReader* reader, SxArray<char>* pending) {
+    SxArray<char> piece;
+    try {
+        if (!reader->next(&piece, stop)) return false;
+    } catch (const SxException& e) {
+        throw SxException(e, "Cannot download '" + image->packed->getUrl().makeVisible() + "'", UNIT,
+                          __LINE__);
+    }
+    const int64 old = pending->getSize();
+    pending->resize(old + piece.getSize(), true);
+    std::memcpy(pending->data() + old, piece.data(), static_cast<size_t>(piece.getSize()));
+    SxMutexBlock lock(&image->mutex);
+    image->streamMovedNs = SxClock::get().steadyNs();
+    return true;
+}
+
+bool ZqRemoteImage::StreamRun::takeFrame(const Bytes& bytes, uint64 nWire) {
+    const uint64 inside = pos % STRETCH;
+    publish(stretchIdx(), bytes, nWire);
+    wireIdx = stretchIdx() + 1;
+    wirePos += nWire;
+    return deliver(bytes->data() + inside, static_cast<uint64>(bytes->getSize()) - inside);
+}
+
+/// A damaged frame is fetched again once.
+void ZqRemoteImage::StreamRun::noteDamage(const SxException& e) {
+    const uint64 idx = stretchIdx();
+    const SxException named(
+        e, "Frame " + SxString(idx) + " of '" + image->packed->getUrl().makeVisible() + "' is damaged", UNIT,
+        __LINE__);
+    if (damagedIdx == idx) throw named;
+    damagedIdx = idx;
+    zqLogMsg("NET", named.toString(SxException::ShowMessage, ": "));
+}
+
+ZqRemoteImage::Bytes ZqRemoteImage::StreamRun::findKept() const {
+    SxMutexBlock lock(&image->mutex);
+    const auto found = image->kept.find(stretchIdx());
+    return found == image->kept.end() ? Bytes() : found->second;
+}
+
+uint64 ZqRemoteImage::StreamRun::lengthOfKept(uint64 idx) const {
+    uint64 n = 0;
+    for (auto at = image->kept.find(idx); at != image->kept.end() && at->first == idx + n; ++at)
+        ++n;
+    return n;
+}
+
+/// The stretch at which the next request of the stream ends: after some time, or where a kept one begins.
+uint64 ZqRemoteImage::StreamRun::endOfRequest() const {
+    const double rate = image->getLink()->getFigures().rate;
+    const double nWire = std::max({static_cast<double>(image->getLink()->getSettings().segmentSize),
+                                   rate * SEGMENT_SECONDS, image->tripBytes(SEGMENT_TRIPS)});
+    const double skipped = image->tripBytes(TRIPS_OF_REQUEST);
+    const uint64 first = stretchIdx();
+    SxMutexBlock lock(&image->mutex);
+    const double nStretches = nWire / image->wireShare / static_cast<double>(STRETCH);
+    const uint64 nLeft = ZqSeekTable::countFrames(image->sizeZqf) - first;
+    const uint64 end = first + 1 + std::min(nLeft - 1, static_cast<uint64>(std::min(nStretches, 1e9)));
+    auto at = image->kept.upper_bound(first);
+    while (at != image->kept.end() && at->first < end) {
+        const uint64 n = lengthOfKept(at->first);
+        if (static_cast<double>(n * STRETCH) * image->wireShare >= skipped) return at->first;
+        std::advance(at, n);
+    }
+    return end;
+}
+
+bool ZqRemoteImage::StreamRun::isWorthSkipping() const {
+    const double cost = image->tripBytes(TRIPS_OF_BREAK);
+    SxMutexBlock lock(&image->mutex);
+    const uint64 n = lengthOfKept(stretchIdx());
+    return n > 0 && static_cast<double>(n * STRETCH) * image->wireShare > cost;
+}
+
+void ZqRemoteImage::StreamRun::advance(uint64 to) {
+    SxMutexBlock lock(&image->mutex);
+    image->streamPos = to;
+    image->streamMovedNs = SxClock::get().steadyNs();
+}
+
+/// The stretch is there; `nWire` bytes of the wire brought it, 0 where it had been kept.
+void ZqRemoteImage::StreamRun::publish(uint64 idx, const Bytes& bytes, uint64 nWire) {
+    const uint64 size = image->stretchSize(idx);
+    {
+        SxMutexBlock lock(&image->mutex);
+        if (nWire > 0) {
+            if (image->kept.contains(idx)) image->figures.nTwice += nWire;
+            image->wireShare =
+                0.9 * image->wireShare + 0.1 * static_cast<double>(nWire) / static_cast<double>(size);
+        }
+        image->kept.erase(image->kept.begin(), image->kept.upper_bound(idx));
+        if (bytes) image->recent.emplace_front(idx, bytes);
+        if (image->recent.size() > N_RECENT) image->recent.pop_back();
+        image->streamPos = idx * STRETCH + size;
+        image->streamMovedNs = SxClock::get().steadyNs();
+    }
+    image->changed.notify_all();
+}
+
+bool ZqRemoteImage::StreamRun::deliver(const char* bytes, uint64 n) {
+    pos += n;
+    {
+        SxMutexBlock lock(&image->mutex);
+        image->figures.nStreamed += n;
+    }
+    return sink(bytes, static_cast<int64>(n));
+}

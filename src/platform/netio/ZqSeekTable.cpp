@@ -1,0 +1,70 @@
+#include "ZqSeekTable.h"
+
+#include "SxException.h"
+
+namespace {
+
+constexpr const char* UNIT = "src/platform/netio/ZqSeekTable";
+constexpr uint32 SKIPPABLE_MAGIC = 0x184D2A5E, FOOTER_MAGIC = 0x8F92EAB1;
+constexpr uint64 HEADER = 8, FOOTER = 9;
+constexpr unsigned CHECKSUM_FLAG = 0x80, RESERVED_BITS = 0x7C;
+
+uint32 readUint32(const char* bytes) {
+    uint32 value = 0;
+    for (int i = 3; i >= 0; --i)
+        value = value << 8 | static_cast<unsigned char>(bytes[i]);
+    return value;
+}
+
+[[noreturn]] void raise(const SxString& text, int line) {
+    throw SxException(text, UNIT, line);
+}
+
+} // namespace
+
+uint64 ZqSeekTable::maxTail(uint64 sizeZqf) noexcept {
+    return HEADER + countFrames(sizeZqf) * 12 + FOOTER;
+}
+
+ZqSeekTable::ZqSeekTable(const char* tail, uint64 nTail, uint64 sizePacked, uint64 sizeZqf) {
+    if (nTail < HEADER + FOOTER || nTail > sizePacked)
+        raise("The file is too short for a seek table", __LINE__);
+    const char* footer = tail + nTail - FOOTER;
+    if (readUint32(footer + 5) != FOOTER_MAGIC) raise("The file doesn't end in a seek table", __LINE__);
+    const auto descriptor = static_cast<unsigned char>(footer[4]);
+    if ((descriptor & RESERVED_BITS) != 0) raise("The seek table is of an unknown kind", __LINE__);
+    checksums = (descriptor & CHECKSUM_FLAG) != 0;
+
+    const uint64 nFrames = readUint32(footer), nWanted = countFrames(sizeZqf);
+    if (nFrames != nWanted) {
+        raise("The seek table has " + SxString(nFrames) + " frames, and the image takes " + SxString(nWanted),
+              __LINE__);
+    }
+    const uint64 entry = checksums ? 12 : 8;
+    const uint64 nTable = HEADER + nFrames * entry + FOOTER;
+    if (nTable > nTail) raise("The seek table is cut short", __LINE__);
+    const char* at = tail + nTail - nTable;
+    if (readUint32(at) != SKIPPABLE_MAGIC || readUint32(at + 4) != nTable - HEADER) {
+        raise("The seek table has no header of its size", __LINE__);
+    }
+    at += HEADER;
+
+    frames.resize(static_cast<int64>(nFrames));
+    uint64 offset = 0;
+    for (uint64 frameIdx = 0; frameIdx < nFrames; ++frameIdx, at += entry) {
+        const uint64 wanted = std::min(FRAME, sizeZqf - frameIdx * FRAME);
+        const uint32 size = readUint32(at), decoded = readUint32(at + 4);
+        if (decoded != wanted || size == 0 || size > MAX_PACKED) {
+            raise("The seek table gives frame " + SxString(frameIdx) + " " + SxString(size) +
+                      " bytes that become " + SxString(decoded) + ", where " + SxString(wanted) + " are due",
+                  __LINE__);
+        }
+        frames(static_cast<int64>(frameIdx)) = {offset, size, checksums ? readUint32(at + 8) : 0};
+        offset += size;
+    }
+    if (offset + nTable != sizePacked) {
+        raise("The frames of the seek table and the table itself take " + SxString(offset + nTable) +
+                  " bytes, and the file has " + SxString(sizePacked),
+              __LINE__);
+    }
+}

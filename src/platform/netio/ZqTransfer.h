@@ -1,0 +1,73 @@
+#pragma once
+
+#include "SxArray.h"
+#include "SxException.h"
+#include "SxMutex.h"
+
+#include <condition_variable>
+#include <deque>
+#include <functional>
+
+/// One HTTP request under way: what the network thread fills and a consumer takes from. The consumer's
+/// operations belong to one thread at a time.
+class ZqTransfer {
+public:
+    enum class Kind {
+        Small,    ///< beside everything else
+        OnDemand, ///< ahead of the ordered streams
+        Ordered   ///< held while an on-demand request is on the wire; under the rate limit
+    };
+
+    /// What a response says ahead of its body; -1 where it doesn't say.
+    struct Response {
+        int status = 0;
+        SxString url; ///< where redirects have led
+        SxString eTag, lastModified, encoding;
+        int64 first = -1, last = -1, total = -1; ///< Content-Range, inclusive
+        int64 length = -1;                       ///< Content-Length
+
+        const SxString& validator() const { return eTag.isEmpty() ? lastModified : eTag; }
+    };
+    /// Called on the network thread ahead of the first body byte; raises where the response is of no use.
+    using Check = std::function<void(const Response&)>;
+
+    struct Request {
+        Kind kind = Kind::Small;
+        SxString url;
+        SxArray<SxString> headers;
+        SxString range; ///< as in "0-99" or "-100"; empty for the whole file
+        int64 maxBuffered = 0;
+        Check check;
+    };
+
+    explicit ZqTransfer(Request request_) : request(std::move(request_)) {}
+
+    const Request& getRequest() const noexcept { return request; }
+
+    // For the consumer.
+    /// The next bytes; waits up to 20 ms for them. `Waiting` where none have come in that time. Raises the
+    /// transfer's failure, after the bytes that came ahead of it.
+    enum class Next { Taken, Waiting, Ended };
+    Next next(SxArray<char>* piece);
+    bool isFinished() const;
+
+    // For the network thread.
+    /// Called when a consumer has made room again.
+    void setWake(std::function<void()> wake_) { wake = std::move(wake_); }
+    bool hasRoom() const;
+    void append(const char* bytes, size_t n);
+    void finish();
+    void fail(const SxException& e);
+
+private:
+    const Request request;
+    std::function<void()> wake;
+
+    mutable SxMutex mutex;
+    std::condition_variable_any changed;
+    std::deque<SxArray<char>> pieces SX_GUARDED_BY(mutex);
+    int64 nBuffered SX_GUARDED_BY(mutex) = 0;
+    bool ended SX_GUARDED_BY(mutex) = false;
+    bool failed SX_GUARDED_BY(mutex) = false;
+    SxException failure SX_GUARDED_BY(mutex);
+};
