@@ -47,7 +47,6 @@ ONE_FILE_ONLY = {
     "valijson": re.compile(r"valijson/"),
     "spdlog": re.compile(r"spdlog/"),
     "libarchive": re.compile(r"archive(_entry)?\.h$"),
-    "zstd": re.compile(r"(zstd|zdict|zstd_errors)\.h$"),
     "curl": re.compile(r"curl/"),
     "openssl": re.compile(r"openssl/"),
     "httplib": re.compile(r"httplib\.h$"),

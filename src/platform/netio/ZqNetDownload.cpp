@@ -120,7 +120,7 @@ void ZqNetDownload::read(uint64 offset, uint64 size, char* buffer) {
     if (source.image) {
         source.image->read(offset, size, buffer, stopTest());
     } else if (const SxPtr<ZqRangeReader> reader = takeAnnounced(offset, size)) {
-        source.file->read(reader.getPtr(), size, buffer, stopTest());
+        source.file->finish(reader.getPtr(), size, buffer, stopTest());
     } else {
         source.file->read(offset, size, buffer, stopTest());
     }

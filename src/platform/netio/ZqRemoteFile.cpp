@@ -116,10 +116,10 @@ SxException ZqRemoteFile::failure(const SxException& e, const SxString& what) co
 void ZqRemoteFile::read(uint64 offset, uint64 n, char* buffer, const ZqStopTest& stop) {
     if (n == 0) return;
     ZqRangeReader reader(self(), offset, offset + n, ZqTransfer::Kind::OnDemand);
-    read(&reader, n, buffer, stop);
+    finish(&reader, n, buffer, stop);
 }
 
-void ZqRemoteFile::read(ZqRangeReader* reader, uint64 n, char* buffer, const ZqStopTest& stop) {
+void ZqRemoteFile::finish(ZqRangeReader* reader, uint64 n, char* buffer, const ZqStopTest& stop) {
     const uint64 offset = reader->getPos();
     try {
         if (reader->readAll(buffer, n, stop) != n) throw SxException("The file ends before", UNIT, __LINE__);

@@ -29,7 +29,7 @@ public:
     /// as the link's settings say. Raises SxException with the tags of ZqNetLink.
     void read(uint64 offset, uint64 size, char* buffer, const ZqStopTest& stop = nullptr);
     /// The same for a request that was begun before.
-    void read(ZqRangeReader* reader, uint64 size, char* buffer, const ZqStopTest& stop);
+    void finish(ZqRangeReader* reader, uint64 size, char* buffer, const ZqStopTest& stop);
     /// The whole file, which must not have more than `maxSize` bytes. Needs no ranges of the server.
     SxArray<char> get(int64 maxSize, const ZqStopTest& stop = nullptr);
     /// Gets bytes in order; false ends the transfer.

@@ -1,7 +1,7 @@
 #include "ZqRemoteImage.h"
 
 #include "SxClock.h"
-#include "ZqArchive.h"
+#include "ZqFrameDecoder.h"
 #include "ZqImageTableLoader.h"
 #include "ZqLog.h"
 #include "ZqRangeReader.h"
@@ -110,7 +110,7 @@ ZqRemoteImage::Packed ZqRemoteImage::getState() const {
 ZqRemoteImage::Bytes ZqRemoteImage::decode(uint64 stretchIdx, const char* frame, uint64 n) const {
     const auto size = static_cast<int64>(stretchSize(stretchIdx));
     const auto bytes = Bytes::create(size);
-    const uint32 checksum = ZqArchive::decodeFrame(frame, static_cast<int64>(n), bytes->data(), size);
+    const uint32 checksum = ZqFrameDecoder::decode(frame, static_cast<int64>(n), bytes->data(), size);
     const SxPtr<ZqSeekTable> known = getTable();
     if (known && known->hasChecksums() && known->getFrame(stretchIdx).checksum != checksum) {
         throw SxException("Its bytes aren't those of the seek table's checksum", UNIT, __LINE__);

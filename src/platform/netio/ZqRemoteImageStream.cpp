@@ -1,5 +1,5 @@
 #include "SxClock.h"
-#include "ZqArchive.h"
+#include "ZqFrameDecoder.h"
 #include "ZqLog.h"
 #include "ZqRangeReader.h"
 #include "ZqRemoteImage.h"
@@ -213,7 +213,7 @@ int64 ZqRemoteImage::StreamRun::frameAt(const SxArray<char>& pending, const SxPt
         const int64 n = table->getFrame(stretchIdx()).size;
         return pending.getSize() >= n ? n : 0;
     }
-    const int64 n = ZqArchive::frameSize(pending.data(), pending.getSize());
+    const int64 n = ZqFrameDecoder::findSize(pending.data(), pending.getSize());
     if (n == 0 && pending.getSize() > static_cast<int64>(ZqSeekTable::MAX_PACKED)) {
         throw SxException("It has no end", UNIT, __LINE__);
     }

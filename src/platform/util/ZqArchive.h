@@ -36,12 +36,4 @@ public:
     /// The reverse. The frame must declare its size, which must fit into the free space and be what comes
     /// out, and nothing may follow it. Takes windows of up to 128 MiB. `to` is removed on a failure.
     static void decompressZSTD(const SxString& from, const SxString& to);
-
-    /// Bytes of the zstd frame that the `n` bytes begin with; 0 where its end isn't among them. Raises where
-    /// they can't be the beginning of one.
-    static int64 frameSize(const char* bytes, int64 n);
-    /// Decodes one frame of `n` bytes into the `nTo` bytes at `to`, with no memory beside them. The frame
-    /// must declare that size and carry a checksum, which is compared. Gives that: the low 32 bits of the
-    /// XXH64 of the decoded bytes.
-    static uint32 decodeFrame(const char* frame, int64 n, char* to, int64 nTo);
 };
