@@ -1,0 +1,129 @@
+#pragma once
+
+#include "SxArray.h"
+#include "SxFileIO.h"
+#include "SxPtr.h"
+#include "SxSystemThread.h"
+#include "ZqAvg.h"
+
+#include <map>
+
+/// Takes the bytes of an image from download threads as chunks, in any order, and appends them to the image
+/// file strictly by their offsets, on a thread of its own, at a pace that follows the download. It is the one
+/// writer of a growing `img.zqf`. A failure ends the thread with the event APP_ERROR; the file keeps what it
+/// has, and a new object goes on at its end. For one run. All operations are safe from any thread, but for
+/// those of SxSystemThread. Offsets and sizes are in bytes of the image file.
+class ZqFWriter : public SxSystemThread {
+public:
+    /// What popOffset() gives while the next chunk isn't there.
+    static constexpr uint64 NO_OFFSET = ~uint64{0};
+
+    /// `dirPath`: the image's folder with a trailing slash; `fileName`: the image in it, which is made,
+    /// empty, where it is missing. Chunks that an earlier run left on disk are removed. `app.json` must lie
+    /// in the folder when the thread starts.
+    ZqFWriter(const SxString& dirPath, const SxString& fileName);
+
+    /// Takes a copy of `data`, cut into pieces of 2,000,000 bytes. A client pushes on a grid: where a piece
+    /// ends the next one begins. What ends at or ahead of the write cursor isn't kept. With setThrottle(true)
+    /// it takes a second. Raises where there is no memory.
+    void pushChunk(uint64 offset, const SxArray<char>& data);
+    /// The same; a chunk of one piece is taken over without a copy.
+    void pushChunk(uint64 offset, SxArray<char>&& data);
+    /// Holds who pushes to one chunk a second.
+    void setThrottle(bool on);
+
+    /// The next offset to write, which is taken, or NO_OFFSET. For the writer's thread.
+    uint64 popOffset();
+    /// Moves the buffer cursor over what has arrived, and takes the samples of the speed. For the writer's
+    /// thread.
+    void updateBufferCursor();
+
+    /// Bytes that lie ready behind the write cursor without a gap.
+    uint64 getBytesAvail() const;
+    /// The end of what has arrived without a gap.
+    uint64 getBufferCursor() const;
+    /// The end of what is written, as far as the thread has started.
+    uint64 getWriteCursor() const;
+    /// Bytes in memory: pushed and not yet written, also those behind a gap.
+    uint64 getBytesHeld() const;
+    /// The download's mean speed of the last minute; 0 until the first sample, after 5 s.
+    uint64 getBytesPerSecond() const;
+
+    /// Ends the pacing by the download's speed, and its samples.
+    void finalize();
+    bool finalizeRequested() const;
+    void stop();
+    bool stopRequested() const;
+
+    /// Whether the image was empty at the construction.
+    bool isNewImage() const { return cursor0 == 0; }
+    /// Whether the image is complete; meaningful once the thread has ended.
+    bool isCompleteImage() const;
+
+protected:
+    void main() override;
+
+private:
+    using Piece = SxPtr<SxArray<char>>;
+
+    /// A bool with a mutex of its own.
+    class Flag {
+    public:
+        void set(bool on) {
+            SxMutexBlock lock(&mutex);
+            value = on;
+        }
+        bool get() const {
+            SxMutexBlock lock(&mutex);
+            return value;
+        }
+
+    private:
+        mutable SxMutex mutex;
+        bool value SX_GUARDED_BY(mutex) = false;
+    };
+    /// What a chunk was written with, for its line in the log.
+    struct Pace {
+        uint64 dlSpeed, target, reached;
+    };
+
+    SxString pathOf(const SxString& name) const { return dirPath + name; }
+    SxString chunkPath(uint64 offset) const { return dirPath + "chunks/" + offset + ".chunk"; }
+    void keep(uint64 offset, Piece piece) SX_EXCLUDES(dataMutex);
+    void holdPusher() const;
+    void testDisk();
+    void writeTestFile(int64 nBytes);
+    void openLog();
+    void writeImage();
+    void beginAtEnd(SxFileIO* image, uint64 total);
+    uint64 awaitOffset();
+    uint64 targetSpeed(uint64 dlSpeed, uint64 bytesBehindLast) const;
+    uint64 writePiece(SxFileIO* image, uint64 offset, uint64 target);
+    void freePiece(uint64 offset);
+    void writeLogLine(const Pace& pace);
+    void removeLeftovers();
+
+    const SxString dirPath, fileName;
+    Flag stopFlag, finalizeFlag, throttleFlag;
+    const uint64 time0; ///< system time in milliseconds
+    const uint64 steady0;
+    const uint64 cursor0;
+
+    mutable SxMutex dataMutex;
+    uint64 bufferCursor SX_GUARDED_BY(dataMutex) = 0;
+    uint64 writeCursor SX_GUARDED_BY(dataMutex);
+    uint64 bytesAvail SX_GUARDED_BY(dataMutex) = 0;
+    uint64 bytesHeld SX_GUARDED_BY(dataMutex) = 0;
+    uint64 bytesReceived SX_GUARDED_BY(dataMutex);
+    uint64 bytesAtLastSample SX_GUARDED_BY(dataMutex);
+    uint64 timeAtLastSample SX_GUARDED_BY(dataMutex);
+    SxPtr<ZqAvg> avgSpeed SX_GUARDED_BY(dataMutex);
+    bool completeImage SX_GUARDED_BY(dataMutex) = false;
+    std::map<uint64, Piece> chunks SX_GUARDED_BY(dataMutex);
+    /// Of those in `chunks` that popOffset() hasn't given yet.
+    std::map<uint64, uint64> chunkSizes SX_GUARDED_BY(dataMutex);
+
+    // The writer's thread alone.
+    uint64 testBytes = 0, testMs = 0, maxWriteSpeed = 0;
+    SxFileIO log;
+};

@@ -1,0 +1,12 @@
+#include "ZqJobFailure.h"
+
+#include "SxEventBus.h"
+#include "ZqLog.h"
+
+void ZqJobFailure::report(const SxString& prefix, const SxString& path, const SxException& e,
+                          const SxString& unit, int line) {
+    const SxString text = e.toString(3, "\n");
+    zqLogMsg("base", prefix + text);
+    SxEventBus::pub<SX_APP_ERROR, SxString, SxString>(path, text, SxEventBus::location(unit, line, "main"),
+                                                      "APP_ERROR");
+}
