@@ -1,0 +1,274 @@
+#include "ZqImageProgress.h"
+
+#include "SxFSAction.h"
+#include "SxTime.h"
+#include "ZqImageFiles.h"
+#include "ZqImageParams.h"
+#include "ZqJobFailure.h"
+#include "ZqLog.h"
+#include "ZqMountMgr.h"
+
+#include <algorithm>
+#include <limits>
+#include <utility>
+
+namespace {
+
+constexpr const char* UNIT = "src/base/ZqImageProgress";
+constexpr const char* PREFIX = "ZqImageProgress::main: ";
+constexpr const char* TRACE_FILE = "/img.trc";
+
+constexpr int64 PERIOD_MS = 1000;
+constexpr int64 N_SPEEDS = 10'000 / PERIOD_MS;
+constexpr double BYTES_PER_MEGABIT = 125000.0;
+constexpr uint64 LEAST_SPEED = 10'000; // bytes per second
+constexpr uint64 MEGABYTE = 1'000'000;
+constexpr int64 BLOCK_SIZE = 4096;
+constexpr int BLOCK_SHIFT = 12;
+constexpr int ITEM_SHIFT = 4; // 16 bytes in img.trc
+
+/// Durations come from the clock that no adjustment moves.
+int64 steadyMs() {
+    return SxClock::get().steadyNs() / 1'000'000;
+}
+
+/// Bytes that the longest of the traces in `folder` touches.
+uint64 longestTrace(const SxString& folder) {
+    uint64 longest = 0;
+    if (!SxFSAction::test_d(folder)) return longest;
+    for (const SxFileInfo& entry : SxFSAction::ls(folder)) {
+        const SxFileInfo file(entry.getAbsPath() + TRACE_FILE);
+        if (!file.exists()) continue;
+        longest = std::max(longest, static_cast<uint64>(file.getSize()) >> ITEM_SHIFT << BLOCK_SHIFT);
+    }
+    return longest;
+}
+
+} // namespace
+
+/// The size of the growing image.
+class ZqImageProgress::File {
+public:
+    explicit File(const SxString& path) : file(path) { look(); }
+
+    /// Gives whether it has grown.
+    bool look() {
+        file.setDirty();
+        const auto now = static_cast<uint64>(file.getSize());
+        if (now < size) {
+            throw SxException("Application image has been externally modified", UNIT, __LINE__);
+        }
+        return now > std::exchange(size, now);
+    }
+    uint64 getSize() const { return size; }
+
+private:
+    SxFile file;
+    uint64 size = 0;
+};
+
+ZqImageProgress::ZqImageProgress(const SxString& path_, const ZqAppParams& params)
+    : path(path_),
+      appParams(params),
+      avgSpeed(SxPtr<ZqAvg>::create(N_SPEEDS)),
+      globalAvgSpeed(SxPtr<ZqAvg>::create()),
+      nTotal(params.sizeZqf) {
+    setThreadName("image progress");
+}
+
+void ZqImageProgress::stop() {
+    SxMutexBlock lock(&stopMutex);
+    stopFlag = true;
+}
+
+bool ZqImageProgress::stopRequested() const {
+    SxMutexBlock lock(&stopMutex);
+    return stopFlag;
+}
+
+uint64 ZqImageProgress::getNCurrent() const {
+    SxMutexBlock lock(&countMutex);
+    return nCurrent;
+}
+
+uint64 ZqImageProgress::getNCurrent0() const {
+    SxMutexBlock lock(&countMutex);
+    return nCurrent0;
+}
+
+uint64 ZqImageProgress::getNTotal() const {
+    SxMutexBlock lock(&countMutex);
+    return nTotal;
+}
+
+void ZqImageProgress::setNCurrent(uint64 n) {
+    SxMutexBlock lock(&countMutex);
+    nCurrent = n;
+}
+
+double ZqImageProgress::getCurrentSpeed() const {
+    SxMutexBlock lock(&speedMutex);
+    return currentSpeed;
+}
+
+double ZqImageProgress::getAvgSpeed() const {
+    SxMutexBlock lock(&speedMutex);
+    return avgSpeed->getAverage();
+}
+
+double ZqImageProgress::getSigmaSpeed() const {
+    SxMutexBlock lock(&speedMutex);
+    return avgSpeed->getSigma();
+}
+
+double ZqImageProgress::getGlobalAvgSpeed() const {
+    SxMutexBlock lock(&speedMutex);
+    return globalAvgSpeed->getAverage();
+}
+
+double ZqImageProgress::getGlobalSigmaSpeed() const {
+    SxMutexBlock lock(&speedMutex);
+    return globalAvgSpeed->getSigma();
+}
+
+double ZqImageProgress::getGlobalMaxSpeed() const {
+    SxMutexBlock lock(&speedMutex);
+    return globalAvgSpeed->getMax();
+}
+
+void ZqImageProgress::resetAvgSpeed() {
+    SxMutexBlock lock(&speedMutex);
+    avgSpeed->reset();
+}
+
+uint64 ZqImageProgress::getRequiredSpeed(uint64 nInit) const {
+    return appParams.getBpS(nInit);
+}
+
+uint64 ZqImageProgress::getNInitTrace() const {
+    return std::max(longestTrace(path + "/traces"), longestTrace(path + "/../../traces"));
+}
+
+uint64 ZqImageProgress::getNInit(uint64 speedLimit) const {
+    const double speed = std::min(getAvgSpeed(), static_cast<double>(speedLimit) / BYTES_PER_MEGABIT);
+    const uint64 total = getNTotal();
+    if (appParams.minBandwidth > 0 && static_cast<double>(appParams.minBandwidth) > speed) return total;
+    // A product beyond 64 bits is more than any image has.
+    constexpr uint64 MAX = std::numeric_limits<uint64>::max();
+    const uint64 preload = appParams.minPreload > MAX / MEGABYTE ? MAX : appParams.minPreload * MEGABYTE;
+    uint64 n = std::max({appParams.sizeMnt, preload, appParams.getNInit(speed)});
+    SxMutexBlock lock(&countMutex);
+    n = std::max(n, nInitTrace);
+    return n > nTotal || nCurrent == nTotal ? nTotal : n;
+}
+
+uint64 ZqImageProgress::getStartETA(uint64 speedLimit) const {
+    return secondsUntil(getNInit(speedLimit));
+}
+
+uint64 ZqImageProgress::getTotalETA() const {
+    return secondsUntil(getNTotal());
+}
+
+uint64 ZqImageProgress::secondsUntil(uint64 nBytes) const {
+    const uint64 there = getNCurrent();
+    if (nBytes < there) return 0;
+    return (nBytes - there) / std::max(LEAST_SPEED, static_cast<uint64>(getAvgSpeed() * BYTES_PER_MEGABIT));
+}
+
+uint64 ZqImageProgress::cursorBehind(uint64 nBytes) {
+    const uint64 zqfIdx = nBytes >> BLOCK_SHIFT;
+    return nBytes % BLOCK_SIZE == 0 || zqfIdx == 0 ? zqfIdx : zqfIdx - 1;
+}
+
+void ZqImageProgress::main() {
+    zqLogMsg("base", SxString(PREFIX) + "START");
+    try {
+        watch();
+    } catch (const SxException& e) {
+        ZqJobFailure::report(PREFIX, path, e, UNIT, __LINE__);
+    }
+    zqLogMsg("base", SxString(PREFIX) + "END");
+}
+
+void ZqImageProgress::watch() {
+    const uint64 ofTrace = getNInitTrace();
+    File file(path + "/" + ZqImageFiles::ZQF);
+    {
+        SxMutexBlock lock(&countMutex);
+        nInitTrace = ofTrace;
+        nCurrent0 = file.getSize();
+        nCurrent = nCurrent0;
+    }
+    const uint64 total = getNTotal();
+    uint64 previous = file.getSize();
+    int64 time = steadyMs();
+    awaitGrowth(&file);
+    while (!stopRequested() && previous < total) {
+        file.look();
+        const int64 elapsed = steadyMs() - time;
+        if (elapsed < PERIOD_MS && file.getSize() < total) {
+            follow(&file);
+            continue;
+        }
+        time += elapsed;
+        takeSample(file.getSize() - previous, elapsed);
+        previous = file.getSize();
+        // Also where nothing came: the image may have been mounted since.
+        moveCursor(cursorBehind(previous));
+        setNCurrent(previous);
+        follow(&file);
+    }
+    if (stopRequested()) return;
+    // Behind the last block of the disk, so that no read can miss anything any more.
+    moveCursor(static_cast<uint64>(ZqImageParams(path + "/").sizeRaw / BLOCK_SIZE));
+    setNCurrent(total);
+}
+
+void ZqImageProgress::awaitGrowth(File* file) {
+    const uint64 total = getNTotal();
+    bool grown = false;
+    const auto ready = [&] {
+        if (file->getSize() >= total || stopRequested()) return true;
+        grown = file->look();
+        return grown;
+    };
+    while (!SxWait::pass(PERIOD_MS, ready))
+        continue;
+    if (!grown) return;
+    moveCursor(cursorBehind(file->getSize()));
+    setNCurrent(file->getSize());
+}
+
+/// One pass, in which cursor and count go with the file.
+void ZqImageProgress::follow(File* file) {
+    const uint64 total = getNTotal();
+    SxWait::pass(PERIOD_MS, [&] {
+        if (file->getSize() >= total || stopRequested()) return true;
+        const uint64 before = cursorBehind(file->getSize());
+        if (!file->look()) return false;
+        const uint64 cursor = cursorBehind(file->getSize());
+        if (cursor != before) moveCursor(cursor);
+        setNCurrent(file->getSize());
+        return file->getSize() >= total;
+    });
+}
+
+void ZqImageProgress::takeSample(uint64 nNew, int64 elapsedMs) {
+    const double perPass = static_cast<double>(nNew) / BYTES_PER_MEGABIT;
+    const double speed = perPass * 1000.0 / static_cast<double>(std::max<int64>(elapsedMs, 1));
+    SxMutexBlock lock(&speedMutex);
+    avgSpeed->update(speed);
+    globalAvgSpeed->update(speed);
+    currentSpeed = speed;
+}
+
+void ZqImageProgress::moveCursor(uint64 zqfIdx) const {
+    const ZqMountMgr mgr;
+    try {
+        mgr.setCursor(path, zqfIdx);
+    } catch (const SxException&) {
+        // The drive may have gone between the two questions of the call.
+        if (mgr.isMounted(path)) throw;
+    }
+}

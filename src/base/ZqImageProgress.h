@@ -1,0 +1,82 @@
+#pragma once
+
+#include "SxPtr.h"
+#include "SxSystemThread.h"
+#include "ZqAppParams.h"
+#include "ZqAvg.h"
+
+/// Watches `img.zqf` grow: moves the drive's cursor behind what is there, measures the download, and says how
+/// much must be there before the application may start. May run before the mount; an image that isn't mounted
+/// has no cursor to be moved. Ends when the image is complete; a failure ends it with the event APP_ERROR.
+/// All operations are safe from any thread, but for those of SxSystemThread. Counts are in bytes of
+/// `img.zqf`, speeds in megabit per second unless said otherwise.
+class ZqImageProgress : public SxSystemThread {
+public:
+    /// `path`: the image's folder without a trailing slash, which holds `img.zqf` when the thread starts.
+    ZqImageProgress(const SxString& path, const ZqAppParams& params);
+
+    void stop();
+    bool stopRequested() const;
+
+    /// What is there, what was there at the start, and what there will be.
+    uint64 getNCurrent() const;
+    uint64 getNCurrent0() const;
+    uint64 getNTotal() const;
+    void setNCurrent(uint64 n);
+
+    /// Of the last pass, of the last ten (mean and standard deviation), and of the whole run.
+    double getCurrentSpeed() const;
+    double getAvgSpeed() const;
+    double getSigmaSpeed() const;
+    double getGlobalAvgSpeed() const;
+    double getGlobalSigmaSpeed() const;
+    double getGlobalMaxSpeed() const;
+    /// Forgets the last ten passes; the figures of the whole run stay.
+    void resetAvgSpeed();
+
+    // `speedLimit` is a rate in bytes per second, the most that the download may take.
+
+    /// Bytes per second that the application needs once `nInit` bytes are there.
+    uint64 getRequiredSpeed(uint64 nInit) const;
+    /// Bytes that must be there before the application may start.
+    uint64 getNInit(uint64 speedLimit) const;
+    /// Seconds until they are there, and until all is.
+    uint64 getStartETA(uint64 speedLimit) const;
+    uint64 getTotalETA() const;
+    /// Bytes that the longest recorded trace touches, of the image's own traces and of those two folders
+    /// above it; 0 without any.
+    uint64 getNInitTrace() const;
+
+    /// The cursor that `nBytes` of `img.zqf` allow: a ZqF index, ahead of which every block is whole.
+    static uint64 cursorBehind(uint64 nBytes);
+
+protected:
+    void main() override;
+
+private:
+    class File;
+
+    void watch();
+    void awaitGrowth(File* file);
+    void follow(File* file);
+    void takeSample(uint64 nNew, int64 elapsedMs);
+    void moveCursor(uint64 zqfIdx) const;
+    uint64 secondsUntil(uint64 nBytes) const;
+
+    const SxString path;
+    const ZqAppParams appParams;
+
+    mutable SxMutex speedMutex;
+    SxPtr<ZqAvg> avgSpeed SX_GUARDED_BY(speedMutex);
+    SxPtr<ZqAvg> globalAvgSpeed SX_GUARDED_BY(speedMutex);
+    double currentSpeed SX_GUARDED_BY(speedMutex) = 0;
+
+    mutable SxMutex countMutex;
+    uint64 nCurrent0 SX_GUARDED_BY(countMutex) = 0;
+    uint64 nCurrent SX_GUARDED_BY(countMutex) = 0;
+    uint64 nTotal SX_GUARDED_BY(countMutex);
+    uint64 nInitTrace SX_GUARDED_BY(countMutex) = 0;
+
+    mutable SxMutex stopMutex;
+    bool stopFlag SX_GUARDED_BY(stopMutex) = false;
+};
