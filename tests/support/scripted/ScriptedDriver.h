@@ -26,10 +26,17 @@ public:
 
     /// The `nth` coming call of that name fails, and all later ones, with `reason` as its words.
     void fail(const std::string& name, int nth = 1, const std::string& reason = "");
+    /// Calls of that name succeed again.
+    void mend(const std::string& name) { faults.erase(name); }
     /// Notes a call; gives whether it is to succeed.
     bool enter(const std::string& name, const std::string& note = "");
     /// The state that is due at this time.
     void settle();
+    /// The queue as the service hands it out.
+    std::vector<uint64> pop(uint64 max);
+    void take(uint64 zqfIdx, const std::string& bytes);
+    /// Calls of all names so far.
+    int64 nCalls = 0;
 
     // How long things take, in milliseconds; NEVER for what doesn't come.
     static constexpr int64 NEVER = int64{1} << 40;
@@ -38,7 +45,11 @@ public:
     bool isBusy = false;
     bool answersPing = true;
     std::string version = "3.4.10";
+    /// Blocks that readers wait for; a delivery takes them away, unless `keepsQueue`.
     std::vector<uint64> queue;
+    bool keepsQueue = false;
+    int64 returnAfter = 0;                   ///< ms until a block that was popped can be popped again
+    std::map<uint64, std::string> delivered; ///< bytes, by ZqF index
     /// Letters of the machine with what they say of themselves; that of the image is added.
     std::map<std::string, ZqVolumeIdentity> otherDrives;
     /// Runs ahead of each call.
@@ -74,5 +85,6 @@ private:
 
     std::string marker;
     std::map<std::string, Fault> faults;
+    std::map<uint64, int64> poppedAt;
     Clock time;
 };

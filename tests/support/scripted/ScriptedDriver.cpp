@@ -11,6 +11,7 @@ namespace {
 
 ScriptedDriver* current = nullptr;
 constexpr uint64 DEVICE_ID = 7;
+constexpr uint64 BLOCK = 4096;
 
 std::string text(ZqWide wide) {
     return SxString::fromUtf16(wide).str();
@@ -76,12 +77,32 @@ void ScriptedDriver::fail(const std::string& name, int nth, const std::string& r
 
 bool ScriptedDriver::enter(const std::string& name, const std::string& note) {
     settle();
+    ++nCalls;
     if (onCall) onCall(name);
     if (!note.empty()) notes.push_back(note);
     const auto fault = faults.find(name);
     const bool fails = fault != faults.end() && --fault->second.left <= 0;
     lastFailure = fails ? SxString(fault->second.reason) : SxString();
     return !fails;
+}
+
+std::vector<uint64> ScriptedDriver::pop(uint64 max) {
+    const int64 now = clock().elapsedMs();
+    std::vector<uint64> result;
+    for (const uint64 zqfIdx : queue) {
+        const auto popped = poppedAt.find(zqfIdx);
+        if (result.size() == max || (popped != poppedAt.end() && now < popped->second + returnAfter))
+            continue;
+        poppedAt[zqfIdx] = now;
+        result.push_back(zqfIdx);
+    }
+    return result;
+}
+
+void ScriptedDriver::take(uint64 zqfIdx, const std::string& bytes) {
+    for (uint64 at = 0; at < bytes.size(); at += BLOCK)
+        delivered[zqfIdx + at / BLOCK] = bytes.substr(at, BLOCK);
+    if (!keepsQueue) std::erase_if(queue, [this](uint64 missing) { return delivered.contains(missing); });
 }
 
 void ScriptedDriver::settle() {
@@ -159,10 +180,14 @@ ZqStatus zqDriveSetQACursor(ZqWide image, uint64 zqfIdx) {
     return act("SetQACursor", image, " " + std::to_string(zqfIdx));
 }
 ZqStatus zqDriveSuspend(ZqWide image) {
-    return act("Suspend", image);
+    if (act("Suspend", image) != 0) return 1;
+    ScriptedDriver::get().suspended = true;
+    return 0;
 }
 ZqStatus zqDriveResume(ZqWide image) {
-    return act("Resume", image);
+    if (act("Resume", image) != 0) return 1;
+    ScriptedDriver::get().suspended = false;
+    return 0;
 }
 ZqStatus zqDriveSetFailOnUnderflow(ZqWide image) {
     return act("SetFailOnUnderflow", image);
@@ -171,14 +196,14 @@ ZqStatus zqDriveGetOnDemandQueueLen(ZqWide image, uint64* nBlocks) {
     return answer("GetOnDemandQueueLen", image, nBlocks, ScriptedDriver::get().queue.size());
 }
 ZqStatus zqDrivePopUnderflowZqFBlock(ZqWide image, uint64* zqfIdx) {
-    std::vector<uint64>& queue = ScriptedDriver::get().queue;
-    return answer("PopUnderflowZqFBlock", image, zqfIdx, queue.empty() ? 0 : queue.front());
+    const std::vector<uint64> next = ScriptedDriver::get().pop(1);
+    return answer("PopUnderflowZqFBlock", image, zqfIdx, next.empty() ? 0 : next.front());
 }
 ZqStatus zqDrivePopUnderflowZqFBlocks(ZqWide image, uint64* zqfIdx, uint64* count) {
     if (!enter("PopUnderflowZqFBlocks", image)) return 1;
-    const std::vector<uint64>& queue = ScriptedDriver::get().queue;
-    *count = std::min<uint64>(*count, queue.size());
-    std::copy_n(queue.begin(), *count, zqfIdx);
+    const std::vector<uint64> next = ScriptedDriver::get().pop(*count);
+    *count = next.size();
+    std::copy(next.begin(), next.end(), zqfIdx);
     return 0;
 }
 ZqStatus zqDriveGetRequestData(ZqWide image, uint64* offset, uint64* length) {
@@ -186,7 +211,11 @@ ZqStatus zqDriveGetRequestData(ZqWide image, uint64* offset, uint64* length) {
     return answer("GetRequestData", image, offset, 8192);
 }
 ZqStatus zqDriveResolveUnderflow(ZqWide image, uint64 zqfIdx, const char* data, uint64 length) {
-    return act("ResolveUnderflow", image, " " + std::to_string(zqfIdx) + " " + std::string(data, length));
+    const std::string bytes(data, length);
+    const std::string shown = length < BLOCK ? bytes : std::to_string(length) + " bytes";
+    if (act("ResolveUnderflow", image, " " + std::to_string(zqfIdx) + " " + shown) != 0) return 1;
+    ScriptedDriver::get().take(zqfIdx, bytes);
+    return 0;
 }
 ZqStatus zqDriveMonitorOn(ZqWide image, ZqWide traceFolder) {
     if (act("MonitorOn", image, " " + text(traceFolder)) != 0) return 1;

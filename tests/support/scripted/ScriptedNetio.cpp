@@ -1,0 +1,110 @@
+#include "ScriptedNetio.h"
+
+#include "SxTime.h"
+#include "zqnetio.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace {
+
+ScriptedNetio* current = nullptr;
+
+ZqNetioStatus note(const std::string& text) {
+    ScriptedNetio::get().notes.push_back(text);
+    return 0;
+}
+
+} // namespace
+
+ScriptedNetio::ScriptedNetio() {
+    current = this;
+}
+
+ScriptedNetio::~ScriptedNetio() {
+    current = nullptr;
+}
+
+ScriptedNetio& ScriptedNetio::get() {
+    return *current;
+}
+
+ZqNetioStatus zqNetioStart() {
+    return 0;
+}
+ZqNetioStatus zqNetioStop() {
+    return 0;
+}
+const char* zqNetioStrError(ZqNetioStatus) {
+    return "netio failed";
+}
+ZqNetioStatus zqNetioDownload(void* download) {
+    *static_cast<void**>(download) = current;
+    return 0;
+}
+ZqNetioStatus zqNetioDownloadFree(void*) {
+    return note("free");
+}
+ZqNetioStatus zqNetioDownloadURL(const void*, const char* url) {
+    return *url == '\0' ? 1 : note(std::string("url ") + url);
+}
+ZqNetioStatus zqNetioDownloadPath(const void*, const unsigned short*) {
+    return 0;
+}
+ZqNetioStatus zqNetioDownloadHeaders(const void*, const char* const* headers) {
+    for (; *headers; ++headers)
+        note(std::string("header ") + *headers);
+    return 0;
+}
+ZqNetioStatus zqNetioDownloadChunked(const void*, uint64, uint64) {
+    return 0;
+}
+ZqNetioStatus zqNetioDownloadThrottle(const void*, double) {
+    return 0;
+}
+ZqNetioStatus zqNetioDownloadProgress(const void*, uint64*, uint64*, uint64*) {
+    return 0;
+}
+ZqNetioStatus zqNetioDownloadStart(const void*) {
+    return 0;
+}
+ZqNetioStatus zqNetioDownloadWait(const void*, int*) {
+    return 0;
+}
+ZqNetioStatus zqNetioDownloadFinished(const void*, int*) {
+    return 0;
+}
+ZqNetioStatus zqNetioDownloadErr(const void*, uint64* nErrors) {
+    *nErrors = 1;
+    return 0;
+}
+ZqNetioStatus zqNetioDownloadGetErrMsg(const void*, char* buffer, uint64* length) {
+    const std::string& text = ScriptedNetio::get().lastError;
+    if (buffer) std::memcpy(buffer, text.data(), std::min<size_t>(text.size(), *length));
+    *length = text.size();
+    return 0;
+}
+ZqNetioStatus zqNetioDownloadRange(uint64 offset, uint64 size, char** data, const void*) {
+    ScriptedNetio& net = ScriptedNetio::get();
+    note("range " + std::to_string(offset) + " " + std::to_string(size));
+    const bool isUnderWay = std::erase(net.announced, offset) > 0;
+    const int64 waitMs = isUnderWay && net.groupIsThere ? 0 : net.latencyMs;
+    if (SxWait::pass(waitMs, [&] { return net.cancelled; })) return 1;
+    if (isUnderWay) net.groupIsThere = true;
+    return net.fetch ? net.fetch(offset, size, *data) : 1;
+}
+ZqNetioStatus zqNetioDownloadRanges(const uint64*, const uint64*, char* const*, uint64, const void*) {
+    return 1;
+}
+ZqNetioStatus zqNetioDownloadAnnounce(const uint64* offsets, const uint64*, uint64 count, const void*) {
+    ScriptedNetio::get().announced.assign(offsets, offsets + count);
+    ScriptedNetio::get().groupIsThere = false;
+    return note("announce " + std::to_string(count));
+}
+ZqNetioStatus zqNetioDownloadCancel(const void*, bool on) {
+    ScriptedNetio::get().cancelled = on;
+    return note(on ? "cancel" : "go on");
+}
+ZqNetioStatus zqNetioOfferImage(const SxPtr<ZqRemoteImage>&) {
+    return 0;
+}

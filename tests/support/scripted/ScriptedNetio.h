@@ -1,0 +1,27 @@
+#pragma once
+
+#include "SxTypes.h"
+
+#include <functional>
+#include <string>
+#include <vector>
+
+/// Stands in the place of the download functions, on the clock in force. Calls are noted in order. In force
+/// from construction to destruction.
+class ScriptedNetio {
+public:
+    ScriptedNetio();
+    ~ScriptedNetio();
+    ScriptedNetio(const ScriptedNetio&) = delete;
+    ScriptedNetio& operator=(const ScriptedNetio&) = delete;
+
+    static ScriptedNetio& get();
+
+    /// Fills a range; gives the status of the request.
+    std::function<int(uint64 offset, uint64 size, char* data)> fetch;
+    int64 latencyMs = 20; ///< of a request that wasn't announced, and of the first of those that were
+    bool cancelled = false, groupIsThere = false;
+    std::string lastError = "the server is gone";
+    std::vector<std::string> notes;
+    std::vector<uint64> announced; ///< and not taken
+};
