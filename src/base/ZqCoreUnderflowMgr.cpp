@@ -1,0 +1,434 @@
+#include "ZqCoreUnderflowMgr.h"
+
+#include "SxFSAction.h"
+#include "SxTime.h"
+#include "ZqImageFiles.h"
+#include "ZqImageProgress.h"
+#include "ZqJobFailure.h"
+#include "ZqLog.h"
+#include "ZqODRDownloader.h"
+#include "ZqSysEnv.h"
+
+#include <algorithm>
+
+namespace {
+
+constexpr const char* UNIT = "src/base/ZqCoreUnderflowMgr";
+constexpr const char* MAIN = "ZqCoreUnderflowMgr::main: ";
+constexpr const char* INSTANT = "ZqCoreUnderflowMgr::checkInstantUnderflow: ";
+constexpr int64 DELAY_PASSES = 10; ///< a second's
+constexpr int64 DELAY_PASS_MS = 100;
+constexpr int64 SEARCH_MS = 1000;      ///< from one look at the foreground to the next
+constexpr int64 PROCESS_MS = 100;      ///< for the search for the application's process
+constexpr int LOOKS_A_PROCESS = 5;     ///< one asks after every process of the machine
+constexpr int64 MINIMIZE_MS = 500;     ///< for the desktop to minimise a window
+constexpr int64 UNDERFLOW_MS = 1000;   ///< a turn with an underflow
+constexpr int64 REFUSALS_A_LINE = 100; ///< about a second's
+constexpr uint64 ROW_MS = 60000;
+constexpr uint64 MIN_RATE = 4096;    ///< bytes a second, below which an ETA means nothing
+constexpr double LEAST_SPEED = 1000; ///< bytes a second
+constexpr int64 MAX_BATCH = 25;
+
+uint64 nowMs() {
+    return static_cast<uint64>(ZqSysEnv::getSysTime());
+}
+
+double bytesPerSecond(double megabitPerSecond) {
+    return megabitPerSecond * 1000 * 1000 / 8;
+}
+
+void updateMean(int64* mean, int64 n, int64 value) {
+    if (n > 0) *mean = ((n - 1) * *mean + value) / n;
+}
+
+bool isIconic(ZqDesktop::Handle window) {
+    return window != 0 && ZqDesktop::get().isIconic(window);
+}
+
+/// Both run on the caller's thread: they only tell the desktop what is wanted.
+void minimizeWindow(ZqDesktop::Handle window) {
+    if (window != 0) ZqDesktop::get().forceMinimise(window);
+}
+
+void maximizeWindow(ZqDesktop::Handle window) {
+    if (window == 0) return;
+    ZqDesktop::get().show(window);
+    ZqDesktop::get().activate(window);
+}
+
+/// A window as log lines name it.
+SxString describe(const SxString& deed, ZqDesktop::Handle window) {
+    const SxString title = window != 0 ? ZqDesktop::get().getTitle(window) : SxString();
+    return deed + " [" + title + "] [" + window + "]";
+}
+
+/// The process that a command starts.
+SxString processOf(const SxString& cmd) {
+    SxString name;
+    for (const SxString& part : ZqSysEnv::unifySlashes(cmd).tokenize('/'))
+        name = part;
+    return name;
+}
+
+} // namespace
+
+ZqCoreUnderflowMgr::ZqCoreUnderflowMgr(const SxString& path_, const SxPtr<ZqCoreAppGuard>&,
+                                       const SxPtr<ZqImageProgress>& progress, const ZqAppParams& params,
+                                       Callback callback_, void* callbackData_)
+    : path(path_),
+      imageProgress(progress),
+      appParams(params),
+      callback(callback_),
+      callbackData(callbackData_) {
+    setThreadName("underflow mgr");
+}
+
+ZqCoreUnderflowMgr::~ZqCoreUnderflowMgr() {
+    if (!asyncCallback) return;
+    if (asyncCallback->isRunning()) zqLogMsg("base", "ERROR : Callback not released.");
+    asyncCallback->wait();
+}
+
+void ZqCoreUnderflowMgr::start(Priority priority) {
+    // Here and not in main(), so that a stop right behind the start isn't lost.
+    if (!isRunning()) {
+        stopFlag = false;
+        if (const SxPtr<ZqODRDownloader> source = getSource().downloader) source->cancel(false);
+    }
+    SxSystemThread::start(priority);
+}
+
+void ZqCoreUnderflowMgr::stop() {
+    stopFlag = true;
+    if (const SxPtr<ZqODRDownloader> source = getSource().downloader) source->cancel();
+}
+
+void ZqCoreUnderflowMgr::restart() {
+    minimizedFlag = underflowFlag = false;
+    stop();
+    wait();
+    appWindow = 0;
+    minimizedFlag = underflowFlag = false;
+    start(6);
+}
+
+uint64 ZqCoreUnderflowMgr::getUnderflowETA() const {
+    const uint64 nCurrent = nDownloaded(), wanted = resumeIdx;
+    if (!imageProgress || wanted < nCurrent) return 0;
+    const double speed = std::max(bytesPerSecond(imageProgress->getCurrentSpeed()), LEAST_SPEED);
+    return (wanted - nCurrent) / static_cast<uint64>(speed);
+}
+
+uint64 ZqCoreUnderflowMgr::nDownloaded() const {
+    return imageProgress ? imageProgress->getNCurrent() : 0;
+}
+
+ZqRuntimeInfo ZqCoreUnderflowMgr::getRuntimeInfo() const {
+    const SxMutexBlock lock(&infoMutex);
+    return runtimeInfo;
+}
+
+void ZqCoreUnderflowMgr::countUnderflow(int64 size) {
+    const SxMutexBlock lock(&infoMutex);
+    ++runtimeInfo.nUnderflows;
+    runtimeInfo.maxUnderflowSize = std::max(runtimeInfo.maxUnderflowSize, size);
+    updateMean(&runtimeInfo.avgUnderflowSize, runtimeInfo.nUnderflows, size);
+}
+
+void ZqCoreUnderflowMgr::timeUnderflow(int64 ms) {
+    const SxMutexBlock lock(&infoMutex);
+    runtimeInfo.maxUnderflowTime = std::max(runtimeInfo.maxUnderflowTime, ms);
+    updateMean(&runtimeInfo.avgUnderflowTime, runtimeInfo.nUnderflows, ms);
+}
+
+// Windows.
+
+void ZqCoreUnderflowMgr::minimizeApp() {
+    try {
+        const ZqDesktop::Handle window = appWindow;
+        zqLogMsg("base", "ZqCoreUnderflowMgr::minimizeApp: " + describe("Minimizing", window));
+        minimizeWindow(window);
+        minimizedFlag = true;
+        SxWait::pass(MINIMIZE_MS,
+                     [&] { return window == 0 || stopRequested() || ZqDesktop::get().isIconic(window); });
+    } catch (const SxException& e) {
+        throw SxException(e, "App minimization failed", UNIT, __LINE__);
+    }
+}
+
+void ZqCoreUnderflowMgr::maximizeApp() {
+    try {
+        const ZqDesktop::Handle window = appWindow;
+        zqLogMsg("base", "ZqCoreUnderflowMgr::maximizeApp: " + describe("Restore", window));
+        maximizeWindow(window);
+        minimizedFlag = false;
+    } catch (const SxException& e) {
+        throw SxException(e, "App minimization failed", UNIT, __LINE__);
+    }
+}
+
+void ZqCoreUnderflowMgr::findAppWindow(int64 delaySeconds) {
+    try {
+        const auto isStopped = [this] {
+            if (!stopRequested()) checkInstantUnderflow();
+            return stopRequested();
+        };
+        for (int64 second = 0; second < delaySeconds && !stopRequested(); ++second)
+            SxWait::passes(DELAY_PASSES, DELAY_PASS_MS, isStopped, [](int64) {});
+        if (stopRequested()) return;
+        appWindow = 0;
+        if (!windowSearch) return;
+        checkInstantUnderflow();
+        // What the player looks at wins over any search.
+        ZqDesktop& desktop = ZqDesktop::get();
+        appWindow = desktop.getForeground();
+        if (appWindow != 0) return;
+        if (!appParams.window.isEmpty()) {
+            appWindow = desktop.findByTitle(appParams.window);
+            return;
+        }
+        const SxString name = appParams.name.isEmpty() ? processOf(appParams.cmd) : appParams.name;
+        int pid = -1, nLooks = 0;
+        SxWait::pass(PROCESS_MS, [&] {
+            if (isStopped()) return true;
+            if (nLooks++ % LOOKS_A_PROCESS == 0) pid = ZqSysEnv::getProcessID(name, 0);
+            return pid != -1;
+        });
+        if (pid == -1) return;
+        const SxList<ZqDesktop::Handle> windows = desktop.getWindowsOfProcess(pid);
+        if (!windows.isEmpty()) appWindow = *windows.begin();
+    } catch (const SxException& e) {
+        throw SxException(e, "Search for target window handle failed", UNIT, __LINE__);
+    }
+}
+
+void ZqCoreUnderflowMgr::checkInstantUnderflow() {
+    bool unresolved = mountMgr.isUnderflow(path);
+    if (unresolved) unresolved = !onDemand();
+    if (stopRequested()) return;
+    underflowFlag = unresolved;
+    if (!unresolved) return;
+
+    const int64 t0 = ZqSysEnv::getSysTime();
+    const uint64 rate = imageProgress ? static_cast<uint64>(bytesPerSecond(imageProgress->getAvgSpeed())) : 0;
+    const uint64 nCurrent = nDownloaded();
+    uint64 size = 0, eta = 0;
+    if (resumeIdx > nCurrent && rate > MIN_RATE) {
+        size = resumeIdx - nCurrent;
+        eta = (size + rate - 1) / rate;
+    }
+    zqLogMsg("base", SxString(INSTANT) + "Critical instant underflow. ETA : " + eta);
+    countUnderflow(static_cast<int64>(size));
+    for (int64 nRefused = 0; !stopRequested() && mountMgr.isUnderflow(path);) {
+        if (windowSearch) minimizeGhost();
+        if (canFetch() && onDemand()) continue;
+        if (nRefused++ % REFUSALS_A_LINE == 0) {
+            zqLogMsg("base", SxString(INSTANT) + "Cannot resolve by on-demand request");
+        }
+        SxTime::msleep(pollMs);
+    }
+    timeUnderflow(ZqSysEnv::getSysTime() - t0);
+    underflowFlag = false;
+    if (!stopRequested()) zqLogMsg("base", SxString(INSTANT) + " Underflow resolved");
+}
+
+void ZqCoreUnderflowMgr::minimizeGhost() {
+    ZqDesktop& desktop = ZqDesktop::get();
+    const ZqDesktop::Handle ghost = desktop.findByClass(ZqDesktop::GHOST);
+    if (ghost == 0 || desktop.isIconic(ghost)) return;
+    zqLogMsg("base", SxString(INSTANT) + "Minimizing Ghost Window [" + ghost + "] named [" +
+                         desktop.getTitle(ghost) + "]");
+    desktop.postMinimise(ghost);
+}
+
+// The job.
+
+void ZqCoreUnderflowMgr::main() {
+    Watch watch;
+    try {
+        setUp();
+        watch.windowMs = ZqSysEnv::getSysTime();
+        awaitFirstUnderflow();
+        if (!stopRequested()) findAppWindow(appParams.underflowDelay);
+        while (!stopRequested() && mountMgr.isMounted(path))
+            turn(&watch);
+    } catch (const SxException& e) {
+        ZqJobFailure::report(MAIN, path, e, UNIT, __LINE__);
+    }
+    try {
+        // Nobody else knows that it is suspended; what is missing stays held.
+        resumeDrive();
+    } catch (const SxException& e) {
+        zqLogMsg("base", MAIN + e.toString(3, "\n"));
+    }
+    report();
+    refFile = SxFileIO();
+    statFile = SxFileIO();
+}
+
+void ZqCoreUnderflowMgr::setUp() {
+    appWindow = 0;
+    minimizedFlag = underflowFlag = false;
+    blockFlags.removeAll();
+    batchTimes.resize(MAX_BATCH, true);
+    const SxString reference = path + "/imgRef.zqf";
+    if (SxFSAction::exists(reference)) {
+        try {
+            refFile.open(reference, "rb", 0600);
+        } catch (const SxException&) {
+            zqLogMsg("base", MAIN + ("Cannot open " + reference) + ". Validation cancelled");
+        }
+    }
+    openStatistics();
+}
+
+void ZqCoreUnderflowMgr::openStatistics() {
+    const SxString file = path + "/onDemand.dat";
+    try {
+        if (statStart != 0) {
+            statFile.open(file, "ab", 0600);
+            return;
+        }
+        statFile.create(file, 0600);
+        statFile.write(SxString::sprintf("#%10s %20s %20s %20s %20s\n", "minutes", "nOnDemandFetches",
+                                         "nOnDemandBytes", "nOnDemandRate", "nOnDemandQueue"));
+        statStart = nowMs();
+        lastStatRow = 0;
+    } catch (const SxException&) {
+        statFile = SxFileIO();
+        zqLogMsg("base", MAIN + ("Cannot create " + file) + ".");
+    }
+}
+
+void ZqCoreUnderflowMgr::awaitFirstUnderflow() {
+    while (!stopRequested()) {
+        if (mountMgr.isUnderflow(path)) {
+            checkInstantUnderflow();
+            return;
+        }
+        SxTime::msleep(pollMs);
+    }
+}
+
+void ZqCoreUnderflowMgr::turn(Watch* watch) {
+    bool underflow = mountMgr.isUnderflow(path);
+    if (underflow) {
+        watch->resolved = false;
+    } else if (!isMinimized()) {
+        lookAtWindow(watch);
+    }
+    if (underflow && hasDownloadPassed()) {
+        underflow = false;
+    } else if (underflow && canFetch()) {
+        underflow = !onDemand();
+        if (stopRequested()) return;
+        // One that was counted has more to be undone than a turn's.
+        if (!watch->counted) watch->resolved = !underflow;
+    }
+    if (!underflow) {
+        leaveUnderflow(watch);
+    } else if (!isMinimized()) {
+        underflow = enterUnderflow(watch);
+    }
+    if (nowMs() - lastStatRow > ROW_MS) writeRow(watch);
+    underflowFlag = underflow;
+    if (!underflow) {
+        SxTime::msleep(pollMs);
+        return;
+    }
+    SxWait::pass(UNDERFLOW_MS,
+                 [this] { return stopRequested() || !mountMgr.isUnderflow(path) || hasDownloadPassed(); });
+}
+
+void ZqCoreUnderflowMgr::lookAtWindow(Watch* watch) {
+    // The player may have minimised it.
+    if (isIconic(appWindow)) {
+        minimizedFlag = true;
+        return;
+    }
+    const int64 now = ZqSysEnv::getSysTime();
+    if (now - watch->windowMs <= SEARCH_MS) return;
+    watch->windowMs = now;
+    if (!windowSearch) return;
+    const ZqDesktop::Handle foreground = ZqDesktop::get().getForeground();
+    if (foreground != 0 && foreground != appWindow) findAppWindow(0);
+}
+
+bool ZqCoreUnderflowMgr::enterUnderflow(Watch* watch) {
+    zqLogMsg("base", SxString(MAIN) + "Underflow for block " + (resumeIdx >> 12) +
+                         " detected. ETA : " + getUnderflowETA());
+    if (appParams.suspendDrive) {
+        mountMgr.suspend(path);
+        driveSuspended = true;
+    }
+    if (!mountMgr.isUnderflow(path)) {
+        resumeDrive();
+        return false;
+    }
+    minimizedFlag = true;
+    watch->counted = true;
+    watch->underflowMs = ZqSysEnv::getSysTime();
+    countUnderflow(static_cast<int64>(resumeIdx) - static_cast<int64>(nDownloaded()));
+    if (appWindow != 0 && !isIconic(appWindow)) {
+        minimizeApp();
+        zqLogMsg("base", SxString(MAIN) + "Minimized");
+    }
+    return true;
+}
+
+void ZqCoreUnderflowMgr::leaveUnderflow(Watch* watch) {
+    const bool wasMinimized = isMinimized();
+    if (!watch->resolved && (wasMinimized || watch->counted)) {
+        zqLogMsg("base", SxString(MAIN) + "Underflow resolved.");
+        watch->resolved = true;
+    }
+    resumeDrive();
+    if (watch->counted) timeUnderflow(ZqSysEnv::getSysTime() - watch->underflowMs);
+    watch->counted = false;
+    if (wasMinimized && !isIconic(appWindow)) minimizedFlag = false;
+}
+
+bool ZqCoreUnderflowMgr::hasDownloadPassed() const {
+    return isMinimized() && appParams.suspendDrive && nDownloaded() > resumeIdx && mountMgr.isSuspended(path);
+}
+
+void ZqCoreUnderflowMgr::resumeDrive() {
+    if (!driveSuspended) return;
+    mountMgr.resume(path);
+    driveSuspended = false;
+}
+
+void ZqCoreUnderflowMgr::writeRow(Watch* watch) {
+    const uint64 now = nowMs();
+    const int64 nFetches = runtimeInfo.nOnDemandFetches;
+    lastStatRow = now;
+    using Number = unsigned long long;
+    const SxString row = SxString::sprintf(
+        " %10llu %20llu %20llu %20llu %20llu\n", static_cast<Number>((lastStatRow - statStart) / ROW_MS),
+        static_cast<Number>(nFetches), static_cast<Number>(runtimeInfo.sumOnDemandSize),
+        static_cast<Number>((nFetches - watch->nRowFetches + 59) / 60),
+        static_cast<Number>(runtimeInfo.avgOnDemandQueue));
+    watch->nRowFetches = nFetches;
+    if (!statFile.isOpen()) return;
+    try {
+        statFile.write(row);
+    } catch (const SxException& e) {
+        // A full disk must not keep the job from watching.
+        zqLogMsg("base", MAIN + e.toString(SxException::ShowMessage, ": "));
+        statFile = SxFileIO();
+    }
+}
+
+void ZqCoreUnderflowMgr::report() const {
+    for (int64 i = 0; i < batchTimes.getSize(); ++i) {
+        const ZqAvg& times = batchTimes(i);
+        if (times.getN() == 0) continue;
+        zqLogMsg("base", SxString(i + 1) + " range requests (N = " + times.getN() + " ) took on avg " +
+                             times.getAverage() + " ms (MAX: " + times.getMax() + " ms)");
+    }
+    zqLogMsg("base", SxString("Total ") + requestIndices.getN() + " requests.");
+    const double size = appParams.sizeZqf > 0 ? static_cast<double>(appParams.sizeZqf) : 1;
+    zqLogMsg("base", SxString("Avg request index: ") + requestIndices.getAverage() / size);
+    zqLogMsg("base", SxString("Min request index: ") + requestIndices.getMin() / size);
+    zqLogMsg("base", SxString("Max request index: ") + requestIndices.getMax() / size);
+}

@@ -1,0 +1,208 @@
+#pragma once
+
+#include "SxFileIO.h"
+#include "SxMap.h"
+#include "SxMutex.h"
+#include "SxPtr.h"
+#include "SxSystemThread.h"
+#include "ZqAppParams.h"
+#include "ZqAvg.h"
+#include "ZqDesktop.h"
+#include "ZqMountMgr.h"
+#include "ZqRuntimeInfo.h"
+
+#include <atomic>
+
+class ZqCoreAppGuard;
+class ZqImageProgress;
+class ZqODRDownloader;
+
+/// The job that watches for underflows: reads that the drive holds since their blocks aren't there yet. It
+/// gets the missing stretches of `img.zqf` out of order where it can. Where it can't, it minimises the
+/// application's window and, if `suspendDrive` says so, suspends the drive, until the download has caught up.
+/// It keeps the statistics of that, and never acts on the process. It runs until it is stopped or the drive,
+/// once an underflow has come, is gone. The queries, stop(), maximizeApp() and setDownloadParams() are safe
+/// from any thread; start(), wait() and restart() belong to the owner's; everything else runs on the job's
+/// own.
+class ZqCoreUnderflowMgr : public SxSystemThread {
+public:
+    /// Fills the `size` bytes at `*data` with those of `img.zqf` from byte `offset` on. Gives 0, or 1 where
+    /// it can't. Runs on a thread of its own; a stop of the manager doesn't wait for it.
+    using Callback = int (*)(uint64 offset, uint64 size, char** data, void* callbackData);
+    class AsyncCallback;
+
+    /// Bytes of one on-demand request; each starts at a multiple of it.
+    static constexpr uint64 REQUEST_SIZE = 204800;
+
+    /// The statistics of this run, for use while the job doesn't run; else see getRuntimeInfo().
+    ZqRuntimeInfo runtimeInfo;
+
+    /// `path`: the image folder. `guard` isn't used. `callback` and `callbackData` may be null.
+    ZqCoreUnderflowMgr(const SxString& path_, const SxPtr<ZqCoreAppGuard>& guard,
+                       const SxPtr<ZqImageProgress>& progress, const ZqAppParams& params,
+                       Callback callback_ = nullptr, void* callbackData_ = nullptr);
+    /// Waits for a callback that still runs.
+    ~ZqCoreUnderflowMgr() override;
+
+    /// Takes an earlier stop back, and runs the job.
+    void start(Priority priority = 6) override;
+    /// Asks the job to end, and gives up what it downloads; it neither waits nor joins. A drive that the job
+    /// suspended is resumed at its end.
+    void stop();
+    bool stopRequested() const { return stopFlag; }
+    /// Stops the job, waits for it, and starts it as if no underflow had come yet: the delay before the
+    /// window search counts afresh from the next one. Statistics go on.
+    void restart();
+
+    /// Whether windows are looked for, true at first. While there is no application, any window in the
+    /// foreground is somebody else's.
+    void setWindowSearch(bool on) { windowSearch = on; }
+    /// Where missing data come from if no callback was given: the address of `img.zqf`, and headers for each
+    /// request. Raises "Cannot set ondemand download params" with the cause.
+    void setDownloadParams(const SxString& url, const SxList<SxString>& headers);
+
+    /// Whether the application counts as minimised, by this job or by the player.
+    bool isMinimized() const { return minimizedFlag; }
+    /// Whether there is an underflow that on-demand requests don't resolve.
+    bool isUnderflow() const { return underflowFlag; }
+    /// Byte of `img.zqf` up to which the download must come to resolve it; 0 where there is none.
+    uint64 getUnderflowResumeIdx() const { return resumeIdx; }
+    /// Seconds until the download is there; 0 where it is, or isn't known.
+    uint64 getUnderflowETA() const;
+    /// A copy of the statistics.
+    ZqRuntimeInfo getRuntimeInfo() const SX_EXCLUDES(infoMutex);
+
+    /// Resolves an underflow at a time at which no window is to be minimised; blocks until it is resolved or
+    /// the job is stopped.
+    void checkInstantUnderflow();
+    /// Waits, then looks for the application's window; underflows meanwhile are resolved.
+    void findAppWindow(int64 delaySeconds);
+    /// Minimises the application's window, and waits up to 500 ms for that. Raises "App minimization failed".
+    void minimizeApp();
+    /// Brings the window back, at the player's wish. Raises as minimizeApp() does.
+    void maximizeApp();
+
+    /// Fetches what held reads wait for and hands it to the drive, pass by pass. Gives true when no underflow
+    /// is left, false when it can't go on, or is stopped; it doesn't raise.
+    bool onDemand();
+    /// Takes the next missing block from the drive's queue: the byte index in `img.zqf`, at most its size; 0
+    /// where there is none.
+    uint64 popOnDemandZqFByteIdx();
+    /// The same for up to `count` of them; empty where there is no underflow.
+    SxArray<uint64> popOnDemandZqFByteIndices(uint64 count);
+
+protected:
+    void main() override;
+
+private:
+    /// What main() remembers from turn to turn.
+    struct Watch {
+        int64 windowMs = 0;   ///< when the window was looked for last, system time
+        bool resolved = true; ///< the underflow that was seen last
+        bool counted = false; ///< it stands in the statistics, but for its duration
+        int64 underflowMs = 0;
+        int64 nRowFetches = 0; ///< fetches at the last row of `onDemand.dat`
+    };
+    /// Where the bytes of one pass come from.
+    struct Source {
+        Callback callback = nullptr;
+        void* callbackData = nullptr;
+        SxPtr<ZqODRDownloader> downloader; ///< empty with a callback of the client's
+    };
+    struct Pass;
+
+    void setUp();
+    void openStatistics();
+    void awaitFirstUnderflow();
+    void turn(Watch* watch);
+    void lookAtWindow(Watch* watch);
+    /// Minimises what the desktop shows in the place of an application that doesn't answer.
+    void minimizeGhost();
+    /// A new underflow that on-demand requests don't resolve; gives whether it is still there.
+    bool enterUnderflow(Watch* watch);
+    void leaveUnderflow(Watch* watch);
+    bool hasDownloadPassed() const;
+    void resumeDrive();
+    void countUnderflow(int64 size) SX_EXCLUDES(infoMutex);
+    void timeUnderflow(int64 ms) SX_EXCLUDES(infoMutex);
+    void writeRow(Watch* watch);
+    void report() const;
+
+    /// Bytes of `img.zqf` that the ordered download has brought.
+    uint64 nDownloaded() const;
+    bool canFetch() const SX_EXCLUDES(downloadMutex);
+    Source getSource() const SX_EXCLUDES(downloadMutex);
+    uint64 byteIdxOf(uint64 zqfIdx) const;
+    SxArray<uint64> popQueue(uint64 count) const;
+    /// Gives false where the pass can't go on.
+    bool runPass();
+    void noteQueue();
+    SxList<uint64> collect(const Pass& pass);
+    /// Whether a stretch that was fetched isn't to be fetched again yet.
+    bool isFetched(const Pass& pass, uint64 zqfIdx, SxUniqueList<uint64>* seen);
+    bool fetchByCallback(const Pass& pass, const Source& source, const SxList<uint64>& offsets);
+    bool fetchByDownloader(const Pass& pass, const Source& source, const SxList<uint64>& offsets);
+    bool takeDownload(const Pass& pass, const ZqODRDownloader& downloader, uint64 offset);
+    SxArray<char> readExpected(const Pass& pass, uint64 offset, uint64 length);
+    void noteFetched(uint64 offset);
+    void noteFetches(int64 n, int64 elapsedMs) SX_EXCLUDES(infoMutex);
+
+    const SxString path;
+    const SxPtr<ZqImageProgress> imageProgress;
+    const ZqAppParams appParams;
+    ZqMountMgr mountMgr;
+    static constexpr int64 pollMs = 10;
+
+    std::atomic<ZqDesktop::Handle> appWindow{0};
+    std::atomic<bool> windowSearch{true}, minimizedFlag{false}, underflowFlag{false}, stopFlag{false};
+    std::atomic<uint64> resumeIdx{0};
+    bool driveSuspended = false; ///< by this job, and not resumed yet
+    SxFileIO refFile, statFile;
+    uint64 statStart = 0, lastStatRow = 0; ///< system time, ms
+
+    mutable SxMutex infoMutex; ///< over changes of runtimeInfo by the job
+
+    mutable SxMutex downloadMutex;
+    Callback callback SX_GUARDED_BY(downloadMutex);
+    void* callbackData SX_GUARDED_BY(downloadMutex);
+    SxPtr<ZqODRDownloader> downloader SX_GUARDED_BY(downloadMutex);
+    bool downloadMode SX_GUARDED_BY(downloadMutex) = false;
+
+    SxPtr<AsyncCallback> asyncCallback;
+    uint64 queueLen = 0, passCount = 0;
+    /// For each stretch that was fetched, by the ZqF index of its first block, the number of passes that have
+    /// yet to report it until it is fetched again.
+    SxHashTable<uint64, signed char> blockFlags;
+    ZqAvg fetchTimes, fetchSizes, queueLens, requestIndices;
+    /// Time for one fetch in passes of n + 1 fetches, ms.
+    SxArray<ZqAvg> batchTimes;
+};
+
+/// One call of a callback, on a thread of its own.
+class ZqCoreUnderflowMgr::AsyncCallback : public SxSystemThread {
+public:
+    AsyncCallback(Callback callback_, uint64 offset_, uint64 size_, void* callbackData_);
+    /// Waits for the callback's end.
+    ~AsyncCallback() override;
+
+    /// What the callback gave; -1 until then, and where it raised.
+    int getReturnCode() const SX_EXCLUDES(resultMutex);
+    bool isFinished() const SX_EXCLUDES(resultMutex);
+    /// The bytes, once it has finished.
+    const SxPtr<SxArray<char>>& getBuffer() const { return buffer; }
+
+protected:
+    void main() override;
+
+private:
+    const Callback callback;
+    void* const callbackData;
+    const uint64 offset, size;
+    SxPtr<SxArray<char>> buffer;
+    mutable SxMutex resultMutex;
+    int returnCode SX_GUARDED_BY(resultMutex) = -1;
+    bool finishedFlag SX_GUARDED_BY(resultMutex) = false;
+};
+
+/// Writes the first 4096 bytes of `data` into the log as a hex dump, 16 bytes a line.
+void blockPrint(const SxArray<char>& data);

@@ -1,0 +1,347 @@
+#include "SxTime.h"
+#include "ZqCoreUnderflowMgr.h"
+#include "ZqImage.h"
+#include "ZqImageProgress.h"
+#include "ZqLog.h"
+#include "ZqODRDownloader.h"
+#include "ZqSysEnv.h"
+
+#include <algorithm>
+
+namespace {
+
+constexpr const char* UNIT = "src/base/ZqCoreUnderflowMgr";
+constexpr uint64 BLOCK = ZqImage::BLOCK_SIZE;
+constexpr uint64 MAX_INDICES = 1000; ///< taken from the queue in one pass
+constexpr int64 GROUP = 6;           ///< requests that are announced together
+constexpr int64 MAX_DELIVERY = 409600;
+constexpr signed char REPORTS = 100; ///< of a stretch that was fetched, until it is fetched again
+constexpr int64 CALLBACK_LOOK_MS = 1;
+
+int64 whole(double value) {
+    return static_cast<int64>(value);
+}
+
+} // namespace
+
+struct ZqCoreUnderflowMgr::Pass {
+    SxString prefix; ///< of its log lines
+    int64 t0 = 0;    ///< system time, ms
+    uint64 nTotal = 0, nCurrent = 0;
+
+    void log(const SxString& text) const { zqLogMsg("base", prefix + text); }
+    uint64 lengthAt(uint64 offset) const { return std::min(REQUEST_SIZE, nTotal - offset); }
+    /// Whether the bytes are those of the reference image, where that is known; says in the log where not.
+    bool matches(uint64 offset, const SxArray<char>& data, const SxArray<char>& expected) const;
+};
+
+// One call of a callback.
+
+ZqCoreUnderflowMgr::AsyncCallback::AsyncCallback(Callback callback_, uint64 offset_, uint64 size_,
+                                                 void* callbackData_)
+    : callback(callback_),
+      callbackData(callbackData_),
+      offset(offset_),
+      size(size_) {
+    setThreadName("on demand");
+}
+
+ZqCoreUnderflowMgr::AsyncCallback::~AsyncCallback() {
+    if (isRunning()) {
+        zqLogMsg("base", "AsyncCallback::~AsyncCallback : External framework did not return callback. "
+                         "Waiting...");
+    }
+    wait();
+}
+
+void ZqCoreUnderflowMgr::AsyncCallback::main() {
+    buffer = SxPtr<SxArray<char>>::create(static_cast<int64>(size));
+    char* data = buffer->data();
+    try {
+        const int result = callback(offset, size, &data, callbackData);
+        const SxMutexBlock lock(&resultMutex);
+        returnCode = result;
+        finishedFlag = true;
+    } catch (...) {
+        {
+            const SxMutexBlock lock(&resultMutex);
+            finishedFlag = true;
+        }
+        throw SxException("External framework returned an exception", UNIT, __LINE__);
+    }
+}
+
+int ZqCoreUnderflowMgr::AsyncCallback::getReturnCode() const {
+    const SxMutexBlock lock(&resultMutex);
+    return returnCode;
+}
+
+bool ZqCoreUnderflowMgr::AsyncCallback::isFinished() const {
+    const SxMutexBlock lock(&resultMutex);
+    return finishedFlag;
+}
+
+// Sources.
+
+void ZqCoreUnderflowMgr::setDownloadParams(const SxString& url, const SxList<SxString>& headers) {
+    try {
+        const SxMutexBlock lock(&downloadMutex);
+        if (!downloadMode && (callback || callbackData)) {
+            throw SxException("Only one underflow callback method supported.", UNIT, __LINE__);
+        }
+        const SxPtr<ZqODRDownloader> source = downloader ? downloader : SxPtr<ZqODRDownloader>::create();
+        source->setURL(url);
+        source->setHeaders(headers);
+        downloader = source;
+        callback = ZqODRDownloader::onDemandCallback;
+        callbackData = source.getPtr();
+        downloadMode = true;
+    } catch (const SxException& e) {
+        throw SxException(e, "Cannot set ondemand download params", UNIT, __LINE__);
+    }
+}
+
+bool ZqCoreUnderflowMgr::canFetch() const {
+    const SxMutexBlock lock(&downloadMutex);
+    return callback || downloadMode;
+}
+
+ZqCoreUnderflowMgr::Source ZqCoreUnderflowMgr::getSource() const {
+    const SxMutexBlock lock(&downloadMutex);
+    return {callback, callbackData, downloadMode ? downloader : SxPtr<ZqODRDownloader>()};
+}
+
+// The drive's queue.
+
+uint64 ZqCoreUnderflowMgr::byteIdxOf(uint64 zqfIdx) const {
+    if (zqfIdx == ZqImage::NO_ENTRY) return 0;
+    return zqfIdx < appParams.sizeZqf / BLOCK ? zqfIdx * BLOCK : appParams.sizeZqf;
+}
+
+uint64 ZqCoreUnderflowMgr::popOnDemandZqFByteIdx() {
+    return mountMgr.isUnderflow(path) ? byteIdxOf(mountMgr.popUnderflowZqFBlock(path)) : 0;
+}
+
+SxArray<uint64> ZqCoreUnderflowMgr::popOnDemandZqFByteIndices(uint64 count) {
+    return mountMgr.isUnderflow(path) ? popQueue(count) : SxArray<uint64>();
+}
+
+SxArray<uint64> ZqCoreUnderflowMgr::popQueue(uint64 count) const {
+    SxArray<uint64> indices = mountMgr.popUnderflowZqFBlocks(path, count);
+    for (uint64& index : indices)
+        index = byteIdxOf(index);
+    return indices;
+}
+
+// Passes.
+
+bool ZqCoreUnderflowMgr::onDemand() {
+    try {
+        while (mountMgr.isUnderflow(path)) {
+            if (stopRequested() || !runPass()) return false;
+        }
+        return true;
+    } catch (const SxException& e) {
+        zqLogMsg("base", e.toString(SxException::ShowMessage, "\n"));
+        return false;
+    }
+}
+
+bool ZqCoreUnderflowMgr::runPass() {
+    Pass pass{"ZqCoreUnderflowMgr::onDemand (" + SxString(++passCount) + "): ", ZqSysEnv::getSysTime(),
+              imageProgress ? imageProgress->getNTotal() : appParams.sizeZqf, nDownloaded()};
+    const Source source = getSource();
+    if (!source.callback) {
+        pass.log("No underflow callback configured");
+        return false;
+    }
+    if (asyncCallback && asyncCallback->isRunning()) {
+        pass.log("ERROR : Callback not released. Ondemand underflow  management not possible");
+        return false;
+    }
+    noteQueue();
+    const SxList<uint64> offsets = collect(pass);
+    if (offsets.isEmpty()) {
+        SxTime::msleep(SxWait::LOOK_MS);
+        return true;
+    }
+    const bool fetched =
+        source.downloader ? fetchByDownloader(pass, source, offsets) : fetchByCallback(pass, source, offsets);
+    if (!fetched) return false;
+    noteFetches(offsets.getSize(), ZqSysEnv::getSysTime() - pass.t0);
+    resumeIdx = 0;
+    return true;
+}
+
+void ZqCoreUnderflowMgr::noteQueue() {
+    queueLen = mountMgr.getUnderflowQueueLen(path);
+    queueLens.update(queueLen);
+    const SxMutexBlock lock(&infoMutex);
+    runtimeInfo.avgOnDemandQueue = whole(queueLens.getAverage());
+    runtimeInfo.maxOnDemandQueue = whole(queueLens.getMax());
+}
+
+SxList<uint64> ZqCoreUnderflowMgr::collect(const Pass& pass) {
+    SxUniqueList<uint64> requests, seen;
+    for (const uint64 byteIdx : popQueue(MAX_INDICES)) {
+        const uint64 aligned = byteIdx / REQUEST_SIZE * REQUEST_SIZE;
+        if (aligned > pass.nTotal) {
+            pass.log("Reached end of on demand queue");
+            break;
+        }
+        // A block behind the image's end: no bytes of the image could resolve it.
+        if (byteIdx >= pass.nTotal) continue;
+        resumeIdx = std::max<uint64>(resumeIdx, aligned);
+        // The ordered download has it.
+        if (aligned < pass.nCurrent) continue;
+        if (!isFetched(pass, aligned / BLOCK, &seen)) requests << aligned;
+    }
+    SxList<uint64> offsets;
+    for (const uint64 offset : requests)
+        offsets << offset;
+    return offsets;
+}
+
+bool ZqCoreUnderflowMgr::isFetched(const Pass& pass, uint64 zqfIdx, SxUniqueList<uint64>* seen) {
+    if (!blockFlags.contains(zqfIdx) || seen->contains(zqfIdx)) return false;
+    if (--blockFlags.value(zqfIdx) > 0) {
+        *seen << zqfIdx;
+        return true;
+    }
+    blockFlags.remove(zqfIdx);
+    pass.log("On-demand data already fetched: " + SxString(zqfIdx) + " rescheduled now");
+    return false;
+}
+
+bool ZqCoreUnderflowMgr::fetchByCallback(const Pass& pass, const Source& source,
+                                         const SxList<uint64>& offsets) {
+    for (const uint64 offset : offsets) {
+        if (stopRequested()) return false;
+        const uint64 length = pass.lengthAt(offset);
+        if (asyncCallback) asyncCallback->wait();
+        asyncCallback = SxPtr<AsyncCallback>::create(source.callback, offset, length, source.callbackData);
+        asyncCallback->start(6);
+        const SxArray<char> expected = readExpected(pass, offset, length);
+        // A callback has no limit; a stop leaves it to itself.
+        while (asyncCallback->isRunning()) {
+            if (stopRequested()) return false;
+            SxTime::msleep(CALLBACK_LOOK_MS);
+        }
+        asyncCallback->wait();
+        if (const int code = asyncCallback->getReturnCode(); code != 0) {
+            pass.log(code == 1 ? "On demand callback failed" : "Invalid On demand callback return value");
+            return false;
+        }
+        const SxArray<char>& data = *asyncCallback->getBuffer();
+        if (!pass.matches(offset, data, expected)) return false;
+        fetchSizes.update(data.getSize());
+        for (int64 done = 0; done < data.getSize(); done += MAX_DELIVERY) {
+            SxArray<char> piece(std::min(MAX_DELIVERY, data.getSize() - done));
+            std::copy_n(data.begin() + done, piece.getSize(), piece.begin());
+            mountMgr.sendBlockToUFLayer(path, piece, (offset + static_cast<uint64>(done)) / BLOCK);
+        }
+        noteFetched(offset);
+    }
+    return true;
+}
+
+bool ZqCoreUnderflowMgr::fetchByDownloader(const Pass& pass, const Source& source,
+                                           const SxList<uint64>& offsets) {
+    const SxArray<uint64> all(offsets);
+    for (int64 first = 0; first < all.getSize(); first += GROUP) {
+        const int64 n = std::min(GROUP, all.getSize() - first);
+        SxArray<uint64> group(n), lengths(n);
+        for (int64 i = 0; i < n; ++i) {
+            group(i) = all(first + i);
+            lengths(i) = pass.lengthAt(group(i));
+        }
+        // All are on the wire together, so that the round trip is paid once.
+        source.downloader->announce(group, lengths);
+        for (const uint64 offset : group) {
+            if (stopRequested() || !takeDownload(pass, *source.downloader, offset)) return false;
+        }
+    }
+    return true;
+}
+
+bool ZqCoreUnderflowMgr::takeDownload(const Pass& pass, const ZqODRDownloader& from, uint64 offset) {
+    const uint64 length = pass.lengthAt(offset);
+    const SxArray<char> expected = readExpected(pass, offset, length);
+    SxArray<char> data(static_cast<int64>(length));
+    if (const int code = from.onDemand(offset, length, data); code != 0) {
+        if (stopRequested()) return false;
+        pass.log(code == 1 ? "On demand callback failed: " + from.getLastErrMsg()
+                           : SxString("Invalid On demand callback return value"));
+        return false;
+    }
+    fetchSizes.update(length);
+    if (!pass.matches(offset, data, expected)) return false;
+    if (data.getSize() > MAX_DELIVERY) {
+        pass.log("Too much data for driver");
+        return false;
+    }
+    mountMgr.sendBlockToUFLayer(path, data, offset / BLOCK);
+    noteFetched(offset);
+    return true;
+}
+
+SxArray<char> ZqCoreUnderflowMgr::readExpected(const Pass& pass, uint64 offset, uint64 length) {
+    SxArray<char> expected;
+    if (!refFile.isOpen()) return expected;
+    try {
+        expected.resize(static_cast<int64>(length));
+        refFile.seek(static_cast<int64>(offset));
+        if (refFile.readBuffer(expected.data(), expected.getSize()) != expected.getSize()) {
+            throw SxException(SxFileIO::fileReadErr(refFile.getFilePath()), UNIT, __LINE__);
+        }
+    } catch (const SxException& e) {
+        zqLogMsg("base", e.toString(SxException::ShowMessage, "\n"));
+        pass.log("Cannot read validation data. Validation cancelled");
+        expected.removeAll();
+    }
+    return expected;
+}
+
+bool ZqCoreUnderflowMgr::Pass::matches(uint64 offset, const SxArray<char>& data,
+                                       const SxArray<char>& expected) const {
+    if (expected.getSize() == 0 || data == expected) return true;
+    log("On Demand Buffer does not pass data validation: Data corrupt");
+    log("ZqF byte index: " + SxString(offset));
+    log("Data fetched:");
+    blockPrint(data);
+    log("Data expected:");
+    blockPrint(expected);
+    return false;
+}
+
+void ZqCoreUnderflowMgr::noteFetched(uint64 offset) {
+    blockFlags.value(offset / BLOCK) = REPORTS;
+    requestIndices.update(offset);
+}
+
+void ZqCoreUnderflowMgr::noteFetches(int64 n, int64 elapsedMs) {
+    const double each = static_cast<double>(elapsedMs) / static_cast<double>(n);
+    if (n < batchTimes.getSize()) batchTimes(n - 1).update(each);
+    for (int64 i = 0; i < n; ++i)
+        fetchTimes.update(each);
+    const SxMutexBlock lock(&infoMutex);
+    runtimeInfo.nOnDemandFetches = fetchTimes.getN();
+    runtimeInfo.avgOnDemandTime = whole(fetchTimes.getAverage());
+    runtimeInfo.maxOnDemandTime = whole(fetchTimes.getMax());
+    runtimeInfo.avgOnDemandSize = whole(fetchSizes.getAverage());
+    runtimeInfo.sumOnDemandSize = whole(static_cast<double>(fetchSizes.getN()) * fetchSizes.getAverage());
+}
+
+void blockPrint(const SxArray<char>& data) {
+    constexpr int64 ROW = 16, MAX_ROWS = 256;
+    const int64 end = std::min(data.getSize(), ROW * MAX_ROWS);
+    for (int64 first = 0; first < end; first += ROW) {
+        SxString line = SxString::sprintf("%08X", static_cast<unsigned>(first)), text;
+        for (int64 i = first; i < std::min(end, first + ROW); ++i) {
+            const auto byte = static_cast<unsigned char>(data(i));
+            line += SxString::sprintf(i % 8 == 0 ? "  %02X" : " %02X", static_cast<unsigned>(byte));
+            text += byte < 32 || byte >= 128 ? '.' : static_cast<char>(byte);
+        }
+        zqLogMsg("base", line + "   [ " + text + " ]");
+    }
+}
