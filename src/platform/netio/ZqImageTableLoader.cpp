@@ -37,7 +37,7 @@ void ZqRemoteImage::TableLoader::main() {
 }
 
 SxArray<char> ZqRemoteImage::TableLoader::fetchTail(uint64 maxTail) {
-    ZqRangeReader reader(image->packed, maxTail, ZqTransfer::Kind::Small);
+    ZqRangeReader reader(*image->packed, maxTail, ZqTransfer::Kind::Small);
     const ZqStopTest stop = [this] { return stopping.load(); };
     SxArray<char> tail, piece;
     while (reader.next(&piece, stop)) {

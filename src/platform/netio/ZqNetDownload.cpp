@@ -135,7 +135,7 @@ void ZqNetDownload::announce(const SxArray<uint64>& offsets, const SxArray<uint6
     std::map<std::pair<uint64, uint64>, SxPtr<ZqRangeReader>> group;
     for (int64 i = 0; i < std::min(offsets.getSize(), ZqRemoteImage::GROUP); ++i) {
         if (sizes(i) == 0) continue;
-        const auto reader = SxPtr<ZqRangeReader>::create(source.file, offsets(i), offsets(i) + sizes(i),
+        const auto reader = SxPtr<ZqRangeReader>::create(*source.file, offsets(i), offsets(i) + sizes(i),
                                                          ZqTransfer::Kind::OnDemand);
         reader->begin();
         group[{offsets(i), sizes(i)}] = reader;

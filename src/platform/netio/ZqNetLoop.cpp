@@ -7,6 +7,9 @@
 #include <charconv>
 #include <curl/curl.h>
 #include <mutex>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
 #include <unordered_map>
 #include <vector>
 
@@ -21,6 +24,9 @@ constexpr int64 RATE_NS = 50 * MS;
 /// What the rate limit lets an ordered stream make good after a pause.
 constexpr int64 CREDIT_NS = 100 * MS;
 constexpr int LOOK_MS = 100;
+/// Round trips that an ordered stream's window covers, and the least window in bytes.
+constexpr double WINDOW_TRIPS = 1.25;
+constexpr int64 MIN_WINDOW = 48 << 10, MAX_WINDOW = 64 << 20;
 
 int64 nowNs() {
     return SxClock::get().steadyNs();
@@ -188,6 +194,7 @@ private:
     void check(Active* active);
     size_t take(Active* active, const char* bytes, size_t n);
     void measure(Active* active, int64 now, int64 n);
+    void boundWindow(CURL* easy) const;
     void noteRoundTrip(CURL* easy);
 
     const ZqNetSettings settings;
@@ -463,6 +470,18 @@ void ZqNetLoop::Engine::measure(Active* active, int64 now, int64 n) {
     rate.store(old > 0. ? 0.75 * old + 0.25 * measured : measured);
     active->measureNs = now;
     active->nMeasured = 0;
+    boundWindow(active->easy.get());
+}
+
+/// Bounds what the server sends on while the stream is held, and with it what a range has to wait for. The
+/// system's own bound follows what a reader takes at best, and may be megabytes.
+void ZqNetLoop::Engine::boundWindow(CURL* easy) const {
+    curl_socket_t fd = CURL_SOCKET_BAD;
+    if (curl_easy_getinfo(easy, CURLINFO_ACTIVESOCKET, &fd) != CURLE_OK || fd == CURL_SOCKET_BAD) return;
+    const double trip = static_cast<double>(roundTripUs.load()) / 1e6;
+    const auto wanted = static_cast<int64>(rate.load() * trip * WINDOW_TRIPS);
+    const auto window = static_cast<int>(std::clamp(wanted, MIN_WINDOW, MAX_WINDOW));
+    ::setsockopt(fd, IPPROTO_TCP, TCP_WINDOW_CLAMP, &window, sizeof window);
 }
 
 void ZqNetLoop::Engine::noteRoundTrip(CURL* easy) {

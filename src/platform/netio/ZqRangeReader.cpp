@@ -15,18 +15,18 @@ SxString rangeText(uint64 first, uint64 end) {
 
 } // namespace
 
-ZqRangeReader::ZqRangeReader(const SxPtr<ZqRemoteFile>& file_, uint64 first, uint64 end_,
-                             ZqTransfer::Kind kind_)
-    : file(file_),
+ZqRangeReader::ZqRangeReader(const ZqRemoteFile& file, uint64 first, uint64 end_, ZqTransfer::Kind kind_)
+    : link(file.getLink()),
+      facts(file.getFacts()),
       kind(kind_),
       pos(first),
       end(end_),
-      retry(file->getLink(), kind == ZqTransfer::Kind::Ordered ? file->getLink()->getSettings().nStreamTries
-                                                               : file->getLink()->getSettings().nRangeTries) {
+      retry(link, kind == ZqTransfer::Kind::Ordered ? link->getSettings().nStreamTries
+                                                    : link->getSettings().nRangeTries) {
 }
 
-ZqRangeReader::ZqRangeReader(const SxPtr<ZqRemoteFile>& file_, uint64 nLast, ZqTransfer::Kind kind_)
-    : ZqRangeReader(file_, 0, UNKNOWN, kind_) {
+ZqRangeReader::ZqRangeReader(const ZqRemoteFile& file, uint64 nLast, ZqTransfer::Kind kind_)
+    : ZqRangeReader(file, 0, UNKNOWN, kind_) {
     nSuffix = nLast;
 }
 
@@ -35,34 +35,34 @@ ZqRangeReader::~ZqRangeReader() {
 }
 
 void ZqRangeReader::abandon() {
-    if (transfer && !transfer->isFinished()) file->getLink()->drop(transfer);
+    if (transfer && !transfer->isFinished()) link->drop(transfer);
     transfer = nullptr;
 }
 
 ZqTransfer::Request ZqRangeReader::makeRequest() const {
-    const ZqRemoteFile::Address address = file->getAddress();
+    const ZqFileFacts::Address address = facts->getAddress();
     ZqTransfer::Request request;
     request.kind = kind;
     request.url = address.url;
     request.headers = address.headers;
     request.range = nSuffix > 0 ? "-" + SxString(nSuffix) : rangeText(pos, end);
-    request.maxBuffered = kind == ZqTransfer::Kind::Ordered ? file->getLink()->getSettings().maxBuffered
+    request.maxBuffered = kind == ZqTransfer::Kind::Ordered ? link->getSettings().maxBuffered
                                                             : std::numeric_limits<int64>::max();
-    request.check = [file_ = file, answer_ = answer, first = pos, end_ = end,
+    request.check = [file = facts, answer_ = answer, first = pos, end_ = end,
                      nLast = nSuffix](const ZqTransfer::Response& response) {
         const auto total = static_cast<uint64>(response.total);
         if (response.status == 416 && response.total >= 0 && end_ == UNKNOWN && first >= total) {
-            file_->learn(response);
+            file->learn(response);
             throw SxException(AT_END, "The file ends there", UNIT, __LINE__);
         }
-        file_->checkStatus(response, 206);
+        file->checkStatus(response, 206);
         if (response.first < 0 || (response.total < 0 && end_ == UNKNOWN)) {
             throw SxException("The server doesn't say which bytes it sends", UNIT, __LINE__);
         }
         const uint64 fileEnd = response.total < 0 ? end_ : total;
         const uint64 wanted = nLast > 0 ? fileEnd - std::min(nLast, fileEnd) : first;
         const uint64 wantedEnd = std::min(end_, fileEnd);
-        file_->learn(response);
+        file->learn(response);
         if (static_cast<uint64>(response.first) != wanted ||
             static_cast<uint64>(response.last) + 1 != wantedEnd) {
             throw SxException(
@@ -85,14 +85,14 @@ void ZqRangeReader::begin() {
     if (transfer) return;
     answer = SxPtr<Answer>::create();
     transfer = SxPtr<ZqTransfer>::create(makeRequest());
-    file->getLink()->add(transfer);
+    link->add(transfer);
 }
 
 /// False at the end of all.
 bool ZqRangeReader::takePiece(SxArray<char>* piece, const ZqStopTest& stop) {
     ZqTransfer::Next got = ZqTransfer::Next::Waiting;
     while (got == ZqTransfer::Next::Waiting) {
-        file->getLink()->checkStop(stop);
+        link->checkStop(stop);
         got = transfer->next(piece);
     }
     if (nSuffix > 0) pos = static_cast<uint64>(answer->first.load());
@@ -109,7 +109,7 @@ bool ZqRangeReader::takePiece(SxArray<char>* piece, const ZqStopTest& stop) {
 
 bool ZqRangeReader::next(SxArray<char>* piece, const ZqStopTest& stop) {
     for (;;) {
-        file->getLink()->checkStop(stop);
+        link->checkStop(stop);
         // A transfer that has brought its last byte still tells whether it ended well.
         if (pos >= end && !transfer) return false;
         try {

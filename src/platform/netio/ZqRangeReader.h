@@ -9,9 +9,9 @@
 class ZqRangeReader {
 public:
     /// Bytes `first` to `end` - 1; an `end` of ZqRemoteFile::UNKNOWN means the file's end.
-    ZqRangeReader(const SxPtr<ZqRemoteFile>& file_, uint64 first, uint64 end_, ZqTransfer::Kind kind_);
+    ZqRangeReader(const ZqRemoteFile& file, uint64 first, uint64 end_, ZqTransfer::Kind kind_);
     /// The last `nLast` bytes of the file, or all of them.
-    ZqRangeReader(const SxPtr<ZqRemoteFile>& file_, uint64 nLast, ZqTransfer::Kind kind_);
+    ZqRangeReader(const ZqRemoteFile& file, uint64 nLast, ZqTransfer::Kind kind_);
     ~ZqRangeReader();
     ZqRangeReader(const ZqRangeReader&) = delete;
     ZqRangeReader& operator=(const ZqRangeReader&) = delete;
@@ -30,7 +30,8 @@ private:
     bool takePiece(SxArray<char>* piece, const ZqStopTest& stop);
     void abandon();
 
-    const SxPtr<ZqRemoteFile> file;
+    const SxPtr<ZqNetLink> link;
+    const SxPtr<ZqFileFacts> facts;
     const ZqTransfer::Kind kind;
     uint64 pos = 0, end = 0;
     uint64 nSuffix = 0; ///< until the first response to the request of the last bytes

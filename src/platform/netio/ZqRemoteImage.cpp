@@ -234,7 +234,7 @@ SxPtr<ZqRemoteImage::Fetch> ZqRemoteImage::beginFetch(uint64 stretchIdx) {
     fetch->isPacked = static_cast<bool>(known);
     fetch->size = known ? known->getFrame(stretchIdx).size : stretchSize(stretchIdx);
     const uint64 offset = known ? known->getFrame(stretchIdx).offset : stretchIdx * STRETCH;
-    fetch->reader = std::make_unique<ZqRangeReader>(known ? packed : plain, offset, offset + fetch->size,
+    fetch->reader = std::make_unique<ZqRangeReader>(known ? *packed : *plain, offset, offset + fetch->size,
                                                     ZqTransfer::Kind::OnDemand);
     fetch->reader->begin();
     return fetch;

@@ -128,7 +128,7 @@ bool ZqRemoteImage::StreamRun::usesPacked() {
 
 bool ZqRemoteImage::StreamRun::runPlain() {
     assembled = nullptr;
-    ZqRangeReader reader(image->plain, pos, std::min(endOfRequest() * STRETCH, image->sizeZqf),
+    ZqRangeReader reader(*image->plain, pos, std::min(endOfRequest() * STRETCH, image->sizeZqf),
                          ZqTransfer::Kind::Ordered);
     SxArray<char> piece;
     bool isSkipping = false;
@@ -182,7 +182,7 @@ bool ZqRemoteImage::StreamRun::runFrames() {
         wirePos = table->getFrame(first).offset;
         wireEnd = last.offset + last.size;
     }
-    ZqRangeReader reader(image->packed, wirePos, wireEnd, ZqTransfer::Kind::Ordered);
+    ZqRangeReader reader(*image->packed, wirePos, wireEnd, ZqTransfer::Kind::Ordered);
     SxArray<char> pending;
     while (stretchIdx() < end) {
         Bytes bytes;

@@ -1,0 +1,277 @@
+#include "Builders.h"
+#include "NetLab.h"
+#include "SxClock.h"
+#include "SxTime.h"
+#include "TempDir.h"
+#include "ZqFileServer.h"
+#include "ZqRemoteFile.h"
+
+#include <gmock/gmock.h>
+#include <thread>
+
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::Not;
+
+namespace {
+
+using FilePtr = SxPtr<ZqRemoteFile>;
+
+template<class Act>
+SxException failureOf(Act act) {
+    try {
+        act();
+    } catch (const SxException& e) {
+        return e;
+    }
+    return {};
+}
+
+int64 nowMs() {
+    return SxClock::get().steadyNs() / 1'000'000;
+}
+
+class RemoteFile : public testing::Test {
+protected:
+    RemoteFile() {
+        dir.write("data", bytes);
+        server.start();
+    }
+    FilePtr open(uint64 expected = ZqRemoteFile::UNKNOWN) {
+        return FilePtr::create(link, server.getUrl() + "data", SxArray<SxString>(), expected);
+    }
+    std::string read(const FilePtr& file, uint64 offset, uint64 size) {
+        std::string buffer(size, '\0');
+        file->read(offset, size, buffer.data());
+        return buffer;
+    }
+    std::string stream(const FilePtr& file, uint64 offset) {
+        std::string all;
+        file->stream(offset, [&](const char* piece, int64 n) {
+            all.append(piece, static_cast<size_t>(n));
+            return true;
+        });
+        return all;
+    }
+
+    TestRandom random;
+    const std::string bytes = random.bytes(3'000'000);
+    TempDir dir;
+    ZqFileServer server{dir.prefix()};
+    SxPtr<ZqNetLink> link = SxPtr<ZqNetLink>::create(quickSettings());
+};
+
+} // namespace
+
+TEST_F(RemoteFile, givesWhatTheServerHas) {
+    const FilePtr file = open(bytes.size());
+    const std::pair<uint64, uint64> ranges[] = {
+        {0, 1}, {1000, 204'800}, {bytes.size() - 1, 1}, {0, bytes.size()}};
+    for (const auto& [offset, size] : ranges)
+        EXPECT_TRUE(read(file, offset, size) == bytes.substr(offset, size)) << offset << "+" << size;
+    EXPECT_EQ(file->getSize(), bytes.size());
+    EXPECT_TRUE(stream(file, 0) == bytes);
+    EXPECT_TRUE(stream(file, 2'999'999) == bytes.substr(2'999'999));
+    EXPECT_EQ(SxString(file->get(3'000'000)).str(), bytes);
+    // Ranges one after the other share a connection, and so does what comes behind the stream.
+    EXPECT_LE(server.getNConnections(), 3u);
+
+    dir.write("empty", "");
+    const auto empty = FilePtr::create(link, server.getUrl() + "empty");
+    for (const FilePtr& each : {file, empty})
+        each->fetchTo(dir.path(each == file ? "copy" : "empty copy"));
+    EXPECT_TRUE(dir.read("copy") == bytes);
+    EXPECT_EQ(dir.read("empty copy"), "");
+    EXPECT_EQ(empty->get(10).getSize(), 0);
+}
+
+TEST_F(RemoteFile, saysWhatIsWrongWithAnAnswer) {
+    struct Case {
+        unsigned fault;
+        const char* text;
+    };
+    const Case cases[] = {
+        {ZqFileServer::Short, "asked for bytes 1000-2999 and sends 1000-1999"},
+        {ZqFileServer::WrongRange, "asked for bytes 1000-2999 and sends 0-1999"},
+        {ZqFileServer::Whole, "with the whole file (200)"},
+        {ZqFileServer::Truncate, "has 1500000 bytes instead of 3000000"},
+        {ZqFileServer::Error500, "Gave up after 3 tries: the server answers 500"},
+    };
+    for (const Case& each : cases) {
+        const FilePtr file = open(bytes.size());
+        server.setFault(static_cast<ZqFileServer::Fault>(each.fault));
+        const SxException e = failureOf([&] { read(file, 1000, 2000); });
+        server.setFault(static_cast<ZqFileServer::Fault>(each.fault), false);
+        EXPECT_THAT(std::string(e.what()), AllOf(HasSubstr(each.text), HasSubstr("/data'")));
+        EXPECT_TRUE(read(file, 1000, 2000) == bytes.substr(1000, 2000)) << each.text;
+    }
+    // Each try brings half of what is left, and only tries in vain are counted.
+    server.setFault(ZqFileServer::Stall);
+    EXPECT_THAT(std::string(failureOf([&] { read(open(), 1000, 2); }).what()),
+                HasSubstr("Gave up after 3 tries: no data for 0.4 s"));
+    server.setFault(ZqFileServer::Stall, false);
+    EXPECT_EQ(link->getStatus().str(), "");
+
+    const auto none = FilePtr::create(link, server.getUrl() + "none");
+    for (const auto& act : std::initializer_list<std::function<void()>>{
+             [&] { none->get(10); }, [&] { read(none, 0, 1); }, [&] { none->fetchTo(dir.path("none")); }}) {
+        EXPECT_TRUE(failureOf(act).hasTag(ZqNetLink::NOT_FOUND));
+    }
+    EXPECT_FALSE(dir.exists("none"));
+    EXPECT_THAT(std::string(failureOf([&] { open()->get(2'999'999); }).what()),
+                HasSubstr("has 3000000 bytes, and no more than 2999999"));
+}
+
+TEST_F(RemoteFile, noticesThatTheFileHasChanged) {
+    const FilePtr file = open();
+    read(file, 0, 1'600'000);
+    server.setFault(ZqFileServer::Changed);
+    const SxException e = failureOf([&] { read(file, 0, 100); });
+    EXPECT_TRUE(e.hasTag(ZqNetLink::CHANGED)) << e.what();
+    EXPECT_THAT(std::string(e.what()), HasSubstr("has changed on the server"));
+}
+
+// Headers and bodies that no file server sends by itself.
+TEST(RemoteFileHostile, refusesAnswersThatAreNoAnswers) {
+    const std::string data(1000, 'x');
+    const std::string head = "HTTP/1.1 206 Partial Content\r\nConnection: close\r\n";
+    const std::string range = "Content-Range: bytes 10-19/1000\r\n";
+    const std::pair<std::string, const char*> cases[] = {
+        {head + "Content-Length: 10\r\n\r\n" + data.substr(0, 10), "doesn't say which bytes"},
+        {head + "Content-Range: bytes 18446744073709551615-1/2\r\n\r\n", "doesn't say which bytes"},
+        {head + "Content-Range: lines 10-19/1000\r\n\r\n", "doesn't say which bytes"},
+        {head + range + "Content-Length: 11\r\n\r\n" + data.substr(0, 11), "announces 11 bytes"},
+        {head + range + "\r\n" + data, "more than it was asked for"},
+        {head + range + "Content-Length: 10\r\n\r\n12345", "asked for bytes 15-19 and sends 10-19"},
+        {head + range + "Content-Encoding: gzip\r\nContent-Length: 10\r\n\r\n0123456789", "encoded (gzip)"},
+        {"HTTP/1.1 206\r\n\r\n", "doesn't say which bytes"},
+        {"HTTP/1.1 418 Teapot\r\nContent-Length: 0\r\n\r\n", "the server answers 418"},
+        {"", "Gave up after 3 tries"},
+        {"HTTP/1.1 302 Found\r\nLocation: file:///etc/passwd\r\nContent-Length: 0\r\n\r\n", "file"},
+    };
+    for (const auto& [response, text] : cases) {
+        const ScriptedServer server([&response = response](const std::string&) { return response; });
+        const auto file =
+            FilePtr::create(SxPtr<ZqNetLink>::create(quickSettings()), SxString(server.url("f")));
+        char buffer[10];
+        const std::string failure = failureOf([&] { file->read(10, 10, buffer); }).what();
+        EXPECT_THAT(SxString(failure).changeCase(false).str(),
+                    HasSubstr(SxString(text).changeCase(false).str()))
+            << response;
+    }
+}
+
+TEST(RemoteFileRedirect, isFollowedOnceAndTakesNoSecretsAlong) {
+    const std::string data(1000, 'x');
+    const ScriptedServer target(
+        [&](const std::string& request) { return ScriptedServer::ranged(request, data); });
+    const ScriptedServer origin([&](const std::string&) {
+        return "HTTP/1.1 302 Found\r\nConnection: close\r\nLocation: " + target.url("far") +
+               "\r\nContent-Length: 0\r\n\r\n";
+    });
+    const auto link = SxPtr<ZqNetLink>::create(quickSettings());
+    const auto file = FilePtr::create(link, SxString(origin.url("near")),
+                                      SxArray<SxString>{"Authorization: Basic c2VjcmV0", "X-Channel: 7"});
+    char buffer[10];
+    for (uint64 i = 0; i < 3; ++i)
+        file->read(i * 10, 10, buffer);
+    EXPECT_EQ(origin.requests().size(), 1u);
+    EXPECT_THAT(origin.requests()[0], HasSubstr("Authorization: Basic"));
+    ASSERT_EQ(target.requests().size(), 3u);
+    for (const std::string& request : target.requests())
+        EXPECT_THAT(request,
+                    AllOf(HasSubstr("GET /far"), HasSubstr("X-Channel: 7"), Not(HasSubstr("Authorization"))));
+}
+
+TEST_F(RemoteFile, goesOnWhereItStopped) {
+    const unsigned faults[] = {ZqFileServer::Close, ZqFileServer::Drop10,
+                               ZqFileServer::Close | ZqFileServer::Drop10};
+    for (const unsigned fault : faults) {
+        server.setFault(static_cast<ZqFileServer::Fault>(fault));
+        const FilePtr file = open();
+        for (uint64 offset = 0; offset < bytes.size(); offset += 100'000)
+            ASSERT_TRUE(read(file, offset, 100'000) == bytes.substr(offset, 100'000))
+                << fault << " " << offset;
+        EXPECT_TRUE(stream(file, 0) == bytes) << fault;
+        server.setFault(static_cast<ZqFileServer::Fault>(fault), false);
+    }
+
+    // The server goes away in the middle of a stream and comes back.
+    server.setRate(4'000'000);
+    const uint64 nBefore = server.getNBytes();
+    std::string all, status;
+    std::thread helper;
+    open()->stream(0, [&](const char* piece, int64 n) {
+        all.append(piece, static_cast<size_t>(n));
+        if (all.size() > 500'000 && !helper.joinable()) {
+            server.stop();
+            helper = std::thread([&] {
+                SxWait::pass(5000, [&] {
+                    status = link->getStatus().str();
+                    return status.find("refused (3rd try)") != std::string::npos;
+                });
+                server.start();
+            });
+        }
+        return true;
+    });
+    helper.join();
+    EXPECT_TRUE(all == bytes);
+    EXPECT_EQ(status, "waiting for the server: Connection refused (3rd try)");
+    EXPECT_EQ(link->getStatus().str(), "");
+    EXPECT_LT(server.getNBytes() - nBefore, bytes.size() + 1'500'000) << "it began anew";
+}
+
+TEST_F(RemoteFile, endsAtOnceWhenStopped) {
+    server.setFault(ZqFileServer::Stall);
+    ZqNetSettings patient;
+    patient.stallMs = 60'000;
+    const auto slow = SxPtr<ZqNetLink>::create(patient);
+    const auto file = FilePtr::create(slow, server.getUrl() + "data");
+    // By the caller's test, then by the link.
+    for (const bool byLink : {false, true}) {
+        const int64 start = nowMs();
+        std::thread helper([&] {
+            SxTime::msleep(100);
+            if (byLink) slow->cancel();
+        });
+        const auto stop = [&] { return !byLink && nowMs() - start > 100; };
+        std::string buffer(1000, '\0');
+        const SxException e = failureOf([&] { file->read(0, 1000, buffer.data(), stop); });
+        helper.join();
+        EXPECT_TRUE(e.hasTag(SxException::STOPPED)) << e.what();
+        EXPECT_LT(nowMs() - start, 600);
+    }
+    EXPECT_TRUE(failureOf([&] { file->get(5'000'000); }).hasTag(SxException::STOPPED));
+}
+
+TEST_F(RemoteFile, holdsTheRateOfStreamsOnly) {
+    link->setRateLimit(2'000'000);
+    const int64 start = nowMs();
+    EXPECT_TRUE(stream(open(), 0) == bytes);
+    const int64 elapsed = nowMs() - start;
+    EXPECT_GE(elapsed, 1350); // 100 ms of credit
+    EXPECT_LE(elapsed, 3000);
+    const int64 startOfRanges = nowMs();
+    read(open(), 0, 3'000'000);
+    EXPECT_LE(nowMs() - startOfRanges, 1000);
+}
+
+TEST_F(RemoteFile, waitsForASlowConsumer) {
+    dir.write("big", std::string(40 << 20, 'b'));
+    ZqNetSettings settings = quickSettings();
+    settings.maxBuffered = 1 << 20;
+    const auto file = FilePtr::create(SxPtr<ZqNetLink>::create(settings), server.getUrl() + "big");
+    uint64 n = 0, nServed = 0;
+    file->stream(0, [&](const char*, int64 nPiece) {
+        if (n == 0) {
+            // Longer than the limit for a stall, which a held stream isn't.
+            SxTime::msleep(600);
+            nServed = server.getNBytes();
+        }
+        n += static_cast<uint64>(nPiece);
+        return true;
+    });
+    EXPECT_EQ(n, uint64{40} << 20);
+    EXPECT_LT(nServed, uint64{20} << 20); // what the system's buffers take, and a mebibyte
+}

@@ -1,0 +1,272 @@
+#include "Builders.h"
+#include "NetLab.h"
+#include "SxClock.h"
+#include "SxException.h"
+#include "SxTime.h"
+#include "TempDir.h"
+#include "ZqFileServer.h"
+#include "ZqRemoteImage.h"
+
+#include <algorithm>
+#include <gmock/gmock.h>
+#include <thread>
+
+using testing::AllOf;
+using testing::HasSubstr;
+
+namespace {
+
+constexpr uint64 STRETCH = ZqRemoteImage::STRETCH;
+using ImagePtr = SxPtr<ZqRemoteImage>;
+
+int64 nowMs() {
+    return SxClock::get().steadyNs() / 1'000'000;
+}
+
+/// Bytes that shrink to something like a half.
+std::string halfRandom(TestRandom* random, size_t n) {
+    std::string bytes = random->bytes(n);
+    for (size_t i = 0; i < n; i += 2)
+        bytes[i] = 'x';
+    return bytes;
+}
+
+std::string streamOf(ZqRemoteImage& image, uint64 offset = 0) {
+    std::string all;
+    image.stream(offset, [&](const char* bytes, int64 n) {
+        all.append(bytes, static_cast<size_t>(n));
+        return true;
+    });
+    return all;
+}
+
+std::string readOf(ZqRemoteImage& image, uint64 offset, uint64 size) {
+    std::string buffer(size, '\0');
+    image.read(offset, size, buffer.data());
+    return buffer;
+}
+
+template<class Act>
+std::string failureOf(Act act) {
+    try {
+        act();
+    } catch (const SxException& e) {
+        return e.what();
+    }
+    return "";
+}
+
+class RemoteImage : public testing::Test {
+protected:
+    RemoteImage() {
+        dir.write("img.zqf", zqf);
+        server.start();
+    }
+    void pack() { dir.write("img.zqf.zst", PackedImage(zqf).bytes()); }
+    ImagePtr open(uint64 size = 0) {
+        return ImagePtr::create(SxPtr<ZqNetLink>::create(quickSettings()), server.getUrl(),
+                                size == 0 ? zqf.size() : size);
+    }
+    /// Waits until the table is there, so that what follows is sure to take the packed form.
+    static void awaitTable(ZqRemoteImage& image) {
+        image.announce({}, {});
+        ASSERT_TRUE(SxWait::pass(5000, [&] { return image.getFigures().isPacked; }));
+    }
+
+    TestRandom random;
+    const std::string zqf = halfRandom(&random, 30 * STRETCH + 12'345);
+    TempDir dir;
+    ZqFileServer server{dir.prefix()};
+};
+
+} // namespace
+
+TEST_F(RemoteImage, givesTheSameBytesPlainAndPacked) {
+    for (const bool isPacked : {false, true}) {
+        if (isPacked) pack();
+        SCOPED_TRACE(isPacked ? "packed" : "plain");
+        const uint64 nPlain = server.getNBytes("img.zqf");
+        const ImagePtr image = open();
+        EXPECT_TRUE(streamOf(*image) == zqf);
+        EXPECT_EQ(image->getFigures().isPacked, isPacked);
+        EXPECT_EQ(server.getNBytes("img.zqf") - nPlain, isPacked ? 0 : zqf.size());
+        const std::pair<uint64, uint64> ranges[] = {
+            {0, 1},           {STRETCH - 1, 2}, {3 * STRETCH, STRETCH}, {30 * STRETCH, 12'345},
+            {5, 3 * STRETCH}, {zqf.size(), 0}};
+        for (const auto& [offset, size] : ranges) {
+            EXPECT_TRUE(readOf(*image, offset, size) == zqf.substr(offset, size)) << offset << "+" << size;
+        }
+        for (const uint64 offset : {uint64{1}, 7 * STRETCH, 7 * STRETCH + 4096, zqf.size() - 1, zqf.size()})
+            EXPECT_TRUE(streamOf(*open(), offset) == zqf.substr(offset)) << "from " << offset;
+        EXPECT_THAT(failureOf([&] { readOf(*image, zqf.size() - 1, 2); }), HasSubstr("lie behind its end"));
+    }
+}
+
+TEST_F(RemoteImage, takesNoFileOfAnotherSize) {
+    EXPECT_THAT(failureOf([&] { streamOf(*open(zqf.size() + 1)); }),
+                AllOf(HasSubstr("bytes instead of"), HasSubstr("/img.zqf'")));
+    pack();
+    // A frame more or less, and a last frame of another length.
+    for (const uint64 size : {zqf.size() + STRETCH, zqf.size() - STRETCH, zqf.size() + 1}) {
+        const std::string failure = failureOf([&] { streamOf(*open(size), 2 * STRETCH); });
+        EXPECT_THAT(failure,
+                    AllOf(HasSubstr("Cannot use"), HasSubstr("/img.zqf.zst'"), HasSubstr("seek table")));
+    }
+}
+
+TEST_F(RemoteImage, namesAFrameThatStaysDamaged) {
+    const PackedImage packed(zqf);
+    std::string flipped = packed.frames[3], otherContent = PackedImage(random.bytes(STRETCH)).frames[0];
+    flipped[flipped.size() / 2] = static_cast<char>(~flipped[flipped.size() / 2]);
+    // A whole frame of other content has another length; the table must tell that it isn't the one.
+    std::string cut = packed.frames[3].substr(0, packed.frames[3].size() - 1);
+    for (const std::string& bad : {flipped, otherContent, cut}) {
+        PackedImage image = packed;
+        image.frames[3] = bad + std::string(std::max(packed.frames[3].size(), bad.size()) - bad.size(), '\0');
+        image.frames[3].resize(packed.frames[3].size());
+        dir.write("img.zqf.zst", image.bytes());
+        for (const bool withTable : {false, true}) {
+            const ImagePtr remote = open();
+            if (withTable) awaitTable(*remote);
+            EXPECT_THAT(failureOf([&] { streamOf(*remote); }),
+                        AllOf(HasSubstr("Frame 3 of "), HasSubstr("img.zqf.zst' is damaged")));
+        }
+        const ImagePtr remote = open();
+        awaitTable(*remote);
+        const uint64 nRequests = server.getNRequests("img.zqf.zst");
+        EXPECT_THAT(failureOf([&] { readOf(*remote, 3 * STRETCH, 10); }), HasSubstr("Frame 3 of "));
+        EXPECT_EQ(server.getNRequests("img.zqf.zst") - nRequests, 2u);
+        EXPECT_TRUE(readOf(*remote, 4 * STRETCH, 10) == zqf.substr(4 * STRETCH, 10));
+    }
+}
+
+TEST(RemoteImageFrame, isFetchedAgainOnce) {
+    TestRandom random;
+    const std::string zqf = halfRandom(&random, 5 * STRETCH), packed = PackedImage(zqf).bytes();
+    const size_t tableSize = PackedImage(zqf).table.size();
+    std::string damaged = packed;
+    for (size_t i = 0; i + tableSize < damaged.size(); i += 5000)
+        damaged[i] = static_cast<char>(~damaged[i]);
+    std::atomic<int> nBad{1};
+    const ScriptedServer server([&](const std::string& request) {
+        if (request.find("img.zqf.zst") == std::string::npos) {
+            return std::string("HTTP/1.1 404 Not Found\r\nContent-Length: 0\r\n\r\n");
+        }
+        const bool isTable = request.find("bytes=-") != std::string::npos;
+        return ScriptedServer::ranged(request, !isTable && nBad-- > 0 ? damaged : packed);
+    });
+    const auto link = SxPtr<ZqNetLink>::create(quickSettings());
+    ZqRemoteImage streamed(link, SxString(server.url()), zqf.size());
+    EXPECT_TRUE(streamOf(streamed) == zqf);
+    EXPECT_LE(nBad, 0);
+    ZqRemoteImage image(link, SxString(server.url()), zqf.size());
+    image.announce({}, {});
+    ASSERT_TRUE(SxWait::pass(5000, [&] { return image.getFigures().isPacked; }));
+    nBad = 1;
+    EXPECT_TRUE(readOf(image, STRETCH, STRETCH) == zqf.substr(STRETCH, STRETCH));
+    EXPECT_LE(nBad, 0);
+}
+
+TEST_F(RemoteImage, doesNotFetchTwiceWhatWasOnDemand) {
+    for (const bool isPacked : {false, true}) {
+        SCOPED_TRACE(isPacked ? "packed" : "plain");
+        if (isPacked) pack();
+        const char* name = isPacked ? "img.zqf.zst" : "img.zqf";
+        const uint64 nBefore = server.getNBytes(name);
+        const ImagePtr image = open();
+        if (isPacked) awaitTable(*image);
+        for (const uint64 idx : {4, 5, 6, 11, 29, 30})
+            readOf(*image, idx * STRETCH, 1);
+        readOf(*image, 5 * STRETCH, STRETCH);
+        EXPECT_TRUE(streamOf(*image) == zqf);
+        const ZqRemoteImage::Figures figures = image->getFigures();
+        EXPECT_EQ(figures.nTakenKept, 5 * STRETCH + 12'345);
+        EXPECT_EQ(figures.nStreamed, zqf.size());
+        EXPECT_EQ(figures.nTwice, 0u);
+        const uint64 size = isPacked ? dir.read(name).size() : zqf.size();
+        EXPECT_LE(server.getNBytes(name) - nBefore, size + 1000);
+    }
+}
+
+// Streams at 4 MB/s while the test asks for ranges.
+class RemoteImageBusy : public RemoteImage {
+protected:
+    RemoteImageBusy() {
+        server.setRate(4'000'000);
+        server.setLatency(20);
+        image = open();
+    }
+    ~RemoteImageBusy() override { join(); }
+    void begin() {
+        streamer = std::thread([this] {
+            image->stream(0, [this](const char*, int64 n) {
+                nStreamed += static_cast<uint64>(n);
+                return !ending;
+            });
+        });
+        SxWait::pass(5000, [this] { return nStreamed > 3 * STRETCH; });
+    }
+    void join() {
+        ending = true;
+        if (streamer.joinable()) streamer.join();
+    }
+
+    ImagePtr image;
+    std::atomic<uint64> nStreamed{0};
+    std::atomic<bool> ending{false};
+    std::thread streamer;
+};
+
+TEST_F(RemoteImageBusy, putsRangesFirst) {
+    begin();
+    for (uint64 idx = 20; idx < 30; ++idx)
+        ASSERT_TRUE(readOf(*image, idx * STRETCH, STRETCH) == zqf.substr(idx * STRETCH, STRETCH));
+    EXPECT_TRUE(SxWait::pass(5000, [&] { return nStreamed == zqf.size(); })) << "the stream didn't go on";
+}
+
+TEST_F(RemoteImageBusy, leavesToTheStreamWhatItIsAboutToReach) {
+    begin();
+    for (int i = 0; i < 5; ++i) {
+        const uint64 idx = nStreamed / STRETCH;
+        ASSERT_TRUE(readOf(*image, idx * STRETCH, STRETCH) == zqf.substr(idx * STRETCH, STRETCH));
+    }
+    EXPECT_GT(image->getFigures().nLeft, 0u);
+    EXPECT_LE(image->getFigures().nOnDemand, STRETCH);
+}
+
+TEST_F(RemoteImageBusy, doesNotLeaveItToAStreamThatStalls) {
+    std::atomic<bool> isHeld{true};
+    std::thread held([&] {
+        image->stream(0, [&](const char*, int64 n) {
+            nStreamed += static_cast<uint64>(n);
+            while (isHeld)
+                SxTime::msleep(5);
+            return false;
+        });
+    });
+    SxWait::pass(5000, [this] { return nStreamed > 0; });
+    const int64 start = nowMs();
+    EXPECT_TRUE(readOf(*image, 0, STRETCH) == zqf.substr(0, STRETCH));
+    EXPECT_LT(nowMs() - start, 2000);
+    isHeld = false;
+    held.join();
+}
+
+TEST_F(RemoteImage, fetchesAGroupTogether) {
+    server.setLatency(150);
+    const ImagePtr image = open();
+    const SxArray<uint64> offsets{0, 2 * STRETCH, 4 * STRETCH, 6 * STRETCH, 8 * STRETCH, 10 * STRETCH};
+    SxArray<uint64> sizes(6);
+    sizes.set(STRETCH);
+    const int64 start = nowMs();
+    image->announce(offsets, sizes);
+    const uint64 nRequests = server.getNRequests("img.zqf");
+    for (const uint64 offset : offsets)
+        EXPECT_TRUE(readOf(*image, offset, STRETCH) == zqf.substr(offset, STRETCH));
+    EXPECT_LT(nowMs() - start, 700) << "six round trips take 900 ms";
+    EXPECT_LE(server.getNRequests("img.zqf"), 6u) << nRequests;
+    // Dropped with the next announcement, without harm.
+    image->announce({12 * STRETCH}, {STRETCH});
+    image->announce({14 * STRETCH}, {STRETCH});
+    EXPECT_TRUE(readOf(*image, 12 * STRETCH, STRETCH) == zqf.substr(12 * STRETCH, STRETCH));
+}
