@@ -9,6 +9,7 @@
 #include <mutex>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <numeric>
 #include <sys/socket.h>
 #include <unordered_map>
 #include <vector>
@@ -24,9 +25,12 @@ constexpr int64 RATE_NS = 50 * MS;
 /// What the rate limit lets an ordered stream make good after a pause.
 constexpr int64 CREDIT_NS = 100 * MS;
 constexpr int LOOK_MS = 100;
-/// Round trips that an ordered stream's window covers, and the least window in bytes.
+/// Round trips at the best rate of late that an ordered stream's window covers; more than one, so that the
+/// rate can grow.
 constexpr double WINDOW_TRIPS = 1.25;
-constexpr int64 MIN_WINDOW = 48 << 10, MAX_WINDOW = 64 << 20;
+constexpr int64 BEST_RATE_NS = 15'000 * MS;
+constexpr long MIN_BUFFER = 16'384, MAX_BUFFER = 131'072;
+constexpr double MIN_WINDOW = 48 << 10, MAX_WINDOW = 64 << 20;
 
 int64 nowNs() {
     return SxClock::get().steadyNs();
@@ -179,6 +183,7 @@ private:
     void takePosted();
     void begin(const SxPtr<ZqTransfer>& transfer);
     void setOptions(Active* active);
+    long streamBuffer() const;
     void remove(CURL* easy);
     void readMessages();
     void conclude(Active* active, CURLcode code);
@@ -194,6 +199,7 @@ private:
     void check(Active* active);
     size_t take(Active* active, const char* bytes, size_t n);
     void measure(Active* active, int64 now, int64 n);
+    double bestTripBytes() const;
     void boundWindow(CURL* easy) const;
     void noteRoundTrip(CURL* easy);
 
@@ -204,6 +210,8 @@ private:
     int64 limitedUntilNs = 0; ///< when the ordered streams may take bytes again
     std::array<int64, 8> roundTrips{};
     size_t nRoundTrips = 0;
+    double bestNow = 0., bestBefore = 0.; ///< best rate of this span and of the one before
+    int64 bestSinceNs = 0;
 
     SxMutex mutex;
     std::vector<SxPtr<ZqTransfer>> added SX_GUARDED_BY(mutex), dropped SX_GUARDED_BY(mutex);
@@ -288,8 +296,7 @@ void ZqNetLoop::Engine::setOptions(Active* active) {
     curl_easy_setopt(easy, CURLOPT_HTTP_VERSION,
                      static_cast<long>(isOrdered ? CURL_HTTP_VERSION_1_1 : CURL_HTTP_VERSION_2TLS));
     curl_easy_setopt(easy, CURLOPT_PIPEWAIT, isOrdered ? 0L : 1L);
-    const bool isLimited = isOrdered && rateLimit.load() > 0.;
-    curl_easy_setopt(easy, CURLOPT_BUFFERSIZE, isLimited ? 16'384L : 131'072L);
+    curl_easy_setopt(easy, CURLOPT_BUFFERSIZE, isOrdered ? streamBuffer() : MAX_BUFFER);
     if (!request.range.isEmpty()) curl_easy_setopt(easy, CURLOPT_RANGE, request.range.ascii());
     for (const SxString& header : request.headers) {
         curl_slist* longer = curl_slist_append(active->headers.get(), header.ascii());
@@ -302,6 +309,15 @@ void ZqNetLoop::Engine::setOptions(Active* active) {
     curl_easy_setopt(easy, CURLOPT_HEADERDATA, active);
     curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &Engine::onBody);
     curl_easy_setopt(easy, CURLOPT_WRITEDATA, active);
+}
+
+/// What libcurl reads at once of an ordered stream, and has in its hand while the stream is held.
+long ZqNetLoop::Engine::streamBuffer() const {
+    const double limit = rateLimit.load();
+    if (limit > 0. && limit < MAX_BUFFER * 50.) return MIN_BUFFER;
+    const double trip = bestTripBytes();
+    return trip > 0. ? std::clamp(static_cast<long>(std::min(trip / 4., 1e9)), MIN_BUFFER, MAX_BUFFER)
+                     : MAX_BUFFER;
 }
 
 void ZqNetLoop::Engine::remove(CURL* easy) {
@@ -445,6 +461,7 @@ size_t ZqNetLoop::Engine::take(Active* active, const char* bytes, size_t n) {
     if (active->kind() == ZqTransfer::Kind::OnDemand) addTo<uint64>(&nOnDemandBytes, n);
     if (active->kind() == ZqTransfer::Kind::Ordered) {
         measure(active, now, nTaken);
+        boundWindow(active->easy.get());
         const double limit = rateLimit.load();
         if (limit > 0.) {
             const double costNs = static_cast<double>(nTaken) / limit * 1e9;
@@ -470,17 +487,31 @@ void ZqNetLoop::Engine::measure(Active* active, int64 now, int64 n) {
     rate.store(old > 0. ? 0.75 * old + 0.25 * measured : measured);
     active->measureNs = now;
     active->nMeasured = 0;
-    boundWindow(active->easy.get());
+    if (now - bestSinceNs > BEST_RATE_NS) {
+        bestBefore = bestNow;
+        bestNow = 0.;
+        bestSinceNs = now;
+    }
+    bestNow = std::max(bestNow, measured);
+}
+
+/// Bytes of a round trip at the best rate of late; 0 not known yet.
+double ZqNetLoop::Engine::bestTripBytes() const {
+    if (nRoundTrips == 0) return 0.;
+    const auto n = static_cast<std::ptrdiff_t>(std::min(nRoundTrips, roundTrips.size()));
+    const int64 sumUs = std::accumulate(roundTrips.begin(), roundTrips.begin() + n, int64{0});
+    return std::max(bestNow, bestBefore) * static_cast<double>(sumUs) / static_cast<double>(n) / 1e6;
 }
 
 /// Bounds what the server sends on while the stream is held, and with it what a range has to wait for. The
-/// system's own bound follows what a reader takes at best, and may be megabytes.
+/// system's own bound may be megabytes, and it lifts ours whenever it raises that; so this is done with each
+/// piece.
 void ZqNetLoop::Engine::boundWindow(CURL* easy) const {
     curl_socket_t fd = CURL_SOCKET_BAD;
+    const double wanted = bestTripBytes() * WINDOW_TRIPS;
+    if (wanted <= 0.) return;
     if (curl_easy_getinfo(easy, CURLINFO_ACTIVESOCKET, &fd) != CURLE_OK || fd == CURL_SOCKET_BAD) return;
-    const double trip = static_cast<double>(roundTripUs.load()) / 1e6;
-    const auto wanted = static_cast<int64>(rate.load() * trip * WINDOW_TRIPS);
-    const auto window = static_cast<int>(std::clamp(wanted, MIN_WINDOW, MAX_WINDOW));
+    const int window = static_cast<int>(std::clamp(wanted, MIN_WINDOW, MAX_WINDOW));
     ::setsockopt(fd, IPPROTO_TCP, TCP_WINDOW_CLAMP, &window, sizeof window);
 }
 
