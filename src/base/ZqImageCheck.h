@@ -30,6 +30,7 @@ private:
     void checkMap();
     void checkEntries(const SxArray<uint64>& map);
     void checkZqf();
+    void checkPacked();
     void checkDigest(const SxString& file, const SxString& expected);
     void addFault(const SxString& text);
 

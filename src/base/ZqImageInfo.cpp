@@ -9,6 +9,8 @@
 
 namespace {
 
+constexpr const char* UNIT = "src/base/ZqImageInfo";
+
 ZqImageInfo::State findState(const SxString& prefix, bool allThere) {
     if (SxFSAction::exists(prefix + ZqImageFiles::OPTIMIZE_LOCK)) return ZqImageInfo::Optimizing;
     if (SxFSAction::exists(prefix + ZqImageFiles::PATCH_PROGRESS) ||
@@ -52,6 +54,17 @@ void ZqImageInfo::countBlocks(const SxArray<uint64>& map) {
     }
     sizeComplete = app.sizeZqf;
     if (sizeComplete == 0 && nIncluded > 0) sizeComplete = (greatest + 1) * ZqImage::BLOCK_SIZE;
+}
+
+void ZqImageInfo::requireComplete(const SxString& path) const {
+    if (storage.split || storage.joining) {
+        throw SxException("The image '" + path + "' is split; join it first", UNIT, __LINE__);
+    }
+    if (sizeZqf < sizeComplete) {
+        throw SxException(SxString("The image '") + path + "' isn't complete: img.zqf has " + sizeZqf +
+                              " of " + sizeComplete + " bytes",
+                          UNIT, __LINE__);
+    }
 }
 
 SxString ZqImageInfo::stateToString(State state) {

@@ -29,6 +29,9 @@ public:
     static SxString stateToString(State state);
     SxString getStateText() const { return stateToString(state); }
 
+    /// Raises unless all of `img.zqf` is there, in one file; `path` is the image folder, for the text.
+    void requireComplete(const SxString& path) const;
+
 private:
     void countBlocks(const SxArray<uint64>& map);
 };

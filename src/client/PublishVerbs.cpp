@@ -4,6 +4,7 @@
 
 #include <tavrin/ZqImage.h>
 #include <tavrin/ZqImageBuild.h>
+#include <tavrin/ZqImagePack.h>
 #include <tavrin/ZqImageRaw.h>
 
 namespace {
@@ -12,6 +13,11 @@ constexpr const char* UNIT = "src/client/PublishVerbs";
 struct BuildOptions {
     SxString source, image, fileSystem = "erofs";
     ZqImageBuild::Options build;
+};
+
+struct PackOptions {
+    SxString image;
+    uint64 level = ZqImagePack::DEFAULT_LEVEL;
 };
 
 struct RawOptions {
@@ -54,6 +60,23 @@ int build(const BuildOptions& options, Output& out) {
     return ExitSuccess;
 }
 
+int pack(const PackOptions& options, Output& out) {
+    ZqImagePack job(options.image, static_cast<int64>(options.level));
+    const double seconds = runJob(&job, "pack", out);
+    if (out.getMode().json) {
+        SxParserKit::SxSymbol result;
+        result.setType(SxParserAst::Object);
+        result.append("frames", job.getNFrames());
+        result.append("sizeZqf", job.getSizeZqf());
+        result.append("sizePacked", job.getSizePacked());
+        result.append("seconds", seconds);
+        out.object(result);
+    }
+    out.text("Packed " + exactBytes(job.getSizeZqf()) + " to " + exactBytes(job.getSizePacked()) + " in " +
+             job.getNFrames() + SxString::sprintf(" frames, in %.1f s.", seconds));
+    return ExitSuccess;
+}
+
 int writeRaw(const RawOptions& options, Output& out) {
     ZqImageRaw job(options.image, options.dir);
     const double seconds = runJob(&job, "raw", out);
@@ -89,6 +112,14 @@ void registerPublishVerbs(Family* image) {
         .text("--app", &what.appTemplate, "FILE", "An app.json that gives all other fields")
         .text("--raw", &what.rawDir, "DIR", "Keep the drive as img.raw in this folder")
         .action([building](Output& out) { return build(*building, out); });
+
+    auto packing = SxPtr<PackOptions>::create();
+    image
+        ->verb("pack", "Write img.zqf.zst, which clients download instead of img.zqf",
+               "tavrin image pack games/alpha --level 19")
+        .argument("IMAGE", &packing->image, "Image folder, complete")
+        .number("--level", &packing->level, 1, "Level of zstd, 1 to 22; 17 where not given")
+        .action([packing](Output& out) { return pack(*packing, out); });
 
     auto raw = SxPtr<RawOptions>::create();
     image

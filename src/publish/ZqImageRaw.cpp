@@ -45,14 +45,7 @@ void ZqImageRaw::main() {
 
 SxArray<uint64> ZqImageRaw::readMap() {
     const ZqImageInfo info(image);
-    if (info.storage.split || info.storage.joining) {
-        throw SxException("The image '" + image + "' is split; join it first", UNIT, __LINE__);
-    }
-    if (info.sizeZqf < info.sizeComplete) {
-        throw SxException(SxString("The image '") + image + "' isn't complete: img.zqf has " + info.sizeZqf +
-                              " of " + info.sizeComplete + " bytes",
-                          UNIT, __LINE__);
-    }
+    info.requireComplete(image);
     SxArray<uint64> map = ZqImage(image).getMap();
     sizeRaw = static_cast<uint64>(info.image.sizeRaw);
     const auto nRaw = static_cast<uint64>(map.getSize());
