@@ -119,7 +119,8 @@ int arrangeDescriptors(SxProcess::Mode mode, int report) {
 
 [[noreturn]] void runChild(const char* program, char* const* argv, const char* folder, SxProcess::Mode mode,
                            int writer) {
-    setpgid(0, 0);
+    // Not just a group in our session: the system would send a hang-up to a suspended one when we end.
+    setsid();
     resetSignals();
     const int report = arrangeDescriptors(mode, writer);
     if (folder && chdir(folder) != 0) giveUp(report, Failure::Folder);
@@ -241,10 +242,10 @@ bool SxProcess::fork(const Launch& launch) {
         runChild(launch.programPath.c_str(), launch.argv.data(),
                  launch.folder.empty() ? nullptr : launch.folder.c_str(), mode, launch.pipe.writer());
     }
-    // Here as in the child, so that the group is there for whoever gets the lock next.
-    setpgid(child, child);
     pid = child;
     state = State::Running;
+    SxProcessInfo info;
+    if (SxProcessInfo::get(child, &info)) group = SxProcessGroup(child, info.startTime);
     return true;
 }
 
@@ -266,6 +267,7 @@ void SxProcess::start(const SxList<SxString>& moreArguments) {
     }
     state = State::New;
     pid = -1;
+    group = {};
     if (failure.step == Failure::Folder) {
         fail("Cannot use the working folder '" + workingDirectory + "' of '" + program + "'", failure.error,
              __LINE__);
@@ -338,11 +340,17 @@ int SxProcess::getId() const {
     return pid;
 }
 
+SxProcessGroup SxProcess::getGroup() const {
+    SxMutexBlock lock(&mutex);
+    return group;
+}
+
 void SxProcess::signalGroup(GroupSignal signal) {
     SxMutexBlock lock(&mutex);
     if (state != State::Running && state != State::Ended) return;
     const int number = signal == StopSignal ? SIGSTOP : signal == ContinueSignal ? SIGCONT : SIGKILL;
-    if (::kill(-pid, number) != 0 && errno != ESRCH) {
+    // A child that hasn't come to make its group yet is the only process that would be in it.
+    if (::kill(-pid, number) != 0 && (errno != ESRCH || ::kill(pid, number) != 0) && errno != ESRCH) {
         const char* what = signal == StopSignal ? "suspend" : signal == ContinueSignal ? "resume" : "kill";
         fail(SxString("Cannot ") + what + " '" + program + "'", errno, __LINE__);
     }

@@ -2,6 +2,7 @@
 
 #include "SxList.h"
 #include "SxMutex.h"
+#include "SxProcessGroup.h"
 #include "SxString.h"
 
 #include <string>
@@ -15,10 +16,10 @@ struct SxWinProcParams {
     bool hiddenWindow = false; ///< a wish that has no effect here
 };
 
-/// A child process, for one run. It gets a process group of its own, which suspend(), resume() and kill() act
-/// on, an empty standard input, so that it never stands still for a terminal, and no other descriptor of ours
-/// than standard output and error. All operations are safe from any thread; those that only keep a setting
-/// belong in front of start().
+/// A child process, for one run. It gets a session, and with it a process group, of its own, which suspend(),
+/// resume() and kill() act on, an empty standard input, so that it never stands still for a terminal, and no
+/// other descriptor of ours than standard output and error. All operations are safe from any thread; those
+/// that only keep a setting belong in front of start().
 ///
 /// The destructor doesn't end the process. Where it still runs then, a thread of its own waits for its end,
 /// so that it leaves no zombie; if this program ends earlier, the system's first process takes that over.
@@ -59,6 +60,8 @@ public:
     int exitStatus() SX_EXCLUDES(mutex);
     /// The id in the system, or -1 before the start.
     int getId() const SX_EXCLUDES(mutex);
+    /// Its group, for programs that come later; no group before the start.
+    SxProcessGroup getGroup() const SX_EXCLUDES(mutex);
 
     // These act on the whole group, from the start until wait() has returned: also on what a launcher leaves
     // behind. They do nothing at other times, and raise where the system refuses.
@@ -93,4 +96,5 @@ private:
     bool killed SX_GUARDED_BY(mutex) = false;
     int pid SX_GUARDED_BY(mutex) = -1;
     int status SX_GUARDED_BY(mutex) = -1;
+    SxProcessGroup group SX_GUARDED_BY(mutex);
 };

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "SxList.h"
 #include "SxString.h"
 
 /// Facts and operations of the machine. All are safe from any thread. Those that ask the system and have no
@@ -55,6 +56,8 @@ public:
     /// The id of a process with that name, the smallest of several; -1 if there is none. `limit` is the
     /// longest time to wait for one to appear, in milliseconds; up to 0, so also with -1, it looks once.
     static int getProcessID(const SxString& name, int64 limit);
+    /// The ids of all processes with that name, in ascending order.
+    static SxList<int> getProcessIDs(const SxString& name);
     /// Ends a process at once. Gives whether it has been told to, or is gone already; else says why in the
     /// log.
     static bool killProcess(int id);

@@ -65,17 +65,21 @@ bool fits(const NameMatch& match, int pid) {
     return !argument.empty() && match.fits(argument);
 }
 
-int findProcess(const NameMatch& match) {
+SxList<int> findProcesses(const NameMatch& match) {
     std::vector<std::string> names;
-    if (SxOs::get().list("/proc", &names) < 0) return -1;
-    int found = -1;
+    std::vector<int> found;
+    if (SxOs::get().list("/proc", &names) < 0) return {};
     for (const std::string& name : names) {
         int pid = -1;
         const auto [end, error] = std::from_chars(name.data(), name.data() + name.size(), pid);
         if (error != std::errc() || end != name.data() + name.size() || pid == getpid()) continue;
-        if ((found < 0 || pid < found) && fits(match, pid)) found = pid;
+        if (fits(match, pid)) found.push_back(pid);
     }
-    return found;
+    std::sort(found.begin(), found.end());
+    SxList<int> ids;
+    for (const int pid : found)
+        ids << pid;
+    return ids;
 }
 
 } // namespace
@@ -91,11 +95,16 @@ int ZqSysEnv::getProcessID(const SxString& name, int64 limit) {
     SxWait::pass(
         limit,
         [&] {
-            found = findProcess(match);
+            const SxList<int> ids = findProcesses(match);
+            found = ids.isEmpty() ? -1 : ids.first();
             return found >= 0;
         },
         LOOK_MS);
     return found;
+}
+
+SxList<int> ZqSysEnv::getProcessIDs(const SxString& name) {
+    return name.isEmpty() ? SxList<int>() : findProcesses(NameMatch(name));
 }
 
 bool ZqSysEnv::killProcess(int id) {
