@@ -31,6 +31,7 @@ constexpr int64 SAMPLES = 12;
 constexpr int64 PASS_MS = 1000;
 constexpr int64 RETRY_MS = 100;
 constexpr uint64 SAMPLE_MS = 5000;
+constexpr int64 LARGEST_LAG_NS = 20'000'000;
 
 /// Durations come from the clock that no adjustment moves: after a jump of the system's, a pause could last
 /// for hours.
@@ -317,7 +318,11 @@ uint64 ZqFWriter::targetSpeed(uint64 dlSpeed, uint64 bytesBehindLast) const {
 
 /// Gives the speed that was reached, in bytes per second.
 uint64 ZqFWriter::writePiece(SxFileIO* image, uint64 offset, uint64 target) {
-    const uint64 begin = steadyMs();
+    const int64 beginNs = SxClock::get().steadyNs();
+    // What the last piece took too long counts for this one: small pieces, whose pauses are as short as the
+    // system's sleep is inexact, would fall behind by a sixth.
+    const bool inTurn = beginNs - dueNs <= LARGEST_LAG_NS;
+    dueNs = inTurn ? dueNs : beginNs;
     Piece piece;
     {
         SxMutexBlock lock(&dataMutex);
@@ -326,9 +331,10 @@ uint64 ZqFWriter::writePiece(SxFileIO* image, uint64 offset, uint64 target) {
     image->write(*piece);
     image->flush();
     const auto written = static_cast<uint64>(piece->getSize());
-    const auto pause = static_cast<int64>(written * 1000 / target) - static_cast<int64>(steadyMs() - begin);
-    SxWait::pass(pause, [this] { return stopRequested(); });
-    const uint64 elapsed = steadyMs() - begin;
+    dueNs += static_cast<int64>(static_cast<double>(written) * 1e9 / static_cast<double>(target));
+    const int64 pauseMs = (dueNs - SxClock::get().steadyNs()) / 1'000'000;
+    SxWait::pass(pauseMs, [this] { return stopRequested(); });
+    const auto elapsed = static_cast<uint64>((SxClock::get().steadyNs() - beginNs) / 1'000'000);
     SxMutexBlock lock(&dataMutex);
     writeCursor += written;
     return elapsed > 0 ? written * 1000 / elapsed : written * 1000;

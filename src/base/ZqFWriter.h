@@ -2,6 +2,7 @@
 
 #include "SxArray.h"
 #include "SxFileIO.h"
+#include "SxFlag.h"
 #include "SxPtr.h"
 #include "SxSystemThread.h"
 #include "ZqAvg.h"
@@ -66,22 +67,6 @@ protected:
 private:
     using Piece = SxPtr<SxArray<char>>;
 
-    /// A bool with a mutex of its own.
-    class Flag {
-    public:
-        void set(bool on) {
-            SxMutexBlock lock(&mutex);
-            value = on;
-        }
-        bool get() const {
-            SxMutexBlock lock(&mutex);
-            return value;
-        }
-
-    private:
-        mutable SxMutex mutex;
-        bool value SX_GUARDED_BY(mutex) = false;
-    };
     /// What a chunk was written with, for its line in the log.
     struct Pace {
         uint64 dlSpeed, target, reached;
@@ -104,7 +89,7 @@ private:
     void removeLeftovers();
 
     const SxString dirPath, fileName;
-    Flag stopFlag, finalizeFlag, throttleFlag;
+    SxFlag stopFlag, finalizeFlag, throttleFlag;
     const uint64 time0; ///< system time in milliseconds
     const uint64 steady0;
     const uint64 cursor0;
@@ -125,5 +110,6 @@ private:
 
     // The writer's thread alone.
     uint64 testBytes = 0, testMs = 0, maxWriteSpeed = 0;
+    int64 dueNs = 0; ///< when the last piece has taken the time that its pace gives it
     SxFileIO log;
 };

@@ -77,13 +77,11 @@ ZqImageProgress::ZqImageProgress(const SxString& path_, const ZqAppParams& param
 }
 
 void ZqImageProgress::stop() {
-    SxMutexBlock lock(&stopMutex);
-    stopFlag = true;
+    stopFlag.set(true);
 }
 
 bool ZqImageProgress::stopRequested() const {
-    SxMutexBlock lock(&stopMutex);
-    return stopFlag;
+    return stopFlag.get();
 }
 
 uint64 ZqImageProgress::getNCurrent() const {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "SxFlag.h"
 #include "SxPtr.h"
 #include "SxSystemThread.h"
 #include "ZqAppParams.h"
@@ -77,6 +78,5 @@ private:
     uint64 nTotal SX_GUARDED_BY(countMutex);
     uint64 nInitTrace SX_GUARDED_BY(countMutex) = 0;
 
-    mutable SxMutex stopMutex;
-    bool stopFlag SX_GUARDED_BY(stopMutex) = false;
+    SxFlag stopFlag;
 };
