@@ -1,0 +1,423 @@
+#include "ZqCoreAppGuard.h"
+
+#include "SxOs.h"
+#include "SxTime.h"
+#include "ZqJobFailure.h"
+#include "ZqLog.h"
+#include "ZqMachineRoot.h"
+#include "ZqSysEnv.h"
+#include "ZqWine.h"
+
+namespace {
+
+constexpr const char* UNIT = "src/base/ZqCoreAppGuard";
+constexpr const char* PREFIX = "ZqCoreAppGuard::main: ";
+
+constexpr int64 START_MS = 300;
+constexpr int64 POLL_MS = 200;
+constexpr int64 SECOND_MS = 1000;
+constexpr int64 N_SEARCHES = 60;
+/// Between two looks at all processes of the machine, each of which takes milliseconds of a core.
+constexpr int64 SEARCH_LOOK_MS = 50;
+/// How long a command that was killed may take to go; one that waits for the drive can take for ever.
+constexpr int64 KILLED_MS = 500;
+
+bool hasDriveLetter(const SxString& text) {
+    const std::string& t = text.str();
+    const auto isLetter = [](char c) { return (c | 0x20) >= 'a' && (c | 0x20) <= 'z'; };
+    return t.size() > 1 && t[1] == ':' && isLetter(t[0]) && (t.size() == 2 || t[2] == '/' || t[2] == '\\');
+}
+
+/// A path on a drive in the drive's own spelling; backslashes in other paths would be parts of names.
+SxString resolve(const SxString& text, const SxString& drive) {
+    const SxString path = text.substitute(ZqCoreAppGuard::DRIVE_MARK, drive);
+    return hasDriveLetter(path) ? ZqSysEnv::unifyBackslashes(path) : path;
+}
+
+/// The folder of a program, with its separator; empty for a name that is looked for in $PATH.
+SxString folderOf(const SxString& program) {
+    const size_t end = program.str().rfind(hasDriveLetter(program) ? '\\' : '/');
+    return end == std::string::npos ? SxString() : SxString(program.str().substr(0, end + 1));
+}
+
+bool isWindowsProgram(const SxString& program) {
+    return program.changeCase(false).endsWith(".exe");
+}
+
+/// The drive as a program of this system knows it.
+SxString hostDrive(const SxString& drive) {
+    if (!hasDriveLetter(drive)) return drive;
+    std::string folder = SxOs::hostPath(drive);
+    while (folder.size() > 1 && folder.back() == '/')
+        folder.pop_back();
+    return folder;
+}
+
+} // namespace
+
+ZqCoreAppGuard::ZqCoreAppGuard(const SxString& path_, const ZqAppParams& params, const SxString& drive,
+                               SxWinProcParams procParams)
+    : path(path_),
+      appParams(params) {
+    setThreadName("app guard");
+    prepareProcess(drive, std::move(procParams));
+}
+
+ZqCoreAppGuard::ZqCoreAppGuard(const SxString& path_, const ZqAppParams& params,
+                               const SxProcessGroup& adopted)
+    : path(path_),
+      appParams(params),
+      group(adopted) {
+    setThreadName("app guard");
+    suspendedFlag.set(adopted.isSuspended());
+}
+
+void ZqCoreAppGuard::prepareProcess(const SxString& drive, SxWinProcParams procParams) {
+    procParams.path = resolve(procParams.path, drive);
+    procParams.workDir =
+        procParams.workDir.isEmpty() ? folderOf(procParams.path) : resolve(procParams.workDir, drive);
+    SxString program = procParams.path;
+    SxList<SxString> arguments;
+    if (isWindowsProgram(program)) {
+        needsWine = program;
+        arguments << "WINEPREFIX=" + ZqMachineRoot::get() << SxString("wine") << program
+                  << argumentsOf(procParams, drive);
+        program = "env";
+    } else {
+        arguments = argumentsOf(procParams, hostDrive(drive));
+    }
+    process = SxPtr<SxProcess>::create(program, arguments);
+    process->setWorkingDirectory(procParams.workDir);
+    process->setWinProcParams(procParams);
+}
+
+SxList<SxString> ZqCoreAppGuard::argumentsOf(const SxWinProcParams& procParams, const SxString& drive) const {
+    const bool isRecords = procParams.args == SxString::join(appParams.args, " ");
+    SxList<SxString> arguments;
+    for (const SxString& argument : isRecords ? appParams.args : procParams.args.tokenize(' '))
+        arguments << argument.substitute(DRIVE_MARK, drive);
+    return arguments;
+}
+
+void ZqCoreAppGuard::start(Priority priority) {
+    stopFlag.set(false);
+    SxSystemThread::start(priority);
+}
+
+void ZqCoreAppGuard::start() {
+    start(6);
+    while (!SxWait::pass(START_MS, [this] { return begunFlag.get() || stopRequested(); }))
+        continue;
+}
+
+void ZqCoreAppGuard::main() {
+    runningFlag.set(true);
+    begunFlag.set(true);
+    zqLogMsg("base", SxString(PREFIX) + "START");
+    const int64 begin = SxClock::get().steadyNs();
+    try {
+        int code = follow();
+        report(&code);
+        SxMutexBlock lock(&codeMutex);
+        exitCode = code;
+    } catch (const SxException& e) {
+        ZqJobFailure::report(PREFIX, path, e, UNIT, __LINE__);
+    }
+    runTime += static_cast<uint64>((SxClock::get().steadyNs() - begin) / 1'000'000);
+    zqLogMsg("base", SxString(PREFIX) + "END");
+    runningFlag.set(false);
+}
+
+int ZqCoreAppGuard::follow() {
+    const SxAdoption adoption;
+    try {
+        if (isAdopted()) return followAdopted();
+        return appParams.name.isEmpty() ? followCommand() : followNamed();
+    } catch (const SxException& e) {
+        if (!stopRequested()) throw SxException(e, "Internal error in wait for process", UNIT, __LINE__);
+        return NO_CODE;
+    }
+}
+
+void ZqCoreAppGuard::startProcess() {
+    if (!needsWine.isEmpty() && !ZqWine::isInstalled()) {
+        throw SxException("'" + needsWine + "' is a Windows program, and there is no wine to run it with",
+                          UNIT, __LINE__);
+    }
+    process->start();
+    noteGroup(process->getGroup());
+}
+
+int ZqCoreAppGuard::followCommand() {
+    startProcess();
+    awaitProcess();
+    int code = process->exitStatus();
+    // Its zombie keeps the group's id from being given anew.
+    if (code == 0 && !stopRequested()) code = followLeftBehind(process->getGroup());
+    if (!process->isRunning()) process->wait();
+    collect(-1);
+    return code;
+}
+
+/// The command forked away: its oldest process is the application.
+int ZqCoreAppGuard::followLeftBehind(const SxProcessGroup& left) {
+    const SxList<SxProcessInfo> members = left.getRunning();
+    if (members.isEmpty()) return 0;
+    SxProcessInfo oldest = members.first();
+    for (const SxProcessInfo& info : members) {
+        if (std::pair(info.startTime, info.id) < std::pair(oldest.startTime, oldest.id)) oldest = info;
+    }
+    zqLogMsg("base", SxString(PREFIX) + "Process " + shownName() + " handed over to PID " + oldest.id);
+    const SxOtherProcess application(oldest.id);
+    const auto ended = [&] { return stopRequested() || !left.isAlive(); };
+    awaitEnd(application);
+    while (!SxWait::pass(SECOND_MS, ended, SEARCH_LOOK_MS))
+        collect(application.getId());
+    const int code = stopRequested() ? NO_CODE : exitCodeOf(application);
+    application.reap();
+    return code;
+}
+
+int ZqCoreAppGuard::followNamed() {
+    startProcess();
+    awaitDelay();
+    int64 id = -1;
+    for (int64 i = 0; i < N_SEARCHES && id < 0 && !stopRequested(); ++i)
+        id = awaitNamed(SECOND_MS);
+    zqLogMsg("base", SxString(PREFIX) + "Process " + appParams.name + " identified as PID " + id);
+    int code = NO_CODE;
+    const SxOtherProcess application(stopRequested() ? -1 : id);
+    if (!stopRequested()) {
+        if (!application.isOpen()) {
+            zqLogMsg("base", SxString(PREFIX) + "Failed to open handle to " + appParams.name + " process.");
+        }
+        noteGroup(newGroupOf(id));
+        followByName(application);
+        if (application.isOpen()) code = exitCodeOf(application);
+    }
+    // That of the command itself is taken in with it.
+    if (application.getId() != process->getId()) application.reap();
+    awaitProcess();
+    if (!process->isRunning()) process->wait();
+    collect(-1);
+    return code;
+}
+
+void ZqCoreAppGuard::followByName(const SxOtherProcess& first) {
+    awaitEnd(first);
+    // One that starts itself anew goes on under the same name.
+    for (int64 id = findNamed(); id >= 0 && !stopRequested(); id = findNamed()) {
+        noteGroup(newGroupOf(id));
+        awaitEnd(SxOtherProcess(id));
+        SxWait::pass(POLL_MS, [this] { return stopRequested(); });
+    }
+}
+
+int ZqCoreAppGuard::followAdopted() {
+    const SxProcessGroup adopted = getGroup();
+    const auto ended = [&] { return stopRequested() || !adopted.isAlive(); };
+    while (!SxWait::pass(SECOND_MS, ended, SEARCH_LOOK_MS))
+        continue;
+    return NO_CODE;
+}
+
+void ZqCoreAppGuard::awaitDelay() const {
+    for (int64 i = 0; i < appParams.delay && !stopRequested(); ++i)
+        SxWait::pass(SECOND_MS, [this] { return stopRequested(); });
+}
+
+/// Waits for the command's end; after a stop no longer than that may take.
+void ZqCoreAppGuard::awaitProcess() {
+    while (!SxWait::pass(SECOND_MS, [this] { return stopRequested() || !process->isRunning(); }))
+        collect(-1);
+    if (SxWait::pass(KILLED_MS, [this] { return !process->isRunning(); })) return;
+    zqLogMsg("base", SxString(PREFIX) + "Process " + shownName() + " was killed, but hasn't ended yet");
+}
+
+void ZqCoreAppGuard::awaitEnd(const SxOtherProcess& other) const {
+    while (!SxWait::pass(SECOND_MS, [&] { return stopRequested() || !other.isRunning(); }))
+        collect(other.getId());
+}
+
+int ZqCoreAppGuard::exitCodeOf(const SxOtherProcess& other) const {
+    std::optional<int> code;
+    int64 error = 0;
+    const auto known = [&] {
+        if (!other.isRunning()) code = other.exitCode(&error);
+        return code.has_value();
+    };
+    // Its parent may be about to ask for it, between two ways to know it.
+    if (SxWait::pass(POLL_MS, known)) return *code;
+    zqLogMsg("base",
+             other.isRunning()
+                 ? SxString(PREFIX) + "Failed to query process exit code. Application still running."
+                 : SxString(PREFIX) + "Failed to query process exit code : " + SxOs::errorText(error));
+    return NO_CODE;
+}
+
+/// Takes in the ends of what has been adopted, apart from the process that is followed.
+void ZqCoreAppGuard::collect(int64 followedId) const {
+    process->getGroup().reap(followedId);
+    const SxProcessGroup other = getGroup();
+    if (!(other == process->getGroup())) other.reap(followedId);
+}
+
+void ZqCoreAppGuard::report(int* code) const {
+    const SxString process_ = SxString(PREFIX) + "Process " + shownName();
+    if (stopRequested()) {
+        zqLogMsg("base", process_ + " was terminated by stop request.");
+        *code = STOPPED_CODE;
+    } else if (isAdopted()) {
+        zqLogMsg("base", process_ + " has ended; the exit code of an adopted application is unknown");
+    } else if (*code == 0) {
+        zqLogMsg("base", process_ + " closed normally.");
+    } else {
+        const auto bits = static_cast<unsigned>(*code);
+        zqLogMsg("base", process_ + " exit code: " + SxString::sprintf("0x%08x", bits));
+    }
+}
+
+SxString ZqCoreAppGuard::shownName() const {
+    if (!appParams.name.isEmpty()) return appParams.name;
+    const SxList<SxString> parts = appParams.cmd.tokenize('/');
+    return parts.isEmpty() ? appParams.cmd : parts.last();
+}
+
+/// Whether the command can have started it: whatever ran before isn't touched.
+bool ZqCoreAppGuard::isOurs(const SxProcessInfo& info) const {
+    const bool isUsers = info.user == SxProcessInfo::ownUser() || info.isDescendant();
+    const SxProcessGroup ours = process->getGroup();
+    return isUsers && info.isRunning() && ours.isValid() && info.startTime >= ours.getStartTime();
+}
+
+/// The group of a process, if all of that can be the application's; else no group.
+SxProcessGroup ZqCoreAppGuard::newGroupOf(int64 id) const {
+    const SxProcessGroup found = SxProcessGroup::of(id);
+    const bool isNew = found.getStartTime() >= process->getGroup().getStartTime();
+    return isNew ? found : SxProcessGroup();
+}
+
+/// The process of that name: one of the command's group first, then any that descends from this program,
+/// then any of the user that started since; -1 if there is none.
+int64 ZqCoreAppGuard::findNamed() const {
+    int64 best = -1;
+    int bestRank = 0;
+    const int64 ownGroup = process->getGroup().getId();
+    for (const int id : ZqSysEnv::getProcessIDs(appParams.name)) {
+        SxProcessInfo info;
+        if (!SxProcessInfo::get(id, &info) || !isOurs(info)) continue;
+        const int rank = info.group == ownGroup ? 3 : info.isDescendant() ? 2 : 1;
+        if (rank <= bestRank) continue;
+        best = id;
+        bestRank = rank;
+    }
+    return best;
+}
+
+int64 ZqCoreAppGuard::awaitNamed(int64 limitMs) const {
+    int64 id = -1;
+    SxWait::pass(
+        limitMs,
+        [&] {
+            id = findNamed();
+            return id >= 0 || stopRequested();
+        },
+        SEARCH_LOOK_MS);
+    return id;
+}
+
+void ZqCoreAppGuard::noteGroup(const SxProcessGroup& newGroup) {
+    if (!newGroup.isValid()) return;
+    SxMutexBlock lock(&groupMutex);
+    group = newGroup;
+}
+
+SxProcessGroup ZqCoreAppGuard::getGroup() const {
+    SxMutexBlock lock(&groupMutex);
+    return group;
+}
+
+int ZqCoreAppGuard::getExitCode() const {
+    {
+        SxMutexBlock lock(&codeMutex);
+        if (exitCode != NO_CODE) return exitCode;
+    }
+    return process ? process->exitStatus() : NO_CODE;
+}
+
+void ZqCoreAppGuard::stop() {
+    if (stopFlag.exchange(true)) return;
+    const SxString prefix = "ZqCoreAppGuard::stop: ";
+    try {
+        if (!isAdopted() && !appParams.name.isEmpty()) killNamed();
+        if (process) {
+            process->kill();
+        } else {
+            getGroup().kill();
+        }
+        zqLogMsg("base", prefix + "Process killed.");
+    } catch (const SxException& e) {
+        zqLogMsg("base", prefix + e.what());
+    }
+}
+
+void ZqCoreAppGuard::killNamed() const {
+    const int64 id = findNamed();
+    if (id < 0) return;
+    newGroupOf(id).kill();
+    ZqSysEnv::killProcess(static_cast<int>(id));
+}
+
+/// Gives false where the process of the record's name can't be found.
+bool ZqCoreAppGuard::setSuspended(bool on, const SxString& prefix) const {
+    if (!isAdopted() && !appParams.name.isEmpty()) {
+        zqLogMsg("base", prefix + (on ? "suspending" : "Resuming") + " [" + appParams.name + "]");
+        const int64 id = awaitNamed(SECOND_MS);
+        if (id < 0) {
+            zqLogMsg("base", prefix + "Target process not found");
+            return false;
+        }
+        const SxProcessGroup whole = newGroupOf(id);
+        const SxOtherProcess alone(id);
+        if (whole.isValid()) {
+            on ? whole.suspend() : whole.resume();
+        } else {
+            on ? alone.suspend() : alone.resume();
+        }
+        return true;
+    }
+    if (!isAdopted() && !process->isRunning() && !process->getGroup().isAlive()) return true;
+    zqLogMsg("base", prefix + (on ? "Suspending" : "Resuming") + " SxProcess");
+    if (isAdopted()) {
+        on ? getGroup().suspend() : getGroup().resume();
+    } else {
+        on ? process->suspend() : process->resume();
+    }
+    return true;
+}
+
+void ZqCoreAppGuard::suspend() {
+    const SxString prefix = "ZqCoreAppGuard::suspend: ";
+    try {
+        if (isSuspended()) {
+            zqLogMsg("base", prefix + "ERROR. Process already suspended");
+        } else if (setSuspended(true, prefix)) {
+            suspendedFlag.set(true);
+        }
+    } catch (const SxException& e) {
+        zqLogMsg("base", prefix + e.what());
+    }
+}
+
+void ZqCoreAppGuard::resume() {
+    const SxString prefix = "ZqCoreAppGuard::resume: ";
+    try {
+        if (!isSuspended()) {
+            zqLogMsg("base", prefix + "ERROR. Process not suspended");
+        } else if (setSuspended(false, prefix)) {
+            suspendedFlag.set(false);
+        }
+    } catch (const SxException& e) {
+        zqLogMsg("base", prefix + e.what());
+    }
+}

@@ -1,0 +1,100 @@
+#pragma once
+
+#include "SxFlag.h"
+#include "SxOtherProcess.h"
+#include "SxProcess.h"
+#include "SxPtr.h"
+#include "SxSystemThread.h"
+#include "ZqAppParams.h"
+
+#include <atomic>
+
+/// Starts the streamed application, follows it to its end, and gives its exit code. Where the record names a
+/// process, the command is only a launcher: the process is found by that name and followed. A command that
+/// ends well and leaves others behind in its group hands over to these. For one run. All operations are safe
+/// from any thread, but for those of SxSystemThread.
+class ZqCoreAppGuard : public SxSystemThread {
+public:
+    /// The exit code of an application that was stopped.
+    static constexpr int STOPPED_CODE = static_cast<int>(0xC000013A);
+    /// The exit code where none is known.
+    static constexpr int NO_CODE = -1;
+    /// Stands for the drive in `path`, `args` and `workDir` of the parameters.
+    static constexpr const char* DRIVE_MARK = "{{ZQDRIVE}}";
+
+    /// `path`: the image's folder; `drive`: a letter and a colon, or a folder. An empty `workDir` means the
+    /// program's own folder. `args` are separated by blanks; where they are those of the record, joined, the
+    /// record's own division holds. A program that ends in ".exe" runs through Wine.
+    ZqCoreAppGuard(const SxString& path, const ZqAppParams& params, const SxString& drive,
+                   SxWinProcParams procParams);
+    /// For an application that an earlier program started and left (see getGroup()): follows it, and can
+    /// suspend, resume and stop it. Its exit code stays unknown.
+    ZqCoreAppGuard(const SxString& path, const ZqAppParams& params, const SxProcessGroup& adopted);
+
+    void start(Priority priority) override;
+    /// Starts the thread, and returns when it runs, or has ended already.
+    virtual void start();
+
+    bool isRunning() const { return runningFlag.get(); }
+    bool stopRequested() const { return stopFlag.get(); }
+    bool isSuspended() const { return suspendedFlag.get(); }
+    /// Whether an earlier program started it.
+    bool isAdopted() const { return !process; }
+
+    /// Ends the application at once. None of these raises; what fails is logged.
+    void stop();
+    /// Suspends all processes of the application's group, and lets them go on. A process that can't be found
+    /// changes nothing.
+    void suspend();
+    void resume();
+
+    /// The exit code of the application, 128 + n where signal n ended it, STOPPED_CODE where stop() did.
+    /// During the run that of the command, and NO_CODE as long as that runs.
+    int getExitCode() const;
+    /// The processes of the application, to be noted for a program that comes later; changes when a launcher
+    /// hands over to another group. No group before the command runs.
+    SxProcessGroup getGroup() const;
+
+    std::atomic<uint64> runTime{0}; ///< milliseconds that main() took
+
+protected:
+    void main() override;
+
+private:
+    void prepareProcess(const SxString& drive, SxWinProcParams procParams);
+    SxList<SxString> argumentsOf(const SxWinProcParams& procParams, const SxString& drive) const;
+    int follow();
+    int followCommand();
+    int followNamed();
+    int followAdopted();
+    int followLeftBehind(const SxProcessGroup& left);
+    void followByName(const SxOtherProcess& first);
+    void startProcess();
+    void awaitProcess();
+    void awaitDelay() const;
+    void awaitEnd(const SxOtherProcess& other) const;
+    int exitCodeOf(const SxOtherProcess& other) const;
+    void report(int* code) const;
+    void collect(int64 followedId) const;
+
+    SxString shownName() const;
+    bool isOurs(const SxProcessInfo& info) const;
+    SxProcessGroup newGroupOf(int64 id) const;
+    int64 findNamed() const;
+    int64 awaitNamed(int64 limitMs) const;
+    void noteGroup(const SxProcessGroup& newGroup);
+    void killNamed() const;
+    bool setSuspended(bool on, const SxString& prefix) const;
+
+    const SxString path;
+    const ZqAppParams appParams;
+    SxPtr<SxProcess> process;
+    SxString needsWine; ///< the program, where it is one for Wine
+
+    SxFlag begunFlag, runningFlag, stopFlag, suspendedFlag;
+
+    mutable SxMutex codeMutex;
+    int exitCode SX_GUARDED_BY(codeMutex) = NO_CODE;
+    mutable SxMutex groupMutex;
+    SxProcessGroup group SX_GUARDED_BY(groupMutex);
+};
