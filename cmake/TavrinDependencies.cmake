@@ -14,6 +14,7 @@ find_package(CLI11 REQUIRED)
 find_package(PkgConfig REQUIRED)
 pkg_check_modules(TAVRIN_ZSTD REQUIRED IMPORTED_TARGET libzstd)
 pkg_check_modules(TAVRIN_HTTPLIB REQUIRED IMPORTED_TARGET cpp-httplib)
+pkg_check_modules(TAVRIN_XCB REQUIRED IMPORTED_TARGET xcb xcb-ewmh xcb-icccm)
 pkg_check_modules(TAVRIN_FUSE REQUIRED IMPORTED_TARGET fuse3)
 
 find_path(TAVRIN_VALIJSON_INCLUDE_DIR valijson/validator.hpp REQUIRED)

@@ -27,11 +27,12 @@ namespace {
 
 constexpr const char* UNIT = "src/platform/netio/ZqFileServer";
 constexpr const char* HOST = "127.0.0.1";
-constexpr int64 CHUNK = 64 << 10; ///< bytes of a file that are read at once
+constexpr int64 CHUNK = 64 << 10;      ///< bytes of a file that are read at once
 constexpr int64 SLOW_CHUNK = 16 << 10; ///< the same on a link with a rate
-constexpr int64 WRONG_BY = 4096;  ///< bytes by which a wrong range is off
+constexpr int64 WRONG_BY = 4096;       ///< bytes by which a wrong range is off
 constexpr int BACKLOG = 128;
-constexpr int SEND_AHEAD = 8 << 10; ///< bytes that wait in a connection of a link with a rate; the system doubles it
+constexpr int SEND_AHEAD =
+    8 << 10; ///< bytes that wait in a connection of a link with a rate; the system doubles it
 constexpr uint64 DROPPED_OF = 10;
 
 struct FaultName {
@@ -402,17 +403,20 @@ public:
     }
 
     /// Gives the port.
-    int begin(int port) {
-        const int bound = port == 0 ? bind_to_any_port(HOST) : bind_to_port(HOST, port) ? port : -1;
+    int begin(int wanted) {
+        const int bound = wanted == 0 ? bind_to_any_port(HOST) : bind_to_port(HOST, wanted) ? wanted : -1;
         if (bound < 0) {
-            throw SxException(SxString("Cannot listen at ") + HOST + ":" + port + ": " +
+            throw SxException(SxString("Cannot listen at ") + HOST + ":" + wanted + ": " +
                                   SxOs::errorText(errno),
                               UNIT, __LINE__);
         }
         ::listen(svr_sock_, BACKLOG);
         listener.start();
         SxWait::pass(10'000, [this] { return is_running() || !listener.isRunning(); });
-        if (!is_running()) throw SxException("The server has ended at once", UNIT, __LINE__);
+        if (!is_running()) {
+            listener.wait();
+            throw SxException("The server has ended at once", UNIT, __LINE__);
+        }
         return bound;
     }
 

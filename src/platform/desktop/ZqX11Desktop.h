@@ -1,0 +1,41 @@
+#pragma once
+
+#include "SxMutex.h"
+#include "ZqDesktop.h"
+
+#include <memory>
+
+/// The windows of an X11 display, that of the variable DISPLAY, by way of its window manager (EWMH 1.5, ICCCM
+/// 2.0). A handle is a window's X11 id, and windows are those that the window manager looks after. A display
+/// that isn't there, or is lost, is tried again once a second. No X11 desktop puts a window of a class of its
+/// own in the place of one that doesn't answer, so findByClass(GHOST) finds nothing there; a window manager
+/// minimises such a window like any other.
+class ZqX11Desktop : public ZqDesktop {
+public:
+    ZqX11Desktop();
+    ~ZqX11Desktop() override;
+
+    Handle findByTitle(const SxString& title) override;
+    /// Compares with the second part of WM_CLASS.
+    Handle findByClass(const SxString& className) override;
+    /// Windows say themselves which process they belong to (_NET_WM_PID); those of other machines don't
+    /// count.
+    SxList<Handle> getWindowsOfProcess(int pid) override;
+    Handle getForeground() override;
+    bool isIconic(Handle window) override;
+    SxString getTitle(Handle window) override;
+    void forceMinimise(Handle window) override;
+    void postMinimise(Handle window) override;
+    void show(Handle window) override;
+    void activate(Handle window) override;
+
+private:
+    class Display;
+
+    /// The display; null where there is none.
+    std::shared_ptr<Display> getDisplay();
+
+    SxMutex mutex;
+    std::shared_ptr<Display> display SX_GUARDED_BY(mutex);
+    int64 triedNs SX_GUARDED_BY(mutex); ///< when it was looked for last
+};
