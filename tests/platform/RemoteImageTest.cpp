@@ -91,7 +91,8 @@ TEST_F(RemoteImage, givesTheSameBytesPlainAndPacked) {
         EXPECT_EQ(image->getFigures().isPacked, isPacked);
         EXPECT_EQ(server.getNBytes("img.zqf") - nPlain, isPacked ? 0 : zqf.size());
         const std::pair<uint64, uint64> ranges[] = {
-            {0, 1}, {STRETCH - 1, 2}, {3 * STRETCH, STRETCH}, {30 * STRETCH, 12'345}, {5, 3 * STRETCH}, {zqf.size(), 0}};
+            {0, 1},           {STRETCH - 1, 2}, {3 * STRETCH, STRETCH}, {30 * STRETCH, 12'345},
+            {5, 3 * STRETCH}, {zqf.size(), 0}};
         for (const auto& [offset, size] : ranges) {
             EXPECT_TRUE(readOf(*image, offset, size) == zqf.substr(offset, size)) << offset << "+" << size;
         }
@@ -108,7 +109,8 @@ TEST_F(RemoteImage, takesNoFileOfAnotherSize) {
     // A frame more or less, and a last frame of another length.
     for (const uint64 size : {zqf.size() + STRETCH, zqf.size() - STRETCH, zqf.size() + 1}) {
         const std::string failure = failureOf([&] { streamOf(*open(size), 2 * STRETCH); });
-        EXPECT_THAT(failure, AllOf(HasSubstr("Cannot use"), HasSubstr("/img.zqf.zst'"), HasSubstr("seek table")));
+        EXPECT_THAT(failure,
+                    AllOf(HasSubstr("Cannot use"), HasSubstr("/img.zqf.zst'"), HasSubstr("seek table")));
     }
 }
 

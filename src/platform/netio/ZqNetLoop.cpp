@@ -22,6 +22,8 @@ constexpr int64 MS = 1'000'000;
 constexpr int64 PRIORITY_NS = 1'000 * MS;
 /// Time over which one rate is measured.
 constexpr int64 RATE_NS = 50 * MS;
+/// Time behind a begin or a hold in which none is measured: what comes first has waited in buffers.
+constexpr int64 SETTLE_NS = 25 * MS;
 /// What the rate limit lets an ordered stream make good after a pause.
 constexpr int64 CREDIT_NS = 100 * MS;
 constexpr int LOOK_MS = 100;
@@ -174,7 +176,7 @@ private:
         bool failed = false;
         SxException failure;
         int64 lastByteNs = 0;
-        int64 measureNs = 0; ///< since when bytes count for the rate; 0 while they don't
+        int64 measureNs = 0; ///< from when on bytes count for the rate; 0 while they don't
         int64 nMeasured = 0;
 
         ZqTransfer::Kind kind() const { return transfer->getRequest().kind; }
@@ -314,10 +316,9 @@ void ZqNetLoop::Engine::setOptions(Active* active) {
 /// What libcurl reads at once of an ordered stream, and has in its hand while the stream is held.
 long ZqNetLoop::Engine::streamBuffer() const {
     const double limit = rateLimit.load();
-    if (limit > 0. && limit < MAX_BUFFER * 50.) return MIN_BUFFER;
-    const double trip = bestTripBytes();
-    return trip > 0. ? std::clamp(static_cast<long>(std::min(trip / 4., 1e9)), MIN_BUFFER, MAX_BUFFER)
-                     : MAX_BUFFER;
+    const bool isSlow = limit > 0. && limit < MAX_BUFFER * 50.;
+    const double quarter = std::min(bestTripBytes() / 4., 1e9);
+    return isSlow ? MIN_BUFFER : std::clamp(static_cast<long>(quarter), MIN_BUFFER, MAX_BUFFER);
 }
 
 void ZqNetLoop::Engine::remove(CURL* easy) {
@@ -474,11 +475,11 @@ size_t ZqNetLoop::Engine::take(Active* active, const char* bytes, size_t n) {
 
 void ZqNetLoop::Engine::measure(Active* active, int64 now, int64 n) {
     if (active->measureNs == 0) {
-        // What stands in the system's buffers already came at no rate that means anything.
-        active->measureNs = now;
+        active->measureNs = now + SETTLE_NS;
         active->nMeasured = 0;
-        return;
     }
+    if (now < active->measureNs) return;
+    if (active->nMeasured == 0) active->measureNs = now;
     active->nMeasured += n;
     const int64 passed = now - active->measureNs;
     if (passed < RATE_NS) return;
