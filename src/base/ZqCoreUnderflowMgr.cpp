@@ -29,7 +29,7 @@ constexpr uint64 MIN_RATE = 4096;    ///< bytes a second, below which an ETA mea
 constexpr double LEAST_SPEED = 1000; ///< bytes a second
 constexpr int64 MAX_BATCH = 25;
 
-uint64 nowMs() {
+uint64 systemMs() {
     return static_cast<uint64>(ZqSysEnv::getSysTime());
 }
 
@@ -141,6 +141,10 @@ void ZqCoreUnderflowMgr::timeUnderflow(int64 ms) {
     updateMean(&runtimeInfo.avgUnderflowTime, runtimeInfo.nUnderflows, ms);
 }
 
+int64 ZqCoreUnderflowMgr::steadyMs() {
+    return SxClock::get().steadyNs() / 1'000'000;
+}
+
 // Windows.
 
 void ZqCoreUnderflowMgr::minimizeApp() {
@@ -209,7 +213,7 @@ void ZqCoreUnderflowMgr::checkInstantUnderflow() {
     underflowFlag = unresolved;
     if (!unresolved) return;
 
-    const int64 t0 = ZqSysEnv::getSysTime();
+    const int64 t0 = steadyMs();
     const uint64 rate = imageProgress ? static_cast<uint64>(bytesPerSecond(imageProgress->getAvgSpeed())) : 0;
     const uint64 nCurrent = nDownloaded();
     uint64 size = 0, eta = 0;
@@ -227,7 +231,7 @@ void ZqCoreUnderflowMgr::checkInstantUnderflow() {
         }
         SxTime::msleep(pollMs);
     }
-    timeUnderflow(ZqSysEnv::getSysTime() - t0);
+    timeUnderflow(steadyMs() - t0);
     underflowFlag = false;
     if (!stopRequested()) zqLogMsg("base", SxString(INSTANT) + " Underflow resolved");
 }
@@ -247,7 +251,7 @@ void ZqCoreUnderflowMgr::main() {
     Watch watch;
     try {
         setUp();
-        watch.windowMs = ZqSysEnv::getSysTime();
+        watch.windowMs = steadyMs();
         awaitFirstUnderflow();
         if (!stopRequested()) findAppWindow(appParams.underflowDelay);
         while (!stopRequested() && mountMgr.isMounted(path))
@@ -292,7 +296,7 @@ void ZqCoreUnderflowMgr::openStatistics() {
         statFile.create(file, 0600);
         statFile.write(SxString::sprintf("#%10s %20s %20s %20s %20s\n", "minutes", "nOnDemandFetches",
                                          "nOnDemandBytes", "nOnDemandRate", "nOnDemandQueue"));
-        statStart = nowMs();
+        statStart = systemMs();
         lastStatRow = 0;
     } catch (const SxException&) {
         statFile = SxFileIO();
@@ -330,7 +334,7 @@ void ZqCoreUnderflowMgr::turn(Watch* watch) {
     } else if (!isMinimized()) {
         underflow = enterUnderflow(watch);
     }
-    if (nowMs() - lastStatRow > ROW_MS) writeRow(watch);
+    if (systemMs() - lastStatRow > ROW_MS) writeRow(watch);
     underflowFlag = underflow;
     if (!underflow) {
         SxTime::msleep(pollMs);
@@ -346,7 +350,7 @@ void ZqCoreUnderflowMgr::lookAtWindow(Watch* watch) {
         minimizedFlag = true;
         return;
     }
-    const int64 now = ZqSysEnv::getSysTime();
+    const int64 now = steadyMs();
     if (now - watch->windowMs <= SEARCH_MS) return;
     watch->windowMs = now;
     if (!windowSearch) return;
@@ -367,7 +371,7 @@ bool ZqCoreUnderflowMgr::enterUnderflow(Watch* watch) {
     }
     minimizedFlag = true;
     watch->counted = true;
-    watch->underflowMs = ZqSysEnv::getSysTime();
+    watch->underflowMs = steadyMs();
     countUnderflow(static_cast<int64>(resumeIdx) - static_cast<int64>(nDownloaded()));
     if (appWindow != 0 && !isIconic(appWindow)) {
         minimizeApp();
@@ -383,7 +387,7 @@ void ZqCoreUnderflowMgr::leaveUnderflow(Watch* watch) {
         watch->resolved = true;
     }
     resumeDrive();
-    if (watch->counted) timeUnderflow(ZqSysEnv::getSysTime() - watch->underflowMs);
+    if (watch->counted) timeUnderflow(steadyMs() - watch->underflowMs);
     watch->counted = false;
     if (wasMinimized && !isIconic(appWindow)) minimizedFlag = false;
 }
@@ -399,9 +403,8 @@ void ZqCoreUnderflowMgr::resumeDrive() {
 }
 
 void ZqCoreUnderflowMgr::writeRow(Watch* watch) {
-    const uint64 now = nowMs();
     const int64 nFetches = runtimeInfo.nOnDemandFetches;
-    lastStatRow = now;
+    lastStatRow = systemMs();
     using Number = unsigned long long;
     const SxString row = SxString::sprintf(
         " %10llu %20llu %20llu %20llu %20llu\n", static_cast<Number>((lastStatRow - statStart) / ROW_MS),

@@ -97,10 +97,10 @@ protected:
 private:
     /// What main() remembers from turn to turn.
     struct Watch {
-        int64 windowMs = 0;   ///< when the window was looked for last, system time
-        bool resolved = true; ///< the underflow that was seen last
-        bool counted = false; ///< it stands in the statistics, but for its duration
-        int64 underflowMs = 0;
+        int64 windowMs = 0;    ///< when the window was looked for last
+        bool resolved = true;  ///< the underflow that was seen last
+        bool counted = false;  ///< it stands in the statistics, but for its duration
+        int64 underflowMs = 0; ///< when it began
         int64 nRowFetches = 0; ///< fetches at the last row of `onDemand.dat`
     };
     /// Where the bytes of one pass come from.
@@ -111,6 +111,8 @@ private:
     };
     struct Pass;
 
+    /// Durations don't depend on the system's clock, which may jump.
+    static int64 steadyMs();
     void setUp();
     void openStatistics();
     void awaitFirstUnderflow();

@@ -4,7 +4,6 @@
 #include "ZqImageProgress.h"
 #include "ZqLog.h"
 #include "ZqODRDownloader.h"
-#include "ZqSysEnv.h"
 
 #include <algorithm>
 
@@ -26,7 +25,7 @@ int64 whole(double value) {
 
 struct ZqCoreUnderflowMgr::Pass {
     SxString prefix; ///< of its log lines
-    int64 t0 = 0;    ///< system time, ms
+    int64 t0 = 0;    ///< of steadyMs()
     uint64 nTotal = 0, nCurrent = 0;
 
     void log(const SxString& text) const { zqLogMsg("base", prefix + text); }
@@ -148,7 +147,7 @@ bool ZqCoreUnderflowMgr::onDemand() {
 }
 
 bool ZqCoreUnderflowMgr::runPass() {
-    Pass pass{"ZqCoreUnderflowMgr::onDemand (" + SxString(++passCount) + "): ", ZqSysEnv::getSysTime(),
+    Pass pass{"ZqCoreUnderflowMgr::onDemand (" + SxString(++passCount) + "): ", steadyMs(),
               imageProgress ? imageProgress->getNTotal() : appParams.sizeZqf, nDownloaded()};
     const Source source = getSource();
     if (!source.callback) {
@@ -168,7 +167,7 @@ bool ZqCoreUnderflowMgr::runPass() {
     const bool fetched =
         source.downloader ? fetchByDownloader(pass, source, offsets) : fetchByCallback(pass, source, offsets);
     if (!fetched) return false;
-    noteFetches(offsets.getSize(), ZqSysEnv::getSysTime() - pass.t0);
+    noteFetches(offsets.getSize(), steadyMs() - pass.t0);
     resumeIdx = 0;
     return true;
 }

@@ -44,7 +44,7 @@ TEST(OnDemand, AsksForWholeStretchesOnce) {
             if (download) run.mgr->setDownloadParams("http://host/img.zqf", {});
             run.progress->setNCurrent(c.nDownloaded);
             run.driver.queue = c.missing;
-            run.mgr->start();
+            run.launch();
             EXPECT_EQ(run.await([&] { return run.isAnswered(); }, 90), c.answered);
             Requests asked;
             for (const std::string& note : run.net.notes) {
@@ -108,7 +108,7 @@ TEST(OnDemand, PaysARoundTripOnceForAGroup) {
     for (uint64 i = 0; i < N; ++i)
         run.readBlock(i * PER_STRETCH);
     run.driver.returnAfter = 10000;
-    run.mgr->start();
+    run.launch();
     EXPECT_TRUE(run.await([&] { return run.isAnswered(); }, 1000));
     EXPECT_LE(run.nowMs(), 10 + 5 * run.net.latencyMs);
     std::vector<std::string> wanted = {"url http://host/img.zqf", "header Cookie: a", "header X: b", "go on"};
@@ -176,7 +176,7 @@ TEST(OnDemand, WhatFailsIsToldAndTriedAgain) {
             };
             run.script = run.net.fetch = script;
             run.readBlock(60);
-            run.mgr->start();
+            run.launch();
             run.sleep(150);
             EXPECT_GE(nPassLogged(run, text), 1);
             EXPECT_EQ(run.nLogged("Critical instant underflow. ETA : 0"), 1);
@@ -282,14 +282,14 @@ TEST(OnDemand, AStopDoesNotWaitForAFetch) {
     other.make(false);
     other.mgr->setDownloadParams("http://host/img.zqf", {});
     other.readBlock(60);
-    other.mgr->start();
+    other.launch();
     other.sleep(50);
     t0 = other.nowMs();
     other.stop();
     EXPECT_LE(other.nowMs() - t0, 20);
     EXPECT_EQ(other.nLogged("On demand callback failed"), 0) << "a stop is no failure";
     other.net.latencyMs = 0;
-    other.mgr->start();
+    other.launch();
     EXPECT_TRUE(other.await([&] { return other.isAnswered(); }, 100)) << "a start takes the stop back";
 }
 
@@ -309,7 +309,7 @@ TEST(OnDemand, OneSourceOnly) {
                   "Cannot set ondemand download params: Only one underflow callback method supported.");
     }
     run.readBlock(60);
-    run.mgr->start();
+    run.launch();
     EXPECT_TRUE(run.await([&] { return run.isAnswered(); }, 50));
     EXPECT_EQ(run.requests.size(), 1U);
     run.stop();
@@ -318,7 +318,7 @@ TEST(OnDemand, OneSourceOnly) {
     EXPECT_EQ(failureOf([&] { run.mgr->setDownloadParams("", {}); }),
               "Cannot set ondemand download params: netio failed");
     run.readBlock(60);
-    run.mgr->start();
+    run.launch();
     run.sleep(50);
     EXPECT_EQ(nPassLogged(run, "No underflow callback configured"), 1);
     run.mgr->setDownloadParams("http://host/a", {});

@@ -73,7 +73,12 @@ public:
     }
     void start(bool withCallback = true) {
         make(withCallback);
+        launch();
+    }
+    /// Starts what make() made; returns when it sleeps, so that the script may be changed.
+    void launch() {
         mgr->start();
+        sleep(1);
     }
     /// Brings a started run behind its first underflow, with the game's window found.
     void begin() {

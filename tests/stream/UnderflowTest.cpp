@@ -303,7 +303,7 @@ TEST(Underflow, RestartBeginsAnew) {
     run.app.underflowDelay = 2;
     run.make();
     run.mgr->setWindowSearch(false);
-    run.mgr->start();
+    run.launch();
     run.readBlock(0);
     run.sleep(200000);
     run.readBlock(60);
