@@ -2,13 +2,10 @@
 
 #include "Folder.h"
 #include "Ratio.h"
+#include "ReadFile.h"
 #include "ZqImage.h"
 
-#include <fcntl.h>
-#include <memory>
 #include <numeric>
-#include <sys/stat.h>
-#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -27,26 +24,12 @@ struct MapFolder : bench::Folder {
     }
 };
 
-void nothing() {
-}
-
-void readFile(const SxString& path) {
-    const int fd = open(path.ascii(), O_RDONLY);
-    struct stat info {};
-    if (fd < 0 || fstat(fd, &info) < 0) std::abort();
-    const auto size = static_cast<size_t>(info.st_size);
-    const std::unique_ptr<char[]> bytes(new char[size]);
-    if (read(fd, bytes.get(), size) != info.st_size) std::abort();
-    benchmark::DoNotOptimize(bytes.get());
-    close(fd);
-}
-
 // Goal: at most 1.5.
 void getMapAgainstReadingTheFile(benchmark::State& state) {
     const MapFolder folder;
     const ZqImage image(folder.path);
     bench::ratio(
-        state, nothing, [&] { readFile(folder.path + "img.idx"); },
+        state, bench::nothing, [&] { bench::readFile(folder.path + "img.idx"); },
         [&] { benchmark::DoNotOptimize(image.getMap().data()); });
 }
 BENCHMARK(getMapAgainstReadingTheFile)->Iterations(15)->UseManualTime()->Unit(benchmark::kMillisecond);
@@ -61,7 +44,8 @@ void getReverseMapAgainstScatter(benchmark::State& state) {
             reverse[folder.map[r]] = r;
         benchmark::DoNotOptimize(reverse.data());
     };
-    bench::ratio(state, nothing, scatter, [&] { benchmark::DoNotOptimize(image.getReverseMap().data()); });
+    bench::ratio(state, bench::nothing, scatter,
+                 [&] { benchmark::DoNotOptimize(image.getReverseMap().data()); });
 }
 BENCHMARK(getReverseMapAgainstScatter)->Iterations(9)->UseManualTime()->Unit(benchmark::kMillisecond);
 

@@ -3,14 +3,11 @@
 #include "Folder.h"
 #include "Memory.h"
 #include "Ratio.h"
+#include "ReadFile.h"
 #include "ZqTrace.h"
 
-#include <fcntl.h>
 #include <functional>
-#include <memory>
-#include <sys/stat.h>
 #include <tsl/robin_set.h>
-#include <unistd.h>
 
 namespace {
 
@@ -33,24 +30,10 @@ struct TraceFolder : bench::Folder {
     }
 };
 
-void nothing() {
-}
-
-void readFile(const SxString& path) {
-    const int fd = open(path.ascii(), O_RDONLY);
-    struct stat info {};
-    if (fd < 0 || fstat(fd, &info) < 0) std::abort();
-    const auto size = static_cast<size_t>(info.st_size);
-    const std::unique_ptr<char[]> bytes(new char[size]);
-    if (read(fd, bytes.get(), size) != info.st_size) std::abort();
-    benchmark::DoNotOptimize(bytes.get());
-    close(fd);
-}
-
 /// Times `ours` against reading the file, and tells its memory as a share of all items.
 void againstReading(benchmark::State& state, const TraceFolder& folder, const std::function<void()>& ours) {
     bench::ratio(
-        state, nothing, [&] { readFile(folder.path + "img.trc"); }, ours);
+        state, bench::nothing, [&] { bench::readFile(folder.path + "img.trc"); }, ours);
     const double peak = bench::peakMemoryOf(ours);
     state.counters["speed/reading"] = 1 / state.counters["ours/ref"];
     state.counters["peak_MB"] = peak / 1e6;
@@ -101,7 +84,7 @@ void uniqueByHashing(const SxString& path) {
 void uniqueItemsAgainstHashing(benchmark::State& state) {
     const TraceFolder folder;
     bench::ratio(
-        state, nothing, [&] { uniqueByHashing(folder.path); },
+        state, bench::nothing, [&] { uniqueByHashing(folder.path); },
         [&] { benchmark::DoNotOptimize(ZqTrace::getItems(folder.path, true, true, true)); });
 }
 BENCHMARK(uniqueItemsAgainstHashing)->Iterations(3)->UseManualTime()->Unit(benchmark::kMillisecond);

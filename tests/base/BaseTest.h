@@ -1,7 +1,7 @@
 #pragma once
 
+#include "Failure.h"
 #include "FaultOs.h"
-#include "SxException.h"
 #include "TempDir.h"
 #include "ZqTaskMon.h"
 
@@ -23,16 +23,6 @@ inline const bool inMemory = [] {
     return fs::space("/dev/shm", none).available > uint64{512} << 20 && !none &&
            ::setenv("TMPDIR", "/dev/shm", 0) == 0;
 }();
-
-/// The messages of the failure, outermost first, or an empty text.
-inline std::string failureOf(const std::function<void()>& action) {
-    try {
-        action();
-    } catch (const SxException& e) {
-        return e.what();
-    }
-    return "";
-}
 
 /// Runs a job to its end.
 inline std::string failureOf(SxSystemThread& job) {

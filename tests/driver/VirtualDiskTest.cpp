@@ -1,5 +1,5 @@
 #include "DriveImage.h"
-#include "SxException.h"
+#include "Failure.h"
 #include "VirtualClock.h"
 
 #include <cstring>
@@ -11,15 +11,6 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using Result = VirtualDisk::Result;
-
-std::string failureOf(const std::function<void()>& work) {
-    try {
-        work();
-    } catch (const SxException& e) {
-        return e.toString(SxException::ShowMessage, ": ").str();
-    }
-    return "";
-}
 
 /// An image whose blocks stand in RAW order, of which none is present.
 struct OrderedImage : DriveImage {

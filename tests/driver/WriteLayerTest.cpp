@@ -1,20 +1,11 @@
 #include "DriveImage.h"
-#include "SxException.h"
+#include "Failure.h"
 
 #include <gmock/gmock.h>
 
 namespace {
 
 using testing::HasSubstr;
-
-std::string failureOf(const std::function<void()>& work) {
-    try {
-        work();
-    } catch (const SxException& e) {
-        return e.toString(SxException::ShowMessage, ": ").str();
-    }
-    return "";
-}
 
 /// A drive on which requests are never held.
 class Drive {

@@ -1,8 +1,8 @@
 #pragma once
 
 #include "Builders.h"
+#include "Failure.h"
 #include "ScriptedDriver.h"
-#include "SxException.h"
 #include "ZqAppParams.h"
 #include "ZqImageParams.h"
 #include "ZqLog.h"
@@ -20,16 +20,6 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
-
-/// The messages of the failure, outermost first, or an empty text.
-inline std::string failureOf(const std::function<void()>& action) {
-    try {
-        action();
-    } catch (const SxException& e) {
-        return e.what();
-    }
-    return "";
-}
 
 /// A machine root of its own with an image, a drive service that plays a script, and the drive E: that it
 /// shows once it is told to mount.

@@ -1,5 +1,5 @@
+#include "Failure.h"
 #include "FaultOs.h"
-#include "SxException.h"
 #include "SxProcess.h"
 #include "SxTime.h"
 #include "TempDir.h"
@@ -26,15 +26,6 @@ using Item = ZqRegistry::Item;
 const std::string SYSTEM = "prefix/system.reg", USER = "prefix/user.reg";
 const std::string HEAD =
     "WINE REGISTRY Version 2\n;; All keys relative to REGISTRY\\\\Machine\n\n#arch=win64\n";
-
-std::string failureOf(const std::function<void()>& action) {
-    try {
-        action();
-    } catch (const SxException& e) {
-        return e.what();
-    }
-    return "";
-}
 
 Item item(const char* key, const char* name, ZqRegistry::RegValType type = ZqRegistry::RegSz,
           const SxString& data = "x") {
