@@ -11,7 +11,9 @@ namespace {
 constexpr const char* UNIT = "src/driver/WriteLayer";
 
 // The first record's place is taken by these two numbers: what the file is, and the number of RAW blocks.
-constexpr uint64 MAGIC = 0x3130'5245'5941'4c5a; // "ZLAYER01"
+// From the second format on a record with the image's identity follows.
+constexpr uint64 MAGIC = 0x3230'5245'5941'4c5a;        // "ZLAYER02"
+constexpr uint64 MAGIC_FORMER = 0x3130'5245'5941'4c5a; // "ZLAYER01"
 /// Slots that may be given out beyond one for each RAW block: two writes of one block that run at once take
 /// two, of which one is given back.
 constexpr uint64 SPARE_SLOTS = 1 << 16;
@@ -48,7 +50,8 @@ bool isThere(const std::string& path) {
 WriteLayer::WriteLayer(const std::string& folder_, BlockMap* map_, bool readOnly_)
     : folder(folder_),
       map(map_),
-      readOnly(readOnly_) {
+      readOnly(readOnly_),
+      identity(LayerIdentity::of(folder_)) {
     // What a cut of flush() leaves behind.
     if (!readOnly && isThere(folder + "img.tix.new")) SxOs::get().unlink(folder + "img.tix.new");
     if (!isThere(folder + "img.tix")) return;
@@ -68,7 +71,8 @@ WriteLayer::WriteLayer(const std::string& folder_, BlockMap* map_, bool readOnly
 void WriteLayer::load() {
     const uint64 size = tix.getSize();
     std::vector<bool> used;
-    tixEnd = readHeader(size) ? readRecords(size, &used) : 0;
+    tixEnd = readHeader(size);
+    if (tixEnd > 0) tixEnd = readRecords(tixEnd, size, &used);
     if (tixEnd < size) {
         notice = "'" + SxString(tix.getPath()) + "': " + (size - tixEnd) +
                  " bytes behind the last whole record don't count; they were never synced";
@@ -84,28 +88,47 @@ void WriteLayer::load() {
     }
 }
 
-/// False where the file was cut ahead of its first sync.
-bool WriteLayer::readHeader(uint64 size) const {
+/// Gives where the records begin; 0 where the file was cut ahead of its first sync.
+uint64 WriteLayer::readHeader(uint64 size) const {
     uint64 header[2] = {};
-    if (size < sizeof header) return false;
-    const int64 got = tix.readAt(header, sizeof header, 0);
-    if (got < 0) tix.raise("Cannot read", got, UNIT, __LINE__);
+    if (size < sizeof header) return 0;
+    readAll(header, sizeof header, 0);
     const uint64 magic = little(header[0]), nBlocks = little(header[1]);
-    if (magic == 0 && nBlocks == 0) return false;
-    if (magic != MAGIC) {
+    if (magic == 0 && nBlocks == 0) return 0;
+    if (magic != MAGIC && magic != MAGIC_FORMER) {
         throw SxException("'" + SxString(tix.getPath()) + "' is not the index of a write layer", UNIT,
                           __LINE__);
     }
-    if (nBlocks == map->nRaw()) return true;
-    throw SxException("'" + SxString(tix.getPath()) + "' belongs to a disk of " + nBlocks +
-                          " blocks, this one has " + map->nRaw(),
-                      UNIT, __LINE__);
+    if (nBlocks != map->nRaw()) {
+        throw SxException("'" + SxString(tix.getPath()) + "' belongs to a disk of " + nBlocks +
+                              " blocks, this one has " + map->nRaw(),
+                          UNIT, __LINE__);
+    }
+    return magic == MAGIC ? readIdentity(size) : sizeof header;
 }
 
-uint64 WriteLayer::readRecords(uint64 size, std::vector<bool>* used) {
+uint64 WriteLayer::readIdentity(uint64 size) const {
+    Record record{};
+    if (size < HEADER_SIZE) return 0;
+    readAll(&record, sizeof record, sizeof record);
+    const LayerIdentity found{little(record.rawIdx), little(record.slot)};
+    if (little(record.check) != checkOf(found.high, found.low)) return 0;
+    if (found.fits(identity)) return HEADER_SIZE;
+    throw SxException(
+        "The write layer '" + SxString(tix.getPath()) +
+            "' belongs to another image, or another version of this one: put that image back, or "
+            "remove img.tix and img.tmp, and what was written with them",
+        UNIT, __LINE__);
+}
+
+void WriteLayer::readAll(void* to, uint64 n, uint64 offset) const {
+    const int64 got = tix.readAt(to, n, offset);
+    if (got != static_cast<int64>(n)) tix.raise("Cannot read", got < 0 ? got : -EIO, UNIT, __LINE__);
+}
+
+uint64 WriteLayer::readRecords(uint64 at, uint64 size, std::vector<bool>* used) {
     const uint64 nSlotsInFile = tmp.isOpen() ? tmp.getSize() / BLOCK_SIZE : 0;
     std::vector<Record> records(std::min(size / sizeof(Record), RECORDS_AT_ONCE));
-    uint64 at = sizeof(Record);
     while (size - at >= sizeof(Record)) {
         const uint64 n = std::min<uint64>((size - at) / sizeof(Record), records.size());
         const int64 got = tix.readAt(records.data(), n * sizeof(Record), at);
@@ -278,7 +301,7 @@ int WriteLayer::syncInTurn() {
 
 int WriteLayer::appendRecords(std::vector<Record>* records) {
     int error = tixEnd == 0 ? writeHeader(tix) : 0;
-    const uint64 at = std::max<uint64>(tixEnd, sizeof(Record)), size = records->size() * sizeof(Record);
+    const uint64 at = tixEnd == 0 ? HEADER_SIZE : tixEnd, size = records->size() * sizeof(Record);
     if (!error) error = tix.writeAt(records->data(), size, at);
     if (error == ENOSPC) {
         // The data is safe, and the same records can be written later.
@@ -293,9 +316,12 @@ int WriteLayer::appendRecords(std::vector<Record>* records) {
 }
 
 int WriteLayer::writeHeader(const DriveFile& file) const {
-    const uint64 header[2] = {little(MAGIC), little(map->nRaw())};
-    static_assert(sizeof header == sizeof(Record));
-    return file.writeAt(header, sizeof header, 0);
+    struct {
+        uint64 magic, nBlocks;
+        Record identity;
+    } const header = {little(MAGIC), little(map->nRaw()), makeRecord({identity.high}, {identity.low})};
+    static_assert(sizeof header == HEADER_SIZE);
+    return file.writeAt(&header, sizeof header, 0);
 }
 
 void WriteLayer::note(const SxString& text) {

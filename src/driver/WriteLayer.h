@@ -1,6 +1,7 @@
 #pragma once
 
 #include "BlockMap.h"
+#include "LayerIdentity.h"
 #include "SxMutex.h"
 
 #include <vector>
@@ -13,7 +14,7 @@
 class WriteLayer {
 public:
     /// Opens the layer of the image in `folder_` if there is one and puts its slots over `map_`. Raises,
-    /// naming the file and the fault, where it is damaged or belongs to another image.
+    /// naming the file and the fault, where it is damaged or belongs to another image, or another version.
     WriteLayer(const std::string& folder_, BlockMap* map_, bool readOnly_);
 
     /// Makes the files where there are none; durable by the next sync(). Raises.
@@ -48,6 +49,7 @@ private:
         uint64 rawIdx;
         uint32 slot, check;
     };
+    static constexpr uint64 HEADER_SIZE = 2 * sizeof(Record);
     /// What flush() does with one block.
     struct Move {
         RawIdx rawIdx;
@@ -59,8 +61,10 @@ private:
 
     static Record makeRecord(RawIdx rawIdx, SlotIdx slot);
     void load() SX_REQUIRES(changing);
-    bool readHeader(uint64 size) const;
-    uint64 readRecords(uint64 size, std::vector<bool>* used);
+    uint64 readHeader(uint64 size) const;
+    uint64 readIdentity(uint64 size) const;
+    void readAll(void* to, uint64 n, uint64 offset) const;
+    uint64 readRecords(uint64 at, uint64 size, std::vector<bool>* used);
     void adoptRecord(RawIdx rawIdx, SlotIdx slot, uint64 nSlotsInFile, std::vector<bool>* used);
     int writeInSlots(SlotIdx first, uint64 n, const char* data);
     int writeNew(RawIdx first, uint64 n, const char* data);
@@ -82,6 +86,7 @@ private:
     const std::string folder;
     BlockMap* const map;
     const bool readOnly;
+    const LayerIdentity identity;
     SxString notice;
     std::atomic<int> publishedFd{-1}, failedError{0};
     std::atomic<bool> dirty{false};

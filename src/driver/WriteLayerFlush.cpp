@@ -81,7 +81,7 @@ void WriteLayer::writeIndex(const Target& target) {
         if (error) next.raise("Cannot write", error, UNIT, __LINE__);
     };
     require(writeHeader(next));
-    uint64 end = sizeof(Record);
+    uint64 end = HEADER_SIZE;
     std::vector<Record> records;
     const auto append = [&] {
         require(next.writeAt(records.data(), records.size() * sizeof(Record), end));

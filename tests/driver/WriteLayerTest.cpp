@@ -140,12 +140,15 @@ TEST(WriteLayer, ADamagedIndexIsCutOrRefused) {
         {"whole", [](std::string*, std::string*) {}, 3, ""},
         {"empty", [](std::string* tix, std::string*) { tix->clear(); }, 0, ""},
         {"cut header", [](std::string* tix, std::string*) { tix->resize(7); }, 0, ""},
-        {"cut record", [](std::string* tix, std::string*) { tix->resize(4 * RECORD - 1); }, 2, ""},
+        {"cut identity", [](std::string* tix, std::string*) { tix->resize(2 * RECORD - 1); }, 0, ""},
+        {"the former format",
+         [](std::string* tix, std::string*) { tix->erase(RECORD, RECORD).replace(0, 8, "ZLAYER01"); }, 3, ""},
+        {"cut record", [](std::string* tix, std::string*) { tix->resize(5 * RECORD - 1); }, 2, ""},
         {"zeros behind", [](std::string* tix, std::string*) { tix->append(3 * RECORD, '\0'); }, 3, ""},
         {"all zeros", [](std::string* tix, std::string*) { tix->assign(tix->size(), '\0'); }, 0, ""},
-        {"a bit of the index", [](std::string* tix, std::string*) { (*tix)[2 * RECORD] ^= 1; }, 1, ""},
-        {"a bit of the slot", [](std::string* tix, std::string*) { (*tix)[3 * RECORD + 9] ^= 4; }, 2, ""},
-        {"a record twice", [](std::string* tix, std::string*) { tix->append(*tix, RECORD, RECORD); }, 0,
+        {"a bit of the index", [](std::string* tix, std::string*) { (*tix)[3 * RECORD] ^= 1; }, 1, ""},
+        {"a bit of the slot", [](std::string* tix, std::string*) { (*tix)[4 * RECORD + 9] ^= 4; }, 2, ""},
+        {"a record twice", [](std::string* tix, std::string*) { tix->append(*tix, 2 * RECORD, RECORD); }, 0,
          "twice"},
         {"no data", [](std::string*, std::string* tmp) { tmp->clear(); }, 0, "beyond 'img.tmp'"},
         {"short data", [](std::string*, std::string* tmp) { tmp->pop_back(); }, 0, "beyond 'img.tmp'"},
@@ -180,6 +183,43 @@ TEST(WriteLayer, ADamagedIndexIsCutOrRefused) {
             EXPECT_EQ(failure.empty(), *test.failure == '\0') << failure;
             EXPECT_THAT(failure, AllOf(HasSubstr(test.failure), HasSubstr(*test.failure ? "img.tix" : "")));
         }
+    }
+}
+
+TEST(WriteLayer, BelongsToOneVersionOfTheImage) {
+    TestRandom random(6);
+    const DriveImage image(random, 8, 1.0);
+    image.put(0, image.nZqf, false);
+    const std::string block(BLOCK_SIZE, 'w');
+    const auto setRecords = [&](const char* mnt, const char* guid, const char* idx = "") {
+        image.dir.write("app.json",
+                        std::string(R"({"checksums": {"mnt": ")") + mnt + R"(", "idx": ")" + idx + R"("}})");
+        image.dir.write("img.json", std::string(R"({"guid": ")") + guid + R"("})");
+    };
+    for (const bool isFlushed : {false, true}) {
+        for (const char* name : {"img.tix", "img.tmp"})
+            std::filesystem::remove(image.path(name));
+        setRecords("digest", "G1");
+        {
+            Drive drive(image, Mode::Rtw);
+            ASSERT_EQ(drive.write(3, block), 0);
+            if (isFlushed) drive.disk.flushLayer();
+        }
+        const auto failure = [&](Mode mode) {
+            return failureOf(
+                [&] { EXPECT_EQ(Drive(image, mode).read(3), block.substr(0, image.validBytes(3))); });
+        };
+        setRecords("digest", "G2", "of another order");
+        EXPECT_EQ(failure(Mode::Ro), "");
+        setRecords("", "digest");
+        EXPECT_EQ(failure(Mode::Ro), "") << "the guid stands in for the digest";
+        for (const Mode mode : {Mode::Ro, Mode::Rtw, Mode::Rw}) {
+            setRecords("another", "G1");
+            EXPECT_THAT(failure(mode),
+                        HasSubstr("another version of this one: put that image back, or remove"));
+        }
+        setRecords("", "");
+        EXPECT_EQ(failure(Mode::Ro), "") << "nothing is known of the image";
     }
 }
 

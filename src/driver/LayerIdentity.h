@@ -1,0 +1,23 @@
+#pragma once
+
+#include "SxTypes.h"
+
+#include <string>
+
+/// What a write layer keeps of the image that it was made on: the start of a digest of `checksums.mnt`, and
+/// where that is empty, of the guid of `img.json`. Both stay when the image is re-ordered or a layer is moved
+/// into it. Zeros where the image has neither.
+struct LayerIdentity {
+    uint64 high = 0;
+    uint32 low = 0;
+
+    /// Reads it from the records in `folder` (with its trailing slash). A record that isn't there tells
+    /// nothing; raises on one that can't be read.
+    static LayerIdentity of(const std::string& folder);
+
+    bool isKnown() const { return high != 0 || low != 0; }
+    /// Whether both may be of one image.
+    bool fits(const LayerIdentity& other) const {
+        return !isKnown() || !other.isKnown() || (high == other.high && low == other.low);
+    }
+};
