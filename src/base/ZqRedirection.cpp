@@ -99,29 +99,40 @@ public:
     }
 
     void folder(const SxString& name) const {
-        place(name, SxFSAction::test_d, [](const SxString&) {});
+        place(name, {"dirmap", "a folder", SxFSAction::test_d, [](const SxString&) {}});
     }
     void file(const SxString& name) const {
-        place(name, SxFSAction::test_f, [](const SxString& path) { SxFSAction::touch(path, 0644); });
+        place(name, {"filemap", "a file", SxFSAction::test_f,
+                     [](const SxString& path) { SxFSAction::touch(path, 0644); }});
     }
 
 private:
-    using Test = bool (*)(const SxString& path);
+    struct Kind {
+        const char *key, *words;
+        bool (*isWanted)(const SxString& path);
+        void (*make)(const SxString& path); ///< makes what neither side has
+    };
 
-    /// `isWanted` tells whether something of the wanted kind stands at a path; `make` makes what neither side
-    /// has.
-    void place(const SxString& name, Test isWanted, void (*make)(const SxString& path)) const {
+    static void requireKind(const SxString& path, const SxString& name, const Kind& kind) {
+        if (kind.isWanted(path) || !SxFSAction::exists(path)) return;
+        throw SxException("The entry '" + name.makeVisible() + "' of " + kind.key + " in app.json needs " +
+                              kind.words + ", but '" + path + "' is none",
+                          UNIT, __LINE__);
+    }
+    void place(const SxString& name, const Kind& kind) const {
         const SxString to = target + "/" + name, from = source + "/" + name;
         try {
-            requireNoLink(target, name);
-            requireNoLink(source, name);
-            if (isWanted(to)) return;
+            for (const SxString& side : {target, source}) {
+                requireNoLink(side, name);
+                requireKind(side + "/" + name, name, kind);
+            }
+            if (kind.isWanted(to)) return;
             const SxString parent = SxFileInfo(to).getPath();
             SxFSAction::mkdir_p(parent, 0777);
-            if (isWanted(from)) {
+            if (kind.isWanted(from)) {
                 copyWhole(from, to);
             } else {
-                make(to);
+                kind.make(to);
             }
             SxFSAction::syncDir(parent);
         } catch (const SxException& e) {

@@ -77,6 +77,25 @@ TEST(Redirection, EntriesAreRelativeNames) {
     EXPECT_FALSE(machine.dir.exists("root/drive_c/ProgramData"));
 }
 
+TEST(Redirection, AFolderIsNoFileOnEitherSide) {
+    for (const bool isPrivate : {false, true}) {
+        Private machine;
+        const std::string side = isPrivate ? "C:/ProgramData/TAVRIN/G1" : "E:";
+        const std::string base = isPrivate ? machine.side("") : "volume/TAVRIN-protected/";
+        machine.dir.write(base + "a/file", "");
+        for (const auto& [folders, files, entry, words] :
+             {std::tuple<SxList<SxString>, SxList<SxString>, std::string, std::string>{
+                  {"a/file"}, {}, "a/file", "dirmap in app.json needs a folder"},
+              {{}, {"a"}, "a", "filemap in app.json needs a file"}}) {
+            const TreeSnapshot before = machine.dir.snapshot(base);
+            EXPECT_THAT(machine.prepare(folders, files),
+                        HasSubstr("The entry '" + entry + "' of " + words + ", but '" + side +
+                                  "/TAVRIN-protected/" + entry + "' is none"));
+            EXPECT_EQ(machine.dir.snapshot(base), before);
+        }
+    }
+}
+
 TEST(Redirection, LinksAreRefused) {
     const std::string target = "C:/ProgramData/TAVRIN/G1/TAVRIN-protected";
     const std::string drive = "volume/TAVRIN-protected/";
