@@ -1,12 +1,15 @@
 #include "App.h"
 #include "Verbs.h"
 
+#include <tavrin/SxException.h>
 #include <tavrin/ZqImageFolder.h>
 #include <tavrin/ZqTrace.h>
 
-#include <algorithm>
-
 namespace {
+
+constexpr const char* UNIT = "src/client/TraceVerbs";
+/// A disk's size in bytes is a signed 64-bit number, and a block has 4096.
+constexpr uint64 MAX_BLOCKS = uint64{1} << 51;
 
 using SxParserKit::SxSymbol;
 
@@ -19,7 +22,13 @@ struct TraceInfo {
         nUnique = trace.getNItems(true);
         const auto all = trace.getItems(false, true, true);
         nItems = all->getSize();
-        nFlagged = std::count_if(all->begin(), all->end(), [](const ZqTraceItem& item) { return item.flag; });
+        for (const ZqTraceItem& item : *all) {
+            nFlagged += item.flag;
+            if (item.block < MAX_BLOCKS) continue;
+            throw SxException("The trace in '" + folder + "' is damaged or is none: it names block " +
+                                  item.block + ", which no disk has",
+                              UNIT, __LINE__);
+        }
     }
 
     ZqTraceParams params;

@@ -255,6 +255,9 @@ TEST_F(ClientTest, traceInfo) {
     }
     EXPECT_THAT(run({"trace", "info", dir.path("trace")}).out,
                 testing::AllOf(HasSubstr("Items         5, 1 flagged\n"), HasSubstr("6.000 s\n")));
+    dir.write("trace/img.trc", "These bytes are the text of somebody's letter.\n");
+    EXPECT_THAT(run({"trace", "info", dir.path("trace")}).err,
+                HasSubstr("is damaged or is none: it names block"));
     std::filesystem::remove(dir.path("trace/img.trc"));
     EXPECT_EQ(run({"trace", "info", dir.path("trace")}).err,
               "tavrin: Cannot trace data. File '" + dir.path("trace/img.trc") + "' not found!\n");
