@@ -93,12 +93,13 @@ void ZqImageStaging::discard() const {
     }
 }
 
+bool ZqImageStaging::liesIn(const SxString& inner, const SxString& outer) {
+    const std::vector<std::string> above = physicalParents(inner), wanted = physicalParents(outer);
+    return wanted.empty() || std::find(above.begin(), above.end(), wanted.front()) != above.end();
+}
+
 void ZqImageStaging::refuseOverlap(const SxString& a, const SxString& b) {
-    const std::vector<std::string> ofA = physicalParents(a), ofB = physicalParents(b);
-    const auto contains = [](const std::vector<std::string>& parents, const std::string& path) {
-        return std::find(parents.begin(), parents.end(), path) != parents.end();
-    };
-    if (ofA.empty() || ofB.empty() || contains(ofA, ofB.front()) || contains(ofB, ofA.front())) {
+    if (liesIn(a, b) || liesIn(b, a)) {
         throw SxException("The folders '" + a + "' and '" + b + "' lie in each other", UNIT, __LINE__);
     }
 }

@@ -22,6 +22,8 @@ public:
     /// that the image folder holds.
     void commit();
 
+    /// Whether the folder `inner` is `outer` or lies in it, with all links resolved. They need not exist.
+    static bool liesIn(const SxString& inner, const SxString& outer);
     /// Raises where one of the two folders lies in the other, or they are the same. They need not exist.
     static void refuseOverlap(const SxString& a, const SxString& b);
     /// Raises where fewer than `need` bytes are free on the file system of the folder `path`.

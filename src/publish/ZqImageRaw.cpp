@@ -25,6 +25,11 @@ ZqImageRaw::ZqImageRaw(const SxString& image_, const SxString& dir_)
 
 void ZqImageRaw::main() {
     const auto lock = ZqImageLock::take(image, ZqImageLock::Shape, ZqImageLock::Shared, "image raw");
+    if (ZqImageStaging::liesIn(dir, image)) {
+        throw SxException("The RAW image can't be written to '" + dir + "', which lies in the image '" +
+                              image + "'",
+                          UNIT, __LINE__);
+    }
     // What was written to the drive and has no place in img.zqf would be missing without a word.
     if (SxFSAction::exists(image + ZqImageFiles::LAYER_INDEX)) {
         throw SxException("Image '" + image + "' has a write layer (" + ZqImageFiles::LAYER_INDEX +

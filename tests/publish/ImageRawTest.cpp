@@ -60,6 +60,21 @@ TEST(ImageRaw, AnIncompleteImageIsRefused) {
     }
 }
 
+TEST(ImageRaw, TheImageItselfIsNoPlaceForIt) {
+    TestRandom random;
+    const TempDir dir;
+    TestImage(random, 20).write(SxString(dir.path("image/")));
+    fs::create_directory_symlink(dir.path("image"), dir.path("link"));
+    const TreeSnapshot before = contentOf(dir, "image");
+    for (const char* to : {"image", "image/", "link", "link/deep", "image/new/deep"}) {
+        ZqImageRaw job(dir.path("image"), dir.path(to));
+        EXPECT_THAT(failureOf(job), HasSubstr("lies in the image"));
+    }
+    EXPECT_EQ(contentOf(dir, "image"), before);
+    ZqImageRaw above(dir.path("image"), dir.path());
+    EXPECT_EQ(failureOf(above), "");
+}
+
 TEST(ImageRaw, DisturbedAnywhereItLeavesTheOldFileOrTheNewOne) {
     TestRandom random;
     const TestImage image(random, 12);
