@@ -103,6 +103,7 @@ void Disk::bringUp() {
         throw SxException("A volume of type " + type + " can't be written to: mount it with mode ro or rtw",
                           UNIT, __LINE__);
     }
+    if (::geteuid() != 0) UserDriver::requireMeans(type);
     for (const char* name : {ZqServiceFolder::FRONT, ZqServiceFolder::VOLUME})
         SxFSAction::mkdir_p(folder + "/" + name, 0700);
     front.mount((folder + "/" + ZqServiceFolder::FRONT).str(), "tavrin");

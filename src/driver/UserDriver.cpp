@@ -22,9 +22,19 @@ bool isInPath(const std::string& program) {
     return false;
 }
 
+std::string programFor(const SxString& type) {
+    return type == "ext4" ? "fuse2fs" : "squashfuse";
+}
+
 } // namespace
 
-void UserDriver::requireMeans() {
+void UserDriver::requireMeans(const SxString& type) {
+    if (type == "erofs") {
+        throw SxException(
+            "An EROFS volume can't be mounted without root: run as root, or build the image with "
+            "--fs ext4",
+            UNIT, __LINE__);
+    }
     const int fuse = ::open("/dev/fuse", O_RDWR | O_CLOEXEC);
     if (fuse < 0) {
         throw SxException(
@@ -42,18 +52,7 @@ void UserDriver::requireMeans() {
 
 void UserDriver::start(const SxString& type, const SxString& file, const SxString& folder, bool readOnly,
                        const std::function<bool()>& stopped) {
-    if (type == "erofs") {
-        throw SxException(
-            "An EROFS volume can't be mounted without root: run as root, or build the image with "
-            "--fs ext4",
-            UNIT, __LINE__);
-    }
-    const std::string program = type == "ext4" ? "fuse2fs" : "squashfuse";
-    if (!isInPath(program)) {
-        throw SxException("Mounting a volume of type " + type + " without root needs " + SxString(program) +
-                              ": run as root, or install the package of that name",
-                          UNIT, __LINE__);
-    }
+    const std::string program = programFor(type);
     const SxString options = readOnly || type != "ext4" ? "ro" : "rw,fakeroot";
     process = std::make_unique<SxProcess>(
         SxString(program), SxList<SxString>{"-f", "-o", options, file, folder}, SxProcess::OutputToError);

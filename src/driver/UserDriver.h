@@ -14,10 +14,10 @@ public:
     ~UserDriver() { stop(); }
 
     /// Raises, in one sentence that says what is missing and what to do, where this machine lets a user mount
-    /// nothing.
-    static void requireMeans();
+    /// no file system of that type.
+    static void requireMeans(const SxString& type);
     /// Mounts the file system of that type in `file` at `folder`; returns when it is there. `stopped` is
-    /// asked meanwhile. Raises where there is no driver, or it fails.
+    /// asked meanwhile. Raises where the driver fails.
     void start(const SxString& type, const SxString& file, const SxString& folder, bool readOnly,
                const std::function<bool()>& stopped);
     /// Ends the program, whatever it waits for; by itself it ends when it is unmounted.
