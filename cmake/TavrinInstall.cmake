@@ -28,5 +28,7 @@ install(DIRECTORY "${PROJECT_SOURCE_DIR}/schemas/" DESTINATION "${CMAKE_INSTALL_
 if(TARGET tavrin-client)
     install(TARGETS tavrin-client RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}" COMPONENT runtime)
 endif()
+# Below this folder of /usr and of /usr/local the system's device manager looks for rules.
+install(FILES "${CMAKE_CURRENT_LIST_DIR}/59-tavrin.rules" DESTINATION "lib/udev/rules.d" COMPONENT runtime)
 # Where the client looks for the external tools: beside its own folder.
 install(TARGETS zqdd RUNTIME DESTINATION "lib/tavrin" COMPONENT runtime)
