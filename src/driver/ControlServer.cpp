@@ -6,6 +6,7 @@
 #include "SxTime.h"
 #include "ZqServiceFolder.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <poll.h>
@@ -217,9 +218,10 @@ bool ControlServer::endIfIdle() {
 void ControlServer::run(const std::atomic<bool>& stop) {
     Ticker ticker(service);
     ticker.start();
+    const auto passMs = static_cast<int>(std::clamp<int64>(idleMs, 1, TICK_MS));
     while (!stop) {
         pollfd waiting = {listener, POLLIN, 0};
-        if (::poll(&waiting, 1, TICK_MS) > 0) accept();
+        if (::poll(&waiting, 1, passMs) > 0) accept();
         collect();
         if (endIfIdle()) return;
     }
