@@ -105,14 +105,20 @@ SxString ZqMountMgr::queryMntPoint(const SxString& image) const {
     } catch (const SxException& e) {
         throw SxException(e, "Cannot query device ID for image " + image, UNIT, __LINE__);
     }
+    const SxString drive = findDrive(id);
+    if (!drive.isEmpty()) return drive;
+    throw SxException("Cannot query mount point. Drive was not identified", UNIT, __LINE__);
+}
+
+SxString ZqMountMgr::findDrive(uint64 targetId) {
     for (const SxString& drive : ZqVolume::getDrives()) {
         ZqVolumeIdentity identity;
         if (ZqVolume::queryIdentity(drive, &identity) && identity.vendorId == VENDOR_ID &&
-            identity.productId == PRODUCT_ID && identity.targetId == id) {
+            identity.productId == PRODUCT_ID && identity.targetId == targetId) {
             return drive;
         }
     }
-    throw SxException("Cannot query mount point. Drive was not identified", UNIT, __LINE__);
+    return {};
 }
 
 SxString ZqMountMgr::queryMountPoint(const SxString& image) const {

@@ -93,6 +93,10 @@ public:
     /// and waits up to a minute until it is gone. Where a step fails, the disk is removed the hard way and
     /// the failure raised. `hardEject` does that at once. Harmless where the image isn't mounted. Gives true.
     bool umountImage(const SxString& image, bool hardEject);
+    /// Ends the mount of an image that has lost its drive letter, since somebody changed or removed the link:
+    /// removes the registry entries and ejects the disk; the link is left as it is. False where the image
+    /// isn't mounted or has its letter; then nothing is done.
+    bool umountWithoutLetter(const SxString& image);
     /// Removes what a service that was killed has left behind in the machine root (mounts, devices, letters).
     /// Where a drive of `image` was among that, the registry entries of the record that setAppParams() gave
     /// go, too, and it gives true.
@@ -176,13 +180,15 @@ private:
     static SxString getVersion(VersionCall call);
     /// Removes and makes a folder for a trace of the image.
     static void clearTraceFolder(const SxString& image, const SxString& traceFolder);
-    static void ejectImage(const SxString& image);
+    void ejectImage(const SxString& image);
 
     void checkImage(const SxString& image, uint64 sizeRaw, uint64 cursor, const SxString& traceFolder) const;
     void prepareGuard(const SxString& image);
     void equipDrive(const SxString& image, const SxString& traceFolder, ZqTraceParams::Method traceMethod,
                     const ZqRedirection& redirection) const;
     void redirect(const SxString& image, const ZqRedirection& redirection) const;
+    /// The drive of the disk with that target id; empty where no letter leads to it.
+    static SxString findDrive(uint64 targetId);
     void awaitMntPoint(const SxString& image);
     void awaitFiles(const SxString& image) const;
     void umountAfterFailure(const SxString& image);

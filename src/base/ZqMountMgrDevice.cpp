@@ -175,9 +175,11 @@ void ZqMountMgr::umountAfterFailure(const SxString& image) {
 void ZqMountMgr::ejectImage(const SxString& image) {
     ZqDriveStatus::require(zqDriveEjectImage(image.utf16().data()), "Failed to hard eject image " + image,
                            __LINE__);
+    busy = busy || ZqVolume::wasBusy();
 }
 
 bool ZqMountMgr::umountImage(const SxString& image, bool hardEject) {
+    busy = false;
     try {
         if (!isMounted(image)) return true;
         guardLogging(false);
@@ -206,6 +208,14 @@ bool ZqMountMgr::umountImage(const SxString& image, bool hardEject) {
     }
 }
 
+bool ZqMountMgr::umountWithoutLetter(const SxString& image) {
+    ZqDiskStatus disk;
+    if (!ZqVolume::findDisk(image, &disk) || disk.drive.isEmpty()) return false;
+    if (!findDrive(disk.deviceId).isEmpty()) return false;
+    removeRegistryEntries();
+    return umountImage(image, true);
+}
+
 bool ZqMountMgr::removeLeftovers(const SxString& image) const {
     if (!ZqVolume::removeLeftovers(image)) return false;
     removeRegistryEntries();
@@ -231,7 +241,6 @@ uint64 ZqMountMgr::releaseVolume(const SxString& image, bool removable) {
         zqLogMsg("base", "ERROR: Could not open ZqDD device (" + mntPoint + ") for umount.");
         throw SxException("Cannot open device handle for \\\\.\\" + mntPoint, UNIT, __LINE__);
     }
-    busy = false;
     try {
         ZqVolume::dismount(mntPoint, &busy);
     } catch (const SxException& e) {

@@ -76,6 +76,11 @@ bool isMountedWhole(ZqMountMgr* manager, const SxString& image) {
         throw SxException("Image '" + image + "' is being mounted by process " + disk.mounterPid, UNIT,
                           __LINE__);
     }
+    if (found && disk.ready && disk.replaced) {
+        throw SxException("Image '" + image + "' stands in the place of one that is still mounted as " +
+                              disk.drive + "; take that away first, with: tavrin umount " + image,
+                          UNIT, __LINE__);
+    }
     if (!found || disk.ready) return found;
     manager->umountImage(image, disk.drive.isEmpty());
     return false;
@@ -156,8 +161,12 @@ int umount(const UmountOptions& options, Output& out) {
         out.text(leftovers ? "Removed what a service that was killed had left behind" : "Not mounted");
         return ExitSuccess;
     }
-    // A disk that has got no letter yet has nothing to undo elsewhere.
-    manager.umountImage(options.image, options.hard || disk.drive.isEmpty());
+    if (!options.hard && manager.umountWithoutLetter(options.image)) {
+        out.finding("The drive letter " + disk.drive + " had been changed or removed; it is left as it is");
+    } else {
+        // A disk that has got no letter yet has nothing to undo elsewhere.
+        manager.umountImage(options.image, options.hard || disk.drive.isEmpty());
+    }
     if (manager.wasBusy()) {
         out.finding(
             "The drive was in use: it was detached, and files that are still open give I/O errors; what "
@@ -184,6 +193,7 @@ SxSymbol statusJson(const ZqDiskStatus& disk) {
     result.append("beyondQA", disk.nBeyondQA);
     result.append("suspended", disk.suspended);
     result.append("monitored", disk.monitored);
+    result.append("replaced", disk.replaced);
     result.append("failure", disk.failure);
     result.append("servicePid", disk.servicePid);
     return result;
@@ -199,10 +209,15 @@ void tellStatus(const ZqDiskStatus& disk, Output* out) {
     if (disk.underflow) line += SxString(", waits for ") + disk.queueLength + " blocks";
     if (disk.suspended) line += ", suspended";
     if (disk.monitored) line += ", traced";
+    if (disk.replaced) line += ", the image was removed or replaced since";
     out->text(line);
 }
 
 int status(const SxString& image, Output& out) {
+    for (const SxString& left : ZqVolume::getLeftovers()) {
+        out.finding("A drive service that was killed has left behind what it had mounted of '" + left +
+                    "'; to remove it: tavrin umount " + left);
+    }
     if (!image.isEmpty()) {
         ZqDiskStatus disk;
         if (!ZqVolume::findDisk(image, &disk)) {

@@ -228,7 +228,7 @@ bool Disk::detach() {
     return busy;
 }
 
-SxString Disk::eject() {
+Disk::End Disk::eject() {
     const SxMutexBlock one(&ejecting);
     ending = true;
     disk.setFailOnUnderflow();
@@ -240,8 +240,9 @@ SxString Disk::eject() {
         const SxMutexBlock inner(&mutex);
         if (state == State::Gone) return {};
     }
+    End end;
     try {
-        detach();
+        end.busy = detach();
     } catch (const SxException& e) {
         driverLog("image " + params.image + ": " + describe(e));
         front.abort();
@@ -253,14 +254,14 @@ SxString Disk::eject() {
         letter.remove();
     }
     front.end();
-    const SxString lost = describeLostWrites(disk.close());
-    if (!lost.isEmpty()) driverLog(lost);
+    end.lost = describeLostWrites(disk.close());
+    if (!end.lost.isEmpty()) driverLog(end.lost);
     removeFolder();
     setState(State::Gone);
     // Whoever waits for the end may take the image at once.
     driveLock = SxPtr<ZqImageLock>();
     shapeLock = SxPtr<ZqImageLock>();
-    return lost;
+    return end;
 }
 
 SxString Disk::describeLostWrites(int closeError) const {
@@ -382,6 +383,7 @@ ZqDiskStatus Disk::getStatus() {
     status.suspended = disk.isSuspended();
     status.monitored = disk.isMonitored();
     status.ready = ready;
+    status.replaced = isReplaced();
     status.mounterPid = mounterPid;
     status.servicePid = SxOs::processId();
     const SxMutexBlock block(&mutex);

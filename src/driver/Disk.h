@@ -42,12 +42,18 @@ public:
     /// Takes the volume out of use; gives whether it was in use, and was detached all the same. Raises where
     /// it can't be done.
     bool dismount();
-    /// Removes everything; what can't be removed is told in the log. Gives what a program wrote and the disk
-    /// could not keep, as a sentence; empty where all is well.
-    SxString eject();
+    /// How a disk has ended.
+    struct End {
+        SxString lost; ///< what a program wrote and the disk could not keep, as a sentence; empty for nothing
+        bool busy = false; ///< the volume was in use, and was detached all the same
+    };
+    /// Removes everything; what can't be removed is told in the log.
+    End eject();
 
     /// Whether the volume is there, so that the guard can be attached.
     bool isMounted() const;
+    /// Whether the image was removed since, or another one stands in its place.
+    bool isReplaced() const { return disk.isReplaced(); }
     /// Redirects names (relative to the protected folder) to the folder's private copies.
     void redirect(const SxList<SxString>& names, const SxString& directory);
     /// Undoes that.

@@ -34,6 +34,12 @@ void DriveFile::close() {
     if (fd >= 0) SxOs::get().close(std::exchange(fd, -1));
 }
 
+bool DriveFile::isInPlace() const {
+    SxStat own, named;
+    return SxOs::get().statFd(fd, &own) == 0 && SxOs::get().stat(path, &named) == 0 &&
+           own.device == named.device && own.inode == named.inode;
+}
+
 uint64 DriveFile::getSize() const {
     SxStat info;
     const int status = SxOs::get().statFd(fd, &info);

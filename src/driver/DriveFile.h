@@ -22,6 +22,8 @@ public:
     int getFd() const { return fd; }
     const std::string& getPath() const { return path; }
 
+    /// Whether the file still stands under its path. While it is open, no other one can have its number.
+    bool isInPlace() const;
     /// Bytes now. Raises.
     uint64 getSize() const;
     int64 readAt(void* buffer, uint64 n, uint64 offset) const;

@@ -55,8 +55,8 @@ void writeStatus(const ZqDiskStatus& status, Writer* out) {
                                 status.queueLength, status.nReads, status.nHeld, status.nBeyondQA})
         out->number(number);
     out->number(static_cast<uint64>(status.mounterPid));
-    for (const bool flag :
-         {status.ready, status.removable, status.underflow, status.suspended, status.monitored})
+    for (const bool flag : {status.ready, status.replaced, status.removable, status.underflow,
+                            status.suspended, status.monitored})
         out->flag(flag);
     out->number(static_cast<uint64>(status.servicePid));
 }
@@ -151,7 +151,11 @@ void Service::mount(const MountParams& params, int64 peer) {
     refuseOwn(params.image);
     refuseOwn(params.traceFolder);
     const SxMutexBlock making(&mounting);
-    if (find(params.image)) refuse("Image '" + params.image + "' is mounted already");
+    if (const DiskPtr former = find(params.image)) {
+        refuse("Image '" + params.image +
+               (former->isReplaced() ? "' stands in the place of one that is still mounted"
+                                     : "' is mounted already"));
+    }
     uint64 deviceId = 1;
     {
         const SxMutexBlock block(&mutex);
@@ -175,20 +179,21 @@ void Service::mount(const MountParams& params, int64 peer) {
 }
 
 /// Carries out a request; one for a disk that has gone is no failure.
-void Service::ejectImage(Reader* request) {
+void Service::ejectImage(Reader* request, Writer* answer) {
     const DiskPtr disk = find(request->text());
     request->number();
     requireWhole(*request);
-    const SxString lost = disk ? eject(disk) : SxString();
-    if (!lost.isEmpty()) refuse(lost);
+    const Disk::End end = disk ? eject(disk) : Disk::End();
+    if (!end.lost.isEmpty()) refuse(end.lost);
+    answer->flag(end.busy);
 }
 
-SxString Service::eject(const DiskPtr& disk) {
-    const SxString lost = disk->eject();
+Disk::End Service::eject(const DiskPtr& disk) {
+    const Disk::End end = disk->eject();
     const SxMutexBlock block(&mutex);
     const auto found = disks.find(disk->getDeviceId());
     if (found != disks.end() && found->second == disk) disks.erase(found);
-    return lost;
+    return end;
 }
 
 void Service::ejectAll() {
@@ -312,7 +317,7 @@ bool Service::handleDisk(Call call, Reader* request, Writer* answer) {
     };
     switch (call) {
     case Call::Eject:
-        ejectImage(request);
+        ejectImage(request, answer);
         return true;
     case Call::SetCursor:
         return simple([](const DiskPtr& disk, uint64 zqfIdx) { disk->setCursor(zqfIdx); });

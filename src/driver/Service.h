@@ -37,9 +37,8 @@ private:
     /// Raises where the service would have to answer itself.
     void refuseOwn(const SxString& path) const;
     bool takeLeft(const SxString& image);
-    /// Gives what was written and is lost, as Disk::eject() does.
-    SxString eject(const DiskPtr& disk);
-    void ejectImage(ZqDriveWire::Reader* request);
+    Disk::End eject(const DiskPtr& disk);
+    void ejectImage(ZqDriveWire::Reader* request, ZqDriveWire::Writer* answer);
     void storeDisks() const;
     void loadDisks();
     void reset();

@@ -105,6 +105,8 @@ public:
     /// Number of blocks of the complete `img.zqf`.
     uint64 nIncluded() const { return map.nIncluded(); }
     bool isComplete() const { return getCursor() >= nIncluded(); }
+    /// Whether its `img.zqf` stands no more where it was opened.
+    bool isReplaced() const { return !zqf.isInPlace(); }
     uint64 getSizeRaw() const { return cfg.sizeRaw; }
     uint64 getSectorSize() const { return cfg.sectorSize; }
 

@@ -174,11 +174,25 @@ TEST(Unmount, TheHardWay) {
     machine.driver.suspended = true;
     machine.driver.notes.clear();
     machine.driver.goneAfter = 10;
+    machine.driver.isBusy = true;
     EXPECT_TRUE(machine.mgr.umountImage(machine.image, true));
+    EXPECT_TRUE(machine.mgr.wasBusy());
     EXPECT_THAT(machine.driver.notes,
                 ElementsAre("SetLogging off", "SetFailOnUnderflow", "Resume", "EjectImage"));
     machine.driver.letterAfter = ScriptedDriver::NEVER;
     EXPECT_EQ(machine.mgr.getMntPoint(machine.image), "E:") << "the drive is still known";
+}
+
+TEST(Unmount, WithoutItsLetter) {
+    Machine machine;
+    machine.app.registry = {{"HKLM/Software/Game", "Path", ZqRegistry::RegSz, "x"}};
+    machine.mgr.setAppParams(machine.app);
+    machine.mountAlone();
+    EXPECT_FALSE(machine.mgr.umountWithoutLetter(machine.image));
+    EXPECT_TRUE(machine.driver.mounted);
+    machine.driver.otherDrives["E:"] = {"VOLM", "ZqDD", 8};
+    EXPECT_TRUE(machine.mgr.umountWithoutLetter(machine.image));
+    EXPECT_FALSE(machine.driver.mounted || ZqRegistry::isVal("HKLM/Software/Game", "Path"));
 }
 
 TEST(Unmount, EveryFailureEjects) {

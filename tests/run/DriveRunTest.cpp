@@ -1,8 +1,10 @@
 #include "DriveRun.h"
 #include "SxException.h"
+#include "ZqServiceFolder.h"
 
 #include <csignal>
 #include <fstream>
+#include <random>
 #include <sys/mount.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -85,6 +87,16 @@ TreeSnapshot treeOf(const string& folder) {
 
 class Drive : public DriveRun {
 protected:
+    /// Checks an ext4 volume whose journal a mount has replayed.
+    void expectConsistent(const string& image) {
+        mount(image, {"--mode", "rtw"});
+        done({"umount", image});
+        mount(image, {"--mode", "ro"});
+        const fs::path volume = statusOf(image).mountPath.str();
+        SxProcess check("e2fsck", {"-fn", (volume.parent_path() / "front/disk").string()}, SxProcess::Silent);
+        EXPECT_EQ(check.run(), 0) << "the file system is damaged";
+        done({"umount", image});
+    }
     /// `maps`: the part of app.json that names what is redirected.
     string buildRedirected(const string& name, const string& fileSystem, const string& maps,
                            const string& guid = "") {
@@ -181,7 +193,10 @@ TEST_P(EachFileSystem, aKilledServiceLeavesErrorsAndIsTidiedUpAfter) {
         EXPECT_EQ(feeder->nPresent(), fs::file_size(image + "/img.zqf") / 4096);
         fs::copy_file(full->path("img.zqf"), image + "/img.zqf", fs::copy_options::overwrite_existing);
         if (umountFirst) {
+            EXPECT_THAT(done({"status"}), HasSubstr("to remove it: tavrin umount " + image));
+            EXPECT_THAT(run({"status", image}).err, HasSubstr("is not mounted"));
             EXPECT_THAT(done({"umount", image}), HasSubstr("killed had left behind"));
+            EXPECT_EQ(done({"status"}), "Nothing is mounted\n");
             EXPECT_THAT(leftovers(), testing::IsEmpty());
         }
         app = mount(image);
@@ -213,13 +228,13 @@ TEST_P(EachFileSystem, umountEndsWhateverTheDriveIsBusyWith) {
          },
          true}};
     for (const Case& each : cases) {
-        for (const bool suspended : {false, true}) {
-            SCOPED_TRACE(each.name + string(suspended ? ", suspended" : ""));
+        for (const auto& [suspended, hard] : {std::pair{false, false}, {true, false}, {false, true}}) {
+            SCOPED_TRACE(each.name + string(suspended ? ", suspended" : "") + (hard ? ", hard" : ""));
             const string app = mount(image);
             Child user([&] { each.use(app); });
             SxTime::msleep(100);
             if (suspended) ZqMountMgr().suspend(SxString(image));
-            const Outcome outcome = run({"umount", image});
+            const Outcome outcome = run({"umount", image, hard ? "--hard" : "--quiet"});
             EXPECT_EQ(outcome.code, 0) << outcome.err;
             if (each.busy) {
                 EXPECT_THAT(outcome.out, HasSubstr("was in use"));
@@ -381,6 +396,7 @@ TEST_F(Drive, syncedWritesOutliveAKilledService) {
         ::kill(static_cast<pid_t>(statusOf(image).servicePid), SIGKILL);
         writer.kill();
         writer.wait();
+        expectConsistent(image);
     }
     mount(image, {"--mode", "rtw"});
     EXPECT_EQ(std::hash<string>()(TempDir::readFile(image + "/img.zqf")), digest);
@@ -408,23 +424,55 @@ TEST_F(Drive, twoImagesDontKnowOfEachOtherAndOneHasOneHolder) {
 }
 
 TEST_F(Drive, anEndingServiceLosesNoRequest) {
-    ::setenv("TAVRIN_ZQDD_IDLE_MS", "100", 1);
+    ::setenv("TAVRIN_ZQDD_IDLE_MS", "10", 1);
+    const string socket = ZqServiceFolder::of(ZqMachineRoot::get().str()) + ZqServiceFolder::SOCKET;
     TestRandom random(5);
     TRACE_SEED(random);
-    std::atomic<int> failures{0};
+    std::atomic<int> nFailed{0}, nStarts{0};
     std::vector<std::thread> clients;
     for (int i = 0; i < 2; ++i) {
         clients.emplace_back([&, seed = random.below(1000)] {
             std::mt19937_64 own(seed);
-            for (int round = 0; round < 150; ++round) {
-                if (!ZqMountMgr::drivePing()) ++failures;
-                SxTime::msleep(static_cast<int64>(own() % 250));
+            for (int round = 0; round < 500; ++round) {
+                nStarts += !fs::exists(socket);
+                if (!ZqMountMgr::drivePing()) ++nFailed;
+                SxTime::msleep(static_cast<int64>(own() % 24));
             }
         });
     }
     for (std::thread& each : clients)
         each.join();
-    EXPECT_EQ(failures, 0);
+    EXPECT_EQ(nFailed, 0);
+    EXPECT_GT(nStarts, 100) << "the services hardly ever ended";
+}
+
+TEST_F(Drive, aChangedDriveLetterDoesntKeepADrive) {
+    const string image = build("image", "ext4");
+    const fs::path letter = dir.path("root/dosdevices/d:");
+    const string says = "The drive letter D: had been changed or removed; it is left as it is\nUnmounted\n";
+    for (const bool isChanged : {false, true}) {
+        write(mount(image) + "/saved", "yes");
+        fs::remove(letter);
+        if (isChanged) fs::create_directory_symlink(source, letter);
+        EXPECT_EQ(done({"umount", image}), says);
+        EXPECT_THAT(leftovers(), testing::IsEmpty());
+    }
+    EXPECT_EQ(fs::read_symlink(letter), source);
+    EXPECT_EQ(TempDir::readFile(mount(image) + "/saved"), "yes");
+    EXPECT_EQ(statusOf(image).drive, "E:");
+    done({"umount", image});
+}
+
+TEST_F(Drive, anImageInThePlaceOfAMountedOneIsAnother) {
+    const string image = build("image", "erofs");
+    mount(image);
+    fs::remove_all(image);
+    EXPECT_THAT(done({"status", image}), HasSubstr("was removed or replaced since"));
+    build("image", "ext4");
+    EXPECT_THAT(run({"mount", image}).err, HasSubstr("take that away first, with: tavrin umount " + image));
+    done({"umount", image});
+    EXPECT_EQ(treeOf(mount(image)), treeOf(source));
+    done({"umount", image});
 }
 
 TEST_F(Drive, aKilledClientLeavesADriveThatCanBeSeenAndRemoved) {

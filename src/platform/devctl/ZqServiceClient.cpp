@@ -32,6 +32,7 @@ constexpr int MAX_TRIES = 4;
 std::atomic<int> cacheSize{-1}; // bytes; -1: never set
 
 thread_local SxString lastFailure;
+thread_local bool lastBusy = false;
 
 /// This thread's connection. A child process must not share it, so it knows whose it is.
 struct Connection {
@@ -227,6 +228,14 @@ SxString ZqServiceClient::getLastFailure() {
     return lastFailure;
 }
 
+void ZqServiceClient::setBusy(bool busy) {
+    lastBusy = busy;
+}
+
+bool ZqServiceClient::wasBusy() {
+    return lastBusy;
+}
+
 ZqDiskStatus ZqServiceClient::readStatus(Reader* answer) {
     ZqDiskStatus status;
     status.image = answer->text();
@@ -243,6 +252,7 @@ ZqDiskStatus ZqServiceClient::readStatus(Reader* answer) {
     status.nBeyondQA = answer->number();
     status.mounterPid = static_cast<int64>(answer->number());
     status.ready = answer->flag();
+    status.replaced = answer->flag();
     status.removable = answer->flag();
     status.underflow = answer->flag();
     status.suspended = answer->flag();

@@ -30,6 +30,10 @@ void keepCacheSize(int bytes);
 void setLastFailure(const SxString& text);
 SxString getLastFailure();
 
+/// Whether the disk that this thread ejected last was in use.
+void setBusy(bool busy);
+bool wasBusy();
+
 /// Reads what an answer says of a disk.
 ZqDiskStatus readStatus(ZqDriveWire::Reader* answer);
 

@@ -146,6 +146,20 @@ void ZqVolume::setReady(const SxString& image) {
                       "Cannot complete the mount of image '" + image + "'", UNIT, __LINE__);
 }
 
+SxList<SxString> ZqVolume::getLeftovers() {
+    SxList<SxString> images;
+    if (ZqServiceClient::isServing()) return images;
+    const std::string mounts =
+        ZqServiceFolder::of(ZqMachineRoot::get().str()) + ZqServiceFolder::MOUNTS + "/";
+    std::vector<std::string> disks;
+    SxOs::get().list(mounts, &disks);
+    for (const std::string& disk : disks) {
+        const SxString file = SxString(mounts + disk + "/") + ZqServiceFolder::IMAGE;
+        if (SxFSAction::test_f(file)) images.append(SxFileIO::readUtf8(file));
+    }
+    return images;
+}
+
 bool ZqVolume::removeLeftovers(const SxString& image) {
     if (!ZqServiceClient::isServing()) {
         const std::string folder = ZqServiceFolder::of(ZqMachineRoot::get().str());
@@ -161,6 +175,10 @@ bool ZqVolume::removeLeftovers(const SxString& image) {
                           "Cannot remove what a drive service left behind", UNIT, __LINE__);
     }
     return answer.flag();
+}
+
+bool ZqVolume::wasBusy() {
+    return ZqServiceClient::wasBusy();
 }
 
 SxString ZqVolume::getLastFailure() {

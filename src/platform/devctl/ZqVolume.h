@@ -18,11 +18,12 @@ struct ZqDiskStatus {
     SxString drive;     ///< letter and colon; empty until it has one
     SxString failure;   ///< why it could not be mounted, or a read failed; empty where nothing has
     uint64 deviceId = 0, sectorSize = 0, cursor = 0, nIncluded = 0, queueLength = 0;
-    uint64 nReads = 0;    ///< reads that reached the drive
-    uint64 nHeld = 0;     ///< reads that are held now
-    uint64 nBeyondQA = 0; ///< reads at or above the QA cursor
-    bool ready = false;   ///< whoever mounts it has said that all of its mount is done
-    int64 mounterPid = 0; ///< the process that had it mounted
+    uint64 nReads = 0;     ///< reads that reached the drive
+    uint64 nHeld = 0;      ///< reads that are held now
+    uint64 nBeyondQA = 0;  ///< reads at or above the QA cursor
+    bool ready = false;    ///< whoever mounts it has said that all of its mount is done
+    int64 mounterPid = 0;  ///< the process that had it mounted
+    bool replaced = false; ///< the image was removed since, or another one stands in its place
     bool removable = false, underflow = false, suspended = false, monitored = false;
     int64 servicePid = 0;
 };
@@ -53,10 +54,15 @@ public:
     static bool findDisk(const SxString& image, ZqDiskStatus* status);
     /// Says that the mount of an image is complete.
     static void setReady(const SxString& image);
+    /// The image folders whose drives a service that was killed has left behind, as long as no other one
+    /// runs.
+    static SxList<SxString> getLeftovers();
     /// Removes what a service that was killed has left behind in this machine root (mounts, loop devices,
     /// connections, letters, the socket). Gives whether a drive of `image` was, or has been since it was last
     /// asked for, among that.
     static bool removeLeftovers(const SxString& image);
+    /// Whether a program still used the volume that zqDriveEjectImage() took away last on this thread.
+    static bool wasBusy();
     /// Why the last function of the control library failed on this thread, in words for the user; empty where
     /// the last one succeeded.
     static SxString getLastFailure();

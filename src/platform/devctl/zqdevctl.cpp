@@ -118,7 +118,13 @@ ZqStatus zqDriveMountImage(ZqWide image, ZqWide traceFolder, ZqFlag readOnly, Zq
 }
 
 ZqStatus zqDriveEjectImage(ZqWide image) {
-    return callImage(Call::Eject, image);
+    return guarded([&] {
+        Reader answer;
+        const Writer request = Writer().text(keyOf(fromWide(image))).number(0);
+        const ZqStatus status = perform(Call::Eject, request, &answer, Start::Never);
+        ZqServiceClient::setBusy(status == OK && answer.flag());
+        return status;
+    });
 }
 
 ZqStatus zqDriveIsMounted(ZqWide image, ZqFlag* flag) {

@@ -307,6 +307,8 @@ void ZqVolume::setLabel(const SxString& drive, const SxString& label) {
 }
 bool ZqVolume::findDisk(const SxString&, ZqDiskStatus* status) {
     status->failure = ScriptedDriver::get().diskFailure;
+    status->deviceId = DEVICE_ID;
+    status->drive = "E:";
     return true;
 }
 void ZqVolume::setReady(const SxString&) {
@@ -314,6 +316,9 @@ void ZqVolume::setReady(const SxString&) {
 }
 bool ZqVolume::removeLeftovers(const SxString&) {
     return false;
+}
+bool ZqVolume::wasBusy() {
+    return ScriptedDriver::get().isBusy;
 }
 SxString ZqVolume::getLastFailure() {
     return ScriptedDriver::get().lastFailure;
