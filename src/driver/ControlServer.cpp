@@ -75,7 +75,7 @@ private:
 /// waiting.
 class ControlServer::Ticker : public SxSystemThread {
 public:
-    explicit Ticker(Service* service_) : service(service_) { setThreadName("tick"); }
+    Ticker(Service* service_, int64 passMs_) : service(service_), passMs(passMs_) { setThreadName("tick"); }
     ~Ticker() override {
         stopping = true;
         wait();
@@ -89,12 +89,13 @@ protected:
             } catch (const std::exception& e) {
                 driverLog(e.what());
             }
-            SxTime::msleep(TICK_MS);
+            SxTime::msleep(passMs);
         }
     }
 
 private:
     Service* service;
+    const int64 passMs;
     std::atomic<bool> stopping{false};
 };
 
@@ -216,9 +217,9 @@ bool ControlServer::endIfIdle() {
 }
 
 void ControlServer::run(const std::atomic<bool>& stop) {
-    Ticker ticker(service);
-    ticker.start();
     const auto passMs = static_cast<int>(std::clamp<int64>(idleMs, 1, TICK_MS));
+    Ticker ticker(service, passMs);
+    ticker.start();
     while (!stop) {
         pollfd waiting = {listener, POLLIN, 0};
         if (::poll(&waiting, 1, passMs) > 0) accept();

@@ -2,6 +2,7 @@
 #include "SxException.h"
 #include "ZqServiceFolder.h"
 
+#include <barrier>
 #include <csignal>
 #include <fstream>
 #include <random>
@@ -424,26 +425,30 @@ TEST_F(Drive, twoImagesDontKnowOfEachOtherAndOneHasOneHolder) {
 }
 
 TEST_F(Drive, anEndingServiceLosesNoRequest) {
-    ::setenv("TAVRIN_ZQDD_IDLE_MS", "10", 1);
+    constexpr int N_ROUNDS = 1000;
+    ::setenv("TAVRIN_ZQDD_IDLE_MS", "5", 1);
     const string socket = ZqServiceFolder::of(ZqMachineRoot::get().str()) + ZqServiceFolder::SOCKET;
     TestRandom random(5);
     TRACE_SEED(random);
-    std::atomic<int> nFailed{0}, nStarts{0};
+    std::atomic<int> nFailed{0}, nEnded{0};
+    // Both clients come once more at about the time when the service ends.
+    std::barrier round(2);
     std::vector<std::thread> clients;
     for (int i = 0; i < 2; ++i) {
-        clients.emplace_back([&, seed = random.below(1000)] {
+        clients.emplace_back([&, i, seed = random.below(1000)] {
             std::mt19937_64 own(seed);
-            for (int round = 0; round < 500; ++round) {
-                nStarts += !fs::exists(socket);
+            for (int n = 0; n < N_ROUNDS; ++n) {
+                SxTime::msleep(static_cast<int64>(5 + own() % 8));
+                nEnded += i == 0 && !fs::exists(socket);
                 if (!ZqMountMgr::drivePing()) ++nFailed;
-                SxTime::msleep(static_cast<int64>(own() % 24));
+                round.arrive_and_wait();
             }
         });
     }
     for (std::thread& each : clients)
         each.join();
     EXPECT_EQ(nFailed, 0);
-    EXPECT_GT(nStarts, 100) << "the services hardly ever ended";
+    EXPECT_GT(nEnded, N_ROUNDS / 4) << "the services hardly ever ended";
 }
 
 TEST_F(Drive, aChangedDriveLetterDoesntKeepADrive) {
