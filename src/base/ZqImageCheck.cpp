@@ -168,13 +168,8 @@ void ZqImageCheck::checkZqf() {
 void ZqImageCheck::checkPacked() {
     const SxString file = pathPrefix + ZqImageFiles::PACKED;
     if (!SxFSAction::test_f(file) || partial || app.checksumZqf.isEmpty()) return;
-    // It stands in front of the seek table, whose size depends on that of img.zqf alone.
-    const uint64 nEntries = sizeZqf / ZqPackedForm::FRAME + (sizeZqf % ZqPackedForm::FRAME != 0 ? 1 : 0) + 1;
-    const int64 tail = ZqPackedForm::ORIGIN_SIZE + ZqPackedForm::HEADER_SIZE + ZqPackedForm::FOOTER_SIZE +
-                       static_cast<int64>(nEntries) * ZqPackedForm::ENTRY_SIZE;
     SxFileIO input(file, "rb", 0600);
     SxArray<char> origin(ZqPackedForm::ORIGIN_SIZE);
-    input.seek(std::max<int64>(input.getSize() - tail, 0));
     const int64 n = input.readBuffer(origin.data(), origin.getSize());
     if (std::string(origin.data(), static_cast<size_t>(n)) == ZqPackedForm::origin(app.checksumZqf)) {
         notes.append(ZqImageFiles::PACKED + SxString(": packed of this img.zqf"));

@@ -54,41 +54,45 @@ void ZqRuntimeInfo::reset() {
     *this = fresh;
 }
 
+SxSymbol ZqRuntimeInfo::toJson() const {
+    SxSymbol root;
+    root.setType(SxParserAst::Object);
+    root.append("version", version);
+    root.append("guid", guid);
+    root.append("time0", time0);
+    root.append("nStarts", nStarts);
+    root.append("runTime", runTime);
+    root.append("preloadSize", preloadSize);
+    root.append("timeToStart", timeToStart);
+    root.append("dataAtStart", dataAtStart);
+    root.append("dataAtEnd", dataAtEnd);
+    root.append("downloadFromZero", downloadFromZero);
+    root.append("downloadComplete", downloadComplete);
+    root.append("avgSpeed", avgSpeed);
+    root.append("sigmaSpeed", sigmaSpeed);
+    root.append("reqSpeed", reqSpeed);
+    root.append("prefetchSizeMB", prefetchSizeMB);
+    root.append("nUnderflows", nUnderflows);
+    root.append("avgUnderflowTime", avgUnderflowTime);
+    root.append("avgUnderflowSize", avgUnderflowSize);
+    root.append("maxUnderflowTime", maxUnderflowTime);
+    root.append("maxUnderflowSize", maxUnderflowSize);
+    root.append("nOnDemandFetches", nOnDemandFetches);
+    root.append("avgOnDemandSize", avgOnDemandSize);
+    root.append("avgOnDemandTime", avgOnDemandTime);
+    root.append("maxOnDemandTime", maxOnDemandTime);
+    root.append("avgOnDemandQueue", avgOnDemandQueue);
+    root.append("maxOnDemandQueue", maxOnDemandQueue);
+    root.append("exitCode", exitCode);
+    return root;
+}
+
 void ZqRuntimeInfo::write(const SxString& folder) const {
     SxString file = (folder.isEmpty() ? path : folder);
     if (!file.isEmpty() && !file.endsWith("/")) file += "/";
     file += ZqImageFiles::RUNTIME_JSON;
     try {
-        SxSymbol root;
-        root.setType(SxParserAst::Object);
-        root.append("version", version);
-        root.append("guid", guid);
-        root.append("time0", time0);
-        root.append("nStarts", nStarts);
-        root.append("runTime", runTime);
-        root.append("preloadSize", preloadSize);
-        root.append("timeToStart", timeToStart);
-        root.append("dataAtStart", dataAtStart);
-        root.append("dataAtEnd", dataAtEnd);
-        root.append("downloadFromZero", downloadFromZero);
-        root.append("downloadComplete", downloadComplete);
-        root.append("avgSpeed", avgSpeed);
-        root.append("sigmaSpeed", sigmaSpeed);
-        root.append("reqSpeed", reqSpeed);
-        root.append("prefetchSizeMB", prefetchSizeMB);
-        root.append("nUnderflows", nUnderflows);
-        root.append("avgUnderflowTime", avgUnderflowTime);
-        root.append("avgUnderflowSize", avgUnderflowSize);
-        root.append("maxUnderflowTime", maxUnderflowTime);
-        root.append("maxUnderflowSize", maxUnderflowSize);
-        root.append("nOnDemandFetches", nOnDemandFetches);
-        root.append("avgOnDemandSize", avgOnDemandSize);
-        root.append("avgOnDemandTime", avgOnDemandTime);
-        root.append("maxOnDemandTime", maxOnDemandTime);
-        root.append("avgOnDemandQueue", avgOnDemandQueue);
-        root.append("maxOnDemandQueue", maxOnDemandQueue);
-        root.append("exitCode", exitCode);
-        ZqRecordFile::write(root, file);
+        ZqRecordFile::write(toJson(), file);
     } catch (const SxException& e) {
         throw SxException(e, "Failed to write file " + SxFileInfo(file).getAbsPath(), UNIT, __LINE__);
     }

@@ -3,6 +3,7 @@
 #include "SxList.h"
 #include "SxPtr.h"
 #include "SxString.h"
+#include "SxSymbol.h"
 
 /// Statistics of one run of a streamed application. The jobs of the library write into it while they run,
 /// each its own fields; the client fills the rest and reads it afterwards. All fields are public, there is no
@@ -92,6 +93,8 @@ public:
     /// Makes the record ready for a new run: a new `id`; organisation, token, versions and the facts of the
     /// machine stay.
     void reset();
+    /// The record as `runtime.json` has it.
+    SxParserKit::SxSymbol toJson() const;
     /// Writes `runtime.json` into the folder `path`, or into that of the field `path` where it is empty;
     /// makes the folder. Raises "Failed to write file ..." with the cause.
     void write(const SxString& path) const;

@@ -6,9 +6,7 @@
 #include <tavrin/SxTime.h>
 #include <tavrin/ZqImageFolder.h>
 
-#include <array>
 #include <atomic>
-#include <csignal>
 
 namespace {
 constexpr const char* UNIT = "src/client/Job";
@@ -16,32 +14,6 @@ constexpr int64 POLL_MS = 100;
 
 std::atomic<bool> stopAsked = false;
 static_assert(std::atomic<bool>::is_always_lock_free, "set in a signal handler");
-
-/// Notes the signals that ask for an end, once each, while it lives. One that the caller of the client
-/// ignores, as nohup does, stays ignored.
-class StopSignals {
-public:
-    StopSignals() {
-        stopAsked = false;
-        struct sigaction action = {};
-        action.sa_handler = [](int) { stopAsked = true; };
-        action.sa_flags = static_cast<int>(SA_RESETHAND | SA_RESTART);
-        for (size_t i = 0; i < SIGNALS.size(); ++i) {
-            ::sigaction(SIGNALS[i], nullptr, &before[i]);
-            if (before[i].sa_handler != SIG_IGN) ::sigaction(SIGNALS[i], &action, nullptr);
-        }
-    }
-    ~StopSignals() {
-        for (size_t i = 0; i < SIGNALS.size(); ++i)
-            ::sigaction(SIGNALS[i], &before[i], nullptr);
-    }
-    StopSignals(const StopSignals&) = delete;
-    StopSignals& operator=(const StopSignals&) = delete;
-
-private:
-    static constexpr std::array<int, 3> SIGNALS = {SIGINT, SIGTERM, SIGHUP};
-    std::array<struct sigaction, 3> before = {};
-};
 
 /// The failure that a stop is shown as; any but that of the stop itself happened on the way out.
 SxException stopped(const ZqTaskMon& job) {
@@ -51,13 +23,33 @@ SxException stopped(const ZqTaskMon& job) {
 }
 } // namespace
 
+StopSignals::StopSignals() {
+    stopAsked = false;
+    struct sigaction action = {};
+    action.sa_handler = [](int) { stopAsked = true; };
+    action.sa_flags = static_cast<int>(SA_RESETHAND | SA_RESTART);
+    for (size_t i = 0; i < SIGNALS.size(); ++i) {
+        ::sigaction(SIGNALS[i], nullptr, &before[i]);
+        if (before[i].sa_handler != SIG_IGN) ::sigaction(SIGNALS[i], &action, nullptr);
+    }
+}
+
+StopSignals::~StopSignals() {
+    for (size_t i = 0; i < SIGNALS.size(); ++i)
+        ::sigaction(SIGNALS[i], &before[i], nullptr);
+}
+
+bool StopSignals::isAsked() const {
+    return stopAsked;
+}
+
 double runJob(ZqTaskMon* job, const SxString& label, const Output& out) {
     StopSignals signals;
     Progress progress(out.getMode(), label);
     const int64 startNs = SxClock::get().steadyNs();
     job->start();
     while (!SxWait::pass(POLL_MS, [&] { return !job->isRunning(); })) {
-        if (stopAsked) job->stop();
+        if (signals.isAsked()) job->stop();
         progress.update(job->getNCurrent(), job->getNTotal());
     }
     job->wait();

@@ -4,6 +4,8 @@
 
 #include <tavrin/ZqTaskMon.h>
 
+#include <array>
+#include <csignal>
 #include <functional>
 
 /// Job that runs one operation of the library, which counts its progress in it.
@@ -18,6 +20,23 @@ protected:
 
 private:
     Function function;
+};
+
+/// Notes the signals that ask for an end (SIGINT, SIGTERM, SIGHUP), once each, while it lives; a second one
+/// has its usual effect. One that the caller of the client ignores, as nohup does, stays ignored. One object
+/// at a time, main thread only.
+class StopSignals {
+public:
+    StopSignals();
+    ~StopSignals();
+    StopSignals(const StopSignals&) = delete;
+    StopSignals& operator=(const StopSignals&) = delete;
+
+    bool isAsked() const;
+
+private:
+    static constexpr std::array<int, 3> SIGNALS = {SIGINT, SIGTERM, SIGHUP};
+    std::array<struct sigaction, 3> before = {};
 };
 
 /// Starts `job`, shows its progress under `label` until it has ended, and gives the seconds that it took.

@@ -1,4 +1,5 @@
 #include "App.h"
+#include "RunVerbs.h"
 #include "Verbs.h"
 
 #include <tavrin/SxFileInfo.h>
@@ -26,7 +27,7 @@ using SxParserKit::SxSymbol;
 namespace Json = SxParserAst;
 
 struct MountOptions {
-    SxString image, mode, trace;
+    SxString image, mode, trace, url;
     bool failOnMissing = false;
 };
 
@@ -105,6 +106,14 @@ bool mountOrYield(ZqMountMgr* manager, ZqMountMgr::MountMode mode, const ZqAppPa
 }
 
 int mount(const MountOptions& options, Output& out) {
+    if (!options.url.isEmpty()) {
+        if (options.failOnMissing) {
+            throw SxException("With --url missing blocks are fetched: --fail-on-missing can't be given, too",
+                              UNIT, __LINE__);
+        }
+        return mountFed({options.image, options.url, options.mode, options.trace}, out,
+                        [&] { tellMount(options.image, "Mounted", &out); });
+    }
     ZqMountMgr manager;
     if (isMountedWhole(&manager, options.image)) {
         if (!options.mode.isEmpty() || !options.trace.isEmpty() || options.failOnMissing) {
@@ -244,6 +253,8 @@ void registerMountVerbs(App* app) {
         .choice("--mode", &mountOptions.mode, {"ro", "rw", "rtw"},
                 "Read only, written in place, or written into a layer; as app.json says where not given")
         .text("--trace", &mountOptions.trace, "DIR", "Record which blocks are read, in this folder")
+        .text("--url", &mountOptions.url, "FOLDER_URL",
+              "Fetch what is missing from there, and stay until the drive is unmounted")
         .flag("--fail-on-missing", &mountOptions.failOnMissing, "Let reads of missing blocks fail")
         .action([](Output& out) { return mount(mountOptions, out); });
 

@@ -9,6 +9,7 @@ class Progress {
 public:
     Progress(const OutputMode& mode, const SxString& label);
 
+    void setLabel(const SxString& text) { label = text; }
     /// Shows that `nCurrent` of `nTotal` bytes are done; a total of 0 isn't known yet.
     void update(uint64 nCurrent, uint64 nTotal);
     /// Takes the drawn line away.

@@ -12,4 +12,5 @@ void registerContentVerbs(App* app);
 void registerTraceVerbs(App* app);
 void registerMountVerbs(App* app);
 void registerServeVerbs(App* app);
+void registerRunVerbs(App* app);
 void registerCompletionVerbs(App* app);

@@ -8,6 +8,7 @@ int main(int argc, char** argv) {
     registerTraceVerbs(&app);
     registerMountVerbs(&app);
     registerServeVerbs(&app);
+    registerRunVerbs(&app);
     registerCompletionVerbs(&app);
     return app.run(argc, argv);
 }

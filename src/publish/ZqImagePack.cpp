@@ -129,7 +129,13 @@ private:
 /// The packed file while it is written.
 class ZqImagePack::Writer {
 public:
-    explicit Writer(const SxString& path) { file.create(path, 0644); }
+    explicit Writer(const SxString& path) {
+        file.create(path, 0644);
+        // Which image it is comes out at the end, and must stand where a client sees it first.
+        const std::string origin(ZqPackedForm::ORIGIN_SIZE, '\0');
+        write(origin);
+        addEntry(ZqPackedForm::ORIGIN_SIZE, 0, ZqPackedForm::EMPTY_CHECKSUM);
+    }
 
     void write(const Slot& slot) {
         write(slot.packed);
@@ -141,9 +147,6 @@ public:
 
     /// Gives the bytes of the file.
     uint64 finish(const SxString& md5) {
-        const std::string origin = ZqPackedForm::origin(md5);
-        write(origin);
-        addEntry(static_cast<int64>(origin.size()), 0, ZqPackedForm::EMPTY_CHECKSUM);
         const int64 nEntries = static_cast<int64>(entries.size()) / ZqPackedForm::ENTRY_SIZE;
         std::string table;
         ZqPackedForm::append(&table, ZqPackedForm::TABLE_MAGIC);
@@ -153,8 +156,10 @@ public:
         table.push_back(static_cast<char>(ZqPackedForm::HAS_CHECKSUMS));
         ZqPackedForm::append(&table, ZqPackedForm::SEEK_MAGIC);
         write(table);
-        file.sync();
         const auto size = static_cast<uint64>(file.getOffset());
+        file.seek(0);
+        write(ZqPackedForm::origin(md5));
+        file.sync();
         file.close();
         return size;
     }

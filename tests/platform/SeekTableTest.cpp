@@ -55,7 +55,10 @@ TEST(SeekTable, tellsWhereFramesLie) {
             offset += packed.frames[i].size();
         }
     }
-    EXPECT_EQ(ZqSeekTable::maxTail(SIZE), PackedImage(zqf).table.size());
+    const PackedImage packed(zqf, true, std::string(32, 'a'));
+    const ZqSeekTable table(packed.table.data(), packed.table.size(), packed.bytes().size(), SIZE);
+    EXPECT_EQ(table.getFrame(0).offset, 44u);
+    EXPECT_EQ(ZqSeekTable::maxTail(SIZE), packed.table.size());
 }
 
 TEST(SeekTable, refusesWhatDoesNotFit) {

@@ -50,7 +50,7 @@ void expectPacked(const std::string& packed, const std::string& zqf) {
     EXPECT_EQ(number(packed, table - 8), 0x184D2A5EU);
     EXPECT_EQ(number(packed, table - 4), nEntries * 12 + 9);
 
-    EXPECT_EQ(packed.substr(table - 8 - 44, 44),
+    EXPECT_EQ(packed.substr(0, 44),
               std::string("\x50\x2a\x4d\x18\x24\0\0\0md5=", 12) + SxMd5::get(SxString(zqf)).str());
 
     size_t at = 0, done = 0;
@@ -58,7 +58,7 @@ void expectPacked(const std::string& packed, const std::string& zqf) {
         const size_t size = number(packed, table + i * 12), plain = number(packed, table + i * 12 + 4);
         ASSERT_LE(at + size, table - 8);
         const std::string frame = packed.substr(at, size);
-        if (i < nFrames) {
+        if (i > 0) {
             EXPECT_EQ(plain, std::min<size_t>(204800, zqf.size() - done));
             EXPECT_EQ(ZSTD_getFrameContentSize(frame.data(), frame.size()), plain);
             EXPECT_EQ(number(packed, table + i * 12 + 8), number(frame, frame.size() - 4));

@@ -24,9 +24,13 @@ std::string le32(uint64 value) {
     return bytes;
 }
 
-PackedImage::PackedImage(const std::string& zqf, bool withChecksums) {
+PackedImage::PackedImage(const std::string& zqf, bool withChecksums, const std::string& md5) {
     constexpr size_t FRAME = 204'800;
     std::string entries;
+    if (!md5.empty()) {
+        origin = le32(0x184D2A50) + le32(36) + "md5=" + md5;
+        entries = le32(origin.size()) + le32(0) + (withChecksums ? le32(0) : "");
+    }
     ZSTD_CCtx* context = ZSTD_createCCtx();
     ZSTD_CCtx_setParameter(context, ZSTD_c_checksumFlag, 1);
     for (size_t at = 0; at < zqf.size(); at += FRAME) {
@@ -38,13 +42,13 @@ PackedImage::PackedImage(const std::string& zqf, bool withChecksums) {
         frames.push_back(frame);
     }
     ZSTD_freeCCtx(context);
-    const std::string footer =
-        le32(frames.size()) + std::string(1, withChecksums ? '\x80' : '\0') + le32(0x8F92EAB1);
+    const std::string footer = le32(frames.size() + (md5.empty() ? 0 : 1)) +
+                               std::string(1, withChecksums ? '\x80' : '\0') + le32(0x8F92EAB1);
     table = le32(0x184D2A5E) + le32(entries.size() + footer.size()) + entries + footer;
 }
 
 std::string PackedImage::bytes() const {
-    std::string all;
+    std::string all = origin;
     for (const std::string& frame : frames)
         all += frame;
     return all + table;

@@ -11,11 +11,13 @@
 /// Limits that make a failing request fail within a test's patience.
 ZqNetSettings quickSettings();
 
-/// `img.zqf.zst` for the bytes of an `img.zqf`: one frame for each 204,800 bytes, and the seek table.
+/// `img.zqf.zst` for the bytes of an `img.zqf`: with `md5` a frame that says so, one for each 204,800 bytes,
+/// and the seek table.
 struct PackedImage {
-    explicit PackedImage(const std::string& zqf, bool withChecksums = true);
+    explicit PackedImage(const std::string& zqf, bool withChecksums = true, const std::string& md5 = "");
     std::string bytes() const;
 
+    std::string origin;
     std::vector<std::string> frames;
     std::string table; ///< skippable frame with header and footer
 };

@@ -1,6 +1,7 @@
 #include "ZqImageTableLoader.h"
 
 #include "ZqLog.h"
+#include "ZqPackedForm.h"
 #include "ZqRangeReader.h"
 
 #include <cstring>
@@ -49,7 +50,16 @@ SxArray<char> ZqRemoteImage::TableLoader::fetchTail(uint64 maxTail) {
 }
 
 void ZqRemoteImage::TableLoader::load() {
+    ZqRangeReader origin(*image->packed, 0, ZqPackedForm::ORIGIN_SIZE, ZqTransfer::Kind::Small);
+    origin.begin();
     const SxArray<char> tail = fetchTail(ZqSeekTable::maxTail(image->sizeZqf));
+    SxArray<char> front(ZqPackedForm::ORIGIN_SIZE);
+    const uint64 n = origin.readAll(front.data(), static_cast<uint64>(front.getSize()),
+                                    [this] { return stopping.load(); });
+    if (!image->isOfThisImage(front.data(), static_cast<int64>(n))) {
+        image->refusePacked();
+        return;
+    }
     image->setTable(SxPtr<ZqSeekTable>::create(tail.data(), static_cast<uint64>(tail.getSize()),
                                                image->packed->getSize(), image->sizeZqf),
                     Packed::Offered);

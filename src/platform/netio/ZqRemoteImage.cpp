@@ -4,6 +4,7 @@
 #include "ZqFrameDecoder.h"
 #include "ZqImageTableLoader.h"
 #include "ZqLog.h"
+#include "ZqPackedForm.h"
 #include "ZqRangeReader.h"
 
 #include <chrono>
@@ -31,11 +32,12 @@ struct ZqRemoteImage::Fetch {
 };
 
 ZqRemoteImage::ZqRemoteImage(const SxPtr<ZqNetLink>& link_, const SxString& folderUrl, uint64 sizeZqf_,
-                             const SxArray<SxString>& headers, uint64 maxKept_)
+                             const SxArray<SxString>& headers, uint64 maxKept_, const SxString& digest_)
     : plain(SxPtr<ZqRemoteFile>::create(link_, fileUrl(folderUrl, "img.zqf"), headers, sizeZqf_)),
       packed(SxPtr<ZqRemoteFile>::create(link_, fileUrl(folderUrl, "img.zqf.zst"), headers)),
       sizeZqf(sizeZqf_),
       maxKept(maxKept_),
+      digest(digest_),
       tableLoader(std::make_unique<TableLoader>(this)) {
 }
 
@@ -94,6 +96,21 @@ void ZqRemoteImage::setTableFailure(const SxException& e) {
         tableFailed = true;
     }
     changed.notify_all();
+}
+
+bool ZqRemoteImage::isOfThisImage(const char* bytes, int64 n) const {
+    const std::string known = ZqPackedForm::origin(digest);
+    if (digest.isEmpty() || n < ZqPackedForm::HEADER_SIZE ||
+        std::memcmp(bytes, known.data(), ZqPackedForm::HEADER_SIZE) != 0) {
+        return true;
+    }
+    return n >= ZqPackedForm::ORIGIN_SIZE && std::memcmp(bytes, known.data(), known.size()) == 0;
+}
+
+void ZqRemoteImage::refusePacked() {
+    zqLogMsg("NET",
+             "'" + packed->getUrl().makeVisible() + "' was packed of another img.zqf; it is left aside");
+    setTable(nullptr, Packed::Absent);
 }
 
 SxPtr<ZqSeekTable> ZqRemoteImage::getTable() const {

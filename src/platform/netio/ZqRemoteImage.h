@@ -18,6 +18,7 @@ class ZqRemoteImage {
 public:
     /// Bytes of one stretch: a frame of the packed form, and a request on demand.
     static constexpr uint64 STRETCH = ZqSeekTable::FRAME;
+    static constexpr uint64 MAX_KEPT = 256 << 20;
     /// Ranges that are worth fetching at once.
     static constexpr int64 GROUP = 6;
 
@@ -33,9 +34,11 @@ public:
 
     /// `folderUrl` is the image folder's address, with or without a slash at its end. `sizeZqf` is the
     /// decoded size as `app.json` states it; a server that has another is an error. `maxKept` bounds the
-    /// memory for kept stretches, in bytes.
+    /// memory for kept stretches, in bytes. `digest_` is the MD5 text of `img.zqf`, where that is known: a
+    /// packed form of another image is left aside.
     ZqRemoteImage(const SxPtr<ZqNetLink>& link_, const SxString& folderUrl, uint64 sizeZqf_,
-                  const SxArray<SxString>& headers = {}, uint64 maxKept_ = 256 << 20);
+                  const SxArray<SxString>& headers = {}, uint64 maxKept_ = MAX_KEPT,
+                  const SxString& digest_ = {});
     ~ZqRemoteImage();
     ZqRemoteImage(const ZqRemoteImage&) = delete;
     ZqRemoteImage& operator=(const ZqRemoteImage&) = delete;
@@ -73,6 +76,11 @@ private:
     void openTable();
     void setTable(const SxPtr<ZqSeekTable>& table_, Packed state_);
     void setTableFailure(const SxException& e);
+    /// Whether the packed form that begins with these bytes is that of this image; one that doesn't say so
+    /// counts as it.
+    bool isOfThisImage(const char* bytes, int64 n) const;
+    /// Leaves the packed form aside.
+    void refusePacked();
     /// The table; null until it is there. Raises where it is of no use.
     SxPtr<ZqSeekTable> getTable() const;
     Packed getState() const;
@@ -93,6 +101,7 @@ private:
 
     const SxPtr<ZqRemoteFile> plain, packed;
     const uint64 sizeZqf, maxKept;
+    const SxString digest;
     std::unique_ptr<TableLoader> tableLoader;
 
     mutable SxMutex mutex;

@@ -1,6 +1,7 @@
 #include "SxClock.h"
 #include "ZqFrameDecoder.h"
 #include "ZqLog.h"
+#include "ZqPackedForm.h"
 #include "ZqRangeReader.h"
 #include "ZqRemoteImage.h"
 
@@ -45,6 +46,7 @@ private:
     bool takePlain(const SxArray<char>& piece, bool* isSkipping);
     bool runPacked();
     bool runFrames();
+    bool skipOrigin(ZqRangeReader* reader, SxArray<char>* pending);
     bool fill(ZqRangeReader* reader, SxArray<char>* pending);
     int64 frameAt(const SxArray<char>& pending, const SxPtr<ZqSeekTable>& table) const;
     bool takeFrame(const Bytes& bytes, uint64 nWire);
@@ -184,6 +186,7 @@ bool ZqRemoteImage::StreamRun::runFrames() {
     }
     ZqRangeReader reader(*image->packed, wirePos, wireEnd, ZqTransfer::Kind::Ordered);
     SxArray<char> pending;
+    if (!table && wirePos == 0 && !skipOrigin(&reader, &pending)) return true;
     while (stretchIdx() < end) {
         Bytes bytes;
         int64 n = 0;
@@ -204,6 +207,24 @@ bool ZqRemoteImage::StreamRun::runFrames() {
             return true;
         }
     }
+    return true;
+}
+
+/// Takes what the file says of its image off its front; false where that is another one.
+bool ZqRemoteImage::StreamRun::skipOrigin(ZqRangeReader* reader, SxArray<char>* pending) {
+    while (pending->getSize() < ZqPackedForm::ORIGIN_SIZE) {
+        if (!fill(reader, pending)) break;
+    }
+    if (!image->isOfThisImage(pending->data(), pending->getSize())) {
+        image->refusePacked();
+        return false;
+    }
+    uint32 magic = 0;
+    if (pending->getSize() < ZqPackedForm::ORIGIN_SIZE) return true;
+    std::memcpy(&magic, pending->data(), sizeof magic);
+    if (magic != ZqPackedForm::ORIGIN_MAGIC) return true;
+    cutFront(pending, ZqPackedForm::ORIGIN_SIZE);
+    wirePos = ZqPackedForm::ORIGIN_SIZE;
     return true;
 }
 

@@ -1,6 +1,7 @@
 #include "ZqSeekTable.h"
 
 #include "SxException.h"
+#include "ZqPackedForm.h"
 
 namespace {
 
@@ -23,7 +24,7 @@ uint32 readUint32(const char* bytes) {
 } // namespace
 
 uint64 ZqSeekTable::maxTail(uint64 sizeZqf) noexcept {
-    return HEADER + countFrames(sizeZqf) * 12 + FOOTER;
+    return HEADER + (countFrames(sizeZqf) + 1) * 12 + FOOTER;
 }
 
 ZqSeekTable::ZqSeekTable(const char* tail, uint64 nTail, uint64 sizePacked, uint64 sizeZqf) {
@@ -35,13 +36,14 @@ ZqSeekTable::ZqSeekTable(const char* tail, uint64 nTail, uint64 sizePacked, uint
     if ((descriptor & RESERVED_BITS) != 0) raise("The seek table is of an unknown kind", __LINE__);
     checksums = (descriptor & CHECKSUM_FLAG) != 0;
 
-    const uint64 nFrames = readUint32(footer), nWanted = countFrames(sizeZqf);
-    if (nFrames != nWanted) {
-        raise("The seek table has " + SxString(nFrames) + " frames, and the image takes " + SxString(nWanted),
+    const uint64 nEntries = readUint32(footer), nFrames = countFrames(sizeZqf);
+    if (nEntries != nFrames && nEntries != nFrames + 1) {
+        raise("The seek table has " + SxString(nEntries) + " frames, and the image takes " +
+                  SxString(nFrames),
               __LINE__);
     }
     const uint64 entry = checksums ? 12 : 8;
-    const uint64 nTable = HEADER + nFrames * entry + FOOTER;
+    const uint64 nTable = HEADER + nEntries * entry + FOOTER;
     if (nTable > nTail) raise("The seek table is cut short", __LINE__);
     const char* at = tail + nTail - nTable;
     if (readUint32(at) != SKIPPABLE_MAGIC || readUint32(at + 4) != nTable - HEADER) {
@@ -51,6 +53,13 @@ ZqSeekTable::ZqSeekTable(const char* tail, uint64 nTail, uint64 sizePacked, uint
 
     frames.resize(static_cast<int64>(nFrames));
     uint64 offset = 0;
+    if (nEntries > nFrames) {
+        offset = readUint32(at);
+        if (offset != ZqPackedForm::ORIGIN_SIZE || readUint32(at + 4) != 0) {
+            raise("The seek table begins with a frame that no image has", __LINE__);
+        }
+        at += entry;
+    }
     for (uint64 frameIdx = 0; frameIdx < nFrames; ++frameIdx, at += entry) {
         const uint64 wanted = std::min(FRAME, sizeZqf - frameIdx * FRAME);
         const uint32 size = readUint32(at), decoded = readUint32(at + 4);

@@ -1,0 +1,313 @@
+#include "ZqImageFeed.h"
+
+#include "SxException.h"
+#include "SxFSAction.h"
+#include "SxFileIO.h"
+#include "SxMd5.h"
+#include "SxTime.h"
+#include "ZqCoreUnderflowMgr.h"
+#include "ZqFWriter.h"
+#include "ZqImageFiles.h"
+#include "ZqImageFolder.h"
+#include "ZqImageProgress.h"
+#include "ZqImageRecords.h"
+#include "ZqLog.h"
+#include "ZqOrderedDownload.h"
+#include "ZqStreamRecord.h"
+#include "ZqSysEnv.h"
+#include "zqnetio.h"
+
+#include <algorithm>
+
+namespace {
+
+constexpr const char* UNIT = "src/base/ZqImageFeed";
+constexpr uint64 BLOCK = 4096;
+constexpr double MBIT = 125'000.;
+/// Free space at which a writer that had none begins again; its test of the disk takes 50 MiB.
+constexpr uint64 ROOM = 96 << 20;
+constexpr int64 ROOM_LOOK_NS = 500'000'000;
+/// Writers that fail one after the other, without a byte written, until it is given up.
+constexpr int WRITER_TRIES = 3;
+constexpr int64 DIGEST_PIECE = 1 << 20;
+constexpr uint64 ANY_RATE = ~uint64{0};
+
+} // namespace
+
+/// Looks after the other threads.
+class ZqImageFeed::Keeper : public SxSystemThread {
+public:
+    explicit Keeper(ZqImageFeed* feed_) : feed(feed_) { setThreadName("feed"); }
+
+protected:
+    void main() override {
+        while (!feed->stopping) {
+            try {
+                feed->keep();
+            } catch (const SxException& e) {
+                feed->fail(e);
+                return;
+            }
+            SxTime::msleep(SxWait::LOOK_MS);
+        }
+    }
+
+private:
+    ZqImageFeed* const feed;
+};
+
+ZqImageFeed::ZqImageFeed(const Settings& settings_) : settings(settings_) {
+    SxEventBus::getGlobalObj().subscribe(SX_APP_ERROR, &failures);
+}
+
+ZqImageFeed::~ZqImageFeed() {
+    stop();
+    SxEventBus::getGlobalObj().unsubscribe(&failures);
+}
+
+SxString ZqImageFeed::filePath(const char* name) const {
+    return ZqImageFolder::prefix(settings.image) + name;
+}
+
+uint64 ZqImageFeed::fileSize() const {
+    const SxFileInfo zqf(filePath(ZqImageFiles::ZQF));
+    return zqf.isFile() ? static_cast<uint64>(zqf.getSize()) : 0;
+}
+
+bool ZqImageFeed::isComplete() const {
+    return fileSize() >= app.sizeZqf;
+}
+
+uint64 ZqImageFeed::countBlocks() const {
+    if (isComplete()) return (static_cast<uint64>(params.sizeRaw) + BLOCK - 1) / BLOCK;
+    return ZqImageProgress::cursorBehind(fileSize());
+}
+
+void ZqImageFeed::open(const ZqStopTest& stop) {
+    SxFSAction::mkdir_p(settings.image);
+    growth = ZqImageLock::take(settings.image, ZqImageLock::Growth, ZqImageLock::Exclusive, settings.job);
+    ZqStreamRecord record;
+    record.read(settings.image);
+    url = settings.url.isEmpty() ? record.url : settings.url;
+    const bool hasRecords = ZqImageRecords::holdsPart(settings.image);
+    shape = ZqImageLock::take(settings.image, ZqImageLock::Shape,
+                              hasRecords ? ZqImageLock::Shared : ZqImageLock::Exclusive, settings.job);
+    if (ZqImageRecords::isComplete(settings.image)) {
+        app = ZqAppParams(filePath(""));
+    } else {
+        if (url.isEmpty()) {
+            throw SxException("Image '" + settings.image +
+                                  "' isn't complete, and no address is known that it could be completed from",
+                              UNIT, __LINE__);
+        }
+        link = SxPtr<ZqNetLink>::create();
+        app = ZqImageRecords(link, settings.image, url, settings.headers).fetchApp(stop);
+    }
+    if (record.url != url) {
+        record.url = url;
+        record.write(settings.image);
+    }
+}
+
+void ZqImageFeed::makeWriter() {
+    const auto fresh = SxPtr<ZqFWriter>::create(filePath(""), ZqImageFiles::ZQF);
+    // A start must not wait for the pace of a download that is slower than the disk.
+    fresh->finalize();
+    fresh->start();
+    const SxMutexBlock block(&mutex);
+    writer = fresh;
+}
+
+SxPtr<ZqFWriter> ZqImageFeed::getWriter() const {
+    const SxMutexBlock block(&mutex);
+    return writer;
+}
+
+void ZqImageFeed::beginDownload() {
+    download->setWriter(getWriter(), fileSize());
+    if (!download->isRunning()) {
+        download->wait();
+        download->start();
+    }
+}
+
+void ZqImageFeed::start() {
+    if (!link) return;
+    link->setRateLimit(static_cast<double>(settings.rateLimit));
+    image = SxPtr<ZqRemoteImage>::create(link, url, app.sizeZqf, settings.headers, ZqRemoteImage::MAX_KEPT, app.checksumZqf);
+    zqNetioOfferImage(image);
+    makeWriter();
+    progress = SxPtr<ZqImageProgress>::create(settings.image, app);
+    progress->start();
+    download = std::make_unique<ZqOrderedDownload>(image);
+    beginDownload();
+    manager = SxPtr<ZqCoreUnderflowMgr>::create(settings.image, nullptr, progress, app);
+    manager->setDownloadParams(image->getUrl(), SxList<SxString>());
+    manager->setWindowSearch(false);
+    manager->start();
+    keeper = std::make_unique<Keeper>(this);
+    keeper->start();
+}
+
+void ZqImageFeed::fetchRecords(const ZqStopTest& stop) {
+    if (link) ZqImageRecords(link, settings.image, url, settings.headers).fetchRest(app, stop);
+    params = ZqImageParams(filePath(""));
+    shape->lower();
+}
+
+void ZqImageFeed::alignCursor() const {
+    const ZqMountMgr mounts;
+    for (uint64 size = 0; size != fileSize();) {
+        size = fileSize();
+        mounts.setCursor(settings.image, countBlocks());
+    }
+}
+
+void ZqImageFeed::applicationStarts() {
+    if (!manager) return;
+    manager->setWindowSearch(true);
+    manager->restart();
+}
+
+void ZqImageFeed::stop() {
+    stopping = true;
+    if (keeper) keeper->wait();
+    if (manager) manager->stop();
+    if (download) download->stop();
+    if (progress) progress->stop();
+    if (link) link->cancel();
+    const SxPtr<ZqFWriter> last = getWriter();
+    if (last) last->stop();
+    if (manager) manager->wait();
+    if (download) download->wait();
+    if (progress) progress->wait();
+    if (last) last->wait();
+}
+
+void ZqImageFeed::keep() {
+    download->flush();
+    keepManager();
+    keepDownload();
+    keepWriter();
+    // It says why by an event only.
+    if (!progress->isRunning() && progress->getNCurrent() < progress->getNTotal()) throw takeFailure();
+}
+
+void ZqImageFeed::keepManager() {
+    // It ends with each drive, also with that of the preparation, and with a call of the service that failed.
+    if (manager->isRunning() || isComplete()) return;
+    manager->wait();
+    manager->start();
+}
+
+void ZqImageFeed::keepDownload() {
+    if (download->isRunning()) return;
+    download->wait();
+    if (download->hasException()) throw download->getException();
+}
+
+bool ZqImageFeed::hasRoom() const {
+    return ZqSysEnv::getFreeDiskSpace(settings.image) >= std::min(ROOM, app.sizeZqf - fileSize() + ROOM / 2);
+}
+
+void ZqImageFeed::keepWriter() {
+    const SxPtr<ZqFWriter> now = getWriter();
+    if (now->isRunning()) return;
+    if (now->isCompleteImage()) {
+        if (!verified) verifyDigest();
+        return;
+    }
+    const int64 nowNs = SxClock::get().steadyNs();
+    if (nowNs - roomNs < ROOM_LOOK_NS) return;
+    roomNs = nowNs;
+    if (!hasRoom()) {
+        setWaiting("waiting for room on the disk of '" + settings.image + "'");
+        return;
+    }
+    nWriterTries = fileSize() > triedSize ? 0 : nWriterTries + 1;
+    triedSize = fileSize();
+    if (nWriterTries >= WRITER_TRIES) throw takeFailure();
+    now->wait();
+    makeWriter();
+    beginDownload();
+    setWaiting("");
+}
+
+SxException ZqImageFeed::takeFailure() {
+    SxString why;
+    SxEvent event;
+    while (failures.tryPop(&event))
+        why = event.getData().getText(1);
+    return SxException(SxException(why, UNIT, __LINE__),
+                       "The download into '" + settings.image + "' has ended", UNIT, __LINE__);
+}
+
+void ZqImageFeed::verifyDigest() {
+    verified = true;
+    if (app.checksumZqf.isEmpty()) return;
+    SxFileIO file(filePath(ZqImageFiles::ZQF), "rb");
+    SxMd5 md5;
+    SxArray<char> piece(DIGEST_PIECE);
+    while (const int64 n = file.readBuffer(piece.data(), DIGEST_PIECE)) {
+        if (stopping) return;
+        md5.update(piece.data(), n);
+    }
+    md5.finish();
+    const SxString digest = md5.toString();
+    if (digest == app.checksumZqf) return;
+    throw SxException("'" + filePath(ZqImageFiles::ZQF) + "' has the digest " + digest +
+                          " where app.json states " + app.checksumZqf +
+                          ": what the server gave isn't the image",
+                      UNIT, __LINE__);
+}
+
+void ZqImageFeed::setWaiting(const SxString& text) {
+    const SxMutexBlock block(&mutex);
+    if (text != waiting && !text.isEmpty()) zqLogMsg("base", "ZqImageFeed: " + text);
+    waiting = text;
+}
+
+void ZqImageFeed::fail(const SxException& e) {
+    zqLogMsg("base", "ZqImageFeed: " + e.toString(SxException::ShowMessage));
+    const SxMutexBlock block(&mutex);
+    failed = true;
+    failure = e;
+}
+
+void ZqImageFeed::requireAlive() const {
+    const SxMutexBlock block(&mutex);
+    if (failed) throw failure;
+}
+
+ZqImageFeed::Status ZqImageFeed::getStatus() const {
+    Status status;
+    status.nTotal = app.sizeZqf;
+    if (!progress) {
+        status.nCurrent = status.nNeeded = status.nTotal;
+        return status;
+    }
+    const uint64 limit = settings.rateLimit > 0 ? settings.rateLimit : ANY_RATE;
+    status.nCurrent = progress->getNCurrent();
+    status.nNeeded = progress->getNInit(limit);
+    status.speed = progress->getAvgSpeed() * MBIT;
+    status.startEta = progress->getStartETA(limit);
+    status.totalEta = progress->getTotalETA();
+    status.isUnderflow = manager->isUnderflow();
+    status.link = link->getFigures();
+    status.image = image->getFigures();
+    {
+        const SxMutexBlock block(&mutex);
+        status.waiting = waiting;
+    }
+    if (status.waiting.isEmpty()) status.waiting = link->getStatus();
+    return status;
+}
+
+ZqRuntimeInfo ZqImageFeed::getRuntimeInfo() const {
+    return manager ? manager->getRuntimeInfo() : ZqRuntimeInfo();
+}
+
+ZqImageFeed::Speeds ZqImageFeed::getSpeeds() const {
+    if (!progress) return {};
+    return {progress->getGlobalAvgSpeed(), progress->getGlobalMaxSpeed(), progress->getGlobalSigmaSpeed()};
+}

@@ -1,0 +1,129 @@
+#pragma once
+
+#include "SxEventBus.h"
+#include "ZqAppParams.h"
+#include "ZqImageLock.h"
+#include "ZqImageParams.h"
+#include "ZqRemoteImage.h"
+#include "ZqRuntimeInfo.h"
+
+#include <atomic>
+#include <memory>
+
+class ZqCoreUnderflowMgr;
+class ZqFWriter;
+class ZqImageProgress;
+class ZqOrderedDownload;
+
+/// Completes an image folder from its server, in order, while a drive is made of it: fetches records and
+/// blocks, moves the drive's cursor, and answers underflows. Needs a server only for what is missing. Used by
+/// runs and by mounts that are fed. open(), fetchRecords(), start(), the operations on the drive and stop()
+/// belong to the owner's thread; the queries are safe from any.
+class ZqImageFeed {
+public:
+    struct Settings {
+        SxString image;            ///< the image folder; may be absent
+        SxString url;              ///< address of the folder's original; empty for the one noted in it
+        SxArray<SxString> headers; ///< lines "Name: value" for each request
+        uint64 rateLimit = 0;      ///< of the ordered download, bytes a second; 0 for none
+        SxString job = "run";      ///< shown to whoever finds the image in use
+    };
+
+    /// How things stand. Sizes in bytes of `img.zqf`, speeds in bytes a second.
+    struct Status {
+        uint64 nCurrent = 0, nTotal = 0;
+        uint64 nNeeded = 0;                ///< until the application may start
+        double speed = 0.;                 ///< of late
+        uint64 startEta = 0, totalEta = 0; ///< seconds
+        bool isUnderflow = false;          ///< an underflow that on-demand requests don't resolve
+        SxString waiting;                  ///< what it waits for, as a line; empty while all goes well
+        ZqNetLink::Figures link;
+        ZqRemoteImage::Figures image;
+    };
+
+    /// The download's speeds over the run, in megabit per second.
+    struct Speeds {
+        double mean = 0., greatest = 0., sigma = 0.;
+    };
+
+    explicit ZqImageFeed(const Settings& settings_);
+    /// Stops.
+    ~ZqImageFeed();
+    ZqImageFeed(const ZqImageFeed&) = delete;
+    ZqImageFeed& operator=(const ZqImageFeed&) = delete;
+
+    /// Takes the image for this process, so that nobody else downloads into it, and fetches `app.json` where
+    /// the image isn't complete. Notes the address in the folder. Raises naming the holder where the image is
+    /// in use.
+    void open(const ZqStopTest& stop);
+    /// Begins to download. Nothing to do for an image that is complete.
+    void start();
+    /// Fetches the records that are missing, while blocks come in already.
+    void fetchRecords(const ZqStopTest& stop);
+    /// Brings the drive's cursor to what is there. To be called once the drive is up, since it was mounted
+    /// with what was there before.
+    void alignCursor() const;
+    /// From now on there is an application whose window may be minimised.
+    void applicationStarts();
+    /// Ends the threads, within a second.
+    void stop();
+
+    const ZqAppParams& getApp() const noexcept { return app; }
+    const ZqImageParams& getParams() const noexcept { return params; }
+    const SxString& getUrl() const noexcept { return url; }
+    /// How many blocks are there, as a mount takes it.
+    uint64 countBlocks() const;
+    /// Whether all bytes are in `img.zqf`.
+    bool isComplete() const;
+    Status getStatus() const;
+    /// The underflows and on-demand requests so far.
+    ZqRuntimeInfo getRuntimeInfo() const;
+    Speeds getSpeeds() const;
+    /// Raises what has ended the download and can't be mended.
+    void requireAlive() const;
+
+private:
+    class Keeper;
+
+    SxString filePath(const char* name) const;
+    uint64 fileSize() const;
+    void makeWriter();
+    void beginDownload();
+    void keep();
+    void keepManager();
+    void keepWriter();
+    void keepDownload();
+    void verifyDigest();
+    bool hasRoom() const;
+    SxPtr<ZqFWriter> getWriter() const;
+    void setWaiting(const SxString& text);
+    void fail(const SxException& e);
+    /// Why a thread has ended that says it by an event.
+    SxException takeFailure();
+
+    const Settings settings;
+    SxString url;
+    ZqAppParams app;
+    ZqImageParams params;
+    SxPtr<ZqImageLock> growth, shape;
+    SxPtr<ZqNetLink> link;
+    SxPtr<ZqRemoteImage> image;
+    SxPtr<ZqImageProgress> progress;
+    SxPtr<ZqCoreUnderflowMgr> manager;
+    std::unique_ptr<ZqOrderedDownload> download;
+    std::unique_ptr<Keeper> keeper;
+    std::atomic<bool> stopping{false};
+    SxEventListener failures;
+
+    // The keeper's alone.
+    int64 roomNs = 0; ///< when room on the disk was last looked for
+    int nWriterTries = 0;
+    uint64 triedSize = 0;
+    bool verified = false;
+
+    mutable SxMutex mutex;
+    SxPtr<ZqFWriter> writer SX_GUARDED_BY(mutex);
+    SxString waiting SX_GUARDED_BY(mutex);
+    bool failed SX_GUARDED_BY(mutex) = false;
+    SxException failure SX_GUARDED_BY(mutex);
+};

@@ -1,0 +1,164 @@
+#include "ZqImageRecords.h"
+
+#include "SxException.h"
+#include "SxFSAction.h"
+#include "SxFileIO.h"
+#include "SxMd5.h"
+#include "SxSystemThread.h"
+#include "ZqImageFiles.h"
+#include "ZqImageFolder.h"
+#include "ZqImageParams.h"
+
+namespace {
+
+constexpr const char* UNIT = "src/base/ZqImageRecords";
+constexpr int64 MAX_RECORD = SxFileIO::MAX_TEXT;
+/// Name under which a record waits until it is checked.
+constexpr const char* NEW = ".new";
+
+int64 fileSize(const SxString& path) {
+    const SxFileInfo file(path);
+    return file.isFile() ? file.getSize() : -1;
+}
+
+} // namespace
+
+/// Fetches one record on a thread of its own, so that a round trip is paid once for all.
+class ZqImageRecords::Fetch : public SxSystemThread {
+public:
+    Fetch(SxPtr<ZqRemoteFile> file_, SxString path_, bool optional_, ZqStopTest stop_)
+        : file(std::move(file_)),
+          path(std::move(path_)),
+          optional(optional_),
+          stop(std::move(stop_)) {
+        setThreadName("record");
+    }
+    /// Waits for the end, and raises what went wrong.
+    void finish() {
+        wait();
+        if (hasException()) throw getException();
+    }
+
+protected:
+    void main() override {
+        try {
+            file->fetchTo(path, stop);
+        } catch (const SxException& e) {
+            if (!optional || !e.hasTag(ZqNetLink::NOT_FOUND)) throw;
+        }
+    }
+
+private:
+    const SxPtr<ZqRemoteFile> file;
+    const SxString path;
+    const bool optional;
+    const ZqStopTest stop;
+};
+
+ZqImageRecords::ZqImageRecords(const SxPtr<ZqNetLink>& link_, const SxString& image,
+                               const SxString& folderUrl, const SxArray<SxString>& headers_)
+    : link(link_),
+      folder(ZqImageFolder::prefix(image)),
+      url(folderUrl.endsWith("/") ? folderUrl : folderUrl + "/"),
+      headers(headers_) {
+}
+
+bool ZqImageRecords::isComplete(const SxString& image) {
+    if (!holdsPart(image)) return false;
+    const SxString folder = ZqImageFolder::prefix(image);
+    const ZqAppParams app(folder);
+    return fileSize(folder + ZqImageFiles::ZQF) >= static_cast<int64>(app.sizeZqf);
+}
+
+bool ZqImageRecords::holdsPart(const SxString& image) {
+    const SxString folder = ZqImageFolder::prefix(image);
+    for (const char* name : {ZqImageFiles::APP_JSON, ZqImageFiles::IMAGE_JSON, ZqImageFiles::IDX}) {
+        if (!SxFSAction::test_f(folder + name)) return false;
+    }
+    return fileSize(folder + ZqImageFiles::ZQF) > 0;
+}
+
+SxPtr<ZqRemoteFile> ZqImageRecords::remote(const char* name, uint64 expectedSize) const {
+    return SxPtr<ZqRemoteFile>::create(link, url + name, headers, expectedSize);
+}
+
+bool ZqImageRecords::hasBlocks() const {
+    return fileSize(folder + ZqImageFiles::ZQF) > 0;
+}
+
+bool ZqImageRecords::hasMap(const ZqAppParams& app) const {
+    const SxString idx = folder + ZqImageFiles::IDX;
+    return fileSize(idx) == static_cast<int64>(app.sizeIdx) &&
+           (app.checksumIdx.isEmpty() || SxMd5::file(idx) == app.checksumIdx);
+}
+
+void ZqImageRecords::requireSame(const ZqAppParams& own, const ZqAppParams& server) const {
+    if (own.sizeZqf == server.sizeZqf && own.checksumMnt == server.checksumMnt &&
+        own.checksumIdx == server.checksumIdx) {
+        return;
+    }
+    const bool otherOrder = own.checksumMnt == server.checksumMnt;
+    throw SxException("The image at " + url + " has another " + (otherOrder ? "block order" : "version") +
+                          " than that in '" + folder +
+                          "', which can't be completed from it: start with an empty folder",
+                      UNIT, __LINE__);
+}
+
+ZqAppParams ZqImageRecords::fetchApp(const ZqStopTest& stop) {
+    const SxString file = folder + ZqImageFiles::APP_JSON, fresh = file + NEW;
+    const bool resumes = holdsPart(folder);
+    if (!resumes && hasBlocks()) {
+        throw SxException("'" + folder + "' holds an image without its records, which can't be completed",
+                          UNIT, __LINE__);
+    }
+    try {
+        const SxArray<char> bytes = remote(ZqImageFiles::APP_JSON)->get(MAX_RECORD, stop);
+        SxFileIO::writeAtomic(fresh, [&](SxFileIO* out) { out->write(bytes); });
+    } catch (const SxException& e) {
+        // A run that goes on waits for its server in any case, and says so.
+        if (!resumes || !e.hasTag(ZqNetLink::UNREACHABLE)) throw;
+        return ZqAppParams(folder);
+    }
+    ZqAppParams server;
+    server.readFile(fresh);
+    if (resumes) {
+        const ZqAppParams own(folder);
+        SxFSAction::rm(fresh);
+        requireSame(own, server);
+        return own;
+    }
+    SxFSAction::mv(fresh, file);
+    SxFSAction::syncDir(folder);
+    // The record has been checked; its folder is the image's now.
+    return ZqAppParams(folder);
+}
+
+void ZqImageRecords::fetchRest(const ZqAppParams& app, const ZqStopTest& stop) {
+    const SxString params = folder + ZqImageFiles::IMAGE_JSON, idx = folder + ZqImageFiles::IDX;
+    const SxString digest = folder + ZqImageFiles::IDX_MD5;
+    const bool needsMap = !hasMap(app);
+    const bool needsDigest = needsMap && app.checksumIdx.isEmpty();
+    const bool needsParams = !hasBlocks() || !SxFSAction::test_f(params);
+    Fetch paramsFetch(remote(ZqImageFiles::IMAGE_JSON), params + NEW, false, stop);
+    Fetch mapFetch(remote(ZqImageFiles::IDX, app.sizeIdx), idx, false, stop);
+    Fetch digestFetch(remote(ZqImageFiles::IDX_MD5, 32), digest, true, stop);
+    if (needsParams) paramsFetch.start();
+    if (needsMap) {
+        // What stands there belongs to another map, and would be believed ahead of app.json.
+        if (SxFSAction::exists(digest)) SxFSAction::rm(digest);
+        mapFetch.start();
+    }
+    if (needsDigest) digestFetch.start();
+    for (Fetch* fetch : {&paramsFetch, &mapFetch, &digestFetch})
+        fetch->wait();
+    for (Fetch* fetch : {&paramsFetch, &mapFetch, &digestFetch})
+        fetch->finish();
+    if (needsParams) {
+        SxFSAction::mv(params + NEW, params);
+        const ZqImageParams check(folder);
+    }
+    if (!hasMap(app)) {
+        throw SxException("The map at " + url + ZqImageFiles::IDX + " isn't the one that app.json states",
+                          UNIT, __LINE__);
+    }
+}

@@ -1,0 +1,38 @@
+#pragma once
+
+#include "SxArray.h"
+#include "ZqAppParams.h"
+#include "ZqRemoteFile.h"
+
+/// Brings the records of an image (all of its files but `img.zqf`) from its server into its folder. Each is
+/// put in place as a whole; `app.json`, which the others are checked against, comes first. For one thread.
+class ZqImageRecords {
+public:
+    /// `image`: the image folder, which exists. `folderUrl`: its address, with or without a slash at the end.
+    ZqImageRecords(const SxPtr<ZqNetLink>& link_, const SxString& image, const SxString& folderUrl,
+                   const SxArray<SxString>& headers_);
+
+    /// Whether the folder has all records and the beginning of `img.zqf`.
+    static bool holdsPart(const SxString& image);
+    /// Whether all that belongs to a complete image is in its folder, as far as sizes tell.
+    static bool isComplete(const SxString& image);
+
+    /// Fetches `app.json` and gives it. A folder that holds bytes of `img.zqf` keeps its own, and must be of
+    /// the same version and block order as the server's; where the server doesn't answer and the folder has
+    /// all records, they will do. The caller has the image's shape for itself alone.
+    ZqAppParams fetchApp(const ZqStopTest& stop);
+    /// Fetches what else is missing or doesn't fit `app`: `img.json`, `img.idx`, its digest.
+    void fetchRest(const ZqAppParams& app, const ZqStopTest& stop);
+
+private:
+    class Fetch;
+
+    SxPtr<ZqRemoteFile> remote(const char* name, uint64 expectedSize = ZqRemoteFile::UNKNOWN) const;
+    bool hasBlocks() const;
+    bool hasMap(const ZqAppParams& app) const;
+    void requireSame(const ZqAppParams& own, const ZqAppParams& server) const;
+
+    const SxPtr<ZqNetLink> link;
+    const SxString folder, url; ///< with a slash at the end
+    const SxArray<SxString> headers;
+};

@@ -1,0 +1,358 @@
+#include "ZqRun.h"
+
+#include "SxException.h"
+#include "SxFSAction.h"
+#include "SxProcessGroup.h"
+#include "SxTime.h"
+#include "ZqCoreAppGuard.h"
+#include "ZqImageFiles.h"
+#include "ZqImageFolder.h"
+#include "ZqLog.h"
+#include "ZqStreamRecord.h"
+#include "ZqSysEnv.h"
+#include "ZqVolume.h"
+
+#include <algorithm>
+
+using SxParserKit::SxSymbol;
+
+namespace {
+
+constexpr const char* UNIT = "src/base/ZqRun";
+constexpr int64 LOOK_MS = SxWait::LOOK_MS;
+
+SxException stopped() {
+    return SxException(SxString(SxException::STOPPED), "stopped", UNIT, __LINE__);
+}
+
+/// A folder for the trace of a run that begins now, which isn't there yet.
+SxString newTraceFolder(const SxString& image) {
+    SxString stamp = ZqSysEnv::getTimestamp();
+    stamp = stamp.substitute(":", "-");
+    const SxString base = ZqImageFolder::prefix(image) + ZqImageFiles::TRACES + stamp;
+    SxString folder = base;
+    for (int i = 2; SxFSAction::exists(folder); ++i)
+        folder = base + "-" + i;
+    return folder;
+}
+
+} // namespace
+
+/// Mounts on a thread of its own, since the mount can't be stopped but by letting its reads fail.
+class ZqRun::MountJob : public SxSystemThread {
+public:
+    MountJob(const ZqImageFeed& feed_, SxString image_, ZqMountMgr::MountMode mode_, SxString traceFolder_)
+        : feed(feed_),
+          image(std::move(image_)),
+          mode(mode_),
+          traceFolder(std::move(traceFolder_)) {
+        setThreadName("mount");
+    }
+    /// Waits for the end; raises what went wrong, or a stop.
+    void finish(const ZqStopTest& stop) {
+        while (isRunning()) {
+            if (stop()) failReads();
+            SxTime::msleep(LOOK_MS);
+        }
+        wait();
+        if (stop()) throw stopped();
+        if (hasException()) throw getException();
+    }
+
+protected:
+    void main() override {
+        ZqMountMgr mounts;
+        const ZqImageParams& params = feed.getParams();
+        mounts.setAppParams(feed.getApp());
+        mounts.mountImageZQF(mode, params.deviceMode, image, static_cast<uint64>(params.sizeRaw),
+                             static_cast<uint64>(params.emulatedSectorSize), feed.countBlocks(), false,
+                             traceFolder, traceFolder.isEmpty() ? SxString() : SxString("monitoring"));
+    }
+
+private:
+    void failReads() const {
+        try {
+            ZqMountMgr().failOnUnderflow(image);
+        } catch (const SxException& e) {
+            // The mount reports what is wrong with the service.
+            zqLogMsg("base", SxString("ZqRun: ") + e.what());
+        }
+    }
+
+    const ZqImageFeed& feed;
+    const SxString image;
+    const ZqMountMgr::MountMode mode;
+    const SxString traceFolder;
+};
+
+ZqRun::ZqRun(const Settings& settings_)
+    : settings(settings_),
+      image(settings_.feed.image),
+      feed(settings_.feed) {
+    setThreadName("run");
+}
+
+ZqRun::~ZqRun() = default;
+
+ZqImageFeed::Status ZqRun::getStatus() const {
+    return phase == Opening ? ZqImageFeed::Status() : feed.getStatus();
+}
+
+int64 ZqRun::elapsedMs() const {
+    return (SxClock::get().steadyNs() - beginNs) / 1'000'000;
+}
+
+void ZqRun::mount() {
+    const ZqStopTest stop = [this] { return isStopping(); };
+    const uint64 needed = feed.getApp().sizeMnt;
+    while (feed.getStatus().nCurrent < needed) {
+        if (stop()) throw stopped();
+        feed.requireAlive();
+        SxTime::msleep(LOOK_MS);
+    }
+    phase = Mounting;
+    mounted = true;
+    result.traceFolder = settings.traceFolder;
+    if (result.traceFolder.isEmpty() && !settings.isDriveOnly) result.traceFolder = newTraceFolder(image);
+    const ZqMountMgr::MountMode mode = settings.mountMode.isEmpty()
+                                           ? feed.getApp().mountMode
+                                           : ZqMountMgr::stringToMountMode(settings.mountMode);
+    MountJob job(feed, image, mode, result.traceFolder);
+    job.start();
+    job.finish(stop);
+    feed.alignCursor();
+}
+
+void ZqRun::main() {
+    beginNs = SxClock::get().steadyNs();
+    beginMs = ZqSysEnv::getSysTime();
+    try {
+        run();
+    } catch (const SxException&) {
+        result.info.startErr = !result.wasStarted;
+        result.info.endErr = true;
+        end();
+        throw;
+    }
+    end();
+}
+
+void ZqRun::run() {
+    const ZqStopTest stop = [this] { return isStopping(); };
+    feed.open(stop);
+    feed.start();
+    result.info.dataAtStart = static_cast<int64>(feed.getStatus().nCurrent);
+    phase = Loading;
+    feed.fetchRecords(stop);
+    if (adopt()) return;
+    mount();
+    if (settings.isDriveOnly) {
+        feedDrive();
+        return;
+    }
+    phase = Preparing;
+    prepare();
+    startApplication();
+    phase = Running;
+    follow();
+    if (settings.keepsMounted) complete();
+}
+
+bool ZqRun::adopt() {
+    ZqDiskStatus disk;
+    if (!ZqVolume::findDisk(image, &disk)) return false;
+    ZqStreamRecord record;
+    record.read(image);
+    const SxProcessGroup group = SxProcessGroup::fromText(record.application);
+    if (!disk.ready || (!settings.isDriveOnly && !group.isAlive())) {
+        // Its run was killed. Nobody else can have it: this process holds the image.
+        zqLogMsg("base", "ZqRun: the drive of '" + image + "' has no application any more");
+        ZqMountMgr mounts;
+        mounts.setAppParams(feed.getApp());
+        mounts.umountImage(image, disk.drive.isEmpty());
+        return false;
+    }
+    mounted = true;
+    feed.alignCursor();
+    const ZqMountMgr mounts;
+    if (mounts.isSuspended(image)) mounts.resume(image);
+    // The run that was killed can have suspended both.
+    if (group.isSuspended()) group.resume();
+    if (settings.isDriveOnly) {
+        feedDrive();
+        return true;
+    }
+    phase = Adopted;
+    guard = SxPtr<ZqCoreAppGuard>::create(image, feed.getApp(), group);
+    feed.applicationStarts();
+    guard->start();
+    result.wasStarted = true;
+    follow();
+    if (settings.keepsMounted) complete();
+    return true;
+}
+
+void ZqRun::feedDrive() {
+    phase = Feeding;
+    const ZqMountMgr mounts;
+    while (mounts.isMounted(image) && !isStopping()) {
+        feed.requireAlive();
+        SxTime::msleep(LOOK_MS * 10);
+    }
+}
+
+void ZqRun::prepare() {
+    for (;;) {
+        const ZqImageFeed::Status status = feed.getStatus();
+        if (settings.startsAtOnce || status.nCurrent >= status.nNeeded) {
+            result.info.preloadSize = static_cast<int64>(status.nCurrent);
+            return;
+        }
+        if (isStopping()) throw stopped();
+        feed.requireAlive();
+        SxTime::msleep(LOOK_MS);
+    }
+}
+
+void ZqRun::startApplication() {
+    const ZqAppParams& app = feed.getApp();
+    ZqDiskStatus disk;
+    if (!ZqVolume::findDisk(image, &disk)) {
+        throw SxException("The drive of '" + image + "' has gone", UNIT, __LINE__);
+    }
+    SxWinProcParams process;
+    process.path = app.cmd;
+    process.args = SxString::join(app.args, " ");
+    guard = SxPtr<ZqCoreAppGuard>::create(image, app, disk.mountPath, process);
+    feed.applicationStarts();
+    guard->start();
+    result.startMs = elapsedMs();
+    result.wasStarted = true;
+    ZqStreamRecord record;
+    record.read(image);
+    result.info.nStarts = ++record.nStarts;
+    record.write(image);
+    noteGroup();
+}
+
+void ZqRun::noteGroup() {
+    const SxString group = guard->getGroup().toText();
+    if (group == notedGroup || guard->isAdopted()) return;
+    ZqStreamRecord record;
+    record.read(image);
+    record.application = notedGroup = group;
+    record.write(image);
+}
+
+void ZqRun::follow() {
+    while (guard->isRunning()) {
+        if (isStopping()) {
+            guard->stop();
+            break;
+        }
+        feed.requireAlive();
+        noteGroup();
+        lookForFrame();
+        suspendProcess();
+        SxTime::msleep(LOOK_MS);
+    }
+    guard->wait();
+    lookForFrame();
+    if (isStopping()) throw stopped();
+    result.info.exitCode = guard->getExitCode();
+    result.isExitKnown = !guard->isAdopted();
+}
+
+void ZqRun::suspendProcess() {
+    if (!feed.getApp().suspendProc) return;
+    const bool underflow = feed.getStatus().isUnderflow;
+    if (underflow && !guard->isSuspended()) guard->suspend();
+    if (!underflow && guard->isSuspended()) guard->resume();
+}
+
+void ZqRun::lookForFrame() {
+    if (settings.firstFrameFile.isEmpty() || result.firstFrameMs >= 0) return;
+    if (SxFSAction::exists(settings.firstFrameFile)) result.firstFrameMs = elapsedMs();
+}
+
+void ZqRun::complete() {
+    phase = Completing;
+    while (!feed.isComplete() && !isStopping()) {
+        feed.requireAlive();
+        SxTime::msleep(LOOK_MS);
+    }
+}
+
+void ZqRun::end() {
+    phase = Ending;
+    fillResult();
+    feed.stop();
+    try {
+        if (guard) {
+            guard->stop();
+            guard->wait();
+        }
+        const bool keep = settings.keepsMounted && result.wasStarted && feed.isComplete();
+        ZqDiskStatus disk;
+        if (mounted && ZqVolume::findDisk(image, &disk)) {
+            if (keep) {
+                result.mountPath = disk.mountPath;
+            } else {
+                ZqMountMgr mounts;
+                mounts.setAppParams(feed.getApp());
+                mounts.umountImage(image, disk.drive.isEmpty());
+            }
+        }
+        if (result.wasStarted) result.info.write(image);
+    } catch (const SxException& e) {
+        throw SxException(e, "The run of '" + image + "' could not be ended cleanly", UNIT, __LINE__);
+    }
+}
+
+void ZqRun::fillResult() {
+    const ZqImageFeed::Status status = feed.getStatus();
+    const ZqRuntimeInfo own = result.info;
+    ZqRuntimeInfo& info = result.info;
+    info = feed.getRuntimeInfo();
+    info.exitCode = own.exitCode;
+    info.preloadSize = own.preloadSize;
+    info.dataAtStart = own.dataAtStart;
+    info.nStarts = own.nStarts;
+    info.startErr = own.startErr;
+    info.endErr = own.endErr;
+    info.path = image;
+    info.guid = feed.getApp().guid;
+    info.time0 = beginMs;
+    info.runTime = guard ? static_cast<int64>(guard->runTime) / 1000 : 0;
+    info.timeToStart = std::max<int64>(result.startMs, 0) / 1000;
+    info.timeToReady = std::max<int64>(result.firstFrameMs, 0) / 1000;
+    info.dataAtEnd = static_cast<int64>(status.nCurrent);
+    info.imageSize = static_cast<int64>(status.nTotal);
+    info.downloadFromZero = info.dataAtStart == 0;
+    info.downloadComplete = status.nTotal > 0 && status.nCurrent >= status.nTotal;
+    const ZqImageFeed::Speeds speeds = feed.getSpeeds();
+    info.avgSpeed = speeds.mean;
+    info.maxSpeed = speeds.greatest;
+    info.sigmaSpeed = speeds.sigma;
+    constexpr double BYTES_OF_MBIT = 125'000.;
+    info.reqSpeed =
+        static_cast<double>(feed.getApp().getBpS(static_cast<uint64>(info.preloadSize))) / BYTES_OF_MBIT;
+    info.prefetchSizeMB = info.preloadSize / 1'000'000;
+    result.link = status.link;
+    result.image = status.image;
+}
+
+SxSymbol ZqRun::toJson() const {
+    SxSymbol root = result.info.toJson();
+    if (!result.isExitKnown) root.getElem("exitCode").setType(SxParserAst::Null);
+    root.append("startMs", result.startMs);
+    if (result.firstFrameMs >= 0) root.append("firstFrameMs", result.firstFrameMs);
+    root.append("traceFolder", result.traceFolder);
+    root.append("bytesReceived", result.link.nBytes);
+    root.append("bytesOnDemand", result.link.nOnDemandBytes);
+    root.append("bytesTwice", result.image.nTwice);
+    root.append("requests", result.link.nRequests);
+    root.append("retries", result.link.nRetries);
+    root.append("packed", result.image.isPacked);
+    return root;
+}

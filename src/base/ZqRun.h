@@ -1,0 +1,95 @@
+#pragma once
+
+#include "SxMutex.h"
+#include "ZqImageFeed.h"
+
+#include <memory>
+
+class ZqCoreAppGuard;
+
+/// One run of a streamed application, from its server to its end: completes the image, makes a drive of it,
+/// starts the application when enough is there, answers its underflows, and takes the drive away. What has
+/// gone wrong stays as the thread's exception. All operations are safe from any thread, but for those of
+/// SxSystemThread.
+class ZqRun : public SxSystemThread {
+public:
+    struct Settings {
+        ZqImageFeed::Settings feed;
+        bool startsAtOnce = false; ///< start the application as soon as there is a drive
+        bool keepsMounted = false; ///< complete the image after the application's end, and leave the drive
+        bool isDriveOnly = false;  ///< no application: feed the drive until somebody unmounts it
+        SxString mountMode;        ///< how to mount; empty for what `app.json` says
+        SxString traceFolder;      ///< where the trace goes; empty for a new folder among the image's traces
+        SxString firstFrameFile;   ///< a file that appears with the application's first frame; may be empty
+    };
+    enum Phase {
+        Opening,    ///< the image's records are fetched
+        Loading,    ///< until there is enough for a drive
+        Mounting,   ///< the drive comes up
+        Preparing,  ///< until the application may start
+        Running,    ///< the application runs
+        Adopted,    ///< the application of an earlier run does
+        Feeding,    ///< the drive is up, and there is no application
+        Completing, ///< the application has ended, the rest is fetched
+        Ending      ///< the drive is taken away
+    };
+    /// What came of the run.
+    struct Result {
+        ZqRuntimeInfo info;       ///< times in seconds, speeds in megabit per second
+        bool wasStarted = false;  ///< the application was
+        bool isExitKnown = false; ///< `info.exitCode` is that of the application
+        int64 startMs = -1;       ///< from the beginning of the run to the application's start
+        int64 firstFrameMs = -1;  ///< to its first frame; -1 where that isn't known
+        SxString traceFolder;     ///< empty where nothing was traced
+        ZqNetLink::Figures link;
+        ZqRemoteImage::Figures image;
+        SxString mountPath; ///< where the drive was left; empty where it is gone
+    };
+
+    explicit ZqRun(const Settings& settings_);
+    ~ZqRun() override;
+
+    /// Ends the run and its application, within a second.
+    void stop() { stopFlag = true; }
+    Phase getPhase() const { return phase; }
+    ZqImageFeed::Status getStatus() const;
+    /// Meaningful once the run has ended.
+    const Result& getResult() const { return result; }
+    /// The result: what `runtime.json` has, `exitCode` null where it isn't known, and more.
+    SxParserKit::SxSymbol toJson() const;
+
+protected:
+    void main() override;
+
+private:
+    class MountJob;
+
+    void run();
+    /// Takes over a drive that a run which was killed has left, or takes it away.
+    bool adopt();
+    void mount();
+    void feedDrive();
+    void prepare();
+    void startApplication();
+    /// Writes down the application's processes, which change when a launcher hands over.
+    void noteGroup();
+    void follow();
+    void suspendProcess();
+    void lookForFrame();
+    void complete();
+    void end();
+    void fillResult();
+    int64 elapsedMs() const;
+    bool isStopping() const { return stopFlag; }
+
+    const Settings settings;
+    const SxString image;
+    std::atomic<bool> stopFlag{false};
+    std::atomic<Phase> phase{Opening};
+    ZqImageFeed feed;
+    SxPtr<ZqCoreAppGuard> guard;
+    SxString notedGroup;
+    bool mounted = false;
+    int64 beginNs = 0, beginMs = 0;
+    Result result;
+};

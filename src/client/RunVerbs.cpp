@@ -1,0 +1,139 @@
+#include "RunVerbs.h"
+#include "App.h"
+#include "Job.h"
+#include "Progress.h"
+#include "Verbs.h"
+
+#include <tavrin/SxTime.h>
+#include <tavrin/ZqRecordFile.h>
+#include <tavrin/ZqRun.h>
+
+#include <array>
+#include <cstdlib>
+#include <functional>
+
+namespace {
+constexpr int64 LOOK_MS = 100;
+
+struct RunOptions {
+    SxString image, url, report;
+    SxList<SxString> headers;
+    uint64 rate = 0;
+    bool now = false, keepMounted = false;
+};
+
+SxString phaseText(ZqRun::Phase phase) {
+    constexpr std::array<const char*, 9> TEXTS = {"opening", "loading", "mounting",   "preparing", "running",
+                                                  "running", "feeding", "completing", "ending"};
+    return TEXTS[static_cast<size_t>(phase)];
+}
+
+/// What stands ahead of the numbers of the progress line.
+SxString statusText(ZqRun::Phase phase, const ZqImageFeed::Status& status) {
+    if (!status.waiting.isEmpty()) return status.waiting;
+    SxString text = phaseText(phase);
+    if (phase < ZqRun::Running && status.startEta > 0) {
+        text += SxString(", start in ") + status.startEta + " s";
+    }
+    if (status.isUnderflow) text += ", the application waits for data";
+    return text;
+}
+
+SxString seconds(int64 ms) {
+    return SxString::sprintf("%.2f s", static_cast<double>(ms) / 1e3);
+}
+
+void tellFigures(const ZqRun::Result& result, Output* out) {
+    const ZqRuntimeInfo& info = result.info;
+    if (result.startMs >= 0) out->text("  start of the application  " + seconds(result.startMs));
+    if (result.firstFrameMs >= 0) out->text("  first frame               " + seconds(result.firstFrameMs));
+    out->text("  there at the start        " + readableBytes(static_cast<double>(info.preloadSize)) + " of " +
+              readableBytes(static_cast<double>(info.imageSize)));
+    out->text("  received                  " + readableBytes(static_cast<double>(result.link.nBytes)) +
+              (result.image.isPacked ? " (packed)" : "") + ", on demand " +
+              readableBytes(static_cast<double>(result.link.nOnDemandBytes)) + ", twice " +
+              readableBytes(static_cast<double>(result.image.nTwice)));
+    out->text(SxString("  on-demand requests        ") + info.nOnDemandFetches + ", " + info.avgOnDemandTime +
+              " ms each, the longest " + info.maxOnDemandTime + " ms");
+    out->text(SxString("  underflows                ") + info.nUnderflows + ", the longest " +
+              seconds(info.maxUnderflowTime));
+    out->text("  download                  " +
+              SxString(info.downloadComplete ? "complete" : "goes on with the next run") + ", " +
+              SxString::sprintf("%.1f Mbit/s", info.avgSpeed));
+    if (!result.traceFolder.isEmpty()) out->text("  trace                     " + result.traceFolder);
+    if (!result.mountPath.isEmpty()) out->text("  the drive stays at        " + result.mountPath);
+}
+
+/// Shows the run until it has ended; `look` is called between.
+void followRun(ZqRun* job, const Output& out, const std::function<void()>& look) {
+    StopSignals signals;
+    Progress progress(out.getMode(), "opening");
+    job->start();
+    while (!SxWait::pass(LOOK_MS, [&] { return !job->isRunning(); })) {
+        if (signals.isAsked()) job->stop();
+        const ZqImageFeed::Status status = job->getStatus();
+        progress.setLabel(statusText(job->getPhase(), status));
+        progress.update(status.nCurrent, status.nTotal);
+        look();
+    }
+    progress.finish();
+    job->wait();
+}
+
+int run(const RunOptions& options, Output& out) {
+    ZqRun::Settings settings;
+    settings.feed.image = options.image;
+    settings.feed.url = options.url;
+    settings.feed.headers = SxArray<SxString>(options.headers);
+    settings.feed.rateLimit = options.rate;
+    settings.startsAtOnce = options.now;
+    settings.keepsMounted = options.keepMounted;
+    if (const char* file = std::getenv("TAVRIN_FIRST_FRAME")) settings.firstFrameFile = file;
+    ZqRun job(settings);
+    followRun(&job, out, [] {});
+    const ZqRun::Result& result = job.getResult();
+    if (!options.report.isEmpty()) ZqRecordFile::write(job.toJson(), options.report);
+    if (result.wasStarted) {
+        out.text(result.isExitKnown ? SxString("The application has ended with code ") + result.info.exitCode
+                                    : SxString("The application has ended; its exit code is unknown"));
+        tellFigures(result, &out);
+    }
+    if (out.getMode().json) out.object(job.toJson());
+    if (job.hasException()) throw job.getException();
+    return ExitSuccess;
+}
+} // namespace
+
+int mountFed(const FedMount& mount, Output& out, const std::function<void()>& tell) {
+    ZqRun::Settings settings;
+    settings.feed.image = mount.image;
+    settings.feed.url = mount.url;
+    settings.feed.job = "mount";
+    settings.isDriveOnly = true;
+    settings.mountMode = mount.mode;
+    settings.traceFolder = mount.trace;
+    ZqRun job(settings);
+    bool told = false;
+    followRun(&job, out, [&] {
+        if (told || job.getPhase() != ZqRun::Feeding) return;
+        told = true;
+        tell();
+    });
+    if (job.hasException()) throw job.getException();
+    return ExitSuccess;
+}
+
+void registerRunVerbs(App* app) {
+    static RunOptions options;
+    app->verb("run", "Play an image while it is still downloaded",
+              "tavrin run IMAGE --url https://example.org/game/")
+        .argument("IMAGE", &options.image, "Image folder; may be empty or absent at first")
+        .text("--url", &options.url, "FOLDER_URL", "Where the image comes from; noted in IMAGE")
+        .texts("--header", &options.headers, "\"NAME: VALUE\"", "Send this line with each request")
+        .flag("--now", &options.now, "Start at once, not only when the download is ahead far enough")
+        .number("--rate", &options.rate, 1, "Download with at most that many bytes a second")
+        .flag("--keep-mounted", &options.keepMounted,
+              "Complete the image when the application has ended, and leave the drive")
+        .text("--report", &options.report, "FILE", "Write the figures of the run to this file, as JSON")
+        .action([](Output& out) { return run(options, out); });
+}
