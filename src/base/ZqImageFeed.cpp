@@ -134,7 +134,8 @@ void ZqImageFeed::beginDownload() {
 void ZqImageFeed::start() {
     if (!link) return;
     link->setRateLimit(static_cast<double>(settings.rateLimit));
-    image = SxPtr<ZqRemoteImage>::create(link, url, app.sizeZqf, settings.headers, ZqRemoteImage::MAX_KEPT, app.checksumZqf);
+    image = SxPtr<ZqRemoteImage>::create(link, url, app.sizeZqf, settings.headers, ZqRemoteImage::MAX_KEPT,
+                                         app.checksumZqf);
     zqNetioOfferImage(image);
     makeWriter();
     progress = SxPtr<ZqImageProgress>::create(settings.image, app);
