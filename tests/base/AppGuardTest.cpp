@@ -16,7 +16,9 @@
 namespace {
 
 /// Longer than what the system keeps of a name.
-constexpr const char* GAME = "the-real-game-of-the-player";
+/// Longer than the system's short name of a process, and of this process alone, since others may run the same
+/// test.
+const std::string GAME = "the-real-game-of-the-player-" + std::to_string(::getpid());
 
 /// A drive E: with a shell under the game's name, and a launcher to be written.
 class AppGuardTest : public testing::Test {
@@ -26,7 +28,7 @@ protected:
             fs::create_directories(dir.path(folder));
         fs::create_directory_symlink(dir.path("volume"), dir.path("root/dosdevices/e:"));
         ZqMachineRoot::set(dir.path("root"));
-        fs::copy_file(fs::canonical("/bin/sh"), dir.path("volume/app/" + std::string(GAME)));
+        fs::copy_file(fs::canonical("/bin/sh"), dir.path("volume/app/" + GAME));
         ZqLog::setSink([this](const SxString&, const SxString& text) {
             const std::lock_guard lock(mutex);
             log.push_back(text.str());
@@ -93,12 +95,14 @@ TEST_F(AppGuardTest, ExitCodes) {
         {"ends by a signal", "", "kill -SEGV $$", 128 + SIGSEGV},
         {"forks away", "", "(sleep 0.3; exit 5) & (sleep 0.6; exit 9) & exit 0", 5},
         {"ends badly and leaves others behind", "", "sleep 0.3 & exit 3", 3},
-        {"becomes the game", GAME, "exec $GAME -c 'sleep 0.3; exit 4'", 4},
-        {"hands over and ends", GAME, "$GAME -c 'sleep 0.3; exit 6' & exit 1", 6},
-        {"hands over to another session", GAME, "setsid $GAME -c 'sleep 0.3; exit 7' & exit 1", 7},
-        {"waits for the game", GAME, "$GAME -c 'sleep 0.3; exit 8'; exit 1", 8},
-        {"leaves a zombie", GAME, "$GAME -c 'sleep 0.2; kill -KILL $$' & exec sleep 0.8", 128 + SIGKILL},
-        {"starts itself anew", GAME, "$GAME -c 'sleep 0.3; ('$GAME' -c \"sleep 0.5; exit 1\") & exit 2'", 2},
+        {"becomes the game", GAME.c_str(), "exec $GAME -c 'sleep 0.3; exit 4'", 4},
+        {"hands over and ends", GAME.c_str(), "$GAME -c 'sleep 0.3; exit 6' & exit 1", 6},
+        {"hands over to another session", GAME.c_str(), "setsid $GAME -c 'sleep 0.3; exit 7' & exit 1", 7},
+        {"waits for the game", GAME.c_str(), "$GAME -c 'sleep 0.3; exit 8'; exit 1", 8},
+        {"leaves a zombie", GAME.c_str(), "$GAME -c 'sleep 0.2; kill -KILL $$' & exec sleep 0.8",
+         128 + SIGKILL},
+        {"starts itself anew", GAME.c_str(),
+         "$GAME -c 'sleep 0.3; ('$GAME' -c \"sleep 0.5; exit 1\") & exit 2'", 2},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
@@ -117,7 +121,7 @@ TEST_F(AppGuardTest, ExitCodes) {
         const SxString line = c.code == 0
                                   ? SxString(" closed normally.")
                                   : SxString::sprintf(" exit code: 0x%08x", static_cast<unsigned>(c.code));
-        EXPECT_TRUE(logged("main: Process " + std::string(*c.name ? GAME : "launcher") + line.str()));
+        EXPECT_TRUE(logged("main: Process " + (*c.name ? GAME : "launcher") + line.str()));
         EXPECT_TRUE(logged("ZqCoreAppGuard::main: END") && !guard->isRunning());
         EXPECT_THAT(games(), IsEmpty());
         // What was left behind is a child of ours now.
@@ -175,7 +179,7 @@ TEST_F(AppGuardTest, AGameThatNeverComes) {
         EXPECT_GE(elapsed, stopped ? 2500 : 65'000);
         EXPECT_LE(elapsed, stopped ? 2510 : 65'010);
         EXPECT_TRUE(logged(stopped ? "was terminated by stop request." : "exit code: 0xffffffff"));
-        EXPECT_EQ(logged("Failed to open handle to " + std::string(GAME) + " process."), !stopped);
+        EXPECT_EQ(logged("Failed to open handle to " + GAME + " process."), !stopped);
     }
 }
 
