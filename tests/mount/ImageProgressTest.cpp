@@ -83,7 +83,7 @@ TEST(ImageProgress, SpeedsComeOncePerPass) {
     SxTime::msleep(5);
     uint64 size = 0;
     // The first pass begins with the first growth.
-    for (const uint64 megabit : {2, 4, 6, 0}) {
+    for (const uint64 megabit : {2U, 4U, 6U, 0U}) {
         size += megabit * 125'000;
         download.grow(size);
         SxTime::msleep(size == 250'000 ? 1500 : 1000);

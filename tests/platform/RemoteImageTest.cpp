@@ -175,7 +175,7 @@ TEST_F(RemoteImage, doesNotFetchTwiceWhatWasOnDemand) {
         const uint64 nBefore = server.getNBytes(name);
         const ImagePtr image = open();
         if (isPacked) awaitTable(*image);
-        for (const uint64 idx : {4, 5, 6, 11, 29, 30})
+        for (const uint64 idx : {4U, 5U, 6U, 11U, 29U, 30U})
             readOf(*image, idx * STRETCH, 1);
         readOf(*image, 5 * STRETCH, STRETCH);
         EXPECT_TRUE(streamOf(*image) == zqf);

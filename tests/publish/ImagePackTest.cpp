@@ -82,7 +82,7 @@ TEST(ImagePack, PlainZstdReadsItAndTheTableIsRight) {
     TestRandom random;
     TRACE_SEED(random);
     // 50 blocks are a frame.
-    for (const uint64 nBlocks : {1, 49, 50, 51, 100, 1717}) {
+    for (const uint64 nBlocks : {1U, 49U, 50U, 51U, 100U, 1717U}) {
         SCOPED_TRACE(nBlocks);
         const TempDir dir;
         const TestImage image(random, nBlocks, 1.0);

@@ -48,7 +48,7 @@ private:
     bool runFrames();
     bool skipOrigin(ZqRangeReader* reader, SxArray<char>* pending);
     bool fill(ZqRangeReader* reader, SxArray<char>* pending);
-    int64 frameAt(const SxArray<char>& pending, const SxPtr<ZqSeekTable>& table) const;
+    int64 frameAt(const SxArray<char>& pending, const SxPtr<ZqSeekTable>& known) const;
     bool takeFrame(const Bytes& bytes, uint64 nWire);
     void noteDamage(const SxException& e);
     Bytes findKept() const;
@@ -175,23 +175,23 @@ bool ZqRemoteImage::StreamRun::runPacked() {
 }
 
 bool ZqRemoteImage::StreamRun::runFrames() {
-    const SxPtr<ZqSeekTable> table = image->getTable();
+    const SxPtr<ZqSeekTable> known = image->getTable();
     const uint64 first = stretchIdx(), end = endOfRequest();
     uint64 wireEnd = wirePos + (end - first) * STRETCH;
-    if (table) {
-        const ZqSeekTable::Frame& last = table->getFrame(end - 1);
+    if (known) {
+        const ZqSeekTable::Frame& last = known->getFrame(end - 1);
         wireIdx = first;
-        wirePos = table->getFrame(first).offset;
+        wirePos = known->getFrame(first).offset;
         wireEnd = last.offset + last.size;
     }
     ZqRangeReader reader(*image->packed, wirePos, wireEnd, ZqTransfer::Kind::Ordered);
     SxArray<char> pending;
-    if (!table && wirePos == 0 && !skipOrigin(&reader, &pending)) return true;
+    if (!known && wirePos == 0 && !skipOrigin(&reader, &pending)) return true;
     while (stretchIdx() < end) {
         Bytes bytes;
         int64 n = 0;
         try {
-            n = frameAt(pending, table);
+            n = frameAt(pending, known);
             if (n > 0) bytes = image->decode(stretchIdx(), pending.data(), static_cast<uint64>(n));
         } catch (const SxException& e) {
             noteDamage(e);
@@ -200,7 +200,7 @@ bool ZqRemoteImage::StreamRun::runFrames() {
         if (bytes) {
             cutFront(&pending, n);
             if (!takeFrame(bytes, static_cast<uint64>(n))) return false;
-            if (table && pos < image->sizeZqf && isWorthSkipping()) return true;
+            if (known && pos < image->sizeZqf && isWorthSkipping()) return true;
         } else if (!fill(&reader, &pending)) {
             // Without a table a request ends within a frame, but never within its first.
             if (stretchIdx() == first) noteDamage(SxException("It is cut short", UNIT, __LINE__));
@@ -229,9 +229,9 @@ bool ZqRemoteImage::StreamRun::skipOrigin(ZqRangeReader* reader, SxArray<char>* 
 }
 
 /// Bytes of the frame that `pending` begins with; 0 where it isn't all there.
-int64 ZqRemoteImage::StreamRun::frameAt(const SxArray<char>& pending, const SxPtr<ZqSeekTable>& table) const {
-    if (table) {
-        const int64 n = table->getFrame(stretchIdx()).size;
+int64 ZqRemoteImage::StreamRun::frameAt(const SxArray<char>& pending, const SxPtr<ZqSeekTable>& known) const {
+    if (known) {
+        const int64 n = known->getFrame(stretchIdx()).size;
         return pending.getSize() >= n ? n : 0;
     }
     const int64 n = ZqFrameDecoder::findSize(pending.data(), pending.getSize());
