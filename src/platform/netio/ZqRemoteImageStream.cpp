@@ -168,7 +168,7 @@ bool ZqRemoteImage::StreamRun::runPacked() {
     try {
         return runFrames();
     } catch (const SxException& e) {
-        if (!e.hasTag(ZqNetLink::NOT_FOUND) || image->getState() != Packed::Unknown) throw;
+        if (!e.hasTag(ZqNetLink::NOT_FOUND) || image->getState() == Packed::Offered) throw;
         image->setTable(nullptr, Packed::Absent);
         return true;
     }
