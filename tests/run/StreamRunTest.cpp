@@ -1,0 +1,229 @@
+#include "DriveRun.h"
+#include "SxMd5.h"
+#include "ZqFileServer.h"
+
+#include <csignal>
+#include <fstream>
+
+namespace {
+
+constexpr const char* PLAY = "#!/bin/sh\n"
+                             "touch \"$PLAY_OUT.started\"\n"
+                             "find . -type f | sort | xargs md5sum >\"$PLAY_OUT.part\"\n"
+                             "mv \"$PLAY_OUT.part\" \"$PLAY_OUT\"\n"
+                             "while [ -e \"$PLAY_OUT.hold\" ]; do sleep 0.05; done\n"
+                             "exit 7\n";
+
+/// A client that runs beside the test.
+class Client {
+public:
+    Client(const string& client, const std::vector<string>& words, string out_)
+        : out(std::move(out_)),
+          process("bash", arguments(client, words)) {
+        process.start();
+    }
+    ~Client() {
+        process.kill();
+        process.wait();
+    }
+    void signal(int number) { ::kill(process.getId(), number); }
+    bool isRunning() { return process.isRunning(); }
+    /// Its exit code; -1 where it doesn't end in time.
+    int end(int64 ms = 30'000) {
+        return SxWait::pass(ms, [&] { return !process.isRunning(); }) ? process.wait() : -1;
+    }
+    string says() const {
+        std::ifstream file(out);
+        return {std::istreambuf_iterator<char>(file), {}};
+    }
+
+private:
+    SxList<SxString> arguments(const string& client, const std::vector<string>& words) const {
+        SxList<SxString> list = {"-c", SxString("exec \"$@\" >'" + out + "' 2>&1"), "bash", SxString(client)};
+        for (const string& word : words)
+            list << SxString(word);
+        return list;
+    }
+
+    const string out;
+    SxProcess process;
+};
+
+/// An image on a server, and a folder that it is to arrive in.
+class StreamRun : public DriveRun {
+protected:
+    void SetUp() override {
+        DriveRun::SetUp();
+        if (IsSkipped()) return;
+        dir.write("game/play.sh", PLAY);
+        fs::permissions(dir.path("game/play.sh"), fs::perms(0755));
+        ::setenv("PLAY_OUT", played.c_str(), 1);
+        served = build("served", "erofs", {"--cmd", "{{ZQDRIVE}}/TAVRIN-protected/app/play.sh"});
+        SxProcess sums("bash",
+                       {"-c", SxString("cd '" + source + "' && find . -type f | sort | xargs md5sum >'" +
+                                       dir.path("right") + "'")});
+        ASSERT_EQ(sums.run(), 0);
+        server = std::make_unique<ZqFileServer>(SxString(served));
+        server->start();
+    }
+    void TearDown() override {
+        release();
+        DriveRun::TearDown();
+    }
+    std::unique_ptr<Client> start(const std::vector<string>& more = {"--now"}) {
+        std::vector<string> words = {"run", got, "--url", server->getUrl().str()};
+        words.insert(words.end(), more.begin(), more.end());
+        return std::make_unique<Client>(client, words, dir.path("said" + std::to_string(++nClients)));
+    }
+    /// The application ends only behind release().
+    void hold() { dir.write("played.hold", ""); }
+    void release() { fs::remove(played + ".hold"); }
+    void expectPlayed() {
+        EXPECT_EQ(dir.read("played"), dir.read("right"));
+        fs::remove(played);
+        fs::remove(played + ".started");
+    }
+    bool hasStarted() const { return fs::exists(played + ".started"); }
+    bool hasPlayed() const { return fs::exists(played); }
+    bool isMounted() const { return !statusOf(got).image.isEmpty(); }
+    void expectComplete() { EXPECT_TRUE(dir.read("got/img.zqf") == dir.read("served/img.zqf")); }
+
+    string served, got = dir.path("got"), played = dir.path("played");
+    std::unique_ptr<ZqFileServer> server;
+    int nClients = 0;
+};
+
+} // namespace
+
+TEST_F(StreamRun, AnApplicationPlaysWhileItsImageArrives) {
+    for (const bool packed : {false, true}) {
+        SCOPED_TRACE(packed ? "packed" : "plain");
+        fs::remove_all(got);
+        if (packed) done({"image", "pack", served, "--level", "3"});
+        const uint64 nPlain = server->getNBytes("img.zqf");
+        server->setRate(8'000'000);
+        hold();
+        const auto player = start({"--now", "--report", dir.path("report.json")});
+        ASSERT_TRUE(SxWait::pass(20'000, [&] { return hasPlayed(); })) << player->says();
+        expectPlayed();
+        ASSERT_TRUE(SxWait::pass(
+            20'000, [&] { return fs::file_size(got + "/img.zqf") == fs::file_size(served + "/img.zqf"); }));
+        release();
+        EXPECT_EQ(player->end(), 0) << player->says();
+        EXPECT_FALSE(isMounted());
+        expectComplete();
+        const string report = dir.read("report.json");
+        EXPECT_THAT(report, HasSubstr("\"exitCode\": 7"));
+        EXPECT_THAT(report, HasSubstr(packed ? "\"packed\": true" : "\"packed\": false"));
+        EXPECT_GT(fs::file_size(fs::directory_iterator(got + "/traces")->path() / "img.trc"), 0u);
+        EXPECT_TRUE(fs::exists(got + "/runtime.json"));
+        // Each byte passes the wire about once.
+        const uint64 nWire = server->getNBytes("img.zqf") - nPlain;
+        EXPECT_LT(nWire, packed ? 1'000'000 : fs::file_size(served + "/img.zqf") * 11 / 10);
+    }
+    server->stop();
+    EXPECT_EQ(run({"run", got}).code, 0) << "complete, it needs no server";
+    expectPlayed();
+}
+
+TEST_F(StreamRun, ASignalEndsItAtOnceAtEachStage) {
+    struct Stage {
+        const char* name;
+        uint64 stallAfter; ///< bytes of img.zqf; 0: from the first byte of all
+    };
+    for (const Stage& stage :
+         {Stage{"opening", 0}, Stage{"loading or mounting", 100'000}, Stage{"running", 2'000'000}}) {
+        SCOPED_TRACE(stage.name);
+        fs::remove_all(got);
+        fs::remove(played + ".started");
+        server->setRate(3'000'000);
+        server->setFault(ZqFileServer::Stall, stage.stallAfter == 0);
+        const uint64 before = server->getNBytes("img.zqf");
+        const auto player = start();
+        if (stage.stallAfter == 0) {
+            SxTime::msleep(300);
+        } else {
+            ASSERT_TRUE(
+                eventually([&] { return server->getNBytes("img.zqf") - before >= stage.stallAfter; }));
+            server->setFault(ZqFileServer::Stall);
+            SxTime::msleep(300);
+        }
+        player->signal(SIGINT);
+        EXPECT_EQ(player->end(4000), 1) << player->says();
+        EXPECT_THAT(player->says(), HasSubstr("stopped"));
+        EXPECT_FALSE(isMounted());
+        server->setFault(ZqFileServer::Stall, false);
+    }
+    server->setRate(0);
+    EXPECT_EQ(start()->end(), 0) << "goes on where it was";
+    expectPlayed();
+}
+
+TEST_F(StreamRun, AKilledRunLeavesItsApplicationToTheNext) {
+    server->setRate(6'000'000);
+    hold();
+    const auto first = start();
+    ASSERT_TRUE(eventually([&] { return hasStarted(); })) << first->says();
+    const auto other = start();
+    EXPECT_EQ(other->end(), 1);
+    EXPECT_THAT(other->says(), HasSubstr("is in use by process"));
+    first->signal(SIGKILL);
+    first->end();
+    ZqMountMgr().suspend(SxString(got));
+    const auto next = start();
+    ASSERT_TRUE(SxWait::pass(20'000, [&] { return hasPlayed(); })) << next->says();
+    release();
+    EXPECT_EQ(next->end(), 0) << next->says();
+    EXPECT_THAT(next->says(), HasSubstr("its exit code is unknown"));
+    expectPlayed();
+    EXPECT_FALSE(isMounted());
+}
+
+TEST_F(StreamRun, ABadServerCostsTimeAndNoByte) {
+    server->setRate(10'000'000);
+    server->setFault(ZqFileServer::Drop10);
+    server->setFault(ZqFileServer::Close);
+    const auto player = start();
+    ASSERT_TRUE(eventually([&] { return server->getNBytes("img.zqf") > 1'000'000; })) << player->says();
+    server->setFault(ZqFileServer::Error500);
+    SxTime::msleep(700);
+    server->setFault(ZqFileServer::Error500, false);
+    server->stop();
+    SxTime::msleep(700);
+    server->start();
+    EXPECT_EQ(player->end(), 0) << player->says();
+    expectPlayed();
+}
+
+TEST_F(StreamRun, AnotherImageOnTheServerIsRefused) {
+    server->setRate(3'000'000);
+    const auto player = start();
+    ASSERT_TRUE(eventually([&] { return hasStarted(); }));
+    player->signal(SIGINT);
+    EXPECT_EQ(player->end(), 1);
+    string app = dir.read("served/app.json");
+    const size_t at = app.find("\"mnt\": \"") + 8;
+    app[at] = app[at] == '0' ? '1' : '0';
+    dir.write("served/app.json", app);
+    const auto next = start();
+    EXPECT_EQ(next->end(), 1);
+    EXPECT_THAT(next->says(), HasSubstr("has another version"));
+    EXPECT_FALSE(isMounted());
+}
+
+TEST_F(StreamRun, AMountIsFedUntilItIsTakenAway) {
+    server->setRate(10'000'000);
+    for (const bool bySignal : {false, true}) {
+        Client feeder(client, {"mount", got, "--url", server->getUrl().str()}, dir.path("fed"));
+        ASSERT_TRUE(eventually([&] { return statusOf(got).ready; })) << feeder.says();
+        const string app = statusOf(got).mountPath.str() + "/TAVRIN-protected/app/";
+        EXPECT_TRUE(SxMd5::file(SxString(app + "big.pak")) == SxMd5::file(SxString(source + "/big.pak")));
+        if (bySignal) {
+            feeder.signal(SIGTERM);
+        } else {
+            done({"umount", got});
+        }
+        EXPECT_EQ(feeder.end(5000), 0) << feeder.says();
+        EXPECT_FALSE(isMounted());
+    }
+}
