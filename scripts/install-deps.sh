@@ -22,7 +22,7 @@ for group in "$@"; do
     case "$group" in
     clang | fuzz) packages+=(clang-14 libclang-rt-14-dev llvm-14) ;;
     lint) packages+=(git clang-14 clang-tidy-14 clang-format-14) ;;
-    demo) packages+=(freedoom) ;;
+    demo) packages+=(freedoom chocolate-doom bc curl) ;;
     package) packages+=(dpkg-dev file) ;;
     peers) packages+=(nbdkit libnbd-bin qemu-system-common) ;;
     *)
