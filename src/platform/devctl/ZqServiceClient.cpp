@@ -109,7 +109,11 @@ void startService(const std::string& root, const std::string& folder) {
     if (SxFSAction::exists(failure)) SxFSAction::rm(failure);
     SxProcess process(program, {"--root", SxString(root), "--folder", SxString(folder)}, SxProcess::Silent);
     const int code = process.run();
-    if (code == 0) return;
+    if (code == 0) {
+        // Under the lock it can't end for want of clients ahead of our connection.
+        connection.open(folder);
+        return;
+    }
     const SxString why =
         SxFSAction::test_f(failure) ? SxFileIO::readUtf8(failure) : "it ended with status " + SxString(code);
     throw SxException(SxException(why, UNIT, __LINE__), "Cannot start the drive service '" + program + "'",
