@@ -1,4 +1,5 @@
 #include "Builders.h"
+#include "Failure.h"
 #include "FaultOs.h"
 #include "SxException.h"
 #include "TempDir.h"
@@ -42,16 +43,6 @@ void writeRaw7z(const std::string& path, const std::vector<RawEntry>& entries) {
 }
 
 /// The texts of the chain that `act` raises; empty where it raises nothing.
-template<class Act>
-std::string failureOf(Act act) {
-    try {
-        act();
-    } catch (const SxException& e) {
-        return e.what();
-    }
-    return "";
-}
-
 class Archive7z : public testing::Test {
 protected:
     Archive7z() { fs::create_directory(out); }

@@ -1,4 +1,5 @@
 #include "Builders.h"
+#include "Failure.h"
 #include "NetLab.h"
 #include "SxClock.h"
 #include "SxException.h"
@@ -44,16 +45,6 @@ std::string readOf(ZqRemoteImage& image, uint64 offset, uint64 size) {
     std::string buffer(size, '\0');
     image.read(offset, size, buffer.data());
     return buffer;
-}
-
-template<class Act>
-std::string failureOf(Act act) {
-    try {
-        act();
-    } catch (const SxException& e) {
-        return e.what();
-    }
-    return "";
 }
 
 class RemoteImage : public testing::Test {
