@@ -193,6 +193,7 @@ TEST(Underflow, WithoutASourceItIsMinimisedAlone) {
     run.sleep(2050);
     EXPECT_EQ(run.nLogged("No underflow callback configured"), 1);
     EXPECT_EQ(run.nLogged("Cannot resolve by on-demand request"), 3) << "a line a second";
+    run.driver.clock().adjustSystem(-3'600'000);
     run.driver.queue.clear();
     run.sleep(30);
     run.readBlock(60);
@@ -284,8 +285,12 @@ TEST(Underflow, TheDelayBeforeTheSearchResolvesAtOnce) {
         run.sleep(7);
     }
     run.script = [](uint64, uint64, char*) { return 1; };
+    run.mgr->setWindowSearch(false);
     run.readBlock(250);
-    run.sleep(500);
+    run.sleep(300);
+    EXPECT_EQ(run.desktop.nSearches, 0) << "no window is the application's yet";
+    run.mgr->setWindowSearch(true);
+    run.sleep(200);
     EXPECT_EQ(
         run.nLogged("checkInstantUnderflow: Minimizing Ghost Window [9] named [The Game (not responding)]"),
         1);
