@@ -163,7 +163,10 @@ TEST_F(StreamRun, AKilledRunLeavesItsApplicationToTheNext) {
     server->setRate(6'000'000);
     hold();
     const auto first = start();
-    ASSERT_TRUE(eventually([&] { return hasStarted(); })) << first->says();
+    const auto isNoted = [&] {
+        return hasStarted() && dir.read("got/stream.json").find("application") != string::npos;
+    };
+    ASSERT_TRUE(eventually(isNoted)) << first->says();
     const auto other = start();
     EXPECT_EQ(other->end(), 1);
     EXPECT_THAT(other->says(), HasSubstr("is in use by process"));

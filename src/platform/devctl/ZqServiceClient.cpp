@@ -26,8 +26,9 @@ namespace {
 constexpr const char* UNIT = "src/platform/devctl/ZqServiceClient";
 /// How long another client may take to start the service.
 constexpr int64 START_MS = 20'000;
-/// A service that ends between our connection and our request may do so more than once.
-constexpr int MAX_TRIES = 4;
+/// A service that ends between our connection and our request may do so more than once, the oftener the
+/// busier the machine.
+constexpr int MAX_TRIES = 20;
 
 std::atomic<int> cacheSize{-1}; // bytes; -1: never set
 
