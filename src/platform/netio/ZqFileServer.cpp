@@ -350,15 +350,26 @@ private:
     }
 
     bool sendAll(const char* ptr, size_t size) {
-        while (size > 0) {
-            const ssize_t n = ::send(fd, ptr, size, MSG_NOSIGNAL);
-            // The time limit that the socket has: a client may well take its time.
-            if (n < 0 && (errno == EINTR || errno == EAGAIN) && !stopped) continue;
-            if (n <= 0) return false;
-            ptr += n;
-            size -= static_cast<size_t>(n);
+        while (size > 0 && !stopped) {
+            const ssize_t n = ::send(fd, ptr, size, MSG_NOSIGNAL | MSG_DONTWAIT);
+            if (n < 0 && errno == EAGAIN) {
+                awaitRoom();
+            } else if (n > 0) {
+                ptr += n;
+                size -= static_cast<size_t>(n);
+            } else if (n == 0 || errno != EINTR) {
+                return false;
+            }
         }
-        return true;
+        return size == 0;
+    }
+
+    /// A client may well take its time; the link isn't busy with it meanwhile.
+    void awaitRoom() {
+        busy.reset();
+        pollfd state = {fd, POLLOUT, 0};
+        ::poll(&state, 1, static_cast<int>(SxWait::LOOK_MS));
+        busy.emplace(&served->link);
     }
 
     bool awaitLatency() {
