@@ -6,6 +6,7 @@
 #include "ZqFileServer.h"
 #include "ZqRemoteFile.h"
 
+#include <atomic>
 #include <gmock/gmock.h>
 #include <thread>
 
@@ -255,6 +256,27 @@ TEST_F(RemoteFile, holdsTheRateOfStreamsOnly) {
     const int64 startOfRanges = nowMs();
     read(open(), 0, 3'000'000);
     EXPECT_LE(nowMs() - startOfRanges, 1000);
+}
+
+TEST_F(RemoteFile, sharesTheRateAmongStreams) {
+    link->setRateLimit(1'000'000);
+    std::atomic<bool> ending{false};
+    std::atomic<uint64> nOther{0};
+    std::thread other([&] {
+        open()->stream(0, [&](const char*, int64 n) {
+            nOther += static_cast<uint64>(n);
+            return !ending;
+        });
+    });
+    ASSERT_TRUE(SxWait::pass(5000, [&] { return nOther > 0; }));
+    uint64 n = 0;
+    open()->stream(0, [&](const char*, int64 nPiece) {
+        n += static_cast<uint64>(nPiece);
+        return n < 300'000 && nOther < 1'500'000;
+    });
+    EXPECT_GE(n, 300'000u) << "the other had " << nOther;
+    ending = true;
+    other.join();
 }
 
 TEST_F(RemoteFile, waitsForASlowConsumer) {

@@ -2,15 +2,16 @@
 
 #include "SxClock.h"
 #include "SxOs.h"
+#include "ZqNetPace.h"
 
+#include <algorithm>
 #include <array>
-#include <charconv>
 #include <curl/curl.h>
 #include <mutex>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <numeric>
 #include <sys/socket.h>
+#include <unistd.h>
 #include <unordered_map>
 #include <vector>
 
@@ -20,82 +21,20 @@ constexpr const char* UNIT = "src/platform/netio/ZqNetLoop";
 constexpr int64 MS = 1'000'000;
 /// An on-demand request that the server doesn't answer for so long holds the ordered streams no more.
 constexpr int64 PRIORITY_NS = 1'000 * MS;
-/// Time over which one rate is measured.
-constexpr int64 RATE_NS = 50 * MS;
-/// Time behind a begin or a hold in which none is measured: what comes first has waited in buffers.
-constexpr int64 SETTLE_NS = 25 * MS;
 /// What the rate limit lets an ordered stream make good after a pause.
 constexpr int64 CREDIT_NS = 100 * MS;
+/// The streams stay held for a round trip behind an answer, within these bounds: one who waits for blocks
+/// mostly asks for the next ones then, and these would find the link full.
+constexpr int64 MIN_QUIET_NS = 10 * MS, MAX_QUIET_NS = 60 * MS;
 constexpr int LOOK_MS = 100;
-/// Round trips at the best rate of late that an ordered stream's window covers; more than one, so that the
+/// Round trips at the best rate of late that an ordered stream's buffer covers; more than one, so that the
 /// rate can grow.
-constexpr double WINDOW_TRIPS = 1.25;
-constexpr int64 BEST_RATE_NS = 15'000 * MS;
+constexpr double BUFFER_TRIPS = 1.25;
 constexpr long MIN_BUFFER = 16'384, MAX_BUFFER = 131'072;
-constexpr double MIN_WINDOW = 48 << 10, MAX_WINDOW = 64 << 20;
+constexpr double MIN_BUFFERED = 48 << 10, MAX_BUFFERED = 64 << 20;
 
 int64 nowNs() {
     return SxClock::get().steadyNs();
-}
-
-std::string_view trim(std::string_view text) {
-    while (!text.empty() && (text.front() == ' ' || text.front() == '\t'))
-        text.remove_prefix(1);
-    while (!text.empty() && static_cast<unsigned char>(text.back()) <= ' ')
-        text.remove_suffix(1);
-    return text;
-}
-
-/// The number that `text` begins with, which is cut off; -1 where it begins with none.
-int64 takeNumber(std::string_view* text) {
-    int64 value = -1;
-    const auto [end, error] = std::from_chars(text->data(), text->data() + text->size(), value);
-    if (error != std::errc() || value < 0) return -1;
-    text->remove_prefix(static_cast<size_t>(end - text->data()));
-    return value;
-}
-
-/// "bytes 0-99/1000", "bytes */1000"; whatever else leaves the numbers unknown.
-void parseContentRange(std::string_view text, ZqTransfer::Response* response) {
-    if (!text.starts_with("bytes")) return;
-    text = trim(text.substr(5));
-    int64 first = -1, last = -1;
-    if (text.starts_with('*')) {
-        text.remove_prefix(1);
-    } else {
-        first = takeNumber(&text);
-        if (first < 0 || !text.starts_with('-')) return;
-        text.remove_prefix(1);
-        last = takeNumber(&text);
-        if (last < first) return;
-    }
-    if (!text.starts_with('/')) return;
-    text.remove_prefix(1);
-    response->total = takeNumber(&text);
-    response->first = first;
-    response->last = last;
-}
-
-void parseHeader(std::string_view line, ZqTransfer::Response* response) {
-    if (line.starts_with("HTTP/")) {
-        *response = ZqTransfer::Response();
-        return;
-    }
-    const size_t colon = line.find(':');
-    if (colon == std::string_view::npos) return;
-    const SxString name = SxString(line.substr(0, colon)).changeCase(false);
-    std::string_view value = trim(line.substr(colon + 1));
-    if (name == "etag") {
-        response->eTag = SxString(value);
-    } else if (name == "last-modified") {
-        response->lastModified = SxString(value);
-    } else if (name == "content-encoding") {
-        response->encoding = SxString(value);
-    } else if (name == "content-length") {
-        response->length = takeNumber(&value);
-    } else if (name == "content-range") {
-        parseContentRange(value, response);
-    }
 }
 
 const char* tagOf(CURLcode code) {
@@ -159,8 +98,8 @@ public:
 
     void run();
 
-    std::atomic<double> rateLimit{0.}, rate{0.};
-    std::atomic<int64> roundTripUs{0};
+    ZqNetPace pace;
+    std::atomic<double> rateLimit{0.};
     std::atomic<uint64> nBytes{0}, nOnDemandBytes{0}, nRequests{0};
 
 private:
@@ -175,9 +114,10 @@ private:
         bool held = false;
         bool failed = false;
         SxException failure;
-        int64 lastByteNs = 0;
-        int64 measureNs = 0; ///< from when on bytes count for the rate; 0 while they don't
-        int64 nMeasured = 0;
+        int64 lastByteNs = 0; ///< for the stall limit: runs on while it is held
+        int64 lastTakenNs = 0;
+        curl_socket_t fd = CURL_SOCKET_BAD; ///< of an ordered stream that has begun
+        ZqNetPace::Span span;
 
         ZqTransfer::Kind kind() const { return transfer->getRequest().kind; }
     };
@@ -196,24 +136,24 @@ private:
     bool hasPriorityRequest() const;
     int timeToWait() const;
 
+    static curl_socket_t onOpenSocket(void* user, curlsocktype purpose, curl_sockaddr* address);
+    static int onCloseSocket(void* user, curl_socket_t fd);
     static size_t onHeader(char* bytes, size_t size, size_t n, void* user);
     static size_t onBody(char* bytes, size_t size, size_t n, void* user);
     void check(Active* active);
     size_t take(Active* active, const char* bytes, size_t n);
-    void measure(Active* active, int64 now, int64 n);
-    double bestTripBytes() const;
-    void boundWindow(CURL* easy) const;
+    curl_socket_t socketOf(CURL* easy) const;
+    void boundBuffer(const Active& active) const;
     void noteRoundTrip(CURL* easy);
 
     const ZqNetSettings settings;
+    std::vector<curl_socket_t> sockets; ///< of all connections; used until libcurl has closed them
     std::unique_ptr<CURLM, CloseMulti> multi;
     std::atomic<bool> ending{false};
     std::unordered_map<CURL*, std::unique_ptr<Active>> actives;
+    bool speaksHttp1 = false; ///< the last answer to a request that may be beside others
+    int64 quietUntilNs = 0;   ///< the ordered streams are held until then for the next on-demand request
     int64 limitedUntilNs = 0; ///< when the ordered streams may take bytes again
-    std::array<int64, 8> roundTrips{};
-    size_t nRoundTrips = 0;
-    double bestNow = 0., bestBefore = 0.; ///< best rate of this span and of the one before
-    int64 bestSinceNs = 0;
 
     SxMutex mutex;
     std::vector<SxPtr<ZqTransfer>> added SX_GUARDED_BY(mutex), dropped SX_GUARDED_BY(mutex);
@@ -297,7 +237,10 @@ void ZqNetLoop::Engine::setOptions(Active* active) {
     // HTTP/2 stream would go on into memory, within a window of 32 MiB.
     curl_easy_setopt(easy, CURLOPT_HTTP_VERSION,
                      static_cast<long>(isOrdered ? CURL_HTTP_VERSION_1_1 : CURL_HTTP_VERSION_2TLS));
-    curl_easy_setopt(easy, CURLOPT_PIPEWAIT, isOrdered ? 0L : 1L);
+    // To wait for a connection that may take several requests pays over HTTP/2 only, and else lasts until the
+    // first request has ended.
+    const bool mayShare = !isOrdered && !speaksHttp1 && request.url.str().starts_with("https:");
+    curl_easy_setopt(easy, CURLOPT_PIPEWAIT, mayShare ? 1L : 0L);
     curl_easy_setopt(easy, CURLOPT_BUFFERSIZE, isOrdered ? streamBuffer() : MAX_BUFFER);
     if (!request.range.isEmpty()) curl_easy_setopt(easy, CURLOPT_RANGE, request.range.ascii());
     for (const SxString& header : request.headers) {
@@ -307,6 +250,10 @@ void ZqNetLoop::Engine::setOptions(Active* active) {
         active->headers.reset(longer);
     }
     if (active->headers) curl_easy_setopt(easy, CURLOPT_HTTPHEADER, active->headers.get());
+    curl_easy_setopt(easy, CURLOPT_OPENSOCKETFUNCTION, &Engine::onOpenSocket);
+    curl_easy_setopt(easy, CURLOPT_OPENSOCKETDATA, this);
+    curl_easy_setopt(easy, CURLOPT_CLOSESOCKETFUNCTION, &Engine::onCloseSocket);
+    curl_easy_setopt(easy, CURLOPT_CLOSESOCKETDATA, this);
     curl_easy_setopt(easy, CURLOPT_HEADERFUNCTION, &Engine::onHeader);
     curl_easy_setopt(easy, CURLOPT_HEADERDATA, active);
     curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &Engine::onBody);
@@ -317,7 +264,7 @@ void ZqNetLoop::Engine::setOptions(Active* active) {
 long ZqNetLoop::Engine::streamBuffer() const {
     const double limit = rateLimit.load();
     const bool isSlow = limit > 0. && limit < MAX_BUFFER * 50.;
-    const double quarter = std::min(bestTripBytes() / 4., 1e9);
+    const double quarter = std::min(pace.getTripBytes() / 4., 1e9);
     return isSlow ? MIN_BUFFER : std::clamp(static_cast<long>(quarter), MIN_BUFFER, MAX_BUFFER);
 }
 
@@ -342,6 +289,8 @@ void ZqNetLoop::Engine::conclude(Active* active, CURLcode code) {
     if (code == CURLE_OK && !active->checked) check(active);
     if (code == CURLE_OK && !active->failed) {
         active->transfer->finish();
+        if (active->kind() == ZqTransfer::Kind::OnDemand)
+            quietUntilNs = nowNs() + std::clamp(pace.getRoundTripUs() * 1000, MIN_QUIET_NS, MAX_QUIET_NS);
     } else {
         active->transfer->fail(active->failed ? active->failure : failureOf(*active, code));
     }
@@ -392,7 +341,8 @@ bool ZqNetLoop::Engine::hasPriorityRequest() const {
 bool ZqNetLoop::Engine::mustHold(const Active& active) const {
     if (!active.transfer->hasRoom()) return true;
     if (active.kind() != ZqTransfer::Kind::Ordered) return false;
-    return hasPriorityRequest() || (rateLimit.load() > 0. && limitedUntilNs > nowNs());
+    const int64 now = nowNs();
+    return quietUntilNs > now || (rateLimit.load() > 0. && limitedUntilNs > now) || hasPriorityRequest();
 }
 
 void ZqNetLoop::Engine::releaseHeld() {
@@ -400,7 +350,11 @@ void ZqNetLoop::Engine::releaseHeld() {
     for (const auto& [easy, active] : actives) {
         if (active->held && !mustHold(*active)) released.push_back(active.get());
     }
+    // Under the rate limit the first may use up what there is: they take turns.
+    std::sort(released.begin(), released.end(),
+              [](const Active* a, const Active* b) { return a->lastTakenNs < b->lastTakenNs; });
     for (Active* active : released) {
+        if (mustHold(*active)) continue;
         active->held = false;
         active->lastByteNs = nowNs();
         curl_easy_pause(active->easy.get(), CURLPAUSE_CONT);
@@ -412,15 +366,27 @@ int ZqNetLoop::Engine::timeToWait() const {
     int64 wait = LOOK_MS;
     const int64 now = nowNs();
     for (const auto& [easy, active] : actives) {
-        if (active->held && limitedUntilNs > now) wait = std::min(wait, (limitedUntilNs - now) / MS + 1);
+        const int64 until = std::max(quietUntilNs, limitedUntilNs);
+        if (active->held && until > now) wait = std::min(wait, (until - now) / MS + 1);
     }
     return static_cast<int>(wait);
+}
+
+curl_socket_t ZqNetLoop::Engine::onOpenSocket(void* user, curlsocktype /*purpose*/, curl_sockaddr* address) {
+    const curl_socket_t fd = ::socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
+    if (fd >= 0) static_cast<Engine*>(user)->sockets.push_back(fd);
+    return fd;
+}
+
+int ZqNetLoop::Engine::onCloseSocket(void* user, curl_socket_t fd) {
+    std::erase(static_cast<Engine*>(user)->sockets, fd);
+    return ::close(fd);
 }
 
 size_t ZqNetLoop::Engine::onHeader(char* bytes, size_t size, size_t n, void* user) {
     Active* active = static_cast<Active*>(user);
     active->lastByteNs = nowNs();
-    parseHeader(std::string_view(bytes, size * n), &active->response);
+    active->response.takeHeader(std::string_view(bytes, size * n));
     return size * n;
 }
 
@@ -431,14 +397,19 @@ size_t ZqNetLoop::Engine::onBody(char* bytes, size_t size, size_t n, void* user)
 
 void ZqNetLoop::Engine::check(Active* active) {
     CURL* easy = active->easy.get();
-    long status = 0;
+    long status = 0, version = 0;
     char* url = nullptr;
     curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &status);
     curl_easy_getinfo(easy, CURLINFO_EFFECTIVE_URL, &url);
+    if (active->kind() != ZqTransfer::Kind::Ordered) {
+        curl_easy_getinfo(easy, CURLINFO_HTTP_VERSION, &version);
+        speaksHttp1 = version < CURL_HTTP_VERSION_2_0;
+    }
     active->response.status = static_cast<int>(status);
     active->response.url = SxString(url);
     active->checked = true;
     noteRoundTrip(easy);
+    if (active->kind() == ZqTransfer::Kind::Ordered) active->fd = socketOf(easy);
     try {
         active->transfer->getRequest().check(active->response);
     } catch (const SxException& e) {
@@ -452,17 +423,17 @@ size_t ZqNetLoop::Engine::take(Active* active, const char* bytes, size_t n) {
     if (active->failed) return 0;
     if (mustHold(*active)) {
         active->held = true;
-        active->measureNs = 0;
+        active->span = {};
         return CURL_WRITEFUNC_PAUSE;
     }
     const int64 now = nowNs();
     const auto nTaken = static_cast<int64>(n);
-    active->lastByteNs = now;
+    active->lastByteNs = active->lastTakenNs = now;
     addTo<uint64>(&nBytes, n);
     if (active->kind() == ZqTransfer::Kind::OnDemand) addTo<uint64>(&nOnDemandBytes, n);
     if (active->kind() == ZqTransfer::Kind::Ordered) {
-        measure(active, now, nTaken);
-        boundWindow(active->easy.get());
+        pace.measure(&active->span, now, nTaken);
+        boundBuffer(*active);
         const double limit = rateLimit.load();
         if (limit > 0.) {
             const double costNs = static_cast<double>(nTaken) / limit * 1e9;
@@ -473,47 +444,38 @@ size_t ZqNetLoop::Engine::take(Active* active, const char* bytes, size_t n) {
     return n;
 }
 
-void ZqNetLoop::Engine::measure(Active* active, int64 now, int64 n) {
-    if (active->measureNs == 0) {
-        active->measureNs = now + SETTLE_NS;
-        active->nMeasured = 0;
+/// The socket of a request that is under way. libcurl tells it only of requests that have ended; but it tells
+/// the port, also on a connection that was kept.
+curl_socket_t ZqNetLoop::Engine::socketOf(CURL* easy) const {
+    long port = 0;
+    if (curl_easy_getinfo(easy, CURLINFO_LOCAL_PORT, &port) != CURLE_OK || port == 0) return CURL_SOCKET_BAD;
+    for (const curl_socket_t fd : sockets) {
+        sockaddr_storage address{};
+        socklen_t size = sizeof address;
+        if (::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size) != 0) continue;
+        const in_port_t own = address.ss_family == AF_INET6
+                                  ? reinterpret_cast<const sockaddr_in6&>(address).sin6_port
+                                  : reinterpret_cast<const sockaddr_in&>(address).sin_port;
+        if (ntohs(own) == port) return fd;
     }
-    if (now < active->measureNs) return;
-    if (active->nMeasured == 0) active->measureNs = now;
-    active->nMeasured += n;
-    const int64 passed = now - active->measureNs;
-    if (passed < RATE_NS) return;
-    const double measured = static_cast<double>(active->nMeasured) * 1e9 / static_cast<double>(passed);
-    const double old = rate.load();
-    rate.store(old > 0. ? 0.75 * old + 0.25 * measured : measured);
-    active->measureNs = now;
-    active->nMeasured = 0;
-    if (now - bestSinceNs > BEST_RATE_NS) {
-        bestBefore = bestNow;
-        bestNow = 0.;
-        bestSinceNs = now;
-    }
-    bestNow = std::max(bestNow, measured);
+    return CURL_SOCKET_BAD;
 }
 
-/// Bytes of a round trip at the best rate of late; 0 not known yet.
-double ZqNetLoop::Engine::bestTripBytes() const {
-    if (nRoundTrips == 0) return 0.;
-    const auto n = static_cast<std::ptrdiff_t>(std::min(nRoundTrips, roundTrips.size()));
-    const int64 sumUs = std::accumulate(roundTrips.begin(), roundTrips.begin() + n, int64{0});
-    return std::max(bestNow, bestBefore) * static_cast<double>(sumUs) / static_cast<double>(n) / 1e6;
-}
-
-/// Bounds what the server sends on while the stream is held, and with it what a range has to wait for. The
-/// system's own bound may be megabytes, and it lifts ours whenever it raises that; so this is done with each
-/// piece.
-void ZqNetLoop::Engine::boundWindow(CURL* easy) const {
-    curl_socket_t fd = CURL_SOCKET_BAD;
-    const double wanted = bestTripBytes() * WINDOW_TRIPS;
-    if (wanted <= 0.) return;
-    if (curl_easy_getinfo(easy, CURLINFO_ACTIVESOCKET, &fd) != CURLE_OK || fd == CURL_SOCKET_BAD) return;
-    const int window = static_cast<int>(std::clamp(wanted, MIN_WINDOW, MAX_WINDOW));
-    ::setsockopt(fd, IPPROTO_TCP, TCP_WINDOW_CLAMP, &window, sizeof window);
+/// Bounds what the server sends on while the stream is held, and with it what a range has to wait for: the
+/// system's own bound may be megabytes. A window alone wouldn't do, since it opens again with each segment
+/// as long as there is buffer.
+void ZqNetLoop::Engine::boundBuffer(const Active& active) const {
+    const double trip = pace.getTripBytes();
+    if (trip <= 0. || active.fd == CURL_SOCKET_BAD) return;
+    const int wanted = static_cast<int>(std::clamp(trip * BUFFER_TRIPS, MIN_BUFFERED, MAX_BUFFERED));
+    int granted = 0;
+    socklen_t size = sizeof granted;
+    ::setsockopt(active.fd, SOL_SOCKET, SO_RCVBUF, &wanted, sizeof wanted);
+    ::getsockopt(active.fd, SOL_SOCKET, SO_RCVBUF, &granted, &size);
+    if (granted / 2 >= wanted) return; // the system counts its own overhead, too
+    // More than a program may ask for: the system's own way gives more.
+    const int unlocked = 0;
+    ::setsockopt(active.fd, SOL_SOCKET, SO_BUF_LOCK, &unlocked, sizeof unlocked);
 }
 
 void ZqNetLoop::Engine::noteRoundTrip(CURL* easy) {
@@ -522,12 +484,7 @@ void ZqNetLoop::Engine::noteRoundTrip(CURL* easy) {
     curl_easy_getinfo(easy, CURLINFO_PRETRANSFER_TIME_T, &sent);
     curl_easy_getinfo(easy, CURLINFO_STARTTRANSFER_TIME_T, &answered);
     curl_easy_getinfo(easy, CURLINFO_REDIRECT_COUNT, &nRedirects);
-    if (nRedirects > 0 || answered <= sent) return;
-    roundTrips[nRoundTrips % roundTrips.size()] = answered - sent;
-    ++nRoundTrips;
-    const auto end =
-        roundTrips.begin() + static_cast<std::ptrdiff_t>(std::min(nRoundTrips, roundTrips.size()));
-    roundTripUs.store(*std::min_element(roundTrips.begin(), end));
+    if (nRedirects == 0 && answered > sent) pace.noteRoundTrip(answered - sent, nowNs());
 }
 
 ZqNetLoop::ZqNetLoop(const ZqNetSettings& settings) {
@@ -556,8 +513,8 @@ ZqNetLink::Figures ZqNetLoop::getFigures() const {
     figures.nBytes = engine->nBytes.load();
     figures.nOnDemandBytes = engine->nOnDemandBytes.load();
     figures.nRequests = engine->nRequests.load();
-    figures.roundTripUs = engine->roundTripUs.load();
-    figures.rate = engine->rate.load();
+    figures.roundTripUs = engine->pace.getRoundTripUs();
+    figures.rate = engine->pace.getRate();
     return figures;
 }
 

@@ -1,12 +1,74 @@
 #include "ZqTransfer.h"
 
+#include <charconv>
 #include <chrono>
 #include <cstring>
 
 namespace {
 constexpr int64 PIECE = 256 << 10;
 constexpr auto LOOK = std::chrono::milliseconds(20);
+
+std::string_view trim(std::string_view text) {
+    while (!text.empty() && (text.front() == ' ' || text.front() == '\t'))
+        text.remove_prefix(1);
+    while (!text.empty() && static_cast<unsigned char>(text.back()) <= ' ')
+        text.remove_suffix(1);
+    return text;
+}
+
+/// The number that `text` begins with, which is cut off; -1 where it begins with none.
+int64 takeNumber(std::string_view* text) {
+    int64 value = -1;
+    const auto [end, error] = std::from_chars(text->data(), text->data() + text->size(), value);
+    if (error != std::errc() || value < 0) return -1;
+    text->remove_prefix(static_cast<size_t>(end - text->data()));
+    return value;
+}
+
+/// "bytes 0-99/1000", "bytes */1000"; whatever else leaves the numbers unknown.
+void parseContentRange(std::string_view text, ZqTransfer::Response* response) {
+    if (!text.starts_with("bytes")) return;
+    text = trim(text.substr(5));
+    int64 first = -1, last = -1;
+    if (text.starts_with('*')) {
+        text.remove_prefix(1);
+    } else {
+        first = takeNumber(&text);
+        if (first < 0 || !text.starts_with('-')) return;
+        text.remove_prefix(1);
+        last = takeNumber(&text);
+        if (last < first) return;
+    }
+    if (!text.starts_with('/')) return;
+    text.remove_prefix(1);
+    response->total = takeNumber(&text);
+    response->first = first;
+    response->last = last;
+}
+
 } // namespace
+
+void ZqTransfer::Response::takeHeader(std::string_view line) {
+    if (line.starts_with("HTTP/")) {
+        *this = Response();
+        return;
+    }
+    const size_t colon = line.find(':');
+    if (colon == std::string_view::npos) return;
+    const SxString name = SxString(line.substr(0, colon)).changeCase(false);
+    std::string_view value = trim(line.substr(colon + 1));
+    if (name == "etag") {
+        eTag = SxString(value);
+    } else if (name == "last-modified") {
+        lastModified = SxString(value);
+    } else if (name == "content-encoding") {
+        encoding = SxString(value);
+    } else if (name == "content-length") {
+        length = takeNumber(&value);
+    } else if (name == "content-range") {
+        parseContentRange(value, this);
+    }
+}
 
 ZqTransfer::Next ZqTransfer::next(SxArray<char>* piece) {
     bool madeRoom = false;

@@ -7,6 +7,7 @@
 #include <condition_variable>
 #include <deque>
 #include <functional>
+#include <string_view>
 
 /// One HTTP request under way: what the network thread fills and a consumer takes from. The consumer's
 /// operations belong to one thread at a time.
@@ -26,6 +27,8 @@ public:
         int64 first = -1, last = -1, total = -1; ///< Content-Range, inclusive
         int64 length = -1;                       ///< Content-Length
 
+        /// One line of the response's head. A status line begins a response anew, as behind a redirect.
+        void takeHeader(std::string_view line);
         const SxString& validator() const { return eTag.isEmpty() ? lastModified : eTag; }
     };
     /// Called on the network thread ahead of the first body byte; raises where the response is of no use.

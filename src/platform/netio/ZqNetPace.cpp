@@ -1,0 +1,46 @@
+#include "ZqNetPace.h"
+
+#include <algorithm>
+
+namespace {
+constexpr int64 MS = 1'000'000;
+/// Time over which one rate is measured.
+constexpr int64 RATE_NS = 50 * MS;
+constexpr int64 SETTLE_NS = 25 * MS;
+constexpr int64 BEST_RATE_NS = 15'000 * MS;
+/// Longer, since under load all of them have waited for what the streams had sent ahead of them.
+constexpr int64 BEST_TRIP_NS = 60'000 * MS;
+} // namespace
+
+void ZqNetPace::measure(Span* span, int64 nowNs, int64 n) {
+    if (span->sinceNs == 0) *span = {nowNs + SETTLE_NS, 0};
+    if (nowNs < span->sinceNs) return;
+    if (span->nBytes == 0) span->sinceNs = nowNs;
+    span->nBytes += n;
+    const int64 passed = nowNs - span->sinceNs;
+    if (passed < RATE_NS) return;
+    const double measured = static_cast<double>(span->nBytes) * 1e9 / static_cast<double>(passed);
+    const double old = rate.load();
+    rate.store(old > 0. ? 0.75 * old + 0.25 * measured : measured);
+    *span = {nowNs, 0};
+    if (nowNs - rateSinceNs > BEST_RATE_NS) {
+        bestRateBefore = bestRate;
+        bestRate = 0.;
+        rateSinceNs = nowNs;
+    }
+    bestRate = std::max(bestRate, measured);
+}
+
+void ZqNetPace::noteRoundTrip(int64 us, int64 nowNs) {
+    if (nowNs - tripSinceNs > BEST_TRIP_NS) {
+        bestTripUsBefore = bestTripUs;
+        bestTripUs = us;
+        tripSinceNs = nowNs;
+    }
+    bestTripUs = std::min(bestTripUs, us);
+    roundTripUs.store(bestTripUsBefore > 0 ? std::min(bestTripUs, bestTripUsBefore) : bestTripUs);
+}
+
+double ZqNetPace::getTripBytes() const noexcept {
+    return std::max(bestRate, bestRateBefore) * static_cast<double>(roundTripUs.load()) / 1e6;
+}
