@@ -27,11 +27,9 @@ constexpr int64 CREDIT_NS = 100 * MS;
 /// mostly asks for the next ones then, and these would find the link full.
 constexpr int64 MIN_QUIET_NS = 10 * MS, MAX_QUIET_NS = 60 * MS;
 constexpr int LOOK_MS = 100;
-/// Round trips at the best rate of late that an ordered stream's buffer covers; more than one, so that the
-/// rate can grow.
-constexpr double BUFFER_TRIPS = 1.25;
 constexpr long MIN_BUFFER = 16'384, MAX_BUFFER = 131'072;
-constexpr double MIN_BUFFERED = 48 << 10, MAX_BUFFERED = 64 << 20;
+/// Bytes of an ordered stream's receive buffer.
+constexpr double MIN_BUFFERED = 48 << 10, FIRST_BUFFERED = 64 << 10, MAX_BUFFERED = 64 << 20;
 
 int64 nowNs() {
     return SxClock::get().steadyNs();
@@ -409,7 +407,10 @@ void ZqNetLoop::Engine::check(Active* active) {
     active->response.url = SxString(url);
     active->checked = true;
     noteRoundTrip(easy);
-    if (active->kind() == ZqTransfer::Kind::Ordered) active->fd = socketOf(easy);
+    if (active->kind() == ZqTransfer::Kind::Ordered) {
+        active->fd = socketOf(easy);
+        boundBuffer(*active);
+    }
     try {
         active->transfer->getRequest().check(active->response);
     } catch (const SxException& e) {
@@ -430,7 +431,10 @@ size_t ZqNetLoop::Engine::take(Active* active, const char* bytes, size_t n) {
     const auto nTaken = static_cast<int64>(n);
     active->lastByteNs = active->lastTakenNs = now;
     addTo<uint64>(&nBytes, n);
-    if (active->kind() == ZqTransfer::Kind::OnDemand) addTo<uint64>(&nOnDemandBytes, n);
+    if (active->kind() == ZqTransfer::Kind::OnDemand) {
+        addTo<uint64>(&nOnDemandBytes, n);
+        pace.measureRange(&active->span, now, nTaken);
+    }
     if (active->kind() == ZqTransfer::Kind::Ordered) {
         pace.measure(&active->span, now, nTaken);
         boundBuffer(*active);
@@ -463,16 +467,18 @@ curl_socket_t ZqNetLoop::Engine::socketOf(CURL* easy) const {
 
 /// Bounds what the server sends on while the stream is held, and with it what a range has to wait for: the
 /// system's own bound may be megabytes. A window alone wouldn't do, since it opens again with each segment
-/// as long as there is buffer.
+/// as long as there is buffer. The system doubles the bytes for its own needs; what it doesn't need of that
+/// lets the rate grow.
 void ZqNetLoop::Engine::boundBuffer(const Active& active) const {
     const double trip = pace.getTripBytes();
-    if (trip <= 0. || active.fd == CURL_SOCKET_BAD) return;
-    const int wanted = static_cast<int>(std::clamp(trip * BUFFER_TRIPS, MIN_BUFFERED, MAX_BUFFERED));
+    if (active.fd == CURL_SOCKET_BAD) return;
+    const int wanted =
+        static_cast<int>(std::clamp(trip > 0. ? trip : FIRST_BUFFERED, MIN_BUFFERED, MAX_BUFFERED));
     int granted = 0;
     socklen_t size = sizeof granted;
     ::setsockopt(active.fd, SOL_SOCKET, SO_RCVBUF, &wanted, sizeof wanted);
     ::getsockopt(active.fd, SOL_SOCKET, SO_RCVBUF, &granted, &size);
-    if (granted / 2 >= wanted) return; // the system counts its own overhead, too
+    if (granted / 2 >= wanted) return;
     // More than a program may ask for: the system's own way gives more.
     const int unlocked = 0;
     ::setsockopt(active.fd, SOL_SOCKET, SO_BUF_LOCK, &unlocked, sizeof unlocked);

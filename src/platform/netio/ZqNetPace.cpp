@@ -6,6 +6,8 @@ namespace {
 constexpr int64 MS = 1'000'000;
 /// Time over which one rate is measured.
 constexpr int64 RATE_NS = 50 * MS;
+/// Bytes of a range over which one is measured.
+constexpr int64 RANGE_BYTES = 96 << 10;
 constexpr int64 SETTLE_NS = 25 * MS;
 constexpr int64 BEST_RATE_NS = 15'000 * MS;
 /// Longer, since under load all of them have waited for what the streams had sent ahead of them.
@@ -22,7 +24,23 @@ void ZqNetPace::measure(Span* span, int64 nowNs, int64 n) {
     const double measured = static_cast<double>(span->nBytes) * 1e9 / static_cast<double>(passed);
     const double old = rate.load();
     rate.store(old > 0. ? 0.75 * old + 0.25 * measured : measured);
+    noteBest(measured, nowNs);
     *span = {nowNs, 0};
+}
+
+void ZqNetPace::measureRange(Span* span, int64 nowNs, int64 n) {
+    if (span->sinceNs == 0) {
+        *span = {nowNs, 0};
+        return;
+    }
+    span->nBytes += n;
+    const int64 passed = nowNs - span->sinceNs;
+    if (span->nBytes < RANGE_BYTES || passed < MS) return;
+    noteBest(static_cast<double>(span->nBytes) * 1e9 / static_cast<double>(passed), nowNs);
+    *span = {nowNs, 0};
+}
+
+void ZqNetPace::noteBest(double measured, int64 nowNs) {
     if (nowNs - rateSinceNs > BEST_RATE_NS) {
         bestRateBefore = bestRate;
         bestRate = 0.;

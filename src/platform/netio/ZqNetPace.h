@@ -17,6 +17,8 @@ public:
 
     /// `n` bytes of a stream came at `nowNs`, steady clock.
     void measure(Span* span, int64 nowNs, int64 n);
+    /// The same of a range: tells what the link carries where the streams are held all the time.
+    void measureRange(Span* span, int64 nowNs, int64 n);
     /// A request that was answered, without a redirect, after so many microseconds.
     void noteRoundTrip(int64 us, int64 nowNs);
 
@@ -28,6 +30,8 @@ public:
     double getTripBytes() const noexcept;
 
 private:
+    void noteBest(double measured, int64 nowNs);
+
     std::atomic<double> rate{0.};
     std::atomic<int64> roundTripUs{0};
     /// The best of this span of time and of the one before.
