@@ -1,78 +1,17 @@
 #include "SxTime.h"
+#include "TestApplication.h"
 #include "TestDisplay.h"
 #include "ZqX11Desktop.h"
 
 #include <gmock/gmock.h>
 #include <optional>
 #include <unistd.h>
-#include <xcb/xcb_ewmh.h>
-#include <xcb/xcb_icccm.h>
 
 namespace {
 
 using testing::ElementsAre;
 using testing::IsEmpty;
 using Handle = ZqDesktop::Handle;
-
-/// An application's connection to the display. It never answers, as one that hangs.
-class Application {
-public:
-    Application() : connection(::xcb_connect(nullptr, nullptr)) {
-        ::xcb_ewmh_init_atoms_replies(&ewmh, ::xcb_ewmh_init_atoms(connection, &ewmh), nullptr);
-        screen = ::xcb_setup_roots_iterator(::xcb_get_setup(connection)).data;
-    }
-    ~Application() {
-        ::xcb_ewmh_connection_wipe(&ewmh);
-        ::xcb_disconnect(connection);
-    }
-    Application(const Application&) = delete;
-    Application& operator=(const Application&) = delete;
-
-    struct Look {
-        std::string title, className;
-        uint32_t pid = 0;
-        std::string machine;
-        bool oldTitle = false; ///< only in ISO 8859-1
-    };
-    Handle show(const Look& look) {
-        const xcb_window_t window = ::xcb_generate_id(connection);
-        ::xcb_create_window(connection, XCB_COPY_FROM_PARENT, window, screen->root, 10, 10, 200, 100, 0,
-                            XCB_WINDOW_CLASS_INPUT_OUTPUT, screen->root_visual, 0, nullptr);
-        const auto length = static_cast<uint32_t>(look.title.size());
-        if (look.oldTitle) {
-            ::xcb_icccm_set_wm_name(connection, window, XCB_ATOM_STRING, 8, length, look.title.data());
-        } else {
-            ::xcb_ewmh_set_wm_name(&ewmh, window, length, look.title.data());
-        }
-        const std::string both = "instance" + std::string(1, '\0') + look.className + '\0';
-        ::xcb_icccm_set_wm_class(connection, window, static_cast<uint32_t>(both.size()), both.data());
-        if (look.pid != 0) ::xcb_ewmh_set_wm_pid(&ewmh, window, look.pid);
-        ::xcb_icccm_set_wm_client_machine(connection, window, XCB_ATOM_STRING, 8,
-                                          static_cast<uint32_t>(look.machine.size()), look.machine.data());
-        ::xcb_map_window(connection, window);
-        ::xcb_flush(connection);
-        return window;
-    }
-    void destroy(Handle window) {
-        ::xcb_destroy_window(connection, static_cast<xcb_window_t>(window));
-        ::xcb_flush(connection);
-    }
-    void goToDesktop(uint32_t desktop) {
-        ::xcb_ewmh_request_change_current_desktop(&ewmh, 0, desktop, XCB_CURRENT_TIME);
-        ::xcb_flush(connection);
-    }
-    uint32_t getDesktop() {
-        uint32_t desktop = 0;
-        ::xcb_ewmh_get_current_desktop_reply(&ewmh, ::xcb_ewmh_get_current_desktop(&ewmh, 0), &desktop,
-                                             nullptr);
-        return desktop;
-    }
-
-private:
-    xcb_connection_t* connection;
-    xcb_ewmh_connection_t ewmh = {};
-    xcb_screen_t* screen = nullptr;
-};
 
 template<class Ready>
 bool soon(Ready&& ready) {
@@ -115,7 +54,7 @@ protected:
 } // namespace
 
 TEST_F(DesktopTest, WindowsAreFoundByTitleClassAndProcess) {
-    Application application;
+    TestApplication application;
     char host[256] = {};
     ::gethostname(host, sizeof host - 1);
     const std::string umlaut = "\xC3\xA4";
@@ -158,7 +97,7 @@ TEST_F(DesktopTest, WindowsAreFoundByTitleClassAndProcess) {
 }
 
 TEST_F(DesktopTest, WindowsAreMinimisedAndRestored) {
-    Application application;
+    TestApplication application;
     const Handle game = application.show({"The Game", "game", 1234, ""});
     const Handle other = application.show({"Other", "other", 1, ""});
     ASSERT_TRUE(soon(
@@ -195,7 +134,7 @@ TEST_F(DesktopTest, WindowsAreMinimisedAndRestored) {
 
 TEST_F(DesktopTest, ALostDisplayHasNoWindowsAndANewOneIsFound) {
     {
-        Application application;
+        TestApplication application;
         const Handle game = application.show({"The Game", "game", 1234, ""});
         ASSERT_TRUE(soon([&] { return desktop.findByTitle("The Game") == game; }));
         display.reset();
@@ -206,7 +145,7 @@ TEST_F(DesktopTest, ALostDisplayHasNoWindowsAndANewOneIsFound) {
         expectNothing(desktop);
     }
     display.emplace();
-    Application application;
+    TestApplication application;
     const Handle game = application.show({"The Game", "game", 1234, ""});
     EXPECT_TRUE(soon([&] { return desktop.findByTitle("The Game") == game; }));
 }
