@@ -48,6 +48,12 @@ void UserDriver::requireMeans(const SxString& type) {
             "Mounting without root needs fusermount3: run as root, or install the package fuse3", UNIT,
             __LINE__);
     }
+    const std::string program = programFor(type);
+    if (!isInPath(program)) {
+        throw SxException("Mounting a volume of type " + type + " without root needs " + SxString(program) +
+                              ": run as root, or install the package of that name",
+                          UNIT, __LINE__);
+    }
 }
 
 void UserDriver::start(const SxString& type, const SxString& file, const SxString& folder, bool readOnly,

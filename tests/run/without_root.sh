@@ -67,8 +67,12 @@ grep -q "tavrin-$UID/" /proc/self/mountinfo && fail "a mount is left"
 "$client" umount image
 
 "$client" image build game erofs --quiet
+mkdir few
+ln -s "$(command -v fusermount3)" few
 sleep 1 # until the service has ended, which knows the PATH of before
+PATH=$home/few "$client" mount image 2>refusal && fail "ext4 was mounted without its driver"
+grep -q "install the package of that name" refusal || fail "the refusal doesn't say what is missing"
 # Neither what is missing otherwise nor its remedy would help.
-PATH=$home/bin "$client" mount erofs 2>refusal && fail "EROFS was mounted without root"
+PATH=$home/few "$client" mount erofs 2>refusal && fail "EROFS was mounted without root"
 grep -q "build the image with --fs ext4" refusal || fail "the refusal doesn't say what to do"
 echo "passed"
