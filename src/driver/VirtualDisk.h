@@ -90,7 +90,7 @@ public:
     bool hasTraceEvent() { return trace.hasEvent(); }
 
     /// Moves the blocks of the layer that are present in `img.zqf` into it, durably; others stay. Writes are
-    /// held meanwhile. Raises where it can't, also on a read-only disk.
+    /// held meanwhile. Raises where it can't, also on a read-only disk and where the image was replaced.
     void flushLayer();
 
     /// To be called every 100 to 500 ms: writes what the trace has gathered.
@@ -156,6 +156,7 @@ private:
     int writeBlocks(RawIdx first, uint64 n, const char* data);
     int writeInPlace(RawIdx first, uint64 n, const char* data);
     int failZqf(const SxString& what, int error);
+    SxString replacedText() const;
     bool isInPlace(RawIdx rawIdx) const;
     bool isPartWritten(RawIdx rawIdx, uint64 offset, uint64 size) const;
     uint64 validBytes(RawIdx rawIdx) const;

@@ -108,8 +108,16 @@ int VirtualDisk::writeBlocks(RawIdx first, uint64 n, const char* data) {
         while (end < n && isInPlace(first + end) == inPlace)
             ++end;
         const char* from = data + i * BLOCK_SIZE;
-        const int error =
-            inPlace ? writeInPlace(first + i, end - i, from) : layer.write(first + i, end - i, from);
+        int error = 0;
+        if (inPlace) {
+            error = writeInPlace(first + i, end - i, from);
+        } else if (layer.getFd() < 0 && isReplaced()) {
+            // The layer's files would be made in the other image, in the place of those that it has.
+            fail(replacedText());
+            error = EIO;
+        } else {
+            error = layer.write(first + i, end - i, from);
+        }
         if (error) return error;
         i = end;
     }
@@ -146,6 +154,10 @@ int VirtualDisk::sync() {
     return layer.sync();
 }
 
+SxString VirtualDisk::replacedText() const {
+    return "The image '" + cfg.folder + "' was removed, or replaced by another one, since it was mounted";
+}
+
 void VirtualDisk::flushLayer() {
     if (cfg.readOnly) {
         throw SxException("The image '" + cfg.folder + "' is mounted read-only", UNIT, __LINE__);
@@ -156,6 +168,8 @@ void VirtualDisk::flushLayer() {
         SxClock::get().sleepNs(1'000'000);
     try {
         DriveFile target;
+        // What follows goes by names.
+        if (isReplaced()) throw SxException(replacedText(), UNIT, __LINE__);
         target.open(zqf.getPath(), SxOs::Read | SxOs::Write | SxOs::NoFollow);
         layer.flush({&target, std::min(getCursor(), nIncluded()), target.getSize(), cfg.sizeRaw});
     } catch (const SxException&) {

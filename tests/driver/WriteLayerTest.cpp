@@ -223,6 +223,36 @@ TEST(WriteLayer, BelongsToOneVersionOfTheImage) {
     }
 }
 
+TEST(WriteLayer, NothingIsWrittenIntoAnotherImageInThePlaceOfIts) {
+    TestRandom random(11);
+    for (const Mode mode : {Mode::Rtw, Mode::Rw}) {
+        const DriveImage image(random, 40, 0.5, "image/");
+        image.put(0, image.nZqf, false);
+        uint64 without = 0;
+        while (image.hasPlace(without))
+            ++without;
+        const uint64 rawIdx = mode == Mode::Rtw ? 0 : without;
+        Drive drive(image, mode);
+        const auto write = [&] { return drive.write(rawIdx, std::string(BLOCK_SIZE, 'w')); };
+        if (mode == Mode::Rtw) {
+            ASSERT_EQ(write(), 0);
+        }
+        std::filesystem::rename(image.path(""), image.dir.path("old"));
+        std::filesystem::create_directory(image.path(""));
+        const std::map<std::string, std::string> others = {
+            {"img.zqf", std::string(image.sizeZqf, 'o')}, {"img.tix", "index"}, {"img.tmp", "layer"}};
+        for (const auto& [name, bytes] : others)
+            image.dir.write("image/" + name, bytes);
+        if (mode == Mode::Rtw) {
+            EXPECT_THAT(failureOf([&] { drive.disk.flushLayer(); }), HasSubstr("replaced by another one"));
+        } else {
+            EXPECT_EQ(write(), EIO);
+        }
+        for (const auto& [name, bytes] : others)
+            EXPECT_EQ(image.dir.read("image/" + name), bytes) << name;
+    }
+}
+
 TEST(WriteLayer, AFullDiskFailsTheWriterAndNothingElse) {
     TestRandom random(4);
     const DriveImage image(random, 16, 0.5, "watched/");
