@@ -92,17 +92,21 @@ void sweep(const SxString& root, const SxString& folder) {
     Helper::run({"sweep", SxString(mounts)}, SWEEP_MS, nullptr);
     DriveLetter::removeBelow(root, SxString(mounts) + "/");
     SxList<SxString> images;
-    // Folders alone are removed: where something is still mounted, nothing of it must be touched.
     for (const auto& disk : std::filesystem::directory_iterator(mounts, error)) {
         const SxString image = (disk.path() / ZqServiceFolder::IMAGE).string();
         if (SxFSAction::test_f(image)) images.append(SxFileIO::readUtf8(image));
-        ::unlink(image.ascii());
-        ::unlink((disk.path() / ZqServiceFolder::IDENTITY).c_str());
+    }
+    // Ahead of the removal, behind which nobody would know of them.
+    Service::noteLeft(folder, images);
+    // Folders alone are removed: where something is still mounted, nothing of it must be touched.
+    for (const auto& disk : std::filesystem::directory_iterator(mounts, error)) {
+        // All files, since it may have been killed while it wrote one under another name. Folders refuse.
+        for (const auto& entry : std::filesystem::directory_iterator(disk.path(), error))
+            ::unlink(entry.path().c_str());
         ::rmdir((disk.path() / ZqServiceFolder::VOLUME).c_str());
         ::rmdir((disk.path() / ZqServiceFolder::FRONT).c_str());
         ::rmdir(disk.path().c_str());
     }
-    Service::noteLeft(folder, images);
 }
 
 int serve(const SxString& root, const SxString& folder, int readyFd) {

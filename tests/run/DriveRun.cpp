@@ -136,6 +136,10 @@ std::vector<string> DriveRun::leftovers() {
         string path;
         if (std::getline(file, path) && path.starts_with(folder)) found.push_back(device.path());
     }
+    if (fs::exists(folder + ZqServiceFolder::MOUNTS)) {
+        for (const auto& disk : fs::directory_iterator(folder + ZqServiceFolder::MOUNTS))
+            found.push_back(disk.path());
+    }
     return found;
 }
 

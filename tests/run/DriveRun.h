@@ -43,7 +43,7 @@ protected:
     static ZqDiskStatus statusOf(const string& image);
     /// Waits up to ten seconds.
     static bool eventually(const std::function<bool()>& ready);
-    /// Mount points and loop devices below the service's folder.
+    /// Mount points and loop devices below the service's folder, and the folders of disks.
     static std::vector<string> leftovers();
     static bool isRunning(int64 pid);
     /// Ids of the service, or of its helpers.
