@@ -84,14 +84,14 @@ void ZqVolume::dismount(const SxString& drive, bool* busy) {
 }
 
 void ZqVolume::ejectMedia(const SxString& drive) {
-    const uint64 target = targetOf(drive);
+    ZqVolumeIdentity identity;
+    if (!queryIdentity(drive, &identity)) return;
     for (const ZqDiskStatus& disk : getDisks()) {
-        if (disk.deviceId != target) continue;
+        if (disk.deviceId != identity.targetId) continue;
         if (!ZqServiceClient::call(Call::Eject, Writer().text(disk.image).number(0), nullptr, Start::Never))
             fail("Cannot eject the medium of", drive);
         return;
     }
-    throw SxException("No disk stands behind drive '" + drive + "'", UNIT, __LINE__);
 }
 
 SxString ZqVolume::getLabel(const SxString& drive) {

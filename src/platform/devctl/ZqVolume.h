@@ -40,7 +40,8 @@ public:
     /// uses it, it is detached all the same, ends with an I/O error for that program, and `*busy` is set.
     /// Raises where it can't.
     static void dismount(const SxString& drive, bool* busy);
-    /// Takes the medium out of the drive's disk, so that the service ends it. Raises where it can't.
+    /// Takes the medium out of the drive's disk, so that the service ends it. A disk that another client has
+    /// ended meanwhile is no failure. Raises where it can't.
     static void ejectMedia(const SxString& drive);
     /// The label of the volume; empty where it has none or can't be asked.
     static SxString getLabel(const SxString& drive);
