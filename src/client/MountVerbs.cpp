@@ -18,8 +18,9 @@
 namespace {
 constexpr const char* UNIT = "src/client/MountVerbs";
 constexpr uint64 BLOCK = 4096;
-/// How the service refuses an image that it serves.
-constexpr const char* ALREADY = "is mounted already";
+/// How the text ends in which the service refuses an image that it serves. The quote is in it since an image
+/// may have any name.
+constexpr const char* ALREADY = "' is mounted already";
 /// How long another client may take to mount the same image.
 constexpr int64 MOUNT_MS = 60'000;
 
@@ -100,7 +101,7 @@ bool mountOrYield(ZqMountMgr* manager, ZqMountMgr::MountMode mode, const ZqAppPa
         ZqDiskStatus disk;
         const bool othersDisk =
             ZqVolume::findDisk(options.image, &disk) && disk.mounterPid != SxOs::processId();
-        if (!othersDisk && !SxString(e.what()).contains(ALREADY)) throw;
+        if (!othersDisk && !SxString(e.what()).endsWith(ALREADY)) throw;
         return false;
     }
 }

@@ -194,6 +194,8 @@ TEST_P(EachFileSystem, aKilledServiceLeavesErrorsAndIsTidiedUpAfter) {
         EXPECT_EQ(feeder->nPresent(), fs::file_size(image + "/img.zqf") / 4096);
         fs::copy_file(full->path("img.zqf"), image + "/img.zqf", fs::copy_options::overwrite_existing);
         if (umountFirst) {
+            // As where it is killed while it writes a file.
+            write(fs::path(app).parent_path().parent_path().parent_path() / "identity.tmp", "");
             EXPECT_THAT(done({"status"}), HasSubstr("to remove it: tavrin umount " + image));
             EXPECT_THAT(run({"status", image}).err, HasSubstr("is not mounted"));
             EXPECT_THAT(done({"umount", image}), HasSubstr("killed had left behind"));
@@ -510,6 +512,14 @@ TEST_F(Drive, severalClientsMountAnImageOnce) {
         EXPECT_EQ(each->wait(), 0);
     EXPECT_EQ(treeOf(dir.path("root/dosdevices/d:/TAVRIN-protected/app")), treeOf(source));
     done({"umount", image});
+    // Of two that unmount at once the second one finds it gone in the middle.
+    EXPECT_NO_THROW(ZqVolume::ejectMedia("D:"));
+}
+
+TEST_F(Drive, aNameThatSaysSomethingElseMisleadsNobody) {
+    const string image = build("is mounted already", "erofs");
+    write(image + "/img.idx.md5", "wrong");
+    EXPECT_THAT(run({"mount", image}).err, HasSubstr("Corrupt mapping information detected"));
 }
 
 TEST_F(Drive, whatAFullDiskCantKeepIsToldOf) {
