@@ -165,10 +165,11 @@ void readApp(const SxString& image, ZqMountMgr* manager, Output* out) {
 int umount(const UmountOptions& options, Output& out) {
     ZqMountMgr manager;
     readApp(options.image, &manager, &out);
+    constexpr const char* LEFTOVERS = "Removed what a service that was killed had left behind";
     const bool leftovers = manager.removeLeftovers(options.image);
     ZqDiskStatus disk;
     if (!ZqVolume::findDisk(options.image, &disk)) {
-        out.text(leftovers ? "Removed what a service that was killed had left behind" : "Not mounted");
+        out.text(leftovers ? LEFTOVERS : "Not mounted");
         return ExitSuccess;
     }
     if (!options.hard && manager.umountWithoutLetter(options.image)) {
@@ -182,7 +183,8 @@ int umount(const UmountOptions& options, Output& out) {
             "The drive was in use: it was detached, and files that are still open give I/O errors; what "
             "is still written to them is lost");
     }
-    out.text("Unmounted");
+    // An image whose service is killed meanwhile counts as not mounted.
+    out.text(manager.removeLeftovers(options.image) ? LEFTOVERS : "Unmounted");
     return ExitSuccess;
 }
 
