@@ -114,7 +114,8 @@ ZqCoreUnderflowMgr::Source ZqCoreUnderflowMgr::getSource() const {
 
 uint64 ZqCoreUnderflowMgr::byteIdxOf(uint64 zqfIdx) const {
     if (zqfIdx == ZqImage::NO_ENTRY) return 0;
-    return zqfIdx < appParams.sizeZqf / BLOCK ? zqfIdx * BLOCK : appParams.sizeZqf;
+    // The image's last block may be a part of one.
+    return zqfIdx <= appParams.sizeZqf / BLOCK ? zqfIdx * BLOCK : appParams.sizeZqf;
 }
 
 uint64 ZqCoreUnderflowMgr::popOnDemandZqFByteIdx() {

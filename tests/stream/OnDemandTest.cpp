@@ -24,12 +24,14 @@ TEST(OnDemand, AsksForWholeStretchesOnce) {
         uint64 nDownloaded;
         Requests requests;
         bool answered = true;
+        uint64 nExtra = 0; ///< bytes of a last block that isn't whole
     };
     const Case cases[] = {
         {"one block", {60}, 0, {{STRETCH, STRETCH}}},
         {"blocks of one stretch", {99, 50, 77}, 0, {{STRETCH, STRETCH}}},
         {"in the queue's order", {120, 7, 60}, 0, {{2 * STRETCH, STRETCH}, {0, STRETCH}, {STRETCH, STRETCH}}},
         {"the last is shorter", {LAST + 2}, 0, {{5 * STRETCH, 3 * BLOCK}}},
+        {"the end lies in a block", {LAST + 3}, 0, {{5 * STRETCH, 3 * BLOCK + 100}}, true, 100},
         {"behind the download", {60}, STRETCH, {{STRETCH, STRETCH}}},
         {"at the download's edge", {60}, STRETCH + 1, {}, false},
         {"at the end", {LAST + 3}, 0, {}, false},
@@ -39,7 +41,7 @@ TEST(OnDemand, AsksForWholeStretchesOnce) {
     for (const Case& c : cases) {
         for (const bool download : {false, true}) {
             SCOPED_TRACE(std::string(c.name) + (download ? ", downloaded" : ", by callback"));
-            UnderflowRun run;
+            UnderflowRun run(UnderflowRun::SIZE + c.nExtra);
             run.make(!download);
             if (download) run.mgr->setDownloadParams("http://host/img.zqf", {});
             run.progress->setNCurrent(c.nDownloaded);
