@@ -10,7 +10,7 @@
 
 namespace {
 
-constexpr const char* UNIT = "src/base/ZqCoreAppGuard";
+constexpr const char* UNIT = "src/base/ZqAppGuard";
 constexpr const char* PREFIX = "ZqCoreAppGuard::main: ";
 
 constexpr int64 START_MS = 300;

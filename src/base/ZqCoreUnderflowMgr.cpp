@@ -13,7 +13,7 @@
 
 namespace {
 
-constexpr const char* UNIT = "src/base/ZqCoreUnderflowMgr";
+constexpr const char* UNIT = "src/base/ZqUnderflowMgr";
 constexpr const char* MAIN = "ZqCoreUnderflowMgr::main: ";
 constexpr const char* INSTANT = "ZqCoreUnderflowMgr::checkInstantUnderflow: ";
 constexpr int64 DELAY_PASSES = 10; ///< a second's

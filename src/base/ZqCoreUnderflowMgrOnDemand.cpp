@@ -9,7 +9,7 @@
 
 namespace {
 
-constexpr const char* UNIT = "src/base/ZqCoreUnderflowMgr";
+constexpr const char* UNIT = "src/base/ZqUnderflowMgr";
 constexpr uint64 BLOCK = ZqImage::BLOCK_SIZE;
 constexpr uint64 MAX_INDICES = 1000; ///< taken from the queue in one pass
 constexpr int64 GROUP = 6;           ///< requests that are announced together
