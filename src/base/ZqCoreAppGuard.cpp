@@ -348,17 +348,19 @@ int ZqCoreAppGuard::getExitCode() const {
 void ZqCoreAppGuard::stop() {
     if (stopFlag.exchange(true)) return;
     const SxString prefix = "ZqCoreAppGuard::stop: ";
-    try {
-        if (!isAdopted() && !appParams.name.isEmpty()) killNamed();
-        if (process) {
-            process->kill();
-        } else {
-            getGroup().kill();
+    bool killed = true;
+    // Where the system refuses the one, the other must end all the same.
+    const auto attempt = [&](const auto& kill) {
+        try {
+            kill();
+        } catch (const SxException& e) {
+            zqLogMsg("base", prefix + e.what());
+            killed = false;
         }
-        zqLogMsg("base", prefix + "Process killed.");
-    } catch (const SxException& e) {
-        zqLogMsg("base", prefix + e.what());
-    }
+    };
+    if (!isAdopted() && !appParams.name.isEmpty()) attempt([this] { killNamed(); });
+    attempt([this] { process ? process->kill() : getGroup().kill(); });
+    if (killed) zqLogMsg("base", prefix + "Process killed.");
 }
 
 void ZqCoreAppGuard::killNamed() const {
