@@ -15,6 +15,8 @@ namespace {
 
 constexpr const char* UNIT = "src/base/ZqUnderflowMgr";
 constexpr const char* MAIN = "ZqCoreUnderflowMgr::main: ";
+/// An instant underflow may last so long at least, in seconds.
+constexpr int64 INSTANT_S = 5;
 constexpr const char* INSTANT = "ZqCoreUnderflowMgr::checkInstantUnderflow: ";
 constexpr int64 DELAY_PASSES = 10; ///< a second's
 constexpr int64 DELAY_PASS_MS = 100;
@@ -207,6 +209,7 @@ void ZqCoreUnderflowMgr::findAppWindow(int64 delaySeconds) {
 }
 
 void ZqCoreUnderflowMgr::checkInstantUnderflow() {
+    if (instantMs != 0) return;
     bool unresolved = mountMgr.isUnderflow(path);
     if (unresolved) unresolved = !onDemand();
     if (stopRequested()) return;
@@ -226,6 +229,11 @@ void ZqCoreUnderflowMgr::checkInstantUnderflow() {
     for (int64 nRefused = 0; !stopRequested() && mountMgr.isUnderflow(path);) {
         if (windowSearch) minimizeGhost();
         if (canFetch() && onDemand()) continue;
+        if (windowSearch && steadyMs() - t0 > std::max(appParams.underflowDelay, INSTANT_S) * 1000) {
+            // No desktop here is sure to put a ghost in the place of what hangs: the window itself goes.
+            instantMs = t0;
+            return;
+        }
         if (nRefused++ % REFUSALS_A_LINE == 0) {
             zqLogMsg("base", SxString(INSTANT) + "Cannot resolve by on-demand request");
         }
@@ -273,6 +281,7 @@ void ZqCoreUnderflowMgr::main() {
 void ZqCoreUnderflowMgr::setUp() {
     appWindow = 0;
     minimizedFlag = underflowFlag = false;
+    instantMs = 0;
     blockFlags.removeAll();
     batchTimes.resize(MAX_BATCH, true);
     const SxString reference = path + "/imgRef.zqf";
@@ -371,8 +380,9 @@ bool ZqCoreUnderflowMgr::enterUnderflow(Watch* watch) {
     }
     minimizedFlag = true;
     watch->counted = true;
-    watch->underflowMs = steadyMs();
-    countUnderflow(static_cast<int64>(resumeIdx) - static_cast<int64>(nDownloaded()));
+    watch->underflowMs = instantMs == 0 ? steadyMs() : instantMs;
+    if (instantMs == 0) countUnderflow(static_cast<int64>(resumeIdx) - static_cast<int64>(nDownloaded()));
+    instantMs = 0;
     if (appWindow != 0 && !isIconic(appWindow)) {
         minimizeApp();
         zqLogMsg("base", SxString(MAIN) + "Minimized");
@@ -387,8 +397,10 @@ void ZqCoreUnderflowMgr::leaveUnderflow(Watch* watch) {
         watch->resolved = true;
     }
     resumeDrive();
-    if (watch->counted) timeUnderflow(steadyMs() - watch->underflowMs);
+    if (watch->counted || instantMs != 0)
+        timeUnderflow(steadyMs() - (watch->counted ? watch->underflowMs : instantMs));
     watch->counted = false;
+    instantMs = 0;
     if (wasMinimized && !isIconic(appWindow)) minimizedFlag = false;
 }
 

@@ -141,6 +141,8 @@ private:
     void noteQueue();
     SxList<uint64> collect(const Pass& pass);
     /// Whether a stretch that was fetched isn't to be fetched again yet.
+    /// Whether the download has brought nothing for a while.
+    bool standsStill(const Pass& pass);
     bool isFetched(const Pass& pass, uint64 zqfIdx, SxUniqueList<uint64>* seen);
     bool fetchByCallback(const Pass& pass, const Source& source, const SxList<uint64>& offsets);
     bool fetchByDownloader(const Pass& pass, const Source& source, const SxList<uint64>& offsets);
@@ -159,6 +161,7 @@ private:
     std::atomic<bool> windowSearch{true}, minimizedFlag{false}, underflowFlag{false}, stopFlag{false};
     std::atomic<uint64> resumeIdx{0};
     bool driveSuspended = false; ///< by this job, and not resumed yet
+    int64 instantMs = 0;         ///< when an instant underflow began that was left to the turns; 0 none
     SxFileIO refFile, statFile;
     uint64 statStart = 0, lastStatRow = 0; ///< system time, ms
 
@@ -172,6 +175,9 @@ private:
 
     SxPtr<AsyncCallback> asyncCallback;
     uint64 queueLen = 0, passCount = 0;
+    uint64 edgeIdx = 0;  ///< last byte of what is held and left to the download
+    uint64 stillIdx = 0; ///< where the download was at stillMs
+    int64 stillMs = 0;
     /// For each stretch that was fetched, by the ZqF index of its first block, the number of passes that have
     /// yet to report it until it is fetched again.
     SxHashTable<uint64, signed char> blockFlags;

@@ -16,6 +16,8 @@ constexpr int64 GROUP = 6;           ///< requests that are announced together
 constexpr int64 MAX_DELIVERY = 409600;
 constexpr signed char REPORTS = 100; ///< of a stretch that was fetched, until it is fetched again
 constexpr int64 CALLBACK_LOOK_MS = 1;
+/// For so long the download may bring nothing to a reader at its edge.
+constexpr int64 STILL_MS = 3000;
 
 int64 whole(double value) {
     return static_cast<int64>(value);
@@ -140,6 +142,7 @@ bool ZqCoreUnderflowMgr::onDemand() {
         while (mountMgr.isUnderflow(path)) {
             if (stopRequested() || !runPass()) return false;
         }
+        edgeIdx = 0;
         return true;
     } catch (const SxException& e) {
         zqLogMsg("base", e.toString(SxException::ShowMessage, "\n"));
@@ -162,6 +165,10 @@ bool ZqCoreUnderflowMgr::runPass() {
     noteQueue();
     const SxList<uint64> offsets = collect(pass);
     if (offsets.isEmpty()) {
+        if (isMinimized() || standsStill(pass)) {
+            resumeIdx = std::max<uint64>(resumeIdx, edgeIdx);
+            return false;
+        }
         SxTime::msleep(SxWait::LOOK_MS);
         return true;
     }
@@ -192,14 +199,25 @@ SxList<uint64> ZqCoreUnderflowMgr::collect(const Pass& pass) {
         // A block behind the image's end: no bytes of the image could resolve it.
         if (byteIdx >= pass.nTotal) continue;
         resumeIdx = std::max<uint64>(resumeIdx, aligned);
-        // The ordered download has it.
-        if (aligned < pass.nCurrent) continue;
+        // The ordered download has it, or is about to.
+        if (aligned < pass.nCurrent) {
+            edgeIdx = std::max(edgeIdx, std::min(byteIdx + BLOCK, pass.nTotal) - 1);
+            continue;
+        }
         if (!isFetched(pass, aligned / BLOCK, &seen)) requests << aligned;
     }
     SxList<uint64> offsets;
     for (const uint64 offset : requests)
         offsets << offset;
     return offsets;
+}
+
+bool ZqCoreUnderflowMgr::standsStill(const Pass& pass) {
+    if (pass.nCurrent != stillIdx || stillMs == 0) {
+        stillIdx = pass.nCurrent;
+        stillMs = pass.t0;
+    }
+    return pass.t0 - stillMs >= STILL_MS;
 }
 
 bool ZqCoreUnderflowMgr::isFetched(const Pass& pass, uint64 zqfIdx, SxUniqueList<uint64>* seen) {

@@ -304,6 +304,20 @@ ZqImageFeed::Status ZqImageFeed::getStatus() const {
     return status;
 }
 
+void ZqImageFeed::restoreWindow() {
+    if (!manager || !manager->isMinimized()) return;
+    if (manager->isUnderflow()) {
+        nMinimised = manager->getRuntimeInfo().nUnderflows;
+    } else if (nMinimised > nRestored) {
+        nRestored = nMinimised;
+        try {
+            manager->maximizeApp();
+        } catch (const SxException& e) {
+            zqLogMsg("base", SxString("ZqImageFeed::restoreWindow: ") + e.toString());
+        }
+    }
+}
+
 ZqRuntimeInfo ZqImageFeed::getRuntimeInfo() const {
     return manager ? manager->getRuntimeInfo() : ZqRuntimeInfo();
 }

@@ -65,6 +65,9 @@ public:
     void alignCursor() const;
     /// From now on there is an application whose window may be minimised.
     void applicationStarts();
+    /// Brings the application's window back once the underflow is over for which it was taken out of the
+    /// way; leaves it where the player has minimised it. To be called every now and then.
+    void restoreWindow();
     /// Ends the threads, within a second.
     void stop();
 
@@ -110,6 +113,8 @@ private:
     SxPtr<ZqRemoteImage> image;
     SxPtr<ZqImageProgress> progress;
     SxPtr<ZqCoreUnderflowMgr> manager;
+    int64 nMinimised = 0; ///< underflows for which the window was taken away
+    int64 nRestored = 0;  ///< and those of them for which it came back
     std::unique_ptr<ZqOrderedDownload> download;
     std::unique_ptr<Keeper> keeper;
     std::atomic<bool> stopping{false};

@@ -254,6 +254,7 @@ void ZqRun::follow() {
         noteGroup();
         lookForFrame();
         suspendProcess();
+        feed.restoreWindow();
         SxTime::msleep(LOOK_MS);
     }
     guard->wait();
