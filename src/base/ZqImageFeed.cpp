@@ -166,6 +166,7 @@ void ZqImageFeed::alignCursor() const {
 
 void ZqImageFeed::applicationStarts() {
     if (!manager) return;
+    const SxMutexBlock block(&managerMutex);
     manager->setWindowSearch(true);
     manager->restart();
 }
@@ -196,6 +197,7 @@ void ZqImageFeed::keep() {
 
 void ZqImageFeed::keepManager() {
     // It ends with each drive, also with that of the preparation, and with a call of the service that failed.
+    const SxMutexBlock block(&managerMutex);
     if (manager->isRunning() || isComplete()) return;
     manager->wait();
     manager->start();

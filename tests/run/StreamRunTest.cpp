@@ -1,9 +1,11 @@
 #include "DriveRun.h"
 #include "SxMd5.h"
 #include "ZqFileServer.h"
+#include "ZqImageFeed.h"
 
 #include <csignal>
 #include <fstream>
+#include <pthread.h>
 
 namespace {
 
@@ -47,6 +49,23 @@ private:
 
     const string out;
     SxProcess process;
+};
+
+/// The machine's clock, on which the keeper of a feed looks after it without a pause.
+class RestlessKeeper : public SxClock {
+public:
+    RestlessKeeper() : machine(&SxClock::get()) { SxClock::set(this); }
+    ~RestlessKeeper() override { SxClock::set(nullptr); }
+    int64 systemMs() override { return machine->systemMs(); }
+    int64 steadyNs() override { return machine->steadyNs(); }
+    void sleepNs(int64 ns) override {
+        char name[16] = {};
+        pthread_getname_np(pthread_self(), name, sizeof(name));
+        machine->sleepNs(string(name) == "feed" ? 0 : ns);
+    }
+
+private:
+    SxClock* const machine;
 };
 
 /// An image on a server, and a folder that it is to arrive in.
@@ -124,6 +143,26 @@ TEST_F(StreamRun, AnApplicationPlaysWhileItsImageArrives) {
     server->stop();
     EXPECT_EQ(run({"run", got}).code, 0) << "complete, it needs no server";
     expectPlayed();
+}
+
+TEST_F(StreamRun, TheApplicationsStartAndTheKeeperDontMeet) {
+    server->stop();
+    const RestlessKeeper clock;
+    server->start();
+    server->setRate(500'000);
+    ZqImageFeed::Settings settings;
+    settings.image = SxString(got);
+    settings.url = server->getUrl();
+    ZqImageFeed feed(settings);
+    feed.open(nullptr);
+    feed.start();
+    feed.fetchRecords(nullptr);
+    for (int i = 0; i < 100; ++i) {
+        ASSERT_NO_THROW(feed.applicationStarts());
+        ASSERT_NO_THROW(feed.requireAlive());
+    }
+    feed.stop();
+    server->stop();
 }
 
 TEST_F(StreamRun, ASignalEndsItAtOnceAtEachStage) {
