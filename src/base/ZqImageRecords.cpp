@@ -106,9 +106,10 @@ void ZqImageRecords::requireSame(const ZqAppParams& own, const ZqAppParams& serv
 
 ZqAppParams ZqImageRecords::fetchApp(const ZqStopTest& stop) {
     const SxString file = folder + ZqImageFiles::APP_JSON, fresh = file + NEW;
-    const bool resumes = holdsPart(folder);
-    if (!resumes && hasBlocks()) {
-        throw SxException("'" + folder + "' holds an image without its records, which can't be completed",
+    // An earlier run may have been killed ahead of the other records, which fetchRest() brings.
+    const bool resumes = hasBlocks();
+    if (resumes && !SxFSAction::test_f(file)) {
+        throw SxException("'" + folder + "' holds an image without its app.json, which can't be completed",
                           UNIT, __LINE__);
     }
     try {
@@ -116,7 +117,7 @@ ZqAppParams ZqImageRecords::fetchApp(const ZqStopTest& stop) {
         SxFileIO::writeAtomic(fresh, [&](SxFileIO* out) { out->write(bytes); });
     } catch (const SxException& e) {
         // A run that goes on waits for its server in any case, and says so.
-        if (!resumes || !e.hasTag(ZqNetLink::UNREACHABLE)) throw;
+        if (!holdsPart(folder) || !e.hasTag(ZqNetLink::UNREACHABLE)) throw;
         return ZqAppParams(folder);
     }
     ZqAppParams server;
@@ -127,6 +128,9 @@ ZqAppParams ZqImageRecords::fetchApp(const ZqStopTest& stop) {
         requireSame(own, server);
         return own;
     }
+    // That of another image would be taken for this one's, since no digest of it is known.
+    const SxString params = folder + ZqImageFiles::IMAGE_JSON;
+    if (SxFSAction::exists(params)) SxFSAction::rm(params);
     SxFSAction::mv(fresh, file);
     SxFSAction::syncDir(folder);
     // The record has been checked; its folder is the image's now.
@@ -138,7 +142,7 @@ void ZqImageRecords::fetchRest(const ZqAppParams& app, const ZqStopTest& stop) {
     const SxString digest = folder + ZqImageFiles::IDX_MD5;
     const bool needsMap = !hasMap(app);
     const bool needsDigest = needsMap && app.checksumIdx.isEmpty();
-    const bool needsParams = !hasBlocks() || !SxFSAction::test_f(params);
+    const bool needsParams = !SxFSAction::test_f(params);
     Fetch paramsFetch(remote(ZqImageFiles::IMAGE_JSON), params + NEW, false, stop);
     Fetch mapFetch(remote(ZqImageFiles::IDX, app.sizeIdx), idx, false, stop);
     Fetch digestFetch(remote(ZqImageFiles::IDX_MD5, 32), digest, true, stop);

@@ -221,6 +221,26 @@ TEST_F(StreamRun, AKilledRunLeavesItsApplicationToTheNext) {
     EXPECT_FALSE(isMounted());
 }
 
+TEST_F(StreamRun, RecordsThatAKilledRunDidntGetAreFetched) {
+    const uint64 nTotal = fs::file_size(served + "/img.zqf");
+    for (const uint64 nThere : {uint64{100'000}, nTotal}) {
+        SCOPED_TRACE(nThere);
+        fs::remove_all(got);
+        fs::create_directories(got);
+        for (const char* name : {"/app.json", "/img.zqf"})
+            fs::copy_file(served + name, got + name);
+        fs::resize_file(got + "/img.zqf", nThere);
+        dir.write("got/img.idx.tmp", "cut off");
+        const auto player = start();
+        EXPECT_EQ(player->end(), 0) << player->says();
+        expectPlayed();
+        fs::remove(got + "/app.json");
+        const auto refused = start();
+        EXPECT_EQ(refused->end(), 1);
+        EXPECT_THAT(refused->says(), HasSubstr("without its app.json"));
+    }
+}
+
 TEST_F(StreamRun, ABadServerCostsTimeAndNoByte) {
     server->setRate(10'000'000);
     server->setFault(ZqFileServer::Drop10);
