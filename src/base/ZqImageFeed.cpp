@@ -103,10 +103,17 @@ void ZqImageFeed::open(const ZqStopTest& stop) {
         link = SxPtr<ZqNetLink>::create();
         app = ZqImageRecords(link, settings.image, url, settings.headers).fetchApp(stop);
     }
-    if (record.url != url) {
-        record.url = url;
-        record.write(settings.image);
-    }
+    verified = !link && isKnownAsRight(record);
+    const SxString digest = link ? SxString() : record.verified;
+    if (record.url == url && record.verified == digest) return;
+    ZqStreamRecord::update(settings.image, [&](ZqStreamRecord* now) {
+        now->url = url;
+        now->verified = digest;
+    });
+}
+
+bool ZqImageFeed::isKnownAsRight(const ZqStreamRecord& record) const {
+    return url.isEmpty() || app.checksumZqf.isEmpty() || record.verified == app.checksumZqf;
 }
 
 void ZqImageFeed::makeWriter() {
@@ -132,7 +139,11 @@ void ZqImageFeed::beginDownload() {
 }
 
 void ZqImageFeed::start() {
-    if (!link) return;
+    keeper = std::make_unique<Keeper>(this);
+    if (!link) {
+        if (!verified) keeper->start();
+        return;
+    }
     link->setRateLimit(static_cast<double>(settings.rateLimit));
     image = SxPtr<ZqRemoteImage>::create(link, url, app.sizeZqf, settings.headers, ZqRemoteImage::MAX_KEPT,
                                          app.checksumZqf);
@@ -146,7 +157,6 @@ void ZqImageFeed::start() {
     manager->setDownloadParams(image->getUrl(), SxList<SxString>());
     manager->setWindowSearch(false);
     manager->start();
-    keeper = std::make_unique<Keeper>(this);
     keeper->start();
 }
 
@@ -187,6 +197,10 @@ void ZqImageFeed::stop() {
 }
 
 void ZqImageFeed::keep() {
+    if (!link) {
+        verifyDigest();
+        return;
+    }
     download->flush();
     keepManager();
     keepDownload();
@@ -217,7 +231,7 @@ void ZqImageFeed::keepWriter() {
     const SxPtr<ZqFWriter> now = getWriter();
     if (now->isRunning()) return;
     if (now->isCompleteImage()) {
-        if (!verified) verifyDigest();
+        verifyDigest();
         return;
     }
     const int64 nowNs = SxClock::get().steadyNs();
@@ -246,22 +260,47 @@ SxException ZqImageFeed::takeFailure() {
 }
 
 void ZqImageFeed::verifyDigest() {
+    if (verified) return;
+    if (app.checksumZqf.isEmpty()) {
+        verified = true;
+        return;
+    }
+    nChecked = 0;
+    checking = true;
+    const SxString digest = readDigest();
+    checking = false;
+    // What was cut off here, the next run makes up for.
+    if (digest.isEmpty()) return;
+    if (!(digest == app.checksumZqf)) {
+        throw SxException("'" + filePath(ZqImageFiles::ZQF) + "' has the digest " + digest +
+                              " where app.json states " + app.checksumZqf +
+                              ": what the server gave isn't the image",
+                          UNIT, __LINE__);
+    }
     verified = true;
-    if (app.checksumZqf.isEmpty()) return;
+    try {
+        ZqStreamRecord::update(settings.image, [&](ZqStreamRecord* record) { record->verified = digest; });
+    } catch (const SxException& e) {
+        // The price is that the next run checks again.
+        zqLogMsg("base", "ZqImageFeed: " + e.toString(SxException::ShowMessage));
+    }
+}
+
+SxString ZqImageFeed::readDigest() {
     SxFileIO file(filePath(ZqImageFiles::ZQF), "rb");
+    file.adviseSequential();
     SxMd5 md5;
     SxArray<char> piece(DIGEST_PIECE);
     while (const int64 n = file.readBuffer(piece.data(), DIGEST_PIECE)) {
-        if (stopping) return;
+        if (stopping) return {};
         md5.update(piece.data(), n);
+        file.startWriteback(static_cast<int64>(nChecked), n);
+        nChecked += static_cast<uint64>(n);
     }
+    // A power cut must not leave less than what is noted as right.
+    file.sync();
     md5.finish();
-    const SxString digest = md5.toString();
-    if (digest == app.checksumZqf) return;
-    throw SxException("'" + filePath(ZqImageFiles::ZQF) + "' has the digest " + digest +
-                          " where app.json states " + app.checksumZqf +
-                          ": what the server gave isn't the image",
-                      UNIT, __LINE__);
+    return md5.toString();
 }
 
 void ZqImageFeed::setWaiting(const SxString& text) {
@@ -285,6 +324,8 @@ void ZqImageFeed::requireAlive() const {
 ZqImageFeed::Status ZqImageFeed::getStatus() const {
     Status status;
     status.nTotal = app.sizeZqf;
+    status.isChecking = checking;
+    status.nChecked = nChecked;
     if (!progress) {
         status.nCurrent = status.nNeeded = status.nTotal;
         return status;

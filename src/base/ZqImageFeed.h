@@ -14,6 +14,7 @@ class ZqCoreUnderflowMgr;
 class ZqFWriter;
 class ZqImageProgress;
 class ZqOrderedDownload;
+class ZqStreamRecord;
 
 /// Completes an image folder from its server, in order, while a drive is made of it: fetches records and
 /// blocks, moves the drive's cursor, and answers underflows. Needs a server only for what is missing. Used by
@@ -36,6 +37,8 @@ public:
         double speed = 0.;                 ///< of late
         uint64 startEta = 0, totalEta = 0; ///< seconds
         bool isUnderflow = false;          ///< an underflow that on-demand requests don't resolve
+        bool isChecking = false;           ///< the complete image is compared with its digest
+        uint64 nChecked = 0;               ///< as far as here
         SxString waiting;                  ///< what it waits for, as a line; empty while all goes well
         ZqNetLink::Figures link;
         ZqRemoteImage::Figures image;
@@ -56,7 +59,8 @@ public:
     /// the image isn't complete. Notes the address in the folder. Raises naming the holder where the image is
     /// in use.
     void open(const ZqStopTest& stop);
-    /// Begins to download. Nothing to do for an image that is complete.
+    /// Begins to download. A complete image has nothing to download, but it is compared with its digest where
+    /// no run has done that to the end.
     void start();
     /// Fetches the records that are missing, while blocks come in already.
     void fetchRecords(const ZqStopTest& stop);
@@ -78,6 +82,9 @@ public:
     uint64 countBlocks() const;
     /// Whether all bytes are in `img.zqf`.
     bool isComplete() const;
+    /// Whether they are, and have the digest that `app.json` states. A complete image without an address,
+    /// which didn't come from a server, counts as such.
+    bool isVerified() const { return verified; }
     Status getStatus() const;
     /// The underflows and on-demand requests so far.
     ZqRuntimeInfo getRuntimeInfo() const;
@@ -96,7 +103,10 @@ private:
     void keepManager();
     void keepWriter();
     void keepDownload();
+    bool isKnownAsRight(const ZqStreamRecord& record) const;
     void verifyDigest();
+    /// Reads the whole of `img.zqf`; empty where a stop came between.
+    SxString readDigest();
     bool hasRoom() const;
     SxPtr<ZqFWriter> getWriter() const;
     void setWaiting(const SxString& text);
@@ -118,14 +128,14 @@ private:
     SxMutex managerMutex; ///< over the manager's starts and ends, which the keeper and the owner look after
     std::unique_ptr<ZqOrderedDownload> download;
     std::unique_ptr<Keeper> keeper;
-    std::atomic<bool> stopping{false};
+    std::atomic<bool> stopping{false}, verified{false}, checking{false};
+    std::atomic<uint64> nChecked{0};
     SxEventListener failures;
 
     // The keeper's alone.
     int64 roomNs = 0; ///< when room on the disk was last looked for
     int nWriterTries = 0;
     uint64 triedSize = 0;
-    bool verified = false;
 
     mutable SxMutex mutex;
     SxPtr<ZqFWriter> writer SX_GUARDED_BY(mutex);

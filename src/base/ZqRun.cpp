@@ -140,11 +140,14 @@ void ZqRun::main() {
 void ZqRun::run() {
     const ZqStopTest stop = [this] { return isStopping(); };
     feed.open(stop);
+    const bool wasComplete = feed.isComplete();
     feed.start();
     result.info.dataAtStart = static_cast<int64>(feed.getStatus().nCurrent);
     phase = Loading;
     feed.fetchRecords(stop);
     if (adopt()) return;
+    // An earlier run may have found it wrong, or not have come to that.
+    if (wasComplete) awaitCheck();
     mount();
     if (settings.isDriveOnly) {
         feedDrive();
@@ -192,6 +195,14 @@ bool ZqRun::adopt() {
     return true;
 }
 
+void ZqRun::awaitCheck() {
+    while (!feed.isVerified()) {
+        if (isStopping()) throw stopped();
+        feed.requireAlive();
+        SxTime::msleep(LOOK_MS);
+    }
+}
+
 void ZqRun::feedDrive() {
     phase = Feeding;
     const ZqMountMgr mounts;
@@ -228,20 +239,15 @@ void ZqRun::startApplication() {
     guard->start();
     result.startMs = elapsedMs();
     result.wasStarted = true;
-    ZqStreamRecord record;
-    record.read(image);
-    result.info.nStarts = ++record.nStarts;
-    record.write(image);
+    ZqStreamRecord::update(image, [&](ZqStreamRecord* record) { result.info.nStarts = ++record->nStarts; });
     noteGroup();
 }
 
 void ZqRun::noteGroup() {
     const SxString group = guard->getGroup().toText();
     if (group == notedGroup || guard->isAdopted()) return;
-    ZqStreamRecord record;
-    record.read(image);
-    record.application = notedGroup = group;
-    record.write(image);
+    ZqStreamRecord::update(image, [&](ZqStreamRecord* record) { record->application = group; });
+    notedGroup = group;
 }
 
 void ZqRun::follow() {
@@ -278,10 +284,7 @@ void ZqRun::lookForFrame() {
 
 void ZqRun::complete() {
     phase = Completing;
-    while (!feed.isComplete() && !isStopping()) {
-        feed.requireAlive();
-        SxTime::msleep(LOOK_MS);
-    }
+    awaitCheck();
 }
 
 void ZqRun::end() {
@@ -293,7 +296,7 @@ void ZqRun::end() {
             guard->stop();
             guard->wait();
         }
-        const bool keep = settings.keepsMounted && result.wasStarted && feed.isComplete();
+        const bool keep = settings.keepsMounted && result.wasStarted && feed.isVerified();
         ZqDiskStatus disk;
         if (mounted && ZqVolume::findDisk(image, &disk)) {
             if (keep) {

@@ -30,7 +30,7 @@ public:
         Running,    ///< the application runs
         Adopted,    ///< the application of an earlier run does
         Feeding,    ///< the drive is up, and there is no application
-        Completing, ///< the application has ended, the rest is fetched
+        Completing, ///< the application has ended, the rest is fetched and checked
         Ending      ///< the drive is taken away
     };
     /// What came of the run.
@@ -67,6 +67,8 @@ private:
     void run();
     /// Takes over a drive that a run which was killed has left, or takes it away.
     bool adopt();
+    /// Waits until the image is known to be right.
+    void awaitCheck();
     void mount();
     void feedDrive();
     void prepare();

@@ -2,6 +2,7 @@
 
 #include "SxException.h"
 #include "SxFSAction.h"
+#include "SxMutex.h"
 #include "ZqImageFiles.h"
 #include "ZqImageFolder.h"
 #include "ZqRecordFile.h"
@@ -26,6 +27,7 @@ void ZqStreamRecord::read(const SxString& image) {
         ZqRecordFile::get(root, "url", &url);
         ZqRecordFile::get(root, "nStarts", &nStarts);
         ZqRecordFile::get(root, "application", &application);
+        ZqRecordFile::get(root, "verified", &verified);
     } catch (const SxException& e) {
         throw SxException(e, "Failed to read file " + file, UNIT, __LINE__);
     }
@@ -40,8 +42,19 @@ void ZqStreamRecord::write(const SxString& image) const {
         if (!url.isEmpty()) root.append("url", url);
         root.append("nStarts", nStarts);
         if (!application.isEmpty()) root.append("application", application);
+        if (!verified.isEmpty()) root.append("verified", verified);
         ZqRecordFile::write(root, file);
     } catch (const SxException& e) {
         throw SxException(e, "Failed to write file " + file, UNIT, __LINE__);
     }
+}
+
+void ZqStreamRecord::update(const SxString& image,
+                            const std::function<void(ZqStreamRecord* record)>& change) {
+    static SxMutex one;
+    const SxMutexBlock block(&one);
+    ZqStreamRecord record;
+    record.read(image);
+    change(&record);
+    record.write(image);
 }

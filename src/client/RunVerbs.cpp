@@ -36,6 +36,7 @@ SxString statusText(ZqRun::Phase phase, const ZqImageFeed::Status& status) {
         text += SxString(", start in ") + status.startEta + " s";
     }
     if (status.isUnderflow) text += ", the application waits for data";
+    if (status.isChecking) text += ", checking the image";
     return text;
 }
 
@@ -73,7 +74,7 @@ void followRun(ZqRun* job, const Output& out, const std::function<void()>& look)
         if (signals.isAsked()) job->stop();
         const ZqImageFeed::Status status = job->getStatus();
         progress.setLabel(statusText(job->getPhase(), status));
-        progress.update(status.nCurrent, status.nTotal);
+        progress.update(status.isChecking ? status.nChecked : status.nCurrent, status.nTotal);
         look();
     }
     progress.finish();

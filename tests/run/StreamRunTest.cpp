@@ -257,6 +257,39 @@ TEST_F(StreamRun, ABadServerCostsTimeAndNoByte) {
     expectPlayed();
 }
 
+TEST_F(StreamRun, OnlyAnImageWithItsDigestCountsAsComplete) {
+    const string right = dir.read("served/app.json");
+    string wrong = right;
+    const size_t at = wrong.find(SxMd5::file(SxString(served + "/img.zqf")).str());
+    ASSERT_NE(at, string::npos);
+    wrong[at] = wrong[at] == '0' ? '1' : '0';
+    dir.write("served/app.json", wrong);
+    // At the end of the download, at the next run, and offline.
+    for (int i = 0; i < 3; ++i) {
+        if (i == 2) server->stop();
+        const auto player = start({"--now", "--keep-mounted"});
+        EXPECT_EQ(player->end(), 1) << i << player->says();
+        EXPECT_THAT(player->says(), HasSubstr("what the server gave isn't the image"));
+        EXPECT_EQ(hasStarted(), i == 0);
+        EXPECT_FALSE(isMounted());
+        fs::remove(played + ".started");
+        fs::remove(played);
+    }
+    // A check that was cut off is made up for, and not made again.
+    dir.write("got/app.json", right);
+    const auto player = start({"--now", "--keep-mounted"});
+    EXPECT_EQ(player->end(), 0) << player->says();
+    expectPlayed();
+    EXPECT_TRUE(isMounted());
+    EXPECT_THAT(dir.read("got/stream.json"), HasSubstr("\"verified\""));
+    done({"umount", got});
+    std::fstream file(got + "/img.zqf", std::ios::in | std::ios::out | std::ios::binary);
+    file.seekp(-1, std::ios::end);
+    file.put('\x55');
+    file.close();
+    EXPECT_EQ(start()->end(), 0);
+}
+
 TEST_F(StreamRun, AnotherImageOnTheServerIsRefused) {
     server->setRate(3'000'000);
     const auto player = start();
