@@ -166,32 +166,32 @@ TEST_F(StreamRun, TheApplicationsStartAndTheKeeperDontMeet) {
 }
 
 TEST_F(StreamRun, ASignalEndsItAtOnceAtEachStage) {
+    const uint64 nMount = ZqAppParams(SxString(served + "/")).sizeMnt;
+    const auto nThere = [&] { return fs::exists(got + "/img.zqf") ? fs::file_size(got + "/img.zqf") : 0; };
     struct Stage {
         const char* name;
-        uint64 stallAfter; ///< bytes of img.zqf; 0: from the first byte of all
+        std::function<bool()> isReached;
     };
-    for (const Stage& stage :
-         {Stage{"opening", 0}, Stage{"loading or mounting", 100'000}, Stage{"running", 2'000'000}}) {
+    const Stage stages[] = {
+        {"opening", [&] { return server->getNRequests() > 0; }},
+        {"loading", [&] { return nThere() > 0 && nThere() < nMount; }},
+        {"the mount waits for its first file", [&] { return !statusOf(got).image.isEmpty(); }},
+        {"running", [&] { return hasStarted(); }},
+    };
+    for (const Stage& stage : stages) {
         SCOPED_TRACE(stage.name);
         fs::remove_all(got);
         fs::remove(played + ".started");
-        server->setRate(3'000'000);
-        server->setFault(ZqFileServer::Stall, stage.stallAfter == 0);
-        const uint64 before = server->getNBytes("img.zqf");
+        server->setRate(200'000);
         const auto player = start();
-        if (stage.stallAfter == 0) {
-            SxTime::msleep(300);
-        } else {
-            ASSERT_TRUE(
-                eventually([&] { return server->getNBytes("img.zqf") - before >= stage.stallAfter; }));
-            server->setFault(ZqFileServer::Stall);
-            SxTime::msleep(300);
-        }
+        ASSERT_TRUE(SxWait::pass(20'000, stage.isReached, 1)) << player->says();
+        // From here on nothing comes.
+        server->setRate(1);
+        SxTime::msleep(700);
         player->signal(SIGINT);
-        EXPECT_EQ(player->end(4000), 1) << player->says();
+        EXPECT_EQ(player->end(), 1) << player->says();
         EXPECT_THAT(player->says(), HasSubstr("stopped"));
         EXPECT_FALSE(isMounted());
-        server->setFault(ZqFileServer::Stall, false);
     }
     server->setRate(0);
     EXPECT_EQ(start()->end(), 0) << "goes on where it was";
