@@ -38,7 +38,7 @@ SxString newTraceFolder(const SxString& image) {
 
 } // namespace
 
-/// Mounts on a thread of its own, since the mount can't be stopped but by letting its reads fail.
+/// Mounts on a thread of its own, since the mount can't be stopped but by taking its drive away.
 class ZqRun::MountJob : public SxSystemThread {
 public:
     MountJob(const ZqImageFeed& feed_, SxString image_, ZqMountMgr::MountMode mode_, SxString traceFolder_)
@@ -51,7 +51,7 @@ public:
     /// Waits for the end; raises what went wrong, or a stop.
     void finish(const ZqStopTest& stop) {
         while (isRunning()) {
-            if (stop()) failReads();
+            if (stop()) breakOff();
             SxTime::msleep(LOOK_MS);
         }
         wait();
@@ -70,11 +70,13 @@ protected:
     }
 
 private:
-    void failReads() const {
+    /// Reads that fail aren't enough: a mount that waits for its first file would look for that on and on.
+    void breakOff() const {
         try {
-            ZqMountMgr().failOnUnderflow(image);
+            ZqMountMgr().umountImage(image, true);
         } catch (const SxException& e) {
-            // The mount reports what is wrong with the service.
+            // The mount takes the same drive away at the same time, and reports what is wrong with the
+            // service.
             zqLogMsg("base", SxString("ZqRun: ") + e.what());
         }
     }

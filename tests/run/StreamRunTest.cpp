@@ -198,6 +198,28 @@ TEST_F(StreamRun, ASignalEndsItAtOnceAtEachStage) {
     expectPlayed();
 }
 
+TEST_F(StreamRun, ASignalEndsAMountThatWaitsForItsFirstFile) {
+    // One block is enough for the file system, and its folders lie behind that.
+    string app = dir.read("served/app.json");
+    const size_t at = app.find("\"sizeMnt\": ") + 11;
+    app.replace(at, app.find_first_of(",\n", at) - at, "4096");
+    dir.write("served/app.json", app);
+    fs::copy(served, got);
+    fs::resize_file(got + "/img.zqf", 4096);
+    server->setLatency(600);
+    const auto player = start();
+    ASSERT_TRUE(eventually([&] { return server->getNBytes("app.json") > 0; })) << player->says();
+    server->setLatency(3'600'000);
+    ASSERT_TRUE(eventually([&] {
+        const ZqDiskStatus status = statusOf(got);
+        return !status.mountPath.isEmpty() && !status.ready && status.nHeld > 0;
+    })) << player->says();
+    player->signal(SIGINT);
+    EXPECT_EQ(player->end(), 1) << player->says();
+    EXPECT_THAT(player->says(), HasSubstr("stopped"));
+    EXPECT_FALSE(isMounted());
+}
+
 TEST_F(StreamRun, AKilledRunLeavesItsApplicationToTheNext) {
     server->setRate(6'000'000);
     hold();
