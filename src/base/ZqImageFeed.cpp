@@ -238,6 +238,7 @@ void ZqImageFeed::keepWriter() {
     if (nowNs - roomNs < ROOM_LOOK_NS) return;
     roomNs = nowNs;
     if (!hasRoom()) {
+        nWriterTries = 0;
         setWaiting("waiting for room on the disk of '" + settings.image + "'");
         return;
     }

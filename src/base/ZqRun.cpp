@@ -20,6 +20,8 @@ namespace {
 
 constexpr const char* UNIT = "src/base/ZqRun";
 constexpr int64 LOOK_MS = SxWait::LOOK_MS;
+/// From one try to note the application to the next.
+constexpr int64 NOTE_NS = 500'000'000;
 
 SxException stopped() {
     return SxException(SxString(SxException::STOPPED), "stopped", UNIT, __LINE__);
@@ -97,7 +99,11 @@ ZqRun::ZqRun(const Settings& settings_)
 ZqRun::~ZqRun() = default;
 
 ZqImageFeed::Status ZqRun::getStatus() const {
-    return phase == Opening ? ZqImageFeed::Status() : feed.getStatus();
+    if (phase == Opening) return {};
+    ZqImageFeed::Status status = feed.getStatus();
+    const SxMutexBlock block(&mutex);
+    if (status.waiting.isEmpty()) status.waiting = unnoted;
+    return status;
 }
 
 int64 ZqRun::elapsedMs() const {
@@ -241,15 +247,31 @@ void ZqRun::startApplication() {
     guard->start();
     result.startMs = elapsedMs();
     result.wasStarted = true;
-    ZqStreamRecord::update(image, [&](ZqStreamRecord* record) { result.info.nStarts = ++record->nStarts; });
-    noteGroup();
+    noteApplication();
 }
 
-void ZqRun::noteGroup() {
+void ZqRun::noteApplication() {
+    if (guard->isAdopted()) return;
     const SxString group = guard->getGroup().toText();
-    if (group == notedGroup || guard->isAdopted()) return;
-    ZqStreamRecord::update(image, [&](ZqStreamRecord* record) { record->application = group; });
-    notedGroup = group;
+    if (startNoted && group == notedGroup) return;
+    const int64 nowNs = SxClock::get().steadyNs();
+    if (noteNs != 0 && nowNs - noteNs < NOTE_NS) return;
+    SxString line;
+    try {
+        ZqStreamRecord::update(image, [&](ZqStreamRecord* record) {
+            if (!startNoted) ++record->nStarts;
+            record->application = group;
+            result.info.nStarts = record->nStarts;
+        });
+        startNoted = true;
+        notedGroup = group;
+    } catch (const SxException& e) {
+        noteNs = nowNs;
+        line = "the application can't be noted yet: " + e.toString(SxException::ShowMessage, ": ");
+    }
+    const SxMutexBlock block(&mutex);
+    if (unnoted != line && !line.isEmpty()) zqLogMsg("base", "ZqRun: " + line);
+    unnoted = line;
 }
 
 void ZqRun::follow() {
@@ -259,7 +281,7 @@ void ZqRun::follow() {
             break;
         }
         feed.requireAlive();
-        noteGroup();
+        noteApplication();
         lookForFrame();
         suspendProcess();
         feed.restoreWindow();
@@ -309,9 +331,21 @@ void ZqRun::end() {
                 mounts.umountImage(image, disk.drive.isEmpty());
             }
         }
-        if (result.wasStarted) result.info.write(image);
     } catch (const SxException& e) {
+        writeInfo();
         throw SxException(e, "The run of '" + image + "' could not be ended cleanly", UNIT, __LINE__);
+    }
+    writeInfo();
+}
+
+/// What came of the run stays as it is where its record can't be written.
+void ZqRun::writeInfo() {
+    if (!result.wasStarted) return;
+    try {
+        result.info.write(image);
+    } catch (const SxException& e) {
+        result.unwritten = e.toString(SxException::ShowMessage, ": ");
+        zqLogMsg("base", "ZqRun: " + result.unwritten);
     }
 }
 

@@ -44,6 +44,7 @@ public:
         ZqNetLink::Figures link;
         ZqRemoteImage::Figures image;
         SxString mountPath; ///< where the drive was left; empty where it is gone
+        SxString unwritten; ///< why `runtime.json` couldn't be written; empty where it could
     };
 
     explicit ZqRun(const Settings& settings_);
@@ -73,8 +74,10 @@ private:
     void feedDrive();
     void prepare();
     void startApplication();
-    /// Writes down the application's processes, which change when a launcher hands over.
-    void noteGroup();
+    /// Writes down the start of the application, and its processes, which change when a launcher hands over.
+    /// What can't be written now, say on a full disk, is tried again later.
+    void noteApplication();
+    void writeInfo();
     void follow();
     void suspendProcess();
     void lookForFrame();
@@ -91,7 +94,11 @@ private:
     ZqImageFeed feed;
     SxPtr<ZqCoreAppGuard> guard;
     SxString notedGroup;
-    bool mounted = false;
+    bool startNoted = false, mounted = false;
+    int64 noteNs = 0; ///< when noting failed last; 0 for never
     int64 beginNs = 0, beginMs = 0;
     Result result;
+
+    mutable SxMutex mutex;
+    SxString unnoted SX_GUARDED_BY(mutex); ///< why the application isn't noted, as a line
 };

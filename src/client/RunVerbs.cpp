@@ -13,6 +13,7 @@
 #include <functional>
 
 namespace {
+constexpr const char* UNIT = "src/client/RunVerbs";
 constexpr int64 LOOK_MS = 100;
 
 struct RunOptions {
@@ -81,6 +82,18 @@ void followRun(ZqRun* job, const Output& out, const std::function<void()>& look)
     job->wait();
 }
 
+/// A report that can't be written is no reason to keep back what has ended the run.
+void writeReport(const ZqRun& job, const SxString& file) {
+    if (file.isEmpty()) return;
+    try {
+        ZqRecordFile::write(job.toJson(), file);
+    } catch (const SxException& e) {
+        const SxException failure(e, "Failed to write file " + file, UNIT, __LINE__);
+        if (!job.hasException()) throw failure;
+        Output::failure(failure.toString(SxException::ShowMessage, ": "));
+    }
+}
+
 int run(const RunOptions& options, Output& out) {
     ZqRun::Settings settings;
     settings.feed.image = options.image;
@@ -93,13 +106,14 @@ int run(const RunOptions& options, Output& out) {
     ZqRun job(settings);
     followRun(&job, out, [] {});
     const ZqRun::Result& result = job.getResult();
-    if (!options.report.isEmpty()) ZqRecordFile::write(job.toJson(), options.report);
     if (result.wasStarted) {
         out.text(result.isExitKnown ? SxString("The application has ended with code ") + result.info.exitCode
                                     : SxString("The application has ended; its exit code is unknown"));
         tellFigures(result, &out);
     }
     if (out.getMode().json) out.object(job.toJson());
+    if (!result.unwritten.isEmpty()) Output::failure(result.unwritten);
+    writeReport(job, options.report);
     if (job.hasException()) throw job.getException();
     return ExitSuccess;
 }
