@@ -31,6 +31,11 @@ constexpr int64 ROOM_LOOK_NS = 500'000'000;
 constexpr int WRITER_TRIES = 3;
 constexpr int64 DIGEST_PIECE = 1 << 20;
 constexpr uint64 ANY_RATE = ~uint64{0};
+/// Silence of the server that is told. The link itself takes longer to give a request up, and its next try
+/// may bring some bytes before it is silent again.
+constexpr int64 SILENCE_S = 3;
+/// Below that rate, bytes a second, silence is the limit's.
+constexpr uint64 STEADY_RATE = 64 << 10;
 
 } // namespace
 
@@ -205,6 +210,7 @@ void ZqImageFeed::keep() {
     keepManager();
     keepDownload();
     keepWriter();
+    watchServer();
     // It says why by an event only.
     if (!progress->isRunning() && progress->getNCurrent() < progress->getNTotal()) throw takeFailure();
 }
@@ -221,6 +227,17 @@ void ZqImageFeed::keepDownload() {
     if (download->isRunning()) return;
     download->wait();
     if (download->hasException()) throw download->getException();
+}
+
+void ZqImageFeed::watchServer() {
+    const uint64 nBytes = link->getFigures().nBytes;
+    const int64 nowNs = SxClock::get().steadyNs();
+    const bool isSlowed = settings.rateLimit > 0 && settings.rateLimit < STEADY_RATE;
+    // What waits for the disk is the disk's affair.
+    const bool isWanted = download->isRunning() && getWriter()->getBytesHeld() == 0 && !isSlowed;
+    if (nBytes != nSeenBytes || !isWanted || seenNs == 0) seenNs = nowNs;
+    nSeenBytes = nBytes;
+    silentSeconds = (nowNs - seenNs) / 1'000'000'000;
 }
 
 bool ZqImageFeed::hasRoom() const {
@@ -345,6 +362,9 @@ ZqImageFeed::Status ZqImageFeed::getStatus() const {
         status.waiting = waiting;
     }
     if (status.waiting.isEmpty()) status.waiting = link->getStatus();
+    if (const int64 silent = silentSeconds; status.waiting.isEmpty() && silent >= SILENCE_S) {
+        status.waiting = SxString("waiting for the server: no data for ") + silent + " s";
+    }
     return status;
 }
 

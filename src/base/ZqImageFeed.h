@@ -102,6 +102,8 @@ private:
     void keep();
     void keepManager();
     void keepWriter();
+    /// Notes how long the server has been silent while bytes of it are wanted.
+    void watchServer();
     void keepDownload();
     bool isKnownAsRight(const ZqStreamRecord& record) const;
     void verifyDigest();
@@ -130,10 +132,13 @@ private:
     std::unique_ptr<Keeper> keeper;
     std::atomic<bool> stopping{false}, verified{false}, checking{false};
     std::atomic<uint64> nChecked{0};
+    std::atomic<int64> silentSeconds{0}; ///< without a byte of the server
     SxEventListener failures;
 
     // The keeper's alone.
-    int64 roomNs = 0; ///< when room on the disk was last looked for
+    int64 roomNs = 0;      ///< when room on the disk was last looked for
+    uint64 nSeenBytes = 0; ///< of the link
+    int64 seenNs = 0;      ///< when they came
     int nWriterTries = 0;
     uint64 triedSize = 0;
 

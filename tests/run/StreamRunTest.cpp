@@ -304,6 +304,21 @@ TEST_F(StreamRun, ABadServerCostsTimeAndNoByte) {
     expectPlayed();
 }
 
+TEST_F(StreamRun, AStallIsToldAndGoesOn) {
+    server->setRate(2'000'000);
+    const auto player = start();
+    ASSERT_TRUE(SxWait::pass(20'000, [&] { return hasStarted(); })) << player->says();
+    server->setFault(ZqFileServer::Stall);
+    EXPECT_TRUE(SxWait::pass(40'000, [&] {
+        return player->says().find("waiting for the server: no data") != string::npos;
+    })) << player->says();
+    EXPECT_FALSE(hasPlayed());
+    server->setRate(0);
+    server->setFault(ZqFileServer::Stall, false);
+    EXPECT_EQ(player->end(), 0) << player->says();
+    expectPlayed();
+}
+
 TEST_F(StreamRun, AFullDiskEndsNothing) {
     const SmallDisk disk(got, "128m");
     const auto saysSoon = [](const Client& player, const string& words) {
