@@ -101,7 +101,7 @@ ZqDiskStatus DriveRun::statusOf(const string& image) {
 }
 
 bool DriveRun::eventually(const std::function<bool()>& ready) {
-    return SxWait::pass(10'000, ready);
+    return SxWait::pass(30'000, ready);
 }
 
 bool DriveRun::isRunning(int64 pid) {

@@ -41,7 +41,7 @@ protected:
     string mount(const string& image, const std::vector<string>& more = {});
 
     static ZqDiskStatus statusOf(const string& image);
-    /// Waits up to ten seconds.
+    /// Waits up to half a minute.
     static bool eventually(const std::function<bool()>& ready);
     /// Mount points and loop devices below the service's folder, and the folders of disks.
     static std::vector<string> leftovers();

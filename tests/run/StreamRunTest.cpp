@@ -145,7 +145,7 @@ TEST_F(StreamRun, AnApplicationPlaysWhileItsImageArrives) {
         fs::remove_all(got);
         if (packed) done({"image", "pack", served, "--level", "3"});
         const uint64 nPlain = server->getNBytes("img.zqf");
-        server->setRate(8'000'000);
+        server->setRate(12'000'000);
         hold();
         const auto player = start({"--now", "--report", dir.path("report.json")});
         ASSERT_TRUE(SxWait::pass(20'000, [&] { return hasPlayed(); })) << player->says();
@@ -191,15 +191,13 @@ TEST_F(StreamRun, TheApplicationsStartAndTheKeeperDontMeet) {
 }
 
 TEST_F(StreamRun, ASignalEndsItAtOnceAtEachStage) {
-    const uint64 nMount = ZqAppParams(SxString(served + "/")).sizeMnt;
-    const auto nThere = [&] { return fs::exists(got + "/img.zqf") ? fs::file_size(got + "/img.zqf") : 0; };
     struct Stage {
         const char* name;
         std::function<bool()> isReached;
     };
     const Stage stages[] = {
         {"opening", [&] { return server->getNRequests() > 0; }},
-        {"loading", [&] { return nThere() > 0 && nThere() < nMount; }},
+        {"loading", [&] { return fs::exists(got + "/img.zqf"); }},
         {"the mount waits for its first file", [&] { return !statusOf(got).image.isEmpty(); }},
         {"running", [&] { return hasStarted(); }},
     };
@@ -207,7 +205,7 @@ TEST_F(StreamRun, ASignalEndsItAtOnceAtEachStage) {
         SCOPED_TRACE(stage.name);
         fs::remove_all(got);
         fs::remove(played + ".started");
-        server->setRate(200'000);
+        server->setRate(500'000);
         const auto player = start();
         ASSERT_TRUE(SxWait::pass(20'000, stage.isReached, 1)) << player->says();
         // From here on nothing comes.
@@ -319,6 +317,63 @@ TEST_F(StreamRun, AStallIsToldAndGoesOn) {
     expectPlayed();
 }
 
+TEST_F(StreamRun, AnImageThatChangesOnTheServerEndsTheRunAndLeavesNoByteOfIt) {
+    for (const ZqFileServer::Fault fault : {ZqFileServer::Truncate, ZqFileServer::Changed}) {
+        SCOPED_TRACE(fault);
+        fs::remove_all(got);
+        server->setRate(2'000'000);
+        const auto player = start();
+        ASSERT_TRUE(SxWait::pass(20'000, [&] { return hasStarted(); })) << player->says();
+        server->stop();
+        server->setFault(fault);
+        server->start();
+        EXPECT_EQ(player->end(), 1) << player->says();
+        EXPECT_THAT(player->says(),
+                    testing::AnyOf(HasSubstr("changed on the server"), HasSubstr("bytes instead of")));
+        EXPECT_FALSE(isMounted());
+        EXPECT_FALSE(hasPlayed());
+        server->setFault(fault, false);
+        server->setRate(0);
+        const auto next = start({"--now", "--keep-mounted"});
+        EXPECT_EQ(next->end(), 0) << next->says();
+        expectPlayed();
+        expectComplete();
+        done({"umount", got});
+    }
+}
+
+TEST_F(StreamRun, TheDownloadMayEndAtAnyMomentOfBothMounts) {
+    bool wasUp = false, wasGone = false;
+    const auto look = [&](int moment) {
+        const ZqDiskStatus status = statusOf(got);
+        const bool isUp = !status.image.isEmpty();
+        wasGone = wasGone || (wasUp && !isUp);
+        wasUp = wasUp || isUp;
+        const bool isReached[] = {isUp, wasGone, wasGone && isUp, status.ready};
+        // A moment may be too short to be seen; then the next will do.
+        return std::any_of(isReached + moment, std::end(isReached), [](bool is) { return is; });
+    };
+    for (int moment = 0; moment < 4; ++moment) {
+        SCOPED_TRACE(moment);
+        wasUp = wasGone = false;
+        fs::remove_all(got);
+        fs::copy(served, got);
+        fs::resize_file(got + "/img.zqf", fs::file_size(got + "/img.zqf") - 600'000);
+        const uint64 before = server->getNBytes("app.json");
+        server->setLatency(600);
+        const auto player = start();
+        ASSERT_TRUE(eventually([&] { return server->getNBytes("app.json") > before; })) << player->says();
+        server->setLatency(3'600'000);
+        ASSERT_TRUE(SxWait::pass(
+            20'000, [&] { return look(moment); }, 1))
+            << player->says();
+        EXPECT_LT(fs::file_size(got + "/img.zqf"), fs::file_size(served + "/img.zqf"));
+        server->setLatency(0);
+        EXPECT_EQ(player->end(), 0) << player->says();
+        expectPlayed();
+    }
+}
+
 TEST_F(StreamRun, AFullDiskEndsNothing) {
     const SmallDisk disk(got, "128m");
     const auto saysSoon = [](const Client& player, const string& words) {
@@ -327,7 +382,7 @@ TEST_F(StreamRun, AFullDiskEndsNothing) {
     // Its record can't be written at first, then its image, and at the end nothing.
     dir.write("got/stream.json", "{\"version\": 2, \"url\": \"" + server->getUrl().str() + "\"}");
     fs::create_directory(got + "/stream.json.tmp");
-    server->setRate(2'000'000);
+    server->setRate(1'000'000);
     hold();
     const auto player = start();
     ASSERT_TRUE(SxWait::pass(20'000, [&] { return hasStarted(); })) << player->says();
