@@ -1,56 +1,11 @@
-#include "DriveRun.h"
+#include "StreamRun.h"
 #include "SxMd5.h"
-#include "ZqFileServer.h"
 #include "ZqImageFeed.h"
 
-#include <csignal>
-#include <fstream>
 #include <pthread.h>
 #include <sys/mount.h>
 
 namespace {
-
-constexpr const char* PLAY = "#!/bin/sh\n"
-                             "touch \"$PLAY_OUT.started\"\n"
-                             "find . -type f | sort | xargs md5sum >\"$PLAY_OUT.part\"\n"
-                             "mv \"$PLAY_OUT.part\" \"$PLAY_OUT\"\n"
-                             "while [ -e \"$PLAY_OUT.hold\" ]; do sleep 0.05; done\n"
-                             "exit 7\n";
-
-/// A client that runs beside the test.
-class Client {
-public:
-    Client(const string& client, const std::vector<string>& words, string out_)
-        : out(std::move(out_)),
-          process("bash", arguments(client, words)) {
-        process.start();
-    }
-    ~Client() {
-        process.kill();
-        process.wait();
-    }
-    void signal(int number) { ::kill(process.getId(), number); }
-    bool isRunning() { return process.isRunning(); }
-    /// Its exit code; -1 where it doesn't end in time.
-    int end(int64 ms = 30'000) {
-        return SxWait::pass(ms, [&] { return !process.isRunning(); }) ? process.wait() : -1;
-    }
-    string says() const {
-        std::ifstream file(out);
-        return {std::istreambuf_iterator<char>(file), {}};
-    }
-
-private:
-    SxList<SxString> arguments(const string& client, const std::vector<string>& words) const {
-        SxList<SxString> list = {"-c", SxString("exec \"$@\" >'" + out + "' 2>&1"), "bash", SxString(client)};
-        for (const string& word : words)
-            list << SxString(word);
-        return list;
-    }
-
-    const string out;
-    SxProcess process;
-};
 
 /// The machine's clock, on which the keeper of a feed looks after it without a pause.
 class RestlessKeeper : public SxClock {
@@ -91,50 +46,6 @@ public:
 
 private:
     const string folder;
-};
-
-/// An image on a server, and a folder that it is to arrive in.
-class StreamRun : public DriveRun {
-protected:
-    void SetUp() override {
-        DriveRun::SetUp();
-        if (IsSkipped()) return;
-        dir.write("game/play.sh", PLAY);
-        fs::permissions(dir.path("game/play.sh"), fs::perms(0755));
-        ::setenv("PLAY_OUT", played.c_str(), 1);
-        served = build("served", "erofs", {"--cmd", "{{ZQDRIVE}}/TAVRIN-protected/app/play.sh"});
-        SxProcess sums("bash",
-                       {"-c", SxString("cd '" + source + "' && find . -type f | sort | xargs md5sum >'" +
-                                       dir.path("right") + "'")});
-        ASSERT_EQ(sums.run(), 0);
-        server = std::make_unique<ZqFileServer>(SxString(served));
-        server->start();
-    }
-    void TearDown() override {
-        release();
-        DriveRun::TearDown();
-    }
-    std::unique_ptr<Client> start(const std::vector<string>& more = {"--now"}) {
-        std::vector<string> words = {"run", got, "--url", server->getUrl().str()};
-        words.insert(words.end(), more.begin(), more.end());
-        return std::make_unique<Client>(client, words, dir.path("said" + std::to_string(++nClients)));
-    }
-    /// The application ends only behind release().
-    void hold() { dir.write("played.hold", ""); }
-    void release() { fs::remove(played + ".hold"); }
-    void expectPlayed() {
-        EXPECT_EQ(dir.read("played"), dir.read("right"));
-        fs::remove(played);
-        fs::remove(played + ".started");
-    }
-    bool hasStarted() const { return fs::exists(played + ".started"); }
-    bool hasPlayed() const { return fs::exists(played); }
-    bool isMounted() const { return !statusOf(got).image.isEmpty(); }
-    void expectComplete() { EXPECT_TRUE(dir.read("got/img.zqf") == dir.read("served/img.zqf")); }
-
-    string served, got = dir.path("got"), played = dir.path("played");
-    std::unique_ptr<ZqFileServer> server;
-    int nClients = 0;
 };
 
 } // namespace

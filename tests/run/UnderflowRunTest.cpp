@@ -1,0 +1,107 @@
+#include "StreamRun.h"
+#include "TestApplication.h"
+#include "TestDisplay.h"
+#include "ZqX11Desktop.h"
+
+#include <unistd.h>
+
+namespace {
+
+constexpr uint64 BLOCK = 4096;
+constexpr int N_READERS = 20;
+
+/// Reads random blocks of `file` until all have had their time, and counts those that aren't as in `right`.
+class Reader {
+public:
+    Reader(const string& file, const string& right_, unsigned seed, int64 ms)
+        : right(right_),
+          fd(::open(file.c_str(), O_RDONLY | O_CLOEXEC)),
+          thread([this, seed, ms] { read(seed, ms); }) {}
+    ~Reader() {
+        thread.join();
+        ::close(fd);
+    }
+
+    std::atomic<int> nRead{0}, nWrong{0};
+    std::atomic<bool> ended{false};
+
+private:
+    void read(unsigned seed, int64 ms) {
+        TestRandom random(seed);
+        const int64 endNs = SxClock::get().steadyNs() + ms * 1'000'000;
+        string block(BLOCK, '\0');
+        while (SxClock::get().steadyNs() < endNs) {
+            const uint64 at = random.between(0, right.size() / BLOCK - 1) * BLOCK;
+            const bool isRight =
+                ::pread(fd, block.data(), BLOCK, static_cast<off_t>(at)) == static_cast<ssize_t>(BLOCK) &&
+                right.compare(at, BLOCK, block) == 0;
+            ++nRead;
+            if (!isRight) ++nWrong;
+        }
+        ended = true;
+    }
+
+    const string& right;
+    const int fd;
+    std::thread thread;
+};
+
+} // namespace
+
+TEST_F(StreamRun, NoUnderflowOfManyReadersIsLost) {
+    server->setRate(2'000'000);
+    server->setLatency(5);
+    Client feeder(client, {"mount", got, "--url", server->getUrl().str()}, dir.path("fed"));
+    ASSERT_TRUE(SxWait::pass(20'000, [&] { return statusOf(got).ready; })) << feeder.says();
+    const string file = statusOf(got).mountPath.str() + "/TAVRIN-protected/app/big.pak";
+    const string right = dir.read("game/big.pak");
+    std::vector<std::unique_ptr<Reader>> readers;
+    for (unsigned i = 0; i < N_READERS; ++i)
+        readers.push_back(std::make_unique<Reader>(file, right, i, 6000));
+    for (const auto& reader : readers)
+        EXPECT_TRUE(SxWait::pass(30'000, [&] { return reader->ended.load(); })) << feeder.says();
+    EXPECT_GT(server->getNBytes("img.zqf"), 10 * 204'800u) << "nothing was read ahead of the download";
+    done({"umount", got}); // which would also end a read that was lost
+    EXPECT_EQ(feeder.end(), 0) << feeder.says();
+    for (const auto& reader : readers)
+        EXPECT_EQ(reader->nWrong, 0) << "of " << reader->nRead;
+}
+
+TEST_F(StreamRun, TheWindowIsOutOfTheWayForALongUnderflowOnly) {
+    const string reason = TestDisplay::missing();
+    if (!reason.empty()) GTEST_SKIP() << reason;
+    const TestDisplay display;
+    ZqX11Desktop desktop;
+    TestApplication application;
+    TestApplication::Look look;
+    look.title = "Adventure";
+    const ZqDesktop::Handle window = application.show(look);
+    ASSERT_TRUE(eventually([&] { return desktop.findByTitle("Adventure") == window; }));
+    ZqAppParams app(SxString(served + "/"));
+    app.window = "Adventure";
+    app.underflowDelay = 0;
+    app.suspendDrive = true;
+    app.write();
+    server->setRate(1'000'000);
+    hold();
+    dir.write("played.pause", "");
+    const auto player = start();
+    // As long as the download goes on, it stays.
+    const auto hasPaused = [this] {
+        return fs::exists(played + ".half") && fs::file_size(played + ".half") > 1'000'000;
+    };
+    ASSERT_TRUE(SxWait::pass(30'000, hasPaused)) << player->says();
+    EXPECT_FALSE(desktop.isIconic(window));
+    server->stop();
+    fs::remove(played + ".pause");
+    EXPECT_TRUE(SxWait::pass(60'000, [&] { return desktop.isIconic(window); })) << player->says();
+    EXPECT_FALSE(hasPlayed());
+    server->setRate(0);
+    server->start();
+    EXPECT_TRUE(SxWait::pass(30'000, [&] { return !desktop.isIconic(window); })) << player->says();
+    EXPECT_TRUE(SxWait::pass(30'000, [&] { return hasPlayed(); })) << player->says();
+    release();
+    EXPECT_EQ(player->end(), 0) << player->says();
+    EXPECT_THAT(player->says(), Not(HasSubstr("underflows                0,")));
+    expectPlayed();
+}
