@@ -122,6 +122,9 @@ void ZqCoreAppGuard::main() {
         exitCode = code;
     } catch (const SxException& e) {
         ZqJobFailure::report(PREFIX, path, e, UNIT, __LINE__);
+        SxMutexBlock lock(&codeMutex);
+        failure = e;
+        failed = true;
     }
     runTime += static_cast<uint64>((SxClock::get().steadyNs() - begin) / 1'000'000);
     zqLogMsg("base", SxString(PREFIX) + "END");
@@ -343,6 +346,11 @@ int ZqCoreAppGuard::getExitCode() const {
         if (exitCode != NO_CODE) return exitCode;
     }
     return process ? process->exitStatus() : NO_CODE;
+}
+
+void ZqCoreAppGuard::requireSuccess() const {
+    SxMutexBlock lock(&codeMutex);
+    if (failed) throw failure;
 }
 
 void ZqCoreAppGuard::stop() {

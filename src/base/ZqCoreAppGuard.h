@@ -51,6 +51,8 @@ public:
     /// The exit code of the application, 128 + n where signal n ended it, STOPPED_CODE where stop() did.
     /// During the run that of the command, and NO_CODE as long as that runs.
     int getExitCode() const;
+    /// Raises what has kept the application from being started or followed.
+    void requireSuccess() const;
     /// The processes of the application, to be noted for a program that comes later; changes when a launcher
     /// hands over to another group. No group before the command runs.
     SxProcessGroup getGroup() const;
@@ -95,6 +97,8 @@ private:
 
     mutable SxMutex codeMutex;
     int exitCode SX_GUARDED_BY(codeMutex) = NO_CODE;
+    bool failed SX_GUARDED_BY(codeMutex) = false;
+    SxException failure SX_GUARDED_BY(codeMutex);
     mutable SxMutex groupMutex;
     SxProcessGroup group SX_GUARDED_BY(groupMutex);
 };

@@ -29,6 +29,7 @@ constexpr uint64 ROOM = 96 << 20;
 constexpr int64 ROOM_LOOK_NS = 500'000'000;
 /// Writers that fail one after the other, without a byte written, until it is given up.
 constexpr int WRITER_TRIES = 3;
+constexpr int64 DOWNLOAD_LOOK_NS = 5'000'000'000;
 constexpr int64 DIGEST_PIECE = 1 << 20;
 constexpr uint64 ANY_RATE = ~uint64{0};
 /// Silence of the server that is told. The link itself takes longer to give a request up, and its next try
@@ -180,6 +181,7 @@ void ZqImageFeed::alignCursor() const {
 }
 
 void ZqImageFeed::applicationStarts() {
+    hasApplication = true;
     if (!manager) return;
     const SxMutexBlock block(&managerMutex);
     manager->setWindowSearch(true);
@@ -226,7 +228,14 @@ void ZqImageFeed::keepManager() {
 void ZqImageFeed::keepDownload() {
     if (download->isRunning()) return;
     download->wait();
-    if (download->hasException()) throw download->getException();
+    if (!download->hasException()) return;
+    const SxException e = download->getException();
+    if (!hasApplication || !e.hasTag(ZqNetLink::BROKEN)) throw e;
+    setWaiting("waiting for the server: " + e.toString(SxException::ShowMessage, ": "));
+    const int64 nowNs = SxClock::get().steadyNs();
+    if (nowNs - downloadNs < DOWNLOAD_LOOK_NS) return;
+    downloadNs = nowNs;
+    beginDownload();
 }
 
 void ZqImageFeed::watchServer() {
@@ -246,7 +255,13 @@ bool ZqImageFeed::hasRoom() const {
 
 void ZqImageFeed::keepWriter() {
     const SxPtr<ZqFWriter> now = getWriter();
-    if (now->isRunning()) return;
+    if (now->isRunning()) {
+        if (nWriterTries > 0 && fileSize() > triedSize) {
+            nWriterTries = 0;
+            setWaiting("");
+        }
+        return;
+    }
     if (now->isCompleteImage()) {
         verifyDigest();
         return;
@@ -261,11 +276,16 @@ void ZqImageFeed::keepWriter() {
     }
     nWriterTries = fileSize() > triedSize ? 0 : nWriterTries + 1;
     triedSize = fileSize();
-    if (nWriterTries >= WRITER_TRIES) throw takeFailure();
+    if (nWriterTries >= WRITER_TRIES && !hasApplication) throw takeFailure();
+    // A quota, say, shows as room.
+    if (nWriterTries >= WRITER_TRIES) {
+        setWaiting("waiting for the disk: " + takeFailure().toString(SxException::ShowMessage, ": "));
+    } else {
+        setWaiting("");
+    }
     now->wait();
     makeWriter();
     beginDownload();
-    setWaiting("");
 }
 
 SxException ZqImageFeed::takeFailure() {

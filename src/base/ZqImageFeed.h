@@ -78,6 +78,8 @@ public:
     const ZqAppParams& getApp() const noexcept { return app; }
     const ZqImageParams& getParams() const noexcept { return params; }
     const SxString& getUrl() const noexcept { return url; }
+    /// Bytes of `img.zqf` that are there.
+    uint64 fileSize() const;
     /// How many blocks are there, as a mount takes it.
     uint64 countBlocks() const;
     /// Whether all bytes are in `img.zqf`.
@@ -96,7 +98,6 @@ private:
     class Keeper;
 
     SxString filePath(const char* name) const;
-    uint64 fileSize() const;
     void makeWriter();
     void beginDownload();
     void keep();
@@ -141,6 +142,9 @@ private:
     int64 seenNs = 0;      ///< when they came
     int nWriterTries = 0;
     uint64 triedSize = 0;
+    int64 downloadNs = 0; ///< when the download was begun again
+    /// Then nothing that may pass ends the download: the application can go on with what is there.
+    std::atomic<bool> hasApplication{false};
 
     mutable SxMutex mutex;
     SxPtr<ZqFWriter> writer SX_GUARDED_BY(mutex);

@@ -149,8 +149,9 @@ void ZqRun::run() {
     const ZqStopTest stop = [this] { return isStopping(); };
     feed.open(stop);
     const bool wasComplete = feed.isComplete();
+    const uint64 nPresent = feed.fileSize();
     feed.start();
-    result.info.dataAtStart = static_cast<int64>(feed.getStatus().nCurrent);
+    result.info.dataAtStart = static_cast<int64>(nPresent);
     phase = Loading;
     feed.fetchRecords(stop);
     if (adopt()) return;
@@ -224,7 +225,7 @@ void ZqRun::prepare() {
     for (;;) {
         const ZqImageFeed::Status status = feed.getStatus();
         if (settings.startsAtOnce || status.nCurrent >= status.nNeeded) {
-            result.info.preloadSize = static_cast<int64>(status.nCurrent);
+            result.info.preloadSize = static_cast<int64>(std::min(status.nCurrent, status.nNeeded));
             return;
         }
         if (isStopping()) throw stopped();
@@ -289,9 +290,9 @@ void ZqRun::follow() {
     }
     guard->wait();
     lookForFrame();
-    if (isStopping()) throw stopped();
-    result.info.exitCode = guard->getExitCode();
+    if (!isStopping()) guard->requireSuccess();
     result.isExitKnown = !guard->isAdopted();
+    if (isStopping()) throw stopped();
 }
 
 void ZqRun::suspendProcess() {
@@ -319,6 +320,8 @@ void ZqRun::end() {
         if (guard) {
             guard->stop();
             guard->wait();
+            result.info.exitCode = guard->getExitCode();
+            result.info.runTime = static_cast<int64>(guard->runTime) / 1000;
         }
         const bool keep = settings.keepsMounted && result.wasStarted && feed.isVerified();
         ZqDiskStatus disk;
@@ -354,7 +357,6 @@ void ZqRun::fillResult() {
     const ZqRuntimeInfo own = result.info;
     ZqRuntimeInfo& info = result.info;
     info = feed.getRuntimeInfo();
-    info.exitCode = own.exitCode;
     info.preloadSize = own.preloadSize;
     info.dataAtStart = own.dataAtStart;
     info.nStarts = own.nStarts;
@@ -363,7 +365,6 @@ void ZqRun::fillResult() {
     info.path = image;
     info.guid = feed.getApp().guid;
     info.time0 = beginMs;
-    info.runTime = guard ? static_cast<int64>(guard->runTime) / 1000 : 0;
     info.timeToStart = std::max<int64>(result.startMs, 0) / 1000;
     info.timeToReady = std::max<int64>(result.firstFrameMs, 0) / 1000;
     info.dataAtEnd = static_cast<int64>(status.nCurrent);

@@ -187,14 +187,27 @@ TEST_F(StreamRun, RecordsThatAKilledRunDidntGetAreFetched) {
             fs::copy_file(served + name, got + name);
         fs::resize_file(got + "/img.zqf", nThere);
         dir.write("got/img.idx.tmp", "cut off");
-        const auto player = start();
+        const auto player = start({"--now", "--report", dir.path("report.json")});
         EXPECT_EQ(player->end(), 0) << player->says();
         expectPlayed();
+        const string report = dir.read("report.json");
+        EXPECT_THAT(report, HasSubstr("\"dataAtStart\": " + std::to_string(nThere)));
+        EXPECT_THAT(report, HasSubstr("\"downloadFromZero\": false"));
         fs::remove(got + "/app.json");
         const auto refused = start();
         EXPECT_EQ(refused->end(), 1);
         EXPECT_THAT(refused->says(), HasSubstr("without its app.json"));
     }
+}
+
+TEST_F(StreamRun, AnApplicationThatCannotBeStartedIsAFailure) {
+    ZqAppParams app(SxString(served + "/"));
+    app.cmd = "{{ZQDRIVE}}/TAVRIN-protected/app/start.cfg";
+    app.write();
+    const auto player = start();
+    EXPECT_EQ(player->end(), 1);
+    EXPECT_THAT(player->says(), testing::AllOf(HasSubstr("start.cfg"), HasSubstr("ermission denied")));
+    EXPECT_FALSE(isMounted());
 }
 
 TEST_F(StreamRun, ABadServerCostsTimeAndNoByte) {
