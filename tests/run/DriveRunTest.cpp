@@ -501,6 +501,20 @@ TEST_F(Drive, aKilledClientLeavesADriveThatCanBeSeenAndRemoved) {
     }
 }
 
+TEST_F(Drive, aStoppedServiceIsNotTakenForOneThatIsGone) {
+    const string image = build("image", "erofs");
+    mount(image);
+    const int64 pid = statusOf(image).servicePid;
+    ::kill(static_cast<pid_t>(pid), SIGSTOP);
+    // Each takes as long as an answer may.
+    Child all([&] { ::execl(client.c_str(), "tavrin", "status", "--quiet", nullptr); });
+    const string says = "The drive service (process " + std::to_string(pid) + ") doesn't answer";
+    EXPECT_THAT(run({"status", image}).err, HasSubstr(says));
+    EXPECT_EQ(WEXITSTATUS(all.wait()), 1);
+    ::kill(static_cast<pid_t>(pid), SIGCONT);
+    EXPECT_EQ(done({"umount", image}), "Unmounted\n");
+}
+
 TEST_F(Drive, severalClientsMountAnImageOnce) {
     const string image = build("image", "erofs");
     std::vector<std::unique_ptr<Child>> clients;

@@ -33,7 +33,7 @@ constexpr int MAX_TRIES = 20;
 std::atomic<int> cacheSize{-1}; // bytes; -1: never set
 
 thread_local SxString lastFailure;
-thread_local bool lastBusy = false;
+thread_local bool lastBusy = false, lastCutOff = false;
 
 /// This thread's connection. A child process must not share it, so it knows whose it is.
 struct Connection {
@@ -181,6 +181,7 @@ bool connectTo(const std::string& root, const std::string& folder, ZqServiceClie
 
 bool ZqServiceClient::call(Call call, const Writer& request, Reader* answer, Start start) {
     lastFailure = SxString();
+    lastCutOff = false;
     try {
         const std::string root = ZqMachineRoot::get().str(), folder = ZqServiceFolder::of(root);
         bool isNew = false;
@@ -201,6 +202,7 @@ bool ZqServiceClient::call(Call call, const Writer& request, Reader* answer, Sta
             if (message.kind != SUCCESS) lastFailure = SxString(message.body).validUtf8();
             return message.kind == SUCCESS;
         }
+        lastCutOff = true;
         lastFailure = "The drive service doesn't answer";
     } catch (const SxException& e) {
         lastFailure = e.toString(SxException::ShowMessage, ": ");
@@ -208,8 +210,14 @@ bool ZqServiceClient::call(Call call, const Writer& request, Reader* answer, Sta
     return false;
 }
 
+bool ZqServiceClient::wasCutOff() {
+    return lastCutOff;
+}
+
 bool ZqServiceClient::isServing() {
-    return call(Call::Ping, Writer(), nullptr, Start::Never);
+    // One that is open may lead to a service that has ended.
+    connection.close();
+    return connection.open(ZqServiceFolder::of(ZqMachineRoot::get().str()));
 }
 
 SxString ZqServiceClient::keyOf(const SxString& path) {

@@ -17,7 +17,10 @@ enum class Start {
 bool call(ZqDriveWire::Call call, const ZqDriveWire::Writer& request, ZqDriveWire::Reader* answer,
           Start start);
 
-/// Whether a service answers, without starting one.
+/// Whether the last call failed for want of a service: none was there, or it ended ahead of its answer.
+bool wasCutOff();
+
+/// Whether a service is there, without starting one. One that is stuck counts: it still serves its drives.
 bool isServing();
 
 /// The one path that every spelling of a folder has: a host path, absolute, without links and trailing

@@ -35,6 +35,20 @@ std::string driveLink(const SxString& drive) {
                       what + " '" + drive + "'", UNIT, __LINE__);
 }
 
+/// Asks the service something; false where none runs. Raises `words` where it doesn't answer.
+bool ask(Call call, const Writer& request, Reader* answer, const SxString& words) {
+    // A service may have started between the call and the question whether there is one.
+    for (int i = 0; !ZqServiceClient::call(call, request, answer, Start::Never); ++i) {
+        if (ZqServiceClient::wasCutOff()) {
+            if (!ZqServiceClient::isServing()) return false;
+            if (i < MAX_TRIES) continue;
+        }
+        throw SxException(SxException(ZqServiceClient::getLastFailure(), UNIT, __LINE__), words, UNIT,
+                          __LINE__);
+    }
+    return true;
+}
+
 uint64 targetOf(const SxString& drive) {
     ZqVolumeIdentity identity;
     if (!ZqVolume::queryIdentity(drive, &identity)) {
@@ -115,7 +129,7 @@ void ZqVolume::setLabel(const SxString& drive, const SxString& label) {
 SxList<ZqDiskStatus> ZqVolume::getDisks() {
     SxList<ZqDiskStatus> disks;
     Reader answer;
-    if (!ZqServiceClient::call(Call::Disks, Writer(), &answer, Start::Never)) return disks;
+    if (!ask(Call::Disks, Writer(), &answer, "Cannot ask for the drives")) return disks;
     const uint64 n = answer.number();
     for (uint64 i = 0; i < n; ++i)
         disks.append(ZqServiceClient::readStatus(&answer));
@@ -125,14 +139,7 @@ SxList<ZqDiskStatus> ZqVolume::getDisks() {
 bool ZqVolume::findDisk(const SxString& image, ZqDiskStatus* status) {
     Reader answer;
     const Writer request = Writer().text(ZqServiceClient::keyOf(image));
-    // A service may have started between the call and the question whether there is one.
-    for (int i = 0; !ZqServiceClient::call(Call::State, request, &answer, Start::Never); ++i) {
-        const SxString failure = getLastFailure();
-        if (!ZqServiceClient::isServing()) return false;
-        if (i < MAX_TRIES) continue;
-        throw SxException(SxException(failure, UNIT, __LINE__), "Cannot ask after image '" + image + "'",
-                          UNIT, __LINE__);
-    }
+    if (!ask(Call::State, request, &answer, "Cannot ask after image '" + image + "'")) return false;
     if (!answer.flag()) return false;
     *status = ZqServiceClient::readStatus(&answer);
     return true;

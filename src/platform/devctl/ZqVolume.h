@@ -49,6 +49,7 @@ public:
     static void setLabel(const SxString& drive, const SxString& label);
 
     /// All disks of the machine root's service, in the order of their device ids; none where no service runs.
+    /// Raises where it can't tell.
     static SxList<ZqDiskStatus> getDisks();
     /// The disk of one image, by any spelling of its folder; false where it isn't mounted. Raises where the
     /// service can't tell.
