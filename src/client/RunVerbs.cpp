@@ -88,9 +88,9 @@ void writeReport(const ZqRun& job, const SxString& file) {
     try {
         ZqRecordFile::write(job.toJson(), file);
     } catch (const SxException& e) {
-        const SxException failure(e, "Failed to write file " + file, UNIT, __LINE__);
-        if (!job.hasException()) throw failure;
-        Output::failure(failure.toString(SxException::ShowMessage, ": "));
+        const SxString what = "Failed to write file " + file;
+        if (!job.hasException()) throw SxException(e, what, UNIT, __LINE__);
+        Output::failure(what + ": " + e.toString(SxException::ShowMessage, ": "));
     }
 }
 
