@@ -231,7 +231,7 @@ void ZqImageFeed::keepDownload() {
     if (!download->hasException()) return;
     const SxException e = download->getException();
     if (!hasApplication || !e.hasTag(ZqNetLink::BROKEN)) throw e;
-    setWaiting("waiting for the server: " + e.toString(SxException::ShowMessage, ": "));
+    setWaiting("waiting for the server: it breaks off all its answers");
     const int64 nowNs = SxClock::get().steadyNs();
     if (nowNs - downloadNs < DOWNLOAD_LOOK_NS) return;
     downloadNs = nowNs;

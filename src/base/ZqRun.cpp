@@ -173,6 +173,11 @@ void ZqRun::run() {
 bool ZqRun::adopt() {
     ZqDiskStatus disk;
     if (!ZqVolume::findDisk(image, &disk)) return false;
+    if (disk.replaced) {
+        throw SxException("The image that is mounted as '" + image +
+                              "' was removed, or replaced by another one; unmount it first",
+                          UNIT, __LINE__);
+    }
     ZqStreamRecord record;
     record.read(image);
     const SxProcessGroup group = SxProcessGroup::fromText(record.application);
