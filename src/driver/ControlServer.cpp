@@ -25,6 +25,9 @@ constexpr size_t MAX_CONNECTIONS = 512;
     throw SxException(what + ": " + SxOs::errorText(errno), UNIT, __LINE__);
 }
 
+/// A client that connects and asks for nothing keeps the service so long.
+constexpr int FIRST_REQUEST_MS = 10'000;
+
 bool isSameUser(int fd) {
     ucred peer = {};
     socklen_t size = sizeof peer;
@@ -46,12 +49,18 @@ protected:
         ucred peer = {};
         socklen_t size = sizeof peer;
         ::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size);
+        // It counts as a request from its begin on, so that the service can't end between both.
+        pollfd first = {fd, POLLIN, 0};
+        bool counts = ::poll(&first, 1, FIRST_REQUEST_MS) > 0;
+        if (!counts) server->done();
         while (const auto request = ZqDriveWire::receive(fd)) {
-            if (!server->begin()) return;
+            if (!counts && !server->begin()) return;
+            counts = false;
             const bool sent = answer(*request, peer.pid);
             server->done();
             if (!sent) return;
         }
+        if (counts) server->done();
     }
 
 private:
@@ -157,10 +166,12 @@ void ControlServer::accept() {
     }
     if (connections.size() >= MAX_CONNECTIONS) connections.front()->hangUp();
     auto connection = std::make_unique<Connection>(this, fd);
+    begin();
     try {
         connection->start();
         connections.push_back(std::move(connection));
     } catch (const SxException& e) {
+        done();
         driverLog(e.toString(SxException::ShowMessage, ": "));
     }
 }
@@ -204,12 +215,15 @@ bool ControlServer::endIfIdle() {
     if (lock < 0) return false;
     bool ended = false;
     if (os.lockRange(lock, 0, 1, SxOs::Lock::Exclusive) == 0) {
-        pollfd pending = {listener, POLLIN, 0};
+        const std::string path = folder + ZqServiceFolder::SOCKET, away = path + ".ending";
         const SxMutexBlock block(&mutex);
-        // A mount that came meanwhile has moved the time of the last request.
-        if (isIdle() && ::poll(&pending, 1, 0) == 0) {
-            closing = ended = true;
-            ::unlink((folder + ZqServiceFolder::SOCKET).c_str());
+        // A mount that came meanwhile has moved the time of the last request. A client that found the socket
+        // just before it went is in the queue now.
+        if (isIdle() && ::rename(path.c_str(), away.c_str()) == 0) {
+            pollfd pending = {listener, POLLIN, 0};
+            ended = ::poll(&pending, 1, 0) == 0;
+            closing = ended;
+            ended ? ::unlink(away.c_str()) : ::rename(away.c_str(), path.c_str());
         }
     }
     os.close(lock);

@@ -40,7 +40,7 @@ private:
     std::list<std::unique_ptr<Connection>> connections;
 
     SxMutex mutex;
-    int nActive SX_GUARDED_BY(mutex) = 0;      ///< requests that are being carried out
+    int nActive SX_GUARDED_BY(mutex) = 0;      ///< requests that are carried out, or are about to come
     int64 lastNs SX_GUARDED_BY(mutex) = 0;     ///< time of the last request
     bool closing SX_GUARDED_BY(mutex) = false; ///< no request is begun any more
 };

@@ -26,9 +26,8 @@ namespace {
 constexpr const char* UNIT = "src/platform/devctl/ZqServiceClient";
 /// How long another client may take to start the service.
 constexpr int64 START_MS = 20'000;
-/// A service that ends between our connection and our request may do so more than once, the oftener the
-/// busier the machine.
-constexpr int MAX_TRIES = 20;
+/// A connection of before may have ended with its service, and a service that was found may just be ending.
+constexpr int MAX_TRIES = 4;
 
 std::atomic<int> cacheSize{-1}; // bytes; -1: never set
 
