@@ -3,6 +3,7 @@
 JOBS ?= $(shell nproc)
 SECONDS ?= 60
 BENCH_ARGS ?=
+PEERS ?= $(wildcard bench/peers/*.py)
 PEERS_ARGS ?=
 
 # ThreadSanitizer of clang 14 can't map its shadow memory where the kernel randomises addresses by more than
@@ -29,12 +30,12 @@ test: build ## build, then run all tests
 crash: build ## only the tests that kill a job at every durable step
 	@ctest --preset release -j 2 -L crash
 
-bench: ## build and run the benchmarks, as root also those against peers; BENCH_ARGS and PEERS_ARGS go to them
+bench: ## build and run the benchmarks, as root also those against PEERS; BENCH_ARGS and PEERS_ARGS go to them
 	@scripts/install-deps.sh peers
 	@cmake --preset bench
 	@cmake --build --preset bench -j $(JOBS)
 	@set -e; for program in $$(find build/bench/bench -maxdepth 1 -type f -executable | sort); do echo "== $${program##*/}"; $$program $(BENCH_ARGS); done
-	@if [ "$$(id -u)" != 0 ]; then echo "bench/peers is left out: it needs root"; else set -e; for script in bench/peers/*.py; do echo "== peers: $${script##*/}"; $$script $(PEERS_ARGS); done; fi
+	@if [ "$$(id -u)" != 0 ]; then echo "bench/peers is left out: it needs root"; else set -e; for script in $(PEERS); do echo "== peers: $${script##*/}"; $$script $(PEERS_ARGS); done; fi
 
 lint: ## layout, layering, clang-tidy
 	@scripts/install-deps.sh lint

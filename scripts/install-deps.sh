@@ -6,7 +6,7 @@
 # Without a group: what building and testing need. Groups add to that:
 #   clang     sanitizer builds          lint     format check and clang-tidy
 #   fuzz      libFuzzer builds          demo     the game that the demonstration uses
-#   package   Debian packages           peers     what the benchmarks compare with
+#   package   Debian packages           peers     what the benchmarks compare with, and their games
 # Says and touches nothing where all is there already.
 set -euo pipefail
 
@@ -24,7 +24,10 @@ for group in "$@"; do
     lint) packages+=(git clang-14 clang-tidy-14 clang-format-14) ;;
     demo) packages+=(freedoom chocolate-doom bc curl) ;;
     package) packages+=(dpkg-dev file) ;;
-    peers) packages+=(nbdkit libnbd-bin qemu-system-common) ;;
+    peers)
+        packages+=(nbdkit libnbd-bin qemu-system-common qemu-block-extra qemu-utils rclone curl)
+        packages+=(freedoom chocolate-doom supertux libgl1-mesa-dri)
+        ;;
     *)
         echo "install-deps.sh: no group \"$group\" (there are: clang, lint, fuzz, demo, package, peers)" >&2
         exit 2

@@ -21,7 +21,6 @@ import mmap
 import os
 import random
 import shutil
-import signal
 import statistics
 import subprocess
 import sys
@@ -32,6 +31,8 @@ from pathlib import Path
 sys.dont_write_bytecode = True
 sys.path.insert(0, str(Path(__file__).resolve().parent / "support"))
 import lab  # noqa: E402
+import peers  # noqa: E402
+from product import APP, Product  # noqa: E402
 
 BLOCK, RUN = 4096, 50
 MIB = 1 << 20
@@ -39,54 +40,6 @@ N_RANDOM = 20_000  # different blocks of one pass of random reads
 SPARE = 4  # more readers than must be held, since a run at an end of the marked file may be there
 MARK = b"held back"  # begins each block of the file that a partial image lacks
 FIRST, SECOND = "first.bin", "second.bin"
-APP = "TAVRIN-protected/app"
-
-
-class Product:
-    """The client with a machine root of its own, and the service behind it."""
-
-    def __init__(self, programs, folder):
-        self.client = programs / "bin/tavrin"
-        self.reader = programs / "bench/support/reader"
-        self.folder = folder
-        folder.mkdir()
-        self.env = dict(os.environ, WINEPREFIX=str(folder / "root"), XDG_STATE_HOME=str(folder / "state"))
-        self.pid = self.service_folder = None
-
-    def tavrin(self, *words):
-        return lab.run(self.client, *words, env=self.env)
-
-    def status(self, image):
-        return json.loads(self.tavrin("status", image, "--json"))
-
-    def mount(self, image):
-        """Gives the folder of the application on the drive."""
-        self.tavrin("mount", image, "--mode", "ro")
-        status = self.status(image)
-        self.pid = status["servicePid"]
-        path = Path(status["mountPath"])
-        self.service_folder = path.parents[2]
-        return path / APP
-
-    @contextlib.contextmanager
-    def mounted(self, image):
-        try:
-            yield self.mount(image)
-        finally:
-            self.tavrin("umount", image)
-
-    def peak_memory(self):
-        with open(f"/proc/{self.pid}/status", encoding="ascii") as status:
-            return next(int(line.split()[1]) * 1024 for line in status if line.startswith("VmHWM"))
-
-    def close(self):
-        if self.pid is None:
-            return
-        with contextlib.suppress(ProcessLookupError):
-            os.kill(self.pid, signal.SIGTERM)
-        lab.wait_until(lambda: not Path(f"/proc/{self.pid}").exists(), "the service ends")
-        # Whoever comes next has another machine root, and would never find this.
-        shutil.rmtree(self.service_folder)
 
 
 def write_source(folder, size):
@@ -196,27 +149,13 @@ class Bench:
 
     @contextlib.contextmanager
     def nbdkit(self, through_loop=True):
-        socket, file = self.folder / "nbd.socket", self.folder / "nbd"
-        file.touch()
-        with contextlib.ExitStack() as stack:
-            stack.callback(socket.unlink, missing_ok=True)
-            stack.enter_context(lab.program("nbdkit", "-f", "-r", "-U", socket, "file", self.raw))
-            lab.wait_until(socket.exists, "nbdkit listens")
-            stack.enter_context(lab.program("nbdfuse", "-r", file, "--unix", socket))
-            stack.callback(lab.unmount, file)
-            lab.wait_until(lambda: lab.mounted_at(file) and file.stat().st_size > 0, "nbdfuse has mounted")
+        with peers.nbdkit_file(self.folder, "file", self.raw) as file, contextlib.ExitStack() as stack:
             yield self.attach(stack, file, through_loop=through_loop)
 
     @contextlib.contextmanager
     def qemu(self, through_loop=True):
-        file = self.folder / "qemu"
-        file.touch()
         blockdev = f"driver=file,node-name=f,filename={self.raw},read-only=on"
-        export = f"type=fuse,id=e,node-name=f,mountpoint={file},writable=off"
-        with contextlib.ExitStack() as stack:
-            stack.callback(lab.unmount, file)  # a daemon that died has left it
-            stack.enter_context(lab.program("qemu-storage-daemon", "--blockdev", blockdev, "--export", export))
-            lab.wait_until(lambda: lab.mounted_at(file), "qemu-storage-daemon has mounted")
+        with peers.qemu_file(self.folder, "f", blockdev) as file, contextlib.ExitStack() as stack:
             yield self.attach(stack, file, direct=True, through_loop=through_loop)
 
     # -- the figures

@@ -3,9 +3,10 @@
 //
 //   reader sequential FILE                      MiB/s of 1 MiB reads from start to end
 //   reader random FILE COUNT SEED N_THREADS     reads/s of COUNT different blocks in random order
-//   reader wait FILE N                          N threads that each wait for another part of the file, then
-//   the
+//   reader wait FILE N                          N threads that each wait for another part of the file, then the
 //                                               number of those that got it
+//   reader delays FILE COUNT SEED OUT           milliseconds of COUNT reads of a block, one after the other, each in
+//                                               another MiB of the file's second half, a line each in the file OUT
 
 #include <algorithm>
 #include <atomic>
@@ -15,6 +16,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <fstream>
 #include <numeric>
 #include <random>
 #include <stdexcept>
@@ -41,6 +43,7 @@ public:
     File& operator=(const File&) = delete;
 
     size_t size() const { return nBytes; }
+    void readsAtRandom() const { posix_fadvise(fd, 0, 0, POSIX_FADV_RANDOM); }
     bool read(size_t offset, size_t bytes, char* data) const {
         return pread(fd, data, bytes, static_cast<off_t>(offset)) == static_cast<ssize_t>(bytes);
     }
@@ -106,6 +109,27 @@ size_t wait(const File& file, size_t n) {
     return nGot;
 }
 
+void delays(const File& file, size_t count, unsigned long seed, const char* out) {
+    std::ofstream stream(out, std::ios::binary); // it being there says that the reads begin
+    file.readsAtRandom();
+    const size_t half = file.size() / CHUNK / 2;
+    std::vector<size_t> order(half);
+    std::iota(order.begin(), order.end(), half);
+    std::mt19937_64 numbers(seed);
+    std::shuffle(order.begin(), order.end(), numbers);
+    if (count > order.size()) throw std::runtime_error("the file is too small");
+    order.resize(count);
+    std::vector<char> data(BLOCK);
+    for (const size_t chunk : order) {
+        const size_t offset = chunk * CHUNK + numbers() % (CHUNK / BLOCK) * BLOCK;
+        bool read = false;
+        const double seconds = secondsOf([&] { read = file.read(offset, BLOCK, data.data()); });
+        if (!read) throw std::runtime_error("cannot read at " + std::to_string(offset));
+        stream << seconds * 1000 << '\n';
+    }
+    if (!stream.flush()) throw std::runtime_error(std::string("cannot write ") + out);
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
@@ -116,6 +140,8 @@ int main(int argc, char** argv) {
         } else if (words.size() == 5 && words[0] == "random") {
             std::printf("%.1f\n", random(File(argv[2]), std::stoul(words[2]), std::stoul(words[3]),
                                          std::stoul(words[4])));
+        } else if (words.size() == 5 && words[0] == "delays") {
+            delays(File(argv[2]), std::stoul(words[2]), std::stoul(words[3]), argv[5]);
         } else if (words.size() == 3 && words[0] == "wait") {
             std::printf("%zu\n", wait(File(argv[2]), std::stoul(words[2])));
         } else {

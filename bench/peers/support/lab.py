@@ -11,6 +11,7 @@ import sys
 import time
 
 MS_RDONLY, MS_NOSUID, MS_NODEV, MNT_DETACH = 1, 2, 4, 2
+RUNNING = []  # what `program` has started
 LIBC = ctypes.CDLL(None, use_errno=True)
 
 
@@ -41,19 +42,36 @@ def wait_until(ready, what, seconds=20):
 
 
 @contextlib.contextmanager
-def program(*words, seconds=20):
-    """A program that runs during the `with`."""
-    process = subprocess.Popen([str(word) for word in words], stdin=subprocess.DEVNULL)
+def program(*words, seconds=20, end_by=signal.SIGTERM, log=None, out=None, env=None, cwd=None):
+    """A program that runs during the `with`. `log` is a file for what it prints, `out` another one for standard output. It is told to end by a signal, and
+    has that many seconds for it."""
+    process = subprocess.Popen(
+        [str(word) for word in words],
+        stdin=subprocess.DEVNULL,
+        stdout=log if out is None else out,
+        stderr=log,
+        env=env,
+        cwd=cwd,
+        start_new_session=True,  # Ctrl-C is for this script, which ends them in their order
+    )
+    RUNNING.append(process)
     try:
         yield process
     finally:
         if process.poll() is None:
-            process.terminate()
+            process.send_signal(end_by)
         try:
             process.wait(seconds)
         except subprocess.TimeoutExpired:
             process.kill()
             process.wait()
+        RUNNING.remove(process)
+
+
+def kill_programs():
+    """Ends all that `program` has started at once, so that no unmounting waits for what they would still read."""
+    for process in RUNNING:
+        process.kill()
 
 
 def mounted_at(path):
@@ -108,14 +126,15 @@ def read_into_cache(file):
             pass
 
 
-def interleave(rounds, sides, measure):
-    """The values of each side, all sides in turn in each round, which begins with another side each time."""
+def interleave(rounds, sides, measure, middle=statistics.median):
+    """The medians of each side, all sides in turn in each round, which begins with another side each time; `middle`
+    gives the median of a list of values that aren't numbers."""
     values = {side: [] for side in sides}
     for number in range(rounds):
         shift = number % len(sides)
         for side in sides[shift:] + sides[:shift]:
             values[side].append(measure(side))
-    return {side: statistics.median(found) for side, found in values.items()}
+    return {side: middle(found) for side, found in values.items()}
 
 
 class Table:
@@ -132,12 +151,12 @@ class Table:
         if goal is None:
             print(text, flush=True)
         else:
-            self._row(f"{text}  goal >= {goal:g}", ours / other >= goal)
+            self.goal(f"{text}  goal >= {goal:g}", ours / other >= goal)
 
     def limit(self, name, unit, ours, limit, digits=2):
-        self._row(f"{name:<24} ours {ours:>9,.{digits}f} {unit:<6} goal <= {limit:,.{digits}f}", ours <= limit)
+        self.goal(f"{name:<24} ours {ours:>9,.{digits}f} {unit:<6} goal <= {limit:,.{digits}f}", ours <= limit)
 
-    def _row(self, text, met):
+    def goal(self, text, met):
         self.total += 1
         self.missed += not met
         print(f"{text}  {'ok' if met else 'MISSED'}", flush=True)
