@@ -5,8 +5,8 @@
 //   reader random FILE COUNT SEED N_THREADS     reads/s of COUNT different blocks in random order
 //   reader wait FILE N                          N threads that each wait for another part of the file, then the
 //                                               number of those that got it
-//   reader delays FILE COUNT SEED OUT           milliseconds of COUNT reads of a block, one after the other, each in
-//                                               another MiB of the file's second half, a line each in the file OUT
+//   reader delays FILE COUNT SEED OUT           milliseconds of COUNT reads of a block, each in another MiB of the
+//                                               file's second half and after a pause, a line each in the file OUT
 
 #include <algorithm>
 #include <atomic>
@@ -122,6 +122,8 @@ void delays(const File& file, size_t count, unsigned long seed, const char* out)
     std::vector<char> data(BLOCK);
     for (const size_t chunk : order) {
         const size_t offset = chunk * CHUNK + numbers() % (CHUNK / BLOCK) * BLOCK;
+        // Up to 150 ms, in which a download that made way fills its link again.
+        std::this_thread::sleep_for(std::chrono::milliseconds(50 + numbers() % 100));
         bool read = false;
         const double seconds = secondsOf([&] { read = file.read(offset, BLOCK, data.data()); });
         if (!read) throw std::runtime_error("cannot read at " + std::to_string(offset));
