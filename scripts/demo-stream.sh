@@ -1,83 +1,117 @@
 #!/usr/bin/env bash
 # Shows what the client is for: a game over a link of 20 Mbit/s and 20 ms, downloaded first, and played while it
-# arrives. The game plays a recorded demo and ends by itself; no display is needed. Part of demo.sh.
+# arrives. The game plays a recorded demo and ends by itself; no display is needed. Part of demo.sh. Fails, and names
+# the step, as soon as something isn't as it should be.
 #
 #   demo-stream.sh TAVRIN WORK_FOLDER
-set -euo pipefail
+set -Eeuo pipefail
 cd "$(dirname "$0")/.."
 
 tavrin=$1 work=$2
 rate=2500000 latency=20
 app='{{ZQDRIVE}}/TAVRIN-protected/app/chocolate-doom'
 server=
+step='making the game'
 tidy_up() {
-    if [[ -n $server ]]; then kill "$server" && wait "$server" || true; fi
     for image in "$work"/got-*; do
         if [[ -d $image ]]; then "$tavrin" umount "$image" --hard --quiet || true; fi
     done
+    if [[ -n $server ]]; then kill "$server" && wait "$server" || true; fi
 } 2>/dev/null
+fail() {
+    trap - ERR
+    printf 'demo-stream.sh: failed at %s: %s\n' "$step" "$1" >&2
+    exit 1
+}
 trap tidy_up EXIT
+trap 'exit 130' INT
+trap 'exit 143' TERM
+trap 'fail "\"$BASH_COMMAND\" gave exit code $?"' ERR
 
 mkdir "$work/game"
 cp -L /usr/games/chocolate-doom /usr/share/games/doom/freedoom1.wad "$work/game"
 g++ -shared -fPIC -O1 -o "$work/first_frame.so" bench/support/first_frame.cpp -ldl
+
+step='publishing the game'
 image=$work/published
 "$tavrin" image build "$work/game" "$image" --cmd "$app" --quiet \
     --arg -iwad --arg freedoom1.wad --arg -timedemo --arg demo1 --arg -nosound
+size=$(stat -c %s "$image/img.zqf")
+
+step='serving it'
 "$tavrin" serve "$image" --rate "$rate" --latency "$latency" >"$work/serve.log" 2>&1 &
 server=$!
-until [[ -s $work/serve.log ]]; do sleep 0.05; done
+until [[ -s $work/serve.log ]]; do
+    if [[ ! -d /proc/$server ]]; then fail 'the server has ended'; fi
+    sleep 0.05
+done
 url=$(head -n 1 "$work/serve.log")
-size=$(stat -c %s "$image/img.zqf")
+if [[ $url != http://* ]]; then fail "$url"; fi
+
+# The number at a key of the report of the run $1; nothing where there is none.
+value() {
+    sed -n "s/.*\"$2\": *\([-0-9]*\).*/\1/p" "$work/$1.json" | head -n 1
+}
 
 # Plays the image at $1 into a report; further words are options of the run.
 play() {
     local name=$1
     shift
-    rm -f "$work/frame"
     HOME=$work SDL_VIDEODRIVER=dummy SDL_AUDIODRIVER=dummy LD_PRELOAD=$work/first_frame.so \
-        TAVRIN_FIRST_FRAME=$work/frame "$tavrin" run "$work/got-$name" --url "$url" \
+        TAVRIN_FIRST_FRAME=$work/frame-$name "$tavrin" run "$work/got-$name" --url "$url" \
         --report "$work/$name.json" "$@" >"$work/$name.log" 2>&1 || {
+        local code=$?
         cat "$work/$name.log" >&2
-        return 1
+        fail "the run gave exit code $code"
     }
-}
-
-value() {
-    sed -n "s/.*\"$2\": *\([-0-9]*\).*/\1/p" "$work/$1.json" | head -n 1
+    if [[ -z $(value "$name" firstFrameMs) ]]; then
+        cat "$work/$name.log" >&2
+        fail 'the game has shown no frame'
+    fi
+    if ! cmp "$image/img.zqf" "$work/got-$name/img.zqf"; then fail 'what has arrived is another image'; fi
 }
 
 row() {
-    local name=$1 what=$2 extra=$3
-    local frame=$(($(value "$name" firstFrameMs) + extra))
-    printf '%-32s %10.1f %10.1f %10d %9d %9.1f %9.1f\n' "$what" \
-        "$(bc -l <<<"$(value "$name" preloadSize) / 1000000")" "$(bc -l <<<"$frame / 1000")" \
-        "$(value "$name" nOnDemandFetches)" "$(value "$name" avgOnDemandTime)" \
-        "$(bc -l <<<"($(value "$name" bytesReceived) + $4) / 1000000")" \
-        "$(bc -l <<<"$(value "$name" bytesTwice) / 1000000")"
+    local name=$1 what=$2 downloaded_ms=$3 downloaded=$4
+    local frame=$(($(value "$name" firstFrameMs) + downloaded_ms)) there=$(value "$name" preloadSize)
+    local received=$(($(value "$name" bytesReceived) + downloaded))
+    local underflows=$(value "$name" nUnderflows) each=$(value "$name" avgUnderflowTime)
+    printf '%-44s %8s %8s %8d %8s %6d %8d %8s %8s\n' "$what" "$(decimal "$frame" 1000)" "$(decimal "$there" 1000000)" \
+        "$underflows" "$(decimal $((underflows * each)) 1000)" "$(value "$name" nOnDemandFetches)" \
+        "$(value "$name" avgOnDemandTime)" "$(decimal "$received" 1000000)" \
+        "$(decimal "$(value "$name" bytesTwice)" 1000000)"
 }
 
-printf '\nThe game: %s MB as an image, over a link of 20 Mbit/s and %s ms.\n' "$((size / 1000000))" "$latency"
+# $1 / $2 with one digit behind the point.
+decimal() {
+    printf '%.1f' "$(bc -l <<<"$1 / $2")"
+}
 
-# Downloaded as a whole, then started.
+printf '\nThe game: %s MB as an image, over a link of 20 Mbit/s and %s ms.\n' "$(decimal "$size" 1000000)" "$latency"
+
+step='the download ahead of the start'
 begin=$(date +%s%3N)
 mkdir "$work/got-download"
 for file in app.json img.json img.idx img.zqf; do
-    curl -sf -o "$work/got-download/$file" "$url$file"
+    curl -sSf -o "$work/got-download/$file" "$url$file"
 done
 download=$(($(date +%s%3N) - begin))
+step='the run of the game that was downloaded'
 play download --now
+step='the run that plays while the image arrives'
 play plain --now --keep-mounted
-cmp "$image/img.zqf" "$work/got-plain/img.zqf"
 "$tavrin" umount "$work/got-plain" --quiet
+step='packing the image'
 "$tavrin" image pack "$image" --quiet
+step='the run that plays while the packed image arrives'
 play packed --now --keep-mounted
-cmp "$image/img.zqf" "$work/got-packed/img.zqf"
 "$tavrin" umount "$work/got-packed" --quiet
 
-printf '\n%-32s %10s %10s %10s %9s %9s %9s\n' '' 'there at' 'first' 'requests' 'each' 'received' 'twice'
-printf '%-32s %10s %10s %10s %9s %9s %9s\n' '' 'start, MB' 'frame, s' 'on demand' 'ms' 'MB' 'MB'
-row download 'downloaded first, then started' "$download" "$size"
-row plain 'played while it arrives' 0 0
+step='the table'
+printf '\n%-44s %8s %8s %17s %15s %17s\n' '' 'first' 'there at' 'underflows' 'on demand' 'over the link, MB'
+printf '%-44s %8s %8s %8s %8s %6s %8s %8s %8s\n' \
+    'the game is' 'frame, s' 'start,MB' 'number' 'sum, s' 'number' 'each, ms' 'received' 'twice'
+row download 'downloaded as a whole, then started' "$download" "$size"
+row plain 'started at once, and played while it arrives' 0 0
 row packed 'the same, from a packed image' 0 0
-printf '\nBoth images that arrived during play are equal to the published one, byte for byte.\n'
+printf '\nAll three images are equal to the published one, byte for byte.\n'

@@ -1,10 +1,12 @@
 // Preloaded into a game, says when that shows its first frame: makes the file that the environment variable
-// TAVRIN_FIRST_FRAME names when the game first hands a picture to SDL, or swaps the buffers of OpenGL.
+// TAVRIN_FIRST_FRAME names when the game first hands a picture to SDL, or swaps the buffers of OpenGL. Of one that is
+// there already the times are set.
 
 #include <atomic>
 #include <cstdlib>
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -15,7 +17,9 @@ void frameShown() {
     const char* file = std::getenv("TAVRIN_FIRST_FRAME");
     if (!file) return;
     const int fd = open(file, O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
-    if (fd >= 0) close(fd);
+    if (fd < 0) return;
+    futimens(fd, nullptr);
+    close(fd);
 }
 
 template<class Function>
