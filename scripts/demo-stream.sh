@@ -16,7 +16,7 @@ tidy_up() {
     for image in "$work"/got-*; do
         if [[ -d $image ]]; then "$tavrin" umount "$image" --hard --quiet || true; fi
     done
-    if [[ -n $server ]]; then kill "$server" && wait "$server" || true; fi
+    if [[ -n $server ]]; then kill "$server" || true; wait "$server" || true; fi
 } 2>/dev/null
 fail() {
     trap - ERR
@@ -71,15 +71,19 @@ play() {
     if ! cmp "$image/img.zqf" "$work/got-$name/img.zqf"; then fail 'what has arrived is another image'; fi
 }
 
+# A line of the table: the run $1 as what it is, $2, behind a download of so many milliseconds and bytes.
 row() {
-    local name=$1 what=$2 downloaded_ms=$3 downloaded=$4
-    local frame=$(($(value "$name" firstFrameMs) + downloaded_ms)) there=$(value "$name" preloadSize)
-    local received=$(($(value "$name" bytesReceived) + downloaded))
-    local underflows=$(value "$name" nUnderflows) each=$(value "$name" avgUnderflowTime)
-    printf '%-44s %8s %8s %8d %8s %6d %8d %8s %8s\n' "$what" "$(decimal "$frame" 1000)" "$(decimal "$there" 1000000)" \
-        "$underflows" "$(decimal $((underflows * each)) 1000)" "$(value "$name" nOnDemandFetches)" \
-        "$(value "$name" avgOnDemandTime)" "$(decimal "$received" 1000000)" \
-        "$(decimal "$(value "$name" bytesTwice)" 1000000)"
+    local name=$1 what=$2 downloaded_ms=$3 downloaded=$4 key
+    local -A of=()
+    for key in firstFrameMs preloadSize nUnderflows avgUnderflowTime nOnDemandFetches avgOnDemandTime \
+        bytesReceived bytesTwice; do
+        of[$key]=$(value "$name" "$key")
+    done
+    printf '%-44s %8s %8s %8d %8s %6d %8d %8s %8s\n' "$what" \
+        "$(decimal $((of[firstFrameMs] + downloaded_ms)) 1000)" "$(decimal "${of[preloadSize]}" 1000000)" \
+        "${of[nUnderflows]}" "$(decimal $((of[nUnderflows] * of[avgUnderflowTime])) 1000)" \
+        "${of[nOnDemandFetches]}" "${of[avgOnDemandTime]}" \
+        "$(decimal $((of[bytesReceived] + downloaded)) 1000000)" "$(decimal "${of[bytesTwice]}" 1000000)"
 }
 
 # $1 / $2 with one digit behind the point.

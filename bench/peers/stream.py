@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """A game's first frame while its image is still on a web server: the client against what one would take instead.
 
-    bench/peers/stream.py [--rounds N] [--link MBIT]... [--games NAME]... [--only NAME] [--size MIB] [--build DIR]
+    bench/peers/stream.py [--rounds N] [--link MBIT...] [--games NAME...] [--only NAME] [--size MIB] [--build DIR]
                           [--dir DIR]
 
 Everybody gets the same folder of files over the same link: `tavrin serve`, whose rate all connections share and whose
@@ -14,14 +14,13 @@ count up to then. "ours" starts with `run --url --now`, on an image without an o
 What each way shows is compared with the game's folder first, over a link without limits.
 
 Further figures: how long a read waits for a block that is missing, and how fast an image arrives that is mounted.
-Values are medians of rounds that all ways make in turn. Needs root; what it starts, mounts and writes is gone at the end.
+Values are medians of rounds that all ways make in turn. Needs root; what it starts, mounts and writes is gone at the
+end.
 """
 
 import argparse
 import contextlib
 import hashlib
-import http.server
-import json
 import os
 import random
 import shutil
@@ -30,7 +29,6 @@ import statistics
 import subprocess
 import sys
 import tempfile
-import threading
 import time
 import urllib.request
 from pathlib import Path
@@ -39,10 +37,10 @@ sys.dont_write_bytecode = True
 sys.path.insert(0, str(Path(__file__).resolve().parent / "support"))
 import lab  # noqa: E402
 import peers  # noqa: E402
+from link import LATENCY_MS, Link, Server, listing  # noqa: E402
 from product import APP, Product  # noqa: E402
 
 MIB = 1 << 20
-LATENCY_MS = 20
 STRETCH = 204_800  # what one on-demand request fetches
 N_READS = 40  # of missing blocks
 FRAME_LIMIT_S = 600
@@ -85,17 +83,6 @@ GAMES = [
 ]
 
 
-class Link:
-    def __init__(self, mbit):
-        self.mbit, self.rate = mbit, mbit * 125_000  # bytes per second
-
-    def __str__(self):
-        return f"{self.mbit} Mbit/s, {LATENCY_MS} ms"
-
-    def transfer_ms(self, n_bytes):
-        return n_bytes / self.rate * 1000
-
-
 def medians(found):
     return tuple(map(statistics.median, zip(*found, strict=True)))
 
@@ -103,79 +90,6 @@ def medians(found):
 def digest(path):
     with open(path, "rb") as file:
         return hashlib.file_digest(file, "md5").hexdigest()
-
-
-class Server:
-    """`tavrin serve` during a `with`; `rate` in bytes per second, 0 for no limit."""
-
-    def __init__(self, client, folder, rate=0, latency_ms=0):
-        words = [client, "serve", folder, "--json", "--rate", rate, "--latency", latency_ms]
-        self.process = subprocess.Popen(
-            [str(word) for word in words], stdout=subprocess.PIPE, text=True, start_new_session=True
-        )
-        self.figures = None
-
-    def __enter__(self):
-        self.url = json.loads(self.process.stdout.readline())["url"]
-        return self
-
-    def end(self):
-        """Gives what was served, and serves no longer."""
-        if self.figures is None:
-            self.process.terminate()
-            self.figures = json.loads(self.process.communicate(timeout=20)[0])
-        return self.figures
-
-    def __exit__(self, *_):
-        try:
-            self.end()
-        finally:
-            if self.process.poll() is None:
-                self.process.kill()
-                self.process.wait()
-
-
-class Listing(http.server.BaseHTTPRequestHandler):
-    """A page that lists one file, and sends whoever wants that to the server; rclone needs such a page."""
-
-    protocol_version = "HTTP/1.1"
-
-    def do_GET(self):
-        name = self.path.lstrip("/")
-        page = b"" if name else f'<a href="{self.server.name}">{self.server.name}</a>'.encode()
-        self.send_response(302 if name else 200)
-        if name:
-            self.send_header("Location", self.server.url + name)
-        else:
-            self.send_header("Content-Type", "text/html")
-        self.send_header("Content-Length", str(len(page)))
-        self.end_headers()
-        if self.command == "GET":
-            self.wfile.write(page)
-
-    do_HEAD = do_GET
-
-    def log_message(self, *_):
-        pass
-
-
-class ListingServer(http.server.ThreadingHTTPServer):
-    def handle_error(self, *_):
-        pass  # whoever asked has been killed
-
-
-@contextlib.contextmanager
-def listing(url, name):
-    with ListingServer(("127.0.0.1", 0), Listing) as server:
-        server.daemon_threads = True
-        server.url, server.name = url, name
-        thread = threading.Thread(target=server.serve_forever, kwargs={"poll_interval": 0.01})
-        thread.start()
-        try:
-            yield f"http://127.0.0.1:{server.server_address[1]}/"
-        finally:
-            server.shutdown()
-            thread.join()
 
 
 # -- the ways: each is a `with` that gives the folder of the game, on the volume that `url` has as `name`
@@ -201,7 +115,7 @@ def rclone(folder, url, kind):
     shown.mkdir()
     words = ["--vfs-cache-mode", "full", "--vfs-read-chunk-size", "256k", "--vfs-read-chunk-size-limit", "2M"]
     words += ["--buffer-size", "256k", "--vfs-read-ahead", "0", "--dir-cache-time", "1h", "--read-only"]
-    words += ["--cache-dir", folder / "cache", "--config", "/dev/null", "--low-level-retries", "1", "--log-level", "ERROR"]
+    words += ["--cache-dir", folder / "cache", "--config", "/dev/null", "--low-level-retries", "1"]
     with contextlib.ExitStack() as stack:
         log = stack.enter_context(open(folder / "rclone.log", "wb"))
         base = stack.enter_context(listing(url, name))
@@ -323,7 +237,8 @@ class GameBench:
                 raise RuntimeError(f"{self.game.name}, {way.name}: the image that arrived is another one")
 
     def compare(self, way, top):
-        outcome = subprocess.run(["diff", "-rq", "--exclude=lost+found", self.source, top], capture_output=True, text=True)
+        words = ["diff", "-rq", "--exclude=lost+found", self.source, top]
+        outcome = subprocess.run(words, capture_output=True, text=True, check=False)
         if outcome.returncode != 0:
             raise RuntimeError(f"{self.game.name}, {way.name}: other content: {outcome.stdout}{outcome.stderr}")
 
@@ -575,11 +490,11 @@ def parse_arguments():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--rounds", type=int, default=5, metavar="N", help="starts of each way (5)")
     parser.add_argument("--link", type=int, nargs="+", default=[20, 100], metavar="MBIT", help="Mbit/s (20 100)")
-    parser.add_argument("--games", nargs="*", default=names, choices=names, metavar="NAME", help="doom, supertux, or none")
-    parser.add_argument("--only", default="", metavar="NAME", help="ways and figures whose name has this, such as 'nbdkit', "
-                        "'underflow' or 'download, no limit'; several with a bar between")
+    parser.add_argument("--games", nargs="*", default=names, choices=names, metavar="NAME", help="of doom, supertux")
+    only = "ways and figures whose name has this, such as 'nbdkit', 'underflow' or 'download, no limit'; several with |"
+    parser.add_argument("--only", default="", metavar="NAME", help=only)
     parser.add_argument("--size", type=int, default=1024, metavar="MIB", help="the file of the further figures (1024)")
-    parser.add_argument("--build", type=Path, default=root / "build/bench", metavar="DIR", help="build folder (build/bench)")
+    parser.add_argument("--build", type=Path, default=root / "build/bench", metavar="DIR", help="of the programs")
     parser.add_argument("--dir", type=Path, metavar="DIR", help="where the images go (the folder for temporary files)")
     options = parser.parse_args()
     if options.size < 128 or options.rounds < 1 or min(options.link) < 1:

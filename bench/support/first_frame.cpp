@@ -1,6 +1,6 @@
 // Preloaded into a game, says when that shows its first frame: makes the file that the environment variable
-// TAVRIN_FIRST_FRAME names when the game first hands a picture to SDL, or swaps the buffers of OpenGL. Of one that is
-// there already the times are set.
+// TAVRIN_FIRST_FRAME names when the game first hands a picture to SDL, or swaps the buffers of OpenGL. Of one
+// that is there already the times are set.
 
 #include <atomic>
 #include <cstdlib>

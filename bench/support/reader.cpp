@@ -1,12 +1,12 @@
 // Reads one file the way an application does, and says how fast that went; for benchmarks whose own language
 // would be slower than what they measure.
 //
-//   reader sequential FILE                      MiB/s of 1 MiB reads from start to end
-//   reader random FILE COUNT SEED N_THREADS     reads/s of COUNT different blocks in random order
-//   reader wait FILE N                          N threads that each wait for another part of the file, then the
-//                                               number of those that got it
-//   reader delays FILE COUNT SEED OUT           milliseconds of COUNT reads of a block, each in another MiB of the
-//                                               file's second half and after a pause, a line each in the file OUT
+//   reader sequential FILE                   MiB/s of 1 MiB reads from start to end
+//   reader random FILE COUNT SEED N_THREADS  reads/s of COUNT different blocks in random order
+//   reader wait FILE N                       N threads that each wait for another part of the file, then the
+//                                            number of those that got it
+//   reader delays FILE COUNT SEED OUT        milliseconds of COUNT reads of a block, each in another MiB of the
+//                                            file's second half and after a pause, a line each in the file OUT
 
 #include <algorithm>
 #include <atomic>

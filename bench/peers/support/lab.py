@@ -43,8 +43,8 @@ def wait_until(ready, what, seconds=20):
 
 @contextlib.contextmanager
 def program(*words, seconds=20, end_by=signal.SIGTERM, log=None, out=None, env=None, cwd=None):
-    """A program that runs during the `with`. `log` is a file for what it prints, `out` another one for standard output. It is told to end by a signal, and
-    has that many seconds for it."""
+    """A program that runs during the `with`. `log` is a file for what it prints, `out` another one for standard
+    output. It is told to end by a signal, and has that many seconds for it."""
     process = subprocess.Popen(
         [str(word) for word in words],
         stdin=subprocess.DEVNULL,
