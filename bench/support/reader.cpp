@@ -5,8 +5,8 @@
 //   reader random FILE COUNT SEED N_THREADS  reads/s of COUNT different blocks in random order
 //   reader wait FILE N                       N threads that each wait for another part of the file, then the
 //                                            number of those that got it
-//   reader delays FILE COUNT SEED OUT        milliseconds of COUNT reads of a block, each in another MiB of the
-//                                            file's second half and after a pause, a line each in the file OUT
+//   reader delays FILE COUNT SEED OUT        milliseconds of COUNT reads of a block, a line each in the file
+//                                            OUT; each in another MiB of FILE's second half, after a pause
 
 #include <algorithm>
 #include <atomic>
