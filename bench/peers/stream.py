@@ -20,6 +20,7 @@ end.
 
 import argparse
 import contextlib
+import functools
 import hashlib
 import os
 import random
@@ -43,7 +44,7 @@ from product import APP, Product  # noqa: E402
 MIB = 1 << 20
 STRETCH = 204_800  # what one on-demand request fetches
 N_READS = 40  # of missing blocks
-FRAME_LIMIT_S = 600
+CHECK_LIMIT_S = 120
 
 
 class Game:
@@ -81,6 +82,10 @@ GAMES = [
         ["/usr/games/supertux2", f"{TUX_DATA}/levels"],
     ),
 ]
+
+
+class Hung(RuntimeError):
+    """Something hasn't come within its limit."""
 
 
 def medians(found):
@@ -186,6 +191,7 @@ class GameBench:
         self.game.copy_to(self.source)
         volumes, plain, packed = (self.folder / name for name in ("volumes", "plain", "packed"))
         volumes.mkdir()
+        self.n_bytes = sum(file.stat().st_size for file in self.source.rglob("*") if file.is_file())
         with Product(self.options.build, self.folder / "publisher") as product:
             words = [f"--arg={word.replace('{}', '{{ZQDRIVE}}/' + APP)}" for word in self.game.words]
             product.tavrin("image", "build", self.source, plain, "--cmd", "game", *words, "--quiet")
@@ -238,9 +244,27 @@ class GameBench:
 
     def compare(self, way, top):
         words = ["diff", "-rq", "--exclude=lost+found", self.source, top]
-        outcome = subprocess.run(words, capture_output=True, text=True, check=False)
-        if outcome.returncode != 0:
-            raise RuntimeError(f"{self.game.name}, {way.name}: other content: {outcome.stdout}{outcome.stderr}")
+        with subprocess.Popen(words, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True) as process:
+            try:
+                output = process.communicate(timeout=CHECK_LIMIT_S)[0]
+            except BaseException as error:
+                lab.kill_programs()  # it may be in a read that nobody answers
+                process.kill()
+                if isinstance(error, subprocess.TimeoutExpired):
+                    raise Hung(f"{self.game.name}, {way.name}: reading takes over {CHECK_LIMIT_S} s") from error
+                raise
+        if process.returncode != 0:
+            raise RuntimeError(f"{self.game.name}, {way.name}: other content: {output}")
+
+    def patiently(self, way, job):
+        """A peer that hangs is told of, and tried again twice; the client isn't."""
+        for left in (2, 1, 0) if way.provide else (0,):
+            try:
+                return job()
+            except Hung as error:
+                if left == 0:
+                    raise
+                print(f"once more, it hung: {error}", flush=True)
 
     # -- the starts
 
@@ -280,12 +304,14 @@ class GameBench:
             with lab.program(*words, end_by=signal.SIGKILL, env=env, cwd=top, log=log) as process:
                 yield process
 
-    def wait_for_frame(self, folder, process, begin):
+    def wait_for_frame(self, folder, process, begin, limit_s=60.0):
         """Seconds from `begin` (of time.time()) to the first frame."""
         frame = folder / "frame"
-        limit = time.monotonic() + FRAME_LIMIT_S
+        limit = time.monotonic() + limit_s
         while not frame.exists():
-            if process.poll() is not None or time.monotonic() > limit:
+            if time.monotonic() > limit:
+                raise Hung(f"{self.game.name} has shown no frame within {limit_s:.0f} s")
+            if process.poll() is not None:
                 raise RuntimeError(f"{self.game.name} has shown no frame; its exit code: {process.poll()}")
             time.sleep(0.005)
         return frame.stat().st_mtime - begin
@@ -304,19 +330,20 @@ class GameBench:
         for file in self.served(way).iterdir():
             lab.read_into_cache(file)
         with self.working_folder() as folder, Server(self.client, self.served(way), link.rate, LATENCY_MS) as server:
-            return (self.start_from if way.provide else self.run_from)(way, folder, server)
+            limit_s = 60 + 2 * self.n_bytes / link.rate
+            return (self.start_from if way.provide else self.run_from)(way, folder, server, limit_s)
 
-    def start_from(self, way, folder, server):
+    def start_from(self, way, folder, server, limit_s):
         begin = time.time()
         with way.provide(folder, server.url, way.kind) as top:
             with self.played(top, folder) as process:
                 try:
-                    seconds = self.wait_for_frame(folder, process, begin)
+                    seconds = self.wait_for_frame(folder, process, begin, limit_s)
                     return seconds, server.end()["bytes"]
                 finally:
                     lab.kill_programs()  # the game may be in a read that nobody answers any more
 
-    def run_from(self, way, folder, server):
+    def run_from(self, way, folder, server, limit_s):
         with Product(self.options.build, folder / "product") as product:
             env = dict(product.env, **self.environment(folder))
             image = folder / "image"
@@ -324,14 +351,17 @@ class GameBench:
             with open(folder / "game.log", "wb") as log:
                 begin = time.time()
                 with lab.program(*words, env=env, log=log, end_by=signal.SIGINT) as process:
-                    seconds = self.wait_for_frame(folder, process, begin)
+                    seconds = self.wait_for_frame(folder, process, begin, limit_s)
                     figures = server.end()
                     product.find_drive(image)
             return seconds, figures["bytes"]
 
     def measure(self, link, table):
+        def measure(way):
+            return self.patiently(way, lambda: self.start(way, link))
+
         self.own_s.clear()
-        found = lab.interleave(self.options.rounds, self.ways, lambda way: self.start(way, link), medians)
+        found = lab.interleave(self.options.rounds, self.ways, measure, medians)
         own = statistics.median(self.own_s)
         print(
             f"\n{self.game.name}, {link}; own start-up {own:.2f} s ({min(self.own_s):.2f} to {max(self.own_s):.2f}), "
@@ -515,7 +545,7 @@ def measure_games(options, folder, table, ways, links):
         bench.prepare()
         bench.tell_sizes()
         for way in ways:
-            bench.check(way)
+            bench.patiently(way, functools.partial(bench.check, way))
         for link in links:
             bench.measure(link, table)
         shutil.rmtree(below)
