@@ -134,6 +134,7 @@ void ZqRun::mount() {
 void ZqRun::main() {
     beginNs = SxClock::get().steadyNs();
     beginMs = ZqSysEnv::getSysTime();
+    oldFrameMs = frameFileMs();
     try {
         run();
     } catch (const SxException&) {
@@ -309,7 +310,16 @@ void ZqRun::suspendProcess() {
 
 void ZqRun::lookForFrame() {
     if (settings.firstFrameFile.isEmpty() || result.firstFrameMs >= 0) return;
-    if (SxFSAction::exists(settings.firstFrameFile)) result.firstFrameMs = elapsedMs();
+    // A file that was there ahead of the run says nothing.
+    if (frameFileMs() != oldFrameMs) result.firstFrameMs = elapsedMs();
+}
+
+/// When the file of the first frame was written last; -1 where there is none.
+int64 ZqRun::frameFileMs() const {
+    SxStat info;
+    if (settings.firstFrameFile.isEmpty()) return -1;
+    const int error = SxOs::get().stat(SxOs::hostPath(settings.firstFrameFile), &info);
+    return error == 0 ? info.modifiedMs : -1;
 }
 
 void ZqRun::complete() {

@@ -20,7 +20,7 @@ public:
         bool isDriveOnly = false;  ///< no application: feed the drive until somebody unmounts it
         SxString mountMode;        ///< how to mount; empty for what `app.json` says
         SxString traceFolder;      ///< where the trace goes; empty for a new folder among the image's traces
-        SxString firstFrameFile;   ///< a file that appears with the application's first frame; may be empty
+        SxString firstFrameFile;   ///< a file written with the application's first frame; may be empty
     };
     enum Phase {
         Opening,    ///< the image's records are fetched
@@ -80,6 +80,7 @@ private:
     void writeInfo();
     void follow();
     void suspendProcess();
+    int64 frameFileMs() const;
     void lookForFrame();
     void complete();
     void end();
@@ -97,6 +98,7 @@ private:
     bool startNoted = false, mounted = false;
     int64 noteNs = 0; ///< when noting failed last; 0 for never
     int64 beginNs = 0, beginMs = 0;
+    int64 oldFrameMs = -1; ///< when the file of the first frame was written ahead of the run; -1 for never
     Result result;
 
     mutable SxMutex mutex;
