@@ -15,6 +15,8 @@ namespace {
 
 constexpr const char* UNIT = "src/base/ZqUnderflowMgr";
 constexpr const char* MAIN = "ZqCoreUnderflowMgr::main: ";
+/// The drive is looked at each millisecond so long behind a fetch.
+constexpr int64 BUSY_MS = 100;
 /// An instant underflow may last so long at least, in seconds.
 constexpr int64 INSTANT_S = 5;
 constexpr const char* INSTANT = "ZqCoreUnderflowMgr::checkInstantUnderflow: ";
@@ -346,7 +348,7 @@ void ZqCoreUnderflowMgr::turn(Watch* watch) {
     if (systemMs() - lastStatRow > ROW_MS) writeRow(watch);
     underflowFlag = underflow;
     if (!underflow) {
-        SxTime::msleep(pollMs);
+        pause();
         return;
     }
     SxWait::pass(UNDERFLOW_MS,
@@ -402,6 +404,11 @@ void ZqCoreUnderflowMgr::leaveUnderflow(Watch* watch) {
     watch->counted = false;
     instantMs = 0;
     if (wasMinimized && !isIconic(appWindow)) minimizedFlag = false;
+}
+
+void ZqCoreUnderflowMgr::pause() const {
+    // Who has got a block mostly asks for the next one at once.
+    SxTime::msleep(fetchedMs != 0 && steadyMs() - fetchedMs < BUSY_MS ? 1 : pollMs);
 }
 
 bool ZqCoreUnderflowMgr::hasDownloadPassed() const {

@@ -57,6 +57,9 @@ public:
     /// Whether windows are looked for, true at first. While there is no application, any window in the
     /// foreground is somebody else's.
     void setWindowSearch(bool on) { windowSearch = on; }
+    /// `call` is called in each look while a read is held that only the ordered download can serve. On the
+    /// manager's thread; to be set ahead of its start.
+    void setEdgeCall(std::function<void()> call) { edgeCall = std::move(call); }
     /// Where missing data come from if no callback was given: the address of `img.zqf`, and headers for each
     /// request. Raises "Cannot set ondemand download params" with the cause.
     void setDownloadParams(const SxString& url, const SxList<SxString>& headers);
@@ -139,6 +142,8 @@ private:
     /// Gives false where the pass can't go on.
     bool runPass();
     void noteQueue();
+    /// Sleeps until the next look at the drive.
+    void pause() const;
     SxList<uint64> collect(const Pass& pass);
     /// Whether a stretch that was fetched isn't to be fetched again yet.
     /// Whether the download has brought nothing for a while.
@@ -175,6 +180,8 @@ private:
 
     SxPtr<AsyncCallback> asyncCallback;
     uint64 queueLen = 0, passCount = 0;
+    std::function<void()> edgeCall;
+    int64 fetchedMs = 0; ///< when the last fetch ended
     uint64 edgeIdx = 0;  ///< last byte of what is held and left to the download
     uint64 stillIdx = 0; ///< where the download was at stillMs
     int64 stillMs = 0;

@@ -164,6 +164,7 @@ bool ZqCoreUnderflowMgr::runPass() {
     }
     noteQueue();
     const SxList<uint64> offsets = collect(pass);
+    if (edgeCall && edgeIdx >= pass.nCurrent) edgeCall();
     if (offsets.isEmpty()) {
         if (isMinimized() || standsStill(pass)) {
             resumeIdx = std::max<uint64>(resumeIdx, edgeIdx);
@@ -175,7 +176,8 @@ bool ZqCoreUnderflowMgr::runPass() {
     const bool fetched =
         source.downloader ? fetchByDownloader(pass, source, offsets) : fetchByCallback(pass, source, offsets);
     if (!fetched) return false;
-    noteFetches(offsets.getSize(), steadyMs() - pass.t0);
+    fetchedMs = steadyMs();
+    noteFetches(offsets.getSize(), fetchedMs - pass.t0);
     resumeIdx = 0;
     return true;
 }

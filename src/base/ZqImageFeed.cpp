@@ -162,6 +162,7 @@ void ZqImageFeed::start() {
     manager = SxPtr<ZqCoreUnderflowMgr>::create(settings.image, nullptr, progress, app);
     manager->setDownloadParams(image->getUrl(), SxList<SxString>());
     manager->setWindowSearch(false);
+    manager->setEdgeCall([link_ = link] { link_->hastenStreams(); });
     manager->start();
     keeper->start();
 }

@@ -22,6 +22,10 @@ void ZqNetLink::setRateLimit(double bytesPerSecond) {
     loop->setRateLimit(bytesPerSecond);
 }
 
+void ZqNetLink::hastenStreams() {
+    loop->hastenStreams();
+}
+
 SxString ZqNetLink::getStatus() const {
     SxMutexBlock lock(&waitingMutex);
     return waiting.empty() ? SxString() : waiting.back().text;

@@ -26,6 +26,7 @@ constexpr int64 CREDIT_NS = 100 * MS;
 /// The streams stay held for a round trip behind an answer, within these bounds: one who waits for blocks
 /// mostly asks for the next ones then, and these would find the link full.
 constexpr int64 MIN_QUIET_NS = 10 * MS, MAX_QUIET_NS = 60 * MS;
+constexpr int64 HASTENED_NS = 100 * MS;
 constexpr int LOOK_MS = 100;
 constexpr long MIN_BUFFER = 16'384, MAX_BUFFER = 131'072;
 /// Bytes of an ordered stream's receive buffer.
@@ -98,6 +99,7 @@ public:
 
     ZqNetPace pace;
     std::atomic<double> rateLimit{0.};
+    std::atomic<int64> hastenedUntilNs{0}; ///< somebody waits for the ordered streams until then
     std::atomic<uint64> nBytes{0}, nOnDemandBytes{0}, nRequests{0};
 
 private:
@@ -340,7 +342,8 @@ bool ZqNetLoop::Engine::mustHold(const Active& active) const {
     if (!active.transfer->hasRoom()) return true;
     if (active.kind() != ZqTransfer::Kind::Ordered) return false;
     const int64 now = nowNs();
-    return quietUntilNs > now || (rateLimit.load() > 0. && limitedUntilNs > now) || hasPriorityRequest();
+    const bool isQuiet = quietUntilNs > now && hastenedUntilNs.load() <= now;
+    return isQuiet || (rateLimit.load() > 0. && limitedUntilNs > now) || hasPriorityRequest();
 }
 
 void ZqNetLoop::Engine::releaseHeld() {
@@ -507,6 +510,11 @@ void ZqNetLoop::add(const SxPtr<ZqTransfer>& transfer) {
 
 void ZqNetLoop::drop(const SxPtr<ZqTransfer>& transfer) {
     engine->post(transfer, false);
+}
+
+void ZqNetLoop::hastenStreams() {
+    engine->hastenedUntilNs.store(nowNs() + HASTENED_NS);
+    engine->wake();
 }
 
 void ZqNetLoop::setRateLimit(double bytesPerSecond) {

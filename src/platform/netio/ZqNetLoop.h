@@ -15,6 +15,7 @@ public:
     /// The transfer is of no use any more.
     void drop(const SxPtr<ZqTransfer>& transfer);
     void setRateLimit(double bytesPerSecond);
+    void hastenStreams();
     ZqNetLink::Figures getFigures() const;
     /// Ends the thread; whatever was under way fails.
     void end();
