@@ -230,8 +230,8 @@ void ZqImageFeed::keepDownload() {
     if (download->isRunning()) return;
     download->wait();
     if (!download->hasException()) return;
-    const SxException e = download->getException();
-    if (!hasApplication || !e.hasTag(ZqNetLink::BROKEN)) throw e;
+    if (!hasApplication || !download->getException().hasTag(ZqNetLink::BROKEN))
+        throw download->getException();
     setWaiting("waiting for the server: it breaks off all its answers");
     const int64 nowNs = SxClock::get().steadyNs();
     if (nowNs - downloadNs < DOWNLOAD_LOOK_NS) return;

@@ -105,7 +105,7 @@ SxString ZqMountMgr::queryMntPoint(const SxString& image) const {
     } catch (const SxException& e) {
         throw SxException(e, "Cannot query device ID for image " + image, UNIT, __LINE__);
     }
-    const SxString drive = findDrive(id);
+    SxString drive = findDrive(id);
     if (!drive.isEmpty()) return drive;
     throw SxException("Cannot query mount point. Drive was not identified", UNIT, __LINE__);
 }

@@ -171,11 +171,12 @@ TEST_F(RemoteImage, doesNotFetchTwiceWhatWasOnDemand) {
         readOf(*image, 5 * STRETCH, STRETCH);
         EXPECT_TRUE(streamOf(*image) == zqf);
         const ZqRemoteImage::Figures figures = image->getFigures();
-        EXPECT_EQ(figures.nTakenKept, 5 * STRETCH + 12'345);
+        EXPECT_GE(figures.nTakenKept, 5 * STRETCH + 12'345);
         EXPECT_EQ(figures.nStreamed, zqf.size());
         EXPECT_EQ(figures.nTwice, 0u);
         const uint64 size = isPacked ? dir.read(name).size() : zqf.size();
-        EXPECT_LE(server.getNBytes(name) - nBefore, size + 1000);
+        // What follows them may still be on its way when the stream comes there.
+        EXPECT_LE(server.getNBytes(name) - nBefore, size + 3 * STRETCH);
     }
 }
 
@@ -246,6 +247,18 @@ TEST_F(RemoteImageBusy, doesNotLeaveItToAStreamThatStalls) {
     EXPECT_LT(nowMs() - start, 2000);
     isHeld = false;
     held.join();
+}
+
+TEST_F(RemoteImage, fetchesWhatFollowsForWhoGoesThrough) {
+    server.setRate(12'500'000);
+    server.setLatency(20);
+    const ImagePtr image = open();
+    for (uint64 idx = 5; idx < 30; ++idx)
+        ASSERT_TRUE(readOf(*image, idx * STRETCH, STRETCH) == zqf.substr(idx * STRETCH, STRETCH));
+    EXPECT_GT(image->getFigures().nAhead, 0u);
+    // Nothing twice.
+    EXPECT_LE(server.getNBytes("img.zqf"), 25 * STRETCH + 12'345);
+    EXPECT_LE(image->getFigures().nAhead + image->getFigures().nOnDemand, 25 * STRETCH + 12'345);
 }
 
 TEST_F(RemoteImage, fetchesAGroupTogether) {

@@ -110,7 +110,7 @@ SxPtr<ZqRangeReader> ZqNetDownload::takeAnnounced(uint64 offset, uint64 size) {
     SxMutexBlock lock(&mutex);
     const auto found = announced.find({offset, size});
     if (found == announced.end()) return nullptr;
-    const SxPtr<ZqRangeReader> reader = found->second;
+    SxPtr<ZqRangeReader> reader = found->second;
     announced.erase(found);
     return reader;
 }

@@ -44,11 +44,12 @@ public:
     /// What was moved and how fast, for reports and decisions.
     struct Figures {
         uint64 nBytes = 0;         ///< body bytes received, of all requests
-        uint64 nOnDemandBytes = 0; ///< those of ranges
+        uint64 nOnDemandBytes = 0; ///< those of ranges that somebody waited for
         uint64 nRequests = 0;
         uint64 nRetries = 0;
         int64 roundTripUs = 0; ///< from request to first byte, the smallest of late; 0 not known yet
         double rate = 0.; ///< of the ordered streams while they weren't held, bytes a second; 0 not known
+        double tripBytes = 0.; ///< what the link carries in a round trip at its best of late; 0 not known
     };
 
     explicit ZqNetLink(const ZqNetSettings& settings_ = {});
@@ -59,8 +60,8 @@ public:
     const ZqNetSettings& getSettings() const noexcept { return settings; }
     /// Bounds the ordered streams, all together, in bytes of the wire a second; 0 lifts the bound.
     void setRateLimit(double bytesPerSecond);
-    /// Somebody waits for what an ordered stream brings next: for 100 ms the streams are held only while a
-    /// request on demand is on the wire, and not behind it.
+    /// Somebody waits for what an ordered stream brings next: for 100 ms only requests on demand go ahead of
+    /// the streams.
     void hastenStreams();
     /// Ends every wait and request of the link within 20 ms, those to come at once, each with the tag
     /// "Stopped".

@@ -19,7 +19,7 @@ namespace {
 
 constexpr const char* UNIT = "src/platform/netio/ZqNetLoop";
 constexpr int64 MS = 1'000'000;
-/// An on-demand request that the server doesn't answer for so long holds the ordered streams no more.
+/// A request that the server doesn't answer for so long holds others no more.
 constexpr int64 PRIORITY_NS = 1'000 * MS;
 /// What the rate limit lets an ordered stream make good after a pause.
 constexpr int64 CREDIT_NS = 100 * MS;
@@ -54,6 +54,10 @@ const char* tagOf(CURLcode code) {
     default:
         return "";
     }
+}
+
+bool yields(ZqTransfer::Kind kind) {
+    return kind == ZqTransfer::Kind::Ordered || kind == ZqTransfer::Kind::Ahead;
 }
 
 struct CloseEasy {
@@ -116,10 +120,12 @@ private:
         SxException failure;
         int64 lastByteNs = 0; ///< for the stall limit: runs on while it is held
         int64 lastTakenNs = 0;
-        curl_socket_t fd = CURL_SOCKET_BAD; ///< of an ordered stream that has begun
+        curl_socket_t fd = CURL_SOCKET_BAD; ///< of one that yields and has begun
         ZqNetPace::Span span;
 
-        ZqTransfer::Kind kind() const { return transfer->getRequest().kind; }
+        ZqTransfer::Kind kind() const { return transfer->getKind(); }
+        /// Whether others go ahead of it, or did when it was made.
+        bool yields() const { return ::yields(transfer->getRequest().kind); }
     };
 
     void takePosted();
@@ -133,7 +139,7 @@ private:
     void failStalled();
     void releaseHeld();
     bool mustHold(const Active& active) const;
-    bool hasPriorityRequest() const;
+    bool isOnTheWire(ZqTransfer::Kind kind) const;
     int timeToWait() const;
 
     static curl_socket_t onOpenSocket(void* user, curlsocktype purpose, curl_sockaddr* address);
@@ -220,7 +226,7 @@ void ZqNetLoop::Engine::begin(const SxPtr<ZqTransfer>& transfer) {
 void ZqNetLoop::Engine::setOptions(Active* active) {
     CURL* easy = active->easy.get();
     const ZqTransfer::Request& request = active->transfer->getRequest();
-    const bool isOrdered = request.kind == ZqTransfer::Kind::Ordered;
+    const bool isHeldAtTimes = yields(request.kind);
     curl_easy_setopt(easy, CURLOPT_URL, request.url.ascii());
     curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
     curl_easy_setopt(easy, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
@@ -233,15 +239,15 @@ void ZqNetLoop::Engine::setOptions(Active* active) {
     curl_easy_setopt(easy, CURLOPT_TCP_KEEPALIVE, 1L);
     curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(settings.connectMs));
     curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, active->errorText.data());
-    // An ordered stream has a connection of its own: held back there, bytes stay with the server, where an
-    // HTTP/2 stream would go on into memory, within a window of 32 MiB.
+    // What yields has a connection of its own: held back there, bytes stay with the server, where an HTTP/2
+    // stream would go on into memory, within a window of 32 MiB.
     curl_easy_setopt(easy, CURLOPT_HTTP_VERSION,
-                     static_cast<long>(isOrdered ? CURL_HTTP_VERSION_1_1 : CURL_HTTP_VERSION_2TLS));
+                     static_cast<long>(isHeldAtTimes ? CURL_HTTP_VERSION_1_1 : CURL_HTTP_VERSION_2TLS));
     // To wait for a connection that may take several requests pays over HTTP/2 only, and else lasts until the
     // first request has ended.
-    const bool mayShare = !isOrdered && !speaksHttp1 && request.url.str().starts_with("https:");
+    const bool mayShare = !isHeldAtTimes && !speaksHttp1 && request.url.str().starts_with("https:");
     curl_easy_setopt(easy, CURLOPT_PIPEWAIT, mayShare ? 1L : 0L);
-    curl_easy_setopt(easy, CURLOPT_BUFFERSIZE, isOrdered ? streamBuffer() : MAX_BUFFER);
+    curl_easy_setopt(easy, CURLOPT_BUFFERSIZE, isHeldAtTimes ? streamBuffer() : MAX_BUFFER);
     if (!request.range.isEmpty()) curl_easy_setopt(easy, CURLOPT_RANGE, request.range.ascii());
     for (const SxString& header : request.headers) {
         curl_slist* longer = curl_slist_append(active->headers.get(), header.ascii());
@@ -329,21 +335,24 @@ void ZqNetLoop::Engine::failStalled() {
     }
 }
 
-bool ZqNetLoop::Engine::hasPriorityRequest() const {
+bool ZqNetLoop::Engine::isOnTheWire(ZqTransfer::Kind kind) const {
     const int64 now = nowNs();
     for (const auto& [easy, active] : actives) {
-        if (active->kind() == ZqTransfer::Kind::OnDemand && now - active->lastByteNs < PRIORITY_NS)
-            return true;
+        if (active->kind() == kind && now - active->lastByteNs < PRIORITY_NS) return true;
     }
     return false;
 }
 
 bool ZqNetLoop::Engine::mustHold(const Active& active) const {
     if (!active.transfer->hasRoom()) return true;
-    if (active.kind() != ZqTransfer::Kind::Ordered) return false;
+    if (!yields(active.kind())) return false;
     const int64 now = nowNs();
-    const bool isQuiet = quietUntilNs > now && hastenedUntilNs.load() <= now;
-    return isQuiet || (rateLimit.load() > 0. && limitedUntilNs > now) || hasPriorityRequest();
+    if (rateLimit.load() > 0. && limitedUntilNs > now) return true;
+    if (isOnTheWire(ZqTransfer::Kind::OnDemand)) return true;
+    const bool hastened = hastenedUntilNs.load() > now;
+    if (active.kind() == ZqTransfer::Kind::Ahead) return hastened;
+    if (hastened) return false;
+    return quietUntilNs > now || isOnTheWire(ZqTransfer::Kind::Ahead);
 }
 
 void ZqNetLoop::Engine::releaseHeld() {
@@ -402,7 +411,7 @@ void ZqNetLoop::Engine::check(Active* active) {
     char* url = nullptr;
     curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &status);
     curl_easy_getinfo(easy, CURLINFO_EFFECTIVE_URL, &url);
-    if (active->kind() != ZqTransfer::Kind::Ordered) {
+    if (!active->yields()) {
         curl_easy_getinfo(easy, CURLINFO_HTTP_VERSION, &version);
         speaksHttp1 = version < CURL_HTTP_VERSION_2_0;
     }
@@ -410,7 +419,7 @@ void ZqNetLoop::Engine::check(Active* active) {
     active->response.url = SxString(url);
     active->checked = true;
     noteRoundTrip(easy);
-    if (active->kind() == ZqTransfer::Kind::Ordered) {
+    if (active->yields()) {
         active->fd = socketOf(easy);
         boundBuffer(*active);
     }
@@ -434,12 +443,13 @@ size_t ZqNetLoop::Engine::take(Active* active, const char* bytes, size_t n) {
     const auto nTaken = static_cast<int64>(n);
     active->lastByteNs = active->lastTakenNs = now;
     addTo<uint64>(&nBytes, n);
-    if (active->kind() == ZqTransfer::Kind::OnDemand) {
-        addTo<uint64>(&nOnDemandBytes, n);
-        pace.measureRange(&active->span, now, nTaken);
-    }
+    if (active->kind() == ZqTransfer::Kind::OnDemand) addTo<uint64>(&nOnDemandBytes, n);
     if (active->kind() == ZqTransfer::Kind::Ordered) {
         pace.measure(&active->span, now, nTaken);
+    } else {
+        pace.measureRange(&active->span, now, nTaken);
+    }
+    if (yields(active->kind())) {
         boundBuffer(*active);
         const double limit = rateLimit.load();
         if (limit > 0.) {
@@ -529,6 +539,7 @@ ZqNetLink::Figures ZqNetLoop::getFigures() const {
     figures.nRequests = engine->nRequests.load();
     figures.roundTripUs = engine->pace.getRoundTripUs();
     figures.rate = engine->pace.getRate();
+    figures.tripBytes = engine->pace.getTripBytes();
     return figures;
 }
 

@@ -47,6 +47,7 @@ void ZqNetPace::noteBest(double measured, int64 nowNs) {
         rateSinceNs = nowNs;
     }
     bestRate = std::max(bestRate, measured);
+    noteTrip();
 }
 
 void ZqNetPace::noteRoundTrip(int64 us, int64 nowNs) {
@@ -57,8 +58,9 @@ void ZqNetPace::noteRoundTrip(int64 us, int64 nowNs) {
     }
     bestTripUs = std::min(bestTripUs, us);
     roundTripUs.store(bestTripUsBefore > 0 ? std::min(bestTripUs, bestTripUsBefore) : bestTripUs);
+    noteTrip();
 }
 
-double ZqNetPace::getTripBytes() const noexcept {
-    return std::max(bestRate, bestRateBefore) * static_cast<double>(roundTripUs.load()) / 1e6;
+void ZqNetPace::noteTrip() {
+    tripBytes.store(std::max(bestRate, bestRateBefore) * static_cast<double>(roundTripUs.load()) / 1e6);
 }

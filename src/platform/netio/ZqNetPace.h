@@ -27,12 +27,13 @@ public:
     /// Shortest round trip of late in microseconds; 0 not known yet.
     int64 getRoundTripUs() const noexcept { return roundTripUs.load(); }
     /// Bytes of such a round trip at the best rate of late; 0 not known yet.
-    double getTripBytes() const noexcept;
+    double getTripBytes() const noexcept { return tripBytes.load(); }
 
 private:
     void noteBest(double measured, int64 nowNs);
+    void noteTrip();
 
-    std::atomic<double> rate{0.};
+    std::atomic<double> rate{0.}, tripBytes{0.};
     std::atomic<int64> roundTripUs{0};
     /// The best of this span of time and of the one before.
     double bestRate = 0., bestRateBefore = 0.;

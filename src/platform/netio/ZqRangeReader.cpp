@@ -36,7 +36,7 @@ ZqRangeReader::~ZqRangeReader() {
 
 void ZqRangeReader::abandon() {
     if (transfer && !transfer->isFinished()) link->drop(transfer);
-    transfer = nullptr;
+    setTransfer(nullptr);
 }
 
 ZqTransfer::Request ZqRangeReader::makeRequest() const {
@@ -84,8 +84,19 @@ ZqTransfer::Request ZqRangeReader::makeRequest() const {
 void ZqRangeReader::begin() {
     if (transfer) return;
     answer = SxPtr<Answer>::create();
-    transfer = SxPtr<ZqTransfer>::create(makeRequest());
+    setTransfer(SxPtr<ZqTransfer>::create(makeRequest()));
     link->add(transfer);
+}
+
+void ZqRangeReader::setTransfer(const SxPtr<ZqTransfer>& next) {
+    const SxMutexBlock lock(&transferMutex);
+    transfer = next;
+}
+
+void ZqRangeReader::hasten() {
+    if (kind.exchange(ZqTransfer::Kind::OnDemand) == ZqTransfer::Kind::OnDemand) return;
+    const SxMutexBlock lock(&transferMutex);
+    if (transfer) transfer->hasten();
 }
 
 /// False at the end of all.
@@ -102,7 +113,7 @@ bool ZqRangeReader::takePiece(SxArray<char>* piece, const ZqStopTest& stop) {
     if (n > end - pos) throw SxException("The server sends more than it was asked for", UNIT, __LINE__);
     pos += n;
     if (got == ZqTransfer::Next::Taken) return true;
-    transfer = nullptr;
+    setTransfer(nullptr);
     if (pos < end) throw SxException(ZqNetLink::BROKEN, "the answer ended early", UNIT, __LINE__);
     return false;
 }

@@ -18,6 +18,8 @@ public:
 
     /// Makes the request, where none is under way, and returns.
     void begin();
+    /// Turns a request of the kind Ahead into one on demand. Safe beside the reader's own thread.
+    void hasten();
     /// The next bytes; false at the end. Raises what can't be mended.
     bool next(SxArray<char>* piece, const ZqStopTest& stop);
     /// All that is left, up to `size` bytes, into `buffer`; gives how many.
@@ -29,12 +31,14 @@ private:
     ZqTransfer::Request makeRequest() const;
     bool takePiece(SxArray<char>* piece, const ZqStopTest& stop);
     void abandon();
+    void setTransfer(const SxPtr<ZqTransfer>& next);
 
     const SxPtr<ZqNetLink> link;
     const SxPtr<ZqFileFacts> facts;
-    const ZqTransfer::Kind kind;
+    std::atomic<ZqTransfer::Kind> kind;
     uint64 pos = 0, end = 0;
-    uint64 nSuffix = 0; ///< until the first response to the request of the last bytes
+    uint64 nSuffix = 0;    ///< until the first response to the request of the last bytes
+    SxMutex transferMutex; ///< over changes of `transfer` by the reader's thread, for hasten()
     SxPtr<ZqTransfer> transfer;
     /// What the network thread learns of the transfer under way.
     struct Answer {

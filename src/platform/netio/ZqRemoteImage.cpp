@@ -2,10 +2,11 @@
 
 #include "SxClock.h"
 #include "ZqFrameDecoder.h"
+#include "ZqImageAheadLoader.h"
+#include "ZqImageFetch.h"
 #include "ZqImageTableLoader.h"
 #include "ZqLog.h"
 #include "ZqPackedForm.h"
-#include "ZqRangeReader.h"
 
 #include <chrono>
 #include <cstring>
@@ -23,12 +24,20 @@ SxString fileUrl(const SxString& folderUrl, const char* name) {
 
 } // namespace
 
-/// A stretch on its way.
-struct ZqRemoteImage::Fetch {
-    uint64 stretchIdx = 0;
-    bool isPacked = false;
-    uint64 size = 0; ///< bytes of the wire
-    std::unique_ptr<ZqRangeReader> reader;
+/// The end of a claim on a stretch that somebody waits for.
+class ZqRemoteImage::Demand {
+public:
+    Demand(ZqRemoteImage* image_, uint64 stretchIdx_) : image(image_), stretchIdx(stretchIdx_) {}
+    ~Demand() {
+        SxMutexBlock lock(&image->mutex);
+        image->demanded.extract(stretchIdx);
+    }
+    Demand(const Demand&) = delete;
+    Demand& operator=(const Demand&) = delete;
+
+private:
+    ZqRemoteImage* const image;
+    const uint64 stretchIdx;
 };
 
 ZqRemoteImage::ZqRemoteImage(const SxPtr<ZqNetLink>& link_, const SxString& folderUrl, uint64 sizeZqf_,
@@ -38,12 +47,15 @@ ZqRemoteImage::ZqRemoteImage(const SxPtr<ZqNetLink>& link_, const SxString& fold
       sizeZqf(sizeZqf_),
       maxKept(maxKept_),
       digest(digest_),
-      tableLoader(std::make_unique<TableLoader>(this)) {
+      tableLoader(std::make_unique<TableLoader>(this)),
+      aheadLoader(std::make_unique<AheadLoader>(this)) {
 }
 
 ZqRemoteImage::~ZqRemoteImage() {
     tableLoader->stop();
+    aheadLoader->stop();
     tableLoader->wait();
+    aheadLoader->wait();
 }
 
 void ZqRemoteImage::setHeaders(const SxArray<SxString>& headers) {
@@ -78,6 +90,7 @@ void ZqRemoteImage::openTable() {
         tableBegun = true;
     }
     tableLoader->start();
+    aheadLoader->start();
 }
 
 void ZqRemoteImage::setTable(const SxPtr<ZqSeekTable>& table_, Packed state_) {
@@ -155,7 +168,7 @@ void ZqRemoteImage::announce(const SxArray<uint64>& offsets, const SxArray<uint6
             const auto old = unwanted.find(idx);
             if (old != unwanted.end()) {
                 fetch = old->second;
-            } else if (!findStretch(idx) && !isReachedSoon(idx)) {
+            } else if (!findStretch(idx) && !ahead.contains(idx) && !isReachedSoon(idx)) {
                 missing.push_back(idx);
             }
         }
@@ -175,6 +188,8 @@ void ZqRemoteImage::read(uint64 offset, uint64 size, char* buffer, const ZqStopT
     while (offset < end) {
         const uint64 idx = offset / STRETCH, inside = offset % STRETCH;
         const Bytes bytes = getStretch(idx, stop);
+        const uint64 nAtOnce = countAtOnce();
+        if (nAtOnce > 1 && isGoneThrough(idx)) aheadLoader->follow(idx, nAtOnce);
         const uint64 n = std::min(end - offset, stretchSize(idx) - inside);
         std::memcpy(buffer, bytes->data() + inside, n);
         buffer += n;
@@ -192,6 +207,7 @@ ZqRemoteImage::Bytes ZqRemoteImage::findStretch(uint64 stretchIdx) const {
 }
 
 ZqRemoteImage::Bytes ZqRemoteImage::getStretch(uint64 stretchIdx, const ZqStopTest& stop) {
+    if (const Bytes bytes = awaitAhead(stretchIdx, stop)) return bytes;
     SxPtr<Fetch> fetch;
     bool isLeft = false;
     {
@@ -204,13 +220,15 @@ ZqRemoteImage::Bytes ZqRemoteImage::getStretch(uint64 stretchIdx, const ZqStopTe
         } else {
             isLeft = isReachedSoon(stretchIdx);
         }
+        demanded.insert(stretchIdx);
     }
+    const Demand demand(this, stretchIdx);
     if (isLeft) {
         if (const Bytes bytes = awaitStream(stretchIdx, stop)) return bytes;
     }
     if (!fetch) fetch = beginFetch(stretchIdx);
     const Bytes bytes = finishFetch(std::move(fetch), stop);
-    keep(stretchIdx, bytes);
+    keep(stretchIdx, bytes, &Figures::nOnDemand);
     return bytes;
 }
 
@@ -244,15 +262,15 @@ ZqRemoteImage::Bytes ZqRemoteImage::awaitStream(uint64 stretchIdx, const ZqStopT
     }
 }
 
-SxPtr<ZqRemoteImage::Fetch> ZqRemoteImage::beginFetch(uint64 stretchIdx) {
+SxPtr<ZqRemoteImage::Fetch> ZqRemoteImage::beginFetch(uint64 stretchIdx, ZqTransfer::Kind kind) {
     const SxPtr<ZqSeekTable> known = getTable();
     const auto fetch = SxPtr<Fetch>::create();
     fetch->stretchIdx = stretchIdx;
     fetch->isPacked = static_cast<bool>(known);
     fetch->size = known ? known->getFrame(stretchIdx).size : stretchSize(stretchIdx);
     const uint64 offset = known ? known->getFrame(stretchIdx).offset : stretchIdx * STRETCH;
-    fetch->reader = std::make_unique<ZqRangeReader>(known ? *packed : *plain, offset, offset + fetch->size,
-                                                    ZqTransfer::Kind::OnDemand);
+    fetch->reader =
+        std::make_unique<ZqRangeReader>(known ? *packed : *plain, offset, offset + fetch->size, kind);
     fetch->reader->begin();
     return fetch;
 }
@@ -286,9 +304,60 @@ ZqRemoteImage::Bytes ZqRemoteImage::finishFetch(SxPtr<Fetch> fetch, const ZqStop
     }
 }
 
-void ZqRemoteImage::keep(uint64 stretchIdx, const Bytes& bytes) {
+void ZqRemoteImage::keep(uint64 stretchIdx, const Bytes& bytes, uint64 Figures::*figure) {
     SxMutexBlock lock(&mutex);
-    figures.nOnDemand += stretchSize(stretchIdx);
+    figures.*figure += stretchSize(stretchIdx);
     if (stretchIdx * STRETCH < streamPos || (kept.size() + 1) * STRETCH > maxKept) return;
     kept[stretchIdx] = bytes;
+}
+
+// What follows
+
+bool ZqRemoteImage::isGoneThrough(uint64 stretchIdx) const {
+    SxMutexBlock lock(&mutex);
+    const auto isThere = [this](uint64 idx) { return (idx + 1) * STRETCH <= streamPos || findStretch(idx); };
+    return (stretchIdx >= 1 && isThere(stretchIdx - 1)) || (stretchIdx >= 2 && isThere(stretchIdx - 2));
+}
+
+uint64 ZqRemoteImage::countAtOnce() const {
+    const double trip = getLink()->getFigures().tripBytes;
+    SxMutexBlock lock(&mutex);
+    return 1 + static_cast<uint64>(std::min(trip / wireShare / static_cast<double>(STRETCH) + 0.5, 3.));
+}
+
+bool ZqRemoteImage::claimAhead(uint64 stretchIdx) {
+    SxMutexBlock lock(&mutex);
+    const bool isPassed = stretchIdx * STRETCH < streamPos;
+    const bool hasRoom = (kept.size() + 1) * STRETCH <= maxKept;
+    if (isPassed || !hasRoom || findStretch(stretchIdx) || announced.contains(stretchIdx) ||
+        demanded.contains(stretchIdx) || isReachedSoon(stretchIdx)) {
+        return false;
+    }
+    return ahead.try_emplace(stretchIdx).second;
+}
+
+void ZqRemoteImage::noteAhead(const SxPtr<Fetch>& fetch) {
+    SxMutexBlock lock(&mutex);
+    ahead[fetch->stretchIdx] = fetch;
+}
+
+void ZqRemoteImage::forgetAhead(uint64 stretchIdx) {
+    {
+        SxMutexBlock lock(&mutex);
+        ahead.erase(stretchIdx);
+    }
+    changed.notify_all();
+}
+
+ZqRemoteImage::Bytes ZqRemoteImage::awaitAhead(uint64 stretchIdx, const ZqStopTest& stop) {
+    for (;;) {
+        getLink()->checkStop(stop);
+        SxMutexBlock lock(&mutex);
+        if (const Bytes bytes = findStretch(stretchIdx)) return bytes;
+        const auto found = ahead.find(stretchIdx);
+        if (found == ahead.end()) return nullptr;
+        // From now on somebody waits for it.
+        if (found->second) found->second->reader->hasten();
+        changed.wait_for(mutex, LOOK);
+    }
 }

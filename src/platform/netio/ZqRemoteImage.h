@@ -3,17 +3,20 @@
 #include "SxSystemThread.h"
 #include "ZqRemoteFile.h"
 #include "ZqSeekTable.h"
+#include "ZqTransfer.h"
 
 #include <condition_variable>
 #include <list>
 #include <map>
+#include <set>
 
 /// `img.zqf` of one image folder on a server, as decoded bytes. Where the server has `img.zqf.zst` (seekable
 /// Zstandard format, one frame for each stretch), that is taken for the ordered stream and for ranges alike,
 /// each frame checked; until its table is there, ranges come from `img.zqf`. Ranges and the one ordered
 /// stream share a link: ranges go first; a stretch that the stream is about to reach is left to it; one that
-/// was fetched as a range is kept until the stream has passed it and not fetched again. All operations are
-/// safe from any thread, stream() from one at a time.
+/// was fetched as a range is kept until the stream has passed it and not fetched again; what follows it is
+/// fetched beside, while the link has nothing of more haste. All operations are safe from any thread,
+/// stream() from one at a time.
 class ZqRemoteImage {
 public:
     /// Bytes of one stretch: a frame of the packed form, and a request on demand.
@@ -26,6 +29,7 @@ public:
     struct Figures {
         uint64 nStreamed = 0;  ///< decoded, handed to the stream's consumer
         uint64 nOnDemand = 0;  ///< decoded, fetched as ranges
+        uint64 nAhead = 0;     ///< decoded, fetched since they follow such
         uint64 nLeft = 0;      ///< decoded, given to ranges by the stream
         uint64 nTakenKept = 0; ///< decoded, given to the stream out of what was kept
         uint64 nTwice = 0;     ///< of the wire, received by the stream though kept
@@ -66,6 +70,8 @@ public:
 private:
     using Bytes = SxPtr<SxArray<char>>;
     struct Fetch;
+    class AheadLoader;
+    class Demand;
     class TableLoader;
     class StreamRun;
     enum class Packed { Unknown, Offered, Absent };
@@ -91,9 +97,19 @@ private:
     Bytes findStretch(uint64 stretchIdx) const SX_REQUIRES(mutex);
     bool isReachedSoon(uint64 stretchIdx) const SX_REQUIRES(mutex);
     Bytes awaitStream(uint64 stretchIdx, const ZqStopTest& stop);
-    SxPtr<Fetch> beginFetch(uint64 stretchIdx);
+    SxPtr<Fetch> beginFetch(uint64 stretchIdx, ZqTransfer::Kind kind = ZqTransfer::Kind::OnDemand);
     Bytes finishFetch(SxPtr<Fetch> fetch, const ZqStopTest& stop);
-    void keep(uint64 stretchIdx, const Bytes& bytes);
+    void keep(uint64 stretchIdx, const Bytes& bytes, uint64 Figures::*figure);
+    /// Whether somebody goes through the image and has come to a stretch.
+    bool isGoneThrough(uint64 stretchIdx) const;
+    /// Requests under way that leave the link no round trip idle.
+    uint64 countAtOnce() const;
+    /// Takes a stretch for the loader, unless it is there, on its way or of no use. Whether it did.
+    bool claimAhead(uint64 stretchIdx);
+    void noteAhead(const SxPtr<Fetch>& fetch);
+    void forgetAhead(uint64 stretchIdx);
+    /// The stretch, if the loader is about to have it; null otherwise.
+    Bytes awaitAhead(uint64 stretchIdx, const ZqStopTest& stop);
     /// Time without progress after which the stream counts as stalled.
     int64 patienceNs() const;
     /// Wire bytes that pass in `nTrips` round trips.
@@ -103,6 +119,7 @@ private:
     const uint64 sizeZqf, maxKept;
     const SxString digest;
     std::unique_ptr<TableLoader> tableLoader;
+    std::unique_ptr<AheadLoader> aheadLoader;
 
     mutable SxMutex mutex;
     std::condition_variable_any changed;
@@ -114,6 +131,8 @@ private:
     std::map<uint64, Bytes> kept SX_GUARDED_BY(mutex);               ///< by stretch
     std::list<std::pair<uint64, Bytes>> recent SX_GUARDED_BY(mutex); ///< what the stream brought last
     std::map<uint64, SxPtr<Fetch>> announced SX_GUARDED_BY(mutex);   ///< by stretch
+    std::multiset<uint64> demanded SX_GUARDED_BY(mutex);             ///< stretches that ranges fetch
+    std::map<uint64, SxPtr<Fetch>> ahead SX_GUARDED_BY(mutex);       ///< the loader's; null until begun
     bool streaming SX_GUARDED_BY(mutex) = false;
     uint64 streamPos SX_GUARDED_BY(mutex) = 0; ///< decoded bytes received in order
     int64 streamMovedNs SX_GUARDED_BY(mutex) = 0;

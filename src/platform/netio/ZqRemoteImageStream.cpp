@@ -51,7 +51,7 @@ private:
     int64 frameAt(const SxArray<char>& pending, const SxPtr<ZqSeekTable>& known) const;
     bool takeFrame(const Bytes& bytes, uint64 nWire);
     void noteDamage(const SxException& e);
-    Bytes findKept() const;
+    Bytes takeKept() const;
     uint64 lengthOfKept(uint64 idx) const SX_REQUIRES(image->mutex);
     uint64 endOfRequest() const;
     bool isWorthSkipping() const;
@@ -98,7 +98,7 @@ ZqRemoteImage::StreamRun::~StreamRun() {
 bool ZqRemoteImage::StreamRun::run() {
     while (pos < image->sizeZqf) {
         image->getLink()->checkStop(stop);
-        const Bytes bytes = findKept();
+        const Bytes bytes = takeKept();
         if (bytes) {
             const uint64 inside = pos % STRETCH, n = image->stretchSize(stretchIdx()) - inside;
             publish(stretchIdx(), bytes, 0);
@@ -276,10 +276,14 @@ void ZqRemoteImage::StreamRun::noteDamage(const SxException& e) {
     zqLogMsg("NET", named.toString(SxException::ShowMessage, ": "));
 }
 
-ZqRemoteImage::Bytes ZqRemoteImage::StreamRun::findKept() const {
-    SxMutexBlock lock(&image->mutex);
-    const auto found = image->kept.find(stretchIdx());
-    return found == image->kept.end() ? Bytes() : found->second;
+/// The stretch at the stream's position, if it is kept or is about to be.
+ZqRemoteImage::Bytes ZqRemoteImage::StreamRun::takeKept() const {
+    {
+        SxMutexBlock lock(&image->mutex);
+        const auto found = image->kept.find(stretchIdx());
+        if (found != image->kept.end()) return found->second;
+    }
+    return image->awaitAhead(stretchIdx(), stop);
 }
 
 uint64 ZqRemoteImage::StreamRun::lengthOfKept(uint64 idx) const {

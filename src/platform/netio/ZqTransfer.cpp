@@ -70,20 +70,28 @@ void ZqTransfer::Response::takeHeader(std::string_view line) {
     }
 }
 
+void ZqTransfer::setWake(std::function<void()> wake_) {
+    SxMutexBlock lock(&mutex);
+    wake = std::move(wake_);
+}
+
+void ZqTransfer::hasten() {
+    kind = Kind::OnDemand;
+    SxMutexBlock lock(&mutex);
+    if (wake) wake();
+}
+
 ZqTransfer::Next ZqTransfer::next(SxArray<char>* piece) {
-    bool madeRoom = false;
-    {
-        SxMutexBlock lock(&mutex);
-        if (pieces.empty() && !ended) changed.wait_for(mutex, LOOK);
-        if (pieces.empty()) {
-            if (failed) throw failure;
-            return ended ? Next::Ended : Next::Waiting;
-        }
-        *piece = std::move(pieces.front());
-        pieces.pop_front();
-        madeRoom = nBuffered >= request.maxBuffered;
-        nBuffered -= piece->getSize();
+    SxMutexBlock lock(&mutex);
+    if (pieces.empty() && !ended) changed.wait_for(mutex, LOOK);
+    if (pieces.empty()) {
+        if (failed) throw failure;
+        return ended ? Next::Ended : Next::Waiting;
     }
+    *piece = std::move(pieces.front());
+    pieces.pop_front();
+    const bool madeRoom = nBuffered >= request.maxBuffered;
+    nBuffered -= piece->getSize();
     if (madeRoom && wake) wake();
     return Next::Taken;
 }

@@ -4,6 +4,7 @@
 #include "SxException.h"
 #include "SxMutex.h"
 
+#include <atomic>
 #include <condition_variable>
 #include <deque>
 #include <functional>
@@ -15,8 +16,9 @@ class ZqTransfer {
 public:
     enum class Kind {
         Small,    ///< beside everything else
-        OnDemand, ///< ahead of the ordered streams
-        Ordered   ///< held while an on-demand request is on the wire; under the rate limit
+        OnDemand, ///< ahead of all others
+        Ahead,    ///< held while an on-demand request is on the wire; under the rate limit
+        Ordered ///< held while one of both is on the wire, and for a while behind that; under the rate limit
     };
 
     /// What a response says ahead of its body; -1 where it doesn't say.
@@ -43,9 +45,12 @@ public:
         Check check;
     };
 
-    explicit ZqTransfer(Request request_) : request(std::move(request_)) {}
+    explicit ZqTransfer(Request request_) : request(std::move(request_)), kind(request.kind) {}
 
     const Request& getRequest() const noexcept { return request; }
+    Kind getKind() const noexcept { return kind; }
+    /// Makes it one on demand, from any thread.
+    void hasten();
 
     // For the consumer.
     /// The next bytes; waits up to 20 ms for them. `Waiting` where none have come in that time. Raises the
@@ -56,7 +61,7 @@ public:
 
     // For the network thread.
     /// Called when a consumer has made room again.
-    void setWake(std::function<void()> wake_) { wake = std::move(wake_); }
+    void setWake(std::function<void()> wake_);
     bool hasRoom() const;
     void append(const char* bytes, size_t n);
     void finish();
@@ -64,9 +69,10 @@ public:
 
 private:
     const Request request;
-    std::function<void()> wake;
+    std::atomic<Kind> kind;
 
     mutable SxMutex mutex;
+    std::function<void()> wake SX_GUARDED_BY(mutex);
     std::condition_variable_any changed;
     std::deque<SxArray<char>> pieces SX_GUARDED_BY(mutex);
     int64 nBuffered SX_GUARDED_BY(mutex) = 0;
