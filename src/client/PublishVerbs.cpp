@@ -4,6 +4,7 @@
 
 #include <tavrin/ZqImage.h>
 #include <tavrin/ZqImageBuild.h>
+#include <tavrin/ZqImageOrder.h>
 #include <tavrin/ZqImagePack.h>
 #include <tavrin/ZqImageRaw.h>
 
@@ -20,6 +21,10 @@ struct PackOptions {
     uint64 level = ZqImagePack::DEFAULT_LEVEL;
 };
 
+struct OrderOptions {
+    SxString image, trace, index;
+};
+
 struct RawOptions {
     SxString image, dir;
 };
@@ -34,6 +39,7 @@ SxParserKit::SxSymbol describe(const ZqImageBuild& job, double seconds) {
     SxParserKit::SxSymbol blocks = result.append("blocks", SxParserAst::Object);
     blocks.append("raw", job.getNRaw());
     blocks.append("included", job.getNIncluded());
+    blocks.append("named", job.getNNamed());
     result.append("sizeMnt", job.getSizeMnt());
     result.append("seconds", seconds);
     return result;
@@ -53,9 +59,46 @@ int build(const BuildOptions& options, Output& out) {
              " files: " + job.getNIncluded() + " of " + job.getNRaw() + " blocks included, " +
              exactBytes(bytes) + SxString::sprintf(", in %.1f s.", seconds));
     out.text("A mount needs the first " + exactBytes(job.getSizeMnt()) + ".");
+    if (!options.build.trace.isEmpty()) {
+        out.text("The trace gives the place of " + SxString(job.getNNamed()) + " blocks behind these.");
+    }
     if (job.getNSkipped() > 0) {
         out.text("Passed over " + SxString(job.getNSkipped()) +
                  " sockets, pipes or devices; the log names them.");
+    }
+    return ExitSuccess;
+}
+
+int order(const OrderOptions& options, Output& out) {
+    ZqImageOrder job(options.image, options.trace, options.index);
+    const double seconds = runJob(&job, "order", out);
+    if (!job.isComplete()) throw SxException("stopped", UNIT, __LINE__);
+
+    const ZqAppParams& app = job.getApp();
+    if (out.getMode().json) {
+        SxParserKit::SxSymbol result;
+        result.setType(SxParserAst::Object);
+        SxParserKit::SxSymbol blocks = result.append("blocks", SxParserAst::Object);
+        blocks.append("raw", job.getNRaw());
+        blocks.append("included", job.getNIncluded());
+        blocks.append("front", job.getNFront());
+        blocks.append("named", job.getNNamed());
+        blocks.append("near", job.getNNear());
+        result.append("sizeZqf", app.sizeZqf);
+        result.append("sizeMnt", app.sizeMnt);
+        result.append("digest", job.hasDigest());
+        result.append("points", app.loadprofile.getSize());
+        result.append("seconds", seconds);
+        out.object(result);
+    }
+    out.text(SxString("Put ") + job.getNIncluded() + " blocks in order: " + job.getNFront() +
+             " for a mount, " + job.getNNamed() + " by the trace, " + job.getNNear() + " near these" +
+             SxString::sprintf(", in %.1f s.", seconds));
+    out.text(SxString("The load profile has ") + app.loadprofile.getSize() + " points, from " +
+             exactBytes(app.loadprofile.first().size) + " at the start to " +
+             exactBytes(app.loadprofile.last().size) + " after " + app.loadprofile.last().time + " s.");
+    if (!job.hasDigest()) {
+        out.text("The image isn't complete, so app.json has no digest of the new img.zqf.");
     }
     return ExitSuccess;
 }
@@ -111,7 +154,17 @@ void registerPublishVerbs(Family* image) {
         .text("--window", &what.window, "T", "Title of the application's window")
         .text("--app", &what.appTemplate, "FILE", "An app.json that gives all other fields")
         .text("--raw", &what.rawDir, "DIR", "Keep the drive as img.raw in this folder")
+        .text("--order", &what.trace, "TRACE", "Order the image by this trace of an image of the same files")
         .action([building](Output& out) { return build(*building, out); });
+
+    auto ordering = SxPtr<OrderOptions>::create();
+    image
+        ->verb("order", "Work out a new order from a trace, as an index folder",
+               "tavrin image order games/alpha traces/merged orders/alpha")
+        .argument("IMAGE", &ordering->image, "Image folder")
+        .argument("TRACE", &ordering->trace, "Trace folder, as a rule a merged one")
+        .argument("INDEX", &ordering->index, "Folder to make")
+        .action([ordering](Output& out) { return order(*ordering, out); });
 
     auto packing = SxPtr<PackOptions>::create();
     image

@@ -3,6 +3,7 @@
 #include "SxException.h"
 #include "SxFSAction.h"
 #include "SxMd5.h"
+#include "ZqBlockOrder.h"
 #include "ZqBlockWriter.h"
 #include "ZqDriveLayout.h"
 #include "ZqImage.h"
@@ -90,10 +91,26 @@ public:
         nAhead = nZqf;
         cutRest();
         zqfDigest = writer.finish();
-        ZqMapWriter idx(folder);
-        for (const uint64 entry : map)
-            idx.append(entry);
-        idx.finish();
+        writeMap(map);
+    }
+
+    /// The same in the order that the trace gives to the image `name`.
+    ZqBlockOrder runByTrace(const SxString& trace, const SxString& name) {
+        ZqBlockOrder::Image image{name, {}, std::vector<bool>(kinds.size()), {}};
+        survey(&image.included);
+        image.buildId = rawDigest;
+        for (const ZqBlockKind kind : {ZqBlockKind::Metadata, ZqBlockKind::Early}) {
+            for (size_t rawIdx = 0; rawIdx < kinds.size(); ++rawIdx) {
+                if (kinds[rawIdx] == kind && image.included[rawIdx]) image.front.append(rawIdx);
+            }
+        }
+        ZqBlockOrder order(image, trace);
+        cutInOrder(order.getOrder());
+        nAhead = order.getNFront();
+        nZqf = static_cast<uint64>(order.getOrder().getSize());
+        zqfDigest = writer.finish();
+        writeMap(order.getMap());
+        return order;
     }
 
     uint64 nAhead = 0, nZqf = 0; ///< blocks
@@ -113,6 +130,41 @@ private:
     }
 
     void cutRest() {
+        readAll([this](int64 rawIdx, const char* bytes, int64 count) {
+            include(ZqBlockKind::File, rawIdx, bytes, count);
+        });
+    }
+
+    void survey(std::vector<bool>* included) {
+        readAll([&](int64 rawIdx, const char* bytes, int64 count) {
+            for (int64 i = 0; i < count; ++i)
+                (*included)[static_cast<size_t>(rawIdx + i)] = !isZero(bytes + i * BLOCK);
+        });
+    }
+
+    void cutInOrder(const SxArray<uint64>& order) {
+        SxArray<char> buffer(MAX_RUN * BLOCK);
+        for (int64 zqfIdx = 0, count = 1; zqfIdx < order.getSize(); zqfIdx += count) {
+            const uint64 rawIdx = order(zqfIdx);
+            const int64 most = std::min(MAX_RUN, order.getSize() - zqfIdx);
+            for (count = 1; count < most && order(zqfIdx + count) == rawIdx + static_cast<uint64>(count);)
+                ++count;
+            readAt(static_cast<int64>(rawIdx), buffer.data(), count);
+            writer.append(buffer.data(), count * BLOCK);
+            job->addNCurrent(static_cast<uint64>(count * BLOCK));
+        }
+    }
+
+    void writeMap(const SxArray<uint64>& entries) const {
+        ZqMapWriter idx(folder);
+        for (const uint64 entry : entries)
+            idx.append(entry);
+        idx.finish();
+    }
+
+    /// Takes the digest of the drive, and shows all of its blocks to `look` on the way.
+    template<class Look>
+    void readAll(Look&& look) {
         ZqDigestPipe pipe("raw md5");
         const auto n = static_cast<int64>(kinds.size());
         raw.adviseSequential();
@@ -120,7 +172,7 @@ private:
             ZqDigestPipe::Chunk* chunk = pipe.next();
             const int64 count = std::min(n - rawIdx, ZqDigestPipe::CHUNK / BLOCK);
             readAt(rawIdx, chunk->bytes.data(), count);
-            include(ZqBlockKind::File, rawIdx, chunk->bytes.data(), count);
+            look(rawIdx, chunk->bytes.data(), count);
             chunk->used = count * BLOCK;
             pipe.take(chunk);
             rawIdx += count;
@@ -171,6 +223,7 @@ void ZqImageBuild::main() {
         ZqImageStaging::refuseOverlap(source, options.rawDir);
         ZqImageStaging::refuseOverlap(target, options.rawDir);
     }
+    refuseBadTrace();
     const ZqSourceTree tree(source, *this);
     tree.requireReadable(*this);
     nFiles = tree.count(SxStat::File);
@@ -181,6 +234,21 @@ void ZqImageBuild::main() {
     // The files are placed, made a file system of, and cut into blocks.
     setNTotal(3 * tree.getBytes());
     build(tree, *maker, app);
+}
+
+/// What would fail behind all the work is better found now.
+void ZqImageBuild::refuseBadTrace() const {
+    if (options.trace.isEmpty()) return;
+    ZqTraceParams record(tracePrefix());
+    if (ZqImageStaging::liesIn(options.trace, target)) {
+        throw SxException("The trace '" + options.trace + "' would be removed with what '" + target +
+                              "' holds; copy it first",
+                          UNIT, __LINE__);
+    }
+}
+
+SxString ZqImageBuild::tracePrefix() const {
+    return ZqSysEnv::unifySlashes(ZqImageFolder::prefix(options.trace));
 }
 
 void ZqImageBuild::refuseStop() const {
@@ -292,9 +360,17 @@ void ZqImageBuild::build(const ZqSourceTree& tree, const ZqDriveMaker& maker, co
         throw SxException(e, "Cannot make a drive of the folder '" + source + "'", UNIT, __LINE__);
     }
     nRaw = kinds.size();
-    setNTotal(getNCurrent() + nRaw * static_cast<uint64>(BLOCK));
+    // An order takes a second pass.
+    setNTotal(getNCurrent() + nRaw * static_cast<uint64>(BLOCK) * (options.trace.isEmpty() ? 1 : 2));
     Cutter cutter(raw, folder, kinds, this);
-    cutter.run();
+    ZqAppParams app = record;
+    if (options.trace.isEmpty()) {
+        cutter.run();
+    } else {
+        const ZqBlockOrder order = cutter.runByTrace(tracePrefix(), source);
+        nNamed = order.getNNamed();
+        app.loadprofile = order.getProfile();
+    }
     nIncluded = cutter.nZqf;
     sizeMnt = cutter.nAhead * static_cast<uint64>(BLOCK);
 
@@ -303,7 +379,6 @@ void ZqImageBuild::build(const ZqSourceTree& tree, const ZqDriveMaker& maker, co
     image.sizeRaw = static_cast<int64>(nRaw) * BLOCK;
     image.filesystem = "none";
     image.write(folder);
-    ZqAppParams app = record;
     if (app.guid.isEmpty()) app.guid = image.guid;
     app.sizeZqf = nIncluded * static_cast<uint64>(BLOCK);
     app.sizeIdx = nRaw * sizeof(uint64);

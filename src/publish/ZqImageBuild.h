@@ -7,7 +7,7 @@
 /// Job that makes a drive with a file system from a folder of files, and an image folder ready to stream from
 /// that. The folder's content lies under `TAVRIN-protected/app/` on the drive, readable by all. Blocks of
 /// zeros aren't included. What a mount reads comes first in the ZqF order, metadata ahead of content; the
-/// rest follows in RAW order. Progress in bytes. Takes the image's lock.
+/// rest follows in RAW order, or as a trace has it. Progress in bytes. Takes the image's lock.
 ///
 /// The same folder gives the same image, byte for byte; owners and times don't count. The new image is
 /// written beside what `target` holds and replaces it when it is complete: after a failure or a stop
@@ -26,6 +26,9 @@ public:
         SxString name, window;
         /// Folder that gets the drive as `img.raw`, or empty.
         SxString rawDir;
+        /// Trace folder that gives the order and the load profile, or empty; see ZqBlockOrder. It was
+        /// recorded on an image of the same files, which has the same `checksums.mnt`.
+        SxString trace;
     };
 
     /// `target` is the image folder to write, `source` the folder to read.
@@ -42,6 +45,8 @@ public:
     uint64 getNRaw() const { return nRaw; }
     uint64 getNIncluded() const { return nIncluded; }
     uint64 getSizeMnt() const { return sizeMnt; }
+    /// After the end: blocks behind those of a mount whose place the trace gives; 0 without one.
+    uint64 getNNamed() const { return nNamed; }
 
 protected:
     void main() override;
@@ -59,11 +64,13 @@ private:
     /// Makes the drive's file system in the file `raw`.
     std::vector<ZqBlockKind> makeDrive(const ZqSourceTree& tree, const ZqDriveMaker& maker,
                                        const SxString& scratch, const SxString& raw, const ZqAppParams& app);
+    void refuseBadTrace() const;
+    SxString tracePrefix() const;
     void refuseStop() const;
 
     const SxString target, source; ///< with trailing slashes
     const Options options;
     bool complete = false;
     int64 nFiles = 0, nFolders = 0, nLinks = 0, nSkipped = 0;
-    uint64 nRaw = 0, nIncluded = 0, sizeMnt = 0;
+    uint64 nRaw = 0, nIncluded = 0, sizeMnt = 0, nNamed = 0;
 };
