@@ -1,4 +1,5 @@
 #include "App.h"
+#include "Forecast.h"
 #include "Job.h"
 #include "Verbs.h"
 
@@ -20,6 +21,11 @@ constexpr const char* UNIT = "src/client/ImageVerbs";
 
 using SxParserKit::SxSymbol;
 namespace Json = SxParserAst;
+
+struct InfoOptions {
+    SxString image;
+    uint64 speed = 0; ///< megabit per second; 0 where not given
+};
 
 struct MapOptions {
     SxString image;
@@ -98,15 +104,31 @@ void describeText(const ZqImageInfo& info, Output* out) {
     field("Storage", describeParts(info));
 }
 
-int showInfo(const SxString& image, Output& out) {
+int showInfo(const InfoOptions& options, Output& out) {
+    const SxString& image = options.image;
     const auto lock = ZqImageLock::takeAnyState(image, ZqImageLock::Shape, ZqImageLock::Shared, "image info");
     const SxString folder = ZqImageFolder::prefix(image);
     const ZqImageInfo info(image);
+    const auto speed = static_cast<double>(options.speed);
+    const ZqStartForecast forecast(info.app, speed, info.sizeZqf), fresh(info.app, speed, 0);
     if (out.getMode().json) {
-        out.object(describeJson(info, folder));
-    } else {
-        describeText(info, &out);
+        SxSymbol result = describeJson(info, folder);
+        if (options.speed > 0) {
+            appendForecast(&result, "forecast", forecast);
+            appendForecast(&result, "forecastFresh", fresh);
+        }
+        out.object(result);
+        return ExitSuccess;
     }
+    describeText(info, &out);
+    if (options.speed == 0) return ExitSuccess;
+    out.text(SxString("At ") + options.speed + " Mbit/s");
+    const auto tell = [&](const char* name, const ZqStartForecast& what) {
+        out.text(SxString::sprintf("  %-12s ", name) + safeStartText(what));
+        out.text(SxString::sprintf("  %-12s ", "") + earlyStartText(what));
+    };
+    tell("From here", forecast);
+    if (info.sizeZqf > 0) tell("From nothing", fresh);
     return ExitSuccess;
 }
 
@@ -297,8 +319,13 @@ void registerImageVerbs(App* app) {
             .argument("IMAGE", image.getPtr(), IMAGE_HELP)
             .action([image, function](Output& out) { return function(*image, out); });
     };
-    simple("info", "Show records, sizes, blocks, order and state", "tavrin image info games/alpha --json",
-           showInfo);
+    auto showing = SxPtr<InfoOptions>::create();
+    family
+        .verb("info", "Show records, sizes, blocks, order and state",
+              "tavrin image info games/alpha --speed 20")
+        .argument("IMAGE", &showing->image, IMAGE_HELP)
+        .number("--speed", &showing->speed, 1, "Forecast the start at this download speed, in Mbit/s")
+        .action([showing](Output& out) { return showInfo(*showing, out); });
 
     auto map = SxPtr<MapOptions>::create();
     family

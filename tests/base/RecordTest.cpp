@@ -3,6 +3,7 @@
 #include "ZqAppParams.h"
 #include "ZqImageParams.h"
 #include "ZqRuntimeInfo.h"
+#include "ZqStartForecast.h"
 #include "ZqSysEnv.h"
 #include "ZqTraceParams.h"
 
@@ -213,6 +214,42 @@ TEST(Record, LoadProfile) {
     EXPECT_EQ(app.getNInit(8), 77U) << "without a profile";
     app.loadprofile = {{0, 500}, {2, 4'000'000}};
     EXPECT_TRUE(app.getNInit(0) == 77 && app.getBpS(0) == 0 && app.getBpS(500) == 1'999'750);
+}
+
+TEST(Record, StartForecast) {
+    const auto waitsOf = [](const ZqStartForecast& forecast) {
+        std::vector<std::pair<double, double>> waits;
+        for (const ZqStartForecast::Wait& wait : forecast.waits)
+            waits.emplace_back(wait.at, wait.seconds);
+        return waits;
+    };
+    using Waits = std::vector<std::pair<double, double>>;
+    constexpr double INFINITE = std::numeric_limits<double>::infinity();
+    ZqAppParams app;
+    app.sizeZqf = 100'000'000;
+    app.sizeMnt = 1'000'000;
+    app.loadprofile = {{0, 5'000'000}, {2, 10'000'000}, {3, 11'000'000}, {10, 12'000'000}};
+    // 8 Mbit/s are a million bytes a second. A start at once waits as long as a safe one does ahead of it.
+    const ZqStartForecast steep(app, 8, 0);
+    EXPECT_TRUE(steep.isKnown && steep.nInit == 8'000'000 && steep.untilSafe == 8 && steep.untilMount == 1);
+    EXPECT_EQ(waitsOf(steep), (Waits{{0, 7}}));
+    EXPECT_EQ(waitsOf(ZqStartForecast(app, 8, 6'000'000)), (Waits{{2, 2}}));
+    EXPECT_EQ(waitsOf(ZqStartForecast(app, 8, 8'000'000)), Waits());
+    EXPECT_EQ(ZqStartForecast(app, 8, 9'000'000).untilSafe, 0);
+    // What was waited for counts later on.
+    app.loadprofile = {{0, 2'000'000}, {5, 3'000'000}, {10, 30'000'000}, {20, 31'000'000}};
+    const ZqStartForecast twice(app, 8, 0);
+    EXPECT_EQ(waitsOf(twice), (Waits{{0, 1}, {10, 18}}));
+    EXPECT_EQ(twice.getTotalWait() + twice.untilMount, twice.untilSafe);
+    EXPECT_EQ(waitsOf(ZqStartForecast(app, 8, app.sizeZqf)), Waits());
+    EXPECT_EQ(waitsOf(ZqStartForecast(app, 0, 4'000'000)), (Waits{{10, INFINITE}}));
+    EXPECT_EQ(ZqStartForecast(app, -1, 0).untilSafe, INFINITE);
+    app.minPreload = 25;
+    EXPECT_EQ(ZqStartForecast(app, 80, 0).nInit, 25'000'000U);
+    app.minBandwidth = 100;
+    EXPECT_EQ(ZqStartForecast(app, 80, 0).nInit, app.sizeZqf);
+    const ZqStartForecast unknown(ZqAppParams(), 8, 0);
+    EXPECT_TRUE(!unknown.isKnown && unknown.waits.empty());
 }
 
 TEST(Record, RuntimeInfo) {

@@ -2,6 +2,7 @@
 #include "SxProcess.h"
 #include "SxTime.h"
 #include "TempDir.h"
+#include "ZqAppParams.h"
 #include "ZqImageFiles.h"
 #include "ZqTrace.h"
 
@@ -263,6 +264,37 @@ TEST_F(ClientTest, traceInfo) {
               "tavrin: Cannot trace data. File '" + dir.path("trace/img.trc") + "' not found!\n");
     EXPECT_EQ(run({"trace", "info", dir.path("none")}).code, 1);
     EXPECT_EQ(run({"__complete", "trace", "i"}).out, "info\n");
+}
+
+TEST_F(ClientTest, orderAndForecast) {
+    const string image = makeImage("image"), trace = dir.path("trace"), index = dir.path("index");
+    const auto items = SxPtr<ZqTrace::Items>::create();
+    for (const uint64 block : {3, 1, 3})
+        items->append(ZqTraceItem(block, 1'000'000, false));
+    const ZqAppParams app(SxString(image + "/"));
+    ZqTrace::write(items, SxString(trace + "/"), ZqTraceParams::Set, app.checksumMnt);
+    const Outcome made = run({"image", "order", image, trace, index, "--json"});
+    ASSERT_EQ(made.code, 0) << made.err;
+    const SxParserKit::SxSymbol result = parseJson(made.out);
+    EXPECT_TRUE(result.getElem("digest", true).toBool());
+    EXPECT_EQ(result.getElem("blocks", true).toJson(),
+              R"({"raw":4,"included":4,"front":0,"named":2,"near":1})");
+    EXPECT_EQ(run({"image", "order", image, trace, index}).err,
+              "tavrin: The index folder '" + index + "/' isn't empty\n");
+
+    const Outcome told = run({"image", "info", index, "--speed", "1"});
+    EXPECT_THAT(told.out,
+                testing::AllOf(HasSubstr("At 1 Mbit/s\n  From here    safe to start in 0.1 s, when 8.0 KiB"),
+                               HasSubstr("waits for data once, at its start for 0.1 s"),
+                               Not(HasSubstr("From nothing"))));
+    EXPECT_THAT(
+        run({"image", "info", image, "--speed", "1"}).out,
+        testing::AllOf(
+            HasSubstr("safe to start at once; there is no load profile"),
+            HasSubstr("  From nothing safe to start in 0.1 s, when 16.0 KiB are there; there is no")));
+    const auto shown = parseJson(run({"image", "info", index, "--speed", "1", "--json"}).out);
+    EXPECT_EQ(shown.getElem("forecast", true).getElem("waits", true).getSize(), 1);
+    EXPECT_FALSE(parseJson(run({"image", "info", index, "--json"}).out).getElem("forecast", false).isValid());
 }
 
 TEST_F(ClientTest, verifyComparesWithTheRawImage) {

@@ -1,0 +1,69 @@
+#include "ZqStartForecast.h"
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+
+namespace {
+
+constexpr double BYTES_PER_MEGABIT = 125'000;
+constexpr uint64 MEGABYTE = 1'000'000;
+
+/// Bytes that a start needs at that speed, as ZqImageProgress asks for them.
+uint64 findInit(const ZqAppParams& app, double speedMbit) {
+    if (app.minBandwidth > 0 && static_cast<double>(app.minBandwidth) > speedMbit) return app.sizeZqf;
+    constexpr uint64 MAX = std::numeric_limits<uint64>::max();
+    const uint64 preload = app.minPreload > MAX / MEGABYTE ? MAX : app.minPreload * MEGABYTE;
+    return std::min(app.sizeZqf, std::max({app.sizeMnt, preload, app.getNInit(speedMbit)}));
+}
+
+double secondsFor(uint64 nBytes, double bytesPerSecond) {
+    if (nBytes == 0) return 0;
+    return bytesPerSecond > 0 ? static_cast<double>(nBytes) / bytesPerSecond
+                              : std::numeric_limits<double>::infinity();
+}
+
+uint64 missing(uint64 need, uint64 nThere) {
+    return need - std::min(need, nThere);
+}
+
+} // namespace
+
+ZqStartForecast::ZqStartForecast(const ZqAppParams& app, double speedMbit, uint64 nThere)
+    : isKnown(!app.loadprofile.isEmpty()) {
+    const double speed = std::max(speedMbit, 0.0), bytesPerSecond = speed * BYTES_PER_MEGABIT;
+    nInit = findInit(app, speed);
+    untilSafe = secondsFor(missing(nInit, nThere), bytesPerSecond);
+    untilMount = secondsFor(missing(app.sizeMnt, nThere), bytesPerSecond);
+    if (isKnown) addWaits(app, bytesPerSecond, std::max(app.sizeMnt, nThere));
+}
+
+void ZqStartForecast::addWaits(const ZqAppParams& app, double bytesPerSecond, uint64 nAtStart) {
+    if (nAtStart >= app.sizeZqf) return;
+    double waited = 0;
+    bool isWaiting = false;
+    for (const ZqLoadProfilePoint& point : app.loadprofile) {
+        const auto at = static_cast<double>(point.time);
+        const double ready = secondsFor(missing(point.size, nAtStart), bytesPerSecond);
+        const double seconds = ready - at - waited;
+        if (!(seconds > 0)) {
+            isWaiting = false;
+            continue;
+        }
+        if (isWaiting) {
+            waits.back().seconds += seconds;
+        } else {
+            waits.push_back({at, seconds});
+        }
+        isWaiting = true;
+        waited += seconds;
+        if (std::isinf(waited)) return;
+    }
+}
+
+double ZqStartForecast::getTotalWait() const {
+    double total = 0;
+    for (const Wait& wait : waits)
+        total += wait.seconds;
+    return total;
+}
