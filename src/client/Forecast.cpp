@@ -26,7 +26,7 @@ SxString safeStartText(const ZqStartForecast& forecast) {
 
 SxString earlyStartText(const ZqStartForecast& forecast) {
     SxString text = "started " + whenText(forecast.untilMount) + ", the application ";
-    if (!forecast.isKnown && forecast.untilSafe > 0) return text + "waits for data nobody knows how often";
+    if (!forecast.isKnown && forecast.untilSafe > 0) return text + "waits for data, nobody knows how often";
     if (forecast.waits.empty()) return text + "waits for no data";
     const ZqStartForecast::Wait& first = forecast.waits.front();
     const size_t n = forecast.waits.size();
@@ -34,7 +34,9 @@ SxString earlyStartText(const ZqStartForecast& forecast) {
             (n == 1 ? SxString("once, ") : SxString(static_cast<uint64>(n)) + " times, ");
     text += (first.at > 0 ? "after " + inSeconds(first.at) : SxString("at its start")) + " for ";
     text += std::isinf(first.seconds) ? SxString("ever") : inSeconds(first.seconds);
-    if (n > 1) text += ", in all " + inSeconds(forecast.getTotalWait());
+    // Behind a wait for ever there is none.
+    if (n > 1 && !std::isinf(forecast.getTotalWait()))
+        text += ", in all " + inSeconds(forecast.getTotalWait());
     return text;
 }
 
