@@ -5,6 +5,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <charconv>
 #include <csignal>
 #include <cstdio>
@@ -122,6 +123,24 @@ CLI::Option* addArgument(CLI::App* command, const char* name, SxString* value, c
     return command->add_option_function<std::string>(name, take, help)->type_name("");
 }
 
+void addTexts(CLI::App* command, const char* name,
+              const std::function<void(const std::vector<std::string>&)>& take, const char* valueName,
+              const char* help) {
+    command->add_option_function<std::vector<std::string>>(name, take, help)
+        ->type_name(valueName)
+        ->expected(1)
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+}
+
+/// A line break in it would begin another line of the request.
+bool isHeader(const std::string& text) {
+    const auto isControl = [](unsigned char c) { return (c < ' ' && c != '\t') || c == 0x7F; };
+    const size_t colon = text.find(':');
+    return colon != std::string::npos && colon > 0 && colon == text.find_first_of(": \t") &&
+           text.find_first_not_of(" \t", colon + 1) != std::string::npos &&
+           std::none_of(text.begin(), text.end(), isControl);
+}
+
 CLI::App* addVerb(CLI::App* parent, const char* group, const char* name, const char* help,
                   const char* example) {
     CLI::App* verb = parent->add_subcommand(name, help);
@@ -168,10 +187,21 @@ Verb& Verb::texts(const char* name, SxList<SxString>* values, const char* valueN
         for (const std::string& text : all)
             *values << SxString(text);
     };
-    command->add_option_function<std::vector<std::string>>(name, take, help)
-        ->type_name(valueName)
-        ->expected(1)
-        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+    addTexts(command, name, take, valueName, help);
+    return *this;
+}
+
+Verb& Verb::headers(const char* name, SxList<SxString>* values, const char* help) {
+    const auto take = [values, name](const std::vector<std::string>& all) {
+        for (const std::string& text : all) {
+            if (!isHeader(text)) {
+                throw CLI::ValidationError(std::string(name) + " needs a line \"NAME: VALUE\", not '" +
+                                           SxString(text).makeVisible().str() + "'");
+            }
+            *values << SxString(text);
+        }
+    };
+    addTexts(command, name, take, "\"NAME: VALUE\"", help);
     return *this;
 }
 

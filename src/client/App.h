@@ -29,6 +29,8 @@ public:
     Verb& text(const char* name, SxString* value, const char* valueName, const char* help);
     /// An option that may be given several times, each with a text.
     Verb& texts(const char* name, SxList<SxString>* values, const char* valueName, const char* help);
+    /// The same with lines of the form "NAME: VALUE", as HTTP has them.
+    Verb& headers(const char* name, SxList<SxString>* values, const char* help);
     /// An option with one of several words as value.
     Verb& choice(const char* name, SxString* value, const SxList<SxString>& words, const char* help);
     /// The same for an option that may be given several times.

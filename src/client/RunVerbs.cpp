@@ -144,7 +144,7 @@ void registerRunVerbs(App* app) {
               "tavrin run IMAGE --url https://example.org/game/")
         .argument("IMAGE", &options.image, "Image folder; may be empty or absent at first")
         .text("--url", &options.url, "FOLDER_URL", "Where the image comes from; noted in IMAGE")
-        .texts("--header", &options.headers, "\"NAME: VALUE\"", "Send this line with each request")
+        .headers("--header", &options.headers, "Send this line with each request")
         .flag("--now", &options.now, "Start at once, not only when the download is ahead far enough")
         .number("--rate", &options.rate, 1, "Download with at most that many bytes a second")
         .flag("--keep-mounted", &options.keepMounted,

@@ -94,6 +94,9 @@ TEST_F(ClientTest, wrongUsageIsOneSentenceAndExitCode2) {
         {{"image", "split", "x", "--part-size", "4k"}, "not '4k'"},
         {{"image", "split", "x", "--part-size", "18446744073709551616"}, "not '18446744073709551616'"},
         {{"image", "map", "x", "--first=-1"}, "--first needs a whole number from 0 to 9223372036854775807"},
+        {{"run", "x", "--header", "A: b\r\nC: d"},
+         "--header needs a line \"NAME: VALUE\", not 'A: b\\r\\nC: d'"},
+        {{"run", "x", "--header", "Accept:"}, "not 'Accept:'"},
     };
     for (const auto& [words, says] : cases) {
         SCOPED_TRACE(testing::PrintToString(words));
