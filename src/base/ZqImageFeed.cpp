@@ -90,6 +90,10 @@ uint64 ZqImageFeed::countBlocks() const {
 }
 
 void ZqImageFeed::open(const ZqStopTest& stop) {
+    if (settings.url.isEmpty() && !SxFSAction::exists(settings.image)) {
+        throw SxException("Image folder '" + settings.image + "' not found, and no address is given", UNIT,
+                          __LINE__);
+    }
     SxFSAction::mkdir_p(settings.image);
     growth = ZqImageLock::take(settings.image, ZqImageLock::Growth, ZqImageLock::Exclusive, settings.job);
     ZqStreamRecord record;

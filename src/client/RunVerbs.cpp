@@ -4,6 +4,7 @@
 #include "Progress.h"
 #include "Verbs.h"
 
+#include <tavrin/SxFileInfo.h>
 #include <tavrin/SxTime.h>
 #include <tavrin/ZqRecordFile.h>
 #include <tavrin/ZqRun.h>
@@ -82,6 +83,14 @@ void followRun(ZqRun* job, const Output& out, const std::function<void()>& look)
     job->wait();
 }
 
+/// The report replaces what stands in its place, and that must not be a device or a link such as /dev/stdout.
+void requireReportFile(const SxString& file) {
+    const SxFileInfo info(file);
+    if (info.isLink() || (info.exists() && !info.isFile())) {
+        throw SxException("The report can't be written: '" + file + "' is not a plain file", UNIT, __LINE__);
+    }
+}
+
 /// A report that can't be written is no reason to keep back what has ended the run.
 void writeReport(const ZqRun& job, const SxString& file) {
     if (file.isEmpty()) return;
@@ -95,6 +104,8 @@ void writeReport(const ZqRun& job, const SxString& file) {
 }
 
 int run(const RunOptions& options, Output& out) {
+    refuseForeignFolder(options.image);
+    if (!options.report.isEmpty()) requireReportFile(options.report);
     ZqRun::Settings settings;
     settings.feed.image = options.image;
     settings.feed.url = options.url;
@@ -120,6 +131,7 @@ int run(const RunOptions& options, Output& out) {
 } // namespace
 
 int mountFed(const FedMount& mount, Output& out, const std::function<void()>& tell) {
+    refuseForeignFolder(mount.image);
     ZqRun::Settings settings;
     settings.feed.image = mount.image;
     settings.feed.url = mount.url;

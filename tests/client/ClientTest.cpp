@@ -8,6 +8,7 @@
 
 #include <csignal>
 #include <cstdlib>
+#include <filesystem>
 #include <gmock/gmock.h>
 
 namespace {
@@ -214,6 +215,28 @@ TEST_F(ClientTest, buildVerifyRaw) {
     EXPECT_EQ(foreign.code, 1);
     EXPECT_THAT(foreign.err, HasSubstr("isn't empty and holds no image"));
     EXPECT_TRUE(dir.exists("kept/img.raw"));
+}
+
+TEST_F(ClientTest, aRunTouchesNothingThatIsntAnImagesOrAReport) {
+    dir.write("letters/one.txt", "dear");
+    for (const Words& words : {Words{"run"}, Words{"mount"}}) {
+        Words all = words;
+        all.insert(all.end(), {dir.path("letters"), "--url", "http://127.0.0.1:1/"});
+        const Outcome foreign = run(all);
+        EXPECT_EQ(foreign.code, 1);
+        EXPECT_THAT(foreign.err, HasSubstr("isn't empty and holds no image"));
+    }
+    EXPECT_FALSE(dir.exists("letters/image.lock"));
+    EXPECT_EQ(run({"run", dir.path("absent")}).code, 1);
+    EXPECT_FALSE(dir.exists("absent"));
+    dir.write("own", "");
+    std::filesystem::create_symlink(dir.path("own"), dir.path("link"));
+    for (const string& report : {dir.path("link"), dir.path(), string("/dev/null")}) {
+        const Outcome refused = run({"run", dir.path("absent"), "--report", report});
+        EXPECT_EQ(refused.code, 1);
+        EXPECT_THAT(refused.err, HasSubstr("'" + report + "' is not a plain file"));
+    }
+    EXPECT_TRUE(std::filesystem::is_symlink(dir.path("link")));
 }
 
 TEST_F(ClientTest, createInfoVerifySplitJoin) {

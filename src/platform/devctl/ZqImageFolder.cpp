@@ -8,8 +8,9 @@ SxString ZqImageFolder::prefix(const SxString& path) {
 }
 
 bool ZqImageFolder::holdsImage(const SxString& path) {
-    for (const char* name : {ZqImageFiles::APP_JSON, ZqImageFiles::IMAGE_JSON, ZqImageFiles::IDX,
-                             ZqImageFiles::ZQF, ZqImageFiles::SPLIT_INFO, ZqImageFiles::LOCK}) {
+    for (const char* name :
+         {ZqImageFiles::APP_JSON, ZqImageFiles::IMAGE_JSON, ZqImageFiles::IDX, ZqImageFiles::ZQF,
+          ZqImageFiles::SPLIT_INFO, ZqImageFiles::STREAM_JSON, ZqImageFiles::LOCK}) {
         if (SxFSAction::exists(prefix(path) + name)) return true;
     }
     return false;
