@@ -145,6 +145,8 @@ int mountFed(const FedMount& mount, Output& out, const std::function<void()>& te
         if (told || job.getPhase() != ZqRun::Feeding) return;
         told = true;
         tell();
+        // Whoever reads it through a pipe needs it while the drive is there.
+        out.flush();
     });
     if (job.hasException()) throw job.getException();
     return ExitSuccess;

@@ -388,6 +388,7 @@ TEST_F(StreamRun, AMountIsFedUntilItIsTakenAway) {
         Client feeder(client, {"mount", got, "--url", server->getUrl().str()}, dir.path("fed"));
         ASSERT_TRUE(eventually([&] { return statusOf(got).ready; })) << feeder.says();
         const string app = statusOf(got).mountPath.str() + "/TAVRIN-protected/app/";
+        EXPECT_TRUE(eventually([&] { return feeder.says().find("Mounted as") != string::npos; }));
         EXPECT_TRUE(SxMd5::file(SxString(app + "big.pak")) == SxMd5::file(SxString(source + "/big.pak")));
         if (bySignal) {
             feeder.signal(SIGTERM);
