@@ -20,6 +20,14 @@ void ZqImageParams::read(const SxString& prefix) {
     SxString file = ZqImageFiles::IMAGE_JSON;
     try {
         file = ZqRecordFile::choosePrefix(prefix, pathPrefix) + file;
+    } catch (const SxException& e) {
+        throw SxException(e, "Failed to read file " + file, UNIT, __LINE__);
+    }
+    readFile(file);
+}
+
+void ZqImageParams::readFile(const SxString& file) {
+    try {
         if (!SxFSAction::test_f(file)) throw SxException("File " + file + " not found", UNIT, __LINE__);
         const SxSymbol root = ZqRecordFile::read(file, "zqimg-schema.json");
         const ZqImageParams defaults;

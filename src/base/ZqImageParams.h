@@ -22,6 +22,8 @@ public:
     /// Fills the record from `pathPrefix` + "img.json"; empty means the field `pathPrefix`. Raises "Failed to
     /// read file ..." with the cause.
     void read(const SxString& pathPrefix = SxString());
+    /// The same from the file of that name.
+    void readFile(const SxString& file);
     /// Writes the record likewise, replacing the file as a whole, and makes its folder.
     void write(const SxString& pathPrefix = SxString()) const;
 

@@ -121,7 +121,12 @@ ZqAppParams ZqImageRecords::fetchApp(const ZqStopTest& stop) {
         return ZqAppParams(folder);
     }
     ZqAppParams server;
-    server.readFile(fresh);
+    try {
+        server.readFile(fresh);
+    } catch (const SxException& e) {
+        throw SxException(e, "Cannot use '" + url.makeVisible() + ZqImageFiles::APP_JSON + "'", UNIT,
+                          __LINE__);
+    }
     if (resumes) {
         const ZqAppParams own(folder);
         SxFSAction::rm(fresh);
@@ -135,6 +140,25 @@ ZqAppParams ZqImageRecords::fetchApp(const ZqStopTest& stop) {
     SxFSAction::syncDir(folder);
     // The record has been checked; its folder is the image's now.
     return ZqAppParams(folder);
+}
+
+/// One that took its place would stay there: it isn't fetched again once there are blocks.
+void ZqImageRecords::requireParams(const SxString& file, const ZqAppParams& app) const {
+    constexpr uint64 BLOCK = 4096;
+    try {
+        ZqImageParams server;
+        server.readFile(file);
+        const uint64 nBlocks = (static_cast<uint64>(server.sizeRaw) + BLOCK - 1) / BLOCK;
+        if (nBlocks * sizeof(uint64) != app.sizeIdx) {
+            throw SxException("It states a disk of " + SxString(nBlocks) +
+                                  " blocks, where app.json states a map of " +
+                                  SxString(app.sizeIdx / sizeof(uint64)),
+                              UNIT, __LINE__);
+        }
+    } catch (const SxException& e) {
+        throw SxException(e, "Cannot use '" + url.makeVisible() + ZqImageFiles::IMAGE_JSON + "'", UNIT,
+                          __LINE__);
+    }
 }
 
 void ZqImageRecords::fetchRest(const ZqAppParams& app, const ZqStopTest& stop) {
@@ -158,8 +182,8 @@ void ZqImageRecords::fetchRest(const ZqAppParams& app, const ZqStopTest& stop) {
     for (Fetch* fetch : {&paramsFetch, &mapFetch, &digestFetch})
         fetch->finish();
     if (needsParams) {
+        requireParams(params + NEW, app);
         SxFSAction::mv(params + NEW, params);
-        const ZqImageParams check(folder);
     }
     if (!hasMap(app)) {
         throw SxException("The map at " + url + ZqImageFiles::IDX + " isn't the one that app.json states",

@@ -30,6 +30,7 @@ private:
     SxPtr<ZqRemoteFile> remote(const char* name, uint64 expectedSize = ZqRemoteFile::UNKNOWN) const;
     bool hasBlocks() const;
     bool hasMap(const ZqAppParams& app) const;
+    void requireParams(const SxString& file, const ZqAppParams& app) const;
     void requireSame(const ZqAppParams& own, const ZqAppParams& server) const;
 
     const SxPtr<ZqNetLink> link;

@@ -210,6 +210,27 @@ TEST_F(StreamRun, AnApplicationThatCannotBeStartedIsAFailure) {
     EXPECT_FALSE(isMounted());
 }
 
+TEST_F(StreamRun, ARecordThatDoesntFitIsTakenFromTheMendedServer) {
+    const string right = dir.read("served/img.json");
+    string other = right;
+    other.insert(other.find("\"sizeRaw\": ") + 11, "1");
+    for (const string& wrong : {string("{"), other}) {
+        fs::remove_all(got);
+        fs::create_directories(got);
+        for (const char* name : {"/app.json", "/img.zqf"})
+            fs::copy_file(served + name, got + name);
+        fs::resize_file(got + "/img.zqf", 100'000);
+        dir.write("served/img.json", wrong);
+        const auto refused = start();
+        EXPECT_EQ(refused->end(), 1);
+        EXPECT_THAT(refused->says(), HasSubstr("Cannot use '" + server->getUrl().str() + "img.json'"));
+        dir.write("served/img.json", right);
+        const auto player = start();
+        EXPECT_EQ(player->end(), 0) << player->says();
+        expectPlayed();
+    }
+}
+
 TEST_F(StreamRun, ABadServerCostsTimeAndNoByte) {
     server->setRate(10'000'000);
     server->setFault(ZqFileServer::Drop10);
