@@ -112,7 +112,8 @@ int64 ZqRun::elapsedMs() const {
 
 void ZqRun::mount() {
     const ZqStopTest stop = [this] { return isStopping(); };
-    const uint64 needed = feed.getApp().sizeMnt;
+    // There is no more than all of it, whatever the record says.
+    const uint64 needed = std::min(feed.getApp().sizeMnt, feed.getApp().sizeZqf);
     while (feed.getStatus().nCurrent < needed) {
         if (stop()) throw stopped();
         feed.requireAlive();

@@ -211,7 +211,7 @@ TEST_F(StreamRun, AnApplicationThatCannotBeStartedIsAFailure) {
 }
 
 TEST_F(StreamRun, ARecordThatDoesntFitIsTakenFromTheMendedServer) {
-    const string right = dir.read("served/img.json");
+    const string right = dir.read("served/img.json"), app = dir.read("served/app.json");
     string other = right;
     other.insert(other.find("\"sizeRaw\": ") + 11, "1");
     for (const string& wrong : {string("{"), other}) {
@@ -229,6 +229,14 @@ TEST_F(StreamRun, ARecordThatDoesntFitIsTakenFromTheMendedServer) {
         EXPECT_EQ(player->end(), 0) << player->says();
         expectPlayed();
     }
+    // A mount that needs more than there is says so in the end, and isn't waited for.
+    fs::remove_all(got);
+    string beyond = app;
+    beyond.insert(beyond.find("\"sizeMnt\": ") + 11, "999999999");
+    dir.write("served/app.json", beyond);
+    const auto player = start();
+    EXPECT_EQ(player->end(), 1) << player->says();
+    EXPECT_THAT(player->says(), HasSubstr("Insufficient data"));
 }
 
 TEST_F(StreamRun, ABadServerCostsTimeAndNoByte) {
