@@ -138,10 +138,12 @@ void ZqRun::main() {
     oldFrameMs = frameFileMs();
     try {
         run();
-    } catch (const SxException&) {
+    } catch (const SxException& e) {
         result.info.startErr = !result.wasStarted;
         result.info.endErr = true;
         end();
+        // Which of the steps noticed it doesn't matter.
+        if (isStopping() && e.hasTag(SxException::STOPPED)) throw stopped();
         throw;
     }
     end();
