@@ -243,12 +243,17 @@ void ZqRun::prepare() {
     }
 }
 
-void ZqRun::startApplication() {
-    const ZqAppParams& app = feed.getApp();
+ZqDiskStatus ZqRun::requireDisk() const {
     ZqDiskStatus disk;
     if (!ZqVolume::findDisk(image, &disk)) {
         throw SxException("The drive of '" + image + "' has gone", UNIT, __LINE__);
     }
+    return disk;
+}
+
+void ZqRun::startApplication() {
+    const ZqAppParams& app = feed.getApp();
+    const ZqDiskStatus disk = requireDisk();
     SxWinProcParams process;
     process.path = app.cmd;
     process.args = SxString::join(app.args, " ");
@@ -299,9 +304,14 @@ void ZqRun::follow() {
     }
     guard->wait();
     lookForFrame();
+    // Of a command that couldn't be started there is nothing to follow.
+    result.wasStarted = guard->getGroup().isValid();
+    if (!result.wasStarted) result.startMs = -1;
     if (!isStopping()) guard->requireSuccess();
     result.isExitKnown = !guard->isAdopted();
     if (isStopping()) throw stopped();
+    // What the application has read since, and its code, mean nothing.
+    requireDisk();
 }
 
 void ZqRun::suspendProcess() {
@@ -343,7 +353,12 @@ void ZqRun::end() {
         }
         const bool keep = settings.keepsMounted && result.wasStarted && feed.isVerified();
         ZqDiskStatus disk;
-        if (mounted && ZqVolume::findDisk(image, &disk)) {
+        if (mounted && !ZqVolume::findDisk(image, &disk)) {
+            // Its service was killed, or somebody took it away.
+            ZqMountMgr mounts;
+            mounts.setAppParams(feed.getApp());
+            mounts.removeLeftovers(image);
+        } else if (mounted) {
             if (keep) {
                 result.mountPath = disk.mountPath;
             } else {

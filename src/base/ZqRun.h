@@ -6,6 +6,7 @@
 #include <memory>
 
 class ZqCoreAppGuard;
+struct ZqDiskStatus;
 
 /// One run of a streamed application, from its server to its end: completes the image, makes a drive of it,
 /// starts the application when enough is there, answers its underflows, and takes the drive away. What has
@@ -73,6 +74,7 @@ private:
     void mount();
     void feedDrive();
     void prepare();
+    ZqDiskStatus requireDisk() const;
     void startApplication();
     /// Writes down the start of the application, and its processes, which change when a launcher hands over.
     /// What can't be written now, say on a full disk, is tried again later.

@@ -206,8 +206,23 @@ TEST_F(StreamRun, AnApplicationThatCannotBeStartedIsAFailure) {
     app.write();
     const auto player = start();
     EXPECT_EQ(player->end(), 1);
-    EXPECT_THAT(player->says(), testing::AllOf(HasSubstr("start.cfg"), HasSubstr("ermission denied")));
+    EXPECT_THAT(player->says(), testing::AllOf(HasSubstr("start.cfg"), HasSubstr("ermission denied"),
+                                               Not(HasSubstr("has ended"))));
     EXPECT_FALSE(isMounted());
+}
+
+TEST_F(StreamRun, ADriveThatGoesUnderItsApplicationIsAFailure) {
+    server->setRate(500'000);
+    const auto player = start();
+    ASSERT_TRUE(eventually([&] { return hasStarted(); })) << player->says();
+    ::kill(static_cast<pid_t>(statusOf(got).servicePid), SIGKILL);
+    EXPECT_EQ(player->end(), 1) << player->says();
+    EXPECT_THAT(player->says(), HasSubstr("The drive of '" + got + "' has gone"));
+    EXPECT_THAT(leftovers(), testing::IsEmpty());
+    server->setRate(0);
+    fs::remove(played);
+    EXPECT_EQ(start()->end(), 0);
+    expectPlayed();
 }
 
 TEST_F(StreamRun, ARecordThatDoesntFitIsTakenFromTheMendedServer) {
