@@ -2,91 +2,29 @@
 
 #include "SxFSAction.h"
 #include "SxIndexSet.h"
-#include "SxMd5.h"
 #include "ZqImage.h"
 #include "ZqLog.h"
 #include "ZqSysEnv.h"
 #include "ZqTimers.h"
 #include "ZqTraceFiles.h"
+#include "ZqTraceRecords.h"
 
-#include <bit>
-#include <cstring>
-#include <limits>
 #include <type_traits>
+
+using ZqTraceRecords::CHUNK, ZqTraceRecords::SIZE, ZqTraceRecords::decode, ZqTraceRecords::Writer;
 
 namespace {
 
 constexpr const char* UNIT = "src/base/ZqTrace";
-constexpr int64 RECORD_SIZE = 16;
-constexpr int64 CHUNK_ITEMS = 65536;
-constexpr uint64 FLAG = uint64{1} << 63;
-/// A record's time counts 100 ns from 1601; ours milliseconds from 1970.
-constexpr uint64 UNITS_PER_MS = 10000;
-constexpr uint64 FROM_1601_TO_1970_MS = 11644473600000;
 /// A gap of so many milliseconds ends a burst of accesses.
 constexpr uint64 BURST_GAP = 1000;
 constexpr uint64 MB = 1000000;
 
-static_assert(sizeof(ZqTraceItem) >= RECORD_SIZE && std::is_trivially_copyable_v<ZqTraceItem>);
+static_assert(sizeof(ZqTraceItem) >= SIZE && std::is_trivially_copyable_v<ZqTraceItem>);
 
-uint64 swapIfBig(uint64 value) {
-    return std::endian::native == std::endian::big ? __builtin_bswap64(value) : value;
-}
-
-ZqTraceItem makeItem(uint64 blockField, uint64 timeField) {
-    const uint64 block = swapIfBig(blockField);
-    return ZqTraceItem(block & ~FLAG, swapIfBig(timeField) / UNITS_PER_MS - FROM_1601_TO_1970_MS,
-                       (block & FLAG) != 0);
-}
-
-ZqTraceItem decode(const char* record) {
-    uint64 fields[2];
-    std::memcpy(fields, record, sizeof fields);
-    return makeItem(fields[0], fields[1]);
-}
-
-void encode(uint64 block, uint64 timeMs, char* record) {
-    const uint64 sinceStart = timeMs + FROM_1601_TO_1970_MS;
-    if (sinceStart > std::numeric_limits<uint64>::max() / UNITS_PER_MS) {
-        throw SxException(SxString("The time ") + static_cast<int64>(timeMs) + " of block " +
-                              (block & ~FLAG) + " is none that a trace can hold",
-                          UNIT, __LINE__);
-    }
-    const uint64 fields[2] = {swapIfBig(block), swapIfBig(sinceStart * UNITS_PER_MS)};
-    std::memcpy(record, fields, sizeof fields);
-}
-
-uint64 blockField(const ZqTraceItem& item) {
-    return item.block | (item.flag ? FLAG : 0);
-}
-
-/// Writes records in pieces. What isn't flushed is lost.
-class RecordWriter {
-public:
-    explicit RecordWriter(SxFileIO* file_) : file(file_) {}
-
-    void put(uint64 block, uint64 timeMs) {
-        encode(block, timeMs, buffer.data() + used);
-        used += RECORD_SIZE;
-        if (used == buffer.getSize()) flush();
-    }
-    void flush() {
-        file->writeBuffer(buffer.data(), used);
-        used = 0;
-    }
-
-private:
-    SxFileIO* file;
-    SxArray<char> buffer = SxArray<char>(CHUNK_ITEMS * RECORD_SIZE);
-    int64 used = 0;
-};
-
-void putItems(SxFileIO* file, const ZqTrace::Items& items) {
-    RecordWriter writer(file);
-    for (const ZqTraceItem& item : items) {
-        if (item.valid) writer.put(blockField(item), item.time);
-    }
-    writer.flush();
+void putItems(Writer* out, const ZqTrace::Items& items) {
+    for (const ZqTraceItem& item : items)
+        out->put(item);
 }
 
 /// An empty array with room for `n` items. It isn't made with its size, since that would write it twice.
@@ -105,7 +43,7 @@ SxPtr<ZqTrace::Items> makeRoom(int64 n, const SxString& file) {
 /// while the records are walked. No item reaches a record that isn't decoded yet, since an item is the
 /// larger one, and a second buffer isn't needed. Gives the first record.
 const char* readIntoRoom(SxFileIO* file, int64 n, ZqTrace::Items* items) {
-    const int64 room = n * static_cast<int64>(sizeof(ZqTraceItem)), bytes = n * RECORD_SIZE;
+    const int64 room = n * static_cast<int64>(sizeof(ZqTraceItem)), bytes = n * SIZE;
     char* const records = reinterpret_cast<char*>(items->data()) + (room - bytes);
     if (file->readBuffer(records, bytes) < bytes) {
         throw SxException("Invalid number of items read", UNIT, __LINE__);
@@ -116,19 +54,20 @@ const char* readIntoRoom(SxFileIO* file, int64 n, ZqTrace::Items* items) {
 /// Appends those of the `n` records that come through; see ZqTrace::getItems().
 void filter(const char* records, int64 n, bool unique, bool unflagged, bool flagged, ZqTrace::Items* items) {
     SxIndexSet seen(unique ? n : 0);
-    for (const char* end = records + n * RECORD_SIZE; records < end; records += RECORD_SIZE) {
+    for (const char* end = records + n * SIZE; records < end; records += SIZE) {
         const ZqTraceItem item = decode(records);
         if ((item.flag ? flagged : unflagged) && (!unique || seen.insert(item.block))) items->append(item);
     }
 }
 
-void finishRecord(const SxString& path, int64 size, ZqTraceParams::Method method, const SxString& buildId) {
+void finishRecord(const SxString& path, const ZqTraceRecords::Summary& items, ZqTraceParams::Method method,
+                  const SxString& buildId) {
     const bool known = SxFSAction::test_f(path + ZqTraceFiles::RECORD);
     ZqTraceParams record = known ? ZqTraceParams(path) : ZqTraceParams();
-    if (!known) record.duration = ZqTrace::getTraceDuration(path);
-    record.size = size;
+    if (!known) record.duration = items.duration;
+    record.size = items.size;
     record.method = method;
-    record.checksumTrc = SxMd5::file(path + ZqTraceFiles::ITEMS, nullptr);
+    record.checksumTrc = items.digest;
     record.checksumMnt = buildId;
     record.write(path);
 }
@@ -153,7 +92,7 @@ void ZqTrace::write(const SxString& path) {
     try {
         if (!loaded) throw SxException("No trace data loaded", UNIT, __LINE__);
         SxFSAction::mkdir_p(SxFileInfo(file).getPath(), 0777);
-        SxFileIO::writeAtomic(file, [this](SxFileIO* trc) { putItems(trc, *loaded); });
+        ZqTraceRecords::replace(path, [this](Writer* out) { putItems(out, *loaded); });
     } catch (const SxException& e) {
         throw SxException(e, "Failed to write " + file + " trace data", UNIT, __LINE__);
     }
@@ -172,19 +111,19 @@ ZqTraceItem ZqTrace::readItem(SxFileIO* file) {
     } catch (const SxException& e) {
         throw SxException(e, "Failed to read trace item file time", UNIT, __LINE__);
     }
-    return makeItem(block, time);
+    return ZqTraceRecords::makeItem(block, time);
 }
 
 SxPtr<ZqTrace::Items> ZqTrace::readItems(SxFileIO* file) {
-    const int64 n = file->getSize() / RECORD_SIZE;
+    const int64 n = file->getSize() / SIZE;
     SxPtr<Items> result = makeRoom(n, file->getFilePath());
-    SxArray<char> buffer(std::min(n, CHUNK_ITEMS) * RECORD_SIZE);
+    SxArray<char> buffer(std::min(n, CHUNK) * SIZE);
     file->seek(0);
-    for (int64 nDue = n; nDue > 0; nDue -= CHUNK_ITEMS) {
-        const int64 wanted = std::min(nDue, CHUNK_ITEMS) * RECORD_SIZE;
+    for (int64 nDue = n; nDue > 0; nDue -= CHUNK) {
+        const int64 wanted = std::min(nDue, CHUNK) * SIZE;
         const int64 got = file->readBuffer(buffer.data(), wanted);
-        if (got < wanted && nDue > CHUNK_ITEMS) throw SxException("Cannot read trace data", UNIT, __LINE__);
-        for (int64 at = 0; at + RECORD_SIZE <= got; at += RECORD_SIZE)
+        if (got < wanted && nDue > CHUNK) throw SxException("Cannot read trace data", UNIT, __LINE__);
+        for (int64 at = 0; at + SIZE <= got; at += SIZE)
             result->append(decode(buffer.data() + at));
     }
     // Where the file became shorter meanwhile, the rest are items that aren't valid.
@@ -194,14 +133,16 @@ SxPtr<ZqTrace::Items> ZqTrace::readItems(SxFileIO* file) {
 
 void ZqTrace::writeItem(SxFileIO* file, const ZqTraceItem& item) {
     if (!item.valid) return;
-    char record[RECORD_SIZE];
-    encode(blockField(item), item.time, record);
-    file->writeBuffer(record, RECORD_SIZE);
+    char record[SIZE];
+    ZqTraceRecords::encode(ZqTraceRecords::blockField(item), item.time, record);
+    file->writeBuffer(record, SIZE);
 }
 
 void ZqTrace::writeItems(SxFileIO* file, const SxConstPtr<Items>& items) {
     try {
-        putItems(file, *items);
+        Writer out(file);
+        putItems(&out, *items);
+        out.flush();
     } catch (const SxException& e) {
         throw SxException(e, "Failed to write trace data to " + file->getFilePath(), UNIT, __LINE__);
     }
@@ -219,7 +160,7 @@ SxPtr<ZqTrace::Items> ZqTrace::getItems(const SxString& path, bool unique, bool 
     }
     try {
         SxFileIO trc(file, "rb", 0600);
-        const int64 n = trc.getSize() / RECORD_SIZE;
+        const int64 n = trc.getSize() / SIZE;
         SxPtr<Items> result = makeRoom(n, file);
         filter(readIntoRoom(&trc, n, result.getPtr()), n, unique, unflagged, flagged, result.getPtr());
         // Much that was dropped would hold on to much memory.
@@ -248,10 +189,10 @@ int64 ZqTrace::getTraceDuration(const SxString& path) {
     try {
         // The two records say the same as the whole file.
         SxFileIO trc(file, "rb", 0600);
-        const int64 n = trc.getSize() / RECORD_SIZE;
+        const int64 n = trc.getSize() / SIZE;
         if (n < 2) return 0;
         const ZqTraceItem first = readItem(&trc);
-        trc.seek((n - 1) * RECORD_SIZE);
+        trc.seek((n - 1) * SIZE);
         return static_cast<int64>(readItem(&trc).time - first.time);
     } catch (const SxException& e) {
         throw SxException(e, "Cannot evaluate duration for trace " + path, UNIT, __LINE__);
@@ -293,23 +234,22 @@ bool ZqTrace::write(const SxConstPtr<SxArray<uint64>>& blocks, const SxConstPtr<
                     const SxString& path, ZqTraceParams::Method method, const SxString& buildId) {
     const SxString file = path + ZqTraceFiles::ITEMS;
     SxFSAction::mkdir_p(SxFileInfo(file).getPath(), 0777);
+    ZqTraceRecords::Summary summary;
     try {
         if (blocks->getSize() != times->getSize()) {
             throw SxException("There are " + SxString(blocks->getSize()) + " blocks and " + times->getSize() +
                                   " times",
                               UNIT, __LINE__);
         }
-        SxFileIO::writeAtomic(file, [&](SxFileIO* trc) {
-            RecordWriter writer(trc);
+        summary = ZqTraceRecords::replace(path, [&](Writer* out) {
             for (int64 i = 0; i < blocks->getSize(); ++i)
-                writer.put((*blocks)(i), (*times)(i));
-            writer.flush();
+                out->put((*blocks)(i), (*times)(i));
         });
     } catch (const SxException& e) {
         zqLogMsg("base", e.toString(3, "\n"));
         throw SxException("Cannot write trace file " + file, UNIT, __LINE__);
     }
-    finishRecord(path, blocks->getSize() * RECORD_SIZE, method, buildId);
+    finishRecord(path, summary, method, buildId);
     return true;
 }
 
@@ -317,17 +257,14 @@ bool ZqTrace::write(const SxConstPtr<Items>& items, const SxString& path, ZqTrac
                     const SxString& buildId) {
     const SxString record = path + ZqTraceFiles::RECORD, file = path + ZqTraceFiles::ITEMS;
     SxFSAction::mkdir_p(SxFileInfo(record).getPath(), 0777);
-    int64 size = 0;
+    ZqTraceRecords::Summary summary;
     try {
-        SxFileIO::writeAtomic(file, [&](SxFileIO* trc) {
-            putItems(trc, *items);
-            size = trc->getOffset();
-        });
+        summary = ZqTraceRecords::replace(path, [&](Writer* out) { putItems(out, *items); });
     } catch (const SxException& e) {
         throw SxException(e, "The trace file [" + file + "] cannot be written.", UNIT, __LINE__);
     }
     try {
-        finishRecord(path, size, method, buildId);
+        finishRecord(path, summary, method, buildId);
     } catch (const SxException& e) {
         throw SxException(e, "The trace meta information [" + record + "] cannot be written.", UNIT,
                           __LINE__);

@@ -2,6 +2,7 @@
 
 #include "SxFileIO.h"
 #include "SxPtr.h"
+#include "ZqSequence.h"
 #include "ZqTraceItem.h"
 #include "ZqTraceParams.h"
 
@@ -67,6 +68,60 @@ public:
                       const SxString& path, ZqTraceParams::Method method, const SxString& buildId);
     static bool write(const SxConstPtr<Items>& items, const SxString& path, ZqTraceParams::Method method,
                       const SxString& buildId);
+
+    // Editing. A relative time is an item's time minus the `time0` of its own trace.json, in milliseconds,
+    // signed. Where nothing else is said, a failure leaves the trace as it was. What a mounted drive records
+    // into is refused.
+
+    /// Keeps the first access to each block of the loaded items.
+    void trim();
+    /// Writes a copy of the trace without repeats to the folder `outPath`, which may be its own.
+    void trim(const SxString& outPath);
+    /// Keeps only the items with relative times of `from` to `to`, both included. Rewrites the trace; the
+    /// `duration` of its record stays. Raises where none would be left.
+    void dropTime(int64 from, int64 to);
+    /// Moves the trace later in relative time, by a change of `time0` alone.
+    void shift(int seconds);
+    /// Rewrites the trace on the time base of the one in `refPath`: the first block of that one which this
+    /// one holds gets its relative time there, what came ahead of it in this one goes, and repeats go.
+    /// Raises where the builds differ, or no block is common.
+    void align(const SxString& refPath);
+    /// Writes the trace, followed by the one in `otherPath` with its first item `gapSeconds` behind the end
+    /// of this one (`time0` + `duration`), to `outPath`. The result stays loaded. Builds aren't compared.
+    void append(const SxString& otherPath, const SxString& outPath, int gapSeconds);
+
+    /// The unique items as runs of neighbouring blocks, in order of time. Raises where there are none.
+    SxList<ZqSequence> traceToSequence() const;
+    /// The blocks of runs one by one, each with the time of its run, which is a relative one. Raises on a
+    /// run of negative length.
+    static SxArray<ZqTraceItem> sequenceToTrace(const SxList<ZqSequence>& list);
+
+    // Several traces of one image build.
+
+    /// Writes the trace that has each block once, at the smallest relative time of any of `traces`, to
+    /// `outPath`, sorted by that time; of equal ones that of the earlier trace counts. Raises, with nothing
+    /// written, where builds differ.
+    static void merge(const SxString& outPath, const SxConstPtr<SxArray<ZqTrace>>& traces);
+
+    /// What another trace would change in a reference.
+    struct Difference {
+        int64 nReference = 0, nOther = 0; ///< unique items
+        int64 nIdentified = 0;            ///< blocks that the reference doesn't hold
+        int64 nInserted = 0;              ///< blocks that come earlier than the reference has come to them
+        int64 nAppended = 0;              ///< blocks that the reference hasn't come to at its end
+
+        /// The figures in sentences, as mergeDiff() logs them.
+        SxList<SxString> toLines() const;
+    };
+    /// Compares the trace, as the reference, with that in `otherPath`.
+    Difference compare(const SxString& otherPath) const;
+    /// The same, written to the log.
+    void mergeDiff(const SxString& otherPath) const;
+
+    /// Writes the trace, carried over to a new build of its image, to `outPath`. `patchPath` holds that
+    /// build's app.json and `map.idx`: for each RAW index of the old image that of the new one, all ones
+    /// where it has none; such items are lost, as are those behind the map's end. Writes figures to the log.
+    void mapToImage(const SxString& patchPath, const SxString& outPath) const;
 
 private:
     SxString pathPrefix;

@@ -5,6 +5,19 @@
 #include <tsl/robin_set.h>
 #include <vector>
 
+/// Hash of a 64-bit index. Mixes all its bits, by a number that differs from table to table: who makes a file
+/// doesn't know which indices would fall on each other.
+struct SxIndexHash {
+    SxIndexHash();
+
+    uint64 seed;
+    size_t operator()(uint64 index) const noexcept {
+        index = (index ^ seed) * 0x9E3779B97F4A7C15;
+        index = (index ^ (index >> 32)) * 0xD6E8FEB86659FD93;
+        return index ^ (index >> 32);
+    }
+};
+
 /// Set of 64-bit indices, such as those of blocks: a bit for each index below a bound, which is many times
 /// faster than hashing, and a hash set for those above, so that one wild index costs no more than its place.
 /// Not locked.
@@ -24,21 +37,15 @@ public:
         return isNew;
     }
 
-private:
-    /// Mixes all bits of the index, by a number that differs from set to set: who makes a file doesn't know
-    /// which indices would fall on each other.
-    struct Hash {
-        uint64 seed;
-        size_t operator()(uint64 index) const noexcept {
-            index = (index ^ seed) * 0x9E3779B97F4A7C15;
-            index = (index ^ (index >> 32)) * 0xD6E8FEB86659FD93;
-            return index ^ (index >> 32);
-        }
-    };
+    bool contains(uint64 index) const {
+        if (index >= bound) return others.contains(index);
+        return index < bits.size() && bits[index];
+    }
 
+private:
     void grow(uint64 index);
 
     uint64 bound;
     std::vector<bool> bits;
-    tsl::robin_set<uint64, Hash> others;
+    tsl::robin_set<uint64, SxIndexHash> others;
 };

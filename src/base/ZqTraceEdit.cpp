@@ -1,0 +1,148 @@
+// The operations of ZqTrace that change one trace or join two.
+
+#include "SxFSAction.h"
+#include "SxIndexSet.h"
+#include "ZqTrace.h"
+#include "ZqTraceFiles.h"
+#include "ZqTraceRecords.h"
+
+#include <optional>
+
+namespace {
+
+constexpr const char* UNIT = "src/base/ZqTrace";
+constexpr int64 MS_PER_S = 1000;
+
+/// Signed, whatever trace.json and the items say: the difference wraps, as the stored numbers do.
+int64 relativeTime(const ZqTraceItem& item, const ZqTraceParams& record) {
+    return static_cast<int64>(item.time - static_cast<uint64>(record.time0));
+}
+
+/// Keeps those items that `wanted` says, in their order.
+template<class Wanted>
+void keepOnly(ZqTrace::Items* items, Wanted&& wanted) {
+    int64 n = 0;
+    for (const ZqTraceItem& item : *items) {
+        if (wanted(item)) (*items)(n++) = item;
+    }
+    items->resize(n, true);
+}
+
+/// The first item of the trace in `path` whose block is in `blocks`.
+std::optional<ZqTraceItem> findFirst(const SxString& path, const SxIndexSet& blocks) {
+    ZqTraceRecords::Reader reader(path);
+    ZqTraceItem item;
+    while (reader.next(&item)) {
+        if (blocks.contains(item.block)) return item;
+    }
+    return {};
+}
+
+} // namespace
+
+void ZqTrace::trim() {
+    try {
+        if (!loaded) throw SxException("No trace data loaded", UNIT, __LINE__);
+        const int64 n = loaded->getSize();
+        SxIndexSet seen(n);
+        keepOnly(loaded.getPtr(), [&](const ZqTraceItem& item) { return seen.insert(item.block); });
+        // Much that was dropped would hold on to much memory.
+        if (loaded->getSize() < n / 2) *loaded = Items(*loaded);
+    } catch (const SxException& e) {
+        throw SxException(e, "Failed to trim trace items", UNIT, __LINE__);
+    }
+}
+
+void ZqTrace::trim(const SxString& outPath) {
+    const ZqTraceParams record(pathPrefix);
+    const SxPtr<Items> items = getItems(true, true, true);
+    ZqTraceRecords::refuseRecording(outPath);
+    record.write(outPath);
+    write(items, outPath, record.method, record.checksumMnt);
+}
+
+void ZqTrace::dropTime(int64 from, int64 to) {
+    const ZqTraceParams record(pathPrefix);
+    const SxPtr<Items> items = getItems(false, true, true);
+    keepOnly(items.getPtr(), [&](const ZqTraceItem& item) {
+        const int64 time = relativeTime(item, record);
+        return from <= time && time <= to;
+    });
+    if (items->getSize() == 0) {
+        throw SxException("All items have been dropped, no trace written.", UNIT, __LINE__);
+    }
+    write(items, pathPrefix, record.method, record.checksumMnt);
+}
+
+void ZqTrace::shift(int seconds) {
+    ZqTraceRecords::refuseRecording(pathPrefix);
+    ZqTraceParams record(pathPrefix);
+    if (__builtin_sub_overflow(record.time0, seconds * MS_PER_S, &record.time0)) {
+        throw SxException("The time0 of the trace '" + pathPrefix + "' can't be shifted by " +
+                              SxString(seconds) + " s",
+                          UNIT, __LINE__);
+    }
+    record.method = ZqTraceParams::Shift;
+    record.write(pathPrefix);
+}
+
+void ZqTrace::align(const SxString& refPath) {
+    const ZqTraceParams refRecord(refPath), record(pathPrefix);
+    const SxPtr<Items> items = getItems(false, true, true);
+    if (!(refRecord.checksumMnt == record.checksumMnt)) {
+        throw SxException("Cannot align traces: Different build IDs detected.", UNIT, __LINE__);
+    }
+    SxIndexSet blocks(items->getSize());
+    keepOnly(items.getPtr(), [&](const ZqTraceItem& item) { return blocks.insert(item.block); });
+    const auto ref = findFirst(refPath, blocks);
+    if (!ref) {
+        throw SxException("Trace alignment failed: Cannot find common blocks to align.", UNIT, __LINE__);
+    }
+    const auto* const first = std::find_if(items->data(), items->data() + items->getSize(),
+                                           [&](const ZqTraceItem& item) { return item.block == ref->block; });
+    const uint64 shift =
+        static_cast<uint64>(record.time0) - first->time + static_cast<uint64>(relativeTime(*ref, refRecord));
+    const int64 nAhead = first - items->data();
+    for (int64 i = nAhead; i < items->getSize(); ++i) {
+        (*items)(i - nAhead) = (*items)(i);
+        (*items)(i - nAhead).time += shift;
+    }
+    items->resize(items->getSize() - nAhead, true);
+    write(items, pathPrefix, ZqTraceParams::Align, record.checksumMnt);
+}
+
+void ZqTrace::append(const SxString& otherPath, const SxString& outPath, int gapSeconds) {
+    // A folder without a record is no trace.
+    const ZqTraceParams otherRecord(otherPath);
+    const SxPtr<Items> other = getItems(otherPath, false, true, true);
+    ZqTraceParams record(pathPrefix);
+    if (!loaded) read(pathPrefix);
+    if (record.duration == 0) record.duration = getTraceDuration();
+
+    auto joined = SxPtr<Items>::create();
+    joined->reserve(loaded->getSize() + other->getSize());
+    for (const ZqTraceItem& item : *loaded) {
+        if (item.valid) joined->append(item);
+    }
+    const uint64 end = static_cast<uint64>(record.time0) + static_cast<uint64>(record.duration) +
+                       static_cast<uint64>(gapSeconds * MS_PER_S);
+    for (const ZqTraceItem& item : *other)
+        joined->append(ZqTraceItem(item.block, item.time - (*other)(0).time + end, item.flag));
+    loaded = joined;
+    ZqTraceRecords::Summary summary;
+    SxFSAction::mkdir_p(SxFileInfo(outPath + ZqTraceFiles::ITEMS).getPath(), 0777);
+    try {
+        summary = ZqTraceRecords::replace(outPath, [&](ZqTraceRecords::Writer* out) {
+            for (const ZqTraceItem& item : *joined)
+                out->put(item);
+        });
+    } catch (const SxException& e) {
+        throw SxException(e, "Failed to write " + outPath + ZqTraceFiles::ITEMS + " trace data", UNIT,
+                          __LINE__);
+    }
+    record.size = summary.size;
+    record.duration = summary.duration;
+    record.method = ZqTraceParams::IncMonitoring;
+    record.checksumTrc = summary.digest;
+    record.write(outPath);
+}

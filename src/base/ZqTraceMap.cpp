@@ -1,0 +1,100 @@
+// The operation of ZqTrace that carries a trace over to another build of its image.
+
+#include "SxFSAction.h"
+#include "ZqAppParams.h"
+#include "ZqLog.h"
+#include "ZqTrace.h"
+#include "ZqTraceFiles.h"
+#include "ZqTraceRecords.h"
+
+namespace {
+
+constexpr const char* UNIT = "src/base/ZqTrace";
+constexpr uint64 NONE = ~uint64{0};
+
+SxArray<uint64> readMap(const SxString& file) {
+    try {
+        if (!SxFSAction::test_f(file)) throw SxException("Missing file " + file, UNIT, __LINE__);
+        SxFileIO idx(file, "rb");
+        constexpr int64 ENTRY = sizeof(uint64);
+        const int64 n = idx.getSize() / ENTRY;
+        SxArray<uint64> map(n);
+        if (idx.readBuffer(map.data(), n * ENTRY) < n * ENTRY) {
+            throw SxException("Failed to read all map items.", UNIT, __LINE__);
+        }
+        if constexpr (std::endian::native == std::endian::big) {
+            for (uint64& entry : map)
+                entry = ZqTraceRecords::swapIfBig(entry);
+        }
+        return map;
+    } catch (const SxException& e) {
+        throw SxException(e, "Cannot read patch map: " + file, UNIT, __LINE__);
+    } catch (const std::exception&) {
+        throw SxException("Cannot read patch map: " + file + ": there is no memory for it", UNIT, __LINE__);
+    }
+}
+
+double percentage(uint64 part, int64 whole) {
+    return whole == 0 ? 0 : static_cast<double>(part) * 100.0 / static_cast<double>(whole);
+}
+
+void logResult(int64 nItems, uint64 nMapped, uint64 nLost) {
+    const SxString bar = "+" + SxString(std::string(77, '-'));
+    for (const SxString& line :
+         {bar, SxString("Result of Trace Analysis"), bar,
+          SxString::sprintf("Number of analyzed Items: %10zd", static_cast<ssize_t>(nItems)),
+          SxString::sprintf("Number of mapped   Items: %10ju (%5.1lf %%)", static_cast<uintmax_t>(nMapped),
+                            percentage(nMapped, nItems)),
+          SxString::sprintf("Number of lost     Items: %10ju (%5.1lf %%)", static_cast<uintmax_t>(nLost),
+                            percentage(nLost, nItems)),
+          bar}) {
+        zqLogMsg("base", line);
+    }
+}
+
+/// Puts the record of the trace in `from` into the folder `to`, whatever it holds.
+void copyRecord(const SxString& from, const SxString& to) {
+    if (SxFileInfo(from).getAbsPath() == SxFileInfo(to).getAbsPath()) return;
+    SxFSAction::mkdir_p(SxFileInfo(to + ZqTraceFiles::RECORD).getPath(), 0777);
+    SxFileIO::writeAtomic(to + ZqTraceFiles::RECORD, SxFileIO::readUtf8(from + ZqTraceFiles::RECORD));
+}
+
+} // namespace
+
+void ZqTrace::mapToImage(const SxString& patchPath, const SxString& outPath) const {
+    ZqAppParams app;
+    try {
+        app = ZqAppParams(patchPath);
+    } catch (const SxException& e) {
+        throw SxException(e, "Cannot read app parameters from " + patchPath, UNIT, __LINE__);
+    }
+    const ZqTraceParams record(pathPrefix);
+    if (record.checksumMnt == app.checksumMnt) {
+        throw SxException("Trace already based on new image.", UNIT, __LINE__);
+    }
+    const SxString file = patchPath + "map.idx";
+    const SxArray<uint64> map = readMap(file);
+    const SxPtr<Items> items = getItems(false, true, true);
+    uint64 nMapped = 0, nLost = 0;
+    for (ZqTraceItem& item : *items) {
+        // Behind the map's end lies what the old image never had.
+        const bool isInside = item.block < static_cast<uint64>(map.getSize());
+        const uint64 rawIdx = isInside ? map(static_cast<int64>(item.block)) : NONE;
+        if (rawIdx == NONE) {
+            item.valid = false;
+            ++nLost;
+            continue;
+        }
+        if ((rawIdx & ZqTraceRecords::FLAG) != 0) {
+            throw SxException("The patch map " + file + " is damaged: entry " + item.block + " names block " +
+                                  rawIdx + ", which no disk has",
+                              UNIT, __LINE__);
+        }
+        item.block = rawIdx;
+        ++nMapped;
+    }
+    logResult(items->getSize(), nMapped, nLost);
+    ZqTraceRecords::refuseRecording(outPath);
+    copyRecord(pathPrefix, outPath);
+    write(items, outPath, ZqTraceParams::Patch, app.checksumMnt);
+}

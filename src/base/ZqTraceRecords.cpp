@@ -1,0 +1,92 @@
+#include "ZqTraceRecords.h"
+
+#include "SxFSAction.h"
+#include "ZqTraceFiles.h"
+
+namespace {
+
+constexpr const char* UNIT = "src/base/ZqTrace";
+/// Bytes after which the system is asked to begin writing, so that the disk works while we go on.
+constexpr int64 WRITEBACK = 8 << 20;
+
+} // namespace
+
+namespace ZqTraceRecords {
+
+void encode(uint64 block, uint64 timeMs, char* record) {
+    if (!holds(timeMs)) {
+        throw SxException(SxString("The time ") + static_cast<int64>(timeMs) + " of block " +
+                              (block & ~FLAG) + " is none that a trace can hold",
+                          UNIT, __LINE__);
+    }
+    const uint64 fields[2] = {swapIfBig(block), swapIfBig((timeMs + FROM_1601_TO_1970_MS) * UNITS_PER_MS)};
+    std::memcpy(record, fields, sizeof fields);
+}
+
+void Writer::flush() {
+    file->writeBuffer(buffer.data(), used);
+    if (digest) digest->update(buffer.data(), used);
+    used = 0;
+    const int64 done = file->getOffset();
+    if (done > 0 && done % WRITEBACK == 0) file->startWriteback(done - WRITEBACK, WRITEBACK);
+}
+
+Summary replace(const SxString& path, const std::function<void(Writer* out)>& fill) {
+    refuseRecording(path);
+    Summary summary;
+    SxFileIO::writeAtomic(path + ZqTraceFiles::ITEMS, [&](SxFileIO* file) {
+        SxMd5 digest;
+        Writer out(file, &digest);
+        fill(&out);
+        out.flush();
+        digest.finish();
+        summary = {out.getN() * SIZE, out.getDuration(), digest.toString()};
+    });
+    return summary;
+}
+
+bool isRecording(const SxString& path) {
+    SxOs& os = SxOs::get();
+    const int fd = os.open(SxOs::hostPath(path + ZqTraceFiles::ITEMS), SxOs::Read, 0);
+    if (fd < 0) return false;
+    // A file system without locks has nobody who holds one.
+    const bool isLocked = os.isLocked(fd, 0, 1, SxOs::Lock::Exclusive) == 1;
+    os.close(fd);
+    return isLocked;
+}
+
+void refuseRecording(const SxString& path) {
+    if (!isRecording(path)) return;
+    throw SxException("A mounted drive records into the trace '" + path + "'; unmount it first", UNIT,
+                      __LINE__);
+}
+
+Reader::Reader(const SxString& path, int64 chunk)
+    : file(path + ZqTraceFiles::ITEMS),
+      chunkSize(chunk * SIZE) {
+    if (!SxFSAction::test_f(file)) {
+        throw SxException("Cannot trace data. File '" + file + "' not found!", UNIT, __LINE__);
+    }
+    n = SxFileInfo(file).getSize() / SIZE;
+    buffer.resize(std::min(chunkSize, n * SIZE));
+}
+
+bool Reader::fill() {
+    const int64 size = std::min(buffer.getSize(), (n - nRead) * SIZE);
+    if (size == 0) return false;
+    try {
+        SxFileIO trc(file, "rb", 0600);
+        trc.seek(nRead * SIZE);
+        if (trc.readBuffer(buffer.data(), size) < size) {
+            throw SxException("Invalid number of items read", UNIT, __LINE__);
+        }
+    } catch (const SxException& e) {
+        throw SxException(e, "Cannot read trace items from " + file, UNIT, __LINE__);
+    }
+    nRead += size / SIZE;
+    at = buffer.data();
+    end = at + size;
+    return true;
+}
+
+} // namespace ZqTraceRecords
