@@ -24,6 +24,9 @@ void TraceRecorder::start(const SxString& folder) {
     const std::string slash = folder.endsWith("/") ? "" : "/";
     file.open(SxOs::hostPath(folder) + slash + "img.trc",
               SxOs::Write | SxOs::Create | SxOs::Truncate | SxOs::NoFollow);
+    // Tells whoever edits or joins traces that this one is still written. Where there are no locks, the
+    // image's own have to do.
+    SxOs::get().lockRange(file.getFd(), 0, 1, SxOs::Lock::Exclusive);
     end = 0;
     const SxMutexBlock lock(&mutex);
     gathered.clear();

@@ -8,8 +8,8 @@
 #include <vector>
 
 /// Records which blocks requests touch, in `img.trc`: 16 bytes a block, the RAW index with bit 63 for a
-/// write, and the time as Windows file time, both little-endian and in order of time. Safe from any thread;
-/// whoever records never waits for the file.
+/// write, and the time as Windows file time, both little-endian and in order of time; the first byte is
+/// locked meanwhile. Safe from any thread; whoever records never waits for the file.
 class TraceRecorder {
 public:
     ~TraceRecorder() { stop(); }
