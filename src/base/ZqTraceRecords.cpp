@@ -3,6 +3,8 @@
 #include "SxFSAction.h"
 #include "ZqTraceFiles.h"
 
+#include <cerrno>
+
 namespace {
 
 constexpr const char* UNIT = "src/base/ZqTrace";
@@ -46,13 +48,20 @@ Summary replace(const SxString& path, const std::function<void(Writer* out)>& fi
 }
 
 bool isRecording(const SxString& path) {
+    const SxString file = path + ZqTraceFiles::ITEMS;
     SxOs& os = SxOs::get();
-    const int fd = os.open(SxOs::hostPath(path + ZqTraceFiles::ITEMS), SxOs::Read, 0);
-    if (fd < 0) return false;
+    const int fd = os.open(SxOs::hostPath(file), SxOs::Read, 0);
+    if (fd == -ENOENT || fd == -ENOTDIR) return false;
+    int result = fd;
+    if (fd >= 0) {
+        result = os.isLocked(fd, 0, 1, SxOs::Lock::Exclusive);
+        os.close(fd);
+    }
+    if (result >= 0) return result == 1;
     // A file system without locks has nobody who holds one.
-    const bool isLocked = os.isLocked(fd, 0, 1, SxOs::Lock::Exclusive) == 1;
-    os.close(fd);
-    return isLocked;
+    if (fd >= 0 && (result == -ENOLCK || result == -EOPNOTSUPP || result == -ENOSYS)) return false;
+    throw SxException(SxException(SxOs::errorText(result), UNIT, __LINE__), "Cannot look at '" + file + "'",
+                      UNIT, __LINE__);
 }
 
 void refuseRecording(const SxString& path) {

@@ -4,8 +4,13 @@
 #include "ZqCreateContent.h"
 #include "ZqImage.h"
 #include "ZqImageBuild.h"
+#include "ZqMachineRoot.h"
+#include "ZqTrace.h"
+#include "ZqTraceBuilder.h"
 
 #include <csignal>
+#include <optional>
+#include <set>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -130,6 +135,62 @@ std::string join(const TempDir& dir) {
     return failureOf([&] { ZqImage(SxString(dir.path("watched/"))).join(); });
 }
 
+void makeTrace(const TempDir& dir, const std::string& name, int64 time0, uint64 block) {
+    const SxString path = dir.path("watched/traces/" + name) + "/";
+    ZqTraceParams record;
+    record.time0 = time0;
+    record.write(path);
+    const auto items = SxPtr<ZqTrace::Items>::create();
+    for (uint64 i = 0; i < 5; ++i)
+        items->append(ZqTraceItem(block + i, static_cast<uint64>(time0) + i, false));
+    SxFileIO file(path + "img.trc", "wb");
+    ZqTrace::writeItems(&file, items);
+}
+
+void makeTraces(const TempDir& dir) {
+    dir.write("watched/app.json", "{}");
+    makeTrace(dir, "run2", 200, 12);
+    makeTrace(dir, "0run1", 100, 10);
+    makeTrace(dir, "zero", 300, 20);
+    fs::resize_file(dir.path("watched/traces/zero/img.trc"), 0);
+}
+
+void makeTracesAndResult(const TempDir& dir) {
+    makeTraces(dir);
+    makeTrace(dir, "merged", 50, 100);
+}
+
+std::string joinTraces(const TempDir& dir) {
+    // No service of this machine is to be asked.
+    ZqMachineRoot::set(dir.path("root"));
+    ZqTraceBuilder job(dir.path("watched"), dir.path("watched/traces"), "merged");
+    std::string failure = failureOf(job);
+    ZqMachineRoot::set("");
+    return failure;
+}
+
+/// Before the result is whole and in its place, each former trace must be whole somewhere.
+std::string findLostTraces(const TempDir& dir, const TreeSnapshot& before, const TreeSnapshot& after) {
+    const auto traceIn = [](const TreeSnapshot& tree, const std::string& folder) {
+        const auto items = tree.find(folder + "/img.trc"), record = tree.find(folder + "/trace.json");
+        using Trace = std::optional<std::pair<TreeMark, TreeMark>>;
+        return items == tree.end() || record == tree.end() ? Trace()
+                                                           : Trace(std::pair(items->second, record->second));
+    };
+    const TreeSnapshot now = contentOf(dir);
+    if (traceIn(now, "traces/merged") == traceIn(after, "traces/merged")) return "";
+    for (const std::string name : {"0run1", "run2", "merged"}) {
+        const auto former = traceIn(before, "traces/" + name);
+        bool isThere = !former || traceIn(now, "traces/" + name) == former;
+        // A former result is moved out of the way.
+        for (const auto& entry : now) {
+            if (entry.second.kind == TreeMark::Folder && traceIn(now, entry.first) == former) isThere = true;
+        }
+        if (!isThere) return "the trace of " + name + " is lost";
+    }
+    return "";
+}
+
 const Job JOBS[] = {{"Split", makeWhole, split<false>, findLostParts},
                     {"SplitCompressed", makeWhole, split<true>, findLostParts},
                     {"SplitAnew", makeWholeAndParts, split<false>, findLostParts},
@@ -141,7 +202,9 @@ const Job JOBS[] = {{"Split", makeWhole, split<false>, findLostParts},
                     {"JoinTakenBack", makeParts, join, findLostParts, 1 << 30, true},
                     {"CreateOverAnImage", makeSourceAndImage, createOver, findMixedImage},
                     {"CreateInANewFolder", makeSource, createNew, findMixedImage},
-                    {"BuildOverAnImage", makeSourceAndImage, buildOver, findMixedImage}};
+                    {"BuildOverAnImage", makeSourceAndImage, buildOver, findMixedImage},
+                    {"JoinTraces", makeTraces, joinTraces, findLostTraces},
+                    {"JoinTracesToAResult", makeTracesAndResult, joinTraces, findLostTraces}};
 
 class ImageCrash : public testing::TestWithParam<Job> {
 protected:
@@ -223,6 +286,39 @@ TEST_P(ImageCrash, PowerCutAtAnyStep) {
             checkAndRepeat(dir);
         }
     }
+}
+
+TEST(TraceJoin, DisturbedInAnyWayLosesNoBlock) {
+    // The sweep itself takes no notice of a stop.
+    class Idle : public ZqTaskMon {
+        void main() override {}
+    } idle;
+    jobUnderWay = &idle;
+    const auto blocksIn = [](const TempDir& dir) {
+        std::set<uint64> blocks;
+        for (const auto& entry : fs::directory_iterator(dir.path("watched/traces"))) {
+            const SxString path = entry.path().string() + "/";
+            if (!ZqTraceParams::isValid(path) || !fs::exists(entry.path() / "img.trc")) continue;
+            const auto items = ZqTrace::getItems(path, true, true, true);
+            for (const ZqTraceItem& item : *items)
+                blocks.insert(item.block);
+        }
+        return blocks;
+    };
+    const TempDir undisturbed;
+    makeTracesAndResult(undisturbed);
+    const std::set<uint64> all = blocksIn(undisturbed);
+    disturb(
+        makeTracesAndResult, joinTraces,
+        [&](const TempDir& dir, const std::string& failure) {
+            EXPECT_EQ(blocksIn(dir), all) << failure;
+            EXPECT_EQ(joinTraces(dir), "");
+            EXPECT_EQ(blocksIn(dir), all) << failure;
+            const auto tree = dir.snapshot("watched/traces");
+            EXPECT_TRUE(tree.count("merged/img.trc"));
+            EXPECT_EQ(tree.size(), 3U) << failure << testing::PrintToString(tree);
+        },
+        100, 100);
 }
 
 INSTANTIATE_TEST_SUITE_P(Jobs, ImageCrash, testing::ValuesIn(JOBS),

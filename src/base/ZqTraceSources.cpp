@@ -1,0 +1,153 @@
+#include "ZqTraceSources.h"
+
+#include "SxFSAction.h"
+#include "SxJSONParser.h"
+#include "SxMd5.h"
+#include "SxTime.h"
+#include "ZqLog.h"
+#include "ZqRecordFile.h"
+#include "ZqSysEnv.h"
+#include "ZqTraceFiles.h"
+#include "ZqTraceParams.h"
+#include "ZqTraceRecords.h"
+
+#include <algorithm>
+#include <random>
+
+using SxParserKit::SxSymbol;
+
+namespace {
+
+constexpr const char* UNIT = "src/base/ZqTraceSources";
+constexpr const char* NOTE = "sources.json";
+
+} // namespace
+
+bool ZqTraceSources::isPlainName(const SxString& name) {
+    return !name.isEmpty() && !(name == ".") && !(name == "..") && name.contains("/") == 0;
+}
+
+bool ZqTraceSources::isTraceFolder(const SxString& path) {
+    bool isRest = true;
+    for (const SxFileInfo& info : SxFSAction::ls(path)) {
+        const SxString name = info.getName();
+        if (name == ZqTraceFiles::ITEMS || name == ZqTraceFiles::RECORD) return true;
+        bool isOurs = name == NOTE;
+        for (const SxString& file :
+             {SxString(ZqTraceFiles::ITEMS), SxString(ZqTraceFiles::RECORD), SxString(NOTE)})
+            isOurs = isOurs || name == file + ".tmp";
+        isRest = isRest && isOurs;
+    }
+    return isRest;
+}
+
+SxString ZqTraceSources::newName(const SxString& tracesPath) {
+    for (;;) {
+        const SxString salt = SxString(ZqSysEnv::getSysTime()) + SxString(std::random_device()());
+        SxString name =
+            SxTime::strftime("%y%m%d_%H%M_") + ZqSysEnv::getUserId() + "_" + SxMd5::get(salt);
+        if (!SxFSAction::exists(tracesPath + name)) return name;
+    }
+}
+
+ZqTraceSources::Folder ZqTraceSources::look(const SxString& tracesPath, const SxString& name) {
+    const SxString path = tracesPath + name + "/";
+    Folder folder;
+    folder.name = name;
+    if (SxFSAction::test_f(path + ZqTraceFiles::RECORD)) {
+        folder.record = SxMd5::file(path + ZqTraceFiles::RECORD);
+    }
+    const SxFileInfo items(path + ZqTraceFiles::ITEMS);
+    if (items.isFile()) folder.size = items.getSize();
+    return folder;
+}
+
+void ZqTraceSources::add(const SxString& tracesPath, const SxString& name) {
+    Folder folder = look(tracesPath, name);
+    if (name == target) {
+        aside = newName(tracesPath);
+        folder.name = aside;
+    }
+    folders.push_back(folder);
+}
+
+void ZqTraceSources::write(const SxString& path) const {
+    SxSymbol root;
+    root.setType(SxParserAst::Object);
+    root.append("target", target);
+    root.append("aside", aside);
+    SxSymbol list = root.append("folders", SxParserAst::Array);
+    for (const Folder& folder : folders) {
+        SxSymbol entry = list.append(SxParserAst::Object);
+        entry.append("name", folder.name);
+        entry.append("record", folder.record);
+        entry.append("size", folder.size);
+    }
+    ZqRecordFile::write(root, path + NOTE);
+}
+
+std::optional<ZqTraceSources> ZqTraceSources::read(const SxString& path) {
+    // A trace that was cut off while it was written has no record yet.
+    if (!SxFSAction::test_f(path + NOTE) || !ZqTraceParams::isValid(path)) return {};
+    try {
+        SxJSONParser parser;
+        parser.readFile(path + NOTE);
+        const SxSymbol root = parser.getRootSymbol();
+        ZqTraceSources note(root.getElem("target").toString());
+        note.aside = root.getElem("aside").toString();
+        const SxSymbol list = root.getElem("folders");
+        bool isSound = isPlainName(note.target) && (note.aside.isEmpty() || isPlainName(note.aside));
+        for (int64 i = 0; i < list.getSize(); ++i) {
+            Folder folder;
+            folder.name = list.at(i).getElem("name").toString();
+            folder.record = list.at(i).getElem("record").toString();
+            folder.size = list.at(i).getElem("size").toInt();
+            isSound = isSound && isPlainName(folder.name) && !(folder.name == note.target);
+            note.folders.push_back(folder);
+        }
+        if (isSound) return note;
+        zqLogMsg("base", "ZqTraceBuilder::main: " + path + NOTE + " names what is no folder of traces");
+    } catch (const SxException& e) {
+        zqLogMsg("base", "ZqTraceBuilder::main: Cannot read " + path + NOTE + ": " + e.what());
+    }
+    return {};
+}
+
+void ZqTraceSources::putInPlace(const SxString& tracesPath, const SxString& name) const {
+    const SxString place = tracesPath + target;
+    if (SxFSAction::exists(place)) {
+        ZqTraceRecords::refuseRecording(place + "/");
+        // What was recorded under this name since is no source and will be a run of the next sweep.
+        const bool isFree = !aside.isEmpty() && !SxFSAction::exists(tracesPath + aside);
+        SxFSAction::mv(place, tracesPath + (isFree ? aside : newName(tracesPath)));
+        SxFSAction::syncDir(tracesPath);
+    }
+    SxFSAction::mv(tracesPath + name, place);
+    SxFSAction::syncDir(tracesPath);
+}
+
+bool ZqTraceSources::isAsNoted(const SxString& tracesPath, const Folder& noted) {
+    if (ZqTraceRecords::isRecording(tracesPath + noted.name + "/")) return false;
+    const Folder now = look(tracesPath, noted.name);
+    // A removal that was cut off took one of the files.
+    return (now.record.isEmpty() || now.record == noted.record) && (now.size < 0 || now.size == noted.size);
+}
+
+void ZqTraceSources::removeAll(const SxString& tracesPath) const {
+    // By the listing, which fails where it can't tell: a source that is passed over would be joined again.
+    for (const SxFileInfo& info : SxFSAction::ls(tracesPath)) {
+        const auto noted = std::find_if(folders.begin(), folders.end(),
+                                        [&](const Folder& folder) { return folder.name == info.getName(); });
+        if (noted == folders.end() || !isAsNoted(tracesPath, *noted)) continue;
+        zqLogMsg("base", "ZqTraceBuilder::main: Removing trace folder " + info.getAbsPath());
+        SxFSAction::rm_r(info);
+    }
+    SxFSAction::syncDir(tracesPath);
+}
+
+void ZqTraceSources::finish(const SxString& tracesPath, const SxString& name) const {
+    if (!(name == target)) putInPlace(tracesPath, name);
+    removeAll(tracesPath);
+    SxFSAction::rm(tracesPath + target + "/" + NOTE);
+    SxFSAction::syncDir(tracesPath + target + "/");
+}

@@ -1,0 +1,52 @@
+#pragma once
+
+#include "SxString.h"
+
+#include <optional>
+#include <vector>
+
+/// The note `sources.json` in a trace that was joined of others: which folders went into it, so that they can
+/// be removed, by whoever comes next where that was cut off. A folder is told by its name and by what it held
+/// then: one that was recorded anew since isn't touched. Not locked.
+///
+/// JSON: an object with the texts `target` and `aside` and the list `folders`, each with `name`, `record`
+/// (MD5 text of trace.json) and `size` (bytes of img.trc, -1 where there is none).
+class ZqTraceSources {
+public:
+    /// `target_`: the folder that the joined trace is to have; all are plain names in one folder of traces.
+    explicit ZqTraceSources(const SxString& target_) : target(target_) {}
+
+    /// Notes the folder `name` of `tracesPath` as one that went in.
+    void add(const SxString& tracesPath, const SxString& name);
+    /// Writes the note into the trace folder `path`.
+    void write(const SxString& path) const;
+    /// The note of a complete trace; none where there is none, or it can't be read.
+    static std::optional<ZqTraceSources> read(const SxString& path);
+
+    /// Puts the complete trace in the folder `name` of `tracesPath` in its place, removes the folders that
+    /// went into it, and then the note. After a cut at any point it goes on when it is called again.
+    void finish(const SxString& tracesPath, const SxString& name) const;
+
+    /// Removes the folders that were noted.
+    void removeAll(const SxString& tracesPath) const;
+
+    /// A new name for a folder in `tracesPath`.
+    static SxString newName(const SxString& tracesPath);
+    static bool isPlainName(const SxString& name);
+    /// Whether the folder `path` holds a trace, or what a cut left of one, or nothing.
+    static bool isTraceFolder(const SxString& path);
+
+private:
+    struct Folder {
+        SxString name, record;
+        int64 size = -1;
+    };
+
+    static Folder look(const SxString& tracesPath, const SxString& name);
+    void putInPlace(const SxString& tracesPath, const SxString& name) const;
+    static bool isAsNoted(const SxString& tracesPath, const Folder& noted);
+
+    SxString target;
+    SxString aside; ///< the name that a former result takes until it goes; empty where there was none
+    std::vector<Folder> folders;
+};

@@ -1,0 +1,287 @@
+#include "MountTest.h"
+#include "SxFileInfo.h"
+#include "SxMd5.h"
+#include "ZqImageLock.h"
+#include "ZqTrace.h"
+#include "ZqTraceBuilder.h"
+
+#include <set>
+
+namespace {
+
+using ItemList = std::vector<ZqTraceItem>;
+
+/// An image whose traces are swept.
+class Sweep : public Machine {
+public:
+    const std::string traces = "image/traces/";
+
+    SxString folder(const std::string& run) const { return dir.path(traces + run) + "/"; }
+
+    /// A run of blocks, one each millisecond, from 5 ms behind its start on.
+    void makeRun(const std::string& run, int64 time0, const std::vector<uint64>& blocks) const {
+        ItemList items;
+        for (const uint64 block : blocks)
+            items.emplace_back(block, static_cast<uint64>(time0) + 5 + items.size(), false);
+        makeTrace(run, time0, items);
+    }
+    void makeTrace(const std::string& run, int64 time0, const ItemList& items) const {
+        ZqTraceParams record;
+        record.time0 = time0;
+        record.checksumMnt = app.checksumMnt;
+        record.write(folder(run));
+        const auto list = SxPtr<ZqTrace::Items>::create();
+        for (const ZqTraceItem& item : items)
+            list->append(item);
+        SxFileIO file(folder(run) + "img.trc", "wb");
+        ZqTrace::writeItems(&file, list);
+    }
+    ItemList itemsOf(const std::string& run) const {
+        const auto items = ZqTrace::getItems(folder(run), false, true, true);
+        return {items->begin(), items->end()};
+    }
+    std::vector<std::string> names() const {
+        std::set<std::string> found;
+        for (const auto& entry : fs::directory_iterator(dir.path(traces)))
+            found.insert(entry.path().filename().string());
+        return {found.begin(), found.end()};
+    }
+    /// Gives the failure; `stopped` tells whether it gave up.
+    std::string sweep(bool* stopped = nullptr, const SxString& run = "merged") {
+        ZqTraceBuilder builder(image, dir.path(traces), run);
+        builder.start();
+        builder.wait();
+        if (stopped) *stopped = builder.stopRequested();
+        nJoined = builder.getNJoined();
+        nCorrupted = builder.getNCorrupted();
+        refusal = builder.getRefusal();
+        return builder.hasException() ? builder.getException().what() : "";
+    }
+
+    int64 nJoined = 0, nCorrupted = 0;
+    SxString refusal;
+};
+
+/// The same by appending folder by folder, with all that it says going through files.
+std::pair<std::string, ZqTraceParams> appendOneByOne(const TempDir& dir, const std::vector<SxString>& runs) {
+    const SxString work = dir.path("work/");
+    ZqTrace base(runs[0]);
+    ZqTraceParams record(runs[0]);
+    base.read(runs[0]);
+    base.write(work);
+    record.write(work);
+    base = ZqTrace(work);
+    base.read(work);
+    for (size_t i = 1; i < runs.size(); ++i) {
+        base.read(work);
+        record.firstSessionBlockIndex = base.getNItems(true);
+        base.append(runs[i], work, 0);
+    }
+    record.duration = base.getTraceDuration();
+    base.trim();
+    base.write(work);
+    record.method = ZqTraceParams::IncMonitoring;
+    record.size = SxFileInfo(work + "img.trc").getSize();
+    record.checksumTrc = SxMd5::file(work + "img.trc");
+    record.write(work);
+    return {dir.read("work/img.trc") + dir.read("work/trace.json"), record};
+}
+
+} // namespace
+
+TEST(TraceBuilder, IsThatOfAppendingRunByRun) {
+    TestRandom random;
+    TRACE_SEED(random);
+    for (int round = 0; round < 40 && !testing::Test::HasFailure(); ++round) {
+        SCOPED_TRACE(round);
+        Sweep sweep;
+        std::map<int64, SxString> runs;
+        for (uint64 k = random.between(2, 6); k > 0; --k) {
+            const std::string name = "run" + std::to_string(k);
+            const auto time0 = static_cast<int64>(random.below(100'000));
+            if (runs.count(time0)) continue;
+            ItemList items;
+            int64 time = time0 + static_cast<int64>(random.below(50)) - 20;
+            for (uint64 n = random.between(k == 2 ? 0 : 1, 30); n > 0; --n) {
+                time += static_cast<int64>(random.below(9)) - 2;
+                items.emplace_back(random.below(40), static_cast<uint64>(time), random.chance(0.2));
+            }
+            sweep.makeTrace(name, time0, items);
+            if (items.empty()) sweep.dir.write(sweep.traces + name + "/img.trc", "rest");
+            if (random.chance(0.3)) {
+                ZqTraceParams record(sweep.folder(name));
+                record.duration = static_cast<int64>(random.below(500)); // true or not
+                record.write();
+            }
+            runs[time0] = sweep.folder(name);
+        }
+        if (runs.size() < 2) continue;
+        std::vector<SxString> inOrder;
+        for (const auto& [time0, path] : runs)
+            inOrder.push_back(path);
+        const auto [expected, record] = appendOneByOne(sweep.dir, inOrder);
+        EXPECT_EQ(sweep.sweep(), "");
+        EXPECT_EQ(sweep.nJoined, static_cast<int64>(runs.size()));
+        EXPECT_THAT(sweep.names(), ElementsAre("merged"));
+        EXPECT_EQ(sweep.dir.read(sweep.traces + "merged/img.trc") +
+                      sweep.dir.read(sweep.traces + "merged/trace.json"),
+                  expected);
+        EXPECT_EQ(sweep.dir.snapshot(sweep.traces + "merged").size(), 2U);
+    }
+}
+
+TEST(TraceBuilder, RunsAddUpOverTime) {
+    Sweep sweep;
+    bool stopped = true;
+    sweep.makeRun("b", 300, {1, 9});
+    EXPECT_EQ(sweep.sweep(&stopped), "");
+    EXPECT_FALSE(stopped);
+    EXPECT_EQ(sweep.nLogged("ZqTraceBuilder::main: Nothing to merge"), 1);
+    EXPECT_THAT(sweep.names(), ElementsAre("b"));
+
+    sweep.makeRun("a", 100, {1, 2, 1, 3});
+    sweep.makeRun("z", 200, {3, 4});
+    EXPECT_EQ(sweep.sweep(&stopped), "");
+    EXPECT_FALSE(stopped);
+    EXPECT_THAT(sweep.names(), ElementsAre("merged"));
+    // Each behind the duration of those before, counted from time0.
+    const ItemList all = {
+        {1, 105, false}, {2, 106, false}, {3, 108, false}, {4, 104, false}, {9, 100, false}};
+    EXPECT_EQ(sweep.itemsOf("merged"), all);
+    ZqTraceParams record(sweep.folder("merged"));
+    EXPECT_EQ(record.firstSessionBlockIndex, 4);
+    EXPECT_EQ(record.time0, 100);
+    EXPECT_GT(sweep.nLogged("Base trace " + sweep.folder("a").str()), 0);
+    EXPECT_GT(sweep.nLogged("Appending trace " + sweep.folder("z").str()), 0);
+    EXPECT_GT(sweep.nLogged("Removing trace folder " + sweep.dir.path(sweep.traces + "b")), 0);
+
+    // The former result comes first, as the oldest.
+    sweep.makeRun("c", 400, {8, 1});
+    EXPECT_EQ(sweep.sweep(), "");
+    EXPECT_THAT(sweep.names(), ElementsAre("merged"));
+    EXPECT_EQ(sweep.itemsOf("merged").size(), 6U);
+    EXPECT_EQ(sweep.itemsOf("merged").back().block, 8U);
+    record.read(sweep.folder("merged"));
+    EXPECT_EQ(record.firstSessionBlockIndex, 5);
+}
+
+TEST(TraceBuilder, WhatIsDamagedGoesAndWhatIsNoTraceStays) {
+    Sweep sweep;
+    constexpr int64 LATE = 1'700'000'000'000'000;
+    sweep.makeRun("good", LATE, {5, 5, 6});
+    sweep.makeRun("empty", 1, {7});
+    fs::resize_file(sweep.dir.path(sweep.traces + "empty/img.trc"), 0);
+    sweep.makeRun("cut", 2, {7});
+    sweep.dir.write(sweep.traces + "cut/trace.json", R"({"version": 2, "ti)");
+    sweep.makeRun("without items", 3, {7});
+    fs::remove(sweep.dir.path(sweep.traces + "without items/img.trc"));
+    fs::create_directory(sweep.dir.path(sweep.traces + "nothing"));
+    sweep.dir.write(sweep.traces + "half/img.trc.tmp", "of a sweep that was cut off");
+    // Behind the good one its times would lie where no record reaches.
+    sweep.makeTrace("far", LATE + 1, {{1, 5, false}, {2, static_cast<uint64>(LATE), false}});
+    sweep.dir.write(sweep.traces + "letters/dear.txt", "precious");
+    sweep.dir.write(sweep.traces + "note.txt", "a file");
+    EXPECT_EQ(sweep.sweep(), "");
+    EXPECT_EQ(sweep.nJoined, 1);
+    EXPECT_EQ(sweep.itemsOf("merged").size(), 2U);
+    EXPECT_EQ(sweep.nLogged("ZqTraceBuilder::main: Corrupted trace"), sweep.nCorrupted);
+    EXPECT_EQ(sweep.nCorrupted, 6);
+    EXPECT_THAT(sweep.names(), ElementsAre("letters", "merged", "note.txt"));
+
+    // Nothing that can be read at all: the folders go, no result comes.
+    Sweep hopeless;
+    for (const char* name : {"a", "b", "merged"})
+        hopeless.dir.write(hopeless.traces + name + "/trace.json", "{");
+    EXPECT_EQ(hopeless.sweep(), "");
+    EXPECT_THAT(hopeless.names(), IsEmpty());
+    EXPECT_EQ(hopeless.nCorrupted, 3);
+}
+
+TEST(TraceBuilder, GivesUpAndTouchesNothing) {
+    Sweep sweep;
+    sweep.makeRun("a", 1, {1});
+    sweep.makeRun("b", 2, {2});
+    const TreeSnapshot before = sweep.dir.snapshot(sweep.traces);
+    const std::string stillMounted = "Image still mounted, trace not complete.";
+    const auto expectRefusal = [&](const std::string& why) {
+        SCOPED_TRACE(why);
+        bool stopped = false;
+        EXPECT_EQ(sweep.sweep(&stopped), "");
+        EXPECT_TRUE(stopped);
+        EXPECT_THAT(sweep.refusal.str(), testing::StartsWith(why));
+        EXPECT_GT(sweep.nLogged("ZqTraceBuilder::main: " + why), 0);
+        sweep.log.clear();
+        EXPECT_EQ(sweep.dir.snapshot(sweep.traces), before);
+    };
+    sweep.mountAlone();
+    expectRefusal(stillMounted);
+    sweep.mgr.umountImage(sweep.image, true);
+    {
+        const auto user = ZqImageLock::take(sweep.image, ZqImageLock::Shape, ZqImageLock::Shared, "run");
+        expectRefusal(stillMounted);
+        EXPECT_THAT(sweep.refusal.str(), HasSubstr("(run)"));
+    }
+    bool stopped = false;
+    sweep.driver.fail("IsMounted");
+    EXPECT_THAT(sweep.sweep(&stopped), testing::StartsWith("Trace builder failed."));
+    EXPECT_TRUE(stopped);
+    sweep.driver.mend("IsMounted");
+    for (const char* name : {"", ".", "..", "x/y", "../traces"})
+        EXPECT_THAT(sweep.sweep(nullptr, name), HasSubstr("is no name for a trace folder")) << name;
+    sweep.dir.write(sweep.traces + "letters/dear.txt", "precious");
+    EXPECT_THAT(sweep.sweep(nullptr, "letters"), HasSubstr("holds something else than a trace"));
+    EXPECT_EQ(sweep.dir.read(sweep.traces + "letters/dear.txt"), "precious");
+    fs::remove_all(sweep.dir.path(sweep.traces + "letters"));
+    EXPECT_EQ(sweep.dir.snapshot(sweep.traces), before);
+    fs::remove_all(sweep.dir.path(sweep.traces));
+    EXPECT_EQ(sweep.sweep(&stopped), "");
+    EXPECT_TRUE(stopped);
+    EXPECT_THAT(sweep.refusal.str(), testing::StartsWith("Cannot find "));
+}
+
+TEST(TraceBuilder, LeavesTheTraceOfAnotherMountedDriveAlone) {
+    Sweep sweep;
+    for (const auto& [name, time0] : {std::pair("a", 1), {"b", 2}, {"live", 3}})
+        sweep.makeRun(name, time0, {static_cast<uint64>(time0)});
+    SxFileIO recorder(sweep.folder("live") + "img.trc", "r+b");
+    ASSERT_EQ(SxOs::get().lockRange(recorder.getFd(), 0, 1, SxOs::Lock::Exclusive), 0);
+    EXPECT_EQ(sweep.sweep(), "");
+    EXPECT_THAT(sweep.names(), ElementsAre("live", "merged"));
+    EXPECT_EQ(sweep.itemsOf("live").size(), 1U);
+    EXPECT_EQ(sweep.itemsOf("merged").size(), 2U);
+    sweep.makeRun("c", 9, {9});
+    EXPECT_THAT(sweep.sweep(nullptr, "live"), HasSubstr("A mounted drive records into the trace"));
+    EXPECT_THAT(sweep.names(), ElementsAre("c", "live", "merged"));
+}
+
+TEST(TraceBuilder, GoesOnWhereItWasCutOffWithoutWhatIsNewSince) {
+    // As a kill leaves it: the result is in its place, and of what went into it one run is there, one was
+    // recorded anew under its name.
+    Sweep sweep;
+    sweep.makeRun("merged", 1, {1, 2});
+    sweep.makeRun("a", 1, {1});
+    sweep.makeRun("b", 2, {3, 4});
+    const std::string digest = SxMd5::file(sweep.folder("a") + "trace.json").str();
+    const auto note = [&](const std::string& target, const std::string& b) {
+        sweep.dir.write(
+            sweep.traces + "merged/sources.json",
+            R"({"target": ")" + target + R"(", "aside": "", "folders": [{"name": "a", "record": ")" + digest +
+                R"(", "size": 16}, {"name": ")" + b + R"(", "record": "of another", "size": 32}]})");
+    };
+    note("merged", "b");
+    EXPECT_EQ(sweep.sweep(), "");
+    EXPECT_THAT(sweep.names(), ElementsAre("merged"));
+    EXPECT_EQ(sweep.nJoined, 2);
+    ASSERT_EQ(sweep.itemsOf("merged").size(), 4U) << "the new run isn't lost";
+    EXPECT_EQ(sweep.itemsOf("merged").back().block, 4U);
+
+    // A note that leads out of the folder is passed over.
+    sweep.dir.write("image/precious/img.trc", std::string(32, 'x'));
+    for (const auto& [target, b] :
+         {std::pair("merged", "../precious"), {"../precious", "b"}, {"merged", ".."}}) {
+        note(target, b);
+        EXPECT_EQ(sweep.sweep(), "");
+        EXPECT_THAT(sweep.names(), ElementsAre("merged"));
+        EXPECT_EQ(sweep.dir.snapshot("image/precious").size(), 1U);
+    }
+}
