@@ -41,17 +41,21 @@ void addCommonOptions(CLI::App* command, OutputMode* mode) {
         ->group(COMMON_GROUP);
 }
 
-uint64 parseNumber(const std::string& name, const std::string& text, uint64 least) {
-    // Sizes and indices are signed 64-bit in the files.
-    constexpr uint64 MOST = std::numeric_limits<int64>::max();
-    uint64 value = 0;
+template<class T>
+T parseNumber(const std::string& name, const std::string& text, T least, T most) {
+    T value = 0;
     const char* end = text.data() + text.size();
     const auto [stop, error] = std::from_chars(text.data(), end, value);
-    if (text.empty() || stop != end || error != std::errc() || value < least || value > MOST) {
+    if (text.empty() || stop != end || error != std::errc() || value < least || value > most) {
         throw CLI::ValidationError(name + " needs a whole number from " + std::to_string(least) + " to " +
-                                   std::to_string(MOST) + ", not '" + text + "'");
+                                   std::to_string(most) + ", not '" + text + "'");
     }
     return value;
+}
+
+bool isNegativeNumber(const std::string& word) {
+    return word.size() > 1 && word[0] == '-' &&
+           std::all_of(word.begin() + 1, word.end(), [](char c) { return c >= '0' && c <= '9'; });
 }
 
 SxString requireWord(const char* name, const std::string& text, const SxList<SxString>& words,
@@ -115,6 +119,36 @@ const CLI::App* findSubcommand(const CLI::App* command, const std::string& name)
     return found.empty() ? nullptr : found.front();
 }
 
+/// The words of a command line. The parser would take a negative number for an
+/// option, so where one stands as an argument all arguments go behind a "--".
+std::vector<std::string> parserWords(const CLI::App* command, int argc, char** argv) {
+    std::vector<std::string> words, arguments;
+    bool needsMark = false;
+    for (int i = 1; i < argc; ++i) {
+        const std::string word = argv[i];
+        const CLI::App* sub = arguments.empty() ? findSubcommand(command, word) : nullptr;
+        if (word == "--") {
+            arguments.insert(arguments.end(), argv + i + 1, argv + argc);
+            needsMark = true;
+            break;
+        }
+        if (sub) {
+            command = sub;
+            words.push_back(word);
+        } else if (word.starts_with("-") && !isNegativeNumber(word)) {
+            words.push_back(word);
+            if (takesNextWord(command, word) && i + 1 < argc) words.emplace_back(argv[++i]);
+        } else {
+            arguments.push_back(word);
+            needsMark = needsMark || isNegativeNumber(word);
+        }
+    }
+    if (!needsMark) return {argv + 1, argv + argc};
+    words.emplace_back("--");
+    words.insert(words.end(), arguments.begin(), arguments.end());
+    return words;
+}
+
 CLI::Option* addArgument(CLI::App* command, const char* name, SxString* value, const char* help) {
     const auto take = [value, name](const std::string& text) {
         if (text.empty()) throw CLI::ValidationError(std::string(name) + " is empty");
@@ -160,9 +194,35 @@ Verb& Verb::optionalArgument(const char* name, SxString* value, const char* help
     return *this;
 }
 
+Verb& Verb::integerArgument(const char* name, int64* value, int64 least, int64 most, const char* help) {
+    const auto take = [=](const std::string& text) { *value = parseNumber(name, text, least, most); };
+    command->add_option_function<std::string>(name, take, help)->type_name("")->required();
+    return *this;
+}
+
+Verb& Verb::arguments(const char* name, SxList<SxString>* values, const char* help) {
+    const auto take = [values, name](const std::vector<std::string>& all) {
+        for (const std::string& text : all) {
+            if (text.empty()) throw CLI::ValidationError(std::string(name) + " is empty");
+            *values << SxString(text);
+        }
+    };
+    command->add_option_function<std::vector<std::string>>(name, take, help)->type_name("")->required();
+    return *this;
+}
+
+Verb& Verb::integer(const char* name, int64* value, int64 least, int64 most, const char* help) {
+    const auto take = [=](const std::string& text) { *value = parseNumber(name, text, least, most); };
+    command->add_option_function<std::string>(name, take, help)
+        ->type_name("N")
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
+    return *this;
+}
+
 Verb& Verb::number(const char* name, uint64* value, uint64 least, const char* help, bool required) {
     const auto take = [value, name, least](const std::string& text) {
-        *value = parseNumber(name, text, least);
+        // Sizes and indices are signed 64-bit in the files.
+        *value = parseNumber<uint64>(name, text, least, std::numeric_limits<int64>::max());
     };
     command->add_option_function<std::string>(name, take, help)
         ->required(required)
@@ -273,7 +333,9 @@ Verb App::verb(const char* name, const char* help, const char* example) {
 bool App::parse(int argc, char** argv, int* exitCode) {
     *exitCode = ExitUsage;
     try {
-        root->parse(argc, argv);
+        std::vector<std::string> words = parserWords(root.get(), argc, argv);
+        std::reverse(words.begin(), words.end());
+        root->parse(std::move(words));
     } catch (const CLI::Success& e) {
         const bool version = dynamic_cast<const CLI::CallForVersion*>(&e) != nullptr;
         Output out(mode);

@@ -23,6 +23,13 @@ public:
     Verb& argument(const char* name, SxString* value, const char* help);
     /// The same for one that may be left out.
     Verb& optionalArgument(const char* name, SxString* value, const char* help);
+    /// A required argument, by its place, that is a whole number of `least` to `most`. It may be negative,
+    /// which makes it no option.
+    Verb& integerArgument(const char* name, int64* value, int64 least, int64 most, const char* help);
+    /// Required arguments, one or more, up to the end; none can be empty.
+    Verb& arguments(const char* name, SxList<SxString>* values, const char* help);
+    /// An option with a whole number of `least` to `most` as value.
+    Verb& integer(const char* name, int64* value, int64 least, int64 most, const char* help);
     /// An option with a whole number of at least `least` as value.
     Verb& number(const char* name, uint64* value, uint64 least, const char* help, bool required = false);
     /// An option with a text as value, which can't be empty; `valueName` stands for it in the help.

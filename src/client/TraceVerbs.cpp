@@ -1,9 +1,18 @@
 #include "App.h"
 #include "Verbs.h"
 
-#include <tavrin/SxException.h>
+#include <tavrin/SxFSAction.h>
+#include <tavrin/ZqArchive.h>
+#include <tavrin/ZqImageFiles.h>
 #include <tavrin/ZqImageFolder.h>
 #include <tavrin/ZqTrace.h>
+#include <tavrin/ZqTraceBuilder.h>
+#include <tavrin/ZqTraceFiles.h>
+#include <tavrin/ZqTraceRecords.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <limits>
 
 namespace {
 
@@ -13,16 +22,20 @@ constexpr uint64 MAX_BLOCKS = uint64{1} << 51;
 
 using SxParserKit::SxSymbol;
 
-// --- info
+SxSymbol newObject() {
+    SxSymbol result;
+    result.setType(SxParserAst::Object);
+    return result;
+}
 
-struct TraceInfo {
-    /// `folder` ends in a slash.
-    explicit TraceInfo(const SxString& folder) : params(folder) {
-        const ZqTrace trace(folder);
-        nUnique = trace.getNItems(true);
-        const auto all = trace.getItems(false, true, true);
-        nItems = all->getSize();
-        for (const ZqTraceItem& item : *all) {
+/// What a walk over the items of a trace tells.
+struct Items {
+    /// Raises where they can be none. `folder` ends in a slash.
+    explicit Items(const SxString& folder) {
+        ZqTraceRecords::Reader reader(folder);
+        n = reader.getN();
+        ZqTraceItem item;
+        while (reader.next(&item)) {
             nFlagged += item.flag;
             if (item.block < MAX_BLOCKS) continue;
             throw SxException("The trace in '" + folder + "' is damaged or is none: it names block " +
@@ -31,13 +44,60 @@ struct TraceInfo {
         }
     }
 
+    int64 n = 0, nFlagged = 0;
+};
+
+/// The folder of a trace that is read, with its slash. What can be no trace is refused.
+SxString requireTrace(const SxString& trace) {
+    SxString folder = ZqImageFolder::prefix(trace);
+    const Items items(folder);
+    return folder;
+}
+
+/// The folder of a trace that is written, with its slash. A mistyped path must not cost anything but a trace.
+SxString requirePlace(const SxString& trace) {
+    SxString folder = ZqImageFolder::prefix(trace);
+    if (ZqImageFolder::isFree(trace)) return folder;
+    const bool isTrace = SxFSAction::test_d(trace) && !ZqImageFolder::holdsImage(trace) &&
+                         (SxFSAction::test_f(folder + ZqTraceFiles::ITEMS) ||
+                          SxFSAction::test_f(folder + ZqTraceFiles::RECORD));
+    if (isTrace) return folder;
+    throw SxException("'" + trace + "' holds something else than a trace; name another folder", UNIT,
+                      __LINE__);
+}
+
+/// Tells what a trace that was written holds; `result` may have more to say.
+int reportWritten(const SxString& folder, SxSymbol result, const SxString& did, Output* out) {
+    const ZqTraceParams params(folder);
+    const int64 nItems = SxFileInfo(folder + ZqTraceFiles::ITEMS).getSize() / ZqTraceRecords::SIZE;
+    if (out->getMode().json) {
+        result.append("items", nItems);
+        result.append("duration", params.duration);
+        result.append("method", ZqTraceParams::methodToString(params.method));
+        out->object(result);
+    }
+    out->text(did + ": " + nItems + (nItems == 1 ? " item" : " items") +
+              SxString::sprintf(", %.3f s.", static_cast<double>(params.duration) / 1000));
+    return ExitSuccess;
+}
+
+// --- info
+
+struct TraceInfo {
+    /// `folder` ends in a slash.
+    explicit TraceInfo(const SxString& folder) : params(folder) {
+        const Items items(folder);
+        nItems = items.n;
+        nFlagged = items.nFlagged;
+        nUnique = ZqTrace(folder).getNItems(true);
+    }
+
     ZqTraceParams params;
     int64 nItems = 0, nUnique = 0, nFlagged = 0;
 };
 
 SxSymbol describeJson(const TraceInfo& info) {
-    SxSymbol result;
-    result.setType(SxParserAst::Object);
+    SxSymbol result = newObject();
     result.append("items", info.nItems);
     result.append("unique", info.nUnique);
     result.append("flagged", info.nFlagged);
@@ -69,6 +129,257 @@ int showInfo(const SxString& trace, Output& out) {
     return ExitSuccess;
 }
 
+// --- one trace
+
+struct EditOptions {
+    SxString trace, other, out;
+    int64 from = 0, to = 0, seconds = 0;
+};
+
+int trim(const EditOptions& options, Output& out) {
+    const SxString folder = requireTrace(options.trace), place = requirePlace(options.out);
+    ZqTrace(folder).trim(place);
+    return reportWritten(place, newObject(), "Trimmed", &out);
+}
+
+int keep(const EditOptions& options, Output& out) {
+    const SxString folder = requireTrace(options.trace);
+    ZqTrace(folder).dropTime(options.from, options.to);
+    return reportWritten(folder, newObject(), "Kept", &out);
+}
+
+int shift(const EditOptions& options, Output& out) {
+    const SxString folder = requireTrace(options.trace);
+    ZqTrace(folder).shift(static_cast<int>(options.seconds));
+    SxSymbol result = newObject();
+    result.append("time0", ZqTraceParams(folder).time0);
+    return reportWritten(folder, result, "Shifted", &out);
+}
+
+int align(const EditOptions& options, Output& out) {
+    const SxString folder = requireTrace(options.trace), reference = requireTrace(options.other);
+    ZqTrace(folder).align(reference);
+    return reportWritten(folder, newObject(), "Aligned", &out);
+}
+
+int append(const EditOptions& options, Output& out) {
+    const SxString folder = requireTrace(options.trace), other = requireTrace(options.other);
+    const SxString place = requirePlace(options.out);
+    ZqTrace(folder).append(other, place, static_cast<int>(options.seconds));
+    return reportWritten(place, newObject(), "Appended", &out);
+}
+
+SxSymbol describeJson(const ZqSequence& run) {
+    SxSymbol result = newObject();
+    result.append("block", run.block);
+    result.append("time", run.time);
+    result.append("index", run.index);
+    result.append("nFollowing", run.nFollowing);
+    result.append("jump", run.jump);
+    result.append("jumpTime", run.jumpTime);
+    result.append("flag", static_cast<int64>(run.flag));
+    return result;
+}
+
+int listRuns(const SxString& trace, Output& out) {
+    const SxList<ZqSequence> runs = ZqTrace(requireTrace(trace)).traceToSequence();
+    for (const ZqSequence& run : runs) {
+        if (out.isClosed()) break;
+        if (out.getMode().json) {
+            out.listing(describeJson(run).toJson().str() + "\n");
+            continue;
+        }
+        SxString line = SxString::sprintf("%10lld ms  %llu", static_cast<long long>(run.time),
+                                          static_cast<unsigned long long>(run.block));
+        if (run.nFollowing > 0) line += " + " + SxString(run.nFollowing);
+        if (run.flag != 0) line += ", flagged";
+        if (run.jump != 0) line += SxString::sprintf(", goes on at %+lld", static_cast<long long>(run.jump));
+        out.text(line);
+    }
+    return ExitSuccess;
+}
+
+// --- several traces
+
+struct MergeOptions {
+    SxString out;
+    SxList<SxString> traces;
+};
+
+int merge(const MergeOptions& options, Output& out) {
+    const SxString place = requirePlace(options.out);
+    auto traces = SxPtr<SxArray<ZqTrace>>::create();
+    for (const SxString& trace : options.traces)
+        traces->append(ZqTrace(requireTrace(trace)));
+    ZqTrace::merge(place, traces);
+    SxSymbol result = newObject();
+    result.append("traces", traces->getSize());
+    return reportWritten(place, result, "Merged " + SxString(traces->getSize()) + " traces", &out);
+}
+
+int showDifference(const SxString& trace, const SxString& other, Output& out) {
+    const ZqTrace reference(requireTrace(trace));
+    const ZqTrace::Difference difference = reference.compare(requireTrace(other));
+    if (out.getMode().json) {
+        SxSymbol result = newObject();
+        result.append("reference", difference.nReference);
+        result.append("other", difference.nOther);
+        result.append("identified", difference.nIdentified);
+        result.append("inserted", difference.nInserted);
+        result.append("appended", difference.nAppended);
+        out.object(result);
+    }
+    for (const SxString& line : difference.toLines())
+        out.text(line);
+    return ExitSuccess;
+}
+
+// --- another build
+
+/// A folder of its own, removed at the end.
+class PrivateFolder {
+public:
+    PrivateFolder() {
+        std::string name = (std::filesystem::temp_directory_path() / "tavrin-map-XXXXXX").string();
+        if (!::mkdtemp(name.data())) throw SxException("Cannot make a temporary folder", UNIT, __LINE__);
+        path = name + "/";
+    }
+    ~PrivateFolder() {
+        std::error_code ignored; // it lies where the system tidies up
+        std::filesystem::remove_all(path.str(), ignored);
+    }
+    PrivateFolder(const PrivateFolder&) = delete;
+    PrivateFolder& operator=(const PrivateFolder&) = delete;
+
+    SxString path;
+};
+
+int mapTo(const EditOptions& options, Output& out) {
+    constexpr const char *MAP = "map.idx", *PACKED_MAP = "map.7z";
+    const SxString folder = requireTrace(options.trace), place = requirePlace(options.out);
+    SxString patch = ZqImageFolder::prefix(options.other);
+    const int64 nItems = SxFileInfo(folder + ZqTraceFiles::ITEMS).getSize() / ZqTraceRecords::SIZE;
+    const PrivateFolder unpacked;
+    if (!SxFSAction::test_f(patch + MAP) && SxFSAction::test_f(patch + PACKED_MAP)) {
+        ZqArchive::extract7z(patch + PACKED_MAP, unpacked.path);
+        SxFSAction::cp(patch + ZqImageFiles::APP_JSON, unpacked.path + ZqImageFiles::APP_JSON);
+        patch = unpacked.path;
+    }
+    ZqTrace(folder).mapToImage(patch, place);
+    const int64 nMapped = SxFileInfo(place + ZqTraceFiles::ITEMS).getSize() / ZqTraceRecords::SIZE;
+    SxSymbol result = newObject();
+    result.append("lost", nItems - nMapped);
+    return reportWritten(place, result, "Mapped, with " + SxString(nItems - nMapped) + " lost", &out);
+}
+
+// --- the runs of an image
+
+struct BuildOptions {
+    SxString image, name = "merged";
+};
+
+int build(const BuildOptions& options, Output& out) {
+    if (!ZqImageFolder::holdsImage(options.image)) {
+        throw SxException("Folder '" + options.image + "' holds no image", UNIT, __LINE__);
+    }
+    const SxString traces = ZqImageFolder::prefix(options.image) + ZqImageFiles::TRACES;
+    ZqTraceBuilder builder(options.image, traces, options.name);
+    builder.start();
+    builder.wait();
+    if (builder.hasException()) throw SxException(builder.getException());
+    if (!builder.getRefusal().isEmpty()) throw SxException(builder.getRefusal(), UNIT, __LINE__);
+    SxSymbol result = newObject();
+    result.append("joined", builder.getNJoined());
+    result.append("corrupted", builder.getNCorrupted());
+    if (builder.getNCorrupted() > 0) {
+        out.text("Left out " + SxString(builder.getNCorrupted()) + " damaged; the log names them.");
+    }
+    if (builder.getNJoined() > 0) {
+        return reportWritten(
+            traces + options.name + "/", result,
+            "Joined " + SxString(builder.getNJoined()) + " traces in '" + traces + options.name + "'", &out);
+    }
+    if (out.getMode().json) out.object(result);
+    out.text("Nothing to merge.");
+    return ExitSuccess;
+}
+
+void registerEditVerbs(Family* family) {
+    constexpr int64 MOST = std::numeric_limits<int64>::max(), LEAST = std::numeric_limits<int64>::min();
+    constexpr int64 MOST_SECONDS = std::numeric_limits<int>::max();
+    constexpr const char* TRACE_HELP = "Trace folder";
+    auto edit = SxPtr<EditOptions>::create();
+    family->verb("trim", "Copy a trace without repeats of blocks", "tavrin trace trim traces/run1 once")
+        .argument("TRACE", &edit->trace, TRACE_HELP)
+        .argument("OUT", &edit->out, "Trace folder to write")
+        .action([edit](Output& out) { return trim(*edit, out); });
+    family
+        ->verb("keep", "Keep only what happened in a span of time, in place",
+               "tavrin trace keep traces/run1 -500 60000")
+        .argument("TRACE", &edit->trace, TRACE_HELP)
+        .integerArgument("FROM_MS", &edit->from, LEAST, MOST, "First millisecond, from the trace's time0")
+        .integerArgument("TO_MS", &edit->to, LEAST, MOST, "Last millisecond, included")
+        .action([edit](Output& out) { return keep(*edit, out); });
+    family
+        ->verb("shift", "Move a trace later in time, or earlier by a negative number, in place",
+               "tavrin trace shift traces/run1 -3")
+        .argument("TRACE", &edit->trace, TRACE_HELP)
+        .integerArgument("SECONDS", &edit->seconds, -MOST_SECONDS, MOST_SECONDS, "By how much")
+        .action([edit](Output& out) { return shift(*edit, out); });
+    family
+        ->verb("align", "Bring a trace to the time of a reference, in place",
+               "tavrin trace align traces/run2 traces/run1")
+        .argument("TRACE", &edit->trace, TRACE_HELP)
+        .argument("REFERENCE", &edit->other, "Trace that gives the time")
+        .action([edit](Output& out) { return align(*edit, out); });
+    family
+        ->verb("append", "Put one trace behind another",
+               "tavrin trace append traces/run1 traces/run2 both --gap 5")
+        .argument("TRACE", &edit->trace, TRACE_HELP)
+        .argument("OTHER", &edit->other, "Trace that follows")
+        .argument("OUT", &edit->out, "Trace folder to write")
+        .integer("--gap", &edit->seconds, -MOST_SECONDS, MOST_SECONDS, "Seconds between them; 0 if not given")
+        .action([edit](Output& out) { return append(*edit, out); });
+    family
+        ->verb("map", "Carry a trace over to the image that a patch makes",
+               "tavrin trace map traces/merged patch mapped")
+        .argument("TRACE", &edit->trace, TRACE_HELP)
+        .argument("PATCH", &edit->other, "Folder with the new app.json and map.idx, or map.7z")
+        .argument("OUT", &edit->out, "Trace folder to write")
+        .action([edit](Output& out) { return mapTo(*edit, out); });
+}
+
+void registerJoinVerbs(Family* family) {
+    auto mergeOptions = SxPtr<MergeOptions>::create();
+    family
+        ->verb("merge", "Make one trace of many: each block at its earliest time",
+               "tavrin trace merge merged traces/run1 traces/run2 traces/run3")
+        .argument("OUT", &mergeOptions->out, "Trace folder to write")
+        .arguments("TRACE", &mergeOptions->traces, "Trace folders")
+        .action([mergeOptions](Output& out) { return merge(*mergeOptions, out); });
+
+    auto pair = SxPtr<EditOptions>::create();
+    family
+        ->verb("diff", "Show what a trace would change in another one",
+               "tavrin trace diff merged traces/run4")
+        .argument("TRACE", &pair->trace, "Trace folder, the reference")
+        .argument("OTHER", &pair->other, "Trace folder to compare")
+        .action([pair](Output& out) { return showDifference(pair->trace, pair->other, out); });
+    family
+        ->verb("runs", "List a trace as runs of neighbouring blocks", "tavrin trace runs traces/run1 --json")
+        .argument("TRACE", &pair->trace, "Trace folder")
+        .action([pair](Output& out) { return listRuns(pair->trace, out); });
+
+    auto buildOptions = SxPtr<BuildOptions>::create();
+    family
+        ->verb("build", "Join the traces of an image's runs, which go",
+               "tavrin trace build games/alpha --name merged")
+        .argument("IMAGE", &buildOptions->image, "Image folder that isn't mounted")
+        .text("--name", &buildOptions->name, "NAME",
+              "Folder of the result among the image's traces; \"merged\" if not given")
+        .action([buildOptions](Output& out) { return build(*buildOptions, out); });
+}
+
 } // namespace
 
 void registerTraceVerbs(App* app) {
@@ -80,4 +391,6 @@ void registerTraceVerbs(App* app) {
               "tavrin trace info games/alpha/traces/run1 --json")
         .argument("TRACE", trace.getPtr(), "Trace folder")
         .action([trace](Output& out) { return showInfo(*trace, out); });
+    registerEditVerbs(&family);
+    registerJoinVerbs(&family);
 }

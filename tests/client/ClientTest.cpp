@@ -3,9 +3,11 @@
 #include "SxTime.h"
 #include "TempDir.h"
 #include "ZqAppParams.h"
+#include "ZqArchive.h"
 #include "ZqImageFiles.h"
 #include "ZqTrace.h"
 
+#include <array>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
@@ -40,6 +42,7 @@ protected:
         ASSERT_NE(bin, nullptr) << "TAVRIN_BIN must name the client";
         client = bin;
         ::setenv("XDG_STATE_HOME", dir.path("state").c_str(), 1);
+        ::setenv("WINEPREFIX", dir.path("prefix").c_str(), 1);
     }
 
     /// Arguments of a shell for a script in which "$@" is the client's command line.
@@ -321,6 +324,78 @@ TEST_F(ClientTest, orderAndForecast) {
     const auto shown = parseJson(run({"image", "info", index, "--speed", "1", "--json"}).out);
     EXPECT_EQ(shown.getElem("forecast", true).getElem("waits", true).getSize(), 1);
     EXPECT_FALSE(parseJson(run({"image", "info", index, "--json"}).out).getElem("forecast", false).isValid());
+TEST_F(ClientTest, traceVerbs) {
+    const auto make = [&](const string& name, std::initializer_list<uint64> blocks, int64 time0) {
+        const auto items = SxPtr<ZqTrace::Items>::create();
+        for (const uint64 block : blocks)
+            items->append(ZqTraceItem(block, static_cast<uint64>(time0 + 1000 * items->getSize()), false));
+        ZqTraceParams record;
+        record.time0 = time0;
+        record.write(dir.path(name) + "/");
+        ZqTrace::write(items, dir.path(name) + "/", ZqTraceParams::Monitoring, "build");
+    };
+    make("image/traces/a", {5, 6, 7, 5, 20, 8}, 10'000);
+    make("image/traces/b", {20, 30}, 20'000);
+    dir.write("image/" + APP_JSON, "{}");
+    const string a = dir.path("image/traces/a"), b = dir.path("image/traces/b/");
+    const auto json = [&](const Words& words) {
+        Words all = {"trace", "--json"};
+        all.insert(all.end(), words.begin(), words.end());
+        const Outcome result = run(all);
+        EXPECT_EQ(result.code, 0) << result.err;
+        return result.out.starts_with("{\n") ? parseJson(result.out).toJson().str() : result.out;
+    };
+    const string out = dir.path("result"), merged = R"(,"method":"merge"})",
+                 set = R"(,"method":"monitoring"})";
+    EXPECT_EQ(json({"merge", out, a, b}), R"({"traces":2,"items":6,"duration":5000)" + merged);
+    EXPECT_EQ(json({"trim", a, out}), R"({"items":5,"duration":5000)" + set);
+    EXPECT_EQ(json({"keep", out, "-10", "4000"}), R"({"items":4,"duration":5000)" + set);
+    EXPECT_EQ(json({"shift", out, "--quiet", "-3"}),
+              R"({"time0":13000,"items":4,"duration":5000,"method":"shift"})");
+    EXPECT_EQ(json({"align", out, a}), R"({"items":4,"duration":5000,"method":"align"})");
+    EXPECT_EQ(json({"append", a, b, out, "--gap", "-2"}),
+              R"({"items":8,"duration":4000,"method":"inc-monitoring"})");
+    EXPECT_EQ(json({"diff", a, b}), R"({"reference":5,"other":2,"identified":1,"inserted":2,"appended":0})");
+    EXPECT_THAT(run({"trace", "diff", a, b}).out,
+                HasSubstr("\nThis is a change of 40.0 % of the reference trace.\n"));
+    EXPECT_THAT(
+        json({"runs", a}),
+        StartsWith(R"({"block":5,"time":0,"index":0,"nFollowing":2,"jump":1,"jumpTime":5000,"flag":0})"
+                   "\n"));
+    EXPECT_EQ(run({"trace", "runs", a}).out,
+              "         0 ms  5 + 2, goes on at +1\n      4000 ms  20\n      5000 ms  8\n");
+
+    // The patch's map as it is delivered.
+    const std::array<uint64, 7> map = {0, 0, 0, 0, 0, 50, ~uint64{0}};
+    dir.write("patch/map.idx", {reinterpret_cast<const char*>(map.data()), sizeof map});
+    ZqArchive::compress7z(dir.path("patch/map.7z"), dir.path("patch"), {"map.idx"});
+    std::filesystem::remove(dir.path("patch/map.idx"));
+    ZqAppParams().write(dir.path("patch/"));
+    EXPECT_EQ(json({"map", a, dir.path("patch"), dir.path("mapped")}),
+              R"({"lost":4,"items":2,"duration":5000,"method":"patch"})");
+
+    // A mistyped folder costs nothing, and what is no trace is refused.
+    dir.write("letters/dear.txt", "precious");
+    for (const string target : {"letters", "image", "letters/dear.txt"}) {
+        EXPECT_THAT(run({"trace", "merge", dir.path(target), a}).err,
+                    HasSubstr("holds something else than a trace"));
+    }
+    dir.write("junk/img.trc", string(160, 'x'));
+    ZqTraceParams().write(dir.path("junk/"));
+    EXPECT_THAT(run({"trace", "merge", out, a, dir.path("junk")}).err,
+                HasSubstr("is damaged or is none: it names block"));
+    EXPECT_EQ(run({"trace", "keep", out, "5", "4"}).err,
+              "tavrin: All items have been dropped, no trace written.\n");
+    EXPECT_EQ(run({"trace", "keep", out, "5", "-x"}).code, 2);
+    EXPECT_EQ(run({"trace", "shift", out, "2147483648"}).code, 2);
+    EXPECT_EQ(run({"trace", "merge", out}).code, 2);
+
+    EXPECT_EQ(json({"build", dir.path("image")}),
+              R"({"joined":2,"corrupted":0,"items":6,"duration":6000,"method":"inc-monitoring"})");
+    EXPECT_EQ(run({"trace", "build", dir.path("image")}).out, "Nothing to merge.\n");
+    std::filesystem::remove_all(dir.path("image/traces"));
+    EXPECT_THAT(run({"trace", "build", dir.path("image")}).err, HasSubstr("Cannot find "));
+    EXPECT_THAT(run({"trace", "build", dir.path("letters")}).err, HasSubstr("holds no image"));
 }
 
 TEST_F(ClientTest, verifyComparesWithTheRawImage) {
