@@ -1,5 +1,6 @@
 #include "DriveImage.h"
 #include "Failure.h"
+#include "SxFileIO.h"
 #include "VirtualClock.h"
 
 #include <cstring>
@@ -197,7 +198,11 @@ TEST(VirtualDisk, TheTraceHasEachBlockOfEachRequestOnce) {
               Result::Done);
     drive.disk.tick();
     EXPECT_EQ(readTrace(image.path("img.trc")).size(), 4U);
+    // Others can tell that it is being written.
+    SxFileIO reader(image.path("img.trc"), "rb");
+    EXPECT_EQ(SxOs::get().isLocked(reader.getFd(), 0, 1, SxOs::Lock::Exclusive), 1);
     drive.disk.monitorOff();
+    EXPECT_EQ(SxOs::get().isLocked(reader.getFd(), 0, 1, SxOs::Lock::Exclusive), 0);
     EXPECT_EQ(drive.read(0, 1, 4), Result::Done);
 
     constexpr uint64 START = (1'700'000'000'000 + 11'644'473'600'000) * 10'000, WRITE = uint64{1} << 63;
