@@ -21,5 +21,17 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, size_t size) {
     trace.getPageSizeMB();
     trace.write(file.prefix());
     if (!(*all == *trace.getItems(false, true, true))) std::abort();
+    trace.trim();
+    ZqTraceParams().write(file.prefix());
+    const auto nBlocks = static_cast<int64>(blocks.size());
+    if (nBlocks > 0 && ZqTrace::sequenceToTrace(trace.traceToSequence()).getSize() != nBlocks) std::abort();
+    try {
+        auto both = SxPtr<SxArray<ZqTrace>>::create();
+        both->append(trace);
+        both->append(trace);
+        ZqTrace::merge(file.prefix(), both);
+        if (trace.getNItems(false) != nBlocks) std::abort();
+    } catch (const SxException&) { // times that no record can hold
+    }
     return 0;
 }
