@@ -18,7 +18,6 @@ using SxParserKit::SxSymbol;
 
 namespace {
 
-constexpr const char* UNIT = "src/base/ZqTraceSources";
 constexpr const char* NOTE = "sources.json";
 
 } // namespace
@@ -44,8 +43,7 @@ bool ZqTraceSources::isTraceFolder(const SxString& path) {
 SxString ZqTraceSources::newName(const SxString& tracesPath) {
     for (;;) {
         const SxString salt = SxString(ZqSysEnv::getSysTime()) + SxString(std::random_device()());
-        SxString name =
-            SxTime::strftime("%y%m%d_%H%M_") + ZqSysEnv::getUserId() + "_" + SxMd5::get(salt);
+        SxString name = SxTime::strftime("%y%m%d_%H%M_") + ZqSysEnv::getUserId() + "_" + SxMd5::get(salt);
         if (!SxFSAction::exists(tracesPath + name)) return name;
     }
 }

@@ -324,6 +324,8 @@ TEST_F(ClientTest, orderAndForecast) {
     const auto shown = parseJson(run({"image", "info", index, "--speed", "1", "--json"}).out);
     EXPECT_EQ(shown.getElem("forecast", true).getElem("waits", true).getSize(), 1);
     EXPECT_FALSE(parseJson(run({"image", "info", index, "--json"}).out).getElem("forecast", false).isValid());
+}
+
 TEST_F(ClientTest, traceVerbs) {
     const auto make = [&](const string& name, std::initializer_list<uint64> blocks, int64 time0) {
         const auto items = SxPtr<ZqTrace::Items>::create();

@@ -315,8 +315,11 @@ void ZqRemoteImage::keep(uint64 stretchIdx, const Bytes& bytes, uint64 Figures::
 
 bool ZqRemoteImage::isGoneThrough(uint64 stretchIdx) const {
     SxMutexBlock lock(&mutex);
-    const auto isThere = [this](uint64 idx) { return (idx + 1) * STRETCH <= streamPos || findStretch(idx); };
     return (stretchIdx >= 1 && isThere(stretchIdx - 1)) || (stretchIdx >= 2 && isThere(stretchIdx - 2));
+}
+
+bool ZqRemoteImage::isThere(uint64 stretchIdx) const {
+    return (stretchIdx + 1) * STRETCH <= streamPos || findStretch(stretchIdx);
 }
 
 uint64 ZqRemoteImage::countAtOnce() const {

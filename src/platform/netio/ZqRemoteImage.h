@@ -102,6 +102,7 @@ private:
     void keep(uint64 stretchIdx, const Bytes& bytes, uint64 Figures::*figure);
     /// Whether somebody goes through the image and has come to a stretch.
     bool isGoneThrough(uint64 stretchIdx) const;
+    bool isThere(uint64 stretchIdx) const SX_REQUIRES(mutex);
     /// Requests under way that leave the link no round trip idle.
     uint64 countAtOnce() const;
     /// Takes a stretch for the loader, unless it is there, on its way or of no use. Whether it did.
