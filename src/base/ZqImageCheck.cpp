@@ -6,14 +6,17 @@
 #include "SxMd5.h"
 #include "SxSymbol.h"
 #include "ZqAppParams.h"
+#include "ZqFrameDecoder.h"
 #include "ZqImage.h"
 #include "ZqImageFiles.h"
 #include "ZqImageFolder.h"
 #include "ZqImageLock.h"
 #include "ZqImageParams.h"
 #include "ZqPackedForm.h"
+#include "ZqSeekTable.h"
 #include "ZqSysEnv.h"
 
+#include <cstring>
 #include <vector>
 
 namespace {
@@ -32,8 +35,9 @@ void ZqImageCheck::main() {
     const SxFileInfo idx(pathPrefix + ZqImageFiles::IDX), zqf(pathPrefix + ZqImageFiles::ZQF);
     sizeZqf = zqf.isFile() ? static_cast<uint64>(zqf.getSize()) : 0;
     sizeComplete = app.sizeZqf;
+    hasPacked = SxFSAction::test_f(pathPrefix + ZqImageFiles::PACKED);
     setNTotal((idx.isFile() ? static_cast<uint64>(idx.getSize()) : 0) +
-              (sizeZqf < sizeComplete ? 0 : sizeZqf));
+              (sizeZqf < sizeComplete ? 0 : sizeZqf) * (hasPacked ? 2 : 1));
     checkMap();
     checkZqf();
     checkPacked();
@@ -167,14 +171,82 @@ void ZqImageCheck::checkZqf() {
 
 void ZqImageCheck::checkPacked() {
     const SxString file = pathPrefix + ZqImageFiles::PACKED;
-    if (!SxFSAction::test_f(file) || partial || app.checksumZqf.isEmpty()) return;
-    SxFileIO input(file, "rb", 0600);
-    SxArray<char> origin(ZqPackedForm::ORIGIN_SIZE);
-    const int64 n = input.readBuffer(origin.data(), origin.getSize());
-    if (std::string(origin.data(), static_cast<size_t>(n)) == ZqPackedForm::origin(app.checksumZqf)) {
-        notes.append(ZqImageFiles::PACKED + SxString(": packed of this img.zqf"));
-    } else {
-        addFault("'" + file + "' wasn't packed of this img.zqf; pack the image again, or remove it");
+    if (!hasPacked) return;
+    if (partial || sizeZqf != sizeComplete) {
+        notes.append(ZqImageFiles::PACKED + SxString(": not checked, since img.zqf isn't as it should be"));
+        return;
+    }
+    SxFileIO packed(file, "rb", 0600);
+    // Tells of itself where it lies in the file, and is looked at first, since all frames differ with it.
+    SxArray<char> head(ZqPackedForm::ORIGIN_SIZE);
+    const int64 n = packed.readBuffer(head.data(), head.getSize());
+    const std::string origin(head.data(), static_cast<size_t>(n));
+    const bool isOurs = app.checksumZqf.isEmpty() || origin == ZqPackedForm::origin(app.checksumZqf);
+    std::string magic;
+    ZqPackedForm::append(&magic, ZqPackedForm::ORIGIN_MAGIC);
+    try {
+        const SxPtr<ZqSeekTable> table = isOurs || !origin.starts_with(magic) ? readTable(&packed) : nullptr;
+        if (!table || (!isOurs && table->getNFrames() > 0 && table->getFrame(0).offset > 0)) {
+            addFault("'" + file + "' wasn't packed of this img.zqf; pack the image again, or remove it");
+            return;
+        }
+        checkFrames(*table, &packed);
+    } catch (const SxException& e) {
+        if (e.hasTag(SxException::STOPPED)) throw;
+        addFault("'" + file + "': " + e.what());
+    }
+}
+
+SxPtr<ZqSeekTable> ZqImageCheck::readTable(SxFileIO* packed) const {
+    const auto size = static_cast<uint64>(packed->getSize());
+    SxArray<char> tail(static_cast<int64>(std::min(size, ZqSeekTable::maxTail(sizeZqf))));
+    packed->seek(static_cast<int64>(size) - tail.getSize());
+    if (packed->readBuffer(tail.data(), tail.getSize()) != tail.getSize()) {
+        throw SxException(SxFileIO::fileReadErr(packed->getFilePath()), UNIT, __LINE__);
+    }
+    return SxPtr<ZqSeekTable>::create(tail.data(), static_cast<uint64>(tail.getSize()), size, sizeZqf);
+}
+
+void ZqImageCheck::checkFrames(const ZqSeekTable& table, SxFileIO* packed) {
+    SxFileIO zqf(pathPrefix + ZqImageFiles::ZQF, "rb", 0600);
+    zqf.adviseSequential();
+    SxArray<char> frame(static_cast<int64>(ZqSeekTable::MAX_PACKED));
+    SxArray<char> plain(static_cast<int64>(ZqSeekTable::FRAME)), decoded(plain.getSize());
+    const auto read = [](SxFileIO* from, SxArray<char>* to, int64 n) {
+        if (from->readBuffer(to->data(), n) == n) return;
+        throw SxException(SxFileIO::fileReadErr(from->getFilePath()), UNIT, __LINE__);
+    };
+    if (table.getNFrames() > 0) packed->seek(static_cast<int64>(table.getFrame(0).offset));
+    uint64 nWrong = 0;
+    for (uint64 frameIdx = 0; frameIdx < table.getNFrames(); ++frameIdx) {
+        if (stopRequested()) throw SxException(SxException::STOPPED, "Stopped", UNIT, __LINE__);
+        const ZqSeekTable::Frame& place = table.getFrame(frameIdx);
+        const auto nPlain =
+            static_cast<int64>(std::min(ZqSeekTable::FRAME, sizeZqf - frameIdx * ZqSeekTable::FRAME));
+        read(packed, &frame, place.size);
+        read(&zqf, &plain, nPlain);
+        SxString wrong;
+        try {
+            const uint32 checksum = ZqFrameDecoder::decode(frame.data(), place.size, decoded.data(), nPlain);
+            if (table.hasChecksums() && checksum != place.checksum) {
+                wrong = "has another checksum than the seek table states";
+            } else if (std::memcmp(decoded.data(), plain.data(), static_cast<size_t>(nPlain)) != 0) {
+                wrong = "doesn't give the bytes of img.zqf";
+            }
+        } catch (const SxException& e) {
+            wrong = SxString("can't be decoded: ") + e.what();
+        }
+        if (!wrong.isEmpty() && ++nWrong <= MAX_LISTED) {
+            addFault("'" + packed->getFilePath() + "': frame " + SxString(frameIdx) + " " + wrong);
+        }
+        addNCurrent(static_cast<uint64>(nPlain));
+        updateSpeed(startTime);
+    }
+    if (nWrong > MAX_LISTED) {
+        addFault("'" + packed->getFilePath() + "': " + SxString(nWrong - MAX_LISTED) + " more wrong frames");
+    } else if (nWrong == 0) {
+        notes.append(SxString(ZqImageFiles::PACKED) + ": " + table.getNFrames() +
+                     " frames, packed of this img.zqf");
     }
 }
 

@@ -5,7 +5,11 @@
 #include "ZqImageParams.h"
 #include "ZqTaskMon.h"
 
-/// Job that checks an image folder as far as it is there: records, sizes, the map's invariants, digests.
+class SxFileIO;
+class ZqSeekTable;
+
+/// Job that checks an image folder as far as it is there: records, sizes, the map's invariants, digests,
+/// and the frames of the packed form where that is there.
 /// Holds a shared lock on the image. Progress in bytes. What it finds is in the lists once it has ended; a
 /// failure of the check itself leaves main().
 class ZqImageCheck : public ZqTaskMon {
@@ -31,6 +35,8 @@ private:
     void checkEntries(const SxArray<uint64>& map);
     void checkZqf();
     void checkPacked();
+    SxPtr<ZqSeekTable> readTable(SxFileIO* packed) const;
+    void checkFrames(const ZqSeekTable& table, SxFileIO* packed);
     void checkDigest(const SxString& file, const SxString& expected);
     void addFault(const SxString& text);
 
@@ -41,5 +47,5 @@ private:
     bool haveApp = false, haveImage = false;
     uint64 sizeZqf = 0, sizeComplete = 0;
     SxList<SxString> faults, notes;
-    bool partial = false;
+    bool partial = false, hasPacked = false;
 };

@@ -151,6 +151,26 @@ TEST(ImagePack, VerifyFindsAStalePack) {
     EXPECT_THAT(faults(), HasSubstr("img.zqf.zst' wasn't packed of this img.zqf"));
     ASSERT_EQ(packImage(dir), "");
     EXPECT_THAT(faults(), Not(HasSubstr("img.zqf.zst")));
+
+    // 120 blocks are three frames.
+    const std::string right = dir.read(PACKED);
+    const size_t entries = right.size() - 9 - 4 * 12, first = 44 + number(right, entries + 12);
+    const auto damaged = [&](size_t at) {
+        std::string bytes = right;
+        bytes.at(at) ^= 1;
+        dir.write(PACKED, bytes);
+        return faults();
+    };
+    EXPECT_THAT(damaged(first + number(right, entries + 24) / 2),
+                HasSubstr("img.zqf.zst': frame 1 can't be decoded"));
+    EXPECT_THAT(damaged(entries + 12 + 8), HasSubstr("img.zqf.zst': frame 0 has another checksum"));
+    EXPECT_THAT(damaged(0), HasSubstr("wasn't packed of this img.zqf"));
+    EXPECT_THAT(damaged(right.size() - 1), HasSubstr("img.zqf.zst': The file doesn't end in a seek table"));
+    zqf[204800] ^= 1;
+    dir.write("watched/img.zqf", zqf);
+    dir.write(PACKED, right);
+    EXPECT_THAT(faults(),
+                AllOf(HasSubstr("frame 1 doesn't give the bytes of img.zqf"), Not(HasSubstr("frame 0"))));
 }
 
 TEST(ImagePack, AFailureLeavesTheOldOneOrTheNewOne) {
