@@ -18,7 +18,7 @@ struct BuildOptions {
 
 struct PackOptions {
     SxString image;
-    uint64 level = ZqImagePack::DEFAULT_LEVEL;
+    int64 level = ZqImagePack::DEFAULT_LEVEL;
 };
 
 struct OrderOptions {
@@ -104,7 +104,7 @@ int order(const OrderOptions& options, Output& out) {
 }
 
 int pack(const PackOptions& options, Output& out) {
-    ZqImagePack job(options.image, static_cast<int64>(options.level));
+    ZqImagePack job(options.image, options.level);
     const double seconds = runJob(&job, "pack", out);
     if (out.getMode().json) {
         SxParserKit::SxSymbol result;
@@ -171,7 +171,8 @@ void registerPublishVerbs(Family* image) {
         ->verb("pack", "Write img.zqf.zst, which clients download instead of img.zqf",
                "tavrin image pack games/alpha --level 19")
         .argument("IMAGE", &packing->image, "Image folder, complete")
-        .number("--level", &packing->level, 1, "Level of zstd, 1 to 22; 17 where not given")
+        .integer("--level", &packing->level, 1, ZqImagePack::getMaxLevel(),
+                 "Level of zstd, 1 to 22; 17 where not given")
         .action([packing](Output& out) { return pack(*packing, out); });
 
     auto raw = SxPtr<RawOptions>::create();

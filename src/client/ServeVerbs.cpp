@@ -8,6 +8,7 @@ namespace {
 struct ServeOptions {
     SxString folder;
     SxList<SxString> faults;
+    int64 port = 0;
     ZqFileServer::Options server;
 };
 
@@ -38,6 +39,7 @@ void tellTotals(const ZqFileServer& server, Output* out) {
 
 int serve(const ServeOptions& options, Output& out) {
     ZqFileServer::Options what = options.server;
+    what.port = static_cast<uint64>(options.port);
     for (const SxString& name : options.faults)
         what.faults |= ZqFileServer::stringToFault(name);
     ZqFileServer server(options.folder, what);
@@ -56,7 +58,7 @@ void registerServeVerbs(App* app) {
     app->verb("serve", "Serve a folder over HTTP on this machine, as a slow or faulty link would",
               "tavrin serve games --port 8080 --rate 2500000 --latency 20")
         .argument("DIR", &options->folder, "Folder whose files are served")
-        .number("--port", &options->server.port, 0, "Port; any that is free where not given, or with 0")
+        .integer("--port", &options->port, 0, 65535, "Port; any that is free where not given, or with 0")
         .number("--rate", &options->server.rate, 0,
                 "Bytes per second, for all connections together; no limit where not given, or with 0")
         .number("--latency", &options->server.latencyMs, 0, "Milliseconds before each response")

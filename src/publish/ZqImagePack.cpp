@@ -183,6 +183,10 @@ ZqImagePack::ZqImagePack(const SxString& image_, int64 level_)
     setThreadName("image pack");
 }
 
+int64 ZqImagePack::getMaxLevel() {
+    return ZqFrameEncoder::getMaxLevel();
+}
+
 void ZqImagePack::main() {
     const auto shape = ZqImageLock::take(image, ZqImageLock::Shape, ZqImageLock::Shared, "image pack");
     const auto growth = ZqImageLock::take(image, ZqImageLock::Growth, ZqImageLock::Exclusive, "image pack");

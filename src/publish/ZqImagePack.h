@@ -10,6 +10,7 @@
 class ZqImagePack : public ZqTaskMon {
 public:
     static constexpr int64 DEFAULT_LEVEL = 17;
+    static int64 getMaxLevel();
 
     /// `image` is the image folder, `level` one of zstd's.
     explicit ZqImagePack(const SxString& image, int64 level = DEFAULT_LEVEL);
