@@ -13,6 +13,7 @@ namespace {
 
 constexpr const char* UNIT = "src/base/ZqImageRecords";
 constexpr int64 MAX_RECORD = SxFileIO::MAX_TEXT;
+constexpr uint64 MD5_SIZE = 32;
 /// Name under which a record waits until it is checked.
 constexpr const char* NEW = ".new";
 
@@ -26,9 +27,10 @@ int64 fileSize(const SxString& path) {
 /// Fetches one record on a thread of its own, so that a round trip is paid once for all.
 class ZqImageRecords::Fetch : public SxSystemThread {
 public:
-    Fetch(SxPtr<ZqRemoteFile> file_, SxString path_, bool optional_, ZqStopTest stop_)
+    Fetch(SxPtr<ZqRemoteFile> file_, SxString path_, uint64 maxSize_, bool optional_, ZqStopTest stop_)
         : file(std::move(file_)),
           path(std::move(path_)),
+          maxSize(maxSize_),
           optional(optional_),
           stop(std::move(stop_)) {
         setThreadName("record");
@@ -42,7 +44,7 @@ public:
 protected:
     void main() override {
         try {
-            file->fetchTo(path, stop);
+            file->fetchTo(path, stop, maxSize);
         } catch (const SxException& e) {
             if (!optional || !e.hasTag(ZqNetLink::NOT_FOUND)) throw;
         }
@@ -51,6 +53,7 @@ protected:
 private:
     const SxPtr<ZqRemoteFile> file;
     const SxString path;
+    const uint64 maxSize; ///< bytes
     const bool optional;
     const ZqStopTest stop;
 };
@@ -167,9 +170,9 @@ void ZqImageRecords::fetchRest(const ZqAppParams& app, const ZqStopTest& stop) {
     const bool needsMap = !hasMap(app);
     const bool needsDigest = needsMap && app.checksumIdx.isEmpty();
     const bool needsParams = !SxFSAction::test_f(params);
-    Fetch paramsFetch(remote(ZqImageFiles::IMAGE_JSON), params + NEW, false, stop);
-    Fetch mapFetch(remote(ZqImageFiles::IDX, app.sizeIdx), idx, false, stop);
-    Fetch digestFetch(remote(ZqImageFiles::IDX_MD5, 32), digest, true, stop);
+    Fetch paramsFetch(remote(ZqImageFiles::IMAGE_JSON), params + NEW, MAX_RECORD, false, stop);
+    Fetch mapFetch(remote(ZqImageFiles::IDX, app.sizeIdx), idx, app.sizeIdx, false, stop);
+    Fetch digestFetch(remote(ZqImageFiles::IDX_MD5, MD5_SIZE), digest, MD5_SIZE, true, stop);
     if (needsParams) paramsFetch.start();
     if (needsMap) {
         // What stands there belongs to another map, and would be believed ahead of app.json.

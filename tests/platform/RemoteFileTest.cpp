@@ -121,6 +121,10 @@ TEST_F(RemoteFile, saysWhatIsWrongWithAnAnswer) {
     EXPECT_FALSE(dir.exists("none"));
     EXPECT_THAT(std::string(failureOf([&] { open()->get(2'999'999); }).what()),
                 HasSubstr("has 3000000 bytes, and no more than 2999999"));
+    EXPECT_THAT(std::string(failureOf([&] { open()->fetchTo(dir.path("none"), nullptr, 2'999'999); }).what()),
+                AllOf(HasSubstr("/data'"), HasSubstr("has more than 2999999 bytes")));
+    EXPECT_FALSE(dir.exists("none"));
+    open()->fetchTo(dir.path("none"), nullptr, 3'000'000);
 }
 
 TEST_F(RemoteFile, noticesThatTheFileHasChanged) {

@@ -103,11 +103,17 @@ bool ZqRemoteFile::stream(uint64 offset, const Sink& sink, const ZqStopTest& sto
     }
 }
 
-void ZqRemoteFile::fetchTo(const SxString& path, const ZqStopTest& stop) {
+void ZqRemoteFile::fetchTo(const SxString& path, const ZqStopTest& stop, uint64 maxSize) {
     SxFileIO::writeAtomic(path, [&](SxFileIO* target) {
         stream(
             0,
-            [target](const char* bytes, int64 n) {
+            [&](const char* bytes, int64 n) {
+                // A server need not say ahead how much there is.
+                if (static_cast<uint64>(target->getOffset() + n) > maxSize) {
+                    const SxException e("The file has more than " + SxString(maxSize) + " bytes", UNIT,
+                                        __LINE__);
+                    throw failure(e, "");
+                }
                 target->writeBuffer(bytes, n);
                 return true;
             },

@@ -38,8 +38,9 @@ public:
     /// where `sink` ended it.
     bool stream(uint64 offset, const Sink& sink, const ZqStopTest& stop = nullptr);
     /// The whole file to `path` (host path or library path), which is replaced when all is on the device.
-    /// Resumes broken transfers where they stopped.
-    void fetchTo(const SxString& path, const ZqStopTest& stop = nullptr);
+    /// Resumes broken transfers where they stopped. The file must not have more than `maxSize` bytes, where
+    /// that is given.
+    void fetchTo(const SxString& path, const ZqStopTest& stop = nullptr, uint64 maxSize = UNKNOWN);
 
     const SxPtr<ZqFileFacts>& getFacts() const noexcept { return facts; }
 
