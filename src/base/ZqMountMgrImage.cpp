@@ -2,6 +2,7 @@
 #include "SxFSAction.h"
 #include "SxFileIO.h"
 #include "SxMd5.h"
+#include "SxSymbol.h"
 #include "ZqAppParams.h"
 #include "ZqDriveStatus.h"
 #include "ZqImageFiles.h"
@@ -57,13 +58,20 @@ SxString readOrFail(const SxString& file, Read&& read) {
     }
 }
 
+SxException corruptMap(const SxString& idx, const SxString& why) {
+    return SxException(SxException("'" + idx + "' " + why, UNIT, __LINE__),
+                       "Corrupt mapping information detected", UNIT, __LINE__);
+}
+
 void checkMap(const SxString& idx, const SxString& checksum) {
     const SxString md5File = idx + ".md5";
     const SxString actual = readOrFail(idx, [&] { return SxMd5::file(idx); });
     const SxString expected = SxFSAction::test_f(md5File)
                                   ? readOrFail(md5File, [&] { return SxFileIO::readUtf8(md5File); })
                                   : checksum;
-    if (!(actual == expected)) throw SxException("Corrupt mapping information detected", UNIT, __LINE__);
+    if (actual == expected) return;
+    throw corruptMap(idx, "has the digest " + actual + ", expected was '" +
+                              SxParserKit::excerpt(expected).makeVisible() + "'");
 }
 
 /// Units of app.json in bytes, without overflow.
@@ -89,8 +97,8 @@ void ZqMountMgr::checkImage(const SxString& image, uint64 sizeRaw, uint64 cursor
     }
     // A map of the wrong size is none, and may be too large to read.
     const uint64 nRaw = (sizeRaw + (uint64{1} << BLOCK_SHIFT) - 1) >> BLOCK_SHIFT;
-    if (static_cast<uint64>(SxFileInfo(idx).getSize()) != nRaw * sizeof(uint64)) {
-        throw SxException("Corrupt mapping information detected", UNIT, __LINE__);
+    if (const int64 size = SxFileInfo(idx).getSize(); static_cast<uint64>(size) != nRaw * sizeof(uint64)) {
+        throw corruptMap(idx, SxString("has ") + size + " bytes, expected were " + nRaw * sizeof(uint64));
     }
     checkMap(idx, appParams->checksumIdx);
     // A guard that answers with "no" has no reason to give.

@@ -1,4 +1,5 @@
 #include "MountTest.h"
+#include "SxMd5.h"
 #include "ZqImageLock.h"
 #include "ZqTraceParams.h"
 
@@ -103,6 +104,7 @@ TEST(MountImage, IsCheckedAheadOfAnyDrive) {
         std::function<void(Machine&)> damage;
     };
     const std::string corrupt = "Corrupt mapping information detected";
+    const std::string wrong = SxMd5::get(SxString(std::string(64, 'x'))).str();
     const Case cases[] = {
         {"Cannot find mapping file $/img.idx", [](Machine& m) { fs::remove(m.dir.path("image/img.idx")); }},
         {"Cannot find image file $/img.zqf", [](Machine& m) { fs::remove(m.dir.path("image/img.zqf")); }},
@@ -117,8 +119,18 @@ TEST(MountImage, IsCheckedAheadOfAnyDrive) {
              m.cursor = 2;
              m.dir.write("image/img.zqf", std::string(8191, 'x'));
          }},
-        {corrupt, [](Machine& m) { m.app.checksumIdx = ""; }},
-        {corrupt, [](Machine& m) { m.dir.write("image/img.idx.md5", m.app.checksumIdx.str() + "\n"); }},
+        {corrupt + ": '$/img.idx' has 56 bytes, expected were 64",
+         [](Machine& m) { fs::resize_file(m.dir.path("image/img.idx"), 56); }},
+        {corrupt + ": '$/img.idx' has the digest " + wrong + ", expected was ''",
+         [](Machine& m) {
+             m.dir.write("image/img.idx", std::string(64, 'x'));
+             m.app.checksumIdx = "";
+         }},
+        {corrupt + ": '$/img.idx' has the digest " + wrong + ", expected was '" + wrong + "\\n'",
+         [&](Machine& m) {
+             m.dir.write("image/img.idx", std::string(64, 'x'));
+             m.dir.write("image/img.idx.md5", wrong + "\n");
+         }},
         {"Image $ needs the launcher 'Steam', which isn't supported yet",
          [](Machine& m) {
              m.app.access = {"Steam", "Origin"};
