@@ -1,4 +1,5 @@
 #include "StreamRun.h"
+#include "SxFileIO.h"
 #include "SxMd5.h"
 #include "ZqImageFeed.h"
 
@@ -244,6 +245,12 @@ TEST_F(StreamRun, ARecordThatDoesntFitIsTakenFromTheMendedServer) {
         EXPECT_EQ(player->end(), 0) << player->says();
         expectPlayed();
     }
+    dir.write("served/img.json", right + string(SxFileIO::MAX_TEXT, ' '));
+    fs::remove_all(got);
+    const auto tooLarge = start();
+    EXPECT_EQ(tooLarge->end(), 1);
+    EXPECT_THAT(tooLarge->says(), HasSubstr("has more than 16777216 bytes"));
+    dir.write("served/img.json", right);
     // A mount that needs more than there is says so in the end, and isn't waited for.
     fs::remove_all(got);
     string beyond = app;
