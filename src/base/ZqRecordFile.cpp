@@ -44,10 +44,10 @@ uint64 ZqRecordFile::toUnsigned(const SxSymbol& number) {
     return static_cast<uint64>(value);
 }
 
-void ZqRecordFile::write(const SxSymbol& root, const SxString& file) {
+void ZqRecordFile::write(const SxSymbol& root, const SxString& file, int permission) {
     const SxFileInfo info(file);
     SxFSAction::mkdir_p(info.getPath(), 0777);
-    root.write(info.getAbsPath());
+    SxFileIO::writeAtomic(info.getAbsPath(), root.toJson(4) + "\n", permission);
 }
 
 void ZqRecordFile::get(const SxSymbol& object, const char* key, SxString* field) {

@@ -13,7 +13,7 @@ public:
     /// A number that must not be negative.
     static uint64 toUnsigned(const SxParserKit::SxSymbol& number);
     /// Writes the tree as the whole of `file`, atomically; makes the folder.
-    static void write(const SxParserKit::SxSymbol& root, const SxString& file);
+    static void write(const SxParserKit::SxSymbol& root, const SxString& file, int permission = 0644);
 
     // The optional keys: the field stays where the key is absent.
     static void get(const SxParserKit::SxSymbol& object, const char* key, SxString* field);

@@ -43,7 +43,7 @@ void ZqStreamRecord::write(const SxString& image) const {
         root.append("nStarts", nStarts);
         if (!application.isEmpty()) root.append("application", application);
         if (!verified.isEmpty()) root.append("verified", verified);
-        ZqRecordFile::write(root, file);
+        ZqRecordFile::write(root, file, 0600);
     } catch (const SxException& e) {
         throw SxException(e, "Failed to write file " + file, UNIT, __LINE__);
     }
