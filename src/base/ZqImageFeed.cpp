@@ -113,17 +113,22 @@ void ZqImageFeed::open(const ZqStopTest& stop) {
         link = SxPtr<ZqNetLink>::create();
         app = ZqImageRecords(link, settings.image, url, settings.headers).fetchApp(stop);
     }
+    // What is downloaded from its beginning on has nothing of an earlier file.
+    const bool isFresh = fileSize() == 0;
+    isWritten = record.isWritten && !isFresh;
     verified = !link && isKnownAsRight(record);
-    const SxString digest = link ? SxString() : record.verified;
-    if (record.url == url && record.verified == digest) return;
+    const bool dropsDigest = link && !record.verified.isEmpty();
+    if (record.url == url && !dropsDigest && record.isWritten == isWritten) return;
     ZqStreamRecord::update(settings.image, [&](ZqStreamRecord* now) {
         now->url = url;
-        now->verified = digest;
+        if (link) now->verified = SxString();
+        if (isFresh) now->isWritten = false;
     });
 }
 
 bool ZqImageFeed::isKnownAsRight(const ZqStreamRecord& record) const {
-    return url.isEmpty() || app.checksumZqf.isEmpty() || record.verified == app.checksumZqf;
+    return url.isEmpty() || app.checksumZqf.isEmpty() || isWritten ||
+           record.isVerified(settings.image, app.checksumZqf);
 }
 
 void ZqImageFeed::makeWriter() {
@@ -304,12 +309,13 @@ SxException ZqImageFeed::takeFailure() {
 
 void ZqImageFeed::verifyDigest() {
     if (verified) return;
-    if (app.checksumZqf.isEmpty()) {
+    if (app.checksumZqf.isEmpty() || isWritten) {
         verified = true;
         return;
     }
     nChecked = 0;
     checking = true;
+    const auto stamp = ZqStreamRecord::Stamp::of(settings.image);
     const SxString digest = readDigest();
     checking = false;
     // What was cut off here, the next run makes up for.
@@ -322,7 +328,10 @@ void ZqImageFeed::verifyDigest() {
     }
     verified = true;
     try {
-        ZqStreamRecord::update(settings.image, [&](ZqStreamRecord* record) { record->verified = digest; });
+        ZqStreamRecord::update(settings.image, [&](ZqStreamRecord* record) {
+            record->verified = digest;
+            record->verifiedStamp = stamp;
+        });
     } catch (const SxException& e) {
         // The price is that the next run checks again.
         zqLogMsg("base", "ZqImageFeed: " + e.toString(SxException::ShowMessage));

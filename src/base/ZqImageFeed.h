@@ -85,7 +85,7 @@ public:
     /// Whether all bytes are in `img.zqf`.
     bool isComplete() const;
     /// Whether they are, and have the digest that `app.json` states. A complete image without an address,
-    /// which didn't come from a server, counts as such.
+    /// which didn't come from a server, counts as such; so does one that a drive may have written into.
     bool isVerified() const { return verified; }
     Status getStatus() const;
     /// The underflows and on-demand requests so far.
@@ -121,6 +121,7 @@ private:
     SxString url;
     ZqAppParams app;
     ZqImageParams params;
+    bool isWritten = false; ///< a drive may have written into `img.zqf`
     SxPtr<ZqImageLock> growth, shape;
     SxPtr<ZqNetLink> link;
     SxPtr<ZqRemoteImage> image;

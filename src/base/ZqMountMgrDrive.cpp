@@ -6,6 +6,7 @@
 #include "ZqImageFolder.h"
 #include "ZqLog.h"
 #include "ZqMountMgr.h"
+#include "ZqStreamRecord.h"
 #include "ZqTraceFiles.h"
 #include "ZqTraceParams.h"
 #include "zqdevctl.h"
@@ -206,6 +207,7 @@ void ZqMountMgr::failOnUnderflow(const SxString& image) const {
 
 void ZqMountMgr::flushTW(const SxString& image) const {
     if (!isMounted(image)) return;
+    ZqStreamRecord::noteWrites(image);
     demand("Cannot flush TW layer to image " + image,
            [&] { return zqDriveFlushTWToImage(image.utf16().data()); });
 }

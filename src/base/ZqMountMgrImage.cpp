@@ -8,8 +8,10 @@
 #include "ZqImageFiles.h"
 #include "ZqImageFolder.h"
 #include "ZqImageLock.h"
+#include "ZqImageRecords.h"
 #include "ZqMountMgr.h"
 #include "ZqRedirection.h"
+#include "ZqStreamRecord.h"
 #include "ZqTraceParams.h"
 
 #include "ZqVolume.h"
@@ -172,6 +174,8 @@ SxString ZqMountMgr::mountImageZQF(MountMode mode, DeviceMode deviceMode, const 
         const auto method =
             traceFolder.isEmpty() ? ZqTraceParams::Monitoring : ZqTraceParams::stringToMethod(traceMethod);
         checkImage(image, sizeRaw, cursor, traceFolder);
+        // Not behind the mount, since a file system writes as soon as it comes up.
+        if (mode == ReadWrite && ZqImageRecords::isComplete(image)) ZqStreamRecord::noteWrites(image);
         setCacheSize(0);
         mount();
         prepareGuard(image);

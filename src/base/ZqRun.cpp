@@ -119,13 +119,15 @@ void ZqRun::mount() {
         feed.requireAlive();
         SxTime::msleep(LOOK_MS);
     }
+    const ZqMountMgr::MountMode mode = settings.mountMode.isEmpty()
+                                           ? feed.getApp().mountMode
+                                           : ZqMountMgr::stringToMountMode(settings.mountMode);
+    // A drive that writes into the file would change what is compared.
+    if (mode == ZqMountMgr::ReadWrite) awaitCheck();
     phase = Mounting;
     mounted = true;
     result.traceFolder = settings.traceFolder;
     if (result.traceFolder.isEmpty() && !settings.isDriveOnly) result.traceFolder = newTraceFolder(image);
-    const ZqMountMgr::MountMode mode = settings.mountMode.isEmpty()
-                                           ? feed.getApp().mountMode
-                                           : ZqMountMgr::stringToMountMode(settings.mountMode);
     MountJob job(feed, image, mode, result.traceFolder);
     job.start();
     job.finish(stop);

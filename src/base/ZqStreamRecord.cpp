@@ -3,6 +3,7 @@
 #include "SxException.h"
 #include "SxFSAction.h"
 #include "SxMutex.h"
+#include "SxOs.h"
 #include "ZqImageFiles.h"
 #include "ZqImageFolder.h"
 #include "ZqRecordFile.h"
@@ -18,6 +19,24 @@ SxString recordFile(const SxString& image) {
 }
 } // namespace
 
+ZqStreamRecord::Stamp ZqStreamRecord::Stamp::of(const SxString& image) {
+    SxStat info;
+    const SxString file = ZqImageFolder::prefix(image) + ZqImageFiles::ZQF;
+    if (SxOs::get().stat(SxOs::hostPath(file), &info) != 0) return {};
+    return {info.size, info.modifiedMs};
+}
+
+bool ZqStreamRecord::isVerified(const SxString& image, const SxString& digest) const {
+    return verified == digest && verifiedStamp == Stamp::of(image);
+}
+
+void ZqStreamRecord::noteWrites(const SxString& image) {
+    ZqStreamRecord old;
+    old.read(image);
+    if (old.url.isEmpty() || old.isWritten) return;
+    update(image, [](ZqStreamRecord* record) { record->isWritten = true; });
+}
+
 void ZqStreamRecord::read(const SxString& image) {
     *this = ZqStreamRecord();
     const SxString file = recordFile(image);
@@ -28,6 +47,10 @@ void ZqStreamRecord::read(const SxString& image) {
         ZqRecordFile::get(root, "nStarts", &nStarts);
         ZqRecordFile::get(root, "application", &application);
         ZqRecordFile::get(root, "verified", &verified);
+        ZqRecordFile::get(root, "verifiedSize", &verifiedStamp.size);
+        ZqRecordFile::get(root, "verifiedTime", &verifiedStamp.modifiedMs);
+        const SxSymbol written = root.getElem("written", false);
+        isWritten = written.isValid() && written.toBool();
     } catch (const SxException& e) {
         throw SxException(e, "Failed to read file " + file, UNIT, __LINE__);
     }
@@ -42,7 +65,12 @@ void ZqStreamRecord::write(const SxString& image) const {
         if (!url.isEmpty()) root.append("url", url);
         root.append("nStarts", nStarts);
         if (!application.isEmpty()) root.append("application", application);
-        if (!verified.isEmpty()) root.append("verified", verified);
+        if (!verified.isEmpty()) {
+            root.append("verified", verified);
+            root.append("verifiedSize", verifiedStamp.size);
+            root.append("verifiedTime", verifiedStamp.modifiedMs);
+        }
+        if (isWritten) root.append("written", true);
         ZqRecordFile::write(root, file, 0600);
     } catch (const SxException& e) {
         throw SxException(e, "Failed to write file " + file, UNIT, __LINE__);

@@ -5,14 +5,30 @@
 #include <functional>
 
 /// The record `stream.json` of an image folder: where the image comes from, and which application a run has
-/// started from it, so that the next run can go on. Written by runs alone. Between processes it isn't locked:
-/// the one that completes the image is the one that writes it.
+/// started from it, so that the next run can go on. Written by runs, and by what lets a drive write into
+/// `img.zqf`. Between processes it isn't locked: the one that completes the image is the one that writes it.
+/// For its user alone, since an address may hold a password.
 class ZqStreamRecord {
 public:
     SxString url;         ///< address of the image's folder; empty where none is known
     int64 nStarts = 0;    ///< applications started so far
     SxString application; ///< process group of the last of them, see SxProcessGroup::toText(); empty for none
     SxString verified;    ///< digest that the complete `img.zqf` was found to have; empty for none
+    /// An `img.zqf` as it was at some moment: another size or time tells that it was changed.
+    struct Stamp {
+        int64 size = -1;      ///< bytes
+        int64 modifiedMs = 0; ///< milliseconds since 1970 UTC
+        bool operator==(const Stamp&) const = default;
+        /// That of the file in the image folder; size -1 where there is none.
+        static Stamp of(const SxString& image);
+    };
+    Stamp verifiedStamp;    ///< of the file when `verified` was taken
+    bool isWritten = false; ///< a drive may have written into `img.zqf`, so that its digest tells nothing
+
+    /// Whether the image's `img.zqf` was found to have that digest, and is as it was then.
+    bool isVerified(const SxString& image, const SxString& digest) const;
+    /// Notes, where the image has an address, that its `img.zqf` is about to be written into.
+    static void noteWrites(const SxString& image);
 
     /// Fills the record from the image folder `image`; all defaults where it has no record. Raises
     /// "Failed to read file ..." with the cause.

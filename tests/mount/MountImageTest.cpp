@@ -1,6 +1,7 @@
 #include "MountTest.h"
 #include "SxMd5.h"
 #include "ZqImageLock.h"
+#include "ZqStreamRecord.h"
 #include "ZqTraceParams.h"
 
 namespace {
@@ -163,6 +164,34 @@ TEST(MountImage, IsCheckedAheadOfAnyDrive) {
                                                1, 1, false, "", "");
                 }),
                 testing::StartsWith("Failed to read file " + machine.name + "/app.json"));
+}
+
+TEST(MountImage, NotesWhatIsAboutToWriteIntoTheImage) {
+    for (const bool flushes : {false, true}) {
+        Machine machine;
+        const auto note = [&] {
+            ZqStreamRecord record;
+            record.read(machine.image);
+            return record.isWritten;
+        };
+        machine.mount("", ZqMountMgr::ReadOnly);
+        machine.mgr.flushTW(machine.image);
+        EXPECT_FALSE(machine.dir.exists("image/stream.json")) << "it came from nowhere";
+        ZqStreamRecord record;
+        record.url = "http://127.0.0.1/";
+        record.write(machine.image);
+        EXPECT_FALSE(note());
+        if (flushes) {
+            machine.mgr.flushTW(machine.image);
+        } else {
+            machine.mgr.umountImage(machine.image, false);
+            machine.mount("", ZqMountMgr::ReadTWLayer);
+            machine.mgr.umountImage(machine.image, false);
+            EXPECT_FALSE(note());
+            machine.mount("", ZqMountMgr::ReadWrite);
+        }
+        EXPECT_TRUE(note());
+    }
 }
 
 TEST(MountImage, WhatPassesTheChecks) {

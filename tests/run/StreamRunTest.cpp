@@ -384,6 +384,26 @@ TEST_F(StreamRun, AFullDiskEndsNothing) {
     expectComplete();
 }
 
+TEST_F(StreamRun, AnImageThatADriveWritesIntoIsntComparedAgain) {
+    served = build("written", "ext4", {"--cmd", "{{ZQDRIVE}}/TAVRIN-protected/app/play.sh"});
+    ZqAppParams app(SxString(served + "/"));
+    app.mountMode = ZqMountMgr::ReadWrite;
+    app.write();
+    server = std::make_unique<ZqFileServer>(SxString(served));
+    server->start();
+    // Once while it arrives, which the drive waits for, and once when it is there.
+    for (int i = 0; i < 2; ++i) {
+        const auto player = start();
+        EXPECT_EQ(player->end(), 0) << player->says();
+        expectPlayed();
+        EXPECT_FALSE(dir.read("got/img.zqf") == dir.read("written/img.zqf"));
+        EXPECT_THAT(dir.read("got/stream.json"), HasSubstr("\"written\": true"));
+    }
+    fs::remove(got + "/img.zqf");
+    done({"run", got, "--now"});
+    EXPECT_THAT(dir.read("got/stream.json"), HasSubstr("\"verified\""));
+}
+
 TEST_F(StreamRun, OnlyAnImageWithItsDigestCountsAsComplete) {
     const string right = dir.read("served/app.json");
     string wrong = right;
@@ -410,11 +430,24 @@ TEST_F(StreamRun, OnlyAnImageWithItsDigestCountsAsComplete) {
     EXPECT_TRUE(isMounted());
     EXPECT_THAT(dir.read("got/stream.json"), HasSubstr("\"verified\""));
     done({"umount", got});
+    EXPECT_EQ(fs::status(got + "/stream.json").permissions(), fs::perms(0600));
+    const auto time = fs::last_write_time(got + "/img.zqf");
     std::fstream file(got + "/img.zqf", std::ios::in | std::ios::out | std::ios::binary);
     file.seekp(-1, std::ios::end);
     file.put('\x55');
     file.close();
+    fs::last_write_time(got + "/img.zqf", time);
     EXPECT_EQ(start()->end(), 0);
+    // One that was changed since is looked at again.
+    fs::last_write_time(got + "/img.zqf", time + std::chrono::seconds(1));
+    const auto changed = start();
+    EXPECT_EQ(changed->end(), 1);
+    EXPECT_THAT(changed->says(), HasSubstr("what the server gave isn't the image"));
+    fs::remove(got + "/img.zqf");
+    dir.write("served/app.json", right);
+    server->start();
+    EXPECT_EQ(start()->end(), 0);
+    expectComplete();
 }
 
 TEST_F(StreamRun, AnotherImageOnTheServerIsRefused) {
