@@ -323,7 +323,8 @@ void ZqImageFeed::verifyDigest() {
     if (!(digest == app.checksumZqf)) {
         throw SxException("'" + filePath(ZqImageFiles::ZQF) + "' has the digest " + digest +
                               " where app.json states " + app.checksumZqf +
-                              ": what the server gave isn't the image",
+                              ": what the server gave isn't the image, or the file was changed since; "
+                              "to download it anew, remove img.zqf",
                           UNIT, __LINE__);
     }
     verified = true;

@@ -442,7 +442,7 @@ TEST_F(StreamRun, OnlyAnImageWithItsDigestCountsAsComplete) {
     fs::last_write_time(got + "/img.zqf", time + std::chrono::seconds(1));
     const auto changed = start();
     EXPECT_EQ(changed->end(), 1);
-    EXPECT_THAT(changed->says(), HasSubstr("what the server gave isn't the image"));
+    EXPECT_THAT(changed->says(), HasSubstr("to download it anew, remove img.zqf"));
     fs::remove(got + "/img.zqf");
     dir.write("served/app.json", right);
     server->start();
