@@ -239,7 +239,8 @@ void ZqFWriter::writeTestFile(int64 nBytes) {
     fillRandomly(&words, time0);
     testBytes = static_cast<uint64>(words.getSize()) * sizeof(uint64);
     const uint64 begin = steadyMs();
-    SxFileIO file(pathOf(TEST_FILE), "wb", FILE_MODE);
+    SxFileIO file;
+    file.create(pathOf(TEST_FILE), FILE_MODE);
     file.write(words);
     file.flush();
     file.close();
@@ -247,7 +248,7 @@ void ZqFWriter::writeTestFile(int64 nBytes) {
 }
 
 void ZqFWriter::openLog() {
-    log.open(pathOf(LOG), "wb", FILE_MODE);
+    log.create(pathOf(LOG), FILE_MODE);
     log.write(
         SxString::sprintf("#Time0: %15ju ms, Curser0: %15ju bytes\n", uintmax_t{time0}, uintmax_t{cursor0}));
     log.write(SxString::sprintf("# Testwrites of %15ju bytes took %15ju ms\n", uintmax_t{testBytes},

@@ -94,6 +94,11 @@ void ZqImageFeed::open(const ZqStopTest& stop) {
         throw SxException("Image folder '" + settings.image + "' not found, and no address is given", UNIT,
                           __LINE__);
     }
+    const SxFileInfo zqf(filePath(ZqImageFiles::ZQF));
+    if (zqf.isLink() && !ZqImageRecords::isComplete(settings.image)) {
+        throw SxException("'" + zqf.getOrig() + "' is a link, and a download goes only into its folder", UNIT,
+                          __LINE__);
+    }
     SxFSAction::mkdir_p(settings.image);
     growth = ZqImageLock::take(settings.image, ZqImageLock::Growth, ZqImageLock::Exclusive, settings.job);
     ZqStreamRecord record;

@@ -126,12 +126,16 @@ void ZqRun::mount() {
     if (mode == ZqMountMgr::ReadWrite) awaitCheck();
     phase = Mounting;
     mounted = true;
-    result.traceFolder = settings.traceFolder;
-    if (result.traceFolder.isEmpty() && !settings.isDriveOnly) result.traceFolder = newTraceFolder(image);
+    result.traceFolder = hasOwnTrace() ? newTraceFolder(image) : settings.traceFolder;
     MountJob job(feed, image, mode, result.traceFolder);
     job.start();
     job.finish(stop);
     feed.alignCursor();
+}
+
+/// Whether the trace goes among the image's own.
+bool ZqRun::hasOwnTrace() const {
+    return settings.traceFolder.isEmpty() && !settings.isDriveOnly;
 }
 
 void ZqRun::main() {
@@ -153,6 +157,11 @@ void ZqRun::main() {
 
 void ZqRun::run() {
     const ZqStopTest stop = [this] { return isStopping(); };
+    const SxFileInfo traces(ZqImageFolder::prefix(image) + SxString(ZqImageFiles::TRACES).left("/"));
+    if (hasOwnTrace() && traces.isLink()) {
+        throw SxException("The traces of '" + image + "' are a link, and a run writes only into its folder",
+                          UNIT, __LINE__);
+    }
     feed.open(stop);
     const bool wasComplete = feed.isComplete();
     const uint64 nPresent = feed.fileSize();

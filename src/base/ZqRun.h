@@ -72,6 +72,7 @@ private:
     /// Waits until the image is known to be right.
     void awaitCheck();
     void mount();
+    bool hasOwnTrace() const;
     void feedDrive();
     void prepare();
     ZqDiskStatus requireDisk() const;

@@ -404,6 +404,26 @@ TEST_F(StreamRun, AnImageThatADriveWritesIntoIsntComparedAgain) {
     EXPECT_THAT(dir.read("got/stream.json"), HasSubstr("\"verified\""));
 }
 
+TEST_F(StreamRun, NothingIsWrittenBeyondALink) {
+    fs::create_directories(got);
+    for (const char* name : {"/app.json", "/img.json"})
+        fs::copy_file(served + name, got + name);
+    const string elsewhere = dir.path("elsewhere");
+    fs::create_directory(elsewhere);
+    for (const char* name : {"img.zqf", "traces"}) {
+        fs::create_symlink(elsewhere + (string(name) == "traces" ? "" : "/x"), got + "/" + name);
+        const auto refused = start();
+        EXPECT_EQ(refused->end(), 1);
+        EXPECT_THAT(refused->says(), testing::AllOf(HasSubstr("a link"), HasSubstr("into its folder")));
+        fs::remove(got + "/" + name);
+    }
+    for (const char* name : {"write.log", "test.dat", "onDemand.dat"})
+        fs::create_symlink(elsewhere + "/x", got + "/" + name);
+    const auto player = start();
+    EXPECT_EQ(player->end(), 0) << player->says();
+    EXPECT_TRUE(fs::is_empty(elsewhere));
+}
+
 TEST_F(StreamRun, OnlyAnImageWithItsDigestCountsAsComplete) {
     const string right = dir.read("served/app.json");
     string wrong = right;
