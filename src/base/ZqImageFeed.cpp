@@ -38,6 +38,19 @@ constexpr int64 SILENCE_S = 3;
 /// Below that rate, bytes a second, silence is the limit's.
 constexpr uint64 STEADY_RATE = 64 << 10;
 
+/// What an event says of a failure, a level a line with its place in the code behind it, as one sentence.
+SxString sentenceOf(const SxString& text) {
+    SxList<SxString> levels;
+    for (const SxString& line : text.tokenize('\n')) {
+        const std::string& all = line.str();
+        const size_t place = all.rfind(" (");
+        const bool hasPlace = place != std::string::npos && all.find(' ', place + 1) == std::string::npos &&
+                              all.find(':', place) != std::string::npos && all.back() == ')';
+        levels << (hasPlace ? SxString(all.substr(0, place)) : line);
+    }
+    return SxString::join(levels, ": ");
+}
+
 } // namespace
 
 /// Looks after the other threads.
@@ -223,6 +236,10 @@ void ZqImageFeed::keep() {
         verifyDigest();
         return;
     }
+    if (!SxFSAction::exists(filePath(ZqImageFiles::ZQF))) {
+        throw SxException("The image in '" + settings.image + "' was removed while it was downloaded", UNIT,
+                          __LINE__);
+    }
     download->flush();
     keepManager();
     keepDownload();
@@ -308,7 +325,7 @@ SxException ZqImageFeed::takeFailure() {
     SxEvent event;
     while (failures.tryPop(&event))
         why = event.getData().getText(1);
-    return SxException(SxException(why, UNIT, __LINE__),
+    return SxException(SxException(sentenceOf(why), UNIT, __LINE__),
                        "The download into '" + settings.image + "' has ended", UNIT, __LINE__);
 }
 

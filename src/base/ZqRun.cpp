@@ -387,7 +387,8 @@ void ZqRun::end() {
 
 /// What came of the run stays as it is where its record can't be written.
 void ZqRun::writeInfo() {
-    if (!result.wasStarted) return;
+    // A folder that was removed would come back.
+    if (!result.wasStarted || !SxFSAction::exists(image)) return;
     try {
         result.info.write(image);
     } catch (const SxException& e) {

@@ -424,6 +424,25 @@ TEST_F(StreamRun, NothingIsWrittenBeyondALink) {
     EXPECT_TRUE(fs::is_empty(elsewhere));
 }
 
+TEST_F(StreamRun, AnImageThatIsRemovedIsToldInASentence) {
+    server->setRate(500'000);
+    const auto player = start();
+    const auto isNoted = [&] {
+        return hasStarted() && dir.read("got/stream.json").find("application") != string::npos;
+    };
+    ASSERT_TRUE(eventually(isNoted)) << player->says();
+    // What the run makes at the same moment may be in the way of the folder.
+    ASSERT_TRUE(eventually([&] {
+        std::error_code error;
+        fs::remove_all(got, error);
+        return !fs::exists(got);
+    }));
+    EXPECT_EQ(player->end(), 1);
+    EXPECT_THAT(player->says(), testing::AllOf(HasSubstr("was removed"), Not(HasSubstr("src/"))));
+    EXPECT_FALSE(fs::exists(got));
+    EXPECT_FALSE(isMounted());
+}
+
 TEST_F(StreamRun, OnlyAnImageWithItsDigestCountsAsComplete) {
     const string right = dir.read("served/app.json");
     string wrong = right;
