@@ -20,6 +20,8 @@ namespace {
 
 constexpr const char* UNIT = "src/base/ZqRun";
 constexpr int64 LOOK_MS = SxWait::LOOK_MS;
+/// Room for the records of a mount, in bytes.
+constexpr uint64 RECORD_ROOM = 1 << 20;
 /// From one try to note the application to the next.
 constexpr int64 NOTE_NS = 500'000'000;
 
@@ -124,6 +126,7 @@ void ZqRun::mount() {
                                            : ZqMountMgr::stringToMountMode(settings.mountMode);
     // A drive that writes into the file would change what is compared.
     if (mode == ZqMountMgr::ReadWrite) awaitCheck();
+    if (hasOwnTrace()) awaitRoom();
     phase = Mounting;
     mounted = true;
     result.traceFolder = hasOwnTrace() ? newTraceFolder(image) : settings.traceFolder;
@@ -136,6 +139,21 @@ void ZqRun::mount() {
 /// Whether the trace goes among the image's own.
 bool ZqRun::hasOwnTrace() const {
     return settings.traceFolder.isEmpty() && !settings.isDriveOnly;
+}
+
+/// The mount ends where it can't write the record of its trace.
+void ZqRun::awaitRoom() {
+    const auto tell = [this](const SxString& line) {
+        const SxMutexBlock block(&mutex);
+        unnoted = line;
+    };
+    while (ZqSysEnv::getFreeDiskSpace(image) < RECORD_ROOM) {
+        if (isStopping()) throw stopped();
+        feed.requireAlive();
+        tell("waiting for room on the disk of '" + image + "'");
+        SxTime::msleep(LOOK_MS);
+    }
+    tell("");
 }
 
 void ZqRun::main() {

@@ -73,6 +73,7 @@ private:
     void awaitCheck();
     void mount();
     bool hasOwnTrace() const;
+    void awaitRoom();
     void feedDrive();
     void prepare();
     ZqDiskStatus requireDisk() const;

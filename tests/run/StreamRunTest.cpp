@@ -382,6 +382,12 @@ TEST_F(StreamRun, AFullDiskEndsNothing) {
     EXPECT_THAT(player->says(), HasSubstr("got/runtime.json"));
     expectPlayed();
     expectComplete();
+    // A complete image waits as well for what its trace takes.
+    const auto next = start();
+    EXPECT_TRUE(saysSoon(*next, "waiting for room on the disk")) << next->says();
+    disk.free();
+    EXPECT_EQ(next->end(), 0) << next->says();
+    expectPlayed();
 }
 
 TEST_F(StreamRun, AnImageThatADriveWritesIntoIsntComparedAgain) {
