@@ -300,7 +300,7 @@ TEST_F(ClientTest, traceInfo) {
 TEST_F(ClientTest, orderAndForecast) {
     const string image = makeImage("image"), trace = dir.path("trace"), index = dir.path("index");
     const auto items = SxPtr<ZqTrace::Items>::create();
-    for (const uint64 block : {3, 1, 3})
+    for (const uint64 block : {uint64{3}, uint64{1}, uint64{3}})
         items->append(ZqTraceItem(block, 1'000'000, false));
     const ZqAppParams app(SxString(image + "/"));
     ZqTrace::write(items, SxString(trace + "/"), ZqTraceParams::Set, app.checksumMnt);
