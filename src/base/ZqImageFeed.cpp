@@ -258,11 +258,19 @@ void ZqImageFeed::keepManager() {
 }
 
 void ZqImageFeed::keepDownload() {
-    if (download->isRunning()) return;
+    if (download->isRunning()) {
+        if (isBroken && fileSize() > brokenSize) {
+            isBroken = false;
+            setWaiting("");
+        }
+        return;
+    }
     download->wait();
     if (!download->hasException()) return;
     if (!hasApplication || !download->getException().hasTag(ZqNetLink::BROKEN))
         throw download->getException();
+    isBroken = true;
+    brokenSize = fileSize();
     setWaiting("waiting for the server: it breaks off all its answers");
     const int64 nowNs = SxClock::get().steadyNs();
     if (nowNs - downloadNs < DOWNLOAD_LOOK_NS) return;

@@ -143,6 +143,8 @@ private:
     int64 seenNs = 0;      ///< when they came
     int nWriterTries = 0;
     uint64 triedSize = 0;
+    bool isBroken = false; ///< the server breaks off all its answers, and nothing has come since
+    uint64 brokenSize = 0;
     int64 downloadNs = 0; ///< when the download was begun again
     /// Then nothing that may pass ends the download: the application can go on with what is there.
     std::atomic<bool> hasApplication{false};

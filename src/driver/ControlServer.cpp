@@ -223,7 +223,11 @@ bool ControlServer::endIfIdle() {
             pollfd pending = {listener, POLLIN, 0};
             ended = ::poll(&pending, 1, 0) == 0;
             closing = ended;
-            ended ? ::unlink(away.c_str()) : ::rename(away.c_str(), path.c_str());
+            if (ended) {
+                ::unlink(away.c_str());
+            } else if (::rename(away.c_str(), path.c_str()) != 0) {
+                driverLog("The socket can't be put back: " + SxOs::errorText(errno));
+            }
         }
     }
     os.close(lock);

@@ -41,12 +41,19 @@ void ZqRemoteImage::AheadLoader::main() {
             if (e.hasTag(SxException::STOPPED)) break;
             // Whoever needs the bytes asks for them again, and is told.
             zqLogMsg("NET", e.toString(SxException::ShowMessage, ": "));
-            const SxMutexBlock lock(&mutex);
-            nextIdx = NONE;
+            giveUp();
+        } catch (const std::exception& e) {
+            zqLogMsg("NET", SxString("Nothing is fetched ahead for now: ") + e.what());
+            giveUp();
         }
     }
     for (const SxPtr<Fetch>& fetch : fetches)
         image->forgetAhead(fetch->stretchIdx);
+}
+
+void ZqRemoteImage::AheadLoader::giveUp() {
+    const SxMutexBlock lock(&mutex);
+    nextIdx = NONE;
 }
 
 uint64 ZqRemoteImage::AheadLoader::choose() {
@@ -63,7 +70,7 @@ void ZqRemoteImage::AheadLoader::begin(std::deque<SxPtr<Fetch>>* fetches) {
         if (idx == NONE) return;
         try {
             fetches->push_back(image->beginFetch(idx, ZqTransfer::Kind::Ahead));
-        } catch (const SxException&) {
+        } catch (...) {
             image->forgetAhead(idx);
             throw;
         }
@@ -76,7 +83,8 @@ void ZqRemoteImage::AheadLoader::finish(SxPtr<Fetch> fetch) {
     try {
         image->keep(idx, image->finishFetch(std::move(fetch), [this] { return stopping.load(); }),
                     &Figures::nAhead);
-    } catch (const SxException&) {
+    } catch (...) {
+        // A reader may wait for it.
         image->forgetAhead(idx);
         throw;
     }

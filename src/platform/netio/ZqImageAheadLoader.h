@@ -22,6 +22,8 @@ protected:
 private:
     /// The stretch to begin next; NONE where there is nothing to do.
     uint64 choose();
+    /// Leaves what was to follow.
+    void giveUp();
     void begin(std::deque<SxPtr<Fetch>>* fetches);
     void finish(SxPtr<Fetch> fetch);
 
