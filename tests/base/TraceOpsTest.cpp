@@ -335,8 +335,8 @@ TEST(TraceOps, TrimKeepAndShift) {
         expectSound(dir.path("span/"));
     }
     const TreeSnapshot before = dir.snapshot();
-    for (const auto& [from, to] : {std::pair<int64, int64>(1, 0), {10, 99}}) {
-        EXPECT_EQ(failureOf([&] { ZqTrace(path).dropTime(from, to); }),
+    for (const auto& span : {std::pair<int64, int64>(1, 0), {10, 99}}) {
+        EXPECT_EQ(failureOf([&] { ZqTrace(path).dropTime(span.first, span.second); }),
                   "All items have been dropped, no trace written.");
     }
     EXPECT_EQ(dir.snapshot(), before);
