@@ -121,7 +121,6 @@ private:
     SxString url;
     ZqAppParams app;
     ZqImageParams params;
-    bool isWritten = false; ///< a drive may have written into `img.zqf`
     SxPtr<ZqImageLock> growth, shape;
     SxPtr<ZqNetLink> link;
     SxPtr<ZqRemoteImage> image;
@@ -133,6 +132,11 @@ private:
     std::unique_ptr<ZqOrderedDownload> download;
     std::unique_ptr<Keeper> keeper;
     std::atomic<bool> stopping{false}, verified{false}, checking{false};
+    /// Then nothing that may pass ends the download: the application can go on with what is there.
+    std::atomic<bool> hasApplication{false};
+    bool isWritten = false; ///< a drive may have written into `img.zqf`
+    bool isBroken =
+        false; ///< the keeper's: the server breaks off all its answers, and nothing has come since
     std::atomic<uint64> nChecked{0};
     std::atomic<int64> silentSeconds{0}; ///< without a byte of the server
     SxEventListener failures;
@@ -143,11 +147,8 @@ private:
     int64 seenNs = 0;      ///< when they came
     int nWriterTries = 0;
     uint64 triedSize = 0;
-    bool isBroken = false; ///< the server breaks off all its answers, and nothing has come since
     uint64 brokenSize = 0;
     int64 downloadNs = 0; ///< when the download was begun again
-    /// Then nothing that may pass ends the download: the application can go on with what is there.
-    std::atomic<bool> hasApplication{false};
 
     mutable SxMutex mutex;
     SxPtr<ZqFWriter> writer SX_GUARDED_BY(mutex);

@@ -131,7 +131,7 @@ ZqAppParams ZqImageRecords::fetchApp(const ZqStopTest& stop) {
                           __LINE__);
     }
     if (resumes) {
-        const ZqAppParams own(folder);
+        ZqAppParams own(folder);
         SxFSAction::rm(fresh);
         requireSame(own, server);
         return own;

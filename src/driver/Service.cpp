@@ -189,7 +189,7 @@ void Service::ejectImage(Reader* request, Writer* answer) {
 }
 
 Disk::End Service::eject(const DiskPtr& disk) {
-    const Disk::End end = disk->eject();
+    Disk::End end = disk->eject();
     const SxMutexBlock block(&mutex);
     const auto found = disks.find(disk->getDeviceId());
     if (found != disks.end() && found->second == disk) disks.erase(found);

@@ -139,7 +139,7 @@ ZqRemoteImage::Packed ZqRemoteImage::getState() const {
 
 ZqRemoteImage::Bytes ZqRemoteImage::decode(uint64 stretchIdx, const char* frame, uint64 n) const {
     const auto size = static_cast<int64>(stretchSize(stretchIdx));
-    const auto bytes = Bytes::create(size);
+    auto bytes = Bytes::create(size);
     const uint32 checksum = ZqFrameDecoder::decode(frame, static_cast<int64>(n), bytes->data(), size);
     const SxPtr<ZqSeekTable> known = getTable();
     if (known && known->hasChecksums() && known->getFrame(stretchIdx).checksum != checksum) {
@@ -207,12 +207,12 @@ ZqRemoteImage::Bytes ZqRemoteImage::findStretch(uint64 stretchIdx) const {
 }
 
 ZqRemoteImage::Bytes ZqRemoteImage::getStretch(uint64 stretchIdx, const ZqStopTest& stop) {
-    if (const Bytes bytes = awaitAhead(stretchIdx, stop)) return bytes;
+    if (Bytes bytes = awaitAhead(stretchIdx, stop)) return bytes;
     SxPtr<Fetch> fetch;
     bool isLeft = false;
     {
         SxMutexBlock lock(&mutex);
-        if (const Bytes bytes = findStretch(stretchIdx)) return bytes;
+        if (Bytes bytes = findStretch(stretchIdx)) return bytes;
         const auto found = announced.find(stretchIdx);
         if (found != announced.end()) {
             fetch = found->second;
@@ -224,10 +224,10 @@ ZqRemoteImage::Bytes ZqRemoteImage::getStretch(uint64 stretchIdx, const ZqStopTe
     }
     const Demand demand(this, stretchIdx);
     if (isLeft) {
-        if (const Bytes bytes = awaitStream(stretchIdx, stop)) return bytes;
+        if (Bytes bytes = awaitStream(stretchIdx, stop)) return bytes;
     }
     if (!fetch) fetch = beginFetch(stretchIdx);
-    const Bytes bytes = finishFetch(std::move(fetch), stop);
+    Bytes bytes = finishFetch(std::move(fetch), stop);
     keep(stretchIdx, bytes, &Figures::nOnDemand);
     return bytes;
 }
@@ -253,7 +253,7 @@ ZqRemoteImage::Bytes ZqRemoteImage::awaitStream(uint64 stretchIdx, const ZqStopT
     for (;;) {
         getLink()->checkStop(stop);
         SxMutexBlock lock(&mutex);
-        if (const Bytes bytes = findStretch(stretchIdx)) {
+        if (Bytes bytes = findStretch(stretchIdx)) {
             figures.nLeft += stretchSize(stretchIdx);
             return bytes;
         }
@@ -264,7 +264,7 @@ ZqRemoteImage::Bytes ZqRemoteImage::awaitStream(uint64 stretchIdx, const ZqStopT
 
 SxPtr<ZqRemoteImage::Fetch> ZqRemoteImage::beginFetch(uint64 stretchIdx, ZqTransfer::Kind kind) {
     const SxPtr<ZqSeekTable> known = getTable();
-    const auto fetch = SxPtr<Fetch>::create();
+    auto fetch = SxPtr<Fetch>::create();
     fetch->stretchIdx = stretchIdx;
     fetch->isPacked = static_cast<bool>(known);
     fetch->size = known ? known->getFrame(stretchIdx).size : stretchSize(stretchIdx);
@@ -280,7 +280,7 @@ ZqRemoteImage::Bytes ZqRemoteImage::finishFetch(SxPtr<Fetch> fetch, const ZqStop
     const SxString& url = (fetch->isPacked ? packed : plain)->getUrl();
     bool isAgain = false;
     for (;;) {
-        const auto raw = Bytes::create(static_cast<int64>(fetch->size));
+        auto raw = Bytes::create(static_cast<int64>(fetch->size));
         try {
             if (fetch->reader->readAll(raw->data(), fetch->size, stop) != fetch->size) {
                 throw SxException("It ends before", UNIT, __LINE__);
@@ -294,10 +294,9 @@ ZqRemoteImage::Bytes ZqRemoteImage::finishFetch(SxPtr<Fetch> fetch, const ZqStop
         try {
             return decode(idx, raw->data(), fetch->size);
         } catch (const SxException& e) {
-            const SxException named(
-                e, "Frame " + SxString(idx) + " of '" + url.makeVisible() + "' is damaged", UNIT, __LINE__);
-            if (isAgain) throw named;
-            zqLogMsg("NET", named.toString(SxException::ShowMessage, ": "));
+            const SxString what = "Frame " + SxString(idx) + " of '" + url.makeVisible() + "' is damaged";
+            if (isAgain) throw SxException(e, what, UNIT, __LINE__);
+            zqLogMsg("NET", what + ": " + e.toString(SxException::ShowMessage, ": "));
         }
         isAgain = true;
         fetch = beginFetch(idx);
@@ -356,7 +355,7 @@ ZqRemoteImage::Bytes ZqRemoteImage::awaitAhead(uint64 stretchIdx, const ZqStopTe
     for (;;) {
         getLink()->checkStop(stop);
         SxMutexBlock lock(&mutex);
-        if (const Bytes bytes = findStretch(stretchIdx)) return bytes;
+        if (Bytes bytes = findStretch(stretchIdx)) return bytes;
         const auto found = ahead.find(stretchIdx);
         if (found == ahead.end()) return nullptr;
         // From now on somebody waits for it.

@@ -268,12 +268,11 @@ bool ZqRemoteImage::StreamRun::takeFrame(const Bytes& bytes, uint64 nWire) {
 /// A damaged frame is fetched again once.
 void ZqRemoteImage::StreamRun::noteDamage(const SxException& e) {
     const uint64 idx = stretchIdx();
-    const SxException named(
-        e, "Frame " + SxString(idx) + " of '" + image->packed->getUrl().makeVisible() + "' is damaged", UNIT,
-        __LINE__);
-    if (damagedIdx == idx) throw named;
+    const SxString what =
+        "Frame " + SxString(idx) + " of '" + image->packed->getUrl().makeVisible() + "' is damaged";
+    if (damagedIdx == idx) throw SxException(e, what, UNIT, __LINE__);
     damagedIdx = idx;
-    zqLogMsg("NET", named.toString(SxException::ShowMessage, ": "));
+    zqLogMsg("NET", what + ": " + e.toString(SxException::ShowMessage, ": "));
 }
 
 /// The stretch at the stream's position, if it is kept or is about to be.

@@ -3,6 +3,7 @@
 #include "ZqNetDownload.h"
 #include "ZqNetLoop.h"
 
+#include <algorithm>
 #include <cstring>
 
 namespace {
@@ -133,7 +134,7 @@ ZqNetioStatus zqNetioDownloadErr(const void* download, uint64* nErrors) {
 ZqNetioStatus zqNetioDownloadGetErrMsg(const void* download, char* buffer, uint64* length) {
     return withDownload(download, [&](ZqNetDownload& object) {
         const std::string text = object.getLastError().str();
-        if (buffer) std::memcpy(buffer, text.data(), std::min<size_t>(text.size(), *length));
+        if (buffer) std::copy_n(text.data(), std::min<size_t>(text.size(), *length), buffer);
         *length = buffer ? std::min<uint64>(text.size(), *length) : text.size();
     });
 }
