@@ -4,7 +4,6 @@
 #include "ZqNetLoop.h"
 
 #include <algorithm>
-#include <cstring>
 
 namespace {
 
