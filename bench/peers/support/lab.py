@@ -41,6 +41,12 @@ def wait_until(ready, what, seconds=20):
         time.sleep(0.005)
 
 
+def pause(process, seconds):
+    """Waits so long, or until the program ends."""
+    with contextlib.suppress(subprocess.TimeoutExpired):
+        process.wait(seconds)
+
+
 @contextlib.contextmanager
 def program(*words, seconds=20, end_by=signal.SIGTERM, log=None, out=None, env=None, cwd=None):
     """A program that runs during the `with`. `log` is a file for what it prints, `out` another one for standard

@@ -1,0 +1,37 @@
+"""Traces and maps of images, as the benchmarks against peers read them."""
+
+import array
+import json
+import struct
+
+BLOCK, NO_ENTRY, MARK = 4096, (1 << 64) - 1, 1 << 63
+MS_FROM_1601_TO_1970, UNITS_PER_MS = 11_644_473_600_000, 10_000
+
+
+def read_items(folder):
+    """RAW blocks and the milliseconds of time.time() at which they were read, in the order of the file."""
+    data = (folder / "img.trc").read_bytes()
+    items = struct.iter_unpack("<QQ", data[: len(data) // 16 * 16])
+    return [(block & ~MARK, time // UNITS_PER_MS - MS_FROM_1601_TO_1970) for block, time in items]
+
+
+def read_map(folder):
+    """From RAW to ZqF blocks."""
+    entries = array.array("Q")
+    entries.frombytes((folder / "img.idx").read_bytes())
+    return entries
+
+
+def read_app(folder):
+    return json.loads((folder / "app.json").read_text(encoding="utf-8"))
+
+
+def packed_sizes(file):
+    """The bytes of each frame of a file in the seekable Zstandard format."""
+    data = file.read_bytes()
+    n_frames, descriptor, magic = struct.unpack("<IBI", data[-9:])
+    if magic != 0x8F92EAB1:
+        raise RuntimeError(f"{file} has no seek table")
+    width = 12 if descriptor & 0x80 else 8
+    table = data[-9 - n_frames * width : -9]
+    return [struct.unpack_from("<I", table, i * width)[0] for i in range(n_frames)]
