@@ -261,6 +261,27 @@ TEST_F(RemoteImage, fetchesWhatFollowsForWhoGoesThrough) {
     EXPECT_LE(image->getFigures().nAhead + image->getFigures().nOnDemand, 25 * STRETCH + 12'345);
 }
 
+TEST_F(RemoteImage, whatFollowsComesWithTheSameRequest) {
+    server.setRate(12'500'000);
+    server.setLatency(20);
+    const ImagePtr image = open();
+    const auto expectRight = [&](uint64 idx) {
+        ASSERT_TRUE(readOf(*image, idx * STRETCH, STRETCH) == zqf.substr(idx * STRETCH, STRETCH)) << idx;
+    };
+    // The link has to be known first.
+    for (const uint64 idx : {0, 5})
+        expectRight(idx);
+    const uint64 nBefore = server.getNRequests("img.zqf");
+    for (const uint64 idx : {12, 13, 14})
+        expectRight(idx);
+    EXPECT_EQ(server.getNRequests("img.zqf"), nBefore + 1);
+    // One that is dropped leaves what would have come with it.
+    image->announce({20 * STRETCH}, {STRETCH});
+    image->announce({25 * STRETCH}, {STRETCH});
+    for (const uint64 idx : {21, 26, 20})
+        expectRight(idx);
+}
+
 TEST_F(RemoteImage, fetchesAGroupTogether) {
     const auto image =
         ImagePtr::create(SxPtr<ZqNetLink>::create(ZqNetSettings()), server.getUrl(), zqf.size());

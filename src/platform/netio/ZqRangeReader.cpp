@@ -93,10 +93,15 @@ void ZqRangeReader::setTransfer(const SxPtr<ZqTransfer>& next) {
     transfer = next;
 }
 
-void ZqRangeReader::hasten() {
-    if (kind.exchange(ZqTransfer::Kind::OnDemand) == ZqTransfer::Kind::OnDemand) return;
+void ZqRangeReader::become(ZqTransfer::Kind other) {
+    if (kind.exchange(other) == other) return;
     const SxMutexBlock lock(&transferMutex);
-    if (transfer) transfer->hasten();
+    if (!transfer) return;
+    if (other == ZqTransfer::Kind::OnDemand) {
+        transfer->hasten();
+    } else {
+        transfer->relax();
+    }
 }
 
 /// False at the end of all.
@@ -138,6 +143,22 @@ bool ZqRangeReader::next(SxArray<char>* piece, const ZqStopTest& stop) {
             retry.failed(e, stop);
         }
     }
+}
+
+uint64 ZqRangeReader::read(char* buffer, uint64 size, const ZqStopTest& stop) {
+    uint64 n = 0;
+    while (n < size) {
+        if (nGiven == rest.getSize()) {
+            rest.removeAll();
+            nGiven = 0;
+            if (!next(&rest, stop)) break;
+        }
+        const uint64 nNext = std::min(size - n, static_cast<uint64>(rest.getSize() - nGiven));
+        std::memcpy(buffer + n, rest.data() + nGiven, nNext);
+        nGiven += static_cast<int64>(nNext);
+        n += nNext;
+    }
+    return n;
 }
 
 uint64 ZqRangeReader::readAll(char* buffer, uint64 size, const ZqStopTest& stop) {

@@ -18,16 +18,20 @@ public:
 
     /// Makes the request, where none is under way, and returns.
     void begin();
-    /// Turns a request of the kind Ahead into one on demand. Safe beside the reader's own thread.
-    void hasten();
+    /// Turns a request of the kind Ahead into one on demand, and back. Safe beside the reader's own thread.
+    void hasten() { become(ZqTransfer::Kind::OnDemand); }
+    void relax() { become(ZqTransfer::Kind::Ahead); }
     /// The next bytes; false at the end. Raises what can't be mended.
     bool next(SxArray<char>* piece, const ZqStopTest& stop);
+    /// The next `size` bytes into `buffer`, fewer at the end; gives how many.
+    uint64 read(char* buffer, uint64 size, const ZqStopTest& stop);
     /// All that is left, up to `size` bytes, into `buffer`; gives how many.
     uint64 readAll(char* buffer, uint64 size, const ZqStopTest& stop);
-    /// Offset of the byte that comes next.
+    /// Offset of the byte that comes next from the server.
     uint64 getPos() const noexcept { return pos; }
 
 private:
+    void become(ZqTransfer::Kind other);
     ZqTransfer::Request makeRequest() const;
     bool takePiece(SxArray<char>* piece, const ZqStopTest& stop);
     void abandon();
@@ -37,8 +41,10 @@ private:
     const SxPtr<ZqFileFacts> facts;
     std::atomic<ZqTransfer::Kind> kind;
     uint64 pos = 0, end = 0;
+    SxArray<char> rest; ///< a piece of which read() has given the first `nGiven` bytes
+    int64 nGiven = 0;
     uint64 nSuffix = 0;    ///< until the first response to the request of the last bytes
-    SxMutex transferMutex; ///< over changes of `transfer` by the reader's thread, for hasten()
+    SxMutex transferMutex; ///< over changes of `transfer` by the reader's thread, for become()
     SxPtr<ZqTransfer> transfer;
     /// What the network thread learns of the transfer under way.
     struct Answer {

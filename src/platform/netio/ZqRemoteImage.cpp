@@ -16,6 +16,11 @@ namespace {
 
 constexpr const char* UNIT = "src/platform/netio/ZqRemoteImage";
 constexpr auto LOOK = std::chrono::milliseconds(20);
+constexpr auto LOADER_LOOK = std::chrono::milliseconds(100);
+constexpr size_t N_LOADERS = 4;
+/// Stretches are fetched together where a round trip carries so much of one: so many round trips' worth, and
+/// never more than the last.
+constexpr double MIN_IN_TRIP = 0.5, TRIPS_TOGETHER = 4., MAX_TOGETHER = 8.;
 constexpr int64 MIN_PATIENCE_NS = 100'000'000;
 
 SxString fileUrl(const SxString& folderUrl, const char* name) {
@@ -48,14 +53,25 @@ ZqRemoteImage::ZqRemoteImage(const SxPtr<ZqNetLink>& link_, const SxString& fold
       maxKept(maxKept_),
       digest(digest_),
       tableLoader(std::make_unique<TableLoader>(this)),
-      aheadLoader(std::make_unique<AheadLoader>(this)) {
+      aheadLoaders(N_LOADERS) {
+    for (auto& loader : aheadLoaders)
+        loader = std::make_unique<AheadLoader>(this);
 }
 
 ZqRemoteImage::~ZqRemoteImage() {
     tableLoader->stop();
-    aheadLoader->stop();
+    for (const auto& loader : aheadLoaders)
+        loader->stop();
+    changed.notify_all();
     tableLoader->wait();
-    aheadLoader->wait();
+    for (const auto& loader : aheadLoaders)
+        loader->wait();
+    // What is left lets go of its claims, which takes the mutex.
+    std::map<uint64, SxPtr<Fetch>> untaken;
+    std::deque<SxPtr<Fetch>> unloaded;
+    SxMutexBlock lock(&mutex);
+    untaken.swap(announced);
+    unloaded.swap(following);
 }
 
 void ZqRemoteImage::setHeaders(const SxArray<SxString>& headers) {
@@ -90,7 +106,8 @@ void ZqRemoteImage::openTable() {
         tableBegun = true;
     }
     tableLoader->start();
-    aheadLoader->start();
+    for (const auto& loader : aheadLoaders)
+        loader->start();
 }
 
 void ZqRemoteImage::setTable(const SxPtr<ZqSeekTable>& table_, Packed state_) {
@@ -174,10 +191,11 @@ void ZqRemoteImage::announce(const SxArray<uint64>& offsets, const SxArray<uint6
         }
     }
     for (const uint64 idx : missing)
-        group[idx] = beginFetch(idx);
+        group[idx] = beginDemand(idx);
     SxMutexBlock lock(&mutex);
     for (auto& [idx, fetch] : group) {
-        if (fetch) announced[idx] = std::move(fetch);
+        // Another group's goes with this one's, behind the lock.
+        if (fetch) std::swap(announced[idx], fetch);
     }
 }
 
@@ -188,8 +206,12 @@ void ZqRemoteImage::read(uint64 offset, uint64 size, char* buffer, const ZqStopT
     while (offset < end) {
         const uint64 idx = offset / STRETCH, inside = offset % STRETCH;
         const Bytes bytes = getStretch(idx, stop);
-        const uint64 nAtOnce = countAtOnce();
-        if (nAtOnce > 1 && isGoneThrough(idx)) aheadLoader->follow(idx, nAtOnce);
+        try {
+            follow(idx);
+        } catch (const SxException& e) {
+            // What is there is good; whoever needs the others asks for them, and is told.
+            zqLogMsg("NET", e.toString(SxException::ShowMessage, ": "));
+        }
         const uint64 n = std::min(end - offset, stretchSize(idx) - inside);
         std::memcpy(buffer, bytes->data() + inside, n);
         buffer += n;
@@ -207,7 +229,10 @@ ZqRemoteImage::Bytes ZqRemoteImage::findStretch(uint64 stretchIdx) const {
 }
 
 ZqRemoteImage::Bytes ZqRemoteImage::getStretch(uint64 stretchIdx, const ZqStopTest& stop) {
-    if (Bytes bytes = awaitAhead(stretchIdx, stop)) return bytes;
+    if (Bytes bytes = awaitAhead(stretchIdx, stop)) {
+        noteUse(stretchIdx);
+        return bytes;
+    }
     SxPtr<Fetch> fetch;
     bool isLeft = false;
     {
@@ -226,8 +251,8 @@ ZqRemoteImage::Bytes ZqRemoteImage::getStretch(uint64 stretchIdx, const ZqStopTe
     if (isLeft) {
         if (Bytes bytes = awaitStream(stretchIdx, stop)) return bytes;
     }
-    if (!fetch) fetch = beginFetch(stretchIdx);
-    Bytes bytes = finishFetch(std::move(fetch), stop);
+    if (!fetch) fetch = beginDemand(stretchIdx);
+    const Bytes bytes = finishDemand(fetch, stop);
     keep(stretchIdx, bytes, &Figures::nOnDemand);
     return bytes;
 }
@@ -262,45 +287,69 @@ ZqRemoteImage::Bytes ZqRemoteImage::awaitStream(uint64 stretchIdx, const ZqStopT
     }
 }
 
-SxPtr<ZqRemoteImage::Fetch> ZqRemoteImage::beginFetch(uint64 stretchIdx, ZqTransfer::Kind kind) {
-    const SxPtr<ZqSeekTable> known = getTable();
-    auto fetch = SxPtr<Fetch>::create();
-    fetch->stretchIdx = stretchIdx;
-    fetch->isPacked = static_cast<bool>(known);
-    fetch->size = known ? known->getFrame(stretchIdx).size : stretchSize(stretchIdx);
-    const uint64 offset = known ? known->getFrame(stretchIdx).offset : stretchIdx * STRETCH;
-    fetch->reader =
-        std::make_unique<ZqRangeReader>(known ? *packed : *plain, offset, offset + fetch->size, kind);
-    fetch->reader->begin();
+SxPtr<ZqRemoteImage::Fetch> ZqRemoteImage::beginDemand(uint64 stretchIdx) {
+    const auto fetch = SxPtr<Fetch>::create(this, stretchIdx);
+    const uint64 n = countTogether();
+    if (n > 1 && (isGoneThrough(stretchIdx) || isFollowerOfUse())) claimFollowing(fetch.getPtr(), stretchIdx + 1, n - 1);
+    begin(fetch.getPtr(), ZqTransfer::Kind::OnDemand);
     return fetch;
 }
 
-ZqRemoteImage::Bytes ZqRemoteImage::finishFetch(SxPtr<Fetch> fetch, const ZqStopTest& stop) {
-    const uint64 idx = fetch->stretchIdx;
-    const SxString& url = (fetch->isPacked ? packed : plain)->getUrl();
-    bool isAgain = false;
-    for (;;) {
-        auto raw = Bytes::create(static_cast<int64>(fetch->size));
-        try {
-            if (fetch->reader->readAll(raw->data(), fetch->size, stop) != fetch->size) {
-                throw SxException("It ends before", UNIT, __LINE__);
-            }
-        } catch (const SxException& e) {
-            throw SxException(e,
-                              "Cannot fetch stretch " + SxString(idx) + " from '" + url.makeVisible() + "'",
-                              UNIT, __LINE__);
-        }
-        if (!fetch->isPacked) return raw;
-        try {
-            return decode(idx, raw->data(), fetch->size);
-        } catch (const SxException& e) {
-            const SxString what = "Frame " + SxString(idx) + " of '" + url.makeVisible() + "' is damaged";
-            if (isAgain) throw SxException(e, what, UNIT, __LINE__);
-            zqLogMsg("NET", what + ": " + e.toString(SxException::ShowMessage, ": "));
-        }
-        isAgain = true;
-        fetch = beginFetch(idx);
+void ZqRemoteImage::begin(Fetch* fetch, ZqTransfer::Kind kind) {
+    fetch->table = getTable();
+    const uint64 lastIdx = fetch->endIdx - 1;
+    const auto offsetOf = [&](uint64 idx) {
+        return fetch->table ? fetch->table->getFrame(idx).offset : idx * STRETCH;
+    };
+    // Of several only the first is waited for, so the request must be one that can be held.
+    const bool isAlone = fetch->claimedIdx == fetch->endIdx;
+    fetch->reader = SxPtr<ZqRangeReader>::create(
+        fetch->table ? *packed : *plain, offsetOf(fetch->nextIdx), offsetOf(lastIdx) + fetch->wireSize(lastIdx),
+        isAlone ? kind : ZqTransfer::Kind::Ahead);
+    fetch->reader->begin();
+    if (kind == ZqTransfer::Kind::OnDemand) fetch->reader->hasten();
+    SxMutexBlock lock(&mutex);
+    for (uint64 idx = fetch->claimedIdx; idx < fetch->endIdx; ++idx)
+        ahead[idx] = fetch->reader;
+}
+
+ZqRemoteImage::Bytes ZqRemoteImage::finishDemand(const SxPtr<Fetch>& fetch, const ZqStopTest& stop) {
+    Bytes bytes = takeNext(fetch.getPtr(), stop);
+    if (fetch->nextIdx < fetch->endIdx) {
+        SxMutexBlock lock(&mutex);
+        following.push_back(fetch);
     }
+    changed.notify_all();
+    return bytes;
+}
+
+ZqRemoteImage::Bytes ZqRemoteImage::takeNext(Fetch* fetch, const ZqStopTest& stop) {
+    const uint64 idx = fetch->nextIdx, size = fetch->wireSize(idx);
+    const bool isLast = idx + 1 == fetch->endIdx;
+    const SxString& url = (fetch->table ? packed : plain)->getUrl();
+    const auto raw = Bytes::create(static_cast<int64>(size));
+    try {
+        const uint64 n = fetch->reader->read(raw->data(), size, stop);
+        if (isLast) fetch->reader->readAll(nullptr, 0, stop);
+        if (n != size) throw SxException("It ends before", UNIT, __LINE__);
+    } catch (const SxException& e) {
+        throw SxException(e, "Cannot fetch stretch " + SxString(idx) + " from '" + url.makeVisible() + "'",
+                          UNIT, __LINE__);
+    }
+    ++fetch->nextIdx;
+    if (!isLast) fetch->reader->relax();
+    if (!fetch->table) return raw;
+    const SxString what = "Frame " + SxString(idx) + " of '" + url.makeVisible() + "' is damaged";
+    try {
+        return decode(idx, raw->data(), size);
+    } catch (const SxException& e) {
+        if (fetch->isAgain) throw SxException(e, what, UNIT, __LINE__);
+        zqLogMsg("NET", what + ": " + e.toString(SxException::ShowMessage, ": "));
+    }
+    Fetch again(this, idx);
+    again.isAgain = true;
+    begin(&again, ZqTransfer::Kind::OnDemand);
+    return takeNext(&again, stop);
 }
 
 void ZqRemoteImage::keep(uint64 stretchIdx, const Bytes& bytes, uint64 Figures::*figure) {
@@ -308,6 +357,7 @@ void ZqRemoteImage::keep(uint64 stretchIdx, const Bytes& bytes, uint64 Figures::
     figures.*figure += stretchSize(stretchIdx);
     if (stretchIdx * STRETCH < streamPos || (kept.size() + 1) * STRETCH > maxKept) return;
     kept[stretchIdx] = bytes;
+    if (figure == &Figures::nAhead) unused.insert(stretchIdx);
 }
 
 // What follows
@@ -321,34 +371,94 @@ bool ZqRemoteImage::isThere(uint64 stretchIdx) const {
     return (stretchIdx + 1) * STRETCH <= streamPos || findStretch(stretchIdx);
 }
 
-uint64 ZqRemoteImage::countAtOnce() const {
+uint64 ZqRemoteImage::countTogether() const {
     const double trip = getLink()->getFigures().tripBytes;
-    SxMutexBlock lock(&mutex);
-    return 1 + static_cast<uint64>(std::min(trip / wireShare / static_cast<double>(STRETCH) + 0.5, 3.));
+    const SxPtr<ZqSeekTable> known = getTable();
+    const uint64 lastIdx = ZqSeekTable::countFrames(sizeZqf) - 1;
+    const double nWire = known ? static_cast<double>(known->getFrame(lastIdx).offset + known->getFrame(lastIdx).size)
+                               : static_cast<double>(sizeZqf);
+    const double inTrip = trip / nWire * static_cast<double>(lastIdx + 1);
+    if (inTrip < MIN_IN_TRIP) return 1;
+    return static_cast<uint64>(std::clamp(inTrip * TRIPS_TOGETHER, 2., MAX_TOGETHER));
 }
 
-bool ZqRemoteImage::claimAhead(uint64 stretchIdx) {
+bool ZqRemoteImage::isFollowerOfUse() {
     SxMutexBlock lock(&mutex);
-    const bool isPassed = stretchIdx * STRETCH < streamPos;
-    const bool hasRoom = (kept.size() + 1) * STRETCH <= maxKept;
-    if (isPassed || !hasRoom || findStretch(stretchIdx) || announced.contains(stretchIdx) ||
-        demanded.contains(stretchIdx) || isReachedSoon(stretchIdx)) {
-        return false;
+    if (nTogetherLeft == 0) return false;
+    --nTogetherLeft;
+    return true;
+}
+
+void ZqRemoteImage::noteUse(uint64 stretchIdx) {
+    SxMutexBlock lock(&mutex);
+    if (unused.erase(stretchIdx) > 0) nTogetherLeft = std::min(nTogetherLeft + 2, 2 * FIRST_TOGETHER);
+}
+
+void ZqRemoteImage::follow(uint64 stretchIdx) {
+    const uint64 n = countTogether();
+    if (n < 2 || !isGoneThrough(stretchIdx)) return;
+    uint64 first = stretchIdx + 1;
+    {
+        SxMutexBlock lock(&mutex);
+        while (first <= stretchIdx + n && (isThere(first) || ahead.contains(first)))
+            ++first;
     }
-    return ahead.try_emplace(stretchIdx).second;
+    if (first > stretchIdx + 1 + n / 2) return;
+    const auto fetch = SxPtr<Fetch>::create(this, first);
+    fetch->endIdx = first;
+    claimFollowing(fetch.getPtr(), first, n);
+    if (fetch->endIdx == first) return;
+    begin(fetch.getPtr(), ZqTransfer::Kind::Ahead);
+    {
+        SxMutexBlock lock(&mutex);
+        following.push_back(fetch);
+    }
+    changed.notify_all();
 }
 
-void ZqRemoteImage::noteAhead(const SxPtr<Fetch>& fetch) {
+void ZqRemoteImage::claimFollowing(Fetch* fetch, uint64 first, uint64 n) {
+    const uint64 end = std::min(first + n, ZqSeekTable::countFrames(sizeZqf));
     SxMutexBlock lock(&mutex);
-    ahead[fetch->stretchIdx] = fetch;
+    for (uint64 idx = first; idx < end; ++idx) {
+        const bool isPassed = idx * STRETCH < streamPos;
+        const bool hasRoom = (kept.size() + ahead.size() + 1) * STRETCH <= maxKept;
+        if (isPassed || !hasRoom || findStretch(idx) || announced.contains(idx) || demanded.contains(idx) ||
+            isReachedSoon(idx) || !ahead.try_emplace(idx).second) {
+            return;
+        }
+        fetch->endIdx = idx + 1;
+        if (idx == first) fetch->claimedIdx = first;
+    }
 }
 
-void ZqRemoteImage::forgetAhead(uint64 stretchIdx) {
+void ZqRemoteImage::forgetAhead(uint64 stretchIdx) noexcept {
     {
         SxMutexBlock lock(&mutex);
         ahead.erase(stretchIdx);
     }
     changed.notify_all();
+}
+
+SxPtr<ZqRemoteImage::Fetch> ZqRemoteImage::takeFollowing() {
+    SxMutexBlock lock(&mutex);
+    if (following.empty()) changed.wait_for(mutex, LOADER_LOOK);
+    if (following.empty()) return nullptr;
+    SxPtr<Fetch> fetch = following.front();
+    following.pop_front();
+    return fetch;
+}
+
+void ZqRemoteImage::releaseAnnounced(uint64 stretchIdx) {
+    for (auto at = announced.begin(); at != announced.end(); ++at) {
+        const SxPtr<Fetch> fetch = at->second;
+        if (stretchIdx < fetch->claimedIdx || stretchIdx >= fetch->endIdx) continue;
+        fetch->claimedIdx = fetch->nextIdx;
+        ahead[fetch->nextIdx] = fetch->reader;
+        following.push_back(fetch);
+        announced.erase(at);
+        changed.notify_all();
+        return;
+    }
 }
 
 ZqRemoteImage::Bytes ZqRemoteImage::awaitAhead(uint64 stretchIdx, const ZqStopTest& stop) {
@@ -359,7 +469,8 @@ ZqRemoteImage::Bytes ZqRemoteImage::awaitAhead(uint64 stretchIdx, const ZqStopTe
         const auto found = ahead.find(stretchIdx);
         if (found == ahead.end()) return nullptr;
         // From now on somebody waits for it.
-        if (found->second) found->second->reader->hasten();
+        if (found->second) found->second->hasten();
+        releaseAnnounced(stretchIdx);
         changed.wait_for(mutex, LOOK);
     }
 }

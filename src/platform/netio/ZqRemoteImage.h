@@ -1,14 +1,17 @@
 #pragma once
 
 #include "SxSystemThread.h"
+#include "ZqRangeReader.h"
 #include "ZqRemoteFile.h"
 #include "ZqSeekTable.h"
 #include "ZqTransfer.h"
 
 #include <condition_variable>
+#include <deque>
 #include <list>
 #include <map>
 #include <set>
+#include <vector>
 
 /// `img.zqf` of one image folder on a server, as decoded bytes. Where the server has `img.zqf.zst` (seekable
 /// Zstandard format, one frame for each stretch), that is taken for the ordered stream and for ranges alike,
@@ -75,6 +78,7 @@ private:
     class TableLoader;
     class StreamRun;
     enum class Packed { Unknown, Offered, Absent };
+    static constexpr int64 FIRST_TOGETHER = 4;
 
     uint64 stretchSize(uint64 stretchIdx) const;
     void checkRange(uint64 offset, uint64 size) const;
@@ -97,19 +101,33 @@ private:
     Bytes findStretch(uint64 stretchIdx) const SX_REQUIRES(mutex);
     bool isReachedSoon(uint64 stretchIdx) const SX_REQUIRES(mutex);
     Bytes awaitStream(uint64 stretchIdx, const ZqStopTest& stop);
-    SxPtr<Fetch> beginFetch(uint64 stretchIdx, ZqTransfer::Kind kind = ZqTransfer::Kind::OnDemand);
-    Bytes finishFetch(SxPtr<Fetch> fetch, const ZqStopTest& stop);
+    /// Requests a stretch that somebody waits for, and with it those that follow, where that pays.
+    SxPtr<Fetch> beginDemand(uint64 stretchIdx);
+    void begin(Fetch* fetch, ZqTransfer::Kind kind);
+    /// The first stretch of what was requested; a loader gets the others.
+    Bytes finishDemand(const SxPtr<Fetch>& fetch, const ZqStopTest& stop);
+    /// The stretch that comes next.
+    Bytes takeNext(Fetch* fetch, const ZqStopTest& stop);
     void keep(uint64 stretchIdx, const Bytes& bytes, uint64 Figures::*figure);
     /// Whether somebody goes through the image and has come to a stretch.
     bool isGoneThrough(uint64 stretchIdx) const;
     bool isThere(uint64 stretchIdx) const SX_REQUIRES(mutex);
-    /// Requests under way that leave the link no round trip idle.
-    uint64 countAtOnce() const;
-    /// Takes a stretch for the loader, unless it is there, on its way or of no use. Whether it did.
-    bool claimAhead(uint64 stretchIdx);
-    void noteAhead(const SxPtr<Fetch>& fetch);
-    void forgetAhead(uint64 stretchIdx);
-    /// The stretch, if the loader is about to have it; null otherwise.
+    /// Stretches of a request that leave the link no round trip idle; 1 where they would hold up others.
+    uint64 countTogether() const;
+    /// Whether what came with others has been of use of late. Counts one request of several stretches.
+    bool isFollowerOfUse();
+    void noteUse(uint64 stretchIdx);
+    /// Requests what follows `stretchIdx`, where somebody goes through the image and little of it is there.
+    void follow(uint64 stretchIdx);
+    /// Takes the stretches from `first` on for one request, up to `n`, as far as none is there, on its way or of
+    /// no use.
+    void claimFollowing(Fetch* fetch, uint64 first, uint64 n);
+    void forgetAhead(uint64 stretchIdx) noexcept;
+    /// What a loader has to do next; null where there is nothing for a while.
+    SxPtr<Fetch> takeFollowing();
+    /// Gives a loader what was announced and not taken, where a stretch comes with it.
+    void releaseAnnounced(uint64 stretchIdx) SX_REQUIRES(mutex);
+    /// The stretch, if a loader is about to have it; null otherwise.
     Bytes awaitAhead(uint64 stretchIdx, const ZqStopTest& stop);
     /// Time without progress after which the stream counts as stalled.
     int64 patienceNs() const;
@@ -120,7 +138,7 @@ private:
     const uint64 sizeZqf, maxKept;
     const SxString digest;
     std::unique_ptr<TableLoader> tableLoader;
-    std::unique_ptr<AheadLoader> aheadLoader;
+    std::vector<std::unique_ptr<AheadLoader>> aheadLoaders;
 
     mutable SxMutex mutex;
     std::condition_variable_any changed;
@@ -133,7 +151,12 @@ private:
     std::list<std::pair<uint64, Bytes>> recent SX_GUARDED_BY(mutex); ///< what the stream brought last
     std::map<uint64, SxPtr<Fetch>> announced SX_GUARDED_BY(mutex);   ///< by stretch
     std::multiset<uint64> demanded SX_GUARDED_BY(mutex);             ///< stretches that ranges fetch
-    std::map<uint64, SxPtr<Fetch>> ahead SX_GUARDED_BY(mutex);       ///< the loader's; null until begun
+    /// Stretches that a loader is to have, with what brings them; null until that is begun.
+    std::map<uint64, SxPtr<ZqRangeReader>> ahead SX_GUARDED_BY(mutex);
+    std::deque<SxPtr<Fetch>> following SX_GUARDED_BY(mutex); ///< for the loaders
+    std::set<uint64> unused SX_GUARDED_BY(mutex);            ///< kept stretches that came with others
+    /// Requests of several stretches that may still be made until one of the further ones is of use.
+    int64 nTogetherLeft SX_GUARDED_BY(mutex) = FIRST_TOGETHER;
     bool streaming SX_GUARDED_BY(mutex) = false;
     uint64 streamPos SX_GUARDED_BY(mutex) = 0; ///< decoded bytes received in order
     int64 streamMovedNs SX_GUARDED_BY(mutex) = 0;

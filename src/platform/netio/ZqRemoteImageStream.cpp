@@ -336,6 +336,7 @@ void ZqRemoteImage::StreamRun::publish(uint64 idx, const Bytes& bytes, uint64 nW
                 0.9 * image->wireShare + 0.1 * static_cast<double>(nWire) / static_cast<double>(size);
         }
         image->kept.erase(image->kept.begin(), image->kept.upper_bound(idx));
+        image->unused.erase(image->unused.begin(), image->unused.upper_bound(idx));
         if (bytes) image->recent.emplace_front(idx, bytes);
         if (image->recent.size() > N_RECENT) image->recent.pop_back();
         image->streamPos = idx * STRETCH + size;

@@ -75,8 +75,8 @@ void ZqTransfer::setWake(std::function<void()> wake_) {
     wake = std::move(wake_);
 }
 
-void ZqTransfer::hasten() {
-    kind = Kind::OnDemand;
+void ZqTransfer::become(Kind other) {
+    kind = other;
     SxMutexBlock lock(&mutex);
     if (wake) wake();
 }

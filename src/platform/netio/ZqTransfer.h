@@ -50,7 +50,9 @@ public:
     const Request& getRequest() const noexcept { return request; }
     Kind getKind() const noexcept { return kind; }
     /// Makes it one on demand, from any thread.
-    void hasten();
+    void hasten() { become(Kind::OnDemand); }
+    /// Makes one that was hastened yield again, from any thread.
+    void relax() { become(Kind::Ahead); }
 
     // For the consumer.
     /// The next bytes; waits up to 20 ms for them. `Waiting` where none have come in that time. Raises the
@@ -68,6 +70,8 @@ public:
     void fail(const SxException& e);
 
 private:
+    void become(Kind other);
+
     const Request request;
     std::atomic<Kind> kind;
 
