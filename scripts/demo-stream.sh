@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Shows what the client is for: a game over a link of 20 Mbit/s and 20 ms, downloaded first, and played while it
-# arrives. The game plays a recorded demo and ends by itself; no display is needed. Part of demo.sh. Fails, and names
-# the step, as soon as something isn't as it should be.
+# arrives: as it is, packed, and ordered by the trace of a run. The game plays a recorded demo and ends by itself; no
+# display is needed. Part of demo.sh. Fails, and names the step, as soon as something isn't as it should be.
 #
 #   demo-stream.sh TAVRIN WORK_FOLDER
 set -Eeuo pipefail
@@ -32,21 +32,35 @@ mkdir "$work/game"
 cp -L /usr/games/chocolate-doom /usr/share/games/doom/freedoom1.wad "$work/game"
 g++ -shared -fPIC -O1 -o "$work/first_frame.so" bench/support/first_frame.cpp -ldl
 
+# Makes the image $1 of the game; further words are options.
+publish() {
+    local image=$1
+    shift
+    "$tavrin" image build "$work/game" "$image" --cmd "$app" --quiet \
+        --arg -iwad --arg freedoom1.wad --arg -timedemo --arg demo1 --arg -nosound "$@"
+}
+
+# Serves the folder $1 in the place of what was served before, and sets url.
+serve() {
+    if [[ -n $server ]]; then kill "$server" && wait "$server"; fi
+    : >"$work/serve.log"
+    "$tavrin" serve "$1" --rate "$rate" --latency "$latency" >"$work/serve.log" 2>&1 &
+    server=$!
+    until [[ -s $work/serve.log ]]; do
+        if [[ ! -d /proc/$server ]]; then fail 'the server has ended'; fi
+        sleep 0.05
+    done
+    url=$(head -n 1 "$work/serve.log")
+    if [[ $url != http://* ]]; then fail "$url"; fi
+}
+
 step='publishing the game'
 image=$work/published
-"$tavrin" image build "$work/game" "$image" --cmd "$app" --quiet \
-    --arg -iwad --arg freedoom1.wad --arg -timedemo --arg demo1 --arg -nosound
+publish "$image"
 size=$(stat -c %s "$image/img.zqf")
 
 step='serving it'
-"$tavrin" serve "$image" --rate "$rate" --latency "$latency" >"$work/serve.log" 2>&1 &
-server=$!
-until [[ -s $work/serve.log ]]; do
-    if [[ ! -d /proc/$server ]]; then fail 'the server has ended'; fi
-    sleep 0.05
-done
-url=$(head -n 1 "$work/serve.log")
-if [[ $url != http://* ]]; then fail "$url"; fi
+serve "$image"
 
 # The number at a key of the report of the run $1; nothing where there is none.
 value() {
@@ -111,6 +125,18 @@ step='the run that plays while the packed image arrives'
 play packed --now --keep-mounted
 "$tavrin" umount "$work/got-packed" --quiet
 
+step='ordering the game by the trace of the run that had it all'
+ordered=$work/ordered
+"$tavrin" trace merge "$work/merged" "$work"/got-download/traces/* --quiet
+publish "$ordered" --order "$work/merged"
+"$tavrin" image pack "$ordered" --quiet
+step='serving the ordered image'
+image=$ordered
+serve "$image"
+step='the run that plays while the ordered image arrives'
+play ordered --now --keep-mounted
+"$tavrin" umount "$work/got-ordered" --quiet
+
 step='the table'
 printf '\n%-44s %8s %8s %17s %15s %17s\n' '' 'first' 'there at' 'underflows' 'on demand' 'over the link, MB'
 printf '%-44s %8s %8s %8s %8s %6s %8s %8s %8s\n' \
@@ -118,4 +144,5 @@ printf '%-44s %8s %8s %8s %8s %6s %8s %8s %8s\n' \
 row download 'downloaded as a whole, then started' "$download" "$size"
 row plain 'started at once, and played while it arrives' 0 0
 row packed 'the same, from a packed image' 0 0
-printf '\nAll three images are equal to the published one, byte for byte.\n'
+row ordered 'the same, ordered by the trace of a run' 0 0
+printf '\nAll images are equal to the published one, byte for byte.\n'

@@ -108,6 +108,10 @@ ZqImageFeed::Status ZqRun::getStatus() const {
     return status;
 }
 
+ZqStartForecast ZqRun::forecast(double speedMbit) const {
+    return ZqStartForecast(feed.getApp(), speedMbit, feed.getStatus().nCurrent);
+}
+
 int64 ZqRun::elapsedMs() const {
     return (SxClock::get().steadyNs() - beginNs) / 1'000'000;
 }

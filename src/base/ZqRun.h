@@ -2,6 +2,7 @@
 
 #include "SxMutex.h"
 #include "ZqImageFeed.h"
+#include "ZqStartForecast.h"
 
 #include <memory>
 
@@ -55,6 +56,9 @@ public:
     void stop() { stopFlag = true; }
     Phase getPhase() const { return phase; }
     ZqImageFeed::Status getStatus() const;
+    /// What the load profile says of a start at that speed, in megabit per second of `img.zqf`, with what is
+    /// there now. Needs a phase behind Opening.
+    ZqStartForecast forecast(double speedMbit) const;
     /// Meaningful once the run has ended.
     const Result& getResult() const { return result; }
     /// The result: what `runtime.json` has, `exitCode` null where it isn't known, and more.

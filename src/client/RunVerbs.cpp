@@ -1,5 +1,6 @@
 #include "RunVerbs.h"
 #include "App.h"
+#include "Forecast.h"
 #include "Job.h"
 #include "Progress.h"
 #include "Verbs.h"
@@ -67,8 +68,37 @@ void tellFigures(const ZqRun::Result& result, Output* out) {
     if (!result.mountPath.isEmpty()) out->text("  the drive stays at        " + result.mountPath);
 }
 
+/// Tells once, when the speed of the download is known and the start is still to come, or was one at once, what
+/// the load profile says of it.
+class ForecastLine {
+public:
+    ForecastLine(bool startsAtOnce_, Output* out_) : startsAtOnce(startsAtOnce_), out(out_) {}
+
+    void look(const ZqRun& job, const ZqImageFeed::Status& status, Progress* progress) {
+        const ZqRun::Phase phase = job.getPhase();
+        const bool isAhead = phase > ZqRun::Opening && phase < ZqRun::Running;
+        if (told || status.nCurrent >= status.nTotal || !(status.speed > 0)) return;
+        if (!isAhead && !(startsAtOnce && phase == ZqRun::Running)) return;
+        told = true;
+        const double mbit = status.speed / BYTES_PER_MBIT;
+        const ZqStartForecast forecast = job.forecast(mbit);
+        progress->finish();
+        out->text(SxString::sprintf("At %.1f Mbit/s: ", mbit) + safeStartText(forecast));
+        if (forecast.untilSafe > 0) out->text("  " + earlyStartText(forecast));
+        out->flush();
+    }
+
+private:
+    static constexpr double BYTES_PER_MBIT = 125'000;
+
+    const bool startsAtOnce;
+    Output* const out;
+    bool told = false;
+};
+
 /// Shows the run until it has ended; `look` is called between.
-void followRun(ZqRun* job, const Output& out, const std::function<void()>& look) {
+void followRun(ZqRun* job, const Output& out,
+               const std::function<void(const ZqImageFeed::Status& status, Progress* progress)>& look) {
     StopSignals signals;
     Progress progress(out.getMode(), "opening");
     job->start();
@@ -77,7 +107,7 @@ void followRun(ZqRun* job, const Output& out, const std::function<void()>& look)
         const ZqImageFeed::Status status = job->getStatus();
         progress.setLabel(statusText(job->getPhase(), status));
         progress.update(status.isChecking ? status.nChecked : status.nCurrent, status.nTotal);
-        look();
+        look(status, &progress);
     }
     progress.finish();
     job->wait();
@@ -115,7 +145,9 @@ int run(const RunOptions& options, Output& out) {
     settings.keepsMounted = options.keepMounted;
     if (const char* file = std::getenv("TAVRIN_FIRST_FRAME")) settings.firstFrameFile = file;
     ZqRun job(settings);
-    followRun(&job, out, [] {});
+    ForecastLine forecast(options.now, &out);
+    followRun(&job, out,
+              [&](const auto& status, Progress* progress) { forecast.look(job, status, progress); });
     const ZqRun::Result& result = job.getResult();
     if (result.wasStarted) {
         out.text(result.isExitKnown ? SxString("The application has ended with code ") + result.info.exitCode
@@ -141,7 +173,7 @@ int mountFed(const FedMount& mount, Output& out, const std::function<void()>& te
     settings.traceFolder = mount.trace;
     ZqRun job(settings);
     bool told = false;
-    followRun(&job, out, [&] {
+    followRun(&job, out, [&](const auto&, Progress*) {
         if (told || job.getPhase() != ZqRun::Feeding) return;
         told = true;
         tell();

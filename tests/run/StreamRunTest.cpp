@@ -70,6 +70,9 @@ TEST_F(StreamRun, AnApplicationPlaysWhileItsImageArrives) {
         expectComplete();
         const string report = dir.read("report.json");
         EXPECT_THAT(report, HasSubstr("\"exitCode\": 7"));
+        if (!packed) {
+            EXPECT_THAT(player->says(), HasSubstr(" Mbit/s: safe to start in "));
+        }
         EXPECT_THAT(report, HasSubstr(packed ? "\"packed\": true" : "\"packed\": false"));
         EXPECT_GT(fs::file_size(fs::directory_iterator(got + "/traces")->path() / "img.trc"), 0u);
         EXPECT_TRUE(fs::exists(got + "/runtime.json"));
