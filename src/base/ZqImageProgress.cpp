@@ -203,7 +203,7 @@ void ZqImageProgress::watch() {
     int64 time = steadyMs();
     awaitGrowth(&file);
     while (!stopRequested() && previous < total) {
-        file.look();
+        // No look here: growth that follow() doesn't see would leave the cursor behind until the next.
         const int64 elapsed = steadyMs() - time;
         if (elapsed < PERIOD_MS && file.getSize() < total) {
             follow(&file);
