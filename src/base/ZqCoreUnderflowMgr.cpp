@@ -397,7 +397,9 @@ void ZqCoreUnderflowMgr::leaveUnderflow(Watch* watch) {
     if (!watch->resolved && (wasMinimized || watch->counted)) {
         zqLogMsg("base", SxString(MAIN) + "Underflow resolved.");
         watch->resolved = true;
+        underflowFlag = true;
     }
+        ++nTakenAway;
     resumeDrive();
     if (watch->counted || instantMs != 0)
         timeUnderflow(steadyMs() - (watch->counted ? watch->underflowMs : instantMs));

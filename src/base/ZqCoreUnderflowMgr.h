@@ -68,6 +68,9 @@ public:
     bool isMinimized() const { return minimizedFlag; }
     /// Whether there is an underflow that on-demand requests don't resolve.
     bool isUnderflow() const { return underflowFlag; }
+    /// How often the window was minimised for an underflow. Such a window is back, or may be brought back,
+    /// once isUnderflow() is false.
+    int64 getNTakenAway() const { return nTakenAway; }
     /// Byte of `img.zqf` up to which the download must come to resolve it; 0 where there is none.
     uint64 getUnderflowResumeIdx() const { return resumeIdx; }
     /// Seconds until the download is there; 0 where it is, or isn't known.
@@ -165,6 +168,7 @@ private:
     std::atomic<ZqDesktop::Handle> appWindow{0};
     std::atomic<bool> windowSearch{true}, minimizedFlag{false}, underflowFlag{false}, stopFlag{false};
     std::atomic<uint64> resumeIdx{0};
+    std::atomic<int64> nTakenAway{0};
     bool driveSuspended = false; ///< by this job, and not resumed yet
     int64 instantMs = 0;         ///< when an instant underflow began that was left to the turns; 0 none
     SxFileIO refFile, statFile;

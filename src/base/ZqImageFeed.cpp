@@ -434,16 +434,16 @@ ZqImageFeed::Status ZqImageFeed::getStatus() const {
 }
 
 void ZqImageFeed::restoreWindow() {
-    if (!manager || !manager->isMinimized()) return;
-    if (manager->isUnderflow()) {
-        nMinimised = manager->getRuntimeInfo().nUnderflows;
-    } else if (nMinimised > nRestored) {
-        nRestored = nMinimised;
-        try {
-            manager->maximizeApp();
-        } catch (const SxException& e) {
-            zqLogMsg("base", SxString("ZqImageFeed::restoreWindow: ") + e.toString());
-        }
+    if (!manager || manager->isUnderflow()) return;
+    const int64 nTakenAway = manager->getNTakenAway();
+    if (nTakenAway == nRestored) return;
+    nRestored = nTakenAway;
+    // The player may have brought it back.
+    if (!manager->isMinimized()) return;
+    try {
+        manager->maximizeApp();
+    } catch (const SxException& e) {
+        zqLogMsg("base", SxString("ZqImageFeed::restoreWindow: ") + e.toString());
     }
 }
 

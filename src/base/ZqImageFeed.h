@@ -126,8 +126,7 @@ private:
     SxPtr<ZqRemoteImage> image;
     SxPtr<ZqImageProgress> progress;
     SxPtr<ZqCoreUnderflowMgr> manager;
-    int64 nMinimised = 0; ///< underflows for which the window was taken away
-    int64 nRestored = 0;  ///< and those of them for which it came back
+    int64 nRestored = 0;  ///< how often the window was taken away and has come back
     SxMutex managerMutex; ///< over the manager's starts and ends, which the keeper and the owner look after
     std::unique_ptr<ZqOrderedDownload> download;
     std::unique_ptr<Keeper> keeper;

@@ -130,6 +130,7 @@ TEST(Underflow, ThePlayerMinimises) {
     run.sleep(20);
     EXPECT_FALSE(run.mgr->isMinimized());
     EXPECT_EQ(run.mgr->getRuntimeInfo().nUnderflows, 0);
+    EXPECT_EQ(run.mgr->getNTakenAway(), 0);
     EXPECT_EQ(run.nLogged("ZqCoreUnderflowMgr::"), 0);
 }
 
