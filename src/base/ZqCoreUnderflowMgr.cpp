@@ -181,9 +181,16 @@ void ZqCoreUnderflowMgr::findAppWindow(int64 delaySeconds) {
             if (!stopRequested()) checkInstantUnderflow();
             return stopRequested();
         };
-        for (int64 second = 0; second < delaySeconds && !stopRequested(); ++second)
-            SxWait::passes(DELAY_PASSES, DELAY_PASS_MS, isStopped, [](int64) {});
-        if (stopRequested()) return;
+        const auto isDelayOver = [&] {
+            // What was handed to this drive isn't on the next one.
+            driveGone = driveGone || !mountMgr.isMounted(path);
+            // One that lasts is left to the turns, since nothing is fetched until the delay is over.
+            return driveGone || isStopped() || instantMs != 0;
+        };
+        bool isOver = false;
+        for (int64 second = 0; second < delaySeconds && !isOver; ++second)
+            isOver = SxWait::passes(DELAY_PASSES, DELAY_PASS_MS, isDelayOver, [](int64) {});
+        if (stopRequested() || driveGone) return;
         appWindow = 0;
         if (!windowSearch) return;
         checkInstantUnderflow();
@@ -264,7 +271,7 @@ void ZqCoreUnderflowMgr::main() {
         watch.windowMs = steadyMs();
         awaitFirstUnderflow();
         if (!stopRequested()) findAppWindow(appParams.underflowDelay);
-        while (!stopRequested() && mountMgr.isMounted(path))
+        while (!stopRequested() && !driveGone && mountMgr.isMounted(path))
             turn(&watch);
     } catch (const SxException& e) {
         ZqJobFailure::report(MAIN, path, e, UNIT, __LINE__);
@@ -284,6 +291,7 @@ void ZqCoreUnderflowMgr::setUp() {
     appWindow = 0;
     minimizedFlag = underflowFlag = false;
     instantMs = 0;
+    driveGone = false;
     blockFlags.removeAll();
     batchTimes.resize(MAX_BATCH, true);
     const SxString reference = path + "/imgRef.zqf";
@@ -330,7 +338,10 @@ void ZqCoreUnderflowMgr::turn(Watch* watch) {
     if (underflow) {
         watch->resolved = false;
     } else if (!isMinimized()) {
+        const bool isNoted = instantMs != 0;
         lookAtWindow(watch);
+        // It has met an underflow that lasts, which the next turn takes over.
+        if (!isNoted && instantMs != 0) return;
     }
     if (underflow && hasDownloadPassed()) {
         underflow = false;
@@ -386,7 +397,9 @@ bool ZqCoreUnderflowMgr::enterUnderflow(Watch* watch) {
     if (instantMs == 0) countUnderflow(static_cast<int64>(resumeIdx) - static_cast<int64>(nDownloaded()));
     instantMs = 0;
     if (appWindow != 0 && !isIconic(appWindow)) {
+        underflowFlag = true;
         minimizeApp();
+        ++nTakenAway;
         zqLogMsg("base", SxString(MAIN) + "Minimized");
     }
     return true;
@@ -397,9 +410,7 @@ void ZqCoreUnderflowMgr::leaveUnderflow(Watch* watch) {
     if (!watch->resolved && (wasMinimized || watch->counted)) {
         zqLogMsg("base", SxString(MAIN) + "Underflow resolved.");
         watch->resolved = true;
-        underflowFlag = true;
     }
-        ++nTakenAway;
     resumeDrive();
     if (watch->counted || instantMs != 0)
         timeUnderflow(steadyMs() - (watch->counted ? watch->underflowMs : instantMs));

@@ -148,9 +148,9 @@ private:
     /// Sleeps until the next look at the drive.
     void pause() const;
     SxList<uint64> collect(const Pass& pass);
-    /// Whether a stretch that was fetched isn't to be fetched again yet.
     /// Whether the download has brought nothing for a while.
     bool standsStill(const Pass& pass);
+    /// Whether a stretch that was fetched isn't to be fetched again yet.
     bool isFetched(const Pass& pass, uint64 zqfIdx, SxUniqueList<uint64>* seen);
     bool fetchByCallback(const Pass& pass, const Source& source, const SxList<uint64>& offsets);
     bool fetchByDownloader(const Pass& pass, const Source& source, const SxList<uint64>& offsets);
@@ -170,6 +170,7 @@ private:
     std::atomic<uint64> resumeIdx{0};
     std::atomic<int64> nTakenAway{0};
     bool driveSuspended = false; ///< by this job, and not resumed yet
+    bool driveGone = false;      ///< since the start of the job
     int64 instantMs = 0;         ///< when an instant underflow began that was left to the turns; 0 none
     SxFileIO refFile, statFile;
     uint64 statStart = 0, lastStatRow = 0; ///< system time, ms

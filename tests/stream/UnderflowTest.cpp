@@ -304,6 +304,32 @@ TEST(Underflow, TheDelayBeforeTheSearchResolvesAtOnce) {
     EXPECT_TRUE(run.await([&] { return run.desktop.nSearches > nSearches; }, 1500));
 }
 
+TEST(Underflow, TheDelayEndsWithAnUnderflowThatLastsAndWithTheDrive) {
+    for (const bool unmounts : {false, true}) {
+        UnderflowRun run;
+        run.app.underflowDelay = 20;
+        run.make();
+        run.sleep(10);
+        run.readBlock(0);
+        bool fails = !unmounts;
+        run.script = [&](uint64 offset, uint64 length, char* data) {
+            return fails ? 1 : run.fill(offset, length, data);
+        };
+        run.launch();
+        run.sleep(unmounts ? 5000 : 20'500);
+        if (unmounts) {
+            run.driver.mounted = false;
+            EXPECT_TRUE(run.await([&] { return !run.mgr->isRunning(); }, 30));
+            continue;
+        }
+        EXPECT_THAT(run.desktop.notes, ElementsAre("minimise 77"));
+        EXPECT_EQ(run.mgr->getNTakenAway(), 1);
+        fails = false;
+        EXPECT_TRUE(run.await([&] { return run.isAnswered() && !run.mgr->isUnderflow(); }, 1100));
+        EXPECT_EQ(run.mgr->getRuntimeInfo().nUnderflows, 1);
+    }
+}
+
 TEST(Underflow, RestartBeginsAnew) {
     UnderflowRun run;
     run.app.underflowDelay = 2;
