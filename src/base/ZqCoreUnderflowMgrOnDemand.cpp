@@ -295,7 +295,11 @@ bool ZqCoreUnderflowMgr::takeDownload(const Pass& pass, const ZqODRDownloader& f
         return false;
     }
     fetchSizes.update(length);
-    if (!pass.matches(offset, data, expected)) return false;
+    if (!pass.matches(offset, data, expected)) {
+        // Else it would come again from what is kept, and get into the image with the ordered stream.
+        from.forget(offset, length);
+        return false;
+    }
     if (data.getSize() > MAX_DELIVERY) {
         pass.log("Too much data for driver");
         return false;

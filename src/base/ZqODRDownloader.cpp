@@ -116,6 +116,10 @@ int ZqODRDownloader::announce(const SxArray<uint64>& offsets, const SxArray<uint
                                    static_cast<uint64>(std::min(offsets.getSize(), sizes.getSize())), this);
 }
 
+int ZqODRDownloader::forget(uint64 offset, uint64 size) const {
+    return zqNetioDownloadForget(offset, size, this);
+}
+
 void ZqODRDownloader::cancel(bool on) const {
     throwError(zqNetioDownloadCancel(this, on));
 }

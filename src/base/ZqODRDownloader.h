@@ -51,6 +51,8 @@ public:
     /// Begins to fetch ranges together that onDemand() will then be asked for; returns at once. What was
     /// announced before and not taken is dropped.
     int announce(const SxArray<uint64>& offsets, const SxArray<uint64>& sizes) const;
+    /// What came of this range was wrong; the next onDemand() fetches it anew.
+    int forget(uint64 offset, uint64 size) const;
     /// While cancelled, onDemand() and its like give 1, those that block within 20 ms, and a whole download
     /// ends.
     void cancel(bool on = true) const;

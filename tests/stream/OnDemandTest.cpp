@@ -186,6 +186,9 @@ TEST(OnDemand, WhatFailsIsToldAndTriedAgain) {
             EXPECT_EQ(run.mgr->getUnderflowResumeIdx(), STRETCH);
             EXPECT_TRUE(run.mgr->isUnderflow());
             EXPECT_THAT(run.driver.delivered, IsEmpty());
+            const bool isForgotten =
+                std::count(run.net.notes.begin(), run.net.notes.end(), "forget 204800") > 0;
+            EXPECT_EQ(isForgotten, download && text == corrupt);
             if (text == corrupt) {
                 const int64 n = nPassLogged(run, "ZqF byte index: 204800");
                 EXPECT_GE(n, 1);

@@ -144,6 +144,11 @@ void ZqNetDownload::announce(const SxArray<uint64>& offsets, const SxArray<uint6
     announced.swap(group);
 }
 
+void ZqNetDownload::forget(uint64 offset, uint64 size) {
+    const Source source = getSource();
+    if (source.image) source.image->forget(offset, size);
+}
+
 void ZqNetDownload::begin() {
     getSource();
     {

@@ -21,6 +21,7 @@ public:
 
     void read(uint64 offset, uint64 size, char* buffer);
     void announce(const SxArray<uint64>& offsets, const SxArray<uint64>& sizes);
+    void forget(uint64 offset, uint64 size);
 
     /// Begins the whole download.
     void begin();

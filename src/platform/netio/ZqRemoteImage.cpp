@@ -215,6 +215,14 @@ void ZqRemoteImage::read(uint64 offset, uint64 size, char* buffer, const ZqStopT
         const uint64 n = std::min(end - offset, stretchSize(idx) - inside);
         std::memcpy(buffer, bytes->data() + inside, n);
         buffer += n;
+void ZqRemoteImage::forget(uint64 offset, uint64 size) {
+    checkRange(offset, size);
+    const uint64 first = offset / STRETCH, end = ZqSeekTable::countFrames(offset + size);
+    SxMutexBlock lock(&mutex);
+    kept.erase(kept.lower_bound(first), kept.lower_bound(end));
+    recent.remove_if([&](const auto& entry) { return entry.first >= first && entry.first < end; });
+}
+
         offset += n;
     }
 }

@@ -65,6 +65,10 @@ public:
     /// ZqNetLink.
     void read(uint64 offset, uint64 size, char* buffer, const ZqStopTest& stop = nullptr);
 
+    /// The stretches of this range were found to be wrong: what is kept of them goes, so that they are
+    /// fetched again.
+    void forget(uint64 offset, uint64 size);
+
     using Sink = ZqRemoteFile::Sink;
     /// Streams the bytes from `offset` to the image's end to `sink`, on the calling thread and at its pace.
     /// False where `sink` ended it. Goes on by itself after failures that may pass.

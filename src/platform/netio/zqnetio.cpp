@@ -158,6 +158,10 @@ ZqNetioStatus zqNetioDownloadAnnounce(const uint64* offsets, const uint64* sizes
     });
 }
 
+ZqNetioStatus zqNetioDownloadForget(uint64 offset, uint64 size, const void* download) {
+    return withDownload(download, [&](ZqNetDownload& object) { object.forget(offset, size); });
+}
+
 ZqNetioStatus zqNetioDownloadCancel(const void* download, bool on) {
     return withDownload(download, [&](ZqNetDownload& object) { object.cancel(on); });
 }

@@ -53,6 +53,9 @@ ZqNetioStatus zqNetioDownloadRanges(const uint64* offsets, const uint64* sizes, 
 /// Begins to fetch ranges that zqNetioDownloadRange() will then ask for; returns at once.
 ZqNetioStatus zqNetioDownloadAnnounce(const uint64* offsets, const uint64* sizes, uint64 count,
                                       const void* download);
+/// The range that came last was found to be wrong: nothing of it is kept, and it is fetched again when it is
+/// asked for.
+ZqNetioStatus zqNetioDownloadForget(uint64 offset, uint64 size, const void* download);
 /// While on, ranges fail with status 1, those that block within 20 ms, and a whole download ends.
 ZqNetioStatus zqNetioDownloadCancel(const void* download, bool on);
 

@@ -101,6 +101,9 @@ ZqNetioStatus zqNetioDownloadAnnounce(const uint64* offsets, const uint64*, uint
     ScriptedNetio::get().groupIsThere = false;
     return note("announce " + std::to_string(count));
 }
+ZqNetioStatus zqNetioDownloadForget(uint64 offset, uint64, const void*) {
+    return note("forget " + std::to_string(offset));
+}
 ZqNetioStatus zqNetioDownloadCancel(const void*, bool on) {
     ScriptedNetio::get().cancelled = on;
     return note(on ? "cancel" : "go on");
