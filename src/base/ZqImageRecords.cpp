@@ -62,7 +62,7 @@ ZqImageRecords::ZqImageRecords(const SxPtr<ZqNetLink>& link_, const SxString& im
                                const SxString& folderUrl, const SxArray<SxString>& headers_)
     : link(link_),
       folder(ZqImageFolder::prefix(image)),
-      url(folderUrl.endsWith("/") ? folderUrl : folderUrl + "/"),
+      url(folderUrl),
       headers(headers_) {
 }
 
@@ -82,7 +82,7 @@ bool ZqImageRecords::holdsPart(const SxString& image) {
 }
 
 SxPtr<ZqRemoteFile> ZqImageRecords::remote(const char* name, uint64 expectedSize) const {
-    return SxPtr<ZqRemoteFile>::create(link, url + name, headers, expectedSize);
+    return SxPtr<ZqRemoteFile>::create(link, urlOf(name), headers, expectedSize);
 }
 
 bool ZqImageRecords::hasBlocks() const {
@@ -127,7 +127,7 @@ ZqAppParams ZqImageRecords::fetchApp(const ZqStopTest& stop) {
     try {
         server.readFile(fresh);
     } catch (const SxException& e) {
-        throw SxException(e, "Cannot use '" + url.makeVisible() + ZqImageFiles::APP_JSON + "'", UNIT,
+        throw SxException(e, "Cannot use '" + urlOf(ZqImageFiles::APP_JSON).makeVisible() + "'", UNIT,
                           __LINE__);
     }
     if (resumes) {
@@ -159,7 +159,7 @@ void ZqImageRecords::requireParams(const SxString& file, const ZqAppParams& app)
                               UNIT, __LINE__);
         }
     } catch (const SxException& e) {
-        throw SxException(e, "Cannot use '" + url.makeVisible() + ZqImageFiles::IMAGE_JSON + "'", UNIT,
+        throw SxException(e, "Cannot use '" + urlOf(ZqImageFiles::IMAGE_JSON).makeVisible() + "'", UNIT,
                           __LINE__);
     }
 }
@@ -189,7 +189,7 @@ void ZqImageRecords::fetchRest(const ZqAppParams& app, const ZqStopTest& stop) {
         SxFSAction::mv(params + NEW, params);
     }
     if (!hasMap(app)) {
-        throw SxException("The map at " + url + ZqImageFiles::IDX + " isn't the one that app.json states",
+        throw SxException("The map at " + urlOf(ZqImageFiles::IDX) + " isn't the one that app.json states",
                           UNIT, __LINE__);
     }
 }

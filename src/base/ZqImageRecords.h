@@ -8,7 +8,7 @@
 /// put in place as a whole; `app.json`, which the others are checked against, comes first. For one thread.
 class ZqImageRecords {
 public:
-    /// `image`: the image folder, which exists. `folderUrl`: its address, with or without a slash at the end.
+    /// `image`: the image folder, which exists. `folderUrl`: its address, see ZqRemoteFile::urlIn().
     ZqImageRecords(const SxPtr<ZqNetLink>& link_, const SxString& image, const SxString& folderUrl,
                    const SxArray<SxString>& headers_);
 
@@ -27,6 +27,7 @@ public:
 private:
     class Fetch;
 
+    SxString urlOf(const char* name) const { return ZqRemoteFile::urlIn(url, name); }
     SxPtr<ZqRemoteFile> remote(const char* name, uint64 expectedSize = ZqRemoteFile::UNKNOWN) const;
     bool hasBlocks() const;
     bool hasMap(const ZqAppParams& app) const;
@@ -34,6 +35,7 @@ private:
     void requireSame(const ZqAppParams& own, const ZqAppParams& server) const;
 
     const SxPtr<ZqNetLink> link;
-    const SxString folder, url; ///< with a slash at the end
+    const SxString folder; ///< with a slash at the end
+    const SxString url;
     const SxArray<SxString> headers;
 };

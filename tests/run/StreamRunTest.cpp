@@ -517,7 +517,8 @@ TEST_F(StreamRun, AnotherImageOnTheServerIsRefused) {
 TEST_F(StreamRun, AMountIsFedUntilItIsTakenAway) {
     server->setRate(10'000'000);
     for (const bool bySignal : {false, true}) {
-        Client feeder(client, {"mount", got, "--url", server->getUrl().str()}, dir.path("fed"));
+        const string url = server->getUrl().str() + (bySignal ? "?token=a/b" : "");
+        Client feeder(client, {"mount", got, "--url", url}, dir.path("fed"));
         ASSERT_TRUE(eventually([&] { return statusOf(got).ready; })) << feeder.says();
         const string app = statusOf(got).mountPath.str() + "/TAVRIN-protected/app/";
         EXPECT_TRUE(eventually([&] { return feeder.says().find("Mounted as") != string::npos; }));

@@ -3,6 +3,7 @@
 #include "SxFileIO.h"
 #include "ZqRangeReader.h"
 
+#include <algorithm>
 #include <cstring>
 
 namespace {
@@ -15,6 +16,15 @@ ZqRemoteFile::ZqRemoteFile(const SxPtr<ZqNetLink>& link_, const SxString& url,
                            const SxArray<SxString>& headers, uint64 expectedSize)
     : link(link_),
       facts(SxPtr<ZqFileFacts>::create(url, headers, expectedSize)) {
+}
+
+SxString ZqRemoteFile::urlIn(const SxString& folderUrl, const SxString& name) {
+    const std::string& all = folderUrl.str();
+    // A fragment isn't sent to a server.
+    const size_t end = std::min(all.find('#'), all.size()), query = std::min(all.find('?'), end);
+    const std::string folder = all.substr(0, query);
+    const std::string path = folder.ends_with('/') ? folder : folder + "/";
+    return SxString(path + name.str() + all.substr(query, end - query));
 }
 
 SxException ZqRemoteFile::failure(const SxException& e, const SxString& what) const {

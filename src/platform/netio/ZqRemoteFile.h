@@ -18,6 +18,10 @@ public:
     ZqRemoteFile(const SxPtr<ZqNetLink>& link_, const SxString& url, const SxArray<SxString>& headers = {},
                  uint64 expectedSize = UNKNOWN);
 
+    /// The address of a file in a folder, whose address may lack the slash at its end. What stands behind a
+    /// "?" there, as an access token does, stands behind the file's name, too.
+    static SxString urlIn(const SxString& folderUrl, const SxString& name);
+
     const SxString& getUrl() const noexcept { return facts->getUrl(); }
     const SxPtr<ZqNetLink>& getLink() const noexcept { return link; }
     /// Bytes of the file; UNKNOWN ahead of the first response.

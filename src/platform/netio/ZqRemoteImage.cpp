@@ -23,10 +23,6 @@ constexpr size_t N_LOADERS = 4;
 constexpr double MIN_IN_TRIP = 0.5, TRIPS_TOGETHER = 4., MAX_TOGETHER = 8.;
 constexpr int64 MIN_PATIENCE_NS = 100'000'000;
 
-SxString fileUrl(const SxString& folderUrl, const char* name) {
-    return folderUrl.endsWith("/") ? folderUrl + name : folderUrl + "/" + name;
-}
-
 } // namespace
 
 /// The end of a claim on a stretch that somebody waits for.
@@ -47,8 +43,8 @@ private:
 
 ZqRemoteImage::ZqRemoteImage(const SxPtr<ZqNetLink>& link_, const SxString& folderUrl, uint64 sizeZqf_,
                              const SxArray<SxString>& headers, uint64 maxKept_, const SxString& digest_)
-    : plain(SxPtr<ZqRemoteFile>::create(link_, fileUrl(folderUrl, "img.zqf"), headers, sizeZqf_)),
-      packed(SxPtr<ZqRemoteFile>::create(link_, fileUrl(folderUrl, "img.zqf.zst"), headers)),
+    : plain(SxPtr<ZqRemoteFile>::create(link_, ZqRemoteFile::urlIn(folderUrl, "img.zqf"), headers, sizeZqf_)),
+      packed(SxPtr<ZqRemoteFile>::create(link_, ZqRemoteFile::urlIn(folderUrl, "img.zqf.zst"), headers)),
       sizeZqf(sizeZqf_),
       maxKept(maxKept_),
       digest(digest_),
@@ -215,16 +211,16 @@ void ZqRemoteImage::read(uint64 offset, uint64 size, char* buffer, const ZqStopT
         const uint64 n = std::min(end - offset, stretchSize(idx) - inside);
         std::memcpy(buffer, bytes->data() + inside, n);
         buffer += n;
+        offset += n;
+    }
+}
+
 void ZqRemoteImage::forget(uint64 offset, uint64 size) {
     checkRange(offset, size);
     const uint64 first = offset / STRETCH, end = ZqSeekTable::countFrames(offset + size);
     SxMutexBlock lock(&mutex);
     kept.erase(kept.lower_bound(first), kept.lower_bound(end));
     recent.remove_if([&](const auto& entry) { return entry.first >= first && entry.first < end; });
-}
-
-        offset += n;
-    }
 }
 
 ZqRemoteImage::Bytes ZqRemoteImage::findStretch(uint64 stretchIdx) const {

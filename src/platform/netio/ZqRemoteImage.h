@@ -39,7 +39,7 @@ public:
         bool isPacked = false; ///< whether the packed form is in use
     };
 
-    /// `folderUrl` is the image folder's address, with or without a slash at its end. `sizeZqf` is the
+    /// `folderUrl` is the image folder's address, see ZqRemoteFile::urlIn(). `sizeZqf` is the
     /// decoded size as `app.json` states it; a server that has another is an error. `maxKept` bounds the
     /// memory for kept stretches, in bytes. `digest_` is the MD5 text of `img.zqf`, where that is known: a
     /// packed form of another image is left aside.
