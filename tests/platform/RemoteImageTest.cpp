@@ -138,12 +138,13 @@ TEST(RemoteImageFrame, isFetchedAgainOnce) {
     std::string damaged = packed;
     for (size_t i = 0; i + tableSize < damaged.size(); i += 5000)
         damaged[i] = static_cast<char>(~damaged[i]);
-    std::atomic<int> nBad{1};
+    std::atomic<int> nBad{1}, nBroken{0};
     const ScriptedServer server([&](const std::string& request) {
         if (request.find("img.zqf.zst") == std::string::npos) {
             return std::string("HTTP/1.1 404 Not Found\r\nContent-Length: 0\r\n\r\n");
         }
         const bool isTable = request.find("bytes=-") != std::string::npos;
+        if (isTable && nBroken-- > 0) return std::string();
         return ScriptedServer::ranged(request, !isTable && nBad-- > 0 ? damaged : packed);
     });
     const auto link = SxPtr<ZqNetLink>::create(quickSettings());
@@ -156,6 +157,20 @@ TEST(RemoteImageFrame, isFetchedAgainOnce) {
     nBad = 1;
     EXPECT_TRUE(readOf(image, STRETCH, STRETCH) == zqf.substr(STRETCH, STRETCH));
     EXPECT_LE(nBad, 0);
+    // A stretch that somebody has found to be wrong comes anew.
+    const size_t nRequests = server.requests().size();
+    EXPECT_TRUE(readOf(image, STRETCH, STRETCH) == zqf.substr(STRETCH, STRETCH));
+    EXPECT_EQ(server.requests().size(), nRequests);
+    image.forget(STRETCH, STRETCH);
+    EXPECT_TRUE(readOf(image, STRETCH, STRETCH) == zqf.substr(STRETCH, STRETCH));
+    EXPECT_GT(server.requests().size(), nRequests);
+    // More broken answers than a request takes cost the table no more than time.
+    nBroken = 2 * static_cast<int>(quickSettings().nRangeTries);
+    ZqRemoteImage patient(link, SxString(server.url("game?token=a/b#c")), zqf.size());
+    patient.announce({}, {});
+    ASSERT_TRUE(SxWait::pass(5000, [&] { return patient.getFigures().isPacked; }));
+    EXPECT_TRUE(readOf(patient, 0, STRETCH) == zqf.substr(0, STRETCH));
+    EXPECT_THAT(server.requests().back(), HasSubstr("GET /game/img.zqf.zst?token=a/b HTTP"));
 }
 
 TEST_F(RemoteImage, doesNotFetchTwiceWhatWasOnDemand) {

@@ -22,7 +22,8 @@ void ZqRemoteImage::TableLoader::main() {
                 image->setTable(nullptr, Packed::Absent);
                 return;
             }
-            if (!e.hasTag(ZqNetLink::UNREACHABLE)) {
+            // Whether a server that breaks off its answers is waited for is the stream's affair.
+            if (!e.hasTag(ZqNetLink::UNREACHABLE) && !e.hasTag(ZqNetLink::BROKEN)) {
                 image->setTableFailure(SxException(
                     e, "Cannot use '" + image->packed->getUrl().makeVisible() + "'", UNIT, __LINE__));
                 return;
