@@ -227,6 +227,13 @@ void ZqAppParams::write(const SxString& prefix) const {
     }
 }
 
+void ZqAppParams::requireKnownFormat() const {
+    if (zqfVersion <= ZQF_VERSION) return;
+    throw SxException("The image has the format " + SxString(zqfVersion) + " (zqfVersion in app.json), and " +
+                          "this program knows formats up to " + SxString(ZQF_VERSION),
+                      UNIT, __LINE__);
+}
+
 SxString ZqAppParams::boolToString(bool value) {
     return value ? "true" : "false";
 }

@@ -8,8 +8,11 @@
 /// fields directly. Not locked.
 class ZqAppParams {
 public:
+    /// The newest format of images that this library knows.
+    static constexpr int64 ZQF_VERSION = 1;
+
     int64 version = 2;
-    int64 zqfVersion = 1;
+    int64 zqfVersion = ZQF_VERSION;           ///< format of the image
     SxString guid;                            ///< identity of the application
     SxString cmd = "{{ZQDRIVE}}/path/to/app"; ///< "{{ZQDRIVE}}" stands for the mounted drive
     SxList<SxString> args;
@@ -49,6 +52,8 @@ public:
     /// Writes the record likewise, replacing the file as a whole, and makes its folder.
     void write(const SxString& pathPrefix = SxString()) const;
 
+    /// Raises where the image is of a newer format than this library knows.
+    void requireKnownFormat() const;
     /// "true" or "false".
     static SxString boolToString(bool value);
     /// Bytes of `img.zqf` that must be there before the start at this download speed (megabit per second).

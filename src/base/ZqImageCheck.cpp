@@ -53,6 +53,7 @@ void ZqImageCheck::readRecords() {
     try {
         app = ZqAppParams(pathPrefix);
         haveApp = true;
+        app.requireKnownFormat();
     } catch (const SxException& e) {
         addFault(e.what());
     }

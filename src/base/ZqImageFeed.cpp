@@ -134,6 +134,7 @@ void ZqImageFeed::open(const ZqStopTest& stop) {
     // What is downloaded from its beginning on has nothing of an earlier file.
     const bool isFresh = fileSize() == 0;
     isWritten = record.isWritten && !isFresh;
+    app.requireKnownFormat();
     verified = !link && isKnownAsRight(record);
     const bool dropsDigest = link && !record.verified.isEmpty();
     if (record.url == url && !dropsDigest && record.isWritten == isWritten) return;

@@ -126,6 +126,7 @@ ZqAppParams ZqImageRecords::fetchApp(const ZqStopTest& stop) {
     ZqAppParams server;
     try {
         server.readFile(fresh);
+        server.requireKnownFormat();
     } catch (const SxException& e) {
         throw SxException(e, "Cannot use '" + urlOf(ZqImageFiles::APP_JSON).makeVisible() + "'", UNIT,
                           __LINE__);

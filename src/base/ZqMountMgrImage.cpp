@@ -167,6 +167,7 @@ SxString ZqMountMgr::mountImageZQF(MountMode mode, DeviceMode deviceMode, const 
         }
     };
     try {
+        appParams->requireKnownFormat();
         refuseLaunchers(image, appParams->access);
         const ZqRedirection redirection(*appParams);
         const auto lock = lockShape(image);

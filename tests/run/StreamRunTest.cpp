@@ -287,6 +287,15 @@ TEST_F(StreamRun, AStallIsToldAndGoesOn) {
     server->setFault(ZqFileServer::Stall);
     EXPECT_TRUE(SxWait::pass(40'000, [&] {
         return player->says().find("waiting for the server: no data") != string::npos;
+    fs::remove_all(got);
+    string newer = app;
+    newer.replace(newer.find("\"zqfVersion\": 1"), 15, "\"zqfVersion\": 2");
+    dir.write("served/app.json", newer);
+    const auto tooNew = start();
+    EXPECT_EQ(tooNew->end(), 1);
+    EXPECT_THAT(tooNew->says(), testing::AllOf(HasSubstr(server->getUrl().str() + "app.json'"),
+                                               HasSubstr("this program knows formats up to 1")));
+    dir.write("served/app.json", app);
     })) << player->says();
     EXPECT_FALSE(hasPlayed());
     server->setRate(0);
