@@ -183,11 +183,21 @@ int ZqCoreAppGuard::followLeftBehind(const SxProcessGroup& left) {
 
 int ZqCoreAppGuard::followNamed() {
     startProcess();
+    searchFlag.set(true);
     awaitDelay();
     int64 id = -1;
     for (int64 i = 0; i < N_SEARCHES && id < 0 && !stopRequested(); ++i)
         id = awaitNamed(SECOND_MS);
-    zqLogMsg("base", SxString(PREFIX) + "Process " + appParams.name + " identified as PID " + id);
+    searchFlag.set(false);
+    const auto tell = [&] {
+        zqLogMsg("base", SxString(PREFIX) + "Process " + appParams.name + " identified as PID " + id);
+    };
+    tell();
+    if (id < 0) {
+        id = awaitLateNamed();
+        if (id >= 0) tell();
+    }
+    missedFlag.set(id < 0 && !stopRequested());
     int code = NO_CODE;
     const SxOtherProcess application(stopRequested() ? -1 : id);
     if (!stopRequested()) {
@@ -327,6 +337,17 @@ int64 ZqCoreAppGuard::awaitNamed(int64 limitMs) const {
         },
         SEARCH_LOOK_MS);
     return id;
+}
+
+/// The process of that name, as long as the command runs: what that loads may have to come over a slow link.
+int64 ZqCoreAppGuard::awaitLateNamed() const {
+    int64 id = -1;
+    while (id < 0 && !stopRequested() && process->isRunning()) {
+        SxWait::pass(SECOND_MS, [this] { return stopRequested() || !process->isRunning(); });
+        collect(-1);
+        id = findNamed();
+    }
+    return stopRequested() ? -1 : id;
 }
 
 void ZqCoreAppGuard::noteGroup(const SxProcessGroup& newGroup) {

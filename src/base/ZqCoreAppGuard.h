@@ -38,6 +38,9 @@ public:
     bool isRunning() const { return runningFlag.get(); }
     bool stopRequested() const { return stopFlag.get(); }
     bool isSuspended() const { return suspendedFlag.get(); }
+    /// Whether it looks for the process that the record names, and whether that was never found.
+    bool isSearching() const { return searchFlag.get(); }
+    bool isMissed() const { return missedFlag.get(); }
     /// Whether an earlier program started it.
     bool isAdopted() const { return !process; }
 
@@ -84,6 +87,7 @@ private:
     SxProcessGroup newGroupOf(int64 id) const;
     int64 findNamed() const;
     int64 awaitNamed(int64 limitMs) const;
+    int64 awaitLateNamed() const;
     void noteGroup(const SxProcessGroup& newGroup);
     void killNamed() const;
     bool setSuspended(bool on, const SxString& prefix) const;
@@ -93,7 +97,7 @@ private:
     SxPtr<SxProcess> process;
     SxString needsWine; ///< the program, where it is one for Wine
 
-    SxFlag begunFlag, runningFlag, stopFlag, suspendedFlag;
+    SxFlag begunFlag, runningFlag, stopFlag, suspendedFlag, searchFlag, missedFlag;
 
     mutable SxMutex codeMutex;
     int exitCode SX_GUARDED_BY(codeMutex) = NO_CODE;

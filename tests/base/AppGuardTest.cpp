@@ -171,16 +171,32 @@ TEST_F(AppGuardTest, AGameThatNeverComes) {
         guard->start();
         if (stopped) {
             SxTime::msleep(2500);
+            EXPECT_TRUE(guard->isSearching());
             guard->stop();
         }
         guard->wait();
         EXPECT_EQ(guard->getExitCode(), stopped ? ZqCoreAppGuard::STOPPED_CODE : 0);
+        EXPECT_EQ(guard->isMissed(), !stopped);
+        EXPECT_FALSE(guard->isSearching());
         const int64 elapsed = clock.elapsedMs();
         EXPECT_GE(elapsed, stopped ? 2500 : 65'000);
         EXPECT_LE(elapsed, stopped ? 2510 : 65'010);
         EXPECT_TRUE(logged(stopped ? "was terminated by stop request." : "exit code: 0xffffffff"));
         EXPECT_EQ(logged("Failed to open handle to " + GAME + " process."), !stopped);
     }
+}
+
+TEST_F(AppGuardTest, ALauncherThatTakesLongerThanTheSearch) {
+    app.name = GAME;
+    const VirtualClock clock;
+    const auto guard = this->guard("while [ ! -e $0.go ]; do sleep 0.05; done\n"
+                                   "$GAME -c 'sleep 0.7; exit 6' & sleep 0.3; exit 1");
+    guard->start();
+    ASSERT_TRUE(SxWait::pass(70'000, [this] { return logged("identified as PID -1"); }));
+    dir.write("volume/app/launcher.go", "");
+    guard->wait();
+    EXPECT_EQ(guard->getExitCode(), 6);
+    EXPECT_FALSE(guard->isMissed());
 }
 
 TEST_F(AppGuardTest, SuspendResumeAndStop) {
