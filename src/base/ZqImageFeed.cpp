@@ -268,11 +268,15 @@ void ZqImageFeed::keepDownload() {
     }
     download->wait();
     if (!download->hasException()) return;
-    if (!hasApplication || !download->getException().hasTag(ZqNetLink::BROKEN))
-        throw download->getException();
+    const SxException why = download->getException();
+    const bool isAbsent = why.hasTag(ZqNetLink::NOT_FOUND);
+    if (!hasApplication || !(isAbsent || why.hasTag(ZqNetLink::BROKEN))) throw why;
     isBroken = true;
     brokenSize = fileSize();
-    setWaiting("waiting for the server: it breaks off all its answers");
+    setWaiting(isAbsent ? "waiting for the server: it says that it hasn't got the image"
+                        : "waiting for the server: it breaks off all its answers");
+    // What the writer holds still would overlap with what comes anew, and neither be written to the end.
+    if (getWriter()->isRunning() && getWriter()->getBytesHeld() > 0) return;
     const int64 nowNs = SxClock::get().steadyNs();
     if (nowNs - downloadNs < DOWNLOAD_LOOK_NS) return;
     downloadNs = nowNs;

@@ -334,6 +334,13 @@ TEST_F(StreamRun, TheDownloadMayEndAtAnyMomentOfBothMounts) {
     const auto look = [&](int moment) {
         const ZqDiskStatus status = statusOf(got);
         const bool isUp = !status.image.isEmpty();
+    // For a while it answers 404.
+    fs::rename(served + "/img.zqf", served + "/away");
+    server->start();
+    EXPECT_TRUE(SxWait::pass(20'000, [&] {
+        return player->says().find("it says that it hasn't got the image") != string::npos;
+    })) << player->says();
+    fs::rename(served + "/away", served + "/img.zqf");
         wasGone = wasGone || (wasUp && !isUp);
         wasUp = wasUp || isUp;
         const bool isReached[] = {isUp, wasGone, wasGone && isUp, status.ready};
