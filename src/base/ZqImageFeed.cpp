@@ -128,13 +128,16 @@ void ZqImageFeed::open(const ZqStopTest& stop) {
                                   "' isn't complete, and no address is known that it could be completed from",
                               UNIT, __LINE__);
         }
-        link = SxPtr<ZqNetLink>::create();
+        {
+            const SxMutexBlock block(&mutex);
+            link = SxPtr<ZqNetLink>::create();
+        }
         app = ZqImageRecords(link, settings.image, url, settings.headers).fetchApp(stop);
     }
+    app.requireKnownFormat();
     // What is downloaded from its beginning on has nothing of an earlier file.
     const bool isFresh = fileSize() == 0;
     isWritten = record.isWritten && !isFresh;
-    app.requireKnownFormat();
     verified = !link && isKnownAsRight(record);
     const bool dropsDigest = link && !record.verified.isEmpty();
     if (record.url == url && !dropsDigest && record.isWritten == isWritten) return;
@@ -404,9 +407,19 @@ void ZqImageFeed::fail(const SxException& e) {
     failure = e;
 }
 
+bool ZqImageFeed::hasFailed() const {
+    const SxMutexBlock block(&mutex);
+    return failed;
+}
+
 void ZqImageFeed::requireAlive() const {
     const SxMutexBlock block(&mutex);
     if (failed) throw failure;
+}
+
+SxString ZqImageFeed::getLinkStatus() const {
+    const SxMutexBlock block(&mutex);
+    return link ? link->getStatus() : SxString();
 }
 
 ZqImageFeed::Status ZqImageFeed::getStatus() const {
@@ -414,7 +427,7 @@ ZqImageFeed::Status ZqImageFeed::getStatus() const {
     status.nTotal = app.sizeZqf;
     status.isChecking = checking;
     status.nChecked = nChecked;
-    if (!progress) {
+    if (!manager) {
         status.nCurrent = status.nNeeded = status.nTotal;
         return status;
     }

@@ -87,11 +87,15 @@ public:
     /// Whether they are, and have the digest that `app.json` states. A complete image without an address,
     /// which didn't come from a server, counts as such; so does one that a drive may have written into.
     bool isVerified() const { return verified; }
+    /// From start() on.
     Status getStatus() const;
+    /// What open() waits for, as a line.
+    SxString getLinkStatus() const;
     /// The underflows and on-demand requests so far.
     ZqRuntimeInfo getRuntimeInfo() const;
     Speeds getSpeeds() const;
-    /// Raises what has ended the download and can't be mended.
+    /// Whether something has ended the download that can't be mended, and raises that.
+    bool hasFailed() const;
     void requireAlive() const;
 
 private:
@@ -122,7 +126,7 @@ private:
     ZqAppParams app;
     ZqImageParams params;
     SxPtr<ZqImageLock> growth, shape;
-    SxPtr<ZqNetLink> link;
+    SxPtr<ZqNetLink> link; ///< changed, and read ahead of start(), under the mutex
     SxPtr<ZqRemoteImage> image;
     SxPtr<ZqImageProgress> progress;
     SxPtr<ZqCoreUnderflowMgr> manager;

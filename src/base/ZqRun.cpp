@@ -24,6 +24,8 @@ constexpr int64 LOOK_MS = SxWait::LOOK_MS;
 constexpr uint64 RECORD_ROOM = 1 << 20;
 /// From one try to note the application to the next.
 constexpr int64 NOTE_NS = 500'000'000;
+/// From one look at the drive to the next.
+constexpr int64 DRIVE_NS = 200'000'000;
 
 SxException stopped() {
     return SxException(SxString(SxException::STOPPED), "stopped", UNIT, __LINE__);
@@ -49,17 +51,25 @@ public:
         : feed(feed_),
           image(std::move(image_)),
           mode(mode_),
-          traceFolder(std::move(traceFolder_)) {
+          traceFolder(std::move(traceFolder_)),
+          isPartial(!feed_.isComplete()),
+          nBlocks(feed_.countBlocks()) {
         setThreadName("mount");
     }
     /// Waits for the end; raises what went wrong, or a stop.
     void finish(const ZqStopTest& stop) {
         while (isRunning()) {
-            if (stop()) breakOff();
+            if (stop() || feed.hasFailed()) {
+                breakOff();
+            } else if (isPartial && feed.isComplete()) {
+                moveCursor();
+            }
             SxTime::msleep(LOOK_MS);
         }
         wait();
         if (stop()) throw stopped();
+        // It is why the mount has failed, too.
+        feed.requireAlive();
         if (hasException()) throw getException();
     }
 
@@ -69,8 +79,8 @@ protected:
         const ZqImageParams& params = feed.getParams();
         mounts.setAppParams(feed.getApp());
         mounts.mountImageZQF(mode, params.deviceMode, image, static_cast<uint64>(params.sizeRaw),
-                             static_cast<uint64>(params.emulatedSectorSize), feed.countBlocks(), false,
-                             traceFolder, traceFolder.isEmpty() ? SxString() : SxString("monitoring"));
+                             static_cast<uint64>(params.emulatedSectorSize), nBlocks, false, traceFolder,
+                             traceFolder.isEmpty() ? SxString() : SxString("monitoring"));
     }
 
 private:
@@ -85,10 +95,22 @@ private:
         }
     }
 
+    /// With the download ends what moves the cursor, perhaps ahead of the drive.
+    void moveCursor() const {
+        try {
+            feed.alignCursor();
+        } catch (const SxException& e) {
+            // That of the preparation goes at some time; else the mount tells what is wrong.
+            zqLogMsg("base", SxString("ZqRun: ") + e.what());
+        }
+    }
+
     const ZqImageFeed& feed;
     const SxString image;
     const ZqMountMgr::MountMode mode;
     const SxString traceFolder;
+    const bool isPartial; ///< some of the image wasn't there when the mount began
+    const uint64 nBlocks; ///< that were there then
 };
 
 ZqRun::ZqRun(const Settings& settings_)
@@ -101,8 +123,15 @@ ZqRun::ZqRun(const Settings& settings_)
 ZqRun::~ZqRun() = default;
 
 ZqImageFeed::Status ZqRun::getStatus() const {
-    if (phase == Opening) return {};
-    ZqImageFeed::Status status = feed.getStatus();
+    ZqImageFeed::Status status;
+    if (phase == Opening) {
+        status.waiting = feed.getLinkStatus();
+        return status;
+    }
+    status = feed.getStatus();
+    if (status.waiting.isEmpty() && searching) {
+        status.waiting = "waiting for the process '" + feed.getApp().name.makeVisible() + "'";
+    }
     const SxMutexBlock block(&mutex);
     if (status.waiting.isEmpty()) status.waiting = unnoted;
     return status;
@@ -227,6 +256,7 @@ bool ZqRun::adopt() {
         return false;
     }
     mounted = true;
+    result.info.nStarts = record.nStarts;
     feed.alignCursor();
     const ZqMountMgr mounts;
     if (mounts.isSuspended(image)) mounts.resume(image);
@@ -272,6 +302,7 @@ void ZqRun::prepare() {
         }
         if (isStopping()) throw stopped();
         feed.requireAlive();
+        watchDrive();
         SxTime::msleep(LOOK_MS);
     }
 }
@@ -282,6 +313,21 @@ ZqDiskStatus ZqRun::requireDisk() const {
         throw SxException("The drive of '" + image + "' has gone", UNIT, __LINE__);
     }
     return disk;
+}
+
+void ZqRun::watchDrive() {
+    const int64 nowNs = SxClock::get().steadyNs();
+    if (nowNs - driveNs < DRIVE_NS) return;
+    driveNs = nowNs;
+    try {
+        if (ZqMountMgr().isMounted(image)) return;
+    } catch (const SxException& e) {
+        // A service that can't tell may still serve.
+        zqLogMsg("base", SxString("ZqRun: ") + e.what());
+        return;
+    }
+    throw SxException("The drive of '" + image + "' has gone: it was unmounted, or its service was ended",
+                      UNIT, __LINE__);
 }
 
 void ZqRun::startApplication() {
@@ -329,6 +375,8 @@ void ZqRun::follow() {
             break;
         }
         feed.requireAlive();
+        watchDrive();
+        searching = guard->isSearching();
         noteApplication();
         lookForFrame();
         suspendProcess();
@@ -336,6 +384,8 @@ void ZqRun::follow() {
         SxTime::msleep(LOOK_MS);
     }
     guard->wait();
+    searching = false;
+    if (guard->isMissed()) result.missed = feed.getApp().name;
     lookForFrame();
     // Of a command that couldn't be started there is nothing to follow.
     result.wasStarted = guard->getGroup().isValid();

@@ -46,6 +46,7 @@ public:
         ZqNetLink::Figures link;
         ZqRemoteImage::Figures image;
         SxString mountPath; ///< where the drive was left; empty where it is gone
+        SxString missed;    ///< the process that the record names, where it was never found
         SxString unwritten; ///< why `runtime.json` couldn't be written; empty where it could
     };
 
@@ -81,6 +82,8 @@ private:
     void feedDrive();
     void prepare();
     ZqDiskStatus requireDisk() const;
+    /// Looks now and then whether the drive is there, and raises where it isn't.
+    void watchDrive();
     void startApplication();
     /// Writes down the start of the application, and its processes, which change when a launcher hands over.
     /// What can't be written now, say on a full disk, is tried again later.
@@ -100,11 +103,13 @@ private:
     const SxString image;
     std::atomic<bool> stopFlag{false};
     std::atomic<Phase> phase{Opening};
+    std::atomic<bool> searching{false}; ///< for the process that the record names
     ZqImageFeed feed;
     SxPtr<ZqCoreAppGuard> guard;
     SxString notedGroup;
     bool startNoted = false, mounted = false;
-    int64 noteNs = 0; ///< when noting failed last; 0 for never
+    int64 noteNs = 0;  ///< when noting failed last; 0 for never
+    int64 driveNs = 0; ///< when the drive was looked at last
     int64 beginNs = 0, beginMs = 0;
     int64 oldFrameMs = -1; ///< when the file of the first frame was written ahead of the run; -1 for never
     Result result;

@@ -154,6 +154,10 @@ int run(const RunOptions& options, Output& out) {
                                     : SxString("The application has ended; its exit code is unknown"));
         tellFigures(result, &out);
     }
+    if (!result.missed.isEmpty()) {
+        out.finding("The process '" + result.missed.makeVisible() +
+                    "', which app.json names as the application, was never found");
+    }
     if (out.getMode().json) out.object(job.toJson());
     if (!result.unwritten.isEmpty()) Output::failure(result.unwritten);
     writeReport(job, options.report);

@@ -136,26 +136,37 @@ TEST_F(StreamRun, ASignalEndsItAtOnceAtEachStage) {
     expectPlayed();
 }
 
-TEST_F(StreamRun, ASignalEndsAMountThatWaitsForItsFirstFile) {
+TEST_F(StreamRun, AMountThatWaitsForItsFirstFileEndsWithItsRun) {
     // One block is enough for the file system, and its folders lie behind that.
     string app = dir.read("served/app.json");
     const size_t at = app.find("\"sizeMnt\": ") + 11;
     app.replace(at, app.find_first_of(",\n", at) - at, "4096");
     dir.write("served/app.json", app);
-    fs::copy(served, got);
-    fs::resize_file(got + "/img.zqf", 4096);
-    server->setLatency(600);
-    const auto player = start();
-    ASSERT_TRUE(eventually([&] { return server->getNBytes("app.json") > 0; })) << player->says();
-    server->setLatency(3'600'000);
-    ASSERT_TRUE(eventually([&] {
-        const ZqDiskStatus status = statusOf(got);
-        return !status.mountPath.isEmpty() && !status.ready && status.nHeld > 0;
-    })) << player->says();
-    player->signal(SIGINT);
-    EXPECT_EQ(player->end(), 1) << player->says();
-    EXPECT_THAT(player->says(), HasSubstr("stopped"));
-    EXPECT_FALSE(isMounted());
+    for (const bool bySignal : {true, false}) {
+        fs::remove_all(got);
+        fs::copy(served, got);
+        fs::resize_file(got + "/img.zqf", 4096);
+        server->setLatency(600);
+        const uint64 before = server->getNBytes("app.json");
+        const auto player = start();
+        ASSERT_TRUE(eventually([&] { return server->getNBytes("app.json") > before; })) << player->says();
+        server->setLatency(3'600'000);
+        ASSERT_TRUE(eventually([&] {
+            const ZqDiskStatus status = statusOf(got);
+            return !status.mountPath.isEmpty() && !status.ready && status.nHeld > 0;
+        })) << player->says();
+        if (bySignal) {
+            player->signal(SIGINT);
+        } else {
+            server->stop();
+            server->setLatency(0);
+            server->setFault(ZqFileServer::Truncate);
+            server->start();
+        }
+        EXPECT_EQ(player->end(), 1) << player->says();
+        EXPECT_THAT(player->says(), HasSubstr(bySignal ? "stopped" : "bytes instead of"));
+        EXPECT_FALSE(isMounted());
+    }
 }
 
 TEST_F(StreamRun, AKilledRunLeavesItsApplicationToTheNext) {
@@ -213,18 +224,40 @@ TEST_F(StreamRun, AnApplicationThatCannotBeStartedIsAFailure) {
     EXPECT_THAT(player->says(), testing::AllOf(HasSubstr("start.cfg"), HasSubstr("ermission denied"),
                                                Not(HasSubstr("has ended"))));
     EXPECT_FALSE(isMounted());
+    // Nor does a launcher's process that never comes leave the player without a word.
+    fs::remove_all(got);
+    app.cmd = "/bin/true";
+    app.name = "a-game-that-never-comes";
+    app.write();
+    const auto launcher = start();
+    const string waits = "waiting for the process 'a-game-that-never-comes'";
+    EXPECT_TRUE(SxWait::pass(20'000, [&] { return launcher->says().find(waits) != string::npos; }))
+        << launcher->says();
+    launcher->signal(SIGINT);
+    EXPECT_EQ(launcher->end(), 1);
 }
 
 TEST_F(StreamRun, ADriveThatGoesUnderItsApplicationIsAFailure) {
-    server->setRate(500'000);
-    const auto player = start();
-    ASSERT_TRUE(eventually([&] { return hasStarted(); })) << player->says();
-    ::kill(static_cast<pid_t>(statusOf(got).servicePid), SIGKILL);
-    EXPECT_EQ(player->end(), 1) << player->says();
-    EXPECT_THAT(player->says(), HasSubstr("The drive of '" + got + "' has gone"));
-    EXPECT_THAT(leftovers(), testing::IsEmpty());
+    for (const bool isUnmounted : {false, true}) {
+        SCOPED_TRACE(isUnmounted ? "unmounted" : "killed");
+        server->setRate(500'000);
+        // It wouldn't end by itself.
+        hold();
+        const auto player = start();
+        ASSERT_TRUE(eventually([&] { return hasStarted(); })) << player->says();
+        if (isUnmounted) {
+            done({"umount", got});
+        } else {
+            ::kill(static_cast<pid_t>(statusOf(got).servicePid), SIGKILL);
+        }
+        EXPECT_EQ(player->end(), 1) << player->says();
+        EXPECT_THAT(player->says(), HasSubstr("The drive of '" + got + "' has gone"));
+        EXPECT_THAT(leftovers(), testing::IsEmpty());
+        release();
+        fs::remove(played);
+        fs::remove(played + ".started");
+    }
     server->setRate(0);
-    fs::remove(played);
     EXPECT_EQ(start()->end(), 0);
     expectPlayed();
 }
@@ -254,6 +287,15 @@ TEST_F(StreamRun, ARecordThatDoesntFitIsTakenFromTheMendedServer) {
     EXPECT_EQ(tooLarge->end(), 1);
     EXPECT_THAT(tooLarge->says(), HasSubstr("has more than 16777216 bytes"));
     dir.write("served/img.json", right);
+    fs::remove_all(got);
+    string newer = app;
+    newer.replace(newer.find("\"zqfVersion\": 1"), 15, "\"zqfVersion\": 2");
+    dir.write("served/app.json", newer);
+    const auto tooNew = start();
+    EXPECT_EQ(tooNew->end(), 1);
+    EXPECT_THAT(tooNew->says(), testing::AllOf(HasSubstr(server->getUrl().str() + "app.json'"),
+                                               HasSubstr("this program knows formats up to 1")));
+    dir.write("served/app.json", app);
     // A mount that needs more than there is says so in the end, and isn't waited for.
     fs::remove_all(got);
     string beyond = app;
@@ -287,19 +329,18 @@ TEST_F(StreamRun, AStallIsToldAndGoesOn) {
     server->setFault(ZqFileServer::Stall);
     EXPECT_TRUE(SxWait::pass(40'000, [&] {
         return player->says().find("waiting for the server: no data") != string::npos;
-    fs::remove_all(got);
-    string newer = app;
-    newer.replace(newer.find("\"zqfVersion\": 1"), 15, "\"zqfVersion\": 2");
-    dir.write("served/app.json", newer);
-    const auto tooNew = start();
-    EXPECT_EQ(tooNew->end(), 1);
-    EXPECT_THAT(tooNew->says(), testing::AllOf(HasSubstr(server->getUrl().str() + "app.json'"),
-                                               HasSubstr("this program knows formats up to 1")));
-    dir.write("served/app.json", app);
     })) << player->says();
     EXPECT_FALSE(hasPlayed());
+    server->stop();
     server->setRate(0);
     server->setFault(ZqFileServer::Stall, false);
+    // For a while it answers 404.
+    fs::rename(served + "/img.zqf", served + "/away");
+    server->start();
+    EXPECT_TRUE(SxWait::pass(20'000, [&] {
+        return player->says().find("it says that it hasn't got the image") != string::npos;
+    })) << player->says();
+    fs::rename(served + "/away", served + "/img.zqf");
     EXPECT_EQ(player->end(), 0) << player->says();
     expectPlayed();
 }
@@ -334,13 +375,6 @@ TEST_F(StreamRun, TheDownloadMayEndAtAnyMomentOfBothMounts) {
     const auto look = [&](int moment) {
         const ZqDiskStatus status = statusOf(got);
         const bool isUp = !status.image.isEmpty();
-    // For a while it answers 404.
-    fs::rename(served + "/img.zqf", served + "/away");
-    server->start();
-    EXPECT_TRUE(SxWait::pass(20'000, [&] {
-        return player->says().find("it says that it hasn't got the image") != string::npos;
-    })) << player->says();
-    fs::rename(served + "/away", served + "/img.zqf");
         wasGone = wasGone || (wasUp && !isUp);
         wasUp = wasUp || isUp;
         const bool isReached[] = {isUp, wasGone, wasGone && isUp, status.ready};
