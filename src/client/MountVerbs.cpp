@@ -29,6 +29,7 @@ namespace Json = SxParserAst;
 
 struct MountOptions {
     SxString image, mode, trace, url;
+    SxList<SxString> headers;
     bool failOnMissing = false;
 };
 
@@ -112,8 +113,11 @@ int mount(const MountOptions& options, Output& out) {
             throw SxException("With --url missing blocks are fetched: --fail-on-missing can't be given, too",
                               UNIT, __LINE__);
         }
-        return mountFed({options.image, options.url, options.mode, options.trace}, out,
+        return mountFed({options.image, options.url, options.headers, options.mode, options.trace}, out,
                         [&] { tellMount(options.image, "Mounted", &out); });
+    }
+    if (!options.headers.isEmpty()) {
+        throw SxException("--header goes with --url", UNIT, __LINE__);
     }
     ZqMountMgr manager;
     if (isMountedWhole(&manager, options.image)) {
@@ -258,6 +262,7 @@ void registerMountVerbs(App* app) {
         .text("--trace", &mountOptions.trace, "DIR", "Record which blocks are read, in this folder")
         .text("--url", &mountOptions.url, "FOLDER_URL",
               "Fetch what is missing from there, and stay until the drive is unmounted")
+        .headers("--header", &mountOptions.headers, "Send this line with each request")
         .flag("--fail-on-missing", &mountOptions.failOnMissing, "Let reads of missing blocks fail")
         .action([](Output& out) { return mount(mountOptions, out); });
 

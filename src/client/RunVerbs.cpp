@@ -171,6 +171,7 @@ int mountFed(const FedMount& mount, Output& out, const std::function<void()>& te
     ZqRun::Settings settings;
     settings.feed.image = mount.image;
     settings.feed.url = mount.url;
+    settings.feed.headers = SxArray<SxString>(mount.headers);
     settings.feed.job = "mount";
     settings.isDriveOnly = true;
     settings.mountMode = mount.mode;

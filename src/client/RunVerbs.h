@@ -7,6 +7,7 @@
 /// A mount whose drive is fed from a server.
 struct FedMount {
     SxString image, url;
+    SxList<SxString> headers;
     SxString mode, trace; ///< may be empty
 };
 
