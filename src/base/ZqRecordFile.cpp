@@ -45,9 +45,13 @@ uint64 ZqRecordFile::toUnsigned(const SxSymbol& number) {
 }
 
 void ZqRecordFile::write(const SxSymbol& root, const SxString& file, int permission) {
+    writeText(root.toJson(4) + "\n", file, permission);
+}
+
+void ZqRecordFile::writeText(const SxString& text, const SxString& file, int permission) {
     const SxFileInfo info(file);
     SxFSAction::mkdir_p(info.getPath(), 0777);
-    SxFileIO::writeAtomic(info.getAbsPath(), root.toJson(4) + "\n", permission);
+    SxFileIO::writeAtomic(info.getAbsPath(), text, permission);
 }
 
 void ZqRecordFile::get(const SxSymbol& object, const char* key, SxString* field) {

@@ -14,6 +14,8 @@ public:
     static uint64 toUnsigned(const SxParserKit::SxSymbol& number);
     /// Writes the tree as the whole of `file`, atomically; makes the folder.
     static void write(const SxParserKit::SxSymbol& root, const SxString& file, int permission = 0644);
+    /// The same with a text.
+    static void writeText(const SxString& text, const SxString& file, int permission = 0644);
 
     // The optional keys: the field stays where the key is absent.
     static void get(const SxParserKit::SxSymbol& object, const char* key, SxString* field);

@@ -3,6 +3,7 @@
 #include "Progress.h"
 
 #include <tavrin/SxClock.h>
+#include <tavrin/SxFileInfo.h>
 #include <tavrin/SxTime.h>
 #include <tavrin/ZqImageFolder.h>
 
@@ -71,4 +72,12 @@ void refuseForeignFolder(const SxString& image) {
     if (ZqImageFolder::isFree(image) || ZqImageFolder::holdsImage(image)) return;
     throw SxException("Folder '" + image + "' isn't empty and holds no image; name another, or empty it",
                       UNIT, __LINE__);
+}
+
+void requirePlainFile(const SxString& file, const char* what) {
+    const SxFileInfo info(file);
+    if (info.isLink() || (info.exists() && !info.isFile())) {
+        throw SxException(SxString("The ") + what + " can't be written: '" + file + "' is not a plain file",
+                          UNIT, __LINE__);
+    }
 }

@@ -50,3 +50,7 @@ void untilStopped(const std::function<void()>& begin);
 /// Raises where a job is to write an image into a folder that holds something else: the library replaces
 /// whatever stands there, and a mistyped path must not cost a folder of documents.
 void refuseForeignFolder(const SxString& image);
+
+/// Raises where `file`, which is to be replaced by a `what`, is a device, or a link such as /dev/stdout, or
+/// anything else but a plain file.
+void requirePlainFile(const SxString& file, const char* what);

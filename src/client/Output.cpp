@@ -1,6 +1,7 @@
 #include "Output.h"
 
-#include <array>
+#include <tavrin/ZqReadable.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -70,11 +71,7 @@ void Output::failure(const SxString& sentence) {
 }
 
 SxString readableBytes(double bytes) {
-    constexpr std::array<const char*, 5> UNITS = {"bytes", "KiB", "MiB", "GiB", "TiB"};
-    size_t i = 0;
-    for (; bytes >= 1000 && i + 1 < UNITS.size(); ++i)
-        bytes /= 1024;
-    return SxString::sprintf(i == 0 ? "%.0f %s" : "%.1f %s", bytes, UNITS[i]);
+    return ZqReadable::bytes(bytes);
 }
 
 SxString exactBytes(uint64 bytes) {

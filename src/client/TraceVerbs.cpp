@@ -1,13 +1,16 @@
 #include "App.h"
+#include "Job.h"
 #include "Verbs.h"
 
 #include <tavrin/SxFSAction.h>
 #include <tavrin/ZqArchive.h>
 #include <tavrin/ZqImageFiles.h>
 #include <tavrin/ZqImageFolder.h>
+#include <tavrin/ZqRecordFile.h>
 #include <tavrin/ZqTrace.h>
 #include <tavrin/ZqTraceBuilder.h>
 #include <tavrin/ZqTraceFiles.h>
+#include <tavrin/ZqTracePlot.h>
 #include <tavrin/ZqTraceRecords.h>
 
 #include <cstdlib>
@@ -199,6 +202,29 @@ int listRuns(const SxString& trace, Output& out) {
     return ExitSuccess;
 }
 
+struct PlotOptions {
+    SxString trace, file, image;
+};
+
+int plot(const PlotOptions& options, Output& out) {
+    requirePlainFile(options.file, "picture");
+    ZqTracePlot::Settings settings;
+    settings.trace = requireTrace(options.trace);
+    if (!options.image.isEmpty()) settings.image = ZqImageFolder::prefix(options.image);
+    const ZqTracePlot picture(settings);
+    ZqRecordFile::writeText(picture.toSvg(), options.file);
+    if (out.getMode().json) {
+        SxSymbol result = newObject();
+        result.append("items", picture.getNItems());
+        result.append("flagged", picture.getNWrites());
+        result.append("unique", picture.getNBlocks());
+        result.append("elsewhere", picture.getNElsewhere());
+        out.object(result);
+    }
+    out.text(picture.describe() + ".");
+    return ExitSuccess;
+}
+
 // --- several traces
 
 struct MergeOptions {
@@ -349,6 +375,18 @@ void registerEditVerbs(Family* family) {
         .action([edit](Output& out) { return mapTo(*edit, out); });
 }
 
+void registerPlotVerb(Family* family) {
+    auto options = SxPtr<PlotOptions>::create();
+    family
+        ->verb("plot", "Draw a trace as SVG: blocks over time, and data needed over time",
+               "tavrin trace plot traces/run1 run1.svg --image games/alpha")
+        .argument("TRACE", &options->trace, "Trace folder")
+        .argument("FILE", &options->file, "SVG file to write")
+        .text("--image", &options->image, "IMAGE",
+              "Image or index folder: blocks are drawn where they stand in its img.zqf")
+        .action([options](Output& out) { return plot(*options, out); });
+}
+
 void registerJoinVerbs(Family* family) {
     auto mergeOptions = SxPtr<MergeOptions>::create();
     family
@@ -391,6 +429,7 @@ void registerTraceVerbs(App* app) {
               "tavrin trace info games/alpha/traces/run1 --json")
         .argument("TRACE", trace.getPtr(), "Trace folder")
         .action([trace](Output& out) { return showInfo(*trace, out); });
+    registerPlotVerb(&family);
     registerEditVerbs(&family);
     registerJoinVerbs(&family);
 }

@@ -369,6 +369,16 @@ TEST_F(ClientTest, traceVerbs) {
     EXPECT_EQ(run({"trace", "runs", a}).out,
               "         0 ms  5 + 2, goes on at +1\n      4000 ms  20\n      5000 ms  8\n");
 
+    const string picture = dir.path("pictures/a.svg");
+    EXPECT_EQ(json({"plot", a, picture}), R"({"items":6,"flagged":0,"unique":5,"elsewhere":0})");
+    EXPECT_EQ(run({"trace", "plot", a, picture}).out, "6 accesses in 5.00 s, to 5 blocks (20.0 KiB).\n");
+    EXPECT_THAT(dir.read("pictures/a.svg"),
+                testing::AllOf(HasSubstr("<title>Trace a</title>"), HasSubstr("</svg>")));
+    std::filesystem::create_symlink(picture, dir.path("pictures/link.svg"));
+    EXPECT_EQ(run({"trace", "plot", a, dir.path("pictures/link.svg")}).err,
+              "tavrin: The picture can't be written: '" + dir.path("pictures/link.svg") +
+                  "' is not a plain file\n");
+
     // The patch's map as it is delivered.
     const std::array<uint64, 7> map = {0, 0, 0, 0, 0, 50, ~uint64{0}};
     dir.write("patch/map.idx", {reinterpret_cast<const char*>(map.data()), sizeof map});

@@ -1,0 +1,21 @@
+#pragma once
+
+#include "SxString.h"
+
+/// Figures as people read them. Safe from any thread.
+namespace ZqReadable {
+
+/// Bytes in a readable unit, such as "1.5 GiB".
+SxString bytes(double n);
+/// A number with its digits in groups of three, such as "1,540".
+SxString count(int64 n);
+/// Milliseconds as seconds, such as "1.54 s".
+SxString seconds(int64 ms);
+/// The same in seconds, minutes or hours: "1.54 s", "25.7 min".
+SxString duration(int64 ms);
+/// Milliseconds since 1970 as a date, such as "2024-02-29 23:59 UTC".
+SxString date(int64 ms);
+/// The number with its noun: "1 block", "2 blocks".
+SxString counted(int64 n, const char* one, const char* many);
+
+} // namespace ZqReadable
