@@ -26,6 +26,8 @@ constexpr uint64 RECORD_ROOM = 1 << 20;
 constexpr int64 NOTE_NS = 500'000'000;
 /// From one look at the drive to the next.
 constexpr int64 DRIVE_NS = 200'000'000;
+/// From one look for the series to the next.
+constexpr int64 SAMPLE_MS = 20;
 
 SxException stopped() {
     return SxException(SxString(SxException::STOPPED), "stopped", UNIT, __LINE__);
@@ -113,6 +115,28 @@ private:
     const uint64 nBlocks; ///< that were there then
 };
 
+/// Takes the samples of the run's series until it is ended.
+class ZqRun::Sampler : public SxSystemThread {
+public:
+    explicit Sampler(ZqRun* run_) : run(run_) { setThreadName("samples"); }
+    void end() {
+        isEnding = true;
+        wait();
+    }
+
+protected:
+    void main() override {
+        while (!isEnding) {
+            run->takeSample();
+            SxTime::msleep(SAMPLE_MS);
+        }
+    }
+
+private:
+    ZqRun* const run;
+    std::atomic<bool> isEnding{false};
+};
+
 ZqRun::ZqRun(const Settings& settings_)
     : settings(settings_),
       image(settings_.feed.image),
@@ -166,6 +190,7 @@ void ZqRun::mount() {
     MountJob job(feed, image, mode, result.traceFolder);
     job.start();
     job.finish(stop);
+    result.mountMs = elapsedMs();
     feed.alignCursor();
 }
 
@@ -193,6 +218,10 @@ void ZqRun::main() {
     beginNs = SxClock::get().steadyNs();
     beginMs = ZqSysEnv::getSysTime();
     oldFrameMs = frameFileMs();
+    if (!settings.isDriveOnly) {
+        sampler = std::make_unique<Sampler>(this);
+        sampler->start();
+    }
     try {
         run();
     } catch (const SxException& e) {
@@ -424,6 +453,10 @@ void ZqRun::complete() {
 }
 
 void ZqRun::end() {
+    if (sampler) {
+        sampler->end();
+        takeSample();
+    }
     phase = Ending;
     fillResult();
     feed.stop();
@@ -469,7 +502,18 @@ void ZqRun::writeInfo() {
     }
 }
 
+void ZqRun::takeSample() {
+    // Until then the feed has nothing that could be asked.
+    if (phase == Opening) return;
+    const ZqImageFeed::Status status = feed.getStatus();
+    // The feed has counted nothing at first, whatever is there.
+    const uint64 nThere = std::max(status.nCurrent, static_cast<uint64>(result.info.dataAtStart));
+    result.series.add(
+        {elapsedMs(), nThere, status.link.nBytes, status.link.nOnDemandBytes, status.isUnderflow});
+}
+
 void ZqRun::fillResult() {
+    result.lengthMs = elapsedMs();
     const ZqImageFeed::Status status = feed.getStatus();
     const ZqRuntimeInfo own = result.info;
     ZqRuntimeInfo& info = result.info;

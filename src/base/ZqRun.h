@@ -2,6 +2,7 @@
 
 #include "SxMutex.h"
 #include "ZqImageFeed.h"
+#include "ZqRunSeries.h"
 #include "ZqStartForecast.h"
 
 #include <memory>
@@ -42,6 +43,9 @@ public:
         bool isExitKnown = false; ///< `info.exitCode` is that of the application
         int64 startMs = -1;       ///< from the beginning of the run to the application's start
         int64 firstFrameMs = -1;  ///< to its first frame; -1 where that isn't known
+        int64 mountMs = -1;       ///< until the drive was up; -1 where it was so before, or never
+        int64 lengthMs = 0;       ///< to the end of the run, without the time that ending it took
+        ZqRunSeries series;       ///< of a run with an application, from the beginning of its download on
         SxString traceFolder;     ///< empty where nothing was traced
         ZqNetLink::Figures link;
         ZqRemoteImage::Figures image;
@@ -70,6 +74,7 @@ protected:
 
 private:
     class MountJob;
+    class Sampler;
 
     void run();
     /// Takes over a drive that a run which was killed has left, or takes it away.
@@ -95,6 +100,7 @@ private:
     void lookForFrame();
     void complete();
     void end();
+    void takeSample();
     void fillResult();
     int64 elapsedMs() const;
     bool isStopping() const { return stopFlag; }
@@ -106,6 +112,7 @@ private:
     std::atomic<bool> searching{false}; ///< for the process that the record names
     ZqImageFeed feed;
     SxPtr<ZqCoreAppGuard> guard;
+    std::unique_ptr<Sampler> sampler;
     SxString notedGroup;
     bool startNoted = false, mounted = false;
     int64 noteNs = 0;  ///< when noting failed last; 0 for never

@@ -5,10 +5,10 @@
 #include "Progress.h"
 #include "Verbs.h"
 
-#include <tavrin/SxFileInfo.h>
 #include <tavrin/SxTime.h>
 #include <tavrin/ZqRecordFile.h>
 #include <tavrin/ZqRun.h>
+#include <tavrin/ZqRunPage.h>
 
 #include <array>
 #include <cstdlib>
@@ -19,7 +19,7 @@ constexpr const char* UNIT = "src/client/RunVerbs";
 constexpr int64 LOOK_MS = 100;
 
 struct RunOptions {
-    SxString image, url, report;
+    SxString image, url, report, page;
     SxList<SxString> headers;
     uint64 rate = 0;
     bool now = false, keepMounted = false;
@@ -113,29 +113,34 @@ void followRun(ZqRun* job, const Output& out,
     job->wait();
 }
 
-/// The report replaces what stands in its place, and that must not be a device or a link such as /dev/stdout.
-void requireReportFile(const SxString& file) {
-    const SxFileInfo info(file);
-    if (info.isLink() || (info.exists() && !info.isFile())) {
-        throw SxException("The report can't be written: '" + file + "' is not a plain file", UNIT, __LINE__);
-    }
-}
-
-/// A report that can't be written is no reason to keep back what has ended the run.
-void writeReport(const ZqRun& job, const SxString& file) {
-    if (file.isEmpty()) return;
-    try {
-        ZqRecordFile::write(job.toJson(), file);
-    } catch (const SxException& e) {
-        const SxString what = "Failed to write file " + file;
-        if (!job.hasException()) throw SxException(e, what, UNIT, __LINE__);
-        Output::failure(what + ": " + e.toString(SxException::ShowMessage, ": "));
+/// What can't be written is no reason to keep back the other file, nor what has ended the run.
+void writeFiles(const ZqRun& job, const RunOptions& options) {
+    SxList<SxException> failures;
+    const auto attempt = [&](const SxString& file, const std::function<void()>& write) {
+        if (file.isEmpty()) return;
+        try {
+            write();
+        } catch (const SxException& e) {
+            failures << SxException(e, "Failed to write file " + file, UNIT, __LINE__);
+        }
+    };
+    attempt(options.report, [&] { ZqRecordFile::write(job.toJson(), options.report); });
+    attempt(options.page, [&] {
+        const SxString failure =
+            job.hasException() ? job.getException().toString(SxException::ShowMessage, ": ") : SxString();
+        ZqRecordFile::writeText(ZqRunPage(job.getResult(), failure).toHtml(), options.page);
+    });
+    for (const SxException& e : failures) {
+        // The last one is the verb's failure, unless the run has one.
+        if (!job.hasException() && &e == &failures.last()) throw SxException(e);
+        Output::failure(e.toString(SxException::ShowMessage, ": "));
     }
 }
 
 int run(const RunOptions& options, Output& out) {
     refuseForeignFolder(options.image);
-    if (!options.report.isEmpty()) requireReportFile(options.report);
+    if (!options.report.isEmpty()) requirePlainFile(options.report, "report");
+    if (!options.page.isEmpty()) requirePlainFile(options.page, "page");
     ZqRun::Settings settings;
     settings.feed.image = options.image;
     settings.feed.url = options.url;
@@ -160,7 +165,7 @@ int run(const RunOptions& options, Output& out) {
     }
     if (out.getMode().json) out.object(job.toJson());
     if (!result.unwritten.isEmpty()) Output::failure(result.unwritten);
-    writeReport(job, options.report);
+    writeFiles(job, options);
     if (job.hasException()) throw job.getException();
     return ExitSuccess;
 }
@@ -201,5 +206,7 @@ void registerRunVerbs(App* app) {
         .flag("--keep-mounted", &options.keepMounted,
               "Complete the image when the application has ended, and leave the drive")
         .text("--report", &options.report, "FILE", "Write the figures of the run to this file, as JSON")
+        .text("--page", &options.page, "FILE",
+              "Write figures and charts of the run to this file, as one page of HTML")
         .action([](Output& out) { return run(options, out); });
 }

@@ -1,7 +1,10 @@
 #include "StreamRun.h"
 #include "SxFileIO.h"
+#include "SxJSONParser.h"
 #include "SxMd5.h"
+#include "Xml.h"
 #include "ZqImageFeed.h"
+#include "ZqReadable.h"
 
 #include <pthread.h>
 #include <sys/mount.h>
@@ -24,6 +27,27 @@ public:
 private:
     SxClock* const machine;
 };
+
+/// A page tells of a run what its report does, and shows the whole of it.
+void expectPageOf(const string& page, const string& report) {
+    SxJSONParser json;
+    json.readString(SxString(report), "report", 1);
+    const auto figure = [&](const char* key) { return json.getRootSymbol().getElem(key, true).toInt(); };
+    const auto bytes = [&](const char* key) {
+        return ZqReadable::bytes(static_cast<double>(figure(key))).str();
+    };
+    EXPECT_EQ(XmlCheck::faultOf(page), "");
+    EXPECT_THAT(page,
+                testing::AllOf(HasSubstr("the application ended with code 7"),
+                               HasSubstr("Start, " + ZqReadable::seconds(figure("startMs")).str() + "<"),
+                               HasSubstr("<dd>" + bytes("bytesReceived") + "<"),
+                               HasSubstr("<dd>" + bytes("bytesOnDemand") + "<"),
+                               HasSubstr("<dd>" + bytes("preloadSize") + "<"),
+                               HasSubstr("<td>" + bytes("dataAtEnd") + " of ")));
+    EXPECT_THAT(page, testing::AllOf(HasSubstr("class=\"line there\""), HasSubstr(" reads\" transform"),
+                                     HasSubstr("Place in img.zqf, MiB"), HasSubstr("class=\"line needed\""),
+                                     Not(HasSubstr("http://127"))));
+}
 
 /// A small disk in the place of a folder.
 class SmallDisk {
@@ -59,7 +83,8 @@ TEST_F(StreamRun, AnApplicationPlaysWhileItsImageArrives) {
         const uint64 nPlain = server->getNBytes("img.zqf");
         server->setRate(12'000'000);
         hold();
-        const auto player = start({"--now", "--report", dir.path("report.json")});
+        const auto player =
+            start({"--now", "--report", dir.path("report.json"), "--page", dir.path("page.html")});
         ASSERT_TRUE(SxWait::pass(20'000, [&] { return hasPlayed(); })) << player->says();
         expectPlayed();
         ASSERT_TRUE(SxWait::pass(
@@ -74,6 +99,7 @@ TEST_F(StreamRun, AnApplicationPlaysWhileItsImageArrives) {
             EXPECT_THAT(player->says(), HasSubstr(" Mbit/s: safe to start in "));
         }
         EXPECT_THAT(report, HasSubstr(packed ? "\"packed\": true" : "\"packed\": false"));
+        expectPageOf(dir.read("page.html"), report);
         EXPECT_GT(fs::file_size(fs::directory_iterator(got + "/traces")->path() / "img.trc"), 0u);
         EXPECT_TRUE(fs::exists(got + "/runtime.json"));
         // Each byte passes the wire about once.
@@ -243,7 +269,7 @@ TEST_F(StreamRun, ADriveThatGoesUnderItsApplicationIsAFailure) {
         server->setRate(500'000);
         // It wouldn't end by itself.
         hold();
-        const auto player = start();
+        const auto player = start({"--now", "--page", dir.path("page.html")});
         ASSERT_TRUE(eventually([&] { return hasStarted(); })) << player->says();
         if (isUnmounted) {
             done({"umount", got});
@@ -251,6 +277,10 @@ TEST_F(StreamRun, ADriveThatGoesUnderItsApplicationIsAFailure) {
             ::kill(static_cast<pid_t>(statusOf(got).servicePid), SIGKILL);
         }
         EXPECT_EQ(player->end(), 1) << player->says();
+        const string page = dir.read("page.html");
+        EXPECT_EQ(XmlCheck::faultOf(page), "");
+        EXPECT_THAT(page,
+                    testing::AllOf(HasSubstr("class=\"failure\">The drive of "), HasSubstr(">Start, ")));
         EXPECT_THAT(player->says(), HasSubstr("The drive of '" + got + "' has gone"));
         EXPECT_THAT(leftovers(), testing::IsEmpty());
         release();

@@ -1,0 +1,267 @@
+#include "ZqRunPage.h"
+
+#include "SxException.h"
+#include "SxFSAction.h"
+#include "ZqImageFiles.h"
+#include "ZqImageFolder.h"
+#include "ZqReadable.h"
+#include "ZqTracePlot.h"
+
+#include <algorithm>
+#include <numeric>
+
+namespace {
+
+constexpr double DOWNLOAD_HEIGHT = 300;
+/// Room above what is largest.
+constexpr double HEADROOM = 1.04;
+constexpr size_t MOST_ROWS = 20;
+
+constexpr const char* PAGE_STYLE =
+    ":root{color-scheme:light dark}\n"
+    "*{box-sizing:border-box}\n"
+    "body{margin:0;background:#f3f5f8;color:#1b2230;font-family:system-ui,sans-serif;line-height:1.45}\n"
+    "main{max-width:1040px;margin:0 auto;padding:28px 20px 40px}\n"
+    "header{margin-bottom:20px}\n"
+    "h1{margin:0;font-size:28px;line-height:1.2;overflow-wrap:anywhere}\n"
+    "h2{margin:0 0 10px;font-size:17px}\n"
+    "header p,.note{margin:6px 0 0;color:#566073}\n"
+    ".failure{margin:0 0 20px;padding:12px 16px;border-left:4px solid #dc2626;border-radius:6px;"
+    "background:#fdecec;color:#7f1d1d;overflow-wrap:anywhere}\n"
+    ".card,.tiles>div{background:#fff;border:1px solid #e3e7ee;border-radius:12px}\n"
+    ".card{margin-bottom:16px;padding:18px 20px}\n"
+    ".tiles{display:grid;grid-template-columns:repeat(4,1fr);gap:12px;margin:0 0 16px}\n"
+    ".tiles>div{padding:14px 16px}\n"
+    ".tiles dt{font-size:13px;color:#566073}\n"
+    ".tiles dd{margin:2px 0 0;font-size:23px;font-weight:600;line-height:1.25}\n"
+    ".tiles small{display:block;margin-top:2px;font-size:13px;font-weight:400;color:#566073}\n"
+    ".keys{display:flex;flex-wrap:wrap;gap:4px 18px;margin:0 0 6px;padding:0;list-style:none;font-size:14px;"
+    "color:#566073}\n"
+    ".swatch{display:inline-block;width:18px;margin-right:7px;vertical-align:middle}\n"
+    ".dots{width:9px;height:9px;background:currentColor}\n"
+    ".stroke{height:3px;background:currentColor}\n"
+    ".block{height:12px;background:currentColor;opacity:.3}\n"
+    ".dashes{height:0;border-top:3px dashed currentColor}\n"
+    "svg{display:block;width:100%;height:auto;margin-bottom:-20px}\n"
+    "table{width:100%;border-collapse:collapse;font-size:14px}\n"
+    "th,td{padding:6px 12px 6px 0;border-top:1px solid #e6e9ef;text-align:left;vertical-align:top;"
+    "overflow-wrap:anywhere}\n"
+    "th{font-weight:400;color:#566073}\n"
+    ".rows th{width:40%}\n"
+    "@media (max-width:640px){\n"
+    "main{padding:16px 10px 24px}\n"
+    ".card{padding:14px 12px}\n"
+    ".tiles{grid-template-columns:1fr 1fr;gap:8px}\n"
+    ".tiles dd{font-size:20px}\n"
+    "svg{margin-bottom:0}\n"
+    "text{font-size:25px}\n"
+    ".line,.mark{stroke-width:3.5px}\n"
+    "}\n"
+    "@media (prefers-color-scheme:dark){\n"
+    "body{background:#0f131a;color:#e8ecf4}\n"
+    ".card,.tiles>div{background:#171c26;border-color:#29303d}\n"
+    "header p,.note,.tiles dt,.tiles small,.keys,th{color:#9aa5b8}\n"
+    "th,td{border-top-color:#29303d}\n"
+    ".failure{background:#3a1719;color:#fecaca}\n"
+    "}\n";
+
+SxString bytes(int64 n) {
+    return ZqReadable::bytes(static_cast<double>(n));
+}
+
+SxString bytes(uint64 n) {
+    return ZqReadable::bytes(static_cast<double>(n));
+}
+
+SxString tile(const char* name, const SxString& value, const SxString& more = SxString()) {
+    SxString html = SxString("<div><dt>") + name + "</dt><dd>" + ZqFigure::escape(value);
+    if (!more.isEmpty()) html += "<small>" + ZqFigure::escape(more) + "</small>";
+    return html + "</dd></div>\n";
+}
+
+SxString row(const char* name, const SxString& value) {
+    return SxString("<tr><th scope=\"row\">") + name + "</th><td>" + ZqFigure::escape(value) + "</td></tr>\n";
+}
+
+SxString timeOr(int64 ms, const char* other) {
+    return ms >= 0 ? ZqReadable::seconds(ms) : SxString(other);
+}
+
+int64 waitedMs(const std::vector<ZqRunSeries::Underflow>& underflows) {
+    return std::accumulate(underflows.begin(), underflows.end(), int64{0},
+                           [](int64 sum, const auto& underflow) { return sum + underflow.waitedMs; });
+}
+
+} // namespace
+
+ZqRunPage::ZqRunPage(const ZqRun::Result& result_, const SxString& failure_)
+    : result(result_),
+      failure(failure_) {
+}
+
+SxString ZqRunPage::toHtml() const {
+    const SxString name = ZqFigure::escape(SxFileInfo(SxFileInfo(result.info.path).getAbsPath()).getName());
+    return "<!DOCTYPE html>\n<html lang=\"en\">\n<head>\n<meta charset=\"utf-8\"/>\n"
+           "<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\"/>\n<title>Run of " +
+           name + "</title>\n<style>\n" + ZqFigure::styleSheet() + PAGE_STYLE +
+           "</style>\n</head>\n<body>\n<main>\n<header>\n<h1>Run of " + name + "</h1>\n" + head() + tiles() +
+           downloadSection() + readSections() + details() + "</main>\n</body>\n</html>\n";
+}
+
+SxString ZqRunPage::head() const {
+    SxString text = ZqReadable::date(result.info.time0) + ", " + ZqReadable::duration(result.lengthMs);
+    if (!result.wasStarted) {
+        text += "; the application was not started";
+    } else if (result.isExitKnown) {
+        text += "; the application ended with code " + SxString(result.info.exitCode);
+    } else {
+        text += "; the application's exit code is unknown";
+    }
+    SxString html = "<p>" + text + "</p>\n</header>\n";
+    if (!failure.isEmpty()) html += "<p class=\"failure\">" + ZqFigure::escape(failure) + "</p>\n";
+    return html;
+}
+
+SxString ZqRunPage::tiles() const {
+    const ZqRuntimeInfo& info = result.info;
+    SxString html = "<dl class=\"tiles\">\n";
+    html += tile("First frame", timeOr(result.firstFrameMs, "not known"));
+    html += tile("Start", timeOr(result.startMs, result.wasStarted ? "before this run" : "none"));
+    html += tile("There at the start", bytes(info.preloadSize), "of " + bytes(info.imageSize));
+    html += tile("Received", bytes(result.link.nBytes),
+                 (result.image.isPacked ? "packed, " : "") + bytes(result.image.nTwice) + " of it twice");
+    html += tile("On demand", bytes(result.link.nOnDemandBytes),
+                 ZqReadable::counted(info.nOnDemandFetches, "request", "requests"));
+    html += tile("Underflows", ZqReadable::count(info.nUnderflows),
+                 "the longest " + ZqReadable::seconds(info.maxUnderflowTime));
+    html += tile("Download", SxString::sprintf("%.1f Mbit/s", info.avgSpeed),
+                 info.downloadComplete ? "complete" : "goes on with the next run");
+    html += tile("Exit code", result.isExitKnown ? SxString(info.exitCode) : SxString("not known"));
+    return html + "</dl>\n";
+}
+
+ZqChart::Points ZqRunPage::pointsOf(uint64 ZqRunSeries::Sample::*bytes_) const {
+    ZqChart::Points points;
+    for (const ZqRunSeries::Sample& sample : result.series.getSamples())
+        points.emplace_back(static_cast<double>(sample.timeMs), static_cast<double>(sample.*bytes_));
+    return points;
+}
+
+ZqFigure ZqRunPage::drawDownload() const {
+    using Sample = ZqRunSeries::Sample;
+    const auto& samples = result.series.getSamples();
+    const Sample& last = samples.back();
+    const double most = static_cast<double>(std::max({last.nThere, last.nReceived, last.nOnDemand}));
+    ZqChart chart({"Time of the run", ZqChartAxis::Time, 0, static_cast<double>(result.lengthMs)},
+                  {"Data", ZqChartAxis::Bytes, 0, most * HEADROOM}, DOWNLOAD_HEIGHT);
+    ZqFigure figure;
+    figure.heading = "Download";
+    figure.label = "Bytes that were there, over the time of the run, up to " + bytes(last.nThere);
+    chart.addArea(pointsOf(&Sample::nThere), ZqChart::Straight, "there");
+    figure.keys.push_back({ZqFigure::Line, "there", "In img.zqf, up to the drive's cursor"});
+    if (last.nReceived > 0) {
+        chart.addLine(pointsOf(&Sample::nReceived), ZqChart::Straight, "received");
+        figure.keys.push_back({ZqFigure::Line, "received", "Received over the link"});
+    }
+    if (last.nOnDemand > 0) {
+        chart.addLine(pointsOf(&Sample::nOnDemand), ZqChart::Steps, "demand");
+        figure.keys.push_back({ZqFigure::Line, "demand", "Of that, on demand"});
+    }
+    const auto& underflows = result.series.getUnderflows();
+    for (const ZqRunSeries::Underflow& underflow : underflows) {
+        chart.addBand(static_cast<double>(underflow.fromMs), static_cast<double>(underflow.toMs), "underflow",
+                      "Underflow at " + ZqReadable::seconds(underflow.fromMs) + ", for " +
+                          ZqReadable::seconds(underflow.waitedMs));
+    }
+    if (!underflows.empty()) {
+        figure.keys.push_back({ZqFigure::Band, "underflow",
+                               "Underflows, " + ZqReadable::seconds(waitedMs(underflows)) + " in all"});
+    }
+    const auto mark = [&](int64 ms, const char* ink, const SxString& name) {
+        if (ms < 0) return;
+        const SxString note = name + ", " + ZqReadable::seconds(ms);
+        chart.addMark(static_cast<double>(ms), ink, note);
+        figure.keys.push_back({ZqFigure::Mark, ink, note});
+    };
+    mark(result.mountMs, "drive", "Drive");
+    mark(result.startMs, "start", "Start");
+    mark(result.firstFrameMs, "frame", "First frame");
+    figure.body = chart.toSvg();
+    figure.height = chart.getHeight();
+    return figure;
+}
+
+SxString ZqRunPage::downloadSection() const {
+    if (result.series.getSamples().empty()) return {};
+    return drawDownload().toHtml() + underflowTable();
+}
+
+SxString ZqRunPage::underflowTable() const {
+    const auto& underflows = result.series.getUnderflows();
+    if (underflows.empty()) return {};
+    std::vector<ZqRunSeries::Underflow> longest(underflows);
+    std::stable_sort(longest.begin(), longest.end(),
+                     [](const auto& a, const auto& b) { return a.waitedMs > b.waitedMs; });
+    SxString html = "<section class=\"card\">\n<h2>Underflows</h2>\n<table>\n"
+                    "<tr><th scope=\"col\">At</th><th scope=\"col\">Lasted</th></tr>\n";
+    for (size_t i = 0; i < std::min(longest.size(), MOST_ROWS); ++i) {
+        const ZqRunSeries::Underflow& underflow = longest[i];
+        html += "<tr><td>" + ZqReadable::seconds(underflow.fromMs) + "</td><td>" +
+                ZqReadable::seconds(underflow.waitedMs);
+        if (underflow.n > 1) {
+            html += ", " + ZqReadable::count(underflow.n) + " underflows up to " +
+                    ZqReadable::seconds(underflow.toMs);
+        }
+        html += "</td></tr>\n";
+    }
+    html += "</table>\n";
+    if (longest.size() > MOST_ROWS) {
+        html += "<p class=\"note\">And " + ZqReadable::count(static_cast<int64>(longest.size() - MOST_ROWS)) +
+                " shorter ones.</p>\n";
+    }
+    return html + "</section>\n";
+}
+
+SxString ZqRunPage::readSections() const {
+    if (result.traceFolder.isEmpty()) return {};
+    SxString note;
+    try {
+        ZqTracePlot::Settings settings;
+        settings.trace = ZqImageFolder::prefix(result.traceFolder);
+        settings.begin = result.info.time0;
+        settings.end = result.lengthMs;
+        const SxString image = ZqImageFolder::prefix(result.info.path);
+        if (SxFSAction::test_f(image + ZqImageFiles::IDX)) {
+            settings.image = image;
+            settings.download = pointsOf(&ZqRunSeries::Sample::nThere);
+        }
+        const ZqTracePlot plot(settings);
+        SxString html;
+        for (const ZqFigure& figure : plot.getFigures())
+            html += figure.toHtml();
+        if (!html.isEmpty()) return html;
+        note = plot.describe() + ".";
+    } catch (const SxException& e) {
+        note = "The trace of the run can't be shown: " + e.toString(SxException::ShowMessage, ": ");
+    }
+    return "<section class=\"card\">\n<h2>Blocks over time</h2>\n<p class=\"note\">" +
+           ZqFigure::escape(note) + "</p>\n</section>\n";
+}
+
+SxString ZqRunPage::details() const {
+    const ZqRuntimeInfo& info = result.info;
+    SxString html = "<section class=\"card\">\n<h2>Details</h2>\n<table class=\"rows\">\n";
+    html += row("Image", info.path);
+    html += row("Application", info.guid);
+    html += row("There when the run began", bytes(info.dataAtStart));
+    html += row("There when it ended", bytes(info.dataAtEnd) + " of " + bytes(info.imageSize));
+    html += row("Requests", ZqReadable::count(static_cast<int64>(result.link.nRequests)) + ", tried again " +
+                                ZqReadable::count(static_cast<int64>(result.link.nRetries)));
+    html += row("On-demand requests",
+                SxString(info.avgOnDemandTime) + " ms each, the longest " + info.maxOnDemandTime + " ms");
+    html += row("Speed of the download",
+                SxString::sprintf("%.1f Mbit/s, at most %.1f Mbit/s", info.avgSpeed, info.maxSpeed));
+    if (!result.traceFolder.isEmpty()) html += row("Trace", result.traceFolder);
+    if (!result.mountPath.isEmpty()) html += row("The drive stays at", result.mountPath);
+    return html + "</table>\n</section>\n";
+}
