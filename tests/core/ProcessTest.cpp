@@ -21,13 +21,6 @@ namespace {
 
 class ProcessTest : public testing::Test {
 protected:
-    /// The id that a script writes into the file "child".
-    int awaitChild() const {
-        std::string text;
-        const auto written = [&] { return dir.exists("child") && !(text = dir.read("child")).empty(); };
-        return SxWait::pass(10000, written) ? std::stoi(text) : -1;
-    }
-
     const TempDir dir;
     const std::string folder = dir.path();
 };
@@ -54,20 +47,6 @@ public:
 };
 
 } // namespace
-
-TEST_F(ProcessTest, ExitCodes) {
-    const std::pair<const char*, int> cases[] = {
-        {"exit 0", 0}, {"exit 255", 255}, {"kill -KILL $$", 128 + SIGKILL}};
-    for (const auto& [script, code] : cases) {
-        SCOPED_TRACE(script);
-        Shell process(script);
-        EXPECT_EQ(process.exitStatus(), -1);
-        EXPECT_EQ(process.run(), code);
-        EXPECT_EQ(process.exitStatus(), code);
-        EXPECT_THROW(process.start(), SxException);
-    }
-    EXPECT_THROW(SxProcess("/bin/sh").wait(), SxException);
-}
 
 TEST_F(ProcessTest, StartFailuresAreRaisedInTheParent) {
     const std::string script = dir.write("notExecutable", "#!/bin/sh\n");
@@ -129,33 +108,6 @@ TEST_F(ProcessTest, ChildGetsNoStateOfOurs) {
     EXPECT_TRUE(status >> std::hex >> mask && mask == 0) << label << mask;
     EXPECT_TRUE(status >> label >> mask && (mask & (1ULL << (SIGPIPE - 1))) == 0) << label << mask;
     process.kill();
-}
-
-TEST_F(ProcessTest, SuspendResumeAndKillReachTheGroup) {
-    Shell process("sleep 100 & echo $! > child; wait", folder);
-    process.start();
-    const int child = awaitChild();
-    process.suspend();
-    EXPECT_TRUE(becomes(child, "T") && becomes(process.getId(), "T"));
-    process.resume();
-    EXPECT_TRUE(becomes(child, "S"));
-    process.suspend();
-    process.kill();
-    EXPECT_EQ(process.wait(), 128 + SIGKILL);
-    EXPECT_TRUE(becomes(child, "-Z"));
-    EXPECT_NO_THROW(process.kill());
-}
-
-TEST_F(ProcessTest, KillReachesWhatALauncherLeftBehind) {
-    Shell launcher("sleep 100 & echo $! > child", folder);
-    launcher.start();
-    const int child = awaitChild();
-    ASSERT_TRUE(SxWait::pass(10000, [&] { return !launcher.isRunning(); }));
-    EXPECT_EQ(launcher.exitStatus(), 0);
-    EXPECT_TRUE(becomes(child, "S"));
-    launcher.kill();
-    EXPECT_TRUE(becomes(child, "-Z"));
-    EXPECT_EQ(launcher.wait(), 0);
 }
 
 TEST_F(ProcessTest, AnotherThreadKillsAndAsksDuringAWait) {

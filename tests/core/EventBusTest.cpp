@@ -1,18 +1,15 @@
 #include "SxEventBus.h"
 #include "SxException.h"
-#include "SxTime.h"
-#include "SxTimer.h"
-#include "VirtualClock.h"
 
 #include <gtest/gtest.h>
 #include <thread>
 
 namespace {
 
-constexpr uint32 TEST_EVENT = sxEventId("EVENT_TIMER_TEST");
+constexpr uint32 TEST_EVENT = sxEventId("EVENT_BUS_TEST");
 
 void publish(const SxString& first, const SxString& second, const SxString& location = "here:1:test") {
-    SxEventBus::pub<TEST_EVENT, SxString, SxString>(first, second, location, "EVENT_TIMER_TEST");
+    SxEventBus::pub<TEST_EVENT, SxString, SxString>(first, second, location, "EVENT_BUS_TEST");
 }
 
 /// Number of lines of the bus's list that end so.
@@ -22,9 +19,6 @@ int64 nUnheard(const SxString& end) {
         n += line.endsWith(end);
     return n;
 }
-
-enum class Early { A, B };
-enum class Late { A = 100 };
 
 } // namespace
 
@@ -87,33 +81,4 @@ TEST(EventBus, ListenersComeAndGoWhileThreadsPublish) {
     for (SxEvent event; steady.tryPop(&event);)
         ++nPopped;
     EXPECT_EQ(nPopped, 2 * N_EVENTS);
-}
-
-TEST(Timer, OnlyTheOutermostScopeMeasures) {
-    VirtualClock clock;
-    SxTimer& timer = SxTimer::getGlobalTimer();
-    constexpr int ID = 60;
-    {
-        SxTakeTime outer(ID);
-        SxTime::sleep(1);
-        {
-            SxTakeTime inner(ID);
-            SxTime::sleep(2);
-        }
-        EXPECT_DOUBLE_EQ(timer.getElapsed(ID), 3.0);
-        SxTime::sleep(4);
-    }
-    SxTime::sleep(8);
-    EXPECT_DOUBLE_EQ(timer.getElapsed(ID), 7.0);
-    EXPECT_EQ(timer.getNStarts(ID), 1);
-    EXPECT_THROW(timer.start(-1), SxException);
-}
-
-TEST(Timer, EnumerationsGetIdsThatDontOverlap) {
-    SxTimer& timer = SxTimer::getGlobalTimer();
-    const SxTimerNames<Early> early{"early a", "early b"};
-    SxTimer::regTimer(Late::A, "late a");
-    const int first = SxTimer::getTimerId(Early::A);
-    EXPECT_EQ(SxTimer::getTimerId(Late::A), first + 102);
-    EXPECT_EQ(timer.getName(first), "early a") << "lost when the timers grew";
 }
