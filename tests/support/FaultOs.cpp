@@ -165,16 +165,6 @@ int FaultOs::close(int fd) {
     return error ? error : result;
 }
 
-int64 FaultOs::readAt(int fd, void* buffer, int64 n, int64 offset) {
-    if (const int error = strike(Op::Read, fd)) return error;
-    return machine.readAt(fd, buffer, n, offset);
-}
-
-int64 FaultOs::readCachedAt(int fd, void* buffer, int64 n, int64 offset) {
-    if (const int error = strike(Op::Read, fd)) return error;
-    return machine.readCachedAt(fd, buffer, n, offset);
-}
-
 /// How many of `n` bytes the disk still takes.
 int64 FaultOs::fitting(int fd, int64 n, int64 offset) {
     if (!diskLeft) return n;
@@ -242,54 +232,11 @@ int FaultOs::syncFs(int fd) {
     return result;
 }
 
-void FaultOs::startWriteback(int fd, int64 offset, int64 n) {
-    machine.startWriteback(fd, offset, n);
-}
-
-void FaultOs::adviseSequential(int fd) {
-    machine.adviseSequential(fd);
-}
-
-void FaultOs::adviseSoon(int fd, int64 offset, int64 n) {
-    machine.adviseSoon(fd, offset, n);
-}
-
-void FaultOs::adviseDone(int fd, int64 offset, int64 n) {
-    machine.adviseDone(fd, offset, n);
-}
-
-int FaultOs::statFd(int fd, SxStat* stat) {
-    if (const int error = strike(Op::Stat, fd)) return error;
-    return machine.statFd(fd, stat);
-}
-
-int FaultOs::stat(const std::string& path, SxStat* stat) {
-    if (const int error = strike(Op::Stat, path)) return error;
-    return machine.stat(path, stat);
-}
-
-int FaultOs::lstat(const std::string& path, SxStat* stat) {
-    if (const int error = strike(Op::Stat, path)) return error;
-    return machine.lstat(path, stat);
-}
-
-int FaultOs::list(const std::string& path, std::vector<std::string>* names) {
-    if (const int error = strike(Op::List, path)) return error;
-    return machine.list(path, names);
-}
-
-int FaultOs::makeDir(const std::string& path, unsigned permissions) {
-    if (const int error = strike(Op::MakeDir, path)) return error;
+int FaultOs::changeName(Op op, const std::string& path, const std::function<int()>& change) {
+    if (const int error = strike(op, path)) return error;
     const std::lock_guard lock(mutex);
     if (watches(normal(path))) pending.changeName(normal(path));
-    return machine.makeDir(path, permissions);
-}
-
-int FaultOs::removeDir(const std::string& path) {
-    if (const int error = strike(Op::RemoveDir, path)) return error;
-    const std::lock_guard lock(mutex);
-    if (watches(normal(path))) pending.changeName(normal(path));
-    return machine.removeDir(path);
+    return change();
 }
 
 int FaultOs::unlink(const std::string& path) {
@@ -332,40 +279,6 @@ int FaultOs::rename(const std::string& from, const std::string& to) {
     return result;
 }
 
-int FaultOs::symlink(const std::string& target, const std::string& path) {
-    if (const int error = strike(Op::Symlink, path)) return error;
-    const std::lock_guard lock(mutex);
-    if (watches(normal(path))) pending.changeName(normal(path));
-    return machine.symlink(target, path);
-}
-
-int FaultOs::link(const std::string& from, const std::string& to) {
-    if (const int error = strike(Op::Link, to)) return error;
-    const std::lock_guard lock(mutex);
-    if (watches(normal(to))) pending.changeName(normal(to));
-    return machine.link(from, to);
-}
-
-int FaultOs::readLink(const std::string& path, std::string* target) {
-    if (const int error = strike(Op::ReadLink, path)) return error;
-    return machine.readLink(path, target);
-}
-
-int FaultOs::setPermissions(const std::string& path, unsigned permissions) {
-    if (const int error = strike(Op::SetPermissions, path)) return error;
-    return machine.setPermissions(path, permissions);
-}
-
-int FaultOs::setPermissionsFd(int fd, unsigned permissions) {
-    if (const int error = strike(Op::SetPermissions, fd)) return error;
-    return machine.setPermissionsFd(fd, permissions);
-}
-
-int FaultOs::setModifiedNow(const std::string& path) {
-    if (const int error = strike(Op::SetModified, path)) return error;
-    return machine.setModifiedNow(path);
-}
-
 int FaultOs::syncDir(const std::string& path) {
     if (const int error = strike(Op::SyncDir, path)) return error;
     const std::lock_guard lock(mutex);
@@ -383,23 +296,4 @@ int FaultOs::freeSpace(const std::string& path, int64* bytes) {
         if (freeSpaceAnswer) *bytes = *freeSpaceAnswer;
     }
     return result;
-}
-
-int FaultOs::lockRange(int fd, int64 offset, int64 n, Lock lock) {
-    if (const int error = strike(Op::Lock, fd)) return error;
-    return machine.lockRange(fd, offset, n, lock);
-}
-
-int FaultOs::isLocked(int fd, int64 offset, int64 n, Lock lock) {
-    if (const int error = strike(Op::Lock, fd)) return error;
-    return machine.isLocked(fd, offset, n, lock);
-}
-
-std::string FaultOs::currentDir() {
-    return machine.currentDir();
-}
-
-int FaultOs::canonical(const std::string& path, std::string* result) {
-    if (const int error = strike(Op::Stat, path)) return error;
-    return machine.canonical(path, result);
 }

@@ -76,37 +76,84 @@ public:
 
     int open(const std::string& path, unsigned flags, unsigned permissions) override;
     int close(int fd) override;
-    int64 readAt(int fd, void* buffer, int64 n, int64 offset) override;
-    int64 readCachedAt(int fd, void* buffer, int64 n, int64 offset) override;
+    int64 readAt(int fd, void* buffer, int64 n, int64 offset) override {
+        const int error = strike(Op::Read, fd);
+        return error ? error : machine.readAt(fd, buffer, n, offset);
+    }
+    int64 readCachedAt(int fd, void* buffer, int64 n, int64 offset) override {
+        const int error = strike(Op::Read, fd);
+        return error ? error : machine.readCachedAt(fd, buffer, n, offset);
+    }
     int64 writeAt(int fd, const void* buffer, int64 n, int64 offset) override;
     int truncate(int fd, int64 size) override;
     int punchHole(int fd, int64 offset, int64 n) override;
     int sync(int fd) override;
     int syncFs(int fd) override;
-    void startWriteback(int fd, int64 offset, int64 n) override;
-    void adviseSequential(int fd) override;
-    void adviseSoon(int fd, int64 offset, int64 n) override;
-    void adviseDone(int fd, int64 offset, int64 n) override;
-    int statFd(int fd, SxStat* stat) override;
-    int stat(const std::string& path, SxStat* stat) override;
-    int lstat(const std::string& path, SxStat* stat) override;
-    int list(const std::string& path, std::vector<std::string>* names) override;
-    int makeDir(const std::string& path, unsigned permissions) override;
-    int removeDir(const std::string& path) override;
+    void startWriteback(int fd, int64 offset, int64 n) override { machine.startWriteback(fd, offset, n); }
+    void adviseSequential(int fd) override { machine.adviseSequential(fd); }
+    void adviseSoon(int fd, int64 offset, int64 n) override { machine.adviseSoon(fd, offset, n); }
+    void adviseDone(int fd, int64 offset, int64 n) override { machine.adviseDone(fd, offset, n); }
+    int statFd(int fd, SxStat* stat) override {
+        const int error = strike(Op::Stat, fd);
+        return error ? error : machine.statFd(fd, stat);
+    }
+    int stat(const std::string& path, SxStat* stat) override {
+        const int error = strike(Op::Stat, path);
+        return error ? error : machine.stat(path, stat);
+    }
+    int lstat(const std::string& path, SxStat* stat) override {
+        const int error = strike(Op::Stat, path);
+        return error ? error : machine.lstat(path, stat);
+    }
+    int list(const std::string& path, std::vector<std::string>* names) override {
+        const int error = strike(Op::List, path);
+        return error ? error : machine.list(path, names);
+    }
+    int makeDir(const std::string& path, unsigned permissions) override {
+        return changeName(Op::MakeDir, path, [&] { return machine.makeDir(path, permissions); });
+    }
+    int removeDir(const std::string& path) override {
+        return changeName(Op::RemoveDir, path, [&] { return machine.removeDir(path); });
+    }
     int unlink(const std::string& path) override;
     int rename(const std::string& from, const std::string& to) override;
-    int symlink(const std::string& target, const std::string& path) override;
-    int link(const std::string& from, const std::string& to) override;
-    int readLink(const std::string& path, std::string* target) override;
-    int setPermissions(const std::string& path, unsigned permissions) override;
-    int setPermissionsFd(int fd, unsigned permissions) override;
-    int setModifiedNow(const std::string& path) override;
+    int symlink(const std::string& target, const std::string& path) override {
+        return changeName(Op::Symlink, path, [&] { return machine.symlink(target, path); });
+    }
+    int link(const std::string& from, const std::string& to) override {
+        return changeName(Op::Link, to, [&] { return machine.link(from, to); });
+    }
+    int readLink(const std::string& path, std::string* target) override {
+        const int error = strike(Op::ReadLink, path);
+        return error ? error : machine.readLink(path, target);
+    }
+    int setPermissions(const std::string& path, unsigned permissions) override {
+        const int error = strike(Op::SetPermissions, path);
+        return error ? error : machine.setPermissions(path, permissions);
+    }
+    int setPermissionsFd(int fd, unsigned permissions) override {
+        const int error = strike(Op::SetPermissions, fd);
+        return error ? error : machine.setPermissionsFd(fd, permissions);
+    }
+    int setModifiedNow(const std::string& path) override {
+        const int error = strike(Op::SetModified, path);
+        return error ? error : machine.setModifiedNow(path);
+    }
     int syncDir(const std::string& path) override;
     int freeSpace(const std::string& path, int64* bytes) override;
-    int lockRange(int fd, int64 offset, int64 n, Lock lock) override;
-    int isLocked(int fd, int64 offset, int64 n, Lock lock) override;
-    std::string currentDir() override;
-    int canonical(const std::string& path, std::string* result) override;
+    int lockRange(int fd, int64 offset, int64 n, Lock lock) override {
+        const int error = strike(Op::Lock, fd);
+        return error ? error : machine.lockRange(fd, offset, n, lock);
+    }
+    int isLocked(int fd, int64 offset, int64 n, Lock lock) override {
+        const int error = strike(Op::Lock, fd);
+        return error ? error : machine.isLocked(fd, offset, n, lock);
+    }
+    std::string currentDir() override { return machine.currentDir(); }
+    int canonical(const std::string& path, std::string* result) override {
+        const int error = strike(Op::Stat, path);
+        return error ? error : machine.canonical(path, result);
+    }
 
 private:
     struct OpenFile {
@@ -132,6 +179,8 @@ private:
     /// The same ahead of an operation on a file.
     int strike(Op op, int fd);
     int64 faultFor(Op op, const std::string& path);
+    /// Makes or removes a name, and takes note of it.
+    int changeName(Op op, const std::string& path, const std::function<int()>& change);
     int openWatched(const std::string& path, unsigned flags, unsigned permissions);
     int64 fitting(int fd, int64 n, int64 offset);
 
