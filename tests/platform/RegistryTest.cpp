@@ -184,12 +184,6 @@ TEST_F(RegistryTest, removalTakesWhatItNames) {
     EXPECT_FALSE(ZqRegistry::contains("HKLM", "P"));
 }
 
-TEST_F(RegistryTest, theMountPointStandsInTheData) {
-    ZqRegistry::createRegEntriesAsAdmin(
-        {item("HKLM/Lab", "{{ZQDRIVE}}", ZqRegistry::RegSz, "{{ZQDRIVE}}\\app")}, "E:");
-    EXPECT_EQ(ZqRegistry::getVal("HKLM/Lab", "{{ZQDRIVE}}"), "E:\\app");
-}
-
 TEST_F(RegistryTest, aListIsWrittenWholeOrNotAtAll) {
     const std::pair<Item, const char*> bad[] = {
         {item("HKLM/b", "v", ZqRegistry::RegDword, "4294967296"), "isn't a number of 32 bits"},

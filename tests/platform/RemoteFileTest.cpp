@@ -194,10 +194,12 @@ TEST_F(RemoteFile, goesOnWhereItStopped) {
     for (const unsigned fault : faults) {
         server.setFault(static_cast<ZqFileServer::Fault>(fault));
         const FilePtr file = open();
+        const uint64 nConnections = server.getNConnections();
         for (uint64 offset = 0; offset < bytes.size(); offset += 100'000)
             ASSERT_TRUE(read(file, offset, 100'000) == bytes.substr(offset, 100'000))
                 << fault << " " << offset;
         EXPECT_TRUE(stream(file, 0) == bytes) << fault;
+        EXPECT_GT(server.getNConnections() - nConnections, 2u) << "the fault does nothing";
         server.setFault(static_cast<ZqFileServer::Fault>(fault), false);
     }
 

@@ -53,7 +53,9 @@ protected:
         dir.write("img.zqf", zqf);
         server.start();
     }
-    void pack() { dir.write("img.zqf.zst", PackedImage(zqf).bytes()); }
+    void pack(bool hasChecksums = true, const std::string& md5 = "") {
+        dir.write("img.zqf.zst", PackedImage(zqf, hasChecksums, md5).bytes());
+    }
     ImagePtr open(uint64 size = 0) {
         return ImagePtr::create(SxPtr<ZqNetLink>::create(quickSettings()), server.getUrl(),
                                 size == 0 ? zqf.size() : size);
@@ -72,10 +74,18 @@ protected:
 
 } // namespace
 
-TEST_F(RemoteImage, givesTheSameBytesPlainAndPacked) {
-    for (const bool isPacked : {false, true}) {
-        if (isPacked) pack();
-        SCOPED_TRACE(isPacked ? "packed" : "plain");
+TEST_F(RemoteImage, givesTheSameBytesInEachForm) {
+    const struct {
+        const char* name;
+        bool isPacked, hasChecksums;
+        std::string origin;
+    } forms[] = {{"plain", false, false, ""},
+                 {"packed", true, true, ""},
+                 {"packed without checksums", true, false, ""},
+                 {"packed with its origin", true, true, std::string(32, 'a')}};
+    for (const auto& [name, isPacked, hasChecksums, origin] : forms) {
+        SCOPED_TRACE(name);
+        if (isPacked) pack(hasChecksums, origin);
         const uint64 nPlain = server.getNBytes("img.zqf");
         const ImagePtr image = open();
         EXPECT_TRUE(streamOf(*image) == zqf);
