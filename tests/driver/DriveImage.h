@@ -7,6 +7,14 @@
 #include <map>
 #include <set>
 
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool IS_INSTRUMENTED = true;
+#elif defined(__has_feature)
+constexpr bool IS_INSTRUMENTED = __has_feature(address_sanitizer) || __has_feature(thread_sanitizer);
+#else
+constexpr bool IS_INSTRUMENTED = false;
+#endif
+
 enum class Mode { Ro, Rtw, Rw };
 
 /// An image folder for a drive, with what its stored blocks are to hold. Blocks that aren't present yet hold
@@ -67,4 +75,38 @@ public:
     SxString prefix;
     uint64 sizeRaw, nZqf, sizeZqf;
     std::string zqf; ///< what the stored blocks are to hold
+};
+
+/// A drive of an image, with what it has read and the tokens that it has woken.
+struct Drive {
+    using Result = VirtualDisk::Result;
+
+    Drive(const DriveImage& image_, Mode mode) : Drive(image_, mode, image_.nZqf) {}
+    Drive(const DriveImage& image_, Mode mode, uint64 cursor)
+        : image(image_),
+          disk(image.config(mode, cursor), [this](uint64 token) { woken.push_back(token); }) {}
+
+    Result read(uint64 rawIdx, uint64 n, uint64 token, bool retry = false) {
+        const uint64 offset = rawIdx * BLOCK_SIZE;
+        buffer.assign(std::min(n * BLOCK_SIZE, image.sizeRaw - offset), '?');
+        error = 0;
+        return disk.read(offset, static_cast<uint32>(buffer.size()), buffer.data(), token, retry, &error);
+    }
+    /// A block that nobody waits for, or the error.
+    std::string read(uint64 rawIdx) {
+        return read(rawIdx, 1, 1) == Result::Done ? buffer : "errno " + std::to_string(error);
+    }
+    /// Gives 0 or the error.
+    int write(uint64 rawIdx, const std::string& block) {
+        error = 0;
+        const auto size = static_cast<uint32>(image.validBytes(rawIdx));
+        disk.write(rawIdx * BLOCK_SIZE, size, block.data(), 1, false, &error);
+        return error;
+    }
+
+    const DriveImage& image;
+    std::vector<uint64> woken;
+    VirtualDisk disk;
+    std::string buffer;
+    int error = 0;
 };

@@ -3,6 +3,7 @@
 namespace {
 
 constexpr uint64 MIB = 1 << 20;
+using Range = std::pair<uint64, uint64>; ///< MiB
 
 /// Has nothing in the cache, and counts how often each block of `img.zqf` is announced.
 class ColdOs : public FaultOs {
@@ -16,15 +17,6 @@ public:
 
     std::vector<int> announced;
 };
-
-struct Range {
-    uint64 from, to; // MiB
-    bool operator==(const Range&) const = default;
-};
-
-void PrintTo(const Range& range, std::ostream* os) {
-    *os << range.from << " to " << range.to;
-}
 
 TEST(LookAhead, KeepsAWindowAheadOfOneReader) {
     LookAhead ahead;

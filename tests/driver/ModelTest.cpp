@@ -6,13 +6,6 @@
 
 namespace {
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool IS_INSTRUMENTED = true;
-#elif defined(__has_feature)
-constexpr bool IS_INSTRUMENTED = __has_feature(address_sanitizer) || __has_feature(thread_sanitizer);
-#else
-constexpr bool IS_INSTRUMENTED = false;
-#endif
 constexpr int64 STEPS_OF_ONE_IMAGE = 8'000, N_IMAGES = IS_INSTRUMENTED ? 2 : 42;
 
 /// A drive beside plain arrays that say what it must answer.

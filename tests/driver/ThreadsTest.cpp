@@ -8,11 +8,6 @@
 
 namespace {
 
-#if defined(__has_feature)
-constexpr bool IS_INSTRUMENTED = __has_feature(address_sanitizer) || __has_feature(thread_sanitizer);
-#else
-constexpr bool IS_INSTRUMENTED = false;
-#endif
 constexpr uint64 N_BLOCKS = 1'200, N_THREADS = 4, OWN_BLOCKS = 100;
 constexpr int64 N_REQUESTS = IS_INSTRUMENTED ? 1'500 : 10'000;
 using Bytes = std::string;

@@ -11,7 +11,7 @@ namespace {
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
-using Result = VirtualDisk::Result;
+using Result = Drive::Result;
 
 /// An image whose blocks stand in RAW order, of which none is present.
 struct OrderedImage : DriveImage {
@@ -26,25 +26,6 @@ struct OrderedImage : DriveImage {
     void deliver(VirtualDisk* drive, uint64 zqfIdx, uint64 n) const {
         drive->deliver(zqfIdx, zqf.data() + zqfIdx * BLOCK_SIZE, n * BLOCK_SIZE);
     }
-};
-
-struct Drive {
-    explicit Drive(const OrderedImage& image_, uint64 cursor = 0, Mode mode = Mode::Ro)
-        : image(image_),
-          disk(image.config(mode, cursor), [this](uint64 token) { woken.push_back(token); }) {}
-
-    Result read(uint64 rawIdx, uint64 n, uint64 token, bool retry = false) {
-        buffer.assign(n * BLOCK_SIZE, '?');
-        error = 0;
-        return disk.read(rawIdx * BLOCK_SIZE, static_cast<uint32>(n * BLOCK_SIZE), buffer.data(), token,
-                         retry, &error);
-    }
-
-    const OrderedImage& image;
-    std::vector<uint64> woken;
-    VirtualDisk disk;
-    std::string buffer;
-    int error = 0;
 };
 
 struct TraceRecord {
@@ -103,7 +84,7 @@ TEST(VirtualDisk, ADeliveryThatDoesNotFitIsRefused) {
         const char* failure;
     };
     const OrderedImage image;
-    Drive drive(image, 4);
+    Drive drive(image, Mode::Ro, 4);
     const std::string bytes(UnderflowStore::MAX_DELIVERY + 4096, 'x');
     for (const Case& test :
          {Case{5, 0, "is empty"}, Case{32, 4096, "beyond the image"}, Case{~uint64{0}, 4096, "beyond"},
@@ -123,7 +104,7 @@ TEST(VirtualDisk, ADeliveryThatDoesNotFitIsRefused) {
 TEST(VirtualDisk, TheQueueGivesTheOldestFirstAndUndeliveredBlocksAgain) {
     VirtualClock clock;
     const OrderedImage image;
-    Drive drive(image, 2);
+    Drive drive(image, Mode::Ro, 2);
     ASSERT_EQ(drive.read(10, 3, 1), Result::Held);
     ASSERT_EQ(drive.read(4, 2, 2), Result::Held);
     ASSERT_EQ(drive.read(11, 4, 3), Result::Held);
@@ -147,7 +128,7 @@ TEST(VirtualDisk, TheQueueGivesTheOldestFirstAndUndeliveredBlocksAgain) {
 
 TEST(VirtualDisk, HeldReadsFailWhenTheyAreToAndAtTheEnd) {
     const OrderedImage image;
-    Drive drive(image, 2);
+    Drive drive(image, Mode::Ro, 2);
     ASSERT_EQ(drive.read(10, 3, 1), Result::Held);
     EXPECT_TRUE(drive.disk.isUnderflow());
     drive.disk.setFailOnUnderflow();
@@ -170,7 +151,7 @@ TEST(VirtualDisk, HeldReadsFailWhenTheyAreToAndAtTheEnd) {
 
 TEST(VirtualDisk, AFileThatIsShorterThanItsCursorIsAnError) {
     const OrderedImage image;
-    Drive drive(image, 32);
+    Drive drive(image, Mode::Ro, 32);
     std::filesystem::resize_file(image.path("img.zqf"), 8 * BLOCK_SIZE + 1);
     EXPECT_EQ(drive.read(4, 4, 1), Result::Done);
     EXPECT_EQ(drive.read(4, 5, 2), Result::Failed);
@@ -181,7 +162,7 @@ TEST(VirtualDisk, AFileThatIsShorterThanItsCursorIsAnError) {
 TEST(VirtualDisk, TheTraceHasEachBlockOfEachRequestOnce) {
     VirtualClock clock(1'700'000'000'000);
     const OrderedImage image;
-    Drive drive(image, 4, Mode::Rtw);
+    Drive drive(image, Mode::Rtw, 4);
     drive.disk.setQACursor(3);
     EXPECT_EQ(drive.read(0, 1, 1), Result::Done);
     image.dir.write("watched/img.trc", "of an older run");
@@ -194,8 +175,7 @@ TEST(VirtualDisk, TheTraceHasEachBlockOfEachRequestOnce) {
     EXPECT_FALSE(drive.disk.hasTraceEvent());
     SxClock::get().sleepNs(1'500'200);
     clock.adjustSystem(-5000);
-    EXPECT_EQ(drive.disk.write(7 * BLOCK_SIZE, 4096, drive.buffer.data(), 3, false, &drive.error),
-              Result::Done);
+    EXPECT_EQ(drive.write(7, drive.buffer), 0);
     drive.disk.tick();
     EXPECT_EQ(readTrace(image.path("img.trc")).size(), 4U);
     // Others can tell that it is being written.
@@ -218,7 +198,7 @@ TEST(VirtualDisk, TheTraceHasEachBlockOfEachRequestOnce) {
 TEST(VirtualDisk, ATraceThatCanNotBeWrittenEndsAndReadsGoOn) {
     const OrderedImage image;
     FaultOs os(image.dir.path("watched"));
-    Drive drive(image, 32);
+    Drive drive(image, Mode::Ro, 32);
     EXPECT_THAT(failureOf([&] { drive.disk.monitorOn(image.prefix + "nowhere"); }),
                 HasSubstr("nowhere/img.trc"));
     drive.disk.monitorOn(image.prefix);
@@ -233,7 +213,7 @@ TEST(VirtualDisk, ATraceThatCanNotBeWrittenEndsAndReadsGoOn) {
 TEST(VirtualDisk, ADeliveryThatCanNotBeKeptCanBeGivenAgain) {
     const OrderedImage image;
     FaultOs os(image.dir.path("watched"));
-    Drive drive(image, 2);
+    Drive drive(image, Mode::Ro, 2);
     ASSERT_EQ(drive.read(10, 3, 1), Result::Held);
     os.setDiskLeft(BLOCK_SIZE);
     EXPECT_THAT(failureOf([&] { image.deliver(&drive.disk, 10, 3); }), HasSubstr("ZqF block 10"));

@@ -7,30 +7,6 @@ namespace {
 
 using testing::HasSubstr;
 
-/// A drive on which requests are never held.
-class Drive {
-public:
-    Drive(const DriveImage& image_, Mode mode)
-        : image(image_),
-          disk(image.config(mode, image.nZqf), [](uint64) { ADD_FAILURE() << "woken"; }) {}
-
-    int write(uint64 rawIdx, const std::string& block) {
-        int error = 0;
-        const auto size = static_cast<uint32>(image.validBytes(rawIdx));
-        disk.write(rawIdx * BLOCK_SIZE, size, block.data(), 1, false, &error);
-        return error;
-    }
-    std::string read(uint64 rawIdx) {
-        int error = 0;
-        std::string block(image.validBytes(rawIdx), '?');
-        disk.read(rawIdx * BLOCK_SIZE, static_cast<uint32>(block.size()), block.data(), 1, false, &error);
-        return error ? "errno " + std::to_string(error) : block;
-    }
-
-    const DriveImage& image;
-    VirtualDisk disk;
-};
-
 /// Writes at random, and knows which contents each block may have after a cut.
 class Writer {
 public:
