@@ -55,15 +55,10 @@ TEST(Device, WaitsAsLongAsItTakes) {
 
 TEST(Device, RefusedMountsLeaveNothing) {
     Machine machine;
-    machine.driver.fail("MountImage", 1, "\"rw\" needs a complete image");
-    EXPECT_EQ(failureOf([&] { machine.mountAlone(); }),
-              "TAVRIN Driver error: Mount Image failed: \"rw\" needs a complete image");
-    EXPECT_THAT(machine.driver.notes, ElementsAre(testing::StartsWith("MountImage")));
-    machine.driver.fail("MountImage", 1000);
     machine.app.registry = {BAD_ENTRY};
     machine.mgr.setAppParams(machine.app);
     EXPECT_THAT(failureOf([&] { machine.mountAlone(); }),
-                testing::StartsWith("ZqMountMgr::mountImage : Modification of registry failed.: "));
+                StartsWith("ZqMountMgr::mountImage : Modification of registry failed.: "));
     EXPECT_FALSE(machine.driver.mounted);
 
     ZqImageParams params(machine.dir.prefix() + "image/");

@@ -48,13 +48,10 @@ TEST(ImageProgress, CursorAndCountFollowTheFile) {
     SxTime::msleep(500);
     EXPECT_EQ(progress->getNCurrent0(), 100U);
     EXPECT_EQ(progress->getNCurrent(), 100U) << "what is there counts ahead of any growth";
-    for (const auto& [size, cursor] : {std::pair<uint64, uint64>{4095, 0},
-                                       {4096, 1},
-                                       {4097, 0},
-                                       {8191, 0},
-                                       {8192, 2},
-                                       {8193, 1},
-                                       {2'000'000, 487}}) {
+    const std::pair<uint64, uint64> cases[] = {
+        {4095, 0}, {4096, 1}, {4097, 0}, {8191, 0}, {8192, 2}, {8193, 1}, {2'000'000, 487},
+    };
+    for (const auto& [size, cursor] : cases) {
         SCOPED_TRACE(size);
         download.grow(size);
         SxTime::msleep(20);

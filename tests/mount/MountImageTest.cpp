@@ -145,13 +145,25 @@ TEST(MountImage, IsCheckedAheadOfAnyDrive) {
         {"ZqFM is not available", [](Machine& m) { m.driver.answersPing = false; }},
         {"Image '$' is in the middle of an optimisation; go on with: tavrin image optimize IMAGE --resume",
          [](Machine& m) { m.dir.write("image/optimize.lock", ""); }},
+        {"", [](Machine& m) { m.cursor = 1000; }}, // a complete file, whatever the cursor says
+        {"",
+         [](Machine& m) {
+             m.app.sizeMnt = 8192;
+             m.cursor = 2;
+             m.dir.write("image/img.zqf", std::string(8192, 'x'));
+         }},
+        {"",
+         [](Machine& m) {
+             m.dir.write("image/img.idx.md5", m.app.checksumIdx.str());
+             m.app.checksumIdx = "not looked at";
+         }},
     };
     for (const Case& c : cases) {
-        SCOPED_TRACE(c.cause);
+        SCOPED_TRACE(&c - cases);
         Machine machine;
         c.damage(machine);
         EXPECT_EQ(causeOf(machine), c.cause);
-        EXPECT_THAT(machine.driver.notes, IsEmpty());
+        EXPECT_EQ(machine.driver.notes.empty(), !c.cause.empty());
     }
     Machine machine;
     const auto lock =
@@ -163,7 +175,7 @@ TEST(MountImage, IsCheckedAheadOfAnyDrive) {
                     ZqMountMgr().mountImageZQF(ZqMountMgr::ReadOnly, ZqMountMgr::Removable, machine.image, 1,
                                                1, 1, false, "", "");
                 }),
-                testing::StartsWith("Failed to read file " + machine.name + "/app.json"));
+                StartsWith("Failed to read file " + machine.name + "/app.json"));
 }
 
 TEST(MountImage, NotesWhatIsAboutToWriteIntoTheImage) {
@@ -194,43 +206,12 @@ TEST(MountImage, NotesWhatIsAboutToWriteIntoTheImage) {
     }
 }
 
-TEST(MountImage, WhatPassesTheChecks) {
-    const std::function<void(Machine&)> changes[] = {
-        [](Machine& m) {
-            m.cursor = 1000; /* a complete file, whatever the cursor says */
-        },
-        [](Machine& m) {
-            m.app.sizeMnt = 8192;
-            m.cursor = 2;
-            m.dir.write("image/img.zqf", std::string(8192, 'x'));
-        },
-        [](Machine& m) {
-            m.dir.write("image/img.idx.md5", m.app.checksumIdx.str());
-            m.app.checksumIdx = "not looked at";
-        },
-    };
-    for (const auto& change : changes) {
-        Machine machine;
-        change(machine);
-        EXPECT_EQ(causeOf(machine), "");
-    }
-}
-
 TEST(MountImage, TheCacheIsBounded) {
-    for (const auto& [units, note] : {std::pair<int64, const char*>{2000, "SetCacheSize 2000000000"},
-                                      {2001, "2001000000"},
-                                      {int64{1} << 62, "9223372036854775807"}}) {
-        Machine machine;
-        machine.app.cacheSize = units;
-        const std::string cause = causeOf(machine);
-        if (units == 2000) {
-            EXPECT_THAT(machine.driver.notes, Contains(note));
-            continue;
-        }
-        EXPECT_EQ(cause, std::string("Cannot set disk cache size to ") + note +
-                             ": Specified Cache size larger than 2GB");
-        EXPECT_FALSE(machine.driver.mounted);
-    }
+    Machine machine;
+    machine.app.cacheSize = int64{1} << 62;
+    EXPECT_EQ(causeOf(machine), "Cannot set disk cache size to 9223372036854775807: "
+                                "Specified Cache size larger than 2GB");
+    EXPECT_FALSE(machine.driver.mounted);
 }
 
 TEST(MountImage, TheTraceFolderIsChecked) {

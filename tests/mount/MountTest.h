@@ -1,7 +1,7 @@
 #pragma once
 
+#include "../base/BaseTest.h"
 #include "Builders.h"
-#include "Failure.h"
 #include "ScriptedDriver.h"
 #include "ZqAppParams.h"
 #include "ZqImageParams.h"
@@ -10,16 +10,6 @@
 #include "ZqMountMgr.h"
 
 #include <algorithm>
-#include <filesystem>
-#include <gmock/gmock.h>
-
-namespace fs = std::filesystem;
-using testing::AllOf;
-using testing::Contains;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
-using testing::Not;
 
 /// A machine root of its own with an image, a drive service that plays a script, and the drive E: that it
 /// shows once it is told to mount.
