@@ -13,7 +13,6 @@ namespace {
 
 std::string tryCreate(const TempDir& dir, const std::string& target = "watched/target") {
     ZqCreateContent job(dir.path(target), dir.path("watched/source"));
-    jobUnderWay = &job;
     return failureOf(job);
 }
 
@@ -154,39 +153,6 @@ TEST(CreateContent, ABadSourceLeavesTheTargetAsItWas) {
             EXPECT_EQ(contentOf(dir, "watched/target"), before);
             EXPECT_FALSE(dir.exists("watched/new"));
         }
-    }
-}
-
-TEST(CreateContent, ADisturbedJobLeavesTheOldImageOrCanBeRepeated) {
-    const TempDir whole;
-    makeFolders(whole);
-    const TreeSnapshot oldImage = contentOf(whole, "watched/target");
-    ASSERT_EQ(tryCreate(whole), "");
-    const TreeSnapshot newImage = contentOf(whole, "watched/target");
-    for (const std::string target : {"watched/target", "watched/new/deep/target"}) {
-        const bool isNew = target != "watched/target";
-        const auto run = [&](const TempDir& dir) { return tryCreate(dir, target); };
-        const auto check = [&](const TempDir& dir, const std::string& failure) {
-            TreeSnapshot image = dir.exists(target) ? contentOf(dir, target) : TreeSnapshot();
-            const bool hasRecord = image.contains("app.json");
-            EXPECT_TRUE(!isNew || failure.empty() || image.empty()) << "a new folder doesn't stay";
-            EXPECT_TRUE(!isNew || failure.empty() || !dir.exists("watched/new") ||
-                        dir.exists(target + "/image.lock"));
-            // Without a failure it is done or stopped, or only the question for the source has failed.
-            EXPECT_TRUE(!failure.empty() || image == newImage ||
-                        image == (isNew ? TreeSnapshot() : oldImage));
-            for (const auto& [name, mark] : newImage) {
-                const auto at =
-                    image.contains("image.new/" + name) ? image.find("image.new/" + name) : image.find(name);
-                EXPECT_TRUE(isNew || hasRecord || (at != image.end() && at->second == mark))
-                    << "neither image is whole";
-            }
-            std::erase_if(image, [](const auto& entry) { return entry.first.starts_with("image.new"); });
-            EXPECT_TRUE(!hasRecord || image == oldImage || image == newImage) << failure;
-            EXPECT_EQ(tryCreate(dir, target), "");
-            EXPECT_EQ(contentOf(dir, target), newImage);
-        };
-        disturb(makeFolders, run, check, 100'000, 499);
     }
 }
 

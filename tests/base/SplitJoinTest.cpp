@@ -38,12 +38,8 @@ TreeSnapshot stateOf(bool inParts) {
 
 const TreeSnapshot WHOLE = stateOf(false), IN_PARTS = stateOf(true);
 
-/// A job that runs on the caller's thread, as the one under way.
+/// A job that runs on the caller's thread.
 class Monitor : public ZqTaskMon {
-public:
-    Monitor() { jobUnderWay = this; }
-
-private:
     void main() override {}
 };
 
@@ -73,16 +69,11 @@ void unpack(const TempDir& dir) {
 
 TEST(SplitJoin, PartsHaveTheirNamesAndSizes) {
     TestRandom random;
-    for (const auto& [size, partSize] : {std::pair{10U, 3U},
-                                         {9U, 1U},
-                                         {10U, 1U},
-                                         {100U, 1U},
-                                         {8'192'000U, 4'096'000U},
-                                         {8'192'001U, 4'095'999U},
-                                         {10U, 10U},
-                                         {10U, ~0U},
-                                         {1U, 1U},
-                                         {0U, 5U}}) {
+    const std::pair<unsigned, unsigned> cases[] = {
+        {10, 3},  {9, 1},    {10, 1}, {100, 1}, {8'192'000, 4'096'000}, {8'192'001, 4'095'999},
+        {10, 10}, {10, ~0U}, {1, 1},  {0, 5},
+    };
+    for (const auto& [size, partSize] : cases) {
         SCOPED_TRACE(std::to_string(size) + " in parts of " + std::to_string(partSize));
         const std::string bytes = random.bytes(size);
         const TempDir dir;
@@ -215,58 +206,6 @@ TEST(SplitJoin, JoinNeedsTheRoomOfAPart) {
         EXPECT_EQ(tryJoin(dir).empty(), left >= 7) << left;
         EXPECT_EQ(contentOf(dir), left < 7 ? IN_PARTS : WHOLE);
     }
-}
-
-TEST(SplitJoin, ADisturbedJobLeavesAllOrTheResult) {
-    for (const bool compress : {false, true}) {
-        const auto run = [&](const TempDir& dir) { return trySplit(dir, compress); };
-        disturb(makeWhole, run, [&](const TempDir& dir, const std::string& failure) {
-            const bool hasZqf = dir.exists("watched/img.zqf");
-            EXPECT_TRUE(hasZqf ? contentOf(dir) == WHOLE && !failure.empty() : true) << failure;
-            EXPECT_EQ(hasZqf ? run(dir) : "", "");
-            unpack(dir);
-            EXPECT_EQ(contentOf(dir), IN_PARTS);
-        });
-    }
-    for (const std::string begin : {"", "little room", "an older img.zqf", "cut off"}) {
-        SCOPED_TRACE(begin);
-        const bool isCutOff = begin == "cut off", isLonger = isCutOff || begin == "an older img.zqf";
-        const auto prepare = [&](const TempDir& dir) {
-            makeParts(dir);
-            if (isLonger) dir.write("watched/img.zqf", ZQF.substr(0, 14) + "longer than the joined one");
-            if (!isCutOff) return;
-            fs::rename(dir.path("watched/img.zqf.info"), dir.path("watched/img.zqf.join"));
-            fs::remove(dir.path("watched/img.zqf.part2")); // the removal of the first hasn't reached the disk
-        };
-        const auto run = [&](const TempDir& dir) {
-            if (begin == "little room") dynamic_cast<FaultOs&>(SxOs::get()).setFreeSpaceAnswer(28);
-            return tryJoin(dir);
-        };
-        disturb(prepare, run, [&](const TempDir& dir, const std::string& failure) {
-            const bool untouched = dir.exists("watched/img.zqf.info");
-            EXPECT_TRUE(!untouched || isLonger || contentOf(dir) == IN_PARTS) << failure;
-            const bool isDone = !untouched && !dir.exists("watched/img.zqf.join");
-            EXPECT_TRUE(isDone || !failure.empty());
-            EXPECT_EQ(isDone ? "" : tryJoin(dir), "");
-            EXPECT_EQ(contentOf(dir), WHOLE);
-        });
-    }
-}
-
-TEST(SplitJoin, AStopTakesTheJobBack) {
-    const TempDir whole, parts;
-    makeWhole(whole);
-    makeParts(parts);
-    Monitor stopped;
-    stopped.stop();
-    for (const bool compress : {false, true}) {
-        const ZqImage image(SxString(whole.path("watched/")));
-        EXPECT_THAT(failureOf([&] { image.split(7, compress, &stopped); }), HasSubstr("Stopped"));
-        EXPECT_EQ(contentOf(whole), WHOLE);
-    }
-    const ZqImage image(SxString(parts.path("watched/")));
-    EXPECT_THAT(failureOf([&] { image.join(&stopped); }), HasSubstr("Stopped"));
-    EXPECT_EQ(contentOf(parts), IN_PARTS);
 }
 
 TEST(SplitJoin, LeftoversOfASplitThatWasCutOffGo) {

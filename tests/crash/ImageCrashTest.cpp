@@ -1,9 +1,13 @@
 #include "../base/BaseTest.h"
 #include "Builders.h"
+#include "ZqAppParams.h"
 #include "ZqArchive.h"
 #include "ZqCreateContent.h"
 #include "ZqImage.h"
 #include "ZqImageBuild.h"
+#include "ZqImageOrder.h"
+#include "ZqImagePack.h"
+#include "ZqImageRaw.h"
 #include "ZqMachineRoot.h"
 #include "ZqTrace.h"
 #include "ZqTraceBuilder.h"
@@ -17,6 +21,7 @@
 namespace {
 
 constexpr size_t PART = 5000;
+constexpr int64 PLENTY = 1 << 30;
 const std::string ZQF = TestRandom(5).bytes(3 * PART + 17);
 
 /// A job on the folder "watched" that is cut off, and what must hold then.
@@ -26,8 +31,10 @@ struct Job {
     std::string (*run)(const TempDir&); ///< gives the failure
     /// Says what is lost, if anything.
     std::string (*findLoss)(const TempDir&, const TreeSnapshot& before, const TreeSnapshot& after);
-    int64 freeSpace = 1 << 30; ///< that the disk says it has
-    bool failing = false;      ///< the second write to img.zqf finds the disk full
+    int64 told, untold;       ///< bytes from one to the next place where the disk is full; see disturb()
+    bool takesBack = false;   ///< a failure leaves all as it was
+    int64 freeSpace = PLENTY; ///< that the disk says it has
+    bool failing = false;     ///< the second write to img.zqf finds the disk full
 };
 
 void PrintTo(const Job& job, std::ostream* out) {
@@ -66,10 +73,34 @@ std::string findLostParts(const TempDir& dir, const TreeSnapshot&, const TreeSna
 
 /// Where app.json stands, the old image or the new one must be whole, whatever else lies in image.new.
 std::string findMixedImage(const TempDir& dir, const TreeSnapshot& before, const TreeSnapshot& after) {
-    if (!dir.exists("watched/app.json") && !dir.exists("watched/new/deep/app.json")) return "";
     TreeSnapshot tree = contentOf(dir);
+    if (!tree.contains("image/app.json") && !tree.contains("new/deep/app.json")) return "";
     std::erase_if(tree, [](const auto& entry) { return entry.first.find("image.new") != std::string::npos; });
     return tree == before || tree == after ? "" : "app.json stands with an image that is neither old nor new";
+}
+
+/// Where the old image is gone, all files of the new one must be there or in their places.
+std::string findLostImage(const TempDir& dir, const TreeSnapshot& before, const TreeSnapshot& after) {
+    const TreeSnapshot tree = contentOf(dir);
+    if (!before.contains("image/app.json") || tree.contains("image/app.json")) return "";
+    for (const auto& [path, mark] : after) {
+        const auto staged = tree.find("image/image.new/" + fs::path(path).filename().string());
+        const auto there = staged != tree.end() ? staged : tree.find(path);
+        if (there == tree.end() || there->second != mark) return path + " is lost";
+    }
+    return "";
+}
+
+/// Each file must be the old one or the new one.
+std::string findMixedFile(const TempDir& dir, const TreeSnapshot& before, const TreeSnapshot& after) {
+    const TreeSnapshot now = contentOf(dir);
+    for (const auto& [name, mark] : after) {
+        const auto left = now.find(name), old = before.find(name);
+        const bool isOld = (left == now.end()) == (old == before.end()) &&
+                           (left == now.end() || left->second == old->second);
+        if (!isOld && (left == now.end() || left->second != mark)) return name + " is neither old nor new";
+    }
+    return "";
 }
 
 void makeWhole(const TempDir& dir) {
@@ -95,26 +126,31 @@ void makeCutOffJoin(const TempDir& dir) {
 }
 
 void makeSource(const TempDir& dir) {
-    fs::create_directory(dir.path("watched"));
-    dir.write("source/a", "a");
-    dir.write("source/b/c", std::string(3 * 4096 + 1, 'c'));
+    dir.write("watched/source/a", "a");
+    dir.write("watched/source/b/c", std::string(3 * 4096 + 1, 'c'));
 }
 
 void makeSourceAndImage(const TempDir& dir) {
     makeSource(dir);
     for (const std::string name :
          {"app.json", "img.json", "img.idx", "img.zqf", "img.idx.md5", "traces/1/x.json"}) {
-        dir.write("watched/" + name, "old");
+        dir.write("watched/image/" + name, "old");
     }
 }
 
-std::string create(const TempDir& dir, const std::string& target) {
-    ZqCreateContent job(dir.path(target), dir.path("source"));
+/// Runs a job as the one under way.
+std::string runNow(ZqTaskMon& job) {
+    jobUnderWay = &job;
     return failureOf(job);
 }
 
+std::string create(const TempDir& dir, const std::string& target) {
+    ZqCreateContent job(dir.path(target), dir.path("watched/source"));
+    return runNow(job);
+}
+
 std::string createOver(const TempDir& dir) {
-    return create(dir, "watched");
+    return create(dir, "watched/image");
 }
 
 std::string createNew(const TempDir& dir) {
@@ -122,17 +158,87 @@ std::string createNew(const TempDir& dir) {
 }
 
 std::string buildOver(const TempDir& dir) {
-    ZqImageBuild job(dir.path("watched"), dir.path("source"), {});
-    return failureOf(job);
+    ZqImageBuild job(dir.path("watched/image"), dir.path("watched/source"), {});
+    return runNow(job);
 }
+
+void makeServed(const TempDir& dir, const std::string& folder, uint64 nRaw) {
+    TestRandom random(5);
+    TestImage(random, nRaw).write(SxString(dir.path(folder) + "/"));
+}
+
+void makeUnpacked(const TempDir& dir) {
+    makeServed(dir, "watched", 130);
+    dir.write("watched/img.zqf.zst", "old");
+    dir.write("watched/img.zqf.zst.new", "left by another");
+}
+
+std::string pack(const TempDir& dir) {
+    ZqImagePack job(dir.path("watched"), 3);
+    return runNow(job);
+}
+
+void makeServedAlone(const TempDir& dir) {
+    makeServed(dir, "image", 12);
+    fs::create_directory(dir.path("watched"));
+}
+
+void makeServedAndRaw(const TempDir& dir) {
+    makeServedAlone(dir);
+    dir.write("watched/raw/img.raw", "old");
+}
+
+std::string writeRaw(const TempDir& dir) {
+    ZqImageRaw job(dir.path("image"), dir.path("watched/raw"));
+    return runNow(job);
+}
+
+void makeServedAndTrace(const TempDir& dir) {
+    makeServedAlone(dir);
+    const auto items = SxPtr<ZqTrace::Items>::create();
+    for (const uint64 block : {3U, 2U, 1U, 0U})
+        items->append(ZqTraceItem(block, 0, false));
+    const ZqAppParams app(dir.prefix() + "image/");
+    ZqTrace::write(items, dir.prefix() + "trace/", ZqTraceParams::Merge, app.checksumMnt);
+}
+
+std::string order(const TempDir& dir) {
+    // It takes no folder with anything in it.
+    if (!dir.exists("watched/new/deep/app.json")) fs::remove_all(dir.path("watched/new"));
+    ZqImageOrder job(dir.path("image"), dir.path("trace"), dir.path("watched/new/deep"));
+    return runNow(job);
+}
+
+/// A job that runs on the caller's thread, as the one under way.
+class Monitor : public ZqTaskMon {
+public:
+    Monitor() { jobUnderWay = this; }
+
+private:
+    void main() override {}
+};
 
 template<bool compress>
 std::string split(const TempDir& dir) {
-    return failureOf([&] { ZqImage(SxString(dir.path("watched/"))).split(PART, compress); });
+    Monitor monitor;
+    return failureOf([&] { ZqImage(SxString(dir.path("watched/"))).split(PART, compress, &monitor); });
 }
 
 std::string join(const TempDir& dir) {
-    return failureOf([&] { ZqImage(SxString(dir.path("watched/"))).join(); });
+    Monitor monitor;
+    return failureOf([&] { ZqImage(SxString(dir.path("watched/"))).join(&monitor); });
+}
+
+void makePacked(const TempDir& dir) {
+    dir.write("in/img.idx", ZQF);
+    dir.write("in/sub/other", "other");
+    ZqArchive::compress7z(dir.path("a.7z"), dir.path("in"), {"img.idx", "sub/other"});
+    fs::create_directory(dir.path("watched"));
+}
+
+std::string unpack(const TempDir& dir) {
+    const Monitor idle;
+    return failureOf([&] { ZqArchive::extract7z(dir.path("a.7z"), dir.path("watched")); });
 }
 
 void makeTrace(const TempDir& dir, const std::string& name, int64 time0, uint64 block) {
@@ -163,6 +269,7 @@ void makeTracesAndResult(const TempDir& dir) {
 std::string joinTraces(const TempDir& dir) {
     // No service of this machine is to be asked.
     ZqMachineRoot::set(dir.path("root"));
+    const Monitor idle; // for the sweep itself takes no notice of a stop
     ZqTraceBuilder job(dir.path("watched"), dir.path("watched/traces"), "merged");
     std::string failure = failureOf(job);
     ZqMachineRoot::set("");
@@ -191,20 +298,38 @@ std::string findLostTraces(const TempDir& dir, const TreeSnapshot& before, const
     return "";
 }
 
-const Job JOBS[] = {{"Split", makeWhole, split<false>, findLostParts},
-                    {"SplitCompressed", makeWhole, split<true>, findLostParts},
-                    {"SplitAnew", makeWholeAndParts, split<false>, findLostParts},
-                    {"Join", makeParts, join, findLostParts},
-                    {"JoinPartByPart", makeParts, join, findLostParts, PART},
-                    {"JoinInBatches", makeParts, join, findLostParts, 4 * PART},
-                    {"JoinOverAnOlderFile", makeWholeAndParts, join, findLostParts},
-                    {"JoinResumed", makeCutOffJoin, join, findLostParts},
-                    {"JoinTakenBack", makeParts, join, findLostParts, 1 << 30, true},
-                    {"CreateOverAnImage", makeSourceAndImage, createOver, findMixedImage},
-                    {"CreateInANewFolder", makeSource, createNew, findMixedImage},
-                    {"BuildOverAnImage", makeSourceAndImage, buildOver, findMixedImage},
-                    {"JoinTraces", makeTraces, joinTraces, findLostTraces},
-                    {"JoinTracesToAResult", makeTracesAndResult, joinTraces, findLostTraces}};
+const Job JOBS[] = {{"Split", makeWhole, split<false>, findLostParts, 499, 499, true},
+                    {"SplitCompressed", makeWhole, split<true>, findLostParts, 499, 499, true},
+                    {"SplitAnew", makeWholeAndParts, split<false>, findLostParts, 499, 499},
+                    {"Join", makeParts, join, findLostParts, 499, 499},
+                    {"JoinPartByPart", makeParts, join, findLostParts, 499, 499, false, PART},
+                    {"JoinInBatches", makeParts, join, findLostParts, 499, 499, false, 4 * PART},
+                    {"JoinOverAnOlderFile", makeWholeAndParts, join, findLostParts, 499, 499},
+                    {"JoinResumed", makeCutOffJoin, join, findLostParts, 499, 499},
+                    {"JoinTakenBack", makeParts, join, findLostParts, 0, 0, true, PLENTY, true},
+                    {"CreateOverAnImage", makeSourceAndImage, createOver, findMixedImage, 100'000, 499},
+                    {"CreateInANewFolder", makeSource, createNew, findMixedImage, 100'000, 499, true},
+                    {"BuildOverAnImage", makeSourceAndImage, buildOver, findMixedImage, 2 << 20, 3000},
+                    {"Order", makeServedAndTrace, order, findMixedImage, 512, 100},
+                    {"Pack", makeUnpacked, pack, findMixedFile, 50'000, 50'000},
+                    {"Raw", makeServedAlone, writeRaw, findMixedFile, 4096, 1000},
+                    {"RawOverAnOldOne", makeServedAndRaw, writeRaw, findMixedFile, 4096, 1000},
+                    {"Unpack", makePacked, unpack, findMixedFile, 4096, 1000, true},
+                    {"JoinTraces", makeTraces, joinTraces, findLostTraces, 0, 0},
+                    {"JoinTracesToAResult", makeTracesAndResult, joinTraces, findLostTraces, 0, 0}};
+
+/// Those that a failure leaves in a state to go on from.
+std::vector<Job> disturbedJobs() {
+    std::vector<Job> jobs;
+    for (const Job& job : JOBS) {
+        if (job.told > 0) jobs.push_back(job);
+    }
+    return jobs;
+}
+
+std::string nameOf(const testing::TestParamInfo<Job>& instance) {
+    return instance.param.name;
+}
 
 class ImageCrash : public testing::TestWithParam<Job> {
 protected:
@@ -249,6 +374,8 @@ protected:
     TreeSnapshot before, after;
 };
 
+class ImageDisturbed : public ImageCrash {};
+
 } // namespace
 
 TEST_P(ImageCrash, KilledAtAnyStep) {
@@ -288,12 +415,28 @@ TEST_P(ImageCrash, PowerCutAtAnyStep) {
     }
 }
 
+TEST_P(ImageDisturbed, LosesNothingAndCanBeRepeated) {
+    const Job& job = GetParam();
+    const auto run = [&](const TempDir& dir) {
+        if (job.freeSpace < PLENTY) dynamic_cast<FaultOs&>(SxOs::get()).setFreeSpaceAnswer(job.freeSpace);
+        return job.run(dir);
+    };
+    const auto filesOf = [](TreeSnapshot tree) {
+        std::erase_if(tree, [](const auto& entry) { return entry.second.kind == TreeMark::Folder; });
+        return tree;
+    };
+    const TreeSnapshot old = filesOf(before), made = filesOf(after);
+    const auto check = [&](const TempDir& dir, const std::string& failure) {
+        const TreeSnapshot left = filesOf(contentOf(dir));
+        EXPECT_TRUE((!failure.empty() && !job.takesBack) || left == old || left == made)
+            << failure << testing::PrintToString(left);
+        EXPECT_EQ(findLostImage(dir, before, after), "") << failure;
+        checkAndRepeat(dir);
+    };
+    disturb(job.prepare, run, check, job.told, job.untold);
+}
+
 TEST(TraceJoin, DisturbedInAnyWayLosesNoBlock) {
-    // The sweep itself takes no notice of a stop.
-    class Idle : public ZqTaskMon {
-        void main() override {}
-    } idle;
-    jobUnderWay = &idle;
     const auto blocksIn = [](const TempDir& dir) {
         std::set<uint64> blocks;
         for (const auto& entry : fs::directory_iterator(dir.path("watched/traces"))) {
@@ -321,5 +464,5 @@ TEST(TraceJoin, DisturbedInAnyWayLosesNoBlock) {
         100, 100);
 }
 
-INSTANTIATE_TEST_SUITE_P(Jobs, ImageCrash, testing::ValuesIn(JOBS),
-                         [](const auto& instance) { return instance.param.name; });
+INSTANTIATE_TEST_SUITE_P(Jobs, ImageCrash, testing::ValuesIn(JOBS), nameOf);
+INSTANTIATE_TEST_SUITE_P(Jobs, ImageDisturbed, testing::ValuesIn(disturbedJobs()), nameOf);

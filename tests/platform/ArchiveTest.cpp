@@ -150,47 +150,6 @@ TEST_F(Archive7z, EntriesLargerThanTheFreeSpaceAreRefused) {
     EXPECT_TRUE(fs::is_empty(out));
 }
 
-TEST_F(Archive7z, EveryFailureOfTheDiskLeavesTheFolderAsItWas) {
-    pack({{"new/a", "aaaa"}, {"b", "bbbb"}, {"e/", "", AE_IFDIR}});
-    using Op = FaultOs::Op;
-    for (const Op op : {Op::Open, Op::Write, Op::Sync, Op::MakeDir, Op::Rename, Op::SyncDir, Op::FreeSpace}) {
-        int64 nth = 0, nFailed = 1;
-        while (nFailed > 0) {
-            SCOPED_TRACE(testing::Message() << "operation " << static_cast<int>(op) << ", number " << ++nth);
-            FaultOs os(out);
-            os.failNth(op, nth, EIO);
-            const std::string failure = extract();
-            nFailed = os.getNFailed();
-            ASSERT_THAT(failure, HasSubstr(nFailed > 0 ? "Input/output error" : ""));
-            ASSERT_EQ(fs::is_empty(out), nFailed > 0);
-        }
-        EXPECT_GT(nth, 1);
-        fs::remove_all(out);
-        fs::create_directory(out);
-    }
-}
-
-TEST_F(Archive7z, WhatIsThereAfterAPowerCutIsComplete) {
-    const std::string bytes(100'000, 'x');
-    pack({{"img.idx", bytes}, {"sub/other", bytes}});
-    bool done = false;
-    for (int64 step = 1; !done; ++step) {
-        SCOPED_TRACE(step);
-        fs::remove_all(out);
-        fs::create_directory(out);
-        FaultOs os(out);
-        os.cutPowerAt(step);
-        done = extract().empty();
-        ASSERT_EQ(done, !os.isCut());
-        std::mt19937_64 random(static_cast<uint64>(step));
-        os.crash(step % 2 ? &random : nullptr);
-        for (const char* name : {"out/img.idx", "out/sub/other"})
-            EXPECT_TRUE(dir.exists(name) ? dir.read(name) == bytes : !done) << name;
-        EXPECT_EQ(extract(), "");
-        EXPECT_EQ(dir.snapshot("out").size(), 3u) << "something is left over";
-    }
-}
-
 TEST_F(Archive7z, AFailedPackKeepsTheOldArchive) {
     dir.write("in/a", "a");
     dir.write("a.7z", "old");

@@ -48,7 +48,6 @@ void writeImage(const TempDir& dir, const TestImage& image, uint64 nFront, uint6
 
 std::string order(const TempDir& dir, const std::string& index = "watched/index") {
     ZqImageOrder job(dir.path("image"), dir.path("trace"), dir.path(index));
-    jobUnderWay = &job;
     const std::string failure = failureOf(job);
     EXPECT_EQ(job.isComplete(), failure.empty());
     return failure;
@@ -222,14 +221,9 @@ TEST(ImageOrder, FailuresNameTheFileAndLeaveNothing) {
              writeTrace(dir, Blocks{1, 2, 40});
          },
          {"/trace/img.trc' names block 40, and", "/image/' has 40"}},
-        {[](const TempDir& dir) {
-             writeTrace(dir, Blocks{1, (uint64{1} << 63) - 1});
-         },
-         {"names block 9223372036854775807"}},
-        {[](const TempDir& dir) { writeTrace(dir, Blocks{}); }, {"/trace/img.trc' names no block that"}},
-        {[&](const TempDir& dir) { writeTrace(dir, Blocks{excluded}); }, {"names no block that"}},
+        {[&](const TempDir& dir) { writeTrace(dir, Blocks{excluded}); },
+         {"/trace/img.trc' names no block that"}},
         {cut, {"/trace/img.trc' has 40 bytes, its record says 48"}},
-        {[](const TempDir& dir) { fs::remove(dir.path("trace/img.trc")); }, {"/trace/img.trc"}},
         {[](const TempDir& dir) { fs::remove(dir.path("trace/trace.json")); }, {"/trace/trace.json"}},
         {[](const TempDir& dir) {
              std::string zqf = dir.read("image/img.zqf");
@@ -285,29 +279,6 @@ TEST(ImageOrder, APartialImageIsOrderedWithoutADigest) {
     ASSERT_EQ(order(dir), "");
     readOrder(dir, image);
     EXPECT_TRUE(ZqAppParams(SxString(dir.path("watched/index/"))).checksumZqf.isEmpty());
-}
-
-TEST(ImageOrder, DisturbedAnywhereItLeavesTheWholeIndexOrNone) {
-    TestRandom random;
-    const TestImage image(random, 12);
-    disturb(
-        [&](const TempDir& dir) {
-            writeImage(dir, image, 1);
-            writeTrace(dir, Blocks{3, 2, 1});
-            fs::create_directory(dir.path("watched"));
-        },
-        [](const TempDir& dir) { return order(dir); },
-        [&](const TempDir& dir, const std::string& failure) {
-            // Where it could be removed no more.
-            const bool isIndex = dir.exists("watched/index/app.json");
-            EXPECT_TRUE(!failure.empty() || isIndex);
-            if (isIndex) {
-                readOrder(dir, image);
-            }
-            fs::remove_all(dir.path("watched/index"));
-            EXPECT_EQ(order(dir), "");
-        },
-        512, 100);
 }
 
 TEST(ImageOrder, TheBuilderGivesTheSameOrder) {

@@ -7,7 +7,6 @@ namespace {
 
 std::string writeRaw(const TempDir& dir) {
     ZqImageRaw job(dir.path("image"), dir.path("watched/raw"));
-    jobUnderWay = &job;
     return failureOf(job);
 }
 
@@ -39,8 +38,6 @@ TEST(ImageRaw, AnIncompleteImageIsRefused) {
     const std::pair<std::function<void(const TempDir&)>, std::string> cases[] = {
         {[&](const TempDir& dir) { image.write(SxString(dir.path("image/")), image.nZqf() - 1); },
          "isn't complete: img.zqf has "},
-        {[](const TempDir& dir) { ZqImage(SxString(dir.path("image/"))).split(5000, false); },
-         "is split; join it first"},
         {[](const TempDir& dir) { fs::resize_file(dir.path("image/img.idx"), 19 * 8); },
          "has 19 entries, which doesn't fit"},
         {[&](const TempDir& dir) {
@@ -73,30 +70,4 @@ TEST(ImageRaw, TheImageItselfIsNoPlaceForIt) {
     EXPECT_EQ(contentOf(dir, "image"), before);
     ZqImageRaw above(dir.path("image"), dir.path());
     EXPECT_EQ(failureOf(above), "");
-}
-
-TEST(ImageRaw, DisturbedAnywhereItLeavesTheOldFileOrTheNewOne) {
-    TestRandom random;
-    const TestImage image(random, 12);
-    std::string made;
-    for (const std::string old : {"", "old"}) {
-        disturb(
-            [&](const TempDir& dir) {
-                image.write(SxString(dir.path("image/")));
-                fs::create_directory(dir.path("watched"));
-                if (!old.empty()) dir.write("watched/raw/img.raw", old);
-            },
-            writeRaw,
-            [&](const TempDir& dir, const std::string& failure) {
-                if (made.empty() && failure.empty()) made = dir.read("watched/raw/img.raw");
-                const bool there = dir.exists("watched/raw/img.raw");
-                const std::string left = there ? dir.read("watched/raw/img.raw") : "";
-                EXPECT_FALSE(dir.exists("watched/raw/img.raw.new") &&
-                             failure.find("remov") == std::string::npos && failure.empty());
-                EXPECT_TRUE(left == old || left.size() == image.raw.size()) << left.size();
-                EXPECT_EQ(writeRaw(dir), "");
-                EXPECT_EQ(dir.snapshot("watched").size(), 2U);
-            },
-            4096, 1000);
-    }
 }
