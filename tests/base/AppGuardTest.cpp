@@ -15,7 +15,6 @@
 
 namespace {
 
-/// Longer than what the system keeps of a name.
 /// Longer than the system's short name of a process, and of this process alone, since others may run the same
 /// test.
 const std::string GAME = "the-real-game-of-the-player-" + std::to_string(::getpid());

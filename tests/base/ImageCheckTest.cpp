@@ -134,24 +134,13 @@ TEST(ImageCheck, StoppedOrRefused) {
     EXPECT_THAT(failureOf(refused), HasSubstr("(split)"));
 }
 
-TEST(ImageInfo, CountsAndStates) {
-    TestRandom random(7);
-    TRACE_SEED(random);
-    const TestImage image(random, 300, 0.6);
-    uint64 nRuns = 0, expected = 0;
-    for (const uint64 zqfIdx : image.map) {
-        if (zqfIdx == ZqImage::NO_ENTRY) continue;
-        nRuns += zqfIdx == expected && nRuns > 0 ? 0 : 1;
-        expected = zqfIdx + 1;
-    }
+TEST(ImageInfo, RunsAndStates) {
+    TestRandom random;
+    TestImage image(random, 5, 1);
+    image.map = {ZqImage::NO_ENTRY, 3, 4, 0, 1};
     const TempDir dir;
-    for (const uint64 nBlocks : {uint64{50}, image.nZqf()}) {
-        image.write(dir.prefix(), nBlocks);
-        const ZqImageInfo info(dir.path());
-        EXPECT_THAT((std::vector{info.nRaw, info.nIncluded, info.nPresent, info.nRuns, info.sizeComplete}),
-                    ElementsAre(300U, image.nZqf(), nBlocks, nRuns, image.zqf.size()));
-        EXPECT_EQ(info.getStateText(), nBlocks == image.nZqf() ? "complete" : "partial");
-    }
+    image.write(dir.prefix());
+    EXPECT_EQ(ZqImageInfo(dir.path()).nRuns, 2U);
     const std::tuple<const char*, const char*, bool, bool> cases[] = {
         {"img.zqf.info", "partial", true, false},     {"img.zqf.join", "partial", true, true},
         {"img.zqf.split", "complete", false, false},  {"optimize.lock", "optimizing", false, false},

@@ -2,7 +2,6 @@
 #include "Builders.h"
 #include "SxFileIO.h"
 #include "ZqImage.h"
-#include "ZqLog.h"
 
 namespace {
 
@@ -53,20 +52,4 @@ TEST(ImageMap, ReadItemWalksTheFile) {
     EXPECT_THAT(
         failureOf([&] { ZqImage().readItem(&file); }),
         AllOf(StartsWith("Failed to read trace item block index: "), HasSubstr("Input/output error")));
-}
-
-TEST(ImageMap, PrintListsMultiplesOfTheStep) {
-    const TempDir dir;
-    dir.write("img.idx", idxBytes(std::vector<uint64>(12, 1234)));
-    std::string logged;
-    ZqLog::setSink([&](const SxString&, const SxString& text) { logged += text.str().substr(4, 2); });
-    for (const auto& [first, last, step] :
-         {std::tuple{0U, 10U, 4U}, {3U, 10U, 4U}, {0U, 0U, 5U}, {9U, 99U, 1U}, {7U, 3U, 1U}}) {
-        ZqImage(dir.prefix()).print(first, last, step);
-        logged += "/";
-    }
-    ZqLog::setSink(nullptr);
-    EXPECT_EQ(logged, "0 4 8 /4 8 /0 5 10/9 1011//");
-    EXPECT_EQ(ZqImage::formatEntry(4, NONE), "RAW=4         (not included)\n");
-    EXPECT_EQ(ZqImage::formatEntry(1234567890, 3), "RAW=1234567890 ZQF=3        \n");
 }
