@@ -1,3 +1,4 @@
+#include "Failure.h"
 #include "UnderflowRun.h"
 
 using Requests = std::vector<std::pair<uint64, uint64>>;
@@ -299,14 +300,6 @@ TEST(OnDemand, AStopDoesNotWaitForAFetch) {
 }
 
 TEST(OnDemand, OneSourceOnly) {
-    const auto failureOf = [](const std::function<void()>& action) -> std::string {
-        try {
-            action();
-        } catch (const SxException& e) {
-            return e.what();
-        }
-        return "";
-    };
     UnderflowRun run;
     run.make();
     for (int i = 0; i < 2; ++i) {
