@@ -74,16 +74,7 @@ void saveAtomically(const string& path, const string& text) {
 }
 
 TreeSnapshot treeOf(const string& folder) {
-    TreeSnapshot tree;
-    for (const auto& entry : fs::recursive_directory_iterator(folder)) {
-        TreeMark mark{TreeMark::Folder, 0, 0};
-        if (entry.is_regular_file()) {
-            const string bytes = TempDir::readFile(entry.path());
-            mark = {TreeMark::File, bytes.size(), std::hash<string>()(bytes)};
-        }
-        tree[entry.path().lexically_relative(folder).string()] = mark;
-    }
-    return tree;
+    return TempDir::snapshotOf(folder);
 }
 
 class Drive : public DriveRun {

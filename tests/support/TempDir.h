@@ -71,8 +71,10 @@ public:
     }
     /// The state of everything below the folder, or below a sub-folder.
     TreeSnapshot snapshot(std::string_view below = "") const {
+        return snapshotOf(below.empty() ? folder : folder / below);
+    }
+    static TreeSnapshot snapshotOf(const std::filesystem::path& root) {
         TreeSnapshot marks;
-        const std::filesystem::path root = below.empty() ? folder : folder / below;
         for (const auto& entry : std::filesystem::recursive_directory_iterator(root)) {
             marks[entry.path().lexically_relative(root).string()] = markOf(entry);
         }
