@@ -4,8 +4,9 @@
     bench/peers/held_out.py [--link MBIT] [--games NAME...] [--only NAME] [--build DIR] [--dir DIR]
 
 Each game is played from a mounted image several times, in different ways, and each time traced. Then each run in turn is
-held out: the traces of all others make an order (`image order`), and the held-out run is laid against it. It starts when
-`image info --speed` calls that safe, and the download goes on in order at the link's speed:
+held out: the traces of all others are merged (`trace merge`) and make an order (`image order`), and the held-out run is
+laid against it. It starts when `image info --speed` calls that safe, and the download goes on in order at the link's
+speed:
 
     reads          blocks that it reads
     not named      those that none of the other runs has read
@@ -14,8 +15,8 @@ held out: the traces of all others make an order (`image order`), and the held-o
     never used     what of that the run never reads
     first frame    what must have arrived for it: in RAW order, in this order, and what was read
 
-Megabytes are those of `img.zqf`; a packed one has fewer on the link, and is as much faster. Needs root; what it starts,
-mounts and writes is gone at the end.
+A line for each game says what its runs have on average. Megabytes are those of `img.zqf`; a packed one has fewer on the
+link, and is as much faster. Needs root; what it starts, mounts and writes is gone at the end.
 """
 
 import argparse
@@ -60,36 +61,24 @@ GAMES = {
 }
 
 
+def read_items(trace):
+    """The blocks that a trace names, with milliseconds since 1970."""
+    data = (trace / "img.trc").read_bytes()
+    return [(block & ~MARK, time // UNITS_PER_MS - MS_FROM_1601_TO_1970)
+            for block, time in struct.iter_unpack("<QQ", data[: len(data) // 16 * 16])]  # fmt: skip
+
+
 class Run:
     """What a session has read: blocks with milliseconds from its first read of content."""
 
-    def __init__(self, folder, front, frame):
-        record = json.loads((folder / "trace.json").read_text(encoding="utf-8"))
-        self.build = record["checksums"]["mnt"]
-        data = (folder / "img.trc").read_bytes()
-        items = [(block & ~MARK, time // UNITS_PER_MS - MS_FROM_1601_TO_1970)
-                 for block, time in struct.iter_unpack("<QQ", data[: len(data) // 16 * 16])]  # fmt: skip
+    def __init__(self, trace, front, frame):
+        self.trace = trace
+        items = read_items(trace)
         start = next(time for block, time in items if block not in front)
         self.first = {}
         for block, time in items:
             self.first.setdefault(block, max(time - start, 0))
         self.frame = frame - start
-
-
-def merge(runs, folder):
-    """Each block once, as early as any run has it."""
-    earliest = {}
-    for run in runs:
-        for block, time in run.first.items():
-            earliest[block] = min(time, earliest.get(block, time))
-    folder.mkdir()
-    items = sorted(earliest.items(), key=lambda item: item[1])
-    with open(folder / "img.trc", "wb") as file:
-        for block, time in items:
-            file.write(struct.pack("<QQ", block, (time + MS_FROM_1601_TO_1970) * UNITS_PER_MS))
-    record = {"version": 2, "time0": 0, "method": "merge", "size": 16 * len(items), "checksums": {"mnt": runs[0].build}}
-    (folder / "trace.json").write_text(json.dumps(record), encoding="utf-8")
-    return earliest.keys()
 
 
 def read_map(folder):
@@ -139,9 +128,10 @@ class Bench:
     def judge(self, number, runs):
         """The figures of the run that is held out."""
         held = runs[number]
-        trace, index = self.folder / f"merged{number}", self.folder / f"index{number}"
-        named = merge(runs[:number] + runs[number + 1 :], trace)
-        self.product.tavrin("image", "order", self.image, trace, index)
+        merged, index = self.folder / f"merged{number}", self.folder / f"index{number}"
+        self.product.tavrin("trace", "merge", merged, *(run.trace for run in runs if run is not held))
+        self.product.tavrin("image", "order", self.image, merged, index)
+        named = {block for block, _ in read_items(merged)}
         info = self.product.tavrin("image", "info", index, "--speed", self.options.link, "--json")
         at_start = json.loads(info)["forecast"]["sizeInit"]
         order = read_map(index)
@@ -173,7 +163,11 @@ class Bench:
         rows = [self.judge(number, runs) for number in range(len(runs))]
         for words, values in zip(self.sessions, rows, strict=True):
             row("  " + (" ".join(words).replace("{}/data/levels/", "") or "menu"), values)
-        row("  mean", [statistics.mean(column) for column in zip(*rows, strict=True)])
+        means = [statistics.mean(column) for column in zip(*rows, strict=True)]
+        row("  mean", means)
+        late, unused = means[2], means[4]
+        print(f"{self.name}: {late:.2f} % of the reads of a run that is held out would be underflows, "
+              f"{unused:.2f} MB were there early and are never used", flush=True)  # fmt: skip
 
 
 @contextlib.contextmanager
