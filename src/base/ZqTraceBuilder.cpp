@@ -11,6 +11,7 @@
 #include "ZqTraceRecords.h"
 #include "ZqTraceSources.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <map>
 #include <optional>
@@ -54,9 +55,26 @@ std::optional<ZqTraceParams> readRecord(const SxString& path) {
     try {
         return ZqTraceParams(path);
     } catch (const SxException& e) {
-        log("Corrupted trace " + path + ": " + e.what());
+        log("Corrupted trace " + path);
+        log(e.what());
         return {};
     }
+}
+
+/// Why the items can be none of a trace; empty where they can.
+SxString findDamage(const ZqTrace::Items& items) {
+    for (const ZqTraceItem& item : items) {
+        if (item.block >= ZqTraceRecords::MAX_BLOCKS)
+            return "It names block " + SxString(item.block) + ", which no disk has";
+    }
+    return {};
+}
+
+/// Whether records can hold the times of the run where its first item is put at `start`.
+bool fitsBehind(const ZqTrace::Items& run, uint64 start) {
+    return std::all_of(run.begin(), run.end(), [&](const ZqTraceItem& item) {
+        return ZqTraceRecords::holds(item.time - run(0).time + start);
+    });
 }
 
 } // namespace
@@ -81,15 +99,18 @@ public:
         // Where the record tells none, the items do.
         if (base->duration > 0) duration = base->duration;
     }
-    /// Appends a run behind the end. False, with nothing done, where a record can't hold its times there.
+    /// Appends a run behind the end. False, with nothing done, where a record can't hold its times at all.
+    /// Raises where the end lies so far that it could elsewhere: what came before is at fault, not the run.
     bool append(const ZqTrace::Items& run) {
-        const uint64 end = static_cast<uint64>(base->time0) + static_cast<uint64>(duration);
-        const uint64 shift = run.getSize() > 0 ? end - run(0).time : 0;
-        for (const ZqTraceItem& item : run) {
-            if (!ZqTraceRecords::holds(item.time + shift)) return false;
+        const uint64 start = static_cast<uint64>(base->time0), end = start + static_cast<uint64>(duration);
+        if (!fitsBehind(run, end)) {
+            if (!fitsBehind(run, start)) return false;
+            throw SxException("The traces from '" + base->pathPrefix +
+                                  "' on last too long for another one; the times of one of them are damaged",
+                              UNIT, __LINE__);
         }
         base->firstSessionBlockIndex = items.getSize();
-        add(run, shift);
+        add(run, run.getSize() > 0 ? end - run(0).time : 0);
         return true;
     }
     /// Writes the whole, but for its record, which is given.
@@ -245,16 +266,19 @@ void ZqTraceBuilder::join(std::vector<Run>* runs, Joined* joined) {
             continue;
         }
         const auto items = ZqTrace::getItems(run->path, false, true, true);
-        if (!joined->hasBase()) {
+        SxString damage = findDamage(*items);
+        if (damage.isEmpty() && !joined->hasBase()) {
             log("Base trace " + run->path);
             joined->begin(*run->record, *items);
-        } else {
+        } else if (damage.isEmpty()) {
             log("Appending trace " + run->path);
-            if (!joined->append(*items)) {
-                log("Corrupted trace" + run->path + ": it has times that no trace can hold");
-                ++nCorrupted;
-                continue;
-            }
+            if (!joined->append(*items)) damage = "It has times that no trace can hold";
+        }
+        if (!damage.isEmpty()) {
+            log("Corrupted trace" + run->path);
+            log(damage);
+            ++nCorrupted;
+            continue;
         }
         ++nJoined;
     }

@@ -13,6 +13,8 @@
 namespace ZqTraceRecords {
 
 constexpr int64 SIZE = 16;
+/// No disk has so many blocks: its size in bytes is a signed 64-bit number.
+constexpr uint64 MAX_BLOCKS = uint64{1} << 51;
 /// Records that are read or written with one call: a mebibyte.
 constexpr int64 CHUNK = 65536;
 /// The mark of a record, in its first field.

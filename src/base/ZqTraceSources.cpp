@@ -1,6 +1,7 @@
 #include "ZqTraceSources.h"
 
 #include "SxFSAction.h"
+#include "SxFileIO.h"
 #include "SxJSONParser.h"
 #include "SxMd5.h"
 #include "SxTime.h"
@@ -87,9 +88,11 @@ void ZqTraceSources::write(const SxString& path) const {
 std::optional<ZqTraceSources> ZqTraceSources::read(const SxString& path) {
     // A trace that was cut off while it was written has no record yet.
     if (!SxFSAction::test_f(path + NOTE) || !ZqTraceParams::isValid(path)) return {};
+    // A disk that fails says nothing of the note: without it, what went in would be joined again.
+    const SxString text = SxFileIO::readUtf8(path + NOTE);
     try {
         SxJSONParser parser;
-        parser.readFile(path + NOTE);
+        parser.readString(text, path + NOTE);
         const SxSymbol root = parser.getRootSymbol();
         ZqTraceSources note(root.getElem("target").toString());
         note.aside = root.getElem("aside").toString();

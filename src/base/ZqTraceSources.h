@@ -20,7 +20,8 @@ public:
     void add(const SxString& tracesPath, const SxString& name);
     /// Writes the note into the trace folder `path`.
     void write(const SxString& path) const;
-    /// The note of a complete trace; none where there is none, or it can't be read.
+    /// The note of a complete trace; none where there is none, or what stands there is none. Raises where it
+    /// can't be read.
     static std::optional<ZqTraceSources> read(const SxString& path);
 
     /// Puts the complete trace in the folder `name` of `tracesPath` in its place, removes the folders that

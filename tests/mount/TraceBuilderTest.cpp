@@ -1,3 +1,4 @@
+#include "FaultOs.h"
 #include "MountTest.h"
 #include "SxFileInfo.h"
 #include "SxMd5.h"
@@ -172,6 +173,8 @@ TEST(TraceBuilder, WhatIsDamagedGoesAndWhatIsNoTraceStays) {
     sweep.dir.write(sweep.traces + "cut/trace.json", R"({"version": 2, "ti)");
     sweep.makeRun("without items", 3, {7});
     fs::remove(sweep.dir.path(sweep.traces + "without items/img.trc"));
+    // The first of all; joined to it, the good one could be used no more.
+    sweep.makeRun("wild", 0, {7, uint64{1} << 51});
     fs::create_directory(sweep.dir.path(sweep.traces + "nothing"));
     sweep.dir.write(sweep.traces + "half/img.trc.tmp", "of a sweep that was cut off");
     // Behind the good one its times would lie where no record reaches.
@@ -182,7 +185,7 @@ TEST(TraceBuilder, WhatIsDamagedGoesAndWhatIsNoTraceStays) {
     EXPECT_EQ(sweep.nJoined, 1);
     EXPECT_EQ(sweep.itemsOf("merged").size(), 2U);
     EXPECT_EQ(sweep.nLogged("ZqTraceBuilder::main: Corrupted trace"), sweep.nCorrupted);
-    EXPECT_EQ(sweep.nCorrupted, 6);
+    EXPECT_EQ(sweep.nCorrupted, 7);
     EXPECT_THAT(sweep.names(), ElementsAre("letters", "merged", "note.txt"));
 
     // Nothing that can be read at all: the folders go, no result comes.
@@ -230,6 +233,13 @@ TEST(TraceBuilder, GivesUpAndTouchesNothing) {
     EXPECT_EQ(sweep.dir.read(sweep.traces + "letters/dear.txt"), "precious");
     fs::remove_all(sweep.dir.path(sweep.traces + "letters"));
     EXPECT_EQ(sweep.dir.snapshot(sweep.traces), before);
+    // Where it is the first that has no end, the others aren't damaged.
+    ZqTraceParams endless(sweep.folder("a"));
+    endless.duration = std::numeric_limits<int64>::max();
+    endless.write();
+    const TreeSnapshot withEndless = sweep.dir.snapshot(sweep.traces);
+    EXPECT_THAT(sweep.sweep(), HasSubstr("last too long for another one"));
+    EXPECT_EQ(sweep.dir.snapshot(sweep.traces), withEndless);
     fs::remove_all(sweep.dir.path(sweep.traces));
     EXPECT_EQ(sweep.sweep(&stopped), "");
     EXPECT_TRUE(stopped);
@@ -266,6 +276,13 @@ TEST(TraceBuilder, GoesOnWhereItWasCutOffWithoutWhatIsNewSince) {
                 R"(", "size": 16}, {"name": ")" + b + R"(", "record": "of another", "size": 32}]})");
     };
     note("merged", "b");
+    {
+        const TreeSnapshot before = sweep.dir.snapshot(sweep.traces);
+        FaultOs os(sweep.dir.path());
+        os.failNth(FaultOs::Op::Open, 1, EIO, "sources.json");
+        EXPECT_THAT(sweep.sweep(), testing::StartsWith("Trace builder failed."));
+        EXPECT_EQ(sweep.dir.snapshot(sweep.traces), before) << "what has no note would be joined again";
+    }
     EXPECT_EQ(sweep.sweep(), "");
     EXPECT_THAT(sweep.names(), ElementsAre("merged"));
     EXPECT_EQ(sweep.nJoined, 2);
