@@ -226,6 +226,7 @@ bool ZqTrace::write(const SxConstPtr<SxArray<uint64>>& blocks, const SxString& p
                     const SxString& buildId) {
     auto times = SxPtr<SxArray<uint64>>::create(blocks->getSize());
     times->set(static_cast<uint64>(ZqSysEnv::getSysTime()));
+    ZqTraceRecords::refuseRecording(path);
     ZqTraceParams().write(path);
     return write(blocks, times, path, ZqTraceParams::FileScan, buildId);
 }
@@ -255,6 +256,11 @@ bool ZqTrace::write(const SxConstPtr<SxArray<uint64>>& blocks, const SxConstPtr<
 
 bool ZqTrace::write(const SxConstPtr<Items>& items, const SxString& path, ZqTraceParams::Method method,
                     const SxString& buildId) {
+    return write(items, path, method, buildId, [] {});
+}
+
+bool ZqTrace::write(const SxConstPtr<Items>& items, const SxString& path, ZqTraceParams::Method method,
+                    const SxString& buildId, const std::function<void()>& prepareRecord) {
     const SxString record = path + ZqTraceFiles::RECORD, file = path + ZqTraceFiles::ITEMS;
     SxFSAction::mkdir_p(SxFileInfo(record).getPath(), 0777);
     ZqTraceRecords::Summary summary;
@@ -263,6 +269,7 @@ bool ZqTrace::write(const SxConstPtr<Items>& items, const SxString& path, ZqTrac
     } catch (const SxException& e) {
         throw SxException(e, "The trace file [" + file + "] cannot be written.", UNIT, __LINE__);
     }
+    prepareRecord();
     try {
         finishRecord(path, summary, method, buildId);
     } catch (const SxException& e) {

@@ -6,6 +6,8 @@
 #include "ZqTraceItem.h"
 #include "ZqTraceParams.h"
 
+#include <functional>
+
 /// A trace folder: which block of an image was touched, and when. Paths of folders end in a slash. Not
 /// locked.
 ///
@@ -124,6 +126,11 @@ public:
     void mapToImage(const SxString& patchPath, const SxString& outPath) const;
 
 private:
+    /// Calls `prepareRecord` between the items and their record: what fails ahead of it leaves the record
+    /// alone.
+    static bool write(const SxConstPtr<Items>& items, const SxString& path, ZqTraceParams::Method method,
+                      const SxString& buildId, const std::function<void()>& prepareRecord);
+
     SxString pathPrefix;
     SxPtr<Items> loaded; ///< null until read()
 };

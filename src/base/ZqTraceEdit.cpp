@@ -43,6 +43,8 @@ std::optional<ZqTraceItem> findFirst(const SxString& path, const SxIndexSet& blo
 void ZqTrace::trim() {
     try {
         if (!loaded) throw SxException("No trace data loaded", UNIT, __LINE__);
+        // Copies of this object share its items, and keep theirs.
+        if (loaded.shared().use_count() > 1) loaded = SxPtr<Items>::create(*loaded);
         const int64 n = loaded->getSize();
         SxIndexSet seen(n);
         keepOnly(loaded.getPtr(), [&](const ZqTraceItem& item) { return seen.insert(item.block); });
@@ -56,9 +58,7 @@ void ZqTrace::trim() {
 void ZqTrace::trim(const SxString& outPath) {
     const ZqTraceParams record(pathPrefix);
     const SxPtr<Items> items = getItems(true, true, true);
-    ZqTraceRecords::refuseRecording(outPath);
-    record.write(outPath);
-    write(items, outPath, record.method, record.checksumMnt);
+    write(items, outPath, record.method, record.checksumMnt, [&] { record.write(outPath); });
 }
 
 void ZqTrace::dropTime(int64 from, int64 to) {
@@ -130,8 +130,8 @@ void ZqTrace::append(const SxString& otherPath, const SxString& outPath, int gap
         joined->append(ZqTraceItem(item.block, item.time - (*other)(0).time + end, item.flag));
     loaded = joined;
     ZqTraceRecords::Summary summary;
-    SxFSAction::mkdir_p(SxFileInfo(outPath + ZqTraceFiles::ITEMS).getPath(), 0777);
     try {
+        SxFSAction::mkdir_p(SxFileInfo(outPath + ZqTraceFiles::ITEMS).getPath(), 0777);
         summary = ZqTraceRecords::replace(outPath, [&](ZqTraceRecords::Writer* out) {
             for (const ZqTraceItem& item : *joined)
                 out->put(item);

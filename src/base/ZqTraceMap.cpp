@@ -55,7 +55,6 @@ void logResult(int64 nItems, uint64 nMapped, uint64 nLost) {
 /// Puts the record of the trace in `from` into the folder `to`, whatever it holds.
 void copyRecord(const SxString& from, const SxString& to) {
     if (SxFileInfo(from).getAbsPath() == SxFileInfo(to).getAbsPath()) return;
-    SxFSAction::mkdir_p(SxFileInfo(to + ZqTraceFiles::RECORD).getPath(), 0777);
     SxFileIO::writeAtomic(to + ZqTraceFiles::RECORD, SxFileIO::readUtf8(from + ZqTraceFiles::RECORD));
 }
 
@@ -94,7 +93,5 @@ void ZqTrace::mapToImage(const SxString& patchPath, const SxString& outPath) con
         ++nMapped;
     }
     logResult(items->getSize(), nMapped, nLost);
-    ZqTraceRecords::refuseRecording(outPath);
-    copyRecord(pathPrefix, outPath);
-    write(items, outPath, ZqTraceParams::Patch, app.checksumMnt);
+    write(items, outPath, ZqTraceParams::Patch, app.checksumMnt, [&] { copyRecord(pathPrefix, outPath); });
 }

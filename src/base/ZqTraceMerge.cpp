@@ -139,6 +139,18 @@ void construct(std::vector<Source>* sources, int64 nItems, int64 now, ZqTraceRec
     }
 }
 
+/// Says of what fails in `action` that it was the record of the trace in `path`, as ZqTrace::write() does.
+template<class Action>
+void withRecordOf(const SxString& path, Action&& action) {
+    try {
+        action();
+    } catch (const SxException& e) {
+        throw SxException(
+            e, "The trace meta information [" + path + ZqTraceFiles::RECORD + "] cannot be written.", UNIT,
+            __LINE__);
+    }
+}
+
 /// Shows 2 of 3 as "66.7".
 SxString percentage(int64 part, int64 whole) {
     return SxString::sprintf("%4.1lf", static_cast<double>(part) * 100.0 / static_cast<double>(whole));
@@ -164,7 +176,9 @@ void ZqTrace::merge(const SxString& outPath, const SxConstPtr<SxArray<ZqTrace>>&
     }
     // What a former record says beyond a merge stays.
     ZqTraceParams record;
-    if (SxFSAction::test_f(outPath + ZqTraceFiles::RECORD)) record = ZqTraceParams(outPath);
+    withRecordOf(outPath, [&] {
+        if (SxFSAction::test_f(outPath + ZqTraceFiles::RECORD)) record = ZqTraceParams(outPath);
+    });
     SxFSAction::mkdir_p(SxFileInfo(outPath + ZqTraceFiles::RECORD).getPath(), 0777);
 
     ZqTraceRecords::Summary summary;
@@ -187,7 +201,7 @@ void ZqTrace::merge(const SxString& outPath, const SxConstPtr<SxArray<ZqTrace>>&
     record.method = ZqTraceParams::Merge;
     record.checksumTrc = summary.digest;
     record.checksumMnt = buildId;
-    record.write(outPath);
+    withRecordOf(outPath, [&] { record.write(outPath); });
 }
 
 ZqTrace::Difference ZqTrace::compare(const SxString& otherPath) const {

@@ -246,7 +246,8 @@ TEST(TraceOps, MergeOfLongTracesAndOfOthersRecords) {
               }),
               "Cannot trace data. File '" + dir.path("none/img.trc") + "' not found!");
     dir.write("out/trace.json", "{");
-    EXPECT_THAT(failureOf([&] { ZqTrace::merge(out, asList(paths)); }), StartsWith("Failed to read file "));
+    EXPECT_THAT(failureOf([&] { ZqTrace::merge(out, asList(paths)); }),
+                StartsWith("The trace meta information [" + out.str() + "trace.json] cannot be written."));
     former.write(out);
     record.write(out);
     EXPECT_EQ(dir.snapshot(), before);
@@ -302,10 +303,13 @@ TEST(TraceOps, TrimKeepAndShift) {
     ZqTrace trace;
     EXPECT_THAT(failureOf([&] { trace.trim(); }), StartsWith("Failed to trim trace items: "));
     trace.read(path);
+    ZqTrace copy = trace;
     trace.trim();
     trace.write(dir.path("memory/"));
     const ItemList once = at({{1, 95}, {~uint64{2}, 100}, {3, 109}});
     EXPECT_EQ(itemsOf(dir.path("memory/")), once);
+    copy.write(dir.path("copy/"));
+    EXPECT_EQ(itemsOf(dir.path("copy/")), itemsOf(path));
 
     // All fields of the record come over; a duration that it lacks is that of the whole trace.
     Params record(path);
@@ -322,6 +326,16 @@ TEST(TraceOps, TrimKeepAndShift) {
     out.size = record.size;
     out.checksumTrc = record.checksumTrc;
     EXPECT_EQ(out, record);
+    {
+        // On a full disk, the trace that was to be replaced stays, with its own record.
+        out.guid = "another";
+        out.write(dir.path("out/"));
+        const TreeSnapshot former = dir.snapshot();
+        FaultOs os(dir.path());
+        os.failNth(Op::Write, 1, ENOSPC, "img.trc");
+        EXPECT_THAT(failureOf([&] { ZqTrace(path).trim(dir.path("out/")); }), StartsWith("The trace file ["));
+        EXPECT_EQ(dir.snapshot(), former);
+    }
     ZqTrace(path).trim(path);
     EXPECT_EQ(itemsOf(path), once);
 
@@ -386,12 +400,15 @@ TEST(TraceOps, Append) {
     EXPECT_EQ(relative(out), at({{2, 0}, {~uint64{1}, -1}, {3, 13}}));
 
     // A record that lies so far that no time can be told, and a folder that is no trace.
+    dir.write("file", "");
     record.duration = std::numeric_limits<int64>::max();
     record.write(path);
     const TreeSnapshot tree = dir.snapshot();
     EXPECT_THAT(failureOf([&] { ZqTrace(path).append(other, out, 0); }),
                 AllOf(StartsWith("Failed to write " + out.str() + "img.trc trace data: "),
                       HasSubstr(" of block 2 is none that a trace can hold")));
+    EXPECT_THAT(failureOf([&] { ZqTrace(none).append(other, dir.path("file/below/"), 0); }),
+                StartsWith("Failed to write " + dir.path("file/below/img.trc") + " trace data: "));
     EXPECT_THAT(failureOf([&] { ZqTrace(path).append(dir.path("no/"), out, 0); }),
                 StartsWith("Failed to read file " + dir.path("no/trace.json")));
     EXPECT_EQ(dir.snapshot(), tree);
@@ -523,12 +540,14 @@ TEST(TraceOps, WhatADriveRecordsIntoIsNotTouched) {
     fs::create_directory_symlink(dir.path("live"), dir.path("link"));
     const TreeSnapshot before = dir.snapshot();
     for (const SxString& path : {live, SxString(dir.path("link/")), SxString(dir.path("other/../live/"))}) {
-        const std::function<void()> actions[] = {[&] { ZqTrace(path).dropTime(2, 2); },
-                                                 [&] { ZqTrace(path).shift(1); },
-                                                 [&] { ZqTrace(path).align(other); },
-                                                 [&] { ZqTrace(other).trim(path); },
-                                                 [&] { ZqTrace(other).append(other, path, 0); },
-                                                 [&] { ZqTrace::merge(path, asList({other})); }};
+        const std::function<void()> actions[] = {
+            [&] { ZqTrace(path).dropTime(2, 2); },
+            [&] { ZqTrace(path).shift(1); },
+            [&] { ZqTrace(path).align(other); },
+            [&] { ZqTrace(other).trim(path); },
+            [&] { ZqTrace(other).append(other, path, 0); },
+            [&] { ZqTrace::merge(path, asList({other})); },
+            [&] { ZqTrace::write(SxPtr<SxArray<uint64>>::create(), path, "build"); }};
         for (const auto& action : actions) {
             EXPECT_THAT(failureOf(action),
                         HasSubstr("A mounted drive records into the trace '" + path.str() + "'"));
