@@ -134,8 +134,12 @@ step='serving the ordered image'
 image=$ordered
 serve "$image"
 step='the run that plays while the ordered image arrives'
-play ordered --now --keep-mounted
+pages=$PWD/build/demo
+mkdir -p "$pages"
+play ordered --now --keep-mounted --page "$pages/run.html"
 "$tavrin" umount "$work/got-ordered" --quiet
+step='the pictures'
+"$tavrin" trace plot "$work/merged" "$pages/trace.svg" --quiet
 
 step='the table'
 printf '\n%-44s %8s %8s %17s %15s %17s\n' '' 'first' 'there at' 'underflows' 'on demand' 'over the link, MB'
@@ -145,4 +149,5 @@ row download 'downloaded as a whole, then started' "$download" "$size"
 row plain 'started at once, and played while it arrives' 0 0
 row packed 'the same, from a packed image' 0 0
 row ordered 'the same, ordered by the trace of a run' 0 0
-printf '\nAll images are equal to the published one, byte for byte.\n'
+printf '\nAll images are equal to the published ones, byte for byte.\n'
+printf 'The page of the last run, and what the trace looks like: %s\n' "$pages/run.html" "$pages/trace.svg"

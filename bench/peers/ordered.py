@@ -175,7 +175,7 @@ class OrderBench(Starter):
         frames = packed_sizes(served / "img.zqf.zst")
         n_frames = -(-end * BLOCK // (50 * BLOCK))
         prefix, ideal = sum(frames[:n_frames]), self.ideals[session]
-        late = report["lastUnderflowMs"] - report["firstFrameMs"]
+        late = report.get("lastWaitMs", 0) - report["firstFrameMs"]
         demanded = report["bytesOnDemand"]
         text = f"  {name}: the frame needed the first {prefix / 1e6:.2f} MB, {prefix / ideal:.2f} of the ideal"
         table.goal(f"{text}  goal <= 1.2", prefix <= 1.2 * ideal) if session == FIRST else print(text)

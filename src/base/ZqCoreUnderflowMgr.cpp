@@ -132,6 +132,12 @@ ZqRuntimeInfo ZqCoreUnderflowMgr::getRuntimeInfo() const {
     return runtimeInfo;
 }
 
+bool ZqCoreUnderflowMgr::isReadWaiting() {
+    const bool isWaiting = mountMgr.isUnderflow(path);
+    if (isWaiting) lastWaitNs = SxClock::get().steadyNs();
+    return isWaiting;
+}
+
 void ZqCoreUnderflowMgr::countUnderflow(int64 size) {
     const SxMutexBlock lock(&infoMutex);
     ++runtimeInfo.nUnderflows;
@@ -235,7 +241,7 @@ void ZqCoreUnderflowMgr::checkInstantUnderflow() {
     }
     zqLogMsg("base", SxString(INSTANT) + "Critical instant underflow. ETA : " + eta);
     countUnderflow(static_cast<int64>(size));
-    for (int64 nRefused = 0; !stopRequested() && mountMgr.isUnderflow(path);) {
+    for (int64 nRefused = 0; !stopRequested() && isReadWaiting();) {
         if (windowSearch) minimizeGhost();
         if (canFetch() && onDemand()) continue;
         if (windowSearch && steadyMs() - t0 > std::max(appParams.underflowDelay, INSTANT_S) * 1000) {
@@ -325,7 +331,7 @@ void ZqCoreUnderflowMgr::openStatistics() {
 
 void ZqCoreUnderflowMgr::awaitFirstUnderflow() {
     while (!stopRequested()) {
-        if (mountMgr.isUnderflow(path)) {
+        if (isReadWaiting()) {
             checkInstantUnderflow();
             return;
         }
@@ -334,7 +340,7 @@ void ZqCoreUnderflowMgr::awaitFirstUnderflow() {
 }
 
 void ZqCoreUnderflowMgr::turn(Watch* watch) {
-    bool underflow = mountMgr.isUnderflow(path);
+    bool underflow = isReadWaiting();
     if (underflow) {
         watch->resolved = false;
     } else if (!isMinimized()) {

@@ -77,6 +77,9 @@ public:
     uint64 getUnderflowETA() const;
     /// A copy of the statistics.
     ZqRuntimeInfo getRuntimeInfo() const SX_EXCLUDES(infoMutex);
+    /// When a read was last seen to wait for its blocks, however short that was; steady clock in ns, 0 for
+    /// never.
+    int64 getLastWaitNs() const noexcept { return lastWaitNs; }
 
     /// Resolves an underflow at a time at which no window is to be minimised; blocks until it is resolved or
     /// the job is stopped.
@@ -130,6 +133,8 @@ private:
     bool enterUnderflow(Watch* watch);
     void leaveUnderflow(Watch* watch);
     bool hasDownloadPassed() const;
+    /// Looks at the drive, and notes the time where a read waits.
+    bool isReadWaiting();
     void resumeDrive();
     void countUnderflow(int64 size) SX_EXCLUDES(infoMutex);
     void timeUnderflow(int64 ms) SX_EXCLUDES(infoMutex);
@@ -168,7 +173,7 @@ private:
     std::atomic<ZqDesktop::Handle> appWindow{0};
     std::atomic<bool> windowSearch{true}, minimizedFlag{false}, underflowFlag{false}, stopFlag{false};
     std::atomic<uint64> resumeIdx{0};
-    std::atomic<int64> nTakenAway{0};
+    std::atomic<int64> nTakenAway{0}, lastWaitNs{0};
     bool driveSuspended = false; ///< by this job, and not resumed yet
     bool driveGone = false;      ///< since the start of the job
     int64 instantMs = 0;         ///< when an instant underflow began that was left to the turns; 0 none

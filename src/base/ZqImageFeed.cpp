@@ -465,6 +465,10 @@ void ZqImageFeed::restoreWindow() {
     }
 }
 
+int64 ZqImageFeed::getLastWaitNs() const {
+    return manager ? manager->getLastWaitNs() : 0;
+}
+
 ZqRuntimeInfo ZqImageFeed::getRuntimeInfo() const {
     return manager ? manager->getRuntimeInfo() : ZqRuntimeInfo();
 }

@@ -93,6 +93,8 @@ public:
     SxString getLinkStatus() const;
     /// The underflows and on-demand requests so far.
     ZqRuntimeInfo getRuntimeInfo() const;
+    /// When a read of the drive was last seen to wait; steady clock in ns, 0 for never.
+    int64 getLastWaitNs() const;
     Speeds getSpeeds() const;
     /// Whether something has ended the download that can't be mended, and raises that.
     bool hasFailed() const;

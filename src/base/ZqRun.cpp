@@ -540,6 +540,7 @@ void ZqRun::fillResult() {
     info.reqSpeed =
         static_cast<double>(feed.getApp().getBpS(static_cast<uint64>(info.preloadSize))) / BYTES_OF_MBIT;
     info.prefetchSizeMB = info.preloadSize / 1'000'000;
+    if (const int64 ns = feed.getLastWaitNs(); ns > 0) result.lastWaitMs = (ns - beginNs) / 1'000'000;
     result.link = status.link;
     result.image = status.image;
 }
@@ -549,6 +550,7 @@ SxSymbol ZqRun::toJson() const {
     if (!result.isExitKnown) root.getElem("exitCode").setType(SxParserAst::Null);
     root.append("startMs", result.startMs);
     if (result.firstFrameMs >= 0) root.append("firstFrameMs", result.firstFrameMs);
+    if (result.lastWaitMs >= 0) root.append("lastWaitMs", result.lastWaitMs);
     root.append("traceFolder", result.traceFolder);
     root.append("bytesReceived", result.link.nBytes);
     root.append("bytesOnDemand", result.link.nOnDemandBytes);

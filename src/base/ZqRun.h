@@ -43,6 +43,7 @@ public:
         bool isExitKnown = false; ///< `info.exitCode` is that of the application
         int64 startMs = -1;       ///< from the beginning of the run to the application's start
         int64 firstFrameMs = -1;  ///< to its first frame; -1 where that isn't known
+        int64 lastWaitMs = -1;    ///< to the last moment at which a read waited for blocks; -1 for never
         int64 mountMs = -1;       ///< until the drive was up; -1 where it was so before, or never
         int64 lengthMs = 0;       ///< to the end of the run, without the time that ending it took
         ZqRunSeries series;       ///< of a run with an application, from the beginning of its download on
