@@ -139,7 +139,7 @@ SxArray<uint64> ZqCoreUnderflowMgr::popQueue(uint64 count) const {
 
 bool ZqCoreUnderflowMgr::onDemand() {
     try {
-        while (mountMgr.isUnderflow(path)) {
+        while (isReadWaiting()) {
             if (stopRequested() || !runPass()) return false;
         }
         edgeIdx = 0;
