@@ -63,6 +63,8 @@ void ZqImageStaging::replace() {
     // app.json goes first and comes last: without it, a folder that was cut off half way isn't taken for an
     // image.
     const SxString app = ZqImageFiles::APP_JSON;
+    // The new one must not go where the old one has gone.
+    SxFSAction::syncDir(target);
     if (SxFSAction::exists(target + app)) SxFSAction::rm(target + app);
     replacing = true;
     SxFSAction::syncDir(target);

@@ -68,8 +68,8 @@ void tellFigures(const ZqRun::Result& result, Output* out) {
     if (!result.mountPath.isEmpty()) out->text("  the drive stays at        " + result.mountPath);
 }
 
-/// Tells once, when the speed of the download is known and the start is still to come, or was one at once, what
-/// the load profile says of it.
+/// Tells once, when the speed of the download is known and the start is still to come, or was one at once,
+/// what the load profile says of it.
 class ForecastLine {
 public:
     ForecastLine(bool startsAtOnce_, Output* out_) : startsAtOnce(startsAtOnce_), out(out_) {}

@@ -321,9 +321,11 @@ int build(const BuildOptions& options, Output& out) {
         out.text("Left out " + SxString(builder.getNCorrupted()) + " damaged; the log names them.");
     }
     if (builder.getNJoined() > 0) {
-        return reportWritten(
-            traces + options.name + "/", result,
-            "Joined " + SxString(builder.getNJoined()) + " traces in '" + traces + options.name + "'", &out);
+        return reportWritten(traces + options.name + "/", result,
+                             "Joined " + SxString(builder.getNJoined()) +
+                                 (builder.getNJoined() == 1 ? " trace" : " traces") + " in '" + traces +
+                                 options.name + "'",
+                             &out);
     }
     if (out.getMode().json) out.object(result);
     out.text("Nothing to merge.");

@@ -408,6 +408,7 @@ TEST_P(ImageCrash, PowerCutAtAnyStep) {
                 std::mt19937_64 random(seed);
                 os.crash(seed ? &random : nullptr);
             }
+            EXPECT_EQ(findLostImage(dir, before, after), "");
             // What is done, or taken back, must stay so.
             EXPECT_TRUE(cut || contentOf(dir) == (GetParam().failing ? before : after));
             checkAndRepeat(dir);

@@ -3,9 +3,9 @@
 #include "ZqRangeReader.h"
 #include "ZqRemoteImage.h"
 
-/// Stretches on their way: one, or several that follow each other, in one request. Whoever waits for the first
-/// takes that; a loader takes the others, which are claimed by it until then. Lets go of its claims at its end,
-/// which must not come while the image's mutex is held.
+/// Stretches on their way: one, or several that follow each other, in one request. Whoever waits for the
+/// first takes that; a loader takes the others, which are claimed by it until then. Lets go of its claims at
+/// its end, which must not come while the image's mutex is held.
 struct ZqRemoteImage::Fetch {
     explicit Fetch(ZqRemoteImage* image_, uint64 stretchIdx)
         : image(image_),
@@ -25,8 +25,8 @@ struct ZqRemoteImage::Fetch {
     }
 
     ZqRemoteImage* const image;
-    uint64 nextIdx, endIdx; ///< stretches that are still to be taken
-    uint64 claimedIdx;      ///< the first that is claimed
+    uint64 nextIdx, endIdx;   ///< stretches that are still to be taken
+    uint64 claimedIdx;        ///< the first that is claimed
     SxPtr<ZqSeekTable> table; ///< of the packed form; null where the plain one is fetched
     SxPtr<ZqRangeReader> reader;
     bool isAgain = false; ///< one that was damaged, fetched once more

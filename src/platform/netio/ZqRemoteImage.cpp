@@ -294,7 +294,8 @@ ZqRemoteImage::Bytes ZqRemoteImage::awaitStream(uint64 stretchIdx, const ZqStopT
 SxPtr<ZqRemoteImage::Fetch> ZqRemoteImage::beginDemand(uint64 stretchIdx) {
     const auto fetch = SxPtr<Fetch>::create(this, stretchIdx);
     const uint64 n = countTogether();
-    if (n > 1 && (isGoneThrough(stretchIdx) || isFollowerOfUse())) claimFollowing(fetch.getPtr(), stretchIdx + 1, n - 1);
+    if (n > 1 && (isGoneThrough(stretchIdx) || isFollowerOfUse()))
+        claimFollowing(fetch.getPtr(), stretchIdx + 1, n - 1);
     begin(fetch.getPtr(), ZqTransfer::Kind::OnDemand);
     return fetch;
 }
@@ -307,9 +308,9 @@ void ZqRemoteImage::begin(Fetch* fetch, ZqTransfer::Kind kind) {
     };
     // Of several only the first is waited for, so the request must be one that can be held.
     const bool isAlone = fetch->claimedIdx == fetch->endIdx;
-    fetch->reader = SxPtr<ZqRangeReader>::create(
-        fetch->table ? *packed : *plain, offsetOf(fetch->nextIdx), offsetOf(lastIdx) + fetch->wireSize(lastIdx),
-        isAlone ? kind : ZqTransfer::Kind::Ahead);
+    fetch->reader = SxPtr<ZqRangeReader>::create(fetch->table ? *packed : *plain, offsetOf(fetch->nextIdx),
+                                                 offsetOf(lastIdx) + fetch->wireSize(lastIdx),
+                                                 isAlone ? kind : ZqTransfer::Kind::Ahead);
     fetch->reader->begin();
     if (kind == ZqTransfer::Kind::OnDemand) fetch->reader->hasten();
     SxMutexBlock lock(&mutex);
@@ -379,8 +380,9 @@ uint64 ZqRemoteImage::countTogether() const {
     const double trip = getLink()->getFigures().tripBytes;
     const SxPtr<ZqSeekTable> known = getTable();
     const uint64 lastIdx = ZqSeekTable::countFrames(sizeZqf) - 1;
-    const double nWire = known ? static_cast<double>(known->getFrame(lastIdx).offset + known->getFrame(lastIdx).size)
-                               : static_cast<double>(sizeZqf);
+    const double nWire =
+        known ? static_cast<double>(known->getFrame(lastIdx).offset + known->getFrame(lastIdx).size)
+              : static_cast<double>(sizeZqf);
     const double inTrip = trip / nWire * static_cast<double>(lastIdx + 1);
     if (inTrip < MIN_IN_TRIP) return 1;
     return static_cast<uint64>(std::clamp(inTrip * TRIPS_TOGETHER, 2., MAX_TOGETHER));

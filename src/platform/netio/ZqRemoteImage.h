@@ -123,8 +123,8 @@ private:
     void noteUse(uint64 stretchIdx);
     /// Requests what follows `stretchIdx`, where somebody goes through the image and little of it is there.
     void follow(uint64 stretchIdx);
-    /// Takes the stretches from `first` on for one request, up to `n`, as far as none is there, on its way or of
-    /// no use.
+    /// Takes the stretches from `first` on for one request, up to `n`, as far as none is there, on its way or
+    /// of no use.
     void claimFollowing(Fetch* fetch, uint64 first, uint64 n);
     void forgetAhead(uint64 stretchIdx) noexcept;
     /// What a loader has to do next; null where there is nothing for a while.
