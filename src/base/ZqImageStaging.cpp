@@ -78,6 +78,7 @@ void ZqImageStaging::replace() {
     }
     SxFSAction::syncDir(target);
     SxFSAction::mv(staging + app, target + app);
+    SxFSAction::syncDir(target);
     SxFSAction::rm_r(staging);
     SxFSAction::syncDir(target);
 }
