@@ -288,23 +288,38 @@ TEST_F(RemoteImage, fetchesWhatFollowsForWhoGoesThrough) {
 
 TEST_F(RemoteImage, whatFollowsComesWithTheSameRequest) {
     server.setRate(12'500'000);
-    server.setLatency(20);
+    // A round trip of which four have room for the most that is fetched together.
+    server.setLatency(60);
     const ImagePtr image = open();
     const auto expectRight = [&](uint64 idx) {
         ASSERT_TRUE(readOf(*image, idx * STRETCH, STRETCH) == zqf.substr(idx * STRETCH, STRETCH)) << idx;
     };
+    const auto nAsked = [&] { return server.getNRequests("img.zqf"); };
     // The link has to be known first.
-    for (const uint64 idx : {0, 5})
+    expectRight(0);
+    uint64 nBefore = nAsked();
+    for (const uint64 idx : {10, 11})
         expectRight(idx);
-    const uint64 nBefore = server.getNRequests("img.zqf");
-    for (const uint64 idx : {12, 13, 14})
-        expectRight(idx);
-    EXPECT_EQ(server.getNRequests("img.zqf"), nBefore + 1);
-    // One that is dropped leaves what would have come with it.
+    EXPECT_EQ(nAsked(), nBefore + 1);
+    // What nobody takes gives way to whoever wants what comes with it.
     image->announce({20 * STRETCH}, {STRETCH});
-    image->announce({25 * STRETCH}, {STRETCH});
-    for (const uint64 idx : {21, 26, 20})
-        expectRight(idx);
+    ASSERT_TRUE(SxWait::pass(5000, [&] { return nAsked() == nBefore + 2; }));
+    expectRight(22);
+    EXPECT_EQ(nAsked(), nBefore + 2);
+    expectRight(20);
+}
+
+TEST_F(RemoteImage, neighboursInAGroupAreFetchedOnce) {
+    server.setRate(12'500'000);
+    server.setLatency(60);
+    const ImagePtr image = open();
+    ASSERT_TRUE(readOf(*image, 0, STRETCH) == zqf.substr(0, STRETCH));
+    const uint64 nBefore = server.getNBytes("img.zqf");
+    image->announce({24 * STRETCH, 25 * STRETCH, 26 * STRETCH}, {STRETCH, STRETCH, STRETCH});
+    for (const uint64 idx : {24, 25, 26})
+        EXPECT_TRUE(readOf(*image, idx * STRETCH, STRETCH) == zqf.substr(idx * STRETCH, STRETCH)) << idx;
+    // What follows the last may come, too.
+    EXPECT_LE(server.getNBytes("img.zqf") - nBefore, 6 * STRETCH + 12'345);
 }
 
 TEST_F(RemoteImage, fetchesAGroupTogether) {

@@ -8,7 +8,7 @@ void ZqRemoteImage::AheadLoader::main() {
         const SxPtr<Fetch> fetch = image->takeFollowing();
         if (!fetch) continue;
         try {
-            finish(fetch.getPtr());
+            image->takeUpTo(fetch.getPtr(), fetch->endIdx, [this] { return stopping.load(); });
         } catch (const SxException& e) {
             if (e.hasTag(SxException::STOPPED)) return;
             // Whoever needs the bytes asks for them again, and is told.
@@ -16,15 +16,5 @@ void ZqRemoteImage::AheadLoader::main() {
         } catch (const std::exception& e) {
             zqLogMsg("NET", SxString("Nothing is fetched ahead for now: ") + e.what());
         }
-    }
-}
-
-void ZqRemoteImage::AheadLoader::finish(Fetch* fetch) {
-    const ZqStopTest stop = [this] { return stopping.load(); };
-    while (fetch->nextIdx < fetch->endIdx) {
-        const uint64 idx = fetch->nextIdx;
-        image->keep(idx, image->takeNext(fetch, stop), &Figures::nAhead);
-        ++fetch->claimedIdx;
-        image->forgetAhead(idx);
     }
 }

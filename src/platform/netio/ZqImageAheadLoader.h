@@ -14,8 +14,6 @@ protected:
     void main() override;
 
 private:
-    void finish(Fetch* fetch);
-
     ZqRemoteImage* const image;
     std::atomic<bool> stopping{false};
 };

@@ -18,11 +18,12 @@ SxString rangeText(uint64 first, uint64 end) {
 ZqRangeReader::ZqRangeReader(const ZqRemoteFile& file, uint64 first, uint64 end_, ZqTransfer::Kind kind_)
     : link(file.getLink()),
       facts(file.getFacts()),
+      requested(kind_),
       kind(kind_),
       pos(first),
       end(end_),
-      retry(link, kind == ZqTransfer::Kind::Ordered ? link->getSettings().nStreamTries
-                                                    : link->getSettings().nRangeTries) {
+      retry(link, kind_ == ZqTransfer::Kind::Ordered ? link->getSettings().nStreamTries
+                                                     : link->getSettings().nRangeTries) {
 }
 
 ZqRangeReader::ZqRangeReader(const ZqRemoteFile& file, uint64 nLast, ZqTransfer::Kind kind_)
@@ -42,12 +43,12 @@ void ZqRangeReader::abandon() {
 ZqTransfer::Request ZqRangeReader::makeRequest() const {
     const ZqFileFacts::Address address = facts->getAddress();
     ZqTransfer::Request request;
-    request.kind = kind;
+    request.kind = requested;
     request.url = address.url;
     request.headers = address.headers;
     request.range = nSuffix > 0 ? "-" + SxString(nSuffix) : rangeText(pos, end);
-    request.maxBuffered = kind == ZqTransfer::Kind::Ordered ? link->getSettings().maxBuffered
-                                                            : std::numeric_limits<int64>::max();
+    request.maxBuffered = requested == ZqTransfer::Kind::Ordered ? link->getSettings().maxBuffered
+                                                                 : std::numeric_limits<int64>::max();
     request.check = [file = facts, answer_ = answer, first = pos, end_ = end,
                      nLast = nSuffix](const ZqTransfer::Response& response) {
         const auto total = static_cast<uint64>(response.total);
@@ -91,17 +92,15 @@ void ZqRangeReader::begin() {
 void ZqRangeReader::setTransfer(const SxPtr<ZqTransfer>& next) {
     const SxMutexBlock lock(&transferMutex);
     transfer = next;
+    // It may have been hastened while there was none.
+    if (transfer && kind != requested) transfer->become(kind);
 }
 
 void ZqRangeReader::become(ZqTransfer::Kind other) {
-    if (kind.exchange(other) == other) return;
     const SxMutexBlock lock(&transferMutex);
-    if (!transfer) return;
-    if (other == ZqTransfer::Kind::OnDemand) {
-        transfer->hasten();
-    } else {
-        transfer->relax();
-    }
+    if (kind == other) return;
+    kind = other;
+    if (transfer) transfer->become(kind);
 }
 
 /// False at the end of all.

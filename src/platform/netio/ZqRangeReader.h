@@ -39,12 +39,13 @@ private:
 
     const SxPtr<ZqNetLink> link;
     const SxPtr<ZqFileFacts> facts;
-    std::atomic<ZqTransfer::Kind> kind;
+    SxMutex transferMutex; ///< also over changes of `transfer` by the reader's thread, for become()
+    const ZqTransfer::Kind requested; ///< tells the connection that it takes
+    ZqTransfer::Kind kind SX_GUARDED_BY(transferMutex);
     uint64 pos = 0, end = 0;
     SxArray<char> rest; ///< a piece of which read() has given the first `nGiven` bytes
     int64 nGiven = 0;
-    uint64 nSuffix = 0;    ///< until the first response to the request of the last bytes
-    SxMutex transferMutex; ///< over changes of `transfer` by the reader's thread, for become()
+    uint64 nSuffix = 0; ///< until the first response to the request of the last bytes
     SxPtr<ZqTransfer> transfer;
     /// What the network thread learns of the transfer under way.
     struct Answer {

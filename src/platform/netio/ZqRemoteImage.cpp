@@ -101,9 +101,20 @@ void ZqRemoteImage::openTable() {
         if (tableBegun) return;
         tableBegun = true;
     }
-    tableLoader->start();
-    for (const auto& loader : aheadLoaders)
-        loader->start();
+    try {
+        tableLoader->start();
+    } catch (const SxException&) {
+        SxMutexBlock lock(&mutex);
+        tableBegun = false;
+        throw;
+    }
+    try {
+        for (const auto& loader : aheadLoaders)
+            loader->start();
+    } catch (const SxException& e) {
+        // Nobody depends on them: who waits for what one of them should bring takes that himself.
+        zqLogMsg("NET", e.toString(SxException::ShowMessage, ": "));
+    }
 }
 
 void ZqRemoteImage::setTable(const SxPtr<ZqSeekTable>& table_, Packed state_) {
@@ -181,13 +192,17 @@ void ZqRemoteImage::announce(const SxArray<uint64>& offsets, const SxArray<uint6
             const auto old = unwanted.find(idx);
             if (old != unwanted.end()) {
                 fetch = old->second;
-            } else if (!findStretch(idx) && !ahead.contains(idx) && !isReachedSoon(idx)) {
+                unwanted.erase(old);
+            } else if (ahead.contains(idx)) {
+                handOver(&unwanted, idx);
+            } else if (!findStretch(idx) && !isReachedSoon(idx)) {
                 missing.push_back(idx);
             }
         }
     }
+    // Several fill the link by themselves.
     for (const uint64 idx : missing)
-        group[idx] = beginDemand(idx);
+        group[idx] = beginDemand(idx, missing.size() > 1);
     SxMutexBlock lock(&mutex);
     for (auto& [idx, fetch] : group) {
         // Another group's goes with this one's, behind the lock.
@@ -233,14 +248,15 @@ ZqRemoteImage::Bytes ZqRemoteImage::findStretch(uint64 stretchIdx) const {
 }
 
 ZqRemoteImage::Bytes ZqRemoteImage::getStretch(uint64 stretchIdx, const ZqStopTest& stop) {
-    if (Bytes bytes = awaitAhead(stretchIdx, stop)) {
-        noteUse(stretchIdx);
-        return bytes;
-    }
     SxPtr<Fetch> fetch;
     bool isLeft = false;
-    {
+    for (;;) {
+        if (Bytes bytes = awaitAhead(stretchIdx, stop)) {
+            noteUse(stretchIdx);
+            return bytes;
+        }
         SxMutexBlock lock(&mutex);
+        if (ahead.contains(stretchIdx)) continue;
         if (Bytes bytes = findStretch(stretchIdx)) return bytes;
         const auto found = announced.find(stretchIdx);
         if (found != announced.end()) {
@@ -250,13 +266,15 @@ ZqRemoteImage::Bytes ZqRemoteImage::getStretch(uint64 stretchIdx, const ZqStopTe
             isLeft = isReachedSoon(stretchIdx);
         }
         demanded.insert(stretchIdx);
+        break;
     }
     const Demand demand(this, stretchIdx);
     if (isLeft) {
         if (Bytes bytes = awaitStream(stretchIdx, stop)) return bytes;
     }
-    if (!fetch) fetch = beginDemand(stretchIdx);
-    const Bytes bytes = finishDemand(fetch, stop);
+    if (!fetch) fetch = beginDemand(stretchIdx, false);
+    const Bytes bytes = takeNext(fetch.getPtr(), stop);
+    passOn(fetch);
     keep(stretchIdx, bytes, &Figures::nOnDemand);
     return bytes;
 }
@@ -291,11 +309,14 @@ ZqRemoteImage::Bytes ZqRemoteImage::awaitStream(uint64 stretchIdx, const ZqStopT
     }
 }
 
-SxPtr<ZqRemoteImage::Fetch> ZqRemoteImage::beginDemand(uint64 stretchIdx) {
+SxPtr<ZqRemoteImage::Fetch> ZqRemoteImage::beginDemand(uint64 stretchIdx, bool isAlone) {
     const auto fetch = SxPtr<Fetch>::create(this, stretchIdx);
-    const uint64 n = countTogether();
-    if (n > 1 && (isGoneThrough(stretchIdx) || isFollowerOfUse()))
+    const uint64 n = isAlone ? 1 : countTogether();
+    const bool isSure = isGoneThrough(stretchIdx);
+    if (n > 1 && (isSure || isFollowerOfUse())) {
         claimFollowing(fetch.getPtr(), stretchIdx + 1, n - 1);
+        if (!isSure && fetch->endIdx > stretchIdx + 1) noteTry();
+    }
     begin(fetch.getPtr(), ZqTransfer::Kind::OnDemand);
     return fetch;
 }
@@ -318,14 +339,12 @@ void ZqRemoteImage::begin(Fetch* fetch, ZqTransfer::Kind kind) {
         ahead[idx] = fetch->reader;
 }
 
-ZqRemoteImage::Bytes ZqRemoteImage::finishDemand(const SxPtr<Fetch>& fetch, const ZqStopTest& stop) {
-    Bytes bytes = takeNext(fetch.getPtr(), stop);
+void ZqRemoteImage::passOn(const SxPtr<Fetch>& fetch) {
     if (fetch->nextIdx < fetch->endIdx) {
         SxMutexBlock lock(&mutex);
         following.push_back(fetch);
     }
     changed.notify_all();
-    return bytes;
 }
 
 ZqRemoteImage::Bytes ZqRemoteImage::takeNext(Fetch* fetch, const ZqStopTest& stop) {
@@ -388,11 +407,14 @@ uint64 ZqRemoteImage::countTogether() const {
     return static_cast<uint64>(std::clamp(inTrip * TRIPS_TOGETHER, 2., MAX_TOGETHER));
 }
 
-bool ZqRemoteImage::isFollowerOfUse() {
+bool ZqRemoteImage::isFollowerOfUse() const {
     SxMutexBlock lock(&mutex);
-    if (nTogetherLeft == 0) return false;
-    --nTogetherLeft;
-    return true;
+    return nTogetherLeft > 0;
+}
+
+void ZqRemoteImage::noteTry() {
+    SxMutexBlock lock(&mutex);
+    if (nTogetherLeft > 0) --nTogetherLeft;
 }
 
 void ZqRemoteImage::noteUse(uint64 stretchIdx) {
@@ -415,11 +437,7 @@ void ZqRemoteImage::follow(uint64 stretchIdx) {
     claimFollowing(fetch.getPtr(), first, n);
     if (fetch->endIdx == first) return;
     begin(fetch.getPtr(), ZqTransfer::Kind::Ahead);
-    {
-        SxMutexBlock lock(&mutex);
-        following.push_back(fetch);
-    }
-    changed.notify_all();
+    passOn(fetch);
 }
 
 void ZqRemoteImage::claimFollowing(Fetch* fetch, uint64 first, uint64 n) {
@@ -454,29 +472,61 @@ SxPtr<ZqRemoteImage::Fetch> ZqRemoteImage::takeFollowing() {
     return fetch;
 }
 
-void ZqRemoteImage::releaseAnnounced(uint64 stretchIdx) {
-    for (auto at = announced.begin(); at != announced.end(); ++at) {
+void ZqRemoteImage::handOver(std::map<uint64, SxPtr<Fetch>>* fetches, uint64 stretchIdx) {
+    for (auto at = fetches->begin(); at != fetches->end(); ++at) {
         const SxPtr<Fetch> fetch = at->second;
         if (stretchIdx < fetch->claimedIdx || stretchIdx >= fetch->endIdx) continue;
         fetch->claimedIdx = fetch->nextIdx;
         ahead[fetch->nextIdx] = fetch->reader;
         following.push_back(fetch);
-        announced.erase(at);
+        fetches->erase(at);
         changed.notify_all();
         return;
     }
 }
 
+void ZqRemoteImage::takeUpTo(Fetch* fetch, uint64 endIdx, const ZqStopTest& stop) {
+    while (fetch->nextIdx < endIdx) {
+        const uint64 idx = fetch->nextIdx;
+        keep(idx, takeNext(fetch, stop), &Figures::nAhead);
+        ++fetch->claimedIdx;
+        forgetAhead(idx);
+    }
+}
+
+SxPtr<ZqRemoteImage::Fetch> ZqRemoteImage::takeFollowing(uint64 stretchIdx) {
+    for (auto at = following.begin(); at != following.end(); ++at) {
+        const SxPtr<Fetch> fetch = *at;
+        if (stretchIdx < fetch->nextIdx || stretchIdx >= fetch->endIdx) continue;
+        following.erase(at);
+        return fetch;
+    }
+    return nullptr;
+}
+
 ZqRemoteImage::Bytes ZqRemoteImage::awaitAhead(uint64 stretchIdx, const ZqStopTest& stop) {
     for (;;) {
         getLink()->checkStop(stop);
-        SxMutexBlock lock(&mutex);
-        if (Bytes bytes = findStretch(stretchIdx)) return bytes;
-        const auto found = ahead.find(stretchIdx);
-        if (found == ahead.end()) return nullptr;
-        // From now on somebody waits for it.
-        if (found->second) found->second->hasten();
-        releaseAnnounced(stretchIdx);
-        changed.wait_for(mutex, LOOK);
+        SxPtr<Fetch> fetch;
+        {
+            SxMutexBlock lock(&mutex);
+            if (Bytes bytes = findStretch(stretchIdx)) return bytes;
+            const auto found = ahead.find(stretchIdx);
+            if (found == ahead.end()) return nullptr;
+            // From now on somebody waits for it.
+            if (found->second) found->second->hasten();
+            handOver(&announced, stretchIdx);
+            fetch = takeFollowing(stretchIdx);
+            if (!fetch) changed.wait_for(mutex, LOOK);
+        }
+        if (!fetch) continue;
+        // The loaders may all have others, which are held now.
+        try {
+            takeUpTo(fetch.getPtr(), stretchIdx + 1, stop);
+            passOn(fetch);
+        } catch (const SxException& e) {
+            if (e.hasTag(SxException::STOPPED)) throw;
+            zqLogMsg("NET", e.toString(SxException::ShowMessage, ": "));
+        }
     }
 }

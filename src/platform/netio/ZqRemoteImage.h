@@ -106,10 +106,10 @@ private:
     bool isReachedSoon(uint64 stretchIdx) const SX_REQUIRES(mutex);
     Bytes awaitStream(uint64 stretchIdx, const ZqStopTest& stop);
     /// Requests a stretch that somebody waits for, and with it those that follow, where that pays.
-    SxPtr<Fetch> beginDemand(uint64 stretchIdx);
+    SxPtr<Fetch> beginDemand(uint64 stretchIdx, bool isAlone);
     void begin(Fetch* fetch, ZqTransfer::Kind kind);
-    /// The first stretch of what was requested; a loader gets the others.
-    Bytes finishDemand(const SxPtr<Fetch>& fetch, const ZqStopTest& stop);
+    /// Leaves to a loader what is still to come.
+    void passOn(const SxPtr<Fetch>& fetch);
     /// The stretch that comes next.
     Bytes takeNext(Fetch* fetch, const ZqStopTest& stop);
     void keep(uint64 stretchIdx, const Bytes& bytes, uint64 Figures::*figure);
@@ -118,8 +118,9 @@ private:
     bool isThere(uint64 stretchIdx) const SX_REQUIRES(mutex);
     /// Stretches of a request that leave the link no round trip idle; 1 where they would hold up others.
     uint64 countTogether() const;
-    /// Whether what came with others has been of use of late. Counts one request of several stretches.
-    bool isFollowerOfUse();
+    /// Whether what came with others has been of use of late.
+    bool isFollowerOfUse() const;
+    void noteTry();
     void noteUse(uint64 stretchIdx);
     /// Requests what follows `stretchIdx`, where somebody goes through the image and little of it is there.
     void follow(uint64 stretchIdx);
@@ -129,8 +130,12 @@ private:
     void forgetAhead(uint64 stretchIdx) noexcept;
     /// What a loader has to do next; null where there is nothing for a while.
     SxPtr<Fetch> takeFollowing();
-    /// Gives a loader what was announced and not taken, where a stretch comes with it.
-    void releaseAnnounced(uint64 stretchIdx) SX_REQUIRES(mutex);
+    /// Gives a loader the one of these requests that a stretch comes with.
+    void handOver(std::map<uint64, SxPtr<Fetch>>* fetches, uint64 stretchIdx) SX_REQUIRES(mutex);
+    /// The same stretch's request, if it waits for a loader, which it does no more then; else null.
+    SxPtr<Fetch> takeFollowing(uint64 stretchIdx) SX_REQUIRES(mutex);
+    /// Takes and keeps stretches up to `endIdx`, all of them claimed.
+    void takeUpTo(Fetch* fetch, uint64 endIdx, const ZqStopTest& stop);
     /// The stretch, if a loader is about to have it; null otherwise.
     Bytes awaitAhead(uint64 stretchIdx, const ZqStopTest& stop);
     /// Time without progress after which the stream counts as stalled.

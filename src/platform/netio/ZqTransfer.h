@@ -49,10 +49,8 @@ public:
 
     const Request& getRequest() const noexcept { return request; }
     Kind getKind() const noexcept { return kind; }
-    /// Makes it one on demand, from any thread.
-    void hasten() { become(Kind::OnDemand); }
-    /// Makes one that was hastened yield again, from any thread.
-    void relax() { become(Kind::Ahead); }
+    /// Gives it another place among the others, from any thread; its connection stays that of the request.
+    void become(Kind other);
 
     // For the consumer.
     /// The next bytes; waits up to 20 ms for them. `Waiting` where none have come in that time. Raises the
@@ -70,8 +68,6 @@ public:
     void fail(const SxException& e);
 
 private:
-    void become(Kind other);
-
     const Request request;
     std::atomic<Kind> kind;
 
