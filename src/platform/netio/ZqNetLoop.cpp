@@ -23,9 +23,13 @@ constexpr int64 MS = 1'000'000;
 constexpr int64 PRIORITY_NS = 1'000 * MS;
 /// What the rate limit lets an ordered stream make good after a pause.
 constexpr int64 CREDIT_NS = 100 * MS;
-/// The streams stay held for a round trip behind an answer, within these bounds: one who waits for blocks
-/// mostly asks for the next ones then, and these would find the link full.
-constexpr int64 MIN_QUIET_NS = 10 * MS, MAX_QUIET_NS = 60 * MS;
+/// The streams stay held for so many round trips behind an answer, within these bounds: one who waits for
+/// blocks mostly asks for the next ones then, and these would find the link full.
+constexpr int64 QUIET_TRIPS = 10;
+constexpr int64 MIN_QUIET_NS = 10 * MS, MAX_QUIET_NS = 250 * MS;
+/// Where that has taken so much time of late, of which the time between gives back a half, it is a round trip
+/// within a lower bound: an application that never ends asking must not keep the download back.
+constexpr int64 QUIET_BUDGET_NS = 10'000 * MS, MAX_SHORT_QUIET_NS = 60 * MS;
 constexpr int64 HASTENED_NS = 100 * MS;
 constexpr int LOOK_MS = 100;
 constexpr long MIN_BUFFER = 16'384, MAX_BUFFER = 131'072;
@@ -135,6 +139,7 @@ private:
     void remove(CURL* easy);
     void readMessages();
     void conclude(Active* active, CURLcode code);
+    void beginQuiet();
     SxException failureOf(const Active& active, CURLcode code) const;
     void failStalled();
     void releaseHeld();
@@ -159,6 +164,8 @@ private:
     std::unordered_map<CURL*, std::unique_ptr<Active>> actives;
     bool speaksHttp1 = false; ///< the last answer to a request that may be beside others
     int64 quietUntilNs = 0;   ///< the ordered streams are held until then for the next on-demand request
+    int64 quietSinceNs = 0;   ///< when that began
+    int64 quietBudgetNs = QUIET_BUDGET_NS;
     int64 limitedUntilNs = 0; ///< when the ordered streams may take bytes again
 
     SxMutex mutex;
@@ -295,11 +302,21 @@ void ZqNetLoop::Engine::conclude(Active* active, CURLcode code) {
     if (code == CURLE_OK && !active->checked) check(active);
     if (code == CURLE_OK && !active->failed) {
         active->transfer->finish();
-        if (active->kind() == ZqTransfer::Kind::OnDemand)
-            quietUntilNs = nowNs() + std::clamp(pace.getRoundTripUs() * 1000, MIN_QUIET_NS, MAX_QUIET_NS);
+        if (active->kind() == ZqTransfer::Kind::OnDemand) beginQuiet();
     } else {
         active->transfer->fail(active->failed ? active->failure : failureOf(*active, code));
     }
+}
+
+void ZqNetLoop::Engine::beginQuiet() {
+    const int64 now = nowNs(), passed = now - quietSinceNs;
+    const int64 held = std::min(passed, quietUntilNs - quietSinceNs);
+    quietBudgetNs = std::clamp(quietBudgetNs - held + (passed - held) / 2, int64{0}, QUIET_BUDGET_NS);
+    const int64 trip = pace.getRoundTripUs() * 1000;
+    const bool isShort = quietBudgetNs == 0;
+    quietSinceNs = now;
+    quietUntilNs = now + (isShort ? std::clamp(trip, MIN_QUIET_NS, MAX_SHORT_QUIET_NS)
+                                  : std::clamp(QUIET_TRIPS * trip, MIN_QUIET_NS, MAX_QUIET_NS));
 }
 
 SxException ZqNetLoop::Engine::failureOf(const Active& active, CURLcode code) const {

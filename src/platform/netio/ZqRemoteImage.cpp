@@ -305,6 +305,7 @@ ZqRemoteImage::Bytes ZqRemoteImage::awaitStream(uint64 stretchIdx, const ZqStopT
             return bytes;
         }
         if (!isReachedSoon(stretchIdx)) return nullptr;
+        getLink()->hastenStreams();
         changed.wait_for(mutex, LOOK);
     }
 }
