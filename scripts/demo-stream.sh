@@ -150,4 +150,4 @@ row plain 'started at once, and played while it arrives' 0 0
 row packed 'the same, from a packed image' 0 0
 row ordered 'the same, ordered by the trace of a run' 0 0
 printf '\nAll images are equal to the published ones, byte for byte.\n'
-printf 'The page of the last run, and what the trace looks like: %s\n' "$pages/run.html" "$pages/trace.svg"
+printf 'The page of the last run: %s\nWhat the trace looks like: %s\n' "$pages/run.html" "$pages/trace.svg"
