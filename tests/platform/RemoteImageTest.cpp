@@ -298,7 +298,7 @@ TEST_F(RemoteImage, whatFollowsComesWithTheSameRequest) {
     // The link has to be known first.
     expectRight(0);
     uint64 nBefore = nAsked();
-    for (const uint64 idx : {10, 11})
+    for (const uint64 idx : {10U, 11U})
         expectRight(idx);
     EXPECT_EQ(nAsked(), nBefore + 1);
     // What nobody takes gives way to whoever wants what comes with it.
@@ -316,7 +316,7 @@ TEST_F(RemoteImage, neighboursInAGroupAreFetchedOnce) {
     ASSERT_TRUE(readOf(*image, 0, STRETCH) == zqf.substr(0, STRETCH));
     const uint64 nBefore = server.getNBytes("img.zqf");
     image->announce({24 * STRETCH, 25 * STRETCH, 26 * STRETCH}, {STRETCH, STRETCH, STRETCH});
-    for (const uint64 idx : {24, 25, 26})
+    for (const uint64 idx : {24U, 25U, 26U})
         EXPECT_TRUE(readOf(*image, idx * STRETCH, STRETCH) == zqf.substr(idx * STRETCH, STRETCH)) << idx;
     // What follows the last may come, too.
     EXPECT_LE(server.getNBytes("img.zqf") - nBefore, 6 * STRETCH + 12'345);
