@@ -6,6 +6,7 @@
 #include <tavrin/SxFileInfo.h>
 #include <tavrin/SxTime.h>
 #include <tavrin/ZqImageFolder.h>
+#include <tavrin/ZqImageStaging.h>
 
 #include <atomic>
 
@@ -74,10 +75,15 @@ void refuseForeignFolder(const SxString& image) {
                       UNIT, __LINE__);
 }
 
-void requirePlainFile(const SxString& file, const char* what) {
+void requirePlainFile(const SxString& file, const char* what, const SxList<SxString>& folders) {
+    const SxString begin = SxString("The ") + what + " can't be written: '" + file + "' ";
     const SxFileInfo info(file);
     if (info.isLink() || (info.exists() && !info.isFile())) {
-        throw SxException(SxString("The ") + what + " can't be written: '" + file + "' is not a plain file",
-                          UNIT, __LINE__);
+        throw SxException(begin + "is not a plain file", UNIT, __LINE__);
+    }
+    for (const SxString& folder : folders) {
+        if (!ZqImageStaging::liesIn(file, folder)) continue;
+        throw SxException(begin + "lies in '" + folder + "', whose own files it might replace", UNIT,
+                          __LINE__);
     }
 }

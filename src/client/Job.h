@@ -2,6 +2,7 @@
 
 #include "Output.h"
 
+#include <tavrin/SxList.h>
 #include <tavrin/ZqTaskMon.h>
 
 #include <array>
@@ -52,5 +53,5 @@ void untilStopped(const std::function<void()>& begin);
 void refuseForeignFolder(const SxString& image);
 
 /// Raises where `file`, which is to be replaced by a `what`, is a device, or a link such as /dev/stdout, or
-/// anything else but a plain file.
-void requirePlainFile(const SxString& file, const char* what);
+/// anything else but a plain file, or lies in one of `folders`, whose own files it might replace.
+void requirePlainFile(const SxString& file, const char* what, const SxList<SxString>& folders);

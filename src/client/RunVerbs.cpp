@@ -6,6 +6,7 @@
 #include "Verbs.h"
 
 #include <tavrin/SxTime.h>
+#include <tavrin/ZqImageStaging.h>
 #include <tavrin/ZqRecordFile.h>
 #include <tavrin/ZqRun.h>
 #include <tavrin/ZqRunPage.h>
@@ -139,8 +140,13 @@ void writeFiles(const ZqRun& job, const RunOptions& options) {
 
 int run(const RunOptions& options, Output& out) {
     refuseForeignFolder(options.image);
-    if (!options.report.isEmpty()) requirePlainFile(options.report, "report");
-    if (!options.page.isEmpty()) requirePlainFile(options.page, "page");
+    if (!options.report.isEmpty()) requirePlainFile(options.report, "report", {options.image});
+    if (!options.page.isEmpty()) {
+        requirePlainFile(options.page, "page", {options.image});
+        if (!options.report.isEmpty() && ZqImageStaging::liesIn(options.page, options.report)) {
+            throw SxException("The page and the report can't be the same file", UNIT, __LINE__);
+        }
+    }
     ZqRun::Settings settings;
     settings.feed.image = options.image;
     settings.feed.url = options.url;

@@ -207,7 +207,9 @@ struct PlotOptions {
 };
 
 int plot(const PlotOptions& options, Output& out) {
-    requirePlainFile(options.file, "picture");
+    SxList<SxString> read = {options.trace};
+    if (!options.image.isEmpty()) read << options.image;
+    requirePlainFile(options.file, "picture", read);
     ZqTracePlot::Settings settings;
     settings.trace = requireTrace(options.trace);
     if (!options.image.isEmpty()) settings.image = ZqImageFolder::prefix(options.image);

@@ -51,10 +51,10 @@ void ZqNetLink::checkStop(const ZqStopTest& stop) const {
     }
 }
 
-void ZqNetLink::sleep(int64 ms, const ZqStopTest& stop) const {
+void ZqNetLink::sleep(int64 ms, const ZqStopTest& stop, const ZqStopTest& until) const {
     SxWait::pass(ms, [&] {
         checkStop(stop);
-        return false;
+        return until && until();
     });
 }
 

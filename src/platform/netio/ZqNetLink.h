@@ -77,8 +77,8 @@ public:
     void drop(const SxPtr<ZqTransfer>& transfer);
     /// Raises with the tag "Stopped" where the link or `stop` says so.
     void checkStop(const ZqStopTest& stop) const;
-    /// Sleeps for `ms`, or until a stop, which it raises.
-    void sleep(int64 ms, const ZqStopTest& stop) const;
+    /// Sleeps for `ms`, or until `until` says so, or until a stop, which it raises.
+    void sleep(int64 ms, const ZqStopTest& stop, const ZqStopTest& until = nullptr) const;
     /// `text` is what `who` waits for; empty takes it back.
     void setWaiting(const void* who, const SxString& text);
 

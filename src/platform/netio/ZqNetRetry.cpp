@@ -38,5 +38,14 @@ void ZqNetRetry::failed(const SxException& e, const ZqStopTest& stop) {
     link->setWaiting(this,
                      "waiting for the server: " + e.getMessage() + " (" + ordinal(nFailed + 1) + " try)");
     const int64 nDoubled = std::min<int64>(nFailed - 1, 16);
-    link->sleep(std::min(settings.firstBackOffMs << nDoubled, settings.maxBackOffMs), stop);
+    const int64 pauseMs = std::min(settings.firstBackOffMs << nDoubled, settings.maxBackOffMs);
+    if (isBroken || nMax > 0) {
+        link->sleep(pauseMs, stop);
+        return;
+    }
+    // A server that others get bytes from is back.
+    const int64 leastMs = std::min(pauseMs, settings.firstBackOffMs);
+    link->sleep(leastMs, stop);
+    const uint64 nBefore = link->getFigures().nBytes;
+    link->sleep(pauseMs - leastMs, stop, [&] { return link->getFigures().nBytes > nBefore; });
 }

@@ -18,6 +18,9 @@ constexpr const char* UNIT = "src/platform/netio/ZqRemoteImage";
 constexpr auto LOOK = std::chrono::milliseconds(20);
 constexpr auto LOADER_LOOK = std::chrono::milliseconds(100);
 constexpr size_t N_LOADERS = 4;
+/// Bytes that came with others and that nobody has asked for yet. They are lost with the run, and the ordered
+/// stream waits for them.
+constexpr uint64 MAX_UNUSED = 32 << 20;
 /// Stretches are fetched together where a round trip carries so much of one: so many round trips' worth, and
 /// never more than the last.
 constexpr double MIN_IN_TRIP = 0.5, TRIPS_TOGETHER = 4., MAX_TOGETHER = 8.;
@@ -446,7 +449,8 @@ void ZqRemoteImage::claimFollowing(Fetch* fetch, uint64 first, uint64 n) {
     SxMutexBlock lock(&mutex);
     for (uint64 idx = first; idx < end; ++idx) {
         const bool isPassed = idx * STRETCH < streamPos;
-        const bool hasRoom = (kept.size() + ahead.size() + 1) * STRETCH <= maxKept;
+        const bool hasRoom = (kept.size() + ahead.size() + 1) * STRETCH <= maxKept &&
+                             (unused.size() + ahead.size() + 1) * STRETCH <= MAX_UNUSED;
         if (isPassed || !hasRoom || findStretch(idx) || announced.contains(idx) || demanded.contains(idx) ||
             isReachedSoon(idx) || !ahead.try_emplace(idx).second) {
             return;
