@@ -574,8 +574,9 @@ TEST_F(StreamRun, OnlyAnImageWithItsDigestCountsAsComplete) {
     fs::remove(got + "/img.zqf");
     dir.write("served/app.json", right);
     server->start();
-    EXPECT_EQ(start()->end(), 0);
+    EXPECT_EQ(start({"--now", "--keep-mounted"})->end(), 0);
     expectComplete();
+    done({"umount", got});
 }
 
 TEST_F(StreamRun, AnotherImageOnTheServerIsRefused) {
