@@ -273,7 +273,7 @@ void ZqImageFeed::keepDownload() {
     if (!download->hasException()) return;
     const SxException why = download->getException();
     const bool isAbsent = why.hasTag(ZqNetLink::NOT_FOUND);
-    if (!hasApplication || !(isAbsent || why.hasTag(ZqNetLink::BROKEN))) throw why;
+    if (!hasApplication || !(isAbsent || why.hasTag(ZqNetLink::BROKEN))) throw SxException(why);
     isBroken = true;
     brokenSize = fileSize();
     setWaiting(isAbsent ? "waiting for the server: it says that it hasn't got the image"

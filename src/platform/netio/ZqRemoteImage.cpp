@@ -276,7 +276,7 @@ ZqRemoteImage::Bytes ZqRemoteImage::getStretch(uint64 stretchIdx, const ZqStopTe
         if (Bytes bytes = awaitStream(stretchIdx, stop)) return bytes;
     }
     if (!fetch) fetch = beginDemand(stretchIdx, false);
-    const Bytes bytes = takeNext(fetch.getPtr(), stop);
+    Bytes bytes = takeNext(fetch.getPtr(), stop);
     passOn(fetch);
     keep(stretchIdx, bytes, &Figures::nOnDemand);
     return bytes;
@@ -314,7 +314,7 @@ ZqRemoteImage::Bytes ZqRemoteImage::awaitStream(uint64 stretchIdx, const ZqStopT
 }
 
 SxPtr<ZqRemoteImage::Fetch> ZqRemoteImage::beginDemand(uint64 stretchIdx, bool isAlone) {
-    const auto fetch = SxPtr<Fetch>::create(this, stretchIdx);
+    auto fetch = SxPtr<Fetch>::create(this, stretchIdx);
     const uint64 n = isAlone ? 1 : countTogether();
     const bool isSure = isGoneThrough(stretchIdx);
     if (n > 1 && (isSure || isFollowerOfUse())) {
@@ -355,7 +355,7 @@ ZqRemoteImage::Bytes ZqRemoteImage::takeNext(Fetch* fetch, const ZqStopTest& sto
     const uint64 idx = fetch->nextIdx, size = fetch->wireSize(idx);
     const bool isLast = idx + 1 == fetch->endIdx;
     const SxString& url = (fetch->table ? packed : plain)->getUrl();
-    const auto raw = Bytes::create(static_cast<int64>(size));
+    auto raw = Bytes::create(static_cast<int64>(size));
     try {
         const uint64 n = fetch->reader->read(raw->data(), size, stop);
         if (isLast) fetch->reader->readAll(nullptr, 0, stop);
@@ -501,7 +501,7 @@ void ZqRemoteImage::takeUpTo(Fetch* fetch, uint64 endIdx, const ZqStopTest& stop
 
 SxPtr<ZqRemoteImage::Fetch> ZqRemoteImage::takeFollowing(uint64 stretchIdx) {
     for (auto at = following.begin(); at != following.end(); ++at) {
-        const SxPtr<Fetch> fetch = *at;
+        SxPtr<Fetch> fetch = *at;
         if (stretchIdx < fetch->nextIdx || stretchIdx >= fetch->endIdx) continue;
         following.erase(at);
         return fetch;
