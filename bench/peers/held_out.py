@@ -20,14 +20,11 @@ link, and is as much faster. Needs root; what it starts, mounts and writes is go
 """
 
 import argparse
-import array
 import contextlib
 import json
 import os
 import shutil
-import signal
 import statistics
-import struct
 import subprocess
 import sys
 import tempfile
@@ -36,10 +33,10 @@ from pathlib import Path
 sys.dont_write_bytecode = True
 sys.path.insert(0, str(Path(__file__).resolve().parent / "support"))
 import lab  # noqa: E402
+from game import screen  # noqa: E402
 from product import Product  # noqa: E402
+from traces import BLOCK, NO_ENTRY, read_items, read_map  # noqa: E402
 
-BLOCK, NO_ENTRY, MARK = 4096, (1 << 64) - 1, 1 << 63
-MS_FROM_1601_TO_1970, UNITS_PER_MS = 11_644_473_600_000, 10_000
 PLAY_S = 12
 
 DOOM_WAD = "/usr/share/games/doom/freedoom1.wad"
@@ -61,13 +58,6 @@ GAMES = {
 }
 
 
-def read_items(trace):
-    """The blocks that a trace names, with milliseconds since 1970."""
-    data = (trace / "img.trc").read_bytes()
-    return [(block & ~MARK, time // UNITS_PER_MS - MS_FROM_1601_TO_1970)
-            for block, time in struct.iter_unpack("<QQ", data[: len(data) // 16 * 16])]  # fmt: skip
-
-
 class Run:
     """What a session has read: blocks with milliseconds from its first read of content."""
 
@@ -79,12 +69,6 @@ class Run:
         for block, time in items:
             self.first.setdefault(block, max(time - start, 0))
         self.frame = frame - start
-
-
-def read_map(folder):
-    entries = array.array("Q")
-    entries.frombytes((folder / "img.idx").read_bytes())
-    return entries
 
 
 class Bench:
@@ -168,20 +152,6 @@ class Bench:
         late, unused = means[2], means[4]
         print(f"{self.name}: {late:.2f} % of the reads of a run that is held out would be underflows, "
               f"{unused:.2f} MB were there early and are never used", flush=True)  # fmt: skip
-
-
-@contextlib.contextmanager
-def screen():
-    """A display of its own, and its name."""
-    read, write = os.pipe()
-    with subprocess.Popen(["Xvfb", "-displayfd", str(write), "-screen", "0", "1024x768x24"], pass_fds=[write],
-                          stderr=subprocess.DEVNULL) as server:  # fmt: skip
-        os.close(write)
-        try:
-            with open(read, encoding="ascii") as told:
-                yield ":" + told.readline().strip()
-        finally:
-            server.send_signal(signal.SIGTERM)
 
 
 def main():
