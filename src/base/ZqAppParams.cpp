@@ -76,6 +76,8 @@ void readProfile(const SxSymbol& root, ZqAppParams* record) {
 void readRest(const SxSymbol& root, ZqAppParams* record) {
     const SxSymbol preload = root.getElem("preload", false);
     if (preload.isValid()) {
+        // Both names are about: the first is the record's, the second the one that is written.
+        ZqRecordFile::get(preload, "minPreloadMB", &record->minPreload);
         ZqRecordFile::get(preload, "minPreload", &record->minPreload);
         ZqRecordFile::get(preload, "minBandwidth", &record->minBandwidth);
     }
@@ -118,7 +120,8 @@ void writeHead(const ZqAppParams& record, SxSymbol& root) {
     app.append("cmd", record.cmd);
     put(app, "args", record.args);
     put(app, "name", record.name);
-    put(app, "delay", record.delay);
+    // Also where it is 0, which an absent key doesn't mean.
+    app.append("delay", record.delay);
     SxSymbol disk = root.append("disk", OBJECT);
     put(disk, "sizeZqf", record.sizeZqf);
     put(disk, "sizeIdx", record.sizeIdx);
@@ -165,7 +168,7 @@ void writeTail(const ZqAppParams& record, SxSymbol& root) {
     }
     SxSymbol underflow = root.append("underflow", OBJECT);
     put(underflow, "window", record.window);
-    put(underflow, "delay", record.underflowDelay);
+    underflow.append("delay", record.underflowDelay);
     underflow.append("suspendDrive", record.suspendDrive);
     underflow.append("suspendProc", record.suspendProc);
     underflow.append("minOnDemand", record.minOnDemand);

@@ -29,7 +29,7 @@ public:
     uint64 minOnDemand = 819200;  ///< bytes
     uint64 maxOnDemand = 8192000; ///< bytes
     SxList<ZqLoadProfilePoint> loadprofile;
-    uint64 minPreload = 0;                          ///< units of 1000000 bytes
+    uint64 minPreload = 0;                          ///< units of 1000000 bytes; "minPreload", "minPreloadMB"
     uint64 minBandwidth = 0;                        ///< megabit per second
     uint64 sizeZqf = 0;                             ///< bytes of the complete `img.zqf`
     uint64 sizeIdx = 0;                             ///< bytes of `img.idx`

@@ -154,9 +154,10 @@ uint64 ZqImageProgress::getNInit(uint64 speedLimit) const {
     // A product beyond 64 bits is more than any image has.
     constexpr uint64 MAX = std::numeric_limits<uint64>::max();
     const uint64 preload = appParams.minPreload > MAX / MEGABYTE ? MAX : appParams.minPreload * MEGABYTE;
-    uint64 n = std::max({appParams.sizeMnt, preload, appParams.getNInit(speed)});
+    // What earlier runs have read counts for nothing: where there is a profile, it knows better what a start
+    // needs than the longest run does, and without one all of the image is waited for.
+    const uint64 n = std::max({appParams.sizeMnt, preload, appParams.getNInit(speed)});
     SxMutexBlock lock(&countMutex);
-    n = std::max(n, nInitTrace);
     return n > nTotal || nCurrent == nTotal ? nTotal : n;
 }
 
@@ -190,11 +191,9 @@ void ZqImageProgress::main() {
 }
 
 void ZqImageProgress::watch() {
-    const uint64 ofTrace = getNInitTrace();
     File file(path + "/" + ZqImageFiles::ZQF);
     {
         SxMutexBlock lock(&countMutex);
-        nInitTrace = ofTrace;
         nCurrent0 = file.getSize();
         nCurrent = nCurrent0;
     }

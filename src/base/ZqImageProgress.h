@@ -45,7 +45,7 @@ public:
     uint64 getStartETA(uint64 speedLimit) const;
     uint64 getTotalETA() const;
     /// Bytes that the longest recorded trace touches, of the image's own traces and of those two folders
-    /// above it; 0 without any.
+    /// above it; 0 without any. For information: no start waits for them.
     uint64 getNInitTrace() const;
 
     /// The cursor that `nBytes` of `img.zqf` allow: a ZqF index, ahead of which every block is whole.
@@ -76,7 +76,6 @@ private:
     uint64 nCurrent0 SX_GUARDED_BY(countMutex) = 0;
     uint64 nCurrent SX_GUARDED_BY(countMutex) = 0;
     uint64 nTotal SX_GUARDED_BY(countMutex);
-    uint64 nInitTrace SX_GUARDED_BY(countMutex) = 0;
 
     SxFlag stopFlag;
 };

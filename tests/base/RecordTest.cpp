@@ -117,6 +117,34 @@ TEST(Record, WhatIsReadIsWritten) {
     EXPECT_EQ(ZqImageParams(dir.prefix()).deviceMode, ZqMountMgr::NonRemovable);
 }
 
+TEST(Record, PreloadAndDelaysSurviveWriting) {
+    struct Case {
+        std::string preload, delay;
+        uint64 minPreload;
+        int64 delayRead;
+    };
+    const Case cases[] = {
+        {R"("minPreload": 3)", "0", 3, 0},
+        {R"("minPreloadMB": 4)", "-1", 4, -1},
+        {R"("minPreloadMB": 4, "minPreload": 3)", "5", 3, 5},
+        {R"("minPreload": 0, "minPreloadMB": 4)", "6", 0, 6},
+        {R"("none": 1)", "0", 0, 0},
+    };
+    const TempDir dir;
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.preload);
+        std::string text = edited(APP.text, R"("minPreload": 3)", c.preload);
+        text = edited(edited(text, R"("delay": 11)", "\"delay\": " + c.delay), R"("delay": 9)",
+                      "\"delay\": " + c.delay);
+        dir.write("app.json", text);
+        const ZqAppParams first(dir.prefix());
+        EXPECT_EQ(first.minPreload, c.minPreload);
+        EXPECT_TRUE(first.delay == c.delayRead && first.underflowDelay == c.delayRead);
+        first.write();
+        EXPECT_EQ(ZqAppParams(dir.prefix()), first);
+    }
+}
+
 TEST(Record, EveryTruncationIsRefused) {
     for (const Record& record : {APP, IMAGE, TRACE}) {
         for (size_t i = 0; i < 50; ++i) {
