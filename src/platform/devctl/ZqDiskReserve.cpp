@@ -1,0 +1,26 @@
+#include "ZqDiskReserve.h"
+
+#include "ZqSysEnv.h"
+
+#include <algorithm>
+#include <limits>
+
+namespace {
+constexpr uint64 PART = 10; ///< one of so many parts of the free room is left
+} // namespace
+
+ZqDiskReserve::ZqDiskReserve(const SxString& folder_, uint64 nHeld)
+    : folder(folder_),
+      size(std::min(MAX, (ZqSysEnv::getFreeDiskSpace(folder_) + nHeld) / PART)) {
+}
+
+uint64 ZqDiskReserve::getRoom() const {
+    if (folder.isEmpty()) return std::numeric_limits<uint64>::max();
+    const uint64 free = ZqSysEnv::getFreeDiskSpace(folder);
+    return free > size ? free - size : 0;
+}
+
+uint64 ZqDiskReserve::getMissing(uint64 nBytes) const {
+    const uint64 room = getRoom();
+    return nBytes > room ? nBytes - room : 0;
+}
