@@ -33,6 +33,7 @@ public:
           maxSize(maxSize_),
           optional(optional_),
           stop(std::move(stop_)) {
+        if (optional) file->getFacts()->allowAbsence();
         setThreadName("record");
     }
     /// Waits for the end, and raises what went wrong.

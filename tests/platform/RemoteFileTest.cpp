@@ -166,6 +166,50 @@ TEST(RemoteFileHostile, refusesAnswersThatAreNoAnswers) {
     }
 }
 
+TEST(RemoteFileFailure, isOfTheKindThatTellsWhatToDo) {
+    const auto answered = [](const std::string& status, const std::string& more = "") {
+        return "HTTP/1.1 " + status + "\r\nConnection: close\r\nContent-Length: 0\r\n" + more + "\r\n";
+    };
+    const std::string page = "HTTP/1.1 200 OK\r\nContent-Length: 8\r\nConnection: close\r\n\r\n<html>\r\n";
+    struct Case {
+        std::string response;
+        const char *tag, *text;
+    };
+    const Case cases[] = {
+        {answered("404 Not Found"), ZqNetLink::NOT_FOUND, "the server answers 404"},
+        {answered("410 Gone"), ZqNetLink::NOT_FOUND, "the server answers 410"},
+        {answered("401 Unauthorized"), ZqNetLink::REFUSED, "the server answers 401"},
+        {answered("403 Forbidden"), ZqNetLink::REFUSED, "the server answers 403"},
+        {answered("407 Authenticate"), ZqNetLink::REFUSED, "the proxy answers 407"},
+        {answered("451 Unavailable"), ZqNetLink::REFUSED, "the server answers 451"},
+        {answered("302 Found", "Location: /again\r\n"), ZqNetLink::REFUSED, "redirects"},
+        {answered("302 Found", "Location: ftp://127.0.0.1/f\r\n"), ZqNetLink::REFUSED, "ftp"},
+        {answered("408 Timeout"), ZqNetLink::UNREACHABLE, "the server answers 408"},
+        {answered("429 Too Many"), ZqNetLink::UNREACHABLE, "the server answers 429"},
+        {answered("503 Unavailable"), ZqNetLink::UNREACHABLE, "the server answers 503"},
+        {answered("204 No Content"), ZqNetLink::WRONG, "the server answers 204"},
+        {answered("304 Not Modified"), ZqNetLink::WRONG, "the server answers 304"},
+        {page, ZqNetLink::WRONG, "the whole file"},
+        {"SSH-2.0-OpenSSH\r\n", ZqNetLink::WRONG, "HTTP/0.9"},
+        {"", ZqNetLink::BROKEN, "Empty reply"},
+    };
+    for (const Case& each : cases) {
+        const ScriptedServer server([&](const std::string&) { return each.response; });
+        const auto file =
+            FilePtr::create(SxPtr<ZqNetLink>::create(quickSettings()), SxString(server.url("f")));
+        char buffer[10];
+        const SxException e = failureOf([&] { file->read(10, 10, buffer); });
+        EXPECT_TRUE(e.hasTag(each.tag)) << each.response << e.what();
+        EXPECT_THAT(SxString(e.what()).changeCase(false).str(),
+                    HasSubstr(SxString(each.text).changeCase(false).str()));
+    }
+    // A store that doesn't list its files tells by 403 that there is none.
+    const ScriptedServer store([&](const std::string&) { return answered("403 Forbidden"); });
+    const auto file = FilePtr::create(SxPtr<ZqNetLink>::create(quickSettings()), SxString(store.url("f")));
+    file->getFacts()->allowAbsence();
+    EXPECT_TRUE(failureOf([&] { file->get(10); }).hasTag(ZqNetLink::NOT_FOUND));
+}
+
 TEST(RemoteFileRedirect, isFollowedOnceAndTakesNoSecretsAlong) {
     const std::string data(1000, 'x');
     const ScriptedServer target(

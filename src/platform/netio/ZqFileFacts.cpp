@@ -50,25 +50,39 @@ bool ZqFileFacts::forgetRedirect() {
     return had;
 }
 
+void ZqFileFacts::allowAbsence() {
+    SxMutexBlock lock(&mutex);
+    isOptional = true;
+}
+
+bool ZqFileFacts::mayBeAbsent() const {
+    SxMutexBlock lock(&mutex);
+    return isOptional;
+}
+
 void ZqFileFacts::checkStatus(const ZqTransfer::Response& response, int wanted) {
     const int status = response.status;
-    const SxString text = "the server answers " + SxString(status);
+    const SxString text = (status == 407 ? "the proxy answers " : "the server answers ") + SxString(status);
     if (status == 408 || status == 429 || status >= 500) {
         throw SxException(ZqNetLink::UNREACHABLE, text, UNIT, __LINE__);
     }
     if (status >= 400 && forgetRedirect()) {
         throw SxException(ZqNetLink::UNREACHABLE, text + " where it redirected to", UNIT, __LINE__);
     }
-    // Stores that don't list their files answer 403 where there is none.
-    if (status == 403 || status == 404 || status == 410)
-        throw SxException(ZqNetLink::NOT_FOUND, text, UNIT, __LINE__);
+    const bool isAbsent = status == 404 || status == 410 || (status == 403 && mayBeAbsent());
+    if (isAbsent) throw SxException(ZqNetLink::NOT_FOUND, text, UNIT, __LINE__);
+    if (status >= 400) throw SxException(ZqNetLink::REFUSED, text, UNIT, __LINE__);
     if (status == 200 && wanted == 206) {
-        throw SxException("The server answers a request for a range with the whole file (200)", UNIT,
+        throw SxException(ZqNetLink::WRONG,
+                          "The server answers a request for a range with the whole file (200)", UNIT,
                           __LINE__);
     }
-    if (status != wanted) throw SxException("The server answers " + SxString(status), UNIT, __LINE__);
+    if (status != wanted) {
+        throw SxException(ZqNetLink::WRONG, "The server answers " + SxString(status), UNIT, __LINE__);
+    }
     if (!response.encoding.isEmpty() && !(response.encoding == "identity")) {
-        throw SxException("The server sends the file encoded (" + response.encoding.makeVisible() + ")", UNIT,
+        throw SxException(ZqNetLink::WRONG,
+                          "The server sends the file encoded (" + response.encoding.makeVisible() + ")", UNIT,
                           __LINE__);
     }
 }
@@ -91,7 +105,8 @@ void ZqFileFacts::learn(const ZqTransfer::Response& response) {
                               UNIT, __LINE__);
         }
         if (expectedSize != UNKNOWN && total != expectedSize) {
-            throw SxException("The server's file has " + SxString(total) + " bytes instead of " +
+            throw SxException(ZqNetLink::WRONG,
+                              "The server's file has " + SxString(total) + " bytes instead of " +
                                   SxString(expectedSize),
                               UNIT, __LINE__);
         }

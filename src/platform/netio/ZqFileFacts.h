@@ -20,6 +20,9 @@ public:
     uint64 getSize() const;
     void setHeaders(const SxArray<SxString>& headers_);
 
+    /// The file may be missing: a 403 tells that, too, as from stores that don't list their files.
+    void allowAbsence();
+
     /// Where requests go now, with the headers that may go there.
     struct Address {
         SxString url;
@@ -33,6 +36,7 @@ public:
 
 private:
     bool forgetRedirect();
+    bool mayBeAbsent() const;
 
     const SxString url;
     const uint64 expectedSize;
@@ -41,4 +45,5 @@ private:
     SxString finalUrl SX_GUARDED_BY(mutex); ///< where redirects have led; empty where they led nowhere else
     SxString validator SX_GUARDED_BY(mutex);
     uint64 size SX_GUARDED_BY(mutex) = UNKNOWN;
+    bool isOptional SX_GUARDED_BY(mutex) = false;
 };

@@ -1,7 +1,7 @@
 #include "ZqNetLoop.h"
 
 #include "SxClock.h"
-#include "SxOs.h"
+#include "ZqNetFailure.h"
 #include "ZqNetPace.h"
 
 #include <algorithm>
@@ -38,26 +38,6 @@ constexpr double MIN_BUFFERED = 48 << 10, FIRST_BUFFERED = 64 << 10, MAX_BUFFERE
 
 int64 nowNs() {
     return SxClock::get().steadyNs();
-}
-
-const char* tagOf(CURLcode code) {
-    switch (code) {
-    case CURLE_COULDNT_RESOLVE_PROXY:
-    case CURLE_COULDNT_RESOLVE_HOST:
-    case CURLE_COULDNT_CONNECT:
-    case CURLE_OPERATION_TIMEDOUT:
-    case CURLE_SSL_CONNECT_ERROR:
-        return ZqNetLink::UNREACHABLE;
-    case CURLE_GOT_NOTHING:
-    case CURLE_PARTIAL_FILE:
-    case CURLE_SEND_ERROR:
-    case CURLE_RECV_ERROR:
-    case CURLE_HTTP2:
-    case CURLE_HTTP2_STREAM:
-        return ZqNetLink::BROKEN;
-    default:
-        return "";
-    }
 }
 
 bool yields(ZqTransfer::Kind kind) {
@@ -140,7 +120,6 @@ private:
     void readMessages();
     void conclude(Active* active, CURLcode code);
     void beginQuiet();
-    SxException failureOf(const Active& active, CURLcode code) const;
     void failStalled();
     void releaseHeld();
     bool mustHold(const Active& active) const;
@@ -304,7 +283,10 @@ void ZqNetLoop::Engine::conclude(Active* active, CURLcode code) {
         active->transfer->finish();
         if (active->kind() == ZqTransfer::Kind::OnDemand) beginQuiet();
     } else {
-        active->transfer->fail(active->failed ? active->failure : failureOf(*active, code));
+        active->transfer->fail(
+            active->failed
+                ? active->failure
+                : ZqNetFailure::of(active->easy.get(), code, active->errorText.data(), settings.connectMs));
     }
 }
 
@@ -317,21 +299,6 @@ void ZqNetLoop::Engine::beginQuiet() {
     quietSinceNs = now;
     quietUntilNs = now + (isShort ? std::clamp(trip, MIN_QUIET_NS, MAX_SHORT_QUIET_NS)
                                   : std::clamp(QUIET_TRIPS * trip, MIN_QUIET_NS, MAX_QUIET_NS));
-}
-
-SxException ZqNetLoop::Engine::failureOf(const Active& active, CURLcode code) const {
-    long error = 0;
-    curl_easy_getinfo(active.easy.get(), CURLINFO_OS_ERRNO, &error);
-    SxString text(curl_easy_strerror(code));
-    if (code == CURLE_COULDNT_CONNECT && error != 0) {
-        text = SxOs::errorText(error);
-    } else if (code == CURLE_OPERATION_TIMEDOUT) {
-        text = "no connection within " +
-               SxString::sprintf("%g", static_cast<double>(settings.connectMs) / 1e3) + " s";
-    } else if (active.errorText[0] != 0) {
-        text = SxString(active.errorText.data());
-    }
-    return SxException(tagOf(code), text.makeVisible(), UNIT, __LINE__);
 }
 
 void ZqNetLoop::Engine::failStalled() {

@@ -58,7 +58,8 @@ ZqTransfer::Request ZqRangeReader::makeRequest() const {
         }
         file->checkStatus(response, 206);
         if (response.first < 0 || (response.total < 0 && end_ == UNKNOWN)) {
-            throw SxException("The server doesn't say which bytes it sends", UNIT, __LINE__);
+            throw SxException(ZqNetLink::WRONG, "The server doesn't say which bytes it sends", UNIT,
+                              __LINE__);
         }
         const uint64 fileEnd = response.total < 0 ? end_ : total;
         const uint64 wanted = nLast > 0 ? fileEnd - std::min(nLast, fileEnd) : first;
@@ -67,12 +68,14 @@ ZqTransfer::Request ZqRangeReader::makeRequest() const {
         if (static_cast<uint64>(response.first) != wanted ||
             static_cast<uint64>(response.last) + 1 != wantedEnd) {
             throw SxException(
+                ZqNetLink::WRONG,
                 "The server was asked for bytes " + rangeText(wanted, wantedEnd) + " and sends " +
                     rangeText(static_cast<uint64>(response.first), static_cast<uint64>(response.last) + 1),
                 UNIT, __LINE__);
         }
         if (response.length >= 0 && static_cast<uint64>(response.length) != wantedEnd - wanted) {
-            throw SxException("The server announces " + SxString(response.length) + " bytes for bytes " +
+            throw SxException(ZqNetLink::WRONG,
+                              "The server announces " + SxString(response.length) + " bytes for bytes " +
                                   rangeText(wanted, wantedEnd),
                               UNIT, __LINE__);
         }
@@ -114,7 +117,8 @@ bool ZqRangeReader::takePiece(SxArray<char>* piece, const ZqStopTest& stop) {
     nSuffix = 0;
     end = static_cast<uint64>(answer->end.load());
     const uint64 n = got == ZqTransfer::Next::Taken ? static_cast<uint64>(piece->getSize()) : 0;
-    if (n > end - pos) throw SxException("The server sends more than it was asked for", UNIT, __LINE__);
+    if (n > end - pos)
+        throw SxException(ZqNetLink::WRONG, "The server sends more than it was asked for", UNIT, __LINE__);
     pos += n;
     if (got == ZqTransfer::Next::Taken) return true;
     setTransfer(nullptr);
@@ -166,7 +170,8 @@ uint64 ZqRangeReader::readAll(char* buffer, uint64 size, const ZqStopTest& stop)
     while (next(&piece, stop)) {
         const auto nPiece = static_cast<uint64>(piece.getSize());
         if (nPiece > size - n)
-            throw SxException("The server sends more than it was asked for", UNIT, __LINE__);
+            throw SxException(ZqNetLink::WRONG, "The server sends more than it was asked for", UNIT,
+                              __LINE__);
         std::memcpy(buffer + n, piece.data(), nPiece);
         n += nPiece;
     }

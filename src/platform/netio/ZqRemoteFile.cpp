@@ -40,7 +40,8 @@ void ZqRemoteFile::read(uint64 offset, uint64 n, char* buffer, const ZqStopTest&
 void ZqRemoteFile::finish(ZqRangeReader* reader, uint64 n, char* buffer, const ZqStopTest& stop) {
     const uint64 offset = reader->getPos();
     try {
-        if (reader->readAll(buffer, n, stop) != n) throw SxException("The file ends before", UNIT, __LINE__);
+        if (reader->readAll(buffer, n, stop) != n)
+            throw SxException(ZqNetLink::WRONG, "The file ends before", UNIT, __LINE__);
     } catch (const SxException& e) {
         throw failure(e, "bytes " + SxString(offset) + "-" + SxString(offset + n - 1) + " of ");
     }
@@ -57,7 +58,8 @@ SxArray<char> ZqRemoteFile::getOnce(int64 maxSize, const ZqStopTest& stop) {
         ZqTransfer::Response whole = response;
         whole.total = response.length;
         if (response.length > maxSize) {
-            throw SxException("The file has " + SxString(response.length) + " bytes, and no more than " +
+            throw SxException(ZqNetLink::WRONG,
+                              "The file has " + SxString(response.length) + " bytes, and no more than " +
                                   SxString(maxSize) + " were expected",
                               UNIT, __LINE__);
         }
@@ -74,7 +76,8 @@ SxArray<char> ZqRemoteFile::getOnce(int64 maxSize, const ZqStopTest& stop) {
             if (got == ZqTransfer::Next::Waiting) continue;
             const int64 old = bytes.getSize();
             if (piece.getSize() > maxSize - old) {
-                throw SxException("The file has more than " + SxString(maxSize) + " bytes", UNIT, __LINE__);
+                throw SxException(ZqNetLink::WRONG, "The file has more than " + SxString(maxSize) + " bytes",
+                                  UNIT, __LINE__);
             }
             bytes.resize(old + piece.getSize(), true);
             std::memcpy(bytes.data() + old, piece.data(), static_cast<size_t>(piece.getSize()));
@@ -120,7 +123,8 @@ void ZqRemoteFile::fetchTo(const SxString& path, const ZqStopTest& stop, uint64 
             [&](const char* bytes, int64 n) {
                 // A server need not say ahead how much there is.
                 if (static_cast<uint64>(target->getOffset() + n) > maxSize) {
-                    const SxException e("The file has more than " + SxString(maxSize) + " bytes", UNIT,
+                    const SxException e(ZqNetLink::WRONG,
+                                        "The file has more than " + SxString(maxSize) + " bytes", UNIT,
                                         __LINE__);
                     throw failure(e, "");
                 }

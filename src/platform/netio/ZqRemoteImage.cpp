@@ -53,6 +53,7 @@ ZqRemoteImage::ZqRemoteImage(const SxPtr<ZqNetLink>& link_, const SxString& fold
       digest(digest_),
       tableLoader(std::make_unique<TableLoader>(this)),
       aheadLoaders(N_LOADERS) {
+    packed->getFacts()->allowAbsence();
     for (auto& loader : aheadLoaders)
         loader = std::make_unique<AheadLoader>(this);
 }
@@ -371,7 +372,10 @@ ZqRemoteImage::Bytes ZqRemoteImage::takeNext(Fetch* fetch, const ZqStopTest& sto
     try {
         return decode(idx, raw->data(), size);
     } catch (const SxException& e) {
-        if (fetch->isAgain) throw SxException(e, what, UNIT, __LINE__);
+        if (fetch->isAgain) {
+            throw SxException(ZqNetLink::WRONG, what + ": " + e.toString(SxException::ShowMessage, ": "),
+                              UNIT, __LINE__);
+        }
         zqLogMsg("NET", what + ": " + e.toString(SxException::ShowMessage, ": "));
     }
     Fetch again(this, idx);

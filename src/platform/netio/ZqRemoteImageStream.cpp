@@ -270,9 +270,10 @@ void ZqRemoteImage::StreamRun::noteDamage(const SxException& e) {
     const uint64 idx = stretchIdx();
     const SxString what =
         "Frame " + SxString(idx) + " of '" + image->packed->getUrl().makeVisible() + "' is damaged";
-    if (damagedIdx == idx) throw SxException(e, what, UNIT, __LINE__);
+    const SxString text = what + ": " + e.toString(SxException::ShowMessage, ": ");
+    if (damagedIdx == idx) throw SxException(ZqNetLink::WRONG, text, UNIT, __LINE__);
     damagedIdx = idx;
-    zqLogMsg("NET", what + ": " + e.toString(SxException::ShowMessage, ": "));
+    zqLogMsg("NET", text);
 }
 
 /// The stretch at the stream's position, if it is kept or is about to be.

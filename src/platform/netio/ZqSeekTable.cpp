@@ -1,6 +1,7 @@
 #include "ZqSeekTable.h"
 
 #include "SxException.h"
+#include "ZqNetLink.h"
 #include "ZqPackedForm.h"
 
 namespace {
@@ -18,7 +19,7 @@ uint32 readUint32(const char* bytes) {
 }
 
 [[noreturn]] void raise(const SxString& text, int line) {
-    throw SxException(text, UNIT, line);
+    throw SxException(ZqNetLink::WRONG, text, UNIT, line);
 }
 
 } // namespace

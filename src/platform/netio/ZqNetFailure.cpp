@@ -1,0 +1,84 @@
+#include "ZqNetFailure.h"
+
+#include "SxOs.h"
+#include "ZqNetLink.h"
+
+#include <curl/curl.h>
+
+namespace {
+
+constexpr const char* UNIT = "src/platform/netio/ZqNetFailure";
+
+long numberOf(CURL* easy, CURLINFO what) {
+    long number = 0;
+    curl_easy_getinfo(easy, what, &number);
+    return number;
+}
+
+/// Something answers, but not as a server of HTTP does, or it leads to where no file can come from.
+const char* tagOfProtocol(CURL* easy) {
+    const long status = numberOf(easy, CURLINFO_RESPONSE_CODE);
+    if (status >= 300 && status < 400) return ZqNetLink::REFUSED;
+    return numberOf(easy, CURLINFO_LOCAL_PORT) > 0 ? ZqNetLink::WRONG : "";
+}
+
+const char* tagOf(CURL* easy, CURLcode code) {
+    switch (code) {
+    case CURLE_COULDNT_RESOLVE_PROXY:
+    case CURLE_COULDNT_RESOLVE_HOST:
+    case CURLE_COULDNT_CONNECT:
+    case CURLE_OPERATION_TIMEDOUT:
+    case CURLE_SSL_CONNECT_ERROR:
+    case CURLE_PROXY:
+        return ZqNetLink::UNREACHABLE;
+    case CURLE_GOT_NOTHING:
+    case CURLE_PARTIAL_FILE:
+    case CURLE_SEND_ERROR:
+    case CURLE_RECV_ERROR:
+    case CURLE_HTTP2:
+    case CURLE_HTTP2_STREAM:
+        return ZqNetLink::BROKEN;
+    case CURLE_PEER_FAILED_VERIFICATION:
+    case CURLE_SSL_ISSUER_ERROR:
+    case CURLE_SSL_INVALIDCERTSTATUS:
+    case CURLE_TOO_MANY_REDIRECTS:
+        return ZqNetLink::REFUSED;
+    case CURLE_WEIRD_SERVER_REPLY:
+    case CURLE_BAD_CONTENT_ENCODING:
+        return ZqNetLink::WRONG;
+    case CURLE_UNSUPPORTED_PROTOCOL:
+    case CURLE_URL_MALFORMAT:
+        return tagOfProtocol(easy);
+    default:
+        return "";
+    }
+}
+
+/// A proxy that was asked for a way to the server, and gives none.
+SxException failureOfProxy(CURL* easy, long status) {
+    const char* host = nullptr;
+    curl_easy_getinfo(easy, CURLINFO_PRIMARY_IP, &host);
+    SxString proxy = "the proxy ";
+    if (host && *host) proxy += SxString(host) + ":" + SxString(numberOf(easy, CURLINFO_PRIMARY_PORT)) + " ";
+    const bool mayPass = status == 408 || status == 429 || status >= 500;
+    return SxException(mayPass ? ZqNetLink::UNREACHABLE : ZqNetLink::REFUSED,
+                       proxy + "answers " + SxString(status), UNIT, __LINE__);
+}
+
+} // namespace
+
+SxException ZqNetFailure::of(void* easy, int code, const char* detail, int64 connectMs) {
+    const auto curlCode = static_cast<CURLcode>(code);
+    const long proxyStatus = numberOf(easy, CURLINFO_HTTP_CONNECTCODE);
+    if (proxyStatus >= 300) return failureOfProxy(easy, proxyStatus);
+    const long error = numberOf(easy, CURLINFO_OS_ERRNO);
+    SxString text(curl_easy_strerror(curlCode));
+    if (code == CURLE_COULDNT_CONNECT && error != 0) {
+        text = SxOs::errorText(error);
+    } else if (code == CURLE_OPERATION_TIMEDOUT) {
+        text = "no connection within " + SxString::sprintf("%g", static_cast<double>(connectMs) / 1e3) + " s";
+    } else if (*detail != 0) {
+        text = SxString(detail);
+    }
+    return SxException(tagOf(easy, curlCode), text.makeVisible(), UNIT, __LINE__);
+}
