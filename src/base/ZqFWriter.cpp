@@ -31,6 +31,9 @@ constexpr int64 SAMPLES = 12;
 constexpr int64 PASS_MS = 1000;
 constexpr int64 RETRY_MS = 100;
 constexpr uint64 SAMPLE_MS = 5000;
+/// From one look at the free room to the next, while there is enough, and while there isn't.
+constexpr int64 ROOM_NS = 1'000'000'000;
+constexpr int64 ROOM_LOOK_MS = 100;
 constexpr int64 LARGEST_LAG_NS = 20'000'000;
 
 /// Durations come from the clock that no adjustment moves: after a jump of the system's, a pause could last
@@ -223,8 +226,8 @@ void ZqFWriter::testDisk() {
     const SxString path = pathOf(TEST_FILE);
     try {
         // On a disk that is nearly full, the test must not take what the image needs.
-        const auto room = static_cast<int64>(std::min(ZqSysEnv::getFreeDiskSpace(dirPath), uint64{1} << 62));
-        writeTestFile(std::min(TEST_BYTES, room / 2));
+        const uint64 free = std::min(ZqSysEnv::getFreeDiskSpace(dirPath), reserve.getRoom());
+        writeTestFile(std::min(TEST_BYTES, static_cast<int64>(std::min(free, uint64{1} << 62) / 2)));
         SxFSAction::rm(path);
     } catch (const SxException& e) {
         SxOs::get().unlink(SxOs::hostPath(path));
@@ -268,7 +271,7 @@ void ZqFWriter::writeImage() {
     while (fileSize < total) {
         const uint64 offset = awaitOffset();
         if (getBufferCursor() >= total) finalize();
-        if (offset == NO_OFFSET) break;
+        if (offset == NO_OFFSET || !awaitRoom(offset)) break;
         Pace pace{getBytesPerSecond(), 0, 0};
         pace.target = targetSpeed(pace.dlSpeed, bytesBehindLast);
         pace.reached = writePiece(&image, offset, pace.target);
@@ -309,6 +312,37 @@ uint64 ZqFWriter::awaitOffset() {
     while (!SxWait::pass(PASS_MS, ready))
         continue;
     return stopRequested() ? NO_OFFSET : offset;
+}
+
+/// Whether so much may be written, which then counts as written.
+bool ZqFWriter::hasRoom(uint64 nBytes) {
+    const int64 nowNs = SxClock::get().steadyNs();
+    if (nBytes > room || nowNs - roomNs >= ROOM_NS) {
+        room = reserve.getRoom();
+        roomNs = nowNs;
+    }
+    if (nBytes > room) return false;
+    room -= nBytes;
+    return true;
+}
+
+/// Waits until the chunk at `offset` fits beside the reserve; false after a stop.
+bool ZqFWriter::awaitRoom(uint64 offset) {
+    uint64 size = 0;
+    {
+        SxMutexBlock lock(&dataMutex);
+        size = static_cast<uint64>(chunks.at(offset)->getSize());
+    }
+    bool fits = hasRoom(size);
+    waitingForRoom = !fits;
+    const auto ready = [&] {
+        fits = fits || hasRoom(size);
+        return fits || stopRequested();
+    };
+    while (!SxWait::pass(PASS_MS, ready, ROOM_LOOK_MS))
+        continue;
+    waitingForRoom = false;
+    return fits;
 }
 
 uint64 ZqFWriter::targetSpeed(uint64 dlSpeed, uint64 bytesBehindLast) const {

@@ -6,7 +6,9 @@
 #include "SxPtr.h"
 #include "SxSystemThread.h"
 #include "ZqAvg.h"
+#include "ZqDiskReserve.h"
 
+#include <atomic>
 #include <map>
 
 /// Takes the bytes of an image from download threads as chunks, in any order, and appends them to the image
@@ -23,6 +25,10 @@ public:
     /// empty, where it is missing. Chunks that an earlier run left on disk are removed. `app.json` must lie
     /// in the folder when the thread starts.
     ZqFWriter(const SxString& dirPath, const SxString& fileName);
+
+    /// Leaves that much of the disk free: where the next piece would go beyond it, the thread waits for room.
+    /// To be called ahead of the start; without it nothing is left.
+    void setReserve(const ZqDiskReserve& reserve_) { reserve = reserve_; }
 
     /// Takes a copy of `data`, cut into pieces of 2,000,000 bytes. A client pushes on a grid: where a piece
     /// ends the next one begins. What ends at or ahead of the write cursor isn't kept. With setThrottle(true)
@@ -47,6 +53,8 @@ public:
     uint64 getWriteCursor() const;
     /// Bytes in memory: pushed and not yet written, also those behind a gap.
     uint64 getBytesHeld() const;
+    /// Whether the thread waits for room on the disk.
+    bool isWaitingForRoom() const { return waitingForRoom; }
     /// The download's mean speed of the last minute; 0 until the first sample, after 5 s.
     uint64 getBytesPerSecond() const;
 
@@ -82,6 +90,8 @@ private:
     void writeImage();
     void beginAtEnd(SxFileIO* image, uint64 total);
     uint64 awaitOffset();
+    bool hasRoom(uint64 nBytes);
+    bool awaitRoom(uint64 offset);
     uint64 targetSpeed(uint64 dlSpeed, uint64 bytesBehindLast) const;
     uint64 writePiece(SxFileIO* image, uint64 offset, uint64 target);
     void freePiece(uint64 offset);
@@ -108,7 +118,12 @@ private:
     /// Of those in `chunks` that popOffset() hasn't given yet.
     std::map<uint64, uint64> chunkSizes SX_GUARDED_BY(dataMutex);
 
+    std::atomic<bool> waitingForRoom{false};
+
     // The writer's thread alone.
+    ZqDiskReserve reserve;
+    uint64 room = 0;  ///< bytes that may be written, by the last look
+    int64 roomNs = 0; ///< when that was
     uint64 testBytes = 0, testMs = 0, maxWriteSpeed = 0;
     int64 dueNs = 0; ///< when the last piece has taken the time that its pace gives it
     SxFileIO log;

@@ -24,9 +24,8 @@ namespace {
 constexpr const char* UNIT = "src/base/ZqImageFeed";
 constexpr uint64 BLOCK = 4096;
 constexpr double MBIT = 125'000.;
-/// Free space at which a writer that had none begins again; its test of the disk takes 50 MiB.
-constexpr uint64 ROOM = 96 << 20;
 constexpr int64 ROOM_LOOK_NS = 500'000'000;
+constexpr int64 WRITER_LOOK_NS = 500'000'000;
 /// Writers that fail one after the other, without a byte written, until it is given up.
 constexpr int WRITER_TRIES = 3;
 constexpr int64 DOWNLOAD_LOOK_NS = 5'000'000'000;
@@ -37,6 +36,12 @@ constexpr uint64 ANY_RATE = ~uint64{0};
 constexpr int64 SILENCE_S = 3;
 /// Below that rate, bytes a second, silence is the limit's.
 constexpr uint64 STEADY_RATE = 64 << 10;
+
+/// Rounded up, since it is what somebody has to make free.
+SxString megabytes(uint64 nBytes) {
+    constexpr uint64 MEGABYTE = 1'000'000;
+    return SxString(nBytes / MEGABYTE + (nBytes % MEGABYTE != 0 ? 1 : 0)) + " MB";
+}
 
 /// What an event says of a failure, a level a line with its place in the code behind it, as one sentence.
 SxString sentenceOf(const SxString& text) {
@@ -135,6 +140,7 @@ void ZqImageFeed::open(const ZqStopTest& stop) {
         app = ZqImageRecords(link, settings.image, url, settings.headers).fetchApp(stop);
     }
     app.requireKnownFormat();
+    if (link) measureDisk();
     // What is downloaded from its beginning on has nothing of an earlier file.
     const bool isFresh = fileSize() == 0;
     isWritten = record.isWritten && !isFresh;
@@ -148,6 +154,24 @@ void ZqImageFeed::open(const ZqStopTest& stop) {
     });
 }
 
+void ZqImageFeed::measureDisk() {
+    reserve = ZqDiskReserve(settings.image, fileSize());
+    lookForRoom();
+    if (nShort == 0) return;
+    const SxString text =
+        "The image needs " + megabytes(nShort) + " more on the disk of '" + settings.image + "'";
+    if (settings.needsRoom) {
+        throw SxException(text + ": it is of " + megabytes(app.sizeZqf) + ", and " +
+                              megabytes(reserve.getSize()) + " of the disk are left to others",
+                          UNIT, __LINE__);
+    }
+    zqLogMsg("base", "ZqImageFeed: " + text + ", and arrives as far as there is room");
+}
+
+void ZqImageFeed::lookForRoom() {
+    nShort = reserve.getMissing(app.sizeZqf - std::min(app.sizeZqf, fileSize()));
+}
+
 bool ZqImageFeed::isKnownAsRight(const ZqStreamRecord& record) const {
     return url.isEmpty() || app.checksumZqf.isEmpty() || isWritten ||
            record.isVerified(settings.image, app.checksumZqf);
@@ -155,6 +179,7 @@ bool ZqImageFeed::isKnownAsRight(const ZqStreamRecord& record) const {
 
 void ZqImageFeed::makeWriter() {
     const auto fresh = SxPtr<ZqFWriter>::create(filePath(""), ZqImageFiles::ZQF);
+    fresh->setReserve(reserve);
     // A start must not wait for the pace of a download that is slower than the disk.
     fresh->finalize();
     fresh->start();
@@ -297,29 +322,36 @@ void ZqImageFeed::watchServer() {
     silentSeconds = (nowNs - seenNs) / 1'000'000'000;
 }
 
-bool ZqImageFeed::hasRoom() const {
-    return ZqSysEnv::getFreeDiskSpace(settings.image) >= std::min(ROOM, app.sizeZqf - fileSize() + ROOM / 2);
-}
-
 void ZqImageFeed::keepWriter() {
     const SxPtr<ZqFWriter> now = getWriter();
+    const int64 nowNs = SxClock::get().steadyNs();
+    if (nowNs - roomNs >= ROOM_LOOK_NS) {
+        roomNs = nowNs;
+        lookForRoom();
+    }
+    const SxString roomLine =
+        "waiting for room on the disk of '" + settings.image + "': " + megabytes(nShort) + " are missing";
     if (now->isRunning()) {
-        if (nWriterTries > 0 && fileSize() > triedSize) {
+        const bool waits = now->isWaitingForRoom();
+        if (waits) {
+            setWaiting(roomLine);
+        } else if (lacksRoom || (nWriterTries > 0 && fileSize() > triedSize)) {
             nWriterTries = 0;
             setWaiting("");
         }
+        lacksRoom = waits;
         return;
     }
     if (now->isCompleteImage()) {
         verifyDigest();
         return;
     }
-    const int64 nowNs = SxClock::get().steadyNs();
-    if (nowNs - roomNs < ROOM_LOOK_NS) return;
-    roomNs = nowNs;
-    if (!hasRoom()) {
+    if (nowNs - writerNs < WRITER_LOOK_NS) return;
+    writerNs = nowNs;
+    if (reserve.getRoom() == 0) {
         nWriterTries = 0;
-        setWaiting("waiting for room on the disk of '" + settings.image + "'");
+        lacksRoom = true;
+        setWaiting(roomLine);
         return;
     }
     nWriterTries = fileSize() > triedSize ? 0 : nWriterTries + 1;
@@ -432,6 +464,7 @@ ZqImageFeed::Status ZqImageFeed::getStatus() const {
         return status;
     }
     const uint64 limit = settings.rateLimit > 0 ? settings.rateLimit : ANY_RATE;
+    status.nShort = nShort;
     status.nCurrent = progress->getNCurrent();
     status.nNeeded = progress->getNInit(limit);
     status.speed = progress->getAvgSpeed() * MBIT;

@@ -2,6 +2,7 @@
 
 #include "SxEventBus.h"
 #include "ZqAppParams.h"
+#include "ZqDiskReserve.h"
 #include "ZqImageLock.h"
 #include "ZqImageParams.h"
 #include "ZqRemoteImage.h"
@@ -27,6 +28,7 @@ public:
         SxString url;              ///< address of the folder's original; empty for the one noted in it
         SxArray<SxString> headers; ///< lines "Name: value" for each request
         uint64 rateLimit = 0;      ///< of the ordered download, bytes a second; 0 for none
+        bool needsRoom = false;    ///< open() raises where the disk surely lacks room for the whole image
         SxString job = "run";      ///< shown to whoever finds the image in use
     };
 
@@ -39,6 +41,7 @@ public:
         bool isUnderflow = false;          ///< an underflow that on-demand requests don't resolve
         bool isChecking = false;           ///< the complete image is compared with its digest
         uint64 nChecked = 0;               ///< as far as here
+        uint64 nShort = 0;                 ///< what the disk lacks for the rest of it
         SxString waiting;                  ///< what it waits for, as a line; empty while all goes well
         ZqNetLink::Figures link;
         ZqRemoteImage::Figures image;
@@ -116,7 +119,8 @@ private:
     void verifyDigest();
     /// Reads the whole of `img.zqf`; empty where a stop came between.
     SxString readDigest();
-    bool hasRoom() const;
+    void measureDisk();
+    void lookForRoom();
     SxPtr<ZqFWriter> getWriter() const;
     void setWaiting(const SxString& text);
     void fail(const SxException& e);
@@ -128,6 +132,7 @@ private:
     ZqAppParams app;
     ZqImageParams params;
     SxPtr<ZqImageLock> growth, shape;
+    ZqDiskReserve reserve;
     SxPtr<ZqNetLink> link; ///< changed, and read ahead of start(), under the mutex
     SxPtr<ZqRemoteImage> image;
     SxPtr<ZqImageProgress> progress;
@@ -143,13 +148,16 @@ private:
     bool isBroken =
         false; ///< the keeper's: the server breaks off all its answers, and nothing has come since
     std::atomic<uint64> nChecked{0};
+    std::atomic<uint64> nShort{0};       ///< bytes that the disk lacks for the rest of the image
     std::atomic<int64> silentSeconds{0}; ///< without a byte of the server
     SxEventListener failures;
 
     // The keeper's alone.
-    int64 roomNs = 0;      ///< when room on the disk was last looked for
-    uint64 nSeenBytes = 0; ///< of the link
-    int64 seenNs = 0;      ///< when they came
+    int64 roomNs = 0;       ///< when room on the disk was last looked for
+    int64 writerNs = 0;     ///< when a writer was last looked for
+    bool lacksRoom = false; ///< the writer waits for the disk
+    uint64 nSeenBytes = 0;  ///< of the link
+    int64 seenNs = 0;       ///< when they came
     int nWriterTries = 0;
     uint64 triedSize = 0;
     uint64 brokenSize = 0;

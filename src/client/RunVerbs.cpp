@@ -12,6 +12,7 @@
 #include <tavrin/ZqRunPage.h>
 
 #include <array>
+#include <cmath>
 #include <cstdlib>
 #include <functional>
 
@@ -41,6 +42,10 @@ SxString statusText(ZqRun::Phase phase, const ZqImageFeed::Status& status) {
     }
     if (status.isUnderflow) text += ", the application waits for data";
     if (status.isChecking) text += ", checking the image";
+    if (status.nShort > 0) {
+        text += SxString::sprintf(", needs %.0f MB more on the disk",
+                                  std::ceil(static_cast<double>(status.nShort) / 1e6));
+    }
     return text;
 }
 

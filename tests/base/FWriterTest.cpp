@@ -216,6 +216,47 @@ TEST_F(FWriterTest, AFullDiskIsGoneOnFrom) {
     EXPECT_TRUE(image() == content);
 }
 
+TEST_F(FWriterTest, TheReserveOfTheDiskStays) {
+    VirtualClock clock;
+    prepare(10'000'000, 100'000);
+    FaultOs os(dir.path());
+    os.setDiskLeft(5'000'000);
+    const ZqDiskReserve reserve(folder, 100'000);
+    ASSERT_EQ(reserve.getSize(), 510'000U);
+    for (const bool isStopped : {true, false}) {
+        ZqFWriter writer(folder, "img.zqf");
+        writer.setReserve(reserve);
+        writer.finalize();
+        writer.start();
+        const uint64 begin = image().size();
+        for (uint64 at = begin; at < 10'000'000; at += PIECE)
+            push(writer, at, PIECE);
+        while (!writer.isWaitingForRoom())
+            SxTime::msleep(100);
+        EXPECT_EQ(image().size(), 4'100'000U);
+        EXPECT_EQ(writer.getBytesHeld(), 10'000'000 - image().size());
+        if (!isStopped) {
+            // Others fill the disk, and make room again in pieces.
+            os.setDiskLeft(1);
+            SxTime::msleep(60'000);
+            EXPECT_TRUE(writer.isWaitingForRoom());
+            os.setDiskLeft(3'000'000);
+            SxTime::msleep(200);
+            EXPECT_TRUE(writer.isWaitingForRoom());
+            EXPECT_EQ(image().size(), 6'100'000U) << "the next piece would go beyond the reserve";
+            os.setDiskLeft(1 << 30);
+        }
+        if (isStopped) writer.stop();
+        const int64 asked = clock.elapsedMs();
+        writer.wait();
+        EXPECT_LE(clock.elapsedMs() - asked, 400);
+        EXPECT_EQ(writer.isCompleteImage(), !isStopped);
+        EXPECT_FALSE(writer.isWaitingForRoom());
+        EXPECT_EQ(publishedFailure(), "");
+    }
+    EXPECT_TRUE(image() == content);
+}
+
 TEST_F(FWriterTest, Failures) {
     struct Case {
         Op op;

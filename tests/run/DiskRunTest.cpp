@@ -1,0 +1,99 @@
+#include "StreamRun.h"
+
+#include <sys/mount.h>
+
+namespace {
+
+/// A small disk in the place of a folder.
+class SmallDisk {
+public:
+    SmallDisk(string folder_, const string& size) : folder(std::move(folder_)) {
+        fs::create_directories(folder);
+        if (::mount("tmpfs", folder.c_str(), "tmpfs", 0, ("size=" + size).c_str()) != 0)
+            throw std::runtime_error("there is no tmpfs");
+    }
+    ~SmallDisk() { ::umount2(folder.c_str(), MNT_DETACH); }
+    void fill() const {
+        std::ofstream file(folder + "/other", std::ios::binary | std::ios::app);
+        for (const size_t size : {size_t{1} << 20, size_t{4096}}) {
+            const string piece(size, 'x');
+            while (file.write(piece.data(), static_cast<std::streamsize>(size)).flush())
+                continue;
+            file.clear();
+        }
+    }
+    void grow(const string& size) const {
+        ::mount("tmpfs", folder.c_str(), "tmpfs", MS_REMOUNT, ("size=" + size).c_str());
+    }
+    void free() const { fs::remove(folder + "/other"); }
+
+private:
+    const string folder;
+};
+
+bool saysSoon(const Client& player, const string& words) {
+    return SxWait::pass(20'000, [&] { return player.says().find(words) != string::npos; });
+}
+
+} // namespace
+
+TEST_F(StreamRun, AFullDiskEndsNothing) {
+    const SmallDisk disk(got, "128m");
+    // Its record can't be written at first, then its image, and at the end nothing.
+    dir.write("got/stream.json", "{\"version\": 2, \"url\": \"" + server->getUrl().str() + "\"}");
+    fs::create_directory(got + "/stream.json.tmp");
+    server->setRate(1'000'000);
+    hold();
+    const auto player = start();
+    ASSERT_TRUE(SxWait::pass(20'000, [&] { return hasStarted(); })) << player->says();
+    EXPECT_TRUE(saysSoon(*player, "the application can't be noted yet")) << player->says();
+    fs::remove(got + "/stream.json.tmp");
+    EXPECT_TRUE(
+        eventually([&] { return dir.read("got/stream.json").find("\"application\"") != string::npos; }));
+    EXPECT_THAT(dir.read("got/stream.json"), HasSubstr("\"nStarts\": 1"));
+    disk.fill();
+    EXPECT_TRUE(saysSoon(*player, "waiting for room on the disk")) << player->says();
+    EXPECT_LT(fs::file_size(got + "/img.zqf"), fs::file_size(served + "/img.zqf"));
+    server->setRate(0);
+    disk.free();
+    EXPECT_TRUE(SxWait::pass(20'000, [&] {
+        return fs::file_size(got + "/img.zqf") == fs::file_size(served + "/img.zqf");
+    })) << player->says();
+    EXPECT_TRUE(SxWait::pass(20'000, [&] { return hasPlayed(); })) << player->says();
+    disk.fill();
+    release();
+    EXPECT_EQ(player->end(), 0);
+    EXPECT_THAT(player->says(), HasSubstr("The application has ended with code 7"));
+    EXPECT_THAT(player->says(), HasSubstr("got/runtime.json"));
+    expectPlayed();
+    expectComplete();
+    // A complete image waits as well for what its trace takes.
+    const auto next = start();
+    EXPECT_TRUE(saysSoon(*next, "waiting for room on the disk")) << next->says();
+    disk.free();
+    EXPECT_EQ(next->end(), 0) << next->says();
+    expectPlayed();
+}
+
+TEST_F(StreamRun, ADownloadLeavesItsReserve) {
+    const uint64 nTotal = fs::file_size(served + "/img.zqf");
+    // Too small for the image, so that the game plays from what fits.
+    const uint64 nDisk = nTotal * 3 / 4 / 4096 * 4096;
+    const SmallDisk disk(got, std::to_string(nDisk));
+    dir.write("played.pause", "");
+    server->setRate(6'000'000);
+    const auto player = start();
+    EXPECT_TRUE(saysSoon(*player, " MB more on the disk")) << player->says();
+    EXPECT_TRUE(saysSoon(*player, "waiting for room on the disk of '" + got + "': ")) << player->says();
+    EXPECT_THAT(player->says(), HasSubstr(" MB are "));
+    EXPECT_TRUE(SxWait::pass(20'000, [&] { return hasStarted(); })) << player->says();
+    EXPECT_LT(fs::file_size(got + "/img.zqf"), nTotal);
+    // It goes on when room comes.
+    disk.grow("256m");
+    EXPECT_TRUE(SxWait::pass(20'000, [&] { return fs::file_size(got + "/img.zqf") == nTotal; }))
+        << player->says();
+    fs::remove(played + ".pause");
+    EXPECT_EQ(player->end(), 0) << player->says();
+    expectPlayed();
+    expectComplete();
+}
