@@ -7,9 +7,11 @@
 #   clang     sanitizer builds          lint     format check and clang-tidy
 #   fuzz      libFuzzer builds          demo     the game that the demonstration uses
 #   package   Debian packages           peers     what the benchmarks compare with, and their games
+#   servers   web servers, balancers, caches and proxies that the client is tried with
 # Says and touches nothing where all is there already.
 set -euo pipefail
 
+starts_nothing= # whether no service of the packages may be started
 packages=(
     g++ cmake ninja-build pkg-config ccache python3
     libssl-dev libarchive-dev libzstd-dev libcurl4-openssl-dev libcpp-httplib-dev nlohmann-json3-dev
@@ -28,8 +30,12 @@ for group in "$@"; do
         packages+=(nbdkit libnbd-bin qemu-system-common qemu-block-extra qemu-utils rclone curl)
         packages+=(freedoom chocolate-doom supertux libgl1-mesa-dri)
         ;;
+    servers)
+        packages+=(nginx apache2-bin lighttpd haproxy varnish squid tinyproxy busybox caddy openssl media-types)
+        starts_nothing=yes
+        ;;
     *)
-        echo "install-deps.sh: no group \"$group\" (there are: clang, lint, fuzz, demo, package, peers)" >&2
+        echo "install-deps.sh: no group \"$group\" (there are: clang, lint, fuzz, demo, package, peers, servers)" >&2
         exit 2
         ;;
     esac
@@ -52,6 +58,14 @@ elif command -v sudo >/dev/null; then
 else
     echo "install-deps.sh: missing packages can only be installed as root or with sudo: ${missing[*]}" >&2
     exit 1
+fi
+
+# The trials start their servers themselves; a service of the system with the same name would take ports 80 and 443.
+policy=/usr/sbin/policy-rc.d
+if [[ -n $starts_nothing && ! -e $policy ]]; then
+    trap '"${as_root[@]}" rm -f "$policy"' EXIT
+    printf '#!/bin/sh\nexit 101\n' | "${as_root[@]}" tee "$policy" >/dev/null
+    "${as_root[@]}" chmod 755 "$policy"
 fi
 
 echo "Installing: ${missing[*]}"

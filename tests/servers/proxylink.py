@@ -1,0 +1,143 @@
+"""A link between client and server: it forwards TCP connections on the loopback interface, and goes wrong on demand."""
+
+import contextlib
+import socket
+import struct
+import threading
+import time
+
+PIECE = 16 << 10
+
+
+class Pair:
+    """One connection: the client's socket, and the one to the server."""
+
+    def __init__(self, near, far):
+        self.near, self.far = near, far
+        self.silent = False
+        self.n_bytes = 0  # towards the client
+
+    def close(self, reset):
+        for side in (self.near, self.far):
+            with contextlib.suppress(OSError):
+                if reset:
+                    side.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+                else:
+                    side.shutdown(socket.SHUT_RDWR)
+            if reset:
+                with contextlib.suppress(OSError):
+                    side.shutdown(socket.SHUT_RD)  # wakes whoever reads it
+                side.close()
+
+
+class ProxyLink:
+    """Listens during a `with`. `rate` in bytes per second for all connections together, 0 for no limit; `cut_at`: each
+    connection is reset once so many bytes have come through it; `delay` in seconds for each new connection."""
+
+    def __init__(self, port, rate=0, cut_at=0, delay=0.0):
+        self.target, self.rate, self.cut_at, self.delay = port, rate, cut_at, delay
+        self.lock = threading.Condition()
+        self.pairs = []  # under the lock, like what follows
+        self.stalled = self.refuses = self.ended = False
+        self.sent_until = 0.0  # the time at which the rate permits the next piece
+        self.n_connections = 0
+
+    def __enter__(self):
+        self.listener = socket.create_server(("127.0.0.1", 0))
+        self.port = self.listener.getsockname()[1]
+        threading.Thread(target=self.accept, daemon=True).start()
+        return self
+
+    def __exit__(self, *_):
+        with self.lock:
+            self.ended = True
+            pairs = list(self.pairs)
+            self.lock.notify_all()
+        self.listener.shutdown(socket.SHUT_RDWR)
+        self.listener.close()
+        for pair in pairs:
+            pair.close(reset=True)
+
+    # -- what goes wrong
+
+    def stall(self, stalled):
+        """Nothing goes through, be it of old connections or of new ones, until it is called with false."""
+        with self.lock:
+            self.stalled = stalled
+            self.lock.notify_all()
+
+    def move(self):
+        """As after a change of address: what is open stays open and is silent for ever, new connections work."""
+        with self.lock:
+            for pair in self.pairs:
+                pair.silent = True
+            self.pairs.clear()
+
+    def reset(self):
+        with self.lock:
+            pairs = list(self.pairs)
+            self.pairs.clear()
+        for pair in pairs:
+            pair.close(reset=True)
+
+    def refuse(self, refuses):
+        """New connections are closed at once until it is called with false."""
+        with self.lock:
+            self.refuses = refuses
+
+    # -- forwarding
+
+    def accept(self):
+        while True:
+            try:
+                near, _ = self.listener.accept()
+            except OSError:
+                return  # the end
+            threading.Thread(target=self.connect, args=(near,), daemon=True).start()
+
+    def connect(self, near):
+        time.sleep(self.delay)
+        with self.lock:
+            self.n_connections += 1
+            refuses = self.refuses or self.ended
+        try:
+            far = None if refuses else socket.create_connection(("127.0.0.1", self.target), 5)
+        except OSError:
+            far = None
+        if far is None:
+            near.close()
+            return
+        far.settimeout(None)
+        pair = Pair(near, far)
+        with self.lock:
+            self.pairs.append(pair)
+        threading.Thread(target=self.pump, args=(pair, near, far), daemon=True).start()
+        self.pump(pair, far, near)
+
+    def pump(self, pair, source, target):
+        try:
+            while data := source.recv(PIECE):
+                self.wait(pair, len(data) if source is pair.far else 0)
+                if pair.silent:
+                    return  # nobody hears of its end either
+                target.sendall(data)
+                if self.cut_at and pair.n_bytes >= self.cut_at:
+                    pair.close(reset=True)
+                    return
+            if not pair.silent:
+                target.shutdown(socket.SHUT_WR)
+        except OSError:
+            if not pair.silent:
+                pair.close(reset=False)
+
+    def wait(self, pair, n_bytes):
+        with self.lock:
+            while self.stalled and not pair.silent and not self.ended:
+                self.lock.wait()
+            pair.n_bytes += n_bytes
+            if not self.rate or not n_bytes:
+                return
+            now = time.monotonic()
+            self.sent_until = max(self.sent_until, now) + n_bytes / self.rate
+            pause = self.sent_until - now
+        time.sleep(pause)

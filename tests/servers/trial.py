@@ -1,0 +1,123 @@
+"""One run of the client against one site, and what came of it."""
+
+import contextlib
+import hashlib
+import json
+import signal
+import subprocess
+import time
+
+import lab
+from product import Product
+
+RATE = 5_000_000  # bytes per second of the ordered download, so that the game reads ahead of it
+IMAGE_LIMIT_S = 10  # what a run without any trouble needs at most, pace aside
+
+
+def digest(path):
+    with open(path, "rb") as file:
+        return hashlib.file_digest(file, "md5").hexdigest()
+
+
+class Outcome:
+    """What a row of the table holds. `faults` are sentences; without one the case has passed."""
+
+    def __init__(self, case, form):
+        self.case, self.form, self.faults = case, form, []
+        self.client_code = self.game_code = self.image = self.ratio = self.requests = self.fetches = None
+        self.longest = self.seconds = None
+        self.told = ""  # the end of what the client has said
+
+
+class Trial:
+    """`case` has its name, its pace and its limit, `served` is the published image's folder."""
+
+    def __init__(self, case, form, client, folder, served):
+        self.case, self.client, self.folder, self.served = case, client, folder, served
+        self.outcome = Outcome(case.name, form)
+        self.image, self.report = folder / "image", folder / "report.json"
+        self.played, self.log = folder / "played", folder / "client.log"
+        self.process = None
+        self.limit = 0.0
+
+    def pause(self, seconds):
+        """For what a site does during the game: waits so long, or until the client ends or its time is up."""
+        with contextlib.suppress(subprocess.TimeoutExpired):
+            self.process.wait(max(0.0, min(seconds, self.limit - time.monotonic())))
+
+    def run(self, site):
+        with Product(self.client.parent.parent, self.folder / "product") as product:
+            product.client = self.client
+            try:
+                self.play(product, site)
+            finally:
+                with contextlib.suppress(RuntimeError):  # it may have gone with its run
+                    product.tavrin("umount", self.image)
+        self.judge()
+        return self.outcome
+
+    def play(self, product, site):
+        env = {name: value for name, value in product.env.items() if not name.lower().endswith("_proxy")}
+        env.update(site.env, TAVRIN_PLAYED=str(self.played), TAVRIN_PACE=str(self.case.pace))
+        words = [self.client, "run", self.image, "--url", site.url + self.outcome.form, "--now", "--keep-mounted"]
+        words += ["--rate", RATE, "--report", self.report, *site.words]
+        begin = time.monotonic()
+        self.limit = begin + self.case.limit_s
+        with open(self.log, "wb") as log, lab.program(*words, env=env, log=log) as self.process:
+            while not self.played.exists() and self.process.poll() is None and time.monotonic() < self.limit:
+                time.sleep(0.01)
+            if site.during:
+                site.during(self)
+            self.pause(self.limit)
+            if self.process.poll() is None:
+                self.outcome.faults.append(f"hang: not at its end after {self.case.limit_s} s")
+                self.process.send_signal(signal.SIGINT)
+                with contextlib.suppress(subprocess.TimeoutExpired):
+                    self.process.wait(20)
+                if self.process.poll() is None:
+                    product.close()  # reads that nobody answers end with the service
+        self.outcome.seconds = time.monotonic() - begin
+        self.outcome.client_code = self.process.returncode
+
+    def judge(self):
+        outcome, faults = self.outcome, self.outcome.faults
+        lines = self.log.read_text(encoding="utf-8", errors="replace").splitlines()
+        outcome.told = "\n".join(lines[-6:])
+        if outcome.client_code != 0:
+            faults.append(f"exit code of the client {outcome.client_code}")
+        self.judge_game()
+        self.judge_image()
+        if self.report.exists():
+            report = json.loads(self.report.read_text(encoding="utf-8"))
+            name = "img.zqf.zst" if outcome.form == "packed" else "img.zqf"
+            outcome.ratio = report["bytesReceived"] / (self.served / name).stat().st_size
+            outcome.game_code, outcome.requests = report["exitCode"], report["requests"]
+            outcome.fetches = report["nOnDemandFetches"]
+        if outcome.game_code != 0:
+            faults.append(f"exit code of the game {outcome.game_code}")
+
+    def judge_game(self):
+        if not self.played.exists():
+            self.outcome.faults.append("the game did not begin")
+            return
+        text = self.played.read_text(encoding="utf-8")
+        if not text:
+            self.outcome.faults.append("the game was ended")
+            return
+        result = json.loads(text)
+        self.outcome.longest = result["longest"]
+        if result["wrong"]:
+            name, found = result["wrong"][0]
+            self.outcome.faults.append(f"WRONG BYTES in {len(result['wrong'])} files, first {name}: {found}")
+
+    def judge_image(self):
+        file, whole = self.image / "img.zqf", self.served / "img.zqf"
+        size, total = file.stat().st_size if file.exists() else 0, whole.stat().st_size
+        if size < total:
+            self.outcome.image = f"{size / total:.0%}"
+            self.outcome.faults.append(f"the image is there to {size / total:.0%}")
+        elif digest(file) == digest(whole):
+            self.outcome.image = "right"
+        else:
+            self.outcome.image = "WRONG"
+            self.outcome.faults.append("WRONG BYTES in the image")
