@@ -72,7 +72,10 @@ def _(ground):
 
 # -- limits
 
-LIMITS = "limit_req_zone $server_name zone=requests:1m rate={}r/s; limit_conn_zone $server_name zone=connections:1m;"
+LIMITS = (
+    "limit_req_zone $binary_remote_addr zone=requests:1m rate={}r/s; "
+    "limit_conn_zone $binary_remote_addr zone=connections:1m;"
+)
 
 
 def limited(ground, rate, location):
