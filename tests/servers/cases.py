@@ -326,10 +326,10 @@ def signal_all(processes, number):
 # -- links
 
 
-def linked(name, happens=None, pace=8.0, limit_s=120, **settings):
+def linked(name, happens=None, pace=8.0, limit_s=120, forms=None, **settings):
     """nginx behind a link; `happens(link, trial)` during the game."""
 
-    @case(name, pace=pace, limit_s=limit_s)
+    @case(name, forms=forms, pace=pace, limit_s=limit_s)
     def arrange(ground):
         link = ground.enter_context(ProxyLink(Nginx(ground).port, **settings))
         during = (lambda trial: happens(link, trial)) if happens else None
@@ -363,6 +363,12 @@ def goes_away(link, trial):
     link.refuse(False)
 
 
+def damages(link, trial):
+    for _ in range(8):
+        trial.pause(0.5)
+        link.damage(100_000)
+
+
 linked("link of 12 Mbit/s", rate=1_500_000)
 linked("link that stalls for 5 s", stalls(5))
 linked("link that stalls for 25 s", stalls(25))
@@ -370,3 +376,4 @@ linked("link that moves three times", repeatedly("move"))
 linked("link that resets all three times", repeatedly("reset"))
 linked("link that resets each connection after 1 MB", cut_at=1 << 20)
 linked("link that is down for 6 s", goes_away)
+linked("link that changes eight bytes", damages, forms=["packed"])

@@ -39,6 +39,7 @@ class ProxyLink:
         self.lock = threading.Condition()
         self.pairs = []  # under the lock, like what follows
         self.stalled = self.refuses = self.ended = False
+        self.damages_in = 0  # bytes until one of them is changed; 0 for never
         self.sent_until = 0.0  # the time at which the rate permits the next piece
         self.n_connections = 0
 
@@ -85,6 +86,11 @@ class ProxyLink:
         with self.lock:
             self.refuses = refuses
 
+    def damage(self, n_bytes):
+        """Changes one byte on its way to the client, once so many more have come."""
+        with self.lock:
+            self.damages_in = n_bytes
+
     # -- forwarding
 
     def accept(self):
@@ -120,7 +126,7 @@ class ProxyLink:
                 self.wait(pair, len(data) if source is pair.far else 0)
                 if pair.silent:
                     return  # nobody hears of its end either
-                target.sendall(data)
+                target.sendall(self.damaged(data) if source is pair.far else data)
                 if self.cut_at and pair.n_bytes >= self.cut_at:
                     pair.close(reset=True)
                     return
@@ -129,6 +135,18 @@ class ProxyLink:
         except OSError:
             if not pair.silent:
                 pair.close(reset=False)
+
+    def damaged(self, data):
+        """Only a large piece is, which is hardly one of head lines."""
+        with self.lock:
+            if not self.damages_in:
+                return data
+            self.damages_in = max(1, self.damages_in - len(data))
+            if self.damages_in > 1 or len(data) < PIECE:
+                return data
+            self.damages_in = 0
+        place = PIECE * 3 // 4
+        return data[:place] + bytes([data[place] ^ 64]) + data[place + 1 :]
 
     def wait(self, pair, n_bytes):
         with self.lock:
