@@ -66,6 +66,8 @@ int build(const BuildOptions& options, Output& out) {
         out.text("Passed over " + SxString(job.getNSkipped()) +
                  " sockets, pipes or devices; the log names them.");
     }
+    out.text(
+        "For delivery pack it (tavrin image pack): only then can clients check each stretch as it comes.");
     return ExitSuccess;
 }
 
@@ -141,7 +143,7 @@ void registerPublishVerbs(Family* image) {
     auto building = SxPtr<BuildOptions>::create();
     ZqImageBuild::Options& what = building->build;
     image
-        ->verb("build", "Make a drive of a folder, and an image of that, ready to stream",
+        ->verb("build", "Make a drive of a folder, and an image of that; for delivery pack it then",
                "tavrin image build /usr/share/games/doom games/doom --cmd crispy-doom \\\n"
                "      --arg=-iwad --arg '{{ZQDRIVE}}/TAVRIN-protected/app/freedoom1.wad'")
         .argument("SRC", &building->source, "Folder of the application")
@@ -168,7 +170,7 @@ void registerPublishVerbs(Family* image) {
 
     auto packing = SxPtr<PackOptions>::create();
     image
-        ->verb("pack", "Write img.zqf.zst, which clients download instead of img.zqf",
+        ->verb("pack", "Write img.zqf.zst, which clients download, and check each stretch by",
                "tavrin image pack games/alpha --level 19")
         .argument("IMAGE", &packing->image, "Image folder, complete")
         .integer("--level", &packing->level, 1, ZqImagePack::getMaxLevel(),

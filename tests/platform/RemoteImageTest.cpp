@@ -183,6 +183,83 @@ TEST(RemoteImageFrame, isFetchedAgainOnce) {
     EXPECT_THAT(server.requests().back(), HasSubstr("GET /game/img.zqf.zst?token=a/b HTTP"));
 }
 
+// The plain form of a server that damages it from stretch 5 on, beside a packed form that comes late.
+class RemoteImagePlain : public testing::Test {
+protected:
+    std::string answer(const std::string& request) {
+        const bool isPacked = request.find("img.zqf.zst HTTP") != std::string::npos;
+        if (isPacked && isHeld) return "HTTP/1.1 503 Busy\r\nContent-Length: 0\r\n\r\n";
+        if (!isPacked) ++nPlain;
+        return ScriptedServer::ranged(request, isPacked ? (isPackedBad ? badPacked : packed) : badPlain);
+    }
+    static std::string damage(std::string bytes, size_t first, size_t end) {
+        for (size_t i = first + 1000; i < end; i += 20'000)
+            bytes[i] = static_cast<char>(~bytes[i]);
+        return bytes;
+    }
+    std::string packBadly() const {
+        const PackedImage parts(zqf);
+        size_t first = 0;
+        for (size_t i = 0; i < 5; ++i)
+            first += parts.frames[i].size();
+        return damage(packed, first, packed.size() - parts.table.size());
+    }
+
+    TestRandom random;
+    const std::string zqf = halfRandom(&random, 12 * STRETCH + 345);
+    const std::string badPlain = damage(zqf, 5 * STRETCH, zqf.size());
+    const std::string packed = PackedImage(zqf).bytes(), badPacked = packBadly();
+    std::atomic<int> nPlain{0};
+    std::atomic<bool> isHeld{true}, isPackedBad{false};
+    ScriptedServer server{[this](const std::string& request) { return answer(request); }};
+    ImagePtr image =
+        ImagePtr::create(SxPtr<ZqNetLink>::create(quickSettings()), SxString(server.url()), zqf.size());
+};
+
+TEST_F(RemoteImagePlain, aWrongRangeIsFetchedAgainAndNeverGiven) {
+    for (const bool isHopeless : {true, false}) {
+        isPackedBad = isHopeless;
+        isHeld = true;
+        nPlain = 0;
+        image =
+            ImagePtr::create(SxPtr<ZqNetLink>::create(quickSettings()), SxString(server.url()), zqf.size());
+        // It comes by the plain form, and the table behind it.
+        std::thread release([this] {
+            SxWait::pass(10'000, [this] { return nPlain > 0; });
+            isHeld = false;
+        });
+        std::string got;
+        const std::string failure = failureOf([&] { got = readOf(*image, 6 * STRETCH + 5, STRETCH - 5); });
+        release.join();
+        EXPECT_THAT(failure, HasSubstr(isHopeless ? "Frame 6 of " : ""));
+        EXPECT_TRUE(got == (isHopeless ? "" : zqf.substr(6 * STRETCH + 5, STRETCH - 5))) << failure;
+        EXPECT_EQ(server.requests().back().find("Cache-Control: no-cache") != std::string::npos, true);
+    }
+}
+
+TEST_F(RemoteImagePlain, theStreamHandsOnNoWrongStretch) {
+    for (const bool isHopeless : {true, false}) {
+        isPackedBad = isHopeless;
+        isHeld = true;
+        image =
+            ImagePtr::create(SxPtr<ZqNetLink>::create(quickSettings()), SxString(server.url()), zqf.size());
+        std::string got;
+        constexpr uint64 FROM = 3 * STRETCH + 100;
+        const std::string failure = failureOf([&] {
+            image->stream(FROM, [&](const char* bytes, int64 n) {
+                isHeld = false;
+                SxWait::pass(10'000, [this] { return image->getFigures().isPacked; });
+                got.append(bytes, static_cast<size_t>(n));
+                return true;
+            });
+        });
+        // It doesn't wait for the table, but goes by it from then on.
+        EXPECT_GT(nPlain, 0);
+        EXPECT_THAT(failure, HasSubstr(isHopeless ? "Frame 5 of " : ""));
+        EXPECT_TRUE(got == zqf.substr(FROM, isHopeless ? 5 * STRETCH - FROM : zqf.size())) << failure;
+    }
+}
+
 TEST_F(RemoteImage, doesNotFetchTwiceWhatWasOnDemand) {
     for (const bool isPacked : {false, true}) {
         SCOPED_TRACE(isPacked ? "packed" : "plain");

@@ -29,5 +29,6 @@ struct ZqRemoteImage::Fetch {
     uint64 claimedIdx;        ///< the first that is claimed
     SxPtr<ZqSeekTable> table; ///< of the packed form; null where the plain one is fetched
     SxPtr<ZqRangeReader> reader;
-    bool isAgain = false; ///< one that was damaged, fetched once more
+    bool isAgain = false;   ///< one that was damaged, fetched once more
+    bool isChecked = false; ///< the stretch that was taken last was compared with a checksum
 };

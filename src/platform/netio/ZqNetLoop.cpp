@@ -234,6 +234,7 @@ void ZqNetLoop::Engine::setOptions(Active* active) {
     const bool mayShare = !isHeldAtTimes && !speaksHttp1 && request.url.str().starts_with("https:");
     curl_easy_setopt(easy, CURLOPT_PIPEWAIT, mayShare ? 1L : 0L);
     curl_easy_setopt(easy, CURLOPT_BUFFERSIZE, isHeldAtTimes ? streamBuffer() : MAX_BUFFER);
+    if (request.fresh) curl_easy_setopt(easy, CURLOPT_FRESH_CONNECT, 1L);
     if (!request.range.isEmpty()) curl_easy_setopt(easy, CURLOPT_RANGE, request.range.ascii());
     for (const SxString& header : request.headers) {
         curl_slist* longer = curl_slist_append(active->headers.get(), header.ascii());

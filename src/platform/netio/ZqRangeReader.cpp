@@ -46,6 +46,8 @@ ZqTransfer::Request ZqRangeReader::makeRequest() const {
     request.kind = requested;
     request.url = address.url;
     request.headers = address.headers;
+    request.fresh = fresh;
+    if (fresh) request.headers.append("Cache-Control: no-cache");
     request.range = nSuffix > 0 ? "-" + SxString(nSuffix) : rangeText(pos, end);
     request.maxBuffered = requested == ZqTransfer::Kind::Ordered ? link->getSettings().maxBuffered
                                                                  : std::numeric_limits<int64>::max();

@@ -16,6 +16,9 @@ public:
     ZqRangeReader(const ZqRangeReader&) = delete;
     ZqRangeReader& operator=(const ZqRangeReader&) = delete;
 
+    /// Lets its requests go over connections of their own and past what caches hold, since what came before
+    /// was wrong. Ahead of begin().
+    void setFresh() { fresh = true; }
     /// Makes the request, where none is under way, and returns.
     void begin();
     /// Turns a request of the kind Ahead into one on demand, and back. Safe beside the reader's own thread.
@@ -43,6 +46,7 @@ private:
     const ZqTransfer::Kind requested; ///< tells the connection that it takes
     ZqTransfer::Kind kind SX_GUARDED_BY(transferMutex);
     uint64 pos = 0, end = 0;
+    bool fresh = false;
     SxArray<char> rest; ///< a piece of which read() has given the first `nGiven` bytes
     int64 nGiven = 0;
     uint64 nSuffix = 0; ///< until the first response to the request of the last bytes

@@ -1,7 +1,6 @@
 #include "ZqRemoteImage.h"
 
 #include "SxClock.h"
-#include "ZqFrameDecoder.h"
 #include "ZqImageAheadLoader.h"
 #include "ZqImageFetch.h"
 #include "ZqImageTableLoader.h"
@@ -104,6 +103,7 @@ void ZqRemoteImage::openTable() {
         SxMutexBlock lock(&mutex);
         if (tableBegun) return;
         tableBegun = true;
+        tableBegunNs = SxClock::get().steadyNs();
     }
     try {
         tableLoader->start();
@@ -165,17 +165,6 @@ ZqRemoteImage::Packed ZqRemoteImage::getState() const {
     return state;
 }
 
-ZqRemoteImage::Bytes ZqRemoteImage::decode(uint64 stretchIdx, const char* frame, uint64 n) const {
-    const auto size = static_cast<int64>(stretchSize(stretchIdx));
-    auto bytes = Bytes::create(size);
-    const uint32 checksum = ZqFrameDecoder::decode(frame, static_cast<int64>(n), bytes->data(), size);
-    const SxPtr<ZqSeekTable> known = getTable();
-    if (known && known->hasChecksums() && known->getFrame(stretchIdx).checksum != checksum) {
-        throw SxException("Its bytes aren't those of the seek table's checksum", UNIT, __LINE__);
-    }
-    return bytes;
-}
-
 // Ranges
 
 void ZqRemoteImage::announce(const SxArray<uint64>& offsets, const SxArray<uint64>& sizes) {
@@ -234,23 +223,6 @@ void ZqRemoteImage::read(uint64 offset, uint64 size, char* buffer, const ZqStopT
     }
 }
 
-void ZqRemoteImage::forget(uint64 offset, uint64 size) {
-    checkRange(offset, size);
-    const uint64 first = offset / STRETCH, end = ZqSeekTable::countFrames(offset + size);
-    SxMutexBlock lock(&mutex);
-    kept.erase(kept.lower_bound(first), kept.lower_bound(end));
-    recent.remove_if([&](const auto& entry) { return entry.first >= first && entry.first < end; });
-}
-
-ZqRemoteImage::Bytes ZqRemoteImage::findStretch(uint64 stretchIdx) const {
-    const auto found = kept.find(stretchIdx);
-    if (found != kept.end()) return found->second;
-    for (const auto& [idx, bytes] : recent) {
-        if (idx == stretchIdx) return bytes;
-    }
-    return nullptr;
-}
-
 ZqRemoteImage::Bytes ZqRemoteImage::getStretch(uint64 stretchIdx, const ZqStopTest& stop) {
     SxPtr<Fetch> fetch;
     bool isLeft = false;
@@ -260,7 +232,7 @@ ZqRemoteImage::Bytes ZqRemoteImage::getStretch(uint64 stretchIdx, const ZqStopTe
             return bytes;
         }
         SxMutexBlock lock(&mutex);
-        if (ahead.contains(stretchIdx)) continue;
+        if (ahead.contains(stretchIdx) || kept.contains(stretchIdx)) continue;
         if (Bytes bytes = findStretch(stretchIdx)) return bytes;
         const auto found = announced.find(stretchIdx);
         if (found != announced.end()) {
@@ -279,7 +251,7 @@ ZqRemoteImage::Bytes ZqRemoteImage::getStretch(uint64 stretchIdx, const ZqStopTe
     if (!fetch) fetch = beginDemand(stretchIdx, false);
     Bytes bytes = takeNext(fetch.getPtr(), stop);
     passOn(fetch);
-    keep(stretchIdx, bytes, &Figures::nOnDemand);
+    keep(stretchIdx, bytes, fetch->isChecked, &Figures::nOnDemand);
     return bytes;
 }
 
@@ -329,6 +301,11 @@ SxPtr<ZqRemoteImage::Fetch> ZqRemoteImage::beginDemand(uint64 stretchIdx, bool i
 void ZqRemoteImage::begin(Fetch* fetch, ZqTransfer::Kind kind) {
     fetch->table = getTable();
     const uint64 lastIdx = fetch->endIdx - 1;
+    bool isDistrusted = fetch->isAgain;
+    {
+        SxMutexBlock lock(&mutex);
+        isDistrusted = isDistrusted || distrusted.contains(fetch->nextIdx);
+    }
     const auto offsetOf = [&](uint64 idx) {
         return fetch->table ? fetch->table->getFrame(idx).offset : idx * STRETCH;
     };
@@ -337,6 +314,7 @@ void ZqRemoteImage::begin(Fetch* fetch, ZqTransfer::Kind kind) {
     fetch->reader = SxPtr<ZqRangeReader>::create(fetch->table ? *packed : *plain, offsetOf(fetch->nextIdx),
                                                  offsetOf(lastIdx) + fetch->wireSize(lastIdx),
                                                  isAlone ? kind : ZqTransfer::Kind::Ahead);
+    if (isDistrusted) fetch->reader->setFresh();
     fetch->reader->begin();
     if (kind == ZqTransfer::Kind::OnDemand) fetch->reader->hasten();
     SxMutexBlock lock(&mutex);
@@ -367,29 +345,26 @@ ZqRemoteImage::Bytes ZqRemoteImage::takeNext(Fetch* fetch, const ZqStopTest& sto
     }
     ++fetch->nextIdx;
     if (!isLast) fetch->reader->relax();
-    if (!fetch->table) return raw;
-    const SxString what = "Frame " + SxString(idx) + " of '" + url.makeVisible() + "' is damaged";
     try {
-        return decode(idx, raw->data(), size);
-    } catch (const SxException& e) {
-        if (fetch->isAgain) {
-            throw SxException(ZqNetLink::WRONG, what + ": " + e.toString(SxException::ShowMessage, ": "),
-                              UNIT, __LINE__);
+        if (fetch->table) {
+            const Bytes bytes = decode(idx, raw->data(), size);
+            fetch->isChecked = true;
+            return bytes;
         }
+        fetch->isChecked = checkPlain(idx, *raw, stop);
+        return raw;
+    } catch (const SxException& e) {
+        if (!e.hasTag(ZqNetLink::WRONG)) throw;
+        const SxString what = nameOf(idx, fetch->table.getPtr() != nullptr);
+        if (fetch->isAgain) throw SxException(e, what, UNIT, __LINE__);
         zqLogMsg("NET", what + ": " + e.toString(SxException::ShowMessage, ": "));
     }
     Fetch again(this, idx);
     again.isAgain = true;
     begin(&again, ZqTransfer::Kind::OnDemand);
-    return takeNext(&again, stop);
-}
-
-void ZqRemoteImage::keep(uint64 stretchIdx, const Bytes& bytes, uint64 Figures::*figure) {
-    SxMutexBlock lock(&mutex);
-    figures.*figure += stretchSize(stretchIdx);
-    if (stretchIdx * STRETCH < streamPos || (kept.size() + 1) * STRETCH > maxKept) return;
-    kept[stretchIdx] = bytes;
-    if (figure == &Figures::nAhead) unused.insert(stretchIdx);
+    const Bytes bytes = takeNext(&again, stop);
+    fetch->isChecked = again.isChecked;
+    return bytes;
 }
 
 // What follows
@@ -497,7 +472,8 @@ void ZqRemoteImage::handOver(std::map<uint64, SxPtr<Fetch>>* fetches, uint64 str
 void ZqRemoteImage::takeUpTo(Fetch* fetch, uint64 endIdx, const ZqStopTest& stop) {
     while (fetch->nextIdx < endIdx) {
         const uint64 idx = fetch->nextIdx;
-        keep(idx, takeNext(fetch, stop), &Figures::nAhead);
+        const Bytes bytes = takeNext(fetch, stop);
+        keep(idx, bytes, fetch->isChecked, &Figures::nAhead);
         ++fetch->claimedIdx;
         forgetAhead(idx);
     }
@@ -516,9 +492,11 @@ SxPtr<ZqRemoteImage::Fetch> ZqRemoteImage::takeFollowing(uint64 stretchIdx) {
 ZqRemoteImage::Bytes ZqRemoteImage::awaitAhead(uint64 stretchIdx, const ZqStopTest& stop) {
     for (;;) {
         getLink()->checkStop(stop);
+        if (Bytes bytes = getKept(stretchIdx)) return bytes;
         SxPtr<Fetch> fetch;
         {
             SxMutexBlock lock(&mutex);
+            if (kept.contains(stretchIdx)) continue;
             if (Bytes bytes = findStretch(stretchIdx)) return bytes;
             const auto found = ahead.find(stretchIdx);
             if (found == ahead.end()) return nullptr;

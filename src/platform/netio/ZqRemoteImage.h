@@ -15,11 +15,12 @@
 
 /// `img.zqf` of one image folder on a server, as decoded bytes. Where the server has `img.zqf.zst` (seekable
 /// Zstandard format, one frame for each stretch), that is taken for the ordered stream and for ranges alike,
-/// each frame checked; until its table is there, ranges come from `img.zqf`. Ranges and the one ordered
-/// stream share a link: ranges go first; a stretch that the stream is about to reach is left to it; one that
-/// was fetched as a range is kept until the stream has passed it and not fetched again; what follows it is
-/// fetched beside, while the link has nothing of more haste. All operations are safe from any thread,
-/// stream() from one at a time.
+/// each frame checked; until its table is there, ranges come from `img.zqf`. The table's checksums tell of
+/// these, too, whether they are right: what isn't is fetched once more over a connection of its own, and
+/// never handed on. Ranges and the one ordered stream share a link: ranges go first; a stretch that the
+/// stream is about to reach is left to it; one that was fetched as a range is kept until the stream has
+/// passed it and not fetched again; what follows it is fetched beside, while the link has nothing of more
+/// haste. All operations are safe from any thread, stream() from one at a time.
 class ZqRemoteImage {
 public:
     /// Bytes of one stretch: a frame of the packed form, and a request on demand.
@@ -98,8 +99,14 @@ private:
     /// The table; null until it is there. Raises where it is of no use.
     SxPtr<ZqSeekTable> getTable() const;
     Packed getState() const;
-    /// Decodes a frame of the packed file and checks it.
+    /// Decodes a frame of the packed file and checks it; raises with the tag WRONG.
     Bytes decode(uint64 stretchIdx, const char* frame, uint64 n) const;
+    /// Whether the form and, where there is one, the table are known.
+    bool isTableSettled() const SX_REQUIRES(mutex);
+    /// Compares a stretch of the plain form with the table's checksum, and raises with the tag WRONG. Waits
+    /// for a table that is on its way, but not for one that doesn't come. False where nothing was compared.
+    bool checkPlain(uint64 stretchIdx, const SxArray<char>& bytes, const ZqStopTest& stop);
+    SxString nameOf(uint64 stretchIdx, bool isFrame) const;
 
     Bytes getStretch(uint64 stretchIdx, const ZqStopTest& stop);
     Bytes findStretch(uint64 stretchIdx) const SX_REQUIRES(mutex);
@@ -112,7 +119,11 @@ private:
     void passOn(const SxPtr<Fetch>& fetch);
     /// The stretch that comes next.
     Bytes takeNext(Fetch* fetch, const ZqStopTest& stop);
-    void keep(uint64 stretchIdx, const Bytes& bytes, uint64 Figures::*figure);
+    void keep(uint64 stretchIdx, const Bytes& bytes, bool isChecked, uint64 Figures::*figure);
+    /// A stretch that is kept, compared with the table where it hasn't been; null where there is none, or no
+    /// right one.
+    Bytes getKept(uint64 stretchIdx);
+    void dropKept(uint64 first, uint64 end) SX_REQUIRES(mutex);
     /// Whether somebody goes through the image and has come to a stretch.
     bool isGoneThrough(uint64 stretchIdx) const;
     bool isThere(uint64 stretchIdx) const SX_REQUIRES(mutex);
@@ -152,11 +163,14 @@ private:
     mutable SxMutex mutex;
     std::condition_variable_any changed;
     bool tableBegun SX_GUARDED_BY(mutex) = false;
+    int64 tableBegunNs SX_GUARDED_BY(mutex) = 0;
     Packed state SX_GUARDED_BY(mutex) = Packed::Unknown;
     SxPtr<ZqSeekTable> table SX_GUARDED_BY(mutex);
     bool tableFailed SX_GUARDED_BY(mutex) = false;
     SxException tableFailure SX_GUARDED_BY(mutex);
-    std::map<uint64, Bytes> kept SX_GUARDED_BY(mutex);               ///< by stretch
+    std::map<uint64, Bytes> kept SX_GUARDED_BY(mutex); ///< by stretch
+    std::set<uint64> unchecked SX_GUARDED_BY(mutex);   ///< kept stretches that came ahead of the table
+    std::set<uint64> distrusted SX_GUARDED_BY(mutex);  ///< stretches that came wrong
     std::list<std::pair<uint64, Bytes>> recent SX_GUARDED_BY(mutex); ///< what the stream brought last
     std::map<uint64, SxPtr<Fetch>> announced SX_GUARDED_BY(mutex);   ///< by stretch
     std::multiset<uint64> demanded SX_GUARDED_BY(mutex);             ///< stretches that ranges fetch

@@ -43,15 +43,17 @@ private:
     uint64 stretchIdx() const { return pos / STRETCH; }
     bool usesPacked();
     bool runPlain();
-    bool takePlain(const SxArray<char>& piece, bool* isSkipping);
+    bool takePlain(const SxArray<char>& piece, bool* isEnding);
+    bool isRight(uint64 idx);
+    bool isSuspect(uint64 idx) const;
+    bool mayCheck() const;
     bool runPacked();
     bool runFrames();
     bool skipOrigin(ZqRangeReader* reader, SxArray<char>* pending);
     bool fill(ZqRangeReader* reader, SxArray<char>* pending);
     int64 frameAt(const SxArray<char>& pending, const SxPtr<ZqSeekTable>& known) const;
     bool takeFrame(const Bytes& bytes, uint64 nWire);
-    void noteDamage(const SxException& e);
-    Bytes takeKept() const;
+    void noteDamage(const SxException& e, bool isFrame);
     uint64 lengthOfKept(uint64 idx) const SX_REQUIRES(image->mutex);
     uint64 endOfRequest() const;
     bool isWorthSkipping() const;
@@ -62,8 +64,9 @@ private:
     ZqRemoteImage* const image;
     const Sink& sink;
     const ZqStopTest& stop;
-    uint64 pos;      ///< the decoded byte that the sink gets next
-    Bytes assembled; ///< the stretch at `pos` so far, in the plain form; null without its begin
+    uint64 pos;          ///< the decoded byte that the sink gets next
+    uint64 received = 0; ///< the byte of the plain form that comes next; ahead of `pos` or behind
+    Bytes assembled;     ///< the stretch at `received` so far, in the plain form; null without its begin
     uint64 wireIdx = 0, wirePos = 0; ///< a stretch, and where its frame begins
     uint64 damagedIdx = ~uint64{0};  ///< the frame that was damaged last
 };
@@ -98,7 +101,8 @@ ZqRemoteImage::StreamRun::~StreamRun() {
 bool ZqRemoteImage::StreamRun::run() {
     while (pos < image->sizeZqf) {
         image->getLink()->checkStop(stop);
-        const Bytes bytes = takeKept();
+        // It may be kept, or be about to be.
+        const Bytes bytes = image->awaitAhead(stretchIdx(), stop);
         if (bytes) {
             const uint64 inside = pos % STRETCH, n = image->stretchSize(stretchIdx()) - inside;
             publish(stretchIdx(), bytes, 0);
@@ -121,47 +125,82 @@ bool ZqRemoteImage::StreamRun::usesPacked() {
         image->getLink()->checkStop(stop);
         if (image->getTable()) return true;
         SxMutexBlock lock(&image->mutex);
-        if (image->state == Packed::Absent) return false;
+        // A table that doesn't come holds up nobody.
+        if (image->state == Packed::Absent || image->isTableSettled()) return false;
         // The first frame stands at the begin of the file; behind a frame follows the next.
         if (image->state == Packed::Unknown && wireIdx == stretchIdx()) return true;
         if (image->state == Packed::Unknown) image->changed.wait_for(image->mutex, LOOK);
     }
 }
 
+/// Whether there are checksums, or may still be.
+bool ZqRemoteImage::StreamRun::mayCheck() const {
+    SxMutexBlock lock(&image->mutex);
+    return image->table ? image->table->hasChecksums() : !image->isTableSettled();
+}
+
 bool ZqRemoteImage::StreamRun::runPlain() {
     assembled = nullptr;
-    ZqRangeReader reader(*image->plain, pos, std::min(endOfRequest() * STRETCH, image->sizeZqf),
+    // A stretch is checked as a whole, also one of which a part was there before.
+    received = mayCheck() ? stretchIdx() * STRETCH : pos;
+    ZqRangeReader reader(*image->plain, received, std::min(endOfRequest() * STRETCH, image->sizeZqf),
                          ZqTransfer::Kind::Ordered);
+    if (isSuspect(stretchIdx())) reader.setFresh();
     SxArray<char> piece;
-    bool isSkipping = false;
-    while (!isSkipping) {
+    bool isEnding = false;
+    while (!isEnding) {
         try {
             if (!reader.next(&piece, stop)) return true;
         } catch (const SxException& e) {
             throw SxException(e, "Cannot download '" + image->getUrl().makeVisible() + "'", UNIT, __LINE__);
         }
-        if (!takePlain(piece, &isSkipping)) return false;
+        if (!takePlain(piece, &isEnding)) return false;
     }
     return true;
 }
 
-/// Takes bytes of the plain form, up to a kept stretch that is worth skipping.
-bool ZqRemoteImage::StreamRun::takePlain(const SxArray<char>& piece, bool* isSkipping) {
+/// Takes bytes of the plain form, up to a kept stretch that is worth skipping, or a wrong one. They are
+/// handed on by whole stretches where these can be checked.
+bool ZqRemoteImage::StreamRun::takePlain(const SxArray<char>& piece, bool* isEnding) {
     const char* bytes = piece.data();
     auto left = static_cast<uint64>(piece.getSize());
-    while (left > 0 && !*isSkipping) {
-        const uint64 idx = stretchIdx(), inside = pos % STRETCH, size = image->stretchSize(idx);
+    const bool mayHold = mayCheck();
+    while (left > 0 && !*isEnding) {
+        const uint64 idx = received / STRETCH, inside = received % STRETCH, size = image->stretchSize(idx);
         const uint64 n = std::min(left, size - inside);
         if (inside == 0) assembled = Bytes::create(static_cast<int64>(size));
         if (assembled) std::memcpy(assembled->data() + inside, bytes, n);
-        advance(pos + n);
-        if (inside + n == size) publish(idx, assembled, size);
-        if (!deliver(bytes, n)) return false;
+        received += n;
         bytes += n;
         left -= n;
-        *isSkipping = pos % STRETCH == 0 && isWorthSkipping();
+        const bool isWhole = inside + n == size;
+        if (isWhole && !isRight(idx)) {
+            *isEnding = true;
+            return true;
+        }
+        if (isWhole) publish(idx, assembled, size);
+        if (!isWhole) advance(received);
+        if (received > pos && (isWhole || !(mayHold && assembled))) {
+            const char* end = assembled ? assembled->data() + inside + n : bytes;
+            if (!deliver(end - (received - pos), received - pos)) return false;
+        }
+        *isEnding = isWhole && pos < image->sizeZqf && isWorthSkipping();
     }
     return true;
+}
+
+/// Whether the stretch that was assembled has the table's checksum, where one is known.
+bool ZqRemoteImage::StreamRun::isRight(uint64 idx) {
+    // What began inside of it was handed on as it came.
+    if (!assembled) return true;
+    try {
+        image->checkPlain(idx, *assembled, stop);
+        return true;
+    } catch (const SxException& e) {
+        if (!e.hasTag(ZqNetLink::WRONG)) throw;
+        noteDamage(e, false);
+        return false;
+    }
 }
 
 bool ZqRemoteImage::StreamRun::runPacked() {
@@ -185,6 +224,7 @@ bool ZqRemoteImage::StreamRun::runFrames() {
         wireEnd = last.offset + last.size;
     }
     ZqRangeReader reader(*image->packed, wirePos, wireEnd, ZqTransfer::Kind::Ordered);
+    if (isSuspect(first)) reader.setFresh();
     SxArray<char> pending;
     if (!known && wirePos == 0 && !skipOrigin(&reader, &pending)) return true;
     while (stretchIdx() < end) {
@@ -194,7 +234,7 @@ bool ZqRemoteImage::StreamRun::runFrames() {
             n = frameAt(pending, known);
             if (n > 0) bytes = image->decode(stretchIdx(), pending.data(), static_cast<uint64>(n));
         } catch (const SxException& e) {
-            noteDamage(e);
+            noteDamage(e, true);
             return true;
         }
         if (bytes) {
@@ -203,7 +243,7 @@ bool ZqRemoteImage::StreamRun::runFrames() {
             if (known && pos < image->sizeZqf && isWorthSkipping()) return true;
         } else if (!fill(&reader, &pending)) {
             // Without a table a request ends within a frame, but never within its first.
-            if (stretchIdx() == first) noteDamage(SxException("It is cut short", UNIT, __LINE__));
+            if (stretchIdx() == first) noteDamage(SxException("It is cut short", UNIT, __LINE__), true);
             return true;
         }
     }
@@ -265,25 +305,19 @@ bool ZqRemoteImage::StreamRun::takeFrame(const Bytes& bytes, uint64 nWire) {
     return deliver(bytes->data() + inside, static_cast<uint64>(bytes->getSize()) - inside);
 }
 
-/// A damaged frame is fetched again once.
-void ZqRemoteImage::StreamRun::noteDamage(const SxException& e) {
+/// A damaged stretch is fetched again once.
+void ZqRemoteImage::StreamRun::noteDamage(const SxException& e, bool isFrame) {
     const uint64 idx = stretchIdx();
-    const SxString what =
-        "Frame " + SxString(idx) + " of '" + image->packed->getUrl().makeVisible() + "' is damaged";
-    const SxString text = what + ": " + e.toString(SxException::ShowMessage, ": ");
+    const SxString text = image->nameOf(idx, isFrame) + ": " + e.toString(SxException::ShowMessage, ": ");
     if (damagedIdx == idx) throw SxException(ZqNetLink::WRONG, text, UNIT, __LINE__);
     damagedIdx = idx;
     zqLogMsg("NET", text);
 }
 
-/// The stretch at the stream's position, if it is kept or is about to be.
-ZqRemoteImage::Bytes ZqRemoteImage::StreamRun::takeKept() const {
-    {
-        SxMutexBlock lock(&image->mutex);
-        const auto found = image->kept.find(stretchIdx());
-        if (found != image->kept.end()) return found->second;
-    }
-    return image->awaitAhead(stretchIdx(), stop);
+/// Whether it came wrong before.
+bool ZqRemoteImage::StreamRun::isSuspect(uint64 idx) const {
+    SxMutexBlock lock(&image->mutex);
+    return damagedIdx == idx || image->distrusted.contains(idx);
 }
 
 uint64 ZqRemoteImage::StreamRun::lengthOfKept(uint64 idx) const {
@@ -336,8 +370,8 @@ void ZqRemoteImage::StreamRun::publish(uint64 idx, const Bytes& bytes, uint64 nW
             image->wireShare =
                 0.9 * image->wireShare + 0.1 * static_cast<double>(nWire) / static_cast<double>(size);
         }
-        image->kept.erase(image->kept.begin(), image->kept.upper_bound(idx));
-        image->unused.erase(image->unused.begin(), image->unused.upper_bound(idx));
+        image->dropKept(0, idx + 1);
+        image->distrusted.erase(image->distrusted.begin(), image->distrusted.upper_bound(idx));
         if (bytes) image->recent.emplace_front(idx, bytes);
         if (image->recent.size() > N_RECENT) image->recent.pop_back();
         image->streamPos = idx * STRETCH + size;

@@ -42,6 +42,7 @@ public:
         SxArray<SxString> headers;
         SxString range; ///< as in "0-99" or "-100"; empty for the whole file
         int64 maxBuffered = 0;
+        bool fresh = false; ///< over a connection of its own, not one that has brought something wrong
         Check check;
     };
 

@@ -1,0 +1,132 @@
+#include "SxClock.h"
+#include "SxXxh64.h"
+#include "ZqFrameDecoder.h"
+#include "ZqLog.h"
+#include "ZqRemoteImage.h"
+
+#include <chrono>
+
+// What is known to be right, and what is kept of that.
+
+namespace {
+
+constexpr const char* UNIT = "src/platform/netio/ZqRemoteImageKept";
+constexpr auto LOOK = std::chrono::milliseconds(20);
+/// How long a stretch of the plain form waits for the table that tells whether it is right, from the first
+/// request for that on. A table takes a hundredth of a percent of its image.
+constexpr int64 TABLE_PATIENCE_NS = 2'000'000'000;
+
+bool hasChecksumOf(const SxPtr<ZqSeekTable>& table, uint64 stretchIdx, const SxArray<char>& bytes) {
+    return table->getFrame(stretchIdx).checksum ==
+           static_cast<uint32>(SxXxh64::of(bytes.data(), bytes.getSize()));
+}
+
+SxException wrong(const SxString& text, int line) {
+    return SxException(SxString(ZqNetLink::WRONG), text, UNIT, line);
+}
+
+} // namespace
+
+SxString ZqRemoteImage::nameOf(uint64 stretchIdx, bool isFrame) const {
+    return isFrame
+               ? "Frame " + SxString(stretchIdx) + " of '" + packed->getUrl().makeVisible() + "' is damaged"
+               : "Stretch " + SxString(stretchIdx) + " of '" + plain->getUrl().makeVisible() + "' is wrong";
+}
+
+ZqRemoteImage::Bytes ZqRemoteImage::decode(uint64 stretchIdx, const char* frame, uint64 n) const {
+    const auto size = static_cast<int64>(stretchSize(stretchIdx));
+    auto bytes = Bytes::create(size);
+    uint32 checksum = 0;
+    try {
+        checksum = ZqFrameDecoder::decode(frame, static_cast<int64>(n), bytes->data(), size);
+    } catch (const SxException& e) {
+        throw wrong(e.toString(SxException::ShowMessage, ": "), __LINE__);
+    }
+    const SxPtr<ZqSeekTable> known = getTable();
+    if (known && known->hasChecksums() && known->getFrame(stretchIdx).checksum != checksum) {
+        throw wrong("Its bytes aren't those of the seek table's checksum", __LINE__);
+    }
+    return bytes;
+}
+
+bool ZqRemoteImage::isTableSettled() const {
+    return table || tableFailed || state == Packed::Absent ||
+           SxClock::get().steadyNs() - tableBegunNs > TABLE_PATIENCE_NS;
+}
+
+bool ZqRemoteImage::checkPlain(uint64 stretchIdx, const SxArray<char>& bytes, const ZqStopTest& stop) {
+    SxPtr<ZqSeekTable> known;
+    for (bool isSettled = false; !isSettled;) {
+        getLink()->checkStop(stop);
+        SxMutexBlock lock(&mutex);
+        known = table;
+        isSettled = isTableSettled();
+        if (!isSettled) changed.wait_for(mutex, LOOK);
+    }
+    if (!known || !known->hasChecksums()) return false;
+    if (hasChecksumOf(known, stretchIdx, bytes)) return true;
+    {
+        SxMutexBlock lock(&mutex);
+        distrusted.insert(stretchIdx);
+    }
+    throw wrong("Its bytes aren't those of the seek table's checksum", __LINE__);
+}
+
+ZqRemoteImage::Bytes ZqRemoteImage::findStretch(uint64 stretchIdx) const {
+    const auto found = kept.find(stretchIdx);
+    if (found != kept.end()) return found->second;
+    for (const auto& [idx, bytes] : recent) {
+        if (idx == stretchIdx) return bytes;
+    }
+    return nullptr;
+}
+
+void ZqRemoteImage::keep(uint64 stretchIdx, const Bytes& bytes, bool isChecked, uint64 Figures::*figure) {
+    SxMutexBlock lock(&mutex);
+    figures.*figure += stretchSize(stretchIdx);
+    if (isChecked) distrusted.erase(stretchIdx);
+    if (stretchIdx * STRETCH < streamPos || (kept.size() + 1) * STRETCH > maxKept) return;
+    kept[stretchIdx] = bytes;
+    if (!isChecked) unchecked.insert(stretchIdx);
+    if (figure == &Figures::nAhead) unused.insert(stretchIdx);
+}
+
+ZqRemoteImage::Bytes ZqRemoteImage::getKept(uint64 stretchIdx) {
+    Bytes bytes;
+    SxPtr<ZqSeekTable> known;
+    {
+        SxMutexBlock lock(&mutex);
+        const auto found = kept.find(stretchIdx);
+        if (found == kept.end()) return nullptr;
+        bytes = found->second;
+        known = table;
+        if (!unchecked.contains(stretchIdx) || !known || !known->hasChecksums()) return bytes;
+    }
+    const bool isRight = hasChecksumOf(known, stretchIdx, *bytes);
+    if (!isRight) {
+        zqLogMsg("NET",
+                 nameOf(stretchIdx, false) + ", as the seek table has told since; it is fetched again");
+    }
+    SxMutexBlock lock(&mutex);
+    unchecked.erase(stretchIdx);
+    if (isRight) return bytes;
+    dropKept(stretchIdx, stretchIdx + 1);
+    distrusted.insert(stretchIdx);
+    return nullptr;
+}
+
+void ZqRemoteImage::dropKept(uint64 first, uint64 end) {
+    kept.erase(kept.lower_bound(first), kept.lower_bound(end));
+    unused.erase(unused.lower_bound(first), unused.lower_bound(end));
+    unchecked.erase(unchecked.lower_bound(first), unchecked.lower_bound(end));
+}
+
+void ZqRemoteImage::forget(uint64 offset, uint64 size) {
+    checkRange(offset, size);
+    const uint64 first = offset / STRETCH, end = ZqSeekTable::countFrames(offset + size);
+    SxMutexBlock lock(&mutex);
+    dropKept(first, end);
+    recent.remove_if([&](const auto& entry) { return entry.first >= first && entry.first < end; });
+    for (uint64 idx = first; idx < end; ++idx)
+        distrusted.insert(idx);
+}
