@@ -10,8 +10,7 @@ import time
 import lab
 from product import Product
 
-RATE = 5_000_000  # bytes per second of the ordered download, so that the game reads ahead of it
-IMAGE_LIMIT_S = 10  # what a run without any trouble needs at most, pace aside
+RATES = {"plain": 5_000_000, "packed": 2_500_000}  # bytes per second of the ordered download; the game reads ahead
 
 
 def digest(path):
@@ -60,7 +59,7 @@ class Trial:
         env = {name: value for name, value in product.env.items() if not name.lower().endswith("_proxy")}
         env.update(site.env, TAVRIN_PLAYED=str(self.played), TAVRIN_PACE=str(self.case.pace))
         words = [self.client, "run", self.image, "--url", site.url + self.outcome.form, "--now", "--keep-mounted"]
-        words += ["--rate", RATE, "--report", self.report, *site.words]
+        words += ["--rate", RATES[self.outcome.form], "--report", self.report, *site.words]
         begin = time.monotonic()
         self.limit = begin + self.case.limit_s
         with open(self.log, "wb") as log, lab.program(*words, env=env, log=log) as self.process:
@@ -106,9 +105,11 @@ class Trial:
             return
         result = json.loads(text)
         self.outcome.longest = result["longest"]
-        if result["wrong"]:
-            name, found = result["wrong"][0]
-            self.outcome.faults.append(f"WRONG BYTES in {len(result['wrong'])} files, first {name}: {found}")
+        failed = [pair for pair in result["wrong"] if pair[1].startswith("[Errno")]
+        wrong = [pair for pair in result["wrong"] if pair not in failed]
+        for pairs, what in ((wrong, "WRONG BYTES"), (failed, "failed reads")):
+            if pairs:
+                self.outcome.faults.append(f"{what} in {len(pairs)} files, first {pairs[0][0]}: {pairs[0][1]}")
 
     def judge_image(self):
         file, whole = self.image / "img.zqf", self.served / "img.zqf"
