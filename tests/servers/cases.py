@@ -6,6 +6,7 @@ import signal
 
 from ground import Site, move_times
 from middleboxes import Haproxy, Squid, Tinyproxy, Varnish, origin, slices, whole_cache
+from peculiar import Peculiar
 from proxylink import ProxyLink
 from servers import Apache, Busybox, Caddy, Lighttpd, Nginx, PythonServer
 
@@ -70,6 +71,37 @@ def _(ground):
     return Site(server.url.replace("//", "//player:secret@"))
 
 
+@case("nginx, a token in the address")
+def _(ground):
+    server = Nginx(ground, location="if ($arg_token != secret) { return 403; }")
+    return Site(server.url, query="?token=secret")
+
+
+@case("nginx, a name with an address that nobody listens at")
+def _(ground):
+    return Site(Nginx(ground).url.replace("127.0.0.1", "localhost"))
+
+
+@case("apache, Content-Encoding for .zst", forms=["packed"])
+def _(ground):
+    return Site(Apache(ground, "AddEncoding zstd .zst\n").url)
+
+
+def peculiar_site(name, *habits, **settings):
+    plain_site(name, lambda ground: Peculiar(ground, *habits), **settings)
+
+
+peculiar_site("server with chunked answers", "chunked")
+peculiar_site("server without lengths, closing", "no length")
+peculiar_site("server with ranges of whole MiB", "large ranges")
+peculiar_site("server with ranges of an unknown total", "no total")
+peculiar_site("server that writes Bytes", "letters")
+peculiar_site("server with weak ETags", "weak")
+peculiar_site("server that knows no last N bytes", "no suffixes")
+peculiar_site("server that takes 5 s for each 9th request", "slow", limit_s=120)
+peculiar_site("server that redirects to addresses good for 2 s", "signed", pace=8)
+
+
 # -- limits
 
 LIMITS = (
@@ -132,6 +164,13 @@ def _(ground):
             server.reload()
 
     return Site(server.url, env=ground.trusting(), during=during)
+
+
+@case("nginx, redirects to TLS")
+def _(ground):
+    target = Nginx(ground, tls="ssl http2")
+    server = Nginx(ground, location=f"return 301 {target.url.rstrip('/')}$request_uri;")
+    return Site(server.url, env=ground.trusting())
 
 
 secure_site("apache, TLS, HTTP/2", lambda ground: Apache(ground, tls=True))

@@ -20,11 +20,11 @@ def listens(port):
 
 
 class Site:
-    """What the client is told: the address of the folder above the images, options, environment. `during(trial)` is
-    called when the game has begun."""
+    """What the client is told: the address of the folder above the images, what is put behind that of an image, and
+    environment. `during(trial)` is called when the game has begun."""
 
-    def __init__(self, url, *words, env=None, during=None):
-        self.url, self.words, self.env, self.during = url, list(words), env or {}, during
+    def __init__(self, url, query="", env=None, during=None):
+        self.url, self.query, self.env, self.during = url, query, env or {}, during
 
 
 class Ground(contextlib.ExitStack):

@@ -58,8 +58,9 @@ class Trial:
     def play(self, product, site):
         env = {name: value for name, value in product.env.items() if not name.lower().endswith("_proxy")}
         env.update(site.env, TAVRIN_PLAYED=str(self.played), TAVRIN_PACE=str(self.case.pace))
-        words = [self.client, "run", self.image, "--url", site.url + self.outcome.form, "--now", "--keep-mounted"]
-        words += ["--rate", RATES[self.outcome.form], "--report", self.report, *site.words]
+        url = site.url + self.outcome.form + site.query
+        words = [self.client, "run", self.image, "--url", url, "--now", "--keep-mounted"]
+        words += ["--rate", RATES[self.outcome.form], "--report", self.report]
         begin = time.monotonic()
         self.limit = begin + self.case.limit_s
         with open(self.log, "wb") as log, lab.program(*words, env=env, log=log) as self.process:
