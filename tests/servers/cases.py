@@ -15,15 +15,17 @@ FORMS = ["plain", "packed"]
 
 
 class Case:
-    """`pace` in seconds is what the game takes at least, `limit_s` what the whole run may take."""
+    """`pace` in seconds is what the game takes at least, `limit_s` what the whole run may take. Where `ends` is there,
+    the run may end at once with a failure that says this."""
 
-    def __init__(self, name, arrange, forms, pace, limit_s):
+    def __init__(self, name, arrange, forms, pace, limit_s, ends):
         self.name, self.arrange, self.forms, self.pace, self.limit_s = name, arrange, forms, pace, limit_s
+        self.ends = ends
 
 
-def case(name, forms=None, pace=3.0, limit_s=60):
+def case(name, forms=None, pace=3.0, limit_s=60, ends=None):
     def register(arrange):
-        CASES.append(Case(name, arrange, forms or FORMS, pace, limit_s))
+        CASES.append(Case(name, arrange, forms or FORMS, pace, limit_s, ends))
         return arrange
 
     return register
@@ -45,7 +47,7 @@ plain_site("nginx, a connection for each request", lambda ground: Nginx(ground, 
 plain_site("nginx, 5 requests a connection", lambda ground: Nginx(ground, http="keepalive_requests 5;"))
 plain_site("nginx, connections kept for 1 s", lambda ground: Nginx(ground, http="keepalive_timeout 1s;"), pace=8)
 plain_site("nginx, no ETag", lambda ground: Nginx(ground, http="etag off;"))
-plain_site("nginx, no ranges", lambda ground: Nginx(ground, http="max_ranges 0;"))
+plain_site("nginx, no ranges", lambda ground: Nginx(ground, http="max_ranges 0;"), ends="range")
 plain_site("nginx, time-out of 2 s for a slow reader", lambda ground: Nginx(ground, http="send_timeout 2s;"), pace=8)
 plain_site("nginx, 1 MB/s a connection", lambda ground: Nginx(ground, location="limit_rate 1m;"), limit_s=120)
 plain_site("apache", Apache)
@@ -60,7 +62,7 @@ plain_site("lighttpd", Lighttpd)
 plain_site("caddy", Caddy)
 plain_site("caddy, encode", lambda ground: Caddy(ground, "encode gzip zstd {\nmatch header Content-Type *\n}"))
 plain_site("busybox httpd", Busybox)
-plain_site("python's http.server (HTTP/1.0, no ranges)", PythonServer)
+plain_site("python's http.server (HTTP/1.0, no ranges)", PythonServer, ends="range")
 
 
 @case("nginx, password")

@@ -1,29 +1,52 @@
-"""The outcomes as a table of Markdown."""
+"""The outcomes as tables of Markdown."""
+
+ALL = ["server", "form", "game's exit code", "image", "bytes received", "requests", "on demand", "longest wait, s"]
+ALL += ["time, s", "passed"]
+SHORT = ["server", "game's exit code", "image", "bytes received", "on demand", "longest wait, s"]
 
 
-def figure(value, text):
+def figure(value, text="{}"):
     return "–" if value is None else text.format(value)
 
 
-def row(outcome):
-    passed = "no: " + "; ".join(outcome.faults) if outcome.faults else "yes"
+def cells_of(outcome):
+    """By the heads of the columns."""
+    passed = "the run says what the server lacks" if outcome.told_end else "yes"
+    if outcome.faults:
+        passed = "no: " + "; ".join(outcome.faults)
     demand = "–" if outcome.fetches is None else f"yes, {outcome.fetches}" if outcome.fetches else "no"
     cells = [
         outcome.case,
         outcome.form,
-        figure(outcome.game_code, "{}"),
-        outcome.image or "–",
+        figure(outcome.game_code),
+        figure(outcome.image),
         figure(outcome.ratio, "{:.2f}"),
-        figure(outcome.requests, "{}"),
+        figure(outcome.requests),
         demand,
         figure(outcome.longest, "{:.2f}"),
         figure(outcome.seconds, "{:.1f}"),
         passed,
     ]
+    return dict(zip(ALL, cells, strict=True))
+
+
+def line(cells):
     return f"| {' | '.join(cells)} |"
 
 
-def heads():
-    names = ["server", "form", "game's exit code", "image", "bytes received", "requests", "on demand"]
-    names += ["longest wait, s", "time, s", "passed"]
-    return f"| {' | '.join(names)} |\n{'|---' * len(names)}|"
+def heads(names=None):
+    names = names or ALL
+    return f"{line(names)}\n{'|---' * len(names)}|"
+
+
+def row(outcome):
+    return line(cells_of(outcome).values())
+
+
+def short_row(outcomes):
+    """One line for all forms of a case: plain, then packed where that differs."""
+    of_forms = [cells_of(outcome) for outcome in outcomes]
+    if any(outcome.faults or outcome.told_end for outcome in outcomes):
+        return line([of_forms[0]["server"], of_forms[0]["passed"], "", "", "", ""])
+    columns = [[cells[name].removeprefix("yes, ") for cells in of_forms] for name in SHORT]
+    return line([" / ".join(dict.fromkeys(column)) for column in columns])

@@ -33,6 +33,7 @@ def parse_arguments():
     parser.add_argument("--only", default="*", metavar="PATTERN", help="cases whose name fits, such as 'nginx*'")
     parser.add_argument("--forms", nargs="+", default=FORMS, choices=FORMS)
     parser.add_argument("--keep", type=Path, metavar="DIR", help="where the folders of cases that fail go")
+    parser.add_argument("--table", type=Path, metavar="FILE", help="a short table, with a line for each case")
     parser.add_argument("--list", action="store_true", help="only the cases' names")
     options = parser.parse_args()
     options.client = options.client.resolve()
@@ -85,19 +86,24 @@ def main():
     missing = [program for program in PROGRAMS if not shutil.which(program)]
     if missing:
         sys.exit(f"not installed: {', '.join(missing)}")
-    failed = []
+    failed, short = [], [report.heads(report.SHORT)]
     print(report.heads(), flush=True)
     with contextlib.ExitStack() as stack:
         folder = Path(tempfile.mkdtemp(prefix="tavrin-servers-")).resolve()
         stack.callback(shutil.rmtree, folder, ignore_errors=True)
         www, authority = publish(options, folder), Authority(folder / "authority")
         for case in chosen:
+            outcomes = []
             for form in (form for form in case.forms if form in options.forms):
-                outcome = attempt(case, form, options, folder / "case", www, authority)
-                print(report.row(outcome), flush=True)
-                if outcome.faults:
-                    failed.append(outcome)
-                    print(f"{outcome.case}, {form}: {outcome.told}", file=sys.stderr, flush=True)
+                outcomes.append(attempt(case, form, options, folder / "case", www, authority))
+                print(report.row(outcomes[-1]), flush=True)
+                if outcomes[-1].faults:
+                    print(f"{case.name}, {form}: {outcomes[-1].told}", file=sys.stderr, flush=True)
+            failed += [outcome for outcome in outcomes if outcome.faults]
+            if outcomes:
+                short.append(report.short_row(outcomes))
+    if options.table:
+        options.table.write_text("\n".join(short) + "\n", encoding="utf-8")
     print(f"{len(failed)} failed", file=sys.stderr)
     sys.exit(1 if failed else 0)
 

@@ -25,6 +25,7 @@ class Outcome:
         self.case, self.form, self.faults = case, form, []
         self.client_code = self.game_code = self.image = self.ratio = self.requests = self.fetches = None
         self.longest = self.seconds = None
+        self.told_end = False  # whether the run has rightly ended with a failure
         self.told = ""  # the end of what the client has said
 
 
@@ -95,6 +96,9 @@ class Trial:
             outcome.fetches = report["nOnDemandFetches"]
         if outcome.game_code != 0:
             faults.append(f"exit code of the game {outcome.game_code}")
+        if self.case.ends and outcome.client_code == 1 and not self.played.exists() and self.case.ends in outcome.told:
+            faults.clear()
+            outcome.told_end = True
 
     def judge_game(self):
         if not self.played.exists():
