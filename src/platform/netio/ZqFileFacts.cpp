@@ -60,6 +60,12 @@ bool ZqFileFacts::mayBeAbsent() const {
     return isOptional;
 }
 
+void ZqFileFacts::forget() {
+    SxMutexBlock lock(&mutex);
+    validator = finalUrl = SxString();
+    size = UNKNOWN;
+}
+
 void ZqFileFacts::checkStatus(const ZqTransfer::Response& response, int wanted) {
     const int status = response.status;
     const SxString text = (status == 407 ? "the proxy answers " : "the server answers ") + SxString(status);

@@ -29,6 +29,8 @@ public:
         SxArray<SxString> headers;
     };
     Address getAddress() const;
+    /// The next response is the first again.
+    void forget();
     /// Raises where `response` hasn't the status `wanted`, or an encoded body.
     void checkStatus(const ZqTransfer::Response& response, int wanted);
     /// Takes what a response says of the file, or raises where it says something else than before.

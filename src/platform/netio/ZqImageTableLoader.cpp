@@ -4,64 +4,75 @@
 #include "ZqPackedForm.h"
 #include "ZqRangeReader.h"
 
-#include <cstring>
+#include <algorithm>
 
 namespace {
 constexpr const char* UNIT = "src/platform/netio/ZqImageTableLoader";
-}
+/// The longest pause, in first ones.
+constexpr int64 MOST_PAUSES = 120;
+} // namespace
 
 void ZqRemoteImage::TableLoader::main() {
-    const ZqStopTest stop = [this] { return stopping.load(); };
-    for (;;) {
+    const int64 firstMs = image->getLink()->getSettings().maxBackOffMs;
+    int64 pauseMs = firstMs;
+    while (!tryLoad()) {
+        if (image->getState() == Packed::Absent) return;
         try {
-            load();
-            return;
-        } catch (const SxException& e) {
-            if (e.hasTag(SxException::STOPPED)) return;
-            if (e.hasTag(ZqNetLink::NOT_FOUND)) {
-                image->setTable(nullptr, Packed::Absent);
-                return;
-            }
-            // Whether a server that breaks off its answers is waited for is the stream's affair.
-            if (!e.hasTag(ZqNetLink::UNREACHABLE) && !e.hasTag(ZqNetLink::BROKEN)) {
-                image->setTableFailure(SxException(
-                    e, "Cannot use '" + image->packed->getUrl().makeVisible() + "'", UNIT, __LINE__));
-                return;
-            }
-            zqLogMsg("NET", "The seek table has to wait: " + e.toString(SxException::ShowMessage, ": "));
-        }
-        try {
-            image->getLink()->sleep(image->getLink()->getSettings().maxBackOffMs, stop);
+            image->getLink()->sleep(pauseMs, [this] { return stopping.load(); });
         } catch (const SxException&) {
             return;
         }
+        // A table may be large, and one that is bad stays so for long.
+        pauseMs = image->getState() == Packed::Aside ? std::min(2 * pauseMs, MOST_PAUSES * firstMs) : firstMs;
     }
 }
 
-SxArray<char> ZqRemoteImage::TableLoader::fetchTail(uint64 maxTail) {
-    ZqRangeReader reader(*image->packed, maxTail, ZqTransfer::Kind::Small);
-    const ZqStopTest stop = [this] { return stopping.load(); };
-    SxArray<char> tail, piece;
-    while (reader.next(&piece, stop)) {
-        const int64 old = tail.getSize();
-        tail.resize(old + piece.getSize(), true);
-        std::memcpy(tail.data() + old, piece.data(), static_cast<size_t>(piece.getSize()));
+/// Whether that is the end of it.
+bool ZqRemoteImage::TableLoader::tryLoad() {
+    try {
+        load();
+        return image->awaitAside([this] { return stopping.load(); });
+    } catch (const SxException& e) {
+        if (e.hasTag(SxException::STOPPED)) return true;
+        const bool isAside = image->getState() == Packed::Aside;
+        if (e.hasTag(ZqNetLink::NOT_FOUND) && !isAside) {
+            image->setTable(nullptr, Packed::Absent);
+            return true;
+        }
+        if (isAside || e.hasTag(ZqNetLink::UNREACHABLE) || e.hasTag(ZqNetLink::BROKEN)) {
+            image->noteTableWaits();
+            zqLogMsg("NET", "The seek table has to wait: " + e.toString(SxException::ShowMessage, ": "));
+        } else {
+            image->leavePacked(e);
+        }
+        return false;
     }
-    return tail;
+}
+
+SxArray<char> ZqRemoteImage::TableLoader::fetch(uint64 first, uint64 end) {
+    SxArray<char> bytes(static_cast<int64>(end - first));
+    ZqRangeReader reader(*image->packed, first, end, ZqTransfer::Kind::Small);
+    const uint64 n = reader.readAll(bytes.data(), end - first, [this] { return stopping.load(); });
+    bytes.resize(static_cast<int64>(n), true);
+    return bytes;
 }
 
 void ZqRemoteImage::TableLoader::load() {
-    ZqRangeReader origin(*image->packed, 0, ZqPackedForm::ORIGIN_SIZE, ZqTransfer::Kind::Small);
-    origin.begin();
-    const SxArray<char> tail = fetchTail(ZqSeekTable::maxTail(image->sizeZqf));
-    SxArray<char> front(ZqPackedForm::ORIGIN_SIZE);
-    const uint64 n = origin.readAll(front.data(), static_cast<uint64>(front.getSize()),
-                                    [this] { return stopping.load(); });
-    if (!image->isOfThisImage(front.data(), static_cast<int64>(n))) {
+    // It may be another file than the one that was left aside.
+    if (image->getState() == Packed::Aside) image->packed->getFacts()->forget();
+    const SxArray<char> front = fetch(0, ZqPackedForm::ORIGIN_SIZE);
+    if (!image->isOfThisImage(front.data(), front.getSize())) {
         image->refusePacked();
         return;
     }
-    image->setTable(SxPtr<ZqSeekTable>::create(tail.data(), static_cast<uint64>(tail.getSize()),
-                                               image->packed->getSize(), image->sizeZqf),
-                    Packed::Offered);
+    // The last bytes are asked for by their place: some servers know no other way.
+    const uint64 size = image->packed->getSize();
+    if (size == ZqRemoteFile::UNKNOWN) {
+        throw SxException(ZqNetLink::WRONG, "The server doesn't say how many bytes it has", UNIT, __LINE__);
+    }
+    const uint64 nTail = std::min(size, ZqSeekTable::maxTail(image->sizeZqf));
+    const SxArray<char> tail = fetch(size - nTail, size);
+    image->setTable(
+        SxPtr<ZqSeekTable>::create(tail.data(), static_cast<uint64>(tail.getSize()), size, image->sizeZqf),
+        Packed::Offered);
 }

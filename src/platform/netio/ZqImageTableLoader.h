@@ -3,10 +3,12 @@
 #include "SxSystemThread.h"
 #include "ZqRemoteImage.h"
 
-/// Fetches the seek table of a remote image beside everything else.
+/// Fetches the seek table of a remote image beside everything else, and again where the packed form was left
+/// aside.
 class ZqRemoteImage::TableLoader : public SxSystemThread {
 public:
     explicit TableLoader(ZqRemoteImage* image_) : image(image_) { setThreadName("zqtable"); }
+    /// Ends it, which it notices when the image's condition is notified.
     void stop() noexcept { stopping.store(true); }
 
 protected:
@@ -14,7 +16,8 @@ protected:
 
 private:
     void load();
-    SxArray<char> fetchTail(uint64 maxTail);
+    bool tryLoad();
+    SxArray<char> fetch(uint64 first, uint64 end);
 
     ZqRemoteImage* const image;
     std::atomic<bool> stopping{false};

@@ -12,6 +12,7 @@ public:
     ZqNetRetry(const ZqNetRetry&) = delete;
     ZqNetRetry& operator=(const ZqNetRetry&) = delete;
 
+    void setTries(int64 n) { nMax = n; }
     /// Bytes have come: all is well.
     void progress();
     /// Waits as long as is due after failure `e` and returns to try again; or raises it, with what was tried.
@@ -19,7 +20,7 @@ public:
 
 private:
     const SxPtr<ZqNetLink> link;
-    const int64 nMax;
+    int64 nMax;
     int64 nFailed = 0; ///< in a row
     int64 nBroken = 0; ///< in a row
 };

@@ -26,11 +26,6 @@ ZqRangeReader::ZqRangeReader(const ZqRemoteFile& file, uint64 first, uint64 end_
                                                      : link->getSettings().nRangeTries) {
 }
 
-ZqRangeReader::ZqRangeReader(const ZqRemoteFile& file, uint64 nLast, ZqTransfer::Kind kind_)
-    : ZqRangeReader(file, 0, UNKNOWN, kind_) {
-    nSuffix = nLast;
-}
-
 ZqRangeReader::~ZqRangeReader() {
     abandon();
 }
@@ -48,11 +43,11 @@ ZqTransfer::Request ZqRangeReader::makeRequest() const {
     request.headers = address.headers;
     request.fresh = fresh;
     if (fresh) request.headers.append("Cache-Control: no-cache");
-    request.range = nSuffix > 0 ? "-" + SxString(nSuffix) : rangeText(pos, end);
+    request.range = rangeText(pos, end);
     request.maxBuffered = requested == ZqTransfer::Kind::Ordered ? link->getSettings().maxBuffered
                                                                  : std::numeric_limits<int64>::max();
-    request.check = [file = facts, answer_ = answer, first = pos, end_ = end,
-                     nLast = nSuffix](const ZqTransfer::Response& response) {
+    request.check = [file = facts, answer_ = answer, first = pos,
+                     end_ = end](const ZqTransfer::Response& response) {
         const auto total = static_cast<uint64>(response.total);
         if (response.status == 416 && response.total >= 0 && end_ == UNKNOWN && first >= total) {
             file->learn(response);
@@ -64,7 +59,7 @@ ZqTransfer::Request ZqRangeReader::makeRequest() const {
                               __LINE__);
         }
         const uint64 fileEnd = response.total < 0 ? end_ : total;
-        const uint64 wanted = nLast > 0 ? fileEnd - std::min(nLast, fileEnd) : first;
+        const uint64 wanted = first;
         const uint64 wantedEnd = std::min(end_, fileEnd);
         file->learn(response);
         if (static_cast<uint64>(response.first) != wanted ||
@@ -81,7 +76,6 @@ ZqTransfer::Request ZqRangeReader::makeRequest() const {
                                   rangeText(wanted, wantedEnd),
                               UNIT, __LINE__);
         }
-        answer_->first.store(static_cast<int64>(wanted));
         answer_->end.store(static_cast<int64>(wantedEnd));
     };
     return request;
@@ -115,8 +109,6 @@ bool ZqRangeReader::takePiece(SxArray<char>* piece, const ZqStopTest& stop) {
         link->checkStop(stop);
         got = transfer->next(piece);
     }
-    if (nSuffix > 0) pos = static_cast<uint64>(answer->first.load());
-    nSuffix = 0;
     end = static_cast<uint64>(answer->end.load());
     const uint64 n = got == ZqTransfer::Next::Taken ? static_cast<uint64>(piece->getSize()) : 0;
     if (n > end - pos)

@@ -10,8 +10,6 @@ class ZqRangeReader {
 public:
     /// Bytes `first` to `end` - 1; an `end` of ZqRemoteFile::UNKNOWN means the file's end.
     ZqRangeReader(const ZqRemoteFile& file, uint64 first, uint64 end_, ZqTransfer::Kind kind_);
-    /// The last `nLast` bytes of the file, or all of them.
-    ZqRangeReader(const ZqRemoteFile& file, uint64 nLast, ZqTransfer::Kind kind_);
     ~ZqRangeReader();
     ZqRangeReader(const ZqRangeReader&) = delete;
     ZqRangeReader& operator=(const ZqRangeReader&) = delete;
@@ -19,6 +17,8 @@ public:
     /// Lets its requests go over connections of their own and past what caches hold, since what came before
     /// was wrong. Ahead of begin().
     void setFresh() { fresh = true; }
+    /// Gives up after so many tries, instead of those of the link's settings.
+    void setTries(int64 n) { retry.setTries(n); }
     /// Makes the request, where none is under way, and returns.
     void begin();
     /// Turns a request of the kind Ahead into one on demand, and back. Safe beside the reader's own thread.
@@ -49,11 +49,10 @@ private:
     bool fresh = false;
     SxArray<char> rest; ///< a piece of which read() has given the first `nGiven` bytes
     int64 nGiven = 0;
-    uint64 nSuffix = 0; ///< until the first response to the request of the last bytes
     SxPtr<ZqTransfer> transfer;
     /// What the network thread learns of the transfer under way.
     struct Answer {
-        std::atomic<int64> first{-1}, end{-1};
+        std::atomic<int64> end{-1};
     };
     SxPtr<Answer> answer;
     ZqNetRetry retry;

@@ -61,6 +61,10 @@ ZqRemoteImage::~ZqRemoteImage() {
     tableLoader->stop();
     for (const auto& loader : aheadLoaders)
         loader->stop();
+    {
+        // Who has looked for a stop and not found it waits by now.
+        SxMutexBlock lock(&mutex);
+    }
     changed.notify_all();
     tableLoader->wait();
     for (const auto& loader : aheadLoaders)
@@ -130,13 +134,39 @@ void ZqRemoteImage::setTable(const SxPtr<ZqSeekTable>& table_, Packed state_) {
     changed.notify_all();
 }
 
-void ZqRemoteImage::setTableFailure(const SxException& e) {
+void ZqRemoteImage::leavePacked(const SxException& why) {
     {
         SxMutexBlock lock(&mutex);
-        tableFailure = e;
-        tableFailed = true;
+        if (state == Packed::Absent || state == Packed::Aside) return;
+        state = Packed::Aside;
     }
     changed.notify_all();
+    zqLogMsg("NET", "'" + packed->getUrl().makeVisible() +
+                        "' is left aside for now: " + why.toString(SxException::ShowMessage, ": "));
+}
+
+void ZqRemoteImage::noteTableWaits() {
+    {
+        SxMutexBlock lock(&mutex);
+        tableWaits = true;
+    }
+    changed.notify_all();
+}
+
+bool ZqRemoteImage::leavePackedFor(const SxException& e) {
+    for (const char* tag : {ZqNetLink::NOT_FOUND, ZqNetLink::REFUSED, ZqNetLink::WRONG, ZqNetLink::CHANGED}) {
+        if (!e.hasTag(tag)) continue;
+        leavePacked(e);
+        return true;
+    }
+    return false;
+}
+
+bool ZqRemoteImage::awaitAside(const ZqStopTest& stop) {
+    SxMutexBlock lock(&mutex);
+    while (state == Packed::Offered && !stop())
+        changed.wait(mutex);
+    return state != Packed::Aside;
 }
 
 bool ZqRemoteImage::isOfThisImage(const char* bytes, int64 n) const {
@@ -156,8 +186,7 @@ void ZqRemoteImage::refusePacked() {
 
 SxPtr<ZqSeekTable> ZqRemoteImage::getTable() const {
     SxMutexBlock lock(&mutex);
-    if (tableFailed) throw tableFailure;
-    return table;
+    return state == Packed::Offered ? table : nullptr;
 }
 
 ZqRemoteImage::Packed ZqRemoteImage::getState() const {
@@ -340,8 +369,11 @@ ZqRemoteImage::Bytes ZqRemoteImage::takeNext(Fetch* fetch, const ZqStopTest& sto
         if (isLast) fetch->reader->readAll(nullptr, 0, stop);
         if (n != size) throw SxException("It ends before", UNIT, __LINE__);
     } catch (const SxException& e) {
-        throw SxException(e, "Cannot fetch stretch " + SxString(idx) + " from '" + url.makeVisible() + "'",
-                          UNIT, __LINE__);
+        const SxException failure(
+            e, "Cannot fetch stretch " + SxString(idx) + " from '" + url.makeVisible() + "'", UNIT, __LINE__);
+        if (!fetch->table || !leavePackedFor(failure)) throw failure;
+        begin(fetch, ZqTransfer::Kind::OnDemand);
+        return takeNext(fetch, stop);
     }
     ++fetch->nextIdx;
     if (!isLast) fetch->reader->relax();
@@ -356,14 +388,24 @@ ZqRemoteImage::Bytes ZqRemoteImage::takeNext(Fetch* fetch, const ZqStopTest& sto
     } catch (const SxException& e) {
         if (!e.hasTag(ZqNetLink::WRONG)) throw;
         const SxString what = nameOf(idx, fetch->table.getPtr() != nullptr);
-        if (fetch->isAgain) throw SxException(e, what, UNIT, __LINE__);
-        zqLogMsg("NET", what + ": " + e.toString(SxException::ShowMessage, ": "));
+        const SxException damage(e, what, UNIT, __LINE__);
+        // The plain form may be right; where that is wrong as well, nothing else is left.
+        if (fetch->isAgain && !fetch->table) throw damage;
+        if (fetch->isAgain) leavePacked(damage);
+        if (!fetch->isAgain) zqLogMsg("NET", what + ": " + e.toString(SxException::ShowMessage, ": "));
     }
-    Fetch again(this, idx);
+    --fetch->nextIdx;
+    return takeAgain(fetch, stop);
+}
+
+/// The stretch that comes next, by a request of its own, of the plain form where the packed one was left.
+ZqRemoteImage::Bytes ZqRemoteImage::takeAgain(Fetch* fetch, const ZqStopTest& stop) {
+    Fetch again(this, fetch->nextIdx);
     again.isAgain = true;
     begin(&again, ZqTransfer::Kind::OnDemand);
     const Bytes bytes = takeNext(&again, stop);
     fetch->isChecked = again.isChecked;
+    ++fetch->nextIdx;
     return bytes;
 }
 

@@ -82,7 +82,8 @@ private:
     class Demand;
     class TableLoader;
     class StreamRun;
-    enum class Packed { Unknown, Offered, Absent };
+    /// `Aside`: not now, since what came of it was of no use; its table is fetched again after a while.
+    enum class Packed { Unknown, Offered, Aside, Absent };
     static constexpr int64 FIRST_TOGETHER = 4;
 
     uint64 stretchSize(uint64 stretchIdx) const;
@@ -90,13 +91,20 @@ private:
 
     void openTable();
     void setTable(const SxPtr<ZqSeekTable>& table_, Packed state_);
-    void setTableFailure(const SxException& e);
+    /// The packed form is of no use, for now: all goes on with the plain one.
+    void leavePacked(const SxException& why);
+    /// The table has to wait for its server.
+    void noteTableWaits();
+    /// Leaves it where the failure says that the plain form may do better; false where it may not.
+    bool leavePackedFor(const SxException& e);
+    /// Waits until the packed form is left aside: false. True where it is absent, or `stop` says so.
+    bool awaitAside(const ZqStopTest& stop);
     /// Whether the packed form that begins with these bytes is that of this image; one that doesn't say so
     /// counts as it.
     bool isOfThisImage(const char* bytes, int64 n) const;
     /// Leaves the packed form aside.
     void refusePacked();
-    /// The table; null until it is there. Raises where it is of no use.
+    /// The table of the packed form that is in use; null where none is, or not yet.
     SxPtr<ZqSeekTable> getTable() const;
     Packed getState() const;
     /// Decodes a frame of the packed file and checks it; raises with the tag WRONG.
@@ -119,6 +127,7 @@ private:
     void passOn(const SxPtr<Fetch>& fetch);
     /// The stretch that comes next.
     Bytes takeNext(Fetch* fetch, const ZqStopTest& stop);
+    Bytes takeAgain(Fetch* fetch, const ZqStopTest& stop);
     void keep(uint64 stretchIdx, const Bytes& bytes, bool isChecked, uint64 Figures::*figure);
     /// A stretch that is kept, compared with the table where it hasn't been; null where there is none, or no
     /// right one.
@@ -164,10 +173,9 @@ private:
     std::condition_variable_any changed;
     bool tableBegun SX_GUARDED_BY(mutex) = false;
     int64 tableBegunNs SX_GUARDED_BY(mutex) = 0;
+    bool tableWaits SX_GUARDED_BY(mutex) = false; ///< a request for it has failed
     Packed state SX_GUARDED_BY(mutex) = Packed::Unknown;
-    SxPtr<ZqSeekTable> table SX_GUARDED_BY(mutex);
-    bool tableFailed SX_GUARDED_BY(mutex) = false;
-    SxException tableFailure SX_GUARDED_BY(mutex);
+    SxPtr<ZqSeekTable> table SX_GUARDED_BY(mutex);     ///< also of a packed form that was left aside
     std::map<uint64, Bytes> kept SX_GUARDED_BY(mutex); ///< by stretch
     std::set<uint64> unchecked SX_GUARDED_BY(mutex);   ///< kept stretches that came ahead of the table
     std::set<uint64> distrusted SX_GUARDED_BY(mutex);  ///< stretches that came wrong

@@ -50,7 +50,7 @@ ZqRemoteImage::Bytes ZqRemoteImage::decode(uint64 stretchIdx, const char* frame,
 }
 
 bool ZqRemoteImage::isTableSettled() const {
-    return table || tableFailed || state == Packed::Absent ||
+    return table || tableWaits || state == Packed::Absent || state == Packed::Aside ||
            SxClock::get().steadyNs() - tableBegunNs > TABLE_PATIENCE_NS;
 }
 

@@ -12,6 +12,7 @@ namespace {
 
 constexpr const char* UNIT = "src/platform/netio/ZqRemoteImageStream";
 constexpr auto LOOK = std::chrono::milliseconds(20);
+constexpr uint64 NOWHERE = ~uint64{0};
 /// Stretches that the stream has brought and that ranges may still ask for.
 constexpr size_t N_RECENT = 4;
 /// A request of the stream lasts so long, so that its round trip costs a hundredth at most.
@@ -64,11 +65,12 @@ private:
     ZqRemoteImage* const image;
     const Sink& sink;
     const ZqStopTest& stop;
-    uint64 pos;          ///< the decoded byte that the sink gets next
-    uint64 received = 0; ///< the byte of the plain form that comes next; ahead of `pos` or behind
-    Bytes assembled;     ///< the stretch at `received` so far, in the plain form; null without its begin
+    uint64 pos;               ///< the decoded byte that the sink gets next
+    uint64 received = 0;      ///< the byte of the plain form that comes next; ahead of `pos` or behind
+    bool awaitsTable = false; ///< the plain form is taken until the packed one can be
+    Bytes assembled;          ///< the stretch at `received` so far, in the plain form; null without its begin
     uint64 wireIdx = 0, wirePos = 0; ///< a stretch, and where its frame begins
-    uint64 damagedIdx = ~uint64{0};  ///< the frame that was damaged last
+    uint64 damagedIdx = NOWHERE;     ///< the stretch that was damaged last, in either form
 };
 
 bool ZqRemoteImage::stream(uint64 offset, const Sink& sink, const ZqStopTest& stop) {
@@ -125,11 +127,12 @@ bool ZqRemoteImage::StreamRun::usesPacked() {
         image->getLink()->checkStop(stop);
         if (image->getTable()) return true;
         SxMutexBlock lock(&image->mutex);
-        // A table that doesn't come holds up nobody.
-        if (image->state == Packed::Absent || image->isTableSettled()) return false;
+        if (image->state == Packed::Absent || image->state == Packed::Aside) return false;
         // The first frame stands at the begin of the file; behind a frame follows the next.
         if (image->state == Packed::Unknown && wireIdx == stretchIdx()) return true;
-        if (image->state == Packed::Unknown) image->changed.wait_for(image->mutex, LOOK);
+        // A table that doesn't come holds up nobody.
+        if (image->isTableSettled()) return false;
+        image->changed.wait_for(image->mutex, LOOK);
     }
 }
 
@@ -141,6 +144,7 @@ bool ZqRemoteImage::StreamRun::mayCheck() const {
 
 bool ZqRemoteImage::StreamRun::runPlain() {
     assembled = nullptr;
+    awaitsTable = image->getState() == Packed::Unknown;
     // A stretch is checked as a whole, also one of which a part was there before.
     received = mayCheck() ? stretchIdx() * STRETCH : pos;
     ZqRangeReader reader(*image->plain, received, std::min(endOfRequest() * STRETCH, image->sizeZqf),
@@ -184,7 +188,8 @@ bool ZqRemoteImage::StreamRun::takePlain(const SxArray<char>& piece, bool* isEnd
             const char* end = assembled ? assembled->data() + inside + n : bytes;
             if (!deliver(end - (received - pos), received - pos)) return false;
         }
-        *isEnding = isWhole && pos < image->sizeZqf && isWorthSkipping();
+        const bool mayChange = awaitsTable && image->getTable();
+        *isEnding = isWhole && pos < image->sizeZqf && (mayChange || isWorthSkipping());
     }
     return true;
 }
@@ -207,9 +212,22 @@ bool ZqRemoteImage::StreamRun::runPacked() {
     try {
         return runFrames();
     } catch (const SxException& e) {
-        if (!e.hasTag(ZqNetLink::NOT_FOUND) || image->getState() == Packed::Offered) throw;
-        image->setTable(nullptr, Packed::Absent);
-        return true;
+        const bool isKnown = image->getState() == Packed::Offered;
+        if (e.hasTag(ZqNetLink::NOT_FOUND) && !isKnown) {
+            image->setTable(nullptr, Packed::Absent);
+            return true;
+        }
+        if (image->leavePackedFor(e)) {
+            damagedIdx = NOWHERE;
+            return true;
+        }
+        // Without a table nothing depends on this form. One that comes later brings it back.
+        const bool mayPass = e.hasTag(ZqNetLink::UNREACHABLE) || e.hasTag(ZqNetLink::BROKEN);
+        if (!isKnown && mayPass) {
+            wireIdx = NOWHERE;
+            return true;
+        }
+        throw;
     }
 }
 
@@ -225,6 +243,8 @@ bool ZqRemoteImage::StreamRun::runFrames() {
     }
     ZqRangeReader reader(*image->packed, wirePos, wireEnd, ZqTransfer::Kind::Ordered);
     if (isSuspect(first)) reader.setFresh();
+    // The plain form may come where this one doesn't.
+    if (!known) reader.setTries(1);
     SxArray<char> pending;
     if (!known && wirePos == 0 && !skipOrigin(&reader, &pending)) return true;
     while (stretchIdx() < end) {

@@ -40,7 +40,7 @@ public:
         Kind kind = Kind::Small;
         SxString url;
         SxArray<SxString> headers;
-        SxString range; ///< as in "0-99" or "-100"; empty for the whole file
+        SxString range; ///< as in "0-99"; empty for the whole file
         int64 maxBuffered = 0;
         bool fresh = false; ///< over a connection of its own, not one that has brought something wrong
         Check check;
