@@ -13,6 +13,7 @@
 #include "ZqImageLock.h"
 #include "ZqImageParams.h"
 #include "ZqPackedForm.h"
+#include "ZqPackedMap.h"
 #include "ZqSeekTable.h"
 #include "ZqSysEnv.h"
 
@@ -39,6 +40,7 @@ void ZqImageCheck::main() {
     setNTotal((idx.isFile() ? static_cast<uint64>(idx.getSize()) : 0) +
               (sizeZqf < sizeComplete ? 0 : sizeZqf) * (hasPacked ? 2 : 1));
     checkMap();
+    checkPackedMap();
     checkZqf();
     checkPacked();
 }
@@ -102,6 +104,32 @@ void ZqImageCheck::checkMap() {
                  "': there is no digest, neither in img.idx.md5 nor in app.json; no mount takes it");
     } else {
         checkDigest(file, expected);
+    }
+}
+
+void ZqImageCheck::checkPackedMap() {
+    const SxString file = pathPrefix + ZqImageFiles::IDX_PACKED;
+    if (!SxFSAction::test_f(file)) return;
+    try {
+        SxFileIO map(pathPrefix + ZqImageFiles::IDX, "rb", 0600), packed(file, "rb", 0600);
+        SxArray<char> piece(CHUNK), right(ZqPackedMap::FRAME);
+        ZqPackedMap::Decoder decoder(
+            static_cast<uint64>(map.getSize()), app.checksumIdx, [&](const char* bytes, int64 n) {
+                if (map.readBuffer(right.data(), n) == n &&
+                    std::memcmp(right.data(), bytes, static_cast<size_t>(n)) == 0) {
+                    return;
+                }
+                throw SxException("It wasn't packed of this img.idx", UNIT, __LINE__);
+            });
+        while (const int64 n = packed.readBuffer(piece.data(), CHUNK)) {
+            if (stopRequested()) throw SxException(SxException::STOPPED, "Stopped", UNIT, __LINE__);
+            decoder.take(piece.data(), n);
+        }
+        decoder.finish();
+        notes.append(SxString(ZqImageFiles::IDX_PACKED) + ": packed of this img.idx");
+    } catch (const SxException& e) {
+        if (e.hasTag(SxException::STOPPED)) throw;
+        addFault("'" + file + "': " + e.what() + "; pack the image again, or remove it");
     }
 }
 

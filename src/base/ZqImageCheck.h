@@ -9,7 +9,7 @@ class SxFileIO;
 class ZqSeekTable;
 
 /// Job that checks an image folder as far as it is there: records, sizes, the map's invariants, digests,
-/// and the frames of the packed form where that is there.
+/// and the packed forms where they are there.
 /// Holds a shared lock on the image. Progress in bytes. What it finds is in the lists once it has ended; a
 /// failure of the check itself leaves main().
 class ZqImageCheck : public ZqTaskMon {
@@ -32,6 +32,7 @@ protected:
 private:
     void readRecords();
     void checkMap();
+    void checkPackedMap();
     void checkEntries(const SxArray<uint64>& map);
     void checkZqf();
     void checkPacked();

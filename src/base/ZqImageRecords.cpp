@@ -7,6 +7,7 @@
 #include "SxSystemThread.h"
 #include "ZqImageFiles.h"
 #include "ZqImageFolder.h"
+#include "ZqImageMapFetch.h"
 #include "ZqImageParams.h"
 
 namespace {
@@ -167,13 +168,13 @@ void ZqImageRecords::requireParams(const SxString& file, const ZqAppParams& app)
 }
 
 void ZqImageRecords::fetchRest(const ZqAppParams& app, const ZqStopTest& stop) {
-    const SxString params = folder + ZqImageFiles::IMAGE_JSON, idx = folder + ZqImageFiles::IDX;
+    const SxString params = folder + ZqImageFiles::IMAGE_JSON;
     const SxString digest = folder + ZqImageFiles::IDX_MD5;
     const bool needsMap = !hasMap(app);
     const bool needsDigest = needsMap && app.checksumIdx.isEmpty();
     const bool needsParams = !SxFSAction::test_f(params);
     Fetch paramsFetch(remote(ZqImageFiles::IMAGE_JSON), params + NEW, MAX_RECORD, false, stop);
-    Fetch mapFetch(remote(ZqImageFiles::IDX, app.sizeIdx), idx, app.sizeIdx, false, stop);
+    ZqImageMapFetch mapFetch(link, folder, url, headers, app, stop);
     Fetch digestFetch(remote(ZqImageFiles::IDX_MD5, MD5_SIZE), digest, MD5_SIZE, true, stop);
     if (needsParams) paramsFetch.start();
     if (needsMap) {
@@ -182,10 +183,12 @@ void ZqImageRecords::fetchRest(const ZqAppParams& app, const ZqStopTest& stop) {
         mapFetch.start();
     }
     if (needsDigest) digestFetch.start();
-    for (Fetch* fetch : {&paramsFetch, &mapFetch, &digestFetch})
-        fetch->wait();
-    for (Fetch* fetch : {&paramsFetch, &mapFetch, &digestFetch})
-        fetch->finish();
+    paramsFetch.wait();
+    mapFetch.wait();
+    digestFetch.wait();
+    paramsFetch.finish();
+    mapFetch.finish();
+    digestFetch.finish();
     if (needsParams) {
         requireParams(params + NEW, app);
         SxFSAction::mv(params + NEW, params);

@@ -114,11 +114,15 @@ int pack(const PackOptions& options, Output& out) {
         result.append("frames", job.getNFrames());
         result.append("sizeZqf", job.getSizeZqf());
         result.append("sizePacked", job.getSizePacked());
+        result.append("sizeIdx", job.getSizeIdx());
+        result.append("sizeIdxPacked", job.getSizeIdxPacked());
         result.append("seconds", seconds);
         out.object(result);
     }
     out.text("Packed " + exactBytes(job.getSizeZqf()) + " to " + exactBytes(job.getSizePacked()) + " in " +
              job.getNFrames() + SxString::sprintf(" frames, in %.1f s.", seconds));
+    out.text("Packed the map, " + exactBytes(job.getSizeIdx()) + " to " + exactBytes(job.getSizeIdxPacked()) +
+             ".");
     return ExitSuccess;
 }
 
@@ -170,7 +174,7 @@ void registerPublishVerbs(Family* image) {
 
     auto packing = SxPtr<PackOptions>::create();
     image
-        ->verb("pack", "Write img.zqf.zst, which clients download, and check each stretch by",
+        ->verb("pack", "Write img.zqf.zst and img.idx.zst, which clients download, and check each stretch by",
                "tavrin image pack games/alpha --level 19")
         .argument("IMAGE", &packing->image, "Image folder, complete")
         .integer("--level", &packing->level, 1, ZqImagePack::getMaxLevel(),

@@ -12,6 +12,7 @@
 #include "ZqImageLock.h"
 #include "ZqLog.h"
 #include "ZqPackedForm.h"
+#include "ZqPackedMap.h"
 #include "ZqSysEnv.h"
 
 #include <memory>
@@ -213,6 +214,18 @@ void ZqImagePack::main() {
         sizePacked = writer.finish(digest);
         SxFSAction::mv(packed + NEW, packed);
         SxFSAction::syncDir(image);
+    } catch (const SxException& e) {
+        if (stopRequested()) throw;
+        throw SxException(e, "Cannot write " + packed, UNIT, __LINE__);
+    }
+    packMap(info.app.checksumIdx);
+}
+
+void ZqImagePack::packMap(const SxString& digest) {
+    const SxString idx = image + ZqImageFiles::IDX, packed = image + ZqImageFiles::IDX_PACKED;
+    try {
+        sizeIdxPacked = ZqPackedMap::pack(idx, packed, digest, [this] { return stopRequested(); });
+        sizeIdx = static_cast<uint64>(SxFileInfo(idx).getSize());
     } catch (const SxException& e) {
         if (stopRequested()) throw;
         throw SxException(e, "Cannot write " + packed, UNIT, __LINE__);

@@ -3,10 +3,11 @@
 #include "SxFileIO.h"
 #include "ZqTaskMon.h"
 
-/// Job that writes `img.zqf.zst`, the packed form for delivery, beside the `img.zqf` of a complete image. One
-/// that stood there is replaced when the new one is complete. Works with all cores and some megabytes of
-/// memory. Progress in bytes of `img.zqf`. Takes the image's lock, shared, and that for growth, so that there
-/// is one at a time. Raises where the image isn't complete, or `img.zqf` isn't what `app.json` says.
+/// Job that writes `img.zqf.zst` and `img.idx.zst`, the packed forms for delivery, beside the `img.zqf` and
+/// `img.idx` of a complete image. What stood there is replaced when the new one is complete. Works with all
+/// cores and some megabytes of memory. Progress in bytes of `img.zqf`. Takes the image's lock, shared, and
+/// that for growth, so that there is one at a time. Raises where the image isn't complete, or one of both
+/// isn't what `app.json` says.
 class ZqImagePack : public ZqTaskMon {
 public:
     static constexpr int64 DEFAULT_LEVEL = 17;
@@ -17,8 +18,10 @@ public:
 
     // After the end.
     uint64 getNFrames() const { return nFrames; }
-    uint64 getSizeZqf() const { return sizeZqf; }       ///< bytes
-    uint64 getSizePacked() const { return sizePacked; } ///< bytes of `img.zqf.zst`
+    uint64 getSizeZqf() const { return sizeZqf; }             ///< bytes
+    uint64 getSizePacked() const { return sizePacked; }       ///< bytes of `img.zqf.zst`
+    uint64 getSizeIdx() const { return sizeIdx; }             ///< bytes
+    uint64 getSizeIdxPacked() const { return sizeIdxPacked; } ///< bytes of `img.idx.zst`
 
 protected:
     void main() override;
@@ -28,8 +31,9 @@ private:
 
     /// Gives the digest.
     SxString writeFrames(Writer* writer);
+    void packMap(const SxString& digest);
 
     const SxString image; ///< with a trailing slash
     const int64 level;
-    uint64 nFrames = 0, sizeZqf = 0, sizePacked = 0;
+    uint64 nFrames = 0, sizeZqf = 0, sizePacked = 0, sizeIdx = 0, sizeIdxPacked = 0;
 };

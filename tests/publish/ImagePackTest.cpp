@@ -150,6 +150,13 @@ TEST(ImagePack, VerifyFindsAStalePack) {
     EXPECT_THAT(faults(), HasSubstr("img.zqf.zst' wasn't packed of this img.zqf"));
     ASSERT_EQ(packImage(dir), "");
     EXPECT_THAT(faults(), Not(HasSubstr("img.zqf.zst")));
+    EXPECT_THAT(faults(), Not(HasSubstr("img.idx.zst")));
+    const std::string smallMap = dir.read("watched/img.idx.zst");
+    dir.write("watched/img.idx.zst", smallMap.substr(0, smallMap.size() - 1));
+    EXPECT_THAT(faults(), HasSubstr("img.idx.zst': It ends behind 0 of 960 bytes"));
+    dir.write("watched/img.idx.zst", std::string(44, '\0') + smallMap.substr(44));
+    EXPECT_THAT(faults(), HasSubstr("img.idx.zst': It wasn't packed of this map"));
+    dir.write("watched/img.idx.zst", smallMap);
 
     // 120 blocks are three frames.
     const std::string right = dir.read(PACKED);

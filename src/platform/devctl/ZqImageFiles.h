@@ -5,6 +5,7 @@ namespace ZqImageFiles {
 constexpr const char* ZQF = "img.zqf";                 ///< the blocks in ZqF order
 constexpr const char* PACKED = "img.zqf.zst";          ///< the same, packed for delivery
 constexpr const char* IDX = "img.idx";                 ///< the map from RAW to ZqF indices
+constexpr const char* IDX_PACKED = "img.idx.zst";      ///< the same, packed for delivery
 constexpr const char* IDX_MD5 = "img.idx.md5";         ///< digest of the map, optional
 constexpr const char* IMAGE_JSON = "img.json";         ///< ZqImageParams
 constexpr const char* APP_JSON = "app.json";           ///< ZqAppParams

@@ -1,0 +1,145 @@
+#include "ZqImageMapFetch.h"
+
+#include "SxException.h"
+#include "SxFSAction.h"
+#include "SxFileIO.h"
+#include "SxMd5.h"
+#include "ZqImageFiles.h"
+#include "ZqLog.h"
+#include "ZqPackedMap.h"
+
+namespace {
+
+constexpr const char* UNIT = "src/base/ZqImageMapFetch";
+/// Behind the name of a file while it comes.
+constexpr const char* NEW = ".new";
+constexpr int64 PIECE = 1 << 20;
+constexpr uint64 ENTRY = sizeof(uint64);
+
+} // namespace
+
+ZqImageMapFetch::ZqImageMapFetch(const SxPtr<ZqNetLink>& link_, const SxString& folder_, const SxString& url_,
+                                 const SxArray<SxString>& headers_, const ZqAppParams& app,
+                                 const ZqStopTest& stop_)
+    : link(link_),
+      folder(folder_),
+      url(url_),
+      headers(headers_),
+      sizeIdx(app.sizeIdx),
+      digest(app.checksumIdx),
+      stop(stop_) {
+    setThreadName("map");
+}
+
+void ZqImageMapFetch::finish() {
+    wait();
+    if (hasException()) throw getException();
+}
+
+void ZqImageMapFetch::main() {
+    const Form plain = {ZqImageFiles::IDX, folder + ZqImageFiles::IDX + NEW, sizeIdx, false};
+    const Form packed = {ZqImageFiles::IDX_PACKED, folder + ZqImageFiles::IDX_PACKED + NEW,
+                         ZqPackedMap::maxSize(sizeIdx), true};
+    bool isThere = false;
+    if (sizeIdx > 0 && sizeIdx % ENTRY == 0) {
+        try {
+            fetch(packed);
+            isThere = true;
+        } catch (const SxException& e) {
+            // Who waits for a server waits for it in both forms.
+            if (e.hasTag(SxException::STOPPED) || e.hasTag(ZqNetLink::UNREACHABLE)) throw;
+            zqLogMsg("base", "ZqImageMapFetch: " + e.toString(SxException::ShowMessage, ": "));
+        }
+    }
+    if (!isThere) fetch(plain);
+    removePart(packed);
+    removePart(plain);
+}
+
+/// What an earlier run has left may be of a file that the server no longer has, or not be on the device, so a
+/// map that comes of it and is wrong is fetched once more as a whole.
+void ZqImageMapFetch::fetch(const Form& form) {
+    // Without a digest nothing would tell.
+    if (digest.isEmpty()) removePart(form);
+    for (;;) {
+        const bool isAnew = !SxFSAction::exists(form.part);
+        try {
+            download(form);
+            take(form);
+            return;
+        } catch (const SxException& e) {
+            for (const char* tag : {SxException::STOPPED, ZqNetLink::UNREACHABLE, ZqNetLink::BROKEN}) {
+                if (e.hasTag(tag)) throw;
+            }
+            removePart(form);
+            if (isAnew || e.hasTag(ZqNetLink::NOT_FOUND) || e.hasTag(ZqNetLink::REFUSED)) throw;
+            zqLogMsg("base", "ZqImageMapFetch: begins anew: " + e.toString(SxException::ShowMessage, ": "));
+        }
+    }
+}
+
+void ZqImageMapFetch::download(const Form& form) const {
+    const SxFileInfo there(form.part);
+    const bool goesOn =
+        there.isFile() && !there.isLink() && static_cast<uint64>(there.getSize()) <= form.maxSize;
+    SxFileIO file;
+    if (goesOn) {
+        file.open(form.part, "ab");
+    } else {
+        file.create(form.part, 0644);
+    }
+    auto size = static_cast<uint64>(file.getSize());
+    const uint64 expected = form.isPacked ? ZqRemoteFile::UNKNOWN : form.maxSize;
+    ZqRemoteFile remote(link, ZqRemoteFile::urlIn(url, form.name), headers, expected);
+    const auto sink = [&](const char* bytes, int64 n) {
+        size += static_cast<uint64>(n);
+        if (size > form.maxSize) {
+            throw SxException("'" + remote.getUrl().makeVisible() + "' has more than " +
+                                  SxString(form.maxSize) + " bytes",
+                              UNIT, __LINE__);
+        }
+        file.writeBuffer(bytes, n);
+        return true;
+    };
+    const bool isWhole = !form.isPacked && size == form.maxSize;
+    if (!isWhole) remote.stream(size, sink, stop);
+    file.sync();
+}
+
+/// Makes the map of what came, where that is right.
+void ZqImageMapFetch::take(const Form& form) const {
+    const SxString map = folder + ZqImageFiles::IDX;
+    const SxString address = ZqRemoteFile::urlIn(url, form.name).makeVisible();
+    if (form.isPacked) {
+        try {
+            decode(form.part);
+        } catch (const SxException& e) {
+            throw SxException(e, "Cannot use '" + address + "'", UNIT, __LINE__);
+        }
+        return;
+    }
+    if (static_cast<uint64>(SxFileInfo(form.part).getSize()) != sizeIdx ||
+        (!digest.isEmpty() && !(SxMd5::file(form.part) == digest))) {
+        throw SxException("The map at " + address + " isn't the one that app.json states", UNIT, __LINE__);
+    }
+    SxFSAction::mv(form.part, map);
+    SxFSAction::syncDir(folder);
+}
+
+void ZqImageMapFetch::decode(const SxString& packed) const {
+    SxFileIO::writeAtomic(folder + ZqImageFiles::IDX, [&](SxFileIO* map) {
+        ZqPackedMap::Decoder decoder(sizeIdx, digest,
+                                     [&](const char* bytes, int64 n) { map->writeBuffer(bytes, n); });
+        SxFileIO in(packed, "rb");
+        SxArray<char> piece(PIECE);
+        while (const int64 n = in.readBuffer(piece.data(), PIECE)) {
+            link->checkStop(stop);
+            decoder.take(piece.data(), n);
+        }
+        decoder.finish();
+    });
+}
+
+void ZqImageMapFetch::removePart(const Form& form) const {
+    if (SxFSAction::exists(form.part)) SxFSAction::rm(form.part);
+}

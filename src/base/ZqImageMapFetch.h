@@ -1,0 +1,43 @@
+#pragma once
+
+#include "SxSystemThread.h"
+#include "ZqAppParams.h"
+#include "ZqRemoteFile.h"
+
+/// Brings the map `img.idx` into an image folder from its server, on a thread of its own: from `img.idx.zst`,
+/// which is a small part of it, where the server has that and it is of this map, else from `img.idx`. What
+/// came of either is kept beside the map's place until the map is there, so that a later run goes on with it.
+class ZqImageMapFetch : public SxSystemThread {
+public:
+    /// `folder_` is the image folder with a slash at its end, `url_` its address, see ZqRemoteFile::urlIn().
+    ZqImageMapFetch(const SxPtr<ZqNetLink>& link_, const SxString& folder_, const SxString& url_,
+                    const SxArray<SxString>& headers_, const ZqAppParams& app, const ZqStopTest& stop_);
+
+    /// Waits for the end, and raises what went wrong.
+    void finish();
+
+protected:
+    void main() override;
+
+private:
+    /// One of the two files that a map is made of.
+    struct Form {
+        const char* name;
+        SxString part; ///< what came of it so far
+        uint64 maxSize;
+        bool isPacked;
+    };
+
+    void fetch(const Form& form);
+    void download(const Form& form) const;
+    void take(const Form& form) const;
+    void decode(const SxString& packed) const;
+    void removePart(const Form& form) const;
+
+    const SxPtr<ZqNetLink> link;
+    const SxString folder, url;
+    const SxArray<SxString> headers;
+    const uint64 sizeIdx;
+    const SxString digest; ///< MD5 text of the map; empty where `app.json` doesn't state it
+    const ZqStopTest stop;
+};
