@@ -18,7 +18,7 @@ packages=(
     libvalijson-dev libspdlog-dev libcli11-dev robin-map-dev libtsl-ordered-map-dev libfuse3-dev fuse3 fuse2fs
     libxcb1-dev libxcb-ewmh-dev libxcb-icccm4-dev xvfb openbox
     libgtest-dev libgmock-dev libbenchmark-dev
-    erofs-utils e2fsprogs squashfs-tools
+    erofs-utils e2fsprogs squashfs-tools nginx-light openssl
 )
 for group in "$@"; do
     case "$group" in

@@ -4,13 +4,27 @@
 #include "SxTime.h"
 #include "ZqNetLoop.h"
 
+#include <cstdlib>
+
 namespace {
 constexpr const char* UNIT = "src/platform/netio/ZqNetLink";
+constexpr int64 SECOND_NS = 1'000'000'000;
+
+/// As other programs do, authorities of the user's own come by environment variables.
+ZqNetSettings withTrust(ZqNetSettings settings) {
+    const auto take = [](SxString* value, const char* name) {
+        const char* given = std::getenv(name); // NOLINT(concurrency-mt-unsafe): nobody here sets any
+        if (value->isEmpty() && given) *value = SxString(given);
+    };
+    take(&settings.trustFile, "SSL_CERT_FILE");
+    take(&settings.trustFolder, "SSL_CERT_DIR");
+    return settings;
 }
+} // namespace
 
 ZqNetLink::ZqNetLink(const ZqNetSettings& settings_)
-    : settings(settings_),
-      loop(std::make_unique<ZqNetLoop>(settings_)) {
+    : settings(withTrust(settings_)),
+      loop(std::make_unique<ZqNetLoop>(settings)) {
     loop->start();
 }
 
@@ -27,8 +41,14 @@ void ZqNetLink::hastenStreams() {
 }
 
 SxString ZqNetLink::getStatus() const {
-    SxMutexBlock lock(&waitingMutex);
-    return waiting.empty() ? SxString() : waiting.back().text;
+    {
+        SxMutexBlock lock(&waitingMutex);
+        if (!waiting.empty()) return waiting.back().text;
+    }
+    const int64 leftNs = loop->getRefusal().untilNs - SxClock::get().steadyNs();
+    if (leftNs < SECOND_NS) return {};
+    return "waiting for the server: it is asked too much, and left alone for " +
+           SxString((leftNs + SECOND_NS - 1) / SECOND_NS) + " s";
 }
 
 ZqNetLink::Figures ZqNetLink::getFigures() const {
@@ -43,6 +63,14 @@ void ZqNetLink::add(const SxPtr<ZqTransfer>& transfer) {
 
 void ZqNetLink::drop(const SxPtr<ZqTransfer>& transfer) {
     loop->drop(transfer);
+}
+
+void ZqNetLink::suspect(const SxPtr<ZqTransfer>& transfer) {
+    loop->suspect(transfer);
+}
+
+int64 ZqNetLink::getRefusedNs() const {
+    return loop->getRefusal().lastNs;
 }
 
 void ZqNetLink::checkStop(const ZqStopTest& stop) const {

@@ -19,11 +19,14 @@ struct ZqNetSettings {
     int64 stallMs = 10'000;     ///< without a byte, until a request is given up and made again
     int64 firstBackOffMs = 100; ///< ahead of the second try; doubled each time
     int64 maxBackOffMs = 5'000;
-    int64 nRangeTries = 5;       ///< of a range or small file
-    int64 nStreamTries = 0;      ///< of the ordered stream, while the server can't be reached
-    int64 nBrokenTries = 10;     ///< without a byte gained, where the server answers and breaks off
-    int64 segmentSize = 4 << 20; ///< bytes of one request of an ordered stream, where the link is slow
-    int64 maxBuffered = 4 << 20; ///< bytes that an ordered stream holds for a slow consumer
+    int64 nRangeTries = 5;   ///< of a range or small file
+    int64 secondMs = 3'000;  ///< without a byte, until one that somebody waits for is asked for twice
+    int64 busyMs = 60'000;   ///< in which a server that says it is asked too much takes none of these tries
+    int64 nStreamTries = 0;  ///< of the ordered stream, while the server can't be reached
+    int64 nBrokenTries = 10; ///< without a byte gained, where the server answers and breaks off
+    int64 segmentSize = 4 << 20;     ///< bytes of one request of an ordered stream, where the link is slow
+    int64 maxBuffered = 4 << 20;     ///< bytes that an ordered stream holds for a slow consumer
+    SxString trustFile, trustFolder; ///< authorities for HTTPS; empty for those of the system
 };
 
 /// Asked every 20 ms by whatever blocks; true ends the wait with an SxException of the tag "Stopped".
@@ -78,6 +81,10 @@ public:
     // For the classes that make requests.
     void add(const SxPtr<ZqTransfer>& transfer);
     void drop(const SxPtr<ZqTransfer>& transfer);
+    /// `transfer` has been silent: later requests take none of the connections that there are.
+    void suspect(const SxPtr<ZqTransfer>& transfer);
+    /// When the server said last that it is asked too much (429, 503), on the steady clock; 0 never.
+    int64 getRefusedNs() const;
     /// Raises with the tag "Stopped" where the link or `stop` says so.
     void checkStop(const ZqStopTest& stop) const;
     /// Sleeps for `ms`, or until `until` says so, or until a stop, which it raises.

@@ -14,6 +14,14 @@ public:
     void add(const SxPtr<ZqTransfer>& transfer);
     /// The transfer is of no use any more.
     void drop(const SxPtr<ZqTransfer>& transfer);
+    /// See ZqNetLink.
+    void suspect(const SxPtr<ZqTransfer>& transfer);
+    /// What a server has said that is asked too much, on the steady clock: when last, and up to when it is
+    /// left alone; 0 never.
+    struct Refusal {
+        int64 lastNs = 0, untilNs = 0;
+    };
+    Refusal getRefusal() const;
     void setRateLimit(double bytesPerSecond);
     void hastenStreams();
     ZqNetLink::Figures getFigures() const;

@@ -1,11 +1,15 @@
 #include "ZqTransfer.h"
 
+#include <algorithm>
 #include <charconv>
 #include <chrono>
 #include <cstring>
+#include <curl/curl.h>
 
 namespace {
 constexpr int64 PIECE = 256 << 10;
+/// As good as never.
+constexpr int64 MAX_RETRY_AFTER_S = 365 * 86'400;
 constexpr auto LOOK = std::chrono::milliseconds(20);
 
 std::string_view trim(std::string_view text) {
@@ -67,7 +71,21 @@ void ZqTransfer::Response::takeHeader(std::string_view line) {
         length = takeNumber(&value);
     } else if (name == "content-range") {
         parseContentRange(value, this);
+    } else if (name == "retry-after") {
+        retryAfter = SxString(value);
+    } else if (name == "date") {
+        date = SxString(value);
     }
+}
+
+int64 ZqTransfer::Response::retryAfterMs(int64 systemMs) const {
+    std::string_view text = retryAfter.str();
+    const int64 seconds = takeNumber(&text);
+    if (seconds >= 0 && text.empty()) return std::min(seconds, MAX_RETRY_AFTER_S) * 1000;
+    const int64 until = curl_getdate(retryAfter.ascii(), nullptr), now = curl_getdate(date.ascii(), nullptr);
+    if (until < 0) return -1;
+    const int64 nowS = now >= 0 ? now : systemMs / 1000;
+    return std::clamp(until - nowS, int64{0}, MAX_RETRY_AFTER_S) * 1000;
 }
 
 void ZqTransfer::setWake(std::function<void()> wake_) {

@@ -28,9 +28,13 @@ public:
         SxString eTag, lastModified, encoding;
         int64 first = -1, last = -1, total = -1; ///< Content-Range, inclusive
         int64 length = -1;                       ///< Content-Length
+        SxString retryAfter, date;               ///< as they stand there
 
         /// One line of the response's head. A status line begins a response anew, as behind a redirect.
         void takeHeader(std::string_view line);
+        /// Milliseconds that the server asks to wait (Retry-After), by its own clock where it tells it, else
+        /// by `systemMs`, the time of the system; -1 where it doesn't ask.
+        int64 retryAfterMs(int64 systemMs) const;
         const SxString& validator() const { return eTag.isEmpty() ? lastModified : eTag; }
     };
     /// Called on the network thread ahead of the first body byte; raises where the response is of no use.
@@ -59,10 +63,13 @@ public:
     enum class Next { Taken, Waiting, Ended };
     Next next(SxArray<char>* piece);
     bool isFinished() const;
+    /// Whether the server has been asked yet.
+    bool hasBegun() const noexcept { return begun.load(); }
 
     // For the network thread.
     /// Called when a consumer has made room again.
     void setWake(std::function<void()> wake_);
+    void setBegun() noexcept { begun.store(true); }
     bool hasRoom() const;
     void append(const char* bytes, size_t n);
     void finish();
@@ -71,6 +78,7 @@ public:
 private:
     const Request request;
     std::atomic<Kind> kind;
+    std::atomic<bool> begun{false};
 
     mutable SxMutex mutex;
     std::function<void()> wake SX_GUARDED_BY(mutex);

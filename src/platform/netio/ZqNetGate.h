@@ -1,0 +1,41 @@
+#pragma once
+
+#include "ZqNetLink.h"
+
+#include <deque>
+
+/// What a link still asks of a server that has said that it is asked too much (429, 503): nothing for a
+/// while, then half of what was under way, and no more often than half as often, and from second to second
+/// more again. For the network thread; times are those of the steady clock.
+class ZqNetGate {
+public:
+    explicit ZqNetGate(const ZqNetSettings& settings_) : settings(settings_) {}
+
+    /// One that wants to begin.
+    struct Request {
+        bool isWaitedFor = false; ///< somebody waits for it
+        bool isOrdered = false;   ///< an ordered stream, which has a place of its own
+    };
+    /// Whether it may begin beside `nUnderWay` others, ordered streams not counted.
+    bool mayBegin(const Request& request, int64 nUnderWay, int64 nowNs) const;
+    void noteBegin(int64 nowNs);
+    /// A request that was begun at `begunNs` was answered well.
+    void answered(int64 begunNs, int64 nowNs);
+    /// The server refused it, and asks for `retryAfterMs` (-1 where it doesn't say), while `nUnderWay` others
+    /// were under way.
+    void refused(int64 begunNs, int64 retryAfterMs, int64 nUnderWay, int64 nowNs);
+    /// Up to when nothing is asked of the server, but for one request at a time that somebody waits for.
+    int64 getUntilNs() const noexcept { return untilNs; }
+
+private:
+    void recover(int64 nowNs);
+
+    const ZqNetSettings settings;
+    std::deque<int64> begun; ///< of the last second
+    int64 refusedNs = 0;     ///< when it was refused last; 0 never
+    int64 changedNs = 0;     ///< when the limits changed last
+    int64 untilNs = 0, probeNs = 0;
+    int64 nInRow = 0;
+    int64 maxUnderWay = 0; ///< 0 without a limit
+    int64 gapNs = 0;       ///< between two begins
+};

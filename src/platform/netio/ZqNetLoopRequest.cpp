@@ -1,0 +1,254 @@
+#include "SxClock.h"
+#include "ZqNetLoopEngine.h"
+
+#include <algorithm>
+#include <curl/curl.h>
+#include <sys/socket.h>
+
+// The requests of the network's thread, and what libcurl tells of them.
+
+namespace {
+
+constexpr const char* UNIT = "src/platform/netio/ZqNetLoopRequest";
+constexpr int64 MS = 1'000'000;
+/// What the rate limit lets an ordered stream make good after a pause.
+constexpr int64 CREDIT_NS = 100 * MS;
+constexpr long MIN_BUFFER = 16'384, MAX_BUFFER = 131'072;
+/// Bytes of an ordered stream's receive buffer.
+constexpr double MIN_BUFFERED = 48 << 10, FIRST_BUFFERED = 64 << 10, MAX_BUFFERED = 64 << 20;
+
+int64 nowNs() {
+    return SxClock::get().steadyNs();
+}
+
+/// Host and port of an address.
+std::string hostOf(std::string_view url) {
+    const size_t host = url.find("://");
+    if (host == std::string_view::npos) return {};
+    const size_t begin = host + 3;
+    return std::string(url.substr(begin, url.find_first_of("/?#", begin) - begin));
+}
+
+/// A number that threads other than the network's may ask for.
+template<class T>
+void addTo(std::atomic<T>* number, T n) {
+    number->store(number->load(std::memory_order_relaxed) + n, std::memory_order_relaxed);
+}
+
+} // namespace
+
+void ZqNetLoop::Engine::CloseEasy::operator()(CURL* easy) const {
+    curl_easy_cleanup(easy);
+}
+
+void ZqNetLoop::Engine::FreeList::operator()(curl_slist* list) const {
+    curl_slist_free_all(list);
+}
+
+void ZqNetLoop::Engine::begin(const SxPtr<ZqTransfer>& transfer) {
+    auto active = std::make_unique<Active>();
+    active->engine = this;
+    active->transfer = transfer;
+    active->easy.reset(curl_easy_init());
+    active->begunNs = active->lastByteNs = nowNs();
+    CURL* easy = active->easy.get();
+    try {
+        if (!easy) throw SxException("Out of memory", UNIT, __LINE__);
+        active->pool = poolFor(transfer->getRequest());
+        setOptions(active.get());
+        active->pool->add(easy);
+    } catch (const SxException& e) {
+        transfer->fail(e);
+        return;
+    }
+    transfer->setBegun();
+    addTo<uint64>(&nRequests, 1);
+    actives.emplace(easy, std::move(active));
+}
+
+/// What yields has a connection of its own, over HTTP/1.1: held back there, bytes stay with the server, where
+/// an HTTP/2 stream would go on into memory, within a window of 32 MiB. Connections of both versions are
+/// never in one pool: libcurl gives answers to the wrong requests there when a server ends one.
+ZqNetPool* ZqNetLoop::Engine::poolFor(const ZqTransfer::Request& request) {
+    const bool mayBeHttp2 = !yields(request.kind) && !onlyHttp1 && request.url.str().starts_with("https:");
+    ZqNetPool*& pool = current.at(mayBeHttp2 ? Http2 : Http1);
+    if (!pool) pool = pools.emplace_back(std::make_unique<ZqNetPool>()).get();
+    return pool;
+}
+
+void ZqNetLoop::Engine::setOptions(Active* active) {
+    CURL* easy = active->easy.get();
+    const ZqTransfer::Request& request = active->transfer->getRequest();
+    const bool isHeldAtTimes = yields(request.kind);
+    curl_easy_setopt(easy, CURLOPT_URL, request.url.ascii());
+    curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
+    curl_easy_setopt(easy, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
+    curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 1L);
+    curl_easy_setopt(easy, CURLOPT_MAXREDIRS, 10L);
+    curl_easy_setopt(easy, CURLOPT_USERAGENT, "tavrin/" TAVRIN_VERSION);
+    curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
+    // A name that is being resolved mustn't hold up a stop.
+    curl_easy_setopt(easy, CURLOPT_QUICK_EXIT, 1L);
+    curl_easy_setopt(easy, CURLOPT_TCP_KEEPALIVE, 1L);
+    curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(settings.connectMs));
+    static_assert(ERROR_SIZE >= CURL_ERROR_SIZE);
+    curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, active->errorText.data());
+    const bool isHttp2 = active->pool == current.at(Http2);
+    curl_easy_setopt(easy, CURLOPT_HTTP_VERSION,
+                     static_cast<long>(isHttp2 ? CURL_HTTP_VERSION_2TLS : CURL_HTTP_VERSION_1_1));
+    // To wait for a connection that may take several requests pays over HTTP/2 only, and else lasts until the
+    // first request has ended.
+    curl_easy_setopt(easy, CURLOPT_PIPEWAIT, isHttp2 && !speaksHttp1 ? 1L : 0L);
+    curl_easy_setopt(easy, CURLOPT_BUFFERSIZE, isHeldAtTimes ? streamBuffer() : MAX_BUFFER);
+    if (request.fresh) curl_easy_setopt(easy, CURLOPT_FRESH_CONNECT, 1L);
+    if (!settings.trustFile.isEmpty()) curl_easy_setopt(easy, CURLOPT_CAINFO, settings.trustFile.ascii());
+    if (!settings.trustFolder.isEmpty()) curl_easy_setopt(easy, CURLOPT_CAPATH, settings.trustFolder.ascii());
+    if (!request.range.isEmpty()) curl_easy_setopt(easy, CURLOPT_RANGE, request.range.ascii());
+    for (const SxString& header : request.headers) {
+        curl_slist* longer = curl_slist_append(active->headers.get(), header.ascii());
+        if (!longer) break;
+        (void)active->headers.release();
+        active->headers.reset(longer);
+    }
+    if (active->headers) curl_easy_setopt(easy, CURLOPT_HTTPHEADER, active->headers.get());
+    curl_easy_setopt(easy, CURLOPT_HEADERFUNCTION, &Engine::onHeader);
+    curl_easy_setopt(easy, CURLOPT_HEADERDATA, active);
+    curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &Engine::onBody);
+    curl_easy_setopt(easy, CURLOPT_WRITEDATA, active);
+}
+
+/// What libcurl reads at once of an ordered stream, and has in its hand while the stream is held.
+long ZqNetLoop::Engine::streamBuffer() const {
+    const double limit = rateLimit.load();
+    const bool isSlow = limit > 0. && limit < MAX_BUFFER * 50.;
+    const double quarter = std::min(pace.getTripBytes() / 4., 1e9);
+    return isSlow ? MIN_BUFFER : std::clamp(static_cast<long>(quarter), MIN_BUFFER, MAX_BUFFER);
+}
+
+size_t ZqNetLoop::Engine::onHeader(char* bytes, size_t size, size_t n, void* user) {
+    Active* active = static_cast<Active*>(user);
+    active->lastByteNs = nowNs();
+    active->response.takeHeader(std::string_view(bytes, size * n));
+    return size * n;
+}
+
+size_t ZqNetLoop::Engine::onBody(char* bytes, size_t size, size_t n, void* user) {
+    Active* active = static_cast<Active*>(user);
+    return active->engine->take(active, bytes, size * n);
+}
+
+void ZqNetLoop::Engine::check(Active* active) {
+    CURL* easy = active->easy.get();
+    long status = 0;
+    char* url = nullptr;
+    curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &status);
+    curl_easy_getinfo(easy, CURLINFO_EFFECTIVE_URL, &url);
+    active->response.status = static_cast<int>(status);
+    active->response.url = SxString(url);
+    active->checked = true;
+    noteRoundTrip(easy);
+    if (active->yields()) {
+        active->fd = active->pool->socketOf(easy);
+        boundBuffer(*active);
+    }
+    try {
+        active->transfer->getRequest().check(active->response);
+    } catch (const SxException& e) {
+        active->failure = e;
+        active->failed = true;
+    }
+    noteVersion(active);
+    noteStatus(active);
+}
+
+/// A host may give both versions by itself, as one does that is many. Then only one is asked for.
+void ZqNetLoop::Engine::noteVersion(Active* active) {
+    long version = 0;
+    curl_easy_getinfo(active->easy.get(), CURLINFO_HTTP_VERSION, &version);
+    const bool isHttp1 = version < CURL_HTTP_VERSION_2_0;
+    if (!active->yields()) speaksHttp1 = isHttp1;
+    if (!active->pool->isMixed(hostOf(active->response.url.str()), isHttp1 ? 1 : 2)) return;
+    onlyHttp1 = true;
+    renewPools();
+    active->failed = true;
+    active->failure =
+        SxException(ZqNetLink::BROKEN, "the server has changed its version of HTTP", UNIT, __LINE__);
+}
+
+/// Heeds a server that is asked too much, and says what it asks for.
+void ZqNetLoop::Engine::noteStatus(Active* active) {
+    const ZqTransfer::Response& response = active->response;
+    const int64 now = nowNs();
+    if (response.status == 429 || response.status == 503) {
+        const int64 askedMs = response.retryAfterMs(SxClock::get().systemMs());
+        const bool isOrdered = active->kind() == ZqTransfer::Kind::Ordered;
+        gate.refused(active->begunNs, askedMs, countUnderWay() - (isOrdered ? 0 : 1), now);
+        refusedNs.store(now);
+        if (active->failed && active->failure.hasTag(ZqNetLink::UNREACHABLE) && askedMs > 0) {
+            const SxString text = active->failure.getMessage() + ", and asks to wait " +
+                                  SxString((askedMs + 999) / 1000) + " s";
+            active->failure = SxException(ZqNetLink::UNREACHABLE, text, UNIT, __LINE__);
+        }
+    } else if (response.status < 500) {
+        gate.answered(active->begunNs, now);
+    }
+    pausedUntilNs.store(gate.getUntilNs());
+}
+
+size_t ZqNetLoop::Engine::take(Active* active, const char* bytes, size_t n) {
+    if (!active->checked) check(active);
+    if (active->failed) return 0;
+    if (mustHold(*active)) {
+        active->held = true;
+        active->span = {};
+        return CURL_WRITEFUNC_PAUSE;
+    }
+    const int64 now = nowNs();
+    const auto nTaken = static_cast<int64>(n);
+    active->lastByteNs = active->lastTakenNs = now;
+    addTo<uint64>(&nBytes, n);
+    if (active->kind() == ZqTransfer::Kind::OnDemand) addTo<uint64>(&nOnDemandBytes, n);
+    if (active->kind() == ZqTransfer::Kind::Ordered) {
+        pace.measure(&active->span, now, nTaken);
+    } else {
+        pace.measureRange(&active->span, now, nTaken);
+    }
+    if (yields(active->kind())) {
+        boundBuffer(*active);
+        const double limit = rateLimit.load();
+        if (limit > 0.) {
+            const double costNs = static_cast<double>(nTaken) / limit * 1e9;
+            limitedUntilNs = std::max(limitedUntilNs, now - CREDIT_NS) + static_cast<int64>(costNs);
+        }
+    }
+    active->transfer->append(bytes, n);
+    return n;
+}
+
+/// Bounds what the server sends on while the stream is held, and with it what a range has to wait for: the
+/// system's own bound may be megabytes. A window alone wouldn't do, since it opens again with each segment
+/// as long as there is buffer. The system doubles the bytes for its own needs; what it doesn't need of that
+/// lets the rate grow.
+void ZqNetLoop::Engine::boundBuffer(const Active& active) const {
+    const double trip = pace.getTripBytes();
+    if (active.fd < 0) return;
+    const int wanted =
+        static_cast<int>(std::clamp(trip > 0. ? trip : FIRST_BUFFERED, MIN_BUFFERED, MAX_BUFFERED));
+    int granted = 0;
+    socklen_t size = sizeof granted;
+    ::setsockopt(active.fd, SOL_SOCKET, SO_RCVBUF, &wanted, sizeof wanted);
+    ::getsockopt(active.fd, SOL_SOCKET, SO_RCVBUF, &granted, &size);
+    if (granted / 2 >= wanted) return;
+    // More than a program may ask for: the system's own way gives more.
+    const int unlocked = 0;
+    ::setsockopt(active.fd, SOL_SOCKET, SO_BUF_LOCK, &unlocked, sizeof unlocked);
+}
+
+void ZqNetLoop::Engine::noteRoundTrip(CURL* easy) {
+    curl_off_t sent = 0, answered = 0;
+    long nRedirects = 0;
+    curl_easy_getinfo(easy, CURLINFO_PRETRANSFER_TIME_T, &sent);
+    curl_easy_getinfo(easy, CURLINFO_STARTTRANSFER_TIME_T, &answered);
+    curl_easy_getinfo(easy, CURLINFO_REDIRECT_COUNT, &nRedirects);
+    if (nRedirects == 0 && answered > sent) pace.noteRoundTrip(answered - sent, nowNs());
+}
