@@ -4,6 +4,7 @@ import contextlib
 import os
 import signal
 
+import documented
 from ground import Site, move_times
 from middleboxes import Haproxy, Squid, Tinyproxy, Varnish, origin, slices, whole_cache
 from peculiar import Peculiar
@@ -283,6 +284,12 @@ def _(ground):
         other.stop()
 
     return Site(server.url, during=during)
+
+
+# -- what the page for publishers shows
+
+for name in ("nginx", "nginx_cache", "apache", "lighttpd", "caddy", "varnish"):
+    plain_site(f"as in docs/publisher.md: {name.replace('_', ' as a ')}", getattr(documented, name))
 
 
 # -- a server that isn't right for a while

@@ -43,12 +43,19 @@ class Haproxy:
 
 
 class Varnish:
-    def __init__(self, ground, port):
+    """In front of the web server at `port`, which `vcl` names, too, where it is there."""
+
+    def __init__(self, ground, port, vcl=""):
         self.port = free_port()
         folder = ground.folder("varnish")
         words = ["varnishd", "-F", "-j", "none", "-n", folder, "-a", f"127.0.0.1:{self.port}"]
         self.url = f"http://127.0.0.1:{self.port}/"
-        ground.start(self.port, folder, *words, "-b", f"127.0.0.1:{port}", "-s", "malloc,200m", "-T", "none")
+        backend = ["-b", f"127.0.0.1:{port}"]
+        if vcl:
+            program = ground.folder("vcl") / "game.vcl"
+            program.write_text(vcl, encoding="ascii")
+            backend = ["-f", program]
+        ground.start(self.port, folder, *words, *backend, "-s", "malloc,200m", "-T", "none")
 
 
 class Squid:

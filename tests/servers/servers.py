@@ -7,10 +7,10 @@ from ground import free_port
 
 
 class Nginx:
-    """`server` and `http` are further lines of those blocks, `location` what the one location holds. `again()` starts
-    it after `stop()`, with the same port."""
+    """`server` and `http` are further lines of those blocks, `location` what the one location holds; `whole` comes
+    instead of a server block. `again()` starts it after `stop()`, with the same port."""
 
-    def __init__(self, ground, www=None, server="", http="", location="", tls="", port=None):
+    def __init__(self, ground, www=None, server="", http="", location="", tls="", port=None, whole=""):
         self.ground, self.port = ground, port or free_port()
         self.folder = ground.folder("nginx")
         self.config = self.folder / "nginx.conf"
@@ -18,13 +18,15 @@ class Nginx:
         temporary = "".join(f"{kind}_temp_path {self.folder}/{kind};\n" for kind in kinds)
         authority = ground.authority
         secure = f"ssl_certificate {authority.certificate};\nssl_certificate_key {authority.key};\n" if tls else ""
+        block = (
+            f"server {{\nlisten 127.0.0.1:{self.port} {tls};\n{secure}root {www or ground.www};\n{server}\n"
+            f"location / {{ {location} }}\n}}\n"
+        )
         self.config.write_text(
             f"user root;\nworker_processes 1;\npid {self.folder}/pid;\nerror_log {self.folder}/error.log;\n"
             "events { worker_connections 512; }\n"
             f"http {{\ninclude /etc/nginx/mime.types;\ndefault_type application/octet-stream;\nsendfile on;\n"
-            f"access_log {self.folder}/access.log;\n{temporary}{http}\n"
-            f"server {{\nlisten 127.0.0.1:{self.port} {tls};\n{secure}root {www or ground.www};\n{server}\n"
-            f"location / {{ {location} }}\n}}\n}}\n",
+            f"access_log {self.folder}/access.log;\n{temporary}{http}\n{whole or block}}}\n",
             encoding="ascii",
         )
         self.url = f"{'https' if tls else 'http'}://127.0.0.1:{self.port}/"
@@ -70,12 +72,12 @@ class Apache:
 
 
 class Lighttpd:
-    def __init__(self, ground, lines=""):
+    def __init__(self, ground, whole=""):
         self.port = free_port()
         folder = ground.folder("lighttpd")
         (folder / "lighttpd.conf").write_text(
-            f'server.document-root = "{ground.www}"\nserver.bind = "127.0.0.1"\nserver.port = {self.port}\n'
-            f'server.errorlog = "{folder}/error.log"\n{lines}',
+            f'server.bind = "127.0.0.1"\nserver.port = {self.port}\nserver.errorlog = "{folder}/error.log"\n'
+            + (whole or f'server.document-root = "{ground.www}"\n'),
             encoding="ascii",
         )
         self.url = f"http://127.0.0.1:{self.port}/"
@@ -83,15 +85,15 @@ class Lighttpd:
 
 
 class Caddy:
-    def __init__(self, ground, lines="", tls=False):
+    def __init__(self, ground, lines="", tls=False, whole=""):
         self.port = free_port()
         folder = ground.folder("caddy")
         authority = ground.authority
         secure = f"tls {authority.certificate} {authority.key}\n" if tls else ""
         self.url = f"{'https' if tls else 'http'}://127.0.0.1:{self.port}/"
+        block = f":80 {{\n{secure}root * {ground.www}\n{lines}\nfile_server\n}}\n"
         (folder / "Caddyfile").write_text(
-            f"{{\nadmin off\nauto_https off\n}}\n{self.url.rstrip('/')} {{\n{secure}root * {ground.www}\n{lines}\n"
-            "file_server\n}\n",
+            "{\nadmin off\nauto_https off\n}\n" + (whole or block).replace(":80 ", self.url.rstrip("/") + " "),
             encoding="ascii",
         )
         words = ["caddy", "run", "--config", folder / "Caddyfile", "--adapter", "caddyfile"]
