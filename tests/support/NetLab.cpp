@@ -122,7 +122,10 @@ std::string ScriptedServer::partial(const std::string& file, uint64 first, uint6
 std::string ScriptedServer::ranged(const std::string& request, const std::string& file,
                                    const std::string& more) {
     const size_t at = request.find("bytes=");
-    if (at == std::string::npos) return "HTTP/1.1 400 Bad Request\r\nContent-Length: 0\r\n\r\n";
+    if (at == std::string::npos) {
+        return "HTTP/1.1 200 OK\r\nConnection: close\r\nContent-Length: " + std::to_string(file.size()) +
+               "\r\n" + more + "\r\n" + file;
+    }
     const std::string range = request.substr(at + 6, request.find('\r', at) - at - 6);
     if (range[0] == '-') {
         const uint64 n = std::min<uint64>(std::stoull(range.substr(1)), file.size());

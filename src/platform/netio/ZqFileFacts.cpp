@@ -1,21 +1,47 @@
 #include "ZqFileFacts.h"
 
 #include "SxException.h"
-#include "ZqNetLink.h"
+
+#include <algorithm>
+#include <chrono>
 
 namespace {
 
 constexpr const char* UNIT = "src/platform/netio/ZqFileFacts";
+constexpr auto LOOK = std::chrono::milliseconds(20);
+
+struct UrlParts {
+    std::string_view scheme, user, rest; ///< "http://", "name:password@", "host/path"
+};
+
+UrlParts partsOf(std::string_view url) {
+    UrlParts parts;
+    const size_t host = url.find("://");
+    if (host == std::string_view::npos) return {{}, {}, url};
+    parts.scheme = url.substr(0, host + 3);
+    parts.rest = url.substr(host + 3);
+    const std::string_view authority = parts.rest.substr(0, parts.rest.find_first_of("/?#"));
+    const size_t at = authority.rfind('@');
+    if (at == std::string_view::npos) return parts;
+    parts.user = parts.rest.substr(0, at + 1);
+    parts.rest.remove_prefix(at + 1);
+    return parts;
+}
 
 /// Scheme, host and port of an address.
-std::string_view originOf(std::string_view url) {
-    const size_t host = url.find("://");
-    return host == std::string_view::npos ? url : url.substr(0, url.find('/', host + 3));
+std::string originOf(std::string_view url) {
+    const UrlParts parts = partsOf(url);
+    return std::string(parts.scheme) + std::string(parts.rest.substr(0, parts.rest.find_first_of("/?#")));
 }
 
 bool isSecret(const SxString& header) {
     const SxString name = header.left(":").changeCase(false);
     return name == "authorization" || name == "cookie";
+}
+
+SxString nameOf(const SxString& eTag, const SxString& lastModified) {
+    const SxString& name = eTag.isEmpty() ? lastModified : eTag;
+    return name.isEmpty() ? "nothing that tells its version" : name.makeVisible();
 }
 
 } // namespace
@@ -25,9 +51,24 @@ uint64 ZqFileFacts::getSize() const {
     return size;
 }
 
+uint64 ZqFileFacts::getDueSize() const {
+    SxMutexBlock lock(&mutex);
+    return size == UNKNOWN ? expectedSize : size;
+}
+
 void ZqFileFacts::setHeaders(const SxArray<SxString>& headers_) {
     SxMutexBlock lock(&mutex);
     headers = headers_;
+}
+
+void ZqFileFacts::setSameTest(const SameTest& test) {
+    SxMutexBlock lock(&mutex);
+    isSame = test;
+}
+
+void ZqFileFacts::allowAbsence() {
+    SxMutexBlock lock(&mutex);
+    isOptional = true;
 }
 
 ZqFileFacts::Address ZqFileFacts::getAddress() const {
@@ -40,84 +81,161 @@ ZqFileFacts::Address ZqFileFacts::getAddress() const {
         const bool isWhole = header.str().find_first_of("\r\n") == std::string::npos;
         if (isWhole && !(isElsewhere && isSecret(header))) address.headers.append(header);
     }
+    // A redirect within the server doesn't repeat who asks.
+    const UrlParts first = partsOf(url), last = partsOf(address.url);
+    if (!isElsewhere && last.user.empty() && !first.user.empty()) {
+        address.url = SxString(std::string(last.scheme) + std::string(first.user) + std::string(last.rest));
+    }
     return address;
 }
 
-bool ZqFileFacts::forgetRedirect() {
+bool ZqFileFacts::leave(const SxString& asked) {
+    if (asked == url) return false;
     SxMutexBlock lock(&mutex);
-    const bool had = !finalUrl.isEmpty();
     finalUrl = SxString();
-    return had;
-}
-
-void ZqFileFacts::allowAbsence() {
-    SxMutexBlock lock(&mutex);
-    isOptional = true;
-}
-
-bool ZqFileFacts::mayBeAbsent() const {
-    SxMutexBlock lock(&mutex);
-    return isOptional;
+    return true;
 }
 
 void ZqFileFacts::forget() {
     SxMutexBlock lock(&mutex);
-    validator = finalUrl = SxString();
+    versions.clear();
+    doubts.clear();
+    finalUrl = SxString();
     size = UNKNOWN;
 }
 
-void ZqFileFacts::checkStatus(const ZqTransfer::Response& response, int wanted) {
+void ZqFileFacts::checkStatus(const ZqTransfer::Response& response, const SxString& asked) {
     const int status = response.status;
-    const SxString text = (status == 407 ? "the proxy answers " : "the server answers ") + SxString(status);
-    if (status == 408 || status == 429 || status >= 500) {
-        throw SxException(ZqNetLink::UNREACHABLE, text, UNIT, __LINE__);
-    }
-    if (status >= 400 && forgetRedirect()) {
-        throw SxException(ZqNetLink::UNREACHABLE, text + " where it redirected to", UNIT, __LINE__);
-    }
-    const bool isAbsent = status == 404 || status == 410 || (status == 403 && mayBeAbsent());
-    if (isAbsent) throw SxException(ZqNetLink::NOT_FOUND, text, UNIT, __LINE__);
-    if (status >= 400) throw SxException(ZqNetLink::REFUSED, text, UNIT, __LINE__);
-    if (status == 200 && wanted == 206) {
+    const bool isOfProxy = status == 407 || (response.isOfProxy && status >= 400);
+    SxString text = (isOfProxy ? "the proxy answers " : "the server answers ") + SxString(status);
+    if (status == 200 || status == 206) {
+        if (response.encoding.isEmpty() || response.encoding == "identity") return;
         throw SxException(ZqNetLink::WRONG,
-                          "The server answers a request for a range with the whole file (200)", UNIT,
-                          __LINE__);
-    }
-    if (status != wanted) {
-        throw SxException(ZqNetLink::WRONG, "The server answers " + SxString(status), UNIT, __LINE__);
-    }
-    if (!response.encoding.isEmpty() && !(response.encoding == "identity")) {
-        throw SxException(ZqNetLink::WRONG,
-                          "The server sends the file encoded (" + response.encoding.makeVisible() + ")", UNIT,
-                          __LINE__);
-    }
-}
-
-void ZqFileFacts::learn(const ZqTransfer::Response& response) {
-    SxMutexBlock lock(&mutex);
-    const SxString& seen = response.validator();
-    if (!validator.isEmpty() && !seen.isEmpty() && !(seen == validator)) {
-        throw SxException(ZqNetLink::CHANGED,
-                          "The file has changed on the server since it was first asked for (" +
-                              validator.makeVisible() + ", now " + seen.makeVisible() + ")",
+                          "The server sends the file encoded (" + response.encoding.makeVisible() +
+                              "); it must give it as it is, without a Content-Encoding",
                           UNIT, __LINE__);
     }
-    if (response.total >= 0) {
-        const auto total = static_cast<uint64>(response.total);
-        if (size != UNKNOWN && total != size) {
-            throw SxException(ZqNetLink::CHANGED,
-                              "The file has changed on the server: it had " + SxString(size) +
-                                  " bytes and has " + SxString(total),
-                              UNIT, __LINE__);
-        }
-        if (expectedSize != UNKNOWN && total != expectedSize) {
-            throw SxException(ZqNetLink::WRONG,
-                              "The server's file has " + SxString(total) + " bytes instead of " +
-                                  SxString(expectedSize),
-                              UNIT, __LINE__);
-        }
-        size = total;
+    const bool isElsewhere = leave(asked);
+    if (isElsewhere) text += " where it redirected to";
+    if (status == 408 || status == 429 || status >= 500 || (isElsewhere && status >= 400)) {
+        throw SxException(ZqNetLink::UNREACHABLE, text, UNIT, __LINE__);
     }
-    if (validator.isEmpty()) validator = seen;
+    bool isAbsent = status == 404 || status == 410;
+    {
+        SxMutexBlock lock(&mutex);
+        isAbsent = isAbsent || (status == 403 && isOptional && !isOfProxy);
+    }
+    if (isAbsent) throw SxException(ZqNetLink::NOT_FOUND, text, UNIT, __LINE__);
+    throw SxException(status >= 400 ? ZqNetLink::REFUSED : ZqNetLink::WRONG, text, UNIT, __LINE__);
+}
+
+void ZqFileFacts::raiseDoubt(Doubt doubt, const char* tag) {
+    const SxString text = doubt.text;
+    if (!isSame) throw SxException(tag, text, UNIT, __LINE__);
+    if (doubts.size() < MAX_VERSIONS) doubts.push_back(std::move(doubt));
+    throw SxException(DOUBTFUL, text, UNIT, __LINE__);
+}
+
+void ZqFileFacts::checkSize(uint64 total) {
+    if (size != UNKNOWN && total != size) {
+        raiseDoubt({{},
+                    "The file has changed on the server: it had " + SxString(size) + " bytes and has " +
+                        SxString(total),
+                    true},
+                   ZqNetLink::CHANGED);
+    }
+    if (expectedSize != UNKNOWN && total != expectedSize) {
+        raiseDoubt(
+            {{},
+             "The server's file has " + SxString(total) + " bytes instead of " + SxString(expectedSize),
+             true},
+            ZqNetLink::WRONG);
+    }
+    size = total;
+}
+
+void ZqFileFacts::learnSize(uint64 total) {
+    SxMutexBlock lock(&mutex);
+    checkSize(total);
+}
+
+const ZqFileFacts::Version* ZqFileFacts::find(const Version& seen, bool* isComparable) const {
+    for (const Version& known : versions) {
+        const bool hasTags = !known.eTag.isEmpty() && !seen.eTag.isEmpty();
+        const bool hasTimes = !known.lastModified.isEmpty() && !seen.lastModified.isEmpty();
+        if (hasTags || hasTimes) *isComparable = true;
+        const bool isEqual = hasTags    ? known.eTag == seen.eTag
+                             : hasTimes ? known.lastModified == seen.lastModified
+                                        : known == seen;
+        if (isEqual) return &known;
+    }
+    return nullptr;
+}
+
+int64 ZqFileFacts::accept(Version version, int64 number) {
+    version.number = number;
+    if (std::find(versions.begin(), versions.end(), version) == versions.end()) {
+        if (versions.size() >= MAX_VERSIONS) versions.erase(versions.begin());
+        versions.push_back(version);
+    }
+    return number;
+}
+
+int64 ZqFileFacts::learn(const ZqTransfer::Response& response, bool isVouched) {
+    SxString eTag = response.eTag;
+    if (eTag.startsWith("W/")) eTag = SxString(eTag.str().substr(2));
+    const Version seen{eTag, response.lastModified, 0};
+    SxMutexBlock lock(&mutex);
+    if (response.total >= 0) checkSize(static_cast<uint64>(response.total));
+    bool isComparable = false;
+    const Version* known = find(seen, &isComparable);
+    if (!known && !versions.empty() && !isVouched && (isComparable || isSame)) {
+        const Version& first = versions.front();
+        raiseDoubt({seen,
+                    "The file has changed on the server since it was first asked for (" +
+                        nameOf(first.eTag, first.lastModified) + ", now " +
+                        nameOf(seen.eTag, seen.lastModified) + ")",
+                    false},
+                   ZqNetLink::CHANGED);
+    }
     if (!(response.url == url)) finalUrl = response.url;
+    return accept(seen, known ? known->number : nVersions++);
+}
+
+void ZqFileFacts::settle(const ZqStopTest& stop) {
+    std::vector<Doubt> open;
+    SameTest test;
+    {
+        SxMutexBlock lock(&mutex);
+        while (isSettling) {
+            if (stop && stop()) throw SxException(SxException::STOPPED, "Stopped", UNIT, __LINE__);
+            settled.wait_for(mutex, LOOK);
+        }
+        if (doubts.empty()) return;
+        isSettling = true;
+        open.swap(doubts);
+        test = isSame;
+    }
+    const auto end = [&](bool isBelieved) {
+        {
+            SxMutexBlock lock(&mutex);
+            isSettling = false;
+            for (const Doubt& doubt : open) {
+                if (isBelieved && !doubt.isOfSize) accept(doubt.version, nVersions++);
+            }
+        }
+        settled.notify_all();
+    };
+    bool isStillSame = false;
+    try {
+        isStillSame = test(stop);
+    } catch (const SxException&) {
+        end(false);
+        throw;
+    }
+    end(isStillSame);
+    for (const Doubt& doubt : open) {
+        if (!isStillSame) throw SxException(ZqNetLink::CHANGED, doubt.text, UNIT, __LINE__);
+        if (doubt.isOfSize) throw SxException(ZqNetLink::WRONG, doubt.text, UNIT, __LINE__);
+    }
 }

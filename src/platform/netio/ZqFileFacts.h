@@ -3,13 +3,29 @@
 #include "SxArray.h"
 #include "SxMutex.h"
 #include "SxString.h"
+#include "ZqNetLink.h"
 #include "ZqTransfer.h"
+
+#include <condition_variable>
+#include <vector>
 
 /// What is known of a file on a server, and whether a response fits to that. Shared by the requests for the
 /// file, which may outlive whoever made them. Safe from any thread.
+///
+/// A server tells a version of a file by ETag, Last-Modified or both (RFC 9110). Like is compared with like:
+/// ETags where both answers have one, whether weak or strong, else times. The mirrors of a file, and a cache
+/// in front of it, may tell other ones of the same bytes. So where they differ, or have no kind in common,
+/// and somebody can tell whether the file is still the same (setSameTest()), that decides. `If-Range` is left
+/// aside: a mirror with another ETag would answer it with the whole file, and what it asks is told by the
+/// answer's own validators ahead of the first byte.
 class ZqFileFacts {
 public:
     static constexpr uint64 UNKNOWN = ~uint64{0};
+    /// Tag of an answer that settle() must decide about.
+    static constexpr const char* DOUBTFUL = "Doubtful";
+    /// Whether what the file belongs to is the same on the server as when it was begun with. Asks the
+    /// network; raises where that can't be told now.
+    using SameTest = std::function<bool(const ZqStopTest& stop)>;
 
     ZqFileFacts(const SxString& url_, const SxArray<SxString>& headers_, uint64 expectedSize_)
         : url(url_),
@@ -17,9 +33,12 @@ public:
           headers(headers_) {}
 
     const SxString& getUrl() const noexcept { return url; }
+    /// Bytes, as the server says; UNKNOWN ahead of its first answer.
     uint64 getSize() const;
+    /// The same, or what the file must have.
+    uint64 getDueSize() const;
     void setHeaders(const SxArray<SxString>& headers_);
-
+    void setSameTest(const SameTest& test);
     /// The file may be missing: a 403 tells that, too, as from stores that don't list their files.
     void allowAbsence();
 
@@ -29,23 +48,55 @@ public:
         SxArray<SxString> headers;
     };
     Address getAddress() const;
+    /// The next request goes to the first address, if `asked` is where a redirect has led; false if not.
+    bool leave(const SxString& asked);
     /// The next response is the first again.
     void forget();
-    /// Raises where `response` hasn't the status `wanted`, or an encoded body.
-    void checkStatus(const ZqTransfer::Response& response, int wanted);
-    /// Takes what a response says of the file, or raises where it says something else than before.
-    void learn(const ZqTransfer::Response& response);
+
+    /// Raises where `response` to a request to `asked` isn't 200 or 206, or has an encoded body.
+    void checkStatus(const ZqTransfer::Response& response, const SxString& asked);
+    /// Takes what a response says of the file, or raises where it says something else than before: with the
+    /// tag DOUBTFUL where settle() can tell more. Gives the number of the version that it tells of. With
+    /// `isVouched` settle() has just been asked for it.
+    int64 learn(const ZqTransfer::Response& response, bool isVouched);
+    /// Raises where the file hasn't `total` bytes.
+    void learnSize(uint64 total);
+    /// Asks whether the file is the same in spite of the doubts so far, and raises where it isn't: with the
+    /// tag CHANGED where what it belongs to has changed, WRONG where only its size differs. Not on the
+    /// network thread.
+    void settle(const ZqStopTest& stop);
 
 private:
-    bool forgetRedirect();
-    bool mayBeAbsent() const;
+    struct Version {
+        SxString eTag, lastModified; ///< the ETag without what marks a weak one
+        int64 number = 0;
+        bool operator==(const Version& other) const {
+            return eTag == other.eTag && lastModified == other.lastModified;
+        }
+    };
+    struct Doubt {
+        Version version;
+        SxString text;
+        bool isOfSize = false;
+    };
+    static constexpr size_t MAX_VERSIONS = 64;
+
+    [[noreturn]] void raiseDoubt(Doubt doubt, const char* tag) SX_REQUIRES(mutex);
+    void checkSize(uint64 total) SX_REQUIRES(mutex);
+    const Version* find(const Version& seen, bool* isComparable) const SX_REQUIRES(mutex);
+    int64 accept(Version version, int64 number) SX_REQUIRES(mutex);
 
     const SxString url;
     const uint64 expectedSize;
     mutable SxMutex mutex;
+    std::condition_variable_any settled;
     SxArray<SxString> headers SX_GUARDED_BY(mutex);
     SxString finalUrl SX_GUARDED_BY(mutex); ///< where redirects have led; empty where they led nowhere else
-    SxString validator SX_GUARDED_BY(mutex);
     uint64 size SX_GUARDED_BY(mutex) = UNKNOWN;
     bool isOptional SX_GUARDED_BY(mutex) = false;
+    SameTest isSame SX_GUARDED_BY(mutex);
+    std::vector<Version> versions SX_GUARDED_BY(mutex); ///< all that stand for the same bytes
+    int64 nVersions SX_GUARDED_BY(mutex) = 0;
+    std::vector<Doubt> doubts SX_GUARDED_BY(mutex);
+    bool isSettling SX_GUARDED_BY(mutex) = false;
 };

@@ -221,8 +221,7 @@ size_t ZqNetLoop::Engine::take(Active* active, const char* bytes, size_t n) {
             limitedUntilNs = std::max(limitedUntilNs, now - CREDIT_NS) + static_cast<int64>(costNs);
         }
     }
-    active->transfer->append(bytes, n);
-    return n;
+    return active->transfer->append(bytes, n) ? n : 0;
 }
 
 /// Bounds what the server sends on while the stream is held, and with it what a range has to wait for: the

@@ -6,12 +6,8 @@ namespace {
 
 constexpr const char* UNIT = "src/platform/netio/ZqRangeReader";
 constexpr uint64 UNKNOWN = ZqRemoteFile::UNKNOWN;
-/// Tag: a request behind the end of a file whose size wasn't known.
-constexpr const char* AT_END = "AtEnd";
-
-SxString rangeText(uint64 first, uint64 end) {
-    return SxString(first) + "-" + (end == UNKNOWN ? SxString() : SxString(end - 1));
-}
+/// Tag: the bytes so far are of another version than those that follow.
+constexpr const char* MOVED = "Moved";
 
 } // namespace
 
@@ -43,48 +39,23 @@ ZqTransfer::Request ZqRangeReader::makeRequest() const {
     request.headers = address.headers;
     request.fresh = fresh;
     if (fresh) request.headers.append("Cache-Control: no-cache");
-    request.range = rangeText(pos, end);
+    // The whole file is asked for without a range, which every server and every cache knows.
+    if (pos > 0 || end != UNKNOWN) {
+        request.range = SxString(pos) + "-" + (end == UNKNOWN ? SxString() : SxString(end - 1));
+    }
     request.maxBuffered = requested == ZqTransfer::Kind::Ordered ? link->getSettings().maxBuffered
                                                                  : std::numeric_limits<int64>::max();
-    request.check = [file = facts, answer_ = answer, first = pos,
-                     end_ = end](const ZqTransfer::Response& response) {
-        const auto total = static_cast<uint64>(response.total);
-        if (response.status == 416 && response.total >= 0 && end_ == UNKNOWN && first >= total) {
-            file->learn(response);
-            throw SxException(AT_END, "The file ends there", UNIT, __LINE__);
-        }
-        file->checkStatus(response, 206);
-        if (response.first < 0 || (response.total < 0 && end_ == UNKNOWN)) {
-            throw SxException(ZqNetLink::WRONG, "The server doesn't say which bytes it sends", UNIT,
-                              __LINE__);
-        }
-        const uint64 fileEnd = response.total < 0 ? end_ : total;
-        const uint64 wanted = first;
-        const uint64 wantedEnd = std::min(end_, fileEnd);
-        file->learn(response);
-        if (static_cast<uint64>(response.first) != wanted ||
-            static_cast<uint64>(response.last) + 1 != wantedEnd) {
-            throw SxException(
-                ZqNetLink::WRONG,
-                "The server was asked for bytes " + rangeText(wanted, wantedEnd) + " and sends " +
-                    rangeText(static_cast<uint64>(response.first), static_cast<uint64>(response.last) + 1),
-                UNIT, __LINE__);
-        }
-        if (response.length >= 0 && static_cast<uint64>(response.length) != wantedEnd - wanted) {
-            throw SxException(ZqNetLink::WRONG,
-                              "The server announces " + SxString(response.length) + " bytes for bytes " +
-                                  rangeText(wanted, wantedEnd),
-                              UNIT, __LINE__);
-        }
-        answer_->end.store(static_cast<int64>(wantedEnd));
-    };
     return request;
 }
 
 void ZqRangeReader::begin() {
     if (transfer) return;
-    answer = SxPtr<Answer>::create();
-    setTransfer(SxPtr<ZqTransfer>::create(makeRequest()));
+    ZqTransfer::Request request = makeRequest();
+    answer = SxPtr<ZqRangeAnswer>::create(facts, pos, end, request.url, isVouched);
+    request.check = [answer_ = answer](const ZqTransfer::Response& response) { answer_->check(response); };
+    request.part = answer->getPart();
+    isFresh = true;
+    setTransfer(SxPtr<ZqTransfer>::create(std::move(request)));
     link->add(transfer);
 }
 
@@ -102,22 +73,56 @@ void ZqRangeReader::become(ZqTransfer::Kind other) {
     if (transfer) transfer->become(kind);
 }
 
-/// False at the end of all.
+/// Bytes of a unit that have come are of no use where the others are of another version.
+void ZqRangeReader::noteVersion() {
+    const int64 now = answer->getVersion();
+    const bool isOther = version >= 0 && now != version;
+    version = now;
+    if (!inUnit || !isOther || pos == unitBegin) return;
+    pos = unitBegin;
+    throw SxException(MOVED, "The file goes on in another version", UNIT, __LINE__);
+}
+
+/// Where a request ends ahead of all, the piece may be empty. False at the end of all.
 bool ZqRangeReader::takePiece(SxArray<char>* piece, const ZqStopTest& stop) {
     ZqTransfer::Next got = ZqTransfer::Next::Waiting;
     while (got == ZqTransfer::Next::Waiting) {
         link->checkStop(stop);
         got = transfer->next(piece);
     }
-    end = static_cast<uint64>(answer->end.load());
-    const uint64 n = got == ZqTransfer::Next::Taken ? static_cast<uint64>(piece->getSize()) : 0;
-    if (n > end - pos)
-        throw SxException(ZqNetLink::WRONG, "The server sends more than it was asked for", UNIT, __LINE__);
-    pos += n;
-    if (got == ZqTransfer::Next::Taken) return true;
+    if (isFresh) noteVersion();
+    isFresh = isVouched = false;
+    end = answer->getWantedEnd();
+    if (got == ZqTransfer::Next::Taken) {
+        pos += static_cast<uint64>(piece->getSize());
+        return true;
+    }
     setTransfer(nullptr);
-    if (pos < end) throw SxException(ZqNetLink::BROKEN, "the answer ended early", UNIT, __LINE__);
-    return false;
+    const uint64 takenEnd = answer->getTakenEnd();
+    if (takenEnd == UNKNOWN) end = pos;
+    if (takenEnd != UNKNOWN && pos < takenEnd) {
+        throw SxException(ZqNetLink::BROKEN, "the answer ended early", UNIT, __LINE__);
+    }
+    piece->removeAll();
+    return pos < end;
+}
+
+/// Returns where the bytes may be asked for again.
+void ZqRangeReader::recover(const SxException& e, const SxString& asked, const ZqStopTest& stop) {
+    if (e.hasTag(MOVED)) throw SxException(e);
+    const bool isSilent = e.hasTag(ZqNetLink::UNREACHABLE) || e.hasTag(ZqNetLink::BROKEN);
+    // The first address may lead elsewhere by now.
+    if (isSilent) facts->leave(asked);
+    if (!e.hasTag(ZqFileFacts::DOUBTFUL)) {
+        retry.failed(e, stop);
+        return;
+    }
+    try {
+        facts->settle(stop);
+        isVouched = true;
+    } catch (const SxException& unsettled) {
+        retry.failed(unsettled, stop);
+    }
 }
 
 bool ZqRangeReader::next(SxArray<char>* piece, const ZqStopTest& stop) {
@@ -125,49 +130,85 @@ bool ZqRangeReader::next(SxArray<char>* piece, const ZqStopTest& stop) {
         link->checkStop(stop);
         // A transfer that has brought its last byte still tells whether it ended well.
         if (pos >= end && !transfer) return false;
+        SxString asked;
         try {
             begin();
+            asked = transfer->getRequest().url;
             const bool got = takePiece(piece, stop);
             retry.progress();
-            if (got) return true;
+            if (!got) return false;
+            if (piece->getSize() > 0) return true;
         } catch (const SxException& e) {
             abandon();
-            if (e.hasTag(AT_END)) {
+            if (e.hasTag(ZqRangeAnswer::AT_END)) {
                 end = pos;
                 return false;
             }
-            if (pos >= end) return false;
-            retry.failed(e, stop);
+            if (pos >= end && !e.hasTag(ZqNetLink::WRONG)) return false;
+            recover(e, asked, stop);
         }
     }
 }
 
+/// Runs `take` for bytes that must be of one version, from the first on again where they were not.
+template<class Take>
+void ZqRangeReader::asUnit(Take take) {
+    unitBegin = pos - static_cast<uint64>(rest.getSize() - nGiven);
+    inUnit = true;
+    for (bool isDone = false; !isDone;) {
+        try {
+            take();
+            isDone = true;
+        } catch (const SxException& e) {
+            if (e.hasTag(MOVED)) continue;
+            inUnit = false;
+            throw;
+        }
+    }
+    inUnit = false;
+}
+
 uint64 ZqRangeReader::read(char* buffer, uint64 size, const ZqStopTest& stop) {
     uint64 n = 0;
-    while (n < size) {
-        if (nGiven == rest.getSize()) {
-            rest.removeAll();
-            nGiven = 0;
-            if (!next(&rest, stop)) break;
+    asUnit([&] {
+        n = 0;
+        while (n < size) {
+            if (nGiven == rest.getSize()) {
+                rest.removeAll();
+                nGiven = 0;
+                if (!next(&rest, stop)) break;
+            }
+            const uint64 nNext = std::min(size - n, static_cast<uint64>(rest.getSize() - nGiven));
+            std::memcpy(buffer + n, rest.data() + nGiven, nNext);
+            nGiven += static_cast<int64>(nNext);
+            n += nNext;
         }
-        const uint64 nNext = std::min(size - n, static_cast<uint64>(rest.getSize() - nGiven));
-        std::memcpy(buffer + n, rest.data() + nGiven, nNext);
-        nGiven += static_cast<int64>(nNext);
-        n += nNext;
-    }
+    });
     return n;
 }
 
 uint64 ZqRangeReader::readAll(char* buffer, uint64 size, const ZqStopTest& stop) {
     uint64 n = 0;
-    SxArray<char> piece;
-    while (next(&piece, stop)) {
-        const auto nPiece = static_cast<uint64>(piece.getSize());
-        if (nPiece > size - n)
-            throw SxException(ZqNetLink::WRONG, "The server sends more than it was asked for", UNIT,
-                              __LINE__);
-        std::memcpy(buffer + n, piece.data(), nPiece);
-        n += nPiece;
-    }
+    takeAll([&] { n = 0; },
+            [&](const SxArray<char>& piece) {
+                const auto nPiece = static_cast<uint64>(piece.getSize());
+                if (nPiece > size - n) {
+                    throw SxException(ZqNetLink::WRONG, "The server sends more than it was asked for", UNIT,
+                                      __LINE__);
+                }
+                std::memcpy(buffer + n, piece.data(), nPiece);
+                n += nPiece;
+            },
+            stop);
     return n;
+}
+
+void ZqRangeReader::takeAll(const std::function<void()>& atBegin,
+                            const std::function<void(const SxArray<char>&)>& take, const ZqStopTest& stop) {
+    SxArray<char> piece;
+    asUnit([&] {
+        atBegin();
+        while (next(&piece, stop))
+            take(piece);
+    });
 }

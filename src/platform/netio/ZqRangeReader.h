@@ -1,11 +1,12 @@
 #pragma once
 
 #include "ZqNetRetry.h"
+#include "ZqRangeAnswer.h"
 #include "ZqRemoteFile.h"
 #include "ZqTransfer.h"
 
 /// Reads bytes of a remote file in order, over as many requests as it takes: each goes on where the one
-/// before stopped. For one thread.
+/// before stopped, also on another mirror of the file. For one thread.
 class ZqRangeReader {
 public:
     /// Bytes `first` to `end` - 1; an `end` of ZqRemoteFile::UNKNOWN means the file's end.
@@ -26,10 +27,15 @@ public:
     void relax() { become(ZqTransfer::Kind::Ahead); }
     /// The next bytes; false at the end. Raises what can't be mended.
     bool next(SxArray<char>* piece, const ZqStopTest& stop);
-    /// The next `size` bytes into `buffer`, fewer at the end; gives how many.
+    /// The next `size` bytes into `buffer`, fewer at the end; gives how many. All are of one version: where a
+    /// mirror of another one goes on, they begin anew there.
     uint64 read(char* buffer, uint64 size, const ZqStopTest& stop);
     /// All that is left, up to `size` bytes, into `buffer`; gives how many.
     uint64 readAll(char* buffer, uint64 size, const ZqStopTest& stop);
+    /// All that is left, as one like those of read(): `take` gets it, behind `atBegin`, which may be called
+    /// again, and then all begins anew.
+    void takeAll(const std::function<void()>& atBegin, const std::function<void(const SxArray<char>&)>& take,
+                 const ZqStopTest& stop);
     /// Offset of the byte that comes next from the server.
     uint64 getPos() const noexcept { return pos; }
 
@@ -38,6 +44,10 @@ private:
     ZqTransfer::Request makeRequest() const;
     bool takePiece(SxArray<char>* piece, const ZqStopTest& stop);
     void abandon();
+    void noteVersion();
+    void recover(const SxException& e, const SxString& asked, const ZqStopTest& stop);
+    template<class Take>
+    void asUnit(Take take);
     void setTransfer(const SxPtr<ZqTransfer>& next);
 
     const SxPtr<ZqNetLink> link;
@@ -50,10 +60,11 @@ private:
     SxArray<char> rest; ///< a piece of which read() has given the first `nGiven` bytes
     int64 nGiven = 0;
     SxPtr<ZqTransfer> transfer;
-    /// What the network thread learns of the transfer under way.
-    struct Answer {
-        std::atomic<int64> end{-1};
-    };
-    SxPtr<Answer> answer;
+    SxPtr<ZqRangeAnswer> answer; ///< to `transfer`
+    bool isFresh = false;        ///< nothing of it was taken yet
+    bool isVouched = false;      ///< the file was found to be the same since the last answer
+    bool inUnit = false;         ///< the bytes from `unitBegin` on must be of one version
+    uint64 unitBegin = 0;
+    int64 version = -1; ///< of the last answer
     ZqNetRetry retry;
 };

@@ -47,59 +47,37 @@ void ZqRemoteFile::finish(ZqRangeReader* reader, uint64 n, char* buffer, const Z
     }
 }
 
-SxArray<char> ZqRemoteFile::getOnce(int64 maxSize, const ZqStopTest& stop) {
-    const ZqFileFacts::Address address = facts->getAddress();
-    ZqTransfer::Request request;
-    request.url = address.url;
-    request.headers = address.headers;
-    request.maxBuffered = std::numeric_limits<int64>::max();
-    request.check = [file = facts, maxSize](const ZqTransfer::Response& response) {
-        file->checkStatus(response, 200);
-        ZqTransfer::Response whole = response;
-        whole.total = response.length;
-        if (response.length > maxSize) {
-            throw SxException(ZqNetLink::WRONG,
-                              "The file has " + SxString(response.length) + " bytes, and no more than " +
-                                  SxString(maxSize) + " were expected",
-                              UNIT, __LINE__);
-        }
-        file->learn(whole);
-    };
-    const auto transfer = SxPtr<ZqTransfer>::create(std::move(request));
-    link->add(transfer);
-    SxArray<char> bytes, piece;
-    try {
-        for (;;) {
-            link->checkStop(stop);
-            const ZqTransfer::Next got = transfer->next(&piece);
-            if (got == ZqTransfer::Next::Ended) return bytes;
-            if (got == ZqTransfer::Next::Waiting) continue;
-            const int64 old = bytes.getSize();
-            if (piece.getSize() > maxSize - old) {
-                throw SxException(ZqNetLink::WRONG, "The file has more than " + SxString(maxSize) + " bytes",
-                                  UNIT, __LINE__);
-            }
-            bytes.resize(old + piece.getSize(), true);
-            std::memcpy(bytes.data() + old, piece.data(), static_cast<size_t>(piece.getSize()));
-        }
-    } catch (const SxException&) {
-        link->drop(transfer);
-        throw;
-    }
-}
-
 SxArray<char> ZqRemoteFile::get(int64 maxSize, const ZqStopTest& stop) {
+    ZqRangeReader reader(*this, 0, UNKNOWN, ZqTransfer::Kind::Small);
+    SxArray<char> bytes;
     try {
-        ZqNetRetry retry(link, link->getSettings().nRangeTries);
-        for (;;) {
-            try {
-                return getOnce(maxSize, stop);
-            } catch (const SxException& e) {
-                retry.failed(e, stop);
-            }
-        }
+        reader.takeAll(
+            [&] { bytes.removeAll(); },
+            [&](const SxArray<char>& piece) {
+                const int64 old = bytes.getSize();
+                requireNoMore(static_cast<uint64>(old + piece.getSize()), static_cast<uint64>(maxSize));
+                bytes.resize(old + piece.getSize(), true);
+                std::memcpy(bytes.data() + old, piece.data(), static_cast<size_t>(piece.getSize()));
+            },
+            stop);
     } catch (const SxException& e) {
         throw failure(e, "");
+    }
+    return bytes;
+}
+
+/// Raises where the file is larger, as its server says or as `n` bytes of it tell.
+void ZqRemoteFile::requireNoMore(uint64 n, uint64 maxSize) const {
+    const uint64 size = getSize();
+    if (size != UNKNOWN && size > maxSize) {
+        throw SxException(ZqNetLink::WRONG,
+                          "The file has " + SxString(size) + " bytes, and no more than " + SxString(maxSize) +
+                              " were expected",
+                          UNIT, __LINE__);
+    }
+    if (n > maxSize) {
+        throw SxException(ZqNetLink::WRONG, "The file has more than " + SxString(maxSize) + " bytes", UNIT,
+                          __LINE__);
     }
 }
 
@@ -118,19 +96,21 @@ bool ZqRemoteFile::stream(uint64 offset, const Sink& sink, const ZqStopTest& sto
 
 void ZqRemoteFile::fetchTo(const SxString& path, const ZqStopTest& stop, uint64 maxSize) {
     SxFileIO::writeAtomic(path, [&](SxFileIO* target) {
-        stream(
-            0,
-            [&](const char* bytes, int64 n) {
-                // A server need not say ahead how much there is.
-                if (static_cast<uint64>(target->getOffset() + n) > maxSize) {
-                    const SxException e(ZqNetLink::WRONG,
-                                        "The file has more than " + SxString(maxSize) + " bytes", UNIT,
-                                        __LINE__);
-                    throw failure(e, "");
-                }
-                target->writeBuffer(bytes, n);
-                return true;
-            },
-            stop);
+        ZqRangeReader reader(*this, 0, UNKNOWN, ZqTransfer::Kind::Ordered);
+        try {
+            reader.takeAll(
+                [&] {
+                    target->truncate(0);
+                    target->seek(0);
+                },
+                [&](const SxArray<char>& piece) {
+                    // A server need not say ahead how much there is.
+                    requireNoMore(static_cast<uint64>(target->getOffset() + piece.getSize()), maxSize);
+                    target->writeBuffer(piece.data(), piece.getSize());
+                },
+                stop);
+        } catch (const SxException& e) {
+            throw failure(e, "");
+        }
     });
 }

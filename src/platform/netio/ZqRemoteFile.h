@@ -6,9 +6,9 @@
 
 class ZqRangeReader;
 
-/// One file on an HTTP server (RFC 9110). Size and validator (ETag, else Last-Modified) are learned from the
-/// first response; whatever differs later is an error, never data. Redirects are followed once, and later
-/// requests go where they led. All operations are safe from any thread.
+/// One file on an HTTP server (RFC 9110). Size and validators are learned from the first response; whatever
+/// differs later is an error, never data, see ZqFileFacts. Redirects are followed once, and later requests go
+/// where they led, as long as that answers. All operations are safe from any thread.
 class ZqRemoteFile {
 public:
     static constexpr uint64 UNKNOWN = ZqFileFacts::UNKNOWN;
@@ -49,7 +49,7 @@ public:
     const SxPtr<ZqFileFacts>& getFacts() const noexcept { return facts; }
 
 private:
-    SxArray<char> getOnce(int64 maxSize, const ZqStopTest& stop);
+    void requireNoMore(uint64 n, uint64 maxSize) const;
     SxException failure(const SxException& e, const SxString& what) const;
 
     const SxPtr<ZqNetLink> link;

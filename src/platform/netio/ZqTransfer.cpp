@@ -1,12 +1,16 @@
 #include "ZqTransfer.h"
 
+#include "ZqNetLink.h"
+
 #include <algorithm>
 #include <charconv>
 #include <chrono>
 #include <cstring>
 #include <curl/curl.h>
+#include <limits>
 
 namespace {
+constexpr const char* UNIT = "src/platform/netio/ZqTransfer";
 constexpr int64 PIECE = 256 << 10;
 /// As good as never.
 constexpr int64 MAX_RETRY_AFTER_S = 365 * 86'400;
@@ -29,22 +33,28 @@ int64 takeNumber(std::string_view* text) {
     return value;
 }
 
-/// "bytes 0-99/1000", "bytes */1000"; whatever else leaves the numbers unknown.
+/// "bytes 0-99/1000", "bytes */1000", "bytes 0-99/*"; whatever else leaves the numbers unknown. The unit may
+/// be in any case, and blanks or a "=" stand between.
 void parseContentRange(std::string_view text, ZqTransfer::Response* response) {
-    if (!text.starts_with("bytes")) return;
-    text = trim(text.substr(5));
+    constexpr std::string_view UNIT_NAME = "bytes";
+    const SxString unit = SxString(text.substr(0, UNIT_NAME.size())).changeCase(false);
+    if (!(unit == "bytes")) return;
+    text = trim(text.substr(UNIT_NAME.size()));
+    if (text.starts_with('=')) text = trim(text.substr(1));
     int64 first = -1, last = -1;
     if (text.starts_with('*')) {
         text.remove_prefix(1);
     } else {
         first = takeNumber(&text);
+        text = trim(text);
         if (first < 0 || !text.starts_with('-')) return;
-        text.remove_prefix(1);
+        text = trim(text.substr(1));
         last = takeNumber(&text);
-        if (last < first) return;
+        if (last < first || last == std::numeric_limits<int64>::max()) return;
     }
+    text = trim(text);
     if (!text.starts_with('/')) return;
-    text.remove_prefix(1);
+    text = trim(text.substr(1));
     response->total = takeNumber(&text);
     response->first = first;
     response->last = last;
@@ -75,6 +85,10 @@ void ZqTransfer::Response::takeHeader(std::string_view line) {
         retryAfter = SxString(value);
     } else if (name == "date") {
         date = SxString(value);
+    } else if (name == "x-squid-error" || name == "proxy-authenticate") {
+        isOfProxy = true;
+    } else if (name == "proxy-status") {
+        isOfProxy = value.find("error=") != std::string_view::npos;
     }
 }
 
@@ -124,7 +138,28 @@ bool ZqTransfer::hasRoom() const {
     return nBuffered < request.maxBuffered;
 }
 
-void ZqTransfer::append(const char* bytes, size_t n) {
+bool ZqTransfer::append(const char* bytes, size_t n) {
+    if (!request.part) {
+        store(bytes, n);
+        return true;
+    }
+    Part& part = *request.part;
+    const size_t nSkipped = std::min(n, static_cast<size_t>(part.nSkip));
+    part.nSkip -= static_cast<int64>(nSkipped);
+    n -= nSkipped;
+    const size_t nTaken = std::min(n, static_cast<size_t>(part.nTake));
+    part.nTake -= static_cast<int64>(nTaken);
+    if (nTaken > 0) store(bytes + nSkipped, nTaken);
+    if (nTaken == n) return true;
+    if (part.isMore) {
+        finish();
+    } else {
+        fail(SxException(ZqNetLink::WRONG, "The server sends more than it was asked for", UNIT, __LINE__));
+    }
+    return false;
+}
+
+void ZqTransfer::store(const char* bytes, size_t n) {
     const auto nNew = static_cast<int64>(n);
     {
         SxMutexBlock lock(&mutex);

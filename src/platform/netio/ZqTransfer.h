@@ -3,6 +3,7 @@
 #include "SxArray.h"
 #include "SxException.h"
 #include "SxMutex.h"
+#include "SxPtr.h"
 
 #include <atomic>
 #include <condition_variable>
@@ -28,6 +29,7 @@ public:
         SxString eTag, lastModified, encoding;
         int64 first = -1, last = -1, total = -1; ///< Content-Range, inclusive
         int64 length = -1;                       ///< Content-Length
+        bool isOfProxy = false;                  ///< a proxy says that the answer is its own
         SxString retryAfter, date;               ///< as they stand there
 
         /// One line of the response's head. A status line begins a response anew, as behind a redirect.
@@ -35,10 +37,16 @@ public:
         /// Milliseconds that the server asks to wait (Retry-After), by its own clock where it tells it, else
         /// by `systemMs`, the time of the system; -1 where it doesn't ask.
         int64 retryAfterMs(int64 systemMs) const;
-        const SxString& validator() const { return eTag.isEmpty() ? lastModified : eTag; }
     };
     /// Called on the network thread ahead of the first body byte; raises where the response is of no use.
     using Check = std::function<void(const Response&)>;
+
+    /// What the consumer gets of a body, as the check says: `nTake` bytes behind the first `nSkip`. It is cut
+    /// off behind them with `isMore`, and wrong without. Belongs to the network thread.
+    struct Part {
+        int64 nSkip = 0, nTake = 0;
+        bool isMore = false;
+    };
 
     struct Request {
         Kind kind = Kind::Small;
@@ -48,6 +56,7 @@ public:
         int64 maxBuffered = 0;
         bool fresh = false; ///< over a connection of its own, not one that has brought something wrong
         Check check;
+        SxPtr<Part> part; ///< null for all of the body
     };
 
     explicit ZqTransfer(Request request_) : request(std::move(request_)), kind(request.kind) {}
@@ -71,11 +80,14 @@ public:
     void setWake(std::function<void()> wake_);
     void setBegun() noexcept { begun.store(true); }
     bool hasRoom() const;
-    void append(const char* bytes, size_t n);
+    /// False where that was more than is wanted: it has ended then.
+    bool append(const char* bytes, size_t n);
     void finish();
     void fail(const SxException& e);
 
 private:
+    void store(const char* bytes, size_t n);
+
     const Request request;
     std::atomic<Kind> kind;
     std::atomic<bool> begun{false};
