@@ -7,6 +7,7 @@
 #include "ZqImageFiles.h"
 #include "ZqLog.h"
 #include "ZqPackedMap.h"
+#include "ZqUrlText.h"
 
 namespace {
 
@@ -94,7 +95,7 @@ void ZqImageMapFetch::download(const Form& form) const {
     const auto sink = [&](const char* bytes, int64 n) {
         size += static_cast<uint64>(n);
         if (size > form.maxSize) {
-            throw SxException("'" + remote.getUrl().makeVisible() + "' has more than " +
+            throw SxException("'" + ZqUrlText::of(remote.getUrl()) + "' has more than " +
                                   SxString(form.maxSize) + " bytes",
                               UNIT, __LINE__);
         }

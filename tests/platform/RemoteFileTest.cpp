@@ -368,6 +368,74 @@ TEST(RemoteFileMirrors, aRangeIsOfOneOfThem) {
     }
 }
 
+// The proxy of a process is told by its environment.
+TEST(RemoteFileProxy, isToldAsWhoRefuses) {
+    const auto answered = [](const std::string& status, const std::string& more = "") {
+        return "HTTP/1.1 " + status + "\r\nConnection: close\r\nContent-Length: 0\r\n" + more + "\r\n";
+    };
+    const struct {
+        const char *variable, *url;
+        std::string response;
+        const char *tag, *text;
+    } cases[] = {
+        {"https_proxy", "https://example.test/f", answered("403 Forbidden"), ZqNetLink::REFUSED,
+         "the proxy 127.0.0.1:PORT answers 403"},
+        {"https_proxy", "https://example.test/f", answered("407 Authenticate"), ZqNetLink::REFUSED,
+         "the proxy 127.0.0.1:PORT answers 407"},
+        {"https_proxy", "https://example.test/f", answered("503 Unavailable"), ZqNetLink::UNREACHABLE,
+         "the proxy 127.0.0.1:PORT answers 503"},
+        {"http_proxy", "http://example.test/f", answered("407 Authenticate"), ZqNetLink::REFUSED,
+         "the proxy answers 407"},
+        {"http_proxy", "http://example.test/f",
+         answered("403 Forbidden", "X-Squid-Error: ERR_ACCESS_DENIED 0\r\n"), ZqNetLink::REFUSED,
+         "the proxy answers 403"},
+        {"http_proxy", "http://example.test/f",
+         answered("502 Bad", "Proxy-Status: cache; error=connection_refused\r\n"), ZqNetLink::UNREACHABLE,
+         "the proxy answers 502"},
+        {"http_proxy", "http://example.test/f", answered("403 Forbidden"), ZqNetLink::REFUSED,
+         "the server answers 403"},
+    };
+    for (const auto& each : cases) {
+        const ScriptedServer proxy([&](const std::string&) { return each.response; });
+        const std::string address = proxy.url();
+        ::setenv(each.variable, address.c_str(), 1);
+        const auto file = FilePtr::create(SxPtr<ZqNetLink>::create(quickSettings()), SxString(each.url));
+        const SxException e = failureOf([&] { file->get(10); });
+        ::unsetenv(each.variable);
+        std::string text = each.text;
+        const size_t at = text.find("PORT"), colon = address.rfind(':') + 1;
+        if (at != std::string::npos) text.replace(at, 4, address.substr(colon, address.size() - 1 - colon));
+        EXPECT_TRUE(e.hasTag(each.tag)) << e.what();
+        EXPECT_THAT(std::string(e.what()), HasSubstr(text));
+    }
+}
+
+TEST(RemoteFileSecrets, areSentAndNotTold) {
+    const std::string data(100, 'x');
+    std::atomic<bool> isGone{false};
+    const ScriptedServer server([&](const std::string& request) {
+        if (isGone) return std::string("HTTP/1.1 404 None\r\nConnection: close\r\nContent-Length: 0\r\n\r\n");
+        if (request.starts_with("GET /near")) {
+            return "HTTP/1.1 302 Found\r\nConnection: close\r\nLocation: " + server.url("far?token=hidden") +
+                   "\r\nContent-Length: 0\r\n\r\n";
+        }
+        return ScriptedServer::ranged(request, data);
+    });
+    std::string url = server.url("near?token=hidden");
+    url.insert(url.find("127"), "me:hidden@");
+    const auto file = FilePtr::create(SxPtr<ZqNetLink>::create(quickSettings()), SxString(url));
+    char buffer[10];
+    for (uint64 i = 0; i < 3; ++i)
+        file->read(i * 10, 10, buffer);
+    const std::vector<std::string> requests = server.requests();
+    EXPECT_EQ(requests.size(), 4u) << "the redirect is followed once";
+    for (const std::string& request : requests)
+        EXPECT_THAT(request, AllOf(HasSubstr("Authorization: Basic"), HasSubstr("token=hidden")));
+    isGone = true;
+    const std::string text = failureOf([&] { file->read(0, 10, buffer); }).what();
+    EXPECT_THAT(text, AllOf(HasSubstr("/near?...'"), HasSubstr("answers 404"), Not(HasSubstr("hidden"))));
+}
+
 TEST(RemoteFileRedirect, isForgottenWhereItsTargetIsGone) {
     const std::string data(1000, 'x');
     auto target = std::make_unique<ScriptedServer>(

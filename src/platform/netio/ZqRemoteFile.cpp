@@ -2,6 +2,7 @@
 
 #include "SxFileIO.h"
 #include "ZqRangeReader.h"
+#include "ZqUrlText.h"
 
 #include <algorithm>
 #include <cstring>
@@ -28,7 +29,7 @@ SxString ZqRemoteFile::urlIn(const SxString& folderUrl, const SxString& name) {
 }
 
 SxException ZqRemoteFile::failure(const SxException& e, const SxString& what) const {
-    return SxException(e, "Cannot fetch " + what + "'" + getUrl().makeVisible() + "'", UNIT, __LINE__);
+    return SxException(e, "Cannot fetch " + what + "'" + ZqUrlText::of(getUrl()) + "'", UNIT, __LINE__);
 }
 
 void ZqRemoteFile::read(uint64 offset, uint64 n, char* buffer, const ZqStopTest& stop) {

@@ -6,6 +6,7 @@
 #include "ZqImageTableLoader.h"
 #include "ZqLog.h"
 #include "ZqPackedForm.h"
+#include "ZqUrlText.h"
 
 #include <chrono>
 #include <cstring>
@@ -82,6 +83,11 @@ void ZqRemoteImage::setHeaders(const SxArray<SxString>& headers) {
     packed->setHeaders(headers);
 }
 
+void ZqRemoteImage::setSameTest(const ZqFileFacts::SameTest& test) {
+    plain->getFacts()->setSameTest(test);
+    packed->getFacts()->setSameTest(test);
+}
+
 ZqRemoteImage::Figures ZqRemoteImage::getFigures() const {
     SxMutexBlock lock(&mutex);
     Figures now = figures;
@@ -95,8 +101,8 @@ uint64 ZqRemoteImage::stretchSize(uint64 stretchIdx) const {
 
 void ZqRemoteImage::checkRange(uint64 offset, uint64 size) const {
     if (offset <= sizeZqf && size <= sizeZqf - offset) return;
-    throw SxException("Bytes " + SxString(offset) + "-" + SxString(offset + size - 1) + " of '" + getUrl() +
-                          "' lie behind its end at " + SxString(sizeZqf),
+    throw SxException("Bytes " + SxString(offset) + "-" + SxString(offset + size - 1) + " of '" +
+                          ZqUrlText::of(getUrl()) + "' lie behind its end at " + SxString(sizeZqf),
                       UNIT, __LINE__);
 }
 
@@ -141,7 +147,7 @@ void ZqRemoteImage::leavePacked(const SxException& why) {
         state = Packed::Aside;
     }
     changed.notify_all();
-    zqLogMsg("NET", "'" + packed->getUrl().makeVisible() +
+    zqLogMsg("NET", "'" + ZqUrlText::of(packed->getUrl()) +
                         "' is left aside for now: " + why.toString(SxException::ShowMessage, ": "));
 }
 
@@ -180,7 +186,7 @@ bool ZqRemoteImage::isOfThisImage(const char* bytes, int64 n) const {
 
 void ZqRemoteImage::refusePacked() {
     zqLogMsg("NET",
-             "'" + packed->getUrl().makeVisible() + "' was packed of another img.zqf; it is left aside");
+             "'" + ZqUrlText::of(packed->getUrl()) + "' was packed of another img.zqf; it is left aside");
     setTable(nullptr, Packed::Absent);
 }
 
@@ -370,7 +376,8 @@ ZqRemoteImage::Bytes ZqRemoteImage::takeNext(Fetch* fetch, const ZqStopTest& sto
         if (n != size) throw SxException("It ends before", UNIT, __LINE__);
     } catch (const SxException& e) {
         const SxException failure(
-            e, "Cannot fetch stretch " + SxString(idx) + " from '" + url.makeVisible() + "'", UNIT, __LINE__);
+            e, "Cannot fetch stretch " + SxString(idx) + " from '" + ZqUrlText::of(url) + "'", UNIT,
+            __LINE__);
         if (!fetch->table || !leavePackedFor(failure)) throw failure;
         begin(fetch, ZqTransfer::Kind::OnDemand);
         return takeNext(fetch, stop);

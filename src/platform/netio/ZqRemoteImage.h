@@ -57,6 +57,10 @@ public:
     uint64 getSize() const noexcept { return sizeZqf; }
     Figures getFigures() const;
     void setHeaders(const SxArray<SxString>& headers);
+    /// Tells whether the image on the server is the one that was begun with, where a form of it comes with
+    /// another version: with this a failure has the tag CHANGED only where the test has said so, and mirrors
+    /// of the image go on for each other. The test is made by whoever needs the bytes.
+    void setSameTest(const ZqFileFacts::SameTest& test);
 
     /// Starts to fetch the stretches of these ranges (bytes of `img.zqf`), all at once, and returns; read()
     /// then takes them. Up to GROUP; what was announced before and not taken is dropped. Does nothing for

@@ -3,6 +3,7 @@
 #include "ZqFrameDecoder.h"
 #include "ZqLog.h"
 #include "ZqRemoteImage.h"
+#include "ZqUrlText.h"
 
 #include <chrono>
 
@@ -29,8 +30,8 @@ SxException wrong(const SxString& text, int line) {
 
 SxString ZqRemoteImage::nameOf(uint64 stretchIdx, bool isFrame) const {
     return isFrame
-               ? "Frame " + SxString(stretchIdx) + " of '" + packed->getUrl().makeVisible() + "' is damaged"
-               : "Stretch " + SxString(stretchIdx) + " of '" + plain->getUrl().makeVisible() + "' is wrong";
+               ? "Frame " + SxString(stretchIdx) + " of '" + ZqUrlText::of(packed->getUrl()) + "' is damaged"
+               : "Stretch " + SxString(stretchIdx) + " of '" + ZqUrlText::of(plain->getUrl()) + "' is wrong";
 }
 
 ZqRemoteImage::Bytes ZqRemoteImage::decode(uint64 stretchIdx, const char* frame, uint64 n) const {

@@ -4,6 +4,7 @@
 #include "ZqPackedForm.h"
 #include "ZqRangeReader.h"
 #include "ZqRemoteImage.h"
+#include "ZqUrlText.h"
 
 #include <chrono>
 #include <cstring>
@@ -87,7 +88,8 @@ ZqRemoteImage::StreamRun::StreamRun(ZqRemoteImage* image_, uint64 offset, const 
       pos(offset) {
     SxMutexBlock lock(&image->mutex);
     if (image->streaming) {
-        throw SxException("'" + image->getUrl() + "' is being downloaded already", UNIT, __LINE__);
+        throw SxException("'" + ZqUrlText::of(image->getUrl()) + "' is being downloaded already", UNIT,
+                          __LINE__);
     }
     image->streaming = true;
     image->streamPos = offset;
@@ -156,7 +158,7 @@ bool ZqRemoteImage::StreamRun::runPlain() {
         try {
             if (!reader.next(&piece, stop)) return true;
         } catch (const SxException& e) {
-            throw SxException(e, "Cannot download '" + image->getUrl().makeVisible() + "'", UNIT, __LINE__);
+            throw SxException(e, "Cannot download '" + ZqUrlText::of(image->getUrl()) + "'", UNIT, __LINE__);
         }
         if (!takePlain(piece, &isEnding)) return false;
     }
@@ -306,7 +308,7 @@ bool ZqRemoteImage::StreamRun::fill(ZqRangeReader* reader, SxArray<char>* pendin
     try {
         if (!reader->next(&piece, stop)) return false;
     } catch (const SxException& e) {
-        throw SxException(e, "Cannot download '" + image->packed->getUrl().makeVisible() + "'", UNIT,
+        throw SxException(e, "Cannot download '" + ZqUrlText::of(image->packed->getUrl()) + "'", UNIT,
                           __LINE__);
     }
     const int64 old = pending->getSize();

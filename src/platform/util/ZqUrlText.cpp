@@ -1,0 +1,13 @@
+#include "ZqUrlText.h"
+
+SxString ZqUrlText::of(const SxString& url) {
+    std::string text = url.str();
+    const size_t tail = text.find_first_of("?#");
+    const bool hasQuery = tail != std::string::npos && text[tail] == '?';
+    if (tail != std::string::npos) text.erase(tail);
+    const size_t scheme = text.find("://");
+    const size_t host = scheme == std::string::npos ? 0 : scheme + 3;
+    const size_t at = text.substr(0, text.find('/', host)).rfind('@');
+    if (at != std::string::npos && at >= host) text.erase(host, at + 1 - host);
+    return SxString(text + (hasQuery ? "?..." : "")).makeVisible();
+}
