@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <cstring>
 #include <new>
+#include <utility>
 
 namespace {
 
@@ -34,6 +35,8 @@ constexpr uint64 SAMPLE_MS = 5000;
 /// From one look at the free room to the next, while there is enough, and while there isn't.
 constexpr int64 ROOM_NS = 1'000'000'000;
 constexpr int64 ROOM_LOOK_MS = 100;
+/// From one line of the log to the next, where less than a whole piece is written.
+constexpr int64 LINE_NS = 1'000'000'000;
 constexpr int64 LARGEST_LAG_NS = 20'000'000;
 
 /// Durations come from the clock that no adjustment moves: after a jump of the system's, a pause could last
@@ -57,7 +60,9 @@ void removeIfThere(const SxString& path) {
     if (SxFSAction::exists(path)) SxFSAction::rm_r(path);
 }
 
+/// Of what can be believed.
 uint64 sizeOf(const SxString& path) {
+    ZqSyncedSize(path).cutBack();
     const SxFileInfo file(path);
     return file.exists() ? static_cast<uint64>(file.getSize()) : 0;
 }
@@ -74,7 +79,8 @@ ZqFWriter::ZqFWriter(const SxString& dirPath_, const SxString& fileName_)
       bytesReceived(cursor0),
       bytesAtLastSample(cursor0),
       timeAtLastSample(steady0),
-      avgSpeed(SxPtr<ZqAvg>::create(SAMPLES)) {
+      avgSpeed(SxPtr<ZqAvg>::create(SAMPLES)),
+      sync(pathOf(fileName)) {
     setThreadName("image writer");
     removeIfThere(pathOf(CHUNKS));
     SxFSAction::mkdir_p(pathOf(CHUNKS), 0777);
@@ -212,13 +218,14 @@ bool ZqFWriter::isCompleteImage() const {
 
 void ZqFWriter::main() {
     try {
-        testDisk();
+        if (isPaced) testDisk();
         openLog();
         writeImage();
         log.close();
         removeLeftovers();
     } catch (const SxException& e) {
         ZqJobFailure::report(SxString(PREFIX) + "Cannot write ZqF File: ", dirPath, e, UNIT, __LINE__);
+        sync.finish(getWriteCursor());
     }
 }
 
@@ -266,21 +273,27 @@ void ZqFWriter::openLog() {
 void ZqFWriter::writeImage() {
     const uint64 total = ZqAppParams(dirPath).sizeZqf;
     SxFileIO image(pathOf(fileName), "ab", FILE_MODE);
+    const auto begin = static_cast<uint64>(image.getSize());
+    if (begin < total) sync.begin(begin);
     beginAtEnd(&image, total);
     uint64 fileSize = getWriteCursor(), bytesBehindLast = getBytesAvail();
     while (fileSize < total) {
         const uint64 offset = awaitOffset();
         if (getBufferCursor() >= total) finalize();
         if (offset == NO_OFFSET || !awaitRoom(offset)) break;
-        Pace pace{getBytesPerSecond(), 0, 0};
-        pace.target = targetSpeed(pace.dlSpeed, bytesBehindLast);
-        pace.reached = writePiece(&image, offset, pace.target);
+        stretch.dlSpeed = getBytesPerSecond();
+        stretch.target = targetSpeed(stretch.dlSpeed, bytesBehindLast);
+        writePiece(&image, offset, stretch.target);
         freePiece(offset);
         fileSize = getWriteCursor();
         bytesBehindLast = getBytesAvail();
-        writeLogLine(pace);
+        const bool isDue =
+            stretch.nBytes >= PIECE || SxClock::get().steadyNs() - lineNs >= LINE_NS || fileSize >= total;
+        if (isDue) writeLogLine();
     }
+    if (stretch.nBytes > 0) writeLogLine();
     image.close();
+    sync.finish(fileSize);
     SxMutexBlock lock(&dataMutex);
     completeImage = fileSize >= total;
 }
@@ -306,6 +319,7 @@ void ZqFWriter::beginAtEnd(SxFileIO* image, uint64 total) {
 uint64 ZqFWriter::awaitOffset() {
     uint64 offset = NO_OFFSET;
     const auto ready = [&] {
+        sync.look(getWriteCursor());
         if (offset == NO_OFFSET) offset = popOffset();
         return offset != NO_OFFSET || stopRequested();
     };
@@ -336,6 +350,7 @@ bool ZqFWriter::awaitRoom(uint64 offset) {
     bool fits = hasRoom(size);
     waitingForRoom = !fits;
     const auto ready = [&] {
+        sync.look(getWriteCursor());
         fits = fits || hasRoom(size);
         return fits || stopRequested();
     };
@@ -346,13 +361,13 @@ bool ZqFWriter::awaitRoom(uint64 offset) {
 }
 
 uint64 ZqFWriter::targetSpeed(uint64 dlSpeed, uint64 bytesBehindLast) const {
-    if (finalizeRequested()) return maxWriteSpeed;
+    if (finalizeRequested() || !isPaced) return maxWriteSpeed;
     const uint64 wanted = bytesBehindLast > LARGE_BUFFER ? 2 * dlSpeed : dlSpeed;
     return std::max(std::min(wanted, maxWriteSpeed), MIN_WRITE_SPEED);
 }
 
-/// Gives the speed that was reached, in bytes per second.
-uint64 ZqFWriter::writePiece(SxFileIO* image, uint64 offset, uint64 target) {
+/// Writes at `target` bytes a second, or at once with 0.
+void ZqFWriter::writePiece(SxFileIO* image, uint64 offset, uint64 target) {
     const int64 beginNs = SxClock::get().steadyNs();
     // What the last piece took too long counts for this one: small pieces, whose pauses are as short as the
     // system's sleep is inexact, would fall behind by a sixth.
@@ -366,13 +381,15 @@ uint64 ZqFWriter::writePiece(SxFileIO* image, uint64 offset, uint64 target) {
     image->write(*piece);
     image->flush();
     const auto written = static_cast<uint64>(piece->getSize());
-    dueNs += static_cast<int64>(static_cast<double>(written) * 1e9 / static_cast<double>(target));
-    const int64 pauseMs = (dueNs - SxClock::get().steadyNs()) / 1'000'000;
-    SxWait::pass(pauseMs, [this] { return stopRequested(); });
-    const auto elapsed = static_cast<uint64>((SxClock::get().steadyNs() - beginNs) / 1'000'000);
+    if (target > 0) {
+        dueNs += static_cast<int64>(static_cast<double>(written) * 1e9 / static_cast<double>(target));
+        const int64 pauseMs = (dueNs - SxClock::get().steadyNs()) / 1'000'000;
+        SxWait::pass(pauseMs, [this] { return stopRequested(); });
+    }
+    stretch.nBytes += written;
+    stretch.ns += SxClock::get().steadyNs() - beginNs;
     SxMutexBlock lock(&dataMutex);
     writeCursor += written;
-    return elapsed > 0 ? written * 1000 / elapsed : written * 1000;
 }
 
 void ZqFWriter::freePiece(uint64 offset) {
@@ -396,7 +413,11 @@ void ZqFWriter::freePiece(uint64 offset) {
     }
 }
 
-void ZqFWriter::writeLogLine(const Pace& pace) {
+void ZqFWriter::writeLogLine() {
+    const Stretch done = std::exchange(stretch, {});
+    lineNs = SxClock::get().steadyNs();
+    const auto elapsedMs = static_cast<uint64>(done.ns / 1'000'000);
+    const uint64 reached = done.nBytes * 1000 / std::max<uint64>(elapsedMs, 1);
     uint64 received = 0, buffered = 0, written = 0, available = 0;
     {
         SxMutexBlock lock(&dataMutex);
@@ -408,8 +429,8 @@ void ZqFWriter::writeLogLine(const Pace& pace) {
     log.write(SxString::sprintf("%20s %15lf %15ju %15ju %15ju %15ju %15ju %15ju %15ju %15ju %15ju\n",
                                 ZqSysEnv::getTimestamp().ascii(),
                                 static_cast<double>(steadyMs() - steady0) / 1000.0, uintmax_t{received},
-                                uintmax_t{pace.dlSpeed}, uintmax_t{buffered}, uintmax_t{written},
-                                uintmax_t{available}, uintmax_t{pace.reached}, uintmax_t{pace.target},
+                                uintmax_t{done.dlSpeed}, uintmax_t{buffered}, uintmax_t{written},
+                                uintmax_t{available}, uintmax_t{reached}, uintmax_t{done.target},
                                 uintmax_t{MIN_WRITE_SPEED}, uintmax_t{maxWriteSpeed}));
     log.flush();
 }

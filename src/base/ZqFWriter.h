@@ -7,6 +7,7 @@
 #include "SxSystemThread.h"
 #include "ZqAvg.h"
 #include "ZqDiskReserve.h"
+#include "ZqFileSync.h"
 
 #include <atomic>
 #include <map>
@@ -14,8 +15,9 @@
 /// Takes the bytes of an image from download threads as chunks, in any order, and appends them to the image
 /// file strictly by their offsets, on a thread of its own, at a pace that follows the download. It is the one
 /// writer of a growing `img.zqf`. A failure ends the thread with the event APP_ERROR; the file keeps what it
-/// has, and a new object goes on at its end. For one run. All operations are safe from any thread, but for
-/// those of SxSystemThread. Offsets and sizes are in bytes of the image file.
+/// has, and a new object goes on at its end: of what was written before the machine's last start, behind what
+/// is sure to have reached the disk (ZqSyncedSize). For one run. All operations are safe from any thread, but
+/// for those of SxSystemThread. Offsets and sizes are in bytes of the image file.
 class ZqFWriter : public SxSystemThread {
 public:
     /// What popOffset() gives while the next chunk isn't there.
@@ -29,6 +31,11 @@ public:
     /// Leaves that much of the disk free: where the next piece would go beyond it, the thread waits for room.
     /// To be called ahead of the start; without it nothing is left.
     void setReserve(const ZqDiskReserve& reserve_) { reserve = reserve_; }
+
+    /// Writes what comes at once, without a pace and without the test of the disk that bounds one. For a
+    /// client that bounds by itself what it has pushed and isn't written yet, see getBytesHeld(). To be
+    /// called ahead of the start.
+    void setUnpaced() { isPaced = false; }
 
     /// Takes a copy of `data`, cut into pieces of 2,000,000 bytes. A client pushes on a grid: where a piece
     /// ends the next one begins. What ends at or ahead of the write cursor isn't kept. With setThrottle(true)
@@ -75,9 +82,11 @@ protected:
 private:
     using Piece = SxPtr<SxArray<char>>;
 
-    /// What a chunk was written with, for its line in the log.
-    struct Pace {
-        uint64 dlSpeed, target, reached;
+    /// What was written since the last line of the log.
+    struct Stretch {
+        uint64 nBytes = 0;
+        int64 ns = 0; ///< that it took
+        uint64 dlSpeed = 0, target = 0;
     };
 
     SxString pathOf(const SxString& name) const { return dirPath + name; }
@@ -93,9 +102,9 @@ private:
     bool hasRoom(uint64 nBytes);
     bool awaitRoom(uint64 offset);
     uint64 targetSpeed(uint64 dlSpeed, uint64 bytesBehindLast) const;
-    uint64 writePiece(SxFileIO* image, uint64 offset, uint64 target);
+    void writePiece(SxFileIO* image, uint64 offset, uint64 target);
     void freePiece(uint64 offset);
-    void writeLogLine(const Pace& pace);
+    void writeLogLine();
     void removeLeftovers();
 
     const SxString dirPath, fileName;
@@ -122,9 +131,14 @@ private:
 
     // The writer's thread alone.
     ZqDiskReserve reserve;
+    ZqFileSync sync;
     uint64 room = 0;  ///< bytes that may be written, by the last look
     int64 roomNs = 0; ///< when that was
-    uint64 testBytes = 0, testMs = 0, maxWriteSpeed = 0;
-    int64 dueNs = 0; ///< when the last piece has taken the time that its pace gives it
+    bool isPaced = true;
+    uint64 testBytes = 0, testMs = 0;
+    uint64 maxWriteSpeed = 0; ///< 0 for none
+    Stretch stretch;
+    int64 lineNs = 0; ///< when the last line was written
+    int64 dueNs = 0;  ///< when the last piece has taken the time that its pace gives it
     SxFileIO log;
 };

@@ -14,6 +14,7 @@
 #include "ZqLog.h"
 #include "ZqOrderedDownload.h"
 #include "ZqStreamRecord.h"
+#include "ZqSyncedSize.h"
 #include "ZqSysEnv.h"
 #include "zqnetio.h"
 
@@ -121,6 +122,8 @@ void ZqImageFeed::open(const ZqStopTest& stop) {
     growth = ZqImageLock::take(settings.image, ZqImageLock::Growth, ZqImageLock::Exclusive, settings.job);
     ZqStreamRecord record;
     record.read(settings.image);
+    // Nothing has looked at the size yet, and a drive of it began with the machine.
+    ZqSyncedSize(filePath(ZqImageFiles::ZQF)).cutBack();
     url = settings.url.isEmpty() ? record.url : settings.url;
     const bool hasRecords = ZqImageRecords::holdsPart(settings.image);
     shape = ZqImageLock::take(settings.image, ZqImageLock::Shape,
@@ -180,8 +183,8 @@ bool ZqImageFeed::isKnownAsRight(const ZqStreamRecord& record) const {
 void ZqImageFeed::makeWriter() {
     const auto fresh = SxPtr<ZqFWriter>::create(filePath(""), ZqImageFiles::ZQF);
     fresh->setReserve(reserve);
-    // A start must not wait for the pace of a download that is slower than the disk.
-    fresh->finalize();
+    // What the download is ahead of the writer is bounded, and a start must wait for no pace.
+    fresh->setUnpaced();
     fresh->start();
     const SxMutexBlock block(&mutex);
     writer = fresh;
@@ -416,6 +419,8 @@ SxString ZqImageFeed::readDigest() {
     SxArray<char> piece(DIGEST_PIECE);
     while (const int64 n = file.readBuffer(piece.data(), DIGEST_PIECE)) {
         if (stopping) return {};
+        // It was synced.
+        ZqSyncedSize(filePath(ZqImageFiles::ZQF)).noteComplete(nChecked);
         md5.update(piece.data(), n);
         file.startWriteback(static_cast<int64>(nChecked), n);
         nChecked += static_cast<uint64>(n);

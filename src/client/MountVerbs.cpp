@@ -11,6 +11,7 @@
 #include <tavrin/ZqImageFolder.h>
 #include <tavrin/ZqImageParams.h>
 #include <tavrin/ZqMountMgr.h>
+#include <tavrin/ZqSyncedSize.h>
 #include <tavrin/ZqVolume.h>
 
 #include <algorithm>
@@ -44,10 +45,12 @@ struct UmountOptions {
 uint64 presentBlocks(const SxString& folder, const ZqAppParams& app, const ZqImageParams& params) {
     // A file that is missing is told of by the mount.
     const SxFileInfo zqf(folder + ZqImageFiles::ZQF);
-    const int64 size = zqf.isFile() ? zqf.getSize() : 0;
+    const uint64 size = zqf.isFile() ? static_cast<uint64>(zqf.getSize()) : 0;
+    // What a power cut may have taken is there as little as what was never fetched.
+    const uint64 believed = ZqSyncedSize(folder + ZqImageFiles::ZQF).believed(size);
     const auto sizeRaw = static_cast<uint64>(params.sizeRaw);
-    if (size >= static_cast<int64>(app.sizeZqf)) return (sizeRaw + BLOCK - 1) / BLOCK;
-    return static_cast<uint64>(size) / BLOCK;
+    if (believed >= app.sizeZqf) return (sizeRaw + BLOCK - 1) / BLOCK;
+    return believed / BLOCK;
 }
 
 void tellMount(const SxString& image, const SxString& verb, Output* out) {

@@ -194,6 +194,15 @@ public:
         return range.l_type == F_UNLCK ? 0 : 1;
     }
 
+    std::string bootId() override {
+        char text[64];
+        const int fd = open("/proc/sys/kernel/random/boot_id", Read, 0);
+        if (fd < 0) return {};
+        const int64 n = readAt(fd, text, sizeof text, 0);
+        close(fd);
+        return n > 1 ? std::string(text, static_cast<size_t>(n - 1)) : std::string();
+    }
+
     std::string currentDir() override {
         char buffer[PATH_MAX];
         return ::getcwd(buffer, sizeof buffer) ? buffer : "/";

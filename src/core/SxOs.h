@@ -100,6 +100,8 @@ public:
     /// 1 where taking the lock would fail because of another open file, 0 where not.
     virtual int isLocked(int fd, int64 offset, int64 n, Lock lock) = 0;
 
+    /// An id that the machine makes anew at each of its starts; empty where it tells none.
+    virtual std::string bootId() = 0;
     virtual std::string currentDir() = 0;
     /// The absolute path with all links resolved.
     virtual int canonical(const std::string& path, std::string* result) = 0;

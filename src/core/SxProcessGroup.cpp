@@ -13,14 +13,10 @@ namespace {
 
 constexpr const char* UNIT = "src/core/SxProcessGroup";
 
-/// An id that the system makes anew at each of its starts.
+/// Of the machine's start; a text without blanks.
 SxString bootId() {
-    char text[64];
-    const int fd = SxOs::get().open("/proc/sys/kernel/random/boot_id", SxOs::Read, 0);
-    if (fd < 0) return "-";
-    const int64 n = SxOs::get().readAt(fd, text, sizeof text, 0);
-    SxOs::get().close(fd);
-    return n > 1 ? SxString(std::string(text, static_cast<size_t>(n - 1))) : "-";
+    const std::string id = SxOs::get().bootId();
+    return id.empty() ? "-" : SxString(id);
 }
 
 } // namespace

@@ -76,6 +76,12 @@ void FaultOs::crash(std::mt19937_64* random) {
     pending.crash(random);
     cutStep.reset();
     cut = false;
+    ++nCrashes;
+}
+
+std::string FaultOs::bootId() {
+    const std::lock_guard lock(mutex);
+    return machine.bootId() + "." + std::to_string(nCrashes);
 }
 
 std::string FaultOs::normal(const std::string& path) const {

@@ -18,7 +18,8 @@
 /// fall back to the last sync (a new file to empty), new names vanish with all below them, replaced, renamed
 /// and removed ones come back. crash(random) lets each pending write and each pending name survive or not by
 /// chance, as a device does that writes in an order of its own; the two names of one rename share their fate,
-/// so a file is never lost by it. Permissions and times aren't followed. Descriptors must be closed before.
+/// so a file is never lost by it. The machine has another start id behind it. Permissions and times aren't
+/// followed. Descriptors must be closed before.
 class FaultOs : public SxOs {
 public:
     enum class Op {
@@ -149,6 +150,7 @@ public:
         const int error = strike(Op::Lock, fd);
         return error ? error : machine.isLocked(fd, offset, n, lock);
     }
+    std::string bootId() override;
     std::string currentDir() override { return machine.currentDir(); }
     int canonical(const std::string& path, std::string* result) override {
         const int error = strike(Op::Stat, path);
@@ -193,6 +195,6 @@ private:
     std::optional<Fault> fault;
     std::optional<int64> diskLeft, freeSpaceAnswer, cutStep;
     bool cut = false;
-    int64 nSteps = 0;
+    int64 nSteps = 0, nCrashes = 0;
     Hook hook;
 };

@@ -3,6 +3,7 @@
 /// The fixed file names of an image folder.
 namespace ZqImageFiles {
 constexpr const char* ZQF = "img.zqf";                 ///< the blocks in ZqF order
+constexpr const char* SYNCED = ".synced";              ///< behind a growing file's name, ZqSyncedSize
 constexpr const char* PACKED = "img.zqf.zst";          ///< the same, packed for delivery
 constexpr const char* IDX = "img.idx";                 ///< the map from RAW to ZqF indices
 constexpr const char* IDX_PACKED = "img.idx.zst";      ///< the same, packed for delivery

@@ -1,0 +1,41 @@
+#pragma once
+
+#include "SxString.h"
+
+/// How much of a file that grows by a download is sure to be on the device, noted beside it in a file of its
+/// name and ".synced", together with the start of the machine that wrote it. While the machine runs, all
+/// bytes of the file can be believed, also after the writer was killed; after another start only those that
+/// are noted, since a power cut leaves a file of the right size with anything in it. A file without a note is
+/// believed as a whole. Not locked: whoever changes the file holds the image. Sizes are in bytes.
+class ZqSyncedSize {
+public:
+    explicit ZqSyncedSize(SxString file_) : file(std::move(file_)) {}
+
+    /// How many of `size` bytes, which the file has, can be believed.
+    uint64 believed(uint64 size) const;
+    /// Cuts the file back to what can be believed, and says so in the log; gives how many bytes have gone.
+    /// For who downloads, ahead of the first look at the file's size. What lies behind a link is left alone.
+    /// Raises where it can't be cut.
+    uint64 cutBack() const;
+    /// Makes the note right for a file that has `size` bytes and is about to grow. Raises where it can't be
+    /// written.
+    void begin(uint64 size) const;
+    /// Notes that the first `size` bytes are on the device. Raises where it can't be written.
+    void note(uint64 size) const;
+    /// The same where there is a note, of a file that is complete.
+    void noteComplete(uint64 size) const;
+
+private:
+    struct Note {
+        bool exists = false;
+        uint64 size = 0;
+        std::string boot; ///< empty where it isn't known
+
+        bool isOfThisStart() const;
+    };
+
+    SxString noteFile() const;
+    Note read() const;
+
+    const SxString file;
+};
