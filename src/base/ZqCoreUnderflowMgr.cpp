@@ -28,14 +28,10 @@ constexpr int LOOKS_A_PROCESS = 5;     ///< one asks after every process of the 
 constexpr int64 MINIMIZE_MS = 500;     ///< for the desktop to minimise a window
 constexpr int64 UNDERFLOW_MS = 1000;   ///< a turn with an underflow
 constexpr int64 REFUSALS_A_LINE = 100; ///< about a second's
-constexpr uint64 ROW_MS = 60000;
+constexpr int64 ROW_MS = 60000;
 constexpr uint64 MIN_RATE = 4096;    ///< bytes a second, below which an ETA means nothing
 constexpr double LEAST_SPEED = 1000; ///< bytes a second
 constexpr int64 MAX_BATCH = 25;
-
-uint64 systemMs() {
-    return static_cast<uint64>(ZqSysEnv::getSysTime());
-}
 
 double bytesPerSecond(double megabitPerSecond) {
     return megabitPerSecond * 1000 * 1000 / 8;
@@ -58,6 +54,12 @@ void maximizeWindow(ZqDesktop::Handle window) {
     if (window == 0) return;
     ZqDesktop::get().show(window);
     ZqDesktop::get().activate(window);
+}
+
+/// Takes the duration of one more underflow into the statistics, which count it already.
+void addDuration(ZqRuntimeInfo* info, int64 ms) {
+    info->maxUnderflowTime = std::max(info->maxUnderflowTime, ms);
+    updateMean(&info->avgUnderflowTime, info->nUnderflows, ms);
 }
 
 /// A window as log lines name it.
@@ -128,8 +130,11 @@ uint64 ZqCoreUnderflowMgr::nDownloaded() const {
 }
 
 ZqRuntimeInfo ZqCoreUnderflowMgr::getRuntimeInfo() const {
+    const int64 nowMs = steadyMs();
     const SxMutexBlock lock(&infoMutex);
-    return runtimeInfo;
+    ZqRuntimeInfo info = runtimeInfo;
+    if (openMs != NEVER) addDuration(&info, nowMs - openMs);
+    return info;
 }
 
 bool ZqCoreUnderflowMgr::isReadWaiting() {
@@ -139,16 +144,19 @@ bool ZqCoreUnderflowMgr::isReadWaiting() {
 }
 
 void ZqCoreUnderflowMgr::countUnderflow(int64 size) {
+    const int64 nowMs = steadyMs();
     const SxMutexBlock lock(&infoMutex);
+    openMs = nowMs;
     ++runtimeInfo.nUnderflows;
     runtimeInfo.maxUnderflowSize = std::max(runtimeInfo.maxUnderflowSize, size);
     updateMean(&runtimeInfo.avgUnderflowSize, runtimeInfo.nUnderflows, size);
 }
 
-void ZqCoreUnderflowMgr::timeUnderflow(int64 ms) {
+void ZqCoreUnderflowMgr::timeUnderflow() {
+    const int64 nowMs = steadyMs();
     const SxMutexBlock lock(&infoMutex);
-    runtimeInfo.maxUnderflowTime = std::max(runtimeInfo.maxUnderflowTime, ms);
-    updateMean(&runtimeInfo.avgUnderflowTime, runtimeInfo.nUnderflows, ms);
+    if (openMs != NEVER) addDuration(&runtimeInfo, nowMs - openMs);
+    openMs = NEVER;
 }
 
 int64 ZqCoreUnderflowMgr::steadyMs() {
@@ -254,7 +262,7 @@ void ZqCoreUnderflowMgr::checkInstantUnderflow() {
         }
         SxTime::msleep(pollMs);
     }
-    timeUnderflow(steadyMs() - t0);
+    timeUnderflow();
     underflowFlag = false;
     if (!stopRequested()) zqLogMsg("base", SxString(INSTANT) + " Underflow resolved");
 }
@@ -288,6 +296,8 @@ void ZqCoreUnderflowMgr::main() {
     } catch (const SxException& e) {
         zqLogMsg("base", MAIN + e.toString(3, "\n"));
     }
+    // With a stop, or the drive, it ends as well.
+    timeUnderflow();
     report();
     refFile = SxFileIO();
     statFile = SxFileIO();
@@ -314,15 +324,15 @@ void ZqCoreUnderflowMgr::setUp() {
 void ZqCoreUnderflowMgr::openStatistics() {
     const SxString file = path + "/onDemand.dat";
     try {
-        if (statStart != 0) {
+        if (statStart != NEVER) {
             statFile.open(file, "ab", 0600);
             return;
         }
         statFile.create(file, 0600);
         statFile.write(SxString::sprintf("#%10s %20s %20s %20s %20s\n", "minutes", "nOnDemandFetches",
                                          "nOnDemandBytes", "nOnDemandRate", "nOnDemandQueue"));
-        statStart = systemMs();
-        lastStatRow = 0;
+        statStart = steadyMs();
+        lastStatRow = NEVER;
     } catch (const SxException&) {
         statFile = SxFileIO();
         zqLogMsg("base", MAIN + ("Cannot create " + file) + ".");
@@ -362,7 +372,7 @@ void ZqCoreUnderflowMgr::turn(Watch* watch) {
     } else if (!isMinimized()) {
         underflow = enterUnderflow(watch);
     }
-    if (systemMs() - lastStatRow > ROW_MS) writeRow(watch);
+    if (lastStatRow == NEVER || steadyMs() - lastStatRow > ROW_MS) writeRow(watch);
     underflowFlag = underflow;
     if (!underflow) {
         pause();
@@ -399,7 +409,6 @@ bool ZqCoreUnderflowMgr::enterUnderflow(Watch* watch) {
     }
     minimizedFlag = true;
     watch->counted = true;
-    watch->underflowMs = instantMs == 0 ? steadyMs() : instantMs;
     if (instantMs == 0) countUnderflow(static_cast<int64>(resumeIdx) - static_cast<int64>(nDownloaded()));
     instantMs = 0;
     if (appWindow != 0 && !isIconic(appWindow)) {
@@ -418,8 +427,7 @@ void ZqCoreUnderflowMgr::leaveUnderflow(Watch* watch) {
         watch->resolved = true;
     }
     resumeDrive();
-    if (watch->counted || instantMs != 0)
-        timeUnderflow(steadyMs() - (watch->counted ? watch->underflowMs : instantMs));
+    if (watch->counted || instantMs != 0) timeUnderflow();
     watch->counted = false;
     instantMs = 0;
     if (wasMinimized && !isIconic(appWindow)) minimizedFlag = false;
@@ -442,7 +450,7 @@ void ZqCoreUnderflowMgr::resumeDrive() {
 
 void ZqCoreUnderflowMgr::writeRow(Watch* watch) {
     const int64 nFetches = runtimeInfo.nOnDemandFetches;
-    lastStatRow = systemMs();
+    lastStatRow = steadyMs();
     using Number = unsigned long long;
     const SxString row = SxString::sprintf(
         " %10llu %20llu %20llu %20llu %20llu\n", static_cast<Number>((lastStatRow - statStart) / ROW_MS),

@@ -75,7 +75,7 @@ public:
     uint64 getUnderflowResumeIdx() const { return resumeIdx; }
     /// Seconds until the download is there; 0 where it is, or isn't known.
     uint64 getUnderflowETA() const;
-    /// A copy of the statistics.
+    /// A copy of the statistics, with the duration so far of an underflow that is open.
     ZqRuntimeInfo getRuntimeInfo() const SX_EXCLUDES(infoMutex);
     /// When a read was last seen to wait for its blocks, however short that was; steady clock in ns, 0 for
     /// never.
@@ -109,7 +109,6 @@ private:
         int64 windowMs = 0;    ///< when the window was looked for last
         bool resolved = true;  ///< the underflow that was seen last
         bool counted = false;  ///< it stands in the statistics, but for its duration
-        int64 underflowMs = 0; ///< when it began
         int64 nRowFetches = 0; ///< fetches at the last row of `onDemand.dat`
     };
     /// Where the bytes of one pass come from.
@@ -137,7 +136,8 @@ private:
     bool isReadWaiting();
     void resumeDrive();
     void countUnderflow(int64 size) SX_EXCLUDES(infoMutex);
-    void timeUnderflow(int64 ms) SX_EXCLUDES(infoMutex);
+    /// Ends the underflow that was counted last, if it is open.
+    void timeUnderflow() SX_EXCLUDES(infoMutex);
     void writeRow(Watch* watch);
     void report() const;
 
@@ -178,9 +178,11 @@ private:
     bool driveGone = false;      ///< since the start of the job
     int64 instantMs = 0;         ///< when an instant underflow began that was left to the turns; 0 none
     SxFileIO refFile, statFile;
-    uint64 statStart = 0, lastStatRow = 0; ///< system time, ms
+    static constexpr int64 NEVER = -1;
+    int64 statStart = NEVER, lastStatRow = NEVER; ///< steady time, ms
 
-    mutable SxMutex infoMutex; ///< over changes of runtimeInfo by the job
+    mutable SxMutex infoMutex;                     ///< over changes of runtimeInfo by the job
+    int64 openMs SX_GUARDED_BY(infoMutex) = NEVER; ///< when the underflow that is open began, steady ms
 
     mutable SxMutex downloadMutex;
     Callback callback SX_GUARDED_BY(downloadMutex);

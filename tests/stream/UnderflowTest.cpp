@@ -207,6 +207,41 @@ TEST(Underflow, WithoutASourceItIsMinimisedAlone) {
     EXPECT_FALSE(run.driver.suspended || run.mgr->isUnderflow());
 }
 
+TEST(Underflow, OneThatIsOpenHasItsDurationInTheFigures) {
+    for (const bool hasWindowSearch : {true, false}) {
+        for (const bool isStopped : {true, false}) {
+            SCOPED_TRACE(testing::Message() << hasWindowSearch << isStopped);
+            UnderflowRun run;
+            run.make(false);
+            run.mgr->setWindowSearch(hasWindowSearch);
+            run.launch();
+            run.readBlock(60);
+            // With windows it goes over from the search for them to the turns.
+            run.sleep(20'000);
+            const auto longest = [&] {
+                return static_cast<double>(run.mgr->getRuntimeInfo().maxUnderflowTime);
+            };
+            EXPECT_EQ(run.mgr->getRuntimeInfo().nUnderflows, 1);
+            EXPECT_NEAR(longest(), 20'000, 20);
+            run.sleep(1'000);
+            EXPECT_NEAR(longest(), 21'000, 20);
+            if (isStopped) {
+                run.stop();
+            } else {
+                run.driver.mounted = false;
+                run.driver.queue.clear();
+                EXPECT_TRUE(run.await([&] { return !run.mgr->isRunning(); }, 1500) || !hasWindowSearch);
+                run.stop();
+            }
+            const double atEnd = longest();
+            EXPECT_NEAR(atEnd, 21'000, 20 + 1500 * !isStopped);
+            run.sleep(5'000);
+            EXPECT_EQ(longest(), atEnd);
+            EXPECT_EQ(static_cast<double>(run.mgr->getRuntimeInfo().avgUnderflowTime), atEnd);
+        }
+    }
+}
+
 TEST(Underflow, TheWindowIsSearched) {
     const TempDir programs;
     const std::string name = "underflow-test-game";
@@ -337,7 +372,9 @@ TEST(Underflow, RestartBeginsAnew) {
     run.mgr->setWindowSearch(false);
     run.launch();
     run.readBlock(0);
-    run.sleep(200000);
+    run.sleep(100000);
+    run.driver.clock().adjustSystem(-3'600'000);
+    run.sleep(100000);
     run.readBlock(60);
     run.sleep(20);
     EXPECT_TRUE(run.isAnswered());
