@@ -1,15 +1,18 @@
 #include "UnderflowStore.h"
 
+#include "DriverLog.h"
 #include "SxException.h"
 
 #include <algorithm>
 #include <bit>
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 namespace {
 
 constexpr const char* UNIT = "src/driver/UnderflowStore";
+constexpr uint64 MAX_STALE = 1024; ///< entries of blocks that have gone, beside as many as there are others
 
 } // namespace
 
@@ -82,8 +85,15 @@ void UnderflowStore::put(ZqfIdx first, uint64 n, const char* data) {
             continue;
         }
         const char* from = data + i * BLOCK_SIZE;
-        const uint64 nKept = keepInMemory(first + i, end - i, from);
-        if (nKept < end - i) putInFile(first + i + nKept, end - i - nKept, from + nKept * BLOCK_SIZE);
+        const uint64 nKept = keepInMemory(first + i, end - i, from, cacheSize.load());
+        const ZqfIdx next = first + i + nKept;
+        const uint64 nLeft = end - i - nKept;
+        const char* rest = from + nKept * BLOCK_SIZE;
+        if (nLeft > 0 && !putInFile(next, nLeft, rest)) {
+            const uint64 size = std::max(MAX_WITHOUT_FILE, cacheSize.load());
+            shrinkMemory(size - nLeft * BLOCK_SIZE);
+            keepInMemory(next, nLeft, rest, size);
+        }
         for (uint64 k = i; k < end; ++k)
             mark(first + k, true);
         lowest = std::min(lowest, first + i);
@@ -91,12 +101,13 @@ void UnderflowStore::put(ZqfIdx first, uint64 n, const char* data) {
     }
 }
 
-uint64 UnderflowStore::keepInMemory(ZqfIdx first, uint64 n, const char* data) {
-    const uint64 used = nInMemory.load() * BLOCK_SIZE, size = cacheSize.load();
+uint64 UnderflowStore::keepInMemory(ZqfIdx first, uint64 n, const char* data, uint64 size) {
+    const uint64 used = nInMemory.load() * BLOCK_SIZE;
     n = std::min(n, size > used ? (size - used) / BLOCK_SIZE : 0);
     for (uint64 i = 0; i < n; ++i) {
         Block block = std::make_unique_for_overwrite<char[]>(BLOCK_SIZE);
         std::memcpy(block.get(), data + i * BLOCK_SIZE, BLOCK_SIZE);
+        order.push_back(first.value + i);
         const SxMutexBlock lock(&memoryMutex);
         memory.insert_or_assign(first.value + i, std::move(block));
         ++nInMemory;
@@ -104,10 +115,59 @@ uint64 UnderflowStore::keepInMemory(ZqfIdx first, uint64 n, const char* data) {
     return n;
 }
 
-void UnderflowStore::putInFile(ZqfIdx first, uint64 n, const char* data) {
-    if (!file.isOpen()) makeFile();
-    const int error = file.writeAt(data, n * BLOCK_SIZE, static_cast<uint64>(first.byte()));
-    if (error) file.raise("Cannot keep delivered blocks in", error, UNIT, __LINE__);
+void UnderflowStore::eraseFromMemory(ZqfIdx zqfIdx) {
+    const SxMutexBlock lock(&memoryMutex);
+    nInMemory -= memory.erase(zqfIdx.value);
+}
+
+bool UnderflowStore::findOldest(ZqfIdx* zqfIdx, char* copy) {
+    const SxMutexBlock lock(&memoryMutex);
+    for (; !order.empty(); order.pop_front()) {
+        const auto block = memory.find(order.front());
+        if (block == memory.end()) continue;
+        *zqfIdx = {order.front()};
+        if (copy) std::memcpy(copy, block->second.get(), BLOCK_SIZE);
+        return true;
+    }
+    return false;
+}
+
+void UnderflowStore::shrinkMemory(uint64 bytes) {
+    ZqfIdx oldest;
+    while (nInMemory.load() * BLOCK_SIZE > bytes && findOldest(&oldest, nullptr)) {
+        mark(oldest, false);
+        // As where the cursor passes: the bytes go only behind this.
+        ++drops;
+        eraseFromMemory(oldest);
+        order.pop_front();
+    }
+}
+
+bool UnderflowStore::hasRoom(uint64 n) {
+    if (!file.isOpen()) {
+        SxStat info;
+        const bool isThere = SxOs::get().stat(folder + "img.zqf", &info) == 0;
+        reserve = ZqDiskReserve(SxString(folder), isThere ? static_cast<uint64>(info.size) : 0);
+    }
+    return reserve.getMissing(n * BLOCK_SIZE) == 0;
+}
+
+bool UnderflowStore::putInFile(ZqfIdx first, uint64 n, const char* data) {
+    int error = hasRoom(n) ? 0 : ENOSPC;
+    if (error == 0) {
+        if (!file.isOpen()) makeFile();
+        error = file.writeAt(data, n * BLOCK_SIZE, static_cast<uint64>(first.byte()));
+        // What came short holds room that others need.
+        if (error) SxOs::get().punchHole(file.getFd(), first.byte(), static_cast<int64>(n * BLOCK_SIZE));
+    }
+    const bool wasFull = std::exchange(isFull, error == ENOSPC || error == EDQUOT);
+    if (error && !isFull) file.raise("Cannot keep delivered blocks in", error, UNIT, __LINE__);
+    if (isFull && !wasFull) {
+        driverLog("The disk of '" + SxString(folder) +
+                  "' has no room for blocks that came on demand: memory takes them, " +
+                  (MAX_WITHOUT_FILE >> 20) + " MiB of them");
+    }
+    return !isFull;
 }
 
 void UnderflowStore::dropPassed() {
@@ -128,6 +188,10 @@ void UnderflowStore::dropPassed() {
         // Where holes can't be made the room comes back with the end of the drive.
         if (file.isOpen()) SxOs::get().punchHole(file.getFd(), first.byte(), behind.byte() - first.byte());
         first = behind;
+    }
+    if (order.size() > 2 * nInMemory.load() + MAX_STALE) {
+        const SxMutexBlock lock(&memoryMutex);
+        std::erase_if(order, [this](uint64 zqfIdx) { return !memory.contains(zqfIdx); });
     }
     lowest = findMarked(end, {nBlocks});
     if (lowest.value == nBlocks) lowest = {~uint64{0}};
@@ -171,15 +235,13 @@ void UnderflowStore::setCacheSize(uint64 bytes) {
     const SxMutexBlock turn(&changing);
     cacheSize = bytes;
     char copy[BLOCK_SIZE];
-    while (nInMemory.load() * BLOCK_SIZE > bytes) {
-        ZqfIdx zqfIdx;
-        {
-            const SxMutexBlock lock(&memoryMutex);
-            zqfIdx = {memory.begin()->first};
-            std::memcpy(copy, memory.begin()->second.get(), BLOCK_SIZE);
+    ZqfIdx oldest;
+    while (nInMemory.load() * BLOCK_SIZE > bytes && findOldest(&oldest, copy)) {
+        if (!putInFile(oldest, 1, copy)) {
+            shrinkMemory(std::max(MAX_WITHOUT_FILE, bytes));
+            return;
         }
-        putInFile(zqfIdx, 1, copy);
-        const SxMutexBlock lock(&memoryMutex);
-        nInMemory -= memory.erase(zqfIdx.value);
+        eraseFromMemory(oldest);
+        order.pop_front();
     }
 }
