@@ -19,6 +19,8 @@ constexpr int64 SECOND_MS = 1000;
 constexpr int64 N_SEARCHES = 60;
 /// Between two looks at all processes of the machine, each of which takes milliseconds of a core.
 constexpr int64 SEARCH_LOOK_MS = 50;
+/// Between two looks at a process that has run for a second. An application runs for hours.
+constexpr int64 CALM_LOOK_MS = 50;
 /// How long a command that was killed may take to go; one that waits for the drive can take for ever.
 constexpr int64 KILLED_MS = 500;
 
@@ -241,14 +243,16 @@ void ZqCoreAppGuard::awaitDelay() const {
 
 /// Waits for the command's end; after a stop no longer than that may take.
 void ZqCoreAppGuard::awaitProcess() {
-    while (!SxWait::pass(SECOND_MS, [this] { return stopRequested() || !process->isRunning(); }))
+    const auto ended = [this] { return stopRequested() || !process->isRunning(); };
+    for (int64 lookMs = SxWait::LOOK_MS; !SxWait::pass(SECOND_MS, ended, lookMs); lookMs = CALM_LOOK_MS)
         collect(-1);
     if (SxWait::pass(KILLED_MS, [this] { return !process->isRunning(); })) return;
     zqLogMsg("base", SxString(PREFIX) + "Process " + shownName() + " was killed, but hasn't ended yet");
 }
 
 void ZqCoreAppGuard::awaitEnd(const SxOtherProcess& other) const {
-    while (!SxWait::pass(SECOND_MS, [&] { return stopRequested() || !other.isRunning(); }))
+    const auto ended = [&] { return stopRequested() || !other.isRunning(); };
+    for (int64 lookMs = SxWait::LOOK_MS; !SxWait::pass(SECOND_MS, ended, lookMs); lookMs = CALM_LOOK_MS)
         collect(other.getId());
 }
 

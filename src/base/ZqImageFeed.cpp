@@ -69,6 +69,8 @@ protected:
         while (!feed->stopping) {
             try {
                 feed->keep();
+                // Then there is nothing to look after any more.
+                if (feed->hasSettled()) return;
             } catch (const SxException& e) {
                 feed->fail(e);
                 return;
@@ -120,10 +122,10 @@ void ZqImageFeed::open(const ZqStopTest& stop) {
     }
     SxFSAction::mkdir_p(settings.image);
     growth = ZqImageLock::take(settings.image, ZqImageLock::Growth, ZqImageLock::Exclusive, settings.job);
-    ZqStreamRecord record;
-    record.read(settings.image);
     // Nothing has looked at the size yet, and a drive of it began with the machine.
     ZqSyncedSize(filePath(ZqImageFiles::ZQF)).cutBack();
+    ZqStreamRecord record;
+    record.read(settings.image);
     url = settings.url.isEmpty() ? record.url : settings.url;
     const bool hasRecords = ZqImageRecords::holdsPart(settings.image);
     shape = ZqImageLock::take(settings.image, ZqImageLock::Shape,
@@ -206,7 +208,8 @@ void ZqImageFeed::beginDownload() {
 void ZqImageFeed::start() {
     keeper = std::make_unique<Keeper>(this);
     if (!link) {
-        if (!verified) keeper->start();
+        settled = verified.load();
+        if (!settled) keeper->start();
         return;
     }
     link->setRateLimit(static_cast<double>(settings.rateLimit));
@@ -245,7 +248,8 @@ void ZqImageFeed::applicationStarts() {
     if (!manager) return;
     const SxMutexBlock block(&managerMutex);
     manager->setWindowSearch(true);
-    manager->restart();
+    // With the last block it has ended for good.
+    if (!settled) manager->restart();
 }
 
 void ZqImageFeed::stop() {
@@ -284,9 +288,22 @@ void ZqImageFeed::keep() {
 void ZqImageFeed::keepManager() {
     // It ends with each drive, also with that of the preparation, and with a call of the service that failed.
     const SxMutexBlock block(&managerMutex);
-    if (manager->isRunning() || isComplete()) return;
-    manager->wait();
-    manager->start();
+    if (!isComplete()) {
+        if (manager->isRunning()) return;
+        manager->wait();
+        manager->start();
+    } else if (!progress->isRunning() && !manager->isUnderflow()) {
+        // The cursor is behind the last block, so it would ask the drive in vain from here on.
+        manager->stop();
+    }
+}
+
+bool ZqImageFeed::hasSettled() {
+    if (!verified) return false;
+    const SxMutexBlock block(&managerMutex);
+    settled = !link || (isComplete() && !progress->isRunning() && !manager->isRunning() &&
+                        !download->isRunning() && !getWriter()->isRunning());
+    return settled;
 }
 
 void ZqImageFeed::keepDownload() {
@@ -402,6 +419,8 @@ void ZqImageFeed::verifyDigest() {
     }
     verified = true;
     try {
+        // It was synced.
+        ZqSyncedSize(filePath(ZqImageFiles::ZQF)).noteComplete(nChecked);
         ZqStreamRecord::update(settings.image, [&](ZqStreamRecord* record) {
             record->verified = digest;
             record->verifiedStamp = stamp;
@@ -419,8 +438,6 @@ SxString ZqImageFeed::readDigest() {
     SxArray<char> piece(DIGEST_PIECE);
     while (const int64 n = file.readBuffer(piece.data(), DIGEST_PIECE)) {
         if (stopping) return {};
-        // It was synced.
-        ZqSyncedSize(filePath(ZqImageFiles::ZQF)).noteComplete(nChecked);
         md5.update(piece.data(), n);
         file.startWriteback(static_cast<int64>(nChecked), n);
         nChecked += static_cast<uint64>(n);

@@ -90,6 +90,8 @@ public:
     /// Whether they are, and have the digest that `app.json` states. A complete image without an address,
     /// which didn't come from a server, counts as such; so does one that a drive may have written into.
     bool isVerified() const { return verified; }
+    /// Whether nothing is left to be done: all is there and right, and no read will have to wait any more.
+    bool isSettled() const { return settled; }
     /// From start() on.
     Status getStatus() const;
     /// What open() waits for, as a line.
@@ -111,6 +113,8 @@ private:
     void beginDownload();
     void keep();
     void keepManager();
+    /// Whether no thread has anything left to do.
+    bool hasSettled();
     void keepWriter();
     /// Notes how long the server has been silent while bytes of it are wanted.
     void watchServer();
@@ -141,7 +145,7 @@ private:
     SxMutex managerMutex; ///< over the manager's starts and ends, which the keeper and the owner look after
     std::unique_ptr<ZqOrderedDownload> download;
     std::unique_ptr<Keeper> keeper;
-    std::atomic<bool> stopping{false}, verified{false}, checking{false};
+    std::atomic<bool> stopping{false}, verified{false}, checking{false}, settled{false};
     /// Then nothing that may pass ends the download: the application can go on with what is there.
     std::atomic<bool> hasApplication{false};
     bool isWritten = false; ///< a drive may have written into `img.zqf`

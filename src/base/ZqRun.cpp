@@ -28,6 +28,10 @@ constexpr int64 NOTE_NS = 500'000'000;
 constexpr int64 DRIVE_NS = 200'000'000;
 /// From one look for the series to the next.
 constexpr int64 SAMPLE_MS = 20;
+/// The same from the moment on at which no read has to wait any more, and between two looks at the
+/// application.
+constexpr int64 CALM_SAMPLE_MS = 200;
+constexpr int64 CALM_LOOK_MS = 50;
 
 SxException stopped() {
     return SxException(SxString(SxException::STOPPED), "stopped", UNIT, __LINE__);
@@ -128,7 +132,7 @@ protected:
     void main() override {
         while (!isEnding) {
             run->takeSample();
-            SxTime::msleep(SAMPLE_MS);
+            SxTime::msleep(run->feed.isSettled() ? CALM_SAMPLE_MS : SAMPLE_MS);
         }
     }
 
@@ -410,7 +414,8 @@ void ZqRun::follow() {
         lookForFrame();
         suspendProcess();
         feed.restoreWindow();
-        SxTime::msleep(LOOK_MS);
+        const bool awaitsFrame = !settings.firstFrameFile.isEmpty() && result.firstFrameMs < 0;
+        SxTime::msleep(feed.isSettled() && !awaitsFrame ? CALM_LOOK_MS : LOOK_MS);
     }
     guard->wait();
     searching = false;

@@ -19,6 +19,8 @@
 namespace {
 constexpr const char* UNIT = "src/client/RunVerbs";
 constexpr int64 LOOK_MS = 100;
+/// From one look at the job's end to the next.
+constexpr int64 END_LOOK_MS = 50;
 
 struct RunOptions {
     SxString image, url, report, page;
@@ -108,7 +110,8 @@ void followRun(ZqRun* job, const Output& out,
     StopSignals signals;
     Progress progress(out.getMode(), "opening");
     job->start();
-    while (!SxWait::pass(LOOK_MS, [&] { return !job->isRunning(); })) {
+    while (!SxWait::pass(
+        LOOK_MS, [&] { return !job->isRunning(); }, END_LOOK_MS)) {
         if (signals.isAsked()) job->stop();
         const ZqImageFeed::Status status = job->getStatus();
         progress.setLabel(statusText(job->getPhase(), status));

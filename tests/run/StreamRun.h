@@ -18,6 +18,7 @@ public:
         process.kill();
         process.wait();
     }
+    int64 getId() const { return process.getId(); }
     void signal(int number) { ::kill(process.getId(), number); }
     bool isRunning() { return process.isRunning(); }
     /// Its exit code; -1 where it doesn't end in time.

@@ -27,6 +27,19 @@ private:
     SxClock* const machine;
 };
 
+/// How often the threads of a process have gone to sleep by themselves.
+uint64 nSleeps(int64 pid) {
+    uint64 n = 0;
+    for (const auto& task : fs::directory_iterator("/proc/" + std::to_string(pid) + "/task")) {
+        std::ifstream status(task.path() / "status");
+        string key;
+        for (uint64 value = 0; status >> key; status.ignore(4096, '\n')) {
+            if (key == "voluntary_ctxt_switches:" && status >> value) n += value;
+        }
+    }
+    return n;
+}
+
 /// A page tells of a run what its report does, and shows the whole of it.
 void expectPageOf(const string& page, const string& report) {
     SxJSONParser json;
@@ -104,6 +117,33 @@ TEST_F(StreamRun, TheApplicationsStartAndTheKeeperDontMeet) {
     }
     feed.stop();
     server->stop();
+}
+
+TEST_F(StreamRun, ACompleteImageIsHardlyLookedAt) {
+    // Once when it has arrived in this run, and once when it was there.
+    for (const bool wasThere : {false, true}) {
+        SCOPED_TRACE(wasThere);
+        hold();
+        const auto player = start();
+        ASSERT_TRUE(SxWait::pass(20'000, [&] { return hasPlayed(); })) << player->says();
+        ASSERT_TRUE(SxWait::pass(
+            20'000, [&] { return dir.read("got/stream.json").find("\"verified\"") != string::npos; }));
+        SxTime::msleep(500);
+        const int64 service = statusOf(got).servicePid;
+        const uint64 before = nSleeps(player->getId()) + nSleeps(service);
+        SxTime::msleep(2000);
+        EXPECT_LT(nSleeps(player->getId()) + nSleeps(service) - before, 2 * 200u);
+        // And yet its end is seen soon, be it the application's or the drive's.
+        if (wasThere) {
+            done({"umount", got});
+        } else {
+            release();
+        }
+        EXPECT_EQ(player->end(wasThere ? 1500 : 3000), wasThere ? 1 : 0) << player->says();
+        release();
+        fs::remove(played);
+        fs::remove(played + ".started");
+    }
 }
 
 TEST_F(StreamRun, ASignalEndsItAtOnceAtEachStage) {
