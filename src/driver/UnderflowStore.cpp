@@ -164,8 +164,8 @@ bool UnderflowStore::putInFile(ZqfIdx first, uint64 n, const char* data) {
     if (error && !isFull) file.raise("Cannot keep delivered blocks in", error, UNIT, __LINE__);
     if (isFull && !wasFull) {
         driverLog("The disk of '" + SxString(folder) +
-                  "' has no room for blocks that came on demand: memory takes them, " +
-                  (MAX_WITHOUT_FILE >> 20) + " MiB of them");
+                  "' has no room for blocks that came on demand: memory takes them, at most " +
+                  (MAX_WITHOUT_FILE >> 20) + " MiB");
     }
     return !isFull;
 }

@@ -215,10 +215,9 @@ TEST(VirtualDisk, ADeliveryThatCanNotBeKeptCanBeGivenAgain) {
     FaultOs os(image.dir.path("watched"));
     Drive drive(image, Mode::Ro, 2);
     ASSERT_EQ(drive.read(10, 3, 1), Result::Held);
-    os.setDiskLeft(BLOCK_SIZE);
+    os.failNth(FaultOs::Op::Write, 1, EIO, "img.delivered");
     EXPECT_THAT(failureOf([&] { image.deliver(&drive.disk, 10, 3); }), HasSubstr("ZqF block 10"));
     EXPECT_THAT(drive.woken, IsEmpty());
-    os.setDiskLeft(1 << 30);
     image.deliver(&drive.disk, 10, 3);
     EXPECT_THAT(drive.woken, ElementsAre(1));
     EXPECT_EQ(drive.read(10, 3, 1, true), Result::Done);

@@ -16,7 +16,8 @@ namespace {
 
 constexpr const char* UNIT = "src/platform/netio/ZqRemoteImage";
 constexpr auto LOOK = std::chrono::milliseconds(20);
-constexpr auto LOADER_LOOK = std::chrono::milliseconds(100);
+/// They are woken for work and for a stop.
+constexpr auto LOADER_LOOK = std::chrono::seconds(1);
 constexpr size_t N_LOADERS = 4;
 /// Bytes that came with others and that nobody has asked for yet. They are lost with the run, and the ordered
 /// stream waits for them.
