@@ -62,7 +62,7 @@ void ZqImageMapFetch::main() {
 void ZqImageMapFetch::fetch(const Form& form) {
     // Without a digest nothing would tell.
     if (digest.isEmpty()) removePart(form);
-    for (;;) {
+    for (bool isLast = false;; isLast = true) {
         const bool isAnew = !SxFSAction::exists(form.part);
         try {
             download(form);
@@ -73,7 +73,8 @@ void ZqImageMapFetch::fetch(const Form& form) {
                 if (e.hasTag(tag)) throw;
             }
             removePart(form);
-            if (isAnew || e.hasTag(ZqNetLink::NOT_FOUND) || e.hasTag(ZqNetLink::REFUSED)) throw;
+            const bool mayHelp = !isAnew || e.hasTag(ZqNetLink::CHANGED);
+            if (isLast || !mayHelp || e.hasTag(ZqNetLink::NOT_FOUND) || e.hasTag(ZqNetLink::REFUSED)) throw;
             zqLogMsg("base", "ZqImageMapFetch: begins anew: " + e.toString(SxException::ShowMessage, ": "));
         }
     }
