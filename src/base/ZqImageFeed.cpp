@@ -11,6 +11,7 @@
 #include "ZqImageFolder.h"
 #include "ZqImageProgress.h"
 #include "ZqImageRecords.h"
+#include "ZqImageRepair.h"
 #include "ZqLog.h"
 #include "ZqOrderedDownload.h"
 #include "ZqStreamRecord.h"
@@ -403,14 +404,18 @@ void ZqImageFeed::verifyDigest() {
         verified = true;
         return;
     }
-    nChecked = 0;
     checking = true;
-    const auto stamp = ZqStreamRecord::Stamp::of(settings.image);
-    const SxString digest = readDigest();
+    auto stamp = ZqStreamRecord::Stamp::of(settings.image);
+    SxString digest = readDigest();
+    if (!digest.isEmpty() && !(digest == app.checksumZqf) && mend() > 0) {
+        stamp = ZqStreamRecord::Stamp::of(settings.image);
+        digest = readDigest();
+    }
     checking = false;
     // What was cut off here, the next run makes up for.
-    if (digest.isEmpty()) return;
-    if (!(digest == app.checksumZqf)) {
+    const bool isRight = digest == app.checksumZqf;
+    if (digest.isEmpty() || (stopping && !isRight)) return;
+    if (!isRight) {
         throw SxException("'" + filePath(ZqImageFiles::ZQF) + "' has the digest " + digest +
                               " where app.json states " + app.checksumZqf +
                               ": what the server gave isn't the image, or the file was changed since; "
@@ -431,7 +436,28 @@ void ZqImageFeed::verifyDigest() {
     }
 }
 
+/// Where the run has none, since all was there, the server is asked for this alone.
+uint64 ZqImageFeed::mend() {
+    ZqStreamRecord record;
+    record.read(settings.image);
+    if (record.isWritten) return 0;
+    SxPtr<ZqRemoteImage> source = image;
+    if (!source) {
+        source = SxPtr<ZqRemoteImage>::create(SxPtr<ZqNetLink>::create(), url, app.sizeZqf, settings.headers,
+                                              ZqRemoteImage::MAX_KEPT, app.checksumZqf);
+    }
+    try {
+        return ZqImageRepair(filePath(ZqImageFiles::ZQF), source)
+            .mend([this](uint64 nDone) { nChecked = nDone; }, [this] { return stopping.load(); });
+    } catch (const SxException& e) {
+        // The image stays as wrong as it was, which is what is told.
+        zqLogMsg("base", "ZqImageFeed: " + e.toString(SxException::ShowMessage, ": "));
+        return 0;
+    }
+}
+
 SxString ZqImageFeed::readDigest() {
+    nChecked = 0;
     SxFileIO file(filePath(ZqImageFiles::ZQF), "rb");
     file.adviseSequential();
     SxMd5 md5;

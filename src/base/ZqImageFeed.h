@@ -121,6 +121,8 @@ private:
     void keepDownload();
     bool isKnownAsRight(const ZqStreamRecord& record) const;
     void verifyDigest();
+    /// Fetches anew what is wrong of the complete image; gives how many stretches were.
+    uint64 mend();
     /// Reads the whole of `img.zqf`; empty where a stop came between.
     SxString readDigest();
     void measureDisk();

@@ -553,6 +553,25 @@ TEST_F(StreamRun, OnlyAnImageWithItsDigestCountsAsComplete) {
     done({"umount", got});
 }
 
+TEST_F(StreamRun, WhatIsWrongOfACompleteImageIsFetchedAnew) {
+    done({"image", "pack", served, "--level", "1"});
+    ASSERT_EQ(start()->end(), 0);
+    expectPlayed();
+    const uint64 size = fs::file_size(got + "/img.zqf");
+    for (const uint64 at : {uint64{0}, size / 2, size - 1}) {
+        std::fstream file(got + "/img.zqf", std::ios::in | std::ios::out | std::ios::binary);
+        file.seekp(static_cast<std::streamoff>(at));
+        file.put('\x55');
+    }
+    const uint64 nBefore = server->getNBytes();
+    const auto player = start();
+    EXPECT_EQ(player->end(), 0) << player->says();
+    expectPlayed();
+    expectComplete();
+    EXPECT_LT(server->getNBytes() - nBefore, 4 * 206'464U);
+    EXPECT_THAT(dir.read("got/stream.json"), HasSubstr("\"verified\""));
+}
+
 TEST_F(StreamRun, AnotherImageOnTheServerIsRefused) {
     server->setRate(3'000'000);
     const auto player = start();

@@ -74,6 +74,11 @@ public:
     /// fetched again.
     void forget(uint64 offset, uint64 size);
 
+    /// The table of the packed form; null where that isn't offered, or its server can't be reached.
+    SxPtr<ZqSeekTable> awaitTable(const ZqStopTest& stop = nullptr);
+    /// A stretch alone, over a connection of its own, whatever is kept of it. Else as read().
+    SxPtr<SxArray<char>> fetchAnew(uint64 stretchIdx, const ZqStopTest& stop = nullptr);
+
     using Sink = ZqRemoteFile::Sink;
     /// Streams the bytes from `offset` to the image's end to `sink`, on the calling thread and at its pace.
     /// False where `sink` ended it. Goes on by itself after failures that may pass.

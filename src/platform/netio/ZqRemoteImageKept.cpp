@@ -1,6 +1,6 @@
 #include "SxClock.h"
-#include "SxXxh64.h"
 #include "ZqFrameDecoder.h"
+#include "ZqImageFetch.h"
 #include "ZqLog.h"
 #include "ZqRemoteImage.h"
 #include "ZqUrlText.h"
@@ -18,8 +18,7 @@ constexpr auto LOOK = std::chrono::milliseconds(20);
 constexpr int64 TABLE_PATIENCE_NS = 2'000'000'000;
 
 bool hasChecksumOf(const SxPtr<ZqSeekTable>& table, uint64 stretchIdx, const SxArray<char>& bytes) {
-    return table->getFrame(stretchIdx).checksum ==
-           static_cast<uint32>(SxXxh64::of(bytes.data(), bytes.getSize()));
+    return table->getFrame(stretchIdx).checksum == ZqSeekTable::checksumOf(bytes.data(), bytes.getSize());
 }
 
 SxException wrong(const SxString& text, int line) {
@@ -53,6 +52,24 @@ ZqRemoteImage::Bytes ZqRemoteImage::decode(uint64 stretchIdx, const char* frame,
 bool ZqRemoteImage::isTableSettled() const {
     return table || tableWaits || state == Packed::Absent || state == Packed::Aside ||
            SxClock::get().steadyNs() - tableBegunNs > TABLE_PATIENCE_NS;
+}
+
+SxPtr<ZqSeekTable> ZqRemoteImage::awaitTable(const ZqStopTest& stop) {
+    openTable();
+    for (;;) {
+        getLink()->checkStop(stop);
+        SxMutexBlock lock(&mutex);
+        // Unlike a stretch on demand, who asks for it has the time that it takes.
+        if (table || tableWaits || state == Packed::Absent || state == Packed::Aside) return table;
+        changed.wait_for(mutex, LOOK);
+    }
+}
+
+SxPtr<SxArray<char>> ZqRemoteImage::fetchAnew(uint64 stretchIdx, const ZqStopTest& stop) {
+    checkRange(stretchIdx * STRETCH, stretchSize(stretchIdx));
+    openTable();
+    Fetch fetch(this, stretchIdx);
+    return takeAgain(&fetch, stop);
 }
 
 bool ZqRemoteImage::checkPlain(uint64 stretchIdx, const SxArray<char>& bytes, const ZqStopTest& stop) {

@@ -1,6 +1,7 @@
 #include "ZqSeekTable.h"
 
 #include "SxException.h"
+#include "SxXxh64.h"
 #include "ZqNetLink.h"
 #include "ZqPackedForm.h"
 
@@ -26,6 +27,10 @@ uint32 readUint32(const char* bytes) {
 
 uint64 ZqSeekTable::maxTail(uint64 sizeZqf) noexcept {
     return HEADER + (countFrames(sizeZqf) + 1) * 12 + FOOTER;
+}
+
+uint32 ZqSeekTable::checksumOf(const char* bytes, int64 n) noexcept {
+    return static_cast<uint32>(SxXxh64::of(bytes, n));
 }
 
 ZqSeekTable::ZqSeekTable(const char* tail, uint64 nTail, uint64 sizePacked, uint64 sizeZqf) {

@@ -29,6 +29,8 @@ public:
     uint64 getNFrames() const noexcept { return static_cast<uint64>(frames.getSize()); }
     const Frame& getFrame(uint64 frameIdx) const { return frames(static_cast<int64>(frameIdx)); }
     bool hasChecksums() const noexcept { return checksums; }
+    /// The checksum of a frame that decodes to these bytes.
+    static uint32 checksumOf(const char* bytes, int64 n) noexcept;
 
 private:
     SxArray<Frame> frames;
