@@ -244,6 +244,17 @@ TEST(RemoteFileAnswer, isTakenWhereTheBytesCanBeTold) {
         }
         EXPECT_EQ(server.requests().size(), 2u);
     }
+    // A label of what a file holds is no encoding of it.
+    for (const char* name : {"f.zst?a=b", "f"}) {
+        const ScriptedServer server([&](const std::string& request) {
+            return ScriptedServer::ranged(request, data, "Content-Encoding: zstd\r\n");
+        });
+        const auto file =
+            FilePtr::create(SxPtr<ZqNetLink>::create(quickSettings()), SxString(server.url(name)));
+        char byte = 0;
+        const SxException e = failureOf([&] { file->read(5, 1, &byte); });
+        EXPECT_EQ(e.hasTag(ZqNetLink::WRONG), std::string(name) == "f") << e.what();
+    }
     // One that gives at most 64 bytes at once, and says no total.
     const auto sparing = [&](const std::string& request) {
         const size_t at = request.find("bytes=");
