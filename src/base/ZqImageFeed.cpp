@@ -216,6 +216,10 @@ void ZqImageFeed::start() {
     link->setRateLimit(static_cast<double>(settings.rateLimit));
     image = SxPtr<ZqRemoteImage>::create(link, url, app.sizeZqf, settings.headers, ZqRemoteImage::MAX_KEPT,
                                          app.checksumZqf);
+    // It may be asked for longer than this lives.
+    const ZqImageRecords records(link, settings.image, url, settings.headers);
+    image->setSameTest(
+        [records, own = app](const ZqStopTest& stop) { return records.isSameOnServer(own, stop); });
     zqNetioOfferImage(image);
     makeWriter();
     progress = SxPtr<ZqImageProgress>::create(settings.image, app);

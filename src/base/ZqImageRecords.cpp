@@ -9,6 +9,9 @@
 #include "ZqImageFolder.h"
 #include "ZqImageMapFetch.h"
 #include "ZqImageParams.h"
+#include "ZqUrlText.h"
+
+#include <atomic>
 
 namespace {
 
@@ -197,4 +200,25 @@ void ZqImageRecords::fetchRest(const ZqAppParams& app, const ZqStopTest& stop) {
         throw SxException("The map at " + urlOf(ZqImageFiles::IDX) + " isn't the one that app.json states",
                           UNIT, __LINE__);
     }
+}
+
+bool ZqImageRecords::isSameOnServer(const ZqAppParams& own, const ZqStopTest& stop) const {
+    static std::atomic<uint64> nLooks{0};
+    const SxArray<char> bytes = remote(ZqImageFiles::APP_JSON)->get(MAX_RECORD, stop);
+    const SxString file = folder + ZqImageFiles::APP_JSON + ".look" + SxString(nLooks.fetch_add(1));
+    ZqAppParams server;
+    try {
+        SxFileIO::writeAtomic(file, [&](SxFileIO* out) { out->write(bytes); });
+        server.readFile(file);
+    } catch (const SxException& e) {
+        if (SxFSAction::exists(file)) SxFSAction::rm(file);
+        // A page to log in to, say.
+        throw SxException(ZqNetLink::WRONG,
+                          "Cannot use '" + ZqUrlText::of(urlOf(ZqImageFiles::APP_JSON)) +
+                              "': " + e.toString(SxException::ShowMessage, ": "),
+                          UNIT, __LINE__);
+    }
+    SxFSAction::rm(file);
+    return server.sizeZqf == own.sizeZqf && server.checksumMnt == own.checksumMnt &&
+           server.checksumIdx == own.checksumIdx;
 }

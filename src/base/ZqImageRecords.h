@@ -24,6 +24,10 @@ public:
     /// Fetches what else is missing or doesn't fit `app`: `img.json`, `img.idx`, its digest.
     void fetchRest(const ZqAppParams& app, const ZqStopTest& stop);
 
+    /// Whether the server's `app.json` is still that of the version and block order of `own`. Raises where
+    /// that can't be told now. Safe from any thread.
+    bool isSameOnServer(const ZqAppParams& own, const ZqStopTest& stop) const;
+
 private:
     class Fetch;
 
