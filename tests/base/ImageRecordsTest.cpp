@@ -1,0 +1,61 @@
+#include "NetLab.h"
+#include "TempDir.h"
+#include "ZqAppParams.h"
+#include "ZqImageRecords.h"
+
+#include <gmock/gmock.h>
+
+namespace {
+
+std::string answered(const std::string& status, const std::string& body = "") {
+    return "HTTP/1.1 " + status + "\r\nConnection: close\r\nContent-Length: " + std::to_string(body.size()) +
+           "\r\n\r\n" + body;
+}
+
+} // namespace
+
+TEST(ImageRecords, tellWhetherTheServerHasAnotherVersion) {
+    TempDir dir;
+    ZqAppParams own;
+    own.sizeZqf = 409'600;
+    own.sizeIdx = 800;
+    own.checksumMnt = "a";
+    own.checksumIdx = "b";
+    own.write(dir.prefix());
+    const std::string same = dir.read("app.json");
+    const TreeSnapshot before = dir.snapshot();
+    const auto changed = [&](const char* from, const char* to) {
+        return answered("200 OK", SxString(same).substitute(from, to).str());
+    };
+    const struct {
+        const char* name;
+        std::string response;
+        bool isSame;
+        const char* tag;
+    } cases[] = {
+        {"the same", answered("200 OK", same), true, ""},
+        {"another delay", changed("\"delay\": 5", "\"delay\": 6"), true, ""},
+        {"another size", changed("409600", "413696"), false, ""},
+        {"other content", changed("\"mnt\": \"a\"", "\"mnt\": \"x\""), false, ""},
+        {"another order", changed("\"idx\": \"b\"", "\"idx\": \"x\""), false, ""},
+        {"a login page", answered("200 OK", "<html>Welcome"), false, ZqNetLink::WRONG},
+        {"none", answered("404 None"), false, ZqNetLink::NOT_FOUND},
+        {"busy", answered("503 Busy"), false, ZqNetLink::UNREACHABLE},
+    };
+    for (const auto& each : cases) {
+        SCOPED_TRACE(each.name);
+        const ScriptedServer server([&](const std::string&) { return each.response; });
+        const ZqImageRecords records(SxPtr<ZqNetLink>::create(quickSettings()), dir.prefix(),
+                                     SxString(server.url("game")), {});
+        try {
+            EXPECT_EQ(records.isSameOnServer(own, nullptr), each.isSame);
+            EXPECT_STREQ(each.tag, "");
+        } catch (const SxException& e) {
+            EXPECT_STRNE(each.tag, "") << e.what();
+            EXPECT_TRUE(e.hasTag(each.tag)) << e.what();
+        }
+        EXPECT_THAT(server.requests().back(), testing::StartsWith("GET /game/app.json HTTP"));
+        EXPECT_EQ(dir.read("app.json"), same);
+        EXPECT_EQ(dir.snapshot(), before) << "it leaves something behind";
+    }
+}
