@@ -17,16 +17,17 @@ FORMS = ["plain", "packed"]
 
 class Case:
     """`pace` in seconds is what the game takes at least, `limit_s` what the whole run may take. Where `ends` is there,
-    the run may end at once with a failure that says this."""
+    the run may end at once with a failure that says this. With `later` the run ends with its game, and the rest is
+    fetched by a second command."""
 
-    def __init__(self, name, arrange, forms, pace, limit_s, ends):
+    def __init__(self, name, arrange, forms, pace, limit_s, ends, later):
         self.name, self.arrange, self.forms, self.pace, self.limit_s = name, arrange, forms, pace, limit_s
-        self.ends = ends
+        self.ends, self.later = ends, later
 
 
-def case(name, forms=None, pace=3.0, limit_s=60, ends=None):
+def case(name, forms=None, pace=3.0, limit_s=60, ends=None, later=False):
     def register(arrange):
-        CASES.append(Case(name, arrange, forms or FORMS, pace, limit_s, ends))
+        CASES.append(Case(name, arrange, forms or FORMS, pace, limit_s, ends, later))
         return arrange
 
     return register
@@ -374,14 +375,14 @@ def signal_all(processes, number):
 # -- links
 
 
-def linked(name, happens=None, pace=8.0, limit_s=120, forms=None, **settings):
+def linked(name, happens=None, pace=8.0, limit_s=120, forms=None, later=False, **settings):
     """nginx behind a link; `happens(link, trial)` during the game."""
 
-    @case(name, forms=forms, pace=pace, limit_s=limit_s)
+    @case(name, forms=forms, pace=pace, limit_s=limit_s, later=later)
     def arrange(ground):
         link = ground.enter_context(ProxyLink(Nginx(ground).port, **settings))
         during = (lambda trial: happens(link, trial)) if happens else None
-        return Site(f"http://127.0.0.1:{link.port}/", during=during)
+        return Site(f"http://127.0.0.1:{link.port}/", during=during, moved=lambda: link.n_bytes)
 
 
 def stalls(seconds):
@@ -424,4 +425,5 @@ linked("link that moves three times", repeatedly("move"))
 linked("link that resets all three times", repeatedly("reset"))
 linked("link that resets each connection after 1 MB", cut_at=1 << 20)
 linked("link that is down for 6 s", goes_away)
+linked("link of 12 Mbit/s, the rest fetched after the game", pace=2, later=True, rate=1_500_000)
 linked("link that changes eight bytes", damages, forms=["packed"])

@@ -21,10 +21,11 @@ def listens(port):
 
 class Site:
     """What the client is told: the address of the folder above the images, what is put behind that of an image, and
-    environment. `during(trial)` is called when the game has begun."""
+    environment. `during(trial)` is called when the game has begun; `moved()` gives the bytes that went to the client,
+    where somebody counts them."""
 
-    def __init__(self, url, query="", env=None, during=None):
-        self.url, self.query, self.env, self.during = url, query, env or {}, during
+    def __init__(self, url, query="", env=None, during=None, moved=None):
+        self.url, self.query, self.env, self.during, self.moved = url, query, env or {}, during, moved
 
 
 class Ground(contextlib.ExitStack):

@@ -41,7 +41,7 @@ class ProxyLink:
         self.stalled = self.refuses = self.ended = False
         self.damages_in = 0  # bytes until one of them is changed; 0 for never
         self.sent_until = 0.0  # the time at which the rate permits the next piece
-        self.n_connections = 0
+        self.n_bytes = 0  # towards the client
 
     def __enter__(self):
         self.listener = socket.create_server(("127.0.0.1", 0))
@@ -104,7 +104,6 @@ class ProxyLink:
     def connect(self, near):
         time.sleep(self.delay)
         with self.lock:
-            self.n_connections += 1
             refuses = self.refuses or self.ended
         try:
             far = None if refuses else socket.create_connection(("127.0.0.1", self.target), 5)
@@ -114,6 +113,7 @@ class ProxyLink:
             near.close()
             return
         far.settimeout(None)
+        near.setsockopt(socket.SOL_SOCKET, socket.SO_SNDBUF, PIECE)  # what waits here counts as moved
         pair = Pair(near, far)
         with self.lock:
             self.pairs.append(pair)
@@ -153,6 +153,7 @@ class ProxyLink:
             while self.stalled and not pair.silent and not self.ended:
                 self.lock.wait()
             pair.n_bytes += n_bytes
+            self.n_bytes += n_bytes
             if not self.rate or not n_bytes:
                 return
             now = time.monotonic()

@@ -50,17 +50,23 @@ class Trial:
             product.client = self.client
             try:
                 self.play(product, site)
+                if self.case.later:
+                    self.fetch_rest(product)
             finally:
                 with contextlib.suppress(RuntimeError):  # it may have gone with its run
                     product.tavrin("umount", self.image)
         self.judge()
+        if site.moved:
+            name = "img.zqf.zst" if self.outcome.form == "packed" else "img.zqf"
+            self.outcome.ratio = site.moved() / (self.served / name).stat().st_size
         return self.outcome
 
     def play(self, product, site):
         env = {name: value for name, value in product.env.items() if not name.lower().endswith("_proxy")}
         env.update(site.env, TAVRIN_PLAYED=str(self.played), TAVRIN_PACE=str(self.case.pace))
         url = site.url + self.outcome.form + site.query
-        words = [self.client, "run", self.image, "--url", url, "--now", "--keep-mounted"]
+        words = [self.client, "run", self.image, "--url", url, "--now"]
+        words += [] if self.case.later else ["--keep-mounted"]
         words += ["--rate", RATES[self.outcome.form], "--report", self.report]
         begin = time.monotonic()
         self.limit = begin + self.case.limit_s
@@ -79,6 +85,17 @@ class Trial:
                     product.close()  # reads that nobody answers end with the service
         self.outcome.seconds = time.monotonic() - begin
         self.outcome.client_code = self.process.returncode
+
+    def fetch_rest(self, product):
+        with open(self.log, "ab") as log:
+            words = [str(self.client), "fetch", str(self.image)]
+            try:
+                fetched = subprocess.run(words, env=product.env, stdout=log, stderr=log, timeout=60, check=False)
+            except subprocess.TimeoutExpired:
+                self.outcome.faults.append("hang: the rest is not there after 60 s")
+                return
+        if fetched.returncode != 0:
+            self.outcome.faults.append(f"exit code of the fetch {fetched.returncode}")
 
     def judge(self):
         outcome, faults = self.outcome, self.outcome.faults
