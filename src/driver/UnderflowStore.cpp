@@ -190,8 +190,12 @@ void UnderflowStore::dropPassed() {
         first = behind;
     }
     if (order.size() > 2 * nInMemory.load() + MAX_STALE) {
+        std::deque<uint64> left;
         const SxMutexBlock lock(&memoryMutex);
-        std::erase_if(order, [this](uint64 zqfIdx) { return !memory.contains(zqfIdx); });
+        for (const uint64 zqfIdx : order) {
+            if (memory.contains(zqfIdx)) left.push_back(zqfIdx);
+        }
+        order.swap(left);
     }
     lowest = findMarked(end, {nBlocks});
     if (lowest.value == nBlocks) lowest = {~uint64{0}};
