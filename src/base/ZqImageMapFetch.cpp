@@ -111,7 +111,7 @@ void ZqImageMapFetch::download(const Form& form) const {
 /// Makes the map of what came, where that is right.
 void ZqImageMapFetch::take(const Form& form) const {
     const SxString map = folder + ZqImageFiles::IDX;
-    const SxString address = ZqRemoteFile::urlIn(url, form.name).makeVisible();
+    const SxString address = ZqUrlText::of(ZqRemoteFile::urlIn(url, form.name));
     if (form.isPacked) {
         try {
             decode(form.part);

@@ -67,7 +67,8 @@ ZqImageRecords::ZqImageRecords(const SxPtr<ZqNetLink>& link_, const SxString& im
                                const SxString& folderUrl, const SxArray<SxString>& headers_)
     : link(link_),
       folder(ZqImageFolder::prefix(image)),
-      url(folderUrl),
+      address(folderUrl),
+      url(ZqUrlText::of(folderUrl)),
       headers(headers_) {
 }
 
@@ -87,7 +88,7 @@ bool ZqImageRecords::holdsPart(const SxString& image) {
 }
 
 SxPtr<ZqRemoteFile> ZqImageRecords::remote(const char* name, uint64 expectedSize) const {
-    return SxPtr<ZqRemoteFile>::create(link, urlOf(name), headers, expectedSize);
+    return SxPtr<ZqRemoteFile>::create(link, ZqRemoteFile::urlIn(address, name), headers, expectedSize);
 }
 
 bool ZqImageRecords::hasBlocks() const {
@@ -177,7 +178,7 @@ void ZqImageRecords::fetchRest(const ZqAppParams& app, const ZqStopTest& stop) {
     const bool needsDigest = needsMap && app.checksumIdx.isEmpty();
     const bool needsParams = !SxFSAction::test_f(params);
     Fetch paramsFetch(remote(ZqImageFiles::IMAGE_JSON), params + NEW, MAX_RECORD, false, stop);
-    ZqImageMapFetch mapFetch(link, folder, url, headers, app, stop);
+    ZqImageMapFetch mapFetch(link, folder, address, headers, app, stop);
     Fetch digestFetch(remote(ZqImageFiles::IDX_MD5, MD5_SIZE), digest, MD5_SIZE, true, stop);
     if (needsParams) paramsFetch.start();
     if (needsMap) {
@@ -214,7 +215,7 @@ bool ZqImageRecords::isSameOnServer(const ZqAppParams& own, const ZqStopTest& st
         if (SxFSAction::exists(file)) SxFSAction::rm(file);
         // A page to log in to, say.
         throw SxException(ZqNetLink::WRONG,
-                          "Cannot use '" + ZqUrlText::of(urlOf(ZqImageFiles::APP_JSON)) +
+                          "Cannot use '" + urlOf(ZqImageFiles::APP_JSON) +
                               "': " + e.toString(SxException::ShowMessage, ": "),
                           UNIT, __LINE__);
     }

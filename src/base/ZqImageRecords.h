@@ -3,6 +3,7 @@
 #include "SxArray.h"
 #include "ZqAppParams.h"
 #include "ZqRemoteFile.h"
+#include "ZqUrlText.h"
 
 /// Brings the records of an image (all of its files but `img.zqf`) from its server into its folder. Each is
 /// put in place as a whole; `app.json`, which the others are checked against, comes first. For one thread.
@@ -31,7 +32,8 @@ public:
 private:
     class Fetch;
 
-    SxString urlOf(const char* name) const { return ZqRemoteFile::urlIn(url, name); }
+    /// A record's address as texts show it.
+    SxString urlOf(const char* name) const { return ZqUrlText::of(ZqRemoteFile::urlIn(address, name)); }
     SxPtr<ZqRemoteFile> remote(const char* name, uint64 expectedSize = ZqRemoteFile::UNKNOWN) const;
     bool hasBlocks() const;
     bool hasMap(const ZqAppParams& app) const;
@@ -39,7 +41,8 @@ private:
     void requireSame(const ZqAppParams& own, const ZqAppParams& server) const;
 
     const SxPtr<ZqNetLink> link;
-    const SxString folder; ///< with a slash at the end
-    const SxString url;
+    const SxString folder;  ///< with a slash at the end
+    const SxString address; ///< the folder's
+    const SxString url;     ///< the same as texts show it
     const SxArray<SxString> headers;
 };

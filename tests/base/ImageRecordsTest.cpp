@@ -46,15 +46,16 @@ TEST(ImageRecords, tellWhetherTheServerHasAnotherVersion) {
         SCOPED_TRACE(each.name);
         const ScriptedServer server([&](const std::string&) { return each.response; });
         const ZqImageRecords records(SxPtr<ZqNetLink>::create(quickSettings()), dir.prefix(),
-                                     SxString(server.url("game")), {});
+                                     SxString(server.url("game?token=hidden")), {});
         try {
             EXPECT_EQ(records.isSameOnServer(own, nullptr), each.isSame);
             EXPECT_STREQ(each.tag, "");
         } catch (const SxException& e) {
             EXPECT_STRNE(each.tag, "") << e.what();
             EXPECT_TRUE(e.hasTag(each.tag)) << e.what();
+            EXPECT_THAT(std::string(e.what()), testing::Not(testing::HasSubstr("hidden")));
         }
-        EXPECT_THAT(server.requests().back(), testing::StartsWith("GET /game/app.json HTTP"));
+        EXPECT_THAT(server.requests().back(), testing::StartsWith("GET /game/app.json?token=hidden HTTP"));
         EXPECT_EQ(dir.read("app.json"), same);
         EXPECT_EQ(dir.snapshot(), before) << "it leaves something behind";
     }
