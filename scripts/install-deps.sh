@@ -11,7 +11,6 @@
 # Says and touches nothing where all is there already.
 set -euo pipefail
 
-starts_nothing= # whether no service of the packages may be started
 packages=(
     g++ cmake ninja-build pkg-config ccache python3
     libssl-dev libarchive-dev libzstd-dev libcurl4-openssl-dev libcpp-httplib-dev nlohmann-json3-dev
@@ -32,7 +31,6 @@ for group in "$@"; do
         ;;
     servers)
         packages+=(nginx apache2-bin lighttpd haproxy varnish squid tinyproxy busybox caddy openssl media-types)
-        starts_nothing=yes
         ;;
     *)
         echo "install-deps.sh: no group \"$group\" (there are: clang, lint, fuzz, demo, package, peers, servers)" >&2
@@ -60,9 +58,9 @@ else
     exit 1
 fi
 
-# The trials start their servers themselves; a service of the system with the same name would take ports 80 and 443.
+# Tests start their servers themselves; those of the system that come with the packages stay as they are, stopped.
 policy=/usr/sbin/policy-rc.d
-if [[ -n $starts_nothing && ! -e $policy ]]; then
+if [[ ! -e $policy ]]; then
     trap '"${as_root[@]}" rm -f "$policy"' EXIT
     printf '#!/bin/sh\nexit 101\n' | "${as_root[@]}" tee "$policy" >/dev/null
     "${as_root[@]}" chmod 755 "$policy"
