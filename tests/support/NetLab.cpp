@@ -14,6 +14,7 @@ ZqNetSettings quickSettings() {
     settings.firstBackOffMs = 10;
     settings.maxBackOffMs = 50;
     settings.nRangeTries = 3;
+    settings.busyMs = 0;
     return settings;
 }
 

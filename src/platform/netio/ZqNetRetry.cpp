@@ -1,5 +1,7 @@
 #include "ZqNetRetry.h"
 
+#include "SxClock.h"
+
 #include <algorithm>
 
 namespace {
@@ -19,10 +21,27 @@ SxString ordinal(int64 n) {
 
 } // namespace
 
+ZqNetRetry::ZqNetRetry(const SxPtr<ZqNetLink>& link_, int64 nTries_)
+    : link(link_),
+      nMax(nTries_),
+      seenNs(SxClock::get().steadyNs()) {
+}
+
 void ZqNetRetry::progress() {
     if (nFailed == 0) return;
-    nFailed = nBroken = 0;
+    nFailed = nBroken = nBusy = busyNs = 0;
     link->setWaiting(this, "");
+}
+
+/// Whether the server is there and only wants to be left alone, within the time for which that is no try in
+/// vain.
+bool ZqNetRetry::isAskedTooMuch(const SxException& e) {
+    const int64 now = SxClock::get().steadyNs(), refusedNs = link->getRefusedNs();
+    const bool isRefused = e.hasTag(ZqNetLink::UNREACHABLE) && refusedNs > seenNs;
+    seenNs = now;
+    if (!isRefused) return false;
+    if (busyNs == 0) busyNs = now;
+    return now - busyNs <= link->getSettings().busyMs * 1'000'000;
 }
 
 void ZqNetRetry::failed(const SxException& e, const ZqStopTest& stop) {
@@ -30,13 +49,21 @@ void ZqNetRetry::failed(const SxException& e, const ZqStopTest& stop) {
     if (!isBroken && !e.hasTag(ZqNetLink::UNREACHABLE)) throw e;
     link->checkStop(stop);
     const ZqNetSettings& settings = link->getSettings();
+    const bool isBusy = isAskedTooMuch(e);
     ++nFailed;
     if (isBroken) ++nBroken;
-    if ((nMax > 0 && nFailed >= nMax) || (settings.nBrokenTries > 0 && nBroken >= settings.nBrokenTries)) {
+    if (isBusy) ++nBusy;
+    if ((nMax > 0 && nFailed - nBusy >= nMax) ||
+        (settings.nBrokenTries > 0 && nBroken >= settings.nBrokenTries)) {
         throw SxException(e, "Gave up after " + SxString(nFailed) + " tries", UNIT, __LINE__);
     }
     link->setWaiting(this,
                      "waiting for the server: " + e.getMessage() + " (" + ordinal(nFailed + 1) + " try)");
+    if (isBusy) {
+        // How long nothing is asked of it is the same for all requests of the link, and known there.
+        link->sleep(settings.firstBackOffMs, stop);
+        return;
+    }
     const int64 nDoubled = std::min<int64>(nFailed - 1, 16);
     const int64 pauseMs = std::min(settings.firstBackOffMs << nDoubled, settings.maxBackOffMs);
     if (isBroken || nMax > 0) {

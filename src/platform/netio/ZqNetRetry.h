@@ -7,7 +7,7 @@
 class ZqNetRetry {
 public:
     /// A request whose server can't be reached is made `nTries_` times, 0 without end.
-    ZqNetRetry(const SxPtr<ZqNetLink>& link_, int64 nTries_) : link(link_), nMax(nTries_) {}
+    ZqNetRetry(const SxPtr<ZqNetLink>& link_, int64 nTries_);
     ~ZqNetRetry() { progress(); }
     ZqNetRetry(const ZqNetRetry&) = delete;
     ZqNetRetry& operator=(const ZqNetRetry&) = delete;
@@ -21,6 +21,12 @@ public:
 private:
     const SxPtr<ZqNetLink> link;
     int64 nMax;
-    int64 nFailed = 0; ///< in a row
-    int64 nBroken = 0; ///< in a row
+    bool isAskedTooMuch(const SxException& e);
+
+    // In a row.
+    int64 nFailed = 0;
+    int64 nBroken = 0;
+    int64 nBusy = 0;  ///< answers of a server that is asked too much, that don't count as tries
+    int64 seenNs;     ///< refusals up to then were of earlier requests, on the steady clock
+    int64 busyNs = 0; ///< when the first of those answers came
 };

@@ -1,10 +1,14 @@
 #include "ZqRangeReader.h"
 
+#include "SxClock.h"
+
+#include <algorithm>
 #include <cstring>
 
 namespace {
 
 constexpr const char* UNIT = "src/platform/netio/ZqRangeReader";
+constexpr int64 MS = 1'000'000;
 constexpr uint64 UNKNOWN = ZqRemoteFile::UNKNOWN;
 /// Tag: the bytes so far are of another version than those that follow.
 constexpr const char* MOVED = "Moved";
@@ -27,6 +31,7 @@ ZqRangeReader::~ZqRangeReader() {
 }
 
 void ZqRangeReader::abandon() {
+    dropSecond();
     if (transfer && !transfer->isFinished()) link->drop(transfer);
     setTransfer(nullptr);
 }
@@ -48,14 +53,21 @@ ZqTransfer::Request ZqRangeReader::makeRequest() const {
     return request;
 }
 
+/// A request for what is left, and what becomes of its answer.
+SxPtr<ZqTransfer> ZqRangeReader::makeTransfer(SxPtr<ZqRangeAnswer>* to) const {
+    ZqTransfer::Request request = makeRequest();
+    const auto made = SxPtr<ZqRangeAnswer>::create(facts, pos, end, request.url, isVouched);
+    request.check = [made](const ZqTransfer::Response& response) { made->check(response); };
+    request.part = made->getPart();
+    *to = made;
+    return SxPtr<ZqTransfer>::create(std::move(request));
+}
+
 void ZqRangeReader::begin() {
     if (transfer) return;
-    ZqTransfer::Request request = makeRequest();
-    answer = SxPtr<ZqRangeAnswer>::create(facts, pos, end, request.url, isVouched);
-    request.check = [answer_ = answer](const ZqTransfer::Response& response) { answer_->check(response); };
-    request.part = answer->getPart();
+    hadSecond = false;
+    setTransfer(makeTransfer(&answer));
     isFresh = true;
-    setTransfer(SxPtr<ZqTransfer>::create(std::move(request)));
     link->add(transfer);
 }
 
@@ -70,6 +82,7 @@ void ZqRangeReader::become(ZqTransfer::Kind other) {
     const SxMutexBlock lock(&transferMutex);
     if (kind == other) return;
     kind = other;
+    if (kind == ZqTransfer::Kind::OnDemand) hastenedNs = SxClock::get().steadyNs();
     if (transfer) transfer->become(kind);
 }
 
@@ -83,13 +96,69 @@ void ZqRangeReader::noteVersion() {
     throw SxException(MOVED, "The file goes on in another version", UNIT, __LINE__);
 }
 
+/// Whether somebody has waited for so long that the connection may be dead.
+bool ZqRangeReader::isOverdue() {
+    const int64 movedNs = transfer->getMovedNs();
+    if (hadSecond || movedNs == 0) return false;
+    const SxMutexBlock lock(&transferMutex);
+    const int64 silentNs = SxClock::get().steadyNs() - std::max(movedNs, hastenedNs);
+    return kind == ZqTransfer::Kind::OnDemand && silentNs >= link->getSettings().secondMs * MS;
+}
+
+void ZqRangeReader::beginSecond() {
+    hadSecond = true;
+    second = makeTransfer(&secondAnswer);
+    second->become(ZqTransfer::Kind::OnDemand);
+    link->suspect(transfer);
+    link->add(second);
+}
+
+/// The second goes on alone.
+void ZqRangeReader::takeSecond() {
+    if (!transfer->isFinished()) link->drop(transfer);
+    answer = secondAnswer;
+    isFresh = true;
+    // Where it has brought nothing either, it gets no further one.
+    hadSecond = second->isSilent();
+    setTransfer(second);
+    second = nullptr;
+}
+
+void ZqRangeReader::dropSecond() {
+    if (second && !second->isFinished()) link->drop(second);
+    second = nullptr;
+}
+
+/// The next bytes, or the end, of whichever request answers first. Both go on from the same byte, and nothing
+/// is taken of the one that loses.
+ZqTransfer::Next ZqRangeReader::awaitPiece(SxArray<char>* piece, const ZqStopTest& stop) {
+    for (;;) {
+        link->checkStop(stop);
+        try {
+            const ZqTransfer::Next got = transfer->next(piece);
+            if (got != ZqTransfer::Next::Waiting) {
+                dropSecond();
+                return got;
+            }
+        } catch (const SxException& e) {
+            const bool mayPass = e.hasTag(ZqNetLink::UNREACHABLE) || e.hasTag(ZqNetLink::BROKEN);
+            if (!second || !mayPass) throw;
+            takeSecond();
+            continue;
+        }
+        if (second && second->isBroken()) {
+            dropSecond();
+        } else if (second && !second->isSilent()) {
+            takeSecond();
+        } else if (!second && isOverdue()) {
+            beginSecond();
+        }
+    }
+}
+
 /// Where a request ends ahead of all, the piece may be empty. False at the end of all.
 bool ZqRangeReader::takePiece(SxArray<char>* piece, const ZqStopTest& stop) {
-    ZqTransfer::Next got = ZqTransfer::Next::Waiting;
-    while (got == ZqTransfer::Next::Waiting) {
-        link->checkStop(stop);
-        got = transfer->next(piece);
-    }
+    const ZqTransfer::Next got = awaitPiece(piece, stop);
     if (isFresh) noteVersion();
     isFresh = isVouched = false;
     end = answer->getWantedEnd();

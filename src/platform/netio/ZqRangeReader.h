@@ -42,6 +42,12 @@ public:
 private:
     void become(ZqTransfer::Kind other);
     ZqTransfer::Request makeRequest() const;
+    SxPtr<ZqTransfer> makeTransfer(SxPtr<ZqRangeAnswer>* to) const;
+    ZqTransfer::Next awaitPiece(SxArray<char>* piece, const ZqStopTest& stop);
+    bool isOverdue();
+    void beginSecond();
+    void takeSecond();
+    void dropSecond();
     bool takePiece(SxArray<char>* piece, const ZqStopTest& stop);
     void abandon();
     void noteVersion();
@@ -55,6 +61,7 @@ private:
     SxMutex transferMutex; ///< also over changes of `transfer` by the reader's thread, for become()
     const ZqTransfer::Kind requested; ///< tells the connection that it takes
     ZqTransfer::Kind kind SX_GUARDED_BY(transferMutex);
+    int64 hastenedNs SX_GUARDED_BY(transferMutex) = 0; ///< since when somebody waits, if not from the begin
     uint64 pos = 0, end = 0;
     bool fresh = false;
     SxArray<char> rest; ///< a piece of which read() has given the first `nGiven` bytes
@@ -66,5 +73,9 @@ private:
     bool inUnit = false;         ///< the bytes from `unitBegin` on must be of one version
     uint64 unitBegin = 0;
     int64 version = -1; ///< of the last answer
+    /// The same request over another connection, beside one that has been silent.
+    SxPtr<ZqTransfer> second;
+    SxPtr<ZqRangeAnswer> secondAnswer;
+    bool hadSecond = false; ///< the request under way
     ZqNetRetry retry;
 };

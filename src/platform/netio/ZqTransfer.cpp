@@ -1,5 +1,6 @@
 #include "ZqTransfer.h"
 
+#include "SxClock.h"
 #include "ZqNetLink.h"
 
 #include <algorithm>
@@ -133,12 +134,28 @@ bool ZqTransfer::isFinished() const {
     return ended;
 }
 
+bool ZqTransfer::isSilent() const {
+    SxMutexBlock lock(&mutex);
+    return pieces.empty() && !ended;
+}
+
+bool ZqTransfer::isBroken() const {
+    SxMutexBlock lock(&mutex);
+    const bool mayPass = failure.hasTag(ZqNetLink::UNREACHABLE) || failure.hasTag(ZqNetLink::BROKEN);
+    return pieces.empty() && failed && mayPass;
+}
+
+void ZqTransfer::setBegun() {
+    movedNs.store(SxClock::get().steadyNs());
+}
+
 bool ZqTransfer::hasRoom() const {
     SxMutexBlock lock(&mutex);
     return nBuffered < request.maxBuffered;
 }
 
 bool ZqTransfer::append(const char* bytes, size_t n) {
+    movedNs.store(SxClock::get().steadyNs());
     if (!request.part) {
         store(bytes, n);
         return true;

@@ -72,13 +72,17 @@ public:
     enum class Next { Taken, Waiting, Ended };
     Next next(SxArray<char>* piece);
     bool isFinished() const;
-    /// Whether the server has been asked yet.
-    bool hasBegun() const noexcept { return begun.load(); }
+    /// Whether next() would wait.
+    bool isSilent() const;
+    /// Whether it has failed without bytes, and would be tried again.
+    bool isBroken() const;
+    /// When the server was asked or bytes came last, on the steady clock; 0 ahead of both.
+    int64 getMovedNs() const noexcept { return movedNs.load(); }
 
     // For the network thread.
     /// Called when a consumer has made room again.
     void setWake(std::function<void()> wake_);
-    void setBegun() noexcept { begun.store(true); }
+    void setBegun();
     bool hasRoom() const;
     /// False where that was more than is wanted: it has ended then.
     bool append(const char* bytes, size_t n);
@@ -90,7 +94,7 @@ private:
 
     const Request request;
     std::atomic<Kind> kind;
-    std::atomic<bool> begun{false};
+    std::atomic<int64> movedNs{0};
 
     mutable SxMutex mutex;
     std::function<void()> wake SX_GUARDED_BY(mutex);

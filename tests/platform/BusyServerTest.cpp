@@ -1,0 +1,244 @@
+#include "Builders.h"
+#include "NetLab.h"
+#include "SxClock.h"
+#include "SxException.h"
+#include "SxTime.h"
+#include "ZqNetGate.h"
+#include "ZqRemoteFile.h"
+#include "ZqTransfer.h"
+
+#include <atomic>
+#include <deque>
+#include <gmock/gmock.h>
+#include <thread>
+
+using testing::HasSubstr;
+
+namespace {
+
+constexpr int64 MS = 1'000'000, SECOND = 1'000 * MS;
+
+int64 nowMs() {
+    return SxClock::get().steadyNs() / MS;
+}
+
+std::string refusal(int status, const std::string& lines = "") {
+    return "HTTP/1.1 " + std::to_string(status) + " No\r\nConnection: close\r\nContent-Length: 0\r\n" +
+           lines + "\r\n";
+}
+
+std::string whole(const std::string& file) {
+    return "HTTP/1.1 200 OK\r\nConnection: close\r\nContent-Length: " + std::to_string(file.size()) +
+           "\r\n\r\n" + file;
+}
+
+std::string answer(const std::string& request, const std::string& file) {
+    return request.find("Range:") == std::string::npos ? whole(file) : ScriptedServer::ranged(request, file);
+}
+
+ZqTransfer::Response responseOf(std::initializer_list<const char*> lines) {
+    ZqTransfer::Response response;
+    for (const char* line : lines)
+        response.takeHeader(line);
+    return response;
+}
+
+} // namespace
+
+TEST(BusyServer, saysHowLongToWait) {
+    constexpr int64 SYSTEM_MS = 1'700'000'000'000; // Tue, 14 Nov 2023 22:13:20 GMT
+    const char* const then = "Retry-After: Tue, 14 Nov 2023 22:13:50 GMT";
+    const struct {
+        std::initializer_list<const char*> lines;
+        int64 ms;
+    } cases[] = {
+        {{"HTTP/1.1 503 No"}, -1},
+        {{"Retry-After: 120"}, 120'000},
+        {{"retry-after:0\r\n"}, 0},
+        {{"Retry-After: soon"}, -1},
+        {{"Retry-After: -5"}, -1},
+        {{"Retry-After: 12 s"}, -1},
+        {{"Retry-After: 99999999999999999"}, int64{365} * 86'400'000},
+        {{then}, 30'000},
+        // By the server's own clock, which may be wrong.
+        {{then, "Date: Tue, 14 Nov 2023 22:13:40 GMT"}, 10'000},
+        {{"Date: Tue, 14 Nov 2023 22:14:40 GMT", then}, 0},
+        {{then, "Date: yesterday"}, 30'000},
+    };
+    for (const auto& [lines, ms] : cases)
+        EXPECT_EQ(responseOf(lines).retryAfterMs(SYSTEM_MS), ms) << *lines.begin();
+}
+
+TEST(BusyServer, isAskedStepByStep) {
+    ZqNetGate gate{ZqNetSettings()};
+    const ZqNetGate::Request waitedFor{true, false}, ahead{false, false}, ordered{false, true};
+    int64 now = 100 * SECOND;
+    EXPECT_TRUE(gate.mayBegin(ahead, 50, now));
+    // It asks for more than is sensible.
+    gate.refused(now - SECOND, 3'600'000, 7, now);
+    EXPECT_FALSE(gate.mayBegin(waitedFor, 0, now + 9 * SECOND));
+    EXPECT_TRUE(gate.mayBegin(waitedFor, 0, now + 11 * SECOND));
+    EXPECT_FALSE(gate.mayBegin(waitedFor, 1, now + 11 * SECOND));
+    EXPECT_FALSE(gate.mayBegin(ordered, 0, now + 299 * SECOND));
+    EXPECT_TRUE(gate.mayBegin(ordered, 0, now + 301 * SECOND));
+    // An answer to a request that was sent before tells nothing; one to a later request opens it.
+    gate.answered(now - SECOND, now + SECOND);
+    EXPECT_FALSE(gate.mayBegin(ordered, 0, now + 20 * SECOND));
+    now += 11 * SECOND;
+    gate.answered(now, now + MS);
+    EXPECT_TRUE(gate.mayBegin(ordered, 0, now + MS));
+    // Half of the eight, and by and by more.
+    now += SECOND;
+    gate.refused(now - MS, -1, 7, now);
+    now += 4 * SECOND / 10;
+    EXPECT_TRUE(gate.mayBegin(ahead, 3, now));
+    EXPECT_FALSE(gate.mayBegin(ahead, 4, now));
+    gate.answered(now, now + 2 * SECOND);
+    EXPECT_TRUE(gate.mayBegin(ahead, 5, now + 2 * SECOND));
+    EXPECT_FALSE(gate.mayBegin(ahead, 6, now + 2 * SECOND));
+    gate.answered(now, now + 60 * SECOND);
+    EXPECT_TRUE(gate.mayBegin(ahead, 50, now + 60 * SECOND));
+}
+
+TEST(BusyServer, getsFewRequestsBeyondItsLimit) {
+    TestRandom random;
+    const std::string file = random.bytes(100'000);
+    // Five in a second.
+    std::deque<int64> taken;
+    std::atomic<int> nRefused{0}, nTaken{0};
+    const ScriptedServer server([&](const std::string& request) {
+        const int64 now = nowMs();
+        while (!taken.empty() && now - taken.front() >= 1000)
+            taken.pop_front();
+        if (taken.size() >= 5) {
+            ++nRefused;
+            return refusal(nRefused % 2 == 0 ? 503 : 429);
+        }
+        ++nTaken;
+        taken.push_back(now);
+        return answer(request, file);
+    });
+    const auto link = SxPtr<ZqNetLink>::create(ZqNetSettings());
+    const int64 endMs = nowMs() + 5'000;
+    std::vector<std::thread> readers;
+    for (int i = 0; i < 3; ++i) {
+        readers.emplace_back([&, i] {
+            ZqRemoteFile remote(link, SxString(server.url("f")));
+            std::string buffer(1000, '\0');
+            for (uint64 offset = static_cast<uint64>(i); nowMs() < endMs; offset += 1000) {
+                remote.read(offset % 90'000, 1000, buffer.data());
+                EXPECT_TRUE(buffer == file.substr(offset % 90'000, 1000));
+            }
+        });
+    }
+    for (std::thread& reader : readers)
+        reader.join();
+    EXPECT_LE(nRefused, 12);
+    EXPECT_GE(nTaken, 10);
+}
+
+TEST(BusyServer, isLeftAloneByAllAsLongAsItAsks) {
+    const std::string file(1000, 'x');
+    std::atomic<int64> refusedMs{0}, againMs{0};
+    const ScriptedServer server([&](const std::string& request) {
+        if (refusedMs == 0) {
+            refusedMs = nowMs();
+            return refusal(503, "Retry-After: 1\r\n");
+        }
+        if (againMs == 0) againMs = nowMs();
+        return answer(request, file);
+    });
+    const auto link = SxPtr<ZqNetLink>::create(quickSettings());
+    std::thread other([&] {
+        ZqRemoteFile remote(link, SxString(server.url("other")));
+        ASSERT_TRUE(SxWait::pass(5000, [&] { return link->getRefusedNs() != 0; }));
+        EXPECT_EQ(remote.get(1000).getSize(), 1000);
+    });
+    std::string status;
+    std::thread watcher([&] {
+        SxWait::pass(5000, [&] {
+            status = link->getStatus().str();
+            return !status.empty();
+        });
+    });
+    char buffer[10];
+    ZqRemoteFile(link, SxString(server.url("f"))).read(0, 10, buffer);
+    other.join();
+    watcher.join();
+    EXPECT_GE(againMs - refusedMs, 990);
+    EXPECT_LT(againMs - refusedMs, 2'500);
+    EXPECT_THAT(status, HasSubstr("the server answers 503, and asks to wait 1 s"));
+    EXPECT_EQ(link->getStatus().str(), "");
+}
+
+TEST(BusyServer, isWaitedForNoLongerThanAStop) {
+    const ScriptedServer server([](const std::string&) { return refusal(429, "Retry-After: 100\r\n"); });
+    for (const auto kind : {ZqTransfer::Kind::OnDemand, ZqTransfer::Kind::Small, ZqTransfer::Kind::Ordered}) {
+        const auto link = SxPtr<ZqNetLink>::create(ZqNetSettings());
+        ZqRemoteFile remote(link, SxString(server.url("f")));
+        std::atomic<bool> stopped{false};
+        std::atomic<int64> stoppedMs{0}, endedMs{0};
+        std::thread reader([&] {
+            const ZqStopTest stop = [&] { return stopped.load(); };
+            char buffer[10];
+            try {
+                if (kind == ZqTransfer::Kind::OnDemand) remote.read(0, 10, buffer, stop);
+                if (kind == ZqTransfer::Kind::Small) remote.get(10, stop);
+                remote.stream(
+                    0, [](const char*, int64) { return true; }, stop);
+                ADD_FAILURE() << "it was answered";
+            } catch (const SxException& e) {
+                EXPECT_TRUE(e.hasTag(SxException::STOPPED)) << e.what();
+            }
+            endedMs = nowMs();
+        });
+        EXPECT_TRUE(SxWait::pass(5000, [&] { return link->getRefusedNs() != 0; }));
+        SxTime::msleep(300);
+        stoppedMs = nowMs();
+        stopped = true;
+        reader.join();
+        EXPECT_LE(endedMs - stoppedMs, 100);
+    }
+}
+
+TEST(BusyServer, andOneThatBreaksOffGivesSmallFilesAsItGivesRanges) {
+    TestRandom random;
+    const std::string file = random.bytes(10'000);
+    const struct {
+        const char* name;
+        std::function<std::string(int nth, const std::string& request)> answer;
+    } cases[] = {
+        {"asked too much",
+         [&](int nth, const std::string& request) { return nth < 5 ? refusal(503) : answer(request, file); }},
+        {"breaks off later each time",
+         [&](int nth, const std::string& request) {
+             const std::string all = answer(request, file);
+             const size_t left = all.size() - all.find("\r\n\r\n");
+             return nth < 8 ? all.substr(0, all.size() - left + left * static_cast<size_t>(nth + 1) / 10)
+                            : all;
+         }},
+    };
+    for (const auto& each : cases) {
+        for (const bool isRange : {false, true}) {
+            SCOPED_TRACE(std::string(each.name) + (isRange ? ", a range" : ", a file"));
+            int nth = 0;
+            const ScriptedServer server(
+                [&](const std::string& request) { return each.answer(nth++, request); });
+            // Three tries in vain are the end.
+            ZqNetSettings settings = quickSettings();
+            settings.busyMs = 60'000;
+            ZqRemoteFile remote(SxPtr<ZqNetLink>::create(settings), SxString(server.url("f")));
+            std::string bytes(file.size(), '\0');
+            try {
+                if (isRange) {
+                    remote.read(0, file.size(), bytes.data());
+                } else {
+                    bytes = SxString(remote.get(10'000)).str();
+                }
+            } catch (const SxException& e) {
+                ADD_FAILURE() << e.what();
+            }
+            EXPECT_TRUE(bytes == file);
+        }
+    }
+}
