@@ -235,9 +235,11 @@ void ZqFileFacts::settle(const ZqStopTest& stop) {
     bool isStillSame = false;
     try {
         isStillSame = test(stop);
-    } catch (const SxException&) {
+    } catch (const SxException& e) {
         end(false);
-        throw;
+        const bool mayPass = e.hasTag(ZqNetLink::UNREACHABLE) || e.hasTag(ZqNetLink::BROKEN);
+        if (mayPass || e.hasTag(SxException::STOPPED)) throw;
+        throw SxException(e, open.front().text, UNIT, __LINE__);
     }
     end(isStillSame);
     for (const Doubt& doubt : open) {
