@@ -9,7 +9,7 @@ constexpr const char* UNIT = "src/base/ZqMountMgr";
 
 void ZqDriveStatus::require(int status, const SxString& words, int line) {
     if (status == 0) return;
-    const SxString reason = ZqVolume::getLastFailure();
-    if (reason.isEmpty()) throw SxException(words, UNIT, line);
-    throw SxException(SxException(reason, UNIT, line), words, UNIT, line);
+    const SxException reason = ZqVolume::getLastException(UNIT, line);
+    if (reason.getMessage().isEmpty()) throw SxException(words, UNIT, line);
+    throw SxException(reason, words, UNIT, line);
 }

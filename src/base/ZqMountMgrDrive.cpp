@@ -9,6 +9,7 @@
 #include "ZqStreamRecord.h"
 #include "ZqTraceFiles.h"
 #include "ZqTraceParams.h"
+#include "ZqVolume.h"
 #include "zqdevctl.h"
 
 #include <algorithm>
@@ -61,8 +62,10 @@ template<class Calls>
 auto flattened(const SxString& words, Calls&& calls) {
     try {
         return calls();
-    } catch (const std::exception& e) {
-        throw SxException(words + ": TAVRIN Driver error: " + e.what(), UNIT, __LINE__);
+    } catch (const SxException& e) {
+        const SxString text = words + ": TAVRIN Driver error: " + e.what();
+        if (e.hasTag(ZqVolume::SILENT)) throw SxException(ZqVolume::SILENT, text, UNIT, __LINE__);
+        throw SxException(text, UNIT, __LINE__);
     }
 }
 

@@ -24,6 +24,12 @@ SxException::SxException(const SxString& tag_, const SxString& message_, const S
       line(line_) {
 }
 
+SxException SxException::tagged(const SxString& kind) const {
+    SxException result = *this;
+    result.tag = kind;
+    return result;
+}
+
 bool SxException::hasTag(const SxString& wanted) const {
     for (const SxException* e = this; e; e = e->cause.get()) {
         if (e->tag == wanted) return true;

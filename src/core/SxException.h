@@ -23,6 +23,9 @@ public:
     /// A level with the tag of its kind, such as "FileWriteError".
     SxException(const SxString& tag, const SxString& message, const SxString& file, int line);
 
+    /// The same failure with a tag of its kind on the outermost level.
+    SxException tagged(const SxString& kind) const;
+
     const SxString& getMessage() const noexcept { return message; }
     const SxString& getFile() const noexcept { return file; }
     const SxString& getTag() const noexcept { return tag; }

@@ -32,7 +32,7 @@ constexpr int MAX_TRIES = 4;
 std::atomic<int> cacheSize{-1}; // bytes; -1: never set
 
 thread_local SxString lastFailure;
-thread_local bool lastBusy = false, lastCutOff = false;
+thread_local bool lastBusy = false, lastCutOff = false, lastSilent = false;
 
 /// This thread's connection. A child process must not share it, so it knows whose it is.
 struct Connection {
@@ -151,7 +151,8 @@ bool exchange(unsigned kind, const std::string& body, Message* answer) {
         socklen_t size = sizeof peer;
         ::getsockopt(connection.fd, SOL_SOCKET, SO_PEERCRED, &peer, &size);
         connection.close();
-        throw SxException("The drive service (process " + SxString(peer.pid) + ") doesn't answer", UNIT,
+        throw SxException(ZqVolume::SILENT,
+                          "The drive service (process " + SxString(peer.pid) + ") doesn't answer", UNIT,
                           __LINE__);
     }
     *answer = std::move(*message);
@@ -180,7 +181,7 @@ bool connectTo(const std::string& root, const std::string& folder, ZqServiceClie
 
 bool ZqServiceClient::call(Call call, const Writer& request, Reader* answer, Start start) {
     lastFailure = SxString();
-    lastCutOff = false;
+    lastCutOff = lastSilent = false;
     try {
         const std::string root = ZqMachineRoot::get().str(), folder = ZqServiceFolder::of(root);
         bool isNew = false;
@@ -205,12 +206,17 @@ bool ZqServiceClient::call(Call call, const Writer& request, Reader* answer, Sta
         lastFailure = "The drive service doesn't answer";
     } catch (const SxException& e) {
         lastFailure = e.toString(SxException::ShowMessage, ": ");
+        lastSilent = e.hasTag(ZqVolume::SILENT);
     }
     return false;
 }
 
 bool ZqServiceClient::wasCutOff() {
     return lastCutOff;
+}
+
+bool ZqServiceClient::wasSilent() {
+    return lastSilent;
 }
 
 bool ZqServiceClient::isServing() {
@@ -232,8 +238,9 @@ void ZqServiceClient::keepCacheSize(int bytes) {
     cacheSize = bytes;
 }
 
-void ZqServiceClient::setLastFailure(const SxString& text) {
+void ZqServiceClient::setLastFailure(const SxString& text, bool isSilent) {
     lastFailure = text;
+    lastSilent = isSilent;
 }
 
 SxString ZqServiceClient::getLastFailure() {

@@ -20,6 +20,9 @@ bool call(ZqDriveWire::Call call, const ZqDriveWire::Writer& request, ZqDriveWir
 /// Whether the last call failed for want of a service: none was there, or it ended ahead of its answer.
 bool wasCutOff();
 
+/// Whether the last call failed since a service that is there didn't answer in time.
+bool wasSilent();
+
 /// Whether a service is there, without starting one. One that is stuck counts: it still serves its drives.
 bool isServing();
 
@@ -30,7 +33,7 @@ SxString keyOf(const SxString& path);
 /// The cache size that a service which had to be started again is told of.
 void keepCacheSize(int bytes);
 
-void setLastFailure(const SxString& text);
+void setLastFailure(const SxString& text, bool isSilent = false);
 SxString getLastFailure();
 
 /// Whether the disk that this thread ejected last was in use.

@@ -31,8 +31,7 @@ std::string driveLink(const SxString& drive) {
 }
 
 [[noreturn]] void fail(const SxString& what, const SxString& drive) {
-    throw SxException(SxException(ZqServiceClient::getLastFailure(), UNIT, __LINE__),
-                      what + " '" + drive + "'", UNIT, __LINE__);
+    throw SxException(ZqVolume::getLastException(UNIT, __LINE__), what + " '" + drive + "'", UNIT, __LINE__);
 }
 
 /// Asks the service something; false where none runs. Raises `words` where it doesn't answer.
@@ -43,8 +42,7 @@ bool ask(Call call, const Writer& request, Reader* answer, const SxString& words
             if (!ZqServiceClient::isServing()) return false;
             if (i < MAX_TRIES) continue;
         }
-        throw SxException(SxException(ZqServiceClient::getLastFailure(), UNIT, __LINE__), words, UNIT,
-                          __LINE__);
+        throw SxException(ZqVolume::getLastException(UNIT, __LINE__), words, UNIT, __LINE__);
     }
     return true;
 }
@@ -149,8 +147,8 @@ void ZqVolume::setReady(const SxString& image) {
     if (ZqServiceClient::call(Call::Ready, Writer().text(ZqServiceClient::keyOf(image)).number(0), nullptr,
                               Start::Never))
         return;
-    throw SxException(SxException(getLastFailure(), UNIT, __LINE__),
-                      "Cannot complete the mount of image '" + image + "'", UNIT, __LINE__);
+    throw SxException(getLastException(UNIT, __LINE__), "Cannot complete the mount of image '" + image + "'",
+                      UNIT, __LINE__);
 }
 
 SxList<SxString> ZqVolume::getLeftovers() {
@@ -178,8 +176,8 @@ bool ZqVolume::removeLeftovers(const SxString& image) {
     Reader answer;
     if (!ZqServiceClient::call(Call::Leftover, Writer().text(ZqServiceClient::keyOf(image)), &answer,
                                Start::IfNeeded)) {
-        throw SxException(SxException(getLastFailure(), UNIT, __LINE__),
-                          "Cannot remove what a drive service left behind", UNIT, __LINE__);
+        throw SxException(getLastException(UNIT, __LINE__), "Cannot remove what a drive service left behind",
+                          UNIT, __LINE__);
     }
     return answer.flag();
 }
@@ -190,4 +188,10 @@ bool ZqVolume::wasBusy() {
 
 SxString ZqVolume::getLastFailure() {
     return ZqServiceClient::getLastFailure();
+}
+
+SxException ZqVolume::getLastException(const SxString& unit, int line) {
+    const SxString text = getLastFailure();
+    return ZqServiceClient::wasSilent() ? SxException(SILENT, text, unit, line)
+                                        : SxException(text, unit, line);
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "SxException.h"
 #include "SxList.h"
 #include "SxString.h"
 
@@ -31,6 +32,10 @@ struct ZqDiskStatus {
 /// Operations on drives and volumes. Safe from any thread.
 class ZqVolume {
 public:
+    /// Tag of a failure: the service is there and didn't answer in time. It may have been stopped, or the
+    /// machine be busy, and answer later.
+    static constexpr const char* SILENT = "ServiceSilent";
+
     /// Letter and colon of each logical drive ("C:", "E:"), in order.
     static SxList<SxString> getDrives();
     /// Asks the disk behind a drive for its identity; false where the drive can't be opened or doesn't
@@ -68,4 +73,7 @@ public:
     /// Why the last function of the control library failed on this thread, in words for the user; empty where
     /// the last one succeeded.
     static SxString getLastFailure();
+    /// The same as an exception, with the tag SILENT where that was the reason. `unit` and `line`: the place
+    /// that it names.
+    static SxException getLastException(const SxString& unit, int line);
 };

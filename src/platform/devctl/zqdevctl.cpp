@@ -33,7 +33,8 @@ ZqStatus guarded(Body&& body) {
     try {
         return body();
     } catch (const SxException& e) {
-        ZqServiceClient::setLastFailure(e.toString(SxException::ShowMessage, ": "));
+        ZqServiceClient::setLastFailure(e.toString(SxException::ShowMessage, ": "),
+                                        e.hasTag(ZqVolume::SILENT));
         return FAILED;
     }
 }

@@ -323,3 +323,6 @@ bool ZqVolume::wasBusy() {
 SxString ZqVolume::getLastFailure() {
     return ScriptedDriver::get().lastFailure;
 }
+SxException ZqVolume::getLastException(const SxString& unit, int line) {
+    return SxException(getLastFailure(), unit, line);
+}
