@@ -226,6 +226,8 @@ void ZqFWriter::main() {
     } catch (const SxException& e) {
         ZqJobFailure::report(SxString(PREFIX) + "Cannot write ZqF File: ", dirPath, e, UNIT, __LINE__);
         sync.finish(getWriteCursor());
+        // It stays for whoever looks after the job.
+        throw;
     }
 }
 

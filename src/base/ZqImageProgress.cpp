@@ -7,6 +7,7 @@
 #include "ZqJobFailure.h"
 #include "ZqLog.h"
 #include "ZqMountMgr.h"
+#include "ZqVolume.h"
 
 #include <algorithm>
 #include <limits>
@@ -186,6 +187,9 @@ void ZqImageProgress::main() {
         watch();
     } catch (const SxException& e) {
         ZqJobFailure::report(PREFIX, path, e, UNIT, __LINE__);
+        zqLogMsg("base", SxString(PREFIX) + "END");
+        // It stays for whoever looks after the job.
+        throw;
     }
     zqLogMsg("base", SxString(PREFIX) + "END");
 }
@@ -218,7 +222,9 @@ void ZqImageProgress::watch() {
     }
     if (stopRequested()) return;
     // Behind the last block of the disk, so that no read can miss anything any more.
-    moveCursor(static_cast<uint64>(ZqImageParams(path + "/").sizeRaw / BLOCK_SIZE));
+    const auto end = static_cast<uint64>(ZqImageParams(path + "/").sizeRaw / BLOCK_SIZE);
+    while (!moveCursor(end) && !stopRequested())
+        SxTime::msleep(PERIOD_MS);
     setNCurrent(total);
 }
 
@@ -260,12 +266,20 @@ void ZqImageProgress::takeSample(uint64 nNew, int64 elapsedMs) {
     currentSpeed = speed;
 }
 
-void ZqImageProgress::moveCursor(uint64 zqfIdx) const {
+bool ZqImageProgress::moveCursor(uint64 zqfIdx) {
     const ZqMountMgr mgr;
     try {
-        mgr.setCursor(path, zqfIdx);
-    } catch (const SxException&) {
-        // The drive may have gone between the two questions of the call.
-        if (mgr.isMounted(path)) throw;
+        try {
+            mgr.setCursor(path, zqfIdx);
+        } catch (const SxException& e) {
+            // The drive may have gone between the two questions of the call.
+            if (e.hasTag(ZqVolume::SILENT) || mgr.isMounted(path)) throw;
+        }
+        serviceSilent = false;
+    } catch (const SxException& e) {
+        // A service that doesn't answer now is told with the next pass: the drive that it serves is up.
+        if (!e.hasTag(ZqVolume::SILENT)) throw;
+        serviceSilent = true;
     }
+    return !serviceSilent;
 }

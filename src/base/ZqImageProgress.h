@@ -6,6 +6,8 @@
 #include "ZqAppParams.h"
 #include "ZqAvg.h"
 
+#include <atomic>
+
 /// Watches `img.zqf` grow: moves the drive's cursor behind what is there, measures the download, and says how
 /// much must be there before the application may start. May run before the mount; an image that isn't mounted
 /// has no cursor to be moved. Ends when the image is complete; a failure ends it with the event APP_ERROR.
@@ -48,6 +50,9 @@ public:
     /// above it; 0 without any. For information: no start waits for them.
     uint64 getNInitTrace() const;
 
+    /// Whether the drive service didn't answer when it was last told of the cursor.
+    bool isServiceSilent() const { return serviceSilent; }
+
     /// The cursor that `nBytes` of `img.zqf` allow: a ZqF index, ahead of which every block is whole.
     static uint64 cursorBehind(uint64 nBytes);
 
@@ -61,7 +66,8 @@ private:
     void awaitGrowth(File* file);
     void follow(File* file);
     void takeSample(uint64 nNew, int64 elapsedMs);
-    void moveCursor(uint64 zqfIdx) const;
+    /// False where the service is silent.
+    bool moveCursor(uint64 zqfIdx);
     uint64 secondsUntil(uint64 nBytes) const;
 
     const SxString path;
@@ -78,4 +84,5 @@ private:
     uint64 nTotal SX_GUARDED_BY(countMutex);
 
     SxFlag stopFlag;
+    std::atomic<bool> serviceSilent{false};
 };
