@@ -39,15 +39,17 @@ struct FaultName {
     const char* name;
     ZqFileServer::Fault fault;
 };
-constexpr std::array<FaultName, 9> FAULT_NAMES = {{{"stall", ZqFileServer::Stall},
-                                                   {"close", ZqFileServer::Close},
-                                                   {"drop10", ZqFileServer::Drop10},
-                                                   {"short", ZqFileServer::Short},
-                                                   {"wrong-range", ZqFileServer::WrongRange},
-                                                   {"200", ZqFileServer::Whole},
-                                                   {"truncate", ZqFileServer::Truncate},
-                                                   {"500", ZqFileServer::Error500},
-                                                   {"changed", ZqFileServer::Changed}}};
+constexpr std::array<FaultName, 11> FAULT_NAMES = {{{"stall", ZqFileServer::Stall},
+                                                    {"close", ZqFileServer::Close},
+                                                    {"drop10", ZqFileServer::Drop10},
+                                                    {"short", ZqFileServer::Short},
+                                                    {"wrong-range", ZqFileServer::WrongRange},
+                                                    {"200", ZqFileServer::Whole},
+                                                    {"truncate", ZqFileServer::Truncate},
+                                                    {"500", ZqFileServer::Error500},
+                                                    {"changed", ZqFileServer::Changed},
+                                                    {"login", ZqFileServer::Login},
+                                                    {"403", ZqFileServer::Error403}}};
 
 /// A time as HTTP has it (RFC 9110, 5.6.7), whatever the locale.
 std::string httpDate(int64 milliseconds) {
@@ -187,6 +189,8 @@ std::shared_ptr<OpenFile> ZqFileServer::Served::open(const std::string& path) co
 
 void ZqFileServer::Served::respond(const httplib::Request& request, httplib::Response* response) {
     if (has(Error500)) return text(response, 500, "This server has a fault");
+    if (has(Error403)) return text(response, 403, "Not without a word");
+    if (has(Login)) return response->set_content("<html><body>Log in</body></html>\n", "text/html");
     const auto file = open(request.path);
     if (!file) return text(response, 404, "There is no such file");
     countRequest(file->name);

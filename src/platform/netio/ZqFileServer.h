@@ -22,7 +22,9 @@ public:
         Whole = 32,      ///< "200": ranges are passed over
         Truncate = 64,   ///< "truncate": files have half of their bytes
         Error500 = 128,  ///< "500": every response is one of that status
-        Changed = 256    ///< "changed": behind half of its bytes a file has others, and another ETag
+        Changed = 256,   ///< "changed": behind half of its bytes a file has others, and another ETag
+        Login = 512,     ///< "login": every response is a page to log in to, with status 200
+        Error403 = 1024  ///< "403": every response is one of that status
     };
     /// The fault of a name; raises on an unknown one.
     static Fault stringToFault(const SxString& name);
