@@ -30,7 +30,8 @@ constexpr int64 ROOM_LOOK_NS = 500'000'000;
 constexpr int64 WRITER_LOOK_NS = 500'000'000;
 /// Writers that fail one after the other, without a byte written, until it is given up.
 constexpr int WRITER_TRIES = 3;
-constexpr int64 DOWNLOAD_LOOK_NS = 5'000'000'000;
+/// From one try of a download that fails to the next, doubled each time.
+constexpr int64 FIRST_PAUSE_NS = 500'000'000, MAX_PAUSE_NS = 8'000'000'000;
 constexpr int64 DIGEST_PIECE = 1 << 20;
 constexpr uint64 ANY_RATE = ~uint64{0};
 /// Silence of the server that is told. The link itself takes longer to give a request up, and its next try
@@ -43,19 +44,6 @@ constexpr uint64 STEADY_RATE = 64 << 10;
 SxString megabytes(uint64 nBytes) {
     constexpr uint64 MEGABYTE = 1'000'000;
     return SxString(nBytes / MEGABYTE + (nBytes % MEGABYTE != 0 ? 1 : 0)) + " MB";
-}
-
-/// What an event says of a failure, a level a line with its place in the code behind it, as one sentence.
-SxString sentenceOf(const SxString& text) {
-    SxList<SxString> levels;
-    for (const SxString& line : text.tokenize('\n')) {
-        const std::string& all = line.str();
-        const size_t place = all.rfind(" (");
-        const bool hasPlace = place != std::string::npos && all.find(' ', place + 1) == std::string::npos &&
-                              all.find(':', place) != std::string::npos && all.back() == ')';
-        levels << (hasPlace ? SxString(all.substr(0, place)) : line);
-    }
-    return SxString::join(levels, ": ");
 }
 
 } // namespace
@@ -84,13 +72,26 @@ private:
     ZqImageFeed* const feed;
 };
 
-ZqImageFeed::ZqImageFeed(const Settings& settings_) : settings(settings_) {
-    SxEventBus::getGlobalObj().subscribe(SX_APP_ERROR, &failures);
+/// Looks whether the server still has the version that is downloaded. What it finds is its exception.
+class ZqImageFeed::VersionCheck : public SxSystemThread {
+public:
+    explicit VersionCheck(ZqImageFeed* feed_) : feed(feed_) { setThreadName("version"); }
+
+protected:
+    void main() override {
+        ZqImageRecords(feed->link, feed->settings.image, feed->url, feed->settings.headers)
+            .requireSameOnServer(feed->app, [this] { return feed->stopping.load(); });
+    }
+
+private:
+    ZqImageFeed* const feed;
+};
+
+ZqImageFeed::ZqImageFeed(const Settings& settings_) : settings(settings_), pauseNs(FIRST_PAUSE_NS) {
 }
 
 ZqImageFeed::~ZqImageFeed() {
     stop();
-    SxEventBus::getGlobalObj().unsubscribe(&failures);
 }
 
 SxString ZqImageFeed::filePath(const char* name) const {
@@ -143,8 +144,10 @@ void ZqImageFeed::open(const ZqStopTest& stop) {
             const SxMutexBlock block(&mutex);
             link = SxPtr<ZqNetLink>::create();
         }
-        app = ZqImageRecords(link, settings.image, url, settings.headers).fetchApp(stop);
+        app = ZqImageRecords(link, settings.image, url, settings.headers)
+                  .fetchApp(!settings.isDownloadOnly, stop);
     }
+    hadRecords = hasRecords;
     app.requireKnownFormat();
     if (link) measureDisk();
     // What is downloaded from its beginning on has nothing of an earlier file.
@@ -166,7 +169,7 @@ void ZqImageFeed::measureDisk() {
     if (nShort == 0) return;
     const SxString text =
         "The image needs " + megabytes(nShort) + " more on the disk of '" + settings.image + "'";
-    if (settings.needsRoom) {
+    if (settings.isDownloadOnly) {
         throw SxException(text + ": it is of " + megabytes(app.sizeZqf) + ", and " +
                               megabytes(reserve.getSize()) + " of the disk are left to others",
                           UNIT, __LINE__);
@@ -249,7 +252,6 @@ void ZqImageFeed::alignCursor() const {
 }
 
 void ZqImageFeed::applicationStarts() {
-    hasApplication = true;
     if (!manager) return;
     const SxMutexBlock block(&managerMutex);
     manager->setWindowSearch(true);
@@ -260,6 +262,7 @@ void ZqImageFeed::applicationStarts() {
 void ZqImageFeed::stop() {
     stopping = true;
     if (keeper) keeper->wait();
+    if (versionCheck) versionCheck->wait();
     if (manager) manager->stop();
     if (download) download->stop();
     if (progress) progress->stop();
@@ -285,9 +288,27 @@ void ZqImageFeed::keep() {
     keepManager();
     keepDownload();
     keepWriter();
+    keepProgress();
     watchServer();
-    // It says why by an event only.
-    if (!progress->isRunning() && progress->getNCurrent() < progress->getNTotal()) throw takeFailure();
+}
+
+bool ZqImageFeed::hasDrive() const {
+    if (driveStarted) return true;
+    return hadRecords && !settings.isDownloadOnly && fileSize() >= std::min(app.sizeMnt, app.sizeZqf);
+}
+
+ZqFailurePolicy::Verdict ZqImageFeed::settle(const SxException& why) {
+    const ZqFailurePolicy::Verdict verdict = ZqFailurePolicy::decide(why, hasDrive());
+    if (verdict == ZqFailurePolicy::End) throw SxException(why);
+    setWaiting(ZqFailurePolicy::waitingLine(why));
+    return verdict;
+}
+
+void ZqImageFeed::keepProgress() {
+    // Once all is there its records may still be on their way, and the owner brings the cursor to the end.
+    if (progress->isRunning() || progress->getNCurrent() >= progress->getNTotal()) return;
+    progress->wait();
+    if (progress->hasException()) settle(progress->getException());
 }
 
 void ZqImageFeed::keepManager() {
@@ -313,26 +334,47 @@ bool ZqImageFeed::hasSettled() {
 
 void ZqImageFeed::keepDownload() {
     if (download->isRunning()) {
-        if (isBroken && fileSize() > brokenSize) {
-            isBroken = false;
+        if (isInterrupted && fileSize() > interruptedSize) {
+            isInterrupted = false;
+            pauseNs = FIRST_PAUSE_NS;
             setWaiting("");
         }
         return;
     }
+    if (versionCheck) {
+        resumeDownload();
+        return;
+    }
     download->wait();
     if (!download->hasException()) return;
-    const SxException why = download->getException();
-    const bool isAbsent = why.hasTag(ZqNetLink::NOT_FOUND);
-    if (!hasApplication || !(isAbsent || why.hasTag(ZqNetLink::BROKEN))) throw SxException(why);
-    isBroken = true;
-    brokenSize = fileSize();
-    setWaiting(isAbsent ? "waiting for the server: it says that it hasn't got the image"
-                        : "waiting for the server: it breaks off all its answers");
+    const ZqFailurePolicy::Verdict verdict = settle(download->getException());
+    isInterrupted = true;
+    interruptedSize = fileSize();
     // What the writer holds still would overlap with what comes anew, and neither be written to the end.
     if (getWriter()->isRunning() && getWriter()->getBytesHeld() > 0) return;
     const int64 nowNs = SxClock::get().steadyNs();
-    if (nowNs - downloadNs < DOWNLOAD_LOOK_NS) return;
+    if (nowNs - downloadNs < pauseNs) return;
     downloadNs = nowNs;
+    pauseNs = std::min(2 * pauseNs, MAX_PAUSE_NS);
+    if (verdict == ZqFailurePolicy::Restart) {
+        versionCheck = std::make_unique<VersionCheck>(this);
+        versionCheck->start();
+    } else {
+        beginDownload();
+    }
+}
+
+void ZqImageFeed::resumeDownload() {
+    if (versionCheck->isRunning()) return;
+    versionCheck->wait();
+    const bool isTold = !versionCheck->hasException();
+    const SxException why = versionCheck->getException();
+    versionCheck = nullptr;
+    if (!isTold) {
+        settle(why);
+        return;
+    }
+    image->forgetServer();
     beginDownload();
 }
 
@@ -381,25 +423,16 @@ void ZqImageFeed::keepWriter() {
     }
     nWriterTries = fileSize() > triedSize ? 0 : nWriterTries + 1;
     triedSize = fileSize();
-    if (nWriterTries >= WRITER_TRIES && !hasApplication) throw takeFailure();
+    now->wait();
     // A quota, say, shows as room.
-    if (nWriterTries >= WRITER_TRIES) {
-        setWaiting("waiting for the disk: " + takeFailure().toString(SxException::ShowMessage, ": "));
+    if (nWriterTries >= WRITER_TRIES && now->hasException()) {
+        const SxException what = now->getException();
+        settle(SxException(what, "The download into '" + settings.image + "' has ended", UNIT, __LINE__));
     } else {
         setWaiting("");
     }
-    now->wait();
     makeWriter();
     beginDownload();
-}
-
-SxException ZqImageFeed::takeFailure() {
-    SxString why;
-    SxEvent event;
-    while (failures.tryPop(&event))
-        why = event.getData().getText(1);
-    return SxException(SxException(sentenceOf(why), UNIT, __LINE__),
-                       "The download into '" + settings.image + "' has ended", UNIT, __LINE__);
 }
 
 void ZqImageFeed::verifyDigest() {
@@ -486,9 +519,12 @@ void ZqImageFeed::setWaiting(const SxString& text) {
 
 void ZqImageFeed::fail(const SxException& e) {
     zqLogMsg("base", "ZqImageFeed: " + e.toString(SxException::ShowMessage));
+    // What comes from the server now are other blocks.
+    if (e.hasTag(ZqFailurePolicy::OTHER_VERSION)) link->cancel();
     const SxMutexBlock block(&mutex);
     failed = true;
     failure = e;
+    waiting = "the download has ended: " + e.toString(SxException::ShowMessage, ": ");
 }
 
 bool ZqImageFeed::hasFailed() const {
@@ -528,6 +564,9 @@ ZqImageFeed::Status ZqImageFeed::getStatus() const {
     {
         const SxMutexBlock block(&mutex);
         status.waiting = waiting;
+    }
+    if (status.waiting.isEmpty() && progress->isServiceSilent()) {
+        status.waiting = "waiting for the drive service, which doesn't answer";
     }
     if (status.waiting.isEmpty()) status.waiting = link->getStatus();
     if (const int64 silent = silentSeconds; status.waiting.isEmpty() && silent >= SILENCE_S) {

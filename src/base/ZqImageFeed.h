@@ -1,8 +1,8 @@
 #pragma once
 
-#include "SxEventBus.h"
 #include "ZqAppParams.h"
 #include "ZqDiskReserve.h"
+#include "ZqFailurePolicy.h"
 #include "ZqImageLock.h"
 #include "ZqImageParams.h"
 #include "ZqRemoteImage.h"
@@ -28,8 +28,10 @@ public:
         SxString url;              ///< address of the folder's original; empty for the one noted in it
         SxArray<SxString> headers; ///< lines "Name: value" for each request
         uint64 rateLimit = 0;      ///< of the ordered download, bytes a second; 0 for none
-        bool needsRoom = false;    ///< open() raises where the disk surely lacks room for the whole image
         SxString job = "run";      ///< shown to whoever finds the image in use
+        /// No drive is made: what the server fails to give ends it, and so does a disk that surely lacks room
+        /// for the whole image, at open().
+        bool isDownloadOnly = false;
     };
 
     /// How things stand. Sizes in bytes of `img.zqf`, speeds in bytes a second.
@@ -70,6 +72,8 @@ public:
     /// Brings the drive's cursor to what is there. To be called once the drive is up, since it was mounted
     /// with what was there before.
     void alignCursor() const;
+    /// From now on a drive comes up, or is up: what the server fails to give no longer ends the download.
+    void driveStarts() { driveStarted = true; }
     /// From now on there is an application whose window may be minimised.
     void applicationStarts();
     /// Brings the application's window back once the underflow is over for which it was taken out of the
@@ -107,6 +111,7 @@ public:
 
 private:
     class Keeper;
+    class VersionCheck;
 
     SxString filePath(const char* name) const;
     void makeWriter();
@@ -115,10 +120,16 @@ private:
     void keepManager();
     /// Whether no thread has anything left to do.
     bool hasSettled();
+    void keepProgress();
     void keepWriter();
+    void keepDownload();
+    /// Begins the download again, behind a look at the server's version where the failure was of its files.
+    void resumeDownload();
     /// Notes how long the server has been silent while bytes of it are wanted.
     void watchServer();
-    void keepDownload();
+    /// Whether a drive is up, or could be of what is there.
+    bool hasDrive() const;
+    ZqFailurePolicy::Verdict settle(const SxException& why);
     bool isKnownAsRight(const ZqStreamRecord& record) const;
     void verifyDigest();
     /// Fetches anew what is wrong of the complete image; gives how many stretches were.
@@ -130,8 +141,6 @@ private:
     SxPtr<ZqFWriter> getWriter() const;
     void setWaiting(const SxString& text);
     void fail(const SxException& e);
-    /// Why a thread has ended that says it by an event.
-    SxException takeFailure();
 
     const Settings settings;
     SxString url;
@@ -147,17 +156,14 @@ private:
     SxMutex managerMutex; ///< over the manager's starts and ends, which the keeper and the owner look after
     std::unique_ptr<ZqOrderedDownload> download;
     std::unique_ptr<Keeper> keeper;
+    std::unique_ptr<VersionCheck> versionCheck;
     std::atomic<bool> stopping{false}, verified{false}, checking{false}, settled{false};
-    /// Then nothing that may pass ends the download: the application can go on with what is there.
-    std::atomic<bool> hasApplication{false};
-    bool isWritten = false; ///< a drive may have written into `img.zqf`
-    bool isBroken =
-        false; ///< the keeper's: the server breaks off all its answers, and nothing has come since
+    std::atomic<bool> driveStarted{false};
+    bool hadRecords = false; ///< the folder had all it takes for a drive, blocks apart, at open()
+    bool isWritten = false;  ///< a drive may have written into `img.zqf`
     std::atomic<uint64> nChecked{0};
     std::atomic<uint64> nShort{0};       ///< bytes that the disk lacks for the rest of the image
     std::atomic<int64> silentSeconds{0}; ///< without a byte of the server
-    SxEventListener failures;
-
     // The keeper's alone.
     int64 roomNs = 0;       ///< when room on the disk was last looked for
     int64 writerNs = 0;     ///< when a writer was last looked for
@@ -166,8 +172,10 @@ private:
     int64 seenNs = 0;       ///< when they came
     int nWriterTries = 0;
     uint64 triedSize = 0;
-    uint64 brokenSize = 0;
-    int64 downloadNs = 0; ///< when the download was begun again
+    bool isInterrupted = false; ///< the download has failed, and nothing has come since
+    uint64 interruptedSize = 0;
+    int64 pauseNs;        ///< until a download that has failed is tried again
+    int64 downloadNs = 0; ///< when the download was begun again, or the server's version looked at
 
     mutable SxMutex mutex;
     SxPtr<ZqFWriter> writer SX_GUARDED_BY(mutex);

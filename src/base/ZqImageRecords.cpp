@@ -5,6 +5,7 @@
 #include "SxFileIO.h"
 #include "SxMd5.h"
 #include "SxSystemThread.h"
+#include "ZqFailurePolicy.h"
 #include "ZqImageFiles.h"
 #include "ZqImageFolder.h"
 #include "ZqImageMapFetch.h"
@@ -24,6 +25,11 @@ constexpr const char* NEW = ".new";
 int64 fileSize(const SxString& path) {
     const SxFileInfo file(path);
     return file.isFile() ? file.getSize() : -1;
+}
+
+bool areSame(const ZqAppParams& own, const ZqAppParams& server) {
+    return own.sizeZqf == server.sizeZqf && own.checksumMnt == server.checksumMnt &&
+           own.checksumIdx == server.checksumIdx;
 }
 
 } // namespace
@@ -102,18 +108,49 @@ bool ZqImageRecords::hasMap(const ZqAppParams& app) const {
 }
 
 void ZqImageRecords::requireSame(const ZqAppParams& own, const ZqAppParams& server) const {
-    if (own.sizeZqf == server.sizeZqf && own.checksumMnt == server.checksumMnt &&
-        own.checksumIdx == server.checksumIdx) {
-        return;
-    }
+    if (areSame(own, server)) return;
     const bool otherOrder = own.checksumMnt == server.checksumMnt;
-    throw SxException("The image at " + url + " has another " + (otherOrder ? "block order" : "version") +
+    throw SxException(ZqFailurePolicy::OTHER_VERSION,
+                      "The image at " + url + " has another " + (otherOrder ? "block order" : "version") +
                           " than that in '" + folder +
                           "', which can't be completed from it: start with an empty folder",
                       UNIT, __LINE__);
 }
 
-ZqAppParams ZqImageRecords::fetchApp(const ZqStopTest& stop) {
+/// The server's `app.json`, which is left in `file`.
+ZqAppParams ZqImageRecords::fetchOther(const SxString& file, const ZqStopTest& stop) const {
+    const SxArray<char> bytes = remote(ZqImageFiles::APP_JSON)->get(MAX_RECORD, stop);
+    SxFileIO::writeAtomic(file, [&](SxFileIO* out) { out->write(bytes); });
+    ZqAppParams server;
+    try {
+        server.readFile(file);
+        server.requireKnownFormat();
+    } catch (const SxException& e) {
+        SxFSAction::rm(file);
+        // A page to log in to, say.
+        throw SxException(e, "Cannot use '" + urlOf(ZqImageFiles::APP_JSON) + "'", UNIT, __LINE__)
+            .tagged(ZqNetLink::WRONG);
+    }
+    return server;
+}
+
+ZqAppParams ZqImageRecords::look(const ZqStopTest& stop) const {
+    static std::atomic<uint64> nLooks{0};
+    const SxString file = folder + ZqImageFiles::APP_JSON + ".look" + SxString(nLooks.fetch_add(1));
+    const ZqAppParams server = fetchOther(file, stop);
+    SxFSAction::rm(file);
+    return server;
+}
+
+void ZqImageRecords::requireSameOnServer(const ZqAppParams& own, const ZqStopTest& stop) const {
+    requireSame(own, look(stop));
+}
+
+bool ZqImageRecords::isSameOnServer(const ZqAppParams& own, const ZqStopTest& stop) const {
+    return areSame(own, look(stop));
+}
+
+ZqAppParams ZqImageRecords::fetchApp(bool mayPlay, const ZqStopTest& stop) {
     const SxString file = folder + ZqImageFiles::APP_JSON, fresh = file + NEW;
     // An earlier run may have been killed ahead of the other records, which fetchRest() brings.
     const bool resumes = hasBlocks();
@@ -121,21 +158,13 @@ ZqAppParams ZqImageRecords::fetchApp(const ZqStopTest& stop) {
         throw SxException("'" + folder + "' holds an image without its app.json, which can't be completed",
                           UNIT, __LINE__);
     }
-    try {
-        const SxArray<char> bytes = remote(ZqImageFiles::APP_JSON)->get(MAX_RECORD, stop);
-        SxFileIO::writeAtomic(fresh, [&](SxFileIO* out) { out->write(bytes); });
-    } catch (const SxException& e) {
-        // A run that goes on waits for its server in any case, and says so.
-        if (!holdsPart(folder) || !e.hasTag(ZqNetLink::UNREACHABLE)) throw;
-        return ZqAppParams(folder);
-    }
     ZqAppParams server;
     try {
-        server.readFile(fresh);
-        server.requireKnownFormat();
+        server = fetchOther(fresh, stop);
     } catch (const SxException& e) {
-        throw SxException(e, "Cannot use '" + urlOf(ZqImageFiles::APP_JSON).makeVisible() + "'", UNIT,
-                          __LINE__);
+        // What is there can be played; the download waits for its server, and says so.
+        if (!mayPlay || !holdsPart(folder) || ZqFailurePolicy::decide(e, true) == ZqFailurePolicy::End) throw;
+        return ZqAppParams(folder);
     }
     if (resumes) {
         ZqAppParams own(folder);
@@ -166,8 +195,7 @@ void ZqImageRecords::requireParams(const SxString& file, const ZqAppParams& app)
                               UNIT, __LINE__);
         }
     } catch (const SxException& e) {
-        throw SxException(e, "Cannot use '" + urlOf(ZqImageFiles::IMAGE_JSON).makeVisible() + "'", UNIT,
-                          __LINE__);
+        throw SxException(e, "Cannot use '" + urlOf(ZqImageFiles::IMAGE_JSON) + "'", UNIT, __LINE__);
     }
 }
 
@@ -201,25 +229,4 @@ void ZqImageRecords::fetchRest(const ZqAppParams& app, const ZqStopTest& stop) {
         throw SxException("The map at " + urlOf(ZqImageFiles::IDX) + " isn't the one that app.json states",
                           UNIT, __LINE__);
     }
-}
-
-bool ZqImageRecords::isSameOnServer(const ZqAppParams& own, const ZqStopTest& stop) const {
-    static std::atomic<uint64> nLooks{0};
-    const SxArray<char> bytes = remote(ZqImageFiles::APP_JSON)->get(MAX_RECORD, stop);
-    const SxString file = folder + ZqImageFiles::APP_JSON + ".look" + SxString(nLooks.fetch_add(1));
-    ZqAppParams server;
-    try {
-        SxFileIO::writeAtomic(file, [&](SxFileIO* out) { out->write(bytes); });
-        server.readFile(file);
-    } catch (const SxException& e) {
-        if (SxFSAction::exists(file)) SxFSAction::rm(file);
-        // A page to log in to, say.
-        throw SxException(ZqNetLink::WRONG,
-                          "Cannot use '" + urlOf(ZqImageFiles::APP_JSON) +
-                              "': " + e.toString(SxException::ShowMessage, ": "),
-                          UNIT, __LINE__);
-    }
-    SxFSAction::rm(file);
-    return server.sizeZqf == own.sizeZqf && server.checksumMnt == own.checksumMnt &&
-           server.checksumIdx == own.checksumIdx;
 }

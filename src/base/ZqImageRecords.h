@@ -19,9 +19,13 @@ public:
     static bool isComplete(const SxString& image);
 
     /// Fetches `app.json` and gives it. A folder that holds bytes of `img.zqf` keeps its own, and must be of
-    /// the same version and block order as the server's; where the server doesn't answer and the folder has
-    /// all records, they will do. The caller has the image's shape for itself alone.
-    ZqAppParams fetchApp(const ZqStopTest& stop);
+    /// the same version and block order as the server's; where the server gives none and the folder has all
+    /// records, they will do if it is to be played (`mayPlay`). The caller has the image's shape for itself
+    /// alone.
+    ZqAppParams fetchApp(bool mayPlay, const ZqStopTest& stop);
+    /// Raises with the tag ZqFailurePolicy::OTHER_VERSION where the server's `app.json` is now that of
+    /// another version or block order than `own`, and with those of ZqNetLink where it can't be told.
+    void requireSameOnServer(const ZqAppParams& own, const ZqStopTest& stop) const;
     /// Fetches what else is missing or doesn't fit `app`: `img.json`, `img.idx`, its digest.
     void fetchRest(const ZqAppParams& app, const ZqStopTest& stop);
 
@@ -38,6 +42,9 @@ private:
     bool hasBlocks() const;
     bool hasMap(const ZqAppParams& app) const;
     void requireParams(const SxString& file, const ZqAppParams& app) const;
+    ZqAppParams fetchOther(const SxString& file, const ZqStopTest& stop) const;
+    /// The server's `app.json`, of which nothing is kept.
+    ZqAppParams look(const ZqStopTest& stop) const;
     void requireSame(const ZqAppParams& own, const ZqAppParams& server) const;
 
     const SxPtr<ZqNetLink> link;

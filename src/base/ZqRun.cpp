@@ -20,12 +20,8 @@ namespace {
 
 constexpr const char* UNIT = "src/base/ZqRun";
 constexpr int64 LOOK_MS = SxWait::LOOK_MS;
-/// Room for the records of a mount, in bytes.
-constexpr uint64 RECORD_ROOM = 1 << 20;
 /// From one try to note the application to the next.
 constexpr int64 NOTE_NS = 500'000'000;
-/// From one look at the drive to the next.
-constexpr int64 DRIVE_NS = 200'000'000;
 /// From one look for the series to the next.
 constexpr int64 SAMPLE_MS = 20;
 /// The same from the moment on at which no read has to wait any more, and between two looks at the
@@ -33,91 +29,7 @@ constexpr int64 SAMPLE_MS = 20;
 constexpr int64 CALM_SAMPLE_MS = 200;
 constexpr int64 CALM_LOOK_MS = 50;
 
-SxException stopped() {
-    return SxException(SxString(SxException::STOPPED), "stopped", UNIT, __LINE__);
-}
-
-/// A folder for the trace of a run that begins now, which isn't there yet.
-SxString newTraceFolder(const SxString& image) {
-    SxString stamp = ZqSysEnv::getTimestamp();
-    stamp = stamp.substitute(":", "-");
-    const SxString base = ZqImageFolder::prefix(image) + ZqImageFiles::TRACES + stamp;
-    SxString folder = base;
-    for (int i = 2; SxFSAction::exists(folder); ++i)
-        folder = base + "-" + i;
-    return folder;
-}
-
 } // namespace
-
-/// Mounts on a thread of its own, since the mount can't be stopped but by taking its drive away.
-class ZqRun::MountJob : public SxSystemThread {
-public:
-    MountJob(const ZqImageFeed& feed_, SxString image_, ZqMountMgr::MountMode mode_, SxString traceFolder_)
-        : feed(feed_),
-          image(std::move(image_)),
-          mode(mode_),
-          traceFolder(std::move(traceFolder_)),
-          isPartial(!feed_.isComplete()),
-          nBlocks(feed_.countBlocks()) {
-        setThreadName("mount");
-    }
-    /// Waits for the end; raises what went wrong, or a stop.
-    void finish(const ZqStopTest& stop) {
-        while (isRunning()) {
-            if (stop() || feed.hasFailed()) {
-                breakOff();
-            } else if (isPartial && feed.isComplete()) {
-                moveCursor();
-            }
-            SxTime::msleep(LOOK_MS);
-        }
-        wait();
-        if (stop()) throw stopped();
-        // It is why the mount has failed, too.
-        feed.requireAlive();
-        if (hasException()) throw getException();
-    }
-
-protected:
-    void main() override {
-        ZqMountMgr mounts;
-        const ZqImageParams& params = feed.getParams();
-        mounts.setAppParams(feed.getApp());
-        mounts.mountImageZQF(mode, params.deviceMode, image, static_cast<uint64>(params.sizeRaw),
-                             static_cast<uint64>(params.emulatedSectorSize), nBlocks, false, traceFolder,
-                             traceFolder.isEmpty() ? SxString() : SxString("monitoring"));
-    }
-
-private:
-    /// Reads that fail aren't enough: a mount that waits for its first file would look for that on and on.
-    void breakOff() const {
-        try {
-            ZqMountMgr().umountImage(image, true);
-        } catch (const SxException& e) {
-            // The mount takes the same drive away at the same time, and reports what is wrong with the
-            // service.
-            zqLogMsg("base", SxString("ZqRun: ") + e.what());
-        }
-    }
-
-    /// With the download ends what moves the cursor, perhaps ahead of the drive.
-    void moveCursor() const {
-        try {
-            feed.alignCursor();
-        } catch (const SxException& e) {
-            // That of the preparation goes at some time; else the mount tells what is wrong.
-            zqLogMsg("base", SxString("ZqRun: ") + e.what());
-        }
-    }
-
-    const ZqImageFeed& feed;
-    const SxString image;
-    const ZqMountMgr::MountMode mode;
-    const SxString traceFolder;
-    const bool isPartial; ///< some of the image wasn't there when the mount began
-    const uint64 nBlocks; ///< that were there then
-};
 
 /// Takes the samples of the run's series until it is ended.
 class ZqRun::Sampler : public SxSystemThread {
@@ -171,51 +83,6 @@ ZqStartForecast ZqRun::forecast(double speedMbit) const {
 
 int64 ZqRun::elapsedMs() const {
     return (SxClock::get().steadyNs() - beginNs) / 1'000'000;
-}
-
-void ZqRun::mount() {
-    const ZqStopTest stop = [this] { return isStopping(); };
-    // There is no more than all of it, whatever the record says.
-    const uint64 needed = std::min(feed.getApp().sizeMnt, feed.getApp().sizeZqf);
-    while (feed.getStatus().nCurrent < needed) {
-        if (stop()) throw stopped();
-        feed.requireAlive();
-        SxTime::msleep(LOOK_MS);
-    }
-    const ZqMountMgr::MountMode mode = settings.mountMode.isEmpty()
-                                           ? feed.getApp().mountMode
-                                           : ZqMountMgr::stringToMountMode(settings.mountMode);
-    // A drive that writes into the file would change what is compared.
-    if (mode == ZqMountMgr::ReadWrite) awaitCheck();
-    if (hasOwnTrace()) awaitRoom();
-    phase = Mounting;
-    mounted = true;
-    result.traceFolder = hasOwnTrace() ? newTraceFolder(image) : settings.traceFolder;
-    MountJob job(feed, image, mode, result.traceFolder);
-    job.start();
-    job.finish(stop);
-    result.mountMs = elapsedMs();
-    feed.alignCursor();
-}
-
-/// Whether the trace goes among the image's own.
-bool ZqRun::hasOwnTrace() const {
-    return settings.traceFolder.isEmpty() && !settings.isDriveOnly;
-}
-
-/// The mount ends where it can't write the record of its trace.
-void ZqRun::awaitRoom() {
-    const auto tell = [this](const SxString& line) {
-        const SxMutexBlock block(&mutex);
-        unnoted = line;
-    };
-    while (ZqSysEnv::getFreeDiskSpace(image) < RECORD_ROOM) {
-        if (isStopping()) throw stopped();
-        feed.requireAlive();
-        tell("waiting for room on the disk of '" + image + "'");
-        SxTime::msleep(LOOK_MS);
-    }
-    tell("");
 }
 
 void ZqRun::main() {
@@ -283,16 +150,17 @@ bool ZqRun::adopt() {
     if (!disk.ready || (!settings.isDriveOnly && !group.isAlive())) {
         // Its run was killed. Nobody else can have it: this process holds the image.
         zqLogMsg("base", "ZqRun: the drive of '" + image + "' has no application any more");
-        ZqMountMgr mounts;
-        mounts.setAppParams(feed.getApp());
-        mounts.umountImage(image, disk.drive.isEmpty());
+        takeDriveAway();
         return false;
     }
     mounted = true;
+    feed.driveStarts();
     result.info.nStarts = record.nStarts;
-    feed.alignCursor();
-    const ZqMountMgr mounts;
-    if (mounts.isSuspended(image)) mounts.resume(image);
+    patiently([&] {
+        feed.alignCursor();
+        const ZqMountMgr mounts;
+        if (mounts.isSuspended(image)) mounts.resume(image);
+    });
     // The run that was killed can have suspended both.
     if (group.isSuspended()) group.resume();
     if (settings.isDriveOnly) {
@@ -317,15 +185,6 @@ void ZqRun::awaitCheck() {
     }
 }
 
-void ZqRun::feedDrive() {
-    phase = Feeding;
-    const ZqMountMgr mounts;
-    while (mounts.isMounted(image) && !isStopping()) {
-        feed.requireAlive();
-        SxTime::msleep(LOOK_MS * 10);
-    }
-}
-
 void ZqRun::prepare() {
     for (;;) {
         const ZqImageFeed::Status status = feed.getStatus();
@@ -338,29 +197,6 @@ void ZqRun::prepare() {
         watchDrive();
         SxTime::msleep(LOOK_MS);
     }
-}
-
-ZqDiskStatus ZqRun::requireDisk() const {
-    ZqDiskStatus disk;
-    if (!ZqVolume::findDisk(image, &disk)) {
-        throw SxException("The drive of '" + image + "' has gone", UNIT, __LINE__);
-    }
-    return disk;
-}
-
-void ZqRun::watchDrive() {
-    const int64 nowNs = SxClock::get().steadyNs();
-    if (nowNs - driveNs < DRIVE_NS) return;
-    driveNs = nowNs;
-    try {
-        if (ZqMountMgr().isMounted(image)) return;
-    } catch (const SxException& e) {
-        // A service that can't tell may still serve.
-        zqLogMsg("base", SxString("ZqRun: ") + e.what());
-        return;
-    }
-    throw SxException("The drive of '" + image + "' has gone: it was unmounted, or its service was ended",
-                      UNIT, __LINE__);
 }
 
 void ZqRun::startApplication() {
@@ -396,9 +232,7 @@ void ZqRun::noteApplication() {
         noteNs = nowNs;
         line = "the application can't be noted yet: " + e.toString(SxException::ShowMessage, ": ");
     }
-    const SxMutexBlock block(&mutex);
-    if (unnoted != line && !line.isEmpty()) zqLogMsg("base", "ZqRun: " + line);
-    unnoted = line;
+    tellWaiting(line);
 }
 
 void ZqRun::follow() {
@@ -407,7 +241,7 @@ void ZqRun::follow() {
             guard->stop();
             break;
         }
-        feed.requireAlive();
+        // What has ended the download ends the run behind the application, which plays from what is there.
         watchDrive();
         searching = guard->isSearching();
         noteApplication();
@@ -429,6 +263,7 @@ void ZqRun::follow() {
     if (isStopping()) throw stopped();
     // What the application has read since, and its code, mean nothing.
     requireDisk();
+    feed.requireAlive();
 }
 
 void ZqRun::suspendProcess() {
@@ -473,21 +308,7 @@ void ZqRun::end() {
             result.info.runTime = static_cast<int64>(guard->runTime) / 1000;
         }
         const bool keep = settings.keepsMounted && result.wasStarted && feed.isVerified();
-        ZqDiskStatus disk;
-        if (mounted && !ZqVolume::findDisk(image, &disk)) {
-            // Its service was killed, or somebody took it away.
-            ZqMountMgr mounts;
-            mounts.setAppParams(feed.getApp());
-            mounts.removeLeftovers(image);
-        } else if (mounted) {
-            if (keep) {
-                result.mountPath = disk.mountPath;
-            } else {
-                ZqMountMgr mounts;
-                mounts.setAppParams(feed.getApp());
-                mounts.umountImage(image, disk.drive.isEmpty());
-            }
-        }
+        if (mounted) patiently([&] { endDrive(keep); });
     } catch (const SxException& e) {
         writeInfo();
         throw SxException(e, "The run of '" + image + "' could not be ended cleanly", UNIT, __LINE__);

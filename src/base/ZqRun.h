@@ -83,11 +83,16 @@ private:
     /// Waits until the image is known to be right.
     void awaitCheck();
     void mount();
+    void bringUp(ZqMountMgr::MountMode mode);
+    /// Makes calls of the drive service, again and again as long as it is silent and nobody stops the run.
+    void patiently(const std::function<void()>& calls);
+    void takeDriveAway();
+    void tellWaiting(const SxString& line);
     bool hasOwnTrace() const;
     void awaitRoom();
     void feedDrive();
     void prepare();
-    ZqDiskStatus requireDisk() const;
+    ZqDiskStatus requireDisk();
     /// Looks now and then whether the drive is there, and raises where it isn't.
     void watchDrive();
     void startApplication();
@@ -101,10 +106,12 @@ private:
     void lookForFrame();
     void complete();
     void end();
+    void endDrive(bool keep);
     void takeSample();
     void fillResult();
     int64 elapsedMs() const;
     bool isStopping() const { return stopFlag; }
+    static SxException stopped();
 
     const Settings settings;
     const SxString image;
@@ -123,5 +130,5 @@ private:
     Result result;
 
     mutable SxMutex mutex;
-    SxString unnoted SX_GUARDED_BY(mutex); ///< why the application isn't noted, as a line
+    SxString unnoted SX_GUARDED_BY(mutex); ///< what the run itself waits for, as a line
 };

@@ -48,12 +48,21 @@ protected:
     void SetUp() override;
     void TearDown() override {
         release();
+        resume();
         DriveRun::TearDown();
     }
     std::unique_ptr<Client> start(const std::vector<string>& more = {"--now"}) {
         std::vector<string> words = {"run", got, "--url", server->getUrl().str()};
         words.insert(words.end(), more.begin(), more.end());
         return std::make_unique<Client>(client, words, dir.path("said" + std::to_string(++nClients)));
+    }
+    /// From now on the server has another version of the image.
+    void offerOtherVersion() {
+        string app = dir.read("served/app.json");
+        const size_t at = app.find("\"mnt\": \"") + 8;
+        app[at] = app[at] == '0' ? '1' : '0';
+        dir.write("served/app.json", app);
+        dir.write("served/img.zqf", string(5'000'000, 'x'));
     }
     /// The application ends only behind release().
     void hold() { dir.write("played.hold", ""); }
@@ -63,6 +72,10 @@ protected:
         fs::remove(played);
         fs::remove(played + ".started");
     }
+    /// The application reads little until resume().
+    void pause() { dir.write("played.pause", ""); }
+    void resume() { fs::remove(played + ".pause"); }
+    bool hasPaused() const { return fs::exists(played + ".paused"); }
     bool hasStarted() const { return fs::exists(played + ".started"); }
     bool hasPlayed() const { return fs::exists(played); }
     bool isMounted() const { return !statusOf(got).image.isEmpty(); }

@@ -89,6 +89,11 @@ void ZqRemoteImage::setSameTest(const ZqFileFacts::SameTest& test) {
     packed->getFacts()->setSameTest(test);
 }
 
+void ZqRemoteImage::forgetServer() {
+    plain->getFacts()->forget();
+    packed->getFacts()->forget();
+}
+
 ZqRemoteImage::Figures ZqRemoteImage::getFigures() const {
     SxMutexBlock lock(&mutex);
     Figures now = figures;

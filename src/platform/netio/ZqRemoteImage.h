@@ -70,6 +70,9 @@ public:
     /// ZqNetLink.
     void read(uint64 offset, uint64 size, char* buffer, const ZqStopTest& stop = nullptr);
 
+    /// Asks anew what the server has: its files may be there again, or in another place.
+    void forgetServer();
+
     /// The stretches of this range were found to be wrong: what is kept of them goes, so that they are
     /// fetched again.
     void forget(uint64 offset, uint64 size);

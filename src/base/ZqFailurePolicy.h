@@ -1,0 +1,23 @@
+#pragma once
+
+#include "SxException.h"
+
+/// What becomes of a job of a run or a fed mount that has failed: the one place that decides it, from the
+/// failure's tags and whether a drive is up. Without a drive a failure is worth telling at once. With one,
+/// somebody plays from what is there, and only what can't pass ends the download; the application goes on
+/// even then. Safe from any thread.
+class ZqFailurePolicy {
+public:
+    /// Tags of failures, beside those of ZqNetLink and ZqVolume.
+    static constexpr const char* OTHER_VERSION = "OtherVersion"; ///< `app.json` on the server is another's
+    static constexpr const char* DISK = "FileWriteError";        ///< the image's disk takes no bytes
+
+    enum Verdict {
+        Wait,    ///< the same again after a while
+        Restart, ///< the same, with nothing kept of what the server has said of its files
+        End      ///< no more
+    };
+    static Verdict decide(const SxException& why, bool hasDrive);
+    /// What is waited for after such a failure, as a line such as "waiting for the server: it answers 403".
+    static SxString waitingLine(const SxException& why);
+};

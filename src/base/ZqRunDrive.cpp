@@ -1,0 +1,243 @@
+#include "SxException.h"
+#include "SxFSAction.h"
+#include "SxTime.h"
+#include "ZqImageFiles.h"
+#include "ZqImageFolder.h"
+#include "ZqLog.h"
+#include "ZqRun.h"
+#include "ZqSysEnv.h"
+#include "ZqVolume.h"
+
+#include <algorithm>
+
+// The drive of a run: how it comes up, is looked after, and goes.
+
+namespace {
+
+constexpr const char* UNIT = "src/base/ZqRun";
+constexpr int64 LOOK_MS = SxWait::LOOK_MS;
+/// Room for the records of a mount, in bytes.
+constexpr uint64 RECORD_ROOM = 1 << 20;
+/// From one look at the drive to the next.
+constexpr int64 DRIVE_NS = 200'000'000;
+
+/// A folder for the trace of a run that begins now, which isn't there yet.
+SxString newTraceFolder(const SxString& image) {
+    SxString stamp = ZqSysEnv::getTimestamp();
+    stamp = stamp.substitute(":", "-");
+    const SxString base = ZqImageFolder::prefix(image) + ZqImageFiles::TRACES + stamp;
+    SxString folder = base;
+    for (int i = 2; SxFSAction::exists(folder); ++i)
+        folder = base + "-" + i;
+    return folder;
+}
+
+} // namespace
+
+/// Mounts on a thread of its own, since the mount can't be stopped but by taking its drive away.
+class ZqRun::MountJob : public SxSystemThread {
+public:
+    MountJob(const ZqImageFeed& feed_, SxString image_, ZqMountMgr::MountMode mode_, SxString traceFolder_)
+        : feed(feed_),
+          image(std::move(image_)),
+          mode(mode_),
+          traceFolder(std::move(traceFolder_)),
+          isPartial(!feed_.isComplete()),
+          nBlocks(feed_.countBlocks()) {
+        setThreadName("mount");
+    }
+    /// Waits for the end; raises what went wrong, or a stop.
+    void finish(const ZqStopTest& stop) {
+        while (isRunning()) {
+            if (stop() || feed.hasFailed()) {
+                breakOff();
+            } else if (isPartial && feed.isComplete()) {
+                moveCursor();
+            }
+            SxTime::msleep(LOOK_MS);
+        }
+        wait();
+        if (stop()) throw stopped();
+        // It is why the mount has failed, too.
+        feed.requireAlive();
+        if (hasException()) throw getException();
+    }
+
+protected:
+    void main() override {
+        ZqMountMgr mounts;
+        const ZqImageParams& params = feed.getParams();
+        mounts.setAppParams(feed.getApp());
+        mounts.mountImageZQF(mode, params.deviceMode, image, static_cast<uint64>(params.sizeRaw),
+                             static_cast<uint64>(params.emulatedSectorSize), nBlocks, false, traceFolder,
+                             traceFolder.isEmpty() ? SxString() : SxString("monitoring"));
+    }
+
+private:
+    /// Reads that fail aren't enough: a mount that waits for its first file would look for that on and on.
+    void breakOff() const {
+        try {
+            ZqMountMgr().umountImage(image, true);
+        } catch (const SxException& e) {
+            // The mount takes the same drive away at the same time, and reports what is wrong with the
+            // service.
+            zqLogMsg("base", SxString("ZqRun: ") + e.what());
+        }
+    }
+
+    /// With the download ends what moves the cursor, perhaps ahead of the drive.
+    void moveCursor() const {
+        try {
+            feed.alignCursor();
+        } catch (const SxException& e) {
+            // That of the preparation goes at some time; else the mount tells what is wrong.
+            zqLogMsg("base", SxString("ZqRun: ") + e.what());
+        }
+    }
+
+    const ZqImageFeed& feed;
+    const SxString image;
+    const ZqMountMgr::MountMode mode;
+    const SxString traceFolder;
+    const bool isPartial; ///< some of the image wasn't there when the mount began
+    const uint64 nBlocks; ///< that were there then
+};
+
+SxException ZqRun::stopped() {
+    return SxException(SxString(SxException::STOPPED), "stopped", UNIT, __LINE__);
+}
+
+void ZqRun::mount() {
+    const ZqStopTest stop = [this] { return isStopping(); };
+    // There is no more than all of it, whatever the record says.
+    const uint64 needed = std::min(feed.getApp().sizeMnt, feed.getApp().sizeZqf);
+    while (feed.getStatus().nCurrent < needed) {
+        if (stop()) throw stopped();
+        feed.requireAlive();
+        SxTime::msleep(LOOK_MS);
+    }
+    const ZqMountMgr::MountMode mode = settings.mountMode.isEmpty()
+                                           ? feed.getApp().mountMode
+                                           : ZqMountMgr::stringToMountMode(settings.mountMode);
+    // A drive that writes into the file would change what is compared.
+    if (mode == ZqMountMgr::ReadWrite) awaitCheck();
+    if (hasOwnTrace()) awaitRoom();
+    phase = Mounting;
+    mounted = true;
+    result.traceFolder = hasOwnTrace() ? newTraceFolder(image) : settings.traceFolder;
+    feed.driveStarts();
+    bringUp(mode);
+    result.mountMs = elapsedMs();
+    patiently([&] { feed.alignCursor(); });
+}
+
+void ZqRun::bringUp(ZqMountMgr::MountMode mode) {
+    for (;;) {
+        MountJob job(feed, image, mode, result.traceFolder);
+        job.start();
+        try {
+            job.finish([this] { return isStopping(); });
+            return;
+        } catch (const SxException& e) {
+            if (isStopping() || !e.hasTag(ZqVolume::SILENT)) throw;
+        }
+        // Once it answers it may have done what it was asked for.
+        patiently([&] { takeDriveAway(); });
+    }
+}
+
+void ZqRun::patiently(const std::function<void()>& calls) {
+    for (;;) {
+        try {
+            calls();
+            tellWaiting("");
+            return;
+        } catch (const SxException& e) {
+            if (isStopping() || ZqFailurePolicy::decide(e, true) != ZqFailurePolicy::Wait) throw;
+            tellWaiting(ZqFailurePolicy::waitingLine(e));
+        }
+    }
+}
+
+void ZqRun::takeDriveAway() {
+    ZqDiskStatus disk;
+    if (!ZqVolume::findDisk(image, &disk)) return;
+    ZqMountMgr mounts;
+    mounts.setAppParams(feed.getApp());
+    mounts.umountImage(image, disk.drive.isEmpty());
+}
+
+void ZqRun::tellWaiting(const SxString& line) {
+    const SxMutexBlock block(&mutex);
+    if (unnoted != line && !line.isEmpty()) zqLogMsg("base", "ZqRun: " + line);
+    unnoted = line;
+}
+
+/// Whether the trace goes among the image's own.
+bool ZqRun::hasOwnTrace() const {
+    return settings.traceFolder.isEmpty() && !settings.isDriveOnly;
+}
+
+/// The mount ends where it can't write the record of its trace.
+void ZqRun::awaitRoom() {
+    while (ZqSysEnv::getFreeDiskSpace(image) < RECORD_ROOM) {
+        if (isStopping()) throw stopped();
+        feed.requireAlive();
+        tellWaiting("waiting for room on the disk of '" + image + "'");
+        SxTime::msleep(LOOK_MS);
+    }
+    tellWaiting("");
+}
+
+void ZqRun::feedDrive() {
+    phase = Feeding;
+    const ZqMountMgr mounts;
+    for (bool isUp = true; isUp && !isStopping();) {
+        SxTime::msleep(LOOK_MS * 10);
+        patiently([&] { isUp = mounts.isMounted(image); });
+    }
+    feed.requireAlive();
+}
+
+ZqDiskStatus ZqRun::requireDisk() {
+    ZqDiskStatus disk;
+    bool isUp = false;
+    patiently([&] { isUp = ZqVolume::findDisk(image, &disk); });
+    if (!isUp) {
+        throw SxException("The drive of '" + image + "' has gone", UNIT, __LINE__);
+    }
+    return disk;
+}
+
+void ZqRun::watchDrive() {
+    const int64 nowNs = SxClock::get().steadyNs();
+    if (nowNs - driveNs < DRIVE_NS) return;
+    driveNs = nowNs;
+    // The service serves none whose folder has gone, so what the application reads now would never come.
+    if (!SxFSAction::exists(image)) {
+        throw SxException("The image in '" + image + "' was removed while it was played", UNIT, __LINE__);
+    }
+    try {
+        if (ZqMountMgr().isMounted(image)) return;
+    } catch (const SxException& e) {
+        // A service that can't tell may still serve.
+        zqLogMsg("base", SxString("ZqRun: ") + e.what());
+        return;
+    }
+    throw SxException("The drive of '" + image + "' has gone: it was unmounted, or its service was ended",
+                      UNIT, __LINE__);
+}
+
+void ZqRun::endDrive(bool keep) {
+    ZqDiskStatus disk;
+    if (!ZqVolume::findDisk(image, &disk)) {
+        // Its service was killed, or somebody took it away.
+        ZqMountMgr mounts;
+        mounts.setAppParams(feed.getApp());
+        mounts.removeLeftovers(image);
+    } else if (keep) {
+        result.mountPath = disk.mountPath;
+    } else {
+        takeDriveAway();
+    }
+}

@@ -1,0 +1,115 @@
+#include "StreamRun.h"
+#include "SxMd5.h"
+
+// What may pass ends neither a run nor its application.
+
+namespace {
+
+constexpr int64 LONG_MS = 40'000;
+
+bool says(const Client& player, const string& words) {
+    return SxWait::pass(LONG_MS, [&] { return player.says().find(words) != string::npos; });
+}
+
+} // namespace
+
+TEST_F(StreamRun, NoFaultOfItsServerEndsAGame) {
+    struct Case {
+        const char* name;
+        ZqFileServer::Fault fault;
+        bool packed;
+    };
+    const Case cases[] = {
+        {"a page to log in to", ZqFileServer::Login, false},
+        {"refused", ZqFileServer::Error403, true},
+        {"whole files for ranges", ZqFileServer::Whole, false},
+        {"other ranges", ZqFileServer::WrongRange, false},
+        {"half of the files", ZqFileServer::Truncate, false},
+        {"other bytes", ZqFileServer::Changed, true},
+    };
+    done({"image", "pack", served, "--level", "1"});
+    for (const Case& one : cases) {
+        SCOPED_TRACE(one.name);
+        fs::remove_all(got);
+        const string pack = served + "/img.zqf.zst", away = dir.path("away");
+        if (fs::exists(pack) && !one.packed) fs::rename(pack, away);
+        if (fs::exists(away) && one.packed) fs::rename(away, pack);
+        server->setRate(2'000'000);
+        pause();
+        const auto player = start();
+        ASSERT_TRUE(SxWait::pass(LONG_MS, [&] { return hasStarted(); })) << player->says();
+        server->stop();
+        server->setFault(one.fault);
+        server->start();
+        EXPECT_TRUE(says(*player, "waiting for the server: ")) << player->says();
+        resume();
+        EXPECT_TRUE(SxWait::pass(LONG_MS, [&] { return statusOf(got).nHeld > 0; })) << player->says();
+        EXPECT_FALSE(hasPlayed());
+        server->setFault(one.fault, false);
+        server->setRate(0);
+        EXPECT_EQ(player->end(LONG_MS), 0) << player->says();
+        expectPlayed();
+        EXPECT_EQ(run({"run", got, "--now", "--keep-mounted"}).code, 0);
+        expectComplete();
+        done({"umount", got});
+        fs::remove(played);
+        fs::remove(played + ".started");
+        fs::remove(played + ".paused");
+    }
+}
+
+TEST_F(StreamRun, AFedMountOutlivesAFileThatIsAway) {
+    server->setRate(2'000'000);
+    Client feeder(client, {"mount", got, "--url", server->getUrl().str()}, dir.path("fed"));
+    ASSERT_TRUE(eventually([&] { return statusOf(got).ready; })) << feeder.says();
+    server->stop();
+    fs::rename(served + "/img.zqf", served + "/away");
+    server->start();
+    EXPECT_TRUE(says(feeder, "waiting for the server: ")) << feeder.says();
+    EXPECT_TRUE(isMounted());
+    fs::rename(served + "/away", served + "/img.zqf");
+    server->setRate(0);
+    const string app = statusOf(got).mountPath.str() + "/TAVRIN-protected/app/";
+    EXPECT_TRUE(SxMd5::file(SxString(app + "big.pak")) == SxMd5::file(SxString(source + "/big.pak")));
+    done({"umount", got});
+    EXPECT_EQ(feeder.end(), 0) << feeder.says();
+}
+
+TEST_F(StreamRun, ANewerVersionEndsTheRunBehindItsGame) {
+    server->setRate(2'000'000);
+    pause();
+    const auto player = start();
+    ASSERT_TRUE(SxWait::pass(LONG_MS, [&] { return hasPaused(); })) << player->says();
+    server->stop();
+    offerOtherVersion();
+    server->start();
+    EXPECT_TRUE(says(*player, "the download has ended: ")) << player->says();
+    EXPECT_TRUE(player->isRunning());
+    EXPECT_TRUE(isMounted());
+    dir.write("played.quit", "");
+    resume();
+    EXPECT_EQ(player->end(), 1) << player->says();
+    EXPECT_THAT(player->says(), testing::AllOf(HasSubstr("The application has ended with code 7"),
+                                               HasSubstr("has another version")));
+    EXPECT_FALSE(isMounted());
+    EXPECT_LE(fs::file_size(got + "/img.zqf"), 5'000'000u);
+}
+
+TEST_F(StreamRun, ASilentServiceEndsNothing) {
+    server->setRate(3'000'000);
+    hold();
+    const auto player = start();
+    ASSERT_TRUE(SxWait::pass(LONG_MS, [&] { return hasStarted(); })) << player->says();
+    const auto service = static_cast<pid_t>(statusOf(got).servicePid);
+    ASSERT_GT(service, 0);
+    ::kill(service, SIGSTOP);
+    // Longer than an answer may take.
+    EXPECT_TRUE(says(*player, "waiting for the drive service")) << player->says();
+    ::kill(service, SIGCONT);
+    EXPECT_TRUE(SxWait::pass(LONG_MS, [&] { return hasPlayed(); })) << player->says();
+    release();
+    EXPECT_EQ(player->end(LONG_MS), 0) << player->says();
+    EXPECT_THAT(player->says(), HasSubstr("The application has ended with code 7"));
+    expectPlayed();
+    EXPECT_FALSE(isMounted());
+}
