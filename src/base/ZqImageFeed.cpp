@@ -15,6 +15,7 @@
 #include "ZqLog.h"
 #include "ZqOrderedDownload.h"
 #include "ZqStreamRecord.h"
+#include "ZqStretchStore.h"
 #include "ZqSyncedSize.h"
 #include "ZqSysEnv.h"
 #include "zqnetio.h"
@@ -178,7 +179,9 @@ void ZqImageFeed::measureDisk() {
 }
 
 void ZqImageFeed::lookForRoom() {
-    nShort = reserve.getMissing(app.sizeZqf - std::min(app.sizeZqf, fileSize()));
+    // What is kept beside the image goes as the image grows.
+    const uint64 nThere = fileSize() + ZqStretchStore::sizeIn(settings.image);
+    nShort = reserve.getMissing(app.sizeZqf - std::min(app.sizeZqf, nThere));
 }
 
 bool ZqImageFeed::isKnownAsRight(const ZqStreamRecord& record) const {
@@ -213,6 +216,7 @@ void ZqImageFeed::start() {
     keeper = std::make_unique<Keeper>(this);
     if (!link) {
         settled = verified.load();
+        if (settled) removeStore();
         if (!settled) keeper->start();
         return;
     }
@@ -223,6 +227,7 @@ void ZqImageFeed::start() {
     const ZqImageRecords records(link, settings.image, url, settings.headers);
     image->setSameTest(
         [records, own = app](const ZqStopTest& stop) { return records.isSameOnServer(own, stop); });
+    openStore();
     zqNetioOfferImage(image);
     makeWriter();
     progress = SxPtr<ZqImageProgress>::create(settings.image, app);
@@ -235,6 +240,32 @@ void ZqImageFeed::start() {
     manager->setEdgeCall([link_ = link] { link_->hastenStreams(); });
     manager->start();
     keeper->start();
+}
+
+void ZqImageFeed::openStore() {
+    // Without a digest nothing tells another order of the blocks from this one.
+    if (app.checksumZqf.isEmpty() && app.checksumIdx.isEmpty()) return;
+    const SxString key = app.checksumZqf + "\n" + app.checksumIdx + "\n" + app.checksumMnt;
+    try {
+        image->setStore(std::make_unique<ZqStretchStore>(settings.image, key, app.sizeZqf,
+                                                         ZqRemoteImage::STRETCH, fileSize(), reserve));
+    } catch (const SxException& e) {
+        // Then what comes ahead is only good for this run.
+        zqLogMsg("base", "ZqImageFeed: " + e.toString(SxException::ShowMessage, ": "));
+    }
+}
+
+void ZqImageFeed::removeStore() const {
+    try {
+        ZqStretchStore::remove(settings.image);
+    } catch (const SxException& e) {
+        zqLogMsg("base", "ZqImageFeed: " + e.toString(SxException::ShowMessage, ": "));
+    }
+}
+
+uint64 ZqImageFeed::countMissing() const {
+    const uint64 nThere = fileSize() + (image ? image->getFigures().nStored : 0);
+    return app.sizeZqf - std::min(app.sizeZqf, nThere);
 }
 
 void ZqImageFeed::fetchRecords(const ZqStopTest& stop) {
@@ -285,6 +316,7 @@ void ZqImageFeed::keep() {
                           __LINE__);
     }
     download->flush();
+    image->setWritten(fileSize());
     keepManager();
     keepDownload();
     keepWriter();
@@ -439,6 +471,7 @@ void ZqImageFeed::verifyDigest() {
     if (verified) return;
     if (app.checksumZqf.isEmpty() || isWritten) {
         verified = true;
+        removeStore();
         return;
     }
     checking = true;
@@ -460,6 +493,7 @@ void ZqImageFeed::verifyDigest() {
                           UNIT, __LINE__);
     }
     verified = true;
+    removeStore();
     try {
         // It was synced.
         ZqSyncedSize(filePath(ZqImageFiles::ZQF)).noteComplete(nChecked);

@@ -89,6 +89,8 @@ public:
     uint64 fileSize() const;
     /// How many blocks are there, as a mount takes it.
     uint64 countBlocks() const;
+    /// Bytes that are still to be fetched: neither in `img.zqf` nor kept beside it. From open() on.
+    uint64 countMissing() const;
     /// Whether all bytes are in `img.zqf`.
     bool isComplete() const;
     /// Whether they are, and have the digest that `app.json` states. A complete image without an address,
@@ -114,6 +116,8 @@ private:
     class VersionCheck;
 
     SxString filePath(const char* name) const;
+    void openStore();
+    void removeStore() const;
     void makeWriter();
     void beginDownload();
     void keep();

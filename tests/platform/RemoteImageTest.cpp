@@ -7,6 +7,7 @@
 #include "TempDir.h"
 #include "ZqFileServer.h"
 #include "ZqRemoteImage.h"
+#include "ZqStretchStore.h"
 
 #include <algorithm>
 #include <gmock/gmock.h>
@@ -334,6 +335,47 @@ TEST_F(RemoteImage, doesNotFetchTwiceWhatWasOnDemand) {
         const uint64 size = isPacked ? dir.read(name).size() : zqf.size();
         // What follows them may still be on its way when the stream comes there.
         EXPECT_LE(server.getNBytes(name) - nBefore, size + 3 * STRETCH);
+    }
+}
+
+TEST_F(RemoteImage, whatAnEarlierRunFetchedIsntFetchedAgain) {
+    // Not so fast that what follows comes, too.
+    server.setRate(20'000'000);
+    for (const bool isPacked : {false, true}) {
+        SCOPED_TRACE(isPacked ? "packed" : "plain");
+        if (isPacked) pack();
+        const char* name = isPacked ? "img.zqf.zst" : "img.zqf";
+        const TempDir own;
+        const auto openKept = [&](uint64 nPassed) {
+            ImagePtr image = open();
+            image->setStore(std::make_unique<ZqStretchStore>(own.prefix(), SxString("key"), zqf.size(),
+                                                             STRETCH, nPassed, ZqDiskReserve()));
+            return image;
+        };
+        const uint64 nBefore = server.getNBytes(name);
+        const std::vector<uint64> ahead = {4, 5, 11, 17, 29, 30};
+        {
+            const ImagePtr first = openKept(0);
+            if (isPacked) awaitTable(*first);
+            for (const uint64 idx : ahead)
+                readOf(*first, idx * STRETCH, 1);
+        }
+        std::fstream(own.path("img.ahead"), std::ios::in | std::ios::out).seekp(17 * STRETCH) << "evil";
+        server.stop();
+        const ImagePtr second = openKept(2 * STRETCH + 7);
+        EXPECT_GE(second->getFigures().nStored, 5 * STRETCH);
+        for (const uint64 idx : ahead) {
+            if (idx == 17) continue;
+            EXPECT_TRUE(readOf(*second, idx * STRETCH, 10) == zqf.substr(idx * STRETCH, 10));
+        }
+        server.start();
+        EXPECT_TRUE(streamOf(*second, 2 * STRETCH + 7) == zqf.substr(2 * STRETCH + 7));
+        // The begin of the image and the damaged stretch apart, each byte has passed the wire once.
+        const uint64 size = isPacked ? dir.read(name).size() : zqf.size();
+        EXPECT_LT(server.getNBytes(name) - nBefore, size + STRETCH + 50'000);
+        EXPECT_EQ(second->getFigures().nTwice, 0u);
+        second->setWritten(zqf.size());
+        EXPECT_TRUE(SxWait::pass(5000, [&] { return ZqStretchStore::sizeIn(own.prefix()) == 0; }));
     }
 }
 

@@ -5,6 +5,8 @@ namespace ZqImageFiles {
 constexpr const char* ZQF = "img.zqf";                 ///< the blocks in ZqF order
 constexpr const char* SYNCED = ".synced";              ///< behind a growing file's name, ZqSyncedSize
 constexpr const char* PACKED = "img.zqf.zst";          ///< the same, packed for delivery
+constexpr const char* AHEAD = "img.ahead";             ///< stretches beyond the end of img.zqf
+constexpr const char* AHEAD_IDX = "img.ahead.idx";     ///< which of them, see ZqStretchStore
 constexpr const char* IDX = "img.idx";                 ///< the map from RAW to ZqF indices
 constexpr const char* IDX_PACKED = "img.idx.zst";      ///< the same, packed for delivery
 constexpr const char* IDX_MD5 = "img.idx.md5";         ///< digest of the map, optional

@@ -3,6 +3,7 @@
 #include "SxClock.h"
 #include "ZqImageAheadLoader.h"
 #include "ZqImageFetch.h"
+#include "ZqImageStorer.h"
 #include "ZqImageTableLoader.h"
 #include "ZqLog.h"
 #include "ZqPackedForm.h"
@@ -19,8 +20,7 @@ constexpr auto LOOK = std::chrono::milliseconds(20);
 /// They are woken for work and for a stop.
 constexpr auto LOADER_LOOK = std::chrono::seconds(1);
 constexpr size_t N_LOADERS = 4;
-/// Bytes that came with others and that nobody has asked for yet. They are lost with the run, and the ordered
-/// stream waits for them.
+/// Bytes that came with others and that nobody has asked for yet. The ordered stream waits for them.
 constexpr uint64 MAX_UNUSED = 32 << 20;
 /// Stretches are fetched together where a round trip carries so much of one: so many round trips' worth, and
 /// never more than the last.
@@ -71,6 +71,9 @@ ZqRemoteImage::~ZqRemoteImage() {
     tableLoader->wait();
     for (const auto& loader : aheadLoaders)
         loader->wait();
+    if (storer) storer->stop();
+    changed.notify_all();
+    if (storer) storer->wait();
     // What is left lets go of its claims, which takes the mutex.
     std::map<uint64, SxPtr<Fetch>> untaken;
     std::deque<SxPtr<Fetch>> unloaded;
@@ -98,6 +101,7 @@ ZqRemoteImage::Figures ZqRemoteImage::getFigures() const {
     SxMutexBlock lock(&mutex);
     Figures now = figures;
     now.isPacked = state == Packed::Offered;
+    if (store) now.nStored = std::min(kept.size() * STRETCH, sizeZqf);
     return now;
 }
 
@@ -229,7 +233,7 @@ void ZqRemoteImage::announce(const SxArray<uint64>& offsets, const SxArray<uint6
                 unwanted.erase(old);
             } else if (ahead.contains(idx)) {
                 handOver(&unwanted, idx);
-            } else if (!findStretch(idx) && !isReachedSoon(idx)) {
+            } else if (!isKept(idx) && !isReachedSoon(idx)) {
                 missing.push_back(idx);
             }
         }
@@ -430,7 +434,7 @@ bool ZqRemoteImage::isGoneThrough(uint64 stretchIdx) const {
 }
 
 bool ZqRemoteImage::isThere(uint64 stretchIdx) const {
-    return (stretchIdx + 1) * STRETCH <= streamPos || findStretch(stretchIdx);
+    return (stretchIdx + 1) * STRETCH <= streamPos || isKept(stretchIdx);
 }
 
 uint64 ZqRemoteImage::countTogether() const {
@@ -483,9 +487,9 @@ void ZqRemoteImage::claimFollowing(Fetch* fetch, uint64 first, uint64 n) {
     SxMutexBlock lock(&mutex);
     for (uint64 idx = first; idx < end; ++idx) {
         const bool isPassed = idx * STRETCH < streamPos;
-        const bool hasRoom = (kept.size() + ahead.size() + 1) * STRETCH <= maxKept &&
+        const bool hasRoom = (nInMemory - inBoth.size() + ahead.size() + 1) * STRETCH <= maxKept &&
                              (unused.size() + ahead.size() + 1) * STRETCH <= MAX_UNUSED;
-        if (isPassed || !hasRoom || findStretch(idx) || announced.contains(idx) || demanded.contains(idx) ||
+        if (isPassed || !hasRoom || isKept(idx) || announced.contains(idx) || demanded.contains(idx) ||
             isReachedSoon(idx) || !ahead.try_emplace(idx).second) {
             return;
         }

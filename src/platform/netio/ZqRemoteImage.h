@@ -4,6 +4,7 @@
 #include "ZqRangeReader.h"
 #include "ZqRemoteFile.h"
 #include "ZqSeekTable.h"
+#include "ZqStretchStore.h"
 #include "ZqTransfer.h"
 
 #include <condition_variable>
@@ -36,6 +37,7 @@ public:
         uint64 nAhead = 0;     ///< decoded, fetched since they follow such
         uint64 nLeft = 0;      ///< decoded, given to ranges by the stream
         uint64 nTakenKept = 0; ///< decoded, given to the stream out of what was kept
+        uint64 nStored = 0;    ///< decoded, kept beyond this object's life
         uint64 nTwice = 0;     ///< of the wire, received by the stream though kept
         bool isPacked = false; ///< whether the packed form is in use
     };
@@ -61,6 +63,12 @@ public:
     /// another version: with this a failure has the tag CHANGED only where the test has said so, and mirrors
     /// of the image go on for each other. The test is made by whoever needs the bytes.
     void setSameTest(const ZqFileFacts::SameTest& test);
+
+    /// What ranges bring is kept in `store_` beyond this object's life, and what it holds serves ranges and
+    /// the stream. To be called ahead of all other operations, if at all.
+    void setStore(std::unique_ptr<ZqStretchStore> store_);
+    /// `img.zqf` holds `size` bytes now: what the store has of these may go.
+    void setWritten(uint64 size) { written.store(size); }
 
     /// Starts to fetch the stretches of these ranges (bytes of `img.zqf`), all at once, and returns; read()
     /// then takes them. Up to GROUP; what was announced before and not taken is dropped. Does nothing for
@@ -93,6 +101,7 @@ private:
     class AheadLoader;
     class Demand;
     class TableLoader;
+    class Storer;
     class StreamRun;
     /// `Aside`: not now, since what came of it was of no use; its table is fetched again after a while.
     enum class Packed { Unknown, Offered, Aside, Absent };
@@ -144,6 +153,15 @@ private:
     /// A stretch that is kept, compared with the table where it hasn't been; null where there is none, or no
     /// right one.
     Bytes getKept(uint64 stretchIdx);
+    /// Whether getKept() or findStretch() will have it.
+    bool isKept(uint64 stretchIdx) const SX_REQUIRES(mutex);
+    Bytes loadKept(uint64 stretchIdx);
+    /// The store has this one, too.
+    void noteStored(uint64 stretchIdx) SX_REQUIRES(mutex);
+    /// Frees memory of what the store has, down to `nMost` stretches.
+    void shedStored(uint64 nMost) SX_REQUIRES(mutex);
+    /// Hands the store one stretch that it hasn't got; false where there was none for a while.
+    bool storeNext();
     void dropKept(uint64 first, uint64 end) SX_REQUIRES(mutex);
     /// Whether somebody goes through the image and has come to a stretch.
     bool isGoneThrough(uint64 stretchIdx) const;
@@ -180,6 +198,9 @@ private:
     const SxString digest;
     std::unique_ptr<TableLoader> tableLoader;
     std::vector<std::unique_ptr<AheadLoader>> aheadLoaders;
+    std::unique_ptr<ZqStretchStore> store; ///< null where nothing is kept for later
+    std::unique_ptr<Storer> storer;
+    std::atomic<uint64> written{0};
 
     mutable SxMutex mutex;
     std::condition_variable_any changed;
@@ -188,7 +209,10 @@ private:
     bool tableWaits SX_GUARDED_BY(mutex) = false; ///< a request for it has failed
     Packed state SX_GUARDED_BY(mutex) = Packed::Unknown;
     SxPtr<ZqSeekTable> table SX_GUARDED_BY(mutex);     ///< also of a packed form that was left aside
-    std::map<uint64, Bytes> kept SX_GUARDED_BY(mutex); ///< by stretch
+    std::map<uint64, Bytes> kept SX_GUARDED_BY(mutex); ///< by stretch; null where the store alone has it
+    uint64 nInMemory SX_GUARDED_BY(mutex) = 0;         ///< kept stretches that aren't null
+    std::deque<uint64> unstored SX_GUARDED_BY(mutex);  ///< kept stretches that the store is to get
+    std::list<uint64> inBoth SX_GUARDED_BY(mutex);     ///< those of them that it has, too, oldest first
     std::set<uint64> unchecked SX_GUARDED_BY(mutex);   ///< kept stretches that came ahead of the table
     std::set<uint64> distrusted SX_GUARDED_BY(mutex);  ///< stretches that came wrong
     std::list<std::pair<uint64, Bytes>> recent SX_GUARDED_BY(mutex); ///< what the stream brought last

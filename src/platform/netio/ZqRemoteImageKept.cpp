@@ -1,6 +1,7 @@
 #include "SxClock.h"
 #include "ZqFrameDecoder.h"
 #include "ZqImageFetch.h"
+#include "ZqImageStorer.h"
 #include "ZqLog.h"
 #include "ZqRemoteImage.h"
 #include "ZqUrlText.h"
@@ -16,6 +17,9 @@ constexpr auto LOOK = std::chrono::milliseconds(20);
 /// How long a stretch of the plain form waits for the table that tells whether it is right, from the first
 /// request for that on. A table takes a hundredth of a percent of its image.
 constexpr int64 TABLE_PATIENCE_NS = 2'000'000'000;
+constexpr auto STORER_LOOK = std::chrono::milliseconds(100);
+/// Stretches that stay in memory though the store has them: 20 MiB.
+constexpr uint64 N_CACHED = 100;
 
 bool hasChecksumOf(const SxPtr<ZqSeekTable>& table, uint64 stretchIdx, const SxArray<char>& bytes) {
     return table->getFrame(stretchIdx).checksum == ZqSeekTable::checksumOf(bytes.data(), bytes.getSize());
@@ -99,14 +103,83 @@ ZqRemoteImage::Bytes ZqRemoteImage::findStretch(uint64 stretchIdx) const {
     return nullptr;
 }
 
+bool ZqRemoteImage::isKept(uint64 stretchIdx) const {
+    return kept.contains(stretchIdx) || findStretch(stretchIdx);
+}
+
+void ZqRemoteImage::setStore(std::unique_ptr<ZqStretchStore> store_) {
+    store = std::move(store_);
+    {
+        SxMutexBlock lock(&mutex);
+        for (const uint64 idx : store->list()) {
+            kept[idx] = nullptr;
+            unchecked.insert(idx);
+        }
+    }
+    storer = std::make_unique<Storer>(this);
+    storer->start();
+}
+
 void ZqRemoteImage::keep(uint64 stretchIdx, const Bytes& bytes, bool isChecked, uint64 Figures::*figure) {
     SxMutexBlock lock(&mutex);
     figures.*figure += stretchSize(stretchIdx);
     if (isChecked) distrusted.erase(stretchIdx);
-    if (stretchIdx * STRETCH < streamPos || (kept.size() + 1) * STRETCH > maxKept) return;
+    if ((nInMemory + 1) * STRETCH > maxKept) shedStored(0);
+    if (stretchIdx * STRETCH < streamPos || (nInMemory + 1) * STRETCH > maxKept) return;
+    dropKept(stretchIdx, stretchIdx + 1);
     kept[stretchIdx] = bytes;
+    ++nInMemory;
     if (!isChecked) unchecked.insert(stretchIdx);
     if (figure == &Figures::nAhead) unused.insert(stretchIdx);
+    if (store) unstored.push_back(stretchIdx);
+}
+
+void ZqRemoteImage::noteStored(uint64 stretchIdx) {
+    if (std::find(inBoth.begin(), inBoth.end(), stretchIdx) == inBoth.end()) inBoth.push_back(stretchIdx);
+    shedStored(N_CACHED);
+}
+
+void ZqRemoteImage::shedStored(uint64 nMost) {
+    for (; inBoth.size() > nMost; inBoth.pop_front()) {
+        kept[inBoth.front()] = nullptr;
+        --nInMemory;
+    }
+}
+
+bool ZqRemoteImage::storeNext() {
+    store->pass(written);
+    uint64 idx = 0;
+    Bytes bytes;
+    {
+        SxMutexBlock lock(&mutex);
+        if (unstored.empty()) changed.wait_for(mutex, STORER_LOOK);
+        if (unstored.empty()) return false;
+        idx = unstored.front();
+        unstored.pop_front();
+        const auto found = kept.find(idx);
+        if (found != kept.end()) bytes = found->second;
+    }
+    if (!bytes || !store->write(idx, *bytes)) return true;
+    SxMutexBlock lock(&mutex);
+    const auto found = kept.find(idx);
+    if (found != kept.end() && found->second.getPtr() == bytes.getPtr()) noteStored(idx);
+    return true;
+}
+
+ZqRemoteImage::Bytes ZqRemoteImage::loadKept(uint64 stretchIdx) {
+    const Bytes bytes = store->read(stretchIdx);
+    SxMutexBlock lock(&mutex);
+    const auto found = kept.find(stretchIdx);
+    // The stream may have passed it, or somebody else have loaded it.
+    if (found == kept.end() || found->second) return bytes;
+    if (!bytes) {
+        dropKept(stretchIdx, stretchIdx + 1);
+        return nullptr;
+    }
+    found->second = bytes;
+    ++nInMemory;
+    noteStored(stretchIdx);
+    return bytes;
 }
 
 ZqRemoteImage::Bytes ZqRemoteImage::getKept(uint64 stretchIdx) {
@@ -117,13 +190,15 @@ ZqRemoteImage::Bytes ZqRemoteImage::getKept(uint64 stretchIdx) {
         const auto found = kept.find(stretchIdx);
         if (found == kept.end()) return nullptr;
         bytes = found->second;
-        known = table;
-        if (!unchecked.contains(stretchIdx) || !known || !known->hasChecksums()) return bytes;
+        if (unchecked.contains(stretchIdx) && table && table->hasChecksums()) known = table;
     }
+    if (!bytes) bytes = loadKept(stretchIdx);
+    if (!bytes || !known) return bytes;
     const bool isRight = hasChecksumOf(known, stretchIdx, *bytes);
     if (!isRight) {
         zqLogMsg("NET",
                  nameOf(stretchIdx, false) + ", as the seek table has told since; it is fetched again");
+        if (store) store->drop(stretchIdx);
     }
     SxMutexBlock lock(&mutex);
     unchecked.erase(stretchIdx);
@@ -134,7 +209,11 @@ ZqRemoteImage::Bytes ZqRemoteImage::getKept(uint64 stretchIdx) {
 }
 
 void ZqRemoteImage::dropKept(uint64 first, uint64 end) {
-    kept.erase(kept.lower_bound(first), kept.lower_bound(end));
+    const auto last = kept.lower_bound(end);
+    for (auto at = kept.lower_bound(first); at != last; at = kept.erase(at)) {
+        if (at->second) --nInMemory;
+    }
+    inBoth.remove_if([&](uint64 idx) { return idx >= first && idx < end; });
     unused.erase(unused.lower_bound(first), unused.lower_bound(end));
     unchecked.erase(unchecked.lower_bound(first), unchecked.lower_bound(end));
 }
@@ -142,9 +221,13 @@ void ZqRemoteImage::dropKept(uint64 first, uint64 end) {
 void ZqRemoteImage::forget(uint64 offset, uint64 size) {
     checkRange(offset, size);
     const uint64 first = offset / STRETCH, end = ZqSeekTable::countFrames(offset + size);
-    SxMutexBlock lock(&mutex);
-    dropKept(first, end);
-    recent.remove_if([&](const auto& entry) { return entry.first >= first && entry.first < end; });
-    for (uint64 idx = first; idx < end; ++idx)
-        distrusted.insert(idx);
+    {
+        SxMutexBlock lock(&mutex);
+        dropKept(first, end);
+        recent.remove_if([&](const auto& entry) { return entry.first >= first && entry.first < end; });
+        for (uint64 idx = first; idx < end; ++idx)
+            distrusted.insert(idx);
+    }
+    for (uint64 idx = first; store && idx < end; ++idx)
+        store->drop(idx);
 }
