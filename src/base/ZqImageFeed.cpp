@@ -2,8 +2,6 @@
 
 #include "SxException.h"
 #include "SxFSAction.h"
-#include "SxFileIO.h"
-#include "SxMd5.h"
 #include "SxTime.h"
 #include "ZqCoreUnderflowMgr.h"
 #include "ZqFWriter.h"
@@ -11,7 +9,6 @@
 #include "ZqImageFolder.h"
 #include "ZqImageProgress.h"
 #include "ZqImageRecords.h"
-#include "ZqImageRepair.h"
 #include "ZqLog.h"
 #include "ZqOrderedDownload.h"
 #include "ZqStreamRecord.h"
@@ -33,7 +30,6 @@ constexpr int64 WRITER_LOOK_NS = 500'000'000;
 constexpr int WRITER_TRIES = 3;
 /// From one try of a download that fails to the next, doubled each time.
 constexpr int64 FIRST_PAUSE_NS = 500'000'000, MAX_PAUSE_NS = 8'000'000'000;
-constexpr int64 DIGEST_PIECE = 1 << 20;
 constexpr uint64 ANY_RATE = ~uint64{0};
 /// Silence of the server that is told. The link itself takes longer to give a request up, and its next try
 /// may bring some bytes before it is silent again.
@@ -182,11 +178,6 @@ void ZqImageFeed::lookForRoom() {
     // What is kept beside the image goes as the image grows.
     const uint64 nThere = fileSize() + ZqStretchStore::sizeIn(settings.image);
     nShort = reserve.getMissing(app.sizeZqf - std::min(app.sizeZqf, nThere));
-}
-
-bool ZqImageFeed::isKnownAsRight(const ZqStreamRecord& record) const {
-    return url.isEmpty() || app.checksumZqf.isEmpty() || isWritten ||
-           record.isVerified(settings.image, app.checksumZqf);
 }
 
 void ZqImageFeed::makeWriter() {
@@ -465,84 +456,6 @@ void ZqImageFeed::keepWriter() {
     }
     makeWriter();
     beginDownload();
-}
-
-void ZqImageFeed::verifyDigest() {
-    if (verified) return;
-    if (app.checksumZqf.isEmpty() || isWritten) {
-        verified = true;
-        removeStore();
-        return;
-    }
-    checking = true;
-    auto stamp = ZqStreamRecord::Stamp::of(settings.image);
-    SxString digest = readDigest();
-    if (!digest.isEmpty() && !(digest == app.checksumZqf) && mend() > 0) {
-        stamp = ZqStreamRecord::Stamp::of(settings.image);
-        digest = readDigest();
-    }
-    checking = false;
-    // What was cut off here, the next run makes up for.
-    const bool isRight = digest == app.checksumZqf;
-    if (digest.isEmpty() || (stopping && !isRight)) return;
-    if (!isRight) {
-        throw SxException("'" + filePath(ZqImageFiles::ZQF) + "' has the digest " + digest +
-                              " where app.json states " + app.checksumZqf +
-                              ": what the server gave isn't the image, or the file was changed since; "
-                              "to download it anew, remove img.zqf",
-                          UNIT, __LINE__);
-    }
-    verified = true;
-    removeStore();
-    try {
-        // It was synced.
-        ZqSyncedSize(filePath(ZqImageFiles::ZQF)).noteComplete(nChecked);
-        ZqStreamRecord::update(settings.image, [&](ZqStreamRecord* record) {
-            record->verified = digest;
-            record->verifiedStamp = stamp;
-        });
-    } catch (const SxException& e) {
-        // The price is that the next run checks again.
-        zqLogMsg("base", "ZqImageFeed: " + e.toString(SxException::ShowMessage));
-    }
-}
-
-/// Where the run has none, since all was there, the server is asked for this alone.
-uint64 ZqImageFeed::mend() {
-    ZqStreamRecord record;
-    record.read(settings.image);
-    if (record.isWritten) return 0;
-    SxPtr<ZqRemoteImage> source = image;
-    if (!source) {
-        source = SxPtr<ZqRemoteImage>::create(SxPtr<ZqNetLink>::create(), url, app.sizeZqf, settings.headers,
-                                              ZqRemoteImage::MAX_KEPT, app.checksumZqf);
-    }
-    try {
-        return ZqImageRepair(filePath(ZqImageFiles::ZQF), source)
-            .mend([this](uint64 nDone) { nChecked = nDone; }, [this] { return stopping.load(); });
-    } catch (const SxException& e) {
-        // The image stays as wrong as it was, which is what is told.
-        zqLogMsg("base", "ZqImageFeed: " + e.toString(SxException::ShowMessage, ": "));
-        return 0;
-    }
-}
-
-SxString ZqImageFeed::readDigest() {
-    nChecked = 0;
-    SxFileIO file(filePath(ZqImageFiles::ZQF), "rb");
-    file.adviseSequential();
-    SxMd5 md5;
-    SxArray<char> piece(DIGEST_PIECE);
-    while (const int64 n = file.readBuffer(piece.data(), DIGEST_PIECE)) {
-        if (stopping) return {};
-        md5.update(piece.data(), n);
-        file.startWriteback(static_cast<int64>(nChecked), n);
-        nChecked += static_cast<uint64>(n);
-    }
-    // A power cut must not leave less than what is noted as right.
-    file.sync();
-    md5.finish();
-    return md5.toString();
 }
 
 void ZqImageFeed::setWaiting(const SxString& text) {

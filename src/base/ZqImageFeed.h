@@ -29,8 +29,8 @@ public:
         SxArray<SxString> headers; ///< lines "Name: value" for each request
         uint64 rateLimit = 0;      ///< of the ordered download, bytes a second; 0 for none
         SxString job = "run";      ///< shown to whoever finds the image in use
-        /// No drive is made: what the server fails to give ends it, and so does a disk that surely lacks room
-        /// for the whole image, at open().
+        /// Neither drive nor application, only the image: what the server fails to give ends it, and so does
+        /// a disk that surely lacks room for the whole image, at open().
         bool isDownloadOnly = false;
     };
 

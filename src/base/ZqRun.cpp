@@ -89,7 +89,7 @@ void ZqRun::main() {
     beginNs = SxClock::get().steadyNs();
     beginMs = ZqSysEnv::getSysTime();
     oldFrameMs = frameFileMs();
-    if (!settings.isDriveOnly) {
+    if (!settings.isDriveOnly && !settings.feed.isDownloadOnly) {
         sampler = std::make_unique<Sampler>(this);
         sampler->start();
     }
@@ -120,6 +120,10 @@ void ZqRun::run() {
     result.info.dataAtStart = static_cast<int64>(nPresent);
     phase = Loading;
     feed.fetchRecords(stop);
+    if (settings.feed.isDownloadOnly) {
+        complete();
+        return;
+    }
     if (adopt()) return;
     // An earlier run may have found it wrong, or not have come to that.
     if (wasComplete) awaitCheck();
@@ -133,7 +137,7 @@ void ZqRun::run() {
     startApplication();
     phase = Running;
     follow();
-    if (settings.keepsMounted) complete();
+    if (settings.keepsMounted || settings.completes) complete();
 }
 
 bool ZqRun::adopt() {
@@ -173,7 +177,7 @@ bool ZqRun::adopt() {
     guard->start();
     result.wasStarted = true;
     follow();
-    if (settings.keepsMounted) complete();
+    if (settings.keepsMounted || settings.completes) complete();
     return true;
 }
 
@@ -300,6 +304,8 @@ void ZqRun::end() {
     phase = Ending;
     fillResult();
     feed.stop();
+    result.nMissing = feed.countMissing();
+    result.isComplete = feed.isVerified() && result.nMissing == 0;
     try {
         if (guard) {
             guard->stop();
@@ -384,5 +390,6 @@ SxSymbol ZqRun::toJson() const {
     root.append("requests", result.link.nRequests);
     root.append("retries", result.link.nRetries);
     root.append("packed", result.image.isPacked);
+    root.append("missingBytes", result.nMissing);
     return root;
 }

@@ -20,10 +20,12 @@ public:
         ZqImageFeed::Settings feed;
         bool startsAtOnce = false; ///< start the application as soon as there is a drive
         bool keepsMounted = false; ///< complete the image after the application's end, and leave the drive
-        bool isDriveOnly = false;  ///< no application: feed the drive until somebody unmounts it
-        SxString mountMode;        ///< how to mount; empty for what `app.json` says
-        SxString traceFolder;      ///< where the trace goes; empty for a new folder among the image's traces
-        SxString firstFrameFile;   ///< a file written with the application's first frame; may be empty
+        bool completes =
+            false; ///< complete the image after the application's end, ahead of that of the drive
+        bool isDriveOnly = false; ///< no application: feed the drive until somebody unmounts it
+        SxString mountMode;       ///< how to mount; empty for what `app.json` says
+        SxString traceFolder;     ///< where the trace goes; empty for a new folder among the image's traces
+        SxString firstFrameFile;  ///< a file written with the application's first frame; may be empty
     };
     enum Phase {
         Opening,    ///< the image's records are fetched
@@ -50,9 +52,11 @@ public:
         SxString traceFolder;     ///< empty where nothing was traced
         ZqNetLink::Figures link;
         ZqRemoteImage::Figures image;
-        SxString mountPath; ///< where the drive was left; empty where it is gone
-        SxString missed;    ///< the process that the record names, where it was never found
-        SxString unwritten; ///< why `runtime.json` couldn't be written; empty where it could
+        uint64 nMissing = 0;     ///< bytes of `img.zqf` that are still to be fetched
+        bool isComplete = false; ///< the image is, and was found to be right
+        SxString mountPath;      ///< where the drive was left; empty where it is gone
+        SxString missed;         ///< the process that the record names, where it was never found
+        SxString unwritten;      ///< why `runtime.json` couldn't be written; empty where it could
     };
 
     explicit ZqRun(const Settings& settings_);

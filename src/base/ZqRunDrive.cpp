@@ -175,7 +175,7 @@ void ZqRun::tellWaiting(const SxString& line) {
 
 /// Whether the trace goes among the image's own.
 bool ZqRun::hasOwnTrace() const {
-    return settings.traceFolder.isEmpty() && !settings.isDriveOnly;
+    return settings.traceFolder.isEmpty() && !settings.isDriveOnly && !settings.feed.isDownloadOnly;
 }
 
 /// The mount ends where it can't write the record of its trace.

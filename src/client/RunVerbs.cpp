@@ -26,7 +26,7 @@ struct RunOptions {
     SxString image, url, report, page;
     SxList<SxString> headers;
     uint64 rate = 0;
-    bool now = false, keepMounted = false;
+    bool now = false, keepMounted = false, complete = false;
 };
 
 SxString phaseText(ZqRun::Phase phase) {
@@ -74,6 +74,13 @@ void tellFigures(const ZqRun::Result& result, Output* out) {
               SxString::sprintf("%.1f Mbit/s", info.avgSpeed));
     if (!result.traceFolder.isEmpty()) out->text("  trace                     " + result.traceFolder);
     if (!result.mountPath.isEmpty()) out->text("  the drive stays at        " + result.mountPath);
+}
+
+/// How to get what is missing of the image.
+void tellMissing(const ZqRun::Result& result, const SxString& image, Output* out) {
+    if (result.nMissing == 0) return;
+    out->text(readableBytes(static_cast<double>(result.nMissing)) + " are still missing; `tavrin fetch " +
+              image.makeVisible() + "` downloads them");
 }
 
 /// Tells once, when the speed of the download is known and the start is still to come, or was one at once,
@@ -162,6 +169,7 @@ int run(const RunOptions& options, Output& out) {
     settings.feed.rateLimit = options.rate;
     settings.startsAtOnce = options.now;
     settings.keepsMounted = options.keepMounted;
+    settings.completes = options.complete;
     if (const char* file = std::getenv("TAVRIN_FIRST_FRAME")) settings.firstFrameFile = file;
     ZqRun job(settings);
     ForecastLine forecast(options.now, &out);
@@ -172,6 +180,7 @@ int run(const RunOptions& options, Output& out) {
         out.text(result.isExitKnown ? SxString("The application has ended with code ") + result.info.exitCode
                                     : SxString("The application has ended; its exit code is unknown"));
         tellFigures(result, &out);
+        tellMissing(result, options.image, &out);
     }
     if (!result.missed.isEmpty()) {
         out.finding("The process '" + result.missed.makeVisible() +
@@ -181,6 +190,40 @@ int run(const RunOptions& options, Output& out) {
     if (!result.unwritten.isEmpty()) Output::failure(result.unwritten);
     writeFiles(job, options);
     if (job.hasException()) throw job.getException();
+    return ExitSuccess;
+}
+
+int fetch(const RunOptions& options, Output& out) {
+    refuseForeignFolder(options.image);
+    ZqRun::Settings settings;
+    settings.feed.image = options.image;
+    settings.feed.url = options.url;
+    settings.feed.headers = SxArray<SxString>(options.headers);
+    settings.feed.rateLimit = options.rate;
+    settings.feed.job = "fetch";
+    settings.feed.isDownloadOnly = true;
+    ZqRun job(settings);
+    followRun(&job, out, [](const auto&, Progress*) {});
+    const ZqRun::Result& result = job.getResult();
+    if (out.getMode().json) {
+        SxParserKit::SxSymbol root;
+        root.setType(SxParserAst::Object);
+        root.append("complete", result.isComplete);
+        root.append("sizeZqf", result.info.imageSize);
+        root.append("missingBytes", result.nMissing);
+        root.append("bytesReceived", result.link.nBytes);
+        root.append("bytesTwice", result.image.nTwice);
+        root.append("requests", result.link.nRequests);
+        root.append("retries", result.link.nRetries);
+        root.append("packed", result.image.isPacked);
+        out.object(root);
+    }
+    tellMissing(result, options.image, &out);
+    if (job.hasException()) throw job.getException();
+    out.text("The image is complete: " + exactBytes(static_cast<uint64>(result.info.imageSize)) + ", " +
+             readableBytes(static_cast<double>(result.link.nBytes)) + " received" +
+             (result.image.isPacked ? " (packed)" : "") +
+             SxString::sprintf(", in %.1f s.", static_cast<double>(result.lengthMs) / 1e3));
     return ExitSuccess;
 }
 } // namespace
@@ -219,8 +262,18 @@ void registerRunVerbs(App* app) {
         .number("--rate", &options.rate, 1, "Download with at most that many bytes a second")
         .flag("--keep-mounted", &options.keepMounted,
               "Complete the image when the application has ended, and leave the drive")
+        .flag("--complete", &options.complete,
+              "Complete the image when the application has ended, and then take the drive away")
         .text("--report", &options.report, "FILE", "Write the figures of the run to this file, as JSON")
         .text("--page", &options.page, "FILE",
               "Write figures and charts of the run to this file, as one page of HTML")
         .action([](Output& out) { return run(options, out); });
+    static RunOptions fetching;
+    app->verb("fetch", "Download what is missing of an image, and check it; needs no drive",
+              "tavrin fetch IMAGE --url https://example.org/game/")
+        .argument("IMAGE", &fetching.image, "Image folder; may be empty or absent at first")
+        .text("--url", &fetching.url, "FOLDER_URL", "Where the image comes from; noted in IMAGE")
+        .headers("--header", &fetching.headers, "Send this line with each request")
+        .number("--rate", &fetching.rate, 1, "Download with at most that many bytes a second")
+        .action([](Output& out) { return fetch(fetching, out); });
 }

@@ -1,0 +1,72 @@
+#include "StreamRun.h"
+#include "ZqStretchStore.h"
+
+#include <fstream>
+
+using testing::AllOf;
+
+// What a download keeps and completes beyond a run.
+
+TEST_F(StreamRun, NothingIsFetchedTwiceOverTwoRuns) {
+    server->setRate(20'000'000);
+    for (const bool packed : {false, true}) {
+        SCOPED_TRACE(packed ? "packed" : "plain");
+        fs::remove_all(got);
+        fs::remove(played + ".half");
+        if (packed) done({"image", "pack", served, "--level", "1"});
+        const SxString name = packed ? "img.zqf.zst" : "img.zqf";
+        // It reads files far ahead of what arrives in order, until it is ended.
+        dir.write("played.pause", "");
+        const auto first = start({"--now", "--rate", "100000"});
+        ASSERT_TRUE(SxWait::pass(30'000, [this] {
+            return fs::exists(played + ".half") && fs::file_size(played + ".half") > 1'000'000;
+        })) << first->says();
+        first->signal(SIGINT);
+        EXPECT_EQ(first->end(), 1) << first->says();
+        fs::remove(played + ".pause");
+        EXPECT_THAT(first->says(),
+                    AllOf(HasSubstr("are still missing; `tavrin fetch"), HasSubstr("stopped")));
+        const uint64 nStored = ZqStretchStore::sizeIn(SxString(got)),
+                     size = fs::file_size(served + "/img.zqf");
+        ASSERT_GT(nStored, 1'000'000u);
+        // What is damaged is fetched again, and nothing else is.
+        const string kept = dir.read("got/img.ahead"), image = dir.read("served/img.zqf");
+        size_t damaged = 10 * 204'800;
+        while (damaged + 204'800 < kept.size() &&
+               kept.compare(damaged, 204'800, image, damaged, 204'800) != 0)
+            damaged += 204'800;
+        ASSERT_LT(damaged + 204'800, kept.size());
+        std::fstream(got + "/img.ahead", std::ios::in | std::ios::out)
+                .seekp(static_cast<std::streamoff>(damaged + 50))
+            << "damaged";
+        const uint64 nBefore = server->getNBytes(name);
+        const auto second = start({"--now", "--complete", "--report", dir.path("report.json")});
+        EXPECT_EQ(second->end(60'000), 0) << second->says();
+        expectPlayed();
+        expectComplete();
+        EXPECT_FALSE(isMounted());
+        // The begin of the first stretch and the damaged one come again, and the table.
+        EXPECT_LT(server->getNBytes(name) - nBefore, size - nStored + 3 * 204'800) << second->says();
+        EXPECT_THAT(dir.read("report.json"), HasSubstr("\"missingBytes\": 0"));
+        EXPECT_FALSE(fs::exists(got + "/img.ahead") || fs::exists(got + "/img.ahead.idx"));
+    }
+}
+
+TEST_F(StreamRun, AFetchCompletesAnImageWithoutADrive) {
+    server->setRate(20'000'000);
+    const Outcome outcome = run({"fetch", got, "--url", server->getUrl().str(), "--json"});
+    EXPECT_EQ(outcome.code, 0) << outcome.err;
+    EXPECT_THAT(outcome.out, AllOf(HasSubstr("\"missingBytes\": 0"), HasSubstr("\"complete\": true")));
+    expectComplete();
+    EXPECT_TRUE(processesOf(false).empty()) << "no service is needed";
+    server->stop();
+    EXPECT_EQ(run({"fetch", got}).code, 0) << "complete, it needs no server";
+    EXPECT_EQ(run({"run", got}).code, 0);
+    expectPlayed();
+    std::ofstream(got + "/img.zqf", std::ios::app) << "x";
+    fs::resize_file(got + "/img.zqf", fs::file_size(served + "/img.zqf"));
+    std::fstream(got + "/img.zqf", std::ios::in | std::ios::out).seekp(9000) << "damaged";
+    const Outcome wrong = run({"fetch", got});
+    EXPECT_EQ(wrong.code, 1);
+    EXPECT_THAT(wrong.err, HasSubstr("has the digest"));
+}
