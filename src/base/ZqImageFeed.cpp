@@ -364,8 +364,10 @@ void ZqImageFeed::keepDownload() {
         }
         return;
     }
+    // What the writer holds still would overlap with what comes anew, and neither be written to the end.
+    const bool isWriting = getWriter()->isRunning() && getWriter()->getBytesHeld() > 0;
     if (versionCheck) {
-        resumeDownload();
+        if (!isWriting) resumeDownload();
         return;
     }
     download->wait();
@@ -373,8 +375,7 @@ void ZqImageFeed::keepDownload() {
     const ZqFailurePolicy::Verdict verdict = settle(download->getException());
     isInterrupted = true;
     interruptedSize = fileSize();
-    // What the writer holds still would overlap with what comes anew, and neither be written to the end.
-    if (getWriter()->isRunning() && getWriter()->getBytesHeld() > 0) return;
+    if (isWriting) return;
     const int64 nowNs = SxClock::get().steadyNs();
     if (nowNs - downloadNs < pauseNs) return;
     downloadNs = nowNs;
