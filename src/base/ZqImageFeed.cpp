@@ -43,6 +43,13 @@ SxString megabytes(uint64 nBytes) {
     return SxString(nBytes / MEGABYTE + (nBytes % MEGABYTE != 0 ? 1 : 0)) + " MB";
 }
 
+/// A line without its figures.
+std::string wordsOf(const SxString& line) {
+    std::string words = line.str();
+    std::erase_if(words, [](char c) { return c >= '0' && c <= '9'; });
+    return words;
+}
+
 } // namespace
 
 /// Looks after the other threads.
@@ -461,7 +468,8 @@ void ZqImageFeed::keepWriter() {
 
 void ZqImageFeed::setWaiting(const SxString& text) {
     const SxMutexBlock block(&mutex);
-    if (text != waiting && !text.isEmpty()) zqLogMsg("base", "ZqImageFeed: " + text);
+    // Its figures may change twice a second, for hours.
+    if (!text.isEmpty() && wordsOf(text) != wordsOf(waiting)) zqLogMsg("base", "ZqImageFeed: " + text);
     waiting = text;
 }
 
