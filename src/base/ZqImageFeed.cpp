@@ -149,7 +149,7 @@ void ZqImageFeed::open(const ZqStopTest& stop) {
             link = SxPtr<ZqNetLink>::create();
         }
         app = ZqImageRecords(link, settings.image, url, settings.headers)
-                  .fetchApp(!settings.isDownloadOnly, stop);
+                  .fetchApp(!settings.isDownloadOnly, &isConfirmed, stop);
     }
     hadRecords = hasRecords;
     app.requireKnownFormat();
@@ -225,6 +225,8 @@ void ZqImageFeed::start() {
     const ZqImageRecords records(link, settings.image, url, settings.headers);
     image->setSameTest(
         [records, own = app](const ZqStopTest& stop) { return records.isSameOnServer(own, stop); });
+    // It may have another version by now.
+    if (!isConfirmed) image->doubtServer();
     openStore();
     zqNetioOfferImage(image);
     makeWriter();

@@ -163,6 +163,7 @@ private:
     std::unique_ptr<VersionCheck> versionCheck;
     std::atomic<bool> stopping{false}, verified{false}, checking{false}, settled{false};
     std::atomic<bool> driveStarted{false};
+    bool isConfirmed = true; ///< the server was seen at open() to have the version that is here
     bool hadRecords = false; ///< the folder had all it takes for a drive, blocks apart, at open()
     bool isWritten = false;  ///< a drive may have written into `img.zqf`
     std::atomic<uint64> nChecked{0};

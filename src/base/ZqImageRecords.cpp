@@ -150,7 +150,8 @@ bool ZqImageRecords::isSameOnServer(const ZqAppParams& own, const ZqStopTest& st
     return areSame(own, look(stop));
 }
 
-ZqAppParams ZqImageRecords::fetchApp(bool mayPlay, const ZqStopTest& stop) {
+ZqAppParams ZqImageRecords::fetchApp(bool mayPlay, bool* isConfirmed, const ZqStopTest& stop) {
+    *isConfirmed = true;
     const SxString file = folder + ZqImageFiles::APP_JSON, fresh = file + NEW;
     // An earlier run may have been killed ahead of the other records, which fetchRest() brings.
     const bool resumes = hasBlocks();
@@ -164,6 +165,7 @@ ZqAppParams ZqImageRecords::fetchApp(bool mayPlay, const ZqStopTest& stop) {
     } catch (const SxException& e) {
         // What is there can be played; the download waits for its server, and says so.
         if (!mayPlay || !holdsPart(folder) || ZqFailurePolicy::decide(e, true) == ZqFailurePolicy::End) throw;
+        *isConfirmed = false;
         return ZqAppParams(folder);
     }
     if (resumes) {

@@ -113,3 +113,35 @@ TEST_F(StreamRun, ASilentServiceEndsNothing) {
     expectPlayed();
     EXPECT_FALSE(isMounted());
 }
+
+TEST_F(StreamRun, NothingIsTakenFromAServerWhoseVersionIsUnknown) {
+    for (const bool isOther : {false, true}) {
+        SCOPED_TRACE(isOther ? "another version" : "the same version");
+        fs::remove_all(got);
+        fs::copy(served, got);
+        fs::resize_file(got + "/img.zqf", 2'000'000);
+        pause();
+        // All but the blocks is behind a page to log in to.
+        const string app = dir.read("served/app.json");
+        dir.write("served/app.json", "<html></html>");
+        const auto player = start();
+        ASSERT_TRUE(SxWait::pass(LONG_MS, [&] { return statusOf(got).nHeld > 0; })) << player->says();
+        EXPECT_TRUE(says(*player, "waiting for the server: ")) << player->says();
+        EXPECT_EQ(fs::file_size(got + "/img.zqf"), 2'000'000u);
+        dir.write("served/app.json", app);
+        if (isOther) {
+            offerOtherVersion();
+            EXPECT_TRUE(says(*player, "the download has ended: ")) << player->says();
+            player->signal(SIGINT);
+        }
+        resume();
+        EXPECT_EQ(player->end(LONG_MS), isOther ? 1 : 0) << player->says();
+        if (isOther) {
+            EXPECT_EQ(fs::file_size(got + "/img.zqf"), 2'000'000u);
+        } else {
+            expectPlayed();
+        }
+        fs::remove(played + ".started");
+        fs::remove(played + ".paused");
+    }
+}

@@ -70,6 +70,11 @@ void ZqFileFacts::setSameTest(const SameTest& test) {
     isSame = test;
 }
 
+void ZqFileFacts::doubtFirst() {
+    SxMutexBlock lock(&mutex);
+    isFirstDoubted = true;
+}
+
 void ZqFileFacts::allowAbsence() {
     SxMutexBlock lock(&mutex);
     isOptional = true;
@@ -180,6 +185,7 @@ const ZqFileFacts::Version* ZqFileFacts::find(const Version& seen, bool* isCompa
 
 int64 ZqFileFacts::accept(Version version, int64 number) {
     version.number = number;
+    isFirstDoubted = false;
     if (std::find(versions.begin(), versions.end(), version) == versions.end()) {
         if (versions.size() >= MAX_VERSIONS) versions.erase(versions.begin());
         versions.push_back(version);
@@ -195,6 +201,10 @@ int64 ZqFileFacts::learn(const ZqTransfer::Response& response, bool isVouched) {
     if (response.total >= 0) checkSize(static_cast<uint64>(response.total));
     bool isComparable = false;
     const Version* known = find(seen, &isComparable);
+    if (versions.empty() && isFirstDoubted && !isVouched) {
+        raiseDoubt({seen, "It isn't known whether the server has the same file still", false},
+                   ZqNetLink::CHANGED);
+    }
     if (!known && !versions.empty() && !isVouched && (isComparable || isSame)) {
         const Version& first = versions.front();
         raiseDoubt({seen,
@@ -208,7 +218,7 @@ int64 ZqFileFacts::learn(const ZqTransfer::Response& response, bool isVouched) {
     return accept(seen, known ? known->number : nVersions++);
 }
 
-void ZqFileFacts::settle(const ZqStopTest& stop) {
+bool ZqFileFacts::settle(const ZqStopTest& stop) {
     std::vector<Doubt> open;
     SameTest test;
     {
@@ -217,7 +227,7 @@ void ZqFileFacts::settle(const ZqStopTest& stop) {
             if (stop && stop()) throw SxException(SxException::STOPPED, "Stopped", UNIT, __LINE__);
             settled.wait_for(mutex, LOOK);
         }
-        if (doubts.empty()) return;
+        if (doubts.empty()) return false;
         isSettling = true;
         open.swap(doubts);
         test = isSame;
@@ -246,4 +256,5 @@ void ZqFileFacts::settle(const ZqStopTest& stop) {
         if (!isStillSame) throw SxException(ZqNetLink::CHANGED, doubt.text, UNIT, __LINE__);
         if (doubt.isOfSize) throw SxException(ZqNetLink::WRONG, doubt.text, UNIT, __LINE__);
     }
+    return true;
 }

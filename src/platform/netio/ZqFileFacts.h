@@ -39,6 +39,9 @@ public:
     uint64 getDueSize() const;
     void setHeaders(const SxArray<SxString>& headers_);
     void setSameTest(const SameTest& test);
+    /// Already the first response is doubted, and nothing taken of it until settle() has told that it is the
+    /// same file.
+    void doubtFirst();
     /// The file may be missing: a 403 tells that, too, as from stores that don't list their files.
     void allowAbsence();
 
@@ -62,9 +65,10 @@ public:
     /// Raises where the file hasn't `total` bytes.
     void learnSize(uint64 total);
     /// Asks whether the file is the same in spite of the doubts so far, and raises where it isn't: with the
-    /// tag CHANGED where what it belongs to has changed, WRONG where only its size differs. Not on the
-    /// network thread.
-    void settle(const ZqStopTest& stop);
+    /// tag CHANGED where what it belongs to has changed, WRONG where only its size differs. False where
+    /// another thread has settled them all: what it found doesn't vouch for this one's answer, which has to
+    /// be asked for again. Not on the network thread.
+    bool settle(const ZqStopTest& stop);
 
 private:
     struct Version {
@@ -96,6 +100,7 @@ private:
     bool isOptional SX_GUARDED_BY(mutex) = false;
     SameTest isSame SX_GUARDED_BY(mutex);
     std::vector<Version> versions SX_GUARDED_BY(mutex); ///< all that stand for the same bytes
+    bool isFirstDoubted SX_GUARDED_BY(mutex) = false;
     int64 nVersions SX_GUARDED_BY(mutex) = 0;
     std::vector<Doubt> doubts SX_GUARDED_BY(mutex);
     bool isSettling SX_GUARDED_BY(mutex) = false;

@@ -187,8 +187,7 @@ void ZqRangeReader::recover(const SxException& e, const SxString& asked, const Z
         return;
     }
     try {
-        facts->settle(stop);
-        isVouched = true;
+        isVouched = facts->settle(stop);
     } catch (const SxException& unsettled) {
         retry.failed(unsettled, stop);
     }

@@ -92,6 +92,11 @@ void ZqRemoteImage::setSameTest(const ZqFileFacts::SameTest& test) {
     packed->getFacts()->setSameTest(test);
 }
 
+void ZqRemoteImage::doubtServer() {
+    plain->getFacts()->doubtFirst();
+    packed->getFacts()->doubtFirst();
+}
+
 void ZqRemoteImage::forgetServer() {
     plain->getFacts()->forget();
     packed->getFacts()->forget();

@@ -78,6 +78,8 @@ public:
     /// ZqNetLink.
     void read(uint64 offset, uint64 size, char* buffer, const ZqStopTest& stop = nullptr);
 
+    /// Nothing is taken from the server until the test of setSameTest() has told that it is the same.
+    void doubtServer();
     /// Asks anew what the server has: its files may be there again, or in another place.
     void forgetServer();
 
