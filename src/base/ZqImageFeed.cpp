@@ -464,7 +464,13 @@ void ZqImageFeed::keepWriter() {
     } else {
         setWaiting("");
     }
-    makeWriter();
+    try {
+        makeWriter();
+    } catch (const SxException& e) {
+        // A quota, say, that shows as room.
+        settle(e.tagged(ZqFailurePolicy::DISK));
+        return;
+    }
     beginDownload();
 }
 
