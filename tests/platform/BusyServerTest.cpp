@@ -100,6 +100,26 @@ TEST(BusyServer, isAskedStepByStep) {
     EXPECT_TRUE(gate.mayBegin(ahead, 50, now + 60 * SECOND));
 }
 
+TEST(BusyServer, isAskedForWhatMayBeginWhoeverStandsBefore) {
+    ZqNetGate gate{ZqNetSettings()};
+    const int64 now = 100 * SECOND, old = now - 5 * SECOND;
+    using Request = ZqNetGate::Request;
+    const auto ahead = [](int64 since) { return Request{false, false, false, since}; };
+    const auto onDemand = [](int64 since) { return Request{true, false, true, since}; };
+    const auto ordered = [](int64 since) { return Request{false, true, false, since}; };
+    EXPECT_EQ(gate.choose({}, 0, now), 0u);
+    EXPECT_EQ(gate.choose({ahead(now), ordered(now), onDemand(now)}, 0, now), 2u);
+    EXPECT_EQ(gate.choose({ahead(old), onDemand(now)}, 0, now), 0u) << "its turn";
+    // During a pause only what somebody waits for is tried, however old the others are.
+    gate.refused(now - SECOND, 60'000, 7, now);
+    const int64 later = now + 11 * SECOND;
+    EXPECT_EQ(gate.choose({ahead(old), ordered(old), onDemand(now)}, 0, later), 2u);
+    EXPECT_EQ(gate.choose({ahead(old), ordered(old)}, 0, later), 2u) << "none";
+    // Beyond the halved number the ordered stream still has its place.
+    const int64 open = now + 61 * SECOND;
+    EXPECT_EQ(gate.choose({ahead(old), ordered(old)}, 50, open), 1u);
+}
+
 TEST(BusyServer, getsFewRequestsBeyondItsLimit) {
     TestRandom random;
     const std::string file = random.bytes(100'000);

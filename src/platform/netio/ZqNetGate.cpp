@@ -10,7 +10,20 @@ constexpr int64 MAX_PAUSE_MS = 300'000, MAX_PROBE_MS = 10'000;
 constexpr size_t MIN_BEGUN = 3;
 constexpr int64 MAX_GAP_NS = SECOND_NS, NO_GAP_NS = 5 * MS;
 constexpr int64 NO_LIMIT = 16; ///< more aren't under way at once anyway
+/// One that hasn't begun for so long is the next, whoever else has come.
+constexpr int64 TURN_NS = SECOND_NS;
 } // namespace
+
+size_t ZqNetGate::choose(const std::vector<Request>& waiting, int64 nUnderWay, int64 nowNs) const {
+    const auto may = [&](const Request& each) { return mayBegin(each, nUnderWay, nowNs); };
+    auto next = std::ranges::find_if(waiting, may);
+    if (next != waiting.end() && nowNs - next->sinceNs < TURN_NS) {
+        const auto onDemand = std::find_if(next, waiting.end(),
+                                           [&](const Request& each) { return each.isOnDemand && may(each); });
+        if (onDemand != waiting.end()) next = onDemand;
+    }
+    return static_cast<size_t>(next - waiting.begin());
+}
 
 bool ZqNetGate::mayBegin(const Request& request, int64 nUnderWay, int64 nowNs) const {
     if (nowNs < untilNs) {

@@ -3,6 +3,7 @@
 #include "ZqNetLink.h"
 
 #include <deque>
+#include <vector>
 
 /// What a link still asks of a server that has said that it is asked too much (429, 503): nothing for a
 /// while, then half of what was under way, and no more often than half as often, and from second to second
@@ -15,7 +16,12 @@ public:
     struct Request {
         bool isWaitedFor = false; ///< somebody waits for it
         bool isOrdered = false;   ///< an ordered stream, which has a place of its own
+        bool isOnDemand = false;  ///< it goes before those that have waited for less than a second
+        int64 sinceNs = 0;        ///< when it came
     };
+    /// The place in `waiting`, oldest first, of the one that begins next beside `nUnderWay` others; its size
+    /// where none may. One that may not begin holds up no other.
+    size_t choose(const std::vector<Request>& waiting, int64 nUnderWay, int64 nowNs) const;
     /// Whether it may begin beside `nUnderWay` others, ordered streams not counted.
     bool mayBegin(const Request& request, int64 nUnderWay, int64 nowNs) const;
     void noteBegin(int64 nowNs);

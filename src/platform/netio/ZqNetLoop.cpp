@@ -26,8 +26,6 @@ constexpr int64 QUIET_BUDGET_NS = 10'000 * MS, MAX_SHORT_QUIET_NS = 60 * MS;
 constexpr int64 HASTENED_NS = 100 * MS;
 constexpr int64 LOOK_MS = 100, GATE_LOOK_MS = 5;
 constexpr int64 IDLE_MS = 60'000;
-/// One that hasn't begun for so long is the next, whoever else has come.
-constexpr int64 TURN_NS = 1'000 * MS;
 
 int64 nowNs() {
     return SxClock::get().steadyNs();
@@ -124,19 +122,17 @@ void ZqNetLoop::Engine::takePosted() {
 void ZqNetLoop::Engine::admit() {
     while (!queued.empty()) {
         const int64 now = nowNs();
-        auto next = queued.begin();
-        if (now - next->sinceNs < TURN_NS) {
-            const auto waitedFor = std::ranges::find_if(queued, [](const Queued& each) {
-                return each.transfer->getKind() == ZqTransfer::Kind::OnDemand;
-            });
-            if (waitedFor != queued.end()) next = waitedFor;
+        std::vector<ZqNetGate::Request> waiting;
+        for (const Queued& each : queued) {
+            const ZqTransfer::Kind kind = each.transfer->getKind();
+            const bool isOnDemand = kind == ZqTransfer::Kind::OnDemand;
+            waiting.push_back({isOnDemand || kind == ZqTransfer::Kind::Small,
+                               kind == ZqTransfer::Kind::Ordered, isOnDemand, each.sinceNs});
         }
-        const SxPtr<ZqTransfer> transfer = next->transfer;
-        const ZqTransfer::Kind kind = transfer->getKind();
-        const bool isWaitedFor = kind == ZqTransfer::Kind::OnDemand || kind == ZqTransfer::Kind::Small;
-        const ZqNetGate::Request request{isWaitedFor, kind == ZqTransfer::Kind::Ordered};
-        if (!gate.mayBegin(request, countUnderWay(), now)) return;
-        queued.erase(next);
+        const size_t next = gate.choose(waiting, countUnderWay(), now);
+        if (next == waiting.size()) return;
+        const SxPtr<ZqTransfer> transfer = queued[next].transfer;
+        queued.erase(queued.begin() + static_cast<std::ptrdiff_t>(next));
         gate.noteBegin(now);
         begin(transfer);
     }
