@@ -110,7 +110,7 @@ TEST_F(DeadConnection, goesOnInTheMiddleOfARange) {
 }
 
 TEST_F(DeadConnection, theFirstOfBothThatAnswersIsTaken) {
-    // Both answer, in each order.
+    // Both answer, and one of the two is enough.
     server.setLatency(500);
     Readers late;
     begin(&late, 1);

@@ -146,7 +146,9 @@ ZqTransfer::Next ZqRangeReader::awaitPiece(SxArray<char>* piece, const ZqStopTes
             takeSecond();
             continue;
         }
-        if (second && second->isBroken()) {
+        SxException why;
+        // A refusal doesn't end the first, which may only be slow. A doubt can be settled at once.
+        if (second && second->isBroken(&why) && !why.hasTag(ZqFileFacts::DOUBTFUL)) {
             dropSecond();
         } else if (second && !second->isSilent()) {
             takeSecond();

@@ -139,10 +139,11 @@ bool ZqTransfer::isSilent() const {
     return pieces.empty() && !ended;
 }
 
-bool ZqTransfer::isBroken() const {
+bool ZqTransfer::isBroken(SxException* why) const {
     SxMutexBlock lock(&mutex);
-    const bool mayPass = failure.hasTag(ZqNetLink::UNREACHABLE) || failure.hasTag(ZqNetLink::BROKEN);
-    return pieces.empty() && failed && mayPass;
+    if (!failed || !pieces.empty()) return false;
+    *why = failure;
+    return true;
 }
 
 void ZqTransfer::setBegun() {

@@ -74,8 +74,8 @@ public:
     bool isFinished() const;
     /// Whether next() would wait.
     bool isSilent() const;
-    /// Whether it has failed without bytes, and would be tried again.
-    bool isBroken() const;
+    /// Whether it has failed and no byte is left of it; gives why.
+    bool isBroken(SxException* why) const;
     /// When the server was asked or bytes came last, on the steady clock; 0 ahead of both.
     int64 getMovedNs() const noexcept { return movedNs.load(); }
 
