@@ -6,16 +6,17 @@
 void ZqRemoteImage::Storer::main() {
     int64 stopNs = 0;
     for (;;) {
-        bool isIdle = false;
+        bool isStored = true;
         try {
-            isIdle = !image->storeNext();
+            isStored = image->storeNext();
         } catch (const SxException& e) {
             // What the store hasn't got stays in memory.
             zqLogMsg("NET", e.toString(SxException::ShowMessage, ": "));
         }
+        if (!isStored) image->awaitStorable(stopping);
         if (!stopping) continue;
         const int64 nowNs = SxClock::get().steadyNs();
         if (stopNs == 0) stopNs = nowNs;
-        if (isIdle || nowNs - stopNs > DRAIN_NS) return;
+        if (!isStored || nowNs - stopNs > DRAIN_NS) return;
     }
 }

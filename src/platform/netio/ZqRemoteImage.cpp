@@ -72,6 +72,7 @@ ZqRemoteImage::~ZqRemoteImage() {
     for (const auto& loader : aheadLoaders)
         loader->wait();
     if (storer) storer->stop();
+    { SxMutexBlock lock(&mutex); }
     changed.notify_all();
     if (storer) storer->wait();
     // What is left lets go of its claims, which takes the mutex.

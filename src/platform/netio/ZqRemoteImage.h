@@ -162,8 +162,10 @@ private:
     void noteStored(uint64 stretchIdx) SX_REQUIRES(mutex);
     /// Frees memory of what the store has, down to `nMost` stretches.
     void shedStored(uint64 nMost) SX_REQUIRES(mutex);
-    /// Hands the store one stretch that it hasn't got; false where there was none for a while.
+    /// Hands the store one stretch that it hasn't got; false where there is none, or no room.
     bool storeNext();
+    /// Waits a moment for another one, or for room.
+    void awaitStorable(const std::atomic<bool>& stopping);
     void dropKept(uint64 first, uint64 end) SX_REQUIRES(mutex);
     /// Whether somebody goes through the image and has come to a stretch.
     bool isGoneThrough(uint64 stretchIdx) const;

@@ -17,7 +17,8 @@ constexpr auto LOOK = std::chrono::milliseconds(20);
 /// How long a stretch of the plain form waits for the table that tells whether it is right, from the first
 /// request for that on. A table takes a hundredth of a percent of its image.
 constexpr int64 TABLE_PATIENCE_NS = 2'000'000'000;
-constexpr auto STORER_LOOK = std::chrono::milliseconds(100);
+/// Nobody waits for what is stored, and what it takes of the disk is given back at leisure.
+constexpr auto STORER_LOOK = std::chrono::seconds(1);
 /// Stretches that stay in memory though the store has them: 20 MiB.
 constexpr uint64 N_CACHED = 100;
 
@@ -131,7 +132,9 @@ void ZqRemoteImage::keep(uint64 stretchIdx, const Bytes& bytes, bool isChecked, 
     ++nInMemory;
     if (!isChecked) unchecked.insert(stretchIdx);
     if (figure == &Figures::nAhead) unused.insert(stretchIdx);
-    if (store) unstored.push_back(stretchIdx);
+    if (!store) return;
+    unstored.push_back(stretchIdx);
+    changed.notify_all();
 }
 
 void ZqRemoteImage::noteStored(uint64 stretchIdx) {
@@ -152,18 +155,31 @@ bool ZqRemoteImage::storeNext() {
     Bytes bytes;
     {
         SxMutexBlock lock(&mutex);
-        if (unstored.empty()) changed.wait_for(mutex, STORER_LOOK);
         if (unstored.empty()) return false;
         idx = unstored.front();
         unstored.pop_front();
         const auto found = kept.find(idx);
         if (found != kept.end()) bytes = found->second;
     }
-    if (!bytes || !store->write(idx, *bytes)) return true;
+    if (!bytes) return true;
+    const bool isWritten = store->write(idx, *bytes);
+    bool isWanted = false;
+    {
+        SxMutexBlock lock(&mutex);
+        const auto found = kept.find(idx);
+        isWanted = found != kept.end() && found->second.getPtr() == bytes.getPtr();
+        if (isWanted && isWritten) noteStored(idx);
+        // It has its turn when there is room.
+        if (isWanted && !isWritten) unstored.push_back(idx);
+    }
+    // It was found to be wrong, or passed, while it was written.
+    if (!isWanted && isWritten) store->drop(idx);
+    return isWritten;
+}
+
+void ZqRemoteImage::awaitStorable(const std::atomic<bool>& stopping) {
     SxMutexBlock lock(&mutex);
-    const auto found = kept.find(idx);
-    if (found != kept.end() && found->second.getPtr() == bytes.getPtr()) noteStored(idx);
-    return true;
+    if (!stopping) changed.wait_for(mutex, STORER_LOOK);
 }
 
 ZqRemoteImage::Bytes ZqRemoteImage::loadKept(uint64 stretchIdx) {
