@@ -210,6 +210,17 @@ void ZqImageFeed::beginDownload() {
     }
 }
 
+SxPtr<ZqRemoteImage> ZqImageFeed::makeImage(const SxPtr<ZqNetLink>& of) const {
+    of->setRateLimit(static_cast<double>(settings.rateLimit));
+    const auto made = SxPtr<ZqRemoteImage>::create(of, url, app.sizeZqf, settings.headers,
+                                                   ZqRemoteImage::MAX_KEPT, app.checksumZqf);
+    // It may be asked for longer than this lives.
+    const ZqImageRecords records(of, settings.image, url, settings.headers);
+    made->setSameTest(
+        [records, own = app](const ZqStopTest& stop) { return records.isSameOnServer(own, stop); });
+    return made;
+}
+
 void ZqImageFeed::start() {
     keeper = std::make_unique<Keeper>(this);
     if (!link) {
@@ -218,13 +229,7 @@ void ZqImageFeed::start() {
         if (!settled) keeper->start();
         return;
     }
-    link->setRateLimit(static_cast<double>(settings.rateLimit));
-    image = SxPtr<ZqRemoteImage>::create(link, url, app.sizeZqf, settings.headers, ZqRemoteImage::MAX_KEPT,
-                                         app.checksumZqf);
-    // It may be asked for longer than this lives.
-    const ZqImageRecords records(link, settings.image, url, settings.headers);
-    image->setSameTest(
-        [records, own = app](const ZqStopTest& stop) { return records.isSameOnServer(own, stop); });
+    image = makeImage(link);
     // It may have another version by now.
     if (!isConfirmed) image->doubtServer();
     openStore();

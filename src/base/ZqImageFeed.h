@@ -119,6 +119,8 @@ private:
     void openStore();
     void removeStore() const;
     void makeWriter();
+    /// What the server has of the image, by requests over `of`.
+    SxPtr<ZqRemoteImage> makeImage(const SxPtr<ZqNetLink>& of) const;
     void beginDownload();
     void keep();
     void keepManager();

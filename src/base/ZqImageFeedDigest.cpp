@@ -66,11 +66,7 @@ uint64 ZqImageFeed::mend() {
     ZqStreamRecord record;
     record.read(settings.image);
     if (record.isWritten) return 0;
-    SxPtr<ZqRemoteImage> source = image;
-    if (!source) {
-        source = SxPtr<ZqRemoteImage>::create(SxPtr<ZqNetLink>::create(), url, app.sizeZqf, settings.headers,
-                                              ZqRemoteImage::MAX_KEPT, app.checksumZqf);
-    }
+    const SxPtr<ZqRemoteImage> source = image ? image : makeImage(SxPtr<ZqNetLink>::create());
     try {
         return ZqImageRepair(filePath(ZqImageFiles::ZQF), source)
             .mend([this](uint64 nDone) { nChecked = nDone; }, [this] { return stopping.load(); });
