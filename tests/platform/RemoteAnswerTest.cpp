@@ -1,4 +1,5 @@
 #include "Builders.h"
+#include "Failure.h"
 #include "NetLab.h"
 #include "ZqRemoteFile.h"
 
@@ -13,16 +14,6 @@ using testing::Not;
 namespace {
 
 using FilePtr = SxPtr<ZqRemoteFile>;
-
-template<class Act>
-SxException failureOf(Act act) {
-    try {
-        act();
-    } catch (const SxException& e) {
-        return e;
-    }
-    return {};
-}
 
 } // namespace
 
@@ -49,7 +40,7 @@ TEST(RemoteFileHostile, refusesAnswersThatAreNoAnswers) {
         const auto file =
             FilePtr::create(SxPtr<ZqNetLink>::create(quickSettings()), SxString(server.url("f")));
         char buffer[10];
-        const std::string failure = failureOf([&] { file->read(10, 10, buffer); }).what();
+        const std::string failure = exceptionOf([&] { file->read(10, 10, buffer); }).what();
         EXPECT_THAT(SxString(failure).changeCase(false).str(),
                     HasSubstr(SxString(text).changeCase(false).str()))
             << response;
@@ -88,7 +79,7 @@ TEST(RemoteFileFailure, isOfTheKindThatTellsWhatToDo) {
         const auto file =
             FilePtr::create(SxPtr<ZqNetLink>::create(quickSettings()), SxString(server.url("f")));
         char buffer[10];
-        const SxException e = failureOf([&] { file->read(10, 10, buffer); });
+        const SxException e = exceptionOf([&] { file->read(10, 10, buffer); });
         EXPECT_TRUE(e.hasTag(each.tag)) << each.response << e.what();
         EXPECT_THAT(SxString(e.what()).changeCase(false).str(),
                     HasSubstr(SxString(each.text).changeCase(false).str()));
@@ -97,7 +88,7 @@ TEST(RemoteFileFailure, isOfTheKindThatTellsWhatToDo) {
     const ScriptedServer store([&](const std::string&) { return answered("403 Forbidden"); });
     const auto file = FilePtr::create(SxPtr<ZqNetLink>::create(quickSettings()), SxString(store.url("f")));
     file->getFacts()->allowAbsence();
-    EXPECT_TRUE(failureOf([&] { file->get(10); }).hasTag(ZqNetLink::NOT_FOUND));
+    EXPECT_TRUE(exceptionOf([&] { file->get(10); }).hasTag(ZqNetLink::NOT_FOUND));
 }
 
 // What a server says need not be what it was asked for, as long as it tells what it is.
@@ -143,7 +134,7 @@ TEST(RemoteFileAnswer, isTakenWhereTheBytesCanBeTold) {
         const auto file =
             FilePtr::create(SxPtr<ZqNetLink>::create(quickSettings()), SxString(server.url(name)));
         char byte = 0;
-        const SxException e = failureOf([&] { file->read(5, 1, &byte); });
+        const SxException e = exceptionOf([&] { file->read(5, 1, &byte); });
         EXPECT_EQ(e.hasTag(ZqNetLink::WRONG), std::string(name) == "f") << e.what();
     }
     // One that gives at most 64 bytes at once, and says no total.
@@ -221,7 +212,7 @@ TEST(RemoteFileVersion, isComparedLikeWithLike) {
             file->read(0, 100, buffer.data());
             bool hasChanged = false;
             for (uint64 i = 1; i < 3; ++i) {
-                const SxException e = failureOf([&] { file->read(100 * i, 100, &buffer[100 * i]); });
+                const SxException e = exceptionOf([&] { file->read(100 * i, 100, &buffer[100 * i]); });
                 hasChanged = hasChanged || e.hasTag(ZqNetLink::CHANGED);
             }
             const bool isAsked = means != Nothing && each.verdict != Same;
@@ -244,7 +235,7 @@ TEST(RemoteFileVersion, aDifferentSizeIsNeverTaken) {
         file->getFacts()->setSameTest([&](const ZqStopTest&) { return isSame; });
         char buffer[10];
         file->read(0, 10, buffer);
-        const SxException e = failureOf([&] { file->read(0, 10, buffer); });
+        const SxException e = exceptionOf([&] { file->read(0, 10, buffer); });
         EXPECT_TRUE(e.hasTag(isSame ? ZqNetLink::WRONG : ZqNetLink::CHANGED)) << e.what();
     }
 }
@@ -302,7 +293,7 @@ TEST(RemoteFileProxy, isToldAsWhoRefuses) {
         const std::string address = proxy.url();
         ::setenv(each.variable, address.c_str(), 1);
         const auto file = FilePtr::create(SxPtr<ZqNetLink>::create(quickSettings()), SxString(each.url));
-        const SxException e = failureOf([&] { file->get(10); });
+        const SxException e = exceptionOf([&] { file->get(10); });
         ::unsetenv(each.variable);
         std::string text = each.text;
         const size_t at = text.find("PORT"), colon = address.rfind(':') + 1;
@@ -334,7 +325,7 @@ TEST(RemoteFileSecrets, areSentAndNotTold) {
     for (const std::string& request : requests)
         EXPECT_THAT(request, AllOf(HasSubstr("Authorization: Basic"), HasSubstr("token=hidden")));
     isGone = true;
-    const std::string text = failureOf([&] { file->read(0, 10, buffer); }).what();
+    const std::string text = exceptionOf([&] { file->read(0, 10, buffer); }).what();
     EXPECT_THAT(text, AllOf(HasSubstr("/near?...'"), HasSubstr("answers 404"), Not(HasSubstr("hidden"))));
 }
 

@@ -1,4 +1,5 @@
 #include "Builders.h"
+#include "Failure.h"
 #include "NetLab.h"
 #include "SxClock.h"
 #include "SxTime.h"
@@ -17,16 +18,6 @@ using testing::Not;
 namespace {
 
 using FilePtr = SxPtr<ZqRemoteFile>;
-
-template<class Act>
-SxException failureOf(Act act) {
-    try {
-        act();
-    } catch (const SxException& e) {
-        return e;
-    }
-    return {};
-}
 
 int64 nowMs() {
     return SxClock::get().steadyNs() / 1'000'000;
@@ -100,14 +91,14 @@ TEST_F(RemoteFile, saysWhatIsWrongWithAnAnswer) {
     for (const Case& each : cases) {
         const FilePtr file = open(bytes.size());
         server.setFault(static_cast<ZqFileServer::Fault>(each.fault));
-        const SxException e = failureOf([&] { read(file, 1'502'000, 2000); });
+        const SxException e = exceptionOf([&] { read(file, 1'502'000, 2000); });
         server.setFault(static_cast<ZqFileServer::Fault>(each.fault), false);
         EXPECT_THAT(std::string(e.what()), AllOf(HasSubstr(each.text), HasSubstr("/data'")));
         EXPECT_TRUE(read(file, 1000, 2000) == bytes.substr(1000, 2000)) << each.text;
     }
     // Each try brings half of what is left, and only tries in vain are counted.
     server.setFault(ZqFileServer::Stall);
-    EXPECT_THAT(std::string(failureOf([&] { read(open(), 1000, 2); }).what()),
+    EXPECT_THAT(std::string(exceptionOf([&] { read(open(), 1000, 2); }).what()),
                 HasSubstr("Gave up after 3 tries: no data for 0.4 s"));
     server.setFault(ZqFileServer::Stall, false);
     EXPECT_EQ(link->getStatus().str(), "");
@@ -115,13 +106,14 @@ TEST_F(RemoteFile, saysWhatIsWrongWithAnAnswer) {
     const auto none = FilePtr::create(link, server.getUrl() + "none");
     for (const auto& act : std::initializer_list<std::function<void()>>{
              [&] { none->get(10); }, [&] { read(none, 0, 1); }, [&] { none->fetchTo(dir.path("none")); }}) {
-        EXPECT_TRUE(failureOf(act).hasTag(ZqNetLink::NOT_FOUND));
+        EXPECT_TRUE(exceptionOf(act).hasTag(ZqNetLink::NOT_FOUND));
     }
     EXPECT_FALSE(dir.exists("none"));
-    EXPECT_THAT(std::string(failureOf([&] { open()->get(2'999'999); }).what()),
+    EXPECT_THAT(std::string(exceptionOf([&] { open()->get(2'999'999); }).what()),
                 HasSubstr("has 3000000 bytes, and no more than 2999999"));
-    EXPECT_THAT(std::string(failureOf([&] { open()->fetchTo(dir.path("none"), nullptr, 2'999'999); }).what()),
-                AllOf(HasSubstr("/data'"), HasSubstr("has 3000000 bytes, and no more than 2999999")));
+    EXPECT_THAT(
+        std::string(exceptionOf([&] { open()->fetchTo(dir.path("none"), nullptr, 2'999'999); }).what()),
+        AllOf(HasSubstr("/data'"), HasSubstr("has 3000000 bytes, and no more than 2999999")));
     EXPECT_FALSE(dir.exists("none"));
     open()->fetchTo(dir.path("none"), nullptr, 3'000'000);
 }
@@ -130,7 +122,7 @@ TEST_F(RemoteFile, noticesThatTheFileHasChanged) {
     const FilePtr file = open();
     read(file, 0, 1'600'000);
     server.setFault(ZqFileServer::Changed);
-    const SxException e = failureOf([&] { read(file, 0, 100); });
+    const SxException e = exceptionOf([&] { read(file, 0, 100); });
     EXPECT_TRUE(e.hasTag(ZqNetLink::CHANGED)) << e.what();
     EXPECT_THAT(std::string(e.what()), HasSubstr("has changed on the server"));
 }
@@ -191,12 +183,12 @@ TEST_F(RemoteFile, endsAtOnceWhenStopped) {
         });
         const auto stop = [&] { return !byLink && nowMs() - start > 100; };
         std::string buffer(1000, '\0');
-        const SxException e = failureOf([&] { file->read(0, 1000, buffer.data(), stop); });
+        const SxException e = exceptionOf([&] { file->read(0, 1000, buffer.data(), stop); });
         helper.join();
         EXPECT_TRUE(e.hasTag(SxException::STOPPED)) << e.what();
         EXPECT_LT(nowMs() - start, 600);
     }
-    EXPECT_TRUE(failureOf([&] { file->get(5'000'000); }).hasTag(SxException::STOPPED));
+    EXPECT_TRUE(exceptionOf([&] { file->get(5'000'000); }).hasTag(SxException::STOPPED));
 }
 
 TEST_F(RemoteFile, holdsTheRateOfStreamsOnly) {

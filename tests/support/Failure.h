@@ -14,3 +14,13 @@ inline std::string failureOf(const std::function<void()>& action) {
     }
     return "";
 }
+
+/// The failure itself, for its tags; an empty one where there is none.
+inline SxException exceptionOf(const std::function<void()>& action) {
+    try {
+        action();
+    } catch (const SxException& e) {
+        return e;
+    }
+    return {};
+}

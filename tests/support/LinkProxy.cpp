@@ -1,37 +1,15 @@
 #include "LinkProxy.h"
 
+#include "Loopback.h"
 #include "SxTime.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <poll.h>
-#include <stdexcept>
 #include <sys/socket.h>
 #include <unistd.h>
 #include <vector>
 
-namespace {
-
-sockaddr_in loopback(uint64 port) {
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<uint16_t>(port));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return address;
-}
-
-} // namespace
-
 LinkProxy::LinkProxy(uint64 serverPort_) : serverPort(serverPort_) {
-    sockaddr_in address = loopback(0);
-    socklen_t size = sizeof address;
-    listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    auto* generic = reinterpret_cast<sockaddr*>(&address);
-    if (::bind(listener, generic, size) != 0 || ::listen(listener, 64) != 0 ||
-        ::getsockname(listener, generic, &size) != 0) {
-        throw std::runtime_error("cannot listen on loopback");
-    }
-    port = ntohs(address.sin_port);
+    listener = Loopback::listen(&port);
     start();
 }
 
@@ -55,10 +33,8 @@ void LinkProxy::accept() {
     const int client = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
     if (client < 0) return;
     ++nConnections;
-    const sockaddr_in address = loopback(serverPort);
-    const int server = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (::connect(server, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
-        ::close(server);
+    const int server = Loopback::connect(serverPort);
+    if (server < 0) {
         ::close(client);
         return;
     }

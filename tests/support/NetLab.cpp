@@ -1,9 +1,8 @@
 #include "NetLab.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
+#include "Loopback.h"
+
 #include <poll.h>
-#include <stdexcept>
 #include <sys/socket.h>
 #include <unistd.h>
 #include <zstd.h>
@@ -56,17 +55,7 @@ std::string PackedImage::bytes() const {
 }
 
 ScriptedServer::ScriptedServer(Answer answer_) : answer(std::move(answer_)) {
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof address;
-    listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    auto* generic = reinterpret_cast<sockaddr*>(&address);
-    if (::bind(listener, generic, size) != 0 || ::listen(listener, 16) != 0 ||
-        ::getsockname(listener, generic, &size) != 0) {
-        throw std::runtime_error("cannot listen on loopback");
-    }
-    port = ntohs(address.sin_port);
+    listener = Loopback::listen(&port);
     start();
 }
 

@@ -1,43 +1,26 @@
 #include "NginxServer.h"
 
+#include "Loopback.h"
 #include "SxTime.h"
 
-#include <arpa/inet.h>
 #include <csignal>
-#include <netinet/in.h>
 #include <sstream>
 #include <stdexcept>
-#include <sys/socket.h>
 #include <unistd.h>
 
 namespace {
 
-sockaddr_in loopback(int port) {
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<uint16_t>(port));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return address;
-}
-
 /// A port that nobody listens on at the moment.
 int freePort() {
-    sockaddr_in address = loopback(0);
-    socklen_t size = sizeof address;
-    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    auto* generic = reinterpret_cast<sockaddr*>(&address);
-    const bool found = ::bind(fd, generic, size) == 0 && ::getsockname(fd, generic, &size) == 0;
-    ::close(fd);
-    if (!found) throw std::runtime_error("no free port on loopback");
-    return ntohs(address.sin_port);
+    int port = 0;
+    ::close(Loopback::listen(&port));
+    return port;
 }
 
 bool isServed(int port) {
-    const sockaddr_in address = loopback(port);
-    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const bool served = ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
-    ::close(fd);
-    return served;
+    const int fd = Loopback::connect(static_cast<uint64_t>(port));
+    if (fd >= 0) ::close(fd);
+    return fd >= 0;
 }
 
 void run(const std::string& program, const std::string& arguments) {
