@@ -29,12 +29,12 @@ public:
     ZqFWriter(const SxString& dirPath, const SxString& fileName);
 
     /// Leaves that much of the disk free: where the next piece would go beyond it, the thread waits for room.
-    /// To be called ahead of the start; without it nothing is left.
+    /// To be called before the start; without it nothing is left.
     void setReserve(const ZqDiskReserve& reserve_) { reserve = reserve_; }
 
     /// Writes what comes at once, without a pace and without the test of the disk that bounds one. For a
     /// client that bounds by itself what it has pushed and isn't written yet, see getBytesHeld(). To be
-    /// called ahead of the start.
+    /// called before the start.
     void setUnpaced() { isPaced = false; }
 
     /// Takes a copy of `data`, cut into pieces of 2,000,000 bytes. A client pushes on a grid: where a piece

@@ -15,7 +15,7 @@ public:
     enum Verdict {
         Wait,    ///< the same again after a while
         Restart, ///< the same, with nothing kept of what the server has said of its files
-        End      ///< no more
+        End      ///< the download ends
     };
     static Verdict decide(const SxException& why, bool hasDrive);
     /// What is waited for after such a failure, as a line such as "waiting for the server: it answers 403".

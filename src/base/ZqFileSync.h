@@ -20,7 +20,7 @@ public:
     ZqFileSync(const ZqFileSync&) = delete;
     ZqFileSync& operator=(const ZqFileSync&) = delete;
 
-    /// Ahead of the first write to the file, which has `size` bytes. Raises where that can't be noted.
+    /// Before the first write to the file, which has `size` bytes. Raises where that can't be noted.
     void begin(uint64 size);
     /// The file has `size` bytes now. Begins a sync where one is due, and never waits for it. Costs nothing
     /// where none is, so it may be called at any time.

@@ -62,7 +62,7 @@ protected:
         while (!feed->stopping) {
             try {
                 feed->keep();
-                // Then there is nothing to look after any more.
+                // Then there is no longer anything to look after.
                 if (feed->hasSettled()) return;
             } catch (const SxException& e) {
                 feed->fail(e);

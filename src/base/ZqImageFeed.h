@@ -96,7 +96,7 @@ public:
     /// Whether they are, and have the digest that `app.json` states. A complete image without an address,
     /// which didn't come from a server, counts as such; so does one that a drive may have written into.
     bool isVerified() const { return verified; }
-    /// Whether nothing is left to be done: all is there and right, and no read will have to wait any more.
+    /// Whether nothing is left to be done: all is there and right, and no read will have to wait any longer.
     bool isSettled() const { return settled; }
     /// From start() on.
     Status getStatus() const;
@@ -129,7 +129,7 @@ private:
     void keepProgress();
     void keepWriter();
     void keepDownload();
-    /// Begins the download again, behind a look at the server's version where the failure was of its files.
+    /// Begins the download again, after a look at the server's version where the failure was of its files.
     void resumeDownload();
     /// Notes how long the server has been silent while bytes of it are wanted.
     void watchServer();

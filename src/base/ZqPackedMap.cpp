@@ -132,7 +132,7 @@ bool ZqPackedMap::Decoder::takeOrigin() {
 
 bool ZqPackedMap::Decoder::takeFrame() {
     if (pending.empty()) return false;
-    if (nDone == sizeIdx) throw SxException("It goes on behind the map's end", UNIT, __LINE__);
+    if (nDone == sizeIdx) throw SxException("It goes on beyond the map's end", UNIT, __LINE__);
     const auto nPending = static_cast<int64>(pending.size());
     const int64 n = ZqFrameDecoder::findSize(pending.data(), nPending);
     if (n == 0 && nPending >= MAX_PACKED) throw SxException("A frame of it has no end", UNIT, __LINE__);
@@ -149,7 +149,7 @@ bool ZqPackedMap::Decoder::takeFrame() {
 
 void ZqPackedMap::Decoder::finish() {
     if (nDone < sizeIdx || !pending.empty()) {
-        throw SxException("It ends behind " + SxString(nDone) + " of " + SxString(sizeIdx) + " bytes", UNIT,
+        throw SxException("It ends after " + SxString(nDone) + " of " + SxString(sizeIdx) + " bytes", UNIT,
                           __LINE__);
     }
     md5.finish();

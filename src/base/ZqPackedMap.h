@@ -39,7 +39,7 @@ public:
 
     /// The next bytes of the packed form. Raises as soon as they can't be those of that map.
     void take(const char* bytes, int64 n);
-    /// To be called behind the last bytes; raises where the map isn't whole or is another one.
+    /// To be called after the last bytes; raises where the map isn't whole or is another one.
     void finish();
 
 private:

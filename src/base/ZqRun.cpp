@@ -24,7 +24,7 @@ constexpr int64 LOOK_MS = SxWait::LOOK_MS;
 constexpr int64 NOTE_NS = 500'000'000;
 /// From one look for the series to the next.
 constexpr int64 SAMPLE_MS = 20;
-/// The same from the moment on at which no read has to wait any more, and between two looks at the
+/// The same from the moment on at which no read has to wait any longer, and between two looks at the
 /// application.
 constexpr int64 CALM_SAMPLE_MS = 200;
 constexpr int64 CALM_LOOK_MS = 50;
@@ -245,7 +245,7 @@ void ZqRun::follow() {
             guard->stop();
             break;
         }
-        // What has ended the download ends the run behind the application, which plays from what is there.
+        // What has ended the download ends the run after the application, which plays from what is there.
         watchDrive();
         searching = guard->isSearching();
         noteApplication();

@@ -20,8 +20,7 @@ public:
         ZqImageFeed::Settings feed;
         bool startsAtOnce = false; ///< start the application as soon as there is a drive
         bool keepsMounted = false; ///< complete the image after the application's end, and leave the drive
-        bool completes =
-            false; ///< complete the image after the application's end, ahead of that of the drive
+        bool completes = false; ///< complete the image after the application's end, before that of the drive
         bool isDriveOnly = false; ///< no application: feed the drive until somebody unmounts it
         SxString mountMode;       ///< how to mount; empty for what `app.json` says
         SxString traceFolder;     ///< where the trace goes; empty for a new folder among the image's traces

@@ -85,7 +85,7 @@ private:
         }
     }
 
-    /// With the download ends what moves the cursor, perhaps ahead of the drive.
+    /// With the download ends what moves the cursor, perhaps before the drive is up.
     void moveCursor() const {
         try {
             feed.alignCursor();

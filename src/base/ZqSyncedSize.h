@@ -14,7 +14,7 @@ public:
     /// How many of `size` bytes, which the file has, can be believed.
     uint64 believed(uint64 size) const;
     /// Cuts the file back to what can be believed, and says so in the log; gives how many bytes have gone.
-    /// For who downloads, ahead of the first look at the file's size. What lies behind a link is left alone.
+    /// For who downloads, before the first look at the file's size. What lies behind a link is left alone.
     /// Raises where it can't be cut.
     uint64 cutBack() const;
     /// Makes the note right for a file that has `size` bytes and is about to grow. Raises where it can't be

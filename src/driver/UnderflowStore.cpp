@@ -136,7 +136,7 @@ void UnderflowStore::shrinkMemory(uint64 bytes) {
     ZqfIdx oldest;
     while (nInMemory.load() * BLOCK_SIZE > bytes && findOldest(&oldest, nullptr)) {
         mark(oldest, false);
-        // As where the cursor passes: the bytes go only behind this.
+        // As where the cursor passes: the bytes go only after this.
         ++drops;
         eraseFromMemory(oldest);
         order.pop_front();

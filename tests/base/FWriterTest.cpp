@@ -202,7 +202,7 @@ TEST_F(FWriterTest, WhatIsWrittenIsSyncedAndNoted) {
             push(writer, at, PIECE);
         SxTime::msleep(200);
         EXPECT_THAT(noted(), AllOf(testing::Ge(uint64{64} << 20), testing::Le(80'000'000U))) << "64 MiB";
-        // What isn't on the device isn't noted, nor is what comes behind that.
+        // What isn't on the device isn't noted, nor is what comes after that.
         os.failNth(Op::Sync, 1, EIO, "img.zqf");
         const uint64 before = noted();
         push(writer, 80'000'000, PIECE);

@@ -109,11 +109,11 @@ TEST(PackedMap, WhatIsNoneIsRefused) {
     const std::string map = orderedMap(random, 140'000), right = packed(map), other = packed(map.substr(8));
     const std::string frame = frameOf(std::string(FRAME, '\0')), head = right.substr(0, 44);
     const std::pair<std::string, std::string> cases[] = {
-        {"", "It ends behind 0 of 1120000 bytes"},
-        {right.substr(0, 43), "It ends behind 0 of"},
-        {right.substr(0, right.size() - 1), "It ends behind 1048576 of"},
-        {right + '\0', "goes on behind the map's end"},
-        {right + right.substr(44), "goes on behind the map's end"},
+        {"", "It ends after 0 of 1120000 bytes"},
+        {right.substr(0, 43), "It ends after 0 of"},
+        {right.substr(0, right.size() - 1), "It ends after 1048576 of"},
+        {right + '\0', "goes on beyond the map's end"},
+        {right + right.substr(44), "goes on beyond the map's end"},
         {right.substr(44), "wasn't packed of this map"},
         {other, "wasn't packed of this map"},
         {head + other.substr(44), "doesn't declare 71424 bytes"},

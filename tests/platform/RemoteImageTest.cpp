@@ -224,7 +224,7 @@ TEST_F(RemoteImagePlain, aWrongRangeIsFetchedAgainAndNeverGiven) {
         nPlain = 0;
         image =
             ImagePtr::create(SxPtr<ZqNetLink>::create(quickSettings()), SxString(server.url()), zqf.size());
-        // It comes by the plain form, and the table behind it.
+        // It comes by the plain form, and the table after it.
         std::thread release([this] {
             SxWait::pass(10'000, [this] { return nPlain > 0; });
             isHeld = false;

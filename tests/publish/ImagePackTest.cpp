@@ -153,7 +153,7 @@ TEST(ImagePack, VerifyFindsAStalePack) {
     EXPECT_THAT(faults(), Not(HasSubstr("img.idx.zst")));
     const std::string smallMap = dir.read("watched/img.idx.zst");
     dir.write("watched/img.idx.zst", smallMap.substr(0, smallMap.size() - 1));
-    EXPECT_THAT(faults(), HasSubstr("img.idx.zst': It ends behind 0 of 960 bytes"));
+    EXPECT_THAT(faults(), HasSubstr("img.idx.zst': It ends after 0 of 960 bytes"));
     dir.write("watched/img.idx.zst", std::string(44, '\0') + smallMap.substr(44));
     EXPECT_THAT(faults(), HasSubstr("img.idx.zst': It wasn't packed of this map"));
     dir.write("watched/img.idx.zst", smallMap);

@@ -102,7 +102,7 @@ TEST_F(StreamRun, ADownloadLeavesItsReserve) {
 TEST_F(StreamRun, WhatAPowerCutMayHaveTakenIsFetchedAgain) {
     const auto nTotal = static_cast<int64>(fs::file_size(served + "/img.zqf"));
     const string zqf = dir.read("served/img.zqf");
-    // In the middle of the download, and behind its end, where nothing was missing.
+    // In the middle of the download, and after its end, where nothing was missing.
     for (const int64 nThere : {nTotal / 2 + 7, nTotal}) {
         SCOPED_TRACE(nThere);
         fs::remove_all(got);

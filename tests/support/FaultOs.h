@@ -18,7 +18,7 @@
 /// fall back to the last sync (a new file to empty), new names vanish with all below them, replaced, renamed
 /// and removed ones come back. crash(random) lets each pending write and each pending name survive or not by
 /// chance, as a device does that writes in an order of its own; the two names of one rename share their fate,
-/// so a file is never lost by it. The machine has another start id behind it. Permissions and times aren't
+/// so a file is never lost by it. The machine has another start id after it. Permissions and times aren't
 /// followed. Descriptors must be closed before.
 class FaultOs : public SxOs {
 public:

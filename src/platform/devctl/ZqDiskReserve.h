@@ -3,7 +3,7 @@
 #include "SxString.h"
 
 /// The room that a download leaves on its disk for everything else: the smaller of 1 GiB and a tenth of what
-/// was free when it began. Whoever writes what is downloaded, in whatever process, looks here ahead of it.
+/// was free when it began. Whoever writes what is downloaded, in whatever process, looks here before it does.
 /// Safe from any thread. Sizes are in bytes.
 class ZqDiskReserve {
 public:

@@ -17,7 +17,7 @@
 /// in front of it, may tell other ones of the same bytes. So where they differ, or have no kind in common,
 /// and somebody can tell whether the file is still the same (setSameTest()), that decides. `If-Range` is left
 /// aside: a mirror with another ETag would answer it with the whole file, and what it asks is told by the
-/// answer's own validators ahead of the first byte.
+/// answer's own validators before the first byte.
 class ZqFileFacts {
 public:
     static constexpr uint64 UNKNOWN = ~uint64{0};
@@ -33,7 +33,7 @@ public:
           headers(headers_) {}
 
     const SxString& getUrl() const noexcept { return url; }
-    /// Bytes, as the server says; UNKNOWN ahead of its first answer.
+    /// Bytes, as the server says; UNKNOWN before its first answer.
     uint64 getSize() const;
     /// The same, or what the file must have.
     uint64 getDueSize() const;

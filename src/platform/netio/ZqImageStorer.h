@@ -4,7 +4,7 @@
 #include "ZqRemoteImage.h"
 
 /// Hands what ranges have brought to the store, so that no reader waits for the disk. stop() is safe from any
-/// thread; behind it what is left is still stored, for as long as DRAIN_NS.
+/// thread; after it what is left is still stored, for as long as DRAIN_NS.
 class ZqRemoteImage::Storer : public SxSystemThread {
 public:
     static constexpr int64 DRAIN_NS = 1'000'000'000;

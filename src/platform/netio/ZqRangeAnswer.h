@@ -10,7 +10,7 @@
 class ZqRangeAnswer {
 public:
     static constexpr uint64 UNKNOWN = ZqFileFacts::UNKNOWN;
-    /// Tag: a request behind the end of a file whose size wasn't known.
+    /// Tag: a request beyond the end of a file whose size wasn't known.
     static constexpr const char* AT_END = "AtEnd";
 
     /// Bytes `first_` to `end_` - 1 are asked for at `asked_`. With `isVouched_` whatever version comes is

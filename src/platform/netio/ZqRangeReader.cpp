@@ -158,7 +158,7 @@ ZqTransfer::Next ZqRangeReader::awaitPiece(SxArray<char>* piece, const ZqStopTes
     }
 }
 
-/// Where a request ends ahead of all, the piece may be empty. False at the end of all.
+/// Where a request ends before all is there, the piece may be empty. False at the end of all.
 bool ZqRangeReader::takePiece(SxArray<char>* piece, const ZqStopTest& stop) {
     const ZqTransfer::Next got = awaitPiece(piece, stop);
     if (isFresh) noteVersion();

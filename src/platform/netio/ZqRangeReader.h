@@ -16,7 +16,7 @@ public:
     ZqRangeReader& operator=(const ZqRangeReader&) = delete;
 
     /// Lets its requests go over connections of their own and past what caches hold, since what came before
-    /// was wrong. Ahead of begin().
+    /// was wrong. Before begin().
     void setFresh() { fresh = true; }
     /// Gives up after so many tries, instead of those of the link's settings.
     void setTries(int64 n) { retry.setTries(n); }
@@ -32,7 +32,7 @@ public:
     uint64 read(char* buffer, uint64 size, const ZqStopTest& stop);
     /// All that is left, up to `size` bytes, into `buffer`; gives how many.
     uint64 readAll(char* buffer, uint64 size, const ZqStopTest& stop);
-    /// All that is left, as one like those of read(): `take` gets it, behind `atBegin`, which may be called
+    /// All that is left, as one like those of read(): `take` gets it, after `atBegin`, which may be called
     /// again, and then all begins anew.
     void takeAll(const std::function<void()>& atBegin, const std::function<void(const SxArray<char>&)>& take,
                  const ZqStopTest& stop);

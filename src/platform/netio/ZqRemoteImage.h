@@ -65,7 +65,7 @@ public:
     void setSameTest(const ZqFileFacts::SameTest& test);
 
     /// What ranges bring is kept in `store_` beyond this object's life, and what it holds serves ranges and
-    /// the stream. To be called ahead of all other operations, if at all.
+    /// the stream. To be called before all other operations, if at all.
     void setStore(std::unique_ptr<ZqStretchStore> store_);
     /// `img.zqf` holds `size` bytes now: what the store has of these may go.
     void setWritten(uint64 size) { written.store(size); }
@@ -217,7 +217,7 @@ private:
     uint64 nInMemory SX_GUARDED_BY(mutex) = 0;         ///< kept stretches that aren't null
     std::deque<uint64> unstored SX_GUARDED_BY(mutex);  ///< kept stretches that the store is to get
     std::list<uint64> inBoth SX_GUARDED_BY(mutex);     ///< those of them that it has, too, oldest first
-    std::set<uint64> unchecked SX_GUARDED_BY(mutex);   ///< kept stretches that came ahead of the table
+    std::set<uint64> unchecked SX_GUARDED_BY(mutex);   ///< kept stretches that came before the table
     std::set<uint64> distrusted SX_GUARDED_BY(mutex);  ///< stretches that came wrong
     std::list<std::pair<uint64, Bytes>> recent SX_GUARDED_BY(mutex); ///< what the stream brought last
     std::map<uint64, SxPtr<Fetch>> announced SX_GUARDED_BY(mutex);   ///< by stretch

@@ -21,7 +21,7 @@ constexpr size_t HEADER = 64;
 constexpr uint64 ENTRY = 8;
 /// Stretches of the largest image; the index then takes 128 MiB.
 constexpr uint64 MAX_STRETCHES = uint64{1} << 24;
-/// Room that is left to `img.zqf`, which needs it ahead of what the store then gives back.
+/// Room that is left to `img.zqf`, which needs it before the store gives any back.
 constexpr uint64 MARGIN = 64 << 20;
 constexpr const char* FILES[] = {ZqImageFiles::AHEAD_IDX, ZqImageFiles::AHEAD};
 

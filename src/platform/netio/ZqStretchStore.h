@@ -8,7 +8,7 @@
 
 #include <vector>
 
-/// Stretches of `img.zqf` that have come ahead of its end, kept beside it from one run to the next: the
+/// Stretches of `img.zqf` that have come before its end has, kept beside it from one run to the next: the
 /// sparse file `img.ahead`, with each stretch where it will stand in `img.zqf`, and `img.ahead.idx` with a
 /// checksum of each. Nothing is synced: what a cut has torn doesn't have its checksum, and counts as absent.
 /// Stretches are numbered from 0; all sizes are in bytes. One object for an image at a time; its operations
@@ -17,7 +17,7 @@ class ZqStretchStore {
 public:
     /// Takes what is in `folder` where that is of the same order, and begins anew where it isn't, or is no
     /// such store: `key` is a text that no other order of blocks has. `sizeZqf` is that of the complete
-    /// image, `sizeStretch` that of each stretch but the last; those that end at or ahead of `nPassed` are
+    /// image, `sizeStretch` that of each stretch but the last; those that end at or before `nPassed` are
     /// there already. Raises where nothing can be kept in the folder.
     ZqStretchStore(const SxString& folder, const SxString& key, uint64 sizeZqf_, uint64 sizeStretch_,
                    uint64 nPassed, const ZqDiskReserve& reserve_);

@@ -76,7 +76,7 @@ public:
     bool isSilent() const;
     /// Whether it has failed and no byte is left of it; gives why.
     bool isBroken(SxException* why) const;
-    /// When the server was asked or bytes came last, on the steady clock; 0 ahead of both.
+    /// When the server was asked or bytes came last, on the steady clock; 0 before both.
     int64 getMovedNs() const noexcept { return movedNs.load(); }
 
     // For the network thread.
