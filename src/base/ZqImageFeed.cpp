@@ -215,9 +215,12 @@ SxPtr<ZqRemoteImage> ZqImageFeed::makeImage(const SxPtr<ZqNetLink>& of) const {
     const auto made = SxPtr<ZqRemoteImage>::create(of, url, app.sizeZqf, settings.headers,
                                                    ZqRemoteImage::MAX_KEPT, app.checksumZqf);
     // It may be asked for longer than this lives.
-    const ZqImageRecords records(of, settings.image, url, settings.headers);
-    made->setSameTest(
-        [records, own = app](const ZqStopTest& stop) { return records.isSameOnServer(own, stop); });
+    made->setSameTest([weak = std::weak_ptr<ZqNetLink>(of.shared()), folder = settings.image, address = url,
+                       headers = settings.headers, own = app](const ZqStopTest& stop) {
+        const SxPtr<ZqNetLink> still(weak.lock());
+        if (!still) throw SxException(SxString(SxException::STOPPED), "stopped", UNIT, __LINE__);
+        return ZqImageRecords(still, folder, address, headers).isSameOnServer(own, stop);
+    });
     return made;
 }
 

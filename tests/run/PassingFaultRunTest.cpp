@@ -1,5 +1,7 @@
 #include "StreamRun.h"
 #include "SxMd5.h"
+#include "ZqImageFeed.h"
+#include "ZqStreamRecord.h"
 
 // What may pass ends neither a run nor its application.
 
@@ -143,5 +145,27 @@ TEST_F(StreamRun, NothingIsTakenFromAServerWhoseVersionIsUnknown) {
         }
         fs::remove(played + ".started");
         fs::remove(played + ".paused");
+    }
+}
+
+TEST_F(StreamRun, AFeedMayGoWhileItsRequestsAreUnderWay) {
+    // A complete image that is wrong is mended over a link of its own, and that ends at any moment.
+    done({"image", "pack", served, "--level", "1"});
+    fs::copy(served, got);
+    fs::remove(got + "/img.zqf.zst");
+    const SxString image(got);
+    ZqStreamRecord record;
+    record.url = server->getUrl();
+    record.write(image);
+    server->setLatency(15);
+    for (int i = 0; i < 60; ++i) {
+        std::fstream(got + "/img.zqf", std::ios::in | std::ios::out).seekp(i * 204'800L) << "wrong" << i;
+        ZqImageFeed::Settings settings;
+        settings.image = image;
+        ZqImageFeed feed(settings);
+        feed.open(nullptr);
+        feed.start();
+        SxTime::msleep(90 + i % 20);
+        feed.stop();
     }
 }

@@ -38,6 +38,8 @@ public:
     /// The same, or what the file must have.
     uint64 getDueSize() const;
     void setHeaders(const SxArray<SxString>& headers_);
+    /// The test mustn't keep the link alive: what is known of a file lives as long as its requests, and the
+    /// last of these goes on the network's own thread, which can't end the link.
     void setSameTest(const SameTest& test);
     /// Already the first response is doubted, and nothing taken of it until settle() has told that it is the
     /// same file.
