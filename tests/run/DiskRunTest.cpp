@@ -100,19 +100,19 @@ TEST_F(StreamRun, ADownloadLeavesItsReserve) {
 }
 
 TEST_F(StreamRun, WhatAPowerCutMayHaveTakenIsFetchedAgain) {
-    const auto nTotal = static_cast<int64>(fs::file_size(served + "/img.zqf"));
+    const size_t nTotal = fs::file_size(served + "/img.zqf");
     const string zqf = dir.read("served/img.zqf");
     // In the middle of the download, and after its end, where nothing was missing.
-    for (const int64 nThere : {nTotal / 2 + 7, nTotal}) {
+    for (const size_t nThere : {nTotal / 2 + 7, nTotal}) {
         SCOPED_TRACE(nThere);
         fs::remove_all(got);
         fs::copy(served, got);
-        const int64 nSynced = nThere - 300'001;
+        const size_t nSynced = nThere - 300'001;
         dir.write("got/img.zqf", zqf.substr(0, nSynced) + string(nThere - nSynced, '\0'));
         dir.write("got/img.zqf.synced", std::to_string(nSynced) + " 00000000-another-start\n");
-        // A drive without a download takes no more of it either.
+        // A drive without a download takes no more of it than that.
         done({"mount", got});
-        EXPECT_EQ(statusOf(got).cursor, static_cast<uint64>(nSynced) / 4096);
+        EXPECT_EQ(statusOf(got).cursor, nSynced / 4096);
         done({"umount", got});
         EXPECT_EQ(start()->end(), 0);
         expectPlayed();
