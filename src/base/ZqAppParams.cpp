@@ -2,6 +2,7 @@
 
 #include "SxException.h"
 #include "SxFSAction.h"
+#include "SxFileIO.h"
 #include "ZqImageFiles.h"
 #include "ZqRecordFile.h"
 #include "ZqSysEnv.h"
@@ -195,9 +196,19 @@ void ZqAppParams::read(const SxString& prefix) {
 }
 
 void ZqAppParams::readFile(const SxString& file) {
+    SxString text;
     try {
         if (!SxFSAction::test_f(file)) throw SxException("File " + file + " not found.", UNIT, __LINE__);
-        const SxSymbol root = ZqRecordFile::read(file, "zqapp-schema.json");
+        text = SxFileIO::readUtf8(file);
+    } catch (const SxException& e) {
+        throw SxException(e, "Failed to read file " + file, UNIT, __LINE__);
+    }
+    readText(text, file);
+}
+
+void ZqAppParams::readText(const SxString& text, const SxString& textName) {
+    try {
+        const SxSymbol root = ZqRecordFile::parse(text, textName, "zqapp-schema.json");
         version = root.getElem("version", true).toInt();
         zqfVersion = root.getElem("zqfVersion", true).toInt();
         guid = root.getElem("guid", true).toString();
@@ -211,7 +222,7 @@ void ZqAppParams::readFile(const SxString& file) {
         readProfile(root, this);
         readRest(root, this);
     } catch (const SxException& e) {
-        throw SxException(e, "Failed to read file " + file, UNIT, __LINE__);
+        throw SxException(e, "Failed to read file " + textName, UNIT, __LINE__);
     }
 }
 

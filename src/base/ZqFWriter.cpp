@@ -402,6 +402,8 @@ void ZqFWriter::freePiece(uint64 offset) {
             bytesHeld -= static_cast<uint64>(place->second->getSize());
             chunks.erase(place);
         }
+        // One that has taken its place since would be counted, and never be given.
+        chunkSizes.erase(offset);
     }
     const SxString path = chunkPath(offset);
     for (bool done = false; !done && !stopRequested();) {

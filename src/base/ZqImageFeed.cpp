@@ -492,7 +492,7 @@ void ZqImageFeed::setWaiting(const SxString& text) {
 void ZqImageFeed::fail(const SxException& e) {
     zqLogMsg("base", "ZqImageFeed: " + e.toString(SxException::ShowMessage));
     // What comes from the server now are other blocks.
-    if (e.hasTag(ZqFailurePolicy::OTHER_VERSION)) link->cancel();
+    if (link && e.hasTag(ZqFailurePolicy::OTHER_VERSION)) link->cancel();
     const SxMutexBlock block(&mutex);
     failed = true;
     failure = e;
@@ -519,6 +519,10 @@ ZqImageFeed::Status ZqImageFeed::getStatus() const {
     status.nTotal = app.sizeZqf;
     status.isChecking = checking;
     status.nChecked = nChecked;
+    {
+        const SxMutexBlock block(&mutex);
+        status.waiting = waiting;
+    }
     if (!manager) {
         status.nCurrent = status.nNeeded = status.nTotal;
         return status;
@@ -533,10 +537,6 @@ ZqImageFeed::Status ZqImageFeed::getStatus() const {
     status.isUnderflow = manager->isUnderflow();
     status.link = link->getFigures();
     status.image = image->getFigures();
-    {
-        const SxMutexBlock block(&mutex);
-        status.waiting = waiting;
-    }
     if (status.waiting.isEmpty() && progress->isServiceSilent()) {
         status.waiting = "waiting for the drive service, which doesn't answer";
     }

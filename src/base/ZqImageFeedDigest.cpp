@@ -4,6 +4,7 @@
 #include "ZqImageFeed.h"
 #include "ZqImageFiles.h"
 #include "ZqImageFolder.h"
+#include "ZqImageRecords.h"
 #include "ZqImageRepair.h"
 #include "ZqLog.h"
 #include "ZqStreamRecord.h"
@@ -67,10 +68,23 @@ uint64 ZqImageFeed::mend() {
     record.read(settings.image);
     if (record.isWritten) return 0;
     const SxPtr<ZqRemoteImage> source = image ? image : makeImage(SxPtr<ZqNetLink>::create());
+    ZqImageRepair repair(filePath(ZqImageFiles::ZQF), source);
+    repair.setPlayer({[this](const SxException& why) {
+                          if (!driveStarted) return false;
+                          settle(why);
+                          return true;
+                      },
+                      [&](const ZqStopTest& stop) {
+                          ZqImageRecords(source->getLink(), settings.image, url, settings.headers)
+                              .requireSameOnServer(app, stop);
+                      }});
     try {
-        return ZqImageRepair(filePath(ZqImageFiles::ZQF), source)
-            .mend([this](uint64 nDone) { nChecked = nDone; }, [this] { return stopping.load(); });
+        const uint64 nMended =
+            repair.mend([this](uint64 nDone) { nChecked = nDone; }, [this] { return stopping.load(); });
+        setWaiting("");
+        return nMended;
     } catch (const SxException& e) {
+        if (e.hasTag(ZqFailurePolicy::OTHER_VERSION)) throw;
         // The image stays as wrong as it was, which is what is told.
         zqLogMsg("base", "ZqImageFeed: " + e.toString(SxException::ShowMessage, ": "));
         return 0;

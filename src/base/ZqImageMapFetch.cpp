@@ -96,7 +96,8 @@ void ZqImageMapFetch::download(const Form& form) const {
     const auto sink = [&](const char* bytes, int64 n) {
         size += static_cast<uint64>(n);
         if (size > form.maxSize) {
-            throw SxException("'" + ZqUrlText::of(remote.getUrl()) + "' has more than " +
+            throw SxException(ZqNetLink::WRONG,
+                              "'" + ZqUrlText::of(remote.getUrl()) + "' has more than " +
                                   SxString(form.maxSize) + " bytes",
                               UNIT, __LINE__);
         }
@@ -122,7 +123,8 @@ void ZqImageMapFetch::take(const Form& form) const {
     }
     if (static_cast<uint64>(SxFileInfo(form.part).getSize()) != sizeIdx ||
         (!digest.isEmpty() && !(SxMd5::file(form.part) == digest))) {
-        throw SxException("The map at " + address + " isn't the one that app.json states", UNIT, __LINE__);
+        throw SxException(ZqNetLink::WRONG, "The map at " + address + " isn't the one that app.json states",
+                          UNIT, __LINE__);
     }
     SxFSAction::mv(form.part, map);
     SxFSAction::syncDir(folder);

@@ -12,8 +12,6 @@
 #include "ZqImageParams.h"
 #include "ZqUrlText.h"
 
-#include <atomic>
-
 namespace {
 
 constexpr const char* UNIT = "src/base/ZqImageRecords";
@@ -117,42 +115,34 @@ void ZqImageRecords::requireSame(const ZqAppParams& own, const ZqAppParams& serv
                       UNIT, __LINE__);
 }
 
-/// The server's `app.json`, which is left in `file`.
-ZqAppParams ZqImageRecords::fetchOther(const SxString& file, const ZqStopTest& stop) const {
+ZqAppParams ZqImageRecords::look(SxString* text, const ZqStopTest& stop) const {
     const SxArray<char> bytes = remote(ZqImageFiles::APP_JSON)->get(MAX_RECORD, stop);
-    SxFileIO::writeAtomic(file, [&](SxFileIO* out) { out->write(bytes); });
-    ZqAppParams server;
+    *text = SxString(std::string_view(bytes.data(), static_cast<size_t>(bytes.getSize())));
     try {
-        server.readFile(file);
+        ZqAppParams server;
+        server.readText(*text, ZqImageFiles::APP_JSON);
         server.requireKnownFormat();
+        return server;
     } catch (const SxException& e) {
-        SxFSAction::rm(file);
         // A page to log in to, say.
         throw SxException(e, "Cannot use '" + urlOf(ZqImageFiles::APP_JSON) + "'", UNIT, __LINE__)
             .tagged(ZqNetLink::WRONG);
     }
-    return server;
-}
-
-ZqAppParams ZqImageRecords::look(const ZqStopTest& stop) const {
-    static std::atomic<uint64> nLooks{0};
-    const SxString file = folder + ZqImageFiles::APP_JSON + ".look" + SxString(nLooks.fetch_add(1));
-    const ZqAppParams server = fetchOther(file, stop);
-    SxFSAction::rm(file);
-    return server;
 }
 
 void ZqImageRecords::requireSameOnServer(const ZqAppParams& own, const ZqStopTest& stop) const {
-    requireSame(own, look(stop));
+    SxString text;
+    requireSame(own, look(&text, stop));
 }
 
 bool ZqImageRecords::isSameOnServer(const ZqAppParams& own, const ZqStopTest& stop) const {
-    return areSame(own, look(stop));
+    SxString text;
+    return areSame(own, look(&text, stop));
 }
 
 ZqAppParams ZqImageRecords::fetchApp(bool mayPlay, bool* isConfirmed, const ZqStopTest& stop) {
     *isConfirmed = true;
-    const SxString file = folder + ZqImageFiles::APP_JSON, fresh = file + NEW;
+    const SxString file = folder + ZqImageFiles::APP_JSON;
     // An earlier run may have been killed ahead of the other records, which fetchRest() brings.
     const bool resumes = hasBlocks();
     if (resumes && !SxFSAction::test_f(file)) {
@@ -160,8 +150,9 @@ ZqAppParams ZqImageRecords::fetchApp(bool mayPlay, bool* isConfirmed, const ZqSt
                           UNIT, __LINE__);
     }
     ZqAppParams server;
+    SxString text;
     try {
-        server = fetchOther(fresh, stop);
+        server = look(&text, stop);
     } catch (const SxException& e) {
         // What is there can be played; the download waits for its server, and says so.
         if (!mayPlay || !holdsPart(folder) || ZqFailurePolicy::decide(e, true) == ZqFailurePolicy::End) throw;
@@ -170,15 +161,13 @@ ZqAppParams ZqImageRecords::fetchApp(bool mayPlay, bool* isConfirmed, const ZqSt
     }
     if (resumes) {
         ZqAppParams own(folder);
-        SxFSAction::rm(fresh);
         requireSame(own, server);
         return own;
     }
     // That of another image would be taken for this one's, since no digest of it is known.
     const SxString params = folder + ZqImageFiles::IMAGE_JSON;
     if (SxFSAction::exists(params)) SxFSAction::rm(params);
-    SxFSAction::mv(fresh, file);
-    SxFSAction::syncDir(folder);
+    SxFileIO::writeAtomic(file, text);
     // The record has been checked; its folder is the image's now.
     return ZqAppParams(folder);
 }
@@ -197,7 +186,8 @@ void ZqImageRecords::requireParams(const SxString& file, const ZqAppParams& app)
                               UNIT, __LINE__);
         }
     } catch (const SxException& e) {
-        throw SxException(e, "Cannot use '" + urlOf(ZqImageFiles::IMAGE_JSON) + "'", UNIT, __LINE__);
+        throw SxException(e, "Cannot use '" + urlOf(ZqImageFiles::IMAGE_JSON) + "'", UNIT, __LINE__)
+            .tagged(ZqNetLink::WRONG);
     }
 }
 
@@ -228,7 +218,8 @@ void ZqImageRecords::fetchRest(const ZqAppParams& app, const ZqStopTest& stop) {
         SxFSAction::mv(params + NEW, params);
     }
     if (!hasMap(app)) {
-        throw SxException("The map at " + urlOf(ZqImageFiles::IDX) + " isn't the one that app.json states",
+        throw SxException(ZqNetLink::WRONG,
+                          "The map at " + urlOf(ZqImageFiles::IDX) + " isn't the one that app.json states",
                           UNIT, __LINE__);
     }
 }

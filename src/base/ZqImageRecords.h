@@ -42,9 +42,8 @@ private:
     bool hasBlocks() const;
     bool hasMap(const ZqAppParams& app) const;
     void requireParams(const SxString& file, const ZqAppParams& app) const;
-    ZqAppParams fetchOther(const SxString& file, const ZqStopTest& stop) const;
-    /// The server's `app.json`, of which nothing is kept.
-    ZqAppParams look(const ZqStopTest& stop) const;
+    /// The server's `app.json`, and what it was read from. Nothing is written, so a full disk is no matter.
+    ZqAppParams look(SxString* text, const ZqStopTest& stop) const;
     void requireSame(const ZqAppParams& own, const ZqAppParams& server) const;
 
     const SxPtr<ZqNetLink> link;

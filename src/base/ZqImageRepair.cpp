@@ -9,10 +9,22 @@
 namespace {
 constexpr const char* UNIT = "src/base/ZqImageRepair";
 constexpr auto STRETCH = static_cast<int64>(ZqRemoteImage::STRETCH);
+/// Answers that are wrong, from a server that is the right one, until it is taken for what it has.
+constexpr int MAX_WRONG = 4;
+/// Looks for a table that has to wait, where nobody plays.
+constexpr int TABLE_LOOKS = 2;
+/// The longest pause, in first ones.
+constexpr int64 MOST_PAUSES = 8;
 } // namespace
 
+/// What has failed of one thing that is fetched.
+struct ZqImageRepair::Tries {
+    int nWrong = 0;
+    int64 nPauses = 1; ///< length of the next pause, in first ones
+};
+
 uint64 ZqImageRepair::mend(const std::function<void(uint64 nDone)>& report, const ZqStopTest& stop) const {
-    const SxPtr<ZqSeekTable> table = image->awaitTable(stop);
+    const SxPtr<ZqSeekTable> table = awaitTable(stop);
     if (!table || !table->hasChecksums()) return 0;
     const SxArray<uint64> wrong = findWrong(*table, report, stop);
     if (wrong.getSize() == 0) return 0;
@@ -20,13 +32,7 @@ uint64 ZqImageRepair::mend(const std::function<void(uint64 nDone)>& report, cons
                          "' are wrong, from " + wrong(0) + " on; they are fetched again");
     SxFileIO file(zqf, "r+b");
     for (const uint64 stretchIdx : wrong) {
-        const SxPtr<SxArray<char>> bytes = fetch(stretchIdx, stop);
-        if (ZqSeekTable::checksumOf(bytes->data(), bytes->getSize()) !=
-            table->getFrame(stretchIdx).checksum) {
-            throw SxException("Stretch " + SxString(stretchIdx) + " of '" + zqf +
-                                  "' is wrong, and comes otherwise than the seek table says",
-                              UNIT, __LINE__);
-        }
+        const SxPtr<SxArray<char>> bytes = fetch(stretchIdx, *table, stop);
         file.seek(static_cast<int64>(stretchIdx) * STRETCH);
         file.writeBuffer(bytes->data(), bytes->getSize());
     }
@@ -52,15 +58,58 @@ SxArray<uint64> ZqImageRepair::findWrong(const ZqSeekTable& table,
     return wrong;
 }
 
-/// It was right once, so whatever passes is waited for; what doesn't is raised.
-SxPtr<SxArray<char>> ZqImageRepair::fetch(uint64 stretchIdx, const ZqStopTest& stop) const {
-    for (;;) {
-        try {
-            return image->fetchAnew(stretchIdx, stop);
-        } catch (const SxException& e) {
-            if (!e.hasTag(ZqNetLink::UNREACHABLE) && !e.hasTag(ZqNetLink::BROKEN)) throw;
-            zqLogMsg("base", "ZqImageRepair: " + e.toString(SxException::ShowMessage, ": "));
+/// Another job may have asked for the table in vain, and it be on its way again.
+SxPtr<ZqSeekTable> ZqImageRepair::awaitTable(const ZqStopTest& stop) const {
+    Tries tries;
+    for (int nLooks = 1;; ++nLooks) {
+        const SxPtr<ZqSeekTable> table = image->awaitTable(stop);
+        SxException why;
+        if (table || !image->isTableDelayed(&why)) return table;
+        if (player.settle && player.settle(why)) {
+            recover(why, &tries, stop);
+        } else if (nLooks < TABLE_LOOKS) {
+            image->getLink()->sleep(image->getLink()->getSettings().maxBackOffMs, stop);
+        } else {
+            return table;
         }
-        image->getLink()->sleep(image->getLink()->getSettings().maxBackOffMs, stop);
     }
+}
+
+SxPtr<SxArray<char>> ZqImageRepair::fetch(uint64 stretchIdx, const ZqSeekTable& table,
+                                          const ZqStopTest& stop) const {
+    for (Tries tries;;) {
+        try {
+            const SxPtr<SxArray<char>> bytes = image->fetchAnew(stretchIdx, stop);
+            if (ZqSeekTable::checksumOf(bytes->data(), bytes->getSize()) ==
+                table.getFrame(stretchIdx).checksum) {
+                return bytes;
+            }
+            throw SxException(ZqNetLink::WRONG,
+                              "Stretch " + SxString(stretchIdx) + " of '" + zqf +
+                                  "' is wrong, and comes otherwise than the seek table says",
+                              UNIT, __LINE__);
+        } catch (const SxException& e) {
+            recover(e, &tries, stop);
+        }
+    }
+}
+
+/// Returns when the same may be tried again. It was right once, so whatever passes is waited for.
+void ZqImageRepair::recover(const SxException& why, Tries* tries, const ZqStopTest& stop) const {
+    if (why.hasTag(SxException::STOPPED)) throw SxException(why);
+    const bool isAway = why.hasTag(ZqNetLink::UNREACHABLE) || why.hasTag(ZqNetLink::BROKEN);
+    if (!(player.settle && player.settle(why)) && !isAway) throw SxException(why);
+    zqLogMsg("base", "ZqImageRepair: " + why.toString(SxException::ShowMessage, ": "));
+    image->getLink()->sleep(tries->nPauses * image->getLink()->getSettings().maxBackOffMs, stop);
+    tries->nPauses = std::min(2 * tries->nPauses, isAway ? 1 : MOST_PAUSES);
+    if (isAway) return;
+    try {
+        player.requireSame(stop);
+    } catch (const SxException& e) {
+        // A page to log in to stands in the place of app.json, too.
+        if (e.hasTag(SxException::STOPPED) || !player.settle(e)) throw;
+        return;
+    }
+    if (why.hasTag(ZqNetLink::WRONG) && ++tries->nWrong >= MAX_WRONG) throw SxException(why);
+    image->forgetServer();
 }

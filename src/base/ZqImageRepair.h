@@ -10,17 +10,33 @@ public:
     /// `zqf_` is the path of the file, which has the size of `image_`.
     ZqImageRepair(const SxString& zqf_, const SxPtr<ZqRemoteImage>& image_) : zqf(zqf_), image(image_) {}
 
+    /// Whoever plays from the file meanwhile, and has more patience.
+    struct Player {
+        /// False while nobody does. Else returns where the same may be tried again, and raises where it may
+        /// not.
+        std::function<bool(const SxException& why)> settle;
+        /// Raises where the server isn't seen to have the version of the file.
+        std::function<void(const ZqStopTest& stop)> requireSame;
+    };
+    void setPlayer(const Player& player_) { player = player_; }
+
     /// Gives the number of stretches that were fetched and are on the device: 0 where all are as the table
-    /// says, and where no table is to be had. Waits for a server that is away while it fetches. `report` gets
-    /// the bytes that were compared. Raises where a stretch can't be had, or comes wrong again, and with the
-    /// tag "Stopped".
+    /// says, and where no table is to be had. Waits for a server that is away while it fetches, and with a
+    /// player for one that is wrong, unless it is so while its `app.json` is right. `report` gets the bytes
+    /// that were compared. Raises where a stretch can't be had, or comes wrong again, and with the tag
+    /// "Stopped".
     uint64 mend(const std::function<void(uint64 nDone)>& report, const ZqStopTest& stop) const;
 
 private:
+    struct Tries;
+
+    SxPtr<ZqSeekTable> awaitTable(const ZqStopTest& stop) const;
     SxArray<uint64> findWrong(const ZqSeekTable& table, const std::function<void(uint64 nDone)>& report,
                               const ZqStopTest& stop) const;
-    SxPtr<SxArray<char>> fetch(uint64 stretchIdx, const ZqStopTest& stop) const;
+    SxPtr<SxArray<char>> fetch(uint64 stretchIdx, const ZqSeekTable& table, const ZqStopTest& stop) const;
+    void recover(const SxException& why, Tries* tries, const ZqStopTest& stop) const;
 
     const SxString zqf;
     const SxPtr<ZqRemoteImage> image;
+    Player player;
 };

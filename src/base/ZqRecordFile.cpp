@@ -15,12 +15,16 @@ constexpr int64 VERSION = 2;
 using SxParserKit::SxSymbol;
 
 SxSymbol ZqRecordFile::read(const SxString& file, const SxString& schemaName) {
+    return parse(SxFileIO::readUtf8(file), file, schemaName);
+}
+
+SxSymbol ZqRecordFile::parse(const SxString& text, const SxString& file, const SxString& schemaName) {
     const SxString schemaPath = ZqSysEnv::getSchemaPath() + schemaName;
     if (!SxFSAction::test_f(schemaPath)) {
         throw SxException("Required schema file " + schemaPath + " not found", UNIT, __LINE__);
     }
     SxJSONParser data, schema;
-    data.readString(SxFileIO::readUtf8(file), file, 1);
+    data.readString(text, file, 1);
     schema.readFile(schemaPath, 1);
     SxSchema(schema.getAst()).validate(data.getAst());
     SxSymbol root = data.getRootSymbol();

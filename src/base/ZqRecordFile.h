@@ -8,6 +8,9 @@ public:
     /// Reads `file`, validates it against the schema of that name and checks that its `version` is 2. Raises
     /// the plain failure; the record adds its own level.
     static SxParserKit::SxSymbol read(const SxString& file, const SxString& schemaName);
+    /// The same of a text; failures name it `file`.
+    static SxParserKit::SxSymbol parse(const SxString& text, const SxString& file,
+                                       const SxString& schemaName);
     /// The prefix to use: `argument`, or `own` where it is empty. Raises where both are.
     static SxString choosePrefix(const SxString& argument, const SxString& own);
     /// A number that must not be negative.

@@ -1,8 +1,12 @@
+#include "Builders.h"
+#include "FaultOs.h"
 #include "NetLab.h"
 #include "TempDir.h"
 #include "ZqAppParams.h"
+#include "ZqFileServer.h"
 #include "ZqImageRecords.h"
 
+#include <filesystem>
 #include <gmock/gmock.h>
 
 namespace {
@@ -42,6 +46,9 @@ TEST(ImageRecords, tellWhetherTheServerHasAnotherVersion) {
         {"none", answered("404 None"), false, ZqNetLink::NOT_FOUND},
         {"busy", answered("503 Busy"), false, ZqNetLink::UNREACHABLE},
     };
+    // Nothing is written for it, so a full disk doesn't keep it from an answer.
+    FaultOs full(dir.prefix().str());
+    full.setDiskLeft(0);
     for (const auto& each : cases) {
         SCOPED_TRACE(each.name);
         const ScriptedServer server([&](const std::string&) { return each.response; });
@@ -58,5 +65,36 @@ TEST(ImageRecords, tellWhetherTheServerHasAnotherVersion) {
         EXPECT_THAT(server.requests().back(), testing::StartsWith("GET /game/app.json?token=hidden HTTP"));
         EXPECT_EQ(dir.read("app.json"), same);
         EXPECT_EQ(dir.snapshot(), before) << "it leaves something behind";
+    }
+}
+
+TEST(ImageRecords, thatAreWrongOnTheServerAreToldAsTheServers) {
+    TempDir dir;
+    TestRandom random;
+    const TestImage game(random, 40);
+    const SxString served = dir.prefix() + "served/";
+    const std::pair<const char*, std::string> cases[] = {
+        {"served/img.json", "<html>Welcome"},
+        {"served/img.idx", game.idxBytes() + game.idxBytes()},
+        {"served/img.idx", std::string(game.idxBytes().size(), 'x')},
+    };
+    for (const auto& [name, bytes] : cases) {
+        SCOPED_TRACE(name + std::to_string(bytes.size()));
+        game.write(served);
+        dir.write(name, bytes);
+        std::filesystem::remove_all(dir.path("game"));
+        std::filesystem::create_directory(dir.path("game"));
+        ZqFileServer server(served);
+        server.start();
+        ZqImageRecords records(SxPtr<ZqNetLink>::create(quickSettings()), dir.prefix() + "game",
+                               server.getUrl(), {});
+        bool isConfirmed = false;
+        const ZqAppParams app = records.fetchApp(false, &isConfirmed, nullptr);
+        try {
+            records.fetchRest(app, nullptr);
+            FAIL() << "it was taken";
+        } catch (const SxException& e) {
+            EXPECT_TRUE(e.hasTag(ZqNetLink::WRONG)) << e.what();
+        }
     }
 }

@@ -1,6 +1,7 @@
 #include "BaseTest.h"
 #include "Builders.h"
 #include "NetLab.h"
+#include "ZqFailurePolicy.h"
 #include "ZqFileServer.h"
 #include "ZqImageRepair.h"
 
@@ -25,17 +26,19 @@ protected:
         return bytes;
     }
     /// How many stretches are mended, or why none is.
-    std::string mend(const std::string& bytes) {
+    std::string mend(const std::string& bytes, const SxString& url) {
         const SxString file(dir.write("img.zqf", bytes));
-        image = SxPtr<ZqRemoteImage>::create(SxPtr<ZqNetLink>::create(quickSettings()), server.getUrl(),
-                                             zqf.size());
+        image = SxPtr<ZqRemoteImage>::create(SxPtr<ZqNetLink>::create(quickSettings()), url, zqf.size());
         uint64 nMended = 0;
         nCompared = 0;
         const std::string failure = failureOf([&] {
-            nMended = ZqImageRepair(file, image).mend([&](uint64 nDone) { nCompared = nDone; }, stop);
+            ZqImageRepair repair(file, image);
+            repair.setPlayer(player);
+            nMended = repair.mend([&](uint64 nDone) { nCompared = nDone; }, stop);
         });
         return failure.empty() ? std::to_string(nMended) : failure;
     }
+    std::string mend(const std::string& bytes) { return mend(bytes, server.getUrl()); }
     std::string now() const { return dir.read("img.zqf"); }
 
     TestRandom random{17};
@@ -44,6 +47,7 @@ protected:
     ZqFileServer server{(fs::create_directories(dir.path("served")), dir.path("served"))};
     SxPtr<ZqRemoteImage> image;
     ZqStopTest stop;
+    ZqImageRepair::Player player;
     uint64 nCompared = 0;
 };
 
@@ -94,6 +98,75 @@ TEST_F(ImageRepair, TakesNothingWrong) {
     dir.write("served/img.zqf", damaged({3 * STRETCH + 8}));
     EXPECT_THAT(mend(wrong), HasSubstr("Stretch 3 of"));
     EXPECT_TRUE(now() == damaged({3 * STRETCH, 5 * STRETCH})) << "what is right is kept";
+}
+
+TEST_F(ImageRepair, WaitsForWhateverAServerAnswersWhileSomebodyPlays) {
+    const std::string wrong = damaged({7, 3 * STRETCH}), packed = PackedImage(zqf).bytes();
+    const std::string page = "HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nlogin";
+    const std::string refusal = "HTTP/1.1 403 No\r\nContent-Length: 0\r\n\r\n";
+    const std::string none = "HTTP/1.1 404 None\r\nContent-Length: 0\r\n\r\n";
+    for (const std::string& answer : {page, refusal, none}) {
+        SCOPED_TRACE(answer.substr(9, 3));
+        std::atomic<int> nWrong{6};
+        std::atomic<bool> isServing{true};
+        const ScriptedServer portal([&](const std::string& request) {
+            const bool isPacked = request.find(".zst") != std::string::npos;
+            if (isServing) return ScriptedServer::ranged(request, isPacked ? packed : zqf);
+            if (--nWrong <= 0) isServing = true;
+            return answer;
+        });
+        std::vector<SxString> told;
+        player.settle = [&](const SxException& why) {
+            told.push_back(ZqFailurePolicy::waitingLine(why));
+            if (ZqFailurePolicy::decide(why, true) == ZqFailurePolicy::End) throw SxException(why);
+            return true;
+        };
+        player.requireSame = [&](const ZqStopTest&) {
+            if (!isServing) throw SxException(ZqNetLink::WRONG, "not app.json", "", 0);
+        };
+        bool hasBegun = false;
+        stop = [&] {
+            if (nCompared == zqf.size() && !hasBegun) isServing = false;
+            hasBegun = hasBegun || nCompared == zqf.size();
+            return false;
+        };
+        EXPECT_EQ(mend(wrong, SxString(portal.url())), "2");
+        EXPECT_TRUE(now() == zqf);
+        ASSERT_FALSE(told.empty());
+        EXPECT_THAT(told[0].str(), testing::StartsWith("waiting for the server: "));
+    }
+}
+
+TEST_F(ImageRepair, EndsAtWhatTheRightServerHasWrong) {
+    const std::string wrong = damaged({3 * STRETCH});
+    PackedImage packed(zqf);
+    packed.frames[3][100'000] ^= 1;
+    serve(packed.bytes());
+    dir.write("served/img.zqf", wrong);
+    int nAsked = 0;
+    player.settle = [](const SxException&) { return true; };
+    player.requireSame = [&](const ZqStopTest&) { ++nAsked; };
+    EXPECT_THAT(mend(wrong), HasSubstr("Stretch 3 of"));
+    EXPECT_GE(nAsked, 2);
+    player.requireSame = [](const ZqStopTest&) {
+        throw SxException(ZqFailurePolicy::OTHER_VERSION, "another version", "", 0);
+    };
+    player.settle = [](const SxException& why) {
+        if (why.hasTag(ZqFailurePolicy::OTHER_VERSION)) throw SxException(why);
+        return true;
+    };
+    EXPECT_THAT(mend(wrong), HasSubstr("another version"));
+}
+
+TEST_F(ImageRepair, TakesATableThatAnotherJobHasAskedForInVain) {
+    server.stop();
+    int nSettled = 0;
+    player.settle = [&](const SxException&) {
+        if (++nSettled == 3) server.start();
+        return true;
+    };
+    EXPECT_EQ(mend(damaged({7})), "1");
+    EXPECT_TRUE(now() == zqf);
 }
 
 TEST_F(ImageRepair, WaitsForAServerThatIsAwayAndEndsWhenStopped) {

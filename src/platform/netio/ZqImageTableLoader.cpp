@@ -40,7 +40,7 @@ bool ZqRemoteImage::TableLoader::tryLoad() {
             return true;
         }
         if (isAside || e.hasTag(ZqNetLink::UNREACHABLE) || e.hasTag(ZqNetLink::BROKEN)) {
-            image->noteTableWaits();
+            image->noteTableWaits(e);
             zqLogMsg("NET", "The seek table has to wait: " + e.toString(SxException::ShowMessage, ": "));
         } else {
             image->leavePacked(e);

@@ -161,16 +161,18 @@ void ZqRemoteImage::leavePacked(const SxException& why) {
         SxMutexBlock lock(&mutex);
         if (state == Packed::Absent || state == Packed::Aside) return;
         state = Packed::Aside;
+        tableFailure = why;
     }
     changed.notify_all();
     zqLogMsg("NET", "'" + ZqUrlText::of(packed->getUrl()) +
                         "' is left aside for now: " + why.toString(SxException::ShowMessage, ": "));
 }
 
-void ZqRemoteImage::noteTableWaits() {
+void ZqRemoteImage::noteTableWaits(const SxException& why) {
     {
         SxMutexBlock lock(&mutex);
         tableWaits = true;
+        tableFailure = why;
     }
     changed.notify_all();
 }

@@ -89,6 +89,8 @@ public:
 
     /// The table of the packed form; null where that isn't offered, or its server can't be reached.
     SxPtr<ZqSeekTable> awaitTable(const ZqStopTest& stop = nullptr);
+    /// Whether awaitTable() gave null though one may still come; gives what its last request has met.
+    bool isTableDelayed(SxException* why) const;
     /// A stretch alone, over a connection of its own, whatever is kept of it. Else as read().
     SxPtr<SxArray<char>> fetchAnew(uint64 stretchIdx, const ZqStopTest& stop = nullptr);
 
@@ -117,7 +119,7 @@ private:
     /// The packed form is of no use, for now: all goes on with the plain one.
     void leavePacked(const SxException& why);
     /// The table has to wait for its server.
-    void noteTableWaits();
+    void noteTableWaits(const SxException& why);
     /// Leaves it where the failure says that the plain form may do better; false where it may not.
     bool leavePackedFor(const SxException& e);
     /// Waits until the packed form is left aside: false. True where it is absent, or `stop` says so.
@@ -210,7 +212,8 @@ private:
     std::condition_variable_any changed;
     bool tableBegun SX_GUARDED_BY(mutex) = false;
     int64 tableBegunNs SX_GUARDED_BY(mutex) = 0;
-    bool tableWaits SX_GUARDED_BY(mutex) = false; ///< a request for it has failed
+    bool tableWaits SX_GUARDED_BY(mutex) = false;  ///< a request for it has failed
+    SxException tableFailure SX_GUARDED_BY(mutex); ///< the last one of it, or of the packed form
     Packed state SX_GUARDED_BY(mutex) = Packed::Unknown;
     SxPtr<ZqSeekTable> table SX_GUARDED_BY(mutex);     ///< also of a packed form that was left aside
     std::map<uint64, Bytes> kept SX_GUARDED_BY(mutex); ///< by stretch; null where the store alone has it

@@ -70,6 +70,13 @@ SxPtr<ZqSeekTable> ZqRemoteImage::awaitTable(const ZqStopTest& stop) {
     }
 }
 
+bool ZqRemoteImage::isTableDelayed(SxException* why) const {
+    SxMutexBlock lock(&mutex);
+    if (table || state == Packed::Absent || !(tableWaits || state == Packed::Aside)) return false;
+    *why = tableFailure;
+    return true;
+}
+
 SxPtr<SxArray<char>> ZqRemoteImage::fetchAnew(uint64 stretchIdx, const ZqStopTest& stop) {
     checkRange(stretchIdx * STRETCH, stretchSize(stretchIdx));
     openTable();

@@ -166,7 +166,8 @@ bool ZqRemoteImage::StreamRun::runPlain() {
 }
 
 /// Takes bytes of the plain form, up to a kept stretch that is worth skipping, or a wrong one. They are
-/// handed on by whole stretches where these can be checked.
+/// handed on by whole stretches where these can be checked. What was handed on before a late table came isn't
+/// looked at again: the digest of the complete file tells of it, and ZqImageRepair mends it.
 bool ZqRemoteImage::StreamRun::takePlain(const SxArray<char>& piece, bool* isEnding) {
     const char* bytes = piece.data();
     auto left = static_cast<uint64>(piece.getSize());
