@@ -13,17 +13,20 @@ public:
     /// Not while it runs.
     void setSize(uint64 bytes) { size = bytes; }
     void main() override {
-        // The system tells of bytes that it has lost once. Later syncs say nothing of them.
-        if (isBroken) return;
         try {
+            // The system tells of bytes that it has lost once. Later syncs say nothing of them.
+            if (isBroken || synced.hasLoss()) return;
             SxFileIO(file, "rb").sync();
         } catch (const SxException& e) {
             isBroken = true;
             tell(e);
-            return;
         }
         try {
-            synced.note(size);
+            if (isBroken) {
+                synced.noteLoss();
+            } else {
+                synced.note(size);
+            }
         } catch (const SxException& e) {
             // The older note stands, and the next one may find room.
             tell(e);

@@ -1,5 +1,6 @@
 #include "ZqSyncedSize.h"
 
+#include "SxClock.h"
 #include "SxException.h"
 #include "SxFSAction.h"
 #include "SxFileIO.h"
@@ -12,11 +13,20 @@
 
 namespace {
 constexpr const char* UNIT = "src/base/ZqSyncedSize";
-constexpr const char* UNKNOWN = "-"; ///< for the id of a machine that tells none
+constexpr const char* UNKNOWN = "-"; ///< begins the id of a machine that tells none
+constexpr const char* LOST = "lost";
+
+/// All that is known where the machine tells nothing is that it runs since this process does.
+std::string startId() {
+    static const std::string ofProcess =
+        UNKNOWN + std::to_string(SxClock::get().systemMs()) + "." + std::to_string(SxClock::get().steadyNs());
+    const std::string boot = SxOs::get().bootId();
+    return boot.empty() ? ofProcess : boot;
+}
 } // namespace
 
 bool ZqSyncedSize::Note::isOfThisStart() const {
-    return !boot.empty() && boot == SxOs::get().bootId();
+    return !boot.empty() && boot == startId();
 }
 
 SxString ZqSyncedSize::noteFile() const {
@@ -33,7 +43,8 @@ ZqSyncedSize::Note ZqSyncedSize::read() const {
         note.size = 0;
         note.boot.clear();
     }
-    if (note.boot == UNKNOWN) note.boot.clear();
+    std::string word;
+    note.isLost = text >> word && word == LOST;
     return note;
 }
 
@@ -67,12 +78,28 @@ void ZqSyncedSize::begin(uint64 size) const {
     note(size);
 }
 
+void ZqSyncedSize::write(const Note& note) const {
+    SxFileIO::writeAtomic(noteFile(), SxString(note.size) + " " + note.boot +
+                                          (note.isLost ? std::string(" ") + LOST : std::string()) + "\n");
+}
+
 void ZqSyncedSize::note(uint64 size) const {
-    const std::string boot = SxOs::get().bootId();
-    SxFileIO::writeAtomic(noteFile(), SxString(size) + " " + (boot.empty() ? UNKNOWN : boot) + "\n");
+    write({true, size, startId(), false});
+}
+
+void ZqSyncedSize::noteLoss() const {
+    Note old = read();
+    if (!old.exists) return;
+    old.isLost = true;
+    write(old);
+}
+
+bool ZqSyncedSize::hasLoss() const {
+    const Note old = read();
+    return old.isLost && old.isOfThisStart();
 }
 
 void ZqSyncedSize::noteComplete(uint64 size) const {
     const Note old = read();
-    if (old.exists && old.size != size) note(size);
+    if (old.exists && old.size != size && !(old.isLost && old.isOfThisStart())) note(size);
 }

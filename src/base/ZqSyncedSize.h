@@ -6,7 +6,9 @@
 /// name and ".synced", together with the start of the machine that wrote it. While the machine runs, all
 /// bytes of the file can be believed, also after the writer was killed; after another start only those that
 /// are noted, since a power cut leaves a file of the right size with anything in it. A file without a note is
-/// believed as a whole. Not locked: whoever changes the file holds the image. Sizes are in bytes.
+/// believed as a whole. Bytes that the device has lost, as a sync told that failed, are in memory at best, so
+/// the note says no more until the machine starts again. Where that has no id, its start is taken to be that
+/// of the process. Not locked: whoever changes the file holds the image. Sizes are in bytes.
 class ZqSyncedSize {
 public:
     explicit ZqSyncedSize(SxString file_) : file(std::move(file_)) {}
@@ -22,20 +24,26 @@ public:
     void begin(uint64 size) const;
     /// Notes that the first `size` bytes are on the device. Raises where it can't be written.
     void note(uint64 size) const;
-    /// The same where there is a note, of a file that is complete.
+    /// A sync has failed: nothing more is noted of the file, by whichever writer, while this machine runs.
+    void noteLoss() const;
+    /// Whether that was noted.
+    bool hasLoss() const;
+    /// As note() where there is a note, of a file that is complete.
     void noteComplete(uint64 size) const;
 
 private:
     struct Note {
         bool exists = false;
         uint64 size = 0;
-        std::string boot; ///< empty where it isn't known
+        std::string boot;    ///< empty where it isn't known
+        bool isLost = false; ///< some of the bytes behind it are known to be
 
         bool isOfThisStart() const;
     };
 
     SxString noteFile() const;
     Note read() const;
+    void write(const Note& note) const;
 
     const SxString file;
 };

@@ -1,5 +1,6 @@
 #include "Builders.h"
 #include "Failure.h"
+#include "FaultOs.h"
 #include "NetLab.h"
 #include "SxClock.h"
 #include "SxException.h"
@@ -377,6 +378,62 @@ TEST_F(RemoteImage, whatAnEarlierRunFetchedIsntFetchedAgain) {
         second->setWritten(zqf.size());
         EXPECT_TRUE(SxWait::pass(5000, [&] { return ZqStretchStore::sizeIn(own.prefix()) == 0; }));
     }
+}
+
+namespace {
+
+/// Calls back after each write to `img.ahead`, on the thread that has written.
+class WatchedWrites : public FaultOs {
+public:
+    WatchedWrites(const std::string& watched, std::function<void(int64 offset)> call_)
+        : FaultOs(watched),
+          call(std::move(call_)) {}
+    int64 writeAt(int fd, const void* buffer, int64 n, int64 offset) override {
+        const int64 nWritten = FaultOs::writeAt(fd, buffer, n, offset);
+        if (n >= 100'000) call(offset);
+        return nWritten;
+    }
+
+private:
+    const std::function<void(int64 offset)> call;
+};
+
+} // namespace
+
+TEST_F(RemoteImage, whatIsForgottenWhileItIsStoredStaysForgotten) {
+    const TempDir own;
+    ImagePtr image;
+    std::atomic<int> nStored{0};
+    WatchedWrites watched(own.path(), [&](int64 offset) {
+        if (offset == static_cast<int64>(7 * STRETCH)) image->forget(7 * STRETCH, 1);
+        ++nStored;
+    });
+    const auto openKept = [&] {
+        ImagePtr kept = open();
+        kept->setStore(std::make_unique<ZqStretchStore>(own.prefix(), SxString("key"), zqf.size(), STRETCH, 0,
+                                                        ZqDiskReserve()));
+        return kept;
+    };
+    image = openKept();
+    for (const uint64 idx : {uint64{7}, uint64{20}})
+        readOf(*image, idx * STRETCH, 1);
+    EXPECT_TRUE(SxWait::pass(5000, [&] { return nStored >= 2; }));
+    image = nullptr;
+    EXPECT_EQ(openKept()->getFigures().nStored, STRETCH);
+}
+
+TEST_F(RemoteImage, whatTheDiskHadNoRoomForIsStoredLater) {
+    const TempDir own;
+    FaultOs full(own.path());
+    const ImagePtr image = open();
+    image->setStore(std::make_unique<ZqStretchStore>(own.prefix(), SxString("key"), zqf.size(), STRETCH, 0,
+                                                     ZqDiskReserve()));
+    full.failNth(FaultOs::Op::Write, 1, ENOSPC, "img.ahead", true);
+    readOf(*image, 7 * STRETCH, 1);
+    EXPECT_TRUE(SxWait::pass(5000, [&] { return full.getNFailed() > 0; }));
+    EXPECT_EQ(image->getFigures().nStored, 0u) << "it is in memory alone";
+    full.failNth(FaultOs::Op::Write, 1, 0, "nothing");
+    EXPECT_TRUE(SxWait::pass(5000, [&] { return image->getFigures().nStored == STRETCH; }));
 }
 
 // Streams at 4 MB/s while the test asks for ranges.

@@ -107,7 +107,7 @@ ZqRemoteImage::Figures ZqRemoteImage::getFigures() const {
     SxMutexBlock lock(&mutex);
     Figures now = figures;
     now.isPacked = state == Packed::Offered;
-    if (store) now.nStored = std::min(kept.size() * STRETCH, sizeZqf);
+    if (store) now.nStored = std::min((kept.size() - nInMemory + inBoth.size()) * STRETCH, sizeZqf);
     return now;
 }
 
