@@ -6,13 +6,14 @@ BENCH_ARGS ?=
 PEERS ?= $(wildcard bench/peers/*.py)
 PEERS_ARGS ?=
 SERVERS_ARGS ?=
+STORAGE_ARGS ?=
 
 # ThreadSanitizer of clang 14 can't map its shadow memory where the kernel randomises addresses by more than
 # 28 bits; where that may be switched off for a process, it is.
 NO_ASLR := $(shell setarch -R true 2>/dev/null && echo setarch -R)
 
 .DEFAULT_GOAL := help
-.PHONY: help build run test servers bench lint asan tsan fuzz crash package clean
+.PHONY: help build run test servers storage bench lint asan tsan fuzz crash package clean
 
 help: ## this list
 	@sed -n 's/^\([a-z]*\):.*## /\1\t/p' Makefile | expand -t 12
@@ -34,6 +35,10 @@ crash: build ## only the tests that kill a job at every durable step
 servers: build ## build, then play from real web servers and over bad links, as root; SERVERS_ARGS go to tests/servers/run.py
 	@scripts/install-deps.sh servers
 	@PATH="$$PATH:/usr/sbin" tests/servers/run.py $(SERVERS_ARGS)
+
+storage: build ## build, then write to drives with real programs and kill their service, as root; STORAGE_ARGS go to tests/storage/run.py
+	@scripts/install-deps.sh storage
+	@PATH="$$PATH:/usr/sbin" tests/storage/run.py $(STORAGE_ARGS)
 
 bench: ## build and run the benchmarks, as root also those against PEERS; BENCH_ARGS and PEERS_ARGS go to them
 	@scripts/install-deps.sh peers

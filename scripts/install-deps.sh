@@ -8,6 +8,7 @@
 #   fuzz      libFuzzer builds          demo     the game that the demonstration uses
 #   package   Debian packages           peers     what the benchmarks compare with, and their games
 #   servers   web servers, balancers, caches and proxies that the client is tried with
+#   storage   databases and other programs that drives are written to with
 # Says and touches nothing where all is there already.
 set -euo pipefail
 
@@ -32,8 +33,9 @@ for group in "$@"; do
     servers)
         packages+=(nginx apache2-bin lighttpd haproxy varnish squid tinyproxy busybox caddy openssl media-types)
         ;;
+    storage) packages+=(sqlite3 postgresql git fio tar unzip) ;;
     *)
-        echo "install-deps.sh: no group \"$group\" (there are: clang, lint, fuzz, demo, package, peers, servers)" >&2
+        echo "install-deps.sh: no group \"$group\" (there are: clang, lint, fuzz, demo, package, peers, servers, storage)" >&2
         exit 2
         ;;
     esac
