@@ -15,6 +15,7 @@ find_package(PkgConfig REQUIRED)
 pkg_check_modules(TAVRIN_ZSTD REQUIRED IMPORTED_TARGET libzstd)
 pkg_check_modules(TAVRIN_HTTPLIB REQUIRED IMPORTED_TARGET cpp-httplib)
 pkg_check_modules(TAVRIN_XCB REQUIRED IMPORTED_TARGET xcb xcb-ewmh xcb-icccm)
+pkg_check_modules(TAVRIN_SYSTEMD REQUIRED IMPORTED_TARGET libsystemd)
 pkg_check_modules(TAVRIN_FUSE REQUIRED IMPORTED_TARGET fuse3)
 
 find_path(TAVRIN_VALIJSON_INCLUDE_DIR valijson/validator.hpp REQUIRED)

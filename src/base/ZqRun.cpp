@@ -8,6 +8,7 @@
 #include "ZqImageFiles.h"
 #include "ZqImageFolder.h"
 #include "ZqLog.h"
+#include "ZqSleepDelay.h"
 #include "ZqStreamRecord.h"
 #include "ZqSysEnv.h"
 #include "ZqVolume.h"
@@ -53,6 +54,14 @@ private:
     std::atomic<bool> isEnding{false};
 };
 
+/// The drive may hold reads until it is gone, so the delay ends with the run, whatever becomes of that.
+struct ZqRun::EndOfDelay {
+    ZqSleepDelay* const delay;
+    ~EndOfDelay() {
+        if (delay) delay->end();
+    }
+};
+
 ZqRun::ZqRun(const Settings& settings_)
     : settings(settings_),
       image(settings_.feed.image),
@@ -93,6 +102,11 @@ void ZqRun::main() {
         sampler = std::make_unique<Sampler>(this);
         sampler->start();
     }
+    if (!settings.feed.isDownloadOnly) {
+        sleepDelay = std::make_unique<ZqSleepDelay>([this] { return isCalm(); });
+        sleepDelay->start();
+    }
+    const EndOfDelay endOfDelay{sleepDelay.get()};
     try {
         run();
     } catch (const SxException& e) {
@@ -271,10 +285,26 @@ void ZqRun::follow() {
 }
 
 void ZqRun::suspendProcess() {
-    if (!feed.getApp().suspendProc) return;
-    const bool underflow = feed.getStatus().isUnderflow;
-    if (underflow && !guard->isSuspended()) guard->suspend();
-    if (!underflow && guard->isSuspended()) guard->resume();
+    const bool isSleepy = sleepDelay->isSleepComing();
+    // A launcher that hasn't come to its application goes on: there is nobody else to be suspended.
+    const bool isLaunching = isSleepy && guard->isSearching();
+    const bool isWanted =
+        (isSleepy && !isLaunching) || (feed.getApp().suspendProc && feed.getStatus().isUnderflow);
+    if (isWanted && !guard->isSuspended()) guard->suspend();
+    if (!isWanted && guard->isSuspended()) guard->resume();
+    isHalted = isSleepy && (isLaunching || guard->isSuspended());
+}
+
+/// Whether the machine can sleep: the application is suspended, and nobody waits for blocks of the drive.
+bool ZqRun::isCalm() const {
+    const Phase now = phase;
+    if ((now == Running || now == Adopted) && !isHalted) return false;
+    ZqDiskStatus disk;
+    try {
+        return !ZqVolume::findDisk(image, &disk) || disk.nHeld == 0;
+    } catch (const SxException&) {
+        return false; // a service that doesn't answer may hold reads, and is asked again
+    }
 }
 
 void ZqRun::lookForFrame() {

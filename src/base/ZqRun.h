@@ -8,6 +8,7 @@
 #include <memory>
 
 class ZqCoreAppGuard;
+class ZqSleepDelay;
 struct ZqDiskStatus;
 
 /// One run of a streamed application, from its server to its end: completes the image, makes a drive of it,
@@ -79,6 +80,7 @@ protected:
 private:
     class MountJob;
     class Sampler;
+    struct EndOfDelay;
 
     void run();
     /// Takes over a drive that a run which was killed has left, or takes it away.
@@ -105,6 +107,7 @@ private:
     void writeInfo();
     void follow();
     void suspendProcess();
+    bool isCalm() const;
     int64 frameFileMs() const;
     void lookForFrame();
     void complete();
@@ -124,6 +127,8 @@ private:
     ZqImageFeed feed;
     SxPtr<ZqCoreAppGuard> guard;
     std::unique_ptr<Sampler> sampler;
+    std::unique_ptr<ZqSleepDelay> sleepDelay;
+    std::atomic<bool> isHalted{false}; ///< the application doesn't run, as the machine is about to sleep
     SxString notedGroup;
     bool startNoted = false, mounted = false;
     int64 noteNs = 0;  ///< when noting failed last; 0 for never

@@ -1,0 +1,45 @@
+#include "ZqSleepDelay.h"
+
+#include "SxTime.h"
+#include "ZqLog.h"
+#include "ZqSleepWatch.h"
+
+namespace {
+
+/// From one look at the bus to the next; of the seconds that are granted it costs little.
+constexpr int64 CALM_LOOK_MS = 100;
+/// A thread of the application that was about to read when it was stopped still does: one look isn't enough.
+constexpr int N_CALM_LOOKS = 3;
+
+} // namespace
+
+ZqSleepDelay::ZqSleepDelay(std::function<bool()> isCalm_) : isCalm(std::move(isCalm_)) {
+    setThreadName("sleep delay");
+}
+
+void ZqSleepDelay::end() {
+    isEnding = true;
+    wait();
+}
+
+void ZqSleepDelay::main() {
+    ZqSleepWatch watch;
+    int nCalm = 0;
+    while (!isEnding) {
+        const bool isComing = watch.isSleepComing();
+        if (isComing != coming) {
+            zqLogMsg("base", isComing ? "ZqSleepDelay: the machine is about to sleep"
+                                      : "ZqSleepDelay: the machine is awake");
+            nCalm = 0;
+        }
+        coming = isComing;
+        if (isComing && watch.isHolding()) {
+            nCalm = isCalm() ? nCalm + 1 : 0;
+            if (nCalm == N_CALM_LOOKS) {
+                zqLogMsg("base", "ZqSleepDelay: nothing waits for blocks, so the machine may sleep");
+                watch.release();
+            }
+        }
+        SxTime::msleep(isComing ? SxWait::LOOK_MS : CALM_LOOK_MS);
+    }
+}

@@ -1,0 +1,154 @@
+#include "TestSleep.h"
+
+#include "SxTime.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <poll.h>
+#include <stdexcept>
+#include <systemd/sd-bus.h>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+constexpr const char* NAME = "org.freedesktop.login1";
+constexpr const char* PATH = "/org/freedesktop/login1";
+constexpr const char* INTERFACE = "org.freedesktop.login1.Manager";
+constexpr int64 LIMIT_MS = 20'000;
+constexpr int TURN_MS = 10;
+
+constexpr const char* CONFIG =
+    R"(<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
+ "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
+<busconfig>
+  <type>system</type>
+  <listen>unix:path=SOCKET</listen>
+  <auth>EXTERNAL</auth>
+  <policy context="default">
+    <allow send_destination="*" eavesdrop="true"/><allow receive_sender="*"/><allow own="*"/><allow user="*"/>
+  </policy>
+</busconfig>
+)";
+
+int require(int outcome, const char* what) {
+    if (outcome < 0) throw std::runtime_error(std::string(what) + ": " + std::strerror(-outcome));
+    return outcome;
+}
+
+} // namespace
+
+/// Serves on a thread of its own until it is destroyed.
+class TestSleep::Manager {
+public:
+    Manager(const std::string& address, std::atomic<int>* delays_) : delays(delays_) {
+        require(sd_bus_new(&bus), "a bus");
+        require(sd_bus_set_address(bus, address.c_str()), "its address");
+        require(sd_bus_set_bus_client(bus, 1), "a client of it");
+        require(sd_bus_negotiate_fds(bus, 1), "descriptors");
+        require(sd_bus_start(bus), "the bus");
+        static const sd_bus_vtable table[] = {
+            SD_BUS_VTABLE_START(0),
+            SD_BUS_METHOD("Inhibit", "ssss", "h", onInhibit, SD_BUS_VTABLE_UNPRIVILEGED),
+            SD_BUS_SIGNAL("PrepareForSleep", "b", 0),
+            SD_BUS_VTABLE_END,
+        };
+        require(sd_bus_add_object_vtable(bus, nullptr, PATH, INTERFACE, table, this), "its object");
+        require(sd_bus_request_name(bus, NAME, 0), "its name");
+        thread = std::thread([this] { serve(); });
+    }
+    ~Manager() {
+        stopping = true;
+        thread.join();
+        for (const int fd : locks)
+            ::close(fd);
+        *delays = 0;
+        sd_bus_flush_close_unref(bus);
+    }
+    void tell(bool sleeps) { told = sleeps ? 1 : 0; }
+
+private:
+    static int onInhibit(sd_bus_message* message, void* self, sd_bus_error*) {
+        const char *what = "", *who = "", *why = "", *mode = "";
+        if (sd_bus_message_read(message, "ssss", &what, &who, &why, &mode) < 0) return -EINVAL;
+        if (std::string(what) != "sleep" || std::string(mode) != "delay") return -EINVAL;
+        int ends[2] = {-1, -1};
+        if (::pipe2(ends, O_CLOEXEC) != 0) return -errno;
+        static_cast<Manager*>(self)->locks.push_back(ends[0]);
+        ++*static_cast<Manager*>(self)->delays;
+        const int answered = sd_bus_reply_method_return(message, "h", ends[1]); // sends a copy
+        ::close(ends[1]);
+        return answered;
+    }
+
+    void serve() {
+        while (!stopping) {
+            while (sd_bus_process(bus, nullptr) > 0)
+                continue;
+            if (const int sleeps = told.exchange(-1); sleeps >= 0) {
+                sd_bus_emit_signal(bus, PATH, INTERFACE, "PrepareForSleep", "b", sleeps);
+            }
+            std::erase_if(locks, [this](int fd) {
+                pollfd end = {fd, POLLIN, 0};
+                if (::poll(&end, 1, 0) == 0) return false; // the other end is still open
+                ::close(fd);
+                --*delays;
+                return true;
+            });
+            sd_bus_flush(bus);
+            pollfd ready = {sd_bus_get_fd(bus), POLLIN, 0};
+            ::poll(&ready, 1, TURN_MS);
+        }
+    }
+
+    sd_bus* bus = nullptr;
+    std::atomic<int>* const delays;
+    std::atomic<bool> stopping{false};
+    std::atomic<int> told{-1}; ///< what is to be told; -1 for nothing
+    std::vector<int> locks;
+    std::thread thread;
+};
+
+std::string TestSleep::missing() {
+    const SxString look = "command -v dbus-daemon";
+    return SxProcess("sh", {"-c", look}, SxProcess::Silent).run() == 0 ? "" : "dbus-daemon isn't installed";
+}
+
+TestSleep::TestSleep() {
+    std::string config = CONFIG;
+    const std::string socket = dir.path("bus");
+    config.replace(config.find("SOCKET"), 6, socket);
+    const SxString file(dir.write("bus.conf", config));
+    daemon = std::make_unique<SxProcess>(
+        "dbus-daemon", SxList<SxString>{"--config-file=" + file, "--nofork", "--nopidfile", "--nosyslog"},
+        SxProcess::Silent);
+    daemon->start();
+    SxWait::pass(LIMIT_MS, [&] { return std::filesystem::exists(socket) || !daemon->isRunning(); });
+    ::setenv("DBUS_SYSTEM_BUS_ADDRESS", ("unix:path=" + socket).c_str(), 1);
+    startManager();
+}
+
+TestSleep::~TestSleep() {
+    stopManager();
+    daemon->kill();
+    daemon->wait();
+    ::unsetenv("DBUS_SYSTEM_BUS_ADDRESS");
+}
+
+void TestSleep::startManager() {
+    manager = std::make_unique<Manager>("unix:path=" + dir.path("bus"), &delays);
+}
+
+void TestSleep::stopManager() {
+    manager.reset();
+}
+
+void TestSleep::restart() {
+    stopManager();
+    startManager();
+}
+
+void TestSleep::tell(bool sleeps) {
+    manager->tell(sleeps);
+}
