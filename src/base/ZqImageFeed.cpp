@@ -138,6 +138,12 @@ void ZqImageFeed::open(const ZqStopTest& stop) {
                               hasRecords ? ZqImageLock::Shared : ZqImageLock::Exclusive, settings.job);
     if (ZqImageRecords::isComplete(settings.image)) {
         app = ZqAppParams(filePath(""));
+        // A run plays without its server. Who only completes has no use for an address that gives something
+        // else.
+        if (settings.isDownloadOnly && !(url == record.url)) {
+            ZqImageRecords(SxPtr<ZqNetLink>::create(), settings.image, url, settings.headers)
+                .requireSameOnServer(app, stop);
+        }
     } else {
         if (url.isEmpty()) {
             throw SxException("Image '" + settings.image +

@@ -408,18 +408,30 @@ void ZqRun::fillResult() {
 }
 
 SxSymbol ZqRun::toJson() const {
+    if (settings.feed.isDownloadOnly) {
+        SxSymbol root;
+        root.setType(SxParserAst::Object);
+        root.append("complete", result.isComplete);
+        root.append("sizeZqf", result.info.imageSize);
+        appendTransfer(&root);
+        return root;
+    }
     SxSymbol root = result.info.toJson();
     if (!result.isExitKnown) root.getElem("exitCode").setType(SxParserAst::Null);
     root.append("startMs", result.startMs);
     if (result.firstFrameMs >= 0) root.append("firstFrameMs", result.firstFrameMs);
     if (result.lastWaitMs >= 0) root.append("lastWaitMs", result.lastWaitMs);
     root.append("traceFolder", result.traceFolder);
-    root.append("bytesReceived", result.link.nBytes);
     root.append("bytesOnDemand", result.link.nOnDemandBytes);
-    root.append("bytesTwice", result.image.nTwice);
-    root.append("requests", result.link.nRequests);
-    root.append("retries", result.link.nRetries);
-    root.append("packed", result.image.isPacked);
-    root.append("missingBytes", result.nMissing);
+    appendTransfer(&root);
     return root;
+}
+
+void ZqRun::appendTransfer(SxSymbol* root) const {
+    root->append("bytesReceived", result.link.nBytes);
+    root->append("bytesTwice", result.image.nTwice);
+    root->append("requests", result.link.nRequests);
+    root->append("retries", result.link.nRetries);
+    root->append("packed", result.image.isPacked);
+    root->append("missingBytes", result.nMissing);
 }

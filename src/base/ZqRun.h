@@ -71,7 +71,8 @@ public:
     ZqStartForecast forecast(double speedMbit) const;
     /// Meaningful once the run has ended.
     const Result& getResult() const { return result; }
-    /// The result: what `runtime.json` has, `exitCode` null where it isn't known, and more.
+    /// The result: what `runtime.json` has, `exitCode` null where it isn't known, and more. Of a mere
+    /// download whether the image is complete, its size, and what was moved.
     SxParserKit::SxSymbol toJson() const;
 
 protected:
@@ -115,6 +116,7 @@ private:
     void endDrive(bool keep);
     void takeSample();
     void fillResult();
+    void appendTransfer(SxParserKit::SxSymbol* root) const;
     int64 elapsedMs() const;
     bool isStopping() const { return stopFlag; }
     static SxException stopped();

@@ -205,19 +205,7 @@ int fetch(const RunOptions& options, Output& out) {
     ZqRun job(settings);
     followRun(&job, out, [](const auto&, Progress*) {});
     const ZqRun::Result& result = job.getResult();
-    if (out.getMode().json) {
-        SxParserKit::SxSymbol root;
-        root.setType(SxParserAst::Object);
-        root.append("complete", result.isComplete);
-        root.append("sizeZqf", result.info.imageSize);
-        root.append("missingBytes", result.nMissing);
-        root.append("bytesReceived", result.link.nBytes);
-        root.append("bytesTwice", result.image.nTwice);
-        root.append("requests", result.link.nRequests);
-        root.append("retries", result.link.nRetries);
-        root.append("packed", result.image.isPacked);
-        out.object(root);
-    }
+    if (out.getMode().json) out.object(job.toJson());
     tellMissing(result, options.image, &out);
     if (job.hasException()) throw job.getException();
     out.text("The image is complete: " + exactBytes(static_cast<uint64>(result.info.imageSize)) + ", " +

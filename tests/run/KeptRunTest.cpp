@@ -59,6 +59,23 @@ TEST_F(StreamRun, AFetchCompletesAnImageWithoutADrive) {
     EXPECT_THAT(outcome.out, AllOf(HasSubstr("\"missingBytes\": 0"), HasSubstr("\"complete\": true")));
     expectComplete();
     EXPECT_TRUE(processesOf(false).empty()) << "no service is needed";
+    // Another address is looked at before it is noted.
+    const string other = dir.path("other");
+    fs::create_directory(other);
+    fs::copy_file(served + "/app.json", other + "/app.json");
+    ZqFileServer mirror{SxString(other)};
+    mirror.start();
+    const auto fetchFrom = [&](const string& url) { return run({"fetch", got, "--url", url}); };
+    const string right = dir.read("other/app.json"), noted = dir.read("got/stream.json");
+    dir.write("other/app.json", SxString(right).substitute("\"sizeZqf\": ", "\"sizeZqf\": 1").str());
+    EXPECT_THAT(fetchFrom(mirror.getUrl().str()).err, HasSubstr("another"));
+    fs::remove(other + "/app.json");
+    EXPECT_EQ(fetchFrom(mirror.getUrl().str()).code, 1);
+    EXPECT_EQ(dir.read("got/stream.json"), noted);
+    dir.write("other/app.json", right);
+    EXPECT_EQ(fetchFrom(mirror.getUrl().str()).code, 0);
+    EXPECT_THAT(dir.read("got/stream.json"), HasSubstr(mirror.getUrl().str()));
+    mirror.stop();
     server->stop();
     EXPECT_EQ(run({"fetch", got}).code, 0) << "complete, it needs no server";
     EXPECT_EQ(run({"run", got}).code, 0);
