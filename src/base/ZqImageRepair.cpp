@@ -62,7 +62,7 @@ SxArray<uint64> ZqImageRepair::findWrong(const ZqSeekTable& table,
 SxPtr<ZqSeekTable> ZqImageRepair::awaitTable(const ZqStopTest& stop) const {
     Tries tries;
     for (int nLooks = 1;; ++nLooks) {
-        const SxPtr<ZqSeekTable> table = image->awaitTable(stop);
+        SxPtr<ZqSeekTable> table = image->awaitTable(stop);
         SxException why;
         if (table || !image->isTableDelayed(&why)) return table;
         if (player.settle && player.settle(why)) {
@@ -79,7 +79,7 @@ SxPtr<SxArray<char>> ZqImageRepair::fetch(uint64 stretchIdx, const ZqSeekTable& 
                                           const ZqStopTest& stop) const {
     for (Tries tries;;) {
         try {
-            const SxPtr<SxArray<char>> bytes = image->fetchAnew(stretchIdx, stop);
+            SxPtr<SxArray<char>> bytes = image->fetchAnew(stretchIdx, stop);
             if (ZqSeekTable::checksumOf(bytes->data(), bytes->getSize()) ==
                 table.getFrame(stretchIdx).checksum) {
                 return bytes;
