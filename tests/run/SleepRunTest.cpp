@@ -22,15 +22,13 @@ protected:
     }
     /// Whether what reads from the drive for the game is stopped; a read that is held can't be, before its
     /// end.
-    static bool isGameStopped() {
+    bool isGameStopped() const {
+        const string games = statusOf(got).mountPath.str() + "/TAVRIN-protected/app";
         bool found = false;
-        for (const auto& entry : fs::directory_iterator("/proc")) {
-            const int64 pid = std::atoll(entry.path().filename().c_str());
+        for (const SxProcessInfo& info : SxProcessInfo::getAll()) {
             std::error_code gone;
-            const string folder = fs::read_symlink(entry.path() / "cwd", gone).string();
-            if (pid <= 0 || !folder.ends_with("/volume/TAVRIN-protected/app")) continue;
-            SxProcessInfo info;
-            if (!SxProcessInfo::get(pid, &info)) continue;
+            const fs::path link = "/proc/" + std::to_string(info.id) + "/cwd";
+            if (fs::read_symlink(link, gone) != games) continue;
             if (info.state != 'T') return false;
             found = true;
         }
@@ -49,7 +47,7 @@ TEST_F(SleepRun, TheMachineSleepsOnceTheGameStandsAndHoldsNoRead) {
     ASSERT_TRUE(becomes(1)) << "nobody holds up the machine's sleep";
     machine->tell(true);
     EXPECT_TRUE(becomes(0)) << player->says();
-    EXPECT_TRUE(isGameStopped());
+    EXPECT_TRUE(eventually([this] { return isGameStopped(); }));
     resume();
     machine->tell(false);
     // All goes on, and the next sleep is held up, too.
@@ -77,7 +75,7 @@ TEST_F(SleepRun, AReadThatIsHeldIsFetchedBeforeTheMachineSleeps) {
     server->start();
     EXPECT_TRUE(becomes(0)) << player->says();
     EXPECT_EQ(statusOf(got).nHeld, 0u);
-    EXPECT_TRUE(eventually([] { return isGameStopped(); }));
+    EXPECT_TRUE(eventually([this] { return isGameStopped(); }));
     EXPECT_FALSE(hasPlayed());
     machine->tell(false);
     EXPECT_TRUE(SxWait::pass(60'000, [&] { return hasPlayed(); })) << player->says();
