@@ -21,7 +21,7 @@ SLOT_FILES = ["buffered", "direct", "mapped"]
 SLOT_FILE_SIZE = 16 * MIB
 ROOM = "room"
 ROOM_SIZE = 64 * MIB
-FREE = "2G"
+FREE = 2 << 30  # bytes
 MS_BIND = 4096
 LIMIT_SECONDS = 300
 
