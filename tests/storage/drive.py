@@ -87,8 +87,10 @@ class Drive(contextlib.ExitStack):
         failure = self.product.status(self.image)["failure"]
         if failure:
             raise RuntimeError(f"the drive says before it is unmounted: {failure}")
-        self.product.tavrin("umount", self.image)
+        told = self.product.tavrin("umount", self.image).strip()
         self.mounted = False
+        if told != "Unmounted":  # such as that somebody still used it
+            raise RuntimeError(f"the unmounting says: {told}")
 
     def remount(self):
         self.unmount()
