@@ -39,6 +39,22 @@ def build(client, folder):
     return image
 
 
+def run(*words, env=None):
+    """Like lab.run, for programs that start others: none of them is left, whatever ends the wait."""
+    words = [str(word) for word in words]
+    pipes = {"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, "text": True}
+    with subprocess.Popen(words, start_new_session=True, env=env, **pipes) as process:
+        try:
+            told, errors = process.communicate()
+        except BaseException:
+            with contextlib.suppress(ProcessLookupError):  # all have ended
+                os.killpg(process.pid, signal.SIGKILL)
+            raise
+    if process.returncode != 0:
+        raise RuntimeError(f"{' '.join(words)}: exit code {process.returncode}: {errors.strip()}")
+    return told
+
+
 class Drive(contextlib.ExitStack):
     """`folder` is the case's own and empty, `files` the part of the drive that programs use while it is mounted."""
 

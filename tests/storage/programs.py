@@ -15,7 +15,7 @@ import zipfile
 from pathlib import Path
 
 import lab
-from drive import MIB, ROOM, ROOM_SIZE
+from drive import MIB, ROOM, ROOM_SIZE, run
 
 
 def compare(what, before, after):
@@ -44,7 +44,7 @@ def sqlite(journal, drive, _):
     files = drive.mount()
     (files / ROOM).unlink()
     database = files / "rows.db"
-    lab.run("sqlite3", database, "CREATE TABLE rows(id INTEGER PRIMARY KEY, who, data); CREATE INDEX i ON rows(who, data)")
+    run("sqlite3", database, "CREATE TABLE rows(id INTEGER PRIMARY KEY, who, data); CREATE INDEX i ON rows(who, data)")
     begin = time.monotonic()
     with contextlib.ExitStack() as stack:
         log = stack.enter_context(open(drive.folder / "sqlite.log", "ab"))
@@ -53,14 +53,14 @@ def sqlite(journal, drive, _):
     seconds = time.monotonic() - begin
     if any(codes):
         raise RuntimeError(f"sqlite3: exit codes {codes}; see sqlite.log")
-    before = lab.run("sqlite3", database, ".sha3sum")
+    before = run("sqlite3", database, ".sha3sum")
     database = drive.remount() / "rows.db"
-    lab.run("sqlite3", database, "VACUUM")
+    run("sqlite3", database, "VACUUM")
     database = drive.remount() / "rows.db"
-    state = lab.run("sqlite3", database, "PRAGMA integrity_check").strip()
+    state = run("sqlite3", database, "PRAGMA integrity_check").strip()
     if state != "ok":
         raise RuntimeError(f"integrity_check: {state}")
-    compare("the rows' digest", before, lab.run("sqlite3", database, ".sha3sum"))
+    compare("the rows' digest", before, run("sqlite3", database, ".sha3sum"))
     return f"{200 / seconds:.0f} transactions/s"
 
 
@@ -78,14 +78,14 @@ class Postgres:
         self.programs = max(Path("/usr/lib/postgresql").glob("*/bin"), key=lambda path: int(path.parent.name))
 
     def own(self, folder):
-        lab.run("chown", "postgres:postgres", folder)
+        run("chown", "postgres:postgres", folder)
 
     def words(self, program, *words):
         user = ["setpriv", "--reuid=postgres", "--regid=postgres", "--init-groups", "env", "--chdir=/"]
         return [*user, f"PGHOST={self.socket}", self.programs / program, *words]
 
     def tool(self, program, *words):
-        return lab.run(*self.words(program, *words))
+        return run(*self.words(program, *words))
 
     def ask(self, query):
         return self.tool("psql", "--no-psqlrc", "--tuples-only", "--no-align", "--command", query, "bench").strip()
@@ -174,7 +174,7 @@ def kill_under_postgresql(drive, seed):
 def git_in(folder):
     env = dict(os.environ, HOME=str(folder), GIT_CONFIG_NOSYSTEM="1", GIT_TERMINAL_PROMPT="0")
     env |= {f"GIT_{who}_{what}": "nobody@localhost" for who in ("AUTHOR", "COMMITTER") for what in ("NAME", "EMAIL")}
-    return lambda *words: lab.run("git", *words, env=env).strip()
+    return lambda *words: run("git", *words, env=env).strip()
 
 
 def commit_some(git, work, chance, n_commits):
@@ -188,24 +188,24 @@ def commit_some(git, work, chance, n_commits):
 
 
 def git(drive, seed):
-    files, run, chance = drive.mount(), git_in(drive.folder), random.Random(seed)
+    files, call, chance = drive.mount(), git_in(drive.folder), random.Random(seed)
     (files / ROOM).unlink()
     origin, clone = drive.folder / "origin", files / "clone"
-    run("init", "--quiet", origin)
-    commit_some(run, origin, chance, 30)
+    call("init", "--quiet", origin)
+    commit_some(call, origin, chance, 30)
     begin = time.monotonic()
-    run("clone", "--quiet", "--no-local", f"file://{origin}", clone)
-    run("-C", clone, "fsck", "--full", "--strict")
-    commit_some(run, clone, chance, 15)
-    run("-C", clone, "gc", "--quiet", "--aggressive", "--prune=now")
-    commit_some(run, clone, chance, 5)
+    call("clone", "--quiet", "--no-local", f"file://{origin}", clone)
+    call("-C", clone, "fsck", "--full", "--strict")
+    commit_some(call, clone, chance, 15)
+    call("-C", clone, "gc", "--quiet", "--aggressive", "--prune=now")
+    commit_some(call, clone, chance, 5)
     seconds = time.monotonic() - begin
-    before = run("-C", clone, "rev-parse", "HEAD")
+    before = call("-C", clone, "rev-parse", "HEAD")
     drive.remount()
-    run("-C", clone, "fsck", "--full", "--strict")
-    compare("HEAD", before, run("-C", clone, "rev-parse", "HEAD"))
-    compare("the work tree's changes", "", run("-C", clone, "status", "--porcelain"))
-    run("-C", origin, "pull", "--quiet", "--ff-only", clone, "HEAD")
+    call("-C", clone, "fsck", "--full", "--strict")
+    compare("HEAD", before, call("-C", clone, "rev-parse", "HEAD"))
+    compare("the work tree's changes", "", call("-C", clone, "status", "--porcelain"))
+    call("-C", origin, "pull", "--quiet", "--ff-only", clone, "HEAD")
     return f"clone, 20 commits and gc {seconds:.1f} s"
 
 
@@ -226,9 +226,9 @@ def fio(job, drive, seed):
     words = ["fio", "--output-format=json", f"--size={ROOM_SIZE}", f"--randseed={seed}", "--fallocate=none"]
     words += [*FIO[job], "--verify=crc32c", "--verify_fatal=1", f"--directory={files}"]
     words += [f"--name={ROOM}", f"--filename={ROOM}", "--name=new", "--filename=new"]
-    told = lab.run(*words, "--do_verify=1")
+    told = run(*words, "--do_verify=1")
     drive.remount()
-    lab.run(*words, "--verify_only=1")
+    run(*words, "--verify_only=1")
     jobs = json.loads(told[told.index("{") :])["jobs"]
     return f"{sum(job['write']['bw_bytes'] for job in jobs) / MIB:.0f} MiB/s written"
 
@@ -279,10 +279,10 @@ def unpack(pack, words, drive, seed):
     pack(archive, make_files(seed))
     wanted = digest(make_files(seed))
     begin = time.monotonic()
-    lab.run(*[word.format(archive=archive, files=files) for word in words])
+    run(*[word.format(archive=archive, files=files) for word in words])
     seconds = time.monotonic() - begin
     compare("the files' digest", wanted, digest(files_below(drive.remount())))
-    lab.run("rm", "-r", files / "tree")
+    run("rm", "-r", files / "tree")
     drive.remount()
     compare("what was removed", False, (files / "tree").exists())
     return f"{N_FILES / seconds:,.0f} files/s"

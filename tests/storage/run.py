@@ -74,11 +74,19 @@ def keep(folder, options, name, mode):
         shutil.copytree(folder, kept, symlinks=True, ignore=shutil.ignore_patterns("root", "socket"))
 
 
+def before(error):
+    return error.__cause__ or (None if error.__suppress_context__ else error.__context__)
+
+
 def tell(error):
     """What went wrong first, then what went wrong because of it."""
-    before = error.__cause__ or (None if error.__suppress_context__ else error.__context__)
     text = f"{type(error).__name__}: {error}"
-    return f"{tell(before)}; then {text}" if before else text
+    return f"{tell(before(error))}; then {text}" if before(error) else text
+
+
+def is_end(error):
+    """Whether somebody has ended the script, and what followed is only because of that."""
+    return error is not None and (isinstance(error, (KeyboardInterrupt, SystemExit)) or is_end(before(error)))
 
 
 def attempt(options, template, folder, name, mode, seed, call):
@@ -96,6 +104,8 @@ def attempt(options, template, folder, name, mode, seed, call):
                     raise
                 raise RuntimeError(f"not done in {drives.LIMIT_SECONDS} s; the drive was killed") from None
     except Exception as error:  # noqa: BLE001 -- whatever it is, the next case can still be tried
+        if is_end(error):
+            raise
         fault = tell(error)
         keep(folder, options, name, mode)
     shutil.rmtree(folder)
