@@ -154,6 +154,9 @@ void registerPublishVerbs(Family* image) {
         .argument("IMAGE", &building->image, "Image folder to write; what it held is replaced")
         .choice("--fs", &building->fileSystem, {"erofs", "ext4", "squashfs"},
                 "File system; erofs where not given")
+        .number("--free", &what.freeBytes, 1,
+                "Bytes free for what is written to the drive, with ext4; a tenth of its content and 16 MiB "
+                "where not given or less")
         .text("--cmd", &what.cmd, "C", "Command to start: a file of SRC, or a program of the machine")
         .texts("--arg", &what.args, "A", "An argument of the command; may be given again")
         .text("--name", &what.name, "N", "Process to look for where the command is only a launcher")

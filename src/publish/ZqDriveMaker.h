@@ -27,6 +27,7 @@ public:
         SxList<SxString> early;     ///< files and folders that a mount reads, relative to the drive's root
         ZqTaskMon* monitor;         ///< asked for a stop
         std::function<void()> look = {}; ///< called now and then while a tool works
+        uint64 freeBytes = 0;            ///< room asked for, for what is written to the drive
 
         /// Whether the file at `path`, relative to the drive's root, is one of `early` or lies in one.
         bool isEarly(const SxString& path) const;
@@ -39,6 +40,9 @@ public:
     static SxString typeToString(FileSystem type);
 
     virtual ~ZqDriveMaker() = default;
+
+    /// Bytes that the RAW image of `source` takes on the disk beyond its content.
+    virtual uint64 getOverhead(const ZqSourceTree& /*source*/, uint64 /*freeBytes*/) const { return 0; }
 
     /// Makes the RAW image, a whole number of blocks, and gives the kind of each. Blocks of kind File are
     /// surely no others.

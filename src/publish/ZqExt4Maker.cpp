@@ -9,9 +9,12 @@ namespace {
 
 constexpr const char* UNIT = "src/publish/ZqExt4Maker";
 constexpr uint64 BLOCK = ZqImage::BLOCK_SIZE;
-constexpr uint64 INODE = 256; ///< bytes
-constexpr uint64 BLOCKS_PER_GROUP = 32768;
-constexpr uint64 JOURNAL_MIB = 16;
+constexpr uint64 INODE = 256;                                        ///< bytes
+constexpr uint64 BLOCKS_PER_GROUP = 32768, INODES_PER_GROUP = 32768; ///< at most
+constexpr uint64 JOURNAL_MIB = 16, ROOM_MIB = 16;
+constexpr uint64 BYTES_PER_INODE = 16384; ///< of free room
+constexpr uint64 LEAST_FREE_INODES = 65536;
+constexpr uint64 OWN_INODES = 32; ///< of the file system, and for folders ahead of those of the source
 constexpr uint64 MIB_BLOCKS = (1 << 20) / BLOCK;
 constexpr uint64 ROOT = 2; ///< the root folder's inode number
 constexpr uint64 MODE_TYPE = 0xF000, MODE_DIR = 0x4000, MODE_FILE = 0x8000;
@@ -24,20 +27,33 @@ uint64 number(const std::string& bytes, size_t at, size_t nBytes) {
     return ZqRawReader::number(bytes, at, nBytes);
 }
 
-uint64 nInodesFor(const ZqSourceTree& source) {
-    const uint64 n = source.getEntries().size();
-    return n + n / 10 + 1024;
-}
-
-/// Content and what describes it, and free room: a tenth and 16 MiB.
-uint64 nBlocksFor(const ZqSourceTree& source) {
+/// Room for content and what describes it.
+uint64 contentBlocks(const ZqSourceTree& source) {
     // An entry of a folder takes up to 264 bytes, a folder or a long link a block, and files that are cut to
     // pieces one for each 340 pieces.
     const uint64 nEntries = source.getEntries().size();
-    const uint64 content = source.getNBlocks() + nEntries / 15 + nEntries + source.getNBlocks() / 1000;
-    const uint64 withRoom = content + content / 10 + (16 + JOURNAL_MIB) * MIB_BLOCKS;
-    const uint64 nGroups = withRoom / BLOCKS_PER_GROUP + 1;
-    return withRoom + nInodesFor(source) * INODE / BLOCK + nGroups * 8;
+    return source.getNBlocks() + nEntries / 15 + nEntries + source.getNBlocks() / 1000;
+}
+
+/// What an application may write: a tenth of the content and 16 MiB, or what is asked for where that is more.
+uint64 freeBlocks(const ZqSourceTree& source, uint64 freeBytes) {
+    const uint64 least = contentBlocks(source) / 10 + ROOM_MIB * MIB_BLOCKS;
+    return std::max(least, freeBytes / BLOCK + (freeBytes % BLOCK != 0));
+}
+
+/// Programs that unpack or build make files by the ten thousand, and what an inode costs is 256 bytes of
+/// zeros, which aren't stored.
+uint64 nInodesFor(const ZqSourceTree& source, uint64 freeBytes) {
+    const uint64 byRoom = freeBlocks(source, freeBytes) * BLOCK / BYTES_PER_INODE;
+    return source.getEntries().size() + OWN_INODES + std::max(byRoom, LEAST_FREE_INODES);
+}
+
+uint64 nBlocksFor(const ZqSourceTree& source, uint64 freeBytes) {
+    const uint64 nInodes = nInodesFor(source, freeBytes);
+    const uint64 withRoom =
+        contentBlocks(source) + freeBlocks(source, freeBytes) + JOURNAL_MIB * MIB_BLOCKS + MIB_BLOCKS;
+    const uint64 nGroups = withRoom / BLOCKS_PER_GROUP + nInodes / INODES_PER_GROUP + 1;
+    return withRoom + nInodes * INODE / BLOCK + nGroups * 8;
 }
 
 /// Follows all folders of a fresh file system down to the blocks of its files.
@@ -131,6 +147,10 @@ private:
 
 } // namespace
 
+uint64 ZqExt4Maker::getOverhead(const ZqSourceTree& source, uint64 freeBytes) const {
+    return JOURNAL_MIB * MIB_BLOCKS * BLOCK + nInodesFor(source, freeBytes) * INODE;
+}
+
 void ZqExt4Maker::format(const Job& job) const {
     const SxString fakeTime = SxString("E2FSPROGS_FAKE_TIME=") + TIME;
     mkfs.run({"-q",
@@ -144,7 +164,7 @@ void ZqExt4Maker::format(const Job& job) const {
               "-m",
               "0",
               "-N",
-              nInodesFor(*job.source),
+              nInodesFor(*job.source, job.freeBytes),
               "-U",
               UUID,
               "-J",
@@ -157,7 +177,7 @@ void ZqExt4Maker::format(const Job& job) const {
               "-d",
               job.tree,
               job.raw,
-              SxString(nBlocksFor(*job.source) * BLOCK / 1024) + "k"},
+              SxString(nBlocksFor(*job.source, job.freeBytes) * BLOCK / 1024) + "k"},
              {fakeTime}, job.scratch + "mkfs.log", *job.monitor, job.look);
     fixInodes(job);
 }
@@ -167,16 +187,17 @@ void ZqExt4Maker::fixInodes(const Job& job) const {
     {
         SxFileIO file;
         file.create(script);
-        SxString lines;
+        std::string lines;
         for (const uint64 inode : Walk(job.raw).run([](const Walk::File&, const auto&) {})) {
+            const std::string field = "sif <" + std::to_string(inode) + "> ";
             for (const char* time : {"atime", "ctime", "mtime", "crtime"})
-                lines += SxString("sif <") + inode + "> " + time + " @" + TIME + "\n";
-            lines += SxString("sif <") + inode + "> uid 0\nsif <" + inode + "> gid 0\n";
-            if (lines.getSize() < 1 << 16) continue;
-            file.write(lines);
-            lines = SxString();
+                lines.append(field).append(time).append(" @").append(TIME).append("\n");
+            lines.append(field).append("uid 0\n").append(field).append("gid 0\n");
+            if (lines.size() < 1 << 16) continue;
+            file.write(SxString(lines));
+            lines.clear();
         }
-        file.write(lines);
+        file.write(SxString(lines));
         file.close();
     }
     const SxString log = job.scratch + "debugfs.log";

@@ -5,6 +5,7 @@
 /// An ext4 drive, for applications that write to it: a journal, and some free room.
 class ZqExt4Maker : public ZqDriveMaker {
 protected:
+    uint64 getOverhead(const ZqSourceTree& source, uint64 freeBytes) const override;
     void format(const Job& job) const override;
     void mark(const Job& job, std::vector<ZqBlockKind>* kinds) const override;
 

@@ -24,9 +24,10 @@ namespace {
 constexpr const char* UNIT = "src/publish/ZqImageBuild";
 constexpr int64 BLOCK = ZqImage::BLOCK_SIZE;
 constexpr const char* READY_TEXT = "This drive can be read.\n";
-constexpr uint64 ROOM = 4 << 20;        ///< bytes for records, superblocks and the like
-constexpr uint64 ROOM_FOR_ENTRY = 1024; ///< bytes of metadata for a file or folder
-constexpr int64 MAX_RUN = 256;          ///< blocks that are read at once
+constexpr uint64 MAX_FREE = uint64{1} << 42; ///< bytes; the file system has up to 2^32 blocks
+constexpr uint64 ROOM = 4 << 20;             ///< bytes for records, superblocks and the like
+constexpr uint64 ROOM_FOR_ENTRY = 1024;      ///< bytes of metadata for a file or folder
+constexpr int64 MAX_RUN = 256;               ///< blocks that are read at once
 
 bool isZero(const char* block) {
     static const std::vector<char> zeros(BLOCK, '\0');
@@ -217,6 +218,15 @@ ZqImageBuild::ZqImageBuild(const SxString& target_, const SxString& source_, con
 }
 
 void ZqImageBuild::main() {
+    if (options.freeBytes > 0 && options.fileSystem != ZqDriveMaker::Ext4) {
+        throw SxException("Free room on the drive needs the file system ext4; nothing is written to " +
+                              ZqDriveMaker::typeToString(options.fileSystem),
+                          UNIT, __LINE__);
+    }
+    if (options.freeBytes > MAX_FREE) {
+        throw SxException("A drive has at most " + SxString(MAX_FREE) + " bytes of free room", UNIT,
+                          __LINE__);
+    }
     const auto maker = ZqDriveMaker::get(options.fileSystem);
     ZqImageStaging::refuseOverlap(source, target);
     if (!options.rawDir.isEmpty()) {
@@ -303,16 +313,17 @@ SxList<SxString> ZqImageBuild::earlyPaths(const ZqAppParams& app) {
     return paths;
 }
 
-void ZqImageBuild::requireSpace(const ZqSourceTree& tree) const {
+void ZqImageBuild::requireSpace(const ZqSourceTree& tree, const ZqDriveMaker& maker) const {
     const uint64 content =
         tree.getNBlocks() * static_cast<uint64>(BLOCK) + ROOM + ROOM_FOR_ENTRY * tree.getEntries().size();
+    const uint64 raw = content + maker.getOverhead(tree, options.freeBytes);
     const uint64 device = deviceOf(target);
     // Copies of files go ahead of the ZqF file's coming; the RAW image stands beside either.
     uint64 need = std::max(content, tree.bytesToCopy(device));
     if (options.rawDir.isEmpty() || deviceOf(options.rawDir) == device) {
-        need += content;
+        need += raw;
     } else {
-        ZqImageStaging::requireSpace(options.rawDir, content);
+        ZqImageStaging::requireSpace(options.rawDir, raw);
     }
     ZqImageStaging::requireSpace(target, need);
 }
@@ -336,8 +347,8 @@ std::vector<ZqBlockKind> ZqImageBuild::makeDrive(const ZqSourceTree& tree, const
         if (SxOs::get().stat(SxOs::hostPath(raw), &info) < 0) return;
         setNCurrent(before + std::min(static_cast<uint64>(info.allocated), tree.getBytes()));
     };
-    std::vector<ZqBlockKind> kinds =
-        maker.make({toolPath(root), toolPath(raw), toolPath(scratch), &tree, earlyPaths(app), this, look});
+    std::vector<ZqBlockKind> kinds = maker.make({toolPath(root), toolPath(raw), toolPath(scratch), &tree,
+                                                 earlyPaths(app), this, look, options.freeBytes});
     setNCurrent(before + tree.getBytes());
     SxFSAction::rm_r(root);
     return kinds;
@@ -348,7 +359,7 @@ void ZqImageBuild::build(const ZqSourceTree& tree, const ZqDriveMaker& maker, co
     std::optional<ZqRawFile> kept;
     if (!options.rawDir.isEmpty()) kept.emplace(options.rawDir);
     const SxString folder = staging.begin(0), scratch = folder + "scratch/";
-    requireSpace(tree);
+    requireSpace(tree, maker);
     SxFSAction::mkdir_p(scratch, 0700);
     const SxString raw = kept ? kept->getPath() : scratch + ZqRawFile::NAME;
 

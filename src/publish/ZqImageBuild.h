@@ -29,6 +29,9 @@ public:
         /// Trace folder that gives the order and the load profile, or empty; see ZqBlockOrder. It was
         /// recorded on an image of the same files, which has the same `checksums.mnt`.
         SxString trace;
+        /// Bytes that the drive is to have free for what is written to it, with ext4; it has a tenth of its
+        /// content and 16 MiB at least. 0: no more than that.
+        uint64 freeBytes = 0;
     };
 
     /// `target` is the image folder to write, `source` the folder to read.
@@ -59,7 +62,7 @@ private:
     SxString commandFor(const ZqSourceTree& tree) const;
     /// Paths that a mount reads, relative to the drive's root.
     static SxList<SxString> earlyPaths(const ZqAppParams& app);
-    void requireSpace(const ZqSourceTree& tree) const;
+    void requireSpace(const ZqSourceTree& tree, const ZqDriveMaker& maker) const;
     void build(const ZqSourceTree& tree, const ZqDriveMaker& maker, const ZqAppParams& app);
     /// Makes the drive's file system in the file `raw`.
     std::vector<ZqBlockKind> makeDrive(const ZqSourceTree& tree, const ZqDriveMaker& maker,

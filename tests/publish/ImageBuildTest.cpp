@@ -9,6 +9,7 @@
 #include "ZqImageParams.h"
 #include "ZqImageRaw.h"
 
+#include <cstring>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -271,6 +272,35 @@ TEST(ImageBuild, TemplateAndOptionsMakeTheRecord) {
     }
 }
 
+TEST(ImageBuild, AWritableDriveHasRoomAndInodesForFiles) {
+    const TempDir dir;
+    makeSmall(dir);
+    for (int i = 0; i < 3000; ++i)
+        dir.write("source/many/" + std::to_string(i), "x");
+    const auto number = [](const std::string& raw, size_t at) {
+        uint32_t value = 0;
+        std::memcpy(&value, raw.data() + at, sizeof value);
+        return uint64{value};
+    };
+    constexpr uint64 MIB = 1 << 20;
+    for (const uint64 asked : {uint64{0}, MIB, 100 * MIB, 1500 * MIB + 1}) {
+        SCOPED_TRACE(asked);
+        ZqImageBuild::Options what;
+        what.fileSystem = ZqDriveMaker::Ext4;
+        what.freeBytes = asked;
+        what.rawDir = dir.path("kept");
+        ASSERT_EQ(build(dir, what), "");
+        std::ifstream file(dir.path("kept/img.raw"), std::ios::binary);
+        std::string super(2048, '\0');
+        ASSERT_TRUE(file.read(super.data(), 2048));
+        const uint64 nFree = number(super, 1024 + 12) * BLOCK, nInodes = number(super, 1024 + 16);
+        EXPECT_GE(nFree, std::max(asked, 16 * MIB));
+        EXPECT_LT(nFree, std::max(asked, 16 * MIB) * 11 / 10 + 40 * MIB);
+        EXPECT_GE(nInodes, std::max<uint64>(65536, asked / 16384));
+        EXPECT_EQ(shell("e2fsck -fn '" + dir.path("kept/img.raw") + "'"), 0);
+    }
+}
+
 TEST(ImageBuild, SocketsArePassedOver) {
     const TempDir dir;
     dir.write("source/a", "a");
@@ -326,6 +356,15 @@ TEST(ImageBuild, FailuresNameTheCauseAndChangeNothing) {
              what->appTemplate = dir.path("app.json");
          },
          {"'rw' needs the file system ext4"}},
+        {"room on a drive that isn't written to",
+         [](const TempDir&, Options* what) { what->freeBytes = 1; },
+         {"needs the file system ext4; nothing is written to erofs"}},
+        {"more room than the file system has blocks",
+         [](const TempDir&, Options* what) {
+             what->fileSystem = ZqDriveMaker::Ext4;
+             what->freeBytes = (uint64{1} << 42) + 1;
+         },
+         {"at most 4398046511104 bytes"}},
         {"raw in the image",
          [](const TempDir& dir, Options* what) { what->rawDir = dir.path("watched/image/raw"); },
          {"lie in each other"}},
