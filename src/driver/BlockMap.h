@@ -29,6 +29,9 @@ public:
         uint64 bits;
     };
 
+    /// The entry of a block that reads as zeros.
+    static const Place NONE;
+
     /// Reads `img.idx`; raises, naming it, where it doesn't fit to a disk of `sizeRaw` bytes or has an entry
     /// beyond it, with `unique` also where two entries are equal.
     BlockMap(const std::string& folder, uint64 sizeRaw, bool unique);
@@ -58,3 +61,5 @@ private:
     mutable SxArray<uint64> entries; ///< by RAW index; through atomic_ref alone once it is checked
     uint64 included = 0;
 };
+
+inline constexpr BlockMap::Place BlockMap::NONE{NOTHING};

@@ -16,6 +16,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -113,6 +114,16 @@ void opFsync(fuse_req_t req, fuse_ino_t, int, fuse_file_info*) {
     fuse_reply_err(req, error);
 }
 
+/// What the kernel makes of a discard, and of writing zeros.
+void opFallocate(fuse_req_t req, fuse_ino_t, int mode, off_t offset, off_t length, fuse_file_info*) {
+    constexpr int KEEP = FALLOC_FL_KEEP_SIZE;
+    if (mode != (FALLOC_FL_PUNCH_HOLE | KEEP) && mode != (FALLOC_FL_ZERO_RANGE | KEEP)) {
+        fuse_reply_err(req, EOPNOTSUPP);
+        return;
+    }
+    front(req)->discard(req, static_cast<uint64>(offset), static_cast<uint64>(length));
+}
+
 fuse_lowlevel_ops operations() {
     fuse_lowlevel_ops ops = {};
     ops.init = opInit;
@@ -122,6 +133,7 @@ fuse_lowlevel_ops operations() {
     ops.read = opRead;
     ops.write = opWrite;
     ops.fsync = opFsync;
+    ops.fallocate = opFallocate;
     return ops;
 }
 
@@ -273,7 +285,7 @@ void FuseFront::read(fuse_req* req, uint64 offset, uint64 size) {
         fuse_reply_err(req, error);
         break;
     case VirtualDisk::Result::Held:
-        hold({req, offset, n, false, {}});
+        hold({req, offset, n, Request::Read, {}});
         break;
     }
 }
@@ -300,8 +312,18 @@ void FuseFront::write(fuse_req* req, uint64 offset, const char* data, uint64 siz
         fuse_reply_err(req, error);
         break;
     case VirtualDisk::Result::Held:
-        hold({req, offset, n, true, std::vector<char>(data, data + n)});
+        hold({req, offset, n, Request::Write, std::vector<char>(data, data + n)});
         break;
+    }
+}
+
+void FuseFront::discard(fuse_req* req, uint64 offset, uint64 size) {
+    int error = 0;
+    const auto result = disk->discard(offset, size, reinterpret_cast<uint64>(req), false, &error);
+    if (result == VirtualDisk::Result::Held) {
+        hold({req, offset, size, Request::Discard, {}});
+    } else {
+        fuse_reply_err(req, error);
     }
 }
 
@@ -334,16 +356,25 @@ void FuseFront::wake(uint64 token) {
 
 void FuseFront::finish(Request request) {
     const auto token = reinterpret_cast<uint64>(request.req);
+    if (request.kind == Request::Discard) {
+        int error = 0;
+        const auto result = disk->discard(request.offset, request.size, token, true, &error);
+        if (result == VirtualDisk::Result::Held) return hold(std::move(request));
+        fuse_reply_err(request.req, error);
+        return;
+    }
+    const bool isWrite = request.kind == Request::Write;
+    const auto size = static_cast<uint32>(request.size);
     int error = 0;
     const VirtualDisk::Result result =
-        request.write ? disk->write(request.offset, request.size, request.data.data(), token, true, &error)
-                      : disk->read(request.offset, request.size, buffer(), token, true, &error);
+        isWrite ? disk->write(request.offset, size, request.data.data(), token, true, &error)
+                : disk->read(request.offset, size, buffer(), token, true, &error);
     if (result == VirtualDisk::Result::Held) {
         hold(std::move(request));
     } else if (result == VirtualDisk::Result::Failed) {
-        if (request.write) noteWriteError(error);
+        if (isWrite) noteWriteError(error);
         fuse_reply_err(request.req, error);
-    } else if (request.write) {
+    } else if (isWrite) {
         fuse_reply_write(request.req, request.size);
     } else {
         fuse_reply_buf(request.req, buffer(), request.size);

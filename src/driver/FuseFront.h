@@ -43,8 +43,8 @@ public:
     struct Request {
         fuse_req* req = nullptr;
         uint64 offset = 0; ///< bytes
-        uint32 size = 0;   ///< bytes
-        bool write = false;
+        uint64 size = 0;   ///< bytes
+        enum Kind { Read, Write, Discard } kind = Read;
         std::vector<char> data; ///< of a write
     };
     /// The errno value of the first write or sync that failed for the kernel; 0 where none has.
@@ -52,6 +52,7 @@ public:
     void noteWriteError(int error);
     VirtualDisk* getDisk() const { return disk; }
     void read(fuse_req* req, uint64 offset, uint64 size);
+    void discard(fuse_req* req, uint64 offset, uint64 size);
     void write(fuse_req* req, uint64 offset, const char* data, uint64 size);
 
 private:

@@ -46,6 +46,10 @@ public:
     /// The same for writing: EROFS on a read-only disk, ENOSPC on a full one. A write of parts of blocks is
     /// held where those blocks are missing. Durable only behind sync().
     Result write(uint64 offset, uint32 size, const char* buffer, uint64 token, bool retry, int* error);
+    /// Lets whole blocks read as zeros, and frees what the write layer has of them; what isn't aligned to
+    /// blocks, but for the end of the disk, is refused with EOPNOTSUPP. Held only while writes are; never for
+    /// a missing block. Durable, and its room given back, only behind sync().
+    Result discard(uint64 offset, uint64 size, uint64 token, bool retry, int* error);
     /// Gives 0 when all writes that were done before are on the device, else an errno value.
     int sync();
     /// Forgets a held request, which isn't woken any more; false where it isn't held.
@@ -154,6 +158,9 @@ private:
     int writeNow(uint64 offset, uint32 size, const char* buffer, bool* isMissing);
     int writePart(RawIdx rawIdx, uint64 from, uint64 n, const char* data, bool* isMissing);
     int writeBlocks(RawIdx first, uint64 n, const char* data);
+    int discardBlocks(RawIdx first, uint64 n);
+    int discardInLayer(RawIdx first, uint64 n);
+    int zeroInPlace(RawIdx rawIdx);
     int writeInPlace(RawIdx first, uint64 n, const char* data);
     int failZqf(const SxString& what, int error);
     SxString replacedText() const;

@@ -140,6 +140,70 @@ int VirtualDisk::writeInPlace(RawIdx first, uint64 n, const char* data) {
     return 0;
 }
 
+VirtualDisk::Result VirtualDisk::discard(uint64 offset, uint64 size, uint64 token, bool /*retry*/,
+                                         int* error) {
+    *error = 0;
+    const bool isInside = offset <= cfg.sizeRaw && size <= cfg.sizeRaw - offset;
+    const bool isWhole = offset % BLOCK_SIZE == 0 && (size % BLOCK_SIZE == 0 || offset + size == cfg.sizeRaw);
+    if (cfg.readOnly) {
+        *error = EROFS;
+    } else if (!isInside) {
+        *error = EINVAL;
+    } else if (!isWhole) {
+        *error = EOPNOTSUPP;
+    }
+    if (*error) return Result::Failed;
+    const Counted counted(&nWriting);
+    if (held.isRestricted()) {
+        if (const auto verdict = resultOf(held.admit(token, true), error)) return *verdict;
+    }
+    *error = discardBlocks({offset / BLOCK_SIZE}, blocksFor(size));
+    return *error ? Result::Failed : Result::Done;
+}
+
+int VirtualDisk::discardBlocks(RawIdx first, uint64 n) {
+    for (uint64 i = 0; i < n;) {
+        const RawIdx rawIdx = first + i;
+        uint64 end = i + 1;
+        int error = 0;
+        if (isInPlace(rawIdx)) {
+            error = zeroInPlace(rawIdx);
+        } else {
+            while (end < n && !isInPlace(first + end))
+                ++end;
+            error = discardInLayer(rawIdx, end - i);
+        }
+        if (error) return error;
+        i = end;
+    }
+    return 0;
+}
+
+/// Without files of the layer, blocks that aren't included have nothing to be freed.
+int VirtualDisk::discardInLayer(RawIdx first, uint64 n) {
+    if (layer.getFd() < 0) {
+        bool isAny = false;
+        for (uint64 i = 0; i < n && !isAny; ++i)
+            isAny = !map.get(first + i).isNothing();
+        if (!isAny) return 0;
+        if (isReplaced()) {
+            fail(replacedText());
+            return EIO;
+        }
+    }
+    return layer.discard(first, n);
+}
+
+int VirtualDisk::zeroInPlace(RawIdx rawIdx) {
+    static constexpr char ZEROS[BLOCK_SIZE] = {};
+    if (zqfError.load() != 0) return EIO;
+    const int64 at = map.get(rawIdx).zqfIdx().byte();
+    zqfDirty = true;
+    if (SxOs::get().punchHole(zqf.getFd(), at, static_cast<int64>(validBytes(rawIdx))) == 0) return 0;
+    // A file system without holes.
+    return writeInPlace(rawIdx, 1, ZEROS);
+}
+
 int VirtualDisk::failZqf(const SxString& what, int error) {
     zqfError = error;
     fail(what + " '" + zqf.getPath() + "': " + SxOs::errorText(error));
@@ -171,6 +235,8 @@ void VirtualDisk::flushLayer() {
         // What follows goes by names.
         if (isReplaced()) throw SxException(replacedText(), UNIT, __LINE__);
         target.open(zqf.getPath(), SxOs::Read | SxOs::Write | SxOs::NoFollow);
+        // What was written in place counts as flushed, too.
+        if (sync() != 0) throw SxException(getFailure(), UNIT, __LINE__);
         layer.flush({&target, std::min(getCursor(), nIncluded()), target.getSize(), cfg.sizeRaw});
     } catch (const SxException&) {
         wakeAll(held.openGate());

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <bit>
 #include <cerrno>
+#include <functional>
 
 namespace {
 
@@ -12,14 +13,19 @@ constexpr const char* UNIT = "src/driver/WriteLayer";
 
 // The first record's place is taken by these two numbers: what the file is, and the number of RAW blocks.
 // From the second format on a record with the image's identity follows.
-constexpr uint64 MAGIC = 0x3230'5245'5941'4c5a;        // "ZLAYER02"
-constexpr uint64 MAGIC_FORMER = 0x3130'5245'5941'4c5a; // "ZLAYER01"
+constexpr uint64 MAGIC = 0x3330'5245'5941'4c5a;        // "ZLAYER03"
+constexpr uint64 MAGIC_SECOND = 0x3230'5245'5941'4c5a; // "ZLAYER02": no block is discarded
+constexpr uint64 MAGIC_FIRST = 0x3130'5245'5941'4c5a;  // "ZLAYER01": without an identity, too
 /// Slots that may be given out beyond one for each RAW block: two writes of one block that run at once take
-/// two, of which one is given back.
-constexpr uint64 SPARE_SLOTS = 1 << 16;
+/// two, of which one is given back, and slots that were discarded wait for a sync.
+constexpr uint64 SPARE_SLOTS = 1 << 18;
 /// Records that are kept in memory until somebody asks for them to be durable.
 constexpr size_t MAX_PENDING = 1 << 16;
 constexpr uint64 RECORDS_AT_ONCE = 1 << 16;
+/// Blocks that are discarded with the lock held.
+constexpr uint64 DISCARD_AT_ONCE = 1 << 12;
+/// Bytes of an index that aren't worth writing it anew.
+constexpr uint64 LEAST_TO_COMPACT = 1 << 20;
 
 uint32 checkOf(uint64 rawIdx, uint32 slot) {
     uint64 mixed = (rawIdx ^ std::rotl(uint64{slot}, 40)) + 0x9e37'79b9'7f4a'7c15;
@@ -70,9 +76,17 @@ WriteLayer::WriteLayer(const std::string& folder_, BlockMap* map_, bool readOnly
 /// Takes over the records up to the first that isn't whole: behind it lies what was never synced.
 void WriteLayer::load() {
     const uint64 size = tix.getSize();
-    std::vector<bool> used;
+    Found found;
     tixEnd = readHeader(size);
-    if (tixEnd > 0) tixEnd = readRecords(tixEnd, size, &used);
+    if (tixEnd > 0) tixEnd = readRecords(tixEnd, size, &found);
+    while (!found.used.empty() && !found.used.back())
+        found.used.pop_back();
+    // Slots that were freed later may lie beyond the file, which is cut then.
+    if (found.used.size() > (tmp.isOpen() ? tmp.getSize() / BLOCK_SIZE : 0)) {
+        throw SxException("'" + SxString(tix.getPath()) + "' has a slot beyond 'img.tmp' (slot " +
+                              (found.used.size() - 1) + ")",
+                          UNIT, __LINE__);
+    }
     if (tixEnd < size) {
         notice = "'" + SxString(tix.getPath()) + "': " + (size - tixEnd) +
                  " bytes behind the last whole record don't count; they were never synced";
@@ -81,21 +95,32 @@ void WriteLayer::load() {
         if (status == 0 && !readOnly) status = -tix.sync();
         if (status < 0) tix.raise("Cannot cut", status, UNIT, __LINE__);
     }
-    const SxMutexBlock lock(&mutex);
-    nSlots = used.size();
-    for (uint64 slot = nSlots; slot-- > 0;) {
-        if (!used[slot]) freeSlots.push_back({slot});
+    const auto nUsed = static_cast<uint64>(std::count(found.used.begin(), found.used.end(), true));
+    compactAt = LEAST_TO_COMPACT + 2 * (nUsed + found.nZeros) * sizeof(Record);
+    std::vector<SlotIdx> holes;
+    {
+        const SxMutexBlock lock(&mutex);
+        nSlots = found.used.size();
+        for (uint64 slot = nSlots; slot-- > 0;) {
+            if (!found.used[slot]) freeSlots.push_back({slot});
+        }
+        holes = freeSlots;
     }
+    if (readOnly || !tmp.isOpen()) return;
+    // A cut may have come between a record that frees a slot and the hole in its place.
+    if (tmp.getSize() > found.used.size() * BLOCK_SIZE)
+        SxOs::get().truncate(tmp.getFd(), static_cast<int64>(found.used.size() * BLOCK_SIZE));
+    giveBackRoom(std::move(holes));
 }
 
 /// Gives where the records begin; 0 where the file was cut ahead of its first sync.
-uint64 WriteLayer::readHeader(uint64 size) const {
+uint64 WriteLayer::readHeader(uint64 size) {
     uint64 header[2] = {};
     if (size < sizeof header) return 0;
     readAll(header, sizeof header, 0);
     const uint64 magic = little(header[0]), nBlocks = little(header[1]);
     if (magic == 0 && nBlocks == 0) return 0;
-    if (magic != MAGIC && magic != MAGIC_FORMER) {
+    if (magic != MAGIC && magic != MAGIC_SECOND && magic != MAGIC_FIRST) {
         throw SxException("'" + SxString(tix.getPath()) + "' is not the index of a write layer", UNIT,
                           __LINE__);
     }
@@ -104,7 +129,9 @@ uint64 WriteLayer::readHeader(uint64 size) const {
                               " blocks, this one has " + map->nRaw(),
                           UNIT, __LINE__);
     }
-    return magic == MAGIC ? readIdentity(size) : sizeof header;
+    isFormer = magic != MAGIC;
+    tixBegin = magic == MAGIC_FIRST ? sizeof header : HEADER_SIZE;
+    return magic == MAGIC_FIRST ? tixBegin : readIdentity(size);
 }
 
 uint64 WriteLayer::readIdentity(uint64 size) const {
@@ -126,8 +153,7 @@ void WriteLayer::readAll(void* to, uint64 n, uint64 offset) const {
     if (got != static_cast<int64>(n)) tix.raise("Cannot read", got < 0 ? got : -EIO, UNIT, __LINE__);
 }
 
-uint64 WriteLayer::readRecords(uint64 at, uint64 size, std::vector<bool>* used) {
-    const uint64 nSlotsInFile = tmp.isOpen() ? tmp.getSize() / BLOCK_SIZE : 0;
+uint64 WriteLayer::readRecords(uint64 at, uint64 size, Found* found) {
     std::vector<Record> records(std::min(size / sizeof(Record), RECORDS_AT_ONCE));
     while (size - at >= sizeof(Record)) {
         const uint64 n = std::min<uint64>((size - at) / sizeof(Record), records.size());
@@ -138,25 +164,31 @@ uint64 WriteLayer::readRecords(uint64 at, uint64 size, std::vector<bool>* used) 
             const uint64 rawIdx = little(records[i].rawIdx);
             const uint32 slot = little(records[i].slot);
             if (little(records[i].check) != checkOf(rawIdx, slot)) return at;
-            adoptRecord({rawIdx}, {slot}, nSlotsInFile, used);
+            adoptRecord({rawIdx}, {slot}, found);
         }
         if (nGot < n) break;
     }
     return at;
 }
 
-void WriteLayer::adoptRecord(RawIdx rawIdx, SlotIdx slot, uint64 nSlotsInFile, std::vector<bool>* used) {
+void WriteLayer::adoptRecord(RawIdx rawIdx, SlotIdx slot, Found* found) {
+    std::vector<bool>* used = &found->used;
+    const BlockMap::Place old = rawIdx.value < map->nRaw() ? map->get(rawIdx) : BlockMap::NONE;
     const auto refuse = [&](const SxString& fault) {
         throw SxException("'" + SxString(tix.getPath()) + "' has " + fault + " (RAW block " + rawIdx.value +
                               " in slot " + slot.value + ")",
                           UNIT, __LINE__);
     };
     if (rawIdx.value >= map->nRaw()) refuse("a block beyond the disk");
-    if (slot.value >= nSlotsInFile) refuse("a slot beyond 'img.tmp'");
+    if (slot == ZEROS) {
+        if (old.isSlot()) (*used)[old.slot().value] = false;
+        if (!old.isNothing()) ++found->nZeros;
+        return map->set(rawIdx, BlockMap::NONE);
+    }
     if (slot.value >= map->nRaw() + SPARE_SLOTS) refuse("a slot that can't have been given out");
     if (slot.value >= used->size()) used->resize(slot.value + 1);
     if ((*used)[slot.value]) refuse("a slot twice");
-    if (map->get(rawIdx).isSlot()) refuse("a block twice");
+    if (old.isSlot()) refuse("a block twice");
     (*used)[slot.value] = true;
     map->set(rawIdx, slot);
 }
@@ -168,21 +200,48 @@ void WriteLayer::create() {
     const unsigned flags = SxOs::Read | SxOs::Write | SxOs::Create | SxOs::Truncate | SxOs::NoFollow;
     tix.open(folder + "img.tix", flags);
     tixEnd = 0;
+    tixBegin = HEADER_SIZE;
+    isFormer = false;
+    compactAt = LEAST_TO_COMPACT;
     namesPending = true;
     tmp.open(folder + "img.tmp", flags);
     publishedFd = tmp.getFd();
 }
 
-int WriteLayer::write(RawIdx first, uint64 n, const char* data) {
+/// Gives 0 when writes can be taken, else an errno value.
+int WriteLayer::makeFiles() {
     if (failedError.load() != 0) return EIO;
-    if (getFd() < 0) {
-        try {
-            create();
-        } catch (const SxException& e) {
-            note(e.toString(SxException::ShowMessage, ": "));
-            return EIO;
-        }
+    if (getFd() >= 0) return 0;
+    try {
+        create();
+    } catch (const SxException& e) {
+        note(e.toString(SxException::ShowMessage, ": "));
+        return EIO;
     }
+    return 0;
+}
+
+int WriteLayer::write(RawIdx first, uint64 n, const char* data) {
+    if (const int error = makeFiles()) return error;
+    const uint64 began = enterWriter();
+    const int error = writeBlocks(first, n, data);
+    leaveWriter(began);
+    if (error) return error;
+    return hasManyPending() ? sync() : 0;
+}
+
+uint64 WriteLayer::enterWriter() {
+    const SxMutexBlock lock(&mutex);
+    ++nWriters[epoch % 2];
+    return epoch;
+}
+
+void WriteLayer::leaveWriter(uint64 began) {
+    const SxMutexBlock lock(&mutex);
+    --nWriters[began % 2];
+}
+
+int WriteLayer::writeBlocks(RawIdx first, uint64 n, const char* data) {
     for (uint64 i = 0; i < n;) {
         const BlockMap::Place place = map->get(first + i);
         uint64 end = i + 1;
@@ -198,7 +257,28 @@ int WriteLayer::write(RawIdx first, uint64 n, const char* data) {
         if (error) return error;
         i = end;
     }
-    return hasManyPending() ? sync() : 0;
+    return 0;
+}
+
+int WriteLayer::discard(RawIdx first, uint64 n) {
+    if (const int error = makeFiles()) return error;
+    for (uint64 i = 0; i < n;) {
+        if (failedError.load() != 0) return EIO;
+        {
+            const SxMutexBlock lock(&mutex);
+            const uint64 end = std::min(n, i + DISCARD_AT_ONCE);
+            for (; i < end; ++i) {
+                const BlockMap::Place place = map->get(first + i);
+                if (place.isNothing()) continue;
+                if (place.isSlot()) freedPending.push_back({place.slot(), epoch});
+                map->set(first + i, BlockMap::NONE);
+                pending.push_back(makeRecord(first + i, ZEROS));
+            }
+        }
+        if (!hasManyPending()) continue;
+        if (const int error = sync()) return error;
+    }
+    return 0;
 }
 
 /// A slot is written in place, as a disk does it: a cut leaves the old bytes or the new ones. So the layer
@@ -234,7 +314,7 @@ SlotIdx WriteLayer::allocate(uint64* n) {
     const SxMutexBlock lock(&mutex);
     if (freeSlots.empty()) {
         const SlotIdx slot{nSlots};
-        const uint64 end = std::min<uint64>(map->nRaw() + SPARE_SLOTS, uint64{1} << 32);
+        const uint64 end = std::min<uint64>(map->nRaw() + SPARE_SLOTS, uint64{~uint32{0}});
         *n = std::min(*n, end - std::min(nSlots, end));
         nSlots += *n;
         return slot;
@@ -267,6 +347,14 @@ WriteLayer::Record WriteLayer::makeRecord(RawIdx rawIdx, SlotIdx slot) {
     return {little(rawIdx.value), little(number), little(checkOf(rawIdx.value, number))};
 }
 
+RawIdx WriteLayer::blockOf(const Record& record) {
+    return {little(record.rawIdx)};
+}
+
+bool WriteLayer::isZeros(const Record& record) {
+    return SlotIdx{little(record.slot)} == ZEROS;
+}
+
 bool WriteLayer::hasManyPending() const {
     const SxMutexBlock lock(&mutex);
     return pending.size() >= MAX_PENDING;
@@ -281,9 +369,11 @@ int WriteLayer::syncInTurn() {
     if (failedError.load() != 0) return EIO;
     if (!tmp.isOpen()) return 0;
     std::vector<Record> records;
+    std::vector<Freed> freed;
     {
         const SxMutexBlock lock(&mutex);
         records.swap(pending);
+        freed.swap(freedPending);
     }
     if (dirty.exchange(false)) {
         if (const int error = tmp.sync()) {
@@ -296,22 +386,58 @@ int WriteLayer::syncInTurn() {
         }
         namesPending = false;
     }
-    return records.empty() ? 0 : appendRecords(&records);
+    const int error = records.empty() ? 0 : appendRecords(records);
+    {
+        const SxMutexBlock lock(&mutex);
+        if (error) {
+            // The data is safe, and the same records can be written later.
+            pending.insert(pending.begin(), records.begin(), records.end());
+            freedPending.insert(freedPending.begin(), freed.begin(), freed.end());
+            return error;
+        }
+        freedSynced.insert(freedSynced.end(), freed.begin(), freed.end());
+    }
+    reuseFreed();
+    // It stays as it is where that fails, and nothing is lost but room.
+    if (tixEnd > compactAt) compact();
+    return failedError.load() != 0 ? EIO : 0;
 }
 
-int WriteLayer::appendRecords(std::vector<Record>* records) {
-    int error = tixEnd == 0 ? writeHeader(tix) : 0;
-    const uint64 at = tixEnd == 0 ? HEADER_SIZE : tixEnd, size = records->size() * sizeof(Record);
-    if (!error) error = tix.writeAt(records->data(), size, at);
-    if (error == ENOSPC) {
-        // The data is safe, and the same records can be written later.
+/// Makes slots free whose discard is durable and which nobody writes to any more.
+void WriteLayer::reuseFreed() {
+    std::vector<SlotIdx> holes;
+    {
         const SxMutexBlock lock(&mutex);
-        pending.insert(pending.begin(), records->begin(), records->end());
-        return error;
+        for (int i = 0; i < 2 && nWriters[(epoch + 1) % 2] == 0; ++i)
+            ++epoch;
+        std::erase_if(freedSynced, [&](const Freed& freed) SX_REQUIRES(mutex) {
+            if (freed.epoch + 2 > epoch) return false;
+            holes.push_back(freed.slot);
+            return true;
+        });
+        if (holes.empty()) return;
     }
+    // Whoever is reading from these slots reads again.
+    ++moves;
+    giveBackRoom(holes);
+    const SxMutexBlock lock(&mutex);
+    std::sort(holes.begin(), holes.end(), std::greater<>());
+    freeSlots.insert(freeSlots.end(), holes.begin(), holes.end());
+}
+
+int WriteLayer::appendRecords(const std::vector<Record>& records) {
+    // A format without discards can't have a block twice either.
+    if (isFormer && tixEnd != 0) {
+        if (const int error = compact()) return error;
+    }
+    int error = tixEnd == 0 ? writeHeader(tix) : 0;
+    const uint64 at = tixEnd == 0 ? HEADER_SIZE : tixEnd, size = records.size() * sizeof(Record);
+    if (!error) error = tix.writeAt(records.data(), size, at);
+    if (error == ENOSPC) return error;
     if (!error) error = tix.sync();
     if (error) return fail("Cannot write '" + SxString(tix.getPath()) + "'", error);
     tixEnd = at + size;
+    isFormer = false;
     return 0;
 }
 

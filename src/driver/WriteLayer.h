@@ -10,7 +10,11 @@
 /// slots, `img.tix`. A block is durable once sync() has written its data, and then its index record. Slots of
 /// blocks that have one are written in place. Which block has which slot stands in the BlockMap.
 ///
-/// read(), write() and sync() are safe from any thread; flush() only while nobody writes.
+/// A block that was discarded reads as zeros, with an entry for nothing in the map, and its record says so.
+/// Its slot is used again, and its room given back to the disk, only once that record is durable and whoever
+/// was writing to the slot has ended: a cut leaves what was written last ahead of the discard, or zeros.
+///
+/// write(), discard() and sync() are safe from any thread; flush() only while nobody does either.
 class WriteLayer {
 public:
     /// Opens the layer of the image in `folder_` if there is one and puts its slots over `map_`. Raises,
@@ -22,6 +26,9 @@ public:
     /// Writes `n` whole blocks; gives 0 or an errno value. A full disk fails this write alone; whatever else
     /// fails here or in sync() fails all later ones.
     int write(RawIdx first, uint64 n, const char* data);
+    /// Makes `n` blocks read as zeros and frees their slots; gives 0 or an errno value. Durable, and their
+    /// room given back, behind the next sync().
+    int discard(RawIdx first, uint64 n);
     /// Gives 0 when all writes that have returned are on the device, else an errno value.
     int sync();
     int getFd() const { return publishedFd.load(); }
@@ -50,29 +57,52 @@ private:
         uint32 slot, check;
     };
     static constexpr uint64 HEADER_SIZE = 2 * sizeof(Record);
+    /// In the place of a slot: the block reads as zeros.
+    static constexpr SlotIdx ZEROS{~uint32{0}};
+    /// A slot that a discard has freed, and the epoch of writers in which it did.
+    struct Freed {
+        SlotIdx slot;
+        uint64 epoch;
+    };
+    /// What load() has found.
+    struct Found {
+        std::vector<bool> used; ///< by slot
+        uint64 nZeros = 0;      ///< blocks that read as zeros
+    };
     /// What flush() does with one block.
     struct Move {
         RawIdx rawIdx;
-        SlotIdx slot;
+        SlotIdx slot;         ///< or ZEROS
         BlockMap::Place home; ///< its entry in the map without the layer
         uint64 size;          ///< bytes of it that lie on the disk
         bool moves;
     };
 
+    static RawIdx blockOf(const Record& record);
+    static bool isZeros(const Record& record);
     static Record makeRecord(RawIdx rawIdx, SlotIdx slot);
     void load() SX_REQUIRES(changing);
-    uint64 readHeader(uint64 size) const;
+    uint64 readHeader(uint64 size) SX_REQUIRES(changing);
     uint64 readIdentity(uint64 size) const;
     void readAll(void* to, uint64 n, uint64 offset) const;
-    uint64 readRecords(uint64 at, uint64 size, std::vector<bool>* used);
-    void adoptRecord(RawIdx rawIdx, SlotIdx slot, uint64 nSlotsInFile, std::vector<bool>* used);
+    uint64 readRecords(uint64 at, uint64 size, Found* found);
+    void adoptRecord(RawIdx rawIdx, SlotIdx slot, Found* found);
+    int writeBlocks(RawIdx first, uint64 n, const char* data);
+    uint64 enterWriter();
+    void leaveWriter(uint64 epoch);
+    int makeFiles();
     int writeInSlots(SlotIdx first, uint64 n, const char* data);
     int writeNew(RawIdx first, uint64 n, const char* data);
     SlotIdx allocate(uint64* n);
     void publish(RawIdx first, SlotIdx slot, uint64 n);
     bool hasManyPending() const;
+    void reuseFreed();
     int syncInTurn() SX_REQUIRES(changing);
-    int appendRecords(std::vector<Record>* records) SX_REQUIRES(changing);
+    int appendRecords(const std::vector<Record>& records) SX_REQUIRES(changing);
+    int compact() SX_REQUIRES(changing);
+    void replaceIndex(DriveFile* next, uint64 end) SX_REQUIRES(changing);
+    template<class Append>
+    void copyLatest(Append&& append) SX_REQUIRES(changing);
     int writeHeader(const DriveFile& file) const;
     void note(const SxString& text);
     int fail(const SxString& what, int error);
@@ -81,7 +111,7 @@ private:
     uint64 copyOut(const Target& target);
     void writeIndex(const Target& target) SX_REQUIRES(changing);
     void freeMoved(const Target& target);
-    void giveBackRoom(const std::vector<SlotIdx>& slots, uint64 end);
+    void giveBackRoom(std::vector<SlotIdx> slots) const;
 
     const std::string folder;
     BlockMap* const map;
@@ -98,11 +128,20 @@ private:
     SxMutex changing;
     DriveFile tmp, tix;
     bool namesPending SX_GUARDED_BY(changing) = false;
-    uint64 tixEnd SX_GUARDED_BY(changing) = 0; ///< bytes that are written
+    uint64 tixBegin SX_GUARDED_BY(changing) = HEADER_SIZE; ///< where the records begin
+    uint64 tixEnd SX_GUARDED_BY(changing) = 0;             ///< bytes that are written
+    uint64 compactAt SX_GUARDED_BY(changing) = 0;  ///< bytes of the index from which on it is written anew
+    bool isFormer SX_GUARDED_BY(changing) = false; ///< the index is of a format without discards
 
     mutable SxMutex mutex;
     std::vector<Record> pending SX_GUARDED_BY(mutex); ///< of written blocks, not in `img.tix` yet
     std::vector<SlotIdx> freeSlots SX_GUARDED_BY(mutex);
+    std::vector<Freed> freedPending SX_GUARDED_BY(mutex); ///< whose records aren't in `img.tix` yet
+    std::vector<Freed> freedSynced SX_GUARDED_BY(mutex);  ///< which a writer may still be writing to
+    /// Writers are counted by the epoch in which they began; the epoch rises when none of the one before is
+    /// left. So a writer that saw a slot in use has ended two epochs later.
+    uint64 epoch SX_GUARDED_BY(mutex) = 0;
+    uint64 nWriters[2] SX_GUARDED_BY(mutex) = {};
     uint64 nSlots SX_GUARDED_BY(mutex) = 0; ///< ever given out
     SxString failure SX_GUARDED_BY(mutex);
 };

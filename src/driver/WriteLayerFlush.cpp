@@ -4,16 +4,19 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <functional>
 
 namespace {
 
 constexpr const char* UNIT = "src/driver/WriteLayerFlush";
 constexpr uint64 BLOCKS_AT_ONCE = 1 << 16;
+/// Bytes of an index that aren't worth writing it anew.
+constexpr uint64 LEAST_TO_COMPACT = 1 << 20;
 
 } // namespace
 
-/// Visits each block that has a slot, in RAW order.
+/// Visits each block that has a slot, or was discarded, in RAW order.
 template<class Visit>
 void WriteLayer::forEachBlock(const Target& target, Visit&& visit) {
     SxArray<uint64> homes;
@@ -23,15 +26,16 @@ void WriteLayer::forEachBlock(const Target& target, Visit&& visit) {
         for (uint64 i = 0; i < n; ++i) {
             const RawIdx rawIdx = first + i;
             const BlockMap::Place place = map->get(rawIdx);
-            if (!place.isSlot()) continue;
+            if (place.isStored()) continue;
             if (!isRead) map->readStored(first, n, &homes);
             isRead = true;
             const BlockMap::Place home(homes(static_cast<int64>(i)));
+            if (place.isNothing() && home.isNothing()) continue;
             const auto begin = static_cast<uint64>(home.isStored() ? home.zqfIdx().byte() : 0);
             const uint64 size = std::min(BLOCK_SIZE, target.sizeRaw - rawIdx.value * BLOCK_SIZE);
             const bool hasRoom =
                 home.isStored() && home.zqfIdx().value < target.nBlocks && begin + size <= target.nBytes;
-            visit(Move{rawIdx, place.slot(), home, size, hasRoom});
+            visit(Move{rawIdx, place.isSlot() ? place.slot() : ZEROS, home, size, hasRoom});
         }
     }
 }
@@ -58,9 +62,13 @@ uint64 WriteLayer::copyOut(const Target& target) {
     char block[BLOCK_SIZE];
     forEachBlock(target, [&](const Move& move) {
         if (!move.moves) return;
-        const int64 got = tmp.readAt(block, move.size, static_cast<uint64>(move.slot.byte()));
-        if (got != static_cast<int64>(move.size))
-            tmp.raise("Cannot read", got < 0 ? got : -EIO, UNIT, __LINE__);
+        if (move.slot == ZEROS) {
+            std::memset(block, 0, sizeof block);
+        } else {
+            const int64 got = tmp.readAt(block, move.size, static_cast<uint64>(move.slot.byte()));
+            if (got != static_cast<int64>(move.size))
+                tmp.raise("Cannot read", got < 0 ? got : -EIO, UNIT, __LINE__);
+        }
         const auto at = static_cast<uint64>(move.home.zqfIdx().byte());
         if (const int error = target.zqf->writeAt(block, move.size, at)) {
             target.zqf->raise("Cannot write", error, UNIT, __LINE__);
@@ -94,11 +102,19 @@ void WriteLayer::writeIndex(const Target& target) {
     });
     append();
     require(next.sync());
-    if (const int status = SxOs::get().rename(next.getPath(), tix.getPath()); status < 0) {
-        next.raise("Cannot rename", status, UNIT, __LINE__);
+    replaceIndex(&next, end);
+}
+
+/// Puts a new index of `end` bytes, which is synced, in the place of the old one.
+void WriteLayer::replaceIndex(DriveFile* next, uint64 end) {
+    if (const int status = SxOs::get().rename(next->getPath(), tix.getPath()); status < 0) {
+        next->raise("Cannot rename", status, UNIT, __LINE__);
     }
-    tix.adopt(&next);
+    tix.adopt(next);
+    tixBegin = HEADER_SIZE;
     tixEnd = end;
+    isFormer = false;
+    compactAt = LEAST_TO_COMPACT + 2 * end;
     if (const int status = SxOs::get().syncDir(folder); status < 0) {
         // Which of the two indices a cut would leave isn't known, so neither may be added to.
         fail("Cannot bring the names in '" + SxString(folder) + "' to the disk", -status);
@@ -110,8 +126,9 @@ void WriteLayer::freeMoved(const Target& target) {
     std::vector<SlotIdx> freed;
     uint64 end = 0;
     forEachBlock(target, [&](const Move& move) {
+        if (move.moves) map->set(move.rawIdx, move.home);
+        if (move.slot == ZEROS) return;
         if (move.moves) {
-            map->set(move.rawIdx, move.home);
             freed.push_back(move.slot);
         } else {
             end = std::max(end, move.slot.value + 1);
@@ -123,18 +140,86 @@ void WriteLayer::freeMoved(const Target& target) {
     {
         const SxMutexBlock lock(&mutex);
         freeSlots.insert(freeSlots.end(), freed.begin(), freed.end());
+        for (const Freed& slot : freedSynced)
+            freeSlots.push_back(slot.slot);
+        freedSynced.clear();
         std::erase_if(freeSlots, [end](SlotIdx slot) { return slot.value >= end; });
         std::sort(freeSlots.begin(), freeSlots.end(), std::greater<>());
         nSlots = end;
         holes = freeSlots;
     }
-    giveBackRoom(holes, end);
+    SxOs::get().truncate(tmp.getFd(), static_cast<int64>(end * BLOCK_SIZE));
+    giveBackRoom(std::move(holes));
 }
 
 /// Where the file system can't do this the room is used by later writes.
-void WriteLayer::giveBackRoom(const std::vector<SlotIdx>& slots, uint64 end) {
-    SxOs& os = SxOs::get();
-    os.truncate(tmp.getFd(), static_cast<int64>(end * BLOCK_SIZE));
-    for (const SlotIdx slot : slots)
-        os.punchHole(tmp.getFd(), slot.byte(), BLOCK_SIZE);
+void WriteLayer::giveBackRoom(std::vector<SlotIdx> slots) const {
+    std::sort(slots.begin(), slots.end());
+    for (size_t i = 0; i < slots.size();) {
+        size_t end = i + 1;
+        while (end < slots.size() && slots[end] == slots[i] + (end - i))
+            ++end;
+        SxOs::get().punchHole(tmp.getFd(), slots[i].byte(), static_cast<int64>((end - i) * BLOCK_SIZE));
+        i = end;
+    }
+}
+
+/// Calls `append` with each record of the index that no later one of its block takes the place of.
+template<class Append>
+void WriteLayer::copyLatest(Append&& append) {
+    std::vector<bool> seen(map->nRaw());
+    std::vector<Record> records;
+    SxArray<uint64> home;
+    for (uint64 end = tixEnd; end > tixBegin;) {
+        const uint64 n = std::min(BLOCKS_AT_ONCE, (end - tixBegin) / sizeof(Record));
+        records.resize(n);
+        end -= n * sizeof(Record);
+        readAll(records.data(), n * sizeof(Record), end);
+        for (size_t i = n; i-- > 0;) {
+            const RawIdx rawIdx = blockOf(records[i]);
+            if (rawIdx.value >= seen.size() || seen[rawIdx.value]) continue;
+            seen[rawIdx.value] = true;
+            if (isZeros(records[i])) {
+                map->readStored(rawIdx, 1, &home);
+                // It reads as zeros without a record, too.
+                if (BlockMap::Place(home(0)).isNothing()) continue;
+            }
+            append(records[i]);
+        }
+    }
+}
+
+/// Writes the index anew, without records that others have taken the place of. Gives 0 or an errno value,
+/// where the old one stays in its place unless everything has failed.
+int WriteLayer::compact() {
+    try {
+        DriveFile next;
+        next.open(folder + "img.tix.new",
+                  SxOs::Read | SxOs::Write | SxOs::Create | SxOs::Truncate | SxOs::NoFollow);
+        int error = writeHeader(next);
+        uint64 end = HEADER_SIZE;
+        std::vector<Record> records;
+        const auto write = [&] {
+            if (!error) error = next.writeAt(records.data(), records.size() * sizeof(Record), end);
+            end += records.size() * sizeof(Record);
+            records.clear();
+        };
+        copyLatest([&](const Record& record) {
+            records.push_back(record);
+            if (records.size() == BLOCKS_AT_ONCE) write();
+        });
+        write();
+        if (!error) error = next.sync();
+        if (!error) {
+            replaceIndex(&next, end);
+            return 0;
+        }
+        SxOs::get().unlink(next.getPath());
+        compactAt = tixEnd + LEAST_TO_COMPACT;
+        return error;
+    } catch (const SxException& e) {
+        note(e.toString(SxException::ShowMessage, ": "));
+        compactAt = tixEnd + LEAST_TO_COMPACT;
+        return EIO;
+    }
 }

@@ -104,6 +104,14 @@ struct Drive {
         return error;
     }
 
+    /// Gives 0 or the error.
+    int discard(uint64 rawIdx, uint64 n) {
+        error = 0;
+        const uint64 offset = rawIdx * BLOCK_SIZE;
+        disk.discard(offset, std::min(n * BLOCK_SIZE, image.sizeRaw - offset), 1, false, &error);
+        return error;
+    }
+
     const DriveImage& image;
     std::vector<uint64> woken;
     VirtualDisk disk;

@@ -41,9 +41,9 @@ public:
             {60, &Model::moveCursor},  {80, &Model::pop},        {20, &Model::suspendOrResume},
             {40, &Model::letTimePass}, {5, &Model::changeCache}, {10, &Model::forgetOne},
             {2, &Model::sync},         {2, &Model::flush},       {1, &Model::reopen},
-            {40, &Model::checkQueue},
+            {40, &Model::checkQueue},  {40, &Model::discard},
         };
-        int at = static_cast<int>(random.below(1020));
+        int at = static_cast<int>(random.below(1060));
         for (const Choice& choice : CHOICES) {
             at -= choice.weight;
             if (at < 0) return (this->*choice.run)();
@@ -123,6 +123,23 @@ private:
                 layered.insert(rawIdx);
             }
         }
+    }
+
+    /// Held only while the drive is suspended, and not by this test.
+    void discard() {
+        if (isSuspended) return;
+        const uint64 n = image.nRaw(), first = random.below(n);
+        const uint64 end = std::min(n, first + random.between(1, 40));
+        const uint64 offset = first * DriveImage::BLOCK;
+        const uint64 size = std::min(end * DriveImage::BLOCK, image.sizeRaw) - offset;
+        int error = 0;
+        const auto result = drive->discard(offset, size, ++nTokens, false, &error);
+        if (mode == Mode::Ro) {
+            ASSERT_EQ(error, EROFS);
+            return;
+        }
+        ASSERT_EQ(result, VirtualDisk::Result::Done) << error << drive->getFailure();
+        written({offset, static_cast<uint32>(size), std::string(size, '\0'), true, {}});
     }
 
     bool fits(uint64 rawIdx) const {

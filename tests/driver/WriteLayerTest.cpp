@@ -54,6 +54,12 @@ private:
         } else if (kind < 4) {
             if (drive->disk.sync() != 0) return false;
             settle();
+        } else if (kind < 9) {
+            const uint64 rawIdx = random.below(image.nRaw());
+            const uint64 n = std::min(random.between(1, 6), image.nRaw() - rawIdx);
+            for (uint64 i = rawIdx; i < rawIdx + n; ++i)
+                allowed[i].push_back(std::string(image.validBytes(i), '\0'));
+            if (drive->discard(rawIdx, n) != 0) return false;
         } else {
             const uint64 rawIdx = random.below(image.nRaw());
             allowed[rawIdx].push_back(random.bytes(image.validBytes(rawIdx)));
@@ -103,6 +109,90 @@ TEST_P(WriteLayerCut, AtAnyStepKeepsWhatIsSynced) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Modes, WriteLayerCut, testing::Values(Mode::Rtw, Mode::Rw));
+
+TEST(WriteLayer, GivesDiscardedRoomBackAndUsesItAgain) {
+    TestRandom random(21);
+    constexpr uint64 N = 400;
+    const DriveImage image(random, N, 0.5);
+    image.put(0, image.nZqf, false);
+    const auto allocated = [&] {
+        SxStat info;
+        EXPECT_EQ(SxOs::get().stat(image.path("img.tmp"), &info), 0);
+        return static_cast<uint64>(info.allocated) / BLOCK_SIZE;
+    };
+    const auto fill = [&](Drive* drive, char c) {
+        for (uint64 rawIdx = 0; rawIdx < N; ++rawIdx)
+            ASSERT_EQ(drive->write(rawIdx, std::string(BLOCK_SIZE, c)), 0);
+        ASSERT_EQ(drive->disk.sync(), 0);
+    };
+    const auto expectAll = [&](Drive* drive, char c) {
+        for (uint64 rawIdx = 0; rawIdx < N; ++rawIdx)
+            ASSERT_TRUE(drive->read(rawIdx) == std::string(image.validBytes(rawIdx), c)) << rawIdx;
+    };
+    {
+        Drive drive(image, Mode::Rtw);
+        // Enough to have the index written anew several times.
+        for (int round = 0; round < 400; ++round) {
+            ASSERT_NO_FATAL_FAILURE(fill(&drive, static_cast<char>('a' + round % 20)));
+            ASSERT_EQ(drive.discard(0, N), 0);
+            ASSERT_EQ(drive.disk.sync(), 0);
+            if (round < 2) {
+                EXPECT_EQ(allocated(), 0U);
+            }
+        }
+        expectAll(&drive, '\0');
+        EXPECT_LT(std::filesystem::file_size(image.path("img.tix")), 2U << 20);
+        EXPECT_LE(std::filesystem::file_size(image.path("img.tmp")), N * BLOCK_SIZE);
+        ASSERT_NO_FATAL_FAILURE(fill(&drive, 'x'));
+        ASSERT_EQ(drive.discard(0, N / 2), 0);
+        EXPECT_GE(allocated(), N) << "what isn't durable yet was given back";
+        ASSERT_EQ(drive.disk.sync(), 0);
+        EXPECT_LE(allocated(), N / 2);
+        EXPECT_EQ(drive.write(0, std::string(BLOCK_SIZE, 'y')), 0);
+    }
+    // As if the service had been killed ahead of the holes.
+    std::filesystem::resize_file(image.path("img.tmp"), 2 * N * BLOCK_SIZE);
+    for (const Mode mode : {Mode::Ro, Mode::Rtw, Mode::Rw}) {
+        Drive drive(image, mode);
+        EXPECT_TRUE(drive.read(0) == std::string(BLOCK_SIZE, 'y'));
+        EXPECT_TRUE(drive.read(1) == std::string(BLOCK_SIZE, '\0'));
+        EXPECT_TRUE(drive.read(N - 1) == std::string(image.validBytes(N - 1), 'x'));
+    }
+    EXPECT_LE(std::filesystem::file_size(image.path("img.tmp")), N * BLOCK_SIZE);
+}
+
+TEST(WriteLayer, ALayerOfAFormerFormatTakesDiscards) {
+    for (const bool isFirst : {false, true}) {
+        TestRandom random(22);
+        const DriveImage image(random, 8, 1.0);
+        image.put(0, image.nZqf, false);
+        const std::string block(BLOCK_SIZE, 'w'), zeros(BLOCK_SIZE, '\0');
+        {
+            Drive drive(image, Mode::Rtw);
+            for (const uint64 rawIdx : {5U, 1U, 3U})
+                ASSERT_EQ(drive.write(rawIdx, block), 0);
+        }
+        std::string tix = TempDir::readFile(image.path("img.tix"));
+        if (isFirst) tix.erase(16, 16);
+        tix.replace(0, 8, isFirst ? "ZLAYER01" : "ZLAYER02");
+        image.dir.write("img.tix", tix);
+        {
+            Drive drive(image, Mode::Rtw);
+            ASSERT_EQ(drive.discard(0, 2), 0);
+            ASSERT_EQ(drive.write(6, block), 0);
+            ASSERT_EQ(drive.disk.sync(), 0);
+        }
+        EXPECT_EQ(TempDir::readFile(image.path("img.tix")).substr(0, 8), "ZLAYER03");
+        Drive drive(image, Mode::Rtw);
+        for (const uint64 rawIdx : {0U, 1U})
+            EXPECT_TRUE(drive.read(rawIdx) == zeros) << rawIdx;
+        for (const uint64 rawIdx : {3U, 5U, 6U})
+            EXPECT_TRUE(drive.read(rawIdx) == block) << rawIdx;
+        drive.disk.flushLayer();
+        EXPECT_TRUE(drive.read(1) == zeros);
+        EXPECT_EQ(std::filesystem::file_size(image.path("img.tix")), 32U) << "zeros have moved, too";
+    }
+}
 
 TEST(WriteLayer, ADamagedIndexIsCutOrRefused) {
     constexpr size_t RECORD = 16;

@@ -5,8 +5,11 @@
 #include <barrier>
 #include <csignal>
 #include <fstream>
+#include <linux/fs.h>
 #include <random>
+#include <sys/ioctl.h>
 #include <sys/mount.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -396,6 +399,37 @@ TEST_F(Drive, syncedWritesOutliveAKilledService) {
     EXPECT_EQ(std::hash<string>()(TempDir::readFile(image + "/img.zqf")), digest);
     ZqMountMgr().flushTW(SxString(image));
     EXPECT_NE(std::hash<string>()(TempDir::readFile(image + "/img.zqf")), digest);
+    done({"umount", image});
+}
+
+TEST_F(Drive, aWrittenDriveTakesManyFilesAndGivesTheirRoomBack) {
+    if (::geteuid() != 0) GTEST_SKIP() << "only root may have unused room discarded";
+    const string image = build("image", "ext4", {"--free", "50000000"});
+    const string app = mount(image, {"--mode", "rtw"});
+    const auto allocated = [&] {
+        struct stat info = {};
+        EXPECT_EQ(::stat((image + "/img.tmp").c_str(), &info), 0);
+        return static_cast<uint64>(info.st_blocks) * 512;
+    };
+    std::filesystem::create_directory(app + "/many");
+    for (int i = 0; i < 3000; ++i)
+        write(app + "/many/" + std::to_string(i), string(8192, 'x'));
+    const int fd = ::open(app.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    ASSERT_EQ(::syncfs(fd), 0);
+    EXPECT_GE(allocated(), 3000U * 8192);
+    std::filesystem::remove_all(app + "/many");
+    write(app + "/stays", string(100'000, 's'));
+    ASSERT_EQ(::syncfs(fd), 0);
+    fstrim_range all = {0, ~0ULL, 0};
+    EXPECT_EQ(::ioctl(fd, FITRIM, &all), 0);
+    ASSERT_EQ(::syncfs(fd), 0);
+    ::close(fd);
+    EXPECT_LE(allocated(), 5'000'000U);
+    ::kill(static_cast<pid_t>(statusOf(image).servicePid), SIGKILL);
+    expectConsistent(image);
+    const string again = mount(image, {"--mode", "rtw"});
+    EXPECT_EQ(TempDir::readFile(again + "/stays"), string(100'000, 's'));
+    EXPECT_FALSE(std::filesystem::exists(again + "/many"));
     done({"umount", image});
 }
 
