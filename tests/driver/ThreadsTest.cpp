@@ -31,7 +31,7 @@ private:
     std::set<uint64> woken;
 };
 
-/// One user of the drive: reads everywhere, and writes the blocks that are its own.
+/// One user of the drive: reads everywhere, and writes and discards the blocks that are its own.
 class User {
 public:
     User(const DriveImage& image_, VirtualDisk* drive_, Wakes* wakes_, uint64 number)
@@ -51,10 +51,11 @@ public:
             const uint64 end = std::min(first + nBlocks, isWrite ? ownFirst + OWN_BLOCKS : N_BLOCKS);
             const uint64 from = first * BLOCK_SIZE, size = std::min(end * BLOCK_SIZE, image.sizeRaw) - from;
             if (isWrite) {
-                content.replace(from, size, random.bytes(size));
-                carryOut(from, size, true);
+                const bool isDiscard = random.chance(0.3);
+                content.replace(from, size, isDiscard ? Bytes(size, '\0') : random.bytes(size));
+                carryOut(from, size, isDiscard ? Kind::Discard : Kind::Write);
             } else {
-                carryOut(from, size, false);
+                carryOut(from, size, Kind::Read);
                 compare(from, size);
             }
         }
@@ -63,14 +64,21 @@ public:
     Bytes fault;
 
 private:
-    void carryOut(uint64 offset, uint64 size, bool isWrite) {
+    enum class Kind { Read, Write, Discard };
+
+    VirtualDisk::Result ask(Kind kind, uint64 offset, uint32 n, bool retry, int* error) {
+        if (kind == Kind::Discard) return drive.discard(offset, n, token, retry, error);
+        return kind == Kind::Write ? drive.write(offset, n, &content[offset], token, retry, error)
+                                   : drive.read(offset, n, buffer.data(), token, retry, error);
+    }
+
+    void carryOut(uint64 offset, uint64 size, Kind kind) {
         const auto n = static_cast<uint32>(size);
         buffer.assign(size, '?');
         ++token;
         for (bool retry = false;; retry = true) {
             int error = 0;
-            const auto result = isWrite ? drive.write(offset, n, &content[offset], token, retry, &error)
-                                        : drive.read(offset, n, buffer.data(), token, retry, &error);
+            const auto result = ask(kind, offset, n, retry, &error);
             if (result == VirtualDisk::Result::Done) return;
             if (result == VirtualDisk::Result::Failed) {
                 fault = "errno " + std::to_string(error) + ": " + drive.getFailure().str();
