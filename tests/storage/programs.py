@@ -1,5 +1,5 @@
-"""Real programs at work on a drive. Each gives its figures as a text, and raises where the drive isn't, also once it was
-unmounted and mounted again, what the program made of it."""
+"""Real programs at work on a drive. Each gives its figures as a text, and raises where the drive isn't, also once it
+was unmounted and mounted again, what the program made of it."""
 
 import contextlib
 import hashlib

@@ -41,8 +41,8 @@ def make_cases():
 
 
 def plan(options):
-    """Names, modes, seeds and calls of all that is to be done. The kills take both modes in turn, each with a seed of its
-    own, which is that of the whole for the first: `--only 'kill 1' --seed N --modes MODE` repeats one."""
+    """Names, modes, seeds and calls of all that is to be done. The kills take both modes in turn, each with a seed of
+    its own, which is that of the whole for the first: `--only 'kill 1' --seed N --modes MODE` repeats one."""
     for name, call in make_cases():
         for mode in options.modes:
             yield name, mode, options.seed, call

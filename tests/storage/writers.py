@@ -6,12 +6,15 @@ drive fails. The same classes tell from the record what the drive must hold afte
     writers.py KIND FOLDER RECORD SEED
 """
 
+import fcntl
 import json
 import mmap
 import os
 import random
 import sqlite3
+import struct
 import sys
+import time
 from pathlib import Path
 
 BLOCK = 4096
@@ -134,7 +137,8 @@ class Mapped(Buffered):
 
 
 class Files(Writer):
-    """Files that are made under another name, synced and renamed into place, or removed; then their folder is synced."""
+    """Files that are made under another name, synced and renamed into place, or removed; then their folder is
+    synced."""
 
     name = "files"
     N_NAMES = 200
@@ -243,7 +247,25 @@ class RollbackDatabase(Database):
     journal = "DELETE"
 
 
-KINDS = {kind.name: kind for kind in [Buffered, Direct, Mapped, Files, Log, Database, RollbackDatabase]}
+class Trim(Writer):
+    """Writes nothing, but tells the drive which of its room is free, so that blocks go and come under the others."""
+
+    name = "trim"
+    FITRIM = 0xC0185879  # ioctl, with start, length and smallest extent
+
+    def open(self):
+        self.file = os.open(self.folder, os.O_RDONLY)
+
+    def step(self, number):
+        fcntl.ioctl(self.file, self.FITRIM, struct.pack("QQQ", 0, (1 << 64) - 1, 0))
+        self.note("done", number)
+        time.sleep(self.random.uniform(0, 0.1))  # beside it the others shall come to write
+
+    def faults(self):
+        return []
+
+
+KINDS = {kind.name: kind for kind in [Buffered, Direct, Mapped, Files, Log, Database, RollbackDatabase, Trim]}
 
 
 def sync_folder(folder):
