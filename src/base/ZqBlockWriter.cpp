@@ -5,8 +5,12 @@
 #include <algorithm>
 
 namespace {
+
+/// A new image is made to be handed out, by a web server that may run as somebody else: who may read it is
+/// what the maker's umask says.
+constexpr int PERMISSIONS = 0666;
 constexpr int64 MAP_PIECE = 1 << 18;
-}
+} // namespace
 
 ZqDigestPipe::ZqDigestPipe(const SxString& threadName) : chunks(N_CHUNKS) {
     hasher.setThreadName(threadName);
@@ -53,7 +57,7 @@ SxString ZqDigestPipe::finish() {
 }
 
 ZqBlockWriter::ZqBlockWriter(const SxString& folder)
-    : zqf(folder + ZqImageFiles::ZQF, "wb", 0600),
+    : zqf(folder + ZqImageFiles::ZQF, "wb", PERMISSIONS),
       current(pipe.next()) {
 }
 
@@ -96,7 +100,7 @@ void ZqBlockWriter::writePiece() {
 }
 
 ZqMapWriter::ZqMapWriter(const SxString& folder)
-    : idx(folder + ZqImageFiles::IDX, "wb", 0600),
+    : idx(folder + ZqImageFiles::IDX, "wb", PERMISSIONS),
       bytes(MAP_PIECE) {
 }
 

@@ -25,10 +25,11 @@ int64 wholeBlocks(int64 bytes) {
 
 } // namespace
 
-ZqCreateContent::ZqCreateContent(const SxString& target_, const SxString& source_)
+ZqCreateContent::ZqCreateContent(const SxString& target_, const SxString& source_, bool mayDiscard_)
     : runtimeInfo(SxPtr<ZqRuntimeInfo>::create()),
       target(ZqSysEnv::unifySlashes(target_ + "/")),
-      source(ZqSysEnv::unifySlashes(source_ + "/")) {
+      source(ZqSysEnv::unifySlashes(source_ + "/")),
+      mayDiscard(mayDiscard_) {
     setThreadName("create content");
 }
 
@@ -88,14 +89,14 @@ void ZqCreateContent::requireReadable(const SxList<Entry>& files) const {
 }
 
 void ZqCreateContent::build(const SxList<Entry>& files, uint64 nBlocks) {
-    ZqImageStaging staging(target, "content create");
+    ZqImageStaging staging(target, "content create", mayDiscard);
     const SxString folder = staging.begin(nBlocks * (BLOCK + sizeof(uint64)) + ROOM_FOR_RECORDS);
     const SxString digest = pack(folder, files, runtimeInfo->createStats.timeSec);
     setNCurrent(getNTotal());
     runtimeInfo->createStats.end(ZqSysEnv::getSysTime(), static_cast<int64>(getNTotal()));
     if (stopRequested()) return;
     writeRecords(folder, nBlocks, digest);
-    staging.commit();
+    staging.commit(digest);
     complete = true;
 }
 

@@ -11,8 +11,9 @@
 /// or a stop everything is as it was before.
 class ZqCreateContent : public ZqTaskMon {
 public:
-    /// `target` is the image folder to write, `source` the folder to read.
-    ZqCreateContent(const SxString& target, const SxString& source);
+    /// `target` is the image folder to write, `source` the folder to read. `mayDiscard`: traces and written
+    /// data that `target` holds may be lost; see ZqImageStaging.
+    ZqCreateContent(const SxString& target, const SxString& source, bool mayDiscard = true);
 
     /// Gets `createStats`; not null.
     SxPtr<ZqRuntimeInfo> runtimeInfo;
@@ -42,6 +43,7 @@ private:
     void log(const SxString& text) const;
 
     const SxString target, source; ///< with trailing slashes
+    const bool mayDiscard;
     bool complete = false;
     int64 nFiles = 0, nSkipped = 0;
 };

@@ -210,7 +210,8 @@ bool ZqImage::join(ZqTaskMon* monitor) const {
         if (!resumed) SxFSAction::mv(info, journal);
         begun = true;
         // The names must be on the device ahead of the end of the first part.
-        if (!resumed || isGone(zqf)) SxFileIO().create(zqf, 0600);
+        if (!resumed || isGone(zqf))
+            SxFileIO().create(zqf, permissionsOf(parts.path(std::min(first, parts.count))));
         SxFSAction::syncDir(pathPrefix);
         Progress progress(monitor, parts.size);
         joinParts(parts, zqf, first, &progress);

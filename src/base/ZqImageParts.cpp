@@ -84,4 +84,14 @@ bool isGone(const SxString& path) {
     return result < 0;
 }
 
+int permissionsOf(const SxString& path) {
+    SxStat info;
+    const int result = SxOs::get().stat(SxOs::hostPath(path), &info);
+    if (result < 0) {
+        throw SxException(SxException(SxOs::errorText(result), UNIT, __LINE__),
+                          "Cannot look at '" + path + "'", UNIT, __LINE__);
+    }
+    return static_cast<int>(info.permissions & 0666);
+}
+
 } // namespace ZqImageParts

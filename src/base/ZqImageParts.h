@@ -101,4 +101,8 @@ bool isJoining(const SxString& pathPrefix);
 /// Whether nothing has that name. Raises where that can't be told, since what is gone counts as joined.
 bool isGone(const SxString& path);
 
+/// The permissions of the file `path`, which what is made of it gets: an image that is handed out stays one,
+/// and a player's own stays that. The umask counts all the same.
+int permissionsOf(const SxString& path);
+
 } // namespace ZqImageParts

@@ -83,13 +83,14 @@ private:
         const SxString plain = parts.path(part);
         {
             SxFileIO source(zqf, "rb", 0600), target;
-            target.create(plain, 0600);
+            target.create(plain, permissionsOf(zqf));
             SxArray<char> buffer(BUFFER);
             Progress none(nullptr, 0);
             source.seek(static_cast<int64>(parts.offset(part)));
             copyBytes(&source, &target, parts.bytes(part), &buffer, &none);
             target.close();
         }
+        SxFileIO().create(plain + PACKED, permissionsOf(plain));
         uint64 reported = 0;
         ZqArchive::compressZSTD(plain, plain + PACKED, ZSTD_LEVEL, [&](uint64 done) {
             progress->add(done - reported);
@@ -112,7 +113,7 @@ void writePlainParts(const SxString& zqf, const Parts& parts, Progress* progress
     SxArray<char> buffer(BUFFER);
     for (uint64 part = 1; part <= parts.count; ++part) {
         SxFileIO target;
-        target.create(parts.path(part), 0600);
+        target.create(parts.path(part), permissionsOf(zqf));
         copyBytes(&source, &target, parts.bytes(part), &buffer, progress);
         target.close();
     }
@@ -204,7 +205,7 @@ bool ZqImage::split(uint64 partSize, bool compress, ZqTaskMon* monitor) const {
     const SxString cannotWrite = "Cannot write " + info;
     SxString failure = cannotWrite;
     try {
-        SxFileIO::writeAtomic(journal, SxString(parts.size) + "\n" + parts.partSize, 0600);
+        SxFileIO::writeAtomic(journal, SxString(parts.size) + "\n" + parts.partSize, permissionsOf(zqf));
         failure = cannotSplit;
         writeParts(pathPrefix, zqf, parts, compress, monitor);
         failure = cannotWrite;

@@ -2,7 +2,10 @@
 
 #include "SxException.h"
 #include "SxFSAction.h"
+#include "SxMd5.h"
+#include "ZqAppParams.h"
 #include "ZqImageFiles.h"
+#include "ZqImageReplacement.h"
 #include "ZqLog.h"
 #include "ZqSysEnv.h"
 
@@ -31,18 +34,64 @@ std::vector<std::string> physicalParents(const SxString& path) {
     return parents;
 }
 
+/// What an image folder holds beyond an image as it was made.
+struct Gathered {
+    static constexpr const char* TRACES = "traces";
+
+    explicit Gathered(const SxString& folder_) : folder(folder_) {
+        hasTraces = SxFSAction::test_d(folder + TRACES) && !SxFSAction::ls(folder + TRACES).isEmpty();
+        hasLayer = SxFSAction::exists(folder + ZqImageFiles::LAYER_INDEX);
+        if (!SxFSAction::test_f(folder + ZqImageFiles::APP_JSON)) return;
+        try {
+            app.read(folder);
+            buildId = app.checksumMnt;
+        } catch (const SxException&) {
+            // Then nothing is known of what stands there.
+            buildId = SxString();
+        }
+    }
+
+    /// Whether a drive wrote into `img.zqf` itself. What its layer holds is then only a part of it.
+    bool isImageWritten() const {
+        const SxString zqf = folder + ZqImageFiles::ZQF;
+        if (!hasLayer && app.mountMode != ZqMountMgr::ReadWrite) return false;
+        if (app.checksumZqf.isEmpty() || !SxFSAction::test_f(zqf)) return false;
+        // No drive writes into an image that isn't complete.
+        if (static_cast<uint64>(SxFileInfo(zqf).getSize()) < app.sizeZqf) return false;
+        return !(SxMd5::file(zqf, nullptr) == app.checksumZqf);
+    }
+
+    /// What of it goes.
+    SxList<SxString> list(bool ofTraces, bool ofWrites) const {
+        SxList<SxString> all;
+        if (ofTraces && hasTraces) all << "traces (" + folder + TRACES + ")";
+        if (ofWrites && hasLayer)
+            all << SxString("what drives have written (") + ZqImageFiles::LAYER_INDEX + ")";
+        if (ofWrites && !hasLayer && isImageWritten())
+            all << SxString("what drives have written (") + ZqImageFiles::ZQF + ")";
+        return all;
+    }
+
+    SxString folder, buildId;
+    ZqAppParams app;
+    bool hasTraces = false, hasLayer = false;
+};
+
 } // namespace
 
-ZqImageStaging::ZqImageStaging(const SxString& target_, const SxString& job)
+ZqImageStaging::ZqImageStaging(const SxString& target_, const SxString& job, bool mayDiscard_)
     : target(target_),
       staging(target_ + ZqImageFiles::STAGING),
       folder(target_),
-      lock(ZqImageLock::take(target_, ZqImageLock::Shape, ZqImageLock::Exclusive, job)) {
+      lock(ZqImageLock::take(target_, ZqImageLock::Shape, ZqImageLock::Exclusive, job)),
+      mayDiscard(mayDiscard_) {
+    // Better now than behind all the work.
+    const Gathered gathered(target);
+    if (gathered.buildId.isEmpty()) findKept(gathered.buildId);
 }
 
 ZqImageStaging::~ZqImageStaging() {
-    // Where the old image is gone, the new one is all there is.
-    if (!complete && (folder.isNew() || !replacing)) discard();
+    if (!complete && (folder.isNew() || !begun)) discard();
 }
 
 SxString ZqImageStaging::begin(uint64 need) const {
@@ -52,40 +101,45 @@ SxString ZqImageStaging::begin(uint64 need) const {
     return staging;
 }
 
-void ZqImageStaging::commit() {
+SxList<SxString> ZqImageStaging::findKept(const SxString& buildId) const {
+    const Gathered gathered(target);
+    const bool isSame = !buildId.isEmpty() && buildId == gathered.buildId;
+    const bool keepsWrites = isSame && !gathered.isImageWritten();
+    const SxList<SxString> lost = gathered.list(!isSame, !keepsWrites);
+    if (!lost.isEmpty() && !mayDiscard) {
+        throw SxException("Image '" + target + "' holds " + SxString::join(lost, " and ") +
+                              ", which the new image, of another build, would take away; copy what you need, "
+                              "and discard it expressly (--discard), or name another folder",
+                          UNIT, __LINE__);
+    }
+    SxList<SxString> kept;
+    if (isSame) kept << Gathered::TRACES;
+    if (keepsWrites) kept << SxString(ZqImageFiles::LAYER_INDEX) << SxString(ZqImageFiles::LAYER_DATA);
+    return kept;
+}
+
+void ZqImageStaging::commit(const SxString& buildId) {
+    const SxList<SxString> kept = findKept(buildId);
     folder.sync();
-    replace();
+    // Where that can't be told afterwards, nothing may be removed.
+    begun = true;
+    try {
+        ZqImageReplacement::begin(target, kept);
+    } catch (const SxException& e) {
+        begun = ZqImageReplacement::isPending(target);
+        if (!begun || folder.isNew()) throw;
+        throw SxException(e,
+                          "The new image of '" + target +
+                              "' is complete, and the next command that writes there goes on",
+                          UNIT, __LINE__);
+    }
     folder.keep();
     complete = true;
 }
 
-void ZqImageStaging::replace() {
-    // app.json goes first and comes last: without it, a folder that was cut off half way isn't taken for an
-    // image.
-    const SxString app = ZqImageFiles::APP_JSON;
-    // The new one must not go where the old one has gone.
-    SxFSAction::syncDir(target);
-    if (SxFSAction::exists(target + app)) SxFSAction::rm(target + app);
-    replacing = true;
-    SxFSAction::syncDir(target);
-    for (const SxFileInfo& old : SxFSAction::ls(target)) {
-        const SxString name = old.getName();
-        if (name == ZqImageFiles::LOCK || name + "/" == ZqImageFiles::STAGING) continue;
-        SxFSAction::rm_r(old);
-    }
-    for (const char* name : {ZqImageFiles::ZQF, ZqImageFiles::IDX, ZqImageFiles::IMAGE_JSON}) {
-        SxFSAction::mv(staging + name, target + name);
-    }
-    SxFSAction::syncDir(target);
-    SxFSAction::mv(staging + app, target + app);
-    SxFSAction::syncDir(target);
-    SxFSAction::rm_r(staging);
-    SxFSAction::syncDir(target);
-}
-
 void ZqImageStaging::discard() const {
     try {
-        if (SxFSAction::exists(staging)) SxFSAction::rm_r(staging);
+        ZqImageReplacement::takeBack(target);
         if (!folder.isNew()) return;
         for (const char* name : {ZqImageFiles::ZQF, ZqImageFiles::IDX, ZqImageFiles::IMAGE_JSON,
                                  ZqImageFiles::APP_JSON, ZqImageFiles::LOCK}) {

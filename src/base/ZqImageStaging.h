@@ -5,12 +5,19 @@
 
 /// A new image on its way into an image folder. It is made in a folder `image.new` in there, beside what the
 /// image folder holds, which it replaces when it is complete: until commit() everything can be taken back,
-/// and is, by the destructor. Not locked.
+/// and is, by the destructor. From then on a cut or a failure loses neither image: the next command that
+/// writes there goes on (see ZqImageReplacement). Not locked.
+///
+/// What the image folder gathered since it was made, traces of runs and what drives have written, belongs to
+/// one build of the disk, which `checksums.mnt` names. It stays where the new image is of the same build.
+/// Else it would be lost, which somebody has to ask for.
 class ZqImageStaging {
 public:
     /// Makes the image folder `target` (with its trailing slash) where it is missing, and takes its lock for
     /// `job`. `target` and the folders above it that are made here go again unless commit() comes.
-    ZqImageStaging(const SxString& target, const SxString& job);
+    /// `mayDiscard`: traces and written data may be lost. Raises where they would be, as far as that is known
+    /// already.
+    ZqImageStaging(const SxString& target, const SxString& job, bool mayDiscard);
     ~ZqImageStaging();
     ZqImageStaging(const ZqImageStaging&) = delete;
     ZqImageStaging& operator=(const ZqImageStaging&) = delete;
@@ -19,8 +26,9 @@ public:
     /// fewer than `need` bytes are free.
     SxString begin(uint64 need) const;
     /// Puts `img.zqf`, `img.idx`, `img.json` and `app.json`, which are synced, from there in the place of all
-    /// that the image folder holds.
-    void commit();
+    /// that the image folder holds but what stays. `buildId`: `checksums.mnt` of the new image. Raises, with
+    /// nothing changed, where something would be lost that mustn't be.
+    void commit(const SxString& buildId);
 
     /// Whether the folder `inner` is `outer` or lies in it, with all links resolved. They need not exist.
     static bool liesIn(const SxString& inner, const SxString& outer);
@@ -30,12 +38,13 @@ public:
     static void requireSpace(const SxString& path, uint64 need);
 
 private:
-    void replace();
+    SxList<SxString> findKept(const SxString& buildId) const;
     void discard() const;
 
     const SxString target, staging;
     ZqNewFolder folder;
     SxPtr<ZqImageLock> lock;
-    bool replacing = false; ///< the old image is gone
+    const bool mayDiscard;
+    bool begun = false; ///< the new image is the one, wherever its files are
     bool complete = false;
 };

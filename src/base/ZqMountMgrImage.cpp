@@ -35,6 +35,7 @@ void refuseLaunchers(const SxString& image, const SxList<SxString>& access) {
 /// what it lacks.
 SxPtr<ZqImageLock> lockShape(const SxString& image) {
     if (!ZqImageFolder::holdsImage(image)) return nullptr;
+    ZqImageLock::finishReplacement(image);
     return ZqImageLock::take(image, ZqImageLock::Shape, ZqImageLock::Shared, "mount");
 }
 

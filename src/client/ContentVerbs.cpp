@@ -11,6 +11,7 @@ constexpr const char* UNIT = "src/client/ContentVerbs";
 
 struct CreateOptions {
     SxString source, image;
+    bool discard = false;
 };
 
 int create(const CreateOptions& options, Output& out) {
@@ -19,7 +20,7 @@ int create(const CreateOptions& options, Output& out) {
         throw SxException(options.source + " is not a directory.", UNIT, __LINE__);
     }
     refuseForeignFolder(options.image);
-    ZqCreateContent job(options.image, options.source);
+    ZqCreateContent job(options.image, options.source, options.discard);
     const double seconds = runJob(&job, "create", out);
     if (!job.isComplete()) throw SxException("stopped", UNIT, __LINE__);
 
@@ -56,5 +57,6 @@ void registerContentVerbs(App* app) {
               "tavrin content create build/alpha games/alpha")
         .argument("SRC", &options->source, "Folder to pack")
         .argument("IMAGE", &options->image, "Image folder to write; what it held is replaced")
+        .flag("--discard", &options->discard, "Also where traces of runs, or what drives have written, go")
         .action([options](Output& out) { return create(*options, out); });
 }

@@ -163,6 +163,8 @@ void registerPublishVerbs(Family* image) {
         .text("--window", &what.window, "T", "Title of the application's window")
         .text("--app", &what.appTemplate, "FILE", "An app.json that gives all other fields")
         .text("--raw", &what.rawDir, "DIR", "Keep the drive as img.raw in this folder")
+        .flag("--discard", &what.mayDiscard,
+              "Also where traces of runs, or what drives have written, go: with other files they do")
         .text("--order", &what.trace, "TRACE", "Order the image by this trace of an image of the same files")
         .action([building](Output& out) { return build(*building, out); });
 

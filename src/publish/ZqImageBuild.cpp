@@ -240,6 +240,10 @@ void ZqImageBuild::main() {
     nFolders = tree.count(SxStat::Dir);
     nLinks = tree.count(SxStat::Link);
     nSkipped = tree.getNSkipped();
+    // As a rule a slip, such as a build that failed ahead of this one; it mustn't cost a good image.
+    if (nFiles == 0) {
+        throw SxException("The folder '" + source + "' holds no file to make a drive of", UNIT, __LINE__);
+    }
     const ZqAppParams app = makeApp(tree);
     // The files are placed, made a file system of, and cut into blocks.
     setNTotal(3 * tree.getBytes());
@@ -355,7 +359,7 @@ std::vector<ZqBlockKind> ZqImageBuild::makeDrive(const ZqSourceTree& tree, const
 }
 
 void ZqImageBuild::build(const ZqSourceTree& tree, const ZqDriveMaker& maker, const ZqAppParams& record) {
-    ZqImageStaging staging(target, "image build");
+    ZqImageStaging staging(target, "image build", options.mayDiscard);
     std::optional<ZqRawFile> kept;
     if (!options.rawDir.isEmpty()) kept.emplace(options.rawDir);
     const SxString folder = staging.begin(0), scratch = folder + "scratch/";
@@ -401,7 +405,7 @@ void ZqImageBuild::build(const ZqSourceTree& tree, const ZqDriveMaker& maker, co
     if (kept) SxFileIO(raw, "r+b").sync();
     SxFSAction::rm_r(scratch);
     refuseStop();
-    staging.commit();
+    staging.commit(app.checksumMnt);
     if (kept) kept->commit();
     complete = true;
 }

@@ -32,6 +32,8 @@ public:
         /// Bytes that the drive is to have free for what is written to it, with ext4; it has a tenth of its
         /// content and 16 MiB at least. 0: no more than that.
         uint64 freeBytes = 0;
+        /// Traces and written data that `target` holds may be lost; see ZqImageStaging.
+        bool mayDiscard = false;
     };
 
     /// `target` is the image folder to write, `source` the folder to read.

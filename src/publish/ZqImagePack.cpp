@@ -131,7 +131,7 @@ private:
 class ZqImagePack::Writer {
 public:
     explicit Writer(const SxString& path) {
-        file.create(path, 0644);
+        file.create(path, 0666);
         // Which image it is comes out at the end, and must stand where a client sees it first.
         const std::string origin(ZqPackedForm::ORIGIN_SIZE, '\0');
         write(origin);
@@ -189,6 +189,7 @@ int64 ZqImagePack::getMaxLevel() {
 }
 
 void ZqImagePack::main() {
+    ZqImageLock::finishReplacement(image);
     const auto shape = ZqImageLock::take(image, ZqImageLock::Shape, ZqImageLock::Shared, "image pack");
     const auto growth = ZqImageLock::take(image, ZqImageLock::Growth, ZqImageLock::Exclusive, "image pack");
     const ZqImageInfo info(image);

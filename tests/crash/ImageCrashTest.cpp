@@ -5,6 +5,7 @@
 #include "ZqCreateContent.h"
 #include "ZqImage.h"
 #include "ZqImageBuild.h"
+#include "ZqImageLock.h"
 #include "ZqImageOrder.h"
 #include "ZqImagePack.h"
 #include "ZqImageRaw.h"
@@ -79,6 +80,27 @@ std::string findMixedImage(const TempDir& dir, const TreeSnapshot& before, const
     return tree == before || tree == after ? "" : "app.json stands with an image that is neither old nor new";
 }
 
+/// The same; and whoever writes there next finds one of the two, with nothing to be done by hand.
+std::string findLostReplacement(const TempDir& dir, const TreeSnapshot& before, const TreeSnapshot& after) {
+    const std::string mixed = findMixedImage(dir, before, after);
+    const std::string image =
+        dir.path(before.contains("image/app.json") ? "watched/image" : "watched/new/deep");
+    if (!mixed.empty() || !fs::exists(image)) return mixed;
+    const bool isBegun = fs::exists(image + "/image.new/ready");
+    const auto take = [&](ZqImageLock::Mode mode) {
+        return failureOf([&] { ZqImageLock::take(image, ZqImageLock::Shape, mode, "next"); });
+    };
+    const std::string refusal = take(ZqImageLock::Shared), failure = take(ZqImageLock::Exclusive);
+    if (isBegun && refusal.find("tavrin mount IMAGE") == std::string::npos)
+        return "a reader isn't told: " + refusal;
+    if (!failure.empty()) return failure;
+    TreeSnapshot tree = contentOf(dir);
+    if (isBegun) return tree == after ? "" : "the new image isn't in its place";
+    std::erase_if(tree, [](const auto& entry) { return entry.first.find("image.new") != std::string::npos; });
+    if (tree == before || tree == after) return "";
+    return before.contains("image/app.json") ? "neither the old image nor the new one is there" : "";
+}
+
 /// Where the old image is gone, all files of the new one must be there or in their places.
 std::string findLostImage(const TempDir& dir, const TreeSnapshot& before, const TreeSnapshot& after) {
     const TreeSnapshot tree = contentOf(dir);
@@ -138,6 +160,17 @@ void makeSourceAndImage(const TempDir& dir) {
     }
 }
 
+/// The image of that folder, with what has gathered in it since.
+void makeSourceAndSameImage(const TempDir& dir) {
+    makeSource(dir);
+    ZqImageBuild job(dir.path("watched/image"), dir.path("watched/source"), {});
+    EXPECT_EQ(failureOf(job), "");
+    for (const std::string name : {"img.idx.md5", "runtime.json"})
+        dir.write("watched/image/" + name, "old");
+    for (const std::string name : {"img.tix", "img.tmp", "traces/1/trace.json", "traces/2/img.trc"})
+        dir.write("watched/image/" + name, "gathered");
+}
+
 /// Runs a job as the one under way.
 std::string runNow(ZqTaskMon& job) {
     jobUnderWay = &job;
@@ -145,7 +178,7 @@ std::string runNow(ZqTaskMon& job) {
 }
 
 std::string create(const TempDir& dir, const std::string& target) {
-    ZqCreateContent job(dir.path(target), dir.path("watched/source"));
+    ZqCreateContent job(dir.path(target), dir.path("watched/source"), true);
     return runNow(job);
 }
 
@@ -157,9 +190,21 @@ std::string createNew(const TempDir& dir) {
     return create(dir, "watched/new/deep");
 }
 
-std::string buildOver(const TempDir& dir) {
-    ZqImageBuild job(dir.path("watched/image"), dir.path("watched/source"), {});
+std::string build(const TempDir& dir, const ZqImageBuild::Options& what) {
+    ZqImageBuild job(dir.path("watched/image"), dir.path("watched/source"), what);
     return runNow(job);
+}
+
+std::string buildOver(const TempDir& dir) {
+    ZqImageBuild::Options what;
+    what.mayDiscard = true;
+    return build(dir, what);
+}
+
+std::string buildAgain(const TempDir& dir) {
+    ZqImageBuild::Options what;
+    what.cmd = "another";
+    return build(dir, what);
 }
 
 void makeServed(const TempDir& dir, const std::string& folder, uint64 nRaw) {
@@ -298,25 +343,27 @@ std::string findLostTraces(const TempDir& dir, const TreeSnapshot& before, const
     return "";
 }
 
-const Job JOBS[] = {{"Split", makeWhole, split<false>, findLostParts, 499, 499, true},
-                    {"SplitCompressed", makeWhole, split<true>, findLostParts, 499, 499, true},
-                    {"SplitAnew", makeWholeAndParts, split<false>, findLostParts, 499, 499},
-                    {"Join", makeParts, join, findLostParts, 499, 499},
-                    {"JoinPartByPart", makeParts, join, findLostParts, 499, 499, false, PART},
-                    {"JoinInBatches", makeParts, join, findLostParts, 499, 499, false, 4 * PART},
-                    {"JoinOverAnOlderFile", makeWholeAndParts, join, findLostParts, 499, 499},
-                    {"JoinResumed", makeCutOffJoin, join, findLostParts, 499, 499},
-                    {"JoinTakenBack", makeParts, join, findLostParts, 0, 0, true, PLENTY, true},
-                    {"CreateOverAnImage", makeSourceAndImage, createOver, findMixedImage, 100'000, 499},
-                    {"CreateInANewFolder", makeSource, createNew, findMixedImage, 100'000, 499, true},
-                    {"BuildOverAnImage", makeSourceAndImage, buildOver, findMixedImage, 2 << 20, 3000},
-                    {"Order", makeServedAndTrace, order, findMixedImage, 512, 100},
-                    {"Pack", makeUnpacked, pack, findMixedFile, 50'000, 50'000},
-                    {"Raw", makeServedAlone, writeRaw, findMixedFile, 4096, 1000},
-                    {"RawOverAnOldOne", makeServedAndRaw, writeRaw, findMixedFile, 4096, 1000},
-                    {"Unpack", makePacked, unpack, findMixedFile, 4096, 1000, true},
-                    {"JoinTraces", makeTraces, joinTraces, findLostTraces, 0, 0},
-                    {"JoinTracesToAResult", makeTracesAndResult, joinTraces, findLostTraces, 0, 0}};
+const Job JOBS[] = {
+    {"Split", makeWhole, split<false>, findLostParts, 499, 499, true},
+    {"SplitCompressed", makeWhole, split<true>, findLostParts, 499, 499, true},
+    {"SplitAnew", makeWholeAndParts, split<false>, findLostParts, 499, 499},
+    {"Join", makeParts, join, findLostParts, 499, 499},
+    {"JoinPartByPart", makeParts, join, findLostParts, 499, 499, false, PART},
+    {"JoinInBatches", makeParts, join, findLostParts, 499, 499, false, 4 * PART},
+    {"JoinOverAnOlderFile", makeWholeAndParts, join, findLostParts, 499, 499},
+    {"JoinResumed", makeCutOffJoin, join, findLostParts, 499, 499},
+    {"JoinTakenBack", makeParts, join, findLostParts, 0, 0, true, PLENTY, true},
+    {"CreateOverAnImage", makeSourceAndImage, createOver, findLostReplacement, 100'000, 499},
+    {"CreateInANewFolder", makeSource, createNew, findLostReplacement, 100'000, 499, true},
+    {"BuildOverAnImage", makeSourceAndImage, buildOver, findLostReplacement, 2 << 20, 3000},
+    {"BuildOverTheSameBuild", makeSourceAndSameImage, buildAgain, findLostReplacement, 2 << 20, 3000},
+    {"Order", makeServedAndTrace, order, findMixedImage, 512, 100},
+    {"Pack", makeUnpacked, pack, findMixedFile, 50'000, 50'000},
+    {"Raw", makeServedAlone, writeRaw, findMixedFile, 4096, 1000},
+    {"RawOverAnOldOne", makeServedAndRaw, writeRaw, findMixedFile, 4096, 1000},
+    {"Unpack", makePacked, unpack, findMixedFile, 4096, 1000, true},
+    {"JoinTraces", makeTraces, joinTraces, findLostTraces, 0, 0},
+    {"JoinTracesToAResult", makeTracesAndResult, joinTraces, findLostTraces, 0, 0}};
 
 /// Those that a failure leaves in a state to go on from.
 std::vector<Job> disturbedJobs() {

@@ -6,6 +6,7 @@
 #include "SxTime.h"
 #include "ZqImageFiles.h"
 #include "ZqImageFolder.h"
+#include "ZqImageReplacement.h"
 
 #include <cerrno>
 
@@ -68,6 +69,7 @@ SxString printable(const char* text, int64 n) {
 } // namespace
 
 SxPtr<ZqImageLock> ZqImageLock::take(const SxString& path, Range range, Mode mode, const SxString& job) {
+    if (mode == Exclusive && range != Shape) finishReplacement(path);
     SxPtr<ZqImageLock> lock = takeAnyState(path, range, mode, job);
     refuseUnfinished(path);
     return lock;
@@ -75,7 +77,21 @@ SxPtr<ZqImageLock> ZqImageLock::take(const SxString& path, Range range, Mode mod
 
 SxPtr<ZqImageLock> ZqImageLock::takeAnyState(const SxString& path, Range range, Mode mode,
                                              const SxString& job) {
-    return SxPtr<ZqImageLock>::create(Key(), path, range, mode, job);
+    auto lock = SxPtr<ZqImageLock>::create(Key(), path, range, mode, job);
+    if (!ZqImageReplacement::isPending(path)) return lock;
+    if (range != Shape || mode != Exclusive) {
+        throw SxException("A command was cut off while it put a new image in the place of the one in '" +
+                              path +
+                              "'; the next that writes there brings that to its end, for instance: tavrin "
+                              "mount IMAGE",
+                          UNIT, __LINE__);
+    }
+    ZqImageReplacement::finish(path);
+    return lock;
+}
+
+void ZqImageLock::finishReplacement(const SxString& path) {
+    if (ZqImageReplacement::isPending(path)) takeAnyState(path, Shape, Exclusive, "new image");
 }
 
 void ZqImageLock::refuseUnfinished(const SxString& path) {

@@ -21,14 +21,19 @@ public:
 
     /// Takes the lock for `job` (a few words, shown to whoever is refused), without waiting. Raises naming
     /// the holder where it is held otherwise, and where the image is in the middle of an optimisation or a
-    /// patch (see refuseUnfinished()). `path` is the image folder, with or without a trailing slash; it must
-    /// exist. Shared locks of a folder that can't be written to always succeed, unrecorded: nobody can change
-    /// it.
+    /// patch (see refuseUnfinished()). A replacement of the image that was cut off is brought to its end
+    /// where the lock is exclusive, and else refused, too. `path` is the image folder, with or without a
+    /// trailing slash; it must exist. Shared locks of a folder that can't be written to always succeed,
+    /// unrecorded: nobody can change it.
     static SxPtr<ZqImageLock> take(const SxString& path, Range range, Mode mode, const SxString& job);
-    /// The same for a reader that copes with an unfinished image.
+    /// The same for a reader that copes with an unfinished image, but none that is half replaced.
     static SxPtr<ZqImageLock> takeAnyState(const SxString& path, Range range, Mode mode, const SxString& job);
     /// Raises where an optimisation or a patch of the image was begun and not ended, saying how to go on.
     static void refuseUnfinished(const SxString& path);
+
+    /// Brings a replacement of the image to its end that was cut off, where there is one: for whoever takes
+    /// no exclusive lock and writes all the same. Raises where it can't.
+    static void finishReplacement(const SxString& path);
 
     ~ZqImageLock();
     ZqImageLock(const ZqImageLock&) = delete;

@@ -1,0 +1,100 @@
+#include "ZqImageReplacement.h"
+
+#include "SxException.h"
+#include "SxFSAction.h"
+#include "SxFileIO.h"
+#include "SxOs.h"
+#include "ZqImageFiles.h"
+#include "ZqImageFolder.h"
+
+#include <algorithm>
+#include <cerrno>
+
+namespace {
+
+constexpr const char* UNIT = "src/platform/devctl/ZqImageReplacement";
+constexpr const char* NOTE = "ready";
+constexpr const char* BLOCKS[] = {ZqImageFiles::ZQF, ZqImageFiles::IDX, ZqImageFiles::IMAGE_JSON};
+
+SxString stagingOf(const SxString& folder) {
+    return ZqImageFolder::prefix(folder) + ZqImageFiles::STAGING;
+}
+
+/// Whether nothing has that name. Raises where that can't be told, since what isn't in `image.new` counts as
+/// in its place.
+bool isGone(const SxString& path) {
+    SxStat info;
+    const int result = SxOs::get().lstat(SxOs::hostPath(path), &info);
+    if (result == 0) return false;
+    if (result == -ENOENT || result == -ENOTDIR) return true;
+    throw SxException(SxException(SxOs::errorText(result), UNIT, __LINE__), "Cannot look at '" + path + "'",
+                      UNIT, __LINE__);
+}
+
+bool isNew(const SxString& name) {
+    return std::find(std::begin(BLOCKS), std::end(BLOCKS), name) != std::end(BLOCKS);
+}
+
+/// Removes what the image folder held, but for what stays. Files of the new image may be in their places.
+void removeOld(const SxString& target, const SxString& staging, const SxList<SxString>& kept) {
+    for (const SxFileInfo& old : SxFSAction::ls(target)) {
+        const SxString name = old.getName();
+        if (name == ZqImageFiles::LOCK || name + "/" == ZqImageFiles::STAGING) continue;
+        if (std::find(kept.begin(), kept.end(), name) != kept.end()) continue;
+        if (isNew(name) && isGone(staging + name)) continue;
+        SxFSAction::rm_r(old);
+    }
+}
+
+void replace(const SxString& target, const SxString& staging) {
+    const SxList<SxString> kept = SxFileIO::readLines(staging + NOTE, 0);
+    // app.json goes first and comes last: without it, a folder that was cut off half way isn't taken for an
+    // image.
+    const SxString app = ZqImageFiles::APP_JSON;
+    if (!isGone(staging + app)) {
+        if (!isGone(target + app)) SxFSAction::rm(target + app);
+        SxFSAction::syncDir(target);
+        removeOld(target, staging, kept);
+        for (const char* name : BLOCKS) {
+            if (!isGone(staging + name)) SxFSAction::mv(staging + name, target + name);
+        }
+        SxFSAction::syncDir(target);
+        SxFSAction::mv(staging + app, target + app);
+    }
+    SxFSAction::syncDir(target);
+    SxFSAction::rm_r(staging);
+    SxFSAction::syncDir(target);
+}
+
+} // namespace
+
+void ZqImageReplacement::begin(const SxString& folder, const SxList<SxString>& kept) {
+    // The new one must not go where the old one has gone.
+    SxFSAction::syncDir(folder);
+    SxFileIO::writeAtomic(stagingOf(folder) + NOTE, SxString::join(kept, "\n"));
+    replace(ZqImageFolder::prefix(folder), stagingOf(folder));
+}
+
+bool ZqImageReplacement::isPending(const SxString& folder) {
+    return !isGone(stagingOf(folder) + NOTE);
+}
+
+void ZqImageReplacement::finish(const SxString& folder) {
+    try {
+        replace(ZqImageFolder::prefix(folder), stagingOf(folder));
+    } catch (const SxException& e) {
+        throw SxException(e,
+                          "Cannot put the new image of '" + folder + "' in its place, which a command began",
+                          UNIT, __LINE__);
+    }
+}
+
+void ZqImageReplacement::takeBack(const SxString& folder) {
+    const SxString staging = stagingOf(folder);
+    // First: what is left of the new image must not be taken for a whole one.
+    if (!isGone(staging + NOTE)) {
+        SxFSAction::rm(staging + NOTE);
+        SxFSAction::syncDir(staging);
+    }
+    if (!isGone(staging)) SxFSAction::rm_r(staging);
+}
