@@ -6,7 +6,9 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <random>
 #include <utility>
+#include <vector>
 
 namespace {
 
@@ -29,6 +31,72 @@ constexpr ModeWord MODES[] = {
     {"wb", SxFileIO::ModeWrite, SxOs::Write | SxOs::Create | SxOs::Truncate},
     {"ab", SxFileIO::ModeAppend, SxOs::Append | SxOs::Create},
 };
+
+const std::string TEMPORARY = ".tmp";
+constexpr size_t N_DIGITS = 8;
+/// The byte that a writer locks, far behind those that others lock.
+constexpr int64 WRITER = int64{1} << 48;
+
+/// Whether the file behind the descriptor still has that name.
+bool isNamed(int fd, const std::string& host) {
+    SxStat held, named;
+    return SxOs::get().statFd(fd, &held) == 0 && SxOs::get().lstat(host, &named) == 0 &&
+           held.inode == named.inode && held.device == named.device;
+}
+
+/// A new file under a name of its own beside `path`, for what is to become that file. As long as the object
+/// lives a lock tells others that its writer does. Unless it was renamed, it is gone at the end.
+class TemporaryName {
+public:
+    TemporaryName(const SxString& path, int permission) {
+        SxOs& os = SxOs::get();
+        for (;;) {
+            name = path + "." + SxString::sprintf("%08x", std::random_device()()) + TEMPORARY;
+            host = SxOs::hostPath(name);
+            fd = os.open(host, SxOs::Read | SxOs::Write | SxOs::Create | SxOs::Exclusive | SxOs::NoFollow,
+                         static_cast<unsigned>(permission));
+            if (fd == -EEXIST) continue;
+            if (fd < 0) throw failure("Cannot open file '" + name + "'", fd, __LINE__);
+            // A file system without locks has nobody who takes the file for a dead writer's. Elsewhere
+            // somebody may have done so before it was locked.
+            const int locked = os.lockRange(fd, WRITER, 1, SxOs::Lock::Exclusive);
+            if (locked != -EAGAIN && (locked != 0 || isNamed(fd, host))) return;
+            os.close(fd);
+        }
+    }
+    ~TemporaryName() {
+        if (!isRenamed) SxOs::get().unlink(host);
+        SxOs::get().close(fd);
+    }
+    TemporaryName(const TemporaryName&) = delete;
+    TemporaryName& operator=(const TemporaryName&) = delete;
+
+    const SxString& get() const { return name; }
+    void setRenamed() { isRenamed = true; }
+
+private:
+    SxString name;
+    std::string host;
+    int fd = -1;
+    bool isRenamed = false;
+};
+
+/// Removes what writers of `path` have left that are no more. What can't be told or removed stays.
+void removeDeadWriters(const SxString& path) {
+    SxOs& os = SxOs::get();
+    const SxFileInfo info(path);
+    const std::string folder = SxOs::hostPath(info.getPath());
+    std::vector<std::string> names;
+    if (os.list(folder, &names) < 0) return;
+    for (const std::string& name : names) {
+        if (!SxFileIO::isTemporaryName(name, info.getName())) continue;
+        const std::string host = folder + "/" + name;
+        const int fd = os.open(host, SxOs::Read | SxOs::Write | SxOs::NoFollow, 0);
+        if (fd < 0) continue;
+        if (os.lockRange(fd, WRITER, 1, SxOs::Lock::Exclusive) == 0) os.unlink(host);
+        os.close(fd);
+    }
+}
 
 } // namespace
 
@@ -209,21 +277,27 @@ void SxFileIO::writeAtomic(const SxString& path, const SxString& text, int permi
         path, [&](SxFileIO* file) { file->write(text); }, permission);
 }
 
+bool SxFileIO::isTemporaryName(const SxString& name, const SxString& of) {
+    const std::string& text = name.str();
+    const std::string begin = of.str() + ".";
+    if (text.size() != begin.size() + N_DIGITS + TEMPORARY.size() || !text.starts_with(begin) ||
+        !text.ends_with(TEMPORARY)) {
+        return false;
+    }
+    return text.find_first_not_of("0123456789abcdef", begin.size()) == begin.size() + N_DIGITS;
+}
+
 void SxFileIO::writeAtomic(const SxString& path, const std::function<void(SxFileIO* file)>& fill,
                            int permission) {
-    const SxString tmp = path + ".tmp";
-    try {
-        SxFileIO file;
-        file.create(tmp, permission);
-        fill(&file);
-        file.sync();
-        file.close();
-        SxFSAction::mv(tmp, path);
-        SxFSAction::syncDir(SxFileInfo(path).getPath());
-    } catch (...) {
-        SxOs::get().unlink(SxOs::hostPath(tmp));
-        throw;
-    }
+    removeDeadWriters(path);
+    TemporaryName tmp(path, permission);
+    SxFileIO file(tmp.get(), "wb");
+    fill(&file);
+    file.sync();
+    file.close();
+    SxFSAction::mv(tmp.get(), path);
+    tmp.setRenamed();
+    SxFSAction::syncDir(SxFileInfo(path).getPath());
 }
 
 SxString SxFileIO::fileReadErr(const SxString& path) {

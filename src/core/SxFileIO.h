@@ -68,11 +68,16 @@ public:
     /// The whole file as UTF-8; raises where it holds more than `maxBytes`.
     static SxString readUtf8(const SxString& path, int64 maxBytes = MAX_TEXT);
     /// Replaces the file by `text`: written under a temporary name, synced, renamed, the folder synced; after
-    /// a cut at any point the old file or the new one stands there.
+    /// a cut at any point the old file or the new one stands there. Of several writers at the same time the
+    /// last one's file stays, as a whole. What writers that were cut off have left goes.
     static void writeAtomic(const SxString& path, const SxString& text, int permission = 0644);
     /// The same with what `fill` writes into the open file.
     static void writeAtomic(const SxString& path, const std::function<void(SxFileIO* file)>& fill,
                             int permission = 0644);
+
+    /// Whether `name` is one that writeAtomic() gives for a while to what becomes the file `of`; both without
+    /// their folder: `of`, a dot, eight hexadecimal digits, `.tmp`.
+    static bool isTemporaryName(const SxString& name, const SxString& of);
 
     static SxString fileReadErr(const SxString& path);
     static SxString fileWriteErr(const SxString& path);

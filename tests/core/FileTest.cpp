@@ -3,9 +3,12 @@
 #include "SxFileIO.h"
 #include "TempDir.h"
 
+#include <csignal>
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 namespace fs = std::filesystem;
 
@@ -107,4 +110,71 @@ TEST(FileIO, WhatIsNoPlainFileIsRefusedAtOnce) {
             EXPECT_THROW(SxFileIO(path, mode), SxException) << path << " " << mode;
         }
     }
+}
+
+TEST(FileIO, AtomicWritersOfOneFileDontMeet) {
+    const TempDir dir;
+    const std::string file = dir.path("file");
+    constexpr int N_WRITERS = 3, N_ROUNDS = 40, N_BYTES = 300'000;
+    SxFileIO::writeAtomic(file, SxString(std::string(N_BYTES, 'x')));
+    std::vector<pid_t> children;
+    for (int writer = 0; writer < N_WRITERS; ++writer) {
+        const pid_t child = ::fork();
+        if (child == 0) {
+            int code = 0;
+            try {
+                const SxString half(std::string(N_BYTES / 2, static_cast<char>('a' + writer)));
+                for (int round = 0; round < N_ROUNDS; ++round) {
+                    SxFileIO::writeAtomic(file, [&](SxFileIO* out) {
+                        out->write(half);
+                        out->write(half);
+                    });
+                }
+            } catch (const SxException&) {
+                code = 1;
+            }
+            ::_exit(code);
+        }
+        children.push_back(child);
+    }
+    for (size_t nEnded = 0; nEnded < children.size();) {
+        const std::string text = dir.read("file");
+        ASSERT_EQ(text.size(), size_t{N_BYTES}) << "a file was renamed that another one still writes";
+        EXPECT_EQ(text, std::string(N_BYTES, text[0]));
+        int status = 0;
+        while (nEnded < children.size() &&
+               ::waitpid(children[nEnded], &status, WNOHANG) == children[nEnded]) {
+            EXPECT_EQ(status, 0) << "a writer failed";
+            ++nEnded;
+        }
+    }
+    EXPECT_EQ(dir.snapshot().size(), 1U);
+}
+
+TEST(FileIO, WhatAKilledWriterLeftGoesWithTheNext) {
+    const TempDir dir;
+    const std::string file = dir.path("file");
+    const pid_t child = ::fork();
+    if (child == 0) {
+        try {
+            SxFileIO::writeAtomic(file, [](SxFileIO* out) {
+                out->write(SxString("half"));
+                ::kill(::getpid(), SIGKILL);
+            });
+        } catch (const SxException&) {
+        }
+        ::_exit(0);
+    }
+    ASSERT_EQ(::waitpid(child, nullptr, 0), child);
+    EXPECT_EQ(dir.snapshot().size(), 1U);
+    // Others' files that only look alike, and one that is being written, stay.
+    for (const char* name :
+         {"file.tmp", "file.0123456.tmp", "file.0123456z.tmp", "other.01234567.tmp", "file.01234567.tmp2"})
+        dir.write(name, "x");
+    SxFileIO::writeAtomic(file, [&](SxFileIO* out) {
+        SxFileIO::writeAtomic(file, SxString("inner"));
+        out->write(SxString("outer"));
+    });
+    EXPECT_EQ(dir.read("file"), "outer");
+    EXPECT_EQ(dir.snapshot().size(), 6U);
 }
