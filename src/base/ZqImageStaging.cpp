@@ -7,6 +7,7 @@
 #include "ZqImageFiles.h"
 #include "ZqImageReplacement.h"
 #include "ZqLog.h"
+#include "ZqRunTraces.h"
 #include "ZqSysEnv.h"
 
 #include <algorithm>
@@ -113,7 +114,7 @@ SxList<SxString> ZqImageStaging::findKept(const SxString& buildId) const {
                           UNIT, __LINE__);
     }
     SxList<SxString> kept;
-    if (isSame) kept << Gathered::TRACES;
+    if (isSame) kept << Gathered::TRACES << ZqRunTraces::NOTE;
     if (keepsWrites) kept << SxString(ZqImageFiles::LAYER_INDEX) << SxString(ZqImageFiles::LAYER_DATA);
     return kept;
 }

@@ -8,6 +8,7 @@
 #include "ZqMountMgr.h"
 #include "ZqStreamRecord.h"
 #include "ZqTraceFiles.h"
+#include "ZqTraceLock.h"
 #include "ZqTraceParams.h"
 #include "ZqVolume.h"
 #include "zqdevctl.h"
@@ -134,6 +135,8 @@ void requireTraceFolder(const SxString& image, const SxString& folder) {
             refuseTraceFolder(folder, "holds the image folder '" + info.getName() + "'");
         }
     }
+    if (ZqTraceLock::isHeld(ZqImageFolder::prefix(folder)))
+        refuseTraceFolder(folder, "is written by another command at the moment");
     if (!isTrace) refuseTraceFolder(folder, "holds something else than a trace");
 }
 

@@ -1,5 +1,6 @@
 #include "ZqRun.h"
 
+#include "SxClock.h"
 #include "SxException.h"
 #include "SxFSAction.h"
 #include "SxProcessGroup.h"
@@ -254,6 +255,8 @@ void ZqRun::noteApplication() {
 }
 
 void ZqRun::follow() {
+    if (!result.traceFolder.isEmpty() && settings.traceMs > 0)
+        traceEndNs = SxClock::get().steadyNs() + settings.traceMs * 1'000'000;
     while (guard->isRunning()) {
         if (isStopping()) {
             guard->stop();
@@ -264,6 +267,7 @@ void ZqRun::follow() {
         searching = guard->isSearching();
         noteApplication();
         lookForFrame();
+        endTrace();
         suspendProcess();
         feed.restoreWindow();
         const bool awaitsFrame = !settings.firstFrameFile.isEmpty() && result.firstFrameMs < 0;

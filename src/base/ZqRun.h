@@ -17,6 +17,11 @@ struct ZqDiskStatus;
 /// SxSystemThread.
 class ZqRun : public SxSystemThread {
 public:
+    /// An order is made for a start and what comes soon after it; play that goes on for hours would only make
+    /// the trace longer.
+    static constexpr int64 TRACE_MS = 600'000;
+    static constexpr int64 N_TRACES = 20;
+
     struct Settings {
         ZqImageFeed::Settings feed;
         bool startsAtOnce = false; ///< start the application as soon as there is a drive
@@ -25,6 +30,9 @@ public:
         bool isDriveOnly = false; ///< no application: feed the drive until somebody unmounts it
         SxString mountMode;       ///< how to mount; empty for what `app.json` says
         SxString traceFolder;     ///< where the trace goes; empty for a new folder among the image's traces
+        bool isUntraced = false;  ///< no trace among the image's
+        int64 traceMs = TRACE_MS; ///< recording ends after so much play, in milliseconds; 0 for never
+        int64 nTraces = N_TRACES; ///< of the traces that runs made here so many stay; 0 for all
         SxString firstFrameFile;  ///< a file written with the application's first frame; may be empty
     };
     enum Phase {
@@ -95,6 +103,8 @@ private:
     void takeDriveAway();
     void tellWaiting(const SxString& line);
     bool hasOwnTrace() const;
+    /// Ends the recording where it has lasted long enough.
+    void endTrace();
     void awaitRoom();
     void feedDrive();
     void prepare();
@@ -133,8 +143,9 @@ private:
     std::atomic<bool> isHalted{false}; ///< the application doesn't run, as the machine is about to sleep
     SxString notedGroup;
     bool startNoted = false, mounted = false;
-    int64 noteNs = 0;  ///< when noting failed last; 0 for never
-    int64 driveNs = 0; ///< when the drive was looked at last
+    int64 noteNs = 0;     ///< when noting failed last; 0 for never
+    int64 traceEndNs = 0; ///< when recording ends; 0 for no end, or where it has ended
+    int64 driveNs = 0;    ///< when the drive was looked at last
     int64 beginNs = 0, beginMs = 0;
     int64 oldFrameMs = -1; ///< when the file of the first frame was written ahead of the run; -1 for never
     Result result;

@@ -1,3 +1,4 @@
+#include "SxClock.h"
 #include "SxException.h"
 #include "SxFSAction.h"
 #include "SxTime.h"
@@ -5,6 +6,7 @@
 #include "ZqImageFolder.h"
 #include "ZqLog.h"
 #include "ZqRun.h"
+#include "ZqRunTraces.h"
 #include "ZqSysEnv.h"
 #include "ZqVolume.h"
 
@@ -127,6 +129,7 @@ void ZqRun::mount() {
     result.traceFolder = hasOwnTrace() ? newTraceFolder(image) : settings.traceFolder;
     feed.driveStarts();
     bringUp(mode);
+    if (hasOwnTrace()) ZqRunTraces(image).add(result.traceFolder, settings.nTraces);
     result.mountMs = elapsedMs();
     patiently([&] { feed.alignCursor(); });
 }
@@ -175,7 +178,20 @@ void ZqRun::tellWaiting(const SxString& line) {
 
 /// Whether the trace goes among the image's own.
 bool ZqRun::hasOwnTrace() const {
-    return settings.traceFolder.isEmpty() && !settings.isDriveOnly && !settings.feed.isDownloadOnly;
+    return settings.traceFolder.isEmpty() && !settings.isUntraced && !settings.isDriveOnly &&
+           !settings.feed.isDownloadOnly;
+}
+
+void ZqRun::endTrace() {
+    if (traceEndNs == 0 || SxClock::get().steadyNs() < traceEndNs) return;
+    traceEndNs = 0;
+    try {
+        ZqMountMgr().monitorOff(image);
+        zqLogMsg("base", "ZqRun: the trace ends, the application goes on");
+    } catch (const SxException& e) {
+        // It only gets longer than it should.
+        zqLogMsg("base", SxString("ZqRun: cannot end the trace: ") + e.what());
+    }
 }
 
 /// The mount ends where it can't write the record of its trace.

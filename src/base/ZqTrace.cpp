@@ -7,8 +7,10 @@
 #include "ZqSysEnv.h"
 #include "ZqTimers.h"
 #include "ZqTraceFiles.h"
+#include "ZqTraceLock.h"
 #include "ZqTraceRecords.h"
 
+#include <optional>
 #include <type_traits>
 
 using ZqTraceRecords::CHUNK, ZqTraceRecords::SIZE, ZqTraceRecords::decode, ZqTraceRecords::Writer;
@@ -52,12 +54,30 @@ const char* readIntoRoom(SxFileIO* file, int64 n, ZqTrace::Items* items) {
 }
 
 /// Appends those of the `n` records that come through; see ZqTrace::getItems().
-void filter(const char* records, int64 n, bool unique, bool unflagged, bool flagged, ZqTrace::Items* items) {
-    SxIndexSet seen(unique ? n : 0);
+void filter(const char* records, int64 n, bool unflagged, bool flagged, ZqTrace::Items* items) {
     for (const char* end = records + n * SIZE; records < end; records += SIZE) {
         const ZqTraceItem item = decode(records);
-        if ((item.flag ? flagged : unflagged) && (!unique || seen.insert(item.block))) items->append(item);
+        if (item.flag ? flagged : unflagged) items->append(item);
     }
+}
+
+/// Of each block the first item that comes through. A long trace has many more records than blocks, and may
+/// be larger than the memory, so it is read in pieces.
+SxPtr<ZqTrace::Items> getUnique(const SxString& path, bool unflagged, bool flagged) {
+    ZqTraceRecords::Reader reader(path);
+    auto items = SxPtr<ZqTrace::Items>::create();
+    try {
+        SxIndexSet seen(reader.getN());
+        ZqTraceItem item;
+        while (reader.next(&item)) {
+            if ((item.flag ? flagged : unflagged) && seen.insert(item.block)) items->append(item);
+        }
+    } catch (const std::bad_alloc&) {
+        throw SxException("Cannot read trace items from " + path + ZqTraceFiles::ITEMS +
+                              ": there is no memory",
+                          UNIT, __LINE__);
+    }
+    return items;
 }
 
 void finishRecord(const SxString& path, const ZqTraceRecords::Summary& items, ZqTraceParams::Method method,
@@ -91,7 +111,7 @@ void ZqTrace::write(const SxString& path) {
     const SxString file = path + ZqTraceFiles::ITEMS;
     try {
         if (!loaded) throw SxException("No trace data loaded", UNIT, __LINE__);
-        SxFSAction::mkdir_p(SxFileInfo(file).getPath(), 0777);
+        const ZqTraceLock lock(path);
         ZqTraceRecords::replace(path, [this](Writer* out) { putItems(out, *loaded); });
     } catch (const SxException& e) {
         throw SxException(e, "Failed to write " + file + " trace data", UNIT, __LINE__);
@@ -154,6 +174,7 @@ SxPtr<ZqTrace::Items> ZqTrace::getItems(bool unique, bool unflagged, bool flagge
 
 SxPtr<ZqTrace::Items> ZqTrace::getItems(const SxString& path, bool unique, bool unflagged, bool flagged) {
     const SxTakeTime timer(Timer::TraceTimer::ReadItems);
+    if (unique) return getUnique(path, unflagged, flagged);
     const SxString file = path + ZqTraceFiles::ITEMS;
     if (!SxFSAction::test_f(file)) {
         throw SxException("Cannot trace data. File '" + file + "' not found!", UNIT, __LINE__);
@@ -162,7 +183,7 @@ SxPtr<ZqTrace::Items> ZqTrace::getItems(const SxString& path, bool unique, bool 
         SxFileIO trc(file, "rb", 0600);
         const int64 n = trc.getSize() / SIZE;
         SxPtr<Items> result = makeRoom(n, file);
-        filter(readIntoRoom(&trc, n, result.getPtr()), n, unique, unflagged, flagged, result.getPtr());
+        filter(readIntoRoom(&trc, n, result.getPtr()), n, unflagged, flagged, result.getPtr());
         // Much that was dropped would hold on to much memory.
         if (result->getSize() < n / 2) *result = Items(*result);
         return result;
@@ -226,15 +247,23 @@ bool ZqTrace::write(const SxConstPtr<SxArray<uint64>>& blocks, const SxString& p
                     const SxString& buildId) {
     auto times = SxPtr<SxArray<uint64>>::create(blocks->getSize());
     times->set(static_cast<uint64>(ZqSysEnv::getSysTime()));
+    const ZqTraceLock lock(path);
     ZqTraceRecords::refuseRecording(path);
     ZqTraceParams().write(path);
-    return write(blocks, times, path, ZqTraceParams::FileScan, buildId);
+    write(lock, blocks, times, path, ZqTraceParams::FileScan, buildId);
+    return true;
 }
 
 bool ZqTrace::write(const SxConstPtr<SxArray<uint64>>& blocks, const SxConstPtr<SxArray<uint64>>& times,
                     const SxString& path, ZqTraceParams::Method method, const SxString& buildId) {
+    write(ZqTraceLock(path), blocks, times, path, method, buildId);
+    return true;
+}
+
+void ZqTrace::write(const ZqTraceLock&, const SxConstPtr<SxArray<uint64>>& blocks,
+                    const SxConstPtr<SxArray<uint64>>& times, const SxString& path,
+                    ZqTraceParams::Method method, const SxString& buildId) {
     const SxString file = path + ZqTraceFiles::ITEMS;
-    SxFSAction::mkdir_p(SxFileInfo(file).getPath(), 0777);
     ZqTraceRecords::Summary summary;
     try {
         if (blocks->getSize() != times->getSize()) {
@@ -251,21 +280,34 @@ bool ZqTrace::write(const SxConstPtr<SxArray<uint64>>& blocks, const SxConstPtr<
         throw SxException("Cannot write trace file " + file, UNIT, __LINE__);
     }
     finishRecord(path, summary, method, buildId);
-    return true;
 }
 
 bool ZqTrace::write(const SxConstPtr<Items>& items, const SxString& path, ZqTraceParams::Method method,
                     const SxString& buildId) {
-    return write(items, path, method, buildId, [] {});
+    const auto fill = [&](const Put& put) {
+        for (const ZqTraceItem& item : *items)
+            put(item);
+    };
+    SxFSAction::mkdir_p(SxFileInfo(path + ZqTraceFiles::RECORD).getPath(), 0777);
+    std::optional<ZqTraceLock> lock;
+    try {
+        lock.emplace(path);
+    } catch (const SxException& e) {
+        throw SxException(e, "The trace file [" + path + ZqTraceFiles::ITEMS + "] cannot be written.", UNIT,
+                          __LINE__);
+    }
+    write(*lock, fill, path, method, buildId, [] {});
+    return true;
 }
 
-bool ZqTrace::write(const SxConstPtr<Items>& items, const SxString& path, ZqTraceParams::Method method,
-                    const SxString& buildId, const std::function<void()>& prepareRecord) {
+void ZqTrace::write(const ZqTraceLock&, const std::function<void(const Put& put)>& fill, const SxString& path,
+                    ZqTraceParams::Method method, const SxString& buildId,
+                    const std::function<void()>& prepareRecord) {
     const SxString record = path + ZqTraceFiles::RECORD, file = path + ZqTraceFiles::ITEMS;
-    SxFSAction::mkdir_p(SxFileInfo(record).getPath(), 0777);
     ZqTraceRecords::Summary summary;
     try {
-        summary = ZqTraceRecords::replace(path, [&](Writer* out) { putItems(out, *items); });
+        summary = ZqTraceRecords::replace(
+            path, [&](Writer* out) { fill([out](const ZqTraceItem& item) { out->put(item); }); });
     } catch (const SxException& e) {
         throw SxException(e, "The trace file [" + file + "] cannot be written.", UNIT, __LINE__);
     }
@@ -276,5 +318,4 @@ bool ZqTrace::write(const SxConstPtr<Items>& items, const SxString& path, ZqTrac
         throw SxException(e, "The trace meta information [" + record + "] cannot be written.", UNIT,
                           __LINE__);
     }
-    return true;
 }

@@ -8,6 +8,8 @@
 
 #include <functional>
 
+class ZqTraceLock;
+
 /// A trace folder: which block of an image was touched, and when. Paths of folders end in a slash. Not
 /// locked.
 ///
@@ -73,7 +75,7 @@ public:
 
     // Editing. A relative time is an item's time minus the `time0` of its own trace.json, in milliseconds,
     // signed. Where nothing else is said, a failure leaves the trace as it was. What a mounted drive records
-    // into is refused.
+    // into, or another thread or process writes, is refused; see ZqTraceLock.
 
     /// Keeps the first access to each block of the loaded items.
     void trim();
@@ -98,11 +100,15 @@ public:
     /// run of negative length.
     static SxArray<ZqTraceItem> sequenceToTrace(const SxList<ZqSequence>& list);
 
+    /// Takes size, digest and duration of the record anew from the items, whatever it says: for a trace whose
+    /// items and record a cut has parted.
+    void mend();
+
     // Several traces of one image build.
 
     /// Writes the trace that has each block once, at the smallest relative time of any of `traces`, to
     /// `outPath`, sorted by that time; of equal ones that of the earlier trace counts. Raises, with nothing
-    /// written, where builds differ.
+    /// written, where builds differ, or one is a series of runs.
     static void merge(const SxString& outPath, const SxConstPtr<SxArray<ZqTrace>>& traces);
 
     /// What another trace would change in a reference.
@@ -126,10 +132,15 @@ public:
     void mapToImage(const SxString& patchPath, const SxString& outPath) const;
 
 private:
-    /// Calls `prepareRecord` between the items and their record: what fails ahead of it leaves the record
-    /// alone.
-    static bool write(const SxConstPtr<Items>& items, const SxString& path, ZqTraceParams::Method method,
-                      const SxString& buildId, const std::function<void()>& prepareRecord);
+    /// For who holds the lock of the trace in `path`. `fill` hands over the items. Calls `prepareRecord`
+    /// between the items and their record: what fails ahead of it leaves the record alone.
+    using Put = std::function<void(const ZqTraceItem&)>;
+    static void write(const ZqTraceLock& lock, const std::function<void(const Put& put)>& fill,
+                      const SxString& path, ZqTraceParams::Method method, const SxString& buildId,
+                      const std::function<void()>& prepareRecord);
+    static void write(const ZqTraceLock& lock, const SxConstPtr<SxArray<uint64>>& blocks,
+                      const SxConstPtr<SxArray<uint64>>& times, const SxString& path,
+                      ZqTraceParams::Method method, const SxString& buildId);
 
     SxString pathPrefix;
     SxPtr<Items> loaded; ///< null until read()

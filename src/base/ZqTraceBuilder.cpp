@@ -2,12 +2,14 @@
 
 #include "SxFSAction.h"
 #include "SxIndexSet.h"
+#include "SxJSONParser.h"
 #include "ZqImageLock.h"
 #include "ZqLog.h"
 #include "ZqMountMgr.h"
 #include "ZqSysEnv.h"
 #include "ZqTrace.h"
 #include "ZqTraceFiles.h"
+#include "ZqTraceLock.h"
 #include "ZqTraceRecords.h"
 #include "ZqTraceSources.h"
 
@@ -19,6 +21,8 @@
 namespace {
 
 constexpr const char* UNIT = "src/base/ZqTraceBuilder";
+/// Characters of a build id that tell a former result of it.
+constexpr size_t MARK = 8;
 constexpr const char* SCHEMA = "zqtrace-schema.json";
 
 void log(const SxString& text) {
@@ -45,44 +49,48 @@ void requireReadable(const SxString& file) {
     }
 }
 
-/// The record of a trace; none where what stands in its folder is none.
-std::optional<ZqTraceParams> readRecord(const SxString& path) {
+/// Whether a file of a trace is JSON. What is and makes no record is none of ours to remove: it may be one of
+/// a newer version.
+bool isJson(const SxString& file) {
+    if (sizeOf(file) <= 0) return false;
     try {
-        return ZqTraceParams(path);
+        SxJSONParser parser;
+        parser.readString(SxFileIO::readUtf8(file), file);
+        return true;
     } catch (const SxException&) {
-        requireReadable(path + ZqTraceFiles::RECORD);
-    }
-    try {
-        return ZqTraceParams(path);
-    } catch (const SxException& e) {
-        log("Corrupted trace " + path);
-        log(e.what());
-        return {};
+        requireReadable(file);
+        return false;
     }
 }
 
-/// Why the items can be none of a trace; empty where they can.
-SxString findDamage(const ZqTrace::Items& items) {
-    for (const ZqTraceItem& item : items) {
-        if (item.block >= ZqTraceRecords::MAX_BLOCKS)
-            return "It names block " + SxString(item.block) + ", which no disk has";
+/// A walk over the items of a run ahead of its joining.
+struct Walk {
+    Walk(const SxString& path, uint64 start, uint64 end) {
+        ZqTraceRecords::Reader reader(path);
+        ZqTraceItem item;
+        uint64 first = 0;
+        for (bool begun = false; reader.next(&item); begun = true) {
+            if (!begun) first = item.time;
+            if (item.block >= ZqTraceRecords::MAX_BLOCKS && wildBlock == 0) wildBlock = item.block;
+            fitsStart = fitsStart && ZqTraceRecords::holds(item.time - first + start);
+            fitsEnd = fitsEnd && ZqTraceRecords::holds(item.time - first + end);
+        }
     }
-    return {};
-}
 
-/// Whether records can hold the times of the run where its first item is put at `start`.
-bool fitsBehind(const ZqTrace::Items& run, uint64 start) {
-    return std::all_of(run.begin(), run.end(), [&](const ZqTraceItem& item) {
-        return ZqTraceRecords::holds(item.time - run(0).time + start);
-    });
-}
+    uint64 wildBlock = 0; ///< one that no disk has
+    /// Whether records can hold the times where the run is put there.
+    bool fitsStart = true, fitsEnd = true;
+};
 
 } // namespace
 
 /// A folder of the sweep.
 struct ZqTraceBuilder::Run {
+    enum Fate { Open, Damaged, Stays };
+
     SxString name, path; ///< the path with its trailing slash
     std::optional<ZqTraceParams> record;
+    Fate fate = Open;
 };
 
 /// Runs one behind the other, of which only the first access to each block is kept.
@@ -92,26 +100,30 @@ public:
     explicit Joined(int64 nMost) : seen(nMost) {}
 
     bool hasBase() const { return base.has_value(); }
-    /// Takes the first run.
-    void begin(const ZqTraceParams& record, const ZqTrace::Items& run) {
-        base = record;
-        add(run, 0);
-        // Where the record tells none, the items do.
-        if (base->duration > 0) duration = base->duration;
-    }
-    /// Appends a run behind the end. False, with nothing done, where a record can't hold its times at all.
-    /// Raises where the end lies so far that it could elsewhere: what came before is at fault, not the run.
-    bool append(const ZqTrace::Items& run) {
-        const uint64 start = static_cast<uint64>(base->time0), end = start + static_cast<uint64>(duration);
-        if (!fitsBehind(run, end)) {
-            if (!fitsBehind(run, start)) return false;
-            throw SxException("The traces from '" + base->pathPrefix +
-                                  "' on last too long for another one; the times of one of them are damaged",
-                              UNIT, __LINE__);
+    const ZqTraceParams& getBase() const { return *base; }
+    /// Where the next run begins, and where it would if it were the second one, each without a length.
+    uint64 getEnd() const { return getStart() + static_cast<uint64>(duration); }
+    uint64 getStart() const { return static_cast<uint64>(base->time0); }
+
+    /// Appends the run in `path` behind the end; the first one stays where it is.
+    void append(const ZqTraceParams& record, const SxString& path) {
+        const bool isFirst = !base;
+        const uint64 end = isFirst ? 0 : getEnd();
+        if (isFirst) {
+            base = record;
+        } else {
+            base->firstSessionBlockIndex = items.getSize();
         }
-        base->firstSessionBlockIndex = items.getSize();
-        add(run, run.getSize() > 0 ? end - run(0).time : 0);
-        return true;
+        ZqTraceRecords::Reader reader(path);
+        ZqTraceItem item;
+        uint64 shift = 0;
+        for (bool begun = false; reader.next(&item); begun = true) {
+            if (!begun && !isFirst) shift = end - item.time;
+            add(item, shift);
+        }
+        duration = nAll > 1 ? static_cast<int64>(last - first) : 0;
+        // Where the record tells none, the items do.
+        if (isFirst && base->duration > 0) duration = base->duration;
     }
     /// Writes the whole, but for its record, which is given.
     ZqTraceParams writeItems(const SxString& path) const {
@@ -128,13 +140,10 @@ public:
     }
 
 private:
-    void add(const ZqTrace::Items& run, uint64 shift) {
-        for (const ZqTraceItem& item : run) {
-            last = item.time + shift;
-            if (nAll++ == 0) first = last;
-            if (seen.insert(item.block)) items.append(ZqTraceItem(item.block, last, item.flag));
-        }
-        duration = nAll > 1 ? static_cast<int64>(last - first) : 0;
+    void add(const ZqTraceItem& item, uint64 shift) {
+        last = item.time + shift;
+        if (nAll++ == 0) first = last;
+        if (seen.insert(item.block)) items.append(ZqTraceItem(item.block, last, item.flag));
     }
 
     std::optional<ZqTraceParams> base;
@@ -198,21 +207,22 @@ void ZqTraceBuilder::sweep() {
         const auto cutOff = ZqTraceSources::read(folder.getOrig() + "/");
         if (!cutOff) continue;
         log("Going on with what was cut off, from " + folder.getOrig());
-        cutOff->finish(tracesPath, folder.getName());
+        noteRemoved(cutOff->finish(tracesPath, folder.getName()));
     }
     std::vector<Run> runs = findRuns();
     if (runs.size() <= 1) return log("Nothing to merge");
     readRecords(&runs);
+    choose(&runs);
     int64 nMost = 0;
     for (const Run& run : runs) {
-        if (run.record) nMost += std::max<int64>(sizeOf(run.path + ZqTraceFiles::ITEMS), 0);
+        if (run.fate == Run::Open) nMost += std::max<int64>(sizeOf(run.path + ZqTraceFiles::ITEMS), 0);
     }
     Joined joined(nMost / ZqTraceRecords::SIZE);
-    join(&runs, &joined);
+    joinAll(&runs, &joined);
     finish(runs, joined);
 }
 
-std::vector<ZqTraceBuilder::Run> ZqTraceBuilder::findRuns() const {
+std::vector<ZqTraceBuilder::Run> ZqTraceBuilder::findRuns() {
     std::vector<Run> runs;
     for (const SxDir& folder : SxFSAction::getDirs(tracesPath)) {
         const SxString path = folder.getAbsPath() + "/";
@@ -220,6 +230,13 @@ std::vector<ZqTraceBuilder::Run> ZqTraceBuilder::findRuns() const {
         if (ZqTraceRecords::isRecording(path)) {
             if (name == traceName) ZqTraceRecords::refuseRecording(path);
             log("A mounted drive records into " + path);
+            left.push_back({name, "a mounted drive records into it"});
+        } else if (ZqTraceLock::isHeld(path)) {
+            if (name == traceName)
+                throw SxException("Another command writes the trace '" + path + "' at the moment", UNIT,
+                                  __LINE__);
+            log("Another command writes " + path);
+            left.push_back({name, "another command writes it at the moment"});
         } else if (!ZqTraceSources::isTraceFolder(path)) {
             if (name == traceName) {
                 throw SxException("Folder '" + path +
@@ -245,55 +262,121 @@ void ZqTraceBuilder::readRecords(std::vector<Run>* runs) {
         throw SxException("Required schema file " + schema + " not found", UNIT, __LINE__);
     }
     for (Run& run : *runs) {
-        run.record = readRecord(run.path);
-        if (!run.record) ++nCorrupted;
+        try {
+            run.record = ZqTraceParams(run.path);
+        } catch (const SxException& e) {
+            if (isJson(run.path + ZqTraceFiles::RECORD)) {
+                const SxException* cause = &e;
+                while (cause->getCause())
+                    cause = cause->getCause();
+                leave(&run, cause->getMessage());
+                continue;
+            }
+        }
+        // A record that could be read isn't empty.
+        if (run.record && sizeOf(run.path + ZqTraceFiles::ITEMS) > 0) continue;
+        log("Corrupted trace " + run.path);
+        run.fate = Run::Damaged;
+        ++nCorrupted;
     }
 }
 
-void ZqTraceBuilder::join(std::vector<Run>* runs, Joined* joined) {
+void ZqTraceBuilder::leave(Run* run, const SxString& why) {
+    log("Leaving out " + run->path + ": " + why);
+    run->fate = Run::Stays;
+    left.push_back({run->name, why});
+}
+
+void ZqTraceBuilder::choose(std::vector<Run>* runs) {
+    const auto startOf = [](const Run& run) { return static_cast<uint64>(run.record->time0); };
+    const Run* newest = nullptr;
+    for (const Run& run : *runs) {
+        if (run.fate == Run::Open && (!newest || startOf(run) >= startOf(*newest))) newest = &run;
+    }
+    if (!newest) return;
+    const SxString build = newest->record->checksumMnt;
     std::map<uint64, Run*> byStart;
     for (Run& run : *runs) {
-        if (!run.record) continue;
-        Run*& place = byStart[static_cast<uint64>(run.record->time0)];
-        if (place) log("Leaving out " + place->path + ", which starts at the same time as " + run.path);
-        place = &run;
+        if (run.fate != Run::Open) continue;
+        if (!(run.record->checksumMnt == build)) {
+            leave(&run, "it is of the build '" + run.record->checksumMnt + "', and the newest run, '" +
+                            newest->name + "', is of '" + build + "'");
+            continue;
+        }
+        Run*& place = byStart[startOf(run)];
+        Run* other = place;
+        // A former result has all that went into it.
+        if (!place || !(place->name == traceName)) place = &run;
+        if (other == nullptr) continue;
+        if (place == other) other = &run;
+        leave(other, "it starts at the same time as '" + place->name + "'");
+    }
+}
+
+SxString ZqTraceBuilder::findObstacle(const Run& run, const Joined& joined) const {
+    const SxString mismatch = ZqTraceRecords::findMismatch(run.path, *run.record);
+    if (!mismatch.isEmpty()) return mismatch;
+    const Walk walk(run.path, joined.hasBase() ? joined.getStart() : 0,
+                    joined.hasBase() ? joined.getEnd() : 0);
+    if (walk.wildBlock != 0) return "it names block " + SxString(walk.wildBlock) + ", which no disk has";
+    if (!joined.hasBase() || walk.fitsEnd) return {};
+    if (!walk.fitsStart) return "it has times that no trace can hold";
+    // What came before is at fault, not the run.
+    throw SxException("The traces from '" + joined.getBase().pathPrefix +
+                          "' on last too long for another one; the times of one of them are damaged",
+                      UNIT, __LINE__);
+}
+
+void ZqTraceBuilder::joinAll(std::vector<Run>* runs, Joined* joined) {
+    std::map<uint64, Run*> byStart;
+    for (Run& run : *runs) {
+        if (run.fate == Run::Open) byStart[static_cast<uint64>(run.record->time0)] = &run;
     }
     for (const auto& [time0, run] : byStart) {
-        // A record that could be read isn't empty.
-        if (sizeOf(run->path + ZqTraceFiles::ITEMS) <= 0) {
-            log("Corrupted trace" + run->path);
-            ++nCorrupted;
+        const SxString obstacle = findObstacle(*run, *joined);
+        if (!obstacle.isEmpty()) {
+            leave(run, obstacle);
             continue;
         }
-        const auto items = ZqTrace::getItems(run->path, false, true, true);
-        SxString damage = findDamage(*items);
-        if (damage.isEmpty() && !joined->hasBase()) {
-            log("Base trace " + run->path);
-            joined->begin(*run->record, *items);
-        } else if (damage.isEmpty()) {
-            log("Appending trace " + run->path);
-            if (!joined->append(*items)) damage = "It has times that no trace can hold";
-        }
-        if (!damage.isEmpty()) {
-            log("Corrupted trace" + run->path);
-            log(damage);
-            ++nCorrupted;
-            continue;
-        }
+        log((joined->hasBase() ? "Appending trace " : "Base trace ") + run->path);
+        joined->append(*run->record, run->path);
         ++nJoined;
     }
 }
 
-void ZqTraceBuilder::finish(const std::vector<Run>& runs, const Joined& joined) const {
+void ZqTraceBuilder::noteRemoved(const SxList<SxString>& names) {
+    for (const SxString& name : names)
+        removed << name;
+}
+
+void ZqTraceBuilder::finish(const std::vector<Run>& runs, const Joined& joined) {
+    const auto isFormer = [this](const Run& run) { return run.name == traceName; };
+    const bool isAlone = nJoined == 1 && nCorrupted == 0 &&
+                         std::any_of(runs.begin(), runs.end(),
+                                     [&](const Run& run) { return isFormer(run) && run.fate == Run::Open; });
+    if (isAlone || nJoined + nCorrupted == 0) {
+        nJoined = 0;
+        return log("Nothing to merge");
+    }
     const bool hasResult = joined.hasBase();
     const SxString name = ZqTraceSources::newName(tracesPath);
     const SxString work = tracesPath + name + "/";
     // Ahead of the note, which takes another new name.
     if (hasResult) SxFSAction::mkdir_p(work, 0777);
     ZqTraceSources sources(hasResult ? traceName : SxString());
-    for (const Run& run : runs)
-        sources.add(tracesPath, run.name);
-    if (!hasResult) return sources.removeAll(tracesPath);
+    for (const Run& run : runs) {
+        if (run.fate != Run::Stays) {
+            sources.add(tracesPath, run.name);
+        } else if (isFormer(run) && hasResult) {
+            const SxString aside = sources.keepAside(
+                tracesPath,
+                run.record ? SxString(run.record->checksumMnt.str().substr(0, MARK)) : SxString());
+            for (Left& one : left) {
+                if (one.name == run.name) one.name = aside;
+            }
+        }
+    }
+    if (!hasResult) return noteRemoved(sources.removeAll(tracesPath));
 
     try {
         const ZqTraceParams record = joined.writeItems(work);
@@ -310,5 +393,5 @@ void ZqTraceBuilder::finish(const std::vector<Run>& runs, const Joined& joined) 
         throw;
     }
     log("Merged traces into " + work);
-    sources.finish(tracesPath, name);
+    noteRemoved(sources.finish(tracesPath, name));
 }

@@ -1,14 +1,19 @@
 #pragma once
 
+#include "SxList.h"
 #include "SxMutex.h"
+#include "SxString.h"
 #include "SxSystemThread.h"
 
 #include <vector>
 
 /// Sweeps a folder of traces, one folder for each run, and folds them, one behind the other in the order of
-/// their start times, into one trace in there; the folders of the runs go. A trace that cannot be read is
-/// left out and goes too. What a mounted drive records into, and what is no trace, stays. Holds the shape of
-/// the image exclusively.
+/// their start times, into one trace in there; the folders of the runs go. A trace that is damaged, so one
+/// that doesn't parse or is empty, is left out and goes too. Every other that isn't joined stays: of a newer
+/// format, of another build than the newest run, of two with the same start all but one, what a drive records
+/// into. So does what is no trace. Holds the shape of the image exclusively.
+///
+/// Of a run its records are walked twice and never held; in memory are the first accesses to each block.
 ///
 /// After a cut at any point the next sweep goes on from what is there: the result is complete, synced and in
 /// its place, with a note of what went into it (see ZqTraceSources), before the first run goes.
@@ -28,8 +33,16 @@ public:
     const SxString& getRefusal() const { return refusal; }
     /// Traces that are in the result now, the former result included; 0 where there was nothing to join.
     int64 getNJoined() const { return nJoined; }
-    /// Traces that could not be read and went.
+    /// Traces that were damaged and went.
     int64 getNCorrupted() const { return nCorrupted; }
+    /// A trace that was left where it is, but for a former result, which makes room under another name.
+    struct Left {
+        SxString name; ///< of its folder now
+        SxString why;  ///< a clause
+    };
+    const std::vector<Left>& getLeft() const { return left; }
+    /// Names of the folders that are gone: what was joined, and what was damaged.
+    const SxList<SxString>& getRemoved() const { return removed; }
 
 protected:
     void main() override;
@@ -41,11 +54,17 @@ private:
     void sweep();
     void giveUp(const SxString& why);
     /// The folders that take part.
-    std::vector<Run> findRuns() const;
+    std::vector<Run> findRuns();
     void readRecords(std::vector<Run>* runs);
-    void join(std::vector<Run>* runs, Joined* joined);
+    /// Leaves out what can't go into one trace with the newest run.
+    void choose(std::vector<Run>* runs);
+    void leave(Run* run, const SxString& why);
+    void joinAll(std::vector<Run>* runs, Joined* joined);
+    /// Says why the run can't be joined; empty where it can.
+    SxString findObstacle(const Run& run, const Joined& joined) const;
     /// Puts the result in the place of the runs.
-    void finish(const std::vector<Run>& runs, const Joined& joined) const;
+    void finish(const std::vector<Run>& runs, const Joined& joined);
+    void noteRemoved(const SxList<SxString>& names);
 
     const SxString imagePath, tracesPath, traceName;
 
@@ -54,4 +73,6 @@ private:
 
     SxString refusal;
     int64 nJoined = 0, nCorrupted = 0;
+    std::vector<Left> left;
+    SxList<SxString> removed;
 };

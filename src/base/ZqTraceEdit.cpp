@@ -4,8 +4,10 @@
 #include "SxIndexSet.h"
 #include "ZqTrace.h"
 #include "ZqTraceFiles.h"
+#include "ZqTraceLock.h"
 #include "ZqTraceRecords.h"
 
+#include <algorithm>
 #include <optional>
 
 namespace {
@@ -56,25 +58,33 @@ void ZqTrace::trim() {
 }
 
 void ZqTrace::trim(const SxString& outPath) {
+    const ZqTraceLock lock(outPath);
     const ZqTraceParams record(pathPrefix);
     const SxPtr<Items> items = getItems(true, true, true);
-    write(items, outPath, record.method, record.checksumMnt, [&] { record.write(outPath); });
+    const auto fill = [&](const Put& put) { std::for_each(items->begin(), items->end(), put); };
+    write(lock, fill, outPath, record.method, record.checksumMnt, [&] { record.write(outPath); });
 }
 
 void ZqTrace::dropTime(int64 from, int64 to) {
+    const ZqTraceLock lock(pathPrefix);
     const ZqTraceParams record(pathPrefix);
-    const SxPtr<Items> items = getItems(false, true, true);
-    keepOnly(items.getPtr(), [&](const ZqTraceItem& item) {
-        const int64 time = relativeTime(item, record);
-        return from <= time && time <= to;
-    });
-    if (items->getSize() == 0) {
-        throw SxException("All items have been dropped, no trace written.", UNIT, __LINE__);
-    }
-    write(items, pathPrefix, record.method, record.checksumMnt);
+    // A trace may be larger than the memory, so it is walked once more instead of being held.
+    const auto walk = [&](const Put& put) {
+        ZqTraceRecords::Reader reader(pathPrefix);
+        ZqTraceItem item;
+        while (reader.next(&item)) {
+            const int64 time = relativeTime(item, record);
+            if (from <= time && time <= to) put(item);
+        }
+    };
+    bool isEmpty = true;
+    walk([&](const ZqTraceItem&) { isEmpty = false; });
+    if (isEmpty) throw SxException("All items have been dropped, no trace written.", UNIT, __LINE__);
+    write(lock, walk, pathPrefix, record.method, record.checksumMnt, [] {});
 }
 
 void ZqTrace::shift(int seconds) {
+    const ZqTraceLock lock(pathPrefix);
     ZqTraceRecords::refuseRecording(pathPrefix);
     ZqTraceParams record(pathPrefix);
     if (__builtin_sub_overflow(record.time0, seconds * MS_PER_S, &record.time0)) {
@@ -87,13 +97,15 @@ void ZqTrace::shift(int seconds) {
 }
 
 void ZqTrace::align(const SxString& refPath) {
+    const ZqTraceLock lock(pathPrefix);
     const ZqTraceParams refRecord(refPath), record(pathPrefix);
-    const SxPtr<Items> items = getItems(false, true, true);
+    const SxPtr<Items> items = getItems(true, true, true);
     if (!(refRecord.checksumMnt == record.checksumMnt)) {
         throw SxException("Cannot align traces: Different build IDs detected.", UNIT, __LINE__);
     }
     SxIndexSet blocks(items->getSize());
-    keepOnly(items.getPtr(), [&](const ZqTraceItem& item) { return blocks.insert(item.block); });
+    for (const ZqTraceItem& item : *items)
+        blocks.insert(item.block);
     const auto ref = findFirst(refPath, blocks);
     if (!ref) {
         throw SxException("Trace alignment failed: Cannot find common blocks to align.", UNIT, __LINE__);
@@ -108,7 +120,8 @@ void ZqTrace::align(const SxString& refPath) {
         (*items)(i - nAhead).time += shift;
     }
     items->resize(items->getSize() - nAhead, true);
-    write(items, pathPrefix, ZqTraceParams::Align, record.checksumMnt);
+    const auto fill = [&](const Put& put) { std::for_each(items->begin(), items->end(), put); };
+    write(lock, fill, pathPrefix, ZqTraceParams::Align, record.checksumMnt, [] {});
 }
 
 void ZqTrace::append(const SxString& otherPath, const SxString& outPath, int gapSeconds) {
@@ -129,9 +142,10 @@ void ZqTrace::append(const SxString& otherPath, const SxString& outPath, int gap
     for (const ZqTraceItem& item : *other)
         joined->append(ZqTraceItem(item.block, item.time - (*other)(0).time + end, item.flag));
     loaded = joined;
+    std::optional<ZqTraceLock> lock;
     ZqTraceRecords::Summary summary;
     try {
-        SxFSAction::mkdir_p(SxFileInfo(outPath + ZqTraceFiles::ITEMS).getPath(), 0777);
+        lock.emplace(outPath);
         summary = ZqTraceRecords::replace(outPath, [&](ZqTraceRecords::Writer* out) {
             for (const ZqTraceItem& item : *joined)
                 out->put(item);
@@ -145,4 +159,16 @@ void ZqTrace::append(const SxString& otherPath, const SxString& outPath, int gap
     record.method = ZqTraceParams::IncMonitoring;
     record.checksumTrc = summary.digest;
     record.write(outPath);
+}
+
+void ZqTrace::mend() {
+    const ZqTraceLock lock(pathPrefix);
+    ZqTraceRecords::refuseRecording(pathPrefix);
+    const SxString file = pathPrefix + ZqTraceFiles::ITEMS;
+    if (!SxFSAction::test_f(file)) throw SxException("Trace file " + file + " not found", UNIT, __LINE__);
+    ZqTraceParams record(pathPrefix);
+    record.size = SxFileInfo(file).getSize();
+    record.duration = getTraceDuration(pathPrefix);
+    record.checksumTrc = SxMd5::file(file, nullptr);
+    record.write(pathPrefix);
 }

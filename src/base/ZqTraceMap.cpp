@@ -5,6 +5,7 @@
 #include "ZqLog.h"
 #include "ZqTrace.h"
 #include "ZqTraceFiles.h"
+#include "ZqTraceLock.h"
 #include "ZqTraceRecords.h"
 
 namespace {
@@ -73,25 +74,31 @@ void ZqTrace::mapToImage(const SxString& patchPath, const SxString& outPath) con
     }
     const SxString file = patchPath + "map.idx";
     const SxArray<uint64> map = readMap(file);
-    const SxPtr<Items> items = getItems(false, true, true);
-    uint64 nMapped = 0, nLost = 0;
-    for (ZqTraceItem& item : *items) {
-        // Behind the map's end lies what the old image never had.
-        const bool isInside = item.block < static_cast<uint64>(map.getSize());
-        const uint64 rawIdx = isInside ? map(static_cast<int64>(item.block)) : NONE;
-        if (rawIdx == NONE) {
-            item.valid = false;
-            ++nLost;
-            continue;
+    // A trace may be larger than the memory, so it is walked once more instead of being held.
+    int64 nItems = 0;
+    uint64 nMapped = 0;
+    const auto walk = [&](const Put& put) {
+        ZqTraceRecords::Reader reader(pathPrefix);
+        nItems = reader.getN();
+        nMapped = 0;
+        ZqTraceItem item;
+        while (reader.next(&item)) {
+            // Behind the map's end lies what the old image never had.
+            const bool isInside = item.block < static_cast<uint64>(map.getSize());
+            const uint64 rawIdx = isInside ? map(static_cast<int64>(item.block)) : NONE;
+            if (rawIdx == NONE) continue;
+            if ((rawIdx & ZqTraceRecords::FLAG) != 0) {
+                throw SxException("The patch map " + file + " is damaged: entry " + item.block +
+                                      " names block " + rawIdx + ", which no disk has",
+                                  UNIT, __LINE__);
+            }
+            item.block = rawIdx;
+            ++nMapped;
+            put(item);
         }
-        if ((rawIdx & ZqTraceRecords::FLAG) != 0) {
-            throw SxException("The patch map " + file + " is damaged: entry " + item.block + " names block " +
-                                  rawIdx + ", which no disk has",
-                              UNIT, __LINE__);
-        }
-        item.block = rawIdx;
-        ++nMapped;
-    }
-    logResult(items->getSize(), nMapped, nLost);
-    write(items, outPath, ZqTraceParams::Patch, app.checksumMnt, [&] { copyRecord(pathPrefix, outPath); });
+    };
+    walk([](const ZqTraceItem&) {});
+    logResult(nItems, nMapped, static_cast<uint64>(nItems) - nMapped);
+    write(ZqTraceLock(outPath), walk, outPath, ZqTraceParams::Patch, app.checksumMnt,
+          [&] { copyRecord(pathPrefix, outPath); });
 }

@@ -7,6 +7,7 @@
 #include "ZqTimers.h"
 #include "ZqTrace.h"
 #include "ZqTraceFiles.h"
+#include "ZqTraceLock.h"
 #include "ZqTraceRecords.h"
 
 #include <memory>
@@ -42,6 +43,7 @@ public:
 
     /// Number of records.
     int64 getN() const { return reader.getN(); }
+    const ZqTraceParams& getRecord() const { return record; }
     const SxString& getBuildId() const { return record.checksumMnt; }
     const ZqTraceItem& getItem() const { return item; }
     /// Of the present item.
@@ -167,6 +169,7 @@ void ZqTrace::merge(const SxString& outPath, const SxConstPtr<SxArray<ZqTrace>>&
     sources.reserve(static_cast<size_t>(traces->getSize()));
     for (const ZqTrace& trace : *traces) {
         sources.emplace_back(trace.pathPrefix);
+        sources.back().getRecord().refuseSeries();
         const SxString& own = sources.back().getBuildId();
         nItems += sources.back().getN();
         if (buildId.isEmpty()) buildId = own;
@@ -174,12 +177,12 @@ void ZqTrace::merge(const SxString& outPath, const SxConstPtr<SxArray<ZqTrace>>&
             throw SxException("Cannot merge traces: Different build IDs detected.", UNIT, __LINE__);
         }
     }
+    const ZqTraceLock lock(outPath);
     // What a former record says beyond a merge stays.
     ZqTraceParams record;
     withRecordOf(outPath, [&] {
         if (SxFSAction::test_f(outPath + ZqTraceFiles::RECORD)) record = ZqTraceParams(outPath);
     });
-    SxFSAction::mkdir_p(SxFileInfo(outPath + ZqTraceFiles::RECORD).getPath(), 0777);
 
     ZqTraceRecords::Summary summary;
     std::optional<SxTakeTime> writing;
@@ -199,6 +202,8 @@ void ZqTrace::merge(const SxString& outPath, const SxConstPtr<SxArray<ZqTrace>>&
     record.size = summary.size;
     record.duration = summary.duration;
     record.method = ZqTraceParams::Merge;
+    // No run was appended to what this is.
+    record.firstSessionBlockIndex = 0;
     record.checksumTrc = summary.digest;
     record.checksumMnt = buildId;
     withRecordOf(outPath, [&] { record.write(outPath); });

@@ -104,6 +104,16 @@ bool ZqTraceParams::isValid(const SxString& path) {
     }
 }
 
+void ZqTraceParams::refuseSeries() const {
+    if (!isSeries()) return;
+    throw SxException(
+        "The trace '" + pathPrefix +
+            "' holds several runs one behind the other, as 'trace build' and 'trace append' make "
+            "it, and no times within one run; take the runs' own traces: tavrin trace merge OUT "
+            "TRACE...",
+        UNIT, __LINE__);
+}
+
 ZqTraceParams::Method ZqTraceParams::stringToMethod(const SxString& text) {
     for (size_t i = 0; i < METHODS.size(); ++i) {
         if (text == METHODS[i]) return static_cast<Method>(i);

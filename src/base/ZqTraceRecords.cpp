@@ -47,6 +47,23 @@ Summary replace(const SxString& path, const std::function<void(Writer* out)>& fi
     return summary;
 }
 
+SxString findMismatch(const SxString& path, const ZqTraceParams& record) {
+    const SxString file = path + ZqTraceFiles::ITEMS;
+    // Only one that is still written, or whose writer was killed, has no size and no digest in its record.
+    const int64 size = SxFileInfo(file).getSize();
+    const bool fits = (record.size == 0 || record.size == size) &&
+                      (record.checksumTrc.isEmpty() || record.checksumTrc == SxMd5::file(file, nullptr));
+    if (fits) return {};
+    return "'" + file + "' isn't the one that '" + path + ZqTraceFiles::RECORD +
+           "' tells of: a command was cut off between the two; give that command again, or take the items as "
+           "they are: tavrin trace mend TRACE";
+}
+
+void requireMatch(const SxString& path) {
+    const SxString mismatch = findMismatch(path, ZqTraceParams(path));
+    if (!mismatch.isEmpty()) throw SxException(mismatch, UNIT, __LINE__);
+}
+
 bool isRecording(const SxString& path) {
     const SxString file = path + ZqTraceFiles::ITEMS;
     SxOs& os = SxOs::get();

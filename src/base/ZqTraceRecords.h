@@ -3,6 +3,7 @@
 #include "SxFileIO.h"
 #include "SxMd5.h"
 #include "ZqTraceItem.h"
+#include "ZqTraceParams.h"
 
 #include <bit>
 #include <cstring>
@@ -95,6 +96,13 @@ struct Summary {
 /// Replaces `img.trc` in the folder `path`, as a whole, by what `fill` writes. Raises where a drive records
 /// into the file that stands there.
 Summary replace(const SxString& path, const std::function<void(Writer* out)>& fill);
+
+/// Why `img.trc` in the folder `path` isn't the one that `record` was written for, by the size and the digest
+/// that it states, and what to do, a clause; empty where it is. A command replaces the two files one after
+/// the other, so one that is cut off between them leaves such a pair. Reads the whole file.
+SxString findMismatch(const SxString& path, const ZqTraceParams& record);
+/// Raises where there is one.
+void requireMatch(const SxString& path);
 
 /// Whether a mounted drive records into the trace in the folder `path` now.
 bool isRecording(const SxString& path);

@@ -21,6 +21,16 @@ namespace {
 
 constexpr const char* NOTE = "sources.json";
 
+/// Whether a cut may have left a file of that name in a trace folder.
+bool isRestName(const SxString& name) {
+    if (name == NOTE || name == ZqTraceFiles::LOCK) return true;
+    for (const char* file : {ZqTraceFiles::ITEMS, ZqTraceFiles::RECORD, NOTE}) {
+        // Former versions wrote under the second name.
+        if (SxFileIO::isTemporaryName(name, file) || name == SxString(file) + ".tmp") return true;
+    }
+    return false;
+}
+
 } // namespace
 
 bool ZqTraceSources::isPlainName(const SxString& name) {
@@ -32,13 +42,18 @@ bool ZqTraceSources::isTraceFolder(const SxString& path) {
     for (const SxFileInfo& info : SxFSAction::ls(path)) {
         const SxString name = info.getName();
         if (name == ZqTraceFiles::ITEMS || name == ZqTraceFiles::RECORD) return true;
-        bool isOurs = name == NOTE;
-        for (const SxString& file :
-             {SxString(ZqTraceFiles::ITEMS), SxString(ZqTraceFiles::RECORD), SxString(NOTE)})
-            isOurs = isOurs || name == file + ".tmp";
-        isRest = isRest && isOurs;
+        isRest = isRest && isRestName(name);
     }
     return isRest;
+}
+
+bool ZqTraceSources::holdsTraceAlone(const SxString& path) {
+    for (const SxFileInfo& info : SxFSAction::ls(path)) {
+        const SxString name = info.getName();
+        const bool isTrace = name == ZqTraceFiles::ITEMS || name == ZqTraceFiles::RECORD;
+        if (info.isDir() || !(isTrace || isRestName(name))) return false;
+    }
+    return true;
 }
 
 SxString ZqTraceSources::newName(const SxString& tracesPath) {
@@ -68,6 +83,15 @@ void ZqTraceSources::add(const SxString& tracesPath, const SxString& name) {
         folder.name = aside;
     }
     folders.push_back(folder);
+}
+
+SxString ZqTraceSources::keepAside(const SxString& tracesPath, const SxString& mark) {
+    aside = target + "-" + mark;
+    const bool isFit = std::all_of(mark.str().begin(), mark.str().end(), [](char c) {
+        return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+    });
+    if (mark.isEmpty() || !isFit || SxFSAction::exists(tracesPath + aside)) aside = newName(tracesPath);
+    return aside;
 }
 
 void ZqTraceSources::write(const SxString& path) const {
@@ -134,7 +158,8 @@ bool ZqTraceSources::isAsNoted(const SxString& tracesPath, const Folder& noted) 
     return (now.record.isEmpty() || now.record == noted.record) && (now.size < 0 || now.size == noted.size);
 }
 
-void ZqTraceSources::removeAll(const SxString& tracesPath) const {
+SxList<SxString> ZqTraceSources::removeAll(const SxString& tracesPath) const {
+    SxList<SxString> removed;
     // By the listing, which fails where it can't tell: a source that is passed over would be joined again.
     for (const SxFileInfo& info : SxFSAction::ls(tracesPath)) {
         const auto noted = std::find_if(folders.begin(), folders.end(),
@@ -142,13 +167,16 @@ void ZqTraceSources::removeAll(const SxString& tracesPath) const {
         if (noted == folders.end() || !isAsNoted(tracesPath, *noted)) continue;
         zqLogMsg("base", "ZqTraceBuilder::main: Removing trace folder " + info.getAbsPath());
         SxFSAction::rm_r(info);
+        if (!(noted->name == aside)) removed << noted->name;
     }
     SxFSAction::syncDir(tracesPath);
+    return removed;
 }
 
-void ZqTraceSources::finish(const SxString& tracesPath, const SxString& name) const {
+SxList<SxString> ZqTraceSources::finish(const SxString& tracesPath, const SxString& name) const {
     if (!(name == target)) putInPlace(tracesPath, name);
-    removeAll(tracesPath);
+    SxList<SxString> removed = removeAll(tracesPath);
     SxFSAction::rm(tracesPath + target + "/" + NOTE);
     SxFSAction::syncDir(tracesPath + target + "/");
+    return removed;
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "SxList.h"
 #include "SxString.h"
 
 #include <optional>
@@ -18,6 +19,9 @@ public:
 
     /// Notes the folder `name` of `tracesPath` as one that went in.
     void add(const SxString& tracesPath, const SxString& name);
+    /// A former result isn't one that went in, and gets another name, which is given: with `mark`, letters
+    /// and digits that tell it, where that is free.
+    SxString keepAside(const SxString& tracesPath, const SxString& mark);
     /// Writes the note into the trace folder `path`.
     void write(const SxString& path) const;
     /// The note of a complete trace; none where there is none, or what stands there is none. Raises where it
@@ -25,17 +29,20 @@ public:
     static std::optional<ZqTraceSources> read(const SxString& path);
 
     /// Puts the complete trace in the folder `name` of `tracesPath` in its place, removes the folders that
-    /// went into it, and then the note. After a cut at any point it goes on when it is called again.
-    void finish(const SxString& tracesPath, const SxString& name) const;
+    /// went into it, and then the note. After a cut at any point it goes on when it is called again. Gives
+    /// the names of the folders that are gone.
+    SxList<SxString> finish(const SxString& tracesPath, const SxString& name) const;
 
-    /// Removes the folders that were noted.
-    void removeAll(const SxString& tracesPath) const;
+    /// Removes the folders that were noted; gives their names, but for that of a former result.
+    SxList<SxString> removeAll(const SxString& tracesPath) const;
 
     /// A new name for a folder in `tracesPath`.
     static SxString newName(const SxString& tracesPath);
     static bool isPlainName(const SxString& name);
     /// Whether the folder `path` holds a trace, or what a cut left of one, or nothing.
     static bool isTraceFolder(const SxString& path);
+    /// Whether it holds nothing beside that.
+    static bool holdsTraceAlone(const SxString& path);
 
 private:
     struct Folder {

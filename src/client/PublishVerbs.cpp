@@ -171,9 +171,10 @@ void registerPublishVerbs(Family* image) {
     auto ordering = SxPtr<OrderOptions>::create();
     image
         ->verb("order", "Work out a new order from a trace, as an index folder",
-               "tavrin image order games/alpha traces/merged orders/alpha")
+               "tavrin trace merge merged games/alpha/traces/*\n"
+               "  tavrin image order games/alpha merged orders/alpha")
         .argument("IMAGE", &ordering->image, "Image folder")
-        .argument("TRACE", &ordering->trace, "Trace folder, as a rule a merged one")
+        .argument("TRACE", &ordering->trace, "Trace folder, as a rule what trace merge made of several runs")
         .argument("INDEX", &ordering->index, "Folder to make")
         .action([ordering](Output& out) { return order(*ordering, out); });
 

@@ -19,6 +19,8 @@
 namespace {
 constexpr const char* UNIT = "src/client/RunVerbs";
 constexpr int64 LOOK_MS = 100;
+constexpr int64 MS_PER_S = 1000;
+constexpr int64 MOST_SECONDS = 1'000'000, MOST_TRACES = 1'000'000;
 /// From one look at the job's end to the next.
 constexpr int64 END_LOOK_MS = 50;
 
@@ -26,7 +28,8 @@ struct RunOptions {
     SxString image, url, report, page;
     SxList<SxString> headers;
     uint64 rate = 0;
-    bool now = false, keepMounted = false, complete = false;
+    bool now = false, keepMounted = false, complete = false, noTrace = false;
+    int64 nTraces = ZqRun::N_TRACES, traceSeconds = ZqRun::TRACE_MS / MS_PER_S;
 };
 
 SxString phaseText(ZqRun::Phase phase) {
@@ -163,6 +166,9 @@ int run(const RunOptions& options, Output& out) {
         }
     }
     ZqRun::Settings settings;
+    settings.isUntraced = options.noTrace;
+    settings.traceMs = options.traceSeconds * MS_PER_S;
+    settings.nTraces = options.nTraces;
     settings.feed.image = options.image;
     settings.feed.url = options.url;
     settings.feed.headers = SxArray<SxString>(options.headers);
@@ -252,6 +258,11 @@ void registerRunVerbs(App* app) {
               "Complete the image when the application has ended, and leave the drive")
         .flag("--complete", &options.complete,
               "Complete the image when the application has ended, and then take the drive away")
+        .flag("--no-trace", &options.noTrace, "Record no trace of the run")
+        .integer("--trace-seconds", &options.traceSeconds, 0, MOST_SECONDS,
+                 "Record for so many seconds of play; 600 where not given, 0 for all of it")
+        .integer("--keep-traces", &options.nTraces, 0, MOST_TRACES,
+                 "Keep the traces of the last N runs; 20 where not given, 0 for all")
         .text("--report", &options.report, "FILE", "Write the figures of the run to this file, as JSON")
         .text("--page", &options.page, "FILE",
               "Write figures and charts of the run to this file, as one page of HTML")

@@ -12,6 +12,7 @@
 #include <tavrin/ZqTraceFiles.h>
 #include <tavrin/ZqTracePlot.h>
 #include <tavrin/ZqTraceRecords.h>
+#include <tavrin/ZqTraceSources.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -50,10 +51,12 @@ struct Items {
     int64 n = 0, nFlagged = 0;
 };
 
-/// The folder of a trace that is read, with its slash. What can be no trace is refused.
+/// The folder of a trace that is read, with its slash. What can be no trace is refused, and what a cut has
+/// parted.
 SxString requireTrace(const SxString& trace) {
     SxString folder = ZqImageFolder::prefix(trace);
     const Items items(folder);
+    ZqTraceRecords::requireMatch(folder);
     return folder;
 }
 
@@ -62,8 +65,7 @@ SxString requirePlace(const SxString& trace) {
     SxString folder = ZqImageFolder::prefix(trace);
     if (ZqImageFolder::isFree(trace)) return folder;
     const bool isTrace = SxFSAction::test_d(trace) && !ZqImageFolder::holdsImage(trace) &&
-                         (SxFSAction::test_f(folder + ZqTraceFiles::ITEMS) ||
-                          SxFSAction::test_f(folder + ZqTraceFiles::RECORD));
+                         ZqTraceSources::isTraceFolder(folder);
     if (isTrace) return folder;
     throw SxException("'" + trace + "' holds something else than a trace; name another folder", UNIT,
                       __LINE__);
@@ -93,10 +95,12 @@ struct TraceInfo {
         nItems = items.n;
         nFlagged = items.nFlagged;
         nUnique = ZqTrace(folder).getNItems(true);
+        mismatch = ZqTraceRecords::findMismatch(folder, params);
     }
 
     ZqTraceParams params;
     int64 nItems = 0, nUnique = 0, nFlagged = 0;
+    SxString mismatch; ///< why the two files don't belong together; empty where they do
 };
 
 SxSymbol describeJson(const TraceInfo& info) {
@@ -106,6 +110,7 @@ SxSymbol describeJson(const TraceInfo& info) {
     result.append("flagged", info.nFlagged);
     result.append("duration", info.params.duration);
     result.append("method", ZqTraceParams::methodToString(info.params.method));
+    result.append("matches", info.mismatch.isEmpty());
     return result;
 }
 
@@ -120,6 +125,7 @@ void describeText(const TraceInfo& info, Output* out) {
     field("Items", SxString(info.nItems) + ", " + info.nFlagged + " flagged");
     field("Unique", SxString(info.nUnique) + (info.nUnique == 1 ? " block" : " blocks"));
     field("Duration", SxString::sprintf("%.3f s", static_cast<double>(params.duration) / 1000));
+    if (!info.mismatch.isEmpty()) field("Cut off", info.mismatch);
 }
 
 int showInfo(const SxString& trace, Output& out) {
@@ -170,6 +176,13 @@ int append(const EditOptions& options, Output& out) {
     const SxString place = requirePlace(options.out);
     ZqTrace(folder).append(other, place, static_cast<int>(options.seconds));
     return reportWritten(place, newObject(), "Appended", &out);
+}
+
+int mend(const EditOptions& options, Output& out) {
+    const SxString folder = ZqImageFolder::prefix(options.trace);
+    const Items items(folder);
+    ZqTrace(folder).mend();
+    return reportWritten(folder, newObject(), "Mended", &out);
 }
 
 SxSymbol describeJson(const ZqSequence& run) {
@@ -319,8 +332,21 @@ int build(const BuildOptions& options, Output& out) {
     SxSymbol result = newObject();
     result.append("joined", builder.getNJoined());
     result.append("corrupted", builder.getNCorrupted());
-    if (builder.getNCorrupted() > 0) {
-        out.text("Left out " + SxString(builder.getNCorrupted()) + " damaged; the log names them.");
+    SxSymbol removed = result.append("removed", SxParserAst::Array);
+    for (const SxString& name : builder.getRemoved())
+        removed.append(name.validUtf8());
+    SxSymbol left = result.append("left", SxParserAst::Array);
+    for (const ZqTraceBuilder::Left& one : builder.getLeft()) {
+        SxSymbol entry = left.append(SxParserAst::Object);
+        entry.append("name", one.name.validUtf8());
+        entry.append("why", one.why.validUtf8());
+        out.text("Left '" + one.name + "': " + one.why);
+    }
+    if (!builder.getRemoved().isEmpty()) {
+        const SxString damaged = builder.getNCorrupted() == 0
+                                     ? SxString()
+                                     : ", " + SxString(builder.getNCorrupted()) + " of them damaged";
+        out.text("Removed '" + SxString::join(builder.getRemoved(), "', '") + "'" + damaged + ".");
     }
     if (builder.getNJoined() > 0) {
         return reportWritten(traces + options.name + "/", result,
@@ -362,6 +388,11 @@ void registerEditVerbs(Family* family) {
         .argument("TRACE", &edit->trace, TRACE_HELP)
         .argument("REFERENCE", &edit->other, "Trace that gives the time")
         .action([edit](Output& out) { return align(*edit, out); });
+    family
+        ->verb("mend", "Take size, digest and duration of a trace anew from its items, in place",
+               "tavrin trace mend traces/run1")
+        .argument("TRACE", &edit->trace, TRACE_HELP)
+        .action([edit](Output& out) { return mend(*edit, out); });
     family
         ->verb("append", "Put one trace behind another",
                "tavrin trace append traces/run1 traces/run2 both --gap 5")

@@ -1,9 +1,9 @@
 #include "ZqBlockOrder.h"
 
 #include "SxException.h"
-#include "SxFileInfo.h"
 #include "ZqImage.h"
 #include "ZqTraceFiles.h"
+#include "ZqTraceRecords.h"
 
 #include <algorithm>
 #include <array>
@@ -33,6 +33,15 @@ bool isBelow(const ZqLoadProfilePoint& a, const ZqLoadProfilePoint& b, const ZqL
     return Wide{b.size - a.size} * (c.time - a.time) <= Wide{c.size - a.size} * (b.time - a.time);
 }
 
+/// Shows the items of a trace one by one. A trace may be larger than the memory.
+template<class Look>
+void walk(const SxString& trace, Look&& look) {
+    ZqTraceRecords::Reader reader(trace);
+    ZqTraceItem item;
+    while (reader.next(&item))
+        look(item);
+}
+
 /// Leaves few of the points, without a change to what any speed asks for ahead of the start or any start asks
 /// for as speed: those are told by the corners of the hull. Of the others enough stay to see how the need
 /// grows.
@@ -60,58 +69,52 @@ SxList<ZqLoadProfilePoint> thinOut(const std::vector<ZqLoadProfilePoint>& points
 } // namespace
 
 ZqBlockOrder::ZqBlockOrder(const Image& image, const SxString& trace) : placed(image.included.size()) {
-    const SxPtr<ZqTrace::Items> items = readItems(image, trace);
+    requireFit(image, trace);
     order.reserve(std::count(image.included.begin(), image.included.end(), true));
     for (const uint64 rawIdx : image.front)
         nFront += place(image, rawIdx) ? 1 : 0;
-    for (const ZqTraceItem& item : *items)
-        nNamed += place(image, item.block) ? 1 : 0;
+    walk(trace, [&](const ZqTraceItem& item) { nNamed += place(image, item.block) ? 1 : 0; });
     placeNear(image);
     for (uint64 rawIdx = 0; rawIdx < placed.size(); ++rawIdx)
         place(image, rawIdx);
     makeMap(placed.size());
     placed = {};
-    makeProfile(*items);
+    makeProfile(trace);
 }
 
 void ZqBlockOrder::requireBuild(const SxString& trace, const SxString& buildId, const SxString& name) {
-    const SxString of = ZqTraceParams(trace).checksumMnt;
+    const ZqTraceParams record(trace);
+    record.refuseSeries();
+    const SxString of = record.checksumMnt;
     if (of == buildId) return;
     throw SxException("The trace '" + trace + "' is one of the build '" + of + "', and '" + name +
                           "' is the build '" + buildId + "'",
                       UNIT, __LINE__);
 }
 
-SxPtr<ZqTrace::Items> ZqBlockOrder::readItems(const Image& image, const SxString& trace) {
+void ZqBlockOrder::requireFit(const Image& image, const SxString& trace) {
     requireBuild(trace, image.buildId, image.name);
+    ZqTraceRecords::requireMatch(trace);
     const SxString file = trace + ZqTraceFiles::ITEMS;
-    const int64 size = SxFileInfo(file).getSize(), expected = ZqTraceParams(trace).size;
-    // Only one that is still written, or whose writer was killed, has no size in its record.
-    if (expected != 0 && expected != size) {
-        throw SxException("The trace '" + file + "' has " + SxString(size) + " bytes, its record says " +
-                              expected,
-                          UNIT, __LINE__);
-    }
-    SxPtr<ZqTrace::Items> items = ZqTrace::getItems(trace, false, true, true);
     bool named = false;
-    for (const ZqTraceItem& item : *items) {
+    walk(trace, [&](const ZqTraceItem& item) {
         if (item.block >= image.included.size()) {
             throw SxException("The trace '" + file + "' names block " + item.block + ", and '" + image.name +
                                   "' has " + static_cast<uint64>(image.included.size()),
                               UNIT, __LINE__);
         }
         named = named || image.included[item.block];
-    }
+    });
     if (!named) {
         throw SxException("The trace '" + file + "' names no block that '" + image.name + "' includes", UNIT,
                           __LINE__);
     }
-    return items;
 }
 
 /// Gives whether the block has got its place now.
 bool ZqBlockOrder::place(const Image& image, uint64 rawIdx) {
-    if (!image.included[rawIdx] || placed[rawIdx]) return false;
+    // The trace may have been replaced since it was looked at.
+    if (rawIdx >= placed.size() || !image.included[rawIdx] || placed[rawIdx]) return false;
     placed[rawIdx] = true;
     order.append(rawIdx);
     return true;
@@ -151,22 +154,25 @@ void ZqBlockOrder::makeMap(uint64 nRaw) {
         map(static_cast<int64>(rawIdx)) = zqfIdx++;
 }
 
-void ZqBlockOrder::makeProfile(const ZqTrace::Items& items) {
-    const auto zqfIdxOf = [&](const ZqTraceItem& item) { return map(static_cast<int64>(item.block)); };
+void ZqBlockOrder::makeProfile(const SxString& trace) {
+    const auto zqfIdxOf = [&](const ZqTraceItem& item) {
+        const bool isInside = item.block < static_cast<uint64>(map.getSize());
+        return isInside ? map(static_cast<int64>(item.block)) : ZqImage::NO_ENTRY;
+    };
     std::optional<int64> start;
-    for (const ZqTraceItem& item : items) {
+    walk(trace, [&](const ZqTraceItem& item) {
         const uint64 zqfIdx = zqfIdxOf(item);
-        if (zqfIdx == ZqImage::NO_ENTRY || zqfIdx < nFront) continue;
+        if (zqfIdx == ZqImage::NO_ENTRY || zqfIdx < nFront) return;
         start = std::min(start.value_or(static_cast<int64>(item.time)), static_cast<int64>(item.time));
-    }
+    });
     std::map<uint64, uint64> needs; // bytes by second
-    for (const ZqTraceItem& item : items) {
+    walk(trace, [&](const ZqTraceItem& item) {
         const uint64 zqfIdx = zqfIdxOf(item);
-        if (zqfIdx == ZqImage::NO_ENTRY) continue;
+        if (zqfIdx == ZqImage::NO_ENTRY) return;
         const int64 ms = start ? static_cast<int64>(item.time) - *start : 0;
         uint64& need = needs[static_cast<uint64>(std::max<int64>(ms, 0)) / MS_PER_SECOND];
         need = std::max(need, (zqfIdx + 1) * ZqImage::BLOCK_SIZE);
-    }
+    });
     std::vector<ZqLoadProfilePoint> points;
     for (const auto& [second, size] : needs) {
         if (!points.empty() && size <= points.back().size) continue;

@@ -43,15 +43,16 @@ public:
 
     /// Writes sizes and profile of the order into the record of an image; its digests stay.
     void apply(ZqAppParams* app) const;
-    /// Raises unless the trace folder `trace` has a record of that build; `name` is the image's.
+    /// Raises unless the trace folder `trace` has a record of that build, and is no series of runs; `name` is
+    /// the image's.
     static void requireBuild(const SxString& trace, const SxString& buildId, const SxString& name);
 
 private:
-    static SxPtr<ZqTrace::Items> readItems(const Image& image, const SxString& trace);
+    static void requireFit(const Image& image, const SxString& trace);
     bool place(const Image& image, uint64 rawIdx);
     void placeNear(const Image& image);
     void makeMap(uint64 nRaw);
-    void makeProfile(const ZqTrace::Items& items);
+    void makeProfile(const SxString& trace);
 
     std::vector<bool> placed; ///< by RAW index
     SxArray<uint64> order, map;

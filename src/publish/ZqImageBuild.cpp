@@ -253,7 +253,7 @@ void ZqImageBuild::main() {
 /// What would fail behind all the work is better found now.
 void ZqImageBuild::refuseBadTrace() const {
     if (options.trace.isEmpty()) return;
-    ZqTraceParams record(tracePrefix());
+    ZqTraceParams(tracePrefix()).refuseSeries();
     if (ZqImageStaging::liesIn(options.trace, target)) {
         throw SxException("The trace '" + options.trace + "' would be removed with what '" + target +
                               "' holds; copy it first",

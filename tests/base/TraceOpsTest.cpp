@@ -6,9 +6,14 @@
 #include "ZqAppParams.h"
 #include "ZqLog.h"
 #include "ZqTrace.h"
+#include "ZqTraceLock.h"
+#include "ZqTraceRecords.h"
 
+#include <csignal>
 #include <map>
 #include <set>
+#include <sys/wait.h>
+#include <unistd.h>
 
 namespace {
 
@@ -231,7 +236,7 @@ TEST(TraceOps, MergeOfLongTracesAndOfOthersRecords) {
     const Params record(out);
     EXPECT_EQ(record.guid, "kept");
     EXPECT_EQ(record.checksumIdx, "kept too");
-    EXPECT_EQ(record.firstSessionBlockIndex, 9);
+    EXPECT_EQ(record.firstSessionBlockIndex, 0) << "it would be taken for a series of runs";
     EXPECT_EQ(record.checksumMnt, "build");
 
     // Builds: one that is unknown counts only behind one that is known.
@@ -556,4 +561,72 @@ TEST(TraceOps, WhatADriveRecordsIntoIsNotTouched) {
     EXPECT_EQ(dir.snapshot(), before);
     recorder.close();
     EXPECT_EQ(failureOf([&] { ZqTrace(live).shift(1); }), "");
+}
+
+TEST(TraceOps, OneWriterAtATimeAndNoneAfterAKill) {
+    const TempDir dir;
+    const SxString one = makeTrace(dir, "one", at({{1, 1}, {2, 2}})),
+                   two = makeTrace(dir, "two", at({{3, 1}})), out = makeTrace(dir, "out", at({{9, 1}}));
+    const std::pair<const char*, std::function<void()>> writers[] = {
+        {"merge",
+         [&] {
+             ZqTrace::merge(out, asList({one, two}));
+         }},
+        {"trim", [&] { ZqTrace(one).trim(out); }},
+        {"append", [&] { ZqTrace(one).append(two, out, 0); }},
+        {"keep", [&] { ZqTrace(out).dropTime(0, 100); }},
+        {"shift", [&] { ZqTrace(out).shift(1); }},
+        {"align", [&] { ZqTrace(out).align(out); }},
+        {"mend", [&] { ZqTrace(out).mend(); }},
+        {"write", [&] { ZqTrace::write(SxPtr<ZqTrace::Items>::create(), out, Params::Set, "build"); }}};
+    const TreeSnapshot before = dir.snapshot();
+    // Another process has the folder, until it is killed.
+    int ready[2];
+    ASSERT_EQ(::pipe(ready), 0);
+    const pid_t child = ::fork();
+    if (child == 0) {
+        const ZqTraceLock lock(out);
+        if (::write(ready[1], "x", 1) == 1) ::pause();
+        ::_exit(0);
+    }
+    char byte = 0;
+    EXPECT_EQ(::read(ready[0], &byte, 1), 1);
+    for (const auto& [name, write] : writers)
+        EXPECT_THAT(failureOf(write), HasSubstr("Another command writes the trace '" + out.str())) << name;
+    EXPECT_TRUE(ZqTraceLock::isHeld(out));
+    ::kill(child, SIGKILL);
+    EXPECT_EQ(::waitpid(child, nullptr, 0), child);
+    for (const int fd : ready)
+        ::close(fd);
+    EXPECT_FALSE(ZqTraceLock::isHeld(out));
+    EXPECT_TRUE(dir.exists("out/trace.lock"));
+    for (const auto& [name, write] : writers) {
+        EXPECT_EQ(failureOf(write), "") << name;
+        EXPECT_EQ(dir.snapshot("out").size(), 2U) << name << " left something behind";
+    }
+    EXPECT_EQ(dir.snapshot().size(), before.size());
+}
+
+TEST(TraceOps, ACutBetweenTheFilesIsFoundAndMended) {
+    const TempDir dir;
+    const SxString path = makeTrace(dir, "a", at({{1, 1}, {2, 2}, {3, 7}}), 1000);
+    ZqTraceRecords::requireMatch(path); // a recorder's own states neither
+    ZqTrace(path).trim(path);
+    const Params whole(path);
+    const std::string items = dir.read("a/img.trc");
+    std::string other = items;
+    other[0] = 9; // of the same size
+    for (const std::string& now : {items.substr(0, 32), other, items + "rest"}) {
+        dir.write("a/img.trc", now);
+        EXPECT_THAT(failureOf([&] { ZqTraceRecords::requireMatch(path); }),
+                    HasSubstr("tavrin trace mend TRACE"));
+        ZqTrace(path).mend();
+        EXPECT_EQ(failureOf([&] { ZqTraceRecords::requireMatch(path); }), "");
+        Params mended(path);
+        EXPECT_EQ(mended.size, static_cast<int64>(now.size()));
+        EXPECT_EQ(mended.duration, now.size() == 32 ? 1 : 6);
+        std::tie(mended.size, mended.duration, mended.checksumTrc) =
+            std::tie(whole.size, whole.duration, whole.checksumTrc);
+        EXPECT_EQ(mended, whole) << "something else was changed";
+    }
 }

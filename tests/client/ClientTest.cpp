@@ -279,7 +279,8 @@ TEST_F(ClientTest, traceInfo) {
         items->append(ZqTraceItem(i % 3, 1500 * i, i == 1));
     ZqTrace::write(items, dir.path("trace/"), ZqTraceParams::Set, "build");
     std::filesystem::resize_file(dir.path("trace/img.trc"), 16 * 5 + 9);
-    const std::string json = R"({"items":5,"unique":3,"flagged":1,"duration":6000,"method":"set"})";
+    const std::string json =
+        R"({"items":5,"unique":3,"flagged":1,"duration":6000,"method":"set","matches":false})";
     for (const string slash : {"", "/"}) {
         const Outcome shown = run({"trace", "info", dir.path("trace") + slash, "--json"});
         EXPECT_EQ(shown.code, 0) << shown.err;
@@ -404,8 +405,30 @@ TEST_F(ClientTest, traceVerbs) {
     EXPECT_EQ(run({"trace", "shift", out, "2147483648"}).code, 2);
     EXPECT_EQ(run({"trace", "merge", out}).code, 2);
 
-    EXPECT_EQ(json({"build", dir.path("image")}),
-              R"({"joined":2,"corrupted":0,"items":6,"duration":6000,"method":"inc-monitoring"})");
+    // A cut between the two files is told, and mended.
+    const string half = dir.path("half");
+    EXPECT_EQ(run({"trace", "trim", a, half}).code, 0);
+    dir.write("half/img.trc", dir.read("half/img.trc").substr(0, 32));
+    for (const Words& words : {Words{"trace", "merge", out, half, a}, Words{"trace", "keep", half, "0", "1"}})
+        EXPECT_THAT(run(words).err, HasSubstr("tavrin trace mend TRACE"));
+    EXPECT_FALSE(parseJson(run({"trace", "info", half, "--json"}).out).getElem("matches").toBool());
+    EXPECT_EQ(json({"mend", half}), R"({"items":2,"duration":1000)" + set);
+    EXPECT_EQ(run({"trace", "merge", out, half, a}).code, 0);
+
+    const string image = makeImage("image2");
+    EXPECT_EQ(
+        json({"build", dir.path("image")}),
+        R"({"joined":2,"corrupted":0,"removed":["a","b"],"left":[],"items":6,"duration":6000,"method":"inc-monitoring"})");
+    // Runs one behind the other make no order and no merge, by whatever way they have come.
+    const string built = dir.path("image/traces/merged"), copy = dir.path("copy");
+    const Words asMerge = {"trace", "merge", dir.path("twice"), built};
+    EXPECT_THAT(run(asMerge).err, HasSubstr("take the runs' own traces: tavrin trace merge OUT TRACE..."));
+    EXPECT_EQ(run({"trace", "trim", built, copy}).code, 0);
+    EXPECT_EQ(run({"trace", "shift", copy, "1"}).code, 0);
+    for (const string& series : {built, copy}) {
+        const Words asOrder = {"image", "order", image, series, dir.path("index")};
+        EXPECT_THAT(run(asOrder).err, HasSubstr("one behind the other"));
+    }
     EXPECT_EQ(run({"trace", "build", dir.path("image")}).out, "Nothing to merge.\n");
     std::filesystem::remove_all(dir.path("image/traces"));
     EXPECT_THAT(run({"trace", "build", dir.path("image")}).err, HasSubstr("Cannot find "));

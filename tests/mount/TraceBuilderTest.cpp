@@ -56,11 +56,17 @@ public:
         nJoined = builder.getNJoined();
         nCorrupted = builder.getNCorrupted();
         refusal = builder.getRefusal();
+        left.clear();
+        for (const ZqTraceBuilder::Left& one : builder.getLeft())
+            left[one.name.str()] = one.why.str();
+        removed = {builder.getRemoved().begin(), builder.getRemoved().end()};
         return builder.hasException() ? builder.getException().what() : "";
     }
 
     int64 nJoined = 0, nCorrupted = 0;
     SxString refusal;
+    std::map<std::string, std::string> left; ///< why, by name
+    std::vector<SxString> removed;
 };
 
 /// The same by appending folder by folder, with all that it says going through files.
@@ -185,8 +191,12 @@ TEST(TraceBuilder, WhatIsDamagedGoesAndWhatIsNoTraceStays) {
     EXPECT_EQ(sweep.nJoined, 1);
     EXPECT_EQ(sweep.itemsOf("merged").size(), 2U);
     EXPECT_EQ(sweep.nLogged("ZqTraceBuilder::main: Corrupted trace"), sweep.nCorrupted);
-    EXPECT_EQ(sweep.nCorrupted, 7);
-    EXPECT_THAT(sweep.names(), ElementsAre("letters", "merged", "note.txt"));
+    EXPECT_EQ(sweep.nCorrupted, 5);
+    EXPECT_THAT(sweep.names(), ElementsAre("far", "letters", "merged", "note.txt", "wild"));
+    EXPECT_THAT(sweep.removed,
+                testing::UnorderedElementsAre("good", "empty", "cut", "without items", "nothing", "half"));
+    EXPECT_THAT(sweep.left["wild"], HasSubstr("which no disk has"));
+    EXPECT_THAT(sweep.left["far"], HasSubstr("times that no trace can hold"));
 
     // Nothing that can be read at all: the folders go, no result comes.
     Sweep hopeless;
@@ -195,6 +205,72 @@ TEST(TraceBuilder, WhatIsDamagedGoesAndWhatIsNoTraceStays) {
     EXPECT_EQ(hopeless.sweep(), "");
     EXPECT_THAT(hopeless.names(), IsEmpty());
     EXPECT_EQ(hopeless.nCorrupted, 3);
+}
+
+TEST(TraceBuilder, SoundRunsThatArentJoinedStayAndAreNamed) {
+    Sweep sweep;
+    const auto change = [&](const std::string& run, const std::function<void(ZqTraceParams*)>& set) {
+        ZqTraceParams record(sweep.folder(run));
+        set(&record);
+        record.write();
+    };
+    const auto ofBuild = [](const char* build) {
+        return [build](ZqTraceParams* record) { record->checksumMnt = build; };
+    };
+    sweep.makeRun("1 old", 100, {1, 2});
+    sweep.makeRun("merged", 50, {3});
+    for (const char* run : {"1 old", "merged"})
+        change(run, ofBuild("0123456789"));
+    for (const auto& [run, time0] : {std::pair("2 a", 200), {"3 b", 300}, {"3 c", 300}, {"4 newest", 400}}) {
+        sweep.makeRun(run, time0, {static_cast<uint64>(time0), 7});
+        change(run, ofBuild("now"));
+    }
+    for (const char* run : {"version", "method", "digest", "size"})
+        sweep.makeRun(run, 500, {8});
+    const auto rewrite = [&](const std::string& run, const std::string& from, const std::string& to) {
+        std::string text = sweep.dir.read(sweep.traces + run + "/trace.json");
+        text.replace(text.find(from), from.size(), to);
+        sweep.dir.write(sweep.traces + run + "/trace.json", text);
+    };
+    rewrite("version", "\"version\": 2", "\"version\": 3");
+    rewrite("method", "monitoring", "telepathy");
+    for (const auto& [run, time0] : {std::pair("digest", 350), {"size", 360}}) {
+        change(run, [&, name = std::string(run), start = time0](ZqTraceParams* record) {
+            record->time0 = start;
+            record->checksumMnt = "now";
+            (name == "size" ? record->size : record->duration) = 999;
+            if (name == "digest") record->checksumTrc = SxMd5::get(SxString("another"));
+        });
+    }
+    const auto itemsBefore = sweep.itemsOf("merged");
+    EXPECT_EQ(sweep.sweep(), "");
+    EXPECT_EQ(sweep.nJoined, 3);
+    EXPECT_EQ(sweep.nCorrupted, 0);
+    EXPECT_THAT(sweep.names(), ElementsAre("1 old", "3 b", "digest", "merged", "merged-01234567", "method",
+                                           "size", "version"));
+    EXPECT_THAT(sweep.removed, ElementsAre("2 a", "3 c", "4 newest"));
+    ASSERT_EQ(sweep.itemsOf("merged").size(), 4U);
+    EXPECT_EQ(sweep.itemsOf("merged")[2].block, 300U);
+    EXPECT_EQ(sweep.itemsOf("merged-01234567"), itemsBefore) << "the former result is lost";
+    const std::pair<const char*, const char*> reasons[] = {{"1 old", "of the build '0123456789'"},
+                                                           {"merged-01234567", "of the build '0123456789'"},
+                                                           {"3 b", "at the same time as '3 c'"},
+                                                           {"version", "File version"},
+                                                           {"method", "Trace Method 'telepathy' unknown"},
+                                                           {"digest", "tavrin trace mend"},
+                                                           {"size", "tavrin trace mend"}};
+    EXPECT_EQ(sweep.left.size(), std::size(reasons));
+    for (const auto& [run, why] : reasons)
+        EXPECT_THAT(sweep.left[run], HasSubstr(why)) << run;
+
+    // Nothing of all this is a reason to write the result anew, or to take its place.
+    change("3 b", [](ZqTraceParams* record) { record->time0 = 200; });
+    const TreeSnapshot before = sweep.dir.snapshot(sweep.traces);
+    EXPECT_EQ(sweep.sweep(), "");
+    EXPECT_EQ(sweep.dir.snapshot(sweep.traces), before);
+    EXPECT_EQ(sweep.nJoined, 0);
+    EXPECT_THAT(sweep.removed, IsEmpty());
+    EXPECT_THAT(sweep.left["3 b"], HasSubstr("at the same time as 'merged'"));
 }
 
 TEST(TraceBuilder, GivesUpAndTouchesNothing) {

@@ -233,6 +233,39 @@ TEST_F(StreamRun, AKilledRunLeavesItsApplicationToTheNext) {
     EXPECT_FALSE(isMounted());
 }
 
+TEST_F(StreamRun, RecordsNoLongerAndKeepsNoMoreThanItIsTold) {
+    const auto traces = [&] {
+        std::set<string> names;
+        if (!fs::exists(got + "/traces")) return names;
+        for (const auto& entry : fs::directory_iterator(got + "/traces"))
+            names.insert(entry.path().filename().string());
+        return names;
+    };
+    {
+        const auto player = start({"--now", "--no-trace"});
+        EXPECT_EQ(player->end(), 0) << player->says();
+        expectPlayed();
+        EXPECT_THAT(traces(), testing::IsEmpty());
+    }
+    dir.write("got/traces/brought/img.trc", "");
+    std::set<string> former;
+    for (int i = 0; i < 2; ++i) {
+        hold();
+        fs::remove(played + ".started");
+        const auto player = start({"--now", "--trace-seconds", "1", "--keep-traces", "1"});
+        ASSERT_TRUE(SxWait::pass(20'000, [&] { return hasStarted(); })) << player->says();
+        EXPECT_TRUE(eventually([&] {
+            return run({"status", got, "--json"}).out.find("\"monitored\": false") != string::npos;
+        }));
+        release();
+        EXPECT_EQ(player->end(), 0) << player->says();
+        EXPECT_EQ(traces().size(), 2U);
+        EXPECT_TRUE(traces().count("brought"));
+        EXPECT_NE(traces(), former) << "the newest one isn't that which stays";
+        former = traces();
+    }
+}
+
 TEST_F(StreamRun, RecordsThatAKilledRunDidntGetAreFetched) {
     const uint64 nTotal = fs::file_size(served + "/img.zqf");
     for (const uint64 nThere : {uint64{100'000}, nTotal}) {

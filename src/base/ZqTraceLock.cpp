@@ -1,0 +1,60 @@
+#include "ZqTraceLock.h"
+
+#include "SxException.h"
+#include "SxFSAction.h"
+#include "SxOs.h"
+#include "ZqTraceFiles.h"
+
+#include <cerrno>
+
+namespace {
+
+constexpr const char* UNIT = "src/base/ZqTraceLock";
+
+std::string lockFile(const SxString& path) {
+    return SxOs::hostPath(path + ZqTraceFiles::LOCK);
+}
+
+/// Whether the file was removed since it was opened: its holder has ended, and others lock another one.
+bool isStale(int fd, const std::string& host) {
+    SxStat held, named;
+    return SxOs::get().statFd(fd, &held) < 0 || SxOs::get().lstat(host, &named) < 0 ||
+           held.inode != named.inode || held.device != named.device;
+}
+
+} // namespace
+
+ZqTraceLock::ZqTraceLock(const SxString& path) : host(lockFile(path)) {
+    SxFSAction::mkdir_p(SxFileInfo(path + ZqTraceFiles::LOCK).getPath(), 0777);
+    SxOs& os = SxOs::get();
+    for (;;) {
+        fd = os.open(host, SxOs::Read | SxOs::Write | SxOs::Create | SxOs::NoFollow, 0666);
+        const int result = fd < 0 ? fd : os.lockRange(fd, 0, 1, SxOs::Lock::Exclusive);
+        if (result == -ENOLCK || result == -EOPNOTSUPP || result == -ENOSYS) return;
+        if (result == 0 && !isStale(fd, host)) return;
+        if (fd >= 0) os.close(fd);
+        if (result == -EAGAIN) {
+            throw SxException("Another command writes the trace '" + path + "' at the moment", UNIT,
+                              __LINE__);
+        }
+        if (result < 0) {
+            throw SxException(SxException(SxOs::errorText(result), UNIT, __LINE__),
+                              "Cannot lock the trace '" + path + "'", UNIT, __LINE__);
+        }
+    }
+}
+
+ZqTraceLock::~ZqTraceLock() {
+    // While it is still locked: whoever opens it meanwhile finds that it is gone.
+    SxOs::get().unlink(host);
+    SxOs::get().close(fd);
+}
+
+bool ZqTraceLock::isHeld(const SxString& path) {
+    SxOs& os = SxOs::get();
+    const int opened = os.open(lockFile(path), SxOs::Read | SxOs::NoFollow, 0);
+    if (opened < 0) return false;
+    const int locked = os.isLocked(opened, 0, 1, SxOs::Lock::Exclusive);
+    os.close(opened);
+    return locked == 1;
+}
