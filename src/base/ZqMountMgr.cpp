@@ -15,9 +15,6 @@
 namespace {
 
 constexpr const char* UNIT = "src/base/ZqMountMgr";
-/// By these the service's disks are known among all drives.
-constexpr const char* VENDOR_ID = "VOLM";
-constexpr const char* PRODUCT_ID = "ZqDD";
 
 using Version = std::array<int64, 3>;
 
@@ -105,20 +102,13 @@ SxString ZqMountMgr::queryMntPoint(const SxString& image) const {
     } catch (const SxException& e) {
         throw SxException(e, "Cannot query device ID for image " + image, UNIT, __LINE__);
     }
-    SxString drive = findDrive(id);
-    if (!drive.isEmpty()) return drive;
-    throw SxException("Cannot query mount point. Drive was not identified", UNIT, __LINE__);
-}
-
-SxString ZqMountMgr::findDrive(uint64 targetId) {
-    for (const SxString& drive : ZqVolume::getDrives()) {
-        ZqVolumeIdentity identity;
-        if (ZqVolume::queryIdentity(drive, &identity) && identity.vendorId == VENDOR_ID &&
-            identity.productId == PRODUCT_ID && identity.targetId == targetId) {
-            return drive;
-        }
+    ZqDiskStatus disk;
+    // The service that gave the id tells of the drive. Another disk may have come in the place of that one.
+    if (ZqVolume::findDisk(image, &disk) && disk.deviceId == id) {
+        SxString drive = ZqVolume::findDrive(disk);
+        if (!drive.isEmpty()) return drive;
     }
-    return {};
+    throw SxException("Cannot query mount point. Drive was not identified", UNIT, __LINE__);
 }
 
 SxString ZqMountMgr::queryMountPoint(const SxString& image) const {

@@ -107,10 +107,11 @@ public:
     // Finding a drive.
 
     bool isMounted(const SxString& image) const;
-    /// The drive of an image, as the system shows it; empty where it isn't mounted.
+    /// The drive of an image, as the service says; empty where it isn't mounted. Raises where the letter no
+    /// longer leads to it.
     SxString queryMntPoint(const SxString& image) const;
     SxString queryMountPoint(const SxString& image) const;
-    /// The drive that this instance knows, else the one that the system shows; empty where the image isn't
+    /// The drive that this instance knows, else the one that the service says; empty where the image isn't
     /// mounted.
     SxString getMntPoint(const SxString& image) const;
     /// The drive letter minus 'A'; -1 where the image has none or can't be asked after. Doesn't raise.
@@ -187,8 +188,6 @@ private:
     void equipDrive(const SxString& image, const SxString& traceFolder, ZqTraceParams::Method traceMethod,
                     const ZqRedirection& redirection) const;
     void redirect(const SxString& image, const ZqRedirection& redirection) const;
-    /// The drive of the disk with that target id; empty where no letter leads to it.
-    static SxString findDrive(uint64 targetId);
     void awaitMntPoint(const SxString& image);
     void awaitFiles(const SxString& image) const;
     void umountAfterFailure(const SxString& image);

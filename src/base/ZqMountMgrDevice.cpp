@@ -211,7 +211,7 @@ bool ZqMountMgr::umountImage(const SxString& image, bool hardEject) {
 bool ZqMountMgr::umountWithoutLetter(const SxString& image) {
     ZqDiskStatus disk;
     if (!ZqVolume::findDisk(image, &disk) || disk.drive.isEmpty()) return false;
-    if (!findDrive(disk.deviceId).isEmpty()) return false;
+    if (!ZqVolume::findDrive(disk).isEmpty()) return false;
     removeRegistryEntries();
     return umountImage(image, true);
 }

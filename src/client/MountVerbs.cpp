@@ -237,6 +237,11 @@ int status(const SxString& image, Output& out) {
         out.finding("A drive service that was killed has left behind what it had mounted of '" + left +
                     "'; to remove it: tavrin umount " + left);
     }
+    for (const SxString& drive : ZqVolume::getLeftDrives()) {
+        out.finding("The letter " + drive +
+                    " is of a drive service that was killed, or whose machine lost its power; the next mount "
+                    "removes it");
+    }
     if (!image.isEmpty()) {
         ZqDiskStatus disk;
         if (!ZqVolume::findDisk(image, &disk)) {

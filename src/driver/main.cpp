@@ -87,10 +87,12 @@ void takeLifeLock(const SxString& folder) {
 void sweep(const SxString& root, const SxString& folder) {
     const std::string mounts = folder.str() + ZqServiceFolder::MOUNTS;
     std::error_code error;
+    // Links are on the disk and outlive a power cut, which the folders that they lead to don't. All of them
+    // are of the past: this service, which alone makes such ones now, has made none yet.
+    DriveLetter::removeBelow(root, SxString(mounts) + "/");
     if (!std::filesystem::exists(mounts, error) || std::filesystem::is_empty(mounts, error)) return;
     driverLog("removes what a former service left in " + SxString(mounts));
     Helper::run({"sweep", SxString(mounts)}, SWEEP_MS, nullptr);
-    DriveLetter::removeBelow(root, SxString(mounts) + "/");
     SxList<SxString> images;
     for (const auto& disk : std::filesystem::directory_iterator(mounts, error)) {
         const SxString image = (disk.path() / ZqServiceFolder::IMAGE).string();

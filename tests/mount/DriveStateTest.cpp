@@ -185,18 +185,21 @@ TEST(DriveState, FindsItsDriveAmongOthers) {
     EXPECT_EQ(machine.mgr.getDevId(machine.image), -1);
     driver.mounted = true;
     driver.image = machine.name;
-    driver.otherDrives = {{"A:", {}}, {"C:", {"ATA", "Disk", 7}}, {"D:", {"VOLM", "ZqDD", 8}}};
+    // What a dead service left, or another one of this machine root shows, looks the same.
+    driver.otherDrives = {{"C:", {"ATA", "Disk", 7}}, {"D:", {"VOLM", "ZqDD", 7}}};
     EXPECT_EQ(machine.mgr.queryMntPoint(machine.image), "E:");
-    driver.otherDrives["D:"].targetId = 7;
-    EXPECT_EQ(machine.mgr.getMntPoint(machine.image), "D:");
-    driver.otherDrives = {{"e:", {"VOLM", "ZqDD", 7}}};
-    driver.letterAfter = ScriptedDriver::NEVER;
-    EXPECT_EQ(machine.mgr.getDevId(machine.image), 4);
-    driver.otherDrives.clear();
+    driver.drive = "d:";
+    EXPECT_EQ(machine.mgr.getMntPoint(machine.image), "d:");
+    EXPECT_EQ(machine.mgr.getDevId(machine.image), 3);
+    driver.hasLink = false;
     const std::string words = "Cannot query mount point";
     const std::string cause = ": Cannot query mount point. Drive was not identified";
     EXPECT_EQ(failureOf([&] { machine.mgr.queryMountPoint(machine.image); }), words + cause);
     EXPECT_EQ(failureOf([&] { machine.mgr.getMntPoint(machine.image); }), words + "." + cause);
+    driver.hasLink = true;
+    driver.deviceId = 8;
+    EXPECT_EQ(failureOf([&] { machine.mgr.queryMountPoint(machine.image); }), words + cause)
+        << "another disk has come in its place";
     driver.fail("GetDeviceID", 1, "why");
     EXPECT_EQ(failureOf([&] { machine.mgr.queryMntPoint(machine.image); }),
               "Cannot query device ID for image " + machine.name + ": TAVRIN Driver Error: why");

@@ -88,6 +88,26 @@ bool ZqVolume::queryIdentity(const SxString& drive, ZqVolumeIdentity* identity) 
     }
 }
 
+SxString ZqVolume::findDrive(const ZqDiskStatus& disk) {
+    const std::string link = driveLink(disk.drive);
+    std::string target;
+    const bool isOurs = !link.empty() && SxOs::get().readLink(link, &target) >= 0;
+    return isOurs && target == disk.mountPath.str() ? disk.drive : SxString();
+}
+
+SxList<SxString> ZqVolume::getLeftDrives() {
+    SxList<SxString> left;
+    if (ZqServiceClient::isServing()) return left;
+    const std::string mounts =
+        ZqServiceFolder::of(ZqMachineRoot::get().str()) + ZqServiceFolder::MOUNTS + "/";
+    for (const SxString& drive : getDrives()) {
+        std::string target;
+        if (SxOs::get().readLink(driveLink(drive), &target) >= 0 && target.starts_with(mounts))
+            left.append(drive);
+    }
+    return left;
+}
+
 void ZqVolume::dismount(const SxString& drive, bool* busy) {
     Reader answer;
     if (!ZqServiceClient::call(Call::Dismount, Writer().number(targetOf(drive)), &answer, Start::Never))
@@ -170,7 +190,8 @@ bool ZqVolume::removeLeftovers(const SxString& image) {
         const std::string folder = ZqServiceFolder::of(ZqMachineRoot::get().str());
         std::vector<std::string> disks;
         SxOs::get().list(folder + ZqServiceFolder::MOUNTS, &disks);
-        if (disks.empty() && !SxFSAction::exists(folder + ZqServiceFolder::LEFT)) return false;
+        if (disks.empty() && !SxFSAction::exists(folder + ZqServiceFolder::LEFT) && getLeftDrives().isEmpty())
+            return false;
     }
     // A service tidies up what it finds when it starts.
     Reader answer;

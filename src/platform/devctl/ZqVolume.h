@@ -41,6 +41,13 @@ public:
     /// Asks the disk behind a drive for its identity; false where the drive can't be opened or doesn't
     /// answer.
     static bool queryIdentity(const SxString& drive, ZqVolumeIdentity* identity);
+    /// The drive of a disk, as its service says; empty where it has none yet, or where somebody has changed
+    /// or removed the link, which no longer has the text that the service gave it then. The service is asked
+    /// and not the links: they outlive it, and those of another service of this machine root look the same.
+    static SxString findDrive(const ZqDiskStatus& disk);
+    /// Letters that lead below this service's folder, while no service runs: what one left that was killed,
+    /// or whose machine lost its power, when even its folder is gone.
+    static SxList<SxString> getLeftDrives();
     /// Takes the volume of a drive out of use, after writing what is to be written. Where a program still
     /// uses it, it is detached all the same, ends with an I/O error for that program, and `*busy` is set.
     /// Raises where it can't.

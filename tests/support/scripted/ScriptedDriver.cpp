@@ -274,14 +274,6 @@ ZqStatus zqGuardSetReparse(unsigned char, ZqWide names, ZqWide directory) {
     return ScriptedDriver::get().enter("SetReparse", note) ? 0 : 1;
 }
 
-SxList<SxString> ZqVolume::getDrives() {
-    ScriptedDriver& driver = ScriptedDriver::get();
-    SxList<SxString> drives;
-    for (const auto& [drive, identity] : driver.otherDrives)
-        drives << SxString(drive);
-    if (driver.mounted && driver.clock().elapsedMs() >= driver.mountedAt + driver.letterAfter) drives << "E:";
-    return drives;
-}
 bool ZqVolume::queryIdentity(const SxString& drive, ZqVolumeIdentity* identity) {
     ScriptedDriver& driver = ScriptedDriver::get();
     const auto other = driver.otherDrives.find(drive.str());
@@ -307,9 +299,14 @@ void ZqVolume::setLabel(const SxString& drive, const SxString& label) {
 }
 bool ZqVolume::findDisk(const SxString&, ZqDiskStatus* status) {
     status->failure = ScriptedDriver::get().diskFailure;
-    status->deviceId = DEVICE_ID;
-    status->drive = "E:";
+    status->deviceId = ScriptedDriver::get().deviceId;
+    status->drive = ScriptedDriver::get().drive;
     return true;
+}
+SxString ZqVolume::findDrive(const ZqDiskStatus& disk) {
+    ScriptedDriver& driver = ScriptedDriver::get();
+    const bool isDue = driver.mounted && driver.clock().elapsedMs() >= driver.mountedAt + driver.letterAfter;
+    return isDue && driver.hasLink ? disk.drive : SxString();
 }
 void ZqVolume::setReady(const SxString&) {
     ScriptedDriver::get().enter("setReady", "setReady");

@@ -41,6 +41,9 @@ public:
     // How long things take, in milliseconds; NEVER for what doesn't come.
     static constexpr int64 NEVER = int64{1} << 40;
     int64 letterAfter = 0, filesAfter = 0, guardAfter = 0, goneAfter = 0, markerStays = 0;
+    SxString drive = "E:"; ///< what the service says; its link leads there unless `hasLink` says otherwise
+    bool hasLink = true;
+    uint64 deviceId = 7;
     SxString diskFailure; ///< what the service says of the disk
     bool isBusy = false;
     bool answersPing = true;

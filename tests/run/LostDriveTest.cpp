@@ -1,0 +1,51 @@
+#include "DriveRun.h"
+#include "ZqServiceFolder.h"
+
+#include <csignal>
+#include <sys/mount.h>
+
+namespace {
+
+class LostDrive : public DriveRun {
+protected:
+    /// As a power cut: mounts, processes and what lies in memory go, links on the disk stay.
+    static void cutPower(const string& image) {
+        const ZqDiskStatus disk = statusOf(image);
+        ::kill(static_cast<pid_t>(disk.servicePid), SIGKILL);
+        EXPECT_TRUE(eventually([&] { return !isRunning(disk.servicePid); }));
+        const fs::path own = fs::path(disk.mountPath.str()).parent_path();
+        EXPECT_EQ(::umount2(disk.mountPath.ascii(), MNT_DETACH), 0);
+        EXPECT_EQ(::umount2((own / ZqServiceFolder::FRONT).c_str(), MNT_DETACH), 0);
+        fs::remove_all(ZqServiceFolder::of(ZqMachineRoot::get().str()));
+    }
+};
+
+} // namespace
+
+TEST_F(LostDrive, aPowerCutLeavesNothingThatStopsTheNextMount) {
+    const string image = build("image", "ext4");
+    const fs::path letters = dir.path("root/dosdevices");
+    mount(image);
+    cutPower(image);
+    ASSERT_TRUE(fs::is_symlink(letters / "d:")) << "nothing is left to be tested";
+    EXPECT_THAT(done({"status"}), HasSubstr("The letter D: is of a drive service"));
+    mount(image);
+    EXPECT_EQ(statusOf(image).drive, "D:") << "the letter isn't free again";
+    cutPower(image);
+    EXPECT_EQ(done({"umount", image}), "Not mounted\n");
+    EXPECT_TRUE(fs::is_empty(letters));
+}
+
+TEST_F(LostDrive, aLinkThatLooksLikeTheDriveIsNotTakenForIt) {
+    // Of a service of another user of this machine root, say: the same device id, an earlier letter.
+    const string image = build("image", "ext4");
+    const fs::path other = dir.path("other/mnt/1"), letters = dir.path("root/dosdevices");
+    fs::create_directories(other / ZqServiceFolder::VOLUME);
+    dir.write("other/mnt/1/identity", "VOLM\nZqDD\n1\n");
+    fs::create_directories(letters);
+    fs::create_directory_symlink(other / ZqServiceFolder::VOLUME, letters / "d:");
+    mount(image);
+    EXPECT_EQ(statusOf(image).drive, "E:");
+    EXPECT_EQ(done({"umount", image}), "Unmounted\n");
+    EXPECT_TRUE(fs::is_symlink(letters / "d:"));
+}
