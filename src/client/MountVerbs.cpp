@@ -69,6 +69,32 @@ void tellMount(const SxString& image, const SxString& verb, Output* out) {
     out->text(verb + " as " + disk.drive + " at " + disk.mountPath);
 }
 
+/// How long the service may take to notice that somebody has unmounted a drive, and to take down the rest.
+constexpr int64 NOTICE_MS = 3000;
+
+[[noreturn]] void refuseFailed(const SxString& image, const ZqDiskStatus& disk) {
+    throw SxException("The drive of image '" + image + "' (" + disk.drive + ") has failed: " + disk.failure +
+                          "; take it away, with: tavrin umount " + image + ", and mount it again",
+                      UNIT, __LINE__);
+}
+
+/// Whether the drive that the service tells of is there. One that somebody has unmounted goes within moments,
+/// and isn't mounted then; one that has failed otherwise, or lives where this process can't see it, is
+/// refused.
+bool requireSound(const SxString& image, ZqDiskStatus disk) {
+    const auto isSound = [&] { return disk.failure.isEmpty() && ZqVolume::isVisible(disk); };
+    if (isSound()) return true;
+    if (SxWait::pass(NOTICE_MS, [&] { return !ZqVolume::findDisk(image, &disk); })) return false;
+    if (isSound()) return true;
+    if (!disk.failure.isEmpty()) refuseFailed(image, disk);
+    throw SxException("Image '" + image + "' is mounted as " + disk.drive + " by a drive service (process " +
+                          disk.servicePid +
+                          ") in another mount namespace, where this process can't see it: "
+                          "use it there, or take it away, with: tavrin umount " +
+                          image,
+                      UNIT, __LINE__);
+}
+
 /// Takes away what a mount that was cut off has left; one that is under way is waited for. Gives whether the
 /// image is mounted.
 bool isMountedWhole(ZqMountMgr* manager, const SxString& image) {
@@ -87,7 +113,8 @@ bool isMountedWhole(ZqMountMgr* manager, const SxString& image) {
                               disk.drive + "; take that away first, with: tavrin umount " + image,
                           UNIT, __LINE__);
     }
-    if (!found || disk.ready) return found;
+    if (found && disk.ready) return requireSound(image, disk);
+    if (!found) return false;
     manager->umountImage(image, disk.drive.isEmpty());
     return false;
 }

@@ -66,6 +66,13 @@ protected:
 private:
     bool answer(const ZqDriveWire::Message& request, int64 peer) {
         try {
+            if (request.version != ZqDriveWire::VERSION &&
+                !ZqDriveWire::isOfAllVersions(static_cast<ZqDriveWire::Call>(request.kind))) {
+                throw SxException("The drive service (process " + SxString(SxOs::processId()) +
+                                      ") is of another version than this program: take its drives away, and "
+                                      "it ends",
+                                  UNIT, __LINE__);
+            }
             return ZqDriveWire::send(fd, ZqDriveWire::SUCCESS,
                                      server->service->handle(request.kind, request.body, peer));
         } catch (const SxException& e) {

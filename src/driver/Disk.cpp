@@ -2,6 +2,7 @@
 
 #include "DriverLog.h"
 #include "Helper.h"
+#include "Mounts.h"
 #include "SxFSAction.h"
 #include "SxFileIO.h"
 #include "SxOs.h"
@@ -22,6 +23,7 @@ constexpr int64 UNMOUNT_MS = 20'000;
 /// How long bringing a volume up may still take once its reads fail.
 constexpr int64 START_MS = 5000;
 constexpr int64 REDIRECT_MS = 20'000;
+constexpr int64 LOOK_NS = 1'000'000'000;
 /// Token of the reads that this process does itself; no request has that address.
 constexpr uint64 OWN_TOKEN = 0;
 /// Of the first block, which every file system has its superblock in; the next may not be there yet.
@@ -45,6 +47,26 @@ public:
 
 protected:
     void main() override { owner->start(); }
+
+private:
+    Disk* owner;
+};
+
+/// Takes down what is left of a disk whose mount somebody else has ended; on a thread of its own, since that
+/// may take long and the ticker serves all disks.
+class Disk::Ender : public SxSystemThread {
+public:
+    explicit Ender(Disk* disk_) : owner(disk_) { setThreadName("end"); }
+    ~Ender() override { wait(); }
+
+protected:
+    void main() override {
+        try {
+            owner->eject();
+        } catch (const std::exception& e) {
+            driverLog(e.what());
+        }
+    }
 
 private:
     Disk* owner;
@@ -78,6 +100,7 @@ Disk::Disk(const MountParams& params_, const SxString& root_, const SxString& fo
 
 Disk::~Disk() {
     eject();
+    ender.reset(); // ahead of the locks, which it may still be letting go
 }
 
 void Disk::start() {
@@ -210,6 +233,7 @@ bool Disk::dismount() {
 
 /// Unmounts the volume; the caller holds `tearing`.
 bool Disk::detach() {
+    detaching = true;
     disk.setFailOnUnderflow();
     disk.resume();
     SxString device;
@@ -344,8 +368,35 @@ void Disk::adjustReadAhead() {
     if (!setting.isEmpty()) std::ofstream(setting.str()) << (high ? FULL_READ_AHEAD : LOW_READ_AHEAD);
 }
 
+/// Looks, once a second, whether the volume or the file behind it was unmounted by somebody else.
+void Disk::noticeEnd() {
+    const int64 nowNs = SxClock::get().steadyNs();
+    if (ender || ending || nowNs - lastLookNs < LOOK_NS) return;
+    lastLookNs = nowNs;
+    if (!isMounted()) return;
+    const std::string base = folder.str() + "/";
+    const char* what =
+        front.hasEnded() || !Mounts::isMounted(base + ZqServiceFolder::FRONT) ? "file" : nullptr;
+    if (!what && !Mounts::isMounted(base + ZqServiceFolder::VOLUME)) what = "volume";
+    // Looked at behind the table, since an unmounting of our own may have begun meanwhile.
+    if (!what || detaching || ending) return;
+    const SxString why = SxString("Somebody has unmounted the drive's ") + what;
+    driverLog("image " + params.image + ": " + why);
+    {
+        const SxMutexBlock block(&mutex);
+        if (failure.isEmpty()) failure = why;
+    }
+    ender = std::make_unique<Ender>(this);
+    ender->start();
+}
+
+bool Disk::wasTakenAway() const {
+    return ender && !ender->isRunning();
+}
+
 void Disk::tick() {
     disk.tick();
+    noticeEnd();
     adjustReadAhead();
     for (const SxString& text : {disk.getFailure(), disk.getTraceFailure()})
         logOnce(text);
@@ -389,6 +440,9 @@ ZqDiskStatus Disk::getStatus() {
     const SxMutexBlock block(&mutex);
     status.failure = failure.isEmpty() ? disk.getFailure() : failure;
     if (status.failure.isEmpty()) status.failure = describeLostWrites(0);
+    // The ticker hasn't come to it yet.
+    if (status.failure.isEmpty() && state == State::Mounted && front.hasEnded() && !detaching)
+        status.failure = "The connection to the drive's file has ended";
     if (state == State::Mounted || state == State::Detached) {
         status.mountPath = folder + "/" + ZqServiceFolder::VOLUME;
         status.drive = letter.get();

@@ -67,6 +67,8 @@ public:
     /// The volume's label, from its superblock; empty where that isn't present.
     SxString getLabel();
     void tick();
+    /// Whether somebody else has ended the mount, and all of the disk was taken down behind that.
+    bool wasTakenAway() const;
 
     ZqDiskStatus getStatus();
     VirtualDisk* getVirtualDisk() { return &disk; }
@@ -76,6 +78,7 @@ public:
 private:
     enum class State { Starting, Mounted, Detached, Failed, Gone };
     class Starter;
+    class Ender;
 
     void start();
     void bringUp();
@@ -84,6 +87,7 @@ private:
     bool readBlocking(uint64 offset, uint32 size, char* to);
     SxString detectType();
     bool detach();
+    void noticeEnd();
     void sweep();
     void removeFolder();
     bool wantsReadAhead() const { return disk.isComplete() && !disk.isMonitored(); }
@@ -104,6 +108,9 @@ private:
     UserDriver userDriver;
     DriveLetter letter; ///< guarded by `mutex`
     std::unique_ptr<Starter> starter;
+    std::unique_ptr<Ender> ender; ///< from the moment when somebody else has ended the mount; the ticker's
+    std::atomic<bool> detaching{false};
+    int64 lastLookNs = 0; ///< at the mounts; the ticker's
     std::atomic<bool> ending{false}, firstWoken{false}, ready{false}, isAborted{false};
 
     SxMutex ejecting; ///< held over an eject, ahead of `tearing`

@@ -143,7 +143,11 @@ fuse_lowlevel_ops operations() {
 class FuseFront::Worker : public SxSystemThread {
 public:
     /// @param looking_  shared by all workers of the session: whether one of them looks
-    Worker(fuse_session* session_, std::atomic<bool>* looking_) : session(session_), looking(looking_) {
+    /// @param ended_  likewise: whether the kernel has ended the connection
+    Worker(fuse_session* session_, std::atomic<bool>* looking_, std::atomic<bool>* ended_)
+        : session(session_),
+          looking(looking_),
+          ended(ended_) {
         setThreadName("fuse");
     }
 
@@ -157,6 +161,7 @@ protected:
             if (got <= 0) break;
             fuse_session_process_buf(session, &request);
         }
+        *ended = true;
         // NOLINTNEXTLINE(cppcoreguidelines-*): it is the C library's that got it
         std::free(request.mem);
     }
@@ -174,6 +179,7 @@ private:
 
     fuse_session* session;
     std::atomic<bool>* looking;
+    std::atomic<bool>* ended;
 };
 
 /// Finishes requests that were held.
@@ -224,7 +230,7 @@ void FuseFront::mount(const std::string& mountPoint, const std::string& name) {
     finisher->start();
     const int64 nWorkers = std::clamp(SxSystemThread::getNCores(), MIN_WORKERS, MAX_WORKERS);
     for (int64 i = 0; i < nWorkers; ++i) {
-        workers.push_back(std::make_unique<Worker>(session, &looking));
+        workers.push_back(std::make_unique<Worker>(session, &looking, &ended));
         workers.back()->start();
     }
 }

@@ -35,6 +35,8 @@ public:
     void end();
     /// Answers everything that comes from now on with an I/O error, and ends what waits in the kernel.
     void abort();
+    /// Whether the connection has ended, by whomever.
+    bool hasEnded() const { return ended.load(); }
 
     /// To be called when the disk wants a held request tried again; from any thread.
     void wake(uint64 token);
@@ -66,6 +68,7 @@ private:
     fuse_session* session = nullptr;
     std::atomic<int> writeError{0};
     std::vector<std::unique_ptr<Worker>> workers;
+    std::atomic<bool> ended = false;
     std::atomic<bool> looking = false; ///< one of the workers looks for the next request
     std::unique_ptr<Finisher> finisher;
 

@@ -237,8 +237,12 @@ void Service::reset() {
 }
 
 void Service::tick() {
-    for (const DiskPtr& disk : all())
+    for (const DiskPtr& disk : all()) {
         disk->tick();
+        if (!disk->wasTakenAway()) continue;
+        const SxMutexBlock block(&mutex);
+        disks.erase(disk->getDeviceId());
+    }
 }
 
 std::string Service::handle(unsigned kind, const std::string& body, int64 peer) {

@@ -49,3 +49,31 @@ TEST_F(LostDrive, aLinkThatLooksLikeTheDriveIsNotTakenForIt) {
     EXPECT_EQ(done({"umount", image}), "Unmounted\n");
     EXPECT_TRUE(fs::is_symlink(letters / "d:"));
 }
+
+TEST_F(LostDrive, whatSomebodyUnmountedIsNoticedAndMountedAnew) {
+    for (const char* type : {"ext4", "erofs"}) {
+        const string image = build(string("image-") + type, type);
+        for (const bool file : {false, true}) {
+            SCOPED_TRACE(string(type) + (file ? ", the file" : ", the volume"));
+            const string app = mount(image);
+            const string volume = statusOf(image).mountPath.str();
+            const string front = (fs::path(volume).parent_path() / ZqServiceFolder::FRONT).string();
+            if (file) {
+                ::umount2(front.c_str(), MNT_FORCE); // ends the connection, whether or not the mount goes
+            } else {
+                ASSERT_EQ(::umount2(volume.c_str(), 0), 0);
+            }
+            // At once: it is there anew, or the service has noticed; never the drive that has gone.
+            mount(image);
+            EXPECT_EQ(TempDir::readFile(app + "/start.cfg"), "volume=3\n");
+            ASSERT_EQ(::umount2(volume.c_str(), MNT_DETACH), 0);
+            const int64 beginNs = SxClock::get().steadyNs();
+            EXPECT_TRUE(eventually([&] { return statusOf(image).image.isEmpty(); }));
+            EXPECT_LT(SxClock::get().steadyNs() - beginNs, 5'000'000'000)
+                << "of which 2 s may go by unnoticed";
+            EXPECT_THAT(leftovers(), testing::IsEmpty());
+            // The image's locks are free.
+            done({"image", "verify", image, "--quiet"});
+        }
+    }
+}

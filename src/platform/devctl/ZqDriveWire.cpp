@@ -118,8 +118,9 @@ std::optional<Message> receive(int fd) {
     char head[HEAD];
     if (!receiveAll(fd, head, HEAD)) return std::nullopt;
     const uint64 length = get(head, 4);
-    if (length > MAX_BODY || get(head + 6, 2) != VERSION) return std::nullopt;
+    if (length > MAX_BODY) return std::nullopt;
     Message message;
+    message.version = static_cast<unsigned>(get(head + 6, 2));
     message.kind = static_cast<unsigned>(get(head + 4, 2));
     message.body.resize(length);
     if (!receiveAll(fd, message.body.data(), length)) return std::nullopt;

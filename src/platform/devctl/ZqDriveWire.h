@@ -14,6 +14,9 @@
 /// byte, a text is its length in bytes (uint32) and UTF-8.
 namespace ZqDriveWire {
 
+/// A message of another version is read, too: its head and these calls stay what they are in every version,
+/// so that the drives of a service of another version can be seen and taken away. New fields of a state come
+/// last.
 constexpr unsigned VERSION = 1;
 /// Of a body; holds the longest delivery and its head.
 constexpr uint32 MAX_BODY = (1 << 20) + 4096;
@@ -97,8 +100,13 @@ private:
     bool good = true;
 };
 
+/// Whether a call is understood by every version.
+constexpr bool isOfAllVersions(Call call) {
+    return call == Call::Ping || call == Call::State || call == Call::Eject;
+}
+
 struct Message {
-    unsigned kind = 0;
+    unsigned kind = 0, version = VERSION;
     std::string body;
 };
 

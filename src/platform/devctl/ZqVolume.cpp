@@ -9,6 +9,7 @@
 #include "ZqServiceFolder.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <fcntl.h>
 #include <linux/fs.h>
 #include <sys/ioctl.h>
@@ -93,6 +94,15 @@ SxString ZqVolume::findDrive(const ZqDiskStatus& disk) {
     std::string target;
     const bool isOurs = !link.empty() && SxOs::get().readLink(link, &target) >= 0;
     return isOurs && target == disk.mountPath.str() ? disk.drive : SxString();
+}
+
+bool ZqVolume::isVisible(const ZqDiskStatus& disk) {
+    SxStat volume, above;
+    const std::string& path = disk.mountPath.str();
+    if (SxOs::get().stat(path.substr(0, path.find_last_of('/')), &above) != 0) return false;
+    const int result = SxOs::get().stat(path, &volume);
+    // A volume that is there and gives errors is there.
+    return result == 0 ? volume.device != above.device : result != -ENOENT;
 }
 
 SxList<SxString> ZqVolume::getLeftDrives() {

@@ -45,6 +45,9 @@ public:
     /// or removed the link, which no longer has the text that the service gave it then. The service is asked
     /// and not the links: they outlive it, and those of another service of this machine root look the same.
     static SxString findDrive(const ZqDiskStatus& disk);
+    /// Whether this process sees the disk's volume mounted. It doesn't where somebody has unmounted it, or
+    /// where the service lives in another mount namespace.
+    static bool isVisible(const ZqDiskStatus& disk);
     /// Letters that lead below this service's folder, while no service runs: what one left that was killed,
     /// or whose machine lost its power, when even its folder is gone.
     static SxList<SxString> getLeftDrives();
