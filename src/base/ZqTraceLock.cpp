@@ -16,10 +16,14 @@ std::string lockFile(const SxString& path) {
 }
 
 /// Whether the file was removed since it was opened: its holder has ended, and others lock another one.
+/// Raises where that can't be told.
 bool isStale(int fd, const std::string& host) {
     SxStat held, named;
-    return SxOs::get().statFd(fd, &held) < 0 || SxOs::get().lstat(host, &named) < 0 ||
-           held.inode != named.inode || held.device != named.device;
+    const int result = SxOs::get().lstat(host, &named);
+    if (result == -ENOENT) return true;
+    const int own = result < 0 ? result : SxOs::get().statFd(fd, &held);
+    if (own < 0) throw SxException(SxOs::errorText(own), UNIT, __LINE__);
+    return held.inode != named.inode || held.device != named.device;
 }
 
 } // namespace
@@ -31,7 +35,13 @@ ZqTraceLock::ZqTraceLock(const SxString& path) : host(lockFile(path)) {
         fd = os.open(host, SxOs::Read | SxOs::Write | SxOs::Create | SxOs::NoFollow, 0666);
         const int result = fd < 0 ? fd : os.lockRange(fd, 0, 1, SxOs::Lock::Exclusive);
         if (result == -ENOLCK || result == -EOPNOTSUPP || result == -ENOSYS) return;
-        if (result == 0 && !isStale(fd, host)) return;
+        try {
+            if (result == 0 && !isStale(fd, host)) return;
+        } catch (const SxException& e) {
+            os.unlink(host);
+            os.close(fd);
+            throw SxException(e, "Cannot lock the trace '" + path + "'", UNIT, __LINE__);
+        }
         if (fd >= 0) os.close(fd);
         if (result == -EAGAIN) {
             throw SxException("Another command writes the trace '" + path + "' at the moment", UNIT,

@@ -37,11 +37,14 @@ constexpr size_t N_DIGITS = 8;
 /// The byte that a writer locks, far behind those that others lock.
 constexpr int64 WRITER = int64{1} << 48;
 
-/// Whether the file behind the descriptor still has that name.
-bool isNamed(int fd, const std::string& host) {
+/// Whether the file behind the descriptor has lost that name. What can't be told doesn't count: a rename will
+/// say so.
+bool isGone(int fd, const std::string& host) {
     SxStat held, named;
-    return SxOs::get().statFd(fd, &held) == 0 && SxOs::get().lstat(host, &named) == 0 &&
-           held.inode == named.inode && held.device == named.device;
+    const int result = SxOs::get().lstat(host, &named);
+    if (result == -ENOENT) return true;
+    return result == 0 && SxOs::get().statFd(fd, &held) == 0 &&
+           (held.inode != named.inode || held.device != named.device);
 }
 
 /// A new file under a name of its own beside `path`, for what is to become that file. As long as the object
@@ -60,7 +63,7 @@ public:
             // A file system without locks has nobody who takes the file for a dead writer's. Elsewhere
             // somebody may have done so before it was locked.
             const int locked = os.lockRange(fd, WRITER, 1, SxOs::Lock::Exclusive);
-            if (locked != -EAGAIN && (locked != 0 || isNamed(fd, host))) return;
+            if (locked != -EAGAIN && (locked != 0 || !isGone(fd, host))) return;
             os.close(fd);
         }
     }
