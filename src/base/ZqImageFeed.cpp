@@ -288,6 +288,10 @@ void ZqImageFeed::fetchRecords(const ZqStopTest& stop) {
     shape->lower();
 }
 
+void ZqImageFeed::requireRanges(const ZqStopTest& stop) const {
+    if (image && !isComplete()) image->requireRanges(stop);
+}
+
 void ZqImageFeed::alignCursor() const {
     const ZqMountMgr mounts;
     for (uint64 size = 0; size != fileSize();) {

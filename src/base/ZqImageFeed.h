@@ -72,6 +72,9 @@ public:
     /// Brings the drive's cursor to what is there. To be called once the drive is up, since it was mounted
     /// with what was there before.
     void alignCursor() const;
+    /// Raises where the server is one from which no drive can be fed, since it has no ranges. To be called
+    /// before a drive comes up, with which that would be waited for as all that a server does.
+    void requireRanges(const ZqStopTest& stop) const;
     /// From now on a drive comes up, or is up: what the server fails to give no longer ends the download.
     void driveStarts() { driveStarted = true; }
     /// From now on there is an application whose window may be minimised.

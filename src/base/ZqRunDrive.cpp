@@ -124,6 +124,7 @@ void ZqRun::mount() {
     // A drive that writes into the file would change what is compared.
     if (mode == ZqMountMgr::ReadWrite) awaitCheck();
     if (hasOwnTrace()) awaitRoom();
+    feed.requireRanges(stop);
     phase = Mounting;
     mounted = true;
     result.traceFolder = hasOwnTrace() ? newTraceFolder(image) : settings.traceFolder;

@@ -60,6 +60,15 @@ TEST_F(StreamRun, NoFaultOfItsServerEndsAGame) {
     }
 }
 
+TEST_F(StreamRun, AServerThatNeverHasRangesIsToldBeforeThereIsADrive) {
+    server->setFault(ZqFileServer::Whole);
+    server->setRate(2'000'000);
+    const auto player = start();
+    EXPECT_EQ(player->end(LONG_MS), 1) << player->says();
+    EXPECT_NE(player->says().find("request for a range with the whole file"), string::npos) << player->says();
+    EXPECT_FALSE(hasStarted());
+}
+
 TEST_F(StreamRun, AFedMountOutlivesAFileThatIsAway) {
     server->setRate(2'000'000);
     Client feeder(client, {"mount", got, "--url", server->getUrl().str()}, dir.path("fed"));

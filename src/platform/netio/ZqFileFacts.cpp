@@ -165,6 +165,16 @@ void ZqFileFacts::checkSize(uint64 total) {
     size = total;
 }
 
+void ZqFileFacts::noteRange(bool isWhole) {
+    const SxMutexBlock block(&mutex);
+    (isWhole ? hasGivenWhole : hasGivenRange) = true;
+}
+
+bool ZqFileFacts::lacksRanges() const {
+    const SxMutexBlock block(&mutex);
+    return hasGivenWhole && !hasGivenRange;
+}
+
 void ZqFileFacts::learnSize(uint64 total) {
     SxMutexBlock lock(&mutex);
     checkSize(total);

@@ -64,6 +64,11 @@ public:
     /// tag DOUBTFUL where settle() can tell more. Gives the number of the version that it tells of. With
     /// `isVouched` settle() has just been asked for it.
     int64 learn(const ZqTransfer::Response& response, bool isVouched);
+    /// A request for a range was answered, with the whole file where `isWhole`.
+    void noteRange(bool isWhole);
+    /// Whether the server has given whole files alone for ranges: it may do so for all, or only where a range
+    /// is the whole.
+    bool lacksRanges() const;
     /// Raises where the file hasn't `total` bytes.
     void learnSize(uint64 total);
     /// Asks whether the file is the same in spite of the doubts so far, and raises where it isn't: with the
@@ -104,6 +109,7 @@ private:
     std::vector<Version> versions SX_GUARDED_BY(mutex); ///< all that stand for the same bytes
     bool isFirstDoubted SX_GUARDED_BY(mutex) = false;
     int64 nVersions SX_GUARDED_BY(mutex) = 0;
+    bool hasGivenWhole SX_GUARDED_BY(mutex) = false, hasGivenRange SX_GUARDED_BY(mutex) = false;
     std::vector<Doubt> doubts SX_GUARDED_BY(mutex);
     bool isSettling SX_GUARDED_BY(mutex) = false;
 };

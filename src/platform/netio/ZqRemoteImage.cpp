@@ -98,6 +98,12 @@ void ZqRemoteImage::doubtServer() {
     packed->getFacts()->doubtFirst();
 }
 
+void ZqRemoteImage::requireRanges(const ZqStopTest& stop) {
+    if (!plain->getFacts()->lacksRanges()) return;
+    char last = 0;
+    plain->read(sizeZqf - 1, 1, &last, stop);
+}
+
 void ZqRemoteImage::forgetServer() {
     plain->getFacts()->forget();
     packed->getFacts()->forget();
