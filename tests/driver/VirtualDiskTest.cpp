@@ -235,14 +235,14 @@ TEST(VirtualDisk, DeliveredBlocksThatMadeRoomAreAskedForAgain) {
     for (uint64 first = 2; first < image.nZqf; first += nAtOnce) {
         const uint64 from = first * BLOCK_SIZE;
         const uint64 size = std::min(nAtOnce * BLOCK_SIZE, image.sizeZqf - from);
-        drive.disk.deliver({first}, image.zqf.data() + from, size);
+        drive.disk.deliver(first, image.zqf.data() + from, size);
     }
     uint64 rawIdx = 0;
     while (image.zqfIdxOf(rawIdx) != 10)
         ++rawIdx;
     ASSERT_EQ(drive.read(rawIdx, 1, 5), Drive::Result::Held) << "it was among the first that came";
     EXPECT_THAT(drive.disk.popMissing(4), ElementsAre(10));
-    drive.disk.deliver({10}, image.zqf.data() + 10 * BLOCK_SIZE, BLOCK_SIZE);
+    drive.disk.deliver(10, image.zqf.data() + 10 * BLOCK_SIZE, BLOCK_SIZE);
     EXPECT_THAT(drive.woken, ElementsAre(5));
     EXPECT_EQ(drive.read(rawIdx, 1, 5, true), Drive::Result::Done);
     EXPECT_EQ(drive.buffer, image.rawBytes().substr(rawIdx * BLOCK_SIZE, BLOCK_SIZE));
