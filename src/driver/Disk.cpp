@@ -323,10 +323,16 @@ void Disk::redirect(const SxList<SxString>& names, const SxString& directory) {
         throw SxException("Folders and files of a drive can be redirected by root alone: run as root", UNIT,
                           __LINE__);
     }
-    SxList<SxString> words = {"redirect", folder + "/" + ZqServiceFolder::VOLUME, directory};
+    SxList<SxString> words = {"redirect", folder + "/" + ZqServiceFolder::VOLUME, directory,
+                              params.image + "/"};
     words.append(names);
     try {
-        Helper::run(words, REDIRECT_MS, [this] { unblock(); });
+        const Helper::Facts facts = Helper::run(words, REDIRECT_MS, [this] { unblock(); });
+        const auto aside = facts.find("aside");
+        if (aside != facts.end()) {
+            driverLog("former copies, which would hide names of this version, are now in " +
+                      SxString(aside->second));
+        }
     } catch (const SxException& e) {
         // What was freed by ending the connection can't serve any more.
         if (isAborted) fail("Redirecting names took too long: " + describe(e));

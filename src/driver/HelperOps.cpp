@@ -1,5 +1,6 @@
 #include "HelperOps.h"
 
+#include "LayerIdentity.h"
 #include "Mounts.h"
 #include "Redirection.h"
 #include "SxException.h"
@@ -224,11 +225,13 @@ void HelperOps::run(const SxList<SxString>& arguments) {
         attach(arguments);
     } else if (is("detach", 3)) {
         detach(arguments);
-    } else if (is("redirect", 4)) {
+    } else if (is("redirect", 5)) {
         SxList<SxString> names;
-        for (int64 i = 3; i < arguments.getSize(); ++i)
+        for (int64 i = 4; i < arguments.getSize(); ++i)
             names.append(arguments(i));
-        Redirection::apply(arguments(1), arguments(2), names);
+        const std::string version = LayerIdentity::of(arguments(3).str()).toText();
+        const std::string aside = Redirection::apply(arguments(1), arguments(2), names, version);
+        if (!aside.empty()) tell("aside", aside);
     } else if (is("restore", 2)) {
         if (unmountBelow(arguments(1).str())) tell("busy", "");
     } else if (is("sweep", 2)) {

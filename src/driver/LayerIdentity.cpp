@@ -6,6 +6,8 @@
 #include "SxMd5.h"
 #include "ZqImageFiles.h"
 
+#include <cstdio>
+
 namespace {
 
 using SxParserKit::SxSymbol;
@@ -38,4 +40,11 @@ LayerIdentity LayerIdentity::of(const std::string& folder) {
     for (size_t i = 0; i < 4; ++i)
         identity.low |= uint32{bytes[8 + i]} << (8 * i);
     return identity;
+}
+
+std::string LayerIdentity::toText() const {
+    if (!isKnown()) return {};
+    char text[25];
+    std::snprintf(text, sizeof text, "%016llx%08x", static_cast<unsigned long long>(high), low);
+    return text;
 }

@@ -15,6 +15,8 @@ struct LayerIdentity {
     /// nothing; raises on one that can't be read.
     static LayerIdentity of(const std::string& folder);
 
+    /// As hexadecimal digits; empty where it isn't known.
+    std::string toText() const;
     bool isKnown() const { return high != 0 || low != 0; }
     /// Whether both may be of one image.
     bool fits(const LayerIdentity& other) const {

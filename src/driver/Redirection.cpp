@@ -1,5 +1,6 @@
 #include "Redirection.h"
 
+#include "FormerCopies.h"
 #include "Mounts.h"
 #include "SxException.h"
 #include "SxOs.h"
@@ -299,9 +300,28 @@ private:
     int fd = -1;
 };
 
+/// Puts aside what would hide the names of this version. Before the first mount: an overlay's layers don't
+/// change under it. Gives the folder that took it, or nothing.
+std::string putAside(const std::string& volumeBase, const std::string& privateBase,
+                     const std::string& version, const std::vector<Name>& names,
+                     const std::vector<Place>& overlays) {
+    FormerCopies copies(privateBase, version);
+    if (copies.isDue()) {
+        std::vector<Path> kept;
+        for (const Name& name : names)
+            kept.push_back(name.inPrivate);
+        copies.begin();
+        for (const Place& place : overlays)
+            copies.move(join(volumeBase, place.onVolume), place.inPrivate, kept);
+    }
+    copies.finish();
+    return copies.getMovedTo();
+}
+
 } // namespace
 
-void Redirection::apply(const SxString& volume, const SxString& directory, const SxList<SxString>& names) {
+std::string Redirection::apply(const SxString& volume, const SxString& directory,
+                               const SxList<SxString>& names, const std::string& version) {
     const std::string root = canonical(volume.str()), guarded = protectedFolder(root);
     const std::string volumeBase = root + "/" + guarded;
     if (!Mounts::below(root).empty()) {
@@ -321,6 +341,7 @@ void Redirection::apply(const SxString& volume, const SxString& directory, const
     const Plan plan = planOf(found);
     own.requireUnused(guarded, plan.binds);
     const std::string work = plan.overlays.empty() ? std::string() : own.makeWork();
+    const std::string aside = putAside(volumeBase, privateBase, version, found, plan.overlays);
     NewMounts mounts;
     for (size_t i = 0; i < plan.overlays.size(); ++i) {
         const Place& place = plan.overlays[i];
@@ -330,4 +351,5 @@ void Redirection::apply(const SxString& volume, const SxString& directory, const
     for (const Place& place : plan.binds)
         mounts.bind(join(privateBase, place.inPrivate), join(volumeBase, place.onVolume));
     mounts.keep();
+    return aside;
 }
