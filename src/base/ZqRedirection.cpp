@@ -70,6 +70,18 @@ void requireNoLink(const SxString& folder, const SxString& name) {
     }
 }
 
+/// Takes away the mark that an overlay leaves where a game removed a redirected file, or the folder of one,
+/// so that the name is as one that was never there. The mark holds nothing.
+void clearRemoval(const SxString& folder, const SxString& name) {
+    SxString path = folder;
+    for (const SxString& part : name.tokenize('/')) {
+        path += "/" + part;
+        SxStat info;
+        if (SxOs::get().lstat(SxOs::hostPath(path), &info) < 0) return; // what follows tells of it
+        if (info.isRemoval) return SxFSAction::rm(path);
+    }
+}
+
 /// Copies under another name first, so that a copy that was cut off isn't taken for a whole one.
 void copyWhole(const SxString& from, const SxString& to) {
     const SxString half = to + ".tavrin-new";
@@ -122,6 +134,7 @@ private:
     void place(const SxString& name, const Kind& kind) const {
         const SxString to = target + "/" + name, from = source + "/" + name;
         try {
+            clearRemoval(target, name);
             for (const SxString& side : {target, source}) {
                 requireNoLink(side, name);
                 requireKind(side + "/" + name, name, kind);

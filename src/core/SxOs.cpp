@@ -27,6 +27,7 @@ void fill(const struct ::stat& from, SxStat* to) {
                : S_ISDIR(from.st_mode) ? SxStat::Dir
                : S_ISLNK(from.st_mode) ? SxStat::Link
                                        : SxStat::Other;
+    to->isRemoval = S_ISCHR(from.st_mode) && from.st_rdev == 0;
     to->size = from.st_size;
     to->allocated = from.st_blocks * 512;
     to->device = from.st_dev;
