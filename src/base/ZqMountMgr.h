@@ -100,7 +100,8 @@ public:
     /// Removes what a service that was killed has left behind in the machine root (mounts, devices, letters).
     /// Where a drive of `image` was among that, the registry entries of the record that setAppParams() gave
     /// go, too, and it gives true.
-    bool removeLeftovers(const SxString& image) const;
+    /// `*written`: what programs had written to that drive, and not synced, may be lost.
+    bool removeLeftovers(const SxString& image, bool* written) const;
     /// Whether a program still used the volume that the last umountImage() took from it.
     bool wasBusy() const noexcept { return busy; }
 

@@ -216,8 +216,8 @@ bool ZqMountMgr::umountWithoutLetter(const SxString& image) {
     return umountImage(image, true);
 }
 
-bool ZqMountMgr::removeLeftovers(const SxString& image) const {
-    if (!ZqVolume::removeLeftovers(image)) return false;
+bool ZqMountMgr::removeLeftovers(const SxString& image, bool* written) const {
+    if (!ZqVolume::removeLeftovers(image, written)) return false;
     removeRegistryEntries();
     return true;
 }
@@ -270,6 +270,13 @@ void ZqMountMgr::awaitEnd(const SxString& image, uint64 targetId) const {
         const bool isOurs = ZqVolume::queryIdentity(mntPoint, &identity) && identity.targetId == targetId;
         return !(isOurs && SxFSAction::test_f(mntPoint + MARKER)) && !isMounted(image);
     };
-    if (SxWait::passes(LIMIT, PASS_MS, gone, [](int64) {})) return;
+    // The limit counts from the last progress: a slow disk may take any time for what programs have written.
+    uint64 progress = ZqVolume::getProgress(image);
+    for (int64 nPasses = 0; nPasses < LIMIT; ++nPasses) {
+        if (SxWait::pass(PASS_MS, gone)) return;
+        const uint64 now = ZqVolume::getProgress(image);
+        if (now != progress) nPasses = -1;
+        progress = now;
+    }
     throw SxException("Timeout while waiting for dismounting logical drive", UNIT, __LINE__);
 }

@@ -251,7 +251,13 @@ void ZqRun::endDrive(bool keep) {
         // Its service was killed, or somebody took it away.
         ZqMountMgr mounts;
         mounts.setAppParams(feed.getApp());
-        mounts.removeLeftovers(image);
+        bool written = false;
+        mounts.removeLeftovers(image, &written);
+        if (written) {
+            throw SxException("What the application wrote to the drive of '" + image +
+                                  "' may be lost as far as it hadn't synced it: the drive's service was killed",
+                              UNIT, __LINE__);
+        }
     } else if (keep) {
         result.mountPath = disk.mountPath;
     } else {

@@ -18,7 +18,6 @@ void log(const SxString& text) {
 } // namespace
 
 ZqRunTraces::ZqRunTraces(const SxString& image)
-
     : folder(ZqImageFolder::prefix(image) + ZqImageFiles::TRACES),
       note(ZqImageFolder::prefix(image) + NOTE) {
 }

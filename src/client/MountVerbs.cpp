@@ -196,11 +196,22 @@ void readApp(const SxString& image, ZqMountMgr* manager, Output* out) {
     }
 }
 
+constexpr const char* LEFTOVERS = "Removed what a service that was killed had left behind";
+
+/// Gives whether there was anything. Raises where that may be less than programs have written.
+bool removeLeftovers(const ZqMountMgr* manager, const SxString& image) {
+    bool written = false;
+    const bool found = manager->removeLeftovers(image, &written);
+    if (!written) return found;
+    throw SxException(SxString(LEFTOVERS) + ". What programs wrote to the drive of '" + image +
+                          "' may be lost as far as they hadn't synced it",
+                      UNIT, __LINE__);
+}
+
 int umount(const UmountOptions& options, Output& out) {
     ZqMountMgr manager;
     readApp(options.image, &manager, &out);
-    constexpr const char* LEFTOVERS = "Removed what a service that was killed had left behind";
-    const bool leftovers = manager.removeLeftovers(options.image);
+    const bool leftovers = removeLeftovers(&manager, options.image);
     ZqDiskStatus disk;
     if (!ZqVolume::findDisk(options.image, &disk)) {
         out.text(leftovers ? LEFTOVERS : "Not mounted");
@@ -218,7 +229,7 @@ int umount(const UmountOptions& options, Output& out) {
             "is still written to them is lost");
     }
     // An image whose service is killed meanwhile counts as not mounted.
-    out.text(manager.removeLeftovers(options.image) ? LEFTOVERS : "Unmounted");
+    out.text(removeLeftovers(&manager, options.image) ? LEFTOVERS : "Unmounted");
     return ExitSuccess;
 }
 
@@ -257,6 +268,7 @@ void tellStatus(const ZqDiskStatus& disk, Output* out) {
     if (disk.monitored) line += ", traced";
     if (disk.replaced) line += ", the image was removed or replaced since";
     out->text(line);
+    if (!disk.mountPath.isEmpty() && !disk.failure.isEmpty()) out->text("  failed: " + disk.failure);
 }
 
 int status(const SxString& image, Output& out) {

@@ -9,6 +9,7 @@
 #include "SxTime.h"
 #include "ZqServiceFolder.h"
 
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <unistd.h>
@@ -18,11 +19,13 @@ namespace {
 constexpr const char* UNIT = "src/driver/Disk";
 /// A mount may wait for blocks as long as somebody wants it to: an eject ends it.
 constexpr int64 MOUNT_MS = int64{24} * 3600 * 1000;
-/// Unmounting writes what a program has left to be written.
-constexpr int64 UNMOUNT_MS = 20'000;
+/// How long a helper may take from the last byte that came to the disk. Unmounting writes what programs have
+/// left to be written, and a slow disk may take any time for it: a limit for the whole would lose what one had
+/// acknowledged.
+constexpr int64 STALL_MS = 20'000;
+constexpr int64 SWEEP_MS = 20'000;
 /// How long bringing a volume up may still take once its reads fail.
 constexpr int64 START_MS = 5000;
-constexpr int64 REDIRECT_MS = 20'000;
 constexpr int64 LOOK_NS = 1'000'000'000;
 /// Token of the reads that this process does itself; no request has that address.
 constexpr uint64 OWN_TOKEN = 0;
@@ -33,6 +36,14 @@ constexpr uint32 SUPERBLOCK_BYTES = 4096;
 /// for; none at all would cost most of the throughput.
 constexpr const char* LOW_READ_AHEAD = "16";    // KiB
 constexpr const char* FULL_READ_AHEAD = "1024"; // KiB
+
+/// $TAVRIN_ZQDD_STALL_MS in its place, for tests.
+int64 stallMs() {
+    const char* text = std::getenv("TAVRIN_ZQDD_STALL_MS");
+    bool bad = !text;
+    const int64 value = bad ? 0 : SxString(text).toInt64(&bad);
+    return bad ? STALL_MS : value;
+}
 
 SxString describe(const SxException& e) {
     return e.toString(SxException::ShowMessage, ": ");
@@ -109,6 +120,7 @@ void Disk::start() {
     } catch (const SxException& e) {
         const SxString text = describe(e);
         driverLog("image " + params.image + " can't be mounted: " + text);
+        cutOff(text);
         front.end();
         fail(text);
     }
@@ -136,6 +148,8 @@ void Disk::bringUp() {
         SxString(ZqServiceFolder::VENDOR) + "\n" + ZqServiceFolder::PRODUCT + "\n" + deviceId + "\n", 0600);
     const SxMutexBlock block(&tearing);
     if (ending) throw SxException("The disk was ejected", UNIT, __LINE__);
+    // Ahead of the letter, by which programs come.
+    setHoldsWrites(!isReadOnly(type));
     const SxMutexBlock inner(&mutex);
     letter.take(root, folder + "/" + ZqServiceFolder::VOLUME);
     state = State::Mounted;
@@ -144,7 +158,7 @@ void Disk::bringUp() {
 
 void Disk::attach(const SxString& type) {
     const SxString file = folder + "/" + ZqServiceFolder::FRONT + "/" + ZqServiceFolder::DISK_FILE;
-    const bool readOnly = params.readOnly || type != "ext4";
+    const bool readOnly = isReadOnly(type);
     if (::geteuid() != 0) {
         userDriver.start(type, file, folder + "/" + ZqServiceFolder::VOLUME, readOnly,
                          [this] { return ending.load(); });
@@ -164,12 +178,49 @@ void Disk::attach(const SxString& type) {
     isReadingAhead = high;
 }
 
+/// Runs a helper that may write to the disk: it goes on as long as that takes bytes.
+Helper::Facts Disk::runHelper(const SxList<SxString>& words, const std::function<void()>& unblock) {
+    return Helper::run(words, stallMs(), unblock, [this] { return getProgress(); });
+}
+
 /// Makes everything fail that waits for this disk.
 void Disk::unblock() {
     disk.setFailOnUnderflow();
     disk.resume();
     isAborted = true;
+    cutOff("the disk took no byte for " + SxString(stallMs() / 1000) + " s");
+}
+
+/// Ends the connection to the kernel; all that does so goes through here. What programs wrote and the disk
+/// hasn't got goes with it, for the reason given.
+void Disk::cutOff(const SxString& why) {
+    if (holdsWrites) noteLost(why);
     front.abort();
+}
+
+/// The first reason stays.
+void Disk::noteLost(const SxString& why) {
+    const SxMutexBlock block(&mutex);
+    if (!lost.isEmpty()) return;
+    lost = "What programs wrote to the drive of image '" + params.image +
+           "' is lost as far as they hadn't synced it: " + why;
+    driverLog(lost);
+}
+
+SxString Disk::getLost() const {
+    const SxMutexBlock block(&mutex);
+    return lost;
+}
+
+/// Keeps it beside the disk, too, for whoever tidies up behind a service that was killed.
+void Disk::setHoldsWrites(bool holds) {
+    if (holdsWrites.exchange(holds) == holds) return;
+    const SxString file = folder + "/" + ZqServiceFolder::WRITTEN;
+    if (holds) {
+        SxFileIO::writeAtomic(file, "", 0600);
+    } else {
+        SxOs::get().unlink(file.str());
+    }
 }
 
 bool Disk::readBlocking(uint64 offset, uint32 size, char* to) {
@@ -242,12 +293,16 @@ bool Disk::detach() {
         device = loop;
     }
     const Helper::Facts facts =
-        Helper::run({"detach", folder + "/" + ZqServiceFolder::VOLUME, device.isEmpty() ? "-" : device},
-                    UNMOUNT_MS, [this] { front.abort(); });
+        runHelper({"detach", folder + "/" + ZqServiceFolder::VOLUME, device.isEmpty() ? "-" : device},
+                  [this] { unblock(); });
     const bool busy = facts.count("busy") != 0;
+    const auto unsynced = facts.find("unsynced");
+    if (unsynced != facts.end() && holdsWrites) noteLost(SxString(unsynced->second));
+    const SxString why = userDriver.stop(busy, stallMs(), [this] { return getProgress(); });
+    if (!why.isEmpty() && holdsWrites) noteLost(why);
+    setHoldsWrites(false);
     // What a program still has open fails from here on, so that it can't wait for ever.
-    if (busy) front.abort();
-    userDriver.stop();
+    if (busy) cutOff("the drive was in use");
     setState(State::Detached);
     return busy;
 }
@@ -257,19 +312,20 @@ Disk::End Disk::eject() {
     ending = true;
     disk.setFailOnUnderflow();
     disk.resume();
-    if (!SxWait::pass(START_MS, [this] { return !starter->isRunning(); })) front.abort();
+    if (!SxWait::pass(START_MS, [this] { return !starter->isRunning(); }))
+        cutOff("the drive was ejected while it came up");
     starter->wait();
     const SxMutexBlock block(&tearing);
     {
         const SxMutexBlock inner(&mutex);
-        if (state == State::Gone) return {};
+        if (state == State::Gone) return ended;
     }
     End end;
     try {
         end.busy = detach();
     } catch (const SxException& e) {
         driverLog("image " + params.image + ": " + describe(e));
-        front.abort();
+        cutOff(describe(e));
         sweep();
     }
     {
@@ -278,10 +334,16 @@ Disk::End Disk::eject() {
         letter.remove();
     }
     front.end();
-    end.lost = describeLostWrites(disk.close());
-    if (!end.lost.isEmpty()) driverLog(end.lost);
+    const SxString failed = describeLostWrites(disk.close());
+    if (!failed.isEmpty()) driverLog(failed);
+    end.lost = getLost();
+    if (end.lost.isEmpty()) end.lost = failed;
     removeFolder();
-    setState(State::Gone);
+    {
+        const SxMutexBlock inner(&mutex);
+        ended = end;
+        state = State::Gone;
+    }
     // Whoever waits for the end may take the image at once.
     driveLock = SxPtr<ZqImageLock>();
     shapeLock = SxPtr<ZqImageLock>();
@@ -298,7 +360,7 @@ SxString Disk::describeLostWrites(int closeError) const {
 /// Takes away what could not be unmounted in the usual way.
 void Disk::sweep() {
     try {
-        Helper::run({"sweep", folder}, UNMOUNT_MS, nullptr);
+        Helper::run({"sweep", folder}, SWEEP_MS, nullptr);
     } catch (const SxException& e) {
         driverLog("image " + params.image + ": " + describe(e));
     }
@@ -310,6 +372,7 @@ void Disk::removeFolder() {
     const std::string path = folder.str() + "/";
     SxOs::get().unlink(path + ZqServiceFolder::IMAGE);
     SxOs::get().unlink(path + ZqServiceFolder::IDENTITY);
+    SxOs::get().unlink(path + ZqServiceFolder::WRITTEN);
     SxOs::get().removeDir(path + ZqServiceFolder::VOLUME);
     SxOs::get().removeDir(path + ZqServiceFolder::FRONT);
     const int result = SxOs::get().removeDir(folder.str());
@@ -327,7 +390,7 @@ void Disk::redirect(const SxList<SxString>& names, const SxString& directory) {
                               params.image + "/"};
     words.append(names);
     try {
-        const Helper::Facts facts = Helper::run(words, REDIRECT_MS, [this] { unblock(); });
+        const Helper::Facts facts = runHelper(words, [this] { unblock(); });
         const auto aside = facts.find("aside");
         if (aside != facts.end()) {
             driverLog("former copies, which would hide names of this version, are now in " +
@@ -353,7 +416,7 @@ void Disk::monitorOn(const SxString& traceFolder) {
 void Disk::restore() {
     const SxMutexBlock block(&tearing);
     if (!isMounted()) return;
-    Helper::run({"restore", folder + "/" + ZqServiceFolder::VOLUME}, REDIRECT_MS, [this] { unblock(); });
+    runHelper({"restore", folder + "/" + ZqServiceFolder::VOLUME}, [this] { unblock(); });
 }
 
 void Disk::setCursor(uint64 zqfIdx) {
@@ -445,7 +508,7 @@ ZqDiskStatus Disk::getStatus() {
     status.servicePid = SxOs::processId();
     const SxMutexBlock block(&mutex);
     status.failure = failure.isEmpty() ? disk.getFailure() : failure;
-    if (status.failure.isEmpty()) status.failure = describeLostWrites(0);
+    if (status.failure.isEmpty()) status.failure = lost.isEmpty() ? describeLostWrites(0) : lost;
     // The ticker hasn't come to it yet.
     if (status.failure.isEmpty() && state == State::Mounted && front.hasEnded() && !detaching)
         status.failure = "The connection to the drive's file has ended";

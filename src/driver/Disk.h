@@ -2,6 +2,7 @@
 
 #include "DriveLetter.h"
 #include "FuseFront.h"
+#include "Helper.h"
 #include "SxPtr.h"
 #include "UserDriver.h"
 #include "ZqImageLock.h"
@@ -47,8 +48,10 @@ public:
         SxString lost; ///< what a program wrote and the disk could not keep, as a sentence; empty for nothing
         bool busy = false; ///< the volume was in use, and was detached all the same
     };
-    /// Removes everything; what can't be removed is told in the log.
+    /// Removes everything; what can't be removed is told in the log. Whoever comes second is told the same.
     End eject();
+    /// Grows while what programs have written comes to the disk.
+    uint64 getProgress() const { return front.getProgress(); }
 
     /// Whether the volume is there, so that the guard can be attached.
     bool isMounted() const;
@@ -83,17 +86,23 @@ private:
     void start();
     void bringUp();
     void attach(const SxString& type);
+    Helper::Facts runHelper(const SxList<SxString>& words, const std::function<void()>& unblock);
     void unblock();
+    void cutOff(const SxString& why);
+    void noteLost(const SxString& why);
+    void setHoldsWrites(bool holds);
     bool readBlocking(uint64 offset, uint32 size, char* to);
     SxString detectType();
     bool detach();
     void noticeEnd();
     void sweep();
     void removeFolder();
+    bool isReadOnly(const SxString& type) const { return params.readOnly || type != "ext4"; }
     bool wantsReadAhead() const { return disk.isComplete() && !disk.isMonitored(); }
     void adjustReadAhead();
     void fail(const SxString& why);
     SxString describeLostWrites(int closeError) const;
+    SxString getLost() const;
     void setState(State newState);
     void logOnce(const SxString& text);
 
@@ -112,12 +121,16 @@ private:
     std::atomic<bool> detaching{false};
     int64 lastLookNs = 0; ///< at the mounts; the ticker's
     std::atomic<bool> ending{false}, firstWoken{false}, ready{false}, isAborted{false};
+    /// What programs wrote may still lie in the kernel's memory, and goes with the connection.
+    std::atomic<bool> holdsWrites{false};
 
     SxMutex ejecting; ///< held over an eject, ahead of `tearing`
     SxMutex tearing;  ///< held over everything that unmounts
     mutable SxMutex mutex;
     State state SX_GUARDED_BY(mutex) = State::Starting;
     SxString failure SX_GUARDED_BY(mutex);
+    SxString lost SX_GUARDED_BY(mutex); ///< what programs wrote and the disk didn't get, as a sentence
+    End ended SX_GUARDED_BY(mutex);     ///< once it is gone
     SxString loop SX_GUARDED_BY(mutex);      ///< device; empty without one
     SxString readAhead SX_GUARDED_BY(mutex); ///< setting of the kernel; empty without one
     bool isReadingAhead SX_GUARDED_BY(mutex) = false;

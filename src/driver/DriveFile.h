@@ -2,6 +2,7 @@
 
 #include "SxOs.h"
 
+#include <atomic>
 #include <string>
 
 /// One open plain file of the image folder, read and written at offsets by any number of threads. Closed by
@@ -31,11 +32,19 @@ public:
     int writeAt(const void* buffer, uint64 n, uint64 offset) const;
     /// Gives 0 or an errno value.
     int sync() const;
+    /// Grows with the bytes that a sync() under way has brought to the disk.
+    uint64 getProgress() const { return nSynced.load(); }
 
     /// The failure of an operation on this file, in words, to be raised.
     [[noreturn]] void raise(const SxString& what, int64 error, const char* unit, int line) const;
 
 private:
+    void noteWritten(uint64 begin, uint64 end) const;
+    int writeBackInSteps() const;
+
     int fd = -1;
     std::string path;
+    // What was written since the last sync lies within.
+    mutable std::atomic<uint64> dirtyBegin{~uint64{0}}, dirtyEnd{0}, nDirty{0};
+    mutable std::atomic<uint64> nSynced{0};
 };

@@ -17,7 +17,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <malloc.h>
 #include <poll.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -35,9 +37,30 @@ constexpr unsigned MAX_BACKGROUND = 4096;
 constexpr fuse_ino_t FILE_INODE = 2;
 constexpr double FOREVER = 1e9; // seconds
 
-/// The calling thread's space for one request.
+/// Keeps memory from being taken away, and from being asked for only when it is used: a service that waits for
+/// memory while the kernel waits for it to write would wait for ever. A user may lock less than that; then it
+/// is at least there.
+void lockMemory(void* at, size_t n) {
+    if (::mlock(at, n) != 0 && ::geteuid() == 0)
+        driverLog("can't lock the space of requests: " + SxOs::errorText(errno));
+}
+
+/// Space for one request, there from the start.
+class RequestSpace {
+public:
+    RequestSpace() : space(MAX_REQUEST) { lockMemory(space.data(), space.size()); }
+    ~RequestSpace() { ::munlock(space.data(), space.size()); }
+    RequestSpace(const RequestSpace&) = delete;
+    RequestSpace& operator=(const RequestSpace&) = delete;
+    char* data() { return space.data(); }
+
+private:
+    std::vector<char> space;
+};
+
+/// The calling thread's.
 char* buffer() {
-    thread_local std::vector<char> space(MAX_REQUEST);
+    thread_local RequestSpace space;
     return space.data();
 }
 
@@ -109,9 +132,7 @@ void opWrite(fuse_req_t req, fuse_ino_t, const char* data, size_t size, off_t of
 }
 
 void opFsync(fuse_req_t req, fuse_ino_t, int, fuse_file_info*) {
-    const int error = front(req)->getDisk()->sync();
-    front(req)->noteWriteError(error);
-    fuse_reply_err(req, error);
+    front(req)->sync(req);
 }
 
 /// What the kernel makes of a discard, and of writing zeros.
@@ -150,10 +171,21 @@ public:
           ended(ended_) {
         setThreadName("fuse");
     }
+    ~Worker() override {
+        ::munlock(request.mem, ::malloc_usable_size(request.mem));
+        // NOLINTNEXTLINE(cppcoreguidelines-*): it is the C library's that got it
+        std::free(request.mem);
+    }
+    /// Ahead of the start: has the library get its space for requests, which it does when it looks for one,
+    /// and locks that. The session must not wait for requests meanwhile.
+    void prepare() {
+        if (fuse_session_receive_buf(session, &request) > 0) fuse_session_process_buf(session, &request);
+        lockMemory(request.mem, ::malloc_usable_size(request.mem));
+    }
 
 protected:
     void main() override {
-        fuse_buf request = {};
+        buffer();
         while (!fuse_session_exited(session)) {
             lookForNext();
             const int got = fuse_session_receive_buf(session, &request);
@@ -162,8 +194,6 @@ protected:
             fuse_session_process_buf(session, &request);
         }
         *ended = true;
-        // NOLINTNEXTLINE(cppcoreguidelines-*): it is the C library's that got it
-        std::free(request.mem);
     }
 
 private:
@@ -180,6 +210,7 @@ private:
     fuse_session* session;
     std::atomic<bool>* looking;
     std::atomic<bool>* ended;
+    fuse_buf request = {};
 };
 
 /// Finishes requests that were held.
@@ -198,6 +229,27 @@ protected:
 private:
     FuseFront* owner;
     SxQueue<Request> todo;
+};
+
+/// Carries out syncs.
+class FuseFront::Syncer : public SxSystemThread {
+public:
+    explicit Syncer(FuseFront* front_) : owner(front_) { setThreadName("fuse sync"); }
+    void push(fuse_req* req) { todo.push(req); }
+    void end() { todo.close(); }
+
+protected:
+    void main() override {
+        while (const auto req = todo.pop()) {
+            const int error = owner->disk->sync();
+            owner->noteWriteError(error);
+            fuse_reply_err(*req, error);
+        }
+    }
+
+private:
+    FuseFront* owner;
+    SxQueue<fuse_req*> todo;
 };
 
 FuseFront::FuseFront(VirtualDisk* disk_) : disk(disk_) {
@@ -228,11 +280,18 @@ void FuseFront::mount(const std::string& mountPoint, const std::string& name) {
     }
     finisher = std::make_unique<Finisher>(this);
     finisher->start();
+    syncer = std::make_unique<Syncer>(this);
+    syncer->start();
     const int64 nWorkers = std::clamp(SxSystemThread::getNCores(), MIN_WORKERS, MAX_WORKERS);
+    const int fd = fuse_session_fd(session), flags = ::fcntl(fd, F_GETFL);
+    ::fcntl(fd, F_SETFL, flags | O_NONBLOCK);
     for (int64 i = 0; i < nWorkers; ++i) {
         workers.push_back(std::make_unique<Worker>(session, &looking, &ended));
-        workers.back()->start();
+        workers.back()->prepare();
     }
+    ::fcntl(fd, F_SETFL, flags);
+    for (const auto& worker : workers)
+        worker->start();
 }
 
 void FuseFront::abort() {
@@ -258,6 +317,8 @@ void FuseFront::end() {
     workers.clear();
     finisher->end();
     finisher->wait();
+    syncer->end();
+    syncer->wait();
     {
         // What is still held has nobody to be answered to; the requests must be given back all the same.
         const SxMutexBlock block(&heldMutex);
@@ -296,6 +357,10 @@ void FuseFront::read(fuse_req* req, uint64 offset, uint64 size) {
     }
 }
 
+void FuseFront::sync(fuse_req* req) {
+    syncer->push(req);
+}
+
 void FuseFront::noteWriteError(int error) {
     int none = 0;
     if (error != 0) writeError.compare_exchange_strong(none, error);
@@ -311,6 +376,7 @@ void FuseFront::write(fuse_req* req, uint64 offset, const char* data, uint64 siz
     int error = 0;
     switch (disk->write(offset, n, data, reinterpret_cast<uint64>(req), false, &error)) {
     case VirtualDisk::Result::Done:
+        nWritten += n;
         fuse_reply_write(req, n);
         break;
     case VirtualDisk::Result::Failed:
@@ -381,6 +447,7 @@ void FuseFront::finish(Request request) {
         if (isWrite) noteWriteError(error);
         fuse_reply_err(request.req, error);
     } else if (isWrite) {
+        nWritten += request.size;
         fuse_reply_write(request.req, request.size);
     } else {
         fuse_reply_buf(request.req, buffer(), request.size);

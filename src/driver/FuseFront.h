@@ -52,6 +52,11 @@ public:
     /// The errno value of the first write or sync that failed for the kernel; 0 where none has.
     int getWriteError() const { return writeError.load(); }
     void noteWriteError(int error);
+    /// Grows while what was written comes to the disk. Reads don't count: a program that reads would hide
+    /// that writing stands still.
+    uint64 getProgress() const { return nWritten.load() + disk->getProgress(); }
+    /// Syncs on a thread of its own, so that one which takes long holds up no other request.
+    void sync(fuse_req* req);
     VirtualDisk* getDisk() const { return disk; }
     void read(fuse_req* req, uint64 offset, uint64 size);
     void discard(fuse_req* req, uint64 offset, uint64 size);
@@ -60,17 +65,21 @@ public:
 private:
     class Worker;
     class Finisher;
+    class Syncer;
 
+    void lockBuffers();
     void hold(Request request);
     void finish(Request request);
 
     VirtualDisk* const disk;
     fuse_session* session = nullptr;
     std::atomic<int> writeError{0};
+    std::atomic<uint64> nWritten{0}; ///< bytes
     std::vector<std::unique_ptr<Worker>> workers;
     std::atomic<bool> ended = false;
     std::atomic<bool> looking = false; ///< one of the workers looks for the next request
     std::unique_ptr<Finisher> finisher;
+    std::unique_ptr<Syncer> syncer;
 
     SxMutex mountMutex; ///< held over unmounting, which waits for nobody
     std::string mountedAt SX_GUARDED_BY(mountMutex);

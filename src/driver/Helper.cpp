@@ -2,10 +2,12 @@
 
 #include "DriverLog.h"
 #include "HelperOps.h"
+#include "SxDeadline.h"
 #include "SxException.h"
 #include "SxOs.h"
 #include "SxTime.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <fcntl.h>
@@ -23,6 +25,8 @@ namespace {
 constexpr const char* UNIT = "src/driver/Helper";
 /// How long an operation may still take once it was unblocked.
 constexpr int64 UNBLOCKED_MS = 3000;
+/// How often progress is looked at.
+constexpr int64 LOOK_MS = 200;
 
 /// A pipe whose ends no other child process inherits.
 struct Pipe {
@@ -69,14 +73,15 @@ pid_t spawn(const SxList<SxString>& arguments, int outputFd) {
     return pid;
 }
 
-/// Reads until the writer has ended; false where that takes longer than `limitMs`.
-bool readAll(int fd, std::string* text, int64 limitMs) {
-    const int64 endNs = SxClock::get().steadyNs() + limitMs * 1'000'000;
+/// Reads until the writer has ended; false where that takes longer than `limitMs` from the last progress.
+bool readAll(int fd, std::string* text, int64 limitMs, const std::function<uint64()>& progress) {
+    SxDeadline deadline(limitMs);
     for (;;) {
-        const int64 leftMs = (endNs - SxClock::get().steadyNs()) / 1'000'000;
+        if (progress) deadline.note(progress());
+        const int64 leftMs = deadline.getLeftMs();
         if (leftMs <= 0) return false;
         pollfd poll = {fd, POLLIN, 0};
-        if (::poll(&poll, 1, static_cast<int>(leftMs)) <= 0) continue;
+        if (::poll(&poll, 1, static_cast<int>(std::min(leftMs, LOOK_MS))) <= 0) continue;
         char bytes[4096];
         const ssize_t n = ::read(fd, bytes, sizeof bytes);
         if (n < 0 && errno == EINTR) continue;
@@ -107,16 +112,17 @@ int collect(pid_t pid) {
 } // namespace
 
 Helper::Facts Helper::run(const SxList<SxString>& arguments, int64 limitMs,
-                          const std::function<void()>& unblock) {
+                          const std::function<void()>& unblock, const std::function<uint64()>& progress) {
     Pipe output;
     const pid_t pid = spawn(arguments, output.out);
     output.closeOut();
     std::string text;
-    bool done = readAll(output.in, &text, limitMs);
+    bool done = readAll(output.in, &text, limitMs, progress);
     if (!done) {
-        driverLog("'" + arguments(0) + "' takes longer than " + SxString(limitMs) + " ms");
+        driverLog("'" + arguments(0) + "' takes longer than " + SxString(limitMs) + " ms" +
+                  (progress ? " without progress" : ""));
         if (unblock) unblock();
-        done = readAll(output.in, &text, UNBLOCKED_MS);
+        done = readAll(output.in, &text, UNBLOCKED_MS, nullptr);
     }
     if (!done) ::kill(pid, SIGKILL);
     const int code = collect(pid);

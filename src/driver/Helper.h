@@ -16,8 +16,10 @@ public:
 
     /// Runs `arguments` (the operation's name and its arguments). Where it takes longer than `limitMs`,
     /// `unblock` is called, which must end what it can wait for, and where that doesn't end it soon, it is
-    /// killed. Raises what the operation raised. Safe from any thread.
-    static Facts run(const SxList<SxString>& arguments, int64 limitMs, const std::function<void()>& unblock);
+    /// killed. With `progress`, the limit counts from when that last gave another number. Raises what the
+    /// operation raised. Safe from any thread.
+    static Facts run(const SxList<SxString>& arguments, int64 limitMs, const std::function<void()>& unblock,
+                     const std::function<uint64()>& progress = nullptr);
 
     /// The main program of such a process: runs the operation and gives the exit code.
     static int main(int argc, char** argv);

@@ -135,18 +135,44 @@ void attach(const SxList<SxString>& words) {
     }
 }
 
-/// Unmounts what is mounted at `folder`; where it is in use, writes what is to be written and detaches it.
-/// Gives whether it was in use.
+/// Opens a file system's root to sync it. Where that fails, says so, as for a sync that fails.
+int openToSync(const std::string& folder) {
+    const int fd = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) HelperOps::tell("unsynced", SxOs::errorText(errno).str());
+    return fd;
+}
+
+/// Has what programs wrote to the file system written to its disk. A failure is told of, and the unmount goes
+/// on: a drive must not stay for it.
+void syncAndClose(int fd) {
+    if (fd < 0) return;
+    if (::syncfs(fd) != 0) HelperOps::tell("unsynced", SxOs::errorText(errno).str());
+    ::close(fd);
+}
+
+/// Unmounts what is mounted at `folder`; where it is in use, detaches it. Gives whether it was in use.
 bool unmount(const std::string& folder) {
     int error = Mounts::unmount(folder);
     if (error == 0 || error == EINVAL || error == ENOENT) return false;
     if (error != EBUSY) fail("Cannot unmount '" + SxString(folder) + "'", error);
-    const int fd = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd >= 0) {
-        ::syncfs(fd);
-        ::close(fd);
-    }
     error = Mounts::detach(folder);
+    if (error != 0 && error != EINVAL) fail("Cannot detach '" + SxString(folder) + "'", error);
+    return true;
+}
+
+/// The same for the volume, which goes with its disk.
+bool unmountVolume(const std::string& folder) {
+    if (!Mounts::isMounted(folder)) return false;
+    // The end of this mount needn't be that of the file system: another mount namespace may hold a copy of
+    // it, and what that hasn't written would go with the disk.
+    syncAndClose(openToSync(folder));
+    int error = Mounts::unmount(folder);
+    if (error == 0 || error == EINVAL || error == ENOENT) return false;
+    if (error != EBUSY) fail("Cannot unmount '" + SxString(folder) + "'", error);
+    const int fd = openToSync(folder);
+    error = Mounts::detach(folder);
+    // What its users have written meanwhile. Nobody finds the way to it any more.
+    syncAndClose(fd);
     if (error != 0 && error != EINVAL) fail("Cannot detach '" + SxString(folder) + "'", error);
     return true;
 }
@@ -169,15 +195,6 @@ void freeLoop(const std::string& loop) {
     ::close(fd);
 }
 
-void detach(const SxList<SxString>& words) {
-    bool busy = unmountBelow(words(1).str());
-    busy = unmount(words(1).str()) || busy;
-    if (busy) {
-        HelperOps::tell("busy", "");
-        if (words(2) != "-") freeLoop(words(2).str());
-    }
-}
-
 /// Loop devices whose file lies below `folder`.
 std::vector<std::string> loopsOn(const std::string& folder) {
     std::vector<std::string> loops;
@@ -188,6 +205,24 @@ std::vector<std::string> loopsOn(const std::string& folder) {
         if (std::getline(file, path) && path.starts_with(folder)) loops.push_back("/dev/" + name);
     }
     return loops;
+}
+
+/// Whether another mount namespace still uses the volume on a loop device that has gone from this one. A
+/// device whose last user has gone isn't on the disk's file any more.
+bool isHeldElsewhere(const std::string& loop, const std::string& folder) {
+    const std::vector<std::string> loops = loopsOn(folder);
+    return std::find(loops.begin(), loops.end(), loop) != loops.end();
+}
+
+void detach(const SxList<SxString>& words) {
+    const std::string &volume = words(1).str(), &loop = words(2).str();
+    bool busy = unmountBelow(volume);
+    busy = unmountVolume(volume) || busy;
+    if (loop != "-") busy = busy || isHeldElsewhere(loop, volume.substr(0, volume.find_last_of('/') + 1));
+    if (busy) {
+        HelperOps::tell("busy", "");
+        if (loop != "-") freeLoop(loop);
+    }
 }
 
 void sweep(const SxList<SxString>& words) {

@@ -16,6 +16,8 @@ namespace {
 
 constexpr const char* UNIT = "src/driver/Service";
 constexpr int IMAGE_TYPE_ZQF = 1;
+/// Stands ahead of the path in a second line of an image whose drive may have lost writes.
+const SxString WRITTEN_MARK = "written ";
 
 [[noreturn]] void refuse(const SxString& text) {
     throw SxException(text, UNIT, __LINE__);
@@ -115,36 +117,43 @@ void Service::refuseOwn(const SxString& path) const {
     }
 }
 
-void Service::noteLeft(const SxString& folder, const SxList<SxString>& images) {
+void Service::noteLeft(const SxString& folder, const SxList<SxString>& images,
+                       const SxList<SxString>& written) {
     const SxString file = folder + ZqServiceFolder::LEFT;
     SxList<SxString> all;
     if (SxFSAction::test_f(file)) all = SxFileIO::readUtf8(file).tokenize('\n');
-    for (const SxString& image : images) {
-        if (!all.contains(image)) all.append(image);
-    }
+    const auto add = [&](const SxString& line) {
+        if (!all.contains(line)) all.append(line);
+    };
+    for (const SxString& image : images)
+        add(image);
+    for (const SxString& image : written)
+        add(WRITTEN_MARK + image);
     if (!images.isEmpty()) SxFileIO::writeAtomic(file, SxString::join(all, "\n"), 0600);
 }
 
-/// Whether the image is on the list of those that were left behind; takes it from that.
-bool Service::takeLeft(const SxString& image) {
+/// Takes the image from the list of those that were left behind; gives what that said.
+Service::Left Service::takeLeft(const SxString& image) {
     const SxString file = folder + ZqServiceFolder::LEFT;
-    if (!SxFSAction::test_f(file)) return false;
+    if (!SxFSAction::test_f(file)) return Left::No;
     SxList<SxString> others;
-    bool found = false;
+    Left found = Left::No;
     for (const SxString& each : SxFileIO::readUtf8(file).tokenize('\n')) {
-        if (each == image) {
-            found = true;
+        if (each == WRITTEN_MARK + image) {
+            found = Left::Written;
+        } else if (each == image) {
+            if (found == Left::No) found = Left::Read;
         } else {
             others.append(each);
         }
     }
-    if (!found) return false;
+    if (found == Left::No) return found;
     if (others.isEmpty()) {
         SxFSAction::rm(file);
     } else {
         SxFileIO::writeAtomic(file, SxString::join(others, "\n"), 0600);
     }
-    return true;
+    return found;
 }
 
 void Service::mount(const MountParams& params, int64 peer) {
@@ -298,6 +307,18 @@ bool Service::handleState(Call call, Reader* request, Writer* answer) {
             answer->number(zqfIdx);
         return true;
     }
+    case Call::Progress: {
+        const SxString image = request->text();
+        const uint64 deviceId = request->number();
+        requireWhole(*request);
+        uint64 sum = 0;
+        for (const DiskPtr& disk : all()) {
+            if (image.isEmpty() && deviceId == 0) sum += disk->getProgress();
+            if (disk->getParams().image == image || disk->getDeviceId() == deviceId) sum = disk->getProgress();
+        }
+        answer->number(sum);
+        return true;
+    }
     case Call::Label: {
         const DiskPtr disk = byDeviceId(request->number());
         requireWhole(*request);
@@ -428,7 +449,8 @@ bool Service::handleService(Call call, Reader* request, Writer* answer, int64 pe
         const SxString image = request->text();
         requireWhole(*request);
         const SxMutexBlock block(&mounting);
-        answer->flag(takeLeft(image));
+        const Left left = takeLeft(image);
+        answer->flag(left != Left::No).flag(left == Left::Written);
         return true;
     }
     case Call::StoreDisks:

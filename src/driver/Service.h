@@ -17,7 +17,9 @@ public:
     /// `peer` is the client's process id.
     std::string handle(unsigned kind, const std::string& body, int64 peer);
     /// Adds to the list of images whose drives a killed service left behind.
-    static void noteLeft(const SxString& folder, const SxList<SxString>& images);
+    /// `written`: those of them whose drives may have lost what programs wrote.
+    static void noteLeft(const SxString& folder, const SxList<SxString>& images,
+                         const SxList<SxString>& written);
     /// Regular work, about every 100 ms.
     void tick();
     bool hasDisks() const;
@@ -36,7 +38,8 @@ private:
     void mount(const MountParams& params, int64 peer);
     /// Raises where the service would have to answer itself.
     void refuseOwn(const SxString& path) const;
-    bool takeLeft(const SxString& image);
+    enum class Left { No, Read, Written };
+    Left takeLeft(const SxString& image);
     Disk::End eject(const DiskPtr& disk);
     void ejectImage(ZqDriveWire::Reader* request, ZqDriveWire::Writer* answer);
     void storeDisks() const;

@@ -86,6 +86,10 @@ void UnderflowStore::put(ZqfIdx first, uint64 n, const char* data) {
         }
         const char* from = data + i * BLOCK_SIZE;
         const uint64 nKept = keepInMemory(first + i, end - i, from, cacheSize.load());
+        lowest = std::min(lowest, first + i);
+        // At once: what stays in memory without a mark, where the file fails, would never be found again.
+        for (uint64 k = i; k < i + nKept; ++k)
+            mark(first + k, true);
         const ZqfIdx next = first + i + nKept;
         const uint64 nLeft = end - i - nKept;
         const char* rest = from + nKept * BLOCK_SIZE;
@@ -94,9 +98,8 @@ void UnderflowStore::put(ZqfIdx first, uint64 n, const char* data) {
             shrinkMemory(size - nLeft * BLOCK_SIZE);
             keepInMemory(next, nLeft, rest, size);
         }
-        for (uint64 k = i; k < end; ++k)
+        for (uint64 k = i + nKept; k < end; ++k)
             mark(first + k, true);
-        lowest = std::min(lowest, first + i);
         i = end;
     }
 }
@@ -109,8 +112,7 @@ uint64 UnderflowStore::keepInMemory(ZqfIdx first, uint64 n, const char* data, ui
         std::memcpy(block.get(), data + i * BLOCK_SIZE, BLOCK_SIZE);
         order.push_back(first.value + i);
         const SxMutexBlock lock(&memoryMutex);
-        memory.insert_or_assign(first.value + i, std::move(block));
-        ++nInMemory;
+        if (memory.insert_or_assign(first.value + i, std::move(block)).second) ++nInMemory;
     }
     return n;
 }

@@ -1,9 +1,11 @@
 #include "UserDriver.h"
 
 #include "Mounts.h"
+#include "SxDeadline.h"
 #include "SxException.h"
 #include "SxTime.h"
 
+#include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
 #include <unistd.h>
@@ -11,8 +13,6 @@
 namespace {
 
 constexpr const char* UNIT = "src/driver/UserDriver";
-/// How long a driver whose volume is unmounted may take to end by itself.
-constexpr int64 END_MS = 2000;
 
 bool isInPath(const std::string& program) {
     const char* folders = std::getenv("PATH");
@@ -73,9 +73,24 @@ void UserDriver::start(const SxString& type, const SxString& file, const SxStrin
     }
 }
 
-void UserDriver::stop() {
-    if (!process) return;
-    if (!SxWait::pass(END_MS, [this] { return !process->isRunning(); })) process->kill();
-    process->wait();
+SxString UserDriver::stop(bool busy, int64 limitMs, const std::function<uint64()>& progress) {
+    if (!process) return {};
+    // A mount that was detached lives on with its users, and the driver with it, unless it is told to end.
+    if (busy) ::kill(static_cast<pid_t>(process->getId()), SIGTERM);
+    SxDeadline deadline(limitMs);
+    while (process->isRunning() && deadline.getLeftMs() > 0) {
+        deadline.note(progress());
+        SxTime::msleep(SxWait::LOOK_MS);
+    }
+    SxString failure;
+    if (process->isRunning()) {
+        failure = "its driver stood still for " + SxString(limitMs / 1000) + " s and was killed";
+        process->kill();
+    }
+    const int code = process->wait();
+    // What it could not write is known to whoever serves its file; a crash is not.
+    constexpr int SIGNALLED = 128;
+    if (failure.isEmpty() && code > SIGNALLED) failure = "its driver ended with status " + SxString(code);
     process.reset();
+    return failure;
 }

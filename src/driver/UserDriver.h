@@ -11,7 +11,9 @@
 /// too. One thread at a time.
 class UserDriver {
 public:
-    ~UserDriver() { stop(); }
+    ~UserDriver() {
+        stop(true, 0, [] { return 0; });
+    }
 
     /// Raises, in one sentence that says what is missing and what to do, where this machine lets a user mount
     /// no file system of that type.
@@ -20,8 +22,10 @@ public:
     /// asked meanwhile. Raises where the driver fails.
     void start(const SxString& type, const SxString& file, const SxString& folder, bool readOnly,
                const std::function<bool()>& stopped);
-    /// Ends the program, whatever it waits for; by itself it ends when it is unmounted.
-    void stop();
+    /// Ends the program. It ends by itself when it is unmounted, or, with `busy`, is told to; then it writes
+    /// what it has kept, so it gets `limitMs` from when `progress` last gave another number. Gives why it was
+    /// ended without that, as a part of a sentence; empty where it wasn't.
+    SxString stop(bool busy, int64 limitMs, const std::function<uint64()>& progress);
 
 private:
     std::unique_ptr<SxProcess> process;

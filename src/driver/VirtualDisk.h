@@ -52,6 +52,8 @@ public:
     Result discard(uint64 offset, uint64 size, uint64 token, bool retry, int* error);
     /// Gives 0 when all writes that were done before are on the device, else an errno value.
     int sync();
+    /// Grows while a sync() under way goes on.
+    uint64 getProgress() const { return zqf.getProgress() + layer.getProgress(); }
     /// Forgets a held request, which isn't woken any more; false where it isn't held.
     bool forget(uint64 token);
 

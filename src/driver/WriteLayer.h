@@ -32,6 +32,8 @@ public:
     /// Gives 0 when all writes that have returned are on the device, else an errno value.
     int sync();
     int getFd() const { return publishedFd.load(); }
+    /// Grows while a sync() under way goes on.
+    uint64 getProgress() const { return tmp.getProgress(); }
 
     /// Where a block of the layer is moved to.
     struct Target {

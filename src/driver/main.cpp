@@ -15,6 +15,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -39,6 +40,17 @@ std::atomic<bool> stopRequested{false};
 
 void requestStop(int) {
     stopRequested = true;
+}
+
+/// Where memory is short, the kernel writes out what programs wrote to a drive, and lets whoever asks for
+/// memory wait for it; this process would wait for itself. Ahead of the first thread, since threads inherit
+/// it. It takes a right that users lack, whose drives are written to by a process of their own.
+void forbidReclaimThroughDrives() {
+#ifndef PR_SET_IO_FLUSHER
+    constexpr int PR_SET_IO_FLUSHER = 57;
+#endif
+    if (::prctl(PR_SET_IO_FLUSHER, 1, 0, 0, 0) != 0 && ::geteuid() == 0)
+        driverLog("can't be kept out of reclaim: " + SxOs::errorText(errno));
 }
 
 SxString option(int argc, char** argv, const char* name) {
@@ -93,13 +105,16 @@ void sweep(const SxString& root, const SxString& folder) {
     if (!std::filesystem::exists(mounts, error) || std::filesystem::is_empty(mounts, error)) return;
     driverLog("removes what a former service left in " + SxString(mounts));
     Helper::run({"sweep", SxString(mounts)}, SWEEP_MS, nullptr);
-    SxList<SxString> images;
+    SxList<SxString> images, written;
     for (const auto& disk : std::filesystem::directory_iterator(mounts, error)) {
         const SxString image = (disk.path() / ZqServiceFolder::IMAGE).string();
-        if (SxFSAction::test_f(image)) images.append(SxFileIO::readUtf8(image));
+        if (!SxFSAction::test_f(image)) continue;
+        images.append(SxFileIO::readUtf8(image));
+        if (SxFSAction::test_f(SxString((disk.path() / ZqServiceFolder::WRITTEN).string())))
+            written.append(images.last());
     }
     // Ahead of the removal, behind which nobody would know of them.
-    Service::noteLeft(folder, images);
+    Service::noteLeft(folder, images, written);
     // Folders alone are removed: where something is still mounted, nothing of it must be touched.
     for (const auto& disk : std::filesystem::directory_iterator(mounts, error)) {
         // All files, since it may have been killed while it wrote one under another name. Folders refuse.
@@ -155,6 +170,7 @@ int main(int argc, char** argv) {
     ::umask(0077);
     if (::chdir("/") != 0) return EXIT_FAILURE;
     redirectOutput(folder.str());
+    forbidReclaimThroughDrives();
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGTERM, requestStop);
     std::signal(SIGINT, SIG_IGN);

@@ -91,3 +91,19 @@ TEST_F(UnderflowStoreTest, OtherFaultsOfTheFileAreToldStill) {
     EXPECT_EQ(failureOf([&] { store.setCacheSize(0); }), "");
     EXPECT_EQ(firstWrong(0, 2 * DELIVERY, true), 2 * DELIVERY);
 }
+
+TEST_F(UnderflowStoreTest, WhatIsInMemoryCountsOnceHoweverOftenTheFileFails) {
+    constexpr uint64 N_MEMORY = 16;
+    store.setCacheSize(N_MEMORY * BLOCK);
+    os.failNth(Op::Write, 1, EIO, "img.delivered", true);
+    // Its begin goes into memory, its end nowhere; and once more.
+    for (int i = 0; i < 3; ++i)
+        EXPECT_THAT(failureOf([&] { add(0); }), HasSubstr("Cannot keep delivered blocks in"));
+    EXPECT_EQ(firstWrong(0, N_MEMORY, true), N_MEMORY);
+    EXPECT_EQ(firstWrong(N_MEMORY, DELIVERY, false), DELIVERY);
+    cursor = N_MEMORY;
+    store.dropPassed();
+    // All of the memory is free again.
+    EXPECT_EQ(failureOf([&] { add(N_MEMORY, N_MEMORY); }), "");
+    EXPECT_EQ(firstWrong(N_MEMORY, 2 * N_MEMORY, true), 2 * N_MEMORY);
+}

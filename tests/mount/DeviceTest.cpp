@@ -237,6 +237,15 @@ TEST(Unmount, EveryFailureEjects) {
         EXPECT_EQ(failureOf([&] { machine.mgr.umountImage(machine.image, hard); }),
                   "Failed to hard eject image " + machine.name + ": why");
     }
+    for (const uint64 nProgress : {0, 1, 100}) {
+        Machine machine;
+        machine.mountAlone();
+        machine.driver.goneAfter = ScriptedDriver::NEVER;
+        machine.driver.nProgress = nProgress;
+        EXPECT_THAT(failureOf([&] { machine.mgr.umountImage(machine.image, false); }),
+                    testing::HasSubstr("Timeout while waiting for dismounting logical drive"));
+        EXPECT_EQ(machine.elapsedMs(), 60'000 + 1000 * static_cast<int64>(nProgress));
+    }
     for (const bool files : {true, false}) {
         Machine machine;
         machine.mountAlone();

@@ -60,6 +60,7 @@ enum class Call : unsigned short {
     Label,
     Ready,    ///< the mount of an image is complete
     Leftover, ///< asks and clears: was a drive of the image left behind by a killed service
+    Progress, ///< of what programs wrote, on its way to the disk
     End       ///< number of calls
 };
 

@@ -1,5 +1,6 @@
 #include "ZqServiceClient.h"
 
+#include "SxDeadline.h"
 #include "SxException.h"
 #include "SxFSAction.h"
 #include "SxFileIO.h"
@@ -10,10 +11,13 @@
 #include "ZqServiceFolder.h"
 #include "ZqSysEnv.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <sys/un.h>
@@ -28,6 +32,9 @@ constexpr const char* UNIT = "src/platform/devctl/ZqServiceClient";
 constexpr int64 START_MS = 20'000;
 /// A connection of before may have ended with its service, and a service that was found may just be ending.
 constexpr int MAX_TRIES = 4;
+/// How often a service that doesn't answer yet is asked for its progress, and how long that may take.
+constexpr int64 ASK_MS = 2000;
+constexpr int PROGRESS_S = 5;
 
 std::atomic<int> cacheSize{-1}; // bytes; -1: never set
 
@@ -120,9 +127,10 @@ void startService(const std::string& root, const std::string& folder) {
                       UNIT, __LINE__);
 }
 
-/// How long an answer may take, in seconds: those that unmount or write have limits of their own in the
-/// service.
+/// How long an answer may take, in seconds, from the last progress: those that unmount or write have limits of
+/// their own in the service.
 int answerSeconds(unsigned kind) {
+    if (const char* own = std::getenv("TAVRIN_ANSWER_S")) return std::atoi(own); // for tests
     switch (static_cast<Call>(kind)) {
     case Call::Eject:
     case Call::Dismount:
@@ -137,6 +145,53 @@ int answerSeconds(unsigned kind) {
     }
 }
 
+/// Whether the answer may wait for what programs wrote.
+bool isSlow(unsigned kind) {
+    switch (static_cast<Call>(kind)) {
+    case Call::Eject:
+    case Call::Dismount:
+    case Call::Reset:
+    case Call::GuardOff:
+    case Call::GuardReparse:
+        return true;
+    default:
+        return false;
+    }
+}
+
+/// Asks on a connection of its own how far the disk has come that the request `body` is about; false where the
+/// service can't say.
+bool askProgress(unsigned kind, const std::string& body, uint64* progress) {
+    Connection other;
+    if (!other.open(connection.folder)) return false;
+    const timeval limit = {PROGRESS_S, 0};
+    ::setsockopt(other.fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+    const auto call = static_cast<Call>(kind);
+    Reader request(body);
+    const SxString image = call == Call::Eject ? request.text() : SxString();
+    const uint64 deviceId = call == Call::Dismount ? request.number() : 0;
+    if (!send(other.fd, static_cast<unsigned>(Call::Progress), Writer().text(image).number(deviceId).body()))
+        return false;
+    const auto message = receive(other.fd);
+    if (!message || message->kind != SUCCESS) return false;
+    *progress = Reader(message->body).number();
+    return true;
+}
+
+/// Waits for the begin of an answer. Where that takes long, the service is asked whether the disk goes on,
+/// since a slow one may take any time for what programs have written. False where it stands still for too long.
+bool awaitAnswer(unsigned kind, const std::string& body) {
+    SxDeadline deadline(int64{answerSeconds(kind)} * 1000);
+    while (deadline.getLeftMs() > 0) {
+        pollfd waiting = {connection.fd, POLLIN, 0};
+        const int ready = ::poll(&waiting, 1, static_cast<int>(std::min(deadline.getLeftMs(), ASK_MS)));
+        if (ready > 0) return true;
+        uint64 progress = 0;
+        if (ready == 0 && isSlow(kind) && askProgress(kind, body, &progress)) deadline.note(progress);
+    }
+    return false;
+}
+
 /// One request and its answer; false where the connection was cut off. Raises where the service doesn't
 /// answer in time, since a second request would fare no better.
 bool exchange(unsigned kind, const std::string& body, Message* answer) {
@@ -144,9 +199,14 @@ bool exchange(unsigned kind, const std::string& body, Message* answer) {
     ::setsockopt(connection.fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
     ::setsockopt(connection.fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
     errno = 0;
-    auto message = send(connection.fd, kind, body) ? receive(connection.fd) : std::nullopt;
+    if (!send(connection.fd, kind, body) && errno != EAGAIN) return false;
+    std::optional<Message> message;
+    if (awaitAnswer(kind, body)) {
+        errno = 0;
+        message = receive(connection.fd);
+        if (!message && errno != EAGAIN) return false;
+    }
     if (!message) {
-        if (errno != EAGAIN) return false;
         ucred peer = {};
         socklen_t size = sizeof peer;
         ::getsockopt(connection.fd, SOL_SOCKET, SO_PEERCRED, &peer, &size);

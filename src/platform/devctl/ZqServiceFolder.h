@@ -26,6 +26,8 @@ public:
     static constexpr const char* DISK_FILE = "disk";    ///< that file
     static constexpr const char* IMAGE = "image";       ///< path of the disk's image folder
     static constexpr const char* IDENTITY = "identity"; ///< vendor, product, target id, a line each
+    /// There while what programs wrote to a disk may not be on it yet.
+    static constexpr const char* WRITTEN = "written";
 
     static constexpr const char* VENDOR = "VOLM";
     static constexpr const char* PRODUCT = "ZqDD";

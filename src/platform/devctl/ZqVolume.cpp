@@ -195,7 +195,14 @@ SxList<SxString> ZqVolume::getLeftovers() {
     return images;
 }
 
-bool ZqVolume::removeLeftovers(const SxString& image) {
+uint64 ZqVolume::getProgress(const SxString& image) {
+    Reader answer;
+    const Writer request = Writer().text(ZqServiceClient::keyOf(image)).number(0);
+    return ZqServiceClient::call(Call::Progress, request, &answer, Start::Never) ? answer.number() : 0;
+}
+
+bool ZqVolume::removeLeftovers(const SxString& image, bool* written) {
+    *written = false;
     if (!ZqServiceClient::isServing()) {
         const std::string folder = ZqServiceFolder::of(ZqMachineRoot::get().str());
         std::vector<std::string> disks;
@@ -210,7 +217,9 @@ bool ZqVolume::removeLeftovers(const SxString& image) {
         throw SxException(getLastException(UNIT, __LINE__), "Cannot remove what a drive service left behind",
                           UNIT, __LINE__);
     }
-    return answer.flag();
+    const bool found = answer.flag();
+    *written = answer.flag();
+    return found;
 }
 
 bool ZqVolume::wasBusy() {

@@ -76,8 +76,11 @@ public:
     static SxList<SxString> getLeftovers();
     /// Removes what a service that was killed has left behind in this machine root (mounts, loop devices,
     /// connections, letters, the socket). Gives whether a drive of `image` was, or has been since it was last
-    /// asked for, among that.
-    static bool removeLeftovers(const SxString& image);
+    /// asked for, among that. `*written`: what programs had written to that drive may be lost.
+    static bool removeLeftovers(const SxString& image, bool* written);
+    /// A number that grows while what programs wrote to an image's drive comes to its disk; stays as it is
+    /// where the service can't be asked, or doesn't serve the image.
+    static uint64 getProgress(const SxString& image);
     /// Whether a program still used the volume that zqDriveEjectImage() took away last on this thread.
     static bool wasBusy();
     /// Why the last function of the control library failed on this thread, in words for the user; empty where

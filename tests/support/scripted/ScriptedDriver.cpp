@@ -311,8 +311,13 @@ SxString ZqVolume::findDrive(const ZqDiskStatus& disk) {
 void ZqVolume::setReady(const SxString&) {
     ScriptedDriver::get().enter("setReady", "setReady");
 }
-bool ZqVolume::removeLeftovers(const SxString&) {
+bool ZqVolume::removeLeftovers(const SxString&, bool* written) {
+    *written = false;
     return false;
+}
+uint64 ZqVolume::getProgress(const SxString&) {
+    ScriptedDriver& driver = ScriptedDriver::get();
+    return driver.nProgress > 0 ? driver.nProgress-- : 0;
 }
 bool ZqVolume::wasBusy() {
     return ScriptedDriver::get().isBusy;
