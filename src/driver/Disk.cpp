@@ -20,8 +20,8 @@ constexpr const char* UNIT = "src/driver/Disk";
 /// A mount may wait for blocks as long as somebody wants it to: an eject ends it.
 constexpr int64 MOUNT_MS = int64{24} * 3600 * 1000;
 /// How long a helper may take from the last byte that came to the disk. Unmounting writes what programs have
-/// left to be written, and a slow disk may take any time for it: a limit for the whole would lose what one had
-/// acknowledged.
+/// left to be written, and a slow disk may take any time for it: a limit for the whole would lose what one
+/// had acknowledged.
 constexpr int64 STALL_MS = 20'000;
 constexpr int64 SWEEP_MS = 20'000;
 /// How long bringing a volume up may still take once its reads fail.
@@ -336,8 +336,8 @@ Disk::End Disk::eject() {
     front.end();
     const SxString failed = describeLostWrites(disk.close());
     if (!failed.isEmpty()) driverLog(failed);
-    end.lost = getLost();
-    if (end.lost.isEmpty()) end.lost = failed;
+    // Of the two the first one knows why.
+    end.lost = failed.isEmpty() ? getLost() : failed;
     removeFolder();
     {
         const SxMutexBlock inner(&mutex);
@@ -508,7 +508,8 @@ ZqDiskStatus Disk::getStatus() {
     status.servicePid = SxOs::processId();
     const SxMutexBlock block(&mutex);
     status.failure = failure.isEmpty() ? disk.getFailure() : failure;
-    if (status.failure.isEmpty()) status.failure = lost.isEmpty() ? describeLostWrites(0) : lost;
+    if (status.failure.isEmpty()) status.failure = describeLostWrites(0);
+    if (status.failure.isEmpty()) status.failure = lost;
     // The ticker hasn't come to it yet.
     if (status.failure.isEmpty() && state == State::Mounted && front.hasEnded() && !detaching)
         status.failure = "The connection to the drive's file has ended";

@@ -61,7 +61,8 @@ app=$(mounted)/TAVRIN-protected/app
 [[ $(<"$app/saved") == saved ]] || fail "what was written is gone"
 
 kill -9 "$("$client" status image --json | sed -n 's/.*"servicePid": \([0-9]*\).*/\1/p')"
-"$client" umount image | grep -q "left behind" || fail "nothing was tidied up"
+"$client" umount image 2>told && fail "nothing is told of writes that may be lost"
+grep -q "left behind" told || fail "nothing was tidied up"
 grep -q "tavrin-$UID/" /proc/self/mountinfo && fail "a mount is left"
 [[ -n $(mounted) ]] || fail "no mount behind a killed service"
 "$client" umount image
