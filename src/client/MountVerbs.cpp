@@ -9,6 +9,7 @@
 #include <tavrin/ZqAppParams.h>
 #include <tavrin/ZqImageFiles.h>
 #include <tavrin/ZqImageFolder.h>
+#include <tavrin/ZqImageLock.h>
 #include <tavrin/ZqImageParams.h>
 #include <tavrin/ZqMountMgr.h>
 #include <tavrin/ZqSyncedSize.h>
@@ -158,6 +159,8 @@ int mount(const MountOptions& options, Output& out) {
         return ExitSuccess;
     }
     const SxString folder = ZqImageFolder::prefix(options.image);
+    // In the middle of one the records aren't there.
+    ZqImageLock::finishReplacement(options.image);
     const ZqAppParams app(folder);
     const ZqImageParams params(folder);
     const ZqMountMgr::MountMode mode =

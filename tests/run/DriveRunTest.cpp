@@ -583,6 +583,15 @@ TEST_F(Drive, whatAFullDiskCantKeepIsToldOf) {
     ASSERT_EQ(::umount2(disk.c_str(), MNT_DETACH), 0);
 }
 
+TEST_F(Drive, aReplacementThatWasCutOffIsBroughtToItsEnd) {
+    const string image = build("image", "erofs");
+    fs::create_directory(image + "/image.new");
+    fs::rename(image + "/app.json", image + "/image.new/app.json");
+    write(image + "/image.new/ready", "");
+    EXPECT_EQ(treeOf(mount(image)), treeOf(source));
+    EXPECT_FALSE(fs::exists(image + "/image.new"));
+}
+
 TEST_F(Drive, aDamagedRecordDoesntKeepADrive) {
     const string image = build("image", "erofs");
     mount(image);
