@@ -17,6 +17,8 @@ constexpr const char* UNIT = "src/base/ZqMountMgr";
 constexpr const char* MARKER = "/gxprefetch.info";
 constexpr int64 PASS_MS = 1000;
 constexpr int64 LIMIT = 60;
+/// For so many passes a volume that is mounted may stay unseen.
+constexpr int64 BLIND_PASSES = 3;
 /// A counter that isn't above the limit lets one pass more go on.
 constexpr int64 MOUNT_PASSES = LIMIT + 1;
 constexpr const char* EXPLORER_POLICY = "HKLM/SOFTWARE/Microsoft/Windows/CurrentVersion/Policies/Explorer";
@@ -27,6 +29,16 @@ SxString serviceFailure(const SxString& image) {
     ZqDiskStatus disk;
     if (!ZqVolume::findDisk(image, &disk)) return "The drive service serves the image no more";
     return disk.failure;
+}
+
+/// Why this process doesn't see what the service says is mounted; empty where it does, or nothing is yet.
+SxString blindness(const SxString& image) {
+    ZqDiskStatus disk;
+    if (!ZqVolume::findDisk(image, &disk) || disk.mountPath.isEmpty() || ZqVolume::isVisible(disk)) return {};
+    return SxString("The drive service (process ") + disk.servicePid +
+           ") lives in another mount namespace, whose drives this process can't see; it ends by itself half "
+           "a "
+           "minute after its last drive";
 }
 
 /// Ends a wait that didn't come to its state: with the service's reason, else as timed out.
@@ -154,12 +166,15 @@ void ZqMountMgr::awaitMntPoint(const SxString& image) {
 void ZqMountMgr::awaitFiles(const SxString& image) const {
     SxString reason;
     bool found = false;
+    int64 nPasses = 0;
     const auto decided = [&] {
         found = SxFSAction::test_f(mntPoint + MARKER);
         if (!found) reason = serviceFailure(image);
+        // A mount may take a moment to come through to this namespace.
+        if (!found && reason.isEmpty() && nPasses >= BLIND_PASSES) reason = blindness(image);
         return found || !reason.isEmpty();
     };
-    SxWait::passes(MOUNT_PASSES, PASS_MS, decided, [](int64) {});
+    SxWait::passes(MOUNT_PASSES, PASS_MS, decided, [&](int64 i) { nPasses = i + 1; });
     if (!found) raiseWait(reason, "Timeout while waiting for filesystem", __LINE__);
 }
 

@@ -51,6 +51,13 @@ TEST(Device, WaitsAsLongAsItTakes) {
     Machine machine;
     machine.driver.filesAfter = NEVER;
     EXPECT_EQ(machine.mountAlone(false), "E:");
+    // A service whose mounts don't come to this namespace.
+    Machine blind;
+    blind.driver.filesAfter = NEVER;
+    blind.driver.isVisible = false;
+    EXPECT_THAT(failureOf([&] { blind.mountAlone(); }), HasSubstr("lives in another mount namespace"));
+    EXPECT_EQ(blind.elapsedMs(), 3000);
+    EXPECT_FALSE(blind.driver.mounted);
 }
 
 TEST(Device, RefusedMountsLeaveNothing) {

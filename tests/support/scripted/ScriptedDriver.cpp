@@ -301,7 +301,11 @@ bool ZqVolume::findDisk(const SxString&, ZqDiskStatus* status) {
     status->failure = ScriptedDriver::get().diskFailure;
     status->deviceId = ScriptedDriver::get().deviceId;
     status->drive = ScriptedDriver::get().drive;
+    status->mountPath = "/mounted";
     return true;
+}
+bool ZqVolume::isVisible(const ZqDiskStatus&) {
+    return ScriptedDriver::get().isVisible;
 }
 SxString ZqVolume::findDrive(const ZqDiskStatus& disk) {
     ScriptedDriver& driver = ScriptedDriver::get();

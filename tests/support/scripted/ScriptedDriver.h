@@ -46,6 +46,7 @@ public:
     uint64 deviceId = 7;
     SxString diskFailure; ///< what the service says of the disk
     bool isBusy = false;
+    bool isVisible = true; ///< the volume, from the process's mount namespace
     uint64 nProgress = 0; ///< how often what was written is said to have come on
     bool answersPing = true;
     std::string version = "3.4.10";
