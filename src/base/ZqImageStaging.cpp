@@ -86,7 +86,7 @@ ZqImageStaging::ZqImageStaging(const SxString& target_, const SxString& job, boo
       folder(target_),
       lock(ZqImageLock::take(target_, ZqImageLock::Shape, ZqImageLock::Exclusive, job)),
       mayDiscard(mayDiscard_) {
-    // Better now than behind all the work.
+    // Better now than after all the work.
     const Gathered gathered(target);
     if (gathered.buildId.isEmpty()) findKept(gathered.buildId);
 }

@@ -4,7 +4,7 @@
 
 #include <functional>
 
-/// Holds up the machine's sleep until no read waits for blocks any more: a task that waits in the kernel for
+/// Holds up the machine's sleep until no read waits for blocks: a task that waits in the kernel for
 /// a drive can't be frozen, and one is enough for the machine to stay awake. Does nothing where the system
 /// doesn't tell of its sleep (ZqSleepWatch).
 class ZqSleepDelay : public SxSystemThread {

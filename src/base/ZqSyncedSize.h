@@ -7,7 +7,7 @@
 /// bytes of the file can be believed, also after the writer was killed; after another start only those that
 /// are noted, since a power cut leaves a file of the right size with anything in it. A file without a note is
 /// believed as a whole. Bytes that the device has lost, as a sync told that failed, are in memory at best, so
-/// the note says no more until the machine starts again. Where that has no id, its start is taken to be that
+/// the note stays as it is until the machine starts again. Where that has no id, its start is taken to be that
 /// of the process. Not locked: whoever changes the file holds the image. Sizes are in bytes.
 class ZqSyncedSize {
 public:
@@ -36,7 +36,7 @@ private:
         bool exists = false;
         uint64 size = 0;
         std::string boot;    ///< empty where it isn't known
-        bool isLost = false; ///< some of the bytes behind it are known to be
+        bool isLost = false; ///< some of the bytes after these are known to be
 
         bool isOfThisStart() const;
     };

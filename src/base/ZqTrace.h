@@ -133,7 +133,7 @@ public:
 
 private:
     /// For who holds the lock of the trace in `path`. `fill` hands over the items. Calls `prepareRecord`
-    /// between the items and their record: what fails ahead of it leaves the record alone.
+    /// between the items and their record: what fails before it leaves the record alone.
     using Put = std::function<void(const ZqTraceItem&)>;
     static void write(const ZqTraceLock& lock, const std::function<void(const Put& put)>& fill,
                       const SxString& path, ZqTraceParams::Method method, const SxString& buildId,

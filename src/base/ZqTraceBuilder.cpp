@@ -63,7 +63,7 @@ bool isJson(const SxString& file) {
     }
 }
 
-/// A walk over the items of a run ahead of its joining.
+/// A walk over the items of a run before its joining.
 struct Walk {
     Walk(const SxString& path, uint64 start, uint64 end) {
         ZqTraceRecords::Reader reader(path);
@@ -93,7 +93,7 @@ struct ZqTraceBuilder::Run {
     Fate fate = Open;
 };
 
-/// Runs one behind the other, of which only the first access to each block is kept.
+/// Runs one after the other, of which only the first access to each block is kept.
 class ZqTraceBuilder::Joined {
 public:
     /// `nMost`: items that there may be.
@@ -105,7 +105,7 @@ public:
     uint64 getEnd() const { return getStart() + static_cast<uint64>(duration); }
     uint64 getStart() const { return static_cast<uint64>(base->time0); }
 
-    /// Appends the run in `path` behind the end; the first one stays where it is.
+    /// Appends the run in `path` after the end; the first one stays where it is.
     void append(const ZqTraceParams& record, const SxString& path) {
         const bool isFirst = !base;
         const uint64 end = isFirst ? 0 : getEnd();

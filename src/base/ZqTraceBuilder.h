@@ -7,7 +7,7 @@
 
 #include <vector>
 
-/// Sweeps a folder of traces, one folder for each run, and folds them, one behind the other in the order of
+/// Sweeps a folder of traces, one folder for each run, and folds them, one after the other in the order of
 /// their start times, into one trace in there; the folders of the runs go. A trace that is damaged, so one
 /// that doesn't parse or is empty, is left out and goes too. Every other that isn't joined stays: of a newer
 /// format, of another build than the newest run, of two with the same start all but one, what a drive records

@@ -108,7 +108,7 @@ void ZqTraceParams::refuseSeries() const {
     if (!isSeries()) return;
     throw SxException(
         "The trace '" + pathPrefix +
-            "' holds several runs one behind the other, as 'trace build' and 'trace append' make "
+            "' holds several runs one after the other, as 'trace build' and 'trace append' make "
             "it, and no times within one run; take the runs' own traces: tavrin trace merge OUT "
             "TRACE...",
         UNIT, __LINE__);

@@ -51,11 +51,11 @@ public:
     /// Raises on any other value.
     static SxString methodToString(Method value);
 
-    /// Whether the trace holds runs one behind the other, as trace building and appending make it. The method
+    /// Whether the trace holds runs one after the other, as trace building and appending make it. The method
     /// alone doesn't tell: later operations change it.
     bool isSeries() const { return method == IncMonitoring || firstSessionBlockIndex > 0; }
     /// Raises where it does, and says what to do: of such a trace neither an order nor a merge comes out
-    /// right, since what every run needs at its start stands far behind the start of the first one, or was
+    /// right, since what every run needs at its start stands long after the start of the first one, or was
     /// dropped as a repeat.
     void refuseSeries() const;
 

@@ -34,7 +34,7 @@ constexpr ModeWord MODES[] = {
 
 const std::string TEMPORARY = ".tmp";
 constexpr size_t N_DIGITS = 8;
-/// The byte that a writer locks, far behind those that others lock.
+/// The byte that a writer locks, far after those that others lock.
 constexpr int64 WRITER = int64{1} << 48;
 
 /// Whether the file behind the descriptor has lost that name. What can't be told doesn't count: a rename will
@@ -84,7 +84,7 @@ private:
     bool isRenamed = false;
 };
 
-/// Removes what writers of `path` have left that are no more. What can't be told or removed stays.
+/// Removes what writers of `path` have left that have ended. What can't be told or removed stays.
 void removeDeadWriters(const SxString& path) {
     SxOs& os = SxOs::get();
     const SxFileInfo info(path);

@@ -111,7 +111,7 @@ Disk::Disk(const MountParams& params_, const SxString& root_, const SxString& fo
 
 Disk::~Disk() {
     eject();
-    ender.reset(); // ahead of the locks, which it may still be letting go
+    ender.reset(); // before the locks, which it may still be letting go
 }
 
 void Disk::start() {
@@ -148,7 +148,7 @@ void Disk::bringUp() {
         SxString(ZqServiceFolder::VENDOR) + "\n" + ZqServiceFolder::PRODUCT + "\n" + deviceId + "\n", 0600);
     const SxMutexBlock block(&tearing);
     if (ending) throw SxException("The disk was ejected", UNIT, __LINE__);
-    // Ahead of the letter, by which programs come.
+    // Before the letter, by which programs come.
     setHoldsWrites(!isReadOnly(type));
     const SxMutexBlock inner(&mutex);
     letter.take(root, folder + "/" + ZqServiceFolder::VOLUME);
@@ -212,7 +212,7 @@ SxString Disk::getLost() const {
     return lost;
 }
 
-/// Keeps it beside the disk, too, for whoever tidies up behind a service that was killed.
+/// Keeps it beside the disk, too, for whoever tidies up after a service that was killed.
 void Disk::setHoldsWrites(bool holds) {
     if (holdsWrites.exchange(holds) == holds) return;
     const SxString file = folder + "/" + ZqServiceFolder::WRITTEN;
@@ -447,7 +447,7 @@ void Disk::noticeEnd() {
     const char* what =
         front.hasEnded() || !Mounts::isMounted(base + ZqServiceFolder::FRONT) ? "file" : nullptr;
     if (!what && !Mounts::isMounted(base + ZqServiceFolder::VOLUME)) what = "volume";
-    // Looked at behind the table, since an unmounting of our own may have begun meanwhile.
+    // Looked at after the table, since an unmounting of our own may have begun meanwhile.
     if (!what || detaching || ending) return;
     const SxString why = SxString("Somebody has unmounted the drive's ") + what;
     driverLog("image " + params.image + ": " + why);

@@ -70,7 +70,7 @@ public:
     /// The volume's label, from its superblock; empty where that isn't present.
     SxString getLabel();
     void tick();
-    /// Whether somebody else has ended the mount, and all of the disk was taken down behind that.
+    /// Whether somebody else has ended the mount, and all of the disk was taken down after that.
     bool wasTakenAway() const;
 
     ZqDiskStatus getStatus();

@@ -69,7 +69,7 @@ void DriveFile::noteWritten(uint64 begin, uint64 end) const {
     nDirty += end - begin;
 }
 
-/// The steps only make the sync behind them short, so it doesn't matter what a write at the same time adds.
+/// The steps only make the sync after them short, so it doesn't matter what a write at the same time adds.
 int DriveFile::writeBackInSteps() const {
     const uint64 begin = dirtyBegin.exchange(~uint64{0}), end = dirtyEnd.exchange(0);
     if (nDirty.exchange(0) <= SYNC_STEP) return 0;

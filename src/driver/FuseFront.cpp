@@ -176,7 +176,7 @@ public:
         // NOLINTNEXTLINE(cppcoreguidelines-*): it is the C library's that got it
         std::free(request.mem);
     }
-    /// Ahead of the start: has the library get its space for requests, which it does when it looks for one,
+    /// Before the start: has the library get its space for requests, which it does when it looks for one,
     /// and locks that. The session must not wait for requests meanwhile.
     void prepare() {
         if (fuse_session_receive_buf(session, &request) > 0) fuse_session_process_buf(session, &request);

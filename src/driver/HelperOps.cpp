@@ -171,7 +171,7 @@ bool unmountVolume(const std::string& folder) {
     if (error != EBUSY) fail("Cannot unmount '" + SxString(folder) + "'", error);
     const int fd = openToSync(folder);
     error = Mounts::detach(folder);
-    // What its users have written meanwhile. Nobody finds the way to it any more.
+    // What its users have written meanwhile. Nobody finds the way to it now.
     syncAndClose(fd);
     if (error != 0 && error != EINVAL) fail("Cannot detach '" + SxString(folder) + "'", error);
     return true;
@@ -208,7 +208,7 @@ std::vector<std::string> loopsOn(const std::string& folder) {
 }
 
 /// Whether another mount namespace still uses the volume on a loop device that has gone from this one. A
-/// device whose last user has gone isn't on the disk's file any more.
+/// device whose last user has gone is no longer on the disk's file.
 bool isHeldElsewhere(const std::string& loop, const std::string& folder) {
     const std::vector<std::string> loops = loopsOn(folder);
     return std::find(loops.begin(), loops.end(), loop) != loops.end();

@@ -16,7 +16,7 @@ namespace {
 
 constexpr const char* UNIT = "src/driver/Service";
 constexpr int IMAGE_TYPE_ZQF = 1;
-/// Stands ahead of the path in a second line of an image whose drive may have lost writes.
+/// Stands before the path in a second line of an image whose drive may have lost writes.
 const SxString WRITTEN_MARK = "written ";
 
 [[noreturn]] void refuse(const SxString& text) {

@@ -48,7 +48,7 @@ public:
     Result write(uint64 offset, uint32 size, const char* buffer, uint64 token, bool retry, int* error);
     /// Lets whole blocks read as zeros, and frees what the write layer has of them; what isn't aligned to
     /// blocks, but for the end of the disk, is refused with EOPNOTSUPP. Held only while writes are; never for
-    /// a missing block. Durable, and its room given back, only behind sync().
+    /// a missing block. Durable, and its room given back, only after sync().
     Result discard(uint64 offset, uint64 size, uint64 token, bool retry, int* error);
     /// Gives 0 when all writes that were done before are on the device, else an errno value.
     int sync();

@@ -403,7 +403,7 @@ int WriteLayer::syncInTurn() {
     return failedError.load() != 0 ? EIO : 0;
 }
 
-/// Makes slots free whose discard is durable and which nobody writes to any more.
+/// Makes slots free whose discard is durable and which nobody writes to now.
 void WriteLayer::reuseFreed() {
     std::vector<SlotIdx> holes;
     {

@@ -12,7 +12,7 @@
 ///
 /// A block that was discarded reads as zeros, with an entry for nothing in the map, and its record says so.
 /// Its slot is used again, and its room given back to the disk, only once that record is durable and whoever
-/// was writing to the slot has ended: a cut leaves what was written last ahead of the discard, or zeros.
+/// was writing to the slot has ended: a cut leaves what was written last before the discard, or zeros.
 ///
 /// write(), discard() and sync() are safe from any thread; flush() only while nobody does either.
 class WriteLayer {
@@ -27,7 +27,7 @@ public:
     /// fails here or in sync() fails all later ones.
     int write(RawIdx first, uint64 n, const char* data);
     /// Makes `n` blocks read as zeros and frees their slots; gives 0 or an errno value. Durable, and their
-    /// room given back, behind the next sync().
+    /// room given back, after the next sync().
     int discard(RawIdx first, uint64 n);
     /// Gives 0 when all writes that have returned are on the device, else an errno value.
     int sync();

@@ -43,7 +43,7 @@ void requestStop(int) {
 }
 
 /// Where memory is short, the kernel writes out what programs wrote to a drive, and lets whoever asks for
-/// memory wait for it; this process would wait for itself. Ahead of the first thread, since threads inherit
+/// memory wait for it; this process would wait for itself. Before the first thread, since threads inherit
 /// it. It takes a right that users lack, whose drives are written to by a process of their own.
 void forbidReclaimThroughDrives() {
 #ifndef PR_SET_IO_FLUSHER

@@ -14,7 +14,7 @@ constexpr uint64 BLOCKS_PER_GROUP = 32768, INODES_PER_GROUP = 32768; ///< at mos
 constexpr uint64 JOURNAL_MIB = 16, ROOM_MIB = 16;
 constexpr uint64 BYTES_PER_INODE = 16384; ///< of free room
 constexpr uint64 LEAST_FREE_INODES = 65536;
-constexpr uint64 OWN_INODES = 32; ///< of the file system, and for folders ahead of those of the source
+constexpr uint64 OWN_INODES = 32; ///< of the file system, and for folders above those of the source
 constexpr uint64 MIB_BLOCKS = (1 << 20) / BLOCK;
 constexpr uint64 ROOT = 2; ///< the root folder's inode number
 constexpr uint64 MODE_TYPE = 0xF000, MODE_DIR = 0x4000, MODE_FILE = 0x8000;

@@ -419,7 +419,7 @@ TEST_F(ClientTest, traceVerbs) {
     EXPECT_EQ(
         json({"build", dir.path("image")}),
         R"({"joined":2,"corrupted":0,"removed":["a","b"],"left":[],"items":6,"duration":6000,"method":"inc-monitoring"})");
-    // Runs one behind the other make no order and no merge, by whatever way they have come.
+    // Runs one after the other make no order and no merge, by whatever way they have come.
     const string built = dir.path("image/traces/merged"), copy = dir.path("copy");
     const Words asMerge = {"trace", "merge", dir.path("twice"), built};
     EXPECT_THAT(run(asMerge).err, HasSubstr("take the runs' own traces: tavrin trace merge OUT TRACE..."));
@@ -427,7 +427,7 @@ TEST_F(ClientTest, traceVerbs) {
     EXPECT_EQ(run({"trace", "shift", copy, "1"}).code, 0);
     for (const string& series : {built, copy}) {
         const Words asOrder = {"image", "order", image, series, dir.path("index")};
-        EXPECT_THAT(run(asOrder).err, HasSubstr("one behind the other"));
+        EXPECT_THAT(run(asOrder).err, HasSubstr("one after the other"));
     }
     EXPECT_EQ(run({"trace", "build", dir.path("image")}).out, "Nothing to merge.\n");
     std::filesystem::remove_all(dir.path("image/traces"));

@@ -150,7 +150,7 @@ TEST(WriteLayer, GivesDiscardedRoomBackAndUsesItAgain) {
         EXPECT_LE(allocated(), N / 2);
         EXPECT_EQ(drive.write(0, std::string(BLOCK_SIZE, 'y')), 0);
     }
-    // As if the service had been killed ahead of the holes.
+    // As if the service had been killed before the holes.
     std::filesystem::resize_file(image.path("img.tmp"), 2 * N * BLOCK_SIZE);
     for (const Mode mode : {Mode::Ro, Mode::Rtw, Mode::Rw}) {
         Drive drive(image, mode);

@@ -152,7 +152,7 @@ TEST_F(Flush, AnUnmountWhoseServiceIsKilledFailsWhereWritesMayBeLost) {
         if (!isBefore) {
             EXPECT_EQ(umount.wait(), 1);
         }
-        // What the one that was cut off couldn't see any more, the next one tells, once.
+        // What the one that was cut off could no longer see, the next one tells, once.
         const Outcome outcome = run({"umount", image});
         if (isBefore) {
             EXPECT_EQ(outcome.code, 1);

@@ -14,7 +14,7 @@ import writers
 PROGRAM = Path(writers.__file__)
 N_KILLS = 20
 N_FIRST = 5  # what each writer has had acknowledged before the kill may come
-LONGEST_SECONDS = 1.5  # behind that
+LONGEST_SECONDS = 1.5  # after that
 ENDS = [writers.DRIVE_FAILED, -signal.SIGBUS]
 
 

@@ -1,4 +1,4 @@
-// Loaded ahead of the C library into a drive service: a disk that takes its time for the files of an image.
+// Loaded before the C library into a drive service: a disk that takes its time for the files of an image.
 // `$SLOW_DISK` is a file with the bytes that it takes in a second; 0 means that it takes none, and -1 that
 // only syncs stand still, until that changes.
 
