@@ -38,7 +38,7 @@ void checkParts(const Parts& parts, uint64 first) {
 
 /// Raises where something stands at `path` that a join can't replace.
 void requireFileOrNothing(const SxString& path) {
-    if (isGone(path) || (SxFileInfo(path).isFile() && !SxFileInfo(path).isLink())) return;
+    if (SxFSAction::isGone(path) || (SxFileInfo(path).isFile() && !SxFileInfo(path).isLink())) return;
     throw SxException("'" + path + "' is not a plain file", UNIT, __LINE__);
 }
 
@@ -46,7 +46,7 @@ void requireFileOrNothing(const SxString& path) {
 /// the last one that is gone, since the removals may have reached the device in any order.
 uint64 findResumePoint(const Parts& parts, const SxString& zqf) {
     uint64 first = parts.count + 1;
-    while (first > 1 && !isGone(parts.path(first - 1)))
+    while (first > 1 && !SxFSAction::isGone(parts.path(first - 1)))
         --first;
     const uint64 have = SxFSAction::test_f(zqf) ? static_cast<uint64>(SxFileInfo(zqf).getSize()) : 0;
     const uint64 need = first <= parts.count ? parts.offset(first) : parts.size;
@@ -147,7 +147,7 @@ void joinParts(const Parts& parts, const SxString& zqf, uint64 first, Progress* 
     target.seek(static_cast<int64>(start));
     progress->add(start);
     for (uint64 part = 1; part < first; ++part) {
-        if (!isGone(parts.path(part))) SxFSAction::rm(parts.path(part));
+        if (!SxFSAction::isGone(parts.path(part))) SxFSAction::rm(parts.path(part));
     }
     PartRemover remover(&target, parts);
     SxArray<char> buffer(BUFFER);
@@ -173,7 +173,7 @@ void undoJoin(const Parts& parts, const SxString& zqf, const SxString& info, con
         for (uint64 part = 1; part <= parts.count; ++part) {
             if (!SxFSAction::exists(parts.path(part))) return;
         }
-        if (!isGone(zqf)) SxFSAction::rm(zqf);
+        if (!SxFSAction::isGone(zqf)) SxFSAction::rm(zqf);
         // With the record beside it, what is left of img.zqf would look like the whole of it.
         const SxString folder = SxFileInfo(zqf).getPath();
         SxFSAction::syncDir(folder);
@@ -191,7 +191,8 @@ bool ZqImage::join(ZqTaskMon* monitor) const {
     const SxString journal = pathPrefix + ZqImageFiles::JOIN_INFO;
     const SxString zqf = pathPrefix + ZqImageFiles::ZQF;
     // Without a record there is nothing to lock, and no lock file to leave behind.
-    if (isGone(info) && isGone(journal) && isGone(pathPrefix + ZqImageFiles::SPLIT_JOURNAL))
+    if (SxFSAction::isGone(info) && SxFSAction::isGone(journal) &&
+        SxFSAction::isGone(pathPrefix + ZqImageFiles::SPLIT_JOURNAL))
         readRecord(pathPrefix, info);
     const auto lock = ZqImageLock::take(pathPrefix, ZqImageLock::Shape, ZqImageLock::Exclusive, "image join");
     const bool resumed = isJoining(pathPrefix);
@@ -210,7 +211,7 @@ bool ZqImage::join(ZqTaskMon* monitor) const {
         if (!resumed) SxFSAction::mv(info, journal);
         begun = true;
         // The names must be on the device ahead of the end of the first part.
-        if (!resumed || isGone(zqf))
+        if (!resumed || SxFSAction::isGone(zqf))
             SxFileIO().create(zqf, permissionsOf(parts.path(std::min(first, parts.count))));
         SxFSAction::syncDir(pathPrefix);
         Progress progress(monitor, parts.size);

@@ -74,16 +74,6 @@ bool isJoining(const SxString& pathPrefix) {
            SxFSAction::test_f(pathPrefix + ZqImageFiles::JOIN_INFO);
 }
 
-bool isGone(const SxString& path) {
-    SxStat info;
-    const int result = SxOs::get().lstat(SxOs::hostPath(path), &info);
-    if (result < 0 && result != -ENOENT) {
-        throw SxException(SxException(SxOs::errorText(result), UNIT, __LINE__),
-                          "Cannot look at '" + path + "'", UNIT, __LINE__);
-    }
-    return result < 0;
-}
-
 int permissionsOf(const SxString& path) {
     SxStat info;
     const int result = SxOs::get().stat(SxOs::hostPath(path), &info);

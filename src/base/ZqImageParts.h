@@ -98,9 +98,6 @@ Parts readRecord(const SxString& pathPrefix, const SxString& file);
 /// Whether a join of the image was cut off.
 bool isJoining(const SxString& pathPrefix);
 
-/// Whether nothing has that name. Raises where that can't be told, since what is gone counts as joined.
-bool isGone(const SxString& path);
-
 /// The permissions of the file `path`, which what is made of it gets: an image that is handed out stays one,
 /// and a player's own stays that. The umask counts all the same.
 int permissionsOf(const SxString& path);

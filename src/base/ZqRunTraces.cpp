@@ -28,9 +28,8 @@ void ZqRunTraces::add(const SxString& path, int64 nMost) {
         for (const Entry& entry : read()) {
             if (isThere(entry)) entries.push_back(entry);
         }
-        SxStat info;
-        if (SxOs::get().lstat(SxOs::hostPath(path), &info) == 0)
-            entries.push_back({info.inode, SxFileInfo(path).getName()});
+        if (const auto info = SxFSAction::look(path))
+            entries.push_back({info->inode, SxFileInfo(path).getName()});
         const size_t nOver = nMost > 0 && static_cast<int64>(entries.size()) > nMost
                                  ? entries.size() - static_cast<size_t>(nMost)
                                  : 0;
@@ -65,9 +64,8 @@ void ZqRunTraces::write(const std::vector<Entry>& entries) const {
 }
 
 bool ZqRunTraces::isThere(const Entry& entry) const {
-    SxStat info;
-    return SxOs::get().lstat(SxOs::hostPath(folder + entry.name), &info) == 0 && info.kind == SxStat::Dir &&
-           info.inode == entry.inode;
+    const auto info = SxFSAction::look(folder + entry.name);
+    return info && info->kind == SxStat::Dir && info->inode == entry.inode;
 }
 
 void ZqRunTraces::remove(const Entry& entry) const {

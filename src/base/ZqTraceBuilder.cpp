@@ -14,7 +14,6 @@
 #include "ZqTraceSources.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <map>
 #include <optional>
 
@@ -29,20 +28,9 @@ void log(const SxString& text) {
     zqLogMsg("base", "ZqTraceBuilder::main: " + text);
 }
 
-/// Bytes; -1 where there is no file. Raises where that can't be told: a disk that fails must not look like a
-/// trace that is damaged, which would go.
-int64 sizeOf(const SxString& file) {
-    SxStat info;
-    const int result = SxOs::get().stat(SxOs::hostPath(file), &info);
-    if (result == 0) return info.kind == SxStat::File ? info.size : -1;
-    if (result == -ENOENT || result == -ENOTDIR || result == -ELOOP) return -1;
-    throw SxException(SxException(SxOs::errorText(result), UNIT, __LINE__), "Cannot look at '" + file + "'",
-                      UNIT, __LINE__);
-}
-
 /// Raises where a file that is there can't be read to its end.
 void requireReadable(const SxString& file) {
-    if (sizeOf(file) < 0) return;
+    if (SxFSAction::sizeOf(file) < 0) return;
     SxFileIO reader(file, "rb");
     SxArray<char> buffer(int64{1} << 16);
     while (reader.readBuffer(buffer.data(), buffer.getSize()) > 0) {
@@ -52,7 +40,7 @@ void requireReadable(const SxString& file) {
 /// Whether a file of a trace is JSON. What is and makes no record is none of ours to remove: it may be one of
 /// a newer version.
 bool isJson(const SxString& file) {
-    if (sizeOf(file) <= 0) return false;
+    if (SxFSAction::sizeOf(file) <= 0) return false;
     try {
         SxJSONParser parser;
         parser.readString(SxFileIO::readUtf8(file), file);
@@ -207,7 +195,7 @@ void ZqTraceBuilder::sweep() {
         const auto cutOff = ZqTraceSources::read(folder.getOrig() + "/");
         if (!cutOff) continue;
         log("Going on with what was cut off, from " + folder.getOrig());
-        noteRemoved(cutOff->finish(tracesPath, folder.getName()));
+        removed << cutOff->finish(tracesPath, folder.getName());
     }
     std::vector<Run> runs = findRuns();
     if (runs.size() <= 1) return log("Nothing to merge");
@@ -215,7 +203,8 @@ void ZqTraceBuilder::sweep() {
     choose(&runs);
     int64 nMost = 0;
     for (const Run& run : runs) {
-        if (run.fate == Run::Open) nMost += std::max<int64>(sizeOf(run.path + ZqTraceFiles::ITEMS), 0);
+        if (run.fate == Run::Open)
+            nMost += std::max<int64>(SxFSAction::sizeOf(run.path + ZqTraceFiles::ITEMS), 0);
     }
     Joined joined(nMost / ZqTraceRecords::SIZE);
     joinAll(&runs, &joined);
@@ -274,7 +263,7 @@ void ZqTraceBuilder::readRecords(std::vector<Run>* runs) {
             }
         }
         // A record that could be read isn't empty.
-        if (run.record && sizeOf(run.path + ZqTraceFiles::ITEMS) > 0) continue;
+        if (run.record && SxFSAction::sizeOf(run.path + ZqTraceFiles::ITEMS) > 0) continue;
         log("Corrupted trace " + run.path);
         run.fate = Run::Damaged;
         ++nCorrupted;
@@ -344,11 +333,6 @@ void ZqTraceBuilder::joinAll(std::vector<Run>* runs, Joined* joined) {
     }
 }
 
-void ZqTraceBuilder::noteRemoved(const SxList<SxString>& names) {
-    for (const SxString& name : names)
-        removed << name;
-}
-
 void ZqTraceBuilder::finish(const std::vector<Run>& runs, const Joined& joined) {
     const auto isFormer = [this](const Run& run) { return run.name == traceName; };
     const bool isAlone = nJoined == 1 && nCorrupted == 0 &&
@@ -376,7 +360,10 @@ void ZqTraceBuilder::finish(const std::vector<Run>& runs, const Joined& joined) 
             }
         }
     }
-    if (!hasResult) return noteRemoved(sources.removeAll(tracesPath));
+    if (!hasResult) {
+        removed << sources.removeAll(tracesPath);
+        return;
+    }
 
     try {
         const ZqTraceParams record = joined.writeItems(work);
@@ -393,5 +380,5 @@ void ZqTraceBuilder::finish(const std::vector<Run>& runs, const Joined& joined) 
         throw;
     }
     log("Merged traces into " + work);
-    noteRemoved(sources.finish(tracesPath, name));
+    removed << sources.finish(tracesPath, name);
 }

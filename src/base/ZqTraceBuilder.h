@@ -64,7 +64,6 @@ private:
     SxString findObstacle(const Run& run, const Joined& joined) const;
     /// Puts the result in the place of the runs.
     void finish(const std::vector<Run>& runs, const Joined& joined);
-    void noteRemoved(const SxList<SxString>& names);
 
     const SxString imagePath, tracesPath, traceName;
 

@@ -14,8 +14,10 @@ public:
     ZqTraceLock(const ZqTraceLock&) = delete;
     ZqTraceLock& operator=(const ZqTraceLock&) = delete;
 
-    /// Whether somebody writes the trace in the folder `path` now.
+    /// Whether somebody writes the trace in the folder `path` now. Raises where that can't be told.
     static bool isHeld(const SxString& path);
+    /// Whether somebody holds the first byte of `file`. Raises where that can't be told.
+    static bool isLocked(const SxString& file);
 
 private:
     std::string host; ///< path of the lock file

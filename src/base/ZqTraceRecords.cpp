@@ -2,6 +2,7 @@
 
 #include "SxFSAction.h"
 #include "ZqTraceFiles.h"
+#include "ZqTraceLock.h"
 
 #include <cerrno>
 
@@ -65,20 +66,7 @@ void requireMatch(const SxString& path) {
 }
 
 bool isRecording(const SxString& path) {
-    const SxString file = path + ZqTraceFiles::ITEMS;
-    SxOs& os = SxOs::get();
-    const int fd = os.open(SxOs::hostPath(file), SxOs::Read, 0);
-    if (fd == -ENOENT || fd == -ENOTDIR) return false;
-    int result = fd;
-    if (fd >= 0) {
-        result = os.isLocked(fd, 0, 1, SxOs::Lock::Exclusive);
-        os.close(fd);
-    }
-    if (result >= 0) return result == 1;
-    // A file system without locks has nobody who holds one.
-    if (fd >= 0 && (result == -ENOLCK || result == -EOPNOTSUPP || result == -ENOSYS)) return false;
-    throw SxException(SxException(SxOs::errorText(result), UNIT, __LINE__), "Cannot look at '" + file + "'",
-                      UNIT, __LINE__);
+    return ZqTraceLock::isLocked(path + ZqTraceFiles::ITEMS);
 }
 
 void refuseRecording(const SxString& path) {

@@ -13,26 +13,13 @@
 #include "ZqTraceRecords.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <random>
 
 using SxParserKit::SxSymbol;
 
 namespace {
 
-constexpr const char* UNIT = "src/base/ZqTraceSources";
 constexpr const char* NOTE = "sources.json";
-
-/// Bytes; -1 where there is no file. Raises where that can't be told: a folder that is noted as another than
-/// it is would stay.
-int64 sizeOf(const SxString& file) {
-    SxStat info;
-    const int result = SxOs::get().stat(SxOs::hostPath(file), &info);
-    if (result == 0) return info.kind == SxStat::File ? info.size : -1;
-    if (result == -ENOENT || result == -ENOTDIR || result == -ELOOP) return -1;
-    throw SxException(SxException(SxOs::errorText(result), UNIT, __LINE__), "Cannot look at '" + file + "'",
-                      UNIT, __LINE__);
-}
 
 /// Whether a cut may have left a file of that name in a trace folder.
 bool isRestName(const SxString& name) {
@@ -81,10 +68,10 @@ ZqTraceSources::Folder ZqTraceSources::look(const SxString& tracesPath, const Sx
     const SxString path = tracesPath + name + "/";
     Folder folder;
     folder.name = name;
-    if (sizeOf(path + ZqTraceFiles::RECORD) >= 0) {
+    if (SxFSAction::sizeOf(path + ZqTraceFiles::RECORD) >= 0) {
         folder.record = SxMd5::file(path + ZqTraceFiles::RECORD);
     }
-    folder.size = sizeOf(path + ZqTraceFiles::ITEMS);
+    folder.size = SxFSAction::sizeOf(path + ZqTraceFiles::ITEMS);
     return folder;
 }
 

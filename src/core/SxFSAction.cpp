@@ -27,6 +27,13 @@ std::vector<std::string> sortedNames(const SxString& path) {
     return names;
 }
 
+/// What `result` of asking for `info` tells; nothing where nothing has that name.
+std::optional<SxStat> told(int result, const SxStat& info, const SxString& path) {
+    if (result == 0) return info;
+    if (result == -ENOENT || result == -ENOTDIR || result == -ELOOP) return {};
+    fail("Cannot look at '" + path + "'", result, __LINE__);
+}
+
 SxStat ask(const SxString& path) {
     SxStat info;
     const int result = SxOs::get().lstat(SxOs::hostPath(path), &info);
@@ -112,6 +119,19 @@ bool SxFSAction::test_d(const SxString& path) {
 
 bool SxFSAction::exists(const SxString& path) {
     return !path.isEmpty() && SxFileInfo(path).exists();
+}
+
+std::optional<SxStat> SxFSAction::look(const SxString& path) {
+    SxStat info;
+    const int result = SxOs::get().lstat(SxOs::hostPath(path), &info);
+    return told(result, info, path);
+}
+
+int64 SxFSAction::sizeOf(const SxString& path) {
+    SxStat info;
+    const int result = SxOs::get().stat(SxOs::hostPath(path), &info);
+    const auto found = told(result, info, path);
+    return found && found->kind == SxStat::File ? found->size : -1;
 }
 
 void SxFSAction::mkdir_p(const SxString& path, int mode) {

@@ -1,6 +1,9 @@
 #pragma once
 
 #include "SxFileInfo.h"
+#include "SxOs.h"
+
+#include <optional>
 
 /// Operations on files and folders. All but the tests raise SxException on failure, naming the path and the
 /// cause. Links are removed and copied as links and never followed downward. Safe from any thread.
@@ -11,6 +14,13 @@ public:
     /// Whether `path` is a folder, or a link to one.
     static bool test_d(const SxString& path);
     static bool exists(const SxString& path);
+    /// What has that name, a link itself; nothing where none has. Raises where that can't be told: what
+    /// counts as gone mustn't be so because a disk fails.
+    static std::optional<SxStat> look(const SxString& path);
+    /// Whether nothing has that name; raises as look() does.
+    static bool isGone(const SxString& path) { return !look(path); }
+    /// Bytes of the file, or of the one that a link leads to; -1 where there is none. Raises as look() does.
+    static int64 sizeOf(const SxString& path);
 
     /// Makes a folder and all that are missing above it.
     static void mkdir_p(const SxString& path, int mode = 0777);

@@ -37,16 +37,6 @@ constexpr size_t N_DIGITS = 8;
 /// The byte that a writer locks, far after those that others lock.
 constexpr int64 WRITER = int64{1} << 48;
 
-/// Whether the file behind the descriptor has lost that name. What can't be told doesn't count: a rename will
-/// say so.
-bool isGone(int fd, const std::string& host) {
-    SxStat held, named;
-    const int result = SxOs::get().lstat(host, &named);
-    if (result == -ENOENT) return true;
-    return result == 0 && SxOs::get().statFd(fd, &held) == 0 &&
-           (held.inode != named.inode || held.device != named.device);
-}
-
 /// A new file under a name of its own beside `path`, for what is to become that file. As long as the object
 /// lives a lock tells others that its writer does. Unless it was renamed, it is gone at the end.
 class TemporaryName {
@@ -61,9 +51,9 @@ public:
             if (fd == -EEXIST) continue;
             if (fd < 0) throw failure("Cannot open file '" + name + "'", fd, __LINE__);
             // A file system without locks has nobody who takes the file for a dead writer's. Elsewhere
-            // somebody may have done so before it was locked.
+            // somebody may have done so before it was locked. What can't be told shows with the rename.
             const int locked = os.lockRange(fd, WRITER, 1, SxOs::Lock::Exclusive);
-            if (locked != -EAGAIN && (locked != 0 || !isGone(fd, host))) return;
+            if (locked != -EAGAIN && (locked != 0 || os.hasName(fd, host) != 0)) return;
             os.close(fd);
         }
     }

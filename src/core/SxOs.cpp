@@ -251,6 +251,15 @@ int64 SxOs::processId() noexcept {
     return ::getpid();
 }
 
+int SxOs::hasName(int fd, const std::string& path) {
+    SxStat held, named;
+    const int result = lstat(path, &named);
+    if (result == -ENOENT) return 0;
+    const int own = result < 0 ? result : statFd(fd, &held);
+    if (own < 0) return own;
+    return held.inode == named.inode && held.device == named.device ? 1 : 0;
+}
+
 SxString SxOs::errorText(int64 error) {
     char buffer[256];
     return SxString(strerror_r(static_cast<int>(error < 0 ? -error : error), buffer, sizeof buffer));

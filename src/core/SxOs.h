@@ -73,6 +73,8 @@ public:
     virtual int stat(const std::string& path, SxStat* stat) = 0;
     /// Doesn't follow a link in the last part.
     virtual int lstat(const std::string& path, SxStat* stat) = 0;
+    /// 1 where `path` is still, or again, a name of the open file, 0 where it isn't; a link isn't followed.
+    int hasName(int fd, const std::string& path);
     /// Names in a folder, without "." and "..", in no order.
     virtual int list(const std::string& path, std::vector<std::string>* names) = 0;
 

@@ -8,10 +8,7 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <dirent.h>
 #include <fcntl.h>
-#include <sys/stat.h>
-#include <sys/sysmacros.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
@@ -34,35 +31,10 @@ enum class Kind { Missing, Folder, Removed, Other };
 
 /// What stands at `path`; never through a link. `Removed`: an overlay's mark that a name is gone.
 Kind kindOf(const std::string& path) {
-    struct stat info = {};
-    if (::lstat(path.c_str(), &info) != 0) {
-        if (errno == ENOENT) return Kind::Missing;
-        fail("Cannot look at '" + path + "'", __LINE__);
-    }
-    if (S_ISDIR(info.st_mode)) return Kind::Folder;
-    return S_ISCHR(info.st_mode) && info.st_rdev == ::makedev(0, 0) ? Kind::Removed : Kind::Other;
-}
-
-void makeFolder(const std::string& path) {
-    if (::mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) {
-        fail("Cannot create folder '" + path + "'", __LINE__);
-    }
-}
-
-std::vector<std::string> namesIn(const std::string& path) {
-    DIR* dir = ::opendir(path.c_str());
-    if (!dir) fail("Cannot list folder '" + path + "'", __LINE__);
-    std::vector<std::string> names;
-    errno = 0;
-    for (const dirent* entry = ::readdir(dir); entry; entry = ::readdir(dir)) {
-        const std::string name = entry->d_name;
-        if (name != "." && name != "..") names.push_back(name);
-    }
-    const int error = errno;
-    ::closedir(dir);
-    errno = error;
-    if (error != 0) fail("Cannot list folder '" + path + "'", __LINE__);
-    return names;
+    const auto info = SxFSAction::look(path);
+    if (!info) return Kind::Missing;
+    if (info->kind == SxStat::Dir) return Kind::Folder;
+    return info->isRemoval ? Kind::Removed : Kind::Other;
 }
 
 bool isBelow(const FormerCopies::Path& path, const FormerCopies::Path& folder) {
@@ -83,7 +55,8 @@ public:
     void run(const std::string& onVolume, const Path& at) {
         const std::string here = under(folder, at);
         takeMark(here, at);
-        for (const std::string& name : namesIn(here)) {
+        for (const SxFileInfo& info : SxFSAction::ls(here)) {
+            const std::string name = info.getName().str();
             Path path = at;
             path.push_back(name);
             if (std::any_of(kept.begin(), kept.end(), [&](const Path& each) { return isBelow(path, each); }))
@@ -108,13 +81,9 @@ private:
     }
     /// Makes the folder in the dated one that `path` has its place in.
     std::string makeFolders(const Path& path) {
-        std::string at = dated;
-        makeFolder(at);
+        const std::string at = under(dated, path);
+        SxFSAction::mkdir_p(at, 0700);
         moved = true;
-        for (const std::string& part : path) {
-            at += "/" + part;
-            makeFolder(at);
-        }
         return at;
     }
     /// The mark goes to a folder of the same name, so that all can be put back as it was.

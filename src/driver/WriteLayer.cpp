@@ -1,6 +1,7 @@
 #include "WriteLayer.h"
 
 #include "SxException.h"
+#include "SxFSAction.h"
 
 #include <algorithm>
 #include <bit>
@@ -42,15 +43,6 @@ uint32 little(uint32 value) {
     return std::endian::native == std::endian::big ? __builtin_bswap32(value) : value;
 }
 
-bool isThere(const std::string& path) {
-    SxStat info;
-    const int status = SxOs::get().lstat(path, &info);
-    if (status == 0) return true;
-    if (status == -ENOENT) return false;
-    throw SxException(SxException(SxOs::errorText(status), UNIT, __LINE__),
-                      "Cannot look at '" + SxString(path) + "'", UNIT, __LINE__);
-}
-
 } // namespace
 
 WriteLayer::WriteLayer(const std::string& folder_, BlockMap* map_, bool readOnly_)
@@ -59,12 +51,12 @@ WriteLayer::WriteLayer(const std::string& folder_, BlockMap* map_, bool readOnly
       readOnly(readOnly_),
       identity(LayerIdentity::of(folder_)) {
     // What a cut of flush() leaves behind.
-    if (!readOnly && isThere(folder + "img.tix.new")) SxOs::get().unlink(folder + "img.tix.new");
-    if (!isThere(folder + "img.tix")) return;
+    if (!readOnly && !SxFSAction::isGone(folder + "img.tix.new")) SxOs::get().unlink(folder + "img.tix.new");
+    if (SxFSAction::isGone(folder + "img.tix")) return;
     const SxMutexBlock turn(&changing);
     const unsigned flags = SxOs::Read | SxOs::NoFollow | (readOnly ? 0U : unsigned{SxOs::Write});
     tix.open(folder + "img.tix", flags);
-    if (isThere(folder + "img.tmp")) tmp.open(folder + "img.tmp", flags);
+    if (!SxFSAction::isGone(folder + "img.tmp")) tmp.open(folder + "img.tmp", flags);
     load();
     if (tmp.isOpen()) {
         publishedFd = tmp.getFd();

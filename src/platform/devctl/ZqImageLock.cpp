@@ -54,9 +54,7 @@ int openLockFile(const std::string& file, ZqImageLock::Mode mode) {
 
 /// Whether the file was removed, or replaced, since it was opened: then a lock on it keeps nobody away.
 bool isStale(int fd, const std::string& file) {
-    SxStat held, named;
-    return SxOs::get().statFd(fd, &held) < 0 || SxOs::get().lstat(file, &named) < 0 ||
-           held.inode != named.inode || held.device != named.device;
+    return SxOs::get().hasName(fd, file) != 1;
 }
 
 SxString printable(const char* text, int64 n) {

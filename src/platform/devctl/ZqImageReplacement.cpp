@@ -3,12 +3,10 @@
 #include "SxException.h"
 #include "SxFSAction.h"
 #include "SxFileIO.h"
-#include "SxOs.h"
 #include "ZqImageFiles.h"
 #include "ZqImageFolder.h"
 
 #include <algorithm>
-#include <cerrno>
 
 namespace {
 
@@ -18,17 +16,6 @@ constexpr const char* BLOCKS[] = {ZqImageFiles::ZQF, ZqImageFiles::IDX, ZqImageF
 
 SxString stagingOf(const SxString& folder) {
     return ZqImageFolder::prefix(folder) + ZqImageFiles::STAGING;
-}
-
-/// Whether nothing has that name. Raises where that can't be told, since what isn't in `image.new` counts as
-/// in its place.
-bool isGone(const SxString& path) {
-    SxStat info;
-    const int result = SxOs::get().lstat(SxOs::hostPath(path), &info);
-    if (result == 0) return false;
-    if (result == -ENOENT || result == -ENOTDIR) return true;
-    throw SxException(SxException(SxOs::errorText(result), UNIT, __LINE__), "Cannot look at '" + path + "'",
-                      UNIT, __LINE__);
 }
 
 bool isNew(const SxString& name) {
@@ -41,7 +28,7 @@ void removeOld(const SxString& target, const SxString& staging, const SxList<SxS
         const SxString name = old.getName();
         if (name == ZqImageFiles::LOCK || name + "/" == ZqImageFiles::STAGING) continue;
         if (std::find(kept.begin(), kept.end(), name) != kept.end()) continue;
-        if (isNew(name) && isGone(staging + name)) continue;
+        if (isNew(name) && SxFSAction::isGone(staging + name)) continue;
         SxFSAction::rm_r(old);
     }
 }
@@ -51,12 +38,12 @@ void replace(const SxString& target, const SxString& staging) {
     // app.json goes first and comes last: without it, a folder that was cut off half way isn't taken for an
     // image.
     const SxString app = ZqImageFiles::APP_JSON;
-    if (!isGone(staging + app)) {
-        if (!isGone(target + app)) SxFSAction::rm(target + app);
+    if (!SxFSAction::isGone(staging + app)) {
+        if (!SxFSAction::isGone(target + app)) SxFSAction::rm(target + app);
         SxFSAction::syncDir(target);
         removeOld(target, staging, kept);
         for (const char* name : BLOCKS) {
-            if (!isGone(staging + name)) SxFSAction::mv(staging + name, target + name);
+            if (!SxFSAction::isGone(staging + name)) SxFSAction::mv(staging + name, target + name);
         }
         SxFSAction::syncDir(target);
         SxFSAction::mv(staging + app, target + app);
@@ -76,7 +63,7 @@ void ZqImageReplacement::begin(const SxString& folder, const SxList<SxString>& k
 }
 
 bool ZqImageReplacement::isPending(const SxString& folder) {
-    return !isGone(stagingOf(folder) + NOTE);
+    return !SxFSAction::isGone(stagingOf(folder) + NOTE);
 }
 
 void ZqImageReplacement::finish(const SxString& folder) {
@@ -92,9 +79,9 @@ void ZqImageReplacement::finish(const SxString& folder) {
 void ZqImageReplacement::takeBack(const SxString& folder) {
     const SxString staging = stagingOf(folder);
     // First: what is left of the new image must not be taken for a whole one.
-    if (!isGone(staging + NOTE)) {
+    if (!SxFSAction::isGone(staging + NOTE)) {
         SxFSAction::rm(staging + NOTE);
         SxFSAction::syncDir(staging);
     }
-    if (!isGone(staging)) SxFSAction::rm_r(staging);
+    if (!SxFSAction::isGone(staging)) SxFSAction::rm_r(staging);
 }
