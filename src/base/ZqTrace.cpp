@@ -10,6 +10,7 @@
 #include "ZqTraceLock.h"
 #include "ZqTraceRecords.h"
 
+#include <algorithm>
 #include <optional>
 #include <type_traits>
 
@@ -284,10 +285,6 @@ void ZqTrace::write(const ZqTraceLock&, const SxConstPtr<SxArray<uint64>>& block
 
 bool ZqTrace::write(const SxConstPtr<Items>& items, const SxString& path, ZqTraceParams::Method method,
                     const SxString& buildId) {
-    const auto fill = [&](const Put& put) {
-        for (const ZqTraceItem& item : *items)
-            put(item);
-    };
     SxFSAction::mkdir_p(SxFileInfo(path + ZqTraceFiles::RECORD).getPath(), 0777);
     std::optional<ZqTraceLock> lock;
     try {
@@ -296,8 +293,15 @@ bool ZqTrace::write(const SxConstPtr<Items>& items, const SxString& path, ZqTrac
         throw SxException(e, "The trace file [" + path + ZqTraceFiles::ITEMS + "] cannot be written.", UNIT,
                           __LINE__);
     }
-    write(*lock, fill, path, method, buildId, [] {});
+    write(*lock, *items, path, method, buildId, [] {});
     return true;
+}
+
+void ZqTrace::write(const ZqTraceLock& lock, const Items& items, const SxString& path,
+                    ZqTraceParams::Method method, const SxString& buildId,
+                    const std::function<void()>& prepareRecord) {
+    const auto fill = [&](const Put& put) { std::for_each(items.begin(), items.end(), put); };
+    write(lock, fill, path, method, buildId, prepareRecord);
 }
 
 void ZqTrace::write(const ZqTraceLock&, const std::function<void(const Put& put)>& fill, const SxString& path,

@@ -138,6 +138,9 @@ private:
     static void write(const ZqTraceLock& lock, const std::function<void(const Put& put)>& fill,
                       const SxString& path, ZqTraceParams::Method method, const SxString& buildId,
                       const std::function<void()>& prepareRecord);
+    static void write(const ZqTraceLock& lock, const Items& items, const SxString& path,
+                      ZqTraceParams::Method method, const SxString& buildId,
+                      const std::function<void()>& prepareRecord);
     static void write(const ZqTraceLock& lock, const SxConstPtr<SxArray<uint64>>& blocks,
                       const SxConstPtr<SxArray<uint64>>& times, const SxString& path,
                       ZqTraceParams::Method method, const SxString& buildId);

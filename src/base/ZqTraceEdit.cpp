@@ -7,7 +7,6 @@
 #include "ZqTraceLock.h"
 #include "ZqTraceRecords.h"
 
-#include <algorithm>
 #include <optional>
 
 namespace {
@@ -61,8 +60,7 @@ void ZqTrace::trim(const SxString& outPath) {
     const ZqTraceLock lock(outPath);
     const ZqTraceParams record(pathPrefix);
     const SxPtr<Items> items = getItems(true, true, true);
-    const auto fill = [&](const Put& put) { std::for_each(items->begin(), items->end(), put); };
-    write(lock, fill, outPath, record.method, record.checksumMnt, [&] { record.write(outPath); });
+    write(lock, *items, outPath, record.method, record.checksumMnt, [&] { record.write(outPath); });
 }
 
 void ZqTrace::dropTime(int64 from, int64 to) {
@@ -120,8 +118,7 @@ void ZqTrace::align(const SxString& refPath) {
         (*items)(i - nAhead).time += shift;
     }
     items->resize(items->getSize() - nAhead, true);
-    const auto fill = [&](const Put& put) { std::for_each(items->begin(), items->end(), put); };
-    write(lock, fill, pathPrefix, ZqTraceParams::Align, record.checksumMnt, [] {});
+    write(lock, *items, pathPrefix, ZqTraceParams::Align, record.checksumMnt, [] {});
 }
 
 void ZqTrace::append(const SxString& otherPath, const SxString& outPath, int gapSeconds) {
