@@ -1,3 +1,4 @@
+#include "SxDeadline.h"
 #include "SxException.h"
 #include "SxFSAction.h"
 #include "SxTime.h"
@@ -37,8 +38,7 @@ SxString blindness(const SxString& image) {
     if (!ZqVolume::findDisk(image, &disk) || disk.mountPath.isEmpty() || ZqVolume::isVisible(disk)) return {};
     return SxString("The drive service (process ") + disk.servicePid +
            ") lives in another mount namespace, whose drives this process can't see; it ends by itself half "
-           "a "
-           "minute after its last drive";
+           "a minute after its last drive";
 }
 
 /// Ends a wait that didn't come to its state: with the service's reason, else as timed out.
@@ -286,12 +286,10 @@ void ZqMountMgr::awaitEnd(const SxString& image, uint64 targetId) const {
         return !(isOurs && SxFSAction::test_f(mntPoint + MARKER)) && !isMounted(image);
     };
     // The limit counts from the last progress: a slow disk may take any time for what programs have written.
-    uint64 progress = ZqVolume::getProgress(image);
-    for (int64 nPasses = 0; nPasses < LIMIT; ++nPasses) {
+    SxDeadline deadline(LIMIT * PASS_MS);
+    while (deadline.getLeftMs() > 0) {
+        deadline.note(ZqVolume::getProgress(image));
         if (SxWait::pass(PASS_MS, gone)) return;
-        const uint64 now = ZqVolume::getProgress(image);
-        if (now != progress) nPasses = -1;
-        progress = now;
     }
     throw SxException("Timeout while waiting for dismounting logical drive", UNIT, __LINE__);
 }

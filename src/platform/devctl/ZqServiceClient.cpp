@@ -127,24 +127,6 @@ void startService(const std::string& root, const std::string& folder) {
                       UNIT, __LINE__);
 }
 
-/// How long an answer may take, in seconds, from the last progress: those that unmount or write have limits of
-/// their own in the service.
-int answerSeconds(unsigned kind) {
-    if (const char* own = std::getenv("TAVRIN_ANSWER_S")) return std::atoi(own); // for tests
-    switch (static_cast<Call>(kind)) {
-    case Call::Eject:
-    case Call::Dismount:
-    case Call::Reset:
-    case Call::GuardOff:
-    case Call::GuardReparse:
-        return 90;
-    case Call::FlushLayer:
-        return 3600;
-    default:
-        return 20;
-    }
-}
-
 /// Whether the answer may wait for what programs wrote.
 bool isSlow(unsigned kind) {
     switch (static_cast<Call>(kind)) {
@@ -159,8 +141,16 @@ bool isSlow(unsigned kind) {
     }
 }
 
-/// Asks on a connection of its own how far the disk has come that the request `body` is about; false where the
-/// service can't say.
+/// How long an answer may take, in seconds, from the last progress: those that unmount or write have limits
+/// of their own in the service.
+int answerSeconds(unsigned kind) {
+    if (const char* own = std::getenv("TAVRIN_ANSWER_S")) return std::atoi(own); // for tests
+    if (isSlow(kind)) return 90;
+    return static_cast<Call>(kind) == Call::FlushLayer ? 3600 : 20;
+}
+
+/// Asks on a connection of its own how far the disk has come that the request `body` is about; false where
+/// the service can't say.
 bool askProgress(unsigned kind, const std::string& body, uint64* progress) {
     Connection other;
     if (!other.open(connection.folder)) return false;
@@ -179,7 +169,8 @@ bool askProgress(unsigned kind, const std::string& body, uint64* progress) {
 }
 
 /// Waits for the begin of an answer. Where that takes long, the service is asked whether the disk goes on,
-/// since a slow one may take any time for what programs have written. False where it stands still for too long.
+/// since a slow one may take any time for what programs have written. False where it stands still for too
+/// long.
 bool awaitAnswer(unsigned kind, const std::string& body) {
     SxDeadline deadline(int64{answerSeconds(kind)} * 1000);
     while (deadline.getLeftMs() > 0) {
@@ -199,9 +190,10 @@ bool exchange(unsigned kind, const std::string& body, Message* answer) {
     ::setsockopt(connection.fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
     ::setsockopt(connection.fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
     errno = 0;
-    if (!send(connection.fd, kind, body) && errno != EAGAIN) return false;
+    const bool isSent = send(connection.fd, kind, body);
+    if (!isSent && errno != EAGAIN) return false;
     std::optional<Message> message;
-    if (awaitAnswer(kind, body)) {
+    if (isSent && awaitAnswer(kind, body)) {
         errno = 0;
         message = receive(connection.fd);
         if (!message && errno != EAGAIN) return false;
