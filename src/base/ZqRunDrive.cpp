@@ -116,6 +116,8 @@ void ZqRun::mount() {
     while (feed.getStatus().nCurrent < needed) {
         if (stop()) throw stopped();
         feed.requireAlive();
+        // Here it costs a start no time.
+        feed.requireRanges(stop);
         SxTime::msleep(LOOK_MS);
     }
     const ZqMountMgr::MountMode mode = settings.mountMode.isEmpty()

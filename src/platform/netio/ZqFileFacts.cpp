@@ -165,12 +165,12 @@ void ZqFileFacts::checkSize(uint64 total) {
     size = total;
 }
 
-void ZqFileFacts::noteRange(bool isWhole) {
+void ZqFileFacts::noteForm(bool isWhole) {
     const SxMutexBlock block(&mutex);
     (isWhole ? hasGivenWhole : hasGivenRange) = true;
 }
 
-bool ZqFileFacts::lacksRanges() const {
+bool ZqFileFacts::mayLackRanges() const {
     const SxMutexBlock block(&mutex);
     return hasGivenWhole && !hasGivenRange;
 }

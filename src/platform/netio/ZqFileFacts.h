@@ -64,11 +64,10 @@ public:
     /// tag DOUBTFUL where settle() can tell more. Gives the number of the version that it tells of. With
     /// `isVouched` settle() has just been asked for it.
     int64 learn(const ZqTransfer::Response& response, bool isVouched);
-    /// A request for a range was answered, with the whole file where `isWhole`.
-    void noteRange(bool isWhole);
-    /// Whether the server has given whole files alone for ranges: it may do so for all, or only where a range
-    /// is the whole.
-    bool lacksRanges() const;
+    /// An answer has come, the whole file or a range.
+    void noteForm(bool isWhole);
+    /// Whether only the whole file has come so far, so that the server may have no ranges.
+    bool mayLackRanges() const;
     /// Raises where the file hasn't `total` bytes.
     void learnSize(uint64 total);
     /// Asks whether the file is the same in spite of the doubts so far, and raises where it isn't: with the

@@ -53,7 +53,7 @@ void ZqRangeAnswer::check(const ZqTransfer::Response& response) {
     // Where nothing tells how large the file is, that may be a page about something else.
     if (isWhole && isRange && facts->getDueSize() == UNKNOWN) raiseWrong(lacking, __LINE__);
     version = facts->learn(told, isVouched);
-    facts->noteRange(isWhole);
+    facts->noteForm(isWhole);
     if (isWhole && first > MAX_SKIPPED) raiseWrong(lacking, __LINE__);
     const uint64 size = facts->getDueSize(), dueEnd = std::min(end, size);
     if (begin > first || (bodyEnd <= first && dueEnd > first)) {

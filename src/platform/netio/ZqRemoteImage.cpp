@@ -99,9 +99,17 @@ void ZqRemoteImage::doubtServer() {
 }
 
 void ZqRemoteImage::requireRanges(const ZqStopTest& stop) {
-    if (!plain->getFacts()->lacksRanges()) return;
+    if (!plain->getFacts()->mayLackRanges()) return;
+    // Beside the stream, which brings what a start waits for.
+    ZqRangeReader reader(*plain, sizeZqf - 1, sizeZqf, ZqTransfer::Kind::Ahead);
+    reader.setTries(1);
     char last = 0;
-    plain->read(sizeZqf - 1, 1, &last, stop);
+    try {
+        plain->finish(&reader, 1, &last, stop);
+    } catch (const SxException& e) {
+        // A server that is away tells nothing, and the stream waits for it.
+        if (!e.hasTag(ZqNetLink::UNREACHABLE) && !e.hasTag(ZqNetLink::BROKEN)) throw;
+    }
 }
 
 void ZqRemoteImage::forgetServer() {

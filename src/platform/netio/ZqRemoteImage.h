@@ -81,9 +81,9 @@ public:
     /// Nothing is taken from the server until the test of setSameTest() has told that it is the same.
     void doubtServer();
     /// Raises with the tag WRONG where the server turns out to give whole files for ranges, from which nobody
-    /// can be served on demand. Asks for one range where what came so far was a whole file, else for nothing.
+    /// can be served on demand. Asks for one byte as long as only the whole file has come, else for nothing;
+    /// tells nothing of a server that is away.
     void requireRanges(const ZqStopTest& stop = nullptr);
-
     /// Asks anew what the server has: its files may be there again, or in another place.
     void forgetServer();
 
