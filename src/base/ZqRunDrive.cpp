@@ -257,7 +257,9 @@ void ZqRun::endDrive(bool keep) {
         mounts.removeLeftovers(image, &written);
         if (written) {
             throw SxException("What the application wrote to the drive of '" + image +
-                                  "' may be lost as far as it hadn't synced it: the drive's service was killed",
+                                  "' may be lost as far as it hadn't synced it: the drive's service was "
+                                  "killed, or somebody has "
+                                  "taken the drive away",
                               UNIT, __LINE__);
         }
     } else if (keep) {

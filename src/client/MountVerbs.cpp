@@ -206,9 +206,11 @@ bool removeLeftovers(const ZqMountMgr* manager, const SxString& image) {
     bool written = false;
     const bool found = manager->removeLeftovers(image, &written);
     if (!written) return found;
-    throw SxException(SxString(LEFTOVERS) + ". What programs wrote to the drive of '" + image +
-                          "' may be lost as far as they hadn't synced it",
-                      UNIT, __LINE__);
+    throw SxException(
+        "The drive of '" + image +
+            "' is gone, since its service was killed or somebody has taken it away; what was left "
+            "behind is removed. What programs wrote to it may be lost as far as they hadn't synced it",
+        UNIT, __LINE__);
 }
 
 int umount(const UmountOptions& options, Output& out) {

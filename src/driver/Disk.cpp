@@ -73,7 +73,7 @@ public:
 protected:
     void main() override {
         try {
-            owner->eject();
+            if (!owner->eject().lost.isEmpty()) owner->onLoss();
         } catch (const std::exception& e) {
             driverLog(e.what());
         }
@@ -84,8 +84,9 @@ private:
 };
 
 Disk::Disk(const MountParams& params_, const SxString& root_, const SxString& folder_, uint64 deviceId_,
-           uint64 cacheSize, int64 mounterPid_)
+           uint64 cacheSize, int64 mounterPid_, std::function<void()> onLoss_)
     : params(params_),
+      onLoss(std::move(onLoss_)),
       root(root_),
       folder(folder_),
       deviceId(deviceId_),
@@ -179,8 +180,9 @@ void Disk::attach(const SxString& type) {
 }
 
 /// Runs a helper that may write to the disk: it goes on as long as that takes bytes.
-Helper::Facts Disk::runHelper(const SxList<SxString>& words, const std::function<void()>& unblock) {
-    return Helper::run(words, stallMs(), unblock, [this] { return getProgress(); });
+Helper::Facts Disk::runHelper(const SxList<SxString>& words) {
+    return Helper::run(
+        words, stallMs(), [this] { unblock(); }, [this] { return getProgress(); });
 }
 
 /// Makes everything fail that waits for this disk.
@@ -293,8 +295,7 @@ bool Disk::detach() {
         device = loop;
     }
     const Helper::Facts facts =
-        runHelper({"detach", folder + "/" + ZqServiceFolder::VOLUME, device.isEmpty() ? "-" : device},
-                  [this] { unblock(); });
+        runHelper({"detach", folder + "/" + ZqServiceFolder::VOLUME, device.isEmpty() ? "-" : device});
     const bool busy = facts.count("busy") != 0;
     const auto unsynced = facts.find("unsynced");
     if (unsynced != facts.end() && holdsWrites) noteLost(SxString(unsynced->second));
@@ -390,7 +391,7 @@ void Disk::redirect(const SxList<SxString>& names, const SxString& directory) {
                               params.image + "/"};
     words.append(names);
     try {
-        const Helper::Facts facts = runHelper(words, [this] { unblock(); });
+        const Helper::Facts facts = runHelper(words);
         const auto aside = facts.find("aside");
         if (aside != facts.end()) {
             driverLog("former copies, which would hide names of this version, are now in " +
@@ -416,7 +417,7 @@ void Disk::monitorOn(const SxString& traceFolder) {
 void Disk::restore() {
     const SxMutexBlock block(&tearing);
     if (!isMounted()) return;
-    runHelper({"restore", folder + "/" + ZqServiceFolder::VOLUME}, [this] { unblock(); });
+    runHelper({"restore", folder + "/" + ZqServiceFolder::VOLUME});
 }
 
 void Disk::setCursor(uint64 zqfIdx) {

@@ -8,6 +8,7 @@
 #include "ZqImageLock.h"
 #include "ZqVolume.h"
 
+#include <functional>
 #include <optional>
 
 /// What a disk is made from.
@@ -33,9 +34,10 @@ class Disk {
 public:
     /// Opens the image, takes its locks and starts to bring the volume up. `root` is the machine root,
     /// `folder` the disk's own folder, both host paths. Raises where the image can't be served.
-    /// `mounterPid`: the process that has it mounted.
+    /// `mounterPid`: the process that has it mounted. `onLoss` is called, on a thread of the disk, where
+    /// somebody else has ended the mount and what programs wrote went with it: no client is there to be told.
     Disk(const MountParams& params, const SxString& root, const SxString& folder, uint64 deviceId,
-         uint64 cacheSize, int64 mounterPid);
+         uint64 cacheSize, int64 mounterPid, std::function<void()> onLoss);
     ~Disk();
     Disk(const Disk&) = delete;
     Disk& operator=(const Disk&) = delete;
@@ -86,7 +88,7 @@ private:
     void start();
     void bringUp();
     void attach(const SxString& type);
-    Helper::Facts runHelper(const SxList<SxString>& words, const std::function<void()>& unblock);
+    Helper::Facts runHelper(const SxList<SxString>& words);
     void unblock();
     void cutOff(const SxString& why);
     void noteLost(const SxString& why);
@@ -107,6 +109,7 @@ private:
     void logOnce(const SxString& text);
 
     const MountParams params;
+    const std::function<void()> onLoss;
     const SxString root, folder;
     const uint64 deviceId;
     const int64 mounterPid;
@@ -129,8 +132,8 @@ private:
     mutable SxMutex mutex;
     State state SX_GUARDED_BY(mutex) = State::Starting;
     SxString failure SX_GUARDED_BY(mutex);
-    SxString lost SX_GUARDED_BY(mutex); ///< what programs wrote and the disk didn't get, as a sentence
-    End ended SX_GUARDED_BY(mutex);     ///< once it is gone
+    SxString lost SX_GUARDED_BY(mutex);      ///< what programs wrote and the disk didn't get, as a sentence
+    End ended SX_GUARDED_BY(mutex);          ///< once it is gone
     SxString loop SX_GUARDED_BY(mutex);      ///< device; empty without one
     SxString readAhead SX_GUARDED_BY(mutex); ///< setting of the kernel; empty without one
     bool isReadingAhead SX_GUARDED_BY(mutex) = false;

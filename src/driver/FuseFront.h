@@ -67,7 +67,6 @@ private:
     class Finisher;
     class Syncer;
 
-    void lockBuffers();
     void hold(Request request);
     void finish(Request request);
 

@@ -178,7 +178,11 @@ void Service::mount(const MountParams& params, int64 peer) {
     SxFSAction::mkdir_p(own, 0700);
     DiskPtr disk;
     try {
-        disk = std::make_shared<Disk>(params, root, own, deviceId, cacheSize.load(), peer);
+        disk = std::make_shared<Disk>(params, root, own, deviceId, cacheSize.load(), peer,
+                                      [this, image = params.image] {
+                                          const SxMutexBlock block(&mounting);
+                                          noteLeft(folder, {image}, {image});
+                                      });
     } catch (const SxException&) {
         SxOs::get().removeDir(own.str());
         throw;
@@ -314,7 +318,8 @@ bool Service::handleState(Call call, Reader* request, Writer* answer) {
         uint64 sum = 0;
         for (const DiskPtr& disk : all()) {
             if (image.isEmpty() && deviceId == 0) sum += disk->getProgress();
-            if (disk->getParams().image == image || disk->getDeviceId() == deviceId) sum = disk->getProgress();
+            if (disk->getParams().image == image || disk->getDeviceId() == deviceId)
+                sum = disk->getProgress();
         }
         answer->number(sum);
         return true;

@@ -2,6 +2,7 @@
 #include "ZqServiceFolder.h"
 
 #include <csignal>
+#include <fstream>
 #include <sys/mount.h>
 
 namespace {
@@ -76,4 +77,17 @@ TEST_F(LostDrive, whatSomebodyUnmountedIsNoticedAndMountedAnew) {
             done({"image", "verify", image, "--quiet"});
         }
     }
+}
+
+TEST_F(LostDrive, whatWentWithAMountThatSomebodyEndedIsToldOnce) {
+    const string image = build("image", "ext4");
+    const string app = mount(image, {"--mode", "rtw"});
+    std::ofstream(app + "/saved") << string(1 << 20, 's');
+    const fs::path volume = statusOf(image).mountPath.str();
+    ::umount2((volume.parent_path() / ZqServiceFolder::FRONT).c_str(), MNT_FORCE);
+    EXPECT_TRUE(eventually([&] { return statusOf(image).image.isEmpty(); }));
+    const Outcome outcome = run({"umount", image});
+    EXPECT_EQ(outcome.code, 1);
+    EXPECT_THAT(outcome.err, HasSubstr("may be lost as far as they hadn't synced it"));
+    EXPECT_EQ(done({"umount", image}), "Not mounted\n");
 }
