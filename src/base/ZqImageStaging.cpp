@@ -52,25 +52,15 @@ struct Gathered {
         }
     }
 
-    /// Whether a drive wrote into `img.zqf` itself. What its layer holds is then only a part of it.
+    /// Whether `img.zqf` is no longer what was made: a drive wrote into it. What a layer holds is then only a
+    /// part of it. Reads all of the file.
     bool isImageWritten() const {
         const SxString zqf = folder + ZqImageFiles::ZQF;
-        if (!hasLayer && app.mountMode != ZqMountMgr::ReadWrite) return false;
-        if (app.checksumZqf.isEmpty() || !SxFSAction::test_f(zqf)) return false;
+        if (app.checksumZqf.isEmpty()) return false;
         // No drive writes into an image that isn't complete.
-        if (static_cast<uint64>(SxFileInfo(zqf).getSize()) < app.sizeZqf) return false;
+        const int64 size = SxFSAction::sizeOf(zqf);
+        if (size < 0 || static_cast<uint64>(size) < app.sizeZqf) return false;
         return !(SxMd5::file(zqf, nullptr) == app.checksumZqf);
-    }
-
-    /// What of it goes.
-    SxList<SxString> list(bool ofTraces, bool ofWrites) const {
-        SxList<SxString> all;
-        if (ofTraces && hasTraces) all << "traces (" + folder + TRACES + ")";
-        if (ofWrites && hasLayer)
-            all << SxString("what drives have written (") + ZqImageFiles::LAYER_INDEX + ")";
-        if (ofWrites && !hasLayer && isImageWritten())
-            all << SxString("what drives have written (") + ZqImageFiles::ZQF + ")";
-        return all;
     }
 
     SxString folder, buildId;
@@ -105,17 +95,29 @@ SxString ZqImageStaging::begin(uint64 need) const {
 SxList<SxString> ZqImageStaging::findKept(const SxString& buildId) const {
     const Gathered gathered(target);
     const bool isSame = !buildId.isEmpty() && buildId == gathered.buildId;
-    const bool keepsWrites = isSame && !gathered.isImageWritten();
-    const SxList<SxString> lost = gathered.list(!isSame, !keepsWrites);
+    // Reading a large image takes long, so only where the answer counts.
+    const bool isWritten = (!mayDiscard || (isSame && gathered.hasLayer)) && gathered.isImageWritten();
+    SxList<SxString> kept, lost;
+    if (isSame) {
+        kept << Gathered::TRACES << ZqRunTraces::NOTE;
+    } else if (gathered.hasTraces) {
+        lost << "traces (" + target + Gathered::TRACES + ")";
+    }
+    if (isSame && !isWritten) {
+        kept << SxString(ZqImageFiles::LAYER_INDEX) << SxString(ZqImageFiles::LAYER_DATA);
+    } else if (gathered.hasLayer) {
+        lost << SxString("what drives have written (") + ZqImageFiles::LAYER_INDEX + ")";
+    }
+    if (isWritten) {
+        lost << SxString("what drives have written (") + ZqImageFiles::ZQF +
+                    ", which no longer has its digest)";
+    }
     if (!lost.isEmpty() && !mayDiscard) {
         throw SxException("Image '" + target + "' holds " + SxString::join(lost, " and ") +
                               ", which the new image, of another build, would take away; copy what you need, "
                               "and discard it expressly (--discard), or name another folder",
                           UNIT, __LINE__);
     }
-    SxList<SxString> kept;
-    if (isSame) kept << Gathered::TRACES << ZqRunTraces::NOTE;
-    if (keepsWrites) kept << SxString(ZqImageFiles::LAYER_INDEX) << SxString(ZqImageFiles::LAYER_DATA);
     return kept;
 }
 
