@@ -2,26 +2,20 @@
 #include "Builders.h"
 #include "SxFileInfo.h"
 #include "SxMd5.h"
+#include "TraceMaking.h"
 #include "VirtualClock.h"
 #include "ZqAppParams.h"
 #include "ZqLog.h"
 #include "ZqTrace.h"
-#include "ZqTraceLock.h"
 #include "ZqTraceRecords.h"
 
-#include <csignal>
 #include <map>
 #include <set>
-#include <sys/wait.h>
-#include <unistd.h>
 
 namespace {
 
 constexpr int64 NOW = 1'700'000'000'000;
 constexpr uint64 ONES = ~uint64{0};
-
-using ItemList = std::vector<ZqTraceItem>;
-using Params = ZqTraceParams;
 
 ItemList toVector(const ZqTrace::Items& items) {
     return {items.begin(), items.end()};
@@ -38,35 +32,6 @@ ItemList relative(const SxString& path) {
     for (ZqTraceItem& item : items)
         item.time -= time0;
     return items;
-}
-
-/// Items of blocks at relative times, which may be negative; ~block for one with the mark.
-ItemList at(std::initializer_list<std::pair<uint64, int64>> list) {
-    ItemList items;
-    for (const auto& [block, time] : list) {
-        const bool flag = block > ONES / 2;
-        items.emplace_back(flag ? ~block : block, static_cast<uint64>(time), flag);
-    }
-    return items;
-}
-
-/// A trace of items at relative times.
-SxString makeTrace(const TempDir& dir, const std::string& name, const ItemList& items, int64 time0 = 0,
-                   const SxString& build = "build") {
-    const SxString path = dir.path(name) + "/";
-    Params record;
-    record.time0 = time0;
-    record.checksumMnt = build;
-    record.write(path);
-    ZqTrace trace;
-    const auto absolute = SxPtr<ZqTrace::Items>::create();
-    for (ZqTraceItem item : items) {
-        item.time += static_cast<uint64>(time0);
-        absolute->append(item);
-    }
-    SxFileIO file(path + "img.trc", "wb");
-    ZqTrace::writeItems(&file, absolute);
-    return path;
 }
 
 /// A trace with repeats, equal times, marks, and, where it isn't `sorted`, times that go backward.
@@ -155,13 +120,6 @@ std::vector<ZqSequence> runsByMap(const ItemList& trace) {
         runs.push_back(started);
     }
     return runs;
-}
-
-SxConstPtr<SxArray<ZqTrace>> asList(const std::vector<SxString>& paths) {
-    auto list = SxPtr<SxArray<ZqTrace>>::create();
-    for (const SxString& path : paths)
-        list->append(ZqTrace(path));
-    return list;
 }
 
 /// Size and digest of the record are those of the file.
@@ -534,99 +492,4 @@ TEST(TraceOps, MapToImage) {
                 testing::Contains("Number of lost     Items:          6 (100.0 %)"));
     EXPECT_EQ(dir.read("t/img.trc"), "");
     EXPECT_EQ(Params(path).checksumMnt, "new build");
-}
-
-TEST(TraceOps, WhatADriveRecordsIntoIsNotTouched) {
-    const TempDir dir;
-    const SxString live = makeTrace(dir, "live", at({{1, 1}, {2, 2}, {1, 3}}));
-    const SxString other = makeTrace(dir, "other", at({{2, 0}}));
-    SxFileIO recorder(live + "img.trc", "r+b");
-    ASSERT_EQ(SxOs::get().lockRange(recorder.getFd(), 0, 1, SxOs::Lock::Exclusive), 0);
-    fs::create_directory_symlink(dir.path("live"), dir.path("link"));
-    const TreeSnapshot before = dir.snapshot();
-    for (const SxString& path : {live, SxString(dir.path("link/")), SxString(dir.path("other/../live/"))}) {
-        const std::function<void()> actions[] = {
-            [&] { ZqTrace(path).dropTime(2, 2); },
-            [&] { ZqTrace(path).shift(1); },
-            [&] { ZqTrace(path).align(other); },
-            [&] { ZqTrace(other).trim(path); },
-            [&] { ZqTrace(other).append(other, path, 0); },
-            [&] { ZqTrace::merge(path, asList({other})); },
-            [&] { ZqTrace::write(SxPtr<SxArray<uint64>>::create(), path, "build"); }};
-        for (const auto& action : actions) {
-            EXPECT_THAT(failureOf(action),
-                        HasSubstr("A mounted drive records into the trace '" + path.str() + "'"));
-        }
-    }
-    EXPECT_EQ(dir.snapshot(), before);
-    recorder.close();
-    EXPECT_EQ(failureOf([&] { ZqTrace(live).shift(1); }), "");
-}
-
-TEST(TraceOps, OneWriterAtATimeAndNoneAfterAKill) {
-    const TempDir dir;
-    const SxString one = makeTrace(dir, "one", at({{1, 1}, {2, 2}})),
-                   two = makeTrace(dir, "two", at({{3, 1}})), out = makeTrace(dir, "out", at({{9, 1}}));
-    const std::pair<const char*, std::function<void()>> writers[] = {
-        {"merge",
-         [&] {
-             ZqTrace::merge(out, asList({one, two}));
-         }},
-        {"trim", [&] { ZqTrace(one).trim(out); }},
-        {"append", [&] { ZqTrace(one).append(two, out, 0); }},
-        {"keep", [&] { ZqTrace(out).dropTime(0, 100); }},
-        {"shift", [&] { ZqTrace(out).shift(1); }},
-        {"align", [&] { ZqTrace(out).align(out); }},
-        {"mend", [&] { ZqTrace(out).mend(); }},
-        {"write", [&] { ZqTrace::write(SxPtr<ZqTrace::Items>::create(), out, Params::Set, "build"); }}};
-    const TreeSnapshot before = dir.snapshot();
-    // Another process has the folder, until it is killed.
-    int ready[2];
-    ASSERT_EQ(::pipe(ready), 0);
-    const pid_t child = ::fork();
-    if (child == 0) {
-        const ZqTraceLock lock(out);
-        if (::write(ready[1], "x", 1) == 1) ::pause();
-        ::_exit(0);
-    }
-    char byte = 0;
-    EXPECT_EQ(::read(ready[0], &byte, 1), 1);
-    for (const auto& [name, write] : writers)
-        EXPECT_THAT(failureOf(write), HasSubstr("Another command writes the trace '" + out.str())) << name;
-    EXPECT_TRUE(ZqTraceLock::isHeld(out));
-    ::kill(child, SIGKILL);
-    EXPECT_EQ(::waitpid(child, nullptr, 0), child);
-    for (const int fd : ready)
-        ::close(fd);
-    EXPECT_FALSE(ZqTraceLock::isHeld(out));
-    EXPECT_TRUE(dir.exists("out/trace.lock"));
-    for (const auto& [name, write] : writers) {
-        EXPECT_EQ(failureOf(write), "") << name;
-        EXPECT_EQ(dir.snapshot("out").size(), 2U) << name << " left something behind";
-    }
-    EXPECT_EQ(dir.snapshot().size(), before.size());
-}
-
-TEST(TraceOps, ACutBetweenTheFilesIsFoundAndMended) {
-    const TempDir dir;
-    const SxString path = makeTrace(dir, "a", at({{1, 1}, {2, 2}, {3, 7}}), 1000);
-    ZqTraceRecords::requireMatch(path); // a recorder's own states neither
-    ZqTrace(path).trim(path);
-    const Params whole(path);
-    const std::string items = dir.read("a/img.trc");
-    std::string other = items;
-    other[0] = 9; // of the same size
-    for (const std::string& now : {items.substr(0, 32), other, items + "rest"}) {
-        dir.write("a/img.trc", now);
-        EXPECT_THAT(failureOf([&] { ZqTraceRecords::requireMatch(path); }),
-                    HasSubstr("tavrin trace mend TRACE"));
-        ZqTrace(path).mend();
-        EXPECT_EQ(failureOf([&] { ZqTraceRecords::requireMatch(path); }), "");
-        Params mended(path);
-        EXPECT_EQ(mended.size, static_cast<int64>(now.size()));
-        EXPECT_EQ(mended.duration, now.size() == 32 ? 1 : 6);
-        std::tie(mended.size, mended.duration, mended.checksumTrc) =
-            std::tie(whole.size, whole.duration, whole.checksumTrc);
-        EXPECT_EQ(mended, whole) << "something else was changed";
-    }
 }

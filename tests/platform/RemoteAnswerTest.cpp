@@ -1,7 +1,10 @@
 #include "Builders.h"
 #include "Failure.h"
 #include "NetLab.h"
+#include "TempDir.h"
+#include "ZqFileServer.h"
 #include "ZqRemoteFile.h"
+#include "ZqRemoteImage.h"
 
 #include <atomic>
 #include <cstdlib>
@@ -372,4 +375,28 @@ TEST(RemoteFileRedirect, isFollowedOnceAndTakesNoSecretsAlong) {
     for (const std::string& request : target.requests())
         EXPECT_THAT(request,
                     AllOf(HasSubstr("GET /far"), HasSubstr("X-Channel: 7"), Not(HasSubstr("Authorization"))));
+}
+
+TEST(RemoteImageRanges, areLookedForOnceAndWithoutPatience) {
+    const std::string zqf = TestRandom().bytes(3 << 20);
+    const TempDir dir;
+    dir.write("img.zqf", zqf);
+    for (const bool hasRanges : {true, false}) {
+        SCOPED_TRACE(hasRanges);
+        ZqFileServer server{dir.prefix()};
+        server.start();
+        if (!hasRanges) server.setFault(ZqFileServer::Whole);
+        ZqRemoteImage image(SxPtr<ZqNetLink>::create(quickSettings()), server.getUrl(), zqf.size());
+        const auto look = [&] { return exceptionOf([&] { image.requireRanges(); }); };
+        EXPECT_STREQ(look().what(), "");
+        EXPECT_EQ(server.getNRequests("img.zqf"), 0U) << "nothing has come that raises a doubt";
+        image.stream(0, [](const char*, int64) { return false; });
+        server.stop();
+        EXPECT_STREQ(look().what(), "") << "a server that is away tells nothing";
+        server.start();
+        const uint64 nBefore = server.getNRequests("img.zqf");
+        EXPECT_EQ(look().hasTag(ZqNetLink::WRONG), !hasRanges);
+        // The stream itself asks for a range, so a server that has these is asked for nothing more.
+        EXPECT_EQ(server.getNRequests("img.zqf") - nBefore, hasRanges ? 0U : 1U);
+    }
 }
