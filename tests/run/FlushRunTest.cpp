@@ -3,7 +3,6 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
-#include <fcntl.h>
 #include <fstream>
 #include <sched.h>
 #include <sys/mount.h>
@@ -163,44 +162,6 @@ TEST_F(Flush, AnUnmountWhoseServiceIsKilledFailsWhereWritesMayBeLost) {
     mount(image, {"--mode", "ro"});
     ::kill(static_cast<pid_t>(statusOf(image).servicePid), SIGKILL);
     EXPECT_THAT(done({"umount", image}), HasSubstr("had left behind"));
-}
-
-TEST_F(Flush, SlowSyncsHoldUpNoReader) {
-    save();
-    const fs::path volume = statusOf(image).mountPath.str();
-    const string disk = volume.parent_path() / "front/disk";
-    // It reaches the write layer at once, and waits there for a sync.
-    const int direct = ::open((app + "/direct").c_str(), O_CREAT | O_WRONLY | O_DIRECT | O_CLOEXEC, 0600);
-    alignas(4096) char block[4096] = {};
-    ASSERT_EQ(::write(direct, block, sizeof block), static_cast<ssize_t>(sizeof block));
-    ::close(direct);
-    setRate("-1");
-    // More than the service has threads for requests.
-    std::vector<pid_t> writers;
-    for (int i = 0; i < 10; ++i) {
-        writers.push_back(::fork());
-        if (writers.back() != 0) continue;
-        ::alarm(60);
-        const int fd = ::open(disk.c_str(), O_RDWR | O_CLOEXEC);
-        ::_exit(::fsync(fd) == 0 ? 0 : 1);
-    }
-    SxTime::msleep(300);
-    const pid_t reader = ::fork();
-    if (reader == 0) {
-        ::alarm(60);
-        ::_exit(TempDir::readFile(app + "/maps/one.map") == TempDir::readFile(source + "/maps/one.map") ? 0
-                                                                                                        : 1);
-    }
-    int status = -1;
-    EXPECT_TRUE(SxWait::pass(10'000, [&] { return ::waitpid(reader, &status, WNOHANG) == reader; }));
-    EXPECT_EQ(status, 0);
-    EXPECT_EQ(::waitpid(writers[0], nullptr, WNOHANG), 0) << "the syncs aren't slow";
-    setRate("");
-    for (const pid_t writer : writers) {
-        ::waitpid(writer, &status, 0);
-        EXPECT_EQ(status, 0);
-    }
-    done({"umount", image});
 }
 
 namespace {

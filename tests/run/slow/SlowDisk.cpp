@@ -1,6 +1,6 @@
 // Loaded before the C library into a drive service: a disk that takes its time for the files of an image.
-// `$SLOW_DISK` is a file with the bytes that it takes in a second; 0 means that it takes none, and -1 that
-// only syncs stand still, until that changes.
+// `$SLOW_DISK` is a file with the bytes that it takes in a second; 0 means that it takes none, until
+// that changes.
 
 #include <cstdio>
 #include <cstdlib>
@@ -35,7 +35,7 @@ void take(size_t bytes) {
     long rate = bytesPerSecond();
     for (; rate == 0; rate = bytesPerSecond())
         pause(0.01);
-    if (rate > 0) pause(static_cast<double>(bytes) / static_cast<double>(rate));
+    pause(static_cast<double>(bytes) / static_cast<double>(rate));
 }
 
 } // namespace
@@ -54,7 +54,7 @@ extern "C" ssize_t pwrite64(int fd, const void* bytes, size_t n, off_t offset) {
 extern "C" int fdatasync(int fd) {
     using Call = int (*)(int);
     static const auto real = reinterpret_cast<Call>(dlsym(RTLD_NEXT, "fdatasync"));
-    while (bytesPerSecond() <= 0)
+    while (bytesPerSecond() == 0)
         pause(0.01);
     return real(fd);
 }
