@@ -35,7 +35,7 @@ void DriveRun::SetUp() {
     ::setenv("TAVRIN_ZQDD", (fs::path(bin).parent_path() / "zqdd").c_str(), 1);
     ::setenv("TAVRIN_ZQDD_IDLE_MS", "500", 1);
     ::setenv("XDG_STATE_HOME", dir.path("state").c_str(), 1);
-    ::setenv("WINEPREFIX", dir.path("root").c_str(), 1);
+    useRoot("root");
     ZqMachineRoot::set(SxString(dir.path("root")));
     TestRandom random(3);
     source = dir.path("game");
@@ -53,13 +53,22 @@ void DriveRun::TearDown() {
     for (const ZqDiskStatus& disk : ZqVolume::getDisks())
         run({"umount", disk.image.str(), "--hard"});
     EXPECT_THAT(leftovers(), testing::IsEmpty());
-    EXPECT_TRUE(eventually([] { return processesOf(false).empty(); })) << "the service doesn't end";
-    const fs::path folder = ZqServiceFolder::of(ZqMachineRoot::get().str());
-    std::ifstream log(folder / "zqdd.log");
-    for (string line; std::getline(log, line);)
-        EXPECT_EQ(line.find("Sanitizer"), string::npos) << line;
-    fs::remove_all(folder);
+    for (const string& root : roots) {
+        ZqMachineRoot::set(SxString(root));
+        EXPECT_TRUE(eventually([] { return processesOf(false).empty(); })) << "the service doesn't end";
+        const fs::path folder = ZqServiceFolder::of(ZqMachineRoot::get().str());
+        std::ifstream log(folder / "zqdd.log");
+        for (string line; std::getline(log, line);)
+            EXPECT_EQ(line.find("Sanitizer"), string::npos) << line;
+        fs::remove_all(folder);
+    }
     ZqMachineRoot::set(SxString());
+}
+
+void DriveRun::useRoot(const string& name) {
+    const string root = dir.path(name);
+    roots.insert(root);
+    ::setenv("WINEPREFIX", root.c_str(), 1);
 }
 
 Outcome DriveRun::run(const std::vector<string>& words) const {

@@ -13,6 +13,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <gmock/gmock.h>
+#include <set>
 #include <thread>
 
 namespace fs = std::filesystem;
@@ -31,6 +32,8 @@ protected:
     void SetUp() override;
     void TearDown() override;
 
+    /// Clients use this machine root from now on; the first is "root".
+    void useRoot(const string& name);
     /// Builds an image of `source` with the client.
     string build(const string& name, const string& fileSystem, const std::vector<string>& more = {});
     /// Runs the client; kept from hanging by a limit of a minute.
@@ -52,6 +55,9 @@ protected:
     TempDir dir;
     string source; ///< folder with the application's files
     string client;
+
+private:
+    std::set<string> roots; ///< that were used
 };
 
 /// Cuts an image down to what a mount needs and plays the server for the rest.

@@ -323,12 +323,12 @@ TEST_F(Drive, twoImagesDontKnowOfEachOtherAndOneHasOneHolder) {
     const string one = mount(first), two = mount(second);
     EXPECT_NE(one, two);
     EXPECT_EQ(treeOf(two), treeOf(one));
-    ::setenv("WINEPREFIX", dir.path("other").c_str(), 1);
+    useRoot("other");
     const Outcome refused = run({"mount", first});
     EXPECT_EQ(refused.code, 1);
     EXPECT_THAT(refused.err, HasSubstr("is in use by process " + std::to_string(statusOf(first).servicePid)));
     EXPECT_EQ(done({"status"}), "Nothing is mounted\n");
-    ::setenv("WINEPREFIX", dir.path("root").c_str(), 1);
+    useRoot("root");
     EXPECT_THAT(run({"image", "split", first, "--part-size", "100000"}).err,
                 HasSubstr("is in use by process"));
     done({"umount", first});

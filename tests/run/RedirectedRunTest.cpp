@@ -77,9 +77,9 @@ TEST_F(Redirected, aPrivateFolderHasOneUser) {
         fs::create_directories(dir.path("user/dosdevices"));
         fs::create_directory_symlink(dir.path("root/drive_c"), dir.path("user/drive_c"));
         fs::create_directory_symlink(dir.path("root/drive_c"), dir.path("user/dosdevices/c:"));
-        ::setenv("WINEPREFIX", dir.path("user").c_str(), 1);
+        useRoot("user");
         EXPECT_THAT(run({"mount", second}).err, HasSubstr(words));
-        ::setenv("WINEPREFIX", dir.path("root").c_str(), 1);
+        useRoot("root");
         try {
             ZqMountMgr().reparse(SxString(first), "app/textures", "C:/ProgramData/TAVRIN/G1");
             ADD_FAILURE() << "redirected twice";
