@@ -4,10 +4,13 @@
 #include "ZqLog.h"
 #include "ZqSleepWatch.h"
 
+#include <chrono>
+
 namespace {
 
-/// From one look at the bus to the next; of the seconds that are granted it costs little.
-constexpr int64 CALM_LOOK_MS = 100;
+/// From one look at the bus to the next; of the seconds that are granted it costs little, and hardly wakes
+/// the processor.
+constexpr int64 CALM_LOOK_MS = 500;
 /// A thread of the application that was about to read when it was stopped still does: one look isn't enough.
 constexpr int N_CALM_LOOKS = 3;
 
@@ -18,14 +21,24 @@ ZqSleepDelay::ZqSleepDelay(std::function<bool()> isCalm_) : isCalm(std::move(isC
 }
 
 void ZqSleepDelay::end() {
-    isEnding = true;
+    {
+        const SxMutexBlock lock(&mutex);
+        isEnding = true;
+    }
+    changed.notify_all();
     wait();
+}
+
+bool ZqSleepDelay::endsWithin(int64 ms) {
+    const SxMutexBlock lock(&mutex);
+    if (!isEnding) changed.wait_for(mutex, std::chrono::milliseconds(ms));
+    return isEnding;
 }
 
 void ZqSleepDelay::main() {
     ZqSleepWatch watch;
     int nCalm = 0;
-    while (!isEnding) {
+    do {
         const bool isComing = watch.isSleepComing();
         if (isComing != coming) {
             zqLogMsg("base", isComing ? "ZqSleepDelay: the machine is about to sleep"
@@ -40,6 +53,5 @@ void ZqSleepDelay::main() {
                 watch.release();
             }
         }
-        SxTime::msleep(isComing ? SxWait::LOOK_MS : CALM_LOOK_MS);
-    }
+    } while (!endsWithin(coming ? SxWait::LOOK_MS : CALM_LOOK_MS));
 }

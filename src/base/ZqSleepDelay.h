@@ -1,7 +1,10 @@
 #pragma once
 
+#include "SxMutex.h"
 #include "SxSystemThread.h"
 
+#include <atomic>
+#include <condition_variable>
 #include <functional>
 
 /// Holds up the machine's sleep until no read waits for blocks: a task that waits in the kernel for
@@ -22,6 +25,12 @@ protected:
     void main() override;
 
 private:
+    /// Waits for so long, or until the end.
+    bool endsWithin(int64 ms);
+
     const std::function<bool()> isCalm;
-    std::atomic<bool> coming{false}, isEnding{false};
+    std::atomic<bool> coming{false};
+    SxMutex mutex;
+    std::condition_variable_any changed;
+    bool isEnding SX_GUARDED_BY(mutex) = false;
 };
