@@ -244,7 +244,7 @@ TEST(Unmount, EveryFailureEjects) {
         EXPECT_EQ(failureOf([&] { machine.mgr.umountImage(machine.image, hard); }),
                   "Failed to hard eject image " + machine.name + ": why");
     }
-    for (const uint64 nProgress : {0, 1, 100}) {
+    for (const uint64 nProgress : {0U, 1U, 100U}) {
         Machine machine;
         machine.mountAlone();
         machine.driver.goneAfter = ScriptedDriver::NEVER;
