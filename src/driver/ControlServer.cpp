@@ -51,19 +51,39 @@ protected:
         ::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size);
         // It counts as a request from its begin on, so that the service can't end between both.
         pollfd first = {fd, POLLIN, 0};
-        bool counts = ::poll(&first, 1, FIRST_REQUEST_MS) > 0;
-        if (!counts) server->done();
+        Counted counted(server);
+        if (::poll(&first, 1, FIRST_REQUEST_MS) <= 0) counted.end();
         while (const auto request = ZqDriveWire::receive(fd)) {
-            if (!counts && !server->begin()) return;
-            counts = false;
+            if (!counted.begin()) return;
             const bool sent = answer(*request, peer.pid);
-            server->done();
+            counted.end();
             if (!sent) return;
         }
-        if (counts) server->done();
     }
 
 private:
+    /// A request that has begun. Whatever ends it, it counts no longer: else the service would never end.
+    class Counted {
+    public:
+        explicit Counted(ControlServer* server_) : server(server_) {}
+        ~Counted() { end(); }
+        /// False where the service ends.
+        bool begin() {
+            if (!isOn) isOn = server->begin();
+            return isOn;
+        }
+        void end() {
+            if (isOn) server->done();
+            isOn = false;
+        }
+        Counted(const Counted&) = delete;
+        Counted& operator=(const Counted&) = delete;
+
+    private:
+        ControlServer* const server;
+        bool isOn = true;
+    };
+
     bool answer(const ZqDriveWire::Message& request, int64 peer) {
         try {
             if (request.version != ZqDriveWire::VERSION &&
@@ -172,14 +192,20 @@ void ControlServer::accept() {
         return;
     }
     if (connections.size() >= MAX_CONNECTIONS) connections.front()->hangUp();
-    auto connection = std::make_unique<Connection>(this, fd);
-    begin();
+    // One client that there is no memory for must not end the drives of all.
+    std::unique_ptr<Connection> connection;
+    bool begun = false;
     try {
+        connection = std::make_unique<Connection>(this, fd);
+        connections.emplace_back();
+        begun = begin();
         connection->start();
-        connections.push_back(std::move(connection));
-    } catch (const SxException& e) {
-        done();
-        driverLog(e.toString(SxException::ShowMessage, ": "));
+        connections.back() = std::move(connection);
+    } catch (const std::exception& e) {
+        if (begun) done();
+        if (!connections.empty() && !connections.back()) connections.pop_back();
+        if (!connection) ::close(fd);
+        driverLog(e.what());
     }
 }
 

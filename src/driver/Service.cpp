@@ -183,7 +183,7 @@ void Service::mount(const MountParams& params, int64 peer) {
                                           const SxMutexBlock block(&mounting);
                                           noteLeft(folder, {image}, {image});
                                       });
-    } catch (const SxException&) {
+    } catch (const std::exception&) {
         SxOs::get().removeDir(own.str());
         throw;
     }

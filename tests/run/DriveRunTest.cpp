@@ -1,5 +1,6 @@
 #include "DriveRun.h"
 #include "SxException.h"
+#include "ZqDriveWire.h"
 #include "ZqServiceFolder.h"
 
 #include <barrier>
@@ -9,7 +10,9 @@
 #include <random>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -468,6 +471,29 @@ TEST_F(Drive, aReplacementThatWasCutOffIsBroughtToItsEnd) {
     write(image + "/image.new/ready", "");
     EXPECT_EQ(treeOf(mount(image)), treeOf(source));
     EXPECT_FALSE(fs::exists(image + "/image.new"));
+}
+
+TEST_F(Drive, aClientOfAnotherVersionIsToldSo) {
+    mount(build("image", "erofs"));
+    const string path = ZqServiceFolder::of(ZqMachineRoot::get().str()) + ZqServiceFolder::SOCKET;
+    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address = {AF_UNIX, {}};
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    ASSERT_EQ(::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    using ZqDriveWire::Call;
+    for (const auto& [call, isServed] :
+         {std::pair{Call::Ping, true}, {Call::Version, false}, {Call::Ping, true}}) {
+        const auto kind = static_cast<unsigned char>(call);
+        const unsigned char head[] = {0, 0, 0, 0, kind, 0, 99, 0}; // length, kind, version
+        ASSERT_EQ(::send(fd, head, sizeof head, 0), static_cast<ssize_t>(sizeof head));
+        const auto answer = ZqDriveWire::receive(fd);
+        ASSERT_TRUE(answer) << "it is cut off";
+        EXPECT_EQ(answer->kind == ZqDriveWire::SUCCESS, isServed);
+        if (!isServed) {
+            EXPECT_THAT(answer->body, HasSubstr("is of another version than this program"));
+        }
+    }
+    ::close(fd);
 }
 
 TEST_F(Drive, aDamagedRecordDoesntKeepADrive) {
