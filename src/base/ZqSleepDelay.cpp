@@ -4,8 +4,6 @@
 #include "ZqLog.h"
 #include "ZqSleepWatch.h"
 
-#include <chrono>
-
 namespace {
 
 /// From one look at the bus to the next; of the seconds that are granted it costs little, and hardly wakes
@@ -21,18 +19,8 @@ ZqSleepDelay::ZqSleepDelay(std::function<bool()> isCalm_) : isCalm(std::move(isC
 }
 
 void ZqSleepDelay::end() {
-    {
-        const SxMutexBlock lock(&mutex);
-        isEnding = true;
-    }
-    changed.notify_all();
+    ending.set();
     wait();
-}
-
-bool ZqSleepDelay::endsWithin(int64 ms) {
-    const SxMutexBlock lock(&mutex);
-    if (!isEnding) changed.wait_for(mutex, std::chrono::milliseconds(ms));
-    return isEnding;
 }
 
 void ZqSleepDelay::main() {
@@ -53,5 +41,5 @@ void ZqSleepDelay::main() {
                 watch.release();
             }
         }
-    } while (!endsWithin(coming ? SxWait::LOOK_MS : CALM_LOOK_MS));
+    } while (!ending.isSetWithin(coming ? SxWait::LOOK_MS : CALM_LOOK_MS));
 }

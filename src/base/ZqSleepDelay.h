@@ -1,10 +1,9 @@
 #pragma once
 
-#include "SxMutex.h"
+#include "SxEvent.h"
 #include "SxSystemThread.h"
 
 #include <atomic>
-#include <condition_variable>
 #include <functional>
 
 /// Holds up the machine's sleep until no read waits for blocks: a task that waits in the kernel for
@@ -25,12 +24,7 @@ protected:
     void main() override;
 
 private:
-    /// Waits for so long, or until the end.
-    bool endsWithin(int64 ms);
-
     const std::function<bool()> isCalm;
     std::atomic<bool> coming{false};
-    SxMutex mutex;
-    std::condition_variable_any changed;
-    bool isEnding SX_GUARDED_BY(mutex) = false;
+    SxEvent ending;
 };
