@@ -25,8 +25,6 @@ constexpr size_t MAX_PENDING = 1 << 16;
 constexpr uint64 RECORDS_AT_ONCE = 1 << 16;
 /// Blocks that are discarded with the lock held.
 constexpr uint64 DISCARD_AT_ONCE = 1 << 12;
-/// Bytes of an index that aren't worth writing it anew.
-constexpr uint64 LEAST_TO_COMPACT = 1 << 20;
 
 uint32 checkOf(uint64 rawIdx, uint32 slot) {
     uint64 mixed = (rawIdx ^ std::rotl(uint64{slot}, 40)) + 0x9e37'79b9'7f4a'7c15;
@@ -198,6 +196,9 @@ void WriteLayer::create() {
     namesPending = true;
     tmp.open(folder + "img.tmp", flags);
     publishedFd = tmp.getFd();
+    // Of a disk that was full, and no longer is.
+    const SxMutexBlock lock(&mutex);
+    failure = "";
 }
 
 /// Gives 0 when writes can be taken, else an errno value.

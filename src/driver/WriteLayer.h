@@ -59,6 +59,8 @@ private:
         uint32 slot, check;
     };
     static constexpr uint64 HEADER_SIZE = 2 * sizeof(Record);
+    /// Bytes of an index that aren't worth writing it anew.
+    static constexpr uint64 LEAST_TO_COMPACT = 1 << 20;
     /// In the place of a slot: the block reads as zeros.
     static constexpr SlotIdx ZEROS{~uint32{0}};
     /// A slot that a discard has freed, and the epoch of writers in which it did.

@@ -11,8 +11,6 @@ namespace {
 
 constexpr const char* UNIT = "src/driver/WriteLayerFlush";
 constexpr uint64 BLOCKS_AT_ONCE = 1 << 16;
-/// Bytes of an index that aren't worth writing it anew.
-constexpr uint64 LEAST_TO_COMPACT = 1 << 20;
 
 } // namespace
 
@@ -190,7 +188,7 @@ void WriteLayer::copyLatest(Append&& append) {
 }
 
 /// Writes the index anew, without records that others have taken the place of. Gives 0 or an errno value,
-/// where the old one stays in its place unless everything has failed.
+/// where the old one stays in its place, and the layer's failure is set only if neither can be used.
 int WriteLayer::compact() {
     try {
         DriveFile next;
@@ -217,8 +215,7 @@ int WriteLayer::compact() {
         SxOs::get().unlink(next.getPath());
         compactAt = tixEnd + LEAST_TO_COMPACT;
         return error;
-    } catch (const SxException& e) {
-        note(e.toString(SxException::ShowMessage, ": "));
+    } catch (const SxException&) {
         compactAt = tixEnd + LEAST_TO_COMPACT;
         return EIO;
     }

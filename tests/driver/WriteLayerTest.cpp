@@ -161,6 +161,35 @@ TEST(WriteLayer, GivesDiscardedRoomBackAndUsesItAgain) {
     EXPECT_LE(std::filesystem::file_size(image.path("img.tmp")), N * BLOCK_SIZE);
 }
 
+TEST(WriteLayer, WhatAFullDiskHasRefusedOnceIsNoFailureLater) {
+    TestRandom random(23);
+    constexpr uint64 N = 400;
+    const DriveImage image(random, N, 0.2);
+    image.put(0, image.nZqf, false);
+    Drive drive(image, Mode::Rw);
+    const std::string block(BLOCK_SIZE, 'b');
+    const auto write = [&] {
+        int error = 0;
+        for (uint64 rawIdx = 0; rawIdx < N && error == 0; ++rawIdx)
+            error = drive.write(rawIdx, block);
+        return error;
+    };
+    // The names are taken, as if there were no room for the files.
+    std::filesystem::create_directory(image.path("img.tmp"));
+    EXPECT_NE(write(), 0);
+    EXPECT_THAT(drive.disk.getFailure().str(), HasSubstr("img.tmp"));
+    std::filesystem::remove(image.path("img.tmp"));
+    std::filesystem::create_directory(image.path("img.tix.new"));
+    for (int round = 0; round < 120; ++round) {
+        ASSERT_EQ(write(), 0);
+        ASSERT_EQ(drive.discard(0, N), 0);
+        ASSERT_EQ(drive.disk.sync(), 0);
+    }
+    EXPECT_GT(std::filesystem::file_size(image.path("img.tix")), 1U << 20)
+        << "nothing was to be written anew";
+    EXPECT_EQ(drive.disk.getFailure().str(), "");
+}
+
 TEST(WriteLayer, ALayerOfAFormerFormatTakesDiscards) {
     for (const bool isFirst : {false, true}) {
         TestRandom random(22);
