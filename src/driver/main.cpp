@@ -1,6 +1,7 @@
 #include "ControlServer.h"
 #include "DriverLog.h"
 #include "Helper.h"
+#include "StarterTies.h"
 #include "SxException.h"
 #include "SxFSAction.h"
 #include "SxFileIO.h"
@@ -170,6 +171,8 @@ int main(int argc, char** argv) {
     ::umask(0077);
     if (::chdir("/") != 0) return EXIT_FAILURE;
     redirectOutput(folder.str());
+    if (const SxString kept = StarterTies::leave(); !kept.isEmpty())
+        driverLog("goes on with what its starter has: " + kept);
     forbidReclaimThroughDrives();
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGTERM, requestStop);

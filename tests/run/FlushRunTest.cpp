@@ -1,12 +1,9 @@
 #include "DriveRun.h"
 
-#include <cerrno>
 #include <csignal>
-#include <cstring>
 #include <fstream>
 #include <sched.h>
 #include <sys/mount.h>
-#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -162,63 +159,4 @@ TEST_F(Flush, AnUnmountWhoseServiceIsKilledFailsWhereWritesMayBeLost) {
     mount(image, {"--mode", "ro"});
     ::kill(static_cast<pid_t>(statusOf(image).servicePid), SIGKILL);
     EXPECT_THAT(done({"umount", image}), HasSubstr("had left behind"));
-}
-
-namespace {
-
-/// A memory group of the first or the second kind, as the machine has it.
-class MemoryGroup {
-public:
-    explicit MemoryGroup(uint64 bytes) {
-        const string root = "/sys/fs/cgroup/";
-        const bool isFirst = fs::exists(root + "memory/memory.limit_in_bytes");
-        folder = root + (isFirst ? "memory/" : "") + "tavrin-test-" + std::to_string(::getpid());
-        std::error_code error;
-        if (!fs::create_directory(folder, error)) return;
-        limit = folder + (isFirst ? "/memory.limit_in_bytes" : "/memory.max");
-        std::ofstream(limit) << bytes;
-        std::ifstream(limit) >> set;
-    }
-    ~MemoryGroup() {
-        std::ofstream(fs::path(folder).parent_path() / "cgroup.procs") << ::getpid();
-        SxWait::pass(10'000, [this] { return ::rmdir(folder.c_str()) == 0 || errno != EBUSY; });
-    }
-    MemoryGroup(const MemoryGroup&) = delete;
-    MemoryGroup& operator=(const MemoryGroup&) = delete;
-    bool isThere() const { return set > 0; }
-    void enter(int64 pid) const { std::ofstream(folder + "/cgroup.procs") << pid << std::flush; }
-
-private:
-    string folder, limit;
-    uint64 set = 0;
-};
-
-} // namespace
-
-TEST_F(Flush, ServiceAndWriterShareALittleMemory) {
-    // The service has this right if the test has it.
-    if (::prctl(PR_SET_IO_FLUSHER, 1, 0, 0, 0) != 0)
-        GTEST_SKIP() << "no process can be kept out of reclaim: " << std::strerror(errno);
-    ::prctl(PR_SET_IO_FLUSHER, 0, 0, 0, 0);
-    const MemoryGroup group(48 << 20);
-    if (!group.isThere()) GTEST_SKIP() << "no memory group can be made";
-    app = mount(image, {"--mode", "rtw"});
-    group.enter(statusOf(image).servicePid);
-    const pid_t writer = ::fork();
-    if (writer == 0) {
-        ::alarm(90);
-        group.enter(::getpid());
-        for (int i = 0; i < 8; ++i)
-            std::ofstream(app + "/saved" + std::to_string(i), std::ios::binary) << saved;
-        ::_exit(0);
-    }
-    int status = -1;
-    EXPECT_TRUE(SxWait::pass(80'000, [&] { return ::waitpid(writer, &status, WNOHANG) == writer; }))
-        << "it hangs";
-    EXPECT_EQ(status, 0);
-    EXPECT_EQ(done({"umount", image}), "Unmounted\n");
-    app = mount(image, {"--mode", "ro"});
-    for (int i = 0; i < 8; ++i)
-        EXPECT_TRUE(TempDir::readFile(app + "/saved" + std::to_string(i)) == saved) << i;
-    done({"umount", image});
 }
