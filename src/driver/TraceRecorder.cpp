@@ -1,12 +1,15 @@
 #include "TraceRecorder.h"
 
+#include "DriverLog.h"
 #include "SxClock.h"
 #include "SxException.h"
+#include "TraceRecord.h"
 
 #include <bit>
 
 namespace {
 
+constexpr const char* UNIT = "src/driver/TraceRecorder";
 constexpr uint64 WRITE_BIT = uint64{1} << 63;
 constexpr int64 MS_FROM_1601_TO_1970 = 11'644'473'600'000;
 /// Records that the file may lag behind: 64 MiB, 16 GiB of reads.
@@ -21,13 +24,14 @@ uint64 littleEndian(uint64 value) {
 void TraceRecorder::start(const SxString& folder) {
     stop();
     const SxMutexBlock turn(&writing);
-    const std::string slash = folder.endsWith("/") ? "" : "/";
-    file.open(SxOs::hostPath(folder) + slash + "img.trc",
+    prefix = folder.endsWith("/") ? folder : folder + "/";
+    file.open(SxOs::hostPath(prefix + "img.trc"),
               SxOs::Write | SxOs::Create | SxOs::Truncate | SxOs::NoFollow);
     // Tells whoever edits or joins traces that this one is still written. Where there are no locks, the
     // image's own have to do.
     SxOs::get().lockRange(file.getFd(), 0, 1, SxOs::Lock::Exclusive);
     end = 0;
+    digest.initialize();
     const SxMutexBlock lock(&mutex);
     gathered.clear();
     failure = SxString();
@@ -42,7 +46,23 @@ void TraceRecorder::stop() {
     if (!file.isOpen()) return;
     on = false;
     writeGathered();
+    stateWhole();
+    // Its lock goes with it, which keeps others from both files of the trace until here.
     file.close();
+}
+
+/// Says in the trace's record what the whole of it is, so that a cut shows later on. Where that can't be said
+/// the trace is as good as one whose recorder was killed.
+void TraceRecorder::stateWhole() {
+    try {
+        if (!getFailure().isEmpty()) return;
+        // First: a record that a power cut leaves must not tell of more than there is.
+        if (const int error = file.sync()) file.raise("Cannot write", error, UNIT, __LINE__);
+        digest.finish();
+        stateRecorded(prefix, end, digest.toString());
+    } catch (const std::exception& e) {
+        driverLog("can't state size and digest of the trace in " + prefix + ": " + e.what());
+    }
 }
 
 void TraceRecorder::record(RawIdx first, uint64 n, bool write) {
@@ -74,7 +94,7 @@ void TraceRecorder::writeGathered() {
     const uint64 size = taken.size() * sizeof(Record);
     const int error = file.writeAt(taken.data(), size, end);
     end += size;
-    if (!error) return;
+    if (!error) return digest.update(taken.data(), static_cast<int64>(size));
     const SxMutexBlock lock(&mutex);
     giveUp("Cannot write the trace '" + SxString(file.getPath()) + "': " + SxOs::errorText(error));
 }

@@ -2,6 +2,7 @@
 
 #include "BlockIdx.h"
 #include "DriveFile.h"
+#include "SxMd5.h"
 #include "SxMutex.h"
 
 #include <atomic>
@@ -16,7 +17,8 @@ public:
 
     /// Starts a trace afresh in a folder; one that runs ends. Raises.
     void start(const SxString& folder);
-    /// Writes the rest and ends the trace.
+    /// Writes the rest and ends the trace; its record then states size and digest of what was written. What
+    /// keeps it from that is logged.
     void stop();
     bool isOn() const { return on.load(std::memory_order_relaxed); }
     void record(RawIdx first, uint64 n, bool write);
@@ -34,6 +36,7 @@ private:
     };
 
     void writeGathered() SX_REQUIRES(writing);
+    void stateWhole() SX_REQUIRES(writing);
     void giveUp(const SxString& text) SX_REQUIRES(mutex);
 
     std::atomic<bool> on{false}, event{false};
@@ -41,7 +44,9 @@ private:
     /// Held by whoever opens, writes or closes the file, over its I/O, and taken ahead of `mutex`.
     SxMutex writing;
     DriveFile file SX_GUARDED_BY(writing);
+    SxString prefix SX_GUARDED_BY(writing);           ///< the trace's folder with its slash
     uint64 end SX_GUARDED_BY(writing) = 0;            ///< bytes written
+    SxMd5 digest SX_GUARDED_BY(writing);              ///< of what was written
     std::vector<Record> taken SX_GUARDED_BY(writing); ///< on their way to the file
 
     mutable SxMutex mutex;

@@ -1,6 +1,8 @@
 #include "DriveImage.h"
 #include "Failure.h"
 #include "SxFileIO.h"
+#include "SxJSONParser.h"
+#include "SxMd5.h"
 #include "VirtualClock.h"
 
 #include <cstring>
@@ -193,6 +195,45 @@ TEST(VirtualDisk, TheTraceHasEachBlockOfEachRequestOnce) {
                                    std::pair(7 | WRITE, START + 15'002)));
     EXPECT_EQ(drive.disk.nReads(), 3U);
     EXPECT_EQ(drive.disk.nBeyondQA(), 1U);
+}
+
+TEST(VirtualDisk, TheRecordOfATraceThatHasEndedTellsWhatIsWhole) {
+    const OrderedImage image;
+    FaultOs os(image.dir.path("watched"));
+    const auto record = [&] {
+        SxJSONParser parser;
+        parser.readFile(image.prefix + "trace.json");
+        return parser.getRootSymbol();
+    };
+    const char* const STARTED = R"({"version": 2, "time0": 5, "method": "monitoring", "size": 7,
+        "newer": [1, {"a": null}], "checksums": {"mnt": "abc"}})";
+    for (const bool isBroken : {false, true}) {
+        SCOPED_TRACE(isBroken ? "a write failed" : "all was written");
+        image.dir.write("watched/trace.json", STARTED);
+        Drive drive(image, Mode::Ro, 32);
+        drive.disk.monitorOn(image.prefix);
+        EXPECT_EQ(drive.read(0, 3, 1), Result::Done);
+        drive.disk.tick();
+        EXPECT_EQ(image.dir.read("watched/trace.json"), STARTED) << "as a kill would leave it";
+        EXPECT_EQ(drive.read(4, 2, 1), Result::Done);
+        if (isBroken) os.failNth(FaultOs::Op::Write, 1, ENOSPC, "img.trc");
+        drive.disk.close();
+        if (isBroken) {
+            EXPECT_EQ(image.dir.read("watched/trace.json"), STARTED);
+            continue;
+        }
+        const SxString digest = SxMd5::file(image.prefix + "img.trc");
+        EXPECT_EQ(record().toJson().str(),
+                  R"({"version":2,"time0":5,"method":"monitoring","size":80,"newer":[1,{"a":null}],)"
+                  R"("checksums":{"mnt":"abc","trc":")" +
+                      digest.str() + R"("}})");
+    }
+    // One that can't be changed keeps no drive from ending.
+    image.dir.write("watched/trace.json", "{");
+    Drive drive(image, Mode::Ro, 32);
+    drive.disk.monitorOn(image.prefix);
+    drive.disk.monitorOff();
+    EXPECT_EQ(image.dir.read("watched/trace.json"), "{");
 }
 
 TEST(VirtualDisk, ATraceThatCanNotBeWrittenEndsAndReadsGoOn) {
