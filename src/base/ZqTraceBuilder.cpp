@@ -176,18 +176,17 @@ void ZqTraceBuilder::main() {
 }
 
 void ZqTraceBuilder::sweep() {
-    const SxString stillMounted = "Image still mounted, trace not complete.";
     if (!ZqTraceSources::isPlainName(traceName)) {
         throw SxException("'" + traceName + "' is no name for a trace folder", UNIT, __LINE__);
     }
-    if (ZqMountMgr().isMounted(imagePath)) return giveUp(stillMounted);
+    if (ZqMountMgr().isMounted(imagePath)) return giveUp("Image still mounted, trace not complete.");
     SxPtr<ZqImageLock> lock;
     try {
         lock = ZqImageLock::take(imagePath, ZqImageLock::Shape, ZqImageLock::Exclusive, "trace build");
     } catch (const SxException& e) {
-        log(e.what());
-        refusal = stillMounted + " " + e.what();
-        return giveUp(stillMounted);
+        // It names the process that works with the image, and at what: a drive of another machine root is
+        // only one of those that may.
+        return giveUp(e.what());
     }
     if (!SxFSAction::test_d(tracesPath)) return giveUp("Cannot find " + tracesPath);
 
