@@ -31,6 +31,17 @@ constexpr int64 SAMPLE_MS = 20;
 constexpr int64 CALM_SAMPLE_MS = 200;
 constexpr int64 CALM_LOOK_MS = 50;
 
+/// Raises where the application of a former run lives, whose drive has gone: a second one would write the
+/// same saves. It isn't ended here, since it may still have something to save elsewhere.
+void refuseBeside(const SxString& image, const SxProcessGroup& group) {
+    const SxList<SxProcessInfo> members = group.getRunning();
+    if (members.isEmpty()) return;
+    throw SxException("The application of a former run of '" + image + "' still runs (process " +
+                          SxString(members.first().id) +
+                          "), and its drive has gone with the drive's service; end it first",
+                      UNIT, __LINE__);
+}
+
 } // namespace
 
 /// Takes the samples of the run's series until it is ended.
@@ -156,20 +167,24 @@ void ZqRun::run() {
 }
 
 bool ZqRun::adopt() {
+    ZqStreamRecord record;
+    record.read(image);
+    const SxProcessGroup group = SxProcessGroup::fromText(record.application);
     ZqDiskStatus disk;
-    if (!ZqVolume::findDisk(image, &disk)) return false;
+    if (!ZqVolume::findDisk(image, &disk)) {
+        if (!settings.isDriveOnly) refuseBeside(image, group);
+        return false;
+    }
     if (disk.replaced) {
         throw SxException("The image that is mounted as '" + image +
                               "' was removed, or replaced by another one; unmount it first",
                           UNIT, __LINE__);
     }
-    ZqStreamRecord record;
-    record.read(image);
-    const SxProcessGroup group = SxProcessGroup::fromText(record.application);
     if (!disk.ready || (!settings.isDriveOnly && !group.isAlive())) {
         // Its run was killed. Nobody else can have it: this process holds the image.
         zqLogMsg("base", "ZqRun: the drive of '" + image + "' has no application any more");
         takeDriveAway();
+        if (!settings.isDriveOnly) refuseBeside(image, group);
         return false;
     }
     mounted = true;
@@ -252,6 +267,19 @@ void ZqRun::noteApplication() {
         line = "the application can't be noted yet: " + e.toString(SxException::ShowMessage, ": ");
     }
     tellWaiting(line);
+}
+
+void ZqRun::noteEnd() {
+    const SxString group = guard->getGroup().toText();
+    // A folder that was removed would come back.
+    if (group.isEmpty() || !(startNoted || guard->isAdopted()) || !SxFSAction::exists(image)) return;
+    try {
+        ZqStreamRecord::update(image, [&](ZqStreamRecord* record) {
+            if (record->application == group) record->application = SxString();
+        });
+    } catch (const SxException& e) {
+        zqLogMsg("base", SxString("ZqRun: the application's end can't be noted: ") + e.what());
+    }
 }
 
 void ZqRun::follow() {
@@ -346,6 +374,7 @@ void ZqRun::end() {
             guard->wait();
             result.info.exitCode = guard->getExitCode();
             result.info.runTime = static_cast<int64>(guard->runTime) / 1000;
+            noteEnd();
         }
         const bool keep = settings.keepsMounted && result.wasStarted && feed.isVerified();
         if (mounted) patiently([&] { endDrive(keep); });

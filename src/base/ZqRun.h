@@ -77,6 +77,8 @@ public:
     /// What the load profile says of a start at that speed, in megabit per second of `img.zqf`, with what is
     /// there now. Needs a phase behind Opening.
     ZqStartForecast forecast(double speedMbit) const;
+    /// Whether the drive of a former run was found to have gone with writes that its programs hadn't synced.
+    bool hasLostWrites() const { return lostWrites; }
     /// Meaningful once the run has ended.
     const Result& getResult() const { return result; }
     /// The result: what `runtime.json` has, `exitCode` null where it isn't known, and more. Of a mere
@@ -92,8 +94,11 @@ private:
     struct EndOfDelay;
 
     void run();
-    /// Takes over a drive that a run which was killed has left, or takes it away.
+    /// Takes over a drive that a run which was killed has left, or takes it away. Raises where that run's
+    /// application goes on without its drive.
     bool adopt();
+    /// Removes what the service of a former run has left that was killed.
+    void removeLeftovers();
     /// Waits until the image is known to be right.
     void awaitCheck();
     void mount();
@@ -115,6 +120,8 @@ private:
     /// Writes down the start of the application, and its processes, which change when a launcher hands over.
     /// What can't be written now, say on a full disk, is tried again later.
     void noteApplication();
+    /// Writes down that it has ended: what it may have left behind is no application any more.
+    void noteEnd();
     void writeInfo();
     void follow();
     void suspendProcess();
@@ -135,6 +142,7 @@ private:
     const SxString image;
     std::atomic<bool> stopFlag{false};
     std::atomic<Phase> phase{Opening};
+    std::atomic<bool> lostWrites{false};
     std::atomic<bool> searching{false}; ///< for the process that the record names
     ZqImageFeed feed;
     SxPtr<ZqCoreAppGuard> guard;

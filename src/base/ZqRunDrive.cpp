@@ -127,6 +127,7 @@ void ZqRun::mount() {
     if (mode == ZqMountMgr::ReadWrite) awaitCheck();
     if (hasOwnTrace()) awaitRoom();
     feed.requireRanges(stop);
+    patiently([&] { removeLeftovers(); });
     phase = Mounting;
     mounted = true;
     result.traceFolder = hasOwnTrace() ? newTraceFolder(image) : settings.traceFolder;
@@ -171,6 +172,14 @@ void ZqRun::takeDriveAway() {
     ZqMountMgr mounts;
     mounts.setAppParams(feed.getApp());
     mounts.umountImage(image, disk.drive.isEmpty());
+}
+
+void ZqRun::removeLeftovers() {
+    ZqMountMgr mounts;
+    mounts.setAppParams(feed.getApp());
+    bool written = false;
+    mounts.removeLeftovers(image, &written);
+    if (written) lostWrites = true;
 }
 
 void ZqRun::tellWaiting(const SxString& line) {

@@ -166,6 +166,10 @@ int mount(const MountOptions& options, Output& out) {
     const ZqMountMgr::MountMode mode =
         options.mode.isEmpty() ? app.mountMode : ZqMountMgr::stringToMountMode(options.mode);
     manager.setAppParams(app);
+    // The mount would take the note of it away.
+    bool lostWrites = false;
+    manager.removeLeftovers(options.image, &lostWrites);
+    if (lostWrites) Output::failure(lostWritesText(options.image));
     while (!mountOrYield(&manager, mode, app, params, options)) {
         if (!isMountedWhole(&manager, options.image)) continue;
         tellMount(options.image, "Mounted already", &out);

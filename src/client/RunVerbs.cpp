@@ -115,11 +115,12 @@ private:
 };
 
 /// Shows the run until it has ended; `look` is called between.
-void followRun(ZqRun* job, const Output& out,
+void followRun(ZqRun* job, const SxString& image, const Output& out,
                const std::function<void(const ZqImageFeed::Status& status, Progress* progress)>& look) {
     StopSignals signals;
     Progress progress(out.getMode(), "opening");
     job->start();
+    bool toldLoss = false;
     while (!SxWait::pass(
         LOOK_MS, [&] { return !job->isRunning(); }, END_LOOK_MS)) {
         if (signals.isAsked()) job->stop();
@@ -127,9 +128,14 @@ void followRun(ZqRun* job, const Output& out,
         progress.setLabel(statusText(job->getPhase(), status));
         progress.update(status.isChecking ? status.nChecked : status.nCurrent, status.nTotal);
         look(status, &progress);
+        if (toldLoss || !job->hasLostWrites()) continue;
+        toldLoss = true;
+        progress.finish();
+        Output::failure(lostWritesText(image));
     }
     progress.finish();
     job->wait();
+    if (!toldLoss && job->hasLostWrites()) Output::failure(lostWritesText(image));
 }
 
 /// What can't be written is no reason to keep back the other file, nor what has ended the run.
@@ -179,7 +185,7 @@ int run(const RunOptions& options, Output& out) {
     if (const char* file = std::getenv("TAVRIN_FIRST_FRAME")) settings.firstFrameFile = file;
     ZqRun job(settings);
     ForecastLine forecast(options.now, &out);
-    followRun(&job, out,
+    followRun(&job, options.image, out,
               [&](const auto& status, Progress* progress) { forecast.look(job, status, progress); });
     const ZqRun::Result& result = job.getResult();
     if (result.wasStarted) {
@@ -209,7 +215,7 @@ int fetch(const RunOptions& options, Output& out) {
     settings.feed.job = "fetch";
     settings.feed.isDownloadOnly = true;
     ZqRun job(settings);
-    followRun(&job, out, [](const auto&, Progress*) {});
+    followRun(&job, options.image, out, [](const auto&, Progress*) {});
     const ZqRun::Result& result = job.getResult();
     if (out.getMode().json) out.object(job.toJson());
     tellMissing(result, options.image, &out);
@@ -221,6 +227,12 @@ int fetch(const RunOptions& options, Output& out) {
     return ExitSuccess;
 }
 } // namespace
+
+SxString lostWritesText(const SxString& image) {
+    return "What programs wrote to the former drive of '" + image +
+           "' may be lost as far as they hadn't synced it: its service was killed, or somebody has taken it "
+           "away";
+}
 
 int mountFed(const FedMount& mount, Output& out, const std::function<void()>& tell) {
     refuseForeignFolder(mount.image);
@@ -234,7 +246,7 @@ int mountFed(const FedMount& mount, Output& out, const std::function<void()>& te
     settings.traceFolder = mount.trace;
     ZqRun job(settings);
     bool told = false;
-    followRun(&job, out, [&](const auto&, Progress*) {
+    followRun(&job, mount.image, out, [&](const auto&, Progress*) {
         if (told || job.getPhase() != ZqRun::Feeding) return;
         told = true;
         tell();

@@ -14,3 +14,6 @@ struct FedMount {
 /// Mounts, and feeds the drive until somebody unmounts it, or a signal asks for the end, which unmounts it.
 /// `tell` is called once when the drive is up. Gives the exit code.
 int mountFed(const FedMount& mount, Output& out, const std::function<void()>& tell);
+
+/// A sentence on what went with a drive of the image that has gone before.
+SxString lostWritesText(const SxString& image);

@@ -79,15 +79,32 @@ TEST_F(LostDrive, whatSomebodyUnmountedIsNoticedAndMountedAnew) {
     }
 }
 
-TEST_F(LostDrive, whatWentWithAMountThatSomebodyEndedIsToldOnce) {
+TEST_F(LostDrive, whatWentWithADriveIsToldOnce) {
     const string image = build("image", "ext4");
-    const string app = mount(image, {"--mode", "rtw"});
-    std::ofstream(app + "/saved") << string(1 << 20, 's');
-    const fs::path volume = statusOf(image).mountPath.str();
-    ::umount2((volume.parent_path() / ZqServiceFolder::FRONT).c_str(), MNT_FORCE);
-    EXPECT_TRUE(eventually([&] { return statusOf(image).image.isEmpty(); }));
-    const Outcome outcome = run({"umount", image});
-    EXPECT_EQ(outcome.code, 1);
-    EXPECT_THAT(outcome.err, HasSubstr("may be lost as far as they hadn't synced it"));
-    EXPECT_EQ(done({"umount", image}), "Not mounted\n");
+    const string lost = "may be lost as far as they hadn't synced it";
+    // By the next umount, as a failure, or by the next mount.
+    for (const char* next : {"umount", "mount"}) {
+        for (const bool isKilled : {false, true}) {
+            SCOPED_TRACE(string(next) + (isKilled ? ", killed" : ", unmounted"));
+            const string app = mount(image, {"--mode", "rtw"});
+            std::ofstream(app + "/saved") << string(1 << 20, 's');
+            const ZqDiskStatus disk = statusOf(image);
+            const fs::path own = fs::path(disk.mountPath.str()).parent_path();
+            if (isKilled) {
+                ::kill(static_cast<pid_t>(disk.servicePid), SIGKILL);
+            } else {
+                ::umount2((own / ZqServiceFolder::FRONT).c_str(), MNT_FORCE);
+            }
+            EXPECT_TRUE(eventually([&] { return statusOf(image).image.isEmpty(); }));
+            const bool isMount = string(next) == "mount";
+            const Outcome outcome = run({next, image});
+            EXPECT_EQ(outcome.code, isMount ? 0 : 1);
+            EXPECT_THAT(outcome.err, HasSubstr(lost));
+            EXPECT_EQ(done({"umount", image}), isMount ? "Unmounted\n" : "Not mounted\n");
+            const Outcome again = run({"mount", image});
+            EXPECT_EQ(again.code, 0);
+            EXPECT_EQ(again.err, "");
+            done({"umount", image});
+        }
+    }
 }

@@ -2,9 +2,11 @@
 #include "SxFileIO.h"
 #include "SxJSONParser.h"
 #include "SxMd5.h"
+#include "SxProcessGroup.h"
 #include "Xml.h"
 #include "ZqImageFeed.h"
 #include "ZqReadable.h"
+#include "ZqStreamRecord.h"
 
 #include <pthread.h>
 
@@ -231,6 +233,39 @@ TEST_F(StreamRun, AKilledRunLeavesItsApplicationToTheNext) {
     EXPECT_THAT(next->says(), HasSubstr("its exit code is unknown"));
     expectPlayed();
     EXPECT_FALSE(isMounted());
+}
+
+TEST_F(StreamRun, NoSecondApplicationIsStartedBesideOneWhoseDriveHasGone) {
+    hold();
+    const auto first = start();
+    const auto noted = [&] {
+        ZqStreamRecord record;
+        record.read(SxString(got));
+        return SxProcessGroup::fromText(record.application);
+    };
+    ASSERT_TRUE(eventually([&] { return hasStarted() && noted().isAlive(); })) << first->says();
+    const SxProcessGroup application = noted();
+    const int64 service = statusOf(got).servicePid;
+    first->signal(SIGKILL);
+    first->end();
+    ::kill(static_cast<pid_t>(service), SIGKILL);
+    ASSERT_TRUE(eventually([&] { return !isRunning(service); }));
+    for (int i = 0; i < 2; ++i) {
+        const auto second = start();
+        EXPECT_EQ(second->end(), 1);
+        EXPECT_THAT(second->says(), HasSubstr("still runs (process " + std::to_string(application.getId()) +
+                                              "), and its drive has gone"));
+        EXPECT_TRUE(application.isAlive());
+        EXPECT_FALSE(isMounted());
+    }
+    application.kill();
+    ASSERT_TRUE(eventually([&] { return !application.isAlive(); }));
+    release();
+    fs::remove(played + ".started");
+    const auto last = start();
+    EXPECT_EQ(last->end(), 0) << last->says();
+    expectPlayed();
+    EXPECT_FALSE(noted().isValid()) << "what it leaves behind would keep the next from starting";
 }
 
 TEST_F(StreamRun, RecordsNoLongerAndKeepsNoMoreThanItIsTold) {
