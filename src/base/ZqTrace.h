@@ -100,9 +100,11 @@ public:
     /// run of negative length.
     static SxArray<ZqTraceItem> sequenceToTrace(const SxList<ZqSequence>& list);
 
-    /// Takes size, digest and duration of the record anew from the items, whatever it says: for a trace whose
-    /// items and record a cut has parted.
-    void mend();
+    /// Takes size, digest and duration of the record anew from the items, whatever it says of them: for a
+    /// trace whose items and record a cut has parted. Records of zeros, as a power cut leaves them, go; gives
+    /// how many. Raises where no record is left, or where `trace.json` can't be read, since nothing else says
+    /// of which build the trace is and when it began.
+    int64 mend();
 
     // Several traces of one image build.
 

@@ -14,7 +14,7 @@ namespace {
 constexpr const char* UNIT = "src/base/ZqTrace";
 constexpr int64 MS_PER_S = 1000;
 
-/// Signed, whatever trace.json and the items say: the difference wraps, as the stored numbers do.
+/// Signed: an item may be ahead of the trace's start. Both are bounded, so nothing wraps.
 int64 relativeTime(const ZqTraceItem& item, const ZqTraceParams& record) {
     return static_cast<int64>(item.time - static_cast<uint64>(record.time0));
 }
@@ -37,6 +37,34 @@ std::optional<ZqTraceItem> findFirst(const SxString& path, const SxIndexSet& blo
         if (blocks.contains(item.block)) return item;
     }
     return {};
+}
+
+/// Takes out the records of the trace in `path` that are nothing but zeros; gives how many.
+int64 removeHoles(const SxString& path) {
+    const SxString file = path + ZqTraceFiles::ITEMS;
+    const auto walk = [&](auto&& put) {
+        ZqTraceRecords::Reader reader(path);
+        ZqTraceItem item;
+        while (reader.next(&item)) {
+            if (!ZqTraceRecords::isHole(item)) put(item);
+        }
+    };
+    const int64 nAll = ZqTraceRecords::Reader(path).getN();
+    int64 nSound = 0;
+    walk([&](const ZqTraceItem&) { ++nSound; });
+    if (nSound == 0) {
+        const SxString what = nAll == 0
+                                  ? SxString("no whole record")
+                                  : SxString(nAll) + " records, all of zeros, as a power cut leaves them";
+        throw SxException("'" + file + "' holds " + what + ": there is nothing to mend, and the trace can go",
+                          UNIT, __LINE__);
+    }
+    // Else the file stays as it is, to the last digit.
+    if (nSound < nAll)
+        ZqTraceRecords::replace(path, [&](ZqTraceRecords::Writer* out) {
+            walk([&](const ZqTraceItem& item) { out->put(item); });
+        });
+    return nAll - nSound;
 }
 
 } // namespace
@@ -85,13 +113,14 @@ void ZqTrace::shift(int seconds) {
     const ZqTraceLock lock(pathPrefix);
     ZqTraceRecords::refuseRecording(pathPrefix);
     ZqTraceParams record(pathPrefix);
-    if (__builtin_sub_overflow(record.time0, seconds * MS_PER_S, &record.time0)) {
-        throw SxException("The time0 of the trace '" + pathPrefix + "' can't be shifted by " +
-                              SxString(seconds) + " s",
+    record.time0 -= seconds * MS_PER_S;
+    record.method = ZqTraceParams::Shift;
+    try {
+        record.write(pathPrefix);
+    } catch (const SxException& e) {
+        throw SxException(e, "The trace '" + pathPrefix + "' can't be shifted by " + SxString(seconds) + " s",
                           UNIT, __LINE__);
     }
-    record.method = ZqTraceParams::Shift;
-    record.write(pathPrefix);
 }
 
 void ZqTrace::align(const SxString& refPath) {
@@ -158,14 +187,26 @@ void ZqTrace::append(const SxString& otherPath, const SxString& outPath, int gap
     record.write(outPath);
 }
 
-void ZqTrace::mend() {
+int64 ZqTrace::mend() {
     const ZqTraceLock lock(pathPrefix);
     ZqTraceRecords::refuseRecording(pathPrefix);
     const SxString file = pathPrefix + ZqTraceFiles::ITEMS;
     if (!SxFSAction::test_f(file)) throw SxException("Trace file " + file + " not found", UNIT, __LINE__);
-    ZqTraceParams record(pathPrefix);
+    ZqTraceParams record;
+    record.pathPrefix = pathPrefix;
+    try {
+        record.read();
+    } catch (const SxException& e) {
+        throw SxException(e,
+                          "The trace '" + pathPrefix +
+                              "' can't be mended: its build, start and method stand in " +
+                              ZqTraceFiles::RECORD + " alone",
+                          UNIT, __LINE__);
+    }
+    const int64 nHoles = removeHoles(pathPrefix);
     record.size = SxFileInfo(file).getSize();
     record.duration = getTraceDuration(pathPrefix);
     record.checksumTrc = SxMd5::file(file, nullptr);
     record.write(pathPrefix);
+    return nHoles;
 }

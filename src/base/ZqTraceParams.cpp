@@ -7,6 +7,7 @@
 #include "ZqSysEnv.h"
 #include "ZqTrace.h"
 #include "ZqTraceFiles.h"
+#include "ZqTraceRecords.h"
 
 #include <array>
 
@@ -22,6 +23,21 @@ constexpr std::array<const char*, 10> METHODS = {"monitoring",     "mountscan", 
 
 SxString recordFile(const SxString& path, const SxString& own) {
     return (path.isEmpty() ? own : path) + ZqTraceFiles::RECORD;
+}
+
+/// Raises on times that no item can have. trace.json may say anything, and what is counted from such a time
+/// would wrap around, or look like a right time.
+void requireTimes(const ZqTraceParams& record) {
+    using ZqTraceRecords::LEAST_MS, ZqTraceRecords::MOST_MS;
+    const auto require = [](const char* name, int64 value, int64 least, int64 most) {
+        if (least <= value && value <= most) return;
+        throw SxException(SxString("The ") + name + " " + value +
+                              " is none that a trace can have: it isn't in " + least + " to " + most + " ms",
+                          UNIT, __LINE__);
+    };
+    require("time0", record.time0, LEAST_MS, MOST_MS);
+    // Items may go backward.
+    require("duration", record.duration, LEAST_MS - MOST_MS, MOST_MS - LEAST_MS);
 }
 
 void putUnlessEmpty(SxSymbol* object, const char* key, const SxString& value) {
@@ -59,6 +75,7 @@ void ZqTraceParams::read(const SxString& path) {
         ZqRecordFile::get(checksums, "mnt", &checksumMnt);
         ZqRecordFile::get(checksums, "idx", &checksumIdx);
         ZqRecordFile::get(checksums, "trc", &checksumTrc);
+        requireTimes(*this);
     } catch (const SxException& e) {
         throw SxException(e, "Failed to read file " + file, UNIT, __LINE__);
     }
@@ -76,6 +93,7 @@ int64 ZqTraceParams::findDuration() const {
 void ZqTraceParams::write(const SxString& path) const {
     const SxString file = recordFile(path, pathPrefix);
     try {
+        requireTimes(*this);
         SxSymbol root;
         root.setType(SxParserAst::Object);
         root.append("version", version);

@@ -48,12 +48,30 @@ Summary replace(const SxString& path, const std::function<void(Writer* out)>& fi
     return summary;
 }
 
+namespace {
+
+bool hasHoles(const SxString& path) {
+    Reader reader(path);
+    ZqTraceItem item;
+    while (reader.next(&item)) {
+        if (isHole(item)) return true;
+    }
+    return false;
+}
+
+} // namespace
+
 SxString findMismatch(const SxString& path, const ZqTraceParams& record) {
     const SxString file = path + ZqTraceFiles::ITEMS;
     // Only one that is still written, or whose writer was killed, has no size and no digest in its record.
     const int64 size = SxFileInfo(file).getSize();
     const bool fits = (record.size == 0 || record.size == size) &&
                       (record.checksumTrc.isEmpty() || record.checksumTrc == SxMd5::file(file, nullptr));
+    if (fits && record.checksumTrc.isEmpty() && hasHoles(path)) {
+        return "'" + file +
+               "' has records of zeros, as a power cut leaves them; to leave them out: tavrin trace mend "
+               "TRACE";
+    }
     if (fits) return {};
     return "'" + file + "' isn't the one that '" + path + ZqTraceFiles::RECORD +
            "' tells of: a command was cut off between the two; give that command again, or take the items as "

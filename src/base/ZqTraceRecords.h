@@ -25,6 +25,11 @@ constexpr uint64 FLAG = uint64{1} << 63;
 constexpr uint64 UNITS_PER_MS = 10000;
 constexpr uint64 FROM_1601_TO_1970_MS = 11644473600000;
 
+/// The times that records can hold, in milliseconds since 1970. Sums of a few of them fit in 64 bits.
+constexpr int64 LEAST_MS = -static_cast<int64>(FROM_1601_TO_1970_MS);
+constexpr int64 MOST_MS =
+    static_cast<int64>(std::numeric_limits<uint64>::max() / UNITS_PER_MS - FROM_1601_TO_1970_MS);
+
 inline uint64 swapIfBig(uint64 value) {
     return std::endian::native == std::endian::big ? __builtin_bswap64(value) : value;
 }
@@ -44,7 +49,13 @@ inline ZqTraceItem decode(const char* record) {
 
 /// Whether a record can hold that time, in milliseconds since 1970.
 inline bool holds(uint64 timeMs) {
-    return timeMs + FROM_1601_TO_1970_MS <= std::numeric_limits<uint64>::max() / UNITS_PER_MS;
+    return LEAST_MS <= static_cast<int64>(timeMs) && static_cast<int64>(timeMs) <= MOST_MS;
+}
+
+/// Whether the item's record may be nothing but zeros: a file that a power cut has left with its size, and
+/// without some of its content, has them. Nobody records the year 1601.
+inline bool isHole(const ZqTraceItem& item) {
+    return item.block == 0 && !item.flag && item.time == static_cast<uint64>(LEAST_MS);
 }
 
 /// Raises on a time that no record can hold. The block goes to the record as it is.
@@ -99,7 +110,8 @@ Summary replace(const SxString& path, const std::function<void(Writer* out)>& fi
 
 /// Why `img.trc` in the folder `path` isn't the one that `record` was written for, by the size and the digest
 /// that it states, and what to do, a clause; empty where it is. A command replaces the two files one after
-/// the other, so one that is cut off between them leaves such a pair. Reads the whole file.
+/// the other, so one that is cut off between them leaves such a pair. Where no digest is stated, since the
+/// recorder was cut off, records of zeros are looked for. Reads the whole file.
 SxString findMismatch(const SxString& path, const ZqTraceParams& record);
 /// Raises where there is one.
 void requireMatch(const SxString& path);

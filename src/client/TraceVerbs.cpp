@@ -181,8 +181,12 @@ int append(const EditOptions& options, Output& out) {
 int mend(const EditOptions& options, Output& out) {
     const SxString folder = ZqImageFolder::prefix(options.trace);
     const Items items(folder);
-    ZqTrace(folder).mend();
-    return reportWritten(folder, newObject(), "Mended", &out);
+    const int64 nHoles = ZqTrace(folder).mend();
+    SxSymbol result = newObject();
+    result.append("lost", nHoles);
+    const SxString did =
+        nHoles == 0 ? SxString("Mended") : "Mended, without " + SxString(nHoles) + " records of zeros";
+    return reportWritten(folder, result, did, &out);
 }
 
 SxSymbol describeJson(const ZqSequence& run) {

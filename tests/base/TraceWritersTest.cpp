@@ -104,3 +104,82 @@ TEST(TraceWriters, ACutBetweenTheFilesIsFoundAndMended) {
         EXPECT_EQ(mended, whole) << "something else was changed";
     }
 }
+
+TEST(TraceWriters, WhatAPowerCutHasLeftIsToldAndMendedWhereThereIsSomething) {
+    const TempDir dir;
+    const SxString path = makeTrace(dir, "a", at({{1, 1}, {2, 2}, {3, 7}}), 1000);
+    const std::string items = dir.read("a/img.trc"), record = dir.read("a/trace.json");
+    const std::string holes(32, '\0');
+    EXPECT_EQ(ZqTrace(path).mend(), 0);
+    EXPECT_EQ(dir.read("a/img.trc"), items);
+    for (const std::string& now : {items + holes, items.substr(0, 16) + holes + items.substr(16)}) {
+        dir.write("a/trace.json", record);
+        dir.write("a/img.trc", now);
+        EXPECT_THAT(failureOf([&] { ZqTraceRecords::requireMatch(path); }),
+                    HasSubstr("records of zeros, as a power cut leaves them"));
+        EXPECT_EQ(ZqTrace(path).mend(), 2);
+        EXPECT_EQ(dir.read("a/img.trc"), items);
+        EXPECT_EQ(failureOf([&] { ZqTraceRecords::requireMatch(path); }), "");
+        EXPECT_EQ(Params(path).duration, 6);
+    }
+    const auto fails = [&](const std::string& now, const std::string& why) {
+        dir.write("a/img.trc", now);
+        const TreeSnapshot before = dir.snapshot();
+        EXPECT_THAT(failureOf([&] { ZqTrace(path).mend(); }), HasSubstr(why));
+        EXPECT_EQ(dir.snapshot(), before);
+    };
+    fails("", "holds no whole record: there is nothing to mend");
+    fails(items.substr(0, 15), "holds no whole record");
+    fails(holes, "holds 2 records, all of zeros");
+    dir.write("a/trace.json", record.substr(0, record.size() / 2));
+    fails(items, "can't be mended: its build, start and method stand in trace.json alone");
+}
+
+TEST(TraceWriters, ARecordWithTimesThatNoItemCanHaveIsRefused) {
+    using ZqTraceRecords::LEAST_MS, ZqTraceRecords::MOST_MS;
+    const TempDir dir;
+    const SxString good = makeTrace(dir, "good", at({{1, 1}, {2, 2}}), 1000);
+    const SxString bad = makeTrace(dir, "bad", at({{2, 1}, {3, 2}}), 1000), out = dir.prefix() + "out/";
+    const std::string sound = dir.read("bad/trace.json");
+    const auto withTimes = [&](int64 time0, int64 duration) {
+        dir.write("bad/trace.json", R"({"version": 2, "method": "monitoring", "checksums": {"mnt": "build"},)"
+                                    R"("time0": )" +
+                                        std::to_string(time0) + R"(, "duration": )" +
+                                        std::to_string(duration) + "}");
+    };
+    for (const auto& [time0, duration] :
+         {std::pair(LEAST_MS, MOST_MS - LEAST_MS), std::pair(MOST_MS, int64{0})}) {
+        withTimes(time0, duration);
+        EXPECT_EQ(failureOf([&] { Params(bad).write(bad); }), "");
+    }
+    constexpr int64 MOST = std::numeric_limits<int64>::max(), LEAST = std::numeric_limits<int64>::min();
+    for (const auto& [time0, duration, name] : {std::tuple(MOST, int64{0}, "time0"),
+                                                {LEAST, 0, "time0"},
+                                                {MOST_MS + 1, 0, "time0"},
+                                                {LEAST_MS - 1, 0, "time0"},
+                                                {0, MOST, "duration"},
+                                                {0, MOST_MS - LEAST_MS + 1, "duration"}}) {
+        withTimes(time0, duration);
+        const TreeSnapshot before = dir.snapshot();
+        const std::pair<const char*, std::function<void()>> operations[] = {
+            {"merge",
+             [&] {
+                 ZqTrace::merge(out, asList({good, bad}));
+             }},
+            {"append", [&] { ZqTrace(bad).append(good, out, 0); }},
+            {"append to", [&] { ZqTrace(good).append(bad, out, 0); }},
+            {"align", [&] { ZqTrace(good).align(bad); }},
+            {"shift", [&] { ZqTrace(bad).shift(-1); }},
+            {"keep", [&] { ZqTrace(bad).dropTime(0, 1); }},
+            {"runs", [&] { ZqTrace(bad).traceToSequence(); }}};
+        for (const auto& [operation, call] : operations) {
+            EXPECT_THAT(failureOf(call), AllOf(HasSubstr("bad/trace.json"), HasSubstr(name),
+                                               HasSubstr("is none that a trace can have")))
+                << operation;
+        }
+        EXPECT_EQ(dir.snapshot(), before);
+    }
+    Params record(good);
+    record.time0 = MOST;
+    EXPECT_THAT(failureOf([&] { record.write(good); }), HasSubstr("time0"));
+}

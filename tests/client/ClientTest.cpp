@@ -412,7 +412,7 @@ TEST_F(ClientTest, traceVerbs) {
     for (const Words& words : {Words{"trace", "merge", out, half, a}, Words{"trace", "keep", half, "0", "1"}})
         EXPECT_THAT(run(words).err, HasSubstr("tavrin trace mend TRACE"));
     EXPECT_FALSE(parseJson(run({"trace", "info", half, "--json"}).out).getElem("matches").toBool());
-    EXPECT_EQ(json({"mend", half}), R"({"items":2,"duration":1000)" + set);
+    EXPECT_EQ(json({"mend", half}), R"({"lost":0,"items":2,"duration":1000)" + set);
     EXPECT_EQ(run({"trace", "merge", out, half, a}).code, 0);
 
     const string image = makeImage("image2");

@@ -5,6 +5,7 @@
 #include "ZqImageLock.h"
 #include "ZqTrace.h"
 #include "ZqTraceBuilder.h"
+#include "ZqTraceRecords.h"
 
 #include <set>
 
@@ -278,7 +279,6 @@ TEST(TraceBuilder, GivesUpAndTouchesNothing) {
     sweep.makeRun("a", 1, {1});
     sweep.makeRun("b", 2, {2});
     const TreeSnapshot before = sweep.dir.snapshot(sweep.traces);
-    const std::string stillMounted = "Image still mounted, trace not complete.";
     const auto expectRefusal = [&](const std::string& why) {
         SCOPED_TRACE(why);
         bool stopped = false;
@@ -290,12 +290,13 @@ TEST(TraceBuilder, GivesUpAndTouchesNothing) {
         EXPECT_EQ(sweep.dir.snapshot(sweep.traces), before);
     };
     sweep.mountAlone();
-    expectRefusal(stillMounted);
+    expectRefusal("Image still mounted, trace not complete.");
     sweep.mgr.umountImage(sweep.image, true);
-    {
-        const auto user = ZqImageLock::take(sweep.image, ZqImageLock::Shape, ZqImageLock::Shared, "run");
-        expectRefusal(stillMounted);
-        EXPECT_THAT(sweep.refusal.str(), HasSubstr("(run)"));
+    for (const char* job : {"run", "trace build"}) {
+        const auto user = ZqImageLock::take(sweep.image, ZqImageLock::Shape, ZqImageLock::Shared, job);
+        expectRefusal("Image '");
+        EXPECT_THAT(sweep.refusal.str(),
+                    AllOf(HasSubstr("' is in use by process"), HasSubstr("(" + std::string(job) + ")")));
     }
     bool stopped = false;
     sweep.driver.fail("IsMounted");
@@ -311,7 +312,7 @@ TEST(TraceBuilder, GivesUpAndTouchesNothing) {
     EXPECT_EQ(sweep.dir.snapshot(sweep.traces), before);
     // Where it is the first that has no end, the others aren't damaged.
     ZqTraceParams endless(sweep.folder("a"));
-    endless.duration = std::numeric_limits<int64>::max();
+    endless.duration = ZqTraceRecords::MOST_MS - ZqTraceRecords::LEAST_MS;
     endless.write();
     const TreeSnapshot withEndless = sweep.dir.snapshot(sweep.traces);
     EXPECT_THAT(sweep.sweep(), HasSubstr("last too long for another one"));
