@@ -159,11 +159,25 @@ void ZqImageFeed::open(const ZqStopTest& stop) {
     }
     hadRecords = hasRecords;
     app.requireKnownFormat();
-    if (link) measureDisk();
     // What is downloaded from its beginning on has nothing of an earlier file.
-    const bool isFresh = fileSize() == 0;
-    isWritten = record.isWritten && !isFresh;
+    isWritten = record.isWritten && fileSize() > 0;
     verified = !link && isKnownAsRight(record);
+    try {
+        if (link) measureDisk();
+    } catch (const SxException&) {
+        // Once there is room the same is called again, without the address.
+        try {
+            noteOpened(record);
+        } catch (const SxException& e) {
+            zqLogMsg("base", "ZqImageFeed: " + e.toString(SxException::ShowMessage, ": "));
+        }
+        throw;
+    }
+    noteOpened(record);
+}
+
+void ZqImageFeed::noteOpened(const ZqStreamRecord& record) {
+    const bool isFresh = fileSize() == 0;
     const bool dropsDigest = link && !record.verified.isEmpty();
     if (record.url == url && !dropsDigest && record.isWritten == isWritten) return;
     ZqStreamRecord::update(settings.image, [&](ZqStreamRecord* now) {
@@ -502,7 +516,10 @@ void ZqImageFeed::setWaiting(const SxString& text) {
 void ZqImageFeed::fail(const SxException& e) {
     zqLogMsg("base", "ZqImageFeed: " + e.toString(SxException::ShowMessage));
     // What comes from the server now are other blocks.
-    if (link && e.hasTag(ZqFailurePolicy::OTHER_VERSION)) link->cancel();
+    if (link && e.hasTag(ZqFailurePolicy::OTHER_VERSION)) {
+        isCutOff = true;
+        link->cancel();
+    }
     const SxMutexBlock block(&mutex);
     failed = true;
     failure = e;
@@ -512,6 +529,11 @@ void ZqImageFeed::fail(const SxException& e) {
 bool ZqImageFeed::hasFailed() const {
     const SxMutexBlock block(&mutex);
     return failed;
+}
+
+bool ZqImageFeed::answersReads() const {
+    // Without the keeper nobody starts the manager again.
+    return !isCutOff && !(hasFailed() && manager && !manager->isRunning());
 }
 
 void ZqImageFeed::requireAlive() const {

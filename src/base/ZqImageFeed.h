@@ -112,6 +112,8 @@ public:
     Speeds getSpeeds() const;
     /// Whether something has ended the download that can't be mended, and raises that.
     bool hasFailed() const;
+    /// Whether a read that the drive holds may still be answered. Once it is false it stays so.
+    bool answersReads() const;
     void requireAlive() const;
 
 private:
@@ -119,6 +121,7 @@ private:
     class VersionCheck;
 
     SxString filePath(const char* name) const;
+    void noteOpened(const ZqStreamRecord& record);
     void openStore();
     void removeStore() const;
     void makeWriter();
@@ -168,9 +171,10 @@ private:
     std::unique_ptr<VersionCheck> versionCheck;
     std::atomic<bool> stopping{false}, verified{false}, checking{false}, settled{false};
     std::atomic<bool> driveStarted{false};
-    bool isConfirmed = true; ///< the server was seen at open() to have the version that is here
-    bool hadRecords = false; ///< the folder had all it takes for a drive, blocks apart, at open()
-    bool isWritten = false;  ///< a drive may have written into `img.zqf`
+    std::atomic<bool> isCutOff{false}; ///< the server has another version, and nothing is taken from it
+    bool isConfirmed = true;           ///< the server was seen at open() to have the version that is here
+    bool hadRecords = false;           ///< the folder had all it takes for a drive, blocks apart, at open()
+    bool isWritten = false;            ///< a drive may have written into `img.zqf`
     std::atomic<uint64> nChecked{0};
     std::atomic<uint64> nShort{0};       ///< bytes that the disk lacks for the rest of the image
     std::atomic<int64> silentSeconds{0}; ///< without a byte of the server

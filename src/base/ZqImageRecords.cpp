@@ -115,9 +115,20 @@ void ZqImageRecords::requireSame(const ZqAppParams& own, const ZqAppParams& serv
                       UNIT, __LINE__);
 }
 
+/// A portal answers whatever is asked for with its own page, and the parser's complaint tells nobody of that.
+void ZqImageRecords::requireNoPage(const SxString& text, const char* name) const {
+    const size_t begin = text.str().find_first_not_of("\xef\xbb\xbf \t\r\n");
+    if (begin == std::string::npos || text.str()[begin] != '<') return;
+    throw SxException(ZqNetLink::WRONG,
+                      "the server answers with a web page instead of '" + urlOf(name) +
+                          "', perhaps one to log in to",
+                      UNIT, __LINE__);
+}
+
 ZqAppParams ZqImageRecords::look(SxString* text, const ZqStopTest& stop) const {
     const SxArray<char> bytes = remote(ZqImageFiles::APP_JSON)->get(MAX_RECORD, stop);
     *text = SxString(std::string_view(bytes.data(), static_cast<size_t>(bytes.getSize())));
+    requireNoPage(*text, ZqImageFiles::APP_JSON);
     try {
         ZqAppParams server;
         server.readText(*text, ZqImageFiles::APP_JSON);
@@ -176,6 +187,7 @@ ZqAppParams ZqImageRecords::fetchApp(bool mayPlay, bool* isConfirmed, const ZqSt
 void ZqImageRecords::requireParams(const SxString& file, const ZqAppParams& app) const {
     constexpr uint64 BLOCK = 4096;
     try {
+        requireNoPage(SxFileIO::readUtf8(file), ZqImageFiles::IMAGE_JSON);
         ZqImageParams server;
         server.readFile(file);
         const uint64 nBlocks = (static_cast<uint64>(server.sizeRaw) + BLOCK - 1) / BLOCK;

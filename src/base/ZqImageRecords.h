@@ -41,6 +41,8 @@ private:
     SxPtr<ZqRemoteFile> remote(const char* name, uint64 expectedSize = ZqRemoteFile::UNKNOWN) const;
     bool hasBlocks() const;
     bool hasMap(const ZqAppParams& app) const;
+    /// Raises with the tag WRONG where what came as this record is a page for a browser.
+    void requireNoPage(const SxString& text, const char* name) const;
     void requireParams(const SxString& file, const ZqAppParams& app) const;
     /// The server's `app.json`, and what it was read from. Nothing is written, so a full disk is no matter.
     ZqAppParams look(SxString* text, const ZqStopTest& stop) const;

@@ -292,6 +292,7 @@ void ZqRun::follow() {
         }
         // What has ended the download ends the run after the application, which plays from what is there.
         watchDrive();
+        watchReads();
         searching = guard->isSearching();
         noteApplication();
         lookForFrame();

@@ -116,6 +116,8 @@ private:
     ZqDiskStatus requireDisk();
     /// Looks now and then whether the drive is there, and raises where it isn't.
     void watchDrive();
+    /// Raises where the drive holds reads that nothing will answer any longer.
+    void watchReads();
     void startApplication();
     /// Writes down the start of the application, and its processes, which change when a launcher hands over.
     /// What can't be written now, say on a full disk, is tried again later.
@@ -154,6 +156,7 @@ private:
     int64 noteNs = 0;     ///< when noting failed last; 0 for never
     int64 traceEndNs = 0; ///< when recording ends; 0 for no end, or where it has ended
     int64 driveNs = 0;    ///< when the drive was looked at last
+    int64 lostNs = 0;     ///< since when it was seen to hold reads in vain; 0 for not now
     int64 beginNs = 0, beginMs = 0;
     int64 oldFrameMs = -1; ///< when the file of the first frame was written ahead of the run; -1 for never
     Result result;

@@ -22,6 +22,8 @@ constexpr int64 LOOK_MS = SxWait::LOOK_MS;
 constexpr uint64 RECORD_ROOM = 1 << 20;
 /// From one look at the drive to the next.
 constexpr int64 DRIVE_NS = 200'000'000;
+/// What is on its way from the writer to the drive comes within it.
+constexpr int64 LOST_READ_NS = 5'000'000'000;
 
 /// A folder for the trace of a run that begins now, which isn't there yet.
 SxString newTraceFolder(const SxString& image) {
@@ -223,6 +225,7 @@ void ZqRun::feedDrive() {
     for (bool isUp = true; isUp && !isStopping();) {
         SxTime::msleep(LOOK_MS * 10);
         patiently([&] { isUp = mounts.isMounted(image); });
+        if (isUp) watchReads();
     }
     feed.requireAlive();
 }
@@ -254,6 +257,31 @@ void ZqRun::watchDrive() {
     }
     throw SxException("The drive of '" + image + "' has gone: it was unmounted, or its service was ended",
                       UNIT, __LINE__);
+}
+
+/// Whoever waits for such a read stands still for ever, and no wish of the player gets through to it.
+void ZqRun::watchReads() {
+    if (feed.answersReads()) return;
+    ZqDiskStatus disk;
+    try {
+        if (!ZqVolume::findDisk(image, &disk) || disk.nHeld == 0) lostNs = 0;
+    } catch (const SxException&) {
+        // A service that is silent may have nothing that waits.
+        lostNs = 0;
+    }
+    if (disk.nHeld == 0) return;
+    const int64 nowNs = SxClock::get().steadyNs();
+    if (lostNs == 0) lostNs = nowNs;
+    if (nowNs - lostNs < LOST_READ_NS) return;
+    try {
+        feed.requireAlive();
+    } catch (const SxException& e) {
+        throw SxException(e,
+                          SxString(settings.isDriveOnly ? "The drive is taken away, since reads of it wait"
+                                                        : "The application is ended, since it waits") +
+                              " for data that no longer come",
+                          UNIT, __LINE__);
+    }
 }
 
 void ZqRun::endDrive(bool keep) {

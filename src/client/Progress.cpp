@@ -12,6 +12,8 @@
 namespace {
 constexpr int64 PLAIN_INTERVAL_NS = 2'000'000'000;
 constexpr int64 MIN_BAR = 10, MAX_BAR = 40;
+/// Columns of a line that isn't drawn, at least, and those of its numbers at most.
+constexpr int64 PLAIN_WIDTH = 79, NUMBERS_WIDTH = 68;
 constexpr double SMOOTHING_SECONDS = 3;
 
 bool isDrawable() {
@@ -57,7 +59,9 @@ void Progress::update(uint64 nCurrent, uint64 nTotal) {
         std::fflush(stderr);
         drawn = true;
     } else if (style == Plain && nowNs - lastLineNs >= PLAIN_INTERVAL_NS) {
-        std::fputs((formatLine(label, nCurrent, nTotal, rate, MIN_BAR + 69) + "\n").ascii(), stderr);
+        // A file or a pipe has no width, and what is cut there is lost.
+        const int64 width = std::max(PLAIN_WIDTH, label.getSize() + NUMBERS_WIDTH);
+        std::fputs((formatLine(label, nCurrent, nTotal, rate, width) + "\n").ascii(), stderr);
         lastLineNs = nowNs;
     }
 }

@@ -103,6 +103,18 @@ TEST_F(StreamRun, ADownloadLeavesItsReserve) {
     expectComplete();
 }
 
+TEST_F(StreamRun, ADownloadThatLacksRoomNotesItsAddress) {
+    const SmallDisk disk(got, "1m");
+    const Outcome first = run({"fetch", got, "--url", server->getUrl().str()});
+    EXPECT_EQ(first.code, 1);
+    EXPECT_THAT(first.out + first.err,
+                testing::AllOf(HasSubstr(" more on the disk of"),
+                               HasSubstr("`tavrin fetch " + got + "` downloads them")));
+    disk.grow("256m");
+    done({"fetch", got});
+    expectComplete();
+}
+
 TEST_F(StreamRun, WhatAPowerCutMayHaveTakenIsFetchedAgain) {
     const size_t nTotal = fs::file_size(served + "/img.zqf");
     const string zqf = dir.read("served/img.zqf");

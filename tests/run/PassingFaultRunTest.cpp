@@ -95,6 +95,8 @@ TEST_F(StreamRun, ANewerVersionEndsTheRunBehindItsGame) {
     offerOtherVersion();
     server->start();
     EXPECT_TRUE(says(*player, "the download has ended: ")) << player->says();
+    // A line in a file is whole, however long it is.
+    EXPECT_TRUE(says(*player, "start with an empty folder  ")) << player->says();
     EXPECT_TRUE(player->isRunning());
     EXPECT_TRUE(isMounted());
     dir.write("played.quit", "");
@@ -143,11 +145,14 @@ TEST_F(StreamRun, NothingIsTakenFromAServerWhoseVersionIsUnknown) {
         if (isOther) {
             offerOtherVersion();
             EXPECT_TRUE(says(*player, "the download has ended: ")) << player->says();
-            player->signal(SIGINT);
         }
         resume();
         EXPECT_EQ(player->end(LONG_MS), isOther ? 1 : 0) << player->says();
         if (isOther) {
+            // Its read is held, and nothing will answer it.
+            EXPECT_THAT(player->says(), testing::AllOf(HasSubstr("waits for data that no longer come"),
+                                                       HasSubstr("has another version")));
+            EXPECT_FALSE(isMounted());
             EXPECT_EQ(fs::file_size(got + "/img.zqf"), 2'000'000u);
         } else {
             expectPlayed();
@@ -177,4 +182,32 @@ TEST_F(StreamRun, AFeedMayGoWhileItsRequestsAreUnderWay) {
         SxTime::msleep(90 + i % 20);
         feed.stop();
     }
+}
+
+TEST_F(StreamRun, NoReadWaitsForeverForAVersionThatHasGone) {
+    server->setRate(2'000'000);
+    Client feeder(client, {"mount", got, "--url", server->getUrl().str()}, dir.path("fed"));
+    ASSERT_TRUE(eventually([&] { return statusOf(got).ready; })) << feeder.says();
+    server->stop();
+    offerOtherVersion();
+    server->start();
+    EXPECT_TRUE(says(feeder, "the download has ended: ")) << feeder.says();
+    // What is there may be read on, as long as nobody wants more.
+    EXPECT_FALSE(SxWait::pass(7'000, [&] { return !feeder.isRunning(); })) << feeder.says();
+    const string file = statusOf(got).mountPath.str() + "/TAVRIN-protected/app/big.pak";
+    SxProcess reader("bash", {"-c", SxString("cat '" + file + "' >/dev/null")});
+    reader.start();
+    EXPECT_EQ(feeder.end(LONG_MS), 1) << feeder.says();
+    feeder.signal(SIGINT);
+    EXPECT_THAT(feeder.says(), testing::AllOf(HasSubstr("wait for data that no longer come"),
+                                              HasSubstr("has another version")));
+    EXPECT_NE(reader.wait(), 0);
+    EXPECT_FALSE(isMounted());
+}
+
+TEST_F(StreamRun, APageInThePlaceOfTheFirstRecordIsCalledThat) {
+    server->setFault(ZqFileServer::Login);
+    const auto player = start();
+    EXPECT_EQ(player->end(), 1) << player->says();
+    EXPECT_THAT(player->says(), HasSubstr("answers with a web page instead of"));
 }
