@@ -35,7 +35,7 @@ SxString serviceFailure(const SxString& image) {
 /// Why this process doesn't see what the service says is mounted; empty where it does, or nothing is yet.
 SxString blindness(const SxString& image) {
     ZqDiskStatus disk;
-    if (!ZqVolume::findDisk(image, &disk) || disk.mountPath.isEmpty() || ZqVolume::isVisible(disk)) return {};
+    if (!ZqVolume::findDisk(image, &disk) || !ZqVolume::isElsewhere(disk)) return {};
     return SxString("The drive service (process ") + disk.servicePid +
            ") lives in another mount namespace, whose drives this process can't see; it ends by itself half "
            "a minute after its last drive";
@@ -110,6 +110,7 @@ SxString ZqMountMgr::mountImage(MountMode mode, DeviceMode deviceMode, const SxS
         zqLogMsg("base", "Detected restrictions for removable devices -> switching to non-removable mode");
         removable = false;
     }
+    ZqVolume::requireView();
     if (!traceFolder.isEmpty()) SxFSAction::mkdir_p(traceFolder, 0777);
     ZqDriveStatus::require(zqDriveMountImage(image.utf16().data(), traceFolder.utf16().data(),
                                              mode == ReadOnly, mode == ReadTWLayer, removable, hostFlag,

@@ -187,6 +187,13 @@ bool ZqRun::adopt() {
         if (!settings.isDriveOnly) refuseBeside(image, group);
         return false;
     }
+    if (ZqVolume::isElsewhere(disk)) {
+        throw SxException("The drive of '" + image + "' is mounted by a drive service (process " +
+                              disk.servicePid +
+                              ") in another mount namespace, where this run can't see it: run it there, or "
+                              "unmount it first",
+                          UNIT, __LINE__);
+    }
     mounted = true;
     feed.driveStarts();
     result.info.nStarts = record.nStarts;

@@ -85,9 +85,17 @@ constexpr int64 NOTICE_MS = 3000;
 bool requireSound(const SxString& image, ZqDiskStatus disk) {
     const auto isSound = [&] { return disk.failure.isEmpty() && ZqVolume::isVisible(disk); };
     if (isSound()) return true;
-    if (SxWait::pass(NOTICE_MS, [&] { return !ZqVolume::findDisk(image, &disk); })) return false;
-    if (isSound()) return true;
-    if (!disk.failure.isEmpty()) refuseFailed(image, disk);
+    const bool isElsewhere = disk.failure.isEmpty() && ZqVolume::isElsewhere(disk);
+    if (!isElsewhere) {
+        if (SxWait::pass(NOTICE_MS, [&] { return !ZqVolume::findDisk(image, &disk); })) return false;
+        if (isSound()) return true;
+        if (!disk.failure.isEmpty()) refuseFailed(image, disk);
+        throw SxException("The volume of image '" + image + "' (" + disk.drive +
+                              ") isn't there: somebody has unmounted it; take away what is left, with: "
+                              "tavrin umount " +
+                              image + ", and mount it again",
+                          UNIT, __LINE__);
+    }
     throw SxException("Image '" + image + "' is mounted as " + disk.drive + " by a drive service (process " +
                           disk.servicePid +
                           ") in another mount namespace, where this process can't see it: "
@@ -226,11 +234,17 @@ int umount(const UmountOptions& options, Output& out) {
         out.text(leftovers ? LEFTOVERS : "Not mounted");
         return ExitSuccess;
     }
+    const bool wasElsewhere = ZqVolume::isElsewhere(disk);
     if (!options.hard && manager.umountWithoutLetter(options.image)) {
         out.finding("The drive letter " + disk.drive + " had been changed or removed; it is left as it is");
     } else {
         // A disk that has got no letter yet has nothing to undo elsewhere.
         manager.umountImage(options.image, options.hard || disk.drive.isEmpty());
+    }
+    if (wasElsewhere) {
+        out.finding(
+            SxString("The drive was in another mount namespace, that of the drive service (process ") +
+            disk.servicePid + ")");
     }
     if (manager.wasBusy()) {
         out.finding(
@@ -262,6 +276,7 @@ SxSymbol statusJson(const ZqDiskStatus& disk) {
     result.append("replaced", disk.replaced);
     result.append("failure", disk.failure);
     result.append("servicePid", disk.servicePid);
+    result.append("elsewhere", ZqVolume::isElsewhere(disk));
     return result;
 }
 
@@ -277,6 +292,10 @@ void tellStatus(const ZqDiskStatus& disk, Output* out) {
     if (disk.monitored) line += ", traced";
     if (disk.replaced) line += ", the image was removed or replaced since";
     out->text(line);
+    if (ZqVolume::isElsewhere(disk)) {
+        out->text(SxString("  in another mount namespace, that of the drive service (process ") +
+                  disk.servicePid + "): this process can't see it");
+    }
     if (!disk.mountPath.isEmpty() && !disk.failure.isEmpty()) out->text("  failed: " + disk.failure);
 }
 

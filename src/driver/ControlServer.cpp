@@ -231,7 +231,8 @@ void ControlServer::done() {
 }
 
 bool ControlServer::isIdle() const {
-    return nActive == 0 && SxClock::get().steadyNs() - lastNs >= idleMs * 1'000'000;
+    return nActive == 0 &&
+           (service->isRetiring() || SxClock::get().steadyNs() - lastNs >= idleMs * 1'000'000);
 }
 
 /// Ends the service under the start lock, so that a client which finds the socket gone starts another one,

@@ -9,6 +9,7 @@
 #include "ZqServiceVersion.h"
 
 #include <cerrno>
+#include <sys/stat.h>
 
 using ZqDriveWire::Call, ZqDriveWire::Reader, ZqDriveWire::Writer;
 
@@ -61,6 +62,13 @@ void writeStatus(const ZqDiskStatus& status, Writer* out) {
                             status.suspended, status.monitored})
         out->flag(flag);
     out->number(static_cast<uint64>(status.servicePid));
+}
+
+/// Names the mount namespace of this process, for clients that compare it with their own.
+void writeNamespace(Writer* out) {
+    struct stat info = {};
+    ::stat("/proc/self/ns/mnt", &info); // zeros where there is no such file, which say nothing
+    out->number(info.st_dev).number(info.st_ino).number(static_cast<uint64>(SxOs::processId()));
 }
 
 } // namespace
@@ -168,6 +176,7 @@ void Service::mount(const MountParams& params, int64 peer) {
     uint64 deviceId = 1;
     {
         const SxMutexBlock block(&mutex);
+        retiring = false;
         // Where a folder is left something could not be unmounted.
         while (disks.count(deviceId) != 0 ||
                SxFSAction::exists(folder + ZqServiceFolder::MOUNTS + "/" + deviceId))
@@ -212,6 +221,12 @@ Disk::End Service::eject(const DiskPtr& disk) {
 void Service::ejectAll() {
     for (const DiskPtr& disk : all())
         eject(disk);
+}
+
+bool Service::retire() {
+    const SxMutexBlock block(&mutex);
+    retiring = disks.empty();
+    return retiring;
 }
 
 void Service::storeDisks() const {
@@ -468,6 +483,11 @@ bool Service::handleService(Call call, Reader* request, Writer* answer, int64 pe
         reset();
         return true;
     case Call::Ping:
+        writeNamespace(answer);
+        return true;
+    case Call::Retire:
+        requireWhole(*request);
+        answer->flag(retire());
         return true;
     case Call::Version:
         answer->text(ZQ_SERVICE_VERSION);

@@ -23,6 +23,8 @@ public:
     /// Regular work, about every 100 ms.
     void tick();
     bool hasDisks() const;
+    /// Whether a client wants it to end now, and nothing was mounted since.
+    bool isRetiring() const { return retiring; }
     /// Ejects everything.
     void ejectAll();
 
@@ -42,6 +44,8 @@ private:
     Left takeLeft(const SxString& image);
     Disk::End eject(const DiskPtr& disk);
     void ejectImage(ZqDriveWire::Reader* request, ZqDriveWire::Writer* answer);
+    /// False where there are disks.
+    bool retire();
     void storeDisks() const;
     void loadDisks();
     void reset();
@@ -53,7 +57,7 @@ private:
 
     const SxString root, folder;
     std::atomic<uint64> cacheSize{0}; // bytes
-    std::atomic<bool> guardLogging{false};
+    std::atomic<bool> guardLogging{false}, retiring{false};
 
     SxMutex mounting; ///< held over making a disk, so that an image or a device id is not taken twice
     mutable SxMutex mutex;

@@ -61,6 +61,7 @@ enum class Call : unsigned short {
     Ready,    ///< the mount of an image is complete
     Leftover, ///< asks and clears: was a drive of the image left behind by a killed service
     Progress, ///< of what programs wrote, on its way to the disk
+    Retire,   ///< a service without disks ends now
     End       ///< number of calls
 };
 

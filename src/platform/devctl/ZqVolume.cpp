@@ -4,6 +4,7 @@
 #include "SxFSAction.h"
 #include "SxFileIO.h"
 #include "SxOs.h"
+#include "SxTime.h"
 #include "ZqMachineRoot.h"
 #include "ZqServiceClient.h"
 #include "ZqServiceFolder.h"
@@ -22,6 +23,8 @@ namespace {
 
 constexpr const char* UNIT = "src/platform/devctl/ZqVolume";
 constexpr int MAX_TRIES = 3;
+/// How long a service that has nothing to do may take to end.
+constexpr int64 RETIRE_MS = 5000;
 
 /// The path of a drive's link, without following it; empty where the text is no drive.
 std::string driveLink(const SxString& drive) {
@@ -46,6 +49,29 @@ bool ask(Call call, const Writer& request, Reader* answer, const SxString& words
         throw SxException(ZqVolume::getLastException(UNIT, __LINE__), words, UNIT, __LINE__);
     }
     return true;
+}
+
+/// Where the service lives, as far as it says so.
+struct Home {
+    uint64 device = 0, inode = 0; ///< of its mount namespace; zeros for unknown
+    uint64 pid = 0;
+
+    /// Without a service, or one that says nothing of it, the answer is no.
+    bool isElsewhere() const {
+        SxStat own;
+        return inode != 0 && SxOs::get().stat("/proc/self/ns/mnt", &own) == 0 &&
+               (own.inode != inode || own.device != device);
+    }
+};
+
+Home queryHome() {
+    Reader answer;
+    Home home;
+    if (!ask(Call::Ping, Writer(), &answer, "Cannot ask for the drive service")) return home;
+    home.device = answer.number();
+    home.inode = answer.number();
+    home.pid = answer.number();
+    return answer.hasAll() ? home : Home();
 }
 
 uint64 targetOf(const SxString& drive) {
@@ -103,6 +129,36 @@ bool ZqVolume::isVisible(const ZqDiskStatus& disk) {
     const int result = SxOs::get().stat(path, &volume);
     // A volume that is there and gives errors is there.
     return result == 0 ? volume.device != above.device : result != -ENOENT;
+}
+
+bool ZqVolume::isElsewhere(const ZqDiskStatus& disk) {
+    return !disk.mountPath.isEmpty() && !isVisible(disk) && queryHome().isElsewhere();
+}
+
+void ZqVolume::requireView() {
+    for (int i = 0;; ++i) {
+        const Home home = queryHome();
+        if (!home.isElsewhere()) return;
+        bool isHidden = false;
+        const SxList<ZqDiskStatus> disks = getDisks();
+        for (const ZqDiskStatus& disk : disks) {
+            // Where one comes through, the next one does.
+            if (isVisible(disk)) return;
+            isHidden = isHidden || !disk.mountPath.isEmpty();
+        }
+        // Those that are still on their way up tell nothing.
+        if (!disks.isEmpty() && !isHidden) return;
+        Reader answer;
+        if (!isHidden && i < MAX_TRIES &&
+            ask(Call::Retire, Writer(), &answer, "Cannot end the drive service")) {
+            if (answer.flag()) SxWait::pass(RETIRE_MS, [] { return !queryHome().isElsewhere(); });
+            continue; // somebody may have been faster
+        }
+        throw SxException(SxString("The drive service (process ") + home.pid +
+                              ") lives in another mount namespace, whose drives this process can't see; it "
+                              "ends by itself half a minute after its last drive",
+                          UNIT, __LINE__);
+    }
 }
 
 SxList<SxString> ZqVolume::getLeftDrives() {

@@ -48,6 +48,13 @@ public:
     /// Whether this process sees the disk's volume mounted. It doesn't where somebody has unmounted it, or
     /// where the service lives in another mount namespace.
     static bool isVisible(const ZqDiskStatus& disk);
+    /// Whether the disk's volume is mounted in another mount namespace, from which it doesn't come through to
+    /// this process.
+    static bool isElsewhere(const ZqDiskStatus& disk);
+    /// Sees to it that this process will see what it mounts: a service of another mount namespace that serves
+    /// nothing is ended, so that the next one starts in ours. Raises where that one's drives don't come
+    /// through to this process, as far as it has any that tell.
+    static void requireView();
     /// Letters that lead below this service's folder, while no service runs: what one left that was killed,
     /// or whose machine lost its power, when even its folder is gone.
     static SxList<SxString> getLeftDrives();

@@ -307,6 +307,11 @@ bool ZqVolume::findDisk(const SxString&, ZqDiskStatus* status) {
 bool ZqVolume::isVisible(const ZqDiskStatus&) {
     return ScriptedDriver::get().isVisible;
 }
+bool ZqVolume::isElsewhere(const ZqDiskStatus&) {
+    return !ScriptedDriver::get().isVisible;
+}
+void ZqVolume::requireView() {
+}
 SxString ZqVolume::findDrive(const ZqDiskStatus& disk) {
     ScriptedDriver& driver = ScriptedDriver::get();
     const bool isDue = driver.mounted && driver.clock().elapsedMs() >= driver.mountedAt + driver.letterAfter;
