@@ -5,12 +5,14 @@
 #include "SxTime.h"
 #include "ZqCoreUnderflowMgr.h"
 #include "ZqFWriter.h"
+#include "ZqImageFeedJob.h"
 #include "ZqImageFiles.h"
 #include "ZqImageFolder.h"
 #include "ZqImageProgress.h"
 #include "ZqImageRecords.h"
 #include "ZqLog.h"
 #include "ZqOrderedDownload.h"
+#include "ZqReadable.h"
 #include "ZqStreamRecord.h"
 #include "ZqStretchStore.h"
 #include "ZqSyncedSize.h"
@@ -24,24 +26,10 @@ namespace {
 constexpr const char* UNIT = "src/base/ZqImageFeed";
 constexpr uint64 BLOCK = 4096;
 constexpr double MBIT = 125'000.;
-constexpr int64 ROOM_LOOK_NS = 500'000'000;
-constexpr int64 WRITER_LOOK_NS = 500'000'000;
-/// Writers that fail one after the other, without a byte written, until it is given up.
-constexpr int WRITER_TRIES = 3;
-/// From one try of a download that fails to the next, doubled each time.
-constexpr int64 FIRST_PAUSE_NS = 500'000'000, MAX_PAUSE_NS = 8'000'000'000;
 constexpr uint64 ANY_RATE = ~uint64{0};
 /// Silence of the server that is told. The link itself takes longer to give a request up, and its next try
 /// may bring some bytes before it is silent again.
 constexpr int64 SILENCE_S = 3;
-/// Below that rate, bytes a second, silence is the limit's.
-constexpr uint64 STEADY_RATE = 64 << 10;
-
-/// Rounded up, since it is what somebody has to make free.
-SxString megabytes(uint64 nBytes) {
-    constexpr uint64 MEGABYTE = 1'000'000;
-    return SxString(nBytes / MEGABYTE + (nBytes % MEGABYTE != 0 ? 1 : 0)) + " MB";
-}
 
 /// A line without its figures.
 std::string wordsOf(const SxString& line) {
@@ -51,45 +39,6 @@ std::string wordsOf(const SxString& line) {
 }
 
 } // namespace
-
-/// Looks after the other threads.
-class ZqImageFeed::Keeper : public SxSystemThread {
-public:
-    explicit Keeper(ZqImageFeed* feed_) : feed(feed_) { setThreadName("feed"); }
-
-protected:
-    void main() override {
-        while (!feed->stopping) {
-            try {
-                feed->keep();
-                // Then there is no longer anything to look after.
-                if (feed->hasSettled()) return;
-            } catch (const SxException& e) {
-                feed->fail(e);
-                return;
-            }
-            SxTime::msleep(SxWait::LOOK_MS);
-        }
-    }
-
-private:
-    ZqImageFeed* const feed;
-};
-
-/// Looks whether the server still has the version that is downloaded. What it finds is its exception.
-class ZqImageFeed::VersionCheck : public SxSystemThread {
-public:
-    explicit VersionCheck(ZqImageFeed* feed_) : feed(feed_) { setThreadName("version"); }
-
-protected:
-    void main() override {
-        ZqImageRecords(feed->link, feed->settings.image, feed->url, feed->settings.headers)
-            .requireSameOnServer(feed->app, [this] { return feed->stopping.load(); });
-    }
-
-private:
-    ZqImageFeed* const feed;
-};
 
 ZqImageFeed::ZqImageFeed(const Settings& settings_) : settings(settings_), pauseNs(FIRST_PAUSE_NS) {
 }
@@ -192,10 +141,10 @@ void ZqImageFeed::measureDisk() {
     lookForRoom();
     if (nShort == 0) return;
     const SxString text =
-        "The image needs " + megabytes(nShort) + " more on the disk of '" + settings.image + "'";
+        "The image needs " + ZqReadable::megabytes(nShort) + " more on the disk of '" + settings.image + "'";
     if (settings.isDownloadOnly) {
-        throw SxException(text + ": it is of " + megabytes(app.sizeZqf) + ", and " +
-                              megabytes(reserve.getSize()) + " of the disk are left to others",
+        throw SxException(text + ": it is of " + ZqReadable::megabytes(app.sizeZqf) + ", and " +
+                              ZqReadable::megabytes(reserve.getSize()) + " of the disk are left to others",
                           UNIT, __LINE__);
     }
     zqLogMsg("base", "ZqImageFeed: " + text + ", and arrives as far as there is room");
@@ -245,7 +194,7 @@ SxPtr<ZqRemoteImage> ZqImageFeed::makeImage(const SxPtr<ZqNetLink>& of) const {
 }
 
 void ZqImageFeed::start() {
-    keeper = std::make_unique<Keeper>(this);
+    keeper = std::make_unique<Job>("feed", [this] { keepUntilStopped(); });
     if (!link) {
         settled = verified.load();
         if (settled) removeStore();
@@ -326,6 +275,7 @@ void ZqImageFeed::stop() {
     stopping = true;
     if (keeper) keeper->wait();
     if (versionCheck) versionCheck->wait();
+    if (digestCheck) digestCheck->wait();
     if (manager) manager->stop();
     if (download) download->stop();
     if (progress) progress->stop();
@@ -338,176 +288,10 @@ void ZqImageFeed::stop() {
     if (last) last->wait();
 }
 
-void ZqImageFeed::keep() {
-    if (!link) {
-        verifyDigest();
-        return;
-    }
-    if (!SxFSAction::exists(filePath(ZqImageFiles::ZQF))) {
-        throw SxException("The image in '" + settings.image + "' was removed while it was downloaded", UNIT,
-                          __LINE__);
-    }
-    download->flush();
-    image->setWritten(fileSize());
-    keepManager();
-    keepDownload();
-    keepWriter();
-    keepProgress();
-    watchServer();
-}
-
-bool ZqImageFeed::hasDrive() const {
-    if (driveStarted) return true;
-    return hadRecords && !settings.isDownloadOnly && fileSize() >= std::min(app.sizeMnt, app.sizeZqf);
-}
-
-ZqFailurePolicy::Verdict ZqImageFeed::settle(const SxException& why) {
-    const ZqFailurePolicy::Verdict verdict = ZqFailurePolicy::decide(why, hasDrive());
-    if (verdict == ZqFailurePolicy::End) throw SxException(why);
-    setWaiting(ZqFailurePolicy::waitingLine(why));
-    return verdict;
-}
-
-void ZqImageFeed::keepProgress() {
-    // Once all is there its records may still be on their way, and the owner brings the cursor to the end.
-    if (progress->isRunning() || progress->getNCurrent() >= progress->getNTotal()) return;
-    progress->wait();
-    if (progress->hasException()) settle(progress->getException());
-}
-
-void ZqImageFeed::keepManager() {
-    // It ends with each drive, also with that of the preparation, and with a call of the service that failed.
-    const SxMutexBlock block(&managerMutex);
-    if (!isComplete()) {
-        if (manager->isRunning()) return;
-        manager->wait();
-        manager->start();
-    } else if (!progress->isRunning() && !manager->isUnderflow()) {
-        // The cursor is behind the last block, so it would ask the drive in vain from here on.
-        manager->stop();
-    }
-}
-
-bool ZqImageFeed::hasSettled() {
-    if (!verified) return false;
-    const SxMutexBlock block(&managerMutex);
-    settled = !link || (isComplete() && !progress->isRunning() && !manager->isRunning() &&
-                        !download->isRunning() && !getWriter()->isRunning());
-    return settled;
-}
-
-void ZqImageFeed::keepDownload() {
-    if (download->isRunning()) {
-        if (isInterrupted && fileSize() > interruptedSize) {
-            isInterrupted = false;
-            pauseNs = FIRST_PAUSE_NS;
-            setWaiting("");
-        }
-        return;
-    }
-    // What the writer holds still would overlap with what comes anew, and neither be written to the end.
-    const bool isWriting = getWriter()->isRunning() && getWriter()->getBytesHeld() > 0;
-    if (versionCheck) {
-        if (!isWriting) resumeDownload();
-        return;
-    }
-    download->wait();
-    if (!download->hasException()) return;
-    const ZqFailurePolicy::Verdict verdict = settle(download->getException());
-    isInterrupted = true;
-    interruptedSize = fileSize();
-    if (isWriting) return;
-    const int64 nowNs = SxClock::get().steadyNs();
-    if (nowNs - downloadNs < pauseNs) return;
-    downloadNs = nowNs;
-    pauseNs = std::min(2 * pauseNs, MAX_PAUSE_NS);
-    if (verdict == ZqFailurePolicy::Restart) {
-        versionCheck = std::make_unique<VersionCheck>(this);
-        versionCheck->start();
-    } else {
-        beginDownload();
-    }
-}
-
-void ZqImageFeed::resumeDownload() {
-    if (versionCheck->isRunning()) return;
-    versionCheck->wait();
-    const bool isTold = !versionCheck->hasException();
-    const SxException why = versionCheck->getException();
-    versionCheck = nullptr;
-    if (!isTold) {
-        settle(why);
-        return;
-    }
-    image->forgetServer();
-    beginDownload();
-}
-
-void ZqImageFeed::watchServer() {
-    const uint64 nBytes = link->getFigures().nBytes;
-    const int64 nowNs = SxClock::get().steadyNs();
-    const bool isSlowed = settings.rateLimit > 0 && settings.rateLimit < STEADY_RATE;
-    // What waits for the disk is the disk's affair.
-    const bool isWanted = download->isRunning() && getWriter()->getBytesHeld() == 0 && !isSlowed;
-    if (nBytes != nSeenBytes || !isWanted || seenNs == 0) seenNs = nowNs;
-    nSeenBytes = nBytes;
-    silentSeconds = (nowNs - seenNs) / 1'000'000'000;
-}
-
-void ZqImageFeed::keepWriter() {
-    const SxPtr<ZqFWriter> now = getWriter();
-    const int64 nowNs = SxClock::get().steadyNs();
-    if (nowNs - roomNs >= ROOM_LOOK_NS) {
-        roomNs = nowNs;
-        lookForRoom();
-    }
-    const SxString roomLine =
-        "waiting for room on the disk of '" + settings.image + "': " + megabytes(nShort) + " are missing";
-    if (now->isRunning()) {
-        const bool waits = now->isWaitingForRoom();
-        if (waits) {
-            setWaiting(roomLine);
-        } else if (lacksRoom || (nWriterTries > 0 && fileSize() > triedSize)) {
-            nWriterTries = 0;
-            setWaiting("");
-        }
-        lacksRoom = waits;
-        return;
-    }
-    if (now->isCompleteImage()) {
-        verifyDigest();
-        return;
-    }
-    if (nowNs - writerNs < WRITER_LOOK_NS) return;
-    writerNs = nowNs;
-    if (reserve.getRoom() == 0) {
-        nWriterTries = 0;
-        lacksRoom = true;
-        setWaiting(roomLine);
-        return;
-    }
-    nWriterTries = fileSize() > triedSize ? 0 : nWriterTries + 1;
-    triedSize = fileSize();
-    now->wait();
-    // A quota, say, shows as room.
-    if (nWriterTries >= WRITER_TRIES && now->hasException()) {
-        const SxException what = now->getException();
-        settle(SxException(what, "The download into '" + settings.image + "' has ended", UNIT, __LINE__));
-    } else {
-        setWaiting("");
-    }
-    try {
-        makeWriter();
-    } catch (const SxException& e) {
-        // A quota, say, that shows as room.
-        settle(e.tagged(ZqFailurePolicy::DISK));
-        return;
-    }
-    beginDownload();
-}
-
 void ZqImageFeed::setWaiting(const SxString& text) {
     const SxMutexBlock block(&mutex);
+    // What has ended the download stays told, whatever another of the threads still waits for.
+    if (failed) return;
     // Its figures may change twice a second, for hours.
     if (!text.isEmpty() && wordsOf(text) != wordsOf(waiting)) zqLogMsg("base", "ZqImageFeed: " + text);
     waiting = text;

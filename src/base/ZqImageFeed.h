@@ -117,8 +117,9 @@ public:
     void requireAlive() const;
 
 private:
-    class Keeper;
-    class VersionCheck;
+    class Job;
+    /// From one try of a download that fails to the next at first, doubled each time.
+    static constexpr int64 FIRST_PAUSE_NS = 500'000'000;
 
     SxString filePath(const char* name) const;
     void noteOpened(const ZqStreamRecord& record);
@@ -128,7 +129,10 @@ private:
     /// What the server has of the image, by requests over `of`.
     SxPtr<ZqRemoteImage> makeImage(const SxPtr<ZqNetLink>& of) const;
     void beginDownload();
+    void keepUntilStopped();
     void keep();
+    /// Looks after the comparison with the digest, which may have to wait for the server.
+    void keepDigest();
     void keepManager();
     /// Whether no thread has anything left to do.
     bool hasSettled();
@@ -167,8 +171,7 @@ private:
     int64 nRestored = 0;  ///< how often the window was taken away and has come back
     SxMutex managerMutex; ///< over the manager's starts and ends, which the keeper and the owner look after
     std::unique_ptr<ZqOrderedDownload> download;
-    std::unique_ptr<Keeper> keeper;
-    std::unique_ptr<VersionCheck> versionCheck;
+    std::unique_ptr<Job> keeper, versionCheck, digestCheck;
     std::atomic<bool> stopping{false}, verified{false}, checking{false}, settled{false};
     std::atomic<bool> driveStarted{false};
     std::atomic<bool> isCutOff{false}; ///< the server has another version, and nothing is taken from it

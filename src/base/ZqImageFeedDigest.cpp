@@ -2,6 +2,7 @@
 #include "SxFileIO.h"
 #include "SxMd5.h"
 #include "ZqImageFeed.h"
+#include "ZqImageFeedJob.h"
 #include "ZqImageFiles.h"
 #include "ZqImageFolder.h"
 #include "ZqImageRecords.h"
@@ -22,8 +23,18 @@ bool ZqImageFeed::isKnownAsRight(const ZqStreamRecord& record) const {
            record.isVerified(settings.image, app.checksumZqf);
 }
 
-void ZqImageFeed::verifyDigest() {
+void ZqImageFeed::keepDigest() {
     if (verified) return;
+    if (!digestCheck) {
+        digestCheck = std::make_unique<Job>("digest", [this] { verifyDigest(); });
+        digestCheck->start();
+    }
+    if (digestCheck->isRunning()) return;
+    digestCheck->wait();
+    if (digestCheck->hasException()) throw digestCheck->getException();
+}
+
+void ZqImageFeed::verifyDigest() {
     if (app.checksumZqf.isEmpty() || isWritten) {
         verified = true;
         removeStore();

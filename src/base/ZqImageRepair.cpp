@@ -19,6 +19,7 @@ constexpr int64 MOST_PAUSES = 8;
 
 /// What has failed of one thing that is fetched.
 struct ZqImageRepair::Tries {
+    bool isOfTable = false; ///< which a server need not have
     int nWrong = 0;
     int64 nPauses = 1; ///< length of the next pause, in first ones
 };
@@ -61,12 +62,19 @@ SxArray<uint64> ZqImageRepair::findWrong(const ZqSeekTable& table,
 /// Another job may have asked for the table in vain, and it be on its way again.
 SxPtr<ZqSeekTable> ZqImageRepair::awaitTable(const ZqStopTest& stop) const {
     Tries tries;
+    tries.isOfTable = true;
     for (int nLooks = 1;; ++nLooks) {
         SxPtr<ZqSeekTable> table = image->awaitTable(stop);
         SxException why;
         if (table || !image->isTableDelayed(&why)) return table;
         if (player.settle && player.settle(why)) {
-            recover(why, &tries, stop);
+            try {
+                recover(why, &tries, stop);
+            } catch (const SxException& e) {
+                // As a store says that has none and doesn't list its files.
+                if (!e.hasTag(ZqNetLink::NOT_FOUND)) throw;
+                return nullptr;
+            }
         } else if (nLooks < TABLE_LOOKS) {
             image->getLink()->sleep(image->getLink()->getSettings().maxBackOffMs, stop);
         } else {
@@ -110,6 +118,8 @@ void ZqImageRepair::recover(const SxException& why, Tries* tries, const ZqStopTe
         if (e.hasTag(SxException::STOPPED) || !player.settle(e)) throw;
         return;
     }
-    if (why.hasTag(ZqNetLink::WRONG) && ++tries->nWrong >= MAX_WRONG) throw SxException(why);
+    const bool isItsOwn =
+        why.hasTag(ZqNetLink::WRONG) || (tries->isOfTable && why.hasTag(ZqNetLink::NOT_FOUND));
+    if (isItsOwn && ++tries->nWrong >= MAX_WRONG) throw SxException(why);
     image->forgetServer();
 }

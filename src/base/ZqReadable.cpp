@@ -11,6 +11,11 @@ SxString ZqReadable::bytes(double n) {
     return SxString::sprintf(i == 0 ? "%.0f %s" : "%.1f %s", n, UNITS[i]);
 }
 
+SxString ZqReadable::megabytes(uint64 nBytes) {
+    constexpr uint64 MEGABYTE = 1'000'000;
+    return SxString(nBytes / MEGABYTE + (nBytes % MEGABYTE != 0 ? 1 : 0)) + " MB";
+}
+
 SxString ZqReadable::count(int64 n) {
     std::string digits = std::to_string(n);
     const size_t first = n < 0 ? 1 : 0;

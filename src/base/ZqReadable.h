@@ -7,6 +7,8 @@ namespace ZqReadable {
 
 /// Bytes in a readable unit, such as "1.5 GiB".
 SxString bytes(double n);
+/// Rounded up, as "13 MB" of 1,000,000 bytes each: what somebody has to make free.
+SxString megabytes(uint64 nBytes);
 /// A number with its digits in groups of three, such as "1,540".
 SxString count(int64 n);
 /// Milliseconds as seconds, such as "1.54 s".

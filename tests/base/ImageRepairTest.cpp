@@ -158,6 +158,20 @@ TEST_F(ImageRepair, EndsAtWhatTheRightServerHasWrong) {
     EXPECT_THAT(mend(wrong), HasSubstr("another version"));
 }
 
+TEST_F(ImageRepair, TakesARefusalForNoTableWhereTheServerIsRight) {
+    const std::string wrong = damaged({7});
+    const ScriptedServer store([&](const std::string& request) {
+        const bool isPacked = request.find(".zst") != std::string::npos;
+        return isPacked ? std::string("HTTP/1.1 403 No\r\nContent-Length: 0\r\n\r\n")
+                        : ScriptedServer::ranged(request, zqf);
+    });
+    int nSettled = 0;
+    player.settle = [&](const SxException&) { return ++nSettled > 0; };
+    player.requireSame = [](const ZqStopTest&) {};
+    EXPECT_EQ(mend(wrong, SxString(store.url())), "0");
+    EXPECT_GE(nSettled, 2);
+}
+
 TEST_F(ImageRepair, TakesATableThatAnotherJobHasAskedForInVain) {
     server.stop();
     int nSettled = 0;

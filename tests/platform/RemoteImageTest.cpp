@@ -317,6 +317,26 @@ TEST(RemoteImageTable, holdsUpNothingWhereItDoesNotCome) {
     }
 }
 
+TEST(RemoteImageTable, comesBackWhereItWasRefusedForAWhile) {
+    TestRandom random;
+    const std::string zqf = halfRandom(&random, 12 * STRETCH + 345), packed = PackedImage(zqf).bytes();
+    for (const std::string status : {"403 Forbidden", "401 Unauthorized"}) {
+        SCOPED_TRACE(status);
+        std::atomic<bool> isRefused{true};
+        const ScriptedServer server([&](const std::string& request) {
+            if (request.find("img.zqf.zst") == std::string::npos) return ScriptedServer::ranged(request, zqf);
+            if (isRefused) return "HTTP/1.1 " + status + "\r\nContent-Length: 0\r\n\r\n";
+            return ScriptedServer::ranged(request, packed);
+        });
+        ZqRemoteImage image(SxPtr<ZqNetLink>::create(quickSettings()), SxString(server.url()), zqf.size());
+        EXPECT_TRUE(readOf(image, 0, 5 * STRETCH) == zqf.substr(0, 5 * STRETCH));
+        EXPECT_FALSE(image.getFigures().isPacked);
+        isRefused = false;
+        EXPECT_TRUE(SxWait::pass(20'000, [&] { return image.getFigures().isPacked; }));
+        EXPECT_TRUE(readOf(image, 7 * STRETCH, STRETCH) == zqf.substr(7 * STRETCH, STRETCH));
+    }
+}
+
 TEST_F(RemoteImage, doesNotFetchTwiceWhatWasOnDemand) {
     for (const bool isPacked : {false, true}) {
         SCOPED_TRACE(isPacked ? "packed" : "plain");

@@ -101,3 +101,33 @@ TEST_F(StreamRun, AnImageThatADriveWritesIntoIsntComparedAgain) {
     done({"run", got, "--now"});
     EXPECT_THAT(dir.read("got/stream.json"), HasSubstr("\"verified\""));
 }
+
+TEST_F(StreamRun, MendingThatWaitsKeepsNothingElseFromBeingSeen) {
+    done({"image", "pack", served, "--level", "1"});
+    const uint64 size = fs::file_size(served + "/img.zqf");
+    server->setRate(3'000'000);
+    hold();
+    const auto player = start();
+    ASSERT_TRUE(
+        SxWait::pass(30'000, [&] { return hasStarted() && fs::file_size(got + "/img.zqf") > 3 * 204'800; }));
+    {
+        std::fstream file(got + "/img.zqf", std::ios::in | std::ios::out | std::ios::binary);
+        file.seekp(204'800);
+        file << "wrong";
+    }
+    const auto isThere = [&] { return fs::file_size(got + "/img.zqf") == size; };
+    while (!isThere() && player->isRunning())
+        SxTime::msleep(1);
+    server->setRate(1);
+    server->stop();
+    EXPECT_TRUE(SxWait::pass(20'000, [&] {
+        return player->says().find("waiting for the server: ") != string::npos;
+    })) << player->says();
+    fs::rename(got + "/img.zqf", got + "/elsewhere");
+    EXPECT_TRUE(SxWait::pass(20'000, [&] {
+        return player->says().find("was removed while it was downloaded") != string::npos;
+    })) << player->says();
+    fs::rename(got + "/elsewhere", got + "/img.zqf");
+    release();
+    EXPECT_EQ(player->end(), 1) << player->says();
+}

@@ -131,13 +131,14 @@ void ZqFileFacts::checkStatus(const ZqTransfer::Response& response, const SxStri
     if (status == 408 || status == 429 || status >= 500 || (isElsewhere && status >= 400)) {
         throw SxException(ZqNetLink::UNREACHABLE, text, UNIT, __LINE__);
     }
-    bool isAbsent = status == 404 || status == 410;
-    {
-        SxMutexBlock lock(&mutex);
-        isAbsent = isAbsent || (status == 403 && isOptional && !isOfProxy);
+    if (status == 404 || status == 410) throw SxException(ZqNetLink::NOT_FOUND, text, UNIT, __LINE__);
+    const SxException refusal(status >= 400 ? ZqNetLink::REFUSED : ZqNetLink::WRONG, text, UNIT, __LINE__);
+    const SxMutexBlock lock(&mutex);
+    if (status == 403 && isOptional && !isOfProxy) {
+        throw SxException(refusal, text + ", and may not have the file", UNIT, __LINE__)
+            .tagged(ZqNetLink::NOT_FOUND);
     }
-    if (isAbsent) throw SxException(ZqNetLink::NOT_FOUND, text, UNIT, __LINE__);
-    throw SxException(status >= 400 ? ZqNetLink::REFUSED : ZqNetLink::WRONG, text, UNIT, __LINE__);
+    throw refusal;
 }
 
 void ZqFileFacts::raiseDoubt(Doubt doubt, const char* tag) {

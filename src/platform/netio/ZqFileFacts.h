@@ -44,7 +44,8 @@ public:
     /// Already the first response is doubted, and nothing taken of it until settle() has told that it is the
     /// same file.
     void doubtFirst();
-    /// The file may be missing: a 403 tells that, too, as from stores that don't list their files.
+    /// The file may be missing: a 403 tells that, too, as from stores that don't list their files. Its
+    /// failure has the tags NOT_FOUND and REFUSED, since it may as well be a refusal that passes.
     void allowAbsence();
 
     /// Where requests go now, with the headers that may go there.

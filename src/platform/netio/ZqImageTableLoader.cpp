@@ -36,8 +36,8 @@ bool ZqRemoteImage::TableLoader::tryLoad() {
         if (e.hasTag(SxException::STOPPED)) return true;
         const bool isAside = image->getState() == Packed::Aside;
         if (e.hasTag(ZqNetLink::NOT_FOUND) && !isAside) {
-            image->setTable(nullptr, Packed::Absent);
-            return true;
+            image->notePackedAbsent(e);
+            return image->getState() == Packed::Absent;
         }
         if (isAside || e.hasTag(ZqNetLink::UNREACHABLE) || e.hasTag(ZqNetLink::BROKEN)) {
             image->noteTableWaits(e);

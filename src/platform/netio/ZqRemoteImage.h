@@ -122,6 +122,8 @@ private:
     void setTable(const SxPtr<ZqSeekTable>& table_, Packed state_);
     /// The packed form is of no use, for now: all goes on with the plain one.
     void leavePacked(const SxException& why);
+    /// The server says that there is no packed form.
+    void notePackedAbsent(const SxException& why);
     /// The table has to wait for its server.
     void noteTableWaits(const SxException& why);
     /// Leaves it where the failure says that the plain form may do better; false where it may not.

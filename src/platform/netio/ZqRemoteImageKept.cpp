@@ -54,6 +54,15 @@ ZqRemoteImage::Bytes ZqRemoteImage::decode(uint64 stretchIdx, const char* frame,
     return bytes;
 }
 
+void ZqRemoteImage::notePackedAbsent(const SxException& why) {
+    // A refusal may pass.
+    if (why.hasTag(ZqNetLink::REFUSED)) {
+        leavePacked(why);
+    } else {
+        setTable(nullptr, Packed::Absent);
+    }
+}
+
 bool ZqRemoteImage::isTableSettled() const {
     return table || tableWaits || state == Packed::Absent || state == Packed::Aside ||
            SxClock::get().steadyNs() - tableBegunNs > TABLE_PATIENCE_NS;

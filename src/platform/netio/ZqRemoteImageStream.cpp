@@ -217,7 +217,7 @@ bool ZqRemoteImage::StreamRun::runPacked() {
     } catch (const SxException& e) {
         const bool isKnown = image->getState() == Packed::Offered;
         if (e.hasTag(ZqNetLink::NOT_FOUND) && !isKnown) {
-            image->setTable(nullptr, Packed::Absent);
+            image->notePackedAbsent(e);
             return true;
         }
         if (image->leavePackedFor(e)) {

@@ -1,0 +1,218 @@
+#include "SxClock.h"
+#include "SxException.h"
+#include "SxFSAction.h"
+#include "SxTime.h"
+#include "ZqCoreUnderflowMgr.h"
+#include "ZqFWriter.h"
+#include "ZqImageFeed.h"
+#include "ZqImageFeedJob.h"
+#include "ZqImageFiles.h"
+#include "ZqImageProgress.h"
+#include "ZqImageRecords.h"
+#include "ZqOrderedDownload.h"
+#include "ZqReadable.h"
+
+#include <algorithm>
+
+// What a feed's keeper looks after: the other threads, and what has become of them.
+
+namespace {
+
+constexpr const char* UNIT = "src/base/ZqImageFeed";
+constexpr int64 ROOM_LOOK_NS = 500'000'000;
+constexpr int64 WRITER_LOOK_NS = 500'000'000;
+/// Writers that fail one after the other, without a byte written, until it is given up.
+constexpr int WRITER_TRIES = 3;
+/// The longest time from one try of a download that fails to the next.
+constexpr int64 MAX_PAUSE_NS = 8'000'000'000;
+/// Below that rate, bytes a second, silence is the limit's.
+constexpr uint64 STEADY_RATE = 64 << 10;
+
+} // namespace
+
+void ZqImageFeed::keepUntilStopped() {
+    while (!stopping) {
+        try {
+            keep();
+            // Then there is no longer anything to look after.
+            if (hasSettled()) return;
+        } catch (const SxException& e) {
+            fail(e);
+            return;
+        }
+        SxTime::msleep(SxWait::LOOK_MS);
+    }
+}
+
+void ZqImageFeed::keep() {
+    if (!link) {
+        keepDigest();
+        return;
+    }
+    if (!SxFSAction::exists(filePath(ZqImageFiles::ZQF))) {
+        throw SxException("The image in '" + settings.image + "' was removed while it was downloaded", UNIT,
+                          __LINE__);
+    }
+    download->flush();
+    image->setWritten(fileSize());
+    keepManager();
+    keepDownload();
+    keepWriter();
+    keepProgress();
+    watchServer();
+}
+
+bool ZqImageFeed::hasDrive() const {
+    if (driveStarted) return true;
+    return hadRecords && !settings.isDownloadOnly && fileSize() >= std::min(app.sizeMnt, app.sizeZqf);
+}
+
+ZqFailurePolicy::Verdict ZqImageFeed::settle(const SxException& why) {
+    const ZqFailurePolicy::Verdict verdict = ZqFailurePolicy::decide(why, hasDrive());
+    if (verdict == ZqFailurePolicy::End) throw SxException(why);
+    setWaiting(ZqFailurePolicy::waitingLine(why));
+    return verdict;
+}
+
+void ZqImageFeed::keepProgress() {
+    // Once all is there its records may still be on their way, and the owner brings the cursor to the end.
+    if (progress->isRunning() || progress->getNCurrent() >= progress->getNTotal()) return;
+    progress->wait();
+    if (progress->hasException()) settle(progress->getException());
+}
+
+void ZqImageFeed::keepManager() {
+    // It ends with each drive, also with that of the preparation, and with a call of the service that failed.
+    const SxMutexBlock block(&managerMutex);
+    if (!isComplete()) {
+        if (manager->isRunning()) return;
+        manager->wait();
+        manager->start();
+    } else if (!progress->isRunning() && !manager->isUnderflow()) {
+        // The cursor is behind the last block, so it would ask the drive in vain from here on.
+        manager->stop();
+    }
+}
+
+bool ZqImageFeed::hasSettled() {
+    if (!verified) return false;
+    const SxMutexBlock block(&managerMutex);
+    settled = !link || (isComplete() && !progress->isRunning() && !manager->isRunning() &&
+                        !download->isRunning() && !getWriter()->isRunning());
+    return settled;
+}
+
+void ZqImageFeed::keepDownload() {
+    if (download->isRunning()) {
+        if (isInterrupted && fileSize() > interruptedSize) {
+            isInterrupted = false;
+            pauseNs = FIRST_PAUSE_NS;
+            setWaiting("");
+        }
+        return;
+    }
+    // What the writer holds still would overlap with what comes anew, and neither be written to the end.
+    const bool isWriting = getWriter()->isRunning() && getWriter()->getBytesHeld() > 0;
+    if (versionCheck) {
+        if (!isWriting) resumeDownload();
+        return;
+    }
+    download->wait();
+    if (!download->hasException()) return;
+    const ZqFailurePolicy::Verdict verdict = settle(download->getException());
+    isInterrupted = true;
+    interruptedSize = fileSize();
+    if (isWriting) return;
+    const int64 nowNs = SxClock::get().steadyNs();
+    if (nowNs - downloadNs < pauseNs) return;
+    downloadNs = nowNs;
+    pauseNs = std::min(2 * pauseNs, MAX_PAUSE_NS);
+    if (verdict == ZqFailurePolicy::Restart) {
+        // Whether the server still has the version that is downloaded.
+        versionCheck = std::make_unique<Job>("version", [this] {
+            ZqImageRecords(link, settings.image, url, settings.headers).requireSameOnServer(app, [this] {
+                return stopping.load();
+            });
+        });
+        versionCheck->start();
+    } else {
+        beginDownload();
+    }
+}
+
+void ZqImageFeed::resumeDownload() {
+    if (versionCheck->isRunning()) return;
+    versionCheck->wait();
+    const bool isTold = !versionCheck->hasException();
+    const SxException why = versionCheck->getException();
+    versionCheck = nullptr;
+    if (!isTold) {
+        settle(why);
+        return;
+    }
+    image->forgetServer();
+    beginDownload();
+}
+
+void ZqImageFeed::watchServer() {
+    const uint64 nBytes = link->getFigures().nBytes;
+    const int64 nowNs = SxClock::get().steadyNs();
+    const bool isSlowed = settings.rateLimit > 0 && settings.rateLimit < STEADY_RATE;
+    // What waits for the disk is the disk's affair.
+    const bool isWanted = download->isRunning() && getWriter()->getBytesHeld() == 0 && !isSlowed;
+    if (nBytes != nSeenBytes || !isWanted || seenNs == 0) seenNs = nowNs;
+    nSeenBytes = nBytes;
+    silentSeconds = (nowNs - seenNs) / 1'000'000'000;
+}
+
+void ZqImageFeed::keepWriter() {
+    const SxPtr<ZqFWriter> now = getWriter();
+    const int64 nowNs = SxClock::get().steadyNs();
+    if (nowNs - roomNs >= ROOM_LOOK_NS) {
+        roomNs = nowNs;
+        lookForRoom();
+    }
+    const SxString roomLine = "waiting for room on the disk of '" + settings.image +
+                              "': " + ZqReadable::megabytes(nShort) + " are missing";
+    if (now->isRunning()) {
+        const bool waits = now->isWaitingForRoom();
+        if (waits) {
+            setWaiting(roomLine);
+        } else if (lacksRoom || (nWriterTries > 0 && fileSize() > triedSize)) {
+            nWriterTries = 0;
+            setWaiting("");
+        }
+        lacksRoom = waits;
+        return;
+    }
+    if (now->isCompleteImage()) {
+        keepDigest();
+        return;
+    }
+    if (nowNs - writerNs < WRITER_LOOK_NS) return;
+    writerNs = nowNs;
+    if (reserve.getRoom() == 0) {
+        nWriterTries = 0;
+        lacksRoom = true;
+        setWaiting(roomLine);
+        return;
+    }
+    nWriterTries = fileSize() > triedSize ? 0 : nWriterTries + 1;
+    triedSize = fileSize();
+    now->wait();
+    // A quota, say, shows as room.
+    if (nWriterTries >= WRITER_TRIES && now->hasException()) {
+        const SxException what = now->getException();
+        settle(SxException(what, "The download into '" + settings.image + "' has ended", UNIT, __LINE__));
+    } else {
+        setWaiting("");
+    }
+    try {
+        makeWriter();
+    } catch (const SxException& e) {
+        // A quota, say, that shows as room.
+        settle(e.tagged(ZqFailurePolicy::DISK));
+        return;
+    }
+    beginDownload();
+}
