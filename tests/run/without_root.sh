@@ -67,6 +67,15 @@ grep -q "tavrin-$UID/" /proc/self/mountinfo && fail "a mount is left"
 [[ -n $(mounted) ]] || fail "no mount behind a killed service"
 "$client" umount image
 
+# The kernel's table of mounts names places, and no links to them.
+mkdir runtime
+ln -s runtime link
+export XDG_RUNTIME_DIR=$home/link
+timeout 20 "$client" mount image || fail "no mount where a link leads to the session's folder"
+grep -q "$home/runtime/tavrin/" /proc/self/mountinfo || skip "a login session has another folder"
+timeout 20 "$client" umount image || fail "no unmount where a link leads to the session's folder"
+unset XDG_RUNTIME_DIR
+
 "$client" image build game erofs --quiet
 mkdir few
 ln -s "$(command -v fusermount3)" few

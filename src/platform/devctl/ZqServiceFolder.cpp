@@ -14,16 +14,6 @@ namespace {
 
 constexpr const char* UNIT = "src/platform/devctl/ZqServiceFolder";
 
-std::string parentFolder() {
-    if (::geteuid() == 0) return "/run/tavrin/";
-    // What a login session has is found by one without that variable, too.
-    const std::string session = "/run/user/" + std::to_string(::geteuid());
-    if (::access(session.c_str(), W_OK) == 0) return session + "/tavrin/";
-    const char* runtime = std::getenv("XDG_RUNTIME_DIR");
-    if (runtime && runtime[0] == '/') return std::string(runtime) + "/tavrin/";
-    return "/tmp/tavrin-" + std::to_string(::geteuid()) + "/";
-}
-
 /// The path with the links resolved in as much of it as exists.
 std::string resolve(const std::string& path) {
     std::string existing = path, rest, resolved;
@@ -34,6 +24,19 @@ std::string resolve(const std::string& path) {
         existing.erase(std::max<size_t>(slash, 1));
     }
     return resolved == "/" ? rest : resolved + rest;
+}
+
+/// With all links resolved, since what lies below is looked for in the kernel's table of mounts; but for our
+/// own folder itself, which must be no link.
+std::string parentFolder() {
+    if (::geteuid() == 0) return resolve("/run") + "/tavrin/";
+    const std::string user = std::to_string(::geteuid());
+    // What a login session has is found by one without that variable, too.
+    const std::string session = "/run/user/" + user;
+    if (::access(session.c_str(), W_OK) == 0) return resolve(session) + "/tavrin/";
+    const char* runtime = std::getenv("XDG_RUNTIME_DIR");
+    if (runtime && runtime[0] == '/') return resolve(runtime) + "/tavrin/";
+    return resolve("/tmp") + "/tavrin-" + user + "/";
 }
 
 void makePrivate(const std::string& folder) {

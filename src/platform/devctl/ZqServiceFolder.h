@@ -32,8 +32,8 @@ public:
     static constexpr const char* VENDOR = "VOLM";
     static constexpr const char* PRODUCT = "ZqDD";
 
-    /// The folder's host path with a trailing slash, for the machine root with that host path. Neither need
-    /// exist; a root that is made later keeps its folder.
+    /// The folder's host path with a trailing slash and no link in it, for the machine root with that host
+    /// path. Neither need exist; a root that is made later keeps its folder.
     static std::string of(const std::string& machineRoot);
     /// Makes the folder where it is missing, and raises unless it belongs to the user alone.
     static void make(const std::string& folder);
