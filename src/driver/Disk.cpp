@@ -295,7 +295,8 @@ bool Disk::detach() {
         device = loop;
     }
     const Helper::Facts facts =
-        runHelper({"detach", folder + "/" + ZqServiceFolder::VOLUME, device.isEmpty() ? "-" : device});
+        runHelper({"detach", folder + "/" + ZqServiceFolder::VOLUME, device.isEmpty() ? "-" : device,
+                   folder + "/" + ZqServiceFolder::FRONT + "/" + ZqServiceFolder::DISK_FILE});
     const bool busy = facts.count("busy") != 0;
     const auto unsynced = facts.find("unsynced");
     if (unsynced != facts.end() && holdsWrites) noteLost(SxString(unsynced->second));
@@ -438,16 +439,26 @@ void Disk::adjustReadAhead() {
     if (!setting.isEmpty()) std::ofstream(setting.str()) << (high ? FULL_READ_AHEAD : LOW_READ_AHEAD);
 }
 
+/// What of the two somebody has unmounted; null for neither.
+const char* Disk::findUnmounted() const {
+    const std::string base = folder.str() + "/";
+    if (front.hasEnded() || !Mounts::isMounted(base + ZqServiceFolder::FRONT)) return "file";
+    return Mounts::isMounted(base + ZqServiceFolder::VOLUME) ? nullptr : "volume";
+}
+
 /// Looks, once a second, whether the volume or the file behind it was unmounted by somebody else.
 void Disk::noticeEnd() {
     const int64 nowNs = SxClock::get().steadyNs();
     if (ender || ending || nowNs - lastLookNs < LOOK_NS) return;
     lastLookNs = nowNs;
     if (!isMounted()) return;
-    const std::string base = folder.str() + "/";
-    const char* what =
-        front.hasEnded() || !Mounts::isMounted(base + ZqServiceFolder::FRONT) ? "file" : nullptr;
-    if (!what && !Mounts::isMounted(base + ZqServiceFolder::VOLUME)) what = "volume";
+    const char* what = nullptr;
+    try {
+        what = findUnmounted();
+    } catch (const SxException& e) {
+        // Nobody knows, then. The next look may.
+        logOnce("Cannot see whether the drive is still mounted: " + describe(e));
+    }
     // Looked at after the table, since an unmounting of our own may have begun meanwhile.
     if (!what || detaching || ending) return;
     const SxString why = SxString("Somebody has unmounted the drive's ") + what;

@@ -96,6 +96,7 @@ private:
     bool readBlocking(uint64 offset, uint32 size, char* to);
     SxString detectType();
     bool detach();
+    const char* findUnmounted() const;
     void noticeEnd();
     void sweep();
     void removeFolder();

@@ -11,8 +11,8 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
-#include <filesystem>
 #include <fstream>
+#include <linux/fs.h>
 #include <linux/loop.h>
 #include <set>
 #include <sys/ioctl.h>
@@ -44,12 +44,13 @@ private:
     int fd;
 };
 
+/// Nothing where the system shows no such folder. One that can't be read raises: compared with a later look,
+/// all that is in it would seem to have come meanwhile.
 std::set<std::string> namesIn(const std::string& folder) {
-    std::set<std::string> names;
-    std::error_code error;
-    for (const auto& entry : std::filesystem::directory_iterator(folder, error))
-        names.insert(entry.path().filename());
-    return names;
+    std::vector<std::string> names;
+    const int error = SxOs::get().list(folder, &names);
+    if (error < 0 && error != -ENOENT) fail("Cannot read '" + SxString(folder) + "'", -error);
+    return {names.begin(), names.end()};
 }
 
 /// Sets the read-ahead of the devices that have come since `before` was taken. EROFS numbers its own, and
@@ -187,47 +188,40 @@ bool unmountBelow(const std::string& folder) {
     return busy;
 }
 
-/// Frees a loop device; where its volume is still in use, as soon as that is over.
-void freeLoop(const std::string& loop) {
+/// Writes out what lies in memory of a volume on a loop device that has gone from this mount namespace, while
+/// somebody still uses it: another namespace, or whoever has a file open on a volume that was detached. Gives
+/// whether there is such a user. The device itself goes with the last one, by its kind (LO_FLAGS_AUTOCLEAR);
+/// it isn't freed by its number, which may be another program's by then.
+bool flushHeld(const std::string& loop, const std::string& file) {
     const int fd = ::open(loop.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return;
-    ::ioctl(fd, LOOP_CLR_FD);
-    ::close(fd);
-}
-
-/// Loop devices whose file lies below `folder`.
-std::vector<std::string> loopsOn(const std::string& folder) {
-    std::vector<std::string> loops;
-    for (const std::string& name : namesIn("/sys/block")) {
-        if (!name.starts_with("loop")) continue;
-        std::ifstream file("/sys/block/" + name + "/loop/backing_file");
-        std::string path;
-        if (std::getline(file, path) && path.starts_with(folder)) loops.push_back("/dev/" + name);
+    if (fd < 0) {
+        if (errno == ENOENT || errno == ENXIO || errno == ENODEV) return false;
+        fail("Cannot open '" + SxString(loop) + "'", errno);
     }
-    return loops;
-}
-
-/// Whether another mount namespace still uses the volume on a loop device that has gone from this one. A
-/// device whose last user has gone is no longer on the disk's file.
-bool isHeldElsewhere(const std::string& loop, const std::string& folder) {
-    const std::vector<std::string> loops = loopsOn(folder);
-    return std::find(loops.begin(), loops.end(), loop) != loops.end();
+    // The name that it was attached with. The path that the system shows isn't that one any more where the
+    // file was unmounted, too.
+    loop_info64 info = {};
+    int error = ::ioctl(fd, LOOP_GET_STATUS64, &info) == 0 ? 0 : errno;
+    const std::string name(reinterpret_cast<const char*>(info.lo_file_name));
+    const bool isOurs = error == 0 && name == file.substr(0, LO_NAME_SIZE - 1);
+    if (isOurs && ::ioctl(fd, BLKFLSBUF) != 0) HelperOps::tell("unsynced", SxOs::errorText(errno).str());
+    ::close(fd);
+    // It has no file.
+    if (error == ENXIO) error = 0;
+    if (error != 0) fail("Cannot look at '" + SxString(loop) + "'", error);
+    return isOurs;
 }
 
 void detach(const SxList<SxString>& words) {
-    const std::string &volume = words(1).str(), &loop = words(2).str();
+    const std::string &volume = words(1).str(), &loop = words(2).str(), &file = words(3).str();
     bool busy = unmountBelow(volume);
     busy = unmountVolume(volume) || busy;
-    if (loop != "-") busy = busy || isHeldElsewhere(loop, volume.substr(0, volume.find_last_of('/') + 1));
-    if (busy) {
-        HelperOps::tell("busy", "");
-        if (loop != "-") freeLoop(loop);
-    }
+    if (loop != "-") busy = flushHeld(loop, file) || busy;
+    if (busy) HelperOps::tell("busy", "");
 }
 
 void sweep(const SxList<SxString>& words) {
     const std::string& folder = words(1).str();
-    const std::vector<std::string> loops = loopsOn(folder);
     std::vector<std::string> mounts = Mounts::below(folder);
     // A connection whose service is stuck must be ended first, or unmounting would wait for it.
     // Only these: what is bound in may lie on a file system that others use.
@@ -241,8 +235,6 @@ void sweep(const SxList<SxString>& words) {
         if (error != 0 && error != EINVAL && error != ENOENT)
             fail("Cannot detach '" + SxString(mount) + "'", error);
     }
-    for (const std::string& loop : loops)
-        freeLoop(loop);
 }
 
 } // namespace
@@ -258,7 +250,7 @@ void HelperOps::run(const SxList<SxString>& arguments) {
     };
     if (is("attach", 7)) {
         attach(arguments);
-    } else if (is("detach", 3)) {
+    } else if (is("detach", 4)) {
         detach(arguments);
     } else if (is("redirect", 5)) {
         SxList<SxString> names;

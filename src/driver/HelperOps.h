@@ -11,7 +11,7 @@ namespace HelperOps {
 ///   attach file|loop FILE FOLDER TYPE ro|rw READAHEAD_KB
 ///                                    mounts the file system in FILE, itself or through a loop device; says
 ///                                    `readahead` (a setting of the kernel), `loop` (the device), `needsLoop`
-///   detach FOLDER LOOP|-             unmounts; says `busy` where it was in use, and was detached
+///   detach FOLDER LOOP|- FILE        unmounts; says `busy` where it was in use, and was detached
 ///   redirect VOLUME PRIVATE NAME...  puts the private copies of names in the place of the volume's
 ///   restore VOLUME                   undoes that; may say `busy`
 ///   sweep FOLDER                     removes every mount and loop device below the folder

@@ -1,17 +1,20 @@
 #include "Mounts.h"
 
 #include "SxException.h"
+#include "SxOs.h"
 #include "SxProcess.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
-#include <fstream>
+#include <fcntl.h>
 #include <sstream>
 #include <sys/mount.h>
 #include <unistd.h>
 
 namespace {
+
+constexpr const char* UNIT = "src/driver/Mounts";
 
 /// Blanks and the like are written as a backslash and three octal digits.
 std::string plain(const std::string& text) {
@@ -29,7 +32,11 @@ std::string plain(const std::string& text) {
 
 /// Gives an errno value, as far as the program lets us tell.
 int runFusermount(const std::string& path, const char* how) {
-    if (!Mounts::isMounted(path)) return EINVAL;
+    try {
+        if (!Mounts::isMounted(path)) return EINVAL;
+    } catch (const SxException&) {
+        // It looks for itself.
+    }
     try {
         return SxProcess("fusermount3", {how, SxString(path)}, SxProcess::Silent).run() == 0 ? 0 : EBUSY;
     } catch (const SxException&) {
@@ -37,11 +44,34 @@ int runFusermount(const std::string& path, const char* how) {
     }
 }
 
+std::string readTable() {
+    constexpr const char* FILE = "/proc/self/mountinfo";
+    constexpr size_t STEP = 16384;
+    const auto fail = [](int error) {
+        throw SxException("Cannot read '" + SxString(FILE) + "': " + SxOs::errorText(error), UNIT, __LINE__);
+    };
+    const int fd = ::open(FILE, O_RDONLY | O_CLOEXEC);
+    if (fd < 0) fail(errno);
+    std::string text;
+    ssize_t n = 0;
+    int error = 0;
+    do {
+        const size_t size = text.size();
+        text.resize(size + STEP);
+        n = ::read(fd, text.data() + size, STEP);
+        error = n < 0 ? errno : 0;
+        text.resize(size + static_cast<size_t>(std::max<ssize_t>(n, 0)));
+    } while (n > 0 || error == EINTR);
+    ::close(fd);
+    if (error != 0) fail(error);
+    return text;
+}
+
 } // namespace
 
 std::vector<Mounts::Mount> Mounts::all() {
     std::vector<Mount> found;
-    std::ifstream table("/proc/self/mountinfo");
+    std::istringstream table(readTable());
     std::string line;
     while (std::getline(table, line)) {
         std::istringstream fields(line);

@@ -18,7 +18,8 @@ struct Mount {
     std::string source; ///< what was named as the device
 };
 
-/// All mounts, in the order in which they were made.
+/// All mounts, in the order in which they were made. This and what rests on it raises where the kernel's
+/// table can't be read: that nothing is mounted is known only by a table that says so.
 std::vector<Mount> all();
 /// The mount points below `folder`, the folder itself left out, in the order in which they were made; from
 /// the kernel's table.
@@ -27,8 +28,8 @@ std::vector<std::string> below(const std::string& folder);
 /// Whether something is mounted at `path`.
 bool isMounted(const std::string& path);
 
-/// Unmounts what is mounted at `path`, latest first. 0, or an errno value: EBUSY where it is in use, EINVAL
-/// where nothing is mounted there.
+/// Unmounts what is mounted at `path`, latest first; doesn't raise. 0, or an errno value: EBUSY where it is
+/// in use, EINVAL where nothing is mounted there.
 int unmount(const std::string& path);
 /// Takes it out of the tree at once, whatever uses it.
 int detach(const std::string& path);

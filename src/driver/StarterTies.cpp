@@ -87,6 +87,9 @@ bool leaveGroup(const Hierarchy& hierarchy, const std::string& path) {
 void leaveGroups(SxList<SxString>* kept) {
     const std::vector<Hierarchy> known = hierarchies();
     std::ifstream table("/proc/self/cgroup");
+    // A kernel without such groups has no such file.
+    if (!table.is_open() && errno != ENOENT)
+        kept->append("control groups, which can't be read: " + SxOs::errorText(errno));
     std::string line;
     while (std::getline(table, line)) {
         const size_t first = line.find(':'), second = line.find(':', first + 1);

@@ -4,6 +4,7 @@
 #include <csignal>
 #include <fstream>
 #include <sys/mount.h>
+#include <sys/resource.h>
 
 namespace {
 
@@ -107,4 +108,36 @@ TEST_F(LostDrive, whatWentWithADriveIsToldOnce) {
             done({"umount", image});
         }
     }
+}
+
+TEST_F(LostDrive, whatAProgramHasOpenOnADetachedVolumeIsWrittenToTheDisk) {
+    const string image = build("image", "ext4", {"--free", std::to_string(64 << 20)});
+    const string content = TestRandom(11).bytes(24 << 20);
+    const string app = mount(image, {"--mode", "rtw"});
+    std::ofstream open(app + "/saved", std::ios::binary);
+    open << content << std::flush;
+    ASSERT_EQ(::umount2(statusOf(image).mountPath.ascii(), MNT_DETACH), 0);
+    EXPECT_TRUE(eventually([&] { return statusOf(image).image.isEmpty(); }));
+    open.close();
+    EXPECT_EQ(done({"umount", image}), "Not mounted\n");
+    EXPECT_TRUE(TempDir::readFile(mount(image, {"--mode", "rtw"}) + "/saved") == content);
+    EXPECT_EQ(done({"umount", image}), "Unmounted\n");
+}
+
+TEST_F(LostDrive, aServiceThatCannotReadTheMountTableKeepsItsDrive) {
+    const string image = build("image", "ext4");
+    const string app = mount(image);
+    const auto service = static_cast<pid_t>(statusOf(image).servicePid);
+    const string log = ZqServiceFolder::of(ZqMachineRoot::get().str()) + "zqdd.log";
+    rlimit former = {};
+    ASSERT_EQ(::prlimit(service, RLIMIT_NOFILE, nullptr, &former), 0);
+    const rlimit none = {3, former.rlim_max};
+    ASSERT_EQ(::prlimit(service, RLIMIT_NOFILE, &none, nullptr), 0);
+    EXPECT_TRUE(eventually([&] {
+        return TempDir::readFile(log).find("mountinfo': Too many open files") != string::npos;
+    })) << TempDir::readFile(log);
+    EXPECT_EQ(TempDir::readFile(app + "/start.cfg"), "volume=3\n");
+    ASSERT_EQ(::prlimit(service, RLIMIT_NOFILE, &former, nullptr), 0);
+    EXPECT_EQ(statusOf(image).failure, "");
+    EXPECT_EQ(done({"umount", image}), "Unmounted\n");
 }
