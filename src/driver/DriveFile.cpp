@@ -2,8 +2,11 @@
 
 #include "SxException.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
+#include <sstream>
+#include <sys/sysmacros.h>
 #include <utility>
 
 namespace {
@@ -11,6 +14,36 @@ namespace {
 constexpr const char* UNIT = "src/driver/DriveFile";
 /// A sync of more than this is done in steps of this size, so that one on a slow disk can be seen to go on.
 constexpr uint64 SYNC_STEP = 4 << 20;
+
+/// Counts an operation while it runs.
+class UnderWay {
+public:
+    explicit UnderWay(std::atomic<int64>* n_) : n(n_) { ++*n; }
+    ~UnderWay() { --*n; }
+    UnderWay(const UnderWay&) = delete;
+    UnderWay& operator=(const UnderWay&) = delete;
+
+private:
+    std::atomic<int64>* n;
+};
+
+/// Sectors that the disk or partition of this number has written; false where the system doesn't tell, as of
+/// file systems without a device of their own.
+bool readWritten(uint64 device, uint64* nSectors) {
+    constexpr int64 MAX_TEXT = 1024;
+    SxOs& os = SxOs::get();
+    const std::string file =
+        "/sys/dev/block/" + std::to_string(major(device)) + ":" + std::to_string(minor(device)) + "/stat";
+    const int fd = os.open(file, SxOs::Read, 0);
+    if (fd < 0) return false;
+    std::string text(MAX_TEXT, '\0');
+    const int64 n = os.readAt(fd, text.data(), MAX_TEXT, 0);
+    os.close(fd);
+    std::istringstream fields(text.substr(0, static_cast<size_t>(std::max<int64>(n, 0))));
+    uint64 reads = 0, merged = 0, sectors = 0, ms = 0, writes = 0, writesMerged = 0;
+    return static_cast<bool>(fields >> reads >> merged >> sectors >> ms >> writes >> writesMerged >>
+                             *nSectors);
+}
 
 } // namespace
 
@@ -55,6 +88,7 @@ int64 DriveFile::readAt(void* buffer, uint64 n, uint64 offset) const {
 }
 
 int DriveFile::writeAt(const void* buffer, uint64 n, uint64 offset) const {
+    const UnderWay counted(&nUnderWay);
     const int64 done = SxOs::get().writeAt(fd, buffer, static_cast<int64>(n), static_cast<int64>(offset));
     noteWritten(offset, offset + n);
     if (done < 0) return static_cast<int>(-done);
@@ -89,10 +123,18 @@ int DriveFile::writeBackInSteps() const {
 }
 
 int DriveFile::sync() const {
+    const UnderWay counted(&nUnderWay);
     if (const int error = writeBackInSteps()) return error;
     const int error = -SxOs::get().sync(fd);
     ++nSynced;
     return error;
+}
+
+void DriveFile::lookAtDevice() const {
+    SxStat info;
+    uint64 now = 0;
+    if (SxOs::get().statFd(fd, &info) != 0 || !readWritten(info.device, &now)) return;
+    if (nSectors.exchange(now) != now) ++nSynced;
 }
 
 void DriveFile::raise(const SxString& what, int64 error, const char* unit, int line) const {

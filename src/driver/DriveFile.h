@@ -32,8 +32,13 @@ public:
     int writeAt(const void* buffer, uint64 n, uint64 offset) const;
     /// Gives 0 or an errno value.
     int sync() const;
-    /// Grows with the bytes that a sync() under way has brought to the disk.
-    uint64 getProgress() const { return nSynced.load(); }
+    /// Grows with the bytes that a sync() under way has brought to the disk. Also, while a write or a sync is
+    /// under way, with each look at which the disk has written something since the one before, of whatever
+    /// program: a file system commits what several have written in one, so that ours may wait for theirs.
+    uint64 getProgress() const {
+        if (nUnderWay.load() != 0) lookAtDevice();
+        return nSynced.load();
+    }
 
     /// The failure of an operation on this file, in words, to be raised.
     [[noreturn]] void raise(const SxString& what, int64 error, const char* unit, int line) const;
@@ -41,10 +46,13 @@ public:
 private:
     void noteWritten(uint64 begin, uint64 end) const;
     int writeBackInSteps() const;
+    void lookAtDevice() const;
 
     int fd = -1;
     std::string path;
     // What was written since the last sync lies within.
     mutable std::atomic<uint64> dirtyBegin{~uint64{0}}, dirtyEnd{0}, nDirty{0};
     mutable std::atomic<uint64> nSynced{0};
+    mutable std::atomic<int64> nUnderWay{0}; ///< writes and syncs
+    mutable std::atomic<uint64> nSectors{0}; ///< that the disk had written at the last look
 };

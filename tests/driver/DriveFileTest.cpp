@@ -1,0 +1,80 @@
+#include "DriveFile.h"
+#include "FaultOs.h"
+#include "SxTime.h"
+#include "TempDir.h"
+
+#include <condition_variable>
+#include <mutex>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <thread>
+
+namespace {
+
+/// A disk whose sync waits until it is let go, and whose figures are a file of the test.
+class BusyDiskOs : public FaultOs {
+public:
+    explicit BusyDiskOs(const TempDir& dir_) : FaultOs(dir_.prefix().str()), dir(dir_) {}
+    int open(const std::string& path, unsigned flags, unsigned permissions) override {
+        return FaultOs::open(path == figuresOf() ? dir.path("figures") : path, flags, permissions);
+    }
+    int sync(int fd) override {
+        isSyncing = true;
+        std::unique_lock lock(mutex);
+        changed.wait(lock, [this] { return isLetGo; });
+        return FaultOs::sync(fd);
+    }
+    void letGo() {
+        const std::lock_guard lock(mutex);
+        isLetGo = true;
+        changed.notify_all();
+    }
+    /// Sectors that any program has written.
+    void setWritten(int n) { dir.write("figures", "9 8 7 6 5 4 " + std::to_string(n) + " 3 2 1 0\n"); }
+
+    std::atomic<bool> isSyncing{false};
+
+private:
+    std::string figuresOf() const {
+        struct stat info = {};
+        ::stat(dir.prefix().ascii(), &info);
+        return "/sys/dev/block/" + std::to_string(major(info.st_dev)) + ":" +
+               std::to_string(minor(info.st_dev)) + "/stat";
+    }
+
+    const TempDir& dir;
+    std::mutex mutex;
+    std::condition_variable changed;
+    bool isLetGo = false;
+};
+
+} // namespace
+
+TEST(DriveFile, aSyncThatWaitsForOtherProgramsDataGoesOn) {
+    const TempDir dir;
+    BusyDiskOs os(dir);
+    os.setWritten(100);
+    DriveFile file;
+    file.open(dir.path("file"), SxOs::Read | SxOs::Write | SxOs::Create);
+    ASSERT_EQ(file.writeAt("data", 4, 0), 0);
+    os.setWritten(200);
+    EXPECT_EQ(file.getProgress(), file.getProgress()) << "nothing of ours is under way";
+    std::thread syncing([&] { EXPECT_EQ(file.sync(), 0); });
+    EXPECT_TRUE(SxWait::pass(10'000, [&] { return os.isSyncing.load(); }));
+    uint64 before = file.getProgress();
+    EXPECT_EQ(file.getProgress(), before) << "the disk stands still";
+    for (const int nWritten : {300, 400}) {
+        os.setWritten(nWritten);
+        const uint64 now = file.getProgress();
+        EXPECT_GT(now, before);
+        EXPECT_EQ(file.getProgress(), now);
+        before = now;
+    }
+    std::filesystem::remove(dir.path("figures")); // a file system without a device of its own
+    EXPECT_EQ(file.getProgress(), before);
+    os.letGo();
+    syncing.join();
+    before = file.getProgress();
+    os.setWritten(500);
+    EXPECT_EQ(file.getProgress(), before) << "the rest is no sync of ours";
+}
