@@ -116,10 +116,15 @@ Disk::~Disk() {
 }
 
 void Disk::start() {
+    SxString text;
     try {
         bringUp();
     } catch (const SxException& e) {
-        const SxString text = describe(e);
+        text = describe(e);
+    } catch (const std::exception& e) {
+        text = e.what(); // a library's, for want of memory
+    }
+    if (!text.isEmpty()) {
         driverLog("image " + params.image + " can't be mounted: " + text);
         cutOff(text);
         front.end();

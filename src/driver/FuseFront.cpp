@@ -18,6 +18,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <malloc.h>
+#include <new>
 #include <poll.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -34,12 +35,14 @@ constexpr std::chrono::microseconds LOOK(30);
 /// Requests of a file system or a loop device count as background ones, and the kernel sends no more than
 /// this many at a time. Held ones are among them, so at the usual 12 a few would stop the whole disk.
 constexpr unsigned MAX_BACKGROUND = 4096;
+/// At most one for each thread that serves requests, and room for some that came too late.
+constexpr size_t MAX_EARLY = 256;
 constexpr fuse_ino_t FILE_INODE = 2;
 constexpr double FOREVER = 1e9; // seconds
 
-/// Keeps memory from being taken away, and from being asked for only when it is used: a service that waits for
-/// memory while the kernel waits for it to write would wait for ever. A user may lock less than that; then it
-/// is at least there.
+/// Keeps memory from being taken away, and from being asked for only when it is used: a service that waits
+/// for memory while the kernel waits for it to write would wait for ever. A user may lock less than that;
+/// then it is at least there.
 void lockMemory(void* at, size_t n) {
     if (::mlock(at, n) != 0 && ::geteuid() == 0)
         driverLog("can't lock the space of requests: " + SxOs::errorText(errno));
@@ -58,11 +61,9 @@ private:
     std::vector<char> space;
 };
 
-/// The calling thread's.
-char* buffer() {
-    thread_local RequestSpace space;
-    return space.data();
-}
+/// The calling thread's, made before the thread: one that is asked for with the first request might not be
+/// had.
+thread_local char* ownSpace = nullptr;
 
 FuseFront* front(fuse_req_t req) {
     return static_cast<FuseFront*>(fuse_req_userdata(req));
@@ -179,13 +180,14 @@ public:
     /// Before the start: has the library get its space for requests, which it does when it looks for one,
     /// and locks that. The session must not wait for requests meanwhile.
     void prepare() {
+        ownSpace = space.data();
         if (fuse_session_receive_buf(session, &request) > 0) fuse_session_process_buf(session, &request);
         lockMemory(request.mem, ::malloc_usable_size(request.mem));
     }
 
 protected:
     void main() override {
-        buffer();
+        ownSpace = space.data();
         while (!fuse_session_exited(session)) {
             lookForNext();
             const int got = fuse_session_receive_buf(session, &request);
@@ -210,6 +212,7 @@ private:
     fuse_session* session;
     std::atomic<bool>* looking;
     std::atomic<bool>* ended;
+    RequestSpace space;
     fuse_buf request = {};
 };
 
@@ -222,12 +225,14 @@ public:
 
 protected:
     void main() override {
+        ownSpace = space.data();
         while (auto request = todo.pop())
             owner->finish(std::move(*request));
     }
 
 private:
     FuseFront* owner;
+    RequestSpace space;
     SxQueue<Request> todo;
 };
 
@@ -241,9 +246,11 @@ public:
 protected:
     void main() override {
         while (const auto req = todo.pop()) {
-            const int error = owner->disk->sync();
-            owner->noteWriteError(error);
-            fuse_reply_err(*req, error);
+            owner->answer(*req, true, [&] {
+                const int error = owner->disk->sync();
+                owner->noteWriteError(error);
+                fuse_reply_err(*req, error);
+            });
         }
     }
 
@@ -253,6 +260,8 @@ private:
 };
 
 FuseFront::FuseFront(VirtualDisk* disk_) : disk(disk_) {
+    const SxMutexBlock block(&heldMutex);
+    early.reserve(MAX_EARLY);
 }
 
 FuseFront::~FuseFront() {
@@ -315,10 +324,15 @@ void FuseFront::end() {
     for (const auto& worker : workers)
         worker->wait();
     workers.clear();
-    finisher->end();
-    finisher->wait();
-    syncer->end();
-    syncer->wait();
+    // Where mounting has failed, they may be missing.
+    if (finisher) {
+        finisher->end();
+        finisher->wait();
+    }
+    if (syncer) {
+        syncer->end();
+        syncer->wait();
+    }
     {
         // What is still held has nobody to be answered to; the requests must be given back all the same.
         const SxMutexBlock block(&heldMutex);
@@ -332,6 +346,28 @@ void FuseFront::end() {
     session = nullptr;
 }
 
+/// Answers a request by what `serve` does, or stores it. Where that finds no memory, or raises otherwise,
+/// nobody has it: it is answered here, and the thread goes on.
+template<class Serve>
+void FuseFront::answer(fuse_req* req, bool isWrite, Serve&& serve) {
+    int error = 0;
+    try {
+        return serve();
+    } catch (const std::bad_alloc&) {
+        error = ENOMEM;
+    } catch (const std::exception&) {
+        error = EIO;
+    }
+    const auto token = reinterpret_cast<uint64>(req);
+    disk->forget(token);
+    {
+        const SxMutexBlock block(&heldMutex);
+        std::erase(early, token);
+    }
+    if (isWrite) noteWriteError(error);
+    fuse_reply_err(req, error);
+}
+
 void FuseFront::read(fuse_req* req, uint64 offset, uint64 size) {
     const uint64 end = disk->getSizeRaw();
     if (offset >= end || size > MAX_REQUEST) {
@@ -343,22 +379,24 @@ void FuseFront::read(fuse_req* req, uint64 offset, uint64 size) {
         return;
     }
     const auto n = static_cast<uint32>(std::min(size, end - offset));
-    int error = 0;
-    switch (disk->read(offset, n, buffer(), reinterpret_cast<uint64>(req), false, &error)) {
-    case VirtualDisk::Result::Done:
-        fuse_reply_buf(req, buffer(), n);
-        break;
-    case VirtualDisk::Result::Failed:
-        fuse_reply_err(req, error);
-        break;
-    case VirtualDisk::Result::Held:
-        hold({req, offset, n, Request::Read, {}});
-        break;
-    }
+    answer(req, false, [&] {
+        int error = 0;
+        switch (disk->read(offset, n, ownSpace, reinterpret_cast<uint64>(req), false, &error)) {
+        case VirtualDisk::Result::Done:
+            fuse_reply_buf(req, ownSpace, n);
+            break;
+        case VirtualDisk::Result::Failed:
+            fuse_reply_err(req, error);
+            break;
+        case VirtualDisk::Result::Held:
+            hold({req, offset, n, Request::Read, {}});
+            break;
+        }
+    });
 }
 
 void FuseFront::sync(fuse_req* req) {
-    syncer->push(req);
+    answer(req, true, [&] { syncer->push(req); });
 }
 
 void FuseFront::noteWriteError(int error) {
@@ -373,37 +411,41 @@ void FuseFront::write(fuse_req* req, uint64 offset, const char* data, uint64 siz
         return;
     }
     const auto n = static_cast<uint32>(size);
-    int error = 0;
-    switch (disk->write(offset, n, data, reinterpret_cast<uint64>(req), false, &error)) {
-    case VirtualDisk::Result::Done:
-        nWritten += n;
-        fuse_reply_write(req, n);
-        break;
-    case VirtualDisk::Result::Failed:
-        noteWriteError(error);
-        fuse_reply_err(req, error);
-        break;
-    case VirtualDisk::Result::Held:
-        hold({req, offset, n, Request::Write, std::vector<char>(data, data + n)});
-        break;
-    }
+    answer(req, true, [&] {
+        int error = 0;
+        switch (disk->write(offset, n, data, reinterpret_cast<uint64>(req), false, &error)) {
+        case VirtualDisk::Result::Done:
+            nWritten += n;
+            fuse_reply_write(req, n);
+            break;
+        case VirtualDisk::Result::Failed:
+            noteWriteError(error);
+            fuse_reply_err(req, error);
+            break;
+        case VirtualDisk::Result::Held:
+            hold({req, offset, n, Request::Write, std::vector<char>(data, data + n)});
+            break;
+        }
+    });
 }
 
 void FuseFront::discard(fuse_req* req, uint64 offset, uint64 size) {
-    int error = 0;
-    const auto result = disk->discard(offset, size, reinterpret_cast<uint64>(req), false, &error);
-    if (result == VirtualDisk::Result::Held) {
-        hold({req, offset, size, Request::Discard, {}});
-    } else {
-        fuse_reply_err(req, error);
-    }
+    answer(req, true, [&] {
+        int error = 0;
+        const auto result = disk->discard(offset, size, reinterpret_cast<uint64>(req), false, &error);
+        if (result == VirtualDisk::Result::Held) {
+            hold({req, offset, size, Request::Discard, {}});
+        } else {
+            fuse_reply_err(req, error);
+        }
+    });
 }
 
 void FuseFront::hold(Request request) {
     const auto token = reinterpret_cast<uint64>(request.req);
     {
         const SxMutexBlock block(&heldMutex);
-        if (early.erase(token) == 0) {
+        if (std::erase(early, token) == 0) {
             held.emplace(token, std::move(request));
             return;
         }
@@ -417,16 +459,23 @@ void FuseFront::wake(uint64 token) {
         const SxMutexBlock block(&heldMutex);
         const auto found = held.find(token);
         if (found == held.end()) {
-            early.insert(token);
+            early.push_back(token);
             return;
         }
         request = std::move(found->second);
         held.erase(found);
     }
-    finisher->push(std::move(request));
+    // Whoever wakes it may have others to wake, and nothing to do with its failure.
+    fuse_req* const req = request.req;
+    answer(req, request.kind != Request::Read, [&] { finisher->push(std::move(request)); });
 }
 
 void FuseFront::finish(Request request) {
+    fuse_req* const req = request.req;
+    answer(req, request.kind != Request::Read, [&] { tryAgain(std::move(request)); });
+}
+
+void FuseFront::tryAgain(Request request) {
     const auto token = reinterpret_cast<uint64>(request.req);
     if (request.kind == Request::Discard) {
         int error = 0;
@@ -440,7 +489,7 @@ void FuseFront::finish(Request request) {
     int error = 0;
     const VirtualDisk::Result result =
         isWrite ? disk->write(request.offset, size, request.data.data(), token, true, &error)
-                : disk->read(request.offset, size, buffer(), token, true, &error);
+                : disk->read(request.offset, size, ownSpace, token, true, &error);
     if (result == VirtualDisk::Result::Held) {
         hold(std::move(request));
     } else if (result == VirtualDisk::Result::Failed) {
@@ -450,6 +499,6 @@ void FuseFront::finish(Request request) {
         nWritten += request.size;
         fuse_reply_write(request.req, request.size);
     } else {
-        fuse_reply_buf(request.req, buffer(), request.size);
+        fuse_reply_buf(request.req, ownSpace, request.size);
     }
 }

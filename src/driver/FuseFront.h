@@ -8,7 +8,6 @@
 #include <atomic>
 #include <memory>
 #include <unordered_map>
-#include <unordered_set>
 #include <vector>
 
 struct fuse_session;
@@ -69,6 +68,9 @@ private:
 
     void hold(Request request);
     void finish(Request request);
+    void tryAgain(Request request);
+    template<class Serve>
+    void answer(fuse_req* req, bool isWrite, Serve&& serve);
 
     VirtualDisk* const disk;
     fuse_session* session = nullptr;
@@ -85,6 +87,6 @@ private:
 
     SxMutex heldMutex;
     std::unordered_map<uint64, Request> held SX_GUARDED_BY(heldMutex);
-    /// Woken before they were stored.
-    std::unordered_set<uint64> early SX_GUARDED_BY(heldMutex);
+    /// Woken before they were stored. Its room is there from the start: a wake must not fail.
+    std::vector<uint64> early SX_GUARDED_BY(heldMutex);
 };
