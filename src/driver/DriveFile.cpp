@@ -1,5 +1,6 @@
 #include "DriveFile.h"
 
+#include "SxClock.h"
 #include "SxException.h"
 
 #include <algorithm>
@@ -14,6 +15,9 @@ namespace {
 constexpr const char* UNIT = "src/driver/DriveFile";
 /// A sync of more than this is done in steps of this size, so that one on a slow disk can be seen to go on.
 constexpr uint64 SYNC_STEP = 4 << 20;
+
+constexpr uint64 DEVICE_STEP = (1 << 20) / 512; // sectors
+constexpr int64 MAX_FOREIGN_NS = int64{600} * 1'000'000'000;
 
 /// Counts an operation while it runs.
 class UnderWay {
@@ -88,6 +92,7 @@ int64 DriveFile::readAt(void* buffer, uint64 n, uint64 offset) const {
 }
 
 int DriveFile::writeAt(const void* buffer, uint64 n, uint64 offset) const {
+    stepNs = SxClock::get().steadyNs();
     const UnderWay counted(&nUnderWay);
     const int64 done = SxOs::get().writeAt(fd, buffer, static_cast<int64>(n), static_cast<int64>(offset));
     noteWritten(offset, offset + n);
@@ -118,11 +123,13 @@ int DriveFile::writeBackInSteps() const {
             return 0;
         }
         nSynced += SYNC_STEP;
+        stepNs = SxClock::get().steadyNs();
     }
     return 0;
 }
 
 int DriveFile::sync() const {
+    stepNs = SxClock::get().steadyNs();
     const UnderWay counted(&nUnderWay);
     if (const int error = writeBackInSteps()) return error;
     const int error = -SxOs::get().sync(fd);
@@ -133,8 +140,10 @@ int DriveFile::sync() const {
 void DriveFile::lookAtDevice() const {
     SxStat info;
     uint64 now = 0;
+    if (SxClock::get().steadyNs() - stepNs.load() > MAX_FOREIGN_NS) return;
     if (SxOs::get().statFd(fd, &info) != 0 || !readWritten(info.device, &now)) return;
-    if (nSectors.exchange(now) != now) ++nSynced;
+    uint64 last = nSectors.load();
+    if (now - last >= DEVICE_STEP && nSectors.compare_exchange_strong(last, now)) ++nSynced;
 }
 
 void DriveFile::raise(const SxString& what, int64 error, const char* unit, int line) const {

@@ -33,8 +33,9 @@ public:
     /// Gives 0 or an errno value.
     int sync() const;
     /// Grows with the bytes that a sync() under way has brought to the disk. Also, while a write or a sync is
-    /// under way, with each look at which the disk has written something since the one before, of whatever
-    /// program: a file system commits what several have written in one, so that ours may wait for theirs.
+    /// under way, with each MiB that the disk has written of whatever program, seen by these calls: a file
+    /// system commits what several have written in one, so that ours may wait for theirs. That counts for ten
+    /// minutes from the last step of our own; then it isn't theirs that we wait for.
     uint64 getProgress() const {
         if (nUnderWay.load() != 0) lookAtDevice();
         return nSynced.load();
@@ -54,5 +55,6 @@ private:
     mutable std::atomic<uint64> dirtyBegin{~uint64{0}}, dirtyEnd{0}, nDirty{0};
     mutable std::atomic<uint64> nSynced{0};
     mutable std::atomic<int64> nUnderWay{0}; ///< writes and syncs
-    mutable std::atomic<uint64> nSectors{0}; ///< that the disk had written at the last look
+    mutable std::atomic<int64> stepNs{0};    ///< time of the last step of our own
+    mutable std::atomic<uint64> nSectors{0}; ///< that the disk had written when it last counted
 };

@@ -1,8 +1,10 @@
 #include "DriveFile.h"
 #include "FaultOs.h"
+#include "SxClock.h"
 #include "SxTime.h"
 #include "TempDir.h"
 
+#include <atomic>
 #include <condition_variable>
 #include <mutex>
 #include <sys/stat.h>
@@ -10,6 +12,23 @@
 #include <thread>
 
 namespace {
+
+/// The machine's clock, set forward by the test.
+class LaterClock : public SxClock {
+public:
+    LaterClock() { SxClock::set(this); }
+    ~LaterClock() override { SxClock::set(&machine); }
+    LaterClock(const LaterClock&) = delete;
+    LaterClock& operator=(const LaterClock&) = delete;
+    int64 systemMs() override { return machine.systemMs() + aheadMs; }
+    int64 steadyNs() override { return machine.steadyNs() + aheadMs * 1'000'000; }
+    void sleepNs(int64 ns) override { machine.sleepNs(ns); }
+    void advanceMs(int64 ms) { aheadMs += ms; }
+
+private:
+    SxClock& machine = SxClock::get();
+    std::atomic<int64> aheadMs{0};
+};
 
 /// A disk whose sync waits until it is let go, and whose figures are a file of the test.
 class BusyDiskOs : public FaultOs {
@@ -29,8 +48,8 @@ public:
         isLetGo = true;
         changed.notify_all();
     }
-    /// Sectors that any program has written.
-    void setWritten(int n) { dir.write("figures", "9 8 7 6 5 4 " + std::to_string(n) + " 3 2 1 0\n"); }
+    /// What any program has written, in KiB.
+    void setWritten(int n) { dir.write("figures", "9 8 7 6 5 4 " + std::to_string(2 * n) + " 3 2 1 0\n"); }
 
     std::atomic<bool> isSyncing{false};
 
@@ -51,30 +70,36 @@ private:
 } // namespace
 
 TEST(DriveFile, aSyncThatWaitsForOtherProgramsDataGoesOn) {
+    LaterClock clock;
     const TempDir dir;
     BusyDiskOs os(dir);
-    os.setWritten(100);
+    os.setWritten(100'000);
     DriveFile file;
     file.open(dir.path("file"), SxOs::Read | SxOs::Write | SxOs::Create);
     ASSERT_EQ(file.writeAt("data", 4, 0), 0);
-    os.setWritten(200);
+    os.setWritten(200'000);
     EXPECT_EQ(file.getProgress(), file.getProgress()) << "nothing of ours is under way";
     std::thread syncing([&] { EXPECT_EQ(file.sync(), 0); });
     EXPECT_TRUE(SxWait::pass(10'000, [&] { return os.isSyncing.load(); }));
     uint64 before = file.getProgress();
     EXPECT_EQ(file.getProgress(), before) << "the disk stands still";
-    for (const int nWritten : {300, 400}) {
+    os.setWritten(200'900);
+    EXPECT_EQ(file.getProgress(), before) << "what any system writes now and then is no copy";
+    for (const int nWritten : {201'024, 300'000}) {
         os.setWritten(nWritten);
         const uint64 now = file.getProgress();
         EXPECT_GT(now, before);
         EXPECT_EQ(file.getProgress(), now);
         before = now;
     }
+    clock.advanceMs(601'000);
+    os.setWritten(400'000);
+    EXPECT_EQ(file.getProgress(), before) << "ten minutes are enough for theirs";
     std::filesystem::remove(dir.path("figures")); // a file system without a device of its own
     EXPECT_EQ(file.getProgress(), before);
     os.letGo();
     syncing.join();
     before = file.getProgress();
-    os.setWritten(500);
+    os.setWritten(500'000);
     EXPECT_EQ(file.getProgress(), before) << "the rest is no sync of ours";
 }
