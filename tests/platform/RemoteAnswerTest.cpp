@@ -3,6 +3,7 @@
 #include "NetLab.h"
 #include "TempDir.h"
 #include "ZqFileServer.h"
+#include "ZqRangeReader.h"
 #include "ZqRemoteFile.h"
 #include "ZqRemoteImage.h"
 
@@ -263,6 +264,38 @@ TEST(RemoteFileMirrors, aRangeIsOfOneOfThem) {
         EXPECT_TRUE(buffer == one.substr(0, 400) || buffer == two.substr(0, 400)) << buffer;
         const std::string all = SxString(file->get(1000)).str();
         EXPECT_TRUE(all == one || all == two) << all;
+    }
+}
+
+// Stretches that come with one request, as those that follow what is on demand do. Each byte tells its place.
+TEST(RemoteFileMirrors, eachUnitOfARequestIsOfOneOfThemAndInItsPlace) {
+    constexpr uint64 UNIT = 100, N_UNITS = 9, FIRST = 50;
+    std::string one(1000, '\0'), two(1000, '\0');
+    for (size_t i = 0; i < one.size(); ++i) {
+        one[i] = static_cast<char>(2 * (i % 125));
+        two[i] = static_cast<char>(one[i] + 1);
+    }
+    for (const uint64 nSent : {60U, 99U, 100U, 101U, 150U, 230U}) {
+        SCOPED_TRACE("each answer ends after " + std::to_string(nSent));
+        std::atomic<int> nAnswers{0};
+        const ScriptedServer server([&](const std::string& request) {
+            const int i = nAnswers++;
+            const bool isOther = i / 3 % 2 == 1;
+            const std::string answer = ScriptedServer::ranged(
+                request, isOther ? two : one, isOther ? "ETag: \"2\"\r\n" : "ETag: \"1\"\r\n");
+            const size_t head = answer.find("\r\n\r\n") + 4;
+            return answer.substr(0, std::min(answer.size(), head + nSent));
+        });
+        ZqNetSettings settings = quickSettings();
+        settings.nRangeTries = settings.nBrokenTries = 0;
+        const auto file = FilePtr::create(SxPtr<ZqNetLink>::create(settings), SxString(server.url("f")));
+        file->getFacts()->setSameTest([](const ZqStopTest&) { return true; });
+        ZqRangeReader reader(*file, FIRST, FIRST + N_UNITS * UNIT, ZqTransfer::Kind::OnDemand);
+        for (uint64 at = FIRST; at < FIRST + N_UNITS * UNIT; at += UNIT) {
+            std::string unit(UNIT, '\0');
+            ASSERT_EQ(reader.read(unit.data(), UNIT, nullptr), UNIT);
+            EXPECT_TRUE(unit == one.substr(at, UNIT) || unit == two.substr(at, UNIT)) << "from " << at;
+        }
     }
 }
 

@@ -92,7 +92,6 @@ void ZqRangeReader::noteVersion() {
     const bool isOther = version >= 0 && now != version;
     version = now;
     if (!inUnit || !isOther || pos == unitBegin) return;
-    pos = unitBegin;
     throw SxException(MOVED, "The file goes on in another version", UNIT, __LINE__);
 }
 
@@ -197,6 +196,8 @@ void ZqRangeReader::recover(const SxException& e, const SxString& asked, const Z
 
 bool ZqRangeReader::next(SxArray<char>* piece, const ZqStopTest& stop) {
     for (;;) {
+        // It may hold bytes of an answer that was of no use after all.
+        piece->removeAll();
         link->checkStop(stop);
         // A transfer that has brought its last byte still tells whether it ended well.
         if (pos >= end && !transfer) return false;
@@ -220,7 +221,16 @@ bool ZqRangeReader::next(SxArray<char>* piece, const ZqStopTest& stop) {
     }
 }
 
-/// Runs `take` for bytes that must be of one version, from the first on again where they were not.
+/// Nothing of the unit counts as taken: what was received of it, and waits to be given, is of no use.
+void ZqRangeReader::rewind() {
+    abandon();
+    rest.removeAll();
+    nGiven = 0;
+    pos = unitBegin;
+}
+
+/// Runs `take` for bytes that must be of one version, from the first on again where they were not, or where
+/// it has failed and is called again.
 template<class Take>
 void ZqRangeReader::asUnit(Take take) {
     unitBegin = pos - static_cast<uint64>(rest.getSize() - nGiven);
@@ -230,6 +240,7 @@ void ZqRangeReader::asUnit(Take take) {
             take();
             isDone = true;
         } catch (const SxException& e) {
+            rewind();
             if (e.hasTag(MOVED)) continue;
             inUnit = false;
             throw;

@@ -52,6 +52,7 @@ private:
     void abandon();
     void noteVersion();
     void recover(const SxException& e, const SxString& asked, const ZqStopTest& stop);
+    void rewind();
     template<class Take>
     void asUnit(Take take);
     void setTransfer(const SxPtr<ZqTransfer>& next);
