@@ -50,7 +50,7 @@ private:
     bool isSuspect(uint64 idx) const;
     bool mayCheck() const;
     bool runPacked();
-    bool runFrames();
+    bool runFrames(const SxPtr<ZqSeekTable>& known);
     bool skipOrigin(ZqRangeReader* reader, SxArray<char>* pending);
     bool fill(ZqRangeReader* reader, SxArray<char>* pending);
     int64 frameAt(const SxArray<char>& pending, const SxPtr<ZqSeekTable>& known) const;
@@ -212,8 +212,10 @@ bool ZqRemoteImage::StreamRun::isRight(uint64 idx) {
 }
 
 bool ZqRemoteImage::StreamRun::runPacked() {
+    // One may come while the request lasts, which was made without it, and for one try only.
+    const SxPtr<ZqSeekTable> known = image->getTable();
     try {
-        return runFrames();
+        return runFrames(known);
     } catch (const SxException& e) {
         const bool isKnown = image->getState() == Packed::Offered;
         if (e.hasTag(ZqNetLink::NOT_FOUND) && !isKnown) {
@@ -226,16 +228,13 @@ bool ZqRemoteImage::StreamRun::runPacked() {
         }
         // Without a table nothing depends on this form. One that comes later brings it back.
         const bool mayPass = e.hasTag(ZqNetLink::UNREACHABLE) || e.hasTag(ZqNetLink::BROKEN);
-        if (!isKnown && mayPass) {
-            wireIdx = NOWHERE;
-            return true;
-        }
-        throw;
+        if (known || !mayPass) throw;
+        wireIdx = NOWHERE;
+        return true;
     }
 }
 
-bool ZqRemoteImage::StreamRun::runFrames() {
-    const SxPtr<ZqSeekTable> known = image->getTable();
+bool ZqRemoteImage::StreamRun::runFrames(const SxPtr<ZqSeekTable>& known) {
     const uint64 first = stretchIdx(), end = endOfRequest();
     uint64 wireEnd = wirePos + (end - first) * STRETCH;
     if (known) {
