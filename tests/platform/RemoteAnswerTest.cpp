@@ -299,6 +299,63 @@ TEST(RemoteFileMirrors, eachUnitOfARequestIsOfOneOfThemAndInItsPlace) {
     }
 }
 
+// Answers that end within a unit, of mirrors that take turns, or of which none answers twice.
+TEST(RemoteFileMirrors, thatTakeTurnsGiveARangeOrEndIt) {
+    TestRandom random;
+    const std::string data = random.bytes(1000);
+    std::atomic<int> nAnswers{0};
+    std::atomic<int> nMirrors{1};
+    std::atomic<bool> isBreaking{false};
+    const ScriptedServer server([&](const std::string& request) {
+        const std::string tag = "ETag: \"" + std::to_string(nAnswers++ % nMirrors) + "\"\r\n";
+        const size_t at = request.find("bytes=");
+        if (!isBreaking && at != std::string::npos) {
+            const uint64 first = std::stoull(request.substr(at + 6));
+            return ScriptedServer::partial(data, first, std::min<uint64>(first + 149, 999), tag);
+        }
+        // The whole of a file can only break off.
+        const std::string answer = ScriptedServer::ranged(request, data, tag);
+        return answer.substr(0, std::min(answer.size(), answer.find("\r\n\r\n") + 4 + 150));
+    });
+    ZqNetSettings settings = quickSettings();
+    settings.nRangeTries = 5;
+    const auto link = SxPtr<ZqNetLink>::create(settings);
+    const auto unitsOf = [](const SxPtr<ZqRemoteFile>& file, uint64 size, bool isChecked) {
+        ZqRangeReader reader(*file, 0, 1000, ZqTransfer::Kind::OnDemand);
+        if (isChecked) reader.setChecked();
+        std::string got(1000, '\0');
+        for (uint64 at = 0; at < 1000; at += size)
+            EXPECT_EQ(reader.read(&got[at], size, nullptr), size);
+        return got;
+    };
+    const std::function<std::string(const FilePtr&)> ways[] = {
+        [](const FilePtr& file) { return SxString(file->get(1000)).str(); },
+        [&](const FilePtr& file) { return unitsOf(file, 1000, false); },
+        [&](const FilePtr& file) { return unitsOf(file, 500, false); },
+        [&](const FilePtr& file) { return unitsOf(file, 500, true); },
+    };
+    for (const int of : {2, 1000}) {
+        for (const bool breaks : {false, true}) {
+            for (size_t way = 0; way < std::size(ways); ++way) {
+                SCOPED_TRACE(std::to_string(of) + (breaks ? " that break off, way " : ", way ") +
+                             std::to_string(way));
+                nMirrors = of;
+                isBreaking = breaks;
+                nAnswers = 0;
+                const auto file = FilePtr::create(link, SxString(server.url("f")));
+                file->getFacts()->setSameTest([](const ZqStopTest&) { return true; });
+                std::string got;
+                const SxException failure = exceptionOf([&] { got = ways[way](file); });
+                // Of a thousand no two answers are of one version.
+                const bool isEnded = of > 2 && way < 3;
+                EXPECT_EQ(failure.hasTag(ZqNetLink::BROKEN), isEnded) << failure.what();
+                EXPECT_TRUE(got == (isEnded ? "" : data)) << failure.what();
+                EXPECT_LE(nAnswers, 40);
+            }
+        }
+    }
+}
+
 // The proxy of a process is told by its environment.
 TEST(RemoteFileProxy, isToldAsWhoRefuses) {
     const auto answered = [](const std::string& status, const std::string& more = "") {

@@ -337,35 +337,6 @@ TEST(RemoteImageTable, comesBackWhereItWasRefusedForAWhile) {
     }
 }
 
-// The first request of the packed form is made without a table, and breaks off behind that one's arrival.
-TEST(RemoteImageTable, whoseArrivalMeetsABreakEndsNoStream) {
-    TestRandom random;
-    const std::string zqf = halfRandom(&random, 12 * STRETCH + 345), packed = PackedImage(zqf).bytes();
-    const std::string tailAt = std::to_string(packed.size() - ZqSeekTable::maxTail(zqf.size()));
-    std::atomic<int> nFrames{0};
-    const ScriptedServer server([&](const std::string& request) {
-        if (request.find("img.zqf.zst") == std::string::npos) return ScriptedServer::ranged(request, zqf);
-        const bool isTable = request.find("bytes=0-43\r") != std::string::npos ||
-                             request.find("bytes=" + tailAt + "-") != std::string::npos;
-        if (isTable && nFrames == 0) return std::string("HTTP/1.1 503 Busy\r\nContent-Length: 0\r\n\r\n");
-        std::string answer = ScriptedServer::ranged(request, packed);
-        if (!isTable && nFrames++ == 0) answer.resize(answer.size() / 2);
-        return answer;
-    });
-    ZqRemoteImage image(SxPtr<ZqNetLink>::create(quickSettings()), SxString(server.url()), zqf.size());
-    std::string got;
-    const std::string failure = failureOf([&] {
-        image.stream(0, [&](const char* bytes, int64 n) {
-            SxWait::pass(10'000, [&] { return image.getFigures().isPacked; });
-            got.append(bytes, static_cast<size_t>(n));
-            return true;
-        });
-    });
-    EXPECT_EQ(failure, "");
-    EXPECT_TRUE(got == zqf);
-    EXPECT_GE(nFrames, 2) << "the packed form goes on";
-}
-
 TEST_F(RemoteImage, doesNotFetchTwiceWhatWasOnDemand) {
     for (const bool isPacked : {false, true}) {
         SCOPED_TRACE(isPacked ? "packed" : "plain");

@@ -10,8 +10,10 @@ namespace {
 constexpr const char* UNIT = "src/platform/netio/ZqRangeReader";
 constexpr int64 MS = 1'000'000;
 constexpr uint64 UNKNOWN = ZqRemoteFile::UNKNOWN;
-/// Tag: the bytes so far are of another version than those that follow.
-constexpr const char* MOVED = "Moved";
+/// Tag: the answer is of another version than the bytes of the unit that were taken.
+constexpr const char* ELSEWHERE = "Elsewhere";
+/// Tag: the unit begins anew, in whatever version comes.
+constexpr const char* ANEW = "Anew";
 
 } // namespace
 
@@ -22,6 +24,7 @@ ZqRangeReader::ZqRangeReader(const ZqRemoteFile& file, uint64 first, uint64 end_
       kind(kind_),
       pos(first),
       end(end_),
+      furthest(first),
       retry(link, kind_ == ZqTransfer::Kind::Ordered ? link->getSettings().nStreamTries
                                                      : link->getSettings().nRangeTries) {
 }
@@ -86,13 +89,23 @@ void ZqRangeReader::become(ZqTransfer::Kind other) {
     if (transfer) transfer->become(kind);
 }
 
-/// Bytes of a unit that have come are of no use where the others are of another version.
+/// Raises where the answer doesn't go on with the unit.
 void ZqRangeReader::noteVersion() {
     const int64 now = answer->getVersion();
-    const bool isOther = version >= 0 && now != version;
+    if (inUnit && pos != unitBegin && now != version) {
+        const SxException broken(ZqNetLink::BROKEN, "the file goes on in another version", UNIT, __LINE__);
+        throw SxException(broken, "Another mirror answers", UNIT, __LINE__).tagged(ELSEWHERE);
+    }
     version = now;
-    if (!inUnit || !isOther || pos == unitBegin) return;
-    throw SxException(MOVED, "The file goes on in another version", UNIT, __LINE__);
+}
+
+/// Mirrors may take turns, so the one that the unit was begun with is asked for once more; where it doesn't
+/// answer the unit begins anew. Which of both comes next depends on how often they were of no use, or mirrors
+/// in a fixed order could undo each step of it.
+void ZqRangeReader::goElsewhere(const SxException& e, const ZqStopTest& stop) {
+    const bool isAgain = nElsewhere % 3 == 0;
+    if (++nElsewhere > 1) retry.failed(e, stop);
+    if (!isAgain) throw SxException(ANEW, "The range begins anew", UNIT, __LINE__);
 }
 
 /// Whether somebody has waited for so long that the connection may be dead.
@@ -179,7 +192,10 @@ bool ZqRangeReader::takePiece(SxArray<char>* piece, const ZqStopTest& stop) {
 
 /// Returns where the bytes may be asked for again.
 void ZqRangeReader::recover(const SxException& e, const SxString& asked, const ZqStopTest& stop) {
-    if (e.hasTag(MOVED)) throw SxException(e);
+    if (e.hasTag(ELSEWHERE)) {
+        goElsewhere(e, stop);
+        return;
+    }
     const bool isSilent = e.hasTag(ZqNetLink::UNREACHABLE) || e.hasTag(ZqNetLink::BROKEN);
     // The first address may lead elsewhere by now.
     if (isSilent) facts->leave(asked);
@@ -194,6 +210,14 @@ void ZqRangeReader::recover(const SxException& e, const SxString& asked, const Z
     }
 }
 
+/// Bytes that have come before are none: where a unit is begun again and again the tries end, too.
+void ZqRangeReader::noteProgress(bool isMore) {
+    if (pos <= furthest && isMore) return;
+    furthest = std::max(furthest, pos);
+    nElsewhere = 0;
+    retry.progress();
+}
+
 bool ZqRangeReader::next(SxArray<char>* piece, const ZqStopTest& stop) {
     for (;;) {
         // It may hold bytes of an answer that was of no use after all.
@@ -206,7 +230,7 @@ bool ZqRangeReader::next(SxArray<char>* piece, const ZqStopTest& stop) {
             begin();
             asked = transfer->getRequest().url;
             const bool got = takePiece(piece, stop);
-            retry.progress();
+            noteProgress(got);
             if (!got) return false;
             if (piece->getSize() > 0) return true;
         } catch (const SxException& e) {
@@ -234,14 +258,14 @@ void ZqRangeReader::rewind() {
 template<class Take>
 void ZqRangeReader::asUnit(Take take) {
     unitBegin = pos - static_cast<uint64>(rest.getSize() - nGiven);
-    inUnit = true;
+    inUnit = !isChecked;
     for (bool isDone = false; !isDone;) {
         try {
             take();
             isDone = true;
         } catch (const SxException& e) {
             rewind();
-            if (e.hasTag(MOVED)) continue;
+            if (e.hasTag(ANEW)) continue;
             inUnit = false;
             throw;
         }

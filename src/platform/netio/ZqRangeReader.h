@@ -18,6 +18,8 @@ public:
     /// Lets its requests go over connections of their own and past what caches hold, since what came before
     /// was wrong. Before begin().
     void setFresh() { fresh = true; }
+    /// What is read is compared with a checksum, so it need not be of one version.
+    void setChecked() { isChecked = true; }
     /// Gives up after so many tries, instead of those of the link's settings.
     void setTries(int64 n) { retry.setTries(n); }
     /// Makes the request, where none is under way, and returns.
@@ -27,8 +29,9 @@ public:
     void relax() { become(ZqTransfer::Kind::Ahead); }
     /// The next bytes; false at the end. Raises what can't be mended.
     bool next(SxArray<char>* piece, const ZqStopTest& stop);
-    /// The next `size` bytes into `buffer`, fewer at the end; gives how many. All are of one version: where a
-    /// mirror of another one goes on, they begin anew there.
+    /// The next `size` bytes into `buffer`, fewer at the end; gives how many. All are of one version, but
+    /// for setChecked(): where only a mirror of another one goes on, they begin anew there. Where it fails it
+    /// may be called again for the same bytes.
     uint64 read(char* buffer, uint64 size, const ZqStopTest& stop);
     /// All that is left, up to `size` bytes, into `buffer`; gives how many.
     uint64 readAll(char* buffer, uint64 size, const ZqStopTest& stop);
@@ -51,6 +54,8 @@ private:
     bool takePiece(SxArray<char>* piece, const ZqStopTest& stop);
     void abandon();
     void noteVersion();
+    void goElsewhere(const SxException& e, const ZqStopTest& stop);
+    void noteProgress(bool isMore);
     void recover(const SxException& e, const SxString& asked, const ZqStopTest& stop);
     void rewind();
     template<class Take>
@@ -64,7 +69,7 @@ private:
     ZqTransfer::Kind kind SX_GUARDED_BY(transferMutex);
     int64 hastenedNs SX_GUARDED_BY(transferMutex) = 0; ///< since when somebody waits, if not from the begin
     uint64 pos = 0, end = 0;
-    bool fresh = false;
+    bool fresh = false, isChecked = false;
     SxArray<char> rest; ///< a piece of which read() has given the first `nGiven` bytes
     int64 nGiven = 0;
     SxPtr<ZqTransfer> transfer;
@@ -73,7 +78,9 @@ private:
     bool isVouched = false;      ///< the file was found to be the same since the last answer
     bool inUnit = false;         ///< the bytes from `unitBegin` on must be of one version
     uint64 unitBegin = 0;
-    int64 version = -1; ///< of the last answer
+    int64 version = -1;   ///< of the last answer that was taken
+    int64 nElsewhere = 0; ///< answers of another one since bytes were gained
+    uint64 furthest = 0;  ///< the byte behind all that have come
     /// The same request over another connection, beside one that has been silent.
     SxPtr<ZqTransfer> second;
     SxPtr<ZqRangeAnswer> secondAnswer;

@@ -365,6 +365,12 @@ SxPtr<ZqRemoteImage::Fetch> ZqRemoteImage::beginDemand(uint64 stretchIdx, bool i
     return fetch;
 }
 
+bool ZqRemoteImage::canCheck(const SxPtr<ZqSeekTable>& ofFrames) const {
+    SxMutexBlock lock(&mutex);
+    const SxPtr<ZqSeekTable>& known = ofFrames ? ofFrames : table;
+    return known && known->hasChecksums();
+}
+
 void ZqRemoteImage::begin(Fetch* fetch, ZqTransfer::Kind kind) {
     fetch->table = getTable();
     const uint64 lastIdx = fetch->endIdx - 1;
@@ -382,6 +388,8 @@ void ZqRemoteImage::begin(Fetch* fetch, ZqTransfer::Kind kind) {
                                                  offsetOf(lastIdx) + fetch->wireSize(lastIdx),
                                                  isAlone ? kind : ZqTransfer::Kind::Ahead);
     if (isDistrusted) fetch->reader->setFresh();
+    // One that came wrong may have been mixed of two packed forms.
+    if (!fetch->isAgain && canCheck(fetch->table)) fetch->reader->setChecked();
     fetch->reader->begin();
     if (kind == ZqTransfer::Kind::OnDemand) fetch->reader->hasten();
     SxMutexBlock lock(&mutex);

@@ -154,6 +154,9 @@ private:
     /// Requests a stretch that somebody waits for, and with it those that follow, where that pays.
     SxPtr<Fetch> beginDemand(uint64 stretchIdx, bool isAlone);
     void begin(Fetch* fetch, ZqTransfer::Kind kind);
+    /// Whether what is fetched by this table, or without one of the plain form, is sure to be compared with
+    /// checksums.
+    bool canCheck(const SxPtr<ZqSeekTable>& ofFrames) const;
     /// Leaves to a loader what is still to come.
     void passOn(const SxPtr<Fetch>& fetch);
     /// The stretch that comes next.

@@ -1,0 +1,89 @@
+#include "Builders.h"
+#include "Failure.h"
+#include "NetLab.h"
+#include "SxTime.h"
+#include "ZqRemoteImage.h"
+
+#include <gtest/gtest.h>
+
+// Images whose servers answer each request in another way than the one before.
+
+namespace {
+
+constexpr uint64 STRETCH = ZqRemoteImage::STRETCH;
+
+std::string readOf(ZqRemoteImage& image, uint64 offset, uint64 size) {
+    std::string buffer(size, '\0');
+    image.read(offset, size, buffer.data());
+    return buffer;
+}
+
+/// Whether a request is the first or last one of a seek table.
+bool isOfTable(const std::string& request, const std::string& packed, uint64 sizeZqf) {
+    const std::string tailAt = std::to_string(packed.size() - ZqSeekTable::maxTail(sizeZqf));
+    return request.find("bytes=0-43\r") != std::string::npos ||
+           request.find("bytes=" + tailAt + "-") != std::string::npos;
+}
+
+} // namespace
+
+// The first request of the packed form is made without a table, and breaks off behind that one's arrival.
+TEST(RemoteImageTable, whoseArrivalMeetsABreakEndsNoStream) {
+    TestRandom random;
+    const std::string zqf = random.bytes(12 * STRETCH + 345), packed = PackedImage(zqf).bytes();
+    std::atomic<int> nFrames{0};
+    const ScriptedServer server([&](const std::string& request) {
+        if (request.find("img.zqf.zst") == std::string::npos) return ScriptedServer::ranged(request, zqf);
+        const bool isTable = isOfTable(request, packed, zqf.size());
+        if (isTable && nFrames == 0) return std::string("HTTP/1.1 503 Busy\r\nContent-Length: 0\r\n\r\n");
+        std::string answer = ScriptedServer::ranged(request, packed);
+        if (!isTable && nFrames++ == 0) answer.resize(answer.size() / 2);
+        return answer;
+    });
+    ZqRemoteImage image(SxPtr<ZqNetLink>::create(quickSettings()), SxString(server.url()), zqf.size());
+    std::string got;
+    const std::string failure = failureOf([&] {
+        image.stream(0, [&](const char* bytes, int64 n) {
+            SxWait::pass(10'000, [&] { return image.getFigures().isPacked; });
+            got.append(bytes, static_cast<size_t>(n));
+            return true;
+        });
+    });
+    EXPECT_EQ(failure, "");
+    EXPECT_TRUE(got == zqf);
+    EXPECT_GE(nFrames, 2) << "the packed form goes on";
+}
+
+// Each answer is of another version and a part of what was asked for, so no stretch is of one version.
+TEST(RemoteImageMirrors, giveStretchesTogetherWhereATableChecksThem) {
+    TestRandom random;
+    const std::string zqf = random.bytes(5 * STRETCH), packed = PackedImage(zqf).bytes();
+    for (const bool isPacked : {true, false}) {
+        SCOPED_TRACE(isPacked ? "packed" : "plain");
+        std::atomic<int> nAnswers{0};
+        std::atomic<bool> hasTable{true};
+        const ScriptedServer server([&](const std::string& request) {
+            const bool isFrames = request.find("img.zqf.zst") != std::string::npos;
+            const bool isTable = isOfTable(request, packed, zqf.size());
+            if (isFrames && isTable && hasTable) return ScriptedServer::ranged(request, packed);
+            if (isFrames && !isPacked) {
+                hasTable = false;
+                return std::string("HTTP/1.1 403 Forbidden\r\nContent-Length: 0\r\n\r\n");
+            }
+            const std::string& file = isFrames ? packed : zqf;
+            const uint64 first = std::stoull(request.substr(request.find("bytes=") + 6));
+            return ScriptedServer::partial(file, first, std::min<uint64>(first + 29'999, file.size() - 1),
+                                           "ETag: \"" + std::to_string(nAnswers++) + "\"\r\n");
+        });
+        ZqRemoteImage image(SxPtr<ZqNetLink>::create(quickSettings()), SxString(server.url()), zqf.size());
+        image.setSameTest([](const ZqStopTest&) { return true; });
+        image.announce({}, {});
+        ASSERT_TRUE(SxWait::pass(5000, [&] { return image.getFigures().isPacked; }));
+        for (const uint64 idx : {3U, 1U}) {
+            std::string got;
+            const std::string failure = failureOf([&] { got = readOf(image, idx * STRETCH, STRETCH); });
+            EXPECT_TRUE(got == zqf.substr(idx * STRETCH, STRETCH)) << failure;
+        }
+        EXPECT_LE(nAnswers, 32) << "each version is doubted once";
+    }
+}
