@@ -192,6 +192,8 @@ bool ZqRangeReader::takePiece(SxArray<char>* piece, const ZqStopTest& stop) {
 
 /// Returns where the bytes may be asked for again.
 void ZqRangeReader::recover(const SxException& e, const SxString& asked, const ZqStopTest& stop) {
+    // What it was given for may have failed for any time.
+    isVouched = false;
     if (e.hasTag(ELSEWHERE)) {
         goElsewhere(e, stop);
         return;
