@@ -73,6 +73,9 @@ public:
     static bool write(const SxConstPtr<Items>& items, const SxString& path, ZqTraceParams::Method method,
                       const SxString& buildId);
 
+    // What reads a trace whole refuses one whose items aren't those that size and digest in its record tell
+    // of (ZqTraceRecords::findMismatch).
+
     // Editing. A relative time is an item's time minus the `time0` of its own trace.json, in milliseconds,
     // signed. Where nothing else is said, a failure leaves the trace as it was. What a mounted drive records
     // into, or another thread or process writes, is refused; see ZqTraceLock.

@@ -86,6 +86,7 @@ void ZqTrace::trim() {
 
 void ZqTrace::trim(const SxString& outPath) {
     const ZqTraceLock lock(outPath);
+    ZqTraceRecords::requireMatch(pathPrefix);
     const ZqTraceParams record(pathPrefix);
     const SxPtr<Items> items = getItems(true, true, true);
     write(lock, *items, outPath, record.method, record.checksumMnt, [&] { record.write(outPath); });
@@ -93,6 +94,7 @@ void ZqTrace::trim(const SxString& outPath) {
 
 void ZqTrace::dropTime(int64 from, int64 to) {
     const ZqTraceLock lock(pathPrefix);
+    ZqTraceRecords::requireMatch(pathPrefix);
     const ZqTraceParams record(pathPrefix);
     // A trace may be larger than the memory, so it is walked once more instead of being held.
     const auto walk = [&](const Put& put) {
@@ -125,6 +127,8 @@ void ZqTrace::shift(int seconds) {
 
 void ZqTrace::align(const SxString& refPath) {
     const ZqTraceLock lock(pathPrefix);
+    ZqTraceRecords::requireMatch(pathPrefix);
+    ZqTraceRecords::requireMatch(refPath);
     const ZqTraceParams refRecord(refPath), record(pathPrefix);
     const SxPtr<Items> items = getItems(true, true, true);
     if (!(refRecord.checksumMnt == record.checksumMnt)) {
@@ -152,10 +156,13 @@ void ZqTrace::align(const SxString& refPath) {
 
 void ZqTrace::append(const SxString& otherPath, const SxString& outPath, int gapSeconds) {
     // A folder without a record is no trace.
-    const ZqTraceParams otherRecord(otherPath);
+    ZqTraceRecords::requireMatch(otherPath);
     const SxPtr<Items> other = getItems(otherPath, false, true, true);
     ZqTraceParams record(pathPrefix);
-    if (!loaded) read(pathPrefix);
+    if (!loaded) {
+        ZqTraceRecords::requireMatch(pathPrefix);
+        read(pathPrefix);
+    }
     if (record.duration == 0) record.duration = getTraceDuration();
 
     auto joined = SxPtr<Items>::create();

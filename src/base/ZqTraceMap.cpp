@@ -72,6 +72,7 @@ void ZqTrace::mapToImage(const SxString& patchPath, const SxString& outPath) con
     if (record.checksumMnt == app.checksumMnt) {
         throw SxException("Trace already based on new image.", UNIT, __LINE__);
     }
+    ZqTraceRecords::requireMatch(pathPrefix);
     const SxString file = patchPath + "map.idx";
     const SxArray<uint64> map = readMap(file);
     // A trace may be larger than the memory, so it is walked once more instead of being held.

@@ -170,6 +170,7 @@ void ZqTrace::merge(const SxString& outPath, const SxConstPtr<SxArray<ZqTrace>>&
     for (const ZqTrace& trace : *traces) {
         sources.emplace_back(trace.pathPrefix);
         sources.back().getRecord().refuseSeries();
+        ZqTraceRecords::requireMatch(trace.pathPrefix);
         const SxString& own = sources.back().getBuildId();
         nItems += sources.back().getN();
         if (buildId.isEmpty()) buildId = own;
@@ -210,6 +211,8 @@ void ZqTrace::merge(const SxString& outPath, const SxConstPtr<SxArray<ZqTrace>>&
 }
 
 ZqTrace::Difference ZqTrace::compare(const SxString& otherPath) const {
+    ZqTraceRecords::requireMatch(pathPrefix);
+    ZqTraceRecords::requireMatch(otherPath);
     const SxPtr<Items> reference = getItems(true, true, true);
     const SxPtr<Items> other = getItems(otherPath, true, true, true);
     const auto time0 = static_cast<uint64>(ZqTraceParams(pathPrefix).time0);

@@ -34,6 +34,7 @@ ZqTracePlot::ZqTracePlot(Settings settings_)
       writes(reads),
       nNew(N_COLUMNS),
       ends(N_COLUMNS) {
+    ZqTraceRecords::requireMatch(settings.trace);
     time0 = settings.begin ? *settings.begin : ZqTraceParams(settings.trace).time0;
     if (hasPlaces()) readPlaces();
     findRange();

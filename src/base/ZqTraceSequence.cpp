@@ -3,6 +3,7 @@
 #include "SxIndexSet.h"
 #include "SxMap.h"
 #include "ZqTrace.h"
+#include "ZqTraceRecords.h"
 
 #include <vector>
 
@@ -47,6 +48,7 @@ private:
 } // namespace
 
 SxList<ZqSequence> ZqTrace::traceToSequence() const {
+    ZqTraceRecords::requireMatch(pathPrefix);
     const auto time0 = static_cast<uint64>(ZqTraceParams(pathPrefix).time0);
     const SxPtr<Items> items = getItems(true, true, true);
     const int64 n = items->getSize();

@@ -190,7 +190,7 @@ TEST(Picture, NoNameAndNoRecordBreaksThePicture) {
     const std::vector<ZqTraceItem> cases[] = {
         {},
         {at(5, 0)},
-        {at(-TIME0 - 11'644'473'600'000, 0), at(1'000'000'000'000'000, (uint64{1} << 51) - 1, true)},
+        {at(-TIME0 - 11'644'473'600'000, 1), at(1'000'000'000'000'000, (uint64{1} << 51) - 1, true)},
     };
     for (const auto& items : cases) {
         const std::string svg = draw(makeTrace(dir, hostile, items));

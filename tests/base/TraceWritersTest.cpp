@@ -92,8 +92,22 @@ TEST(TraceWriters, ACutBetweenTheFilesIsFoundAndMended) {
     other[0] = 9; // of the same size
     for (const std::string& now : {items.substr(0, 32), other, items + "rest"}) {
         dir.write("a/img.trc", now);
-        EXPECT_THAT(failureOf([&] { ZqTraceRecords::requireMatch(path); }),
-                    HasSubstr("tavrin trace mend TRACE"));
+        const SxString out = dir.path("out/"), sound = makeTrace(dir, "sound", at({{1, 1}, {4, 2}}), 1000);
+        auto both = SxPtr<SxArray<ZqTrace>>::create();
+        both->append(ZqTrace(sound));
+        both->append(ZqTrace(path));
+        const std::vector<std::function<void()>> readers = {
+            [&] { ZqTraceRecords::requireMatch(path); },  [&] { ZqTrace(path).trim(out); },
+            [&] { ZqTrace(path).dropTime(0, 9); },        [&] { ZqTrace(path).align(sound); },
+            [&] { ZqTrace(sound).align(path); },          [&] { ZqTrace(path).append(sound, out, 0); },
+            [&] { ZqTrace(sound).append(path, out, 0); }, [&] { (void)ZqTrace(path).traceToSequence(); },
+            [&] { ZqTrace::merge(out, both); },           [&] { (void)ZqTrace(sound).compare(path); },
+        };
+        for (size_t i = 0; i < readers.size(); ++i) {
+            SCOPED_TRACE(i);
+            EXPECT_THAT(failureOf(readers[i]), HasSubstr("tavrin trace mend TRACE"));
+            EXPECT_EQ(dir.read("a/img.trc"), now);
+        }
         ZqTrace(path).mend();
         EXPECT_EQ(failureOf([&] { ZqTraceRecords::requireMatch(path); }), "");
         Params mended(path);
