@@ -11,7 +11,6 @@
 #include "ZqTraceFiles.h"
 #include "ZqTraceLock.h"
 #include "ZqTraceRecords.h"
-#include "ZqTraceSources.h"
 
 #include <algorithm>
 #include <map>
@@ -194,7 +193,7 @@ void ZqTraceBuilder::sweep() {
         const auto cutOff = ZqTraceSources::read(folder.getOrig() + "/");
         if (!cutOff) continue;
         log("Going on with what was cut off, from " + folder.getOrig());
-        removed << cutOff->finish(tracesPath, folder.getName());
+        tell(cutOff->finish(tracesPath, folder.getName()));
     }
     std::vector<Run> runs = findRuns();
     if (runs.size() <= 1) return log("Nothing to merge");
@@ -360,7 +359,7 @@ void ZqTraceBuilder::finish(const std::vector<Run>& runs, const Joined& joined) 
         }
     }
     if (!hasResult) {
-        removed << sources.removeAll(tracesPath);
+        tell(sources.removeAll(tracesPath));
         return;
     }
 
@@ -379,5 +378,11 @@ void ZqTraceBuilder::finish(const std::vector<Run>& runs, const Joined& joined) 
         throw;
     }
     log("Merged traces into " + work);
-    removed << sources.finish(tracesPath, name);
+    tell(sources.finish(tracesPath, name));
+}
+
+void ZqTraceBuilder::tell(const ZqTraceSources::Gone& gone) {
+    removed << gone.removed;
+    for (const SxString& name : gone.emptied)
+        left.push_back({name, "its trace is gone, and what else it holds stays"});
 }

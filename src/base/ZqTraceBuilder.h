@@ -4,14 +4,16 @@
 #include "SxMutex.h"
 #include "SxString.h"
 #include "SxSystemThread.h"
+#include "ZqTraceSources.h"
 
 #include <vector>
 
 /// Sweeps a folder of traces, one folder for each run, and folds them, one after the other in the order of
-/// their start times, into one trace in there; the folders of the runs go. A trace that is damaged, so one
+/// their start times, into one trace in there; the runs go, with their folders where those hold nothing else.
+/// A trace that is damaged, so one
 /// that doesn't parse or is empty, is left out and goes too. Every other that isn't joined stays: of a newer
 /// format, of another build than the newest run, of two with the same start all but one, what a drive records
-/// into. So does what is no trace. Holds the shape of the image exclusively.
+/// into. What is no trace stays, too. Holds the shape of the image exclusively.
 ///
 /// Of a run its records are walked twice and never held; in memory are the first accesses to each block.
 ///
@@ -35,7 +37,7 @@ public:
     int64 getNJoined() const { return nJoined; }
     /// Traces that were damaged and went.
     int64 getNCorrupted() const { return nCorrupted; }
-    /// A trace that was left where it is, but for a former result, which makes room under another name.
+    /// A folder that stays where it is, but for a former result, which makes room under another name.
     struct Left {
         SxString name; ///< of its folder now
         SxString why;  ///< a clause
@@ -59,6 +61,7 @@ private:
     /// Leaves out what can't go into one trace with the newest run.
     void choose(std::vector<Run>* runs);
     void leave(Run* run, const SxString& why);
+    void tell(const ZqTraceSources::Gone& gone);
     void joinAll(std::vector<Run>* runs, Joined* joined);
     /// Says why the run can't be joined; empty where it can.
     SxString findObstacle(const Run& run, const Joined& joined) const;

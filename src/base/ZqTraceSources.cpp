@@ -157,25 +157,42 @@ bool ZqTraceSources::isAsNoted(const SxString& tracesPath, const Folder& noted) 
     return (now.record.isEmpty() || now.record == noted.record) && (now.size < 0 || now.size == noted.size);
 }
 
-SxList<SxString> ZqTraceSources::removeAll(const SxString& tracesPath) const {
-    SxList<SxString> removed;
+/// Removes the files of a trace alone.
+void ZqTraceSources::removeTrace(const SxString& path) {
+    for (const SxFileInfo& info : SxFSAction::ls(path)) {
+        const SxString name = info.getName();
+        const bool isTrace = name == ZqTraceFiles::ITEMS || name == ZqTraceFiles::RECORD || isRestName(name);
+        if (isTrace && !info.isDir()) SxFSAction::rm(info.getAbsPath());
+    }
+    SxFSAction::syncDir(path);
+}
+
+ZqTraceSources::Gone ZqTraceSources::removeAll(const SxString& tracesPath) const {
+    Gone gone;
     // By the listing, which fails where it can't tell: a source that is passed over would be joined again.
     for (const SxFileInfo& info : SxFSAction::ls(tracesPath)) {
         const auto noted = std::find_if(folders.begin(), folders.end(),
                                         [&](const Folder& folder) { return folder.name == info.getName(); });
         if (noted == folders.end() || !isAsNoted(tracesPath, *noted)) continue;
-        zqLogMsg("base", "ZqTraceBuilder::main: Removing trace folder " + info.getAbsPath());
-        SxFSAction::rm_r(info);
-        if (!(noted->name == aside)) removed << noted->name;
+        const SxString path = tracesPath + noted->name + "/";
+        if (holdsTraceAlone(path)) {
+            zqLogMsg("base", "ZqTraceBuilder::main: Removing trace folder " + info.getAbsPath());
+            SxFSAction::rm_r(info);
+            if (!(noted->name == aside)) gone.removed << noted->name;
+        } else {
+            zqLogMsg("base", "ZqTraceBuilder::main: Removing only the trace in " + info.getAbsPath());
+            removeTrace(path);
+            gone.emptied << noted->name;
+        }
     }
     SxFSAction::syncDir(tracesPath);
-    return removed;
+    return gone;
 }
 
-SxList<SxString> ZqTraceSources::finish(const SxString& tracesPath, const SxString& name) const {
+ZqTraceSources::Gone ZqTraceSources::finish(const SxString& tracesPath, const SxString& name) const {
     if (!(name == target)) putInPlace(tracesPath, name);
-    SxList<SxString> removed = removeAll(tracesPath);
+    Gone gone = removeAll(tracesPath);
     SxFSAction::rm(tracesPath + target + "/" + NOTE);
     SxFSAction::syncDir(tracesPath + target + "/");
-    return removed;
+    return gone;
 }

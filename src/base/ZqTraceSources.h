@@ -28,13 +28,17 @@ public:
     /// can't be read.
     static std::optional<ZqTraceSources> read(const SxString& path);
 
+    /// Names of folders that went into a trace.
+    struct Gone {
+        SxList<SxString> removed; ///< gone, but for a former result
+        SxList<SxString> emptied; ///< only their trace is gone, since they held something else, too
+    };
     /// Puts the complete trace in the folder `name` of `tracesPath` in its place, removes the folders that
-    /// went into it, and then the note. After a cut at any point it goes on when it is called again. Gives
-    /// the names of the folders that are gone.
-    SxList<SxString> finish(const SxString& tracesPath, const SxString& name) const;
+    /// went into it, and then the note. After a cut at any point it goes on when it is called again.
+    Gone finish(const SxString& tracesPath, const SxString& name) const;
 
-    /// Removes the folders that were noted; gives their names, but for that of a former result.
-    SxList<SxString> removeAll(const SxString& tracesPath) const;
+    /// Removes the traces that were noted, with their folders where those hold nothing else.
+    Gone removeAll(const SxString& tracesPath) const;
 
     /// A new name for a folder in `tracesPath`.
     static SxString newName(const SxString& tracesPath);
@@ -53,6 +57,7 @@ private:
     static Folder look(const SxString& tracesPath, const SxString& name);
     void putInPlace(const SxString& tracesPath, const SxString& name) const;
     static bool isAsNoted(const SxString& tracesPath, const Folder& noted);
+    static void removeTrace(const SxString& path);
 
     SxString target;
     SxString aside; ///< the name that a former result takes until it goes; empty where there was none

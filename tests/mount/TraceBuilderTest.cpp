@@ -187,13 +187,20 @@ TEST(TraceBuilder, WhatIsDamagedGoesAndWhatIsNoTraceStays) {
     // Behind the good one its times would lie where no record reaches.
     sweep.makeTrace("far", LATE + 1, {{1, 5, false}, {2, static_cast<uint64>(LATE), false}});
     sweep.dir.write(sweep.traces + "letters/dear.txt", "precious");
+    sweep.makeRun("mixed", LATE - 1000, {8});
+    sweep.dir.write(sweep.traces + "mixed/notes.txt", "precious");
+    sweep.makeRun("mixed/older", 5, {9});
     sweep.dir.write(sweep.traces + "note.txt", "a file");
     EXPECT_EQ(sweep.sweep(), "");
-    EXPECT_EQ(sweep.nJoined, 1);
-    EXPECT_EQ(sweep.itemsOf("merged").size(), 2U);
+    EXPECT_EQ(sweep.nJoined, 2);
+    EXPECT_EQ(sweep.itemsOf("merged").size(), 3U);
     EXPECT_EQ(sweep.nLogged("ZqTraceBuilder::main: Corrupted trace"), sweep.nCorrupted);
     EXPECT_EQ(sweep.nCorrupted, 5);
-    EXPECT_THAT(sweep.names(), ElementsAre("far", "letters", "merged", "note.txt", "wild"));
+    EXPECT_THAT(sweep.names(), ElementsAre("far", "letters", "merged", "mixed", "note.txt", "wild"));
+    EXPECT_EQ(sweep.dir.read(sweep.traces + "mixed/notes.txt"), "precious");
+    EXPECT_EQ(sweep.itemsOf("mixed/older").size(), 1U);
+    EXPECT_FALSE(fs::exists(sweep.dir.path(sweep.traces + "mixed/img.trc"))) << "it would be joined again";
+    EXPECT_THAT(sweep.left["mixed"], HasSubstr("what else it holds stays"));
     EXPECT_THAT(sweep.removed,
                 testing::UnorderedElementsAre("good", "empty", "cut", "without items", "nothing", "half"));
     EXPECT_THAT(sweep.left["wild"], HasSubstr("which no disk has"));
