@@ -296,7 +296,8 @@ void ZqRun::noteEnd() {
 }
 
 void ZqRun::follow() {
-    if (!result.traceFolder.isEmpty() && settings.traceMs > 0)
+    // A run that was killed may have left its trace running.
+    if (settings.traceMs > 0 && (!result.traceFolder.isEmpty() || guard->isAdopted()))
         traceEndNs = SxClock::get().steadyNs() + settings.traceMs * 1'000'000;
     while (guard->isRunning()) {
         if (isStopping()) {
@@ -309,7 +310,7 @@ void ZqRun::follow() {
         searching = guard->isSearching();
         noteApplication();
         lookForFrame();
-        endTrace();
+        limitTrace();
         suspendProcess();
         feed.restoreWindow();
         const bool awaitsFrame = !settings.firstFrameFile.isEmpty() && result.firstFrameMs < 0;

@@ -109,7 +109,8 @@ private:
     void tellWaiting(const SxString& line);
     bool hasOwnTrace() const;
     /// Ends the recording where it has lasted long enough.
-    void endTrace();
+    void limitTrace();
+    void endTrace() const;
     void awaitRoom();
     void feedDrive();
     void prepare();

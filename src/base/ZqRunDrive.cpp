@@ -196,12 +196,18 @@ bool ZqRun::hasOwnTrace() const {
            !settings.feed.isDownloadOnly;
 }
 
-void ZqRun::endTrace() {
+void ZqRun::limitTrace() {
     if (traceEndNs == 0 || SxClock::get().steadyNs() < traceEndNs) return;
     traceEndNs = 0;
+    endTrace();
+}
+
+void ZqRun::endTrace() const {
     try {
-        ZqMountMgr().monitorOff(image);
-        zqLogMsg("base", "ZqRun: the trace ends, the application goes on");
+        const ZqMountMgr mounts;
+        if (!mounts.isMonitored(image)) return;
+        mounts.monitorOff(image);
+        zqLogMsg("base", "ZqRun: the trace ends, the drive stays");
     } catch (const SxException& e) {
         // It only gets longer than it should.
         zqLogMsg("base", SxString("ZqRun: cannot end the trace: ") + e.what());
@@ -300,6 +306,8 @@ void ZqRun::endDrive(bool keep) {
                               UNIT, __LINE__);
         }
     } else if (keep) {
+        // The play that it is of has ended.
+        endTrace();
         result.mountPath = disk.mountPath;
     } else {
         takeDriveAway();

@@ -226,8 +226,9 @@ TEST_F(StreamRun, AKilledRunLeavesItsApplicationToTheNext) {
     first->signal(SIGKILL);
     first->end();
     ZqMountMgr().suspend(SxString(got));
-    const auto next = start();
+    const auto next = start({"--trace-seconds", "1"});
     ASSERT_TRUE(SxWait::pass(20'000, [&] { return hasPlayed(); })) << next->says();
+    EXPECT_TRUE(eventually([&] { return !ZqMountMgr().isMonitored(SxString(got)); }));
     release();
     EXPECT_EQ(next->end(), 0) << next->says();
     EXPECT_THAT(next->says(), HasSubstr("its exit code is unknown"));
@@ -299,6 +300,11 @@ TEST_F(StreamRun, RecordsNoLongerAndKeepsNoMoreThanItIsTold) {
         EXPECT_NE(traces(), former) << "the newest one isn't that which stays";
         former = traces();
     }
+    // Whoever reads the drive later isn't the application that the trace is of.
+    done({"run", got, "--keep-mounted"});
+    EXPECT_TRUE(isMounted());
+    EXPECT_THAT(run({"status", got, "--json"}).out, HasSubstr("\"monitored\": false"));
+    done({"umount", got});
 }
 
 TEST_F(StreamRun, RecordsThatAKilledRunDidntGetAreFetched) {
