@@ -64,8 +64,9 @@ void ZqImageMapFetch::fetch(const Form& form) {
     if (digest.isEmpty()) removePart(form);
     for (bool isLast = false;; isLast = true) {
         const bool isAnew = !SxFSAction::exists(form.part);
+        bool isMixed = false;
         try {
-            download(form);
+            download(form, &isMixed);
             take(form);
             return;
         } catch (const SxException& e) {
@@ -73,14 +74,24 @@ void ZqImageMapFetch::fetch(const Form& form) {
                 if (e.hasTag(tag)) throw;
             }
             removePart(form);
-            const bool mayHelp = !isAnew || e.hasTag(ZqNetLink::CHANGED);
+            const bool mayHelp = !isAnew || isMixed;
             if (isLast || !mayHelp || e.hasTag(ZqNetLink::NOT_FOUND) || e.hasTag(ZqNetLink::REFUSED)) throw;
             zqLogMsg("base", "ZqImageMapFetch: begins anew: " + e.toString(SxException::ShowMessage, ": "));
         }
     }
 }
 
-void ZqImageMapFetch::download(const Form& form) const {
+void ZqImageMapFetch::download(const Form& form, bool* isMixed) const {
+    const uint64 expected = form.isPacked ? ZqRemoteFile::UNKNOWN : form.maxSize;
+    ZqRemoteFile remote(link, ZqRemoteFile::urlIn(url, form.name), headers, expected);
+    remote.getFacts()->setSameTest([isMixed](const ZqStopTest&) {
+        *isMixed = true;
+        return true;
+    });
+    if (digest.isEmpty()) {
+        remote.fetchTo(form.part, stop, form.maxSize);
+        return;
+    }
     const SxFileInfo there(form.part);
     const bool goesOn =
         there.isFile() && !there.isLink() && static_cast<uint64>(there.getSize()) <= form.maxSize;
@@ -91,8 +102,6 @@ void ZqImageMapFetch::download(const Form& form) const {
         file.create(form.part, 0644);
     }
     auto size = static_cast<uint64>(file.getSize());
-    const uint64 expected = form.isPacked ? ZqRemoteFile::UNKNOWN : form.maxSize;
-    ZqRemoteFile remote(link, ZqRemoteFile::urlIn(url, form.name), headers, expected);
     const auto sink = [&](const char* bytes, int64 n) {
         size += static_cast<uint64>(n);
         if (size > form.maxSize) {

@@ -29,7 +29,9 @@ private:
     };
 
     void fetch(const Form& form);
-    void download(const Form& form) const;
+    /// Adds to what has come of a form; `*isMixed` tells whether mirrors gave it that tell other versions.
+    /// Without a digest to check it by, it comes as one, and of one of them.
+    void download(const Form& form, bool* isMixed) const;
     void take(const Form& form) const;
     void decode(const SxString& packed) const;
     void removePart(const Form& form) const;

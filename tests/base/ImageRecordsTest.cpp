@@ -1,6 +1,8 @@
 #include "Builders.h"
+#include "Failure.h"
 #include "FaultOs.h"
 #include "NetLab.h"
+#include "SxMd5.h"
 #include "TempDir.h"
 #include "ZqAppParams.h"
 #include "ZqFileServer.h"
@@ -8,6 +10,7 @@
 
 #include <filesystem>
 #include <gmock/gmock.h>
+#include <map>
 
 namespace {
 
@@ -95,6 +98,42 @@ TEST(ImageRecords, thatAreWrongOnTheServerAreToldAsTheServers) {
             FAIL() << "it was taken";
         } catch (const SxException& e) {
             EXPECT_TRUE(e.hasTag(ZqNetLink::WRONG)) << e.what();
+        }
+    }
+}
+
+// Two mirrors of other validators that take turns and break off, as a proxy under load does.
+TEST(ImageRecords, comeTogetherOfMirrors) {
+    TempDir dir;
+    TestRandom random;
+    const TestImage game(random, 100);
+    game.write(dir.prefix() + "served/");
+    for (const bool hasDigest : {true, false}) {
+        SCOPED_TRACE(hasDigest ? "with a digest" : "without");
+        ZqAppParams params(dir.prefix() + "served/");
+        params.checksumIdx = hasDigest ? SxMd5::get(SxString(game.idxBytes())) : SxString();
+        params.write(dir.prefix() + "served/");
+        std::map<std::string, int> nAnswers;
+        const ScriptedServer server([&](const std::string& request) {
+            const std::string name = request.substr(5, request.find(' ', 5) - 5);
+            if (!dir.exists("served/" + name)) return answered("404 None");
+            const char* mirror = nAnswers[name]++ % 2 == 0 ? "ETag: \"1\"\r\n" : "ETag: \"2\"\r\n";
+            const std::string answer = ScriptedServer::ranged(request, dir.read("served/" + name), mirror);
+            return answer.substr(0, std::min(answer.size(), answer.find("\r\n\r\n") + 4 + 120));
+        });
+        std::filesystem::remove_all(dir.path("game"));
+        std::filesystem::create_directory(dir.path("game"));
+        ZqImageRecords records(SxPtr<ZqNetLink>::create(quickSettings()), dir.prefix() + "game",
+                               SxString(server.url()), {});
+        const std::string failure = failureOf([&] {
+            bool isConfirmed = false;
+            records.fetchRest(records.fetchApp(false, &isConfirmed, nullptr), nullptr);
+        });
+        EXPECT_EQ(failure, "");
+        for (const char* name : {"app.json", "img.json", "img.idx"}) {
+            EXPECT_TRUE(dir.read(std::string("game/") + name) == dir.read(std::string("served/") + name))
+                << name;
+            EXPECT_GE(nAnswers[name], 3) << "it came of one answer";
         }
     }
 }

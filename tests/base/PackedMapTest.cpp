@@ -267,3 +267,25 @@ TEST(MapFetchRefused, NoFormIsWaitedForThatIsRefused) {
         EXPECT_EQ(server.requests().size(), 2U);
     }
 }
+
+TEST(MapFetchMirrors, OneOfAnotherMapCostsNoMoreThanAnotherTry) {
+    TestRandom random(17);
+    const std::string map = orderedMap(random, 1000), other = orderedMap(random, 1000);
+    ZqAppParams app;
+    app.sizeIdx = map.size();
+    app.checksumIdx = SxMd5::get(SxString(map));
+    std::atomic<int> nAnswers{0};
+    ScriptedServer server([&](const std::string& request) {
+        if (request.find("img.idx.zst") != std::string::npos)
+            return std::string("HTTP/1.1 404 None\r\nContent-Length: 0\r\n\r\n");
+        if (nAnswers++ > 0) return ScriptedServer::ranged(request, map, "ETag: \"1\"\r\n");
+        const std::string answer = ScriptedServer::ranged(request, other, "ETag: \"2\"\r\n");
+        return answer.substr(0, answer.size() / 2);
+    });
+    const TempDir dir;
+    ZqImageMapFetch job(SxPtr<ZqNetLink>::create(quickSettings()), dir.prefix(), server.url(), {}, app,
+                        nullptr);
+    job.start();
+    EXPECT_EQ(failureOf([&] { job.finish(); }), "");
+    EXPECT_TRUE(dir.read("img.idx") == map);
+}
