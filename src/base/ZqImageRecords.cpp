@@ -129,8 +129,8 @@ void ZqImageRecords::requireNoPage(const SxString& text, const char* name) const
                       UNIT, __LINE__);
 }
 
-ZqAppParams ZqImageRecords::look(SxString* text, const ZqStopTest& stop) const {
-    const SxArray<char> bytes = remote(ZqImageFiles::APP_JSON)->get(MAX_RECORD, stop);
+ZqAppParams ZqImageRecords::look(SxString* text, const ZqStopTest& stop, ZqTransfer::Kind kind) const {
+    const SxArray<char> bytes = remote(ZqImageFiles::APP_JSON)->get(MAX_RECORD, stop, kind);
     *text = SxString(std::string_view(bytes.data(), static_cast<size_t>(bytes.getSize())));
     requireNoPage(*text, ZqImageFiles::APP_JSON);
     try {
@@ -152,7 +152,7 @@ void ZqImageRecords::requireSameOnServer(const ZqAppParams& own, const ZqStopTes
 
 bool ZqImageRecords::isSameOnServer(const ZqAppParams& own, const ZqStopTest& stop) const {
     SxString text;
-    return areSame(own, look(&text, stop));
+    return areSame(own, look(&text, stop, ZqTransfer::Kind::OnDemand));
 }
 
 ZqAppParams ZqImageRecords::fetchApp(bool mayPlay, bool* isConfirmed, const ZqStopTest& stop) {

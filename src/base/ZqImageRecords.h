@@ -30,7 +30,7 @@ public:
     void fetchRest(const ZqAppParams& app, const ZqStopTest& stop);
 
     /// Whether the server's `app.json` is still that of the version and block order of `own`. Raises where
-    /// that can't be told now. Safe from any thread.
+    /// that can't be told now. Asks for it as for what an application waits for. Safe from any thread.
     bool isSameOnServer(const ZqAppParams& own, const ZqStopTest& stop) const;
 
 private:
@@ -45,7 +45,8 @@ private:
     void requireNoPage(const SxString& text, const char* name) const;
     void requireParams(const SxString& file, const ZqAppParams& app) const;
     /// The server's `app.json`, and what it was read from. Nothing is written, so a full disk is no matter.
-    ZqAppParams look(SxString* text, const ZqStopTest& stop) const;
+    ZqAppParams look(SxString* text, const ZqStopTest& stop,
+                     ZqTransfer::Kind kind = ZqTransfer::Kind::Small) const;
     void requireSame(const ZqAppParams& own, const ZqAppParams& server) const;
 
     const SxPtr<ZqNetLink> link;

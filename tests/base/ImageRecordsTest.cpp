@@ -1,7 +1,9 @@
 #include "Builders.h"
 #include "Failure.h"
 #include "FaultOs.h"
+#include "LinkProxy.h"
 #include "NetLab.h"
+#include "SxClock.h"
 #include "SxMd5.h"
 #include "TempDir.h"
 #include "ZqAppParams.h"
@@ -136,4 +138,26 @@ TEST(ImageRecords, comeTogetherOfMirrors) {
             EXPECT_GE(nAnswers[name], 3) << "it came of one answer";
         }
     }
+}
+
+// Whoever waits for bytes waits for what they are doubted by.
+TEST(ImageRecords, areAskedForTwiceWhereADoubtMeetsADeadConnection) {
+    TempDir dir;
+    TestRandom random;
+    TestImage(random, 10).write(dir.prefix());
+    ZqFileServer server(dir.prefix());
+    server.start();
+    LinkProxy proxy(server.getPort());
+    ZqNetSettings settings = quickSettings();
+    settings.secondMs = 300;
+    settings.stallMs = 5'000;
+    const ZqImageRecords records(SxPtr<ZqNetLink>::create(settings), dir.prefix(), SxString(proxy.url("")),
+                                 {});
+    const ZqAppParams own(dir.prefix());
+    EXPECT_TRUE(records.isSameOnServer(own, nullptr));
+    proxy.forgetConnections();
+    const int64 start = SxClock::get().steadyNs();
+    EXPECT_TRUE(records.isSameOnServer(own, nullptr));
+    EXPECT_LT(SxClock::get().steadyNs() - start, 3'000'000'000);
+    EXPECT_EQ(proxy.getNConnections(), 2);
 }

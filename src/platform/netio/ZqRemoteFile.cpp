@@ -48,8 +48,8 @@ void ZqRemoteFile::finish(ZqRangeReader* reader, uint64 n, char* buffer, const Z
     }
 }
 
-SxArray<char> ZqRemoteFile::get(int64 maxSize, const ZqStopTest& stop) {
-    ZqRangeReader reader(*this, 0, UNKNOWN, ZqTransfer::Kind::Small);
+SxArray<char> ZqRemoteFile::get(int64 maxSize, const ZqStopTest& stop, ZqTransfer::Kind kind) {
+    ZqRangeReader reader(*this, 0, UNKNOWN, kind);
     SxArray<char> bytes;
     try {
         reader.takeAll(

@@ -34,8 +34,10 @@ public:
     void read(uint64 offset, uint64 size, char* buffer, const ZqStopTest& stop = nullptr);
     /// The same for a request that was begun before.
     void finish(ZqRangeReader* reader, uint64 size, char* buffer, const ZqStopTest& stop);
-    /// The whole file, which must not have more than `maxSize` bytes. Needs no ranges of the server.
-    SxArray<char> get(int64 maxSize, const ZqStopTest& stop = nullptr);
+    /// The whole file, which must not have more than `maxSize` bytes. Needs no ranges of the server. OnDemand
+    /// where somebody waits for it, so that a dead connection costs little.
+    SxArray<char> get(int64 maxSize, const ZqStopTest& stop = nullptr,
+                      ZqTransfer::Kind kind = ZqTransfer::Kind::Small);
     /// Gets bytes in order; false ends the transfer.
     using Sink = std::function<bool(const char* bytes, int64 n)>;
     /// Streams the file from `offset` to its end to `sink`, on the calling thread and at its pace. False
