@@ -9,6 +9,8 @@
 
 #include <atomic>
 #include <deque>
+#include <filesystem>
+#include <fstream>
 #include <gmock/gmock.h>
 #include <thread>
 
@@ -34,6 +36,21 @@ std::string whole(const std::string& file) {
 
 std::string answer(const std::string& request, const std::string& file) {
     return request.find("Range:") == std::string::npos ? whole(file) : ScriptedServer::ranged(request, file);
+}
+
+/// How often the threads of this process that have that name have gone to sleep.
+int64 wakeUpsOf(const std::string& name) {
+    int64 n = 0;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::ifstream comm(task.path() / "comm"), status(task.path() / "status");
+        std::string line;
+        if (!std::getline(comm, line) || line != name) continue;
+        while (std::getline(status, line)) {
+            if (line.starts_with("voluntary_ctxt_switches:"))
+                n += std::stoll(line.substr(line.find(':') + 1));
+        }
+    }
+    return n;
 }
 
 ZqTransfer::Response responseOf(std::initializer_list<const char*> lines) {
@@ -118,6 +135,53 @@ TEST(BusyServer, isAskedForWhatMayBeginWhoeverStandsBefore) {
     // Beyond the halved number the ordered stream still has its place.
     const int64 open = now + 61 * SECOND;
     EXPECT_EQ(gate.choose({ahead(old), ordered(old)}, 50, open), 1u);
+}
+
+TEST(BusyServer, isLookedAtAgainWhenARequestMayBegin) {
+    constexpr int64 NEVER = ZqNetGate::NEVER;
+    const ZqNetGate::Request waitedFor{true, false}, ahead{false, false}, ordered{false, true};
+    const int64 now = 100 * SECOND;
+    ZqNetGate gate{ZqNetSettings()};
+    EXPECT_EQ(gate.findNextNs({}, 0, now), NEVER);
+    EXPECT_EQ(gate.findNextNs({ahead}, 50, now), now);
+    gate.refused(now - SECOND, 60'000, 7, now);
+    // It is tried by what somebody waits for alone, if nothing else is under way.
+    EXPECT_EQ(gate.findNextNs({ordered, waitedFor}, 0, now), now + 10 * SECOND);
+    EXPECT_EQ(gate.findNextNs({ordered, waitedFor}, 1, now), now + 60 * SECOND);
+    EXPECT_EQ(gate.findNextNs({ahead}, 0, now + 59 * SECOND), now + 60 * SECOND);
+    // Half of the eight at once, and half as often.
+    ZqNetGate slow{ZqNetSettings()};
+    for (int i = 10; i >= 0; --i)
+        slow.noteBegin(now - i * SECOND / 20);
+    slow.refused(now - SECOND, -1, 7, now);
+    slow.noteBegin(now + SECOND);
+    const int64 next = slow.findNextNs({ahead}, 0, now + SECOND);
+    EXPECT_GT(next, now + SECOND + 100 * MS);
+    EXPECT_LT(next, now + 2 * SECOND);
+    EXPECT_TRUE(slow.mayBegin(ahead, 0, next));
+    EXPECT_FALSE(slow.mayBegin(ahead, 0, next - MS));
+    EXPECT_EQ(slow.findNextNs({ahead}, 4, now + SECOND), NEVER) << "until one of them ends";
+    EXPECT_EQ(slow.findNextNs({ahead, ordered}, 4, now + SECOND), next);
+}
+
+TEST(BusyServer, isWaitedForWithoutLooking) {
+    const ScriptedServer server([](const std::string&) { return refusal(503, "Retry-After: 100\r\n"); });
+    const auto link = SxPtr<ZqNetLink>::create(ZqNetSettings());
+    ZqRemoteFile remote(link, SxString(server.url("f")));
+    std::atomic<bool> stopped{false};
+    std::thread stream([&] {
+        EXPECT_ANY_THROW(remote.stream(
+            0, [](const char*, int64) { return true; }, [&] { return stopped.load(); }));
+    });
+    EXPECT_TRUE(SxWait::pass(5000, [&] { return link->getRefusedNs() != 0; }));
+    // The stream's next request is queued then, once its first back-off is over.
+    EXPECT_TRUE(SxWait::pass(5000, [&] { return link->getFigures().nRetries > 0; }));
+    SxTime::msleep(300);
+    const int64 nBefore = wakeUpsOf("zqnetio");
+    SxTime::msleep(1'000);
+    EXPECT_LE(wakeUpsOf("zqnetio") - nBefore, 20);
+    stopped = true;
+    stream.join();
 }
 
 TEST(BusyServer, getsFewRequestsBeyondItsLimit) {

@@ -1,6 +1,7 @@
 #include "ZqNetGate.h"
 
 #include <algorithm>
+#include <array>
 
 namespace {
 constexpr int64 MS = 1'000'000, SECOND_NS = 1'000 * MS;
@@ -32,6 +33,19 @@ bool ZqNetGate::mayBegin(const Request& request, int64 nUnderWay, int64 nowNs) c
     }
     if (gapNs > 0 && !begun.empty() && nowNs - begun.back() < gapNs) return false;
     return request.isOrdered || maxUnderWay == 0 || nUnderWay < maxUnderWay;
+}
+
+int64 ZqNetGate::findNextNs(const std::vector<Request>& waiting, int64 nUnderWay, int64 nowNs) const {
+    // What mayBegin() says changes at these times only.
+    const std::array<int64, 4> changes = {nowNs, probeNs, untilNs,
+                                          begun.empty() ? nowNs : begun.back() + gapNs};
+    int64 next = NEVER;
+    for (const int64 at : changes) {
+        if (at < nowNs || at >= next) continue;
+        const auto may = [&](const Request& each) { return mayBegin(each, nUnderWay, at); };
+        if (std::ranges::any_of(waiting, may)) next = at;
+    }
+    return next;
 }
 
 void ZqNetGate::noteBegin(int64 nowNs) {

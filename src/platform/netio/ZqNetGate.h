@@ -3,6 +3,7 @@
 #include "ZqNetLink.h"
 
 #include <deque>
+#include <limits>
 #include <vector>
 
 /// What a link still asks of a server that has said that it is asked too much (429, 503): nothing for a
@@ -24,6 +25,10 @@ public:
     size_t choose(const std::vector<Request>& waiting, int64 nUnderWay, int64 nowNs) const;
     /// Whether it may begin beside `nUnderWay` others, ordered streams not counted.
     bool mayBegin(const Request& request, int64 nUnderWay, int64 nowNs) const;
+    /// From when on one of them may begin, if nothing else happens before; NEVER where an end or an answer of
+    /// another has to.
+    int64 findNextNs(const std::vector<Request>& waiting, int64 nUnderWay, int64 nowNs) const;
+    static constexpr int64 NEVER = std::numeric_limits<int64>::max();
     void noteBegin(int64 nowNs);
     /// A request that was begun at `begunNs` was answered well.
     void answered(int64 begunNs, int64 nowNs);

@@ -24,7 +24,7 @@ constexpr int64 MIN_QUIET_NS = 10 * MS, MAX_QUIET_NS = 250 * MS;
 /// within a lower bound: an application that never ends asking must not keep the download back.
 constexpr int64 QUIET_BUDGET_NS = 10'000 * MS, MAX_SHORT_QUIET_NS = 60 * MS;
 constexpr int64 HASTENED_NS = 100 * MS;
-constexpr int64 LOOK_MS = 100, GATE_LOOK_MS = 5;
+constexpr int64 LOOK_MS = 100;
 constexpr int64 IDLE_MS = 60'000;
 
 int64 nowNs() {
@@ -118,19 +118,24 @@ void ZqNetLoop::Engine::takePosted() {
     }
 }
 
+/// As the gate sees them.
+std::vector<ZqNetGate::Request> ZqNetLoop::Engine::listQueued() const {
+    std::vector<ZqNetGate::Request> list;
+    for (const Queued& each : queued) {
+        const ZqTransfer::Kind kind = each.transfer->getKind();
+        const bool isOnDemand = kind == ZqTransfer::Kind::OnDemand;
+        list.push_back({isOnDemand || kind == ZqTransfer::Kind::Small, kind == ZqTransfer::Kind::Ordered,
+                        isOnDemand, each.sinceNs});
+    }
+    return list;
+}
+
 /// Begins what may begin.
 void ZqNetLoop::Engine::admit() {
     while (!queued.empty()) {
         const int64 now = nowNs();
-        std::vector<ZqNetGate::Request> waiting;
-        for (const Queued& each : queued) {
-            const ZqTransfer::Kind kind = each.transfer->getKind();
-            const bool isOnDemand = kind == ZqTransfer::Kind::OnDemand;
-            waiting.push_back({isOnDemand || kind == ZqTransfer::Kind::Small,
-                               kind == ZqTransfer::Kind::Ordered, isOnDemand, each.sinceNs});
-        }
-        const size_t next = gate.choose(waiting, countUnderWay(), now);
-        if (next == waiting.size()) return;
+        const size_t next = gate.choose(listQueued(), countUnderWay(), now);
+        if (next == queued.size()) return;
         const SxPtr<ZqTransfer> transfer = queued[next].transfer;
         queued.erase(queued.begin() + static_cast<std::ptrdiff_t>(next));
         gate.noteBegin(now);
@@ -265,8 +270,10 @@ void ZqNetLoop::Engine::releaseHeld() {
 
 int64 ZqNetLoop::Engine::timeToWait() const {
     int64 wait = actives.empty() ? IDLE_MS : LOOK_MS;
-    if (!queued.empty()) wait = GATE_LOOK_MS;
     const int64 now = nowNs();
+    // A server may ask for minutes, and the wait for that must not keep a machine awake.
+    const int64 beginNs = gate.findNextNs(listQueued(), countUnderWay(), now);
+    if (beginNs != ZqNetGate::NEVER) wait = std::min(wait, (beginNs - now) / MS + 1);
     for (const auto& [easy, active] : actives) {
         const int64 until = std::max(quietUntilNs, limitedUntilNs);
         if (active->held && until > now) wait = std::min(wait, (until - now) / MS + 1);

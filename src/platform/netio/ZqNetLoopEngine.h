@@ -79,6 +79,7 @@ private:
     // ZqNetLoop.cpp
     void waitForWork();
     void takePosted();
+    std::vector<ZqNetGate::Request> listQueued() const;
     void admit();
     int64 countUnderWay() const;
     void drop(const SxPtr<ZqTransfer>& transfer);
