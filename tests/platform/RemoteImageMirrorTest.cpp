@@ -87,3 +87,38 @@ TEST(RemoteImageMirrors, giveStretchesTogetherWhereATableChecksThem) {
         EXPECT_LE(nAnswers, 32) << "each version is doubted once";
     }
 }
+
+// As while a server is set up anew: nothing is there for a moment, or the packed form alone isn't.
+TEST(RemoteImageTable, thatWasAbsentIsAskedForAgain) {
+    TestRandom random;
+    const std::string zqf = random.bytes(5 * STRETCH), packed = PackedImage(zqf).bytes();
+    for (const bool isPlainThere : {false, true}) {
+        SCOPED_TRACE(isPlainThere);
+        std::atomic<bool> isThere{false};
+        std::atomic<int> nPacked{0};
+        const ScriptedServer server([&](const std::string& request) {
+            const bool isPacked = request.find("img.zqf.zst") != std::string::npos;
+            if (isPacked) ++nPacked;
+            if (!isThere && (isPacked || !isPlainThere))
+                return std::string("HTTP/1.1 404 None\r\nContent-Length: 0\r\n\r\n");
+            return ScriptedServer::ranged(request, isPacked ? packed : zqf);
+        });
+        ZqRemoteImage image(SxPtr<ZqNetLink>::create(quickSettings()), SxString(server.url()), zqf.size());
+        const std::string failure = failureOf([&] { readOf(image, STRETCH, STRETCH); });
+        EXPECT_EQ(failure.empty(), isPlainThere) << failure;
+        ASSERT_TRUE(SxWait::pass(5000, [&] { return nPacked > 0; }));
+        EXPECT_FALSE(image.awaitTable());
+        const int nBefore = nPacked;
+        isThere = true;
+        if (isPlainThere) {
+            // Whoever has to mend the image asks for it.
+            EXPECT_TRUE(image.awaitTable());
+        } else {
+            image.forgetServer();
+            EXPECT_TRUE(SxWait::pass(5000, [&] { return image.getFigures().isPacked; }));
+        }
+        EXPECT_TRUE(readOf(image, 3 * STRETCH, STRETCH) == zqf.substr(3 * STRETCH, STRETCH));
+        EXPECT_TRUE(image.getFigures().isPacked);
+        EXPECT_GT(nPacked, nBefore);
+    }
+}

@@ -15,8 +15,14 @@ constexpr int64 MOST_PAUSES = 120;
 void ZqRemoteImage::TableLoader::main() {
     const int64 firstMs = image->getLink()->getSettings().maxBackOffMs;
     int64 pauseMs = firstMs;
-    while (!tryLoad()) {
-        if (image->getState() == Packed::Absent) return;
+    for (;;) {
+        const bool isDone = tryLoad();
+        if (image->getState() == Packed::Absent) {
+            if (!image->awaitOtherThanAbsent([this] { return stopping.load(); })) return;
+            pauseMs = firstMs;
+            continue;
+        }
+        if (isDone) return;
         try {
             image->getLink()->sleep(pauseMs, [this] { return stopping.load(); });
         } catch (const SxException&) {

@@ -6,7 +6,6 @@
 #include "ZqImageStorer.h"
 #include "ZqImageTableLoader.h"
 #include "ZqLog.h"
-#include "ZqPackedForm.h"
 #include "ZqUrlText.h"
 
 #include <chrono>
@@ -115,6 +114,7 @@ void ZqRemoteImage::requireRanges(const ZqStopTest& stop) {
 void ZqRemoteImage::forgetServer() {
     plain->getFacts()->forget();
     packed->getFacts()->forget();
+    forgetAbsence();
 }
 
 ZqRemoteImage::Figures ZqRemoteImage::getFigures() const {
@@ -205,21 +205,6 @@ bool ZqRemoteImage::awaitAside(const ZqStopTest& stop) {
     while (state == Packed::Offered && !stop())
         changed.wait(mutex);
     return state != Packed::Aside;
-}
-
-bool ZqRemoteImage::isOfThisImage(const char* bytes, int64 n) const {
-    const std::string known = ZqPackedForm::origin(digest);
-    if (digest.isEmpty() || n < ZqPackedForm::HEADER_SIZE ||
-        std::memcmp(bytes, known.data(), ZqPackedForm::HEADER_SIZE) != 0) {
-        return true;
-    }
-    return n >= ZqPackedForm::ORIGIN_SIZE && std::memcmp(bytes, known.data(), known.size()) == 0;
-}
-
-void ZqRemoteImage::refusePacked() {
-    zqLogMsg("NET",
-             "'" + ZqUrlText::of(packed->getUrl()) + "' was packed of another img.zqf; it is left aside");
-    setTable(nullptr, Packed::Absent);
 }
 
 SxPtr<ZqSeekTable> ZqRemoteImage::getTable() const {
@@ -363,12 +348,6 @@ SxPtr<ZqRemoteImage::Fetch> ZqRemoteImage::beginDemand(uint64 stretchIdx, bool i
     }
     begin(fetch.getPtr(), ZqTransfer::Kind::OnDemand);
     return fetch;
-}
-
-bool ZqRemoteImage::canCheck(const SxPtr<ZqSeekTable>& ofFrames) const {
-    SxMutexBlock lock(&mutex);
-    const SxPtr<ZqSeekTable>& known = ofFrames ? ofFrames : table;
-    return known && known->hasChecksums();
 }
 
 void ZqRemoteImage::begin(Fetch* fetch, ZqTransfer::Kind kind) {

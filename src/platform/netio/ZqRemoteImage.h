@@ -91,7 +91,8 @@ public:
     /// fetched again.
     void forget(uint64 offset, uint64 size);
 
-    /// The table of the packed form; null where that isn't offered, or its server can't be reached.
+    /// The table of the packed form; null where that isn't offered, or its server can't be reached. One that
+    /// was absent is asked for again.
     SxPtr<ZqSeekTable> awaitTable(const ZqStopTest& stop = nullptr);
     /// Whether awaitTable() gave null though one may still come; gives what its last request has met.
     bool isTableDelayed(SxException* why) const;
@@ -130,6 +131,10 @@ private:
     bool leavePackedFor(const SxException& e);
     /// Waits until the packed form is left aside: false. True where it is absent, or `stop` says so.
     bool awaitAside(const ZqStopTest& stop);
+    /// A packed form that the server hadn't got may be there by now: its table is asked for again.
+    void forgetAbsence();
+    /// Waits until forgetAbsence(), or `stop` says so: false.
+    bool awaitOtherThanAbsent(const ZqStopTest& stop);
     /// Whether the packed form that begins with these bytes is that of this image; one that doesn't say so
     /// counts as it.
     bool isOfThisImage(const char* bytes, int64 n) const;

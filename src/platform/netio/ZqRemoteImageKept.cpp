@@ -3,10 +3,12 @@
 #include "ZqImageFetch.h"
 #include "ZqImageStorer.h"
 #include "ZqLog.h"
+#include "ZqPackedForm.h"
 #include "ZqRemoteImage.h"
 #include "ZqUrlText.h"
 
 #include <chrono>
+#include <cstring>
 
 // What is known to be right, and what is kept of that.
 
@@ -54,6 +56,21 @@ ZqRemoteImage::Bytes ZqRemoteImage::decode(uint64 stretchIdx, const char* frame,
     return bytes;
 }
 
+bool ZqRemoteImage::isOfThisImage(const char* bytes, int64 n) const {
+    const std::string known = ZqPackedForm::origin(digest);
+    if (digest.isEmpty() || n < ZqPackedForm::HEADER_SIZE ||
+        std::memcmp(bytes, known.data(), ZqPackedForm::HEADER_SIZE) != 0) {
+        return true;
+    }
+    return n >= ZqPackedForm::ORIGIN_SIZE && std::memcmp(bytes, known.data(), known.size()) == 0;
+}
+
+void ZqRemoteImage::refusePacked() {
+    zqLogMsg("NET",
+             "'" + ZqUrlText::of(packed->getUrl()) + "' was packed of another img.zqf; it is left aside");
+    setTable(nullptr, Packed::Absent);
+}
+
 void ZqRemoteImage::notePackedAbsent(const SxException& why) {
     // A refusal may pass.
     if (why.hasTag(ZqNetLink::REFUSED)) {
@@ -63,6 +80,30 @@ void ZqRemoteImage::notePackedAbsent(const SxException& why) {
     }
 }
 
+void ZqRemoteImage::forgetAbsence() {
+    {
+        SxMutexBlock lock(&mutex);
+        if (state != Packed::Absent) return;
+        state = Packed::Unknown;
+        tableWaits = false;
+        tableBegunNs = SxClock::get().steadyNs();
+    }
+    changed.notify_all();
+}
+
+bool ZqRemoteImage::awaitOtherThanAbsent(const ZqStopTest& stop) {
+    SxMutexBlock lock(&mutex);
+    while (state == Packed::Absent && !stop())
+        changed.wait(mutex);
+    return state != Packed::Absent;
+}
+
+bool ZqRemoteImage::canCheck(const SxPtr<ZqSeekTable>& ofFrames) const {
+    SxMutexBlock lock(&mutex);
+    const SxPtr<ZqSeekTable>& known = ofFrames ? ofFrames : table;
+    return known && known->hasChecksums();
+}
+
 bool ZqRemoteImage::isTableSettled() const {
     return table || tableWaits || state == Packed::Absent || state == Packed::Aside ||
            SxClock::get().steadyNs() - tableBegunNs > TABLE_PATIENCE_NS;
@@ -70,6 +111,7 @@ bool ZqRemoteImage::isTableSettled() const {
 
 SxPtr<ZqSeekTable> ZqRemoteImage::awaitTable(const ZqStopTest& stop) {
     openTable();
+    forgetAbsence();
     for (;;) {
         getLink()->checkStop(stop);
         SxMutexBlock lock(&mutex);
