@@ -1,5 +1,6 @@
 #include "DriveFile.h"
 
+#include "Counted.h"
 #include "SxClock.h"
 #include "SxException.h"
 
@@ -18,18 +19,6 @@ constexpr uint64 SYNC_STEP = 4 << 20;
 
 constexpr uint64 DEVICE_STEP = (1 << 20) / 512; // sectors
 constexpr int64 MAX_FOREIGN_NS = int64{600} * 1'000'000'000;
-
-/// Counts an operation while it runs.
-class UnderWay {
-public:
-    explicit UnderWay(std::atomic<int64>* n_) : n(n_) { ++*n; }
-    ~UnderWay() { --*n; }
-    UnderWay(const UnderWay&) = delete;
-    UnderWay& operator=(const UnderWay&) = delete;
-
-private:
-    std::atomic<int64>* n;
-};
 
 /// Sectors that the disk or partition of this number has written; false where the system doesn't tell, as of
 /// file systems without a device of their own.
@@ -93,7 +82,7 @@ int64 DriveFile::readAt(void* buffer, uint64 n, uint64 offset) const {
 
 int DriveFile::writeAt(const void* buffer, uint64 n, uint64 offset) const {
     stepNs = SxClock::get().steadyNs();
-    const UnderWay counted(&nUnderWay);
+    const Counted counted(&nUnderWay);
     const int64 done = SxOs::get().writeAt(fd, buffer, static_cast<int64>(n), static_cast<int64>(offset));
     noteWritten(offset, offset + n);
     if (done < 0) return static_cast<int>(-done);
@@ -130,7 +119,7 @@ int DriveFile::writeBackInSteps() const {
 
 int DriveFile::sync() const {
     stepNs = SxClock::get().steadyNs();
-    const UnderWay counted(&nUnderWay);
+    const Counted counted(&nUnderWay);
     if (const int error = writeBackInSteps()) return error;
     const int error = -SxOs::get().sync(fd);
     ++nSynced;

@@ -76,11 +76,11 @@ std::vector<Mounts::Mount> Mounts::all() {
     while (std::getline(table, line)) {
         std::istringstream fields(line);
         Mount mount;
-        std::string parent, word, type;
+        std::string parent, word;
         fields >> mount.id >> parent >> mount.device >> mount.root >> mount.at;
         while (fields >> word && word != "-") {
         }
-        fields >> type >> mount.source;
+        fields >> mount.type >> mount.source >> mount.options;
         for (std::string* text : {&mount.root, &mount.at, &mount.source})
             *text = plain(*text);
         found.push_back(mount);

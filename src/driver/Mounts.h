@@ -12,10 +12,12 @@ namespace Mounts {
 /// One line of the kernel's table.
 struct Mount {
     uint64 id = 0;
-    std::string device; ///< of the file system, "major:minor"
-    std::string root;   ///< what is shown of it, a path from its own root
-    std::string at;     ///< mount point
-    std::string source; ///< what was named as the device
+    std::string device;  ///< of the file system, "major:minor"
+    std::string root;    ///< what is shown of it, a path from its own root
+    std::string at;      ///< mount point
+    std::string type;    ///< of the file system
+    std::string source;  ///< what was named as the device
+    std::string options; ///< of the file system, with commas between
 };
 
 /// All mounts, in the order in which they were made. This and what rests on it raises where the kernel's

@@ -1,5 +1,7 @@
 #include "StarterTies.h"
 
+#include "Mounts.h"
+#include "SxException.h"
 #include "SxList.h"
 #include "SxOs.h"
 
@@ -7,7 +9,6 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -18,34 +19,10 @@ namespace {
 
 /// In a group of the second kind that has groups of its own no process may be. So it gets one for drives.
 constexpr const char* OWN_GROUP = "tavrin-drives";
-
-/// Where a hierarchy of control groups is mounted.
-struct Hierarchy {
-    std::string at;          ///< mount point
-    std::string root;        ///< the group that is shown there
-    std::string controllers; ///< of the first kind, as in /proc/self/cgroup; empty for the second
-};
+constexpr const char* SECOND_KIND = "cgroup2";
 
 bool isAmong(const std::string& words, const std::string& word) {
     return ("," + words + ",").find("," + word + ",") != std::string::npos;
-}
-
-std::vector<Hierarchy> hierarchies() {
-    std::vector<Hierarchy> found;
-    std::ifstream table("/proc/self/mountinfo");
-    std::string line;
-    while (std::getline(table, line)) {
-        std::istringstream fields(line);
-        std::string skipped, type, source;
-        Hierarchy each;
-        fields >> skipped >> skipped >> skipped >> each.root >> each.at;
-        while (fields >> skipped && skipped != "-") {
-        }
-        fields >> type >> source >> each.controllers;
-        if (type == "cgroup2") each.controllers.clear();
-        if (type == "cgroup" || type == "cgroup2") found.push_back(each);
-    }
-    return found;
 }
 
 /// Gives an errno value.
@@ -72,8 +49,8 @@ bool enter(const std::string& folder, bool isSecondKind) {
 }
 
 /// Leaves one group, given as `path` in its hierarchy, for the highest one that takes this process.
-bool leaveGroup(const Hierarchy& hierarchy, const std::string& path) {
-    const bool isSecondKind = hierarchy.controllers.empty();
+bool leaveGroup(const Mounts::Mount& hierarchy, const std::string& path) {
+    const bool isSecondKind = hierarchy.type == SECOND_KIND;
     const std::string base = hierarchy.root == "/" ? std::string() : hierarchy.root;
     if (path == "/" || path == base || path.ends_with(std::string("/") + OWN_GROUP)) return true;
     // What lies above is another container's.
@@ -85,7 +62,7 @@ bool leaveGroup(const Hierarchy& hierarchy, const std::string& path) {
 }
 
 void leaveGroups(SxList<SxString>* kept) {
-    const std::vector<Hierarchy> known = hierarchies();
+    const std::vector<Mounts::Mount> mounts = Mounts::all();
     std::ifstream table("/proc/self/cgroup");
     // A kernel without such groups has no such file.
     if (!table.is_open() && errno != ENOENT)
@@ -95,12 +72,13 @@ void leaveGroups(SxList<SxString>* kept) {
         const size_t first = line.find(':'), second = line.find(':', first + 1);
         if (second == std::string::npos) continue;
         const std::string names = line.substr(first + 1, second - first - 1), path = line.substr(second + 1);
-        const auto isIts = [&](const Hierarchy& each) {
-            return names.empty() ? each.controllers.empty() : isAmong(each.controllers, names);
+        const auto isIts = [&](const Mounts::Mount& each) {
+            return names.empty() ? each.type == SECOND_KIND
+                                 : each.type == "cgroup" && isAmong(each.options, names);
         };
-        const auto found = std::find_if(known.begin(), known.end(), isIts);
+        const auto found = std::find_if(mounts.begin(), mounts.end(), isIts);
         const bool isTop = path == "/";
-        if (!isTop && (found == known.end() || !leaveGroup(*found, path)))
+        if (!isTop && (found == mounts.end() || !leaveGroup(*found, path)))
             kept->append(SxString("control group ") + (names.empty() ? "" : names + ":") + path);
     }
 }
@@ -138,7 +116,11 @@ void liftLimits(SxList<SxString>* kept) {
 
 SxString StarterTies::leave() {
     SxList<SxString> kept;
-    leaveGroups(&kept);
+    try {
+        leaveGroups(&kept);
+    } catch (const SxException& e) {
+        kept.append("control groups: " + e.toString(SxException::ShowMessage, ": "));
+    }
     liftLimits(&kept);
     if (::setpriority(PRIO_PROCESS, 0, 0) != 0)
         kept.append(SxString("nice value ") + ::getpriority(PRIO_PROCESS, 0));

@@ -8,7 +8,7 @@ namespace StarterTies {
 
 /// Moves this process out of its starter's control groups (of both kinds, as near to their root as the system
 /// lets it), lifts its resource limits as far as they can be, and takes nice value and OOM score back to the
-/// usual. Gives what could not be left, in words; empty where all was. To be called ahead of the first
+/// usual. Gives what could not be left, in words; empty where all was. To be called before the first
 /// thread, which would stay where it is.
 SxString leave();
 

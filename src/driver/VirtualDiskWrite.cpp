@@ -1,3 +1,4 @@
+#include "Counted.h"
 #include "SxClock.h"
 #include "SxException.h"
 #include "VirtualDisk.h"
@@ -9,18 +10,6 @@
 namespace {
 
 constexpr const char* UNIT = "src/driver/VirtualDiskWrite";
-
-/// Counts a write while it runs.
-class Counted {
-public:
-    explicit Counted(std::atomic<int64>* n_) : n(n_) { ++*n; }
-    ~Counted() { --*n; }
-    Counted(const Counted&) = delete;
-    Counted& operator=(const Counted&) = delete;
-
-private:
-    std::atomic<int64>* n;
-};
 
 } // namespace
 
