@@ -36,9 +36,7 @@ SxString serviceFailure(const SxString& image) {
 SxString blindness(const SxString& image) {
     ZqDiskStatus disk;
     if (!ZqVolume::findDisk(image, &disk) || !ZqVolume::isElsewhere(disk)) return {};
-    return SxString("The drive service (process ") + disk.servicePid +
-           ") lives in another mount namespace, whose drives this process can't see; it ends by itself half "
-           "a minute after its last drive";
+    return ZqVolume::elsewhereText(disk.servicePid);
 }
 
 /// Ends a wait that didn't come to its state: with the service's reason, else as timed out.

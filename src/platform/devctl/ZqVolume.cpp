@@ -154,10 +154,7 @@ void ZqVolume::requireView() {
             if (answer.flag()) SxWait::pass(RETIRE_MS, [] { return !queryHome().isElsewhere(); });
             continue; // somebody may have been faster
         }
-        throw SxException(SxString("The drive service (process ") + home.pid +
-                              ") lives in another mount namespace, whose drives this process can't see; it "
-                              "ends by itself half a minute after its last drive",
-                          UNIT, __LINE__);
+        throw SxException(elsewhereText(static_cast<int64>(home.pid)), UNIT, __LINE__);
     }
 }
 

@@ -51,6 +51,12 @@ public:
     /// Whether the disk's volume is mounted in another mount namespace, from which it doesn't come through to
     /// this process.
     static bool isElsewhere(const ZqDiskStatus& disk);
+    /// A sentence on the service of that process, whose drives this one can't see.
+    static SxString elsewhereText(int64 servicePid) {
+        return SxString("The drive service (process ") + servicePid +
+               ") lives in another mount namespace, whose drives this process can't see; it ends by itself "
+               "half a minute after its last drive";
+    }
     /// Sees to it that this process will see what it mounts: a service of another mount namespace that serves
     /// nothing is ended, so that the next one starts in ours. Raises where that one's drives don't come
     /// through to this process, as far as it has any that tell.
