@@ -31,6 +31,11 @@ bool isRestName(const SxString& name) {
     return false;
 }
 
+/// Whether a file of that name is a trace's, or what a cut may have left of one.
+bool isTraceName(const SxString& name) {
+    return name == ZqTraceFiles::ITEMS || name == ZqTraceFiles::RECORD || isRestName(name);
+}
+
 } // namespace
 
 bool ZqTraceSources::isPlainName(const SxString& name) {
@@ -49,9 +54,7 @@ bool ZqTraceSources::isTraceFolder(const SxString& path) {
 
 bool ZqTraceSources::holdsTraceAlone(const SxString& path) {
     for (const SxFileInfo& info : SxFSAction::ls(path)) {
-        const SxString name = info.getName();
-        const bool isTrace = name == ZqTraceFiles::ITEMS || name == ZqTraceFiles::RECORD;
-        if (info.isDir() || !(isTrace || isRestName(name))) return false;
+        if (info.isDir() || !isTraceName(info.getName())) return false;
     }
     return true;
 }
@@ -160,9 +163,7 @@ bool ZqTraceSources::isAsNoted(const SxString& tracesPath, const Folder& noted) 
 /// Removes the files of a trace alone.
 void ZqTraceSources::removeTrace(const SxString& path) {
     for (const SxFileInfo& info : SxFSAction::ls(path)) {
-        const SxString name = info.getName();
-        const bool isTrace = name == ZqTraceFiles::ITEMS || name == ZqTraceFiles::RECORD || isRestName(name);
-        if (isTrace && !info.isDir()) SxFSAction::rm(info.getAbsPath());
+        if (!info.isDir() && isTraceName(info.getName())) SxFSAction::rm(info.getAbsPath());
     }
     SxFSAction::syncDir(path);
 }
