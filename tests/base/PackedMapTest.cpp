@@ -146,22 +146,32 @@ TEST(PackedMap, WhatIsNoneIsRefused) {
 
 namespace {
 
+ZqAppParams appOf(const std::string& map) {
+    ZqAppParams app;
+    app.sizeIdx = map.size();
+    app.checksumIdx = SxMd5::get(SxString(map));
+    return app;
+}
+
+/// Fetches the map into `folder`; gives the failure.
+std::string fetchMap(const SxString& url, const SxString& folder, const ZqAppParams& app,
+                     const ZqStopTest& stop = nullptr) {
+    ZqImageMapFetch job(SxPtr<ZqNetLink>::create(quickSettings()), folder, url, {}, app, stop);
+    job.start();
+    return failureOf([&] { job.finish(); });
+}
+
 /// A folder that a map is to come into, and a server that has it.
 class MapFetch : public testing::Test {
 protected:
     MapFetch() {
-        app.sizeIdx = map.size();
-        app.checksumIdx = SxMd5::get(SxString(map));
         dir.write("served/img.idx", map);
         dir.write("served/img.idx.zst", small);
         fs::create_directories(dir.path("got"));
         server.start();
     }
     std::string fetch(const ZqStopTest& stop = nullptr) {
-        ZqImageMapFetch job(SxPtr<ZqNetLink>::create(quickSettings()), dir.path("got/"), server.getUrl(), {},
-                            app, stop);
-        job.start();
-        return failureOf([&] { job.finish(); });
+        return fetchMap(server.getUrl(), dir.path("got/"), app, stop);
     }
     void expectMap() {
         EXPECT_TRUE(dir.read("got/img.idx") == map);
@@ -172,7 +182,7 @@ protected:
 
     TestRandom random{11};
     const std::string map = orderedMap(random, 500'000), small = packed(map);
-    ZqAppParams app;
+    ZqAppParams app = appOf(map);
     TempDir dir;
     ZqFileServer server{(fs::create_directories(dir.path("served")), dir.path("served"))};
 };
@@ -249,9 +259,6 @@ TEST_F(MapFetch, GoesOnWhereItStoppedAlsoInTheNextRun) {
 TEST(MapFetchRefused, NoFormIsWaitedForThatIsRefused) {
     TestRandom random(13);
     const std::string map = orderedMap(random, 1000);
-    ZqAppParams app;
-    app.sizeIdx = map.size();
-    app.checksumIdx = SxMd5::get(SxString(map));
     for (const char* status : {"403 Forbidden", "404 Not Found", "410 Gone", "401 Unauthorized"}) {
         SCOPED_TRACE(status);
         ScriptedServer server([&](const std::string& request) {
@@ -259,10 +266,7 @@ TEST(MapFetchRefused, NoFormIsWaitedForThatIsRefused) {
             return std::string("HTTP/1.1 ") + status + "\r\nContent-Length: 0\r\n\r\n";
         });
         const TempDir dir;
-        ZqImageMapFetch job(SxPtr<ZqNetLink>::create(quickSettings()), dir.prefix(), server.url(), {}, app,
-                            nullptr);
-        job.start();
-        EXPECT_EQ(failureOf([&] { job.finish(); }), "");
+        EXPECT_EQ(fetchMap(server.url(), dir.prefix(), appOf(map)), "");
         EXPECT_TRUE(dir.read("img.idx") == map);
         EXPECT_EQ(server.requests().size(), 2U);
     }
@@ -271,9 +275,6 @@ TEST(MapFetchRefused, NoFormIsWaitedForThatIsRefused) {
 TEST(MapFetchMirrors, OneOfAnotherMapCostsNoMoreThanAnotherTry) {
     TestRandom random(17);
     const std::string map = orderedMap(random, 1000), other = orderedMap(random, 1000);
-    ZqAppParams app;
-    app.sizeIdx = map.size();
-    app.checksumIdx = SxMd5::get(SxString(map));
     std::atomic<int> nAnswers{0};
     ScriptedServer server([&](const std::string& request) {
         if (request.find("img.idx.zst") != std::string::npos)
@@ -283,9 +284,6 @@ TEST(MapFetchMirrors, OneOfAnotherMapCostsNoMoreThanAnotherTry) {
         return answer.substr(0, answer.size() / 2);
     });
     const TempDir dir;
-    ZqImageMapFetch job(SxPtr<ZqNetLink>::create(quickSettings()), dir.prefix(), server.url(), {}, app,
-                        nullptr);
-    job.start();
-    EXPECT_EQ(failureOf([&] { job.finish(); }), "");
+    EXPECT_EQ(fetchMap(server.url(), dir.prefix(), appOf(map)), "");
     EXPECT_TRUE(dir.read("img.idx") == map);
 }
