@@ -89,7 +89,7 @@ void ZqImageFeed::keepManager() {
         manager->wait();
         manager->start();
     } else if (!progress->isRunning() && !manager->isUnderflow()) {
-        // The cursor is behind the last block, so it would ask the drive in vain from here on.
+        // The cursor has passed the last block, so from now on it would ask the drive in vain.
         manager->stop();
     }
 }

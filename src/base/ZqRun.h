@@ -123,7 +123,7 @@ private:
     /// Writes down the start of the application, and its processes, which change when a launcher hands over.
     /// What can't be written now, say on a full disk, is tried again later.
     void noteApplication();
-    /// Writes down that it has ended: what it may have left behind is no application any more.
+    /// Writes down that it has ended: what may still run of it is no longer an application.
     void noteEnd();
     void writeInfo();
     void follow();

@@ -10,10 +10,10 @@
 
 /// Sweeps a folder of traces, one folder for each run, and folds them, one after the other in the order of
 /// their start times, into one trace in there; the runs go, with their folders where those hold nothing else.
-/// A trace that is damaged, so one
-/// that doesn't parse or is empty, is left out and goes too. Every other that isn't joined stays: of a newer
-/// format, of another build than the newest run, of two with the same start all but one, what a drive records
-/// into. What is no trace stays, too. Holds the shape of the image exclusively.
+/// A trace that is damaged, so one that doesn't parse or is empty, is left out and goes too. Every other that
+/// isn't joined stays: of a newer format, of another build than the newest run, of two with the same start
+/// all but one, what a drive records into. What is no trace stays, too. Holds the shape of the image
+/// exclusively.
 ///
 /// Of a run its records are walked twice and never held; in memory are the first accesses to each block.
 ///

@@ -14,7 +14,7 @@ namespace {
 constexpr const char* UNIT = "src/base/ZqTrace";
 constexpr int64 MS_PER_S = 1000;
 
-/// Signed: an item may be ahead of the trace's start. Both are bounded, so nothing wraps.
+/// Signed: an item may be from before the trace's start. Both are bounded, so nothing wraps.
 int64 relativeTime(const ZqTraceItem& item, const ZqTraceParams& record) {
     return static_cast<int64>(item.time - static_cast<uint64>(record.time0));
 }

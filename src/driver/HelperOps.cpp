@@ -198,7 +198,7 @@ bool flushHeld(const std::string& loop, const std::string& file) {
         if (errno == ENOENT || errno == ENXIO || errno == ENODEV) return false;
         fail("Cannot open '" + SxString(loop) + "'", errno);
     }
-    // The name that it was attached with. The path that the system shows isn't that one any more where the
+    // The name that it was attached with. The path that the system shows is no longer that one where the
     // file was unmounted, too.
     loop_info64 info = {};
     int error = ::ioctl(fd, LOOP_GET_STATUS64, &info) == 0 ? 0 : errno;

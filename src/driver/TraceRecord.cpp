@@ -8,8 +8,8 @@ using SxParserKit::SxSymbol;
 
 namespace {
 
-/// Keys that stand ahead of the size.
-bool isAheadOfSize(const SxString& key) {
+/// Keys that stand in front of the size.
+bool isInFrontOfSize(const SxString& key) {
     return key == "version" || key == "time0" || key == "method" || key == "guid";
 }
 
@@ -23,11 +23,11 @@ void stateRecorded(const SxString& path, uint64 size, const SxString& digest) {
     const SxSymbol& former = parser.getRootSymbol();
     SxSymbol record;
     record.setType(SxParserAst::Object);
-    const auto copy = [&](bool isAhead) {
+    const auto copy = [&](bool isInFront) {
         for (int64 i = 0; i < former.getSize(); ++i) {
             const SxSymbol element = former.at(i);
             const SxString key = element.getKey();
-            if (isAheadOfSize(key) == isAhead && !(key == "size")) record.appendCopy(key, element);
+            if (isInFrontOfSize(key) == isInFront && !(key == "size")) record.appendCopy(key, element);
         }
     };
     copy(true);

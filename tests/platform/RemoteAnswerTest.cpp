@@ -244,7 +244,7 @@ TEST(RemoteFileVersion, isVouchedForOnlyToTheNextAnswer) {
         file->getFacts()->setSameTest([&](const ZqStopTest&) { return ++nAsked == 1; });
         char buffer[10];
         file->read(0, 10, buffer);
-        // The second version is found to be right; which comes behind the failure isn't known.
+        // The second version is found to be right; which comes after the failure isn't known.
         const SxException e = exceptionOf([&] { file->read(0, 10, buffer); });
         EXPECT_TRUE(e.hasTag(ZqNetLink::CHANGED)) << e.what();
         EXPECT_EQ(nAsked, 2);

@@ -27,7 +27,7 @@ bool isOfTable(const std::string& request, const std::string& packed, uint64 siz
 
 } // namespace
 
-// The first request of the packed form is made without a table, and breaks off behind that one's arrival.
+// The first request of the packed form is made without a table, and breaks off after that one has arrived.
 TEST(RemoteImageTable, whoseArrivalMeetsABreakEndsNoStream) {
     TestRandom random;
     const std::string zqf = random.bytes(12 * STRETCH + 345), packed = PackedImage(zqf).bytes();

@@ -45,7 +45,7 @@ private:
 /// What a drive's service has from the program that mounted the drive: nothing.
 class Starter : public DriveRun {
 protected:
-    /// Mounts with a client that a shell starts behind these lines; gives the folder of the application.
+    /// Mounts with a client that a shell starts after these lines; gives the folder of the application.
     string mountBehind(const string& lines, const string& image) const {
         const SxString words = SxString(lines + "exec timeout 60 \"$0\" mount \"$1\" --mode rtw --quiet");
         EXPECT_EQ(SxProcess("bash", {"-c", words, SxString(client), SxString(image)}).run(), 0);

@@ -80,7 +80,7 @@ private:
     uint64 unitBegin = 0;
     int64 version = -1;   ///< of the last answer that was taken
     int64 nElsewhere = 0; ///< answers of another one since bytes were gained
-    uint64 furthest = 0;  ///< the byte behind all that have come
+    uint64 furthest = 0;  ///< one past the last byte that has come
     /// The same request over another connection, beside one that has been silent.
     SxPtr<ZqTransfer> second;
     SxPtr<ZqRangeAnswer> secondAnswer;
