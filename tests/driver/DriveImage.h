@@ -7,14 +7,6 @@
 #include <map>
 #include <set>
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool IS_INSTRUMENTED = true;
-#elif defined(__has_feature)
-constexpr bool IS_INSTRUMENTED = __has_feature(address_sanitizer) || __has_feature(thread_sanitizer);
-#else
-constexpr bool IS_INSTRUMENTED = false;
-#endif
-
 enum class Mode { Ro, Rtw, Rw };
 
 /// An image folder for a drive, with what its stored blocks are to hold. Blocks that aren't present yet hold

@@ -1,4 +1,5 @@
 #include "DriveImage.h"
+#include "Instrumented.h"
 #include "SxException.h"
 #include "VirtualClock.h"
 

@@ -67,7 +67,7 @@ TEST_F(Starter, ItsGroupsAndLimitsAreLeft) {
     const string image = build("image", "ext4");
     const string enter = group.isThere() ? group.entry() : string();
     mountBehind(enter + "renice -n 7 $$ >/dev/null; echo 300 >/proc/self/oom_score_adj; "
-                        "ulimit -S -f 100000; ulimit -S -n 200; ulimit -S -v 4000000; ",
+                        "ulimit -S -f 100000; ulimit -S -n 200; ulimit -S -v 200000000000; ",
                 image);
     const int64 pid = statusOf(image).servicePid;
     const string proc = "/proc/" + std::to_string(pid) + "/";
@@ -75,7 +75,7 @@ TEST_F(Starter, ItsGroupsAndLimitsAreLeft) {
     EXPECT_EQ(lineOf(proc + "oom_score_adj", ""), "0");
     for (const auto& [limit, low] : {std::pair{"Max file size", " 102400000 "},
                                      {"Max open files", " 200 "},
-                                     {"Max address", " 4096000000 "}})
+                                     {"Max address", " 204800000000000 "}})
         EXPECT_EQ(lineOf(proc + "limits", limit).find(low), string::npos) << limit;
     if (group.isThere()) {
         EXPECT_FALSE(group.holds(pid));
