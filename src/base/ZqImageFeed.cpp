@@ -181,8 +181,8 @@ void ZqImageFeed::beginDownload() {
 
 SxPtr<ZqRemoteImage> ZqImageFeed::makeImage(const SxPtr<ZqNetLink>& of) const {
     of->setRateLimit(static_cast<double>(settings.rateLimit));
-    const auto made = SxPtr<ZqRemoteImage>::create(of, url, app.sizeZqf, settings.headers,
-                                                   ZqRemoteImage::MAX_KEPT, app.checksumZqf);
+    auto made = SxPtr<ZqRemoteImage>::create(of, url, app.sizeZqf, settings.headers, ZqRemoteImage::MAX_KEPT,
+                                             app.checksumZqf);
     // It may be asked for longer than this lives.
     made->setSameTest([weak = std::weak_ptr<ZqNetLink>(of.shared()), folder = settings.image, address = url,
                        headers = settings.headers, own = app](const ZqStopTest& stop) {

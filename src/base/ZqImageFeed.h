@@ -178,18 +178,18 @@ private:
     bool isConfirmed = true;           ///< the server was seen at open() to have the version that is here
     bool hadRecords = false;           ///< the folder had all it takes for a drive, blocks apart, at open()
     bool isWritten = false;            ///< a drive may have written into `img.zqf`
+    bool lacksRoom = false;            ///< the keeper's: the writer waits for the disk
+    bool isInterrupted = false;        ///< the keeper's: the download has failed, and nothing has come since
+    int nWriterTries = 0;              ///< the keeper's
     std::atomic<uint64> nChecked{0};
     std::atomic<uint64> nShort{0};       ///< bytes that the disk lacks for the rest of the image
     std::atomic<int64> silentSeconds{0}; ///< without a byte of the server
     // The keeper's alone.
-    int64 roomNs = 0;       ///< when room on the disk was last looked for
-    int64 writerNs = 0;     ///< when a writer was last looked for
-    bool lacksRoom = false; ///< the writer waits for the disk
-    uint64 nSeenBytes = 0;  ///< of the link
-    int64 seenNs = 0;       ///< when they came
-    int nWriterTries = 0;
+    int64 roomNs = 0;      ///< when room on the disk was last looked for
+    int64 writerNs = 0;    ///< when a writer was last looked for
+    uint64 nSeenBytes = 0; ///< of the link
+    int64 seenNs = 0;      ///< when they came
     uint64 triedSize = 0;
-    bool isInterrupted = false; ///< the download has failed, and nothing has come since
     uint64 interruptedSize = 0;
     int64 pauseNs;        ///< until a download that has failed is tried again
     int64 downloadNs = 0; ///< when the download was begun again, or the server's version looked at

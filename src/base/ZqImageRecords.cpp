@@ -92,8 +92,7 @@ bool ZqImageRecords::holdsPart(const SxString& image) {
 }
 
 SxPtr<ZqRemoteFile> ZqImageRecords::remote(const char* name, uint64 expectedSize) const {
-    const auto file =
-        SxPtr<ZqRemoteFile>::create(link, ZqRemoteFile::urlIn(address, name), headers, expectedSize);
+    auto file = SxPtr<ZqRemoteFile>::create(link, ZqRemoteFile::urlIn(address, name), headers, expectedSize);
     // Each is taken as one, of whichever mirror, and looked at as a whole.
     file->getFacts()->setSameTest([](const ZqStopTest&) { return true; });
     return file;

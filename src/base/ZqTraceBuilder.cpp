@@ -301,7 +301,7 @@ void ZqTraceBuilder::choose(std::vector<Run>* runs) {
 }
 
 SxString ZqTraceBuilder::findObstacle(const Run& run, const Joined& joined) const {
-    const SxString mismatch = ZqTraceRecords::findMismatch(run.path, *run.record);
+    SxString mismatch = ZqTraceRecords::findMismatch(run.path, *run.record);
     if (!mismatch.isEmpty()) return mismatch;
     const Walk walk(run.path, joined.hasBase() ? joined.getStart() : 0,
                     joined.hasBase() ? joined.getEnd() : 0);

@@ -285,6 +285,16 @@ std::string Service::handle(unsigned kind, const std::string& body, int64 peer) 
     return answer.body();
 }
 
+/// Of the disk with that image or number; without either, of all together.
+uint64 Service::findProgress(const SxString& image, uint64 deviceId) {
+    uint64 sum = 0;
+    for (const DiskPtr& disk : all()) {
+        if (image.isEmpty() && deviceId == 0) sum += disk->getProgress();
+        if (disk->getParams().image == image || disk->getDeviceId() == deviceId) sum = disk->getProgress();
+    }
+    return sum;
+}
+
 /// What asks for the state of disks.
 bool Service::handleState(Call call, Reader* request, Writer* answer) {
     switch (call) {
@@ -330,13 +340,7 @@ bool Service::handleState(Call call, Reader* request, Writer* answer) {
         const SxString image = request->text();
         const uint64 deviceId = request->number();
         requireWhole(*request);
-        uint64 sum = 0;
-        for (const DiskPtr& disk : all()) {
-            if (image.isEmpty() && deviceId == 0) sum += disk->getProgress();
-            if (disk->getParams().image == image || disk->getDeviceId() == deviceId)
-                sum = disk->getProgress();
-        }
-        answer->number(sum);
+        answer->number(findProgress(image, deviceId));
         return true;
     }
     case Call::Label: {

@@ -49,6 +49,7 @@ private:
     void storeDisks() const;
     void loadDisks();
     void reset();
+    uint64 findProgress(const SxString& image, uint64 deviceId);
     bool handleState(ZqDriveWire::Call call, ZqDriveWire::Reader* request, ZqDriveWire::Writer* answer);
     bool handleDisk(ZqDriveWire::Call call, ZqDriveWire::Reader* request, ZqDriveWire::Writer* answer);
     bool handleGuard(ZqDriveWire::Call call, ZqDriveWire::Reader* request, ZqDriveWire::Writer* answer);

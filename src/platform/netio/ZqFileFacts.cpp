@@ -138,7 +138,7 @@ void ZqFileFacts::checkStatus(const ZqTransfer::Response& response, const SxStri
         throw SxException(refusal, text + ", and may not have the file", UNIT, __LINE__)
             .tagged(ZqNetLink::NOT_FOUND);
     }
-    throw refusal;
+    throw SxException(refusal);
 }
 
 void ZqFileFacts::raiseDoubt(Doubt doubt, const char* tag) {

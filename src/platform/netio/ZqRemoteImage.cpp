@@ -397,7 +397,7 @@ ZqRemoteImage::Bytes ZqRemoteImage::takeNext(Fetch* fetch, const ZqStopTest& sto
         const SxException failure(
             e, "Cannot fetch stretch " + SxString(idx) + " from '" + ZqUrlText::of(url) + "'", UNIT,
             __LINE__);
-        if (!fetch->table || !leavePackedFor(failure)) throw failure;
+        if (!fetch->table || !leavePackedFor(failure)) throw SxException(failure);
         begin(fetch, ZqTransfer::Kind::OnDemand);
         return takeNext(fetch, stop);
     }
@@ -405,7 +405,7 @@ ZqRemoteImage::Bytes ZqRemoteImage::takeNext(Fetch* fetch, const ZqStopTest& sto
     if (!isLast) fetch->reader->relax();
     try {
         if (fetch->table) {
-            const Bytes bytes = decode(idx, raw->data(), size);
+            Bytes bytes = decode(idx, raw->data(), size);
             fetch->isChecked = true;
             return bytes;
         }
@@ -416,7 +416,7 @@ ZqRemoteImage::Bytes ZqRemoteImage::takeNext(Fetch* fetch, const ZqStopTest& sto
         const SxString what = nameOf(idx, fetch->table.getPtr() != nullptr);
         const SxException damage(e, what, UNIT, __LINE__);
         // The plain form may be right; where that is wrong as well, nothing else is left.
-        if (fetch->isAgain && !fetch->table) throw damage;
+        if (fetch->isAgain && !fetch->table) throw SxException(damage);
         if (fetch->isAgain) leavePacked(damage);
         if (!fetch->isAgain) zqLogMsg("NET", what + ": " + e.toString(SxException::ShowMessage, ": "));
     }
@@ -429,7 +429,7 @@ ZqRemoteImage::Bytes ZqRemoteImage::takeAgain(Fetch* fetch, const ZqStopTest& st
     Fetch again(this, fetch->nextIdx);
     again.isAgain = true;
     begin(&again, ZqTransfer::Kind::OnDemand);
-    const Bytes bytes = takeNext(&again, stop);
+    Bytes bytes = takeNext(&again, stop);
     fetch->isChecked = again.isChecked;
     ++fetch->nextIdx;
     return bytes;

@@ -241,7 +241,7 @@ void ZqRemoteImage::awaitStorable(const std::atomic<bool>& stopping) {
 }
 
 ZqRemoteImage::Bytes ZqRemoteImage::loadKept(uint64 stretchIdx) {
-    const Bytes bytes = store->read(stretchIdx);
+    Bytes bytes = store->read(stretchIdx);
     SxMutexBlock lock(&mutex);
     const auto found = kept.find(stretchIdx);
     // The stream may have passed it, or somebody else have loaded it.
