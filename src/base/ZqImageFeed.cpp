@@ -78,7 +78,7 @@ void ZqImageFeed::open(const ZqStopTest& stop) {
     SxFSAction::mkdir_p(settings.image);
     growth = ZqImageLock::take(settings.image, ZqImageLock::Growth, ZqImageLock::Exclusive, settings.job);
     // Nothing has looked at the size yet, and a drive of it began with the machine.
-    ZqSyncedSize(filePath(ZqImageFiles::ZQF)).cutBack();
+    ZqSyncedSize(filePath(ZqImageFiles::ZQF)).cutBack(stop);
     ZqStreamRecord record;
     record.read(settings.image);
     url = settings.url.isEmpty() ? record.url : settings.url;

@@ -4,17 +4,21 @@
 #include "SxException.h"
 #include "SxFSAction.h"
 #include "SxFileIO.h"
+#include "SxMd5.h"
 #include "SxOs.h"
+#include "ZqAppParams.h"
 #include "ZqImageFiles.h"
 #include "ZqLog.h"
+#include "ZqStreamRecord.h"
 
-#include <algorithm>
 #include <sstream>
 
 namespace {
 constexpr const char* UNIT = "src/base/ZqSyncedSize";
 constexpr const char* UNKNOWN = "-"; ///< begins the id of a machine that tells none
 constexpr const char* LOST = "lost";
+constexpr const char* OF_FOLDER = "/"; ///< between the inodes
+constexpr int64 PIECE = 1 << 20;
 
 /// All that is known where the machine tells nothing is that it runs since this process does.
 std::string startId() {
@@ -43,21 +47,79 @@ ZqSyncedSize::Note ZqSyncedSize::read() const {
         note.size = 0;
         note.boot.clear();
     }
-    std::string word;
-    note.isLost = text >> word && word == LOST;
+    for (std::string word; text >> word;) {
+        if (word == LOST) {
+            note.isLost = true;
+        } else {
+            note.inodes = word;
+        }
+    }
+    const std::string now = inodesNow();
+    const size_t folderAt = now.find(OF_FOLDER);
+    // Some file systems give other numbers after each mount, to the folder, too.
+    const bool isSameFolder = !now.empty() && note.inodes.ends_with(now.substr(folderAt));
+    if (isSameFolder && note.inodes != now) return {};
     return note;
 }
 
-uint64 ZqSyncedSize::believed(uint64 size) const {
-    const Note note = read();
-    return !note.exists || note.isOfThisStart() ? size : std::min(size, note.size);
+std::string ZqSyncedSize::inodesNow() const {
+    SxStat ofFile, ofFolder;
+    SxOs& os = SxOs::get();
+    const bool areThere = os.stat(SxOs::hostPath(file), &ofFile) == 0 &&
+                          os.stat(SxOs::hostPath(folder() + "."), &ofFolder) == 0;
+    return areThere ? std::to_string(ofFile.inode) + OF_FOLDER + std::to_string(ofFolder.inode)
+                    : std::string();
 }
 
-uint64 ZqSyncedSize::cutBack() const {
+SxString ZqSyncedSize::folder() const {
+    return file.str().substr(0, file.str().find_last_of('/') + 1);
+}
+
+/// Whether the file is all of its image, by whichever way that came.
+bool ZqSyncedSize::isWholeImage(uint64 size, const std::function<bool()>& stop) const {
+    if (!SxFSAction::exists(folder() + ZqImageFiles::APP_JSON)) return false;
+    const ZqAppParams app(folder());
+    if (size != app.sizeZqf) return false;
+    ZqStreamRecord record;
+    record.read(folder());
+    // Only what is complete is written into, or was compared with its digest.
+    if (record.isWritten) return true;
+    if (app.checksumZqf.isEmpty()) return false;
+    if (record.isVerified(folder(), app.checksumZqf)) return true;
+    zqLogMsg("base", "'" + file +
+                         "' is complete, and how much of it had reached the disk isn't known: it is "
+                         "compared with its digest");
+    SxFileIO whole(file, "rb");
+    whole.adviseSequential();
+    SxMd5 md5;
+    SxArray<char> piece(PIECE);
+    while (const int64 n = whole.readBuffer(piece.data(), PIECE)) {
+        if (stop && stop()) throw SxException(SxString(SxException::STOPPED), "stopped", UNIT, __LINE__);
+        md5.update(piece.data(), n);
+    }
+    md5.finish();
+    return md5.toString() == app.checksumZqf;
+}
+
+uint64 ZqSyncedSize::believed(uint64 size, const std::function<bool()>& stop) const {
+    const Note old = read();
+    if (!old.exists || old.isOfThisStart() || old.size >= size) return size;
+    if (!isWholeImage(size, stop)) return old.size;
+    try {
+        SxFileIO(file, "rb").sync();
+        note(size);
+    } catch (const SxException& e) {
+        // Then the next one reads it, too.
+        zqLogMsg("base", "ZqSyncedSize: " + e.toString(SxException::ShowMessage, ": "));
+    }
+    return size;
+}
+
+uint64 ZqSyncedSize::cutBack(const std::function<bool()>& stop) const {
     SxStat info;
     if (SxOs::get().lstat(SxOs::hostPath(file), &info) != 0 || info.kind != SxStat::File) return 0;
     const auto size = static_cast<uint64>(info.size);
-    const uint64 kept = believed(size);
+    const uint64 kept = believed(size, stop);
     if (kept == size) return 0;
     try {
         SxFileIO growing(file, "r+b");
@@ -79,12 +141,14 @@ void ZqSyncedSize::begin(uint64 size) const {
 }
 
 void ZqSyncedSize::write(const Note& note) const {
+    const std::string inodes = inodesNow();
     SxFileIO::writeAtomic(noteFile(), SxString(note.size) + " " + note.boot +
-                                          (note.isLost ? std::string(" ") + LOST : std::string()) + "\n");
+                                          (note.isLost ? std::string(" ") + LOST : std::string()) +
+                                          (inodes.empty() ? inodes : " " + inodes) + "\n");
 }
 
 void ZqSyncedSize::note(uint64 size) const {
-    write({true, size, startId(), false});
+    write({true, size, startId(), false, {}});
 }
 
 void ZqSyncedSize::noteLoss() const {

@@ -2,23 +2,29 @@
 
 #include "SxString.h"
 
+#include <functional>
+
 /// How much of a file that grows by a download is sure to be on the device, noted beside it in a file of its
 /// name and ".synced", together with the start of the machine that wrote it. While the machine runs, all
 /// bytes of the file can be believed, also after the writer was killed; after another start only those that
 /// are noted, since a power cut leaves a file of the right size with anything in it. A file without a note is
 /// believed as a whole. Bytes that the device has lost, as a sync told that failed, are in memory at best, so
-/// the note stays as it is until the machine starts again. Where that has no id, its start is taken to be that
-/// of the process. Not locked: whoever changes the file holds the image. Sizes are in bytes.
+/// the note stays as it is until the machine starts again. Where that has no id, its start is taken to be
+/// that of the process. The note speaks of one file: where that was replaced, or is a whole image by now,
+/// which was copied over it, say, it has no say. Not locked: whoever changes the file holds the image. Sizes
+/// are in bytes.
 class ZqSyncedSize {
 public:
     explicit ZqSyncedSize(SxString file_) : file(std::move(file_)) {}
 
-    /// How many of `size` bytes, which the file has, can be believed.
-    uint64 believed(uint64 size) const;
+    /// How many of `size` bytes, which the file has, can be believed. Where the note says less, and the file
+    /// has the size that the `app.json` beside it states, its digest decides: it is read to its end, which
+    /// `stop` may break off, and noted if it is right.
+    uint64 believed(uint64 size, const std::function<bool()>& stop = nullptr) const;
     /// Cuts the file back to what can be believed, and says so in the log; gives how many bytes have gone.
     /// For who downloads, before the first look at the file's size. What lies behind a link is left alone.
-    /// Raises where it can't be cut.
-    uint64 cutBack() const;
+    /// Raises where it can't be cut, and after a stop.
+    uint64 cutBack(const std::function<bool()>& stop = nullptr) const;
     /// Makes the note right for a file that has `size` bytes and is about to grow. Raises where it can't be
     /// written.
     void begin(uint64 size) const;
@@ -37,11 +43,17 @@ private:
         uint64 size = 0;
         std::string boot;    ///< empty where it isn't known
         bool isLost = false; ///< some of the bytes after these are known to be
+        std::string inodes;  ///< see inodesNow(); empty in an older note
 
         bool isOfThisStart() const;
     };
 
     SxString noteFile() const;
+    SxString folder() const;
+    /// The inodes of the file and of its folder; empty where there are none.
+    std::string inodesNow() const;
+    bool isWholeImage(uint64 size, const std::function<bool()>& stop) const;
+    /// The note; as if there were none where another file has taken the place of the one that it is of.
     Note read() const;
     void write(const Note& note) const;
 
