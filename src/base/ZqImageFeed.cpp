@@ -252,7 +252,8 @@ void ZqImageFeed::fetchRecords(const ZqStopTest& stop) {
 }
 
 void ZqImageFeed::requireRanges(const ZqStopTest& stop) const {
-    if (image && !isComplete()) image->requireRanges(stop);
+    // What is there can be played, and the server may have its ranges again.
+    if (image && !isComplete() && !hasDrive()) image->requireRanges(stop);
 }
 
 void ZqImageFeed::alignCursor() const {

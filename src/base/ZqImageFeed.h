@@ -73,7 +73,8 @@ public:
     /// with what was there before.
     void alignCursor() const;
     /// Raises where the server is one from which no drive can be fed, since it has no ranges. To be called
-    /// before a drive comes up, with which that would be waited for as all that a server does.
+    /// before a drive comes up, with which that would be waited for as all that a server does. Raises nothing
+    /// where what is there can be played.
     void requireRanges(const ZqStopTest& stop) const;
     /// From now on a drive comes up, or is up: what the server fails to give no longer ends the download.
     void driveStarts() { driveStarted = true; }

@@ -1,5 +1,6 @@
 #include "ZqImageRecords.h"
 
+#include "SxClock.h"
 #include "SxException.h"
 #include "SxFSAction.h"
 #include "SxFileIO.h"
@@ -17,6 +18,8 @@ namespace {
 constexpr const char* UNIT = "src/base/ZqImageRecords";
 constexpr int64 MAX_RECORD = SxFileIO::MAX_TEXT;
 constexpr uint64 MD5_SIZE = 32;
+/// How long a start waits for the server's word where what is there can be played without.
+constexpr int64 PATIENCE_NS = 4'000'000'000;
 /// Name under which a record waits until it is checked.
 constexpr const char* NEW = ".new";
 
@@ -165,11 +168,19 @@ ZqAppParams ZqImageRecords::fetchApp(bool mayPlay, bool* isConfirmed, const ZqSt
     }
     ZqAppParams server;
     SxString text;
+    const bool mayGoWithout = mayPlay && holdsPart(folder);
+    const int64 endNs = SxClock::get().steadyNs() + PATIENCE_NS;
+    bool isLate = false;
     try {
-        server = look(&text, stop);
+        server = look(&text, [&] {
+            if (stop && stop()) return true;
+            isLate = mayGoWithout && SxClock::get().steadyNs() >= endNs;
+            return isLate;
+        });
     } catch (const SxException& e) {
         // What is there can be played; the download waits for its server, and says so.
-        if (!mayPlay || !holdsPart(folder) || ZqFailurePolicy::decide(e, true) == ZqFailurePolicy::End) throw;
+        const bool mayPass = isLate || ZqFailurePolicy::decide(e, true) != ZqFailurePolicy::End;
+        if (!mayGoWithout || !mayPass) throw;
         *isConfirmed = false;
         return ZqAppParams(folder);
     }

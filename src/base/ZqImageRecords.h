@@ -19,9 +19,9 @@ public:
     static bool isComplete(const SxString& image);
 
     /// Fetches `app.json` and gives it. A folder that holds bytes of `img.zqf` keeps its own, and must be of
-    /// the same version and block order as the server's; where the server gives none and the folder has all
-    /// records, they will do if it is to be played (`mayPlay`); `*isConfirmed` tells whether the server has
-    /// said so. The caller has the image's shape for itself alone.
+    /// the same version and block order as the server's; where the server gives none within some seconds and
+    /// the folder has all records, they will do if it is to be played (`mayPlay`); `*isConfirmed` tells
+    /// whether the server has said so. The caller has the image's shape for itself alone.
     ZqAppParams fetchApp(bool mayPlay, bool* isConfirmed, const ZqStopTest& stop);
     /// Raises with the tag ZqFailurePolicy::OTHER_VERSION where the server's `app.json` is now that of
     /// another version or block order than `own`, and with those of ZqNetLink where it can't be told.

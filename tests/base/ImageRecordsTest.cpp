@@ -13,6 +13,7 @@
 #include <filesystem>
 #include <gmock/gmock.h>
 #include <map>
+#include <thread>
 
 namespace {
 
@@ -101,6 +102,62 @@ TEST(ImageRecords, thatAreWrongOnTheServerAreToldAsTheServers) {
         } catch (const SxException& e) {
             EXPECT_TRUE(e.hasTag(ZqNetLink::WRONG)) << e.what();
         }
+    }
+}
+
+// Whoever can play waits some seconds for the server's word, and anybody else as long as it takes.
+TEST(ImageRecords, holdUpNoStartThatNeedsNone) {
+    TempDir dir;
+    TestRandom random;
+    const TestImage game(random, 40);
+    game.write(dir.prefix() + "game/");
+    ZqFileServer stalling(dir.prefix() + "game");
+    stalling.setFault(ZqFileServer::Stall);
+    stalling.start();
+    const ScriptedServer busy([](const std::string&) { return answered("503 Busy"); });
+    // Each try brings bytes, so that none is one in vain.
+    const ScriptedServer drop([&](const std::string& request) {
+        const std::string all = ScriptedServer::ranged(request, dir.read("game/app.json"));
+        return all.substr(0, all.find("\r\n\r\n") + 5);
+    });
+    struct Case {
+        std::string name;
+        SxString url;
+        bool mayPlay;
+        int64 ms;           ///< until it is stopped
+        bool isGoneWithout; ///< whether it goes on with what is there
+        int64 tookMs = -1;
+        std::string failure = "not run";
+    };
+    std::vector<Case> cases = {
+        {"busy", SxString(busy.url()), true, 15'000, true},
+        {"stalling", stalling.getUrl(), true, 15'000, true},
+        {"dropping", SxString(drop.url()), true, 15'000, true},
+        {"busy, and stopped", SxString(busy.url()), true, 500, false},
+        {"busy, and only downloaded", SxString(busy.url()), false, 6'000, false},
+    };
+    std::vector<std::thread> threads;
+    for (Case& each : cases) {
+        threads.emplace_back([&each, &dir] {
+            ZqNetSettings settings;
+            settings.nBrokenTries = 0;
+            ZqImageRecords records(SxPtr<ZqNetLink>::create(settings), dir.prefix() + "game", each.url, {});
+            const auto elapsedMs = [beginNs = SxClock::get().steadyNs()] {
+                return (SxClock::get().steadyNs() - beginNs) / 1'000'000;
+            };
+            bool isConfirmed = true;
+            each.failure = failureOf(
+                [&] { records.fetchApp(each.mayPlay, &isConfirmed, [&] { return elapsedMs() > each.ms; }); });
+            each.tookMs = elapsedMs();
+            EXPECT_EQ(isConfirmed, !each.isGoneWithout) << each.name;
+        });
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+    for (const Case& each : cases) {
+        SCOPED_TRACE(each.name);
+        EXPECT_LT(each.tookMs, each.isGoneWithout ? 10'000 : each.ms + 4'000);
+        EXPECT_EQ(each.failure.empty(), each.isGoneWithout) << each.failure;
     }
 }
 

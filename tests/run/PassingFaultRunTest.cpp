@@ -69,6 +69,30 @@ TEST_F(StreamRun, AServerThatNeverHasRangesIsToldBeforeThereIsADrive) {
     EXPECT_FALSE(hasStarted());
 }
 
+TEST_F(StreamRun, AServerThatHasNoRangesForTheMomentKeepsNobodyFromPlaying) {
+    fs::copy(served, got);
+    fs::resize_file(got + "/img.zqf", 2'000'000);
+    server->setFault(ZqFileServer::Whole);
+    {
+        ZqImageFeed::Settings settings;
+        settings.image = SxString(got);
+        settings.url = server->getUrl();
+        ZqImageFeed feed(settings);
+        feed.open(nullptr);
+        feed.start();
+        ASSERT_TRUE(eventually([&] { return feed.getStatus().waiting.str().find("range") != string::npos; }))
+            << feed.getStatus().waiting;
+        EXPECT_NO_THROW(feed.requireRanges(nullptr));
+    }
+    pause();
+    const auto player = start();
+    ASSERT_TRUE(SxWait::pass(LONG_MS, [&] { return statusOf(got).nHeld > 0; })) << player->says();
+    server->setFault(ZqFileServer::Whole, false);
+    resume();
+    EXPECT_EQ(player->end(LONG_MS), 0) << player->says();
+    expectPlayed();
+}
+
 TEST_F(StreamRun, AFedMountOutlivesAFileThatIsAway) {
     server->setRate(2'000'000);
     Client feeder(client, {"mount", got, "--url", server->getUrl().str()}, dir.path("fed"));
