@@ -91,6 +91,9 @@ public:
     int punchHole(int fd, int64 offset, int64 n) override {
         return status(::fallocate(fd, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, offset, n));
     }
+    int preallocate(int fd, int64 offset, int64 n) override {
+        return status(::fallocate(fd, FALLOC_FL_KEEP_SIZE, offset, n));
+    }
     int sync(int fd) override { return status(::fdatasync(fd)); }
     int syncFs(int fd) override { return status(::syncfs(fd)); }
     void startWriteback(int fd, int64 offset, int64 n) override {

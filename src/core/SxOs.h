@@ -55,6 +55,8 @@ public:
     /// Gives the room of these bytes back; they read as zeros, and the file's size stays. -EOPNOTSUPP where
     /// the file system can't.
     virtual int punchHole(int fd, int64 offset, int64 n) = 0;
+    /// Takes the room for these bytes from the disk; what they hold and the file's size stay.
+    virtual int preallocate(int fd, int64 offset, int64 n) = 0;
     /// Returns when the file's bytes and size are on the device.
     virtual int sync(int fd) = 0;
     /// The same for all files of the file system that `fd` lies on: cheaper than sync() for many files.

@@ -101,7 +101,7 @@ void mountLoop(const std::string& file, const std::string& folder, const std::st
     int fd = -1;
     const std::string loop = attachLoop(file, readOnly, &fd);
     std::ofstream("/sys/block/" + loop.substr(5) + "/queue/read_ahead_kb") << kb;
-    unsigned long flags = MS_NOSUID | MS_NODEV;
+    unsigned long flags = MS_NOSUID | MS_NODEV | MS_NOATIME;
     if (readOnly) flags |= MS_RDONLY;
     const int result =
         ::mount(loop.c_str(), folder.c_str(), type.c_str(), flags, optionsFor(type, readOnly).c_str());

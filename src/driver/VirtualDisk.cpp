@@ -24,7 +24,12 @@ VirtualDisk::VirtualDisk(const Config& config, Wake wake_)
     if (inPlace) requireComplete(cfg.cursor);
     zqf.open(cfg.folder.str() + "img.zqf", inPlace ? SxOs::Read | SxOs::Write | SxOs::NoFollow : SxOs::Read);
     zqfSize = zqf.getSize();
-    if (!cfg.readOnly && cfg.writeLayer) layer.create();
+    if (cfg.readOnly) return;
+    if (cfg.writeLayer) {
+        layer.create();
+    } else {
+        layer.tryToCreate();
+    }
 }
 
 VirtualDisk::~VirtualDisk() {

@@ -101,6 +101,7 @@ void WriteLayer::load() {
     if (tmp.getSize() > found.used.size() * BLOCK_SIZE)
         SxOs::get().truncate(tmp.getFd(), static_cast<int64>(found.used.size() * BLOCK_SIZE));
     giveBackRoom(std::move(holes));
+    reserve();
 }
 
 /// Gives where the records begin; 0 where the file was cut ahead of its first sync.
@@ -196,9 +197,19 @@ void WriteLayer::create() {
     namesPending = true;
     tmp.open(folder + "img.tmp", flags);
     publishedFd = tmp.getFd();
+    tixReserved = 0;
+    reserve();
     // Of a disk that was full, and no longer is.
     const SxMutexBlock lock(&mutex);
     failure = "";
+}
+
+void WriteLayer::tryToCreate() {
+    try {
+        create();
+    } catch (const SxException&) {
+        // Nothing is written yet.
+    }
 }
 
 /// Gives 0 when writes can be taken, else an errno value.
@@ -289,10 +300,8 @@ int WriteLayer::writeNew(RawIdx first, uint64 n, const char* data) {
         const SlotIdx slot = allocate(&nGiven);
         if (nGiven == 0) return ENOSPC;
         if (const int error = writeInSlots(slot, nGiven, data)) {
-            const SxMutexBlock lock(&mutex);
-            for (uint64 i = nGiven; i-- > 0;)
-                freeSlots.push_back(slot + i);
-            return error;
+            giveBack(slot, nGiven);
+            return error == ENOSPC ? writeReserved(first, n, data) : error;
         }
         publish(first, slot, nGiven);
         first = first + nGiven;
@@ -393,6 +402,7 @@ int WriteLayer::syncInTurn() {
     reuseFreed();
     // It stays as it is where that fails, and nothing is lost but room.
     if (tixEnd > compactAt) compact();
+    reserve();
     return failedError.load() != 0 ? EIO : 0;
 }
 

@@ -14,6 +14,10 @@
 /// Its slot is used again, and its room given back to the disk, only once that record is durable and whoever
 /// was writing to the slot has ended: a cut leaves what was written last before the discard, or zeros.
 ///
+/// Where the file system can give room ahead, the layer holds a little in reserve: on a disk that others have
+/// filled a few blocks can still be written. A file system of the drive needs them to be unmounted, even if
+/// it was only read.
+///
 /// write(), discard() and sync() are safe from any thread; flush() only while nobody does either.
 class WriteLayer {
 public:
@@ -23,6 +27,8 @@ public:
 
     /// Makes the files where there are none; durable by the next sync(). Raises.
     void create();
+    /// As create(), for a drive that may never need them: where it fails, the first write that does tries again.
+    void tryToCreate();
     /// Writes `n` whole blocks; gives 0 or an errno value. A full disk fails this write alone; whatever else
     /// fails here or in sync() fails all later ones.
     int write(RawIdx first, uint64 n, const char* data);
@@ -32,8 +38,8 @@ public:
     /// Gives 0 when all writes that have returned are on the device, else an errno value.
     int sync();
     int getFd() const { return publishedFd.load(); }
-    /// Grows while a sync() under way goes on.
-    uint64 getProgress() const { return tmp.getProgress(); }
+    /// Grows while a sync() or a flush() under way goes on.
+    uint64 getProgress() const { return tmp.getProgress() + nLookedAt.load(); }
 
     /// Where a block of the layer is moved to.
     struct Target {
@@ -61,6 +67,8 @@ private:
     static constexpr uint64 HEADER_SIZE = 2 * sizeof(Record);
     /// Bytes of an index that aren't worth writing it anew.
     static constexpr uint64 LEAST_TO_COMPACT = 1 << 20;
+    /// Enough for what an unmount of a journaling file system writes: its superblock, and the records of it.
+    static constexpr uint64 N_RESERVED = 64;
     /// In the place of a slot: the block reads as zeros.
     static constexpr SlotIdx ZEROS{~uint32{0}};
     /// A slot that a discard has freed, and the epoch of writers in which it did.
@@ -97,8 +105,11 @@ private:
     int makeFiles();
     int writeInSlots(SlotIdx first, uint64 n, const char* data);
     int writeNew(RawIdx first, uint64 n, const char* data);
+    int writeReserved(RawIdx first, uint64 n, const char* data);
     SlotIdx allocate(uint64* n);
     void publish(RawIdx first, SlotIdx slot, uint64 n);
+    void giveBack(SlotIdx first, uint64 n);
+    void reserve() SX_REQUIRES(changing);
     bool hasManyPending() const;
     void reuseFreed();
     int syncInTurn() SX_REQUIRES(changing);
@@ -125,6 +136,7 @@ private:
     std::atomic<int> publishedFd{-1}, failedError{0};
     std::atomic<bool> dirty{false};
     std::atomic<uint64> moves{0};
+    std::atomic<uint64> nLookedAt{0}; ///< blocks, by all flushes
 
     /// Held by whatever makes files or changes `img.tix`, over its I/O, and taken ahead of `mutex`: records
     /// go to the end of a file one batch after the other. Readers don't take it, nor do writers, but for
@@ -134,12 +146,14 @@ private:
     bool namesPending SX_GUARDED_BY(changing) = false;
     uint64 tixBegin SX_GUARDED_BY(changing) = HEADER_SIZE; ///< where the records begin
     uint64 tixEnd SX_GUARDED_BY(changing) = 0;             ///< bytes that are written
+    uint64 tixReserved SX_GUARDED_BY(changing) = 0;        ///< bytes of the index that have room on the disk
     uint64 compactAt SX_GUARDED_BY(changing) = 0;  ///< bytes of the index from which on it is written anew
     bool isFormer SX_GUARDED_BY(changing) = false; ///< the index is of a format without discards
 
     mutable SxMutex mutex;
     std::vector<Record> pending SX_GUARDED_BY(mutex); ///< of written blocks, not in `img.tix` yet
     std::vector<SlotIdx> freeSlots SX_GUARDED_BY(mutex);
+    std::vector<SlotIdx> reserved SX_GUARDED_BY(mutex);   ///< that have room on the disk, for when it is full
     std::vector<Freed> freedPending SX_GUARDED_BY(mutex); ///< whose records aren't in `img.tix` yet
     std::vector<Freed> freedSynced SX_GUARDED_BY(mutex);  ///< which a writer may still be writing to
     /// Writers are counted by the epoch in which they began; the epoch rises when none of the one before is

@@ -23,6 +23,7 @@ void WriteLayer::forEachBlock(const Target& target, Visit&& visit) {
         bool isRead = false;
         for (uint64 i = 0; i < n; ++i) {
             const RawIdx rawIdx = first + i;
+            ++nLookedAt;
             const BlockMap::Place place = map->get(rawIdx);
             if (place.isStored()) continue;
             if (!isRead) map->readStored(first, n, &homes);
@@ -51,6 +52,7 @@ void WriteLayer::flush(const Target& target) {
         fail(e.toString(SxException::ShowMessage, ": "), EIO);
         throw;
     }
+    reserve();
 }
 
 /// Copies the blocks that have a place; gives how many. What is cut off here is done again by the next flush:
@@ -111,6 +113,7 @@ void WriteLayer::replaceIndex(DriveFile* next, uint64 end) {
     tix.adopt(next);
     tixBegin = HEADER_SIZE;
     tixEnd = end;
+    tixReserved = 0;
     isFormer = false;
     compactAt = LEAST_TO_COMPACT + 2 * end;
     if (const int status = SxOs::get().syncDir(folder); status < 0) {
@@ -141,6 +144,7 @@ void WriteLayer::freeMoved(const Target& target) {
         for (const Freed& slot : freedSynced)
             freeSlots.push_back(slot.slot);
         freedSynced.clear();
+        reserved.clear();
         std::erase_if(freeSlots, [end](SlotIdx slot) { return slot.value >= end; });
         std::sort(freeSlots.begin(), freeSlots.end(), std::greater<>());
         nSlots = end;

@@ -467,6 +467,23 @@ TEST_F(Drive, whatAFullDiskCantKeepIsToldOf) {
     ASSERT_EQ(::umount2(disk.c_str(), MNT_DETACH), 0);
 }
 
+TEST_F(Drive, oneThatWasOnlyReadIsUnmountedOnAFullDisk) {
+    const string disk = dir.path("disk"), image = disk + "/image";
+    fs::create_directory(disk);
+    ASSERT_EQ(::mount("tmpfs", disk.c_str(), "tmpfs", 0, "size=32m"), 0);
+    fs::copy(build("built", "ext4"), image);
+    for (const char* mode : {"ro", "rtw", "rw"}) {
+        SCOPED_TRACE(mode);
+        EXPECT_EQ(treeOf(mount(image, {"--mode", mode})), treeOf(source));
+        const string block(4096, 'x');
+        for (std::ofstream file(disk + "/fill", std::ios::binary); file.write(block.data(), 4096).flush();)
+            continue;
+        EXPECT_EQ(run({"umount", image}).code, 0);
+        fs::remove(disk + "/fill");
+    }
+    ASSERT_EQ(::umount2(disk.c_str(), MNT_DETACH), 0);
+}
+
 TEST_F(Drive, aReplacementThatWasCutOffIsBroughtToItsEnd) {
     const string image = build("image", "erofs");
     fs::create_directory(image + "/image.new");

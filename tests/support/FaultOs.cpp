@@ -176,9 +176,10 @@ int64 FaultOs::fitting(int fd, int64 n, int64 offset) {
     if (!diskLeft) return n;
     SxStat info;
     machine.statFd(fd, &info);
-    const int64 grows = std::max<int64>(0, offset + n - info.size);
+    const int64 roomEnd = std::max(info.size, openFiles.at(fd).roomEnd);
+    const int64 grows = std::max<int64>(0, offset + n - roomEnd);
     const int64 fits = n - std::clamp<int64>(grows - *diskLeft, 0, n);
-    *diskLeft -= std::max<int64>(0, offset + fits - info.size);
+    *diskLeft -= std::max<int64>(0, offset + fits - roomEnd);
     return fits;
 }
 
@@ -206,6 +207,16 @@ int FaultOs::truncate(int fd, int64 size) {
     pending.changeFile(fd, size, {}, size);
     if (diskLeft) *diskLeft -= size - info.size;
     return machine.truncate(fd, size);
+}
+
+int FaultOs::preallocate(int fd, int64 offset, int64 n) {
+    if (const int error = strike(Op::Write, fd)) return error;
+    const std::lock_guard lock(mutex);
+    if (const auto file = openFiles.find(fd); file != openFiles.end()) {
+        if (fitting(fd, n, offset) < n) return -ENOSPC;
+        file->second.roomEnd = std::max(file->second.roomEnd, offset + n);
+    }
+    return machine.preallocate(fd, offset, n);
 }
 
 int FaultOs::punchHole(int fd, int64 offset, int64 n) {

@@ -88,6 +88,7 @@ public:
     int64 writeAt(int fd, const void* buffer, int64 n, int64 offset) override;
     int truncate(int fd, int64 size) override;
     int punchHole(int fd, int64 offset, int64 n) override;
+    int preallocate(int fd, int64 offset, int64 n) override;
     int sync(int fd) override;
     int syncFs(int fd) override;
     void startWriteback(int fd, int64 offset, int64 n) override { machine.startWriteback(fd, offset, n); }
@@ -161,6 +162,7 @@ private:
     struct OpenFile {
         std::string path;
         bool append;
+        int64 roomEnd = 0; ///< bytes of it that have room on the disk, whatever its size
     };
     struct Fault {
         Op op;

@@ -1,0 +1,61 @@
+#include "WriteLayer.h"
+
+#include <cerrno>
+
+namespace {
+
+/// Bytes of the index that have room ahead of its end: more than the records of all reserved slots.
+constexpr uint64 INDEX_AHEAD = 4096, INDEX_STEP = 16 << 10;
+
+} // namespace
+
+/// Takes back slots that nothing was published in.
+void WriteLayer::giveBack(SlotIdx first, uint64 n) {
+    const SxMutexBlock lock(&mutex);
+    for (uint64 i = n; i-- > 0;)
+        freeSlots.push_back(first + i);
+}
+
+/// For a disk that is full. What doesn't fit whole is refused, so that a large write leaves the reserve to
+/// the small ones. Gives 0 or an errno value.
+int WriteLayer::writeReserved(RawIdx first, uint64 n, const char* data) {
+    std::vector<SlotIdx> slots;
+    {
+        const SxMutexBlock lock(&mutex);
+        if (n > reserved.size()) return ENOSPC;
+        slots.assign(reserved.end() - static_cast<std::ptrdiff_t>(n), reserved.end());
+        reserved.resize(reserved.size() - n);
+    }
+    for (uint64 i = 0; i < n; ++i) {
+        if (const int error = writeInSlots(slots[i], 1, data + i * BLOCK_SIZE)) {
+            for (uint64 left = i; left < n; ++left)
+                giveBack(slots[left], 1);
+            return error;
+        }
+        publish(first + i, slots[i], 1);
+    }
+    return 0;
+}
+
+/// Fills the reserve where the disk has room again; without room, or on a file system that can't give any
+/// ahead, it stays as it is.
+void WriteLayer::reserve() {
+    if (tixEnd + INDEX_AHEAD > tixReserved &&
+        SxOs::get().preallocate(tix.getFd(), static_cast<int64>(tixEnd), INDEX_STEP) == 0)
+        tixReserved = tixEnd + INDEX_STEP;
+    for (;;) {
+        uint64 n = 0;
+        {
+            const SxMutexBlock lock(&mutex);
+            n = N_RESERVED - reserved.size();
+        }
+        if (n == 0) return;
+        const SlotIdx first = allocate(&n);
+        if (n == 0) return;
+        if (SxOs::get().preallocate(tmp.getFd(), first.byte(), static_cast<int64>(n * BLOCK_SIZE)) != 0)
+            return giveBack(first, n);
+        const SxMutexBlock lock(&mutex);
+        for (uint64 i = n; i-- > 0;)
+            reserved.push_back(first + i);
+    }
+}
