@@ -131,6 +131,7 @@ void startService(const std::string& root, const std::string& folder) {
 bool isSlow(unsigned kind) {
     switch (static_cast<Call>(kind)) {
     case Call::Eject:
+    case Call::FlushLayer:
     case Call::Dismount:
     case Call::Reset:
     case Call::GuardOff:
@@ -145,8 +146,7 @@ bool isSlow(unsigned kind) {
 /// of their own in the service.
 int answerSeconds(unsigned kind) {
     if (const char* own = std::getenv("TAVRIN_ANSWER_S")) return std::atoi(own); // for tests
-    if (isSlow(kind)) return 90;
-    return static_cast<Call>(kind) == Call::FlushLayer ? 3600 : 20;
+    return isSlow(kind) ? 90 : 20;
 }
 
 /// Asks on a connection of its own how far the disk has come that the request `body` is about; false where
@@ -158,7 +158,7 @@ bool askProgress(unsigned kind, const std::string& body, uint64* progress) {
     ::setsockopt(other.fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
     const auto call = static_cast<Call>(kind);
     Reader request(body);
-    const SxString image = call == Call::Eject ? request.text() : SxString();
+    const SxString image = call == Call::Eject || call == Call::FlushLayer ? request.text() : SxString();
     const uint64 deviceId = call == Call::Dismount ? request.number() : 0;
     if (!send(other.fd, static_cast<unsigned>(Call::Progress), Writer().text(image).number(deviceId).body()))
         return false;
