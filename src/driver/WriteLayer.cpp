@@ -431,7 +431,10 @@ void WriteLayer::reuseFreed() {
 int WriteLayer::appendRecords(const std::vector<Record>& records) {
     // A format without discards can't have a block twice either.
     if (isFormer && tixEnd != 0) {
-        if (const int error = compact()) return error;
+        const int error = compact();
+        if (error && error != ENOSPC)
+            return fail("Cannot write '" + SxString(tix.getPath()) + "' in its present format", error);
+        if (error) return error;
     }
     int error = tixEnd == 0 ? writeHeader(tix) : 0;
     const uint64 at = tixEnd == 0 ? HEADER_SIZE : tixEnd, size = records.size() * sizeof(Record);

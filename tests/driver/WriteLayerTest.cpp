@@ -207,6 +207,15 @@ TEST(WriteLayer, ALayerOfAFormerFormatTakesDiscards) {
         tix.replace(0, 8, isFirst ? "ZLAYER01" : "ZLAYER02");
         image.dir.write("img.tix", tix);
         {
+            // The name of the new index is taken.
+            std::filesystem::create_directory(image.path("img.tix.new"));
+            Drive drive(image, Mode::Rtw);
+            ASSERT_EQ(drive.discard(0, 2), 0);
+            EXPECT_EQ(drive.disk.sync(), EIO);
+            EXPECT_THAT(drive.disk.getFailure().str(), HasSubstr("in its present format"));
+            std::filesystem::remove(image.path("img.tix.new"));
+        }
+        {
             Drive drive(image, Mode::Rtw);
             ASSERT_EQ(drive.discard(0, 2), 0);
             ASSERT_EQ(drive.write(6, block), 0);
