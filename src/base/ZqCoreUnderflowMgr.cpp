@@ -8,6 +8,7 @@
 #include "ZqLog.h"
 #include "ZqODRDownloader.h"
 #include "ZqSysEnv.h"
+#include "ZqVolume.h"
 
 #include <algorithm>
 
@@ -111,10 +112,12 @@ void ZqCoreUnderflowMgr::stop() {
 
 void ZqCoreUnderflowMgr::restart() {
     minimizedFlag = underflowFlag = false;
+    isRestarted = true;
     stop();
     wait();
+    isRestarted = false;
     appWindow = 0;
-    minimizedFlag = underflowFlag = false;
+    minimizedFlag = underflowFlag = takenAway = entered = false;
     start(6);
 }
 
@@ -137,8 +140,23 @@ ZqRuntimeInfo ZqCoreUnderflowMgr::getRuntimeInfo() const {
     return info;
 }
 
+bool ZqCoreUnderflowMgr::bearsSilence(const SxException& why, bool isTold) const {
+    if (stopRequested() || !why.hasTag(ZqVolume::SILENT)) return false;
+    if (!isTold) zqLogMsg("base", MAIN + why.toString(SxException::ShowMessage, ": "));
+    SxTime::msleep(pollMs);
+    return true;
+}
+
+bool ZqCoreUnderflowMgr::isDriveThere() const {
+    return patiently([this] { return mountMgr.isMounted(path); });
+}
+
+bool ZqCoreUnderflowMgr::isReadHeld() const {
+    return patiently([this] { return mountMgr.askUnderflow(path); });
+}
+
 bool ZqCoreUnderflowMgr::isReadWaiting() {
-    const bool isWaiting = mountMgr.isUnderflow(path);
+    const bool isWaiting = isReadHeld();
     if (isWaiting) lastWaitNs = SxClock::get().steadyNs();
     return isWaiting;
 }
@@ -146,6 +164,7 @@ bool ZqCoreUnderflowMgr::isReadWaiting() {
 void ZqCoreUnderflowMgr::countUnderflow(int64 size) {
     const int64 nowMs = steadyMs();
     const SxMutexBlock lock(&infoMutex);
+    if (openMs != NEVER) return;
     openMs = nowMs;
     ++runtimeInfo.nUnderflows;
     runtimeInfo.maxUnderflowSize = std::max(runtimeInfo.maxUnderflowSize, size);
@@ -157,6 +176,11 @@ void ZqCoreUnderflowMgr::timeUnderflow() {
     const SxMutexBlock lock(&infoMutex);
     if (openMs != NEVER) addDuration(&runtimeInfo, nowMs - openMs);
     openMs = NEVER;
+}
+
+bool ZqCoreUnderflowMgr::isCountOpen() const {
+    const SxMutexBlock lock(&infoMutex);
+    return openMs != NEVER;
 }
 
 int64 ZqCoreUnderflowMgr::steadyMs() {
@@ -183,7 +207,7 @@ void ZqCoreUnderflowMgr::maximizeApp() {
         const ZqDesktop::Handle window = appWindow;
         zqLogMsg("base", "ZqCoreUnderflowMgr::maximizeApp: " + describe("Restore", window));
         maximizeWindow(window);
-        minimizedFlag = false;
+        minimizedFlag = takenAway = false;
     } catch (const SxException& e) {
         throw SxException(e, "App minimization failed", UNIT, __LINE__);
     }
@@ -197,7 +221,7 @@ void ZqCoreUnderflowMgr::findAppWindow(int64 delaySeconds) {
         };
         const auto isDelayOver = [&] {
             // What was handed to this drive isn't on the next one.
-            driveGone = driveGone || !mountMgr.isMounted(path);
+            driveGone = driveGone || !isDriveThere();
             // One that lasts is left to the turns, since nothing is fetched until the delay is over.
             return driveGone || isStopped() || instantMs != 0;
         };
@@ -233,7 +257,7 @@ void ZqCoreUnderflowMgr::findAppWindow(int64 delaySeconds) {
 
 void ZqCoreUnderflowMgr::checkInstantUnderflow() {
     if (instantMs != 0) return;
-    bool unresolved = mountMgr.isUnderflow(path);
+    bool unresolved = isReadHeld();
     if (unresolved) unresolved = !onDemand();
     if (stopRequested()) return;
     underflowFlag = unresolved;
@@ -279,16 +303,13 @@ void ZqCoreUnderflowMgr::minimizeGhost() {
 // The job.
 
 void ZqCoreUnderflowMgr::main() {
-    Watch watch;
+    bool hasFailed = false;
     try {
-        setUp();
-        watch.windowMs = steadyMs();
-        awaitFirstUnderflow();
-        if (!stopRequested()) findAppWindow(appParams.underflowDelay);
-        while (!stopRequested() && !driveGone && mountMgr.isMounted(path))
-            turn(&watch);
+        watchUnderflows();
     } catch (const SxException& e) {
-        ZqJobFailure::report(MAIN, path, e, UNIT, __LINE__);
+        // A service that is silent at the stop is no failure of the job.
+        hasFailed = !stopRequested() || !e.hasTag(ZqVolume::SILENT);
+        if (hasFailed) ZqJobFailure::report(MAIN, path, e, UNIT, __LINE__);
     }
     try {
         // Nobody else knows that it is suspended; what is missing stays held.
@@ -296,16 +317,38 @@ void ZqCoreUnderflowMgr::main() {
     } catch (const SxException& e) {
         zqLogMsg("base", MAIN + e.toString(3, "\n"));
     }
-    // With a stop, or the drive, it ends as well.
-    timeUnderflow();
+    // With a stop, or the drive, it ends as well. Behind a failure, or a restart, the read may be held still.
+    if (!hasFailed) {
+        entered = false;
+        underflowFlag = false;
+        if (!isRestarted) timeUnderflow();
+    }
     report();
     refFile = SxFileIO();
     statFile = SxFileIO();
 }
 
+void ZqCoreUnderflowMgr::watchUnderflows() {
+    Watch watch;
+    setUp();
+    watch.windowMs = steadyMs();
+    if (entered) {
+        watch.resolved = false;
+    } else {
+        awaitFirstUnderflow();
+        if (!stopRequested()) findAppWindow(appParams.underflowDelay);
+    }
+    while (!stopRequested() && !driveGone && isDriveThere())
+        turn(&watch);
+}
+
 void ZqCoreUnderflowMgr::setUp() {
-    appWindow = 0;
-    minimizedFlag = underflowFlag = false;
+    // A window that was taken away must be known until it is back, and what is open until it is over.
+    if (!entered && !takenAway) {
+        appWindow = 0;
+        minimizedFlag = false;
+    }
+    if (!entered && !isCountOpen()) underflowFlag = false;
     instantMs = 0;
     driveGone = false;
     blockFlags.removeAll();
@@ -345,6 +388,9 @@ void ZqCoreUnderflowMgr::awaitFirstUnderflow() {
             checkInstantUnderflow();
             return;
         }
+        // One that was open when the last job ended is over.
+        timeUnderflow();
+        underflowFlag = false;
         SxTime::msleep(pollMs);
     }
 }
@@ -365,12 +411,12 @@ void ZqCoreUnderflowMgr::turn(Watch* watch) {
         underflow = !onDemand();
         if (stopRequested()) return;
         // One that was counted has more to be undone than a turn's.
-        if (!watch->counted) watch->resolved = !underflow;
+        if (!entered) watch->resolved = !underflow;
     }
     if (!underflow) {
         leaveUnderflow(watch);
     } else if (!isMinimized()) {
-        underflow = enterUnderflow(watch);
+        underflow = enterUnderflow();
     }
     if (lastStatRow == NEVER || steadyMs() - lastStatRow > ROW_MS) writeRow(watch);
     underflowFlag = underflow;
@@ -378,8 +424,7 @@ void ZqCoreUnderflowMgr::turn(Watch* watch) {
         pause();
         return;
     }
-    SxWait::pass(UNDERFLOW_MS,
-                 [this] { return stopRequested() || !mountMgr.isUnderflow(path) || hasDownloadPassed(); });
+    SxWait::pass(UNDERFLOW_MS, [this] { return stopRequested() || !isReadHeld() || hasDownloadPassed(); });
 }
 
 void ZqCoreUnderflowMgr::lookAtWindow(Watch* watch) {
@@ -396,25 +441,27 @@ void ZqCoreUnderflowMgr::lookAtWindow(Watch* watch) {
     if (foreground != 0 && foreground != appWindow) findAppWindow(0);
 }
 
-bool ZqCoreUnderflowMgr::enterUnderflow(Watch* watch) {
+bool ZqCoreUnderflowMgr::enterUnderflow() {
     zqLogMsg("base", SxString(MAIN) + "Underflow for block " + (resumeIdx >> 12) +
                          " detected. ETA : " + getUnderflowETA());
     if (appParams.suspendDrive) {
-        mountMgr.suspend(path);
+        // One whose answer didn't come may have been done.
         driveSuspended = true;
+        patiently([this] { mountMgr.suspend(path); });
     }
-    if (!mountMgr.isUnderflow(path)) {
+    if (!isReadHeld()) {
         resumeDrive();
         return false;
     }
     minimizedFlag = true;
-    watch->counted = true;
-    if (instantMs == 0) countUnderflow(static_cast<int64>(resumeIdx) - static_cast<int64>(nDownloaded()));
+    entered = true;
+    countUnderflow(static_cast<int64>(resumeIdx) - static_cast<int64>(nDownloaded()));
     instantMs = 0;
     if (appWindow != 0 && !isIconic(appWindow)) {
         underflowFlag = true;
-        minimizeApp();
+        takenAway = true;
         ++nTakenAway;
+        minimizeApp();
         zqLogMsg("base", SxString(MAIN) + "Minimized");
     }
     return true;
@@ -422,15 +469,15 @@ bool ZqCoreUnderflowMgr::enterUnderflow(Watch* watch) {
 
 void ZqCoreUnderflowMgr::leaveUnderflow(Watch* watch) {
     const bool wasMinimized = isMinimized();
-    if (!watch->resolved && (wasMinimized || watch->counted)) {
+    if (!watch->resolved && (wasMinimized || entered)) {
         zqLogMsg("base", SxString(MAIN) + "Underflow resolved.");
         watch->resolved = true;
     }
     resumeDrive();
-    if (watch->counted || instantMs != 0) timeUnderflow();
-    watch->counted = false;
+    timeUnderflow();
+    entered = false;
     instantMs = 0;
-    if (wasMinimized && !isIconic(appWindow)) minimizedFlag = false;
+    if (wasMinimized && !isIconic(appWindow)) minimizedFlag = takenAway = false;
 }
 
 void ZqCoreUnderflowMgr::pause() const {
@@ -439,12 +486,13 @@ void ZqCoreUnderflowMgr::pause() const {
 }
 
 bool ZqCoreUnderflowMgr::hasDownloadPassed() const {
-    return isMinimized() && appParams.suspendDrive && nDownloaded() > resumeIdx && mountMgr.isSuspended(path);
+    return isMinimized() && appParams.suspendDrive && nDownloaded() > resumeIdx &&
+           patiently([this] { return mountMgr.isSuspended(path); });
 }
 
 void ZqCoreUnderflowMgr::resumeDrive() {
     if (!driveSuspended) return;
-    mountMgr.resume(path);
+    patiently([this] { mountMgr.resume(path); });
     driveSuspended = false;
 }
 

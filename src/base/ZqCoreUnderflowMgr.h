@@ -21,7 +21,9 @@ class ZqODRDownloader;
 /// gets the missing stretches of `img.zqf` out of order where it can. Where it can't, it minimises the
 /// application's window and, if `suspendDrive` says so, suspends the drive, until the download has caught up.
 /// It keeps the statistics of that, and never acts on the process. It runs until it is stopped or the drive,
-/// once an underflow has come, is gone. The queries, stop(), maximizeApp() and setDownloadParams() are safe
+/// once an underflow has come, is gone; a service that is silent is asked again, and nothing changes until
+/// that answers. What a job that has failed left open, a window taken away or an underflow counted, the next
+/// one goes on with. The queries, stop(), maximizeApp() and setDownloadParams() are safe
 /// from any thread; start(), wait() and restart() belong to the owner's; everything else runs on the job's
 /// own.
 class ZqCoreUnderflowMgr : public SxSystemThread {
@@ -108,7 +110,6 @@ private:
     struct Watch {
         int64 windowMs = 0;    ///< when the window was looked for last
         bool resolved = true;  ///< the underflow that was seen last
-        bool counted = false;  ///< it stands in the statistics, but for its duration
         int64 nRowFetches = 0; ///< fetches at the last row of `onDemand.dat`
     };
     /// Where the bytes of one pass come from.
@@ -121,6 +122,24 @@ private:
 
     /// Durations don't depend on the system's clock, which may jump.
     static int64 steadyMs();
+    /// Makes a call of the drive service, again and again as long as that is silent: a read that it holds
+    /// stays held, so nothing has changed. Gives what the call gives; raises what else goes wrong, and the
+    /// silence where the job is stopped in it.
+    template<class Call>
+    auto patiently(Call&& call) const {
+        for (bool isTold = false;; isTold = true) {
+            try {
+                return call();
+            } catch (const SxException& e) {
+                if (!bearsSilence(e, isTold)) throw;
+            }
+        }
+    }
+    bool bearsSilence(const SxException& why, bool isTold) const;
+    bool isDriveThere() const;
+    /// Whether the drive holds a read for want of its blocks.
+    bool isReadHeld() const;
+    void watchUnderflows();
     void setUp();
     void openStatistics();
     void awaitFirstUnderflow();
@@ -129,15 +148,17 @@ private:
     /// Minimises what the desktop shows in the place of an application that doesn't answer.
     void minimizeGhost();
     /// A new underflow that on-demand requests don't resolve; gives whether it is still there.
-    bool enterUnderflow(Watch* watch);
+    bool enterUnderflow();
     void leaveUnderflow(Watch* watch);
     bool hasDownloadPassed() const;
     /// Looks at the drive, and notes the time where a read waits.
     bool isReadWaiting();
     void resumeDrive();
+    /// Counts an underflow, unless it is one that was counted before and isn't over.
     void countUnderflow(int64 size) SX_EXCLUDES(infoMutex);
     /// Ends the underflow that was counted last, if it is open.
     void timeUnderflow() SX_EXCLUDES(infoMutex);
+    bool isCountOpen() const SX_EXCLUDES(infoMutex);
     void writeRow(Watch* watch);
     void report() const;
 
@@ -172,8 +193,11 @@ private:
 
     std::atomic<ZqDesktop::Handle> appWindow{0};
     std::atomic<bool> windowSearch{true}, minimizedFlag{false}, underflowFlag{false}, stopFlag{false};
+    std::atomic<bool> takenAway{false};   ///< the window was, and isn't back
+    std::atomic<bool> isRestarted{false}; ///< a stop that a start follows
     std::atomic<uint64> resumeIdx{0};
     std::atomic<int64> nTakenAway{0}, lastWaitNs{0};
+    bool entered = false;        ///< an underflow that isn't over, for which the window goes
     bool driveSuspended = false; ///< by this job, and not resumed yet
     bool driveGone = false;      ///< since the start of the job
     int64 instantMs = 0;         ///< when an instant underflow began that was left to the turns; 0 none

@@ -129,7 +129,7 @@ SxArray<uint64> ZqCoreUnderflowMgr::popOnDemandZqFByteIndices(uint64 count) {
 }
 
 SxArray<uint64> ZqCoreUnderflowMgr::popQueue(uint64 count) const {
-    SxArray<uint64> indices = mountMgr.popUnderflowZqFBlocks(path, count);
+    SxArray<uint64> indices = patiently([&] { return mountMgr.popUnderflowZqFBlocks(path, count); });
     for (uint64& index : indices)
         index = byteIdxOf(index);
     return indices;
@@ -183,7 +183,7 @@ bool ZqCoreUnderflowMgr::runPass() {
 }
 
 void ZqCoreUnderflowMgr::noteQueue() {
-    queueLen = mountMgr.getUnderflowQueueLen(path);
+    queueLen = patiently([this] { return mountMgr.getUnderflowQueueLen(path); });
     queueLens.update(queueLen);
     const SxMutexBlock lock(&infoMutex);
     runtimeInfo.avgOnDemandQueue = whole(queueLens.getAverage());
@@ -258,7 +258,8 @@ bool ZqCoreUnderflowMgr::fetchByCallback(const Pass& pass, const Source& source,
         for (int64 done = 0; done < data.getSize(); done += MAX_DELIVERY) {
             SxArray<char> piece(std::min(MAX_DELIVERY, data.getSize() - done));
             std::copy_n(data.begin() + done, piece.getSize(), piece.begin());
-            mountMgr.sendBlockToUFLayer(path, piece, (offset + static_cast<uint64>(done)) / BLOCK);
+            const uint64 zqfIdx = (offset + static_cast<uint64>(done)) / BLOCK;
+            patiently([&] { mountMgr.sendBlockToUFLayer(path, piece, zqfIdx); });
         }
         noteFetched(offset);
     }
@@ -304,7 +305,7 @@ bool ZqCoreUnderflowMgr::takeDownload(const Pass& pass, const ZqODRDownloader& f
         pass.log("Too much data for driver");
         return false;
     }
-    mountMgr.sendBlockToUFLayer(path, data, offset / BLOCK);
+    patiently([&] { mountMgr.sendBlockToUFLayer(path, data, offset / BLOCK); });
     noteFetched(offset);
     return true;
 }

@@ -368,13 +368,15 @@ void ZqImageFeed::restoreWindow() {
     if (!manager || manager->isUnderflow()) return;
     const int64 nTakenAway = manager->getNTakenAway();
     if (nTakenAway == nRestored) return;
-    nRestored = nTakenAway;
-    // The player may have brought it back.
-    if (!manager->isMinimized()) return;
     try {
-        manager->maximizeApp();
+        // The player may have brought it back.
+        if (manager->isMinimized()) manager->maximizeApp();
+        nRestored = nTakenAway;
+        restoreFailed = false;
     } catch (const SxException& e) {
-        zqLogMsg("base", SxString("ZqImageFeed::restoreWindow: ") + e.toString());
+        // It is tried again, and told once.
+        if (!restoreFailed) zqLogMsg("base", SxString("ZqImageFeed::restoreWindow: ") + e.toString());
+        restoreFailed = true;
     }
 }
 

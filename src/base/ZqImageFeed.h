@@ -169,7 +169,8 @@ private:
     SxPtr<ZqRemoteImage> image;
     SxPtr<ZqImageProgress> progress;
     SxPtr<ZqCoreUnderflowMgr> manager;
-    int64 nRestored = 0;  ///< how often the window was taken away and has come back
+    int64 nRestored = 0;        ///< how often the window was taken away and has come back
+    bool restoreFailed = false; ///< it couldn't be brought back when that was last tried
     SxMutex managerMutex; ///< over the manager's starts and ends, which the keeper and the owner look after
     std::unique_ptr<ZqOrderedDownload> download;
     std::unique_ptr<Job> keeper, versionCheck, digestCheck;

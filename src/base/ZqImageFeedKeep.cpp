@@ -82,15 +82,16 @@ void ZqImageFeed::keepProgress() {
 }
 
 void ZqImageFeed::keepManager() {
-    // It ends with each drive, also with that of the preparation, and with a call of the service that failed.
     const SxMutexBlock block(&managerMutex);
-    if (!isComplete()) {
-        if (manager->isRunning()) return;
+    // The cursor has passed the last block: from now on it would ask the drive in vain.
+    const bool isNeeded = !isComplete() || progress->isRunning() || manager->isUnderflow();
+    if (!isNeeded) {
+        manager->stop();
+    } else if (!manager->isRunning() && (!isComplete() || manager->isUnderflow())) {
+        // It ends with each drive, also with that of the preparation, and with a call of the service that
+        // failed, and must be there to see the end of an underflow that it has told of.
         manager->wait();
         manager->start();
-    } else if (!progress->isRunning() && !manager->isUnderflow()) {
-        // The cursor has passed the last block, so from now on it would ask the drive in vain.
-        manager->stop();
     }
 }
 
@@ -98,7 +99,7 @@ bool ZqImageFeed::hasSettled() {
     if (!verified) return false;
     const SxMutexBlock block(&managerMutex);
     settled = !link || (isComplete() && !progress->isRunning() && !manager->isRunning() &&
-                        !download->isRunning() && !getWriter()->isRunning());
+                        !manager->isUnderflow() && !download->isRunning() && !getWriter()->isRunning());
     return settled;
 }
 

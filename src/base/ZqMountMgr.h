@@ -136,6 +136,9 @@ public:
     bool isSuspended(const SxString& image) const;
     /// Whether a read of a block that isn't there is held; false also where the service fails.
     bool isUnderflow(const SxString& image) const;
+    /// The same for who mustn't take the end of an underflow from a service that is silent: raises that with
+    /// the tag ZqVolume::SILENT.
+    bool askUnderflow(const SxString& image) const;
     bool isMonitored(const SxString& image) const;
     /// Whether a trace record has come since the last question.
     bool retrieveTraceEvent(const SxString& image) const;

@@ -162,6 +162,15 @@ bool ZqMountMgr::isUnderflow(const SxString& image) const {
     return isMounted(image) && zqDriveIsUnderflow(image.utf16().data(), &flag) == 0 && flag != 0;
 }
 
+bool ZqMountMgr::askUnderflow(const SxString& image) const {
+    ZqFlag flag = 0;
+    if (!isMounted(image)) return false;
+    if (zqDriveIsUnderflow(image.utf16().data(), &flag) == 0) return flag != 0;
+    const SxException why = ZqVolume::getLastException(UNIT, __LINE__);
+    if (!why.hasTag(ZqVolume::SILENT)) return false;
+    throw SxException(why, "Cannot query underflow state on image " + image, UNIT, __LINE__);
+}
+
 bool ZqMountMgr::isMonitored(const SxString& image) const {
     return isMounted(image) &&
            ask(image, zqDriveIsMonitored, "Cannot query monitor state on image " + image) != 0;

@@ -9,6 +9,8 @@ namespace {
 
 constexpr uint64 BLOCK = 4096;
 constexpr int N_READERS = 20;
+/// Several times what an answer may take.
+constexpr int64 SILENCE_MS = 3500;
 
 /// Reads random blocks of `file` until all have had their time, and counts those that aren't as in `right`.
 class Reader {
@@ -67,41 +69,91 @@ TEST_F(StreamRun, NoUnderflowOfManyReadersIsLost) {
         EXPECT_EQ(reader->nWrong, 0) << "of " << reader->nRead;
 }
 
-TEST_F(StreamRun, TheWindowIsOutOfTheWayForALongUnderflowOnly) {
-    const string reason = TestDisplay::missing();
-    if (!reason.empty()) GTEST_SKIP() << reason;
-    const TestDisplay display;
-    ZqX11Desktop desktop;
-    TestApplication application;
-    TestApplication::Look look;
-    look.title = "Adventure";
-    const ZqDesktop::Handle window = application.show(look);
-    ASSERT_TRUE(eventually([&] { return desktop.findByTitle("Adventure") == window; }));
-    ZqAppParams app(SxString(served + "/"));
-    app.window = "Adventure";
-    app.underflowDelay = 0;
-    app.suspendDrive = true;
-    app.write();
-    server->setRate(1'000'000);
-    hold();
-    dir.write("played.pause", "");
+namespace {
+
+/// A desktop on which the window of the streamed application stands, which is minimised for underflows.
+class WindowRun : public StreamRun {
+protected:
+    void SetUp() override {
+        StreamRun::SetUp();
+        if (IsSkipped()) return;
+        const string reason = TestDisplay::missing();
+        if (!reason.empty()) GTEST_SKIP() << reason;
+        display = std::make_unique<TestDisplay>();
+        desktop = std::make_unique<ZqX11Desktop>();
+        application = std::make_unique<TestApplication>();
+        TestApplication::Look look;
+        look.title = "Adventure";
+        window = application->show(look);
+        ASSERT_TRUE(eventually([this] { return desktop->findByTitle("Adventure") == window; }));
+        ZqAppParams app(SxString(served + "/"));
+        app.window = "Adventure";
+        app.underflowDelay = 0;
+        app.suspendDrive = true;
+        app.write();
+        server->setRate(1'000'000);
+        hold();
+        pause();
+    }
+    bool isIconic() { return desktop->isIconic(window); }
+    /// Waits for the application to have read what it does ahead of its pause.
+    bool hasReadSome() {
+        const auto has = [this] {
+            return fs::exists(played + ".half") && fs::file_size(played + ".half") > 1'000'000;
+        };
+        return SxWait::pass(30'000, has);
+    }
+    void cutOff() {
+        server->stop();
+        resume();
+    }
+    void comeBack() {
+        server->setRate(0);
+        server->start();
+    }
+
+    std::unique_ptr<TestDisplay> display;
+    std::unique_ptr<ZqX11Desktop> desktop;
+    std::unique_ptr<TestApplication> application;
+    ZqDesktop::Handle window = 0;
+};
+
+} // namespace
+
+TEST_F(WindowRun, ItIsOutOfTheWayForALongUnderflowOnly) {
     const auto player = start();
     // As long as the download goes on, it stays.
-    const auto hasPaused = [this] {
-        return fs::exists(played + ".half") && fs::file_size(played + ".half") > 1'000'000;
-    };
-    ASSERT_TRUE(SxWait::pass(30'000, hasPaused)) << player->says();
-    EXPECT_FALSE(desktop.isIconic(window));
-    server->stop();
-    fs::remove(played + ".pause");
-    EXPECT_TRUE(SxWait::pass(60'000, [&] { return desktop.isIconic(window); })) << player->says();
+    ASSERT_TRUE(hasReadSome()) << player->says();
+    EXPECT_FALSE(isIconic());
+    cutOff();
+    EXPECT_TRUE(SxWait::pass(60'000, [&] { return isIconic(); })) << player->says();
     EXPECT_FALSE(hasPlayed());
-    server->setRate(0);
-    server->start();
-    EXPECT_TRUE(SxWait::pass(30'000, [&] { return !desktop.isIconic(window); })) << player->says();
+    comeBack();
+    EXPECT_TRUE(SxWait::pass(30'000, [&] { return !isIconic(); })) << player->says();
     EXPECT_TRUE(SxWait::pass(30'000, [&] { return hasPlayed(); })) << player->says();
     release();
     EXPECT_EQ(player->end(), 0) << player->says();
     EXPECT_THAT(player->says(), Not(HasSubstr("underflows                0,")));
+    expectPlayed();
+}
+
+TEST_F(WindowRun, ItComesBackBehindASilentService) {
+    ::setenv("TAVRIN_ANSWER_S", "1", 1);
+    const auto player = start();
+    ::unsetenv("TAVRIN_ANSWER_S");
+    ASSERT_TRUE(hasReadSome()) << player->says();
+    cutOff();
+    ASSERT_TRUE(SxWait::pass(60'000, [&] { return isIconic(); })) << player->says();
+    const auto service = static_cast<pid_t>(statusOf(got).servicePid);
+    ASSERT_GT(service, 0);
+    ::kill(service, SIGSTOP);
+    EXPECT_FALSE(SxWait::pass(SILENCE_MS, [&] { return !isIconic(); })) << player->says();
+    ::kill(service, SIGCONT);
+    comeBack();
+    EXPECT_TRUE(SxWait::pass(30'000, [&] { return !isIconic(); })) << player->says();
+    EXPECT_TRUE(SxWait::pass(30'000, [&] { return hasPlayed(); })) << player->says();
+    release();
+    EXPECT_EQ(player->end(), 0) << player->says();
+    EXPECT_THAT(player->says(), HasSubstr("underflows                1,"));
     expectPlayed();
 }

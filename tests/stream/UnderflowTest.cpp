@@ -186,6 +186,105 @@ TEST(Underflow, AFailureEndsTheRunWithAReport) {
     }
 }
 
+TEST(Underflow, ASilentServiceChangesNothing) {
+    struct Case {
+        const char* call;
+        int nth;
+        bool isDownloaded; ///< by the ordered download, in the end
+    };
+    const Case cases[] = {
+        {"IsMounted", 1, false},           {"IsMounted", 300, true},
+        {"IsUnderflow", 1, false},         {"IsUnderflow", 2, true},
+        {"IsUnderflow", 300, false},       {"Suspend", 1, false},
+        {"IsSuspended", 1, true},          {"Resume", 1, true},
+        {"GetOnDemandQueueLen", 1, false}, {"PopUnderflowZqFBlocks", 2, false},
+        {"ResolveUnderflow", 1, false},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(testing::Message() << c.call << " " << c.nth);
+        HardRun run;
+        int nCalls = 0;
+        run.driver.onCall = [&](const std::string& name) {
+            if (name == c.call && ++nCalls == c.nth) run.driver.silence(50'000);
+        };
+        run.sleep(55'000);
+        EXPECT_TRUE(run.mgr->isRunning() && run.mgr->isUnderflow() && run.mgr->isMinimized());
+        run.fails = c.isDownloaded;
+        if (c.isDownloaded) run.progress->setNCurrent(3 * STRETCH + 1);
+        EXPECT_TRUE(run.await([&] { return !run.mgr->isUnderflow(); }, 55'000));
+        EXPECT_GE(nCalls, c.nth);
+        EXPECT_THAT(run.desktop.notes, ElementsAre("minimise 77"));
+        EXPECT_TRUE(run.mgr->isMinimized()) << "else nobody knows that it is to be brought back";
+        EXPECT_FALSE(run.driver.suspended);
+        EXPECT_TRUE(run.isDeliveryRight());
+        EXPECT_EQ(run.isAnswered(), !c.isDownloaded);
+        EXPECT_EQ(run.mgr->getNTakenAway(), 1);
+        EXPECT_EQ(run.mgr->getRuntimeInfo().nUnderflows, 1);
+        EXPECT_EQ(run.nLogged("The drive service doesn't answer"), 1) << "once for each silence";
+        EXPECT_EQ(run.failure(), "");
+    }
+}
+
+TEST(Underflow, AStopEndsTheWaitForASilentService) {
+    HardRun run;
+    run.sleep(2500);
+    run.driver.silence(10'000'000);
+    run.sleep(100'000);
+    const int64 t0 = run.nowMs();
+    run.stop();
+    EXPECT_LE(run.nowMs() - t0, 2 * 20'000 + 100)
+        << "the answer that it waits for, and that to its last call";
+    EXPECT_EQ(run.failure(), "");
+}
+
+TEST(Underflow, WhatAFailureLeavesOpenIsGoneOnWith) {
+    for (const bool isOver : {false, true}) {
+        SCOPED_TRACE(isOver ? "over meanwhile" : "still there");
+        HardRun run(false);
+        run.sleep(2500);
+        run.driver.fail("IsMounted", 1, "why");
+        EXPECT_TRUE(run.await([&] { return !run.mgr->isRunning(); }, 1500));
+        run.driver.mend("IsMounted");
+        EXPECT_TRUE(run.mgr->isUnderflow() && run.mgr->isMinimized());
+        if (isOver) run.driver.queue.clear();
+        run.mgr->wait();
+        run.launch();
+        if (!isOver) {
+            run.sleep(3000);
+            EXPECT_TRUE(run.mgr->isUnderflow() && run.mgr->isMinimized());
+            run.fails = false;
+        }
+        EXPECT_TRUE(run.await([&] { return !run.mgr->isUnderflow(); }, 1200));
+        EXPECT_TRUE(run.mgr->isMinimized());
+        run.mgr->maximizeApp();
+        EXPECT_THAT(run.desktop.notes, ElementsAre("minimise 77", "show 77", "activate 77"));
+        const ZqRuntimeInfo info = run.mgr->getRuntimeInfo();
+        EXPECT_EQ(info.nUnderflows, 1);
+        EXPECT_NEAR(static_cast<double>(info.maxUnderflowTime), static_cast<double>(run.nowMs()), 150);
+        run.sleep(2000);
+        EXPECT_EQ(run.mgr->getRuntimeInfo().maxUnderflowTime, info.maxUnderflowTime);
+    }
+}
+
+TEST(Underflow, OneCountsOnceHoweverOftenItIsMet) {
+    HardRun run;
+    run.sleep(2500);
+    // The player brings the window back ahead of its time.
+    run.desktop.windows[run.GAME].iconic = false;
+    run.mgr->maximizeApp();
+    run.sleep(2500);
+    EXPECT_THAT(run.desktop.notes, testing::Contains("minimise 77").Times(2));
+    run.mgr->restart();
+    run.sleep(2500);
+    EXPECT_EQ(run.mgr->getRuntimeInfo().nUnderflows, 1);
+    run.fails = false;
+    EXPECT_TRUE(run.await([&] { return run.isAnswered(); }, 1200));
+    run.sleep(20);
+    const ZqRuntimeInfo info = run.mgr->getRuntimeInfo();
+    EXPECT_NEAR(static_cast<double>(info.maxUnderflowTime), static_cast<double>(run.nowMs()), 150);
+    EXPECT_EQ(info.avgUnderflowTime, info.maxUnderflowTime);
+}
+
 TEST(Underflow, WithoutASourceItIsMinimisedAlone) {
     UnderflowRun run;
     run.app.suspendDrive = true;

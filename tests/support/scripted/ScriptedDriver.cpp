@@ -79,6 +79,13 @@ bool ScriptedDriver::enter(const std::string& name, const std::string& note) {
     settle();
     ++nCalls;
     if (onCall) onCall(name);
+    const int64 leftMs = silentUntilMs - clock().elapsedMs();
+    if (leftMs > 0) clock().sleepNs(std::min(leftMs, ANSWER_MS) * 1'000'000);
+    wasSilent = leftMs > ANSWER_MS;
+    if (wasSilent) {
+        lastFailure = "The drive service doesn't answer";
+        return false;
+    }
     if (!note.empty()) notes.push_back(note);
     const auto fault = faults.find(name);
     const bool fails = fault != faults.end() && --fault->second.left <= 0;
@@ -335,5 +342,6 @@ SxString ZqVolume::getLastFailure() {
     return ScriptedDriver::get().lastFailure;
 }
 SxException ZqVolume::getLastException(const SxString& unit, int line) {
-    return SxException(getLastFailure(), unit, line);
+    return ScriptedDriver::get().wasSilent ? SxException(SILENT, getLastFailure(), unit, line)
+                                           : SxException(getLastFailure(), unit, line);
 }

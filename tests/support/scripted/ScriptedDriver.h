@@ -35,6 +35,9 @@ public:
     /// The queue as the service hands it out.
     std::vector<uint64> pop(uint64 max);
     void take(uint64 zqfIdx, const std::string& bytes);
+    /// From now on the service is silent for so long: calls wait for it, and fail as silent where it lasts
+    /// longer than an answer may take.
+    void silence(int64 ms) { silentUntilMs = clock().elapsedMs() + ms; }
     /// Calls of all names so far.
     int64 nCalls = 0;
 
@@ -47,7 +50,7 @@ public:
     SxString diskFailure; ///< what the service says of the disk
     bool isBusy = false;
     bool isVisible = true; ///< the volume, from the process's mount namespace
-    uint64 nProgress = 0; ///< how often what was written is said to have come on
+    uint64 nProgress = 0;  ///< how often what was written is said to have come on
     bool answersPing = true;
     std::string version = "3.4.10";
     /// Blocks that readers wait for; a delivery takes them away, unless `keepsQueue`.
@@ -68,6 +71,7 @@ public:
 
     std::vector<std::string> notes;
     SxString lastFailure;
+    bool wasSilent = false; ///< in the last call
     VirtualClock& clock() { return time; }
 
 private:
@@ -88,7 +92,10 @@ private:
         std::string reason;
     };
 
+    static constexpr int64 ANSWER_MS = 20'000;
+
     std::string marker;
+    int64 silentUntilMs = 0;
     std::map<std::string, Fault> faults;
     std::map<uint64, int64> poppedAt;
     Clock time;
