@@ -136,6 +136,7 @@ void ZqCoreAppGuard::main() {
 int ZqCoreAppGuard::follow() {
     const SxAdoption adoption;
     try {
+        applicationFlag.set(isAdopted() || appParams.name.isEmpty());
         if (isAdopted()) return followAdopted();
         return appParams.name.isEmpty() ? followCommand() : followNamed();
     } catch (const SxException& e) {
@@ -207,7 +208,9 @@ int ZqCoreAppGuard::followNamed() {
             zqLogMsg("base", SxString(PREFIX) + "Failed to open handle to " + appParams.name + " process.");
         }
         noteGroup(newGroupOf(id));
+        applicationFlag.set(application.isOpen());
         followByName(application);
+        applicationFlag.set(false);
         if (application.isOpen()) code = exitCodeOf(application);
     }
     // That of the command itself is taken in with it.

@@ -41,6 +41,10 @@ public:
     /// Whether it looks for the process that the record names, and whether that was never found.
     bool isSearching() const { return searchFlag.get(); }
     bool isMissed() const { return missedFlag.get(); }
+    /// Whether the application runs that suspend() is about: the process that the record names from when it
+    /// was found to its end, else that of the command. A launcher alone is none, and each search for the
+    /// application in suspend() and resume() takes a second.
+    bool hasApplication() const { return applicationFlag.get(); }
     /// Whether an earlier program started it.
     bool isAdopted() const { return !process; }
 
@@ -97,7 +101,7 @@ private:
     SxPtr<SxProcess> process;
     SxString needsWine; ///< the program, where it is one for Wine
 
-    SxFlag begunFlag, runningFlag, stopFlag, suspendedFlag, searchFlag, missedFlag;
+    SxFlag begunFlag, runningFlag, stopFlag, suspendedFlag, searchFlag, missedFlag, applicationFlag;
 
     mutable SxMutex codeMutex;
     int exitCode SX_GUARDED_BY(codeMutex) = NO_CODE;

@@ -24,6 +24,8 @@ constexpr const char* UNIT = "src/base/ZqRun";
 constexpr int64 LOOK_MS = SxWait::LOOK_MS;
 /// From one try to note the application to the next.
 constexpr int64 NOTE_NS = 500'000'000;
+/// From one try to suspend an application, or to let it go on, that failed to the next.
+constexpr int64 SUSPEND_NS = 5'000'000'000;
 /// From one look for the series to the next.
 constexpr int64 SAMPLE_MS = 20;
 /// The same from the moment on at which no read has to wait any longer, and between two looks at the
@@ -333,13 +335,16 @@ void ZqRun::follow() {
 
 void ZqRun::suspendProcess() {
     const bool isSleepy = sleepDelay->isSleepComing();
-    // A launcher that hasn't come to its application goes on: there is nobody else to be suspended.
-    const bool isLaunching = isSleepy && guard->isSearching();
-    const bool isWanted =
-        (isSleepy && !isLaunching) || (feed.getApp().suspendProc && feed.getStatus().isUnderflow);
-    if (isWanted && !guard->isSuspended()) guard->suspend();
-    if (!isWanted && guard->isSuspended()) guard->resume();
-    isHalted = isSleepy && (isLaunching || guard->isSuspended());
+    const bool isWanted = isSleepy || (feed.getApp().suspendProc && feed.getStatus().isUnderflow);
+    // A launcher goes on, also one whose application hasn't come yet: there is nobody else to be suspended.
+    const bool isThere = guard->hasApplication();
+    const int64 nowNs = SxClock::get().steadyNs();
+    const bool isDue = suspendNs == 0 || nowNs - suspendNs >= SUSPEND_NS;
+    if (isThere && isDue && isWanted != guard->isSuspended()) {
+        isWanted ? guard->suspend() : guard->resume();
+        suspendNs = isWanted == guard->isSuspended() ? 0 : SxClock::get().steadyNs();
+    }
+    isHalted = isSleepy && (!isThere || guard->isSuspended());
 }
 
 /// Whether the machine can sleep: the application is suspended, and nobody waits for blocks of the drive.

@@ -127,6 +127,8 @@ private:
     void noteEnd();
     void writeInfo();
     void follow();
+    /// Suspends the application while the machine is about to sleep, and for an underflow where the record
+    /// says so; else lets it go on.
     void suspendProcess();
     bool isCalm() const;
     int64 frameFileMs() const;
@@ -152,6 +154,7 @@ private:
     std::unique_ptr<Sampler> sampler;
     std::unique_ptr<ZqSleepDelay> sleepDelay;
     std::atomic<bool> isHalted{false}; ///< the application doesn't run, as the machine is about to sleep
+    int64 suspendNs = 0;               ///< when it couldn't be suspended, or resumed, last; 0 for never
     SxString notedGroup;
     bool startNoted = false, mounted = false;
     int64 noteNs = 0;     ///< when noting failed last; 0 for never

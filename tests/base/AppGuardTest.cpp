@@ -192,9 +192,11 @@ TEST_F(AppGuardTest, ALauncherThatTakesLongerThanTheSearch) {
                                    "$GAME -c 'sleep 0.7; exit 6' & sleep 0.3; exit 1");
     guard->start();
     ASSERT_TRUE(SxWait::pass(70'000, [this] { return logged("identified as PID -1"); }));
+    EXPECT_FALSE(guard->hasApplication());
     dir.write("volume/app/launcher.go", "");
     guard->wait();
     EXPECT_EQ(guard->getExitCode(), 6);
+    EXPECT_FALSE(guard->hasApplication());
     EXPECT_FALSE(guard->isMissed());
 }
 
@@ -215,6 +217,7 @@ TEST_F(AppGuardTest, SuspendResumeAndStop) {
         guard->start();
         ASSERT_TRUE(
             eventually([&] { return logged("identified") || (!named && guard->getGroup().isAlive()); }));
+        ASSERT_TRUE(eventually([&] { return guard->hasApplication(); }));
         SxTime::msleep(50);
         guard->suspend();
         EXPECT_TRUE(guard->isSuspended());

@@ -120,6 +120,40 @@ protected:
 
 } // namespace
 
+TEST_F(StreamRun, ALauncherThatReadsForItsGameGoesOn) {
+    const string game = "adventure-" + std::to_string(::getpid());
+    fs::copy_file(fs::canonical("/bin/sh"), dir.path(game));
+    fs::permissions(dir.write("launcher",
+                              "#!/bin/sh\n"
+                              "cd \"$1\"; cat textures/deep/* >/dev/null; touch $PLAY_OUT.paused\n"
+                              "while [ -e $PLAY_OUT.pause ]; do sleep 0.05; done\n"
+                              "cat big.pak >/dev/null; \"$2\" -c 'sleep 0.3; exit 7'\n"),
+                    fs::perms(0755));
+    ZqAppParams app(SxString(served + "/"));
+    app.cmd = dir.path("launcher");
+    app.args = {"{{ZQDRIVE}}/TAVRIN-protected/app", SxString(dir.path(game))};
+    app.name = SxString(game);
+    app.delay = 0;
+    app.suspendProc = true;
+    app.write();
+    server->setRate(1'000'000);
+    pause();
+    const auto player = start();
+    ASSERT_TRUE(SxWait::pass(30'000, [&] { return hasPaused(); })) << player->says();
+    server->stop();
+    resume();
+    const auto logOf = [this] { return dir.read("state/tavrin/log/tavrin.log"); };
+    ASSERT_TRUE(
+        SxWait::pass(30'000, [&] { return logOf().find("Critical instant underflow") != string::npos; }));
+    // There is no game yet that could be suspended, and each look for one would hold up the run.
+    EXPECT_FALSE(
+        SxWait::pass(3'000, [&] { return logOf().find("ZqCoreAppGuard::suspend: ") != string::npos; }));
+    server->setRate(0);
+    server->start();
+    EXPECT_EQ(player->end(), 0) << player->says();
+    EXPECT_THAT(player->says(), HasSubstr("The application has ended with code 7"));
+}
+
 TEST_F(WindowRun, ItIsOutOfTheWayForALongUnderflowOnly) {
     const auto player = start();
     // As long as the download goes on, it stays.
