@@ -299,7 +299,11 @@ void tellStatus(const ZqDiskStatus& disk, Output* out) {
     if (!disk.mountPath.isEmpty() && !disk.failure.isEmpty()) out->text("  failed: " + disk.failure);
 }
 
+/// How long an answer about drives may take, in seconds.
+constexpr int STATUS_S = 3;
+
 int status(const SxString& image, Output& out) {
+    ZqVolume::setPatience(STATUS_S);
     for (const SxString& left : ZqVolume::getLeftovers()) {
         out.finding("A drive service that was killed has left behind what it had mounted of '" + left +
                     "'; to remove it: tavrin umount " + left);

@@ -104,7 +104,8 @@ private:
 
 /// Whether a call is understood by every version.
 constexpr bool isOfAllVersions(Call call) {
-    return call == Call::Ping || call == Call::State || call == Call::Eject;
+    // The progress with them: by that alone a client knows that an eject goes on, which may take any time.
+    return call == Call::Ping || call == Call::State || call == Call::Eject || call == Call::Progress;
 }
 
 struct Message {

@@ -14,6 +14,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <optional>
@@ -36,7 +37,8 @@ constexpr int MAX_TRIES = 4;
 constexpr int64 ASK_MS = 2000;
 constexpr int PROGRESS_S = 5;
 
-std::atomic<int> cacheSize{-1}; // bytes; -1: never set
+std::atomic<int> cacheSize{-1};     // bytes; -1: never set
+std::atomic<int> patience{INT_MAX}; // seconds
 
 thread_local SxString lastFailure;
 thread_local bool lastBusy = false, lastCutOff = false, lastSilent = false;
@@ -145,8 +147,9 @@ bool isSlow(unsigned kind) {
 /// How long an answer may take, in seconds, from the last progress: those that unmount or write have limits
 /// of their own in the service.
 int answerSeconds(unsigned kind) {
-    if (const char* own = std::getenv("TAVRIN_ANSWER_S")) return std::atoi(own); // for tests
-    return isSlow(kind) ? 90 : 20;
+    int limit = isSlow(kind) ? 90 : 20;
+    if (const char* own = std::getenv("TAVRIN_ANSWER_S")) limit = std::atoi(own); // for tests
+    return std::min(limit, patience.load());
 }
 
 /// Asks on a connection of its own how far the disk has come that the request `body` is about; false where
@@ -284,6 +287,10 @@ SxString ZqServiceClient::keyOf(const SxString& path) {
     while (host.size() > 1 && host.back() == '/')
         host.pop_back();
     return host;
+}
+
+void ZqServiceClient::setPatience(int seconds) {
+    patience = seconds;
 }
 
 void ZqServiceClient::keepCacheSize(int bytes) {

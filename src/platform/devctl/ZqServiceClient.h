@@ -30,6 +30,9 @@ bool isServing();
 /// slashes. Raises on a path that is none.
 SxString keyOf(const SxString& path);
 
+/// The longest that an answer may take, in seconds, for this process.
+void setPatience(int seconds);
+
 /// The cache size that a service which had to be started again is told of.
 void keepCacheSize(int bytes);
 

@@ -275,6 +275,10 @@ bool ZqVolume::removeLeftovers(const SxString& image, bool* written) {
     return found;
 }
 
+void ZqVolume::setPatience(int seconds) {
+    ZqServiceClient::setPatience(seconds);
+}
+
 bool ZqVolume::wasBusy() {
     return ZqServiceClient::wasBusy();
 }

@@ -94,6 +94,9 @@ public:
     /// A number that grows while what programs wrote to an image's drive comes to its disk; stays as it is
     /// where the service can't be asked, or doesn't serve the image.
     static uint64 getProgress(const SxString& image);
+    /// From now on an answer of a service may take so long at most, in seconds: for who only asks how things
+    /// are, and needn't wait for one that may be stopped.
+    static void setPatience(int seconds);
     /// Whether a program still used the volume that zqDriveEjectImage() took away last on this thread.
     static bool wasBusy();
     /// Why the last function of the control library failed on this thread, in words for the user; empty where
