@@ -11,7 +11,6 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <unistd.h>
 
 namespace {
@@ -27,6 +26,13 @@ constexpr int64 SWEEP_MS = 20'000;
 /// How long bringing a volume up may still take once its reads fail.
 constexpr int64 START_MS = 5000;
 constexpr int64 LOOK_NS = 1'000'000'000;
+constexpr int64 TICK_MS = 100;
+constexpr int64 READ_AHEAD_MS = 3000;
+/// A read-ahead that can't be set is tried again so often, and costs no more than speed.
+constexpr int MAX_READ_AHEAD_TRIES = 5;
+constexpr int64 READ_AHEAD_PASS_NS = 1'000'000'000;
+/// How long a trace waits for what it needs: the read-ahead of its drive to be low.
+constexpr int64 SETTLE_MS = 1000;
 /// Token of the reads that this process does itself; no request has that address.
 constexpr uint64 OWN_TOKEN = 0;
 /// Of the first block, which every file system has its superblock in; the next may not be there yet.
@@ -83,6 +89,32 @@ private:
     Disk* owner;
 };
 
+/// Does a disk's regular work, each on a thread of its own: one whose disk is stuck holds up no other one.
+class Disk::Ticker : public SxSystemThread {
+public:
+    explicit Ticker(Disk* disk_) : owner(disk_) { setThreadName("tick"); }
+    ~Ticker() override {
+        stopping = true;
+        wait();
+    }
+
+protected:
+    void main() override {
+        while (!stopping && !owner->isGone()) {
+            try {
+                owner->tick();
+            } catch (const std::exception& e) {
+                driverLog(e.what());
+            }
+            SxTime::msleep(TICK_MS);
+        }
+    }
+
+private:
+    Disk* owner;
+    std::atomic<bool> stopping{false};
+};
+
 Disk::Disk(const MountParams& params_, const SxString& root_, const SxString& folder_, uint64 deviceId_,
            uint64 cacheSize, int64 mounterPid_, std::function<void()> onLoss_)
     : params(params_),
@@ -107,12 +139,20 @@ Disk::Disk(const MountParams& params_, const SxString& root_, const SxString& fo
     if (!params.traceFolder.isEmpty()) disk.monitorOn(params.traceFolder);
     SxFileIO::writeAtomic(folder + "/" + ZqServiceFolder::IMAGE, params.image, 0600);
     starter = std::make_unique<Starter>(this);
+    ticker = std::make_unique<Ticker>(this);
     starter->start();
+    try {
+        ticker->start();
+    } catch (const std::exception&) {
+        eject(); // there is no destructor for what isn't whole
+        throw;
+    }
 }
 
 Disk::~Disk() {
     eject();
-    ender.reset(); // before the locks, which it may still be letting go
+    ticker.reset(); // before the ender, which it may still start
+    ender.reset();  // before the locks, which it may still be letting go
 }
 
 void Disk::start() {
@@ -417,7 +457,10 @@ void Disk::suspend() {
 
 void Disk::monitorOn(const SxString& traceFolder) {
     disk.monitorOn(traceFolder);
-    adjustReadAhead();
+    SxWait::pass(SETTLE_MS, [this] {
+        const SxMutexBlock block(&mutex);
+        return state != State::Mounted || readAhead.isEmpty() || !isReadingAhead;
+    });
 }
 
 void Disk::restore() {
@@ -427,21 +470,40 @@ void Disk::restore() {
 }
 
 void Disk::setCursor(uint64 zqfIdx) {
-    disk.setCursor(zqfIdx);
-    adjustReadAhead();
+    disk.setCursor(zqfIdx); // the ticker looks after the read-ahead
 }
 
-void Disk::adjustReadAhead() {
+/// Gives what is to be set now, and where; none where all is right, or was tried often enough.
+std::optional<bool> Disk::takeReadAhead(SxString* setting) {
     const bool high = wantsReadAhead();
+    const int64 nowNs = SxClock::get().steadyNs();
+    const SxMutexBlock block(&mutex);
+    // While the disk is suspended the kernel might wait for it.
+    if (state != State::Mounted || readAhead.isEmpty() || high == isReadingAhead || disk.isSuspended())
+        return {};
+    if (high != isReadAheadDue) nReadAheadTries = 0;
+    isReadAheadDue = high;
+    const bool isSoon = nReadAheadTries > 0 && nowNs - readAheadNs < READ_AHEAD_PASS_NS;
+    if (isSoon || nReadAheadTries >= MAX_READ_AHEAD_TRIES) return {};
+    ++nReadAheadTries;
+    readAheadNs = nowNs;
+    *setting = readAhead;
+    return high;
+}
+
+/// The ticker's alone, so that two settings never cross.
+void Disk::adjustReadAhead() {
     SxString setting;
-    {
+    const std::optional<bool> high = takeReadAhead(&setting);
+    if (!high) return;
+    try {
+        Helper::run({"readahead", setting, *high ? FULL_READ_AHEAD : LOW_READ_AHEAD}, READ_AHEAD_MS, nullptr);
+        nReadAheadTries = 0;
         const SxMutexBlock block(&mutex);
-        // While the disk is suspended the kernel might wait for it.
-        if (state != State::Mounted || high == isReadingAhead || disk.isSuspended()) return;
-        isReadingAhead = high;
-        setting = readAhead;
+        isReadingAhead = *high;
+    } catch (const SxException& e) {
+        logOnce("its read-ahead can't be set: " + describe(e));
     }
-    if (!setting.isEmpty()) std::ofstream(setting.str()) << (high ? FULL_READ_AHEAD : LOW_READ_AHEAD);
 }
 
 /// What of the two somebody has unmounted; null for neither.
@@ -477,7 +539,13 @@ void Disk::noticeEnd() {
 }
 
 bool Disk::wasTakenAway() const {
-    return ender && !ender->isRunning();
+    // Behind the ticker, which makes the ender.
+    return !ticker->isRunning() && ender && !ender->isRunning();
+}
+
+bool Disk::isGone() const {
+    const SxMutexBlock block(&mutex);
+    return state == State::Gone;
 }
 
 void Disk::tick() {

@@ -71,9 +71,9 @@ public:
     void setReady() { ready = true; }
     /// The volume's label, from its superblock; empty where that isn't present.
     SxString getLabel();
-    void tick();
     /// Whether somebody else has ended the mount, and all of the disk was taken down after that.
     bool wasTakenAway() const;
+    bool isGone() const;
 
     ZqDiskStatus getStatus();
     VirtualDisk* getVirtualDisk() { return &disk; }
@@ -84,8 +84,10 @@ private:
     enum class State { Starting, Mounted, Detached, Failed, Gone };
     class Starter;
     class Ender;
+    class Ticker;
 
     void start();
+    void tick();
     void bringUp();
     void attach(const SxString& type);
     Helper::Facts runHelper(const SxList<SxString>& words);
@@ -103,6 +105,7 @@ private:
     bool isReadOnly(const SxString& type) const { return params.readOnly || type != "ext4"; }
     bool wantsReadAhead() const { return disk.isComplete() && !disk.isMonitored(); }
     void adjustReadAhead();
+    std::optional<bool> takeReadAhead(SxString* setting);
     void fail(const SxString& why);
     SxString describeLostWrites(int closeError) const;
     SxString getLost() const;
@@ -121,6 +124,7 @@ private:
     UserDriver userDriver;
     DriveLetter letter; ///< guarded by `mutex`
     std::unique_ptr<Starter> starter;
+    std::unique_ptr<Ticker> ticker;
     std::unique_ptr<Ender> ender; ///< from the moment when somebody else has ended the mount; the ticker's
     std::atomic<bool> detaching{false};
     int64 lastLookNs = 0; ///< at the mounts; the ticker's
@@ -138,6 +142,9 @@ private:
     SxString loop SX_GUARDED_BY(mutex);      ///< device; empty without one
     SxString readAhead SX_GUARDED_BY(mutex); ///< setting of the kernel; empty without one
     bool isReadingAhead SX_GUARDED_BY(mutex) = false;
-    SxList<SxString> logged SX_GUARDED_BY(mutex); ///< faults that the log has
+    bool isReadAheadDue SX_GUARDED_BY(mutex) = false; ///< what was tried last
+    int nReadAheadTries = 0;                          ///< of that; the ticker's
+    int64 readAheadNs = 0;                            ///< of the last one; the ticker's
+    SxList<SxString> logged SX_GUARDED_BY(mutex);     ///< faults that the log has
     bool fullLogged SX_GUARDED_BY(mutex) = false;
 };

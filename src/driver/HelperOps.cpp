@@ -64,6 +64,13 @@ void setReadAhead(const std::set<std::string>& before, const std::string& kb) {
     }
 }
 
+/// Writes a setting of the kernel; raises where it doesn't take it.
+void writeSetting(const std::string& path, const std::string& value) {
+    const Descriptor file(path, O_WRONLY);
+    if (::write(file.get(), value.data(), value.size()) < 0)
+        fail("Cannot write '" + SxString(path) + "'", errno);
+}
+
 /// Attaches a free loop device to the file; gives its path. `*fd` keeps it alive until it is mounted: it goes
 /// by itself when the last user has gone.
 std::string attachLoop(const std::string& file, bool readOnly, int* fd) {
@@ -261,6 +268,8 @@ void HelperOps::run(const SxList<SxString>& arguments) {
         if (!aside.empty()) tell("aside", aside);
     } else if (is("restore", 2)) {
         if (unmountBelow(arguments(1).str())) tell("busy", "");
+    } else if (is("readahead", 3)) {
+        writeSetting(arguments(1).str(), arguments(2).str());
     } else if (is("sweep", 2)) {
         sweep(arguments);
     } else {

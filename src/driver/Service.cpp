@@ -5,9 +5,11 @@
 #include "SxFSAction.h"
 #include "SxFileIO.h"
 #include "SxOs.h"
+#include "SxTime.h"
 #include "ZqServiceFolder.h"
 #include "ZqServiceVersion.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <sys/stat.h>
 
@@ -17,6 +19,8 @@ namespace {
 
 constexpr const char* UNIT = "src/driver/Service";
 constexpr int IMAGE_TYPE_ZQF = 1;
+/// How long a mount waits for another one of its image.
+constexpr int64 SAME_IMAGE_MS = 15'000;
 /// Stands before the path in a second line of an image whose drive may have lost writes.
 const SxString WRITTEN_MARK = "written ";
 
@@ -116,7 +120,7 @@ std::vector<Service::DiskPtr> Service::all() const {
 
 bool Service::hasDisks() const {
     const SxMutexBlock block(&mutex);
-    return !disks.empty();
+    return !disks.empty() || !reserved.empty();
 }
 
 void Service::refuseOwn(const SxString& path) const {
@@ -164,40 +168,84 @@ Service::Left Service::takeLeft(const SxString& image) {
     return found;
 }
 
+void Service::noteLost(const SxString& image) {
+    const SxMutexBlock block(&lefts);
+    noteLeft(folder, {image}, {image});
+}
+
+/// A device id that is taken until the end of the scope.
+class Service::Reservation {
+public:
+    /// Waits for another mount of the same image, and for nothing else.
+    Reservation(Service* service_, const SxString& image) : service(service_) {
+        std::optional<uint64> taken;
+        SxWait::pass(SAME_IMAGE_MS, [&] {
+            taken = service->reserve(image);
+            return taken.has_value();
+        });
+        if (!taken) refuse("Image '" + image + "' is mounted already");
+        id = *taken;
+    }
+    ~Reservation() {
+        const SxMutexBlock block(&service->mutex);
+        service->reserved.erase(id);
+    }
+    Reservation(const Reservation&) = delete;
+    Reservation& operator=(const Reservation&) = delete;
+    uint64 deviceId() const { return id; }
+
+private:
+    Service* const service;
+    uint64 id = 0;
+};
+
+std::optional<uint64> Service::reserve(const SxString& image) {
+    // Where a folder is left something could not be unmounted.
+    std::vector<std::string> names;
+    SxOs::get().list(folder.str() + ZqServiceFolder::MOUNTS, &names);
+    const auto isLeft = [&](uint64 id) {
+        return std::find(names.begin(), names.end(), std::to_string(id)) != names.end();
+    };
+    const SxMutexBlock block(&mutex);
+    for (const auto& [id, other] : reserved) {
+        if (other == image) return {};
+    }
+    uint64 id = 1;
+    while (disks.count(id) != 0 || reserved.count(id) != 0 || isLeft(id))
+        ++id;
+    reserved[id] = image;
+    retiring = false;
+    return id;
+}
+
+Service::DiskPtr Service::make(const MountParams& params, uint64 deviceId, int64 peer) {
+    const SxString own = folder + ZqServiceFolder::MOUNTS + "/" + deviceId;
+    SxFSAction::mkdir_p(own, 0700);
+    try {
+        return std::make_shared<Disk>(params, root, own, deviceId, cacheSize.load(), peer,
+                                      [this, image = params.image] { noteLost(image); });
+    } catch (const std::exception&) {
+        SxOs::get().removeDir(own.str());
+        throw;
+    }
+}
+
 void Service::mount(const MountParams& params, int64 peer) {
     refuseOwn(params.image);
     refuseOwn(params.traceFolder);
-    const SxMutexBlock making(&mounting);
+    const Reservation reservation(this, params.image);
     if (const DiskPtr former = find(params.image)) {
         refuse("Image '" + params.image +
                (former->isReplaced() ? "' stands in the place of one that is still mounted"
                                      : "' is mounted already"));
     }
-    uint64 deviceId = 1;
     {
-        const SxMutexBlock block(&mutex);
-        retiring = false;
-        // Where a folder is left something could not be unmounted.
-        while (disks.count(deviceId) != 0 ||
-               SxFSAction::exists(folder + ZqServiceFolder::MOUNTS + "/" + deviceId))
-            ++deviceId;
+        const SxMutexBlock block(&lefts);
+        takeLeft(params.image);
     }
-    takeLeft(params.image);
-    const SxString own = folder + ZqServiceFolder::MOUNTS + "/" + deviceId;
-    SxFSAction::mkdir_p(own, 0700);
-    DiskPtr disk;
-    try {
-        disk = std::make_shared<Disk>(params, root, own, deviceId, cacheSize.load(), peer,
-                                      [this, image = params.image] {
-                                          const SxMutexBlock block(&mounting);
-                                          noteLeft(folder, {image}, {image});
-                                      });
-    } catch (const std::exception&) {
-        SxOs::get().removeDir(own.str());
-        throw;
-    }
+    const DiskPtr disk = make(params, reservation.deviceId(), peer);
     const SxMutexBlock block(&mutex);
-    disks[deviceId] = disk;
+    disks[reservation.deviceId()] = disk;
 }
 
 /// Carries out a request; one for a disk that has gone is no failure.
@@ -218,14 +266,33 @@ Disk::End Service::eject(const DiskPtr& disk) {
     return end;
 }
 
+/// Ejects one disk beside others.
+class Service::Ejector : public SxSystemThread {
+public:
+    Ejector(Service* service_, DiskPtr disk_) : service(service_), disk(std::move(disk_)) {
+        setThreadName("eject");
+    }
+    ~Ejector() override { wait(); }
+
+protected:
+    void main() override { service->eject(disk); }
+
+private:
+    Service* const service;
+    const DiskPtr disk;
+};
+
 void Service::ejectAll() {
-    for (const DiskPtr& disk : all())
-        eject(disk);
+    std::vector<std::unique_ptr<Ejector>> ejectors;
+    for (const DiskPtr& disk : all()) {
+        ejectors.push_back(std::make_unique<Ejector>(this, disk));
+        ejectors.back()->start();
+    }
 }
 
 bool Service::retire() {
     const SxMutexBlock block(&mutex);
-    retiring = disks.empty();
+    retiring = disks.empty() && reserved.empty();
     return retiring;
 }
 
@@ -266,7 +333,6 @@ void Service::reset() {
 
 void Service::tick() {
     for (const DiskPtr& disk : all()) {
-        disk->tick();
         if (!disk->wasTakenAway()) continue;
         const SxMutexBlock block(&mutex);
         disks.erase(disk->getDeviceId());
@@ -472,7 +538,7 @@ bool Service::handleService(Call call, Reader* request, Writer* answer, int64 pe
     case Call::Leftover: {
         const SxString image = request->text();
         requireWhole(*request);
-        const SxMutexBlock block(&mounting);
+        const SxMutexBlock block(&lefts);
         const Left left = takeLeft(image);
         answer->flag(left != Left::No).flag(left == Left::Written);
         return true;

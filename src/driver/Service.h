@@ -20,12 +20,12 @@ public:
     /// `written`: those of them whose drives may have lost what programs wrote.
     static void noteLeft(const SxString& folder, const SxList<SxString>& images,
                          const SxList<SxString>& written);
-    /// Regular work, about every 100 ms.
+    /// Regular work, about every 100 ms. Disks do theirs by themselves.
     void tick();
     bool hasDisks() const;
     /// Whether a client wants it to end now, and nothing was mounted since.
     bool isRetiring() const { return retiring; }
-    /// Ejects everything.
+    /// Ejects everything, all disks at a time.
     void ejectAll();
 
 private:
@@ -40,8 +40,14 @@ private:
     void mount(const MountParams& params, int64 peer);
     /// Raises where the service would have to answer itself.
     void refuseOwn(const SxString& path) const;
+    class Reservation;
+    class Ejector;
+    /// Takes a device id for the image; none where the image's disk is being made.
+    std::optional<uint64> reserve(const SxString& image);
+    DiskPtr make(const MountParams& params, uint64 deviceId, int64 peer);
     enum class Left { No, Read, Written };
     Left takeLeft(const SxString& image);
+    void noteLost(const SxString& image);
     Disk::End eject(const DiskPtr& disk);
     void ejectImage(ZqDriveWire::Reader* request, ZqDriveWire::Writer* answer);
     /// False where there are disks.
@@ -60,7 +66,9 @@ private:
     std::atomic<uint64> cacheSize{0}; // bytes
     std::atomic<bool> guardLogging{false}, retiring{false};
 
-    SxMutex mounting; ///< held over making a disk, so that an image or a device id is not taken twice
+    SxMutex lefts; ///< held over the file of what was left behind, which lies in the service's own folder
     mutable SxMutex mutex;
     std::map<uint64, DiskPtr> disks SX_GUARDED_BY(mutex); ///< by device id
+    /// Images whose disks are being made, by device id: opening them may take as long as their disk does.
+    std::map<uint64, SxString> reserved SX_GUARDED_BY(mutex);
 };

@@ -422,11 +422,12 @@ TEST_F(Drive, aStoppedServiceIsNotTakenForOneThatIsGone) {
     mount(image);
     const int64 pid = statusOf(image).servicePid;
     ::kill(static_cast<pid_t>(pid), SIGSTOP);
-    // Each takes as long as an answer may.
+    const int64 beginNs = SxClock::get().steadyNs();
     Child all([&] { ::execl(client.c_str(), "tavrin", "status", "--quiet", nullptr); });
     const string says = "The drive service (process " + std::to_string(pid) + ") doesn't answer";
     EXPECT_THAT(run({"status", image}).err, HasSubstr(says));
     EXPECT_EQ(WEXITSTATUS(all.wait()), 1);
+    EXPECT_LT(SxClock::get().steadyNs() - beginNs, 8'000'000'000) << "of which 3 s are the limit";
     ::kill(static_cast<pid_t>(pid), SIGCONT);
     EXPECT_EQ(done({"umount", image}), "Unmounted\n");
 }
@@ -484,6 +485,26 @@ TEST_F(Drive, oneThatWasOnlyReadIsUnmountedOnAFullDisk) {
     ASSERT_EQ(::umount2(disk.c_str(), MNT_DETACH), 0);
 }
 
+TEST_F(Drive, oneThatWroteMoreThanItsDiskTakesIsRefusedUntilItIsTakenAway) {
+    const string disk = dir.path("disk"), image = disk + "/image";
+    fs::create_directory(disk);
+    ASSERT_EQ(::mount("tmpfs", disk.c_str(), "tmpfs", 0, "size=32m"), 0);
+    fs::copy(build("built", "ext4"), image);
+    const string app = mount(image, {"--mode", "rtw"});
+    write(app + "/large", string(12 << 20, 'x'));
+    const int fd = ::open(app.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    EXPECT_NE(::syncfs(fd), 0);
+    ::close(fd);
+    const Outcome refused = run({"mount", image});
+    EXPECT_EQ(refused.code, 1);
+    EXPECT_THAT(refused.err, testing::AllOf(HasSubstr("has failed: "), HasSubstr("No space left on device"),
+                                            HasSubstr("take it away, with: tavrin umount " + image)));
+    const Outcome ended = run({"umount", image});
+    EXPECT_EQ(ended.code, 1);
+    EXPECT_THAT(ended.err, HasSubstr("is lost: No space left on device"));
+    ASSERT_EQ(::umount2(disk.c_str(), MNT_DETACH), 0);
+}
+
 TEST_F(Drive, aReplacementThatWasCutOffIsBroughtToItsEnd) {
     const string image = build("image", "erofs");
     fs::create_directory(image + "/image.new");
@@ -502,10 +523,12 @@ TEST_F(Drive, aClientOfAnotherVersionIsToldSo) {
     ASSERT_EQ(::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
     using ZqDriveWire::Call;
     for (const auto& [call, isServed] :
-         {std::pair{Call::Ping, true}, {Call::Version, false}, {Call::Ping, true}}) {
-        const auto kind = static_cast<unsigned char>(call);
-        const unsigned char head[] = {0, 0, 0, 0, kind, 0, 99, 0}; // length, kind, version
-        ASSERT_EQ(::send(fd, head, sizeof head, 0), static_cast<ssize_t>(sizeof head));
+         {std::pair{Call::Ping, true}, {Call::Version, false}, {Call::Progress, true}, {Call::Ping, true}}) {
+        const auto kind = static_cast<char>(call);
+        const string body = call == Call::Progress ? string(12, '\0') : string(); // no image, no device
+        const string message =
+            string{static_cast<char>(body.size()), 0, 0, 0, kind, 0, 99, 0} + body; // length, kind, version
+        ASSERT_EQ(::send(fd, message.data(), message.size(), 0), static_cast<ssize_t>(message.size()));
         const auto answer = ZqDriveWire::receive(fd);
         ASSERT_TRUE(answer) << "it is cut off";
         EXPECT_EQ(answer->kind == ZqDriveWire::SUCCESS, isServed);

@@ -1,26 +1,41 @@
 // Loaded before the C library into a drive service: a disk that takes its time for the files of an image.
 // `$SLOW_DISK` is a file with the bytes that it takes in a second; 0 means that it takes none, until
-// that changes.
+// that changes. A path behind the number: only what lies below that is slow. `$SLOW_OPEN` is a file with a
+// path; what lies below that isn't opened until it changes.
 
+#include <cerrno>
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <mutex>
 #include <sys/types.h>
 #include <time.h>
+#include <unistd.h>
 
 namespace {
 
 constexpr long MAX_RATE = 1'000'000'000;
 constexpr size_t BLOCK = 4096;
 
-long bytesPerSecond() {
+/// Whether the file lies below the path.
+bool isBelow(int fd, const char* path) {
+    char link[32] = {}, target[4096] = {};
+    std::snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
+    return readlink(link, target, sizeof target - 1) > 0 &&
+           std::strncmp(target, path, std::strlen(path)) == 0;
+}
+
+long bytesPerSecond(int fd) {
     const char* name = std::getenv("SLOW_DISK");
     std::FILE* file = name ? std::fopen(name, "re") : nullptr;
     long rate = MAX_RATE;
-    if (file && std::fscanf(file, "%ld", &rate) != 1) rate = MAX_RATE;
+    char path[4096] = {};
+    const int n = file ? std::fscanf(file, "%ld %4095s", &rate, path) : 0;
     if (file) std::fclose(file);
-    return rate;
+    return n < 1 || (n == 2 && !isBelow(fd, path)) ? MAX_RATE : rate;
 }
 
 void pause(double seconds) {
@@ -29,21 +44,61 @@ void pause(double seconds) {
     nanosleep(&time, nullptr);
 }
 
-void take(size_t bytes) {
+void take(int fd, size_t bytes) {
     static std::mutex turn;
-    const std::lock_guard<std::mutex> lock(turn);
-    long rate = bytesPerSecond();
-    for (; rate == 0; rate = bytesPerSecond())
+    long rate = bytesPerSecond(fd);
+    for (; rate == 0; rate = bytesPerSecond(fd))
         pause(0.01);
+    if (rate == MAX_RATE) return;
+    const std::lock_guard<std::mutex> lock(turn);
     pause(static_cast<double>(bytes) / static_cast<double>(rate));
+}
+
+/// Whether the service is not to open it yet; its clients may.
+bool isHeldBack(const char* path) {
+    const char* name = std::getenv("SLOW_OPEN");
+    if (!name || std::strcmp(program_invocation_short_name, "zqdd") != 0 || std::strcmp(path, name) == 0)
+        return false;
+    std::FILE* file = std::fopen(name, "re");
+    char held[4096] = {};
+    const size_t n = file ? std::fread(held, 1, sizeof held - 1, file) : 0;
+    if (file) std::fclose(file);
+    return n > 0 && std::strncmp(path, held, n) == 0;
+}
+
+int openLate(const char* call, const char* path, int flags, unsigned mode) {
+    using Call = int (*)(const char*, int, ...);
+    while (isHeldBack(path))
+        pause(0.01);
+    return reinterpret_cast<Call>(dlsym(RTLD_NEXT, call))(path, flags, mode);
+}
+
+unsigned modeOf(int flags, va_list more) {
+    return (flags & O_CREAT) != 0 ? va_arg(more, unsigned) : 0;
 }
 
 } // namespace
 
+extern "C" int open(const char* path, int flags, ...) {
+    va_list more;
+    va_start(more, flags);
+    const unsigned mode = modeOf(flags, more);
+    va_end(more);
+    return openLate("open", path, flags, mode);
+}
+
+extern "C" int open64(const char* path, int flags, ...) {
+    va_list more;
+    va_start(more, flags);
+    const unsigned mode = modeOf(flags, more);
+    va_end(more);
+    return openLate("open64", path, flags, mode);
+}
+
 extern "C" ssize_t pwrite(int fd, const void* bytes, size_t n, off_t offset) {
     using Call = ssize_t (*)(int, const void*, size_t, off_t);
     static const auto real = reinterpret_cast<Call>(dlsym(RTLD_NEXT, "pwrite"));
-    if (n >= BLOCK) take(n);
+    if (n >= BLOCK) take(fd, n);
     return real(fd, bytes, n, offset);
 }
 
@@ -54,7 +109,7 @@ extern "C" ssize_t pwrite64(int fd, const void* bytes, size_t n, off_t offset) {
 extern "C" int fdatasync(int fd) {
     using Call = int (*)(int);
     static const auto real = reinterpret_cast<Call>(dlsym(RTLD_NEXT, "fdatasync"));
-    while (bytesPerSecond() == 0)
+    while (bytesPerSecond(fd) == 0)
         pause(0.01);
     return real(fd);
 }

@@ -1,0 +1,120 @@
+#include "DriveRun.h"
+#include "ZqServiceFolder.h"
+
+#include <fstream>
+#include <sys/mount.h>
+
+namespace {
+
+/// One of two images lies on a disk that answers nothing.
+class StuckDisk : public DriveRun {
+protected:
+    void SetUp() override {
+        DriveRun::SetUp();
+        if (client.empty()) return;
+        const fs::path library = fs::path(client).parent_path().parent_path() / "tests/slow_disk.so";
+        ASSERT_TRUE(fs::exists(library));
+        ::setenv("LD_PRELOAD", library.c_str(), 1);
+        ::setenv("ASAN_OPTIONS", "verify_asan_link_order=0", 0);
+        ::setenv("SLOW_DISK", dir.path("rate").c_str(), 1);
+        ::setenv("SLOW_OPEN", dir.path("held").c_str(), 1);
+        stuck = build("stuck", "ext4");
+        other = build("other", "erofs");
+    }
+    void TearDown() override {
+        hold("");
+        setRate("");
+        DriveRun::TearDown();
+        for (const char* name : {"LD_PRELOAD", "SLOW_DISK", "SLOW_OPEN"})
+            ::unsetenv(name);
+    }
+    /// Nothing below the folder can be opened by the service; an empty text lets all be opened.
+    void hold(const string& folder) const { std::ofstream(dir.path("held")) << folder; }
+    /// "0 FOLDER" for a disk below that folder that takes no byte, an empty text for one that does.
+    void setRate(const string& rate) const { std::ofstream(dir.path("rate")) << rate; }
+    /// A client that goes on beside the test.
+    std::unique_ptr<SxProcess> start(const std::vector<string>& words) const {
+        SxList<SxString> list;
+        for (const string& word : words)
+            list << SxString(word);
+        auto process = std::make_unique<SxProcess>(SxString(client), list, SxProcess::Silent);
+        process->start();
+        return process;
+    }
+    /// All that one does with a drive, of the other image, within the time that a limit of the client's calls
+    /// would add to.
+    void expectOtherServed() {
+        const int64 beginNs = SxClock::get().steadyNs();
+        EXPECT_EQ(TempDir::readFile(mount(other) + "/start.cfg"), "volume=3\n");
+        EXPECT_THAT(done({"status"}), HasSubstr(other));
+        EXPECT_EQ(done({"umount", other}), "Unmounted\n");
+        EXPECT_LT(SxClock::get().steadyNs() - beginNs, 15'000'000'000);
+    }
+
+    string stuck, other;
+};
+
+} // namespace
+
+TEST_F(StuckDisk, AnImageThatCantBeOpenedYetHoldsUpNoOther) {
+    hold(stuck + "/");
+    const auto first = start({"mount", stuck, "--quiet"});
+    const auto second = start({"mount", stuck, "--quiet"});
+    SxTime::msleep(500); // until it is held, or not, which changes nothing for what follows
+    expectOtherServed();
+    EXPECT_TRUE(first->isRunning()) << "nothing was held";
+    hold("");
+    EXPECT_EQ(first->wait(), 0);
+    EXPECT_EQ(second->wait(), 0) << "one of its own image waits for it";
+    EXPECT_TRUE(statusOf(stuck).ready);
+    done({"umount", stuck});
+}
+
+TEST_F(StuckDisk, ATraceThatCantBeWrittenHoldsUpNoOtherDrive) {
+    const string app = mount(stuck, {"--trace", dir.path("trace")});
+    mount(other);
+    const string volume = statusOf(other).mountPath.str();
+    setRate("0 " + dir.path("trace"));
+    TempDir::readFile(app + "/big.pak");
+    // Its trace is written by its regular work, as what somebody has unmounted is found by that of the other.
+    SxTime::msleep(500);
+    ASSERT_EQ(::umount2(volume.c_str(), MNT_DETACH), 0);
+    const int64 beginNs = SxClock::get().steadyNs();
+    EXPECT_TRUE(eventually([&] { return statusOf(other).image.isEmpty(); }));
+    EXPECT_LT(SxClock::get().steadyNs() - beginNs, 8'000'000'000);
+    const auto umount = start({"umount", stuck, "--quiet"});
+    SxTime::msleep(500);
+    expectOtherServed();
+    EXPECT_TRUE(umount->isRunning()) << "nothing was held";
+    setRate("");
+    EXPECT_EQ(umount->wait(), 0);
+}
+
+TEST_F(StuckDisk, AReadAheadThatCouldntBeSetIsSetLater) {
+    Feeder feeder(stuck);
+    mount(stuck);
+    const string file = (fs::path(statusOf(stuck).mountPath.str()).parent_path() / "front/disk").string();
+    string setting;
+    for (const auto& device : fs::directory_iterator("/sys/block")) {
+        std::ifstream backing(device.path() / "loop/backing_file");
+        string path;
+        if (std::getline(backing, path) && path == file) setting = device.path() / "queue/read_ahead_kb";
+    }
+    const auto readAhead = [&] {
+        int kib = 0;
+        std::ifstream(setting) >> kib;
+        return kib;
+    };
+    ASSERT_EQ(readAhead(), 16);
+    // For a moment the system refuses it.
+    dir.write("refused", "7\n");
+    ASSERT_EQ(::mount(dir.path("refused").c_str(), setting.c_str(), nullptr, MS_BIND, nullptr), 0);
+    EXPECT_EQ(::mount(nullptr, setting.c_str(), nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY, nullptr), 0);
+    feeder.grow(1 << 20);
+    const string log = ZqServiceFolder::of(ZqMachineRoot::get().str()) + "zqdd.log";
+    EXPECT_TRUE(eventually(
+        [&] { return TempDir::readFile(log).find("its read-ahead can't be set") != string::npos; }));
+    ASSERT_EQ(::umount2(setting.c_str(), 0), 0);
+    EXPECT_TRUE(eventually([&] { return readAhead() == 1024; })) << readAhead();
+    done({"umount", stuck});
+}
