@@ -198,7 +198,7 @@ private:
     void removeRegistryEntries() const;
     /// Gives the target id of the disk.
     uint64 releaseVolume(const SxString& image, bool removable);
-    void awaitEnd(const SxString& image, uint64 targetId) const;
+    void awaitEnd(const SxString& image, uint64 targetId, uint64 madeNs) const;
     /// The drive letter as the guard's functions take it; raises where there is none.
     unsigned char guardId(const SxString& image) const;
 

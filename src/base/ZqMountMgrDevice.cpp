@@ -39,6 +39,12 @@ SxString blindness(const SxString& image) {
     return ZqVolume::elsewhereText(disk.servicePid);
 }
 
+/// Tells a disk of the image from the next one; 0 where there is none.
+uint64 whenMade(const SxString& image) {
+    ZqDiskStatus disk;
+    return ZqVolume::findDisk(image, &disk) ? disk.madeNs : 0;
+}
+
 /// Ends a wait that didn't come to its state: with the service's reason, else as timed out.
 [[noreturn]] void raiseWait(const SxString& reason, const char* timeout, int line) {
     throw SxException(reason.isEmpty() ? SxString(timeout) : reason, UNIT, line);
@@ -211,8 +217,9 @@ bool ZqMountMgr::umountImage(const SxString& image, bool hardEject) {
             throw SxException(e, "Failed to query mount point for image " + image, UNIT, __LINE__);
         }
         removeRegistryEntries();
+        const uint64 madeNs = whenMade(image);
         const uint64 targetId = releaseVolume(image, removable);
-        awaitEnd(image, targetId);
+        awaitEnd(image, targetId, madeNs);
         mntPoint = SxString();
         return true;
     } catch (const SxException& e) {
@@ -277,8 +284,12 @@ uint64 ZqMountMgr::releaseVolume(const SxString& image, bool removable) {
     return identity.targetId;
 }
 
-void ZqMountMgr::awaitEnd(const SxString& image, uint64 targetId) const {
+void ZqMountMgr::awaitEnd(const SxString& image, uint64 targetId, uint64 madeNs) const {
     const auto gone = [&] {
+        // Another client may mount the image as soon as it is free. That disk must be neither waited for nor
+        // ejected when the time is over.
+        const uint64 nowNs = whenMade(image);
+        if (nowNs != 0 && nowNs != madeNs) return true;
         // The letter may be another image's by now.
         ZqVolumeIdentity identity;
         const bool isOurs = ZqVolume::queryIdentity(mntPoint, &identity) && identity.targetId == targetId;

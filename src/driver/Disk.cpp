@@ -122,6 +122,7 @@ Disk::Disk(const MountParams& params_, const SxString& root_, const SxString& fo
       root(root_),
       folder(folder_),
       deviceId(deviceId_),
+      madeNs(static_cast<uint64>(SxClock::get().steadyNs())),
       mounterPid(mounterPid_),
       driveLock(ZqImageLock::take(params.image, ZqImageLock::Drive, ZqImageLock::Exclusive, "drive service")),
       shapeLock(ZqImageLock::take(params.image, ZqImageLock::Shape, ZqImageLock::Shared, "drive service")),
@@ -591,6 +592,7 @@ ZqDiskStatus Disk::getStatus() {
     status.replaced = isReplaced();
     status.mounterPid = mounterPid;
     status.servicePid = SxOs::processId();
+    status.madeNs = madeNs;
     const SxMutexBlock block(&mutex);
     status.failure = failure.isEmpty() ? disk.getFailure() : failure;
     if (status.failure.isEmpty()) status.failure = describeLostWrites(0);

@@ -115,7 +115,7 @@ private:
     const MountParams params;
     const std::function<void()> onLoss;
     const SxString root, folder;
-    const uint64 deviceId;
+    const uint64 deviceId, madeNs;
     const int64 mounterPid;
     SxPtr<ZqImageLock> driveLock, shapeLock; ///< until everything is removed
 

@@ -65,7 +65,7 @@ void writeStatus(const ZqDiskStatus& status, Writer* out) {
     for (const bool flag : {status.ready, status.replaced, status.removable, status.underflow,
                             status.suspended, status.monitored})
         out->flag(flag);
-    out->number(static_cast<uint64>(status.servicePid));
+    out->number(static_cast<uint64>(status.servicePid)).number(status.madeNs);
 }
 
 /// Names the mount namespace of this process, for clients that compare it with their own.

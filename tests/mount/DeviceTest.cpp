@@ -253,6 +253,17 @@ TEST(Unmount, EveryFailureEjects) {
                     testing::HasSubstr("Timeout while waiting for dismounting logical drive"));
         EXPECT_EQ(machine.elapsedMs(), 60'000 + 1000 * static_cast<int64>(nProgress));
     }
+    {
+        // Mounted anew by another client before anybody looks: that drive stays.
+        Machine machine;
+        machine.mountAlone();
+        machine.driver.goneAfter = ScriptedDriver::NEVER;
+        machine.driver.nextMadeNs = 2;
+        machine.driver.notes.clear();
+        EXPECT_TRUE(machine.mgr.umountImage(machine.image, false));
+        EXPECT_EQ(machine.elapsedMs(), 0);
+        EXPECT_EQ(machine.driver.notes.back(), "ejectMedia E:");
+    }
     for (const bool files : {true, false}) {
         Machine machine;
         machine.mountAlone();

@@ -17,7 +17,7 @@ namespace ZqDriveWire {
 /// A message of another version is read, too: its head and these calls stay what they are in every version,
 /// so that the drives of a service of another version can be seen and taken away. New fields of a state come
 /// last.
-constexpr unsigned VERSION = 1;
+constexpr unsigned VERSION = 2;
 /// Of a body; holds the longest delivery and its head.
 constexpr uint32 MAX_BODY = (1 << 20) + 4096;
 /// Longest delivery in one message; longer ones are sent in parts.

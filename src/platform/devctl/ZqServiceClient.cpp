@@ -336,5 +336,6 @@ ZqDiskStatus ZqServiceClient::readStatus(Reader* answer) {
     status.suspended = answer->flag();
     status.monitored = answer->flag();
     status.servicePid = static_cast<int64>(answer->number());
+    status.madeNs = answer->number();
     return status;
 }

@@ -27,6 +27,7 @@ struct ZqDiskStatus {
     bool replaced = false; ///< the image was removed since, or another one stands in its place
     bool removable = false, underflow = false, suspended = false, monitored = false;
     int64 servicePid = 0;
+    uint64 madeNs = 0; ///< when the disk was made, which tells it from another one of its image
 };
 
 /// Operations on drives and volumes. Safe from any thread.

@@ -309,6 +309,8 @@ bool ZqVolume::findDisk(const SxString&, ZqDiskStatus* status) {
     status->deviceId = ScriptedDriver::get().deviceId;
     status->drive = ScriptedDriver::get().drive;
     status->mountPath = "/mounted";
+    const ScriptedDriver& driver = ScriptedDriver::get();
+    status->madeNs = driver.releasedAt < 0 || driver.nextMadeNs == 0 ? 1 : driver.nextMadeNs;
     return true;
 }
 bool ZqVolume::isVisible(const ZqDiskStatus&) {

@@ -47,6 +47,9 @@ public:
     SxString drive = "E:"; ///< what the service says; its link leads there unless `hasLink` says otherwise
     bool hasLink = true;
     uint64 deviceId = 7;
+    /// What the service says of it once it was released: the time of the disk that another client has made
+    /// then.
+    uint64 nextMadeNs = 0;
     SxString diskFailure; ///< what the service says of the disk
     bool isBusy = false;
     bool isVisible = true; ///< the volume, from the process's mount namespace
