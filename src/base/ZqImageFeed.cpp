@@ -172,11 +172,9 @@ SxPtr<ZqFWriter> ZqImageFeed::getWriter() const {
 }
 
 void ZqImageFeed::beginDownload() {
-    download->setWriter(getWriter(), fileSize());
-    if (!download->isRunning()) {
-        download->wait();
-        download->start();
-    }
+    if (download->setWriter(getWriter(), fileSize())) return;
+    download->wait();
+    download->start();
 }
 
 SxPtr<ZqRemoteImage> ZqImageFeed::makeImage(const SxPtr<ZqNetLink>& of) const {
@@ -342,6 +340,7 @@ ZqImageFeed::Status ZqImageFeed::getStatus() const {
     }
     if (!manager) {
         status.nCurrent = status.nNeeded = status.nTotal;
+        addRepair(&status);
         return status;
     }
     const uint64 limit = settings.rateLimit > 0 ? settings.rateLimit : ANY_RATE;

@@ -151,6 +151,8 @@ private:
     void verifyDigest();
     /// Fetches anew what is wrong of the complete image; gives how many stretches were.
     uint64 mend();
+    /// Of an image that was complete ahead of the run: what mending it waits for, and has moved.
+    void addRepair(Status* status) const;
     /// Reads the whole of `img.zqf`; empty where a stop came between.
     SxString readDigest();
     void measureDisk();
@@ -199,6 +201,7 @@ private:
     mutable SxMutex mutex;
     SxPtr<ZqFWriter> writer SX_GUARDED_BY(mutex);
     SxString waiting SX_GUARDED_BY(mutex);
+    SxPtr<ZqRemoteImage> repairSource SX_GUARDED_BY(mutex); ///< of what is mended, where `image` has none
     bool failed SX_GUARDED_BY(mutex) = false;
     SxException failure SX_GUARDED_BY(mutex);
 };

@@ -79,11 +79,20 @@ uint64 ZqImageFeed::mend() {
     record.read(settings.image);
     if (record.isWritten) return 0;
     const SxPtr<ZqRemoteImage> source = image ? image : makeImage(SxPtr<ZqNetLink>::create());
+    if (!image) {
+        const SxMutexBlock block(&mutex);
+        repairSource = source;
+    }
     ZqImageRepair repair(filePath(ZqImageFiles::ZQF), source);
     repair.setPlayer({[this](const SxException& why) {
-                          if (!driveStarted) return false;
-                          settle(why);
-                          return true;
+                          if (driveStarted) {
+                              settle(why);
+                              return true;
+                          }
+                          // What passes the repair waits for by itself, for a while at least.
+                          if (ZqFailurePolicy::decide(why, true) == ZqFailurePolicy::Wait)
+                              setWaiting(ZqFailurePolicy::waitingLine(why));
+                          return false;
                       },
                       [&](const ZqStopTest& stop) {
                           ZqImageRecords(source->getLink(), settings.image, url, settings.headers)
@@ -100,6 +109,18 @@ uint64 ZqImageFeed::mend() {
         zqLogMsg("base", "ZqImageFeed: " + e.toString(SxException::ShowMessage, ": "));
         return 0;
     }
+}
+
+void ZqImageFeed::addRepair(Status* status) const {
+    SxPtr<ZqRemoteImage> source;
+    {
+        const SxMutexBlock block(&mutex);
+        source = repairSource;
+    }
+    if (!source) return;
+    status->link = source->getLink()->getFigures();
+    status->image = source->getFigures();
+    if (status->waiting.isEmpty() && checking) status->waiting = source->getLink()->getStatus();
 }
 
 SxString ZqImageFeed::readDigest() {

@@ -119,7 +119,11 @@ void ZqImageFeed::keepDownload() {
         return;
     }
     download->wait();
-    if (!download->hasException()) return;
+    if (!download->hasException()) {
+        // All was handed over, and is written; what is missing nevertheless would come no more.
+        if (!isWriting && getWriter()->isRunning() && !isComplete()) beginDownload();
+        return;
+    }
     const ZqFailurePolicy::Verdict verdict = settle(download->getException());
     isInterrupted = true;
     interruptedSize = fileSize();
@@ -186,7 +190,11 @@ void ZqImageFeed::keepWriter() {
         lacksRoom = waits;
         return;
     }
-    if (now->isCompleteImage()) {
+    // What a writer failed in after the last byte, say its log on a full disk, keeps nobody from the image.
+    if (isComplete()) {
+        if (lacksRoom || nWriterTries > 0) setWaiting("");
+        lacksRoom = false;
+        nWriterTries = 0;
         keepDigest();
         return;
     }

@@ -13,10 +13,19 @@ constexpr int64 BATCH_NS = 10'000'000;
 constexpr uint64 MAX_HELD = 32 << 20;
 } // namespace
 
-void ZqOrderedDownload::setWriter(const SxPtr<ZqFWriter>& writer_, uint64 offset_) {
+void ZqOrderedDownload::start(Priority priority) {
+    {
+        const SxMutexBlock block(&mutex);
+        isTaking = true;
+    }
+    SxSystemThread::start(priority);
+}
+
+bool ZqOrderedDownload::setWriter(const SxPtr<ZqFWriter>& writer_, uint64 offset_) {
     const SxMutexBlock block(&mutex);
     target = {writer_, offset_, ++targetNumber};
     batch.removeAll();
+    return isTaking;
 }
 
 ZqOrderedDownload::Target ZqOrderedDownload::getTarget() const {
@@ -64,11 +73,17 @@ void ZqOrderedDownload::main() {
                 now.offset, [&](const char* bytes, int64 n) { return take(now, bytes, n); },
                 [&] { return isObsolete(now); });
         } catch (const SxException& e) {
-            if (!e.hasTag(SxException::STOPPED)) throw;
+            if (!e.hasTag(SxException::STOPPED)) {
+                const SxMutexBlock block(&mutex);
+                isTaking = false;
+                throw;
+            }
         }
         const SxMutexBlock block(&mutex);
         if (isObsolete(now)) continue;
         push();
+        // Whoever comes now is told, although the thread still has some steps to its end.
+        isTaking = false;
         return;
     }
 }

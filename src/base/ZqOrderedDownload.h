@@ -17,8 +17,10 @@ public:
         setThreadName("download");
     }
 
-    /// From now on bytes go to `writer_`, beginning with byte `offset_` of the image.
-    void setWriter(const SxPtr<ZqFWriter>& writer_, uint64 offset_);
+    void start(Priority priority = 6) override;
+    /// From now on bytes go to `writer_`, beginning with byte `offset_` of the image. False where the thread
+    /// brings it nothing, since it hasn't started or has come to its end: it must be started anew.
+    bool setWriter(const SxPtr<ZqFWriter>& writer_, uint64 offset_);
     /// Hands on what has waited for more bytes; to be called now and then.
     void flush();
     void stop() { stopFlag = true; }
@@ -46,5 +48,6 @@ private:
     mutable SxMutex mutex; ///< held over a push to the writer, which doesn't wait
     Target target SX_GUARDED_BY(mutex);
     SxArray<char> batch SX_GUARDED_BY(mutex);
-    int64 batchNs SX_GUARDED_BY(mutex) = 0; ///< when its first byte came
+    int64 batchNs SX_GUARDED_BY(mutex) = 0;     ///< when its first byte came
+    bool isTaking SX_GUARDED_BY(mutex) = false; ///< the thread looks once more for a target
 };

@@ -131,3 +131,28 @@ TEST_F(StreamRun, MendingThatWaitsKeepsNothingElseFromBeingSeen) {
     release();
     EXPECT_EQ(player->end(), 1) << player->says();
 }
+
+TEST_F(StreamRun, MendingAheadOfTheDriveSaysThatItWaits) {
+    done({"image", "pack", served, "--level", "1"});
+    ASSERT_EQ(start()->end(), 0);
+    expectPlayed();
+    std::fstream file(got + "/img.zqf", std::ios::in | std::ios::out | std::ios::binary);
+    file.put('\x55');
+    file.close();
+    const uint64 nBefore = server->getNBytes();
+    server->setRate(20'000);
+    const auto player = start();
+    // Behind the table, within the stretch.
+    ASSERT_TRUE(SxWait::pass(20'000, [&] { return server->getNBytes() - nBefore > 20'000; }))
+        << player->says();
+    server->stop();
+    EXPECT_TRUE(SxWait::pass(20'000, [&] {
+        return player->says().find("waiting for the server: ") != string::npos;
+    })) << player->says();
+    EXPECT_FALSE(isMounted());
+    server->setRate(0);
+    server->start();
+    EXPECT_EQ(player->end(), 0) << player->says();
+    expectPlayed();
+    expectComplete();
+}

@@ -1,4 +1,6 @@
+#include "FaultOs.h"
 #include "StreamRun.h"
+#include "ZqImageFeed.h"
 
 #include <sys/mount.h>
 
@@ -134,4 +136,53 @@ TEST_F(StreamRun, WhatAPowerCutMayHaveTakenIsFetchedAgain) {
         expectPlayed();
         expectComplete();
     }
+}
+
+namespace {
+
+/// A disk that takes the last bytes of `img.zqf`, and from then on none of the writer's log.
+class FullAtTheEnd : public FaultOs {
+public:
+    FullAtTheEnd(const string& folder_, uintmax_t size_)
+        : FaultOs(folder_),
+          image(folder_ + "/img.zqf"),
+          size(size_) {}
+    int open(const string& path, unsigned flags, unsigned permissions) override {
+        const int fd = FaultOs::open(path, flags, permissions);
+        if (fd >= 0 && path.ends_with("write.log")) log = fd;
+        return fd;
+    }
+    int64 writeAt(int fd, const void* buffer, int64 n, int64 offset) override {
+        std::error_code none;
+        const bool isFull = fd == log && fs::file_size(image, none) >= size;
+        nRefused += isFull;
+        return isFull ? -ENOSPC : FaultOs::writeAt(fd, buffer, n, offset);
+    }
+    std::atomic<int> nRefused{0};
+
+private:
+    const string image;
+    const uintmax_t size;
+    std::atomic<int> log{-1};
+};
+
+} // namespace
+
+TEST_F(StreamRun, AnImageThatIsThereNeedsNoWriter) {
+    fs::create_directories(got);
+    FullAtTheEnd disk(got, fs::file_size(served + "/img.zqf"));
+    ZqImageFeed::Settings settings;
+    settings.image = SxString(got);
+    settings.url = server->getUrl();
+    settings.isDownloadOnly = true;
+    ZqImageFeed feed(settings);
+    feed.open(nullptr);
+    feed.start();
+    feed.fetchRecords(nullptr);
+    EXPECT_TRUE(SxWait::pass(20'000, [&] { return feed.isVerified() || feed.hasFailed(); }));
+    EXPECT_NO_THROW(feed.requireAlive());
+    EXPECT_EQ(disk.nRefused, 1);
+    EXPECT_EQ(feed.getStatus().waiting, "");
+    feed.stop();
+    expectComplete();
 }
