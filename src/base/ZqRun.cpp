@@ -183,7 +183,7 @@ bool ZqRun::adopt() {
         if (!settings.isDriveOnly) refuseBeside(image, group);
         return false;
     }
-    if (disk.replaced) {
+    if (ZqVolume::isReplaced(image)) {
         throw SxException("The image that is mounted as '" + image +
                               "' was removed, or replaced by another one; unmount it first",
                           UNIT, __LINE__);

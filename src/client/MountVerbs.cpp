@@ -117,7 +117,7 @@ bool isMountedWhole(ZqMountMgr* manager, const SxString& image) {
         throw SxException("Image '" + image + "' is being mounted by process " + disk.mounterPid, UNIT,
                           __LINE__);
     }
-    if (found && disk.ready && disk.replaced) {
+    if (found && disk.ready && ZqVolume::isReplaced(image)) {
         throw SxException("Image '" + image + "' stands in the place of one that is still mounted as " +
                               disk.drive + "; take that away first, with: tavrin umount " + image,
                           UNIT, __LINE__);

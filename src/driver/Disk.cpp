@@ -116,7 +116,7 @@ private:
 };
 
 Disk::Disk(const MountParams& params_, const SxString& root_, const SxString& folder_, uint64 deviceId_,
-           uint64 cacheSize, int64 mounterPid_, std::function<void()> onLoss_)
+           uint64 cacheSize_, int64 mounterPid_, std::function<void()> onLoss_)
     : params(params_),
       onLoss(std::move(onLoss_)),
       root(root_),
@@ -127,7 +127,7 @@ Disk::Disk(const MountParams& params_, const SxString& root_, const SxString& fo
       driveLock(ZqImageLock::take(params.image, ZqImageLock::Drive, ZqImageLock::Exclusive, "drive service")),
       shapeLock(ZqImageLock::take(params.image, ZqImageLock::Shape, ZqImageLock::Shared, "drive service")),
       disk({params.image + "/", params.sizeRaw, params.sectorSize, params.cursor, params.readOnly,
-            params.writeLayer, cacheSize},
+            params.writeLayer, cacheSize_},
            [this](uint64 token) {
                if (token == OWN_TOKEN) {
                    firstWoken = true;
@@ -135,7 +135,9 @@ Disk::Disk(const MountParams& params_, const SxString& root_, const SxString& fo
                    front.wake(token);
                }
            }),
-      front(&disk) {
+      front(&disk),
+      cacheSize(cacheSize_),
+      appliedCacheSize(cacheSize_) {
     if (!disk.getNotice().isEmpty()) driverLog(params.image + ": " + disk.getNotice());
     if (!params.traceFolder.isEmpty()) disk.monitorOn(params.traceFolder);
     SxFileIO::writeAtomic(folder + "/" + ZqServiceFolder::IMAGE, params.image, 0600);
@@ -549,10 +551,25 @@ bool Disk::isGone() const {
     return state == State::Gone;
 }
 
+/// What doesn't go into the file that it is meant for stays in memory: that fails no other disk.
+void Disk::applyCacheSize() {
+    const uint64 wanted = cacheSize;
+    if (wanted == appliedCacheSize) return;
+    appliedCacheSize = wanted;
+    try {
+        disk.setCacheSize(wanted);
+    } catch (const SxException& e) {
+        logOnce("its cache size can't be set to " + SxString(wanted) + ": " + describe(e));
+    }
+}
+
 void Disk::tick() {
-    disk.tick();
+    // First what waits for nothing of the image's disk.
     noticeEnd();
     adjustReadAhead();
+    applyCacheSize();
+    replaced = disk.isReplaced();
+    disk.tick();
     for (const SxString& text : {disk.getFailure(), disk.getTraceFailure()})
         logOnce(text);
     // A loop device has 128 requests: when all are held, it stands still.
@@ -589,7 +606,7 @@ ZqDiskStatus Disk::getStatus() {
     status.suspended = disk.isSuspended();
     status.monitored = disk.isMonitored();
     status.ready = ready;
-    status.replaced = isReplaced();
+    status.replaced = replaced;
     status.mounterPid = mounterPid;
     status.servicePid = SxOs::processId();
     status.madeNs = madeNs;
@@ -600,9 +617,14 @@ ZqDiskStatus Disk::getStatus() {
     // The ticker hasn't come to it yet.
     if (status.failure.isEmpty() && state == State::Mounted && front.hasEnded() && !detaching)
         status.failure = "The connection to the drive's file has ended";
-    if (state == State::Mounted || state == State::Detached) {
+    if (hasDrive()) {
         status.mountPath = folder + "/" + ZqServiceFolder::VOLUME;
         status.drive = letter.get();
     }
     return status;
+}
+
+SxString Disk::getDrive() const {
+    const SxMutexBlock block(&mutex);
+    return hasDrive() ? letter.get() : SxString();
 }

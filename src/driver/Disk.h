@@ -57,8 +57,14 @@ public:
 
     /// Whether the volume is there, so that the guard can be attached.
     bool isMounted() const;
-    /// Whether the image was removed since, or another one stands in its place.
+    /// Whether the image was removed since, or another one stands in its place. Looks at the image's disk,
+    /// which may be stuck; the status has the last look of the disk's own.
     bool isReplaced() const { return disk.isReplaced(); }
+    /// Letter and colon of its drive; empty where it has none.
+    SxString getDrive() const;
+    /// How many bytes of delivered blocks stay in memory, within moments: the rest goes into a file, and its
+    /// disk may be stuck.
+    void setCacheSize(uint64 bytes) { cacheSize = bytes; }
     /// Redirects names (relative to the protected folder) to the folder's private copies.
     void redirect(const SxList<SxString>& names, const SxString& directory);
     /// Undoes that.
@@ -104,6 +110,8 @@ private:
     void removeFolder();
     bool isReadOnly(const SxString& type) const { return params.readOnly || type != "ext4"; }
     bool wantsReadAhead() const { return disk.isComplete() && !disk.isMonitored(); }
+    bool hasDrive() const SX_REQUIRES(mutex) { return state == State::Mounted || state == State::Detached; }
+    void applyCacheSize();
     void adjustReadAhead();
     std::optional<bool> takeReadAhead(SxString* setting);
     void fail(const SxString& why);
@@ -129,6 +137,9 @@ private:
     std::atomic<bool> detaching{false};
     int64 lastLookNs = 0; ///< at the mounts; the ticker's
     std::atomic<bool> ending{false}, firstWoken{false}, ready{false}, isAborted{false};
+    std::atomic<bool> replaced{false}; ///< at the ticker's last look
+    std::atomic<uint64> cacheSize;     ///< bytes
+    uint64 appliedCacheSize;           ///< of these; the ticker's
     /// What programs wrote may still lie in the kernel's memory, and goes with the connection.
     std::atomic<bool> holdsWrites{false};
 

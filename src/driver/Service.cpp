@@ -105,7 +105,7 @@ Service::DiskPtr Service::byDeviceId(uint64 deviceId) const {
 Service::DiskPtr Service::byLetter(uint64 devId) const {
     const std::string drive = std::string(1, static_cast<char>('A' + devId % 26)) + ":";
     for (const DiskPtr& disk : all()) {
-        if (devId < 26 && disk->getStatus().drive == SxString(drive)) return disk;
+        if (devId < 26 && disk->getDrive() == SxString(drive)) return disk;
     }
     refuse("No disk of this service is drive '" + SxString(drive) + "'");
 }
@@ -379,6 +379,12 @@ bool Service::handleState(Call call, Reader* request, Writer* answer) {
             writeStatus(disk->getStatus(), answer);
         return true;
     }
+    case Call::Replaced: {
+        const DiskPtr disk = find(request->text());
+        requireWhole(*request);
+        answer->flag(disk && disk->isReplaced());
+        return true;
+    }
     case Call::TraceEvent: {
         const DiskPtr disk = require(request);
         requireWhole(*request);
@@ -532,7 +538,7 @@ bool Service::handleService(Call call, Reader* request, Writer* answer, int64 pe
         requireWhole(*request);
         cacheSize = bytes;
         for (const DiskPtr& disk : all())
-            disk->getVirtualDisk()->setCacheSize(bytes);
+            disk->setCacheSize(bytes);
         return true;
     }
     case Call::Leftover: {

@@ -390,6 +390,7 @@ TEST_F(Drive, anImageInThePlaceOfAMountedOneIsAnother) {
     const string image = build("image", "erofs");
     mount(image);
     fs::remove_all(image);
+    EXPECT_TRUE(eventually([&] { return statusOf(image).replaced; }));
     EXPECT_THAT(done({"status", image}), HasSubstr("was removed or replaced since"));
     build("image", "ext4");
     EXPECT_THAT(run({"mount", image}).err, HasSubstr("take that away first, with: tavrin umount " + image));

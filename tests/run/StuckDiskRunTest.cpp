@@ -28,7 +28,7 @@ protected:
         for (const char* name : {"LD_PRELOAD", "SLOW_DISK", "SLOW_OPEN"})
             ::unsetenv(name);
     }
-    /// Nothing below the folder can be opened by the service; an empty text lets all be opened.
+    /// Nothing below the folder can be opened or looked at by the service; an empty text lets all be opened.
     void hold(const string& folder) const { std::ofstream(dir.path("held")) << folder; }
     /// "0 FOLDER" for a disk below that folder that takes no byte, an empty text for one that does.
     void setRate(const string& rate) const { std::ofstream(dir.path("rate")) << rate; }
@@ -68,6 +68,24 @@ TEST_F(StuckDisk, AnImageThatCantBeOpenedYetHoldsUpNoOther) {
     EXPECT_EQ(second->wait(), 0) << "one of its own image waits for it";
     EXPECT_TRUE(statusOf(stuck).ready);
     done({"umount", stuck});
+}
+
+TEST_F(StuckDisk, AMountedImageThatCantBeReachedHoldsUpNoOther) {
+    Feeder feeder(stuck);
+    const string app = mount(stuck);
+    // What lies in memory goes into a file of the image's disk as soon as another image is mounted.
+    ZqMountMgr().setCacheSize(64 << 20);
+    feeder.start();
+    TempDir::readFile(app + "/big.pak");
+    feeder.stop();
+    hold(stuck + "/");
+    setRate("0 " + stuck);
+    SxTime::msleep(300); // until its own regular work waits for it, or not, which changes nothing either
+    expectOtherServed();
+    EXPECT_EQ(statusOf(stuck).failure, "");
+    hold("");
+    setRate("");
+    EXPECT_EQ(done({"umount", stuck}), "Unmounted\n");
 }
 
 TEST_F(StuckDisk, ATraceThatCantBeWrittenHoldsUpNoOtherDrive) {

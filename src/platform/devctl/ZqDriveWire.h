@@ -62,6 +62,7 @@ enum class Call : unsigned short {
     Leftover, ///< asks and clears: was a drive of the image left behind by a killed service
     Progress, ///< of what programs wrote, on its way to the disk
     Retire,   ///< a service without disks ends now
+    Replaced, ///< looks whether another image stands in the place of a mounted one
     End       ///< number of calls
 };
 

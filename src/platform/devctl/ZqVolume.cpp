@@ -226,6 +226,12 @@ bool ZqVolume::findDisk(const SxString& image, ZqDiskStatus* status) {
     return true;
 }
 
+bool ZqVolume::isReplaced(const SxString& image) {
+    Reader answer;
+    const Writer request = Writer().text(ZqServiceClient::keyOf(image));
+    return ask(Call::Replaced, request, &answer, "Cannot ask after image '" + image + "'") && answer.flag();
+}
+
 void ZqVolume::setReady(const SxString& image) {
     if (ZqServiceClient::call(Call::Ready, Writer().text(ZqServiceClient::keyOf(image)).number(0), nullptr,
                               Start::Never))

@@ -24,7 +24,7 @@ struct ZqDiskStatus {
     uint64 nBeyondQA = 0;  ///< reads at or above the QA cursor
     bool ready = false;    ///< whoever mounts it has said that all of its mount is done
     int64 mounterPid = 0;  ///< the process that had it mounted
-    bool replaced = false; ///< the image was removed since, or another one stands in its place
+    bool replaced = false; ///< the image was removed, or another one stood in its place, a moment ago
     bool removable = false, underflow = false, suspended = false, monitored = false;
     int64 servicePid = 0;
     uint64 madeNs = 0; ///< when the disk was made, which tells it from another one of its image
@@ -83,6 +83,9 @@ public:
     /// The disk of one image, by any spelling of its folder; false where it isn't mounted. Raises where the
     /// service can't tell.
     static bool findDisk(const SxString& image, ZqDiskStatus* status);
+    /// Looks whether a mounted image was removed since, or another one stands in its place. May wait for the
+    /// image's disk. Raises where the service can't tell.
+    static bool isReplaced(const SxString& image);
     /// Says that the mount of an image is complete.
     static void setReady(const SxString& image);
     /// The image folders whose drives a service that was killed has left behind, as long as no other one

@@ -1,7 +1,8 @@
 // Loaded before the C library into a drive service: a disk that takes its time for the files of an image.
 // `$SLOW_DISK` is a file with the bytes that it takes in a second; 0 means that it takes none, until
 // that changes. A path behind the number: only what lies below that is slow. `$SLOW_OPEN` is a file with a
-// path; what lies below that isn't opened until it changes.
+// path; what lies below that is neither opened nor
+// looked at until it changes.
 
 #include <cerrno>
 #include <cstdarg>
@@ -11,6 +12,7 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <mutex>
+#include <sys/stat.h>
 #include <sys/types.h>
 #include <time.h>
 #include <unistd.h>
@@ -93,6 +95,13 @@ extern "C" int open64(const char* path, int flags, ...) {
     const unsigned mode = modeOf(flags, more);
     va_end(more);
     return openLate("open64", path, flags, mode);
+}
+
+extern "C" int stat(const char* path, struct stat* info) noexcept {
+    using Call = int (*)(const char*, struct stat*);
+    while (isHeldBack(path))
+        pause(0.01);
+    return reinterpret_cast<Call>(dlsym(RTLD_NEXT, "stat"))(path, info);
 }
 
 extern "C" ssize_t pwrite(int fd, const void* bytes, size_t n, off_t offset) {
