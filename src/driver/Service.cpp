@@ -274,20 +274,36 @@ public:
     }
     ~Ejector() override { wait(); }
 
+    SxString getImage() const { return disk->getParams().image; }
+    /// What programs wrote and was lost, as a sentence; once it has ended.
+    SxString getLost() const { return lost; }
+
 protected:
-    void main() override { service->eject(disk); }
+    void main() override { lost = service->eject(disk).lost; }
 
 private:
     Service* const service;
     const DiskPtr disk;
+    SxString lost;
 };
 
-void Service::ejectAll() {
+std::vector<Service::Loss> Service::ejectAll() {
     std::vector<std::unique_ptr<Ejector>> ejectors;
     for (const DiskPtr& disk : all()) {
         ejectors.push_back(std::make_unique<Ejector>(this, disk));
         ejectors.back()->start();
     }
+    std::vector<Loss> losses;
+    for (const auto& ejector : ejectors) {
+        ejector->wait();
+        if (!ejector->getLost().isEmpty()) losses.push_back({ejector->getImage(), ejector->getLost()});
+    }
+    return losses;
+}
+
+void Service::end() {
+    for (const Loss& loss : ejectAll())
+        noteLost(loss.image);
 }
 
 bool Service::retire() {
@@ -327,8 +343,13 @@ void Service::loadDisks() {
 }
 
 void Service::reset() {
-    ejectAll();
+    const std::vector<Loss> losses = ejectAll();
     cacheSize = 0;
+    if (losses.empty()) return;
+    // The first is told now, the others to whoever asks next.
+    for (size_t i = 1; i < losses.size(); ++i)
+        noteLost(losses[i].image);
+    refuse(losses.front().text);
 }
 
 void Service::tick() {

@@ -25,8 +25,9 @@ public:
     bool hasDisks() const;
     /// Whether a client wants it to end now, and nothing was mounted since.
     bool isRetiring() const { return retiring; }
-    /// Ejects everything, all disks at a time.
-    void ejectAll();
+    /// Ejects everything, all disks at a time. What programs wrote and was lost thereby is told to whoever
+    /// asks for the image next.
+    void end();
 
 private:
     using DiskPtr = std::shared_ptr<Disk>;
@@ -52,6 +53,10 @@ private:
     void ejectImage(ZqDriveWire::Reader* request, ZqDriveWire::Writer* answer);
     /// False where there are disks.
     bool retire();
+    struct Loss {
+        SxString image, text;
+    };
+    std::vector<Loss> ejectAll();
     void storeDisks() const;
     void loadDisks();
     void reset();

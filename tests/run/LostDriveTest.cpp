@@ -1,6 +1,7 @@
 #include "DriveRun.h"
 #include "Instrumented.h"
 #include "ZqServiceFolder.h"
+#include "zqdevctl.h"
 
 #include <csignal>
 #include <fstream>
@@ -143,4 +144,30 @@ TEST_F(LostDrive, aServiceThatCannotReadTheMountTableKeepsItsDrive) {
     ASSERT_EQ(::prlimit(service, RLIMIT_NOFILE, &former, nullptr), 0);
     EXPECT_EQ(statusOf(image).failure, "");
     EXPECT_EQ(done({"umount", image}), "Unmounted\n");
+}
+
+TEST_F(LostDrive, whatIsLostAsTheServiceTakesItsDrivesAwayIsTold) {
+    const string disk = dir.path("disk"), image = disk + "/image";
+    const string built = build("built", "ext4");
+    for (const bool isReset : {false, true}) {
+        SCOPED_TRACE(isReset ? "reset" : "ended");
+        fs::create_directory(disk);
+        ASSERT_EQ(::mount("tmpfs", disk.c_str(), "tmpfs", 0, "size=32m"), 0);
+        fs::copy(built, image);
+        std::ofstream(mount(image, {"--mode", "rtw"}) + "/large") << string(12 << 20, 'x');
+        if (isReset) {
+            EXPECT_NE(zqDriveReset(), 0);
+            EXPECT_THAT(ZqVolume::getLastFailure().str(),
+                        testing::AllOf(HasSubstr(image), HasSubstr("is lost")));
+        } else {
+            const int64 pid = statusOf(image).servicePid;
+            ::kill(static_cast<pid_t>(pid), SIGTERM);
+            EXPECT_TRUE(eventually([&] { return !isRunning(pid); }));
+            const Outcome outcome = run({"umount", image});
+            EXPECT_EQ(outcome.code, 1);
+            EXPECT_THAT(outcome.err, HasSubstr("may be lost as far as they hadn't synced it"));
+        }
+        EXPECT_EQ(done({"umount", image}), "Not mounted\n") << "it is told once";
+        ASSERT_EQ(::umount2(disk.c_str(), MNT_DETACH), 0);
+    }
 }
