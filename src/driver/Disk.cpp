@@ -436,6 +436,7 @@ void Disk::redirect(const SxList<SxString>& names, const SxString& directory) {
         throw SxException("Folders and files of a drive can be redirected by root alone: run as root", UNIT,
                           __LINE__);
     }
+    isRedirected = true;
     SxList<SxString> words = {"redirect", folder + "/" + ZqServiceFolder::VOLUME, directory,
                               params.image + "/"};
     words.append(names);

@@ -75,6 +75,8 @@ public:
     void monitorOn(const SxString& traceFolder);
     /// Whoever mounts it has done all of its mount.
     void setReady() { ready = true; }
+    /// Whether it is ready, and no name was redirected.
+    bool isPlain() const { return ready && !isRedirected; }
     /// The volume's label, from its superblock; empty where that isn't present.
     SxString getLabel();
     /// Whether somebody else has ended the mount, and all of the disk was taken down after that.
@@ -137,6 +139,7 @@ private:
     std::atomic<bool> detaching{false};
     int64 lastLookNs = 0; ///< at the mounts; the ticker's
     std::atomic<bool> ending{false}, firstWoken{false}, ready{false}, isAborted{false};
+    std::atomic<bool> isRedirected{false};
     std::atomic<bool> replaced{false}; ///< at the ticker's last look
     std::atomic<uint64> cacheSize;     ///< bytes
     uint64 appliedCacheSize;           ///< of these; the ticker's

@@ -19,6 +19,8 @@ namespace {
 
 constexpr const char* UNIT = "src/driver/Service";
 constexpr int IMAGE_TYPE_ZQF = 1;
+/// Process id of a mounter that is no more.
+constexpr int64 NOBODY = 0;
 /// How long a mount waits for another one of its image.
 constexpr int64 SAME_IMAGE_MS = 15'000;
 /// Stands before the path in a second line of an image whose drive may have lost writes.
@@ -230,7 +232,7 @@ Service::DiskPtr Service::make(const MountParams& params, uint64 deviceId, int64
     }
 }
 
-void Service::mount(const MountParams& params, int64 peer) {
+Service::DiskPtr Service::mount(const MountParams& params, int64 peer) {
     refuseOwn(params.image);
     refuseOwn(params.traceFolder);
     const Reservation reservation(this, params.image);
@@ -244,8 +246,12 @@ void Service::mount(const MountParams& params, int64 peer) {
         takeLeft(params.image);
     }
     const DiskPtr disk = make(params, reservation.deviceId(), peer);
-    const SxMutexBlock block(&mutex);
-    disks[reservation.deviceId()] = disk;
+    {
+        const SxMutexBlock block(&mutex);
+        disks[reservation.deviceId()] = disk;
+    }
+    disk->setCacheSize(cacheSize); // it may have changed meanwhile
+    return disk;
 }
 
 /// Carries out a request; one for a disk that has gone is no failure.
@@ -319,7 +325,9 @@ void Service::storeDisks() const {
     for (const DiskPtr& disk : now) {
         MountParams params = disk->getParams();
         params.cursor = disk->getVirtualDisk()->getCursor();
+        params.traceFolder = SxString(); // a trace that begins would take what is in it
         writeParams(params, &table);
+        table.flag(disk->isPlain());
     }
     SxFileIO::writeAtomic(folder + ZqServiceFolder::DISK_TABLE, SxString(table.body()), 0600);
 }
@@ -331,15 +339,26 @@ void Service::loadDisks() {
     SxArray<char> bytes(in.getSize());
     const int64 n = in.readBuffer(bytes.data(), bytes.getSize());
     Reader table(std::string(bytes.data(), static_cast<size_t>(n)));
-    std::vector<MountParams> stored;
-    for (uint64 left = table.number(); left > 0 && table.hasAll(); --left)
-        stored.push_back(readParams(&table));
-    if (!table.ok()) refuse("The table of disks '" + file + "' is damaged");
-    for (const MountParams& params : stored) {
-        if (find(params.image)) continue;
-        mount(params, SxOs::processId());
-        find(params.image)->setReady();
+    std::vector<std::pair<MountParams, bool>> stored;
+    for (uint64 left = table.number(); left > 0 && table.hasAll(); --left) {
+        const MountParams params = readParams(&table);
+        stored.emplace_back(params, table.flag());
     }
+    if (!table.ok()) refuse("The table of disks '" + file + "' is damaged");
+    SxString failure;
+    for (const auto& [params, isPlain] : stored) {
+        if (find(params.image)) continue;
+        try {
+            // Without its redirections, saves would go nowhere: the next mount of such a disk makes it anew,
+            // as one whose mounter was killed.
+            const DiskPtr disk = mount(params, NOBODY);
+            if (isPlain) disk->setReady();
+        } catch (const SxException& e) {
+            driverLog("image " + params.image + " can't be loaded: " + SxString(e.what()));
+            if (failure.isEmpty()) failure = e.toString(SxException::ShowMessage, ": ");
+        }
+    }
+    if (!failure.isEmpty()) refuse(failure);
 }
 
 void Service::reset() {

@@ -38,7 +38,7 @@ private:
     DiskPtr byLetter(uint64 devId) const;
     std::vector<DiskPtr> all() const;
 
-    void mount(const MountParams& params, int64 peer);
+    DiskPtr mount(const MountParams& params, int64 peer);
     /// Raises where the service would have to answer itself.
     void refuseOwn(const SxString& path) const;
     class Reservation;

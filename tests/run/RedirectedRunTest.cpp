@@ -1,5 +1,6 @@
 #include "DriveRun.h"
 #include "SxException.h"
+#include "zqdevctl.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -140,3 +141,31 @@ TEST_F(Redirected, linksAreNotRedirected) {
 }
 
 } // namespace
+
+TEST_F(Redirected, aStoredTableBringsNothingUpThatLooksWhole) {
+    const string redirected =
+        buildRedirected("redirected", "ext4", R"("dirmap": [{"from": "app/textures"}], "filemap": [])");
+    const string gone = build("gone", "erofs"), plain = build("plain", "erofs"), trace = dir.path("trace");
+    TempDir::readFile(mount(redirected, {"--trace", trace}) + "/big.pak");
+    mount(gone);
+    mount(plain);
+    EXPECT_EQ(zqDriveStoreDisks(), 0);
+    for (const string& image : {redirected, gone, plain})
+        done({"umount", image});
+    const string recorded = TempDir::readFile(trace + "/img.trc");
+    EXPECT_NE(recorded, "");
+    fs::remove_all(gone);
+    EXPECT_NE(zqDriveLoadDisks(), 0);
+    EXPECT_THAT(ZqVolume::getLastFailure().str(), HasSubstr(gone));
+    EXPECT_TRUE(eventually(
+        [&] { return !statusOf(plain).drive.isEmpty() && !statusOf(redirected).drive.isEmpty(); }));
+    EXPECT_THAT(done({"mount", plain}), HasSubstr("Mounted already as"));
+    EXPECT_THAT(done({"mount", redirected}), HasSubstr("Mounted as"));
+    saveAtomically(statusOf(redirected).mountPath.str() + "/TAVRIN-protected/app/textures/deep/7",
+                   "new texture");
+    done({"umount", redirected});
+    EXPECT_TRUE(TempDir::readFile(mount(redirected) + "/textures/deep/7") == "new texture");
+    for (const string& image : {redirected, plain})
+        done({"umount", image});
+    EXPECT_TRUE(TempDir::readFile(trace + "/img.trc") == recorded) << "the trace was begun anew";
+}
