@@ -202,6 +202,12 @@ bool ZqMountMgr::umountImage(const SxString& image, bool hardEject) {
     busy = false;
     try {
         if (!isMounted(image)) return true;
+        if (ZqVolume::isForeign()) {
+            // A service of another version takes nothing but this.
+            if (!hardEject) removeRegistryEntries();
+            ejectImage(image);
+            return true;
+        }
         guardLogging(false);
         failOnUnderflow(image);
         if (isSuspended(image)) resume(image);

@@ -41,7 +41,7 @@ std::atomic<int> cacheSize{-1};     // bytes; -1: never set
 std::atomic<int> patience{INT_MAX}; // seconds
 
 thread_local SxString lastFailure;
-thread_local bool lastBusy = false, lastCutOff = false, lastSilent = false;
+thread_local bool lastBusy = false, lastCutOff = false, lastSilent = false, lastForeign = false;
 
 /// This thread's connection. A child process must not share it, so it knows whose it is.
 struct Connection {
@@ -236,7 +236,7 @@ bool connectTo(const std::string& root, const std::string& folder, ZqServiceClie
 
 bool ZqServiceClient::call(Call call, const Writer& request, Reader* answer, Start start) {
     lastFailure = SxString();
-    lastCutOff = lastSilent = false;
+    lastCutOff = lastSilent = lastForeign = false;
     try {
         const std::string root = ZqMachineRoot::get().str(), folder = ZqServiceFolder::of(root);
         bool isNew = false;
@@ -253,6 +253,7 @@ bool ZqServiceClient::call(Call call, const Writer& request, Reader* answer, Sta
                 isNew = true;
                 continue;
             }
+            lastForeign = message.version != VERSION;
             if (answer) *answer = Reader(message.kind == SUCCESS ? message.body : std::string());
             if (message.kind != SUCCESS) lastFailure = SxString(message.body).validUtf8();
             return message.kind == SUCCESS;
@@ -272,6 +273,10 @@ bool ZqServiceClient::wasCutOff() {
 
 bool ZqServiceClient::wasSilent() {
     return lastSilent;
+}
+
+bool ZqServiceClient::wasForeign() {
+    return lastForeign;
 }
 
 bool ZqServiceClient::isServing() {

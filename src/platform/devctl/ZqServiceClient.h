@@ -26,6 +26,9 @@ bool wasSilent();
 /// Whether a service is there, without starting one. One that is stuck counts: it still serves its drives.
 bool isServing();
 
+/// Whether the last answer on this thread came from a service of another version.
+bool wasForeign();
+
 /// The one path that every spelling of a folder has: a host path, absolute, without links and trailing
 /// slashes. Raises on a path that is none.
 SxString keyOf(const SxString& path);

@@ -51,6 +51,20 @@ bool ask(Call call, const Writer& request, Reader* answer, const SxString& words
     return true;
 }
 
+/// The images of the disks that have a folder in that of the service.
+SxList<SxString> imagesInFolder() {
+    SxList<SxString> images;
+    const std::string mounts =
+        ZqServiceFolder::of(ZqMachineRoot::get().str()) + ZqServiceFolder::MOUNTS + "/";
+    std::vector<std::string> disks;
+    SxOs::get().list(mounts, &disks);
+    for (const std::string& disk : disks) {
+        const SxString file = SxString(mounts + disk + "/") + ZqServiceFolder::IMAGE;
+        if (SxFSAction::test_f(file)) images.append(SxFileIO::readUtf8(file));
+    }
+    return images;
+}
+
 /// Where the service lives, as far as it says so.
 struct Home {
     uint64 device = 0, inode = 0; ///< of its mount namespace; zeros for unknown
@@ -207,8 +221,21 @@ void ZqVolume::setLabel(const SxString& drive, const SxString& label) {
     ::close(fd);
 }
 
+bool ZqVolume::isForeign() {
+    return ask(Call::Ping, Writer(), nullptr, "Cannot ask for the drive service") &&
+           ZqServiceClient::wasForeign();
+}
+
 SxList<ZqDiskStatus> ZqVolume::getDisks() {
     SxList<ZqDiskStatus> disks;
+    if (isForeign()) {
+        // It tells of each image alone.
+        for (const SxString& image : imagesInFolder()) {
+            ZqDiskStatus disk;
+            if (findDisk(image, &disk)) disks.append(disk);
+        }
+        return disks;
+    }
     Reader answer;
     if (!ask(Call::Disks, Writer(), &answer, "Cannot ask for the drives")) return disks;
     const uint64 n = answer.number();
@@ -227,6 +254,8 @@ bool ZqVolume::findDisk(const SxString& image, ZqDiskStatus* status) {
 }
 
 bool ZqVolume::isReplaced(const SxString& image) {
+    ZqDiskStatus disk;
+    if (isForeign()) return findDisk(image, &disk) && disk.replaced;
     Reader answer;
     const Writer request = Writer().text(ZqServiceClient::keyOf(image));
     return ask(Call::Replaced, request, &answer, "Cannot ask after image '" + image + "'") && answer.flag();
@@ -241,17 +270,7 @@ void ZqVolume::setReady(const SxString& image) {
 }
 
 SxList<SxString> ZqVolume::getLeftovers() {
-    SxList<SxString> images;
-    if (ZqServiceClient::isServing()) return images;
-    const std::string mounts =
-        ZqServiceFolder::of(ZqMachineRoot::get().str()) + ZqServiceFolder::MOUNTS + "/";
-    std::vector<std::string> disks;
-    SxOs::get().list(mounts, &disks);
-    for (const std::string& disk : disks) {
-        const SxString file = SxString(mounts + disk + "/") + ZqServiceFolder::IMAGE;
-        if (SxFSAction::test_f(file)) images.append(SxFileIO::readUtf8(file));
-    }
-    return images;
+    return ZqServiceClient::isServing() ? SxList<SxString>() : imagesInFolder();
 }
 
 uint64 ZqVolume::getProgress(const SxString& image) {
@@ -273,6 +292,7 @@ bool ZqVolume::removeLeftovers(const SxString& image, bool* written) {
     Reader answer;
     if (!ZqServiceClient::call(Call::Leftover, Writer().text(ZqServiceClient::keyOf(image)), &answer,
                                Start::IfNeeded)) {
+        if (ZqServiceClient::wasForeign()) return false;
         throw SxException(getLastException(UNIT, __LINE__), "Cannot remove what a drive service left behind",
                           UNIT, __LINE__);
     }

@@ -91,9 +91,13 @@ public:
     /// The image folders whose drives a service that was killed has left behind, as long as no other one
     /// runs.
     static SxList<SxString> getLeftovers();
+    /// Whether the service is of another version. Such a one takes no mounts; its drives can be asked after
+    /// and ejected. Raises where it can't tell.
+    static bool isForeign();
     /// Removes what a service that was killed has left behind in this machine root (mounts, loop devices,
     /// connections, letters, the socket). Gives whether a drive of `image` was, or has been since it was last
-    /// asked for, among that. `*written`: what programs had written to that drive may be lost.
+    /// asked for, among that. `*written`: what programs had written to that drive may be lost. While a
+    /// service of another version serves, nothing is removed.
     static bool removeLeftovers(const SxString& image, bool* written);
     /// A number that grows while what programs wrote to an image's drive comes to its disk; stays as it is
     /// where the service can't be asked, or doesn't serve the image.

@@ -313,6 +313,9 @@ bool ZqVolume::findDisk(const SxString&, ZqDiskStatus* status) {
     status->madeNs = driver.releasedAt < 0 || driver.nextMadeNs == 0 ? 1 : driver.nextMadeNs;
     return true;
 }
+bool ZqVolume::isForeign() {
+    return false;
+}
 bool ZqVolume::isReplaced(const SxString&) {
     return false;
 }
