@@ -348,7 +348,9 @@ bool Disk::detach() {
     const bool busy = facts.count("busy") != 0;
     const auto unsynced = facts.find("unsynced");
     if (unsynced != facts.end() && holdsWrites) noteLost(SxString(unsynced->second));
-    const SxString why = userDriver.stop(busy, stallMs(), [this] { return getProgress(); });
+    // One that somebody else has detached may live on with its users, too.
+    const bool isDetached = busy || facts.count("unmounted") != 0;
+    const SxString why = userDriver.stop(isDetached, stallMs(), [this] { return getProgress(); });
     if (!why.isEmpty() && holdsWrites) noteLost(why);
     setHoldsWrites(false);
     // What a program still has open fails from here on, so that it can't wait for ever.

@@ -5,6 +5,7 @@
 #include "SxException.h"
 #include "SxOs.h"
 #include "SxQueue.h"
+#include "SxTime.h"
 #include "ZqServiceFolder.h"
 
 #define FUSE_USE_VERSION 314
@@ -13,6 +14,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -20,6 +22,7 @@
 #include <malloc.h>
 #include <new>
 #include <poll.h>
+#include <pthread.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -38,6 +41,8 @@ constexpr unsigned MAX_BACKGROUND = 4096;
 /// At most one for each thread that serves requests, and room for some that came too late.
 constexpr size_t MAX_EARLY = 256;
 constexpr fuse_ino_t FILE_INODE = 2;
+/// How long threads may take to see that the connection has ended.
+constexpr int64 END_MS = 200;
 constexpr double FOREVER = 1e9; // seconds
 
 /// Keeps memory from being taken away, and from being asked for only when it is used: a service that waits
@@ -60,6 +65,17 @@ public:
 private:
     std::vector<char> space;
 };
+
+/// Sent to a thread that waits for a request, to wake it; its handler does nothing.
+int wakeSignal() {
+    static const int number = [] {
+        struct sigaction action = {};
+        action.sa_handler = [](int) {}; // without SA_RESTART
+        ::sigaction(SIGRTMIN + 2, &action, nullptr);
+        return SIGRTMIN + 2;
+    }();
+    return number;
+}
 
 /// The calling thread's, made before the thread: one that is asked for with the first request might not be
 /// had.
@@ -180,13 +196,22 @@ public:
     /// Before the start: has the library get its space for requests, which it does when it looks for one,
     /// and locks that. The session must not wait for requests meanwhile.
     void prepare() {
+        wakeSignal();
         ownSpace = space.data();
         if (fuse_session_receive_buf(session, &request) > 0) fuse_session_process_buf(session, &request);
         lockMemory(request.mem, ::malloc_usable_size(request.mem));
     }
 
+    /// Ends its wait for a request; the session must have been told to end. Nothing where it doesn't wait: it
+    /// is to be repeated until the thread has ended.
+    void interrupt() {
+        if (isRunning() && hasSelf) ::pthread_kill(self, wakeSignal());
+    }
+
 protected:
     void main() override {
+        self = ::pthread_self();
+        hasSelf = true;
         ownSpace = space.data();
         while (!fuse_session_exited(session)) {
             lookForNext();
@@ -212,6 +237,8 @@ private:
     fuse_session* session;
     std::atomic<bool>* looking;
     std::atomic<bool>* ended;
+    pthread_t self = {};
+    std::atomic<bool> hasSelf{false};
     RequestSpace space;
     fuse_buf request = {};
 };
@@ -321,9 +348,7 @@ void FuseFront::end() {
             driverLog("cannot unmount " + SxString(mountedAt) + ": " + SxOs::errorText(error));
         mountedAt.clear();
     }
-    for (const auto& worker : workers)
-        worker->wait();
-    workers.clear();
+    endWorkers();
     // Where mounting has failed, they may be missing.
     if (finisher) {
         finisher->end();
@@ -344,6 +369,26 @@ void FuseFront::end() {
     fuse_session_unmount(session);
     fuse_session_destroy(session);
     session = nullptr;
+}
+
+/// Where somebody has detached the mount by hand and a program still uses it, the connection can't be ended
+/// by its mount: then the threads leave it, and it ends with its last descriptor, which goes with the
+/// session.
+void FuseFront::endWorkers() {
+    const auto haveEnded = [this] {
+        return std::none_of(workers.begin(), workers.end(),
+                            [](const auto& worker) { return worker->isRunning(); });
+    };
+    if (!SxWait::pass(END_MS, haveEnded)) {
+        fuse_session_exit(session);
+        while (!SxWait::pass(SxWait::LOOK_MS, haveEnded)) {
+            for (const auto& worker : workers)
+                worker->interrupt();
+        }
+    }
+    for (const auto& worker : workers)
+        worker->wait();
+    workers.clear();
 }
 
 /// Answers a request by what `serve` does, or stores it. Where that finds no memory, or raises otherwise,

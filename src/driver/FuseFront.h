@@ -66,6 +66,7 @@ private:
     class Finisher;
     class Syncer;
 
+    void endWorkers();
     void hold(Request request);
     void finish(Request request);
     void tryAgain(Request request);

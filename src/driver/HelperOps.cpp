@@ -221,6 +221,7 @@ bool flushHeld(const std::string& loop, const std::string& file) {
 
 void detach(const SxList<SxString>& words) {
     const std::string &volume = words(1).str(), &loop = words(2).str(), &file = words(3).str();
+    if (!Mounts::isMounted(volume)) HelperOps::tell("unmounted", "");
     bool busy = unmountBelow(volume);
     busy = unmountVolume(volume) || busy;
     if (loop != "-") busy = flushHeld(loop, file) || busy;

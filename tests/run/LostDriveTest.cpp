@@ -171,3 +171,35 @@ TEST_F(LostDrive, whatIsLostAsTheServiceTakesItsDrivesAwayIsTold) {
         ASSERT_EQ(::umount2(disk.c_str(), MNT_DETACH), 0);
     }
 }
+
+TEST_F(LostDrive, whatIsUsedWhenAllOfItsDriveWasDetachedIsTakenDownAndKeepsItsData) {
+    const string content = TestRandom(12).bytes(8 << 20);
+    for (const string type : {"ext4", "erofs"}) {
+        SCOPED_TRACE(type);
+        const bool isWritten = type == "ext4";
+        const string image =
+            isWritten ? build(type, type, {"--free", std::to_string(64 << 20)}) : build(type, type);
+        const string app = mount(image, {"--mode", isWritten ? "rtw" : "ro"});
+        std::ifstream reader(app + "/big.pak", std::ios::binary);
+        std::ofstream writer;
+        if (isWritten) {
+            writer.open(app + "/saved", std::ios::binary);
+            writer << content << std::flush;
+        }
+        // As by hand, or with the folder of a user's session.
+        const fs::path volume = statusOf(image).mountPath.str();
+        ASSERT_EQ(::umount2(volume.c_str(), MNT_DETACH), 0);
+        ASSERT_EQ(::umount2((volume.parent_path() / ZqServiceFolder::FRONT).c_str(), MNT_DETACH), 0);
+        const int64 beginNs = SxClock::get().steadyNs();
+        EXPECT_TRUE(eventually([&] { return statusOf(image).image.isEmpty(); }));
+        EXPECT_LT(SxClock::get().steadyNs() - beginNs, 5'000'000'000) << "of which 2 s may go by unnoticed";
+        done({"image", "verify", image, "--quiet"});
+        reader.close();
+        writer.close();
+        EXPECT_TRUE(eventually([] { return leftovers().empty(); }));
+        EXPECT_EQ(done({"umount", image}), "Not mounted\n");
+        if (!isWritten) continue;
+        EXPECT_TRUE(TempDir::readFile(mount(image, {"--mode", "rtw"}) + "/saved") == content);
+        EXPECT_EQ(done({"umount", image}), "Unmounted\n");
+    }
+}

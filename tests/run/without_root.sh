@@ -67,6 +67,18 @@ grep -q "tavrin-$UID/" /proc/self/mountinfo && fail "a mount is left"
 [[ -n $(mounted) ]] || fail "no mount behind a killed service"
 "$client" umount image
 
+# All of it detached by hand, while a program still uses it.
+volume=$(mounted --mode ro)
+exec 7<"$volume/TAVRIN-protected/app/data"
+fusermount3 -uz "$volume"
+fusermount3 -uz "${volume%volume}front"
+for ((i = 0; i < 100; ++i)); do
+    "$client" status | grep -q "Nothing is mounted" && break
+    sleep 0.1
+done
+((i < 100)) || fail "a drive that was detached stays"
+exec 7<&-
+
 # The kernel's table of mounts names places, and no links to them.
 mkdir runtime
 ln -s runtime link
