@@ -57,6 +57,7 @@ private:
         SxString image, text;
     };
     std::vector<Loss> ejectAll();
+    static MountParams readParams(ZqDriveWire::Reader* request);
     void storeDisks() const;
     void loadDisks();
     void reset();

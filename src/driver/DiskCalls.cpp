@@ -1,0 +1,107 @@
+#include "Disk.h"
+
+#include "DriverLog.h"
+#include "Helper.h"
+#include "SxException.h"
+#include "SxOs.h"
+#include "SxTime.h"
+#include "ZqServiceFolder.h"
+
+#include <unistd.h>
+
+// What clients ask of a disk, and change of one that is there.
+
+namespace {
+
+constexpr const char* UNIT = "src/driver/DiskCalls";
+/// How long a trace waits for what it needs: the read-ahead of its drive to be low.
+constexpr int64 SETTLE_MS = 1000;
+
+} // namespace
+
+void Disk::redirect(const SxList<SxString>& names, const SxString& directory) {
+    const SxMutexBlock block(&tearing);
+    if (!isMounted()) throw SxException("The volume isn't mounted", UNIT, __LINE__);
+    if (::geteuid() != 0) {
+        throw SxException("Folders and files of a drive can be redirected by root alone: run as root", UNIT,
+                          __LINE__);
+    }
+    isRedirected = true;
+    SxList<SxString> words = {"redirect", folder + "/" + ZqServiceFolder::VOLUME, directory,
+                              params.image + "/"};
+    words.append(names);
+    try {
+        const Helper::Facts facts = runHelper(words);
+        const auto aside = facts.find("aside");
+        if (aside != facts.end()) {
+            driverLog("former copies, which would hide names of this version, are now in " +
+                      SxString(aside->second));
+        }
+    } catch (const SxException& e) {
+        // What was freed by ending the connection can't serve any more.
+        if (isAborted) fail("Redirecting names took too long: " + e.toString(SxException::ShowMessage, ": "));
+        throw;
+    }
+}
+
+void Disk::suspend() {
+    if (ending) throw SxException("The disk is being ejected", UNIT, __LINE__);
+    disk.suspend();
+}
+
+void Disk::monitorOn(const SxString& traceFolder) {
+    disk.monitorOn(traceFolder);
+    SxWait::pass(SETTLE_MS, [this] {
+        const SxMutexBlock block(&mutex);
+        return state != State::Mounted || readAhead.isEmpty() || !isReadingAhead;
+    });
+}
+
+void Disk::restore() {
+    const SxMutexBlock block(&tearing);
+    if (!isMounted()) return;
+    runHelper({"restore", folder + "/" + ZqServiceFolder::VOLUME});
+}
+
+void Disk::setCursor(uint64 zqfIdx) {
+    disk.setCursor(zqfIdx); // the ticker looks after the read-ahead
+}
+
+ZqDiskStatus Disk::getStatus() {
+    ZqDiskStatus status;
+    status.image = params.image;
+    status.removable = params.removable;
+    status.deviceId = deviceId;
+    status.sectorSize = params.sectorSize;
+    status.cursor = disk.getCursor();
+    status.nIncluded = disk.nIncluded();
+    status.queueLength = disk.queueLength();
+    status.nReads = disk.nReads();
+    status.nHeld = disk.nHeld();
+    status.nBeyondQA = disk.nBeyondQA();
+    status.underflow = disk.isUnderflow();
+    status.suspended = disk.isSuspended();
+    status.monitored = disk.isMonitored();
+    status.ready = ready;
+    status.replaced = replaced;
+    status.mounterPid = mounterPid;
+    status.servicePid = SxOs::processId();
+    status.madeNs = madeNs;
+    const SxMutexBlock block(&mutex);
+    status.failure = failure.isEmpty() ? disk.getFailure() : failure;
+    if (status.failure.isEmpty()) status.failure = describeLostWrites(0);
+    if (status.failure.isEmpty()) status.failure = lost;
+    // The ticker hasn't come to it yet.
+    if (status.failure.isEmpty() && state == State::Mounted && front.hasEnded() && !detaching)
+        status.failure = "The connection to the drive's file has ended";
+    if (hasDrive()) {
+        status.mountPath = folder + "/" + ZqServiceFolder::VOLUME;
+        status.drive = letter.get();
+    }
+    return status;
+}
+
+SxString Disk::getDrive() const {
+    const SxMutexBlock block(&mutex);
+    return hasDrive() ? letter.get() : SxString();
+}
