@@ -1,6 +1,8 @@
 #include "Builders.h"
 #include "Failure.h"
 #include "NetLab.h"
+#include "SxClock.h"
+#include "SxMd5.h"
 #include "SxTime.h"
 #include "ZqRemoteImage.h"
 
@@ -120,5 +122,57 @@ TEST(RemoteImageTable, thatWasAbsentIsAskedForAgain) {
         EXPECT_TRUE(readOf(image, 3 * STRETCH, STRETCH) == zqf.substr(3 * STRETCH, STRETCH));
         EXPECT_TRUE(image.getFigures().isPacked);
         EXPECT_GT(nPacked, nBefore);
+    }
+}
+
+// As where files are replaced in place, or a cache still has slices of those before, under the old records.
+TEST(RemoteImageTable, thatIsKnownTellsOfAnotherVersionToTheEnd) {
+    TestRandom random;
+    const uint64 size = 8 * STRETCH + 678;
+    const std::string zqf = random.bytes(size), other = random.bytes(size);
+    const auto digestOf = [](const std::string& bytes) { return SxMd5::get(SxString(bytes)); };
+    for (const bool hasDigest : {true, false}) {
+        SCOPED_TRACE(hasDigest ? "the pack says of what it is" : "its table alone tells");
+        const auto pack = [&](const std::string& bytes) {
+            return PackedImage(bytes, true, hasDigest ? digestOf(bytes).str() : "").bytes();
+        };
+        const std::string packs[] = {pack(zqf), pack(other), PackedImage(zqf).bytes()};
+        std::atomic<int> version{0}, nLooks{0};
+        const ScriptedServer server([&](const std::string& request) {
+            const bool isOfPack = request.find("img.zqf.zst") != std::string::npos;
+            if (version == 1 && request.find("bytes=0-43\r") != std::string::npos) ++nLooks;
+            return ScriptedServer::ranged(request, isOfPack ? packs[version] : version == 1 ? other : zqf);
+        });
+        ZqRemoteImage image(SxPtr<ZqNetLink>::create(quickSettings()), SxString(server.url()), size, {},
+                            ZqRemoteImage::MAX_KEPT, hasDigest ? digestOf(zqf) : SxString());
+        EXPECT_TRUE(readOf(image, STRETCH, STRETCH) == zqf.substr(STRETCH, STRETCH));
+        ASSERT_TRUE(SxWait::pass(5000, [&] { return image.getFigures().isPacked; }));
+        version = 1;
+        // The pack is refused at its next look, and both forms of the other version are asked for behind it.
+        const auto reads = [&](uint64 idx) {
+            std::string got;
+            const std::string failure = failureOf([&] { got = readOf(image, idx * STRETCH, STRETCH); });
+            EXPECT_NE(failure, "") << idx;
+            return failure.empty();
+        };
+        uint64 idx = 0;
+        SxWait::pass(10'000, [&] { return reads(idx++ % 5 + 3) || nLooks > 0; });
+        EXPECT_GT(nLooks, 0);
+        for (const int64 endNs = SxClock::get().steadyNs() + 300'000'000;
+             SxClock::get().steadyNs() < endNs;) {
+            if (reads(idx++ % 5 + 3)) break;
+        }
+        std::string got;
+        const auto sink = [&](const char* bytes, int64 n) {
+            got.append(bytes, static_cast<size_t>(n));
+            return true;
+        };
+        EXPECT_NE(failureOf([&] { image.stream(STRETCH, sink); }), "");
+        EXPECT_TRUE(got == zqf.substr(STRETCH, got.size())) << "what is handed on is right";
+        // The same image, packed anew, is in use at once.
+        version = 2;
+        image.forgetServer();
+        EXPECT_TRUE(SxWait::pass(5000, [&] { return image.getFigures().isPacked; }));
+        EXPECT_TRUE(readOf(image, 5 * STRETCH, STRETCH) == zqf.substr(5 * STRETCH, STRETCH));
     }
 }

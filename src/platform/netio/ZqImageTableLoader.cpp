@@ -78,7 +78,7 @@ void ZqRemoteImage::TableLoader::load() {
     }
     const uint64 nTail = std::min(size, ZqSeekTable::maxTail(image->sizeZqf));
     const SxArray<char> tail = fetch(size - nTail, size);
-    image->setTable(
-        SxPtr<ZqSeekTable>::create(tail.data(), static_cast<uint64>(tail.getSize()), size, image->sizeZqf),
-        Packed::Offered);
+    const auto table =
+        SxPtr<ZqSeekTable>::create(tail.data(), static_cast<uint64>(tail.getSize()), size, image->sizeZqf);
+    if (!image->takeTable(table)) image->refusePacked();
 }

@@ -120,7 +120,11 @@ private:
     void checkRange(uint64 offset, uint64 size) const;
 
     void openTable();
-    void setTable(const SxPtr<ZqSeekTable>& table_, Packed state_);
+    /// A table has come, whose packed form is used from now on; of which image it may be was looked at. False
+    /// where it has other checksums than the one that is known, and is of something else: nothing changes.
+    bool takeTable(const SxPtr<ZqSeekTable>& table_);
+    /// What is known of the image stays, whatever becomes of its packed form.
+    void setState(Packed state_);
     /// The packed form is of no use, for now: all goes on with the plain one.
     void leavePacked(const SxException& why);
     /// The server says that there is no packed form.
@@ -142,6 +146,9 @@ private:
     void refusePacked();
     /// The table of the packed form that is in use; null where none is, or not yet.
     SxPtr<ZqSeekTable> getTable() const;
+    /// The table whose checksums the image's bytes have, in whichever form they come; null where none is
+    /// known.
+    SxPtr<ZqSeekTable> getKnownTable() const;
     Packed getState() const;
     /// Decodes a frame of the packed file and checks it; raises with the tag WRONG.
     Bytes decode(uint64 stretchIdx, const char* frame, uint64 n) const;
@@ -229,7 +236,7 @@ private:
     bool tableWaits SX_GUARDED_BY(mutex) = false;  ///< a request for it has failed
     SxException tableFailure SX_GUARDED_BY(mutex); ///< the last one of it, or of the packed form
     Packed state SX_GUARDED_BY(mutex) = Packed::Unknown;
-    SxPtr<ZqSeekTable> table SX_GUARDED_BY(mutex);     ///< also of a packed form that was left aside
+    SxPtr<ZqSeekTable> table SX_GUARDED_BY(mutex);     ///< also of a packed form that isn't used, or gone
     std::map<uint64, Bytes> kept SX_GUARDED_BY(mutex); ///< by stretch; null where the store alone has it
     uint64 nInMemory SX_GUARDED_BY(mutex) = 0;         ///< kept stretches that aren't null
     std::deque<uint64> unstored SX_GUARDED_BY(mutex);  ///< kept stretches that the store is to get

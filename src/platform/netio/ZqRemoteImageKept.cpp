@@ -49,7 +49,7 @@ ZqRemoteImage::Bytes ZqRemoteImage::decode(uint64 stretchIdx, const char* frame,
     } catch (const SxException& e) {
         throw wrong(e.toString(SxException::ShowMessage, ": "), __LINE__);
     }
-    const SxPtr<ZqSeekTable> known = getTable();
+    const SxPtr<ZqSeekTable> known = getKnownTable();
     if (known && known->hasChecksums() && known->getFrame(stretchIdx).checksum != checksum) {
         throw wrong("Its bytes aren't those of the seek table's checksum", __LINE__);
     }
@@ -68,7 +68,7 @@ bool ZqRemoteImage::isOfThisImage(const char* bytes, int64 n) const {
 void ZqRemoteImage::refusePacked() {
     zqLogMsg("NET",
              "'" + ZqUrlText::of(packed->getUrl()) + "' was packed of another img.zqf; it is left aside");
-    setTable(nullptr, Packed::Absent);
+    setState(Packed::Absent);
 }
 
 void ZqRemoteImage::notePackedAbsent(const SxException& why) {
@@ -76,7 +76,7 @@ void ZqRemoteImage::notePackedAbsent(const SxException& why) {
     if (why.hasTag(ZqNetLink::REFUSED)) {
         leavePacked(why);
     } else {
-        setTable(nullptr, Packed::Absent);
+        setState(Packed::Absent);
     }
 }
 

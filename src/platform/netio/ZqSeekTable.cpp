@@ -83,3 +83,11 @@ ZqSeekTable::ZqSeekTable(const char* tail, uint64 nTail, uint64 sizePacked, uint
               __LINE__);
     }
 }
+
+bool ZqSeekTable::hasSameChecksums(const ZqSeekTable& other) const {
+    if (!checksums || !other.checksums || getNFrames() != other.getNFrames()) return false;
+    for (uint64 frameIdx = 0; frameIdx < getNFrames(); ++frameIdx) {
+        if (getFrame(frameIdx).checksum != other.getFrame(frameIdx).checksum) return false;
+    }
+    return true;
+}

@@ -29,6 +29,8 @@ public:
     uint64 getNFrames() const noexcept { return static_cast<uint64>(frames.getSize()); }
     const Frame& getFrame(uint64 frameIdx) const { return frames(static_cast<int64>(frameIdx)); }
     bool hasChecksums() const noexcept { return checksums; }
+    /// Whether both have checksums, and these are of the same decoded bytes, however they were packed.
+    bool hasSameChecksums(const ZqSeekTable& other) const;
     /// The checksum of a frame that decodes to these bytes.
     static uint32 checksumOf(const char* bytes, int64 n) noexcept;
 

@@ -1,0 +1,103 @@
+#include "SxClock.h"
+#include "ZqImageAheadLoader.h"
+#include "ZqImageTableLoader.h"
+#include "ZqLog.h"
+#include "ZqRemoteImage.h"
+#include "ZqUrlText.h"
+
+// What is known of the packed form.
+
+void ZqRemoteImage::openTable() {
+    {
+        SxMutexBlock lock(&mutex);
+        if (tableBegun) return;
+        tableBegun = true;
+        tableBegunNs = SxClock::get().steadyNs();
+    }
+    try {
+        tableLoader->start();
+    } catch (const SxException&) {
+        SxMutexBlock lock(&mutex);
+        tableBegun = false;
+        throw;
+    }
+    try {
+        for (const auto& loader : aheadLoaders)
+            loader->start();
+    } catch (const SxException& e) {
+        // Nobody depends on them: who waits for what one of them should bring takes that himself.
+        zqLogMsg("NET", e.toString(SxException::ShowMessage, ": "));
+    }
+}
+
+bool ZqRemoteImage::takeTable(const SxPtr<ZqSeekTable>& table_) {
+    {
+        SxMutexBlock lock(&mutex);
+        // The checksums are of decoded bytes, so those of the image that was packed anew are the same.
+        if (table && table->hasChecksums() && !table_->hasSameChecksums(*table)) return false;
+        table = table_;
+        state = Packed::Offered;
+    }
+    changed.notify_all();
+    return true;
+}
+
+void ZqRemoteImage::setState(Packed state_) {
+    {
+        SxMutexBlock lock(&mutex);
+        state = state_;
+    }
+    changed.notify_all();
+}
+
+void ZqRemoteImage::leavePacked(const SxException& why) {
+    {
+        SxMutexBlock lock(&mutex);
+        if (state == Packed::Absent || state == Packed::Aside) return;
+        state = Packed::Aside;
+        tableFailure = why;
+    }
+    changed.notify_all();
+    zqLogMsg("NET", "'" + ZqUrlText::of(packed->getUrl()) +
+                        "' is left aside for now: " + why.toString(SxException::ShowMessage, ": "));
+}
+
+void ZqRemoteImage::noteTableWaits(const SxException& why) {
+    {
+        SxMutexBlock lock(&mutex);
+        tableWaits = true;
+        tableFailure = why;
+    }
+    changed.notify_all();
+}
+
+bool ZqRemoteImage::leavePackedFor(const SxException& e) {
+    for (const char* tag : {ZqNetLink::NOT_FOUND, ZqNetLink::REFUSED, ZqNetLink::WRONG, ZqNetLink::CHANGED}) {
+        if (!e.hasTag(tag)) continue;
+        leavePacked(e);
+        return true;
+    }
+    return false;
+}
+
+bool ZqRemoteImage::awaitAside(const ZqStopTest& stop) {
+    SxMutexBlock lock(&mutex);
+    while (state == Packed::Offered && !stop())
+        changed.wait(mutex);
+    return state != Packed::Aside;
+}
+
+SxPtr<ZqSeekTable> ZqRemoteImage::getTable() const {
+    SxMutexBlock lock(&mutex);
+    return state == Packed::Offered ? table : nullptr;
+}
+
+SxPtr<ZqSeekTable> ZqRemoteImage::getKnownTable() const {
+    SxMutexBlock lock(&mutex);
+    return table;
+}
+
+ZqRemoteImage::Packed ZqRemoteImage::getState() const {
+    SxMutexBlock lock(&mutex);
+    return state;
+}
