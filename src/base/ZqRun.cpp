@@ -179,7 +179,9 @@ bool ZqRun::adopt() {
     record.read(image);
     const SxProcessGroup group = SxProcessGroup::fromText(record.application);
     ZqDiskStatus disk;
-    if (!ZqVolume::findDisk(image, &disk)) {
+    bool isThere = false;
+    patiently([&] { isThere = ZqVolume::findDisk(image, &disk); });
+    if (!isThere) {
         if (!settings.isDriveOnly) refuseBeside(image, group);
         return false;
     }
@@ -191,7 +193,7 @@ bool ZqRun::adopt() {
     if (!disk.ready || (!settings.isDriveOnly && !group.isAlive())) {
         // Its run was killed. Nobody else can have it: this process holds the image.
         zqLogMsg("base", "ZqRun: the drive of '" + image + "' has no application any more");
-        takeDriveAway();
+        patiently([&] { takeDriveAway(); });
         if (!settings.isDriveOnly) refuseBeside(image, group);
         return false;
     }

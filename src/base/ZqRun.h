@@ -110,6 +110,7 @@ private:
     bool hasOwnTrace() const;
     /// Ends the recording where it has lasted long enough.
     void limitTrace();
+    /// Raises only where the service is silent, which ends it later.
     void endTrace() const;
     void awaitRoom();
     void feedDrive();

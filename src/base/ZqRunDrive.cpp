@@ -198,8 +198,12 @@ bool ZqRun::hasOwnTrace() const {
 
 void ZqRun::limitTrace() {
     if (traceEndNs == 0 || SxClock::get().steadyNs() < traceEndNs) return;
-    traceEndNs = 0;
-    endTrace();
+    try {
+        endTrace();
+        traceEndNs = 0;
+    } catch (const SxException&) {
+        // The service is silent, and is asked again with the next look.
+    }
 }
 
 void ZqRun::endTrace() const {
@@ -209,6 +213,7 @@ void ZqRun::endTrace() const {
         mounts.monitorOff(image);
         zqLogMsg("base", "ZqRun: the trace ends, the drive stays");
     } catch (const SxException& e) {
+        if (e.hasTag(ZqVolume::SILENT)) throw;
         // It only gets longer than it should.
         zqLogMsg("base", SxString("ZqRun: cannot end the trace: ") + e.what());
     }

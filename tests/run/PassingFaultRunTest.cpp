@@ -151,6 +151,32 @@ TEST_F(StreamRun, ASilentServiceEndsNothing) {
     EXPECT_FALSE(isMounted());
 }
 
+TEST_F(StreamRun, ASilentServiceIsTakenOverWithItsApplication) {
+    hold();
+    const auto first = start();
+    ASSERT_TRUE(SxWait::pass(LONG_MS, [&] { return hasPlayed(); })) << first->says();
+    ASSERT_TRUE(eventually([&] { return dir.read("got/stream.json").find("application") != string::npos; }));
+    const auto service = static_cast<pid_t>(statusOf(got).servicePid);
+    ASSERT_GT(service, 0);
+    first->signal(SIGKILL);
+    first->end();
+    ::kill(service, SIGSTOP);
+    ::setenv("TAVRIN_ANSWER_S", "1", 1);
+    const auto next = start({"--trace-seconds", "2"});
+    ::unsetenv("TAVRIN_ANSWER_S");
+    EXPECT_TRUE(says(*next, "waiting for the drive service")) << next->says();
+    ::kill(service, SIGCONT);
+    EXPECT_TRUE(says(*next, "running")) << next->says();
+    // In the time at which the trace is to end.
+    ::kill(service, SIGSTOP);
+    EXPECT_FALSE(SxWait::pass(4'000, [&] { return !next->isRunning(); })) << next->says();
+    ::kill(service, SIGCONT);
+    EXPECT_TRUE(SxWait::pass(LONG_MS, [&] { return !ZqMountMgr().isMonitored(SxString(got)); }));
+    release();
+    EXPECT_EQ(next->end(LONG_MS), 0) << next->says();
+    EXPECT_FALSE(isMounted());
+}
+
 TEST_F(StreamRun, NothingIsTakenFromAServerWhoseVersionIsUnknown) {
     for (const bool isOther : {false, true}) {
         SCOPED_TRACE(isOther ? "another version" : "the same version");
