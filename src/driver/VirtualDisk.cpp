@@ -24,6 +24,7 @@ VirtualDisk::VirtualDisk(const Config& config, Wake wake_)
     if (inPlace) requireComplete(cfg.cursor);
     zqf.open(cfg.folder.str() + "img.zqf", inPlace ? SxOs::Read | SxOs::Write | SxOs::NoFollow : SxOs::Read);
     zqfSize = zqf.getSize();
+    noteEnd(cfg.cursor);
     if (cfg.readOnly) return;
     if (cfg.writeLayer) {
         layer.create();
@@ -43,6 +44,14 @@ void VirtualDisk::requireComplete(uint64 present) const {
                       UNIT, __LINE__);
 }
 
+/// Once all blocks are there the file's size is the image's. It is taken ahead of the cursor, by which the
+/// last block is read.
+void VirtualDisk::noteEnd(uint64 present) {
+    SxStat info;
+    if (present < nIncluded() || endOfZqf.load() != 0) return;
+    if (SxOs::get().statFd(zqf.getFd(), &info) == 0) endOfZqf = static_cast<uint64>(info.size);
+}
+
 /// What ends a request before it begins, if anything.
 VirtualDisk::Verdict VirtualDisk::admit(uint64 offset, uint32 size, uint64 token, bool isWrite, bool retry,
                                         int* error) {
@@ -51,13 +60,23 @@ VirtualDisk::Verdict VirtualDisk::admit(uint64 offset, uint32 size, uint64 token
         return Result::Failed;
     }
     if (size == 0) return Result::Done;
-    if (!retry) arrived(offset, size, isWrite);
+    if (!retry) {
+        shortReads.settle(token);
+        arrived(offset, size, isWrite);
+    }
     if (!held.isRestricted()) return {};
     return resultOf(held.admit(token, isWrite), error);
 }
 
 VirtualDisk::Verdict VirtualDisk::hold(uint64 offset, uint32 size, uint64 token, bool isWrite, int* error) {
     return resultOf(held.hold(token, offset, size, isWrite), error);
+}
+
+VirtualDisk::Result VirtualDisk::holdShort(uint64 token, const Fault& fault, int* error) {
+    if (shortReads.hold(token)) return Result::Held;
+    fail(fault.text());
+    *error = EIO;
+    return Result::Failed;
 }
 
 VirtualDisk::Verdict VirtualDisk::resultOf(HeldRequests::Verdict verdict, int* error) {
@@ -89,11 +108,14 @@ void VirtualDisk::wakeAll(const HeldRequests::Tokens& tokens) const {
 }
 
 bool VirtualDisk::forget(uint64 token) {
-    return held.forget(token);
+    const bool wasShort = shortReads.forget(token);
+    return held.forget(token) || wasShort;
 }
 
 void VirtualDisk::setCursor(uint64 zqfIdx) {
     if (!cfg.readOnly && !cfg.writeLayer) requireComplete(zqfIdx);
+    noteEnd(zqfIdx);
+    if (zqfIdx > getCursor()) shortReads.revive();
     wakeAll(held.moveCursor(&cursor, zqfIdx));
     store.dropPassed();
 }
@@ -112,6 +134,7 @@ bool VirtualDisk::isSuspended() const {
 
 void VirtualDisk::setFailOnUnderflow() {
     wakeAll(held.failMissing());
+    wakeAll(shortReads.fail());
 }
 
 bool VirtualDisk::isUnderflow() const {
@@ -168,17 +191,19 @@ void VirtualDisk::monitorOff() {
 
 void VirtualDisk::tick() {
     trace.flush();
+    wakeAll(shortReads.release());
 }
 
 int VirtualDisk::close() {
     wakeAll(held.close());
+    wakeAll(shortReads.fail());
     const int error = cfg.readOnly ? 0 : sync();
     trace.stop();
     return error;
 }
 
 uint64 VirtualDisk::nHeld() const {
-    return held.nHeld();
+    return held.nHeld() + shortReads.nHeld();
 }
 
 void VirtualDisk::fail(const SxString& text) {

@@ -4,6 +4,7 @@
 #include "HeldRequests.h"
 #include "LookAhead.h"
 #include "ReadPlan.h"
+#include "ShortReads.h"
 #include "TraceRecorder.h"
 #include "UnderflowStore.h"
 #include "WriteLayer.h"
@@ -15,6 +16,9 @@
 /// One disk of the drive service: serves the RAW order of an image from its stored blocks, those that are
 /// there already, those that were delivered on demand, and the write layer. It knows nothing of how it is
 /// shown to the kernel.
+///
+/// A request for which `img.zqf` comes short below the cursor is held, too, and tried again for some seconds
+/// before it fails: the size by which the cursor was moved may be ahead of what reads give.
 ///
 /// All operations are safe from any thread. Reads and writes never wait for a missing block or for a resume:
 /// the request is held by its token, without a thread, and its owner is woken to try again.
@@ -99,7 +103,8 @@ public:
     /// held meanwhile. Raises where it can't, also on a read-only disk and where the image was replaced.
     void flushLayer();
 
-    /// To be called every 100 to 500 ms: writes what the trace has gathered.
+    /// To be called every 100 to 500 ms: writes what the trace has gathered, and has requests tried again for
+    /// which `img.zqf` came short.
     void tick();
     /// Ends all: writes the layer's and the trace's rest; held requests are woken and fail, as does every
     /// later one. Gives 0 or the errno value of what could not be written.
@@ -124,41 +129,52 @@ public:
     SxString getNotice() const { return layer.getNotice(); }
 
 private:
-    enum class Outcome { Done, Missing, Failed };
+    enum class Outcome { Done, Missing, Short, Failed };
     /// Why a read failed.
     struct Fault {
         static constexpr int SHORT = -1; ///< the file ends too early
         int error = 0;                   ///< errno value
         const char* file = "";
-        uint64 at = 0;       ///< byte offset in the file
-        bool isCold = false; ///< without a fault: not all was in the cache
+        uint64 at = 0;          ///< byte offset in the file
+        bool isCold = false;    ///< without a fault: not all was in the cache
+        bool isGrowing = false; ///< the file is one that may still grow
 
         SxString text() const;
+    };
+    /// Why a write can't be done now.
+    struct Obstacle {
+        bool isMissing = false; ///< a block
+        Fault shortage;         ///< or `img.zqf` came short
+
+        bool isAny() const { return isMissing || shortage.error != 0; }
     };
     using Verdict = std::optional<Result>; ///< none: go on
 
     Verdict admit(uint64 offset, uint32 size, uint64 token, bool isWrite, bool retry, int* error);
     Verdict hold(uint64 offset, uint32 size, uint64 token, bool isWrite, int* error);
     static Verdict resultOf(HeldRequests::Verdict verdict, int* error);
+    /// Holds a request for which `img.zqf` came short, or notes why it fails.
+    Result holdShort(uint64 token, const Fault& fault, int* error);
     void arrived(uint64 offset, uint32 size, bool isWrite);
     void requireComplete(uint64 present) const;
+    void noteEnd(uint64 present);
     bool isMissing(ZqfIdx zqfIdx) const { return zqfIdx.value >= cursor.load() && !store.has(zqfIdx); }
     void findMissing(const HeldRequest& request, std::vector<ZqfIdx>* missing) const;
     void wakeAll(const HeldRequests::Tokens& tokens) const;
     void fail(const SxString& text);
 
     uint64 nChanges() const { return store.nDrops() + layer.nMoves(); }
-    Outcome readPresent(uint64 offset, uint32 size, char* to);
+    Outcome readPresent(uint64 offset, uint32 size, char* to, Fault* shortage);
     bool planRead(uint64 offset, uint32 size, char* to, uint64 present, ReadPlan* plan) const;
     Fault carryOut(const ReadPlan& plan);
     int64 readRun(int fd, const ReadPlan::Run& run, const ReadPlan::Run* end, bool* isAnnounced) const;
     void announce(const ReadPlan::Run* run, const ReadPlan::Run* end) const;
     void announceAhead(LookAhead::Range range, uint64 present) const;
-    bool isInLastBlock(uint64 from) const;
+    bool isAtEnd(uint64 from) const;
 
     bool isEdgeMissing(uint64 offset, uint32 size) const;
-    int writeNow(uint64 offset, uint32 size, const char* buffer, bool* isMissing);
-    int writePart(RawIdx rawIdx, uint64 from, uint64 n, const char* data, bool* isMissing);
+    int writeNow(uint64 offset, uint32 size, const char* buffer, Obstacle* obstacle);
+    int writePart(RawIdx rawIdx, uint64 from, uint64 n, const char* data, Obstacle* obstacle);
     int writeBlocks(RawIdx first, uint64 n, const char* data);
     int discardBlocks(RawIdx first, uint64 n);
     int discardInLayer(RawIdx first, uint64 n);
@@ -175,10 +191,12 @@ private:
     std::atomic<uint64> cursor;
     BlockMap map;
     DriveFile zqf;
-    uint64 zqfSize = 0; ///< bytes of `img.zqf` at the start, where it is written in place
+    uint64 zqfSize = 0;              ///< bytes of `img.zqf` at the start, where it is written in place
+    std::atomic<uint64> endOfZqf{0}; ///< bytes of the whole `img.zqf`; 0 while some is missing
     UnderflowStore store;
     WriteLayer layer;
     HeldRequests held;
+    ShortReads shortReads;
     TraceRecorder trace;
     LookAhead lookAhead;
 

@@ -9,10 +9,15 @@ VirtualDisk::Result VirtualDisk::read(uint64 offset, uint32 size, char* buffer, 
                                       int* error) {
     if (const auto verdict = admit(offset, size, token, false, retry, error)) return *verdict;
     for (;;) {
-        switch (readPresent(offset, size, buffer)) {
+        Fault shortage;
+        switch (readPresent(offset, size, buffer, &shortage)) {
         case Outcome::Done:
+            shortReads.settle(token);
             return Result::Done;
+        case Outcome::Short:
+            return holdShort(token, shortage, error);
         case Outcome::Failed:
+            shortReads.settle(token);
             *error = EIO;
             return Result::Failed;
         case Outcome::Missing:
@@ -21,8 +26,9 @@ VirtualDisk::Result VirtualDisk::read(uint64 offset, uint32 size, char* buffer, 
     }
 }
 
-/// Reads as if at one moment: where blocks went elsewhere meanwhile it plans and reads once more.
-VirtualDisk::Outcome VirtualDisk::readPresent(uint64 offset, uint32 size, char* to) {
+/// Reads as if at one moment: where blocks went elsewhere meanwhile it plans and reads once more. Where
+/// `img.zqf` comes short, `*shortage` says where.
+VirtualDisk::Outcome VirtualDisk::readPresent(uint64 offset, uint32 size, char* to, Fault* shortage) {
     ReadPlan plan;
     for (;;) {
         const uint64 changes = nChanges(), present = cursor.load();
@@ -36,6 +42,10 @@ VirtualDisk::Outcome VirtualDisk::readPresent(uint64 offset, uint32 size, char* 
         }
         // A file that comes short may have been cut behind a lowered cursor.
         if (isStale || present != cursor.load()) continue;
+        if (fault.error == Fault::SHORT && fault.isGrowing) {
+            *shortage = fault;
+            return Outcome::Short;
+        }
         fail(fault.text());
         return Outcome::Failed;
     }
@@ -80,12 +90,12 @@ VirtualDisk::Fault VirtualDisk::carryOut(const ReadPlan& plan) {
         } else {
             const int fd = run.kind == ReadPlan::Stored ? zqf.getFd() : layer.getFd();
             const int64 got = readRun(fd, run, plan.end(), &isAnnounced);
-            const auto file = run.kind == ReadPlan::Stored ? "img.zqf" : "img.tmp";
+            const bool isStored = run.kind == ReadPlan::Stored;
+            const auto file = isStored ? "img.zqf" : "img.tmp";
             if (got < 0) return {static_cast<int>(-got), file, run.from};
-            if (got < run.size &&
-                !(run.kind == ReadPlan::Stored && isInLastBlock(run.from + static_cast<uint64>(got)))) {
-                return {Fault::SHORT, file, run.from + static_cast<uint64>(got)};
-            }
+            const uint64 end = run.from + static_cast<uint64>(got);
+            if (got < run.size && !(isStored && isAtEnd(end)))
+                return {Fault::SHORT, file, end, false, isStored};
             std::memset(run.to + got, 0, run.size - static_cast<uint64>(got));
         }
     }
@@ -138,12 +148,15 @@ void VirtualDisk::announceAhead(LookAhead::Range range, uint64 present) const {
         SxOs::get().adviseSoon(zqf.getFd(), static_cast<int64>(from), static_cast<int64>(to - from));
 }
 
-/// Whether `img.zqf` has a short last block and `from` lies in it: what it lacks there are zeros.
-bool VirtualDisk::isInLastBlock(uint64 from) const {
+/// Whether `from` lies in the last block of `img.zqf`, at the image's end or behind it: what a short last
+/// block lacks are zeros. A file that merely reads so, since it grows, or was cut, has more by its size now
+/// or by that which it had when the last block came.
+bool VirtualDisk::isAtEnd(uint64 from) const {
     const ZqfIdx last{nIncluded() - 1};
+    const uint64 end = endOfZqf.load();
     SxStat info;
-    return from >= static_cast<uint64>(last.byte()) && SxOs::get().statFd(zqf.getFd(), &info) == 0 &&
-           info.size > last.byte();
+    return end > static_cast<uint64>(last.byte()) && from >= end &&
+           SxOs::get().statFd(zqf.getFd(), &info) == 0 && from >= static_cast<uint64>(info.size);
 }
 
 SxString VirtualDisk::Fault::text() const {

@@ -24,10 +24,13 @@ VirtualDisk::Result VirtualDisk::write(uint64 offset, uint32 size, const char* b
     if (const auto verdict = admit(offset, size, token, true, retry, error)) return *verdict;
     for (;;) {
         // Looked at first, so that a held write has done nothing yet.
-        bool isMissing = isEdgeMissing(offset, size);
-        *error = isMissing ? 0 : writeNow(offset, size, buffer, &isMissing);
+        Obstacle obstacle;
+        obstacle.isMissing = isEdgeMissing(offset, size);
+        *error = obstacle.isMissing ? 0 : writeNow(offset, size, buffer, &obstacle);
+        if (obstacle.shortage.error != 0) return holdShort(token, obstacle.shortage, error);
+        if (*error || !obstacle.isMissing) shortReads.settle(token);
         if (*error) return Result::Failed;
-        if (!isMissing) return Result::Done;
+        if (!obstacle.isMissing) return Result::Done;
         if (const auto verdict = hold(offset, size, token, true, error)) return *verdict;
     }
 }
@@ -42,8 +45,8 @@ bool VirtualDisk::isEdgeMissing(uint64 offset, uint32 size) const {
     return false;
 }
 
-/// Gives 0 or an errno value. Where a block is missing of which a part is written, only some of it is done.
-int VirtualDisk::writeNow(uint64 offset, uint32 size, const char* buffer, bool* isMissing) {
+/// Gives 0 or an errno value. Where a block can't be had of which a part is written, only some of it is done.
+int VirtualDisk::writeNow(uint64 offset, uint32 size, const char* buffer, Obstacle* obstacle) {
     const uint64 end = offset + size;
     for (uint64 at = offset; at < end;) {
         const RawIdx rawIdx{at / BLOCK_SIZE};
@@ -53,8 +56,8 @@ int VirtualDisk::writeNow(uint64 offset, uint32 size, const char* buffer, bool* 
             isWhole ? (end - at) / BLOCK_SIZE * BLOCK_SIZE : std::min(end - at, BLOCK_SIZE - inBlock);
         const char* from = buffer + (at - offset);
         const int error = isWhole ? writeBlocks(rawIdx, n / BLOCK_SIZE, from)
-                                  : writePart(rawIdx, inBlock, n, from, isMissing);
-        if (error || *isMissing) return error;
+                                  : writePart(rawIdx, inBlock, n, from, obstacle);
+        if (error || obstacle->isAny()) return error;
         at += n;
     }
     return 0;
@@ -69,15 +72,16 @@ bool VirtualDisk::isPartWritten(RawIdx rawIdx, uint64 offset, uint64 size) const
     return offset > begin || offset + size < begin + validBytes(rawIdx);
 }
 
-int VirtualDisk::writePart(RawIdx rawIdx, uint64 from, uint64 n, const char* data, bool* isMissing) {
+int VirtualDisk::writePart(RawIdx rawIdx, uint64 from, uint64 n, const char* data, Obstacle* obstacle) {
     const SxMutexBlock turn(&partialWrites);
     char block[BLOCK_SIZE] = {};
     const uint64 begin = rawIdx.value * BLOCK_SIZE;
     if (isPartWritten(rawIdx, begin + from, n)) {
-        const Outcome outcome = readPresent(begin, static_cast<uint32>(validBytes(rawIdx)), block);
+        const Outcome outcome =
+            readPresent(begin, static_cast<uint32>(validBytes(rawIdx)), block, &obstacle->shortage);
         if (outcome == Outcome::Failed) return EIO;
-        *isMissing = outcome == Outcome::Missing;
-        if (*isMissing) return 0;
+        obstacle->isMissing = outcome == Outcome::Missing;
+        if (obstacle->isAny()) return 0;
     }
     std::memcpy(block + from, data, n);
     return writeBlocks(rawIdx, 1, block);

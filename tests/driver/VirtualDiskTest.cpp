@@ -151,14 +151,106 @@ TEST(VirtualDisk, HeldReadsFailWhenTheyAreToAndAtTheEnd) {
     EXPECT_EQ(drive.error, EIO);
 }
 
-TEST(VirtualDisk, AFileThatIsShorterThanItsCursorIsAnError) {
+TEST(VirtualDisk, AReadThatComesShortBelowTheCursorIsTriedAgainForAWhile) {
+    VirtualClock clock;
     const OrderedImage image;
-    Drive drive(image, Mode::Ro, 32);
-    std::filesystem::resize_file(image.path("img.zqf"), 8 * BLOCK_SIZE + 1);
+    FaultOs os(image.dir.path("watched"));
+    Drive drive(image, Mode::Ro, 20);
+    os.setReadEnd("img.zqf", 8 * BLOCK_SIZE + 1);
     EXPECT_EQ(drive.read(4, 4, 1), Result::Done);
-    EXPECT_EQ(drive.read(4, 5, 2), Result::Failed);
+    ASSERT_EQ(drive.read(4, 5, 2), Result::Held);
+    ASSERT_EQ(drive.read(9, 1, 3), Result::Held);
+    EXPECT_EQ(drive.disk.nHeld(), 2U);
+    EXPECT_FALSE(drive.disk.isUnderflow()) << "nobody else can bring these blocks";
+    EXPECT_EQ(drive.disk.queueLength(), 0U);
+    EXPECT_THAT(drive.woken, IsEmpty());
+
+    // The write goes on, slowly.
+    for (int64 n = 1; n <= 30; ++n) {
+        SxClock::get().sleepNs(300'000'000);
+        drive.disk.tick();
+        ASSERT_THAT(drive.woken, ElementsAre(2, 3));
+        drive.woken.clear();
+        ASSERT_EQ(drive.read(4, 5, 2, true), Result::Held);
+        ASSERT_EQ(drive.read(9, 1, 3, true), Result::Held);
+    }
+    EXPECT_EQ(drive.disk.getFailure(), "");
+    os.setReadEnd("img.zqf", 9 * BLOCK_SIZE);
+    drive.disk.tick();
+    ASSERT_EQ(drive.read(4, 5, 2, true), Result::Done);
+    EXPECT_EQ(drive.buffer, image.image.raw.substr(4 * BLOCK_SIZE, 5 * BLOCK_SIZE));
+    ASSERT_EQ(drive.read(9, 1, 3, true), Result::Held);
+
+    // A request of the same address, whose time begins anew; the other one has had its own.
+    ASSERT_EQ(drive.read(10, 1, 2), Result::Held);
+    SxClock::get().sleepNs(1'100'000'000);
+    drive.disk.tick();
+    ASSERT_EQ(drive.read(10, 1, 2, true), Result::Held);
+    EXPECT_EQ(drive.read(9, 1, 3, true), Result::Failed);
     EXPECT_EQ(drive.error, EIO);
     EXPECT_THAT(drive.disk.getFailure().str(), AllOf(HasSubstr("img.zqf"), HasSubstr("ends")));
+    EXPECT_EQ(drive.read(11, 1, 4), Result::Failed) << "a file that was cut isn't waited for by each read";
+    drive.disk.setCursor(21);
+    EXPECT_EQ(drive.read(11, 1, 4), Result::Held) << "it grows";
+    EXPECT_TRUE(drive.disk.forget(4));
+    drive.woken.clear();
+    ASSERT_EQ(drive.read(12, 1, 5), Result::Held);
+    drive.disk.setFailOnUnderflow();
+    EXPECT_THAT(drive.woken, testing::Contains(5));
+    EXPECT_EQ(drive.read(12, 1, 5, true), Result::Failed) << "at once, as where blocks are missing";
+}
+
+TEST(VirtualDisk, AWriteOfAPartIsHeldWhereItsBlockComesShort) {
+    const OrderedImage image;
+    FaultOs os(image.dir.path("watched"));
+    Drive drive(image, Mode::Rtw, 20);
+    os.setReadEnd("img.zqf", 8 * BLOCK_SIZE + 1);
+    const std::string data(BLOCK_SIZE, 'x');
+    const uint64 offset = 8 * BLOCK_SIZE + 100;
+    ASSERT_EQ(drive.disk.write(offset, BLOCK_SIZE, data.data(), 1, false, &drive.error), Result::Held);
+    drive.disk.tick();
+    ASSERT_THAT(drive.woken, ElementsAre(1));
+    os.setReadEnd("", -1);
+    ASSERT_EQ(drive.disk.write(offset, BLOCK_SIZE, data.data(), 1, true, &drive.error), Result::Done);
+    ASSERT_EQ(drive.read(8, 2, 2), Result::Done);
+    std::string expected = image.image.raw.substr(8 * BLOCK_SIZE, 2 * BLOCK_SIZE);
+    expected.replace(100, BLOCK_SIZE, data);
+    EXPECT_EQ(drive.buffer, expected);
+}
+
+TEST(VirtualDisk, OnlyWhatTheImageLacksOfItsLastBlockIsZeros) {
+    struct Case {
+        const char* name;
+        uint64 cursor;  ///< at the start; all is there after it
+        int64 cutBytes; ///< of the file, once it was whole; 0 for none
+        int64 hidden;   ///< bytes at the end that reads don't give yet
+        Result expected;
+    };
+    constexpr int64 LAST = 1000; // bytes of the last block
+    for (const Case& test :
+         {Case{"whole from the start", 32, 0, 0, Result::Done}, Case{"whole later", 20, 0, 0, Result::Done},
+          Case{"still written", 32, 0, 1, Result::Held}, Case{"none of it there", 20, 0, LAST, Result::Held},
+          Case{"cut inside", 32, 600, 0, Result::Held}, Case{"cut ahead of it", 20, LAST, 0, Result::Held}}) {
+        SCOPED_TRACE(test.name);
+        const OrderedImage image;
+        const int64 size = 31 * 4096 + LAST;
+        std::filesystem::resize_file(image.path("img.zqf"), size);
+        FaultOs os(image.dir.path("watched"));
+        Drive drive(image, Mode::Ro, test.cursor);
+        drive.disk.setCursor(32);
+        std::filesystem::resize_file(image.path("img.zqf"), size - test.cutBytes);
+        os.setReadEnd("img.zqf", size - test.hidden);
+        ASSERT_EQ(drive.read(30, 2, 1), test.expected);
+        // What no image has there, whatever became of the file.
+        char rest[512];
+        int error = 0;
+        EXPECT_EQ(drive.disk.read(31 * BLOCK_SIZE + 2048, sizeof rest, rest, 2, false, &error), Result::Done);
+        EXPECT_EQ(std::string(rest, sizeof rest), std::string(sizeof rest, '\0'));
+        if (test.expected != Result::Done) continue;
+        EXPECT_EQ(drive.buffer.substr(0, BLOCK_SIZE + LAST),
+                  image.image.raw.substr(30 * BLOCK_SIZE, BLOCK_SIZE + LAST));
+        EXPECT_EQ(drive.buffer.find_first_not_of('\0', BLOCK_SIZE + LAST), std::string::npos);
+    }
 }
 
 TEST(VirtualDisk, TheTraceHasEachBlockOfEachRequestOnce) {

@@ -49,6 +49,19 @@ void FaultOs::setFreeSpaceAnswer(int64 bytes) {
     freeSpaceAnswer = bytes;
 }
 
+void FaultOs::setReadEnd(const std::string& pathPart, int64 end) {
+    const std::lock_guard lock(mutex);
+    readEnd.reset();
+    if (end >= 0) readEnd.emplace(pathPart, end);
+}
+
+int64 FaultOs::readable(int fd, int64 n, int64 offset) const {
+    const std::string path = pathOf(fd);
+    const std::lock_guard lock(mutex);
+    if (!readEnd || path.empty() || path.find(readEnd->first) == std::string::npos) return n;
+    return std::clamp<int64>(readEnd->second - offset, 0, n);
+}
+
 int64 FaultOs::getNSteps() const {
     const std::lock_guard lock(mutex);
     return nSteps;

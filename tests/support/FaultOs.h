@@ -65,6 +65,11 @@ public:
     /// What freeSpace() says, whatever is left.
     void setFreeSpaceAnswer(int64 bytes);
 
+    /// Reads of files whose path contains `pathPart` give nothing behind byte `end`, whatever size is told:
+    /// so a file system does whose daemon has taken a part of a write already. A negative `end` takes that
+    /// back.
+    void setReadEnd(const std::string& pathPart, int64 end);
+
     /// Number of durable steps so far: sync, syncFs, syncDir, rename, unlink, truncate, makeDir, removeDir.
     int64 getNSteps() const;
     void setHook(Hook hook);
@@ -79,11 +84,11 @@ public:
     int close(int fd) override;
     int64 readAt(int fd, void* buffer, int64 n, int64 offset) override {
         const int error = strike(Op::Read, fd);
-        return error ? error : machine.readAt(fd, buffer, n, offset);
+        return error ? error : machine.readAt(fd, buffer, readable(fd, n, offset), offset);
     }
     int64 readCachedAt(int fd, void* buffer, int64 n, int64 offset) override {
         const int error = strike(Op::Read, fd);
-        return error ? error : machine.readCachedAt(fd, buffer, n, offset);
+        return error ? error : machine.readCachedAt(fd, buffer, readable(fd, n, offset), offset);
     }
     int64 writeAt(int fd, const void* buffer, int64 n, int64 offset) override;
     int truncate(int fd, int64 size) override;
@@ -187,6 +192,8 @@ private:
     int changeName(Op op, const std::string& path, const std::function<int()>& change);
     int openWatched(const std::string& path, unsigned flags, unsigned permissions);
     int64 fitting(int fd, int64 n, int64 offset);
+    /// What may be read of `n` bytes.
+    int64 readable(int fd, int64 n, int64 offset) const;
 
     SxOs& machine;
     const std::string folder;
@@ -195,6 +202,7 @@ private:
     PendingChanges pending;
     std::map<int, OpenFile> openFiles;
     std::optional<Fault> fault;
+    std::optional<std::pair<std::string, int64>> readEnd;
     std::optional<int64> diskLeft, freeSpaceAnswer, cutStep;
     bool cut = false;
     int64 nSteps = 0, nCrashes = 0;
