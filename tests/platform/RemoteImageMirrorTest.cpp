@@ -94,8 +94,10 @@ TEST(RemoteImageMirrors, giveStretchesTogetherWhereATableChecksThem) {
 TEST(RemoteImageTable, thatWasAbsentIsAskedForAgain) {
     TestRandom random;
     const std::string zqf = random.bytes(5 * STRETCH), packed = PackedImage(zqf).bytes();
-    for (const bool isPlainThere : {false, true}) {
-        SCOPED_TRACE(isPlainThere);
+    enum { Forgotten, AskedFor, LeftAlone };
+    for (const auto what : {Forgotten, AskedFor, LeftAlone}) {
+        SCOPED_TRACE(what);
+        const bool isPlainThere = what != Forgotten;
         std::atomic<bool> isThere{false};
         std::atomic<int> nPacked{0};
         const ScriptedServer server([&](const std::string& request) {
@@ -112,11 +114,11 @@ TEST(RemoteImageTable, thatWasAbsentIsAskedForAgain) {
         EXPECT_FALSE(image.awaitTable());
         const int nBefore = nPacked;
         isThere = true;
-        if (isPlainThere) {
+        if (what == AskedFor) {
             // Whoever has to mend the image asks for it.
             EXPECT_TRUE(image.awaitTable());
         } else {
-            image.forgetServer();
+            if (what == Forgotten) image.forgetServer();
             EXPECT_TRUE(SxWait::pass(5000, [&] { return image.getFigures().isPacked; }));
         }
         EXPECT_TRUE(readOf(image, 3 * STRETCH, STRETCH) == zqf.substr(3 * STRETCH, STRETCH));

@@ -18,8 +18,10 @@ void ZqRemoteImage::TableLoader::main() {
     for (;;) {
         const bool isDone = tryLoad();
         if (image->getState() == Packed::Absent) {
-            if (!image->awaitOtherThanAbsent([this] { return stopping.load(); })) return;
-            pauseMs = firstMs;
+            // The plain form goes on meanwhile, as if it never came.
+            if (!image->awaitOtherThanAbsent(pauseMs, [this] { return stopping.load(); })) return;
+            const bool isStill = image->getState() == Packed::Absent;
+            pauseMs = isStill ? std::min(2 * pauseMs, MOST_PAUSES * firstMs) : firstMs;
             continue;
         }
         if (isDone) return;
@@ -65,7 +67,8 @@ SxArray<char> ZqRemoteImage::TableLoader::fetch(uint64 first, uint64 end) {
 
 void ZqRemoteImage::TableLoader::load() {
     // It may be another file than the one that was left aside.
-    if (image->getState() == Packed::Aside) image->packed->getFacts()->forget();
+    const Packed before = image->getState();
+    if (before == Packed::Aside || before == Packed::Absent) image->packed->getFacts()->forget();
     const SxArray<char> front = fetch(0, ZqPackedForm::ORIGIN_SIZE);
     if (!image->isOfThisImage(front.data(), front.getSize())) {
         image->refusePacked();

@@ -137,8 +137,8 @@ private:
     bool awaitAside(const ZqStopTest& stop);
     /// A packed form that the server hadn't got may be there by now: its table is asked for again.
     void forgetAbsence();
-    /// Waits until forgetAbsence(), or `stop` says so: false.
-    bool awaitOtherThanAbsent(const ZqStopTest& stop);
+    /// Waits until forgetAbsence(), at most `ms`. False where `stop` says so.
+    bool awaitOtherThanAbsent(int64 ms, const ZqStopTest& stop);
     /// Whether the packed form that begins with these bytes is that of this image; one that doesn't say so
     /// counts as it.
     bool isOfThisImage(const char* bytes, int64 n) const;

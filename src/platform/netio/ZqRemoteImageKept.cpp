@@ -91,11 +91,15 @@ void ZqRemoteImage::forgetAbsence() {
     changed.notify_all();
 }
 
-bool ZqRemoteImage::awaitOtherThanAbsent(const ZqStopTest& stop) {
+bool ZqRemoteImage::awaitOtherThanAbsent(int64 ms, const ZqStopTest& stop) {
+    const int64 endNs = SxClock::get().steadyNs() + ms * 1'000'000;
     SxMutexBlock lock(&mutex);
-    while (state == Packed::Absent && !stop())
-        changed.wait(mutex);
-    return state != Packed::Absent;
+    while (state == Packed::Absent && !stop()) {
+        const int64 leftNs = endNs - SxClock::get().steadyNs();
+        if (leftNs <= 0) break;
+        changed.wait_for(mutex, std::chrono::nanoseconds(leftNs));
+    }
+    return !stop();
 }
 
 bool ZqRemoteImage::canCheck(const SxPtr<ZqSeekTable>& ofFrames) const {
