@@ -221,6 +221,43 @@ TEST(BusyServer, getsFewRequestsBeyondItsLimit) {
     EXPECT_GE(nTaken, 10);
 }
 
+// As a balancer answers for the one of its servers that is gone, and as a server does that is asked too much.
+TEST(BusyServer, thatMayBeOneOfManyIsAskedOnceMoreAtOnce) {
+    TestRandom random;
+    const std::string file = random.bytes(100'000);
+    const struct {
+        const char* name;
+        std::string refusal;
+        int nEach; ///< refused ones of each `nAll` requests, the first ones
+        int nAll;
+        bool holdsBack; ///< whether the link leaves the server alone for a while
+    } cases[] = {
+        {"every second", refusal(503), 1, 2, false},
+        {"two in a row", refusal(503), 2, 3, true},
+        {"with a time", refusal(503, "Retry-After: 1\r\n"), 1, 2, true},
+        {"too many", refusal(429), 1, 2, true},
+    };
+    for (const auto& each : cases) {
+        SCOPED_TRACE(each.name);
+        std::atomic<int> nth{0};
+        const ScriptedServer server([&](const std::string& request) {
+            return nth++ % each.nAll < each.nEach ? each.refusal : answer(request, file);
+        });
+        ZqNetSettings settings;
+        settings.firstBackOffMs = 1'000;
+        const auto link = SxPtr<ZqNetLink>::create(settings);
+        ZqRemoteFile remote(link, SxString(server.url("f")));
+        const int64 beginMs = nowMs();
+        std::string buffer(1000, '\0');
+        for (uint64 i = 0; i < (each.holdsBack ? 1 : 10); ++i) {
+            remote.read(i * 1000, 1000, buffer.data());
+            EXPECT_TRUE(buffer == file.substr(i * 1000, 1000));
+        }
+        EXPECT_EQ(link->getRefusedNs() != 0, each.holdsBack);
+        EXPECT_EQ(nowMs() - beginMs >= 900, each.holdsBack) << nowMs() - beginMs << " ms";
+    }
+}
+
 TEST(BusyServer, isLeftAloneByAllAsLongAsItAsks) {
     const std::string file(1000, 'x');
     std::atomic<int64> refusedMs{0}, againMs{0};

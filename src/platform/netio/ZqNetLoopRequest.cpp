@@ -179,8 +179,15 @@ void ZqNetLoop::Engine::noteVersion(Active* active) {
 void ZqNetLoop::Engine::noteStatus(Active* active) {
     const ZqTransfer::Response& response = active->response;
     const int64 now = nowNs();
-    if (response.status == 429 || response.status == 503) {
-        const int64 askedMs = response.retryAfterMs(SxClock::get().systemMs());
+    const int64 askedMs = response.retryAfterMs(SxClock::get().systemMs());
+    // As a balancer says for the one of its servers that is gone. The others have nothing against the link.
+    const bool mayBeOneOfMany = response.status == 503 && askedMs < 0 && active->failed &&
+                                active->kind() == ZqTransfer::Kind::OnDemand &&
+                                !active->transfer->getRequest().isRepeated;
+    if (mayBeOneOfMany) {
+        active->failure = SxException(active->failure, "Another server may answer", UNIT, __LINE__)
+                              .tagged(ZqTransfer::AT_ONCE);
+    } else if (response.status == 429 || response.status == 503) {
         const bool isOrdered = active->kind() == ZqTransfer::Kind::Ordered;
         gate.refused(active->begunNs, askedMs, countUnderWay() - (isOrdered ? 0 : 1), now);
         refusedNs.store(now);

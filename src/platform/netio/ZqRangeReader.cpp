@@ -46,6 +46,7 @@ ZqTransfer::Request ZqRangeReader::makeRequest() const {
     request.url = address.url;
     request.headers = address.headers;
     request.fresh = fresh;
+    request.isRepeated = isRepeated;
     if (fresh) request.headers.append("Cache-Control: no-cache");
     // The whole file is asked for without a range, which every server and every cache knows.
     if (pos > 0 || end != UNKNOWN) {
@@ -201,6 +202,10 @@ void ZqRangeReader::recover(const SxException& e, const SxString& asked, const Z
     const bool isSilent = e.hasTag(ZqNetLink::UNREACHABLE) || e.hasTag(ZqNetLink::BROKEN);
     // The first address may lead elsewhere by now.
     if (isSilent) facts->leave(asked);
+    if (e.hasTag(ZqTransfer::AT_ONCE)) {
+        isRepeated = true;
+        return;
+    }
     if (!e.hasTag(ZqFileFacts::DOUBTFUL)) {
         retry.failed(e, stop);
         return;
@@ -217,6 +222,7 @@ void ZqRangeReader::noteProgress(bool isMore) {
     if (pos <= furthest && isMore) return;
     furthest = std::max(furthest, pos);
     nElsewhere = 0;
+    isRepeated = false;
     retry.progress();
 }
 

@@ -69,6 +69,7 @@ private:
     ZqTransfer::Kind kind SX_GUARDED_BY(transferMutex);
     int64 hastenedNs SX_GUARDED_BY(transferMutex) = 0; ///< since when somebody waits, if not from the begin
     uint64 pos = 0, end = 0;
+    bool isRepeated = false; ///< the last request has failed AT_ONCE
     bool fresh = false, isChecked = false;
     SxArray<char> rest; ///< a piece of which read() has given the first `nGiven` bytes
     int64 nGiven = 0;

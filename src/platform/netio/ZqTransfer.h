@@ -48,13 +48,17 @@ public:
         bool isMore = false;
     };
 
+    /// Tag of a failure: the request may be made again at once, and that another server answers then.
+    static constexpr const char* AT_ONCE = "AtOnce";
+
     struct Request {
         Kind kind = Kind::Small;
         SxString url;
         SxArray<SxString> headers;
         SxString range; ///< as in "0-99"; empty for the whole file
         int64 maxBuffered = 0;
-        bool fresh = false; ///< over a connection of its own, not one that has brought something wrong
+        bool fresh = false;      ///< over a connection of its own, not one that has brought something wrong
+        bool isRepeated = false; ///< the one before has failed AT_ONCE
         Check check;
         SxPtr<Part> part; ///< null for all of the body
     };
