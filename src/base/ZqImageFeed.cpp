@@ -12,6 +12,7 @@
 #include "ZqImageRecords.h"
 #include "ZqLog.h"
 #include "ZqOrderedDownload.h"
+#include "ZqPartCheck.h"
 #include "ZqReadable.h"
 #include "ZqStreamRecord.h"
 #include "ZqStretchStore.h"
@@ -85,6 +86,7 @@ void ZqImageFeed::open(const ZqStopTest& stop) {
     const bool hasRecords = ZqImageRecords::holdsPart(settings.image);
     shape = ZqImageLock::take(settings.image, ZqImageLock::Shape,
                               hasRecords ? ZqImageLock::Shared : ZqImageLock::Exclusive, settings.job);
+    cutSurplus(record, stop);
     if (ZqImageRecords::isComplete(settings.image)) {
         app = ZqAppParams(filePath(""));
         // A run plays without its server. Who only completes has no use for an address that gives something
@@ -110,6 +112,7 @@ void ZqImageFeed::open(const ZqStopTest& stop) {
     app.requireKnownFormat();
     // What is downloaded from its beginning on has nothing of an earlier file.
     isWritten = record.isWritten && fileSize() > 0;
+    if (link) openPart(record, stop);
     verified = !link && isKnownAsRight(record);
     try {
         if (link) measureDisk();
@@ -123,14 +126,18 @@ void ZqImageFeed::open(const ZqStopTest& stop) {
         throw;
     }
     noteOpened(record);
+    hasOpened = true;
 }
 
 void ZqImageFeed::noteOpened(const ZqStreamRecord& record) {
     const bool isFresh = fileSize() == 0;
     const bool dropsDigest = link && !record.verified.isEmpty();
-    if (record.url == url && !dropsDigest && record.isWritten == isWritten) return;
+    const bool dropsLeft = record.left.size >= 0;
+    if (record.url == url && !dropsDigest && !dropsLeft && record.isWritten == isWritten) return;
     ZqStreamRecord::update(settings.image, [&](ZqStreamRecord* now) {
         now->url = url;
+        // A kill must not leave what is written from now on as believed.
+        now->left = ZqStreamRecord::Left();
         if (link) now->verified = SxString();
         if (isFresh) now->isWritten = false;
     });
@@ -199,10 +206,9 @@ void ZqImageFeed::start() {
         if (!settled) keeper->start();
         return;
     }
-    image = makeImage(link);
-    // It may have another version by now.
-    if (!isConfirmed) image->doubtServer();
+    image = opened;
     openStore();
+    startPartCheck();
     zqNetioOfferImage(image);
     makeWriter();
     progress = SxPtr<ZqImageProgress>::create(settings.image, app);
@@ -275,6 +281,7 @@ void ZqImageFeed::stop() {
     if (keeper) keeper->wait();
     if (versionCheck) versionCheck->wait();
     if (digestCheck) digestCheck->wait();
+    if (partCheck) partCheck->wait();
     if (manager) manager->stop();
     if (download) download->stop();
     if (progress) progress->stop();
@@ -285,6 +292,7 @@ void ZqImageFeed::stop() {
     if (download) download->wait();
     if (progress) progress->wait();
     if (last) last->wait();
+    noteLeft();
 }
 
 void ZqImageFeed::setWaiting(const SxString& text) {
@@ -326,6 +334,7 @@ void ZqImageFeed::requireAlive() const {
 
 SxString ZqImageFeed::getLinkStatus() const {
     const SxMutexBlock block(&mutex);
+    if (!waiting.isEmpty()) return waiting;
     return link ? link->getStatus() : SxString();
 }
 

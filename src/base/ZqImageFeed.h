@@ -14,7 +14,9 @@
 class ZqCoreUnderflowMgr;
 class ZqFWriter;
 class ZqImageProgress;
+class ZqImageRepair;
 class ZqOrderedDownload;
+class ZqPartCheck;
 class ZqStreamRecord;
 
 /// Completes an image folder from its server, in order, while a drive is made of it: fetches records and
@@ -124,6 +126,18 @@ private:
 
     SxString filePath(const char* name) const;
     void noteOpened(const ZqStreamRecord& record);
+    /// Cuts off what the file has beyond the image, and beyond what the last download has left of it.
+    void cutSurplus(const ZqStreamRecord& record, const ZqStopTest& stop) const;
+    /// Compares what is there with its checksums where it may not be as an earlier run has left it, as far as
+    /// a start can wait for that, and mends it.
+    void openPart(const ZqStreamRecord& record, const ZqStopTest& stop);
+    void mendAhead(const ZqSeekTable& table, const ZqStopTest& stop);
+    void mendPart(const ZqImageRepair& repair, const ZqSeekTable& table, const ZqStopTest& stop);
+    /// The rest of it, beside everything else.
+    void startPartCheck();
+    void checkPart();
+    /// Notes how this leaves the part that is there.
+    void noteLeft();
     void openStore();
     void removeStore() const;
     void makeWriter();
@@ -167,15 +181,20 @@ private:
     ZqImageParams params;
     SxPtr<ZqImageLock> growth, shape;
     ZqDiskReserve reserve;
-    SxPtr<ZqNetLink> link; ///< changed, and read ahead of start(), under the mutex
+    SxPtr<ZqNetLink> link;       ///< changed, and read ahead of start(), under the mutex
+    SxPtr<ZqRemoteImage> opened; ///< what open() has begun to use, `image` from start() on
     SxPtr<ZqRemoteImage> image;
+    std::unique_ptr<ZqPartCheck> part; ///< the owner's up to start(), then the job's
+    std::atomic<bool> isPartRight{
+        false}; ///< all that was there at open() is as the server has it, or believed
+    bool hasOpened = false;
     SxPtr<ZqImageProgress> progress;
     SxPtr<ZqCoreUnderflowMgr> manager;
     int64 nRestored = 0;        ///< how often the window was taken away and has come back
     bool restoreFailed = false; ///< it couldn't be brought back when that was last tried
     SxMutex managerMutex; ///< over the manager's starts and ends, which the keeper and the owner look after
     std::unique_ptr<ZqOrderedDownload> download;
-    std::unique_ptr<Job> keeper, versionCheck, digestCheck;
+    std::unique_ptr<Job> keeper, versionCheck, digestCheck, partCheck;
     std::atomic<bool> stopping{false}, verified{false}, checking{false}, settled{false};
     std::atomic<bool> driveStarted{false};
     std::atomic<bool> isCutOff{false}; ///< the server has another version, and nothing is taken from it

@@ -29,16 +29,21 @@ uint64 ZqImageRepair::mend(const std::function<void(uint64 nDone)>& report, cons
     if (!table || !table->hasChecksums()) return 0;
     const SxArray<uint64> wrong = findWrong(*table, report, stop);
     if (wrong.getSize() == 0) return 0;
-    zqLogMsg("base", SxString("ZqImageRepair: ") + wrong.getSize() + " stretches of '" + zqf +
-                         "' are wrong, from " + wrong(0) + " on; they are fetched again");
+    replace(wrong, *table, stop);
+    return static_cast<uint64>(wrong.getSize());
+}
+
+void ZqImageRepair::replace(const SxArray<uint64>& stretches, const ZqSeekTable& table,
+                            const ZqStopTest& stop) const {
+    zqLogMsg("base", SxString("ZqImageRepair: ") + stretches.getSize() + " stretches of '" + zqf +
+                         "' are wrong, from " + stretches(0) + " on; they are fetched again");
     SxFileIO file(zqf, "r+b");
-    for (const uint64 stretchIdx : wrong) {
-        const SxPtr<SxArray<char>> bytes = fetch(stretchIdx, *table, stop);
+    for (const uint64 stretchIdx : stretches) {
+        const SxPtr<SxArray<char>> bytes = fetch(stretchIdx, table, stop);
         file.seek(static_cast<int64>(stretchIdx) * STRETCH);
         file.writeBuffer(bytes->data(), bytes->getSize());
     }
     file.sync();
-    return static_cast<uint64>(wrong.getSize());
 }
 
 SxArray<uint64> ZqImageRepair::findWrong(const ZqSeekTable& table,

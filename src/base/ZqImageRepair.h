@@ -26,11 +26,14 @@ public:
     /// that were compared. Raises where a stretch can't be had, or comes wrong again, and with the tag
     /// "Stopped".
     uint64 mend(const std::function<void(uint64 nDone)>& report, const ZqStopTest& stop) const;
+    /// The table, waited for as mend() does; null where none is to be had.
+    SxPtr<ZqSeekTable> awaitTable(const ZqStopTest& stop) const;
+    /// Fetches these stretches anew, which the file has, and brings them to the device. Else as mend().
+    void replace(const SxArray<uint64>& stretches, const ZqSeekTable& table, const ZqStopTest& stop) const;
 
 private:
     struct Tries;
 
-    SxPtr<ZqSeekTable> awaitTable(const ZqStopTest& stop) const;
     SxArray<uint64> findWrong(const ZqSeekTable& table, const std::function<void(uint64 nDone)>& report,
                               const ZqStopTest& stop) const;
     SxPtr<SxArray<char>> fetch(uint64 stretchIdx, const ZqSeekTable& table, const ZqStopTest& stop) const;

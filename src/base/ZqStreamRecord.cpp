@@ -26,6 +26,13 @@ ZqStreamRecord::Stamp ZqStreamRecord::Stamp::of(const SxString& image) {
     return {info.size, info.modifiedMs};
 }
 
+ZqStreamRecord::Left ZqStreamRecord::Left::of(const SxString& image) {
+    SxStat info;
+    const SxString file = ZqImageFolder::prefix(image) + ZqImageFiles::ZQF;
+    if (SxOs::get().stat(SxOs::hostPath(file), &info) != 0) return {};
+    return {info.size, info.modifiedNs};
+}
+
 bool ZqStreamRecord::isVerified(const SxString& image, const SxString& digest) const {
     return verified == digest && verifiedStamp == Stamp::of(image);
 }
@@ -49,6 +56,8 @@ void ZqStreamRecord::read(const SxString& image) {
         ZqRecordFile::get(root, "verified", &verified);
         ZqRecordFile::get(root, "verifiedSize", &verifiedStamp.size);
         ZqRecordFile::get(root, "verifiedTime", &verifiedStamp.modifiedMs);
+        ZqRecordFile::get(root, "leftSize", &left.size);
+        ZqRecordFile::get(root, "leftTime", &left.modifiedNs);
         const SxSymbol written = root.getElem("written", false);
         isWritten = written.isValid() && written.toBool();
     } catch (const SxException& e) {
@@ -69,6 +78,10 @@ void ZqStreamRecord::write(const SxString& image) const {
             root.append("verified", verified);
             root.append("verifiedSize", verifiedStamp.size);
             root.append("verifiedTime", verifiedStamp.modifiedMs);
+        }
+        if (left.size >= 0) {
+            root.append("leftSize", left.size);
+            root.append("leftTime", left.modifiedNs);
         }
         if (isWritten) root.append("written", true);
         ZqRecordFile::write(root, file, 0600);

@@ -22,7 +22,17 @@ public:
         /// That of the file in the image folder; size -1 where there is none.
         static Stamp of(const SxString& image);
     };
-    Stamp verifiedStamp;    ///< of the file when `verified` was taken
+    Stamp verifiedStamp; ///< of the file when `verified` was taken
+    /// A partial `img.zqf` as its download has left it: another size or time tells that somebody else has
+    /// changed it.
+    struct Left {
+        int64 size = -1;      ///< bytes; -1 for none
+        int64 modifiedNs = 0; ///< nanoseconds since 1970 UTC
+        bool operator==(const Left&) const = default;
+        /// That of the file in the image folder.
+        static Left of(const SxString& image);
+    };
+    Left left;              ///< none while a download goes on, and behind one that was killed
     bool isWritten = false; ///< a drive may have written into `img.zqf`, so that its digest tells nothing
 
     /// Whether the image's `img.zqf` was found to have that digest, and is as it was then.

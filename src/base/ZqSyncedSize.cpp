@@ -75,7 +75,6 @@ SxString ZqSyncedSize::folder() const {
     return file.str().substr(0, file.str().find_last_of('/') + 1);
 }
 
-/// Whether the file is all of its image, by whichever way that came.
 bool ZqSyncedSize::isWholeImage(uint64 size, const std::function<bool()>& stop) const {
     if (!SxFSAction::exists(folder() + ZqImageFiles::APP_JSON)) return false;
     const ZqAppParams app(folder());
@@ -86,9 +85,7 @@ bool ZqSyncedSize::isWholeImage(uint64 size, const std::function<bool()>& stop) 
     if (record.isWritten) return true;
     if (app.checksumZqf.isEmpty()) return false;
     if (record.isVerified(folder(), app.checksumZqf)) return true;
-    zqLogMsg("base", "'" + file +
-                         "' is complete, and how much of it had reached the disk isn't known: it is "
-                         "compared with its digest");
+    zqLogMsg("base", "'" + file + "' is compared with its digest");
     SxFileIO whole(file, "rb");
     whole.adviseSequential();
     SxMd5 md5;

@@ -25,6 +25,10 @@ public:
     /// For who downloads, before the first look at the file's size. What lies behind a link is left alone.
     /// Raises where it can't be cut, and after a stop.
     uint64 cutBack(const std::function<bool()>& stop = nullptr) const;
+    /// Whether the file, which has `size` bytes, is all of the image of the `app.json` beside it, by
+    /// whichever way that came: its digest says so, or it did when it was complete. Raises where that can't
+    /// be read, and after a stop.
+    bool isWholeImage(uint64 size, const std::function<bool()>& stop) const;
     /// Makes the note right for a file that has `size` bytes and is about to grow. Raises where it can't be
     /// written.
     void begin(uint64 size) const;
@@ -52,7 +56,6 @@ private:
     SxString folder() const;
     /// The inodes of the file and of its folder; empty where there are none.
     std::string inodesNow() const;
-    bool isWholeImage(uint64 size, const std::function<bool()>& stop) const;
     /// The note; as if there were none where another file has taken the place of the one that it is of.
     Note read() const;
     void write(const Note& note) const;

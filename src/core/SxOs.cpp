@@ -34,6 +34,7 @@ void fill(const struct ::stat& from, SxStat* to) {
     to->inode = from.st_ino;
     to->permissions = from.st_mode & 07777;
     to->modifiedMs = from.st_mtim.tv_sec * 1000 + from.st_mtim.tv_nsec / 1'000'000;
+    to->modifiedNs = from.st_mtim.tv_sec * 1'000'000'000 + from.st_mtim.tv_nsec;
 }
 
 int systemFlags(unsigned flags) {

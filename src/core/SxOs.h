@@ -15,6 +15,7 @@ struct SxStat {
     uint64 device = 0, inode = 0;
     uint32 permissions = 0; ///< the low 12 mode bits
     int64 modifiedMs = 0;   ///< milliseconds since 1970 UTC
+    int64 modifiedNs = 0;   ///< the same in nanoseconds
 };
 
 /// The one seam to the operating system's files, which a test can replace to fail the n-th operation, to fill
