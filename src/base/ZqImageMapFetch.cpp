@@ -57,8 +57,9 @@ void ZqImageMapFetch::main() {
     removePart(plain);
 }
 
-/// What an earlier run has left may be of a file that the server no longer has, or not be on the device, so a
-/// map that comes of it and is wrong is fetched once more as a whole.
+/// A map that is wrong is fetched once more as a whole, past caches. What an earlier run has left of it may
+/// be of a file that the server no longer has, or not be on the device; what has just come may be of a stale
+/// cache, or have been damaged on its way.
 void ZqImageMapFetch::fetch(const Form& form) {
     // Without a digest nothing would tell.
     if (digest.isEmpty()) removePart(form);
@@ -66,7 +67,7 @@ void ZqImageMapFetch::fetch(const Form& form) {
         const bool isAnew = !SxFSAction::exists(form.part);
         bool isMixed = false;
         try {
-            download(form, &isMixed);
+            download(form, isLast, &isMixed);
             take(form);
             return;
         } catch (const SxException& e) {
@@ -74,16 +75,17 @@ void ZqImageMapFetch::fetch(const Form& form) {
                 if (e.hasTag(tag)) throw;
             }
             removePart(form);
-            const bool mayHelp = !isAnew || isMixed;
+            const bool mayHelp = !isAnew || isMixed || e.hasTag(ZqNetLink::WRONG);
             if (isLast || !mayHelp || e.hasTag(ZqNetLink::NOT_FOUND) || e.hasTag(ZqNetLink::REFUSED)) throw;
             zqLogMsg("base", "ZqImageMapFetch: begins anew: " + e.toString(SxException::ShowMessage, ": "));
         }
     }
 }
 
-void ZqImageMapFetch::download(const Form& form, bool* isMixed) const {
+void ZqImageMapFetch::download(const Form& form, bool isFresh, bool* isMixed) const {
     const uint64 expected = form.isPacked ? ZqRemoteFile::UNKNOWN : form.maxSize;
     ZqRemoteFile remote(link, ZqRemoteFile::urlIn(url, form.name), headers, expected);
+    if (isFresh) remote.setFresh();
     remote.getFacts()->setSameTest([isMixed](const ZqStopTest&) {
         *isMixed = true;
         return true;
@@ -126,14 +128,14 @@ void ZqImageMapFetch::take(const Form& form) const {
         try {
             decode(form.part);
         } catch (const SxException& e) {
-            throw SxException(e, "Cannot use '" + address + "'", UNIT, __LINE__);
+            throw SxException(e, "Cannot use '" + address + "'", UNIT, __LINE__).tagged(ZqNetLink::WRONG);
         }
         return;
     }
     if (static_cast<uint64>(SxFileInfo(form.part).getSize()) != sizeIdx ||
         (!digest.isEmpty() && !(SxMd5::file(form.part) == digest))) {
-        throw SxException(ZqNetLink::WRONG, "The map at " + address + " isn't the one that app.json states",
-                          UNIT, __LINE__);
+        throw SxException(ZqNetLink::WRONG, "The map at " + address + " isn't that of this image", UNIT,
+                          __LINE__);
     }
     SxFSAction::mv(form.part, map);
     SxFSAction::syncDir(folder);

@@ -7,9 +7,11 @@
 /// Brings the map `img.idx` into an image folder from its server, on a thread of its own: from `img.idx.zst`,
 /// which is a small part of it, where the server has that and it is of this map, else from `img.idx`. What
 /// came of either is kept beside the map's place until the map is there, so that a later run goes on with it.
+/// What is wrong as a whole is fetched once more.
 class ZqImageMapFetch : public SxSystemThread {
 public:
-    /// `folder_` is the image folder with a slash at its end, `url_` its address, see ZqRemoteFile::urlIn().
+    /// `app` states the map's size and digest, that one empty where it isn't known. `folder_` is the image
+    /// folder with a slash at its end, `url_` its address, see ZqRemoteFile::urlIn().
     ZqImageMapFetch(const SxPtr<ZqNetLink>& link_, const SxString& folder_, const SxString& url_,
                     const SxArray<SxString>& headers_, const ZqAppParams& app, const ZqStopTest& stop_);
 
@@ -31,7 +33,7 @@ private:
     void fetch(const Form& form);
     /// Adds to what has come of a form; `*isMixed` tells whether mirrors gave it that tell other versions.
     /// Without a digest to check it by, it comes as one, and of one of them.
-    void download(const Form& form, bool* isMixed) const;
+    void download(const Form& form, bool isFresh, bool* isMixed) const;
     void take(const Form& form) const;
     void decode(const SxString& packed) const;
     void removePart(const Form& form) const;
@@ -40,6 +42,6 @@ private:
     const SxString folder, url;
     const SxArray<SxString> headers;
     const uint64 sizeIdx;
-    const SxString digest; ///< MD5 text of the map; empty where `app.json` doesn't state it
+    const SxString digest; ///< MD5 text of the map; empty where it isn't known
     const ZqStopTest stop;
 };

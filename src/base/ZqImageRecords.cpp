@@ -11,7 +11,10 @@
 #include "ZqImageFolder.h"
 #include "ZqImageMapFetch.h"
 #include "ZqImageParams.h"
+#include "ZqLog.h"
 #include "ZqUrlText.h"
+
+#include <functional>
 
 namespace {
 
@@ -29,24 +32,32 @@ int64 fileSize(const SxString& path) {
 }
 
 bool areSame(const ZqAppParams& own, const ZqAppParams& server) {
+    // Either may have come without that one, which says nothing then.
+    const bool areZqfsStated = !own.checksumZqf.isEmpty() && !server.checksumZqf.isEmpty();
     return own.sizeZqf == server.sizeZqf && own.checksumMnt == server.checksumMnt &&
-           own.checksumIdx == server.checksumIdx;
+           own.checksumIdx == server.checksumIdx && (!areZqfsStated || own.checksumZqf == server.checksumZqf);
+}
+
+/// Takes a record, and once more where it is wrong: past caches, and over a connection of its own.
+template<class Take>
+void takeRecord(const Take& take) {
+    try {
+        take(false);
+        return;
+    } catch (const SxException& e) {
+        if (!e.hasTag(ZqNetLink::WRONG)) throw;
+        zqLogMsg("base", "ZqImageRecords: asks anew: " + e.toString(SxException::ShowMessage, ": "));
+    }
+    take(true);
 }
 
 } // namespace
 
-/// Fetches one record on a thread of its own, so that a round trip is paid once for all.
+/// Does something on a thread of its own, so that a round trip is paid once for all.
 class ZqImageRecords::Fetch : public SxSystemThread {
 public:
-    Fetch(SxPtr<ZqRemoteFile> file_, SxString path_, uint64 maxSize_, bool optional_, ZqStopTest stop_)
-        : file(std::move(file_)),
-          path(std::move(path_)),
-          maxSize(maxSize_),
-          optional(optional_),
-          stop(std::move(stop_)) {
-        if (optional) file->getFacts()->allowAbsence();
-        setThreadName("record");
-    }
+    explicit Fetch(std::function<void()> fetch_) : fetch(std::move(fetch_)) { setThreadName("record"); }
+    ~Fetch() override { wait(); }
     /// Waits for the end, and raises what went wrong.
     void finish() {
         wait();
@@ -54,20 +65,10 @@ public:
     }
 
 protected:
-    void main() override {
-        try {
-            file->fetchTo(path, stop, maxSize);
-        } catch (const SxException& e) {
-            if (!optional || !e.hasTag(ZqNetLink::NOT_FOUND)) throw;
-        }
-    }
+    void main() override { fetch(); }
 
 private:
-    const SxPtr<ZqRemoteFile> file;
-    const SxString path;
-    const uint64 maxSize; ///< bytes
-    const bool optional;
-    const ZqStopTest stop;
+    const std::function<void()> fetch;
 };
 
 ZqImageRecords::ZqImageRecords(const SxPtr<ZqNetLink>& link_, const SxString& image,
@@ -94,8 +95,9 @@ bool ZqImageRecords::holdsPart(const SxString& image) {
     return fileSize(folder + ZqImageFiles::ZQF) > 0;
 }
 
-SxPtr<ZqRemoteFile> ZqImageRecords::remote(const char* name, uint64 expectedSize) const {
+SxPtr<ZqRemoteFile> ZqImageRecords::remote(const char* name, bool isFresh, uint64 expectedSize) const {
     auto file = SxPtr<ZqRemoteFile>::create(link, ZqRemoteFile::urlIn(address, name), headers, expectedSize);
+    if (isFresh) file->setFresh();
     // Each is taken as one, of whichever mirror, and looked at as a whole.
     file->getFacts()->setSameTest([](const ZqStopTest&) { return true; });
     return file;
@@ -105,15 +107,15 @@ bool ZqImageRecords::hasBlocks() const {
     return fileSize(folder + ZqImageFiles::ZQF) > 0;
 }
 
-bool ZqImageRecords::hasMap(const ZqAppParams& app) const {
+bool ZqImageRecords::hasMap(const ZqAppParams& known) const {
     const SxString idx = folder + ZqImageFiles::IDX;
-    return fileSize(idx) == static_cast<int64>(app.sizeIdx) &&
-           (app.checksumIdx.isEmpty() || SxMd5::file(idx) == app.checksumIdx);
+    return fileSize(idx) == static_cast<int64>(known.sizeIdx) &&
+           (known.checksumIdx.isEmpty() || SxMd5::file(idx) == known.checksumIdx);
 }
 
 void ZqImageRecords::requireSame(const ZqAppParams& own, const ZqAppParams& server) const {
     if (areSame(own, server)) return;
-    const bool otherOrder = own.checksumMnt == server.checksumMnt;
+    const bool otherOrder = own.checksumMnt == server.checksumMnt && own.checksumIdx != server.checksumIdx;
     throw SxException(ZqFailurePolicy::OTHER_VERSION,
                       "The image at " + url + " has another " + (otherOrder ? "block order" : "version") +
                           " than that in '" + folder +
@@ -131,8 +133,22 @@ void ZqImageRecords::requireNoPage(const SxString& text, const char* name) const
                       UNIT, __LINE__);
 }
 
-ZqAppParams ZqImageRecords::look(SxString* text, const ZqStopTest& stop, ZqTransfer::Kind kind) const {
-    const SxArray<char> bytes = remote(ZqImageFiles::APP_JSON)->get(MAX_RECORD, stop, kind);
+ZqAppParams ZqImageRecords::look(const ZqAppParams* own, SxString* text, const ZqStopTest& stop,
+                                 ZqTransfer::Kind kind) const {
+    ZqAppParams server;
+    takeRecord([&](bool isFresh) {
+        server = parseApp(remote(ZqImageFiles::APP_JSON, isFresh)->get(MAX_RECORD, stop, kind), text);
+        // A cache may still have that of a former version.
+        if (own && !isFresh && !areSame(*own, server)) {
+            throw SxException(ZqNetLink::WRONG,
+                              "'" + urlOf(ZqImageFiles::APP_JSON) + "' seems to be of another version", UNIT,
+                              __LINE__);
+        }
+    });
+    return server;
+}
+
+ZqAppParams ZqImageRecords::parseApp(const SxArray<char>& bytes, SxString* text) const {
     *text = SxString(std::string_view(bytes.data(), static_cast<size_t>(bytes.getSize())));
     requireNoPage(*text, ZqImageFiles::APP_JSON);
     try {
@@ -149,12 +165,12 @@ ZqAppParams ZqImageRecords::look(SxString* text, const ZqStopTest& stop, ZqTrans
 
 void ZqImageRecords::requireSameOnServer(const ZqAppParams& own, const ZqStopTest& stop) const {
     SxString text;
-    requireSame(own, look(&text, stop));
+    requireSame(own, look(&own, &text, stop));
 }
 
 bool ZqImageRecords::isSameOnServer(const ZqAppParams& own, const ZqStopTest& stop) const {
     SxString text;
-    return areSame(own, look(&text, stop, ZqTransfer::Kind::OnDemand));
+    return areSame(own, look(&own, &text, stop, ZqTransfer::Kind::OnDemand));
 }
 
 ZqAppParams ZqImageRecords::fetchApp(bool mayPlay, bool* isConfirmed, const ZqStopTest& stop) {
@@ -166,13 +182,14 @@ ZqAppParams ZqImageRecords::fetchApp(bool mayPlay, bool* isConfirmed, const ZqSt
         throw SxException("'" + folder + "' holds an image without its app.json, which can't be completed",
                           UNIT, __LINE__);
     }
-    ZqAppParams server;
+    ZqAppParams server, own;
+    if (resumes) own = ZqAppParams(folder);
     SxString text;
     const bool mayGoWithout = mayPlay && holdsPart(folder);
     const int64 endNs = SxClock::get().steadyNs() + PATIENCE_NS;
     bool isLate = false;
     try {
-        server = look(&text, [&] {
+        server = look(resumes ? &own : nullptr, &text, [&] {
             if (stop && stop()) return true;
             isLate = mayGoWithout && SxClock::get().steadyNs() >= endNs;
             return isLate;
@@ -182,16 +199,16 @@ ZqAppParams ZqImageRecords::fetchApp(bool mayPlay, bool* isConfirmed, const ZqSt
         const bool mayPass = isLate || ZqFailurePolicy::decide(e, true) != ZqFailurePolicy::End;
         if (!mayGoWithout || !mayPass) throw;
         *isConfirmed = false;
-        return ZqAppParams(folder);
+        return own;
     }
     if (resumes) {
-        ZqAppParams own(folder);
         requireSame(own, server);
         return own;
     }
-    // That of another image would be taken for this one's, since no digest of it is known.
-    const SxString params = folder + ZqImageFiles::IMAGE_JSON;
-    if (SxFSAction::exists(params)) SxFSAction::rm(params);
+    // Those of another image would be taken for this one's, since no digest of them is known.
+    for (const char* name : {ZqImageFiles::IMAGE_JSON, ZqImageFiles::IDX_MD5}) {
+        if (SxFSAction::exists(folder + name)) SxFSAction::rm(folder + name);
+    }
     SxFileIO::writeAtomic(file, text);
     // The record has been checked; its folder is the image's now.
     return ZqAppParams(folder);
@@ -218,34 +235,61 @@ void ZqImageRecords::requireParams(const SxString& file, const ZqAppParams& app)
 }
 
 void ZqImageRecords::fetchRest(const ZqAppParams& app, const ZqStopTest& stop) {
-    const SxString params = folder + ZqImageFiles::IMAGE_JSON;
-    const SxString digest = folder + ZqImageFiles::IDX_MD5;
-    const bool needsMap = !hasMap(app);
-    const bool needsDigest = needsMap && app.checksumIdx.isEmpty();
-    const bool needsParams = !SxFSAction::test_f(params);
-    Fetch paramsFetch(remote(ZqImageFiles::IMAGE_JSON), params + NEW, MAX_RECORD, false, stop);
-    ZqImageMapFetch mapFetch(link, folder, address, headers, app, stop);
-    Fetch digestFetch(remote(ZqImageFiles::IDX_MD5, MD5_SIZE), digest, MD5_SIZE, true, stop);
-    if (needsParams) paramsFetch.start();
-    if (needsMap) {
-        // What stands there belongs to another map, and would be believed ahead of app.json.
-        if (SxFSAction::exists(digest)) SxFSAction::rm(digest);
-        mapFetch.start();
-    }
-    if (needsDigest) digestFetch.start();
-    paramsFetch.wait();
-    mapFetch.wait();
-    digestFetch.wait();
+    Fetch paramsFetch([&] { fetchParams(app, stop); });
+    if (!SxFSAction::test_f(folder + ZqImageFiles::IMAGE_JSON)) paramsFetch.start();
+    fetchMap(app, stop);
     paramsFetch.finish();
-    mapFetch.finish();
-    digestFetch.finish();
-    if (needsParams) {
+}
+
+void ZqImageRecords::fetchParams(const ZqAppParams& app, const ZqStopTest& stop) const {
+    const SxString params = folder + ZqImageFiles::IMAGE_JSON;
+    takeRecord([&](bool isFresh) {
+        remote(ZqImageFiles::IMAGE_JSON, isFresh)->fetchTo(params + NEW, stop, MAX_RECORD);
         requireParams(params + NEW, app);
-        SxFSAction::mv(params + NEW, params);
+    });
+    SxFSAction::mv(params + NEW, params);
+}
+
+void ZqImageRecords::fetchMap(const ZqAppParams& app, const ZqStopTest& stop) const {
+    const SxString file = folder + ZqImageFiles::IDX_MD5;
+    ZqAppParams known = app;
+    const bool isStated = !app.checksumIdx.isEmpty();
+    if (!isStated && fileSize(file) == static_cast<int64>(MD5_SIZE))
+        known.checksumIdx = SxFileIO::readUtf8(file);
+    if (!known.checksumIdx.isEmpty() && hasMap(known)) return;
+    // What stands there belongs to another map, and would be believed ahead of app.json.
+    if (isStated && SxFSAction::exists(file)) SxFSAction::rm(file);
+    if (!isStated) takeRecord([&](bool isFresh) { known.checksumIdx = fetchDigest(isFresh, stop); });
+    try {
+        bringMap(known, stop);
+    } catch (const SxException& e) {
+        if (isStated || !e.hasTag(ZqNetLink::WRONG)) throw;
+        // Either may be the wrong one, and the map was asked for twice.
+        const SxString again = fetchDigest(true, stop);
+        if (again == known.checksumIdx) throw;
+        known.checksumIdx = again;
+        bringMap(known, stop);
     }
-    if (!hasMap(app)) {
-        throw SxException(ZqNetLink::WRONG,
-                          "The map at " + urlOf(ZqImageFiles::IDX) + " isn't the one that app.json states",
-                          UNIT, __LINE__);
+}
+
+void ZqImageRecords::bringMap(const ZqAppParams& known, const ZqStopTest& stop) const {
+    if (hasMap(known)) return;
+    ZqImageMapFetch fetch(link, folder, address, headers, known, stop);
+    fetch.start();
+    fetch.finish();
+}
+
+/// The text of `img.idx.md5`, which is put in place; empty where the server hasn't got it.
+SxString ZqImageRecords::fetchDigest(bool isFresh, const ZqStopTest& stop) const {
+    const SxString file = folder + ZqImageFiles::IDX_MD5;
+    const SxPtr<ZqRemoteFile> digest = remote(ZqImageFiles::IDX_MD5, isFresh, MD5_SIZE);
+    digest->getFacts()->allowAbsence();
+    try {
+        digest->fetchTo(file, stop, MD5_SIZE);
+        return SxFileIO::readUtf8(file);
+    } catch (const SxException& e) {
+        if (!e.hasTag(ZqNetLink::NOT_FOUND)) throw;
     }
+    if (SxFSAction::exists(file)) SxFSAction::rm(file);
+    return {};
 }

@@ -38,15 +38,25 @@ private:
 
     /// A record's address as texts show it.
     SxString urlOf(const char* name) const { return ZqUrlText::of(ZqRemoteFile::urlIn(address, name)); }
-    SxPtr<ZqRemoteFile> remote(const char* name, uint64 expectedSize = ZqRemoteFile::UNKNOWN) const;
+    /// `isFresh`: past caches, since what came before was wrong.
+    SxPtr<ZqRemoteFile> remote(const char* name, bool isFresh,
+                               uint64 expectedSize = ZqRemoteFile::UNKNOWN) const;
     bool hasBlocks() const;
-    bool hasMap(const ZqAppParams& app) const;
+    /// Whether the map has that size, and that digest where it isn't empty.
+    bool hasMap(const ZqAppParams& known) const;
+    void fetchParams(const ZqAppParams& app, const ZqStopTest& stop) const;
+    /// The map, and ahead of it the digest that it is checked by where `app` states none.
+    void fetchMap(const ZqAppParams& app, const ZqStopTest& stop) const;
+    void bringMap(const ZqAppParams& known, const ZqStopTest& stop) const;
+    SxString fetchDigest(bool isFresh, const ZqStopTest& stop) const;
     /// Raises with the tag WRONG where what came as this record is a page for a browser.
     void requireNoPage(const SxString& text, const char* name) const;
     void requireParams(const SxString& file, const ZqAppParams& app) const;
-    /// The server's `app.json`, and what it was read from. Nothing is written, so a full disk is no matter.
-    ZqAppParams look(SxString* text, const ZqStopTest& stop,
+    /// The server's `app.json`, and what it was read from. One that is of another version than `own`, where
+    /// that is given, is asked for twice. Nothing is written, so a full disk is no matter.
+    ZqAppParams look(const ZqAppParams* own, SxString* text, const ZqStopTest& stop,
                      ZqTransfer::Kind kind = ZqTransfer::Kind::Small) const;
+    ZqAppParams parseApp(const SxArray<char>& bytes, SxString* text) const;
     void requireSame(const ZqAppParams& own, const ZqAppParams& server) const;
 
     const SxPtr<ZqNetLink> link;

@@ -9,6 +9,7 @@
 #include "ZqAppParams.h"
 #include "ZqFileServer.h"
 #include "ZqImageRecords.h"
+#include "ZqPackedMap.h"
 
 #include <filesystem>
 #include <gmock/gmock.h>
@@ -31,6 +32,7 @@ TEST(ImageRecords, tellWhetherTheServerHasAnotherVersion) {
     own.sizeIdx = 800;
     own.checksumMnt = "a";
     own.checksumIdx = "b";
+    own.checksumZqf = "c";
     own.write(dir.prefix());
     const std::string same = dir.read("app.json");
     const TreeSnapshot before = dir.snapshot();
@@ -48,6 +50,9 @@ TEST(ImageRecords, tellWhetherTheServerHasAnotherVersion) {
         {"another size", changed("409600", "413696"), false, ""},
         {"other content", changed("\"mnt\": \"a\"", "\"mnt\": \"x\""), false, ""},
         {"another order", changed("\"idx\": \"b\"", "\"idx\": \"x\""), false, ""},
+        // With no other digests it alone tells.
+        {"other blocks", changed("\"zqf\": \"c\"", "\"zqf\": \"x\""), false, ""},
+        {"blocks of which it says nothing", changed("\"zqf\": \"c\"", "\"zqf\": \"\""), true, ""},
         {"a login page", answered("200 OK", "<html>Welcome"), false, ZqNetLink::WRONG},
         {"none", answered("404 None"), false, ZqNetLink::NOT_FOUND},
         {"busy", answered("503 Busy"), false, ZqNetLink::UNREACHABLE},
@@ -102,6 +107,106 @@ TEST(ImageRecords, thatAreWrongOnTheServerAreToldAsTheServers) {
         } catch (const SxException& e) {
             EXPECT_TRUE(e.hasTag(ZqNetLink::WRONG)) << e.what();
         }
+    }
+}
+
+// As of a stale cache, or damaged on the way.
+TEST(ImageRecords, thatCameWrongAreAskedForOnceMorePastCaches) {
+    TempDir dir;
+    TestRandom random;
+    const TestImage game(random, 40);
+    game.write(dir.prefix() + "served/");
+    const std::string map = game.idxBytes(), digest = SxMd5::get(SxString(map)).str();
+    ZqAppParams stated(dir.prefix() + "served/"), unstated = stated;
+    unstated.checksumIdx = SxString();
+    ZqPackedMap::pack(dir.prefix() + "served/img.idx", dir.prefix() + "pack", {});
+    const std::string pack = dir.read("pack");
+    std::string badPack = pack;
+    badPack.back() ^= 1;
+    const std::string flipped(map.size(), 'x');
+    const struct {
+        const char* name;
+        bool isStated;    ///< whether app.json has the map's digest
+        const char* file; ///< the one that comes wrong once
+        std::string wrong;
+        bool hasPack;
+        bool hasBlocks;
+    } cases[] = {
+        {"app.json", true, "app.json", "{", false, false},
+        {"app.json of another version", true, "app.json",
+         SxString(dir.read("served/app.json")).substitute(stated.checksumMnt, "0").str(), false, true},
+        {"a page", true, "img.json", "<html>Welcome", false, false},
+        {"the map", true, "img.idx", flipped, false, false},
+        {"the packed map", true, "img.idx.zst", badPack, true, false},
+        {"the digest", false, "img.idx.md5", std::string(32, '0'), false, false},
+        {"a page for the digest", false, "img.idx.md5", "<html>Welcome", false, false},
+    };
+    for (const auto& each : cases) {
+        SCOPED_TRACE(each.name);
+        (each.isStated ? stated : unstated).write(dir.prefix() + "served/");
+        const std::map<std::string, std::string> files = {{"app.json", dir.read("served/app.json")},
+                                                          {"img.json", dir.read("served/img.json")},
+                                                          {"img.idx", map},
+                                                          {"img.idx.zst", each.hasPack ? pack : ""},
+                                                          {"img.idx.md5", digest}};
+        std::map<std::string, int> nAsked;
+        const ScriptedServer server([&](const std::string& request) {
+            const std::string name = request.substr(5, request.find(' ', 5) - 5);
+            const auto found = files.find(name);
+            if (found == files.end() || found->second.empty()) return answered("404 None");
+            const bool isFresh = request.find("Cache-Control: no-cache") != std::string::npos;
+            const bool isWrong = name == each.file && !isFresh;
+            ++nAsked[name];
+            return answered("200 OK", isWrong ? each.wrong : found->second);
+        });
+        std::filesystem::remove_all(dir.path("game"));
+        std::filesystem::create_directory(dir.path("game"));
+        if (each.hasBlocks) game.write(dir.prefix() + "game/", 5);
+        ZqImageRecords records(SxPtr<ZqNetLink>::create(quickSettings()), dir.prefix() + "game",
+                               SxString(server.url()), {});
+        const std::string failure = failureOf([&] {
+            bool isConfirmed = false;
+            records.fetchRest(records.fetchApp(false, &isConfirmed, nullptr), nullptr);
+        });
+        EXPECT_EQ(failure, "");
+        EXPECT_EQ(nAsked[each.file], 2);
+        EXPECT_TRUE(dir.read("game/img.idx") == map);
+        EXPECT_EQ(dir.exists("game/img.idx.md5") ? dir.read("game/img.idx.md5") : digest, digest);
+        EXPECT_EQ(nAsked["img.idx"] > 0, !each.hasPack && !each.hasBlocks);
+    }
+}
+
+// `app.json` need not state it.
+TEST(ImageRecords, haveTheMapThatItsOwnDigestIsOf) {
+    TempDir dir;
+    TestRandom random;
+    const TestImage game(random, 40), former(random, 40);
+    game.write(dir.prefix() + "served/");
+    ZqAppParams params(dir.prefix() + "served/");
+    params.checksumIdx = SxString();
+    params.write(dir.prefix() + "served/");
+    const std::string map = game.idxBytes(), digest = SxMd5::get(SxString(map)).str();
+    ASSERT_EQ(map.size(), former.idxBytes().size());
+    dir.write("former.idx", former.idxBytes());
+    ZqPackedMap::pack(dir.prefix() + "former.idx", dir.prefix() + "served/img.idx.zst", {});
+    dir.write("served/img.idx.md5", digest);
+    ZqFileServer server(dir.prefix() + "served");
+    server.start();
+    enum { Nothing, FormerMap, FormerBoth, FormerMapRightDigest };
+    for (const auto there : {Nothing, FormerMap, FormerBoth, FormerMapRightDigest}) {
+        SCOPED_TRACE(there);
+        std::filesystem::remove_all(dir.path("game"));
+        std::filesystem::create_directory(dir.path("game"));
+        const std::string formerMap = former.idxBytes();
+        if (there != Nothing) dir.write("game/img.idx", formerMap);
+        if (there == FormerBoth) dir.write("game/img.idx.md5", SxMd5::get(SxString(formerMap)).str());
+        if (there == FormerMapRightDigest) dir.write("game/img.idx.md5", digest);
+        ZqImageRecords records(SxPtr<ZqNetLink>::create(quickSettings()), dir.prefix() + "game",
+                               server.getUrl(), {});
+        bool isConfirmed = false;
+        records.fetchRest(records.fetchApp(false, &isConfirmed, nullptr), nullptr);
+        EXPECT_TRUE(dir.read("game/img.idx") == map);
+        EXPECT_EQ(dir.read("game/img.idx.md5"), digest);
     }
 }
 

@@ -210,7 +210,7 @@ TEST_F(MapFetch, TakesThePackedFormWhereItIsOfThisMap) {
     EXPECT_EQ(fetch(), "");
     expectMap();
     dir.write("served/img.idx", map.substr(8) + map.substr(0, 8));
-    EXPECT_THAT(fetch(), HasSubstr("isn't the one that app.json states"));
+    EXPECT_THAT(fetch(), HasSubstr("isn't that of this image"));
     EXPECT_TRUE(dir.snapshot("got").empty());
 }
 

@@ -32,9 +32,14 @@ SxException ZqRemoteFile::failure(const SxException& e, const SxString& what) co
     return SxException(e, "Cannot fetch " + what + "'" + ZqUrlText::of(getUrl()) + "'", UNIT, __LINE__);
 }
 
+void ZqRemoteFile::prepare(ZqRangeReader* reader) const {
+    if (isFresh) reader->setFresh();
+}
+
 void ZqRemoteFile::read(uint64 offset, uint64 n, char* buffer, const ZqStopTest& stop) {
     if (n == 0) return;
     ZqRangeReader reader(*this, offset, offset + n, ZqTransfer::Kind::OnDemand);
+    prepare(&reader);
     finish(&reader, n, buffer, stop);
 }
 
@@ -50,6 +55,7 @@ void ZqRemoteFile::finish(ZqRangeReader* reader, uint64 n, char* buffer, const Z
 
 SxArray<char> ZqRemoteFile::get(int64 maxSize, const ZqStopTest& stop, ZqTransfer::Kind kind) {
     ZqRangeReader reader(*this, 0, UNKNOWN, kind);
+    prepare(&reader);
     SxArray<char> bytes;
     try {
         reader.takeAll(
@@ -84,6 +90,7 @@ void ZqRemoteFile::requireNoMore(uint64 n, uint64 maxSize) const {
 
 bool ZqRemoteFile::stream(uint64 offset, const Sink& sink, const ZqStopTest& stop) {
     ZqRangeReader reader(*this, offset, UNKNOWN, ZqTransfer::Kind::Ordered);
+    prepare(&reader);
     for (;;) {
         SxArray<char> piece;
         try {
@@ -98,6 +105,7 @@ bool ZqRemoteFile::stream(uint64 offset, const Sink& sink, const ZqStopTest& sto
 void ZqRemoteFile::fetchTo(const SxString& path, const ZqStopTest& stop, uint64 maxSize) {
     SxFileIO::writeAtomic(path, [&](SxFileIO* target) {
         ZqRangeReader reader(*this, 0, UNKNOWN, ZqTransfer::Kind::Ordered);
+        prepare(&reader);
         try {
             reader.takeAll(
                 [&] {

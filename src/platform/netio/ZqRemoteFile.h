@@ -4,6 +4,8 @@
 #include "ZqFileFacts.h"
 #include "ZqNetLink.h"
 
+#include <atomic>
+
 class ZqRangeReader;
 
 /// One file on an HTTP server (RFC 9110). Size and validators are learned from the first response; whatever
@@ -29,6 +31,10 @@ public:
     /// Replaces the headers of later requests.
     void setHeaders(const SxArray<SxString>& headers) { facts->setHeaders(headers); }
 
+    /// Lets later requests go over connections of their own and past what caches hold, since what came before
+    /// was wrong.
+    void setFresh() { isFresh = true; }
+
     /// Fetches `size` bytes from `offset` on into `buffer`, ahead of all ordered streams. Blocks; tries again
     /// as the link's settings say. Raises SxException with the tags of ZqNetLink.
     void read(uint64 offset, uint64 size, char* buffer, const ZqStopTest& stop = nullptr);
@@ -51,9 +57,11 @@ public:
     const SxPtr<ZqFileFacts>& getFacts() const noexcept { return facts; }
 
 private:
+    void prepare(ZqRangeReader* reader) const;
     void requireNoMore(uint64 n, uint64 maxSize) const;
     SxException failure(const SxException& e, const SxString& what) const;
 
     const SxPtr<ZqNetLink> link;
     const SxPtr<ZqFileFacts> facts;
+    std::atomic<bool> isFresh{false};
 };
