@@ -9,8 +9,9 @@ namespace {
 constexpr int64 BATCH = 1 << 20;
 /// How long bytes wait for more: the drive's readers wait for them.
 constexpr int64 BATCH_NS = 10'000'000;
-/// Bytes that may wait for the disk.
+/// Bytes that may wait for the disk, less than the image gives to ranges meanwhile.
 constexpr uint64 MAX_HELD = 32 << 20;
+static_assert(MAX_HELD + 2 * BATCH + 2 * ZqRemoteImage::STRETCH <= ZqRemoteImage::MAX_HELD);
 } // namespace
 
 void ZqOrderedDownload::start(Priority priority) {

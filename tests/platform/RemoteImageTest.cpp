@@ -359,6 +359,44 @@ TEST_F(RemoteImage, doesNotFetchTwiceWhatWasOnDemand) {
     }
 }
 
+// As where a disk is slow or full: what the stream has brought is in memory, and not yet in the file.
+TEST_F(RemoteImage, whatWaitsForTheDiskIsntFetchedAgain) {
+    const ImagePtr image = open();
+    image->setWritten(0);
+    EXPECT_TRUE(streamOf(*image) == zqf);
+    const auto fetched = [&, nBefore = server.getNBytes("img.zqf")] {
+        return server.getNBytes("img.zqf") - nBefore;
+    };
+    const auto expectRead = [&](uint64 idx) {
+        EXPECT_TRUE(readOf(*image, idx * STRETCH, STRETCH) == zqf.substr(idx * STRETCH, STRETCH)) << idx;
+    };
+    expectRead(1);
+    image->setWritten(10 * STRETCH);
+    expectRead(10);
+    // The writer has failed, and the next one goes on at the end of the file.
+    EXPECT_TRUE(streamOf(*image, 10 * STRETCH + 5) == zqf.substr(10 * STRETCH + 5));
+    EXPECT_EQ(fetched(), 0U);
+    EXPECT_EQ(image->getFigures().nTwice, 0U);
+    // Whoever asks for what is written has lost it.
+    expectRead(9);
+    EXPECT_EQ(fetched(), STRETCH);
+    EXPECT_EQ(image->getFigures().nTwice, STRETCH);
+}
+
+TEST_F(RemoteImage, holdsABoundedPartOfWhatWaitsForTheDisk) {
+    TestRandom many;
+    const std::string large = many.bytes(ZqRemoteImage::MAX_HELD + 10 * STRETCH);
+    dir.write("img.zqf", large);
+    const ImagePtr image = open(large.size());
+    image->setWritten(0);
+    EXPECT_TRUE(streamOf(*image) == large);
+    const uint64 nBefore = server.getNBytes("img.zqf");
+    readOf(*image, large.size() - ZqRemoteImage::MAX_HELD + STRETCH, 1);
+    EXPECT_EQ(server.getNBytes("img.zqf") - nBefore, 0U);
+    readOf(*image, STRETCH, 1);
+    EXPECT_GT(server.getNBytes("img.zqf") - nBefore, 0U);
+}
+
 TEST_F(RemoteImage, whatAnEarlierRunFetchedIsntFetchedAgain) {
     // Not so fast that what follows comes, too.
     server.setRate(20'000'000);

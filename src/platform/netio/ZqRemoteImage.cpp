@@ -222,7 +222,7 @@ ZqRemoteImage::Bytes ZqRemoteImage::getStretch(uint64 stretchIdx, const ZqStopTe
     if (!fetch) fetch = beginDemand(stretchIdx, false);
     Bytes bytes = takeNext(fetch.getPtr(), stop);
     passOn(fetch);
-    keep(stretchIdx, bytes, fetch->isChecked, &Figures::nOnDemand);
+    keep(stretchIdx, bytes, fetch->wireSize(stretchIdx), fetch->isChecked, &Figures::nOnDemand);
     return bytes;
 }
 
@@ -460,7 +460,7 @@ void ZqRemoteImage::takeUpTo(Fetch* fetch, uint64 endIdx, const ZqStopTest& stop
     while (fetch->nextIdx < endIdx) {
         const uint64 idx = fetch->nextIdx;
         const Bytes bytes = takeNext(fetch, stop);
-        keep(idx, bytes, fetch->isChecked, &Figures::nAhead);
+        keep(idx, bytes, fetch->wireSize(idx), fetch->isChecked, &Figures::nAhead);
         ++fetch->claimedIdx;
         forgetAhead(idx);
     }

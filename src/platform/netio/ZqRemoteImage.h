@@ -27,6 +27,8 @@ public:
     /// Bytes of one stretch: a frame of the packed form, and a request on demand.
     static constexpr uint64 STRETCH = ZqSeekTable::FRAME;
     static constexpr uint64 MAX_KEPT = 256 << 20;
+    /// Bytes that the stream may have brought and that `img.zqf` hasn't got yet.
+    static constexpr uint64 MAX_HELD = 36 << 20;
     /// Ranges that are worth fetching at once.
     static constexpr int64 GROUP = 6;
 
@@ -38,7 +40,7 @@ public:
         uint64 nLeft = 0;      ///< decoded, given to ranges by the stream
         uint64 nTakenKept = 0; ///< decoded, given to the stream out of what was kept
         uint64 nStored = 0;    ///< decoded, kept beyond this object's life
-        uint64 nTwice = 0;     ///< of the wire, received by the stream though kept
+        uint64 nTwice = 0;     ///< of the wire, received by the stream and as ranges
         bool isPacked = false; ///< whether the packed form is in use
     };
 
@@ -67,8 +69,10 @@ public:
     /// What ranges bring is kept in `store_` beyond this object's life, and what it holds serves ranges and
     /// the stream. To be called before all other operations, if at all.
     void setStore(std::unique_ptr<ZqStretchStore> store_);
-    /// `img.zqf` holds `size` bytes now: what the store has of these may go.
-    void setWritten(uint64 size) { written.store(size); }
+    /// `img.zqf` holds `size` bytes now: what the store has of these may go. What the stream has brought
+    /// beyond that is given to ranges out of memory from the first call on, up to MAX_HELD, and to a stream
+    /// that begins again.
+    void setWritten(uint64 size);
 
     /// Starts to fetch the stretches of these ranges (bytes of `img.zqf`), all at once, and returns; read()
     /// then takes them. Up to GROUP; what was announced before and not taken is dropped. Does nothing for
@@ -174,7 +178,10 @@ private:
     /// The stretch that comes next.
     Bytes takeNext(Fetch* fetch, const ZqStopTest& stop);
     Bytes takeAgain(Fetch* fetch, const ZqStopTest& stop);
-    void keep(uint64 stretchIdx, const Bytes& bytes, bool isChecked, uint64 Figures::*figure);
+    /// `nWire` bytes of the wire have brought it.
+    void keep(uint64 stretchIdx, const Bytes& bytes, uint64 nWire, bool isChecked, uint64 Figures::*figure);
+    /// Lets go of what the stream has brought and that is in `img.zqf`, but for the last.
+    void shedRecent() SX_REQUIRES(mutex);
     /// A stretch that is kept, compared with the table where it hasn't been; null where there is none, or no
     /// right one.
     Bytes getKept(uint64 stretchIdx);
@@ -228,6 +235,7 @@ private:
     std::unique_ptr<ZqStretchStore> store; ///< null where nothing is kept for later
     std::unique_ptr<Storer> storer;
     std::atomic<uint64> written{0};
+    std::atomic<bool> isWrittenTold{false};
 
     mutable SxMutex mutex;
     std::condition_variable_any changed;
@@ -243,7 +251,7 @@ private:
     std::list<uint64> inBoth SX_GUARDED_BY(mutex);     ///< those of them that it has, too, oldest first
     std::set<uint64> unchecked SX_GUARDED_BY(mutex);   ///< kept stretches that came before the table
     std::set<uint64> distrusted SX_GUARDED_BY(mutex);  ///< stretches that came wrong
-    std::list<std::pair<uint64, Bytes>> recent SX_GUARDED_BY(mutex); ///< what the stream brought last
+    std::list<std::pair<uint64, Bytes>> recent SX_GUARDED_BY(mutex); ///< what the stream brought, last first
     std::map<uint64, SxPtr<Fetch>> announced SX_GUARDED_BY(mutex);   ///< by stretch
     std::multiset<uint64> demanded SX_GUARDED_BY(mutex);             ///< stretches that ranges fetch
     /// Stretches that a loader is to have, with what brings them; null until that is begun.

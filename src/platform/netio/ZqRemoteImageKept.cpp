@@ -21,6 +21,8 @@ constexpr auto LOOK = std::chrono::milliseconds(20);
 constexpr int64 TABLE_PATIENCE_NS = 2'000'000'000;
 /// Nobody waits for what is stored, and what it takes of the disk is given back at leisure.
 constexpr auto STORER_LOOK = std::chrono::seconds(1);
+/// Stretches that the stream has brought and that ranges may still ask for though they are written.
+constexpr size_t N_RECENT = 4;
 /// Stretches that stay in memory though the store has them: 20 MiB.
 constexpr uint64 N_CACHED = 100;
 
@@ -183,9 +185,29 @@ void ZqRemoteImage::setStore(std::unique_ptr<ZqStretchStore> store_) {
     storer->start();
 }
 
-void ZqRemoteImage::keep(uint64 stretchIdx, const Bytes& bytes, bool isChecked, uint64 Figures::*figure) {
+void ZqRemoteImage::setWritten(uint64 size) {
+    written = size;
+    isWrittenTold = true;
+    SxMutexBlock lock(&mutex);
+    shedRecent();
+}
+
+void ZqRemoteImage::shedRecent() {
+    const uint64 end = written;
+    while (recent.size() > N_RECENT) {
+        const uint64 idx = recent.back().first;
+        const bool isHeld = isWrittenTold && idx * STRETCH + stretchSize(idx) > end;
+        if (isHeld && recent.size() * STRETCH <= MAX_HELD) return;
+        recent.pop_back();
+    }
+}
+
+void ZqRemoteImage::keep(uint64 stretchIdx, const Bytes& bytes, uint64 nWire, bool isChecked,
+                         uint64 Figures::*figure) {
     SxMutexBlock lock(&mutex);
     figures.*figure += stretchSize(stretchIdx);
+    // The stream has brought it meanwhile, or is about to. What is kept is counted where that comes to it.
+    if (stretchIdx * STRETCH < streamPos) figures.nTwice += nWire;
     if (isChecked) distrusted.erase(stretchIdx);
     if ((nInMemory + 1) * STRETCH > maxKept) shedStored(0);
     if (stretchIdx * STRETCH < streamPos || (nInMemory + 1) * STRETCH > maxKept) return;

@@ -14,8 +14,6 @@ namespace {
 constexpr const char* UNIT = "src/platform/netio/ZqRemoteImageStream";
 constexpr auto LOOK = std::chrono::milliseconds(20);
 constexpr uint64 NOWHERE = ~uint64{0};
-/// Stretches that the stream has brought and that ranges may still ask for.
-constexpr size_t N_RECENT = 4;
 /// A request of the stream lasts so long, so that its round trip costs a hundredth at most.
 constexpr double SEGMENT_SECONDS = 2., SEGMENT_TRIPS = 100.;
 /// Round trips that it costs to break a request off and begin behind a kept stretch: what is on the way is
@@ -94,7 +92,6 @@ ZqRemoteImage::StreamRun::StreamRun(ZqRemoteImage* image_, uint64 offset, const 
     image->streaming = true;
     image->streamPos = offset;
     image->streamMovedNs = SxClock::get().steadyNs();
-    image->recent.clear();
 }
 
 ZqRemoteImage::StreamRun::~StreamRun() {
@@ -394,8 +391,9 @@ void ZqRemoteImage::StreamRun::publish(uint64 idx, const Bytes& bytes, uint64 nW
         }
         image->dropKept(0, idx + 1);
         image->distrusted.erase(image->distrusted.begin(), image->distrusted.upper_bound(idx));
+        image->recent.remove_if([&](const auto& entry) { return entry.first == idx; });
         if (bytes) image->recent.emplace_front(idx, bytes);
-        if (image->recent.size() > N_RECENT) image->recent.pop_back();
+        image->shedRecent();
         image->streamPos = idx * STRETCH + size;
         image->streamMovedNs = SxClock::get().steadyNs();
     }
