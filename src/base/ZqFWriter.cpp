@@ -24,6 +24,9 @@ constexpr const char* TEST_FILE = "test.dat";
 constexpr int FILE_MODE = 0600;
 
 constexpr uint64 PIECE = 2'000'000;
+/// Of a piece so much is written at a time: on a slow disk what is there can be read before the rest is
+/// written.
+constexpr int64 WRITE_STEP = 256 << 10;
 constexpr uint64 MIN_WRITE_SPEED = 0x300000;       // bytes per second
 constexpr uint64 LEAST_MAX_WRITE_SPEED = 0xA00000; // bytes per second
 constexpr uint64 LARGE_BUFFER = 500'000'000;
@@ -80,6 +83,7 @@ ZqFWriter::ZqFWriter(const SxString& dirPath_, const SxString& fileName_)
       bytesAtLastSample(cursor0),
       timeAtLastSample(steady0),
       avgSpeed(SxPtr<ZqAvg>::create(SAMPLES)),
+      writeEnd(cursor0),
       sync(pathOf(fileName)) {
     setThreadName("image writer");
     removeIfThere(pathOf(CHUNKS));
@@ -303,6 +307,7 @@ void ZqFWriter::writeImage() {
 /// Waits for the first bytes behind the end of the file.
 void ZqFWriter::beginAtEnd(SxFileIO* image, uint64 total) {
     const auto size = static_cast<uint64>(image->getSize());
+    writeEnd = size;
     {
         SxMutexBlock lock(&dataMutex);
         bufferCursor = size;
@@ -380,7 +385,11 @@ void ZqFWriter::writePiece(SxFileIO* image, uint64 offset, uint64 target) {
         SxMutexBlock lock(&dataMutex);
         piece = chunks.at(offset);
     }
-    image->write(*piece);
+    for (int64 at = 0; at < piece->getSize(); at += WRITE_STEP) {
+        const int64 n = std::min(WRITE_STEP, piece->getSize() - at);
+        image->writeBuffer(piece->data() + at, n);
+        writeEnd += static_cast<uint64>(n);
+    }
     image->flush();
     const auto written = static_cast<uint64>(piece->getSize());
     if (target > 0) {

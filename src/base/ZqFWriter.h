@@ -58,6 +58,9 @@ public:
     uint64 getBufferCursor() const;
     /// The end of what is written, as far as the thread has started.
     uint64 getWriteCursor() const;
+    /// The end of what the calls of write(2) have returned for, which can be read; also within a piece. A
+    /// file system may tell a size ahead of it.
+    uint64 getWriteEnd() const { return writeEnd; }
     /// Bytes in memory: pushed and not yet written, also those behind a gap.
     uint64 getBytesHeld() const;
     /// Whether the thread waits for room on the disk.
@@ -128,6 +131,7 @@ private:
     std::map<uint64, uint64> chunkSizes SX_GUARDED_BY(dataMutex);
 
     std::atomic<bool> waitingForRoom{false};
+    std::atomic<uint64> writeEnd;
 
     // The writer's thread alone.
     ZqDiskReserve reserve;

@@ -54,7 +54,15 @@ SxString ZqImageFeed::filePath(const char* name) const {
 
 uint64 ZqImageFeed::fileSize() const {
     const SxFileInfo zqf(filePath(ZqImageFiles::ZQF));
-    return zqf.isFile() ? static_cast<uint64>(zqf.getSize()) : 0;
+    if (!zqf.isFile()) return 0;
+    const auto told = static_cast<uint64>(zqf.getSize());
+    return std::min(told, writeEnd());
+}
+
+/// Where no write is under way the size itself tells what can be read, also behind a write that has failed.
+uint64 ZqImageFeed::writeEnd() const {
+    const SxPtr<ZqFWriter> now = getWriter();
+    return now && now->isRunning() ? now->getWriteEnd() : ZqImageProgress::ANY;
 }
 
 bool ZqImageFeed::isComplete() const {
@@ -212,6 +220,7 @@ void ZqImageFeed::start() {
     zqNetioOfferImage(image);
     makeWriter();
     progress = SxPtr<ZqImageProgress>::create(settings.image, app);
+    progress->setWriteEnd([this] { return writeEnd(); });
     progress->start();
     download = std::make_unique<ZqOrderedDownload>(image);
     beginDownload();

@@ -91,7 +91,7 @@ public:
     const ZqAppParams& getApp() const noexcept { return app; }
     const ZqImageParams& getParams() const noexcept { return params; }
     const SxString& getUrl() const noexcept { return url; }
-    /// Bytes of `img.zqf` that are there.
+    /// Bytes of `img.zqf` that are there: can be read.
     uint64 fileSize() const;
     /// How many blocks are there, as a mount takes it.
     uint64 countBlocks() const;
@@ -172,6 +172,8 @@ private:
     void measureDisk();
     void lookForRoom();
     SxPtr<ZqFWriter> getWriter() const;
+    /// The end of what the writer has written; ZqImageProgress::ANY while there is none that may write.
+    uint64 writeEnd() const;
     void setWaiting(const SxString& text);
     void fail(const SxException& e);
 

@@ -47,24 +47,33 @@ uint64 longestTrace(const SxString& folder) {
 
 } // namespace
 
-/// The size of the growing image.
+/// How much of the growing image can be read.
 class ZqImageProgress::File {
 public:
-    explicit File(const SxString& path) : file(path) { look(); }
+    File(const SxString& path, const std::function<uint64()>* writeEnd_) : file(path), writeEnd(writeEnd_) {
+        look();
+    }
 
     /// Gives whether it has grown.
     bool look() {
         file.setDirty();
         const auto now = static_cast<uint64>(file.getSize());
-        if (now < size) {
+        if (now < told) {
             throw SxException("Application image has been externally modified", UNIT, __LINE__);
         }
-        return now > std::exchange(size, now);
+        told = now;
+        // After the size, so that what was written between doesn't count yet.
+        const uint64 end = *writeEnd ? std::min(now, (*writeEnd)()) : now;
+        if (end <= size) return false;
+        size = end;
+        return true;
     }
     uint64 getSize() const { return size; }
 
 private:
     SxFile file;
+    const std::function<uint64()>* const writeEnd;
+    uint64 told = 0; ///< by the file system
     uint64 size = 0;
 };
 
@@ -195,7 +204,7 @@ void ZqImageProgress::main() {
 }
 
 void ZqImageProgress::watch() {
-    File file(path + "/" + ZqImageFiles::ZQF);
+    File file(path + "/" + ZqImageFiles::ZQF, &writeEnd);
     {
         SxMutexBlock lock(&countMutex);
         nCurrent0 = file.getSize();

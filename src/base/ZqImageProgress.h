@@ -7,6 +7,7 @@
 #include "ZqAvg.h"
 
 #include <atomic>
+#include <functional>
 
 /// Watches `img.zqf` grow: moves the drive's cursor behind what is there, measures the download, and says how
 /// much must be there before the application may start. May run before the mount; an image that isn't mounted
@@ -17,6 +18,14 @@ class ZqImageProgress : public SxSystemThread {
 public:
     /// `path`: the image's folder without a trailing slash, which holds `img.zqf` when the thread starts.
     ZqImageProgress(const SxString& path, const ZqAppParams& params);
+
+    /// Where the image's writer is in this process: gives the end of what its calls of write(2) have returned
+    /// for, ANY while it writes nothing. The file's size counts no further than that: a file system of a
+    /// daemon (FUSE) tells the daemon's size while a write of several requests is under way, and reads end at
+    /// the size from before it. Any other writer's progress is told by the size alone. To be called before
+    /// the start; `end` is called on this thread.
+    void setWriteEnd(std::function<uint64()> end) { writeEnd = std::move(end); }
+    static constexpr uint64 ANY = ~uint64{0};
 
     void stop();
     bool stopRequested() const;
@@ -72,6 +81,7 @@ private:
 
     const SxString path;
     const ZqAppParams appParams;
+    std::function<uint64()> writeEnd; ///< may be empty
 
     mutable SxMutex speedMutex;
     SxPtr<ZqAvg> avgSpeed SX_GUARDED_BY(speedMutex);

@@ -1,6 +1,8 @@
+#include "FaultOs.h"
 #include "MountTest.h"
 #include "SxEventBus.h"
 #include "SxTime.h"
+#include "ZqFWriter.h"
 #include "ZqImageProgress.h"
 
 namespace {
@@ -39,6 +41,34 @@ public:
     SxEventListener errors;
 };
 
+/// A disk whose file system tells the size that a write will bring while that is still under way.
+class SlowDisk : public FaultOs {
+public:
+    static constexpr int64 WRITE_MS = 300;
+
+    explicit SlowDisk(Download* download_)
+        : FaultOs(download_->machine.dir.path("image")),
+          download(download_),
+          nReadable(fs::file_size(download_->machine.dir.path("image/img.zqf"))) {}
+
+    int64 writeAt(int fd, const void* buffer, int64 n, int64 offset) override {
+        const int64 done = FaultOs::writeAt(fd, buffer, n, offset);
+        if (n < LEAST) return done; // a record's
+        SxTime::msleep(WRITE_MS);
+        nAhead += download->cursor() > nReadable / 4096 ? 1 : 0;
+        nReadable += static_cast<uint64>(done);
+        greatest = std::max(greatest, n);
+        return done;
+    }
+    int64 nAhead = 0;   ///< writes during which the cursor was ahead of what could be read
+    int64 greatest = 0; ///< bytes
+
+private:
+    static constexpr int64 LEAST = 20'000;
+    Download* const download;
+    uint64 nReadable;
+};
+
 } // namespace
 
 TEST(ImageProgress, CursorAndCountFollowTheFile) {
@@ -71,6 +101,33 @@ TEST(ImageProgress, CursorAndCountFollowTheFile) {
     EXPECT_EQ(progress->getNCurrent(), TOTAL);
     EXPECT_EQ(download.machine.nLogged("ZqImageProgress::main: START"), 1);
     EXPECT_EQ(download.machine.nLogged("ZqImageProgress::main: END"), 1);
+}
+
+TEST(ImageProgress, TheCursorGoesNoFurtherThanTheWriterHasWritten) {
+    Download download(4096);
+    Machine& machine = download.machine;
+    const SxString folder = machine.dir.prefix() + "image/";
+    machine.app.write(folder);
+    SlowDisk disk(&download);
+    const auto writer = SxPtr<ZqFWriter>::create(folder, "img.zqf");
+    writer->setUnpaced();
+    const auto progress = download.progress();
+    progress->setWriteEnd(
+        [writer] { return writer->isRunning() ? writer->getWriteEnd() : ZqImageProgress::ANY; });
+    writer->start();
+    progress->start();
+    for (uint64 at = 4096; at < TOTAL; at += 1'000'000)
+        writer->pushChunk(at, SxArray<char>(static_cast<int64>(std::min<uint64>(1'000'000, TOTAL - at))));
+    // Of the first piece a part can be read while the rest is written.
+    SxTime::msleep(SlowDisk::WRITE_MS * 5 / 2);
+    EXPECT_GE(download.cursor(), 2U);
+    EXPECT_LT(download.cursor(), 1'000'000U / 4096);
+    progress->wait();
+    writer->wait();
+    EXPECT_EQ(disk.nAhead, 0);
+    EXPECT_LE(disk.greatest, 256 << 10);
+    EXPECT_EQ(download.cursor(), END);
+    EXPECT_EQ(progress->getNCurrent(), TOTAL);
 }
 
 TEST(ImageProgress, SpeedsComeOncePerPass) {
