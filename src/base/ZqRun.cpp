@@ -138,6 +138,7 @@ void ZqRun::main() {
         throw;
     }
     end();
+    if (!result.driveFailure.isEmpty()) throw driveFailed();
 }
 
 void ZqRun::run() {
@@ -477,6 +478,7 @@ SxSymbol ZqRun::toJson() const {
     if (result.firstFrameMs >= 0) root.append("firstFrameMs", result.firstFrameMs);
     if (result.lastWaitMs >= 0) root.append("lastWaitMs", result.lastWaitMs);
     root.append("traceFolder", result.traceFolder);
+    root.append("driveFailure", result.driveFailure);
     root.append("bytesOnDemand", result.link.nOnDemandBytes);
     appendTransfer(&root);
     return root;

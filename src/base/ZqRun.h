@@ -64,6 +64,7 @@ public:
         bool isComplete = false; ///< the image is, and was found to be right
         SxString mountPath;      ///< where the drive was left; empty where it is gone
         SxString missed;         ///< the process that the record names, where it was never found
+        SxString driveFailure;   ///< the first read or write of the drive that failed; empty where none has
         SxString unwritten;      ///< why `runtime.json` couldn't be written; empty where it could
     };
 
@@ -79,6 +80,8 @@ public:
     ZqStartForecast forecast(double speedMbit) const;
     /// Whether the drive of a former run was found to have gone with writes that its programs hadn't synced.
     bool hasLostWrites() const { return lostWrites; }
+    /// Tag of a run's exception: the run has come to its end, but a read or write of its drive has failed.
+    static constexpr const char* DRIVE_FAILED = "DriveFailed";
     /// Meaningful once the run has ended.
     const Result& getResult() const { return result; }
     /// The result: what `runtime.json` has, `exitCode` null where it isn't known, and more. Of a mere
@@ -137,6 +140,9 @@ private:
     void complete();
     void end();
     void endDrive(bool keep);
+    /// Keeps what has failed of the drive: with the drive goes who could tell it.
+    void noteDrive(const ZqDiskStatus& disk);
+    SxException driveFailed() const;
     void takeSample();
     void fillResult();
     void appendTransfer(SxParserKit::SxSymbol* root) const;

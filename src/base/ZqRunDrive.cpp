@@ -235,7 +235,11 @@ void ZqRun::feedDrive() {
     const ZqMountMgr mounts;
     for (bool isUp = true; isUp && !isStopping();) {
         SxTime::msleep(LOOK_MS * 10);
-        patiently([&] { isUp = mounts.isMounted(image); });
+        patiently([&] {
+            ZqDiskStatus disk;
+            isUp = mounts.isMounted(image);
+            if (isUp && ZqVolume::findDisk(image, &disk)) noteDrive(disk);
+        });
         if (isUp) watchReads();
     }
     feed.requireAlive();
@@ -248,7 +252,23 @@ ZqDiskStatus ZqRun::requireDisk() {
     if (!isUp) {
         throw SxException("The drive of '" + image + "' has gone", UNIT, __LINE__);
     }
+    noteDrive(disk);
     return disk;
+}
+
+void ZqRun::noteDrive(const ZqDiskStatus& disk) {
+    if (!result.driveFailure.isEmpty() || disk.failure.isEmpty()) return;
+    // A volume that somebody has unmounted isn't a failure of reads.
+    if (!ZqVolume::isVisible(disk)) return;
+    result.driveFailure = disk.failure;
+    result.info.endErr = true;
+    zqLogMsg("base", "ZqRun: the drive of '" + image + "' has failed: " + disk.failure);
+}
+
+SxException ZqRun::driveFailed() const {
+    const SxException cause(result.driveFailure, UNIT, __LINE__);
+    return SxException(cause, "A read or write of the drive of '" + image + "' has failed", UNIT, __LINE__)
+        .tagged(DRIVE_FAILED);
 }
 
 void ZqRun::watchDrive() {
@@ -310,7 +330,10 @@ void ZqRun::endDrive(bool keep) {
                                   "taken the drive away",
                               UNIT, __LINE__);
         }
-    } else if (keep) {
+        return;
+    }
+    noteDrive(disk);
+    if (keep) {
         // The play that it is of has ended.
         endTrace();
         result.mountPath = disk.mountPath;

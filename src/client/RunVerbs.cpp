@@ -136,6 +136,10 @@ void followRun(ZqRun* job, const SxString& image, const Output& out,
     progress.finish();
     job->wait();
     if (!toldLoss && job->hasLostWrites()) Output::failure(lostWritesText(image));
+    // Where it isn't the run's own failure.
+    const SxString failure = job->getResult().driveFailure;
+    if (!failure.isEmpty() && job->hasException() && !job->getException().hasTag(ZqRun::DRIVE_FAILED))
+        Output::failure("A read or write of the drive of '" + image + "' has failed: " + failure);
 }
 
 /// What can't be written is no reason to keep back the other file, nor what has ended the run.

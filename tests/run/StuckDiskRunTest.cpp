@@ -136,3 +136,35 @@ TEST_F(StuckDisk, AReadAheadThatCouldntBeSetIsSetLater) {
     EXPECT_TRUE(eventually([&] { return readAhead() == 1024; })) << readAhead();
     done({"umount", stuck});
 }
+
+/// The application, or whoever reads a fed drive, gets an I/O error; who has the drive must say why.
+TEST_F(StuckDisk, AReadThatFailsIsToldAtTheEnd) {
+    dir.write("game/play.sh", "#!/bin/sh\n"
+                              "echo \"-1 $BAD_IMAGE\" >\"$SLOW_DISK\"\n"
+                              "cat big.pak >/dev/null\n"
+                              "echo >\"$SLOW_DISK\"\n"
+                              "exit 3\n");
+    fs::permissions(dir.path("game/play.sh"), fs::perms(0755));
+    const string bad = build("bad", "erofs", {"--cmd", "{{ZQDRIVE}}/TAVRIN-protected/app/play.sh"});
+    ::setenv("BAD_IMAGE", (bad + "/img.zqf").c_str(), 1);
+    const Outcome played = run({"run", bad, "--report", dir.path("report.json")});
+    EXPECT_EQ(played.code, 1);
+    EXPECT_THAT(played.out, HasSubstr("ended with code 3"));
+    EXPECT_THAT(played.err,
+                testing::AllOf(HasSubstr("A read or write of the drive of"), HasSubstr("img.zqf")));
+    EXPECT_THAT(dir.read("report.json"), HasSubstr("\"driveFailure\": \"Cannot read 'img.zqf'"));
+
+    const auto feeder = start({"mount", bad, "--url", "http://127.0.0.1:9/"});
+    ASSERT_TRUE(eventually([&] { return statusOf(bad).ready; }));
+    setRate("-1 " + bad + "/img.zqf");
+    std::ifstream pak(statusOf(bad).mountPath.str() + "/TAVRIN-protected/app/big.pak", std::ios::binary);
+    string byte(1, '\0');
+    EXPECT_FALSE(pak.read(byte.data(), 1)) << "it is still in a cache";
+    pak.close();
+    setRate("");
+    EXPECT_THAT(statusOf(bad).failure.str(), HasSubstr("img.zqf"));
+    SxTime::msleep(500); // five looks of the feeder, and no more of the drive after that
+    done({"umount", bad});
+    EXPECT_EQ(feeder->wait(), 1);
+    ::unsetenv("BAD_IMAGE");
+}

@@ -1,8 +1,7 @@
 // Loaded before the C library into a drive service: a disk that takes its time for the files of an image.
 // `$SLOW_DISK` is a file with the bytes that it takes in a second; 0 means that it takes none, until
-// that changes. A path behind the number: only what lies below that is slow. `$SLOW_OPEN` is a file with a
-// path; what lies below that is neither opened nor
-// looked at until it changes.
+// that changes, and -1 that it can't be read. A path behind the number: only what lies below that is slow.
+// `$SLOW_OPEN` is a file with a path; what lies below that is neither opened nor looked at until it changes.
 
 #include <cerrno>
 #include <cstdarg>
@@ -14,6 +13,7 @@
 #include <mutex>
 #include <sys/stat.h>
 #include <sys/types.h>
+#include <sys/uio.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -51,9 +51,14 @@ void take(int fd, size_t bytes) {
     long rate = bytesPerSecond(fd);
     for (; rate == 0; rate = bytesPerSecond(fd))
         pause(0.01);
-    if (rate == MAX_RATE) return;
+    if (rate == MAX_RATE || rate < 0) return;
     const std::lock_guard<std::mutex> lock(turn);
     pause(static_cast<double>(bytes) / static_cast<double>(rate));
+}
+
+/// Whether the service can't read it.
+bool isBad(int fd) {
+    return std::strcmp(program_invocation_short_name, "zqdd") == 0 && bytesPerSecond(fd) < 0;
 }
 
 /// Whether the service is not to open it yet; its clients may.
@@ -113,6 +118,30 @@ extern "C" ssize_t pwrite(int fd, const void* bytes, size_t n, off_t offset) {
 
 extern "C" ssize_t pwrite64(int fd, const void* bytes, size_t n, off_t offset) {
     return pwrite(fd, bytes, n, offset);
+}
+
+extern "C" ssize_t pread(int fd, void* bytes, size_t n, off_t offset) {
+    using Call = ssize_t (*)(int, void*, size_t, off_t);
+    static const auto real = reinterpret_cast<Call>(dlsym(RTLD_NEXT, "pread"));
+    if (!isBad(fd)) return real(fd, bytes, n, offset);
+    errno = EIO;
+    return -1;
+}
+
+extern "C" ssize_t pread64(int fd, void* bytes, size_t n, off_t offset) {
+    return pread(fd, bytes, n, offset);
+}
+
+extern "C" ssize_t preadv2(int fd, const iovec* parts, int nParts, off_t offset, int flags) {
+    using Call = ssize_t (*)(int, const iovec*, int, off_t, int);
+    static const auto real = reinterpret_cast<Call>(dlsym(RTLD_NEXT, "preadv2"));
+    if (!isBad(fd)) return real(fd, parts, nParts, offset, flags);
+    errno = EIO;
+    return -1;
+}
+
+extern "C" ssize_t preadv64v2(int fd, const iovec* parts, int nParts, off_t offset, int flags) {
+    return preadv2(fd, parts, nParts, offset, flags);
 }
 
 extern "C" int fdatasync(int fd) {
