@@ -116,7 +116,7 @@ void ZqTrace::shift(int seconds) {
     ZqTraceRecords::refuseRecording(pathPrefix);
     ZqTraceParams record(pathPrefix);
     record.time0 -= seconds * MS_PER_S;
-    record.method = ZqTraceParams::Shift;
+    record.method = record.getMethodAfter(ZqTraceParams::Shift);
     try {
         record.write(pathPrefix);
     } catch (const SxException& e) {
@@ -151,7 +151,7 @@ void ZqTrace::align(const SxString& refPath) {
         (*items)(i - nAhead).time += shift;
     }
     items->resize(items->getSize() - nAhead, true);
-    write(lock, *items, pathPrefix, ZqTraceParams::Align, record.checksumMnt, [] {});
+    write(lock, *items, pathPrefix, record.getMethodAfter(ZqTraceParams::Align), record.checksumMnt, [] {});
 }
 
 void ZqTrace::append(const SxString& otherPath, const SxString& outPath, int gapSeconds) {

@@ -100,6 +100,6 @@ void ZqTrace::mapToImage(const SxString& patchPath, const SxString& outPath) con
     };
     walk([](const ZqTraceItem&) {});
     logResult(nItems, nMapped, static_cast<uint64>(nItems) - nMapped);
-    write(ZqTraceLock(outPath), walk, outPath, ZqTraceParams::Patch, app.checksumMnt,
+    write(ZqTraceLock(outPath), walk, outPath, record.getMethodAfter(ZqTraceParams::Patch), app.checksumMnt,
           [&] { copyRecord(pathPrefix, outPath); });
 }

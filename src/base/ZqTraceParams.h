@@ -52,11 +52,17 @@ public:
     static SxString methodToString(Method value);
 
     /// Whether the trace holds runs one after the other, as trace building and appending make it. The method
-    /// alone doesn't tell: later operations change it.
+    /// alone doesn't tell: later operations change that of a trace that was built.
     bool isSeries() const { return method == IncMonitoring || firstSessionBlockIndex > 0; }
-    /// Raises where it does, and says what to do: of such a trace neither an order nor a merge comes out
-    /// right, since what every run needs at its start stands long after the start of the first one, or was
-    /// dropped as a repeat.
+    /// The method of the trace once an operation of that method has changed it: `operation`, unless the
+    /// present method is all that tells of a series, as after appending. The series stays one whatever is
+    /// done to its times and blocks, and merging and ordering go on refusing it.
+    Method getMethodAfter(Method operation) const {
+        return isSeries() && firstSessionBlockIndex == 0 ? method : operation;
+    }
+    /// Raises where it is a series, and says what to do: of such a trace neither an order nor a merge comes
+    /// out right, since what every run needs at its start stands long after the start of the first one, or
+    /// was dropped as a repeat.
     void refuseSeries() const;
 
     bool operator==(const ZqTraceParams&) const = default;

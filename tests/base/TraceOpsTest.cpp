@@ -377,6 +377,33 @@ TEST(TraceOps, Append) {
     EXPECT_EQ(dir.snapshot(), tree);
 }
 
+TEST(TraceOps, ASeriesStaysOneWhateverIsDoneToIt) {
+    const TempDir dir;
+    const SxString run = makeTrace(dir, "run", at({{1, 0}, {2, 5}})), patch = dir.path("patch/");
+    ZqAppParams app;
+    app.checksumMnt = "new build";
+    app.write(patch);
+    dir.write("patch/map.idx", std::string(4 * 8, '\0'));
+    const std::pair<const char*, std::function<void(ZqTrace*, const SxString& path)>> operations[] = {
+        {"shift", [](ZqTrace* trace, const SxString&) { trace->shift(1); }},
+        {"align", [&](ZqTrace* trace, const SxString&) { trace->align(run); }},
+        {"map", [&](ZqTrace* trace, const SxString& path) { trace->mapToImage(patch, path); }},
+        {"keep", [](ZqTrace* trace, const SxString&) { trace->dropTime(0, 1); }},
+        {"trim", [](ZqTrace* trace, const SxString& path) { trace->trim(path); }},
+        {"mend", [](ZqTrace* trace, const SxString&) { trace->mend(); }}};
+    for (const auto& [name, change] : operations) {
+        const SxString series = dir.path("series/");
+        ZqTrace(run).append(run, series, 0);
+        ZqTrace trace(series);
+        change(&trace, series);
+        EXPECT_EQ(Params(series).firstSessionBlockIndex, 0) << name;
+        EXPECT_THAT(failureOf([&] { ZqTrace::merge(dir.path("merged/"), asList({series})); }),
+                    HasSubstr("holds several runs one after the other"))
+            << name;
+    }
+    EXPECT_FALSE(dir.exists("merged/img.trc"));
+}
+
 TEST(TraceOps, RunsAreThoseOfAMapOfAllBlocks) {
     TestRandom random;
     TRACE_SEED(random);
