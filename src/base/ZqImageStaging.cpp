@@ -5,6 +5,7 @@
 #include "SxMd5.h"
 #include "ZqAppParams.h"
 #include "ZqImageFiles.h"
+#include "ZqImageFolder.h"
 #include "ZqImageReplacement.h"
 #include "ZqLog.h"
 #include "ZqRunTraces.h"
@@ -41,7 +42,7 @@ struct Gathered {
 
     explicit Gathered(const SxString& folder_) : folder(folder_) {
         hasTraces = SxFSAction::test_d(folder + TRACES) && !SxFSAction::ls(folder + TRACES).isEmpty();
-        hasLayer = SxFSAction::exists(folder + ZqImageFiles::LAYER_INDEX);
+        hasLayer = ZqImageFolder::hasWrittenLayer(folder);
         if (!SxFSAction::test_f(folder + ZqImageFiles::APP_JSON)) return;
         try {
             app.read(folder);

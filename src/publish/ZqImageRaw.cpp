@@ -31,7 +31,7 @@ void ZqImageRaw::main() {
                           UNIT, __LINE__);
     }
     // What was written to the drive and has no place in img.zqf would be missing without a word.
-    if (SxFSAction::exists(image + ZqImageFiles::LAYER_INDEX)) {
+    if (ZqImageFolder::hasWrittenLayer(image)) {
         throw SxException("Image '" + image + "' has a write layer (" + ZqImageFiles::LAYER_INDEX +
                               "): its RAW image would lack what that holds",
                           UNIT, __LINE__);

@@ -437,6 +437,15 @@ TEST(ImageBuild, WhatWasGatheredGoesOnlyWhereThatIsAskedFor) {
          {"/image/traces), which"},
          {},
          traces},
+        {"another disk, a layer without a record",
+         [](const TempDir& dir) {
+             dir.write("source/a", "b");
+             dir.write("image/img.tix", "");
+             fs::remove_all(dir.path("image/traces"));
+         },
+         {},
+         {},
+         layer},
         {"an unknown disk",
          [&](const TempDir& dir) { setApp(dir, [](ZqAppParams* app) { app->checksumMnt = SxString(); }); },
          {"another build"},

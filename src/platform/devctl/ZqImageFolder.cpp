@@ -1,7 +1,21 @@
 #include "ZqImageFolder.h"
 
 #include "SxFSAction.h"
+#include "SxFileIO.h"
 #include "ZqImageFiles.h"
+
+#include <algorithm>
+#include <array>
+#include <string_view>
+
+namespace {
+
+constexpr size_t LAYER_RECORD = 16; ///< bytes
+/// What the indices of write layers begin with, and how many records' places that takes.
+constexpr std::pair<std::string_view, size_t> LAYER_HEADERS[] = {
+    {"ZLAYER03", 2}, {"ZLAYER02", 2}, {"ZLAYER01", 1}};
+
+} // namespace
 
 SxString ZqImageFolder::prefix(const SxString& path) {
     return path.endsWith("/") ? path : path + "/";
@@ -18,4 +32,20 @@ bool ZqImageFolder::holdsImage(const SxString& path) {
 
 bool ZqImageFolder::isFree(const SxString& path) {
     return !SxFSAction::exists(path) || (SxFSAction::test_d(path) && SxFSAction::ls(path).isEmpty());
+}
+
+bool ZqImageFolder::hasWrittenLayer(const SxString& path) {
+    const SxString file = prefix(path) + ZqImageFiles::LAYER_INDEX;
+    const auto info = SxFSAction::look(file);
+    if (!info) return false;
+    if (info->kind != SxStat::File) return true;
+    std::array<char, 3 * LAYER_RECORD> bytes{};
+    SxFileIO index(file, "rb");
+    const auto n = static_cast<size_t>(index.readBuffer(bytes.data(), static_cast<int64>(bytes.size())));
+    const std::string_view begin(bytes.data(), n);
+    for (const auto& [magic, nPlaces] : LAYER_HEADERS) {
+        if (begin.starts_with(magic)) return n >= (nPlaces + 1) * LAYER_RECORD;
+    }
+    // Zeros are what a power cut has left of one that was never synced.
+    return std::any_of(begin.begin(), begin.end(), [](char c) { return c != 0; });
 }

@@ -11,4 +11,8 @@ public:
     static bool holdsImage(const SxString& path);
     /// Whether the folder is there and empty, or isn't there.
     static bool isFree(const SxString& path);
+    /// Whether a drive has written to the write layer of the image: its index has a record. A drive makes the
+    /// files as it comes up, so they alone say nothing. An index that isn't known counts, too. Raises where
+    /// that can't be told.
+    static bool hasWrittenLayer(const SxString& path);
 };
