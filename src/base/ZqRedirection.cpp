@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <optional>
 #include <vector>
 
 namespace {
@@ -90,6 +91,35 @@ void copyWhole(const SxString& from, const SxString& to) {
     SxFSAction::mv(half, to);
 }
 
+/// The right to lay out the private side of an application, for one at a time across processes: a lock on the
+/// first byte of a file in its folder, which stays there. File systems without locks keep nobody apart.
+class PreparationLock {
+public:
+    explicit PreparationLock(const SxString& directory) {
+        SxOs& os = SxOs::get();
+        const SxString file = directory + "/" + LOCK;
+        fd = os.open(SxOs::hostPath(file), SxOs::Read | SxOs::Write | SxOs::Create | SxOs::NoFollow, 0600);
+        const int result = fd < 0 ? fd : os.lockRange(fd, 0, 1, SxOs::Lock::Exclusive);
+        if (result == 0 || result == -ENOLCK || result == -EOPNOTSUPP || result == -ENOSYS) return;
+        if (fd >= 0) os.close(fd);
+        if (result == -EAGAIN) {
+            throw SxException("Another mount, perhaps of another version, fills '" + directory +
+                                  "' at the moment",
+                              UNIT, __LINE__);
+        }
+        throw SxException(SxException(SxOs::errorText(result), UNIT, __LINE__), "Cannot lock '" + file + "'",
+                          UNIT, __LINE__);
+    }
+    ~PreparationLock() { SxOs::get().close(fd); }
+    PreparationLock(const PreparationLock&) = delete;
+    PreparationLock& operator=(const PreparationLock&) = delete;
+
+private:
+    static constexpr const char* LOCK = ".tavrin-lock";
+
+    int fd = -1;
+};
+
 class Preparation {
 public:
     Preparation(const SxString& mountPoint, const SxString& directory) {
@@ -107,6 +137,7 @@ public:
         target = directory + "/" + folder;
         SxFSAction::mkdir_p(SxFileInfo(directory).getPath(), 0777);
         SxFSAction::mkdir_p(directory, 0700);
+        lock.emplace(directory);
         SxFSAction::mkdir_p(target, 0777);
     }
 
@@ -153,6 +184,7 @@ private:
         }
     }
 
+    std::optional<PreparationLock> lock;
     SxString source, target;
 };
 

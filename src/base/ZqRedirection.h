@@ -21,7 +21,8 @@ public:
     SxString getNames() const;
     /// Lays out the private side: what isn't there yet is copied from the drive's protected folder, whole or
     /// not at all; a file that the drive lacks is made empty. What is there stays. Raises, naming the path,
-    /// also where a link stands in the path of a name, on either side.
+    /// also where a link stands in the path of a name, on either side, and, without waiting, where another
+    /// process does the same for that application.
     void prepare(const SxString& mountPoint) const;
 
 private:

@@ -56,6 +56,28 @@ TEST(Redirection, ACutOffCopyIsDoneAgain) {
     EXPECT_FALSE(machine.dir.exists("secret/new"));
 }
 
+TEST(Redirection, OneMountAtATimeFillsIt) {
+    Private machine;
+    std::vector<std::string> others;
+    bool isFirst = true;
+    {
+        FaultOs os(machine.dir.path("root"));
+        os.setHook([&](int64, FaultOs::Op op, const std::string& path) {
+            if (op != FaultOs::Op::Rename || path.find("/save") == std::string::npos || !isFirst) return;
+            isFirst = false;
+            // Another version at the moment in which everything is copied.
+            machine.dir.write("volume/TAVRIN-protected/save/a/slot", "of another version");
+            others.push_back(machine.prepare({"save"}, {}));
+        });
+        ASSERT_EQ(machine.prepare({"save"}, {}), "");
+        os.setHook({});
+    }
+    EXPECT_THAT(others, testing::ElementsAre("Another mount, perhaps of another version, fills "
+                                             "'C:/ProgramData/TAVRIN/G1' at the moment"));
+    EXPECT_EQ(machine.dir.read(machine.side("save/a/slot")), "from the drive");
+    EXPECT_EQ(machine.prepare({"save", "more"}, {}), "") << "nobody holds it any longer";
+}
+
 TEST(Redirection, EntriesAreRelativeNames) {
     Private machine;
     const std::pair<std::string, const char*> entries[] = {
