@@ -2,13 +2,12 @@
 
 #include "SxFSAction.h"
 #include "SxOs.h"
+#include "SxTemporaryFile.h"
 
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <random>
 #include <utility>
-#include <vector>
 
 namespace {
 
@@ -31,65 +30,6 @@ constexpr ModeWord MODES[] = {
     {"wb", SxFileIO::ModeWrite, SxOs::Write | SxOs::Create | SxOs::Truncate},
     {"ab", SxFileIO::ModeAppend, SxOs::Append | SxOs::Create},
 };
-
-const std::string TEMPORARY = ".tmp";
-constexpr size_t N_DIGITS = 8;
-/// The byte that a writer locks, far after those that others lock.
-constexpr int64 WRITER = int64{1} << 48;
-
-/// A new file under a name of its own beside `path`, for what is to become that file. As long as the object
-/// lives a lock tells others that its writer does. Unless it was renamed, it is gone at the end.
-class TemporaryName {
-public:
-    TemporaryName(const SxString& path, int permission) {
-        SxOs& os = SxOs::get();
-        for (;;) {
-            name = path + "." + SxString::sprintf("%08x", std::random_device()()) + TEMPORARY;
-            host = SxOs::hostPath(name);
-            fd = os.open(host, SxOs::Read | SxOs::Write | SxOs::Create | SxOs::Exclusive | SxOs::NoFollow,
-                         static_cast<unsigned>(permission));
-            if (fd == -EEXIST) continue;
-            if (fd < 0) throw failure("Cannot open file '" + name + "'", fd, __LINE__);
-            // A file system without locks has nobody who takes the file for a dead writer's. Elsewhere
-            // somebody may have done so before it was locked. What can't be told shows with the rename.
-            const int locked = os.lockRange(fd, WRITER, 1, SxOs::Lock::Exclusive);
-            if (locked != -EAGAIN && (locked != 0 || os.hasName(fd, host) != 0)) return;
-            os.close(fd);
-        }
-    }
-    ~TemporaryName() {
-        if (!isRenamed) SxOs::get().unlink(host);
-        SxOs::get().close(fd);
-    }
-    TemporaryName(const TemporaryName&) = delete;
-    TemporaryName& operator=(const TemporaryName&) = delete;
-
-    const SxString& get() const { return name; }
-    void setRenamed() { isRenamed = true; }
-
-private:
-    SxString name;
-    std::string host;
-    int fd = -1;
-    bool isRenamed = false;
-};
-
-/// Removes what writers of `path` have left that have ended. What can't be told or removed stays.
-void removeDeadWriters(const SxString& path) {
-    SxOs& os = SxOs::get();
-    const SxFileInfo info(path);
-    const std::string folder = SxOs::hostPath(info.getPath());
-    std::vector<std::string> names;
-    if (os.list(folder, &names) < 0) return;
-    for (const std::string& name : names) {
-        if (!SxFileIO::isTemporaryName(name, info.getName())) continue;
-        const std::string host = folder + "/" + name;
-        const int fd = os.open(host, SxOs::Read | SxOs::Write | SxOs::NoFollow, 0);
-        if (fd < 0) continue;
-        if (os.lockRange(fd, WRITER, 1, SxOs::Lock::Exclusive) == 0) os.unlink(host);
-        os.close(fd);
-    }
-}
 
 } // namespace
 
@@ -271,26 +211,17 @@ void SxFileIO::writeAtomic(const SxString& path, const SxString& text, int permi
 }
 
 bool SxFileIO::isTemporaryName(const SxString& name, const SxString& of) {
-    const std::string& text = name.str();
-    const std::string begin = of.str() + ".";
-    if (text.size() != begin.size() + N_DIGITS + TEMPORARY.size() || !text.starts_with(begin) ||
-        !text.ends_with(TEMPORARY)) {
-        return false;
-    }
-    return text.find_first_not_of("0123456789abcdef", begin.size()) == begin.size() + N_DIGITS;
+    return SxTemporaryFile::isName(name, of);
 }
 
 void SxFileIO::writeAtomic(const SxString& path, const std::function<void(SxFileIO* file)>& fill,
                            int permission) {
-    removeDeadWriters(path);
-    TemporaryName tmp(path, permission);
-    SxFileIO file(tmp.get(), "wb");
+    SxTemporaryFile temporary(path, permission);
+    SxFileIO file(temporary.getPath(), "wb");
     fill(&file);
     file.sync();
     file.close();
-    SxFSAction::mv(tmp.get(), path);
-    tmp.setRenamed();
-    SxFSAction::syncDir(SxFileInfo(path).getPath());
+    temporary.commit();
 }
 
 SxString SxFileIO::fileReadErr(const SxString& path) {

@@ -76,8 +76,7 @@ SxArray<uint64> ZqImageRaw::readMap() {
 
 void ZqImageRaw::write(const SxArray<uint64>& map, const SxString& path) {
     const int64 t0 = ZqSysEnv::getSysTime();
-    SxFileIO zqf(image + ZqImageFiles::ZQF, "rb"), raw;
-    raw.create(path, 0666);
+    SxFileIO zqf(image + ZqImageFiles::ZQF, "rb"), raw(path, "r+b");
     SxArray<char> buffer(static_cast<int64>(MAX_RUN * BLOCK));
     const auto nRaw = static_cast<uint64>(map.getSize());
     for (uint64 rawIdx = 0, count = 1; rawIdx < nRaw; rawIdx += count) {

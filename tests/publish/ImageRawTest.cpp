@@ -57,6 +57,52 @@ TEST(ImageRaw, AnIncompleteImageIsRefused) {
     }
 }
 
+TEST(ImageRaw, TwoIntoOneFolderDontMixAndACutOffOneGoes) {
+    TestRandom random;
+    const TempDir dir;
+    const TestImage first(random, 40, 1.0), second(random, 20, 1.0);
+    first.write(SxString(dir.path("image/")));
+    second.write(SxString(dir.path("other/")));
+    dir.write("watched/raw/img.raw.0123abcd.tmp", "of a run that was cut off");
+    FaultOs os(dir.path("watched"));
+    std::string nested = "none";
+    os.setHook([&](int64, FaultOs::Op op, const std::string&) {
+        // The whole file is written, and not in its place yet.
+        if (op != FaultOs::Op::Sync || nested != "none") return;
+        nested = "";
+        ZqImageRaw job(dir.path("other"), dir.path("watched/raw"));
+        nested = failureOf(job);
+        EXPECT_TRUE(dir.read("watched/raw/img.raw") == second.raw);
+    });
+    EXPECT_EQ(writeRaw(dir), "");
+    EXPECT_EQ(nested, "");
+    EXPECT_TRUE(dir.read("watched/raw/img.raw") == first.raw);
+    EXPECT_EQ(std::distance(fs::directory_iterator(dir.path("watched/raw")), fs::directory_iterator()), 1);
+}
+
+TEST(ImageRaw, OnlyAWriteLayerWithARecordIsInTheWay) {
+    TestRandom random;
+    const TempDir dir;
+    TestImage(random, 20).write(SxString(dir.path("image/")));
+    const std::string header = "ZLAYER03" + std::string(24, 'h'), first = "ZLAYER01" + std::string(8, 'h');
+    const std::pair<std::string, bool> indices[] = {{"", false},
+                                                    {header, false},
+                                                    {header + std::string(15, 'r'), false},
+                                                    {first, false},
+                                                    {std::string(64, '\0'), false},
+                                                    {header + std::string(16, 'r'), true},
+                                                    {first + std::string(16, 'r'), true},
+                                                    {"ZLAYER99", true},
+                                                    {std::string(40, '\0') + "x", true}};
+    for (const auto& [index, isWritten] : indices) {
+        dir.write("image/img.tix", index);
+        dir.write("image/img.tmp", std::string(4096, 'b'));
+        const std::string failure = writeRaw(dir);
+        EXPECT_EQ(!failure.empty(), isWritten) << index << failure;
+        EXPECT_EQ(failure.find("has a write layer (img.tix)") != std::string::npos, isWritten) << failure;
+    }
+}
+
 TEST(ImageRaw, TheImageItselfIsNoPlaceForIt) {
     TestRandom random;
     const TempDir dir;

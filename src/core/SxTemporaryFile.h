@@ -1,0 +1,33 @@
+#pragma once
+
+#include "SxString.h"
+
+#include <string>
+
+/// A new file under a name of its own beside `path`, for what is to become that file. As long as the object
+/// lives a lock tells others that its writer does; so whoever writes to it opens it, and makes no other in
+/// its place. Unless commit() came, it is gone at the end. One thread.
+class SxTemporaryFile {
+public:
+    /// Makes the file, empty, and removes what writers of `path` have left that have ended. Raises, naming
+    /// the file.
+    SxTemporaryFile(const SxString& path, int permission);
+    ~SxTemporaryFile();
+    SxTemporaryFile(const SxTemporaryFile&) = delete;
+    SxTemporaryFile& operator=(const SxTemporaryFile&) = delete;
+
+    /// The file to write.
+    const SxString& getPath() const { return name; }
+    /// Renames the file, which is synced, to `path`, durably. Raises.
+    void commit();
+
+    /// Whether `name` is one that such a file has for `of`; both without their folder.
+    static bool isName(const SxString& name, const SxString& of);
+
+private:
+    const SxString path;
+    SxString name;
+    std::string host;
+    int fd = -1;
+    bool isRenamed = false;
+};
