@@ -320,6 +320,7 @@ void ZqTraceBuilder::joinAll(std::vector<Run>* runs, Joined* joined) {
         if (run.fate == Run::Open) byStart[static_cast<uint64>(run.record->time0)] = &run;
     }
     for (const auto& [time0, run] : byStart) {
+        const ZqTraceRecords::Unchanged files(run->path);
         const SxString obstacle = findObstacle(*run, *joined);
         if (!obstacle.isEmpty()) {
             leave(run, obstacle);
@@ -327,6 +328,7 @@ void ZqTraceBuilder::joinAll(std::vector<Run>* runs, Joined* joined) {
         }
         log((joined->hasBase() ? "Appending trace " : "Base trace ") + run->path);
         joined->append(*run->record, run->path);
+        files.require();
         ++nJoined;
     }
 }

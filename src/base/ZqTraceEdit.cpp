@@ -86,9 +86,11 @@ void ZqTrace::trim() {
 
 void ZqTrace::trim(const SxString& outPath) {
     const ZqTraceLock lock(outPath);
+    const ZqTraceRecords::Unchanged files(pathPrefix);
     ZqTraceRecords::requireMatch(pathPrefix);
     const ZqTraceParams record(pathPrefix);
     const SxPtr<Items> items = getItems(true, true, true);
+    files.require();
     write(lock, *items, outPath, record.method, record.checksumMnt, [&] { record.write(outPath); });
 }
 
@@ -127,6 +129,7 @@ void ZqTrace::shift(int seconds) {
 
 void ZqTrace::align(const SxString& refPath) {
     const ZqTraceLock lock(pathPrefix);
+    const ZqTraceRecords::Unchanged refFiles(refPath);
     ZqTraceRecords::requireMatch(pathPrefix);
     ZqTraceRecords::requireMatch(refPath);
     const ZqTraceParams refRecord(refPath), record(pathPrefix);
@@ -138,6 +141,7 @@ void ZqTrace::align(const SxString& refPath) {
     for (const ZqTraceItem& item : *items)
         blocks.insert(item.block);
     const auto ref = findFirst(refPath, blocks);
+    refFiles.require();
     if (!ref) {
         throw SxException("Trace alignment failed: Cannot find common blocks to align.", UNIT, __LINE__);
     }
@@ -155,6 +159,7 @@ void ZqTrace::align(const SxString& refPath) {
 }
 
 void ZqTrace::append(const SxString& otherPath, const SxString& outPath, int gapSeconds) {
+    const ZqTraceRecords::Unchanged ownFiles(pathPrefix), otherFiles(otherPath);
     // A folder without a record is no trace.
     ZqTraceRecords::requireMatch(otherPath);
     const SxPtr<Items> other = getItems(otherPath, false, true, true);
@@ -164,6 +169,8 @@ void ZqTrace::append(const SxString& otherPath, const SxString& outPath, int gap
         read(pathPrefix);
     }
     if (record.duration == 0) record.duration = getTraceDuration();
+    ownFiles.require();
+    otherFiles.require();
 
     auto joined = SxPtr<Items>::create();
     joined->reserve(loaded->getSize() + other->getSize());

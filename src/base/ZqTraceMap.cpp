@@ -68,6 +68,7 @@ void ZqTrace::mapToImage(const SxString& patchPath, const SxString& outPath) con
     } catch (const SxException& e) {
         throw SxException(e, "Cannot read app parameters from " + patchPath, UNIT, __LINE__);
     }
+    const ZqTraceRecords::Unchanged files(pathPrefix);
     const ZqTraceParams record(pathPrefix);
     if (record.checksumMnt == app.checksumMnt) {
         throw SxException("Trace already based on new image.", UNIT, __LINE__);
@@ -97,6 +98,7 @@ void ZqTrace::mapToImage(const SxString& patchPath, const SxString& outPath) con
             ++nMapped;
             put(item);
         }
+        files.require();
     };
     walk([](const ZqTraceItem&) {});
     logResult(nItems, nMapped, static_cast<uint64>(nItems) - nMapped);

@@ -37,10 +37,12 @@ bool isInOrder(const SxString& path, uint64 time0) {
 class Source {
 public:
     /// Of the trace in the folder `path`.
-    explicit Source(const SxString& path) : reader(path, MERGE_CHUNK), record(path) {
+    explicit Source(const SxString& path) : files(path), reader(path, MERGE_CHUNK), record(path) {
         if (!isInOrder(path, getTime0())) items = ZqTrace::getItems(path, true, true, true);
     }
 
+    /// Raises where the trace is no longer the one that it was.
+    void requireUnchanged() const { files.require(); }
     /// Number of records.
     int64 getN() const { return reader.getN(); }
     const ZqTraceParams& getRecord() const { return record; }
@@ -68,6 +70,7 @@ public:
 private:
     uint64 getTime0() const { return static_cast<uint64>(record.time0); }
 
+    ZqTraceRecords::Unchanged files;
     ZqTraceRecords::Reader reader;
     ZqTraceParams record;
     SxPtr<ZqTrace::Items> items; ///< only where times go backward
@@ -192,6 +195,8 @@ void ZqTrace::merge(const SxString& outPath, const SxConstPtr<SxArray<ZqTrace>>&
             {
                 const SxTakeTime constructing(Timer::TraceTimer::ConstructMerge);
                 construct(&sources, nItems, now, out);
+                for (const Source& source : sources)
+                    source.requireUnchanged();
             }
             writing.emplace(Timer::TraceTimer::WriteMergeTrace);
         });
@@ -211,12 +216,15 @@ void ZqTrace::merge(const SxString& outPath, const SxConstPtr<SxArray<ZqTrace>>&
 }
 
 ZqTrace::Difference ZqTrace::compare(const SxString& otherPath) const {
+    const ZqTraceRecords::Unchanged ownFiles(pathPrefix), otherFiles(otherPath);
     ZqTraceRecords::requireMatch(pathPrefix);
     ZqTraceRecords::requireMatch(otherPath);
     const SxPtr<Items> reference = getItems(true, true, true);
     const SxPtr<Items> other = getItems(otherPath, true, true, true);
     const auto time0 = static_cast<uint64>(ZqTraceParams(pathPrefix).time0);
     const auto otherTime0 = static_cast<uint64>(ZqTraceParams(otherPath).time0);
+    ownFiles.require();
+    otherFiles.require();
     const int64 nReference = reference->getSize(), nOther = other->getSize();
     Difference result;
     result.nReference = nReference;

@@ -1,6 +1,7 @@
 #include "ZqTraceRecords.h"
 
 #include "SxFSAction.h"
+#include "SxOs.h"
 #include "ZqTraceFiles.h"
 #include "ZqTraceLock.h"
 
@@ -93,13 +94,57 @@ void refuseRecording(const SxString& path) {
                       __LINE__);
 }
 
+namespace {
+
+FileState makeState(int result, const SxStat& info) {
+    if (result < 0) return {};
+    return {info.device, info.inode, info.size, info.modifiedMs};
+}
+
+void requireSame(const SxString& file, const FileState& was, const FileState& is) {
+    if (was == is) return;
+    const bool hasGrown = was.device == is.device && was.inode == is.inode && was.size <= is.size;
+    if (hasGrown && ZqTraceLock::isLocked(file)) return;
+    throw SxException("'" + file +
+                          "' was changed or replaced while it was read, by another command or as a recording "
+                          "ended; give the command again",
+                      UNIT, __LINE__);
+}
+
+} // namespace
+
+FileState FileState::of(const SxString& path) {
+    SxStat info;
+    const int result = SxOs::get().stat(SxOs::hostPath(path), &info);
+    return makeState(result, info);
+}
+
+FileState FileState::of(const SxFileIO& file) {
+    SxStat info;
+    const int result = SxOs::get().statFd(file.getFd(), &info);
+    return makeState(result, info);
+}
+
+Unchanged::Unchanged(const SxString& path)
+    : items(path + ZqTraceFiles::ITEMS),
+      record(path + ZqTraceFiles::RECORD),
+      itemsState(FileState::of(items)),
+      recordState(FileState::of(record)) {
+}
+
+void Unchanged::require() const {
+    requireSame(items, itemsState, FileState::of(items));
+    requireSame(record, recordState, FileState::of(record));
+}
+
 Reader::Reader(const SxString& path, int64 chunk)
     : file(path + ZqTraceFiles::ITEMS),
       chunkSize(chunk * SIZE) {
     if (!SxFSAction::test_f(file)) {
         throw SxException("Cannot trace data. File '" + file + "' not found!", UNIT, __LINE__);
     }
-    n = SxFileInfo(file).getSize() / SIZE;
+    state = FileState::of(file);
+    n = std::max<int64>(state.size, 0) / SIZE;
     buffer.resize(std::min(chunkSize, n * SIZE));
 }
 
@@ -108,6 +153,7 @@ bool Reader::fill() {
     if (size == 0) return false;
     try {
         SxFileIO trc(file, "rb", 0600);
+        requireSame(file, state, FileState::of(trc));
         trc.seek(nRead * SIZE);
         if (trc.readBuffer(buffer.data(), size) < size) {
             throw SxException("Invalid number of items read", UNIT, __LINE__);

@@ -121,6 +121,30 @@ bool isRecording(const SxString& path);
 /// Raises if it does.
 void refuseRecording(const SxString& path);
 
+/// What tells that a file is the one that it was. A command that changes a trace puts new files in the place
+/// of the old ones; only a drive that records writes into a file, at its end.
+struct FileState {
+    uint64 device = 0, inode = 0;
+    int64 size = -1, modifiedMs = 0; ///< of none where there is no file
+
+    static FileState of(const SxString& path);
+    static FileState of(const SxFileIO& file);
+    bool operator==(const FileState&) const = default;
+};
+
+/// The files of a trace as they are at the construction, for those who look at them several times and must
+/// not mix two versions.
+class Unchanged {
+public:
+    explicit Unchanged(const SxString& path);
+    /// Raises where another command has replaced one of them since, or a recording has ended.
+    void require() const;
+
+private:
+    SxString items, record;
+    FileState itemsState, recordState;
+};
+
 /// Reads the records of the trace in a folder from front to back, in pieces. It keeps no file open between
 /// them, so that there may be thousands of it.
 class Reader {
@@ -129,7 +153,8 @@ public:
     explicit Reader(const SxString& path, int64 chunk = CHUNK);
 
     int64 getN() const { return n; }
-    /// Gives whether there was one more. Raises where the file became shorter meanwhile.
+    /// Gives whether there was one more. Raises where another file has come in the place of the one that was
+    /// there at the construction, or it was changed; what a drive that records adds is passed over.
     bool next(ZqTraceItem* item) {
         if (at == end && !fill()) return false;
         *item = decode(at);
@@ -141,6 +166,7 @@ private:
     bool fill();
 
     SxString file;
+    FileState state;
     int64 n = 0, nRead = 0, chunkSize;
     SxArray<char> buffer;
     const char *at = nullptr, *end = nullptr;

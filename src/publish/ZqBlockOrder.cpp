@@ -69,6 +69,7 @@ SxList<ZqLoadProfilePoint> thinOut(const std::vector<ZqLoadProfilePoint>& points
 } // namespace
 
 ZqBlockOrder::ZqBlockOrder(const Image& image, const SxString& trace) : placed(image.included.size()) {
+    const ZqTraceRecords::Unchanged files(trace);
     requireFit(image, trace);
     order.reserve(std::count(image.included.begin(), image.included.end(), true));
     for (const uint64 rawIdx : image.front)
@@ -80,6 +81,7 @@ ZqBlockOrder::ZqBlockOrder(const Image& image, const SxString& trace) : placed(i
     makeMap(placed.size());
     placed = {};
     makeProfile(trace);
+    files.require();
 }
 
 void ZqBlockOrder::requireBuild(const SxString& trace, const SxString& buildId, const SxString& name) {
@@ -113,7 +115,7 @@ void ZqBlockOrder::requireFit(const Image& image, const SxString& trace) {
 
 /// Gives whether the block has got its place now.
 bool ZqBlockOrder::place(const Image& image, uint64 rawIdx) {
-    // The trace may have been replaced since it was looked at.
+    // The trace may have been replaced since it was looked at, which is found at the end.
     if (rawIdx >= placed.size() || !image.included[rawIdx] || placed[rawIdx]) return false;
     placed[rawIdx] = true;
     order.append(rawIdx);

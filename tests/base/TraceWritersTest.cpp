@@ -1,9 +1,11 @@
 #include "BaseTest.h"
 #include "TraceMaking.h"
+#include "ZqAppParams.h"
 #include "ZqTraceLock.h"
 #include "ZqTraceRecords.h"
 
 #include <csignal>
+#include <functional>
 #include <sys/wait.h>
 #include <tuple>
 #include <unistd.h>
@@ -147,6 +149,66 @@ TEST(TraceWriters, WhatAPowerCutHasLeftIsToldAndMendedWhereThereIsSomething) {
     fails(holes, "holds 2 records, all of zeros");
     dir.write("a/trace.json", record.substr(0, record.size() / 2));
     fails(items, "can't be mended: its build, start and method stand in trace.json alone");
+}
+
+TEST(TraceWriters, ASourceThatIsReplacedWhileItIsReadIsTold) {
+    const std::string says = "img.trc' was changed or replaced while it was read";
+    const ItemList former = at({{1, 1}, {2, 2}, {3, 3}, {4, 4}});
+    // By another command, between the pieces; the new file is as long.
+    {
+        const TempDir dir;
+        const SxString path = makeTrace(dir, "t", former);
+        ZqTraceRecords::Reader reader(path, 2);
+        ZqTraceItem item;
+        ASSERT_TRUE(reader.next(&item) && reader.next(&item));
+        SxFileIO::writeAtomic(path + "img.trc", SxString(dir.read("t/img.trc")));
+        EXPECT_THAT(failureOf([&] { reader.next(&item); }), HasSubstr(says));
+    }
+    // A drive adds to what it records; that isn't read, and is no fault.
+    for (const bool isRecorded : {true, false}) {
+        const TempDir dir;
+        const SxString path = makeTrace(dir, "t", former);
+        ZqTraceRecords::Reader reader(path, 2);
+        ZqTraceItem item;
+        ASSERT_TRUE(reader.next(&item) && reader.next(&item));
+        SxFileIO drive(path + "img.trc", "r+b");
+        if (isRecorded) SxOs::get().lockRange(drive.getFd(), 0, 1, SxOs::Lock::Exclusive);
+        drive.seek(0, SxFileIO::SeekEnd);
+        drive.write(SxString(std::string(16, 'x')));
+        int nMore = 0;
+        const std::string failure = failureOf([&] {
+            while (reader.next(&item))
+                ++nMore;
+        });
+        EXPECT_EQ(failure.empty(), isRecorded) << failure;
+        EXPECT_EQ(failure.find(says) == std::string::npos, isRecorded) << failure;
+        EXPECT_EQ(nMore, isRecorded ? 2 : 0);
+    }
+    // While a command that has looked at it goes on to its result.
+    const TempDir dir;
+    const SxString path = makeTrace(dir, "watched/t", former), patch = dir.path("patch/"),
+                   out = dir.path("watched/out/");
+    ZqAppParams app;
+    app.checksumMnt = "new build";
+    app.write(patch);
+    dir.write("patch/map.idx", std::string(8 * 8, '\0'));
+    for (const std::function<void()>& command :
+         {std::function<void()>([&] { ZqTrace::merge(out, asList({path})); }),
+          std::function<void()>([&] { ZqTrace(path).mapToImage(patch, out); })}) {
+        FaultOs os(dir.path("watched"));
+        bool isReplaced = false;
+        os.setHook([&](int64, FaultOs::Op op, const std::string& name) {
+            if (isReplaced || op != FaultOs::Op::MakeDir || name.find("out") == std::string::npos) return;
+            isReplaced = true;
+            SxFileIO::writeAtomic(path + "img.trc", SxString(std::string(8 * 16, 'x')));
+        });
+        const std::string failure = failureOf(command);
+        EXPECT_TRUE(isReplaced);
+        EXPECT_THAT(failure, HasSubstr(says));
+        EXPECT_FALSE(dir.exists("watched/out/img.trc"));
+        fs::remove_all(dir.path("watched/out"));
+        makeTrace(dir, "watched/t", former);
+    }
 }
 
 TEST(TraceWriters, ARecordWithTimesThatNoItemCanHaveIsRefused) {
