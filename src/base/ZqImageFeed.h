@@ -131,6 +131,8 @@ private:
     /// Compares what is there with its checksums where it may not be as an earlier run has left it, as far as
     /// a start can wait for that, and mends it.
     void openPart(const ZqStreamRecord& record, const ZqStopTest& stop);
+    /// Taken by whatever puts blocks right; raises where programs have written there, or may.
+    SxPtr<ZqImageLock> lockBlocks() const;
     void mendAhead(const ZqSeekTable& table, const ZqStopTest& stop);
     void mendPart(const ZqImageRepair& repair, const ZqSeekTable& table, const ZqStopTest& stop);
     /// The rest of it, beside everything else.

@@ -73,11 +73,21 @@ void ZqImageFeed::verifyDigest() {
     }
 }
 
-/// Where the run has none, since all was there, the server is asked for this alone.
-uint64 ZqImageFeed::mend() {
+/// Programs' writes look like damage. So no drive that writes there comes up while this is held, and what one
+/// has written before is known.
+SxPtr<ZqImageLock> ZqImageFeed::lockBlocks() const {
+    SxPtr<ZqImageLock> blocks =
+        ZqImageLock::take(settings.image, ZqImageLock::Blocks, ZqImageLock::Exclusive, settings.job);
     ZqStreamRecord record;
     record.read(settings.image);
-    if (record.isWritten) return 0;
+    if (!record.isWritten) return blocks;
+    throw SxException("Programs have written into '" + filePath(ZqImageFiles::ZQF) +
+                          "', so nothing there is put right",
+                      UNIT, __LINE__);
+}
+
+/// Where the run has none, since all was there, the server is asked for this alone.
+uint64 ZqImageFeed::mend() {
     const SxPtr<ZqRemoteImage> source = image ? image : makeImage(SxPtr<ZqNetLink>::create());
     if (!image) {
         const SxMutexBlock block(&mutex);
@@ -99,6 +109,7 @@ uint64 ZqImageFeed::mend() {
                               .requireSameOnServer(app, stop);
                       }});
     try {
+        const SxPtr<ZqImageLock> blocks = lockBlocks();
         const uint64 nMended =
             repair.mend([this](uint64 nDone) { nChecked = nDone; }, [this] { return stopping.load(); });
         setWaiting("");

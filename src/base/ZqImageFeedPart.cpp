@@ -118,6 +118,8 @@ void ZqImageFeed::mendAhead(const ZqSeekTable& table, const ZqStopTest& stop) {
 
 void ZqImageFeed::mendPart(const ZqImageRepair& repair, const ZqSeekTable& table, const ZqStopTest& stop) {
     std::deque<uint64>& wrong = part->getWrong();
+    if (wrong.empty()) return;
+    const SxPtr<ZqImageLock> blocks = lockBlocks();
     for (; !wrong.empty(); wrong.pop_front())
         repair.replace({wrong.front()}, table, stop);
 }

@@ -2,6 +2,7 @@
 
 #include "SxException.h"
 #include "SxFileIO.h"
+#include "SxOs.h"
 #include "ZqLog.h"
 
 #include <algorithm>
@@ -37,6 +38,9 @@ void ZqImageRepair::replace(const SxArray<uint64>& stretches, const ZqSeekTable&
                             const ZqStopTest& stop) const {
     zqLogMsg("base", SxString("ZqImageRepair: ") + stretches.getSize() + " stretches of '" + zqf +
                          "' are wrong, from " + stretches(0) + " on; they are fetched again");
+    SxStat info;
+    if (SxOs::get().lstat(SxOs::hostPath(zqf), &info) != 0 || info.kind != SxStat::File)
+        throw SxException("'" + zqf + "' is a link, and what it leads to isn't changed", UNIT, __LINE__);
     SxFileIO file(zqf, "r+b");
     for (const uint64 stretchIdx : stretches) {
         const SxPtr<SxArray<char>> bytes = fetch(stretchIdx, table, stop);

@@ -4,7 +4,8 @@
 
 /// Mends a complete `img.zqf` that isn't the image: compares each stretch with its checksum in the seek table
 /// of the server's packed form, and fetches only those anew that differ. Needs that table, with checksums.
-/// They are written in place, so a drive may read the file meanwhile, but not write it. For one thread.
+/// They are written in place, so a drive may read the file meanwhile; that none writes it the caller
+/// sees to (ZqImageLock::Blocks). For one thread.
 class ZqImageRepair {
 public:
     /// `zqf_` is the path of the file, which has the size of `image_`.
@@ -23,8 +24,8 @@ public:
     /// Gives the number of stretches that were fetched and are on the device: 0 where all are as the table
     /// says, and where no table is to be had. Waits for a server that is away while it fetches, and with a
     /// player for one that is wrong, unless it is so while its `app.json` is right. `report` gets the bytes
-    /// that were compared. Raises where a stretch can't be had, or comes wrong again, and with the tag
-    /// "Stopped".
+    /// that were compared. Raises where a stretch can't be had, or comes wrong again, where the file is a
+    /// link, and with the tag "Stopped".
     uint64 mend(const std::function<void(uint64 nDone)>& report, const ZqStopTest& stop) const;
     /// The table, waited for as mend() does; null where none is to be had.
     SxPtr<ZqSeekTable> awaitTable(const ZqStopTest& stop) const;

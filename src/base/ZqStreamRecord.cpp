@@ -40,7 +40,7 @@ bool ZqStreamRecord::isVerified(const SxString& image, const SxString& digest) c
 void ZqStreamRecord::noteWrites(const SxString& image) {
     ZqStreamRecord old;
     old.read(image);
-    if (old.url.isEmpty() || old.isWritten) return;
+    if (old.isWritten) return;
     update(image, [](ZqStreamRecord* record) { record->isWritten = true; });
 }
 

@@ -37,7 +37,7 @@ public:
 
     /// Whether the image's `img.zqf` was found to have that digest, and is as it was then.
     bool isVerified(const SxString& image, const SxString& digest) const;
-    /// Notes, where the image has an address, that its `img.zqf` is about to be written into.
+    /// Notes that the image's `img.zqf` is about to be written into, also where no address is known yet.
     static void noteWrites(const SxString& image);
 
     /// Fills the record from the image folder `image`; all defaults where it has no record. Raises

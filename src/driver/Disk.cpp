@@ -124,6 +124,7 @@ Disk::Disk(const MountParams& params_, const SxString& root_, const SxString& fo
       mounterPid(mounterPid_),
       driveLock(ZqImageLock::take(params.image, ZqImageLock::Drive, ZqImageLock::Exclusive, "drive service")),
       shapeLock(ZqImageLock::take(params.image, ZqImageLock::Shape, ZqImageLock::Shared, "drive service")),
+      blocksLock(params.writesInPlace() ? takeBlocks() : SxPtr<ZqImageLock>()),
       disk({params.image + "/", params.sizeRaw, params.sectorSize, params.cursor, params.readOnly,
             params.writeLayer, cacheSize_},
            [this](uint64 token) {
@@ -181,7 +182,7 @@ void Disk::fail(const SxString& why) {
 
 void Disk::bringUp() {
     const SxString type = detectType();
-    if (type != "ext4" && !params.readOnly && !params.writeLayer) {
+    if (type != "ext4" && params.writesInPlace()) {
         throw SxException("A volume of type " + type + " can't be written to: mount it with mode ro or rtw",
                           UNIT, __LINE__);
     }
@@ -397,6 +398,7 @@ Disk::End Disk::eject() {
     // Whoever waits for the end may take the image at once.
     driveLock = SxPtr<ZqImageLock>();
     shapeLock = SxPtr<ZqImageLock>();
+    blocksLock = SxPtr<ZqImageLock>();
     return end;
 }
 

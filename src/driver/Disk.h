@@ -19,6 +19,9 @@ struct MountParams {
     bool hostFlag = false, awaitFileSystem = false, spareFlag = false; ///< kept as they came
     uint64 sizeRaw = 0, sectorSize = 0;                                ///< bytes
     uint64 cursor = 0;                                                 ///< blocks
+
+    /// Whether programs write into `img.zqf` (mode "rw").
+    bool writesInPlace() const { return !readOnly && !writeLayer; }
 };
 
 /// One mounted image: the virtual disk, the file that shows it to the kernel, the volume on it, its letter
@@ -72,6 +75,8 @@ public:
     void setCursor(uint64 zqfIdx);
     /// Raises while the disk is being ejected.
     void suspend();
+    /// Moves the write layer into `img.zqf`. Raises while somebody puts that right.
+    void flushLayer();
     void monitorOn(const SxString& traceFolder);
     /// Whoever mounts it has done all of its mount.
     void setReady() { ready = true; }
@@ -94,6 +99,8 @@ private:
     class Ender;
     class Ticker;
 
+    /// While it is held nobody puts blocks of `img.zqf` right, which would undo what programs write there.
+    SxPtr<ZqImageLock> takeBlocks() const;
     void start();
     void tick();
     void bringUp();
@@ -128,6 +135,7 @@ private:
     const uint64 deviceId, madeNs;
     const int64 mounterPid;
     SxPtr<ZqImageLock> driveLock, shapeLock; ///< until everything is removed
+    SxPtr<ZqImageLock> blocksLock;           ///< the same, of one that writes into `img.zqf`
 
     VirtualDisk disk;
     FuseFront front;

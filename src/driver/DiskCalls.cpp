@@ -49,6 +49,15 @@ void Disk::suspend() {
     disk.suspend();
 }
 
+SxPtr<ZqImageLock> Disk::takeBlocks() const {
+    return ZqImageLock::take(params.image, ZqImageLock::Blocks, ZqImageLock::Shared, "drive service");
+}
+
+void Disk::flushLayer() {
+    const SxPtr<ZqImageLock> lock = takeBlocks();
+    disk.flushLayer();
+}
+
 void Disk::monitorOn(const SxString& traceFolder) {
     disk.monitorOn(traceFolder);
     SxWait::pass(SETTLE_MS, [this] {

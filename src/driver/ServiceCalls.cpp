@@ -172,7 +172,7 @@ bool Service::handleDisk(Call call, Reader* request, Writer* answer) {
     case Call::MonitorOff:
         return simple([](const DiskPtr& disk, uint64) { disk->getVirtualDisk()->monitorOff(); });
     case Call::FlushLayer:
-        return simple([](const DiskPtr& disk, uint64) { disk->getVirtualDisk()->flushLayer(); });
+        return simple([](const DiskPtr& disk, uint64) { disk->flushLayer(); });
     case Call::MonitorOn: {
         const DiskPtr disk = require(request);
         const SxString trace = request->text();

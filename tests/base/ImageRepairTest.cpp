@@ -73,6 +73,14 @@ TEST_F(ImageRepair, FetchesWhatIsWrongAndNothingElse) {
     EXPECT_TRUE(now() == zqf);
 }
 
+TEST_F(ImageRepair, ChangesNoFileThatALinkLeadsTo) {
+    const std::string wrong = damaged({7});
+    dir.write("elsewhere/img.zqf", wrong);
+    fs::create_symlink("elsewhere/img.zqf", dir.path("img.zqf"));
+    EXPECT_THAT(mend(wrong), HasSubstr("is a link"));
+    EXPECT_TRUE(dir.read("elsewhere/img.zqf") == wrong);
+}
+
 TEST_F(ImageRepair, LeavesWhatItCantTell) {
     const std::string wrong = damaged({7, 3 * STRETCH});
     for (const std::string& packed : {PackedImage(zqf, false).bytes(), std::string("no table")}) {

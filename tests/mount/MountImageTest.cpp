@@ -188,7 +188,7 @@ TEST(MountImage, NotesWhatIsAboutToWriteIntoTheImage) {
         };
         machine.mount("", ZqMountMgr::ReadOnly);
         machine.mgr.flushTW(machine.image);
-        EXPECT_FALSE(machine.dir.exists("image/stream.json")) << "it came from nowhere";
+        EXPECT_TRUE(note()) << "a later run may bring an address";
         ZqStreamRecord record;
         record.url = "http://127.0.0.1/";
         record.write(machine.image);

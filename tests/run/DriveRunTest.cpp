@@ -1,6 +1,8 @@
 #include "DriveRun.h"
 #include "SxException.h"
 #include "ZqDriveWire.h"
+#include "ZqFileServer.h"
+#include "ZqImageLock.h"
 #include "ZqServiceFolder.h"
 
 #include <barrier>
@@ -504,6 +506,28 @@ TEST_F(Drive, oneThatWroteMoreThanItsDiskTakesIsRefusedUntilItIsTakenAway) {
     EXPECT_EQ(ended.code, 1);
     EXPECT_THAT(ended.err, HasSubstr("is lost: No space left on device"));
     ASSERT_EQ(::umount2(disk.c_str(), MNT_DETACH), 0);
+}
+
+TEST_F(Drive, whatProgramsHaveWrittenIntoAnImageIsNotPutRight) {
+    const string served = build("served", "ext4"), image = dir.path("image");
+    done({"image", "pack", served});
+    fs::copy(served, image);
+    {
+        const auto repair =
+            ZqImageLock::take(SxString(image), ZqImageLock::Blocks, ZqImageLock::Exclusive, "fetch");
+        EXPECT_THAT(run({"mount", image, "--mode", "rw"}).err, HasSubstr("(fetch)"));
+        done({"mount", image, "--mode", "rtw"});
+        done({"umount", image});
+    }
+    write(mount(image, {"--mode", "rw"}) + "/save", "what was played");
+    EXPECT_THROW(ZqImageLock::take(SxString(image), ZqImageLock::Blocks, ZqImageLock::Exclusive, "fetch"),
+                 SxException);
+    done({"umount", image});
+    ZqFileServer server{served};
+    server.start();
+    done({"fetch", image, "--url", server.getUrl().str()});
+    std::ifstream save(mount(image) + "/save");
+    EXPECT_EQ(string(std::istreambuf_iterator<char>(save), {}), "what was played");
 }
 
 TEST_F(Drive, aReplacementThatWasCutOffIsBroughtToItsEnd) {

@@ -27,6 +27,8 @@ const char* rangeName(ZqImageLock::Range range) {
         return "growth";
     case ZqImageLock::Drive:
         return "drive";
+    case ZqImageLock::Blocks:
+        return "blocks";
     }
     return "";
 }

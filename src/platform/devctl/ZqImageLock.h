@@ -3,7 +3,7 @@
 #include "SxPtr.h"
 #include "SxString.h"
 
-/// The locks of an image folder, which keep its users apart across processes, users and machine roots: three
+/// The locks of an image folder, which keep its users apart across processes, users and machine roots: four
 /// ranges of the file `image.lock` in it, as open-file-description locks, so that a dead process leaves none
 /// and a closed duplicate of the descriptor drops none. A job hands its lock on by sharing the pointer.
 ///
@@ -15,7 +15,10 @@ public:
     enum Range {
         Shape,  ///< shared by mounts, runs, readers; exclusive to change or move blocks or records
         Growth, ///< exclusive for the one process that downloads into the image
-        Drive   ///< exclusive for the service that serves the image
+        Drive,  ///< exclusive for the service that serves the image
+        /// Shared by what writes into blocks of `img.zqf` for programs; exclusive to put its blocks right,
+        /// which would undo that.
+        Blocks
     };
     enum Mode { Shared, Exclusive };
 
