@@ -3,6 +3,7 @@
 #include "DriverLog.h"
 #include "Helper.h"
 #include "Mounts.h"
+#include "SxDeadline.h"
 #include "SxFSAction.h"
 #include "SxFileIO.h"
 #include "SxOs.h"
@@ -27,6 +28,8 @@ constexpr int64 SWEEP_MS = 20'000;
 constexpr int64 START_MS = 5000;
 constexpr int64 LOOK_NS = 1'000'000'000;
 constexpr int64 TICK_MS = 100;
+/// Of a tick, for giving room back to the disk: a fifth of its time.
+constexpr int64 GIVE_BACK_MS = 25;
 constexpr int64 READ_AHEAD_MS = 3000;
 /// A read-ahead that can't be set is tried again so often, and costs no more than speed.
 constexpr int MAX_READ_AHEAD_TRIES = 5;
@@ -525,6 +528,9 @@ void Disk::tick() {
     applyCacheSize();
     replaced = disk.isReplaced();
     disk.tick();
+    // After a large discard there is a lot of it, and the rest of the work goes on.
+    for (const SxDeadline deadline(GIVE_BACK_MS); deadline.getLeftMs() > 0 && disk.giveBackRoom();)
+        continue;
     for (const SxString& text : {disk.getFailure(), disk.getTraceFailure()})
         logOnce(text);
     // A loop device has 128 requests: when all are held, it stands still.

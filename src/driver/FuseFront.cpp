@@ -275,7 +275,9 @@ protected:
         while (const auto req = todo.pop()) {
             owner->answer(*req, true, [&] {
                 const int error = owner->disk->sync();
-                owner->noteWriteError(error);
+                // What found no room stays to be written, and the next sync may find some.
+                owner->syncError = error == ENOSPC ? error : 0;
+                if (error != ENOSPC) owner->noteWriteError(error);
                 fuse_reply_err(*req, error);
             });
         }

@@ -49,7 +49,7 @@ public:
         std::vector<char> data; ///< of a write
     };
     /// The errno value of the first write or sync that failed for the kernel; 0 where none has.
-    int getWriteError() const { return writeError.load(); }
+    int getWriteError() const { return writeError.load() != 0 ? writeError.load() : syncError.load(); }
     void noteWriteError(int error);
     /// Grows while what was written comes to the disk. Reads don't count: a program that reads would hide
     /// that writing stands still.
@@ -76,6 +76,7 @@ private:
     VirtualDisk* const disk;
     fuse_session* session = nullptr;
     std::atomic<int> writeError{0};
+    std::atomic<int> syncError{0};   ///< of the last sync, where it found no room
     std::atomic<uint64> nWritten{0}; ///< bytes
     std::vector<std::unique_ptr<Worker>> workers;
     std::atomic<bool> ended = false;

@@ -102,6 +102,8 @@ public:
     /// Moves the blocks of the layer that are present in `img.zqf` into it, durably; others stay. Writes are
     /// held meanwhile. Raises where it can't, also on a read-only disk and where the image was replaced.
     void flushLayer();
+    /// Gives the room of some discarded blocks back to the disk; false where none is left to give.
+    bool giveBackRoom() { return !cfg.readOnly && layer.giveBackRoom(); }
 
     /// To be called every 100 to 500 ms: writes what the trace has gathered, and has requests tried again for
     /// which `img.zqf` came short.

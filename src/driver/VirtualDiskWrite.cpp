@@ -191,8 +191,11 @@ int VirtualDisk::zeroInPlace(RawIdx rawIdx) {
     static constexpr char ZEROS[BLOCK_SIZE] = {};
     if (zqfError.load() != 0) return EIO;
     const int64 at = map.get(rawIdx).zqfIdx().byte();
-    zqfDirty = true;
-    if (SxOs::get().punchHole(zqf.getFd(), at, static_cast<int64>(validBytes(rawIdx))) == 0) return 0;
+    if (SxOs::get().punchHole(zqf.getFd(), at, static_cast<int64>(validBytes(rawIdx))) == 0) {
+        // After it: a sync in between would take the flag, and the hole need not be there yet.
+        zqfDirty = true;
+        return 0;
+    }
     // A file system without holes.
     return writeInPlace(rawIdx, 1, ZEROS);
 }

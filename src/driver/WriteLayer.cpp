@@ -23,6 +23,8 @@ constexpr uint64 SPARE_SLOTS = 1 << 18;
 /// Records that are kept in memory until somebody asks for them to be durable.
 constexpr size_t MAX_PENDING = 1 << 16;
 constexpr uint64 RECORDS_AT_ONCE = 1 << 16;
+/// Records that the reserve of the index has room for.
+constexpr size_t RECORDS_IN_RESERVE = 128;
 /// Blocks that are discarded with the lock held.
 constexpr uint64 DISCARD_AT_ONCE = 1 << 12;
 
@@ -87,20 +89,17 @@ void WriteLayer::load() {
     }
     const auto nUsed = static_cast<uint64>(std::count(found.used.begin(), found.used.end(), true));
     compactAt = LEAST_TO_COMPACT + 2 * (nUsed + found.nZeros) * sizeof(Record);
-    std::vector<SlotIdx> holes;
     {
         const SxMutexBlock lock(&mutex);
         nSlots = found.used.size();
+        // A cut may have come between a record that frees a slot and the hole in its place.
         for (uint64 slot = nSlots; slot-- > 0;) {
-            if (!found.used[slot]) freeSlots.push_back({slot});
+            if (!found.used[slot]) unused.push_back({slot});
         }
-        holes = freeSlots;
     }
     if (readOnly || !tmp.isOpen()) return;
-    // A cut may have come between a record that frees a slot and the hole in its place.
     if (tmp.getSize() > found.used.size() * BLOCK_SIZE)
         SxOs::get().truncate(tmp.getFd(), static_cast<int64>(found.used.size() * BLOCK_SIZE));
-    giveBackRoom(std::move(holes));
     reserve();
 }
 
@@ -186,19 +185,27 @@ void WriteLayer::adoptRecord(RawIdx rawIdx, SlotIdx slot, Found* found) {
 
 void WriteLayer::create() {
     const SxMutexBlock turn(&changing);
-    if (tmp.isOpen()) return;
-    // What lies in the files without a record was never synced.
-    const unsigned flags = SxOs::Read | SxOs::Write | SxOs::Create | SxOs::Truncate | SxOs::NoFollow;
-    tix.open(folder + "img.tix", flags);
-    tixEnd = 0;
-    tixBegin = HEADER_SIZE;
-    isFormer = false;
-    compactAt = LEAST_TO_COMPACT;
-    namesPending = true;
-    tmp.open(folder + "img.tmp", flags);
+    if (!tmp.isOpen()) {
+        // What lies in the files without a record was never synced.
+        const unsigned flags = SxOs::Read | SxOs::Write | SxOs::Create | SxOs::Truncate | SxOs::NoFollow;
+        tix.open(folder + "img.tix", flags);
+        tixEnd = 0;
+        tixBegin = HEADER_SIZE;
+        isFormer = false;
+        compactAt = LEAST_TO_COMPACT;
+        namesPending = true;
+        tmp.open(folder + "img.tmp", flags);
+        tixReserved = 0;
+    }
+    if (reserve() == ENOSPC && tixEnd == 0) {
+        publishedFd = -1;
+        tmp.close();
+        tix.close();
+        throw SxException("There is no room in '" + SxString(folder) +
+                              "' for what programs write to the drive: make room, or mount it with mode ro",
+                          UNIT, __LINE__);
+    }
     publishedFd = tmp.getFd();
-    tixReserved = 0;
-    reserve();
     // Of a disk that was full, and no longer is.
     const SxMutexBlock lock(&mutex);
     failure = "";
@@ -274,9 +281,10 @@ int WriteLayer::discard(RawIdx first, uint64 n) {
             for (; i < end; ++i) {
                 const BlockMap::Place place = map->get(first + i);
                 if (place.isNothing()) continue;
-                if (place.isSlot()) freedPending.push_back({place.slot(), epoch});
                 map->set(first + i, BlockMap::NONE);
                 pending.push_back(makeRecord(first + i, ZEROS));
+                ++nRecords;
+                if (place.isSlot()) freedPending.push_back({place.slot(), epoch, nRecords});
             }
         }
         if (!hasManyPending()) continue;
@@ -314,17 +322,18 @@ int WriteLayer::writeNew(RawIdx first, uint64 n, const char* data) {
 /// Takes up to `*n` slots that lie together, and says how many.
 SlotIdx WriteLayer::allocate(uint64* n) {
     const SxMutexBlock lock(&mutex);
-    if (freeSlots.empty()) {
+    std::vector<SlotIdx>* const from = unused.empty() ? &freeSlots : &unused;
+    if (from->empty()) {
         const SlotIdx slot{nSlots};
         const uint64 end = std::min<uint64>(map->nRaw() + SPARE_SLOTS, uint64{~uint32{0}});
         *n = std::min(*n, end - std::min(nSlots, end));
         nSlots += *n;
         return slot;
     }
-    const SlotIdx slot = freeSlots.back();
+    const SlotIdx slot = from->back();
     uint64 nTaken = 0;
-    while (nTaken < *n && !freeSlots.empty() && freeSlots.back() == slot + nTaken) {
-        freeSlots.pop_back();
+    while (nTaken < *n && !from->empty() && from->back() == slot + nTaken) {
+        from->pop_back();
         ++nTaken;
     }
     *n = nTaken;
@@ -341,6 +350,7 @@ void WriteLayer::publish(RawIdx first, SlotIdx slot, uint64 n) {
         }
         map->set(first + i, slot + i);
         pending.push_back(makeRecord(first + i, slot + i));
+        ++nRecords;
     }
 }
 
@@ -370,12 +380,12 @@ int WriteLayer::sync() {
 int WriteLayer::syncInTurn() {
     if (failedError.load() != 0) return EIO;
     if (!tmp.isOpen()) return 0;
-    std::vector<Record> records;
-    std::vector<Freed> freed;
+    Batch batch;
     {
         const SxMutexBlock lock(&mutex);
-        records.swap(pending);
-        freed.swap(freedPending);
+        batch.records.swap(pending);
+        batch.freed.swap(freedPending);
+        batch.nBefore = nRecords - batch.records.size();
     }
     if (dirty.exchange(false)) {
         if (const int error = tmp.sync()) {
@@ -388,17 +398,7 @@ int WriteLayer::syncInTurn() {
         }
         namesPending = false;
     }
-    const int error = records.empty() ? 0 : appendRecords(records);
-    {
-        const SxMutexBlock lock(&mutex);
-        if (error) {
-            // The data is safe, and the same records can be written later.
-            pending.insert(pending.begin(), records.begin(), records.end());
-            freedPending.insert(freedPending.begin(), freed.begin(), freed.end());
-            return error;
-        }
-        freedSynced.insert(freedSynced.end(), freed.begin(), freed.end());
-    }
+    if (const int error = appendBatch(&batch)) return error;
     reuseFreed();
     // It stays as it is where that fails, and nothing is lost but room.
     if (tixEnd > compactAt) compact();
@@ -406,29 +406,63 @@ int WriteLayer::syncInTurn() {
     return failedError.load() != 0 ? EIO : 0;
 }
 
-/// Makes slots free whose discard is durable and which nobody writes to now.
-void WriteLayer::reuseFreed() {
-    std::vector<SlotIdx> holes;
-    {
-        const SxMutexBlock lock(&mutex);
-        for (int i = 0; i < 2 && nWriters[(epoch + 1) % 2] == 0; ++i)
-            ++epoch;
-        std::erase_if(freedSynced, [&](const Freed& freed) SX_REQUIRES(mutex) {
-            if (freed.epoch + 2 > epoch) return false;
-            holes.push_back(freed.slot);
-            return true;
-        });
-        if (holes.empty()) return;
+/// On a disk that is full the records go to the index in pieces that fit the reserve: what the discards of
+/// one have freed makes room for the next.
+int WriteLayer::appendBatch(Batch* batch) {
+    std::vector<Record>& records = batch->records;
+    size_t nDone = 0, nAtOnce = records.size();
+    int error = 0;
+    while (error == 0 && nDone < records.size()) {
+        const size_t n = std::min(nAtOnce, records.size() - nDone);
+        error = appendRecords(records.data() + nDone, n);
+        if (error == ENOSPC && n > RECORDS_IN_RESERVE) {
+            nAtOnce = RECORDS_IN_RESERVE;
+            error = 0;
+            continue;
+        }
+        if (error == 0) nDone += n;
+        settle(batch, nDone);
+        if (nAtOnce > RECORDS_IN_RESERVE) continue;
+        reuseFreed();
+        while (giveBackRoom())
+            continue;
+        reserve();
     }
-    // Whoever is reading from these slots reads again.
-    ++moves;
-    giveBackRoom(holes);
     const SxMutexBlock lock(&mutex);
-    std::sort(holes.begin(), holes.end(), std::greater<>());
-    freeSlots.insert(freeSlots.end(), holes.begin(), holes.end());
+    // The data is safe, and the same records can be written later.
+    pending.insert(pending.begin(), records.begin() + static_cast<std::ptrdiff_t>(nDone), records.end());
+    freedPending.insert(freedPending.begin(), batch->freed.begin(), batch->freed.end());
+    return error;
 }
 
-int WriteLayer::appendRecords(const std::vector<Record>& records) {
+/// Takes those slots out of the batch whose discards are among its first `nDone` records.
+void WriteLayer::settle(Batch* batch, size_t nDone) {
+    const auto isDurable = [&](const Freed& slot) { return slot.nRecords <= batch->nBefore + nDone; };
+    const auto end = std::find_if_not(batch->freed.begin(), batch->freed.end(), isDurable);
+    const SxMutexBlock lock(&mutex);
+    freedSynced.insert(freedSynced.end(), batch->freed.begin(), end);
+    batch->freed.erase(batch->freed.begin(), end);
+}
+
+/// Makes slots free whose discard is durable and which nobody writes to now.
+void WriteLayer::reuseFreed() {
+    const SxMutexBlock lock(&mutex);
+    for (int i = 0; i < 2 && nWriters[(epoch + 1) % 2] == 0; ++i)
+        ++epoch;
+    std::vector<SlotIdx> slots;
+    std::erase_if(freedSynced, [&](const Freed& freed) SX_REQUIRES(mutex) {
+        if (freed.epoch + 2 > epoch) return false;
+        slots.push_back(freed.slot);
+        return true;
+    });
+    if (slots.empty()) return;
+    // Whoever is reading from these slots reads again.
+    ++moves;
+    std::sort(slots.begin(), slots.end(), std::greater<>());
+    unused.insert(unused.end(), slots.begin(), slots.end());
+}
+
+int WriteLayer::appendRecords(const Record* records, size_t n) {
     // A format without discards can't have a block twice either.
     if (isFormer && tixEnd != 0) {
         const int error = compact();
@@ -437,8 +471,8 @@ int WriteLayer::appendRecords(const std::vector<Record>& records) {
         if (error) return error;
     }
     int error = tixEnd == 0 ? writeHeader(tix) : 0;
-    const uint64 at = tixEnd == 0 ? HEADER_SIZE : tixEnd, size = records.size() * sizeof(Record);
-    if (!error) error = tix.writeAt(records.data(), size, at);
+    const uint64 at = tixEnd == 0 ? HEADER_SIZE : tixEnd, size = n * sizeof(Record);
+    if (!error) error = tix.writeAt(records, size, at);
     if (error == ENOSPC) return error;
     if (!error) error = tix.sync();
     if (error) return fail("Cannot write '" + SxString(tix.getPath()) + "'", error);

@@ -12,7 +12,9 @@
 ///
 /// A block that was discarded reads as zeros, with an entry for nothing in the map, and its record says so.
 /// Its slot is used again, and its room given back to the disk, only once that record is durable and whoever
-/// was writing to the slot has ended: a cut leaves what was written last before the discard, or zeros.
+/// was writing to the slot has ended: a cut leaves what was written last before the discard, or zeros. Giving
+/// room back takes a call for each run of slots, of which there may be very many, so no sync waits for it:
+/// giveBackRoom() does it a little at a time, and until then these slots are the first to be used again.
 ///
 /// Where the file system can give room ahead, the layer holds a little in reserve: on a disk that others have
 /// filled a few blocks can still be written. A file system of the drive needs them to be unmounted, even if
@@ -27,16 +29,20 @@ public:
 
     /// Makes the files where there are none; durable by the next sync(). Raises.
     void create();
-    /// As create(), for a drive that may never need them: where it fails, the first write that does tries again.
+    /// As create(), for a drive that may never need them: where it fails, the first write that does tries
+    /// again.
     void tryToCreate();
     /// Writes `n` whole blocks; gives 0 or an errno value. A full disk fails this write alone; whatever else
     /// fails here or in sync() fails all later ones.
     int write(RawIdx first, uint64 n, const char* data);
-    /// Makes `n` blocks read as zeros and frees their slots; gives 0 or an errno value. Durable, and their
-    /// room given back, after the next sync().
+    /// Makes `n` blocks read as zeros and frees their slots; gives 0 or an errno value. Durable after the
+    /// next sync(), and their room given back after that.
     int discard(RawIdx first, uint64 n);
     /// Gives 0 when all writes that have returned are on the device, else an errno value.
     int sync();
+    /// Gives the room of some free slots back to the disk; false where none is left to give. Where the file
+    /// system can't do this the room is used by later writes.
+    bool giveBackRoom();
     int getFd() const { return publishedFd.load(); }
     /// Grows while a sync() or a flush() under way goes on.
     uint64 getProgress() const { return tmp.getProgress() + nLookedAt.load(); }
@@ -75,6 +81,13 @@ private:
     struct Freed {
         SlotIdx slot;
         uint64 epoch;
+        uint64 nRecords; ///< of all that were made, up to its own
+    };
+    /// What one sync() makes durable.
+    struct Batch {
+        std::vector<Record> records;
+        std::vector<Freed> freed; ///< by these records
+        uint64 nBefore = 0;       ///< records that were made before them
     };
     /// What load() has found.
     struct Found {
@@ -109,11 +122,14 @@ private:
     SlotIdx allocate(uint64* n);
     void publish(RawIdx first, SlotIdx slot, uint64 n);
     void giveBack(SlotIdx first, uint64 n);
-    void reserve() SX_REQUIRES(changing);
+    /// Gives 0 or an errno value, where it isn't full.
+    int reserve() SX_REQUIRES(changing);
     bool hasManyPending() const;
+    int appendBatch(Batch* batch) SX_REQUIRES(changing);
+    void settle(Batch* batch, size_t nDone);
     void reuseFreed();
     int syncInTurn() SX_REQUIRES(changing);
-    int appendRecords(const std::vector<Record>& records) SX_REQUIRES(changing);
+    int appendRecords(const Record* records, size_t n) SX_REQUIRES(changing);
     int compact() SX_REQUIRES(changing);
     void replaceIndex(DriveFile* next, uint64 end) SX_REQUIRES(changing);
     template<class Append>
@@ -126,7 +142,6 @@ private:
     uint64 copyOut(const Target& target);
     void writeIndex(const Target& target) SX_REQUIRES(changing);
     void freeMoved(const Target& target);
-    void giveBackRoom(std::vector<SlotIdx> slots) const;
 
     const std::string folder;
     BlockMap* const map;
@@ -136,7 +151,7 @@ private:
     std::atomic<int> publishedFd{-1}, failedError{0};
     std::atomic<bool> dirty{false};
     std::atomic<uint64> moves{0};
-    std::atomic<uint64> nLookedAt{0}; ///< blocks, by all flushes
+    std::atomic<uint64> nLookedAt{0}; ///< blocks and records, to move them or write them anew
 
     /// Held by whatever makes files or changes `img.tix`, over its I/O, and taken ahead of `mutex`: records
     /// go to the end of a file one batch after the other. Readers don't take it, nor do writers, but for
@@ -150,9 +165,13 @@ private:
     uint64 compactAt SX_GUARDED_BY(changing) = 0;  ///< bytes of the index from which on it is written anew
     bool isFormer SX_GUARDED_BY(changing) = false; ///< the index is of a format without discards
 
+    /// Held over the giving back of room, so that a slot that is about to become a hole is given to nobody.
+    SxMutex giving;
     mutable SxMutex mutex;
-    std::vector<Record> pending SX_GUARDED_BY(mutex); ///< of written blocks, not in `img.tix` yet
-    std::vector<SlotIdx> freeSlots SX_GUARDED_BY(mutex);
+    std::vector<Record> pending SX_GUARDED_BY(mutex);     ///< of written blocks, not in `img.tix` yet
+    uint64 nRecords SX_GUARDED_BY(mutex) = 0;             ///< ever made, up to the last of `pending`
+    std::vector<SlotIdx> freeSlots SX_GUARDED_BY(mutex);  ///< without room on the disk
+    std::vector<SlotIdx> unused SX_GUARDED_BY(mutex);     ///< the same, but for their room
     std::vector<SlotIdx> reserved SX_GUARDED_BY(mutex);   ///< that have room on the disk, for when it is full
     std::vector<Freed> freedPending SX_GUARDED_BY(mutex); ///< whose records aren't in `img.tix` yet
     std::vector<Freed> freedSynced SX_GUARDED_BY(mutex);  ///< which a writer may still be writing to

@@ -137,33 +137,22 @@ void WriteLayer::freeMoved(const Target& target) {
     });
     // Whoever is reading from these slots reads again. The bytes go only behind this.
     ++moves;
-    std::vector<SlotIdx> holes;
+    const SxMutexBlock turn(&giving);
     {
         const SxMutexBlock lock(&mutex);
-        freeSlots.insert(freeSlots.end(), freed.begin(), freed.end());
+        unused.insert(unused.end(), freed.begin(), freed.end());
         for (const Freed& slot : freedSynced)
-            freeSlots.push_back(slot.slot);
+            unused.push_back(slot.slot);
         freedSynced.clear();
+        unused.insert(unused.end(), reserved.begin(), reserved.end());
         reserved.clear();
-        std::erase_if(freeSlots, [end](SlotIdx slot) { return slot.value >= end; });
-        std::sort(freeSlots.begin(), freeSlots.end(), std::greater<>());
+        for (std::vector<SlotIdx>* slots : {&unused, &freeSlots}) {
+            std::erase_if(*slots, [end](SlotIdx slot) { return slot.value >= end; });
+            std::sort(slots->begin(), slots->end(), std::greater<>());
+        }
         nSlots = end;
-        holes = freeSlots;
     }
     SxOs::get().truncate(tmp.getFd(), static_cast<int64>(end * BLOCK_SIZE));
-    giveBackRoom(std::move(holes));
-}
-
-/// Where the file system can't do this the room is used by later writes.
-void WriteLayer::giveBackRoom(std::vector<SlotIdx> slots) const {
-    std::sort(slots.begin(), slots.end());
-    for (size_t i = 0; i < slots.size();) {
-        size_t end = i + 1;
-        while (end < slots.size() && slots[end] == slots[i] + (end - i))
-            ++end;
-        SxOs::get().punchHole(tmp.getFd(), slots[i].byte(), static_cast<int64>((end - i) * BLOCK_SIZE));
-        i = end;
-    }
 }
 
 /// Calls `append` with each record of the index that no later one of its block takes the place of.
@@ -178,6 +167,7 @@ void WriteLayer::copyLatest(Append&& append) {
         end -= n * sizeof(Record);
         readAll(records.data(), n * sizeof(Record), end);
         for (size_t i = n; i-- > 0;) {
+            ++nLookedAt;
             const RawIdx rawIdx = blockOf(records[i]);
             if (rawIdx.value >= seen.size() || seen[rawIdx.value]) continue;
             seen[rawIdx.value] = true;

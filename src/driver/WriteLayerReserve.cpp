@@ -1,11 +1,14 @@
 #include "WriteLayer.h"
 
+#include <algorithm>
 #include <cerrno>
 
 namespace {
 
 /// Bytes of the index that have room ahead of its end: more than the records of all reserved slots.
 constexpr uint64 INDEX_AHEAD = 4096, INDEX_STEP = 16 << 10;
+/// Slots whose room is given back with one call, each of which may take a call of the system.
+constexpr size_t SLOTS_AT_ONCE = 64;
 
 } // namespace
 
@@ -39,23 +42,52 @@ int WriteLayer::writeReserved(RawIdx first, uint64 n, const char* data) {
 
 /// Fills the reserve where the disk has room again; without room, or on a file system that can't give any
 /// ahead, it stays as it is.
-void WriteLayer::reserve() {
-    if (tixEnd + INDEX_AHEAD > tixReserved &&
-        SxOs::get().preallocate(tix.getFd(), static_cast<int64>(tixEnd), INDEX_STEP) == 0)
+int WriteLayer::reserve() {
+    if (tixEnd + INDEX_AHEAD > tixReserved) {
+        const int error = -SxOs::get().preallocate(tix.getFd(), static_cast<int64>(tixEnd), INDEX_STEP);
+        if (error) return error;
         tixReserved = tixEnd + INDEX_STEP;
+    }
     for (;;) {
         uint64 n = 0;
         {
             const SxMutexBlock lock(&mutex);
             n = N_RESERVED - reserved.size();
         }
-        if (n == 0) return;
+        if (n == 0) return 0;
         const SlotIdx first = allocate(&n);
-        if (n == 0) return;
-        if (SxOs::get().preallocate(tmp.getFd(), first.byte(), static_cast<int64>(n * BLOCK_SIZE)) != 0)
-            return giveBack(first, n);
+        if (n == 0) return 0;
+        const int error =
+            -SxOs::get().preallocate(tmp.getFd(), first.byte(), static_cast<int64>(n * BLOCK_SIZE));
+        if (error) {
+            giveBack(first, n);
+            return error;
+        }
         const SxMutexBlock lock(&mutex);
         for (uint64 i = n; i-- > 0;)
             reserved.push_back(first + i);
     }
+}
+
+bool WriteLayer::giveBackRoom() {
+    const SxMutexBlock turn(&giving);
+    std::vector<SlotIdx> slots;
+    {
+        const SxMutexBlock lock(&mutex);
+        const size_t n = std::min(unused.size(), SLOTS_AT_ONCE);
+        slots.assign(unused.end() - static_cast<std::ptrdiff_t>(n), unused.end());
+        unused.resize(unused.size() - n);
+    }
+    if (slots.empty()) return false;
+    std::sort(slots.begin(), slots.end());
+    for (size_t i = 0; i < slots.size();) {
+        size_t end = i + 1;
+        while (end < slots.size() && slots[end] == slots[i] + (end - i))
+            ++end;
+        SxOs::get().punchHole(tmp.getFd(), slots[i].byte(), static_cast<int64>((end - i) * BLOCK_SIZE));
+        i = end;
+    }
+    const SxMutexBlock lock(&mutex);
+    freeSlots.insert(freeSlots.end(), slots.rbegin(), slots.rend());
+    return !unused.empty();
 }

@@ -243,7 +243,11 @@ int FaultOs::punchHole(int fd, int64 offset, int64 n) {
             pending.changeFile(fd, offset, std::string(static_cast<size_t>(end - offset), '\0'), info.size);
         }
     }
-    return machine.punchHole(fd, offset, n);
+    SxStat before, after;
+    const bool counts = diskLeft && openFiles.contains(fd) && machine.statFd(fd, &before) == 0;
+    const int result = machine.punchHole(fd, offset, n);
+    if (counts && machine.statFd(fd, &after) == 0) *diskLeft += before.allocated - after.allocated;
+    return result;
 }
 
 int FaultOs::sync(int fd) {

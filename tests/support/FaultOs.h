@@ -59,7 +59,8 @@ public:
     /// How often failNth() has struck since it was called.
     int64 getNFailed() const;
 
-    /// From here on files may grow by `bytes` in all; removed and cut files give their size back. A write
+    /// From here on files may grow by `bytes` in all; removed and cut files give their size back, and holes
+    /// their room. A write
     /// that doesn't fit comes short, the next fails with ENOSPC. freeSpace() tells what is left.
     void setDiskLeft(int64 bytes);
     /// What freeSpace() says, whatever is left.
