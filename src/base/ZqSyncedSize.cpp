@@ -17,7 +17,6 @@ namespace {
 constexpr const char* UNIT = "src/base/ZqSyncedSize";
 constexpr const char* UNKNOWN = "-"; ///< begins the id of a machine that tells none
 constexpr const char* LOST = "lost";
-constexpr const char* OF_FOLDER = "/"; ///< between the inodes
 constexpr int64 PIECE = 1 << 20;
 
 /// All that is known where the machine tells nothing is that it runs since this process does.
@@ -47,28 +46,9 @@ ZqSyncedSize::Note ZqSyncedSize::read() const {
         note.size = 0;
         note.boot.clear();
     }
-    for (std::string word; text >> word;) {
-        if (word == LOST) {
-            note.isLost = true;
-        } else {
-            note.inodes = word;
-        }
-    }
-    const std::string now = inodesNow();
-    const size_t folderAt = now.find(OF_FOLDER);
-    // Some file systems give other numbers after each mount, to the folder, too.
-    const bool isSameFolder = !now.empty() && note.inodes.ends_with(now.substr(folderAt));
-    if (isSameFolder && note.inodes != now) return {};
+    std::string word;
+    note.isLost = text >> word && word == LOST;
     return note;
-}
-
-std::string ZqSyncedSize::inodesNow() const {
-    SxStat ofFile, ofFolder;
-    SxOs& os = SxOs::get();
-    const bool areThere = os.stat(SxOs::hostPath(file), &ofFile) == 0 &&
-                          os.stat(SxOs::hostPath(folder() + "."), &ofFolder) == 0;
-    return areThere ? std::to_string(ofFile.inode) + OF_FOLDER + std::to_string(ofFolder.inode)
-                    : std::string();
 }
 
 SxString ZqSyncedSize::folder() const {
@@ -138,14 +118,12 @@ void ZqSyncedSize::begin(uint64 size) const {
 }
 
 void ZqSyncedSize::write(const Note& note) const {
-    const std::string inodes = inodesNow();
     SxFileIO::writeAtomic(noteFile(), SxString(note.size) + " " + note.boot +
-                                          (note.isLost ? std::string(" ") + LOST : std::string()) +
-                                          (inodes.empty() ? inodes : " " + inodes) + "\n");
+                                          (note.isLost ? std::string(" ") + LOST : std::string()) + "\n");
 }
 
 void ZqSyncedSize::note(uint64 size) const {
-    write({true, size, startId(), false, {}});
+    write({true, size, startId(), false});
 }
 
 void ZqSyncedSize::noteLoss() const {

@@ -10,9 +10,9 @@
 /// are noted, since a power cut leaves a file of the right size with anything in it. A file without a note is
 /// believed as a whole. Bytes that the device has lost, as a sync told that failed, are in memory at best, so
 /// the note stays as it is until the machine starts again. Where that has no id, its start is taken to be
-/// that of the process. The note speaks of one file: where that was replaced, or is a whole image by now,
-/// which was copied over it, say, it has no say. Not locked: whoever changes the file holds the image. Sizes
-/// are in bytes.
+/// that of the process. Where the file is a whole image by now, which was copied over it, say, the note has
+/// no say. Whether it is the file that was noted can't be told otherwise: not all file systems keep an
+/// inode's number over a mount. Not locked: whoever changes the file holds the image. Sizes are in bytes.
 class ZqSyncedSize {
 public:
     explicit ZqSyncedSize(SxString file_) : file(std::move(file_)) {}
@@ -47,16 +47,12 @@ private:
         uint64 size = 0;
         std::string boot;    ///< empty where it isn't known
         bool isLost = false; ///< some of the bytes after these are known to be
-        std::string inodes;  ///< see inodesNow(); empty in an older note
 
         bool isOfThisStart() const;
     };
 
     SxString noteFile() const;
     SxString folder() const;
-    /// The inodes of the file and of its folder; empty where there are none.
-    std::string inodesNow() const;
-    /// The note; as if there were none where another file has taken the place of the one that it is of.
     Note read() const;
     void write(const Note& note) const;
 
