@@ -96,8 +96,12 @@ void refuseRecording(const SxString& path) {
 
 namespace {
 
-FileState makeState(int result, const SxStat& info) {
-    if (result < 0) return {};
+/// A file that can't be looked at must not pass for one that is empty, or for one that stayed as it was.
+FileState makeState(const SxString& file, int result, const SxStat& info) {
+    if (result < 0) {
+        throw SxException(SxException(SxOs::errorText(result), UNIT, __LINE__),
+                          "Cannot look at '" + file + "'", UNIT, __LINE__);
+    }
     return {info.device, info.inode, info.size, info.modifiedMs};
 }
 
@@ -116,13 +120,14 @@ void requireSame(const SxString& file, const FileState& was, const FileState& is
 FileState FileState::of(const SxString& path) {
     SxStat info;
     const int result = SxOs::get().stat(SxOs::hostPath(path), &info);
-    return makeState(result, info);
+    if (result == -ENOENT || result == -ENOTDIR) return {};
+    return makeState(path, result, info);
 }
 
 FileState FileState::of(const SxFileIO& file) {
     SxStat info;
     const int result = SxOs::get().statFd(file.getFd(), &info);
-    return makeState(result, info);
+    return makeState(file.getFilePath(), result, info);
 }
 
 Unchanged::Unchanged(const SxString& path)
@@ -140,11 +145,11 @@ void Unchanged::require() const {
 Reader::Reader(const SxString& path, int64 chunk)
     : file(path + ZqTraceFiles::ITEMS),
       chunkSize(chunk * SIZE) {
-    if (!SxFSAction::test_f(file)) {
+    state = FileState::of(file);
+    if (state.size < 0 || !SxFSAction::test_f(file)) {
         throw SxException("Cannot trace data. File '" + file + "' not found!", UNIT, __LINE__);
     }
-    state = FileState::of(file);
-    n = std::max<int64>(state.size, 0) / SIZE;
+    n = state.size / SIZE;
     buffer.resize(std::min(chunkSize, n * SIZE));
 }
 

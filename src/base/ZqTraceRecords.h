@@ -127,6 +127,7 @@ struct FileState {
     uint64 device = 0, inode = 0;
     int64 size = -1, modifiedMs = 0; ///< of none where there is no file
 
+    /// Both raise where that can't be told.
     static FileState of(const SxString& path);
     static FileState of(const SxFileIO& file);
     bool operator==(const FileState&) const = default;
