@@ -317,7 +317,7 @@ void ZqCoreUnderflowMgr::main() {
     } catch (const SxException& e) {
         zqLogMsg("base", MAIN + e.toString(3, "\n"));
     }
-    // With a stop, or the drive, it ends as well. Behind a failure, or a restart, the read may be held still.
+    // With a stop, or the drive, it ends as well. After a failure, or a restart, the read may still be held.
     if (!hasFailed) {
         entered = false;
         underflowFlag = false;

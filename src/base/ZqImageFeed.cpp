@@ -59,7 +59,7 @@ uint64 ZqImageFeed::fileSize() const {
     return std::min(told, writeEnd());
 }
 
-/// Where no write is under way the size itself tells what can be read, also behind a write that has failed.
+/// Where no write is under way the size itself tells what can be read, also after a write that has failed.
 uint64 ZqImageFeed::writeEnd() const {
     const SxPtr<ZqFWriter> now = getWriter();
     return now && now->isRunning() ? now->getWriteEnd() : ZqImageProgress::ANY;

@@ -167,7 +167,7 @@ private:
     void verifyDigest();
     /// Fetches anew what is wrong of the complete image; gives how many stretches were.
     uint64 mend();
-    /// Of an image that was complete ahead of the run: what mending it waits for, and has moved.
+    /// Of an image that was complete before the run: what mending it waits for, and has moved.
     void addRepair(Status* status) const;
     /// Reads the whole of `img.zqf`; empty where a stop came between.
     SxString readDigest();
@@ -185,7 +185,7 @@ private:
     ZqImageParams params;
     SxPtr<ZqImageLock> growth, shape;
     ZqDiskReserve reserve;
-    SxPtr<ZqNetLink> link;       ///< changed, and read ahead of start(), under the mutex
+    SxPtr<ZqNetLink> link;       ///< changed, and read before start(), under the mutex
     SxPtr<ZqRemoteImage> opened; ///< what open() has begun to use, `image` from start() on
     SxPtr<ZqRemoteImage> image;
     std::unique_ptr<ZqPartCheck> part; ///< the owner's up to start(), then the job's

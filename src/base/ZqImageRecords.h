@@ -45,7 +45,7 @@ private:
     /// Whether the map has that size, and that digest where it isn't empty.
     bool hasMap(const ZqAppParams& known) const;
     void fetchParams(const ZqAppParams& app, const ZqStopTest& stop) const;
-    /// The map, and ahead of it the digest that it is checked by where `app` states none.
+    /// The map, and before it the digest that it is checked by where `app` states none.
     void fetchMap(const ZqAppParams& app, const ZqStopTest& stop) const;
     void bringMap(const ZqAppParams& known, const ZqStopTest& stop) const;
     SxString fetchDigest(bool isFresh, const ZqStopTest& stop) const;

@@ -32,7 +32,7 @@ public:
         /// That of the file in the image folder.
         static Left of(const SxString& image);
     };
-    Left left;              ///< none while a download goes on, and behind one that was killed
+    Left left;              ///< none while a download goes on, and after one that was killed
     bool isWritten = false; ///< a drive may have written into `img.zqf`, so that its digest tells nothing
 
     /// Whether the image's `img.zqf` was found to have that digest, and is as it was then.

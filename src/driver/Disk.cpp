@@ -500,7 +500,7 @@ void Disk::noticeEnd() {
 }
 
 bool Disk::wasTakenAway() const {
-    // Behind the ticker, which makes the ender.
+    // After the ticker, which makes the ender.
     return !ticker->isRunning() && ender && !ender->isRunning();
 }
 

@@ -38,7 +38,7 @@ void Disk::redirect(const SxList<SxString>& names, const SxString& directory) {
                       SxString(aside->second));
         }
     } catch (const SxException& e) {
-        // What was freed by ending the connection can't serve any more.
+        // What was freed by ending the connection no longer serves.
         if (isAborted) fail("Redirecting names took too long: " + e.toString(SxException::ShowMessage, ": "));
         throw;
     }

@@ -23,7 +23,7 @@ public:
 
     /// Holds a request that came short; false where it has had its time, or nobody is to wait any longer.
     bool hold(uint64 token);
-    /// Forgets a request, which isn't woken any more; false where it isn't held.
+    /// Forgets a request, which is no longer woken; false where it isn't held.
     bool forget(uint64 token);
     /// To be called with the first try of a request, and where it was done: its time begins anew.
     void settle(uint64 token) {

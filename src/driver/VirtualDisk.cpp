@@ -44,7 +44,7 @@ void VirtualDisk::requireComplete(uint64 present) const {
                       UNIT, __LINE__);
 }
 
-/// Once all blocks are there the file's size is the image's. It is taken ahead of the cursor, by which the
+/// Once all blocks are there the file's size is the image's. It is taken before the cursor, by which the
 /// last block is read.
 void VirtualDisk::noteEnd(uint64 present) {
     SxStat info;

@@ -58,7 +58,7 @@ public:
     int sync();
     /// Grows while a sync() under way goes on.
     uint64 getProgress() const { return zqf.getProgress() + layer.getProgress(); }
-    /// Forgets a held request, which isn't woken any more; false where it isn't held.
+    /// Forgets a held request, which is no longer woken; false where it isn't held.
     bool forget(uint64 token);
 
     /// All blocks below are present in `img.zqf` from now on; may go down too. Raises on a disk that is

@@ -150,7 +150,7 @@ TEST(RemoteImageTable, thatIsKnownTellsOfAnotherVersionToTheEnd) {
         EXPECT_TRUE(readOf(image, STRETCH, STRETCH) == zqf.substr(STRETCH, STRETCH));
         ASSERT_TRUE(SxWait::pass(5000, [&] { return image.getFigures().isPacked; }));
         version = 1;
-        // The pack is refused at its next look, and both forms of the other version are asked for behind it.
+        // The pack is refused at its next look, and both forms of the other version are asked for after it.
         const auto reads = [&](uint64 idx) {
             std::string got;
             const std::string failure = failureOf([&] { got = readOf(image, idx * STRETCH, STRETCH); });

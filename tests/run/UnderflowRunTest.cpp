@@ -96,7 +96,7 @@ protected:
         pause();
     }
     bool isIconic() { return desktop->isIconic(window); }
-    /// Waits for the application to have read what it does ahead of its pause.
+    /// Waits for the application to have read what it does before its pause.
     bool hasReadSome() {
         const auto has = [this] {
             return fs::exists(played + ".half") && fs::file_size(played + ".half") > 1'000'000;
@@ -171,7 +171,7 @@ TEST_F(WindowRun, ItIsOutOfTheWayForALongUnderflowOnly) {
     expectPlayed();
 }
 
-TEST_F(WindowRun, ItComesBackBehindASilentService) {
+TEST_F(WindowRun, ItComesBackAfterASilentService) {
     ::setenv("TAVRIN_ANSWER_S", "1", 1);
     const auto player = start();
     ::unsetenv("TAVRIN_ANSWER_S");

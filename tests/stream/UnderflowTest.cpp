@@ -269,7 +269,7 @@ TEST(Underflow, WhatAFailureLeavesOpenIsGoneOnWith) {
 TEST(Underflow, OneCountsOnceHoweverOftenItIsMet) {
     HardRun run;
     run.sleep(2500);
-    // The player brings the window back ahead of its time.
+    // The player brings the window back before its time.
     run.desktop.windows[run.GAME].iconic = false;
     run.mgr->maximizeApp();
     run.sleep(2500);

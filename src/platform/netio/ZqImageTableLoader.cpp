@@ -81,7 +81,7 @@ void ZqRemoteImage::TableLoader::load() {
     }
     const uint64 nTail = std::min(size, ZqSeekTable::maxTail(image->sizeZqf));
     const SxArray<char> tail = fetch(size - nTail, size);
-    const auto table =
+    const auto found =
         SxPtr<ZqSeekTable>::create(tail.data(), static_cast<uint64>(tail.getSize()), size, image->sizeZqf);
-    if (!image->takeTable(table)) image->refusePacked();
+    if (!image->takeTable(found)) image->refusePacked();
 }
