@@ -4,7 +4,7 @@
 
 #include <tavrin/SxFileInfo.h>
 #include <tavrin/SxOs.h>
-#include <tavrin/SxProcess.h>
+#include <tavrin/SxProcessInfo.h>
 #include <tavrin/SxTime.h>
 #include <tavrin/ZqAppParams.h>
 #include <tavrin/ZqImageFiles.h>
@@ -109,9 +109,14 @@ bool requireSound(const SxString& image, ZqDiskStatus disk) {
 bool isMountedWhole(ZqMountMgr* manager, const SxString& image) {
     ZqDiskStatus disk;
     bool found = false;
+    // One that has ended and waits for its parent mounts nothing more.
+    const auto isMounting = [&] {
+        SxProcessInfo mounter;
+        return SxProcessInfo::get(disk.mounterPid, &mounter) && mounter.isRunning();
+    };
     const auto isDecided = [&] {
         found = ZqVolume::findDisk(image, &disk);
-        return !found || disk.ready || !disk.failure.isEmpty() || !SxProcess::isAlive(disk.mounterPid);
+        return !found || disk.ready || !disk.failure.isEmpty() || !isMounting();
     };
     if (!SxWait::pass(MOUNT_MS, isDecided)) {
         throw SxException("Image '" + image + "' is being mounted by process " + disk.mounterPid, UNIT,

@@ -363,7 +363,3 @@ void SxProcess::kill() {
     }
     signalGroup(KillSignal);
 }
-
-bool SxProcess::isAlive(int64 id) noexcept {
-    return id > 0 && (::kill(static_cast<pid_t>(id), 0) == 0 || errno == EPERM);
-}

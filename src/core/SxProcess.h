@@ -70,9 +70,6 @@ public:
     /// Ends the group without a chance to tidy up.
     void kill() SX_EXCLUDES(mutex);
 
-    /// Whether a process with that id runs, whoever started it.
-    static bool isAlive(int64 id) noexcept;
-
 private:
     struct Launch;
     enum class State { New, Running, Ended, Collected };
