@@ -192,6 +192,7 @@ void ZqCoreUnderflowMgr::noteQueue() {
 
 SxList<uint64> ZqCoreUnderflowMgr::collect(const Pass& pass) {
     SxUniqueList<uint64> requests, seen;
+    const bool isStanding = standsStill(pass);
     for (const uint64 byteIdx : popQueue(MAX_INDICES)) {
         const uint64 aligned = byteIdx / REQUEST_SIZE * REQUEST_SIZE;
         if (aligned > pass.nTotal) {
@@ -201,8 +202,9 @@ SxList<uint64> ZqCoreUnderflowMgr::collect(const Pass& pass) {
         // A block behind the image's end: no bytes of the image could resolve it.
         if (byteIdx >= pass.nTotal) continue;
         resumeIdx = std::max<uint64>(resumeIdx, aligned);
-        // The ordered download has it, or is about to.
-        if (aligned < pass.nCurrent) {
+        // The ordered download has it, or is about to. One that stands in the middle of a stretch, for want
+        // of room on the disk, say, may never bring the rest.
+        if (aligned < pass.nCurrent && (byteIdx < pass.nCurrent || !isStanding)) {
             edgeIdx = std::max(edgeIdx, std::min(byteIdx + BLOCK, pass.nTotal) - 1);
             continue;
         }

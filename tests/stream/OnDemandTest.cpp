@@ -69,6 +69,18 @@ TEST(OnDemand, AsksForWholeStretchesOnce) {
     }
 }
 
+TEST(OnDemand, FetchesTheEdgeOfADownloadThatStands) {
+    UnderflowRun run;
+    run.make();
+    run.progress->setNCurrent(STRETCH + 3 * BLOCK);
+    run.driver.queue = {60};
+    run.launch();
+    EXPECT_FALSE(run.await([&] { return run.isAnswered(); }, 2900));
+    EXPECT_TRUE(run.await([&] { return run.isAnswered(); }, 1500));
+    EXPECT_EQ(run.requests, (Requests{{STRETCH, STRETCH}}));
+    run.stop();
+}
+
 TEST(OnDemand, ResolvesAnUnderflowUnnoticed) {
     UnderflowRun run;
     run.start();
