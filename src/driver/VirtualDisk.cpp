@@ -198,6 +198,7 @@ int VirtualDisk::close() {
     wakeAll(held.close());
     wakeAll(shortReads.fail());
     const int error = cfg.readOnly ? 0 : sync();
+    layer.stopGivingBack();
     trace.stop();
     return error;
 }

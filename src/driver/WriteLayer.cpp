@@ -411,18 +411,20 @@ int WriteLayer::syncInTurn() {
 int WriteLayer::appendBatch(Batch* batch) {
     std::vector<Record>& records = batch->records;
     size_t nDone = 0, nAtOnce = records.size();
+    bool isFull = false;
     int error = 0;
     while (error == 0 && nDone < records.size()) {
         const size_t n = std::min(nAtOnce, records.size() - nDone);
         error = appendRecords(records.data() + nDone, n);
         if (error == ENOSPC && n > RECORDS_IN_RESERVE) {
             nAtOnce = RECORDS_IN_RESERVE;
+            isFull = true;
             error = 0;
             continue;
         }
         if (error == 0) nDone += n;
         settle(batch, nDone);
-        if (nAtOnce > RECORDS_IN_RESERVE) continue;
+        if (!isFull) continue;
         reuseFreed();
         while (giveBackRoom())
             continue;

@@ -43,6 +43,8 @@ public:
     /// Gives the room of some free slots back to the disk; false where none is left to give. Where the file
     /// system can't do this the room is used by later writes.
     bool giveBackRoom();
+    /// Ends that; the next drive goes on with it. To be called before anybody else may have the image.
+    void stopGivingBack();
     int getFd() const { return publishedFd.load(); }
     /// Grows while a sync() or a flush() under way goes on.
     uint64 getProgress() const { return tmp.getProgress() + nLookedAt.load(); }
@@ -167,6 +169,7 @@ private:
 
     /// Held over the giving back of room, so that a slot that is about to become a hole is given to nobody.
     SxMutex giving;
+    bool isGivingOver SX_GUARDED_BY(giving) = false;
     mutable SxMutex mutex;
     std::vector<Record> pending SX_GUARDED_BY(mutex);     ///< of written blocks, not in `img.tix` yet
     uint64 nRecords SX_GUARDED_BY(mutex) = 0;             ///< ever made, up to the last of `pending`

@@ -71,6 +71,7 @@ int WriteLayer::reserve() {
 
 bool WriteLayer::giveBackRoom() {
     const SxMutexBlock turn(&giving);
+    if (isGivingOver) return false;
     std::vector<SlotIdx> slots;
     {
         const SxMutexBlock lock(&mutex);
@@ -90,4 +91,9 @@ bool WriteLayer::giveBackRoom() {
     const SxMutexBlock lock(&mutex);
     freeSlots.insert(freeSlots.end(), slots.rbegin(), slots.rend());
     return !unused.empty();
+}
+
+void WriteLayer::stopGivingBack() {
+    const SxMutexBlock turn(&giving);
+    isGivingOver = true;
 }
