@@ -83,5 +83,5 @@ void ZqRemoteImage::TableLoader::load() {
     const SxArray<char> tail = fetch(size - nTail, size);
     const auto found =
         SxPtr<ZqSeekTable>::create(tail.data(), static_cast<uint64>(tail.getSize()), size, image->sizeZqf);
-    if (!image->takeTable(found)) image->refusePacked();
+    if (!image->takeTable(found, image->isStatedOf(front.data(), front.getSize()))) image->refusePacked();
 }

@@ -124,9 +124,10 @@ private:
     void checkRange(uint64 offset, uint64 size) const;
 
     void openTable();
-    /// A table has come, whose packed form is used from now on; of which image it may be was looked at. False
-    /// where it has other checksums than the one that is known, and is of something else: nothing changes.
-    bool takeTable(const SxPtr<ZqSeekTable>& table_);
+    /// A table has come, whose packed form is used from now on; of which image it may be was looked at, and
+    /// `isStated` where its file says so itself. False where it has other checksums than the one that is
+    /// known, and is of something else: nothing changes.
+    bool takeTable(const SxPtr<ZqSeekTable>& table_, bool isStated);
     /// What is known of the image stays, whatever becomes of its packed form.
     void setState(Packed state_);
     /// The packed form is of no use, for now: all goes on with the plain one.
@@ -146,6 +147,8 @@ private:
     /// Whether the packed form that begins with these bytes is that of this image; one that doesn't say so
     /// counts as it.
     bool isOfThisImage(const char* bytes, int64 n) const;
+    /// Whether it says so itself.
+    bool isStatedOf(const char* bytes, int64 n) const;
     /// Leaves the packed form aside.
     void refusePacked();
     /// The table of the packed form that is in use; null where none is, or not yet.
@@ -244,6 +247,7 @@ private:
     bool tableWaits SX_GUARDED_BY(mutex) = false;  ///< a request for it has failed
     SxException tableFailure SX_GUARDED_BY(mutex); ///< the last one of it, or of the packed form
     Packed state SX_GUARDED_BY(mutex) = Packed::Unknown;
+    bool isTableStated SX_GUARDED_BY(mutex) = false;   ///< its file says that it is of this image
     SxPtr<ZqSeekTable> table SX_GUARDED_BY(mutex);     ///< also of a packed form that isn't used, or gone
     std::map<uint64, Bytes> kept SX_GUARDED_BY(mutex); ///< by stretch; null where the store alone has it
     uint64 nInMemory SX_GUARDED_BY(mutex) = 0;         ///< kept stretches that aren't null

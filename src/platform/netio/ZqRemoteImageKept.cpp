@@ -64,7 +64,13 @@ bool ZqRemoteImage::isOfThisImage(const char* bytes, int64 n) const {
         std::memcmp(bytes, known.data(), ZqPackedForm::HEADER_SIZE) != 0) {
         return true;
     }
-    return n >= ZqPackedForm::ORIGIN_SIZE && std::memcmp(bytes, known.data(), known.size()) == 0;
+    return isStatedOf(bytes, n);
+}
+
+bool ZqRemoteImage::isStatedOf(const char* bytes, int64 n) const {
+    const std::string known = ZqPackedForm::origin(digest);
+    return !digest.isEmpty() && n >= ZqPackedForm::ORIGIN_SIZE &&
+           std::memcmp(bytes, known.data(), known.size()) == 0;
 }
 
 void ZqRemoteImage::refusePacked() {

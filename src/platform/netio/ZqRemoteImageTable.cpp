@@ -30,12 +30,15 @@ void ZqRemoteImage::openTable() {
     }
 }
 
-bool ZqRemoteImage::takeTable(const SxPtr<ZqSeekTable>& table_) {
+bool ZqRemoteImage::takeTable(const SxPtr<ZqSeekTable>& table_, bool isStated) {
     {
         SxMutexBlock lock(&mutex);
-        // The checksums are of decoded bytes, so those of the image that was packed anew are the same.
-        if (table && table->hasChecksums() && !table_->hasSameChecksums(*table)) return false;
+        // The checksums are of decoded bytes, so those of the image that was packed anew are the same. A file
+        // that doesn't say what it is of may be an old one, and gives way to one that does.
+        const bool isBetter = isStated && !isTableStated;
+        if (table && table->hasChecksums() && !isBetter && !table_->hasSameChecksums(*table)) return false;
         table = table_;
+        isTableStated = isTableStated || isStated;
         state = Packed::Offered;
     }
     changed.notify_all();
