@@ -23,6 +23,8 @@ constexpr int64 SECOND_NS = 1'000'000'000;
 constexpr int64 KILLED_NS = 2 * SECOND_NS;
 /// What it waits for the table where the file was changed for sure, and for what is fetched anew then.
 constexpr int64 TABLE_NS = 4 * SECOND_NS, MEND_NS = 10 * SECOND_NS;
+/// The least pause between two goes, in milliseconds.
+constexpr int64 PART_LOOK_MS = 50;
 /// Stretches that are compared in one go beside a game.
 constexpr uint64 GO = 16;
 constexpr uint64 ALL = ~uint64{0};
@@ -158,7 +160,7 @@ void ZqImageFeed::checkPart() {
         const int64 nMs = (SxClock::get().steadyNs() - beginNs) / 1'000'000;
         mendPart(repair, *table, stop);
         // A game reads from the same disk, or what is to be compared next is still to come.
-        link->sleep(std::max(nMs, SxWait::LOOK_MS), stop);
+        link->sleep(std::max(nMs, PART_LOOK_MS), stop);
     }
     isPartRight = true;
 }

@@ -19,7 +19,17 @@ void ZqOrderedDownload::start(Priority priority) {
         const SxMutexBlock block(&mutex);
         isTaking = true;
     }
-    SxSystemThread::start(priority);
+    try {
+        SxSystemThread::start(priority);
+    } catch (const SxException&) {
+        stopTaking();
+        throw;
+    }
+}
+
+void ZqOrderedDownload::stopTaking() {
+    const SxMutexBlock block(&mutex);
+    isTaking = false;
 }
 
 bool ZqOrderedDownload::setWriter(const SxPtr<ZqFWriter>& writer_, uint64 offset_) {
@@ -67,6 +77,15 @@ bool ZqOrderedDownload::take(const Target& of, const char* bytes, int64 n) {
 }
 
 void ZqOrderedDownload::main() {
+    try {
+        streamAll();
+    } catch (...) {
+        stopTaking();
+        throw;
+    }
+}
+
+void ZqOrderedDownload::streamAll() {
     while (!stopFlag) {
         const Target now = getTarget();
         try {
@@ -74,11 +93,7 @@ void ZqOrderedDownload::main() {
                 now.offset, [&](const char* bytes, int64 n) { return take(now, bytes, n); },
                 [&] { return isObsolete(now); });
         } catch (const SxException& e) {
-            if (!e.hasTag(SxException::STOPPED)) {
-                const SxMutexBlock block(&mutex);
-                isTaking = false;
-                throw;
-            }
+            if (!e.hasTag(SxException::STOPPED)) throw;
         }
         const SxMutexBlock block(&mutex);
         if (isObsolete(now)) continue;

@@ -40,6 +40,9 @@ private:
     bool isObsolete(const Target& of) const { return stopFlag || of.number != targetNumber; }
     bool take(const Target& target, const char* bytes, int64 n);
     void push() SX_REQUIRES(mutex);
+    void streamAll();
+    /// From now on nobody counts on this thread.
+    void stopTaking();
 
     const SxPtr<ZqRemoteImage> image;
     std::atomic<bool> stopFlag{false};
