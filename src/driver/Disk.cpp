@@ -71,7 +71,7 @@ private:
 };
 
 /// Takes down what is left of a disk whose mount somebody else has ended; on a thread of its own, since that
-/// may take long and the ticker serves all disks.
+/// may take long and the ticker has other work.
 class Disk::Ender : public SxSystemThread {
 public:
     explicit Ender(Disk* disk_) : owner(disk_) { setThreadName("end"); }
@@ -440,9 +440,9 @@ std::optional<bool> Disk::takeReadAhead(SxString* setting) {
     const int64 nowNs = SxClock::get().steadyNs();
     const SxMutexBlock block(&mutex);
     // While the disk is suspended the kernel might wait for it.
-    if (state != State::Mounted || readAhead.isEmpty() || high == isReadingAhead || disk.isSuspended())
-        return {};
-    if (high != isReadAheadDue) nReadAheadTries = 0;
+    if (state != State::Mounted || readAhead.isEmpty() || disk.isSuspended()) return {};
+    if (high == isReadingAhead || high != isReadAheadDue) nReadAheadTries = 0;
+    if (high == isReadingAhead) return {};
     isReadAheadDue = high;
     const bool isSoon = nReadAheadTries > 0 && nowNs - readAheadNs < READ_AHEAD_PASS_NS;
     if (isSoon || nReadAheadTries >= MAX_READ_AHEAD_TRIES) return {};

@@ -54,6 +54,9 @@ SxPtr<ZqImageLock> Disk::takeBlocks() const {
 }
 
 void Disk::flushLayer() {
+    // Once it is ejected the image may be somebody else's.
+    const SxMutexBlock block(&tearing);
+    if (ending) throw SxException("The disk is being ejected", UNIT, __LINE__);
     const SxPtr<ZqImageLock> lock = takeBlocks();
     disk.flushLayer();
 }

@@ -232,7 +232,13 @@ public:
     SxString getLost() const { return lost; }
 
 protected:
-    void main() override { lost = service->eject(disk).lost; }
+    void main() override {
+        try {
+            lost = service->eject(disk).lost;
+        } catch (const std::exception& e) {
+            driverLog("image " + disk->getParams().image + " can't be ejected: " + e.what());
+        }
+    }
 
 private:
     Service* const service;
@@ -338,6 +344,8 @@ void Service::tick() {
     for (const DiskPtr& disk : all()) {
         if (!disk->wasTakenAway()) continue;
         const SxMutexBlock block(&mutex);
-        disks.erase(disk->getDeviceId());
+        // The number may be a new drive's by now.
+        const auto found = disks.find(disk->getDeviceId());
+        if (found != disks.end() && found->second == disk) disks.erase(found);
     }
 }

@@ -19,11 +19,11 @@ VirtualDisk::Result VirtualDisk::write(uint64 offset, uint32 size, const char* b
         *error = EROFS;
         return Result::Failed;
     }
-    // Ahead of admit(): whoever closes the gate waits for those that it didn't hold.
+    // Before admit(): whoever closes the gate waits for those that it didn't hold.
     const Counted counted(&nWriting);
     if (const auto verdict = admit(offset, size, token, true, retry, error)) return *verdict;
     for (;;) {
-        // Looked at first, so that a held write has done nothing yet.
+        // Looked at first, so that a write that is held for missing blocks has done nothing yet.
         Obstacle obstacle;
         obstacle.isMissing = isEdgeMissing(offset, size);
         *error = obstacle.isMissing ? 0 : writeNow(offset, size, buffer, &obstacle);

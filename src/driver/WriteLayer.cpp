@@ -208,7 +208,7 @@ void WriteLayer::create() {
     publishedFd = tmp.getFd();
     // Of a disk that was full, and no longer is.
     const SxMutexBlock lock(&mutex);
-    failure = "";
+    if (failedError.load() == 0) failure = "";
 }
 
 void WriteLayer::tryToCreate() {
@@ -344,8 +344,8 @@ void WriteLayer::publish(RawIdx first, SlotIdx slot, uint64 n) {
     const SxMutexBlock lock(&mutex);
     for (uint64 i = 0; i < n; ++i) {
         if (map->get(first + i).isSlot()) {
-            // Another write of this block ran at once and was quicker: as if it had come behind this one.
-            freeSlots.push_back(slot + i);
+            // Another write of this block ran at once and was quicker: as if it had come after this one.
+            unused.push_back(slot + i);
             continue;
         }
         map->set(first + i, slot + i);

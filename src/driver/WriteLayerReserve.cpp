@@ -15,8 +15,9 @@ constexpr size_t SLOTS_AT_ONCE = 64;
 /// Takes back slots that nothing was published in.
 void WriteLayer::giveBack(SlotIdx first, uint64 n) {
     const SxMutexBlock lock(&mutex);
+    // Some of it may have come to them.
     for (uint64 i = n; i-- > 0;)
-        freeSlots.push_back(first + i);
+        unused.push_back(first + i);
 }
 
 /// For a disk that is full. What doesn't fit whole is refused, so that a large write leaves the reserve to
