@@ -238,7 +238,7 @@ TEST(VirtualDisk, OnlyWhatTheImageLacksOfItsLastBlockIsZeros) {
         FaultOs os(image.dir.path("watched"));
         Drive drive(image, Mode::Ro, test.cursor);
         drive.disk.setCursor(32);
-        std::filesystem::resize_file(image.path("img.zqf"), size - test.cutBytes);
+        std::filesystem::resize_file(image.path("img.zqf"), static_cast<uint64>(size - test.cutBytes));
         os.setReadEnd("img.zqf", size - test.hidden);
         ASSERT_EQ(drive.read(30, 2, 1), test.expected);
         // What no image has there, whatever became of the file.
