@@ -59,7 +59,7 @@ public:
     /// The end of what is written, as far as the thread has started.
     uint64 getWriteCursor() const;
     /// The end of what the calls of write(2) have returned for, which can be read; also within a piece. A
-    /// file system may tell a size ahead of it.
+    /// file system may tell a larger size.
     uint64 getWriteEnd() const { return writeEnd; }
     /// Bytes in memory: pushed and not yet written, also those behind a gap.
     uint64 getBytesHeld() const;

@@ -120,7 +120,7 @@ void ZqImageFeed::keepDownload() {
     }
     download->wait();
     if (!download->hasException()) {
-        // All was handed over, and is written; what is missing nevertheless would come no more.
+        // All was handed over, and is written; what is missing nevertheless would never come.
         if (!isWriting && getWriter()->isRunning() && !isComplete()) beginDownload();
         return;
     }

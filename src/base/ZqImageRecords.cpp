@@ -257,7 +257,7 @@ void ZqImageRecords::fetchMap(const ZqAppParams& app, const ZqStopTest& stop) co
     if (!isStated && fileSize(file) == static_cast<int64>(MD5_SIZE))
         known.checksumIdx = SxFileIO::readUtf8(file);
     if (!known.checksumIdx.isEmpty() && hasMap(known)) return;
-    // What stands there belongs to another map, and would be believed ahead of app.json.
+    // What stands there belongs to another map, and would be believed rather than app.json.
     if (isStated && SxFSAction::exists(file)) SxFSAction::rm(file);
     if (!isStated) takeRecord([&](bool isFresh) { known.checksumIdx = fetchDigest(isFresh, stop); });
     try {

@@ -14,7 +14,7 @@
 namespace {
 
 constexpr const char* UNIT = "src/driver/DiskCalls";
-/// How long a trace waits for what it needs: the read-ahead of its drive to be low.
+/// How long a trace waits until the kernel reads little in advance on its drive.
 constexpr int64 SETTLE_MS = 1000;
 
 } // namespace

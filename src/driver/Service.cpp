@@ -15,7 +15,7 @@ using ZqDriveWire::Call, ZqDriveWire::Reader, ZqDriveWire::Writer;
 namespace {
 
 constexpr const char* UNIT = "src/driver/Service";
-/// Process id of a mounter that is no more.
+/// In the place of the process id of a mounter that has ended.
 constexpr int64 NOBODY = 0;
 /// How long a mount waits for another one of its image.
 constexpr int64 SAME_IMAGE_MS = 15'000;

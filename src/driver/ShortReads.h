@@ -12,7 +12,7 @@
 ///
 /// On a FUSE file system stat(2) can tell a size that read(2) doesn't give yet: while a write(2) of several
 /// requests is under way, the daemon has more of the file than the kernel lets anybody read. So a cursor that
-/// was moved by the size may be ahead of the reads, until that write has returned.
+/// was moved by the size may lie beyond what reads give, until that write has returned.
 ///
 /// Safe from any thread. What it gives as woken tokens is to be woken by the caller, without a lock.
 class ShortReads {

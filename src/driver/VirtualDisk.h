@@ -18,7 +18,7 @@
 /// shown to the kernel.
 ///
 /// A request for which `img.zqf` comes short below the cursor is held, too, and tried again for some seconds
-/// before it fails: the size by which the cursor was moved may be ahead of what reads give.
+/// before it fails: the size by which the cursor was moved may be more than reads give.
 ///
 /// All operations are safe from any thread. Reads and writes never wait for a missing block or for a resume:
 /// the request is held by its token, without a thread, and its owner is woken to try again.
