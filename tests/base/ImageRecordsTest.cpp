@@ -23,6 +23,15 @@ std::string answered(const std::string& status, const std::string& body = "") {
            "\r\n\r\n" + body;
 }
 
+/// Fetches all records into the folder; gives why not.
+std::string failureOfFetch(const SxString& folder, const ScriptedServer& server) {
+    ZqImageRecords records(SxPtr<ZqNetLink>::create(quickSettings()), folder, SxString(server.url()), {});
+    return failureOf([&] {
+        bool isConfirmed = false;
+        records.fetchRest(records.fetchApp(false, &isConfirmed, nullptr), nullptr);
+    });
+}
+
 } // namespace
 
 TEST(ImageRecords, tellWhetherTheServerHasAnotherVersion) {
@@ -162,13 +171,7 @@ TEST(ImageRecords, thatCameWrongAreAskedForOnceMorePastCaches) {
         std::filesystem::remove_all(dir.path("game"));
         std::filesystem::create_directory(dir.path("game"));
         if (each.hasBlocks) game.write(dir.prefix() + "game/", 5);
-        ZqImageRecords records(SxPtr<ZqNetLink>::create(quickSettings()), dir.prefix() + "game",
-                               SxString(server.url()), {});
-        const std::string failure = failureOf([&] {
-            bool isConfirmed = false;
-            records.fetchRest(records.fetchApp(false, &isConfirmed, nullptr), nullptr);
-        });
-        EXPECT_EQ(failure, "");
+        EXPECT_EQ(failureOfFetch(dir.prefix() + "game", server), "");
         EXPECT_EQ(nAsked[each.file], 2);
         EXPECT_TRUE(dir.read("game/img.idx") == map);
         EXPECT_EQ(dir.exists("game/img.idx.md5") ? dir.read("game/img.idx.md5") : digest, digest);
@@ -287,13 +290,7 @@ TEST(ImageRecords, comeTogetherOfMirrors) {
         });
         std::filesystem::remove_all(dir.path("game"));
         std::filesystem::create_directory(dir.path("game"));
-        ZqImageRecords records(SxPtr<ZqNetLink>::create(quickSettings()), dir.prefix() + "game",
-                               SxString(server.url()), {});
-        const std::string failure = failureOf([&] {
-            bool isConfirmed = false;
-            records.fetchRest(records.fetchApp(false, &isConfirmed, nullptr), nullptr);
-        });
-        EXPECT_EQ(failure, "");
+        EXPECT_EQ(failureOfFetch(dir.prefix() + "game", server), "");
         for (const char* name : {"app.json", "img.json", "img.idx"}) {
             EXPECT_TRUE(dir.read(std::string("game/") + name) == dir.read(std::string("served/") + name))
                 << name;

@@ -1,6 +1,7 @@
 #include "Builders.h"
 #include "Failure.h"
 #include "NetLab.h"
+#include "RemoteImageReading.h"
 #include "SxClock.h"
 #include "SxMd5.h"
 #include "SxTime.h"
@@ -11,14 +12,6 @@
 // Images whose servers answer each request in another way than the one before.
 
 namespace {
-
-constexpr uint64 STRETCH = ZqRemoteImage::STRETCH;
-
-std::string readOf(ZqRemoteImage& image, uint64 offset, uint64 size) {
-    std::string buffer(size, '\0');
-    image.read(offset, size, buffer.data());
-    return buffer;
-}
 
 /// Whether a request is the first or last one of a seek table.
 bool isOfTable(const std::string& request, const std::string& packed, uint64 sizeZqf) {
