@@ -8,6 +8,8 @@
 #include "ZqRemoteImage.h"
 
 #include <gtest/gtest.h>
+#include <thread>
+#include <vector>
 
 // Images whose servers answer each request in another way than the one before.
 
@@ -118,6 +120,28 @@ TEST(RemoteImageTable, thatWasAbsentIsAskedForAgain) {
         EXPECT_TRUE(image.getFigures().isPacked);
         EXPECT_GT(nPacked, nBefore);
     }
+}
+
+// Each look ends as another begins, so that who asks again meets the moment in which the answer is noted.
+TEST(RemoteImageTable, thatIsAbsentIsAskedForByMany) {
+    const ScriptedServer server(
+        [&](const std::string&) { return std::string("HTTP/1.1 404 None\r\nContent-Length: 0\r\n\r\n"); });
+    ZqRemoteImage image(SxPtr<ZqNetLink>::create(quickSettings()), SxString(server.url()), 5 * STRETCH);
+    std::atomic<int> nStuck{0};
+    std::vector<std::thread> askers;
+    for (int i = 0; i < 4; ++i) {
+        askers.emplace_back([&] {
+            const int64 endNs = SxClock::get().steadyNs() + 20'000'000'000;
+            for (int n = 0; n < 300 && nStuck == 0; ++n) {
+                const std::string failure =
+                    failureOf([&] { image.awaitTable([&] { return SxClock::get().steadyNs() > endNs; }); });
+                if (!failure.empty()) ++nStuck;
+            }
+        });
+    }
+    for (auto& asker : askers)
+        asker.join();
+    EXPECT_EQ(nStuck, 0);
 }
 
 // As where files are replaced in place, or a cache still has slices of those before, under the old records.

@@ -16,15 +16,15 @@ void ZqRemoteImage::TableLoader::main() {
     const int64 firstMs = image->getLink()->getSettings().maxBackOffMs;
     int64 pauseMs = firstMs;
     for (;;) {
-        const bool isDone = tryLoad();
-        if (image->getState() == Packed::Absent) {
+        const Outcome outcome = tryLoad();
+        if (outcome == Outcome::Ended) return;
+        if (outcome == Outcome::Absent) {
             // The plain form goes on meanwhile, as if it never came.
             if (!image->awaitOtherThanAbsent(pauseMs, [this] { return stopping.load(); })) return;
             const bool isStill = image->getState() == Packed::Absent;
             pauseMs = isStill ? std::min(2 * pauseMs, MOST_PAUSES * firstMs) : firstMs;
             continue;
         }
-        if (isDone) return;
         try {
             image->getLink()->sleep(pauseMs, [this] { return stopping.load(); });
         } catch (const SxException&) {
@@ -35,17 +35,18 @@ void ZqRemoteImage::TableLoader::main() {
     }
 }
 
-/// Whether that is the end of it.
-bool ZqRemoteImage::TableLoader::tryLoad() {
+/// The outcome is that of this attempt: the state may be another one by now, where somebody asks again.
+ZqRemoteImage::TableLoader::Outcome ZqRemoteImage::TableLoader::tryLoad() {
     try {
         load();
-        return image->awaitAside([this] { return stopping.load(); });
+        const Packed after = image->awaitUseless([this] { return stopping.load(); });
+        if (stopping) return Outcome::Ended;
+        return after == Packed::Aside ? Outcome::Failed : Outcome::Absent;
     } catch (const SxException& e) {
-        if (e.hasTag(SxException::STOPPED)) return true;
+        if (e.hasTag(SxException::STOPPED)) return Outcome::Ended;
         const bool isAside = image->getState() == Packed::Aside;
         if (e.hasTag(ZqNetLink::NOT_FOUND) && !isAside) {
-            image->notePackedAbsent(e);
-            return image->getState() == Packed::Absent;
+            return image->notePackedAbsent(e) ? Outcome::Absent : Outcome::Failed;
         }
         if (isAside || e.hasTag(ZqNetLink::UNREACHABLE) || e.hasTag(ZqNetLink::BROKEN)) {
             image->noteTableWaits(e);
@@ -53,7 +54,7 @@ bool ZqRemoteImage::TableLoader::tryLoad() {
         } else {
             image->leavePacked(e);
         }
-        return false;
+        return Outcome::Failed;
     }
 }
 

@@ -15,8 +15,10 @@ protected:
     void main() override;
 
 private:
+    enum class Outcome { Ended, Absent, Failed };
+
     void load();
-    bool tryLoad();
+    Outcome tryLoad();
     SxArray<char> fetch(uint64 first, uint64 end);
 
     ZqRemoteImage* const image;

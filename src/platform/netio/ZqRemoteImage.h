@@ -132,14 +132,14 @@ private:
     void setState(Packed state_);
     /// The packed form is of no use, for now: all goes on with the plain one.
     void leavePacked(const SxException& why);
-    /// The server says that there is no packed form.
-    void notePackedAbsent(const SxException& why);
+    /// The server says that there is no packed form. False where that may pass, so that it is left aside.
+    bool notePackedAbsent(const SxException& why);
     /// The table has to wait for its server.
     void noteTableWaits(const SxException& why);
     /// Leaves it where the failure says that the plain form may do better; false where it may not.
     bool leavePackedFor(const SxException& e);
-    /// Waits until the packed form is left aside: false. True where it is absent, or `stop` says so.
-    bool awaitAside(const ZqStopTest& stop);
+    /// Waits until the packed form is no longer offered, or `stop` says so, and gives its state.
+    Packed awaitUseless(const ZqStopTest& stop);
     /// A packed form that the server hadn't got may be there by now: its table is asked for again.
     void forgetAbsence();
     /// Waits until forgetAbsence(), at most `ms`. False where `stop` says so.

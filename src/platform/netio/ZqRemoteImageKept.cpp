@@ -79,13 +79,14 @@ void ZqRemoteImage::refusePacked() {
     setState(Packed::Absent);
 }
 
-void ZqRemoteImage::notePackedAbsent(const SxException& why) {
-    // A refusal may pass.
-    if (why.hasTag(ZqNetLink::REFUSED)) {
+bool ZqRemoteImage::notePackedAbsent(const SxException& why) {
+    const bool mayPass = why.hasTag(ZqNetLink::REFUSED);
+    if (mayPass) {
         leavePacked(why);
     } else {
         setState(Packed::Absent);
     }
+    return !mayPass;
 }
 
 void ZqRemoteImage::forgetAbsence() {

@@ -83,11 +83,11 @@ bool ZqRemoteImage::leavePackedFor(const SxException& e) {
     return false;
 }
 
-bool ZqRemoteImage::awaitAside(const ZqStopTest& stop) {
+ZqRemoteImage::Packed ZqRemoteImage::awaitUseless(const ZqStopTest& stop) {
     SxMutexBlock lock(&mutex);
     while (state == Packed::Offered && !stop())
         changed.wait(mutex);
-    return state != Packed::Aside;
+    return state;
 }
 
 SxPtr<ZqSeekTable> ZqRemoteImage::getTable() const {
