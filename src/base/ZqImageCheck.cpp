@@ -286,21 +286,16 @@ void ZqImageCheck::checkDigest(const SxString& file, const SxString& expected) {
         return;
     }
     SxFileIO input(file, "rb", 0600);
-    input.adviseSequential();
-    SxArray<char> buffer(CHUNK);
-    SxMd5 md5;
-    md5.initialize();
-    while (const int64 n = input.readBuffer(buffer.data(), CHUNK)) {
+    const SxString digest = SxMd5::file(&input, [&](int64 n) {
         if (stopRequested()) throw SxException(SxException::STOPPED, "Stopped", UNIT, __LINE__);
-        md5.update(buffer.data(), n, -1);
         addNCurrent(static_cast<uint64>(n));
         updateSpeed(startTime);
-    }
-    md5.finish();
-    if (expected == md5.toString()) {
+        return true;
+    });
+    if (expected == digest) {
         notes.append(name + ": digest " + expected + " is right");
     } else {
-        addFault("'" + file + "': the digest is " + md5.toString() + ", expected was '" +
+        addFault("'" + file + "': the digest is " + digest + ", expected was '" +
                  SxParserKit::excerpt(expected) + "'");
     }
 }

@@ -15,7 +15,6 @@
 
 namespace {
 constexpr const char* UNIT = "src/base/ZqImageFeed";
-constexpr int64 DIGEST_PIECE = 1 << 20;
 } // namespace
 
 bool ZqImageFeed::isKnownAsRight(const ZqStreamRecord& record) const {
@@ -137,17 +136,12 @@ void ZqImageFeed::addRepair(Status* status) const {
 SxString ZqImageFeed::readDigest() {
     nChecked = 0;
     SxFileIO file(filePath(ZqImageFiles::ZQF), "rb");
-    file.adviseSequential();
-    SxMd5 md5;
-    SxArray<char> piece(DIGEST_PIECE);
-    while (const int64 n = file.readBuffer(piece.data(), DIGEST_PIECE)) {
-        if (stopping) return {};
-        md5.update(piece.data(), n);
+    const SxString digest = SxMd5::file(&file, [&](int64 n) {
         file.startWriteback(static_cast<int64>(nChecked), n);
         nChecked += static_cast<uint64>(n);
-    }
+        return !stopping;
+    });
     // A power cut must not leave less than what is noted as right.
-    file.sync();
-    md5.finish();
-    return md5.toString();
+    if (!digest.isEmpty()) file.sync();
+    return digest;
 }

@@ -17,7 +17,6 @@ namespace {
 constexpr const char* UNIT = "src/base/ZqSyncedSize";
 constexpr const char* UNKNOWN = "-"; ///< begins the id of a machine that tells none
 constexpr const char* LOST = "lost";
-constexpr int64 PIECE = 1 << 20;
 
 /// All that is known where the machine tells nothing is that it runs since this process does.
 std::string startId() {
@@ -67,15 +66,9 @@ bool ZqSyncedSize::isWholeImage(uint64 size, const std::function<bool()>& stop) 
     if (record.isVerified(folder(), app.checksumZqf)) return true;
     zqLogMsg("base", "'" + file + "' is compared with its digest");
     SxFileIO whole(file, "rb");
-    whole.adviseSequential();
-    SxMd5 md5;
-    SxArray<char> piece(PIECE);
-    while (const int64 n = whole.readBuffer(piece.data(), PIECE)) {
-        if (stop && stop()) throw SxException(SxString(SxException::STOPPED), "stopped", UNIT, __LINE__);
-        md5.update(piece.data(), n);
-    }
-    md5.finish();
-    return md5.toString() == app.checksumZqf;
+    const SxString digest = SxMd5::file(&whole, [&](int64) { return !(stop && stop()); });
+    if (digest.isEmpty()) throw SxException(SxString(SxException::STOPPED), "stopped", UNIT, __LINE__);
+    return digest == app.checksumZqf;
 }
 
 uint64 ZqSyncedSize::believed(uint64 size, const std::function<bool()>& stop) const {

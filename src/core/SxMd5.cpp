@@ -39,16 +39,23 @@ SxMd5& SxMd5::operator=(const SxMd5& other) {
 
 SxString SxMd5::file(const SxString& path, unsigned long long* progress) {
     SxFileIO in(path, "rb");
-    in.adviseSequential();
+    unsigned long long nDone = 0;
+    const auto addDone = [&](int64 n) {
+        nDone += static_cast<unsigned long long>(n);
+        if (progress) std::atomic_ref(*progress).store(nDone, std::memory_order_relaxed);
+        return true;
+    };
+    addDone(0);
+    return file(&in, addDone);
+}
+
+SxString SxMd5::file(SxFileIO* from, const std::function<bool(int64 n)>& step) {
+    from->adviseSequential();
     SxArray<char> piece(PIECE);
     SxMd5 md5;
-    for (int64 n = PIECE; n == PIECE;) {
-        n = in.readBuffer(piece.data(), PIECE);
+    while (const int64 n = from->readBuffer(piece.data(), PIECE)) {
         md5.update(piece.data(), n);
-        if (progress) {
-            std::atomic_ref(*progress).store(static_cast<unsigned long long>(md5.nBytes),
-                                             std::memory_order_relaxed);
-        }
+        if (!step(n)) return {};
     }
     md5.finish();
     return md5.toString();

@@ -4,6 +4,9 @@
 #include "SxString.h"
 
 #include <array>
+#include <functional>
+
+class SxFileIO;
 
 /// MD5 digest (RFC 1321), the checksum of the image formats; no protection against forgery. A new object is
 /// ready for the first piece. A value type. Not locked.
@@ -22,6 +25,9 @@ public:
     /// Digest of a file. The number of bytes done is put in `*progress` unless that is null; another thread
     /// may look at it there atomically.
     static SxString file(const SxString& path, unsigned long long* progress = nullptr);
+    /// Digest of what an open file has from its place to its end. `step` is told after each piece how many
+    /// bytes that had, and may end it with false: the text is empty then.
+    static SxString file(SxFileIO* from, const std::function<bool(int64 n)>& step);
     static SxString get(const SxString& text);
 
     /// Begins a new digest.
