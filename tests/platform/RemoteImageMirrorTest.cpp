@@ -195,3 +195,32 @@ TEST(RemoteImageTable, thatIsKnownTellsOfAnotherVersionToTheEnd) {
         EXPECT_TRUE(readOf(image, 5 * STRETCH, STRETCH) == zqf.substr(5 * STRETCH, STRETCH));
     }
 }
+
+// As where a pack from before packs said of what they are is still there with a new version's records.
+TEST(RemoteImageTable, thatStatesItsImageReplacesOneThatDoesnt) {
+    TestRandom random;
+    const uint64 size = 4 * STRETCH + 678;
+    const std::string zqf = random.bytes(size), other = random.bytes(size);
+    const SxString digest = SxMd5::get(SxString(zqf));
+    const std::string stale = PackedImage(other).bytes(),
+                      right = PackedImage(zqf, true, digest.str()).bytes();
+    std::atomic<bool> isReplaced{false};
+    const ScriptedServer server([&](const std::string& request) {
+        if (request.find("img.zqf.zst") == std::string::npos) return ScriptedServer::ranged(request, zqf);
+        if (isReplaced) return ScriptedServer::ranged(request, right);
+        if (isOfTable(request, stale, size)) return ScriptedServer::ranged(request, stale);
+        return std::string("HTTP/1.1 404 None\r\nContent-Length: 0\r\n\r\n");
+    });
+    ZqRemoteImage image(SxPtr<ZqNetLink>::create(quickSettings()), SxString(server.url()), size, {},
+                        ZqRemoteImage::MAX_KEPT, digest);
+    ASSERT_TRUE(image.awaitTable());
+    EXPECT_NE(failureOf([&] { readOf(image, STRETCH, STRETCH); }), "") << "its checksums are of other bytes";
+    isReplaced = true;
+    image.forgetServer();
+    const auto reads = [&] {
+        return failureOf(
+                   [&] { EXPECT_TRUE(readOf(image, STRETCH, STRETCH) == zqf.substr(STRETCH, STRETCH)); })
+            .empty();
+    };
+    EXPECT_TRUE(SxWait::pass(5000, reads));
+}
