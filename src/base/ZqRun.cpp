@@ -410,6 +410,7 @@ void ZqRun::end() {
 
 /// What came of the run stays as it is where its record can't be written.
 void ZqRun::writeInfo() {
+    if (!result.driveFailure.isEmpty()) result.info.endErr = true;
     // A folder that was removed would come back.
     if (!result.wasStarted || !SxFSAction::exists(image)) return;
     try {

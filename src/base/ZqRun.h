@@ -164,10 +164,11 @@ private:
     int64 suspendNs = 0;               ///< when it couldn't be suspended, or resumed, last; 0 for never
     SxString notedGroup;
     bool startNoted = false, mounted = false;
-    int64 noteNs = 0;     ///< when noting failed last; 0 for never
-    int64 traceEndNs = 0; ///< when recording ends; 0 for no end, or where it has ended
-    int64 driveNs = 0;    ///< when the drive was looked at last
-    int64 lostNs = 0;     ///< since when it was seen to hold reads in vain; 0 for not now
+    int64 noteNs = 0;         ///< when noting failed last; 0 for never
+    int64 traceEndNs = 0;     ///< when recording ends; 0 for no end, or where it has ended
+    int64 driveNs = 0;        ///< when the drive was looked at last
+    uint64 failedDriveNs = 0; ///< when the disk was made that `driveFailure` is of
+    int64 lostNs = 0;         ///< since when it was seen to hold reads in vain; 0 for not now
     int64 beginNs = 0, beginMs = 0;
     int64 oldFrameMs = -1; ///< when the file of the first frame was written ahead of the run; -1 for never
     Result result;

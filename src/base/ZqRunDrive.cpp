@@ -257,11 +257,15 @@ ZqDiskStatus ZqRun::requireDisk() {
 }
 
 void ZqRun::noteDrive(const ZqDiskStatus& disk) {
-    if (!result.driveFailure.isEmpty() || disk.failure.isEmpty()) return;
+    if (!result.driveFailure.isEmpty() || disk.failure.isEmpty()) {
+        // A sync that found no room at first has found it now. What can't be made up for stays in its status.
+        if (disk.failure.isEmpty() && disk.madeNs == failedDriveNs) result.driveFailure = SxString();
+        return;
+    }
     // A volume that somebody has unmounted isn't a failure of reads.
     if (!ZqVolume::isVisible(disk)) return;
     result.driveFailure = disk.failure;
-    result.info.endErr = true;
+    failedDriveNs = disk.madeNs;
     zqLogMsg("base", "ZqRun: the drive of '" + image + "' has failed: " + disk.failure);
 }
 
