@@ -1,37 +1,11 @@
 #include "FaultOs.h"
+#include "SmallDisk.h"
 #include "StreamRun.h"
 #include "ZqImageFeed.h"
 
 #include <sys/mount.h>
 
 namespace {
-
-/// A small disk in the place of a folder.
-class SmallDisk {
-public:
-    SmallDisk(string folder_, const string& size) : folder(std::move(folder_)) {
-        fs::create_directories(folder);
-        if (::mount("tmpfs", folder.c_str(), "tmpfs", 0, ("size=" + size).c_str()) != 0)
-            throw std::runtime_error("there is no tmpfs");
-    }
-    ~SmallDisk() { ::umount2(folder.c_str(), MNT_DETACH); }
-    void fill() const {
-        std::ofstream file(folder + "/other", std::ios::binary | std::ios::app);
-        for (const size_t size : {size_t{1} << 20, size_t{4096}}) {
-            const string piece(size, 'x');
-            while (file.write(piece.data(), static_cast<std::streamsize>(size)).flush())
-                continue;
-            file.clear();
-        }
-    }
-    void grow(const string& size) const {
-        ::mount("tmpfs", folder.c_str(), "tmpfs", MS_REMOUNT, ("size=" + size).c_str());
-    }
-    void free() const { fs::remove(folder + "/other"); }
-
-private:
-    const string folder;
-};
 
 bool saysSoon(const Client& player, const string& words) {
     return SxWait::pass(20'000, [&] { return player.says().find(words) != string::npos; });

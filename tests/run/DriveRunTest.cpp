@@ -1,4 +1,5 @@
 #include "DriveRun.h"
+#include "SmallDisk.h"
 #include "SxException.h"
 #include "ZqDriveWire.h"
 #include "ZqFileServer.h"
@@ -11,7 +12,6 @@
 #include <linux/fs.h>
 #include <random>
 #include <sys/ioctl.h>
-#include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -460,8 +460,7 @@ TEST_F(Drive, aNameThatSaysSomethingElseMisleadsNobody) {
 TEST_F(Drive, whatAFullDiskCantKeepIsToldOf) {
     const string image = build("image", "ext4");
     const string disk = dir.path("disk");
-    fs::create_directory(disk);
-    ASSERT_EQ(::mount("tmpfs", disk.c_str(), "tmpfs", 0, "size=32m"), 0);
+    const SmallDisk small(disk, "32m");
     fs::copy(image, disk + "/image");
     const string app = mount(disk + "/image");
     write(app + "/large", string(12 << 20, 'x'));
@@ -469,30 +468,24 @@ TEST_F(Drive, whatAFullDiskCantKeepIsToldOf) {
     EXPECT_EQ(outcome.code, 1);
     EXPECT_THAT(outcome.err, HasSubstr("is lost: No space left on device"));
     EXPECT_THAT(leftovers(), testing::IsEmpty());
-    ASSERT_EQ(::umount2(disk.c_str(), MNT_DETACH), 0);
 }
 
 TEST_F(Drive, oneThatWasOnlyReadIsUnmountedOnAFullDisk) {
     const string disk = dir.path("disk"), image = disk + "/image";
-    fs::create_directory(disk);
-    ASSERT_EQ(::mount("tmpfs", disk.c_str(), "tmpfs", 0, "size=32m"), 0);
+    const SmallDisk small(disk, "32m");
     fs::copy(build("built", "ext4"), image);
     for (const char* mode : {"ro", "rtw", "rw"}) {
         SCOPED_TRACE(mode);
         EXPECT_EQ(treeOf(mount(image, {"--mode", mode})), treeOf(source));
-        const string block(4096, 'x');
-        for (std::ofstream file(disk + "/fill", std::ios::binary); file.write(block.data(), 4096).flush();)
-            continue;
+        small.fill();
         EXPECT_EQ(run({"umount", image}).code, 0);
-        fs::remove(disk + "/fill");
+        small.free();
     }
-    ASSERT_EQ(::umount2(disk.c_str(), MNT_DETACH), 0);
 }
 
 TEST_F(Drive, oneThatWroteMoreThanItsDiskTakesIsRefusedUntilItIsTakenAway) {
     const string disk = dir.path("disk"), image = disk + "/image";
-    fs::create_directory(disk);
-    ASSERT_EQ(::mount("tmpfs", disk.c_str(), "tmpfs", 0, "size=32m"), 0);
+    const SmallDisk small(disk, "32m");
     fs::copy(build("built", "ext4"), image);
     const string app = mount(image, {"--mode", "rtw"});
     write(app + "/large", string(12 << 20, 'x'));
@@ -506,7 +499,6 @@ TEST_F(Drive, oneThatWroteMoreThanItsDiskTakesIsRefusedUntilItIsTakenAway) {
     const Outcome ended = run({"umount", image});
     EXPECT_EQ(ended.code, 1);
     EXPECT_THAT(ended.err, HasSubstr("is lost: No space left on device"));
-    ASSERT_EQ(::umount2(disk.c_str(), MNT_DETACH), 0);
 }
 
 TEST_F(Drive, whatProgramsHaveWrittenIntoAnImageIsNotPutRight) {

@@ -1,5 +1,6 @@
 #include "DriveRun.h"
 #include "Instrumented.h"
+#include "SmallDisk.h"
 #include "ZqServiceFolder.h"
 #include "zqdevctl.h"
 
@@ -151,8 +152,7 @@ TEST_F(LostDrive, whatIsLostAsTheServiceTakesItsDrivesAwayIsTold) {
     const string built = build("built", "ext4");
     for (const bool isReset : {false, true}) {
         SCOPED_TRACE(isReset ? "reset" : "ended");
-        fs::create_directory(disk);
-        ASSERT_EQ(::mount("tmpfs", disk.c_str(), "tmpfs", 0, "size=32m"), 0);
+        const SmallDisk small(disk, "32m");
         fs::copy(built, image);
         std::ofstream(mount(image, {"--mode", "rtw"}) + "/large") << string(12 << 20, 'x');
         if (isReset) {
@@ -168,7 +168,6 @@ TEST_F(LostDrive, whatIsLostAsTheServiceTakesItsDrivesAwayIsTold) {
             EXPECT_THAT(outcome.err, HasSubstr("may be lost as far as they hadn't synced it"));
         }
         EXPECT_EQ(done({"umount", image}), "Not mounted\n") << "it is told once";
-        ASSERT_EQ(::umount2(disk.c_str(), MNT_DETACH), 0);
     }
 }
 
