@@ -134,8 +134,15 @@ void ZqRun::mount() {
     mounted = true;
     result.traceFolder = hasOwnTrace() ? newTraceFolder(image) : settings.traceFolder;
     feed.driveStarts();
-    bringUp(mode);
-    if (hasOwnTrace()) ZqRunTraces(image).add(result.traceFolder, settings.nTraces);
+    ZqRunTraces traces(image);
+    if (hasOwnTrace()) traces.begin(result.traceFolder);
+    try {
+        bringUp(mode);
+    } catch (...) {
+        if (hasOwnTrace()) traces.drop(result.traceFolder);
+        throw;
+    }
+    if (hasOwnTrace()) traces.add(result.traceFolder, settings.nTraces);
     result.mountMs = elapsedMs();
     patiently([&] { feed.alignCursor(); });
 }

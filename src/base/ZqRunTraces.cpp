@@ -11,6 +11,8 @@
 
 namespace {
 
+constexpr uint64 UNMADE = 0; ///< in the place of the inode of a folder that a mount has yet to make
+
 void log(const SxString& text) {
     zqLogMsg("base", "ZqRunTraces : " + text);
 }
@@ -22,25 +24,49 @@ ZqRunTraces::ZqRunTraces(const SxString& image)
       note(ZqImageFolder::prefix(image) + NOTE) {
 }
 
+void ZqRunTraces::begin(const SxString& path) {
+    try {
+        const SxString name = SxFileInfo(path).getName();
+        std::vector<Entry> entries = othersThan(name);
+        entries.push_back({UNMADE, name});
+        write(entries);
+    } catch (const SxException& e) {
+        log(SxString("cannot note the trace that begins: ") + e.what());
+    }
+}
+
+void ZqRunTraces::drop(const SxString& path) {
+    try {
+        if (SxFSAction::exists(path)) remove(SxFileInfo(path).getName());
+    } catch (const SxException& e) {
+        log(SxString("cannot remove the trace of a mount that failed: ") + e.what());
+    }
+}
+
 void ZqRunTraces::add(const SxString& path, int64 nMost) {
     try {
-        std::vector<Entry> entries;
-        for (const Entry& entry : read()) {
-            if (isThere(entry)) entries.push_back(entry);
-        }
-        if (const auto info = SxFSAction::look(path))
-            entries.push_back({info->inode, SxFileInfo(path).getName()});
+        const SxString name = SxFileInfo(path).getName();
+        std::vector<Entry> entries = othersThan(name);
+        if (const auto info = SxFSAction::look(path)) entries.push_back({info->inode, name});
         const size_t nOver = nMost > 0 && static_cast<int64>(entries.size()) > nMost
                                  ? entries.size() - static_cast<size_t>(nMost)
                                  : 0;
         const auto firstKept = entries.begin() + static_cast<std::ptrdiff_t>(nOver);
         // First: a folder that is gone is passed over, one that isn't noted would stay.
         for (auto entry = entries.begin(); entry != firstKept; ++entry)
-            remove(*entry);
+            remove(entry->name);
         write({firstKept, entries.end()});
     } catch (const SxException& e) {
         log(SxString("cannot look after the traces of former runs: ") + e.what());
     }
+}
+
+std::vector<ZqRunTraces::Entry> ZqRunTraces::othersThan(const SxString& name) const {
+    std::vector<Entry> others;
+    for (const Entry& entry : read()) {
+        if (isThere(entry) && !(entry.name == name)) others.push_back(entry);
+    }
+    return others;
 }
 
 std::vector<ZqRunTraces::Entry> ZqRunTraces::read() const {
@@ -65,15 +91,15 @@ void ZqRunTraces::write(const std::vector<Entry>& entries) const {
 
 bool ZqRunTraces::isThere(const Entry& entry) const {
     const auto info = SxFSAction::look(folder + entry.name);
-    return info && info->kind == SxStat::Dir && info->inode == entry.inode;
+    return info && info->kind == SxStat::Dir && (entry.inode == UNMADE || info->inode == entry.inode);
 }
 
-void ZqRunTraces::remove(const Entry& entry) const {
-    const SxString path = folder + entry.name + "/";
+void ZqRunTraces::remove(const SxString& name) const {
+    const SxString path = folder + name + "/";
     if (!ZqTraceSources::holdsTraceAlone(path) || ZqTraceRecords::isRecording(path) ||
         ZqTraceLock::isHeld(path)) {
         return log("'" + path + "' holds something else than a trace, or is written: it stays");
     }
-    log("removing the trace of an old run, " + path);
+    log("removing the trace in " + path);
     SxFSAction::rm_r(path);
 }

@@ -9,7 +9,8 @@
 /// names them. A trace that came from elsewhere, was joined of others or is somebody's copy isn't in it and
 /// stays: the note tells a folder by its inode, too. One thread.
 ///
-/// Note: a line for each folder, the oldest first: inode, blank, name.
+/// Note: a line for each folder, the oldest first: inode, blank, name. The inode is 0 while a mount is about
+/// to make the folder, and stays so where that was killed.
 class ZqRunTraces {
 public:
     /// In the image folder, and not beside the traces, where `traces/*` would name it.
@@ -18,6 +19,11 @@ public:
     /// `image`: the image folder.
     explicit ZqRunTraces(const SxString& image);
 
+    /// Notes that a mount is about to make the folder `path`: if the run is killed by then, it counts as one
+    /// of its traces. Doesn't raise.
+    void begin(const SxString& path);
+    /// The mount has failed: removes what it has left of the folder. Doesn't raise.
+    void drop(const SxString& path);
     /// Notes the folder `path` as the newest trace, and removes the oldest ones beyond `nMost`; 0 removes
     /// none. What holds anything but a trace, or is written at the moment, stays for good. Doesn't raise: a
     /// run goes on without it, and the log says why.
@@ -33,7 +39,9 @@ private:
     void write(const std::vector<Entry>& entries) const;
     /// Whether that folder is still there.
     bool isThere(const Entry& entry) const;
-    void remove(const Entry& entry) const;
+    /// What there is by the note, but for that folder.
+    std::vector<Entry> othersThan(const SxString& name) const;
+    void remove(const SxString& name) const;
 
     const SxString folder; ///< of the traces, with its trailing slash
     const SxString note;   ///< the file

@@ -51,6 +51,25 @@ TEST(RunTraces, OnlyTheNewestOfTheRunsHereStay) {
     EXPECT_THAT(runs.names(), ElementsAre("0 brought", "a", "f", "g"));
 }
 
+TEST(RunTraces, ThatOfAMountThatFailedGoesAndOfAKilledOneCounts) {
+    const Runs runs;
+    const auto begin = [&](const std::string& run) {
+        ZqRunTraces(runs.dir.path("image")).begin(runs.path(run));
+        runs.dir.write("image/traces/" + run + "/trace.json", "{}");
+    };
+    begin("failed");
+    ZqRunTraces(runs.dir.path("image")).drop(runs.path("failed"));
+    EXPECT_THAT(runs.names(), testing::IsEmpty());
+    for (const char* run : {"killed", "unmade"})
+        begin(run);
+    fs::remove_all(runs.path("unmade"));
+    begin("a");
+    runs.make("a", 2);
+    EXPECT_THAT(runs.names(), ElementsAre("a", "killed"));
+    runs.make("b", 2);
+    EXPECT_THAT(runs.names(), ElementsAre("a", "b"));
+}
+
 TEST(RunTraces, WhatHoldsMoreOrIsWrittenStays) {
     const Runs runs;
     for (const char* run : {"letters", "locked", "recorded", "plain"})

@@ -300,6 +300,11 @@ TEST_F(StreamRun, RecordsNoLongerAndKeepsNoMoreThanItIsTold) {
         EXPECT_NE(traces(), former) << "the newest one isn't that which stays";
         former = traces();
     }
+    // A mount that fails has made its folder by then.
+    dir.write("got/img.idx.md5", "wrong");
+    EXPECT_THAT(run({"run", got}).err, HasSubstr("Corrupt mapping information"));
+    EXPECT_EQ(traces(), former);
+    fs::remove(got + "/img.idx.md5");
     // Whoever reads the drive later isn't the application that the trace is of.
     done({"run", got, "--keep-mounted"});
     EXPECT_TRUE(isMounted());
