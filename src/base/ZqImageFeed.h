@@ -133,6 +133,7 @@ private:
     void openPart(const ZqStreamRecord& record, const ZqStopTest& stop);
     /// Taken by whatever puts blocks right; raises where programs have written there, or may.
     SxPtr<ZqImageLock> lockBlocks() const;
+    bool hasProgramsWrites() const;
     void mendAhead(const ZqSeekTable& table, const ZqStopTest& stop);
     void mendPart(const ZqImageRepair& repair, const ZqSeekTable& table, const ZqStopTest& stop);
     /// The rest of it, beside everything else.

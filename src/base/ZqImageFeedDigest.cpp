@@ -50,6 +50,12 @@ void ZqImageFeed::verifyDigest() {
     // What was cut off here, the next run makes up for.
     const bool isRight = digest == app.checksumZqf;
     if (digest.isEmpty() || (stopping && !isRight)) return;
+    if (!isRight && hasProgramsWrites()) {
+        // A drive has come up since, so the digest tells nothing.
+        verified = true;
+        removeStore();
+        return;
+    }
     if (!isRight) {
         throw SxException("'" + filePath(ZqImageFiles::ZQF) + "' has the digest " + digest +
                               " where app.json states " + app.checksumZqf +
@@ -77,12 +83,17 @@ void ZqImageFeed::verifyDigest() {
 SxPtr<ZqImageLock> ZqImageFeed::lockBlocks() const {
     SxPtr<ZqImageLock> blocks =
         ZqImageLock::take(settings.image, ZqImageLock::Blocks, ZqImageLock::Exclusive, settings.job);
-    ZqStreamRecord record;
-    record.read(settings.image);
-    if (!record.isWritten) return blocks;
+    if (!hasProgramsWrites()) return blocks;
     throw SxException("Programs have written into '" + filePath(ZqImageFiles::ZQF) +
                           "', so nothing there is put right",
                       UNIT, __LINE__);
+}
+
+/// Whether programs have written into the image by now, which is noted before they can.
+bool ZqImageFeed::hasProgramsWrites() const {
+    ZqStreamRecord record;
+    record.read(settings.image);
+    return record.isWritten;
 }
 
 /// Where the run has none, since all was there, the server is asked for this alone.

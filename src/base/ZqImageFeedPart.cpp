@@ -115,15 +115,17 @@ void ZqImageFeed::mendAhead(const ZqSeekTable& table, const ZqStopTest& stop) {
         mendPart(ZqImageRepair(filePath(ZqImageFiles::ZQF), opened), table,
                  [&] { return (stop && stop()) || isPassed(endNs); });
     }
-    isPartRight = part->isCompared();
+    isPartRight = part->isCompared() && wrong.empty();
 }
 
+/// Each is tried once: what can't be had now stays among the wrong ones.
 void ZqImageFeed::mendPart(const ZqImageRepair& repair, const ZqSeekTable& table, const ZqStopTest& stop) {
     std::deque<uint64>& wrong = part->getWrong();
     if (wrong.empty()) return;
     const SxPtr<ZqImageLock> blocks = lockBlocks();
-    for (; !wrong.empty(); wrong.pop_front())
-        repair.replace({wrong.front()}, table, stop);
+    SxException why;
+    repair.replaceSome(&wrong, table, ZqImageRepair::TRY_MS, stop, &why);
+    if (!wrong.empty()) zqLogMsg("base", "ZqImageFeed: " + why.toString(SxException::ShowMessage, ": "));
 }
 
 void ZqImageFeed::startPartCheck() {
@@ -153,14 +155,22 @@ void ZqImageFeed::checkPart() {
          }});
     const SxPtr<ZqSeekTable> table = repair.awaitTable(stop);
     if (!table || !table->hasChecksums()) return;
-    while (!part->isCompared() || !part->getWrong().empty()) {
+    std::deque<uint64>& wrong = part->getWrong();
+    std::deque<uint64> late; // those that couldn't be had at first, for when all are known
+    while (!part->isCompared() || !wrong.empty()) {
         link->checkStop(stop);
         const int64 beginNs = SxClock::get().steadyNs();
         part->compare(*table, fileSize(), GO, stop);
         const int64 nMs = (SxClock::get().steadyNs() - beginNs) / 1'000'000;
         mendPart(repair, *table, stop);
+        late.insert(late.end(), wrong.begin(), wrong.end());
+        wrong.clear();
         // A game reads from the same disk, or what is to be compared next is still to come.
         link->sleep(std::max(nMs, PART_LOOK_MS), stop);
+    }
+    if (!late.empty()) {
+        const SxPtr<ZqImageLock> blocks = lockBlocks();
+        repair.replace(late, *table, stop);
     }
     isPartRight = true;
 }

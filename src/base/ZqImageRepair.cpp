@@ -1,5 +1,6 @@
 #include "ZqImageRepair.h"
 
+#include "SxClock.h"
 #include "SxException.h"
 #include "SxFileIO.h"
 #include "SxOs.h"
@@ -16,6 +17,10 @@ constexpr int MAX_WRONG = 4;
 constexpr int TABLE_LOOKS = 2;
 /// The longest pause, in first ones.
 constexpr int64 MOST_PAUSES = 8;
+/// What a stretch may take before the others have their turn. On a slow link the later goes are enough.
+constexpr int64 FIRST_LIMIT_MS = ZqImageRepair::TRY_MS, MAX_LIMIT_MS = 32 * FIRST_LIMIT_MS;
+/// Failures one after the other that aren't those of a few stretches.
+constexpr int MAX_FAILED = 3;
 } // namespace
 
 /// What has failed of one thing that is fetched.
@@ -28,41 +33,66 @@ struct ZqImageRepair::Tries {
 uint64 ZqImageRepair::mend(const std::function<void(uint64 nDone)>& report, const ZqStopTest& stop) const {
     const SxPtr<ZqSeekTable> table = awaitTable(stop);
     if (!table || !table->hasChecksums()) return 0;
-    const SxArray<uint64> wrong = findWrong(*table, report, stop);
-    if (wrong.getSize() == 0) return 0;
+    const std::deque<uint64> wrong = findWrong(*table, report, stop);
+    if (wrong.empty()) return 0;
     replace(wrong, *table, stop);
-    return static_cast<uint64>(wrong.getSize());
+    return wrong.size();
 }
 
-void ZqImageRepair::replace(const SxArray<uint64>& stretches, const ZqSeekTable& table,
+void ZqImageRepair::replace(std::deque<uint64> stretches, const ZqSeekTable& table,
                             const ZqStopTest& stop) const {
-    zqLogMsg("base", SxString("ZqImageRepair: ") + stretches.getSize() + " stretches of '" + zqf +
-                         "' are wrong, from " + stretches(0) + " on; they are fetched again");
+    zqLogMsg("base", SxString("ZqImageRepair: ") + stretches.size() + " stretches of '" + zqf +
+                         "' are wrong, from " + stretches.front() + " on; they are fetched again");
+    Tries tries;
+    for (int64 limitMs = FIRST_LIMIT_MS;; limitMs = std::min(2 * limitMs, MAX_LIMIT_MS)) {
+        const size_t nBefore = stretches.size();
+        SxException why;
+        replaceSome(&stretches, table, limitMs, stop, &why);
+        if (stretches.empty()) return;
+        if (stretches.size() < nBefore) tries = Tries();
+        recover(why, &tries, stop);
+    }
+}
+
+void ZqImageRepair::replaceSome(std::deque<uint64>* stretches, const ZqSeekTable& table, int64 limitMs,
+                                const ZqStopTest& stop, SxException* why) const {
+    if (stretches->empty()) return;
     SxStat info;
     if (SxOs::get().lstat(SxOs::hostPath(zqf), &info) != 0 || info.kind != SxStat::File)
         throw SxException("'" + zqf + "' is a link, and what it leads to isn't changed", UNIT, __LINE__);
     SxFileIO file(zqf, "r+b");
-    for (const uint64 stretchIdx : stretches) {
-        const SxPtr<SxArray<char>> bytes = fetch(stretchIdx, table, stop);
+    bool isChanged = false;
+    int nFailed = 0;
+    for (size_t nLeft = stretches->size(); nLeft > 0 && nFailed < MAX_FAILED; --nLeft) {
+        const uint64 stretchIdx = stretches->front();
+        stretches->pop_front();
+        const SxPtr<SxArray<char>> bytes = tryFetch(stretchIdx, table, limitMs, stop, why);
+        if (!bytes) {
+            stretches->push_back(stretchIdx);
+            ++nFailed;
+            continue;
+        }
         file.seek(static_cast<int64>(stretchIdx) * STRETCH);
         file.writeBuffer(bytes->data(), bytes->getSize());
+        isChanged = true;
+        nFailed = 0;
     }
-    file.sync();
+    if (isChanged) file.sync();
 }
 
-SxArray<uint64> ZqImageRepair::findWrong(const ZqSeekTable& table,
-                                         const std::function<void(uint64 nDone)>& report,
-                                         const ZqStopTest& stop) const {
+std::deque<uint64> ZqImageRepair::findWrong(const ZqSeekTable& table,
+                                            const std::function<void(uint64 nDone)>& report,
+                                            const ZqStopTest& stop) const {
     SxFileIO file(zqf, "rb");
     file.adviseSequential();
-    SxArray<uint64> wrong;
+    std::deque<uint64> wrong;
     SxArray<char> bytes(STRETCH);
     for (uint64 stretchIdx = 0; stretchIdx < table.getNFrames(); ++stretchIdx) {
         image->getLink()->checkStop(stop);
         const int64 n = file.readBuffer(bytes.data(), STRETCH);
         // A file that is too short is wrong there, too.
         if (ZqSeekTable::checksumOf(bytes.data(), n) != table.getFrame(stretchIdx).checksum)
-            wrong.append(stretchIdx);
+            wrong.push_back(stretchIdx);
         report(static_cast<uint64>(file.getOffset()));
     }
     return wrong;
@@ -92,23 +122,27 @@ SxPtr<ZqSeekTable> ZqImageRepair::awaitTable(const ZqStopTest& stop) const {
     }
 }
 
-SxPtr<SxArray<char>> ZqImageRepair::fetch(uint64 stretchIdx, const ZqSeekTable& table,
-                                          const ZqStopTest& stop) const {
-    for (Tries tries;;) {
-        try {
-            SxPtr<SxArray<char>> bytes = image->fetchAnew(stretchIdx, stop);
-            if (ZqSeekTable::checksumOf(bytes->data(), bytes->getSize()) ==
-                table.getFrame(stretchIdx).checksum) {
-                return bytes;
-            }
-            throw SxException(ZqNetLink::WRONG,
-                              "Stretch " + SxString(stretchIdx) + " of '" + zqf +
-                                  "' is wrong, and comes otherwise than the seek table says",
-                              UNIT, __LINE__);
-        } catch (const SxException& e) {
-            recover(e, &tries, stop);
-        }
+/// Null where it can't be had now, and `why`.
+SxPtr<SxArray<char>> ZqImageRepair::tryFetch(uint64 stretchIdx, const ZqSeekTable& table, int64 limitMs,
+                                             const ZqStopTest& stop, SxException* why) const {
+    const SxString name = "Stretch " + SxString(stretchIdx) + " of '" + zqf + "'";
+    const int64 endNs = SxClock::get().steadyNs() + limitMs * 1'000'000;
+    try {
+        SxPtr<SxArray<char>> bytes = image->fetchAnew(
+            stretchIdx, [&] { return (stop && stop()) || SxClock::get().steadyNs() > endNs; });
+        if (ZqSeekTable::checksumOf(bytes->data(), bytes->getSize()) == table.getFrame(stretchIdx).checksum)
+            return bytes;
+        *why = SxException(ZqNetLink::WRONG, name + " is wrong, and comes otherwise than the seek table says",
+                           UNIT, __LINE__);
+    } catch (const SxException& e) {
+        const bool isStopped = e.hasTag(SxException::STOPPED);
+        if (isStopped && stop && stop()) throw;
+        *why = isStopped ? SxException(ZqNetLink::BROKEN,
+                                       name + " doesn't come within " + SxString(limitMs / 1000) + " s", UNIT,
+                                       __LINE__)
+                         : e;
     }
+    return nullptr;
 }
 
 /// Returns when the same may be tried again. It was right once, so whatever passes is waited for.

@@ -2,6 +2,8 @@
 
 #include "ZqRemoteImage.h"
 
+#include <deque>
+
 /// Mends a complete `img.zqf` that isn't the image: compares each stretch with its checksum in the seek table
 /// of the server's packed form, and fetches only those anew that differ. Needs that table, with checksums.
 /// They are written in place, so a drive may read the file meanwhile; that none writes it the caller
@@ -29,15 +31,24 @@ public:
     uint64 mend(const std::function<void(uint64 nDone)>& report, const ZqStopTest& stop) const;
     /// The table, waited for as mend() does; null where none is to be had.
     SxPtr<ZqSeekTable> awaitTable(const ZqStopTest& stop) const;
-    /// Fetches these stretches anew, which the file has, and brings them to the device. Else as mend().
-    void replace(const SxArray<uint64>& stretches, const ZqSeekTable& table, const ZqStopTest& stop) const;
+    /// Fetches these stretches anew, which the file has, and brings them to the device. One that can't be had
+    /// holds up no other. Else as mend().
+    void replace(std::deque<uint64> stretches, const ZqSeekTable& table, const ZqStopTest& stop) const;
+    /// Does that once, and leaves in `stretches` those that can't be had now, or not within `limitMs`, with
+    /// the last reason in `why`. Asks for no more where several fail one after the other. Raises with the tag
+    /// "Stopped", and where the file can't be written.
+    void replaceSome(std::deque<uint64>* stretches, const ZqSeekTable& table, int64 limitMs,
+                     const ZqStopTest& stop, SxException* why) const;
+    /// Milliseconds for a stretch where others wait for their turn.
+    static constexpr int64 TRY_MS = 4000;
 
 private:
     struct Tries;
 
-    SxArray<uint64> findWrong(const ZqSeekTable& table, const std::function<void(uint64 nDone)>& report,
-                              const ZqStopTest& stop) const;
-    SxPtr<SxArray<char>> fetch(uint64 stretchIdx, const ZqSeekTable& table, const ZqStopTest& stop) const;
+    std::deque<uint64> findWrong(const ZqSeekTable& table, const std::function<void(uint64 nDone)>& report,
+                                 const ZqStopTest& stop) const;
+    SxPtr<SxArray<char>> tryFetch(uint64 stretchIdx, const ZqSeekTable& table, int64 limitMs,
+                                  const ZqStopTest& stop, SxException* why) const;
     void recover(const SxException& why, Tries* tries, const ZqStopTest& stop) const;
 
     const SxString zqf;

@@ -1,6 +1,7 @@
 #include "BaseTest.h"
 #include "Builders.h"
 #include "NetLab.h"
+#include "SxTime.h"
 #include "ZqFailurePolicy.h"
 #include "ZqFileServer.h"
 #include "ZqImageRepair.h"
@@ -105,7 +106,35 @@ TEST_F(ImageRepair, TakesNothingWrong) {
     EXPECT_TRUE(now() == zqf);
     dir.write("served/img.zqf", damaged({3 * STRETCH + 8}));
     EXPECT_THAT(mend(wrong), HasSubstr("Stretch 3 of"));
-    EXPECT_TRUE(now() == damaged({3 * STRETCH, 5 * STRETCH})) << "what is right is kept";
+    EXPECT_TRUE(now() == damaged({3 * STRETCH})) << "what is right is kept, and the others come";
+}
+
+// What a game may read meanwhile is put right as soon as that can be.
+TEST_F(ImageRepair, OneThatCantBeHadHoldsUpNoOther) {
+    const std::string wrong = damaged({STRETCH, 5 * STRETCH}), packed = PackedImage(zqf).bytes();
+    const uint64 first =
+        ZqSeekTable(packed.data(), packed.size(), packed.size(), zqf.size()).getFrame(1).offset;
+    // Of these the second is asked for again and again.
+    for (const std::string refusal : {"403 No", "500 Error"}) {
+        SCOPED_TRACE(refusal);
+        fs::remove(dir.path("img.zqf"));
+        std::atomic<bool> isRefusing{true};
+        const ScriptedServer refuser([&](const std::string& request) {
+            const bool isPacked = request.find(".zst") != std::string::npos;
+            const std::string at = "bytes=" + std::to_string(isPacked ? first : STRETCH) + "-";
+            if (isRefusing && request.find(at) != std::string::npos)
+                return "HTTP/1.1 " + refusal + "\r\nContent-Length: 0\r\n\r\n";
+            return ScriptedServer::ranged(request, isPacked ? packed : zqf);
+        });
+        player.settle = [](const SxException&) { return true; };
+        player.requireSame = [](const ZqStopTest&) {};
+        std::thread mending([&] { EXPECT_EQ(mend(wrong, SxString(refuser.url())), "2"); });
+        EXPECT_TRUE(
+            SxWait::pass(20'000, [&] { return dir.exists("img.zqf") && now() == damaged({STRETCH}); }));
+        isRefusing = false;
+        mending.join();
+        EXPECT_TRUE(now() == zqf);
+    }
 }
 
 TEST_F(ImageRepair, WaitsForWhateverAServerAnswersWhileSomebodyPlays) {
