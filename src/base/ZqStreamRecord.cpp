@@ -6,6 +6,7 @@
 #include "SxOs.h"
 #include "ZqImageFiles.h"
 #include "ZqImageFolder.h"
+#include "ZqImageLock.h"
 #include "ZqRecordFile.h"
 
 using SxParserKit::SxSymbol;
@@ -13,6 +14,8 @@ using SxParserKit::SxSymbol;
 namespace {
 constexpr const char* UNIT = "src/base/ZqStreamRecord";
 constexpr int64 VERSION = 2;
+/// Nobody needs more than a moment for a change.
+constexpr int64 PATIENCE_MS = 5000;
 
 SxString recordFile(const SxString& image) {
     return ZqImageFolder::prefix(image) + ZqImageFiles::STREAM_JSON;
@@ -94,6 +97,8 @@ void ZqStreamRecord::update(const SxString& image,
                             const std::function<void(ZqStreamRecord* record)>& change) {
     static SxMutex one;
     const SxMutexBlock block(&one);
+    const SxPtr<ZqImageLock> alone =
+        ZqImageLock::await(image, ZqImageLock::Record, ZqImageLock::Exclusive, "record", PATIENCE_MS);
     ZqStreamRecord record;
     record.read(image);
     change(&record);

@@ -45,6 +45,7 @@ public:
     void read(const SxString& image);
     /// Replaces the record of the image folder as a whole. Raises "Failed to write file ..." with the cause.
     void write(const SxString& image) const;
-    /// Reads the record, lets `change` change it, and writes it. Of several threads one goes after the other.
+    /// Reads the record, lets `change` change it, and writes it. Of several threads and processes one goes
+    /// after the other. Raises as read() and write(), and where another one takes too long.
     static void update(const SxString& image, const std::function<void(ZqStreamRecord* record)>& change);
 };

@@ -1,9 +1,12 @@
 #include "BaseTest.h"
+#include "SxTime.h"
 #include "ZqImageLock.h"
+#include "ZqStreamRecord.h"
 
 #include <csignal>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
 
 using Lock = ZqImageLock;
@@ -78,6 +81,23 @@ TEST(ImageLock, SharedAndExclusive) {
                     HasSubstr("'" + path + "' "));
     }
     EXPECT_TRUE(fs::is_empty(dir.path())) << "a reader leaves nothing where nothing is to be read";
+}
+
+// As of a mount that notes writes while a download notes its progress.
+TEST(ImageLock, ChangesOfARecordGoOneAfterTheOther) {
+    const ImageDir dir;
+    SxPtr<Lock> other = dir.take("other", Lock::Exclusive, Lock::Record);
+    std::thread change(
+        [&] { ZqStreamRecord::update(dir.path(), [](ZqStreamRecord* record) { record->nStarts = 5; }); });
+    EXPECT_FALSE(SxWait::pass(200, [&] { return dir.exists("stream.json"); }));
+    ZqStreamRecord record;
+    record.isWritten = true;
+    record.write(dir.path());
+    other = nullptr;
+    change.join();
+    record.read(dir.path());
+    EXPECT_TRUE(record.isWritten);
+    EXPECT_EQ(record.nStarts, 5);
 }
 
 TEST(ImageLock, DiesWithItsProcess) {

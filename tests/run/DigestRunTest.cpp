@@ -1,5 +1,6 @@
 #include "StreamRun.h"
 #include "SxMd5.h"
+#include "ZqStreamRecord.h"
 
 // What a run makes of an image that is complete, and right, wrong or another one.
 
@@ -100,6 +101,20 @@ TEST_F(StreamRun, AnImageThatADriveWritesIntoIsntComparedAgain) {
     fs::remove(got + "/img.zqf");
     done({"run", got, "--now"});
     EXPECT_THAT(dir.read("got/stream.json"), HasSubstr("\"verified\""));
+}
+
+TEST_F(StreamRun, WhatADriveWroteDuringTheComparisonIsNotCalledWrong) {
+    fs::copy(served, got);
+    ZqImageFeed::Settings settings = feedSettings();
+    settings.isDownloadOnly = true;
+    ZqImageFeed feed(settings);
+    feed.open(nullptr);
+    ZqStreamRecord::noteWrites(SxString(got));
+    std::fstream(got + "/img.zqf", std::ios::in | std::ios::out | std::ios::binary).put('\x55');
+    feed.start();
+    feed.fetchRecords(nullptr);
+    EXPECT_TRUE(SxWait::pass(20'000, [&] { return feed.isVerified() || feed.hasFailed(); }));
+    EXPECT_NO_THROW(feed.requireAlive());
 }
 
 TEST_F(StreamRun, MendingThatWaitsKeepsNothingElseFromBeingSeen) {

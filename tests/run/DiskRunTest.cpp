@@ -1,7 +1,6 @@
 #include "FaultOs.h"
 #include "SmallDisk.h"
 #include "StreamRun.h"
-#include "ZqImageFeed.h"
 
 #include <sys/mount.h>
 
@@ -147,9 +146,7 @@ private:
 TEST_F(StreamRun, AnImageThatIsThereNeedsNoWriter) {
     fs::create_directories(got);
     FullAtTheEnd disk(got, fs::file_size(served + "/img.zqf"));
-    ZqImageFeed::Settings settings;
-    settings.image = SxString(got);
-    settings.url = server->getUrl();
+    ZqImageFeed::Settings settings = feedSettings();
     settings.isDownloadOnly = true;
     ZqImageFeed feed(settings);
     feed.open(nullptr);

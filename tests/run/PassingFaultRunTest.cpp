@@ -1,6 +1,5 @@
 #include "StreamRun.h"
 #include "SxMd5.h"
-#include "ZqImageFeed.h"
 #include "ZqStreamRecord.h"
 
 // What may pass ends neither a run nor its application.
@@ -74,10 +73,7 @@ TEST_F(StreamRun, AServerThatHasNoRangesForTheMomentKeepsNobodyFromPlaying) {
     fs::resize_file(got + "/img.zqf", 2'000'000);
     server->setFault(ZqFileServer::Whole);
     {
-        ZqImageFeed::Settings settings;
-        settings.image = SxString(got);
-        settings.url = server->getUrl();
-        ZqImageFeed feed(settings);
+        ZqImageFeed feed(feedSettings());
         feed.open(nullptr);
         feed.start();
         ASSERT_TRUE(eventually([&] { return feed.getStatus().waiting.str().find("range") != string::npos; }))

@@ -2,6 +2,7 @@
 
 #include "DriveRun.h"
 #include "ZqFileServer.h"
+#include "ZqImageFeed.h"
 
 #include <csignal>
 #include <fstream>
@@ -55,6 +56,12 @@ protected:
         std::vector<string> words = {"run", got, "--url", server->getUrl().str()};
         words.insert(words.end(), more.begin(), more.end());
         return std::make_unique<Client>(client, words, dir.path("said" + std::to_string(++nClients)));
+    }
+    ZqImageFeed::Settings feedSettings() const {
+        ZqImageFeed::Settings settings;
+        settings.image = SxString(got);
+        settings.url = server->getUrl();
+        return settings;
     }
     /// From now on the server has another version of the image.
     void offerOtherVersion() {

@@ -4,7 +4,6 @@
 #include "SxMd5.h"
 #include "SxProcessGroup.h"
 #include "Xml.h"
-#include "ZqImageFeed.h"
 #include "ZqReadable.h"
 #include "ZqStreamRecord.h"
 
@@ -106,10 +105,7 @@ TEST_F(StreamRun, TheApplicationsStartAndTheKeeperDontMeet) {
     const RestlessKeeper clock;
     server->start();
     server->setRate(500'000);
-    ZqImageFeed::Settings settings;
-    settings.image = SxString(got);
-    settings.url = server->getUrl();
-    ZqImageFeed feed(settings);
+    ZqImageFeed feed(feedSettings());
     feed.open(nullptr);
     feed.start();
     feed.fetchRecords(nullptr);

@@ -1,5 +1,6 @@
 #include "ZqImageLock.h"
 
+#include "SxClock.h"
 #include "SxException.h"
 #include "SxFSAction.h"
 #include "SxOs.h"
@@ -18,6 +19,10 @@ constexpr int64 SLOT_SIZE = 256;
 constexpr int64 RANGE_BASE = int64{1} << 32;
 /// How long a holder that has its lock may take to write its slot.
 constexpr int64 RECORD_MS = 100;
+/// Pause between two tries to get a lock that is held.
+constexpr int64 LOOK_MS = 10;
+/// Tag of a failure: somebody else holds it.
+constexpr const char* HELD = "ImageLockHeld";
 
 const char* rangeName(ZqImageLock::Range range) {
     switch (range) {
@@ -29,6 +34,8 @@ const char* rangeName(ZqImageLock::Range range) {
         return "drive";
     case ZqImageLock::Blocks:
         return "blocks";
+    case ZqImageLock::Record:
+        return "record";
     }
     return "";
 }
@@ -90,6 +97,19 @@ SxPtr<ZqImageLock> ZqImageLock::takeAnyState(const SxString& path, Range range, 
     return lock;
 }
 
+SxPtr<ZqImageLock> ZqImageLock::await(const SxString& path, Range range, Mode mode, const SxString& job,
+                                      int64 ms) {
+    const int64 endNs = SxClock::get().steadyNs() + ms * 1'000'000;
+    for (;;) {
+        try {
+            return takeAnyState(path, range, mode, job);
+        } catch (const SxException& e) {
+            if (!e.hasTag(HELD) || SxClock::get().steadyNs() > endNs) throw;
+        }
+        SxTime::msleep(LOOK_MS);
+    }
+}
+
 void ZqImageLock::finishReplacement(const SxString& path) {
     if (ZqImageReplacement::isPending(path)) takeAnyState(path, Shape, Exclusive, "new image");
 }
@@ -130,7 +150,7 @@ ZqImageLock::ZqImageLock(Key, const SxString& path, Range range_, Mode mode, con
         if (result == -EAGAIN) {
             const SxString holder = describeHolder();
             SxOs::get().close(fd);
-            throw SxException("Image '" + path + "' is in use by " + holder, UNIT, __LINE__);
+            throw SxException(HELD, "Image '" + path + "' is in use by " + holder, UNIT, __LINE__);
         }
         if (result < 0) {
             if (fd >= 0) SxOs::get().close(fd);

@@ -3,7 +3,7 @@
 #include "SxPtr.h"
 #include "SxString.h"
 
-/// The locks of an image folder, which keep its users apart across processes, users and machine roots: four
+/// The locks of an image folder, which keep its users apart across processes, users and machine roots: five
 /// ranges of the file `image.lock` in it, as open-file-description locks, so that a dead process leaves none
 /// and a closed duplicate of the descriptor drops none. A job hands its lock on by sharing the pointer.
 ///
@@ -18,7 +18,8 @@ public:
         Drive,  ///< exclusive for the service that serves the image
         /// Shared by what writes into blocks of `img.zqf` for programs; exclusive to put its blocks right,
         /// which would undo that.
-        Blocks
+        Blocks,
+        Record ///< exclusive, for a moment, to change `stream.json`
     };
     enum Mode { Shared, Exclusive };
 
@@ -31,6 +32,9 @@ public:
     static SxPtr<ZqImageLock> take(const SxString& path, Range range, Mode mode, const SxString& job);
     /// The same for a reader that copes with an unfinished image, but none that is half replaced.
     static SxPtr<ZqImageLock> takeAnyState(const SxString& path, Range range, Mode mode, const SxString& job);
+    /// The same, but waits for `ms` milliseconds at most for whoever holds it.
+    static SxPtr<ZqImageLock> await(const SxString& path, Range range, Mode mode, const SxString& job,
+                                    int64 ms);
     /// Raises where an optimisation or a patch of the image was begun and not ended, saying how to go on.
     static void refuseUnfinished(const SxString& path);
 
