@@ -132,6 +132,15 @@ TEST(RemoteFileAnswer, isTakenWhereTheBytesCanBeTold) {
         }
         EXPECT_EQ(server.requests().size(), 2u);
     }
+    // Of a large file that may be anything, such as a page to log in to.
+    {
+        const ScriptedServer server([&](const std::string&) { return unsized; });
+        const auto file = FilePtr::create(SxPtr<ZqNetLink>::create(quickSettings()),
+                                          SxString(server.url("f")), SxArray<SxString>(), 1'000'000'000);
+        char byte = 0;
+        const SxException e = exceptionOf([&] { file->read(0, 1, &byte); });
+        EXPECT_TRUE(e.hasTag(ZqNetLink::WRONG)) << e.what();
+    }
     // A label of what a file holds is no encoding of it.
     for (const char* name : {"f.zst?a=b", "f"}) {
         const ScriptedServer server([&](const std::string& request) {

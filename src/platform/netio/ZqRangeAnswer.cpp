@@ -50,8 +50,11 @@ void ZqRangeAnswer::check(const ZqTransfer::Response& response) {
     const SxString lacking =
         "The server answers a request for a range with the whole file (200): it, and any cache or proxy in "
         "front of it, must answer ranges (Range, 206), also for files of this size";
-    // Where nothing tells how large the file is, that may be a page about something else.
-    if (isWhole && isRange && facts->getDueSize() == UNKNOWN) raiseWrong(lacking, __LINE__);
+    // Where nothing tells how large the file is, or what comes, that may be a page about something else,
+    // which would become the beginning of an image.
+    const bool isUntold =
+        facts->getDueSize() == UNKNOWN || (response.length < 0 && facts->getDueSize() > MAX_SKIPPED);
+    if (isWhole && isRange && isUntold) raiseWrong(lacking, __LINE__);
     version = facts->learn(told, isVouched);
     facts->noteForm(isWhole);
     if (isWhole && first > MAX_SKIPPED) raiseWrong(lacking, __LINE__);
