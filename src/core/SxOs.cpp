@@ -55,6 +55,9 @@ public:
     int open(const std::string& path, unsigned flags, unsigned permissions) override {
         return status(::open(path.c_str(), systemFlags(flags), permissions));
     }
+    int openIn(int folder, const std::string& name, unsigned flags, unsigned permissions) override {
+        return status(::openat(folder, name.c_str(), systemFlags(flags), permissions));
+    }
     int close(int fd) override { return status(::close(fd)); }
 
     int64 readAt(int fd, void* buffer, int64 n, int64 offset) override {
@@ -126,6 +129,12 @@ public:
         fill(info, stat);
         return 0;
     }
+    int lstatIn(int folder, const std::string& name, SxStat* stat) override {
+        struct ::stat info {};
+        if (::fstatat(folder, name.c_str(), &info, AT_SYMLINK_NOFOLLOW) < 0) return -errno;
+        fill(info, stat);
+        return 0;
+    }
 
     int list(const std::string& path, std::vector<std::string>* names) override {
         names->clear();
@@ -147,8 +156,14 @@ public:
     }
     int removeDir(const std::string& path) override { return status(::rmdir(path.c_str())); }
     int unlink(const std::string& path) override { return status(::unlink(path.c_str())); }
+    int unlinkIn(int folder, const std::string& name) override {
+        return status(::unlinkat(folder, name.c_str(), 0));
+    }
     int rename(const std::string& from, const std::string& to) override {
         return status(::rename(from.c_str(), to.c_str()));
+    }
+    int renameIn(int folder, const std::string& from, const std::string& to) override {
+        return status(::renameat(folder, from.c_str(), folder, to.c_str()));
     }
     int symlink(const std::string& target, const std::string& path) override {
         return status(::symlink(target.c_str(), path.c_str()));
@@ -174,8 +189,12 @@ public:
     int syncDir(const std::string& path) override {
         const int fd = open(path, Read | Directory, 0);
         if (fd < 0) return fd;
-        const int result = status(::fsync(fd));
+        const int result = syncDirFd(fd);
         ::close(fd);
+        return result;
+    }
+    int syncDirFd(int folder) override {
+        const int result = status(::fsync(folder));
         // Some file systems can't sync a folder; they order names by themselves.
         return result == -EINVAL ? 0 : result;
     }

@@ -42,6 +42,8 @@ public:
     /// Opens a file; never inherited by child processes, and never waits for the other end of a pipe. Gives
     /// the descriptor.
     virtual int open(const std::string& path, unsigned flags, unsigned permissions) = 0;
+    /// The same for `name` in an open folder, wherever that has been moved to.
+    virtual int openIn(int folder, const std::string& name, unsigned flags, unsigned permissions) = 0;
     virtual int close(int fd) = 0;
     /// Reads up to `n` bytes at `offset`; less only at the end of the file.
     virtual int64 readAt(int fd, void* buffer, int64 n, int64 offset) = 0;
@@ -76,6 +78,7 @@ public:
     virtual int stat(const std::string& path, SxStat* stat) = 0;
     /// Doesn't follow a link in the last part.
     virtual int lstat(const std::string& path, SxStat* stat) = 0;
+    virtual int lstatIn(int folder, const std::string& name, SxStat* stat) = 0;
     /// 1 where `path` is still, or again, a name of the open file, 0 where it isn't; a link isn't followed.
     int hasName(int fd, const std::string& path);
     /// Names in a folder, without "." and "..", in no order.
@@ -84,8 +87,10 @@ public:
     virtual int makeDir(const std::string& path, unsigned permissions) = 0;
     virtual int removeDir(const std::string& path) = 0;
     virtual int unlink(const std::string& path) = 0;
+    virtual int unlinkIn(int folder, const std::string& name) = 0;
     /// Atomic; replaces a file.
     virtual int rename(const std::string& from, const std::string& to) = 0;
+    virtual int renameIn(int folder, const std::string& from, const std::string& to) = 0;
     virtual int symlink(const std::string& target, const std::string& path) = 0;
     /// Gives the file `from` a second name, on the same file system.
     virtual int link(const std::string& from, const std::string& to) = 0;
@@ -96,6 +101,7 @@ public:
     virtual int setModifiedNow(const std::string& path) = 0;
     /// Returns when names made, renamed or removed in the folder are on the device.
     virtual int syncDir(const std::string& path) = 0;
+    virtual int syncDirFd(int folder) = 0;
     /// Bytes that an ordinary user may still write to the file system of `path`.
     virtual int freeSpace(const std::string& path, int64* bytes) = 0;
 

@@ -43,7 +43,17 @@ bool readWritten(uint64 device, uint64* nSectors) {
 void DriveFile::open(const std::string& path_, unsigned flags) {
     close();
     path = path_;
-    fd = SxOs::get().open(path, flags, 0600);
+    take(SxOs::get().open(path, flags, 0600));
+}
+
+void DriveFile::openIn(int folder, const std::string& path_, unsigned flags) {
+    close();
+    path = path_;
+    take(SxOs::get().openIn(folder, path.substr(path.rfind('/') + 1), flags, 0600));
+}
+
+void DriveFile::take(int opened) {
+    fd = opened;
     if (fd < 0) raise("Cannot open", fd, UNIT, __LINE__);
     SxStat info;
     const int status = SxOs::get().statFd(fd, &info);

@@ -16,6 +16,8 @@ public:
 
     /// Opens a host path with SxOs flags. Raises, naming the path, also on anything but a plain file.
     void open(const std::string& path_, unsigned flags);
+    /// The same for the last name of the path in an open folder, wherever that has been moved to.
+    void openIn(int folder, const std::string& path_, unsigned flags);
     /// Takes over what `other` has open, closing what is open here; a path that is known here stays.
     void adopt(DriveFile* other);
     void close();
@@ -45,6 +47,7 @@ public:
     [[noreturn]] void raise(const SxString& what, int64 error, const char* unit, int line) const;
 
 private:
+    void take(int opened);
     void noteWritten(uint64 begin, uint64 end) const;
     int writeBackInSteps() const;
     void lookAtDevice() const;

@@ -228,9 +228,10 @@ void VirtualDisk::flushLayer() {
         SxClock::get().sleepNs(1'000'000);
     try {
         DriveFile target;
-        // What follows goes by names.
         if (isReplaced()) throw SxException(replacedText(), UNIT, __LINE__);
         target.open(zqf.getPath(), SxOs::Read | SxOs::Write | SxOs::NoFollow);
+        // Once more: the file that is open now may be that of another image.
+        if (isReplaced()) throw SxException(replacedText(), UNIT, __LINE__);
         // What was written in place counts as flushed, too.
         if (sync() != 0) throw SxException(getFailure(), UNIT, __LINE__);
         layer.flush({&target, std::min(getCursor(), nIncluded()), target.getSize(), cfg.sizeRaw});

@@ -1,7 +1,6 @@
 #include "WriteLayer.h"
 
 #include "SxException.h"
-#include "SxFSAction.h"
 
 #include <algorithm>
 #include <bit>
@@ -51,12 +50,12 @@ WriteLayer::WriteLayer(const std::string& folder_, BlockMap* map_, bool readOnly
       readOnly(readOnly_),
       identity(LayerIdentity::of(folder_)) {
     // What a cut of flush() leaves behind.
-    if (!readOnly && !SxFSAction::isGone(folder + "img.tix.new")) SxOs::get().unlink(folder + "img.tix.new");
-    if (SxFSAction::isGone(folder + "img.tix")) return;
+    if (!readOnly && !folder.isGone(NEXT_INDEX)) folder.unlink(NEXT_INDEX);
+    if (folder.isGone(INDEX)) return;
     const SxMutexBlock turn(&changing);
     const unsigned flags = SxOs::Read | SxOs::NoFollow | (readOnly ? 0U : unsigned{SxOs::Write});
-    tix.open(folder + "img.tix", flags);
-    if (!SxFSAction::isGone(folder + "img.tmp")) tmp.open(folder + "img.tmp", flags);
+    folder.open(&tix, INDEX, flags);
+    if (!folder.isGone(DATA)) folder.open(&tmp, DATA, flags);
     load();
     if (tmp.isOpen()) {
         publishedFd = tmp.getFd();
@@ -188,20 +187,20 @@ void WriteLayer::create() {
     if (!tmp.isOpen()) {
         // What lies in the files without a record was never synced.
         const unsigned flags = SxOs::Read | SxOs::Write | SxOs::Create | SxOs::Truncate | SxOs::NoFollow;
-        tix.open(folder + "img.tix", flags);
+        folder.open(&tix, INDEX, flags);
         tixEnd = 0;
         tixBegin = HEADER_SIZE;
         isFormer = false;
         compactAt = LEAST_TO_COMPACT;
         namesPending = true;
-        tmp.open(folder + "img.tmp", flags);
+        folder.open(&tmp, DATA, flags);
         tixReserved = 0;
     }
     if (reserve() == ENOSPC && tixEnd == 0) {
         publishedFd = -1;
         tmp.close();
         tix.close();
-        throw SxException("There is no room in '" + SxString(folder) +
+        throw SxException("There is no room in '" + SxString(folder.getPath()) +
                               "' for what programs write to the drive: make room, or mount it with mode ro",
                           UNIT, __LINE__);
     }
@@ -393,8 +392,8 @@ int WriteLayer::syncInTurn() {
         }
     }
     if (namesPending) {
-        if (const int status = SxOs::get().syncDir(folder); status < 0) {
-            return fail("Cannot bring the names in '" + SxString(folder) + "' to the disk", -status);
+        if (const int error = folder.sync()) {
+            return fail("Cannot bring the names in '" + SxString(folder.getPath()) + "' to the disk", error);
         }
         namesPending = false;
     }

@@ -1,8 +1,10 @@
 #pragma once
 
 #include "BlockMap.h"
+#include "ImageFolder.h"
 #include "LayerIdentity.h"
 #include "SxMutex.h"
+#include "ZqImageFiles.h"
 
 #include <vector>
 
@@ -19,6 +21,10 @@
 /// Where the file system can give room ahead, the layer holds a little in reserve: on a disk that others have
 /// filled a few blocks can still be written. A file system of the drive needs them to be unmounted, even if
 /// it was only read.
+///
+/// All files are named within the open folder, and the index is replaced only while it has its name there: a
+/// folder that was moved away goes on to have all that is written, and neither another image in its place nor
+/// the files of one that were put into it are touched.
 ///
 /// write(), discard() and sync() are safe from any thread; flush() only while nobody does either.
 class WriteLayer {
@@ -72,6 +78,8 @@ private:
         uint64 rawIdx;
         uint32 slot, check;
     };
+    static constexpr const char *INDEX = ZqImageFiles::LAYER_INDEX, *DATA = ZqImageFiles::LAYER_DATA,
+                                *NEXT_INDEX = "img.tix.new"; ///< which takes the place of the index
     static constexpr uint64 HEADER_SIZE = 2 * sizeof(Record);
     /// Bytes of an index that aren't worth writing it anew.
     static constexpr uint64 LEAST_TO_COMPACT = 1 << 20;
@@ -133,6 +141,8 @@ private:
     int syncInTurn() SX_REQUIRES(changing);
     int appendRecords(const Record* records, size_t n) SX_REQUIRES(changing);
     int compact() SX_REQUIRES(changing);
+    void requireInPlace() SX_REQUIRES(changing);
+    void openNext(DriveFile* next) SX_REQUIRES(changing);
     void replaceIndex(DriveFile* next, uint64 end) SX_REQUIRES(changing);
     template<class Append>
     void copyLatest(Append&& append) SX_REQUIRES(changing);
@@ -145,7 +155,7 @@ private:
     void writeIndex(const Target& target) SX_REQUIRES(changing);
     void freeMoved(const Target& target);
 
-    const std::string folder;
+    const ImageFolder folder;
     BlockMap* const map;
     const bool readOnly;
     const LayerIdentity identity;

@@ -83,8 +83,7 @@ uint64 WriteLayer::copyOut(const Target& target) {
 /// Replaces the index by one of the blocks that stay.
 void WriteLayer::writeIndex(const Target& target) {
     DriveFile next;
-    next.open(folder + "img.tix.new",
-              SxOs::Read | SxOs::Write | SxOs::Create | SxOs::Truncate | SxOs::NoFollow);
+    openNext(&next);
     const auto require = [&](int error) {
         if (error) next.raise("Cannot write", error, UNIT, __LINE__);
     };
@@ -105,10 +104,23 @@ void WriteLayer::writeIndex(const Target& target) {
     replaceIndex(&next, end);
 }
 
+/// Another image's files may have been put into the folder.
+void WriteLayer::requireInPlace() {
+    if (folder.holds(tix, INDEX)) return;
+    throw SxException("'" + SxString(tix.getPath()) + "' was removed, or replaced by another one", UNIT,
+                      __LINE__);
+}
+
+void WriteLayer::openNext(DriveFile* next) {
+    requireInPlace();
+    folder.open(next, NEXT_INDEX, SxOs::Read | SxOs::Write | SxOs::Create | SxOs::Truncate | SxOs::NoFollow);
+}
+
 /// Puts a new index of `end` bytes, which is synced, in the place of the old one.
 void WriteLayer::replaceIndex(DriveFile* next, uint64 end) {
-    if (const int status = SxOs::get().rename(next->getPath(), tix.getPath()); status < 0) {
-        next->raise("Cannot rename", status, UNIT, __LINE__);
+    requireInPlace();
+    if (const int error = folder.rename(NEXT_INDEX, INDEX)) {
+        next->raise("Cannot rename", error, UNIT, __LINE__);
     }
     tix.adopt(next);
     tixBegin = HEADER_SIZE;
@@ -116,9 +128,9 @@ void WriteLayer::replaceIndex(DriveFile* next, uint64 end) {
     tixReserved = 0;
     isFormer = false;
     compactAt = LEAST_TO_COMPACT + 2 * end;
-    if (const int status = SxOs::get().syncDir(folder); status < 0) {
+    if (const int error = folder.sync()) {
         // Which of the two indices a cut would leave isn't known, so neither may be added to.
-        fail("Cannot bring the names in '" + SxString(folder) + "' to the disk", -status);
+        fail("Cannot bring the names in '" + SxString(folder.getPath()) + "' to the disk", error);
         throw SxException(getFailure(), UNIT, __LINE__);
     }
 }
@@ -184,10 +196,9 @@ void WriteLayer::copyLatest(Append&& append) {
 /// Writes the index anew, without records that others have taken the place of. Gives 0 or an errno value,
 /// where the old one stays in its place, and the layer's failure is set only if neither can be used.
 int WriteLayer::compact() {
+    DriveFile next;
     try {
-        DriveFile next;
-        next.open(folder + "img.tix.new",
-                  SxOs::Read | SxOs::Write | SxOs::Create | SxOs::Truncate | SxOs::NoFollow);
+        openNext(&next);
         int error = writeHeader(next);
         uint64 end = HEADER_SIZE;
         std::vector<Record> records;
@@ -206,10 +217,11 @@ int WriteLayer::compact() {
             replaceIndex(&next, end);
             return 0;
         }
-        SxOs::get().unlink(next.getPath());
+        folder.unlink(NEXT_INDEX);
         compactAt = tixEnd + LEAST_TO_COMPACT;
         return error;
     } catch (const SxException&) {
+        if (next.isOpen()) folder.unlink(NEXT_INDEX);
         compactAt = tixEnd + LEAST_TO_COMPACT;
         return EIO;
     }

@@ -369,6 +369,54 @@ TEST(WriteLayer, NothingIsWrittenIntoAnotherImageInThePlaceOfIts) {
     }
 }
 
+// An updater or a restored backup: of the whole folder, or of each file in it.
+TEST(WriteLayer, AnIndexIsWrittenAnewInItsOwnFolderOnly) {
+    constexpr uint64 N = 2000;
+    for (const bool isFolder : {true, false}) {
+        SCOPED_TRACE(isFolder ? "another folder" : "other files");
+        TestRandom random(12);
+        const DriveImage image(random, N, 0.5, "image/");
+        image.put(0, image.nZqf, false);
+        const auto block = [](uint64 rawIdx) {
+            return std::string(BLOCK_SIZE, static_cast<char>('a' + rawIdx % 20));
+        };
+        const auto fill = [&](Drive* drive) {
+            for (uint64 rawIdx = 0; rawIdx < N - 1; ++rawIdx)
+                ASSERT_EQ(drive->write(rawIdx, block(rawIdx)), 0);
+            ASSERT_EQ(drive->disk.sync(), 0);
+        };
+        const auto expectAll = [&](Drive* drive) {
+            for (uint64 rawIdx = 0; rawIdx < N - 1; ++rawIdx)
+                ASSERT_TRUE(drive->read(rawIdx) == block(rawIdx)) << rawIdx;
+        };
+        TreeSnapshot others;
+        {
+            Drive drive(image, Mode::Rtw);
+            ASSERT_NO_FATAL_FAILURE(fill(&drive));
+            if (isFolder) std::filesystem::rename(image.path(""), image.dir.path("old"));
+            for (const char* name : {"img.zqf", "img.tix", "img.tmp"}) {
+                image.dir.write("other", std::string("another image's ") + name);
+                std::filesystem::create_directory(image.path(""));
+                std::filesystem::rename(image.dir.path("other"), image.path(name));
+            }
+            others = image.dir.snapshot("image");
+            for (int round = 0; round < 20; ++round) {
+                ASSERT_EQ(drive.discard(0, N), 0);
+                ASSERT_NO_FATAL_FAILURE(fill(&drive));
+            }
+            ASSERT_NO_FATAL_FAILURE(expectAll(&drive));
+            EXPECT_EQ(drive.disk.close(), 0);
+        }
+        EXPECT_EQ(image.dir.snapshot("image"), others);
+        if (!isFolder) continue;
+        EXPECT_LT(std::filesystem::file_size(image.dir.path("old/img.tix")), 1U << 20);
+        std::filesystem::remove_all(image.path(""));
+        std::filesystem::rename(image.dir.path("old"), image.path(""));
+        Drive drive(image, Mode::Ro);
+        ASSERT_NO_FATAL_FAILURE(expectAll(&drive));
+    }
+}
+
 TEST(WriteLayer, AFullDiskFailsTheWriterAndNothingElse) {
     TestRandom random(4);
     constexpr uint64 N = 300, RESERVED = 64;

@@ -102,6 +102,10 @@ std::string FaultOs::normal(const std::string& path) const {
     return full.has_filename() ? full.string() : full.parent_path().string();
 }
 
+std::string FaultOs::pathIn(int folderFd, const std::string& name) {
+    return (fs::read_symlink("/proc/self/fd/" + std::to_string(folderFd)) / name).string();
+}
+
 bool FaultOs::watches(const std::string& path) const {
     return path == folder || path.starts_with(folder + "/");
 }

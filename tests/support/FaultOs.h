@@ -82,6 +82,9 @@ public:
     void crash(std::mt19937_64* random = nullptr);
 
     int open(const std::string& path, unsigned flags, unsigned permissions) override;
+    int openIn(int folderFd, const std::string& name, unsigned flags, unsigned permissions) override {
+        return open(pathIn(folderFd, name), flags, permissions);
+    }
     int close(int fd) override;
     int64 readAt(int fd, void* buffer, int64 n, int64 offset) override {
         const int error = strike(Op::Read, fd);
@@ -113,6 +116,9 @@ public:
         const int error = strike(Op::Stat, path);
         return error ? error : machine.lstat(path, stat);
     }
+    int lstatIn(int folderFd, const std::string& name, SxStat* stat) override {
+        return lstat(pathIn(folderFd, name), stat);
+    }
     int list(const std::string& path, std::vector<std::string>* names) override {
         const int error = strike(Op::List, path);
         return error ? error : machine.list(path, names);
@@ -124,7 +130,11 @@ public:
         return changeName(Op::RemoveDir, path, [&] { return machine.removeDir(path); });
     }
     int unlink(const std::string& path) override;
+    int unlinkIn(int folderFd, const std::string& name) override { return unlink(pathIn(folderFd, name)); }
     int rename(const std::string& from, const std::string& to) override;
+    int renameIn(int folderFd, const std::string& from, const std::string& to) override {
+        return rename(pathIn(folderFd, from), pathIn(folderFd, to));
+    }
     int symlink(const std::string& target, const std::string& path) override {
         return changeName(Op::Symlink, path, [&] { return machine.symlink(target, path); });
     }
@@ -148,6 +158,7 @@ public:
         return error ? error : machine.setModifiedNow(path);
     }
     int syncDir(const std::string& path) override;
+    int syncDirFd(int folderFd) override { return syncDir(pathIn(folderFd, "")); }
     int freeSpace(const std::string& path, int64* bytes) override;
     int lockRange(int fd, int64 offset, int64 n, Lock lock) override {
         const int error = strike(Op::Lock, fd);
@@ -180,6 +191,8 @@ private:
     };
 
     std::string normal(const std::string& path) const;
+    /// The path that a name in an open folder has now.
+    static std::string pathIn(int folderFd, const std::string& name);
     bool watches(const std::string& path) const;
     /// Empty where the file isn't watched.
     std::string pathOf(int fd) const;
