@@ -91,6 +91,7 @@ ZqCoreUnderflowMgr::ZqCoreUnderflowMgr(const SxString& path_, const SxPtr<ZqCore
 }
 
 ZqCoreUnderflowMgr::~ZqCoreUnderflowMgr() {
+    endFetches();
     if (!asyncCallback) return;
     if (asyncCallback->isRunning()) zqLogMsg("base", "ERROR : Callback not released.");
     asyncCallback->wait();
@@ -323,6 +324,7 @@ void ZqCoreUnderflowMgr::main() {
         underflowFlag = false;
         if (!isRestarted) timeUnderflow();
     }
+    endFetches();
     report();
     refFile = SxFileIO();
     statFile = SxFileIO();
@@ -352,6 +354,7 @@ void ZqCoreUnderflowMgr::setUp() {
     instantMs = 0;
     driveGone = false;
     blockFlags.removeAll();
+    wants.removeAll();
     batchTimes.resize(MAX_BATCH, true);
     const SxString reference = path + "/imgRef.zqf";
     if (SxFSAction::exists(reference)) {
@@ -424,7 +427,13 @@ void ZqCoreUnderflowMgr::turn(Watch* watch) {
         pause();
         return;
     }
-    SxWait::pass(UNDERFLOW_MS, [this] { return stopRequested() || !isReadHeld() || hasDownloadPassed(); });
+    // Other reads may be served meanwhile.
+    bool isServing = canFetch();
+    SxWait::pass(UNDERFLOW_MS, [&] {
+        if (stopRequested() || !isReadHeld() || hasDownloadPassed()) return true;
+        isServing = isServing && runPassBetween();
+        return false;
+    });
 }
 
 void ZqCoreUnderflowMgr::lookAtWindow(Watch* watch) {

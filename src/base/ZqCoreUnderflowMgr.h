@@ -12,6 +12,7 @@
 #include "ZqRuntimeInfo.h"
 
 #include <atomic>
+#include <vector>
 
 class ZqCoreAppGuard;
 class ZqImageProgress;
@@ -119,6 +120,13 @@ private:
         SxPtr<ZqODRDownloader> downloader; ///< empty with a callback of the client's
     };
     struct Pass;
+    class Fetch;
+    /// A stretch that held reads want.
+    struct Want {
+        int64 reportedMs = 0;   ///< when the drive asked for it last
+        int64 retryMs = 0;      ///< it isn't asked for before that
+        bool hasFailed = false; ///< the last time
+    };
 
     /// Durations don't depend on the system's clock, which may jump.
     static int64 steadyMs();
@@ -168,21 +176,41 @@ private:
     Source getSource() const SX_EXCLUDES(downloadMutex);
     uint64 byteIdxOf(uint64 zqfIdx) const;
     SxArray<uint64> popQueue(uint64 count) const;
-    /// Gives false where the pass can't go on.
+    /// Looks what is wanted, asks for it, and delivers what has come. Gives false where something can't be
+    /// had for now; whatever else is wanted isn't held up by that.
     bool runPass();
+    /// Runs a pass within the wait for the next turn. False where a call of the service has failed.
+    bool runPassBetween();
     void noteQueue();
+    /// The download has to come up to what is still wanted.
+    void noteResume();
     /// Sleeps until the next look at the drive.
     void pause() const;
-    SxList<uint64> collect(const Pass& pass);
+    void collect(const Pass& pass);
+    /// Takes out of the wants what nobody asks for any more.
+    void dropUnwanted(const Pass& pass);
+    bool hasFailedWant() const;
     /// Whether the download has brought nothing for a while.
     bool standsStill(const Pass& pass);
     /// Whether a stretch that was fetched isn't to be fetched again yet.
     bool isFetched(const Pass& pass, uint64 zqfIdx, SxUniqueList<uint64>* seen);
-    bool fetchByCallback(const Pass& pass, const Source& source, const SxList<uint64>& offsets);
-    bool fetchByDownloader(const Pass& pass, const Source& source, const SxList<uint64>& offsets);
-    bool takeDownload(const Pass& pass, const ZqODRDownloader& downloader, uint64 offset);
+    /// Fetches all that is wanted, one after the other; gives how many have come.
+    int64 fetchByCallback(const Pass& pass, const Source& source);
+    bool callBack(const Pass& pass, const Source& source, uint64 offset);
+    /// Begins to fetch what is wanted, as much as is worth having on the wire together.
+    void beginFetches(const Pass& pass, const SxPtr<ZqODRDownloader>& from);
+    bool isUnderWay(uint64 offset) const;
+    /// Waits until a fetch has ended, but no longer than the drive is left alone.
+    void awaitFetch() const;
+    /// Hands over what has come; gives how many stretches.
+    int64 deliverFetches(const Pass& pass, const ZqODRDownloader& from);
+    bool deliver(const Pass& pass, const ZqODRDownloader& from, const Fetch& fetch);
+    /// Gives up what is on its way.
+    void endFetches();
     SxArray<char> readExpected(const Pass& pass, uint64 offset, uint64 length);
     void noteFetched(uint64 offset);
+    /// Leaves it for a while, if it is still wanted.
+    void noteFailed(uint64 offset);
     void noteFetches(int64 n, int64 elapsedMs) SX_EXCLUDES(infoMutex);
 
     const SxString path;
@@ -215,6 +243,8 @@ private:
     bool downloadMode SX_GUARDED_BY(downloadMutex) = false;
 
     SxPtr<AsyncCallback> asyncCallback;
+    SxMap<uint64, Want> wants;         ///< by the stretch's offset, in the order in which they were asked for
+    std::vector<SxPtr<Fetch>> fetches; ///< that were begun and aren't delivered
     uint64 queueLen = 0, passCount = 0;
     std::function<void()> edgeCall;
     int64 fetchedMs = 0; ///< when the last fetch ended

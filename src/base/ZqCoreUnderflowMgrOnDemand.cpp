@@ -12,7 +12,13 @@ namespace {
 constexpr const char* UNIT = "src/base/ZqUnderflowMgr";
 constexpr uint64 BLOCK = ZqImage::BLOCK_SIZE;
 constexpr uint64 MAX_INDICES = 1000; ///< taken from the queue in one pass
-constexpr int64 GROUP = 6;           ///< requests that are announced together
+constexpr int64 MS = 1'000'000;
+constexpr int64 GROUP = 6;         ///< requests that are worth having on the wire together
+constexpr int64 SLOW_MS = 3000;    ///< one that lasts longer takes the place of no other
+constexpr int64 MAX_FETCHES = 128; ///< at once, slow ones included
+constexpr int64 FETCH_LOOK_NS = MS / 4;
+constexpr int64 RETRY_MS = 1000;   ///< between two tries of a stretch that can't be had
+constexpr int64 UNWANTED_MS = 300; ///< a drive asks ten times a second for what held reads wait for
 constexpr int64 MAX_DELIVERY = 409600;
 constexpr signed char REPORTS = 100; ///< of a stretch that was fetched, until it is fetched again
 constexpr int64 CALLBACK_LOOK_MS = 1;
@@ -82,6 +88,40 @@ bool ZqCoreUnderflowMgr::AsyncCallback::isFinished() const {
     return finishedFlag;
 }
 
+// One download.
+
+/// A stretch on its way, on a thread of its own: one that the server is silent about holds up no other.
+class ZqCoreUnderflowMgr::Fetch : public SxSystemThread {
+public:
+    Fetch(const SxPtr<ZqODRDownloader>& from_, uint64 offset_, uint64 length_)
+        : offset(offset_),
+          beginMs(steadyMs()),
+          from(from_),
+          length(length_) {
+        setThreadName("on demand");
+    }
+    ~Fetch() override { wait(); }
+
+    const uint64 offset;
+    const int64 beginMs; ///< of steadyMs()
+
+    // Once it has ended.
+    int code = -1; ///< as a callback's
+    SxArray<char> data;
+    SxString failure;
+
+protected:
+    void main() override {
+        data.resize(static_cast<int64>(length));
+        code = from->onDemand(offset, length, data);
+        if (code == 1) failure = from->getLastErrMsg();
+    }
+
+private:
+    const SxPtr<ZqODRDownloader> from;
+    const uint64 length;
+};
+
 // Sources.
 
 void ZqCoreUnderflowMgr::setDownloadParams(const SxString& url, const SxList<SxString>& headers) {
@@ -143,6 +183,17 @@ bool ZqCoreUnderflowMgr::onDemand() {
             if (stopRequested() || !runPass()) return false;
         }
         edgeIdx = 0;
+        wants.removeAll();
+        return true;
+    } catch (const SxException& e) {
+        zqLogMsg("base", e.toString(SxException::ShowMessage, "\n"));
+        return false;
+    }
+}
+
+bool ZqCoreUnderflowMgr::runPassBetween() {
+    try {
+        runPass();
         return true;
     } catch (const SxException& e) {
         zqLogMsg("base", e.toString(SxException::ShowMessage, "\n"));
@@ -163,23 +214,32 @@ bool ZqCoreUnderflowMgr::runPass() {
         return false;
     }
     noteQueue();
-    const SxList<uint64> offsets = collect(pass);
+    collect(pass);
     if (edgeCall && edgeIdx >= pass.nCurrent) edgeCall();
-    if (offsets.isEmpty()) {
-        if (isMinimized() || standsStill(pass)) {
-            resumeIdx = std::max<uint64>(resumeIdx, edgeIdx);
-            return false;
-        }
-        SxTime::msleep(SxWait::LOOK_MS);
-        return true;
+    int64 n = 0;
+    if (source.downloader) {
+        beginFetches(pass, source.downloader);
+        if (!hasFailedWant()) awaitFetch();
+        n = deliverFetches(pass, *source.downloader);
+    } else {
+        n = fetchByCallback(pass, source);
     }
-    const bool fetched =
-        source.downloader ? fetchByDownloader(pass, source, offsets) : fetchByCallback(pass, source, offsets);
-    if (!fetched) return false;
-    fetchedMs = steadyMs();
-    noteFetches(offsets.getSize(), fetchedMs - pass.t0);
-    resumeIdx = 0;
+    if (stopRequested()) return false;
+    if (n > 0) noteResume();
+    if (hasFailedWant() || (entered && n == 0) ||
+        (wants.getSize() == 0 && n == 0 && (isMinimized() || standsStill(pass)))) {
+        resumeIdx = std::max<uint64>(resumeIdx, edgeIdx);
+        return false;
+    }
+    if (n == 0 && fetches.empty()) SxTime::msleep(SxWait::LOOK_MS);
     return true;
+}
+
+void ZqCoreUnderflowMgr::noteResume() {
+    uint64 furthest = 0;
+    for (const auto& [offset, want] : wants)
+        furthest = std::max(furthest, offset);
+    resumeIdx = furthest;
 }
 
 void ZqCoreUnderflowMgr::noteQueue() {
@@ -190,8 +250,8 @@ void ZqCoreUnderflowMgr::noteQueue() {
     runtimeInfo.maxOnDemandQueue = whole(queueLens.getMax());
 }
 
-SxList<uint64> ZqCoreUnderflowMgr::collect(const Pass& pass) {
-    SxUniqueList<uint64> requests, seen;
+void ZqCoreUnderflowMgr::collect(const Pass& pass) {
+    SxUniqueList<uint64> seen;
     const bool isStanding = standsStill(pass);
     for (const uint64 byteIdx : popQueue(MAX_INDICES)) {
         const uint64 aligned = byteIdx / REQUEST_SIZE * REQUEST_SIZE;
@@ -208,12 +268,20 @@ SxList<uint64> ZqCoreUnderflowMgr::collect(const Pass& pass) {
             edgeIdx = std::max(edgeIdx, std::min(byteIdx + BLOCK, pass.nTotal) - 1);
             continue;
         }
-        if (!isFetched(pass, aligned / BLOCK, &seen)) requests << aligned;
+        if (!wants.containsKey(aligned) && isFetched(pass, aligned / BLOCK, &seen)) continue;
+        wants(aligned).reportedMs = pass.t0;
     }
-    SxList<uint64> offsets;
-    for (const uint64 offset : requests)
-        offsets << offset;
-    return offsets;
+    dropUnwanted(pass);
+}
+
+void ZqCoreUnderflowMgr::dropUnwanted(const Pass& pass) {
+    for (const uint64 offset : wants.getKeys()) {
+        if (pass.t0 - wants(offset).reportedMs > UNWANTED_MS) wants.removeKey(offset);
+    }
+}
+
+bool ZqCoreUnderflowMgr::hasFailedWant() const {
+    return std::any_of(wants.begin(), wants.end(), [](const auto& want) { return want.second.hasFailed; });
 }
 
 bool ZqCoreUnderflowMgr::standsStill(const Pass& pass) {
@@ -235,81 +303,144 @@ bool ZqCoreUnderflowMgr::isFetched(const Pass& pass, uint64 zqfIdx, SxUniqueList
     return false;
 }
 
-bool ZqCoreUnderflowMgr::fetchByCallback(const Pass& pass, const Source& source,
-                                         const SxList<uint64>& offsets) {
-    for (const uint64 offset : offsets) {
-        if (stopRequested()) return false;
-        const uint64 length = pass.lengthAt(offset);
-        if (asyncCallback) asyncCallback->wait();
-        asyncCallback = SxPtr<AsyncCallback>::create(source.callback, offset, length, source.callbackData);
-        asyncCallback->start(6);
-        const SxArray<char> expected = readExpected(pass, offset, length);
-        // A callback has no limit; a stop leaves it to itself.
-        while (asyncCallback->isRunning()) {
-            if (stopRequested()) return false;
-            SxTime::msleep(CALLBACK_LOOK_MS);
-        }
-        asyncCallback->wait();
-        if (const int code = asyncCallback->getReturnCode(); code != 0) {
-            pass.log(code == 1 ? "On demand callback failed" : "Invalid On demand callback return value");
-            return false;
-        }
-        const SxArray<char>& data = *asyncCallback->getBuffer();
-        if (!pass.matches(offset, data, expected)) return false;
-        fetchSizes.update(data.getSize());
-        for (int64 done = 0; done < data.getSize(); done += MAX_DELIVERY) {
-            SxArray<char> piece(std::min(MAX_DELIVERY, data.getSize() - done));
-            std::copy_n(data.begin() + done, piece.getSize(), piece.begin());
-            const uint64 zqfIdx = (offset + static_cast<uint64>(done)) / BLOCK;
-            patiently([&] { mountMgr.sendBlockToUFLayer(path, piece, zqfIdx); });
-        }
-        noteFetched(offset);
-    }
-    return true;
-}
-
-bool ZqCoreUnderflowMgr::fetchByDownloader(const Pass& pass, const Source& source,
-                                           const SxList<uint64>& offsets) {
-    const SxArray<uint64> all(offsets);
-    for (int64 first = 0; first < all.getSize(); first += GROUP) {
-        const int64 n = std::min(GROUP, all.getSize() - first);
-        SxArray<uint64> group(n), lengths(n);
-        for (int64 i = 0; i < n; ++i) {
-            group(i) = all(first + i);
-            lengths(i) = pass.lengthAt(group(i));
-        }
-        // All are on the wire together, so that the round trip is paid once.
-        source.downloader->announce(group, lengths);
-        for (const uint64 offset : group) {
-            if (stopRequested() || !takeDownload(pass, *source.downloader, offset)) return false;
+int64 ZqCoreUnderflowMgr::fetchByCallback(const Pass& pass, const Source& source) {
+    int64 n = 0;
+    for (const uint64 offset : wants.getKeys()) {
+        if (wants(offset).retryMs > pass.t0) continue;
+        // Also where the driver refuses it.
+        noteFailed(offset);
+        const bool isDelivered = callBack(pass, source, offset);
+        if (stopRequested()) return n;
+        if (isDelivered) {
+            noteFetched(offset);
+            ++n;
+        } else {
+            noteFailed(offset);
         }
     }
-    return true;
+    if (n == 0) return 0;
+    fetchedMs = steadyMs();
+    noteFetches(n, fetchedMs - pass.t0);
+    return n;
 }
 
-bool ZqCoreUnderflowMgr::takeDownload(const Pass& pass, const ZqODRDownloader& from, uint64 offset) {
+bool ZqCoreUnderflowMgr::callBack(const Pass& pass, const Source& source, uint64 offset) {
     const uint64 length = pass.lengthAt(offset);
+    if (asyncCallback) asyncCallback->wait();
+    asyncCallback = SxPtr<AsyncCallback>::create(source.callback, offset, length, source.callbackData);
+    asyncCallback->start(6);
     const SxArray<char> expected = readExpected(pass, offset, length);
-    SxArray<char> data(static_cast<int64>(length));
-    if (const int code = from.onDemand(offset, length, data); code != 0) {
+    // A callback has no limit; a stop leaves it to itself.
+    while (asyncCallback->isRunning()) {
         if (stopRequested()) return false;
-        pass.log(code == 1 ? "On demand callback failed: " + from.getLastErrMsg()
-                           : SxString("Invalid On demand callback return value"));
+        SxTime::msleep(CALLBACK_LOOK_MS);
+    }
+    asyncCallback->wait();
+    if (const int code = asyncCallback->getReturnCode(); code != 0) {
+        pass.log(code == 1 ? "On demand callback failed" : "Invalid On demand callback return value");
         return false;
     }
-    fetchSizes.update(length);
-    if (!pass.matches(offset, data, expected)) {
+    const SxArray<char>& data = *asyncCallback->getBuffer();
+    if (!pass.matches(offset, data, expected)) return false;
+    fetchSizes.update(data.getSize());
+    for (int64 done = 0; done < data.getSize(); done += MAX_DELIVERY) {
+        SxArray<char> piece(std::min(MAX_DELIVERY, data.getSize() - done));
+        std::copy_n(data.begin() + done, piece.getSize(), piece.begin());
+        const uint64 zqfIdx = (offset + static_cast<uint64>(done)) / BLOCK;
+        patiently([&] { mountMgr.sendBlockToUFLayer(path, piece, zqfIdx); });
+    }
+    return true;
+}
+
+bool ZqCoreUnderflowMgr::isUnderWay(uint64 offset) const {
+    return std::any_of(fetches.begin(), fetches.end(),
+                       [&](const SxPtr<Fetch>& fetch) { return fetch->offset == offset; });
+}
+
+void ZqCoreUnderflowMgr::beginFetches(const Pass& pass, const SxPtr<ZqODRDownloader>& from) {
+    // One that the server is silent about takes the place of no other.
+    const int64 nFresh = std::count_if(fetches.begin(), fetches.end(), [&](const SxPtr<Fetch>& fetch) {
+        return pass.t0 - fetch->beginMs < SLOW_MS;
+    });
+    const int64 nFree = std::min(GROUP - nFresh, MAX_FETCHES - static_cast<int64>(fetches.size()));
+    SxArray<uint64> group, lengths;
+    for (const auto& [offset, want] : wants) {
+        if (group.getSize() >= nFree) break;
+        if (want.retryMs > pass.t0 || isUnderWay(offset)) continue;
+        group.append(offset);
+        lengths.append(pass.lengthAt(offset));
+    }
+    if (group.getSize() == 0) return;
+    // All are on the wire together, so that the round trip is paid once.
+    if (group.getSize() > 1) from->announce(group, lengths);
+    for (int64 i = 0; i < group.getSize(); ++i) {
+        const auto fetch = SxPtr<Fetch>::create(from, group(i), lengths(i));
+        fetch->start();
+        fetches.push_back(fetch);
+    }
+}
+
+void ZqCoreUnderflowMgr::awaitFetch() const {
+    const int64 endNs = SxClock::get().steadyNs() + SxWait::LOOK_MS * MS;
+    const auto hasEnded = [this] {
+        return std::any_of(fetches.begin(), fetches.end(),
+                           [](const SxPtr<Fetch>& fetch) { return !fetch->isRunning(); });
+    };
+    while (!fetches.empty() && !hasEnded() && !stopRequested() && SxClock::get().steadyNs() < endNs)
+        SxClock::get().sleepNs(FETCH_LOOK_NS);
+}
+
+int64 ZqCoreUnderflowMgr::deliverFetches(const Pass& pass, const ZqODRDownloader& from) {
+    int64 n = 0, beginMs = pass.t0;
+    for (auto at = fetches.begin(); at != fetches.end() && !stopRequested();) {
+        const SxPtr<Fetch> fetch = *at;
+        if (fetch->isRunning()) {
+            ++at;
+            continue;
+        }
+        fetch->wait();
+        // What the drive has refused goes, too: it is kept elsewhere.
+        at = fetches.erase(at);
+        noteFailed(fetch->offset);
+        if (!deliver(pass, from, *fetch)) continue;
+        noteFetched(fetch->offset);
+        beginMs = std::min(beginMs, fetch->beginMs);
+        ++n;
+    }
+    if (n == 0) return 0;
+    fetchedMs = steadyMs();
+    noteFetches(n, fetchedMs - beginMs);
+    return n;
+}
+
+bool ZqCoreUnderflowMgr::deliver(const Pass& pass, const ZqODRDownloader& from, const Fetch& fetch) {
+    if (fetch.code != 0) {
+        if (stopRequested()) return false;
+        pass.log(fetch.code == 1 ? "On demand callback failed: " + fetch.failure
+                                 : SxString("Invalid On demand callback return value"));
+        return false;
+    }
+    fetchSizes.update(fetch.data.getSize());
+    const auto length = static_cast<uint64>(fetch.data.getSize());
+    if (!pass.matches(fetch.offset, fetch.data, readExpected(pass, fetch.offset, length))) {
         // Else it would come again from what is kept, and get into the image with the ordered stream.
-        from.forget(offset, length);
+        from.forget(fetch.offset, length);
         return false;
     }
-    if (data.getSize() > MAX_DELIVERY) {
+    if (fetch.data.getSize() > MAX_DELIVERY) {
         pass.log("Too much data for driver");
         return false;
     }
-    patiently([&] { mountMgr.sendBlockToUFLayer(path, data, offset / BLOCK); });
-    noteFetched(offset);
+    patiently([&] { mountMgr.sendBlockToUFLayer(path, fetch.data, fetch.offset / BLOCK); });
     return true;
+}
+
+void ZqCoreUnderflowMgr::endFetches() {
+    if (fetches.empty()) return;
+    const SxPtr<ZqODRDownloader> source = getSource().downloader;
+    source->cancel();
+    fetches.clear();
+    if (!stopRequested()) source->cancel(false);
 }
 
 SxArray<char> ZqCoreUnderflowMgr::readExpected(const Pass& pass, uint64 offset, uint64 length) {
@@ -344,6 +475,13 @@ bool ZqCoreUnderflowMgr::Pass::matches(uint64 offset, const SxArray<char>& data,
 void ZqCoreUnderflowMgr::noteFetched(uint64 offset) {
     blockFlags.value(offset / BLOCK) = REPORTS;
     requestIndices.update(offset);
+    wants.removeKey(offset);
+}
+
+void ZqCoreUnderflowMgr::noteFailed(uint64 offset) {
+    if (!wants.containsKey(offset)) return;
+    wants(offset).hasFailed = true;
+    wants(offset).retryMs = steadyMs() + RETRY_MS;
 }
 
 void ZqCoreUnderflowMgr::noteFetches(int64 n, int64 elapsedMs) {

@@ -432,7 +432,7 @@ TEST(Underflow, TheDelayBeforeTheSearchResolvesAtOnce) {
     EXPECT_THAT(run.desktop.notes, ElementsAre("post minimise 9"));
     EXPECT_EQ(run.driver.suspended, false);
     run.script = nullptr;
-    EXPECT_TRUE(run.await([&] { return run.isAnswered(); }, 200));
+    EXPECT_TRUE(run.await([&] { return run.isAnswered(); }, 1100));
     const int64 nSearches = run.desktop.nSearches;
     EXPECT_FALSE(run.await([&] { return run.desktop.nSearches > nSearches; }, 3000));
     EXPECT_TRUE(run.await([&] { return run.desktop.nSearches > nSearches; }, 1500));

@@ -11,6 +11,7 @@ namespace {
 ScriptedNetio* current = nullptr;
 
 ZqNetioStatus note(const std::string& text) {
+    const std::lock_guard lock(ScriptedNetio::get().notesMutex);
     ScriptedNetio::get().notes.push_back(text);
     return 0;
 }
@@ -87,18 +88,13 @@ ZqNetioStatus zqNetioDownloadGetErrMsg(const void*, char* buffer, uint64* length
 ZqNetioStatus zqNetioDownloadRange(uint64 offset, uint64 size, char** data, const void*) {
     ScriptedNetio& net = ScriptedNetio::get();
     note("range " + std::to_string(offset) + " " + std::to_string(size));
-    const bool isUnderWay = std::erase(net.announced, offset) > 0;
-    const int64 waitMs = isUnderWay && net.groupIsThere ? 0 : net.latencyMs;
-    if (SxWait::pass(waitMs, [&] { return net.cancelled; })) return 1;
-    if (isUnderWay) net.groupIsThere = true;
+    if (SxWait::pass(net.latencyMs, [&] { return net.cancelled.load(); })) return 1;
     return net.fetch ? net.fetch(offset, size, *data) : 1;
 }
 ZqNetioStatus zqNetioDownloadRanges(const uint64*, const uint64*, char* const*, uint64, const void*) {
     return 1;
 }
-ZqNetioStatus zqNetioDownloadAnnounce(const uint64* offsets, const uint64*, uint64 count, const void*) {
-    ScriptedNetio::get().announced.assign(offsets, offsets + count);
-    ScriptedNetio::get().groupIsThere = false;
+ZqNetioStatus zqNetioDownloadAnnounce(const uint64*, const uint64*, uint64 count, const void*) {
     return note("announce " + std::to_string(count));
 }
 ZqNetioStatus zqNetioDownloadForget(uint64 offset, uint64, const void*) {

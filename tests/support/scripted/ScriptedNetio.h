@@ -2,12 +2,14 @@
 
 #include "SxTypes.h"
 
+#include <atomic>
 #include <functional>
+#include <mutex>
 #include <string>
 #include <vector>
 
-/// Stands in the place of the download functions, on the clock in force. Calls are noted in order. In force
-/// from construction to destruction.
+/// Stands in the place of the download functions, on the clock in force. Calls are noted in order, those of
+/// several threads at once in any. In force from construction to destruction.
 class ScriptedNetio {
 public:
     ScriptedNetio();
@@ -19,9 +21,9 @@ public:
 
     /// Fills a range; gives the status of the request.
     std::function<int(uint64 offset, uint64 size, char* data)> fetch;
-    int64 latencyMs = 20; ///< of a request that wasn't announced, and of the first of those that were
-    bool cancelled = false, groupIsThere = false;
+    int64 latencyMs = 20; ///< of each request
+    std::atomic<bool> cancelled{false};
     std::string lastError = "the server is gone";
     std::vector<std::string> notes;
-    std::vector<uint64> announced; ///< and not taken
+    std::mutex notesMutex;
 };
