@@ -57,6 +57,7 @@ void DriveFile::take(int opened) {
     if (fd < 0) raise("Cannot open", fd, UNIT, __LINE__);
     SxStat info;
     const int status = SxOs::get().statFd(fd, &info);
+    device = info.device;
     if (status == 0 && info.kind == SxStat::File) return;
     close();
     if (status < 0) raise("Cannot look at", status, UNIT, __LINE__);
@@ -66,6 +67,7 @@ void DriveFile::take(int opened) {
 void DriveFile::adopt(DriveFile* other) {
     close();
     std::swap(fd, other->fd);
+    device = other->device.load();
     if (path.empty()) path = other->path;
 }
 
@@ -136,11 +138,11 @@ int DriveFile::sync() const {
     return error;
 }
 
+/// Asks the kernel alone. A file system may ask its server even for the number of its device, and a server
+/// that is stuck would keep whoever wants to know whether it is.
 void DriveFile::lookAtDevice() const {
-    SxStat info;
     uint64 now = 0;
-    if (SxClock::get().steadyNs() - stepNs.load() > MAX_FOREIGN_NS) return;
-    if (SxOs::get().statFd(fd, &info) != 0 || !readWritten(info.device, &now)) return;
+    if (SxClock::get().steadyNs() - stepNs.load() > MAX_FOREIGN_NS || !readWritten(device, &now)) return;
     uint64 last = nSectors.load();
     if (now - last >= DEVICE_STEP && nSectors.compare_exchange_strong(last, now)) ++nSynced;
 }

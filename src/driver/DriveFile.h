@@ -54,6 +54,7 @@ private:
 
     int fd = -1;
     std::string path;
+    std::atomic<uint64> device{0}; ///< that the open file lies on
     // What was written since the last sync lies within.
     mutable std::atomic<uint64> dirtyBegin{~uint64{0}}, dirtyEnd{0}, nDirty{0};
     mutable std::atomic<uint64> nSynced{0};

@@ -78,8 +78,9 @@ SxString UserDriver::stop(bool busy, int64 limitMs, const std::function<uint64()
     // A mount that was detached lives on with its users, and the driver with it, unless it is told to end.
     if (busy) ::kill(static_cast<pid_t>(process->getId()), SIGTERM);
     SxDeadline deadline(limitMs);
-    while (process->isRunning() && deadline.getLeftMs() > 0) {
+    while (process->isRunning()) {
         deadline.note(progress());
+        if (deadline.getLeftMs() <= 0) break;
         SxTime::msleep(SxWait::LOOK_MS);
     }
     SxString failure;

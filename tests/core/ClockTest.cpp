@@ -1,3 +1,4 @@
+#include "SxDeadline.h"
 #include "SxTime.h"
 #include "VirtualClock.h"
 
@@ -26,5 +27,36 @@ TEST(Wait, APassLooksEveryTenMillisecondsAndIncludesItsLooks) {
         EXPECT_EQ(ready, c.readyAtMs != NEVER);
         EXPECT_EQ(clock.elapsedMs(), c.tookMs);
         EXPECT_EQ(nLooks, c.nLooks);
+    }
+}
+
+TEST(Deadline, NothingIsGivenUpForATimeInWhichNobodyLooked) {
+    constexpr int64 LIMIT_MS = 1000;
+    struct Look {
+        int64 afterMs;
+        uint64 progress;
+    };
+    const struct {
+        const char* what;
+        std::vector<Look> looks;
+        int64 leftMs;
+    } cases[] = {
+        {"stands still", {{400, 1}, {400, 1}, {400, 1}}, -200},
+        {"goes on", {{400, 1}, {400, 2}, {400, 2}}, 600},
+        {"nobody looked", {{400, 1}, {1500, 1}}, LIMIT_MS},
+        {"nobody looked at first", {{1500, 1}}, LIMIT_MS},
+        {"stands still after that, too", {{1500, 1}, {600, 1}, {600, 1}}, -200},
+        {"each look takes too long", {{1500, 1}, {1500, 1}}, -500},
+        {"each look takes too long, and all goes on", {{1500, 1}, {1500, 2}}, LIMIT_MS},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        const VirtualClock clock;
+        SxDeadline deadline(LIMIT_MS);
+        for (const Look& look : c.looks) {
+            SxTime::msleep(look.afterMs);
+            deadline.note(look.progress);
+        }
+        EXPECT_EQ(deadline.getLeftMs(), c.leftMs);
     }
 }

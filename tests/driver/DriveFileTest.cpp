@@ -43,6 +43,12 @@ public:
         changed.wait(lock, [this] { return isLetGo; });
         return FaultOs::sync(fd);
     }
+    /// A file system may have to ask its server, which is as stuck as the sync is.
+    int statFd(int fd, SxStat* info) override {
+        std::unique_lock lock(mutex);
+        changed.wait(lock, [this] { return isLetGo || !answersNothing; });
+        return FaultOs::statFd(fd, info);
+    }
     void letGo() {
         const std::lock_guard lock(mutex);
         isLetGo = true;
@@ -51,7 +57,7 @@ public:
     /// What any program has written, in KiB.
     void setWritten(int n) { dir.write("figures", "9 8 7 6 5 4 " + std::to_string(2 * n) + " 3 2 1 0\n"); }
 
-    std::atomic<bool> isSyncing{false};
+    std::atomic<bool> isSyncing{false}, answersNothing{false};
 
 private:
     std::string figuresOf() const {
@@ -102,4 +108,24 @@ TEST(DriveFile, aSyncThatWaitsForOtherProgramsDataGoesOn) {
     before = file.getProgress();
     os.setWritten(500'000);
     EXPECT_EQ(file.getProgress(), before) << "the rest is no sync of ours";
+}
+
+TEST(DriveFile, aDiskThatAnswersNothingHoldsUpNobodyWhoAsksForItsProgress) {
+    const TempDir dir;
+    BusyDiskOs os(dir);
+    os.setWritten(100'000);
+    DriveFile file;
+    file.open(dir.path("file"), SxOs::Read | SxOs::Write | SxOs::Create);
+    std::thread syncing([&] { EXPECT_EQ(file.sync(), 0); });
+    EXPECT_TRUE(SxWait::pass(10'000, [&] { return os.isSyncing.load(); }));
+    os.answersNothing = true;
+    std::atomic<bool> hasSeen{false};
+    std::thread asking([&] {
+        file.getProgress();
+        hasSeen = true;
+    });
+    EXPECT_TRUE(SxWait::pass(5'000, [&] { return hasSeen.load(); }));
+    os.letGo();
+    asking.join();
+    syncing.join();
 }

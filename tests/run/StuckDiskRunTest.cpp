@@ -51,7 +51,17 @@ protected:
         EXPECT_LT(SxClock::get().steadyNs() - beginNs, 15'000'000'000);
     }
 
+    /// Whether the volume is still mounted; asks nobody but the kernel.
+    static bool isMounted(const string& volume) {
+        std::ifstream table("/proc/self/mountinfo");
+        for (string line; std::getline(table, line);) {
+            if (line.find(" " + volume + " ") != string::npos) return true;
+        }
+        return false;
+    }
+
     string stuck, other;
+    const TempDir memory{"/dev/shm"}; ///< no disk that others write to, for which an unmount would wait
 };
 
 } // namespace
@@ -106,6 +116,22 @@ TEST_F(StuckDisk, ATraceThatCantBeWrittenHoldsUpNoOtherDrive) {
     EXPECT_TRUE(umount->isRunning()) << "nothing was held";
     setRate("");
     EXPECT_EQ(umount->wait(), 0);
+}
+
+TEST_F(StuckDisk, ADiskThatAnswersNothingIsGivenUpAfterTheLimit) {
+    const string image = memory.path("image");
+    fs::copy(stuck, image, fs::copy_options::recursive);
+    ::setenv("TAVRIN_ZQDD_STALL_MS", "2500", 1);
+    std::ofstream(mount(image, {"--mode", "rtw"}) + "/saved") << string(4 << 20, 's');
+    ::unsetenv("TAVRIN_ZQDD_STALL_MS");
+    const ZqDiskStatus disk = statusOf(image);
+    setRate("0 " + image);
+    const auto umount = start({"umount", image, "--quiet"});
+    EXPECT_TRUE(eventually([&] { return !isMounted(disk.mountPath.str()); }));
+    EXPECT_TRUE(eventually([&] { return !fs::is_symlink(dir.path("root/dosdevices/d:")); }));
+    EXPECT_TRUE(umount->isRunning()) << "nothing was stuck";
+    setRate("");
+    EXPECT_EQ(umount->wait(), 1) << "what was written is lost";
 }
 
 TEST_F(StuckDisk, AReadAheadThatCouldntBeSetIsSetLater) {

@@ -1,6 +1,7 @@
 // Loaded before the C library into a drive service: a disk that takes its time for the files of an image.
 // `$SLOW_DISK` is a file with the bytes that it takes in a second; 0 means that it takes none, until
-// that changes, and -1 that it can't be read. A path behind the number: only what lies below that is slow.
+// that changes, and -1 that it can't be read. A path behind the number: only what lies below that is slow,
+// and with 0 it isn't told of either.
 // `$SLOW_OPEN` is a file with a path; what lies below that is neither opened nor looked at until it changes.
 
 #include <cerrno>
@@ -30,13 +31,15 @@ bool isBelow(int fd, const char* path) {
            std::strncmp(target, path, std::strlen(path)) == 0;
 }
 
-long bytesPerSecond(int fd) {
+/// `*isPlace` tells whether that is the rate of what lies below a path.
+long bytesPerSecond(int fd, bool* isPlace = nullptr) {
     const char* name = std::getenv("SLOW_DISK");
     std::FILE* file = name ? std::fopen(name, "re") : nullptr;
     long rate = MAX_RATE;
     char path[4096] = {};
     const int n = file ? std::fscanf(file, "%ld %4095s", &rate, path) : 0;
     if (file) std::fclose(file);
+    if (isPlace) *isPlace = n == 2;
     return n < 1 || (n == 2 && !isBelow(fd, path)) ? MAX_RATE : rate;
 }
 
@@ -59,6 +62,13 @@ void take(int fd, size_t bytes) {
 /// Whether the service can't read it.
 bool isBad(int fd) {
     return std::strcmp(program_invocation_short_name, "zqdd") == 0 && bytesPerSecond(fd) < 0;
+}
+
+/// Whether the service is not even told of it.
+bool isStuck(int fd) {
+    bool isPlace = false;
+    return std::strcmp(program_invocation_short_name, "zqdd") == 0 && bytesPerSecond(fd, &isPlace) == 0 &&
+           isPlace;
 }
 
 /// Whether the service is not to open it yet; its clients may.
@@ -107,6 +117,14 @@ extern "C" int stat(const char* path, struct stat* info) noexcept {
     while (isHeldBack(path))
         pause(0.01);
     return reinterpret_cast<Call>(dlsym(RTLD_NEXT, "stat"))(path, info);
+}
+
+extern "C" int fstat(int fd, struct stat* info) noexcept {
+    using Call = int (*)(int, struct stat*);
+    static const auto real = reinterpret_cast<Call>(dlsym(RTLD_NEXT, "fstat"));
+    while (isStuck(fd))
+        pause(0.01);
+    return real(fd, info);
 }
 
 extern "C" ssize_t pwrite(int fd, const void* bytes, size_t n, off_t offset) {
