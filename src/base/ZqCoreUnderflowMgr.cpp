@@ -353,7 +353,7 @@ void ZqCoreUnderflowMgr::setUp() {
     if (!entered && !isCountOpen()) underflowFlag = false;
     instantMs = 0;
     driveGone = false;
-    blockFlags.removeAll();
+    deliveredMs.removeAll();
     wants.removeAll();
     batchTimes.resize(MAX_BATCH, true);
     const SxString reference = path + "/imgRef.zqf";

@@ -192,8 +192,8 @@ private:
     bool hasFailedWant() const;
     /// Whether the download has brought nothing for a while.
     bool standsStill(const Pass& pass);
-    /// Whether a stretch that was fetched isn't to be fetched again yet.
-    bool isFetched(const Pass& pass, uint64 zqfIdx, SxUniqueList<uint64>* seen);
+    /// Whether a stretch was delivered and isn't to be fetched again yet.
+    bool isDelivered(const Pass& pass, uint64 offset);
     /// Fetches all that is wanted, one after the other; gives how many have come.
     int64 fetchByCallback(const Pass& pass, const Source& source);
     bool callBack(const Pass& pass, const Source& source, uint64 offset);
@@ -251,9 +251,7 @@ private:
     uint64 edgeIdx = 0;  ///< last byte of what is held and left to the download
     uint64 stillIdx = 0; ///< where the download was at stillMs
     int64 stillMs = 0;
-    /// For each stretch that was fetched, by the ZqF index of its first block, the number of passes that have
-    /// yet to report it until it is fetched again.
-    SxHashTable<uint64, signed char> blockFlags;
+    SxHashTable<uint64, int64> deliveredMs; ///< when, by the stretch's offset
     ZqAvg fetchTimes, fetchSizes, queueLens, requestIndices;
     /// Time for one fetch in passes of n + 1 fetches, ms.
     SxArray<ZqAvg> batchTimes;

@@ -20,7 +20,7 @@ constexpr int64 FETCH_LOOK_NS = MS / 4;
 constexpr int64 RETRY_MS = 1000;   ///< between two tries of a stretch that can't be had
 constexpr int64 UNWANTED_MS = 300; ///< a drive asks ten times a second for what held reads wait for
 constexpr int64 MAX_DELIVERY = 409600;
-constexpr signed char REPORTS = 100; ///< of a stretch that was fetched, until it is fetched again
+constexpr int64 AGAIN_MS = 1000; ///< what was delivered isn't fetched again within that
 constexpr int64 CALLBACK_LOOK_MS = 1;
 /// For so long the download may bring nothing to a reader at its edge.
 constexpr int64 STILL_MS = 3000;
@@ -251,7 +251,6 @@ void ZqCoreUnderflowMgr::noteQueue() {
 }
 
 void ZqCoreUnderflowMgr::collect(const Pass& pass) {
-    SxUniqueList<uint64> seen;
     const bool isStanding = standsStill(pass);
     for (const uint64 byteIdx : popQueue(MAX_INDICES)) {
         const uint64 aligned = byteIdx / REQUEST_SIZE * REQUEST_SIZE;
@@ -268,7 +267,7 @@ void ZqCoreUnderflowMgr::collect(const Pass& pass) {
             edgeIdx = std::max(edgeIdx, std::min(byteIdx + BLOCK, pass.nTotal) - 1);
             continue;
         }
-        if (!wants.containsKey(aligned) && isFetched(pass, aligned / BLOCK, &seen)) continue;
+        if (!wants.containsKey(aligned) && isDelivered(pass, aligned)) continue;
         wants(aligned).reportedMs = pass.t0;
     }
     dropUnwanted(pass);
@@ -292,14 +291,13 @@ bool ZqCoreUnderflowMgr::standsStill(const Pass& pass) {
     return pass.t0 - stillMs >= STILL_MS;
 }
 
-bool ZqCoreUnderflowMgr::isFetched(const Pass& pass, uint64 zqfIdx, SxUniqueList<uint64>* seen) {
-    if (!blockFlags.contains(zqfIdx) || seen->contains(zqfIdx)) return false;
-    if (--blockFlags.value(zqfIdx) > 0) {
-        *seen << zqfIdx;
-        return true;
-    }
-    blockFlags.remove(zqfIdx);
-    pass.log("On-demand data already fetched: " + SxString(zqfIdx) + " rescheduled now");
+bool ZqCoreUnderflowMgr::isDelivered(const Pass& pass, uint64 offset) {
+    const int64* at = deliveredMs.findPos(offset);
+    if (!at) return false;
+    if (pass.t0 - *at <= AGAIN_MS) return true;
+    // The drive has let go of it, as where its disk is full.
+    deliveredMs.remove(offset);
+    pass.log("On-demand data already fetched: " + SxString(offset / BLOCK) + " rescheduled now");
     return false;
 }
 
@@ -473,7 +471,7 @@ bool ZqCoreUnderflowMgr::Pass::matches(uint64 offset, const SxArray<char>& data,
 }
 
 void ZqCoreUnderflowMgr::noteFetched(uint64 offset) {
-    blockFlags.value(offset / BLOCK) = REPORTS;
+    deliveredMs.value(offset) = steadyMs();
     requestIndices.update(offset);
     wants.removeKey(offset);
 }
