@@ -65,6 +65,7 @@ public:
         SxString mountPath;      ///< where the drive was left; empty where it is gone
         SxString missed;         ///< the process that the record names, where it was never found
         SxString driveFailure;   ///< the first read or write of the drive that failed; empty where none has
+        bool wasBusy = false;    ///< files of a drive that takes writes were open when it was taken away
         SxString unwritten;      ///< why `runtime.json` couldn't be written; empty where it could
     };
 
@@ -105,6 +106,7 @@ private:
     /// Waits until the image is known to be right.
     void awaitCheck();
     void mount();
+    ZqMountMgr::MountMode mountMode() const;
     void bringUp(ZqMountMgr::MountMode mode);
     /// Makes calls of the drive service, again and again as long as it is silent and nobody stops the run.
     void patiently(const std::function<void()>& calls);

@@ -122,9 +122,7 @@ void ZqRun::mount() {
         feed.requireRanges(stop);
         SxTime::msleep(LOOK_MS);
     }
-    const ZqMountMgr::MountMode mode = settings.mountMode.isEmpty()
-                                           ? feed.getApp().mountMode
-                                           : ZqMountMgr::stringToMountMode(settings.mountMode);
+    const ZqMountMgr::MountMode mode = mountMode();
     // A drive that writes into the file would change what is compared.
     if (mode == ZqMountMgr::ReadWrite) awaitCheck();
     if (hasOwnTrace()) awaitRoom();
@@ -145,6 +143,11 @@ void ZqRun::mount() {
     if (hasOwnTrace()) traces.add(result.traceFolder, settings.nTraces);
     result.mountMs = elapsedMs();
     patiently([&] { feed.alignCursor(); });
+}
+
+ZqMountMgr::MountMode ZqRun::mountMode() const {
+    return settings.mountMode.isEmpty() ? feed.getApp().mountMode
+                                        : ZqMountMgr::stringToMountMode(settings.mountMode);
 }
 
 void ZqRun::bringUp(ZqMountMgr::MountMode mode) {
@@ -181,6 +184,7 @@ void ZqRun::takeDriveAway() {
     ZqMountMgr mounts;
     mounts.setAppParams(feed.getApp());
     mounts.umountImage(image, disk.drive.isEmpty());
+    if (mounts.wasBusy() && mountMode() != ZqMountMgr::ReadOnly) result.wasBusy = true;
 }
 
 void ZqRun::removeLeftovers() {

@@ -203,6 +203,10 @@ int run(const RunOptions& options, Output& out) {
                     "', which app.json names as the application, was never found");
     }
     if (out.getMode().json) out.object(job.toJson());
+    if (result.wasBusy) {
+        out.finding("A process still had files of the drive open when it was taken away; what it wrote after "
+                    "that is lost");
+    }
     if (!result.unwritten.isEmpty()) Output::failure(result.unwritten);
     writeFiles(job, options);
     if (job.hasException()) throw job.getException();

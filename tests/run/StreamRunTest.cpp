@@ -265,6 +265,26 @@ TEST_F(StreamRun, NoSecondApplicationIsStartedBesideOneWhoseDriveHasGone) {
     EXPECT_FALSE(noted().isValid()) << "what it leaves behind would keep the next from starting";
 }
 
+TEST_F(StreamRun, WhatIsStillOpenAtItsEndIsTold) {
+    for (const auto mode : {ZqMountMgr::ReadTWLayer, ZqMountMgr::ReadOnly}) {
+        SCOPED_TRACE(mode);
+        ZqAppParams app(SxString(served + "/"));
+        app.mountMode = mode;
+        app.write();
+        fs::remove_all(got);
+        hold();
+        const auto player = start();
+        ASSERT_TRUE(SxWait::pass(20'000, [&] { return hasStarted(); })) << player->says();
+        const std::ifstream file(statusOf(got).mountPath.str() + "/TAVRIN-protected/app/big.pak");
+        ASSERT_TRUE(file.is_open());
+        release();
+        EXPECT_EQ(player->end(), 0) << player->says();
+        const auto told = HasSubstr("what it wrote after that is lost");
+        EXPECT_EQ(testing::Matches(told)(player->says()), mode != ZqMountMgr::ReadOnly) << player->says();
+        expectPlayed();
+    }
+}
+
 TEST_F(StreamRun, RecordsNoLongerAndKeepsNoMoreThanItIsTold) {
     const auto traces = [&] {
         std::set<string> names;
