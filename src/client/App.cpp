@@ -25,12 +25,13 @@ void fillStandardDescriptors() {
     }
 }
 
-/// Lets a write to a closed pipe fail instead of ending the process in the middle of a job. A handler, unlike
-/// an ignored signal, is not handed on to child processes.
-void catchClosedPipes() {
+/// Lets a write to a closed pipe, or beyond the limit of a file's size, fail instead of ending the process in
+/// the middle of a job. A handler, unlike an ignored signal, is not handed on to child processes.
+void catchFailedWrites() {
     struct sigaction action = {};
     action.sa_handler = [](int) {};
     ::sigaction(SIGPIPE, &action, nullptr);
+    ::sigaction(SIGXFSZ, &action, nullptr);
 }
 
 void addCommonOptions(CLI::App* command, OutputMode* mode) {
@@ -366,7 +367,7 @@ int App::printCandidates(int argc, char** argv) const {
 int App::run(int argc, char** argv) {
     try {
         fillStandardDescriptors();
-        catchClosedPipes();
+        catchFailedWrites();
         if (argc > 1 && std::string_view(argv[1]) == "__complete") return printCandidates(argc, argv);
         int exitCode = ExitSuccess;
         if (!parse(argc, argv, &exitCode)) return exitCode;

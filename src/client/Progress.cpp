@@ -28,8 +28,8 @@ int64 terminalWidth() {
 }
 
 SxString formatEta(double seconds) {
+    if (!(seconds < 360000)) return "> 99 h";
     const int64 s = std::llround(std::ceil(seconds));
-    if (s >= 360000) return "> 99 h";
     if (s >= 3600) return SxString::sprintf("%d:%02d:%02d", int(s / 3600), int(s / 60 % 60), int(s % 60));
     return SxString::sprintf("%d:%02d", int(s / 60), int(s % 60));
 }

@@ -175,6 +175,8 @@ int main(int argc, char** argv) {
         driverLog("goes on with what its starter has: " + kept);
     forbidReclaimThroughDrives();
     std::signal(SIGPIPE, SIG_IGN);
+    // A limit that can't be lifted then fails one write, and not all drives.
+    std::signal(SIGXFSZ, SIG_IGN);
     std::signal(SIGTERM, requestStop);
     std::signal(SIGINT, SIG_IGN);
     std::signal(SIGHUP, SIG_IGN);

@@ -3,6 +3,7 @@
 #include "StreamRun.h"
 
 #include <sys/mount.h>
+#include <sys/resource.h>
 
 namespace {
 
@@ -90,6 +91,17 @@ TEST_F(StreamRun, ADownloadThatLacksRoomNotesItsAddress) {
     disk.grow("256m");
     done({"fetch", got});
     expectComplete();
+}
+
+TEST_F(StreamRun, AFileThatMayGrowNoFurtherIsAFailureLikeAnother) {
+    rlimit former = {};
+    ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &former), 0);
+    const rlimit small = {2'000'000, former.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &small), 0);
+    const Outcome outcome = run({"fetch", got, "--url", server->getUrl().str()});
+    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &former), 0);
+    EXPECT_EQ(outcome.code, 1);
+    EXPECT_THAT(outcome.out + outcome.err, HasSubstr("File too large"));
 }
 
 TEST_F(StreamRun, WhatAPowerCutMayHaveTakenIsFetchedAgain) {
