@@ -27,6 +27,8 @@ constexpr size_t MAX_CONNECTIONS = 512;
 
 /// A client that connects and asks for nothing keeps the service so long.
 constexpr int FIRST_REQUEST_MS = 10'000;
+/// A client that doesn't take its answer, as one that was stopped, keeps a service that ends so long.
+constexpr int64 ANSWER_MS = 1000;
 
 bool isSameUser(int fd) {
     ucred peer = {};
@@ -43,9 +45,22 @@ public:
     ~Connection() override { ::close(fd); }
     /// Ends the thread's wait for a request; one under way is still answered.
     void hangUp() { ::shutdown(fd, SHUT_RD); }
+    /// Ends an answer that was under way when this was called before and still is.
+    void dropAnswer() {
+        const bool isStill = wasAnswering && isAnswering;
+        wasAnswering = isAnswering;
+        if (isStill) ::shutdown(fd, SHUT_RDWR);
+    }
 
 protected:
     void main() override {
+        serve();
+        // Whoever has asked for something that isn't begun any more needn't wait until the service is gone.
+        ::shutdown(fd, SHUT_RDWR);
+    }
+
+private:
+    void serve() {
         ucred peer = {};
         socklen_t size = sizeof peer;
         ::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size);
@@ -61,7 +76,6 @@ protected:
         }
     }
 
-private:
     /// A request that has begun. Whatever ends it, it counts no longer: else the service would never end.
     class Counted {
     public:
@@ -93,18 +107,26 @@ private:
                                       "it ends",
                                   UNIT, __LINE__);
             }
-            return ZqDriveWire::send(fd, ZqDriveWire::SUCCESS,
-                                     server->service->handle(request.kind, request.body, peer));
+            return send(ZqDriveWire::SUCCESS, server->service->handle(request.kind, request.body, peer));
         } catch (const SxException& e) {
-            return ZqDriveWire::send(fd, ZqDriveWire::FAILURE, e.toString(SxException::ShowMessage, ": "));
+            return send(ZqDriveWire::FAILURE, e.toString(SxException::ShowMessage, ": ").str());
         } catch (const std::exception& e) {
             driverLog("a request failed: " + SxString(e.what()));
-            return ZqDriveWire::send(fd, ZqDriveWire::FAILURE, e.what());
+            return send(ZqDriveWire::FAILURE, e.what());
         }
+    }
+
+    bool send(unsigned kind, std::string_view body) {
+        isAnswering = true;
+        const bool sent = ZqDriveWire::send(fd, kind, body);
+        isAnswering = false;
+        return sent;
     }
 
     ControlServer* server;
     int fd;
+    std::atomic<bool> isAnswering{false};
+    bool wasAnswering = false; ///< at the last dropAnswer()
 };
 
 /// Does the service's regular work; apart, since writing a trace to a disk that hangs must keep no client
@@ -158,9 +180,21 @@ void ControlServer::end() {
     listener = -1;
     for (const auto& connection : connections)
         connection->hangUp();
+    // A request may wait for the disk of its image without end, which is nothing to the drives of others.
+    service->end();
+    const auto haveEnded = [this] {
+        return std::none_of(connections.begin(), connections.end(),
+                            [](const auto& connection) { return connection->isRunning(); });
+    };
+    while (!SxWait::pass(ANSWER_MS, haveEnded)) {
+        for (const auto& connection : connections)
+            connection->dropAnswer();
+    }
     for (const auto& connection : connections)
         connection->wait();
     connections.clear();
+    // It may wait for the end of a disk, too.
+    ticker.reset();
 }
 
 void ControlServer::listen() {
@@ -270,8 +304,8 @@ bool ControlServer::endIfIdle() {
 
 void ControlServer::run(const std::atomic<bool>& stop) {
     const auto passMs = static_cast<int>(std::clamp<int64>(idleMs, 1, TICK_MS));
-    Ticker ticker(service, passMs);
-    ticker.start();
+    ticker = std::make_unique<Ticker>(service, passMs);
+    ticker->start();
     while (!stop) {
         pollfd waiting = {listener, POLLIN, 0};
         if (::poll(&waiting, 1, passMs) > 0) accept();

@@ -19,7 +19,8 @@ public:
     void listen();
     /// Serves until the service has been idle long enough, or `stop` becomes true.
     void run(const std::atomic<bool>& stop);
-    /// Begins no more requests, and returns when those under way are answered.
+    /// Begins no more requests, has the service take all its drives away, and returns when the requests that
+    /// were under way have ended.
     void end();
 
 private:
@@ -38,6 +39,7 @@ private:
     const int64 idleMs;
     int listener = -1;
     std::list<std::unique_ptr<Connection>> connections;
+    std::unique_ptr<Ticker> ticker;
 
     SxMutex mutex;
     int nActive SX_GUARDED_BY(mutex) = 0;      ///< requests that are carried out, or are about to come

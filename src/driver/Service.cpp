@@ -166,6 +166,7 @@ std::optional<uint64> Service::reserve(const SxString& image) {
         return std::find(names.begin(), names.end(), std::to_string(id)) != names.end();
     };
     const SxMutexBlock block(&mutex);
+    requireNoEnd();
     for (const auto& [id, other] : reserved) {
         if (other == image) return {};
     }
@@ -175,6 +176,10 @@ std::optional<uint64> Service::reserve(const SxString& image) {
     reserved[id] = image;
     retiring = false;
     return id;
+}
+
+void Service::requireNoEnd() const {
+    if (ending) refuse("The drive service (process " + SxString(SxOs::processId()) + ") ends");
 }
 
 Service::DiskPtr Service::make(const MountParams& params, uint64 deviceId, int64 peer) {
@@ -203,9 +208,13 @@ Service::DiskPtr Service::mount(const MountParams& params, int64 peer) {
         takeLeft(params.image);
     }
     const DiskPtr disk = make(params, reservation.deviceId(), peer);
-    {
+    try {
         const SxMutexBlock block(&mutex);
+        requireNoEnd();
         disks[reservation.deviceId()] = disk;
+    } catch (const std::exception&) {
+        disk->eject();
+        throw;
     }
     disk->setCacheSize(cacheSize); // it may have changed meanwhile
     return disk;
@@ -230,15 +239,29 @@ public:
     SxString getImage() const { return disk->getParams().image; }
     /// What programs wrote and was lost, as a sentence; once it has ended.
     SxString getLost() const { return lost; }
-
-protected:
-    void main() override {
+    /// False where there is no thread to be had.
+    bool begin() {
         try {
-            lost = service->eject(disk).lost;
-        } catch (const std::exception& e) {
-            driverLog("image " + disk->getParams().image + " can't be ejected: " + e.what());
+            start();
+            return true;
+        } catch (const SxException& e) {
+            driverLog("image " + getImage() + ": " + e.what());
+            return false;
         }
     }
+    void eject() {
+        try {
+            lost = service->eject(disk).lost;
+            // At once, since whoever waits for all disks may be gone before the last of them is; and even if
+            // a client's call has found it, too, which may have stopped waiting long ago.
+            if (!lost.isEmpty()) service->noteLost(getImage());
+        } catch (const std::exception& e) {
+            driverLog("image " + getImage() + " can't be ejected: " + e.what());
+        }
+    }
+
+protected:
+    void main() override { eject(); }
 
 private:
     Service* const service;
@@ -246,11 +269,20 @@ private:
     SxString lost;
 };
 
+/// What is lost is noted for whoever asks for the image next.
 std::vector<Service::Loss> Service::ejectAll() {
     std::vector<std::unique_ptr<Ejector>> ejectors;
-    for (const DiskPtr& disk : all()) {
+    for (const DiskPtr& disk : all())
         ejectors.push_back(std::make_unique<Ejector>(this, disk));
-        ejectors.back()->start();
+    std::vector<Ejector*> left;
+    for (const auto& ejector : ejectors)
+        left.push_back(ejector.get());
+    // What has no thread goes on this one, and the end of a disk frees several.
+    for (;;) {
+        std::erase_if(left, [](Ejector* ejector) { return ejector->begin(); });
+        if (left.empty()) break;
+        left.back()->eject();
+        left.pop_back();
     }
     std::vector<Loss> losses;
     for (const auto& ejector : ejectors) {
@@ -260,9 +292,16 @@ std::vector<Service::Loss> Service::ejectAll() {
     return losses;
 }
 
-void Service::end() {
-    for (const Loss& loss : ejectAll())
-        noteLost(loss.image);
+void Service::end() noexcept {
+    {
+        const SxMutexBlock block(&mutex);
+        ending = true;
+    }
+    try {
+        ejectAll();
+    } catch (const std::exception& e) {
+        driverLog(e.what()); // the drives go with the service
+    }
 }
 
 bool Service::retire() {
@@ -335,8 +374,10 @@ void Service::reset() {
     cacheSize = 0;
     if (losses.empty()) return;
     // The first is told now, the others to whoever asks next.
-    for (size_t i = 1; i < losses.size(); ++i)
-        noteLost(losses[i].image);
+    {
+        const SxMutexBlock block(&lefts);
+        takeLeft(losses.front().image);
+    }
     refuse(losses.front().text);
 }
 

@@ -25,9 +25,9 @@ public:
     bool hasDisks() const;
     /// Whether a client wants it to end now, and nothing was mounted since.
     bool isRetiring() const { return retiring; }
-    /// Ejects everything, all disks at a time. What programs wrote and was lost thereby is told to whoever
-    /// asks for the image next.
-    void end();
+    /// Ejects everything, all disks at a time, and lets nothing be mounted any more. What programs wrote and
+    /// was lost thereby is told to whoever asks for the image next. Raises nothing.
+    void end() noexcept;
 
 private:
     using DiskPtr = std::shared_ptr<Disk>;
@@ -57,6 +57,7 @@ private:
         SxString image, text;
     };
     std::vector<Loss> ejectAll();
+    void requireNoEnd() const SX_REQUIRES(mutex);
     static MountParams readParams(ZqDriveWire::Reader* request);
     void storeDisks() const;
     void loadDisks();
@@ -77,4 +78,5 @@ private:
     std::map<uint64, DiskPtr> disks SX_GUARDED_BY(mutex); ///< by device id
     /// Images whose disks are being made, by device id: opening them may take as long as their disk does.
     std::map<uint64, SxString> reserved SX_GUARDED_BY(mutex);
+    bool ending SX_GUARDED_BY(mutex) = false; ///< no disk comes any more
 };

@@ -138,7 +138,6 @@ int serve(const SxString& root, const SxString& folder, int readyFd) {
         ::close(readyFd);
         server.run(stopRequested);
         server.end();
-        service.end();
         return EXIT_SUCCESS;
     } catch (const std::exception& e) {
         const SxString text = e.what();

@@ -1,8 +1,15 @@
 #include "DriveRun.h"
+#include "SmallDisk.h"
+#include "ZqDriveWire.h"
 #include "ZqServiceFolder.h"
 
+#include <csignal>
+#include <cstring>
 #include <fstream>
 #include <sys/mount.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 namespace {
 
@@ -64,7 +71,111 @@ protected:
     const TempDir memory{"/dev/shm"}; ///< no disk that others write to, for which an unmount would wait
 };
 
+/// A client of the service that takes no answer, as one that was stopped.
+class DeafClient {
+public:
+    DeafClient() {
+        const string path = ZqServiceFolder::of(ZqMachineRoot::get().str()) + ZqServiceFolder::SOCKET;
+        sockaddr_un address = {};
+        address.sun_family = AF_UNIX;
+        path.copy(address.sun_path, sizeof address.sun_path - 1);
+        const timeval limit = {1, 0};
+        ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+        if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
+            throw std::runtime_error("there is no service");
+        // Until the service no longer takes any, since it waits for its answers to be taken.
+        while (ZqDriveWire::send(fd, static_cast<unsigned>(ZqDriveWire::Call::Ping), ""))
+            continue;
+    }
+    ~DeafClient() { ::close(fd); }
+    DeafClient(const DeafClient&) = delete;
+    DeafClient& operator=(const DeafClient&) = delete;
+
+private:
+    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+};
+
+/// What a service has to bring away when it ends, while one of its images is stuck.
+class EndOfStuckDisk : public StuckDisk {
+protected:
+    /// Writes to two drives of sound disks, of which one hasn't the room for it.
+    void write() {
+        written = build("written", "ext4");
+        lost = dir.path("small/image");
+        fs::copy(written, lost, fs::copy_options::recursive);
+        content = TestRandom(14).bytes(8 << 20);
+        std::ofstream(mount(lost, {"--mode", "rtw"}) + "/large") << string(24 << 20, 'x');
+        std::ofstream(mount(written, {"--mode", "rtw"}) + "/saved", std::ios::binary) << content;
+        volume = statusOf(written).mountPath.str();
+        service = statusOf(written).servicePid;
+    }
+    /// Has the service end; what isn't stuck goes at once.
+    void expectEnd() const {
+        const string left = ZqServiceFolder::of(ZqMachineRoot::get().str()) + ZqServiceFolder::LEFT;
+        const int64 beginNs = SxClock::get().steadyNs();
+        ::kill(static_cast<pid_t>(service), SIGTERM);
+        EXPECT_TRUE(eventually([&] { return !isMounted(volume); }));
+        EXPECT_TRUE(eventually([&] {
+            return fs::exists(left) && TempDir::readFile(left).find("written " + lost) != string::npos;
+        })) << "what is lost isn't known to whoever comes after it";
+        EXPECT_LT(SxClock::get().steadyNs() - beginNs, 10'000'000'000);
+        EXPECT_TRUE(isRunning(service)) << "nothing was stuck";
+    }
+    void expectKept() {
+        EXPECT_TRUE(TempDir::readFile(mount(written, {"--mode", "rtw"}) + "/saved") == content);
+        EXPECT_EQ(done({"umount", written}), "Unmounted\n");
+        const Outcome outcome = run({"umount", lost});
+        EXPECT_EQ(outcome.code, 1);
+        EXPECT_THAT(outcome.err, HasSubstr("may be lost as far as they hadn't synced it"));
+    }
+
+    const SmallDisk small{dir.path("small"), "32m"};
+    string written, lost, content, volume;
+    int64 service = 0;
+};
+
 } // namespace
+
+TEST_F(EndOfStuckDisk, AnUnmountThatHangsHoldsUpNoOtherDriveOfAServiceThatEnds) {
+    const string app = mount(stuck, {"--trace", dir.path("trace")});
+    const string hung = statusOf(stuck).mountPath.str();
+    write();
+    setRate("0 " + dir.path("trace"));
+    TempDir::readFile(app + "/big.pak");
+    const auto umount = start({"umount", stuck, "--quiet"});
+    EXPECT_TRUE(eventually([&] { return !isMounted(hung); }));
+    expectEnd();
+    // As what shuts a machine down does in the end.
+    ::kill(static_cast<pid_t>(service), SIGKILL);
+    umount->wait();
+    setRate("");
+    expectKept();
+}
+
+TEST_F(EndOfStuckDisk, AMountThatHangsHoldsUpNoOtherDriveOfAServiceThatEndsAndLeavesNothing) {
+    write();
+    const DeafClient deaf;
+    hold(stuck + "/");
+    const auto first = start({"mount", stuck, "--quiet"});
+    SxProcess second("bash", {"-c", "exec \"$0\" mount \"$1\" 2>\"$2\"", SxString(client), SxString(stuck),
+                              SxString(dir.path("told"))});
+    second.start();
+    SxTime::msleep(500); // until they are held, or not, which changes nothing for what follows
+    const int64 beginNs = SxClock::get().steadyNs();
+    expectEnd();
+    EXPECT_EQ(second.wait(), 1);
+    EXPECT_THAT(dir.read("told"),
+                HasSubstr("The drive service (process " + std::to_string(service) + ") ends"));
+    EXPECT_LT(SxClock::get().steadyNs() - beginNs, 10'000'000'000) << "it has waited for the first one";
+    EXPECT_TRUE(first->isRunning());
+    hold("");
+    EXPECT_EQ(first->wait(), 1);
+    EXPECT_TRUE(eventually([&] { return !isRunning(service); }))
+        << "it waits for a client that takes no answer";
+    EXPECT_THAT(leftovers(), testing::IsEmpty());
+    EXPECT_TRUE(fs::is_empty(dir.path("root/dosdevices")));
+    expectKept();
+}
 
 TEST_F(StuckDisk, AnImageThatCantBeOpenedYetHoldsUpNoOther) {
     hold(stuck + "/");
