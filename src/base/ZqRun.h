@@ -65,8 +65,9 @@ public:
         SxString mountPath;      ///< where the drive was left; empty where it is gone
         SxString missed;         ///< the process that the record names, where it was never found
         SxString driveFailure;   ///< the first read or write of the drive that failed; empty where none has
-        bool wasBusy = false;    ///< files of a drive that takes writes were open when it was taken away
-        SxString unwritten;      ///< why `runtime.json` couldn't be written; empty where it could
+        bool lacksTraceRoom = false; ///< it was played without a trace, on a full disk
+        bool wasBusy = false;        ///< files of a drive that takes writes were open when it was taken away
+        SxString unwritten;          ///< why `runtime.json` couldn't be written; empty where it could
     };
 
     explicit ZqRun(const Settings& settings_);

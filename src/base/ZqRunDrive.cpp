@@ -203,8 +203,8 @@ void ZqRun::tellWaiting(const SxString& line) {
 
 /// Whether the trace goes among the image's own.
 bool ZqRun::hasOwnTrace() const {
-    return settings.traceFolder.isEmpty() && !settings.isUntraced && !settings.isDriveOnly &&
-           !settings.feed.isDownloadOnly;
+    return settings.traceFolder.isEmpty() && !settings.isUntraced && !result.lacksTraceRoom &&
+           !settings.isDriveOnly && !settings.feed.isDownloadOnly;
 }
 
 void ZqRun::limitTrace() {
@@ -234,6 +234,11 @@ void ZqRun::endTrace() const {
 void ZqRun::awaitRoom() {
     while (ZqSysEnv::getFreeDiskSpace(image) < RECORD_ROOM) {
         if (isStopping()) throw stopped();
+        // Nothing else needs room, so the player need not wait for what only the publisher can use.
+        if (feed.isComplete()) {
+            result.lacksTraceRoom = true;
+            break;
+        }
         feed.requireAlive();
         tellWaiting("waiting for room on the disk of '" + image + "'");
         SxTime::msleep(LOOK_MS);

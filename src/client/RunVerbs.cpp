@@ -203,6 +203,9 @@ int run(const RunOptions& options, Output& out) {
                     "', which app.json names as the application, was never found");
     }
     if (out.getMode().json) out.object(job.toJson());
+    if (result.lacksTraceRoom) {
+        out.finding("The disk of '" + options.image + "' is full: this run has left no trace");
+    }
     if (result.wasBusy) {
         out.finding("A process still had files of the drive open when it was taken away; what it wrote after "
                     "that is lost");
