@@ -145,8 +145,8 @@ Disk::Disk(const MountParams& params_, const SxString& root_, const SxString& fo
     SxFileIO::writeAtomic(folder + "/" + ZqServiceFolder::IMAGE, params.image, 0600);
     starter = std::make_unique<Starter>(this);
     ticker = std::make_unique<Ticker>(this);
-    starter->start();
     try {
+        starter->start();
         ticker->start();
     } catch (const std::exception&) {
         eject(); // there is no destructor for what isn't whole
@@ -490,13 +490,19 @@ void Disk::noticeEnd() {
     // Looked at after the table, since an unmounting of our own may have begun meanwhile.
     if (!what || detaching || ending) return;
     const SxString why = SxString("Somebody has unmounted the drive's ") + what;
-    driverLog("image " + params.image + ": " + why);
+    logOnce(why);
     {
         const SxMutexBlock block(&mutex);
         if (failure.isEmpty()) failure = why;
     }
-    ender = std::make_unique<Ender>(this);
-    ender->start();
+    auto made = std::make_unique<Ender>(this);
+    try {
+        made->start();
+    } catch (const SxException& e) {
+        logOnce("it can't be taken down yet: " + describe(e));
+        return; // the next look tries it again
+    }
+    ender = std::move(made);
 }
 
 bool Disk::wasTakenAway() const {

@@ -25,6 +25,7 @@ protected:
         ::setenv("ASAN_OPTIONS", "verify_asan_link_order=0", 0);
         ::setenv("SLOW_DISK", dir.path("rate").c_str(), 1);
         ::setenv("SLOW_OPEN", dir.path("held").c_str(), 1);
+        ::setenv("NO_THREADS", dir.path("no threads").c_str(), 1);
         stuck = build("stuck", "ext4");
         other = build("other", "erofs");
     }
@@ -32,7 +33,7 @@ protected:
         hold("");
         setRate("");
         DriveRun::TearDown();
-        for (const char* name : {"LD_PRELOAD", "SLOW_DISK", "SLOW_OPEN"})
+        for (const char* name : {"LD_PRELOAD", "SLOW_DISK", "SLOW_OPEN", "NO_THREADS"})
             ::unsetenv(name);
     }
     /// Nothing below the folder can be opened or looked at by the service; an empty text lets all be opened.
@@ -177,6 +178,17 @@ TEST_F(EndOfStuckDisk, AMountThatHangsHoldsUpNoOtherDriveOfAServiceThatEndsAndLe
     expectKept();
 }
 
+/// Then they go one after the other.
+TEST_F(EndOfStuckDisk, AServiceThatGetsNoThreadTakesAllItsDrivesAwayAndTellsWhatIsLost) {
+    write();
+    dir.write("no threads", "");
+    ::kill(static_cast<pid_t>(service), SIGTERM);
+    EXPECT_TRUE(eventually([&] { return !isRunning(service); }));
+    fs::remove(dir.path("no threads"));
+    EXPECT_THAT(leftovers(), testing::IsEmpty());
+    expectKept();
+}
+
 TEST_F(StuckDisk, AnImageThatCantBeOpenedYetHoldsUpNoOther) {
     hold(stuck + "/");
     const auto first = start({"mount", stuck, "--quiet"});
@@ -243,6 +255,19 @@ TEST_F(StuckDisk, ADiskThatAnswersNothingIsGivenUpAfterTheLimit) {
     EXPECT_TRUE(umount->isRunning()) << "nothing was stuck";
     setRate("");
     EXPECT_EQ(umount->wait(), 1) << "what was written is lost";
+}
+
+TEST_F(StuckDisk, ADriveThatNoThreadCouldTakeDownGoesLater) {
+    mount(other);
+    const string volume = statusOf(other).mountPath.str();
+    const string log = ZqServiceFolder::of(ZqMachineRoot::get().str()) + "zqdd.log";
+    dir.write("no threads", "");
+    ASSERT_EQ(::umount2(volume.c_str(), 0), 0);
+    EXPECT_TRUE(
+        eventually([&] { return TempDir::readFile(log).find("Cannot start a thread") != string::npos; }));
+    fs::remove(dir.path("no threads"));
+    EXPECT_TRUE(eventually([&] { return leftovers().empty(); }));
+    EXPECT_TRUE(eventually([&] { return statusOf(other).image.isEmpty(); }));
 }
 
 TEST_F(StuckDisk, AReadAheadThatCouldntBeSetIsSetLater) {
