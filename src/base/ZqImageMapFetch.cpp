@@ -16,6 +16,8 @@ constexpr const char* UNIT = "src/base/ZqImageMapFetch";
 constexpr const char* NEW = ".new";
 constexpr int64 PIECE = 1 << 20;
 constexpr uint64 ENTRY = sizeof(uint64);
+/// Requests in a row that a form may fail in while the other one may be there.
+constexpr int64 TURN_TRIES = 3;
 
 } // namespace
 
@@ -28,7 +30,8 @@ ZqImageMapFetch::ZqImageMapFetch(const SxPtr<ZqNetLink>& link_, const SxString& 
       headers(headers_),
       sizeIdx(app.sizeIdx),
       digest(app.checksumIdx),
-      stop(stop_) {
+      stop(stop_),
+      retry(SxPtr<ZqNetRetry>::create(link, link->getSettings().nStreamTries)) {
     setThreadName("map");
 }
 
@@ -41,20 +44,54 @@ void ZqImageMapFetch::main() {
     const Form plain = {ZqImageFiles::IDX, folder + ZqImageFiles::IDX + NEW, sizeIdx, false};
     const Form packed = {ZqImageFiles::IDX_PACKED, folder + ZqImageFiles::IDX_PACKED + NEW,
                          ZqPackedMap::maxSize(sizeIdx), true};
-    bool isThere = false;
-    if (sizeIdx > 0 && sizeIdx % ENTRY == 0) {
-        try {
-            fetch(packed);
-            isThere = true;
-        } catch (const SxException& e) {
-            // Who waits for a server waits for it in both forms.
-            if (e.hasTag(SxException::STOPPED) || e.hasTag(ZqNetLink::UNREACHABLE)) throw;
-            zqLogMsg("base", "ZqImageMapFetch: " + e.toString(SxException::ShowMessage, ": "));
-        }
+    bool hasPacked = sizeIdx > 0 && sizeIdx % ENTRY == 0, hasPlain = true;
+    while (!tryPacked(packed, &hasPacked, hasPlain) && !tryPlain(plain, &hasPlain, hasPacked)) {
     }
-    if (!isThere) fetch(plain);
     removePart(packed);
     removePart(plain);
+}
+
+/// False where that form isn't there, or not now.
+bool ZqImageMapFetch::tryPacked(const Form& form, bool* mayCome, bool hasOther) {
+    if (!*mayCome) return false;
+    beginTurn(hasOther);
+    try {
+        fetch(form);
+        return true;
+    } catch (const SxException& e) {
+        const bool isAway = e.hasTag(ZqNetRetry::TURN_ENDED);
+        const bool isLast = !hasOther || e.hasTag(ZqNetLink::UNREACHABLE);
+        if (e.hasTag(SxException::STOPPED) || (isLast && !isAway)) throw;
+        *mayCome = isAway;
+        zqLogMsg("base", "ZqImageMapFetch: " + e.toString(SxException::ShowMessage, ": "));
+        return false;
+    }
+}
+
+/// False where the other form has its turn.
+bool ZqImageMapFetch::tryPlain(const Form& form, bool* mayCome, bool hasOther) {
+    if (!*mayCome) return false;
+    beginTurn(hasOther);
+    try {
+        fetch(form);
+        return true;
+    } catch (const SxException& e) {
+        const bool isGone = e.hasTag(ZqNetLink::NOT_FOUND) || e.hasTag(ZqNetLink::REFUSED);
+        if (!hasOther || !(isGone || e.hasTag(ZqNetRetry::TURN_ENDED))) throw;
+        // A server may have the packed form alone, and is waited for with that.
+        *mayCome = !isGone;
+        zqLogMsg("base", "ZqImageMapFetch: " + e.toString(SxException::ShowMessage, ": "));
+        return false;
+    }
+}
+
+/// A start waits for the map, and silence lasts as long as a request may.
+void ZqImageMapFetch::beginTurn(bool hasOther) const {
+    if (hasOther) {
+        retry->beginTurn(TURN_TRIES, link->getSettings().stallMs / 2);
+    } else {
+        retry->endTurns();
+    }
 }
 
 /// A map that is wrong is fetched once more as a whole, past caches. What an earlier run has left of it may
@@ -86,6 +123,7 @@ void ZqImageMapFetch::download(const Form& form, bool isFresh, bool* isMixed) co
     const uint64 expected = form.isPacked ? ZqRemoteFile::UNKNOWN : form.maxSize;
     ZqRemoteFile remote(link, ZqRemoteFile::urlIn(url, form.name), headers, expected);
     if (isFresh) remote.setFresh();
+    remote.setRetry(retry);
     remote.getFacts()->setSameTest([isMixed](const ZqStopTest&) {
         *isMixed = true;
         return true;

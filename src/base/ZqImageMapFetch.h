@@ -5,9 +5,10 @@
 #include "ZqRemoteFile.h"
 
 /// Brings the map `img.idx` into an image folder from its server, on a thread of its own: from `img.idx.zst`,
-/// which is a small part of it, where the server has that and it is of this map, else from `img.idx`. What
-/// came of either is kept beside the map's place until the map is there, so that a later run goes on with it.
-/// What is wrong as a whole is fetched once more.
+/// which is a small part of it, where the server has that and it is of this map, else from `img.idx`. Where
+/// the server doesn't answer for one of them the other is asked for, in turns. What came of either is kept
+/// beside the map's place until the map is there, so that a later run goes on with it. What is wrong as a
+/// whole is fetched once more.
 class ZqImageMapFetch : public SxSystemThread {
 public:
     /// `app` states the map's size and digest, that one empty where it isn't known. `folder_` is the image
@@ -30,6 +31,9 @@ private:
         bool isPacked;
     };
 
+    bool tryPacked(const Form& form, bool* mayCome, bool hasOther);
+    bool tryPlain(const Form& form, bool* mayCome, bool hasOther);
+    void beginTurn(bool hasOther) const;
     void fetch(const Form& form);
     /// Adds to what has come of a form; `*isMixed` tells whether mirrors gave it that tell other versions.
     /// Without a digest to check it by, it comes as one, and of one of them.
@@ -44,4 +48,5 @@ private:
     const uint64 sizeIdx;
     const SxString digest; ///< MD5 text of the map; empty where it isn't known
     const ZqStopTest stop;
+    const SxPtr<ZqNetRetry> retry; ///< of both forms
 };

@@ -21,6 +21,8 @@ namespace {
 constexpr const char* UNIT = "src/base/ZqImageRecords";
 constexpr int64 MAX_RECORD = SxFileIO::MAX_TEXT;
 constexpr uint64 MD5_SIZE = 32;
+/// Requests in a row after which the map no longer waits for its digest.
+constexpr int64 DIGEST_TRIES = 3;
 /// How long a start waits for the server's word where what is there can be played without.
 constexpr int64 PATIENCE_NS = 4'000'000'000;
 /// Name under which a record waits until it is checked.
@@ -259,13 +261,13 @@ void ZqImageRecords::fetchMap(const ZqAppParams& app, const ZqStopTest& stop) co
     if (!known.checksumIdx.isEmpty() && hasMap(known)) return;
     // What stands there belongs to another map, and would be believed rather than app.json.
     if (isStated && SxFSAction::exists(file)) SxFSAction::rm(file);
-    if (!isStated) takeRecord([&](bool isFresh) { known.checksumIdx = fetchDigest(isFresh, stop); });
+    if (!isStated) known.checksumIdx = awaitDigest(app, stop);
     try {
         bringMap(known, stop);
     } catch (const SxException& e) {
         if (isStated || !e.hasTag(ZqNetLink::WRONG)) throw;
         // Either may be the wrong one, and the map was asked for twice.
-        const SxString again = fetchDigest(true, stop);
+        const SxString again = fetchDigest(true, false, stop);
         if (again == known.checksumIdx) throw;
         known.checksumIdx = again;
         bringMap(known, stop);
@@ -279,11 +281,29 @@ void ZqImageRecords::bringMap(const ZqAppParams& known, const ZqStopTest& stop) 
     fetch.finish();
 }
 
+/// Without a digest no mount takes the map, so it is waited for; but what comes of the map doesn't wait.
+SxString ZqImageRecords::awaitDigest(const ZqAppParams& app, const ZqStopTest& stop) const {
+    SxString digest;
+    try {
+        takeRecord([&](bool isFresh) { digest = fetchDigest(isFresh, true, stop); });
+        return digest;
+    } catch (const SxException& e) {
+        if (!e.hasTag(ZqNetRetry::TURN_ENDED)) throw;
+        zqLogMsg("base", "ZqImageRecords: " + e.toString(SxException::ShowMessage, ": "));
+    }
+    bringMap(app, stop);
+    takeRecord([&](bool isFresh) { digest = fetchDigest(isFresh, false, stop); });
+    return digest;
+}
+
 /// The text of `img.idx.md5`, which is put in place; empty where the server hasn't got it.
-SxString ZqImageRecords::fetchDigest(bool isFresh, const ZqStopTest& stop) const {
+SxString ZqImageRecords::fetchDigest(bool isFresh, bool isTurn, const ZqStopTest& stop) const {
     const SxString file = folder + ZqImageFiles::IDX_MD5;
     const SxPtr<ZqRemoteFile> digest = remote(ZqImageFiles::IDX_MD5, isFresh, MD5_SIZE);
     digest->getFacts()->allowAbsence();
+    const auto retry = SxPtr<ZqNetRetry>::create(link, link->getSettings().nStreamTries);
+    if (isTurn) retry->beginTurn(DIGEST_TRIES, link->getSettings().stallMs / 2);
+    digest->setRetry(retry);
     try {
         digest->fetchTo(file, stop, MD5_SIZE);
         return SxFileIO::readUtf8(file);

@@ -48,7 +48,9 @@ private:
     /// The map, and before it the digest that it is checked by where `app` states none.
     void fetchMap(const ZqAppParams& app, const ZqStopTest& stop) const;
     void bringMap(const ZqAppParams& known, const ZqStopTest& stop) const;
-    SxString fetchDigest(bool isFresh, const ZqStopTest& stop) const;
+    SxString awaitDigest(const ZqAppParams& app, const ZqStopTest& stop) const;
+    /// Gives up with the tag TURN_ENDED where the map may come before it, with `isTurn`.
+    SxString fetchDigest(bool isFresh, bool isTurn, const ZqStopTest& stop) const;
     /// Raises with the tag WRONG where what came as this record is a page for a browser.
     void requireNoPage(const SxString& text, const char* name) const;
     void requireParams(const SxString& file, const ZqAppParams& app) const;

@@ -320,3 +320,44 @@ TEST(ImageRecords, areAskedForTwiceWhereADoubtMeetsADeadConnection) {
     EXPECT_LT(SxClock::get().steadyNs() - start, 3'000'000'000);
     EXPECT_EQ(proxy.getNConnections(), 2);
 }
+
+// A server that doesn't answer for the digest alone; without it the map waits for nothing.
+TEST(ImageRecords, theMapComesThoughItsDigestHasToWait) {
+    TestRandom random;
+    const TestImage game(random, 40);
+    const std::string map = game.idxBytes(), digest = SxMd5::get(SxString(map)).str();
+    for (const bool isRight : {true, false}) {
+        TempDir dir;
+        game.write(dir.prefix() + "served/");
+        ZqAppParams unstated(dir.prefix() + "served/");
+        unstated.checksumIdx = SxString();
+        unstated.write(dir.prefix() + "served/");
+        std::filesystem::create_directory(dir.path("game"));
+        std::atomic<int> nMaps{0};
+        const ScriptedServer server([&](const std::string& request) {
+            const std::string name = request.substr(5, request.find(' ', 5) - 5);
+            if (name == "img.idx.md5") {
+                return nMaps > 0 ? answered("200 OK", digest) : answered("500 Broken");
+            }
+            if (name == "img.idx") {
+                const bool isFirst = nMaps++ == 0;
+                return answered("200 OK", isFirst && !isRight ? std::string(map.size(), 'x') : map);
+            }
+            return dir.exists("served/" + name) ? answered("200 OK", dir.read("served/" + name))
+                                                : answered("404 None");
+        });
+        ZqImageRecords records(SxPtr<ZqNetLink>::create(quickSettings()), dir.prefix() + "game",
+                               SxString(server.url()), {});
+        const ZqStopTest late = [endNs = SxClock::get().steadyNs() + 20'000'000'000] {
+            return SxClock::get().steadyNs() >= endNs;
+        };
+        EXPECT_EQ(failureOf([&] {
+                      bool isConfirmed = false;
+                      records.fetchRest(records.fetchApp(false, &isConfirmed, late), late);
+                  }),
+                  "");
+        EXPECT_TRUE(dir.exists("game/img.idx") && dir.read("game/img.idx") == map) << isRight;
+        EXPECT_TRUE(dir.exists("game/img.idx.md5") && dir.read("game/img.idx.md5") == digest);
+        EXPECT_EQ(nMaps, isRight ? 1 : 2);
+    }
+}

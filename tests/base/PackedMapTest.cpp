@@ -1,6 +1,7 @@
 #include "BaseTest.h"
 #include "Builders.h"
 #include "NetLab.h"
+#include "SxClock.h"
 #include "SxMd5.h"
 #include "ZqAppParams.h"
 #include "ZqFileServer.h"
@@ -269,6 +270,52 @@ TEST(MapFetchRefused, NoFormIsWaitedForThatIsRefused) {
         EXPECT_EQ(fetchMap(server.url(), dir.prefix(), appOf(map)), "");
         EXPECT_TRUE(dir.read("img.idx") == map);
         EXPECT_EQ(server.requests().size(), 2U);
+    }
+}
+
+// A few tries, then the other form; where neither comes, in turns; none of them may be missing meanwhile.
+TEST(MapFetchTurns, NoFormIsWaitedForThatDoesntAnswerWhileTheOtherMay) {
+    TestRandom random(19);
+    const std::string map = orderedMap(random, 1000), small = packed(map);
+    const std::string none = "404 None", broken = "500 Broken", silence = ScriptedServer::SILENCE;
+    const struct {
+        std::string ofPacked, ofPlain;
+        int nPacked, nPlain; ///< how often each must have failed before the one that may come does
+        bool isPackedBack, isPlainBack;
+    } cases[] = {
+        {broken, "", 1, 0, false, true},
+        {silence, "", 1, 0, false, true},
+        {"", "", 0, 0, true, true},
+        {"cut", "", 1, 0, false, true},
+        {broken, broken, 4, 4, true, false},
+        {broken, broken, 4, 4, false, true},
+        {silence, silence, 2, 2, true, false},
+        {silence, silence, 2, 2, false, true},
+        {broken, none, 8, 1, true, false},
+        {none, broken, 1, 8, false, true},
+    };
+    for (const auto& each : cases) {
+        SCOPED_TRACE(each.ofPacked + " " + each.ofPlain + (each.isPackedBack ? " packed" : " plain"));
+        std::atomic<int> nPacked{0}, nPlain{0};
+        ScriptedServer server([&](const std::string& request) -> std::string {
+            const bool isPacked = request.find("img.idx.zst") != std::string::npos;
+            const bool isBack = nPacked >= each.nPacked && nPlain >= each.nPlain;
+            if (isBack && (isPacked ? each.isPackedBack : each.isPlainBack))
+                return ScriptedServer::ranged(request, isPacked ? small : map);
+            ++(isPacked ? nPacked : nPlain);
+            const std::string& fault = isPacked ? each.ofPacked : each.ofPlain;
+            if (fault == silence || fault == "cut") return fault == silence ? fault : "";
+            return "HTTP/1.1 " + fault + "\r\nContent-Length: 0\r\n\r\n";
+        });
+        const TempDir dir;
+        const ZqStopTest late = [endNs = SxClock::get().steadyNs() + 20'000'000'000] {
+            return SxClock::get().steadyNs() >= endNs;
+        };
+        EXPECT_EQ(fetchMap(server.url(), dir.prefix(), appOf(map), late), "");
+        EXPECT_TRUE(dir.exists("img.idx") && dir.read("img.idx") == map);
+        if (each.nPlain == 0) {
+            EXPECT_LE(nPacked, 3) << "a few tries";
+        }
     }
 }
 

@@ -1,8 +1,12 @@
+#include "Failure.h"
 #include "NetLab.h"
 #include "RemoteImageReading.h"
+#include "SxClock.h"
 #include "SxTime.h"
 
 #include <atomic>
+#include <functional>
+#include <gmock/gmock.h>
 
 // What comes of the packed form, by the request: its front, its last bytes, its frames.
 TEST(RemoteImageTable, holdsUpNothingWhereItDoesNotCome) {
@@ -77,4 +81,136 @@ TEST(RemoteImageTable, comesBackWhereItWasRefusedForAWhile) {
         EXPECT_TRUE(SxWait::pass(20'000, [&] { return image.getFigures().isPacked; }));
         EXPECT_TRUE(readOf(image, 7 * STRETCH, STRETCH) == zqf.substr(7 * STRETCH, STRETCH));
     }
+}
+
+// Both forms of an image, of which each may be made to fail. The table is there.
+class TwoForms : public testing::Test {
+protected:
+    struct Form {
+        std::string fault; ///< a status, "cut", or silence; empty where all is well
+        int nRight = 0, nFailed = 0;
+        int nUntilRight = 0; ///< both forms must fail so often, then this one is there; 0 for never
+    };
+
+    TwoForms() { awaitPacked(); }
+    std::string answer(const std::string& request) {
+        const bool isPacked = request.find("img.zqf.zst") != std::string::npos;
+        SxMutexBlock lock(&mutex);
+        Form& form = isPacked ? packed : plain;
+        const int nBoth = std::min(packed.nFailed, plain.nFailed);
+        if (form.fault.empty() || (form.nUntilRight > 0 && nBoth >= form.nUntilRight)) {
+            ++form.nRight;
+            return ScriptedServer::ranged(request, isPacked ? zst : zqf);
+        }
+        ++form.nFailed;
+        if (form.fault == "cut") return "";
+        if (form.fault == ScriptedServer::SILENCE) return form.fault;
+        return "HTTP/1.1 " + form.fault + "\r\nContent-Length: 0\r\n\r\n";
+    }
+    void set(const Form& packed_, const Form& plain_) {
+        SxMutexBlock lock(&mutex);
+        packed = packed_;
+        plain = plain_;
+    }
+    int countPlain() {
+        SxMutexBlock lock(&mutex);
+        return plain.nRight;
+    }
+    void awaitPacked() {
+        image.announce({}, {});
+        EXPECT_TRUE(SxWait::pass(10'000, [&] { return image.getFigures().isPacked; }));
+    }
+    static ZqStopTest late() {
+        const int64 endNs = SxClock::get().steadyNs() + 20'000'000'000;
+        return [endNs] { return SxClock::get().steadyNs() >= endNs; };
+    }
+    void expectStream() {
+        std::string all;
+        EXPECT_EQ(failureOf([&] {
+                      image.stream(
+                          0,
+                          [&](const char* bytes, int64 n) {
+                              all.append(bytes, static_cast<size_t>(n));
+                              return true;
+                          },
+                          late());
+                  }),
+                  "");
+        EXPECT_TRUE(all == zqf);
+        image.forget(0, zqf.size());
+    }
+    /// A stretch on demand, asked for again as the manager of underflows does.
+    void expectRead(uint64 idx, bool mayFail = false) {
+        std::string got(STRETCH, '\0'), failure;
+        const ZqStopTest stop = late();
+        do {
+            failure = failureOf([&] { image.read(idx * STRETCH, STRETCH, got.data(), stop); });
+        } while (mayFail && !failure.empty() && !stop());
+        EXPECT_EQ(failure, "");
+        EXPECT_TRUE(got == zqf.substr(idx * STRETCH, STRETCH)) << idx;
+    }
+
+    TestRandom random;
+    const std::string zqf = halfRandom(&random, 12 * STRETCH + 345), zst = PackedImage(zqf).bytes();
+    SxMutex mutex;
+    Form packed, plain;
+    ScriptedServer server{[this](const std::string& request) { return answer(request); }};
+    ZqRemoteImage image{SxPtr<ZqNetLink>::create(quickSettings()), SxString(server.url()), zqf.size()};
+};
+
+TEST_F(TwoForms, thePackedOneIsntWaitedForWhileThePlainOneIsThere) {
+    for (const std::string fault : {"500 Broken", "cut", ScriptedServer::SILENCE}) {
+        SCOPED_TRACE(fault);
+        const std::function<void()> uses[] = {
+            [&] { expectStream(); },
+            [&] { expectRead(4); },
+            [&] {
+                const SxPtr<SxArray<char>> bytes = image.fetchAnew(5, late());
+                EXPECT_TRUE(std::string(bytes->data(), STRETCH) == zqf.substr(5 * STRETCH, STRETCH));
+            },
+        };
+        for (const auto& use : uses) {
+            set({fault}, {});
+            use();
+            EXPECT_GT(countPlain(), 0);
+            EXPECT_FALSE(image.getFigures().isPacked);
+            set({}, {});
+            awaitPacked();
+            use();
+            EXPECT_EQ(countPlain(), 0) << "it is in use again";
+            image.forget(0, zqf.size());
+        }
+    }
+}
+
+TEST_F(TwoForms, haveTurnsWhereNeitherComes) {
+    for (const std::string fault : {"500 Broken", ScriptedServer::SILENCE}) {
+        for (const bool isPackedBack : {true, false}) {
+            SCOPED_TRACE(fault + (isPackedBack ? ", then packed" : ", then plain"));
+            const Form back = {fault, 0, 0, 3}, away = {fault};
+            for (const bool isStream : {true, false}) {
+                set(isPackedBack ? back : away, isPackedBack ? away : back);
+                if (isStream) expectStream();
+                if (!isStream) expectRead(7, true);
+                set({}, {});
+                awaitPacked();
+                image.forget(0, zqf.size());
+            }
+        }
+    }
+}
+
+// A server may have the packed form alone.
+TEST_F(TwoForms, aPlainOneThatIsntThereIsntTakenForAnAnswer) {
+    for (const bool isStream : {true, false}) {
+        set({"500 Broken", 0, 0, 2}, {"404 None"});
+        if (isStream) expectStream();
+        if (!isStream) expectRead(7, true);
+        EXPECT_THAT(failureOf([&] { expectRead(8); }), "");
+        image.forget(0, zqf.size());
+    }
+    set({"500 Broken"}, {"404 None"});
+    std::string got(STRETCH, '\0');
+    const SxException failure = exceptionOf([&] { image.read(3 * STRETCH, STRETCH, got.data(), late()); });
+    EXPECT_TRUE(failure.hasTag(ZqNetLink::UNREACHABLE)) << failure.what();
 }

@@ -63,6 +63,8 @@ ScriptedServer::~ScriptedServer() {
     ending = true;
     wait();
     ::close(listener);
+    for (const int client : silent)
+        ::close(client);
 }
 
 std::string ScriptedServer::url(const std::string& path) const {
@@ -91,6 +93,10 @@ void ScriptedServer::main() {
             seen.push_back(request);
         }
         const std::string response = answer(request);
+        if (response == SILENCE) {
+            silent.push_back(client);
+            continue;
+        }
         size_t sent = 0;
         while (sent < response.size()) {
             const ssize_t n = ::send(client, response.data() + sent, response.size() - sent, MSG_NOSIGNAL);

@@ -30,6 +30,8 @@ class ScriptedServer : public SxSystemThread {
 public:
     /// Gives the whole response, header and body, to a request (its header).
     using Answer = std::function<std::string(const std::string& request)>;
+    /// An answer that never comes, over a connection that stays.
+    static constexpr const char* SILENCE = "silence";
 
     explicit ScriptedServer(Answer answer_);
     ~ScriptedServer() override;
@@ -53,6 +55,7 @@ private:
     int listener = -1;
     int port = 0;
     std::atomic<bool> ending{false};
+    std::vector<int> silent; ///< connections
     mutable SxMutex mutex;
     std::vector<std::string> seen SX_GUARDED_BY(mutex);
 };

@@ -1,5 +1,6 @@
 #include "ZqImageTableLoader.h"
 
+#include "SxClock.h"
 #include "ZqLog.h"
 #include "ZqPackedForm.h"
 #include "ZqRangeReader.h"
@@ -18,6 +19,8 @@ void ZqRemoteImage::TableLoader::main() {
     for (;;) {
         const Outcome outcome = tryLoad();
         if (outcome == Outcome::Ended) return;
+        // It was of use before it failed.
+        if (usedMs > pauseMs) pauseMs = firstMs;
         if (outcome == Outcome::Absent) {
             // The plain form goes on meanwhile, as if it never came.
             if (!image->awaitOtherThanAbsent(pauseMs, [this] { return stopping.load(); })) return;
@@ -30,16 +33,21 @@ void ZqRemoteImage::TableLoader::main() {
         } catch (const SxException&) {
             return;
         }
-        // A table may be large, and one that is bad stays so for long.
+        // A table may be large, and one that is bad stays so for long. To ask a server whether it is there
+        // costs little, and it may be back at any time.
+        if (outcome == Outcome::Away) continue;
         pauseMs = image->getState() == Packed::Aside ? std::min(2 * pauseMs, MOST_PAUSES * firstMs) : firstMs;
     }
 }
 
 /// The outcome is that of this attempt: the state may be another one by now, where somebody asks again.
 ZqRemoteImage::TableLoader::Outcome ZqRemoteImage::TableLoader::tryLoad() {
+    usedMs = 0;
     try {
         load();
+        const int64 beginNs = SxClock::get().steadyNs();
         const Packed after = image->awaitUseless([this] { return stopping.load(); });
+        usedMs = (SxClock::get().steadyNs() - beginNs) / 1'000'000;
         if (stopping) return Outcome::Ended;
         return after == Packed::Aside ? Outcome::Failed : Outcome::Absent;
     } catch (const SxException& e) {
@@ -48,13 +56,14 @@ ZqRemoteImage::TableLoader::Outcome ZqRemoteImage::TableLoader::tryLoad() {
         if (e.hasTag(ZqNetLink::NOT_FOUND) && !isAside) {
             return image->notePackedAbsent(e) ? Outcome::Absent : Outcome::Failed;
         }
-        if (isAside || e.hasTag(ZqNetLink::UNREACHABLE) || e.hasTag(ZqNetLink::BROKEN)) {
+        const bool isAway = e.hasTag(ZqNetLink::UNREACHABLE) || e.hasTag(ZqNetLink::BROKEN);
+        if (isAside || isAway) {
             image->noteTableWaits(e);
             zqLogMsg("NET", "The seek table has to wait: " + e.toString(SxException::ShowMessage, ": "));
         } else {
             image->leavePacked(e);
         }
-        return Outcome::Failed;
+        return isAway ? Outcome::Away : Outcome::Failed;
     }
 }
 

@@ -15,7 +15,8 @@ protected:
     void main() override;
 
 private:
-    enum class Outcome { Ended, Absent, Failed };
+    /// `Away`: its server doesn't answer.
+    enum class Outcome { Ended, Absent, Failed, Away };
 
     void load();
     Outcome tryLoad();
@@ -23,4 +24,5 @@ private:
 
     ZqRemoteImage* const image;
     std::atomic<bool> stopping{false};
+    int64 usedMs = 0; ///< how long the last table was in use
 };

@@ -27,7 +27,25 @@ ZqNetRetry::ZqNetRetry(const SxPtr<ZqNetLink>& link_, int64 nTries_)
       seenNs(SxClock::get().steadyNs()) {
 }
 
+void ZqNetRetry::beginTurn(int64 nTries, int64 ms) {
+    nInTurn = nTries;
+    turnMs = ms;
+    nTurnFailed = 0;
+    beginWait();
+}
+
+void ZqNetRetry::beginWait() {
+    turnNs = SxClock::get().steadyNs();
+}
+
+bool ZqNetRetry::hasTurnEnded(bool isBusy) {
+    const int64 now = SxClock::get().steadyNs();
+    if (isBusy) turnNs = now;
+    return nInTurn > 0 && (++nTurnFailed >= nInTurn || now - turnNs > turnMs * 1'000'000);
+}
+
 void ZqNetRetry::progress() {
+    nTurnFailed = 0;
     if (nFailed == 0) return;
     nFailed = nBroken = nBusy = busyNs = 0;
     link->setWaiting(this, "");
@@ -56,6 +74,10 @@ void ZqNetRetry::failed(const SxException& e, const ZqStopTest& stop) {
     if ((nMax > 0 && nFailed - nBusy >= nMax) ||
         (settings.nBrokenTries > 0 && nBroken >= settings.nBrokenTries)) {
         throw SxException(e, "Gave up after " + SxString(nFailed) + " tries", UNIT, __LINE__);
+    }
+    if (hasTurnEnded(isBusy)) {
+        throw SxException(e, "Nothing came in " + SxString(nTurnFailed) + " tries", UNIT, __LINE__)
+            .tagged(TURN_ENDED);
     }
     link->setWaiting(this,
                      "waiting for the server: " + e.getMessage() + " (" + ordinal(nFailed + 1) + " try)");

@@ -25,8 +25,9 @@ ZqRangeReader::ZqRangeReader(const ZqRemoteFile& file, uint64 first, uint64 end_
       pos(first),
       end(end_),
       furthest(first),
-      retry(link, kind_ == ZqTransfer::Kind::Ordered ? link->getSettings().nStreamTries
-                                                     : link->getSettings().nRangeTries) {
+      retry(SxPtr<ZqNetRetry>::create(link, kind_ == ZqTransfer::Kind::Ordered
+                                                ? link->getSettings().nStreamTries
+                                                : link->getSettings().nRangeTries)) {
 }
 
 ZqRangeReader::~ZqRangeReader() {
@@ -105,7 +106,7 @@ void ZqRangeReader::noteVersion() {
 /// in a fixed order could undo each step of it.
 void ZqRangeReader::goElsewhere(const SxException& e, const ZqStopTest& stop) {
     const bool isAgain = nElsewhere % 3 == 0;
-    if (++nElsewhere > 1) retry.failed(e, stop);
+    if (++nElsewhere > 1) retry->failed(e, stop);
     if (!isAgain) throw SxException(ANEW, "The range begins anew", UNIT, __LINE__);
 }
 
@@ -207,13 +208,13 @@ void ZqRangeReader::recover(const SxException& e, const SxString& asked, const Z
         return;
     }
     if (!e.hasTag(ZqFileFacts::DOUBTFUL)) {
-        retry.failed(e, stop);
+        retry->failed(e, stop);
         return;
     }
     try {
         isVouched = facts->settle(stop);
     } catch (const SxException& unsettled) {
-        retry.failed(unsettled, stop);
+        retry->failed(unsettled, stop);
     }
 }
 
@@ -223,10 +224,11 @@ void ZqRangeReader::noteProgress(bool isMore) {
     furthest = std::max(furthest, pos);
     nElsewhere = 0;
     isRepeated = false;
-    retry.progress();
+    retry->progress();
 }
 
 bool ZqRangeReader::next(SxArray<char>* piece, const ZqStopTest& stop) {
+    retry->beginWait();
     for (;;) {
         // It may hold bytes of an answer that was of no use after all.
         piece->removeAll();

@@ -21,7 +21,11 @@ public:
     /// What is read is compared with a checksum, so it need not be of one version.
     void setChecked() { isChecked = true; }
     /// Gives up after so many tries, instead of those of the link's settings.
-    void setTries(int64 n) { retry.setTries(n); }
+    void setTries(int64 n) { retry->setTries(n); }
+    /// Lets its failures count with those of others that read the same in turns.
+    void setRetry(const SxPtr<ZqNetRetry>& retry_) { retry = retry_; }
+    /// See ZqNetRetry.
+    void beginTurn(int64 nTries, int64 ms) { retry->beginTurn(nTries, ms); }
     /// Makes the request, where none is under way, and returns.
     void begin();
     /// Turns a request of the kind Ahead into one on demand, and back. Safe beside the reader's own thread.
@@ -86,5 +90,5 @@ private:
     SxPtr<ZqTransfer> second;
     SxPtr<ZqRangeAnswer> secondAnswer;
     bool hadSecond = false; ///< the request under way
-    ZqNetRetry retry;
+    SxPtr<ZqNetRetry> retry;
 };

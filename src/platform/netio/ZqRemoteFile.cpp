@@ -34,6 +34,7 @@ SxException ZqRemoteFile::failure(const SxException& e, const SxString& what) co
 
 void ZqRemoteFile::prepare(ZqRangeReader* reader) const {
     if (isFresh) reader->setFresh();
+    if (retry) reader->setRetry(retry);
 }
 
 void ZqRemoteFile::read(uint64 offset, uint64 n, char* buffer, const ZqStopTest& stop) {

@@ -2,7 +2,7 @@
 
 #include "SxException.h"
 #include "ZqFileFacts.h"
-#include "ZqNetLink.h"
+#include "ZqNetRetry.h"
 
 #include <atomic>
 
@@ -34,6 +34,9 @@ public:
     /// Lets later requests go over connections of their own and past what caches hold, since what came before
     /// was wrong.
     void setFresh() { isFresh = true; }
+    /// Lets the failures of later requests count with those of others that bring the same in turns. Then they
+    /// are for one thread.
+    void setRetry(const SxPtr<ZqNetRetry>& retry_) { retry = retry_; }
 
     /// Fetches `size` bytes from `offset` on into `buffer`, ahead of all ordered streams. Blocks; tries again
     /// as the link's settings say. Raises SxException with the tags of ZqNetLink.
@@ -64,4 +67,5 @@ private:
     const SxPtr<ZqNetLink> link;
     const SxPtr<ZqFileFacts> facts;
     std::atomic<bool> isFresh{false};
+    SxPtr<ZqNetRetry> retry; ///< null where each request has its own
 };

@@ -286,6 +286,8 @@ void ZqRemoteImage::begin(Fetch* fetch, ZqTransfer::Kind kind) {
                                                  offsetOf(lastIdx) + fetch->wireSize(lastIdx),
                                                  isAlone ? kind : ZqTransfer::Kind::Ahead);
     if (isDistrusted) fetch->reader->setFresh();
+    // Somebody waits, and silence lasts as long as a request may.
+    if (fetch->table) fetch->reader->beginTurn(TURN_TRIES, getLink()->getSettings().stallMs / 2);
     // One that came wrong may have been mixed of two packed forms.
     if (!fetch->isAgain && canCheck(fetch->table)) fetch->reader->setChecked();
     fetch->reader->begin();
@@ -313,13 +315,15 @@ ZqRemoteImage::Bytes ZqRemoteImage::takeNext(Fetch* fetch, const ZqStopTest& sto
         if (isLast) fetch->reader->readAll(nullptr, 0, stop);
         if (n != size) throw SxException("It ends before", UNIT, __LINE__);
     } catch (const SxException& e) {
-        const SxException failure(
-            e, "Cannot fetch stretch " + SxString(idx) + " from '" + ZqUrlText::of(url) + "'", UNIT,
-            __LINE__);
-        if (!fetch->table || !leavePackedFor(failure)) throw SxException(failure);
+        SxException failure(e, "Cannot fetch stretch " + SxString(idx) + " from '" + ZqUrlText::of(url) + "'",
+                            UNIT, __LINE__);
+        const bool mayTurn = fetch->table && leavePackedFor(failure);
+        if (!fetch->table) (void)returnToPacked(&failure);
+        if (!mayTurn) throw SxException(failure);
         begin(fetch, ZqTransfer::Kind::OnDemand);
         return takeNext(fetch, stop);
     }
+    if (!fetch->table) notePlainCame();
     ++fetch->nextIdx;
     if (!isLast) fetch->reader->relax();
     try {

@@ -119,6 +119,8 @@ private:
     /// `Aside`: not now, since what came of it was of no use; its table is fetched again after a while.
     enum class Packed { Unknown, Offered, Aside, Absent };
     static constexpr int64 FIRST_TOGETHER = 4;
+    /// Requests in a row that a form may fail in while the other one may be there.
+    static constexpr int64 TURN_TRIES = 3;
 
     uint64 stretchSize(uint64 stretchIdx) const;
     void checkRange(uint64 offset, uint64 size) const;
@@ -138,6 +140,12 @@ private:
     void noteTableWaits(const SxException& why);
     /// Leaves it where the failure says that the plain form may do better; false where it may not.
     bool leavePackedFor(const SxException& e);
+    /// The plain form was of no use: where the packed one was left since its server doesn't answer, and the
+    /// plain one has brought nothing since, that is offered again, so that both have turns. False where it
+    /// isn't. Where the plain form isn't there, `*why` becomes what the packed one waits for.
+    bool returnToPacked(SxException* why);
+    /// Bytes of the plain form have come.
+    void notePlainCame();
     /// Waits until the packed form is no longer offered, or `stop` says so, and gives its state.
     Packed awaitUseless(const ZqStopTest& stop);
     /// A packed form that the server hadn't got may be there by now: its table is asked for again.
@@ -247,6 +255,8 @@ private:
     bool tableWaits SX_GUARDED_BY(mutex) = false;  ///< a request for it has failed
     SxException tableFailure SX_GUARDED_BY(mutex); ///< the last one of it, or of the packed form
     Packed state SX_GUARDED_BY(mutex) = Packed::Unknown;
+    bool isPackedAway SX_GUARDED_BY(mutex) = false; ///< `Aside` since its server doesn't answer
+    bool plainCame SX_GUARDED_BY(mutex) = false; ///< bytes of the plain form, since the packed one was left
     bool isTableStated SX_GUARDED_BY(mutex) = false;   ///< its file says that it is of this image
     SxPtr<ZqSeekTable> table SX_GUARDED_BY(mutex);     ///< also of a packed form that isn't used, or gone
     std::map<uint64, Bytes> kept SX_GUARDED_BY(mutex); ///< by stretch; null where the store alone has it

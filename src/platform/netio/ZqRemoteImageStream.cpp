@@ -41,8 +41,11 @@ public:
 
 private:
     uint64 stretchIdx() const { return pos / STRETCH; }
+    /// One connection that is dead is no reason to turn to the other form.
+    int64 turnMs() const { return image->getLink()->getSettings().stallMs * 3 / 2; }
     bool usesPacked();
     bool runPlain();
+    void recoverPlain(const SxException& e);
     bool takePlain(const SxArray<char>& piece, bool* isEnding);
     bool isRight(uint64 idx);
     bool isSuspect(uint64 idx) const;
@@ -70,6 +73,7 @@ private:
     Bytes assembled;          ///< the stretch at `received` so far, in the plain form; null without its begin
     uint64 wireIdx = 0, wirePos = 0; ///< a stretch, and where its frame begins
     uint64 damagedIdx = NOWHERE;     ///< the stretch that was damaged last, in either form
+    const SxPtr<ZqNetRetry> retry;   ///< of both forms, which take turns where neither comes
 };
 
 bool ZqRemoteImage::stream(uint64 offset, const Sink& sink, const ZqStopTest& stop) {
@@ -83,7 +87,8 @@ ZqRemoteImage::StreamRun::StreamRun(ZqRemoteImage* image_, uint64 offset, const 
     : image(image_),
       sink(sink_),
       stop(stop_),
-      pos(offset) {
+      pos(offset),
+      retry(SxPtr<ZqNetRetry>::create(image->getLink(), image->getLink()->getSettings().nStreamTries)) {
     SxMutexBlock lock(&image->mutex);
     if (image->streaming) {
         throw SxException("'" + ZqUrlText::of(image->getUrl()) + "' is being downloaded already", UNIT,
@@ -149,17 +154,29 @@ bool ZqRemoteImage::StreamRun::runPlain() {
     ZqRangeReader reader(*image->plain, received, std::min(endOfRequest() * STRETCH, image->sizeZqf),
                          ZqTransfer::Kind::Ordered);
     if (isSuspect(stretchIdx())) reader.setFresh();
+    reader.setRetry(retry);
+    // Where the packed form is, or may come, it has its turn.
+    retry->beginTurn(image->getState() == Packed::Absent ? 0 : TURN_TRIES, turnMs());
     SxArray<char> piece;
     bool isEnding = false;
     while (!isEnding) {
         try {
             if (!reader.next(&piece, stop)) return true;
         } catch (const SxException& e) {
-            throw SxException(e, "Cannot download '" + ZqUrlText::of(image->getUrl()) + "'", UNIT, __LINE__);
+            recoverPlain(e);
+            return true;
         }
+        image->notePlainCame();
         if (!takePlain(piece, &isEnding)) return false;
     }
     return true;
+}
+
+/// Returns where the other form has its turn.
+void ZqRemoteImage::StreamRun::recoverPlain(const SxException& e) {
+    SxException failure(e, "Cannot download '" + ZqUrlText::of(image->getUrl()) + "'", UNIT, __LINE__);
+    const bool isTurned = image->returnToPacked(&failure);
+    if (!isTurned && !e.hasTag(ZqNetRetry::TURN_ENDED)) throw SxException(failure);
 }
 
 /// Takes bytes of the plain form, up to a kept stretch that is worth skipping, or a wrong one. They are
@@ -219,14 +236,16 @@ bool ZqRemoteImage::StreamRun::runPacked() {
             image->notePackedAbsent(e);
             return true;
         }
-        if (image->leavePackedFor(e)) {
-            damagedIdx = NOWHERE;
+        const bool isAway = e.hasTag(ZqNetLink::UNREACHABLE) || e.hasTag(ZqNetLink::BROKEN);
+        // Both forms have been tried as often as may be.
+        if (isAway && !e.hasTag(ZqNetRetry::TURN_ENDED)) throw;
+        if (isAway && !known) {
+            // Nothing depends on this form. A table that comes later brings it back.
+            wireIdx = NOWHERE;
             return true;
         }
-        // Without a table nothing depends on this form. One that comes later brings it back.
-        const bool mayPass = e.hasTag(ZqNetLink::UNREACHABLE) || e.hasTag(ZqNetLink::BROKEN);
-        if (known || !mayPass) throw;
-        wireIdx = NOWHERE;
+        if (!image->leavePackedFor(e)) throw;
+        damagedIdx = NOWHERE;
         return true;
     }
 }
@@ -243,7 +262,8 @@ bool ZqRemoteImage::StreamRun::runFrames(const SxPtr<ZqSeekTable>& known) {
     ZqRangeReader reader(*image->packed, wirePos, wireEnd, ZqTransfer::Kind::Ordered);
     if (isSuspect(first)) reader.setFresh();
     // The plain form may come where this one doesn't.
-    if (!known) reader.setTries(1);
+    reader.setRetry(retry);
+    retry->beginTurn(known ? TURN_TRIES : 1, turnMs());
     SxArray<char> pending;
     if (!known && wirePos == 0 && !skipOrigin(&reader, &pending)) return true;
     while (stretchIdx() < end) {

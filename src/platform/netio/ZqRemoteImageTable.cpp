@@ -7,6 +7,15 @@
 
 // What is known of the packed form.
 
+namespace {
+
+/// Whether a failure says only that the server doesn't answer now.
+bool isAway(const SxException& e) {
+    return e.hasTag(ZqNetLink::UNREACHABLE) || e.hasTag(ZqNetLink::BROKEN);
+}
+
+} // namespace
+
 void ZqRemoteImage::openTable() {
     {
         SxMutexBlock lock(&mutex);
@@ -58,6 +67,8 @@ void ZqRemoteImage::leavePacked(const SxException& why) {
         SxMutexBlock lock(&mutex);
         if (state == Packed::Absent || state == Packed::Aside) return;
         state = Packed::Aside;
+        isPackedAway = isAway(why);
+        plainCame = false;
         tableFailure = why;
     }
     changed.notify_all();
@@ -75,12 +86,32 @@ void ZqRemoteImage::noteTableWaits(const SxException& why) {
 }
 
 bool ZqRemoteImage::leavePackedFor(const SxException& e) {
-    for (const char* tag : {ZqNetLink::NOT_FOUND, ZqNetLink::REFUSED, ZqNetLink::WRONG, ZqNetLink::CHANGED}) {
+    for (const char* tag : {ZqNetLink::NOT_FOUND, ZqNetLink::REFUSED, ZqNetLink::WRONG, ZqNetLink::CHANGED,
+                            ZqNetLink::UNREACHABLE, ZqNetLink::BROKEN}) {
         if (!e.hasTag(tag)) continue;
         leavePacked(e);
         return true;
     }
     return false;
+}
+
+bool ZqRemoteImage::returnToPacked(SxException* why) {
+    const bool isGone = why->hasTag(ZqNetLink::NOT_FOUND) || why->hasTag(ZqNetLink::REFUSED);
+    if (!isGone && !isAway(*why)) return false;
+    {
+        SxMutexBlock lock(&mutex);
+        if (state != Packed::Aside || !isPackedAway || plainCame || !table) return false;
+        state = Packed::Offered;
+        // Whoever is asked again may wait for the one that will be there, not for the one that isn't.
+        if (isGone) *why = tableFailure;
+    }
+    changed.notify_all();
+    return true;
+}
+
+void ZqRemoteImage::notePlainCame() {
+    SxMutexBlock lock(&mutex);
+    plainCame = true;
 }
 
 ZqRemoteImage::Packed ZqRemoteImage::awaitUseless(const ZqStopTest& stop) {
