@@ -45,6 +45,15 @@ uint64 whenMade(const SxString& image) {
     return ZqVolume::findDisk(image, &disk) ? disk.madeNs : 0;
 }
 
+/// Whether the disk of that time is the image's no longer; false where the service doesn't say.
+bool hasGone(const SxString& image, uint64 madeNs) {
+    try {
+        return whenMade(image) != madeNs;
+    } catch (const SxException&) {
+        return false;
+    }
+}
+
 /// Ends a wait that didn't come to its state: with the service's reason, else as timed out.
 [[noreturn]] void raiseWait(const SxString& reason, const char* timeout, int line) {
     throw SxException(reason.isEmpty() ? SxString(timeout) : reason, UNIT, line);
@@ -200,6 +209,8 @@ void ZqMountMgr::ejectImage(const SxString& image) {
 
 bool ZqMountMgr::umountImage(const SxString& image, bool hardEject) {
     busy = false;
+    uint64 madeNs = 0;
+    bool isReleasing = false;
     try {
         if (!isMounted(image)) return true;
         if (ZqVolume::isForeign()) {
@@ -208,6 +219,7 @@ bool ZqMountMgr::umountImage(const SxString& image, bool hardEject) {
             ejectImage(image);
             return true;
         }
+        madeNs = whenMade(image);
         guardLogging(false);
         failOnUnderflow(image);
         if (isSuspended(image)) resume(image);
@@ -223,12 +235,18 @@ bool ZqMountMgr::umountImage(const SxString& image, bool hardEject) {
             throw SxException(e, "Failed to query mount point for image " + image, UNIT, __LINE__);
         }
         removeRegistryEntries();
-        const uint64 madeNs = whenMade(image);
+        isReleasing = true;
         const uint64 targetId = releaseVolume(image, removable);
         awaitEnd(image, targetId, madeNs);
         mntPoint = SxString();
         return true;
     } catch (const SxException& e) {
+        // Another client has taken it away. What is mounted there now, if anything, is somebody else's.
+        if (madeNs != 0 && hasGone(image, madeNs)) {
+            mntPoint = SxString();
+            if (!isReleasing) return true;
+            throw SxException(e, "Cannot umount image " + image, UNIT, __LINE__);
+        }
         zqLogMsg("base", "Image " + image + " is ejected, since its unmount failed: " + e.what());
         ejectImage(image);
         throw SxException(e, "Cannot umount image " + image, UNIT, __LINE__);

@@ -264,6 +264,19 @@ TEST(Unmount, EveryFailureEjects) {
         EXPECT_EQ(machine.elapsedMs(), 0);
         EXPECT_EQ(machine.driver.notes.back(), "ejectMedia E:");
     }
+    {
+        // Taken away, and mounted anew, while this one was about to begin.
+        Machine machine;
+        machine.mountAlone();
+        machine.driver.nextMadeNs = 2;
+        machine.driver.notes.clear();
+        machine.driver.onCall = [&](const std::string& name) {
+            if (name == "IsRemovable") machine.driver.releasedAt = machine.elapsedMs();
+        };
+        machine.driver.fail("IsRemovable", 1, "why");
+        EXPECT_TRUE(machine.mgr.umountImage(machine.image, false));
+        EXPECT_THAT(machine.driver.notes, testing::Not(testing::Contains("EjectImage")));
+    }
     for (const bool files : {true, false}) {
         Machine machine;
         machine.mountAlone();
