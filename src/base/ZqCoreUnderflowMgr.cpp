@@ -162,11 +162,10 @@ bool ZqCoreUnderflowMgr::isReadWaiting() {
     return isWaiting;
 }
 
-void ZqCoreUnderflowMgr::countUnderflow(int64 size) {
-    const int64 nowMs = steadyMs();
+void ZqCoreUnderflowMgr::countUnderflow(int64 size, int64 sinceMs) {
     const SxMutexBlock lock(&infoMutex);
     if (openMs != NEVER) return;
-    openMs = nowMs;
+    openMs = sinceMs;
     ++runtimeInfo.nUnderflows;
     runtimeInfo.maxUnderflowSize = std::max(runtimeInfo.maxUnderflowSize, size);
     updateMean(&runtimeInfo.avgUnderflowSize, runtimeInfo.nUnderflows, size);
@@ -273,7 +272,7 @@ void ZqCoreUnderflowMgr::checkInstantUnderflow() {
         eta = (size + rate - 1) / rate;
     }
     zqLogMsg("base", SxString(INSTANT) + "Critical instant underflow. ETA : " + eta);
-    countUnderflow(static_cast<int64>(size));
+    countUnderflow(static_cast<int64>(size), t0);
     for (int64 nRefused = 0; !stopRequested() && isReadWaiting();) {
         if (windowSearch) minimizeGhost();
         if (canFetch() && onDemand()) continue;
@@ -355,6 +354,7 @@ void ZqCoreUnderflowMgr::setUp() {
     driveGone = false;
     deliveredMs.removeAll();
     wants.removeAll();
+    edgeWaits.clear();
     batchTimes.resize(MAX_BATCH, true);
     const SxString reference = path + "/imgRef.zqf";
     if (SxFSAction::exists(reference)) {
@@ -464,7 +464,7 @@ bool ZqCoreUnderflowMgr::enterUnderflow() {
     }
     minimizedFlag = true;
     entered = true;
-    countUnderflow(static_cast<int64>(resumeIdx) - static_cast<int64>(nDownloaded()));
+    countUnderflow(static_cast<int64>(resumeIdx) - static_cast<int64>(nDownloaded()), steadyMs());
     instantMs = 0;
     if (appWindow != 0 && !isIconic(appWindow)) {
         underflowFlag = true;

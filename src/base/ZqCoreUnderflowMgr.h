@@ -12,6 +12,7 @@
 #include "ZqRuntimeInfo.h"
 
 #include <atomic>
+#include <map>
 #include <vector>
 
 class ZqCoreAppGuard;
@@ -123,9 +124,15 @@ private:
     class Fetch;
     /// A stretch that held reads want.
     struct Want {
+        int64 sinceMs = 0;      ///< a read has waited for it
         int64 reportedMs = 0;   ///< when the drive asked for it last
         int64 retryMs = 0;      ///< it isn't asked for before that
         bool hasFailed = false; ///< the last time
+    };
+
+    /// A block that a held read leaves to the ordered download.
+    struct EdgeWait {
+        int64 sinceMs = 0, reportedMs = 0;
     };
 
     /// Durations don't depend on the system's clock, which may jump.
@@ -162,8 +169,8 @@ private:
     /// Looks at the drive, and notes the time where a read waits.
     bool isReadWaiting();
     void resumeDrive();
-    /// Counts an underflow, unless it is one that was counted before and isn't over.
-    void countUnderflow(int64 size) SX_EXCLUDES(infoMutex);
+    /// Counts an underflow that began at `sinceMs`, unless it is one that was counted before and isn't over.
+    void countUnderflow(int64 size, int64 sinceMs) SX_EXCLUDES(infoMutex);
     /// Ends the underflow that was counted last, if it is open.
     void timeUnderflow() SX_EXCLUDES(infoMutex);
     bool isCountOpen() const SX_EXCLUDES(infoMutex);
@@ -190,8 +197,12 @@ private:
     /// Takes out of the wants what nobody asks for any more.
     void dropUnwanted(const Pass& pass);
     bool hasFailedWant() const;
-    /// Whether the download has brought nothing for a while.
-    bool standsStill(const Pass& pass);
+    /// Notes that a read waits for a block that the download is to bring; gives since when.
+    int64 noteEdgeWait(const Pass& pass, uint64 byteIdx);
+    /// Whether the download, which is about to bring a stretch, has kept a read waiting for too long.
+    bool isOverdue(const Pass& pass, uint64 offset, const Want& want) const;
+    /// Counts a read at the download's edge that has waited for so long.
+    void countOverdue(const Pass& pass);
     /// Whether a stretch was delivered and isn't to be fetched again yet.
     bool isDelivered(const Pass& pass, uint64 offset);
     /// Fetches all that is wanted, one after the other; gives how many have come.
@@ -199,7 +210,9 @@ private:
     bool callBack(const Pass& pass, const Source& source, uint64 offset);
     /// Begins to fetch what is wanted, as much as is worth having on the wire together.
     void beginFetches(const Pass& pass, const SxPtr<ZqODRDownloader>& from);
+    void beginFetch(const Pass& pass, const SxPtr<ZqODRDownloader>& from, uint64 offset, bool isApart);
     bool isUnderWay(uint64 offset) const;
+    bool isUnderWayApart(uint64 offset) const;
     /// Waits until a fetch has ended, but no longer than the drive is left alone.
     void awaitFetch() const;
     /// Hands over what has come; gives how many stretches.
@@ -248,9 +261,9 @@ private:
     uint64 queueLen = 0, passCount = 0;
     std::function<void()> edgeCall;
     int64 fetchedMs = 0; ///< when the last fetch ended
-    uint64 edgeIdx = 0;  ///< last byte of what is held and left to the download
-    uint64 stillIdx = 0; ///< where the download was at stillMs
-    int64 stillMs = 0;
+    uint64 edgeIdx = 0;  ///< byte that the download has to bring for what is held and left to it
+    std::map<uint64, EdgeWait> edgeWaits;   ///< by byte index
+    bool isEdgeCounted = false;             ///< the underflow that is open was counted by countOverdue()
     SxHashTable<uint64, int64> deliveredMs; ///< when, by the stretch's offset
     ZqAvg fetchTimes, fetchSizes, queueLens, requestIndices;
     /// Time for one fetch in passes of n + 1 fetches, ms.

@@ -6,6 +6,7 @@
 #include "ZqODRDownloader.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace {
 
@@ -22,8 +23,8 @@ constexpr int64 UNWANTED_MS = 300; ///< a drive asks ten times a second for what
 constexpr int64 MAX_DELIVERY = 409600;
 constexpr int64 AGAIN_MS = 1000; ///< what was delivered isn't fetched again within that
 constexpr int64 CALLBACK_LOOK_MS = 1;
-/// For so long the download may bring nothing to a reader at its edge.
-constexpr int64 STILL_MS = 3000;
+/// For so long a reader at the download's edge is left to that.
+constexpr int64 EDGE_MS = 3000;
 
 int64 whole(double value) {
     return static_cast<int64>(value);
@@ -93,8 +94,10 @@ bool ZqCoreUnderflowMgr::AsyncCallback::isFinished() const {
 /// A stretch on its way, on a thread of its own: one that the server is silent about holds up no other.
 class ZqCoreUnderflowMgr::Fetch : public SxSystemThread {
 public:
-    Fetch(const SxPtr<ZqODRDownloader>& from_, uint64 offset_, uint64 length_)
+    /// `isApart`: without the ordered download.
+    Fetch(const SxPtr<ZqODRDownloader>& from_, uint64 offset_, uint64 length_, bool isApart_)
         : offset(offset_),
+          isApart(isApart_),
           beginMs(steadyMs()),
           from(from_),
           length(length_) {
@@ -103,6 +106,7 @@ public:
     ~Fetch() override { wait(); }
 
     const uint64 offset;
+    const bool isApart;
     const int64 beginMs; ///< of steadyMs()
 
     // Once it has ended.
@@ -113,7 +117,7 @@ public:
 protected:
     void main() override {
         data.resize(static_cast<int64>(length));
-        code = from->onDemand(offset, length, data);
+        code = isApart ? from->onDemandAnew(offset, length, data) : from->onDemand(offset, length, data);
         if (code == 1) failure = from->getLastErrMsg();
     }
 
@@ -184,6 +188,8 @@ bool ZqCoreUnderflowMgr::onDemand() {
         }
         edgeIdx = 0;
         wants.removeAll();
+        edgeWaits.clear();
+        if (std::exchange(isEdgeCounted, false)) timeUnderflow();
         return true;
     } catch (const SxException& e) {
         zqLogMsg("base", e.toString(SxException::ShowMessage, "\n"));
@@ -215,6 +221,7 @@ bool ZqCoreUnderflowMgr::runPass() {
     }
     noteQueue();
     collect(pass);
+    countOverdue(pass);
     if (edgeCall && edgeIdx >= pass.nCurrent) edgeCall();
     int64 n = 0;
     if (source.downloader) {
@@ -226,8 +233,7 @@ bool ZqCoreUnderflowMgr::runPass() {
     }
     if (stopRequested()) return false;
     if (n > 0) noteResume();
-    if (hasFailedWant() || (entered && n == 0) ||
-        (wants.getSize() == 0 && n == 0 && (isMinimized() || standsStill(pass)))) {
+    if (hasFailedWant() || (entered && n == 0) || (wants.getSize() == 0 && n == 0 && isMinimized())) {
         resumeIdx = std::max<uint64>(resumeIdx, edgeIdx);
         return false;
     }
@@ -251,7 +257,6 @@ void ZqCoreUnderflowMgr::noteQueue() {
 }
 
 void ZqCoreUnderflowMgr::collect(const Pass& pass) {
-    const bool isStanding = standsStill(pass);
     for (const uint64 byteIdx : popQueue(MAX_INDICES)) {
         const uint64 aligned = byteIdx / REQUEST_SIZE * REQUEST_SIZE;
         if (aligned > pass.nTotal) {
@@ -261,14 +266,18 @@ void ZqCoreUnderflowMgr::collect(const Pass& pass) {
         // A block behind the image's end: no bytes of the image could resolve it.
         if (byteIdx >= pass.nTotal) continue;
         resumeIdx = std::max<uint64>(resumeIdx, aligned);
-        // The ordered download has it, or is about to. One that stands in the middle of a stretch, for want
-        // of room on the disk, say, may never bring the rest.
-        if (aligned < pass.nCurrent && (byteIdx < pass.nCurrent || !isStanding)) {
-            edgeIdx = std::max(edgeIdx, std::min(byteIdx + BLOCK, pass.nTotal) - 1);
-            continue;
+        int64 sinceMs = pass.t0;
+        if (aligned < pass.nCurrent) {
+            // The ordered download has it, or is about to. One that stands in the middle of a stretch, for
+            // want of room on the disk, say, may never bring the rest, and a slow one not before long.
+            sinceMs = noteEdgeWait(pass, byteIdx);
+            if (pass.t0 - sinceMs < EDGE_MS) continue;
         }
-        if (!wants.containsKey(aligned) && isDelivered(pass, aligned)) continue;
-        wants(aligned).reportedMs = pass.t0;
+        if (wants.containsKey(aligned)) {
+            wants(aligned).reportedMs = pass.t0;
+        } else if (!isDelivered(pass, aligned)) {
+            wants(aligned) = {sinceMs, pass.t0};
+        }
     }
     dropUnwanted(pass);
 }
@@ -277,18 +286,33 @@ void ZqCoreUnderflowMgr::dropUnwanted(const Pass& pass) {
     for (const uint64 offset : wants.getKeys()) {
         if (pass.t0 - wants(offset).reportedMs > UNWANTED_MS) wants.removeKey(offset);
     }
+    std::erase_if(edgeWaits,
+                  [&](const auto& wait) { return pass.t0 - wait.second.reportedMs > UNWANTED_MS; });
 }
 
 bool ZqCoreUnderflowMgr::hasFailedWant() const {
     return std::any_of(wants.begin(), wants.end(), [](const auto& want) { return want.second.hasFailed; });
 }
 
-bool ZqCoreUnderflowMgr::standsStill(const Pass& pass) {
-    if (pass.nCurrent != stillIdx || stillMs == 0) {
-        stillIdx = pass.nCurrent;
-        stillMs = pass.t0;
+int64 ZqCoreUnderflowMgr::noteEdgeWait(const Pass& pass, uint64 byteIdx) {
+    // The drive has a block only with the next one where what is there doesn't end with a block.
+    edgeIdx = std::max(edgeIdx, std::min((byteIdx / BLOCK + 2) * BLOCK, pass.nTotal) - 1);
+    EdgeWait& wait = edgeWaits.try_emplace(byteIdx, EdgeWait{pass.t0, 0}).first->second;
+    wait.reportedMs = pass.t0;
+    return wait.sinceMs;
+}
+
+bool ZqCoreUnderflowMgr::isOverdue(const Pass& pass, uint64 offset, const Want& want) const {
+    return offset <= pass.nCurrent + REQUEST_SIZE && pass.t0 - want.sinceMs >= EDGE_MS;
+}
+
+void ZqCoreUnderflowMgr::countOverdue(const Pass& pass) {
+    for (const auto& [offset, want] : wants) {
+        if (!isOverdue(pass, offset, want)) continue;
+        const uint64 end = std::max(offset + pass.lengthAt(offset), pass.nCurrent);
+        countUnderflow(static_cast<int64>(end - pass.nCurrent), want.sinceMs);
+        isEdgeCounted = true;
     }
-    return pass.t0 - stillMs >= STILL_MS;
 }
 
 bool ZqCoreUnderflowMgr::isDelivered(const Pass& pass, uint64 offset) {
@@ -355,6 +379,11 @@ bool ZqCoreUnderflowMgr::isUnderWay(uint64 offset) const {
                        [&](const SxPtr<Fetch>& fetch) { return fetch->offset == offset; });
 }
 
+bool ZqCoreUnderflowMgr::isUnderWayApart(uint64 offset) const {
+    return std::any_of(fetches.begin(), fetches.end(),
+                       [&](const SxPtr<Fetch>& fetch) { return fetch->offset == offset && fetch->isApart; });
+}
+
 void ZqCoreUnderflowMgr::beginFetches(const Pass& pass, const SxPtr<ZqODRDownloader>& from) {
     // One that the server is silent about takes the place of no other.
     const int64 nFresh = std::count_if(fetches.begin(), fetches.end(), [&](const SxPtr<Fetch>& fetch) {
@@ -363,19 +392,25 @@ void ZqCoreUnderflowMgr::beginFetches(const Pass& pass, const SxPtr<ZqODRDownloa
     const int64 nFree = std::min(GROUP - nFresh, MAX_FETCHES - static_cast<int64>(fetches.size()));
     SxArray<uint64> group, lengths;
     for (const auto& [offset, want] : wants) {
-        if (group.getSize() >= nFree) break;
-        if (want.retryMs > pass.t0 || isUnderWay(offset)) continue;
-        group.append(offset);
-        lengths.append(pass.lengthAt(offset));
+        if (want.retryMs > pass.t0) continue;
+        if (isOverdue(pass, offset, want)) {
+            if (!isUnderWayApart(offset)) beginFetch(pass, from, offset, true);
+        } else if (group.getSize() < nFree && !isUnderWay(offset)) {
+            group.append(offset);
+            lengths.append(pass.lengthAt(offset));
+        }
     }
-    if (group.getSize() == 0) return;
     // All are on the wire together, so that the round trip is paid once.
     if (group.getSize() > 1) from->announce(group, lengths);
-    for (int64 i = 0; i < group.getSize(); ++i) {
-        const auto fetch = SxPtr<Fetch>::create(from, group(i), lengths(i));
-        fetch->start();
-        fetches.push_back(fetch);
-    }
+    for (const uint64 offset : group)
+        beginFetch(pass, from, offset, false);
+}
+
+void ZqCoreUnderflowMgr::beginFetch(const Pass& pass, const SxPtr<ZqODRDownloader>& from, uint64 offset,
+                                    bool isApart) {
+    const auto fetch = SxPtr<Fetch>::create(from, offset, pass.lengthAt(offset), isApart);
+    fetch->start();
+    fetches.push_back(fetch);
 }
 
 void ZqCoreUnderflowMgr::awaitFetch() const {
@@ -399,6 +434,9 @@ int64 ZqCoreUnderflowMgr::deliverFetches(const Pass& pass, const ZqODRDownloader
         fetch->wait();
         // What the drive has refused goes, too: it is kept elsewhere.
         at = fetches.erase(at);
+        // The same one may have come in the other way.
+        const int64* deliveredAt = deliveredMs.findPos(fetch->offset);
+        if (deliveredAt && *deliveredAt >= fetch->beginMs && !wants.containsKey(fetch->offset)) continue;
         noteFailed(fetch->offset);
         if (!deliver(pass, from, *fetch)) continue;
         noteFetched(fetch->offset);

@@ -98,6 +98,11 @@ int ZqODRDownloader::onDemand(uint64 offset, uint64 size, SxArray<char>& data) c
     return zqNetioDownloadRange(offset, size, &storage, this);
 }
 
+int ZqODRDownloader::onDemandAnew(uint64 offset, uint64 size, SxArray<char>& data) const {
+    char* storage = data.data();
+    return zqNetioDownloadAnew(offset, size, &storage, this);
+}
+
 int ZqODRDownloader::onDemandCallback(uint64 offset, uint64 size, char** data, void* user) {
     return zqNetioDownloadRange(offset, size, data, user);
 }

@@ -132,6 +132,12 @@ TEST_F(OdrDownloader, takesItsBytesFromAnOfferedImage) {
         EXPECT_EQ(downloader.onDemand(204'800, 204'800, data), 0);
         EXPECT_TRUE(text(data) == part(204'800, 204'800));
         EXPECT_EQ(image->getFigures().nOnDemand, 204'800u);
+        // Anew, whatever is kept of it, also over the border of two stretches.
+        const uint64 nRequests = server.getNRequests();
+        SxArray<char> anew(1000);
+        EXPECT_EQ(downloader.onDemandAnew(409'100, 1000, anew), 0);
+        EXPECT_TRUE(text(anew) == part(409'100, 1000));
+        EXPECT_GE(server.getNRequests(), nRequests + 2);
         // One downloader's stop is none for the image.
         downloader.cancel();
         EXPECT_EQ(downloader.onDemand(409'600, 1, data), 1);

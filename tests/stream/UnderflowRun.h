@@ -122,6 +122,11 @@ public:
         return bytes;
     }
 
+    /// What was asked of the network last.
+    std::string lastNote() {
+        const std::lock_guard lock(net.notesMutex);
+        return net.notes.back();
+    }
     std::vector<std::string> log() {
         const std::lock_guard lock(logMutex);
         return lines;

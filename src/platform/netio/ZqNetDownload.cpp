@@ -4,6 +4,8 @@
 #include "SxFileIO.h"
 #include "ZqRangeReader.h"
 
+#include <algorithm>
+
 namespace {
 
 constexpr const char* UNIT = "src/platform/netio/ZqNetDownload";
@@ -123,6 +125,21 @@ void ZqNetDownload::read(uint64 offset, uint64 size, char* buffer) {
         source.file->finish(reader.getPtr(), size, buffer, stopTest());
     } else {
         source.file->read(offset, size, buffer, stopTest());
+    }
+}
+
+void ZqNetDownload::readAnew(uint64 offset, uint64 size, char* buffer) {
+    const Source source = getSource();
+    if (!source.image) {
+        source.file->read(offset, size, buffer, stopTest());
+        return;
+    }
+    constexpr uint64 STRETCH = ZqRemoteImage::STRETCH;
+    for (const uint64 end = offset + size; offset < end;) {
+        const SxPtr<SxArray<char>> bytes = source.image->fetchAnew(offset / STRETCH, stopTest());
+        const uint64 n = std::min(end - offset, STRETCH - offset % STRETCH);
+        buffer = std::copy_n(bytes->data() + offset % STRETCH, n, buffer);
+        offset += n;
     }
 }
 

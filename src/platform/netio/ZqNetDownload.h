@@ -20,6 +20,8 @@ public:
     void cancel(bool on) noexcept { cancelled.store(on); }
 
     void read(uint64 offset, uint64 size, char* buffer);
+    /// By requests of its own, whatever there is of it.
+    void readAnew(uint64 offset, uint64 size, char* buffer);
     void announce(const SxArray<uint64>& offsets, const SxArray<uint64>& sizes);
     void forget(uint64 offset, uint64 size);
 

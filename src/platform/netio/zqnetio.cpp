@@ -142,6 +142,10 @@ ZqNetioStatus zqNetioDownloadRange(uint64 offset, uint64 size, char** data, cons
     return withDownload(download, [&](ZqNetDownload& object) { object.read(offset, size, *data); });
 }
 
+ZqNetioStatus zqNetioDownloadAnew(uint64 offset, uint64 size, char** data, const void* download) {
+    return withDownload(download, [&](ZqNetDownload& object) { object.readAnew(offset, size, *data); });
+}
+
 ZqNetioStatus zqNetioDownloadRanges(const uint64* offsets, const uint64* sizes, char* const* data,
                                     uint64 count, const void* download) {
     return withDownload(download, [&](ZqNetDownload& object) {

@@ -47,7 +47,9 @@ ZqNetioStatus zqNetioDownloadGetErrMsg(const void* download, char* buffer, uint6
 
 /// Blocks until `size` bytes from `offset` on are in `*data`, whose room the caller has made.
 ZqNetioStatus zqNetioDownloadRange(uint64 offset, uint64 size, char** data, const void* download);
-/// The same for `count` ranges, fetched together.
+/// The same by requests of its own, whatever is kept of the range, or on its way with a whole download.
+ZqNetioStatus zqNetioDownloadAnew(uint64 offset, uint64 size, char** data, const void* download);
+/// As zqNetioDownloadRange(), for `count` ranges, fetched together.
 ZqNetioStatus zqNetioDownloadRanges(const uint64* offsets, const uint64* sizes, char* const* data,
                                     uint64 count, const void* download);
 /// Begins to fetch ranges that zqNetioDownloadRange() will then ask for; returns at once.

@@ -16,6 +16,13 @@ ZqNetioStatus note(const std::string& text) {
     return 0;
 }
 
+ZqNetioStatus fetch(const std::string& how, uint64 offset, uint64 size, char* data) {
+    ScriptedNetio& net = ScriptedNetio::get();
+    note(how + " " + std::to_string(offset) + " " + std::to_string(size));
+    if (SxWait::pass(net.latencyMs, [&] { return net.cancelled.load(); })) return 1;
+    return net.fetch ? net.fetch(offset, size, data) : 1;
+}
+
 } // namespace
 
 ScriptedNetio::ScriptedNetio() {
@@ -86,10 +93,10 @@ ZqNetioStatus zqNetioDownloadGetErrMsg(const void*, char* buffer, uint64* length
     return 0;
 }
 ZqNetioStatus zqNetioDownloadRange(uint64 offset, uint64 size, char** data, const void*) {
-    ScriptedNetio& net = ScriptedNetio::get();
-    note("range " + std::to_string(offset) + " " + std::to_string(size));
-    if (SxWait::pass(net.latencyMs, [&] { return net.cancelled.load(); })) return 1;
-    return net.fetch ? net.fetch(offset, size, *data) : 1;
+    return fetch("range", offset, size, *data);
+}
+ZqNetioStatus zqNetioDownloadAnew(uint64 offset, uint64 size, char** data, const void*) {
+    return fetch("anew", offset, size, *data);
 }
 ZqNetioStatus zqNetioDownloadRanges(const uint64*, const uint64*, char* const*, uint64, const void*) {
     return 1;
