@@ -236,9 +236,22 @@ void ZqImageRecords::requireParams(const SxString& file, const ZqAppParams& app)
     }
 }
 
+/// One that is damaged counts as missing, since the server has it, too.
+bool ZqImageRecords::hasParams(const ZqAppParams& app) const {
+    const SxString file = folder + ZqImageFiles::IMAGE_JSON;
+    if (!SxFSAction::test_f(file)) return false;
+    try {
+        requireParams(file, app);
+        return true;
+    } catch (const SxException& e) {
+        zqLogMsg("base", "'" + file + "' is fetched anew: " + e.toString(SxException::ShowMessage, ": "));
+        return false;
+    }
+}
+
 void ZqImageRecords::fetchRest(const ZqAppParams& app, const ZqStopTest& stop) {
     Fetch paramsFetch([&] { fetchParams(app, stop); });
-    if (!SxFSAction::test_f(folder + ZqImageFiles::IMAGE_JSON)) paramsFetch.start();
+    if (!hasParams(app)) paramsFetch.start();
     fetchMap(app, stop);
     paramsFetch.finish();
 }

@@ -53,6 +53,7 @@ private:
     SxString fetchDigest(bool isFresh, bool isTurn, const ZqStopTest& stop) const;
     /// Raises with the tag WRONG where what came as this record is a page for a browser.
     void requireNoPage(const SxString& text, const char* name) const;
+    bool hasParams(const ZqAppParams& app) const;
     void requireParams(const SxString& file, const ZqAppParams& app) const;
     /// The server's `app.json`, and what it was read from. One that is of another version than `own`, where
     /// that is given, is asked for twice. Nothing is written, so a full disk is no matter.

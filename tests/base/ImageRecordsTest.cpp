@@ -213,6 +213,26 @@ TEST(ImageRecords, haveTheMapThatItsOwnDigestIsOf) {
     }
 }
 
+TEST(ImageRecords, thatWereDamagedHereAreFetchedAnew) {
+    TempDir dir;
+    TestRandom random;
+    const TestImage game(random, 40);
+    game.write(dir.prefix() + "served/");
+    ZqFileServer server(dir.prefix() + "served/");
+    server.start();
+    for (const char* name : {"img.json", "img.idx"}) {
+        SCOPED_TRACE(name);
+        std::filesystem::remove_all(dir.path("game"));
+        std::filesystem::copy(dir.path("served"), dir.path("game"));
+        dir.write(std::string("game/") + name, "{\"cut");
+        ZqImageRecords records(SxPtr<ZqNetLink>::create(quickSettings()), dir.prefix() + "game",
+                               server.getUrl(), {});
+        bool isConfirmed = false;
+        records.fetchRest(records.fetchApp(false, &isConfirmed, nullptr), nullptr);
+        EXPECT_TRUE(dir.read(std::string("game/") + name) == dir.read(std::string("served/") + name));
+    }
+}
+
 // Whoever can play waits some seconds for the server's word, and anybody else as long as it takes.
 TEST(ImageRecords, holdUpNoStartThatNeedsNone) {
     TempDir dir;
