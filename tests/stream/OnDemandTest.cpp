@@ -333,6 +333,28 @@ TEST(OnDemand, WhatFailsIsToldAndTriedAgain) {
     }
 }
 
+TEST(OnDemand, WhatIsRefusedIsAskedForOnceASecond) {
+    for (const bool isDownload : {true, false}) {
+        for (const bool hasWindow : {true, false}) {
+            SCOPED_TRACE(testing::Message() << isDownload << hasWindow);
+            UnderflowRun run;
+            run.make(!isDownload);
+            if (isDownload) run.mgr->setDownloadParams("http://host/img.zqf", {});
+            run.mgr->setWindowSearch(hasWindow);
+            std::atomic<int64> n{0};
+            run.script = run.net.fetch = [&](uint64, uint64, char*) {
+                ++n;
+                return 1;
+            };
+            run.driver.queue = {60, 61};
+            run.launch();
+            run.sleep(10'000);
+            EXPECT_NEAR(static_cast<double>(n.load()), 10, 1);
+            EXPECT_NEAR(static_cast<double>(run.nLogged("On demand callback failed")), 10, 1);
+        }
+    }
+}
+
 TEST(OnDemand, ACallOfTheDriverMayFailInAPass) {
     struct Case {
         const char* call;
