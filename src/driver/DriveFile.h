@@ -32,6 +32,8 @@ public:
     int64 readAt(void* buffer, uint64 n, uint64 offset) const;
     /// Gives 0 where all `n` bytes are written, else an errno value.
     int writeAt(const void* buffer, uint64 n, uint64 offset) const;
+    /// Has the next sync() bring these bytes to the disk in steps, too, whoever wrote them.
+    void noteWritten(uint64 begin, uint64 end) const;
     /// Gives 0 or an errno value.
     int sync() const;
     /// Grows with the bytes that a sync() under way has brought to the disk. Also, while a write or a sync is
@@ -48,7 +50,6 @@ public:
 
 private:
     void take(int opened);
-    void noteWritten(uint64 begin, uint64 end) const;
     int writeBackInSteps() const;
     void lookAtDevice() const;
 

@@ -26,6 +26,11 @@ VirtualDisk::VirtualDisk(const Config& config, Wake wake_)
     zqfSize = zqf.getSize();
     noteEnd(cfg.cursor);
     if (cfg.readOnly) return;
+    if (inPlace) {
+        // A killed service may have written what isn't on the disk yet, and is relied on after a sync.
+        zqf.noteWritten(0, zqfSize);
+        zqfDirty = true;
+    }
     if (cfg.writeLayer) {
         layer.create();
     } else {

@@ -81,11 +81,11 @@ void WriteLayer::load() {
     if (tixEnd < size) {
         notice = "'" + SxString(tix.getPath()) + "': " + (size - tixEnd) +
                  " bytes behind the last whole record don't count; they were never synced";
-        int status = readOnly ? 0 : SxOs::get().truncate(tix.getFd(), static_cast<int64>(tixEnd));
         // They must not come to life behind records that are appended from here on.
-        if (status == 0 && !readOnly) status = -tix.sync();
+        const int status = readOnly ? 0 : SxOs::get().truncate(tix.getFd(), static_cast<int64>(tixEnd));
         if (status < 0) tix.raise("Cannot cut", status, UNIT, __LINE__);
     }
+    if (!readOnly) makeDurable();
     const auto nUsed = static_cast<uint64>(std::count(found.used.begin(), found.used.end(), true));
     compactAt = LEAST_TO_COMPACT + 2 * (nUsed + found.nZeros) * sizeof(Record);
     {
@@ -100,6 +100,23 @@ void WriteLayer::load() {
     if (tmp.getSize() > found.used.size() * BLOCK_SIZE)
         SxOs::get().truncate(tmp.getFd(), static_cast<int64>(found.used.size() * BLOCK_SIZE));
     reserve();
+}
+
+/// What a killed service has written counts from here on, and need not be on the disk yet: slots that these
+/// records free are used for something else, and whoever reads these bytes may sync and rely on them.
+void WriteLayer::makeDurable() {
+    if (const int error = tix.sync()) tix.raise("Cannot bring to the disk", error, UNIT, __LINE__);
+    if (syncNames() != 0) throw SxException(getFailure(), UNIT, __LINE__);
+    if (!tmp.isOpen()) return;
+    tmp.noteWritten(0, tmp.getSize());
+    dirty = true;
+}
+
+/// Gives 0 or an errno value.
+int WriteLayer::syncNames() {
+    const int error = folder.sync();
+    if (!error) return 0;
+    return fail("Cannot bring the names in '" + SxString(folder.getPath()) + "' to the disk", error);
 }
 
 /// Gives where the records begin; 0 where the file was cut ahead of its first sync.
@@ -392,9 +409,7 @@ int WriteLayer::syncInTurn() {
         }
     }
     if (namesPending) {
-        if (const int error = folder.sync()) {
-            return fail("Cannot bring the names in '" + SxString(folder.getPath()) + "' to the disk", error);
-        }
+        if (const int error = syncNames()) return error;
         namesPending = false;
     }
     if (const int error = appendBatch(&batch)) return error;

@@ -117,6 +117,8 @@ private:
     static bool isZeros(const Record& record);
     static Record makeRecord(RawIdx rawIdx, SlotIdx slot);
     void load() SX_REQUIRES(changing);
+    void makeDurable() SX_REQUIRES(changing);
+    int syncNames();
     uint64 readHeader(uint64 size) SX_REQUIRES(changing);
     uint64 readIdentity(uint64 size) const;
     void readAll(void* to, uint64 n, uint64 offset) const;

@@ -128,11 +128,8 @@ void WriteLayer::replaceIndex(DriveFile* next, uint64 end) {
     tixReserved = 0;
     isFormer = false;
     compactAt = LEAST_TO_COMPACT + 2 * end;
-    if (const int error = folder.sync()) {
-        // Which of the two indices a cut would leave isn't known, so neither may be added to.
-        fail("Cannot bring the names in '" + SxString(folder.getPath()) + "' to the disk", error);
-        throw SxException(getFailure(), UNIT, __LINE__);
-    }
+    // Which of the two indices a cut would leave isn't known otherwise, so neither may be added to.
+    if (syncNames() != 0) throw SxException(getFailure(), UNIT, __LINE__);
 }
 
 void WriteLayer::freeMoved(const Target& target) {

@@ -20,9 +20,10 @@ public:
     }
 
     /// Ends at the first failure. A flush counts as a sync.
-    void run(Mode mode, int nSteps) {
+    void run(Mode mode, int nSteps, bool syncsFirst = false) {
         try {
             Drive drive(image, mode);
+            if (syncsFirst && !sync(&drive)) return;
             for (int n = 0; n < nSteps; ++n) {
                 if (!step(&drive)) return;
             }
@@ -31,7 +32,8 @@ public:
         }
     }
 
-    std::string findLoss(Mode mode) {
+    /// `isSettled`: what is found is durable.
+    std::string findLoss(Mode mode, bool isSettled = true) {
         Drive drive(image, mode);
         for (uint64 rawIdx = 0; rawIdx < image.nRaw(); ++rawIdx) {
             const std::string block = drive.read(rawIdx);
@@ -40,20 +42,25 @@ public:
                 return "RAW block " + std::to_string(rawIdx) + " has none of its " +
                        std::to_string(versions.size()) + " versions: " + block.substr(0, 20);
             }
-            versions = {block};
+            if (isSettled) versions.clear();
+            versions.push_back(block);
         }
         return "";
     }
 
 private:
+    bool sync(Drive* drive) {
+        if (drive->disk.sync() != 0) return false;
+        settle();
+        return true;
+    }
     bool step(Drive* drive) {
         const uint64 kind = random.below(20);
         if (kind == 0) {
             if (!failureOf([&] { drive->disk.flushLayer(); }).empty()) return false;
             settle();
         } else if (kind < 4) {
-            if (drive->disk.sync() != 0) return false;
-            settle();
+            return sync(drive);
         } else if (kind < 9) {
             const uint64 rawIdx = random.below(image.nRaw());
             const uint64 n = std::min(random.between(1, 6), image.nRaw() - rawIdx);
@@ -106,6 +113,33 @@ TEST_P(WriteLayerCut, AtAnyStepKeepsWhatIsSynced) {
         if (!wasCut && cutAt > 60) break;
     }
     EXPECT_GT(nCuts, 10);
+}
+
+// What is read is durable by the next sync, whoever wrote it; and until then nothing takes its place.
+TEST_P(WriteLayerCut, AfterAKillKeepsWhatIsSynced) {
+    TestRandom random(18);
+    TRACE_SEED(random);
+    int64 nKills = 0;
+    for (int i = 0; i < 200; ++i) {
+        const auto killAt = static_cast<int64>(random.between(1, 30));
+        DriveImage image(random, 24, 0.6, "watched/", TempDir::inMemory());
+        image.put(0, image.nZqf, false);
+        FaultOs os(image.dir.path("watched"));
+        Writer writer(image, &random);
+        os.cutPowerAt(killAt);
+        writer.run(GetParam(), 60);
+        nKills += os.isCut();
+        os.revive();
+        ASSERT_EQ(writer.findLoss(Mode::Ro, false), "") << "killed at step " << killAt;
+        const auto cutAfter = static_cast<int64>(random.between(1, 8));
+        os.cutPowerAt(os.getNSteps() + cutAfter);
+        writer.run(GetParam(), 30, random.chance(0.5));
+        std::mt19937_64 chance(static_cast<uint64>(i));
+        os.crash(i % 2 ? &chance : nullptr);
+        ASSERT_EQ(writer.findLoss(GetParam()), "")
+            << "killed at step " << killAt << ", cut " << cutAfter << " later";
+    }
+    EXPECT_GT(nKills, 100);
 }
 
 INSTANTIATE_TEST_SUITE_P(Modes, WriteLayerCut, testing::Values(Mode::Rtw, Mode::Rw));

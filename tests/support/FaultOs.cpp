@@ -82,6 +82,12 @@ bool FaultOs::isCut() const {
     return cut;
 }
 
+void FaultOs::revive() {
+    const std::lock_guard lock(mutex);
+    cutStep.reset();
+    cut = false;
+}
+
 void FaultOs::crash(std::mt19937_64* random) {
     const std::lock_guard lock(mutex);
     if (!openFiles.empty())

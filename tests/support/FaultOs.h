@@ -77,6 +77,8 @@ public:
     /// Cuts the power ahead of that durable step: it and everything after it fails with EIO and does nothing.
     void cutPowerAt(int64 step);
     bool isCut() const;
+    /// Goes on where cutPowerAt() has cut, with nothing lost: as if only the process had been killed there.
+    void revive();
     /// Leaves the folder as a power cut would, and turns the power on again. With `random` some of what was
     /// pending survives.
     void crash(std::mt19937_64* random = nullptr);
