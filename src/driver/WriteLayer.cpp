@@ -68,6 +68,7 @@ WriteLayer::WriteLayer(const std::string& folder_, BlockMap* map_, bool readOnly
 void WriteLayer::load() {
     const uint64 size = tix.getSize();
     Found found;
+    found.hasHome.resize(map->nRaw());
     tixEnd = readHeader(size);
     if (tixEnd > 0) tixEnd = readRecords(tixEnd, size, &found);
     while (!found.used.empty() && !found.used.back())
@@ -86,8 +87,7 @@ void WriteLayer::load() {
         if (status < 0) tix.raise("Cannot cut", status, UNIT, __LINE__);
     }
     if (!readOnly) makeDurable();
-    const auto nUsed = static_cast<uint64>(std::count(found.used.begin(), found.used.end(), true));
-    compactAt = LEAST_TO_COMPACT + 2 * (nUsed + found.nZeros) * sizeof(Record);
+    compactAt = LEAST_TO_COMPACT + 2 * countLive(found) * sizeof(Record);
     {
         const SxMutexBlock lock(&mutex);
         nSlots = found.used.size();
@@ -186,9 +186,9 @@ void WriteLayer::adoptRecord(RawIdx rawIdx, SlotIdx slot, Found* found) {
                           UNIT, __LINE__);
     };
     if (rawIdx.value >= map->nRaw()) refuse("a block beyond the disk");
+    if (old.isStored()) found->hasHome[rawIdx.value] = true;
     if (slot == ZEROS) {
         if (old.isSlot()) (*used)[old.slot().value] = false;
-        if (!old.isNothing()) ++found->nZeros;
         return map->set(rawIdx, BlockMap::NONE);
     }
     if (slot.value >= map->nRaw() + SPARE_SLOTS) refuse("a slot that can't have been given out");
@@ -197,6 +197,16 @@ void WriteLayer::adoptRecord(RawIdx rawIdx, SlotIdx slot, Found* found) {
     if (old.isSlot()) refuse("a block twice");
     (*used)[slot.value] = true;
     map->set(rawIdx, slot);
+}
+
+/// Records that an index written anew would have.
+uint64 WriteLayer::countLive(const Found& found) const {
+    auto n = static_cast<uint64>(std::count(found.used.begin(), found.used.end(), true));
+    for (uint64 i = 0; i < found.hasHome.size(); ++i) {
+        // Others read as zeros without a record, too.
+        if (found.hasHome[i] && map->get({i}).isNothing()) ++n;
+    }
+    return n;
 }
 
 void WriteLayer::create() {

@@ -101,8 +101,8 @@ private:
     };
     /// What load() has found.
     struct Found {
-        std::vector<bool> used; ///< by slot
-        uint64 nZeros = 0;      ///< blocks that read as zeros
+        std::vector<bool> used;    ///< by slot
+        std::vector<bool> hasHome; ///< by RAW index: a block of the layer that the image has, too
     };
     /// What flush() does with one block.
     struct Move {
@@ -124,6 +124,7 @@ private:
     void readAll(void* to, uint64 n, uint64 offset) const;
     uint64 readRecords(uint64 at, uint64 size, Found* found);
     void adoptRecord(RawIdx rawIdx, SlotIdx slot, Found* found);
+    uint64 countLive(const Found& found) const;
     int writeBlocks(RawIdx first, uint64 n, const char* data);
     uint64 enterWriter();
     void leaveWriter(uint64 epoch);

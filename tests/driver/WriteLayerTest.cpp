@@ -204,6 +204,33 @@ TEST(WriteLayer, GivesDiscardedRoomBackAndUsesItAgain) {
     EXPECT_LE(std::filesystem::file_size(image.path("img.tmp")), (N + RESERVED) * BLOCK_SIZE);
 }
 
+TEST(WriteLayer, AnIndexDoesntGrowFromMountToMount) {
+    TestRandom random(24);
+    constexpr uint64 N = 8000, N_KEPT = 500, RECORD = 16, LEAST = 1 << 20;
+    const DriveImage image(random, N, 0.2);
+    image.put(0, image.nZqf, false);
+    const auto block = [](uint64 rawIdx) {
+        return std::string(BLOCK_SIZE, static_cast<char>('a' + rawIdx % 20));
+    };
+    for (int mount = 0; mount < 12; ++mount) {
+        Drive drive(image, Mode::Rtw);
+        ASSERT_EQ(drive.disk.sync(), 0);
+        // The blocks that read as zeros and that the image has, and those that stay written.
+        EXPECT_LE(std::filesystem::file_size(image.path("img.tix")),
+                  LEAST + 2 * (N / 5 + N_KEPT + N / 20) * RECORD)
+            << "mount " << mount;
+        for (uint64 rawIdx = 0; rawIdx < N - 1; ++rawIdx)
+            ASSERT_EQ(drive.write(rawIdx, block(rawIdx)), 0);
+        ASSERT_EQ(drive.disk.sync(), 0);
+        ASSERT_EQ(drive.discard(N_KEPT, N - N_KEPT), 0);
+    }
+    Drive drive(image, Mode::Ro);
+    for (uint64 rawIdx = 0; rawIdx < N - 1; ++rawIdx) {
+        ASSERT_TRUE(drive.read(rawIdx) == (rawIdx < N_KEPT ? block(rawIdx) : std::string(BLOCK_SIZE, '\0')))
+            << rawIdx;
+    }
+}
+
 TEST(WriteLayer, WhatAFullDiskHasRefusedOnceIsNoFailureLater) {
     TestRandom random(23);
     constexpr uint64 N = 400;
