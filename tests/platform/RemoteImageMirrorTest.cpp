@@ -224,3 +224,32 @@ TEST(RemoteImageTable, thatStatesItsImageReplacesOneThatDoesnt) {
     };
     EXPECT_TRUE(SxWait::pass(5000, reads));
 }
+
+// What the old one has told to be right: kept for the stream, and brought by it.
+TEST(RemoteImageTable, thatReplacesAnotherLeavesNothingAsChecked) {
+    TestRandom random;
+    const uint64 size = 8 * STRETCH + 678;
+    const std::string zqf = random.bytes(size), other = random.bytes(size);
+    const SxString digest = SxMd5::get(SxString(zqf));
+    const std::string stale = PackedImage(other).bytes(),
+                      right = PackedImage(zqf, true, digest.str()).bytes();
+    std::atomic<bool> isReplaced{false};
+    const ScriptedServer server([&](const std::string& request) {
+        const bool isPacked = request.find("img.zqf.zst") != std::string::npos;
+        return ScriptedServer::ranged(request, !isPacked ? zqf : isReplaced ? right : stale);
+    });
+    ZqRemoteImage image(SxPtr<ZqNetLink>::create(quickSettings()), SxString(server.url()), size, {},
+                        ZqRemoteImage::MAX_KEPT, digest);
+    ASSERT_TRUE(image.awaitTable());
+    image.stream(0, [&](const char*, int64) { return false; });
+    for (const uint64 idx : {uint64{0}, uint64{4}})
+        EXPECT_TRUE(readOf(image, idx * STRETCH, STRETCH) == other.substr(idx * STRETCH, STRETCH));
+    isReplaced = true;
+    // What is of neither table leads to a look at the file.
+    EXPECT_TRUE(SxWait::pass(5'000, [&] {
+        return failureOf([&] { image.fetchAnew(6); }).empty() &&
+               readOf(image, 6 * STRETCH, STRETCH) == zqf.substr(6 * STRETCH, STRETCH);
+    }));
+    for (const uint64 idx : {uint64{0}, uint64{4}})
+        EXPECT_TRUE(readOf(image, idx * STRETCH, STRETCH) == zqf.substr(idx * STRETCH, STRETCH)) << idx;
+}

@@ -130,6 +130,9 @@ private:
     /// `isStated` where its file says so itself. False where it has other checksums than the one that is
     /// known, and is of something else: nothing changes.
     bool takeTable(const SxPtr<ZqSeekTable>& table_, bool isStated);
+    /// What was right by a table that another one has taken the place of is compared again before it is used;
+    /// what the stream has brought is no longer given.
+    void doubtKept() SX_REQUIRES(mutex);
     /// What is known of the image stays, whatever becomes of its packed form.
     void setState(Packed state_);
     /// The packed form is of no use, for now: all goes on with the plain one.
@@ -263,7 +266,7 @@ private:
     uint64 nInMemory SX_GUARDED_BY(mutex) = 0;         ///< kept stretches that aren't null
     std::deque<uint64> unstored SX_GUARDED_BY(mutex);  ///< kept stretches that the store is to get
     std::list<uint64> inBoth SX_GUARDED_BY(mutex);     ///< those of them that it has, too, oldest first
-    std::set<uint64> unchecked SX_GUARDED_BY(mutex);   ///< kept stretches that came before the table
+    std::set<uint64> unchecked SX_GUARDED_BY(mutex);   ///< kept stretches no table has told of
     std::set<uint64> distrusted SX_GUARDED_BY(mutex);  ///< stretches that came wrong
     std::list<std::pair<uint64, Bytes>> recent SX_GUARDED_BY(mutex); ///< what the stream brought, last first
     std::map<uint64, SxPtr<Fetch>> announced SX_GUARDED_BY(mutex);   ///< by stretch

@@ -45,13 +45,21 @@ bool ZqRemoteImage::takeTable(const SxPtr<ZqSeekTable>& table_, bool isStated) {
         // The checksums are of decoded bytes, so those of the image that was packed anew are the same. A file
         // that doesn't say what it is of may be an old one, and gives way to one that does.
         const bool isBetter = isStated && !isTableStated;
-        if (table && table->hasChecksums() && !isBetter && !table_->hasSameChecksums(*table)) return false;
+        const bool isOther = table && !table_->hasSameChecksums(*table);
+        if (isOther && table->hasChecksums() && !isBetter) return false;
+        if (isOther) doubtKept();
         table = table_;
         isTableStated = isTableStated || isStated;
         state = Packed::Offered;
     }
     changed.notify_all();
     return true;
+}
+
+void ZqRemoteImage::doubtKept() {
+    for (const auto& [idx, bytes] : kept)
+        unchecked.insert(idx);
+    recent.clear();
 }
 
 void ZqRemoteImage::setState(Packed state_) {
