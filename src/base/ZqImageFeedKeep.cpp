@@ -39,6 +39,10 @@ void ZqImageFeed::keepUntilStopped() {
         } catch (const SxException& e) {
             fail(e);
             return;
+        } catch (const std::exception& e) {
+            // As for want of memory. The owner waits for this thread.
+            fail(SxException(e.what(), UNIT, __LINE__));
+            return;
         }
         SxTime::msleep(SxWait::LOOK_MS);
     }

@@ -1,15 +1,19 @@
 #include "Builders.h"
 #include "Failure.h"
 #include "NetLab.h"
+#include "SxClock.h"
+#include "SxTime.h"
 #include "TempDir.h"
 #include "ZqFileServer.h"
 #include "ZqRangeReader.h"
 #include "ZqRemoteFile.h"
 #include "ZqRemoteImage.h"
+#include "ZqTransfer.h"
 
 #include <atomic>
 #include <cstdlib>
 #include <gmock/gmock.h>
+#include <new>
 
 using testing::AllOf;
 using testing::HasSubstr;
@@ -521,4 +525,39 @@ TEST(RemoteImageRanges, areLookedForOnceAndWithoutPatience) {
         // The stream itself asks for a range, so a server that has these is asked for nothing more.
         EXPECT_EQ(server.getNRequests("img.zqf") - nBefore, hasRanges ? 0U : 1U);
     }
+}
+
+// What no program raises by itself, as for want of memory: none of those who wait does so for ever.
+TEST(RemoteFileWant, endsNoThreadThatOthersWaitFor) {
+    const std::string data(1000, 'x');
+    std::atomic<int> nAnswers{0};
+    const ScriptedServer server([&](const std::string& request) {
+        return ScriptedServer::ranged(request, data, "ETag: \"" + std::to_string(nAnswers++) + "\"\r\n");
+    });
+    const auto link = SxPtr<ZqNetLink>::create(quickSettings());
+    const auto late = [endNs = SxClock::get().steadyNs() + 10'000'000'000] {
+        return SxClock::get().steadyNs() >= endNs;
+    };
+    // On the thread of the network.
+    ZqTransfer::Request request;
+    request.url = SxString(server.url("f"));
+    request.maxBuffered = 1000;
+    request.check = [](const ZqTransfer::Response&) { throw std::bad_alloc(); };
+    const auto transfer = SxPtr<ZqTransfer>::create(request);
+    link->add(transfer);
+    ASSERT_TRUE(SxWait::pass(10'000, [&] { return transfer->isFinished(); }));
+    SxException why;
+    EXPECT_TRUE(transfer->isBroken(&why) && why.hasTag(ZqNetLink::BROKEN)) << why.what();
+    // Where a doubt about the file is settled.
+    ZqRemoteFile file(link, SxString(server.url("f")));
+    bool hasMemory = false;
+    file.getFacts()->setSameTest([&](const ZqStopTest&) {
+        if (!hasMemory) throw std::bad_alloc();
+        return true;
+    });
+    char buffer[10];
+    EXPECT_EQ(failureOf([&] { file.read(0, 10, buffer, late); }), "");
+    EXPECT_THROW(file.read(0, 10, buffer, late), std::bad_alloc);
+    hasMemory = true;
+    EXPECT_EQ(failureOf([&] { file.read(0, 10, buffer, late); }), "");
 }

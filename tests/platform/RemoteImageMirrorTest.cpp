@@ -253,3 +253,27 @@ TEST(RemoteImageTable, thatReplacesAnotherLeavesNothingAsChecked) {
     for (const uint64 idx : {uint64{0}, uint64{4}})
         EXPECT_TRUE(readOf(image, idx * STRETCH, STRETCH) == zqf.substr(idx * STRETCH, STRETCH)) << idx;
 }
+
+// The look that a pause was followed by has met a fault, while its file still counted as absent.
+TEST(RemoteImageTable, thatWasAbsentIsAskedForAtOnceWhereSomebodyWaits) {
+    TestRandom random;
+    const std::string zqf = random.bytes(4 * STRETCH), packed = PackedImage(zqf).bytes();
+    std::atomic<int> nAnswers{0};
+    constexpr int ABSENT = 4, FAILED = 3;
+    const ScriptedServer server([&](const std::string& request) -> std::string {
+        if (request.find("img.zqf.zst") == std::string::npos) return ScriptedServer::ranged(request, zqf);
+        const int n = nAnswers++;
+        if (n < ABSENT) return "HTTP/1.1 404 None\r\nContent-Length: 0\r\n\r\n";
+        if (n < ABSENT + FAILED) return "HTTP/1.1 500 Broken\r\nContent-Length: 0\r\n\r\n";
+        return ScriptedServer::ranged(request, packed);
+    });
+    ZqNetSettings settings = quickSettings();
+    settings.maxBackOffMs = 400;
+    ZqRemoteImage image(SxPtr<ZqNetLink>::create(settings), SxString(server.url()), zqf.size());
+    image.announce({}, {});
+    ASSERT_TRUE(SxWait::pass(10'000, [&] { return nAnswers == ABSENT + FAILED; }));
+    // Each pause was twice as long as the one before, so the next one is of 3.2 s.
+    const int64 beginNs = SxClock::get().steadyNs();
+    EXPECT_TRUE(SxWait::pass(10'000, [&] { return image.awaitTable().getPtr() != nullptr; }));
+    EXPECT_LT(SxClock::get().steadyNs() - beginNs, 1'600'000'000);
+}

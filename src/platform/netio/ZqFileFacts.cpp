@@ -261,6 +261,10 @@ bool ZqFileFacts::settle(const ZqStopTest& stop) {
         const bool mayPass = e.hasTag(ZqNetLink::UNREACHABLE) || e.hasTag(ZqNetLink::BROKEN);
         if (mayPass || e.hasTag(SxException::STOPPED)) throw;
         throw SxException(e, open.front().text, UNIT, __LINE__);
+    } catch (const std::exception&) {
+        // As for want of memory. Others wait for the end of the test.
+        end(false);
+        throw;
     }
     end(isStillSame);
     for (const Doubt& doubt : open) {

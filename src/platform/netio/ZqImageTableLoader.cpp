@@ -17,26 +17,36 @@ void ZqRemoteImage::TableLoader::main() {
     const int64 firstMs = image->getLink()->getSettings().maxBackOffMs;
     int64 pauseMs = firstMs;
     for (;;) {
-        const Outcome outcome = tryLoad();
+        image->beginTableLook();
+        const Outcome outcome = tryLoadOrNote();
         if (outcome == Outcome::Ended) return;
         // It was of use before it failed.
         if (usedMs > pauseMs) pauseMs = firstMs;
-        if (outcome == Outcome::Absent) {
-            // The plain form goes on meanwhile, as if it never came.
-            if (!image->awaitOtherThanAbsent(pauseMs, [this] { return stopping.load(); })) return;
-            const bool isStill = image->getState() == Packed::Absent;
-            pauseMs = isStill ? std::min(2 * pauseMs, MOST_PAUSES * firstMs) : firstMs;
-            continue;
-        }
-        try {
-            image->getLink()->sleep(pauseMs, [this] { return stopping.load(); });
-        } catch (const SxException&) {
-            return;
-        }
+        // The plain form goes on meanwhile, as if it never came. Whoever asks for it anew doesn't wait so
+        // long.
+        if (!image->awaitTableWanted(pauseMs, [this] { return stopping.load(); })) return;
         // A table may be large, and one that is bad stays so for long. To ask a server whether it is there
         // costs little, and it may be back at any time.
-        if (outcome == Outcome::Away) continue;
-        pauseMs = image->getState() == Packed::Aside ? std::min(2 * pauseMs, MOST_PAUSES * firstMs) : firstMs;
+        const Packed after = image->getState();
+        if (outcome == Outcome::Away && after == Packed::Aside) continue;
+        const bool isStill =
+            after == Packed::Aside || (outcome == Outcome::Absent && after == Packed::Absent);
+        pauseMs = isStill ? std::min(2 * pauseMs, MOST_PAUSES * firstMs) : firstMs;
+    }
+}
+
+/// What isn't raised for a look's failure, as for want of memory, ends it like one: the thread goes on.
+ZqRemoteImage::TableLoader::Outcome ZqRemoteImage::TableLoader::tryLoadOrNote() {
+    try {
+        return tryLoad();
+    } catch (const std::exception& e) {
+        try {
+            image->noteTableWaits(SxException(e.what(), UNIT, __LINE__));
+            zqLogMsg("NET", SxString("The seek table has to wait: ") + e.what());
+        } catch (const std::exception&) {
+            image->noteTableWaits({});
+        }
+        return Outcome::Failed;
     }
 }
 

@@ -20,6 +20,7 @@ private:
 
     void load();
     Outcome tryLoad();
+    Outcome tryLoadOrNote();
     SxArray<char> fetch(uint64 first, uint64 end);
 
     ZqRemoteImage* const image;

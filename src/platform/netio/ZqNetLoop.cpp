@@ -69,19 +69,32 @@ bool ZqNetLoop::Engine::yields(ZqTransfer::Kind kind) {
 
 void ZqNetLoop::Engine::run() {
     while (!ending.load()) {
-        takePosted();
-        admit();
-        for (const auto& pool : pools) {
-            pool->perform(waited);
-            readMessages(pool.get());
+        try {
+            work();
+            waitForWork();
+        } catch (const std::exception&) {
+            // As for want of memory. All wait for this thread, and each step leaves what it can go on with.
+            ::poll(nullptr, 0, LOOK_MS);
         }
-        failStalled();
-        releaseHeld();
-        std::erase_if(pools, [this](const auto& pool) {
-            return pool->isEmpty() && std::ranges::find(current, pool.get()) == current.end();
-        });
-        waitForWork();
     }
+    endAll();
+}
+
+void ZqNetLoop::Engine::work() {
+    takePosted();
+    admit();
+    for (const auto& pool : pools) {
+        pool->perform(waited);
+        readMessages(pool.get());
+    }
+    failStalled();
+    releaseHeld();
+    std::erase_if(pools, [this](const auto& pool) {
+        return pool->isEmpty() && std::ranges::find(current, pool.get()) == current.end();
+    });
+}
+
+void ZqNetLoop::Engine::endAll() {
     takePosted();
     const SxException ended(SxException::STOPPED, "The network was stopped", UNIT, __LINE__);
     for (auto& [easy, active] : actives) {
@@ -113,8 +126,12 @@ void ZqNetLoop::Engine::takePosted() {
         if (what == Post::Drop) drop(transfer);
         if (what == Post::Suspect) suspect(transfer);
         if (what != Post::Add) continue;
-        transfer->setWake([this] { wake(); });
-        queued.push_back({transfer, nowNs()});
+        try {
+            transfer->setWake([this] { wake(); });
+            queued.push_back({transfer, nowNs()});
+        } catch (const std::exception& e) {
+            transfer->failFor(e);
+        }
     }
 }
 
@@ -168,7 +185,12 @@ void ZqNetLoop::Engine::readMessages(ZqNetPool* pool) {
     while (CURL* easy = pool->takeEnded(&code)) {
         const auto found = actives.find(easy);
         if (found == actives.end()) continue;
-        conclude(found->second.get(), code);
+        try {
+            conclude(found->second.get(), code);
+        } catch (const std::exception& e) {
+            // libcurl tells each end once.
+            found->second->transfer->failFor(e);
+        }
         remove(easy);
     }
 }

@@ -77,6 +77,8 @@ private:
     static bool yields(ZqTransfer::Kind kind);
 
     // ZqNetLoop.cpp
+    void work();
+    void endAll();
     void waitForWork();
     void takePosted();
     std::vector<ZqNetGate::Request> listQueued() const;
@@ -97,6 +99,7 @@ private:
 
     // ZqNetLoopRequest.cpp
     void begin(const SxPtr<ZqTransfer>& transfer);
+    void tryBegin(const SxPtr<ZqTransfer>& transfer);
     ZqNetPool* poolFor(const ZqTransfer::Request& request);
     void setOptions(Active* active);
     long streamBuffer() const;

@@ -46,24 +46,35 @@ void ZqNetLoop::Engine::FreeList::operator()(curl_slist* list) const {
 }
 
 void ZqNetLoop::Engine::begin(const SxPtr<ZqTransfer>& transfer) {
-    auto active = std::make_unique<Active>();
-    active->engine = this;
-    active->transfer = transfer;
-    active->easy.reset(curl_easy_init());
-    active->begunNs = active->lastByteNs = nowNs();
-    CURL* easy = active->easy.get();
     try {
-        if (!easy) throw SxException("Out of memory", UNIT, __LINE__);
-        active->pool = poolFor(transfer->getRequest());
-        setOptions(active.get());
-        active->pool->add(easy);
+        tryBegin(transfer);
     } catch (const SxException& e) {
         transfer->fail(e);
-        return;
+    } catch (const std::exception& e) {
+        transfer->failFor(e);
+    }
+}
+
+void ZqNetLoop::Engine::tryBegin(const SxPtr<ZqTransfer>& transfer) {
+    auto made = std::make_unique<Active>();
+    made->engine = this;
+    made->transfer = transfer;
+    made->easy.reset(curl_easy_init());
+    made->begunNs = made->lastByteNs = nowNs();
+    CURL* easy = made->easy.get();
+    if (!easy) throw SxException("Out of memory", UNIT, __LINE__);
+    made->pool = poolFor(transfer->getRequest());
+    setOptions(made.get());
+    ZqNetPool* pool = made->pool;
+    actives.emplace(easy, std::move(made));
+    try {
+        pool->add(easy);
+    } catch (const std::exception&) {
+        actives.erase(easy);
+        throw;
     }
     transfer->setBegun();
     addTo<uint64>(&nRequests, 1);
-    actives.emplace(easy, std::move(active));
 }
 
 /// What yields has a connection of its own, over HTTP/1.1: held back there, bytes stay with the server, where
@@ -128,13 +139,24 @@ long ZqNetLoop::Engine::streamBuffer() const {
 size_t ZqNetLoop::Engine::onHeader(char* bytes, size_t size, size_t n, void* user) {
     Active* active = static_cast<Active*>(user);
     active->lastByteNs = nowNs();
-    active->response.takeHeader(std::string_view(bytes, size * n));
+    // Nothing may be raised through libcurl.
+    try {
+        active->response.takeHeader(std::string_view(bytes, size * n));
+    } catch (const std::exception& e) {
+        active->transfer->failFor(e);
+        return 0;
+    }
     return size * n;
 }
 
 size_t ZqNetLoop::Engine::onBody(char* bytes, size_t size, size_t n, void* user) {
     Active* active = static_cast<Active*>(user);
-    return active->engine->take(active, bytes, size * n);
+    try {
+        return active->engine->take(active, bytes, size * n);
+    } catch (const std::exception& e) {
+        active->transfer->failFor(e);
+        return 0;
+    }
 }
 
 void ZqNetLoop::Engine::check(Active* active) {

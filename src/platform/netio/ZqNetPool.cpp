@@ -16,7 +16,14 @@ struct ZqNetPool::Callbacks {
     static curl_socket_t onOpenSocket(void* user, curlsocktype /*purpose*/, curl_sockaddr* address) {
         const curl_socket_t fd =
             ::socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
-        if (fd >= 0) static_cast<ZqNetPool*>(user)->sockets.push_back(fd);
+        if (fd < 0) return CURL_SOCKET_BAD;
+        // Nothing may be raised through libcurl.
+        try {
+            static_cast<ZqNetPool*>(user)->sockets.push_back(fd);
+        } catch (const std::exception&) {
+            ::close(fd);
+            return CURL_SOCKET_BAD;
+        }
         return fd;
     }
 
@@ -33,7 +40,12 @@ struct ZqNetPool::Callbacks {
         }
         const int events =
             ((what & CURL_POLL_IN) != 0 ? POLLIN : 0) | ((what & CURL_POLL_OUT) != 0 ? POLLOUT : 0);
-        waiting[fd] = static_cast<short>(events);
+        try {
+            waiting[fd] = static_cast<short>(events);
+        } catch (const std::exception&) {
+            // Ends what is under way in this pool.
+            return -1;
+        }
         return 0;
     }
 };

@@ -154,7 +154,9 @@ private:
     /// A packed form that the server hadn't got may be there by now: its table is asked for again.
     void forgetAbsence();
     /// Waits until forgetAbsence(), at most `ms`. False where `stop` says so.
-    bool awaitOtherThanAbsent(int64 ms, const ZqStopTest& stop);
+    bool awaitTableWanted(int64 ms, const ZqStopTest& stop);
+    /// A look at the table begins, as is wanted.
+    void beginTableLook();
     /// Whether the packed form that begins with these bytes is that of this image; one that doesn't say so
     /// counts as it.
     bool isOfThisImage(const char* bytes, int64 n) const;
@@ -255,8 +257,9 @@ private:
     std::condition_variable_any changed;
     bool tableBegun SX_GUARDED_BY(mutex) = false;
     int64 tableBegunNs SX_GUARDED_BY(mutex) = 0;
-    bool tableWaits SX_GUARDED_BY(mutex) = false;  ///< a request for it has failed
-    SxException tableFailure SX_GUARDED_BY(mutex); ///< the last one of it, or of the packed form
+    bool isTableWanted SX_GUARDED_BY(mutex) = false; ///< though its server hadn't got it
+    bool tableWaits SX_GUARDED_BY(mutex) = false;    ///< a request for it has failed
+    SxException tableFailure SX_GUARDED_BY(mutex);   ///< the last one of it, or of the packed form
     Packed state SX_GUARDED_BY(mutex) = Packed::Unknown;
     bool isPackedAway SX_GUARDED_BY(mutex) = false; ///< `Aside` since its server doesn't answer
     bool plainCame SX_GUARDED_BY(mutex) = false; ///< bytes of the plain form, since the packed one was left

@@ -94,16 +94,22 @@ void ZqRemoteImage::forgetAbsence() {
         SxMutexBlock lock(&mutex);
         if (state != Packed::Absent) return;
         state = Packed::Unknown;
+        isTableWanted = true;
         tableWaits = false;
         tableBegunNs = SxClock::get().steadyNs();
     }
     changed.notify_all();
 }
 
-bool ZqRemoteImage::awaitOtherThanAbsent(int64 ms, const ZqStopTest& stop) {
+void ZqRemoteImage::beginTableLook() {
+    SxMutexBlock lock(&mutex);
+    isTableWanted = false;
+}
+
+bool ZqRemoteImage::awaitTableWanted(int64 ms, const ZqStopTest& stop) {
     const int64 endNs = SxClock::get().steadyNs() + ms * 1'000'000;
     SxMutexBlock lock(&mutex);
-    while (state == Packed::Absent && !stop()) {
+    while (!isTableWanted && !stop()) {
         const int64 leftNs = endNs - SxClock::get().steadyNs();
         if (leftNs <= 0) break;
         changed.wait_for(mutex, std::chrono::nanoseconds(leftNs));

@@ -88,6 +88,7 @@ void ZqRemoteImage::noteTableWaits(const SxException& why) {
     {
         SxMutexBlock lock(&mutex);
         tableWaits = true;
+        // Where there is no memory for that, nobody waits all the same.
         tableFailure = why;
     }
     changed.notify_all();

@@ -202,12 +202,27 @@ void ZqTransfer::finish() {
     changed.notify_one();
 }
 
-void ZqTransfer::fail(const SxException& e) {
+void ZqTransfer::fail(const SxException& e) noexcept {
     {
         SxMutexBlock lock(&mutex);
         if (ended) return;
-        failure = e;
         failed = ended = true;
+        try {
+            failure = e;
+        } catch (const std::exception&) {
+            failure = SxException();
+        }
     }
     changed.notify_one();
+}
+
+void ZqTransfer::failFor(const std::exception& e) noexcept {
+    SxException failure_;
+    try {
+        failure_ = SxException(ZqNetLink::BROKEN, e.what(), UNIT, __LINE__);
+    } catch (const std::exception&) {
+        // An end without a word is one, too.
+        failure_ = SxException();
+    }
+    fail(failure_);
 }

@@ -91,7 +91,10 @@ public:
     /// False where that was more than is wanted: it has ended then.
     bool append(const char* bytes, size_t n);
     void finish();
-    void fail(const SxException& e);
+    /// Ends it also where there is no memory to say why.
+    void fail(const SxException& e) noexcept;
+    /// For what isn't raised as a failure of the request: another try may go well.
+    void failFor(const std::exception& e) noexcept;
 
 private:
     void store(const char* bytes, size_t n);
