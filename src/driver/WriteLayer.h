@@ -53,7 +53,9 @@ public:
     void stopGivingBack();
     int getFd() const { return publishedFd.load(); }
     /// Grows while a sync() or a flush() under way goes on.
-    uint64 getProgress() const { return tmp.getProgress() + nLookedAt.load(); }
+    uint64 getProgress() const {
+        return tmp.getProgress() + tix.getProgress() + nextTix.getProgress() + nLookedAt.load();
+    }
 
     /// Where a block of the layer is moved to.
     struct Target {
@@ -145,8 +147,8 @@ private:
     int appendRecords(const Record* records, size_t n) SX_REQUIRES(changing);
     int compact() SX_REQUIRES(changing);
     void requireInPlace() SX_REQUIRES(changing);
-    void openNext(DriveFile* next) SX_REQUIRES(changing);
-    void replaceIndex(DriveFile* next, uint64 end) SX_REQUIRES(changing);
+    void openNext() SX_REQUIRES(changing);
+    void replaceIndex(uint64 end) SX_REQUIRES(changing);
     template<class Append>
     void copyLatest(Append&& append) SX_REQUIRES(changing);
     int writeHeader(const DriveFile& file) const;
@@ -172,7 +174,7 @@ private:
     /// go to the end of a file one batch after the other. Readers don't take it, nor do writers, but for
     /// those that find no files or too many records in memory.
     SxMutex changing;
-    DriveFile tmp, tix;
+    DriveFile tmp, tix, nextTix; ///< `nextTix`: an index that is being written anew
     bool namesPending SX_GUARDED_BY(changing) = false;
     uint64 tixBegin SX_GUARDED_BY(changing) = HEADER_SIZE; ///< where the records begin
     uint64 tixEnd SX_GUARDED_BY(changing) = 0;             ///< bytes that are written

@@ -82,16 +82,15 @@ uint64 WriteLayer::copyOut(const Target& target) {
 
 /// Replaces the index by one of the blocks that stay.
 void WriteLayer::writeIndex(const Target& target) {
-    DriveFile next;
-    openNext(&next);
+    openNext();
     const auto require = [&](int error) {
-        if (error) next.raise("Cannot write", error, UNIT, __LINE__);
+        if (error) nextTix.raise("Cannot write", error, UNIT, __LINE__);
     };
-    require(writeHeader(next));
+    require(writeHeader(nextTix));
     uint64 end = HEADER_SIZE;
     std::vector<Record> records;
     const auto append = [&] {
-        require(next.writeAt(records.data(), records.size() * sizeof(Record), end));
+        require(nextTix.writeAt(records.data(), records.size() * sizeof(Record), end));
         end += records.size() * sizeof(Record);
         records.clear();
     };
@@ -100,8 +99,8 @@ void WriteLayer::writeIndex(const Target& target) {
         if (records.size() == BLOCKS_AT_ONCE) append();
     });
     append();
-    require(next.sync());
-    replaceIndex(&next, end);
+    require(nextTix.sync());
+    replaceIndex(end);
 }
 
 /// Another image's files may have been put into the folder.
@@ -111,18 +110,20 @@ void WriteLayer::requireInPlace() {
                       __LINE__);
 }
 
-void WriteLayer::openNext(DriveFile* next) {
+void WriteLayer::openNext() {
+    nextTix.close(); // of one that was given up
     requireInPlace();
-    folder.open(next, NEXT_INDEX, SxOs::Read | SxOs::Write | SxOs::Create | SxOs::Truncate | SxOs::NoFollow);
+    folder.open(&nextTix, NEXT_INDEX,
+                SxOs::Read | SxOs::Write | SxOs::Create | SxOs::Truncate | SxOs::NoFollow);
 }
 
 /// Puts a new index of `end` bytes, which is synced, in the place of the old one.
-void WriteLayer::replaceIndex(DriveFile* next, uint64 end) {
+void WriteLayer::replaceIndex(uint64 end) {
     requireInPlace();
     if (const int error = folder.rename(NEXT_INDEX, INDEX)) {
-        next->raise("Cannot rename", error, UNIT, __LINE__);
+        nextTix.raise("Cannot rename", error, UNIT, __LINE__);
     }
-    tix.adopt(next);
+    tix.adopt(&nextTix);
     tixBegin = HEADER_SIZE;
     tixEnd = end;
     tixReserved = 0;
@@ -193,14 +194,13 @@ void WriteLayer::copyLatest(Append&& append) {
 /// Writes the index anew, without records that others have taken the place of. Gives 0 or an errno value,
 /// where the old one stays in its place, and the layer's failure is set only if neither can be used.
 int WriteLayer::compact() {
-    DriveFile next;
     try {
-        openNext(&next);
-        int error = writeHeader(next);
+        openNext();
+        int error = writeHeader(nextTix);
         uint64 end = HEADER_SIZE;
         std::vector<Record> records;
         const auto write = [&] {
-            if (!error) error = next.writeAt(records.data(), records.size() * sizeof(Record), end);
+            if (!error) error = nextTix.writeAt(records.data(), records.size() * sizeof(Record), end);
             end += records.size() * sizeof(Record);
             records.clear();
         };
@@ -209,16 +209,18 @@ int WriteLayer::compact() {
             if (records.size() == BLOCKS_AT_ONCE) write();
         });
         write();
-        if (!error) error = next.sync();
+        if (!error) error = nextTix.sync();
         if (!error) {
-            replaceIndex(&next, end);
+            replaceIndex(end);
             return 0;
         }
+        nextTix.close();
         folder.unlink(NEXT_INDEX);
         compactAt = tixEnd + LEAST_TO_COMPACT;
         return error;
     } catch (const SxException&) {
-        if (next.isOpen()) folder.unlink(NEXT_INDEX);
+        if (nextTix.isOpen()) folder.unlink(NEXT_INDEX);
+        nextTix.close();
         compactAt = tixEnd + LEAST_TO_COMPACT;
         return EIO;
     }

@@ -478,6 +478,23 @@ TEST(WriteLayer, AnIndexIsWrittenAnewInItsOwnFolderOnly) {
     }
 }
 
+TEST(WriteLayer, TheSyncOfAnIndexIsProgress) {
+    TestRandom random(25);
+    const DriveImage image(random, 40, 1.0, "watched/");
+    image.put(0, image.nZqf, false);
+    FaultOs os(image.dir.path("watched"));
+    Drive drive(image, Mode::Rtw);
+    ASSERT_EQ(drive.write(3, std::string(BLOCK_SIZE, 'w')), 0);
+    uint64 before = 0, behind = 0;
+    os.setHook([&](int64, FaultOs::Op op, const std::string& path) {
+        if (op == FaultOs::Op::Sync && path.ends_with("img.tix.new")) before = drive.disk.getProgress();
+        if (op == FaultOs::Op::Rename) behind = drive.disk.getProgress();
+    });
+    drive.disk.flushLayer();
+    os.setHook({});
+    EXPECT_GT(behind, before);
+}
+
 TEST(WriteLayer, AFullDiskFailsTheWriterAndNothingElse) {
     TestRandom random(4);
     constexpr uint64 N = 300, RESERVED = 64;
