@@ -218,7 +218,7 @@ int WriteLayer::compact() {
         folder.unlink(NEXT_INDEX);
         compactAt = tixEnd + LEAST_TO_COMPACT;
         return error;
-    } catch (const SxException&) {
+    } catch (const std::exception&) {
         if (nextTix.isOpen()) folder.unlink(NEXT_INDEX);
         nextTix.close();
         compactAt = tixEnd + LEAST_TO_COMPACT;
