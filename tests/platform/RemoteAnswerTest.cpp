@@ -546,8 +546,9 @@ TEST(RemoteFileWant, endsNoThreadThatOthersWaitFor) {
     const auto transfer = SxPtr<ZqTransfer>::create(request);
     link->add(transfer);
     ASSERT_TRUE(SxWait::pass(10'000, [&] { return transfer->isFinished(); }));
-    SxException why;
-    EXPECT_TRUE(transfer->isBroken(&why) && why.hasTag(ZqNetLink::BROKEN)) << why.what();
+    const ZqTransfer::State state = transfer->getState();
+    EXPECT_TRUE(state.failed && state.nBuffered == 0 && state.failure.hasTag(ZqNetLink::BROKEN))
+        << state.failure.what();
     // Where a doubt about the file is settled.
     ZqRemoteFile file(link, SxString(server.url("f")));
     bool hasMemory = false;

@@ -8,7 +8,7 @@
 
 namespace {
 constexpr const char* UNIT = "src/platform/netio/ZqNetLink";
-constexpr int64 SECOND_NS = 1'000'000'000;
+constexpr int64 SECOND_NS = 1'000'000'000, MS = 1'000'000;
 
 /// As other programs do, authorities of the user's own come by environment variables.
 ZqNetSettings withTrust(ZqNetSettings settings) {
@@ -67,6 +67,12 @@ void ZqNetLink::drop(const SxPtr<ZqTransfer>& transfer) {
 
 void ZqNetLink::suspect(const SxPtr<ZqTransfer>& transfer) {
     loop->suspect(transfer);
+}
+
+bool ZqNetLink::mayCompare() {
+    const int64 now = SxClock::get().steadyNs();
+    int64 next = nextCompareNs.load();
+    return now >= next && nextCompareNs.compare_exchange_strong(next, now + 10 * settings.secondMs * MS);
 }
 
 int64 ZqNetLink::getRefusedNs() const {

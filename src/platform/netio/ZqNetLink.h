@@ -16,11 +16,11 @@ class ZqTransfer;
 /// Limits of all requests of a link. Times are in milliseconds; a number of tries of 0 means no limit.
 struct ZqNetSettings {
     int64 connectMs = 10'000;   ///< until a connection stands
-    int64 stallMs = 10'000;     ///< without a byte, until a request is given up and made again
+    int64 stallMs = 10'000;     ///< without progress, until a request is given up and made again
     int64 firstBackOffMs = 100; ///< ahead of the second try; doubled each time
     int64 maxBackOffMs = 5'000;
     int64 nRangeTries = 5;   ///< of a range or small file
-    int64 secondMs = 3'000;  ///< without a byte, until one that somebody waits for is asked for twice
+    int64 secondMs = 3'000;  ///< without progress, until one that somebody waits for is asked for twice
     int64 busyMs = 60'000;   ///< in which a server that says it is asked too much takes none of these tries
     int64 nStreamTries = 0;  ///< of the ordered stream, while the server can't be reached
     int64 nBrokenTries = 10; ///< without a byte gained, where the server answers and breaks off
@@ -83,6 +83,11 @@ public:
     void drop(const SxPtr<ZqTransfer>& transfer);
     /// `transfer` has been silent: later requests take none of the connections that there are.
     void suspect(const SxPtr<ZqTransfer>& transfer);
+    /// Whether a request that is slow, not silent, may get a second one beside it. Where the link is slow for
+    /// all that is in vain, and costs the others; so after one such there is none for ten times `secondMs`,
+    /// unless noteBetter() says that it was worth it.
+    bool mayCompare();
+    void noteBetter() { nextCompareNs.store(0); }
     /// When the server said last that it is asked too much (429, 503), on the steady clock; 0 never.
     int64 getRefusedNs() const;
     /// Raises with the tag "Stopped" where the link or `stop` says so.
@@ -104,4 +109,5 @@ private:
     mutable SxMutex waitingMutex;
     std::list<Waiting> waiting SX_GUARDED_BY(waitingMutex);
     std::atomic<uint64> nRetries{0};
+    std::atomic<int64> nextCompareNs{0};
 };

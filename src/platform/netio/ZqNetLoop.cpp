@@ -14,8 +14,6 @@ namespace {
 
 constexpr const char* UNIT = "src/platform/netio/ZqNetLoop";
 constexpr int64 MS = 1'000'000;
-/// A request that the server doesn't answer for so long holds others no more.
-constexpr int64 PRIORITY_NS = 1'000 * MS;
 /// The streams stay held for so many round trips behind an answer, within these bounds: one who waits for
 /// blocks mostly asks for the next ones then, and these would find the link full.
 constexpr int64 QUIET_TRIPS = 10;
@@ -219,24 +217,47 @@ void ZqNetLoop::Engine::beginQuiet() {
                                   : std::clamp(QUIET_TRIPS * trip, MIN_QUIET_NS, MAX_QUIET_NS));
 }
 
+/// One that was found slow before has more time, but for complete silence.
+bool ZqNetLoop::Engine::isStalled(const Active& active, int64 nowNs) const {
+    if (active.held) return false;
+    const int64 standingNs = nowNs - active.progress.getSinceNs(ZqNetProgress::Stall);
+    const bool isSilent = active.progress.getBytes(ZqNetProgress::Stall) == 0;
+    return standingNs > (isSilent ? settings.stallMs * MS : active.limitNs);
+}
+
 void ZqNetLoop::Engine::failStalled() {
     const int64 now = nowNs();
     std::vector<CURL*> stalled;
     for (auto& [easy, active] : actives) {
-        if (active->held) {
-            active->lastByteNs = now;
-        } else if (now - active->lastByteNs > settings.stallMs * MS) {
-            stalled.push_back(easy);
-        }
+        noteHeld(active.get());
+        noteRecord(active.get());
+        if (isStalled(*active, now)) stalled.push_back(easy);
     }
     for (CURL* easy : stalled) {
-        const double seconds = static_cast<double>(settings.stallMs) / 1e3;
-        const SxPtr<ZqTransfer> transfer = actives[easy]->transfer;
+        const Active& active = *actives[easy];
+        const int64 nGot = active.progress.getBytes(ZqNetProgress::Stall);
+        const double seconds = static_cast<double>(nGot > 0 ? active.limitNs / MS : settings.stallMs) / 1e3;
+        const SxString got = nGot > 0 ? "only " + SxString(nGot) + " bytes in" : SxString("no data for");
+        SxException failure(ZqNetLink::UNREACHABLE, got + SxString::sprintf(" %g s", seconds), UNIT,
+                            __LINE__);
+        if (nGot > 0) {
+            failure =
+                SxException(failure, "the answer comes too slowly", UNIT, __LINE__).tagged(ZqTransfer::SLOW);
+        }
+        const SxPtr<ZqTransfer> transfer = active.transfer;
         suspect(transfer);
-        transfer->fail(SxException(ZqNetLink::UNREACHABLE, SxString::sprintf("no data for %g s", seconds),
-                                   UNIT, __LINE__));
+        transfer->fail(failure);
         remove(easy);
     }
+}
+
+/// Leaves out the time that it was held.
+void ZqNetLoop::Engine::noteHeld(Active* active) {
+    if (!active->held) return;
+    const int64 now = nowNs();
+    active->progress.skip(now - active->heldNs);
+    active->heldNs = now;
+    active->transfer->setUsefulNs(active->progress.getSinceNs(ZqNetProgress::Second));
 }
 
 /// Where one connection is dead the idle ones beside it may be, too: an address that has changed, or a router
@@ -257,7 +278,8 @@ void ZqNetLoop::Engine::renewPools() {
 bool ZqNetLoop::Engine::isOnTheWire(ZqTransfer::Kind kind) const {
     const int64 now = nowNs();
     for (const auto& [easy, active] : actives) {
-        if (active->kind() == kind && now - active->lastByteNs < PRIORITY_NS) return true;
+        if (active->kind() != kind) continue;
+        if (active->held || now - active->progress.getSinceNs(ZqNetProgress::Hold) < PRIORITY_NS) return true;
     }
     return false;
 }
@@ -284,8 +306,8 @@ void ZqNetLoop::Engine::releaseHeld() {
               [](const Active* a, const Active* b) { return a->lastTakenNs < b->lastTakenNs; });
     for (Active* active : released) {
         if (mustHold(*active)) continue;
+        noteHeld(active);
         active->held = false;
-        active->lastByteNs = nowNs();
         curl_easy_pause(active->easy.get(), CURLPAUSE_CONT);
     }
 }

@@ -5,6 +5,7 @@
 #include "ZqNetLoop.h"
 #include "ZqNetPace.h"
 #include "ZqNetPool.h"
+#include "ZqNetProgress.h"
 
 #include <array>
 #include <deque>
@@ -45,6 +46,13 @@ private:
         void operator()(curl_slist* list) const;
     };
     static constexpr size_t ERROR_SIZE = 256; ///< what libcurl writes into
+    /// What has come of a TLS record that isn't complete, and so not of the body yet.
+    struct Record {
+        bool isEncrypted = false;
+        int64 lookedNs = 0;
+        int64 nSeen = -1;    ///< bytes of the connection at the last look
+        int64 nCredited = 0; ///< those since the last byte of the body that counted
+    };
     struct Active {
         Engine* engine = nullptr;
         ZqNetPool* pool = nullptr;
@@ -58,9 +66,12 @@ private:
         bool failed = false;
         SxException failure;
         int64 begunNs = 0;
-        int64 lastByteNs = 0; ///< for the stall limit: runs on while it is held
+        ZqNetProgress progress{{}};
+        int64 heldNs = 0;  ///< up to when the time that it was held is left out of that
+        int64 limitNs = 0; ///< without progress, until it is given up
         int64 lastTakenNs = 0;
         int fd = -1; ///< of one that yields and has begun
+        Record record;
         ZqNetPace::Span span;
 
         ZqTransfer::Kind kind() const { return transfer->getKind(); }
@@ -75,6 +86,8 @@ private:
     enum Version { Http1, Http2, N_VERSIONS };
 
     static bool yields(ZqTransfer::Kind kind);
+    /// A request that doesn't get on for so long holds others no more.
+    static constexpr int64 PRIORITY_NS = 1'000'000'000;
 
     // ZqNetLoop.cpp
     void work();
@@ -89,7 +102,11 @@ private:
     void readMessages(ZqNetPool* pool);
     void conclude(Active* active, int code);
     void beginQuiet();
+    bool isStalled(const Active& active, int64 nowNs) const;
     void failStalled();
+    void noteHeld(Active* active);
+    void noteProgress(Active* active, int64 n);
+    void noteRecord(Active* active);
     void suspect(const SxPtr<ZqTransfer>& transfer);
     void renewPools();
     void releaseHeld();
@@ -103,6 +120,7 @@ private:
     ZqNetPool* poolFor(const ZqTransfer::Request& request);
     void setOptions(Active* active);
     long streamBuffer() const;
+    void noteHead(Active* active);
     static size_t onHeader(char* bytes, size_t size, size_t n, void* user);
     static size_t onBody(char* bytes, size_t size, size_t n, void* user);
     void check(Active* active);

@@ -60,7 +60,11 @@ void ZqNetLoop::Engine::tryBegin(const SxPtr<ZqTransfer>& transfer) {
     made->engine = this;
     made->transfer = transfer;
     made->easy.reset(curl_easy_init());
-    made->begunNs = made->lastByteNs = nowNs();
+    made->begunNs = nowNs();
+    made->limitNs = ZqNetProgress::getPatience(settings.stallMs * MS, transfer->getRequest().nSlow);
+    made->record.isEncrypted = transfer->getRequest().url.str().starts_with("https:");
+    made->progress = ZqNetProgress({settings.stallMs * MS, settings.secondMs * MS, PRIORITY_NS});
+    made->progress.begin(made->begunNs);
     CURL* easy = made->easy.get();
     if (!easy) throw SxException("Out of memory", UNIT, __LINE__);
     made->pool = poolFor(transfer->getRequest());
@@ -138,15 +142,51 @@ long ZqNetLoop::Engine::streamBuffer() const {
 
 size_t ZqNetLoop::Engine::onHeader(char* bytes, size_t size, size_t n, void* user) {
     Active* active = static_cast<Active*>(user);
-    active->lastByteNs = nowNs();
+    const std::string_view line(bytes, size * n);
     // Nothing may be raised through libcurl.
     try {
-        active->response.takeHeader(std::string_view(bytes, size * n));
+        active->response.takeHeader(line);
     } catch (const std::exception& e) {
         active->transfer->failFor(e);
         return 0;
     }
+    if (line == "\r\n" || line == "\n") active->engine->noteHead(active);
     return size * n;
+}
+
+/// A whole head is progress, but for one that only says that an answer will come. A server may redirect a few
+/// times, so that ends.
+void ZqNetLoop::Engine::noteHead(Active* active) {
+    long status = 0;
+    curl_easy_getinfo(active->easy.get(), CURLINFO_RESPONSE_CODE, &status);
+    if (status < 200) return;
+    const int64 now = nowNs();
+    active->progress.begin(now);
+    active->transfer->setUsefulNs(now);
+}
+
+/// `n` bytes have come, which count only where they are many enough.
+void ZqNetLoop::Engine::noteProgress(Active* active, int64 n) {
+    const int64 now = nowNs();
+    const auto nBeside = std::ranges::count_if(actives, [](const auto& each) { return !each.second->held; });
+    active->progress.take(n, pace.getBestRate(now), nBeside, now);
+    active->transfer->setUsefulNs(active->progress.getSinceNs(ZqNetProgress::Second));
+}
+
+/// TLS hands on whole records, and one of 16 KiB may take a slow link longer than any limit. So what comes
+/// for one counts ahead of it, but no more than it can have.
+void ZqNetLoop::Engine::noteRecord(Active* active) {
+    constexpr int64 LOOK_NS = 200 * MS, MAX_RECORD = (16 << 10) + 512;
+    Record& record = active->record;
+    const int64 now = nowNs();
+    if (!record.isEncrypted || active->held || now - record.lookedNs < LOOK_NS) return;
+    record.lookedNs = now;
+    const int64 nNow = ZqNetPool::countReceived(active->pool->socketOf(active->easy.get()));
+    const int64 nNew = record.nSeen >= 0 ? std::min(nNow - record.nSeen, MAX_RECORD - record.nCredited) : 0;
+    record.nSeen = nNow;
+    if (nNew <= 0) return;
+    record.nCredited += nNew;
+    noteProgress(active, nNew);
 }
 
 size_t ZqNetLoop::Engine::onBody(char* bytes, size_t size, size_t n, void* user) {
@@ -229,12 +269,15 @@ size_t ZqNetLoop::Engine::take(Active* active, const char* bytes, size_t n) {
     if (active->failed) return 0;
     if (mustHold(*active)) {
         active->held = true;
+        active->heldNs = nowNs();
         active->span = {};
         return CURL_WRITEFUNC_PAUSE;
     }
     const int64 now = nowNs();
     const auto nTaken = static_cast<int64>(n);
-    active->lastByteNs = active->lastTakenNs = now;
+    active->lastTakenNs = now;
+    active->record.nCredited = 0;
+    noteProgress(active, nTaken);
     addTo<uint64>(&nBytes, n);
     if (active->kind() == ZqTransfer::Kind::OnDemand) addTo<uint64>(&nOnDemandBytes, n);
     if (active->kind() == ZqTransfer::Kind::Ordered) {

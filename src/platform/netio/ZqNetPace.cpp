@@ -50,6 +50,12 @@ void ZqNetPace::noteBest(double measured, int64 nowNs) {
     noteTrip();
 }
 
+double ZqNetPace::getBestRate(int64 nowNs) const {
+    const int64 passed = nowNs - rateSinceNs;
+    if (passed > 2 * BEST_RATE_NS) return 0.;
+    return passed > BEST_RATE_NS ? bestRate : std::max(bestRate, bestRateBefore);
+}
+
 void ZqNetPace::noteRoundTrip(int64 us, int64 nowNs) {
     if (nowNs - tripSinceNs > BEST_TRIP_NS) {
         bestTripUsBefore = bestTripUs;

@@ -24,6 +24,8 @@ public:
 
     /// Bytes per second, smoothed; 0 not known yet.
     double getRate() const noexcept { return rate.load(); }
+    /// The best rate of the last 15 to 30 s, ranges too; 0 where none was measured. For the network thread.
+    double getBestRate(int64 nowNs) const;
     /// Shortest round trip of late in microseconds; 0 not known yet.
     int64 getRoundTripUs() const noexcept { return roundTripUs.load(); }
     /// Bytes of such a round trip at the best rate of late; 0 not known yet.

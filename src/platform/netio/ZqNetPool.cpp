@@ -3,6 +3,7 @@
 #include "SxException.h"
 
 #include <curl/curl.h>
+#include <linux/tcp.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -128,6 +129,13 @@ int ZqNetPool::socketOf(CURL* easy) const {
         if (ntohs(own) == port) return fd;
     }
     return CURL_SOCKET_BAD;
+}
+
+int64 ZqNetPool::countReceived(int socket) {
+    tcp_info info{};
+    socklen_t size = sizeof info;
+    if (socket < 0 || ::getsockopt(socket, IPPROTO_TCP, TCP_INFO, &info, &size) != 0) return -1;
+    return static_cast<int64>(info.tcpi_bytes_received);
 }
 
 bool ZqNetPool::isMixed(const std::string& host, long version) {

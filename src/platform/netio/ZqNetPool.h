@@ -38,6 +38,9 @@ public:
 
     /// The socket of a request that is under way; -1 where that isn't known.
     int socketOf(CURL* easy) const;
+    /// Bytes that a connection has received since it began, with those that aren't read yet; -1 where that
+    /// isn't known.
+    static int64 countReceived(int socket);
     /// Whether a host has given two versions of HTTP; asked with each answer.
     bool isMixed(const std::string& host, long version);
 

@@ -1,6 +1,7 @@
 #include "ZqRangeReader.h"
 
 #include "SxClock.h"
+#include "ZqNetProgress.h"
 
 #include <algorithm>
 #include <cstring>
@@ -48,6 +49,7 @@ ZqTransfer::Request ZqRangeReader::makeRequest() const {
     request.headers = address.headers;
     request.fresh = fresh;
     request.isRepeated = isRepeated;
+    request.nSlow = nSlow;
     if (fresh) request.headers.append("Cache-Control: no-cache");
     // The whole file is asked for without a range, which every server and every cache knows.
     if (pos > 0 || end != UNKNOWN) {
@@ -73,6 +75,7 @@ void ZqRangeReader::begin() {
     hadSecond = false;
     setTransfer(makeTransfer(&answer));
     isFresh = true;
+    askedNs = SxClock::get().steadyNs();
     link->add(transfer);
 }
 
@@ -110,13 +113,19 @@ void ZqRangeReader::goElsewhere(const SxException& e, const ZqStopTest& stop) {
     if (!isAgain) throw SxException(ANEW, "The range begins anew", UNIT, __LINE__);
 }
 
-/// Whether somebody has waited for so long that the connection may be dead.
+/// Whether somebody has waited for so long that the connection may be dead, or of no use.
 bool ZqRangeReader::isOverdue() {
-    const int64 movedNs = transfer->getMovedNs();
-    if (hadSecond || movedNs == 0) return false;
-    const SxMutexBlock lock(&transferMutex);
-    const int64 silentNs = SxClock::get().steadyNs() - std::max(movedNs, hastenedNs);
-    return kind == ZqTransfer::Kind::OnDemand && silentNs >= link->getSettings().secondMs * MS;
+    const int64 usefulNs = transfer->getUsefulNs(), dueNs = link->getSettings().secondMs * MS;
+    if (hadSecond || usefulNs == 0) return false;
+    const int64 now = SxClock::get().steadyNs();
+    {
+        const SxMutexBlock lock(&transferMutex);
+        if (kind != ZqTransfer::Kind::OnDemand || now - std::max(usefulNs, hastenedNs) < dueNs) return false;
+    }
+    // What waits here, for its consumer, isn't due.
+    const ZqTransfer::State state = transfer->getState();
+    if (state.ended || state.nBuffered >= ZqNetProgress::USEFUL_BYTES) return false;
+    return now - transfer->getMovedNs() >= dueNs || link->mayCompare();
 }
 
 void ZqRangeReader::beginSecond() {
@@ -132,6 +141,7 @@ void ZqRangeReader::takeSecond() {
     if (!transfer->isFinished()) link->drop(transfer);
     answer = secondAnswer;
     isFresh = true;
+    askedNs = SxClock::get().steadyNs();
     // Where it has brought nothing either, it gets no further one.
     hadSecond = second->isSilent();
     setTransfer(second);
@@ -143,32 +153,40 @@ void ZqRangeReader::dropSecond() {
     second = nullptr;
 }
 
-/// The next bytes, or the end, of whichever request answers first. Both go on from the same byte, and nothing
-/// is taken of the one that loses.
+/// Ends the race of both where it can be told who wins: the first that has brought a useful amount, or all.
+/// Both go on from the same byte, and nothing is taken of the one that loses.
+void ZqRangeReader::decide() {
+    constexpr int64 USEFUL = ZqNetProgress::USEFUL_BYTES;
+    const ZqTransfer::State one = transfer->getState(), other = second->getState();
+    const bool mayPass = one.failure.hasTag(ZqNetLink::UNREACHABLE) || one.failure.hasTag(ZqNetLink::BROKEN);
+    // A refusal doesn't end the first, which may only be slow. A doubt can be settled at once.
+    const bool isMore = other.nBuffered > one.nBuffered;
+    const bool isOfUse = !other.failed || isMore || other.failure.hasTag(ZqFileFacts::DOUBTFUL);
+    const bool isBetter = isOfUse && (other.ended || (other.nBuffered >= USEFUL && isMore));
+    if (!isOfUse || (one.ended && !(one.failed && mayPass)) || (one.nBuffered >= USEFUL && !isMore)) {
+        dropSecond();
+    } else if (isBetter || one.failed) {
+        if (isBetter) link->noteBetter();
+        takeSecond();
+    }
+}
+
+/// The next bytes, or the end.
 ZqTransfer::Next ZqRangeReader::awaitPiece(SxArray<char>* piece, const ZqStopTest& stop) {
     for (;;) {
         link->checkStop(stop);
-        try {
-            const ZqTransfer::Next got = transfer->next(piece);
-            if (got != ZqTransfer::Next::Waiting) {
-                dropSecond();
-                return got;
-            }
-        } catch (const SxException& e) {
-            const bool mayPass = e.hasTag(ZqNetLink::UNREACHABLE) || e.hasTag(ZqNetLink::BROKEN);
-            if (!second || !mayPass) throw;
-            takeSecond();
+        if (second) {
+            decide();
+            if (second) transfer->awaitMore();
             continue;
         }
-        SxException why;
-        // A refusal doesn't end the first, which may only be slow. A doubt can be settled at once.
-        if (second && second->isBroken(&why) && !why.hasTag(ZqFileFacts::DOUBTFUL)) {
-            dropSecond();
-        } else if (second && !second->isSilent()) {
-            takeSecond();
-        } else if (!second && isOverdue()) {
+        // Also where there is always some byte.
+        if (isOverdue()) {
             beginSecond();
+            continue;
         }
+        const ZqTransfer::Next got = transfer->next(piece);
+        if (got != ZqTransfer::Next::Waiting) return got;
     }
 }
 
@@ -192,10 +210,21 @@ bool ZqRangeReader::takePiece(SxArray<char>* piece, const ZqStopTest& stop) {
     return pos < end;
 }
 
+/// One that was given up before it had been of use for as long as that took shows that a fresh connection
+/// isn't better, so the next one has more time. What it brings shows that all is well only when it is an
+/// amount.
+void ZqRangeReader::noteSlow(const SxException& e) {
+    if (!e.hasTag(ZqTransfer::SLOW)) return;
+    const int64 limitNs = ZqNetProgress::getPatience(link->getSettings().stallMs * MS, nSlow);
+    nSlow = SxClock::get().steadyNs() - askedNs < 2 * limitNs ? nSlow + 1 : 1;
+    gainedPos = pos + ZqNetProgress::USEFUL_BYTES;
+}
+
 /// Returns where the bytes may be asked for again.
 void ZqRangeReader::recover(const SxException& e, const SxString& asked, const ZqStopTest& stop) {
     // What it was given for may have failed for any time.
     isVouched = false;
+    noteSlow(e);
     if (e.hasTag(ELSEWHERE)) {
         goElsewhere(e, stop);
         return;
@@ -220,7 +249,7 @@ void ZqRangeReader::recover(const SxException& e, const SxString& asked, const Z
 
 /// Bytes that have come before are none: where a unit is begun again and again the tries end, too.
 void ZqRangeReader::noteProgress(bool isMore) {
-    if (pos <= furthest && isMore) return;
+    if ((pos <= furthest || pos < gainedPos) && isMore) return;
     furthest = std::max(furthest, pos);
     nElsewhere = 0;
     isRepeated = false;

@@ -52,6 +52,7 @@ private:
     SxPtr<ZqTransfer> makeTransfer(SxPtr<ZqRangeAnswer>* to) const;
     ZqTransfer::Next awaitPiece(SxArray<char>* piece, const ZqStopTest& stop);
     bool isOverdue();
+    void decide();
     void beginSecond();
     void takeSecond();
     void dropSecond();
@@ -60,6 +61,7 @@ private:
     void noteVersion();
     void goElsewhere(const SxException& e, const ZqStopTest& stop);
     void noteProgress(bool isMore);
+    void noteSlow(const SxException& e);
     void recover(const SxException& e, const SxString& asked, const ZqStopTest& stop);
     void rewind();
     template<class Take>
@@ -86,7 +88,10 @@ private:
     int64 version = -1;   ///< of the last answer that was taken
     int64 nElsewhere = 0; ///< answers of another one since bytes were gained
     uint64 furthest = 0;  ///< one past the last byte that has come
-    /// The same request over another connection, beside one that has been silent.
+    int64 nSlow = 0;      ///< requests in a row that were given up as slow
+    int64 askedNs = 0;    ///< when the request was made that is under way
+    uint64 gainedPos = 0; ///< up to there bytes don't show that all is well
+    /// The same request over another connection, beside one that has been silent or slow.
     SxPtr<ZqTransfer> second;
     SxPtr<ZqRangeAnswer> secondAnswer;
     bool hadSecond = false; ///< the request under way

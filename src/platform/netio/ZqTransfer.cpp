@@ -139,15 +139,20 @@ bool ZqTransfer::isSilent() const {
     return pieces.empty() && !ended;
 }
 
-bool ZqTransfer::isBroken(SxException* why) const {
+ZqTransfer::State ZqTransfer::getState() const {
     SxMutexBlock lock(&mutex);
-    if (!failed || !pieces.empty()) return false;
-    *why = failure;
-    return true;
+    return {nBuffered, ended, failed, failure};
+}
+
+void ZqTransfer::awaitMore() {
+    SxMutexBlock lock(&mutex);
+    if (!ended) changed.wait_for(mutex, LOOK);
 }
 
 void ZqTransfer::setBegun() {
-    movedNs.store(SxClock::get().steadyNs());
+    const int64 now = SxClock::get().steadyNs();
+    usefulNs.store(now);
+    movedNs.store(now);
 }
 
 bool ZqTransfer::hasRoom() const {

@@ -50,6 +50,8 @@ public:
 
     /// Tag of a failure: the request may be made again at once, and that another server answers then.
     static constexpr const char* AT_ONCE = "AtOnce";
+    /// Tag of a failure: bytes came, but too few to be of use.
+    static constexpr const char* SLOW = "Slow";
 
     struct Request {
         Kind kind = Kind::Small;
@@ -59,6 +61,7 @@ public:
         int64 maxBuffered = 0;
         bool fresh = false;      ///< over a connection of its own, not one that has brought something wrong
         bool isRepeated = false; ///< the one before has failed AT_ONCE
+        int64 nSlow = 0;         ///< those before that were given up as SLOW, in a row
         Check check;
         SxPtr<Part> part; ///< null for all of the body
     };
@@ -78,15 +81,27 @@ public:
     bool isFinished() const;
     /// Whether next() would wait.
     bool isSilent() const;
-    /// Whether it has failed and no byte is left of it; gives why.
-    bool isBroken(SxException* why) const;
+    /// What there is of it.
+    struct State {
+        int64 nBuffered = 0; ///< bytes that next() gives
+        bool ended = false;
+        bool failed = false; ///< after these bytes, with `failure`
+        SxException failure;
+    };
+    State getState() const;
+    /// Waits up to 20 ms for more bytes, or the end.
+    void awaitMore();
     /// When the server was asked or bytes came last, on the steady clock; 0 before both.
     int64 getMovedNs() const noexcept { return movedNs.load(); }
+    /// Since when too few bytes have come to be of use (ZqNetProgress), on the steady clock; 0 before the
+    /// server was asked.
+    int64 getUsefulNs() const noexcept { return usefulNs.load(); }
 
     // For the network thread.
     /// Called when a consumer has made room again.
     void setWake(std::function<void()> wake_);
     void setBegun();
+    void setUsefulNs(int64 ns) { usefulNs.store(ns); }
     bool hasRoom() const;
     /// False where that was more than is wanted: it has ended then.
     bool append(const char* bytes, size_t n);
@@ -101,7 +116,7 @@ private:
 
     const Request request;
     std::atomic<Kind> kind;
-    std::atomic<int64> movedNs{0};
+    std::atomic<int64> movedNs{0}, usefulNs{0};
 
     mutable SxMutex mutex;
     std::function<void()> wake SX_GUARDED_BY(mutex);
