@@ -194,7 +194,7 @@ private:
     /// Sleeps until the next look at the drive.
     void pause() const;
     void collect(const Pass& pass);
-    /// Takes out of the wants what nobody asks for any more.
+    /// Takes out of the wants what is no longer asked for.
     void dropUnwanted(const Pass& pass);
     bool hasFailedWant() const;
     /// Notes that a read waits for a block that the download is to bring; gives since when.

@@ -35,7 +35,7 @@ public:
     /// holds up no other. Else as mend().
     void replace(std::deque<uint64> stretches, const ZqSeekTable& table, const ZqStopTest& stop) const;
     /// Does that once, and leaves in `stretches` those that can't be had now, or not within `limitMs`, with
-    /// the last reason in `why`. Asks for no more where several fail one after the other. Raises with the tag
+    /// the last reason in `why`. Stops where several fail one after the other. Raises with the tag
     /// "Stopped", and where the file can't be written.
     void replaceSome(std::deque<uint64>* stretches, const ZqSeekTable& table, int64 limitMs,
                      const ZqStopTest& stop, SxException* why) const;

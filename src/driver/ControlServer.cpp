@@ -55,7 +55,7 @@ public:
 protected:
     void main() override {
         serve();
-        // Whoever has asked for something that isn't begun any more needn't wait until the service is gone.
+        // Whoever has asked for something that is no longer begun needn't wait until the service is gone.
         ::shutdown(fd, SHUT_RDWR);
     }
 

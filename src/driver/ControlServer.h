@@ -19,8 +19,8 @@ public:
     void listen();
     /// Serves until the service has been idle long enough, or `stop` becomes true.
     void run(const std::atomic<bool>& stop);
-    /// Begins no more requests, has the service take all its drives away, and returns when the requests that
-    /// were under way have ended.
+    /// Begins no further requests, has the service take all its drives away, and returns when the requests
+    /// that were under way have ended.
     void end();
 
 private:

@@ -25,8 +25,8 @@ public:
     bool hasDisks() const;
     /// Whether a client wants it to end now, and nothing was mounted since.
     bool isRetiring() const { return retiring; }
-    /// Ejects everything, all disks at a time, and lets nothing be mounted any more. What programs wrote and
-    /// was lost thereby is told to whoever asks for the image next. Raises nothing.
+    /// Ejects everything, all disks at a time, and no longer lets anything be mounted. What programs wrote
+    /// and was lost thereby is told to whoever asks for the image next. Raises nothing.
     void end() noexcept;
 
 private:
@@ -78,5 +78,5 @@ private:
     std::map<uint64, DiskPtr> disks SX_GUARDED_BY(mutex); ///< by device id
     /// Images whose disks are being made, by device id: opening them may take as long as their disk does.
     std::map<uint64, SxString> reserved SX_GUARDED_BY(mutex);
-    bool ending SX_GUARDED_BY(mutex) = false; ///< no disk comes any more
+    bool ending SX_GUARDED_BY(mutex) = false; ///< no further disk comes
 };

@@ -86,7 +86,7 @@ private:
     enum Version { Http1, Http2, N_VERSIONS };
 
     static bool yields(ZqTransfer::Kind kind);
-    /// A request that doesn't get on for so long holds others no more.
+    /// A request that doesn't get on for so long no longer holds others.
     static constexpr int64 PRIORITY_NS = 1'000'000'000;
 
     // ZqNetLoop.cpp

@@ -174,7 +174,7 @@ void ZqNetLoop::Engine::noteProgress(Active* active, int64 n) {
 }
 
 /// TLS hands on whole records, and one of 16 KiB may take a slow link longer than any limit. So what comes
-/// for one counts ahead of it, but no more than it can have.
+/// for one counts before it is there, but no more than it can have.
 void ZqNetLoop::Engine::noteRecord(Active* active) {
     constexpr int64 LOOK_NS = 200 * MS, MAX_RECORD = (16 << 10) + 512;
     Record& record = active->record;

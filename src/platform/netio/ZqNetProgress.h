@@ -10,7 +10,7 @@
 /// A byte alone is no progress. A flow that is dying, a bad machine behind an address or a shaper may bring
 /// one a second for hours, while a fresh connection would bring the whole file at once. So a clock of silence
 /// begins anew only when a useful amount has come since it began: what getUsefulRate() makes of its limit.
-/// What stands ahead of the answer, interim answers and lines of a head, is none.
+/// What comes before the answer, interim answers and lines of a head, is none.
 ///
 /// A link that is slow for all must not be taken for that: what is asked for again costs it round trips, and
 /// what was under way. So the rate is low, the requests beside each other share it, and where the link has
@@ -33,7 +33,7 @@ public:
     /// Bytes after which a request that was given up once, or is compared with another, has shown its use.
     static constexpr int64 USEFUL_BYTES = 4096;
 
-    /// How long one is let go on without progress that has brought something, and ahead of which `nSlow` in a
+    /// How long one is let go on without progress that has brought something, and before which `nSlow` in a
     /// row have been given up as slow. It grows with them, or a link that is slower than any of this expects
     /// would be asked again and again.
     static int64 getPatience(int64 limit, int64 nSlow);
