@@ -6,6 +6,7 @@
 #include <bit>
 #include <cerrno>
 #include <functional>
+#include <new>
 
 namespace {
 
@@ -406,6 +407,16 @@ int WriteLayer::sync() {
 int WriteLayer::syncInTurn() {
     if (failedError.load() != 0) return EIO;
     if (!tmp.isOpen()) return 0;
+    try {
+        return syncBatch();
+    } catch (const std::bad_alloc&) {
+        // Records may be gone with the batch, and a later sync would succeed without them.
+        failedError = ENOMEM;
+        return fail("Cannot bring '" + SxString(tix.getPath()) + "' to the disk", ENOMEM);
+    }
+}
+
+int WriteLayer::syncBatch() {
     Batch batch;
     {
         const SxMutexBlock lock(&mutex);

@@ -144,6 +144,7 @@ private:
     void settle(Batch* batch, size_t nDone);
     void reuseFreed();
     int syncInTurn() SX_REQUIRES(changing);
+    int syncBatch() SX_REQUIRES(changing);
     int appendRecords(const Record* records, size_t n) SX_REQUIRES(changing);
     int compact() SX_REQUIRES(changing);
     void requireInPlace() SX_REQUIRES(changing);
