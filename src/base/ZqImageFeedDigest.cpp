@@ -147,7 +147,7 @@ void ZqImageFeed::addRepair(Status* status) const {
 SxString ZqImageFeed::readDigest() {
     nChecked = 0;
     SxFileIO file(filePath(ZqImageFiles::ZQF), "rb");
-    const SxString digest = SxMd5::file(&file, [&](int64 n) {
+    SxString digest = SxMd5::file(&file, [&](int64 n) {
         file.startWriteback(static_cast<int64>(nChecked), n);
         nChecked += static_cast<uint64>(n);
         return !stopping;

@@ -48,8 +48,8 @@ uint32 little(uint32 value) {
 WriteLayer::WriteLayer(const std::string& folder_, BlockMap* map_, bool readOnly_)
     : folder(folder_),
       map(map_),
-      readOnly(readOnly_),
-      identity(LayerIdentity::of(folder_)) {
+      identity(LayerIdentity::of(folder_)),
+      readOnly(readOnly_) {
     // What a cut of flush() leaves behind.
     if (!readOnly && !folder.isGone(NEXT_INDEX)) folder.unlink(NEXT_INDEX);
     if (folder.isGone(INDEX)) return;

@@ -163,11 +163,11 @@ private:
 
     const ImageFolder folder;
     BlockMap* const map;
-    const bool readOnly;
     const LayerIdentity identity;
     SxString notice;
-    std::atomic<int> publishedFd{-1}, failedError{0};
+    const bool readOnly;
     std::atomic<bool> dirty{false};
+    std::atomic<int> publishedFd{-1}, failedError{0};
     std::atomic<uint64> moves{0};
     std::atomic<uint64> nLookedAt{0}; ///< blocks and records, to move them or write them anew
 
@@ -177,11 +177,11 @@ private:
     SxMutex changing;
     DriveFile tmp, tix, nextTix; ///< `nextTix`: an index that is being written anew
     bool namesPending SX_GUARDED_BY(changing) = false;
+    bool isFormer SX_GUARDED_BY(changing) = false;         ///< the index is of a format without discards
     uint64 tixBegin SX_GUARDED_BY(changing) = HEADER_SIZE; ///< where the records begin
     uint64 tixEnd SX_GUARDED_BY(changing) = 0;             ///< bytes that are written
     uint64 tixReserved SX_GUARDED_BY(changing) = 0;        ///< bytes of the index that have room on the disk
-    uint64 compactAt SX_GUARDED_BY(changing) = 0;  ///< bytes of the index from which on it is written anew
-    bool isFormer SX_GUARDED_BY(changing) = false; ///< the index is of a format without discards
+    uint64 compactAt SX_GUARDED_BY(changing) = 0; ///< bytes of the index from which on it is written anew
 
     /// Held over the giving back of room, so that a slot that is about to become a hole is given to nobody.
     SxMutex giving;
