@@ -95,10 +95,11 @@ void ZqStreamRecord::write(const SxString& image) const {
 
 void ZqStreamRecord::update(const SxString& image,
                             const std::function<void(ZqStreamRecord* record)>& change) {
-    static SxMutex one;
-    const SxMutexBlock block(&one);
     const SxPtr<ZqImageLock> alone =
         ZqImageLock::await(image, ZqImageLock::Record, ZqImageLock::Exclusive, "record", PATIENCE_MS);
+    // Not held over the wait, which is for one image alone.
+    static SxMutex one;
+    const SxMutexBlock block(&one);
     ZqStreamRecord record;
     record.read(image);
     change(&record);

@@ -155,7 +155,7 @@ TEST(OnDemand, WhatCannotBeHadHoldsUpNoOther) {
     };
     for (const Case& c : cases) {
         for (const bool hasWindow : {true, false}) {
-            SCOPED_TRACE(testing::Message() << c.name << (hasWindow ? ", behind the start" : ""));
+            SCOPED_TRACE(testing::Message() << c.name << (hasWindow ? ", after the start" : ""));
             UnderflowRun run(N * STRETCH);
             run.make(!c.isDownload);
             if (c.isDownload) run.mgr->setDownloadParams("http://host/img.zqf", {});

@@ -1,6 +1,6 @@
 // Loaded before the C library into a drive service: a disk that takes its time for the files of an image.
 // `$SLOW_DISK` is a file with the bytes that it takes in a second; 0 means that it takes none, until
-// that changes, and -1 that it can't be read. A path behind the number: only what lies below that is slow,
+// that changes, and -1 that it can't be read. A path after the number: only what lies below that is slow,
 // and with 0 it isn't told of either.
 // `$SLOW_OPEN` is a file with a path; what lies below that is neither opened nor looked at until it changes.
 // While a file `$NO_THREADS` is there, the service gets no thread.
