@@ -45,14 +45,14 @@ void ZqImageMapFetch::main() {
     const Form packed = {ZqImageFiles::IDX_PACKED, folder + ZqImageFiles::IDX_PACKED + NEW,
                          ZqPackedMap::maxSize(sizeIdx), true};
     bool hasPacked = sizeIdx > 0 && sizeIdx % ENTRY == 0, hasPlain = true;
-    while (!tryPacked(packed, &hasPacked, hasPlain) && !tryPlain(plain, &hasPlain, hasPacked)) {
+    while (!tryForm(packed, &hasPacked, hasPlain) && !tryForm(plain, &hasPlain, hasPacked)) {
     }
     removePart(packed);
     removePart(plain);
 }
 
-/// False where that form isn't there, or not now.
-bool ZqImageMapFetch::tryPacked(const Form& form, bool* mayCome, bool hasOther) {
+/// False where that form isn't there, or not now, and the other one has its turn.
+bool ZqImageMapFetch::tryForm(const Form& form, bool* mayCome, bool hasOther) {
     if (!*mayCome) return false;
     beginTurn(hasOther);
     try {
@@ -60,26 +60,13 @@ bool ZqImageMapFetch::tryPacked(const Form& form, bool* mayCome, bool hasOther) 
         return true;
     } catch (const SxException& e) {
         const bool isAway = e.hasTag(ZqNetRetry::TURN_ENDED);
-        const bool isLast = !hasOther || e.hasTag(ZqNetLink::UNREACHABLE);
-        if (e.hasTag(SxException::STOPPED) || (isLast && !isAway)) throw;
+        // A server may have the packed form alone, and is waited for with that; the plain one makes up for
+        // whatever else is wrong with it.
+        const bool isOfNoUse = form.isPacked
+                                   ? !e.hasTag(SxException::STOPPED) && !e.hasTag(ZqNetLink::UNREACHABLE)
+                                   : e.hasTag(ZqNetLink::NOT_FOUND) || e.hasTag(ZqNetLink::REFUSED);
+        if (!hasOther || !(isAway || isOfNoUse)) throw;
         *mayCome = isAway;
-        zqLogMsg("base", "ZqImageMapFetch: " + e.toString(SxException::ShowMessage, ": "));
-        return false;
-    }
-}
-
-/// False where the other form has its turn.
-bool ZqImageMapFetch::tryPlain(const Form& form, bool* mayCome, bool hasOther) {
-    if (!*mayCome) return false;
-    beginTurn(hasOther);
-    try {
-        fetch(form);
-        return true;
-    } catch (const SxException& e) {
-        const bool isGone = e.hasTag(ZqNetLink::NOT_FOUND) || e.hasTag(ZqNetLink::REFUSED);
-        if (!hasOther || !(isGone || e.hasTag(ZqNetRetry::TURN_ENDED))) throw;
-        // A server may have the packed form alone, and is waited for with that.
-        *mayCome = !isGone;
         zqLogMsg("base", "ZqImageMapFetch: " + e.toString(SxException::ShowMessage, ": "));
         return false;
     }

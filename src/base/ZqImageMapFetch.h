@@ -31,8 +31,7 @@ private:
         bool isPacked;
     };
 
-    bool tryPacked(const Form& form, bool* mayCome, bool hasOther);
-    bool tryPlain(const Form& form, bool* mayCome, bool hasOther);
+    bool tryForm(const Form& form, bool* mayCome, bool hasOther);
     void beginTurn(bool hasOther) const;
     void fetch(const Form& form);
     /// Adds to what has come of a form; `*isMixed` tells whether mirrors gave it that tell other versions.

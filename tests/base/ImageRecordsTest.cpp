@@ -24,8 +24,8 @@ std::string answered(const std::string& status, const std::string& body = "") {
 }
 
 /// Fetches all records into the folder; gives why not.
-std::string failureOfFetch(const SxString& folder, const ScriptedServer& server) {
-    ZqImageRecords records(SxPtr<ZqNetLink>::create(quickSettings()), folder, SxString(server.url()), {});
+std::string failureOfFetch(const SxString& folder, const SxString& url) {
+    ZqImageRecords records(SxPtr<ZqNetLink>::create(quickSettings()), folder, url, {});
     return failureOf([&] {
         bool isConfirmed = false;
         records.fetchRest(records.fetchApp(false, &isConfirmed, nullptr), nullptr);
@@ -171,7 +171,7 @@ TEST(ImageRecords, thatCameWrongAreAskedForOnceMorePastCaches) {
         std::filesystem::remove_all(dir.path("game"));
         std::filesystem::create_directory(dir.path("game"));
         if (each.hasBlocks) game.write(dir.prefix() + "game/", 5);
-        EXPECT_EQ(failureOfFetch(dir.prefix() + "game", server), "");
+        EXPECT_EQ(failureOfFetch(dir.prefix() + "game", SxString(server.url())), "");
         EXPECT_EQ(nAsked[each.file], 2);
         EXPECT_TRUE(dir.read("game/img.idx") == map);
         EXPECT_EQ(dir.exists("game/img.idx.md5") ? dir.read("game/img.idx.md5") : digest, digest);
@@ -204,10 +204,7 @@ TEST(ImageRecords, haveTheMapThatItsOwnDigestIsOf) {
         if (there != Nothing) dir.write("game/img.idx", formerMap);
         if (there == FormerBoth) dir.write("game/img.idx.md5", SxMd5::get(SxString(formerMap)).str());
         if (there == FormerMapRightDigest) dir.write("game/img.idx.md5", digest);
-        ZqImageRecords records(SxPtr<ZqNetLink>::create(quickSettings()), dir.prefix() + "game",
-                               server.getUrl(), {});
-        bool isConfirmed = false;
-        records.fetchRest(records.fetchApp(false, &isConfirmed, nullptr), nullptr);
+        EXPECT_EQ(failureOfFetch(dir.prefix() + "game", server.getUrl()), "");
         EXPECT_TRUE(dir.read("game/img.idx") == map);
         EXPECT_EQ(dir.read("game/img.idx.md5"), digest);
     }
@@ -225,10 +222,7 @@ TEST(ImageRecords, thatWereDamagedHereAreFetchedAnew) {
         std::filesystem::remove_all(dir.path("game"));
         std::filesystem::copy(dir.path("served"), dir.path("game"));
         dir.write(std::string("game/") + name, "{\"cut");
-        ZqImageRecords records(SxPtr<ZqNetLink>::create(quickSettings()), dir.prefix() + "game",
-                               server.getUrl(), {});
-        bool isConfirmed = false;
-        records.fetchRest(records.fetchApp(false, &isConfirmed, nullptr), nullptr);
+        EXPECT_EQ(failureOfFetch(dir.prefix() + "game", server.getUrl()), "");
         EXPECT_TRUE(dir.read(std::string("game/") + name) == dir.read(std::string("served/") + name));
     }
 }
@@ -310,7 +304,7 @@ TEST(ImageRecords, comeTogetherOfMirrors) {
         });
         std::filesystem::remove_all(dir.path("game"));
         std::filesystem::create_directory(dir.path("game"));
-        EXPECT_EQ(failureOfFetch(dir.prefix() + "game", server), "");
+        EXPECT_EQ(failureOfFetch(dir.prefix() + "game", SxString(server.url())), "");
         for (const char* name : {"app.json", "img.json", "img.idx"}) {
             EXPECT_TRUE(dir.read(std::string("game/") + name) == dir.read(std::string("served/") + name))
                 << name;
