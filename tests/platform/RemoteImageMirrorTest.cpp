@@ -22,6 +22,15 @@ bool isOfTable(const std::string& request, const std::string& packed, uint64 siz
            request.find("bytes=" + tailAt + "-") != std::string::npos;
 }
 
+/// An image whose server has a pack of another one at first, which doesn't say so.
+struct StalePack {
+    TestRandom random;
+    const std::string zqf = random.bytes(8 * STRETCH + 678), other = random.bytes(zqf.size());
+    const SxString digest = SxMd5::get(SxString(zqf));
+    const std::string stale = PackedImage(other).bytes();
+    const std::string right = PackedImage(zqf, true, digest.str()).bytes();
+};
+
 } // namespace
 
 // The first request of the packed form is made without a table, and breaks off after that one has arrived.
@@ -198,12 +207,9 @@ TEST(RemoteImageTable, thatIsKnownTellsOfAnotherVersionToTheEnd) {
 
 // As where a pack from before packs said of what they are is still there with a new version's records.
 TEST(RemoteImageTable, thatStatesItsImageReplacesOneThatDoesnt) {
-    TestRandom random;
-    const uint64 size = 4 * STRETCH + 678;
-    const std::string zqf = random.bytes(size), other = random.bytes(size);
-    const SxString digest = SxMd5::get(SxString(zqf));
-    const std::string stale = PackedImage(other).bytes(),
-                      right = PackedImage(zqf, true, digest.str()).bytes();
+    const StalePack given;
+    const std::string &zqf = given.zqf, &stale = given.stale, &right = given.right;
+    const uint64 size = zqf.size();
     std::atomic<bool> isReplaced{false};
     const ScriptedServer server([&](const std::string& request) {
         if (request.find("img.zqf.zst") == std::string::npos) return ScriptedServer::ranged(request, zqf);
@@ -212,7 +218,7 @@ TEST(RemoteImageTable, thatStatesItsImageReplacesOneThatDoesnt) {
         return std::string("HTTP/1.1 404 None\r\nContent-Length: 0\r\n\r\n");
     });
     ZqRemoteImage image(SxPtr<ZqNetLink>::create(quickSettings()), SxString(server.url()), size, {},
-                        ZqRemoteImage::MAX_KEPT, digest);
+                        ZqRemoteImage::MAX_KEPT, given.digest);
     ASSERT_TRUE(image.awaitTable());
     EXPECT_NE(failureOf([&] { readOf(image, STRETCH, STRETCH); }), "") << "its checksums are of other bytes";
     isReplaced = true;
@@ -227,23 +233,20 @@ TEST(RemoteImageTable, thatStatesItsImageReplacesOneThatDoesnt) {
 
 // What the old one has told to be right: kept for the stream, and brought by it.
 TEST(RemoteImageTable, thatReplacesAnotherLeavesNothingAsChecked) {
-    TestRandom random;
-    const uint64 size = 8 * STRETCH + 678;
-    const std::string zqf = random.bytes(size), other = random.bytes(size);
-    const SxString digest = SxMd5::get(SxString(zqf));
-    const std::string stale = PackedImage(other).bytes(),
-                      right = PackedImage(zqf, true, digest.str()).bytes();
+    const StalePack given;
+    const std::string &zqf = given.zqf, &stale = given.stale, &right = given.right;
+    const uint64 size = zqf.size();
     std::atomic<bool> isReplaced{false};
     const ScriptedServer server([&](const std::string& request) {
         const bool isPacked = request.find("img.zqf.zst") != std::string::npos;
         return ScriptedServer::ranged(request, !isPacked ? zqf : isReplaced ? right : stale);
     });
     ZqRemoteImage image(SxPtr<ZqNetLink>::create(quickSettings()), SxString(server.url()), size, {},
-                        ZqRemoteImage::MAX_KEPT, digest);
+                        ZqRemoteImage::MAX_KEPT, given.digest);
     ASSERT_TRUE(image.awaitTable());
     image.stream(0, [&](const char*, int64) { return false; });
     for (const uint64 idx : {uint64{0}, uint64{4}})
-        EXPECT_TRUE(readOf(image, idx * STRETCH, STRETCH) == other.substr(idx * STRETCH, STRETCH));
+        EXPECT_TRUE(readOf(image, idx * STRETCH, STRETCH) == given.other.substr(idx * STRETCH, STRETCH));
     isReplaced = true;
     // What is of neither table leads to a look at the file.
     EXPECT_TRUE(SxWait::pass(5'000, [&] {
