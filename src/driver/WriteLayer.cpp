@@ -407,16 +407,6 @@ int WriteLayer::sync() {
 int WriteLayer::syncInTurn() {
     if (failedError.load() != 0) return EIO;
     if (!tmp.isOpen()) return 0;
-    try {
-        return syncBatch();
-    } catch (const std::bad_alloc&) {
-        // Records may be gone with the batch, and a later sync would succeed without them.
-        failedError = ENOMEM;
-        return fail("Cannot bring '" + SxString(tix.getPath()) + "' to the disk", ENOMEM);
-    }
-}
-
-int WriteLayer::syncBatch() {
     Batch batch;
     {
         const SxMutexBlock lock(&mutex);
@@ -424,6 +414,31 @@ int WriteLayer::syncBatch() {
         batch.freed.swap(freedPending);
         batch.nBefore = nRecords - batch.records.size();
     }
+    int error = ENOMEM;
+    try {
+        error = syncBatch(&batch);
+    } catch (const std::bad_alloc&) {
+        dirty = true;
+    }
+    try {
+        putBack(&batch);
+    } catch (const std::bad_alloc&) {
+        // A later sync would succeed without these records.
+        failedError = ENOMEM;
+        return fail("Cannot bring '" + SxString(tix.getPath()) + "' to the disk", ENOMEM);
+    }
+    return error;
+}
+
+/// Has a later sync write what is left of a batch.
+void WriteLayer::putBack(Batch* batch) {
+    const SxMutexBlock lock(&mutex);
+    const auto rest = batch->records.begin() + static_cast<std::ptrdiff_t>(batch->nDone);
+    pending.insert(pending.begin(), rest, batch->records.end());
+    freedPending.insert(freedPending.begin(), batch->freed.begin(), batch->freed.end());
+}
+
+int WriteLayer::syncBatch(Batch* batch) {
     if (dirty.exchange(false)) {
         if (const int error = tmp.sync()) {
             return fail("Cannot bring '" + SxString(tmp.getPath()) + "' to the disk", error);
@@ -433,7 +448,7 @@ int WriteLayer::syncBatch() {
         if (const int error = syncNames()) return error;
         namesPending = false;
     }
-    if (const int error = appendBatch(&batch)) return error;
+    if (const int error = appendBatch(batch)) return error;
     reuseFreed();
     // It stays as it is where that fails, and nothing is lost but room.
     if (tixEnd > compactAt) compact();
@@ -444,37 +459,33 @@ int WriteLayer::syncBatch() {
 /// On a disk that is full the records go to the index in pieces that fit the reserve: what the discards of
 /// one have freed makes room for the next.
 int WriteLayer::appendBatch(Batch* batch) {
-    std::vector<Record>& records = batch->records;
-    size_t nDone = 0, nAtOnce = records.size();
+    const std::vector<Record>& records = batch->records;
+    size_t nAtOnce = records.size();
     bool isFull = false;
     int error = 0;
-    while (error == 0 && nDone < records.size()) {
-        const size_t n = std::min(nAtOnce, records.size() - nDone);
-        error = appendRecords(records.data() + nDone, n);
+    while (error == 0 && batch->nDone < records.size()) {
+        const size_t n = std::min(nAtOnce, records.size() - batch->nDone);
+        error = appendRecords(records.data() + batch->nDone, n);
         if (error == ENOSPC && n > RECORDS_IN_RESERVE) {
             nAtOnce = RECORDS_IN_RESERVE;
             isFull = true;
             error = 0;
             continue;
         }
-        if (error == 0) nDone += n;
-        settle(batch, nDone);
+        if (error == 0) batch->nDone += n;
+        settle(batch);
         if (!isFull) continue;
         reuseFreed();
         while (giveBackRoom())
             continue;
         reserve();
     }
-    const SxMutexBlock lock(&mutex);
-    // The data is safe, and the same records can be written later.
-    pending.insert(pending.begin(), records.begin() + static_cast<std::ptrdiff_t>(nDone), records.end());
-    freedPending.insert(freedPending.begin(), batch->freed.begin(), batch->freed.end());
     return error;
 }
 
-/// Takes those slots out of the batch whose discards are among its first `nDone` records.
-void WriteLayer::settle(Batch* batch, size_t nDone) {
-    const auto isDurable = [&](const Freed& slot) { return slot.nRecords <= batch->nBefore + nDone; };
+/// Takes those slots out of the batch whose discards are among its durable records.
+void WriteLayer::settle(Batch* batch) {
+    const auto isDurable = [&](const Freed& slot) { return slot.nRecords <= batch->nBefore + batch->nDone; };
     const auto end = std::find_if_not(batch->freed.begin(), batch->freed.end(), isDurable);
     const SxMutexBlock lock(&mutex);
     freedSynced.insert(freedSynced.end(), batch->freed.begin(), end);

@@ -100,6 +100,7 @@ private:
         std::vector<Record> records;
         std::vector<Freed> freed; ///< by these records
         uint64 nBefore = 0;       ///< records that were made before them
+        size_t nDone = 0;         ///< of the records, that are durable
     };
     /// What load() has found.
     struct Found {
@@ -141,10 +142,11 @@ private:
     int reserve() SX_REQUIRES(changing);
     bool hasManyPending() const;
     int appendBatch(Batch* batch) SX_REQUIRES(changing);
-    void settle(Batch* batch, size_t nDone);
+    void settle(Batch* batch);
+    void putBack(Batch* batch);
     void reuseFreed();
     int syncInTurn() SX_REQUIRES(changing);
-    int syncBatch() SX_REQUIRES(changing);
+    int syncBatch(Batch* batch) SX_REQUIRES(changing);
     int appendRecords(const Record* records, size_t n) SX_REQUIRES(changing);
     int compact() SX_REQUIRES(changing);
     void requireInPlace() SX_REQUIRES(changing);
