@@ -69,7 +69,8 @@ TEST_F(RemoteImage, givesTheSameBytesInEachForm) {
         const ImagePtr image = open();
         EXPECT_TRUE(streamOf(*image) == zqf);
         // The stream needs no table, which may come after it.
-        EXPECT_TRUE(SxWait::pass(5000, [&] { return image->getFigures().isPacked == isPacked; }));
+        EXPECT_TRUE(SxWait::pass(
+            5000, [&, isPackedForm = isPacked] { return image->getFigures().isPacked == isPackedForm; }));
         EXPECT_EQ(server.getNBytes("img.zqf") - nPlain, isPacked ? 0 : zqf.size());
         const std::pair<uint64, uint64> ranges[] = {
             {0, 1},           {STRETCH - 1, 2}, {3 * STRETCH, STRETCH}, {30 * STRETCH, 12'345},
