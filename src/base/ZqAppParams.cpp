@@ -23,7 +23,7 @@ void readApp(const SxSymbol& app, ZqAppParams* record) {
 }
 
 void readDisk(const SxSymbol& disk, ZqAppParams* record) {
-    record->mountMode = ZqMountMgr::stringToMountMode(disk.getElem("mountMode", true).toString());
+    record->mountMode = ZqDriveKinds::stringToMountMode(disk.getElem("mountMode", true).toString());
     ZqRecordFile::get(disk, "sizeMnt", &record->sizeMnt);
     ZqRecordFile::get(disk, "sizeZqf", &record->sizeZqf);
     ZqRecordFile::get(disk, "sizeIdx", &record->sizeIdx);
@@ -128,7 +128,7 @@ void writeHead(const ZqAppParams& record, SxSymbol& root) {
     put(disk, "sizeIdx", record.sizeIdx);
     put(disk, "sizeMnt", record.sizeMnt);
     put(disk, "cacheSize", record.cacheSize);
-    disk.append("mountMode", ZqMountMgr::mountModeToString(record.mountMode));
+    disk.append("mountMode", ZqDriveKinds::mountModeToString(record.mountMode));
 }
 
 void writeLists(const ZqAppParams& record, SxSymbol& root) {

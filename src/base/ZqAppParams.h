@@ -1,7 +1,7 @@
 #pragma once
 
+#include "ZqDriveKinds.h"
 #include "ZqLoadProfilePoint.h"
-#include "ZqMountMgr.h"
 #include "ZqRegistry.h"
 
 /// The record `app.json`: how one streamed application runs. Every job keeps a copy of its own and reads the
@@ -19,7 +19,7 @@ public:
     SxString name;       ///< process to look for when the command is only a launcher
     int64 delay = 5;     ///< seconds before that search
     int64 cacheSize = 0; ///< driver cache, in units of 1000000 bytes
-    ZqMountMgr::MountMode mountMode = ZqMountMgr::ReadOnly;
+    ZqDriveKinds::MountMode mountMode = ZqDriveKinds::ReadOnly;
     SxList<SxString> access; ///< launcher words
     SxList<ZqRegistry::Item> registry;
     int64 underflowDelay = 5; ///< seconds before the window search

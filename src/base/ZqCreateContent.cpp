@@ -139,7 +139,7 @@ void ZqCreateContent::writeRecords(const SxString& folder, uint64 nBlocks, const
     ZqImageParams image;
     image.guid = digest;
     image.sizeRaw = static_cast<int64>(nBlocks * BLOCK);
-    image.deviceMode = ZqMountMgr::Removable;
+    image.deviceMode = ZqDriveKinds::Removable;
     image.filesystem = "none";
     image.driverVersion = "0.0.0";
     image.write(folder);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "SxList.h"
+#include "SxPtr.h"
 #include "ZqAppParams.h"
 #include "ZqImageParams.h"
 #include "ZqTaskMon.h"

@@ -37,7 +37,7 @@ void ZqImageParams::readFile(const SxString& file) {
         emulatedSectorSize = root.getElem("emulatedSectorSize", true).toInt();
         SxString mode = REMOVABLE;
         ZqRecordFile::get(root, "deviceMode", &mode);
-        deviceMode = mode == REMOVABLE ? ZqMountMgr::Removable : ZqMountMgr::NonRemovable;
+        deviceMode = mode == REMOVABLE ? ZqDriveKinds::Removable : ZqDriveKinds::NonRemovable;
         filesystem = defaults.filesystem;
         ZqRecordFile::get(root, "filesystem", &filesystem);
         driverVersion = defaults.driverVersion;
@@ -57,7 +57,7 @@ void ZqImageParams::write(const SxString& prefix) const {
         root.append("guid", guid);
         root.append("sizeRaw", sizeRaw);
         root.append("emulatedSectorSize", emulatedSectorSize);
-        root.append("deviceMode", deviceMode == ZqMountMgr::Removable ? REMOVABLE : "non-removable");
+        root.append("deviceMode", deviceMode == ZqDriveKinds::Removable ? REMOVABLE : "non-removable");
         root.append("filesystem", filesystem);
         root.append("driverVersion", driverVersion);
         ZqRecordFile::write(root, file);

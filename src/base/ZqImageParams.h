@@ -1,6 +1,6 @@
 #pragma once
 
-#include "ZqMountMgr.h"
+#include "ZqDriveKinds.h"
 
 /// The record `img.json`: what a block image is, apart from its blocks. Two records with the same `guid`
 /// belong to the same RAW image. Not locked.
@@ -11,8 +11,8 @@ public:
     int64 sizeRaw = 0;                                      ///< bytes of the RAW image
     int64 emulatedSectorSize = 4096;                        ///< bytes
     SxString pathPrefix;                                    ///< folder of the file, with its trailing slash
-    ZqMountMgr::DeviceMode deviceMode = ZqMountMgr::Removable;
-    SxString filesystem = "ntfs"; ///< a text of ZqMountMgr::FileSystem, or "none"
+    ZqDriveKinds::DeviceMode deviceMode = ZqDriveKinds::Removable;
+    SxString filesystem = "ntfs"; ///< a text of ZqDriveKinds::FileSystem, or "none"
     SxString driverVersion = "3.3.4";
 
     ZqImageParams() = default;

@@ -3,6 +3,7 @@
 #include "SxArray.h"
 #include "SxPtr.h"
 #include "SxString.h"
+#include "ZqDriveKinds.h"
 #include "ZqTraceParams.h"
 
 class ZqAppParams;
@@ -15,36 +16,13 @@ enum ZqImageType : int { ZqFImage = 1 };
 /// operations, cheap to create: every thread has an instance of its own, which only remembers the drive that
 /// it mounted or found last. `image` is the path of the image folder; `mountPoint` a letter and a colon
 /// ("E:"). All operations that fail raise SxException, with the service's own reason, where it gives one, as
-/// the innermost cause.
-class ZqMountMgr {
+/// the innermost cause. The kinds of drives that records name go by this class's name, too.
+class ZqMountMgr : public ZqDriveKinds {
 public:
-    /// How a drive is mounted; the texts are those of `mountMode` in app.json.
-    enum MountMode : int {
-        ReadOnly = 0,   ///< "ro"
-        ReadWrite = 1,  ///< "rw"
-        ReadTWLayer = 2 ///< "rtw": writes go into a layer beside the image
-    };
-    /// What kind of disk is shown; the texts are those of `deviceMode` in img.json.
-    enum DeviceMode : int {
-        Removable = 0,   ///< "removable"
-        NonRemovable = 1 ///< "non-removable"
-    };
-    /// The texts are those of `filesystem` in img.json.
-    enum FileSystem : int { NTFS = 0, ExFAT = 1, FAT = 2, UDF = 3 };
-
     /// The version of the drive service that this library is made for.
     static constexpr const char* DRIVER_VERSION = "3.4.10";
     /// Largest cache that setCacheSize() takes, in bytes.
     static constexpr int64 MAX_CACHE = 2'000'000'000;
-
-    // Texts of the records.
-
-    /// "ntfs", "exfat", "fat" or "udf"; raises on any other value.
-    static SxString getFSString(FileSystem fs);
-    /// "ro", "rw" or "rtw"; raises on any other value.
-    static SxString mountModeToString(MountMode mode);
-    /// Raises "Invalid 'mountMode' value" on any other text.
-    static MountMode stringToMountMode(const SxString& text);
 
     // The service.
 

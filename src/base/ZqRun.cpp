@@ -9,6 +9,7 @@
 #include "ZqImageFiles.h"
 #include "ZqImageFolder.h"
 #include "ZqLog.h"
+#include "ZqMountMgr.h"
 #include "ZqSleepDelay.h"
 #include "ZqStreamRecord.h"
 #include "ZqSysEnv.h"

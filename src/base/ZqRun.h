@@ -1,6 +1,7 @@
 #pragma once
 
 #include "SxMutex.h"
+#include "ZqDriveKinds.h"
 #include "ZqImageFeed.h"
 #include "ZqRunSeries.h"
 #include "ZqStartForecast.h"
@@ -107,8 +108,8 @@ private:
     /// Waits until the image is known to be right.
     void awaitCheck();
     void mount();
-    ZqMountMgr::MountMode mountMode() const;
-    void bringUp(ZqMountMgr::MountMode mode);
+    ZqDriveKinds::MountMode mountMode() const;
+    void bringUp(ZqDriveKinds::MountMode mode);
     /// Makes calls of the drive service, again and again as long as it is silent and nobody stops the run.
     void patiently(const std::function<void()>& calls);
     void takeDriveAway();

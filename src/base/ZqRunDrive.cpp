@@ -5,6 +5,7 @@
 #include "ZqImageFiles.h"
 #include "ZqImageFolder.h"
 #include "ZqLog.h"
+#include "ZqMountMgr.h"
 #include "ZqRun.h"
 #include "ZqRunTraces.h"
 #include "ZqSysEnv.h"

@@ -91,7 +91,7 @@ void describeText(const ZqImageInfo& info, Output* out) {
     field("State", info.getStateText());
     field("Application", app.guid);
     field("Command", app.cmd + (app.args.isEmpty() ? "" : " ") + SxString::join(app.args, " "));
-    field("Mount mode", ZqMountMgr::mountModeToString(app.mountMode));
+    field("Mount mode", ZqDriveKinds::mountModeToString(app.mountMode));
     field("Image", info.image.guid);
     field("File system", info.image.filesystem);
     field("RAW image", exactBytes(static_cast<uint64>(info.image.sizeRaw)));

@@ -275,11 +275,11 @@ ZqAppParams ZqImageBuild::makeApp(const ZqSourceTree& tree) const {
     app.guid = SxString();
     if (options.appTemplate.isEmpty()) {
         app.cmd = SxString();
-        app.mountMode = writable ? ZqMountMgr::ReadTWLayer : ZqMountMgr::ReadOnly;
+        app.mountMode = writable ? ZqDriveKinds::ReadTWLayer : ZqDriveKinds::ReadOnly;
     } else {
         app.readFile(options.appTemplate);
     }
-    if (app.mountMode == ZqMountMgr::ReadWrite && !writable) {
+    if (app.mountMode == ZqDriveKinds::ReadWrite && !writable) {
         throw SxException("The mount mode 'rw' needs the file system ext4; " +
                               ZqDriveMaker::typeToString(options.fileSystem) + " can't be written to",
                           UNIT, __LINE__);

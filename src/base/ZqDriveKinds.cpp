@@ -1,12 +1,13 @@
-#include "ZqMountMgr.h"
+#include "ZqDriveKinds.h"
 
 #include "SxException.h"
 
 namespace {
+// Clients know these failures as the manager's.
 constexpr const char* UNIT = "src/base/ZqMountMgr";
-}
+} // namespace
 
-SxString ZqMountMgr::getFSString(FileSystem fs) {
+SxString ZqDriveKinds::getFSString(FileSystem fs) {
     switch (fs) {
     case NTFS:
         return "ntfs";
@@ -20,7 +21,7 @@ SxString ZqMountMgr::getFSString(FileSystem fs) {
     throw SxException("Unknown filesystem", UNIT, __LINE__);
 }
 
-SxString ZqMountMgr::mountModeToString(MountMode mode) {
+SxString ZqDriveKinds::mountModeToString(MountMode mode) {
     switch (mode) {
     case ReadOnly:
         return "ro";
@@ -32,7 +33,7 @@ SxString ZqMountMgr::mountModeToString(MountMode mode) {
     throw SxException("Unknown mount mode", UNIT, __LINE__);
 }
 
-ZqMountMgr::MountMode ZqMountMgr::stringToMountMode(const SxString& text) {
+ZqDriveKinds::MountMode ZqDriveKinds::stringToMountMode(const SxString& text) {
     if (text == "ro") return ReadOnly;
     if (text == "rw") return ReadWrite;
     if (text == "rtw") return ReadTWLayer;
