@@ -8,6 +8,7 @@
 #include "ZqImageFeedJob.h"
 #include "ZqImageFiles.h"
 #include "ZqImageFolder.h"
+#include "ZqImageInfo.h"
 #include "ZqImageProgress.h"
 #include "ZqImageRecords.h"
 #include "ZqLog.h"
@@ -80,7 +81,7 @@ void ZqImageFeed::open(const ZqStopTest& stop) {
                           __LINE__);
     }
     const SxFileInfo zqf(filePath(ZqImageFiles::ZQF));
-    if (zqf.isLink() && !ZqImageRecords::isComplete(settings.image)) {
+    if (zqf.isLink() && !ZqImageInfo::isComplete(settings.image)) {
         throw SxException("'" + zqf.getOrig() + "' is a link, and a download goes only into its folder", UNIT,
                           __LINE__);
     }
@@ -91,11 +92,11 @@ void ZqImageFeed::open(const ZqStopTest& stop) {
     ZqStreamRecord record;
     record.read(settings.image);
     url = settings.url.isEmpty() ? record.url : settings.url;
-    const bool hasRecords = ZqImageRecords::holdsPart(settings.image);
+    const bool hasRecords = ZqImageInfo::holdsPart(settings.image);
     shape = ZqImageLock::take(settings.image, ZqImageLock::Shape,
                               hasRecords ? ZqImageLock::Shared : ZqImageLock::Exclusive, settings.job);
     cutSurplus(record, stop);
-    if (ZqImageRecords::isComplete(settings.image)) {
+    if (ZqImageInfo::isComplete(settings.image)) {
         app = ZqAppParams(filePath(""));
         // A run plays without its server. Who only completes has no use for an address that gives something
         // else.

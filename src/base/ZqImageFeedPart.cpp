@@ -6,6 +6,7 @@
 #include "ZqImageFeed.h"
 #include "ZqImageFeedJob.h"
 #include "ZqImageFiles.h"
+#include "ZqImageInfo.h"
 #include "ZqImageRecords.h"
 #include "ZqImageRepair.h"
 #include "ZqLog.h"
@@ -49,8 +50,7 @@ bool isMounted(const SxString& image) {
 /// which at most the beginning is right.
 void ZqImageFeed::cutSurplus(const ZqStreamRecord& record, const ZqStopTest& stop) const {
     const SxFileInfo zqf(filePath(ZqImageFiles::ZQF));
-    if (url.isEmpty() || record.isWritten || zqf.isLink() || !ZqImageRecords::isComplete(settings.image))
-        return;
+    if (url.isEmpty() || record.isWritten || zqf.isLink() || !ZqImageInfo::isComplete(settings.image)) return;
     const ZqAppParams own(filePath(""));
     const auto cutTo = [&](uint64 size) {
         zqLogMsg("base", "'" + zqf.getOrig() + "' has " + SxString(fileSize()) + " bytes, and is cut to " +

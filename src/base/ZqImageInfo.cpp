@@ -20,20 +20,40 @@ ZqImageInfo::State findState(const SxString& prefix, bool allThere) {
     return allThere ? ZqImageInfo::Complete : ZqImageInfo::Partial;
 }
 
+/// 0 where there is none.
+int64 sizeOfFile(const SxString& file) {
+    const SxFileInfo info(file);
+    return info.isFile() ? info.getSize() : 0;
+}
+
 } // namespace
+
+bool ZqImageInfo::holdsPart(const SxString& path) {
+    const SxString prefix = ZqImageFolder::prefix(path);
+    for (const char* name : {ZqImageFiles::APP_JSON, ZqImageFiles::IMAGE_JSON, ZqImageFiles::IDX}) {
+        if (!SxFSAction::test_f(prefix + name)) return false;
+    }
+    return sizeOfFile(prefix + ZqImageFiles::ZQF) > 0;
+}
+
+bool ZqImageInfo::isComplete(const SxString& path) {
+    if (!holdsPart(path)) return false;
+    const SxString prefix = ZqImageFolder::prefix(path);
+    const ZqAppParams app(prefix);
+    return sizeOfFile(prefix + ZqImageFiles::ZQF) >= static_cast<int64>(app.sizeZqf);
+}
 
 ZqImageInfo::ZqImageInfo(const SxString& path) {
     const SxString prefix = ZqImageFolder::prefix(path);
     const auto lock = ZqImageLock::takeAnyState(path, ZqImageLock::Shape, ZqImageLock::Shared, "image info");
     app = ZqAppParams(prefix);
     image = ZqImageParams(prefix);
-    const SxFileInfo zqf(prefix + ZqImageFiles::ZQF);
-    sizeZqf = zqf.isFile() ? static_cast<uint64>(zqf.getSize()) : 0;
-    const SxFileInfo idx(prefix + ZqImageFiles::IDX);
-    if (app.sizeIdx > 0 && idx.isFile() && static_cast<uint64>(idx.getSize()) > app.sizeIdx) {
-        throw SxException("File '" + idx.getOrig() + "' has " + idx.getSize() + " bytes, app.json says " +
-                              app.sizeIdx,
-                          "src/base/ZqImageInfo", __LINE__);
+    sizeZqf = static_cast<uint64>(sizeOfFile(prefix + ZqImageFiles::ZQF));
+    const SxString idx = prefix + ZqImageFiles::IDX;
+    const int64 sizeIdx = sizeOfFile(idx);
+    if (app.sizeIdx > 0 && static_cast<uint64>(sizeIdx) > app.sizeIdx) {
+        throw SxException("File '" + idx + "' has " + sizeIdx + " bytes, app.json says " + app.sizeIdx, UNIT,
+                          __LINE__);
     }
     countBlocks(ZqImage(prefix).getMap());
     storage = ZqImage(prefix).getSplitState();

@@ -14,6 +14,12 @@ public:
     /// them can't be read.
     explicit ZqImageInfo(const SxString& path);
 
+    /// Whether the folder `path` has all records and the beginning of `img.zqf`. Takes no lock.
+    static bool holdsPart(const SxString& path);
+    /// Whether all that belongs to a complete image is in the folder `path`, as far as sizes tell. Takes no
+    /// lock. Raises where app.json can't be read.
+    static bool isComplete(const SxString& path);
+
     ZqAppParams app;
     ZqImageParams image;
     State state = Partial;

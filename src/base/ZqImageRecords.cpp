@@ -9,6 +9,7 @@
 #include "ZqFailurePolicy.h"
 #include "ZqImageFiles.h"
 #include "ZqImageFolder.h"
+#include "ZqImageInfo.h"
 #include "ZqImageMapFetch.h"
 #include "ZqImageParams.h"
 #include "ZqLog.h"
@@ -80,21 +81,6 @@ ZqImageRecords::ZqImageRecords(const SxPtr<ZqNetLink>& link_, const SxString& im
       address(folderUrl),
       url(ZqUrlText::of(folderUrl)),
       headers(headers_) {
-}
-
-bool ZqImageRecords::isComplete(const SxString& image) {
-    if (!holdsPart(image)) return false;
-    const SxString folder = ZqImageFolder::prefix(image);
-    const ZqAppParams app(folder);
-    return fileSize(folder + ZqImageFiles::ZQF) >= static_cast<int64>(app.sizeZqf);
-}
-
-bool ZqImageRecords::holdsPart(const SxString& image) {
-    const SxString folder = ZqImageFolder::prefix(image);
-    for (const char* name : {ZqImageFiles::APP_JSON, ZqImageFiles::IMAGE_JSON, ZqImageFiles::IDX}) {
-        if (!SxFSAction::test_f(folder + name)) return false;
-    }
-    return fileSize(folder + ZqImageFiles::ZQF) > 0;
 }
 
 SxPtr<ZqRemoteFile> ZqImageRecords::remote(const char* name, bool isFresh, uint64 expectedSize) const {
@@ -187,7 +173,7 @@ ZqAppParams ZqImageRecords::fetchApp(bool mayPlay, bool* isConfirmed, const ZqSt
     ZqAppParams server, own;
     if (resumes) own = ZqAppParams(folder);
     SxString text;
-    const bool mayGoWithout = mayPlay && holdsPart(folder);
+    const bool mayGoWithout = mayPlay && ZqImageInfo::holdsPart(folder);
     const int64 endNs = SxClock::get().steadyNs() + PATIENCE_NS;
     bool isLate = false;
     try {

@@ -13,11 +13,6 @@ public:
     ZqImageRecords(const SxPtr<ZqNetLink>& link_, const SxString& image, const SxString& folderUrl,
                    const SxArray<SxString>& headers_);
 
-    /// Whether the folder has all records and the beginning of `img.zqf`.
-    static bool holdsPart(const SxString& image);
-    /// Whether all that belongs to a complete image is in its folder, as far as sizes tell.
-    static bool isComplete(const SxString& image);
-
     /// Fetches `app.json` and gives it. A folder that holds bytes of `img.zqf` keeps its own, and must be of
     /// the same version and block order as the server's; where the server gives none within some seconds and
     /// the folder has all records, they will do if it is to be played (`mayPlay`); `*isConfirmed` tells

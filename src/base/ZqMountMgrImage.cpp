@@ -7,8 +7,8 @@
 #include "ZqDriveStatus.h"
 #include "ZqImageFiles.h"
 #include "ZqImageFolder.h"
+#include "ZqImageInfo.h"
 #include "ZqImageLock.h"
-#include "ZqImageRecords.h"
 #include "ZqMountMgr.h"
 #include "ZqRedirection.h"
 #include "ZqStreamRecord.h"
@@ -177,7 +177,7 @@ SxString ZqMountMgr::mountImageZQF(MountMode mode, DeviceMode deviceMode, const 
             traceFolder.isEmpty() ? ZqTraceParams::Monitoring : ZqTraceParams::stringToMethod(traceMethod);
         checkImage(image, sizeRaw, cursor, traceFolder);
         // Not behind the mount, since a file system writes as soon as it comes up.
-        if (mode == ReadWrite && ZqImageRecords::isComplete(image)) ZqStreamRecord::noteWrites(image);
+        if (mode == ReadWrite && ZqImageInfo::isComplete(image)) ZqStreamRecord::noteWrites(image);
         setCacheSize(0);
         mount();
         prepareGuard(image);
