@@ -85,6 +85,15 @@ SxArray<char> ZqRemoteImage::TableLoader::fetch(uint64 first, uint64 end) {
     return bytes;
 }
 
+SxPtr<ZqSeekTable> ZqRemoteImage::TableLoader::parse(const SxArray<char>& tail, uint64 size) const {
+    try {
+        const auto nTail = static_cast<uint64>(tail.getSize());
+        return SxPtr<ZqSeekTable>::create(tail.data(), nTail, size, image->sizeZqf);
+    } catch (const SxException& e) {
+        throw e.tagged(ZqNetLink::WRONG);
+    }
+}
+
 void ZqRemoteImage::TableLoader::load() {
     // It may be another file than the one that was left aside.
     const Packed before = image->getState();
@@ -101,7 +110,5 @@ void ZqRemoteImage::TableLoader::load() {
     }
     const uint64 nTail = std::min(size, ZqSeekTable::maxTail(image->sizeZqf));
     const SxArray<char> tail = fetch(size - nTail, size);
-    const auto found =
-        SxPtr<ZqSeekTable>::create(tail.data(), static_cast<uint64>(tail.getSize()), size, image->sizeZqf);
-    if (!image->takeTable(found, image->isStatedOf(front.data(), front.getSize()))) image->refusePacked();
+    if (!image->takeTable(parse(tail, size), image->isStatedOf(front.data(), front.getSize()))) image->refusePacked();
 }

@@ -19,6 +19,7 @@ private:
     enum class Outcome { Ended, Absent, Failed, Away };
 
     void load();
+    SxPtr<ZqSeekTable> parse(const SxArray<char>& tail, uint64 size) const;
     Outcome tryLoad();
     Outcome tryLoadOrNote();
     SxArray<char> fetch(uint64 first, uint64 end);

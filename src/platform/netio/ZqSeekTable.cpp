@@ -2,7 +2,6 @@
 
 #include "SxException.h"
 #include "SxXxh64.h"
-#include "ZqNetLink.h"
 #include "ZqPackedForm.h"
 
 namespace {
@@ -20,7 +19,7 @@ uint32 readUint32(const char* bytes) {
 }
 
 [[noreturn]] void raise(const SxString& text, int line) {
-    throw SxException(ZqNetLink::WRONG, text, UNIT, line);
+    throw SxException(text, UNIT, line);
 }
 
 } // namespace
