@@ -134,6 +134,21 @@ int64 SxFSAction::sizeOf(const SxString& path) {
     return found && found->kind == SxStat::File ? found->size : -1;
 }
 
+int64 SxFSAction::freeSpace(const SxString& path) {
+    std::string folder = SxOs::hostPath(path);
+    SxStat info;
+    int result = SxOs::get().stat(folder, &info);
+    while ((result == -ENOENT || result == -ENOTDIR) && folder != "/" && folder != ".") {
+        const size_t slash = folder.rfind('/');
+        folder = slash == std::string::npos ? "." : folder.substr(0, slash == 0 ? 1 : slash);
+        result = SxOs::get().stat(folder, &info);
+    }
+    int64 bytes = 0;
+    if (result == 0) result = SxOs::get().freeSpace(folder, &bytes);
+    if (result < 0) fail("Cannot find the free space of '" + path + "'", result, __LINE__);
+    return bytes;
+}
+
 void SxFSAction::mkdir_p(const SxString& path, int mode) {
     if (test_d(path)) return;
     const SxFileInfo info(path);

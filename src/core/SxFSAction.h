@@ -22,6 +22,9 @@ public:
     /// Bytes of the file, or of the one that a link leads to; -1 where there is none. Raises as look() does.
     static int64 sizeOf(const SxString& path);
 
+    /// Free bytes of the disk of a file or folder, which need not exist yet.
+    static int64 freeSpace(const SxString& path);
+
     /// Makes a folder and all that are missing above it.
     static void mkdir_p(const SxString& path, int mode = 0777);
     /// Copies a file, with its permissions but without set-id and sticky bits, or a folder with its content;

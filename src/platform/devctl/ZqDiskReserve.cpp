@@ -1,22 +1,26 @@
 #include "ZqDiskReserve.h"
 
-#include "ZqSysEnv.h"
+#include "SxFSAction.h"
 
 #include <algorithm>
 #include <limits>
 
 namespace {
 constexpr uint64 PART = 10; ///< one of so many parts of the free room is left
+
+uint64 freeOn(const SxString& folder) {
+    return static_cast<uint64>(SxFSAction::freeSpace(folder));
+}
 } // namespace
 
 ZqDiskReserve::ZqDiskReserve(const SxString& folder_, uint64 nHeld)
     : folder(folder_),
-      size(std::min(MAX, (ZqSysEnv::getFreeDiskSpace(folder_) + nHeld) / PART)) {
+      size(std::min(MAX, (freeOn(folder_) + nHeld) / PART)) {
 }
 
 uint64 ZqDiskReserve::getRoom() const {
     if (folder.isEmpty()) return std::numeric_limits<uint64>::max();
-    const uint64 free = ZqSysEnv::getFreeDiskSpace(folder);
+    const uint64 free = freeOn(folder);
     return free > size ? free - size : 0;
 }
 

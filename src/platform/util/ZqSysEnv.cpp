@@ -161,20 +161,7 @@ SxString ZqSysEnv::getNewGUID() {
 }
 
 uint64 ZqSysEnv::getFreeDiskSpace(const SxString& path) {
-    SxString folder = SxOs::hostPath(path);
-    SxStat info;
-    int result = SxOs::get().stat(folder.str(), &info);
-    while ((result == -ENOENT || result == -ENOTDIR) && folder != "/" && folder != ".") {
-        folder = parentFolder(folder);
-        result = SxOs::get().stat(folder.str(), &info);
-    }
-    int64 bytes = 0;
-    if (result == 0) result = SxOs::get().freeSpace(folder.str(), &bytes);
-    if (result < 0) {
-        throw SxException(SxException(SxOs::errorText(result), UNIT, __LINE__),
-                          "Cannot find the free space of '" + path + "'", UNIT, __LINE__);
-    }
-    return static_cast<uint64>(bytes);
+    return static_cast<uint64>(SxFSAction::freeSpace(path));
 }
 
 void ZqSysEnv::truncateFile(const SxString& path, int64 size) {
