@@ -8,7 +8,6 @@
 #include "ZqImageFolder.h"
 #include "ZqImageReplacement.h"
 #include "ZqLog.h"
-#include "ZqRunTraces.h"
 #include "ZqSysEnv.h"
 
 #include <algorithm>
@@ -100,7 +99,7 @@ SxList<SxString> ZqImageStaging::findKept(const SxString& buildId) const {
     const bool isWritten = (!mayDiscard || (isSame && gathered.hasLayer)) && gathered.isImageWritten();
     SxList<SxString> kept, lost;
     if (isSame) {
-        kept << Gathered::TRACES << ZqRunTraces::NOTE;
+        kept << Gathered::TRACES << ZqImageFiles::TRACES_NOTE;
     } else if (gathered.hasTraces) {
         lost << "traces (" + target + Gathered::TRACES + ")";
     }

@@ -21,7 +21,7 @@ void log(const SxString& text) {
 
 ZqRunTraces::ZqRunTraces(const SxString& image)
     : folder(ZqImageFolder::prefix(image) + ZqImageFiles::TRACES),
-      note(ZqImageFolder::prefix(image) + NOTE) {
+      note(ZqImageFolder::prefix(image) + ZqImageFiles::TRACES_NOTE) {
 }
 
 void ZqRunTraces::begin(const SxString& path) {

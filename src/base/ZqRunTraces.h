@@ -6,16 +6,14 @@
 
 /// The traces that runs on this machine have made in an image folder, of which only the newest stay: each
 /// holds some megabytes, and nobody would ever look at all of them. The note `traces.txt` in the image folder
-/// names them. A trace that came from elsewhere, was joined of others or is somebody's copy isn't in it and
-/// stays: the note tells a folder by its inode, too. One thread.
+/// names them; beside the traces `traces/*` would name it, too. A trace that came from elsewhere, was joined
+/// of others or is somebody's copy isn't in it and stays: the note tells a folder by its inode, too. One
+/// thread.
 ///
 /// Note: a line for each folder, the oldest first: inode, blank, name. The inode is 0 while a mount is about
 /// to make the folder, and stays so where that was killed.
 class ZqRunTraces {
 public:
-    /// In the image folder, and not beside the traces, where `traces/*` would name it.
-    static constexpr const char* NOTE = "traces.txt";
-
     /// `image`: the image folder.
     explicit ZqRunTraces(const SxString& image);
 

@@ -15,6 +15,7 @@ constexpr const char* APP_JSON = "app.json";           ///< ZqAppParams
 constexpr const char* RUNTIME_JSON = "runtime.json";   ///< ZqRuntimeInfo
 constexpr const char* STREAM_JSON = "stream.json";     ///< ZqStreamRecord
 constexpr const char* TRACES = "traces/";              ///< the traces of runs, a folder each
+constexpr const char* TRACES_NOTE = "traces.txt";      ///< ZqRunTraces
 constexpr const char* SPLIT_INFO = "img.zqf.info";     ///< the split record
 constexpr const char* SPLIT_PART = "img.zqf.part";     ///< a part's name, followed by its number
 constexpr const char* SPLIT_JOURNAL = "img.zqf.split"; ///< the split record while a split is under way
