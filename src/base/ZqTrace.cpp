@@ -14,7 +14,7 @@
 #include <optional>
 #include <type_traits>
 
-using ZqTraceRecords::CHUNK, ZqTraceRecords::SIZE, ZqTraceRecords::decode, ZqTraceRecords::Writer;
+using ZqTraceRecords::CHUNK, ZqTraceFormat::SIZE, ZqTraceFormat::decode, ZqTraceRecords::Writer;
 
 namespace {
 
@@ -132,7 +132,7 @@ ZqTraceItem ZqTrace::readItem(SxFileIO* file) {
     } catch (const SxException& e) {
         throw SxException(e, "Failed to read trace item file time", UNIT, __LINE__);
     }
-    return ZqTraceRecords::makeItem(block, time);
+    return ZqTraceFormat::makeItem(block, time);
 }
 
 SxPtr<ZqTrace::Items> ZqTrace::readItems(SxFileIO* file) {
@@ -155,7 +155,7 @@ SxPtr<ZqTrace::Items> ZqTrace::readItems(SxFileIO* file) {
 void ZqTrace::writeItem(SxFileIO* file, const ZqTraceItem& item) {
     if (!item.valid) return;
     char record[SIZE];
-    ZqTraceRecords::encode(ZqTraceRecords::blockField(item), item.time, record);
+    ZqTraceFormat::encode(ZqTraceFormat::blockField(item), item.time, record);
     file->writeBuffer(record, SIZE);
 }
 
@@ -206,19 +206,7 @@ int64 ZqTrace::getTraceDuration() const {
 }
 
 int64 ZqTrace::getTraceDuration(const SxString& path) {
-    const SxString file = path + ZqTraceFiles::ITEMS;
-    if (!SxFSAction::test_f(file)) return 0;
-    try {
-        // The two records say the same as the whole file.
-        SxFileIO trc(file, "rb", 0600);
-        const int64 n = trc.getSize() / SIZE;
-        if (n < 2) return 0;
-        const ZqTraceItem first = readItem(&trc);
-        trc.seek((n - 1) * SIZE);
-        return static_cast<int64>(readItem(&trc).time - first.time);
-    } catch (const SxException& e) {
-        throw SxException(e, "Cannot evaluate duration for trace " + path, UNIT, __LINE__);
-    }
+    return ZqTraceFormat::durationOf(path);
 }
 
 uint64 ZqTrace::getPageSizeMB() {

@@ -10,12 +10,8 @@
 
 class ZqTraceLock;
 
-/// A trace folder: which block of an image was touched, and when. Paths of folders end in a slash. Not
-/// locked.
-///
-/// `img.trc` holds records of 16 bytes, with no header: the RAW index of the block, with the flag in bit 63,
-/// and the time as a Windows file time (100 ns since 1601 UTC), both unsigned 64-bit little-endian. A rest of
-/// less than a record, as a killed writer leaves it, is passed over.
+/// A trace folder: which block of an image was touched, and when; its items lie in `img.trc` (see
+/// ZqTraceFormat). Paths of folders end in a slash. Not locked.
 class ZqTrace {
 public:
     using Items = SxArray<ZqTraceItem>;

@@ -58,9 +58,9 @@ struct Walk {
         uint64 first = 0;
         for (bool begun = false; reader.next(&item); begun = true) {
             if (!begun) first = item.time;
-            if (item.block >= ZqTraceRecords::MAX_BLOCKS && wildBlock == 0) wildBlock = item.block;
-            fitsStart = fitsStart && ZqTraceRecords::holds(item.time - first + start);
-            fitsEnd = fitsEnd && ZqTraceRecords::holds(item.time - first + end);
+            if (item.block >= ZqTraceFormat::MAX_BLOCKS && wildBlock == 0) wildBlock = item.block;
+            fitsStart = fitsStart && ZqTraceFormat::holds(item.time - first + start);
+            fitsEnd = fitsEnd && ZqTraceFormat::holds(item.time - first + end);
         }
     }
 
@@ -204,7 +204,7 @@ void ZqTraceBuilder::sweep() {
         if (run.fate == Run::Open)
             nMost += std::max<int64>(SxFSAction::sizeOf(run.path + ZqTraceFiles::ITEMS), 0);
     }
-    Joined joined(nMost / ZqTraceRecords::SIZE);
+    Joined joined(nMost / ZqTraceFormat::SIZE);
     joinAll(&runs, &joined);
     finish(runs, joined);
 }

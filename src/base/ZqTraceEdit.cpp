@@ -46,7 +46,7 @@ int64 removeHoles(const SxString& path) {
         ZqTraceRecords::Reader reader(path);
         ZqTraceItem item;
         while (reader.next(&item)) {
-            if (!ZqTraceRecords::isHole(item)) put(item);
+            if (!ZqTraceFormat::isHole(item)) put(item);
         }
     };
     const int64 nAll = ZqTraceRecords::Reader(path).getN();

@@ -25,7 +25,7 @@ SxArray<uint64> readMap(const SxString& file) {
         }
         if constexpr (std::endian::native == std::endian::big) {
             for (uint64& entry : map)
-                entry = ZqTraceRecords::swapIfBig(entry);
+                entry = ZqTraceFormat::swapIfBig(entry);
         }
         return map;
     } catch (const SxException& e) {
@@ -89,7 +89,7 @@ void ZqTrace::mapToImage(const SxString& patchPath, const SxString& outPath) con
             const bool isInside = item.block < static_cast<uint64>(map.getSize());
             const uint64 rawIdx = isInside ? map(static_cast<int64>(item.block)) : NONE;
             if (rawIdx == NONE) continue;
-            if ((rawIdx & ZqTraceRecords::FLAG) != 0) {
+            if ((rawIdx & ZqTraceFormat::FLAG) != 0) {
                 throw SxException("The patch map " + file + " is damaged: entry " + item.block +
                                       " names block " + rawIdx + ", which no disk has",
                                   UNIT, __LINE__);

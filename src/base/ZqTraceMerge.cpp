@@ -133,7 +133,7 @@ void construct(std::vector<Source>* sources, int64 nItems, int64 now, ZqTraceRec
         Source& source = (*sources)[heap.first()];
         const ZqTraceItem& item = source.getItem();
         if (taken.insert(item.block)) {
-            out->put(ZqTraceRecords::blockField(item),
+            out->put(ZqTraceFormat::blockField(item),
                      static_cast<uint64>(source.getRelativeTime()) + static_cast<uint64>(now));
         }
         if (source.advance(taken)) {

@@ -5,9 +5,8 @@
 #include "ZqLog.h"
 #include "ZqRecordFile.h"
 #include "ZqSysEnv.h"
-#include "ZqTrace.h"
 #include "ZqTraceFiles.h"
-#include "ZqTraceRecords.h"
+#include "ZqTraceFormat.h"
 
 #include <array>
 
@@ -28,7 +27,7 @@ SxString recordFile(const SxString& path, const SxString& own) {
 /// Raises on times that no item can have. trace.json may say anything, and what is counted from such a time
 /// would wrap around, or look like a right time.
 void requireTimes(const ZqTraceParams& record) {
-    using ZqTraceRecords::LEAST_MS, ZqTraceRecords::MOST_MS;
+    using ZqTraceFormat::LEAST_MS, ZqTraceFormat::MOST_MS;
     const auto require = [](const char* name, int64 value, int64 least, int64 most) {
         if (least <= value && value <= most) return;
         throw SxException(SxString("The ") + name + " " + value +
@@ -83,7 +82,7 @@ void ZqTraceParams::read(const SxString& path) {
 
 int64 ZqTraceParams::findDuration() const {
     try {
-        return ZqTrace::getTraceDuration(pathPrefix);
+        return ZqTraceFormat::durationOf(pathPrefix);
     } catch (const SxException&) {
         zqLogMsg("base", "Cannot read trace duration of active trace. Set to 0.");
         return 0;

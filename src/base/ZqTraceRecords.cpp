@@ -17,16 +17,6 @@ constexpr int64 WRITEBACK = 8 << 20;
 
 namespace ZqTraceRecords {
 
-void encode(uint64 block, uint64 timeMs, char* record) {
-    if (!holds(timeMs)) {
-        throw SxException(SxString("The time ") + static_cast<int64>(timeMs) + " of block " +
-                              (block & ~FLAG) + " is none that a trace can hold",
-                          UNIT, __LINE__);
-    }
-    const uint64 fields[2] = {swapIfBig(block), swapIfBig((timeMs + FROM_1601_TO_1970_MS) * UNITS_PER_MS)};
-    std::memcpy(record, fields, sizeof fields);
-}
-
 void Writer::flush() {
     file->writeBuffer(buffer.data(), used);
     if (digest) digest->update(buffer.data(), used);
@@ -44,7 +34,7 @@ Summary replace(const SxString& path, const std::function<void(Writer* out)>& fi
         fill(&out);
         out.flush();
         digest.finish();
-        summary = {out.getN() * SIZE, out.getDuration(), digest.toString()};
+        summary = {out.getN() * ZqTraceFormat::SIZE, out.getDuration(), digest.toString()};
     });
     return summary;
 }
@@ -55,7 +45,7 @@ bool hasHoles(const SxString& path) {
     Reader reader(path);
     ZqTraceItem item;
     while (reader.next(&item)) {
-        if (isHole(item)) return true;
+        if (ZqTraceFormat::isHole(item)) return true;
     }
     return false;
 }
@@ -144,29 +134,29 @@ void Unchanged::require() const {
 
 Reader::Reader(const SxString& path, int64 chunk)
     : file(path + ZqTraceFiles::ITEMS),
-      chunkSize(chunk * SIZE) {
+      chunkSize(chunk * ZqTraceFormat::SIZE) {
     state = FileState::of(file);
     if (state.size < 0 || !SxFSAction::test_f(file)) {
         throw SxException("Cannot trace data. File '" + file + "' not found!", UNIT, __LINE__);
     }
-    n = state.size / SIZE;
-    buffer.resize(std::min(chunkSize, n * SIZE));
+    n = state.size / ZqTraceFormat::SIZE;
+    buffer.resize(std::min(chunkSize, n * ZqTraceFormat::SIZE));
 }
 
 bool Reader::fill() {
-    const int64 size = std::min(buffer.getSize(), (n - nRead) * SIZE);
+    const int64 size = std::min(buffer.getSize(), (n - nRead) * ZqTraceFormat::SIZE);
     if (size == 0) return false;
     try {
         SxFileIO trc(file, "rb", 0600);
         requireSame(file, state, FileState::of(trc));
-        trc.seek(nRead * SIZE);
+        trc.seek(nRead * ZqTraceFormat::SIZE);
         if (trc.readBuffer(buffer.data(), size) < size) {
             throw SxException("Invalid number of items read", UNIT, __LINE__);
         }
     } catch (const SxException& e) {
         throw SxException(e, "Cannot read trace items from " + file, UNIT, __LINE__);
     }
-    nRead += size / SIZE;
+    nRead += size / ZqTraceFormat::SIZE;
     at = buffer.data();
     end = at + size;
     return true;

@@ -2,69 +2,16 @@
 
 #include "SxFileIO.h"
 #include "SxMd5.h"
-#include "ZqTraceItem.h"
+#include "ZqTraceFormat.h"
 #include "ZqTraceParams.h"
 
-#include <bit>
-#include <cstring>
 #include <functional>
-#include <limits>
 
-/// The records of `img.trc` (see ZqTrace), for those who walk or write many of them. Not locked.
+/// The records of `img.trc` (see ZqTraceFormat), for those who walk or write many of them. Not locked.
 namespace ZqTraceRecords {
 
-constexpr int64 SIZE = 16;
-/// No disk has so many blocks: its size in bytes is a signed 64-bit number.
-constexpr uint64 MAX_BLOCKS = uint64{1} << 51;
 /// Records that are read or written with one call: a mebibyte.
 constexpr int64 CHUNK = 65536;
-/// The mark of a record, in its first field.
-constexpr uint64 FLAG = uint64{1} << 63;
-
-/// A record's time counts 100 ns from 1601; ours milliseconds from 1970.
-constexpr uint64 UNITS_PER_MS = 10000;
-constexpr uint64 FROM_1601_TO_1970_MS = 11644473600000;
-
-/// The times that records can hold, in milliseconds since 1970. Sums of a few of them fit in 64 bits.
-constexpr int64 LEAST_MS = -static_cast<int64>(FROM_1601_TO_1970_MS);
-constexpr int64 MOST_MS =
-    static_cast<int64>(std::numeric_limits<uint64>::max() / UNITS_PER_MS - FROM_1601_TO_1970_MS);
-
-inline uint64 swapIfBig(uint64 value) {
-    return std::endian::native == std::endian::big ? __builtin_bswap64(value) : value;
-}
-
-/// The item of the two fields as they stand in the file.
-inline ZqTraceItem makeItem(uint64 blockField, uint64 timeField) {
-    const uint64 block = swapIfBig(blockField);
-    return ZqTraceItem(block & ~FLAG, swapIfBig(timeField) / UNITS_PER_MS - FROM_1601_TO_1970_MS,
-                       (block & FLAG) != 0);
-}
-
-inline ZqTraceItem decode(const char* record) {
-    uint64 fields[2];
-    std::memcpy(fields, record, sizeof fields);
-    return makeItem(fields[0], fields[1]);
-}
-
-/// Whether a record can hold that time, in milliseconds since 1970.
-inline bool holds(uint64 timeMs) {
-    return LEAST_MS <= static_cast<int64>(timeMs) && static_cast<int64>(timeMs) <= MOST_MS;
-}
-
-/// Whether the item's record may be nothing but zeros: a file that a power cut has left with its size, and
-/// without some of its content, has them. Nobody records the year 1601.
-inline bool isHole(const ZqTraceItem& item) {
-    return item.block == 0 && !item.flag && item.time == static_cast<uint64>(LEAST_MS);
-}
-
-/// Raises on a time that no record can hold. The block goes to the record as it is.
-void encode(uint64 block, uint64 timeMs, char* record);
-
-/// The first field of an item's record.
-inline uint64 blockField(const ZqTraceItem& item) {
-    return item.block | (item.flag ? FLAG : 0);
-}
 
 /// Writes records in pieces. What isn't flushed is lost.
 class Writer {
@@ -73,15 +20,15 @@ public:
     explicit Writer(SxFileIO* file_, SxMd5* digest_ = nullptr) : file(file_), digest(digest_) {}
 
     void put(uint64 block, uint64 timeMs) {
-        encode(block, timeMs, buffer.data() + used);
+        ZqTraceFormat::encode(block, timeMs, buffer.data() + used);
         if (n++ == 0) first = timeMs;
         last = timeMs;
-        used += SIZE;
+        used += ZqTraceFormat::SIZE;
         if (used == buffer.getSize()) flush();
     }
     /// Nothing for an item that isn't valid.
     void put(const ZqTraceItem& item) {
-        if (item.valid) put(blockField(item), item.time);
+        if (item.valid) put(ZqTraceFormat::blockField(item), item.time);
     }
     void flush();
     /// Records so far.
@@ -92,7 +39,7 @@ public:
 private:
     SxFileIO* file;
     SxMd5* digest;
-    SxArray<char> buffer = SxArray<char>(CHUNK * SIZE);
+    SxArray<char> buffer = SxArray<char>(CHUNK * ZqTraceFormat::SIZE);
     int64 used = 0, n = 0;
     uint64 first = 0, last = 0;
 };
@@ -158,8 +105,8 @@ public:
     /// there at the construction, or it was changed; what a drive that records adds is passed over.
     bool next(ZqTraceItem* item) {
         if (at == end && !fill()) return false;
-        *item = decode(at);
-        at += SIZE;
+        *item = ZqTraceFormat::decode(at);
+        at += ZqTraceFormat::SIZE;
         return true;
     }
 

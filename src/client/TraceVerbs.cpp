@@ -72,7 +72,7 @@ SxString requirePlace(const SxString& trace) {
 /// Tells what a trace that was written holds; `result` may have more to say.
 int reportWritten(const SxString& folder, SxSymbol result, const SxString& did, Output* out) {
     const ZqTraceParams params(folder);
-    const int64 nItems = SxFileInfo(folder + ZqTraceFiles::ITEMS).getSize() / ZqTraceRecords::SIZE;
+    const int64 nItems = SxFileInfo(folder + ZqTraceFiles::ITEMS).getSize() / ZqTraceFormat::SIZE;
     if (out->getMode().json) {
         result.append("items", nItems);
         result.append("duration", params.duration);
@@ -301,7 +301,7 @@ int mapTo(const EditOptions& options, Output& out) {
     constexpr const char *MAP = "map.idx", *PACKED_MAP = "map.7z";
     const SxString folder = requireTrace(options.trace), place = requirePlace(options.out);
     SxString patch = ZqImageFolder::prefix(options.other);
-    const int64 nItems = SxFileInfo(folder + ZqTraceFiles::ITEMS).getSize() / ZqTraceRecords::SIZE;
+    const int64 nItems = SxFileInfo(folder + ZqTraceFiles::ITEMS).getSize() / ZqTraceFormat::SIZE;
     const PrivateFolder unpacked;
     if (!SxFSAction::test_f(patch + MAP) && SxFSAction::test_f(patch + PACKED_MAP)) {
         ZqArchive::extract7z(patch + PACKED_MAP, unpacked.path);
@@ -309,7 +309,7 @@ int mapTo(const EditOptions& options, Output& out) {
         patch = unpacked.path;
     }
     ZqTrace(folder).mapToImage(patch, place);
-    const int64 nMapped = SxFileInfo(place + ZqTraceFiles::ITEMS).getSize() / ZqTraceRecords::SIZE;
+    const int64 nMapped = SxFileInfo(place + ZqTraceFiles::ITEMS).getSize() / ZqTraceFormat::SIZE;
     SxSymbol result = newObject();
     result.append("lost", nItems - nMapped);
     return reportWritten(place, result, "Mapped, with " + SxString(nItems - nMapped) + " lost", &out);

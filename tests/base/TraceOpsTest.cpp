@@ -219,7 +219,7 @@ TEST(TraceOps, MergeOfLongTracesAndOfOthersRecords) {
     // A time that no record can hold.
     const auto late = makeTrace(dir, "late", at({{1, 1}}));
     Params far(late);
-    far.time0 = ZqTraceRecords::MOST_MS;
+    far.time0 = ZqTraceFormat::MOST_MS;
     far.write(late);
     EXPECT_THAT(
         failureOf([&] { ZqTrace::merge(out, asList({late})); }),
@@ -326,7 +326,7 @@ TEST(TraceOps, TrimKeepAndShift) {
         EXPECT_EQ(Params(path).method, Params::Shift);
         EXPECT_EQ(dir.read("t/img.trc"), bytes);
     }
-    record.time0 = ZqTraceRecords::LEAST_MS;
+    record.time0 = ZqTraceFormat::LEAST_MS;
     record.write(path);
     EXPECT_THAT(failureOf([&] { ZqTrace(path).shift(1); }), HasSubstr("can't be shifted by 1 s"));
 }
@@ -364,7 +364,7 @@ TEST(TraceOps, Append) {
 
     // A record that lies so far that no time can be told, and a folder that is no trace.
     dir.write("file", "");
-    record.duration = ZqTraceRecords::MOST_MS - ZqTraceRecords::LEAST_MS;
+    record.duration = ZqTraceFormat::MOST_MS - ZqTraceFormat::LEAST_MS;
     record.write(path);
     const TreeSnapshot tree = dir.snapshot();
     EXPECT_THAT(failureOf([&] { ZqTrace(path).append(other, out, 0); }),

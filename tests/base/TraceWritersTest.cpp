@@ -212,7 +212,7 @@ TEST(TraceWriters, ASourceThatIsReplacedWhileItIsReadIsTold) {
 }
 
 TEST(TraceWriters, ARecordWithTimesThatNoItemCanHaveIsRefused) {
-    using ZqTraceRecords::LEAST_MS, ZqTraceRecords::MOST_MS;
+    using ZqTraceFormat::LEAST_MS, ZqTraceFormat::MOST_MS;
     const TempDir dir;
     const SxString good = makeTrace(dir, "good", at({{1, 1}, {2, 2}}), 1000);
     const SxString bad = makeTrace(dir, "bad", at({{2, 1}, {3, 2}}), 1000), out = dir.prefix() + "out/";

@@ -319,7 +319,7 @@ TEST(TraceBuilder, GivesUpAndTouchesNothing) {
     EXPECT_EQ(sweep.dir.snapshot(sweep.traces), before);
     // Where it is the first that has no end, the others aren't damaged.
     ZqTraceParams endless(sweep.folder("a"));
-    endless.duration = ZqTraceRecords::MOST_MS - ZqTraceRecords::LEAST_MS;
+    endless.duration = ZqTraceFormat::MOST_MS - ZqTraceFormat::LEAST_MS;
     endless.write();
     const TreeSnapshot withEndless = sweep.dir.snapshot(sweep.traces);
     EXPECT_THAT(sweep.sweep(), HasSubstr("last too long for another one"));
