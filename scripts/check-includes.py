@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Checks that every #include follows the layers: arrows point down only.
+"""Checks that every #include follows the rooms and layers of src/rooms.txt: arrows point down only.
 
     scripts/check-includes.py [ROOT]
 
@@ -11,15 +11,6 @@ import sys
 from collections import defaultdict
 from pathlib import Path
 
-# Layer -> layers whose headers it may include; what isn't listed here isn't a layer.
-ARROWS = {
-    "core": {"core"},
-    "platform": {"core", "platform"},
-    "base": {"core", "platform", "base"},
-    "publish": {"core", "platform", "base", "publish"},
-    "driver": {"core", "devctl", "driver"},
-    "client": {"client"},
-}
 # These reach system and third parties only through the layers below.
 STANDARD_ONLY = {"base", "publish"}
 
@@ -58,32 +49,43 @@ ONE_FOLDER_ONLY = {"curl"}
 INCLUDE = re.compile(r'^\s*#\s*include\s*(?:<([^>]+)>|"([^"]+)")')
 
 
-def layer_of(path):
-    """The layer of a path relative to src; devctl stands apart, since the driver may know it alone."""
-    return "devctl" if path.parts[:2] == ("platform", "devctl") else path.parts[0]
+def read_rooms(file):
+    """Room -> all rooms that it may know, itself included; and the list's own faults as (line, text)."""
+    rooms, faults = {}, []
+    for number, line in enumerate(file.read_text(encoding="utf-8").splitlines(), 1):
+        names = re.findall(r"[^: ]+", line)
+        if not names or line.startswith("#"):
+            continue
+        room, known = names[0], {names[0]}
+        if room in rooms:
+            faults.append((number, f"{room} stands twice in the list"))
+        for name in names[1:]:
+            found = [other for other in rooms if other == name or other.startswith(name + "/")]
+            if not found:
+                faults.append((number, f"{room} may know {name}, which stands nowhere above it"))
+            known.update(*(rooms[other] for other in found))
+        rooms[room] = known
+    return rooms, faults
 
 
-def allowed(layer, owner):
-    arrows = ARROWS["platform" if layer == "devctl" else layer]
-    return owner in arrows or (owner == "devctl" and "platform" in arrows)
-
-
-def quoted_fault(layer, name, owners):
+def quoted_fault(room, name, owners, rooms):
+    layer = room.split("/")[0]
     if "/" in name:
         return f'"{name}": headers are included flat, by name alone'
     if name not in owners:
         return f'"{name}": no such header in src'
     if layer == "client" and owners[name] != "client":
         return f'"{name}": the client knows the installed headers only: <tavrin/{name}>'
-    if not allowed(layer, owners[name]):
-        return f'"{name}": {layer} must not know {owners[name]}'
+    if owners[name] in rooms and owners[name] not in rooms[room]:
+        return f'"{name}": {room} must not know {owners[name]}'
     return None
 
 
 def angled_fault(layer, name, owners):
     if layer == "client":
         known = name.startswith("CLI/") or name in CPP_STANDARD or name in CLIENT_SYSTEM
-        if not known and owners.get(name.removeprefix("tavrin/")) in (None, "client", "driver"):
+        owner = owners.get(name.removeprefix("tavrin/"), "client")
+        if not known and owner.split("/")[0] in ("client", "driver"):
             return f"<{name}>: the client knows only <tavrin/...>, <CLI/...> and the C++ standard"
         if not known and not name.startswith("tavrin/"):
             return f"<{name}>: write <tavrin/{name}>"
@@ -108,22 +110,26 @@ def check(root):
     """All faults below root/src as (file, line, text), file relative to root."""
     src = root / "src"
     files = sorted(file for file in src.rglob("*") if file.suffix in (".h", ".cpp"))
-    faults = []
+    rooms, list_faults = read_rooms(src / "rooms.txt")
+    faults = [(src / "rooms.txt", number, text) for number, text in list_faults]
     owners = {}
     for file in files:
         if file.suffix == ".h":
             if file.name in owners:
                 faults.append((file, 1, f"another header is called {file.name}; names are unique"))
-            owners.setdefault(file.name, layer_of(file.relative_to(src)))
+            owners.setdefault(file.name, file.parent.relative_to(src).as_posix())
 
     users = defaultdict(dict)
     for file in files:
-        layer = layer_of(file.relative_to(src))
-        if layer != "devctl" and layer not in ARROWS:
-            faults.append((file, 1, f"src/{layer} is not a layer that this check knows"))
+        room = file.parent.relative_to(src).as_posix()
+        if room not in rooms:
+            faults.append((file, 1, f"src/{room} is no room of src/rooms.txt"))
             continue
         for number, angled, quoted in includes_of(file):
-            text = angled_fault(layer, angled, owners) if angled else quoted_fault(layer, quoted, owners)
+            if angled:
+                text = angled_fault(room.split("/")[0], angled, owners)
+            else:
+                text = quoted_fault(room, quoted, owners, rooms)
             if text:
                 faults.append((file, number, text))
             for library, pattern in ONE_FILE_ONLY.items():
@@ -145,8 +151,8 @@ def check(root):
 
 def main():
     root = Path(sys.argv[1] if len(sys.argv) > 1 else Path(__file__).parent.parent).resolve()
-    if not (root / "src").is_dir():
-        sys.exit(f"check-includes.py: {root}/src is not a folder")
+    if not (root / "src/rooms.txt").is_file():
+        sys.exit(f"check-includes.py: {root}/src/rooms.txt is not a file")
     faults = check(root)
     for file, number, text in faults:
         print(f"{file}:{number}: {text}")

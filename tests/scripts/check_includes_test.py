@@ -12,40 +12,60 @@ check_includes = importlib.util.module_from_spec(loader_info)
 loader_info.loader.exec_module(check_includes)
 
 SOUND = {
+    "rooms.txt": """# a comment
+core
+platform/util: core
+platform/devctl/wire: core
+platform/devctl: platform/util platform/devctl/wire
+base/low: platform
+base/high: base/low
+publish: base
+driver: platform/devctl/wire
+client
+""",
     "core/SxA.h": "#pragma once\n#include <string>\n#include <tsl/robin_map.h>\n",
     "core/SxA.cpp": '#include "SxA.h"\n#include <unistd.h>\n#include <nlohmann/json.hpp>\n',
     "platform/util/zqUtil.h": '#include "SxA.h"\n',
     "platform/util/zqUtil.cpp": '#include "zqUtil.h"\n#include <archive.h>\n#include <archive_entry.h>\n',
+    "platform/devctl/wire/zqWire.h": '#include "SxA.h"\n',
     "platform/devctl/zqDrive.h": '#include "SxA.h"\n',
-    "base/ZqB.h": '#include "zqUtil.h"\n#include "zqDrive.h"\n#include <vector>\n',
-    "publish/ZqP.h": '#include "ZqB.h"\n',
-    "driver/Engine.h": '#include "zqDrive.h"\n#include <sys/mount.h>\n',
+    "base/low/ZqB.h": '#include "zqUtil.h"\n#include "zqDrive.h"\n#include <vector>\n',
+    "base/high/ZqC.h": '#include "ZqB.h"\n#include "zqUtil.h"\n',
+    "publish/ZqP.h": '#include "ZqB.h"\n#include "ZqC.h"\n',
+    "driver/Engine.h": '#include "zqWire.h"\n#include <sys/mount.h>\n',
     "client/Verbs.h": "#pragma once\n",
     "client/main.cpp": '#include "Verbs.h"\n#include <CLI/CLI.hpp>\n#include <csignal>\n#include <tavrin/ZqB.h>\n',
 }
 
 # File to add or replace, its text, the line at fault, a part of the message.
 FAULTS = [
-    ("core/SxB.h", '\n#include "zqUtil.h"\n', 2, "core must not know platform"),
-    ("core/SxB.cpp", '#include "ZqB.h"\n', 1, "core must not know base"),
+    ("core/SxB.h", '\n#include "zqUtil.h"\n', 2, "core must not know platform/util"),
+    ("core/SxB.cpp", '#include "ZqB.h"\n', 1, "core must not know base/low"),
     ("core/SxB.h", "#include <archive.h>\n", 1, "libarchive must not appear in a header"),
     ("core/SxB.cpp", '#include "core/SxA.h"\n', 1, "included flat"),
     ("core/SxB.cpp", '#include "SxGone.h"\n', 1, "no such header"),
     ("core/SxB.cpp", "#include <tavrin/SxA.h>\n", 1, "inside the library"),
     ("core/SxZ.cpp", "#include <nlohmann/json.hpp>\n", 1, "src/core/SxA.cpp has it already"),
-    ("platform/util/zqZip.cpp", '#  include "ZqB.h"\n', 1, "platform must not know base"),
-    ("platform/devctl/zqDrive.cpp", '#include "ZqB.h"\n', 1, "devctl must not know base"),
+    ("platform/util/zqZip.cpp", '#  include "ZqB.h"\n', 1, "platform/util must not know base/low"),
+    ("platform/devctl/zqDrive.cpp", '#include "ZqB.h"\n', 1, "platform/devctl must not know base/low"),
     ("platform/util/SxA.h", "", 1, "another header is called SxA.h"),
-    ("base/ZqB.cpp", "#include <vector>\n#include <unistd.h>\n", 2, "no system or third-party header"),
-    ("base/ZqB.cpp", "#include <tsl/robin_map.h>\n", 1, "no system or third-party header"),
-    ("base/ZqB.cpp", "#include <filesystem>\n", 1, "through core"),
-    ("base/ZqB.cpp", '#include "ZqP.h"\n', 1, "base must not know publish"),
-    ("driver/Engine.cpp", '#include "zqUtil.h"\n', 1, "driver must not know platform"),
+    ("base/low/ZqB.cpp", "#include <vector>\n#include <unistd.h>\n", 2, "no system or third-party header"),
+    ("base/low/ZqB.cpp", "#include <tsl/robin_map.h>\n", 1, "no system or third-party header"),
+    ("base/low/ZqB.cpp", "#include <filesystem>\n", 1, "through core"),
+    ("base/low/ZqB.cpp", '#include "ZqP.h"\n', 1, "base/low must not know publish"),
+    ("driver/Engine.cpp", '#include "zqUtil.h"\n', 1, "driver must not know platform/util"),
     ("client/a.cpp", '#include "ZqB.h"\n', 1, "<tavrin/ZqB.h>"),
     ("client/a.cpp", "#include <ZqB.h>\n", 1, "write <tavrin/ZqB.h>"),
     ("client/a.cpp", "#include <tavrin/Engine.h>\n", 1, "the client knows only"),
     ("client/a.cpp", "#include <sys/mount.h>\n", 1, "the client knows only"),
-    ("extra/a.cpp", "", 1, "not a layer"),
+    ("driver/Engine.cpp", '#include "zqDrive.h"\n', 1, "driver must not know platform/devctl"),
+    ("platform/devctl/wire/zqWire.cpp", '#include "zqDrive.h"\n', 1, "must not know platform/devctl"),
+    ("base/low/ZqB.cpp", '#include "ZqC.h"\n', 1, "base/low must not know base/high"),
+    ("base/low/deep/ZqD.cpp", "", 1, "src/base/low/deep is no room"),
+    ("base/ZqFlat.cpp", "", 1, "src/base is no room"),
+    ("extra/a.cpp", "", 1, "src/extra is no room"),
+    ("rooms.txt", SOUND["rooms.txt"] + "extra: gone\n", 11, "extra may know gone, which stands nowhere above"),
+    ("rooms.txt", SOUND["rooms.txt"] + "core\n", 11, "core stands twice"),
 ]
 
 
