@@ -5,8 +5,8 @@
 #include "Helper.h"
 #include "SxPtr.h"
 #include "UserDriver.h"
+#include "ZqDiskStatus.h"
 #include "ZqImageLock.h"
-#include "ZqVolume.h"
 
 #include <functional>
 #include <optional>

@@ -1,0 +1,21 @@
+#pragma once
+
+#include "SxString.h"
+
+/// What the service says of a disk.
+struct ZqDiskStatus {
+    SxString image;     ///< canonical path of the image folder
+    SxString mountPath; ///< host path of the mounted volume; empty until it is mounted
+    SxString drive;     ///< letter and colon; empty until it has one
+    SxString failure;   ///< why it could not be mounted, or a read failed; empty where nothing has
+    uint64 deviceId = 0, sectorSize = 0, cursor = 0, nIncluded = 0, queueLength = 0;
+    uint64 nReads = 0;     ///< reads that reached the drive
+    uint64 nHeld = 0;      ///< reads that are held now
+    uint64 nBeyondQA = 0;  ///< reads at or above the QA cursor
+    bool ready = false;    ///< whoever mounts it has said that all of its mount is done
+    int64 mounterPid = 0;  ///< the process that had it mounted
+    bool replaced = false; ///< the image was removed, or another one stood in its place, a moment ago
+    bool removable = false, underflow = false, suspended = false, monitored = false;
+    int64 servicePid = 0;
+    uint64 madeNs = 0; ///< when the disk was made, which tells it from another one of its image
+};
