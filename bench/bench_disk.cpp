@@ -4,6 +4,7 @@
 #include "Folder.h"
 #include "Ratio.h"
 #include "VirtualDisk.h"
+#include "ZqBlocks.h"
 
 #include <fcntl.h>
 #include <fstream>
@@ -13,7 +14,7 @@
 
 namespace {
 
-constexpr uint64 N_BLOCKS = (uint64{1} << 30) / BLOCK_SIZE, RUN = 50;
+constexpr uint64 N_BLOCKS = (uint64{1} << 30) / ZqBlocks::SIZE, RUN = 50;
 
 /// The RAW order is cut into runs, which are stored shuffled.
 std::vector<uint64> mapInRuns(uint64 nBlocks) {
@@ -33,9 +34,9 @@ struct ImageFolder : bench::Folder {
         const std::vector<uint64> map = mapInRuns(nBlocks);
         SxFileIO(path + "img.idx", "wb").writeBuffer(map.data(), static_cast<int64>(nBlocks * 8));
         if (nBlocks == N_BLOCKS) {
-            bench::writeRandomFile(path + "img.zqf", static_cast<int64>(nBlocks * BLOCK_SIZE), 1);
+            bench::writeRandomFile(path + "img.zqf", static_cast<int64>(nBlocks * ZqBlocks::SIZE), 1);
         } else {
-            SxFileIO(path + "img.zqf", "wb").truncate(static_cast<int64>(nBlocks * BLOCK_SIZE));
+            SxFileIO(path + "img.zqf", "wb").truncate(static_cast<int64>(nBlocks * ZqBlocks::SIZE));
         }
         fd = open((path + "img.zqf").ascii(), O_RDONLY | O_CLOEXEC);
         if (fd < 0) std::abort();
@@ -45,7 +46,7 @@ struct ImageFolder : bench::Folder {
     ImageFolder& operator=(const ImageFolder&) = delete;
 
     VirtualDisk::Config config(uint64 nBlocks) const {
-        return {path, nBlocks * BLOCK_SIZE, 4096, nBlocks, true, false, 0};
+        return {path, nBlocks * ZqBlocks::SIZE, 4096, nBlocks, true, false, 0};
     }
     void dropFromCache() const {
         fdatasync(fd);
@@ -66,7 +67,7 @@ void readAgainstPread(benchmark::State& state, uint32 size, uint64 nRequests, bo
     VirtualDisk disk(folder.config(N_BLOCKS), [](uint64) {});
     std::vector<uint64> offsets(nRequests);
     std::mt19937_64 engine(2);
-    const uint64 nPlaces = N_BLOCKS * BLOCK_SIZE / size;
+    const uint64 nPlaces = N_BLOCKS * ZqBlocks::SIZE / size;
     for (uint64 i = 0; i < nRequests; ++i)
         offsets[i] = (random ? engine() % nPlaces : i % nPlaces) * size;
     std::vector<char> buffer(size);
@@ -99,7 +100,7 @@ BENCHMARK(cachedMiBAgainstPread)->Iterations(15)->UseManualTime()->Unit(benchmar
 
 // Goal: at most 1.2.
 void cachedRandomBlockAgainstPread(benchmark::State& state) {
-    readAgainstPread(state, BLOCK_SIZE, 200'000, true, false);
+    readAgainstPread(state, ZqBlocks::SIZE, 200'000, true, false);
 }
 BENCHMARK(cachedRandomBlockAgainstPread)->Iterations(15)->UseManualTime()->Unit(benchmark::kMillisecond);
 

@@ -1,5 +1,6 @@
 #include "SxArray.h"
 #include "SxException.h"
+#include "ZqBlocks.h"
 #include "ZqFrameDecoder.h"
 #include "ZqSeekTable.h"
 
@@ -12,7 +13,7 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, size_t size) {
     try {
         const int64 n = ZqFrameDecoder::findSize(bytes, static_cast<int64>(size));
         if (n < 0 || n > static_cast<int64>(size)) std::abort();
-        SxArray<char> to(static_cast<int64>(ZqSeekTable::FRAME));
+        SxArray<char> to(static_cast<int64>(ZqBlocks::STRETCH));
         if (n > 0) ZqFrameDecoder::decode(bytes, n, to.data(), to.getSize());
     } catch (const SxException&) {
     }

@@ -3,6 +3,7 @@
 #include "Verbs.h"
 
 #include <tavrin/SxFSAction.h>
+#include <tavrin/ZqBlocks.h>
 #include <tavrin/ZqCreateContent.h>
 #include <tavrin/ZqImage.h>
 
@@ -25,7 +26,7 @@ int create(const CreateOptions& options, Output& out) {
     if (!job.isComplete()) throw SxException("stopped", UNIT, __LINE__);
 
     const auto bytes = static_cast<uint64>(job.runtimeInfo->createStats.bytes);
-    const uint64 nBlocks = bytes / ZqImage::BLOCK_SIZE;
+    const uint64 nBlocks = bytes / ZqBlocks::SIZE;
     const double rate = static_cast<double>(bytes) / std::max(seconds, 1e-3);
     if (out.getMode().json) {
         SxParserKit::SxSymbol result;

@@ -7,6 +7,7 @@
 #include <tavrin/SxProcessInfo.h>
 #include <tavrin/SxTime.h>
 #include <tavrin/ZqAppParams.h>
+#include <tavrin/ZqBlocks.h>
 #include <tavrin/ZqImageFiles.h>
 #include <tavrin/ZqImageFolder.h>
 #include <tavrin/ZqImageLock.h>
@@ -19,7 +20,6 @@
 
 namespace {
 constexpr const char* UNIT = "src/client/MountVerbs";
-constexpr uint64 BLOCK = 4096;
 /// How the text ends in which the service refuses an image that it serves. The quote is in it since an image
 /// may have any name.
 constexpr const char* ALREADY = "' is mounted already";
@@ -50,8 +50,8 @@ uint64 presentBlocks(const SxString& folder, const ZqAppParams& app, const ZqIma
     // What a power cut may have taken is there as little as what was never fetched.
     const uint64 believed = ZqSyncedSize(folder + ZqImageFiles::ZQF).believed(size);
     const auto sizeRaw = static_cast<uint64>(params.sizeRaw);
-    if (believed >= app.sizeZqf) return (sizeRaw + BLOCK - 1) / BLOCK;
-    return believed / BLOCK;
+    if (believed >= app.sizeZqf) return (sizeRaw + ZqBlocks::SIZE - 1) / ZqBlocks::SIZE;
+    return believed / ZqBlocks::SIZE;
 }
 
 void tellMount(const SxString& image, const SxString& verb, Output* out) {

@@ -2,6 +2,7 @@
 #include "Job.h"
 #include "Verbs.h"
 
+#include <tavrin/ZqBlocks.h>
 #include <tavrin/ZqImage.h>
 #include <tavrin/ZqImageBuild.h>
 #include <tavrin/ZqImageOrder.h>
@@ -54,7 +55,7 @@ int build(const BuildOptions& options, Output& out) {
     if (!job.isComplete()) throw SxException("stopped", UNIT, __LINE__);
 
     if (out.getMode().json) out.object(describe(job, seconds));
-    const uint64 bytes = job.getNIncluded() * ZqImage::BLOCK_SIZE;
+    const uint64 bytes = job.getNIncluded() * ZqBlocks::SIZE;
     out.text("Built a drive with " + options.fileSystem + " of " + job.getNFiles() +
              " files: " + job.getNIncluded() + " of " + job.getNRaw() + " blocks included, " +
              exactBytes(bytes) + SxString::sprintf(", in %.1f s.", seconds));

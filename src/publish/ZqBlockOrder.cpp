@@ -1,6 +1,7 @@
 #include "ZqBlockOrder.h"
 
 #include "SxException.h"
+#include "ZqBlocks.h"
 #include "ZqImage.h"
 #include "ZqTraceFiles.h"
 #include "ZqTraceRecords.h"
@@ -173,7 +174,7 @@ void ZqBlockOrder::makeProfile(const SxString& trace) {
         if (zqfIdx == ZqImage::NO_ENTRY) return;
         const int64 ms = start ? static_cast<int64>(item.time) - *start : 0;
         uint64& need = needs[static_cast<uint64>(std::max<int64>(ms, 0)) / MS_PER_SECOND];
-        need = std::max(need, (zqfIdx + 1) * ZqImage::BLOCK_SIZE);
+        need = std::max(need, (zqfIdx + 1) * ZqBlocks::SIZE);
     });
     std::vector<ZqLoadProfilePoint> points;
     for (const auto& [second, size] : needs) {
@@ -186,8 +187,8 @@ void ZqBlockOrder::makeProfile(const SxString& trace) {
 }
 
 void ZqBlockOrder::apply(ZqAppParams* app) const {
-    app->sizeZqf = static_cast<uint64>(order.getSize()) * ZqImage::BLOCK_SIZE;
+    app->sizeZqf = static_cast<uint64>(order.getSize()) * ZqBlocks::SIZE;
     app->sizeIdx = static_cast<uint64>(map.getSize()) * sizeof(uint64);
-    app->sizeMnt = nFront * ZqImage::BLOCK_SIZE;
+    app->sizeMnt = nFront * ZqBlocks::SIZE;
     app->loadprofile = profile;
 }

@@ -1,9 +1,9 @@
 #include "ZqDriveMaker.h"
 
 #include "SxException.h"
+#include "ZqBlocks.h"
 #include "ZqErofsMaker.h"
 #include "ZqExt4Maker.h"
-#include "ZqImage.h"
 #include "ZqSquashfsMaker.h"
 
 namespace {
@@ -42,7 +42,7 @@ SxString ZqDriveMaker::typeToString(FileSystem type) {
 
 std::vector<ZqBlockKind> ZqDriveMaker::make(const Job& job) const {
     format(job);
-    constexpr auto BLOCK = static_cast<int64>(ZqImage::BLOCK_SIZE);
+    constexpr auto BLOCK = static_cast<int64>(ZqBlocks::SIZE);
     int64 nRaw = 0;
     {
         SxFileIO raw(job.raw, "r+b");

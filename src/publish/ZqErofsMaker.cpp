@@ -1,12 +1,12 @@
 #include "ZqErofsMaker.h"
 
 #include "SxException.h"
-#include "ZqImage.h"
+#include "ZqBlocks.h"
 
 namespace {
 
 constexpr const char* UNIT = "src/publish/ZqErofsMaker";
-constexpr uint64 BLOCK = ZqImage::BLOCK_SIZE;
+constexpr uint64 BLOCK = ZqBlocks::SIZE;
 constexpr uint64 SUPERBLOCK = 1024;
 constexpr uint64 MAGIC = 0xE0F5E1E2;
 constexpr uint64 NID_UNIT = 32; ///< bytes that inode numbers count

@@ -1,14 +1,14 @@
 #include "ZqExt4Maker.h"
 
 #include "SxException.h"
-#include "ZqImage.h"
+#include "ZqBlocks.h"
 
 #include <algorithm>
 
 namespace {
 
 constexpr const char* UNIT = "src/publish/ZqExt4Maker";
-constexpr uint64 BLOCK = ZqImage::BLOCK_SIZE;
+constexpr uint64 BLOCK = ZqBlocks::SIZE;
 constexpr uint64 INODE = 256;                                        ///< bytes
 constexpr uint64 BLOCKS_PER_GROUP = 32768, INODES_PER_GROUP = 32768; ///< at most
 constexpr uint64 JOURNAL_MIB = 16, ROOM_MIB = 16;

@@ -5,6 +5,7 @@
 #include "SxMd5.h"
 #include "ZqBlockOrder.h"
 #include "ZqBlockWriter.h"
+#include "ZqBlocks.h"
 #include "ZqDriveLayout.h"
 #include "ZqImage.h"
 #include "ZqImageFiles.h"
@@ -22,7 +23,7 @@
 namespace {
 
 constexpr const char* UNIT = "src/publish/ZqImageBuild";
-constexpr int64 BLOCK = ZqImage::BLOCK_SIZE;
+constexpr int64 BLOCK = ZqBlocks::SIZE;
 constexpr const char* READY_TEXT = "This drive can be read.\n";
 constexpr uint64 MAX_FREE = uint64{1} << 42; ///< bytes; the file system has up to 2^32 blocks
 constexpr uint64 ROOM = 4 << 20;             ///< bytes for records, superblocks and the like

@@ -4,6 +4,7 @@
 #include "SxFSAction.h"
 #include "SxMd5.h"
 #include "ZqBlockWriter.h"
+#include "ZqBlocks.h"
 #include "ZqImageFiles.h"
 #include "ZqImageFolder.h"
 #include "ZqImageLock.h"
@@ -17,7 +18,7 @@
 namespace {
 
 constexpr const char* UNIT = "src/publish/ZqImageOrder";
-constexpr uint64 BLOCK = ZqImage::BLOCK_SIZE;
+constexpr uint64 BLOCK = ZqBlocks::SIZE;
 
 void readAt(SxFileIO* file, int64 offset, char* bytes, int64 n) {
     file->seek(offset);

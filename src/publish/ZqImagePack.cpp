@@ -5,6 +5,7 @@
 #include "SxMd5.h"
 #include "SxQueue.h"
 #include "SxSymbol.h"
+#include "ZqBlocks.h"
 #include "ZqFrameEncoder.h"
 #include "ZqImageFiles.h"
 #include "ZqImageFolder.h"
@@ -27,7 +28,7 @@ constexpr int64 WRITEBACK = 8 << 20;
 constexpr int64 SLOTS_A_CORE = 3;
 
 struct Slot {
-    SxArray<char> plain = SxArray<char>(static_cast<int64>(ZqPackedForm::FRAME));
+    SxArray<char> plain = SxArray<char>(static_cast<int64>(ZqBlocks::STRETCH));
     int64 n = 0; ///< bytes in it
     std::string packed;
     uint32 checksum = 0;
@@ -243,7 +244,7 @@ SxString ZqImagePack::writeFrames(Writer* writer) {
         if (stopRequested()) throw SxException(SxException::STOPPED, "Stopped", UNIT, __LINE__);
         if (read < sizeZqf && !pipeline.isFull()) {
             Slot* slot = pipeline.next();
-            slot->n = static_cast<int64>(std::min(ZqPackedForm::FRAME, sizeZqf - read));
+            slot->n = static_cast<int64>(std::min(ZqBlocks::STRETCH, sizeZqf - read));
             if (zqf.readBuffer(slot->plain.data(), slot->n) != slot->n) {
                 throw SxException(SxFileIO::fileReadErr(zqf.getFilePath()), UNIT, __LINE__);
             }

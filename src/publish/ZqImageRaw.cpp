@@ -3,6 +3,7 @@
 #include "SxException.h"
 #include "SxFSAction.h"
 #include "SxFileIO.h"
+#include "ZqBlocks.h"
 #include "ZqImageFiles.h"
 #include "ZqImageFolder.h"
 #include "ZqImageInfo.h"
@@ -13,7 +14,7 @@
 
 namespace {
 constexpr const char* UNIT = "src/publish/ZqImageRaw";
-constexpr uint64 BLOCK = ZqImage::BLOCK_SIZE;
+constexpr uint64 BLOCK = ZqBlocks::SIZE;
 constexpr uint64 MAX_RUN = 256; ///< blocks that are copied at once
 } // namespace
 

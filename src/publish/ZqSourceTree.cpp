@@ -3,7 +3,7 @@
 #include "SxException.h"
 #include "SxFSAction.h"
 #include "SxFileIO.h"
-#include "ZqImage.h"
+#include "ZqBlocks.h"
 #include "ZqLog.h"
 #include "ZqTaskMon.h"
 
@@ -184,6 +184,6 @@ uint64 ZqSourceTree::getBytes() const {
 uint64 ZqSourceTree::getNBlocks() const {
     uint64 n = 0;
     for (const Entry& entry : entries)
-        n += (static_cast<uint64>(entry.size) + ZqImage::BLOCK_SIZE - 1) / ZqImage::BLOCK_SIZE;
+        n += (static_cast<uint64>(entry.size) + ZqBlocks::SIZE - 1) / ZqBlocks::SIZE;
     return n;
 }

@@ -2,14 +2,14 @@
 
 #include "SxException.h"
 #include "SxFSAction.h"
-#include "ZqImage.h"
+#include "ZqBlocks.h"
 
 #include <algorithm>
 
 namespace {
 
 constexpr const char* UNIT = "src/publish/ZqSquashfsMaker";
-constexpr uint64 BLOCK = ZqImage::BLOCK_SIZE;
+constexpr uint64 BLOCK = ZqBlocks::SIZE;
 constexpr uint64 SUPERBLOCK = 96;  ///< bytes
 constexpr uint64 OPTIONS = 8192;   ///< bytes that the compressor's options take behind it at most
 constexpr const char* FIRST = "1"; ///< the place of files that come ahead of the others, which have 0

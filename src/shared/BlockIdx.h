@@ -1,14 +1,12 @@
 #pragma once
 
-#include "SxTypes.h"
+#include "ZqBlocks.h"
 
 #include <compare>
 
-/// Bytes of a block, everywhere.
-inline constexpr uint64 BLOCK_SIZE = 4096;
 /// All that one request may span: 1 MiB, and a block more where it isn't aligned.
 inline constexpr uint32 MAX_REQUEST = 1 << 20;
-inline constexpr uint32 MAX_REQUEST_BLOCKS = MAX_REQUEST / BLOCK_SIZE + 1;
+inline constexpr uint32 MAX_REQUEST_BLOCKS = MAX_REQUEST / ZqBlocks::SIZE + 1;
 
 /// A block's index, as a type of its own for each index space, so that the two can't be mixed.
 template<class Space>
@@ -18,7 +16,7 @@ struct BlockIdx {
     constexpr bool operator==(const BlockIdx&) const = default;
     constexpr auto operator<=>(const BlockIdx& other) const { return value <=> other.value; }
     constexpr BlockIdx operator+(uint64 n) const { return {value + n}; }
-    constexpr int64 byte() const { return static_cast<int64>(value * BLOCK_SIZE); }
+    constexpr int64 byte() const { return static_cast<int64>(value * ZqBlocks::SIZE); }
 };
 
 /// Place on the application's disk.
@@ -30,5 +28,5 @@ using SlotIdx = BlockIdx<struct SlotSpace>;
 
 /// Number of blocks that `bytes` bytes touch, counted from a block's begin.
 constexpr uint64 blocksFor(uint64 bytes) {
-    return bytes / BLOCK_SIZE + (bytes % BLOCK_SIZE != 0);
+    return bytes / ZqBlocks::SIZE + (bytes % ZqBlocks::SIZE != 0);
 }

@@ -1,14 +1,14 @@
 #pragma once
 
 #include "SxString.h"
+#include "ZqBlocks.h"
 
 #include <string>
 
 /// The form of `img.zqf.zst`, as docs/file-formats.md has it: one Zstandard frame (RFC 8878) for each
-/// stretch of `img.zqf`, a frame that says of which one, a seek table (Zstandard Seekable Format 0.1.0).
+/// stretch (ZqBlocks::STRETCH) of `img.zqf`, a frame that says of which one, a seek table (Zstandard Seekable
+/// Format 0.1.0).
 namespace ZqPackedForm {
-/// Bytes of `img.zqf` in each frame but the last: one on-demand stretch.
-constexpr uint64 FRAME = 204'800;
 constexpr uint32 ORIGIN_MAGIC = 0x184D2A50; ///< a skippable frame
 constexpr uint32 TABLE_MAGIC = 0x184D2A5E;  ///< another one
 constexpr uint32 SEEK_MAGIC = 0x8F92EAB1;   ///< the last four bytes

@@ -2,6 +2,7 @@
 
 #include "SxException.h"
 #include "SxXxh64.h"
+#include "ZqBlocks.h"
 #include "ZqPackedForm.h"
 
 namespace {
@@ -66,7 +67,7 @@ ZqSeekTable::ZqSeekTable(const char* tail, uint64 nTail, uint64 sizePacked, uint
         at += entry;
     }
     for (uint64 frameIdx = 0; frameIdx < nFrames; ++frameIdx, at += entry) {
-        const uint64 wanted = std::min(FRAME, sizeZqf - frameIdx * FRAME);
+        const uint64 wanted = std::min(ZqBlocks::STRETCH, sizeZqf - frameIdx * ZqBlocks::STRETCH);
         const uint32 size = readUint32(at), decoded = readUint32(at + 4);
         if (decoded != wanted || size == 0 || size > MAX_PACKED) {
             raise("The seek table gives frame " + SxString(frameIdx) + " " + SxString(size) +

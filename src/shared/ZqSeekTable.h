@@ -2,15 +2,15 @@
 
 #include "SxArray.h"
 #include "SxTypes.h"
+#include "ZqBlocks.h"
 
 /// The seek table at the end of `img.zqf.zst` (Zstandard Seekable Format 0.1.0): where each frame lies and
-/// what comes out of it. Every number is checked against the sizes of both forms. Doesn't change.
+/// what comes out of it: a stretch (ZqBlocks::STRETCH) of each but the last. Every number is checked against
+/// the sizes of both forms. Doesn't change.
 class ZqSeekTable {
 public:
-    /// Decoded bytes of each frame but the last.
-    static constexpr uint64 FRAME = 204'800;
     /// Most bytes that a frame takes: what the encoder can't compress grows by less than this.
-    static constexpr uint64 MAX_PACKED = FRAME + FRAME / 128 + 64;
+    static constexpr uint64 MAX_PACKED = ZqBlocks::STRETCH + ZqBlocks::STRETCH / 128 + 64;
 
     struct Frame {
         uint64 offset;   ///< in the packed file
@@ -18,7 +18,9 @@ public:
         uint32 checksum; ///< low 32 bits of the XXH64 of the decoded bytes
     };
 
-    static uint64 countFrames(uint64 sizeZqf) noexcept { return sizeZqf / FRAME + (sizeZqf % FRAME != 0); }
+    static uint64 countFrames(uint64 sizeZqf) noexcept {
+        return sizeZqf / ZqBlocks::STRETCH + (sizeZqf % ZqBlocks::STRETCH != 0);
+    }
     /// Most bytes that the table of such an image takes, at the end of the file.
     static uint64 maxTail(uint64 sizeZqf) noexcept;
 

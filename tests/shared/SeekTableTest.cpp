@@ -1,5 +1,6 @@
 #include "Failure.h"
 #include "NetLab.h"
+#include "ZqBlocks.h"
 #include "ZqSeekTable.h"
 
 #include <gmock/gmock.h>
@@ -8,7 +9,7 @@ using testing::HasSubstr;
 
 namespace {
 
-constexpr uint64 SIZE = 2 * ZqSeekTable::FRAME + 1000;
+constexpr uint64 SIZE = 2 * ZqBlocks::STRETCH + 1000;
 
 std::string tableOf(const std::string& entries, uint64 nFrames, char descriptor = '\x80') {
     const std::string footer = le32(nFrames) + std::string(1, descriptor) + le32(0x8F92EAB1);

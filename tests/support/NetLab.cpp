@@ -1,6 +1,7 @@
 #include "NetLab.h"
 
 #include "Loopback.h"
+#include "ZqBlocks.h"
 
 #include <poll.h>
 #include <sys/socket.h>
@@ -25,7 +26,7 @@ std::string le32(uint64 value) {
 }
 
 PackedImage::PackedImage(const std::string& zqf, bool withChecksums, const std::string& md5) {
-    constexpr size_t FRAME = 204'800;
+    constexpr size_t FRAME = ZqBlocks::STRETCH;
     std::string entries;
     if (!md5.empty()) {
         origin = le32(0x184D2A50) + le32(36) + "md5=" + md5;

@@ -4,6 +4,7 @@
 #include "SxMd5.h"
 #include "SxQueue.h"
 #include "SxSystemThread.h"
+#include "ZqBlocks.h"
 
 #include <memory>
 #include <vector>
@@ -12,7 +13,7 @@
 /// go round between the two. One thread but for that.
 class ZqDigestPipe {
 public:
-    static constexpr int64 CHUNK = 2500 * 4096; ///< bytes of a buffer
+    static constexpr int64 CHUNK = 2500 * ZqBlocks::SIZE; ///< bytes of a buffer
 
     struct Chunk {
         SxArray<char> bytes = SxArray<char>(CHUNK);
@@ -68,7 +69,7 @@ public:
     SxString finish();
 
 private:
-    static constexpr int64 PIECE = 64 * 4096;
+    static constexpr int64 PIECE = 64 * ZqBlocks::SIZE;
 
     void flush();
     void writePiece();

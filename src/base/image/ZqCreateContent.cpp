@@ -6,7 +6,7 @@
 #include "SxMd5.h"
 #include "ZqAppParams.h"
 #include "ZqBlockWriter.h"
-#include "ZqImage.h"
+#include "ZqBlocks.h"
 #include "ZqImageFiles.h"
 #include "ZqImageParams.h"
 #include "ZqImageStaging.h"
@@ -16,7 +16,7 @@
 namespace {
 
 constexpr const char* UNIT = "src/base/ZqCreateContent";
-constexpr int64 BLOCK = ZqImage::BLOCK_SIZE;
+constexpr int64 BLOCK = ZqBlocks::SIZE;
 constexpr uint64 ROOM_FOR_RECORDS = 1 << 20;
 
 int64 wholeBlocks(int64 bytes) {

@@ -12,7 +12,6 @@ class ZqTaskMon;
 /// that block, or NO_ENTRY for a block that the ZqF file doesn't hold. A block is 4096 bytes, always.
 class ZqImage {
 public:
-    static constexpr uint64 BLOCK_SIZE = 4096;
     /// No entry, in every table of block indices.
     static constexpr uint64 NO_ENTRY = ~uint64{0};
 

@@ -6,6 +6,7 @@
 #include "SxMd5.h"
 #include "SxSymbol.h"
 #include "ZqAppParams.h"
+#include "ZqBlocks.h"
 #include "ZqFrameDecoder.h"
 #include "ZqImage.h"
 #include "ZqImageFiles.h"
@@ -81,7 +82,7 @@ void ZqImageCheck::checkMap() {
     const auto nRaw = static_cast<uint64>(map.getSize());
     if (haveImage) {
         const auto sizeRaw = static_cast<uint64>(image.sizeRaw);
-        const uint64 nExpected = sizeRaw / ZqImage::BLOCK_SIZE + (sizeRaw % ZqImage::BLOCK_SIZE != 0 ? 1 : 0);
+        const uint64 nExpected = sizeRaw / ZqBlocks::SIZE + (sizeRaw % ZqBlocks::SIZE != 0 ? 1 : 0);
         if (nExpected != nRaw) {
             addFault("'" + file + "' has " + nRaw + " entries, the RAW image of img.json has " + nExpected +
                      " blocks");
@@ -136,7 +137,7 @@ void ZqImageCheck::checkPackedMap() {
 void ZqImageCheck::checkEntries(const SxArray<uint64>& map) {
     const SxString file = pathPrefix + ZqImageFiles::IDX;
     const auto nRaw = static_cast<uint64>(map.getSize());
-    const uint64 nZqf = app.sizeZqf / ZqImage::BLOCK_SIZE + (app.sizeZqf % ZqImage::BLOCK_SIZE != 0 ? 1 : 0);
+    const uint64 nZqf = app.sizeZqf / ZqBlocks::SIZE + (app.sizeZqf % ZqBlocks::SIZE != 0 ? 1 : 0);
     std::vector<bool> taken(nRaw);
     uint64 nWrong = 0, nUsed = 0;
     const auto report = [&](uint64 rawIdx, uint64 zqfIdx, const char* what) {
@@ -162,7 +163,7 @@ void ZqImageCheck::checkEntries(const SxArray<uint64>& map) {
         addFault(SxString("'") + file + "': " + (nWrong - MAX_LISTED) + " more wrong entries");
     if (nWrong == 0)
         notes.append("map: " + SxString(nRaw) + " entries, no ZqF block twice, none out of range");
-    if (sizeComplete == 0) sizeComplete = nUsed * ZqImage::BLOCK_SIZE;
+    if (sizeComplete == 0) sizeComplete = nUsed * ZqBlocks::SIZE;
 }
 
 void ZqImageCheck::checkZqf() {
@@ -240,7 +241,7 @@ void ZqImageCheck::checkFrames(const ZqSeekTable& table, SxFileIO* packed) {
     SxFileIO zqf(pathPrefix + ZqImageFiles::ZQF, "rb", 0600);
     zqf.adviseSequential();
     SxArray<char> frame(static_cast<int64>(ZqSeekTable::MAX_PACKED));
-    SxArray<char> plain(static_cast<int64>(ZqSeekTable::FRAME)), decoded(plain.getSize());
+    SxArray<char> plain(static_cast<int64>(ZqBlocks::STRETCH)), decoded(plain.getSize());
     const auto read = [](SxFileIO* from, SxArray<char>* to, int64 n) {
         if (from->readBuffer(to->data(), n) == n) return;
         throw SxException(SxFileIO::fileReadErr(from->getFilePath()), UNIT, __LINE__);
@@ -251,7 +252,7 @@ void ZqImageCheck::checkFrames(const ZqSeekTable& table, SxFileIO* packed) {
         if (stopRequested()) throw SxException(SxException::STOPPED, "Stopped", UNIT, __LINE__);
         const ZqSeekTable::Frame& place = table.getFrame(frameIdx);
         const auto nPlain =
-            static_cast<int64>(std::min(ZqSeekTable::FRAME, sizeZqf - frameIdx * ZqSeekTable::FRAME));
+            static_cast<int64>(std::min(ZqBlocks::STRETCH, sizeZqf - frameIdx * ZqBlocks::STRETCH));
         read(packed, &frame, place.size);
         read(&zqf, &plain, nPlain);
         SxString wrong;

@@ -3,6 +3,7 @@
 #include "SxException.h"
 #include "SxFSAction.h"
 #include "SxFileIO.h"
+#include "ZqBlocks.h"
 #include "ZqImageFiles.h"
 #include "ZqImageFolder.h"
 #include "ZqImageLock.h"
@@ -62,7 +63,7 @@ ZqImageInfo::ZqImageInfo(const SxString& path) {
 
 void ZqImageInfo::countBlocks(const SxArray<uint64>& map) {
     nRaw = static_cast<uint64>(map.getSize());
-    const uint64 nBlocks = sizeZqf / ZqImage::BLOCK_SIZE;
+    const uint64 nBlocks = sizeZqf / ZqBlocks::SIZE;
     uint64 expected = ZqImage::NO_ENTRY, greatest = 0;
     for (const uint64 zqfIdx : map) {
         if (zqfIdx == ZqImage::NO_ENTRY) continue;
@@ -73,7 +74,7 @@ void ZqImageInfo::countBlocks(const SxArray<uint64>& map) {
         greatest = std::max(greatest, zqfIdx);
     }
     sizeComplete = app.sizeZqf;
-    if (sizeComplete == 0 && nIncluded > 0) sizeComplete = (greatest + 1) * ZqImage::BLOCK_SIZE;
+    if (sizeComplete == 0 && nIncluded > 0) sizeComplete = (greatest + 1) * ZqBlocks::SIZE;
 }
 
 void ZqImageInfo::requireComplete(const SxString& path) const {

@@ -4,6 +4,7 @@
 #include "SxFSAction.h"
 #include "SxMd5.h"
 #include "ZqArchive.h"
+#include "ZqBlocks.h"
 #include "ZqImageFiles.h"
 #include "ZqLog.h"
 #include "ZqSysEnv.h"
@@ -18,7 +19,7 @@
 namespace {
 
 constexpr const char* UNIT = "src/base/ZqPatch";
-constexpr int64 BLOCK = ZqImage::BLOCK_SIZE;
+constexpr int64 BLOCK = ZqBlocks::SIZE;
 /// Blocks that are compared in one go: enough for long reads, few enough to stay in the cache.
 constexpr size_t WINDOW = 256;
 constexpr int64 REPORT_MS = 1000;
@@ -59,7 +60,7 @@ public:
                 ++last;
             char* to = buffer.data() + static_cast<int64>(first) * BLOCK;
             const int64 nBytes = static_cast<int64>(last - first) * BLOCK;
-            const uint64 nBlocks = static_cast<uint64>(end + BLOCK - 1) / ZqImage::BLOCK_SIZE;
+            const uint64 nBlocks = static_cast<uint64>(end + BLOCK - 1) / ZqBlocks::SIZE;
             const uint64 blockIdx = items[first].*index;
             int64 nThere = 0;
             if (blockIdx < nBlocks) {
@@ -85,7 +86,7 @@ public:
     Comparison(const SxString& rawFile, const SxString& zqfFile, ZqTaskMon* progress_)
         : raw(rawFile),
           zqf(zqfFile),
-          nStored(static_cast<uint64>(zqf.size) / ZqImage::BLOCK_SIZE),
+          nStored(static_cast<uint64>(zqf.size) / ZqBlocks::SIZE),
           progress(progress_),
           startTime(ZqSysEnv::getSysTime()) {}
 
@@ -114,7 +115,7 @@ private:
         if (progress && progress->stopRequested())
             throw SxException(SxException::STOPPED, "Stopped", UNIT, __LINE__);
         const uint64 lastRawIdx = items.back().rawIdx;
-        if (lastRawIdx >= (static_cast<uint64>(raw.size) + ZqImage::BLOCK_SIZE - 1) / ZqImage::BLOCK_SIZE) {
+        if (lastRawIdx >= (static_cast<uint64>(raw.size) + ZqBlocks::SIZE - 1) / ZqBlocks::SIZE) {
             throw SxException("File '" + raw.file.getFilePath() + "' ends ahead of block " + lastRawIdx, UNIT,
                               __LINE__);
         }
@@ -142,10 +143,10 @@ private:
 
     void countBlocks(bool differ) {
         for (size_t i = 0; i < items.size(); ++i) {
-            const size_t at = i * ZqImage::BLOCK_SIZE;
+            const size_t at = i * ZqBlocks::SIZE;
             const bool isThere = items[i].zqfIdx < nStored;
-            const bool isWrong = differ && std::memcmp(raw.buffer.data() + at, zqf.buffer.data() + at,
-                                                       ZqImage::BLOCK_SIZE) != 0;
+            const bool isWrong =
+                differ && std::memcmp(raw.buffer.data() + at, zqf.buffer.data() + at, ZqBlocks::SIZE) != 0;
             if (isWrong) ++counters.nInvalid;
             if (isThere) {
                 ++counters.nMapped;

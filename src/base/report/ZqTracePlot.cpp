@@ -4,6 +4,7 @@
 #include "SxFileInfo.h"
 #include "SxIndexSet.h"
 #include "ZqAppParams.h"
+#include "ZqBlocks.h"
 #include "ZqImage.h"
 #include "ZqReadable.h"
 #include "ZqTraceParams.h"
@@ -18,7 +19,7 @@ constexpr double BLOCKS_HEIGHT = 340, NEEDED_HEIGHT = 160;
 constexpr auto N_COLUMNS = static_cast<size_t>(ZqChart::PLOT_WIDTH);
 /// Room above what is largest.
 constexpr double HEADROOM = 1.04;
-constexpr auto BLOCK = static_cast<double>(ZqImage::BLOCK_SIZE);
+constexpr auto BLOCK = static_cast<double>(ZqBlocks::SIZE);
 
 /// The last name of a path that ends in a slash.
 SxString nameOf(const SxString& folder) {

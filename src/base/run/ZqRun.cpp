@@ -5,6 +5,7 @@
 #include "SxFSAction.h"
 #include "SxProcessGroup.h"
 #include "SxTime.h"
+#include "ZqBlocks.h"
 #include "ZqCoreAppGuard.h"
 #include "ZqImageFiles.h"
 #include "ZqImageFolder.h"
@@ -456,10 +457,9 @@ void ZqRun::fillResult() {
     info.avgSpeed = speeds.mean;
     info.maxSpeed = speeds.greatest;
     info.sigmaSpeed = speeds.sigma;
-    constexpr double BYTES_OF_MBIT = 125'000.;
-    info.reqSpeed =
-        static_cast<double>(feed.getApp().getBpS(static_cast<uint64>(info.preloadSize))) / BYTES_OF_MBIT;
-    info.prefetchSizeMB = info.preloadSize / 1'000'000;
+    info.reqSpeed = static_cast<double>(feed.getApp().getBpS(static_cast<uint64>(info.preloadSize))) /
+                    ZqBlocks::PER_MEGABIT;
+    info.prefetchSizeMB = info.preloadSize / ZqBlocks::MEGABYTE;
     if (const int64 ns = feed.getLastWaitNs(); ns > 0) result.lastWaitMs = (ns - beginNs) / 1'000'000;
     result.link = status.link;
     result.image = status.image;

@@ -2,6 +2,7 @@
 
 #include "SxFSAction.h"
 #include "SxTime.h"
+#include "ZqBlocks.h"
 #include "ZqImageFiles.h"
 #include "ZqImageProgress.h"
 #include "ZqJobFailure.h"
@@ -35,7 +36,7 @@ constexpr double LEAST_SPEED = 1000; ///< bytes a second
 constexpr int64 MAX_BATCH = 25;
 
 double bytesPerSecond(double megabitPerSecond) {
-    return megabitPerSecond * 1000 * 1000 / 8;
+    return megabitPerSecond * ZqBlocks::PER_MEGABIT;
 }
 
 void updateMean(int64* mean, int64 n, int64 value) {

@@ -7,6 +7,7 @@
 #include "SxSystemThread.h"
 #include "ZqAppParams.h"
 #include "ZqAvg.h"
+#include "ZqBlocks.h"
 #include "ZqDesktop.h"
 #include "ZqMountMgr.h"
 #include "ZqRuntimeInfo.h"
@@ -36,7 +37,7 @@ public:
     class AsyncCallback;
 
     /// Bytes of one on-demand request; each starts at a multiple of it.
-    static constexpr uint64 REQUEST_SIZE = 204800;
+    static constexpr uint64 REQUEST_SIZE = ZqBlocks::STRETCH;
 
     /// The statistics of this run, for use while the job doesn't run; else see getRuntimeInfo().
     ZqRuntimeInfo runtimeInfo;

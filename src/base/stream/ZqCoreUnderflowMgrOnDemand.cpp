@@ -1,4 +1,5 @@
 #include "SxTime.h"
+#include "ZqBlocks.h"
 #include "ZqCoreUnderflowMgr.h"
 #include "ZqImage.h"
 #include "ZqImageProgress.h"
@@ -11,7 +12,7 @@
 namespace {
 
 constexpr const char* UNIT = "src/base/ZqUnderflowMgr";
-constexpr uint64 BLOCK = ZqImage::BLOCK_SIZE;
+constexpr uint64 BLOCK = ZqBlocks::SIZE;
 constexpr uint64 MAX_INDICES = 1000; ///< taken from the queue in one pass
 constexpr int64 MS = 1'000'000;
 constexpr int64 GROUP = 6;         ///< requests that are worth having on the wire together
@@ -20,7 +21,7 @@ constexpr int64 MAX_FETCHES = 128; ///< at once, slow ones included
 constexpr int64 FETCH_LOOK_NS = MS / 4;
 constexpr int64 RETRY_MS = 1000;   ///< between two tries of a stretch that can't be had
 constexpr int64 UNWANTED_MS = 300; ///< a drive asks ten times a second for what held reads wait for
-constexpr int64 MAX_DELIVERY = 409600;
+constexpr int64 MAX_HANDOVER = 409600;
 constexpr int64 AGAIN_MS = 1000; ///< what was delivered isn't fetched again within that
 constexpr int64 CALLBACK_LOOK_MS = 1;
 /// For so long a reader at the download's edge is left to that.
@@ -365,8 +366,8 @@ bool ZqCoreUnderflowMgr::callBack(const Pass& pass, const Source& source, uint64
     const SxArray<char>& data = *asyncCallback->getBuffer();
     if (!pass.matches(offset, data, expected)) return false;
     fetchSizes.update(data.getSize());
-    for (int64 done = 0; done < data.getSize(); done += MAX_DELIVERY) {
-        SxArray<char> piece(std::min(MAX_DELIVERY, data.getSize() - done));
+    for (int64 done = 0; done < data.getSize(); done += MAX_HANDOVER) {
+        SxArray<char> piece(std::min(MAX_HANDOVER, data.getSize() - done));
         std::copy_n(data.begin() + done, piece.getSize(), piece.begin());
         const uint64 zqfIdx = (offset + static_cast<uint64>(done)) / BLOCK;
         patiently([&] { mountMgr.sendBlockToUFLayer(path, piece, zqfIdx); });
@@ -463,7 +464,7 @@ bool ZqCoreUnderflowMgr::deliver(const Pass& pass, const ZqODRDownloader& from, 
         from.forget(fetch.offset, length);
         return false;
     }
-    if (fetch.data.getSize() > MAX_DELIVERY) {
+    if (fetch.data.getSize() > MAX_HANDOVER) {
         pass.log("Too much data for driver");
         return false;
     }

@@ -3,6 +3,7 @@
 #include "SxException.h"
 #include "SxFSAction.h"
 #include "SxTime.h"
+#include "ZqBlocks.h"
 #include "ZqCoreUnderflowMgr.h"
 #include "ZqFWriter.h"
 #include "ZqImageFeedJob.h"
@@ -26,8 +27,6 @@
 namespace {
 
 constexpr const char* UNIT = "src/base/ZqImageFeed";
-constexpr uint64 BLOCK = 4096;
-constexpr double MBIT = 125'000.;
 constexpr uint64 ANY_RATE = ~uint64{0};
 /// Silence of the server that is told. The link itself takes longer to give a request up, and its next try
 /// may bring some bytes before it is silent again.
@@ -71,7 +70,7 @@ bool ZqImageFeed::isComplete() const {
 }
 
 uint64 ZqImageFeed::countBlocks() const {
-    if (isComplete()) return (static_cast<uint64>(params.sizeRaw) + BLOCK - 1) / BLOCK;
+    if (isComplete()) return (static_cast<uint64>(params.sizeRaw) + ZqBlocks::SIZE - 1) / ZqBlocks::SIZE;
     return ZqImageProgress::cursorBehind(fileSize());
 }
 
@@ -238,8 +237,8 @@ void ZqImageFeed::openStore() {
     if (app.checksumZqf.isEmpty() && app.checksumIdx.isEmpty()) return;
     const SxString key = app.checksumZqf + "\n" + app.checksumIdx + "\n" + app.checksumMnt;
     try {
-        image->setStore(std::make_unique<ZqStretchStore>(settings.image, key, app.sizeZqf,
-                                                         ZqRemoteImage::STRETCH, fileSize(), reserve));
+        image->setStore(std::make_unique<ZqStretchStore>(settings.image, key, app.sizeZqf, ZqBlocks::STRETCH,
+                                                         fileSize(), reserve));
     } catch (const SxException& e) {
         // Then what comes ahead is only good for this run.
         zqLogMsg("base", "ZqImageFeed: " + e.toString(SxException::ShowMessage, ": "));
@@ -366,7 +365,7 @@ ZqImageFeed::Status ZqImageFeed::getStatus() const {
     status.nShort = nShort;
     status.nCurrent = progress->getNCurrent();
     status.nNeeded = progress->getNInit(limit);
-    status.speed = progress->getAvgSpeed() * MBIT;
+    status.speed = progress->getAvgSpeed() * ZqBlocks::PER_MEGABIT;
     status.startEta = progress->getStartETA(limit);
     status.totalEta = progress->getTotalETA();
     status.isUnderflow = manager->isUnderflow();

@@ -3,6 +3,7 @@
 #include "SxFileIO.h"
 #include "SxFileInfo.h"
 #include "SxTime.h"
+#include "ZqBlocks.h"
 #include "ZqImageFeed.h"
 #include "ZqImageFeedJob.h"
 #include "ZqImageFiles.h"
@@ -106,7 +107,7 @@ void ZqImageFeed::mendAhead(const ZqSeekTable& table, const ZqStopTest& stop) {
             zqLogMsg("base", SxString("ZqImageFeed: img.zqf is wrong from stretch ") + wrong.front() +
                                  " on, and is fetched again from there");
             SxFileIO(filePath(ZqImageFiles::ZQF), "r+b")
-                .truncate(static_cast<int64>(wrong.front() * ZqSeekTable::FRAME));
+                .truncate(static_cast<int64>(wrong.front() * ZqBlocks::STRETCH));
             part = nullptr;
             isPartRight = true;
             return;

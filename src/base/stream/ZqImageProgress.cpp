@@ -2,6 +2,7 @@
 
 #include "SxFSAction.h"
 #include "SxTime.h"
+#include "ZqBlocks.h"
 #include "ZqImageFiles.h"
 #include "ZqImageParams.h"
 #include "ZqJobFailure.h"
@@ -21,10 +22,7 @@ constexpr const char* TRACE_FILE = "/img.trc";
 
 constexpr int64 PERIOD_MS = 1000;
 constexpr int64 N_SPEEDS = 10'000 / PERIOD_MS;
-constexpr double BYTES_PER_MEGABIT = 125000.0;
 constexpr uint64 LEAST_SPEED = 10'000; // bytes per second
-constexpr uint64 MEGABYTE = 1'000'000;
-constexpr int64 BLOCK_SIZE = 4096;
 constexpr int BLOCK_SHIFT = 12;
 constexpr int ITEM_SHIFT = 4; // 16 bytes in img.trc
 
@@ -158,12 +156,13 @@ uint64 ZqImageProgress::getNInitTrace() const {
 }
 
 uint64 ZqImageProgress::getNInit(uint64 speedLimit) const {
-    const double speed = std::min(getAvgSpeed(), static_cast<double>(speedLimit) / BYTES_PER_MEGABIT);
+    const double speed = std::min(getAvgSpeed(), static_cast<double>(speedLimit) / ZqBlocks::PER_MEGABIT);
     const uint64 total = getNTotal();
     if (appParams.minBandwidth > 0 && static_cast<double>(appParams.minBandwidth) > speed) return total;
     // A product beyond 64 bits is more than any image has.
     constexpr uint64 MAX = std::numeric_limits<uint64>::max();
-    const uint64 preload = appParams.minPreload > MAX / MEGABYTE ? MAX : appParams.minPreload * MEGABYTE;
+    const uint64 preload =
+        appParams.minPreload > MAX / ZqBlocks::MEGABYTE ? MAX : appParams.minPreload * ZqBlocks::MEGABYTE;
     // What earlier runs have read counts for nothing: where there is a profile, it knows better what a start
     // needs than the longest run does, and without one all of the image is waited for.
     const uint64 n = std::max({appParams.sizeMnt, preload, appParams.getNInit(speed)});
@@ -182,12 +181,13 @@ uint64 ZqImageProgress::getTotalETA() const {
 uint64 ZqImageProgress::secondsUntil(uint64 nBytes) const {
     const uint64 there = getNCurrent();
     if (nBytes < there) return 0;
-    return (nBytes - there) / std::max(LEAST_SPEED, static_cast<uint64>(getAvgSpeed() * BYTES_PER_MEGABIT));
+    return (nBytes - there) /
+           std::max(LEAST_SPEED, static_cast<uint64>(getAvgSpeed() * ZqBlocks::PER_MEGABIT));
 }
 
 uint64 ZqImageProgress::cursorBehind(uint64 nBytes) {
     const uint64 zqfIdx = nBytes >> BLOCK_SHIFT;
-    return nBytes % BLOCK_SIZE == 0 || zqfIdx == 0 ? zqfIdx : zqfIdx - 1;
+    return nBytes % ZqBlocks::SIZE == 0 || zqfIdx == 0 ? zqfIdx : zqfIdx - 1;
 }
 
 void ZqImageProgress::main() {
@@ -231,7 +231,7 @@ void ZqImageProgress::watch() {
     }
     if (stopRequested()) return;
     // Behind the last block of the disk, so that no read can miss anything any more.
-    const auto end = static_cast<uint64>(ZqImageParams(path + "/").sizeRaw / BLOCK_SIZE);
+    const auto end = static_cast<uint64>(ZqImageParams(path + "/").sizeRaw / ZqBlocks::SIZE);
     while (!moveCursor(end) && !stopRequested())
         SxTime::msleep(PERIOD_MS);
     setNCurrent(total);
@@ -267,7 +267,7 @@ void ZqImageProgress::follow(File* file) {
 }
 
 void ZqImageProgress::takeSample(uint64 nNew, int64 elapsedMs) {
-    const double perPass = static_cast<double>(nNew) / BYTES_PER_MEGABIT;
+    const double perPass = static_cast<double>(nNew) / ZqBlocks::PER_MEGABIT;
     const double speed = perPass * 1000.0 / static_cast<double>(std::max<int64>(elapsedMs, 1));
     SxMutexBlock lock(&speedMutex);
     avgSpeed->update(speed);

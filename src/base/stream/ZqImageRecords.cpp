@@ -6,6 +6,7 @@
 #include "SxFileIO.h"
 #include "SxMd5.h"
 #include "SxSystemThread.h"
+#include "ZqBlocks.h"
 #include "ZqFailurePolicy.h"
 #include "ZqImageFiles.h"
 #include "ZqImageFolder.h"
@@ -204,12 +205,11 @@ ZqAppParams ZqImageRecords::fetchApp(bool mayPlay, bool* isConfirmed, const ZqSt
 
 /// One that took its place would stay there: it isn't fetched again once there are blocks.
 void ZqImageRecords::requireParams(const SxString& file, const ZqAppParams& app) const {
-    constexpr uint64 BLOCK = 4096;
     try {
         requireNoPage(SxFileIO::readUtf8(file), ZqImageFiles::IMAGE_JSON);
         ZqImageParams server;
         server.readFile(file);
-        const uint64 nBlocks = (static_cast<uint64>(server.sizeRaw) + BLOCK - 1) / BLOCK;
+        const uint64 nBlocks = (static_cast<uint64>(server.sizeRaw) + ZqBlocks::SIZE - 1) / ZqBlocks::SIZE;
         if (nBlocks * sizeof(uint64) != app.sizeIdx) {
             throw SxException("It states a disk of " + SxString(nBlocks) +
                                   " blocks, where app.json states a map of " +

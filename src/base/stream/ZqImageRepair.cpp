@@ -4,13 +4,14 @@
 #include "SxException.h"
 #include "SxFileIO.h"
 #include "SxOs.h"
+#include "ZqBlocks.h"
 #include "ZqLog.h"
 
 #include <algorithm>
 
 namespace {
 constexpr const char* UNIT = "src/base/ZqImageRepair";
-constexpr auto STRETCH = static_cast<int64>(ZqRemoteImage::STRETCH);
+constexpr auto STRETCH = static_cast<int64>(ZqBlocks::STRETCH);
 /// Answers that are wrong, from a server that is the right one, until it is taken for what it has.
 constexpr int MAX_WRONG = 4;
 /// Looks for a table that has to wait, where nobody plays.

@@ -1,6 +1,7 @@
 #include "ZqOrderedDownload.h"
 
 #include "SxTime.h"
+#include "ZqBlocks.h"
 
 #include <cstring>
 
@@ -11,7 +12,7 @@ constexpr int64 BATCH = 1 << 20;
 constexpr int64 BATCH_NS = 10'000'000;
 /// Bytes that may wait for the disk, less than the image gives to ranges meanwhile.
 constexpr uint64 MAX_HELD = 32 << 20;
-static_assert(MAX_HELD + 2 * BATCH + 2 * ZqRemoteImage::STRETCH <= ZqRemoteImage::MAX_HELD);
+static_assert(MAX_HELD + 2 * BATCH + 2 * ZqBlocks::STRETCH <= ZqRemoteImage::MAX_HELD);
 } // namespace
 
 void ZqOrderedDownload::start(Priority priority) {

@@ -1,12 +1,13 @@
 #include "ZqStartForecast.h"
 
+#include "ZqBlocks.h"
+
 #include <algorithm>
 #include <cmath>
 #include <limits>
 
 namespace {
 
-constexpr double BYTES_PER_MEGABIT = 125'000;
 constexpr uint64 MEGABYTE = 1'000'000;
 
 /// Bytes that a start needs at that speed, as ZqImageProgress asks for them.
@@ -31,7 +32,7 @@ uint64 missing(uint64 need, uint64 nThere) {
 
 ZqStartForecast::ZqStartForecast(const ZqAppParams& app, double speedMbit, uint64 nThere)
     : isKnown(!app.loadprofile.isEmpty()) {
-    const double speed = std::max(speedMbit, 0.0), bytesPerSecond = speed * BYTES_PER_MEGABIT;
+    const double speed = std::max(speedMbit, 0.0), bytesPerSecond = speed * ZqBlocks::PER_MEGABIT;
     nInit = findInit(app, speed);
     untilSafe = secondsFor(missing(nInit, nThere), bytesPerSecond);
     untilMount = secondsFor(missing(app.sizeMnt, nThere), bytesPerSecond);

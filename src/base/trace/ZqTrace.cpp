@@ -2,7 +2,7 @@
 
 #include "SxFSAction.h"
 #include "SxIndexSet.h"
-#include "ZqImage.h"
+#include "ZqBlocks.h"
 #include "ZqLog.h"
 #include "ZqSysEnv.h"
 #include "ZqTimers.h"
@@ -216,11 +216,11 @@ uint64 ZqTrace::getPageSizeMB() {
         if (!item.valid) continue;
         if (i == 0) previous = item.time;
         if (item.time - previous < BURST_GAP) {
-            current += ZqImage::BLOCK_SIZE;
+            current += ZqBlocks::SIZE;
         } else {
             if (current > largest) {
                 largest = current;
-                before = i * ZqImage::BLOCK_SIZE - current;
+                before = i * ZqBlocks::SIZE - current;
             }
             current = 0;
         }

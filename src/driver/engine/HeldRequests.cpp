@@ -1,6 +1,7 @@
 #include "HeldRequests.h"
 
 #include "SxClock.h"
+#include "ZqBlocks.h"
 
 #include <algorithm>
 
@@ -174,7 +175,7 @@ bool HeldRequests::oldest(uint64* offset, uint64* length) const {
     for (const HeldRequest& request : missing) {
         if (request.write) continue;
         *offset = static_cast<uint64>(queue.firstMissing(request).byte());
-        *length = request.nMissing * BLOCK_SIZE;
+        *length = request.nMissing * ZqBlocks::SIZE;
         return true;
     }
     return false;

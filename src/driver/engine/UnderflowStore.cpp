@@ -2,6 +2,7 @@
 
 #include "DriverLog.h"
 #include "SxException.h"
+#include "ZqBlocks.h"
 
 #include <algorithm>
 #include <bit>
@@ -63,12 +64,12 @@ void UnderflowStore::makeFile() {
 }
 
 void UnderflowStore::add(ZqfIdx first, const char* data, uint64 length) {
-    const uint64 nWhole = length / BLOCK_SIZE;
+    const uint64 nWhole = length / ZqBlocks::SIZE;
     const SxMutexBlock turn(&changing);
     put(first, nWhole, data);
-    if (length % BLOCK_SIZE == 0) return;
-    char last[BLOCK_SIZE] = {};
-    std::memcpy(last, data + nWhole * BLOCK_SIZE, length % BLOCK_SIZE);
+    if (length % ZqBlocks::SIZE == 0) return;
+    char last[ZqBlocks::SIZE] = {};
+    std::memcpy(last, data + nWhole * ZqBlocks::SIZE, length % ZqBlocks::SIZE);
     put(first + nWhole, 1, last);
 }
 
@@ -84,7 +85,7 @@ void UnderflowStore::put(ZqfIdx first, uint64 n, const char* data) {
             ++i;
             continue;
         }
-        const char* from = data + i * BLOCK_SIZE;
+        const char* from = data + i * ZqBlocks::SIZE;
         const uint64 nKept = keepInMemory(first + i, end - i, from, cacheSize.load());
         lowest = std::min(lowest, first + i);
         // At once: what stays in memory without a mark, where the file fails, would never be found again.
@@ -92,10 +93,10 @@ void UnderflowStore::put(ZqfIdx first, uint64 n, const char* data) {
             mark(first + k, true);
         const ZqfIdx next = first + i + nKept;
         const uint64 nLeft = end - i - nKept;
-        const char* rest = from + nKept * BLOCK_SIZE;
+        const char* rest = from + nKept * ZqBlocks::SIZE;
         if (nLeft > 0 && !putInFile(next, nLeft, rest)) {
             const uint64 size = std::max(MAX_WITHOUT_FILE, cacheSize.load());
-            shrinkMemory(size - nLeft * BLOCK_SIZE);
+            shrinkMemory(size - nLeft * ZqBlocks::SIZE);
             keepInMemory(next, nLeft, rest, size);
         }
         for (uint64 k = i + nKept; k < end; ++k)
@@ -105,11 +106,11 @@ void UnderflowStore::put(ZqfIdx first, uint64 n, const char* data) {
 }
 
 uint64 UnderflowStore::keepInMemory(ZqfIdx first, uint64 n, const char* data, uint64 size) {
-    const uint64 used = nInMemory.load() * BLOCK_SIZE;
-    n = std::min(n, size > used ? (size - used) / BLOCK_SIZE : 0);
+    const uint64 used = nInMemory.load() * ZqBlocks::SIZE;
+    n = std::min(n, size > used ? (size - used) / ZqBlocks::SIZE : 0);
     for (uint64 i = 0; i < n; ++i) {
-        Block block = std::make_unique_for_overwrite<char[]>(BLOCK_SIZE);
-        std::memcpy(block.get(), data + i * BLOCK_SIZE, BLOCK_SIZE);
+        Block block = std::make_unique_for_overwrite<char[]>(ZqBlocks::SIZE);
+        std::memcpy(block.get(), data + i * ZqBlocks::SIZE, ZqBlocks::SIZE);
         order.push_back(first.value + i);
         const SxMutexBlock lock(&memoryMutex);
         if (memory.insert_or_assign(first.value + i, std::move(block)).second) ++nInMemory;
@@ -128,7 +129,7 @@ bool UnderflowStore::findOldest(ZqfIdx* zqfIdx, char* copy) {
         const auto block = memory.find(order.front());
         if (block == memory.end()) continue;
         *zqfIdx = {order.front()};
-        if (copy) std::memcpy(copy, block->second.get(), BLOCK_SIZE);
+        if (copy) std::memcpy(copy, block->second.get(), ZqBlocks::SIZE);
         return true;
     }
     return false;
@@ -136,7 +137,7 @@ bool UnderflowStore::findOldest(ZqfIdx* zqfIdx, char* copy) {
 
 void UnderflowStore::shrinkMemory(uint64 bytes) {
     ZqfIdx oldest;
-    while (nInMemory.load() * BLOCK_SIZE > bytes && findOldest(&oldest, nullptr)) {
+    while (nInMemory.load() * ZqBlocks::SIZE > bytes && findOldest(&oldest, nullptr)) {
         mark(oldest, false);
         // As where the cursor passes: the bytes go only after this.
         ++drops;
@@ -151,16 +152,16 @@ bool UnderflowStore::hasRoom(uint64 n) {
         const bool isThere = SxOs::get().stat(folder + "img.zqf", &info) == 0;
         reserve = ZqDiskReserve(SxString(folder), isThere ? static_cast<uint64>(info.size) : 0);
     }
-    return reserve.getMissing(n * BLOCK_SIZE) == 0;
+    return reserve.getMissing(n * ZqBlocks::SIZE) == 0;
 }
 
 bool UnderflowStore::putInFile(ZqfIdx first, uint64 n, const char* data) {
     int error = hasRoom(n) ? 0 : ENOSPC;
     if (error == 0) {
         if (!file.isOpen()) makeFile();
-        error = file.writeAt(data, n * BLOCK_SIZE, static_cast<uint64>(first.byte()));
+        error = file.writeAt(data, n * ZqBlocks::SIZE, static_cast<uint64>(first.byte()));
         // What came short holds room that others need.
-        if (error) SxOs::get().punchHole(file.getFd(), first.byte(), static_cast<int64>(n * BLOCK_SIZE));
+        if (error) SxOs::get().punchHole(file.getFd(), first.byte(), static_cast<int64>(n * ZqBlocks::SIZE));
     }
     const bool wasFull = std::exchange(isFull, error == ENOSPC || error == EDQUOT);
     if (error && !isFull) file.raise("Cannot keep delivered blocks in", error, UNIT, __LINE__);
@@ -208,10 +209,10 @@ uint64 UnderflowStore::copyFromMemory(uint64 offset, uint64 n, char* to, Stretch
     uint64 nRest = 0;
     const SxMutexBlock lock(&memoryMutex);
     for (uint64 at = offset; at < offset + n;) {
-        const uint64 end = std::min(offset + n, (at / BLOCK_SIZE + 1) * BLOCK_SIZE);
-        const auto block = memory.find(at / BLOCK_SIZE);
+        const uint64 end = std::min(offset + n, (at / ZqBlocks::SIZE + 1) * ZqBlocks::SIZE);
+        const auto block = memory.find(at / ZqBlocks::SIZE);
         if (block != memory.end()) {
-            std::memcpy(to + (at - offset), block->second.get() + at % BLOCK_SIZE, end - at);
+            std::memcpy(to + (at - offset), block->second.get() + at % ZqBlocks::SIZE, end - at);
         } else if (nRest > 0 && rest[nRest - 1].end == at) {
             rest[nRest - 1].end = end;
         } else {
@@ -240,9 +241,9 @@ int UnderflowStore::read(uint64 offset, uint64 n, char* to) {
 void UnderflowStore::setCacheSize(uint64 bytes) {
     const SxMutexBlock turn(&changing);
     cacheSize = bytes;
-    char copy[BLOCK_SIZE];
+    char copy[ZqBlocks::SIZE];
     ZqfIdx oldest;
-    while (nInMemory.load() * BLOCK_SIZE > bytes && findOldest(&oldest, copy)) {
+    while (nInMemory.load() * ZqBlocks::SIZE > bytes && findOldest(&oldest, copy)) {
         if (!putInFile(oldest, 1, copy)) {
             shrinkMemory(std::max(MAX_WITHOUT_FILE, bytes));
             return;

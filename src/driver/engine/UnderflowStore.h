@@ -19,7 +19,7 @@
 class UnderflowStore {
 public:
     /// Bytes of one delivery.
-    static constexpr uint64 MAX_DELIVERY = 4 << 20;
+    static constexpr uint64 LONGEST_DELIVERY = 4 << 20;
     /// Bytes that memory takes at least where the disk is full: many times what the readers of a drive wait
     /// for at once.
     static constexpr uint64 MAX_WITHOUT_FILE = 64 << 20;

@@ -1,6 +1,7 @@
 #include "VirtualDisk.h"
 
 #include "SxException.h"
+#include "ZqBlocks.h"
 
 #include <cerrno>
 
@@ -92,8 +93,8 @@ VirtualDisk::Verdict VirtualDisk::resultOf(HeldRequests::Verdict verdict, int* e
 }
 
 void VirtualDisk::arrived(uint64 offset, uint32 size, bool isWrite) {
-    const RawIdx first{offset / BLOCK_SIZE};
-    const uint64 n = blocksFor(offset % BLOCK_SIZE + size);
+    const RawIdx first{offset / ZqBlocks::SIZE};
+    const uint64 n = blocksFor(offset % ZqBlocks::SIZE + size);
     if (trace.isOn()) trace.record(first, n, isWrite);
     if (isWrite) return;
     reads.fetch_add(1, std::memory_order_relaxed);
@@ -166,11 +167,11 @@ void VirtualDisk::deliver(uint64 zqfIdx, const char* data, uint64 length) {
     };
     const uint64 n = blocksFor(length);
     if (length == 0) refuse("is empty");
-    if (length > UnderflowStore::MAX_DELIVERY) refuse("is too long");
+    if (length > UnderflowStore::LONGEST_DELIVERY) refuse("is too long");
     if (zqfIdx >= nIncluded() || n > nIncluded() - zqfIdx) {
         refuse("goes beyond the image of " + SxString(nIncluded()) + " blocks");
     }
-    if (length % BLOCK_SIZE != 0 && zqfIdx + n < nIncluded()) refuse("ends inside a block");
+    if (length % ZqBlocks::SIZE != 0 && zqfIdx + n < nIncluded()) refuse("ends inside a block");
     try {
         store.add({zqfIdx}, data, length);
     } catch (const SxException& e) {

@@ -85,8 +85,9 @@ public:
     /// Lowest missing block of the oldest held read as byte offset in `img.zqf`, and the bytes that it
     /// misses; false, and zeros, where none is held for a missing block.
     bool oldestRequest(uint64* offset, uint64* length) const;
-    /// Hands over the bytes of the blocks from `zqfIdx` on, at most UnderflowStore::MAX_DELIVERY bytes: whole
-    /// blocks, or up to the image's end. Blocks that are present are passed over. Raises, naming the fault.
+    /// Hands over the bytes of the blocks from `zqfIdx` on, at most UnderflowStore::LONGEST_DELIVERY bytes:
+    /// whole blocks, or up to the image's end. Blocks that are present are passed over. Raises, naming the
+    /// fault.
     void deliver(uint64 zqfIdx, const char* data, uint64 length);
     /// Bytes of delivered blocks kept in memory; what is too much goes into the file. Raises where it can't.
     void setCacheSize(uint64 bytes);

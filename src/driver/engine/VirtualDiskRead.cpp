@@ -1,5 +1,6 @@
 #include "ReadPlan.h"
 #include "VirtualDisk.h"
+#include "ZqBlocks.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -56,9 +57,9 @@ bool VirtualDisk::planRead(uint64 offset, uint32 size, char* to, uint64 present,
     plan->clear();
     const uint64 end = offset + size;
     for (uint64 at = offset; at < end;) {
-        const uint64 inBlock = at % BLOCK_SIZE;
-        const auto n = static_cast<uint32>(std::min(end - at, BLOCK_SIZE - inBlock));
-        const BlockMap::Place place = map.get({at / BLOCK_SIZE});
+        const uint64 inBlock = at % ZqBlocks::SIZE;
+        const auto n = static_cast<uint32>(std::min(end - at, ZqBlocks::SIZE - inBlock));
+        const BlockMap::Place place = map.get({at / ZqBlocks::SIZE});
         if (place.isStored()) {
             const ZqfIdx zqfIdx = place.zqfIdx();
             const bool isStored = zqfIdx.value < present;
@@ -133,8 +134,8 @@ void VirtualDisk::announce(const ReadPlan::Run* run, const ReadPlan::Run* end) c
 void VirtualDisk::announceAhead(LookAhead::Range range, uint64 present) const {
     uint64 from = 0, to = 0; // bytes of img.zqf
     const uint64 end = std::min(range.to, cfg.sizeRaw);
-    for (uint64 at = range.from; at < end; at += BLOCK_SIZE) {
-        const BlockMap::Place place = map.get({at / BLOCK_SIZE});
+    for (uint64 at = range.from; at < end; at += ZqBlocks::SIZE) {
+        const BlockMap::Place place = map.get({at / ZqBlocks::SIZE});
         if (!place.isStored() || place.zqfIdx().value >= present) continue;
         const auto byte = static_cast<uint64>(place.zqfIdx().byte());
         if (byte != to) {
@@ -142,7 +143,7 @@ void VirtualDisk::announceAhead(LookAhead::Range range, uint64 present) const {
                 SxOs::get().adviseSoon(zqf.getFd(), static_cast<int64>(from), static_cast<int64>(to - from));
             from = byte;
         }
-        to = byte + BLOCK_SIZE;
+        to = byte + ZqBlocks::SIZE;
     }
     if (from < to)
         SxOs::get().adviseSoon(zqf.getFd(), static_cast<int64>(from), static_cast<int64>(to - from));
@@ -167,7 +168,8 @@ SxString VirtualDisk::Fault::text() const {
 
 /// Lists what a request waits for: a write only for blocks of which it writes a part.
 void VirtualDisk::findMissing(const HeldRequest& request, std::vector<ZqfIdx>* missing) const {
-    const uint64 first = request.offset / BLOCK_SIZE, last = (request.offset + request.size - 1) / BLOCK_SIZE;
+    const uint64 first = request.offset / ZqBlocks::SIZE,
+                 last = (request.offset + request.size - 1) / ZqBlocks::SIZE;
     for (RawIdx rawIdx{first}; rawIdx.value <= last; rawIdx = rawIdx + 1) {
         const bool isEdge = rawIdx.value == first || rawIdx.value == last;
         if (request.write && !(isEdge && isPartWritten(rawIdx, request.offset, request.size))) continue;

@@ -2,6 +2,7 @@
 #include "SxClock.h"
 #include "SxException.h"
 #include "VirtualDisk.h"
+#include "ZqBlocks.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -38,7 +39,7 @@ VirtualDisk::Result VirtualDisk::write(uint64 offset, uint32 size, const char* b
 /// Whether the first or the last block is missing, and only a part of it written.
 bool VirtualDisk::isEdgeMissing(uint64 offset, uint32 size) const {
     for (const uint64 at : {offset, offset + size - 1}) {
-        const RawIdx rawIdx{at / BLOCK_SIZE};
+        const RawIdx rawIdx{at / ZqBlocks::SIZE};
         const BlockMap::Place place = map.get(rawIdx);
         if (isPartWritten(rawIdx, offset, size) && place.isStored() && isMissing(place.zqfIdx())) return true;
     }
@@ -49,13 +50,13 @@ bool VirtualDisk::isEdgeMissing(uint64 offset, uint32 size) const {
 int VirtualDisk::writeNow(uint64 offset, uint32 size, const char* buffer, Obstacle* obstacle) {
     const uint64 end = offset + size;
     for (uint64 at = offset; at < end;) {
-        const RawIdx rawIdx{at / BLOCK_SIZE};
-        const uint64 inBlock = at % BLOCK_SIZE;
-        const bool isWhole = inBlock == 0 && end - at >= BLOCK_SIZE;
-        const uint64 n =
-            isWhole ? (end - at) / BLOCK_SIZE * BLOCK_SIZE : std::min(end - at, BLOCK_SIZE - inBlock);
+        const RawIdx rawIdx{at / ZqBlocks::SIZE};
+        const uint64 inBlock = at % ZqBlocks::SIZE;
+        const bool isWhole = inBlock == 0 && end - at >= ZqBlocks::SIZE;
+        const uint64 n = isWhole ? (end - at) / ZqBlocks::SIZE * ZqBlocks::SIZE
+                                 : std::min(end - at, ZqBlocks::SIZE - inBlock);
         const char* from = buffer + (at - offset);
-        const int error = isWhole ? writeBlocks(rawIdx, n / BLOCK_SIZE, from)
+        const int error = isWhole ? writeBlocks(rawIdx, n / ZqBlocks::SIZE, from)
                                   : writePart(rawIdx, inBlock, n, from, obstacle);
         if (error || obstacle->isAny()) return error;
         at += n;
@@ -64,18 +65,18 @@ int VirtualDisk::writeNow(uint64 offset, uint32 size, const char* buffer, Obstac
 }
 
 uint64 VirtualDisk::validBytes(RawIdx rawIdx) const {
-    return std::min(BLOCK_SIZE, cfg.sizeRaw - rawIdx.value * BLOCK_SIZE);
+    return std::min(ZqBlocks::SIZE, cfg.sizeRaw - rawIdx.value * ZqBlocks::SIZE);
 }
 
 bool VirtualDisk::isPartWritten(RawIdx rawIdx, uint64 offset, uint64 size) const {
-    const uint64 begin = rawIdx.value * BLOCK_SIZE;
+    const uint64 begin = rawIdx.value * ZqBlocks::SIZE;
     return offset > begin || offset + size < begin + validBytes(rawIdx);
 }
 
 int VirtualDisk::writePart(RawIdx rawIdx, uint64 from, uint64 n, const char* data, Obstacle* obstacle) {
     const SxMutexBlock turn(&partialWrites);
-    char block[BLOCK_SIZE] = {};
-    const uint64 begin = rawIdx.value * BLOCK_SIZE;
+    char block[ZqBlocks::SIZE] = {};
+    const uint64 begin = rawIdx.value * ZqBlocks::SIZE;
     if (isPartWritten(rawIdx, begin + from, n)) {
         const Outcome outcome =
             readPresent(begin, static_cast<uint32>(validBytes(rawIdx)), block, &obstacle->shortage);
@@ -100,7 +101,7 @@ int VirtualDisk::writeBlocks(RawIdx first, uint64 n, const char* data) {
         uint64 end = i + 1;
         while (end < n && isInPlace(first + end) == inPlace)
             ++end;
-        const char* from = data + i * BLOCK_SIZE;
+        const char* from = data + i * ZqBlocks::SIZE;
         int error = 0;
         if (inPlace) {
             error = writeInPlace(first + i, end - i, from);
@@ -124,8 +125,8 @@ int VirtualDisk::writeInPlace(RawIdx first, uint64 n, const char* data) {
         uint64 end = i + 1;
         while (end < n && map.get(first + end).getBits() == (zqfIdx + (end - i)).value)
             ++end;
-        const uint64 size = (end - i - 1) * BLOCK_SIZE + validBytes(first + (end - 1));
-        const int error = zqf.writeAt(data + i * BLOCK_SIZE, size, static_cast<uint64>(zqfIdx.byte()));
+        const uint64 size = (end - i - 1) * ZqBlocks::SIZE + validBytes(first + (end - 1));
+        const int error = zqf.writeAt(data + i * ZqBlocks::SIZE, size, static_cast<uint64>(zqfIdx.byte()));
         zqfDirty = true;
         if (error) return error == ENOSPC ? error : failZqf("Cannot write", error);
         i = end;
@@ -137,7 +138,8 @@ VirtualDisk::Result VirtualDisk::discard(uint64 offset, uint64 size, uint64 toke
                                          int* error) {
     *error = 0;
     const bool isInside = offset <= cfg.sizeRaw && size <= cfg.sizeRaw - offset;
-    const bool isWhole = offset % BLOCK_SIZE == 0 && (size % BLOCK_SIZE == 0 || offset + size == cfg.sizeRaw);
+    const bool isWhole =
+        offset % ZqBlocks::SIZE == 0 && (size % ZqBlocks::SIZE == 0 || offset + size == cfg.sizeRaw);
     if (cfg.readOnly) {
         *error = EROFS;
     } else if (!isInside) {
@@ -150,7 +152,7 @@ VirtualDisk::Result VirtualDisk::discard(uint64 offset, uint64 size, uint64 toke
     if (held.isRestricted()) {
         if (const auto verdict = resultOf(held.admit(token, true), error)) return *verdict;
     }
-    *error = discardBlocks({offset / BLOCK_SIZE}, blocksFor(size));
+    *error = discardBlocks({offset / ZqBlocks::SIZE}, blocksFor(size));
     return *error ? Result::Failed : Result::Done;
 }
 
@@ -188,7 +190,7 @@ int VirtualDisk::discardInLayer(RawIdx first, uint64 n) {
 }
 
 int VirtualDisk::zeroInPlace(RawIdx rawIdx) {
-    static constexpr char ZEROS[BLOCK_SIZE] = {};
+    static constexpr char ZEROS[ZqBlocks::SIZE] = {};
     if (zqfError.load() != 0) return EIO;
     const int64 at = map.get(rawIdx).zqfIdx().byte();
     if (SxOs::get().punchHole(zqf.getFd(), at, static_cast<int64>(validBytes(rawIdx))) == 0) {

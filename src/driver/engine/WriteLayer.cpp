@@ -1,6 +1,7 @@
 #include "WriteLayer.h"
 
 #include "SxException.h"
+#include "ZqBlocks.h"
 
 #include <algorithm>
 #include <bit>
@@ -75,7 +76,7 @@ void WriteLayer::load() {
     while (!found.used.empty() && !found.used.back())
         found.used.pop_back();
     // Slots that were freed later may lie beyond the file, which is cut then.
-    if (found.used.size() > (tmp.isOpen() ? tmp.getSize() / BLOCK_SIZE : 0)) {
+    if (found.used.size() > (tmp.isOpen() ? tmp.getSize() / ZqBlocks::SIZE : 0)) {
         throw SxException("'" + SxString(tix.getPath()) + "' has a slot beyond 'img.tmp' (slot " +
                               (found.used.size() - 1) + ")",
                           UNIT, __LINE__);
@@ -98,8 +99,8 @@ void WriteLayer::load() {
         }
     }
     if (readOnly || !tmp.isOpen()) return;
-    if (tmp.getSize() > found.used.size() * BLOCK_SIZE)
-        SxOs::get().truncate(tmp.getFd(), static_cast<int64>(found.used.size() * BLOCK_SIZE));
+    if (tmp.getSize() > found.used.size() * ZqBlocks::SIZE)
+        SxOs::get().truncate(tmp.getFd(), static_cast<int64>(found.used.size() * ZqBlocks::SIZE));
     reserve();
 }
 
@@ -289,7 +290,7 @@ int WriteLayer::writeBlocks(RawIdx first, uint64 n, const char* data) {
         };
         while (end < n && continues(map->get(first + end)))
             ++end;
-        const char* from = data + i * BLOCK_SIZE;
+        const char* from = data + i * ZqBlocks::SIZE;
         const int error =
             place.isSlot() ? writeInSlots(place.slot(), end - i, from) : writeNew(first + i, end - i, from);
         if (error) return error;
@@ -323,7 +324,7 @@ int WriteLayer::discard(RawIdx first, uint64 n) {
 /// A slot is written in place, as a disk does it: a cut leaves the old bytes or the new ones. So the layer
 /// never outgrows the disk, however often its blocks are written, and needs no compaction.
 int WriteLayer::writeInSlots(SlotIdx first, uint64 n, const char* data) {
-    const int error = tmp.writeAt(data, n * BLOCK_SIZE, static_cast<uint64>(first.byte()));
+    const int error = tmp.writeAt(data, n * ZqBlocks::SIZE, static_cast<uint64>(first.byte()));
     dirty = true;
     if (error == 0 || error == ENOSPC) return error;
     return fail("Cannot write '" + SxString(tmp.getPath()) + "'", error);
@@ -340,7 +341,7 @@ int WriteLayer::writeNew(RawIdx first, uint64 n, const char* data) {
         }
         publish(first, slot, nGiven);
         first = first + nGiven;
-        data += nGiven * BLOCK_SIZE;
+        data += nGiven * ZqBlocks::SIZE;
         n -= nGiven;
     }
     return 0;

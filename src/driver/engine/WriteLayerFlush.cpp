@@ -1,6 +1,7 @@
 #include "WriteLayer.h"
 
 #include "SxException.h"
+#include "ZqBlocks.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -31,7 +32,7 @@ void WriteLayer::forEachBlock(const Target& target, Visit&& visit) {
             const BlockMap::Place home(homes(static_cast<int64>(i)));
             if (place.isNothing() && home.isNothing()) continue;
             const auto begin = static_cast<uint64>(home.isStored() ? home.zqfIdx().byte() : 0);
-            const uint64 size = std::min(BLOCK_SIZE, target.sizeRaw - rawIdx.value * BLOCK_SIZE);
+            const uint64 size = std::min(ZqBlocks::SIZE, target.sizeRaw - rawIdx.value * ZqBlocks::SIZE);
             const bool hasRoom =
                 home.isStored() && home.zqfIdx().value < target.nBlocks && begin + size <= target.nBytes;
             visit(Move{rawIdx, place.isSlot() ? place.slot() : ZEROS, home, size, hasRoom});
@@ -59,7 +60,7 @@ void WriteLayer::flush(const Target& target) {
 /// until the index is replaced, the layer holds the same bytes.
 uint64 WriteLayer::copyOut(const Target& target) {
     uint64 nMoved = 0;
-    char block[BLOCK_SIZE];
+    char block[ZqBlocks::SIZE];
     forEachBlock(target, [&](const Move& move) {
         if (!move.moves) return;
         if (move.slot == ZEROS) {
@@ -162,7 +163,7 @@ void WriteLayer::freeMoved(const Target& target) {
         }
         nSlots = end;
     }
-    SxOs::get().truncate(tmp.getFd(), static_cast<int64>(end * BLOCK_SIZE));
+    SxOs::get().truncate(tmp.getFd(), static_cast<int64>(end * ZqBlocks::SIZE));
 }
 
 /// Calls `append` with each record of the index that no later one of its block takes the place of.

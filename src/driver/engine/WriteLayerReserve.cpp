@@ -1,5 +1,7 @@
 #include "WriteLayer.h"
 
+#include "ZqBlocks.h"
+
 #include <algorithm>
 #include <cerrno>
 
@@ -31,7 +33,7 @@ int WriteLayer::writeReserved(RawIdx first, uint64 n, const char* data) {
         reserved.resize(reserved.size() - n);
     }
     for (uint64 i = 0; i < n; ++i) {
-        if (const int error = writeInSlots(slots[i], 1, data + i * BLOCK_SIZE)) {
+        if (const int error = writeInSlots(slots[i], 1, data + i * ZqBlocks::SIZE)) {
             for (uint64 left = i; left < n; ++left)
                 giveBack(slots[left], 1);
             return error;
@@ -59,7 +61,7 @@ int WriteLayer::reserve() {
         const SlotIdx first = allocate(&n);
         if (n == 0) return 0;
         const int error =
-            -SxOs::get().preallocate(tmp.getFd(), first.byte(), static_cast<int64>(n * BLOCK_SIZE));
+            -SxOs::get().preallocate(tmp.getFd(), first.byte(), static_cast<int64>(n * ZqBlocks::SIZE));
         if (error) {
             giveBack(first, n);
             return error;
@@ -86,7 +88,7 @@ bool WriteLayer::giveBackRoom() {
         size_t end = i + 1;
         while (end < slots.size() && slots[end] == slots[i] + (end - i))
             ++end;
-        SxOs::get().punchHole(tmp.getFd(), slots[i].byte(), static_cast<int64>((end - i) * BLOCK_SIZE));
+        SxOs::get().punchHole(tmp.getFd(), slots[i].byte(), static_cast<int64>((end - i) * ZqBlocks::SIZE));
         i = end;
     }
     const SxMutexBlock lock(&mutex);

@@ -6,6 +6,7 @@
 #include "SxOs.h"
 #include "SxQueue.h"
 #include "SxTime.h"
+#include "ZqBlocks.h"
 #include "ZqServiceFolder.h"
 
 #define FUSE_USE_VERSION 314
@@ -97,7 +98,7 @@ struct stat attributes(const FuseFront& front, fuse_ino_t ino) {
         info.st_mode = S_IFREG | 0600;
         info.st_nlink = 1;
         info.st_size = static_cast<off_t>(front.getDisk()->getSizeRaw());
-        info.st_blksize = 4096;
+        info.st_blksize = ZqBlocks::SIZE;
     }
     return info;
 }

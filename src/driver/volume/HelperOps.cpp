@@ -5,6 +5,7 @@
 #include "Redirection.h"
 #include "SxException.h"
 #include "SxOs.h"
+#include "ZqBlocks.h"
 #include "ZqServiceFolder.h"
 
 #include <algorithm>
@@ -84,7 +85,7 @@ std::string attachLoop(const std::string& file, bool readOnly, int* fd) {
         if (*fd < 0) fail("Cannot open '" + SxString(path) + "'", errno);
         loop_config config = {};
         config.fd = static_cast<uint32>(backing.get());
-        config.block_size = 4096;
+        config.block_size = ZqBlocks::SIZE;
         config.info.lo_flags = LO_FLAGS_DIRECT_IO | LO_FLAGS_AUTOCLEAR;
         if (readOnly) config.info.lo_flags |= LO_FLAGS_READ_ONLY;
         file.copy(reinterpret_cast<char*>(config.info.lo_file_name), LO_NAME_SIZE - 1);

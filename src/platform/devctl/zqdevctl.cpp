@@ -1,6 +1,7 @@
 #include "zqdevctl.h"
 
 #include "SxException.h"
+#include "ZqBlocks.h"
 #include "ZqDriveWire.h"
 #include "ZqServiceClient.h"
 
@@ -240,9 +241,11 @@ ZqStatus zqDriveResolveUnderflow(ZqWide image, uint64 zqfIdx, const char* data, 
         // An empty delivery goes out, too, to be refused.
         uint64 done = 0;
         do {
-            const uint64 n = std::min(length - done, ZqDriveWire::MAX_DELIVERY);
-            const Writer request =
-                Writer().text(key).number(zqfIdx + done / 4096).bytes(std::string_view(data + done, n));
+            const uint64 n = std::min(length - done, ZqDriveWire::DELIVERY_PART);
+            const Writer request = Writer()
+                                       .text(key)
+                                       .number(zqfIdx + done / ZqBlocks::SIZE)
+                                       .bytes(std::string_view(data + done, n));
             if (perform(Call::Deliver, request, nullptr, Start::Never) != OK) return FAILED;
             done += n;
         } while (done < length);

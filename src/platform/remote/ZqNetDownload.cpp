@@ -2,6 +2,7 @@
 
 #include "SxClock.h"
 #include "SxFileIO.h"
+#include "ZqBlocks.h"
 #include "ZqRangeReader.h"
 
 #include <algorithm>
@@ -134,7 +135,7 @@ void ZqNetDownload::readAnew(uint64 offset, uint64 size, char* buffer) {
         source.file->read(offset, size, buffer, stopTest());
         return;
     }
-    constexpr uint64 STRETCH = ZqRemoteImage::STRETCH;
+    constexpr uint64 STRETCH = ZqBlocks::STRETCH;
     for (const uint64 end = offset + size; offset < end;) {
         const SxPtr<SxArray<char>> bytes = source.image->fetchAnew(offset / STRETCH, stopTest());
         const uint64 n = std::min(end - offset, STRETCH - offset % STRETCH);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "SxSystemThread.h"
+#include "ZqBlocks.h"
 #include "ZqRangeReader.h"
 #include "ZqRemoteFile.h"
 #include "ZqSeekTable.h"
@@ -25,7 +26,7 @@
 class ZqRemoteImage {
 public:
     /// Bytes of one stretch: a frame of the packed form, and a request on demand.
-    static constexpr uint64 STRETCH = ZqSeekTable::FRAME;
+    static constexpr uint64 STRETCH = ZqBlocks::STRETCH;
     static constexpr uint64 MAX_KEPT = 256 << 20;
     /// Bytes that the stream may have brought and that `img.zqf` hasn't got yet.
     static constexpr uint64 MAX_HELD = 36 << 20;

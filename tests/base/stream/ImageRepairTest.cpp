@@ -2,13 +2,14 @@
 #include "Builders.h"
 #include "NetLab.h"
 #include "SxTime.h"
+#include "ZqBlocks.h"
 #include "ZqFailurePolicy.h"
 #include "ZqFileServer.h"
 #include "ZqImageRepair.h"
 
 namespace {
 
-constexpr uint64 STRETCH = ZqRemoteImage::STRETCH;
+constexpr uint64 STRETCH = ZqBlocks::STRETCH;
 
 /// A complete image, and the server that it came from.
 class ImageRepair : public testing::Test {

@@ -3,6 +3,7 @@
 #include "Builders.h"
 #include "FaultOs.h"
 #include "VirtualDisk.h"
+#include "ZqBlocks.h"
 
 #include <map>
 #include <set>
@@ -79,8 +80,8 @@ struct Drive {
           disk(image.config(mode, cursor), [this](uint64 token) { woken.push_back(token); }) {}
 
     Result read(uint64 rawIdx, uint64 n, uint64 token, bool retry = false) {
-        const uint64 offset = rawIdx * BLOCK_SIZE;
-        buffer.assign(std::min(n * BLOCK_SIZE, image.sizeRaw - offset), '?');
+        const uint64 offset = rawIdx * ZqBlocks::SIZE;
+        buffer.assign(std::min(n * ZqBlocks::SIZE, image.sizeRaw - offset), '?');
         error = 0;
         return disk.read(offset, static_cast<uint32>(buffer.size()), buffer.data(), token, retry, &error);
     }
@@ -92,15 +93,15 @@ struct Drive {
     int write(uint64 rawIdx, const std::string& block) {
         error = 0;
         const auto size = static_cast<uint32>(image.validBytes(rawIdx));
-        disk.write(rawIdx * BLOCK_SIZE, size, block.data(), 1, false, &error);
+        disk.write(rawIdx * ZqBlocks::SIZE, size, block.data(), 1, false, &error);
         return error;
     }
 
     /// Gives 0 or the error.
     int discard(uint64 rawIdx, uint64 n) {
         error = 0;
-        const uint64 offset = rawIdx * BLOCK_SIZE;
-        disk.discard(offset, std::min(n * BLOCK_SIZE, image.sizeRaw - offset), 1, false, &error);
+        const uint64 offset = rawIdx * ZqBlocks::SIZE;
+        disk.discard(offset, std::min(n * ZqBlocks::SIZE, image.sizeRaw - offset), 1, false, &error);
         return error;
     }
 

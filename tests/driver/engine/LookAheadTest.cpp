@@ -1,5 +1,7 @@
 #include "DriveImage.h"
 
+#include "ZqBlocks.h"
+
 namespace {
 
 constexpr uint64 MIB = 1 << 20;
@@ -11,8 +13,8 @@ public:
     ColdOs(const std::string& watched, uint64 nBlocks) : FaultOs(watched), announced(nBlocks) {}
     int64 readCachedAt(int, void*, int64, int64) override { return -EAGAIN; }
     void adviseSoon(int, int64 offset, int64 n) override {
-        for (int64 at = offset; at < offset + n; at += BLOCK_SIZE)
-            ++announced.at(static_cast<uint64>(at) / BLOCK_SIZE);
+        for (int64 at = offset; at < offset + n; at += ZqBlocks::SIZE)
+            ++announced.at(static_cast<uint64>(at) / ZqBlocks::SIZE);
     }
 
     std::vector<int> announced;
@@ -40,7 +42,7 @@ TEST(LookAhead, KeepsAWindowAheadOfOneReader) {
 
 TEST(LookAhead, AnnouncesBlocksWhereTheyAreStored) {
     TestRandom random(4);
-    const DriveImage image(random, 10 * MIB / BLOCK_SIZE);
+    const DriveImage image(random, 10 * MIB / ZqBlocks::SIZE);
     const uint64 present = image.nZqf - 100;
     image.put(0, present, false);
     ColdOs os(image.prefix.str(), image.nZqf);
@@ -58,10 +60,10 @@ TEST(LookAhead, AnnouncesBlocksWhereTheyAreStored) {
     for (uint64 rawIdx = 0; rawIdx < start + 32; ++rawIdx) {
         if (!isThere(rawIdx)) start = rawIdx + 1;
     }
-    read(start * BLOCK_SIZE);
+    read(start * ZqBlocks::SIZE);
     std::fill(os.announced.begin(), os.announced.end(), 0);
-    read(start * BLOCK_SIZE + buffer.size());
-    const uint64 first = start + 16, end = first + 16 + LookAhead::WINDOW / BLOCK_SIZE;
+    read(start * ZqBlocks::SIZE + buffer.size());
+    const uint64 first = start + 16, end = first + 16 + LookAhead::WINDOW / ZqBlocks::SIZE;
     for (uint64 rawIdx = 0; rawIdx < image.nRaw(); ++rawIdx) {
         if (!image.hasPlace(rawIdx)) continue;
         const bool expected = rawIdx >= first && rawIdx < end && isThere(rawIdx);

@@ -1,6 +1,7 @@
 #include "DriveImage.h"
 #include "Instrumented.h"
 #include "SxException.h"
+#include "ZqBlocks.h"
 
 #include <condition_variable>
 #include <gtest/gtest.h>
@@ -50,7 +51,8 @@ public:
             const uint64 nBlocks = random.between(1, random.chance(0.1) ? 200 : 12);
             const uint64 first = isWrite ? ownFirst + random.below(OWN_BLOCKS) : random.below(N_BLOCKS);
             const uint64 end = std::min(first + nBlocks, isWrite ? ownFirst + OWN_BLOCKS : N_BLOCKS);
-            const uint64 from = first * BLOCK_SIZE, size = std::min(end * BLOCK_SIZE, image.sizeRaw) - from;
+            const uint64 from = first * ZqBlocks::SIZE,
+                         size = std::min(end * ZqBlocks::SIZE, image.sizeRaw) - from;
             if (isWrite) {
                 const bool isDiscard = random.chance(0.3);
                 content.replace(from, size, isDiscard ? Bytes(size, '\0') : random.bytes(size));
@@ -91,13 +93,13 @@ private:
 
     /// Blocks of the other users are theirs to compare.
     void compare(uint64 offset, uint64 size) {
-        for (uint64 at = offset; at < offset + size && fault.empty(); at += BLOCK_SIZE) {
-            const uint64 rawIdx = at / BLOCK_SIZE, n = std::min(BLOCK_SIZE, offset + size - at);
+        for (uint64 at = offset; at < offset + size && fault.empty(); at += ZqBlocks::SIZE) {
+            const uint64 rawIdx = at / ZqBlocks::SIZE, n = std::min(ZqBlocks::SIZE, offset + size - at);
             const bool isOwn = rawIdx >= ownFirst && rawIdx < ownFirst + OWN_BLOCKS;
             if (rawIdx < N_THREADS * OWN_BLOCKS && !isOwn) continue;
             if (buffer.compare(at - offset, n, content, at, n) != 0) {
                 fault = "RAW block " + std::to_string(rawIdx) + " differs, request at " +
-                        std::to_string(offset / BLOCK_SIZE);
+                        std::to_string(offset / ZqBlocks::SIZE);
             }
         }
     }
@@ -118,8 +120,8 @@ void disturb(VirtualDisk* drive, const DriveImage& image, TestRandom* random,
         n = std::min(n, image.nZqf - zqfIdx);
         // What has been flushed is in the file, which holds all blocks from the start.
         std::ifstream file(image.path("img.zqf"), std::ios::binary);
-        file.seekg(static_cast<std::streamoff>(zqfIdx * BLOCK_SIZE));
-        std::string bytes(n * BLOCK_SIZE, '\0');
+        file.seekg(static_cast<std::streamoff>(zqfIdx * ZqBlocks::SIZE));
+        std::string bytes(n * ZqBlocks::SIZE, '\0');
         file.read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
         drive->deliver(zqfIdx, bytes.data(), bytes.size());
     };
@@ -137,7 +139,7 @@ void disturb(VirtualDisk* drive, const DriveImage& image, TestRandom* random,
             drive->suspend();
             break;
         case 3:
-            drive->setCacheSize(random->below(200) * BLOCK_SIZE);
+            drive->setCacheSize(random->below(200) * ZqBlocks::SIZE);
             break;
         case 4:
             drive->monitorOn(image.prefix);

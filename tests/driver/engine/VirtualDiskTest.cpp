@@ -4,6 +4,7 @@
 #include "SxJSONParser.h"
 #include "SxMd5.h"
 #include "VirtualClock.h"
+#include "ZqBlocks.h"
 
 #include <cstring>
 #include <gmock/gmock.h>
@@ -26,7 +27,7 @@ struct OrderedImage : DriveImage {
         std::ofstream(path("img.zqf"), std::ios::binary) << zqf;
     }
     void deliver(VirtualDisk* drive, uint64 zqfIdx, uint64 n) const {
-        drive->deliver(zqfIdx, zqf.data() + zqfIdx * BLOCK_SIZE, n * BLOCK_SIZE);
+        drive->deliver(zqfIdx, zqf.data() + zqfIdx * ZqBlocks::SIZE, n * ZqBlocks::SIZE);
     }
 };
 
@@ -87,11 +88,12 @@ TEST(VirtualDisk, ADeliveryThatDoesNotFitIsRefused) {
     };
     const OrderedImage image;
     Drive drive(image, Mode::Ro, 4);
-    const std::string bytes(UnderflowStore::MAX_DELIVERY + 4096, 'x');
+    const std::string bytes(UnderflowStore::LONGEST_DELIVERY + 4096, 'x');
     for (const Case& test :
          {Case{5, 0, "is empty"}, Case{32, 4096, "beyond the image"}, Case{~uint64{0}, 4096, "beyond"},
           Case{31, 4097, "beyond the image"}, Case{5, 4095, "inside a block"},
-          Case{5, UnderflowStore::MAX_DELIVERY + 4096, "too long"}, Case{3, 4096, ""}, Case{31, 100, ""}}) {
+          Case{5, UnderflowStore::LONGEST_DELIVERY + 4096, "too long"}, Case{3, 4096, ""},
+          Case{31, 100, ""}}) {
         const std::string failure =
             failureOf([&] { drive.disk.deliver(test.zqfIdx, bytes.data(), test.length); });
         EXPECT_THAT(failure, HasSubstr(test.failure)) << test.zqfIdx << ", " << test.length;
@@ -121,8 +123,8 @@ TEST(VirtualDisk, TheQueueGivesTheOldestFirstAndUndeliveredBlocksAgain) {
     EXPECT_THAT(drive.disk.popMissing(9), ElementsAre(10, 12, 4, 14));
     uint64 offset = 0, length = 0;
     EXPECT_TRUE(drive.disk.oldestRequest(&offset, &length));
-    EXPECT_EQ(offset, 10 * BLOCK_SIZE);
-    EXPECT_EQ(length, 2 * BLOCK_SIZE);
+    EXPECT_EQ(offset, 10 * ZqBlocks::SIZE);
+    EXPECT_EQ(length, 2 * ZqBlocks::SIZE);
     drive.disk.setCursor(13);
     EXPECT_THAT(drive.woken, testing::UnorderedElementsAre(1, 2)) << "the third waits for 13 and 14";
     EXPECT_EQ(drive.disk.queueLength(), 0U);
@@ -156,7 +158,7 @@ TEST(VirtualDisk, AReadThatComesShortBelowTheCursorIsTriedAgainForAWhile) {
     const OrderedImage image;
     FaultOs os(image.dir.path("watched"));
     Drive drive(image, Mode::Ro, 20);
-    os.setReadEnd("img.zqf", 8 * BLOCK_SIZE + 1);
+    os.setReadEnd("img.zqf", 8 * ZqBlocks::SIZE + 1);
     EXPECT_EQ(drive.read(4, 4, 1), Result::Done);
     ASSERT_EQ(drive.read(4, 5, 2), Result::Held);
     ASSERT_EQ(drive.read(9, 1, 3), Result::Held);
@@ -175,10 +177,10 @@ TEST(VirtualDisk, AReadThatComesShortBelowTheCursorIsTriedAgainForAWhile) {
         ASSERT_EQ(drive.read(9, 1, 3, true), Result::Held);
     }
     EXPECT_EQ(drive.disk.getFailure(), "");
-    os.setReadEnd("img.zqf", 9 * BLOCK_SIZE);
+    os.setReadEnd("img.zqf", 9 * ZqBlocks::SIZE);
     drive.disk.tick();
     ASSERT_EQ(drive.read(4, 5, 2, true), Result::Done);
-    EXPECT_EQ(drive.buffer, image.image.raw.substr(4 * BLOCK_SIZE, 5 * BLOCK_SIZE));
+    EXPECT_EQ(drive.buffer, image.image.raw.substr(4 * ZqBlocks::SIZE, 5 * ZqBlocks::SIZE));
     ASSERT_EQ(drive.read(9, 1, 3, true), Result::Held);
 
     // A request of the same address, whose time begins anew; the other one has had its own.
@@ -204,17 +206,17 @@ TEST(VirtualDisk, AWriteOfAPartIsHeldWhereItsBlockComesShort) {
     const OrderedImage image;
     FaultOs os(image.dir.path("watched"));
     Drive drive(image, Mode::Rtw, 20);
-    os.setReadEnd("img.zqf", 8 * BLOCK_SIZE + 1);
-    const std::string data(BLOCK_SIZE, 'x');
-    const uint64 offset = 8 * BLOCK_SIZE + 100;
-    ASSERT_EQ(drive.disk.write(offset, BLOCK_SIZE, data.data(), 1, false, &drive.error), Result::Held);
+    os.setReadEnd("img.zqf", 8 * ZqBlocks::SIZE + 1);
+    const std::string data(ZqBlocks::SIZE, 'x');
+    const uint64 offset = 8 * ZqBlocks::SIZE + 100;
+    ASSERT_EQ(drive.disk.write(offset, ZqBlocks::SIZE, data.data(), 1, false, &drive.error), Result::Held);
     drive.disk.tick();
     ASSERT_THAT(drive.woken, ElementsAre(1));
     os.setReadEnd("", -1);
-    ASSERT_EQ(drive.disk.write(offset, BLOCK_SIZE, data.data(), 1, true, &drive.error), Result::Done);
+    ASSERT_EQ(drive.disk.write(offset, ZqBlocks::SIZE, data.data(), 1, true, &drive.error), Result::Done);
     ASSERT_EQ(drive.read(8, 2, 2), Result::Done);
-    std::string expected = image.image.raw.substr(8 * BLOCK_SIZE, 2 * BLOCK_SIZE);
-    expected.replace(100, BLOCK_SIZE, data);
+    std::string expected = image.image.raw.substr(8 * ZqBlocks::SIZE, 2 * ZqBlocks::SIZE);
+    expected.replace(100, ZqBlocks::SIZE, data);
     EXPECT_EQ(drive.buffer, expected);
 }
 
@@ -244,12 +246,13 @@ TEST(VirtualDisk, OnlyWhatTheImageLacksOfItsLastBlockIsZeros) {
         // What no image has there, whatever became of the file.
         char rest[512];
         int error = 0;
-        EXPECT_EQ(drive.disk.read(31 * BLOCK_SIZE + 2048, sizeof rest, rest, 2, false, &error), Result::Done);
+        EXPECT_EQ(drive.disk.read(31 * ZqBlocks::SIZE + 2048, sizeof rest, rest, 2, false, &error),
+                  Result::Done);
         EXPECT_EQ(std::string(rest, sizeof rest), std::string(sizeof rest, '\0'));
         if (test.expected != Result::Done) continue;
-        EXPECT_EQ(drive.buffer.substr(0, BLOCK_SIZE + LAST),
-                  image.image.raw.substr(30 * BLOCK_SIZE, BLOCK_SIZE + LAST));
-        EXPECT_EQ(drive.buffer.find_first_not_of('\0', BLOCK_SIZE + LAST), std::string::npos);
+        EXPECT_EQ(drive.buffer.substr(0, ZqBlocks::SIZE + LAST),
+                  image.image.raw.substr(30 * ZqBlocks::SIZE, ZqBlocks::SIZE + LAST));
+        EXPECT_EQ(drive.buffer.find_first_not_of('\0', ZqBlocks::SIZE + LAST), std::string::npos);
     }
 }
 
@@ -354,20 +357,20 @@ TEST(VirtualDisk, ADeliveryThatCanNotBeKeptCanBeGivenAgain) {
     image.deliver(&drive.disk, 10, 3);
     EXPECT_THAT(drive.woken, ElementsAre(1));
     EXPECT_EQ(drive.read(10, 3, 1, true), Result::Done);
-    EXPECT_EQ(drive.buffer, image.image.raw.substr(10 * BLOCK_SIZE, 3 * BLOCK_SIZE));
+    EXPECT_EQ(drive.buffer, image.image.raw.substr(10 * ZqBlocks::SIZE, 3 * ZqBlocks::SIZE));
     EXPECT_EQ(image.dir.snapshot("watched").size(), 4U) << "the store's file has no name";
 }
 
 TEST(VirtualDisk, DeliveredBlocksThatMadeRoomAreAskedForAgain) {
     TestRandom random;
-    const uint64 nBlocks = UnderflowStore::MAX_WITHOUT_FILE / BLOCK_SIZE + 600, nAtOnce = 256;
+    const uint64 nBlocks = UnderflowStore::MAX_WITHOUT_FILE / ZqBlocks::SIZE + 600, nAtOnce = 256;
     const DriveImage image(random, nBlocks, 1.);
     FaultOs os(image.dir.path());
     os.setDiskLeft(0);
     Drive drive(image, Mode::Ro, 2);
     for (uint64 first = 2; first < image.nZqf; first += nAtOnce) {
-        const uint64 from = first * BLOCK_SIZE;
-        const uint64 size = std::min(nAtOnce * BLOCK_SIZE, image.sizeZqf - from);
+        const uint64 from = first * ZqBlocks::SIZE;
+        const uint64 size = std::min(nAtOnce * ZqBlocks::SIZE, image.sizeZqf - from);
         drive.disk.deliver(first, image.zqf.data() + from, size);
     }
     uint64 rawIdx = 0;
@@ -375,8 +378,8 @@ TEST(VirtualDisk, DeliveredBlocksThatMadeRoomAreAskedForAgain) {
         ++rawIdx;
     ASSERT_EQ(drive.read(rawIdx, 1, 5), Drive::Result::Held) << "it was among the first that came";
     EXPECT_THAT(drive.disk.popMissing(4), ElementsAre(10));
-    drive.disk.deliver(10, image.zqf.data() + 10 * BLOCK_SIZE, BLOCK_SIZE);
+    drive.disk.deliver(10, image.zqf.data() + 10 * ZqBlocks::SIZE, ZqBlocks::SIZE);
     EXPECT_THAT(drive.woken, ElementsAre(5));
     EXPECT_EQ(drive.read(rawIdx, 1, 5, true), Drive::Result::Done);
-    EXPECT_EQ(drive.buffer, image.rawBytes().substr(rawIdx * BLOCK_SIZE, BLOCK_SIZE));
+    EXPECT_EQ(drive.buffer, image.rawBytes().substr(rawIdx * ZqBlocks::SIZE, ZqBlocks::SIZE));
 }

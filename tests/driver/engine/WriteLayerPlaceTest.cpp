@@ -1,5 +1,6 @@
 #include "DriveImage.h"
 #include "Failure.h"
+#include "ZqBlocks.h"
 
 #include <gmock/gmock.h>
 
@@ -11,7 +12,7 @@ TEST(WriteLayer, BelongsToOneVersionOfTheImage) {
     TestRandom random(6);
     const DriveImage image(random, 8, 1.0);
     image.put(0, image.nZqf, false);
-    const std::string block(BLOCK_SIZE, 'w');
+    const std::string block(ZqBlocks::SIZE, 'w');
     const auto setRecords = [&](const char* mnt, const char* guid, const char* idx = "") {
         image.dir.write("app.json",
                         std::string(R"({"checksums": {"mnt": ")") + mnt + R"(", "idx": ")" + idx + R"("}})");
@@ -56,7 +57,7 @@ TEST(WriteLayer, NothingIsWrittenIntoAnotherImageInThePlaceOfIts) {
         // Or the files of the layer would be there from the start.
         if (mode == Mode::Rw) std::filesystem::create_directory(image.path("img.tmp"));
         Drive drive(image, mode);
-        const auto write = [&] { return drive.write(rawIdx, std::string(BLOCK_SIZE, 'w')); };
+        const auto write = [&] { return drive.write(rawIdx, std::string(ZqBlocks::SIZE, 'w')); };
         if (mode == Mode::Rtw) {
             ASSERT_EQ(write(), 0);
         }
@@ -85,7 +86,7 @@ TEST(WriteLayer, AnIndexIsWrittenAnewInItsOwnFolderOnly) {
         const DriveImage image(random, N, 0.5, "image/");
         image.put(0, image.nZqf, false);
         const auto block = [](uint64 rawIdx) {
-            return std::string(BLOCK_SIZE, static_cast<char>('a' + rawIdx % 20));
+            return std::string(ZqBlocks::SIZE, static_cast<char>('a' + rawIdx % 20));
         };
         const auto fill = [&](Drive* drive) {
             for (uint64 rawIdx = 0; rawIdx < N - 1; ++rawIdx)

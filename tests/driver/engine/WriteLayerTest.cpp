@@ -1,5 +1,6 @@
 #include "DriveImage.h"
 #include "Failure.h"
+#include "ZqBlocks.h"
 
 #include <gmock/gmock.h>
 
@@ -16,7 +17,7 @@ public:
           allowed(image.nRaw()) {
         const std::string raw = image.rawBytes();
         for (uint64 rawIdx = 0; rawIdx < image.nRaw(); ++rawIdx)
-            allowed[rawIdx] = {raw.substr(rawIdx * BLOCK_SIZE, BLOCK_SIZE)};
+            allowed[rawIdx] = {raw.substr(rawIdx * ZqBlocks::SIZE, ZqBlocks::SIZE)};
     }
 
     /// Ends at the first failure. A flush counts as a sync.
@@ -152,11 +153,11 @@ TEST(WriteLayer, GivesDiscardedRoomBackAndUsesItAgain) {
     const auto allocated = [&] {
         SxStat info;
         EXPECT_EQ(SxOs::get().stat(image.path("img.tmp"), &info), 0);
-        return static_cast<uint64>(info.allocated) / BLOCK_SIZE;
+        return static_cast<uint64>(info.allocated) / ZqBlocks::SIZE;
     };
     const auto fill = [&](Drive* drive, char c) {
         for (uint64 rawIdx = 0; rawIdx < N; ++rawIdx)
-            ASSERT_EQ(drive->write(rawIdx, std::string(BLOCK_SIZE, c)), 0);
+            ASSERT_EQ(drive->write(rawIdx, std::string(ZqBlocks::SIZE, c)), 0);
         ASSERT_EQ(drive->disk.sync(), 0);
     };
     const auto giveBack = [](Drive* drive) {
@@ -175,7 +176,7 @@ TEST(WriteLayer, GivesDiscardedRoomBackAndUsesItAgain) {
             ASSERT_EQ(drive.discard(0, N), 0);
             ASSERT_EQ(drive.disk.sync(), 0);
             if (round < 2) {
-                ASSERT_EQ(drive.write(0, std::string(BLOCK_SIZE, 'y')), 0);
+                ASSERT_EQ(drive.write(0, std::string(ZqBlocks::SIZE, 'y')), 0);
                 ASSERT_EQ(drive.disk.sync(), 0);
                 EXPECT_GE(allocated(), N) << "a sync waits for no holes, be it large or small";
                 giveBack(&drive);
@@ -184,24 +185,24 @@ TEST(WriteLayer, GivesDiscardedRoomBackAndUsesItAgain) {
         }
         expectAll(&drive, '\0');
         EXPECT_LT(std::filesystem::file_size(image.path("img.tix")), 2U << 20);
-        EXPECT_LE(std::filesystem::file_size(image.path("img.tmp")), (N + RESERVED) * BLOCK_SIZE);
+        EXPECT_LE(std::filesystem::file_size(image.path("img.tmp")), (N + RESERVED) * ZqBlocks::SIZE);
         ASSERT_NO_FATAL_FAILURE(fill(&drive, 'x'));
         ASSERT_EQ(drive.discard(0, N / 2), 0);
         EXPECT_GE(allocated(), N) << "what isn't durable yet was given back";
         ASSERT_EQ(drive.disk.sync(), 0);
         giveBack(&drive);
         EXPECT_LE(allocated(), N / 2 + RESERVED);
-        EXPECT_EQ(drive.write(0, std::string(BLOCK_SIZE, 'y')), 0);
+        EXPECT_EQ(drive.write(0, std::string(ZqBlocks::SIZE, 'y')), 0);
     }
     // As if the service had been killed before the holes.
-    std::filesystem::resize_file(image.path("img.tmp"), 2 * N * BLOCK_SIZE);
+    std::filesystem::resize_file(image.path("img.tmp"), 2 * N * ZqBlocks::SIZE);
     for (const Mode mode : {Mode::Ro, Mode::Rtw, Mode::Rw}) {
         Drive drive(image, mode);
-        EXPECT_TRUE(drive.read(0) == std::string(BLOCK_SIZE, 'y'));
-        EXPECT_TRUE(drive.read(1) == std::string(BLOCK_SIZE, '\0'));
+        EXPECT_TRUE(drive.read(0) == std::string(ZqBlocks::SIZE, 'y'));
+        EXPECT_TRUE(drive.read(1) == std::string(ZqBlocks::SIZE, '\0'));
         EXPECT_TRUE(drive.read(N - 1) == std::string(image.validBytes(N - 1), 'x'));
     }
-    EXPECT_LE(std::filesystem::file_size(image.path("img.tmp")), (N + RESERVED) * BLOCK_SIZE);
+    EXPECT_LE(std::filesystem::file_size(image.path("img.tmp")), (N + RESERVED) * ZqBlocks::SIZE);
 }
 
 TEST(WriteLayer, AnIndexDoesntGrowFromMountToMount) {
@@ -210,7 +211,7 @@ TEST(WriteLayer, AnIndexDoesntGrowFromMountToMount) {
     const DriveImage image(random, N, 0.2);
     image.put(0, image.nZqf, false);
     const auto block = [](uint64 rawIdx) {
-        return std::string(BLOCK_SIZE, static_cast<char>('a' + rawIdx % 20));
+        return std::string(ZqBlocks::SIZE, static_cast<char>('a' + rawIdx % 20));
     };
     for (int mount = 0; mount < 12; ++mount) {
         Drive drive(image, Mode::Rtw);
@@ -226,7 +227,8 @@ TEST(WriteLayer, AnIndexDoesntGrowFromMountToMount) {
     }
     Drive drive(image, Mode::Ro);
     for (uint64 rawIdx = 0; rawIdx < N - 1; ++rawIdx) {
-        ASSERT_TRUE(drive.read(rawIdx) == (rawIdx < N_KEPT ? block(rawIdx) : std::string(BLOCK_SIZE, '\0')))
+        ASSERT_TRUE(drive.read(rawIdx) ==
+                    (rawIdx < N_KEPT ? block(rawIdx) : std::string(ZqBlocks::SIZE, '\0')))
             << rawIdx;
     }
 }
@@ -240,7 +242,7 @@ TEST(WriteLayer, WhatAFullDiskHasRefusedOnceIsNoFailureLater) {
     std::filesystem::create_directory(image.path("img.tmp"));
     Drive drive(image, Mode::Rw);
     EXPECT_EQ(drive.disk.getFailure().str(), "") << "nothing needs the files yet";
-    const std::string block(BLOCK_SIZE, 'b');
+    const std::string block(ZqBlocks::SIZE, 'b');
     const auto write = [&] {
         int error = 0;
         for (uint64 rawIdx = 0; rawIdx < N && error == 0; ++rawIdx)
@@ -266,7 +268,7 @@ TEST(WriteLayer, ALayerOfAFormerFormatTakesDiscards) {
         TestRandom random(22);
         const DriveImage image(random, 8, 1.0);
         image.put(0, image.nZqf, false);
-        const std::string block(BLOCK_SIZE, 'w'), zeros(BLOCK_SIZE, '\0');
+        const std::string block(ZqBlocks::SIZE, 'w'), zeros(ZqBlocks::SIZE, '\0');
         {
             Drive drive(image, Mode::Rtw);
             for (const uint64 rawIdx : {5U, 1U, 3U})
@@ -336,7 +338,7 @@ TEST(WriteLayer, ADamagedIndexIsCutOrRefused) {
         TestRandom random(3);
         const DriveImage image(random, 8);
         image.put(0, image.nZqf, false);
-        const std::string block(BLOCK_SIZE, 'w');
+        const std::string block(ZqBlocks::SIZE, 'w');
         {
             Drive drive(image, Mode::Rtw);
             for (const uint64 rawIdx : {5U, 1U, 3U})
@@ -367,7 +369,7 @@ TEST(WriteLayer, TheSyncOfAnIndexIsProgress) {
     image.put(0, image.nZqf, false);
     FaultOs os(image.dir.path("watched"));
     Drive drive(image, Mode::Rtw);
-    ASSERT_EQ(drive.write(3, std::string(BLOCK_SIZE, 'w')), 0);
+    ASSERT_EQ(drive.write(3, std::string(ZqBlocks::SIZE, 'w')), 0);
     uint64 before = 0, behind = 0;
     os.setHook([&](int64, FaultOs::Op op, const std::string& path) {
         if (op == FaultOs::Op::Sync && path.ends_with("img.tix.new")) before = drive.disk.getProgress();
@@ -388,10 +390,11 @@ TEST(WriteLayer, AFullDiskFailsTheWriterAndNothingElse) {
     {
         Drive drive(image, Mode::Rtw);
         ASSERT_EQ(drive.write(0, full('1')), 0);
-        os.setDiskLeft(BLOCK_SIZE / 2);
-        const std::string large((RESERVED + 1) * BLOCK_SIZE, '2');
+        os.setDiskLeft(ZqBlocks::SIZE / 2);
+        const std::string large((RESERVED + 1) * ZqBlocks::SIZE, '2');
         int error = 0;
-        drive.disk.write(100 * BLOCK_SIZE, static_cast<uint32>(large.size()), large.data(), 1, false, &error);
+        drive.disk.write(100 * ZqBlocks::SIZE, static_cast<uint32>(large.size()), large.data(), 1, false,
+                         &error);
         EXPECT_EQ(error, ENOSPC);
         EXPECT_EQ(drive.write(0, full('2')), 0) << "a slot that is there needs no room";
         // Twice, since a sync with room for it fills the reserve again.
@@ -413,7 +416,8 @@ TEST(WriteLayer, AFullDiskFailsTheWriterAndNothingElse) {
     EXPECT_TRUE(drive.read(0) == full('2'));
     EXPECT_TRUE(drive.read(1) == full('3'));
     EXPECT_TRUE(drive.read(RESERVED) == full('3'));
-    EXPECT_TRUE(drive.read(RESERVED + 1) == image.rawBytes().substr((RESERVED + 1) * BLOCK_SIZE, BLOCK_SIZE));
+    EXPECT_TRUE(drive.read(RESERVED + 1) ==
+                image.rawBytes().substr((RESERVED + 1) * ZqBlocks::SIZE, ZqBlocks::SIZE));
     EXPECT_TRUE(drive.read(100 + RESERVED) == full('3'));
     EXPECT_TRUE(drive.read(200) == full('4'));
 }
@@ -425,7 +429,7 @@ TEST(WriteLayer, ADiscardNeedsNoRoom) {
     const DriveImage image(random, N, 0.5, "watched/");
     image.put(0, image.nZqf, false);
     FaultOs os(image.dir.path("watched"));
-    const std::string block(BLOCK_SIZE, 'w');
+    const std::string block(ZqBlocks::SIZE, 'w');
     {
         Drive drive(image, Mode::Rtw);
         for (uint64 rawIdx = 0; rawIdx < N - 1; ++rawIdx)
@@ -440,7 +444,7 @@ TEST(WriteLayer, ADiscardNeedsNoRoom) {
     }
     os.crash();
     Drive drive(image, Mode::Ro);
-    EXPECT_TRUE(drive.read(0) == std::string(BLOCK_SIZE, '\0'));
+    EXPECT_TRUE(drive.read(0) == std::string(ZqBlocks::SIZE, '\0'));
     for (const uint64 rawIdx : {uint64{1}, N - 100, N - 2})
         EXPECT_TRUE(drive.read(rawIdx) == block) << rawIdx;
 }
@@ -450,12 +454,12 @@ TEST(WriteLayer, ADriveThatCantKeepWritesIsRefused) {
     const DriveImage image(random, 40, 0.5, "watched/");
     image.put(0, image.nZqf, false);
     FaultOs os(image.dir.path("watched"));
-    os.setDiskLeft(BLOCK_SIZE);
+    os.setDiskLeft(ZqBlocks::SIZE);
     for (int i = 0; i < 2; ++i)
         EXPECT_THAT(failureOf([&] { Drive(image, Mode::Rtw); }), HasSubstr("There is no room in"));
-    EXPECT_EQ(Drive(image, Mode::Ro).read(0).size(), BLOCK_SIZE);
+    EXPECT_EQ(Drive(image, Mode::Ro).read(0).size(), ZqBlocks::SIZE);
     os.setDiskLeft(1 << 20);
-    EXPECT_EQ(Drive(image, Mode::Rtw).write(0, std::string(BLOCK_SIZE, 'w')), 0);
+    EXPECT_EQ(Drive(image, Mode::Rtw).write(0, std::string(ZqBlocks::SIZE, 'w')), 0);
 }
 
 TEST(WriteLayer, NoWriteIsTakenBehindAFailedOne) {
@@ -475,7 +479,7 @@ TEST(WriteLayer, NoWriteIsTakenBehindAFailedOne) {
         FaultOs os(image.dir.path("watched"));
         Drive drive(image, test.mode);
         os.failNth(test.op, 1, EIO, test.file);
-        const std::string block(BLOCK_SIZE, 'b');
+        const std::string block(ZqBlocks::SIZE, 'b');
         EXPECT_TRUE(drive.write(0, block) == EIO || drive.disk.sync() == EIO);
         EXPECT_EQ(os.getNFailed(), 1);
         EXPECT_EQ(drive.write(1, block), EIO);

@@ -1,11 +1,12 @@
 #pragma once
 
 #include "Builders.h"
+#include "ZqBlocks.h"
 #include "ZqRemoteImage.h"
 
 #include <string>
 
-constexpr uint64 STRETCH = ZqRemoteImage::STRETCH;
+constexpr uint64 STRETCH = ZqBlocks::STRETCH;
 
 /// Bytes that shrink to something like a half.
 inline std::string halfRandom(TestRandom* random, size_t n) {

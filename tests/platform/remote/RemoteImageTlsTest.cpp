@@ -3,6 +3,7 @@
 #include "NginxServer.h"
 #include "SxException.h"
 #include "SxTime.h"
+#include "ZqBlocks.h"
 #include "ZqRemoteImage.h"
 
 #include <algorithm>
@@ -14,7 +15,7 @@ using testing::HasSubstr;
 
 namespace {
 
-constexpr uint64 STRETCH = ZqRemoteImage::STRETCH;
+constexpr uint64 STRETCH = ZqBlocks::STRETCH;
 constexpr uint64 N_STRETCHES = 60;
 
 /// An environment variable, for the time of the object.

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "SxString.h"
+#include "ZqBlocks.h"
 
 #include <optional>
 #include <string>
@@ -18,10 +19,10 @@ namespace ZqDriveWire {
 /// so that the drives of a service of another version can be seen and taken away. New fields of a state come
 /// last.
 constexpr unsigned VERSION = 2;
-/// Of a body; holds the longest delivery and its head.
-constexpr uint32 MAX_BODY = (1 << 20) + 4096;
-/// Longest delivery in one message; longer ones are sent in parts.
-constexpr uint64 MAX_DELIVERY = 1 << 20;
+/// Of a body; holds the largest part of a delivery and its head.
+constexpr uint32 MAX_BODY = (1 << 20) + ZqBlocks::SIZE;
+/// Most bytes of a delivery in one message; longer ones are sent in parts.
+constexpr uint64 DELIVERY_PART = 1 << 20;
 /// Most block indices in one answer.
 constexpr uint64 MAX_INDICES = 65536;
 
