@@ -39,7 +39,7 @@ SxString phaseText(ZqRun::Phase phase) {
 }
 
 /// What stands ahead of the numbers of the progress line.
-SxString statusText(ZqRun::Phase phase, const ZqImageFeed::Status& status) {
+SxString statusText(ZqRun::Phase phase, const ZqFeedStatus& status) {
     if (!status.waiting.isEmpty()) return status.waiting;
     SxString text = phaseText(phase);
     if (phase < ZqRun::Running && status.startEta > 0) {
@@ -92,7 +92,7 @@ class ForecastLine {
 public:
     ForecastLine(bool startsAtOnce_, Output* out_) : startsAtOnce(startsAtOnce_), out(out_) {}
 
-    void look(const ZqRun& job, const ZqImageFeed::Status& status, Progress* progress) {
+    void look(const ZqRun& job, const ZqFeedStatus& status, Progress* progress) {
         const ZqRun::Phase phase = job.getPhase();
         const bool isAhead = phase > ZqRun::Opening && phase < ZqRun::Running;
         if (told || status.nCurrent >= status.nTotal || !(status.speed > 0)) return;
@@ -116,7 +116,7 @@ private:
 
 /// Shows the run until it has ended; `look` is called between.
 void followRun(ZqRun* job, const SxString& image, const Output& out,
-               const std::function<void(const ZqImageFeed::Status& status, Progress* progress)>& look) {
+               const std::function<void(const ZqFeedStatus& status, Progress* progress)>& look) {
     StopSignals signals;
     Progress progress(out.getMode(), "opening");
     job->start();
@@ -124,7 +124,7 @@ void followRun(ZqRun* job, const SxString& image, const Output& out,
     while (!SxWait::pass(
         LOOK_MS, [&] { return !job->isRunning(); }, END_LOOK_MS)) {
         if (signals.isAsked()) job->stop();
-        const ZqImageFeed::Status status = job->getStatus();
+        const ZqFeedStatus status = job->getStatus();
         progress.setLabel(statusText(job->getPhase(), status));
         progress.update(status.isChecking ? status.nChecked : status.nCurrent, status.nTotal);
         look(status, &progress);

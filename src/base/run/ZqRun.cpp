@@ -7,6 +7,7 @@
 #include "SxTime.h"
 #include "ZqBlocks.h"
 #include "ZqCoreAppGuard.h"
+#include "ZqImageFeed.h"
 #include "ZqImageFiles.h"
 #include "ZqImageFolder.h"
 #include "ZqLog.h"
@@ -87,21 +88,21 @@ struct ZqRun::EndOfDelay {
 ZqRun::ZqRun(const Settings& settings_)
     : settings(settings_),
       image(settings_.feed.image),
-      feed(settings_.feed) {
+      feed(std::make_unique<ZqImageFeed>(settings_.feed)) {
     setThreadName("run");
 }
 
 ZqRun::~ZqRun() = default;
 
-ZqImageFeed::Status ZqRun::getStatus() const {
-    ZqImageFeed::Status status;
+ZqFeedStatus ZqRun::getStatus() const {
+    ZqFeedStatus status;
     if (phase == Opening) {
-        status.waiting = feed.getLinkStatus();
+        status.waiting = feed->getLinkStatus();
         return status;
     }
-    status = feed.getStatus();
+    status = feed->getStatus();
     if (status.waiting.isEmpty() && searching) {
-        status.waiting = "waiting for the process '" + feed.getApp().name.makeVisible() + "'";
+        status.waiting = "waiting for the process '" + feed->getApp().name.makeVisible() + "'";
     }
     const SxMutexBlock block(&mutex);
     if (status.waiting.isEmpty()) status.waiting = unnoted;
@@ -109,7 +110,7 @@ ZqImageFeed::Status ZqRun::getStatus() const {
 }
 
 ZqStartForecast ZqRun::forecast(double speedMbit) const {
-    return ZqStartForecast(feed.getApp(), speedMbit, feed.getStatus().nCurrent);
+    return ZqStartForecast(feed->getApp(), speedMbit, feed->getStatus().nCurrent);
 }
 
 int64 ZqRun::elapsedMs() const {
@@ -150,13 +151,13 @@ void ZqRun::run() {
         throw SxException("The traces of '" + image + "' are a link, and a run writes only into its folder",
                           UNIT, __LINE__);
     }
-    feed.open(stop);
-    const bool wasComplete = feed.isComplete();
-    const uint64 nPresent = feed.fileSize();
-    feed.start();
+    feed->open(stop);
+    const bool wasComplete = feed->isComplete();
+    const uint64 nPresent = feed->fileSize();
+    feed->start();
     result.info.dataAtStart = static_cast<int64>(nPresent);
     phase = Loading;
-    feed.fetchRecords(stop);
+    feed->fetchRecords(stop);
     if (settings.feed.isDownloadOnly) {
         complete();
         return;
@@ -208,10 +209,10 @@ bool ZqRun::adopt() {
                           UNIT, __LINE__);
     }
     mounted = true;
-    feed.driveStarts();
+    feed->driveStarts();
     result.info.nStarts = record.nStarts;
     patiently([&] {
-        feed.alignCursor();
+        feed->alignCursor();
         const ZqMountMgr mounts;
         if (mounts.isSuspended(image)) mounts.resume(image);
     });
@@ -222,8 +223,8 @@ bool ZqRun::adopt() {
         return true;
     }
     phase = Adopted;
-    guard = SxPtr<ZqCoreAppGuard>::create(image, feed.getApp(), group);
-    feed.applicationStarts();
+    guard = SxPtr<ZqCoreAppGuard>::create(image, feed->getApp(), group);
+    feed->applicationStarts();
     guard->start();
     result.wasStarted = true;
     follow();
@@ -232,35 +233,35 @@ bool ZqRun::adopt() {
 }
 
 void ZqRun::awaitCheck() {
-    while (!feed.isVerified()) {
+    while (!feed->isVerified()) {
         if (isStopping()) throw stopped();
-        feed.requireAlive();
+        feed->requireAlive();
         SxTime::msleep(LOOK_MS);
     }
 }
 
 void ZqRun::prepare() {
     for (;;) {
-        const ZqImageFeed::Status status = feed.getStatus();
+        const ZqFeedStatus status = feed->getStatus();
         if (settings.startsAtOnce || status.nCurrent >= status.nNeeded) {
             result.info.preloadSize = static_cast<int64>(std::min(status.nCurrent, status.nNeeded));
             return;
         }
         if (isStopping()) throw stopped();
-        feed.requireAlive();
+        feed->requireAlive();
         watchDrive();
         SxTime::msleep(LOOK_MS);
     }
 }
 
 void ZqRun::startApplication() {
-    const ZqAppParams& app = feed.getApp();
+    const ZqAppParams& app = feed->getApp();
     const ZqDiskStatus disk = requireDisk();
     SxWinProcParams process;
     process.path = app.cmd;
     process.args = SxString::join(app.args, " ");
     guard = SxPtr<ZqCoreAppGuard>::create(image, app, disk.mountPath, process);
-    feed.applicationStarts();
+    feed->applicationStarts();
     guard->start();
     result.startMs = elapsedMs();
     result.wasStarted = true;
@@ -319,13 +320,13 @@ void ZqRun::follow() {
         lookForFrame();
         limitTrace();
         suspendProcess();
-        feed.restoreWindow();
+        feed->restoreWindow();
         const bool awaitsFrame = !settings.firstFrameFile.isEmpty() && result.firstFrameMs < 0;
-        SxTime::msleep(feed.isSettled() && !awaitsFrame ? CALM_LOOK_MS : LOOK_MS);
+        SxTime::msleep(feed->isSettled() && !awaitsFrame ? CALM_LOOK_MS : LOOK_MS);
     }
     guard->wait();
     searching = false;
-    if (guard->isMissed()) result.missed = feed.getApp().name;
+    if (guard->isMissed()) result.missed = feed->getApp().name;
     lookForFrame();
     // Of a command that couldn't be started there is nothing to follow.
     result.wasStarted = guard->getGroup().isValid();
@@ -335,12 +336,12 @@ void ZqRun::follow() {
     if (isStopping()) throw stopped();
     // What the application has read since, and its code, mean nothing.
     requireDisk();
-    feed.requireAlive();
+    feed->requireAlive();
 }
 
 void ZqRun::suspendProcess() {
     const bool isSleepy = sleepDelay->isSleepComing();
-    const bool isWanted = isSleepy || (feed.getApp().suspendProc && feed.getStatus().isUnderflow);
+    const bool isWanted = isSleepy || (feed->getApp().suspendProc && feed->getStatus().isUnderflow);
     // A launcher goes on, also one whose application hasn't come yet: there is nobody else to be suspended.
     const bool isThere = guard->hasApplication();
     const int64 nowNs = SxClock::get().steadyNs();
@@ -390,9 +391,9 @@ void ZqRun::end() {
     }
     phase = Ending;
     fillResult();
-    feed.stop();
-    result.nMissing = feed.countMissing();
-    result.isComplete = feed.isVerified() && result.nMissing == 0;
+    feed->stop();
+    result.nMissing = feed->countMissing();
+    result.isComplete = feed->isVerified() && result.nMissing == 0;
     try {
         if (guard) {
             guard->stop();
@@ -401,7 +402,7 @@ void ZqRun::end() {
             result.info.runTime = static_cast<int64>(guard->runTime) / 1000;
             noteEnd();
         }
-        const bool keep = settings.keepsMounted && result.wasStarted && feed.isVerified();
+        const bool keep = settings.keepsMounted && result.wasStarted && feed->isVerified();
         if (mounted) patiently([&] { endDrive(keep); });
     } catch (const SxException& e) {
         writeInfo();
@@ -426,7 +427,7 @@ void ZqRun::writeInfo() {
 void ZqRun::takeSample() {
     // Until then the feed has nothing that could be asked.
     if (phase == Opening) return;
-    const ZqImageFeed::Status status = feed.getStatus();
+    const ZqFeedStatus status = feed->getStatus();
     // The feed has counted nothing at first, whatever is there.
     const uint64 nThere = std::max(status.nCurrent, static_cast<uint64>(result.info.dataAtStart));
     result.series.add(
@@ -435,17 +436,17 @@ void ZqRun::takeSample() {
 
 void ZqRun::fillResult() {
     result.lengthMs = elapsedMs();
-    const ZqImageFeed::Status status = feed.getStatus();
+    const ZqFeedStatus status = feed->getStatus();
     const ZqRuntimeInfo own = result.info;
     ZqRuntimeInfo& info = result.info;
-    info = feed.getRuntimeInfo();
+    info = feed->getRuntimeInfo();
     info.preloadSize = own.preloadSize;
     info.dataAtStart = own.dataAtStart;
     info.nStarts = own.nStarts;
     info.startErr = own.startErr;
     info.endErr = own.endErr;
     info.path = image;
-    info.guid = feed.getApp().guid;
+    info.guid = feed->getApp().guid;
     info.time0 = beginMs;
     info.timeToStart = std::max<int64>(result.startMs, 0) / 1000;
     info.timeToReady = std::max<int64>(result.firstFrameMs, 0) / 1000;
@@ -453,14 +454,14 @@ void ZqRun::fillResult() {
     info.imageSize = static_cast<int64>(status.nTotal);
     info.downloadFromZero = info.dataAtStart == 0;
     info.downloadComplete = status.nTotal > 0 && status.nCurrent >= status.nTotal;
-    const ZqImageFeed::Speeds speeds = feed.getSpeeds();
+    const ZqImageFeed::Speeds speeds = feed->getSpeeds();
     info.avgSpeed = speeds.mean;
     info.maxSpeed = speeds.greatest;
     info.sigmaSpeed = speeds.sigma;
-    info.reqSpeed = static_cast<double>(feed.getApp().getBpS(static_cast<uint64>(info.preloadSize))) /
+    info.reqSpeed = static_cast<double>(feed->getApp().getBpS(static_cast<uint64>(info.preloadSize))) /
                     ZqBlocks::PER_MEGABIT;
     info.prefetchSizeMB = info.preloadSize / ZqBlocks::MEGABYTE;
-    if (const int64 ns = feed.getLastWaitNs(); ns > 0) result.lastWaitMs = (ns - beginNs) / 1'000'000;
+    if (const int64 ns = feed->getLastWaitNs(); ns > 0) result.lastWaitMs = (ns - beginNs) / 1'000'000;
     result.link = status.link;
     result.image = status.image;
 }

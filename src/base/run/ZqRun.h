@@ -2,13 +2,14 @@
 
 #include "SxMutex.h"
 #include "ZqDriveKinds.h"
-#include "ZqImageFeed.h"
+#include "ZqFeedStatus.h"
 #include "ZqRunSeries.h"
 #include "ZqStartForecast.h"
 
 #include <memory>
 
 class ZqCoreAppGuard;
+class ZqImageFeed;
 class ZqSleepDelay;
 struct ZqDiskStatus;
 
@@ -24,7 +25,7 @@ public:
     static constexpr int64 N_TRACES = 20;
 
     struct Settings {
-        ZqImageFeed::Settings feed;
+        ZqFeedSettings feed;
         bool startsAtOnce = false; ///< start the application as soon as there is a drive
         bool keepsMounted = false; ///< complete the image after the application's end, and leave the drive
         bool completes = false; ///< complete the image after the application's end, before that of the drive
@@ -59,8 +60,8 @@ public:
         int64 lengthMs = 0;       ///< to the end of the run, without the time that ending it took
         ZqRunSeries series;       ///< of a run with an application, from the beginning of its download on
         SxString traceFolder;     ///< empty where nothing was traced
-        ZqNetLink::Figures link;
-        ZqRemoteImage::Figures image;
+        ZqNetFigures link;
+        ZqImageFigures image;
         uint64 nMissing = 0;     ///< bytes of `img.zqf` that are still to be fetched
         bool isComplete = false; ///< the image is, and was found to be right
         SxString mountPath;      ///< where the drive was left; empty where it is gone
@@ -77,7 +78,7 @@ public:
     /// Ends the run and its application, within a second.
     void stop() { stopFlag = true; }
     Phase getPhase() const { return phase; }
-    ZqImageFeed::Status getStatus() const;
+    ZqFeedStatus getStatus() const;
     /// What the load profile says of a start at that speed, in megabit per second of `img.zqf`, with what is
     /// there now. Needs a phase behind Opening.
     ZqStartForecast forecast(double speedMbit) const;
@@ -160,7 +161,7 @@ private:
     std::atomic<Phase> phase{Opening};
     std::atomic<bool> lostWrites{false};
     std::atomic<bool> searching{false}; ///< for the process that the record names
-    ZqImageFeed feed;
+    const std::unique_ptr<ZqImageFeed> feed;
     SxPtr<ZqCoreAppGuard> guard;
     std::unique_ptr<Sampler> sampler;
     std::unique_ptr<ZqSleepDelay> sleepDelay;

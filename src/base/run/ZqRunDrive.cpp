@@ -2,6 +2,7 @@
 #include "SxException.h"
 #include "SxFSAction.h"
 #include "SxTime.h"
+#include "ZqImageFeed.h"
 #include "ZqImageFiles.h"
 #include "ZqImageFolder.h"
 #include "ZqLog.h"
@@ -115,24 +116,24 @@ SxException ZqRun::stopped() {
 void ZqRun::mount() {
     const ZqStopTest stop = [this] { return isStopping(); };
     // There is no more than all of it, whatever the record says.
-    const uint64 needed = std::min(feed.getApp().sizeMnt, feed.getApp().sizeZqf);
-    while (feed.getStatus().nCurrent < needed) {
+    const uint64 needed = std::min(feed->getApp().sizeMnt, feed->getApp().sizeZqf);
+    while (feed->getStatus().nCurrent < needed) {
         if (stop()) throw stopped();
-        feed.requireAlive();
+        feed->requireAlive();
         // Here it costs a start no time.
-        feed.requireRanges(stop);
+        feed->requireRanges(stop);
         SxTime::msleep(LOOK_MS);
     }
     const ZqMountMgr::MountMode mode = mountMode();
     // A drive that writes into the file would change what is compared.
     if (mode == ZqMountMgr::ReadWrite) awaitCheck();
     if (hasOwnTrace()) awaitRoom();
-    feed.requireRanges(stop);
+    feed->requireRanges(stop);
     patiently([&] { removeLeftovers(); });
     phase = Mounting;
     mounted = true;
     result.traceFolder = hasOwnTrace() ? newTraceFolder(image) : settings.traceFolder;
-    feed.driveStarts();
+    feed->driveStarts();
     ZqRunTraces traces(image);
     if (hasOwnTrace()) traces.begin(result.traceFolder);
     try {
@@ -143,17 +144,17 @@ void ZqRun::mount() {
     }
     if (hasOwnTrace()) traces.add(result.traceFolder, settings.nTraces);
     result.mountMs = elapsedMs();
-    patiently([&] { feed.alignCursor(); });
+    patiently([&] { feed->alignCursor(); });
 }
 
 ZqMountMgr::MountMode ZqRun::mountMode() const {
-    return settings.mountMode.isEmpty() ? feed.getApp().mountMode
+    return settings.mountMode.isEmpty() ? feed->getApp().mountMode
                                         : ZqMountMgr::stringToMountMode(settings.mountMode);
 }
 
 void ZqRun::bringUp(ZqMountMgr::MountMode mode) {
     for (;;) {
-        MountJob job(feed, image, mode, result.traceFolder);
+        MountJob job(*feed, image, mode, result.traceFolder);
         job.start();
         try {
             job.finish([this] { return isStopping(); });
@@ -183,14 +184,14 @@ void ZqRun::takeDriveAway() {
     ZqDiskStatus disk;
     if (!ZqVolume::findDisk(image, &disk)) return;
     ZqMountMgr mounts;
-    mounts.setAppParams(feed.getApp());
+    mounts.setAppParams(feed->getApp());
     mounts.umountImage(image, disk.drive.isEmpty());
     if (mounts.wasBusy() && mountMode() != ZqMountMgr::ReadOnly) result.wasBusy = true;
 }
 
 void ZqRun::removeLeftovers() {
     ZqMountMgr mounts;
-    mounts.setAppParams(feed.getApp());
+    mounts.setAppParams(feed->getApp());
     bool written = false;
     mounts.removeLeftovers(image, &written);
     if (written) lostWrites = true;
@@ -236,11 +237,11 @@ void ZqRun::awaitRoom() {
     while (ZqSysEnv::getFreeDiskSpace(image) < RECORD_ROOM) {
         if (isStopping()) throw stopped();
         // Nothing else needs room, so the player need not wait for what only the publisher can use.
-        if (feed.isComplete()) {
+        if (feed->isComplete()) {
             result.lacksTraceRoom = true;
             break;
         }
-        feed.requireAlive();
+        feed->requireAlive();
         tellWaiting("waiting for room on the disk of '" + image + "'");
         SxTime::msleep(LOOK_MS);
     }
@@ -259,7 +260,7 @@ void ZqRun::feedDrive() {
         });
         if (isUp) watchReads();
     }
-    feed.requireAlive();
+    feed->requireAlive();
 }
 
 ZqDiskStatus ZqRun::requireDisk() {
@@ -313,7 +314,7 @@ void ZqRun::watchDrive() {
 
 /// Whoever waits for such a read stands still for ever, and no wish of the player gets through to it.
 void ZqRun::watchReads() {
-    if (feed.answersReads()) return;
+    if (feed->answersReads()) return;
     ZqDiskStatus disk;
     try {
         if (!ZqVolume::findDisk(image, &disk) || disk.nHeld == 0) lostNs = 0;
@@ -326,7 +327,7 @@ void ZqRun::watchReads() {
     if (lostNs == 0) lostNs = nowNs;
     if (nowNs - lostNs < LOST_READ_NS) return;
     try {
-        feed.requireAlive();
+        feed->requireAlive();
     } catch (const SxException& e) {
         throw SxException(e,
                           SxString(settings.isDriveOnly ? "The drive is taken away, since reads of it wait"
@@ -341,7 +342,7 @@ void ZqRun::endDrive(bool keep) {
     if (!ZqVolume::findDisk(image, &disk)) {
         // Its service was killed, or somebody took it away.
         ZqMountMgr mounts;
-        mounts.setAppParams(feed.getApp());
+        mounts.setAppParams(feed->getApp());
         bool written = false;
         mounts.removeLeftovers(image, &written);
         if (written) {

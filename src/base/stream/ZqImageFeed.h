@@ -3,6 +3,7 @@
 #include "ZqAppParams.h"
 #include "ZqDiskReserve.h"
 #include "ZqFailurePolicy.h"
+#include "ZqFeedStatus.h"
 #include "ZqImageLock.h"
 #include "ZqImageParams.h"
 #include "ZqRemoteImage.h"
@@ -25,31 +26,9 @@ class ZqStreamRecord;
 /// belong to the owner's thread; the queries are safe from any.
 class ZqImageFeed {
 public:
-    struct Settings {
-        SxString image;            ///< the image folder; may be absent
-        SxString url;              ///< address of the folder's original; empty for the one noted in it
-        SxArray<SxString> headers; ///< lines "Name: value" for each request
-        uint64 rateLimit = 0;      ///< of the ordered download, bytes a second; 0 for none
-        SxString job = "run";      ///< shown to whoever finds the image in use
-        /// Neither drive nor application, only the image: what the server fails to give ends it, and so does
-        /// a disk that surely lacks room for the whole image, at open().
-        bool isDownloadOnly = false;
-    };
+    using Settings = ZqFeedSettings;
 
-    /// How things stand. Sizes in bytes of `img.zqf`, speeds in bytes a second.
-    struct Status {
-        uint64 nCurrent = 0, nTotal = 0;
-        uint64 nNeeded = 0;                ///< until the application may start
-        double speed = 0.;                 ///< of late
-        uint64 startEta = 0, totalEta = 0; ///< seconds
-        bool isUnderflow = false;          ///< an underflow that on-demand requests don't resolve
-        bool isChecking = false;           ///< the complete image is compared with its digest
-        uint64 nChecked = 0;               ///< as far as here
-        uint64 nShort = 0;                 ///< what the disk lacks for the rest of it
-        SxString waiting;                  ///< what it waits for, as a line; empty while all goes well
-        ZqNetLink::Figures link;
-        ZqRemoteImage::Figures image;
-    };
+    using Status = ZqFeedStatus;
 
     /// The download's speeds over the run, in megabit per second.
     struct Speeds {

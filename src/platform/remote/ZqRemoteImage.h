@@ -2,6 +2,7 @@
 
 #include "SxSystemThread.h"
 #include "ZqBlocks.h"
+#include "ZqImageFigures.h"
 #include "ZqRangeReader.h"
 #include "ZqRemoteFile.h"
 #include "ZqSeekTable.h"
@@ -33,17 +34,7 @@ public:
     /// Ranges that are worth fetching at once.
     static constexpr int64 GROUP = 6;
 
-    /// What was moved, in bytes.
-    struct Figures {
-        uint64 nStreamed = 0;  ///< decoded, handed to the stream's consumer
-        uint64 nOnDemand = 0;  ///< decoded, fetched as ranges
-        uint64 nAhead = 0;     ///< decoded, fetched since they follow such
-        uint64 nLeft = 0;      ///< decoded, given to ranges by the stream
-        uint64 nTakenKept = 0; ///< decoded, given to the stream out of what was kept
-        uint64 nStored = 0;    ///< decoded, kept beyond this object's life
-        uint64 nTwice = 0;     ///< of the wire, received by the stream and as ranges
-        bool isPacked = false; ///< whether the packed form is in use
-    };
+    using Figures = ZqImageFigures;
 
     /// `folderUrl` is the image folder's address, see ZqRemoteFile::urlIn(). `sizeZqf` is the
     /// decoded size as `app.json` states it; a server that has another is an error. `maxKept` bounds the

@@ -1,0 +1,33 @@
+#pragma once
+
+#include "SxArray.h"
+#include "SxString.h"
+#include "ZqImageFigures.h"
+#include "ZqNetFigures.h"
+
+/// What an image is completed from and how; see ZqImageFeed.
+struct ZqFeedSettings {
+    SxString image;            ///< the image folder; may be absent
+    SxString url;              ///< address of the folder's original; empty for the one noted in it
+    SxArray<SxString> headers; ///< lines "Name: value" for each request
+    uint64 rateLimit = 0;      ///< of the ordered download, bytes a second; 0 for none
+    SxString job = "run";      ///< shown to whoever finds the image in use
+    /// Neither drive nor application, only the image: what the server fails to give ends it, and so does
+    /// a disk that surely lacks room for the whole image, at open().
+    bool isDownloadOnly = false;
+};
+
+/// How the completion of an image stands. Sizes in bytes of `img.zqf`, speeds in bytes a second.
+struct ZqFeedStatus {
+    uint64 nCurrent = 0, nTotal = 0;
+    uint64 nNeeded = 0;                ///< until the application may start
+    double speed = 0.;                 ///< of late
+    uint64 startEta = 0, totalEta = 0; ///< seconds
+    bool isUnderflow = false;          ///< an underflow that on-demand requests don't resolve
+    bool isChecking = false;           ///< the complete image is compared with its digest
+    uint64 nChecked = 0;               ///< as far as here
+    uint64 nShort = 0;                 ///< what the disk lacks for the rest of it
+    SxString waiting;                  ///< what it waits for, as a line; empty while all goes well
+    ZqNetFigures link;
+    ZqImageFigures image;
+};
