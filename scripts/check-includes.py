@@ -81,7 +81,7 @@ def quoted_fault(room, name, owners, rooms):
     return None
 
 
-def angled_fault(layer, name, owners):
+def angled_fault(layer, name, owners, public):
     if layer == "client":
         known = name.startswith("CLI/") or name in CPP_STANDARD or name in CLIENT_SYSTEM
         owner = owners.get(name.removeprefix("tavrin/"), "client")
@@ -89,6 +89,8 @@ def angled_fault(layer, name, owners):
             return f"<{name}>: the client knows only <tavrin/...>, <CLI/...> and the C++ standard"
         if not known and not name.startswith("tavrin/"):
             return f"<{name}>: write <tavrin/{name}>"
+        if not known and name.removeprefix("tavrin/") not in public:
+            return f"<{name}>: isn't installed, since it doesn't stand in src/public-headers.txt"
         return None
     if name.startswith("tavrin/") or name in owners:
         return f'<{name}>: inside the library write "{name.removeprefix("tavrin/")}"'
@@ -119,6 +121,14 @@ def check(root):
                 faults.append((file, 1, f"another header is called {file.name}; names are unique"))
             owners.setdefault(file.name, file.parent.relative_to(src).as_posix())
 
+    public = set()
+    for number, name in enumerate((src / "public-headers.txt").read_text(encoding="utf-8").splitlines(), 1):
+        if name.startswith("#"):
+            continue
+        if owners.get(name, "client").split("/")[0] in ("client", "driver"):
+            faults.append((src / "public-headers.txt", number, f"{name} is no header of the library"))
+        public.add(name)
+
     users = defaultdict(dict)
     for file in files:
         room = file.parent.relative_to(src).as_posix()
@@ -127,9 +137,11 @@ def check(root):
             continue
         for number, angled, quoted in includes_of(file):
             if angled:
-                text = angled_fault(room.split("/")[0], angled, owners)
+                text = angled_fault(room.split("/")[0], angled, owners, public)
             else:
                 text = quoted_fault(room, quoted, owners, rooms)
+                if not text and file.name in public and quoted not in public:
+                    text = f'"{quoted}": {file.name} is installed, and this isn\'t'
             if text:
                 faults.append((file, number, text))
             for library, pattern in ONE_FILE_ONLY.items():
@@ -151,8 +163,9 @@ def check(root):
 
 def main():
     root = Path(sys.argv[1] if len(sys.argv) > 1 else Path(__file__).parent.parent).resolve()
-    if not (root / "src/rooms.txt").is_file():
-        sys.exit(f"check-includes.py: {root}/src/rooms.txt is not a file")
+    for name in ("src/rooms.txt", "src/public-headers.txt"):
+        if not (root / name).is_file():
+            sys.exit(f"check-includes.py: {root / name} is not a file")
     faults = check(root)
     for file, number, text in faults:
         print(f"{file}:{number}: {text}")

@@ -1,10 +1,13 @@
 #pragma once
 
 #include "SxFileIO.h"
-#include "ZqSourceTree.h"
-#include "ZqTool.h"
 
+#include <functional>
 #include <memory>
+#include <vector>
+
+class ZqSourceTree;
+class ZqTaskMon;
 
 /// What a RAW block holds, as far as its place in the ZqF order goes by that.
 enum class ZqBlockKind : unsigned char {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "ZqDriveMaker.h"
+#include "ZqTool.h"
 
 /// An EROFS drive, not compressed; each file has blocks of its own, so that little stands between the inodes.
 class ZqErofsMaker : public ZqDriveMaker {

@@ -2,6 +2,7 @@
 
 #include "SxException.h"
 #include "ZqBlocks.h"
+#include "ZqSourceTree.h"
 
 #include <algorithm>
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "ZqDriveMaker.h"
+#include "ZqTool.h"
 
 /// An ext4 drive, for applications that write to it: a journal, and some free room.
 class ZqExt4Maker : public ZqDriveMaker {

@@ -15,6 +15,7 @@
 #include "ZqLog.h"
 #include "ZqRawFile.h"
 #include "ZqRedirection.h"
+#include "ZqSourceTree.h"
 #include "ZqSysEnv.h"
 
 #include <algorithm>

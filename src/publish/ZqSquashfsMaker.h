@@ -1,6 +1,7 @@
 #pragma once
 
 #include "ZqDriveMaker.h"
+#include "ZqTool.h"
 
 /// A squashfs drive, compressed.
 class ZqSquashfsMaker : public ZqDriveMaker {

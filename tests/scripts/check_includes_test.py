@@ -23,6 +23,7 @@ publish: base
 driver: platform/devctl/wire
 client
 """,
+    "public-headers.txt": "# a comment\nSxA.h\nzqUtil.h\nzqDrive.h\nZqB.h\n",
     "core/SxA.h": "#pragma once\n#include <string>\n#include <tsl/robin_map.h>\n",
     "core/SxA.cpp": '#include "SxA.h"\n#include <unistd.h>\n#include <nlohmann/json.hpp>\n',
     "platform/util/zqUtil.h": '#include "SxA.h"\n',
@@ -63,6 +64,9 @@ FAULTS = [
     ("base/low/ZqB.cpp", '#include "ZqC.h"\n', 1, "base/low must not know base/high"),
     ("base/low/deep/ZqD.cpp", "", 1, "src/base/low/deep is no room"),
     ("base/ZqFlat.cpp", "", 1, "src/base is no room"),
+    ("client/a.cpp", "#include <tavrin/ZqC.h>\n", 1, "isn't installed"),
+    ("base/low/ZqB.h", '#include "zqWire.h"\n', 1, "ZqB.h is installed, and this isn't"),
+    ("public-headers.txt", SOUND["public-headers.txt"] + "Verbs.h\n", 6, "Verbs.h is no header of the library"),
     ("extra/a.cpp", "", 1, "src/extra is no room"),
     ("rooms.txt", SOUND["rooms.txt"] + "extra: gone\n", 11, "extra may know gone, which stands nowhere above"),
     ("rooms.txt", SOUND["rooms.txt"] + "core\n", 11, "core stands twice"),

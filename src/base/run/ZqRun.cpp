@@ -68,7 +68,7 @@ protected:
     void main() override {
         while (!isEnding) {
             run->takeSample();
-            SxTime::msleep(run->feed.isSettled() ? CALM_SAMPLE_MS : SAMPLE_MS);
+            SxTime::msleep(run->feed->isSettled() ? CALM_SAMPLE_MS : SAMPLE_MS);
         }
     }
 

@@ -1,13 +1,19 @@
 #pragma once
 
 #include "SxMutex.h"
+#include "SxPtr.h"
+#include "SxSystemThread.h"
 #include "ZqDriveKinds.h"
 #include "ZqFeedStatus.h"
 #include "ZqRunSeries.h"
+#include "ZqRuntimeInfo.h"
 #include "ZqStartForecast.h"
 
+#include <atomic>
+#include <functional>
 #include <memory>
 
+class SxException;
 class ZqCoreAppGuard;
 class ZqImageFeed;
 class ZqSleepDelay;
