@@ -13,7 +13,7 @@
 
 namespace {
 
-constexpr const char* UNIT = "src/platform/devctl/ZqImageLock";
+constexpr const char* UNIT = "src/shared/ZqImageLock";
 constexpr int N_SLOTS = 48;
 constexpr int64 SLOT_SIZE = 256;
 constexpr int64 RANGE_BASE = int64{1} << 32;

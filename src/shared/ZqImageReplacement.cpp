@@ -10,7 +10,7 @@
 
 namespace {
 
-constexpr const char* UNIT = "src/platform/devctl/ZqImageReplacement";
+constexpr const char* UNIT = "src/shared/ZqImageReplacement";
 constexpr const char* NOTE = "ready";
 constexpr const char* BLOCKS[] = {ZqImageFiles::ZQF, ZqImageFiles::IDX, ZqImageFiles::IMAGE_JSON};
 

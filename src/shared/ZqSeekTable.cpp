@@ -7,7 +7,7 @@
 
 namespace {
 
-constexpr const char* UNIT = "src/platform/netio/ZqSeekTable";
+constexpr const char* UNIT = "src/shared/ZqSeekTable";
 constexpr uint32 SKIPPABLE_MAGIC = 0x184D2A5E, FOOTER_MAGIC = 0x8F92EAB1;
 constexpr uint64 HEADER = 8, FOOTER = 9;
 constexpr unsigned CHECKSUM_FLAG = 0x80, RESERVED_BITS = 0x7C;

@@ -7,6 +7,7 @@
 
 namespace {
 
+// Clients know these failures as those of a trace.
 constexpr const char* UNIT = "src/base/ZqTrace";
 
 uint64 readTime(SxFileIO* file) {

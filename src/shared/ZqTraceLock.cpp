@@ -10,7 +10,7 @@
 
 namespace {
 
-constexpr const char* UNIT = "src/base/ZqTraceLock";
+constexpr const char* UNIT = "src/shared/ZqTraceLock";
 
 } // namespace
 

@@ -138,7 +138,7 @@ TEST_F(ClientTest, failuresAreChainsThatAHostileNameCantDisturb) {
     EXPECT_THAT(plain.err, HasSubstr("\\x1b[2J\\n\\xff\\u202e"));
     EXPECT_THAT(plain.err, Not(HasSubstr("src/base")));
     EXPECT_THAT(run({"--verbose", "image", "info", dir.path("none")}).err,
-                HasSubstr("(src/platform/devctl/ZqImageLock"));
+                HasSubstr("(src/shared/ZqImageLock"));
 
     // A chain of several levels.
     dir.write("broken/" + APP_JSON, "{");

@@ -18,7 +18,7 @@
 
 namespace {
 
-constexpr const char* UNIT = "src/base/ZqRun";
+constexpr const char* UNIT = "src/base/ZqRunDrive";
 constexpr int64 LOOK_MS = SxWait::LOOK_MS;
 /// Room for the records of a mount, in bytes.
 constexpr uint64 RECORD_ROOM = 1 << 20;

@@ -14,7 +14,7 @@
 // A feed's complete image is compared with its digest, and mended where it differs.
 
 namespace {
-constexpr const char* UNIT = "src/base/ZqImageFeed";
+constexpr const char* UNIT = "src/base/ZqImageFeedDigest";
 } // namespace
 
 bool ZqImageFeed::isKnownAsRight(const ZqStreamRecord& record) const {

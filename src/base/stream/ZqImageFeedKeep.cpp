@@ -18,7 +18,7 @@
 
 namespace {
 
-constexpr const char* UNIT = "src/base/ZqImageFeed";
+constexpr const char* UNIT = "src/base/ZqImageFeedKeep";
 constexpr int64 ROOM_LOOK_NS = 500'000'000;
 constexpr int64 WRITER_LOOK_NS = 500'000'000;
 /// Writers that fail one after the other, without a byte written, until it is given up.

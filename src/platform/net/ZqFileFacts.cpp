@@ -7,7 +7,7 @@
 
 namespace {
 
-constexpr const char* UNIT = "src/platform/netio/ZqFileFacts";
+constexpr const char* UNIT = "src/platform/net/ZqFileFacts";
 constexpr auto LOOK = std::chrono::milliseconds(20);
 
 struct UrlParts {

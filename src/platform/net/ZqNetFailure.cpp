@@ -7,7 +7,7 @@
 
 namespace {
 
-constexpr const char* UNIT = "src/platform/netio/ZqNetFailure";
+constexpr const char* UNIT = "src/platform/net/ZqNetFailure";
 
 long numberOf(CURL* easy, CURLINFO what) {
     long number = 0;

@@ -7,7 +7,7 @@
 #include <cstdlib>
 
 namespace {
-constexpr const char* UNIT = "src/platform/netio/ZqNetLink";
+constexpr const char* UNIT = "src/platform/net/ZqNetLink";
 constexpr int64 SECOND_NS = 1'000'000'000, MS = 1'000'000;
 
 /// As other programs do, authorities of the user's own come by environment variables.

@@ -12,7 +12,7 @@
 
 namespace {
 
-constexpr const char* UNIT = "src/platform/netio/ZqNetLoop";
+constexpr const char* UNIT = "src/platform/net/ZqNetLoop";
 constexpr int64 MS = 1'000'000;
 /// The streams stay held for so many round trips behind an answer, within these bounds: one who waits for
 /// blocks mostly asks for the next ones then, and these would find the link full.

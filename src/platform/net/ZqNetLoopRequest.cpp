@@ -9,7 +9,7 @@
 
 namespace {
 
-constexpr const char* UNIT = "src/platform/netio/ZqNetLoopRequest";
+constexpr const char* UNIT = "src/platform/net/ZqNetLoopRequest";
 constexpr int64 MS = 1'000'000;
 /// What the rate limit lets an ordered stream make good after a pause.
 constexpr int64 CREDIT_NS = 100 * MS;

@@ -9,7 +9,7 @@
 #include <unistd.h>
 
 namespace {
-constexpr const char* UNIT = "src/platform/netio/ZqNetPool";
+constexpr const char* UNIT = "src/platform/net/ZqNetPool";
 }
 
 /// What libcurl calls.

@@ -6,7 +6,7 @@
 
 namespace {
 
-constexpr const char* UNIT = "src/platform/netio/ZqNetRetry";
+constexpr const char* UNIT = "src/platform/net/ZqNetRetry";
 
 /// "2nd", "3rd", "11th"
 SxString ordinal(int64 n) {

@@ -5,7 +5,7 @@
 
 namespace {
 
-constexpr const char* UNIT = "src/platform/netio/ZqRangeAnswer";
+constexpr const char* UNIT = "src/platform/net/ZqRangeAnswer";
 /// Of a whole file that comes for a range so much may go to waste.
 constexpr uint64 MAX_SKIPPED = 1 << 20;
 

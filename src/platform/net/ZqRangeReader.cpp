@@ -8,7 +8,7 @@
 
 namespace {
 
-constexpr const char* UNIT = "src/platform/netio/ZqRangeReader";
+constexpr const char* UNIT = "src/platform/net/ZqRangeReader";
 constexpr int64 MS = 1'000'000;
 constexpr uint64 UNKNOWN = ZqRemoteFile::UNKNOWN;
 /// Tag: the answer is of another version than the bytes of the unit that were taken.

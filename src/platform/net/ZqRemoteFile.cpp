@@ -9,7 +9,7 @@
 
 namespace {
 
-constexpr const char* UNIT = "src/platform/netio/ZqRemoteFile";
+constexpr const char* UNIT = "src/platform/net/ZqRemoteFile";
 
 } // namespace
 

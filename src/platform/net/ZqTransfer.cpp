@@ -11,7 +11,7 @@
 #include <limits>
 
 namespace {
-constexpr const char* UNIT = "src/platform/netio/ZqTransfer";
+constexpr const char* UNIT = "src/platform/net/ZqTransfer";
 constexpr int64 PIECE = 256 << 10;
 /// As good as never.
 constexpr int64 MAX_RETRY_AFTER_S = 365 * 86'400;

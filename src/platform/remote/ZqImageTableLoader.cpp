@@ -8,7 +8,7 @@
 #include <algorithm>
 
 namespace {
-constexpr const char* UNIT = "src/platform/netio/ZqImageTableLoader";
+constexpr const char* UNIT = "src/platform/remote/ZqImageTableLoader";
 /// The longest pause, in first ones.
 constexpr int64 MOST_PAUSES = 120;
 } // namespace

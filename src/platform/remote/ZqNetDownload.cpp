@@ -9,7 +9,7 @@
 
 namespace {
 
-constexpr const char* UNIT = "src/platform/netio/ZqNetDownload";
+constexpr const char* UNIT = "src/platform/remote/ZqNetDownload";
 
 struct OfferedImages {
     SxMutex mutex;

@@ -14,7 +14,7 @@
 
 namespace {
 
-constexpr const char* UNIT = "src/platform/netio/ZqRemoteImage";
+constexpr const char* UNIT = "src/platform/remote/ZqRemoteImage";
 constexpr auto LOOK = std::chrono::milliseconds(20);
 /// They are woken for work and for a stop.
 constexpr auto LOADER_LOOK = std::chrono::seconds(1);

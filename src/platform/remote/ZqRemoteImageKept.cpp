@@ -14,7 +14,7 @@
 
 namespace {
 
-constexpr const char* UNIT = "src/platform/netio/ZqRemoteImageKept";
+constexpr const char* UNIT = "src/platform/remote/ZqRemoteImageKept";
 constexpr auto LOOK = std::chrono::milliseconds(20);
 /// How long a stretch of the plain form waits for the table that tells whether it is right, from the first
 /// request for that on. A table takes a hundredth of a percent of its image.

@@ -11,7 +11,7 @@
 
 namespace {
 
-constexpr const char* UNIT = "src/platform/netio/ZqRemoteImageStream";
+constexpr const char* UNIT = "src/platform/remote/ZqRemoteImageStream";
 constexpr auto LOOK = std::chrono::milliseconds(20);
 constexpr uint64 NOWHERE = ~uint64{0};
 /// A request of the stream lasts so long, so that its round trip costs a hundredth at most.

@@ -14,7 +14,7 @@
 
 namespace {
 
-constexpr const char* UNIT = "src/platform/netio/ZqStretchStore";
+constexpr const char* UNIT = "src/platform/remote/ZqStretchStore";
 constexpr std::string_view MAGIC = "ZAHEAD01";
 /// Magic number, size of the image, size of a stretch, MD5 text of the key, zeros.
 constexpr size_t HEADER = 64;

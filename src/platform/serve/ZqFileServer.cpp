@@ -25,7 +25,7 @@
 
 namespace {
 
-constexpr const char* UNIT = "src/platform/netio/ZqFileServer";
+constexpr const char* UNIT = "src/platform/serve/ZqFileServer";
 constexpr const char* HOST = "127.0.0.1";
 constexpr int64 CHUNK = 64 << 10;      ///< bytes of a file that are read at once
 constexpr int64 SLOW_CHUNK = 16 << 10; ///< the same on a link with a rate

@@ -12,7 +12,7 @@
 
 namespace {
 
-constexpr const char* UNIT = "src/platform/devctl/ZqServiceFolder";
+constexpr const char* UNIT = "src/platform/devctl/wire/ZqServiceFolder";
 
 /// The path with the links resolved in as much of it as exists.
 std::string resolve(const std::string& path) {
