@@ -1,6 +1,7 @@
 #include "BlockMap.h"
 
 #include "SxException.h"
+#include "ZqImageFiles.h"
 
 #include <algorithm>
 #include <bit>
@@ -13,7 +14,7 @@ constexpr const char* UNIT = "src/driver/BlockMap";
 } // namespace
 
 BlockMap::BlockMap(const std::string& folder, uint64 sizeRaw, bool unique) {
-    file.open(folder + "img.idx", SxOs::Read);
+    file.open(folder + ZqImageFiles::IDX, SxOs::Read);
     const uint64 size = file.getSize(), nBlocks = blocksFor(sizeRaw);
     if (size == 0 || size % 8 != 0) {
         throw SxException("Invalid size of '" + SxString(file.getPath()) + "' file.", UNIT, __LINE__);

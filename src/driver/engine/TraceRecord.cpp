@@ -3,6 +3,7 @@
 #include "SxFSAction.h"
 #include "SxFileIO.h"
 #include "SxJSONParser.h"
+#include "ZqTraceFiles.h"
 
 using SxParserKit::SxSymbol;
 
@@ -16,7 +17,7 @@ bool isInFrontOfSize(const SxString& key) {
 } // namespace
 
 void stateRecorded(const SxString& path, uint64 size, const SxString& digest) {
-    const SxString file = path + "trace.json";
+    const SxString file = path + ZqTraceFiles::RECORD;
     if (!SxFSAction::test_f(file)) return;
     SxJSONParser parser;
     parser.readFile(file);
@@ -34,5 +35,5 @@ void stateRecorded(const SxString& path, uint64 size, const SxString& digest) {
     if (size > 0) record.append("size", static_cast<int64>(size));
     copy(false);
     record.getElem("checksums").setElem("trc", digest);
-    record.write(path + "trace.json");
+    record.write(path + ZqTraceFiles::RECORD);
 }

@@ -4,20 +4,14 @@
 #include "SxClock.h"
 #include "SxException.h"
 #include "TraceRecord.h"
-
-#include <bit>
+#include "ZqTraceFiles.h"
+#include "ZqTraceFormat.h"
 
 namespace {
 
 constexpr const char* UNIT = "src/driver/TraceRecorder";
-constexpr uint64 WRITE_BIT = uint64{1} << 63;
-constexpr int64 MS_FROM_1601_TO_1970 = 11'644'473'600'000;
 /// Records that the file may lag behind: 64 MiB, 16 GiB of reads.
 constexpr size_t MAX_GATHERED = 4 << 20;
-
-uint64 littleEndian(uint64 value) {
-    return std::endian::native == std::endian::big ? __builtin_bswap64(value) : value;
-}
 
 } // namespace
 
@@ -25,7 +19,7 @@ void TraceRecorder::start(const SxString& folder) {
     stop();
     const SxMutexBlock turn(&writing);
     prefix = folder.endsWith("/") ? folder : folder + "/";
-    file.open(SxOs::hostPath(prefix + "img.trc"),
+    file.open(SxOs::hostPath(prefix + ZqTraceFiles::ITEMS),
               SxOs::Write | SxOs::Create | SxOs::Truncate | SxOs::NoFollow);
     // Tells whoever edits or joins traces that this one is still written. Where there are no locks, the
     // image's own have to do.
@@ -36,7 +30,8 @@ void TraceRecorder::start(const SxString& folder) {
     gathered.clear();
     failure = SxString();
     // Steady from here on, so that the records stay in order when the machine's clock is set.
-    startTime = static_cast<uint64>(SxClock::get().systemMs() + MS_FROM_1601_TO_1970) * 10'000;
+    startTime = (static_cast<uint64>(SxClock::get().systemMs()) + ZqTraceFormat::FROM_1601_TO_1970_MS) *
+                ZqTraceFormat::UNITS_PER_MS;
     startNs = SxClock::get().steadyNs();
     on = true;
 }
@@ -73,9 +68,10 @@ void TraceRecorder::record(RawIdx first, uint64 n, bool write) {
         return;
     }
     const auto elapsed = static_cast<uint64>(SxClock::get().steadyNs() - startNs);
-    const uint64 time = littleEndian(startTime + elapsed / 100);
+    const uint64 time = ZqTraceFormat::swapIfBig(startTime + elapsed / 100);
     for (uint64 i = 0; i < n; ++i)
-        gathered.push_back({littleEndian((first + i).value | (write ? WRITE_BIT : 0)), time});
+        gathered.push_back(
+            {ZqTraceFormat::swapIfBig((first + i).value | (write ? ZqTraceFormat::FLAG : 0)), time});
     event.store(true, std::memory_order_relaxed);
 }
 

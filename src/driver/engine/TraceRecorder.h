@@ -8,9 +8,8 @@
 #include <atomic>
 #include <vector>
 
-/// Records which blocks requests touch, in `img.trc`: 16 bytes a block, the RAW index with bit 63 for a
-/// write, and the time as Windows file time, both little-endian and in order of time; the first byte is
-/// locked meanwhile. Safe from any thread; whoever records never waits for the file.
+/// Records which blocks requests touch, in `img.trc` (see ZqTraceFormat), writes with the mark, in order of
+/// time; the first byte is locked meanwhile. Safe from any thread; whoever records never waits for the file.
 class TraceRecorder {
 public:
     ~TraceRecorder() { stop(); }

@@ -3,6 +3,7 @@
 #include "DriverLog.h"
 #include "SxException.h"
 #include "ZqBlocks.h"
+#include "ZqImageFiles.h"
 
 #include <algorithm>
 #include <bit>
@@ -149,7 +150,7 @@ void UnderflowStore::shrinkMemory(uint64 bytes) {
 bool UnderflowStore::hasRoom(uint64 n) {
     if (!file.isOpen()) {
         SxStat info;
-        const bool isThere = SxOs::get().stat(folder + "img.zqf", &info) == 0;
+        const bool isThere = SxOs::get().stat(folder + ZqImageFiles::ZQF, &info) == 0;
         reserve = ZqDiskReserve(SxString(folder), isThere ? static_cast<uint64>(info.size) : 0);
     }
     return reserve.getMissing(n * ZqBlocks::SIZE) == 0;

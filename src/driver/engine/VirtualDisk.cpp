@@ -2,6 +2,7 @@
 
 #include "SxException.h"
 #include "ZqBlocks.h"
+#include "ZqImageFiles.h"
 
 #include <cerrno>
 
@@ -23,7 +24,8 @@ VirtualDisk::VirtualDisk(const Config& config, Wake wake_)
       }) {
     const bool inPlace = !cfg.readOnly && !cfg.writeLayer;
     if (inPlace) requireComplete(cfg.cursor);
-    zqf.open(cfg.folder.str() + "img.zqf", inPlace ? SxOs::Read | SxOs::Write | SxOs::NoFollow : SxOs::Read);
+    zqf.open(cfg.folder.str() + ZqImageFiles::ZQF,
+             inPlace ? SxOs::Read | SxOs::Write | SxOs::NoFollow : SxOs::Read);
     zqfSize = zqf.getSize();
     noteEnd(cfg.cursor);
     if (cfg.readOnly) return;

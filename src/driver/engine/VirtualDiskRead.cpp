@@ -1,6 +1,7 @@
 #include "ReadPlan.h"
 #include "VirtualDisk.h"
 #include "ZqBlocks.h"
+#include "ZqImageFiles.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -92,7 +93,7 @@ VirtualDisk::Fault VirtualDisk::carryOut(const ReadPlan& plan) {
             const int fd = run.kind == ReadPlan::Stored ? zqf.getFd() : layer.getFd();
             const int64 got = readRun(fd, run, plan.end(), &isAnnounced);
             const bool isStored = run.kind == ReadPlan::Stored;
-            const auto file = isStored ? "img.zqf" : "img.tmp";
+            const auto file = isStored ? ZqImageFiles::ZQF : ZqImageFiles::LAYER_DATA;
             if (got < 0) return {static_cast<int>(-got), file, run.from};
             const uint64 end = run.from + static_cast<uint64>(got);
             if (got < run.size && !(isStored && isAtEnd(end)))
