@@ -329,9 +329,9 @@ void ZqImageBuild::requireSpace(const ZqSourceTree& tree, const ZqDriveMaker& ma
     if (options.rawDir.isEmpty() || deviceOf(options.rawDir) == device) {
         need += raw;
     } else {
-        ZqImageStaging::requireSpace(options.rawDir, raw);
+        ZqImageFolder::requireSpace(options.rawDir, raw);
     }
-    ZqImageStaging::requireSpace(target, need);
+    ZqImageFolder::requireSpace(target, need);
 }
 
 std::vector<ZqBlockKind> ZqImageBuild::makeDrive(const ZqSourceTree& tree, const ZqDriveMaker& maker,

@@ -40,7 +40,7 @@ void ZqImageRaw::main() {
     const SxArray<uint64> map = readMap();
     try {
         ZqRawFile file(dir);
-        ZqImageStaging::requireSpace(dir, getNTotal());
+        ZqImageFolder::requireSpace(dir, getNTotal());
         write(map, file.getPath());
         file.commit();
     } catch (const SxException& e) {

@@ -1,5 +1,6 @@
 #include "ZqImageFolder.h"
 
+#include "SxException.h"
 #include "SxFSAction.h"
 #include "SxFileIO.h"
 #include "ZqImageFiles.h"
@@ -10,6 +11,7 @@
 
 namespace {
 
+constexpr const char* UNIT = "src/shared/ZqImageFolder";
 constexpr size_t LAYER_RECORD = 16; ///< bytes
 /// What the indices of write layers begin with, and how many records' places that takes.
 constexpr std::pair<std::string_view, size_t> LAYER_HEADERS[] = {
@@ -48,4 +50,12 @@ bool ZqImageFolder::hasWrittenLayer(const SxString& path) {
     }
     // Zeros are what a power cut has left of one that was never synced.
     return std::any_of(begin.begin(), begin.end(), [](char c) { return c != 0; });
+}
+
+void ZqImageFolder::requireSpace(const SxString& path, uint64 need) {
+    const auto free = static_cast<uint64>(SxFSAction::freeSpace(path));
+    if (free >= need) return;
+    throw SxException("Folder '" + path + "' lies on a disk with " + free + " bytes free, " + need +
+                          " are needed",
+                      UNIT, __LINE__);
 }

@@ -15,4 +15,7 @@ public:
     /// files as it comes up, so they alone say nothing. An index that isn't known counts, too. Raises where
     /// that can't be told.
     static bool hasWrittenLayer(const SxString& path);
+    /// Raises where fewer than `need` bytes are free on the disk of the folder `path`, which need not exist
+    /// yet.
+    static void requireSpace(const SxString& path, uint64 need);
 };

@@ -1,6 +1,7 @@
 #include "SxFSAction.h"
 #include "SxQueue.h"
 #include "ZqImage.h"
+#include "ZqImageFolder.h"
 #include "ZqImageLock.h"
 #include "ZqImageParts.h"
 #include "ZqLog.h"
@@ -207,7 +208,7 @@ bool ZqImage::join(ZqTaskMon* monitor) const {
             checkParts(parts, first);
         }
         requireFileOrNothing(zqf);
-        if (first <= parts.count) requireSpace(pathPrefix, parts.bytes(first));
+        if (first <= parts.count) ZqImageFolder::requireSpace(pathPrefix, parts.bytes(first));
         if (!resumed) SxFSAction::mv(info, journal);
         begun = true;
         // The names must be on the device ahead of the end of the first part.

@@ -41,14 +41,6 @@ void copyBytes(SxFileIO* from, SxFileIO* to, uint64 n, SxArray<char>* buffer, Pr
     }
 }
 
-void requireSpace(const SxString& folder, uint64 need) {
-    const uint64 free = ZqSysEnv::getFreeDiskSpace(folder);
-    if (free < need) {
-        throw SxException(SxString("The disk has ") + free + " bytes free, " + need + " are needed", UNIT,
-                          __LINE__);
-    }
-}
-
 std::optional<Parts> parseRecord(const SxString& pathPrefix, const SxList<SxString>& lines) {
     if (lines.getSize() < 2) return std::nullopt;
     bool badSize = false, badPart = false;

@@ -86,9 +86,6 @@ private:
 /// do.
 void copyBytes(SxFileIO* from, SxFileIO* to, uint64 n, SxArray<char>* buffer, Progress* progress);
 
-/// Raises unless the disk of `folder` has `need` bytes free.
-void requireSpace(const SxString& folder, uint64 need);
-
 /// What a split record says; none where that is no use.
 std::optional<Parts> parseRecord(const SxString& pathPrefix, const SxList<SxString>& lines);
 

@@ -2,10 +2,10 @@
 #include "SxOs.h"
 #include "ZqArchive.h"
 #include "ZqImage.h"
+#include "ZqImageFolder.h"
 #include "ZqImageLock.h"
 #include "ZqImageParts.h"
 #include "ZqLog.h"
-#include "ZqSysEnv.h"
 
 #include <atomic>
 #include <memory>
@@ -196,7 +196,7 @@ bool ZqImage::split(uint64 partSize, bool compress, ZqTaskMon* monitor) const {
     if (parts.count <= 1) return false;
     try {
         undoSplit(pathPrefix, parts.size);
-        requireSpace(pathPrefix, compress ? roomToCompress(parts) : parts.size);
+        ZqImageFolder::requireSpace(pathPrefix, compress ? roomToCompress(parts) : parts.size);
     } catch (const SxException& e) {
         throw SxException(e, cannotSplit, UNIT, __LINE__);
     }

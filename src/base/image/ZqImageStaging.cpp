@@ -8,7 +8,6 @@
 #include "ZqImageFolder.h"
 #include "ZqImageReplacement.h"
 #include "ZqLog.h"
-#include "ZqSysEnv.h"
 
 #include <algorithm>
 #include <vector>
@@ -87,7 +86,7 @@ ZqImageStaging::~ZqImageStaging() {
 
 SxString ZqImageStaging::begin(uint64 need) const {
     if (SxFSAction::exists(staging)) SxFSAction::rm_r(staging);
-    requireSpace(target, need);
+    ZqImageFolder::requireSpace(target, need);
     SxFSAction::mkdir_p(staging, 0777);
     return staging;
 }
@@ -161,14 +160,5 @@ bool ZqImageStaging::liesIn(const SxString& inner, const SxString& outer) {
 void ZqImageStaging::refuseOverlap(const SxString& a, const SxString& b) {
     if (liesIn(a, b) || liesIn(b, a)) {
         throw SxException("The folders '" + a + "' and '" + b + "' lie in each other", UNIT, __LINE__);
-    }
-}
-
-void ZqImageStaging::requireSpace(const SxString& path, uint64 need) {
-    const uint64 free = ZqSysEnv::getFreeDiskSpace(path);
-    if (free < need) {
-        throw SxException("Folder '" + path + "' lies on a disk with " + free + " bytes free, " + need +
-                              " are needed",
-                          UNIT, __LINE__);
     }
 }

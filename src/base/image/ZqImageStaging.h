@@ -34,8 +34,6 @@ public:
     static bool liesIn(const SxString& inner, const SxString& outer);
     /// Raises where one of the two folders lies in the other, or they are the same. They need not exist.
     static void refuseOverlap(const SxString& a, const SxString& b);
-    /// Raises where fewer than `need` bytes are free on the file system of the folder `path`.
-    static void requireSpace(const SxString& path, uint64 need);
 
 private:
     SxList<SxString> findKept(const SxString& buildId) const;
