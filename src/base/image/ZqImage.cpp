@@ -11,33 +11,41 @@ namespace {
 constexpr const char* UNIT = "src/base/ZqImage";
 constexpr uint64 TOP_BIT = uint64{1} << 63;
 
-} // namespace
-
-void ZqImage::fromLittleEndian(SxArray<uint64>* values) {
+/// Brings entries that were read from a file to the machine's byte order.
+void fromLittleEndian(SxArray<uint64>* values) {
     if constexpr (std::endian::native == std::endian::big) {
         for (uint64& value : *values)
             value = __builtin_bswap64(value);
     }
 }
 
+} // namespace
+
 SxArray<uint64> ZqImage::getMap() const {
     const SxString file = pathPrefix + ZqImageFiles::IDX;
     if (!SxFSAction::test_f(file)) throw SxException("File '" + file + "' not found.", UNIT, __LINE__);
-    SxFileIO idx(file, "rb", 0600);
-    const int64 size = idx.getSize();
+    const int64 size = SxFSAction::sizeOf(file);
     if (size == 0 || (size & 7) != 0) {
         throw SxException("Invalid size of '" + file + "' file.", UNIT, __LINE__);
     }
-    SxArray<uint64> map;
+    return readEntries(file);
+}
+
+SxArray<uint64> ZqImage::readEntries(const SxString& file) {
+    constexpr int64 ENTRY = sizeof(uint64);
+    SxFileIO io(file, "rb");
+    const int64 n = io.getSize() / ENTRY;
+    SxArray<uint64> entries;
     try {
-        map.reserve(size / 8);
+        entries.resize(n);
     } catch (const std::exception&) {
-        throw SxException("There is no memory for the map '" + file + "' of " + size + " bytes", UNIT,
+        throw SxException("There is no memory for the map '" + file + "' of " + n * ENTRY + " bytes", UNIT,
                           __LINE__);
     }
-    idx.read(&map, size / 8);
-    fromLittleEndian(&map);
-    return map;
+    if (io.readBuffer(entries.data(), n * ENTRY) < n * ENTRY)
+        throw SxException("Failed to read all map items.", UNIT, __LINE__);
+    fromLittleEndian(&entries);
+    return entries;
 }
 
 SxArray<uint64> ZqImage::getReverseMap() const {

@@ -35,8 +35,9 @@ public:
     /// Logs the entries `first` <= RAW index < `last` that are multiples of `step`; `last` 0 means the end of
     /// the map. `step` isn't 0.
     void print(uint64 first, uint64 last, uint64 step) const;
-    /// Brings entries that were read from a file to the machine's byte order.
-    static void fromLittleEndian(SxArray<uint64>* values);
+    /// The block indices that a file like the map holds; a rest of less than one doesn't count. Raises where
+    /// it can't be read, or there is no memory for them.
+    static SxArray<uint64> readEntries(const SxString& file);
     /// The line of one entry as print() logs it, with its line feed.
     static SxString formatEntry(uint64 rawIdx, uint64 zqfIdx);
 

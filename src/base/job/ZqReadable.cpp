@@ -52,3 +52,7 @@ SxString ZqReadable::date(int64 ms) {
 SxString ZqReadable::counted(int64 n, const char* one, const char* many) {
     return count(n) + " " + (n == 1 ? one : many);
 }
+
+double ZqReadable::percentage(uint64 part, int64 whole) {
+    return whole == 0 ? 0 : static_cast<double>(part) * 100.0 / static_cast<double>(whole);
+}

@@ -19,5 +19,7 @@ SxString duration(int64 ms);
 SxString date(int64 ms);
 /// The number with its noun: "1 block", "2 blocks".
 SxString counted(int64 n, const char* one, const char* many);
+/// What part of `whole` that is, in percent; 0 of nothing.
+double percentage(uint64 part, int64 whole);
 
 } // namespace ZqReadable

@@ -33,18 +33,6 @@ struct Item {
 /// Called ahead of each window with the RAW index of its first block and the number of entries.
 using Report = std::function<void(uint64 rawIdx, uint64 nTotal)>;
 
-SxArray<uint64> readMap(const SxString& file) {
-    try {
-        SxFileIO idx(file, "rb");
-        SxArray<uint64> map;
-        idx.read(&map);
-        ZqImage::fromLittleEndian(&map);
-        return map;
-    } catch (const std::bad_alloc&) {
-        throw SxException("There is no memory for the map '" + file + "'", UNIT, __LINE__);
-    }
-}
-
 /// One of the two files, read by blocks.
 class Side {
 public:
@@ -192,7 +180,7 @@ ZqPatch::ImageCounters compare(const SxString& rawDir, const SxString& zqfDir, Z
             throw SxException("File " + SxFileInfo(file).getAbsPath() + " not found", UNIT, __LINE__);
     }
     try {
-        const SxArray<uint64> map = readMap(idxFile);
+        const SxArray<uint64> map = ZqImage::readEntries(idxFile);
         ZqPatch::ImageCounters counters = Comparison(rawFile, zqfFile, progress).run(map, report);
         atEnd();
         logCounters(counters);

@@ -2,7 +2,9 @@
 
 #include "SxFSAction.h"
 #include "ZqAppParams.h"
+#include "ZqImage.h"
 #include "ZqLog.h"
+#include "ZqReadable.h"
 #include "ZqTrace.h"
 #include "ZqTraceFiles.h"
 #include "ZqTraceLock.h"
@@ -16,27 +18,10 @@ constexpr uint64 NONE = ~uint64{0};
 SxArray<uint64> readMap(const SxString& file) {
     try {
         if (!SxFSAction::test_f(file)) throw SxException("Missing file " + file, UNIT, __LINE__);
-        SxFileIO idx(file, "rb");
-        constexpr int64 ENTRY = sizeof(uint64);
-        const int64 n = idx.getSize() / ENTRY;
-        SxArray<uint64> map(n);
-        if (idx.readBuffer(map.data(), n * ENTRY) < n * ENTRY) {
-            throw SxException("Failed to read all map items.", UNIT, __LINE__);
-        }
-        if constexpr (std::endian::native == std::endian::big) {
-            for (uint64& entry : map)
-                entry = ZqTraceFormat::swapIfBig(entry);
-        }
-        return map;
+        return ZqImage::readEntries(file);
     } catch (const SxException& e) {
         throw SxException(e, "Cannot read patch map: " + file, UNIT, __LINE__);
-    } catch (const std::exception&) {
-        throw SxException("Cannot read patch map: " + file + ": there is no memory for it", UNIT, __LINE__);
     }
-}
-
-double percentage(uint64 part, int64 whole) {
-    return whole == 0 ? 0 : static_cast<double>(part) * 100.0 / static_cast<double>(whole);
 }
 
 void logResult(int64 nItems, uint64 nMapped, uint64 nLost) {
@@ -45,9 +30,9 @@ void logResult(int64 nItems, uint64 nMapped, uint64 nLost) {
          {bar, SxString("Result of Trace Analysis"), bar,
           SxString::sprintf("Number of analyzed Items: %10zd", static_cast<ssize_t>(nItems)),
           SxString::sprintf("Number of mapped   Items: %10ju (%5.1lf %%)", static_cast<uintmax_t>(nMapped),
-                            percentage(nMapped, nItems)),
+                            ZqReadable::percentage(nMapped, nItems)),
           SxString::sprintf("Number of lost     Items: %10ju (%5.1lf %%)", static_cast<uintmax_t>(nLost),
-                            percentage(nLost, nItems)),
+                            ZqReadable::percentage(nLost, nItems)),
           bar}) {
         zqLogMsg("base", line);
     }

@@ -3,6 +3,7 @@
 #include "SxFSAction.h"
 #include "SxIndexSet.h"
 #include "ZqLog.h"
+#include "ZqReadable.h"
 #include "ZqSysEnv.h"
 #include "ZqTimers.h"
 #include "ZqTrace.h"
@@ -157,8 +158,8 @@ void withRecordOf(const SxString& path, Action&& action) {
 }
 
 /// Shows 2 of 3 as "66.7".
-SxString percentage(int64 part, int64 whole) {
-    return SxString::sprintf("%4.1lf", static_cast<double>(part) * 100.0 / static_cast<double>(whole));
+SxString percentText(int64 part, int64 whole) {
+    return SxString::sprintf("%4.1lf", ZqReadable::percentage(static_cast<uint64>(part), whole));
 }
 
 } // namespace
@@ -256,7 +257,7 @@ SxList<SxString> ZqTrace::Difference::toLines() const {
             SxString(nOther) + " items in new       trace.",
             SxString(nIdentified) + " new items identified.",
             SxString(nInserted) + " items will be inserted/modified in the reference trace.",
-            "This is a change of " + percentage(nInserted, nReference) + " % of the reference trace.",
+            "This is a change of " + percentText(nInserted, nReference) + " % of the reference trace.",
             SxString(nAppended) + " items will be appended to the reference trace."};
 }
 
