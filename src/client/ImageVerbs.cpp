@@ -13,6 +13,7 @@
 #include <tavrin/ZqImageInfo.h>
 #include <tavrin/ZqImageLock.h>
 #include <tavrin/ZqPatch.h>
+#include <tavrin/ZqReadable.h>
 
 #include <optional>
 
@@ -100,7 +101,7 @@ void describeText(const ZqImageInfo& info, Output* out) {
     field("For a mount", exactBytes(app.sizeMnt));
     field("Blocks",
           SxString(info.nRaw) + " raw, " + info.nIncluded + " included, " + info.nPresent + " present");
-    field("Order", SxString(info.nRuns) + (info.nRuns == 1 ? " run" : " runs"));
+    field("Order", ZqReadable::counted(static_cast<int64>(info.nRuns), "run", "runs"));
     field("Storage", describeParts(info));
 }
 
@@ -202,10 +203,11 @@ void compareWithRaw(const VerifyOptions& options, Findings* findings, const Outp
                                SxString(counters.nMissing);
     }
     if (counters.nWrong() == 0) return;
-    findings->faults << "'" + folder + ZqImageFiles::ZQF + "': " + counters.nWrong() +
-                            (counters.nWrong() == 1 ? " block differs" : " blocks differ") + " from '" +
-                            ZqImageFolder::prefix(options.rawFolder) + "img.raw', first RAW block " +
-                            counters.firstWrongRawIdx;
+    findings->faults << "'" + folder + ZqImageFiles::ZQF + "': " +
+                            ZqReadable::counted(static_cast<int64>(counters.nWrong()), "block differs",
+                                                "blocks differ") +
+                            " from '" + ZqImageFolder::prefix(options.rawFolder) +
+                            "img.raw', first RAW block " + counters.firstWrongRawIdx;
 }
 
 SxSymbol findingsJson(const Findings& findings) {
@@ -254,8 +256,9 @@ int verify(const VerifyOptions& options, Output& out) {
         out.text(findings.partial ? "No fault as far as the image is there." : "No fault.");
         return ExitSuccess;
     }
-    const int64 n = findings.faults.getSize();
-    throw SxException(options.image + ": " + n + (n == 1 ? " fault" : " faults"), UNIT, __LINE__);
+    throw SxException(options.image + ": " +
+                          ZqReadable::counted(findings.faults.getSize(), "fault", "faults"),
+                      UNIT, __LINE__);
 }
 
 // --- split and join

@@ -6,6 +6,7 @@
 #include <tavrin/ZqArchive.h>
 #include <tavrin/ZqImageFiles.h>
 #include <tavrin/ZqImageFolder.h>
+#include <tavrin/ZqReadable.h>
 #include <tavrin/ZqRecordFile.h>
 #include <tavrin/ZqTrace.h>
 #include <tavrin/ZqTraceBuilder.h>
@@ -79,7 +80,7 @@ int reportWritten(const SxString& folder, SxSymbol result, const SxString& did, 
         result.append("method", ZqTraceParams::methodToString(params.method));
         out->object(result);
     }
-    out->text(did + ": " + nItems + (nItems == 1 ? " item" : " items") +
+    out->text(did + ": " + ZqReadable::counted(nItems, "item", "items") +
               SxString::sprintf(", %.3f s.", static_cast<double>(params.duration) / 1000));
     return ExitSuccess;
 }
@@ -121,7 +122,7 @@ void describeText(const TraceInfo& info, Output* out) {
     field("Application", params.guid);
     field("Build", params.checksumMnt);
     field("Items", SxString(info.nItems) + ", " + info.nFlagged + " flagged");
-    field("Unique", SxString(info.nUnique) + (info.nUnique == 1 ? " block" : " blocks"));
+    field("Unique", ZqReadable::counted(info.nUnique, "block", "blocks"));
     field("Duration", SxString::sprintf("%.3f s", static_cast<double>(params.duration) / 1000));
     if (!info.mismatch.isEmpty()) field("Cut off", info.mismatch);
 }
@@ -352,9 +353,8 @@ int build(const BuildOptions& options, Output& out) {
     }
     if (builder.getNJoined() > 0) {
         return reportWritten(traces + options.name + "/", result,
-                             "Joined " + SxString(builder.getNJoined()) +
-                                 (builder.getNJoined() == 1 ? " trace" : " traces") + " in '" + traces +
-                                 options.name + "'",
+                             "Joined " + ZqReadable::counted(builder.getNJoined(), "trace", "traces") +
+                                 " in '" + traces + options.name + "'",
                              &out);
     }
     if (out.getMode().json) out.object(result);
