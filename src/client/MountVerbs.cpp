@@ -12,6 +12,7 @@
 #include <tavrin/ZqImageFolder.h>
 #include <tavrin/ZqImageLock.h>
 #include <tavrin/ZqImageParams.h>
+#include <tavrin/ZqImageProgress.h>
 #include <tavrin/ZqMountMgr.h>
 #include <tavrin/ZqSyncedSize.h>
 #include <tavrin/ZqVolume.h>
@@ -42,16 +43,14 @@ struct UmountOptions {
 
 // --- mount
 
-/// How many blocks of the image are there.
-uint64 presentBlocks(const SxString& folder, const ZqAppParams& app, const ZqImageParams& params) {
+/// Behind the blocks of the image that are there.
+uint64 cursorOf(const SxString& folder, const ZqAppParams& app, const ZqImageParams& params) {
     // A file that is missing is told of by the mount.
     const SxFileInfo zqf(folder + ZqImageFiles::ZQF);
     const uint64 size = zqf.isFile() ? static_cast<uint64>(zqf.getSize()) : 0;
     // What a power cut may have taken is there as little as what was never fetched.
     const uint64 believed = ZqSyncedSize(folder + ZqImageFiles::ZQF).believed(size);
-    const auto sizeRaw = static_cast<uint64>(params.sizeRaw);
-    if (believed >= app.sizeZqf) return (sizeRaw + ZqBlocks::SIZE - 1) / ZqBlocks::SIZE;
-    return believed / ZqBlocks::SIZE;
+    return ZqImageProgress::cursorBehind(believed, app.sizeZqf, params.sizeRaw);
 }
 
 void tellMount(const SxString& image, const SxString& verb, Output* out) {
@@ -139,7 +138,7 @@ bool mountOrYield(ZqMountMgr* manager, ZqMountMgr::MountMode mode, const ZqAppPa
     try {
         manager->mountImageZQF(mode, params.deviceMode, options.image, static_cast<uint64>(params.sizeRaw),
                                static_cast<uint64>(params.emulatedSectorSize),
-                               presentBlocks(ZqImageFolder::prefix(options.image), app, params), false,
+                               cursorOf(ZqImageFolder::prefix(options.image), app, params), false,
                                options.trace, "monitoring");
         return true;
     } catch (const SxException& e) {

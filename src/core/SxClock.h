@@ -13,6 +13,7 @@ public:
     virtual int64 systemMs() = 0;
     /// Nanoseconds since an arbitrary point; never goes backward.
     virtual int64 steadyNs() = 0;
+    int64 steadyMs() { return steadyNs() / 1'000'000; }
     /// Blocks the calling thread for `ns` nanoseconds of this clock.
     virtual void sleepNs(int64 ns) = 0;
 

@@ -71,7 +71,7 @@ ZqCoreAppGuard::ZqCoreAppGuard(const SxString& path_, const ZqAppParams& params,
       appParams(params),
       group(adopted) {
     setThreadName("app guard");
-    suspendedFlag.set(adopted.isSuspended());
+    suspendedFlag = adopted.isSuspended();
 }
 
 void ZqCoreAppGuard::prepareProcess(const SxString& drive, SxWinProcParams procParams) {
@@ -102,19 +102,19 @@ SxList<SxString> ZqCoreAppGuard::argumentsOf(const SxWinProcParams& procParams, 
 }
 
 void ZqCoreAppGuard::start(Priority priority) {
-    stopFlag.set(false);
+    stopFlag = false;
     SxSystemThread::start(priority);
 }
 
 void ZqCoreAppGuard::start() {
     start(6);
-    while (!SxWait::pass(START_MS, [this] { return begunFlag.get() || stopRequested(); }))
+    while (!SxWait::pass(START_MS, [this] { return begunFlag || stopRequested(); }))
         continue;
 }
 
 void ZqCoreAppGuard::main() {
-    runningFlag.set(true);
-    begunFlag.set(true);
+    runningFlag = true;
+    begunFlag = true;
     zqLogMsg("base", SxString(PREFIX) + "START");
     const int64 begin = SxClock::get().steadyNs();
     try {
@@ -130,13 +130,13 @@ void ZqCoreAppGuard::main() {
     }
     runTime += static_cast<uint64>((SxClock::get().steadyNs() - begin) / 1'000'000);
     zqLogMsg("base", SxString(PREFIX) + "END");
-    runningFlag.set(false);
+    runningFlag = false;
 }
 
 int ZqCoreAppGuard::follow() {
     const SxAdoption adoption;
     try {
-        applicationFlag.set(isAdopted() || appParams.name.isEmpty());
+        applicationFlag = isAdopted() || appParams.name.isEmpty();
         if (isAdopted()) return followAdopted();
         return appParams.name.isEmpty() ? followCommand() : followNamed();
     } catch (const SxException& e) {
@@ -186,12 +186,12 @@ int ZqCoreAppGuard::followLeftBehind(const SxProcessGroup& left) {
 
 int ZqCoreAppGuard::followNamed() {
     startProcess();
-    searchFlag.set(true);
+    searchFlag = true;
     awaitDelay();
     int64 id = -1;
     for (int64 i = 0; i < N_SEARCHES && id < 0 && !stopRequested(); ++i)
         id = awaitNamed(SECOND_MS);
-    searchFlag.set(false);
+    searchFlag = false;
     const auto tell = [&] {
         zqLogMsg("base", SxString(PREFIX) + "Process " + appParams.name + " identified as PID " + id);
     };
@@ -200,7 +200,7 @@ int ZqCoreAppGuard::followNamed() {
         id = awaitLateNamed();
         if (id >= 0) tell();
     }
-    missedFlag.set(id < 0 && !stopRequested());
+    missedFlag = id < 0 && !stopRequested();
     int code = NO_CODE;
     const SxOtherProcess application(stopRequested() ? -1 : id);
     if (!stopRequested()) {
@@ -208,9 +208,9 @@ int ZqCoreAppGuard::followNamed() {
             zqLogMsg("base", SxString(PREFIX) + "Failed to open handle to " + appParams.name + " process.");
         }
         noteGroup(newGroupOf(id));
-        applicationFlag.set(application.isOpen());
+        applicationFlag = application.isOpen();
         followByName(application);
-        applicationFlag.set(false);
+        applicationFlag = false;
         if (application.isOpen()) code = exitCodeOf(application);
     }
     // That of the command itself is taken in with it.
@@ -440,7 +440,7 @@ void ZqCoreAppGuard::suspend() {
         if (isSuspended()) {
             zqLogMsg("base", prefix + "ERROR. Process already suspended");
         } else if (setSuspended(true, prefix)) {
-            suspendedFlag.set(true);
+            suspendedFlag = true;
         }
     } catch (const SxException& e) {
         zqLogMsg("base", prefix + e.what());
@@ -453,7 +453,7 @@ void ZqCoreAppGuard::resume() {
         if (!isSuspended()) {
             zqLogMsg("base", prefix + "ERROR. Process not suspended");
         } else if (setSuspended(false, prefix)) {
-            suspendedFlag.set(false);
+            suspendedFlag = false;
         }
     } catch (const SxException& e) {
         zqLogMsg("base", prefix + e.what());

@@ -1,6 +1,5 @@
 #pragma once
 
-#include "SxFlag.h"
 #include "SxOtherProcess.h"
 #include "SxProcess.h"
 #include "SxPtr.h"
@@ -35,16 +34,16 @@ public:
     /// Starts the thread, and returns when it runs, or has ended already.
     virtual void start();
 
-    bool isRunning() const { return runningFlag.get(); }
-    bool stopRequested() const { return stopFlag.get(); }
-    bool isSuspended() const { return suspendedFlag.get(); }
+    bool isRunning() const { return runningFlag; }
+    bool stopRequested() const { return stopFlag; }
+    bool isSuspended() const { return suspendedFlag; }
     /// Whether it looks for the process that the record names, and whether that was never found.
-    bool isSearching() const { return searchFlag.get(); }
-    bool isMissed() const { return missedFlag.get(); }
+    bool isSearching() const { return searchFlag; }
+    bool isMissed() const { return missedFlag; }
     /// Whether the application runs that suspend() is about: the process that the record names from when it
     /// was found to its end, else that of the command. A launcher alone is none, and each search for the
     /// application in suspend() and resume() takes a second.
-    bool hasApplication() const { return applicationFlag.get(); }
+    bool hasApplication() const { return applicationFlag; }
     /// Whether an earlier program started it.
     bool isAdopted() const { return !process; }
 
@@ -101,7 +100,8 @@ private:
     SxPtr<SxProcess> process;
     SxString needsWine; ///< the program, where it is one for Wine
 
-    SxFlag begunFlag, runningFlag, stopFlag, suspendedFlag, searchFlag, missedFlag, applicationFlag;
+    std::atomic<bool> begunFlag{false}, runningFlag{false}, stopFlag{false}, suspendedFlag{false},
+        searchFlag{false}, missedFlag{false}, applicationFlag{false};
 
     mutable SxMutex codeMutex;
     int exitCode SX_GUARDED_BY(codeMutex) = NO_CODE;

@@ -1,5 +1,6 @@
 #include "ZqCoreUnderflowMgr.h"
 
+#include "SxClock.h"
 #include "SxFSAction.h"
 #include "SxTime.h"
 #include "ZqBlocks.h"
@@ -135,7 +136,7 @@ uint64 ZqCoreUnderflowMgr::nDownloaded() const {
 }
 
 ZqRuntimeInfo ZqCoreUnderflowMgr::getRuntimeInfo() const {
-    const int64 nowMs = steadyMs();
+    const int64 nowMs = SxClock::get().steadyMs();
     const SxMutexBlock lock(&infoMutex);
     ZqRuntimeInfo info = runtimeInfo;
     if (openMs != NEVER) addDuration(&info, nowMs - openMs);
@@ -173,7 +174,7 @@ void ZqCoreUnderflowMgr::countUnderflow(int64 size, int64 sinceMs) {
 }
 
 void ZqCoreUnderflowMgr::timeUnderflow() {
-    const int64 nowMs = steadyMs();
+    const int64 nowMs = SxClock::get().steadyMs();
     const SxMutexBlock lock(&infoMutex);
     if (openMs != NEVER) addDuration(&runtimeInfo, nowMs - openMs);
     openMs = NEVER;
@@ -182,10 +183,6 @@ void ZqCoreUnderflowMgr::timeUnderflow() {
 bool ZqCoreUnderflowMgr::isCountOpen() const {
     const SxMutexBlock lock(&infoMutex);
     return openMs != NEVER;
-}
-
-int64 ZqCoreUnderflowMgr::steadyMs() {
-    return SxClock::get().steadyNs() / 1'000'000;
 }
 
 // Windows.
@@ -264,7 +261,7 @@ void ZqCoreUnderflowMgr::checkInstantUnderflow() {
     underflowFlag = unresolved;
     if (!unresolved) return;
 
-    const int64 t0 = steadyMs();
+    const int64 t0 = SxClock::get().steadyMs();
     const uint64 rate = imageProgress ? static_cast<uint64>(bytesPerSecond(imageProgress->getAvgSpeed())) : 0;
     const uint64 nCurrent = nDownloaded();
     uint64 size = 0, eta = 0;
@@ -277,7 +274,8 @@ void ZqCoreUnderflowMgr::checkInstantUnderflow() {
     for (int64 nRefused = 0; !stopRequested() && isReadWaiting();) {
         if (windowSearch) minimizeGhost();
         if (canFetch() && onDemand()) continue;
-        if (windowSearch && steadyMs() - t0 > std::max(appParams.underflowDelay, INSTANT_S) * 1000) {
+        if (windowSearch &&
+            SxClock::get().steadyMs() - t0 > std::max(appParams.underflowDelay, INSTANT_S) * 1000) {
             // No desktop here is sure to put a ghost in the place of what hangs: the window itself goes.
             instantMs = t0;
             return;
@@ -333,7 +331,7 @@ void ZqCoreUnderflowMgr::main() {
 void ZqCoreUnderflowMgr::watchUnderflows() {
     Watch watch;
     setUp();
-    watch.windowMs = steadyMs();
+    watch.windowMs = SxClock::get().steadyMs();
     if (entered) {
         watch.resolved = false;
     } else {
@@ -378,7 +376,7 @@ void ZqCoreUnderflowMgr::openStatistics() {
         statFile.create(file, 0600);
         statFile.write(SxString::sprintf("#%10s %20s %20s %20s %20s\n", "minutes", "nOnDemandFetches",
                                          "nOnDemandBytes", "nOnDemandRate", "nOnDemandQueue"));
-        statStart = steadyMs();
+        statStart = SxClock::get().steadyMs();
         lastStatRow = NEVER;
     } catch (const SxException&) {
         statFile = SxFileIO();
@@ -422,7 +420,7 @@ void ZqCoreUnderflowMgr::turn(Watch* watch) {
     } else if (!isMinimized()) {
         underflow = enterUnderflow();
     }
-    if (lastStatRow == NEVER || steadyMs() - lastStatRow > ROW_MS) writeRow(watch);
+    if (lastStatRow == NEVER || SxClock::get().steadyMs() - lastStatRow > ROW_MS) writeRow(watch);
     underflowFlag = underflow;
     if (!underflow) {
         pause();
@@ -443,7 +441,7 @@ void ZqCoreUnderflowMgr::lookAtWindow(Watch* watch) {
         minimizedFlag = true;
         return;
     }
-    const int64 now = steadyMs();
+    const int64 now = SxClock::get().steadyMs();
     if (now - watch->windowMs <= SEARCH_MS) return;
     watch->windowMs = now;
     if (!windowSearch) return;
@@ -465,7 +463,8 @@ bool ZqCoreUnderflowMgr::enterUnderflow() {
     }
     minimizedFlag = true;
     entered = true;
-    countUnderflow(static_cast<int64>(resumeIdx) - static_cast<int64>(nDownloaded()), steadyMs());
+    countUnderflow(static_cast<int64>(resumeIdx) - static_cast<int64>(nDownloaded()),
+                   SxClock::get().steadyMs());
     instantMs = 0;
     if (appWindow != 0 && !isIconic(appWindow)) {
         underflowFlag = true;
@@ -492,7 +491,7 @@ void ZqCoreUnderflowMgr::leaveUnderflow(Watch* watch) {
 
 void ZqCoreUnderflowMgr::pause() const {
     // Who has got a block mostly asks for the next one at once.
-    SxTime::msleep(fetchedMs != 0 && steadyMs() - fetchedMs < BUSY_MS ? 1 : pollMs);
+    SxTime::msleep(fetchedMs != 0 && SxClock::get().steadyMs() - fetchedMs < BUSY_MS ? 1 : pollMs);
 }
 
 bool ZqCoreUnderflowMgr::hasDownloadPassed() const {
@@ -508,7 +507,7 @@ void ZqCoreUnderflowMgr::resumeDrive() {
 
 void ZqCoreUnderflowMgr::writeRow(Watch* watch) {
     const int64 nFetches = runtimeInfo.nOnDemandFetches;
-    lastStatRow = steadyMs();
+    lastStatRow = SxClock::get().steadyMs();
     using Number = unsigned long long;
     const SxString row = SxString::sprintf(
         " %10llu %20llu %20llu %20llu %20llu\n", static_cast<Number>((lastStatRow - statStart) / ROW_MS),

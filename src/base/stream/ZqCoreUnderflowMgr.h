@@ -137,7 +137,6 @@ private:
     };
 
     /// Durations don't depend on the system's clock, which may jump.
-    static int64 steadyMs();
     /// Makes a call of the drive service, again and again as long as that is silent: a read that it holds
     /// stays held, so nothing has changed. Gives what the call gives; raises what else goes wrong, and the
     /// silence where the job is stopped in it.

@@ -1,3 +1,4 @@
+#include "SxClock.h"
 #include "SxTime.h"
 #include "ZqBlocks.h"
 #include "ZqCoreUnderflowMgr.h"
@@ -35,7 +36,7 @@ int64 whole(double value) {
 
 struct ZqCoreUnderflowMgr::Pass {
     SxString prefix; ///< of its log lines
-    int64 t0 = 0;    ///< of steadyMs()
+    int64 t0 = 0;    ///< of the steady clock
     uint64 nTotal = 0, nCurrent = 0;
 
     void log(const SxString& text) const { zqLogMsg("base", prefix + text); }
@@ -99,7 +100,7 @@ public:
     Fetch(const SxPtr<ZqODRDownloader>& from_, uint64 offset_, uint64 length_, bool isApart_)
         : offset(offset_),
           isApart(isApart_),
-          beginMs(steadyMs()),
+          beginMs(SxClock::get().steadyMs()),
           from(from_),
           length(length_) {
         setThreadName("on demand");
@@ -108,7 +109,7 @@ public:
 
     const uint64 offset;
     const bool isApart;
-    const int64 beginMs; ///< of steadyMs()
+    const int64 beginMs; ///< of the steady clock
 
     // Once it has ended.
     int code = -1; ///< as a callback's
@@ -209,7 +210,7 @@ bool ZqCoreUnderflowMgr::runPassBetween() {
 }
 
 bool ZqCoreUnderflowMgr::runPass() {
-    Pass pass{"ZqCoreUnderflowMgr::onDemand (" + SxString(++passCount) + "): ", steadyMs(),
+    Pass pass{"ZqCoreUnderflowMgr::onDemand (" + SxString(++passCount) + "): ", SxClock::get().steadyMs(),
               imageProgress ? imageProgress->getNTotal() : appParams.sizeZqf, nDownloaded()};
     const Source source = getSource();
     if (!source.callback) {
@@ -342,7 +343,7 @@ int64 ZqCoreUnderflowMgr::fetchByCallback(const Pass& pass, const Source& source
         }
     }
     if (n == 0) return 0;
-    fetchedMs = steadyMs();
+    fetchedMs = SxClock::get().steadyMs();
     noteFetches(n, fetchedMs - pass.t0);
     return n;
 }
@@ -445,7 +446,7 @@ int64 ZqCoreUnderflowMgr::deliverFetches(const Pass& pass, const ZqODRDownloader
         ++n;
     }
     if (n == 0) return 0;
-    fetchedMs = steadyMs();
+    fetchedMs = SxClock::get().steadyMs();
     noteFetches(n, fetchedMs - beginMs);
     return n;
 }
@@ -510,7 +511,7 @@ bool ZqCoreUnderflowMgr::Pass::matches(uint64 offset, const SxArray<char>& data,
 }
 
 void ZqCoreUnderflowMgr::noteFetched(uint64 offset) {
-    deliveredMs.value(offset) = steadyMs();
+    deliveredMs.value(offset) = SxClock::get().steadyMs();
     requestIndices.update(offset);
     wants.removeKey(offset);
 }
@@ -518,7 +519,7 @@ void ZqCoreUnderflowMgr::noteFetched(uint64 offset) {
 void ZqCoreUnderflowMgr::noteFailed(uint64 offset) {
     if (!wants.containsKey(offset)) return;
     wants(offset).hasFailed = true;
-    wants(offset).retryMs = steadyMs() + RETRY_MS;
+    wants(offset).retryMs = SxClock::get().steadyMs() + RETRY_MS;
 }
 
 void ZqCoreUnderflowMgr::noteFetches(int64 n, int64 elapsedMs) {

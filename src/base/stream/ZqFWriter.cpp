@@ -44,10 +44,6 @@ constexpr int64 LARGEST_LAG_NS = 20'000'000;
 
 /// Durations come from the clock that no adjustment moves: after a jump of the system's, a pause could last
 /// for hours.
-uint64 steadyMs() {
-    return static_cast<uint64>(SxClock::get().steadyNs() / 1'000'000);
-}
-
 /// Fills the array with numbers that no disk can pack (xorshift64*), at the speed of memory.
 void fillRandomly(SxArray<uint64>* words, uint64 seed) {
     uint64 x = seed | 1;
@@ -76,7 +72,7 @@ ZqFWriter::ZqFWriter(const SxString& dirPath_, const SxString& fileName_)
     : dirPath(dirPath_),
       fileName(fileName_),
       time0(static_cast<uint64>(ZqSysEnv::getSysTime())),
-      steady0(steadyMs()),
+      steady0(static_cast<uint64>(SxClock::get().steadyMs())),
       cursor0(sizeOf(dirPath_ + fileName_)),
       writeCursor(cursor0),
       bytesReceived(cursor0),
@@ -140,11 +136,11 @@ void ZqFWriter::keep(uint64 offset, Piece piece) {
 }
 
 void ZqFWriter::holdPusher() const {
-    SxWait::pass(PASS_MS, [this] { return !throttleFlag.get() || stopRequested(); });
+    SxWait::pass(PASS_MS, [this] { return !throttleFlag || stopRequested(); });
 }
 
 void ZqFWriter::setThrottle(bool on) {
-    throttleFlag.set(on);
+    throttleFlag = on;
 }
 
 void ZqFWriter::updateBufferCursor() {
@@ -155,7 +151,7 @@ void ZqFWriter::updateBufferCursor() {
         bytesAvail += next->second;
         bufferCursor += next->second;
     }
-    const uint64 now = steadyMs();
+    const uint64 now = static_cast<uint64>(SxClock::get().steadyMs());
     if (finalizing || now <= timeAtLastSample + SAMPLE_MS || bytesReceived <= bytesAtLastSample) return;
     avgSpeed->update(static_cast<double>(bytesReceived - bytesAtLastSample) * 1000.0 /
                      static_cast<double>(now - timeAtLastSample));
@@ -200,19 +196,19 @@ uint64 ZqFWriter::getBytesPerSecond() const {
 }
 
 void ZqFWriter::finalize() {
-    finalizeFlag.set(true);
+    finalizeFlag = true;
 }
 
 bool ZqFWriter::finalizeRequested() const {
-    return finalizeFlag.get();
+    return finalizeFlag;
 }
 
 void ZqFWriter::stop() {
-    stopFlag.set(true);
+    stopFlag = true;
 }
 
 bool ZqFWriter::stopRequested() const {
-    return stopFlag.get();
+    return stopFlag;
 }
 
 bool ZqFWriter::isCompleteImage() const {
@@ -254,13 +250,13 @@ void ZqFWriter::writeTestFile(int64 nBytes) {
     SxArray<uint64> words(nBytes / static_cast<int64>(sizeof(uint64)));
     fillRandomly(&words, time0);
     testBytes = static_cast<uint64>(words.getSize()) * sizeof(uint64);
-    const uint64 begin = steadyMs();
+    const uint64 begin = static_cast<uint64>(SxClock::get().steadyMs());
     SxFileIO file;
     file.create(pathOf(TEST_FILE), FILE_MODE);
     file.write(words);
     file.flush();
     file.close();
-    testMs = std::max<uint64>(steadyMs() - begin, 1);
+    testMs = std::max<uint64>(static_cast<uint64>(SxClock::get().steadyMs()) - begin, 1);
 }
 
 void ZqFWriter::openLog() {
@@ -439,12 +435,13 @@ void ZqFWriter::writeLogLine() {
         written = writeCursor;
         available = bytesAvail;
     }
-    log.write(SxString::sprintf("%20s %15lf %15ju %15ju %15ju %15ju %15ju %15ju %15ju %15ju %15ju\n",
-                                ZqSysEnv::getTimestamp().ascii(),
-                                static_cast<double>(steadyMs() - steady0) / 1000.0, uintmax_t{received},
-                                uintmax_t{done.dlSpeed}, uintmax_t{buffered}, uintmax_t{written},
-                                uintmax_t{available}, uintmax_t{reached}, uintmax_t{done.target},
-                                uintmax_t{MIN_WRITE_SPEED}, uintmax_t{maxWriteSpeed}));
+    log.write(SxString::sprintf(
+        "%20s %15lf %15ju %15ju %15ju %15ju %15ju %15ju %15ju %15ju %15ju\n",
+        ZqSysEnv::getTimestamp().ascii(),
+        static_cast<double>(static_cast<uint64>(SxClock::get().steadyMs()) - steady0) / 1000.0,
+        uintmax_t{received}, uintmax_t{done.dlSpeed}, uintmax_t{buffered}, uintmax_t{written},
+        uintmax_t{available}, uintmax_t{reached}, uintmax_t{done.target}, uintmax_t{MIN_WRITE_SPEED},
+        uintmax_t{maxWriteSpeed}));
     log.flush();
 }
 

@@ -2,7 +2,6 @@
 
 #include "SxArray.h"
 #include "SxFileIO.h"
-#include "SxFlag.h"
 #include "SxPtr.h"
 #include "SxSystemThread.h"
 #include "ZqAvg.h"
@@ -111,7 +110,7 @@ private:
     void removeLeftovers();
 
     const SxString dirPath, fileName;
-    SxFlag stopFlag, finalizeFlag, throttleFlag;
+    std::atomic<bool> stopFlag{false}, finalizeFlag{false}, throttleFlag{false};
     const uint64 time0; ///< system time in milliseconds
     const uint64 steady0;
     const uint64 cursor0;

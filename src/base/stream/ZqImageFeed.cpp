@@ -70,8 +70,7 @@ bool ZqImageFeed::isComplete() const {
 }
 
 uint64 ZqImageFeed::countBlocks() const {
-    if (isComplete()) return (static_cast<uint64>(params.sizeRaw) + ZqBlocks::SIZE - 1) / ZqBlocks::SIZE;
-    return ZqImageProgress::cursorBehind(fileSize());
+    return ZqImageProgress::cursorBehind(fileSize(), app.sizeZqf, params.sizeRaw);
 }
 
 void ZqImageFeed::open(const ZqStopTest& stop) {

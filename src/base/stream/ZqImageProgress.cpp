@@ -27,10 +27,6 @@ constexpr int BLOCK_SHIFT = 12;
 constexpr int ITEM_SHIFT = 4; // 16 bytes in img.trc
 
 /// Durations come from the clock that no adjustment moves.
-int64 steadyMs() {
-    return SxClock::get().steadyNs() / 1'000'000;
-}
-
 /// Bytes that the longest of the traces in `folder` touches.
 uint64 longestTrace(const SxString& folder) {
     uint64 longest = 0;
@@ -85,11 +81,11 @@ ZqImageProgress::ZqImageProgress(const SxString& path_, const ZqAppParams& param
 }
 
 void ZqImageProgress::stop() {
-    stopFlag.set(true);
+    stopFlag = true;
 }
 
 bool ZqImageProgress::stopRequested() const {
-    return stopFlag.get();
+    return stopFlag;
 }
 
 uint64 ZqImageProgress::getNCurrent() const {
@@ -190,6 +186,11 @@ uint64 ZqImageProgress::cursorBehind(uint64 nBytes) {
     return nBytes % ZqBlocks::SIZE == 0 || zqfIdx == 0 ? zqfIdx : zqfIdx - 1;
 }
 
+uint64 ZqImageProgress::cursorBehind(uint64 nBytes, uint64 sizeZqf, int64 sizeRaw) {
+    if (nBytes < sizeZqf) return cursorBehind(nBytes);
+    return (static_cast<uint64>(sizeRaw) + ZqBlocks::SIZE - 1) / ZqBlocks::SIZE;
+}
+
 void ZqImageProgress::main() {
     zqLogMsg("base", SxString(PREFIX) + "START");
     try {
@@ -212,11 +213,11 @@ void ZqImageProgress::watch() {
     }
     const uint64 total = getNTotal();
     uint64 previous = file.getSize();
-    int64 time = steadyMs();
+    int64 time = SxClock::get().steadyMs();
     awaitGrowth(&file);
     while (!stopRequested() && previous < total) {
         // No look here: growth that follow() doesn't see would leave the cursor behind until the next.
-        const int64 elapsed = steadyMs() - time;
+        const int64 elapsed = SxClock::get().steadyMs() - time;
         if (elapsed < PERIOD_MS && file.getSize() < total) {
             follow(&file);
             continue;

@@ -1,6 +1,5 @@
 #pragma once
 
-#include "SxFlag.h"
 #include "SxPtr.h"
 #include "SxSystemThread.h"
 #include "ZqAppParams.h"
@@ -64,6 +63,9 @@ public:
 
     /// The cursor that `nBytes` of `img.zqf` allow: a ZqF index, ahead of which every block is whole.
     static uint64 cursorBehind(uint64 nBytes);
+    /// The same, of an image whose `img.zqf` has `sizeZqf` bytes when it is complete: then it is behind all
+    /// blocks of its disk of `sizeRaw` bytes.
+    static uint64 cursorBehind(uint64 nBytes, uint64 sizeZqf, int64 sizeRaw);
 
 protected:
     void main() override;
@@ -93,6 +95,6 @@ private:
     uint64 nCurrent SX_GUARDED_BY(countMutex) = 0;
     uint64 nTotal SX_GUARDED_BY(countMutex);
 
-    SxFlag stopFlag;
+    std::atomic<bool> stopFlag{false};
     std::atomic<bool> serviceSilent{false};
 };
