@@ -60,11 +60,6 @@ SxTimer& SxTimer::getGlobalTimer() {
     return timer;
 }
 
-int SxTimer::getNTimers() const {
-    SxMutexBlock lock(&mutex);
-    return static_cast<int>(watches.size());
-}
-
 bool SxTimer::startIfIdle(int id) {
     const int64 now = SxClock::get().steadyNs();
     SxMutexBlock lock(&mutex);
@@ -73,7 +68,6 @@ bool SxTimer::startIfIdle(int id) {
     if (w.running) return false;
     w.running = true;
     w.startNs = now;
-    ++w.nStarts;
     return true;
 }
 
@@ -98,11 +92,6 @@ int64 SxTimer::getElapsedNs(int id) const {
     SxMutexBlock lock(&mutex);
     const Watch& w = watch(id);
     return w.totalNs + (w.running ? std::max<int64>(now - w.startNs, 0) : 0);
-}
-
-int64 SxTimer::getNStarts(int id) const {
-    SxMutexBlock lock(&mutex);
-    return watch(id).nStarts;
 }
 
 SxString SxTimer::getName(int id) const {

@@ -19,7 +19,6 @@ public:
     /// The process-wide timer, built on first use with 64 idle timers.
     static SxTimer& getGlobalTimer();
 
-    int getNTimers() const SX_EXCLUDES(mutex);
     /// Starts a timer; one that runs goes on.
     void start(int id) { startIfIdle(id); }
     /// The same; gives whether this call started it.
@@ -29,10 +28,6 @@ public:
     bool isIdle(int id) const SX_EXCLUDES(mutex);
     /// Nanoseconds of all runs, up to now where it runs.
     int64 getElapsedNs(int id) const SX_EXCLUDES(mutex);
-    /// The same in seconds.
-    double getElapsed(int id) const { return static_cast<double>(getElapsedNs(id)) * 1e-9; }
-    /// How often it was started.
-    int64 getNStarts(int id) const SX_EXCLUDES(mutex);
     /// The name it was registered with; empty for none.
     SxString getName(int id) const SX_EXCLUDES(mutex);
 
@@ -55,7 +50,6 @@ private:
         SxString name;
         int64 totalNs = 0;
         int64 startNs = 0;
-        int64 nStarts = 0;
         bool running = false;
     };
 
