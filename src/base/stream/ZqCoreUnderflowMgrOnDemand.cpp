@@ -331,7 +331,7 @@ int64 ZqCoreUnderflowMgr::fetchByCallback(const Pass& pass, const Source& source
     int64 n = 0;
     for (const uint64 offset : wants.getKeys()) {
         if (wants(offset).retryMs > pass.t0) continue;
-        // Also where the driver refuses it.
+        // Before the call, since that raises where the driver refuses what it got.
         noteFailed(offset);
         const bool isDelivered = callBack(pass, source, offset);
         if (stopRequested()) return n;
@@ -339,6 +339,7 @@ int64 ZqCoreUnderflowMgr::fetchByCallback(const Pass& pass, const Source& source
             noteFetched(offset);
             ++n;
         } else {
+            // The pause counts from the end of the call.
             noteFailed(offset);
         }
     }

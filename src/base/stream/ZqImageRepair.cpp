@@ -149,7 +149,7 @@ SxPtr<SxArray<char>> ZqImageRepair::tryFetch(uint64 stretchIdx, const ZqSeekTabl
 /// Returns when the same may be tried again. It was right once, so whatever passes is waited for.
 void ZqImageRepair::recover(const SxException& why, Tries* tries, const ZqStopTest& stop) const {
     if (why.hasTag(SxException::STOPPED)) throw SxException(why);
-    const bool isAway = why.hasTag(ZqNetLink::UNREACHABLE) || why.hasTag(ZqNetLink::BROKEN);
+    const bool isAway = ZqNetLink::isAway(why);
     if (!(player.settle && player.settle(why)) && !isAway) throw SxException(why);
     zqLogMsg("base", "ZqImageRepair: " + why.toString(SxException::ShowMessage, ": "));
     image->getLink()->sleep(tries->nPauses * image->getLink()->getSettings().maxBackOffMs, stop);

@@ -258,7 +258,7 @@ bool ZqFileFacts::settle(const ZqStopTest& stop) {
         isStillSame = test(stop);
     } catch (const SxException& e) {
         end(false);
-        const bool mayPass = e.hasTag(ZqNetLink::UNREACHABLE) || e.hasTag(ZqNetLink::BROKEN);
+        const bool mayPass = ZqNetLink::isAway(e);
         if (mayPass || e.hasTag(SxException::STOPPED)) throw;
         throw SxException(e, open.front().text, UNIT, __LINE__);
     } catch (const std::exception&) {

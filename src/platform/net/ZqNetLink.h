@@ -1,6 +1,7 @@
 #pragma once
 
 #include "SxArray.h"
+#include "SxException.h"
 #include "SxMutex.h"
 #include "SxPtr.h"
 #include "SxString.h"
@@ -47,6 +48,8 @@ public:
     static constexpr const char* UNREACHABLE = "Unreachable"; ///< no answer, or none for now; tried again
     static constexpr const char* BROKEN = "BrokenTransfer";   ///< an answer that broke off; tried again
     static constexpr const char* CHANGED = "ChangedOnServer"; ///< not the file that was begun with
+    /// Whether the server, or the way to it, was away: what was asked for may come later.
+    static bool isAway(const SxException& why) { return why.hasTag(UNREACHABLE) || why.hasTag(BROKEN); }
 
     using Figures = ZqNetFigures;
 

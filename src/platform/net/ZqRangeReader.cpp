@@ -158,7 +158,7 @@ void ZqRangeReader::dropSecond() {
 void ZqRangeReader::decide() {
     constexpr int64 USEFUL = ZqNetProgress::USEFUL_BYTES;
     const ZqTransfer::State one = transfer->getState(), other = second->getState();
-    const bool mayPass = one.failure.hasTag(ZqNetLink::UNREACHABLE) || one.failure.hasTag(ZqNetLink::BROKEN);
+    const bool mayPass = ZqNetLink::isAway(one.failure);
     // A refusal doesn't end the first, which may only be slow. A doubt can be settled at once.
     const bool isMore = other.nBuffered > one.nBuffered;
     const bool isOfUse = !other.failed || isMore || other.failure.hasTag(ZqFileFacts::DOUBTFUL);
@@ -229,7 +229,7 @@ void ZqRangeReader::recover(const SxException& e, const SxString& asked, const Z
         goElsewhere(e, stop);
         return;
     }
-    const bool isSilent = e.hasTag(ZqNetLink::UNREACHABLE) || e.hasTag(ZqNetLink::BROKEN);
+    const bool isSilent = ZqNetLink::isAway(e);
     // The first address may lead elsewhere by now.
     if (isSilent) facts->leave(asked);
     if (e.hasTag(ZqTransfer::AT_ONCE)) {

@@ -66,7 +66,7 @@ ZqRemoteImage::TableLoader::Outcome ZqRemoteImage::TableLoader::tryLoad() {
         if (e.hasTag(ZqNetLink::NOT_FOUND) && !isAside) {
             return image->notePackedAbsent(e) ? Outcome::Absent : Outcome::Failed;
         }
-        const bool isAway = e.hasTag(ZqNetLink::UNREACHABLE) || e.hasTag(ZqNetLink::BROKEN);
+        const bool isAway = ZqNetLink::isAway(e);
         if (isAside || isAway) {
             image->noteTableWaits(e);
             zqLogMsg("NET", "The seek table has to wait: " + e.toString(SxException::ShowMessage, ": "));
@@ -110,5 +110,6 @@ void ZqRemoteImage::TableLoader::load() {
     }
     const uint64 nTail = std::min(size, ZqSeekTable::maxTail(image->sizeZqf));
     const SxArray<char> tail = fetch(size - nTail, size);
-    if (!image->takeTable(parse(tail, size), image->isStatedOf(front.data(), front.getSize()))) image->refusePacked();
+    if (!image->takeTable(parse(tail, size), image->isStatedOf(front.data(), front.getSize())))
+        image->refusePacked();
 }

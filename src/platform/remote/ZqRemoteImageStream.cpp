@@ -236,7 +236,7 @@ bool ZqRemoteImage::StreamRun::runPacked() {
             image->notePackedAbsent(e);
             return true;
         }
-        const bool isAway = e.hasTag(ZqNetLink::UNREACHABLE) || e.hasTag(ZqNetLink::BROKEN);
+        const bool isAway = ZqNetLink::isAway(e);
         // Both forms have been tried as often as may be.
         if (isAway && !e.hasTag(ZqNetRetry::TURN_ENDED)) throw;
         if (isAway && !known) {

@@ -7,15 +7,6 @@
 
 // What is known of the packed form.
 
-namespace {
-
-/// Whether a failure says only that the server doesn't answer now.
-bool isAway(const SxException& e) {
-    return e.hasTag(ZqNetLink::UNREACHABLE) || e.hasTag(ZqNetLink::BROKEN);
-}
-
-} // namespace
-
 void ZqRemoteImage::openTable() {
     {
         SxMutexBlock lock(&mutex);
@@ -75,7 +66,7 @@ void ZqRemoteImage::leavePacked(const SxException& why) {
         SxMutexBlock lock(&mutex);
         if (state == Packed::Absent || state == Packed::Aside) return;
         state = Packed::Aside;
-        isPackedAway = isAway(why);
+        isPackedAway = ZqNetLink::isAway(why);
         plainCame = false;
         tableFailure = why;
     }
@@ -106,7 +97,7 @@ bool ZqRemoteImage::leavePackedFor(const SxException& e) {
 
 bool ZqRemoteImage::returnToPacked(SxException* why) {
     const bool isGone = why->hasTag(ZqNetLink::NOT_FOUND) || why->hasTag(ZqNetLink::REFUSED);
-    if (!isGone && !isAway(*why)) return false;
+    if (!isGone && !ZqNetLink::isAway(*why)) return false;
     {
         SxMutexBlock lock(&mutex);
         if (state != Packed::Aside || !isPackedAway || plainCame || !table) return false;
