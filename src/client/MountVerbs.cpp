@@ -23,7 +23,6 @@ namespace {
 constexpr const char* UNIT = "src/client/MountVerbs";
 /// How the text ends in which the service refuses an image that it serves. The quote is in it since an image
 /// may have any name.
-constexpr const char* ALREADY = "' is mounted already";
 /// How long another client may take to mount the same image.
 constexpr int64 MOUNT_MS = 60'000;
 
@@ -145,7 +144,7 @@ bool mountOrYield(ZqMountMgr* manager, ZqMountMgr::MountMode mode, const ZqAppPa
         ZqDiskStatus disk;
         const bool othersDisk =
             ZqVolume::findDisk(options.image, &disk) && disk.mounterPid != SxOs::processId();
-        if (!othersDisk && !SxString(e.what()).endsWith(ALREADY)) throw;
+        if (!othersDisk && !e.hasTag(ZqVolume::ALREADY_MOUNTED)) throw;
         return false;
     }
 }

@@ -109,7 +109,9 @@ private:
             }
             return send(ZqDriveWire::SUCCESS, server->service->handle(request.kind, request.body, peer));
         } catch (const SxException& e) {
-            return send(ZqDriveWire::FAILURE, e.toString(SxException::ShowMessage, ": ").str());
+            const bool isMounted = e.hasTag(ZqDiskStatus::ALREADY_MOUNTED);
+            return send(isMounted ? ZqDriveWire::ALREADY_MOUNTED : ZqDriveWire::FAILURE,
+                        e.toString(SxException::ShowMessage, ": ").str());
         } catch (const std::exception& e) {
             driverLog("a request failed: " + SxString(e.what()));
             return send(ZqDriveWire::FAILURE, e.what());

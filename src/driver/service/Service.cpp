@@ -26,6 +26,11 @@ const SxString WRITTEN_MARK = "written ";
     throw SxException(text, UNIT, __LINE__);
 }
 
+[[noreturn]] void refuseSecond(const SxString& image) {
+    throw SxException(ZqDiskStatus::ALREADY_MOUNTED, "Image '" + image + "' is mounted already", UNIT,
+                      __LINE__);
+}
+
 void writeParams(const MountParams& params, Writer* out) {
     out->text(params.image).text(params.traceFolder);
     for (const bool flag : {params.readOnly, params.writeLayer, params.removable, params.hostFlag,
@@ -142,7 +147,7 @@ public:
             taken = service->reserve(image);
             return taken.has_value();
         });
-        if (!taken) refuse("Image '" + image + "' is mounted already");
+        if (!taken) refuseSecond(image);
         id = *taken;
     }
     ~Reservation() {
@@ -199,9 +204,9 @@ Service::DiskPtr Service::mount(const MountParams& params, int64 peer) {
     refuseOwn(params.traceFolder);
     const Reservation reservation(this, params.image);
     if (const DiskPtr former = find(params.image)) {
-        refuse("Image '" + params.image +
-               (former->isReplaced() ? "' stands in the place of one that is still mounted"
-                                     : "' is mounted already"));
+        if (former->isReplaced())
+            refuse("Image '" + params.image + "' stands in the place of one that is still mounted");
+        refuseSecond(params.image);
     }
     {
         const SxMutexBlock block(&lefts);

@@ -41,7 +41,8 @@ std::atomic<int> cacheSize{-1};     // bytes; -1: never set
 std::atomic<int> patience{INT_MAX}; // seconds
 
 thread_local SxString lastFailure;
-thread_local bool lastBusy = false, lastCutOff = false, lastSilent = false, lastForeign = false;
+thread_local bool lastBusy = false, lastCutOff = false, lastForeign = false;
+thread_local SxString lastTag;
 
 /// This thread's connection. A child process must not share it, so it knows whose it is.
 struct Connection {
@@ -236,7 +237,8 @@ bool connectTo(const std::string& root, const std::string& folder, ZqServiceClie
 
 bool ZqServiceClient::call(Call call, const Writer& request, Reader* answer, Start start) {
     lastFailure = SxString();
-    lastCutOff = lastSilent = lastForeign = false;
+    lastTag = SxString();
+    lastCutOff = lastForeign = false;
     try {
         const std::string root = ZqMachineRoot::get().str(), folder = ZqServiceFolder::of(root);
         bool isNew = false;
@@ -256,23 +258,20 @@ bool ZqServiceClient::call(Call call, const Writer& request, Reader* answer, Sta
             lastForeign = message.version != VERSION;
             if (answer) *answer = Reader(message.kind == SUCCESS ? message.body : std::string());
             if (message.kind != SUCCESS) lastFailure = SxString(message.body).validUtf8();
+            if (message.kind == ALREADY_MOUNTED) lastTag = ZqDiskStatus::ALREADY_MOUNTED;
             return message.kind == SUCCESS;
         }
         lastCutOff = true;
         lastFailure = "The drive service doesn't answer";
     } catch (const SxException& e) {
         lastFailure = e.toString(SxException::ShowMessage, ": ");
-        lastSilent = e.hasTag(ZqVolume::SILENT);
+        if (e.hasTag(ZqVolume::SILENT)) lastTag = ZqVolume::SILENT;
     }
     return false;
 }
 
 bool ZqServiceClient::wasCutOff() {
     return lastCutOff;
-}
-
-bool ZqServiceClient::wasSilent() {
-    return lastSilent;
 }
 
 bool ZqServiceClient::wasForeign() {
@@ -302,13 +301,17 @@ void ZqServiceClient::keepCacheSize(int bytes) {
     cacheSize = bytes;
 }
 
-void ZqServiceClient::setLastFailure(const SxString& text, bool isSilent) {
+void ZqServiceClient::setLastFailure(const SxString& text, const SxString& tag) {
     lastFailure = text;
-    lastSilent = isSilent;
+    lastTag = tag;
 }
 
 SxString ZqServiceClient::getLastFailure() {
     return lastFailure;
+}
+
+SxString ZqServiceClient::getLastTag() {
+    return lastTag;
 }
 
 void ZqServiceClient::setBusy(bool busy) {

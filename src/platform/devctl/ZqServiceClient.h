@@ -20,9 +20,6 @@ bool call(ZqDriveWire::Call call, const ZqDriveWire::Writer& request, ZqDriveWir
 /// Whether the last call failed for want of a service: none was there, or it ended ahead of its answer.
 bool wasCutOff();
 
-/// Whether the last call failed since a service that is there didn't answer in time.
-bool wasSilent();
-
 /// Whether a service is there, without starting one. One that is stuck counts: it still serves its drives.
 bool isServing();
 
@@ -39,8 +36,10 @@ void setPatience(int seconds);
 /// The cache size that a service which had to be started again is told of.
 void keepCacheSize(int bytes);
 
-void setLastFailure(const SxString& text, bool isSilent = false);
+void setLastFailure(const SxString& text, const SxString& tag = {});
 SxString getLastFailure();
+/// ZqVolume::SILENT or ALREADY_MOUNTED where that was why the last call failed, else empty.
+SxString getLastTag();
 
 /// Whether the disk that this thread ejected last was in use.
 void setBusy(bool busy);

@@ -314,7 +314,5 @@ SxString ZqVolume::getLastFailure() {
 }
 
 SxException ZqVolume::getLastException(const SxString& unit, int line) {
-    const SxString text = getLastFailure();
-    return ZqServiceClient::wasSilent() ? SxException(SILENT, text, unit, line)
-                                        : SxException(text, unit, line);
+    return SxException(ZqServiceClient::getLastTag(), getLastFailure(), unit, line);
 }

@@ -20,6 +20,9 @@ public:
     /// machine be busy, and answer later.
     static constexpr const char* SILENT = "ServiceSilent";
 
+    /// Tag of a failure: another client has the image mounted already.
+    static constexpr const char* ALREADY_MOUNTED = ZqDiskStatus::ALREADY_MOUNTED;
+
     /// Letter and colon of each logical drive ("C:", "E:"), in order.
     static SxList<SxString> getDrives();
     /// Asks the disk behind a drive for its identity; false where the drive can't be opened or doesn't
@@ -93,7 +96,8 @@ public:
     /// Why the last function of the control library failed on this thread, in words for the user; empty where
     /// the last one succeeded.
     static SxString getLastFailure();
-    /// The same as an exception, with the tag SILENT where that was the reason. `unit` and `line`: the place
+    /// The same as an exception, with the tag SILENT or ALREADY_MOUNTED where
+    /// that was the reason. `unit` and `line`: the place
     /// that it names.
     static SxException getLastException(const SxString& unit, int line);
 };

@@ -35,7 +35,7 @@ ZqStatus guarded(Body&& body) {
         return body();
     } catch (const SxException& e) {
         ZqServiceClient::setLastFailure(e.toString(SxException::ShowMessage, ": "),
-                                        e.hasTag(ZqVolume::SILENT));
+                                        e.hasTag(ZqVolume::SILENT) ? ZqVolume::SILENT : "");
         return FAILED;
     }
 }

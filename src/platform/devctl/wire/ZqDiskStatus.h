@@ -4,6 +4,9 @@
 
 /// What the service says of a disk.
 struct ZqDiskStatus {
+    /// Tag of a failure: the image has a disk already.
+    static constexpr const char* ALREADY_MOUNTED = "AlreadyMounted";
+
     SxString image;     ///< canonical path of the image folder
     SxString mountPath; ///< host path of the mounted volume; empty until it is mounted
     SxString drive;     ///< letter and colon; empty until it has one

@@ -11,7 +11,7 @@
 ///
 /// A message is a head of 8 bytes, then its body: body length (uint32), kind (uint16), version (uint16), all
 /// little-endian. The kind of a request is a Call; the answer has the kind 0 for success, with results as
-/// body, or 1 for failure, with a text that says why. Numbers in a body are little-endian, a flag is one
+/// body, or that of a failure, with a text that says why. Numbers in a body are little-endian, a flag is one
 /// byte, a text is its length in bytes (uint32) and UTF-8.
 namespace ZqDriveWire {
 
@@ -28,6 +28,8 @@ constexpr uint64 MAX_INDICES = 65536;
 
 constexpr unsigned SUCCESS = 0;
 constexpr unsigned FAILURE = 1;
+/// A failure, too: another client has the image mounted already.
+constexpr unsigned ALREADY_MOUNTED = 2;
 
 enum class Call : unsigned short {
     Mount,
