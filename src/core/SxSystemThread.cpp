@@ -23,7 +23,7 @@ void SxSystemThread::start(Priority) {
     wait();
     {
         SxMutexBlock lock(&exceptionMutex);
-        failed = false;
+        failed = kept = false;
     }
     running.store(true, std::memory_order_release);
     SxClock::get().threadStarting();
@@ -71,6 +71,22 @@ bool SxSystemThread::hasException() const {
 SxException SxSystemThread::getException() const {
     SxMutexBlock lock(&exceptionMutex);
     return exception;
+}
+
+bool SxSystemThread::hasFailure() const {
+    SxMutexBlock lock(&exceptionMutex);
+    return failed || kept;
+}
+
+SxException SxSystemThread::getFailure() const {
+    SxMutexBlock lock(&exceptionMutex);
+    return failed ? exception : keptFailure;
+}
+
+void SxSystemThread::keepFailure(const SxException& e) {
+    SxMutexBlock lock(&exceptionMutex);
+    keptFailure = e;
+    kept = true;
 }
 
 int64 SxSystemThread::getNCores() noexcept {

@@ -30,6 +30,12 @@ public:
     bool hasException() const;
     /// A copy of that exception.
     SxException getException() const;
+    /// Whether that run has failed: an exception left main(), or main() kept one that it had told of itself.
+    bool hasFailure() const;
+    /// A copy of that exception, for who looks after the job.
+    SxException getFailure() const;
+    /// For main(), which then doesn't raise it.
+    void keepFailure(const SxException& e);
     /// The name that the thread has in the system and in log lines, at most 15 bytes; before start().
     void setThreadName(const SxString& name) { threadName = name; }
 
@@ -49,4 +55,6 @@ private:
     mutable SxMutex exceptionMutex;
     bool failed SX_GUARDED_BY(exceptionMutex) = false;
     SxException exception SX_GUARDED_BY(exceptionMutex);
+    bool kept SX_GUARDED_BY(exceptionMutex) = false;
+    SxException keptFailure SX_GUARDED_BY(exceptionMutex);
 };

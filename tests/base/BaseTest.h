@@ -28,7 +28,7 @@ inline const bool inMemory = [] {
 inline std::string failureOf(SxSystemThread& job) {
     job.start();
     job.wait();
-    return job.hasException() ? job.getException().what() : "";
+    return job.hasFailure() ? job.getFailure().what() : "";
 }
 
 /// What stands in a folder, the lock files aside, which stay behind.

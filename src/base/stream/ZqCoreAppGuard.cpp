@@ -123,10 +123,7 @@ void ZqCoreAppGuard::main() {
         SxMutexBlock lock(&codeMutex);
         exitCode = code;
     } catch (const SxException& e) {
-        ZqJobFailure::report(PREFIX, path, e, UNIT, __LINE__);
-        SxMutexBlock lock(&codeMutex);
-        failure = e;
-        failed = true;
+        ZqJobFailure::report(this, PREFIX, path, e, UNIT, __LINE__);
     }
     runTime += static_cast<uint64>((SxClock::get().steadyNs() - begin) / 1'000'000);
     zqLogMsg("base", SxString(PREFIX) + "END");
@@ -377,8 +374,7 @@ int ZqCoreAppGuard::getExitCode() const {
 }
 
 void ZqCoreAppGuard::requireSuccess() const {
-    SxMutexBlock lock(&codeMutex);
-    if (failed) throw failure;
+    if (hasFailure()) throw getFailure();
 }
 
 void ZqCoreAppGuard::stop() {

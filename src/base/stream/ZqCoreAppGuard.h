@@ -105,8 +105,6 @@ private:
 
     mutable SxMutex codeMutex;
     int exitCode SX_GUARDED_BY(codeMutex) = NO_CODE;
-    bool failed SX_GUARDED_BY(codeMutex) = false;
-    SxException failure SX_GUARDED_BY(codeMutex);
     mutable SxMutex groupMutex;
     SxProcessGroup group SX_GUARDED_BY(groupMutex);
 };

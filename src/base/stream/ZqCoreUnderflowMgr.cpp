@@ -308,7 +308,7 @@ void ZqCoreUnderflowMgr::main() {
     } catch (const SxException& e) {
         // A service that is silent at the stop is no failure of the job.
         hasFailed = !stopRequested() || !e.hasTag(ZqVolume::SILENT);
-        if (hasFailed) ZqJobFailure::report(MAIN, path, e, UNIT, __LINE__);
+        if (hasFailed) ZqJobFailure::report(this, MAIN, path, e, UNIT, __LINE__);
     }
     try {
         // Nobody else knows that it is suspended; what is missing stays held.

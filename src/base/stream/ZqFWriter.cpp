@@ -224,10 +224,8 @@ void ZqFWriter::main() {
         log.close();
         removeLeftovers();
     } catch (const SxException& e) {
-        ZqJobFailure::report(SxString(PREFIX) + "Cannot write ZqF File: ", dirPath, e, UNIT, __LINE__);
+        ZqJobFailure::report(this, SxString(PREFIX) + "Cannot write ZqF File: ", dirPath, e, UNIT, __LINE__);
         sync.finish(getWriteCursor());
-        // It stays for whoever looks after the job.
-        throw;
     }
 }
 

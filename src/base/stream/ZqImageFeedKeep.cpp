@@ -82,7 +82,7 @@ void ZqImageFeed::keepProgress() {
     // Once all is there its records may still be on their way, and the owner brings the cursor to the end.
     if (progress->isRunning() || progress->getNCurrent() >= progress->getNTotal()) return;
     progress->wait();
-    if (progress->hasException()) settle(progress->getException());
+    if (progress->hasFailure()) settle(progress->getFailure());
 }
 
 void ZqImageFeed::keepManager() {
@@ -214,8 +214,8 @@ void ZqImageFeed::keepWriter() {
     triedSize = fileSize();
     now->wait();
     // A quota, say, shows as room.
-    if (nWriterTries >= WRITER_TRIES && now->hasException()) {
-        const SxException what = now->getException();
+    if (nWriterTries >= WRITER_TRIES && now->hasFailure()) {
+        const SxException what = now->getFailure();
         settle(SxException(what, "The download into '" + settings.image + "' has ended", UNIT, __LINE__));
     } else {
         setWaiting("");

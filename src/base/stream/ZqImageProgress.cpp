@@ -196,10 +196,7 @@ void ZqImageProgress::main() {
     try {
         watch();
     } catch (const SxException& e) {
-        ZqJobFailure::report(PREFIX, path, e, UNIT, __LINE__);
-        zqLogMsg("base", SxString(PREFIX) + "END");
-        // It stays for whoever looks after the job.
-        throw;
+        ZqJobFailure::report(this, PREFIX, path, e, UNIT, __LINE__);
     }
     zqLogMsg("base", SxString(PREFIX) + "END");
 }
