@@ -362,12 +362,12 @@ std::vector<ZqBlockKind> ZqImageBuild::makeDrive(const ZqSourceTree& tree, const
 
 void ZqImageBuild::build(const ZqSourceTree& tree, const ZqDriveMaker& maker, const ZqAppParams& record) {
     ZqImageStaging staging(target, "image build", options.mayDiscard);
-    std::optional<ZqRawFile> kept;
-    if (!options.rawDir.isEmpty()) kept.emplace(options.rawDir);
+    std::optional<ZqRawFile> keptRaw;
+    if (!options.rawDir.isEmpty()) keptRaw.emplace(options.rawDir);
     const SxString folder = staging.begin(0), scratch = folder + "scratch/";
     requireSpace(tree, maker);
     SxFSAction::mkdir_p(scratch, 0700);
-    const SxString raw = kept ? kept->getPath() : scratch + ZqRawFile::NAME;
+    const SxString raw = keptRaw ? keptRaw->getPath() : scratch + ZqRawFile::NAME;
 
     std::vector<ZqBlockKind> kinds;
     try {
@@ -404,10 +404,10 @@ void ZqImageBuild::build(const ZqSourceTree& tree, const ZqDriveMaker& maker, co
     app.checksumMnt = cutter.rawDigest;
     app.checksumIdx = SxMd5::file(folder + ZqImageFiles::IDX, nullptr);
     app.write(folder);
-    if (kept) SxFileIO(raw, "r+b").sync();
+    if (keptRaw) SxFileIO(raw, "r+b").sync();
     SxFSAction::rm_r(scratch);
     refuseStop();
     staging.commit(app.checksumMnt);
-    if (kept) kept->commit();
+    if (keptRaw) keptRaw->commit();
     complete = true;
 }
