@@ -239,7 +239,7 @@ TEST(ImageBuild, TemplateAndOptionsMakeTheRecord) {
     record.args = {"old"};
     record.window = "Window";
     record.access = {"Steam"};
-    record.mountMode = ZqMountMgr::ReadTWLayer;
+    record.mountMode = ZqDriveKinds::ReadTWLayer;
     record.sizeZqf = record.sizeMnt = 1;
     record.write(SxString(dir.path()) + "/");
     fs::rename(dir.path("app.json"), dir.path("template"));
@@ -257,7 +257,7 @@ TEST(ImageBuild, TemplateAndOptionsMakeTheRecord) {
     EXPECT_EQ(app.name, "game");
     EXPECT_EQ(app.window, "Window");
     EXPECT_EQ(app.access, record.access);
-    EXPECT_EQ(app.mountMode, ZqMountMgr::ReadTWLayer);
+    EXPECT_EQ(app.mountMode, ZqDriveKinds::ReadTWLayer);
     EXPECT_GT(app.sizeMnt, 1U);
 
     const std::pair<std::string, std::string> commands[] = {
@@ -357,7 +357,7 @@ TEST(ImageBuild, FailuresNameTheCauseAndChangeNothing) {
         {"rw",
          [](const TempDir& dir, Options* what) {
              ZqAppParams record;
-             record.mountMode = ZqMountMgr::ReadWrite;
+             record.mountMode = ZqDriveKinds::ReadWrite;
              record.write(SxString(dir.path()) + "/");
              what->appTemplate = dir.path("app.json");
          },

@@ -99,7 +99,7 @@ TEST(Record, WhatIsReadIsWritten) {
               parsed(defaults.substitute("@", guid).str()).toJson());
     const ZqImageParams image(dir.path("deep/er/"));
     EXPECT_TRUE(image.emulatedSectorSize == 4096 && image.sizeRaw == 0 &&
-                image.deviceMode == ZqMountMgr::Removable);
+                image.deviceMode == ZqDriveKinds::Removable);
     EXPECT_EQ(image.filesystem + image.driverVersion, "ntfs3.3.4");
 
     // Keys that are absent: defaults in img.json, no change in app.json. Lists are replaced.
@@ -112,9 +112,9 @@ TEST(Record, WhatIsReadIsWritten) {
               R"({"guid": "g", "sizeRaw": 1, "emulatedSectorSize": 2, "version": 2, "more": {}})");
     again.read();
     EXPECT_EQ(again.filesystem + again.driverVersion, "ntfs3.3.4");
-    EXPECT_EQ(again.deviceMode, ZqMountMgr::Removable);
+    EXPECT_EQ(again.deviceMode, ZqDriveKinds::Removable);
     dir.write("img.json", edited(IMAGE.text, "non-removable", "Removable"));
-    EXPECT_EQ(ZqImageParams(dir.prefix()).deviceMode, ZqMountMgr::NonRemovable);
+    EXPECT_EQ(ZqImageParams(dir.prefix()).deviceMode, ZqDriveKinds::NonRemovable);
 }
 
 TEST(Record, PreloadAndDelaysSurviveWriting) {
