@@ -12,7 +12,6 @@
 #include <tavrin/ZqImageFolder.h>
 #include <tavrin/ZqImageLock.h>
 #include <tavrin/ZqImageParams.h>
-#include <tavrin/ZqImageProgress.h>
 #include <tavrin/ZqMountMgr.h>
 #include <tavrin/ZqSyncedSize.h>
 #include <tavrin/ZqVolume.h>
@@ -21,8 +20,6 @@
 
 namespace {
 constexpr const char* UNIT = "src/client/MountVerbs";
-/// How the text ends in which the service refuses an image that it serves. The quote is in it since an image
-/// may have any name.
 /// How long another client may take to mount the same image.
 constexpr int64 MOUNT_MS = 60'000;
 
@@ -42,14 +39,16 @@ struct UmountOptions {
 
 // --- mount
 
-/// Behind the blocks of the image that are there.
-uint64 cursorOf(const SxString& folder, const ZqAppParams& app, const ZqImageParams& params) {
+/// How many blocks of the image are there whole. Nobody writes to it, so none is held back as in a download.
+uint64 presentBlocks(const SxString& folder, const ZqAppParams& app, const ZqImageParams& params) {
     // A file that is missing is told of by the mount.
     const SxFileInfo zqf(folder + ZqImageFiles::ZQF);
     const uint64 size = zqf.isFile() ? static_cast<uint64>(zqf.getSize()) : 0;
     // What a power cut may have taken is there as little as what was never fetched.
     const uint64 believed = ZqSyncedSize(folder + ZqImageFiles::ZQF).believed(size);
-    return ZqImageProgress::cursorBehind(believed, app.sizeZqf, params.sizeRaw);
+    const auto sizeRaw = static_cast<uint64>(params.sizeRaw);
+    if (believed >= app.sizeZqf) return (sizeRaw + ZqBlocks::SIZE - 1) / ZqBlocks::SIZE;
+    return believed / ZqBlocks::SIZE;
 }
 
 void tellMount(const SxString& image, const SxString& verb, Output* out) {
@@ -137,7 +136,7 @@ bool mountOrYield(ZqMountMgr* manager, ZqMountMgr::MountMode mode, const ZqAppPa
     try {
         manager->mountImageZQF(mode, params.deviceMode, options.image, static_cast<uint64>(params.sizeRaw),
                                static_cast<uint64>(params.emulatedSectorSize),
-                               cursorOf(ZqImageFolder::prefix(options.image), app, params), false,
+                               presentBlocks(ZqImageFolder::prefix(options.image), app, params), false,
                                options.trace, "monitoring");
         return true;
     } catch (const SxException& e) {

@@ -70,7 +70,8 @@ bool ZqImageFeed::isComplete() const {
 }
 
 uint64 ZqImageFeed::countBlocks() const {
-    return ZqImageProgress::cursorBehind(fileSize(), app.sizeZqf, params.sizeRaw);
+    if (isComplete()) return (static_cast<uint64>(params.sizeRaw) + ZqBlocks::SIZE - 1) / ZqBlocks::SIZE;
+    return ZqImageProgress::cursorBehind(fileSize());
 }
 
 void ZqImageFeed::open(const ZqStopTest& stop) {

@@ -186,11 +186,6 @@ uint64 ZqImageProgress::cursorBehind(uint64 nBytes) {
     return nBytes % ZqBlocks::SIZE == 0 || zqfIdx == 0 ? zqfIdx : zqfIdx - 1;
 }
 
-uint64 ZqImageProgress::cursorBehind(uint64 nBytes, uint64 sizeZqf, int64 sizeRaw) {
-    if (nBytes < sizeZqf) return cursorBehind(nBytes);
-    return (static_cast<uint64>(sizeRaw) + ZqBlocks::SIZE - 1) / ZqBlocks::SIZE;
-}
-
 void ZqImageProgress::main() {
     zqLogMsg("base", SxString(PREFIX) + "START");
     try {

@@ -63,9 +63,6 @@ public:
 
     /// The cursor that `nBytes` of `img.zqf` allow: a ZqF index, ahead of which every block is whole.
     static uint64 cursorBehind(uint64 nBytes);
-    /// The same, of an image whose `img.zqf` has `sizeZqf` bytes when it is complete: then it is behind all
-    /// blocks of its disk of `sizeRaw` bytes.
-    static uint64 cursorBehind(uint64 nBytes, uint64 sizeZqf, int64 sizeRaw);
 
 protected:
     void main() override;
