@@ -15,9 +15,16 @@
 /// A server tells a version of a file by ETag, Last-Modified or both (RFC 9110). Like is compared with like:
 /// ETags where both answers have one, whether weak or strong, else times. The mirrors of a file, and a cache
 /// in front of it, may tell other ones of the same bytes. So where they differ, or have no kind in common,
-/// and somebody can tell whether the file is still the same (setSameTest()), that decides. `If-Range` is left
-/// aside: a mirror with another ETag would answer it with the whole file, and what it asks is told by the
-/// answer's own validators before the first byte.
+/// that decides nothing by itself. The size decides, and whoever can tell whether the file is still the same
+/// (setSameTest(), which fetches `app.json` again). The answer that has raised the doubt is thrown away, and
+/// the request made again.
+///
+/// `If-Range` isn't used: the validators of an answer tell the same before its first byte, and a mirror with
+/// another ETag would send the whole file.
+///
+/// A redirect is followed once, and later requests go where it has led. Where nothing answers there it is
+/// forgotten, since the first address may lead elsewhere by then. A refusal, or a 404, of a target of a
+/// redirect never says that the server hasn't got the file or doesn't give it.
 class ZqFileFacts {
 public:
     static constexpr uint64 UNKNOWN = ~uint64{0};
@@ -45,7 +52,8 @@ public:
     /// same file.
     void doubtFirst();
     /// The file may be missing: a 403 tells that, too, as from stores that don't list their files. Its
-    /// failure has the tags NOT_FOUND and REFUSED, since it may as well be a refusal that passes.
+    /// failure has the tags NOT_FOUND and REFUSED, since it may as well be a refusal that passes. For other
+    /// files a 403 is a refusal.
     void allowAbsence();
 
     /// Where requests go now, with the headers that may go there.
@@ -90,7 +98,7 @@ private:
         SxString text;
         bool isOfSize = false;
     };
-    static constexpr size_t MAX_VERSIONS = 64;
+    static constexpr size_t MAX_VERSIONS = 64; ///< a bound for servers that tell another one each time
 
     [[noreturn]] void raiseDoubt(Doubt doubt, const char* tag) SX_REQUIRES(mutex);
     void checkSize(uint64 total) SX_REQUIRES(mutex);

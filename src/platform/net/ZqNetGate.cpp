@@ -5,7 +5,7 @@
 
 namespace {
 constexpr int64 MS = 1'000'000, SECOND_NS = 1'000 * MS;
-/// What a server may ask for; for what somebody waits for it is asked again sooner.
+/// The longest pause that a server may ask for, and when it is asked again for what somebody waits for.
 constexpr int64 MAX_PAUSE_MS = 300'000, MAX_PROBE_MS = 10'000;
 /// So many requests have to have been begun within a second, or how often they come tells nothing.
 constexpr size_t MIN_BEGUN = 3;
@@ -28,7 +28,7 @@ size_t ZqNetGate::choose(const std::vector<Request>& waiting, int64 nUnderWay, i
 
 bool ZqNetGate::mayBegin(const Request& request, int64 nUnderWay, int64 nowNs) const {
     if (nowNs < untilNs) {
-        // If it is answered the others go on, too.
+        // One at a time: if it is answered the others go on, too.
         return request.isWaitedFor && nowNs >= probeNs && nUnderWay == 0;
     }
     if (gapNs > 0 && !begun.empty() && nowNs - begun.back() < gapNs) return false;
@@ -65,7 +65,7 @@ void ZqNetGate::recover(int64 nowNs) {
         changedNs += SECOND_NS;
         if (nInRow > 0) --nInRow;
         if (maxUnderWay > 0 && ++maxUnderWay > NO_LIMIT) maxUnderWay = 0;
-        gapNs = gapNs / 5 * 4;
+        gapNs = gapNs / 5 * 4; // a quarter more often
         if (gapNs < NO_GAP_NS) gapNs = 0;
     }
 }

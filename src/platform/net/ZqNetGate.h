@@ -6,9 +6,14 @@
 #include <limits>
 #include <vector>
 
-/// What a link still asks of a server that has said that it is asked too much (429, 503): nothing for a
-/// while, then half of what was under way, and no more often than half as often, and from second to second
-/// more again. For the network thread; times are those of the steady clock.
+/// What a link still asks of a server that has said that it is asked too much (429, 503). For the network
+/// thread; times are those of the steady clock.
+///
+/// Nothing is asked for as long as its `Retry-After` says, up to 5 minutes, or else for a back-off. Meanwhile
+/// one request that somebody waits for may ask again after 10 s, and a good answer to it lets the others go
+/// on. After that half of what was under way goes at once, and requests begin half as often. With each second
+/// it is one request more, and they begin a quarter more often. So a server that takes five requests a second
+/// refuses one every few seconds. An ordered stream has a place beside the count.
 class ZqNetGate {
 public:
     explicit ZqNetGate(const ZqNetSettings& settings_) : settings(settings_) {}

@@ -16,13 +16,19 @@ class ZqNetLoop;
 class ZqTransfer;
 
 /// Limits of all requests of a link. Times are in milliseconds; a number of tries of 0 means no limit.
+///
+/// Tries end where waiting doesn't help. A range is given up after a few of them, and whoever needs it asks
+/// again in his own time. An ordered stream waits without end for a server that can't be reached, but it
+/// gives up where answers come and break off, again and again, without a byte.
 struct ZqNetSettings {
     int64 connectMs = 10'000;   ///< until a connection stands
     int64 stallMs = 10'000;     ///< without progress, until a request is given up and made again
-    int64 firstBackOffMs = 100; ///< ahead of the second try; doubled each time
+    int64 firstBackOffMs = 100; ///< before the second try; doubled each time
     int64 maxBackOffMs = 5'000;
-    int64 nRangeTries = 5;   ///< of a range or small file
-    int64 secondMs = 3'000;  ///< without progress, until one that somebody waits for is asked for twice
+    int64 nRangeTries = 5; ///< of a range or small file
+    /// Without progress, until one that somebody waits for is asked for a second time, over another
+    /// connection. A router that forgets its connections then costs this time, not `stallMs`.
+    int64 secondMs = 3'000;
     int64 busyMs = 60'000;   ///< in which a server that says it is asked too much takes none of these tries
     int64 nStreamTries = 0;  ///< of the ordered stream, while the server can't be reached
     int64 nBrokenTries = 10; ///< without a byte gained, where the server answers and breaks off
@@ -34,10 +40,14 @@ struct ZqNetSettings {
 /// Asked every 20 ms by whatever blocks; true ends the wait with an SxException of the tag "Stopped".
 using ZqStopTest = std::function<bool()>;
 
-/// The network as one job uses it: one thread drives all requests, and these share connections, priorities
-/// and one rate limit. Requests of ranges go ahead of the ordered streams: while one is on the wire, and the
-/// server answers it, the streams are held. All operations are safe from any thread; an object that uses the
-/// link keeps it alive.
+/// The network as one job uses it: one thread drives all requests over libcurl, and these share connections,
+/// priorities and one rate limit. ZqRemoteFile is one file on it, ZqRemoteImage an image of which ranges and
+/// one ordered stream are taken. All operations are safe from any thread; an object that uses the link keeps
+/// it alive.
+///
+/// Ranges go first: while a request for one is on the wire, and the server answers it, the ordered streams
+/// are held. What holds them is the request, never the mere fact that a reader waits. The stretch at the
+/// download's edge is left to the stream, so a reader of it would wait for a stream that waits for him.
 class ZqNetLink {
 public:
     /// Tags of failures, beside SxException::STOPPED.
@@ -59,10 +69,12 @@ public:
     ZqNetLink& operator=(const ZqNetLink&) = delete;
 
     const ZqNetSettings& getSettings() const noexcept { return settings; }
-    /// Bounds the ordered streams, all together, in bytes of the wire a second; 0 lifts the bound.
+    /// Bounds the ordered streams, and what is fetched ahead, all together, in bytes of the wire a second; 0
+    /// lifts the bound.
     void setRateLimit(double bytesPerSecond);
-    /// Somebody waits for what an ordered stream brings next: for 100 ms only requests on demand go ahead of
-    /// the streams.
+    /// Somebody waits for what an ordered stream brings next. For 100 ms the streams are held for requests on
+    /// demand only: not for a while after the answer to one, and not for what is fetched ahead, which is held
+    /// itself. Whoever waits calls it again and again.
     void hastenStreams();
     /// Ends every wait and request of the link within 20 ms, those to come at once, each with the tag
     /// "Stopped".

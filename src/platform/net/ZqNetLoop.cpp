@@ -14,16 +14,18 @@ namespace {
 
 constexpr const char* UNIT = "src/platform/net/ZqNetLoop";
 constexpr int64 MS = 1'000'000;
-/// The streams stay held for so many round trips behind an answer, within these bounds: one who waits for
-/// blocks mostly asks for the next ones then, and these would find the link full.
+/// The streams stay held for so many round trips after an answer to a request on demand, within these bounds:
+/// one who has waited for blocks mostly asks for the next ones then, and these would find the link full.
 constexpr int64 QUIET_TRIPS = 10;
 constexpr int64 MIN_QUIET_NS = 10 * MS, MAX_QUIET_NS = 250 * MS;
-/// Where that has taken so much time of late, of which the time between gives back a half, it is a round trip
-/// within a lower bound: an application that never ends asking must not keep the download back.
+/// This is what such holds may take in all; the time between them gives a half of its own length back. When
+/// it is used up a hold lasts one round trip only, within lower bounds: an application that asks without end
+/// must not keep the download back.
 constexpr int64 QUIET_BUDGET_NS = 10'000 * MS, MAX_SHORT_QUIET_NS = 60 * MS;
+/// Longer than the 20 ms after which one who waits for the streams says so again.
 constexpr int64 HASTENED_NS = 100 * MS;
-constexpr int64 LOOK_MS = 100;
-constexpr int64 IDLE_MS = 60'000;
+constexpr int64 LOOK_MS = 100;    ///< the longest sleep while a request is under way
+constexpr int64 IDLE_MS = 60'000; ///< the same while none is; new ones wake the thread
 
 int64 nowNs() {
     return SxClock::get().steadyNs();
@@ -260,8 +262,9 @@ void ZqNetLoop::Engine::noteHeld(Active* active) {
     active->transfer->setUsefulNs(active->progress.getSinceNs(ZqNetProgress::Second));
 }
 
-/// Where one connection is dead the idle ones beside it may be, too: an address that has changed, or a router
-/// that has forgotten them all. So nothing that comes takes any of them.
+/// Where one connection is dead the others that there are may be, too: an address that has changed, or a
+/// router that has forgotten them all. Each would cost the same wait anew. So later requests take none of
+/// them.
 void ZqNetLoop::Engine::suspect(const SxPtr<ZqTransfer>& transfer) {
     for (const auto& [easy, active] : actives) {
         if (!(active->transfer == transfer)) continue;
@@ -301,7 +304,8 @@ void ZqNetLoop::Engine::releaseHeld() {
     for (const auto& [easy, active] : actives) {
         if (active->held && !mustHold(*active)) released.push_back(active.get());
     }
-    // Under the rate limit the first may use up what there is: they take turns.
+    // Under the rate limit the first may use up what there is, and the others would starve. So they take
+    // turns.
     std::sort(released.begin(), released.end(),
               [](const Active* a, const Active* b) { return a->lastTakenNs < b->lastTakenNs; });
     for (Active* active : released) {

@@ -12,7 +12,7 @@ public:
     ~ZqNetLoop() override;
 
     void add(const SxPtr<ZqTransfer>& transfer);
-    /// The transfer is of no use any more.
+    /// The transfer is no longer of use.
     void drop(const SxPtr<ZqTransfer>& transfer);
     /// See ZqNetLink.
     void suspect(const SxPtr<ZqTransfer>& transfer);

@@ -75,7 +75,7 @@ private:
         ZqNetPace::Span span;
 
         ZqTransfer::Kind kind() const { return transfer->getKind(); }
-        /// Whether others go ahead of it, or did when it was made.
+        /// Whether it is held for others, or was when it was made.
         bool yields() const { return Engine::yields(transfer->getRequest().kind); }
     };
     struct Queued {
@@ -86,7 +86,7 @@ private:
     enum Version { Http1, Http2, N_VERSIONS };
 
     static bool yields(ZqTransfer::Kind kind);
-    /// A request that doesn't get on for so long no longer holds others.
+    /// A request that hasn't made progress for so long no longer holds others.
     static constexpr int64 PRIORITY_NS = 1'000'000'000;
 
     // ZqNetLoop.cpp

@@ -11,10 +11,11 @@ namespace {
 
 constexpr const char* UNIT = "src/platform/net/ZqNetLoopRequest";
 constexpr int64 MS = 1'000'000;
-/// What the rate limit lets an ordered stream make good after a pause.
+/// What the rate limit lets an ordered stream make up for after a pause.
 constexpr int64 CREDIT_NS = 100 * MS;
+/// Bytes that libcurl reads at once.
 constexpr long MIN_BUFFER = 16'384, MAX_BUFFER = 131'072;
-/// Bytes of an ordered stream's receive buffer.
+/// Bytes of a stream's receive buffer; the second as long as nothing is known of the link.
 constexpr double MIN_BUFFERED = 48 << 10, FIRST_BUFFERED = 64 << 10, MAX_BUFFERED = 64 << 20;
 
 int64 nowNs() {
@@ -81,9 +82,14 @@ void ZqNetLoop::Engine::tryBegin(const SxPtr<ZqTransfer>& transfer) {
     addTo<uint64>(&nRequests, 1);
 }
 
-/// What yields has a connection of its own, over HTTP/1.1: held back there, bytes stay with the server, where
-/// an HTTP/2 stream would go on into memory, within a window of 32 MiB. Connections of both versions are
-/// never in one pool: libcurl gives answers to the wrong requests there when a server ends one.
+/// What yields has a connection of its own, over HTTP/1.1: bytes that are held back there stay with the
+/// server, where HTTP/2 would let a window of 32 MiB fill. All else takes HTTP/2 where that is offered: a
+/// group of ranges then costs one handshake, and no more round trips than a single one.
+///
+/// Connections of both versions are never in one pool. libcurl 7.88 gives answers to the wrong requests there
+/// when a server ends an HTTP/2 connection, as nginx does with each thousandth request and with each reload.
+/// One version for all would be simpler. But with HTTP/2 nothing would bound what is held, and with HTTP/1.1
+/// each range that goes beside another would cost a TLS handshake.
 ZqNetPool* ZqNetLoop::Engine::poolFor(const ZqTransfer::Request& request) {
     const bool mayBeHttp2 = !yields(request.kind) && !onlyHttp1 && request.url.str().starts_with("https:");
     ZqNetPool*& pool = current.at(mayBeHttp2 ? Http2 : Http1);
@@ -154,8 +160,8 @@ size_t ZqNetLoop::Engine::onHeader(char* bytes, size_t size, size_t n, void* use
     return size * n;
 }
 
-/// A whole head is progress, but for one that only says that an answer will come. A server may redirect a few
-/// times, so that ends.
+/// A whole head is progress, but for one that only says that an answer will come (1xx). A redirect's counts;
+/// as only a few of these are followed, that ends.
 void ZqNetLoop::Engine::noteHead(Active* active) {
     long status = 0;
     curl_easy_getinfo(active->easy.get(), CURLINFO_RESPONSE_CODE, &status);
@@ -223,7 +229,8 @@ void ZqNetLoop::Engine::check(Active* active) {
     noteStatus(active);
 }
 
-/// A host may give both versions by itself, as one does that is many. Then only one is asked for.
+/// A host may give now this version and now that one where it may choose, as one does that is several
+/// machines. From then on only HTTP/1.1 is asked for, so that both are never in one pool.
 void ZqNetLoop::Engine::noteVersion(Active* active) {
     long version = 0;
     curl_easy_getinfo(active->easy.get(), CURLINFO_HTTP_VERSION, &version);
@@ -242,7 +249,9 @@ void ZqNetLoop::Engine::noteStatus(Active* active) {
     const ZqTransfer::Response& response = active->response;
     const int64 now = nowNs();
     const int64 askedMs = response.retryAfterMs(SxClock::get().systemMs());
-    // As a balancer says for the one of its servers that is gone. The others have nothing against the link.
+    // A balancer says this for the one of its servers that is gone, and the next request gets another one. So
+    // where somebody waits it is made once more at once. Only a second such answer counts as the server's
+    // own.
     const bool mayBeOneOfMany = response.status == 503 && askedMs < 0 && active->failed &&
                                 active->kind() == ZqTransfer::Kind::OnDemand &&
                                 !active->transfer->getRequest().isRepeated;
@@ -296,8 +305,9 @@ size_t ZqNetLoop::Engine::take(Active* active, const char* bytes, size_t n) {
     return active->transfer->append(bytes, n) ? n : 0;
 }
 
-/// Bounds what the server sends on while the stream is held, and with it what a range has to wait for: the
-/// system's own bound may be megabytes. A window alone wouldn't do, since it opens again with each segment
+/// Bounds the receive buffer by what the link carries in a round trip at its best rate of late, that of
+/// ranges too. What the server sends on while the stream is held arrives before every range, and the system's
+/// own buffer takes megabytes. To bound the window alone doesn't help, since it opens again with each segment
 /// as long as there is buffer. The system doubles the bytes for its own needs; what it doesn't need of that
 /// lets the rate grow.
 void ZqNetLoop::Engine::boundBuffer(const Active& active) const {
@@ -310,7 +320,7 @@ void ZqNetLoop::Engine::boundBuffer(const Active& active) const {
     ::setsockopt(active.fd, SOL_SOCKET, SO_RCVBUF, &wanted, sizeof wanted);
     ::getsockopt(active.fd, SOL_SOCKET, SO_RCVBUF, &granted, &size);
     if (granted / 2 >= wanted) return;
-    // More than a program may ask for: the system's own way gives more.
+    // A program may not ask for that much. So the system decides, whose own way gives more.
     const int unlocked = 0;
     ::setsockopt(active.fd, SOL_SOCKET, SO_BUF_LOCK, &unlocked, sizeof unlocked);
 }

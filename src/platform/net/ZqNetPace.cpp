@@ -8,9 +8,12 @@ constexpr int64 MS = 1'000'000;
 constexpr int64 RATE_NS = 50 * MS;
 /// Bytes of a range over which one is measured.
 constexpr int64 RANGE_BYTES = 96 << 10;
+/// From a stream's begin, or the end of a hold, until its bytes count: those before have waited in buffers.
 constexpr int64 SETTLE_NS = 25 * MS;
+/// The best rate is that of one such span, which goes on, and of the one before.
 constexpr int64 BEST_RATE_NS = 15'000 * MS;
-/// Longer, since under load all of them have waited for what the streams had sent ahead of them.
+/// The same of the shortest round trip. Longer, since under load every request has waited for what the
+/// streams had sent before it.
 constexpr int64 BEST_TRIP_NS = 60'000 * MS;
 } // namespace
 

@@ -8,7 +8,7 @@
 /// stream needs. The getters are safe from any thread, the rest belongs to the network thread.
 class ZqNetPace {
 public:
-    /// The measuring of one stream. What comes right behind a begin or a hold has waited in buffers and tells
+    /// The measuring of one stream. What comes right after a begin or a hold has waited in buffers and tells
     /// nothing; so each of them begins it anew.
     struct Span {
         int64 sinceNs = 0; ///< from when on bytes count; 0 while they don't

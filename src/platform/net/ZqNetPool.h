@@ -12,8 +12,9 @@
 using CURL = void;
 using CURLM = void;
 
-/// Connections and the requests on them: one multi handle of libcurl, driven by its sockets. For the network
-/// thread.
+/// Connections and the requests on them: one multi handle of libcurl, driven by its sockets. All connections
+/// must be of one version of HTTP: where libcurl 7.88 has both in one multi handle it gives answers to the
+/// wrong requests when a server ends an HTTP/2 connection. For the network thread.
 class ZqNetPool {
 public:
     /// Raises where there is no memory.
@@ -41,7 +42,7 @@ public:
     /// Bytes that a connection has received since it began, with those that aren't read yet; -1 where that
     /// isn't known.
     static int64 countReceived(int socket);
-    /// Whether a host has given two versions of HTTP; asked with each answer.
+    /// Whether a host has given two versions of HTTP, which mustn't be in one pool; asked with each answer.
     bool isMixed(const std::string& host, long version);
 
 private:

@@ -12,6 +12,7 @@ constexpr double PART_OF_BEST = 1. / 64.;
 /// A server may limit its rate, after a fast begin, too. One that brings so much is of use whatever else
 /// came.
 constexpr double MAX_RATE = 8192.;
+/// So often the patience with a slow request doubles.
 constexpr int64 MAX_DOUBLED = 3;
 } // namespace
 

@@ -19,7 +19,8 @@ public:
     void setTries(int64 n) { nMax = n; }
     /// From now on it is the turn of one of two sources of the same bytes: failed() raises, with the tag
     /// TURN_ENDED, what has failed `nTries` times in a row, or for longer than `ms`. Pauses and tries go on
-    /// from turn to turn. What a server says that is asked too much takes none of the time.
+    /// from turn to turn, so that both sources have one back-off. Answers of a server that is asked too much
+    /// take none of the time.
     void beginTurn(int64 nTries, int64 ms);
     /// Somebody waits from now on for the bytes that come next; before that nothing of a turn passes.
     void beginWait();

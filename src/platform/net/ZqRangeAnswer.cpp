@@ -6,7 +6,7 @@
 namespace {
 
 constexpr const char* UNIT = "src/platform/net/ZqRangeAnswer";
-/// Of a whole file that comes for a range so much may go to waste.
+/// Of a whole file that comes for a range so much may go to waste, in bytes.
 constexpr uint64 MAX_SKIPPED = 1 << 20;
 
 SxString rangeText(uint64 first, uint64 end) {

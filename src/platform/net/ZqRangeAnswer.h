@@ -4,9 +4,11 @@
 
 #include <atomic>
 
-/// What a response gives of the bytes that were asked for. It is taken wherever that can be told: also a
-/// larger or smaller part of the file, and the whole of it where not much of that goes to waste. The network
-/// thread fills it in, whoever made the request reads it.
+/// What a response gives of the bytes that were asked for. It is taken wherever that can be told: a larger
+/// part of the file is cut, a smaller one taken as far as it goes, and a total of "*" or a unit in capitals
+/// is understood. A whole file is used for a range that begins in its first mebibyte, where the file's size
+/// is known. Else the failure says what the server lacks. The network thread fills it in, whoever made the
+/// request reads it.
 class ZqRangeAnswer {
 public:
     static constexpr uint64 UNKNOWN = ZqFileFacts::UNKNOWN;

@@ -51,7 +51,7 @@ ZqTransfer::Request ZqRangeReader::makeRequest() const {
     request.isRepeated = isRepeated;
     request.nSlow = nSlow;
     if (fresh) request.headers.append("Cache-Control: no-cache");
-    // The whole file is asked for without a range, which every server and every cache knows.
+    // The whole file, as each record is, is asked for without a range, so that every cache serves it.
     if (pos > 0 || end != UNKNOWN) {
         request.range = SxString(pos) + "-" + (end == UNKNOWN ? SxString() : SxString(end - 1));
     }
@@ -105,15 +105,17 @@ void ZqRangeReader::noteVersion() {
 }
 
 /// Mirrors may take turns, so the one that the unit was begun with is asked for once more; where it doesn't
-/// answer the unit begins anew. Which of both comes next depends on how often they were of no use, or mirrors
-/// in a fixed order could undo each step of it.
+/// answer the unit begins anew. Of three answers of another version the first is asked again, and the two
+/// after it let the unit begin anew: with a plain change from one to the other, mirrors in a fixed order
+/// could undo each step.
 void ZqRangeReader::goElsewhere(const SxException& e, const ZqStopTest& stop) {
     const bool isAgain = nElsewhere % 3 == 0;
     if (++nElsewhere > 1) retry->failed(e, stop);
     if (!isAgain) throw SxException(ANEW, "The range begins anew", UNIT, __LINE__);
 }
 
-/// Whether somebody has waited for so long that the connection may be dead, or of no use.
+/// Whether somebody has waited for so long that the connection may be dead, or of no use. One that is slow,
+/// and not silent, is compared with another only where ZqNetLink::mayCompare() allows it.
 bool ZqRangeReader::isOverdue() {
     const int64 usefulNs = transfer->getUsefulNs(), dueNs = link->getSettings().secondMs * MS;
     if (hadSecond || usefulNs == 0) return false;

@@ -6,7 +6,19 @@
 #include "ZqTransfer.h"
 
 /// Reads bytes of a remote file in order, over as many requests as it takes: each goes on where the one
-/// before stopped, also on another mirror of the file. For one thread.
+/// before stopped, also on another mirror of the file. Broken transfers, time-outs and answers of 5xx are
+/// tried again with a back-off (ZqNetRetry). For one thread.
+///
+/// What is read as one, as by read() or takeAll(), is of one version. Where it breaks off and a mirror with
+/// other validators would go on, the first is asked for once more, since mirrors may take turns; after that
+/// all of it begins anew. This counts as a try like others, and bytes that have come before are no progress,
+/// so it ends. What is checked afterwards (setChecked()) may be of several mirrors. So may what next() alone
+/// gives, as an ordered stream takes it: it goes on where it is, and checksums or the digest of the whole
+/// tell whether that was right.
+///
+/// Where somebody waits, and nothing of use has come for `secondMs`, the same request is made over a second
+/// connection, also in the middle of an answer; never a third beside these. The first that brings 4 KiB, or
+/// all, is taken, and nothing of the other: both begin at the same byte.
 class ZqRangeReader {
 public:
     /// Bytes `first` to `end` - 1; an `end` of ZqRemoteFile::UNKNOWN means the file's end.

@@ -114,7 +114,7 @@ void ZqRemoteFile::fetchTo(const SxString& path, const ZqStopTest& stop, uint64 
                     target->seek(0);
                 },
                 [&](const SxArray<char>& piece) {
-                    // A server need not say ahead how much there is.
+                    // A server need not say beforehand how much there is.
                     requireNoMore(static_cast<uint64>(target->getOffset() + piece.getSize()), maxSize);
                     target->writeBuffer(piece.data(), piece.getSize());
                 },

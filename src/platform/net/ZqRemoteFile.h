@@ -9,8 +9,8 @@
 class ZqRangeReader;
 
 /// One file on an HTTP server (RFC 9110). Size and validators are learned from the first response; whatever
-/// differs later is an error, never data, see ZqFileFacts. Redirects are followed once, and later requests go
-/// where they led, as long as that answers. All operations are safe from any thread.
+/// differs later is an error, never data, see ZqFileFacts, also for where redirects lead. All operations are
+/// safe from any thread.
 class ZqRemoteFile {
 public:
     static constexpr uint64 UNKNOWN = ZqFileFacts::UNKNOWN;
@@ -20,13 +20,13 @@ public:
     ZqRemoteFile(const SxPtr<ZqNetLink>& link_, const SxString& url, const SxArray<SxString>& headers = {},
                  uint64 expectedSize = UNKNOWN);
 
-    /// The address of a file in a folder, whose address may lack the slash at its end. What stands behind a
-    /// "?" there, as an access token does, stands behind the file's name, too.
+    /// The address of a file in a folder, whose address may lack the slash at its end. What stands after a
+    /// "?" there, as an access token does, stands after the file's name, too.
     static SxString urlIn(const SxString& folderUrl, const SxString& name);
 
     const SxString& getUrl() const noexcept { return facts->getUrl(); }
     const SxPtr<ZqNetLink>& getLink() const noexcept { return link; }
-    /// Bytes of the file; UNKNOWN ahead of the first response.
+    /// Bytes of the file; UNKNOWN before the first response.
     uint64 getSize() const { return facts->getSize(); }
     /// Replaces the headers of later requests.
     void setHeaders(const SxArray<SxString>& headers) { facts->setHeaders(headers); }
@@ -38,8 +38,8 @@ public:
     /// are for one thread.
     void setRetry(const SxPtr<ZqNetRetry>& retry_) { retry = retry_; }
 
-    /// Fetches `size` bytes from `offset` on into `buffer`, ahead of all ordered streams. Blocks; tries again
-    /// as the link's settings say. Raises SxException with the tags of ZqNetLink.
+    /// Fetches `size` bytes from `offset` on into `buffer`; all ordered streams are held for that. Blocks;
+    /// tries again as the link's settings say. Raises SxException with the tags of ZqNetLink.
     void read(uint64 offset, uint64 size, char* buffer, const ZqStopTest& stop = nullptr);
     /// The same for a request that was begun before.
     void finish(ZqRangeReader* reader, uint64 size, char* buffer, const ZqStopTest& stop);

@@ -17,12 +17,12 @@ class ZqTransfer {
 public:
     enum class Kind {
         Small,    ///< beside everything else
-        OnDemand, ///< ahead of all others
+        OnDemand, ///< goes first: those below are held for it
         Ahead,    ///< held while an on-demand request is on the wire; under the rate limit
-        Ordered ///< held while one of both is on the wire, and for a while behind that; under the rate limit
+        Ordered   ///< held while one of both is on the wire, and for a while after one on demand; rate limit
     };
 
-    /// What a response says ahead of its body; -1 where it doesn't say.
+    /// What a response says before its body; -1 where it doesn't say.
     struct Response {
         int status = 0;
         SxString url; ///< where redirects have led
@@ -32,23 +32,24 @@ public:
         bool isOfProxy = false;                  ///< a proxy says that the answer is its own
         SxString retryAfter, date;               ///< as they stand there
 
-        /// One line of the response's head. A status line begins a response anew, as behind a redirect.
+        /// One line of the response's head. A status line begins a response anew, as after a redirect.
         void takeHeader(std::string_view line);
         /// Milliseconds that the server asks to wait (Retry-After), by its own clock where it tells it, else
         /// by `systemMs`, the time of the system; -1 where it doesn't ask.
         int64 retryAfterMs(int64 systemMs) const;
     };
-    /// Called on the network thread ahead of the first body byte; raises where the response is of no use.
+    /// Called on the network thread before the first body byte; raises where the response is of no use.
     using Check = std::function<void(const Response&)>;
 
-    /// What the consumer gets of a body, as the check says: `nTake` bytes behind the first `nSkip`. It is cut
-    /// off behind them with `isMore`, and wrong without. Belongs to the network thread.
+    /// What the consumer gets of a body, as the check says: `nTake` bytes after the first `nSkip`. Where more
+    /// comes after these it is cut off with `isMore`, and the answer is wrong without. Belongs to the network
+    /// thread.
     struct Part {
         int64 nSkip = 0, nTake = 0;
         bool isMore = false;
     };
 
-    /// Tag of a failure: the request may be made again at once, and that another server answers then.
+    /// Tag of a failure: the request may be made again at once, since another server may answer then.
     static constexpr const char* AT_ONCE = "AtOnce";
     /// Tag of a failure: bytes came, but too few to be of use.
     static constexpr const char* SLOW = "Slow";
@@ -75,7 +76,7 @@ public:
 
     // For the consumer.
     /// The next bytes; waits up to 20 ms for them. `Waiting` where none have come in that time. Raises the
-    /// transfer's failure, after the bytes that came ahead of it.
+    /// transfer's failure, after the bytes that came before it.
     enum class Next { Taken, Waiting, Ended };
     Next next(SxArray<char>* piece);
     bool isFinished() const;

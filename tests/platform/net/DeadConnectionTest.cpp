@@ -49,7 +49,7 @@ protected:
         ASSERT_EQ(reader.readAll(buffer.data(), RANGE, nullptr), RANGE);
         EXPECT_TRUE(buffer == bytes.substr(first, RANGE)) << "from " << first;
     }
-    /// Leaves so many idle connections behind.
+    /// Leaves so many connections idle.
     void connect(int n) {
         server.setLatency(100);
         Readers readers;
@@ -171,7 +171,7 @@ TEST_F(DeadConnection, aStalledStreamGoesOnOverAFreshOne) {
     std::string all;
     int64 start = 0;
     {
-        // Streams that have ended leave idle connections behind, each of which would cost a stall.
+        // Streams that have ended leave connections idle, each of which would cost a stall.
         server.setLatency(100);
         Readers others;
         for (int i = 0; i < 6; ++i)

@@ -65,7 +65,7 @@ TEST_F(RemoteFile, givesWhatTheServerHas) {
     EXPECT_TRUE(stream(file, 0) == bytes);
     EXPECT_TRUE(stream(file, 2'999'999) == bytes.substr(2'999'999));
     EXPECT_EQ(SxString(file->get(3'000'000)).str(), bytes);
-    // Ranges one after the other share a connection, and so does what comes behind the stream.
+    // Ranges one after the other share a connection, and so does what comes after the stream.
     EXPECT_LE(server.getNConnections(), 3u);
 
     dir.write("empty", "");
