@@ -14,7 +14,7 @@ void ZqRemoteImage::AheadLoader::main() {
             // Whoever needs the bytes asks for them again, and is told.
             zqLogMsg("NET", e.toString(SxException::ShowMessage, ": "));
         } catch (const std::exception& e) {
-            zqLogMsg("NET", SxString("Nothing is fetched ahead for now: ") + e.what());
+            zqLogMsg("NET", SxString("What follows isn't fetched for now: ") + e.what());
         }
     }
 }

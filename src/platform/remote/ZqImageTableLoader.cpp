@@ -9,7 +9,7 @@
 
 namespace {
 constexpr const char* UNIT = "src/platform/remote/ZqImageTableLoader";
-/// The longest pause, in first ones.
+/// The longest pause, in first ones: 10 min with the usual settings.
 constexpr int64 MOST_PAUSES = 120;
 } // namespace
 
@@ -103,7 +103,8 @@ void ZqRemoteImage::TableLoader::load() {
         image->refusePacked();
         return;
     }
-    // The last bytes are asked for by their place: some servers know no other way.
+    // The table is asked for by its place, which the size in the first answer gives: few servers and stores
+    // know a request for the last bytes.
     const uint64 size = image->packed->getSize();
     if (size == ZqRemoteFile::UNKNOWN) {
         throw SxException(ZqNetLink::WRONG, "The server doesn't say how many bytes it has", UNIT, __LINE__);

@@ -3,8 +3,10 @@
 #include "SxSystemThread.h"
 #include "ZqRemoteImage.h"
 
-/// Fetches the seek table of a remote image beside everything else, and again where the packed form was left
-/// aside.
+/// Fetches the seek table of a remote image beside everything else, and again where that has failed or the
+/// packed form was left aside: after 5 s, then after twice that each time, up to 10 min. A packed form that
+/// isn't there (404) is looked for as often, since plain stretches go unchecked meanwhile. Where its server
+/// doesn't answer the table is asked for every few seconds, which brings the packed form back.
 class ZqRemoteImage::TableLoader : public SxSystemThread {
 public:
     explicit TableLoader(ZqRemoteImage* image_) : image(image_) { setThreadName("zqtable"); }

@@ -71,7 +71,7 @@ void ZqNetDownload::setChunks(uint64 requestSize, uint64 maxBuffered) {
     constexpr uint64 MOST = 1 << 30;
     const ZqNetSettings usual;
     SxMutexBlock lock(&mutex);
-    if (link) throw SxException("The sizes of requests are set ahead of the first one", UNIT, __LINE__);
+    if (link) throw SxException("The sizes of requests are set before the first one", UNIT, __LINE__);
     settings.segmentSize =
         requestSize > 0 ? static_cast<int64>(std::min(requestSize, MOST)) : usual.segmentSize;
     settings.maxBuffered =

@@ -5,7 +5,7 @@
 
 class ZqRangeReader;
 
-/// The object behind one download of `zqnetio`: ranges from any thread, and one whole download on a thread of
+/// The object of one download of `zqnetio`: ranges from any thread, and one whole download on a thread of
 /// its own. Ranges and the whole come from an offered image of the same address, or from the address itself.
 class ZqNetDownload : public SxSystemThread {
 public:

@@ -16,14 +16,16 @@ namespace {
 
 constexpr const char* UNIT = "src/platform/remote/ZqRemoteImage";
 constexpr auto LOOK = std::chrono::milliseconds(20);
-/// They are woken for work and for a stop.
+/// Loaders are woken for work and for a stop.
 constexpr auto LOADER_LOOK = std::chrono::seconds(1);
 constexpr size_t N_LOADERS = 4;
-/// Bytes that came with others and that nobody has asked for yet. The ordered stream waits for them.
+/// Bytes that came with others and that nobody has asked for yet. The ordered stream is held for such
+/// requests, so without a bound an image that is read all over would never be complete.
 constexpr uint64 MAX_UNUSED = 32 << 20;
 /// Stretches are fetched together where a round trip carries so much of one: so many round trips' worth, and
-/// never more than the last.
+/// never more than the last. See countTogether().
 constexpr double MIN_IN_TRIP = 0.5, TRIPS_TOGETHER = 4., MAX_TOGETHER = 8.;
+/// A stream that has made no progress for two round trips, and at least for so long, reaches no stretch soon.
 constexpr int64 MIN_PATIENCE_NS = 100'000'000;
 
 } // namespace
@@ -132,7 +134,7 @@ uint64 ZqRemoteImage::stretchSize(uint64 stretchIdx) const {
 void ZqRemoteImage::checkRange(uint64 offset, uint64 size) const {
     if (offset <= sizeZqf && size <= sizeZqf - offset) return;
     throw SxException("Bytes " + SxString(offset) + "-" + SxString(offset + size - 1) + " of '" +
-                          ZqUrlText::of(getUrl()) + "' lie behind its end at " + SxString(sizeZqf),
+                          ZqUrlText::of(getUrl()) + "' lie beyond its end at " + SxString(sizeZqf),
                       UNIT, __LINE__);
 }
 
@@ -164,12 +166,12 @@ void ZqRemoteImage::announce(const SxArray<uint64>& offsets, const SxArray<uint6
             }
         }
     }
-    // Several fill the link by themselves.
+    // Several stretches fill the link by themselves, so none of them brings others with it.
     for (const uint64 idx : missing)
         group[idx] = beginDemand(idx, missing.size() > 1);
     SxMutexBlock lock(&mutex);
     for (auto& [idx, fetch] : group) {
-        // Another group's goes with this one's, behind the lock.
+        // One of another group goes with this group, after the lock.
         if (fetch) std::swap(announced[idx], fetch);
     }
 }
@@ -286,7 +288,7 @@ void ZqRemoteImage::begin(Fetch* fetch, ZqTransfer::Kind kind) {
                                                  offsetOf(lastIdx) + fetch->wireSize(lastIdx),
                                                  isAlone ? kind : ZqTransfer::Kind::Ahead);
     if (isDistrusted) fetch->reader->setFresh();
-    // Somebody waits, and silence lasts as long as a request may.
+    // Where somebody waits one request that is silent to its end is enough: it lasts longer than this turn.
     if (fetch->table) fetch->reader->beginTurn(TURN_TRIES, getLink()->getSettings().stallMs / 2);
     // One that came wrong may have been mixed of two packed forms.
     if (!fetch->isAgain && canCheck(fetch->table)) fetch->reader->setChecked();

@@ -17,7 +17,9 @@ namespace {
 constexpr const char* UNIT = "src/platform/remote/ZqRemoteImageKept";
 constexpr auto LOOK = std::chrono::milliseconds(20);
 /// How long a stretch of the plain form waits for the table that tells whether it is right, from the first
-/// request for that on. A table takes a hundredth of a percent of its image.
+/// request for that on. But for very large images a table comes in less time than a stretch takes: it has a
+/// hundredth of a percent of its image. After this time the plain form goes on, unchecked until the table is
+/// there.
 constexpr int64 TABLE_PATIENCE_NS = 2'000'000'000;
 /// Nobody waits for what is stored, and what it takes of the disk is given back at leisure.
 constexpr auto STORER_LOOK = std::chrono::seconds(1);

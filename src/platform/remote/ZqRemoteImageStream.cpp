@@ -16,8 +16,10 @@ constexpr auto LOOK = std::chrono::milliseconds(20);
 constexpr uint64 NOWHERE = ~uint64{0};
 /// A request of the stream lasts so long, so that its round trip costs a hundredth at most.
 constexpr double SEGMENT_SECONDS = 2., SEGMENT_TRIPS = 100.;
-/// Round trips that it costs to break a request off and begin behind a kept stretch: what is on the way is
-/// lost, a connection made, the new request answered. Where a request ends anyway it is one.
+/// Round trips that it costs to break a request off and begin after a kept stretch: what is on the way is
+/// lost, a connection made, the new request answered. Where a request ends anyway it is one. What is kept is
+/// skipped where that costs less than to receive it once more. So on a link whose round trip carries more
+/// than a stretch, single ones still come twice.
 constexpr double TRIPS_OF_BREAK = 3., TRIPS_OF_REQUEST = 1.;
 
 void cutFront(SxArray<char>* bytes, int64 n) {
@@ -41,7 +43,8 @@ public:
 
 private:
     uint64 stretchIdx() const { return pos / STRETCH; }
-    /// One connection that is dead is no reason to turn to the other form.
+    /// Longer than one request that is silent to its end: a single dead connection is no reason to turn to
+    /// the other form.
     int64 turnMs() const { return image->getLink()->getSettings().stallMs * 3 / 2; }
     bool usesPacked();
     bool runPlain();
@@ -68,7 +71,7 @@ private:
     const Sink& sink;
     const ZqStopTest& stop;
     uint64 pos;               ///< the decoded byte that the sink gets next
-    uint64 received = 0;      ///< the byte of the plain form that comes next; ahead of `pos` or behind
+    uint64 received = 0;      ///< the byte of the plain form that comes next; before `pos` or beyond it
     bool awaitsTable = false; ///< the plain form is taken until the packed one can be
     Bytes assembled;          ///< the stretch at `received` so far, in the plain form; null without its begin
     uint64 wireIdx = 0, wirePos = 0; ///< a stretch, and where its frame begins
@@ -132,7 +135,7 @@ bool ZqRemoteImage::StreamRun::usesPacked() {
         if (image->getTable()) return true;
         SxMutexBlock lock(&image->mutex);
         if (image->state == Packed::Absent || image->state == Packed::Aside) return false;
-        // The first frame stands at the begin of the file; behind a frame follows the next.
+        // The first frame stands at the file's begin, and each frame is followed by the next.
         if (image->state == Packed::Unknown && wireIdx == stretchIdx()) return true;
         // A table that doesn't come holds up nobody.
         if (image->isTableSettled()) return false;
@@ -149,7 +152,8 @@ bool ZqRemoteImage::StreamRun::mayCheck() const {
 bool ZqRemoteImage::StreamRun::runPlain() {
     assembled = nullptr;
     awaitsTable = image->getState() == Packed::Unknown;
-    // A stretch is checked as a whole, also one of which a part was there before.
+    // A stretch is checked as a whole. Where `img.zqf` ends in the middle of one, all of it is fetched and
+    // checked, and its rest handed on. The begin that the file has is the business of the image's digest.
     received = mayCheck() ? stretchIdx() * STRETCH : pos;
     ZqRangeReader reader(*image->plain, received, std::min(endOfRequest() * STRETCH, image->sizeZqf),
                          ZqTransfer::Kind::Ordered);

@@ -34,7 +34,7 @@ bool ZqRemoteImage::takeTable(const SxPtr<ZqSeekTable>& table_, bool isStated) {
     {
         SxMutexBlock lock(&mutex);
         // The checksums are of decoded bytes, so those of the image that was packed anew are the same. A file
-        // that doesn't say what it is of may be an old one, and gives way to one that does.
+        // that doesn't say what it was packed of may be an old one, and gives way to one that does.
         const bool isBetter = isStated && !isTableStated;
         const bool isOther = table && !table_->hasSameChecksums(*table);
         if (isOther && table->hasChecksums() && !isBetter) return false;

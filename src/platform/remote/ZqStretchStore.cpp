@@ -60,7 +60,7 @@ ZqStretchStore::ZqStretchStore(const SxString& folder, const SxString& key, uint
     if (!openOld(folder, key)) {
         makeNew(folder, key);
         if (!openOld(folder, key)) {
-            throw SxException("Cannot keep what comes ahead in folder '" + folder + "'", UNIT, __LINE__);
+            throw SxException("Cannot keep what comes early in folder '" + folder + "'", UNIT, __LINE__);
         }
     }
     pass(nPassed);
@@ -133,7 +133,7 @@ void ZqStretchStore::makeNew(const SxString& folder, const SxString& key) const 
         // Where holes can't be made, the file would at once take the room of the whole image.
         const int result = SxOs::get().punchHole(newData.getFd(), 0, static_cast<int64>(sizeStretch));
         if (result < 0) {
-            throw SxException("Cannot keep what comes ahead in '" + newData.getFilePath() +
+            throw SxException("Cannot keep what comes early in '" + newData.getFilePath() +
                                   "': " + SxOs::errorText(result),
                               UNIT, __LINE__);
         }
@@ -197,7 +197,8 @@ void ZqStretchStore::drop(uint64 stretchIdx) {
                           static_cast<int64>(sizeOf(stretchIdx)));
 }
 
-/// An entry that can't be written costs a fetch in the next run, no more: it says what isn't there.
+/// An entry that can't be written costs a fetch in the next run, and nothing else: a stretch without its
+/// checksum counts as absent.
 void ZqStretchStore::mark(uint64 stretchIdx, uint64 checksum) {
     {
         const SxMutexBlock lock(&mutex);

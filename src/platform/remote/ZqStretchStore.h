@@ -8,9 +8,9 @@
 
 #include <vector>
 
-/// Stretches of `img.zqf` that have come before its end has, kept beside it from one run to the next: the
-/// sparse file `img.ahead`, with each stretch where it will stand in `img.zqf`, and `img.ahead.idx` with a
-/// checksum of each. Nothing is synced: what a cut has torn doesn't have its checksum, and counts as absent.
+/// Stretches that lie beyond the end of `img.zqf` so far, kept beside it from one run to the next: the sparse
+/// file `img.ahead`, with each stretch where it will stand in `img.zqf`, and `img.ahead.idx` with a checksum
+/// of each. Nothing is synced: what a power cut has torn doesn't have its checksum, and counts as absent.
 /// Stretches are numbered from 0; all sizes are in bytes. One object for an image at a time; its operations
 /// are safe from any thread, but for writes and drops of the same stretch beside each other.
 class ZqStretchStore {

@@ -13,7 +13,7 @@ ZqNetDownload*& handleOf(const void* download) {
     return *static_cast<ZqNetDownload**>(const_cast<void*>(download));
 }
 
-/// Runs `act` on the object behind `download`; what it raises becomes a status and the last error.
+/// Runs `act` on the object of `download`; what it raises becomes a status and the last error.
 template<class Act>
 ZqNetioStatus withDownload(const void* download, Act act) {
     if (!download || !handleOf(download)) return NO_DOWNLOAD;

@@ -80,7 +80,7 @@ TEST_F(RemoteImage, givesTheSameBytesInEachForm) {
         }
         for (const uint64 offset : {uint64{1}, 7 * STRETCH, 7 * STRETCH + 4096, zqf.size() - 1, zqf.size()})
             EXPECT_TRUE(streamOf(*open(), offset) == zqf.substr(offset)) << "from " << offset;
-        EXPECT_THAT(failureOf([&] { readOf(*image, zqf.size() - 1, 2); }), HasSubstr("lie behind its end"));
+        EXPECT_THAT(failureOf([&] { readOf(*image, zqf.size() - 1, 2); }), HasSubstr("lie beyond its end"));
     }
 }
 
@@ -434,7 +434,7 @@ TEST_F(RemoteImageBusy, putsRangesFirst) {
     const uint64 nBefore = nStreamed;
     for (uint64 idx = 20; idx < 28; ++idx)
         ASSERT_TRUE(readOf(*image, idx * STRETCH, STRETCH) == zqf.substr(idx * STRETCH, STRETCH));
-    // An equal share would be eight stretches; some passes ahead of each hold.
+    // An equal share would be eight stretches; some passes before each hold.
     EXPECT_LT(nStreamed - nBefore, 5 * STRETCH);
     server.setRate(0);
     EXPECT_TRUE(SxWait::pass(5000, [&] { return nStreamed == zqf.size(); })) << "the stream didn't go on";
