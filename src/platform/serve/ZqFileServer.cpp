@@ -204,7 +204,7 @@ void ZqFileServer::Served::respond(const httplib::Request& request, httplib::Res
     response->set_header("Last-Modified", date);
     response->set_header("Accept-Ranges", "bytes");
     response->status = chooseRange(request, tag, date, file.get(), response);
-    if (response->status == 416) return text(response, 416, "The file ends ahead of that range");
+    if (response->status == 416) return text(response, 416, "The file ends before that range");
 
     const char* type = file->name.ends_with(".json") ? "application/json" : "application/octet-stream";
     if (file->range.n == 0) return response->set_content("", type);
@@ -264,7 +264,7 @@ bool ZqFileServer::Served::send(const OpenFile& file, int64 at, int64 n, httplib
             byte = static_cast<char>(~byte);
     }
     {
-        // Ahead of the sending, so that whoever has got the bytes finds them counted.
+        // Before the sending, so that whoever has got the bytes finds them counted.
         const SxMutexBlock block(&mutex);
         counts[file.name].bytes += static_cast<uint64>(n);
         counts[""].bytes += static_cast<uint64>(n);
@@ -284,7 +284,8 @@ public:
         setThreadName("http client");
         const int on = 1;
         ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-        // What the system takes in advance has passed the link already, and would take the share of others.
+        // What the system takes in advance counts as passed, though no client has it: it would take the share
+        // of others, and a client that holds one transfer for another would gain nothing by it.
         if (served->link.get() > 0) ::setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &SEND_AHEAD, sizeof SEND_AHEAD);
         ::fcntl(fd, F_SETFD, FD_CLOEXEC);
     }
@@ -294,7 +295,7 @@ public:
         stopped = true;
         ::shutdown(fd, SHUT_RDWR);
     }
-    /// Looks at a request ahead of its answer.
+    /// Looks at a request before its answer.
     void begin(const httplib::Request& request) {
         const bool readOnly = request.method == "GET" || request.method == "HEAD";
         last = !readOnly || served->has(Close); // another method's body may follow
@@ -397,8 +398,9 @@ private:
     std::optional<ZqLinkRate::Busy> busy;
 };
 
-/// The listening socket. The base parses requests and writes responses; how connections are read and paced
-/// is ours, since a link can't be played on its streams, and it looks at an idle one only every 10 ms.
+/// The listening socket. The base, of cpp-httplib, parses requests and writes responses. How connections are
+/// read and paced is ours: a link can't be played on the base's streams, and it looks at an idle connection
+/// only every 10 ms, which would be half of a round trip.
 class ZqFileServer::Server : public httplib::Server {
 public:
     explicit Server(Served* served_) : served(served_), listener(this) {
@@ -479,7 +481,7 @@ private:
         ++served->nConnections;
         const auto process = [this](Connection& connection, bool* closed) {
             return process_request(connection, false, *closed, [&](httplib::Request& request) {
-                request.ranges.clear(); // which the base doesn't bound by the file
+                request.ranges.clear(); // the base takes ranges beyond the end of a file for data
                 connection.begin(request);
             });
         };
@@ -490,7 +492,7 @@ private:
 
     Served* served;
     Listener listener;
-    std::vector<std::unique_ptr<Connection>> connections; ///< the listener's, and the owner's behind its end
+    std::vector<std::unique_ptr<Connection>> connections; ///< the listener's, and the owner's after its end
 };
 
 ZqFileServer::Fault ZqFileServer::stringToFault(const SxString& name) {

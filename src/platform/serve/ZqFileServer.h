@@ -6,23 +6,27 @@
 #include <memory>
 
 /// Serves the files of a folder over HTTP/1.1 on the loopback interface: GET and HEAD, one range, If-Range,
-/// ETag and Last-Modified, connections kept open. It stands for a web server behind a link: there is one rate
-/// for all connections, a delay for each response, and faults that can be switched on and off. What lies
-/// outside of the folder isn't served, be it by ".." or by a link. Safe from any thread but for start() and
-/// stop().
+/// ETag and Last-Modified, connections kept open. It stands for a web server that is reached over a slow
+/// link, for `tavrin serve` and for tests of downloads: there is one rate for all connections, a delay for
+/// each response, and faults that come on request. What lies outside of the folder isn't served, be it by
+/// ".." or by a link. Safe from any thread but for start() and stop().
+///
+/// The delay is that of a request, measured from its first byte, and holds up no other connection. That a new
+/// connection costs a round trip more isn't played.
 class ZqFileServer {
 public:
-    /// What goes wrong; several may be joined by "|".
+    /// What goes wrong; several may be joined by "|". Where there is a choice a fault is the harder case for
+    /// the client: a connection is closed without a word before, a shortened file keeps its ETag.
     enum Fault : unsigned {
-        Stall = 1,       ///< "stall": no body goes on behind its middle, as long as the fault is there
-        Close = 2,       ///< "close": the connection is closed behind each response, unannounced
+        Stall = 1,       ///< "stall": no body goes on beyond its middle, as long as the fault is there
+        Close = 2,       ///< "close": the connection is closed after each response, unannounced
         Drop10 = 4,      ///< "drop10": every tenth request's connection is closed without a response
         Short = 8,       ///< "short": half of the range that was asked for, which the response says
         WrongRange = 16, ///< "wrong-range": another range than asked for, which the response says
         Whole = 32,      ///< "200": ranges are passed over
-        Truncate = 64,   ///< "truncate": files have half of their bytes
+        Truncate = 64,   ///< "truncate": files have half of their bytes, and the ETag of all
         Error500 = 128,  ///< "500": every response is one of that status
-        Changed = 256,   ///< "changed": behind half of its bytes a file has others, and another ETag
+        Changed = 256,   ///< "changed": after half of its bytes were sent a file has others, and another ETag
         Login = 512,     ///< "login": every response is a page to log in to, with status 200
         Error403 = 1024  ///< "403": every response is one of that status
     };

@@ -7,7 +7,7 @@
 namespace {
 constexpr int64 SECOND_NS = 1'000'000'000;
 constexpr int64 LOOK_NS = 10'000'000;
-/// What a busy link may be behind and make up for.
+/// How late a busy link may be and still make up for it.
 constexpr int64 MAX_DEBT_NS = 50'000'000;
 constexpr int64 SLICES_PER_SECOND = 1000;
 /// A packet of an Ethernet; smaller slices are only work.

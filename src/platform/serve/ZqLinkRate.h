@@ -6,8 +6,9 @@
 #include <functional>
 
 /// The rate of a link that several connections share. Each sends in slices of about a millisecond of the link
-/// and waits for its turn with each, so that all get the same share. A link that was idle has saved nothing
-/// up; one that is busy makes up for sleeps that took too long. Safe from any thread.
+/// and waits for its turn with each, so that all get the same share, and one that comes waits for one slice
+/// of each other at most. Times are absolute: a busy link makes up for sleeps that took too long, up to 50
+/// ms. A link that was idle has saved nothing up. Safe from any thread.
 class ZqLinkRate {
 public:
     /// Bytes per second; 0 is no limit.
