@@ -68,8 +68,8 @@ def write_records(image, idx_bytes, app):
 
 
 def scatter(image, partial):
-    """Stores the image in runs in random order, those that only the marked file has behind all others; makes the
-    partial image of the part ahead of these. Gives the number of RAW blocks."""
+    """Stores the image in runs in random order, those that only the marked file has after all others; makes the
+    partial image of the part before these. Gives the number of RAW blocks."""
     idx = array.array("Q", (image / "img.idx").read_bytes())
     app = json.loads((image / "app.json").read_text(encoding="utf-8"))
     new_place = array.array("Q", bytes(app["disk"]["sizeZqf"] // BLOCK * 8))

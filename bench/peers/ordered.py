@@ -11,7 +11,7 @@ files, the game's own start-up subtracted. The same sessions are started from a 
 first access in the traced session (`mksquashfs -sort`), which rclone or nbdkit shows.
 
 The ideal of a session are the blocks that it reads until its first frame, compressed with zstd level 3 in pieces of
-256 KiB, over the link's rate, and two round trips. One further run of ours goes on behind the first frame, and tells
+256 KiB, over the link's rate, and two round trips. One further run of ours goes on after the first frame, and tells
 how much of the image, compressed, had to be there for it, what was fetched on demand, and when the last underflow was.
 
 Values are medians of rounds that all ways make in turn. Needs root; what it starts, mounts and writes is gone at the
@@ -41,7 +41,7 @@ from traces import BLOCK, NO_ENTRY, packed_sizes, read_app, read_items, read_map
 
 N_TRACES = 3
 PIECE = 256 << 10
-PLAY_S = 5  # behind the first frame
+PLAY_S = 5  # after the first frame
 LATE_MS = 1000
 NAMES = {FIRST: "traced", OTHER: "other"}  # of the sessions
 OURS = "ours, ordered"
@@ -151,7 +151,7 @@ class OrderBench(Starter):
                 if way == OURS or OURS not in values:
                     print(text)
                 else:
-                    table.goal(f"{text}  goal: ours is ahead", values[OURS][0] < seconds)
+                    table.goal(f"{text}  goal: ours is faster", values[OURS][0] < seconds)
             print(f"  {'ideal':<26}{name:<10}{ideal_s:>14.2f}{self.ideals[session] / 1e6:>10.1f}  own {own:.2f} s")
             if OURS in values:
                 factor = 1.3 if session == FIRST else 2
@@ -181,7 +181,7 @@ class OrderBench(Starter):
         table.goal(f"{text}  goal <= 1.2", prefix <= 1.2 * ideal) if session == FIRST else print(text)
         text = f"  {name}: on demand {demanded / 1e6:.2f} MB in {report['nOnDemandFetches']} requests"
         table.goal(f"{text}  goal: none", demanded == 0) if session == FIRST else print(text)
-        text = f"  {name}: the last underflow {late} ms behind the frame"
+        text = f"  {name}: the last underflow {late} ms after the frame"
         table.goal(f"{text}  goal <= {LATE_MS}", late <= LATE_MS) if session == FIRST else print(text)
 
 

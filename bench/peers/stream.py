@@ -5,8 +5,8 @@
                           [--dir DIR]
 
 Everybody gets the same folder of files over the same link: `tavrin serve`, whose rate all connections share and whose
-latency goes ahead of each response. A way begins with its first command and in an empty folder; the game's own
-start-up, measured from a local folder, is subtracted from all. The file system caches are dropped ahead of each way,
+latency comes before each response. A way begins with its first command and in an empty folder; the game's own
+start-up, measured from a local folder, is subtracted from all. The file system caches are dropped before each way,
 then the programs are warmed up by a start from the local folder and the served files are read, so that nothing but
 the link is slow. The first frame is told by a library that is preloaded into the game; the bytes are the server's
 count up to then. "ours" starts with `run --url --now`, on an image without an order, plain and packed.
@@ -259,7 +259,7 @@ class FileBench:
             limit = int([line for line in log if not line.startswith("#")][-1].split()[-1])
         shutil.rmtree(folder)
         if at_begin > total * 3 // 4:
-            raise RuntimeError("most had arrived ahead of the drive; this needs a larger --size")
+            raise RuntimeError("most had arrived before the drive was there; this needs a larger --size")
         return (total - at_begin) / seconds / 1e6, limit / 1e6
 
     def measure_rate(self):

@@ -22,7 +22,7 @@ double secondsOf(Work&& work) {
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
-/// Runs `reference` and `ours` in turn, each behind an untimed `prepare`, and reports ours / reference.
+/// Runs `reference` and `ours` in turn, each after an untimed `prepare`, and reports ours / reference.
 template<class Prepare, class Reference, class Ours>
 void ratio(benchmark::State& state, Prepare&& prepare, Reference&& reference, Ours&& ours) {
     std::vector<double> ratios, oursMs, referenceMs;

@@ -45,7 +45,7 @@ public:
         FreeSpace,
         Lock
     };
-    /// Called ahead of a durable step with its number, from 1.
+    /// Called before a durable step with its number, from 1.
     using Hook = std::function<void(int64 step, Op op, const std::string& path)>;
 
     explicit FaultOs(const std::string& watchedFolder);
@@ -66,7 +66,7 @@ public:
     /// What freeSpace() says, whatever is left.
     void setFreeSpaceAnswer(int64 bytes);
 
-    /// Reads of files whose path contains `pathPart` give nothing behind byte `end`, whatever size is told:
+    /// Reads of files whose path contains `pathPart` give nothing beyond byte `end`, whatever size is told:
     /// so a file system does whose daemon has taken a part of a write already. A negative `end` takes that
     /// back.
     void setReadEnd(const std::string& pathPart, int64 end);
@@ -74,7 +74,7 @@ public:
     /// Number of durable steps so far: sync, syncFs, syncDir, rename, unlink, truncate, makeDir, removeDir.
     int64 getNSteps() const;
     void setHook(Hook hook);
-    /// Cuts the power ahead of that durable step: it and everything after it fails with EIO and does nothing.
+    /// Cuts the power before that durable step: it and everything after it fails with EIO and does nothing.
     void cutPowerAt(int64 step);
     bool isCut() const;
     /// Goes on where cutPowerAt() has cut, with nothing lost: as if only the process had been killed there.
@@ -201,7 +201,7 @@ private:
     /// The error that strikes the operation now, negated, or 0. Counts durable steps and runs the hook.
     int strike(Op op, const std::string& path);
     int strikeAt(Op op, const std::string& path);
-    /// The same ahead of an operation on a file.
+    /// The same before an operation on a file.
     int strike(Op op, int fd);
     int64 faultFor(Op op, const std::string& path);
     /// Makes or removes a name, and takes note of it.

@@ -25,7 +25,7 @@ struct PackedImage {
 /// Little-endian bytes of a number.
 std::string le32(uint64 value);
 
-/// An HTTP server that says what it is told, however wrong, and closes the connection behind each response.
+/// An HTTP server that says what it is told, however wrong, and closes the connection after each response.
 class ScriptedServer : public SxSystemThread {
 public:
     /// Gives the whole response, header and body, to a request (its header).

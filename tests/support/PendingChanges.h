@@ -9,7 +9,7 @@
 #include <vector>
 
 /// What isn't durable yet in a folder, for FaultOs, whose comment states the model. Each operation is told of
-/// ahead of its doing. Not locked. Replaced and removed files are held by second names in a folder beside the
+/// before it is done. Not locked. Replaced and removed files are held by second names in a folder beside the
 /// watched one.
 class PendingChanges {
 public:
@@ -20,7 +20,7 @@ public:
 
     /// The name is about to be made, replaced or removed.
     void changeName(const std::string& path);
-    /// The same for both names of a rename; of a folder it is told behind its doing by moveFolder().
+    /// The same for both names of a rename. That of a folder is told after it is done, by moveFolder().
     void rename(const std::string& from, const std::string& to);
     void moveFolder(const std::string& from, const std::string& to);
     /// The open file has been made just now.
@@ -62,7 +62,7 @@ private:
 
     const std::string folder, graveyard;
     std::map<Inode, std::vector<Change>> changes;
-    std::map<std::string, Name> names; ///< by path, so a folder comes ahead of what it holds
+    std::map<std::string, Name> names; ///< by path, so a folder comes before what it holds
     std::vector<FolderMove> moves;
     int64 nGraves = 0, nGroups = 0;
 };

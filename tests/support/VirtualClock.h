@@ -19,7 +19,7 @@
 /// runs, and a run is repeatable.
 ///
 /// The clock isn't told whom a thread waits for. So that time doesn't jump between a job's end and the moment
-/// at which its waiter goes on, a jump comes no sooner than GRACE of real time behind a wait's begin or a
+/// at which its waiter goes on, a jump comes no sooner than GRACE of real time after a wait's begin or a
 /// job's end, as long as a thread waits.
 class VirtualClock : public SxClock {
 public:

@@ -163,7 +163,7 @@ class Starter:
 
     @contextlib.contextmanager
     def played(self, top, folder, session, front=()):
-        """The game, started in the folder `top`, during a `with`; `front` are words ahead of it."""
+        """The game, started in the folder `top`, during a `with`; `front` are words before its own."""
         words = [*front, top / "game", *self.game.words_in(top, session)]
         with open(folder / "game.log", "wb") as log:
             env = self.environment(folder)
@@ -212,7 +212,7 @@ class Starter:
                         seconds = self.wait_for_frame(folder, process, begin, limit_s)
                         return seconds, server.end()["bytes"]
                     finally:
-                        lab.kill_programs()  # the game may be in a read that nobody answers any more
+                        lab.kill_programs()  # the game may be in a read that nobody will answer
 
     def get_own(self, session):
         return statistics.median(self.own_s[session])

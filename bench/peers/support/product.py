@@ -14,7 +14,7 @@ APP = "TAVRIN-protected/app"
 
 
 class Product:
-    """The client with a machine root of its own, and the service behind it."""
+    """The client with a machine root of its own, and its service."""
 
     def __init__(self, programs, folder):
         self.client = programs / "bin/tavrin"

@@ -63,7 +63,7 @@ public:
     std::map<uint64, std::string> delivered; ///< bytes, by ZqF index
     /// Letters of the machine with what they say of themselves; that of the image is added.
     std::map<std::string, ZqVolumeIdentity> otherDrives;
-    /// Runs ahead of each call.
+    /// Runs before each call.
     std::function<void(const std::string& name)> onCall;
 
     // The one disk.
@@ -78,7 +78,7 @@ public:
     VirtualClock& clock() { return time; }
 
 private:
-    /// Settles the state behind each sleep, since a look at a file is no call.
+    /// Settles the state after each sleep, since a look at a file is no call.
     class Clock : public VirtualClock {
     public:
         explicit Clock(ScriptedDriver& owner) : driver(owner) {}
