@@ -1,5 +1,7 @@
 // Packing 2 GiB of files that are in the page cache. The bound is the slower of two things that packing can't
-// do without: MD5 of the bytes (one thread, from memory), and a synced copy of the files.
+// do without: MD5 of the bytes (one thread, from memory), and a synced copy of the files. That is why reading
+// and writing run on the job's thread and the digest on another, with four buffers of 10,240,000 bytes
+// between them (ZqDigestPipe).
 
 #include "Folder.h"
 #include "Ratio.h"

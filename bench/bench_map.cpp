@@ -1,4 +1,5 @@
-// The image map of a 100 GiB disk: a file of 200 MiB, in the page cache.
+// The image map of a 100 GiB disk: a file of 200 MiB, in the page cache. It is read with one call straight
+// into its array, which on a little-endian machine is the decoded form already.
 
 #include "Folder.h"
 #include "Ratio.h"

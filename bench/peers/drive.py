@@ -7,8 +7,8 @@ The image is complete and lies in runs of 50 blocks in random order. Everybody e
 plain file. "kernel alone" mounts that file: EROFS from the file itself, ext4 through a buffered loop device.
 "direct loop" is EROFS on a loop device with direct I/O. The others' files are attached by a loop device, as a user
 would do it; where the kernel mounts EROFS from them without one, that is shown too. Warm: what is stored is in the page cache, the volume is
-mounted afresh for each pass, and each block is read once. Cold: nothing is. Values are medians of passes that all
-sides make in turn. Needs root; what it starts, mounts and writes is gone at the end.
+mounted afresh for each pass, and each block is read once. Cold: nothing is. Content is compared by digest on every
+side first. Values are medians of passes that all sides make in turn; each ratio of two of them has its goal. Needs root; what it starts, mounts and writes is gone at the end.
 """
 
 import argparse

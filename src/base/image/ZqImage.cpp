@@ -42,6 +42,7 @@ SxArray<uint64> ZqImage::readEntries(const SxString& file) {
         throw SxException("There is no memory for the map '" + file + "' of " + n * ENTRY + " bytes", UNIT,
                           __LINE__);
     }
+    // One call, straight into the array: on a little-endian machine that is the decoded form already.
     if (io.readBuffer(entries.data(), n * ENTRY) < n * ENTRY)
         throw SxException("Failed to read all map items.", UNIT, __LINE__);
     fromLittleEndian(&entries);
