@@ -59,9 +59,9 @@ public:
     /// How often failNth() has struck since it was called.
     int64 getNFailed() const;
 
-    /// From here on files may grow by `bytes` in all; removed and cut files give their size back, and holes
-    /// their room. A write
-    /// that doesn't fit comes short, the next fails with ENOSPC. freeSpace() tells what is left.
+    /// From here on files may grow by `bytes` in all. Removed and cut files give their size back, and holes
+    /// their room. A write that doesn't fit comes short, and the next one fails with ENOSPC. freeSpace()
+    /// tells what is left.
     void setDiskLeft(int64 bytes);
     /// What freeSpace() says, whatever is left.
     void setFreeSpaceAnswer(int64 bytes);

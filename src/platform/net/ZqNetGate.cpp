@@ -9,8 +9,8 @@ constexpr int64 MS = 1'000'000, SECOND_NS = 1'000 * MS;
 constexpr int64 MAX_PAUSE_MS = 300'000, MAX_PROBE_MS = 10'000;
 /// So many requests have to have been begun within a second, or how often they come tells nothing.
 constexpr size_t MIN_BEGUN = 3;
-constexpr int64 MAX_GAP_NS = SECOND_NS, NO_GAP_NS = 5 * MS;
-constexpr int64 NO_LIMIT = 16; ///< more aren't under way at once anyway
+constexpr int64 MAX_GAP_NS = SECOND_NS, NO_GAP_NS = 5 * MS; ///< a shorter one than the last is none
+constexpr int64 NO_LIMIT = 16;                              ///< more aren't under way at once anyway
 /// One that hasn't begun for so long is the next, whoever else has come.
 constexpr int64 TURN_NS = SECOND_NS;
 } // namespace

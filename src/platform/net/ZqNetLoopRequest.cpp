@@ -138,7 +138,9 @@ void ZqNetLoop::Engine::setOptions(Active* active) {
     curl_easy_setopt(easy, CURLOPT_WRITEDATA, active);
 }
 
-/// What libcurl reads at once of an ordered stream, and has in its hand while the stream is held.
+/// What libcurl reads at once of an ordered stream, and has in its hand while the stream is held. So it is a
+/// part of what the link carries in a round trip, and small under a rate limit by which a large one would
+/// take 20 ms or more.
 long ZqNetLoop::Engine::streamBuffer() const {
     const double limit = rateLimit.load();
     const bool isSlow = limit > 0. && limit < MAX_BUFFER * 50.;

@@ -12,8 +12,9 @@
 
 namespace {
 constexpr const char* UNIT = "src/platform/net/ZqTransfer";
+/// Bytes of what next() gives at once, at most; more where libcurl hands on more at once.
 constexpr int64 PIECE = 256 << 10;
-/// As good as never.
+/// The longest time that a server may ask for; as good as never.
 constexpr int64 MAX_RETRY_AFTER_S = 365 * 86'400;
 constexpr auto LOOK = std::chrono::milliseconds(20);
 

@@ -11,8 +11,8 @@
 /// Stretches that lie beyond the end of `img.zqf` so far, kept beside it from one run to the next: the sparse
 /// file `img.ahead`, with each stretch where it will stand in `img.zqf`, and `img.ahead.idx` with a checksum
 /// of each. Nothing is synced: what a power cut has torn doesn't have its checksum, and counts as absent.
-/// Stretches are numbered from 0; all sizes are in bytes. One object for an image at a time; its operations
-/// are safe from any thread, but for writes and drops of the same stretch beside each other.
+/// Stretches are numbered from 0; all sizes are in bytes. One object for an image at a time. Its operations
+/// are safe from any thread, but no two may write or drop the same stretch at the same time.
 class ZqStretchStore {
 public:
     /// Takes what is in `folder` where that is of the same order, and begins anew where it isn't, or is no

@@ -7,8 +7,8 @@ class ZqRemoteImage;
 
 // Downloads as a list of plain functions. `download` is the address of an object whose first field is a
 // pointer for this library's use, null until zqNetioDownload() has filled it. Each gives a status: 0 for
-// success, 1 for a failure that zqNetioDownloadGetErrMsg() tells. All are safe from any thread, but for
-// zqNetioDownload() and zqNetioDownloadFree(), which bracket all others.
+// success, 1 for a failure that zqNetioDownloadGetErrMsg() tells, 2 where there is no such download. All are
+// safe from any thread, but for zqNetioDownload() and zqNetioDownloadFree(), which bracket all others.
 
 using ZqNetioStatus = int;
 

@@ -9,7 +9,8 @@
 /// ETag and Last-Modified, connections kept open. It stands for a web server that is reached over a slow
 /// link, for `tavrin serve` and for tests of downloads: there is one rate for all connections, a delay for
 /// each response, and faults that come on request. What lies outside of the folder isn't served, be it by
-/// ".." or by a link. Safe from any thread but for start() and stop().
+/// ".." or by a link. It stands in `platform`, since `publish` includes no third-party header. Safe from any
+/// thread but for start() and stop().
 ///
 /// The delay is that of a request, measured from its first byte, and holds up no other connection. That a new
 /// connection costs a round trip more isn't played.

@@ -77,7 +77,7 @@ TEST(BusyServer, saysHowLongToWait) {
         {{"Retry-After: 12 s"}, -1},
         {{"Retry-After: 99999999999999999"}, int64{365} * 86'400'000},
         {{then}, 30'000},
-        // By the server's own clock, which may be wrong.
+        // The time counts by the server's own clock, which may be wrong.
         {{then, "Date: Tue, 14 Nov 2023 22:13:40 GMT"}, 10'000},
         {{"Date: Tue, 14 Nov 2023 22:14:40 GMT", then}, 0},
         {{then, "Date: yesterday"}, 30'000},
@@ -91,7 +91,7 @@ TEST(BusyServer, isAskedStepByStep) {
     const ZqNetGate::Request waitedFor{true, false}, ahead{false, false}, ordered{false, true};
     int64 now = 100 * SECOND;
     EXPECT_TRUE(gate.mayBegin(ahead, 50, now));
-    // It asks for more than is sensible.
+    // The server asks for an hour, which is more than is sensible.
     gate.refused(now - SECOND, 3'600'000, 7, now);
     EXPECT_FALSE(gate.mayBegin(waitedFor, 0, now + 9 * SECOND));
     EXPECT_TRUE(gate.mayBegin(waitedFor, 0, now + 11 * SECOND));
@@ -104,7 +104,7 @@ TEST(BusyServer, isAskedStepByStep) {
     now += 11 * SECOND;
     gate.answered(now, now + MS);
     EXPECT_TRUE(gate.mayBegin(ordered, 0, now + MS));
-    // Half of the eight, and by and by more.
+    // Half of the eight requests may go at once, and with time more.
     now += SECOND;
     gate.refused(now - MS, -1, 7, now);
     now += 4 * SECOND / 10;
@@ -145,11 +145,11 @@ TEST(BusyServer, isLookedAtAgainWhenARequestMayBegin) {
     EXPECT_EQ(gate.findNextNs({}, 0, now), NEVER);
     EXPECT_EQ(gate.findNextNs({ahead}, 50, now), now);
     gate.refused(now - SECOND, 60'000, 7, now);
-    // It is tried by what somebody waits for alone, if nothing else is under way.
+    // During a pause only what somebody waits for is tried, and only if nothing else is under way.
     EXPECT_EQ(gate.findNextNs({ordered, waitedFor}, 0, now), now + 10 * SECOND);
     EXPECT_EQ(gate.findNextNs({ordered, waitedFor}, 1, now), now + 60 * SECOND);
     EXPECT_EQ(gate.findNextNs({ahead}, 0, now + 59 * SECOND), now + 60 * SECOND);
-    // Half of the eight at once, and half as often.
+    // After it half of the eight requests may go at once, and they begin half as often.
     ZqNetGate slow{ZqNetSettings()};
     for (int i = 10; i >= 0; --i)
         slow.noteBegin(now - i * SECOND / 20);
@@ -187,7 +187,7 @@ TEST(BusyServer, isWaitedForWithoutLooking) {
 TEST(BusyServer, getsFewRequestsBeyondItsLimit) {
     TestRandom random;
     const std::string file = random.bytes(100'000);
-    // Five in a second.
+    // The server takes five requests a second.
     std::deque<int64> taken;
     std::atomic<int> nRefused{0}, nTaken{0};
     const ScriptedServer server([&](const std::string& request) {
@@ -221,14 +221,14 @@ TEST(BusyServer, getsFewRequestsBeyondItsLimit) {
     EXPECT_GE(nTaken, 10);
 }
 
-// As a balancer answers for the one of its servers that is gone, and as a server does that is asked too much.
+// A balancer answers 503 for the one of its servers that is gone, and a server does that is asked too much.
 TEST(BusyServer, thatMayBeOneOfManyIsAskedOnceMoreAtOnce) {
     TestRandom random;
     const std::string file = random.bytes(100'000);
     const struct {
         const char* name;
         std::string refusal;
-        int nEach; ///< refused ones of each `nAll` requests, the first ones
+        int nEach; ///< so many of each `nAll` requests are refused, the first ones
         int nAll;
         bool holdsBack; ///< whether the link leaves the server alone for a while
     } cases[] = {
@@ -345,7 +345,7 @@ TEST(BusyServer, andOneThatBreaksOffGivesSmallFilesAsItGivesRanges) {
             int nth = 0;
             const ScriptedServer server(
                 [&](const std::string& request) { return each.answer(nth++, request); });
-            // Three tries in vain are the end.
+            // A request ends after three tries in vain.
             ZqNetSettings settings = quickSettings();
             settings.busyMs = 60'000;
             ZqRemoteFile remote(SxPtr<ZqNetLink>::create(settings), SxString(server.url("f")));

@@ -110,13 +110,13 @@ TEST_F(DeadConnection, goesOnInTheMiddleOfARange) {
 }
 
 TEST_F(DeadConnection, theFirstOfBothThatAnswersIsTaken) {
-    // Both answer, and one of the two is enough.
+    // Both requests are answered, and the first of both answers is enough.
     server.setLatency(500);
     Readers late;
     begin(&late, 1);
     expectRight(late.front());
     EXPECT_EQ(link->getFigures().nRequests, 2u);
-    // What both have brought counts.
+    // The figures count what both have brought.
     EXPECT_GE(link->getFigures().nBytes, RANGE);
     server.setLatency(0);
 }

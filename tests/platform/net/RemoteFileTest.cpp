@@ -96,7 +96,7 @@ TEST_F(RemoteFile, saysWhatIsWrongWithAnAnswer) {
         EXPECT_THAT(std::string(e.what()), AllOf(HasSubstr(each.text), HasSubstr("/data'")));
         EXPECT_TRUE(read(file, 1000, 2000) == bytes.substr(1000, 2000)) << each.text;
     }
-    // Each try brings half of what is left, and only tries in vain are counted.
+    // Each try brings half of what is left. Only tries that bring nothing are counted.
     server.setFault(ZqFileServer::Stall);
     EXPECT_THAT(std::string(exceptionOf([&] { read(open(), 1000, 2); }).what()),
                 HasSubstr("Gave up after 3 tries: no data for 0.4 s"));
@@ -174,7 +174,7 @@ TEST_F(RemoteFile, endsAtOnceWhenStopped) {
     patient.stallMs = 60'000;
     const auto slow = SxPtr<ZqNetLink>::create(patient);
     const auto file = FilePtr::create(slow, server.getUrl() + "data");
-    // By the caller's test, then by the link.
+    // It is stopped by the caller's test, then by the link.
     for (const bool byLink : {false, true}) {
         const int64 start = nowMs();
         std::thread helper([&] {
@@ -196,7 +196,7 @@ TEST_F(RemoteFile, holdsTheRateOfStreamsOnly) {
     const int64 start = nowMs();
     EXPECT_TRUE(stream(open(), 0) == bytes);
     const int64 elapsed = nowMs() - start;
-    EXPECT_GE(elapsed, 1350); // 100 ms of credit
+    EXPECT_GE(elapsed, 1350); // the rate limit lets a stream make up for 100 ms
     EXPECT_LE(elapsed, 3000);
     const int64 startOfRanges = nowMs();
     read(open(), 0, 3'000'000);
@@ -232,7 +232,7 @@ TEST_F(RemoteFile, waitsForASlowConsumer) {
     uint64 n = 0, nServed = 0;
     file->stream(0, [&](const char*, int64 nPiece) {
         if (n == 0) {
-            // Longer than the limit for a stall, which a held stream isn't.
+            // This is longer than the limit for a stall. A stream that its consumer holds isn't stalled.
             SxTime::msleep(600);
             nServed = server.getNBytes();
         }
@@ -240,5 +240,5 @@ TEST_F(RemoteFile, waitsForASlowConsumer) {
         return true;
     });
     EXPECT_EQ(n, uint64{40} << 20);
-    EXPECT_LT(nServed, uint64{20} << 20); // what the system's buffers take, and a mebibyte
+    EXPECT_LT(nServed, uint64{20} << 20); // more than the system's buffers take and a stream holds
 }

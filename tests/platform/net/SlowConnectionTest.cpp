@@ -29,7 +29,7 @@ int64 nowMs() {
     return SxClock::get().steadyNs() / 1'000'000;
 }
 
-/// Ends what would last for ever.
+/// A stop after so much time, for what would last for ever.
 ZqStopTest within(int64 ms) {
     const int64 start = nowMs();
     return [start, ms] { return nowMs() - start > ms; };
@@ -47,7 +47,7 @@ protected:
         link = SxPtr<ZqNetLink>::create(settings);
         file = SxPtr<ZqRemoteFile>::create(link, SxString(proxy->url("data")));
     }
-    /// Its connection trickles, and only that.
+    /// Begins the reader's request; its connection trickles, and no other one.
     void beginTrickling(ZqRangeReader* reader, int64 rate = TRICKLE) {
         const int64 before = proxy->getNConnections();
         proxy->setTrickle(rate);
@@ -125,7 +125,7 @@ TEST(NetProgress, theUsefulRateIsAPartOfWhatTheLinkCarries) {
         int64 nBeside;
         double least, most;
     };
-    // Slow links, shared or not, and fast ones.
+    // These are slow links, for one request and for five, and fast ones.
     for (const Case& each : {Case{0., 1, 300., 500.}, Case{1'500., 1, 300., 500.}, Case{1'500., 5, 60., 100.},
                              Case{100'000., 1, 1'000., 3'000.}, Case{1e8, 1, 5'000., 10'000.}}) {
         const double rate = ZqNetProgress::getUsefulRate(each.best, each.nBeside);
@@ -143,7 +143,7 @@ TEST_F(SlowConnection, aStreamThatTricklesFromItsBeginIsAskedForAgain) {
 }
 
 TEST_F(SlowConnection, soIsOneThatBeginsToTrickle) {
-    // The second is slow only beside what the link has carried.
+    // The second of these rates is slow only compared with what the link has carried.
     for (const int64 trickle : {TRICKLE, int64{2'000}}) {
         connect(quickSettings());
         server.setRate(2'000'000);
@@ -162,7 +162,7 @@ TEST_F(SlowConnection, aRecordThatTricklesIsAskedForAgainAndTheLinkSaysSo) {
     settings.firstBackOffMs = settings.maxBackOffMs = 300;
     connect(settings);
     ZqRangeReader reader(*file, 0, 3'000, Kind::Small);
-    // Enough for the head.
+    // So much is enough for the head of the answer.
     beginTrickling(&reader, 300);
     std::string said, got(3'000, '\0');
     const ZqStopTest tooLate = within(6'000);
@@ -234,7 +234,7 @@ TEST_F(SlowConnection, aLinkThatIsSlowForAllGoesOn) {
         expectRight(reader, 2'000);
     expectRight(stream, 3'000);
     EXPECT_EQ(link->getFigures().nRetries, 0u);
-    // One of them may be compared with another connection.
+    // One of the four may get a second request to be compared with.
     EXPECT_LE(link->getFigures().nRequests, 5u);
 }
 
@@ -254,7 +254,7 @@ TEST_F(SlowConnection, aServerThatLimitsItsRateBehindAFastBeginIsLeftAlone) {
     std::string all(bytes.size(), '\0');
     ASSERT_EQ(reader.read(all.data(), 300'000, nullptr), 300'000u);
     proxy->trickleConnections(20'000);
-    // Six times as long as the limit of a stall.
+    // It may last six times as long as the limit of a stall.
     try {
         reader.read(all.data() + 300'000, all.size() - 300'000, within(2'400));
         FAIL() << "it wasn't slow";
@@ -272,7 +272,7 @@ TEST_F(SlowConnection, theConsumersPaceIsNoFaultOfAConnection) {
     std::string all;
     const auto sink = [&](const char* piece, int64 n) {
         all.append(piece, static_cast<size_t>(n));
-        // Twice as long as the limit of a stall.
+        // The consumer takes twice as long as the limit of a stall.
         if (all.size() < 200'000)
             SxWait::pass(
                 2 * settings.stallMs, [] { return false; }, 10);
@@ -293,7 +293,7 @@ TEST_F(SlowConnection, aRecordOfTlsMayTakeLongerThanTheLimit) {
     settings.trustFile = SxString(nginx.authority());
     const auto encrypted = SxPtr<ZqNetLink>::create(settings);
     const ZqRemoteFile data(encrypted, SxString(secure.secureUrl("data")));
-    // A record of 16 KiB takes two seconds.
+    // At this rate a TLS record of 16 KiB takes two seconds.
     secure.setRate(8'000);
     ZqRangeReader reader(data, 0, 30'000, Kind::Ordered);
     std::string got(30'000, '\0');

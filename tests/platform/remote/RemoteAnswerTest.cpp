@@ -112,7 +112,7 @@ TEST(RemoteFileAnswer, isTakenWhereTheBytesCanBeTold) {
     };
     const std::string whole = "HTTP/1.1 200 OK\r\nConnection: close\r\nContent-Length: 1000\r\n\r\n" + data;
     const std::string unsized = "HTTP/1.1 200 OK\r\nConnection: close\r\n\r\n" + data;
-    // Asked for bytes 100-299.
+    // Each of these answers a request for bytes 100-299.
     const std::pair<const char*, std::string> cases[] = {
         {"more on both sides", said("bytes 50-399/1000", 50, 400)},
         {"all", said("bytes 0-999/1000", 0, 1000)},
@@ -136,7 +136,7 @@ TEST(RemoteFileAnswer, isTakenWhereTheBytesCanBeTold) {
         }
         EXPECT_EQ(server.requests().size(), 2u);
     }
-    // Of a large file that may be anything, such as a page to log in to.
+    // Where a large file is expected such an answer may be anything, as a page to log in to.
     {
         const ScriptedServer server([&](const std::string&) { return unsized; });
         const auto file = FilePtr::create(SxPtr<ZqNetLink>::create(quickSettings()),
@@ -145,7 +145,7 @@ TEST(RemoteFileAnswer, isTakenWhereTheBytesCanBeTold) {
         const SxException e = exceptionOf([&] { file->read(0, 1, &byte); });
         EXPECT_TRUE(e.hasTag(ZqNetLink::WRONG)) << e.what();
     }
-    // A label of what a file holds is no encoding of it.
+    // Some servers label a file that holds zstd with what it holds, which is no encoding of it.
     for (const char* name : {"f.zst?a=b", "f"}) {
         const ScriptedServer server([&](const std::string& request) {
             return ScriptedServer::ranged(request, data, "Content-Encoding: zstd\r\n");
@@ -156,7 +156,7 @@ TEST(RemoteFileAnswer, isTakenWhereTheBytesCanBeTold) {
         const SxException e = exceptionOf([&] { file->read(5, 1, &byte); });
         EXPECT_EQ(e.hasTag(ZqNetLink::WRONG), std::string(name) == "f") << e.what();
     }
-    // One that gives at most 64 bytes at once, and says no total.
+    // This server gives at most 64 bytes at once, and says no total.
     const auto sparing = [&](const std::string& request) {
         const size_t at = request.find("bytes=");
         if (at == std::string::npos) return unsized;
@@ -178,12 +178,13 @@ TEST(RemoteFileAnswer, isTakenWhereTheBytesCanBeTold) {
         return true;
     });
     EXPECT_TRUE(streamed == data.substr(1));
-    // A whole file needs no ranges, as of a cache that hasn't got it yet.
+    // A whole file is asked for without a range, which a cache may need that hasn't got it yet.
     EXPECT_EQ(SxString(file->get(1000)).str(), data);
     EXPECT_THAT(server.requests().back(), Not(HasSubstr("Range:")));
 }
 
-// Versions as two answers tell them; of the same bytes if the test that was set says so.
+// Two answers tell a version of the file each. Where these differ the test that was set says whether the
+// bytes are the same.
 TEST(RemoteFileVersion, isComparedLikeWithLike) {
     const std::string data(1000, 'x'), time = "Last-Modified: Sat, 01 Jan 2022 10:00:00 GMT\r\n",
                                        later = "Last-Modified: Sat, 01 Jan 2022 10:00:01 GMT\r\n",
@@ -257,7 +258,7 @@ TEST(RemoteFileVersion, isVouchedForOnlyToTheNextAnswer) {
         file->getFacts()->setSameTest([&](const ZqStopTest&) { return ++nAsked == 1; });
         char buffer[10];
         file->read(0, 10, buffer);
-        // The second version is found to be right; which comes after the failure isn't known.
+        // The second version was found to be right. The test doesn't vouch for the next one.
         const SxException e = exceptionOf([&] { file->read(0, 10, buffer); });
         EXPECT_TRUE(e.hasTag(ZqNetLink::CHANGED)) << e.what();
         EXPECT_EQ(nAsked, 2);
@@ -333,7 +334,7 @@ TEST(RemoteFileMirrors, eachUnitOfARequestIsOfOneOfThemAndInItsPlace) {
     }
 }
 
-// Answers that end within a unit, of mirrors that take turns, or of which none answers twice.
+// Answers end before all is there. They come of mirrors that take turns, or that answer once each.
 TEST(RemoteFileMirrors, thatTakeTurnsGiveARangeOrEndIt) {
     TestRandom random;
     const std::string data = random.bytes(1000);
@@ -347,7 +348,7 @@ TEST(RemoteFileMirrors, thatTakeTurnsGiveARangeOrEndIt) {
             const uint64 first = std::stoull(request.substr(at + 6));
             return ScriptedServer::partial(data, first, std::min<uint64>(first + 149, 999), tag);
         }
-        // The whole of a file can only break off.
+        // An answer with the whole file can't say that it is a part, so it breaks off.
         const std::string answer = ScriptedServer::ranged(request, data, tag);
         return answer.substr(0, std::min(answer.size(), answer.find("\r\n\r\n") + 4 + 150));
     });
@@ -380,7 +381,7 @@ TEST(RemoteFileMirrors, thatTakeTurnsGiveARangeOrEndIt) {
                 file->getFacts()->setSameTest([](const ZqStopTest&) { return true; });
                 std::string got;
                 const SxException failure = exceptionOf([&] { got = ways[way](file); });
-                // Of a thousand no two answers are of one version.
+                // Of a thousand mirrors no two answers are of one version.
                 const bool isEnded = of > 2 && way < 3;
                 EXPECT_EQ(failure.hasTag(ZqNetLink::BROKEN), isEnded) << failure.what();
                 EXPECT_TRUE(got == (isEnded ? "" : data)) << failure.what();
@@ -527,7 +528,7 @@ TEST(RemoteImageRanges, areLookedForOnceAndWithoutPatience) {
     }
 }
 
-// What no program raises by itself, as for want of memory: none of those who wait does so for ever.
+// Want of memory is raised as another exception than failures are. Nobody may wait for ever then.
 TEST(RemoteFileWant, endsNoThreadThatOthersWaitFor) {
     const std::string data(1000, 'x');
     std::atomic<int> nAnswers{0};
@@ -538,7 +539,7 @@ TEST(RemoteFileWant, endsNoThreadThatOthersWaitFor) {
     const auto late = [endNs = SxClock::get().steadyNs() + 10'000'000'000] {
         return SxClock::get().steadyNs() >= endNs;
     };
-    // On the thread of the network.
+    // It comes on the thread of the network.
     ZqTransfer::Request request;
     request.url = SxString(server.url("f"));
     request.maxBuffered = 1000;
@@ -549,7 +550,7 @@ TEST(RemoteFileWant, endsNoThreadThatOthersWaitFor) {
     const ZqTransfer::State state = transfer->getState();
     EXPECT_TRUE(state.failed && state.nBuffered == 0 && state.failure.hasTag(ZqNetLink::BROKEN))
         << state.failure.what();
-    // Where a doubt about the file is settled.
+    // It comes where a doubt about the file is settled.
     ZqRemoteFile file(link, SxString(server.url("f")));
     bool hasMemory = false;
     file.getFacts()->setSameTest([&](const ZqStopTest&) {

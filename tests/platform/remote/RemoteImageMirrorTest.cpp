@@ -33,7 +33,7 @@ struct StalePack {
 
 } // namespace
 
-// The first request of the packed form is made without a table, and breaks off after that one has arrived.
+// The first request for the packed form is made without a table, and breaks off after the table has arrived.
 TEST(RemoteImageTable, whoseArrivalMeetsABreakEndsNoStream) {
     TestRandom random;
     const std::string zqf = random.bytes(12 * STRETCH + 345), packed = PackedImage(zqf).bytes();
@@ -94,7 +94,7 @@ TEST(RemoteImageMirrors, giveStretchesTogetherWhereATableChecksThem) {
     }
 }
 
-// As while a server is set up anew: nothing is there for a moment, or the packed form alone isn't.
+// A server is being set up anew: for a moment nothing is there, or all but the packed form.
 TEST(RemoteImageTable, thatWasAbsentIsAskedForAgain) {
     TestRandom random;
     const std::string zqf = random.bytes(5 * STRETCH), packed = PackedImage(zqf).bytes();
@@ -131,7 +131,8 @@ TEST(RemoteImageTable, thatWasAbsentIsAskedForAgain) {
     }
 }
 
-// Each look ends as another begins, so that who asks again meets the moment in which the answer is noted.
+// Each look for the table ends as another begins, so that some ask again at the moment in which the answer is
+// noted.
 TEST(RemoteImageTable, thatIsAbsentIsAskedForByMany) {
     const ScriptedServer server(
         [&](const std::string&) { return std::string("HTTP/1.1 404 None\r\nContent-Length: 0\r\n\r\n"); });
@@ -205,7 +206,8 @@ TEST(RemoteImageTable, thatIsKnownTellsOfAnotherVersionToTheEnd) {
     }
 }
 
-// As where a pack from before packs said of what they are is still there with a new version's records.
+// Old packs didn't say of which image they are. Here such a one is still there beside the records of a new
+// version.
 TEST(RemoteImageTable, thatStatesItsImageReplacesOneThatDoesnt) {
     const StalePack given;
     const std::string &zqf = given.zqf, &stale = given.stale, &right = given.right;
@@ -231,7 +233,7 @@ TEST(RemoteImageTable, thatStatesItsImageReplacesOneThatDoesnt) {
     EXPECT_TRUE(SxWait::pass(5000, reads));
 }
 
-// What the old one has told to be right: kept for the stream, and brought by it.
+// The old table has told that some stretches are right, which were kept for the stream or brought by it.
 TEST(RemoteImageTable, thatReplacesAnotherLeavesNothingAsChecked) {
     const StalePack given;
     const std::string &zqf = given.zqf, &stale = given.stale, &right = given.right;
@@ -257,7 +259,7 @@ TEST(RemoteImageTable, thatReplacesAnotherLeavesNothingAsChecked) {
         EXPECT_TRUE(readOf(image, idx * STRETCH, STRETCH) == zqf.substr(idx * STRETCH, STRETCH)) << idx;
 }
 
-// The look that a pause was followed by has met a fault, while its file still counted as absent.
+// The table's file counts as absent, and the look after a pause has met a fault.
 TEST(RemoteImageTable, thatWasAbsentIsAskedForAtOnceWhereSomebodyWaits) {
     TestRandom random;
     const std::string zqf = random.bytes(4 * STRETCH), packed = PackedImage(zqf).bytes();

@@ -8,7 +8,7 @@
 
 constexpr uint64 STRETCH = ZqBlocks::STRETCH;
 
-/// Bytes that shrink to something like a half.
+/// Bytes that packing shrinks to about a half.
 inline std::string halfRandom(TestRandom* random, size_t n) {
     std::string bytes = random->bytes(n);
     for (size_t i = 0; i < n; i += 2)

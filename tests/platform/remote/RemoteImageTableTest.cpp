@@ -8,7 +8,7 @@
 #include <functional>
 #include <gmock/gmock.h>
 
-// What comes of the packed form, by the request: its front, its last bytes, its frames.
+// The cases say what comes of the packed form by what is asked for: its front, its last bytes, its frames.
 TEST(RemoteImageTable, holdsUpNothingWhereItDoesNotCome) {
     TestRandom random;
     const std::string zqf = halfRandom(&random, 12 * STRETCH + 345), packed = PackedImage(zqf).bytes();
@@ -89,7 +89,7 @@ protected:
     struct Form {
         std::string fault; ///< a status, "cut", or silence; empty where all is well
         int nRight = 0, nFailed = 0;
-        int nUntilRight = 0; ///< both forms must fail so often, then this one is there; 0 for never
+        int nUntilRight = 0; ///< when both forms have failed so often, this one is there; 0 for never
     };
 
     TwoForms() { awaitPacked(); }

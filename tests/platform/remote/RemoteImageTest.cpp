@@ -88,7 +88,7 @@ TEST_F(RemoteImage, takesNoFileOfAnotherSize) {
     EXPECT_THAT(failureOf([&] { streamOf(*open(zqf.size() + 1)); }),
                 AllOf(HasSubstr("bytes instead of"), HasSubstr("/img.zqf'")));
     pack();
-    // A frame more or less, and a last frame of another length: the plain form decides.
+    // With such a size the table is of no use, and the plain form decides.
     for (const uint64 size : {zqf.size() + STRETCH, zqf.size() - STRETCH, zqf.size() + 1}) {
         const std::string failure = failureOf([&] { streamOf(*open(size), 2 * STRETCH); });
         EXPECT_THAT(failure, AllOf(HasSubstr("bytes instead of"), HasSubstr("/img.zqf'")));
@@ -99,7 +99,7 @@ TEST_F(RemoteImage, leavesAFrameThatStaysDamagedToThePlainForm) {
     const PackedImage packed(zqf);
     std::string flipped = packed.frames[3], otherContent = PackedImage(random.bytes(STRETCH)).frames[0];
     flipped[flipped.size() / 2] = static_cast<char>(~flipped[flipped.size() / 2]);
-    // A whole frame of other content has another length; the table must tell that it isn't the one.
+    // The frame of other content is a whole one. That it isn't the right one only the table tells.
     std::string cut = packed.frames[3].substr(0, packed.frames[3].size() - 1);
     for (const std::string& bad : {flipped, otherContent, cut}) {
         PackedImage image = packed;
@@ -155,7 +155,7 @@ TEST(RemoteImageFrame, isFetchedAgainOnce) {
     image.forget(STRETCH, STRETCH);
     EXPECT_TRUE(readOf(image, STRETCH, STRETCH) == zqf.substr(STRETCH, STRETCH));
     EXPECT_GT(server.requests().size(), nRequests);
-    // More broken answers than a request takes cost the table no more than time.
+    // The table comes late, but it comes, where more answers are broken than a range is tried for.
     nBroken = 2 * static_cast<int>(quickSettings().nRangeTries);
     ZqRemoteImage patient(link, SxString(server.url("game?token=a/b#c")), zqf.size());
     patient.announce({}, {});
@@ -204,7 +204,7 @@ TEST_F(RemoteImagePlain, aWrongRangeIsFetchedAgainAndNeverGiven) {
         nPlain = 0;
         image =
             ImagePtr::create(SxPtr<ZqNetLink>::create(quickSettings()), SxString(server.url()), zqf.size());
-        // It comes by the plain form, and the table after it.
+        // The stretch comes by the plain form, and the table after it.
         std::thread release([this] {
             SxWait::pass(10'000, [this] { return nPlain > 0; });
             isHeld = false;
@@ -234,7 +234,7 @@ TEST_F(RemoteImagePlain, theStreamHandsOnNoWrongStretch) {
                 return true;
             });
         });
-        // It doesn't wait for the table, but goes by it from then on.
+        // The stream didn't wait for the table, but it goes by it once it is there.
         EXPECT_GT(nPlain, 0);
         EXPECT_THAT(failure, HasSubstr(isHopeless ? " 5 of " : ""));
         EXPECT_TRUE(got == zqf.substr(FROM, isHopeless ? 5 * STRETCH - FROM : zqf.size())) << failure;
@@ -258,12 +258,12 @@ TEST_F(RemoteImage, doesNotFetchTwiceWhatWasOnDemand) {
         EXPECT_EQ(figures.nStreamed, zqf.size());
         EXPECT_EQ(figures.nTwice, 0u);
         const uint64 size = isPacked ? dir.read(name).size() : zqf.size();
-        // What follows them may still be on its way when the stream comes there.
+        // What follows these ranges may still be on its way when the stream comes to it.
         EXPECT_LE(server.getNBytes(name) - nBefore, size + 3 * STRETCH);
     }
 }
 
-// As where a disk is slow or full: what the stream has brought is in memory, and not yet in the file.
+// Where a disk is slow or full what the stream has brought is in memory, and not yet in the file.
 TEST_F(RemoteImage, whatWaitsForTheDiskIsntFetchedAgain) {
     const ImagePtr image = open();
     image->setWritten(0);
@@ -281,7 +281,7 @@ TEST_F(RemoteImage, whatWaitsForTheDiskIsntFetchedAgain) {
     EXPECT_TRUE(streamOf(*image, 10 * STRETCH + 5) == zqf.substr(10 * STRETCH + 5));
     EXPECT_EQ(fetched(), 0U);
     EXPECT_EQ(image->getFigures().nTwice, 0U);
-    // Whoever asks for what is written has lost it.
+    // What is written is no longer in memory, so a range of it is fetched.
     expectRead(9);
     EXPECT_EQ(fetched(), STRETCH);
     EXPECT_EQ(image->getFigures().nTwice, STRETCH);
@@ -302,7 +302,7 @@ TEST_F(RemoteImage, holdsABoundedPartOfWhatWaitsForTheDisk) {
 }
 
 TEST_F(RemoteImage, whatAnEarlierRunFetchedIsntFetchedAgain) {
-    // Not so fast that what follows comes, too.
+    // The link isn't so fast that what follows a range comes with it.
     server.setRate(20'000'000);
     for (const bool isPacked : {false, true}) {
         SCOPED_TRACE(isPacked ? "packed" : "plain");
@@ -475,14 +475,14 @@ TEST_F(RemoteImage, fetchesWhatFollowsForWhoGoesThrough) {
     for (uint64 idx = 5; idx < 30; ++idx)
         ASSERT_TRUE(readOf(*image, idx * STRETCH, STRETCH) == zqf.substr(idx * STRETCH, STRETCH));
     EXPECT_GT(image->getFigures().nAhead, 0u);
-    // Nothing twice.
+    // Nothing has come twice.
     EXPECT_LE(server.getNBytes("img.zqf"), 25 * STRETCH + 12'345);
     EXPECT_LE(image->getFigures().nAhead + image->getFigures().nOnDemand, 25 * STRETCH + 12'345);
 }
 
 TEST_F(RemoteImage, whatFollowsComesWithTheSameRequest) {
     server.setRate(12'500'000);
-    // A round trip of which four have room for the most that is fetched together.
+    // Four round trips of this length carry the most that is fetched together.
     server.setLatency(60);
     const ImagePtr image = open();
     const auto expectRight = [&](uint64 idx) {
@@ -497,7 +497,8 @@ TEST_F(RemoteImage, whatFollowsComesWithTheSameRequest) {
     for (const uint64 idx : {16U, 17U})
         expectRight(idx);
     EXPECT_EQ(nAsked(), nBefore + 1);
-    // What nobody takes gives way to whoever wants what comes with it.
+    // Stretch 26 is announced, and nobody takes it. Who wants stretch 28, which comes with it, gets it all
+    // the same.
     image->announce({26 * STRETCH}, {STRETCH});
     ASSERT_TRUE(SxWait::pass(5000, [&] { return nAsked() == nBefore + 2; }));
     expectRight(28);
@@ -533,7 +534,7 @@ TEST_F(RemoteImage, fetchesAGroupTogether) {
     for (const uint64 offset : offsets)
         EXPECT_TRUE(readOf(*image, offset, STRETCH) == zqf.substr(offset, STRETCH));
     EXPECT_EQ(server.getNRequests("img.zqf"), 6u);
-    // Dropped with the next announcement, without harm.
+    // An announcement is dropped with the next one. What it named can still be read.
     image->announce({17 * STRETCH}, {STRETCH});
     image->announce({18 * STRETCH}, {STRETCH});
     EXPECT_TRUE(readOf(*image, 17 * STRETCH, STRETCH) == zqf.substr(17 * STRETCH, STRETCH));

@@ -18,7 +18,7 @@ namespace {
 constexpr uint64 STRETCH = ZqBlocks::STRETCH;
 constexpr uint64 N_STRETCHES = 60;
 
-/// An environment variable, for the time of the object.
+/// Sets an environment variable as long as the object lives.
 class Environment {
 public:
     Environment(const char* name_, const std::string& value) : name(name_) {
@@ -36,7 +36,7 @@ private:
 struct Reading {
     explicit Reading(const NginxServer& server, const std::string& zqf_) : zqf(zqf_) {
         ZqNetSettings settings;
-        // Many requests of the stream, too.
+        // With such short requests the stream makes many, too.
         settings.segmentSize = 1;
         const auto link = SxPtr<ZqNetLink>::create(settings);
         link->setRateLimit(4e6);
@@ -125,7 +125,7 @@ TEST(RemoteImageTls, givesRightBytesWhenTheServerEndsConnections) {
             Reading reading(server, zqf);
             reading.run(each.isReloaded ? &server : nullptr);
             EXPECT_EQ(reading.image->getFigures().isPacked, isPacked);
-            // Both have been spoken, or nothing was tried.
+            // Both versions of HTTP must have been spoken, or nothing was tried.
             EXPECT_THAT(server.log(), HasSubstr("HTTP/2.0 206"));
             EXPECT_THAT(server.log(), HasSubstr("HTTP/1.1 206"));
         }

@@ -72,7 +72,7 @@ TEST_F(StretchStoreTest, givesTheRoomBackOfWhatTheImageHas) {
     store->pass(4 * STRETCH);
     EXPECT_THAT(store->list(), ElementsAre(4, 9));
     EXPECT_LT(ZqStretchStore::sizeIn(dir.prefix()), nBefore);
-    // An image that was begun anew finds nothing there that has gone.
+    // What has gone isn't there for whoever opens the store again.
     EXPECT_THAT(open()->list(), ElementsAre(4, 9));
     store->pass(zqf.size());
     EXPECT_THAT(open()->list(), IsEmpty());

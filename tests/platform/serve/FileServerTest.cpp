@@ -19,7 +19,7 @@ struct Response {
     string body;
 };
 
-/// A connection that says no more than a test wants.
+/// A connection that says just what a test wants.
 class Client {
 public:
     explicit Client(uint64 port) : fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
