@@ -376,7 +376,7 @@ def signal_all(processes, number):
 
 
 def linked(name, happens=None, pace=8.0, limit_s=120, forms=None, later=False, **settings):
-    """nginx behind a link; `happens(link, trial)` during the game."""
+    """nginx behind a link; `happens(link, trial)` is called during the game."""
 
     @case(name, forms=forms, pace=pace, limit_s=limit_s, later=later)
     def arrange(ground):

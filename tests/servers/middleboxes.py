@@ -26,7 +26,7 @@ def whole_cache(ground, port):
 
 
 class Haproxy:
-    """In turn to the web servers at these ports."""
+    """A balancer that gives requests to the web servers at these ports in turn."""
 
     def __init__(self, ground, *ports, lines=""):
         self.port = free_port()
@@ -43,7 +43,7 @@ class Haproxy:
 
 
 class Varnish:
-    """In front of the web server at `port`, which `vcl` names, too, where it is there."""
+    """A cache in front of the web server at `port`. Where there is a `vcl` that names the server, too."""
 
     def __init__(self, ground, port, vcl=""):
         self.port = free_port()
@@ -59,7 +59,7 @@ class Varnish:
 
 
 class Squid:
-    """In front of the web server at `port`, or a proxy for all where that is none."""
+    """A cache in front of the web server at `port`, or a proxy for all servers where that is none."""
 
     def __init__(self, ground, port=None, lines=""):
         self.port = free_port()

@@ -117,7 +117,7 @@ class HttpServer(http.server.ThreadingHTTPServer):
 
 
 class Peculiar:
-    """With these habits, for as long as the ground lasts."""
+    """A server with these habits, for as long as the ground lasts."""
 
     def __init__(self, ground, *habits):
         server = ground.enter_context(HttpServer(("127.0.0.1", 0), Handler))

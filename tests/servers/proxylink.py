@@ -68,7 +68,7 @@ class ProxyLink:
             self.lock.notify_all()
 
     def move(self):
-        """As after a change of address: what is open stays open and is silent for ever, new connections work."""
+        """What a change of address does: open connections stay open and are silent for ever, and new ones work."""
         with self.lock:
             for pair in self.pairs:
                 pair.silent = True
@@ -137,7 +137,7 @@ class ProxyLink:
                 pair.close(reset=False)
 
     def damaged(self, data):
-        """Only a large piece is, which is hardly one of head lines."""
+        """Changes only a large piece, which hardly consists of head lines."""
         with self.lock:
             if not self.damages_in:
                 return data

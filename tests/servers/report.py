@@ -10,7 +10,7 @@ def figure(value, text="{}"):
 
 
 def cells_of(outcome):
-    """By the heads of the columns."""
+    """The cells of a row, by the heads of their columns."""
     passed = "the run says what the server lacks" if outcome.told_end else "yes"
     if outcome.faults:
         passed = "no: " + "; ".join(outcome.faults)

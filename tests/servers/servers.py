@@ -110,7 +110,7 @@ class Busybox:
 
 
 class PythonServer:
-    """HTTP/1.0, a connection for each request, no ranges."""
+    """A server of HTTP/1.0, with a connection for each request, and without ranges."""
 
     def __init__(self, ground):
         self.port = free_port()
