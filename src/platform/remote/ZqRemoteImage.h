@@ -46,7 +46,7 @@
 /// What a table tells of the image is never dropped: its checksums hold as well when the packed form is
 /// refused or gone, and for the same image packed anew. A table with other ones is of something else and is
 /// refused, also where no digest of `img.zqf` is known. So where a server has got other files under the old
-/// records nothing of them is taken. Only a table whose file didn't say of which image it is gives way to one
+/// records nothing of them is taken. A table whose file doesn't say of which image it is gives way to one
 /// whose file does; as it has vouched for nothing, all that is kept is compared again.
 class ZqRemoteImage {
 public:
