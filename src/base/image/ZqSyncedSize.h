@@ -51,6 +51,7 @@ private:
         bool isOfThisStart() const;
     };
 
+    /// A file of its own: `stream.json` is changed by others meanwhile.
     SxString noteFile() const;
     SxString folder() const;
     Note read() const;

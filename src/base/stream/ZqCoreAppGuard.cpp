@@ -19,9 +19,11 @@ constexpr int64 SECOND_MS = 1000;
 constexpr int64 N_SEARCHES = 60;
 /// Between two looks at all processes of the machine, each of which takes milliseconds of a core.
 constexpr int64 SEARCH_LOOK_MS = 50;
-/// Between two looks at a process that has run for a second. An application runs for hours.
+/// Between two looks at a process that has run for a second, which is looked at every 10 ms before. An
+/// application runs for hours.
 constexpr int64 CALM_LOOK_MS = 50;
-/// How long a command that was killed may take to go; one that waits for the drive can take for ever.
+/// How long a command that was killed may take to go. A process that reads from a drive may not end before
+/// its read does, which can take for ever, and a stop must not wait for that.
 constexpr int64 KILLED_MS = 500;
 
 bool hasDriveLetter(const SxString& text) {
@@ -30,7 +32,8 @@ bool hasDriveLetter(const SxString& text) {
     return t.size() > 1 && t[1] == ':' && isLetter(t[0]) && (t.size() == 2 || t[2] == '/' || t[2] == '\\');
 }
 
-/// A path on a drive in the drive's own spelling; backslashes in other paths would be parts of names.
+/// A path on a drive in the drive's own spelling, with backslashes. Any other path keeps its slashes, since
+/// backslashes would be parts of names there.
 SxString resolve(const SxString& text, const SxString& drive) {
     const SxString path = text.substitute(ZqCoreAppGuard::DRIVE_MARK, drive);
     return hasDriveLetter(path) ? ZqSysEnv::unifyBackslashes(path) : path;
@@ -93,6 +96,8 @@ void ZqCoreAppGuard::prepareProcess(const SxString& drive, SxWinProcParams procP
     process->setWinProcParams(procParams);
 }
 
+/// The parameters have the arguments as one text with blanks. Where that is the record's, the record's list
+/// is taken: the text would cut an argument that holds a blank.
 SxList<SxString> ZqCoreAppGuard::argumentsOf(const SxWinProcParams& procParams, const SxString& drive) const {
     const bool isRecords = procParams.args == SxString::join(appParams.args, " ");
     SxList<SxString> arguments;
@@ -102,6 +107,7 @@ SxList<SxString> ZqCoreAppGuard::argumentsOf(const SxWinProcParams& procParams, 
 }
 
 void ZqCoreAppGuard::start(Priority priority) {
+    // Here and not in main(), so that a stop right after the start isn't lost.
     stopFlag = false;
     SxSystemThread::start(priority);
 }
@@ -162,7 +168,8 @@ int ZqCoreAppGuard::followCommand() {
     return code;
 }
 
-/// The command forked away: its oldest process is the application.
+/// The command forked away: the oldest process that it has left is the application, and gives the exit code.
+/// The end is that of the whole group.
 int ZqCoreAppGuard::followLeftBehind(const SxProcessGroup& left) {
     const SxList<SxProcessInfo> members = left.getRunning();
     if (members.isEmpty()) return 0;
@@ -220,7 +227,7 @@ int ZqCoreAppGuard::followNamed() {
 
 void ZqCoreAppGuard::followByName(const SxOtherProcess& first) {
     awaitEnd(first);
-    // One that starts itself anew goes on under the same name.
+    // A game that starts itself anew goes on under the same name. The exit code stays that of the first.
     for (int64 id = findNamed(); id >= 0 && !stopRequested(); id = findNamed()) {
         noteGroup(newGroupOf(id));
         awaitEnd(SxOtherProcess(id));
@@ -263,7 +270,8 @@ int ZqCoreAppGuard::exitCodeOf(const SxOtherProcess& other) const {
         if (!other.isRunning()) code = other.exitCode(&error);
         return code.has_value();
     };
-    // Its parent may be about to ask for it, between two ways to know it.
+    // The code of a zombie is told always, that of a process which its parent has taken in from Linux 6.15
+    // on. Its parent may be about to do so, and then nothing is told for a moment.
     if (SxWait::pass(POLL_MS, known)) return *code;
     zqLogMsg("base",
              other.isRunning()
@@ -272,7 +280,9 @@ int ZqCoreAppGuard::exitCodeOf(const SxOtherProcess& other) const {
     return NO_CODE;
 }
 
-/// Takes in the ends of what has been adopted, apart from the process that is followed.
+/// Takes in the ends of what has been adopted, apart from the process that is followed. The adoption holds
+/// for the whole program, whose owner may have other children that leave orphans. Only processes of the
+/// application's groups are taken in, so nobody else's exit code is taken away.
 void ZqCoreAppGuard::collect(int64 followedId) const {
     process->getGroup().reap(followedId);
     const SxProcessGroup other = getGroup();
@@ -300,7 +310,8 @@ SxString ZqCoreAppGuard::shownName() const {
     return parts.isEmpty() ? appParams.cmd : parts.last();
 }
 
-/// Whether the command can have started it: whatever ran before isn't touched.
+/// Whether the command can have started it: a process of the user, or one that descends from this program,
+/// which began no earlier than the command. So a stop never ends what the user ran before.
 bool ZqCoreAppGuard::isOurs(const SxProcessInfo& info) const {
     const bool isUsers = info.user == SxProcessInfo::ownUser() || info.isDescendant();
     const SxProcessGroup ours = process->getGroup();
@@ -343,7 +354,8 @@ int64 ZqCoreAppGuard::awaitNamed(int64 limitMs) const {
     return id;
 }
 
-/// The process of that name, as long as the command runs: what that loads may have to come over a slow link.
+/// Looks for the process of that name, once a second, as long as the command runs. On a slow link a launcher
+/// may take longer to load than the first minute, and the drive would be taken from under its game.
 int64 ZqCoreAppGuard::awaitLateNamed() const {
     int64 id = -1;
     while (id < 0 && !stopRequested() && process->isRunning()) {
@@ -402,7 +414,7 @@ void ZqCoreAppGuard::killNamed() const {
     ZqSysEnv::killProcess(static_cast<int>(id));
 }
 
-/// Gives false where the process of the record's name can't be found.
+/// Acts on the whole group. Gives false where the process of the record's name can't be found.
 bool ZqCoreAppGuard::setSuspended(bool on, const SxString& prefix) const {
     if (!isAdopted() && !appParams.name.isEmpty()) {
         zqLogMsg("base", prefix + (on ? "suspending" : "Resuming") + " [" + appParams.name + "]");

@@ -10,8 +10,14 @@
 
 /// Starts the streamed application, follows it to its end, and gives its exit code. Where the record names a
 /// process, the command is only a launcher: the process is found by that name and followed. A command that
-/// ends well and leaves others behind in its group hands over to these. For one run. All operations are safe
-/// from any thread, but for those of SxSystemThread.
+/// ends with 0 while others of its group go on hands over to these, also where the record names no process:
+/// else the drive would be taken from a game that its script has started in the background. A command that
+/// fails has ended.
+///
+/// A process is followed by a handle of the system (pidfd) and not by its name alone, which another one may
+/// bear; a handle is cheap to look at. While a guard runs, this program adopts the processes that a launcher
+/// leaves (SxAdoption), so that the system tells their exit codes. For one run. All operations are safe from
+/// any thread, but for those of SxSystemThread.
 class ZqCoreAppGuard : public SxSystemThread {
 public:
     /// The exit code of an application that was stopped.
@@ -23,7 +29,10 @@ public:
 
     /// `path`: the image's folder; `drive`: a letter and a colon, or a folder. An empty `workDir` means the
     /// program's own folder. `args` are separated by blanks; where they are those of the record, joined, the
-    /// record's own division holds. A program that ends in ".exe" runs through Wine.
+    /// record's own division holds, since an argument may hold a blank. A program that ends in ".exe" runs
+    /// through Wine, with the machine root as its prefix. `path` and `workDir` of `procParams` are the
+    /// drive's: on a drive letter they are spelled with backslashes, as a Windows program is told them, and
+    /// SxOs translates them. In the arguments of a native program the drive stands as a host path.
     ZqCoreAppGuard(const SxString& path, const ZqAppParams& params, const SxString& drive,
                    SxWinProcParams procParams);
     /// For an application that an earlier program started and left (see getGroup()): follows it, and can
@@ -31,7 +40,8 @@ public:
     ZqCoreAppGuard(const SxString& path, const ZqAppParams& params, const SxProcessGroup& adopted);
 
     void start(Priority priority) override;
-    /// Starts the thread, and returns when it runs, or has ended already.
+    /// Starts the thread, and returns when it runs, or has ended already: a program that can't be started
+    /// must not hold its caller for ever.
     virtual void start();
 
     bool isRunning() const { return runningFlag; }
@@ -47,10 +57,11 @@ public:
     /// Whether an earlier program started it.
     bool isAdopted() const { return !process; }
 
-    /// Ends the application at once. None of these raises; what fails is logged.
+    /// Ends the application at once. Looks once for the process that the record names, and doesn't wait for
+    /// the end. None of these raises; what fails is logged.
     void stop();
-    /// Suspends all processes of the application's group, and lets them go on. A process that can't be found
-    /// changes nothing.
+    /// Suspends all processes of the application's group, and lets them go on: what a game has started beside
+    /// itself would go on reading. A process that can't be found changes nothing.
     void suspend();
     void resume();
 

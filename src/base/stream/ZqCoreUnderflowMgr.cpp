@@ -18,19 +18,22 @@ namespace {
 
 constexpr const char* UNIT = "src/base/ZqUnderflowMgr";
 constexpr const char* MAIN = "ZqCoreUnderflowMgr::main: ";
-/// The drive is looked at each millisecond so long behind a fetch.
+/// So long after a fetch the drive is looked at each millisecond: who has got a block mostly asks for the
+/// next one at once, and 10 ms are a fifth of what a request takes on a fast link.
 constexpr int64 BUSY_MS = 100;
-/// An instant underflow may last so long at least, in seconds.
+/// An instant underflow may last so long at least, in seconds. One that lasts longer, and longer than the
+/// underflow delay, is left to the turns, which take the window away.
 constexpr int64 INSTANT_S = 5;
 constexpr const char* INSTANT = "ZqCoreUnderflowMgr::checkInstantUnderflow: ";
 constexpr int64 DELAY_PASSES = 10; ///< a second's
 constexpr int64 DELAY_PASS_MS = 100;
-constexpr int64 SEARCH_MS = 1000;      ///< from one look at the foreground to the next
-constexpr int64 PROCESS_MS = 100;      ///< for the search for the application's process
-constexpr int LOOKS_A_PROCESS = 5;     ///< one asks after every process of the machine
-constexpr int64 MINIMIZE_MS = 500;     ///< for the desktop to minimise a window
-constexpr int64 UNDERFLOW_MS = 1000;   ///< a turn with an underflow
-constexpr int64 REFUSALS_A_LINE = 100; ///< about a second's
+constexpr int64 SEARCH_MS = 1000;    ///< from one look at the foreground to the next
+constexpr int64 PROCESS_MS = 100;    ///< for the search for the application's process
+constexpr int LOOKS_A_PROCESS = 5;   ///< one asks after every process of the machine
+constexpr int64 MINIMIZE_MS = 500;   ///< for the desktop to minimise a window
+constexpr int64 UNDERFLOW_MS = 1000; ///< a turn with an underflow
+/// About a second's: with a line for each try the log would be full of it.
+constexpr int64 REFUSALS_A_LINE = 100;
 constexpr int64 ROW_MS = 60000;
 constexpr uint64 MIN_RATE = 4096;    ///< bytes a second, below which an ETA means nothing
 constexpr double LEAST_SPEED = 1000; ///< bytes a second
@@ -48,7 +51,8 @@ bool isIconic(ZqDesktop::Handle window) {
     return window != 0 && ZqDesktop::get().isIconic(window);
 }
 
-/// Both run on the caller's thread: they only tell the desktop what is wanted.
+/// Both run on the caller's thread: they only tell the desktop what is wanted. That doesn't wait for the
+/// application, which may hang; a thread for each call would only outlive its window.
 void minimizeWindow(ZqDesktop::Handle window) {
     if (window != 0) ZqDesktop::get().forceMinimise(window);
 }
@@ -100,7 +104,7 @@ ZqCoreUnderflowMgr::~ZqCoreUnderflowMgr() {
 }
 
 void ZqCoreUnderflowMgr::start(Priority priority) {
-    // Here and not in main(), so that a stop right behind the start isn't lost.
+    // Here and not in main(), so that a stop right after the start isn't lost.
     if (!isRunning()) {
         stopFlag = false;
         if (const SxPtr<ZqODRDownloader> source = getSource().downloader) source->cancel(false);
@@ -218,9 +222,11 @@ void ZqCoreUnderflowMgr::findAppWindow(int64 delaySeconds) {
             return stopRequested();
         };
         const auto isDelayOver = [&] {
-            // What was handed to this drive isn't on the next one.
+            // The delay ends with the drive: what was handed to this one isn't on the next, though its
+            // stretches count as delivered.
             driveGone = driveGone || !isDriveThere();
-            // One that lasts is left to the turns, since nothing is fetched until the delay is over.
+            // An underflow that lasts is left to the turns: they fetch, and here nothing is fetched until the
+            // delay is over.
             return driveGone || isStopped() || instantMs != 0;
         };
         bool isOver = false;
@@ -273,10 +279,12 @@ void ZqCoreUnderflowMgr::checkInstantUnderflow() {
     countUnderflow(static_cast<int64>(size), t0);
     for (int64 nRefused = 0; !stopRequested() && isReadWaiting();) {
         if (windowSearch) minimizeGhost();
+        // Where there is nothing to fetch from it isn't tried: the log would be full of that.
         if (canFetch() && onDemand()) continue;
         if (windowSearch &&
             SxClock::get().steadyMs() - t0 > std::max(appParams.underflowDelay, INSTANT_S) * 1000) {
-            // No desktop here is sure to put a ghost in the place of what hangs: the window itself goes.
+            // No desktop here is sure to put a ghost in the place of an application that hangs. So it is left
+            // to the turns, which take the window itself away.
             instantMs = t0;
             return;
         }
@@ -368,6 +376,8 @@ void ZqCoreUnderflowMgr::setUp() {
 
 void ZqCoreUnderflowMgr::openStatistics() {
     const SxString file = path + "/onDemand.dat";
+    // Made afresh by each process, in the place of a link or a second name that stands there. The job goes on
+    // where it can't be written.
     try {
         if (statStart != NEVER) {
             statFile.open(file, "ab", 0600);
@@ -407,6 +417,7 @@ void ZqCoreUnderflowMgr::turn(Watch* watch) {
         // It has met an underflow that lasts, which the next turn takes over.
         if (!isNoted && instantMs != 0) return;
     }
+    // Asked before anything is fetched: a pass would find nothing to fetch then, and wait.
     if (underflow && hasDownloadPassed()) {
         underflow = false;
     } else if (underflow && canFetch()) {
@@ -445,6 +456,7 @@ void ZqCoreUnderflowMgr::lookAtWindow(Watch* watch) {
     if (now - watch->windowMs <= SEARCH_MS) return;
     watch->windowMs = now;
     if (!windowSearch) return;
+    // While nothing has the foreground, a window that was found stays the application's.
     const ZqDesktop::Handle foreground = ZqDesktop::get().getForeground();
     if (foreground != 0 && foreground != appWindow) findAppWindow(0);
 }
@@ -466,6 +478,7 @@ bool ZqCoreUnderflowMgr::enterUnderflow() {
     countUnderflow(static_cast<int64>(resumeIdx) - static_cast<int64>(nDownloaded()),
                    SxClock::get().steadyMs());
     instantMs = 0;
+    // Where there is no window nothing is minimised, and the log doesn't say so.
     if (appWindow != 0 && !isIconic(appWindow)) {
         underflowFlag = true;
         takenAway = true;
@@ -490,7 +503,6 @@ void ZqCoreUnderflowMgr::leaveUnderflow(Watch* watch) {
 }
 
 void ZqCoreUnderflowMgr::pause() const {
-    // Who has got a block mostly asks for the next one at once.
     SxTime::msleep(fetchedMs != 0 && SxClock::get().steadyMs() - fetchedMs < BUSY_MS ? 1 : pollMs);
 }
 

@@ -23,16 +23,29 @@ class ZqODRDownloader;
 /// The job that watches for underflows: reads that the drive holds since their blocks aren't there yet. It
 /// gets the missing stretches of `img.zqf` out of order where it can. Where it can't, it minimises the
 /// application's window and, if `suspendDrive` says so, suspends the drive, until the download has caught up.
-/// It keeps the statistics of that, and never acts on the process. It runs until it is stopped or the drive,
-/// once an underflow has come, is gone; a service that is silent is asked again, and nothing changes until
-/// that answers. What a job that has failed left open, a window taken away or an underflow counted, the next
-/// one goes on with. The queries, stop(), maximizeApp() and setDownloadParams() are safe
-/// from any thread; start(), wait() and restart() belong to the owner's; everything else runs on the job's
-/// own.
+/// It keeps the statistics of that. It never acts on the process, and brings no window back; its owner does.
+/// It doesn't throttle the writer while it fetches: who goes first is settled on the link, where the ordered
+/// download and the fetches meet. It runs until it is stopped or the drive, once an underflow has come, is
+/// gone.
+///
+/// A service that is silent is asked again, and nothing changes until it answers: what the service holds
+/// stays held, so no underflow is taken to be over, and the job doesn't end, since it alone knows the window.
+/// What a job that has failed left open, a window taken away or an underflow counted, the next one goes on
+/// with. So a read that is held counts once, however often it is met: after the player has brought the window
+/// back before its time, after a failure, after a restart.
+///
+/// It waits in looks of 10 ms: within the second of a turn with an
+/// underflow, the half second of a minimising, the tenths of the delay before the window search. An idle turn
+/// costs three calls of the drive service, a pass seven and one for each stretch. What has just been asked
+/// isn't asked again. Durations are taken on the steady clock, since the system's may jump.
+///
+/// The queries, stop(), maximizeApp() and setDownloadParams() are safe from any thread; start(), wait() and
+/// restart() belong to the owner's; everything else runs on the job's own.
 class ZqCoreUnderflowMgr : public SxSystemThread {
 public:
     /// Fills the `size` bytes at `*data` with those of `img.zqf` from byte `offset` on. Gives 0, or 1 where
-    /// it can't. Runs on a thread of its own; a stop of the manager doesn't wait for it.
+    /// it can't. Runs on a thread of its own, without a limit. A stop of the manager doesn't wait for it, its
+    /// destructor does; until it has ended no other is called.
     using Callback = int (*)(uint64 offset, uint64 size, char** data, void* callbackData);
     class AsyncCallback;
 
@@ -51,8 +64,8 @@ public:
 
     /// Takes an earlier stop back, and runs the job.
     void start(Priority priority = 6) override;
-    /// Asks the job to end, and gives up what it downloads; it neither waits nor joins. A drive that the job
-    /// suspended is resumed at its end.
+    /// Asks the job to end, and gives up what it downloads, so that a run ends within a second also while its
+    /// server stalls; it neither waits nor joins. A drive that the job suspended is resumed at its end.
     void stop();
     bool stopRequested() const { return stopFlag; }
     /// Stops the job, waits for it, and starts it as if no underflow had come yet: the delay before the
@@ -60,13 +73,14 @@ public:
     void restart();
 
     /// Whether windows are looked for, true at first. While there is no application, any window in the
-    /// foreground is somebody else's.
+    /// foreground is the player's own.
     void setWindowSearch(bool on) { windowSearch = on; }
     /// `call` is called in each look while a read is held that only the ordered download can serve. On the
-    /// manager's thread; to be set ahead of its start.
+    /// manager's thread; to be set before its start.
     void setEdgeCall(std::function<void()> call) { edgeCall = std::move(call); }
     /// Where missing data come from if no callback was given: the address of `img.zqf`, and headers for each
-    /// request. Raises "Cannot set ondemand download params" with the cause.
+    /// request. Raises "Cannot set ondemand download params" with the cause; then the manager
+    /// stays as it was, with or without a callback.
     void setDownloadParams(const SxString& url, const SxList<SxString>& headers);
 
     /// Whether the application counts as minimised, by this job or by the player.
@@ -80,7 +94,8 @@ public:
     uint64 getUnderflowResumeIdx() const { return resumeIdx; }
     /// Seconds until the download is there; 0 where it is, or isn't known.
     uint64 getUnderflowETA() const;
-    /// A copy of the statistics, with the duration so far of an underflow that is open.
+    /// A copy of the statistics, with the duration so far of an underflow that is open: a game that is
+    /// stopped because it waits is the very case that the figures are to show.
     ZqRuntimeInfo getRuntimeInfo() const SX_EXCLUDES(infoMutex);
     /// When a read was last seen to wait for its blocks, however short that was; steady clock in ns, 0 for
     /// never.
@@ -89,7 +104,8 @@ public:
     /// Resolves an underflow at a time at which no window is to be minimised; blocks until it is resolved or
     /// the job is stopped.
     void checkInstantUnderflow();
-    /// Waits, then looks for the application's window; underflows meanwhile are resolved.
+    /// Waits, then looks for the application's window; underflows meanwhile are resolved. What has the
+    /// foreground is that window. It is searched for only on a desktop on which nothing has the foreground.
     void findAppWindow(int64 delaySeconds);
     /// Minimises the application's window, and waits up to 500 ms for that. Raises "App minimization failed".
     void minimizeApp();
@@ -136,7 +152,6 @@ private:
         int64 sinceMs = 0, reportedMs = 0;
     };
 
-    /// Durations don't depend on the system's clock, which may jump.
     /// Makes a call of the drive service, again and again as long as that is silent: a read that it holds
     /// stays held, so nothing has changed. Gives what the call gives; raises what else goes wrong, and the
     /// silence where the job is stopped in it.
@@ -152,7 +167,8 @@ private:
     }
     bool bearsSilence(const SxException& why, bool isTold) const;
     bool isDriveThere() const;
-    /// Whether the drive holds a read for want of its blocks.
+    /// Whether the drive holds a read for want of its blocks. It is asked in the way that raises where the
+    /// service is silent, which doesn't mean that no read is held.
     bool isReadHeld() const;
     void watchUnderflows();
     void setUp();
@@ -171,7 +187,8 @@ private:
     void resumeDrive();
     /// Counts an underflow that began at `sinceMs`, unless it is one that was counted before and isn't over.
     void countUnderflow(int64 size, int64 sinceMs) SX_EXCLUDES(infoMutex);
-    /// Ends the underflow that was counted last, if it is open.
+    /// Ends the underflow that was counted last, if it is open, also where a later fetch resolves it. A
+    /// duration counts only where the underflow was counted.
     void timeUnderflow() SX_EXCLUDES(infoMutex);
     bool isCountOpen() const SX_EXCLUDES(infoMutex);
     void writeRow(Watch* watch);
@@ -184,7 +201,7 @@ private:
     uint64 byteIdxOf(uint64 zqfIdx) const;
     SxArray<uint64> popQueue(uint64 count) const;
     /// Looks what is wanted, asks for it, and delivers what has come. Gives false where something can't be
-    /// had for now; whatever else is wanted isn't held up by that.
+    /// had for now; whatever else is wanted isn't held up by that, also between two turns.
     bool runPass();
     /// Runs a pass within the wait for the next turn. False where a call of the service has failed.
     bool runPassBetween();
@@ -238,13 +255,16 @@ private:
     std::atomic<bool> isRestarted{false}; ///< a stop that a start follows
     std::atomic<uint64> resumeIdx{0};
     std::atomic<int64> nTakenAway{0}, lastWaitNs{0};
-    bool entered = false;        ///< an underflow that isn't over, for which the window goes
-    bool driveSuspended = false; ///< by this job, and not resumed yet
-    bool driveGone = false;      ///< since the start of the job
-    int64 instantMs = 0;         ///< when an instant underflow began that was left to the turns; 0 none
+    bool entered = false; ///< an underflow that isn't over, for which the window goes
+    /// By this job, and not resumed yet. It is resumed as soon as no underflow is left, whichever way that
+    /// went, and at the job's end.
+    bool driveSuspended = false;
+    bool driveGone = false; ///< since the start of the job
+    int64 instantMs = 0;    ///< when an instant underflow began that was left to the turns; 0 none
     SxFileIO refFile, statFile;
     static constexpr int64 NEVER = -1;
-    int64 statStart = NEVER, lastStatRow = NEVER; ///< steady time, ms
+    /// Steady time, ms: a jump of the system's clock would add rows to `onDemand.dat`, or leave some out.
+    int64 statStart = NEVER, lastStatRow = NEVER;
 
     mutable SxMutex infoMutex;                     ///< over changes of runtimeInfo by the job
     int64 openMs SX_GUARDED_BY(infoMutex) = NEVER; ///< when the underflow that is open began, steady ms

@@ -19,13 +19,23 @@ constexpr int64 MS = 1'000'000;
 constexpr int64 GROUP = 6;         ///< requests that are worth having on the wire together
 constexpr int64 SLOW_MS = 3000;    ///< one that lasts longer takes the place of no other
 constexpr int64 MAX_FETCHES = 128; ///< at once, slow ones included
+/// From one look for the end of a fetch, which a reader waits for, to the next.
 constexpr int64 FETCH_LOOK_NS = MS / 4;
-constexpr int64 RETRY_MS = 1000;   ///< between two tries of a stretch that can't be had
-constexpr int64 UNWANTED_MS = 300; ///< a drive asks ten times a second for what held reads wait for
+/// Between two tries of a stretch that can't be had. Meanwhile it counts as an underflow, and the others go
+/// on.
+constexpr int64 RETRY_MS = 1000;
+/// What the drive no longer asks for is no longer wanted. A drive asks ten times a second for what held reads
+/// wait for.
+constexpr int64 UNWANTED_MS = 300;
 constexpr int64 MAX_HANDOVER = 409600;
-constexpr int64 AGAIN_MS = 1000; ///< what was delivered isn't fetched again within that
-constexpr int64 CALLBACK_LOOK_MS = 1;
-/// For so long a reader at the download's edge is left to that.
+/// What was delivered isn't fetched again within that, and is if the drive asks for it later. A count of the
+/// drive's reports instead would last the longer, the more seldom the drive is asked.
+constexpr int64 AGAIN_MS = 1000;
+constexpr int64 CALLBACK_LOOK_MS = 1; ///< a reader waits for its end
+/// For so long a read at the download's edge, or in the stretch that comes next, is left to the download.
+/// Then it is fetched, whatever has come meanwhile: a download that stands, or crawls, may never bring the
+/// rest, and the last blocks of a size that doesn't end with a block aren't the drive's yet. Such a read
+/// counts as an underflow, from its begin on.
 constexpr int64 EDGE_MS = 3000;
 
 int64 whole(double value) {
@@ -96,7 +106,7 @@ bool ZqCoreUnderflowMgr::AsyncCallback::isFinished() const {
 /// A stretch on its way, on a thread of its own: one that the server is silent about holds up no other.
 class ZqCoreUnderflowMgr::Fetch : public SxSystemThread {
 public:
-    /// `isApart`: without the ordered download.
+    /// `isApart`: it isn't left to the ordered download on the network's side either.
     Fetch(const SxPtr<ZqODRDownloader>& from_, uint64 offset_, uint64 length_, bool isApart_)
         : offset(offset_),
           isApart(isApart_),
@@ -239,6 +249,7 @@ bool ZqCoreUnderflowMgr::runPass() {
         resumeIdx = std::max<uint64>(resumeIdx, edgeIdx);
         return false;
     }
+    // A pass that has found nothing to fetch must not begin anew at once.
     if (n == 0 && fetches.empty()) SxTime::msleep(SxWait::LOOK_MS);
     return true;
 }
@@ -265,7 +276,7 @@ void ZqCoreUnderflowMgr::collect(const Pass& pass) {
             pass.log("Reached end of on demand queue");
             break;
         }
-        // A block behind the image's end: no bytes of the image could resolve it.
+        // A block at or beyond the image's end has no bytes, so nothing could resolve it.
         if (byteIdx >= pass.nTotal) continue;
         resumeIdx = std::max<uint64>(resumeIdx, aligned);
         int64 sinceMs = pass.t0;
@@ -388,7 +399,7 @@ bool ZqCoreUnderflowMgr::isUnderWayApart(uint64 offset) const {
 }
 
 void ZqCoreUnderflowMgr::beginFetches(const Pass& pass, const SxPtr<ZqODRDownloader>& from) {
-    // One that the server is silent about takes the place of no other.
+    // One that the server has been silent about takes the place of no other.
     const int64 nFresh = std::count_if(fetches.begin(), fetches.end(), [&](const SxPtr<Fetch>& fetch) {
         return pass.t0 - fetch->beginMs < SLOW_MS;
     });

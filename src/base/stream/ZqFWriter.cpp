@@ -24,8 +24,8 @@ constexpr const char* TEST_FILE = "test.dat";
 constexpr int FILE_MODE = 0600;
 
 constexpr uint64 PIECE = 2'000'000;
-/// Of a piece so much is written at a time: on a slow disk what is there can be read before the rest is
-/// written.
+/// Of a piece so much is written at a time, so that the drive's cursor moves within a piece, too: on a slow
+/// disk what is there can be read before the rest is written.
 constexpr int64 WRITE_STEP = 256 << 10;
 constexpr uint64 MIN_WRITE_SPEED = 0x300000;       // bytes per second
 constexpr uint64 LEAST_MAX_WRITE_SPEED = 0xA00000; // bytes per second
@@ -35,16 +35,19 @@ constexpr int64 SAMPLES = 12;
 constexpr int64 PASS_MS = 1000;
 constexpr int64 RETRY_MS = 100;
 constexpr uint64 SAMPLE_MS = 5000;
-/// From one look at the free room to the next, while there is enough, and while there isn't.
+/// From one look at the free room to the next, while there is enough, and while there isn't. What is written
+/// between two looks counts.
 constexpr int64 ROOM_NS = 1'000'000'000;
 constexpr int64 ROOM_LOOK_MS = 100;
-/// From one line of the log to the next, where less than a whole piece is written.
+/// From one line of the log to the next, where less than a whole piece is written. With a line for each
+/// chunk, which may be one of 10 ms, the log of a slow download grew to a twentieth of the image.
 constexpr int64 LINE_NS = 1'000'000'000;
+/// A pause that lasted too long shortens the next one by no more than that.
 constexpr int64 LARGEST_LAG_NS = 20'000'000;
 
-/// Durations come from the clock that no adjustment moves: after a jump of the system's, a pause could last
-/// for hours.
-/// Fills the array with numbers that no disk can pack (xorshift64*), at the speed of memory.
+/// Fills the array with numbers that no disk can pack (xorshift64*). That costs a few milliseconds for the
+/// 50 MiB of the test, so it measures the disk and not the machine, and doesn't take a core for half a second
+/// while a game starts.
 void fillRandomly(SxArray<uint64>* words, uint64 seed) {
     uint64 x = seed | 1;
     for (uint64& word : *words) {
@@ -59,7 +62,7 @@ void removeIfThere(const SxString& path) {
     if (SxFSAction::exists(path)) SxFSAction::rm_r(path);
 }
 
-/// Of what can be believed.
+/// The size of the file, as far as that can be believed.
 uint64 sizeOf(const SxString& path) {
     ZqSyncedSize(path).cutBack();
     const SxFileInfo file(path);
@@ -84,7 +87,7 @@ ZqFWriter::ZqFWriter(const SxString& dirPath_, const SxString& fileName_)
     setThreadName("image writer");
     removeIfThere(pathOf(CHUNKS));
     SxFSAction::mkdir_p(pathOf(CHUNKS), 0777);
-    // Whoever watches the file, or mounts it, may start ahead of this thread.
+    // Whoever watches the file, or mounts it, may start before this thread does.
     SxFileIO image(pathOf(fileName), "ab", FILE_MODE);
     image.close();
 }
@@ -123,10 +126,11 @@ void ZqFWriter::pushChunk(uint64 offset, SxArray<char>&& data) {
 
 void ZqFWriter::keep(uint64 offset, Piece piece) {
     const auto size = static_cast<uint64>(piece->getSize());
-    // What it replaces is freed behind the lock.
+    // What it replaces is freed once the lock is left.
     SxMutexBlock lock(&dataMutex);
     bytesReceived += size;
-    // Neither cursor would ever come by it again.
+    // Neither cursor would ever come by it again, and a client that bounds its memory by getBytesHeld() would
+    // wait for ever.
     if (offset + size <= writeCursor) return;
     Piece& place = chunks[offset];
     if (place) bytesHeld -= static_cast<uint64>(place->getSize());
@@ -232,7 +236,8 @@ void ZqFWriter::main() {
 void ZqFWriter::testDisk() {
     const SxString path = pathOf(TEST_FILE);
     try {
-        // On a disk that is nearly full, the test must not take what the image needs.
+        // A disk that has room for the image must not be full by the test. For the same reason the test's
+        // file is removed as soon as the test is over, also where that has failed.
         const uint64 free = std::min(ZqSysEnv::getFreeDiskSpace(dirPath), reserve.getRoom());
         writeTestFile(std::min(TEST_BYTES, static_cast<int64>(std::min(free, uint64{1} << 62) / 2)));
         SxFSAction::rm(path);
@@ -258,6 +263,7 @@ void ZqFWriter::writeTestFile(int64 nBytes) {
 }
 
 void ZqFWriter::openLog() {
+    // In the place of a link that stands there, as with the test's file.
     log.create(pathOf(LOG), FILE_MODE);
     log.write(
         SxString::sprintf("#Time0: %15ju ms, Curser0: %15ju bytes\n", uintmax_t{time0}, uintmax_t{cursor0}));
@@ -298,7 +304,7 @@ void ZqFWriter::writeImage() {
     completeImage = fileSize >= total;
 }
 
-/// Waits for the first bytes behind the end of the file.
+/// Waits for the first bytes that follow the end of the file.
 void ZqFWriter::beginAtEnd(SxFileIO* image, uint64 total) {
     const auto size = static_cast<uint64>(image->getSize());
     writeEnd = size;
@@ -370,8 +376,9 @@ uint64 ZqFWriter::targetSpeed(uint64 dlSpeed, uint64 bytesBehindLast) const {
 /// Writes at `target` bytes a second, or at once with 0.
 void ZqFWriter::writePiece(SxFileIO* image, uint64 offset, uint64 target) {
     const int64 beginNs = SxClock::get().steadyNs();
-    // What the last piece took too long counts for this one: small pieces, whose pauses are as short as the
-    // system's sleep is inexact, would fall behind by a sixth.
+    // What the last piece took too long is taken off the pause of this one. The pauses of pieces of 200 KB
+    // are about a millisecond, as short as the system's sleep is inexact, and the pace would stay a sixth
+    // below its target.
     const bool inTurn = beginNs - dueNs <= LARGEST_LAG_NS;
     dueNs = inTurn ? dueNs : beginNs;
     Piece piece;

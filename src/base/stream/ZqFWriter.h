@@ -13,10 +13,13 @@
 
 /// Takes the bytes of an image from download threads as chunks, in any order, and appends them to the image
 /// file strictly by their offsets, on a thread of its own, at a pace that follows the download. It is the one
-/// writer of a growing `img.zqf`. A failure ends the thread with the event APP_ERROR; the file keeps what it
-/// has, and a new object goes on at its end: of what was written before the machine's last start, behind what
-/// is sure to have reached the disk (ZqSyncedSize). For one run. All operations are safe from any thread, but
-/// for those of SxSystemThread. Offsets and sizes are in bytes of the image file.
+/// writer of a growing `img.zqf`. A failure, such as a full disk, ends the thread with the event APP_ERROR.
+/// The file keeps what it has, also of a piece that was written in part: its size is where a new object goes
+/// on, in the middle of a block or not, and where the client pushes from then. So nothing is cut off and
+/// nothing is written twice. Of what was written before the machine's last start only that counts which is
+/// sure to have reached the disk (ZqSyncedSize). Durations are taken on the steady clock: after a jump of the
+/// system's clock a pause could last for hours. For one run. All operations are safe from any thread, but for
+/// those of SxSystemThread. Offsets and sizes are in bytes of the image file.
 class ZqFWriter : public SxSystemThread {
 public:
     /// What popOffset() gives while the next chunk isn't there.
@@ -27,22 +30,27 @@ public:
     /// in the folder when the thread starts.
     ZqFWriter(const SxString& dirPath, const SxString& fileName);
 
-    /// Leaves that much of the disk free: where the next piece would go beyond it, the thread waits for room.
-    /// To be called before the start; without it nothing is left.
+    /// Leaves that much of the disk free: where the next piece would go beyond it, the thread waits for room
+    /// and keeps its pieces, so that nothing is fetched twice. To be called before the start; without it
+    /// nothing is left.
     void setReserve(const ZqDiskReserve& reserve_) { reserve = reserve_; }
 
-    /// Writes what comes at once, without a pace and without the test of the disk that bounds one. For a
-    /// client that bounds by itself what it has pushed and isn't written yet, see getBytesHeld(). To be
-    /// called before the start.
+    /// Writes what comes at once, without a pace and without the test of the disk that bounds one; the head
+    /// line of `write.log` then states a test of 0 bytes. For a client that bounds by itself what it has
+    /// pushed and isn't written yet, see getBytesHeld(): a pace is there to spread out a large buffer, and of
+    /// such a client the link is the pace. The test takes its measure while a game starts, which is the
+    /// busiest time: in seven runs on one disk it gave bounds from 22 to 476 MB/s, and the lower ones held up
+    /// the download. To be called before the start.
     void setUnpaced() { isPaced = false; }
 
     /// Takes a copy of `data`, cut into pieces of 2,000,000 bytes. A client pushes on a grid: where a piece
-    /// ends the next one begins. What ends at or ahead of the write cursor isn't kept. With setThrottle(true)
+    /// ends the next one begins. What ends at or before the write cursor isn't kept. With setThrottle(true)
     /// it takes a second. Raises where there is no memory.
     void pushChunk(uint64 offset, const SxArray<char>& data);
     /// The same; a chunk of one piece is taken over without a copy.
     void pushChunk(uint64 offset, SxArray<char>&& data);
-    /// Holds who pushes to one chunk a second.
+    /// Holds who pushes to one chunk a second. The second ends early with setThrottle(false), and with
+    /// stop().
     void setThrottle(bool on);
 
     /// The next offset to write, which is taken, or NO_OFFSET. For the writer's thread.
@@ -51,7 +59,7 @@ public:
     /// thread.
     void updateBufferCursor();
 
-    /// Bytes that lie ready behind the write cursor without a gap.
+    /// Bytes that lie ready from the write cursor on without a gap.
     uint64 getBytesAvail() const;
     /// The end of what has arrived without a gap.
     uint64 getBufferCursor() const;
@@ -60,7 +68,7 @@ public:
     /// The end of what the calls of write(2) have returned for, which can be read; also within a piece. A
     /// file system may tell a larger size.
     uint64 getWriteEnd() const { return writeEnd; }
-    /// Bytes in memory: pushed and not yet written, also those behind a gap.
+    /// Bytes in memory: pushed and not yet written, also those after a gap.
     uint64 getBytesHeld() const;
     /// Whether the thread waits for room on the disk.
     bool isWaitingForRoom() const { return waitingForRoom; }
@@ -125,6 +133,8 @@ private:
     uint64 timeAtLastSample SX_GUARDED_BY(dataMutex);
     SxPtr<ZqAvg> avgSpeed SX_GUARDED_BY(dataMutex);
     bool completeImage SX_GUARDED_BY(dataMutex) = false;
+    /// By their offsets. These are multiples of 2,000,000, which share their low bits, and a hash map of
+    /// `core` goes by these.
     std::map<uint64, Piece> chunks SX_GUARDED_BY(dataMutex);
     /// Of those in `chunks` that popOffset() hasn't given yet.
     std::map<uint64, uint64> chunkSizes SX_GUARDED_BY(dataMutex);

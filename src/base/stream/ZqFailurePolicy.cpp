@@ -23,7 +23,8 @@ const SxException& originOf(const SxException& why) {
 } // namespace
 
 ZqFailurePolicy::Verdict ZqFailurePolicy::decide(const SxException& why, bool hasDrive) {
-    // A service that is there answers at some time; its end is noticed by whoever looks after the drive.
+    // Silence is no failure: the service may be stopped, or its machine be busy or asleep. One that is there
+    // answers at some time, and its end is noticed by whoever looks after the drive.
     if (why.hasTag(ZqVolume::SILENT)) return Wait;
     if (why.hasTag(OTHER_VERSION)) return End;
     const bool isOfFiles = hasAny(why, {ZqNetLink::CHANGED, ZqNetLink::NOT_FOUND, ZqNetLink::WRONG});

@@ -3,9 +3,12 @@
 #include "SxException.h"
 
 /// What becomes of a job of a run or a fed mount that has failed: the one place that decides it, from the
-/// failure's tags and whether a drive is up. Without a drive a failure is worth telling at once. With one,
-/// somebody plays from what is there, and only what can't pass ends the download; the application goes on
-/// even then. Safe from any thread.
+/// failure's tags and whether a drive is up. Without a drive a failure is told at once. With one, somebody
+/// plays from what is there. Then whatever a server, a proxy or a page to log in to does is waited for, and
+/// so is a disk that takes no bytes. A file that isn't there, has changed, or comes wrong is asked for anew,
+/// with nothing kept of what the server has said of it, after a look at `app.json`. Only a newer version,
+/// told by `app.json`, and local causes end the download; the application goes on even then, and the run ends
+/// with that failure after it. Safe from any thread.
 class ZqFailurePolicy {
 public:
     /// Tags of failures, beside those of ZqNetLink and ZqVolume.

@@ -28,7 +28,7 @@ namespace {
 
 constexpr const char* UNIT = "src/base/ZqImageFeed";
 constexpr uint64 ANY_RATE = ~uint64{0};
-/// Silence of the server that is told. The link itself takes longer to give a request up, and its next try
+/// Silence of the server that is told. The link itself gives a request up after 10 s only, and its next try
 /// may bring some bytes before it is silent again.
 constexpr int64 SILENCE_S = 3;
 
@@ -97,8 +97,8 @@ void ZqImageFeed::open(const ZqStopTest& stop) {
     cutSurplus(record, stop);
     if (ZqImageInfo::isComplete(settings.image)) {
         app = ZqAppParams(filePath(""));
-        // A run plays without its server. Who only completes has no use for an address that gives something
-        // else.
+        // A run plays without its server. Who only completes an image has no use for an address that gives
+        // another one.
         if (settings.isDownloadOnly && !(url == record.url)) {
             ZqImageRecords(SxPtr<ZqNetLink>::create(), settings.image, url, settings.headers)
                 .requireSameOnServer(app, stop);
@@ -174,7 +174,7 @@ void ZqImageFeed::lookForRoom() {
 void ZqImageFeed::makeWriter() {
     const auto fresh = SxPtr<ZqFWriter>::create(filePath(""), ZqImageFiles::ZQF);
     fresh->setReserve(reserve);
-    // What the download is ahead of the writer is bounded, and a start must wait for no pace.
+    // ZqOrderedDownload bounds what waits for the writer, and a start must wait for no pace.
     fresh->setUnpaced();
     fresh->start();
     const SxMutexBlock block(&mutex);
@@ -240,7 +240,7 @@ void ZqImageFeed::openStore() {
         image->setStore(std::make_unique<ZqStretchStore>(settings.image, key, app.sizeZqf, ZqBlocks::STRETCH,
                                                          fileSize(), reserve));
     } catch (const SxException& e) {
-        // Then what comes ahead is only good for this run.
+        // Then what is fetched out of its order is only good for this run.
         zqLogMsg("base", "ZqImageFeed: " + e.toString(SxException::ShowMessage, ": "));
     }
 }

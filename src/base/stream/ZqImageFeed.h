@@ -21,9 +21,11 @@ class ZqPartCheck;
 class ZqStreamRecord;
 
 /// Completes an image folder from its server, in order, while a drive is made of it: fetches records and
-/// blocks, moves the drive's cursor, and answers underflows. Needs a server only for what is missing. Used by
-/// runs and by mounts that are fed. open(), fetchRecords(), start(), the operations on the drive and stop()
-/// belong to the owner's thread; the queries are safe from any.
+/// blocks, moves the drive's cursor, and answers underflows. Owns the threads that do it: the ordered
+/// download, the writer, the progress, the manager of underflows, and a keeper that looks after these and
+/// starts again what has ended too early. Needs a server only for what is missing, and writes only into the
+/// image's folder. Used by runs and by mounts that are fed. open(), fetchRecords(), start(), the operations
+/// on the drive and stop() belong to the owner's thread; the queries are safe from any.
 class ZqImageFeed {
 public:
     using Settings = ZqFeedSettings;
@@ -50,8 +52,8 @@ public:
     void start();
     /// Fetches the records that are missing, while blocks come in already.
     void fetchRecords(const ZqStopTest& stop);
-    /// Brings the drive's cursor to what is there. To be called once the drive is up, since it was mounted
-    /// with what was there before.
+    /// Brings the drive's cursor to the file's size, until the two agree. To be called once the drive is up,
+    /// since it was mounted with what was there a moment before.
     void alignCursor() const;
     /// Raises where the server is one from which no drive can be fed, since it has no ranges. To be called
     /// before a drive comes up, with which that would be waited for as all that a server does. Raises nothing
@@ -59,7 +61,7 @@ public:
     void requireRanges(const ZqStopTest& stop) const;
     /// From now on a drive comes up, or is up: what the server fails to give no longer ends the download.
     void driveStarts() { driveStarted = true; }
-    /// From now on there is an application whose window may be minimised.
+    /// From now on there is an application whose window may be minimised. Restarts the manager of underflows.
     void applicationStarts();
     /// Brings the application's window back once the underflow is over for which it was taken out of the
     /// way; leaves it where the player has minimised it. To be called every now and then.
@@ -176,7 +178,8 @@ private:
     SxPtr<ZqCoreUnderflowMgr> manager;
     int64 nRestored = 0;        ///< how often the window was taken away and has come back
     bool restoreFailed = false; ///< it couldn't be brought back when that was last tried
-    SxMutex managerMutex; ///< over the manager's starts and ends, which the keeper and the owner look after
+    /// Over the manager's starts and ends, which the keeper and the owner look after in turns.
+    SxMutex managerMutex;
     std::unique_ptr<ZqOrderedDownload> download;
     std::unique_ptr<Job> keeper, versionCheck, digestCheck, partCheck;
     std::atomic<bool> stopping{false}, verified{false}, checking{false}, settled{false};
@@ -184,10 +187,13 @@ private:
     std::atomic<bool> isCutOff{false}; ///< the server has another version, and nothing is taken from it
     bool isConfirmed = true;           ///< the server was seen at open() to have the version that is here
     bool hadRecords = false;           ///< the folder had all it takes for a drive, blocks apart, at open()
-    bool isWritten = false;            ///< a drive may have written into `img.zqf`
-    bool lacksRoom = false;            ///< the keeper's: the writer waits for the disk
-    bool isInterrupted = false;        ///< the keeper's: the download has failed, and nothing has come since
-    int nWriterTries = 0;              ///< the keeper's
+    /// A drive in mode "rw", or a flush of the write layer, may have changed `img.zqf`, which is no fault.
+    /// Nothing of it is compared until it is downloaded anew from its first byte. So damage to it isn't seen:
+    /// nothing states the digest that it should have.
+    bool isWritten = false;
+    bool lacksRoom = false;     ///< the keeper's: the writer waits for the disk
+    bool isInterrupted = false; ///< the keeper's: the download has failed, and nothing has come since
+    int nWriterTries = 0;       ///< the keeper's
     std::atomic<uint64> nChecked{0};
     std::atomic<uint64> nShort{0};       ///< bytes that the disk lacks for the rest of the image
     std::atomic<int64> silentSeconds{0}; ///< without a byte of the server

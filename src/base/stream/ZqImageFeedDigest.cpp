@@ -11,7 +11,12 @@
 #include "ZqStreamRecord.h"
 #include "ZqSyncedSize.h"
 
-// A feed's complete image is compared with its digest, and mended where it differs.
+// A feed's complete image is compared with the digest of `app.json`. Where it differs, the checksums of the
+// seek table tell which stretches are wrong (ZqImageRepair), these alone are fetched anew, and the digest is
+// taken again. A difference that stays, or whose place no table tells, ends the download. `stream.json` notes
+// a digest that fits, with the file's size and time, so that a file that was changed since is compared again.
+// A complete image that came from a server and has no such note was found to be wrong by an earlier run, or
+// that was ended before it knew. So the start of a right one waits for this at most once.
 
 namespace {
 constexpr const char* UNIT = "src/base/ZqImageFeedDigest";
@@ -89,14 +94,15 @@ SxPtr<ZqImageLock> ZqImageFeed::lockBlocks() const {
                       UNIT, __LINE__);
 }
 
-/// Whether programs have written into the image by now, which is noted before they can.
+/// Whether programs have written into the image by now. ZqMountMgr notes it before they can, also of an image
+/// without an address, since a later run may bring one.
 bool ZqImageFeed::hasProgramsWrites() const {
     ZqStreamRecord record;
     record.read(settings.image);
     return record.isWritten;
 }
 
-/// Where the run has none, since all was there, the server is asked for this alone.
+/// A run that has no link to a server, since all was there, makes one for this alone.
 uint64 ZqImageFeed::mend() {
     const SxPtr<ZqRemoteImage> source = image ? image : makeImage(SxPtr<ZqNetLink>::create());
     if (!image) {

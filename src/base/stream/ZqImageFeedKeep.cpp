@@ -21,7 +21,8 @@ namespace {
 constexpr const char* UNIT = "src/base/ZqImageFeedKeep";
 constexpr int64 ROOM_LOOK_NS = 500'000'000;
 constexpr int64 WRITER_LOOK_NS = 500'000'000;
-/// Writers that fail one after the other, without a byte written, until it is given up.
+/// Writers that fail one after the other without a byte written, until it is believed that the disk doesn't
+/// work.
 constexpr int WRITER_TRIES = 3;
 /// The longest time from one try of a download that fails to the next.
 constexpr int64 MAX_PAUSE_NS = 8'000'000'000;
@@ -34,13 +35,14 @@ void ZqImageFeed::keepUntilStopped() {
     while (!stopping) {
         try {
             keep();
-            // Then there is no longer anything to look after.
+            // Then nobody looks any longer. With all threads going on, a run of a complete image woke up 860
+            // times a second.
             if (hasSettled()) return;
         } catch (const SxException& e) {
             fail(e);
             return;
         } catch (const std::exception& e) {
-            // As for want of memory. The owner waits for this thread.
+            // Such as a want of memory. The owner waits for this thread.
             fail(SxException(e.what(), UNIT, __LINE__));
             return;
         }
@@ -68,6 +70,8 @@ void ZqImageFeed::keep() {
 
 bool ZqImageFeed::hasDrive() const {
     if (driveStarted) return true;
+    // What has the records and the blocks for a drive counts as having one already while it is opened, so
+    // that a page to log in to, say, keeps nobody from playing what is there.
     return hadRecords && !settings.isDownloadOnly && fileSize() >= std::min(app.sizeMnt, app.sizeZqf);
 }
 
@@ -93,7 +97,8 @@ void ZqImageFeed::keepManager() {
         manager->stop();
     } else if (!manager->isRunning() && (!isComplete() || manager->isUnderflow())) {
         // It ends with each drive, also with that of the preparation, and with a call of the service that
-        // failed, and must be there to see the end of an underflow that it has told of.
+        // failed. As long as blocks are missing it must be there, else a read of a mount could wait for ever;
+        // and it must see the end of an underflow that it has told of.
         manager->wait();
         manager->start();
     }
@@ -116,7 +121,8 @@ void ZqImageFeed::keepDownload() {
         }
         return;
     }
-    // What the writer holds still would overlap with what comes anew, and neither be written to the end.
+    // What the writer still holds would overlap with what comes anew, and neither would be written to the
+    // end.
     const bool isWriting = getWriter()->isRunning() && getWriter()->getBytesHeld() > 0;
     if (versionCheck) {
         if (!isWriting) resumeDownload();
@@ -124,7 +130,8 @@ void ZqImageFeed::keepDownload() {
     }
     download->wait();
     if (!download->hasException()) {
-        // All was handed over, and is written; what is missing nevertheless would never come.
+        // All was handed over and is written. Where bytes are missing nevertheless, for whatever reason, the
+        // download begins again, since they would never come.
         if (!isWriting && getWriter()->isRunning() && !isComplete()) beginDownload();
         return;
     }
@@ -194,7 +201,8 @@ void ZqImageFeed::keepWriter() {
         lacksRoom = waits;
         return;
     }
-    // What a writer failed in after the last byte, say its log on a full disk, keeps nobody from the image.
+    // What a writer failed in after the last byte, say its log on a full disk, is nothing: the image is
+    // compared with its digest.
     if (isComplete()) {
         if (lacksRoom || nWriterTries > 0) setWaiting("");
         lacksRoom = false;
@@ -202,6 +210,7 @@ void ZqImageFeed::keepWriter() {
         keepDigest();
         return;
     }
+    // A writer ends with its first failure. Once there is room a new one goes on at the file's end.
     if (nowNs - writerNs < WRITER_LOOK_NS) return;
     writerNs = nowNs;
     if (reserve.getRoom() == 0) {

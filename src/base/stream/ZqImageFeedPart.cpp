@@ -16,7 +16,12 @@
 #include "ZqSyncedSize.h"
 #include "ZqVolume.h"
 
-// What an earlier run has left of an image may have been damaged since.
+// What an earlier run has left of an image may have been damaged since. A download that ends in order notes
+// size and time of the partial file in `stream.json`, and the next one removes that note before it writes.
+// Where the note fits the file is believed. Else its stretches are compared with the seek table, and the
+// wrong ones are fetched again: before the start where the file was changed for sure, and for the most
+// part beside the game after a kill, which leaves no note, and most likely no damage. Who plays without a
+// server isn't held up. Where there is no table only the digest of the complete file tells, and ends the run.
 
 namespace {
 
@@ -47,8 +52,8 @@ bool isMounted(const SxString& image) {
 
 } // namespace
 
-/// A file that is as large as the image though no download has made it so is the image, or another file, of
-/// which at most the beginning is right.
+/// A file that is as large as the image though no download has made it so is the image, as its digest tells,
+/// or another file, of which at most the beginning is right: that is cut back to what was noted.
 void ZqImageFeed::cutSurplus(const ZqStreamRecord& record, const ZqStopTest& stop) const {
     const SxFileInfo zqf(filePath(ZqImageFiles::ZQF));
     if (url.isEmpty() || record.isWritten || zqf.isLink() || !ZqImageInfo::isComplete(settings.image)) return;
@@ -72,7 +77,7 @@ void ZqImageFeed::cutSurplus(const ZqStreamRecord& record, const ZqStopTest& sto
 
 void ZqImageFeed::openPart(const ZqStreamRecord& record, const ZqStopTest& stop) {
     opened = makeImage(link);
-    // It may have another version by now.
+    // A server that hasn't given its `app.json` may have another version by now, so nothing is taken from it.
     if (!isConfirmed) opened->doubtServer();
     const uint64 size = fileSize();
     isPartRight = size == 0 || isWritten || record.left == ZqStreamRecord::Left::of(settings.image);
@@ -102,7 +107,7 @@ void ZqImageFeed::mendAhead(const ZqSeekTable& table, const ZqStopTest& stop) {
     std::deque<uint64>& wrong = part->getWrong();
     if (!wrong.empty()) {
         const uint64 nBehind = ZqSeekTable::countFrames(fileSize()) - wrong.front();
-        // Of another file, say. What a drive has can't be taken away from it.
+        // A file that is mostly wrong may be another one. What a drive has can't be taken away from it.
         if (2 * wrong.size() > nBehind && !isMounted(settings.image)) {
             zqLogMsg("base", SxString("ZqImageFeed: img.zqf is wrong from stretch ") + wrong.front() +
                                  " on, and is fetched again from there");
@@ -166,7 +171,8 @@ void ZqImageFeed::checkPart() {
         mendPart(repair, *table, stop);
         late.insert(late.end(), wrong.begin(), wrong.end());
         wrong.clear();
-        // A game reads from the same disk, or what is to be compared next is still to come.
+        // A game reads from the same disk, and gets at least half of its time. Or what is to be compared next
+        // is still to come.
         link->sleep(std::max(nMs, PART_LOOK_MS), stop);
     }
     if (!late.empty()) {

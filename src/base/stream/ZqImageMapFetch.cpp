@@ -12,7 +12,7 @@
 namespace {
 
 constexpr const char* UNIT = "src/base/ZqImageMapFetch";
-/// Behind the name of a file while it comes.
+/// At the end of a file's name while it comes.
 constexpr const char* NEW = ".new";
 constexpr int64 PIECE = 1 << 20;
 constexpr uint64 ENTRY = sizeof(uint64);
@@ -85,7 +85,7 @@ void ZqImageMapFetch::beginTurn(bool hasOther) const {
 /// be of a file that the server no longer has, or not be on the device; what has just come may be of a stale
 /// cache, or have been damaged on its way.
 void ZqImageMapFetch::fetch(const Form& form) {
-    // Without a digest nothing would tell.
+    // Without a digest nothing would tell that what an earlier run has left is wrong.
     if (digest.isEmpty()) removePart(form);
     for (bool isLast = false;; isLast = true) {
         const bool isAnew = !SxFSAction::exists(form.part);

@@ -26,7 +26,6 @@ constexpr uint64 LEAST_SPEED = 10'000; // bytes per second
 constexpr int BLOCK_SHIFT = 12;
 constexpr int ITEM_SHIFT = 4; // 16 bytes in img.trc
 
-/// Durations come from the clock that no adjustment moves.
 /// Bytes that the longest of the traces in `folder` touches.
 uint64 longestTrace(const SxString& folder) {
     uint64 longest = 0;
@@ -159,8 +158,8 @@ uint64 ZqImageProgress::getNInit(uint64 speedLimit) const {
     constexpr uint64 MAX = std::numeric_limits<uint64>::max();
     const uint64 preload =
         appParams.minPreload > MAX / ZqBlocks::MEGABYTE ? MAX : appParams.minPreload * ZqBlocks::MEGABYTE;
-    // What earlier runs have read counts for nothing: where there is a profile, it knows better what a start
-    // needs than the longest run does, and without one all of the image is waited for.
+    // Recorded traces don't count: a long session touches most of an image, and its trace would outweigh the
+    // profile, which says when each byte is due. Without a profile the whole image is waited for anyway.
     const uint64 n = std::max({appParams.sizeMnt, preload, appParams.getNInit(speed)});
     SxMutexBlock lock(&countMutex);
     return n > nTotal || nCurrent == nTotal ? nTotal : n;
@@ -199,6 +198,7 @@ void ZqImageProgress::main() {
 void ZqImageProgress::watch() {
     File file(path + "/" + ZqImageFiles::ZQF, &writeEnd);
     {
+        // Before the first growth, which never comes offline: an image that is there in parts isn't empty.
         SxMutexBlock lock(&countMutex);
         nCurrent0 = file.getSize();
         nCurrent = nCurrent0;
@@ -208,7 +208,8 @@ void ZqImageProgress::watch() {
     int64 time = SxClock::get().steadyMs();
     awaitGrowth(&file);
     while (!stopRequested() && previous < total) {
-        // No look here: growth that follow() doesn't see would leave the cursor behind until the next.
+        // No look here: follow() wouldn't see that growth, and the cursor would stay where it is until the
+        // next.
         const int64 elapsed = SxClock::get().steadyMs() - time;
         if (elapsed < PERIOD_MS && file.getSize() < total) {
             follow(&file);
@@ -223,7 +224,7 @@ void ZqImageProgress::watch() {
         follow(&file);
     }
     if (stopRequested()) return;
-    // Behind the last block of the disk, so that no read can miss anything any more.
+    // Beyond the last block of the disk, so that no read can miss anything from now on.
     const auto end = static_cast<uint64>(ZqImageParams(path + "/").sizeRaw / ZqBlocks::SIZE);
     while (!moveCursor(end) && !stopRequested())
         SxTime::msleep(PERIOD_MS);
@@ -245,7 +246,8 @@ void ZqImageProgress::awaitGrowth(File* file) {
     setNCurrent(file->getSize());
 }
 
-/// One pass, in which cursor and count go with the file.
+/// One pass, in which cursor and count go with the file. Speeds are taken once a pass and not here, since
+/// their averages are those of passes.
 void ZqImageProgress::follow(File* file) {
     const uint64 total = getNTotal();
     SxWait::pass(PERIOD_MS, [&] {
@@ -274,7 +276,7 @@ bool ZqImageProgress::moveCursor(uint64 zqfIdx) {
         try {
             mgr.setCursor(path, zqfIdx);
         } catch (const SxException& e) {
-            // The drive may have gone between the two questions of the call.
+            // The drive may have gone between the two questions of the call, which is no failure.
             if (e.hasTag(ZqVolume::SILENT) || mgr.isMounted(path)) throw;
         }
         serviceSilent = false;

@@ -8,11 +8,14 @@
 #include <atomic>
 #include <functional>
 
-/// Watches `img.zqf` grow: moves the drive's cursor behind what is there, measures the download, and says how
-/// much must be there before the application may start. May run before the mount; an image that isn't mounted
-/// has no cursor to be moved. Ends when the image is complete; a failure ends it with the event APP_ERROR.
-/// All operations are safe from any thread, but for those of SxSystemThread. Counts are in bytes of
-/// `img.zqf`, speeds in megabit per second unless said otherwise.
+/// Connects a growing `img.zqf` with its drive: moves the drive's cursor to the end of what is there,
+/// measures the download, and says how much must be there before the application may start. Cursor and count
+/// follow the file within 10 ms; together with the writer, which looks as often, a block can be read 20 ms
+/// after its bytes came. May run before the mount; an image that isn't mounted has no cursor to be moved, and
+/// a drive that goes in the middle of a call is no failure either. Ends when the image is complete; a failure
+/// ends it with the event APP_ERROR. Durations are taken on the steady clock, which no adjustment moves. All
+/// operations are safe from any thread, but for those of SxSystemThread. Counts are in bytes of `img.zqf`,
+/// speeds in megabit per second unless said otherwise.
 class ZqImageProgress : public SxSystemThread {
 public:
     /// `path`: the image's folder without a trailing slash, which holds `img.zqf` when the thread starts.
@@ -21,8 +24,8 @@ public:
     /// Where the image's writer is in this process: gives the end of what its calls of write(2) have returned
     /// for, ANY while it writes nothing. The file's size counts no further than that: a file system of a
     /// daemon (FUSE) tells the daemon's size while a write of several requests is under way, and reads end at
-    /// the size from before it. Any other writer's progress is told by the size alone. To be called before
-    /// the start; `end` is called on this thread.
+    /// the size from before it. Where another process writes, the size is all there is, and the drive holds a
+    /// read that comes short. To be called before the start; `end` is called on this thread.
     void setWriteEnd(std::function<uint64()> end) { writeEnd = std::move(end); }
     static constexpr uint64 ANY = ~uint64{0};
 
@@ -55,13 +58,13 @@ public:
     uint64 getStartETA(uint64 speedLimit) const;
     uint64 getTotalETA() const;
     /// Bytes that the longest recorded trace touches, of the image's own traces and of those two folders
-    /// above it; 0 without any. For information: no start waits for them.
+    /// above it; 0 without any. For information: no start waits for them, see getNInit().
     uint64 getNInitTrace() const;
 
     /// Whether the drive service didn't answer when it was last told of the cursor.
     bool isServiceSilent() const { return serviceSilent; }
 
-    /// The cursor that `nBytes` of `img.zqf` allow: a ZqF index, ahead of which every block is whole.
+    /// The cursor that `nBytes` of `img.zqf` allow: a ZqF index, before which every block is whole.
     static uint64 cursorBehind(uint64 nBytes);
 
 protected:

@@ -35,6 +35,7 @@ int64 fileSize(const SxString& path) {
     return file.isFile() ? file.getSize() : -1;
 }
 
+/// Whether the two records are of the same version and block order.
 bool areSame(const ZqAppParams& own, const ZqAppParams& server) {
     // Either may have come without that one, which says nothing then.
     const bool areZqfsStated = !own.checksumZqf.isEmpty() && !server.checksumZqf.isEmpty();
@@ -165,7 +166,7 @@ bool ZqImageRecords::isSameOnServer(const ZqAppParams& own, const ZqStopTest& st
 ZqAppParams ZqImageRecords::fetchApp(bool mayPlay, bool* isConfirmed, const ZqStopTest& stop) {
     *isConfirmed = true;
     const SxString file = folder + ZqImageFiles::APP_JSON;
-    // An earlier run may have been killed ahead of the other records, which fetchRest() brings.
+    // An earlier run may have been killed before it had the other records, which fetchRest() brings.
     const bool resumes = hasBlocks();
     if (resumes && !SxFSAction::test_f(file)) {
         throw SxException("'" + folder + "' holds an image without its app.json, which can't be completed",

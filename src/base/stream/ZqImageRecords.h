@@ -6,7 +6,9 @@
 #include "ZqUrlText.h"
 
 /// Brings the records of an image (all of its files but `img.zqf`) from its server into its folder. Each is
-/// put in place as a whole; `app.json`, which the others are checked against, comes first. For one thread.
+/// put in place as a whole. `app.json`, which the others are checked against, comes first; blocks come in
+/// while the others are still on their way. A record that is wrong as a whole is fetched once more, over a
+/// connection of its own and past caches. For one thread.
 class ZqImageRecords {
 public:
     /// `image`: the image folder, which exists. `folderUrl`: its address, see ZqRemoteFile::urlIn().
@@ -14,9 +16,11 @@ public:
                    const SxArray<SxString>& headers_);
 
     /// Fetches `app.json` and gives it. A folder that holds bytes of `img.zqf` keeps its own, and must be of
-    /// the same version and block order as the server's; where the server gives none within some seconds and
-    /// the folder has all records, they will do if it is to be played (`mayPlay`); `*isConfirmed` tells
-    /// whether the server has said so. The caller has the image's shape for itself alone.
+    /// the same version and block order as the server's, since the two can't be mixed. Other records that a
+    /// killed run didn't get to are fetched later; `app.json` alone can't be missing then. Where the server
+    /// gives none within 4 s, however busy or silent it is, and the folder has all records, these will do if
+    /// it is to be played (`mayPlay`); `*isConfirmed` tells whether the server has said so. The caller has
+    /// the image's shape for itself alone.
     ZqAppParams fetchApp(bool mayPlay, bool* isConfirmed, const ZqStopTest& stop);
     /// Raises with the tag ZqFailurePolicy::OTHER_VERSION where the server's `app.json` is now that of
     /// another version or block order than `own`, and with those of ZqNetLink where it can't be told.
@@ -40,7 +44,7 @@ private:
     /// Whether the map has that size, and that digest where it isn't empty.
     bool hasMap(const ZqAppParams& known) const;
     void fetchParams(const ZqAppParams& app, const ZqStopTest& stop) const;
-    /// The map, and before it the digest that it is checked by where `app` states none.
+    /// The map, and before it `img.idx.md5` with the digest that it is checked by, where `app` states none.
     void fetchMap(const ZqAppParams& app, const ZqStopTest& stop) const;
     void bringMap(const ZqAppParams& known, const ZqStopTest& stop) const;
     SxString awaitDigest(const ZqAppParams& app, const ZqStopTest& stop) const;

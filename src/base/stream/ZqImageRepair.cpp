@@ -12,7 +12,7 @@
 namespace {
 constexpr const char* UNIT = "src/base/ZqImageRepair";
 constexpr auto STRETCH = static_cast<int64>(ZqBlocks::STRETCH);
-/// Answers that are wrong, from a server that is the right one, until it is taken for what it has.
+/// Answers that are wrong, while the server's `app.json` is right, until they count as what the server has.
 constexpr int MAX_WRONG = 4;
 /// Looks for a table that has to wait, where nobody plays.
 constexpr int TABLE_LOOKS = 2;

@@ -6,8 +6,8 @@
 
 /// Mends a complete `img.zqf` that isn't the image: compares each stretch with its checksum in the seek table
 /// of the server's packed form, and fetches only those anew that differ. Needs that table, with checksums.
-/// They are written in place, so a drive may read the file meanwhile; that none writes it the caller
-/// sees to (ZqImageLock::Blocks). For one thread.
+/// They are written in place, which a drive that reads the file meanwhile doesn't mind. The caller sees to it
+/// that no drive writes it (ZqImageLock::Blocks). For one thread.
 class ZqImageRepair {
 public:
     /// `zqf_` is the path of the file, which has the size of `image_`.

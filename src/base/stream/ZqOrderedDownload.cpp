@@ -6,11 +6,13 @@
 #include <cstring>
 
 namespace {
-/// Bytes that are pushed as one chunk, which costs a write and a line of the writer's log.
+/// Bytes that are pushed as one chunk, since each chunk costs a write.
 constexpr int64 BATCH = 1 << 20;
 /// How long bytes wait for more: the drive's readers wait for them.
 constexpr int64 BATCH_NS = 10'000'000;
-/// Bytes that may wait for the disk, less than the image gives to ranges meanwhile.
+/// Bytes that may wait for the disk, so that the writer needs no pace. They are less than what ZqRemoteImage
+/// keeps of the stream until `img.zqf` has it: that gives it to ranges out of memory, and to the stream where
+/// a new writer begins at the file's end. Its copies don't grow where the disk keeps up.
 constexpr uint64 MAX_HELD = 32 << 20;
 static_assert(MAX_HELD + 2 * BATCH + 2 * ZqBlocks::STRETCH <= ZqRemoteImage::MAX_HELD);
 } // namespace

@@ -19,7 +19,8 @@ public:
 
     void start(Priority priority = 6) override;
     /// From now on bytes go to `writer_`, beginning with byte `offset_` of the image. False where the thread
-    /// brings it nothing, since it hasn't started or has come to its end: it must be started anew.
+    /// brings it nothing, since it hasn't started or has come to its end: it must be started anew. That the
+    /// thread runs doesn't tell it, so the answer is given under the lock under which the thread ends.
     bool setWriter(const SxPtr<ZqFWriter>& writer_, uint64 offset_);
     /// Hands on what has waited for more bytes; to be called now and then.
     void flush();

@@ -11,7 +11,7 @@ class ZqStartForecast {
 public:
     /// The application waits for data.
     struct Wait {
-        double at;      ///< seconds of play ahead of it, without earlier waits
+        double at;      ///< seconds of play before it, without earlier waits
         double seconds; ///< how long
     };
 

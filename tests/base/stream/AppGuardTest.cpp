@@ -93,7 +93,7 @@ TEST_F(AppGuardTest, ExitCodes) {
         {"ends at once", "", "exit 255", 255},
         {"ends by a signal", "", "kill -SEGV $$", 128 + SIGSEGV},
         {"forks away", "", "(sleep 0.3; exit 5) & (sleep 0.6; exit 9) & exit 0", 5},
-        {"ends badly and leaves others behind", "", "sleep 0.3 & exit 3", 3},
+        {"ends badly and leaves others", "", "sleep 0.3 & exit 3", 3},
         {"becomes the game", GAME.c_str(), "exec $GAME -c 'sleep 0.3; exit 4'", 4},
         {"hands over and ends", GAME.c_str(), "$GAME -c 'sleep 0.3; exit 6' & exit 1", 6},
         {"hands over to another session", GAME.c_str(), "setsid $GAME -c 'sleep 0.3; exit 7' & exit 1", 7},
@@ -123,7 +123,7 @@ TEST_F(AppGuardTest, ExitCodes) {
         EXPECT_TRUE(logged("main: Process " + (*c.name ? GAME : "launcher") + line.str()));
         EXPECT_TRUE(logged("ZqCoreAppGuard::main: END") && !guard->isRunning());
         EXPECT_THAT(games(), IsEmpty());
-        // What was left behind is a child of ours now.
+        // What was left is a child of ours now.
         while (c.code == 3 && waitpid(-1, nullptr, 0) > 0)
             continue;
         EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "a zombie is left";

@@ -91,7 +91,7 @@ TEST_F(FWriterTest, CursorsAndGaps) {
 TEST_F(FWriterTest, WritesWhatComesInAnyOrder) {
     const uint64 total = 23'456'789, present = 1'234'567;
     prepare(total, present);
-    dir.write("image/chunks/77.chunk", "left behind");
+    dir.write("image/chunks/77.chunk", "of an earlier run");
     ZqFWriter writer(folder, "img.zqf");
     EXPECT_FALSE(dir.exists("image/chunks/77.chunk"));
     EXPECT_FALSE(writer.isNewImage());

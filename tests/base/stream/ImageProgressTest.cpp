@@ -8,7 +8,7 @@
 namespace {
 
 constexpr uint64 TOTAL = 10'000'000;
-/// That of the image behind TOTAL, in the drive's cursor.
+/// The end of the image in the drive's cursor, once TOTAL bytes are there.
 constexpr uint64 END = Machine::SIZE_RAW / 4096;
 
 /// A drive whose image downloads; the test is the writer.
@@ -60,7 +60,7 @@ public:
         greatest = std::max(greatest, n);
         return done;
     }
-    int64 nAhead = 0;   ///< writes during which the cursor was ahead of what could be read
+    int64 nAhead = 0;   ///< writes during which the cursor was beyond what could be read
     int64 greatest = 0; ///< bytes
 
 private:
@@ -77,7 +77,7 @@ TEST(ImageProgress, CursorAndCountFollowTheFile) {
     progress->start();
     SxTime::msleep(500);
     EXPECT_EQ(progress->getNCurrent0(), 100U);
-    EXPECT_EQ(progress->getNCurrent(), 100U) << "what is there counts ahead of any growth";
+    EXPECT_EQ(progress->getNCurrent(), 100U) << "what is there counts before any growth";
     const std::pair<uint64, uint64> cases[] = {
         {4095, 0}, {4096, 1}, {4097, 0}, {8191, 0}, {8192, 2}, {8193, 1}, {2'000'000, 487},
     };

@@ -84,7 +84,7 @@ TEST(ImageRecords, tellWhetherTheServerHasAnotherVersion) {
         }
         EXPECT_THAT(server.requests().back(), testing::StartsWith("GET /game/app.json?token=hidden HTTP"));
         EXPECT_EQ(dir.read("app.json"), same);
-        EXPECT_EQ(dir.snapshot(), before) << "it leaves something behind";
+        EXPECT_EQ(dir.snapshot(), before) << "it leaves something";
     }
 }
 

@@ -7,7 +7,7 @@ namespace {
 
 const std::string PASS = "ZqCoreUnderflowMgr::onDemand (";
 
-/// Logged behind the prefix of a pass.
+/// How often it was logged after the prefix of a pass.
 int64 nPassLogged(UnderflowRun& run, const std::string& text) {
     const std::vector<std::string> log = run.log();
     return std::count_if(log.begin(), log.end(), [&](const std::string& line) {
@@ -33,10 +33,10 @@ TEST(OnDemand, AsksForWholeStretchesOnce) {
         {"in the queue's order", {120, 7, 60}, 0, {{2 * STRETCH, STRETCH}, {0, STRETCH}, {STRETCH, STRETCH}}},
         {"the last is shorter", {LAST + 2}, 0, {{5 * STRETCH, 3 * BLOCK}}},
         {"the end lies in a block", {LAST + 3}, 0, {{5 * STRETCH, 3 * BLOCK + 100}}, true, 100},
-        {"behind the download", {60}, STRETCH, {{STRETCH, STRETCH}}},
+        {"beyond the download", {60}, STRETCH, {{STRETCH, STRETCH}}},
         {"at the download's edge", {60}, STRETCH + 1, {}, false},
         {"at the end", {LAST + 3}, 0, {}, false},
-        {"far behind the end", {~uint64{0} - 1}, 0, {}, false},
+        {"far beyond the end", {~uint64{0} - 1}, 0, {}, false},
         {"no block", {~uint64{0}}, 0, {{0, STRETCH}}, false},
     };
     for (const Case& c : cases) {
@@ -82,7 +82,7 @@ TEST(OnDemand, FetchesTheEdgeOfADownloadThatKeepsAReadWaiting) {
     };
     const Case cases[] = {
         {"it stands", STRETCH + 3 * BLOCK, 60, 0},
-        {"behind the last whole block", BROKEN, 61, 0},
+        {"after the last whole block", BROKEN, 61, 0},
         {"at the last whole block", BROKEN, 60, 0},
         {"bytes trickle in", STRETCH + 3 * BLOCK, 60, 200},
         {"it stands before the stretch", STRETCH, 60, 0},

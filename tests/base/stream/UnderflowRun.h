@@ -80,7 +80,7 @@ public:
         mgr->start();
         sleep(1);
     }
-    /// Brings a started run behind its first underflow, with the game's window found.
+    /// Brings a started run through its first underflow, with the game's window found.
     void begin() {
         readBlock(0);
         ASSERT_TRUE(await([this] { return isAnswered(); }, 1000));
