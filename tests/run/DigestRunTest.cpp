@@ -157,7 +157,7 @@ TEST_F(StreamRun, MendingAheadOfTheDriveSaysThatItWaits) {
     const uint64 nBefore = server->getNBytes();
     server->setRate(20'000);
     const auto player = start();
-    // Behind the table, within the stretch.
+    // After the table, within the stretch.
     ASSERT_TRUE(SxWait::pass(20'000, [&] { return server->getNBytes() - nBefore > 20'000; }))
         << player->says();
     server->stop();

@@ -181,7 +181,7 @@ TEST_F(StreamRun, NothingIsTakenFromAServerWhoseVersionIsUnknown) {
         fs::copy(served, got);
         fs::resize_file(got + "/img.zqf", 2'000'000);
         pause();
-        // All but the blocks is behind a page to log in to.
+        // In the place of all but the blocks stands a page to log in to.
         const string app = dir.read("served/app.json");
         dir.write("served/app.json", "<html></html>");
         const auto player = start();

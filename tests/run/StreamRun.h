@@ -71,7 +71,7 @@ protected:
         dir.write("served/app.json", app);
         dir.write("served/img.zqf", string(5'000'000, 'x'));
     }
-    /// The application ends only behind release().
+    /// The application ends only after release().
     void hold() { dir.write("played.hold", ""); }
     void release() { fs::remove(played + ".hold"); }
     void expectPlayed() {

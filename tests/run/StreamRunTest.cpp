@@ -176,7 +176,7 @@ TEST_F(StreamRun, ASignalEndsItAtOnceAtEachStage) {
 }
 
 TEST_F(StreamRun, AMountThatWaitsForItsFirstFileEndsWithItsRun) {
-    // One block is enough for the file system, and its folders lie behind that.
+    // One block is enough for the file system, and its folders come after that.
     string app = dir.read("served/app.json");
     const size_t at = app.find("\"sizeMnt\": ") + 11;
     app.replace(at, app.find_first_of(",\n", at) - at, "4096");
@@ -262,7 +262,7 @@ TEST_F(StreamRun, NoSecondApplicationIsStartedBesideOneWhoseDriveHasGone) {
     const auto last = start();
     EXPECT_EQ(last->end(), 0) << last->says();
     expectPlayed();
-    EXPECT_FALSE(noted().isValid()) << "what it leaves behind would keep the next from starting";
+    EXPECT_FALSE(noted().isValid()) << "what it leaves would keep the next from starting";
 }
 
 TEST_F(StreamRun, WhatIsStillOpenAtItsEndIsTold) {

@@ -62,7 +62,8 @@ TEST_F(StreamRun, NoUnderflowOfManyReadersIsLost) {
         readers.push_back(std::make_unique<Reader>(file, right, i, 6000));
     for (const auto& reader : readers)
         EXPECT_TRUE(SxWait::pass(30'000, [&] { return reader->ended.load(); })) << feeder.says();
-    EXPECT_GT(server->getNBytes("img.zqf"), 10 * 204'800u) << "nothing was read ahead of the download";
+    EXPECT_GT(server->getNBytes("img.zqf"), 10 * 204'800u)
+        << "nothing was read before the download came to it";
     done({"umount", got}); // which would also end a read that was lost
     EXPECT_EQ(feeder.end(), 0) << feeder.says();
     for (const auto& reader : readers)

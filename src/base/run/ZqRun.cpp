@@ -27,17 +27,19 @@ constexpr const char* UNIT = "src/base/ZqRun";
 constexpr int64 LOOK_MS = SxWait::LOOK_MS;
 /// From one try to note the application to the next.
 constexpr int64 NOTE_NS = 500'000'000;
-/// From one try to suspend an application, or to let it go on, that failed to the next.
+/// From one try to suspend an application, or to let it go on, that failed to the next. A search for its
+/// process in vain holds up the run for a second.
 constexpr int64 SUSPEND_NS = 5'000'000'000;
 /// From one look for the series to the next.
 constexpr int64 SAMPLE_MS = 20;
 /// The same from the moment on at which no read has to wait any longer, and between two looks at the
-/// application.
+/// application then. The application's end, and an unmount, are still noticed within a quarter of a second.
 constexpr int64 CALM_SAMPLE_MS = 200;
 constexpr int64 CALM_LOOK_MS = 50;
 
-/// Raises where the application of a former run lives, whose drive has gone: a second one would write the
-/// same saves. It isn't ended here, since it may still have something to save elsewhere.
+/// Raises where the application of a former run lives, whose drive has gone, since the service was killed,
+/// too: a second one would write the same saves. It isn't ended here, since it may still have something to
+/// save elsewhere.
 void refuseBeside(const SxString& image, const SxProcessGroup& group) {
     const SxList<SxProcessInfo> members = group.getRunning();
     if (members.isEmpty()) return;
@@ -196,7 +198,7 @@ bool ZqRun::adopt() {
     }
     if (!disk.ready || (!settings.isDriveOnly && !group.isAlive())) {
         // Its run was killed. Nobody else can have it: this process holds the image.
-        zqLogMsg("base", "ZqRun: the drive of '" + image + "' has no application any more");
+        zqLogMsg("base", "ZqRun: the drive of '" + image + "' no longer has an application");
         patiently([&] { takeDriveAway(); });
         if (!settings.isDriveOnly) refuseBeside(image, group);
         return false;
@@ -342,7 +344,7 @@ void ZqRun::follow() {
 void ZqRun::suspendProcess() {
     const bool isSleepy = sleepDelay->isSleepComing();
     const bool isWanted = isSleepy || (feed->getApp().suspendProc && feed->getStatus().isUnderflow);
-    // A launcher goes on, also one whose application hasn't come yet: there is nobody else to be suspended.
+    // A launcher goes on, also one whose application hasn't come yet: nobody knows yet whom to suspend.
     const bool isThere = guard->hasApplication();
     const int64 nowNs = SxClock::get().steadyNs();
     const bool isDue = suspendNs == 0 || nowNs - suspendNs >= SUSPEND_NS;
@@ -367,7 +369,7 @@ bool ZqRun::isCalm() const {
 
 void ZqRun::lookForFrame() {
     if (settings.firstFrameFile.isEmpty() || result.firstFrameMs >= 0) return;
-    // A file that was there ahead of the run says nothing.
+    // A file that was there before the run says nothing.
     if (frameFileMs() != oldFrameMs) result.firstFrameMs = elapsedMs();
 }
 

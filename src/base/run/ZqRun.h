@@ -20,9 +20,10 @@ class ZqSleepDelay;
 struct ZqDiskStatus;
 
 /// One run of a streamed application, from its server to its end: completes the image, makes a drive of it,
-/// starts the application when enough is there, answers its underflows, and takes the drive away. What has
-/// gone wrong stays as the thread's exception. All operations are safe from any thread, but for those of
-/// SxSystemThread.
+/// starts the application when enough is there, answers its underflows, and takes the drive away. Or, without
+/// an application, the drive of a mount that is fed. What has gone wrong stays as the thread's exception;
+/// what has ended the download is told after the application's end, since that plays from what is there. All
+/// operations are safe from any thread, but for those of SxSystemThread.
 class ZqRun : public SxSystemThread {
 public:
     /// An order is made for a start and what comes soon after it; play that goes on for hours would only make
@@ -86,7 +87,7 @@ public:
     Phase getPhase() const { return phase; }
     ZqFeedStatus getStatus() const;
     /// What the load profile says of a start at that speed, in megabit per second of `img.zqf`, with what is
-    /// there now. Needs a phase behind Opening.
+    /// there now. Needs a phase after Opening.
     ZqStartForecast forecast(double speedMbit) const;
     /// Whether the drive of a former run was found to have gone with writes that its programs hadn't synced.
     bool hasLostWrites() const { return lostWrites; }
@@ -112,7 +113,8 @@ private:
     bool adopt();
     /// Removes what the service of a former run has left that was killed.
     void removeLeftovers();
-    /// Waits until the image is known to be right.
+    /// Waits until the image is known to be right. To be called before the mount of an image that is
+    /// complete, before a drive that takes writes into `img.zqf`, and before a drive is left.
     void awaitCheck();
     void mount();
     ZqDriveKinds::MountMode mountMode() const;
@@ -132,18 +134,20 @@ private:
     ZqDiskStatus requireDisk();
     /// Looks now and then whether the drive is there, and raises where it isn't.
     void watchDrive();
-    /// Raises where the drive holds reads that nothing will answer any longer.
+    /// Raises where the drive holds reads that nothing will answer any longer, as after a newer version of
+    /// the image has come up on the server, of which nothing is fetched.
     void watchReads();
     void startApplication();
     /// Writes down the start of the application, and its processes, which change when a launcher hands over.
-    /// What can't be written now, say on a full disk, is tried again later.
+    /// The run after one that was killed can tell by these whether the application lives, and go on feeding
+    /// it. What can't be written now, say on a full disk, is tried again later, and never ends the run.
     void noteApplication();
     /// Writes down that it has ended: what may still run of it is no longer an application.
     void noteEnd();
     void writeInfo();
     void follow();
     /// Suspends the application while the machine is about to sleep, and for an underflow where the record
-    /// says so; else lets it go on.
+    /// says so; else lets it go on. After a sleep it goes on unless an underflow keeps it suspended.
     void suspendProcess();
     bool isCalm() const;
     int64 frameFileMs() const;
@@ -181,7 +185,7 @@ private:
     uint64 failedDriveNs = 0; ///< when the disk was made that `driveFailure` is of
     int64 lostNs = 0;         ///< since when it was seen to hold reads in vain; 0 for not now
     int64 beginNs = 0, beginMs = 0;
-    int64 oldFrameMs = -1; ///< when the file of the first frame was written ahead of the run; -1 for never
+    int64 oldFrameMs = -1; ///< when the file of the first frame was written before the run; -1 for never
     Result result;
 
     mutable SxMutex mutex;

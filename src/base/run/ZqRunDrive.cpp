@@ -22,9 +22,11 @@ constexpr const char* UNIT = "src/base/ZqRunDrive";
 constexpr int64 LOOK_MS = SxWait::LOOK_MS;
 /// Room for the records of a mount, in bytes.
 constexpr uint64 RECORD_ROOM = 1 << 20;
-/// From one look at the drive to the next.
+/// From one look at the drive to the next. A drive that has gone ends its run, and with it the application,
+/// within a quarter of a second: what that reads from then on would fail, and what it writes would be lost.
 constexpr int64 DRIVE_NS = 200'000'000;
-/// What is on its way from the writer to the drive comes within it.
+/// How long a read may wait for what no longer comes. What is on its way from the writer to the drive comes
+/// within it.
 constexpr int64 LOST_READ_NS = 5'000'000'000;
 
 /// A folder for the trace of a run that begins now, which isn't there yet.
@@ -40,7 +42,8 @@ SxString newTraceFolder(const SxString& image) {
 
 } // namespace
 
-/// Mounts on a thread of its own, since the mount can't be stopped but by taking its drive away.
+/// Mounts on a thread of its own, since a mount can't be broken off. But its drive can be taken away: then
+/// its reads fail, and it takes itself back.
 class ZqRun::MountJob : public SxSystemThread {
 public:
     MountJob(const ZqImageFeed& feed_, SxString image_, ZqMountMgr::MountMode mode_, SxString traceFolder_)
@@ -80,7 +83,7 @@ protected:
     }
 
 private:
-    /// Reads that fail aren't enough: a mount that waits for its first file would look for that on and on.
+    /// Reads that fail aren't enough: a mount looks for its first file for a minute.
     void breakOff() const {
         try {
             ZqMountMgr().umountImage(image, true);
@@ -91,7 +94,8 @@ private:
         }
     }
 
-    /// With the download ends what moves the cursor, perhaps before the drive is up.
+    /// The drive is mounted with the cursor of a moment before. What moves the cursor ends with the download,
+    /// perhaps before the drive is up, so it is done here from then on.
     void moveCursor() const {
         try {
             feed.alignCursor();
@@ -115,7 +119,7 @@ SxException ZqRun::stopped() {
 
 void ZqRun::mount() {
     const ZqStopTest stop = [this] { return isStopping(); };
-    // There is no more than all of it, whatever the record says.
+    // The record may ask for more than there is.
     const uint64 needed = std::min(feed->getApp().sizeMnt, feed->getApp().sizeZqf);
     while (feed->getStatus().nCurrent < needed) {
         if (stop()) throw stopped();
@@ -125,7 +129,8 @@ void ZqRun::mount() {
         SxTime::msleep(LOOK_MS);
     }
     const ZqMountMgr::MountMode mode = mountMode();
-    // A drive that writes into the file would change what is compared.
+    // A drive that writes into the file would change what is compared, so the image is completed and compared
+    // before that.
     if (mode == ZqMountMgr::ReadWrite) awaitCheck();
     if (hasOwnTrace()) awaitRoom();
     feed->requireRanges(stop);
@@ -232,7 +237,7 @@ void ZqRun::endTrace() const {
     }
 }
 
-/// The mount ends where it can't write the record of its trace.
+/// A mount fails where it can't write the record of its trace.
 void ZqRun::awaitRoom() {
     while (ZqSysEnv::getFreeDiskSpace(image) < RECORD_ROOM) {
         if (isStopping()) throw stopped();
@@ -252,6 +257,7 @@ void ZqRun::feedDrive() {
     phase = Feeding;
     const ZqMountMgr mounts;
     for (bool isUp = true; isUp && !isStopping();) {
+        // Others can unmount the drive, and with it goes what it knows of reads and writes that have failed.
         SxTime::msleep(LOOK_MS * 10);
         patiently([&] {
             ZqDiskStatus disk;
@@ -274,6 +280,8 @@ ZqDiskStatus ZqRun::requireDisk() {
     return disk;
 }
 
+/// It is told at the run's end, and is its failure, though the application may have lived on: what it saved
+/// may be wrong.
 void ZqRun::noteDrive(const ZqDiskStatus& disk) {
     if (!result.driveFailure.isEmpty() || disk.failure.isEmpty()) {
         // A sync that found no room at first has found it now. What can't be made up for stays in its status.
@@ -312,7 +320,9 @@ void ZqRun::watchDrive() {
                       UNIT, __LINE__);
 }
 
-/// Whoever waits for such a read stands still for ever, and no wish of the player gets through to it.
+/// Whoever waits for such a read stands still for ever, out of reach of its player, so after a while the run
+/// ends it, as where the drive has gone. What is fed to a mount goes in the same way, and its readers get an
+/// error.
 void ZqRun::watchReads() {
     if (feed->answersReads()) return;
     ZqDiskStatus disk;

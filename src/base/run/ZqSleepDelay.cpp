@@ -9,7 +9,8 @@ namespace {
 /// From one look at the bus to the next; of the seconds that are granted it costs little, and hardly wakes
 /// the processor.
 constexpr int64 CALM_LOOK_MS = 500;
-/// A thread of the application that was about to read when it was stopped still does: one look isn't enough.
+/// Looks in a row in which nothing waits. A thread of the application that was about to read when it was
+/// stopped still does, so one look isn't enough.
 constexpr int N_CALM_LOOKS = 3;
 
 } // namespace
