@@ -12,7 +12,7 @@ public:
     using Handle = uint64;
     /// Longest title that getTitle() gives, in characters.
     static constexpr int64 MAX_TITLE = 256;
-    /// The class of the window that the desktop puts in the place of one that doesn't answer any more.
+    /// The class of the window that the desktop puts in the place of one that no longer answers.
     static constexpr const char* GHOST = "Ghost";
 
     virtual ~ZqDesktop() = default;

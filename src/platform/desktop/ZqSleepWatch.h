@@ -4,10 +4,11 @@
 
 #include <memory>
 
-/// Tells ahead that the machine goes to sleep, and holds it up for as long as logind grants: 5 s, where the
-/// machine's owner hasn't set another time. Where there is no system bus, or no logind on it, nothing is ever
-/// told; both are looked for again every 10 s. Belongs to one thread, and none of its operations waits for
-/// longer than 2 s.
+/// Tells when the machine is about to sleep, and holds that up by a delay inhibitor of logind, for as long as
+/// logind grants: 5 s, where the machine's owner hasn't set another time (`InhibitDelayMaxSec`). Where there
+/// is no system bus, or no logind on it, or they refuse, nothing is ever told and nothing is different; both
+/// are looked for again every 10 s. A logind that was started anew is asked anew. Belongs to one thread, and
+/// none of its operations waits for longer than 2 s.
 class ZqSleepWatch {
 public:
     ZqSleepWatch();

@@ -55,8 +55,9 @@ std::string hostName() {
 
 } // namespace
 
-/// One connection. Questions about windows are sent for all of them ahead of the first answer. A window that
-/// is gone answers with an error, which counts as an empty property.
+/// One connection. Questions about windows are sent for all of them before the first answer is taken, so a
+/// search costs two or three round trips, however many windows there are. A window that is gone answers with
+/// an error, which counts as an empty property.
 class ZqX11Desktop::Display {
 public:
     /// Null where there is no display.
@@ -136,7 +137,8 @@ public:
     }
 
     bool isIconic(xcb_window_t window) const {
-        // Some window managers have the older state of iconified windows on all that lies on another desktop.
+        // Minimised is what the window manager calls hidden. ICCCM's iconic state, which several of them also
+        // give to windows on other desktops, counts only where there is no such word.
         if (ask(root, ewmh._NET_SUPPORTED).has(ewmh._NET_WM_STATE_HIDDEN))
             return ask(window, ewmh._NET_WM_STATE).has(ewmh._NET_WM_STATE_HIDDEN);
         return ask(window, wmState).number() == XCB_ICCCM_WM_STATE_ICONIC;
@@ -241,7 +243,7 @@ ZqDesktop::Handle ZqX11Desktop::findByClass(const SxString& className) {
     const auto windows = x->getWindows();
     const auto classes = x->ask(windows, XCB_ATOM_WM_CLASS);
     for (size_t i = 0; i < windows.size(); ++i) {
-        // Two texts, each with a NUL behind it.
+        // Two texts, each ended by a NUL.
         const std::string& bytes = classes[i].bytes;
         const size_t begin = std::min(bytes.find('\0'), bytes.size() - 1) + 1;
         if (begin < bytes.size() && className.str() == &bytes[begin]) return windows[i];

@@ -6,10 +6,12 @@
 #include <memory>
 
 /// The windows of an X11 display, that of the variable DISPLAY, by way of its window manager (EWMH 1.5, ICCCM
-/// 2.0). A handle is a window's X11 id, and windows are those that the window manager looks after. A display
-/// that isn't there, or is lost, is tried again once a second. No X11 desktop puts a window of a class of its
-/// own in the place of one that doesn't answer, so findByClass(GHOST) finds nothing there; a window manager
-/// minimises such a window like any other.
+/// 2.0). Only the window manager is asked, never the application, so a window that hangs can be found,
+/// minimised and restored like any other. A handle is a window's X11 id, and windows are those that the
+/// window manager looks after. A display that isn't there, or is lost, is no failure: it is tried again once
+/// a second, and every search finds nothing meanwhile. One connection serves all threads, which the X library
+/// takes care of. No X11 desktop puts a window of a class of its own in the place of one that doesn't answer,
+/// so findByClass(GHOST) finds nothing there.
 class ZqX11Desktop : public ZqDesktop {
 public:
     ZqX11Desktop();
@@ -18,8 +20,8 @@ public:
     Handle findByTitle(const SxString& title) override;
     /// Compares with the second part of WM_CLASS.
     Handle findByClass(const SxString& className) override;
-    /// Windows say themselves which process they belong to (_NET_WM_PID); those of other machines don't
-    /// count.
+    /// Windows say themselves which process they belong to (_NET_WM_PID). Those of programs on other machines
+    /// don't count, since they bring process ids of theirs.
     SxList<Handle> getWindowsOfProcess(int pid) override;
     Handle getForeground() override;
     bool isIconic(Handle window) override;
