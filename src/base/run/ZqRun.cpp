@@ -165,7 +165,7 @@ void ZqRun::run() {
         return;
     }
     if (adopt()) return;
-    // An earlier run may have found it wrong, or not have come to that.
+    // An earlier run may have found the image to be wrong, or have ended before it knew.
     if (wasComplete) awaitCheck();
     mount();
     if (settings.isDriveOnly) {
@@ -336,7 +336,7 @@ void ZqRun::follow() {
     if (!isStopping()) guard->requireSuccess();
     result.isExitKnown = !guard->isAdopted();
     if (isStopping()) throw stopped();
-    // What the application has read since, and its code, mean nothing.
+    // Where the drive has gone, what the application has read since, and its exit code, mean nothing.
     requireDisk();
     feed->requireAlive();
 }

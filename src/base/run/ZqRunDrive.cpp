@@ -100,7 +100,7 @@ private:
         try {
             feed.alignCursor();
         } catch (const SxException& e) {
-            // That of the preparation goes at some time; else the mount tells what is wrong.
+            // The drive of the preparation goes at some time; what else is wrong the mount tells.
             zqLogMsg("base", SxString("ZqRun: ") + e.what());
         }
     }
@@ -124,7 +124,7 @@ void ZqRun::mount() {
     while (feed->getStatus().nCurrent < needed) {
         if (stop()) throw stopped();
         feed->requireAlive();
-        // Here it costs a start no time.
+        // Asked here, since it costs a start no time while blocks are still missing.
         feed->requireRanges(stop);
         SxTime::msleep(LOOK_MS);
     }
@@ -167,7 +167,7 @@ void ZqRun::bringUp(ZqMountMgr::MountMode mode) {
         } catch (const SxException& e) {
             if (isStopping() || !e.hasTag(ZqVolume::SILENT)) throw;
         }
-        // Once it answers it may have done what it was asked for.
+        // Once the service answers, it may have made the drive that it was asked for.
         patiently([&] { takeDriveAway(); });
     }
 }
@@ -232,7 +232,7 @@ void ZqRun::endTrace() const {
         zqLogMsg("base", "ZqRun: the trace ends, the drive stays");
     } catch (const SxException& e) {
         if (e.hasTag(ZqVolume::SILENT)) throw;
-        // It only gets longer than it should.
+        // The trace only gets longer than it should.
         zqLogMsg("base", SxString("ZqRun: cannot end the trace: ") + e.what());
     }
 }
@@ -366,7 +366,7 @@ void ZqRun::endDrive(bool keep) {
     }
     noteDrive(disk);
     if (keep) {
-        // The play that it is of has ended.
+        // The play that the trace is of has ended.
         endTrace();
         result.mountPath = disk.mountPath;
     } else {

@@ -17,7 +17,7 @@ void ZqRunSeries::add(const Sample& sample) {
             samples[i] = samples[2 * i];
         samples.resize((samples.size() + 1) / 2);
         intervalMs *= 2;
-        // Where it has gone by that, it still is the last one.
+        // Where that has dropped the newest sample, it stays as the last one all the same.
         if (samples.back().timeMs != sample.timeMs) {
             samples.push_back(sample);
             isExtra = true;

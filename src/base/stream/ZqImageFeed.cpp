@@ -86,7 +86,7 @@ void ZqImageFeed::open(const ZqStopTest& stop) {
     }
     SxFSAction::mkdir_p(settings.image);
     growth = ZqImageLock::take(settings.image, ZqImageLock::Growth, ZqImageLock::Exclusive, settings.job);
-    // Nothing has looked at the size yet, and a drive of it began with the machine.
+    // Before anything looks at the size. A drive that is up has taken no more than can be believed either.
     ZqSyncedSize(filePath(ZqImageFiles::ZQF)).cutBack(stop);
     ZqStreamRecord record;
     record.read(settings.image);
@@ -125,7 +125,7 @@ void ZqImageFeed::open(const ZqStopTest& stop) {
     try {
         if (link) measureDisk();
     } catch (const SxException&) {
-        // Once there is room the same is called again, without the address.
+        // Once there is room the same command is given again, without the address.
         try {
             noteOpened(record);
         } catch (const SxException& e) {

@@ -88,7 +88,7 @@ ZqImageRecords::ZqImageRecords(const SxPtr<ZqNetLink>& link_, const SxString& im
 SxPtr<ZqRemoteFile> ZqImageRecords::remote(const char* name, bool isFresh, uint64 expectedSize) const {
     auto file = SxPtr<ZqRemoteFile>::create(link, ZqRemoteFile::urlIn(address, name), headers, expectedSize);
     if (isFresh) file->setFresh();
-    // Each is taken as one, of whichever mirror, and looked at as a whole.
+    // A record is taken in one piece, of whichever mirror, and checked as a whole.
     file->getFacts()->setSameTest([](const ZqStopTest&) { return true; });
     return file;
 }
@@ -204,7 +204,7 @@ ZqAppParams ZqImageRecords::fetchApp(bool mayPlay, bool* isConfirmed, const ZqSt
     return ZqAppParams(folder);
 }
 
-/// One that took its place would stay there: it isn't fetched again once there are blocks.
+/// A wrong `img.json` that took its place would stay there: it isn't fetched again once there are blocks.
 void ZqImageRecords::requireParams(const SxString& file, const ZqAppParams& app) const {
     try {
         requireNoPage(SxFileIO::readUtf8(file), ZqImageFiles::IMAGE_JSON);
@@ -223,7 +223,7 @@ void ZqImageRecords::requireParams(const SxString& file, const ZqAppParams& app)
     }
 }
 
-/// One that is damaged counts as missing, since the server has it, too.
+/// A damaged `img.json` counts as missing, since the server has it, too.
 bool ZqImageRecords::hasParams(const ZqAppParams& app) const {
     const SxString file = folder + ZqImageFiles::IMAGE_JSON;
     if (!SxFSAction::test_f(file)) return false;
@@ -266,7 +266,7 @@ void ZqImageRecords::fetchMap(const ZqAppParams& app, const ZqStopTest& stop) co
         bringMap(known, stop);
     } catch (const SxException& e) {
         if (isStated || !e.hasTag(ZqNetLink::WRONG)) throw;
-        // Either may be the wrong one, and the map was asked for twice.
+        // Either the map or its digest may be the wrong one, and the map was asked for twice already.
         const SxString again = fetchDigest(true, false, stop);
         if (again == known.checksumIdx) throw;
         known.checksumIdx = again;

@@ -18,7 +18,8 @@ constexpr int MAX_WRONG = 4;
 constexpr int TABLE_LOOKS = 2;
 /// The longest pause, in first ones.
 constexpr int64 MOST_PAUSES = 8;
-/// What a stretch may take before the others have their turn. On a slow link the later goes are enough.
+/// What a stretch may take before the others have their turn. It doubles with each go, so that on a slow link
+/// the later ones are long enough.
 constexpr int64 FIRST_LIMIT_MS = ZqImageRepair::TRY_MS, MAX_LIMIT_MS = 32 * FIRST_LIMIT_MS;
 /// Failures one after the other that aren't those of a few stretches.
 constexpr int MAX_FAILED = 3;
@@ -111,7 +112,7 @@ SxPtr<ZqSeekTable> ZqImageRepair::awaitTable(const ZqStopTest& stop) const {
             try {
                 recover(why, &tries, stop);
             } catch (const SxException& e) {
-                // As a store says that has none and doesn't list its files.
+                // So says a store that has no table and doesn't list its files.
                 if (!e.hasTag(ZqNetLink::NOT_FOUND)) throw;
                 return nullptr;
             }

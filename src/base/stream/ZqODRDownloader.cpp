@@ -9,7 +9,7 @@ namespace {
 constexpr const char* UNIT = "src/base/ZqODRDownloader";
 }
 
-// Before everything else the object is its handle: `zqnetio` takes the one for the other.
+// The object is nothing but its handle: `zqnetio` takes the address of the one for that of the other.
 static_assert(sizeof(ZqODRDownloader) == sizeof(void*));
 
 ZqODRDownloader::ZqODRDownloader() {

@@ -25,7 +25,7 @@ public:
     uint64 nInit = 0;      ///< bytes of `img.zqf` for a start without a wait
     double untilSafe = 0;  ///< seconds until they are there; infinite where they never are
     double untilMount = 0; ///< seconds until there can be a drive: the earliest start
-    /// What a start then would bring, in order of time. Waits that nothing is there between count as one.
+    /// What a start then would bring, in order of time. Waits with nothing between them count as one.
     std::vector<Wait> waits;
 
     double getTotalWait() const;

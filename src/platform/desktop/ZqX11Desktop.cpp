@@ -215,7 +215,7 @@ ZqX11Desktop::ZqX11Desktop() : triedNs(std::numeric_limits<int64>::min()) {
 ZqX11Desktop::~ZqX11Desktop() = default;
 
 std::shared_ptr<ZqX11Desktop::Display> ZqX11Desktop::getDisplay() {
-    // Held while the connection is made, too: who comes meanwhile would find no window.
+    // The mutex is held while the connection is made, too: who comes meanwhile would find no window.
     const SxMutexBlock block(&mutex);
     if (display && display->isLost()) display.reset();
     if (!display) {
