@@ -7,6 +7,8 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <stdexcept>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <systemd/sd-bus.h>
 #include <unistd.h>
 #include <vector>
@@ -35,6 +37,17 @@ constexpr const char* CONFIG =
 int require(int outcome, const char* what) {
     if (outcome < 0) throw std::runtime_error(std::string(what) + ": " + std::strerror(-outcome));
     return outcome;
+}
+
+/// Whether somebody listens there. The name is there a moment before.
+bool answers(const std::string& path) {
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const bool isThere = ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+    ::close(fd);
+    return isThere;
 }
 
 } // namespace
@@ -124,7 +137,7 @@ TestSleep::TestSleep() {
         "dbus-daemon", SxList<SxString>{"--config-file=" + file, "--nofork", "--nopidfile", "--nosyslog"},
         SxProcess::Silent);
     daemon->start();
-    SxWait::pass(LIMIT_MS, [&] { return std::filesystem::exists(socket) || !daemon->isRunning(); });
+    SxWait::pass(LIMIT_MS, [&] { return answers(socket) || !daemon->isRunning(); });
     ::setenv("DBUS_SYSTEM_BUS_ADDRESS", ("unix:path=" + socket).c_str(), 1);
     startManager();
 }
