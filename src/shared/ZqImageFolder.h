@@ -11,9 +11,10 @@ public:
     static bool holdsImage(const SxString& path);
     /// Whether the folder is there and empty, or isn't there.
     static bool isFree(const SxString& path);
-    /// Whether a drive has written to the write layer of the image: its index has a record. A drive makes the
-    /// files as it comes up, so they alone say nothing. An index that isn't known counts, too. Raises where
-    /// that can't be told.
+    /// Whether a drive has written to the write layer of the image: its index has a record. The files alone
+    /// say nothing, since a drive makes them as it comes up, to have room in reserve. An ext4 drive that
+    /// could write has written its superblock, which counts. An index that isn't known counts, too. Raises
+    /// where that can't be told.
     static bool hasWrittenLayer(const SxString& path);
     /// Raises where fewer than `need` bytes are free on the disk of the folder `path`, which need not exist
     /// yet.

@@ -12,11 +12,20 @@ class ZqRedirection;
 /// What kind of image the guard is told of.
 enum ZqImageType : int { ZqFImage = 1 };
 
-/// Mounts images as drives and speaks with the service that serves them. A plain class without virtual
-/// operations, cheap to create: every thread has an instance of its own, which only remembers the drive that
-/// it mounted or found last. `image` is the path of the image folder; `mountPoint` a letter and a colon
-/// ("E:"). All operations that fail raise SxException, with the service's own reason, where it gives one, as
-/// the innermost cause. The kinds of drives that records name go by this class's name, too.
+/// Mounts images as drives and speaks with the service that serves them. It is logic over the control library
+/// of the drive service (zqdevctl.h), over what the system says of volumes (ZqVolume.h) and over the
+/// registry; it knows nothing of how a disk is served.
+///
+/// A plain class without virtual operations, cheap to create, and not shared: every thread has an instance of
+/// its own, which only remembers the drive that it mounted or found last. A drive that another thread or
+/// process mounted is found through the service. `image` is the path of the image folder; `mountPoint` a
+/// letter and a colon ("E:"). All operations that fail raise SxException, with the service's own reason,
+/// where it gives one, as the innermost cause (see ZqDriveStatus). The kinds of drives that records name go
+/// by this class's name, too.
+///
+/// Waits for the letter, the file system, the guard and the end of a drive go in passes of a stated length,
+/// with looks every 10 ms (SxWait). They end early: once the service says why it can't bring a disk up, the
+/// mount fails with that text, instead of the timeout that would follow up to a minute later.
 class ZqMountMgr : public ZqDriveKinds {
 public:
     /// The version of the drive service that this library is made for.
@@ -53,11 +62,13 @@ public:
 
     /// Turns an image folder into a running drive: checks the image, mounts it twice (the first time only to
     /// prepare the guard), attaches the guard, and redirects what must survive a run to
-    /// `C:/ProgramData/TAVRIN/<guid>`. Holds the image's shape meanwhile. `sizeRaw`, `sectorSize` in bytes as
+    /// `C:/ProgramData/TAVRIN/<guid>`. Everything that can be refused without a drive is refused first: a
+    /// newer image format, launchers (not supported yet), names that lead out, an unknown trace method,
+    /// sizes, the map's digest. Holds the image's shape meanwhile. `sizeRaw`, `sectorSize` in bytes as
     /// img.json says; `cursor`: how many blocks of `img.zqf` are there; `hostFlag` goes to the service as it
     /// is. `traceFolder` is emptied and traced into unless it is an empty text, `traceMethod` is then a text
     /// of ZqTraceParams::Method. Waits up to five minutes; gives the mount point. After a failure no drive is
-    /// left behind.
+    /// left; should its unmount fail, too, that only goes to the log, and the first failure is raised.
     SxString mountImageZQF(MountMode mode, DeviceMode deviceMode, const SxString& image, uint64 sizeRaw,
                            uint64 sectorSize, uint64 cursor, bool hostFlag, const SxString& traceFolder,
                            const SxString& traceMethod);
@@ -68,14 +79,16 @@ public:
                         const SxString& traceFolder, bool hostFlag, bool awaitFileSystem, bool spareFlag,
                         uint64 sizeRaw, uint64 sectorSize, uint64 cursor);
     /// Ends a mount: fails what is held, removes the registry entries, dismounts the volume, ejects the disk
-    /// and waits up to a minute until it is gone. Where a step fails, the disk is removed the hard way and
-    /// the failure raised. `hardEject` does that at once. Harmless where the image isn't mounted. Gives true.
+    /// and waits until it is gone, as long as no minute passes without progress. A busy volume is taken away
+    /// all the same: a program that still has files open gets I/O errors, and the unmount succeeds, and says
+    /// so in the log and by wasBusy(). Where a step fails, the disk is removed the hard way and the failure
+    /// raised. `hardEject` does that at once. Harmless where the image isn't mounted. Gives true.
     bool umountImage(const SxString& image, bool hardEject);
     /// Ends the mount of an image that has lost its drive letter, since somebody changed or removed the link:
     /// removes the registry entries and ejects the disk; the link is left as it is. False where the image
     /// isn't mounted or has its letter; then nothing is done.
     bool umountWithoutLetter(const SxString& image);
-    /// Removes what a service that was killed has left behind in the machine root (mounts, devices, letters).
+    /// Removes what a service that was killed has left in the machine root (mounts, devices, letters).
     /// Where a drive of `image` was among that, the registry entries of the record that setAppParams() gave
     /// go, too, and it gives true.
     /// `*written`: what programs had written to that drive, and not synced, may be lost.
@@ -161,7 +174,8 @@ public:
 private:
     using VersionCall = int (*)(char* buffer, uint64* size);
     static SxString getVersion(VersionCall call);
-    /// Removes and makes a folder for a trace of the image.
+    /// Removes and makes a folder for a trace of the image. Only what is a trace, or empty, is removed: a
+    /// mistyped path would cost an image, or a folder of documents.
     static void clearTraceFolder(const SxString& image, const SxString& traceFolder);
     void ejectImage(const SxString& image);
 

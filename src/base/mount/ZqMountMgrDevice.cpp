@@ -17,10 +17,10 @@ constexpr const char* UNIT = "src/base/ZqMountMgr";
 /// In the root of every mounted file system: as long as it can be seen, the file system is there.
 constexpr const char* MARKER = "/gxprefetch.info";
 constexpr int64 PASS_MS = 1000;
-constexpr int64 LIMIT = 60;
+constexpr int64 LIMIT = 60; ///< passes
 /// For so many passes a volume that is mounted may stay unseen.
 constexpr int64 BLIND_PASSES = 3;
-/// A counter that isn't above the limit lets one pass more go on.
+/// The counter of the passes ends the wait when it is above the limit, so there is one pass more than that.
 constexpr int64 MOUNT_PASSES = LIMIT + 1;
 constexpr const char* EXPLORER_POLICY = "HKLM/SOFTWARE/Microsoft/Windows/CurrentVersion/Policies/Explorer";
 constexpr const char* NO_DRIVES = "NoDrives";
@@ -28,7 +28,7 @@ constexpr const char* NO_DRIVES = "NoDrives";
 /// Why an image that was given to the service won't come up; empty where it still may.
 SxString serviceFailure(const SxString& image) {
     ZqDiskStatus disk;
-    if (!ZqVolume::findDisk(image, &disk)) return "The drive service serves the image no more";
+    if (!ZqVolume::findDisk(image, &disk)) return "The drive service no longer serves the image";
     return disk.failure;
 }
 
@@ -45,7 +45,7 @@ uint64 whenMade(const SxString& image) {
     return ZqVolume::findDisk(image, &disk) ? disk.madeNs : 0;
 }
 
-/// Whether the disk of that time is the image's no longer; false where the service doesn't say.
+/// Whether the disk of that time is no longer the image's; false where the service doesn't say.
 bool hasGone(const SxString& image, uint64 madeNs) {
     try {
         return whenMade(image) != madeNs;
@@ -193,7 +193,7 @@ void ZqMountMgr::awaitFiles(const SxString& image) const {
 }
 
 void ZqMountMgr::umountAfterFailure(const SxString& image) {
-    // The failure that led here is the one to be told of.
+    // The failure that led here is the one to be told of; a failure of the unmount must not replace it.
     try {
         umountImage(image, false);
     } catch (const SxException& e) {

@@ -21,10 +21,12 @@ constexpr const char* UNIT = "src/base/ZqMountMgr";
 constexpr const char* BARE_LOWER = "TAVRIN Driver error";
 /// In an image folder, the folder of its traces.
 constexpr const char* TRACES = "traces/";
+/// With GUARD_PASS_MS a minute, as for the other waits.
 constexpr int64 GUARD_PASSES = 600;
 constexpr int64 GUARD_PASS_MS = 100;
 
-/// Raises `words` in the place of a bare failure, so that only the reason below that one stays.
+/// Raises `words` in the place of a bare failure: the service's reason, where there is one, then stands
+/// directly below the words of the operation.
 [[noreturn]] void raiseInstead(const SxException& bare, const SxString& words, int line) {
     if (const SxException* reason = bare.getCause()) throw SxException(*reason, words, UNIT, line);
     throw SxException(words, UNIT, line);
@@ -108,7 +110,9 @@ std::string realPath(const SxString& path) {
                       UNIT, __LINE__);
 }
 
-/// Raises unless the folder, which is there, may be emptied: it has to be a trace, or empty.
+/// Raises unless the folder, which is there, may be emptied: it has to be empty, or to hold a trace
+/// (`img.trc` or `trace.json`). It is no image folder, and none lies above it, but for the image's own
+/// `traces/`, nor directly in it. A mistyped path would cost an image, or a folder of documents.
 void requireTraceFolder(const SxString& image, const SxString& folder) {
     const std::string real = realPath(folder);
     std::string kept;

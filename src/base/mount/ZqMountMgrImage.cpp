@@ -23,7 +23,7 @@ constexpr const char* UNIT = "src/base/ZqMountMgr";
 constexpr int BLOCK_SHIFT = 12;
 constexpr int64 CACHE_UNIT = 1'000'000;
 
-/// A launcher would have to be set up for the application, and restored behind it.
+/// A launcher would have to be set up for the application, and restored after it.
 void refuseLaunchers(const SxString& image, const SxList<SxString>& access) {
     if (access.isEmpty()) return;
     throw SxException("Image " + image + " needs the launcher '" + access.first().makeVisible() +
@@ -31,8 +31,9 @@ void refuseLaunchers(const SxString& image, const SxList<SxString>& access) {
                       UNIT, __LINE__);
 }
 
-/// The shape is kept as it is over both mounts. A folder without an image has none, and the next checks say
-/// what it lacks.
+/// Keeps the shape as it is over both mounts, so that nobody moves blocks between the check of the map and
+/// the end of the mount; from then on the service's own lock keeps the image. A folder without an image has
+/// no shape, and the next checks say what it lacks.
 SxPtr<ZqImageLock> lockShape(const SxString& image) {
     if (!ZqImageFolder::holdsImage(image)) return nullptr;
     ZqImageLock::finishReplacement(image);
@@ -77,7 +78,8 @@ void checkMap(const SxString& idx, const SxString& checksum) {
                               SxParserKit::excerpt(expected).makeVisible() + "'");
 }
 
-/// Units of app.json in bytes, without overflow.
+/// Units of app.json in bytes. In 64 bits and without overflow up to the check of setCacheSize(), so that a
+/// large number fails there and doesn't become a small one.
 int64 cacheBytes(int64 units) {
     constexpr int64 MAX = std::numeric_limits<int64>::max();
     return units > MAX / CACHE_UNIT ? MAX : units * CACHE_UNIT;
@@ -172,11 +174,11 @@ SxString ZqMountMgr::mountImageZQF(MountMode mode, DeviceMode deviceMode, const 
         refuseLaunchers(image, appParams->access);
         const ZqRedirection redirection(*appParams);
         const auto lock = lockShape(image);
-        // A text that isn't known fails ahead of a drive.
+        // A text that isn't known fails before a drive is made, and before the trace folder is emptied.
         const auto method =
             traceFolder.isEmpty() ? ZqTraceParams::Monitoring : ZqTraceParams::stringToMethod(traceMethod);
         checkImage(image, sizeRaw, cursor, traceFolder);
-        // Not behind the mount, since a file system writes as soon as it comes up.
+        // Before the mount, since a file system writes as soon as it comes up.
         if (mode == ReadWrite && ZqImageInfo::isComplete(image)) ZqStreamRecord::noteWrites(image);
         setCacheSize(0);
         mount();

@@ -52,8 +52,9 @@ SxList<SxString> checkedEntries(const SxList<SxString>& entries, const SxString&
     return result;
 }
 
-/// Raises where a part of `name` below `folder` is a link. The service, which redirects, follows none either:
-/// it would have to end where the copy does, on both sides.
+/// Raises where a part of `name` below `folder` is a link. The service, which redirects, refuses it as well:
+/// to follow it, both sides would have to end at the same place. Links at `folder` and above it aren't looked
+/// at: on the private side these are the user's own, who may keep saved games on another disk.
 void requireNoLink(const SxString& folder, const SxString& name) {
     SxString path = folder;
     for (const SxString& part : name.tokenize('/')) {
@@ -83,7 +84,8 @@ void clearRemoval(const SxString& folder, const SxString& name) {
     }
 }
 
-/// Copies under another name first, so that a copy that was cut off isn't taken for a whole one.
+/// Copies under another name, and renames: what is there is never copied again, so half a folder would stay
+/// half for ever. Links in a folder are copied as links, and no copy has set-id bits (SxFSAction::cp()).
 void copyWhole(const SxString& from, const SxString& to) {
     const SxString half = to + ".tavrin-new";
     if (SxFSAction::exists(half) || SxFileInfo(half).isLink()) SxFSAction::rm_r(half);
@@ -91,8 +93,10 @@ void copyWhole(const SxString& from, const SxString& to) {
     SxFSAction::mv(half, to);
 }
 
-/// The right to lay out the private side of an application, for one at a time across processes: a lock on the
-/// first byte of a file in its folder, which stays there. File systems without locks keep nobody apart.
+/// The right to lay out the private side of an application, for one mount at a time across processes; else
+/// one would rename what another is still copying. The other one is refused, as it would be when it redirects
+/// to a folder in use. It is a lock on the first byte of a file in the application's folder, which stays
+/// there. File systems without locks keep nobody apart.
 class PreparationLock {
 public:
     explicit PreparationLock(const SxString& directory) {
@@ -136,7 +140,7 @@ public:
         source = drive + folder;
         target = directory + "/" + folder;
         SxFSAction::mkdir_p(SxFileInfo(directory).getPath(), 0777);
-        SxFSAction::mkdir_p(directory, 0700);
+        SxFSAction::mkdir_p(directory, 0700); // for its user alone
         lock.emplace(directory);
         SxFSAction::mkdir_p(target, 0777);
     }
@@ -205,8 +209,8 @@ SxString ZqRedirection::getNames() const {
 
 void ZqRedirection::prepare(const SxString& mountPoint) const {
     const Preparation preparation(mountPoint, directory);
-    // A folder comes ahead of those in it: once one of these stands on the private side it counts as there,
-    // and the rest of it would never be copied.
+    // A folder is copied before those in it, whatever their order in the record. A folder that stands on the
+    // private side isn't copied again; so one whose child came first would stay without the rest.
     std::vector<SxString> ordered(folders.begin(), folders.end());
     std::stable_sort(ordered.begin(), ordered.end(),
                      [](const SxString& a, const SxString& b) { return a.contains("/") < b.contains("/"); });

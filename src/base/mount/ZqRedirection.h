@@ -6,12 +6,13 @@
 class ZqAppParams;
 
 /// The folders and files of one application that are redirected from its drive to the machine's private side,
-/// `C:/ProgramData/TAVRIN/<guid>`, where they outlive a mount. The names come with the image and may be
-/// hostile: none leads out of its folder, on either side. A value type.
+/// `C:/ProgramData/TAVRIN/<guid>/<protected folder>`, where they outlive a mount. The names come with the
+/// image and may be hostile: none leads out of its folder, on either side. A value type.
 class ZqRedirection {
 public:
     /// Takes the names from the record. Raises, naming the entry, where the guid isn't a plain name, or an
-    /// entry is empty, absolute, or holds a drive letter, "..", a comma or a NUL. Backslashes become slashes.
+    /// entry is empty, absolute, or holds a drive letter, "..", a comma (which separates
+    /// the names in the guard's list) or a NUL. Backslashes become slashes.
     explicit ZqRedirection(const ZqAppParams& app);
 
     bool isEmpty() const noexcept { return folders.isEmpty() && files.isEmpty(); }
@@ -20,9 +21,9 @@ public:
     /// All names, folders first, joined by commas, as the guard takes them.
     SxString getNames() const;
     /// Lays out the private side: what isn't there yet is copied from the drive's protected folder, whole or
-    /// not at all; a file that the drive lacks is made empty. What is there stays. Raises, naming the path,
-    /// also where a link stands in the path of a name, on either side, and, without waiting, where another
-    /// process does the same for that application.
+    /// not at all; a file that the drive lacks is made empty. What is there stays. Raises, naming the path:
+    /// where a link stands in the path of a name, or a file where `dirmap` wants a folder, or the other way
+    /// round, on either side; and, without waiting, where another mount does the same for that application.
     void prepare(const SxString& mountPoint) const;
 
 private:

@@ -3,7 +3,8 @@
 #include "SxString.h"
 
 /// The kinds of drives and file systems that the records of an image name, and the texts that stand for them
-/// there.
+/// there. A unit of its own, so that what only reads records doesn't link the control library of the drive
+/// service.
 class ZqDriveKinds {
 public:
     /// How a drive is mounted; the texts are those of `mountMode` in app.json.

@@ -6,7 +6,7 @@
 
 namespace {
 
-/// What the failed mount says behind the image's name, which stands as $ in it.
+/// What the failed mount says after the image's name, which stands as $ in it.
 std::string causeOf(Machine& machine, const std::function<void()>& mount) {
     const std::string failure = failureOf(mount), outer = "Cannot mount ZqF image " + machine.name;
     if (!failure.starts_with(outer + ": ")) return failure;
