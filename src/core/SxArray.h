@@ -9,8 +9,7 @@
 #include <utility>
 #include <vector>
 
-/// Allocator that leaves trivial elements uninitialised, so that an array that is about to be filled from a
-/// file isn't written twice.
+/// Allocator that leaves trivial elements uninitialised, see SxArray.
 template<class T>
 class SxRawAllocator : public std::allocator<T> {
 public:
@@ -34,9 +33,10 @@ public:
     }
 };
 
-/// Contiguous array with 64-bit indices. An index isn't checked. Elements of trivial types are not
-/// initialised by the sized constructor and by resize(). Copies copy the elements; moves are cheap. Not
-/// locked.
+/// Contiguous array with 64-bit indices, over std::vector. An index isn't checked. Other than there, elements
+/// of trivial types are not initialised by the sized constructor and by resize(): such an array is about to
+/// be filled from a file, and reading a map of 200 MiB would otherwise write it twice. Copies copy the
+/// elements; moves are cheap. Not locked.
 template<class T>
 class SxArray {
 public:

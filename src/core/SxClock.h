@@ -2,9 +2,9 @@
 
 #include "SxTypes.h"
 
-/// The clock behind all time and waiting. There is one at a time for the process: the machine's, or one that
-/// a test puts in its place, on which a minute of waiting takes microseconds. All operations are safe from
-/// any thread.
+/// The clock that all time comes from and that all waiting goes through. There is one at a time for the
+/// process: the machine's, or one that a test puts in its place, so that a loop which waits for 61 seconds is
+/// tested in microseconds. All operations are safe from any thread.
 class SxClock {
 public:
     virtual ~SxClock() = default;

@@ -47,7 +47,7 @@ public:
     unsigned char getType(int64 argIdx) const { return types(argIdx); }
     /// Argument `argIdx`, from 0; raises where there is none.
     SxString getText(int64 argIdx) const;
-    /// The arguments one behind the other, each text with its terminating zero.
+    /// The arguments one after the other, each text with its terminating zero.
     const SxArray<char>& getBuffer() const noexcept { return buffer; }
 
 private:
@@ -58,7 +58,7 @@ private:
     SxArray<char> buffer;
 };
 
-/// One event as a listener gets it. Copies share the payload, which doesn't change any more.
+/// One event as a listener gets it. Copies share the payload, which no longer changes.
 class SxEvent {
 public:
     SxEvent() = default;
@@ -122,7 +122,7 @@ public:
     /// once.
     SxList<SxString> getUnheard() const SX_EXCLUDES(mutex);
 
-    /// "file:line:function", with the part of `path` behind its last backslash.
+    /// "file:line:function", with the part of `path` after its last backslash.
     static SxString location(const SxString& path, int line, const SxString& function);
 
 private:

@@ -5,8 +5,10 @@
 #include <exception>
 #include <memory>
 
-/// The one failure type. A failure is a chain: each level says what it was doing, its cause is the level
-/// below. A value type; copies share the causes, which never change, so copies may cross threads.
+/// The one failure type. A failure is a chain: each level adds what it was doing, its cause is the level
+/// below. Kinds of failure have no registry: a level may carry a tag ("FileWriteError", STOPPED), which is
+/// all that anybody asks for. A value type; copies share the causes, which never change, so copies may cross
+/// threads.
 class SxException : public std::exception {
 public:
     /// What toString() shows of each level.
@@ -35,8 +37,8 @@ public:
     /// The level below, or null.
     const SxException* getCause() const noexcept { return cause.get(); }
 
-    /// The chain, outermost level first, joined by `separator`. `level` is a sum of Show values; 3 shows the
-    /// message and the place of each level.
+    /// The chain, outermost level first, joined by `separator`; so the client shows one level a line. `level`
+    /// is a sum of Show values; 3 shows the message and the place of each level.
     SxString toString(int level = ShowMessage | ShowPlace, const SxString& separator = "\n") const;
     /// The messages of the chain, joined by ": ".
     const char* what() const noexcept override { return whatText.ascii(); }

@@ -38,11 +38,11 @@ public:
     static void rm_r(const SxFileInfo& info) { rm_r(info.getOrig()); }
     /// Makes an empty file where none is, and sets its time of modification.
     static void touch(const SxString& path, int mode = 0644);
-    /// What a folder holds, sorted by name (bytes).
+    /// What a folder holds, sorted by name (bytes), so that what is built from it is reproducible.
     static SxList<SxFileInfo> ls(const SxString& path);
     /// All files and folders below a folder, sub-folders included, whose name matches: `pattern` is the
     /// folder, a slash, and a name with the wildcards "*" and "?" and "[...]". In each folder sorted by name
-    /// (bytes), a folder ahead of what it holds. Links to folders are listed, not entered; a link that leads
+    /// (bytes), a folder before what it holds. Links to folders are listed, not entered; a link that leads
     /// into itself or to a folder above it raises.
     static SxList<SxFileInfo> find(const SxString& pattern, bool = false);
     /// The folders in a folder, sorted by name.

@@ -115,7 +115,7 @@ int64 SxFileIO::getSize() const {
 void SxFileIO::seek(int64 distance, Seek from) {
     const int64 target = distance + (from == SeekCur ? offset : from == SeekEnd ? getSize() : 0);
     if (target < 0) {
-        throw SxException("Cannot go ahead of the start of file '" + path + "'", UNIT, __LINE__);
+        throw SxException("Cannot go to a place before the start of file '" + path + "'", UNIT, __LINE__);
     }
     offset = target;
 }

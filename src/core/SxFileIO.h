@@ -7,8 +7,13 @@
 #include <functional>
 #include <type_traits>
 
-/// One open file. Not buffered: each call goes to the system. One thread at a time. All operations raise
+/// One open file. Not buffered: each call goes to the system. Callers read and write large pieces, and
+/// nothing waits in memory that a later failure could lose. One thread at a time. All operations raise
 /// SxException on an error of the file, naming it. The file is closed by the destructor.
+///
+/// What must outlive a power cut: a file that replaces another one is written by writeAtomic(). Data is
+/// synced before the record that says that it is there is written, and before what it was made from is
+/// removed.
 class SxFileIO {
 public:
     enum Mode : unsigned { ModeRead = 1, ModeWrite = 2, ModeAppend = 4 };
@@ -37,7 +42,8 @@ public:
     void flush() {}
     /// Returns when all that was written is on the device.
     void sync();
-    /// Asks the system to begin writing `n` bytes at `offset` to the device; 0 means to the end.
+    /// Asks the system to begin writing `n` bytes at `offset` to the device; 0 means to the end. For long
+    /// writes: the disk works while the caller reads on, and the final sync() has little left to do.
     void startWriteback(int64 offset, int64 n);
     /// Tells the system that the file will be read from front to back.
     void adviseSequential();

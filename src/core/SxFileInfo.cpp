@@ -22,7 +22,7 @@ std::string joinParts(const std::string& root, const std::vector<std::string>& p
     return result;
 }
 
-/// Puts what a link leads to in its place: the ".." behind it means the folder above that.
+/// Puts what a link leads to in its place: the ".." after it means the folder above that.
 void resolveLink(const std::string& root, std::vector<std::string>* parts) {
     SxStat info;
     const std::string path = joinParts(root, *parts);

@@ -11,13 +11,13 @@ public:
 
     /// The path as given.
     const SxString& getOrig() const noexcept { return path; }
-    /// The part behind the last slash.
+    /// The part after the last slash.
     SxString getName() const;
     /// The folder that holds it, absolute, without a trailing slash (but for the root).
     SxString getPath() const;
-    /// The absolute path without ".", ".." and repeated slashes. A ".." behind a link means the folder above
-    /// what the link leads to, as for the system; below a drive letter, which the path keeps, it goes by
-    /// text.
+    /// The absolute path without ".", ".." and repeated slashes. A ".." after a link means the folder above
+    /// what the link leads to, as for the system. A drive letter stays ("E:/x" is an absolute path of the
+    /// library); below one, ".." goes by text.
     SxString getAbsPath() const;
     /// The path relative to the folder `base`; raises where it doesn't lie below it.
     SxString getRelPath(const SxString& base) const;

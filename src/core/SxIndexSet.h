@@ -18,9 +18,9 @@ struct SxIndexHash {
     }
 };
 
-/// Set of 64-bit indices, such as those of blocks: a bit for each index below a bound, which is many times
-/// faster than hashing, and a hash set for those above, so that one wild index costs no more than its place.
-/// Not locked.
+/// Set of 64-bit indices, such as those of blocks: a bit for each index below a bound, since a bit set beats
+/// every hash set by an order of magnitude (bench/bench_sets.cpp), and a hash set for those above, so that
+/// one wild index costs only its own place. Not locked.
 class SxIndexSet {
 public:
     /// `nMost`: how many indices there may be. The bits grow with the largest index, up to 64 for each of

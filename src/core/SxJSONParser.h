@@ -2,10 +2,10 @@
 
 #include "SxSymbol.h"
 
-/// Reader of JSON texts (RFC 8259, UTF-8). Refuses what a careful reader should: anything behind the value, a
-/// key that is there twice, texts with a NUL, more than SxSymbol::MAX_DEPTH arrays and objects inside each
-/// other, more than MAX_ELEMENTS elements. A failure names the path and the line and column (in bytes, from
-/// 1). Keeps what it read last where a read fails. One thread at a time.
+/// Reader of JSON texts (RFC 8259, UTF-8). Refuses what a careful reader should: anything after the value, a
+/// key that is there twice, texts with a NUL, bytes that aren't UTF-8, more than SxSymbol::MAX_DEPTH arrays
+/// and objects inside each other, more than MAX_ELEMENTS elements. A failure names the path and the line and
+/// column (in bytes, from 1). Keeps what it read last where a read fails. One thread at a time.
 class SxJSONParser {
 public:
     /// Largest number of elements of a text, which bounds the memory that a hostile file takes.

@@ -80,7 +80,7 @@ private:
     std::list<T> items;
 };
 
-/// List in ascending order. A new value goes in front of the first element that is greater, behind equal
+/// List in ascending order. A new value goes in front of the first element that is greater, after equal
 /// ones.
 template<class T>
 class SxSortedList {

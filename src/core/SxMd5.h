@@ -33,7 +33,7 @@ public:
     /// Begins a new digest.
     void initialize();
     /// Takes the next `n` bytes. `total` is -1, or, with the last piece, the number of all bytes, which
-    /// finishes the digest. Raises where `total` isn't what was taken, and behind the last piece.
+    /// finishes the digest. Raises where `total` isn't what was taken, and after the last piece.
     void update(const void* bytes, int64 n, int64 total = -1);
     /// Finishes the digest where the last piece wasn't known as such; does nothing where it is finished.
     void finish();
@@ -48,7 +48,7 @@ public:
 private:
     struct Context;
 
-    SxPtr<Context> context; // null behind the end
+    SxPtr<Context> context; // null once it is finished
     Digest digest{};
     int64 nBytes = 0;
 };

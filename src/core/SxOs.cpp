@@ -301,7 +301,7 @@ bool SxOs::makeDrive(const SxString& path) {
 std::string SxOs::hostPath(const SxString& path) {
     if (path.isEmpty()) throw SxException("The path is empty", UNIT, __LINE__);
     if (path.str().find('\0') != std::string::npos) {
-        throw SxException("The path '" + SxString(path.ascii()) + "' goes on behind a NUL", UNIT, __LINE__);
+        throw SxException("The path '" + SxString(path.ascii()) + "' goes on after a NUL", UNIT, __LINE__);
     }
     const PathHook hook = pathHook.load(std::memory_order_acquire);
     return hook ? hook(path.str()) : path.str();

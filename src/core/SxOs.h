@@ -47,9 +47,9 @@ public:
     virtual int close(int fd) = 0;
     /// Reads up to `n` bytes at `offset`; less only at the end of the file.
     virtual int64 readAt(int fd, void* buffer, int64 n, int64 offset) = 0;
-    /// The same, but only as far as it goes without waiting for the device: what comes short is in the cache
-    /// no further, or the file ends. -EAGAIN where it begins so, -EOPNOTSUPP where the file system can't
-    /// tell.
+    /// The same, but only as far as it goes without waiting for the device: less than `n` where the cache
+    /// doesn't hold the rest, or the file ends. -EAGAIN where the cache doesn't hold the first byte,
+    /// -EOPNOTSUPP where the file system can't tell.
     virtual int64 readCachedAt(int fd, void* buffer, int64 n, int64 offset) = 0;
     /// Writes up to `n` bytes at `offset` (at the end with Append). Less than `n` means that the disk is
     /// full.
@@ -134,6 +134,7 @@ public:
     using DriveHook = bool (*)(const std::string& path);
     /// Installs the translation of the library's paths (such as "E:/x") to host paths, and what makes the
     /// folder of a drive that is always there ("C:/") when something is to be put into it; null for none.
+    /// Everywhere else the library's paths stay as they are; only this seam sees host paths.
     static void setPathHooks(PathHook translate, DriveHook makeDrive) noexcept;
     /// Makes the folder of the drive `path` ("C:/"); false where there is no such drive to be made.
     static bool makeDrive(const SxString& path);

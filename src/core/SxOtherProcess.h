@@ -36,8 +36,8 @@ private:
 };
 
 /// While one of these lives, a process whose parent ends becomes a child of this program, if this program or
-/// one of its children started it. So the exit code of what a launcher leaves behind can be had. Of the whole
-/// program; safe from any thread.
+/// one of its children started it. So the exit code of what a launcher leaves running can be had. It holds
+/// for the whole program; safe from any thread.
 class SxAdoption {
 public:
     SxAdoption();

@@ -128,7 +128,7 @@ int arrangeDescriptors(SxProcess::Mode mode, int report) {
     giveUp(report, Failure::Program);
 }
 
-/// Takes in the end of a process that nobody asks for any more.
+/// Takes in the end of a process that nobody asks for any longer.
 void awaitElsewhere(pid_t pid) {
     try {
         std::thread([pid] {
@@ -142,7 +142,7 @@ void awaitElsewhere(pid_t pid) {
 
 } // namespace
 
-/// All that the child needs, made ahead of the fork.
+/// All that the child needs, made before the fork.
 struct SxProcess::Launch {
     std::string programPath;
     std::vector<std::string> texts;
@@ -191,7 +191,7 @@ void SxProcess::setWorkingDirectory(const SxString& path) {
 std::string SxProcess::programPath() const {
     std::string path = SxOs::hostPath(program);
     if (path[0] == '/') return path;
-    // The child changes to its folder ahead of the look-up.
+    // The child changes to its folder before the program is looked up.
     if (path.find('/') != std::string::npos) return SxOs::get().currentDir() + "/" + path;
     const char* folders = std::getenv("PATH");
     for (const SxString& folder : SxString(folders ? folders : "/usr/bin:/bin").tokenize(':')) {

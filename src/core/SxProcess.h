@@ -19,7 +19,7 @@ struct SxWinProcParams {
 /// A child process, for one run. It gets a session, and with it a process group, of its own, which suspend(),
 /// resume() and kill() act on, an empty standard input, so that it never stands still for a terminal, and no
 /// other descriptor of ours than standard output and error. All operations are safe from any thread; those
-/// that only keep a setting belong in front of start().
+/// that only keep a setting have an effect only before start().
 ///
 /// The destructor doesn't end the process. Where it still runs then, a thread of its own waits for its end,
 /// so that it leaves no zombie; if this program ends earlier, the system's first process takes that over.
@@ -45,7 +45,7 @@ public:
     /// The folder that the process starts in; empty for ours. A relative program path counts from ours.
     void setWorkingDirectory(const SxString& path) SX_EXCLUDES(mutex);
 
-    /// Starts the program with the constructor's arguments and `moreArguments` behind them; returns when it
+    /// Starts the program with the constructor's arguments and `moreArguments` after them; returns when it
     /// runs. Raises where it can't be run, or was started before. After kill() nothing is started, and the
     /// process counts as one that was killed.
     void start(const SxList<SxString>& moreArguments = {}) SX_EXCLUDES(mutex);
@@ -64,7 +64,7 @@ public:
     SxProcessGroup getGroup() const SX_EXCLUDES(mutex);
 
     // These act on the whole group, from the start until wait() has returned: also on what a launcher leaves
-    // behind. They do nothing at other times, and raise where the system refuses.
+    // running. They do nothing at other times, and raise where the system refuses.
     void suspend() { signalGroup(StopSignal); }
     void resume() { signalGroup(ContinueSignal); }
     /// Ends the group without a chance to tidy up.

@@ -50,8 +50,8 @@ SxProcessGroup SxProcessGroup::fromText(const SxString& text) {
 /// Whether the id still is that of this group.
 bool SxProcessGroup::isOriginal() const {
     if (!isValid() || !(boot == bootId())) return false;
-    // The system gives no process the id of a group that has processes left. So who has the id now either is
-    // the first process, or came behind the group's end.
+    // The system gives no process the id of a group that has processes left. So whoever has the id now either
+    // is the first process, or came after the group's end.
     SxProcessInfo first;
     return !SxProcessInfo::get(id, &first) || first.startTime == startTime;
 }

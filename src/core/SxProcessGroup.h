@@ -32,7 +32,7 @@ public:
     /// Whether one of them is suspended.
     bool isSuspended() const;
 
-    // These do nothing where the group doesn't live any more, and raise where the system refuses.
+    // These do nothing where the group no longer lives, and raise where the system refuses.
     void suspend() const;
     void resume() const;
     /// Ends all processes without a chance to tidy up.

@@ -6,8 +6,8 @@
 #include <optional>
 #include <utility>
 
-/// Blocking queue between the threads of one job, for pipelines whose stages must not sleep. All operations
-/// are safe from any thread.
+/// Blocking queue between the threads of one job, for pipelines whose stages must not sleep. They block on
+/// each other, which has nothing to do with the clock (SxClock). All operations are safe from any thread.
 template<class T>
 class SxQueue {
 public:

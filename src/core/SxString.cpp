@@ -18,7 +18,7 @@ bool isContinuation(char c) {
     return (static_cast<unsigned char>(c) & 0xC0) == 0x80;
 }
 
-/// Decodes the code point at `i` and moves `i` behind it; a byte that begins none counts as REPLACEMENT.
+/// Decodes the code point at `i` and moves `i` past it; a byte that begins none counts as REPLACEMENT.
 char32_t decode(const std::string& text, size_t& i) {
     const auto lead = static_cast<unsigned char>(text[i++]);
     if (lead < 0x80) return lead;

@@ -66,13 +66,13 @@ public:
 
     /// Number of occurrences of `part` that don't overlap; 0 means none.
     int64 contains(const char* part) const noexcept;
-    /// Byte index of the first `part` at or behind byte `start`, or -1.
+    /// Byte index of the first `part` at or after byte `start`, or -1.
     int64 find(const SxString& part, int64 start = 0) const noexcept;
     bool startsWith(std::string_view part) const noexcept { return text.starts_with(part); }
     bool endsWith(std::string_view part) const noexcept { return text.ends_with(part); }
     /// The text in front of the first `s`; the whole text where `s` doesn't occur.
     SxString left(const SxString& s) const;
-    /// The text behind the first `s`; empty where `s` doesn't occur.
+    /// The text after the first `s`; empty where `s` doesn't occur.
     SxString right(const SxString& s) const;
     /// A copy with the first `n` occurrences of `a` replaced by `b`; -1 replaces all.
     SxString substitute(const SxString& a, const SxString& b, int64 n = -1) const;

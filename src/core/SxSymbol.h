@@ -20,9 +20,11 @@ SxString excerpt(const SxString& text, int64 nBytes = 60);
 
 /// Handle of an element of a JSON tree (RFC 8259): an object, an array or a value. Copies are cheap and stand
 /// for the same element; a handle keeps the whole tree alive and stays valid whatever is added to it. Keys
-/// keep their order. Every operation but isValid(), setType() and set() raises on a handle without an
-/// element, and every failure names the element by its key path, such as "app.args[3]". A tree isn't locked:
-/// its handles may be read by several threads as long as none changes it.
+/// keep their order. The tree is one of our own: that is why handles stay valid while elements are added, and
+/// why the slow headers of the JSON libraries stay in one unit each (SxJSONParser, SxSchema). Every operation
+/// but isValid(), setType() and set() raises on a handle without an element, and every failure names the
+/// element by its key path, such as "app.args[3]". A tree isn't locked: its handles may be read by several
+/// threads as long as none changes it.
 class SxSymbol {
 public:
     /// Largest number of arrays and objects inside each other.
@@ -52,7 +54,8 @@ public:
     /// Whether toInt() gives a value: a number without a fraction that fits in 64 bits, or, written with a
     /// point or an exponent, in the 53 bits of a floating-point number.
     bool isInteger() const;
-    /// The value; raises where the element is of another type. An integer is exact to the last digit.
+    /// The value; raises where the element is of another type. An integer is exact to the last digit over the
+    /// whole signed 64-bit range; one outside it is refused.
     int64 toInt() const;
     bool toBool() const;
     /// Any number.
@@ -71,7 +74,7 @@ public:
     /// Replaces what stands here by an integer beyond 64 bits, given by its decimal digits.
     void setBigInt(const SxString& digits);
 
-    /// Adds to an object, behind its last element, a value or an empty element of `type`, and gives the new
+    /// Adds to an object, after its last element, a value or an empty element of `type`, and gives the new
     /// element. Raises on a key that is there already, and beyond MAX_DEPTH.
     SxSymbol append(const SxString& key, const SxVariant& value);
     SxSymbol append(const SxString& key, SxParserAst::ElemType type);
@@ -80,7 +83,7 @@ public:
     /// Adds to an array.
     SxSymbol append(const SxVariant& value);
     SxSymbol append(SxParserAst::ElemType type);
-    /// Sets the value at `key` of an object, in its place where the key is there already, else behind the
+    /// Sets the value at `key` of an object, in its place where the key is there already, else after the
     /// last.
     void setElem(const SxString& key, const SxVariant& value);
 

@@ -23,7 +23,7 @@ void SxSystemThread::start(Priority) {
     wait();
     {
         SxMutexBlock lock(&exceptionMutex);
-        failed = kept = false;
+        failed = hasKept = false;
     }
     running.store(true, std::memory_order_release);
     SxClock::get().threadStarting();
@@ -75,7 +75,7 @@ SxException SxSystemThread::getException() const {
 
 bool SxSystemThread::hasFailure() const {
     SxMutexBlock lock(&exceptionMutex);
-    return failed || kept;
+    return failed || hasKept;
 }
 
 SxException SxSystemThread::getFailure() const {
@@ -86,7 +86,7 @@ SxException SxSystemThread::getFailure() const {
 void SxSystemThread::keepFailure(const SxException& e) {
     SxMutexBlock lock(&exceptionMutex);
     keptFailure = e;
-    kept = true;
+    hasKept = true;
 }
 
 int64 SxSystemThread::getNCores() noexcept {

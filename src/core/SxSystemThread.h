@@ -6,10 +6,11 @@
 #include <atomic>
 #include <thread>
 
-/// Base of every long job. The creator starts it, asks it, stops it and waits for it; main() runs on the new
-/// thread. An SxException that leaves main() stays in the object. wait() must have been called before a
-/// started object is destroyed. start() and wait() belong to the owner's thread, the queries are safe from
-/// any.
+/// Base of every long job. The creator starts it, asks it, stops it and waits for
+/// it; main() runs on the new thread. stop(), where a job has it, sets a flag that the job looks at. An
+/// SxException that leaves main() stays in the object. wait() must have been called before a started object
+/// is destroyed: else the process ends at once, as with std::thread, since there is no safe way on. start()
+/// and wait() belong to the owner's thread, the queries are safe from any.
 class SxSystemThread {
 public:
     using Priority = int;
@@ -55,6 +56,6 @@ private:
     mutable SxMutex exceptionMutex;
     bool failed SX_GUARDED_BY(exceptionMutex) = false;
     SxException exception SX_GUARDED_BY(exceptionMutex);
-    bool kept SX_GUARDED_BY(exceptionMutex) = false;
+    bool hasKept SX_GUARDED_BY(exceptionMutex) = false;
     SxException keptFailure SX_GUARDED_BY(exceptionMutex);
 };

@@ -18,7 +18,7 @@ public:
 
     /// The file to write.
     const SxString& getPath() const { return name; }
-    /// Renames the file, which is synced, to `path`, durably. Raises.
+    /// Renames the file, which the caller has synced, to `path`, and syncs the folder. Raises.
     void commit();
 
     /// Whether `name` is one that such a file has for `of`; both without their folder.

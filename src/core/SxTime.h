@@ -14,13 +14,16 @@ public:
     static SxString strftime(const SxString& format);
 };
 
-/// Waiting for a state: looks every 10 ms within a stated pass, and goes on as soon as the state is there.
+/// Waiting for a state: looks every 10 ms within a stated pass, and goes on as soon as the state is there, so
+/// what is ready after 40 ms is used after 50. A pass has the length that is stated for the wait, and
+/// counters and log lines are due once a pass.
 class SxWait {
 public:
     static constexpr int64 LOOK_MS = 10;
 
     /// One pass of `passMs` milliseconds, the time of the looks included. Looks before the first sleep and at
-    /// the end; gives whether `ready` came true. `lookMs` is for looks that cost much.
+    /// the end; gives whether `ready` came true. `lookMs` is for looks that cost
+    /// much, such as one at every process of the machine.
     template<class Ready>
     static bool pass(int64 passMs, Ready&& ready, int64 lookMs = LOOK_MS) {
         const int64 endNs = SxClock::get().steadyNs() + passMs * 1'000'000;

@@ -78,7 +78,7 @@ void SxTimer::stop(int id) noexcept {
     Watch& w = watches[static_cast<size_t>(id)];
     if (!w.running) return;
     w.running = false;
-    // Another thread may have started it behind the look at the clock.
+    // Another thread may have started it after the look at the clock.
     w.totalNs += std::max<int64>(now - w.startNs, 0);
 }
 

@@ -22,7 +22,7 @@ public:
     /// milliseconds), or to the count itself in the first second.
     void updateSpeed(int64 t0);
 
-    /// Asks the job to end; it neither waits nor joins.
+    /// Asks the job to end, by a flag that it looks at; neither waits nor joins.
     void stop();
     bool stopRequested() const;
 
