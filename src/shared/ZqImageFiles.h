@@ -3,7 +3,7 @@
 /// The fixed file names of an image folder.
 namespace ZqImageFiles {
 constexpr const char* ZQF = "img.zqf";                 ///< the blocks in ZqF order
-constexpr const char* SYNCED = ".synced";              ///< behind a growing file's name, ZqSyncedSize
+constexpr const char* SYNCED = ".synced";              ///< after a growing file's name, ZqSyncedSize
 constexpr const char* PACKED = "img.zqf.zst";          ///< the same, packed for delivery
 constexpr const char* AHEAD = "img.ahead";             ///< stretches beyond the end of img.zqf
 constexpr const char* AHEAD_IDX = "img.ahead.idx";     ///< which of them, see ZqStretchStore

@@ -7,19 +7,25 @@
 /// ranges of the file `image.lock` in it, as open-file-description locks, so that a dead process leaves none
 /// and a closed duplicate of the descriptor drops none. A job hands its lock on by sharing the pointer.
 ///
+/// Whoever can't have a lock says who holds it, and ends; only Record is waited for. The system doesn't tell
+/// the owner of such a lock. So holders write a line into a slot of the file, and lock the slot, too.
+///
 /// Lock file: 48 slots of 256 bytes, each a line of text about one holder (range, mode, process, job), padded
 /// with line feeds; a holder has its slot's first byte locked, so what stands in other slots is of the past.
-/// Behind them, from byte 2^32 on, one byte for each range.
+/// After them, from byte 2^32 on, one byte for each range. The file is removed only together with a folder
+/// that was made in vain; a lock on a file that no longer stands under its name is taken again.
 class ZqImageLock {
 public:
     enum Range {
-        Shape,  ///< shared by mounts, runs, readers; exclusive to change or move blocks or records
+        Shape,  ///< shared by mounts, runs, readers; exclusive to move, replace or remove blocks or records
         Growth, ///< exclusive for the one process that downloads into the image
         Drive,  ///< exclusive for the service that serves the image
-        /// Shared by what writes into blocks of `img.zqf` for programs; exclusive to put its blocks right,
-        /// which would undo that.
+        /// Shared by what writes into blocks of `img.zqf` for programs: a drive in mode "rw", and a move of
+        /// the write layer into `img.zqf`. Exclusive to put stretches of it right, which would undo both.
         Blocks,
-        Record ///< exclusive, for a moment, to change `stream.json`
+        /// Exclusive, for a moment, to change `stream.json`: a mount may note writes while a download notes
+        /// how far it has come.
+        Record
     };
     enum Mode { Shared, Exclusive };
 
@@ -27,15 +33,18 @@ public:
     /// the holder where it is held otherwise, and where the image is in the middle of an optimisation or a
     /// patch (see refuseUnfinished()). A replacement of the image that was cut off is brought to its end
     /// where the lock is exclusive, and else refused, too. `path` is the image folder, with or without a
-    /// trailing slash; it must exist. Shared locks of a folder that can't be written to always succeed,
-    /// unrecorded: nobody can change it.
+    /// trailing slash; it must exist. Readers of a folder that they can't write to go without a lock:
+    /// a shared one always succeeds there, unrecorded. It keeps out nobody who could change the image, but a
+    /// server's read-only tree must be readable.
     static SxPtr<ZqImageLock> take(const SxString& path, Range range, Mode mode, const SxString& job);
-    /// The same for a reader that copes with an unfinished image, but none that is half replaced.
+    /// The same for a reader that copes with an unfinished image, as `image info` does to say how to go on,
+    /// but with none that is half replaced.
     static SxPtr<ZqImageLock> takeAnyState(const SxString& path, Range range, Mode mode, const SxString& job);
     /// The same, but waits for `ms` milliseconds at most for whoever holds it.
     static SxPtr<ZqImageLock> await(const SxString& path, Range range, Mode mode, const SxString& job,
                                     int64 ms);
-    /// Raises where an optimisation or a patch of the image was begun and not ended, saying how to go on.
+    /// Raises where an optimisation or a patch of the image was begun and not ended (`optimize.lock`,
+    /// `patch.progress`, `patching/img.lock`), saying how to go on.
     static void refuseUnfinished(const SxString& path);
 
     /// Brings a replacement of the image to its end that was cut off, where there is one: for whoever takes

@@ -75,7 +75,7 @@ const char* shapeClass(ZqFigure::Shape shape) {
     return "";
 }
 
-/// The code points that XML forbids beyond those that a visible text has no more: U+FFFE and U+FFFF.
+/// The code points that XML forbids besides those that a visible text no longer has: U+FFFE and U+FFFF.
 bool isForbidden(std::string_view three) {
     return three == "\xEF\xBF\xBE" || three == "\xEF\xBF\xBF";
 }

@@ -21,8 +21,8 @@ public:
     uint64 block = 0;     ///< RAW index of the first block
     int64 time = 0;       ///< of the first item, relative to the trace's `time0`, milliseconds
     int64 index = 0;      ///< place of the first item among the trace's unique items
-    int64 nFollowing = 0; ///< blocks behind the first
-    /// Where the block behind the run's last one turns up: its place minus that of the item that ended the
+    int64 nFollowing = 0; ///< blocks after the first
+    /// Where the block after the run's last one turns up: its place minus that of the item that ended the
     /// run; 0 where it doesn't.
     int64 jump = 0;
     int64 jumpTime = 0; ///< relative time of that block's item; 0 where there is none

@@ -6,8 +6,8 @@
 
 /// The record `stream.json` of an image folder: where the image comes from, and which application a run has
 /// started from it, so that the next run can go on. Written by runs, and by what lets a drive write into
-/// `img.zqf`. Between processes it isn't locked: the one that completes the image is the one that writes it.
-/// For its user alone, since an address may hold a password.
+/// `img.zqf`. read() and write() don't lock; update() does, and one process goes after the other there. The
+/// file is for its user alone, since an address may hold a password.
 class ZqStreamRecord {
 public:
     SxString url;         ///< address of the image's folder; empty where none is known

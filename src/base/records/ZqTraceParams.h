@@ -29,7 +29,7 @@ public:
     SxString checksumTrc;             ///< MD5 text of `img.trc`
     SxString pathPrefix;              ///< folder of the trace, with its trailing slash
     int64 duration = 0;               ///< last item's time minus the first one's, milliseconds
-    int64 firstSessionBlockIndex = 0; ///< unique items ahead of the run appended last; 0 where there is one
+    int64 firstSessionBlockIndex = 0; ///< unique items before the run appended last; 0 where there is one
 
     /// Defaults; `time0` is now.
     ZqTraceParams();

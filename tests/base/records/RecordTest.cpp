@@ -220,7 +220,7 @@ TEST(Record, OtherBadRecordsAreRefused) {
 
 TEST(Record, LoadProfile) {
     const uint64 most = std::numeric_limits<uint64>::max();
-    // Points, megabit per second, bytes needed ahead of the start.
+    // Points, megabit per second, bytes needed before the start.
     const std::tuple<SxList<ZqLoadProfilePoint>, double, uint64> needed[] = {
         {{{0, 500}, {2, 4'000'000}}, 8, 2'000'000},
         {{{0, 500}, {2, 4'000'000}}, 16, 500},
@@ -257,7 +257,8 @@ TEST(Record, StartForecast) {
     app.sizeZqf = 100'000'000;
     app.sizeMnt = 1'000'000;
     app.loadprofile = {{0, 5'000'000}, {2, 10'000'000}, {3, 11'000'000}, {10, 12'000'000}};
-    // 8 Mbit/s are a million bytes a second. A start at once waits as long as a safe one does ahead of it.
+    // 8 Mbit/s are a million bytes a second. A start at once waits, in all, as long as a safe one does before
+    // it.
     const ZqStartForecast steep(app, 8, 0);
     EXPECT_TRUE(steep.isKnown && steep.nInit == 8'000'000 && steep.untilSafe == 8 && steep.untilMount == 1);
     EXPECT_EQ(waitsOf(steep), (Waits{{0, 7}}));
