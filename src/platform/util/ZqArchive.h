@@ -19,7 +19,7 @@ public:
     ///
     /// Raises, naming archive and entry, on an archive that is damaged or cut short, isn't 7z, or holds
     /// anything but files and folders; on a name that is absolute, holds "..", a drive letter or a backslash,
-    /// leads through a link, or comes twice; and, ahead of writing the entry, where the sizes that the
+    /// leads through a link, or comes twice; and, before the entry is written, where the sizes that the
     /// entries declare go beyond the free space.
     static void extract7z(const SxString& archive, const SxString& folder);
     /// Packs the files `names` (relative to `folder`, with "/" between parts) into a new 7z archive, which

@@ -250,7 +250,7 @@ private:
     bool isNew = false, isInPlace = false, stopped = false;
     int64 unsentBytes = 0;
     Batch batch, digested;
-    // Declared last, so that they end ahead of what they work on.
+    // Declared last, so that they end before what they work on.
     std::array<Helper, 4> readers{Helper("zq-copy-read"), Helper("zq-copy-read"), Helper("zq-copy-read"),
                                   Helper("zq-copy-read")};
     Helper digestJob{"zq-copy-md5"};

@@ -7,7 +7,7 @@
 /// Copies byte ranges from one file into another, or within one file, and digests them on the way. Made for
 /// lists of millions of single blocks: neighbours are read and written together, and the digest is computed
 /// beside the input and output. The target is made if it is missing (permissions 0600), keeps all bytes
-/// outside the ranges, and grows where a range lies behind its end. What was copied is on the device when the
+/// outside the ranges, and grows where a range lies beyond its end. What was copied is on the device when the
 /// job ends, also after stop().
 class ZqFileCopyTask : public ZqTaskMon {
 public:
@@ -22,13 +22,13 @@ public:
     /// bytes that earlier ones have left there. The counters count bytes.
     ZqFileCopyTask(const SxString& source, const SxString& target, const SxArray<Range>& ranges);
 
-    /// Digest of the copied bytes in the order of the ranges; only behind the end of a copy that neither
+    /// Digest of the copied bytes in the order of the ranges; only after the end of a copy that neither
     /// failed nor was stopped.
     SxMd5 getMD5() const;
 
 protected:
     /// Raises, naming the file and the offset, where a range lies beyond the end of the source or a file
-    /// can't be read or written. Ranges ahead of that one may have been copied.
+    /// can't be read or written. Ranges before that one may have been copied.
     void main() override;
 
 private:

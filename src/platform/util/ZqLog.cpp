@@ -20,8 +20,8 @@ namespace {
 constexpr size_t MAX_FILE_BYTES = 5 << 20;
 constexpr size_t N_OLD_FILES = 3;
 
-// Every job of the library logs, so this unit is part of every program that uses it, and with it the hook,
-// ahead of main(); also where the library is linked from an archive.
+// Every job of the library logs, so this unit is part of every program that uses it, also where the library
+// is linked from an archive. So the hook is installed in every one of them, before main().
 [[maybe_unused]] const bool machineRootInstalled = ZqMachineRoot::install();
 
 struct Setup {

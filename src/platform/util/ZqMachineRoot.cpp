@@ -114,7 +114,7 @@ std::string ZqMachineRoot::hostPath(const std::string& path) {
     if (!hasLetter(path)) return path;
     const std::string drive = driveFolder(path[0]);
     const std::vector<std::string> parts = splitParts(path);
-    // With a slash at the end it is the folder behind the link, not the link.
+    // With a slash at the end it is the folder that the link leads to, not the link.
     if (parts.empty()) return drive + "/";
     std::string asGiven = drive;
     for (const std::string& part : parts)

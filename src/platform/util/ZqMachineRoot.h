@@ -9,14 +9,14 @@
 /// where that isn't set). Safe from any thread.
 class ZqMachineRoot {
 public:
-    /// Sets the root, a host path, ahead of its first use; an empty text brings the default back.
+    /// Sets the root, a host path, before its first use; an empty text brings the default back.
     static void set(const SxString& path);
     /// The root's host path, absolute, without a trailing slash. Raises where the user has no home folder.
     static SxString get();
 
     /// The host path of a path of the library. `X:/rest`, `X:\rest` and `X:` go through `dosdevices/x:` of
-    /// the root
-    /// (`C:` is `drive_c`, also where that link is missing); below a letter, backslashes count as slashes,
+    /// the root (`C:` is `drive_c`, also where that link is missing); below a letter, backslashes count as
+    /// slashes,
     /// `..` doesn't lead above the drive, and case is ignored where no name fits exactly. Parts that don't
     /// exist stay as given. Anything else is a host path already and comes back unchanged.
     static std::string hostPath(const std::string& path);
@@ -24,7 +24,7 @@ public:
     /// Makes hostPath() the hook of SxOs. The units ZqLog and ZqSysEnv call it when the program starts, so a
     /// program needs not. Gives true, for use in an initialiser.
     static bool install() noexcept;
-    /// Makes the drive `C:` of a root that isn't laid out yet; false for every other letter. Raises where it
-    /// can't.
+    /// Makes the drive `C:` of a root that isn't laid out yet, when something is to be put into it; false for
+    /// every other letter. Raises where it can't.
     static bool makeDrive(const std::string& path);
 };

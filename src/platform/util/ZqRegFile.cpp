@@ -16,7 +16,7 @@ constexpr int MAX_LINKS = 16;
 constexpr int64 MS_1601_TO_1970 = 11'644'473'600'000;
 
 /// The key as the index has it. The separator is below all characters, so that the order is that of the tree,
-/// a key ahead of its sub-keys.
+/// a key before its sub-keys.
 std::u16string indexKey(const ZqRegFile::Key& key) {
     std::u16string result;
     for (const std::u16string& part : key) {
@@ -126,7 +126,7 @@ void ZqRegFile::load(std::string newText) {
     }
 }
 
-/// Takes the line at `*pos` with those that continue it, and moves on behind them.
+/// Takes the line at `*pos` with those that continue it, and moves past them.
 void ZqRegFile::takeLine(std::string_view text, size_t* pos) {
     const size_t lineBegin = *pos;
     size_t end = lineBegin;
@@ -148,7 +148,7 @@ void ZqRegFile::takeLine(std::string_view text, size_t* pos) {
         sections.emplace_back();
         index[indexKey(key)].push_back(std::prev(sections.end()));
     } else if (raw.starts_with('"') || raw.starts_with('@')) {
-        if (index.empty()) throw SxException("a value stands ahead of all keys", UNIT, __LINE__);
+        if (index.empty()) throw SxException("a value stands before the first key", UNIT, __LINE__);
         for (std::string_view last = raw; ZqRegText::isContinued(last);)
             last = takeOne();
         raw = text.substr(lineBegin, end - lineBegin);

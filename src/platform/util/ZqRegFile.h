@@ -9,7 +9,8 @@
 #include <vector>
 
 /// A registry file of Wine in memory, or an export of a part of the registry. What isn't changed keeps its
-/// bytes. Keys and names ignore case. Not locked.
+/// bytes, also what isn't understood; keys that exist keep their times. Keys and names ignore case. Not
+/// locked.
 class ZqRegFile {
 public:
     /// The parts of a key's path below the root of the file; empty for the root itself.
@@ -33,8 +34,9 @@ public:
     /// the root as their first part.
     static ZqRegFile parseExport(std::string_view bytes, const SxString& path);
 
-    /// The key that `key` leads to by links of the registry; raises where they lead round in a circle or out
-    /// of the file.
+    /// The key that `key` leads to by links of the registry (`Software\Wow6432Node\Classes` is one), or a
+    /// value would end up where nobody looks for it. Raises where they lead round in a circle or out of the
+    /// file.
     Key resolve(Key key) const;
 
     // These take keys as resolve() gives them.

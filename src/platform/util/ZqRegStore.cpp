@@ -80,7 +80,8 @@ std::vector<ZqRegFile::Key> applyTo(ZqRegFile* file, const std::vector<Change>& 
             file->remove(key, edit->name);
         }
     }
-    // The deepest first: a key that only held sub-keys may be empty then.
+    // The deepest first: a key that only held sub-keys may be empty then. Keys that only stand above one of
+    // the list stay, since another program may have made them.
     std::stable_sort(candidates.begin(), candidates.end(),
                      [](const auto& a, const auto& b) { return a.size() > b.size(); });
     for (const ZqRegFile::Key& key : candidates) {
@@ -156,6 +157,7 @@ ZqRegAddress ZqRegAddress::parse(const SxString& text) {
             throw SxException("The registry key '" + text + "' has a part that no key can be called", UNIT,
                               __LINE__);
         }
+        // The node of 32-bit programs is written as Wine spells it.
         if (zqFold(name) == zqFold(WOW_NODE)) name = WOW_NODE;
         address.key.push_back(std::move(name));
     }
@@ -313,7 +315,7 @@ void ZqRegStore::applyByWine(const std::vector<ZqRegEdit>& edits) const {
         there.section(key, true);
     try {
         ZqWine::importKeys(prefix, there.bytes());
-        // It doesn't tell what it passed over.
+        // An import doesn't tell what it passed over. So what came of it is read back.
         const ZqRegFile now = askWine(edits);
         for (const auto& [key, edit] : changes) {
             if (now.find(key, edit->name) == wanted.find(key, edit->name)) continue;

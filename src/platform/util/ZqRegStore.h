@@ -27,8 +27,11 @@ struct ZqRegEdit {
     std::optional<ZqRegData> data;
 };
 
-/// The registry of one prefix: its files, or, while programs run there, what Wine's server keeps in memory.
-/// Safe from any thread and any number of processes.
+/// The registry of one prefix: its files, or, while programs run there, what Wine's server keeps in memory,
+/// since that would overwrite the files. Where the server runs and can't be talked to, because Wine isn't
+/// installed or fails, an edit waits SERVER_MS for its end. After an edit of the files the server is looked
+/// for again: one that began meanwhile may have read the old ones. Safe from any thread and any number of
+/// processes.
 class ZqRegStore {
 public:
     /// Longest wait for another process that edits the registry, and for the end of a server that can't be
@@ -40,7 +43,9 @@ public:
 
     /// Reads what is below one key. Gives the registry, with `*found` as the key's place in it.
     ZqRegFile read(const ZqRegAddress& address, ZqRegFile::Key* found) const;
-    /// Makes all the edits, or raises and makes none. A removal that finds nothing is none; a key that one is
+    /// Makes all the edits, or raises and makes none: the list is worked out in memory, and each file
+    /// replaced once; where the second can't be written, the first is put back. Through the server, what it
+    /// didn't take is noticed, and all is taken back. A removal that finds nothing is none; a key that one is
     /// for and that becomes empty goes.
     void apply(const std::vector<ZqRegEdit>& edits) const;
 

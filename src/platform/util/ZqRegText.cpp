@@ -34,7 +34,7 @@ uint32 readDigits(std::string_view text, size_t* pos, size_t most, int base) {
     return value;
 }
 
-/// Reads what stands behind a backslash.
+/// Reads what stands after a backslash.
 char16_t readEscape(std::string_view text, size_t* pos) {
     if (*pos >= text.size() || text[*pos] == '\n') fail("an escape is cut short", __LINE__);
     const char c = text[*pos];
@@ -54,10 +54,10 @@ void skipBlanks(std::string_view text, size_t* pos) {
 
 void expectEnd(std::string_view text, size_t pos) {
     skipBlanks(text, &pos);
-    if (pos < text.size() && text[pos] != '\n') fail("there is more behind the value's end", __LINE__);
+    if (pos < text.size() && text[pos] != '\n') fail("there is more after the value's end", __LINE__);
 }
 
-/// Skips blanks, and line ends behind a backslash.
+/// Skips blanks, and line ends after a backslash.
 void skipToHex(std::string_view text, size_t* pos) {
     for (;;) {
         skipBlanks(text, pos);
@@ -116,13 +116,13 @@ ZqRegData readData(std::string_view text) {
         type = readDigits(text, &pos, 8, 16);
         if (pos >= text.size() || text[pos++] != ')') fail("the kind of data has no end", __LINE__);
     }
-    if (pos >= text.size() || text[pos++] != ':') fail("there is no colon behind the kind of data", __LINE__);
+    if (pos >= text.size() || text[pos++] != ':') fail("there is no colon after the kind of data", __LINE__);
     if (!isText) return {type, readHex(text, pos)};
     if (pos >= text.size() || text[pos] != '"') fail("a text has no quote", __LINE__);
     return {type, readText(text, pos)};
 }
 
-/// Whether the data can be written as text: whole units with a NUL behind.
+/// Whether the data can be written as text: whole units with a NUL at the end.
 bool isTerminated(const std::string& bytes) {
     return bytes.size() >= 2 && bytes.size() % 2 == 0 && bytes[bytes.size() - 1] == '\0' &&
            bytes[bytes.size() - 2] == '\0';
@@ -187,7 +187,7 @@ std::u16string ZqRegText::readValue(std::string_view lines, ZqRegData* data) {
     if (lines.starts_with('"')) name = readString(lines, &pos, '"');
     skipBlanks(lines, &pos);
     if (pos >= lines.size() || lines[pos] != '=')
-        fail("there is no equals sign behind the value's name", __LINE__);
+        fail("there is no equals sign after the value's name", __LINE__);
     ++pos;
     skipBlanks(lines, &pos);
     *data = readData(lines.substr(pos));

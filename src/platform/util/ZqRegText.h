@@ -11,7 +11,7 @@ struct ZqRegData {
     enum Type : uint32 { Text = 1, ExpandText = 2, Binary = 3, Dword = 4, MultiText = 7, Qword = 11 };
 
     uint32 type = Text;
-    std::string bytes; ///< texts are UTF-16 little-endian with a NUL behind
+    std::string bytes; ///< texts are UTF-16 little-endian with a NUL at the end
 
     bool operator==(const ZqRegData&) const = default;
 };
@@ -20,8 +20,8 @@ struct ZqRegData {
 /// raise an SxException that says what is wrong with the text. Safe from any thread.
 class ZqRegText {
 public:
-    /// Reads a text with escapes from `*pos`, just behind its opening character, to `close`; `*pos` is then
-    /// behind that.
+    /// Reads a text with escapes from `*pos`, just after its opening character, to `close`; `*pos` is then
+    /// after that.
     static std::u16string readString(std::string_view text, size_t* pos, char close);
     /// Writes it, with those of `special` escaped besides the backslash.
     static void writeString(std::u16string_view text, std::string_view special, std::string* out);

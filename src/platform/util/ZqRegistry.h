@@ -6,6 +6,8 @@
 /// The registry of the machine root (ZqMachineRoot), which is that of a Wine prefix: HKLM is `system.reg`,
 /// HKCU is `user.reg`, HKCR is HKLM/Software/Classes. A root without these files has an empty registry;
 /// writing makes them. While programs run in the prefix, all goes through its server by means of `wine reg`.
+/// Four units do the work: ZqRegText knows the words of a registry file, ZqRegFile one file as a tree,
+/// ZqRegStore the two files of a prefix and the turns that editors take, ZqWine the server.
 ///
 /// Keys are written with slashes (backslashes count as such) and begin with HKLM, HKCU or HKCR; keys and
 /// names ignore case. All operations raise on a registry that can't be read, naming the file, and then change
@@ -45,14 +47,15 @@ public:
     /// where there is none.
     static SxString getVal(const SxString& key, const SxString& name);
     /// Writes a value, and makes its key. `data` is text for all kinds; numbers are taken in decimal, or in
-    /// hex behind "0x". Raises where it doesn't fit the kind.
+    /// hex after "0x". Raises where it doesn't fit the kind.
     static void setVal(const SxString& key, const SxString& name, RegValType type, const SxString& data);
 
     /// Writes all values of the list, or raises and leaves everything as it was. "{{ZQDRIVE}}" in an item's
-    /// data becomes `mountPoint` (a letter and a colon); keys and names are taken as they stand, since they
-    /// are looked for again without it.
+    /// data becomes `mountPoint` (a letter and a colon), or no entry could tell where the application lies.
+    /// In keys and names it stays: they are removed again without a mount point.
     static void createRegEntriesAsAdmin(const SxList<Item>& list, const SxString& mountPoint);
     /// Removes all values of the list, whatever they hold by now, and those of its keys that become empty by
-    /// that. A value that isn't there is no failure.
+    /// that. A key that only stands above one of these stays, since another program may have made it. A value
+    /// that isn't there is no failure.
     static void removeRegEntriesAsAdmin(const SxList<Item>& list);
 };

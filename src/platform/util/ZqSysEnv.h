@@ -49,7 +49,7 @@ public:
     static uint64 getFreeDiskSpace(const SxString& path);
 
     // A process has the name `name` if that is the last part of its program's path, or of the path that it
-    // was called with (behind slashes and backslashes, as Wine passes them on). Case is ignored for names
+    // was called with (after slashes and backslashes, as Wine passes them on). Case is ignored for names
     // that end in ".exe". The calling process and those that have ended but are still listed don't count.
 
     static bool isProcRunning(const SxString& name);

@@ -52,7 +52,7 @@ std::string firstArgument(const std::string& procFolder) {
     return text.substr(0, text.find('\0'));
 }
 
-/// A process that has ended has neither a program nor arguments any more, so it fits no name.
+/// A process that has ended no longer has a program or arguments, so it fits no name.
 bool fits(const NameMatch& match, int pid) {
     const std::string folder = "/proc/" + std::to_string(pid);
     std::string program;

@@ -14,7 +14,7 @@
 namespace {
 
 constexpr const char* UNIT = "src/platform/util/ZqWine";
-/// Longest run of one command. The first in a new prefix, or behind an update of Wine, takes some 10 s.
+/// Longest run of one command. The first in a new prefix, or after an update of Wine, takes some 10 s.
 constexpr int64 LIMIT_MS = 120'000;
 /// Largest export that is taken.
 constexpr int64 MAX_EXPORT = 256 << 20;

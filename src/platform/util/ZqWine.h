@@ -5,12 +5,15 @@
 #include <optional>
 #include <string>
 
-/// Wine and the server that keeps the registry of a prefix in memory while programs run there. Paths are host
-/// paths without a trailing slash.
+/// Wine and the server that keeps the registry of a prefix in memory while programs run there. The server is
+/// talked to by `wine reg export` and `wine reg import`: unlike `add` and `query` they take whole lists, and
+/// any text as a name, and their answers don't depend on the language. Paths are host paths without a
+/// trailing slash.
 class ZqWine {
 public:
     /// Whether a server serves the prefix: it holds a lock in its folder, which is named after the prefix's
-    /// device and inode.
+    /// device and inode. That folder lies below `/tmp/.wine-UID`, or, with Debian's Wine, below a folder that
+    /// the prefix's file `wineserver` names.
     static bool isServing(const SxString& prefix);
     /// Whether there is a `wine` in the folders of $PATH.
     static bool isInstalled();

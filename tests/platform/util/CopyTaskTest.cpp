@@ -94,7 +94,7 @@ TEST(CopyTask, RangesOverSeveralBatchesSeeWhatEarlierOnesLeft) {
         {{0, 10, 10}, {10, 20, 10}, {20, 30, 10}},    // each takes what the last one wrote
         {{0, 1, 2 * BATCH + 17}},                     // overlaps itself from below, in several pieces
         {{1, 0, 2 * BATCH + 17}},                     // and from above
-        {{100, 3 * BATCH, 10}, {3 * BATCH, 200, 10}}, // behind the old end, and back
+        {{100, 3 * BATCH, 10}, {3 * BATCH, 200, 10}}, // beyond the old end, and back
         {{0, BATCH, BATCH}, {BATCH, 0, BATCH}, {7, 7, 50}},
         {{0, 2 * BATCH, BATCH - 4}, {0, 2, BATCH}, {2 * BATCH, 9, 8}},
     };
@@ -150,7 +150,7 @@ TEST(CopyTask, StopEndsEarlyAndWhatWasCopiedIsDurable) {
     for (uint64 i = 0; i < 8; ++i)
         ranges.append({i * BATCH, (7 - i) * BATCH, BATCH});
 
-    // The stop arrives ahead of the first write.
+    // The stop arrives before the first write.
     class StoppingOs : public FaultOs {
     public:
         using FaultOs::FaultOs;
