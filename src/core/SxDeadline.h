@@ -11,13 +11,13 @@ public:
           lookNs(nowNs()),
           endNs(lookNs + limitNs) {}
 
-    /// Takes a number that changes with progress. Where nobody has looked for longer than the limit, since
-    /// whoever looks was stopped or the question took so long, nothing is known of that time: the limit
-    /// begins anew, once.
+    /// Takes a number that changes with progress. Nobody may have looked for longer than the limit, since
+    /// whoever looks was stopped, or the question itself took so long. Nothing is known of that time, so the
+    /// limit begins anew then, but not twice in a row.
     void note(uint64 progress) {
         const int64 now = nowNs();
         const bool isLate = now - lookNs > limitNs;
-        // The first one is what was there before.
+        // The first number is no progress: it is what was there before.
         if ((isKnown && progress != last) || (isLate && !wasLate)) endNs = now + limitNs;
         isKnown = true;
         last = progress;

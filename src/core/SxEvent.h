@@ -6,7 +6,7 @@
 #include <condition_variable>
 #include <mutex>
 
-/// Something that happens once, and what a thread sleeps for instead of looking again and again. All
+/// Something that happens once. A thread sleeps until it happens, instead of looking again and again. All
 /// operations are safe from any thread.
 class SxEvent {
 public:
@@ -18,7 +18,7 @@ public:
         changed.notify_all();
     }
 
-    /// Waits for so long at the most; whether it has happened.
+    /// Waits for `ms` milliseconds at the most, on the machine's clock; gives whether it has happened.
     bool isSetWithin(int64 ms) {
         std::unique_lock<std::mutex> lock(mutex);
         return changed.wait_for(lock, std::chrono::milliseconds(ms), [this] { return happened; });

@@ -166,7 +166,7 @@ void SxFSAction::mkdir_p(const SxString& path, int mode) {
 
 void SxFSAction::cp(const SxString& from, const SxString& to) {
     const SxStat info = ask(from);
-    // What a program gains by set-id bits it was given for the place where it lay.
+    // Set-id bits were given to a program for the place where it lay, so a copy doesn't get them.
     const uint32 permissions = info.permissions & 0777;
     if (info.kind == SxStat::Link) {
         copyLink(from, to);

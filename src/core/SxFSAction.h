@@ -14,8 +14,8 @@ public:
     /// Whether `path` is a folder, or a link to one.
     static bool test_d(const SxString& path);
     static bool exists(const SxString& path);
-    /// What has that name, a link itself; nothing where none has. Raises where that can't be told: what
-    /// counts as gone mustn't be so because a disk fails.
+    /// What has that name (a link itself, not what it leads to); nothing where none has. Raises where that
+    /// can't be told: a disk that fails must not make a file count as gone.
     static std::optional<SxStat> look(const SxString& path);
     /// Whether nothing has that name; raises as look() does.
     static bool isGone(const SxString& path) { return !look(path); }

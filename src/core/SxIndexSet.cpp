@@ -20,7 +20,7 @@ SxIndexHash::SxIndexHash() : seed(newSeed()) {
 
 SxIndexSet::SxIndexSet(int64 nMost)
     : bound(std::max(BITS_ALWAYS, static_cast<uint64>(nMost) * BITS_FOR_EACH)) {
-    // A table that is half empty at best would take twice the memory for little speed.
+    // The set's own limit would leave the table half empty at best: twice the memory for little speed.
     others.max_load_factor(0.8F);
 }
 

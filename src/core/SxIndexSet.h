@@ -5,8 +5,8 @@
 #include <tsl/robin_set.h>
 #include <vector>
 
-/// Hash of a 64-bit index. Mixes all its bits, by a number that differs from table to table: who makes a file
-/// doesn't know which indices would fall on each other.
+/// Hash of a 64-bit index. Mixes all its bits, by a number that differs from table to table: so whoever makes
+/// a hostile file can't choose indices that fall on each other.
 struct SxIndexHash {
     SxIndexHash();
 

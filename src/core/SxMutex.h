@@ -16,7 +16,8 @@
 #define SX_RELEASE(...) SX_THREAD_ATTR(release_capability(__VA_ARGS__))
 #define SX_EXCLUDES(mutex) SX_THREAD_ATTR(locks_excluded(mutex))
 
-/// Plain, non-recursive mutex. Small ones, one field group each, never two at once, never held over I/O.
+/// Plain, non-recursive mutex. Each guards a small group of fields. As a rule no thread holds two at once,
+/// and none is held over I/O.
 class SX_CAPABILITY("mutex") SxMutex {
 public:
     SxMutex() = default;

@@ -46,6 +46,7 @@ Adopters& adopters() {
 SxOtherProcess::SxOtherProcess(int64 id) {
     if (id <= 0 || !SxProcessInfo::get(id, &info)) return;
     fd = static_cast<int>(syscall(SYS_pidfd_open, static_cast<pid_t>(id), 0U));
+    // The id may have passed to another process before the handle was there.
     SxProcessInfo now;
     const bool same = SxProcessInfo::get(id, &now) && now.startTime == info.startTime;
     if (fd >= 0 && !same) {

@@ -6,11 +6,11 @@
 #include <atomic>
 #include <thread>
 
-/// Base of every long job. The creator starts it, asks it, stops it and waits for
-/// it; main() runs on the new thread. stop(), where a job has it, sets a flag that the job looks at. An
-/// SxException that leaves main() stays in the object. wait() must have been called before a started object
-/// is destroyed: else the process ends at once, as with std::thread, since there is no safe way on. start()
-/// and wait() belong to the owner's thread, the queries are safe from any.
+/// Base of every long job. The creator starts it, asks it, stops it and waits for it; main() runs on the new
+/// thread. stop(), where a job has it, sets a flag that the job looks at. An SxException that leaves main()
+/// stays in the object. wait() must have been called before a started object is destroyed: else the process
+/// ends at once, as with std::thread, since there is no safe way on. start() and wait() belong to the owner's
+/// thread, the queries are safe from any.
 class SxSystemThread {
 public:
     using Priority = int;

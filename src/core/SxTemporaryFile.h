@@ -5,8 +5,8 @@
 #include <string>
 
 /// A new file under a name of its own beside `path`, for what is to become that file. As long as the object
-/// lives a lock tells others that its writer does; so whoever writes to it opens it, and makes no other in
-/// its place. Unless commit() came, it is gone at the end. One thread.
+/// lives, a lock on the file tells others that its writer lives. So the writer opens this file by its path,
+/// and makes no other in its place. The destructor removes it unless commit() was called. One thread.
 class SxTemporaryFile {
 public:
     /// Makes the file, empty, and removes what writers of `path` have left that have ended. Raises, naming

@@ -16,6 +16,7 @@ namespace {
 constexpr const char* UNIT = "src/shared/ZqImageLock";
 constexpr int N_SLOTS = 48;
 constexpr int64 SLOT_SIZE = 256;
+/// The bytes that are the locks: far after the slots, where nothing is stored.
 constexpr int64 RANGE_BASE = int64{1} << 32;
 /// How long a holder that has its lock may take to write its slot.
 constexpr int64 RECORD_MS = 100;

@@ -5,8 +5,8 @@
 
 /// The replacement of all that an image folder holds by the new image in its folder `image.new`. The step
 /// that decides is the note `ready` in there: until it stands, the old image is the one; from then on the new
-/// one is, and whoever comes next goes on where a replacement was cut off. Under exclusive shape; not locked
-/// here.
+/// one is, and whoever comes next goes on where a replacement was cut off. Whoever calls holds
+/// ZqImageLock::Shape exclusively; nothing is locked here.
 ///
 /// Note: the names in the image folder that stay, one a line.
 class ZqImageReplacement {

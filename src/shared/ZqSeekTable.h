@@ -6,7 +6,7 @@
 
 /// The seek table at the end of `img.zqf.zst` (Zstandard Seekable Format 0.1.0): where each frame lies and
 /// what comes out of it: a stretch (ZqBlocks::STRETCH) of each but the last. Every number is checked against
-/// the sizes of both forms. Doesn't change.
+/// the sizes of both forms. Never changes after it was made.
 class ZqSeekTable {
 public:
     /// Most bytes that a frame takes: what the encoder can't compress grows by less than this.

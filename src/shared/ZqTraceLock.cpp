@@ -21,7 +21,7 @@ ZqTraceLock::ZqTraceLock(const SxString& path) : host(SxOs::hostPath(path + ZqTr
         fd = os.open(host, SxOs::Read | SxOs::Write | SxOs::Create | SxOs::NoFollow, 0666);
         const int result = fd < 0 ? fd : os.lockRange(fd, 0, 1, SxOs::Lock::Exclusive);
         if (result == -ENOLCK || result == -EOPNOTSUPP || result == -ENOSYS) return;
-        // Where it is gone its holder has ended, and others lock another one.
+        // Where the file is gone its holder has ended, and others lock another one.
         const int named = result == 0 ? os.hasName(fd, host) : 0;
         if (named == 1) return;
         if (named < 0) os.unlink(host);

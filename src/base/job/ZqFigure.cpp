@@ -10,7 +10,7 @@ constexpr double TITLE_Y = 40, NOTE_Y = 64, FIGURES_Y = 76;
 /// Where the legend stands in a figure of a document, beside the name of the vertical axis.
 constexpr double KEYS_Y = 20;
 constexpr double SWATCH = 18, SWATCH_GAP = 6, KEY_GAP = 22;
-/// Of a letter of the legend on average: nobody tells the real width.
+/// Width of a letter of the legend on average, since nobody tells the real one.
 constexpr double LETTER = 6.7;
 
 struct Ink {

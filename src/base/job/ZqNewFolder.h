@@ -4,8 +4,8 @@
 
 #include <vector>
 
-/// A folder that something is made in, with those above it that are missing. Those made here go again, as far
-/// as they are empty, unless keep() comes. One thread.
+/// A folder that something is made in. Makes it, and those above it that are missing. The destructor removes
+/// those that were made here, as far as they are empty, unless keep() was called. One thread.
 class ZqNewFolder {
 public:
     explicit ZqNewFolder(const SxString& path);

@@ -11,8 +11,8 @@ class ZqAppParams;
 class ZqRedirection {
 public:
     /// Takes the names from the record. Raises, naming the entry, where the guid isn't a plain name, or an
-    /// entry is empty, absolute, or holds a drive letter, "..", a comma (which separates
-    /// the names in the guard's list) or a NUL. Backslashes become slashes.
+    /// entry is empty, absolute, or holds a drive letter, "..", a comma (which separates the names in the
+    /// guard's list) or a NUL. Backslashes become slashes.
     explicit ZqRedirection(const ZqAppParams& app);
 
     bool isEmpty() const noexcept { return folders.isEmpty() && files.isEmpty(); }

@@ -16,9 +16,8 @@ public:
 
     /// The host path of a path of the library. `X:/rest`, `X:\rest` and `X:` go through `dosdevices/x:` of
     /// the root (`C:` is `drive_c`, also where that link is missing); below a letter, backslashes count as
-    /// slashes,
-    /// `..` doesn't lead above the drive, and case is ignored where no name fits exactly. Parts that don't
-    /// exist stay as given. Anything else is a host path already and comes back unchanged.
+    /// slashes, `..` doesn't lead above the drive, and case is ignored where no name fits exactly. Parts that
+    /// don't exist stay as given. Anything else is a host path already and comes back unchanged.
     static std::string hostPath(const std::string& path);
 
     /// Makes hostPath() the hook of SxOs. The units ZqLog and ZqSysEnv call it when the program starts, so a
