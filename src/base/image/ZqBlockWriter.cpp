@@ -6,8 +6,8 @@
 
 namespace {
 
-/// A new image is made to be handed out, by a web server that may run as somebody else: who may read it is
-/// what the maker's umask says.
+/// A new image is made to be handed out, by a web server that may run as another user, which could read
+/// nothing at 0600, the mode of a player's own files. So the maker's umask says who may read the image.
 constexpr int PERMISSIONS = 0666;
 constexpr int64 MAP_PIECE = 1 << 18;
 } // namespace
@@ -39,7 +39,7 @@ void ZqDigestPipe::Hasher::main() {
 }
 
 ZqDigestPipe::Chunk* ZqDigestPipe::next() {
-    // The buffers come back in their order, so this one isn't in the digest any more.
+    // The buffers come back in their order, so this one has been taken into the digest.
     const auto free = hasher.done.pop();
     if (!free) {
         hasher.wait();

@@ -49,7 +49,7 @@ private:
     Hasher hasher;
 };
 
-/// Writes the blocks of a new `img.zqf`, one behind the other, and takes their digest on the way. One thread.
+/// Writes the blocks of a new `img.zqf`, one after the other, and takes their digest on the way. One thread.
 class ZqBlockWriter {
 public:
     /// Makes `img.zqf` in `folder` (with its trailing slash).
@@ -79,7 +79,7 @@ private:
     ZqDigestPipe::Chunk* current;
 };
 
-/// Writes the entries of a new `img.idx`, one behind the other. One thread.
+/// Writes the entries of a new `img.idx`, one after the other. One thread.
 class ZqMapWriter {
 public:
     /// Makes `img.idx` in `folder` (with its trailing slash).

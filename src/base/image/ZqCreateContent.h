@@ -3,12 +3,14 @@
 #include "ZqRuntimeInfo.h"
 #include "ZqTaskMon.h"
 
-/// Job that packs a folder of files into an image folder: the files' bytes one behind the other in `img.zqf`,
+/// Job that packs a folder of files into an image folder: the files' bytes one after the other in `img.zqf`,
 /// each filled up to whole blocks of 4096 bytes, an identity map, and the records. There is no file system
-/// and no file table in it. Progress in bytes. Links are passed over. Takes the image's lock.
+/// and no file table in it. Progress in bytes. Takes the image's lock. Links are passed over. Only a link
+/// that leads into itself, or to a folder above it, fails the job, which names it.
 ///
-/// The new image is written beside what `target` holds, and replaces it when it is complete: after a failure
-/// or a stop everything is as it was before.
+/// Before anything is written the whole list of files is read, each file is opened, and the free space is
+/// looked at. The new image is then written beside what `target` holds, and replaces it when it is complete:
+/// after a failure or a stop everything is as it was before. The price is room for both images.
 class ZqCreateContent : public ZqTaskMon {
 public:
     /// `target` is the image folder to write, `source` the folder to read. `mayDiscard`: traces and written

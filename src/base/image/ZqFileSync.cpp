@@ -14,7 +14,7 @@ public:
     void setSize(uint64 bytes) { size = bytes; }
     void main() override {
         try {
-            // The system tells of bytes that it has lost once. Later syncs say nothing of them.
+            // The system tells only once that it has lost bytes. Later syncs say nothing of them.
             if (isBroken || synced.hasLoss()) return;
             SxFileIO(file, "rb").sync();
         } catch (const SxException& e) {

@@ -42,15 +42,18 @@ public:
     static SxString formatEntry(uint64 rawIdx, uint64 zqfIdx);
 
     /// Replaces `img.zqf` by parts of `partSize` bytes (more than 0), compressed with zstd level 17 where
-    /// `compress` is set, and the record `img.zqf.info`; nothing happens where one part would hold it all.
-    /// Needs room for the whole file once more. Until the last step `img.zqf` stays; a failure or a stop
-    /// removes what was made. `progress`, where given, gets bytes and speed and is asked for a stop. Takes
-    /// the image's lock.
+    /// `compress` is set, and the record `img.zqf.info`. Nothing happens where one part would hold it all, or
+    /// where the file is empty. Plain parts need room for the whole file once more, and that is asked for
+    /// first; of compressed parts only what is surely needed. Until the last step `img.zqf` stays. A failure
+    /// or a stop removes what was made, and the next split removes what a split has left that was cut off.
+    /// `progress`, where given, gets bytes and speed and is asked for a stop. Takes the image's lock.
     /// Gives whether there was anything to do.
     bool split(uint64 partSize, bool compress, ZqTaskMon* progress = nullptr) const;
-    /// Replaces the record and the plain parts by `img.zqf`. All parts are looked at before anything changes.
-    /// Each part goes when its bytes are on the device, so that little more than one part of room is needed.
-    /// A run that was cut off is taken up again by the next. Takes the image's lock.
+    /// Replaces the record and the plain parts by `img.zqf`. All parts are looked at before anything changes,
+    /// so that nothing is lost where one is missing or has the wrong size. Each part is removed when its
+    /// bytes are on the device, so that little more than one part of room is needed. A join that fails before
+    /// the first part is removed leaves all as it was. One that is cut off, at any point, is taken up again
+    /// by the next. Takes the image's lock.
     /// Gives whether there was anything to do.
     bool join(ZqTaskMon* progress = nullptr) const;
 

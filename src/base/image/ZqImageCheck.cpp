@@ -69,7 +69,7 @@ void ZqImageCheck::checkMap() {
     const uint64 size = info.isFile() ? static_cast<uint64>(info.getSize()) : 0;
     if (app.sizeIdx > 0 && size % 8 == 0 && size > 0 && size != app.sizeIdx) {
         addFault("'" + file + "' has " + size + " bytes, app.json says " + app.sizeIdx);
-        // A file that may be of any size isn't read into memory.
+        // It may be of any size, so it isn't read into memory.
         if (size > app.sizeIdx) return;
     }
     SxArray<uint64> map;
@@ -101,6 +101,8 @@ void ZqImageCheck::checkMap() {
     if (expected.isEmpty() && !haveApp) {
         notes.append("img.idx: no digest to check against");
     } else if (expected.isEmpty()) {
+        // A fault, since a mount refuses such a map. A ZqF file without a digest isn't refused, and is only
+        // noted; see checkDigest().
         addFault("'" + file +
                  "': there is no digest, neither in img.idx.md5 nor in app.json; no mount takes it");
     } else {
@@ -156,7 +158,7 @@ void ZqImageCheck::checkEntries(const SxArray<uint64>& map) {
             taken[zqfIdx] = true;
             nUsed = std::max(nUsed, zqfIdx + 1);
             if (app.sizeZqf > 0 && zqfIdx >= nZqf)
-                report(rawIdx, zqfIdx, "behind the end of the complete img.zqf");
+                report(rawIdx, zqfIdx, "beyond the end of the complete img.zqf");
         }
     }
     if (nWrong > MAX_LISTED)
@@ -175,7 +177,7 @@ void ZqImageCheck::checkZqf() {
             ZqImage(pathPrefix).checkSplit();
             notes.append(storage.joining
                              ? "a join of img.zqf was cut off; join it again first"
-                             : "img.zqf is split into parts, all there; what they hold shows behind a join");
+                             : "img.zqf is split into parts, all there; what they hold shows after a join");
             return;
         }
         if (storage.partSize > 0) notes.append("a split record stands beside the whole img.zqf");
@@ -207,7 +209,8 @@ void ZqImageCheck::checkPacked() {
         return;
     }
     SxFileIO packed(file, "rb", 0600);
-    // Tells of itself where it lies in the file, and is looked at first, since all frames differ with it.
+    // The file begins by saying of which img.zqf it was packed. That is looked at first, since with another
+    // one all frames differ.
     SxArray<char> head(ZqPackedForm::ORIGIN_SIZE);
     const int64 n = packed.readBuffer(head.data(), head.getSize());
     const std::string origin(head.data(), static_cast<size_t>(n));

@@ -13,7 +13,8 @@ using namespace ZqImageParts;
 
 namespace {
 
-/// So many bytes of parts may wait for one sync of the joined file.
+/// So many bytes of parts may wait for one sync of the joined file. One sync for each part of a megabyte
+/// would take ten times as long.
 constexpr uint64 SYNC_BATCH = 64 << 20;
 /// So many batches of parts may be there twice where the disk has room: one being copied, one on its way to
 /// the device, one being removed.
@@ -43,8 +44,9 @@ void requireFileOrNothing(const SxString& path) {
     throw SxException("'" + path + "' is not a plain file", UNIT, __LINE__);
 }
 
-/// The first part that a join which was cut off has not finished with, after a look at what is there: behind
-/// the last one that is gone, since the removals may have reached the device in any order.
+/// The first part that a join which was cut off has not finished with, after a look at what is there. It is
+/// the part after the last one that is gone: removals may reach the device in any order, so parts before that
+/// one may still be there, although they are finished with.
 uint64 findResumePoint(const Parts& parts, const SxString& zqf) {
     uint64 first = parts.count + 1;
     while (first > 1 && !SxFSAction::isGone(parts.path(first - 1)))
@@ -60,7 +62,7 @@ uint64 findResumePoint(const Parts& parts, const SxString& zqf) {
     return first;
 }
 
-/// One stage of what happens to parts behind the job's back, in their order.
+/// One stage of what happens to parts beside the job: on a thread of its own, in the order of the parts.
 class PartStage : public SxSystemThread {
 public:
     using Batch = std::pair<uint64, uint64>; ///< first and last part
@@ -75,7 +77,7 @@ public:
 
 protected:
     void main() override {
-        // A stage that fails ends those behind it, too: none works on a batch that didn't get through.
+        // A stage that fails ends those that follow it, too: none works on a batch that didn't get through.
         try {
             while (const auto batch = in->pop()) {
                 work(*batch);
@@ -138,7 +140,8 @@ private:
 };
 
 void joinParts(const Parts& parts, const SxString& zqf, uint64 first, Progress* progress) {
-    // On a disk that has little more than a part of room left, parts must go early, and one by one.
+    // A batch takes at most a quarter of the free room. On a disk with little more room than for one part,
+    // parts must be removed early, and one by one.
     const auto free = static_cast<uint64>(ZqSysEnv::getFreeDiskSpace(parts.prefix));
     const uint64 batch = std::max<uint64>(1, std::min(SYNC_BATCH, free / 4) / parts.partSize); // parts
     const uint64 nAhead = std::min<uint64>(MAX_AHEAD, free / batch / parts.partSize);
@@ -168,7 +171,8 @@ void joinParts(const Parts& parts, const SxString& zqf, uint64 first, Progress* 
     target.close();
 }
 
-/// Takes a join back that has used up no part yet, so that the folder is as it was.
+/// Takes a join back that has removed no part yet, and gives the record its name again, so that the folder is
+/// as it was.
 void undoJoin(const Parts& parts, const SxString& zqf, const SxString& info, const SxString& journal) {
     try {
         for (uint64 part = 1; part <= parts.count; ++part) {
@@ -191,7 +195,7 @@ bool ZqImage::join(ZqTaskMon* monitor) const {
     const SxString info = pathPrefix + ZqImageFiles::SPLIT_INFO;
     const SxString journal = pathPrefix + ZqImageFiles::JOIN_INFO;
     const SxString zqf = pathPrefix + ZqImageFiles::ZQF;
-    // Without a record there is nothing to lock, and no lock file to leave behind.
+    // Without a record there is nothing to lock. Taking the lock would leave a lock file there.
     if (SxFSAction::isGone(info) && SxFSAction::isGone(journal) &&
         SxFSAction::isGone(pathPrefix + ZqImageFiles::SPLIT_JOURNAL))
         readRecord(pathPrefix, info);
@@ -205,13 +209,14 @@ bool ZqImage::join(ZqTaskMon* monitor) const {
         if (resumed) {
             first = findResumePoint(parts, zqf);
         } else {
+            // A missing part, or one of the wrong size, is found while the record still stands.
             checkParts(parts, first);
         }
         requireFileOrNothing(zqf);
         if (first <= parts.count) ZqImageFolder::requireSpace(pathPrefix, parts.bytes(first));
         if (!resumed) SxFSAction::mv(info, journal);
         begun = true;
-        // The names must be on the device ahead of the end of the first part.
+        // The names must be on the device before the first part is removed.
         if (!resumed || SxFSAction::isGone(zqf))
             SxFileIO().create(zqf, permissionsOf(parts.path(std::min(first, parts.count))));
         SxFSAction::syncDir(pathPrefix);

@@ -17,14 +17,16 @@
 //   -        img.zqf.info   all       split
 //   prefix   img.zqf.join   the rest  join cut off: join again; the prefix has the missing parts
 //
-// The record is img.zqf.info only while all parts are on the device, or a join could take bytes that never
-// got there. A part goes only when its bytes are on the device as part of img.zqf, and img.zqf only when all
-// parts are.
+// The record is named img.zqf.info only while all parts are on the device. While a split writes them it is
+// named img.zqf.split: otherwise a join after a cut could take parts that never got to the device, and
+// remove the whole file for them. While a join is under way the record is renamed to img.zqf.join and not
+// removed, since it says which parts there were. A part is removed only when its bytes are on the device as
+// part of img.zqf, and img.zqf only when all parts are on the device.
 
 namespace ZqImageParts {
 
 constexpr const char* UNIT = "src/base/ZqImage";
-/// Of the buffer that copyBytes() works with.
+/// Bytes of the buffer that copyBytes() works with.
 constexpr int64 BUFFER = 4'096'000;
 constexpr const char* PACKED = ".zstd";
 
@@ -86,17 +88,17 @@ private:
 /// do.
 void copyBytes(SxFileIO* from, SxFileIO* to, uint64 n, SxArray<char>* buffer, Progress* progress);
 
-/// What a split record says; none where that is no use.
+/// What a split record says; none where it doesn't state sizes that a file and its parts can have.
 std::optional<Parts> parseRecord(const SxString& pathPrefix, const SxList<SxString>& lines);
 
-/// What the split record `file` says. Raises where there is none or it is no use.
+/// What the split record `file` says. Raises where there is none, or it states no such sizes.
 Parts readRecord(const SxString& pathPrefix, const SxString& file);
 
 /// Whether a join of the image was cut off.
 bool isJoining(const SxString& pathPrefix);
 
-/// The permissions of the file `path`, which what is made of it gets: an image that is handed out stays one,
-/// and a player's own stays that. The umask counts all the same.
+/// The permissions of the file `path`. What is made of that file gets them: parts, and what is joined of
+/// them, can be read by those who could read the image, and by nobody else. The umask counts all the same.
 int permissionsOf(const SxString& path);
 
 } // namespace ZqImageParts

@@ -21,13 +21,14 @@ uint64 nCompressors() {
     return static_cast<uint64>(SxSystemThread::getNCores());
 }
 
-/// What compressing surely needs: each worker has one plain part at a time. How small the parts become shows
-/// only then; where the disk fills up, all is taken back.
+/// The bytes that compressing surely needs: each worker has one plain part at a time. How small the parts
+/// become shows only when they are made. Where the disk fills up, all parts are taken back.
 uint64 roomToCompress(const Parts& parts) {
     return std::min(parts.size, parts.partSize * std::min(parts.count, nCompressors()));
 }
 
-/// Holds a folder open, to sync all that was written on its file system with one call.
+/// Holds a folder open, to sync all that was written on its file system with one call. Thousands of parts
+/// that are synced one by one would cost as many commits of its journal.
 class FolderSync {
 public:
     explicit FolderSync(const SxString& folder_) : folder(folder_) {
@@ -159,7 +160,7 @@ void undoSplit(const SxString& pathPrefix, uint64 size) {
     }
     if (!SxFSAction::test_f(journal)) return;
     const std::optional<Parts> parts = parseRecord(pathPrefix, SxFileIO::readLines(journal, 0));
-    // The record of another file doesn't say that these bytes are still to be had.
+    // Where the record is that of another file, the parts may be the only place where these bytes still are.
     if (parts && parts->size == size) {
         for (const SxFileInfo& file : SxFSAction::ls(pathPrefix)) {
             if (parts->hasPath(file.getOrig()) && !file.isDir()) SxFSAction::rm(file.getOrig());
@@ -168,7 +169,8 @@ void undoSplit(const SxString& pathPrefix, uint64 size) {
     SxFSAction::rm(journal);
 }
 
-/// The same behind a failure, which is the one to be told of.
+/// The same after a failure. On a full disk the parts would keep it full. What fails here only goes to the
+/// log, since the first failure is the one to be told of.
 void takeBack(const SxString& pathPrefix, const SxString& zqf, uint64 size) {
     try {
         if (SxFSAction::test_f(zqf)) undoSplit(pathPrefix, size);

@@ -51,8 +51,8 @@ struct Gathered {
         }
     }
 
-    /// Whether `img.zqf` is no longer what was made: a drive wrote into it. What a layer holds is then only a
-    /// part of it. Reads all of the file.
+    /// Whether `img.zqf` is no longer what was made, since a drive wrote into it. A layer beside it then
+    /// holds only a part of what was written, and counts as lost together with it. Reads all of the file.
     bool isImageWritten() const {
         const SxString zqf = folder + ZqImageFiles::ZQF;
         if (app.checksumZqf.isEmpty()) return false;

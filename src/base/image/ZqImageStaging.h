@@ -5,12 +5,13 @@
 
 /// A new image on its way into an image folder. It is made in a folder `image.new` in there, beside what the
 /// image folder holds, which it replaces when it is complete: until commit() everything can be taken back,
-/// and is, by the destructor. From then on a cut or a failure loses neither image: the next command that
-/// writes there goes on (see ZqImageReplacement). Not locked.
+/// and is, by the destructor. From then on the new image is the one, wherever its files lie. A cut or a
+/// failure loses neither image, since each step can be repeated: the next command that writes there goes on
+/// (see ZqImageReplacement). Not locked.
 ///
-/// What the image folder gathered since it was made, traces of runs and what drives have written, belongs to
-/// one build of the disk, which `checksums.mnt` names. It stays where the new image is of the same build.
-/// Else it would be lost, which somebody has to ask for.
+/// What the image folder has gathered since it was made are traces of runs, and what drives have written.
+/// Both name RAW blocks, and so belong to one build of the disk, which `checksums.mnt` names. They stay where
+/// the new image is of the same build. Otherwise they would be lost, which somebody has to ask for.
 class ZqImageStaging {
 public:
     /// Makes the image folder `target` (with its trailing slash) where it is missing, and takes its lock for
@@ -32,7 +33,8 @@ public:
 
     /// Whether the folder `inner` is `outer` or lies in it, with all links resolved. They need not exist.
     static bool liesIn(const SxString& inner, const SxString& outer);
-    /// Raises where one of the two folders lies in the other, or they are the same. They need not exist.
+    /// Raises where one of the two folders lies in the other, or they are the same: emptying the one that is
+    /// written would remove the one that is read. They need not exist.
     static void refuseOverlap(const SxString& a, const SxString& b);
 
 private:

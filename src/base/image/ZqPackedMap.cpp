@@ -13,7 +13,7 @@ namespace {
 
 constexpr const char* UNIT = "src/base/ZqPackedMap";
 constexpr int64 ENTRY = sizeof(uint64);
-/// Higher ones take ten times as long on differences, and more bytes.
+/// The level of zstd. Higher ones take ten times as long on differences, and give more bytes.
 constexpr int64 LEVEL = 9;
 
 static_assert(ZqPackedMap::ORIGIN_SIZE == ZqPackedForm::ORIGIN_SIZE);
@@ -67,7 +67,8 @@ uint64 ZqPackedMap::pack(const SxString& idx, const SxString& to, const SxString
     requireWhole(static_cast<uint64>(map.getSize()), "'" + idx + "'");
     uint64 size = 0;
     SxFileIO::writeAtomic(to, [&](SxFileIO* out) {
-        // Which map it is comes out at the end, and must stand where a client sees it first.
+        // The digest of the map is known only at the end, but must stand where a client sees it first: its
+        // place is left free until then.
         const std::string place(ORIGIN_SIZE, '\0');
         out->writeBuffer(place.data(), ORIGIN_SIZE);
         ZqFrameEncoder encoder(LEVEL);
@@ -104,7 +105,7 @@ ZqPackedMap::Decoder::Decoder(uint64 sizeIdx_, const SxString& digest_, Sink sin
 }
 
 void ZqPackedMap::Decoder::take(const char* bytes, int64 n) {
-    // A piece at a time, so that no more than a frame is held, however much comes at once.
+    // A piece at a time, so that at most one frame is held, however much comes at once.
     while (n > 0) {
         const int64 nPiece = std::min(n, MAX_PACKED);
         pending.append(bytes, static_cast<size_t>(nPiece));

@@ -4,14 +4,17 @@
 
 #include <functional>
 
-/// How much of a file that grows by a download is sure to be on the device, noted beside it in a file of its
-/// name and ".synced", together with the start of the machine that wrote it. While the machine runs, all
-/// bytes of the file can be believed, also after the writer was killed; after another start only those that
-/// are noted, since a power cut leaves a file of the right size with anything in it. A file without a note is
-/// believed as a whole. Bytes that the device has lost, as a sync told that failed, are in memory at best, so
-/// the note stays as it is until the machine starts again. Where that has no id, its start is taken to be
-/// that of the process. Where the file is a whole image by now, which was copied over it, say, the note has
-/// no say. Whether it is the file that was noted can't be told otherwise: not all file systems keep an
+/// How much of a file that grows by a download is sure to be on the device. This is noted beside it, in a
+/// file of its name and ".synced", together with the start of the machine that wrote the note.
+///
+/// While the machine runs, all bytes of the file can be believed, also after the writer was killed. After
+/// another start only those that are noted can, since a power cut may leave a file of the right size with
+/// anything in it. A file without a note is believed as a whole. Where a sync has failed, the device has lost
+/// bytes, which are in memory at best; so the note stays as it is until the machine starts again. Where the
+/// machine has no id of its start, the start of the process is taken.
+///
+/// Where the file is a whole image by now, for instance one that was copied over it, the note doesn't count.
+/// Nothing but the content tells whether it is still the file that was noted: not all file systems keep an
 /// inode's number over a mount. Not locked: whoever changes the file holds the image. Sizes are in bytes.
 class ZqSyncedSize {
 public:
@@ -22,8 +25,8 @@ public:
     /// `stop` may break off, and noted if it is right.
     uint64 believed(uint64 size, const std::function<bool()>& stop = nullptr) const;
     /// Cuts the file back to what can be believed, and says so in the log; gives how many bytes have gone.
-    /// For who downloads, before the first look at the file's size. What lies behind a link is left alone.
-    /// Raises where it can't be cut, and after a stop.
+    /// For who downloads, before the first look at the file's size. A file that a link leads to is left
+    /// alone. Raises where the file can't be cut, and after a stop.
     uint64 cutBack(const std::function<bool()>& stop = nullptr) const;
     /// Whether the file, which has `size` bytes, is all of the image of the `app.json` beside it, by
     /// whichever way that came: its digest says so, or it did when it was complete. Raises where that can't

@@ -90,7 +90,7 @@ TEST(ImageCheck, EachDamageIsFound) {
     image.write(dir.prefix());
     dir.write("app.json", SxString(dir.read("app.json")).substitute("\"idx\": \"", "\"idx\": \"F").str());
     dir.write("img.idx.md5", idxMd5);
-    EXPECT_THAT(faultsOf(dir), IsEmpty()) << "img.idx.md5 comes ahead of what app.json says";
+    EXPECT_THAT(faultsOf(dir), IsEmpty()) << "img.idx.md5 counts more than what app.json says";
 }
 
 TEST(ImageCheck, TenWrongEntriesAreListedAndTheRestCounted) {
@@ -120,7 +120,7 @@ TEST(ImageCheck, TenWrongEntriesAreListedAndTheRestCounted) {
     for (uint64& entry : shorter.map)
         entry += entry == shorter.nZqf() - 1 ? 1 : 0;
     shorter.write(dir.prefix());
-    EXPECT_THAT(faultsOf(dir), ElementsAre(HasSubstr("behind the end of the complete img.zqf")));
+    EXPECT_THAT(faultsOf(dir), ElementsAre(HasSubstr("beyond the end of the complete img.zqf")));
 }
 
 TEST(ImageCheck, StoppedOrRefused) {
