@@ -6,8 +6,9 @@
 
 /// The traces that runs on this machine have made in an image folder, of which only the newest stay: each
 /// holds some megabytes, and nobody would ever look at all of them. The note `traces.txt` in the image folder
-/// names them; beside the traces `traces/*` would name it, too. A trace that came from elsewhere, was joined
-/// of others or is somebody's copy isn't in it and stays: the note tells a folder by its inode, too. One
+/// names them. It doesn't lie in the folder `traces`, since `traces/*`, as users give it to commands, would
+/// name it there. A trace that came from elsewhere, that was joined of others or that is somebody's copy
+/// isn't in the note and stays; the inodes in the note keep copies from being taken for a run's own. One
 /// thread.
 ///
 /// Note: a line for each folder, the oldest first: inode, blank, name. The inode is 0 while a mount is about

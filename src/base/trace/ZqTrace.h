@@ -11,7 +11,17 @@
 class ZqTraceLock;
 
 /// A trace folder: which block of an image was touched, and when; its items lie in `img.trc` (see
-/// ZqTraceFormat). Paths of folders end in a slash. Not locked.
+/// ZqTraceFormat). Paths of folders end in a slash. Not locked. The operations stand in a unit for each
+/// topic: ZqTraceEdit, ZqTraceMerge, ZqTraceMap and ZqTraceSequence.
+///
+/// Times are data. They may lie before `time0` and go backward. Reading `trace.json` refuses a `time0` or a
+/// duration that no record could hold (see ZqTraceParams), so differences of times don't wrap. Where a record
+/// can't hold a time that an operation would write, the operation raises, naming block and time, and writes
+/// nothing.
+///
+/// Long traces are walked and not held: what needs a trace several times reads it several times, and keeps no
+/// more than the first access to each block. So memory goes by the size of the disk and not by the length of
+/// play. Only append() and the operations on loaded items hold all items.
 class ZqTrace {
 public:
     using Items = SxArray<ZqTraceItem>;
@@ -57,7 +67,8 @@ public:
     uint64 getPageSizeMB();
 
     // These finish a trace: img.trc is replaced as a whole, then trace.json takes size, method, digest and
-    // build id (`checksums.mnt` of the image); the rest of a record that is there stays. They give true.
+    // build id (`checksums.mnt` of the image); the rest of a record that is there stays. The digest is taken
+    // while the file is written, and nothing is read back. They give true.
 
     /// Blocks (RAW indices) without times: a new record, and one time for all.
     static bool write(const SxConstPtr<SxArray<uint64>>& blocks, const SxString& path,
@@ -69,12 +80,14 @@ public:
     static bool write(const SxConstPtr<Items>& items, const SxString& path, ZqTraceParams::Method method,
                       const SxString& buildId);
 
-    // What reads a trace whole refuses one whose items aren't those that size and digest in its record tell
-    // of (ZqTraceRecords::findMismatch).
+    // What reads a whole trace refuses one whose items aren't those that size and digest in its record tell
+    // of (ZqTraceRecords::findMismatch). Nobody can tell whether the items or the record are the right ones,
+    // so the user decides, for instance by mend().
 
     // Editing. A relative time is an item's time minus the `time0` of its own trace.json, in milliseconds,
     // signed. Where nothing else is said, a failure leaves the trace as it was. What a mounted drive records
-    // into, or another thread or process writes, is refused; see ZqTraceLock.
+    // into is refused, and so is what another thread or process writes (see ZqTraceLock): items and record
+    // are two files, and two writers could leave the items of one with the record of the other.
 
     /// Keeps the first access to each block of the loaded items.
     void trim();
@@ -85,12 +98,13 @@ public:
     void dropTime(int64 from, int64 to);
     /// Moves the trace later in relative time, by a change of `time0` alone.
     void shift(int seconds);
-    /// Rewrites the trace on the time base of the one in `refPath`: the first block of that one which this
-    /// one holds gets its relative time there, what came ahead of it in this one goes, and repeats go.
-    /// Raises where the builds differ, or no block is common.
+    /// Rewrites the trace on the time base of the one in `refPath`. The first block of that one which this
+    /// one holds gets the relative time that it has there. What came before that block in this trace goes,
+    /// and so do repeats. Raises where the builds differ, or no block is common.
     void align(const SxString& refPath);
-    /// Writes the trace, followed by the one in `otherPath` with its first item `gapSeconds` behind the end
-    /// of this one (`time0` + `duration`), to `outPath`. The result stays loaded. Builds aren't compared.
+    /// Writes the trace, followed by the one in `otherPath` with its first item `gapSeconds` after the end
+    /// of this one (`time0` + `duration`), to `outPath`. The result stays loaded. Builds aren't compared, and
+    /// `firstSessionBlockIndex` is left to the caller.
     void append(const SxString& otherPath, const SxString& outPath, int gapSeconds);
 
     /// The unique items as runs of neighbouring blocks, in order of time. Raises where there are none.
@@ -108,8 +122,8 @@ public:
     // Several traces of one image build.
 
     /// Writes the trace that has each block once, at the smallest relative time of any of `traces`, to
-    /// `outPath`, sorted by that time; of equal ones that of the earlier trace counts. Raises, with nothing
-    /// written, where builds differ, or one is a series of runs.
+    /// `outPath`, sorted by that time; of equal ones that of the earlier trace counts. There may be thousands
+    /// of traces. Raises, with nothing written, where builds differ, or one is a series of runs.
     static void merge(const SxString& outPath, const SxConstPtr<SxArray<ZqTrace>>& traces);
 
     /// What another trace would change in a reference.
@@ -129,7 +143,7 @@ public:
 
     /// Writes the trace, carried over to a new build of its image, to `outPath`. `patchPath` holds that
     /// build's app.json and `map.idx`: for each RAW index of the old image that of the new one, all ones
-    /// where it has none; such items are lost, as are those behind the map's end. Writes figures to the log.
+    /// where it has none; such items are lost, as are those beyond the map's end. Writes figures to the log.
     void mapToImage(const SxString& patchPath, const SxString& outPath) const;
 
 private:

@@ -36,8 +36,8 @@ void requireReadable(const SxString& file) {
     }
 }
 
-/// Whether a file of a trace is JSON. What is and makes no record is none of ours to remove: it may be one of
-/// a newer version.
+/// Whether a file of a trace is JSON. What is JSON but no record of ours isn't removed: a newer version may
+/// have written it.
 bool isJson(const SxString& file) {
     if (SxFSAction::sizeOf(file) <= 0) return false;
     try {
@@ -243,7 +243,7 @@ std::vector<ZqTraceBuilder::Run> ZqTraceBuilder::findRuns() {
 }
 
 void ZqTraceBuilder::readRecords(std::vector<Run>* runs) {
-    // What makes every record unreadable must not take all traces for damaged.
+    // Without the schema no record can be read, and all traces would count as damaged.
     const SxString schema = ZqSysEnv::getSchemaPath() + SCHEMA;
     if (!SxFSAction::test_f(schema)) {
         throw SxException("Required schema file " + schema + " not found", UNIT, __LINE__);
@@ -292,7 +292,8 @@ void ZqTraceBuilder::choose(std::vector<Run>* runs) {
         }
         Run*& place = byStart[startOf(run)];
         Run* other = place;
-        // A former result has all that went into it.
+        // Of a former result and a run of the same start the former result counts, since it has all that went
+        // into it.
         if (!place || !(place->name == traceName)) place = &run;
         if (other == nullptr) continue;
         if (place == other) other = &run;
@@ -308,7 +309,7 @@ SxString ZqTraceBuilder::findObstacle(const Run& run, const Joined& joined) cons
     if (walk.wildBlock != 0) return "it names block " + SxString(walk.wildBlock) + ", which no disk has";
     if (!joined.hasBase() || walk.fitsEnd) return {};
     if (!walk.fitsStart) return "it has times that no trace can hold";
-    // What came before is at fault, not the run.
+    // The times before it are at fault, not the run.
     throw SxException("The traces from '" + joined.getBase().pathPrefix +
                           "' on last too long for another one; the times of one of them are damaged",
                       UNIT, __LINE__);
@@ -345,7 +346,7 @@ void ZqTraceBuilder::finish(const std::vector<Run>& runs, const Joined& joined) 
     const bool hasResult = joined.hasBase();
     const SxString name = ZqTraceSources::newName(tracesPath);
     const SxString work = tracesPath + name + "/";
-    // Ahead of the note, which takes another new name.
+    // Made before the note is filled in, which may take another new name.
     if (hasResult) SxFSAction::mkdir_p(work, 0777);
     ZqTraceSources sources(hasResult ? traceName : SxString());
     for (const Run& run : runs) {

@@ -9,27 +9,37 @@
 #include <vector>
 
 /// Sweeps a folder of traces, one folder for each run, and folds them, one after the other in the order of
-/// their start times, into one trace in there; the runs go, with their folders where those hold nothing else.
-/// A trace that is damaged, so one that doesn't parse or is empty, is left out and goes too. Every other that
-/// isn't joined stays: of a newer format, of another build than the newest run, of two with the same start
-/// all but one, what a drive records into. What is no trace stays, too. Holds the shape of the image
-/// exclusively.
+/// their start times, into one trace in there. The runs are then removed, with their folders where those hold
+/// nothing else. Holds the shape of the image exclusively, which keeps off a mounted drive of it. A drive of
+/// another image may record in there, too; its trace is told by ZqTraceRecords::isRecording().
 ///
-/// Of a run its records are walked twice and never held; in memory are the first accesses to each block.
+/// A damaged trace, which is one that doesn't parse or is empty, is left out and removed, too. Every other
+/// trace that can't be joined stays and is named in the result: one of a newer format; a run of another build
+/// than the newest one, since joined with it it would name other blocks; all but one of the same start; items
+/// that aren't those of their record; blocks that no disk has; what a drive records into. A former result of
+/// another build makes room under a name of its own. A folder with neither of the two files of a trace that
+/// isn't empty is somebody else's and stays.
 ///
-/// After a cut at any point the next sweep goes on from what is there: the result is complete, synced and in
-/// its place, with a note of what went into it (see ZqTraceSources), before the first run goes.
+/// Where the disk fails, a schema isn't found, memory is short, or a first run that claims to last for ages
+/// leaves no time for those after it, the build fails and nothing changes: that says nothing of a trace.
+///
+/// Of a run its records are walked twice and never held. In memory are the first accesses to each block,
+/// since repeats go in the end, with the times of the first and the last access and the number of blocks so
+/// far. The result is that of appending run by run through files, at one write instead of one for each run.
+///
+/// After a cut at any point the next sweep goes on from what is there. Before the first run is removed, the
+/// result is complete, synced and in its place, with a note of what went into it (see ZqTraceSources).
 class ZqTraceBuilder : public SxSystemThread {
 public:
     /// `traceName`: the folder of the result in `tracesPath`, a plain name.
     ZqTraceBuilder(const SxString& imagePath, const SxString& tracesPath, const SxString& traceName);
 
     void stop() SX_EXCLUDES(mutex);
-    /// Set by main() too where it gives up, so that behind the thread's end it means that no traces were
+    /// Set by main() too where it gives up, so that after the thread's end it means that no traces were
     /// joined. Safe from any thread.
     bool stopRequested() const SX_EXCLUDES(mutex);
 
-    // Behind the thread's end.
+    // After the thread's end.
 
     /// Why nothing was done though there might be something; empty where that isn't so.
     const SxString& getRefusal() const { return refusal; }

@@ -29,7 +29,7 @@ void keepOnly(ZqTrace::Items* items, Wanted&& wanted) {
     items->resize(n, true);
 }
 
-/// The first item of the trace in `path` whose block is in `blocks`.
+/// The first item of the trace in `path` whose block is in `blocks`. The trace is read up to there only.
 std::optional<ZqTraceItem> findFirst(const SxString& path, const SxIndexSet& blocks) {
     ZqTraceRecords::Reader reader(path);
     ZqTraceItem item;

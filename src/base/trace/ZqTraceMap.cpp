@@ -70,7 +70,7 @@ void ZqTrace::mapToImage(const SxString& patchPath, const SxString& outPath) con
         nMapped = 0;
         ZqTraceItem item;
         while (reader.next(&item)) {
-            // Behind the map's end lies what the old image never had.
+            // The old image never had a block beyond the map's end.
             const bool isInside = item.block < static_cast<uint64>(map.getSize());
             const uint64 rawIdx = isInside ? map(static_cast<int64>(item.block)) : NONE;
             if (rawIdx == NONE) continue;

@@ -1,4 +1,9 @@
 // The operations of ZqTrace on several traces of one image build.
+//
+// A merge streams: of each input 64 KiB are in memory, no input is kept open between two pieces, so that
+// there may be thousands, and the output is written as it comes. The next item comes from a heap, by relative
+// time and then by the place of its trace. Beyond that memory holds the set of blocks, a bit for each. Each
+// input is walked once before the merge, to see whether its times only rise (see Source).
 
 #include "SxFSAction.h"
 #include "SxIndexSet.h"
@@ -18,7 +23,7 @@
 namespace {
 
 constexpr const char* UNIT = "src/base/ZqTrace";
-/// Records of one trace that are in memory at a time while it is merged.
+/// Records of one trace that are in memory at a time while it is merged: 64 KiB.
 constexpr int64 MERGE_CHUNK = 4096;
 
 /// Whether the times of the trace in `path` never go backward, counted from `time0`.
@@ -59,9 +64,10 @@ public:
             item = (*items)(position++);
             return true;
         }
-        // Where times only rise, what was taken already can be passed over at once: it would keep nothing
-        // waiting, and the trace needs no set of its own. One whose times go backward does: an item that is
-        // passed over too early would let those behind it come too early.
+        // Where times only rise, an item whose block was taken already can be passed over without going
+        // through the heap, which for traces of one game is most of them: no other item waits for it, and the
+        // trace needs no set of its own. Where times go backward that would let later items come too early.
+        // So such a trace is loaded without its repeats instead, and each of its items waits for its turn.
         while (reader.next(&item)) {
             if (!taken.contains(item.block)) return true;
         }
@@ -183,7 +189,8 @@ void ZqTrace::merge(const SxString& outPath, const SxConstPtr<SxArray<ZqTrace>>&
         }
     }
     const ZqTraceLock lock(outPath);
-    // What a former record says beyond a merge stays.
+    // What a former record says beyond a merge stays. It is read before anything is written, so that a
+    // damaged one leaves both files alone.
     ZqTraceParams record;
     withRecordOf(outPath, [&] {
         if (SxFSAction::test_f(outPath + ZqTraceFiles::RECORD)) record = ZqTraceParams(outPath);
@@ -209,7 +216,7 @@ void ZqTrace::merge(const SxString& outPath, const SxConstPtr<SxArray<ZqTrace>>&
     record.size = summary.size;
     record.duration = summary.duration;
     record.method = ZqTraceParams::Merge;
-    // No run was appended to what this is.
+    // A merge is no series of runs, whatever the former record said.
     record.firstSessionBlockIndex = 0;
     record.checksumTrc = summary.digest;
     record.checksumMnt = buildId;

@@ -57,19 +57,23 @@ Summary replace(const SxString& path, const std::function<void(Writer* out)>& fi
 
 /// Why `img.trc` in the folder `path` isn't the one that `record` was written for, by the size and the digest
 /// that it states, and what to do, a clause; empty where it is. A command replaces the two files one after
-/// the other, so one that is cut off between them leaves such a pair. Where no digest is stated, since the
-/// recorder was cut off, records of zeros are looked for. Reads the whole file.
+/// the other, so one that is cut off between them leaves such a pair. The drive service states both when a
+/// recording ends; where it was cut off they are missing, and nothing but records of zeros can be told, as a
+/// power cut leaves them. Reads the whole file.
 SxString findMismatch(const SxString& path, const ZqTraceParams& record);
 /// Raises where there is one.
 void requireMatch(const SxString& path);
 
-/// Whether a mounted drive records into the trace in the folder `path` now.
+/// Whether a mounted drive records into the trace in the folder `path` now: it then holds a lock on the first
+/// byte of `img.trc`. The file itself is asked, since a drive may record into the trace of another image, and
+/// so that the spelling of a folder doesn't matter. Whatever would replace the file, or shift the trace's
+/// record, refuses.
 bool isRecording(const SxString& path);
 /// Raises if it does.
 void refuseRecording(const SxString& path);
 
 /// What tells that a file is the one that it was. A command that changes a trace puts new files in the place
-/// of the old ones; only a drive that records writes into a file, at its end.
+/// of the old ones. Only a drive that records writes into a file, at its end, and that is no change.
 struct FileState {
     uint64 device = 0, inode = 0;
     int64 size = -1, modifiedMs = 0; ///< of none where there is no file
@@ -80,8 +84,10 @@ struct FileState {
     bool operator==(const FileState&) const = default;
 };
 
-/// The files of a trace as they are at the construction, for those who look at them several times and must
-/// not mix two versions.
+/// The files of a trace as they are at the construction, for those who read them without the trace's lock and
+/// must not mix two versions. They take no lock because a trace that is only read may lie on a disk that
+/// can't be written to, where no lock can be. Device, inode, size and time of change are noted, and compared
+/// at the end, before anything is written; Reader compares them with each piece, too.
 class Unchanged {
 public:
     explicit Unchanged(const SxString& path);
@@ -94,7 +100,7 @@ private:
 };
 
 /// Reads the records of the trace in a folder from front to back, in pieces. It keeps no file open between
-/// them, so that there may be thousands of it.
+/// them, so that there may be thousands of such objects.
 class Reader {
 public:
     /// Raises where there is no `img.trc` in `path`. `chunk`: records that are read with one call.

@@ -10,11 +10,12 @@
 namespace {
 
 constexpr const char* UNIT = "src/base/ZqTrace";
-/// Entries of a table by block that a run may cost; a hash map takes as much.
+/// Entries of a table by block that there may be for each run; a hash table takes as much room.
 constexpr uint64 TABLE_ENTRIES_PER_RUN = 8;
 
-/// Which run begins with a block. A block that stands behind the end of a run begins another one, if it is in
-/// the trace at all, so that the first blocks of runs are all that is ever looked for.
+/// Which run begins with a block. The block right after a run's end always begins another run, if the trace
+/// has it at all, so only the first blocks of runs are kept: in a table by block where they lie dense, else
+/// in a hash table.
 class RunStarts {
 public:
     RunStarts(const SxList<ZqSequence>& runs, uint64 largestBlock) {

@@ -7,8 +7,16 @@
 #include <vector>
 
 /// The note `sources.json` in a trace that was joined of others: which folders went into it, so that they can
-/// be removed, by whoever comes next where that was cut off. A folder is told by its name and by what it held
-/// then: one that was recorded anew since isn't touched. Not locked.
+/// be removed, by whoever comes next where that was cut off. Not locked.
+///
+/// No source is removed before the result is safe. The result is written into a folder of its own: the items,
+/// then this note, and `trace.json` last, each synced; without its record nobody takes a folder for a trace.
+/// A former result is then moved aside, and the new one is renamed into its place. Now the sources are
+/// removed, and the note last. Whoever finds a complete trace with a note goes on from there.
+///
+/// A source is told by its name, by the digest of its record and by the size of its items, so a run that was
+/// recorded under the same name since isn't touched. All names in the note are plain ones, so that none can
+/// lead out of the folder of traces.
 ///
 /// JSON: an object with the texts `target` and `aside` and the list `folders`, each with `name`, `record`
 /// (MD5 text of trace.json) and `size` (bytes of img.trc, -1 where there is none).

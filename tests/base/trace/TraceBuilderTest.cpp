@@ -20,7 +20,7 @@ public:
 
     SxString folder(const std::string& run) const { return dir.path(traces + run) + "/"; }
 
-    /// A run of blocks, one each millisecond, from 5 ms behind its start on.
+    /// A run of blocks, one each millisecond, from 5 ms after its start on.
     void makeRun(const std::string& run, int64 time0, const std::vector<uint64>& blocks) const {
         ItemList items;
         for (const uint64 block : blocks)
@@ -180,11 +180,11 @@ TEST(TraceBuilder, WhatIsDamagedGoesAndWhatIsNoTraceStays) {
     sweep.dir.write(sweep.traces + "cut/trace.json", R"({"version": 2, "ti)");
     sweep.makeRun("without items", 3, {7});
     fs::remove(sweep.dir.path(sweep.traces + "without items/img.trc"));
-    // The first of all; joined to it, the good one could be used no more.
+    // The first of all. Joined to it, the good one could no longer be used.
     sweep.makeRun("wild", 0, {7, uint64{1} << 51});
     fs::create_directory(sweep.dir.path(sweep.traces + "nothing"));
     sweep.dir.write(sweep.traces + "half/img.trc.tmp", "of a sweep that was cut off");
-    // Behind the good one its times would lie where no record reaches.
+    // After the good one its times would lie where no record reaches.
     sweep.makeTrace("far", LATE + 1, {{1, 5, false}, {2, static_cast<uint64>(LATE), false}});
     sweep.dir.write(sweep.traces + "letters/dear.txt", "precious");
     sweep.makeRun("mixed", LATE - 1000, {8});

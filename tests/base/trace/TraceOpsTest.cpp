@@ -197,7 +197,7 @@ TEST(TraceOps, MergeOfLongTracesAndOfOthersRecords) {
     EXPECT_EQ(record.firstSessionBlockIndex, 0) << "it would be taken for a series of runs";
     EXPECT_EQ(record.checksumMnt, "build");
 
-    // Builds: one that is unknown counts only behind one that is known.
+    // Builds: one that is unknown counts only after one that is known.
     const auto unknown = makeTrace(dir, "unknown", at({{1, 1}}), 0, "");
     const TreeSnapshot before = dir.snapshot();
     EXPECT_EQ(failureOf([&] {
@@ -450,7 +450,7 @@ TEST(TraceOps, RunsAreThoseOfAMapOfAllBlocks) {
 TEST(TraceOps, MergeDiff) {
     const TempDir dir;
     const SxString ref = makeTrace(dir, "r", at({{1, 0}, {2, 10}, {1, 11}, {3, 20}}), 500);
-    // Earlier and known, equal in time, earlier and new, known already, behind the end.
+    // Earlier and known, equal in time, earlier and new, known already, after the end.
     const SxString other =
         makeTrace(dir, "o", at({{3, 5}, {2, 10}, {7, 15}, {1, 16}, {3, 18}, {8, 30}, {9, 31}}), 9);
     EXPECT_THAT(logOf([&] { ZqTrace(ref).mergeDiff(other); }),

@@ -53,7 +53,7 @@ std::vector<uint64> blocksOf(const SxPtr<ZqTrace::Items>& items) {
     return blocks;
 }
 
-/// Cuts a file ahead of its `nth` read.
+/// Cuts a file before its `nth` read.
 class ShrinkingOs : public FaultOs {
 public:
     ShrinkingOs(const TempDir& dir, int nth, uintmax_t size)
@@ -241,7 +241,7 @@ TEST(Trace, PageSize) {
         {{}, 0},
         {{{0, 244}}, 0},
         {{{0, 245}}, 1}, // 1003520 bytes: a burst up to the end counts where it is the only one
-        {{{0, 300}, {2000, 601}, {9000, 1}}, 3}, // 600 count, 301 are ahead of them: one page
+        {{{0, 300}, {2000, 601}, {9000, 1}}, 3}, // 600 count, 301 come before them: one page
         {{{0, 1000}, {9000, 1000}, {20000, 1101}, {30000, 1}}, 6}, // 1100 of 3101: two pages
         {{{0, 3000}, {9000, 601}, {19000, 1}}, 12},
         {{{0, 601}, {9000, 602}, {19000, 1}}, 2}, // of equal ones the first

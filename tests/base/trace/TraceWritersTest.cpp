@@ -78,7 +78,7 @@ TEST(TraceWriters, OneWriterAtATimeAndNoneAfterAKill) {
     EXPECT_TRUE(dir.exists("out/trace.lock"));
     for (const auto& [name, write] : writers) {
         EXPECT_EQ(failureOf(write), "") << name;
-        EXPECT_EQ(dir.snapshot("out").size(), 2U) << name << " left something behind";
+        EXPECT_EQ(dir.snapshot("out").size(), 2U) << name << " left something else there";
     }
     EXPECT_EQ(dir.snapshot().size(), before.size());
 }
