@@ -30,7 +30,7 @@ struct Item {
     uint64 rawIdx, zqfIdx;
 };
 
-/// Called ahead of each window with the RAW index of its first block and the number of entries.
+/// Called before each window with the RAW index of its first block and the number of entries.
 using Report = std::function<void(uint64 rawIdx, uint64 nTotal)>;
 
 /// One of the two files, read by blocks.
@@ -39,8 +39,8 @@ public:
     explicit Side(const SxString& path) : file(path, "rb"), size(file.getSize()) {}
 
     /// Fills the buffer with the blocks that `index` of the items names. Neighbours in the file that are
-    /// neighbours here are one read; the result is that of reading them one by one. What lies behind byte
-    /// `end` is zeros.
+    /// neighbours here are one read; the result is that of reading them one by one. Bytes from `end` on are
+    /// zeros.
     void fill(const std::vector<Item>& items, uint64 Item::*index, int64 end) {
         for (size_t first = 0; first < items.size();) {
             size_t last = first + 1;
@@ -104,7 +104,7 @@ private:
             throw SxException(SxException::STOPPED, "Stopped", UNIT, __LINE__);
         const uint64 lastRawIdx = items.back().rawIdx;
         if (lastRawIdx >= (static_cast<uint64>(raw.size) + ZqBlocks::SIZE - 1) / ZqBlocks::SIZE) {
-            throw SxException("File '" + raw.file.getFilePath() + "' ends ahead of block " + lastRawIdx, UNIT,
+            throw SxException("File '" + raw.file.getFilePath() + "' ends before block " + lastRawIdx, UNIT,
                               __LINE__);
         }
         // The last RAW block may be cut; the image has it whole.
@@ -115,7 +115,8 @@ private:
         const char *rawBytes = raw.buffer.data(), *zqfBytes = zqf.buffer.data();
         const bool differ = std::memcmp(rawBytes, zqfBytes, static_cast<size_t>(nBytes)) != 0;
         countBlocks(differ);
-        // Up to the first difference the two digests are one, and taking it is what costs most here.
+        // Up to the first difference the two digests are the same, so one is taken: it is what costs most
+        // here.
         if (differ && !apart) {
             md5Zqf = md5Raw;
             apart = true;
@@ -167,7 +168,7 @@ void logCounters(const ZqPatch::ImageCounters& counters) {
     zqLogMsg("base", "Invalid     : " + SxString(counters.nInvalid));
 }
 
-/// `atEnd` is called when all blocks are compared, ahead of the log lines.
+/// `atEnd` is called when all blocks are compared, before the log lines.
 ZqPatch::ImageCounters compare(const SxString& rawDir, const SxString& zqfDir, ZqTaskMon* progress,
                                const Report& report, const std::function<void()>& atEnd) {
     zqLogMsg("base", "ZqFastPatch::verifyImage : rawDir [" + rawDir + "] zqfDir [" + zqfDir + "]");

@@ -10,13 +10,14 @@ public:
         uint64 nTotal = 0;       ///< entries of the map
         uint64 nMapped = 0;      ///< whose block is in the ZqF file
         uint64 nUnmapped = 0;    ///< the others: without an entry, or missing
-        uint64 nInvalid = 0;     ///< that differ; a missing block counts as zeros
-        uint64 nMissing = 0;     ///< of the unmapped, those behind the present end of the ZqF file
+        uint64 nInvalid = 0;     ///< that differ; a missing block is compared as zeros
+        uint64 nMissing = 0;     ///< of the unmapped, those beyond the present end of the ZqF file
         uint64 nMissingZero = 0; ///< of the missing, those that the RAW image has as zeros
         uint64 firstWrongRawIdx = ZqImage::NO_ENTRY; ///< the first that is there and differs
         SxString md5Raw, md5Zqf;                     ///< of all blocks with an entry, in RAW order
 
-        /// The blocks that are there and differ.
+        /// The blocks that are there and differ. A missing block counts as invalid unless the RAW image has
+        /// zeros there, but it is no difference between the two images.
         uint64 nWrong() const { return nInvalid - (nMissing - nMissingZero); }
     };
 

@@ -85,7 +85,9 @@ SxString ZqChartCells::toSvg(const char* ink) const {
                    Fig::number(ZqChart::TOP + (asDots ? SIZE / 2. : 0)) + ") scale(" + SIZE +
                    ")\" stroke-width=\"" + Fig::number(width) + "\"" +
                    (asDots ? " stroke-linecap=\"round\"" : "") + ">\n";
-    // Each shade is drawn over the lighter ones, which makes it darker, and its path a simple one.
+    // Each shade is one path over all cells with at least so many accesses, drawn upon the lighter ones. So
+    // it looks darker, its runs of cells are long, and no cell is in one path twice. Shades go by powers of
+    // the largest count, since a few blocks are read a thousand times.
     const double largest = *std::max_element(counts.begin(), counts.end());
     uint32_t former = 0;
     for (int shade = 0; shade < N_SHADES; ++shade) {

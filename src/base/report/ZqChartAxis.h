@@ -31,7 +31,7 @@ public:
     double getMost() const { return most; }
 
 private:
-    SxString name, suffix; ///< `suffix` stands behind each number
+    SxString name, suffix; ///< `suffix` follows each number
     double least, most;
     double scale = 1; ///< the axis's unit in units of the values
 };

@@ -4,9 +4,11 @@
 
 #include <optional>
 
-/// The picture of a trace: which blocks were touched over time, and how many bytes were needed by then. Reads
-/// the trace twice, in pieces, and keeps a bit for each block and the picture's cells, however many accesses
-/// there are. Times before the beginning count as negative ones. Not locked.
+/// The picture of a trace: which blocks were touched over time, and how many bytes were needed by then.
+/// Blocks stand by RAW index, as runs of a trace are listed, or by their place in `img.zqf` in bytes, which a
+/// download can be compared with. Reads the trace twice, in pieces: once for the ranges of the axes and once
+/// to count. So it keeps only a bit for each block and the picture's cells, however many accesses there are.
+/// Times before the beginning count as negative ones. Not locked.
 class ZqTracePlot {
 public:
     struct Settings {
@@ -61,7 +63,7 @@ private:
     double firstMs = 0, lastMs = 0; ///< of what is shown
     uint64 lastPlace = 0;
     ZqChartCells reads, writes;
-    /// By column of the plot, one a unit of width: blocks that were new in it, and the place behind the last
-    /// one.
+    /// By column of the plot, one a unit of width: blocks that were new in it, and the place that follows the
+    /// last one.
     std::vector<uint64> nNew, ends;
 };

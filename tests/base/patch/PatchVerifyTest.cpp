@@ -155,7 +155,7 @@ TEST(PatchVerify, FailuresNameTheFile) {
     }
     dir.write("img.raw", image.raw.substr(4096));
     EXPECT_THAT(verify(), AllOf(StartsWith("Verification of image content failed: "),
-                                HasSubstr("img.raw' ends ahead of block 2")));
+                                HasSubstr("img.raw' ends before block 2")));
     dir.write("img.raw", image.raw);
 
     // The map may be packed.

@@ -336,7 +336,7 @@ TEST(TraceOps, Append) {
     const SxString path = makeTrace(dir, "t", at({{1, 50}, {2, 70}}), 1000), out = dir.path("out/");
     const SxString other =
         makeTrace(dir, "o", at({{2, -8}, {~uint64{1}, -9}, {3, 5}}), 9000, "another build");
-    // Behind time0 and the duration, wherever the first item lies.
+    // After time0 and the duration, wherever the first item lies.
     ZqTrace trace(path);
     trace.append(other, out, -1);
     EXPECT_EQ(relative(out), at({{1, 50}, {2, 70}, {2, -980}, {~uint64{1}, -981}, {3, -967}}));
