@@ -16,6 +16,10 @@ namespace {
 
 constexpr const char* UNIT = "src/publish/ZqBlockOrder";
 /// Gaps of up to so many blocks are alike; longer ones are classed by doubling lengths, up to LONGEST_GAP.
+/// With orders of two games by all of their runs but one, the blocks that this one read beyond them lay after
+/// 7,700 and 600 other blocks, instead of the 21,300 and 1,250 of RAW order, in as many stretches as there.
+/// By the distance from a named block alone they lie after 11,100 and 950, and in 11 and 4 times as many
+/// stretches, each of which is a request.
 constexpr uint64 SHORT_GAP = 64, LONGEST_GAP = 4096;
 constexpr size_t N_CLASSES = std::bit_width(LONGEST_GAP / SHORT_GAP);
 /// A profile tells of growth by this part of all that it asks for.
@@ -43,9 +47,9 @@ void walk(const SxString& trace, Look&& look) {
         look(item);
 }
 
-/// Leaves few of the points, without a change to what any speed asks for ahead of the start or any start asks
-/// for as speed: those are told by the corners of the hull. Of the others enough stay to see how the need
-/// grows.
+/// Leaves few of the points. The corners of their hull alone answer both questions as all points would: how
+/// much must be there before a start at a speed, and which speed a start must have. A few of the other points
+/// stay, since they tell where readers would wait.
 SxList<ZqLoadProfilePoint> thinOut(const std::vector<ZqLoadProfilePoint>& points) {
     std::vector<ZqLoadProfilePoint> corners;
     for (const ZqLoadProfilePoint& point : points) {
@@ -162,13 +166,17 @@ void ZqBlockOrder::makeProfile(const SxString& trace) {
         const bool isInside = item.block < static_cast<uint64>(map.getSize());
         return isInside ? map(static_cast<int64>(item.block)) : ZqImage::NO_ENTRY;
     };
+    // The application's start is its first read of content: a trace begins with the mount, which may be long
+    // before.
     std::optional<int64> start;
     walk(trace, [&](const ZqTraceItem& item) {
         const uint64 zqfIdx = zqfIdxOf(item);
         if (zqfIdx == ZqImage::NO_ENTRY || zqfIdx < nFront) return;
         start = std::min(start.value_or(static_cast<int64>(item.time)), static_cast<int64>(item.time));
     });
-    std::map<uint64, uint64> needs; // bytes by second
+    // Bytes by second. Seconds are cut, not rounded: what is read 900 ms after the start must be there at its
+    // beginning.
+    std::map<uint64, uint64> needs;
     walk(trace, [&](const ZqTraceItem& item) {
         const uint64 zqfIdx = zqfIdxOf(item);
         if (zqfIdx == ZqImage::NO_ENTRY) return;

@@ -7,13 +7,33 @@
 #include <vector>
 
 /// The ZqF order of an image's blocks by a trace, as a rule the merged trace of several runs, and the load
-/// profile that comes with it. A plain value; not locked.
+/// profile that comes with it. A plain value; not locked. ZqImageOrder writes the order as an index folder
+/// for an image that exists, and ZqImageBuild cuts a new image by it; both give the same order for the same
+/// disk, byte for byte.
 ///
 /// First come the blocks that a mount reads, whether or not the trace has them. Then those that the trace
 /// names, each where the trace has it first. Then those that stand between two of these on the disk with few
 /// others, the shorter gaps first: the rest of a file that was read in part, or another file of a folder that
 /// was used, is what other runs want most. Then all others in RAW order. Blocks that aren't included have no
 /// place, and a trace may name them.
+///
+/// It knows no file system. It goes by the blocks that a mount reads, and by how near a block stands to one
+/// that was used. The file systems' tools lay a file down in one piece, and a folder's files side by side, so
+/// a short gap between used blocks is the rest of a file or a neighbour in its folder. Metadata is in front
+/// already.
+///
+/// Named blocks have no others between them. With gaps of up to 8 blocks filled on the way, the start of a
+/// large game was 4.8 % longer, and these gaps held 1.6 % of what a run that wasn't traced read beyond the
+/// trace.
+///
+/// All named blocks are alike: a merged trace says how early a block was read by any run, and not by how
+/// many. What one level of five reads at its start is fetched before every start, since none of the runs must
+/// wait, and runs that play another level never use it. A mark doesn't count either: of a block that one run
+/// wrote and another read, a merged trace may only have the write.
+///
+/// Times don't order the blocks. The recorder writes on a steady clock, so where times go backward an
+/// operation on the trace has made them, and its order is meant. The profile takes the earliest time of a
+/// block, which asks for too much rather than too little.
 class ZqBlockOrder {
 public:
     /// What is put in order.

@@ -59,7 +59,7 @@ std::string ZqRawReader::read(uint64 offset, uint64 n) {
     std::string bytes(n, '\0');
     file.seek(static_cast<int64>(offset));
     if (file.readBuffer(bytes.data(), static_cast<int64>(n)) != static_cast<int64>(n)) {
-        throw SxException("'" + file.getFilePath() + "' ends ahead of byte " + (offset + n), UNIT, __LINE__);
+        throw SxException("'" + file.getFilePath() + "' ends before byte " + (offset + n), UNIT, __LINE__);
     }
     return bytes;
 }

@@ -9,7 +9,9 @@
 class ZqSourceTree;
 class ZqTaskMon;
 
-/// What a RAW block holds, as far as its place in the ZqF order goes by that.
+/// What a RAW block holds, as far as its place in the ZqF order goes by that. A block is metadata unless a
+/// file owns it: the makers only follow folders to the blocks of their files, and whatever they don't know
+/// comes first in the ZqF order, and so is there for a mount.
 enum class ZqBlockKind : unsigned char {
     Metadata, ///< what the file system itself is made of; also what is in no use
     Early,    ///< content of a file that a mount reads
@@ -17,7 +19,8 @@ enum class ZqBlockKind : unsigned char {
 };
 
 /// Makes the file system of a drive as a RAW image. The same files give the same bytes, whoever makes them
-/// where and when: times, owners and identities are fixed. One thread.
+/// where and when: times, owners and identities are fixed, and the files' own times aren't kept, so that a
+/// fresh checkout gives the same image. One thread.
 class ZqDriveMaker {
 public:
     enum FileSystem { Erofs, Ext4, Squashfs };

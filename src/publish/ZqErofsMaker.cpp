@@ -47,7 +47,7 @@ private:
         SxString path;
     };
     struct Inode {
-        uint64 mode, size, layout, firstBlock, end; ///< `end`: offset of the byte behind it
+        uint64 mode, size, layout, firstBlock, end; ///< `end`: offset of the first byte after it
     };
 
     Inode readInode(uint64 nid) {

@@ -3,7 +3,8 @@
 #include "ZqDriveMaker.h"
 #include "ZqTool.h"
 
-/// An ext4 drive, for applications that write to it: a journal, and some free room.
+/// An ext4 drive, for applications that write to it. It has a journal, since a drive that is written to must
+/// survive a kill. It has free room, which is zeros and so costs nothing in the image.
 class ZqExt4Maker : public ZqDriveMaker {
 protected:
     uint64 getOverhead(const ZqSourceTree& source, uint64 freeBytes) const override;
@@ -11,7 +12,7 @@ protected:
     void mark(const Job& job, std::vector<ZqBlockKind>* kinds) const override;
 
 private:
-    /// Gives all inodes the fixed time and owner, which mke2fs takes from the tree.
+    /// Gives all inodes the fixed time and owner by debugfs, since `mke2fs -d` takes them from the tree.
     void fixInodes(const Job& job) const;
 
     const ZqTool mkfs{"mke2fs", "e2fsprogs"}, debugfs{"debugfs", "e2fsprogs"};

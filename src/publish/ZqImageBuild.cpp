@@ -97,7 +97,8 @@ public:
         writeMap(map);
     }
 
-    /// The same in the order that the trace gives to the image `name`.
+    /// The same in the order that the trace gives to the image `name`. It reads the drive twice: which blocks
+    /// are zeros, and the build id, which the trace must be of, are known only after the first pass.
     ZqBlockOrder runByTrace(const SxString& trace, const SxString& name) {
         ZqBlockOrder::Image image{name, {}, std::vector<bool>(kinds.size()), {}};
         survey(&image.included);
@@ -252,7 +253,7 @@ void ZqImageBuild::main() {
     build(tree, *maker, app);
 }
 
-/// What would fail behind all the work is better found now.
+/// What would fail after all the work is better found now.
 void ZqImageBuild::refuseBadTrace() const {
     if (options.trace.isEmpty()) return;
     ZqTraceParams(tracePrefix()).refuseSeries();
@@ -324,7 +325,8 @@ void ZqImageBuild::requireSpace(const ZqSourceTree& tree, const ZqDriveMaker& ma
         tree.getNBlocks() * static_cast<uint64>(BLOCK) + ROOM + ROOM_FOR_ENTRY * tree.getEntries().size();
     const uint64 raw = content + maker.getOverhead(tree, options.freeBytes);
     const uint64 device = deviceOf(target);
-    // Copies of files go ahead of the ZqF file's coming; the RAW image stands beside either.
+    // Copies of files are removed before the ZqF file is written, so the larger of the two counts. The RAW
+    // image stands beside either.
     uint64 need = std::max(content, tree.bytesToCopy(device));
     if (options.rawDir.isEmpty() || deviceOf(options.rawDir) == device) {
         need += raw;
@@ -377,7 +379,7 @@ void ZqImageBuild::build(const ZqSourceTree& tree, const ZqDriveMaker& maker, co
         throw SxException(e, "Cannot make a drive of the folder '" + source + "'", UNIT, __LINE__);
     }
     nRaw = kinds.size();
-    // An order takes a second pass.
+    // An order takes a second pass; see runByTrace().
     setNTotal(getNCurrent() + nRaw * static_cast<uint64>(BLOCK) * (options.trace.isEmpty() ? 1 : 2));
     Cutter cutter(raw, folder, kinds, this);
     ZqAppParams app = record;

@@ -5,13 +5,18 @@
 #include "ZqTaskMon.h"
 
 /// Job that makes a drive with a file system from a folder of files, and an image folder ready to stream from
-/// that. The folder's content lies under `TAVRIN-protected/app/` on the drive, readable by all. Blocks of
-/// zeros aren't included. What a mount reads comes first in the ZqF order, metadata ahead of content; the
-/// rest follows in RAW order, or as a trace has it. Progress in bytes. Takes the image's lock.
+/// that. It places the files as the drive will have them (see ZqSourceTree), lets the file system's own tool
+/// make a RAW image of that tree (see ZqDriveMaker), and cuts it into blocks. The folder's content lies under
+/// `TAVRIN-protected/app/` on the drive, readable by all. Blocks of zeros aren't included. Progress in bytes.
+/// Takes the image's lock.
 ///
-/// The same folder gives the same image, byte for byte; owners and times don't count. The new image is
-/// written beside what `target` holds and replaces it when it is complete: after a failure or a stop
-/// everything is as it was before.
+/// The ZqF order begins with all blocks that aren't content of a file. Then comes what a mount reads of
+/// content, which is `gxprefetch.info` and redirected files, and then the rest in RAW order, or as a trace
+/// has it.
+///
+/// The same folder gives the same image, byte for byte; owners and times don't count, so a patch between two
+/// versions holds what has changed and not every inode. The new image is written beside what `target` holds
+/// and replaces it when it is complete: after a failure or a stop everything is as it was before.
 class ZqImageBuild : public ZqTaskMon {
 public:
     /// What the record of the application is made of, beyond what the image itself tells.
@@ -30,7 +35,7 @@ public:
         /// recorded on an image of the same files, which has the same `checksums.mnt`.
         SxString trace;
         /// Bytes that the drive is to have free for what is written to it, with ext4; it has a tenth of its
-        /// content and 16 MiB at least. 0: no more than that.
+        /// content and 16 MiB at least. 0: only that.
         uint64 freeBytes = 0;
         /// Traces and written data that `target` holds may be lost; see ZqImageStaging.
         bool mayDiscard = false;
@@ -50,7 +55,7 @@ public:
     uint64 getNRaw() const { return nRaw; }
     uint64 getNIncluded() const { return nIncluded; }
     uint64 getSizeMnt() const { return sizeMnt; }
-    /// After the end: blocks behind those of a mount whose place the trace gives; 0 without one.
+    /// After the end: blocks after those of a mount whose place the trace gives; 0 without one.
     uint64 getNNamed() const { return nNamed; }
 
 protected:

@@ -103,8 +103,9 @@ ZqBlockOrder::Image ZqImageOrder::describe(const SxArray<uint64>& oldMap) const 
 }
 
 void ZqImageOrder::checkDigest() {
-    // Else a digest that fits a damaged image would go to everybody who has a good one. The pass also brings
-    // the file into memory ahead of one that jumps about in it.
+    // The digest of the new order is taken of this file. If the file is damaged, that digest would fit the
+    // damaged image, and go to everybody who has a good one. This pass also brings the file into memory
+    // before the one that jumps about in it.
     const SxString file = image + ZqImageFiles::ZQF;
     SxFileIO zqf(file, "rb");
     zqf.adviseSequential();

@@ -22,7 +22,7 @@
 namespace {
 
 constexpr const char* UNIT = "src/publish/ZqImagePack";
-constexpr const char* NEW = ".new"; ///< behind the name while the file is written
+constexpr const char* NEW = ".new"; ///< ends the file's name while it is written
 constexpr int64 WRITEBACK = 8 << 20;
 /// Frames on their way for each core: one that is encoded, one that waits, one that is read or written.
 constexpr int64 SLOTS_A_CORE = 3;
@@ -133,7 +133,8 @@ class ZqImagePack::Writer {
 public:
     explicit Writer(const SxString& path) {
         file.create(path, 0666);
-        // Which image it is comes out at the end, and must stand where a client sees it first.
+        // The digest that says which image it is is known only at the end, but must stand where a client sees
+        // it first: its place is left free until then.
         const std::string origin(ZqPackedForm::ORIGIN_SIZE, '\0');
         write(origin);
         addEntry(ZqPackedForm::ORIGIN_SIZE, 0, ZqPackedForm::EMPTY_CHECKSUM);

@@ -31,7 +31,8 @@ void ZqImageRaw::main() {
                               image + "'",
                           UNIT, __LINE__);
     }
-    // What was written to the drive and has no place in img.zqf would be missing without a word.
+    // Otherwise what was written to the drive and has no place in img.zqf would be missing, and nobody would
+    // be told.
     if (ZqImageFolder::hasWrittenLayer(image)) {
         throw SxException("Image '" + image + "' has a write layer (" + ZqImageFiles::LAYER_INDEX +
                               "): its RAW image would lack what that holds",
@@ -66,7 +67,7 @@ SxArray<uint64> ZqImageRaw::readMap() {
         if (zqfIdx == ZqImage::NO_ENTRY) continue;
         if (zqfIdx >= nZqf) {
             throw SxException(SxString("The entry of RAW block ") + rawIdx + " is " + zqfIdx +
-                                  ", behind the end of '" + image + ZqImageFiles::ZQF + "'",
+                                  ", beyond the end of '" + image + ZqImageFiles::ZQF + "'",
                               UNIT, __LINE__);
         }
         sizeWritten += BLOCK;

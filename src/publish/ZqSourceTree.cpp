@@ -20,7 +20,8 @@ constexpr uint32 FOLDER_PERMISSIONS = 0755;
     throw SxException(SxException(SxOs::errorText(error), UNIT, line), what, UNIT, line);
 }
 
-/// All files of a drive belong to root, so whoever may run or read a file must be everybody.
+/// All files of a drive belong to root, and the player is another user. So everybody may read every file, and
+/// what anyone may execute, all may.
 uint32 drivePermissions(uint32 permissions) {
     const uint32 execute = permissions & 0111 ? 0111 : 0;
     return (permissions & 0666) | 0644 | execute;
@@ -56,8 +57,8 @@ ZqSourceTree::ZqSourceTree(const SxString& source_, const ZqTaskMon& job) : sour
     if (result == 0) result = SxOs::get().stat(root, &own);
     if (result < 0) fail("Cannot look at '" + source + "'", result, __LINE__);
     device = own.device;
-    // A file that has two names in the folder gets a copy for the second: whether it shares blocks with the
-    // first must not depend on where the image is made.
+    // A file that has two names in the folder gets a copy for the second. What the drive holds must not
+    // depend on where the image is made, and so on whether the system allows the two to share their blocks.
     std::set<std::pair<uint64, uint64>> seen;
     for (const SxFileInfo& info : SxFSAction::find(source + "*", false)) {
         if (job.stopRequested()) return;

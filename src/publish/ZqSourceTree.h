@@ -9,6 +9,12 @@ class ZqTaskMon;
 
 /// A folder that is to become the content of a drive: its files, folders and symbolic links by path. Sockets,
 /// pipes and devices are passed over. One thread.
+///
+/// The tools of Debian 12 that make a file system read a folder, and it must have the drive's layout and
+/// permissions. So a tree is made of second names of the files: hard links cost neither time nor room, and
+/// nothing writes through them. A file gets a copy instead where its own permissions won't do, where the
+/// system refuses a link (another file system, or another user's file), or where it has come up before under
+/// another name.
 class ZqSourceTree {
 public:
     struct Entry {
@@ -20,8 +26,9 @@ public:
     };
 
     /// Reads the folder `source` (with its trailing slash). Raises where it can't be read, and on a symbolic
-    /// link that is absolute, leads out of the folder, or back into itself. Ends early where `job` is asked
-    /// to stop.
+    /// link that is absolute, leads out of the folder, or back into itself. On the player's machine a link
+    /// that leads out would lead to whatever stands there, and without it the drive would lack a file. Ends
+    /// early where `job` is asked to stop.
     ZqSourceTree(const SxString& source, const ZqTaskMon& job);
 
     /// Raises where a file can't be opened.
@@ -37,7 +44,7 @@ public:
     static void makeFolder(const SxString& path);
     static void setPermissions(const SxString& path, uint32 permissions);
 
-    /// In each folder by name, a folder ahead of what it holds.
+    /// In each folder by name, a folder before what it holds.
     const std::vector<Entry>& getEntries() const { return entries; }
     bool holdsFile(const SxString& relPath) const;
     int64 count(SxStat::Kind kind) const;

@@ -11,8 +11,8 @@ namespace {
 constexpr const char* UNIT = "src/publish/ZqSquashfsMaker";
 constexpr uint64 BLOCK = ZqBlocks::SIZE;
 constexpr uint64 SUPERBLOCK = 96;  ///< bytes
-constexpr uint64 OPTIONS = 8192;   ///< bytes that the compressor's options take behind it at most
-constexpr const char* FIRST = "1"; ///< the place of files that come ahead of the others, which have 0
+constexpr uint64 OPTIONS = 8192;   ///< bytes that the compressor's options after it take at most
+constexpr const char* FIRST = "1"; ///< the place of files that come before the others, which have 0
 
 /// A path as a line of the list of files that come first takes it.
 SxString escape(const SxString& path) {
@@ -38,7 +38,7 @@ void ZqSquashfsMaker::format(const Job& job) const {
     file.create(list);
     file.write(lines);
     file.close();
-    // Without fragments, which gather the ends of several files, files come one behind the other.
+    // Without fragments, which gather the ends of several files, files come one after the other.
     mkfs.run({job.tree, job.raw, "-noappend", "-no-progress", "-no-recovery", "-no-fragments", "-no-xattrs",
               "-all-root", "-reproducible", "-mkfs-time", TIME, "-all-time", TIME, "-comp", "zstd",
               "-Xcompression-level", "9", "-sort", list},
@@ -50,7 +50,8 @@ void ZqSquashfsMaker::mark(const Job& job, std::vector<ZqBlockKind>* kinds) cons
     if (ZqRawReader::number(super, 0, 4) != 0x73717368) {
         throw SxException("'" + job.raw + "' holds no squashfs", UNIT, __LINE__);
     }
-    // The tables stand behind all content. A block that doesn't get smaller is stored as it is.
+    // The tables follow all content. Content that doesn't get smaller is stored as it is, so the early files
+    // take at most the sum of their sizes.
     const uint64 tables = ZqRawReader::number(super, 64, 8);
     uint64 early = SUPERBLOCK + OPTIONS;
     for (const SxFileInfo& info : SxFSAction::find(job.tree + "*")) {

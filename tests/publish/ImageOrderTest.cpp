@@ -120,7 +120,8 @@ TEST(ImageOrder, FrontThenTraceThenTheRest) {
     EXPECT_EQ(dir.read("watched/index/img.json"), dir.read("image/img.json"));
     EXPECT_EQ(dir.snapshot("watched/index").size(), 3U);
 
-    // With what the profile asks for, no read comes ahead of its block; and it asks for no byte too many.
+    // With what the profile asks for, no read comes before its block, and the profile asks for no byte too
+    // many.
     const ZqAppParams& profile = app;
     EXPECT_LE(profile.loadprofile.getSize(), 200);
     for (const double speed : {0.01, 0.5, 2.0, 20.0, 1000.0}) {

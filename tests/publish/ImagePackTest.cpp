@@ -21,7 +21,7 @@ std::string packImage(const TempDir& dir, int64 level = 3) {
     return failureOf(job);
 }
 
-/// What plain zstd makes of frames one behind the other.
+/// What plain zstd makes of frames one after the other.
 std::string decode(const std::string& packed, size_t size) {
     std::string bytes(size + 1, '\0');
     const size_t n = ZSTD_decompress(bytes.data(), bytes.size(), packed.data(), packed.size());

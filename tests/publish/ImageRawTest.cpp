@@ -45,7 +45,7 @@ TEST(ImageRaw, AnIncompleteImageIsRefused) {
              idx.replace(8, 8, std::string("\x14\0\0\0\0\0\0\0", 8));
              dir.write("image/img.idx", idx);
          },
-         "The entry of RAW block 1 is 20, behind the end of"},
+         "The entry of RAW block 1 is 20, beyond the end of"},
         {[](const TempDir& dir) { dir.write("image/patch.progress", ""); }, "patch"}};
     for (const auto& [prepare, says] : cases) {
         const TempDir dir;
