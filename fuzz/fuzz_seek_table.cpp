@@ -5,8 +5,8 @@
 #include <cstdlib>
 #include <cstring>
 
-// The seek table of img.zqf.zst: in a table that is taken the frames lie one behind the other within the
-// file. The input begins with the sizes of both forms.
+// The seek table of img.zqf.zst: in a table that is taken the frames lie one after the other within the file.
+// The input begins with the sizes of both forms.
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, size_t size) {
     uint64 sizes[2] = {0, 0};
     if (size < sizeof sizes) return 0;

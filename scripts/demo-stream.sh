@@ -85,7 +85,7 @@ play() {
     if ! cmp "$image/img.zqf" "$work/got-$name/img.zqf"; then fail 'what has arrived is another image'; fi
 }
 
-# A line of the table: the run $1 as what it is, $2, behind a download of so many milliseconds and bytes.
+# A line of the table: the run $1 as what it is, $2, after a download of so many milliseconds and bytes.
 row() {
     local name=$1 what=$2 downloaded_ms=$3 downloaded=$4 key
     local -A of=()
@@ -100,14 +100,14 @@ row() {
         "$(decimal $((of[bytesReceived] + downloaded)) 1000000)" "$(decimal "${of[bytesTwice]}" 1000000)"
 }
 
-# $1 / $2 with one digit behind the point.
+# $1 / $2 with one digit after the point.
 decimal() {
     printf '%.1f' "$(bc -l <<<"$1 / $2")"
 }
 
 printf '\nThe game: %s MB as an image, over a link of 20 Mbit/s and %s ms.\n' "$(decimal "$size" 1000000)" "$latency"
 
-step='the download ahead of the start'
+step='the download before the start'
 begin=$(date +%s%3N)
 mkdir "$work/got-download"
 for file in app.json img.json img.idx img.zqf; do

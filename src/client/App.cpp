@@ -120,8 +120,8 @@ const CLI::App* findSubcommand(const CLI::App* command, const std::string& name)
     return found.empty() ? nullptr : found.front();
 }
 
-/// The words of a command line. The parser would take a negative number for an
-/// option, so where one stands as an argument all arguments go behind a "--".
+/// The words of a command line. The parser would take a negative number for an option. So where one stands as
+/// an argument, all arguments are put after a "--".
 std::vector<std::string> parserWords(const CLI::App* command, int argc, char** argv) {
     std::vector<std::string> words, arguments;
     bool needsMark = false;
@@ -306,7 +306,7 @@ Verb Family::verb(const char* name, const char* help, const char* example) {
 }
 
 App::App() : root(std::make_unique<CLI::App>("Play a game while its disk image still downloads", "tavrin")) {
-    // Not more than one: a folder that is called like a command is an argument behind the verb.
+    // Not more than one: a folder that has the name of a command is an argument where it follows the verb.
     root->require_subcommand(0, 1);
     root->get_formatter()->label("SUBCOMMAND", "COMMAND");
     root->get_formatter()->label("Positionals", "Arguments");

@@ -91,7 +91,7 @@ public:
     Verb verb(const char* name, const char* help, const char* example);
     /// Parses the arguments of main(), runs the verb and gives the exit code.
     int run(int argc, char** argv);
-    /// What can stand in the place of the last of `words` (those behind the program's name): families, verbs,
+    /// What can stand in the place of the last of `words` (those after the program's name): families, verbs,
     /// options. Empty where a file name or a value is wanted.
     SxList<SxString> complete(const SxList<SxString>& words) const;
 

@@ -34,7 +34,7 @@ SxString earlyStartText(const ZqStartForecast& forecast) {
             (n == 1 ? SxString("once, ") : SxString(static_cast<uint64>(n)) + " times, ");
     text += (first.at > 0 ? "after " + inSeconds(first.at) : SxString("at its start")) + " for ";
     text += std::isinf(first.seconds) ? SxString("ever") : inSeconds(first.seconds);
-    // Behind a wait for ever there is none.
+    // After a wait for ever there is no other.
     if (n > 1 && !std::isinf(forecast.getTotalWait()))
         text += ", in all " + inSeconds(forecast.getTotalWait());
     return text;

@@ -198,7 +198,8 @@ void compareWithRaw(const VerifyOptions& options, Findings* findings, const Outp
     findings->notes << "img.raw: " + SxString(counters.nTotal) + " blocks, " + counters.nMapped +
                            " compared, digest " + counters.md5Raw;
     if (counters.nMissing > 0) {
-        findings->notes << "img.raw: blocks that aren't compared, since they lie behind the present end of "
+        // A missing block is no difference, so the verb goes by the blocks that are there.
+        findings->notes << "img.raw: blocks that aren't compared, since they lie beyond the present end of "
                            "img.zqf: " +
                                SxString(counters.nMissing);
     }
@@ -336,7 +337,7 @@ void registerImageVerbs(App* app) {
               "tavrin image map games/alpha --first 100 --last 200")
         .argument("IMAGE", &map->image, IMAGE_HELP)
         .number("--first", &map->first, 0, "Index of the first entry")
-        .number("--last", &map->last, 0, "Index behind the last entry; 0 is the end of the map")
+        .number("--last", &map->last, 0, "Index after that of the last entry; 0 is the end of the map")
         .number("--step", &map->step, 1, "Only entries whose index is a multiple of this")
         .flag("--reverse", &map->reverse, "List by ZqF index instead of RAW index")
         .action([map](Output& out) { return showMap(*map, out); });

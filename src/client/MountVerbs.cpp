@@ -44,7 +44,7 @@ uint64 presentBlocks(const SxString& folder, const ZqAppParams& app, const ZqIma
     // A file that is missing is told of by the mount.
     const SxFileInfo zqf(folder + ZqImageFiles::ZQF);
     const uint64 size = zqf.isFile() ? static_cast<uint64>(zqf.getSize()) : 0;
-    // What a power cut may have taken is there as little as what was never fetched.
+    // What a power cut may have taken counts as missing, as if it had never been fetched.
     const uint64 believed = ZqSyncedSize(folder + ZqImageFiles::ZQF).believed(size);
     const auto sizeRaw = static_cast<uint64>(params.sizeRaw);
     if (believed >= app.sizeZqf) return (sizeRaw + ZqBlocks::SIZE - 1) / ZqBlocks::SIZE;
@@ -54,7 +54,7 @@ uint64 presentBlocks(const SxString& folder, const ZqAppParams& app, const ZqIma
 void tellMount(const SxString& image, const SxString& verb, Output* out) {
     ZqDiskStatus disk;
     if (!ZqVolume::findDisk(image, &disk)) {
-        throw SxException("Image '" + image + "' is mounted no more", UNIT, __LINE__);
+        throw SxException("Image '" + image + "' is no longer mounted", UNIT, __LINE__);
     }
     if (out->getMode().json) {
         SxSymbol result;
@@ -77,8 +77,8 @@ constexpr int64 NOTICE_MS = 3000;
 }
 
 /// Whether the drive that the service tells of is there. One that somebody has unmounted goes within moments,
-/// and isn't mounted then; one that has failed otherwise, or lives where this process can't see it, is
-/// refused.
+/// and the image isn't mounted then. One that has failed otherwise, or lives where this process can't see it,
+/// is refused.
 bool requireSound(const SxString& image, ZqDiskStatus disk) {
     const auto isSound = [&] { return disk.failure.isEmpty() && ZqVolume::isVisible(disk); };
     if (isSound()) return true;
@@ -101,12 +101,12 @@ bool requireSound(const SxString& image, ZqDiskStatus disk) {
                       UNIT, __LINE__);
 }
 
-/// Takes away what a mount that was cut off has left; one that is under way is waited for. Gives whether the
-/// image is mounted.
+/// Takes away what a mount that was cut off has left. A mount that is under way is waited for. Gives whether
+/// the image is mounted.
 bool isMountedWhole(ZqMountMgr* manager, const SxString& image) {
     ZqDiskStatus disk;
     bool found = false;
-    // One that has ended and waits for its parent mounts nothing more.
+    // A process that has ended and waits for its parent mounts nothing.
     const auto isMounting = [&] {
         SxProcessInfo mounter;
         return SxProcessInfo::get(disk.mounterPid, &mounter) && mounter.isRunning();
@@ -169,14 +169,14 @@ int mount(const MountOptions& options, Output& out) {
         return ExitSuccess;
     }
     const SxString folder = ZqImageFolder::prefix(options.image);
-    // In the middle of one the records aren't there.
+    // In the middle of a replacement the records aren't there.
     ZqImageLock::finishReplacement(options.image);
     const ZqAppParams app(folder);
     const ZqImageParams params(folder);
     const ZqMountMgr::MountMode mode =
         options.mode.isEmpty() ? app.mountMode : ZqMountMgr::stringToMountMode(options.mode);
     manager.setAppParams(app);
-    // The mount would take the note of it away.
+    // The mount would take away the note of lost writes.
     bool lostWrites = false;
     manager.removeLeftovers(options.image, &lostWrites);
     if (lostWrites) Output::failure(lostWritesText(options.image));

@@ -61,7 +61,7 @@ int build(const BuildOptions& options, Output& out) {
              exactBytes(bytes) + SxString::sprintf(", in %.1f s.", seconds));
     out.text("A mount needs the first " + exactBytes(job.getSizeMnt()) + ".");
     if (!options.build.trace.isEmpty()) {
-        out.text("The trace gives the place of " + SxString(job.getNNamed()) + " blocks behind these.");
+        out.text("The trace gives the place of the next " + SxString(job.getNNamed()) + " blocks.");
     }
     if (job.getNSkipped() > 0) {
         out.text("Passed over " + SxString(job.getNSkipped()) +

@@ -38,7 +38,7 @@ SxString phaseText(ZqRun::Phase phase) {
     return TEXTS[static_cast<size_t>(phase)];
 }
 
-/// What stands ahead of the numbers of the progress line.
+/// What stands in front of the numbers of the progress line.
 SxString statusText(ZqRun::Phase phase, const ZqFeedStatus& status) {
     if (!status.waiting.isEmpty()) return status.waiting;
     SxString text = phaseText(phase);
@@ -142,7 +142,8 @@ void followRun(ZqRun* job, const SxString& image, const Output& out,
         Output::failure("A read or write of the drive of '" + image + "' has failed: " + failure);
 }
 
-/// What can't be written is no reason to keep back the other file, nor what has ended the run.
+/// Where one of the two files can't be written, the other one is written all the same, and what has ended the
+/// run is still told.
 void writeFiles(const ZqRun& job, const RunOptions& options) {
     SxList<SxException> failures;
     const auto attempt = [&](const SxString& file, const std::function<void()>& write) {
@@ -275,7 +276,7 @@ void registerRunVerbs(App* app) {
         .argument("IMAGE", &options.image, "Image folder; may be empty or absent at first")
         .text("--url", &options.url, "FOLDER_URL", "Where the image comes from; noted in IMAGE")
         .headers("--header", &options.headers, "Send this line with each request")
-        .flag("--now", &options.now, "Start at once, not only when the download is ahead far enough")
+        .flag("--now", &options.now, "Start at once, and don't wait until enough is downloaded")
         .number("--rate", &options.rate, 1, "Download with at most that many bytes a second")
         .flag("--keep-mounted", &options.keepMounted,
               "Complete the image when the application has ended, and leave the drive")

@@ -15,5 +15,5 @@ struct FedMount {
 /// `tell` is called once when the drive is up. Gives the exit code.
 int mountFed(const FedMount& mount, Output& out, const std::function<void()>& tell);
 
-/// A sentence on what went with a drive of the image that has gone before.
+/// A sentence on what may have been lost with an earlier drive of the image.
 SxString lostWritesText(const SxString& image);

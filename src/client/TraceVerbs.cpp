@@ -52,7 +52,7 @@ struct Items {
     int64 n = 0, nFlagged = 0;
 };
 
-/// The folder of a trace that is read, with its slash. What can be no trace is refused.
+/// The folder of a trace that is read, with its slash. Raises where its items can be no trace.
 SxString requireTrace(const SxString& trace) {
     SxString folder = ZqImageFolder::prefix(trace);
     const Items items(folder);
@@ -396,7 +396,7 @@ void registerEditVerbs(Family* family) {
         .argument("TRACE", &edit->trace, TRACE_HELP)
         .action([edit](Output& out) { return mend(*edit, out); });
     family
-        ->verb("append", "Put one trace behind another",
+        ->verb("append", "Put one trace after another",
                "tavrin trace append traces/run1 traces/run2 both --gap 5")
         .argument("TRACE", &edit->trace, TRACE_HELP)
         .argument("OTHER", &edit->other, "Trace that follows")

@@ -451,7 +451,7 @@ TEST_F(ClientTest, verifyComparesWithTheRawImage) {
     dir.write("image/" + ZQF, bytes.substr(0, 3 * 4096));
     const Outcome partial = run(words);
     EXPECT_EQ(partial.code, 0) << partial.err;
-    EXPECT_THAT(partial.out, HasSubstr("behind the present end of img.zqf: 1"));
+    EXPECT_THAT(partial.out, HasSubstr("beyond the present end of img.zqf: 1"));
     dir.write("image/" + ZQF, bytes.substr(0, 4096) + string(2 * 4096, 'x'));
     const Outcome wrong = run(words, {"--quiet"});
     EXPECT_EQ(wrong.code, 1);
@@ -496,7 +496,7 @@ TEST_F(ClientTest, completionOffersWhatCanStandThere) {
         {{"image", "map", "--step=4", "--la"}, "--last\n"},
         {{"image", "info", ""}, ""},                // a file
         {{"image", "info", "--", "--js"}, ""},      // a file too
-        {{"content", "create", "image", "sp"}, ""}, // behind a verb nothing is a family
+        {{"content", "create", "image", "sp"}, ""}, // after a verb nothing is a family
         {{"__comp"}, ""},
     };
     for (const auto& [typed, candidates] : cases) {

@@ -22,7 +22,7 @@ protected:
     }
     std::string image() const { return dir.exists(IMAGE) ? dir.read(IMAGE) : std::string(); }
     uint64 noted() const { return dir.exists(NOTE) ? std::stoull(dir.read(NOTE)) : 0; }
-    /// Writes on, until the end, or until the power fails or the writer is killed.
+    /// Goes on writing until the end, or until the power fails or the writer is killed.
     void download(bool isKilled) {
         ZqFWriter writer(folder, "img.zqf");
         const std::string believed = image();

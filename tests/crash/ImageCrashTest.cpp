@@ -393,7 +393,7 @@ protected:
         if (GetParam().failing) os.failNth(Op::Write, 2, ENOSPC, "img.zqf");
     }
 
-    /// Runs the job in a child that is killed ahead of that durable step; gives whether it was.
+    /// Runs the job in a child that is killed before that durable step; gives whether it was.
     static bool killAt(int64 step, const TempDir& dir) {
         const pid_t child = ::fork();
         if (child == 0) {

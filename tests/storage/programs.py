@@ -224,7 +224,7 @@ def fio(job, drive, seed):
     """Writes over a file of the image, and makes another one in its free room; both are verified by fio's own sums."""
     files = drive.mount()
     words = ["fio", "--output-format=json", f"--size={ROOM_SIZE}", f"--randseed={seed}", "--fallocate=none"]
-    words += ["--verify_state_save=0"]  # else it leaves files in the folder where it was started
+    words += ["--verify_state_save=0"]  # otherwise it leaves files in the folder where it was started
     words += [*FIO[job], "--verify=crc32c", "--verify_fatal=1", f"--directory={files}"]
     words += [f"--name={ROOM}", f"--filename={ROOM}", "--name=new", "--filename=new"]
     told = run(*words, "--do_verify=1")
