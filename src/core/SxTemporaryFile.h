@@ -4,9 +4,10 @@
 
 #include <string>
 
-/// A new file under a name of its own beside `path`, for what is to become that file. As long as the object
-/// lives, a lock on the file tells others that its writer lives. So the writer opens this file by its path,
-/// and makes no other in its place. The destructor removes it unless commit() was called. One thread.
+/// A new file under a name of its own beside `path`, for what is to become that file. The name keeps two
+/// writers of one file from renaming each other's half. As long as the object lives, a lock on the file tells
+/// others that its writer lives. So the writer opens this file by its path, and makes no other in its place.
+/// The destructor removes it unless commit() was called. One thread.
 class SxTemporaryFile {
 public:
     /// Makes the file, empty, and removes what writers of `path` have left that have ended. Raises, naming

@@ -57,7 +57,9 @@ void refuseBeside(const SxString& image, const SxProcessGroup& group) {
 
 } // namespace
 
-/// Takes the samples of the run's series until it is ended.
+/// Takes the samples of the run's series until it is ended. It has a thread of its own and asks the feed,
+/// never the drive service: a call of the service could hold up the run's end. The drive's cursor follows the
+/// file within 10 ms, so the line of the file's size is that of the cursor, too.
 class ZqRun::Sampler : public SxSystemThread {
 public:
     explicit Sampler(ZqRun* run_) : run(run_) { setThreadName("samples"); }

@@ -41,6 +41,7 @@ ZqStartForecast::ZqStartForecast(const ZqAppParams& app, double speedMbit, uint6
 
 void ZqStartForecast::addWaits(const ZqAppParams& app, double bytesPerSecond, uint64 nAtStart) {
     if (nAtStart >= app.sizeZqf) return;
+    // An application that waits doesn't go on, so what comes meanwhile counts for what it needs later.
     double waited = 0;
     bool isWaiting = false;
     for (const ZqLoadProfilePoint& point : app.loadprofile) {
