@@ -17,6 +17,7 @@
 namespace {
 
 constexpr const char* UNIT = "src/core/SxProcess";
+// Exit codes as shells count them: 128 + n where signal n ended a process, 127 where it wasn't run.
 constexpr int SIGNAL_BASE = 128;
 constexpr int NOT_EXECUTED = 127;
 

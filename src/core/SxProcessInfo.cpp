@@ -10,7 +10,9 @@
 
 namespace {
 
+/// In bytes, more than the file `stat` of a process has.
 constexpr int64 MAX_STAT = 4096;
+/// A process that signal n has ended counts as 128 + n, as for shells.
 constexpr int SIGNAL_BASE = 128;
 // Numbers of the fields in proc(5).
 constexpr int FIRST_NUMBER = 4, GROUP = 5, START_TIME = 22, EXIT_CODE = 52;

@@ -14,8 +14,8 @@
 namespace {
 
 constexpr const char* UNIT = "src/core/SxSymbol";
-constexpr double EXACT_DOUBLE = 9007199254740992.0;
-constexpr size_t WIDE = 16; // elements from which on an object's keys are indexed
+constexpr double EXACT_DOUBLE = 9007199254740992.0; // 2^53: below, a double holds every whole number
+constexpr size_t WIDE = 16;                         // elements from which on an object's keys are indexed
 
 struct Digits {
     std::string text;

@@ -9,7 +9,7 @@
 namespace {
 
 constexpr const char* UNIT = "src/core/SxTimer";
-constexpr int N_GLOBAL_TIMERS = 64;
+constexpr int N_GLOBAL_TIMERS = 64; // at first; names beyond make room
 
 /// Which enumeration has which ids.
 class IdSpaces {

@@ -6,7 +6,7 @@
 #include <limits>
 
 namespace {
-constexpr uint64 PART = 10; ///< one of so many parts of the free room is left
+constexpr uint64 PART = 10; ///< a tenth of the free room is left
 
 uint64 freeOn(const SxString& folder) {
     return static_cast<uint64>(SxFSAction::freeSpace(folder));

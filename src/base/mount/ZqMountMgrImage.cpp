@@ -20,8 +20,8 @@
 namespace {
 
 constexpr const char* UNIT = "src/base/ZqMountMgr";
-constexpr int BLOCK_SHIFT = 12;
-constexpr int64 CACHE_UNIT = 1'000'000;
+constexpr int BLOCK_SHIFT = 12;         ///< a block has 4096 bytes
+constexpr int64 CACHE_UNIT = 1'000'000; ///< bytes of one unit of `cacheSize` in app.json
 
 /// A launcher would have to be set up for the application, and restored after it.
 void refuseLaunchers(const SxString& image, const SxList<SxString>& access) {

@@ -77,7 +77,7 @@ void readProfile(const SxSymbol& root, ZqAppParams* record) {
 void readRest(const SxSymbol& root, ZqAppParams* record) {
     const SxSymbol preload = root.getElem("preload", false);
     if (preload.isValid()) {
-        // Both names are about: the first is the record's, the second the one that is written.
+        // Both names are in use: write() gives the first, and the second counts where both are there.
         ZqRecordFile::get(preload, "minPreloadMB", &record->minPreload);
         ZqRecordFile::get(preload, "minPreload", &record->minPreload);
         ZqRecordFile::get(preload, "minBandwidth", &record->minBandwidth);

@@ -19,6 +19,7 @@ namespace {
 
 constexpr const char* UNIT = "src/platform/util/ZqArchive7z";
 constexpr int64 CHUNK = 1 << 20;
+/// Most entries that are taken: all their names are kept in memory.
 constexpr int64 MAX_ENTRIES = 1'000'000;
 /// The staging folder; no entry may be called so.
 constexpr const char* STAGING = ".unpacking";

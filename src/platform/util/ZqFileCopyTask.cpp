@@ -12,8 +12,8 @@
 namespace {
 
 constexpr const char* UNIT = "src/platform/util/ZqFileCopyTask";
-constexpr int64 BATCH = 4 << 20;
-/// Of one batch, whatever its bytes: bounds the memory of lists of tiny ranges.
+constexpr int64 BATCH = 4 << 20; ///< bytes
+/// Most segments of one batch, however few bytes they have: bounds the memory of lists of tiny ranges.
 constexpr size_t MAX_SEGMENTS = 4096;
 /// After so many bytes the device is put to work, so that the sync at the end is short.
 constexpr int64 WRITEBACK_STEP = 32 << 20;

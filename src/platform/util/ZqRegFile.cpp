@@ -12,6 +12,7 @@ constexpr const char* UNIT = "src/platform/util/ZqRegFile";
 constexpr std::string_view HEADER = "WINE REGISTRY Version 2";
 constexpr std::string_view ARCH_BEGIN = "#arch=", LINK = "#link";
 constexpr const char16_t* LINK_NAME = u"SymbolicLinkValue";
+/// More links one after the other count as a circle.
 constexpr int MAX_LINKS = 16;
 constexpr int64 MS_1601_TO_1970 = 11'644'473'600'000;
 

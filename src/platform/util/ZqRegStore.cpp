@@ -17,7 +17,9 @@ namespace {
 constexpr const char* UNIT = "src/platform/util/ZqRegStore";
 /// Largest registry file that is taken, in bytes. That of a new prefix has 1.7 MB.
 constexpr int64 MAX_FILE = 64 << 20;
+/// Longest part of a key's path that the Windows registry has, in UTF-16 units.
 constexpr size_t MAX_PART = 255;
+/// So many times an edit of the files is made anew because a server has begun meanwhile.
 constexpr int MAX_ATTEMPTS = 3;
 constexpr const char* LOCK_FILE = "/tavrin-registry.lock";
 constexpr const char16_t* WOW_NODE = u"Wow6432Node";

@@ -18,6 +18,7 @@ constexpr std::array<uint32, TYPE_TEXTS.size()> TYPE_NUMBERS{ZqRegData::Text,   
                                                              ZqRegData::Qword,     ZqRegData::ExpandText,
                                                              ZqRegData::MultiText, ZqRegData::Binary};
 constexpr const char* DRIVE_WORD = "{{ZQDRIVE}}";
+/// Longest name of a value that the Windows registry has, in UTF-16 units.
 constexpr size_t MAX_NAME = 16383;
 
 std::string numberBytes(const SxString& text, size_t n) {
