@@ -217,7 +217,7 @@ int ZqCoreAppGuard::followNamed() {
         applicationFlag = false;
         if (application.isOpen()) code = exitCodeOf(application);
     }
-    // That of the command itself is taken in with it.
+    // The end of the command itself is taken in by its own wait().
     if (application.getId() != process->getId()) application.reap();
     awaitProcess();
     if (!process->isRunning()) process->wait();

@@ -324,7 +324,8 @@ void ZqCoreUnderflowMgr::main() {
     } catch (const SxException& e) {
         zqLogMsg("base", MAIN + e.toString(3, "\n"));
     }
-    // With a stop, or the drive, it ends as well. After a failure, or a restart, the read may still be held.
+    // An underflow ends with a stop, and with the drive. After a failure, or a restart, the read may still be
+    // held.
     if (!hasFailed) {
         entered = false;
         underflowFlag = false;
@@ -351,7 +352,8 @@ void ZqCoreUnderflowMgr::watchUnderflows() {
 }
 
 void ZqCoreUnderflowMgr::setUp() {
-    // A window that was taken away must be known until it is back, and what is open until it is over.
+    // A window that was taken away must be known until it is back, and an underflow that is open until it is
+    // over.
     if (!entered && !takenAway) {
         appWindow = 0;
         minimizedFlag = false;
@@ -400,7 +402,7 @@ void ZqCoreUnderflowMgr::awaitFirstUnderflow() {
             checkInstantUnderflow();
             return;
         }
-        // One that was open when the last job ended is over.
+        // An underflow that was open when the last job ended is over.
         timeUnderflow();
         underflowFlag = false;
         SxTime::msleep(pollMs);
@@ -414,7 +416,7 @@ void ZqCoreUnderflowMgr::turn(Watch* watch) {
     } else if (!isMinimized()) {
         const bool isNoted = instantMs != 0;
         lookAtWindow(watch);
-        // It has met an underflow that lasts, which the next turn takes over.
+        // The search has met an underflow that lasts, which the next turn takes over.
         if (!isNoted && instantMs != 0) return;
     }
     // Asked before anything is fetched: a pass would find nothing to fetch then, and wait.
@@ -423,7 +425,7 @@ void ZqCoreUnderflowMgr::turn(Watch* watch) {
     } else if (underflow && canFetch()) {
         underflow = !onDemand();
         if (stopRequested()) return;
-        // One that was counted has more to be undone than a turn's.
+        // An underflow that was counted has more to be undone than a turn's own.
         if (!entered) watch->resolved = !underflow;
     }
     if (!underflow) {
@@ -465,7 +467,7 @@ bool ZqCoreUnderflowMgr::enterUnderflow() {
     zqLogMsg("base", SxString(MAIN) + "Underflow for block " + (resumeIdx >> 12) +
                          " detected. ETA : " + getUnderflowETA());
     if (appParams.suspendDrive) {
-        // One whose answer didn't come may have been done.
+        // A call whose answer didn't come may have suspended it all the same.
         driveSuspended = true;
         patiently([this] { mountMgr.suspend(path); });
     }

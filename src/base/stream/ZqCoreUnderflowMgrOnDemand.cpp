@@ -446,9 +446,9 @@ int64 ZqCoreUnderflowMgr::deliverFetches(const Pass& pass, const ZqODRDownloader
             continue;
         }
         fetch->wait();
-        // What the drive has refused goes, too: it is kept elsewhere.
+        // What the drive has refused is dropped here, too: the network's side keeps it.
         at = fetches.erase(at);
-        // The same one may have come in the other way.
+        // The same stretch may have come in the other way, apart from the ordered download or not.
         const int64* deliveredAt = deliveredMs.findPos(fetch->offset);
         if (deliveredAt && *deliveredAt >= fetch->beginMs && !wants.containsKey(fetch->offset)) continue;
         noteFailed(fetch->offset);

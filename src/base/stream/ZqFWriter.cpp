@@ -412,7 +412,7 @@ void ZqFWriter::freePiece(uint64 offset) {
             bytesHeld -= static_cast<uint64>(place->second->getSize());
             chunks.erase(place);
         }
-        // One that has taken its place since would be counted, and never be given.
+        // A chunk that has taken its place since would be counted, and never be given.
         chunkSizes.erase(offset);
     }
     const SxString path = chunkPath(offset);
@@ -421,7 +421,7 @@ void ZqFWriter::freePiece(uint64 offset) {
             if (SxFSAction::exists(path)) SxFSAction::rm(path);
             done = true;
         } catch (const SxException&) {
-            // Another program has it open, or the disk is away for a moment.
+            // Another program has the file open, or the disk is away for a moment.
             SxWait::pass(RETRY_MS, [this] { return stopRequested(); });
         }
     }

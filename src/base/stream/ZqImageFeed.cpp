@@ -196,7 +196,7 @@ SxPtr<ZqRemoteImage> ZqImageFeed::makeImage(const SxPtr<ZqNetLink>& of) const {
     of->setRateLimit(static_cast<double>(settings.rateLimit));
     auto made = SxPtr<ZqRemoteImage>::create(of, url, app.sizeZqf, settings.headers, ZqRemoteImage::MAX_KEPT,
                                              app.checksumZqf);
-    // It may be asked for longer than this lives.
+    // The test may be called after this object's end.
     made->setSameTest([weak = std::weak_ptr<ZqNetLink>(of.shared()), folder = settings.image, address = url,
                        headers = settings.headers, own = app](const ZqStopTest& stop) {
         const SxPtr<ZqNetLink> still(weak.lock());

@@ -52,7 +52,7 @@ void ZqImageFeed::verifyDigest() {
         digest = readDigest();
     }
     checking = false;
-    // What was cut off here, the next run makes up for.
+    // A check that was cut off is made up for by the next run.
     const bool isRight = digest == app.checksumZqf;
     if (digest.isEmpty() || (stopping && !isRight)) return;
     if (!isRight && hasProgramsWrites()) {
@@ -71,7 +71,7 @@ void ZqImageFeed::verifyDigest() {
     verified = true;
     removeStore();
     try {
-        // It was synced.
+        // readDigest() has synced it.
         ZqSyncedSize(filePath(ZqImageFiles::ZQF)).noteComplete(nChecked);
         ZqStreamRecord::update(settings.image, [&](ZqStreamRecord* record) {
             record->verified = digest;

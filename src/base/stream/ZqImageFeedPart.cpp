@@ -45,7 +45,7 @@ bool isMounted(const SxString& image) {
         ZqDiskStatus disk;
         return ZqVolume::findDisk(image, &disk);
     } catch (const SxException&) {
-        // A service that is silent may have it.
+        // A service that is silent may have it mounted.
         return true;
     }
 }
@@ -70,7 +70,7 @@ void ZqImageFeed::cutSurplus(const ZqStreamRecord& record, const ZqStopTest& sto
         if (!ZqSyncedSize(zqf.getOrig()).isWholeImage(own.sizeZqf, stop)) cutTo(left);
     } catch (const SxException& e) {
         if (e.hasTag(SxException::STOPPED)) throw;
-        // Its digest tells.
+        // The comparison with its digest tells later.
         zqLogMsg("base", "ZqImageFeed: " + e.toString(SxException::ShowMessage, ": "));
     }
 }

@@ -37,7 +37,7 @@ int64 fileSize(const SxString& path) {
 
 /// Whether the two records are of the same version and block order.
 bool areSame(const ZqAppParams& own, const ZqAppParams& server) {
-    // Either may have come without that one, which says nothing then.
+    // Either record may state no digest of `img.zqf`, which says nothing then.
     const bool areZqfsStated = !own.checksumZqf.isEmpty() && !server.checksumZqf.isEmpty();
     return own.sizeZqf == server.sizeZqf && own.checksumMnt == server.checksumMnt &&
            own.checksumIdx == server.checksumIdx && (!areZqfsStated || own.checksumZqf == server.checksumZqf);
@@ -195,7 +195,7 @@ ZqAppParams ZqImageRecords::fetchApp(bool mayPlay, bool* isConfirmed, const ZqSt
         requireSame(own, server);
         return own;
     }
-    // Those of another image would be taken for this one's, since no digest of them is known.
+    // Records of another image would be taken for this one's, since no digest of them is known.
     for (const char* name : {ZqImageFiles::IMAGE_JSON, ZqImageFiles::IDX_MD5}) {
         if (SxFSAction::exists(folder + name)) SxFSAction::rm(folder + name);
     }

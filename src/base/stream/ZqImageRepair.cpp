@@ -21,7 +21,8 @@ constexpr int64 MOST_PAUSES = 8;
 /// What a stretch may take before the others have their turn. It doubles with each go, so that on a slow link
 /// the later ones are long enough.
 constexpr int64 FIRST_LIMIT_MS = ZqImageRepair::TRY_MS, MAX_LIMIT_MS = 32 * FIRST_LIMIT_MS;
-/// Failures one after the other that aren't those of a few stretches.
+/// After so many failures one after the other the rest waits for the next go: they aren't those of a few
+/// stretches.
 constexpr int MAX_FAILED = 3;
 } // namespace
 
