@@ -10,6 +10,8 @@
 /// isn't what `app.json` says.
 class ZqImagePack : public ZqTaskMon {
 public:
+    /// Higher levels gain by long distances, which a frame of 200 KB doesn't have: beyond 17 they save 0.15 %
+    /// of a game's image, and take half as much time again.
     static constexpr int64 DEFAULT_LEVEL = 17;
     static int64 getMaxLevel();
 
