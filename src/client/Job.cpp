@@ -17,7 +17,8 @@ constexpr int64 POLL_MS = 100;
 std::atomic<bool> stopAsked = false;
 static_assert(std::atomic<bool>::is_always_lock_free, "set in a signal handler");
 
-/// The failure that a stop is shown as; any but that of the stop itself happened on the way out.
+/// The failure that a stop is shown as. Where the job has failed by anything but the stop itself, that
+/// happened while it ended, and is told as the cause.
 SxException stopped(const ZqTaskMon& job) {
     const SxException plain("stopped", UNIT, __LINE__);
     const SxException failure = job.getException();

@@ -12,7 +12,7 @@
 namespace {
 constexpr int64 PLAIN_INTERVAL_NS = 2'000'000'000;
 constexpr int64 MIN_BAR = 10, MAX_BAR = 40;
-/// Columns of a line that isn't drawn, at least, and those of its numbers at most.
+/// A line that isn't drawn has at least so many columns; its numbers take at most so many.
 constexpr int64 PLAIN_WIDTH = 79, NUMBERS_WIDTH = 68;
 constexpr double SMOOTHING_SECONDS = 3;
 

@@ -136,7 +136,7 @@ void followRun(ZqRun* job, const SxString& image, const Output& out,
     progress.finish();
     job->wait();
     if (!toldLoss && job->hasLostWrites()) Output::failure(lostWritesText(image));
-    // Where it isn't the run's own failure.
+    // Told here where it isn't what has ended the run.
     const SxString failure = job->getResult().driveFailure;
     if (!failure.isEmpty() && job->hasException() && !job->getException().hasTag(ZqRun::DRIVE_FAILED))
         Output::failure("A read or write of the drive of '" + image + "' has failed: " + failure);

@@ -204,7 +204,8 @@ void ZqExt4Maker::fixInodes(const Job& job) const {
     const SxString log = job.scratch + "debugfs.log";
     debugfs.run({"-w", "-f", script, job.raw}, {SxString("E2FSPROGS_FAKE_TIME=") + TIME}, log, *job.monitor,
                 job.look);
-    // It goes on, and ends with 0, where a command fails; all it says otherwise is its version.
+    // Where a command fails, debugfs goes on and ends with 0. Where none fails, it says nothing but its
+    // version.
     const SxList<SxString> said = SxFileIO::readLines(log, 0);
     for (const SxString& line : said) {
         if (!line.startsWith("debugfs ") && !line.isEmpty()) {

@@ -243,7 +243,8 @@ void ZqImageBuild::main() {
     nFolders = tree.count(SxStat::Dir);
     nLinks = tree.count(SxStat::Link);
     nSkipped = tree.getNSkipped();
-    // As a rule a slip, such as a build that failed before this one; it mustn't cost a good image.
+    // Such a folder is as a rule a slip, for instance what a build that failed has left. It mustn't cost a
+    // good image.
     if (nFiles == 0) {
         throw SxException("The folder '" + source + "' holds no file to make a drive of", UNIT, __LINE__);
     }

@@ -11,7 +11,7 @@
 /// up, and notes how far that is. For the writer's thread alone. Sizes are in bytes.
 class ZqFileSync {
 public:
-    /// A sync begins when so much, or so long, has come since the last.
+    /// A sync begins once so many bytes have come since the last one, or that is so long ago.
     static constexpr uint64 MAX_BYTES = 64 << 20;
     static constexpr int64 MAX_NS = 10'000'000'000;
 
@@ -22,8 +22,8 @@ public:
 
     /// Before the first write to the file, which has `size` bytes. Raises where that can't be noted.
     void begin(uint64 size);
-    /// The file has `size` bytes now. Begins a sync where one is due, and never waits for it. Costs nothing
-    /// where none is, so it may be called at any time.
+    /// The file has `size` bytes now. Begins a sync where one is due, and never waits for it. Where none is
+    /// due the call costs nothing, so it may come at any time.
     void look(uint64 size);
     /// Syncs what is left, and waits for that.
     void finish(uint64 size);

@@ -75,7 +75,7 @@ ZqImageStaging::ZqImageStaging(const SxString& target_, const SxString& job, boo
       folder(target_),
       lock(ZqImageLock::take(target_, ZqImageLock::Shape, ZqImageLock::Exclusive, job)),
       mayDiscard(mayDiscard_) {
-    // Better now than after all the work.
+    // What would be lost is better told now than after all the work.
     const Gathered gathered(target);
     if (gathered.buildId.isEmpty()) findKept(gathered.buildId);
 }
@@ -123,7 +123,7 @@ SxList<SxString> ZqImageStaging::findKept(const SxString& buildId) const {
 void ZqImageStaging::commit(const SxString& buildId) {
     const SxList<SxString> kept = findKept(buildId);
     folder.sync();
-    // Where that can't be told afterwards, nothing may be removed.
+    // Set before the step: where nobody can tell afterwards whether it was done, nothing may be removed.
     begun = true;
     try {
         ZqImageReplacement::begin(target, kept);

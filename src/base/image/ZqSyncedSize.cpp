@@ -18,7 +18,8 @@ constexpr const char* UNIT = "src/base/ZqSyncedSize";
 constexpr const char* UNKNOWN = "-"; ///< begins the id of a machine that tells none
 constexpr const char* LOST = "lost";
 
-/// All that is known where the machine tells nothing is that it runs since this process does.
+/// The id of the machine's start. Where the machine tells none, only this is known: it hasn't started again
+/// since this process began.
 std::string startId() {
     static const std::string ofProcess =
         UNKNOWN + std::to_string(SxClock::get().systemMs()) + "." + std::to_string(SxClock::get().steadyNs());
@@ -79,7 +80,7 @@ uint64 ZqSyncedSize::believed(uint64 size, const std::function<bool()>& stop) co
         SxFileIO(file, "rb").sync();
         note(size);
     } catch (const SxException& e) {
-        // Then the next one reads it, too.
+        // Then the next process reads the whole file, too.
         zqLogMsg("base", "ZqSyncedSize: " + e.toString(SxException::ShowMessage, ": "));
     }
     return size;
@@ -105,7 +106,7 @@ uint64 ZqSyncedSize::cutBack(const std::function<bool()>& stop) const {
 void ZqSyncedSize::begin(uint64 size) const {
     const Note old = read();
     if (old.exists && old.isOfThisStart() && old.size <= size) return;
-    // What is there may be as new as what will follow.
+    // What is there already may not be on the device, either.
     SxFileIO(file, "rb").sync();
     note(size);
 }

@@ -52,7 +52,8 @@ void ZqRunTraces::add(const SxString& path, int64 nMost) {
                                  ? entries.size() - static_cast<size_t>(nMost)
                                  : 0;
         const auto firstKept = entries.begin() + static_cast<std::ptrdiff_t>(nOver);
-        // First: a folder that is gone is passed over, one that isn't noted would stay.
+        // Before the note is written: a folder that is noted and gone is passed over, but one that is there
+        // and not noted would stay for good.
         for (auto entry = entries.begin(); entry != firstKept; ++entry)
             remove(entry->name);
         write({firstKept, entries.end()});

@@ -185,7 +185,7 @@ SxPtr<ZqTrace::Items> ZqTrace::getItems(const SxString& path, bool unique, bool 
         const int64 n = trc.getSize() / SIZE;
         SxPtr<Items> result = makeRoom(n, file);
         filter(readIntoRoom(&trc, n, result.getPtr()), n, unflagged, flagged, result.getPtr());
-        // Much that was dropped would hold on to much memory.
+        // Where many items were dropped, the array would keep much memory for nothing.
         if (result->getSize() < n / 2) *result = Items(*result);
         return result;
     } catch (const SxException& e) {

@@ -183,8 +183,8 @@ void ZqTraceBuilder::sweep() {
     try {
         lock = ZqImageLock::take(imagePath, ZqImageLock::Shape, ZqImageLock::Exclusive, "trace build");
     } catch (const SxException& e) {
-        // It names the process that works with the image, and at what: a drive of another machine root is
-        // only one of those that may.
+        // The failure names the process that works with the image, and at what. It may be a drive of another
+        // machine root, which isMounted() doesn't know, or any other job.
         return giveUp(e.what());
     }
     if (!SxFSAction::test_d(tracesPath)) return giveUp("Cannot find " + tracesPath);
@@ -260,7 +260,7 @@ void ZqTraceBuilder::readRecords(std::vector<Run>* runs) {
                 continue;
             }
         }
-        // A record that could be read isn't empty.
+        // A record that could be read isn't empty, so only the items are left to be looked at.
         if (run.record && SxFSAction::sizeOf(run.path + ZqTraceFiles::ITEMS) > 0) continue;
         log("Corrupted trace " + run.path);
         run.fate = Run::Damaged;

@@ -59,7 +59,7 @@ int64 removeHoles(const SxString& path) {
         throw SxException("'" + file + "' holds " + what + ": there is nothing to mend, and the trace can go",
                           UNIT, __LINE__);
     }
-    // Else the file stays as it is, to the last digit.
+    // Without zeros the file isn't written anew: that would cut its times to milliseconds.
     if (nSound < nAll)
         ZqTraceRecords::replace(path, [&](ZqTraceRecords::Writer* out) {
             walk([&](const ZqTraceItem& item) { out->put(item); });
@@ -77,7 +77,7 @@ void ZqTrace::trim() {
         const int64 n = loaded->getSize();
         SxIndexSet seen(n);
         keepOnly(loaded.getPtr(), [&](const ZqTraceItem& item) { return seen.insert(item.block); });
-        // Much that was dropped would hold on to much memory.
+        // Where many items were dropped, the array would keep much memory for nothing.
         if (loaded->getSize() < n / 2) *loaded = Items(*loaded);
     } catch (const SxException& e) {
         throw SxException(e, "Failed to trim trace items", UNIT, __LINE__);

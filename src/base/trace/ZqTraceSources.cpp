@@ -156,7 +156,7 @@ void ZqTraceSources::putInPlace(const SxString& tracesPath, const SxString& name
 bool ZqTraceSources::isAsNoted(const SxString& tracesPath, const Folder& noted) {
     if (ZqTraceRecords::isRecording(tracesPath + noted.name + "/")) return false;
     const Folder now = look(tracesPath, noted.name);
-    // A removal that was cut off took one of the files.
+    // Where one of the files is missing, a removal that was cut off has taken it.
     return (now.record.isEmpty() || now.record == noted.record) && (now.size < 0 || now.size == noted.size);
 }
 
