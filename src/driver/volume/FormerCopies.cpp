@@ -101,7 +101,7 @@ private:
     void move(const std::string& from, const Path& path) {
         const std::string to = makeFolders({path.begin(), path.end() - 1}) + "/" + path.back();
         std::string free = to;
-        // Nothing is replaced, whoever has put it there.
+        // What has that name already is never replaced, whoever has put it there.
         for (int i = 2; kindOf(free) != Kind::Missing; ++i)
             free = to + "." + std::to_string(i);
         if (::rename(from.c_str(), free.c_str()) != 0) {
@@ -168,7 +168,8 @@ void FormerCopies::move(const std::string& onVolume, const Path& inPrivate, cons
 
 void FormerCopies::finish() {
     if (version.empty() || known) return;
-    if (due) { // also what was moved before a cut
+    // A mount that was killed may have moved names, too, which aren't on the disk yet.
+    if (due) {
         const int fd = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
         const bool synced = fd >= 0 && ::syncfs(fd) == 0;
         const int error = errno;

@@ -5,12 +5,14 @@
 
 /// What an overlay's upper layer holds beside the redirected names: files that the game wrote in a folder of
 /// its drive, and marks of what it removed. They were made on one version of the image, and would hide what
-/// the next one brings. At the first mount of another version those that hide something move into a dated
-/// folder. Nothing is deleted: they may be saved games, which the game wrote where nobody expected them.
+/// the next one brings, as a patch's files. At the first mount of another version the files that the volume
+/// has, too, and all marks move into a dated folder beside the private side's protected folder. Redirected
+/// names stay, and those that the volume lacks. Nothing is deleted: what moves may be saved games, which the
+/// game wrote where nobody expected them.
 ///
 /// A note beside the private side's folder tells the version. It names the dated folder before the first name
-/// moves, so that what was cut off is gone on with. For one thread, of a process that has the private side to
-/// itself and no overlay on it.
+/// moves, so that the next mount goes on where a killed one was cut off. For one thread, of a process that
+/// has the private side to itself and no overlay on it.
 class FormerCopies {
 public:
     using Path = std::vector<std::string>;
@@ -19,8 +21,8 @@ public:
     /// the image apart; where it is empty nothing is moved. Raises where a note can't be read.
     FormerCopies(const std::string& folder, const std::string& version);
 
-    /// Whether the next move() and finish() are due. Without a note there is nothing to compare with: what
-    /// is there stays.
+    /// Whether the next move() and finish() are due. Without a note, as earlier versions of this system leave
+    /// a private side, nothing is moved: nobody knows whether the version is new.
     bool isDue() const { return due; }
     /// Notes what is going to be done. Before the first move().
     void begin();

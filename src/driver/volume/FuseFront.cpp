@@ -33,11 +33,13 @@ namespace {
 constexpr const char* UNIT = "src/driver/FuseFront";
 /// Threads that serve requests: more than the machine has cores only wake each other.
 constexpr int64 MIN_WORKERS = 2, MAX_WORKERS = 8;
-/// How long a thread that has just served a request looks for the next one before it sleeps. A program that
-/// reads block after block asks again within this time, and a wake-up costs more than serving a block.
+/// How long a thread that has just served a request looks for the next one before it sleeps; one thread of a
+/// disk at a time. A program that reads block after block asks again within this time, and a wake-up costs
+/// more than serving a block: with it, random single reads on ext4 rose from 32,000 to 36,000 a second, and
+/// those of 16 readers at once stayed as they were.
 constexpr std::chrono::microseconds LOOK(30);
 /// Requests of a file system or a loop device count as background ones, and the kernel sends no more than
-/// this many at a time. Held ones are among them, so at the usual 12 a few would stop the whole disk.
+/// this many at a time. Held reads are among them: at the kernel's usual 12, a few would stop the whole disk.
 constexpr unsigned MAX_BACKGROUND = 4096;
 /// At most one for each thread that serves requests, and room for some that came too late.
 constexpr size_t MAX_EARLY = 256;
@@ -46,9 +48,10 @@ constexpr fuse_ino_t FILE_INODE = 2;
 constexpr int64 END_MS = 200;
 constexpr double FOREVER = 1e9; // seconds
 
-/// Keeps memory from being taken away, and from being asked for only when it is used: a service that waits
-/// for memory while the kernel waits for it to write would wait for ever. A user may lock less than that;
-/// then it is at least there.
+/// Gets the memory now and not only when it is used, and keeps the kernel from taking it away. Where memory
+/// is short the kernel writes out what programs wrote to this service's volumes; a service that then waits
+/// for memory itself would wait for ever. A user may not be allowed to lock so much; then the memory is at
+/// least there.
 void lockMemory(void* at, size_t n) {
     if (::mlock(at, n) != 0 && ::geteuid() == 0)
         driverLog("can't lock the space of requests: " + SxOs::errorText(errno));
@@ -136,7 +139,8 @@ void opOpen(fuse_req_t req, fuse_ino_t ino, fuse_file_info* file) {
         fuse_reply_err(req, EISDIR);
         return;
     }
-    // What is read stays in the volume's cache; a second copy of it would cost half of the throughput.
+    // Direct I/O, whatever mounts the file: what is read stays in the volume's cache. A second copy in that
+    // of this file halves the sequential rate (EROFS, warm: 785 instead of 1,540 MiB/s).
     file->direct_io = 1;
     fuse_reply_open(req, file);
 }
@@ -340,8 +344,8 @@ void FuseFront::abort() {
 
 void FuseFront::end() {
     if (!session) return;
-    // The connection goes first: what is read from it behind the session's end would be lost, and its reader
-    // wait for ever.
+    // The connection ends before the session does. What libfuse reads after the session's end is dropped, and
+    // whoever had sent it would wait for ever.
     abort();
     {
         const SxMutexBlock block(&mountMutex);
@@ -368,15 +372,15 @@ void FuseFront::end() {
             fuse_reply_err(request.req, EIO);
         held.clear();
     }
-    // Nothing is mounted any more; it gives back what it has noted of the mount.
+    // Nothing is mounted at this point; libfuse frees what it has noted of the mount.
     fuse_session_unmount(session);
     fuse_session_destroy(session);
     session = nullptr;
 }
 
-/// Where somebody has detached the mount by hand and a program still uses it, the connection can't be ended
-/// by its mount: then the threads leave it, and it ends with its last descriptor, which goes with the
-/// session.
+/// A mount that somebody has detached by hand has no path by which its connection could be ended. Where a
+/// program still uses it, or the volume, a signal wakes the threads, and they leave the connection. The
+/// kernel ends it with its last descriptor, which goes with the session.
 void FuseFront::endWorkers() {
     const auto haveEnded = [this] {
         return std::none_of(workers.begin(), workers.end(),
@@ -394,8 +398,9 @@ void FuseFront::endWorkers() {
     workers.clear();
 }
 
-/// Answers a request by what `serve` does, or stores it. Where that finds no memory, or raises otherwise,
-/// nobody has it: it is answered here, and the thread goes on.
+/// Answers a request by what `serve` does, or stores it. Where `serve` finds no memory, or raises otherwise,
+/// nobody has the request: it is answered here, with ENOMEM or EIO, and the thread goes on. A thread that
+/// ended would leave its request unanswered for ever, and the finisher all held ones.
 template<class Serve>
 void FuseFront::answer(fuse_req* req, bool isWrite, Serve&& serve) {
     int error = 0;

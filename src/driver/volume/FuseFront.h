@@ -29,10 +29,11 @@ public:
     /// Mounts the file's folder at `mountPoint` (a host path) and serves it. `name` is shown as the mount's
     /// source. Raises where the kernel refuses.
     void mount(const std::string& mountPoint, const std::string& name);
-    /// Unmounts, detaching what is still in use, fails what is open then, and ends the threads. Harmless
-    /// where nothing is mounted.
+    /// Unmounts, and detaches what is still in use; reads and writes of files that are still open fail then.
+    /// Ends the threads. Harmless where nothing is mounted.
     void end();
-    /// Answers everything that comes from now on with an I/O error, and ends what waits in the kernel.
+    /// Ends the connection: what waits in the kernel fails, and so does everything that comes from now on,
+    /// with an I/O error. Waits for nobody; from any thread.
     void abort();
     /// Whether the connection has ended, by whomever.
     bool hasEnded() const { return ended.load(); }
@@ -48,7 +49,8 @@ public:
         enum Kind { Read, Write, Discard } kind = Read;
         std::vector<char> data; ///< of a write
     };
-    /// The errno value of the first write or sync that failed for the kernel; 0 where none has.
+    /// The errno value of the first write or sync that failed for the kernel; 0 where none has. It is kept,
+    /// since the kernel tells a program of a lost write only if that program syncs.
     int getWriteError() const { return writeError.load() != 0 ? writeError.load() : syncError.load(); }
     void noteWriteError(int error);
     /// Grows while what was written comes to the disk. Reads don't count: a program that reads would hide

@@ -100,8 +100,8 @@ Helper::Facts parse(const std::string& text) {
     return facts;
 }
 
-/// Waits for the process, which has closed its output or was killed. One that is stuck in the kernel is left
-/// to the system: SIGCHLD's default doesn't matter for it any more.
+/// Waits for the process, which has closed its output or was killed; gives its exit code. One that is stuck
+/// in the kernel isn't waited for any longer and left to the system: -1.
 int collect(pid_t pid) {
     int status = 0;
     const bool ended = SxWait::pass(UNBLOCKED_MS, [&] { return ::waitpid(pid, &status, WNOHANG) != 0; });

@@ -54,9 +54,9 @@ std::set<std::string> namesIn(const std::string& folder) {
     return {names.begin(), names.end()};
 }
 
-/// Sets the read-ahead of the devices that have come since `before` was taken. EROFS numbers its own, and
-/// doesn't tell which one belongs to which mount; where two came at the same moment both get the value, and
-/// both are told to whoever raises it later.
+/// Sets the read-ahead of the devices that have come since `before` was taken. EROFS numbers its settings
+/// itself and doesn't tell which one belongs to which mount, so those count that came with this mount. Where
+/// two mounts were made at the same moment the settings of both get the value.
 void setReadAhead(const std::set<std::string>& before, const std::string& kb) {
     for (const std::string& name : namesIn(BDI)) {
         if (before.count(name) != 0) continue;
@@ -72,8 +72,9 @@ void writeSetting(const std::string& path, const std::string& value) {
         fail("Cannot write '" + SxString(path) + "'", errno);
 }
 
-/// Attaches a free loop device to the file; gives its path. `*fd` keeps it alive until it is mounted: it goes
-/// by itself when the last user has gone.
+/// Attaches a free loop device to the file; gives its path. `*fd` keeps it alive until it is mounted: it
+/// detaches itself when its last user has gone (LO_FLAGS_AUTOCLEAR). It uses direct I/O, since what is read
+/// lies in the volume's cache. Its sectors have the size of a block, the smallest unit that is stored.
 std::string attachLoop(const std::string& file, bool readOnly, int* fd) {
     const Descriptor control("/dev/loop-control", O_RDWR);
     const Descriptor backing(file, readOnly ? O_RDONLY : O_RDWR);
@@ -109,6 +110,7 @@ void mountLoop(const std::string& file, const std::string& folder, const std::st
     int fd = -1;
     const std::string loop = attachLoop(file, readOnly, &fd);
     std::ofstream("/sys/block/" + loop.substr(5) + "/queue/read_ahead_kb") << kb;
+    // Without access times, reading writes nothing to a drive that may be written to.
     unsigned long flags = MS_NOSUID | MS_NODEV | MS_NOATIME;
     if (readOnly) flags |= MS_RDONLY;
     const int result =
@@ -120,6 +122,9 @@ void mountLoop(const std::string& file, const std::string& folder, const std::st
     HelperOps::tell("readahead", "/sys/block/" + loop.substr(5) + "/queue/read_ahead_kb");
 }
 
+/// Mounts a file system (EROFS) on the FUSE file itself: a loop device between them would cost half of the
+/// throughput. The price is that the drive takes no direct I/O (O_DIRECT), which the kernel gives to EROFS on
+/// block devices alone.
 void attachFile(const std::string& file, const std::string& folder, const std::string& type,
                 const std::string& kb) {
     const std::set<std::string> before = namesIn(BDI);
@@ -172,8 +177,9 @@ bool unmount(const std::string& folder) {
 /// The same for the volume, which goes with its disk.
 bool unmountVolume(const std::string& folder) {
     if (!Mounts::isMounted(folder)) return false;
-    // The end of this mount needn't be that of the file system: another mount namespace may hold a copy of
-    // it, and what that hasn't written would go with the disk.
+    // The end of this mount needn't be that of the file system: a copy of the mount in another mount
+    // namespace keeps it alive. The disk goes all the same, and what the file system hasn't written by then
+    // is lost.
     syncAndClose(openToSync(folder));
     int error = Mounts::unmount(folder);
     if (error == 0 || error == EINVAL || error == ENOENT) return false;
@@ -196,10 +202,11 @@ bool unmountBelow(const std::string& folder) {
     return busy;
 }
 
-/// Writes out what lies in memory of a volume on a loop device that has gone from this mount namespace, while
-/// somebody still uses it: another namespace, or whoever has a file open on a volume that was detached. Gives
-/// whether there is such a user. The device itself goes with the last one, by its kind (LO_FLAGS_AUTOCLEAR);
-/// it isn't freed by its number, which may be another program's by then.
+/// Writes out what lies in memory of a volume that has gone from this mount namespace while somebody still
+/// uses it: another namespace, or whoever has a file open on a volume that was detached, as by `umount -l`.
+/// Its loop device is the way to it, and is asked first which file it was attached to, since its number may
+/// be another program's by now. Gives whether there is such a user. The device is never freed by its number;
+/// it goes with its last user by itself.
 bool flushHeld(const std::string& loop, const std::string& file) {
     const int fd = ::open(loop.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0) {
@@ -229,6 +236,8 @@ void detach(const SxList<SxString>& words) {
     if (busy) HelperOps::tell("busy", "");
 }
 
+/// Takes away what a service has left, found by its place alone: every mount below the folder. Loop devices
+/// go with the mounts that use them.
 void sweep(const SxList<SxString>& words) {
     const std::string& folder = words(1).str();
     std::vector<std::string> mounts = Mounts::below(folder);
@@ -265,6 +274,7 @@ void HelperOps::run(const SxList<SxString>& arguments) {
         SxList<SxString> names;
         for (int64 i = 4; i < arguments.getSize(); ++i)
             names.append(arguments(i));
+        // Read here from the image's records, since the control library's calls have no place for it.
         const std::string version = LayerIdentity::of(arguments(3).str()).toText();
         const std::string aside = Redirection::apply(arguments(1), arguments(2), names, version);
         if (!aside.empty()) tell("aside", aside);

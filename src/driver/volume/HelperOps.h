@@ -11,9 +11,13 @@ namespace HelperOps {
 ///   attach file|loop FILE FOLDER TYPE ro|rw READAHEAD_KB
 ///                                    mounts the file system in FILE, itself or through a loop device; says
 ///                                    `readahead` (a setting of the kernel), `loop` (the device), `needsLoop`
-///   detach FOLDER LOOP|- FILE        unmounts; says `busy` where it was in use, and was detached
-///   redirect VOLUME PRIVATE NAME...  puts the private copies of names in the place of the volume's
+///   detach FOLDER LOOP|- FILE        syncs and unmounts; says `unmounted` where it was by then, `busy` where
+///                                    it was in use, and was detached, `unsynced` why a sync failed
+///   redirect VOLUME PRIVATE IMAGE NAME...
+///                                    puts the private copies of names in the place of the volume's; says
+///                                    `aside`, the folder that former copies were moved to
 ///   restore VOLUME                   undoes that; may say `busy`
+///   readahead SETTING KB             writes a setting of the kernel that `attach` has told of
 ///   sweep FOLDER                     removes every mount and loop device below the folder
 ///
 /// Raises SxException.

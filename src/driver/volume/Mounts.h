@@ -20,8 +20,9 @@ struct Mount {
     std::string options; ///< of the file system, with commas between
 };
 
-/// All mounts, in the order in which they were made. This and what rests on it raises where the kernel's
-/// table can't be read: that nothing is mounted is known only by a table that says so.
+/// All mounts, in the order in which they were made. This, and what rests on it, raises where the kernel's
+/// table can't be read: that something was unmounted is believed of a table alone that was read to its end.
+/// Mount points are compared as texts, so whoever asks for a path names it without links.
 std::vector<Mount> all();
 /// The mount points below `folder`, the folder itself left out, in the order in which they were made; from
 /// the kernel's table.
@@ -35,8 +36,9 @@ bool isMounted(const std::string& path);
 int unmount(const std::string& path);
 /// Takes it out of the tree at once, whatever uses it.
 int detach(const std::string& path);
-/// Ends the connection of a FUSE mount, so that everything that waits for it fails; it may stay mounted.
-/// Without root it can't: there it ends when the last user of the detached mount has gone.
+/// Ends the connection of a FUSE mount, so that everything that waits for it fails; it may stay mounted. That
+/// is done by a forced unmount, and not through /sys/fs/fuse, which need not be mounted. Without root it
+/// can't be done: there the connection ends when the last user of the detached mount has gone.
 void abort(const std::string& path);
 
 } // namespace Mounts

@@ -197,7 +197,7 @@ struct Place {
     Path onVolume, inPrivate;
 };
 
-/// Overlays come first, the nearest to the root ahead.
+/// Overlays are mounted first, those nearest to the root before those below them; the binds on top of them.
 struct Plan {
     std::vector<Place> overlays, binds;
 };
@@ -233,8 +233,11 @@ Plan planOf(const std::vector<Name>& names) {
     return plan;
 }
 
-/// The private side's protected folder, which no two drives use at once: they would share an overlay's
-/// layers. Who uses it is told by the kernel's table of mounts, since nothing else ends with them.
+/// The private side's protected folder, which no two drives use at once. Two images with one guid, or two
+/// machine roots with one disk C:, would share an overlay's layers and damage what is saved. The kernel's
+/// table of mounts tells who uses the folder: the device of an overlay names it by number, and a bind shows
+/// what it shows. So a service that is killed leaves no lock that would have to be taken away. What a program
+/// still writes through a drive that was detached under it isn't seen.
 class PrivateFolder {
 public:
     /// `path`: a canonical one.
@@ -274,8 +277,8 @@ public:
             }
         }
     }
-    /// Where the overlays have their work folders: on the mount of their upper layers, as the kernel demands,
-    /// and outside of them.
+    /// Makes the folder for the overlays' work folders, beside this one with all its links resolved: the
+    /// kernel wants them on the mount of the upper layers, and outside of these.
     std::string makeWork() const {
         const size_t slash = path.rfind('/');
         const std::string parent = slash == 0 ? "/" : path.substr(0, slash);

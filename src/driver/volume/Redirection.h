@@ -6,10 +6,11 @@
 #include <string>
 
 /// Puts private copies in the place of names of a mounted volume. A folder that both sides have gets a bind
-/// mount of its private copy. For anything else its parent folder gets a writable overlay whose upper layer
-/// is the private side: programs save a file by writing a new one beside it and renaming that over it, which
-/// a bind mount of a file refuses, and a name that the volume lacks has no place to mount on. Binds go on top
-/// of the overlays, which don't show mounts inside their layers.
+/// mount of its private copy. For anything else its folder gets a writable overlay whose upper layer is the
+/// private side: programs save a file by writing a new one beside it and renaming that over it, which a bind
+/// mount of a file refuses. A name that the volume lacks has no place to mount on; the overlay of the nearest
+/// folder that is there gives it one. Binds go on top of the overlays, since an overlay doesn't show mounts
+/// inside its layers.
 namespace Redirection {
 
 /// `volume` and `directory` are host paths; `names` are relative to the volume's protected folder, and the

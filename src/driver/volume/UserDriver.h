@@ -7,8 +7,8 @@
 #include <memory>
 
 /// A file system driver that runs as a program of the user's, for a service without root: `fuse2fs` for ext4,
-/// `squashfuse` for squashfs. It serves one request after the other, so a read that is held holds the others,
-/// too. One thread at a time.
+/// `squashfuse` for squashfs. The volume comes up in the mount namespace of the host. The driver serves one
+/// read after the other, so one that is held holds the rest. One thread at a time.
 class UserDriver {
 public:
     ~UserDriver() {
@@ -16,15 +16,16 @@ public:
     }
 
     /// Raises, in one sentence that says what is missing and what to do, where this machine lets a user mount
-    /// no file system of that type.
+    /// no file system of that type. EROFS needs root everywhere, so it is refused before /dev/fuse is asked.
     static void requireMeans(const SxString& type);
     /// Mounts the file system of that type in `file` at `folder`; returns when it is there. `stopped` is
     /// asked meanwhile. Raises where the driver fails.
     void start(const SxString& type, const SxString& file, const SxString& folder, bool readOnly,
                const std::function<bool()>& stopped);
-    /// Ends the program. It ends by itself when it is unmounted, or, with `busy`, is told to; then it writes
-    /// what it has kept, so it gets `limitMs` from when `progress` last gave another number. Gives why it was
-    /// ended without that, as a part of a sentence; empty where it wasn't.
+    /// Ends the program. It ends by itself when it is unmounted; with `busy` it is told to end. It then
+    /// writes what it has kept, so it gets `limitMs` from when `progress` last gave another number, and is
+    /// killed after that. Gives what may have kept it from writing all, as a part of a sentence; empty where
+    /// nothing has.
     SxString stop(bool busy, int64 limitMs, const std::function<uint64()>& progress);
 
 private:
