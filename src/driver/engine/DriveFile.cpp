@@ -17,6 +17,8 @@ constexpr const char* UNIT = "src/driver/DriveFile";
 /// A sync of more than this is done in steps of this size, so that one on a slow disk can be seen to go on.
 constexpr uint64 SYNC_STEP = 4 << 20;
 
+/// What the disk has to write, for whatever program, to count as one step of progress; and how long that
+/// counts after the last step of our own.
 constexpr uint64 DEVICE_STEP = (1 << 20) / 512; // sectors
 constexpr int64 MAX_FOREIGN_NS = int64{600} * 1'000'000'000;
 
@@ -138,8 +140,9 @@ int DriveFile::sync() const {
     return error;
 }
 
-/// Asks the kernel alone. A file system may ask its server even for the number of its device, and a server
-/// that is stuck would keep whoever wants to know whether it is.
+/// Asks the kernel alone, with the device's number that was noted when the file was opened. A file system may
+/// ask its server even for that, and a server that is stuck would hold up whoever wants to know whether the
+/// sync goes on.
 void DriveFile::lookAtDevice() const {
     uint64 now = 0;
     if (SxClock::get().steadyNs() - stepNs.load() > MAX_FOREIGN_NS || !readWritten(device, &now)) return;

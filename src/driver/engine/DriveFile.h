@@ -25,7 +25,8 @@ public:
     int getFd() const { return fd; }
     const std::string& getPath() const { return path; }
 
-    /// Whether the file still stands under its path. While it is open, no other one can have its number.
+    /// Whether the file still stands under its path. Its number tells: while the file is open, no other one
+    /// can be given that.
     bool isInPlace() const;
     /// Bytes now. Raises.
     uint64 getSize() const;
@@ -36,10 +37,11 @@ public:
     void noteWritten(uint64 begin, uint64 end) const;
     /// Gives 0 or an errno value.
     int sync() const;
-    /// Grows with the bytes that a sync() under way has brought to the disk. Also, while a write or a sync is
-    /// under way, with each MiB that the disk has written of whatever program, seen by these calls: a file
-    /// system commits what several have written in one, so that ours may wait for theirs. That counts for ten
-    /// minutes from the last step of our own; then it isn't theirs that we wait for.
+    /// Grows with the bytes that a sync() under way has brought to the disk. While a write or a sync is under
+    /// way it also grows with each MiB that the same disk has written for whatever program, as seen by these
+    /// calls: a file system commits what several programs have written together, so ours may wait for theirs.
+    /// That counts for ten minutes from the last step of our own; beyond that it isn't theirs that we wait
+    /// for.
     uint64 getProgress() const {
         if (nUnderWay.load() != 0) lookAtDevice();
         return nSynced.load();
@@ -55,7 +57,7 @@ private:
 
     int fd = -1;
     std::string path;
-    std::atomic<uint64> device{0}; ///< that the open file lies on
+    std::atomic<uint64> device{0}; ///< that the file lies on, noted when it is opened
     // What was written since the last sync lies within.
     mutable std::atomic<uint64> dirtyBegin{~uint64{0}}, dirtyEnd{0}, nDirty{0};
     mutable std::atomic<uint64> nSynced{0};

@@ -25,10 +25,10 @@ public:
 
     explicit HeldRequests(FindMissing findMissing_) : findMissing(std::move(findMissing_)) {}
 
-    /// Whether requests may not just go on: the cheap question ahead of admit().
+    /// Whether requests may not just go on: the cheap question before admit().
     bool isRestricted() const { return restrictions.load() != 0; }
     Verdict admit(uint64 token, bool write);
-    /// Holds a request for its missing blocks. Go where none is missing any more.
+    /// Holds a request for its missing blocks. Go where none is missing now.
     Verdict hold(uint64 token, uint64 offset, uint32 size, bool write);
     bool forget(uint64 token);
 

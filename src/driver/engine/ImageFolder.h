@@ -4,8 +4,9 @@
 
 #include <string>
 
-/// The folder of an image, kept open for a drive that makes and replaces files in it: its names go on to mean
-/// that folder when it is moved, whatever comes in its place. Safe from any thread.
+/// The folder of an image, kept open for a drive that makes, replaces and removes files by their names in it.
+/// When the folder is moved away these names still mean its files, whatever comes in its place. Safe from any
+/// thread.
 class ImageFolder {
 public:
     /// Opens a host path with its trailing slash. Raises, naming it.

@@ -5,13 +5,14 @@
 #include <algorithm>
 #include <atomic>
 
-/// How far to announce ahead of one reader that goes through the disk from front to back and finds its blocks
-/// not in the cache. The kernel's own read-ahead asks for little more than one request at a time, which
-/// leaves a device idle whose blocks lie scattered. Safe from any thread; requests may come a little out of
-/// order.
+/// Which blocks to announce to the kernel before a reader asks for them, for one reader that goes through a
+/// cold disk from front to back. The kernel itself asks for a request or two at a time, and the runs of so
+/// few, scattered over the stored file, don't keep a device busy. It begins with a request of several runs
+/// that isn't in the page cache. Only blocks that are there may be announced; the caller sees to that. Safe
+/// from any thread; requests may come a little out of order.
 class LookAhead {
 public:
-    static constexpr uint64 WINDOW = 4 << 20; ///< bytes
+    static constexpr uint64 WINDOW = 4 << 20; ///< bytes beyond the reader that are announced
     struct Range {
         uint64 from = 0, to = 0; ///< RAW bytes; empty where both are the same
     };
@@ -24,7 +25,7 @@ public:
         if (!announced.compare_exchange_strong(known, end + WINDOW, std::memory_order_relaxed)) return {};
         return {std::max(known, end), end + WINDOW};
     }
-    /// Blocks of a request that ended at `end` were not in the cache.
+    /// Blocks of a request of several runs, which ended at RAW byte `end`, were not in the cache.
     void follow(uint64 end) {
         if (!isNear(end, announced.load(std::memory_order_relaxed)))
             announced.store(end, std::memory_order_relaxed);

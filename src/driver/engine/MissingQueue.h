@@ -22,9 +22,9 @@ struct HeldRequest {
 /// The blocks that held requests wait for, each once, and the queue in which they are handed out. Not locked.
 ///
 ///   state     waits in   leaves by
-///   queued    queue      pop: popped; arrived or not wanted any more: gone
-///   popped    nothing    RETURN_NS later: returned; arrived or not wanted any more: gone
-///   returned  returned   as queued, ahead of them
+///   queued    queue      pop: popped; arrived or no longer wanted: gone
+///   popped    nothing    RETURN_NS later: returned; arrived or no longer wanted: gone
+///   returned  returned   as queued, and is popped before those
 class MissingQueue {
 public:
     /// A popped block that isn't delivered by then stands on the queue again.
@@ -32,9 +32,9 @@ public:
 
     /// Puts the request's missing blocks at the end, but for those that are wanted already.
     void add(HeldRequest* request);
-    /// The request waits no more; blocks that nobody else waits for are gone.
+    /// The request no longer waits; blocks that nobody else waits for are gone.
     void remove(HeldRequest* request);
-    /// The blocks from `first` to `end` - 1 are there; gives the requests that wait for no more.
+    /// The blocks from `first` to `end` - 1 are there; gives the requests that wait for no others.
     std::vector<HeldRequest*> arrive(ZqfIdx first, ZqfIdx end);
     /// Starts afresh with `requests`, oldest first, whose missing blocks may have changed; what is popped
     /// stays so.

@@ -33,7 +33,7 @@ public:
     std::vector<uint64> release();
     /// From now on none is held; gives those that are.
     std::vector<uint64> fail();
-    /// The cursor has moved up: a file that came short for good may go on.
+    /// The cursor has moved up: the file grows, so requests are held again, even if one has waited in vain.
     void revive() { hasExpired = false; }
     uint64 nHeld() const;
 
@@ -49,5 +49,5 @@ private:
     std::map<uint64, Request> requests SX_GUARDED_BY(mutex); ///< by their tokens
     std::atomic<uint64> nKnown{0};                           ///< how many these are
     bool isFailing SX_GUARDED_BY(mutex) = false;
-    std::atomic<bool> hasExpired{false}; ///< one had its time in vain: the next ones needn't
+    std::atomic<bool> hasExpired{false}; ///< one has waited in vain: the next ones fail at once
 };

@@ -9,7 +9,7 @@ using SxParserKit::SxSymbol;
 
 namespace {
 
-/// Keys that stand in front of the size.
+/// Keys that stand before the size in the record.
 bool isInFrontOfSize(const SxString& key) {
     return key == "version" || key == "time0" || key == "method" || key == "guid";
 }

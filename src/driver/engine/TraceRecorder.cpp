@@ -10,7 +10,7 @@
 namespace {
 
 constexpr const char* UNIT = "src/driver/TraceRecorder";
-/// Records that the file may lag behind: 64 MiB, 16 GiB of reads.
+/// Records that may wait for the file: 64 MiB, which tell of 16 GiB of reads.
 constexpr size_t MAX_GATHERED = 4 << 20;
 
 } // namespace
@@ -42,12 +42,12 @@ void TraceRecorder::stop() {
     on = false;
     writeGathered();
     stateWhole();
-    // Its lock goes with it, which keeps others from both files of the trace until here.
+    // Its lock goes with it. Until here that has kept others from both files of the trace.
     file.close();
 }
 
-/// Says in the trace's record what the whole of it is, so that a cut shows later on. Where that can't be said
-/// the trace is as good as one whose recorder was killed.
+/// States size and digest of the whole trace in its record, so that a trace that is cut off later can be
+/// told. Where they can't be stated the trace is as good as one whose recorder was killed.
 void TraceRecorder::stateWhole() {
     try {
         if (!getFailure().isEmpty()) return;

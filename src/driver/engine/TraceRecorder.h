@@ -40,7 +40,7 @@ private:
 
     std::atomic<bool> on{false}, event{false};
 
-    /// Held by whoever opens, writes or closes the file, over its I/O, and taken ahead of `mutex`.
+    /// Held by whoever opens, writes or closes the file, over its I/O, and taken before `mutex`.
     SxMutex writing;
     DriveFile file SX_GUARDED_BY(writing);
     SxString prefix SX_GUARDED_BY(writing);           ///< the trace's folder with its slash

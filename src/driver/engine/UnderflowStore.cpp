@@ -37,7 +37,7 @@ void UnderflowStore::mark(ZqfIdx zqfIdx, bool present) {
     }
 }
 
-/// The first marked block at or behind `from`, or `end`.
+/// The first marked block from `from` on, or `end`.
 ZqfIdx UnderflowStore::findMarked(ZqfIdx from, ZqfIdx end) const {
     for (uint64 zqfIdx = from.value; zqfIdx < end.value; zqfIdx = (zqfIdx / 64 + 1) * 64) {
         const uint64 word = bits[zqfIdx / 64].load(std::memory_order_acquire) >> zqfIdx % 64;
@@ -47,7 +47,7 @@ ZqfIdx UnderflowStore::findMarked(ZqfIdx from, ZqfIdx end) const {
 }
 
 void UnderflowStore::makeFile() {
-    // The name is gone at once, so that a killed service leaves nothing behind.
+    // The name is removed at once, so that no file stays when the service is killed.
     const std::string path = folder + "img.delivered." + std::to_string(SxOs::processId());
     const int removed = SxOs::get().unlink(path);
     if (removed < 0 && removed != -ENOENT) {
@@ -140,7 +140,7 @@ void UnderflowStore::shrinkMemory(uint64 bytes) {
     ZqfIdx oldest;
     while (nInMemory.load() * ZqBlocks::SIZE > bytes && findOldest(&oldest, nullptr)) {
         mark(oldest, false);
-        // As where the cursor passes: the bytes go only after this.
+        // As where the cursor passes: the bytes may go only after this.
         ++drops;
         eraseFromMemory(oldest);
         order.pop_front();
@@ -182,7 +182,7 @@ void UnderflowStore::dropPassed() {
         ZqfIdx behind = first;
         for (; behind < end && has(behind); behind = behind + 1)
             mark(behind, false);
-        // Readers that have seen the marks read again. The bytes go only behind this.
+        // Readers that have seen the marks read again. The bytes may go only after this.
         ++drops;
         {
             const SxMutexBlock lock(&memoryMutex);

@@ -13,9 +13,10 @@
 
 /// The blocks that were delivered on demand, until the cursor has passed them: in memory within the cache
 /// size, else in a sparse file without a name in the image folder, each at its place of `img.zqf`. That file
-/// leaves the reserve of a download on its disk. Where it has no room, blocks stay in memory all the same, up
-/// to MAX_WITHOUT_FILE; those that came first then make room for new ones, and are missing again. Safe from
-/// any thread. Readers take no lock unless blocks lie in memory.
+/// leaves the room on its disk that a download keeps in reserve. Where it has no room, blocks stay in memory
+/// all the same, up to MAX_WITHOUT_FILE a drive. Beyond that the oldest ones make room for new ones and are
+/// missing again: who still wants them asks again. So no delivery fails for a full disk, and no game stands
+/// still for one. Safe from any thread. Readers take no lock unless blocks lie in memory.
 class UnderflowStore {
 public:
     /// Bytes of one delivery.
@@ -74,7 +75,7 @@ private:
     const uint64 nBlocks;
     std::vector<std::atomic<uint64>> bits; ///< by ZqF index
 
-    /// Held by whatever adds or drops, over its writing too, and taken ahead of `memoryMutex`: a block that
+    /// Held by whatever adds or drops, over its writing too, and taken before `memoryMutex`: a block that
     /// comes back while its hole is punched would lose its bytes. Readers don't take it.
     SxMutex changing;
     DriveFile file SX_GUARDED_BY(changing);

@@ -48,11 +48,13 @@ public:
     /// when it is woken. Failed: `*error` is an errno value.
     Result read(uint64 offset, uint32 size, char* buffer, uint64 token, bool retry, int* error);
     /// The same for writing: EROFS on a read-only disk, ENOSPC on a full one. A write of parts of blocks is
-    /// held where those blocks are missing. Durable only behind sync().
+    /// held where those blocks are missing. Durable only after sync().
     Result write(uint64 offset, uint32 size, const char* buffer, uint64 token, bool retry, int* error);
-    /// Lets whole blocks read as zeros, and frees what the write layer has of them; what isn't aligned to
-    /// blocks, but for the end of the disk, is refused with EOPNOTSUPP. Held only while writes are; never for
-    /// a missing block. Durable, and its room given back, only after sync().
+    /// Lets whole blocks read as zeros, and not as the image has them: the kernel uses the same call for
+    /// writing zeros, and file systems count on it. Frees what the write layer has of the blocks; where the
+    /// drive writes into `img.zqf` (mode "rw") a block of that becomes a hole. What isn't aligned to blocks,
+    /// but for the end of the disk, is refused with EOPNOTSUPP. Held only while writes are; never for a
+    /// missing block. Durable only after sync(), and its room is given back some time after that.
     Result discard(uint64 offset, uint64 size, uint64 token, bool retry, int* error);
     /// Gives 0 when all writes that were done before are on the device, else an errno value.
     int sync();
@@ -119,12 +121,13 @@ public:
     /// Number of blocks of the complete `img.zqf`.
     uint64 nIncluded() const { return map.nIncluded(); }
     bool isComplete() const { return getCursor() >= nIncluded(); }
-    /// Whether its `img.zqf` stands no more where it was opened.
+    /// Whether its `img.zqf` no longer stands where it was opened: an image is what stands under its path
+    /// now.
     bool isReplaced() const { return !zqf.isInPlace(); }
     uint64 getSizeRaw() const { return cfg.sizeRaw; }
     uint64 getSectorSize() const { return cfg.sectorSize; }
 
-    /// The first failure of a file that lies behind an I/O error of a request; empty where there was none.
+    /// The first failure of a file that has made a request fail; empty where there was none.
     SxString getFailure() const;
     /// Why the trace has stopped by itself; empty where it hasn't.
     SxString getTraceFailure() const { return trace.getFailure(); }

@@ -42,7 +42,7 @@ VirtualDisk::Outcome VirtualDisk::readPresent(uint64 offset, uint32 size, char* 
             if (fault.isCold) lookAhead.follow(offset + size);
             return Outcome::Done;
         }
-        // A file that comes short may have been cut behind a lowered cursor.
+        // The cursor may have been lowered, and a file that comes short cut there, since the plan was made.
         if (isStale || present != cursor.load()) continue;
         if (fault.error == Fault::SHORT && fault.isGrowing) {
             *shortage = fault;
@@ -79,8 +79,8 @@ bool VirtualDisk::planRead(uint64 offset, uint32 size, char* to, uint64 present,
 }
 
 VirtualDisk::Fault VirtualDisk::carryOut(const ReadPlan& plan) {
-    // A single run needs no announcement, and what is in the cache no more: the first run that isn't tells
-    // that the others may not be either.
+    // A single run needs no announcement, and what is in the cache needs none. The first run that isn't in
+    // the cache tells that the others may not be there either.
     const bool isSingle = plan.end() - plan.begin() < 2;
     bool isAnnounced = isSingle;
     for (const ReadPlan::Run& run : plan) {
@@ -150,9 +150,9 @@ void VirtualDisk::announceAhead(LookAhead::Range range, uint64 present) const {
         SxOs::get().adviseSoon(zqf.getFd(), static_cast<int64>(from), static_cast<int64>(to - from));
 }
 
-/// Whether `from` lies in the last block of `img.zqf`, at the image's end or behind it: what a short last
-/// block lacks are zeros. A file that merely reads so, since it grows, or was cut, has more by its size now
-/// or by that which it had when the last block came.
+/// Whether byte `from` lies in the last block of `img.zqf`, at the image's end or beyond it: only then is
+/// what the block lacks filled with zeros. A file that merely reads so, since it still grows or was cut, is
+/// longer by its size now, or by the size that it had when the last block came.
 bool VirtualDisk::isAtEnd(uint64 from) const {
     const ZqfIdx last{nIncluded() - 1};
     const uint64 end = endOfZqf.load();

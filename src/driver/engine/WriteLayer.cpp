@@ -51,7 +51,7 @@ WriteLayer::WriteLayer(const std::string& folder_, BlockMap* map_, bool readOnly
       map(map_),
       identity(LayerIdentity::of(folder_)),
       readOnly(readOnly_) {
-    // What a cut of flush() leaves behind.
+    // What a flush() that was cut off has left.
     if (!readOnly && !folder.isGone(NEXT_INDEX)) folder.unlink(NEXT_INDEX);
     if (folder.isGone(INDEX)) return;
     const SxMutexBlock turn(&changing);
@@ -66,7 +66,7 @@ WriteLayer::WriteLayer(const std::string& folder_, BlockMap* map_, bool readOnly
     }
 }
 
-/// Takes over the records up to the first that isn't whole: behind it lies what was never synced.
+/// Takes over the records up to the first that isn't whole: what comes after that was never synced.
 void WriteLayer::load() {
     const uint64 size = tix.getSize();
     Found found;
@@ -83,8 +83,8 @@ void WriteLayer::load() {
     }
     if (tixEnd < size) {
         notice = "'" + SxString(tix.getPath()) + "': " + (size - tixEnd) +
-                 " bytes behind the last whole record don't count; they were never synced";
-        // They must not come to life behind records that are appended from here on.
+                 " bytes after the last whole record don't count; they were never synced";
+        // They must not count as records again once others are appended in front of them.
         const int status = readOnly ? 0 : SxOs::get().truncate(tix.getFd(), static_cast<int64>(tixEnd));
         if (status < 0) tix.raise("Cannot cut", status, UNIT, __LINE__);
     }
@@ -121,7 +121,7 @@ int WriteLayer::syncNames() {
     return fail("Cannot bring the names in '" + SxString(folder.getPath()) + "' to the disk", error);
 }
 
-/// Gives where the records begin; 0 where the file was cut ahead of its first sync.
+/// Gives where the records begin; 0 where the file was cut off before its first sync.
 uint64 WriteLayer::readHeader(uint64 size) {
     uint64 header[2] = {};
     if (size < sizeof header) return 0;

@@ -12,19 +12,23 @@
 /// slots, `img.tix`. A block is durable once sync() has written its data, and then its index record. Slots of
 /// blocks that have one are written in place. Which block has which slot stands in the BlockMap.
 ///
-/// A block that was discarded reads as zeros, with an entry for nothing in the map, and its record says so.
-/// Its slot is used again, and its room given back to the disk, only once that record is durable and whoever
-/// was writing to the slot has ended: a cut leaves what was written last before the discard, or zeros. Giving
-/// room back takes a call for each run of slots, of which there may be very many, so no sync waits for it:
-/// giveBackRoom() does it a little at a time, and until then these slots are the first to be used again.
+/// A block that was discarded reads as zeros, with an entry for nothing in the map. A record of 16 bytes says
+/// so, which stays for a block that the image has. The slot is used again, and its room given back to the
+/// disk, only once that record is durable (by the next sync) and whoever was writing to the slot has ended: a
+/// cut leaves what was written last before the discard, or zeros. Giving room back takes a call for each run
+/// of slots, of which there are very many after a large fstrim, so no sync waits for it: giveBackRoom() does
+/// it a little at a time, and until then these slots are the first to be used again.
 ///
-/// Where the file system can give room ahead, the layer holds a little in reserve: on a disk that others have
-/// filled a few blocks can still be written. A file system of the drive needs them to be unmounted, even if
-/// it was only read.
+/// The layer keeps a little room in reserve, allocated before it is needed: on a disk that others have filled
+/// a few blocks can still be written. The file system of a drive needs them to be unmounted: ext4 then writes
+/// its superblock and a few blocks of its journal, even if it was only read, and without room for them the
+/// unmount would say that something is lost. (Access times aren't kept, so reading writes nothing else.) On a
+/// file system that can't allocate room before it is written there is no reserve.
 ///
-/// All files are named within the open folder, and the index is replaced only while it has its name there: a
-/// folder that was moved away goes on to have all that is written, and neither another image in its place nor
-/// the files of one that were put into it are touched.
+/// All files are made, replaced and removed by their names in the open folder, and the index is written anew
+/// only while it has its name there. So a folder that was moved away under its drive keeps all that is
+/// written, and neither another image in its place nor the files of another one that were put into it are
+/// touched.
 ///
 /// write(), discard() and sync() are safe from any thread; flush() only while nobody does either.
 class WriteLayer {
@@ -69,7 +73,7 @@ public:
     /// Changes when slots are about to be used otherwise: what was read before is not to be trusted.
     uint64 nMoves() const { return moves.load(); }
 
-    /// What was cut off when the layer was opened; empty where nothing.
+    /// What doesn't count of the index, and was cut off when the layer was opened; empty where nothing.
     const SxString& getNotice() const { return notice; }
     /// In words, what has failed; empty where nothing.
     SxString getFailure() const;
@@ -85,7 +89,8 @@ private:
     static constexpr uint64 HEADER_SIZE = 2 * sizeof(Record);
     /// Bytes of an index that aren't worth writing it anew.
     static constexpr uint64 LEAST_TO_COMPACT = 1 << 20;
-    /// Enough for what an unmount of a journaling file system writes: its superblock, and the records of it.
+    /// Slots that are kept allocated: enough for what an unmount of a journaling file system writes, its
+    /// superblock and a few blocks of its journal.
     static constexpr uint64 N_RESERVED = 64;
     /// In the place of a slot: the block reads as zeros.
     static constexpr SlotIdx ZEROS{~uint32{0}};
@@ -173,7 +178,7 @@ private:
     std::atomic<uint64> moves{0};
     std::atomic<uint64> nLookedAt{0}; ///< blocks and records, to move them or write them anew
 
-    /// Held by whatever makes files or changes `img.tix`, over its I/O, and taken ahead of `mutex`: records
+    /// Held by whatever makes files or changes `img.tix`, over its I/O, and taken before `mutex`: records
     /// go to the end of a file one batch after the other. Readers don't take it, nor do writers, but for
     /// those that find no files or too many records in memory.
     SxMutex changing;

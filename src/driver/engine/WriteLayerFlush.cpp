@@ -146,7 +146,7 @@ void WriteLayer::freeMoved(const Target& target) {
             end = std::max(end, move.slot.value + 1);
         }
     });
-    // Whoever is reading from these slots reads again. The bytes go only behind this.
+    // Whoever is reading from these slots reads again. The bytes may go only after this.
     ++moves;
     const SxMutexBlock turn(&giving);
     {

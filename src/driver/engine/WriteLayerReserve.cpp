@@ -7,7 +7,7 @@
 
 namespace {
 
-/// Bytes of the index that have room ahead of its end: more than the records of all reserved slots.
+/// Bytes beyond the index's end that have room on the disk: more than the records of all reserved slots.
 constexpr uint64 INDEX_AHEAD = 4096, INDEX_STEP = 16 << 10;
 /// Slots whose room is given back with one call, each of which may take a call of the system.
 constexpr size_t SLOTS_AT_ONCE = 64;
@@ -43,8 +43,8 @@ int WriteLayer::writeReserved(RawIdx first, uint64 n, const char* data) {
     return 0;
 }
 
-/// Fills the reserve where the disk has room again; without room, or on a file system that can't give any
-/// ahead, it stays as it is.
+/// Fills the reserve where the disk has room again. Without room, or on a file system that can't allocate any
+/// before it is written, the reserve stays as it is.
 int WriteLayer::reserve() {
     if (tixEnd + INDEX_AHEAD > tixReserved) {
         const int error = -SxOs::get().preallocate(tix.getFd(), static_cast<int64>(tixEnd), INDEX_STEP);

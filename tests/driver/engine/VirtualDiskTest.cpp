@@ -232,7 +232,7 @@ TEST(VirtualDisk, OnlyWhatTheImageLacksOfItsLastBlockIsZeros) {
     for (const Case& test :
          {Case{"whole from the start", 32, 0, 0, Result::Done}, Case{"whole later", 20, 0, 0, Result::Done},
           Case{"still written", 32, 0, 1, Result::Held}, Case{"none of it there", 20, 0, LAST, Result::Held},
-          Case{"cut inside", 32, 600, 0, Result::Held}, Case{"cut ahead of it", 20, LAST, 0, Result::Held}}) {
+          Case{"cut inside", 32, 600, 0, Result::Held}, Case{"cut before it", 20, LAST, 0, Result::Held}}) {
         SCOPED_TRACE(test.name);
         const OrderedImage image;
         const int64 size = 31 * 4096 + LAST;

@@ -106,10 +106,10 @@ TEST_P(WriteLayerCut, AtAnyStepKeepsWhatIsSynced) {
         std::mt19937_64 chance(static_cast<uint64>(cutAt));
         os.crash(cutAt % 2 ? &chance : nullptr);
         ASSERT_EQ(writer.findLoss(Mode::Ro), "") << "cut at step " << cutAt;
-        // What the cut has left must not come back behind what is written from here on.
+        // What the cut has left must not come back after what is written from here on.
         writer.run(GetParam(), 30);
         os.crash(&chance);
-        ASSERT_EQ(writer.findLoss(GetParam()), "") << "second cut behind step " << cutAt;
+        ASSERT_EQ(writer.findLoss(GetParam()), "") << "second cut after step " << cutAt;
         nCuts += wasCut;
         if (!wasCut && cutAt > 60) break;
     }
@@ -321,7 +321,7 @@ TEST(WriteLayer, ADamagedIndexIsCutOrRefused) {
         {"the former format",
          [](std::string* tix, std::string*) { tix->erase(RECORD, RECORD).replace(0, 8, "ZLAYER01"); }, 3, ""},
         {"cut record", [](std::string* tix, std::string*) { tix->resize(5 * RECORD - 1); }, 2, ""},
-        {"zeros behind", [](std::string* tix, std::string*) { tix->append(3 * RECORD, '\0'); }, 3, ""},
+        {"zeros after it", [](std::string* tix, std::string*) { tix->append(3 * RECORD, '\0'); }, 3, ""},
         {"all zeros", [](std::string* tix, std::string*) { tix->assign(tix->size(), '\0'); }, 0, ""},
         {"a bit of the index", [](std::string* tix, std::string*) { (*tix)[3 * RECORD] ^= 1; }, 1, ""},
         {"a bit of the slot", [](std::string* tix, std::string*) { (*tix)[4 * RECORD + 9] ^= 4; }, 2, ""},
