@@ -18,7 +18,8 @@ namespace {
 
 constexpr const char* UNIT = "src/driver/ControlServer";
 constexpr int TICK_MS = 100;
-/// Beyond it the oldest is cut off: a client that was only idle connects anew.
+/// Where there are so many, the oldest one is cut off for a new one: a client that was only idle connects
+/// anew.
 constexpr size_t MAX_CONNECTIONS = 512;
 
 [[noreturn]] void fail(const SxString& what) {
@@ -55,7 +56,7 @@ public:
 protected:
     void main() override {
         serve();
-        // Whoever has asked for something that is no longer begun needn't wait until the service is gone.
+        // A client whose request the service no longer begins needn't wait until the service is gone.
         ::shutdown(fd, SHUT_RDWR);
     }
 
@@ -64,7 +65,7 @@ private:
         ucred peer = {};
         socklen_t size = sizeof peer;
         ::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size);
-        // It counts as a request from its begin on, so that the service can't end between both.
+        // A new connection counts as a request, so that the service can't end before the first one has come.
         pollfd first = {fd, POLLIN, 0};
         Counted counted(server);
         if (::poll(&first, 1, FIRST_REQUEST_MS) <= 0) counted.end();
@@ -131,8 +132,8 @@ private:
     bool wasAnswering = false; ///< at the last dropAnswer()
 };
 
-/// Does the service's regular work; apart, since writing a trace to a disk that hangs must keep no client
-/// waiting.
+/// Does the service's regular work, on a thread of its own: the end of a disk may take long, and must keep no
+/// client waiting.
 class ControlServer::Ticker : public SxSystemThread {
 public:
     Ticker(Service* service_, int64 passMs_) : service(service_), passMs(passMs_) { setThreadName("tick"); }
@@ -182,7 +183,8 @@ void ControlServer::end() {
     listener = -1;
     for (const auto& connection : connections)
         connection->hangUp();
-    // A request may wait for the disk of its image without end, which is nothing to the drives of others.
+    // All drives go before the answers that clients still wait for: a request may hang on the disk of its
+    // image, or its answer be taken by nobody.
     service->end();
     const auto haveEnded = [this] {
         return std::none_of(connections.begin(), connections.end(),
@@ -209,7 +211,7 @@ void ControlServer::listen() {
     std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
     listener = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (listener < 0) fail("Cannot make a socket");
-    // What a dead service has left there nobody listens to.
+    // Nobody listens at a socket that a dead service has left.
     ::unlink(path.c_str());
     if (::bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
         ::listen(listener, SOMAXCONN) != 0)
@@ -219,8 +221,8 @@ void ControlServer::listen() {
 void ControlServer::accept() {
     const int fd = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
     if (fd < 0) {
-        SxTime::msleep(
-            SxWait::LOOK_MS); // where there are no more descriptors, it would be tried at once again
+        // Where no descriptor is left it would be tried again at once.
+        SxTime::msleep(SxWait::LOOK_MS);
         return;
     }
     if (!isSameUser(fd)) {
@@ -271,8 +273,9 @@ bool ControlServer::isIdle() const {
            (service->isRetiring() || SxClock::get().steadyNs() - lastNs >= idleMs * 1'000'000);
 }
 
-/// Ends the service under the start lock, so that a client which finds the socket gone starts another one,
-/// and never two at a time.
+/// Ends a service that has nothing to do, under the start lock: looks once more for clients, and removes the
+/// socket. A client that finds the socket gone starts the next service under the same lock, so there are
+/// never two at a time, and repeats what was not answered.
 bool ControlServer::endIfIdle() {
     {
         const SxMutexBlock block(&mutex);

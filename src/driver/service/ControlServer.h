@@ -44,5 +44,5 @@ private:
     SxMutex mutex;
     int nActive SX_GUARDED_BY(mutex) = 0;      ///< requests that are carried out, or are about to come
     int64 lastNs SX_GUARDED_BY(mutex) = 0;     ///< time of the last request
-    bool closing SX_GUARDED_BY(mutex) = false; ///< no request is begun any more
+    bool closing SX_GUARDED_BY(mutex) = false; ///< no further request is begun
 };

@@ -19,19 +19,20 @@ namespace {
 constexpr const char* UNIT = "src/driver/Disk";
 /// A mount may wait for blocks as long as somebody wants it to: an eject ends it.
 constexpr int64 MOUNT_MS = int64{24} * 3600 * 1000;
-/// How long a helper may take from the last byte that came to the disk. Unmounting writes what programs have
-/// left to be written, and a slow disk may take any time for it: a limit for the whole would lose what one
-/// had acknowledged.
+/// How long a helper may take from the last progress of the disk. Unmounting writes what programs have left
+/// to be written, and a slow disk may take any time for it: a limit for the whole would lose what one of them
+/// took for written. Time in which nobody looked for progress doesn't count (SxDeadline).
 constexpr int64 STALL_MS = 20'000;
 constexpr int64 SWEEP_MS = 20'000;
 /// How long bringing a volume up may still take once its reads fail.
 constexpr int64 START_MS = 5000;
 constexpr int64 LOOK_NS = 1'000'000'000;
 constexpr int64 TICK_MS = 100;
-/// Of a tick, for giving room back to the disk: a fifth of its time.
+/// Of a tick, for giving room back to the disk: a fifth of the time.
 constexpr int64 GIVE_BACK_MS = 25;
 constexpr int64 READ_AHEAD_MS = 3000;
-/// A read-ahead that can't be set is tried again so often, and costs no more than speed.
+/// How often a read-ahead is tried to be set: the setting may be gone, or wait for a device that is stuck. A
+/// drive without it is slower, and right.
 constexpr int MAX_READ_AHEAD_TRIES = 5;
 constexpr int64 READ_AHEAD_PASS_NS = 1'000'000'000;
 /// Token of the reads that this process does itself; no request has that address.
@@ -243,8 +244,8 @@ void Disk::unblock() {
     cutOff("the disk took no byte for " + SxString(stallMs() / 1000) + " s");
 }
 
-/// Ends the connection to the kernel; all that does so goes through here. What programs wrote and the disk
-/// hasn't got goes with it, for the reason given.
+/// Ends the connection to the kernel. Whatever does so goes through here, since what programs wrote and the
+/// disk hasn't got goes with the connection: that is noted, for the reason given.
 void Disk::cutOff(const SxString& why) {
     if (holdsWrites) noteLost(why);
     front.abort();
@@ -264,7 +265,7 @@ SxString Disk::getLost() const {
     return lost;
 }
 
-/// Keeps it beside the disk, too, for whoever tidies up after a service that was killed.
+/// Notes it in the disk's folder, too, for whoever tidies up after a service that was killed.
 void Disk::setHoldsWrites(bool holds) {
     if (holdsWrites.exchange(holds) == holds) return;
     const SxString file = folder + "/" + ZqServiceFolder::WRITTEN;
@@ -412,7 +413,7 @@ SxString Disk::describeLostWrites(int closeError) const {
            "' is lost: " + SxOs::errorText(error);
 }
 
-/// Takes away what could not be unmounted in the usual way.
+/// Takes away by force what could not be unmounted in the usual way.
 void Disk::sweep() {
     try {
         Helper::run({"sweep", folder}, SWEEP_MS, nullptr);
@@ -474,7 +475,9 @@ const char* Disk::findUnmounted() const {
     return Mounts::isMounted(base + ZqServiceFolder::VOLUME) ? nullptr : "volume";
 }
 
-/// Looks, once a second, whether the volume or the file behind it was unmounted by somebody else.
+/// Looks once a second, in the mount table and at the file's connection, whether somebody else has unmounted
+/// the volume or the file that it lies on. Then the rest is taken down as by an unmount, and the log says
+/// why. Where written data went with it, the next `umount` says so (onLoss).
 void Disk::noticeEnd() {
     const int64 nowNs = SxClock::get().steadyNs();
     if (ender || ending || nowNs - lastLookNs < LOOK_NS) return;
@@ -534,7 +537,7 @@ void Disk::tick() {
     applyCacheSize();
     replaced = disk.isReplaced();
     disk.tick();
-    // After a large discard there is a lot of it, and the rest of the work goes on.
+    // After a large discard there is a lot of it, and the rest of the work must go on meanwhile.
     for (const SxDeadline deadline(GIVE_BACK_MS); deadline.getLeftMs() > 0 && disk.giveBackRoom();)
         continue;
     for (const SxString& text : {disk.getFailure(), disk.getTraceFailure()})

@@ -33,6 +33,14 @@ struct MountParams {
 ///   Detached  yes   yes   -       yes      Gone        the volume was dismounted
 ///   Failed    yes   -     -       -        Gone        says why, until it is ejected
 ///   Gone      -     -     -       -
+///
+/// A disk that can't be mounted stays as Failed, with the reason, since the mount call has returned long
+/// before.
+///
+/// Lost writes fail the unmount, though the drive goes: the kernel tells a program of them only if that
+/// syncs. So the first loss is kept, shown as the status's failure, and given by eject(). While a volume may
+/// be written to there is a note in the disk's folder (ZqServiceFolder::WRITTEN), so that whoever comes after
+/// a service that was killed says that writes may be lost.
 class Disk {
 public:
     /// Opens the image, takes its locks and starts to bring the volume up. `root` is the machine root,
@@ -61,7 +69,7 @@ public:
     /// Whether the volume is there, so that the guard can be attached.
     bool isMounted() const;
     /// Whether the image was removed since, or another one stands in its place. Looks at the image's disk,
-    /// which may be stuck; the status has the last look of the disk's own.
+    /// which may be stuck; the status tells what this disk's own thread has seen last.
     bool isReplaced() const { return disk.isReplaced(); }
     /// Letter and colon of its drive; empty where it has none.
     SxString getDrive() const;
@@ -75,10 +83,11 @@ public:
     void setCursor(uint64 zqfIdx);
     /// Raises while the disk is being ejected.
     void suspend();
-    /// Moves the write layer into `img.zqf`. Raises while somebody puts that right.
+    /// Moves the write layer into `img.zqf`. Raises while somebody puts blocks of that right.
     void flushLayer();
     void monitorOn(const SxString& traceFolder);
-    /// Whoever mounts it has done all of its mount.
+    /// Whoever mounts it has done all of its mount. A disk that a client which was killed has left half made
+    /// would lack its redirections, and saves would go nowhere; the next mount takes it away.
     void setReady() { ready = true; }
     /// Whether it is ready, and no name was redirected.
     bool isPlain() const { return ready && !isRedirected; }
@@ -154,7 +163,7 @@ private:
     /// What programs wrote may still lie in the kernel's memory, and goes with the connection.
     std::atomic<bool> holdsWrites{false};
 
-    SxMutex ejecting; ///< held over an eject, ahead of `tearing`
+    SxMutex ejecting; ///< held over an eject, and taken before `tearing`
     SxMutex tearing;  ///< held over everything that unmounts
     mutable SxMutex mutex;
     State state SX_GUARDED_BY(mutex) = State::Starting;

@@ -14,7 +14,8 @@
 namespace {
 
 constexpr const char* UNIT = "src/driver/DiskCalls";
-/// How long a trace waits until the kernel reads little in advance on its drive.
+/// How long monitorOn() waits at most until the kernel reads little in advance on the drive: blocks that are
+/// read ahead would be recorded, though nobody asked for them.
 constexpr int64 SETTLE_MS = 1000;
 
 } // namespace

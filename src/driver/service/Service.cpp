@@ -17,9 +17,9 @@ namespace {
 constexpr const char* UNIT = "src/driver/Service";
 /// In the place of the process id of a mounter that has ended.
 constexpr int64 NOBODY = 0;
-/// How long a mount waits for another one of its image.
+/// How long a mount waits for another one of its image that is under way.
 constexpr int64 SAME_IMAGE_MS = 15'000;
-/// Stands before the path in a second line of an image whose drive may have lost writes.
+/// Begins a second line of an image whose drive may have lost writes; the path follows.
 const SxString WRITTEN_MARK = "written ";
 
 [[noreturn]] void refuse(const SxString& text) {
@@ -108,7 +108,7 @@ void Service::noteLeft(const SxString& folder, const SxList<SxString>& images,
     if (!images.isEmpty()) SxFileIO::writeAtomic(file, SxString::join(all, "\n"), 0600);
 }
 
-/// Takes the image from the list of those that were left behind; gives what that said.
+/// Takes the image from the list of those that were left; gives what that said.
 Service::Left Service::takeLeft(const SxString& image) {
     const SxString file = folder + ZqServiceFolder::LEFT;
     if (!SxFSAction::test_f(file)) return Left::No;
@@ -204,6 +204,8 @@ Service::DiskPtr Service::mount(const MountParams& params, int64 peer) {
     refuseOwn(params.traceFolder);
     const Reservation reservation(this, params.image);
     if (const DiskPtr former = find(params.image)) {
+        // An image is what stands under its path now, so a folder that was put in the place of a mounted
+        // image isn't taken for it.
         if (former->isReplaced())
             refuse("Image '" + params.image + "' stands in the place of one that is still mounted");
         refuseSecond(params.image);
@@ -257,8 +259,9 @@ public:
     void eject() {
         try {
             lost = service->eject(disk).lost;
-            // At once, since whoever waits for all disks may be gone before the last of them is; and even if
-            // a client's call has found it, too, which may have stopped waiting long ago.
+            // At once, as each disk goes: what shuts a machine down kills the service in the end. And even
+            // if a client's call has ended this disk, too, since that client may have stopped waiting long
+            // ago.
             if (!lost.isEmpty()) service->noteLost(getImage());
         } catch (const std::exception& e) {
             driverLog("image " + getImage() + " can't be ejected: " + e.what());
@@ -274,7 +277,8 @@ private:
     SxString lost;
 };
 
-/// What is lost is noted for whoever asks for the image next.
+/// Ejects all disks at a time, so that one whose disk hangs keeps no other one. What is lost is noted for
+/// whoever asks for the image next: no client of its own waits for the disk.
 std::vector<Service::Loss> Service::ejectAll() {
     std::vector<std::unique_ptr<Ejector>> ejectors;
     for (const DiskPtr& disk : all())
@@ -282,7 +286,8 @@ std::vector<Service::Loss> Service::ejectAll() {
     std::vector<Ejector*> left;
     for (const auto& ejector : ejectors)
         left.push_back(ejector.get());
-    // What has no thread goes on this one, and the end of a disk frees several.
+    // A disk for which there is no thread is ejected on this one. The end of a disk frees several threads, so
+    // the others are tried again.
     for (;;) {
         std::erase_if(left, [](Ejector* ejector) { return ejector->begin(); });
         if (left.empty()) break;
@@ -338,7 +343,7 @@ void Service::storeDisks() const {
     for (const DiskPtr& disk : now) {
         MountParams params = disk->getParams();
         params.cursor = disk->getVirtualDisk()->getCursor();
-        params.traceFolder = SxString(); // a trace that begins would take what is in it
+        params.traceFolder = SxString(); // a trace that goes on would begin afresh, over the former one
         writeParams(params, &table);
         table.flag(disk->isPlain());
     }
@@ -362,8 +367,9 @@ void Service::loadDisks() {
     for (const auto& [params, isPlain] : stored) {
         if (find(params.image)) continue;
         try {
-            // Without its redirections, saves would go nowhere: the next mount of such a disk makes it anew,
-            // as one whose mounter was killed.
+            // A disk that had redirections comes without them, and saves would go nowhere. So it isn't ready,
+            // and the next mount makes it anew, as one whose mounter was killed. An image that can't be
+            // loaded fails the load, and keeps no other one from being loaded.
             const DiskPtr disk = mount(params, NOBODY);
             if (isPlain) disk->setReady();
         } catch (const SxException& e) {
@@ -390,7 +396,7 @@ void Service::tick() {
     for (const DiskPtr& disk : all()) {
         if (!disk->wasTakenAway()) continue;
         const SxMutexBlock block(&mutex);
-        // The number may be a new drive's by now.
+        // The device id may be a new disk's by now.
         const auto found = disks.find(disk->getDeviceId());
         if (found != disks.end() && found->second == disk) disks.erase(found);
     }

@@ -8,6 +8,11 @@
 #include <memory>
 
 /// The table of disks and what a client can ask of it. All operations are safe from any thread.
+///
+/// A disk that is stuck, since that of its image is, holds up its own image alone. So an image is opened
+/// without the table's lock, and its place is reserved meanwhile. Each Disk does its regular work on a thread
+/// of its own. All disks are ejected at a time. And no request looks at the disk of another image than its
+/// own: a state tells what the image's own disk has seen last, and a disk sets its cache size itself.
 class Service {
 public:
     /// `root` is the machine root, `folder` the service's own folder with a trailing slash; host paths.
@@ -16,8 +21,10 @@ public:
     /// Carries out one request. Gives the body of the answer; raises where the request fails.
     /// `peer` is the client's process id.
     std::string handle(unsigned kind, const std::string& body, int64 peer);
-    /// Adds to the list of images whose drives a killed service left behind.
-    /// `written`: those of them whose drives may have lost what programs wrote.
+    /// Adds to the list of images whose drives a killed service left. It is a file in `folder`, so that an
+    /// `umount` of them still reverts the registry, whoever has started a service meanwhile. `written`: those
+    /// of them whose drives may have lost what programs wrote; whoever asks for such an image first is told,
+    /// once.
     static void noteLeft(const SxString& folder, const SxList<SxString>& images,
                          const SxList<SxString>& written);
     /// Regular work, about every 100 ms. Disks do theirs by themselves.
@@ -25,8 +32,9 @@ public:
     bool hasDisks() const;
     /// Whether a client wants it to end now, and nothing was mounted since.
     bool isRetiring() const { return retiring; }
-    /// Ejects everything, all disks at a time, and no longer lets anything be mounted. What programs wrote
-    /// and was lost thereby is told to whoever asks for the image next. Raises nothing.
+    /// Ejects everything, all disks at a time, and no longer lets anything be mounted: a mount that is under
+    /// way is refused, and what it has made is taken away. What programs wrote and was lost thereby is told
+    /// to whoever asks for the image next, since no client waits for this. Raises nothing.
     void end() noexcept;
 
 private:
@@ -43,7 +51,7 @@ private:
     void refuseOwn(const SxString& path) const;
     class Reservation;
     class Ejector;
-    /// Takes a device id for the image; none where the image's disk is being made.
+    /// Takes a device id for the image; none where another request is making the image's disk.
     std::optional<uint64> reserve(const SxString& image);
     DiskPtr make(const MountParams& params, uint64 deviceId, int64 peer);
     enum class Left { No, Read, Written };
@@ -73,10 +81,10 @@ private:
     std::atomic<uint64> cacheSize{0}; // bytes
     std::atomic<bool> guardLogging{false}, retiring{false};
 
-    SxMutex lefts; ///< held over the file of what was left behind, which lies in the service's own folder
+    SxMutex lefts; ///< held over the file of what was left, which lies in the service's own folder
     mutable SxMutex mutex;
     std::map<uint64, DiskPtr> disks SX_GUARDED_BY(mutex); ///< by device id
-    /// Images whose disks are being made, by device id: opening them may take as long as their disk does.
+    /// Images whose disks are being made, by device id: opening one may take as long as its own disk does.
     std::map<uint64, SxString> reserved SX_GUARDED_BY(mutex);
     bool ending SX_GUARDED_BY(mutex) = false; ///< no further disk comes
 };

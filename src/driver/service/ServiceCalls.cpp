@@ -36,7 +36,8 @@ void writeStatus(const ZqDiskStatus& status, Writer* out) {
     out->number(static_cast<uint64>(status.servicePid)).number(status.madeNs);
 }
 
-/// Names the mount namespace of this process, for clients that compare it with their own.
+/// Names the mount namespace of this process, for clients that compare it with their own: to one of another
+/// namespace a drive that it can't see looks like one that somebody has unmounted a moment ago.
 void writeNamespace(Writer* out) {
     struct stat info = {};
     ::stat("/proc/self/ns/mnt", &info); // zeros where there is no such file, which say nothing

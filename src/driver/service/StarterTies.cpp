@@ -17,7 +17,8 @@
 
 namespace {
 
-/// In a group of the second kind that has groups of its own no process may be. So it gets one for drives.
+/// Name of a group that is made for drives: in a group of the second kind that has groups of its own no
+/// process may be.
 constexpr const char* OWN_GROUP = "tavrin-drives";
 constexpr const char* SECOND_KIND = "cgroup2";
 

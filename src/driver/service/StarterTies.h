@@ -3,7 +3,9 @@
 #include "SxString.h"
 
 /// What a process has from whoever started it. A drive outlives the program that mounted it, so the memory,
-/// the freezing, the limits and the end that are meant for that program must not be its drive's.
+/// the freezing, the limits and the end that are meant for that program must not be its drive's. In one small
+/// memory group with a program that writes to the drive, the service would wait for ever for memory that its
+/// own drive's pages hold.
 namespace StarterTies {
 
 /// Moves this process out of its starter's control groups (of both kinds, as near to their root as the system

@@ -20,11 +20,22 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-// The drive service:
+// The drive service. It serves the disks of one machine root, and is started by the first call of the control
+// library that needs it. A reader whose block is missing waits in the kernel, and a process that reads from a
+// drive which it serves itself could never end when it is killed. So disks live in a process of their own,
+// which outlives its clients:
 //
-//   zqdd --root MACHINE_ROOT --folder SERVICE_FOLDER    goes to the background when it listens; the client
-//   that
-//                                                       starts it holds the start lock
+//   ControlServer    requests of clients of the same user
+//   Service          the table of disks
+//     Disk           one image: state, letter, tear-down
+//       VirtualDisk  map, cursor, delivered blocks, held requests, write layer, trace; no FUSE, no mount
+//       FuseFront    the disk as one file; a held read is a stored request, never a waiting thread
+//       Helper       mount, unmount, sync, loop and overlay calls, each in a process of its own
+//
+// How it is called:
+//
+//   zqdd --root MACHINE_ROOT --folder SERVICE_FOLDER    goes to the background when it listens; the start
+//                                                       lock is held by whoever starts it
 //   zqdd helper OPERATION ...                           see HelperOps
 //
 // $TAVRIN_ZQDD_IDLE_MS: how long it stays with nothing to do, 30000 where not set. $TAVRIN_ZQDD_LOG: its log
@@ -44,8 +55,9 @@ void requestStop(int) {
 }
 
 /// Where memory is short, the kernel writes out what programs wrote to a drive, and lets whoever asks for
-/// memory wait for it; this process would wait for itself. Before the first thread, since threads inherit
-/// it. It takes a right that users lack, whose drives are written to by a process of their own.
+/// memory wait for it; this process would wait for itself. To be called before the first thread, since
+/// threads inherit it. It takes a right that users lack, whose drives are written to by a process of their
+/// own, and that containers may lack, too: then the log says so.
 void forbidReclaimThroughDrives() {
 #ifndef PR_SET_IO_FLUSHER
     constexpr int PR_SET_IO_FLUSHER = 57;
@@ -85,7 +97,10 @@ void redirectOutput(const std::string& folder) {
     if (null > STDERR_FILENO) ::close(null);
 }
 
-/// Takes the lock that a service holds for its whole life; one that is about to end is waited for.
+/// Takes the lock that a service holds for its whole life, since one service lives at a time. That is done
+/// before the sweep: the start lock goes with a client that dies while it starts a service, and the next
+/// service would take live drives for remains. A service that is about to end is waited for; raises where it
+/// doesn't.
 void takeLifeLock(const SxString& folder) {
     SxOs& os = SxOs::get();
     const int fd = os.open((folder + ZqServiceFolder::LIFE_LOCK).str(),
@@ -96,12 +111,13 @@ void takeLifeLock(const SxString& folder) {
                       __LINE__);
 }
 
-/// Removes what a service that was killed has left behind; notes the images in `left`.
+/// Removes what a service that was killed has left; notes the images in `left`. It is found by its place:
+/// every mount, loop device, letter and folder below the service's folder.
 void sweep(const SxString& root, const SxString& folder) {
     const std::string mounts = folder.str() + ZqServiceFolder::MOUNTS;
     std::error_code error;
-    // Links are on the disk and outlive a power cut, which the folders that they lead to don't. All of them
-    // are of the past: this service, which alone makes such ones now, has made none yet.
+    // Links are on the disk and outlive a power cut; the folders that they lead to don't. All of them are of
+    // former services: this one, which alone makes such links now, has made none yet.
     DriveLetter::removeBelow(root, SxString(mounts) + "/");
     if (!std::filesystem::exists(mounts, error) || std::filesystem::is_empty(mounts, error)) return;
     driverLog("removes what a former service left in " + SxString(mounts));
@@ -114,11 +130,12 @@ void sweep(const SxString& root, const SxString& folder) {
         if (SxFSAction::test_f(SxString((disk.path() / ZqServiceFolder::WRITTEN).string())))
             written.append(images.last());
     }
-    // Ahead of the removal, behind which nobody would know of them.
+    // Before the removal, after which nobody would know of them.
     Service::noteLeft(folder, images, written);
     // Folders alone are removed: where something is still mounted, nothing of it must be touched.
     for (const auto& disk : std::filesystem::directory_iterator(mounts, error)) {
-        // All files, since it may have been killed while it wrote one under another name. Folders refuse.
+        // All files, since the service may have been killed while it wrote one under another name. The call
+        // fails on folders.
         for (const auto& entry : std::filesystem::directory_iterator(disk.path(), error))
             ::unlink(entry.path().c_str());
         ::rmdir((disk.path() / ZqServiceFolder::VOLUME).c_str());
