@@ -120,7 +120,7 @@ void startService(const std::string& root, const std::string& folder) {
     SxProcess process(program, {"--root", SxString(root), "--folder", SxString(folder)}, SxProcess::Silent);
     const int code = process.run();
     if (code == 0) {
-        // Under the lock it can't end for want of clients ahead of our connection.
+        // Under the lock it can't end for want of clients before our connection is there.
         connection.open(folder);
         return;
     }
@@ -145,8 +145,9 @@ bool isSlow(unsigned kind) {
     }
 }
 
-/// How long an answer may take, in seconds, from the last progress: those that unmount or write have limits
-/// of their own in the service.
+/// How long an answer may take, in seconds. Where something is unmounted or written, which has a limit of its
+/// own in the service, this counts from the last progress. A service that doesn't answer in time, as one that
+/// was stopped, is told of as silent. It isn't taken for one that is gone, whose drives could be tidied up.
 int answerSeconds(unsigned kind) {
     int limit = isSlow(kind) ? 90 : 20;
     if (const char* own = std::getenv("TAVRIN_ANSWER_S")) limit = std::atoi(own); // for tests

@@ -4,7 +4,8 @@
 #include "ZqVolume.h"
 
 /// The client's side of the connection to the drive service of the machine root: one for each thread. Starts
-/// the service where a call needs it, and once more where a connection was cut off before the answer.
+/// the service where a call needs it. Where a connection was cut off before the answer, the service may have
+/// ended for want of clients: the next one is started, told of the cache size, and asked the same again.
 namespace ZqServiceClient {
 
 enum class Start {
@@ -17,7 +18,7 @@ enum class Start {
 bool call(ZqDriveWire::Call call, const ZqDriveWire::Writer& request, ZqDriveWire::Reader* answer,
           Start start);
 
-/// Whether the last call failed for want of a service: none was there, or it ended ahead of its answer.
+/// Whether the last call failed for want of a service: none was there, or it ended before its answer.
 bool wasCutOff();
 
 /// Whether a service is there, without starting one. One that is stuck counts: it still serves its drives.

@@ -156,7 +156,7 @@ void ZqVolume::requireView() {
         bool isHidden = false;
         const SxList<ZqDiskStatus> disks = getDisks();
         for (const ZqDiskStatus& disk : disks) {
-            // Where one comes through, the next one does.
+            // Where one comes through to this process, the next one does, too.
             if (isVisible(disk)) return;
             isHidden = isHidden || !disk.mountPath.isEmpty();
         }
@@ -229,7 +229,7 @@ bool ZqVolume::isForeign() {
 SxList<ZqDiskStatus> ZqVolume::getDisks() {
     SxList<ZqDiskStatus> disks;
     if (isForeign()) {
-        // It tells of each image alone.
+        // A service of another version answers for one image at a time.
         for (const SxString& image : imagesInFolder()) {
             ZqDiskStatus disk;
             if (findDisk(image, &disk)) disks.append(disk);

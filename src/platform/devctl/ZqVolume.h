@@ -7,7 +7,7 @@
 
 // What the system tells of volumes and their drives, beside the control library of the drive service.
 
-/// What a drive says of the disk behind it.
+/// What a drive says of its disk.
 struct ZqVolumeIdentity {
     SxString vendorId, productId;
     uint64 targetId = 0; ///< of its SCSI address
@@ -25,18 +25,20 @@ public:
 
     /// Letter and colon of each logical drive ("C:", "E:"), in order.
     static SxList<SxString> getDrives();
-    /// Asks the disk behind a drive for its identity; false where the drive can't be opened or doesn't
-    /// answer.
+    /// Asks the disk of a drive for its identity; false where the drive can't be opened or doesn't answer.
     static bool queryIdentity(const SxString& drive, ZqVolumeIdentity* identity);
-    /// The drive of a disk, as its service says; empty where it has none yet, or where somebody has changed
-    /// or removed the link, which no longer has the text that the service gave it then. The service is asked
-    /// and not the links: they outlive it, and those of another service of this machine root look the same.
+    /// The drive of a disk, as its service says; empty where it has none yet, or where the link no longer has
+    /// the text that the service gave it, since somebody has changed or removed it. The service is asked and
+    /// no link is searched for the identity of the disk: links outlive a power cut, and those of another
+    /// user's service of this machine root look the same.
     static SxString findDrive(const ZqDiskStatus& disk);
-    /// Whether this process sees the disk's volume mounted. It doesn't where somebody has unmounted it, or
-    /// where the service lives in another mount namespace.
+    /// Whether this process sees the disk's volume mounted; by that alone a client believes that it is. It
+    /// doesn't where somebody has unmounted the volume, or where the service lives in another mount
+    /// namespace.
     static bool isVisible(const ZqDiskStatus& disk);
     /// Whether the disk's volume is mounted in another mount namespace, from which it doesn't come through to
-    /// this process.
+    /// this process. The service says in which namespace it lives: device numbers alone can't tell such a
+    /// drive from one that somebody has unmounted a moment ago.
     static bool isElsewhere(const ZqDiskStatus& disk);
     /// A sentence on the service of that process, whose drives this one can't see.
     static SxString elsewhereText(int64 servicePid) {
@@ -44,12 +46,12 @@ public:
                ") lives in another mount namespace, whose drives this process can't see; it ends by itself "
                "half a minute after its last drive";
     }
-    /// Sees to it that this process will see what it mounts: a service of another mount namespace that serves
-    /// nothing is ended, so that the next one starts in ours. Raises where that one's drives don't come
-    /// through to this process, as far as it has any that tell.
+    /// Sees to it that this process will see what it mounts. A service of another mount namespace without
+    /// drives is ended, so that the next one starts in ours. Raises where it has drives that are mounted
+    /// and none of them comes through to this process.
     static void requireView();
-    /// Letters that lead below this service's folder, while no service runs: what one left that was killed,
-    /// or whose machine lost its power, when even its folder is gone.
+    /// Letters that lead below this service's folder, while no service runs. They were left by one that was
+    /// killed, or whose machine lost its power; even its folder is gone then.
     static SxList<SxString> getLeftDrives();
     /// Takes the volume of a drive out of use, after writing what is to be written. Where a program still
     /// uses it, it is detached all the same, ends with an I/O error for that program, and `*busy` is set.
@@ -72,32 +74,33 @@ public:
     /// Looks whether a mounted image was removed since, or another one stands in its place. May wait for the
     /// image's disk. Raises where the service can't tell.
     static bool isReplaced(const SxString& image);
-    /// Says that the mount of an image is complete.
+    /// Says that the mount of an image is complete. A mount that a client which was killed has left half made
+    /// would lack its redirections, and saves would go nowhere; the next mount takes it away. (The service
+    /// knows the mounting process, so one that still lives is waited for.)
     static void setReady(const SxString& image);
-    /// The image folders whose drives a service that was killed has left behind, as long as no other one
-    /// runs.
+    /// The image folders whose drives a service that was killed has left, as long as no other one runs.
     static SxList<SxString> getLeftovers();
     /// Whether the service is of another version. Such a one takes no mounts; its drives can be asked after
     /// and ejected. Raises where it can't tell.
     static bool isForeign();
-    /// Removes what a service that was killed has left behind in this machine root (mounts, loop devices,
-    /// connections, letters, the socket). Gives whether a drive of `image` was, or has been since it was last
-    /// asked for, among that. `*written`: what programs had written to that drive may be lost. While a
-    /// service of another version serves, nothing is removed.
+    /// Removes what a service that was killed has left in this machine root (mounts, loop devices,
+    /// connections, letters, the socket), by starting one where anything is left: a service tidies up when it
+    /// starts. Gives whether a drive of `image` was, or has been since it was last asked for, among that.
+    /// `*written`: what programs had written to that drive may be lost. While a service of another version
+    /// serves, nothing is removed.
     static bool removeLeftovers(const SxString& image, bool* written);
     /// A number that grows while what programs wrote to an image's drive comes to its disk; stays as it is
     /// where the service can't be asked, or doesn't serve the image.
     static uint64 getProgress(const SxString& image);
-    /// From now on an answer of a service may take so long at most, in seconds: for who only asks how things
-    /// are, and needn't wait for one that may be stopped.
+    /// From now on an answer of a service may take so long at most, in seconds: for whoever only asks how
+    /// things are, and needn't wait for a service that may be stopped.
     static void setPatience(int seconds);
     /// Whether a program still used the volume that zqDriveEjectImage() took away last on this thread.
     static bool wasBusy();
     /// Why the last function of the control library failed on this thread, in words for the user; empty where
     /// the last one succeeded.
     static SxString getLastFailure();
-    /// The same as an exception, with the tag SILENT or ALREADY_MOUNTED where
-    /// that was the reason. `unit` and `line`: the place
-    /// that it names.
+    /// The same as an exception, with the tag SILENT or ALREADY_MOUNTED where that was the reason. `unit` and
+    /// `line`: the place that it names.
     static SxException getLastException(const SxString& unit, int line);
 };

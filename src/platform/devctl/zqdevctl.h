@@ -3,10 +3,11 @@
 #include "SxTypes.h"
 
 // The control library of the drive service: a list of plain functions. Every one gives a status, 0 for
-// success, and fills its out-parameters only then. All are safe from any thread and any process of the same
-// user. They start the service where it isn't there and is needed: the calls that take no image,
-// zqDriveMountImage() and the guard's; a question about an image that no service serves is answered 'not
-// mounted' without starting one.
+// success, else 1, and fills its out-parameters only with success. The words of a failure travel beside the
+// status (ZqVolume::getLastFailure). All are safe from any thread and any process of the same user. They
+// start the service where it isn't there and is needed: the calls that take no image, zqDriveMountImage() and
+// the guard's. A question about an image that no service serves is answered 'not mounted' without starting
+// one.
 //
 // `image` is the path of the image folder, NUL-terminated UTF-16; every spelling of it means the same disk.
 // Wide texts are NUL-terminated UTF-16, at most 32767 units; a flag is one byte, 0 or 1. Blocks have 4096
@@ -18,9 +19,10 @@ using ZqFlag = unsigned char;
 
 /// Creates the disk of an image folder and starts to serve it; returns before its drive letter exists. A
 /// trace is begun in `traceFolder`, where that isn't empty. `readTW`: writes go into the layer `img.tix`,
-/// `img.tmp`. `removable` and `awaitFileSystem` are kept and reported; `hostFlag` and `spareFlag` mean
-/// nothing to this service. `sizeRaw`, `sectorSize` in bytes, `cursor` in blocks. Fails on an image that is
-/// served already.
+/// `img.tmp`. `removable` is kept and reported. `awaitFileSystem`, `hostFlag` and `spareFlag` mean nothing to
+/// this service, and are kept and stored. `sizeRaw`, `sectorSize` in bytes, `cursor` in blocks. The sector
+/// size is only given back as it came: what the kernel sees has sectors of 4096 bytes, the smallest unit that
+/// is stored. Fails on an image that is served already.
 ZqStatus zqDriveMountImage(ZqWide image, ZqWide traceFolder, ZqFlag readOnly, ZqFlag readTW, ZqFlag removable,
                            ZqFlag hostFlag, ZqFlag awaitFileSystem, ZqFlag spareFlag, uint64 sizeRaw,
                            uint64 sectorSize, uint64 cursor);

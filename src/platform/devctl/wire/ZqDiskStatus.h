@@ -16,9 +16,11 @@ struct ZqDiskStatus {
     uint64 nHeld = 0;      ///< reads that are held now
     uint64 nBeyondQA = 0;  ///< reads at or above the QA cursor
     bool ready = false;    ///< whoever mounts it has said that all of its mount is done
-    int64 mounterPid = 0;  ///< the process that had it mounted
+    int64 mounterPid = 0;  ///< the process that mounts it, which is waited for while it lives
     bool replaced = false; ///< the image was removed, or another one stood in its place, a moment ago
     bool removable = false, underflow = false, suspended = false, monitored = false;
     int64 servicePid = 0;
-    uint64 madeNs = 0; ///< when the disk was made, which tells it from another one of its image
+    /// When the disk was made. It tells the disk from the next one of its image, which another client may
+    /// make as soon as the image is free: whoever waits for the end of a disk waits for that one alone.
+    uint64 madeNs = 0;
 };

@@ -15,9 +15,10 @@
 /// byte, a text is its length in bytes (uint32) and UTF-8.
 namespace ZqDriveWire {
 
-/// A message of another version is read, too: its head and these calls stay what they are in every version,
-/// so that the drives of a service of another version can be seen and taken away. New fields of a state come
-/// last.
+/// A message of another version is read, too: the head, and the calls of isOfAllVersions(), stay what they
+/// are in every version, so that the drives of a service of another version can be seen and taken away. All
+/// else gets a failure with a sentence. So with such a service a client only does this: `umount` reverts the
+/// registry and ejects, `status` asks after each image that has a folder. New fields of a state come last.
 constexpr unsigned VERSION = 2;
 /// Of a body; holds the largest part of a delivery and its head.
 constexpr uint32 MAX_BODY = (1 << 20) + ZqBlocks::SIZE;
@@ -62,7 +63,7 @@ enum class Call : unsigned short {
     GuardReparse,
     Label,
     Ready,    ///< the mount of an image is complete
-    Leftover, ///< asks and clears: was a drive of the image left behind by a killed service
+    Leftover, ///< asks and clears: was a drive of the image left by a killed service
     Progress, ///< of what programs wrote, on its way to the disk
     Retire,   ///< a service without disks ends now
     Replaced, ///< looks whether another image stands in the place of a mounted one
@@ -108,7 +109,8 @@ private:
 
 /// Whether a call is understood by every version.
 constexpr bool isOfAllVersions(Call call) {
-    // The progress with them: by that alone a client knows that an eject goes on, which may take any time.
+    // The progress is among them, since an eject may take any time, and by that alone a client knows that one
+    // goes on.
     return call == Call::Ping || call == Call::State || call == Call::Eject || call == Call::Progress;
 }
 

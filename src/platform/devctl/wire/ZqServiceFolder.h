@@ -17,7 +17,7 @@ public:
     /// Why the service could not start.
     static constexpr const char* START_FAILURE = "start.failure";
     static constexpr const char* DISK_TABLE = "disks";
-    /// Images whose drives a killed service left behind, a line each.
+    /// Images whose drives a killed service left, a line each.
     static constexpr const char* LEFT = "left";
     /// Holds one folder for each disk, named after its device id.
     static constexpr const char* MOUNTS = "mnt";
@@ -26,7 +26,8 @@ public:
     static constexpr const char* DISK_FILE = "disk";    ///< that file
     static constexpr const char* IMAGE = "image";       ///< path of the disk's image folder
     static constexpr const char* IDENTITY = "identity"; ///< vendor, product, target id, a line each
-    /// There while what programs wrote to a disk may not be on it yet.
+    /// There until a volume that may be written to is unmounted: what programs wrote may not be on the disk
+    /// yet.
     static constexpr const char* WRITTEN = "written";
 
     static constexpr const char* VENDOR = "VOLM";
