@@ -15,7 +15,7 @@ bool saysSoon(const Client& player, const string& words) {
 
 TEST_F(StreamRun, AFullDiskEndsNothing) {
     const SmallDisk disk(got, "128m");
-    // Its record can't be written at first, then its image, and at the end nothing.
+    // At first the record can't be written, then the image, and at the end nothing.
     dir.write("got/stream.json", "{\"version\": 2, \"url\": \"" + server->getUrl().str() + "\"}");
     const string record = got + "/stream.json";
     // Nothing can be renamed over the root of a mount.
@@ -38,7 +38,7 @@ TEST_F(StreamRun, AFullDiskEndsNothing) {
         return fs::file_size(got + "/img.zqf") == fs::file_size(served + "/img.zqf");
     })) << player->says();
     EXPECT_TRUE(SxWait::pass(20'000, [&] { return hasPlayed(); })) << player->says();
-    // What goes with the comparison of the image would make room again.
+    // These files go when the image is compared; if they went later, they would make room again.
     EXPECT_TRUE(eventually([&] { return !fs::exists(got + "/img.ahead"); }));
     disk.fill();
     release();
@@ -47,8 +47,8 @@ TEST_F(StreamRun, AFullDiskEndsNothing) {
     EXPECT_THAT(player->says(), HasSubstr("got/runtime.json"));
     expectPlayed();
     expectComplete();
-    // A complete image needs no more. What the run before held beside the image has gone at some time since
-    // the disk was filled.
+    // A complete image needs no more room. The disk is filled again, since the run before has removed what it
+    // held beside the image.
     disk.fill();
     const auto next = start();
     EXPECT_EQ(next->end(), 0) << next->says();
@@ -58,7 +58,8 @@ TEST_F(StreamRun, AFullDiskEndsNothing) {
 
 TEST_F(StreamRun, ADownloadLeavesItsReserve) {
     const uint64 nTotal = fs::file_size(served + "/img.zqf");
-    // Too small for the image, so that the game plays from what fits, and memory takes what comes on demand.
+    // The disk is too small for the image: the game plays from what fits, and memory takes what comes on
+    // demand.
     const uint64 nDisk = nTotal * 3 / 4 / 4096 * 4096;
     const SmallDisk disk(got, std::to_string(nDisk));
     hold();
@@ -70,7 +71,7 @@ TEST_F(StreamRun, ADownloadLeavesItsReserve) {
     EXPECT_TRUE(SxWait::pass(20'000, [&] { return hasPlayed(); })) << player->says();
     EXPECT_GE(fs::space(got).available, nDisk / 10 * 8 / 10) << "but for the records, a tenth stays free";
     EXPECT_LT(fs::file_size(got + "/img.zqf"), nTotal);
-    // It goes on when room comes.
+    // The download goes on when there is room.
     disk.grow("256m");
     EXPECT_TRUE(SxWait::pass(20'000, [&] { return fs::file_size(got + "/img.zqf") == nTotal; }))
         << player->says();
@@ -114,7 +115,7 @@ TEST_F(StreamRun, WhatAPowerCutMayHaveTakenIsFetchedAgain) {
         const size_t nSynced = nThere - 300'001;
         dir.write("got/img.zqf", zqf.substr(0, nSynced) + string(nThere - nSynced, '\0'));
         dir.write("got/img.zqf.synced", std::to_string(nSynced) + " 00000000-another-start\n");
-        // A drive without a download takes no more of it than that.
+        // A drive without a download takes only that for there.
         done({"mount", got});
         EXPECT_EQ(statusOf(got).cursor, nSynced / 4096);
         done({"umount", got});

@@ -124,7 +124,7 @@ std::vector<pid_t> DriveRun::processesOf(bool helpers) {
         const string name = process.path().filename();
         if (name.find_first_not_of("0123456789") != string::npos) continue;
         std::ifstream file(process.path() / "cmdline");
-        string words; // nothing of a process that has ended
+        string words; // stays empty for a process that has ended
         std::getline(file, words);
         if (words.find("zqdd") != string::npos && words.find(folder) != string::npos &&
             (words.find("helper") != string::npos) == helpers)
@@ -168,7 +168,7 @@ void Feeder::start() {
             std::vector<uint64> blocks(missing.begin(), missing.end());
             std::shuffle(blocks.begin(), blocks.end(), random);
             for (const uint64 zqfIdx : blocks) {
-                if (zqfIdx < present) continue; // a zero of an image that isn't mounted
+                if (zqfIdx < present) continue; // an image that isn't mounted gives zeros
                 const string block = bytes.substr(zqfIdx * 4096, 4096);
                 SxArray<char> data(4096);
                 std::copy(block.begin(), block.end(), data.begin());

@@ -38,7 +38,7 @@ protected:
     string build(const string& name, const string& fileSystem, const std::vector<string>& more = {});
     /// Runs the client; kept from hanging by a limit of a minute.
     Outcome run(const std::vector<string>& words) const;
-    /// The same, where nothing else than success will do; gives standard output.
+    /// The same, and expects success; gives standard output.
     string done(const std::vector<string>& words) const;
     /// Mounts with the client and gives the folder of the volume's application.
     string mount(const string& image, const std::vector<string>& more = {});

@@ -181,13 +181,13 @@ TEST_P(EachFileSystem, aKilledServiceLeavesErrorsAndIsTidiedUpAfter) {
         EXPECT_EQ(feeder->nPresent(), fs::file_size(image + "/img.zqf") / 4096);
         fs::copy_file(full->path("img.zqf"), image + "/img.zqf", fs::copy_options::overwrite_existing);
         if (umountFirst) {
-            // As where it is killed while it writes a file.
+            // As a service leaves it that is killed while it writes a file.
             write(fs::path(app).parent_path().parent_path().parent_path() / "identity.tmp", "");
             EXPECT_THAT(done({"status"}), HasSubstr("to remove it: tavrin umount " + image));
             EXPECT_THAT(run({"status", image}).err, HasSubstr("is not mounted"));
             const Outcome ended = run({"umount", image});
             EXPECT_THAT(ended.out + ended.err, HasSubstr("left behind"));
-            // Of a drive that can be written to it isn't known what was.
+            // What programs wrote to a drive that can be written to isn't known.
             EXPECT_EQ(ended.code, GetParam() == string("ext4") ? 1 : 0);
             EXPECT_EQ(done({"status"}), "Nothing is mounted\n");
             EXPECT_THAT(leftovers(), testing::IsEmpty());
@@ -277,7 +277,7 @@ TEST_F(Drive, syncedWritesOutliveAKilledService) {
         const int fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
         ASSERT_EQ(::fsync(fd), 0);
         ::close(fd);
-        // What goes on at the kill is lost, and no harm.
+        // What is being written when the service is killed may be lost, and does no harm.
         Child writer([&] {
             for (int i = 0;; ++i)
                 write(app + "/other" + std::to_string(i % 50), string(50'000, 'x'));
@@ -352,7 +352,7 @@ TEST_F(Drive, anEndingServiceLosesNoRequest) {
     TestRandom random(5);
     TRACE_SEED(random);
     std::atomic<int> nFailed{0}, nEnded{0};
-    // Both clients come once more at about the time when the service ends.
+    // In each round both clients come at about the time when the service ends.
     std::barrier round(2);
     std::vector<std::thread> clients;
     for (int i = 0; i < 2; ++i) {
@@ -413,7 +413,7 @@ TEST_F(Drive, aKilledClientLeavesADriveThatCanBeSeenAndRemoved) {
         mounting.wait();
         const Outcome status = run({"status", image, "--json"});
         EXPECT_TRUE(status.code == 0 || status.err.find("is not mounted") != string::npos) << status.err;
-        // What it has left half made is no drive to play from.
+        // What the killed mount has left half made isn't taken for a drive to play from.
         done({"mount", image, "--quiet"});
         EXPECT_TRUE(statusOf(image).ready);
         done({"umount", image});
@@ -447,7 +447,7 @@ TEST_F(Drive, severalClientsMountAnImageOnce) {
         EXPECT_EQ(each->wait(), 0);
     EXPECT_EQ(treeOf(dir.path("root/dosdevices/d:/TAVRIN-protected/app")), treeOf(source));
     done({"umount", image});
-    // Of two that unmount at once the second one finds it gone in the middle.
+    // Of two clients that unmount at once the second one finds the drive gone in the middle of its unmount.
     EXPECT_NO_THROW(ZqVolume::ejectMedia("D:"));
 }
 

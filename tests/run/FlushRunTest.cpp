@@ -24,10 +24,10 @@ protected:
         ::setenv("LD_PRELOAD", library.c_str(), 1);
         ::setenv("ASAN_OPTIONS", "verify_asan_link_order=0", 0);
         ::setenv("SLOW_DISK", slow.c_str(), 1);
-        // Short beside what a flush takes here.
+        // Shorter than a flush takes here.
         ::setenv("TAVRIN_ZQDD_STALL_MS", "2500", 1);
         ::setenv("TAVRIN_ANSWER_S", "5", 1);
-        // An application too large for a drive without room.
+        // Gives the drive enough free room, which goes by the size of the application.
         std::ofstream(source + "/room").close();
         fs::resize_file(source + "/room", 400'000'000);
         image = build("image", "ext4");
@@ -97,7 +97,7 @@ private:
 
 TEST_F(Flush, ASlowDiskGetsTheTimeThatItNeeds) {
     save();
-    // About 10 s, beyond every limit.
+    // The flush then takes about 10 s, longer than every limit.
     setRate(std::to_string(SIZE / 10));
     const int64 begin = SxClock::get().steadyNs();
     EXPECT_EQ(done({"umount", image}), "Unmounted\n");
@@ -107,7 +107,7 @@ TEST_F(Flush, ASlowDiskGetsTheTimeThatItNeeds) {
 }
 
 TEST_F(Flush, ADiskThatStandsStillEndsTheDriveAndSaysWhatIsLost) {
-    // On no disk that others write to, for which it would wait.
+    // Not on a disk that other programs write to: their progress would count.
     fs::copy(image, memory.path("image"), fs::copy_options::recursive);
     image = memory.path("image");
     save();
@@ -119,7 +119,7 @@ TEST_F(Flush, ADiskThatStandsStillEndsTheDriveAndSaysWhatIsLost) {
         return fs::exists(dir.path("told")) &&
                (dir.read("told").size() > 0 || !statusOf(image).failure.isEmpty());
     }));
-    // Its threads can't end while the disk holds them.
+    // The service's threads can't end while the disk holds them.
     setRate("");
     EXPECT_EQ(umount.wait(), 1);
     EXPECT_THAT(dir.read("told"),
@@ -152,7 +152,7 @@ TEST_F(Flush, AnUnmountWhoseServiceIsKilledFailsWhereWritesMayBeLost) {
         if (!isBefore) {
             EXPECT_EQ(umount.wait(), 1);
         }
-        // What the one that was cut off could no longer see, the next one tells, once.
+        // The unmount that was cut off could no longer see what was lost; the next one tells it, once.
         const Outcome outcome = run({"umount", image});
         if (isBefore) {
             EXPECT_EQ(outcome.code, 1);

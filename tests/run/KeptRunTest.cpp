@@ -15,7 +15,7 @@ TEST_F(StreamRun, NothingIsFetchedTwiceOverTwoRuns) {
         fs::remove(played + ".half");
         if (packed) done({"image", "pack", served, "--level", "1"});
         const SxString name = packed ? "img.zqf.zst" : "img.zqf";
-        // It reads files far ahead of what arrives in order, until it is ended.
+        // The application reads files far beyond what has arrived in order, until it is ended.
         dir.write("played.pause", "");
         const auto first = start({"--now", "--rate", "100000"});
         ASSERT_TRUE(SxWait::pass(30'000, [this] {
@@ -45,7 +45,7 @@ TEST_F(StreamRun, NothingIsFetchedTwiceOverTwoRuns) {
         expectPlayed();
         expectComplete();
         EXPECT_FALSE(isMounted());
-        // The begin of the first stretch and the damaged one come again, and the table.
+        // The start of the first stretch, the damaged stretch and the table are fetched again.
         EXPECT_LT(server->getNBytes(name) - nBefore, size - nStored + 3 * 204'800) << second->says();
         EXPECT_THAT(dir.read("report.json"), HasSubstr("\"missingBytes\": 0"));
         EXPECT_FALSE(fs::exists(got + "/img.ahead") || fs::exists(got + "/img.ahead.idx"));

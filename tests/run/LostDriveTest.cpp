@@ -42,7 +42,7 @@ TEST_F(LostDrive, aPowerCutLeavesNothingThatStopsTheNextMount) {
 }
 
 TEST_F(LostDrive, aLinkThatLooksLikeTheDriveIsNotTakenForIt) {
-    // Of a service of another user of this machine root, say: the same device id, an earlier letter.
+    // As a service of another user of this machine root makes it: the same device id, an earlier letter.
     const string image = build("image", "ext4");
     const fs::path other = dir.path("other/mnt/1"), letters = dir.path("root/dosdevices");
     fs::create_directories(other / ZqServiceFolder::VOLUME);
@@ -68,7 +68,8 @@ TEST_F(LostDrive, whatSomebodyUnmountedIsNoticedAndMountedAnew) {
             } else {
                 ASSERT_EQ(::umount2(volume.c_str(), 0), 0);
             }
-            // At once: it is there anew, or the service has noticed; never the drive that has gone.
+            // At once, whether or not the service has noticed: never is the drive that has gone taken for
+            // one.
             mount(image);
             EXPECT_EQ(TempDir::readFile(app + "/start.cfg"), "volume=3\n");
             ASSERT_EQ(::umount2(volume.c_str(), MNT_DETACH), 0);
@@ -86,7 +87,7 @@ TEST_F(LostDrive, whatSomebodyUnmountedIsNoticedAndMountedAnew) {
 TEST_F(LostDrive, whatWentWithADriveIsToldOnce) {
     const string image = build("image", "ext4");
     const string lost = "may be lost as far as they hadn't synced it";
-    // By the next umount, as a failure, or by the next mount.
+    // The next umount tells it as a failure, or the next mount does.
     for (const char* next : {"umount", "mount"}) {
         for (const bool isKilled : {false, true}) {
             SCOPED_TRACE(string(next) + (isKilled ? ", killed" : ", unmounted"));
@@ -128,7 +129,7 @@ TEST_F(LostDrive, whatAProgramHasOpenOnADetachedVolumeIsWrittenToTheDisk) {
 }
 
 TEST_F(LostDrive, aServiceThatCannotReadTheMountTableKeepsItsDrive) {
-    // A sanitizer needs descriptors for its own looks, and takes sound objects for faults without them.
+    // A sanitizer needs descriptors itself, and without them takes sound objects for faults.
     if (IS_INSTRUMENTED) GTEST_SKIP() << "a sanitizer needs descriptors, too";
     const string image = build("image", "ext4");
     const string app = mount(image);
@@ -185,7 +186,7 @@ TEST_F(LostDrive, whatIsUsedWhenAllOfItsDriveWasDetachedIsTakenDownAndKeepsItsDa
             writer.open(app + "/saved", std::ios::binary);
             writer << content << std::flush;
         }
-        // As by hand, or with the folder of a user's session.
+        // As somebody does by hand, or the system with the folder of a user's session.
         const fs::path volume = statusOf(image).mountPath.str();
         ASSERT_EQ(::umount2(volume.c_str(), MNT_DETACH), 0);
         ASSERT_EQ(::umount2((volume.parent_path() / ZqServiceFolder::FRONT).c_str(), MNT_DETACH), 0);

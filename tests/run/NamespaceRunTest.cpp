@@ -6,7 +6,7 @@ namespace {
 /// Drives of a service in another mount namespace, from which nothing comes through to the test's.
 class Elsewhere : public StreamRun {
 protected:
-    /// The client there, with these words.
+    /// Starts the client there, with these words.
     std::unique_ptr<Client> startThere(const std::vector<string>& words) {
         std::vector<string> all = {"-m", "--propagation", "private", client};
         all.insert(all.end(), words.begin(), words.end());
@@ -34,7 +34,7 @@ TEST_F(Elsewhere, ADriveIsToldOfAndNothingIsMountedBesideIt) {
                 testing::Not(HasSubstr("image " + second)))
         << "it was mounted first";
     EXPECT_THAT(done({"umount", first}), HasSubstr("The drive was in another mount namespace"));
-    // It has nothing to serve now, and makes way for one that this process sees the drives of.
+    // That service has nothing to serve now, and makes way for one whose drives this process sees.
     const string app = mount(second);
     EXPECT_NE(statusOf(second).servicePid, pid);
     EXPECT_EQ(TempDir::readFile(app + "/start.cfg"), "volume=3\n");

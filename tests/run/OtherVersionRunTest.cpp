@@ -11,8 +11,8 @@
 
 namespace {
 
-/// Makes the service and its clients strangers to each other: it stands between them, and each sees the
-/// other's messages as those of another version.
+/// Stands between the service and its clients, and makes each see the other's messages as those of another
+/// version.
 class Estranged {
 public:
     explicit Estranged(string folder)
@@ -35,7 +35,7 @@ public:
         for (const int fd : ends)
             ::close(fd);
         ::close(listener);
-        std::error_code none; // it may have ended
+        std::error_code none; // the service may have ended
         fs::rename(real, path, none);
     }
     Estranged(const Estranged&) = delete;

@@ -10,7 +10,7 @@
 
 namespace {
 
-/// Saves as editors do: a new file beside the old one, renamed over it.
+/// Saves a file as editors do: writes a new one beside it, and renames that over it.
 void saveAtomically(const string& path, const string& text) {
     std::ofstream(path + ".new", std::ios::binary) << text;
     ASSERT_EQ(std::rename((path + ".new").c_str(), path.c_str()), 0) << "errno " << errno;

@@ -28,7 +28,7 @@ public:
     MemoryGroup& operator=(const MemoryGroup&) = delete;
     bool isThere() const { return set > 0; }
     void lift() const { std::ofstream(limit) << (uint64{1} << 32); }
-    /// A line for a shell, which enters it.
+    /// A line for a shell, which enters the group by it.
     string entry() const { return "echo 0 >'" + folder + "/cgroup.procs'; "; }
     bool holds(int64 pid) const {
         std::ifstream processes(folder + "/cgroup.procs");
@@ -43,7 +43,7 @@ private:
     uint64 set = 0;
 };
 
-/// What a drive's service has from the program that mounted the drive: nothing.
+/// A drive's service has nothing from the program that mounted the drive.
 class Starter : public DriveRun {
 protected:
     /// Mounts with a client that a shell starts after these lines; gives the folder of the application.
@@ -85,8 +85,8 @@ TEST_F(Starter, ItsGroupsAndLimitsAreLeft) {
 }
 
 TEST_F(Starter, ALittleMemoryForTheApplicationIsntItsDrives) {
-    // Where both share it, the service waits for the memory that its own drive's pages hold, for ever.
-    // A sanitizer alone takes more than the client gets elsewhere.
+    // In a group of both, the service would wait for ever for memory that its own drive's pages hold. With a
+    // sanitizer the client alone needs more than it gets without one.
     const MemoryGroup group(IS_INSTRUMENTED ? 512 << 20 : 48 << 20);
     if (!group.isThere()) GTEST_SKIP() << "no memory group can be made";
     std::ofstream(source + "/room").close();
@@ -103,7 +103,7 @@ TEST_F(Starter, ALittleMemoryForTheApplicationIsntItsDrives) {
     writer.start();
     EXPECT_TRUE(SxWait::pass(60'000, [&] { return !writer.isRunning(); })) << "it hangs";
     if (writer.isRunning()) {
-        // No signal reaches who waits for memory.
+        // No signal reaches a process that waits for memory.
         group.lift();
     }
     EXPECT_EQ(writer.wait(), 0);

@@ -48,8 +48,8 @@ protected:
         process->start();
         return process;
     }
-    /// All that one does with a drive, of the other image, within the time that a limit of the client's calls
-    /// would add to.
+    /// Does all that one does with a drive, with the other image. It must take less time than it would if one
+    /// call of the client came to its limit.
     void expectOtherServed() {
         const int64 beginNs = SxClock::get().steadyNs();
         EXPECT_EQ(TempDir::readFile(mount(other) + "/start.cfg"), "volume=3\n");
@@ -68,7 +68,7 @@ protected:
     }
 
     string stuck, other;
-    const TempDir memory{"/dev/shm"}; ///< no disk that others write to, for which an unmount would wait
+    const TempDir memory{"/dev/shm"}; ///< other programs' progress would count on a disk that they write to
 };
 
 /// A client of the service that takes no answer, as one that was stopped.
@@ -83,7 +83,7 @@ public:
         ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
         if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
             throw std::runtime_error("there is no service");
-        // Until the service no longer takes any, since it waits for its answers to be taken.
+        // Asks until the service takes no further request, since it waits for its answers to be taken.
         while (ZqDriveWire::send(fd, static_cast<unsigned>(ZqDriveWire::Call::Ping), ""))
             continue;
     }
@@ -95,7 +95,7 @@ private:
     const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
 };
 
-/// What a service has to bring away when it ends, while one of its images is stuck.
+/// A service that ends, and has two drives with written data to take away while a third image is stuck.
 class EndOfStuckDisk : public StuckDisk {
 protected:
     /// Writes to two drives of sound disks, of which one hasn't the room for it.
@@ -142,9 +142,9 @@ TEST_F(EndOfStuckDisk, AnUnmountThatHangsHoldsUpNoOtherDriveOfAServiceThatEnds) 
     setRate("0 " + dir.path("trace"));
     TempDir::readFile(app + "/big.pak");
     const auto umount = start({"umount", stuck, "--quiet"});
-    SxTime::msleep(500); // until it hangs, or not, which changes nothing for what follows
+    SxTime::msleep(500); // by then it should hang; where it doesn't yet, the rest holds all the same
     expectEnd();
-    // As what shuts a machine down does in the end.
+    // Whatever shuts a machine down does so in the end.
     ::kill(static_cast<pid_t>(service), SIGKILL);
     umount->wait();
     setRate("");
@@ -159,7 +159,7 @@ TEST_F(EndOfStuckDisk, AMountThatHangsHoldsUpNoOtherDriveOfAServiceThatEndsAndLe
     SxProcess second("bash", {"-c", "exec \"$0\" mount \"$1\" 2>\"$2\"", SxString(client), SxString(stuck),
                               SxString(dir.path("told"))});
     second.start();
-    SxTime::msleep(500); // until they are held, or not
+    SxTime::msleep(500); // by then they should be held
     const int64 beginNs = SxClock::get().steadyNs();
     expectEnd();
     EXPECT_EQ(second.wait(), 1);
@@ -176,7 +176,7 @@ TEST_F(EndOfStuckDisk, AMountThatHangsHoldsUpNoOtherDriveOfAServiceThatEndsAndLe
     expectKept();
 }
 
-/// Then they go one after the other.
+/// Without threads the drives go one after the other.
 TEST_F(EndOfStuckDisk, AServiceThatGetsNoThreadTakesAllItsDrivesAwayAndTellsWhatIsLost) {
     write();
     dir.write("no threads", "");
@@ -191,7 +191,7 @@ TEST_F(StuckDisk, AnImageThatCantBeOpenedYetHoldsUpNoOther) {
     hold(stuck + "/");
     const auto first = start({"mount", stuck, "--quiet"});
     const auto second = start({"mount", stuck, "--quiet"});
-    SxTime::msleep(500); // until it is held, or not, which changes nothing for what follows
+    SxTime::msleep(500); // by then it should be held; where it isn't yet, the rest holds all the same
     expectOtherServed();
     EXPECT_TRUE(first->isRunning()) << "nothing was held";
     hold("");
@@ -211,7 +211,7 @@ TEST_F(StuckDisk, AMountedImageThatCantBeReachedHoldsUpNoOther) {
     feeder.stop();
     hold(stuck + "/");
     setRate("0 " + stuck);
-    SxTime::msleep(300); // until its own regular work waits for it, or not, which changes nothing either
+    SxTime::msleep(300); // by then its regular work should wait for it; where it doesn't, the rest holds, too
     expectOtherServed();
     EXPECT_EQ(statusOf(stuck).failure, "");
     hold("");
@@ -225,7 +225,8 @@ TEST_F(StuckDisk, ATraceThatCantBeWrittenHoldsUpNoOtherDrive) {
     const string volume = statusOf(other).mountPath.str();
     setRate("0 " + dir.path("trace"));
     TempDir::readFile(app + "/big.pak");
-    // Its trace is written by its regular work, as what somebody has unmounted is found by that of the other.
+    // The regular work of this drive writes its trace; that of the other finds that somebody has unmounted
+    // it.
     SxTime::msleep(500);
     ASSERT_EQ(::umount2(volume.c_str(), MNT_DETACH), 0);
     const int64 beginNs = SxClock::get().steadyNs();
@@ -284,7 +285,7 @@ TEST_F(StuckDisk, AReadAheadThatCouldntBeSetIsSetLater) {
         return kib;
     };
     ASSERT_EQ(readAhead(), 16);
-    // For a moment the system refuses it.
+    // For a moment the system refuses the setting.
     dir.write("refused", "7\n");
     ASSERT_EQ(::mount(dir.path("refused").c_str(), setting.c_str(), nullptr, MS_BIND, nullptr), 0);
     EXPECT_EQ(::mount(nullptr, setting.c_str(), nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY, nullptr), 0);
@@ -297,7 +298,8 @@ TEST_F(StuckDisk, AReadAheadThatCouldntBeSetIsSetLater) {
     done({"umount", stuck});
 }
 
-/// The application, or whoever reads a fed drive, gets an I/O error; who has the drive must say why.
+/// The application, or whoever reads a drive that is fed, gets an I/O error; the client that has mounted the
+/// drive must say why.
 TEST_F(StuckDisk, AReadThatFailsIsToldAtTheEnd) {
     dir.write("game/play.sh", "#!/bin/sh\n"
                               "echo \"-1 $BAD_IMAGE\" >\"$SLOW_DISK\"\n"
@@ -323,7 +325,7 @@ TEST_F(StuckDisk, AReadThatFailsIsToldAtTheEnd) {
     pak.close();
     setRate("");
     EXPECT_THAT(statusOf(bad).failure.str(), HasSubstr("img.zqf"));
-    SxTime::msleep(500); // five looks of the feeder, and no more of the drive after that
+    SxTime::msleep(500); // the feeder looks five times in that; after that there is no drive to look at
     done({"umount", bad});
     EXPECT_EQ(feeder->wait(), 1);
     ::unsetenv("BAD_IMAGE");

@@ -43,7 +43,7 @@ public:
         changed.wait(lock, [this] { return isLetGo; });
         return FaultOs::sync(fd);
     }
-    /// A file system may have to ask its server, which is as stuck as the sync is.
+    /// Waits, too: a file system may have to ask its server, which is as stuck as the sync is.
     int statFd(int fd, SxStat* info) override {
         std::unique_lock lock(mutex);
         changed.wait(lock, [this] { return isLetGo || !answersNothing; });

@@ -43,7 +43,7 @@ protected:
 } // namespace
 
 TEST_F(UnderflowStoreTest, AFullDiskLeavesBlocksToBoundedMemory) {
-    // Of 32 MiB 3.2 are the reserve.
+    // 3.2 of the 32 MiB are kept in reserve.
     os.setDiskLeft(32 << 20);
     const uint64 nInFile = 28 * DELIVERY, nAll = nInFile + IN_MEMORY;
     for (uint64 at = 0; at < nAll; at += DELIVERY)
@@ -69,7 +69,7 @@ TEST_F(UnderflowStoreTest, AFullDiskLeavesBlocksToBoundedMemory) {
     add(nAll + DELIVERY);
     EXPECT_EQ(store.nDrops(), before);
     EXPECT_EQ(firstWrong(cursor, nAll + 2 * DELIVERY, true), nAll + 2 * DELIVERY);
-    // With room they go into the file, and those in memory can follow.
+    // With room, blocks go into the file, and those in memory can follow.
     os.setDiskLeft(1 << 30);
     store.setCacheSize(0);
     EXPECT_EQ(firstWrong(cursor, nAll + 2 * DELIVERY, true), nAll + 2 * DELIVERY);
@@ -82,7 +82,7 @@ TEST_F(UnderflowStoreTest, OtherFaultsOfTheFileAreToldStill) {
     EXPECT_THAT(failureOf([&] { add(0); }), HasSubstr("Cannot keep delivered blocks in"));
     EXPECT_EQ(firstWrong(0, DELIVERY, false), DELIVERY);
     add(0);
-    // A disk that is full before its time, by a quota, say.
+    // A quota can make a disk full before its time.
     os.failNth(Op::Write, 1, EDQUOT, "img.delivered");
     add(DELIVERY);
     EXPECT_EQ(firstWrong(0, 2 * DELIVERY, true), 2 * DELIVERY);
@@ -96,7 +96,7 @@ TEST_F(UnderflowStoreTest, WhatIsInMemoryCountsOnceHoweverOftenTheFileFails) {
     constexpr uint64 N_MEMORY = 16;
     store.setCacheSize(N_MEMORY * BLOCK);
     os.failNth(Op::Write, 1, EIO, "img.delivered", true);
-    // Its begin goes into memory, its end nowhere; and once more.
+    // Each time the start of the delivery goes into memory, and its end nowhere.
     for (int i = 0; i < 3; ++i)
         EXPECT_THAT(failureOf([&] { add(0); }), HasSubstr("Cannot keep delivered blocks in"));
     EXPECT_EQ(firstWrong(0, N_MEMORY, true), N_MEMORY);

@@ -183,7 +183,7 @@ TEST(VirtualDisk, AReadThatComesShortBelowTheCursorIsTriedAgainForAWhile) {
     EXPECT_EQ(drive.buffer, image.image.raw.substr(4 * ZqBlocks::SIZE, 5 * ZqBlocks::SIZE));
     ASSERT_EQ(drive.read(9, 1, 3, true), Result::Held);
 
-    // A request of the same address, whose time begins anew; the other one has had its own.
+    // A new request under the same token gets its time anew; the other one's time is up.
     ASSERT_EQ(drive.read(10, 1, 2), Result::Held);
     SxClock::get().sleepNs(1'100'000'000);
     drive.disk.tick();
@@ -243,7 +243,7 @@ TEST(VirtualDisk, OnlyWhatTheImageLacksOfItsLastBlockIsZeros) {
         std::filesystem::resize_file(image.path("img.zqf"), static_cast<uint64>(size - test.cutBytes));
         os.setReadEnd("img.zqf", size - test.hidden);
         ASSERT_EQ(drive.read(30, 2, 1), test.expected);
-        // What no image has there, whatever became of the file.
+        // No image has anything there, so these are zeros, whatever has become of the file.
         char rest[512];
         int error = 0;
         EXPECT_EQ(drive.disk.read(31 * ZqBlocks::SIZE + 2048, sizeof rest, rest, 2, false, &error),
@@ -323,7 +323,7 @@ TEST(VirtualDisk, TheRecordOfATraceThatHasEndedTellsWhatIsWhole) {
                   R"("checksums":{"mnt":"abc","trc":")" +
                       digest.str() + R"("}})");
     }
-    // One that can't be changed keeps no drive from ending.
+    // A record that can't be changed keeps no drive from ending.
     image.dir.write("watched/trace.json", "{");
     Drive drive(image, Mode::Ro, 32);
     drive.disk.monitorOn(image.prefix);

@@ -54,7 +54,7 @@ TEST(WriteLayer, NothingIsWrittenIntoAnotherImageInThePlaceOfIts) {
         while (image.hasPlace(without))
             ++without;
         const uint64 rawIdx = mode == Mode::Rtw ? 0 : without;
-        // Or the files of the layer would be there from the start.
+        // Otherwise the files of the layer would be there from the start.
         if (mode == Mode::Rw) std::filesystem::create_directory(image.path("img.tmp"));
         Drive drive(image, mode);
         const auto write = [&] { return drive.write(rawIdx, std::string(ZqBlocks::SIZE, 'w')); };

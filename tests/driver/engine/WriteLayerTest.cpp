@@ -397,7 +397,7 @@ TEST(WriteLayer, AFullDiskFailsTheWriterAndNothingElse) {
                          &error);
         EXPECT_EQ(error, ENOSPC);
         EXPECT_EQ(drive.write(0, full('2')), 0) << "a slot that is there needs no room";
-        // Twice, since a sync with room for it fills the reserve again.
+        // Twice: a sync on a disk with room fills the reserve again.
         for (const uint64 first : {1U, 101U}) {
             for (uint64 i = 0; i < RESERVED; ++i)
                 ASSERT_EQ(drive.write(first + i, full('3')), 0) << i;

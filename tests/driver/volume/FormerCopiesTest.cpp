@@ -124,7 +124,7 @@ TEST(FormerCopies, AVersionThatIsNotKnownMovesNothing) {
     EXPECT_EQ(side.mount(""), "");
     EXPECT_EQ(side.dir.read("g/own/one"), "private");
     EXPECT_NE(side.mount("b"), "") << "the note outlives a mount without a version";
-    // A note of others doesn't lead elsewhere.
+    // A note that somebody else has written leads nowhere else.
     for (const char* folder : {"..", "../volume", "own", ""}) {
         side.dir.write("g/own/one", "private");
         side.dir.write("g/.own.tavrin-version", std::string("version c\nmoving to ") + folder + "\n");
