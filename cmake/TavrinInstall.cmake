@@ -29,6 +29,7 @@ if(TARGET tavrin-client)
     install(TARGETS tavrin-client RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}" COMPONENT runtime)
 endif()
 # Below this folder of /usr and of /usr/local the system's device manager looks for rules.
+# A build that isn't installed has no such rule: there, what a prober reads looks like an application's reads.
 install(FILES "${CMAKE_CURRENT_LIST_DIR}/59-tavrin.rules" DESTINATION "lib/udev/rules.d" COMPONENT runtime)
 # Where the client looks for the external tools: beside its own folder.
 install(TARGETS zqdd RUNTIME DESTINATION "lib/tavrin" COMPONENT runtime)

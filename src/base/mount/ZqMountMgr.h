@@ -84,9 +84,10 @@ public:
     /// so in the log and by wasBusy(). Where a step fails, the disk is removed the hard way and the failure
     /// raised. `hardEject` does that at once. Harmless where the image isn't mounted. Gives true.
     bool umountImage(const SxString& image, bool hardEject);
-    /// Ends the mount of an image that has lost its drive letter, since somebody changed or removed the link:
-    /// removes the registry entries and ejects the disk; the link is left as it is. False where the image
-    /// isn't mounted or has its letter; then nothing is done.
+    /// Ends the mount of an image that has lost its drive letter, since somebody changed or removed the link;
+    /// umountImage() fails where no letter leads to the disk, so this is to be asked first. Removes the
+    /// registry entries and ejects the disk; the link is left as it is. False where the image isn't mounted
+    /// or has its letter; then nothing is done.
     bool umountWithoutLetter(const SxString& image);
     /// Removes what a service that was killed has left in the machine root (mounts, devices, letters).
     /// Where a drive of `image` was among that, the registry entries of the record that setAppParams() gave

@@ -241,7 +241,9 @@ bool ZqMountMgr::umountImage(const SxString& image, bool hardEject) {
         mntPoint = SxString();
         return true;
     } catch (const SxException& e) {
-        // Another client has taken it away. What is mounted there now, if anything, is somebody else's.
+        // Another client has taken it away. What is mounted there now, if anything, is somebody else's and
+        // isn't ejected. Where our own disk had gone before we began to release it, the other client's
+        // unmount was faster, and that is no failure.
         if (madeNs != 0 && hasGone(image, madeNs)) {
             mntPoint = SxString();
             if (!isReleasing) return true;

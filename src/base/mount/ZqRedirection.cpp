@@ -73,7 +73,8 @@ void requireNoLink(const SxString& folder, const SxString& name) {
 }
 
 /// Takes away the mark that an overlay leaves where a game removed a redirected file, or the folder of one,
-/// so that the name is as one that was never there. The mark holds nothing.
+/// so that the name is as one that was never there, and comes back as the image's copy. The mark holds
+/// nothing, and is no file: it would fail every later mount.
 void clearRemoval(const SxString& folder, const SxString& name) {
     SxString path = folder;
     for (const SxString& part : name.tokenize('/')) {

@@ -12,7 +12,8 @@
 /// A disk that is stuck, since that of its image is, holds up its own image alone. So an image is opened
 /// without the table's lock, and its place is reserved meanwhile. Each Disk does its regular work on a thread
 /// of its own. All disks are ejected at a time. And no request looks at the disk of another image than its
-/// own: a state tells what the image's own disk has seen last, and a disk sets its cache size itself.
+/// own: a state tells what the image's own disk has seen last (a mount looks afresh, at its own image), and a
+/// disk sets its cache size itself.
 class Service {
 public:
     /// `root` is the machine root, `folder` the service's own folder with a trailing slash; host paths.
