@@ -63,7 +63,7 @@ TEST_F(FileSync, AMachineWithoutAnIdCostsNoWriterOfAProcessItsBytes) {
     EXPECT_EQ(synced.cutBack(), 0U);
     write(200);
     EXPECT_EQ(size(), 200U);
-    // That of another process may be that of another start.
+    // Where the machine tells no id, the note of another process may be that of another start.
     dir.write("img.zqf.synced", "100 -12.34\n");
     EXPECT_EQ(synced.cutBack(), 100U);
     dir.write("img.zqf.synced", "40 -\n");

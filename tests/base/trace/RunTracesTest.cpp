@@ -30,7 +30,7 @@ public:
 
 TEST(RunTraces, OnlyTheNewestOfTheRunsHereStay) {
     const Runs runs;
-    // Neither made by a run here: one has come from elsewhere, one is a copy in the place of a run's own.
+    // No run here has made these two: one has come from elsewhere, one is a copy in the place of a run's own.
     runs.dir.write("image/traces/0 brought/img.trc", "");
     for (const char* run : {"a", "b", "c"})
         runs.make(run);

@@ -188,7 +188,8 @@ TEST(Trace, ReadingInChunks) {
         file.seek(5);
         EXPECT_TRUE(blocksOf(ZqTrace::readItems(&file)) == blocks) << n;
     }
-    // The file loses its end while it is read: in the last chunk that leaves holes, before it is a failure.
+    // The file loses its end while it is read. In the last chunk that leaves holes; in an earlier one it is a
+    // failure.
     ZqTrace trace;
     {
         const ShrinkingOs os(dir, 3, (2 * CHUNK + 2) * 16 + 7);
