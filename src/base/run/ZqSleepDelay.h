@@ -1,6 +1,6 @@
 #pragma once
 
-#include "SxEvent.h"
+#include "SxLatch.h"
 #include "SxSystemThread.h"
 
 #include <atomic>
@@ -42,5 +42,5 @@ protected:
 private:
     const std::function<bool()> isCalm;
     std::atomic<bool> coming{false};
-    SxEvent ending;
+    SxLatch ending;
 };

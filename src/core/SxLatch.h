@@ -8,7 +8,7 @@
 
 /// Something that happens once. A thread sleeps until it happens, instead of looking again and again. All
 /// operations are safe from any thread.
-class SxEvent {
+class SxLatch {
 public:
     void set() {
         {
