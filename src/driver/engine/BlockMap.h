@@ -7,8 +7,8 @@
 #include <atomic>
 
 /// Where each RAW block is: the image's map, `img.idx`, with the write layer's slots put over it, in 8 bytes
-/// a block. The entry of a block that has a slot isn't in memory; readStored() fetches it again. Entries are
-/// read and set from any thread.
+/// a block. Where a block has a slot, what `img.idx` says of it isn't kept in memory; readStored() fetches it
+/// again. Entries are read and set from any thread.
 class BlockMap {
 public:
     /// One entry: nothing, a slot of the layer, or a ZqF index.

@@ -63,5 +63,5 @@ private:
     mutable std::atomic<uint64> nSynced{0};
     mutable std::atomic<int64> nUnderWay{0}; ///< writes and syncs
     mutable std::atomic<int64> stepNs{0};    ///< time of the last step of our own
-    mutable std::atomic<uint64> nSectors{0}; ///< that the disk had written when it last counted
+    mutable std::atomic<uint64> nSectors{0}; ///< that the disk had written when that last counted
 };

@@ -27,6 +27,7 @@ public:
 
     /// Whether requests may not just go on: the cheap question before admit().
     bool isRestricted() const { return restrictions.load() != 0; }
+    /// Holds a request that may not go on now, since the disk is suspended or the gate is closed.
     Verdict admit(uint64 token, bool write);
     /// Holds a request for its missing blocks. Go where none is missing now.
     Verdict hold(uint64 token, uint64 offset, uint32 size, bool write);
@@ -34,7 +35,9 @@ public:
 
     /// The blocks from `first` to `end` - 1 are there.
     Tokens arrive(ZqfIdx first, ZqfIdx end);
+    /// Sets the cursor. Where it goes down, blocks that were there are missing again.
     Tokens moveCursor(std::atomic<uint64>* cursor, uint64 to);
+    /// From now on a request for a missing block fails and isn't held.
     Tokens failMissing();
     void suspend();
     Tokens resume();

@@ -12,7 +12,7 @@ namespace {
 
 using SxParserKit::SxSymbol;
 
-/// The text of a key of a record, in an object of it or in itself; empty where there is none.
+/// The text of a key, in an object of the record `file` or in the record itself; empty where there is none.
 SxString textOf(const SxString& file, const char* object, const char* key) {
     if (!SxFSAction::test_f(file)) return {};
     SxJSONParser parser;

@@ -37,5 +37,5 @@ private:
     }
 
     static constexpr uint64 NONE = ~uint64{0};
-    std::atomic<uint64> announced{NONE}; ///< up to where
+    std::atomic<uint64> announced{NONE}; ///< RAW byte up to which blocks are announced
 };

@@ -29,7 +29,8 @@ void TraceRecorder::start(const SxString& folder) {
     const SxMutexBlock lock(&mutex);
     gathered.clear();
     failure = SxString();
-    // Steady from here on, so that the records stay in order when the machine's clock is set.
+    // From here on the steady clock counts, so that the records stay in order when the machine's clock is
+    // set.
     startTime = (static_cast<uint64>(SxClock::get().systemMs()) + ZqTraceFormat::FROM_1601_TO_1970_MS) *
                 ZqTraceFormat::UNITS_PER_MS;
     startNs = SxClock::get().steadyNs();
@@ -51,7 +52,7 @@ void TraceRecorder::stop() {
 void TraceRecorder::stateWhole() {
     try {
         if (!getFailure().isEmpty()) return;
-        // First: a record that a power cut leaves must not tell of more than there is.
+        // The file is synced first: after a power cut its record must not tell of more than it has.
         if (const int error = file.sync()) file.raise("Cannot write", error, UNIT, __LINE__);
         digest.finish();
         stateRecorded(prefix, end, digest.toString());

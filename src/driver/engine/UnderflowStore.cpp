@@ -89,7 +89,8 @@ void UnderflowStore::put(ZqfIdx first, uint64 n, const char* data) {
         const char* from = data + i * ZqBlocks::SIZE;
         const uint64 nKept = keepInMemory(first + i, end - i, from, cacheSize.load());
         lowest = std::min(lowest, first + i);
-        // At once: what stays in memory without a mark, where the file fails, would never be found again.
+        // Marked at once: if the file fails next, what lies in memory without a mark would never be found
+        // again.
         for (uint64 k = i; k < i + nKept; ++k)
             mark(first + k, true);
         const ZqfIdx next = first + i + nKept;
@@ -161,7 +162,7 @@ bool UnderflowStore::putInFile(ZqfIdx first, uint64 n, const char* data) {
     if (error == 0) {
         if (!file.isOpen()) makeFile();
         error = file.writeAt(data, n * ZqBlocks::SIZE, static_cast<uint64>(first.byte()));
-        // What came short holds room that others need.
+        // What was written of them takes room that others need.
         if (error) SxOs::get().punchHole(file.getFd(), first.byte(), static_cast<int64>(n * ZqBlocks::SIZE));
     }
     const bool wasFull = std::exchange(isFull, error == ENOSPC || error == EDQUOT);

@@ -19,7 +19,7 @@
 /// still for one. Safe from any thread. Readers take no lock unless blocks lie in memory.
 class UnderflowStore {
 public:
-    /// Bytes of one delivery.
+    /// The most bytes of one delivery.
     static constexpr uint64 LONGEST_DELIVERY = 4 << 20;
     /// Bytes that memory takes at least where the disk is full: many times what the readers of a drive wait
     /// for at once.

@@ -30,7 +30,7 @@ VirtualDisk::VirtualDisk(const Config& config, Wake wake_)
     noteEnd(cfg.cursor);
     if (cfg.readOnly) return;
     if (inPlace) {
-        // A killed service may have written what isn't on the disk yet, and is relied on after a sync.
+        // What a killed service has written may not be on the disk yet, and programs rely on it after a sync.
         zqf.noteWritten(0, zqfSize);
         zqfDirty = true;
     }
@@ -52,8 +52,8 @@ void VirtualDisk::requireComplete(uint64 present) const {
                       UNIT, __LINE__);
 }
 
-/// Once all blocks are there the file's size is the image's. It is taken before the cursor, by which the
-/// last block is read.
+/// Once all blocks are there the file's size is the image's. It is noted before the cursor is set, since the
+/// last block is read from then on.
 void VirtualDisk::noteEnd(uint64 present) {
     SxStat info;
     if (present < nIncluded() || endOfZqf.load() != 0) return;

@@ -174,7 +174,7 @@ int VirtualDisk::discardBlocks(RawIdx first, uint64 n) {
     return 0;
 }
 
-/// Without files of the layer, blocks that aren't included have nothing to be freed.
+/// While the layer has no files, blocks that aren't included have nothing to be freed, and need none made.
 int VirtualDisk::discardInLayer(RawIdx first, uint64 n) {
     if (layer.getFd() < 0) {
         bool isAny = false;
@@ -194,7 +194,7 @@ int VirtualDisk::zeroInPlace(RawIdx rawIdx) {
     if (zqfError.load() != 0) return EIO;
     const int64 at = map.get(rawIdx).zqfIdx().byte();
     if (SxOs::get().punchHole(zqf.getFd(), at, static_cast<int64>(validBytes(rawIdx))) == 0) {
-        // After it: a sync in between would take the flag, and the hole need not be there yet.
+        // Set after the hole is made: a sync in between would clear the flag and might miss the hole.
         zqfDirty = true;
         return 0;
     }
@@ -232,7 +232,7 @@ void VirtualDisk::flushLayer() {
         DriveFile target;
         if (isReplaced()) throw SxException(replacedText(), UNIT, __LINE__);
         target.open(zqf.getPath(), SxOs::Read | SxOs::Write | SxOs::NoFollow);
-        // Once more: the file that is open now may be that of another image.
+        // Asked once more: the file that is open now may be that of another image.
         if (isReplaced()) throw SxException(replacedText(), UNIT, __LINE__);
         // What was written in place counts as flushed, too.
         if (sync() != 0) throw SxException(getFailure(), UNIT, __LINE__);

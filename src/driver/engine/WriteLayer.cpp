@@ -13,20 +13,20 @@ namespace {
 
 constexpr const char* UNIT = "src/driver/WriteLayer";
 
-// The first record's place is taken by these two numbers: what the file is, and the number of RAW blocks.
-// From the second format on a record with the image's identity follows.
+// In the place of the first record stand two numbers: what the file is, and the number of RAW blocks. From
+// the second format on a record with the image's identity follows.
 constexpr uint64 MAGIC = 0x3330'5245'5941'4c5a;        // "ZLAYER03"
 constexpr uint64 MAGIC_SECOND = 0x3230'5245'5941'4c5a; // "ZLAYER02": no block is discarded
 constexpr uint64 MAGIC_FIRST = 0x3130'5245'5941'4c5a;  // "ZLAYER01": without an identity, too
 /// Slots that may be given out beyond one for each RAW block: two writes of one block that run at once take
 /// two, of which one is given back, and slots that were discarded wait for a sync.
 constexpr uint64 SPARE_SLOTS = 1 << 18;
-/// Records that are kept in memory until somebody asks for them to be durable.
+/// Records that wait in memory until somebody syncs; a write that makes it so many syncs by itself.
 constexpr size_t MAX_PENDING = 1 << 16;
 constexpr uint64 RECORDS_AT_ONCE = 1 << 16;
 /// Records that the reserve of the index has room for.
 constexpr size_t RECORDS_IN_RESERVE = 128;
-/// Blocks that are discarded with the lock held.
+/// Blocks that are discarded at a time with the lock held, which writers need.
 constexpr uint64 DISCARD_AT_ONCE = 1 << 12;
 
 uint32 checkOf(uint64 rawIdx, uint32 slot) {
@@ -234,7 +234,7 @@ void WriteLayer::create() {
                           UNIT, __LINE__);
     }
     publishedFd = tmp.getFd();
-    // Of a disk that was full, and no longer is.
+    // It was that of a full disk, which has room again.
     const SxMutexBlock lock(&mutex);
     if (failedError.load() == 0) failure = "";
 }
@@ -424,7 +424,7 @@ int WriteLayer::syncInTurn() {
     try {
         putBack(&batch);
     } catch (const std::bad_alloc&) {
-        // A later sync would succeed without these records.
+        // A later sync would succeed without these records, so all later ones fail.
         failedError = ENOMEM;
         return fail("Cannot bring '" + SxString(tix.getPath()) + "' to the disk", ENOMEM);
     }
@@ -451,7 +451,7 @@ int WriteLayer::syncBatch(Batch* batch) {
     }
     if (const int error = appendBatch(batch)) return error;
     reuseFreed();
-    // It stays as it is where that fails, and nothing is lost but room.
+    // Where that fails the index stays as it is, and nothing is lost but room.
     if (tixEnd > compactAt) compact();
     reserve();
     return failedError.load() != 0 ? EIO : 0;
@@ -512,7 +512,8 @@ void WriteLayer::reuseFreed() {
 }
 
 int WriteLayer::appendRecords(const Record* records, size_t n) {
-    // A format without discards can't have a block twice either.
+    // The formats without discards allow no second record of a block either, so the index is written anew
+    // first.
     if (isFormer && tixEnd != 0) {
         const int error = compact();
         if (error && error != ENOSPC)

@@ -49,7 +49,7 @@ void WriteLayer::flush(const Target& target) {
     try {
         freeMoved(target);
     } catch (const SxException& e) {
-        // Blocks without a record must not be written in their slots.
+        // The new index has no records of the blocks that moved: they must not be written in their slots.
         fail(e.toString(SxException::ShowMessage, ": "), EIO);
         throw;
     }
@@ -130,7 +130,7 @@ void WriteLayer::replaceIndex(uint64 end) {
     tixReserved = 0;
     isFormer = false;
     compactAt = LEAST_TO_COMPACT + 2 * end;
-    // Which of the two indices a cut would leave isn't known otherwise, so neither may be added to.
+    // Where this fails, nobody knows which of the two indices a cut would leave, so neither may be added to.
     if (syncNames() != 0) throw SxException(getFailure(), UNIT, __LINE__);
 }
 

@@ -9,7 +9,7 @@ namespace {
 
 /// Bytes beyond the index's end that have room on the disk: more than the records of all reserved slots.
 constexpr uint64 INDEX_AHEAD = 4096, INDEX_STEP = 16 << 10;
-/// Slots whose room is given back with one call, each of which may take a call of the system.
+/// Slots whose room one giveBackRoom() gives back; each may take a system call of its own.
 constexpr size_t SLOTS_AT_ONCE = 64;
 
 } // namespace
@@ -17,7 +17,7 @@ constexpr size_t SLOTS_AT_ONCE = 64;
 /// Takes back slots that nothing was published in.
 void WriteLayer::giveBack(SlotIdx first, uint64 n) {
     const SxMutexBlock lock(&mutex);
-    // Some of it may have come to them.
+    // Some of the data may have come to them, so they may have room on the disk.
     for (uint64 i = n; i-- > 0;)
         unused.push_back(first + i);
 }

@@ -230,7 +230,7 @@ void ControlServer::accept() {
         return;
     }
     if (connections.size() >= MAX_CONNECTIONS) connections.front()->hangUp();
-    // One client that there is no memory for must not end the drives of all.
+    // One client for whom there is no memory must not end the drives of all.
     std::unique_ptr<Connection> connection;
     bool begun = false;
     try {

@@ -26,13 +26,14 @@ constexpr int64 STALL_MS = 20'000;
 constexpr int64 SWEEP_MS = 20'000;
 /// How long bringing a volume up may still take once its reads fail.
 constexpr int64 START_MS = 5000;
+/// How often a disk looks whether it is still mounted.
 constexpr int64 LOOK_NS = 1'000'000'000;
 constexpr int64 TICK_MS = 100;
 /// Of a tick, for giving room back to the disk: a fifth of the time.
 constexpr int64 GIVE_BACK_MS = 25;
+/// How long one try to set the read-ahead may take, and how many there are: the setting may be gone, or wait
+/// for a device that is stuck. A drive without it is slower, and right.
 constexpr int64 READ_AHEAD_MS = 3000;
-/// How often a read-ahead is tried to be set: the setting may be gone, or wait for a device that is stuck. A
-/// drive without it is slower, and right.
 constexpr int MAX_READ_AHEAD_TRIES = 5;
 constexpr int64 READ_AHEAD_PASS_NS = 1'000'000'000;
 /// Token of the reads that this process does itself; no request has that address.

@@ -48,7 +48,7 @@ private:
     std::vector<DiskPtr> all() const;
 
     DiskPtr mount(const MountParams& params, int64 peer);
-    /// Raises where the service would have to answer itself.
+    /// Raises on a path that lies on a drive of this service, which would have to answer itself.
     void refuseOwn(const SxString& path) const;
     class Reservation;
     class Ejector;

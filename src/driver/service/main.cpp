@@ -45,8 +45,10 @@ namespace {
 
 constexpr int64 IDLE_MS = 30'000;
 constexpr int64 SWEEP_MS = 10'000;
+/// How long another service that is about to end is waited for.
 constexpr int64 END_MS = 15'000;
-constexpr int64 MAX_LOG = 1 << 20; // bytes
+/// Bytes of a log; one that has more is put aside as `.old` when a service starts.
+constexpr int64 MAX_LOG = 1 << 20;
 
 std::atomic<bool> stopRequested{false};
 

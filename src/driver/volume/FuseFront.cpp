@@ -41,7 +41,8 @@ constexpr std::chrono::microseconds LOOK(30);
 /// Requests of a file system or a loop device count as background ones, and the kernel sends no more than
 /// this many at a time. Held reads are among them: at the kernel's usual 12, a few would stop the whole disk.
 constexpr unsigned MAX_BACKGROUND = 4096;
-/// At most one for each thread that serves requests, and room for some that came too late.
+/// Wakes that may come before their request is stored: at most one for each thread that serves requests, and
+/// room for some that came too late.
 constexpr size_t MAX_EARLY = 256;
 constexpr fuse_ino_t FILE_INODE = 2;
 /// How long threads may take to see that the connection has ended.
@@ -81,8 +82,8 @@ int wakeSignal() {
     return number;
 }
 
-/// The calling thread's, made before the thread: one that is asked for with the first request might not be
-/// had.
+/// The calling thread's space for a request. It is made before the thread is: with the first request there
+/// might be no memory for it.
 thread_local char* ownSpace = nullptr;
 
 FuseFront* front(fuse_req_t req) {
@@ -207,8 +208,8 @@ public:
         lockMemory(request.mem, ::malloc_usable_size(request.mem));
     }
 
-    /// Ends its wait for a request; the session must have been told to end. Nothing where it doesn't wait: it
-    /// is to be repeated until the thread has ended.
+    /// Ends the thread's wait for a request; the session must have been told to end. Does nothing where the
+    /// thread doesn't wait, so it is to be repeated until the thread has ended.
     void interrupt() {
         if (isRunning() && hasSelf) ::pthread_kill(self, wakeSignal());
     }
@@ -518,7 +519,7 @@ void FuseFront::wake(uint64 token) {
         request = std::move(found->second);
         held.erase(found);
     }
-    // Whoever wakes it may have others to wake, and nothing to do with its failure.
+    // The caller may have others to wake, and has nothing to do with a failure of this one.
     fuse_req* const req = request.req;
     answer(req, request.kind != Request::Read, [&] { finisher->push(std::move(request)); });
 }

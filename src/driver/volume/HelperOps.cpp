@@ -213,8 +213,8 @@ bool flushHeld(const std::string& loop, const std::string& file) {
         if (errno == ENOENT || errno == ENXIO || errno == ENODEV) return false;
         fail("Cannot open '" + SxString(loop) + "'", errno);
     }
-    // The name that it was attached with. The path that the system shows is no longer that one where the
-    // file was unmounted, too.
+    // It is known by the name that it was attached with: where the file was unmounted, too, the path that the
+    // system shows is another one.
     loop_info64 info = {};
     int error = ::ioctl(fd, LOOP_GET_STATUS64, &info) == 0 ? 0 : errno;
     const std::string name(reinterpret_cast<const char*>(info.lo_file_name));

@@ -31,7 +31,8 @@ namespace {
 constexpr const char* UNIT = "src/platform/devctl/ZqServiceClient";
 /// How long another client may take to start the service.
 constexpr int64 START_MS = 20'000;
-/// A connection of before may have ended with its service, and a service that was found may just be ending.
+/// How often a call is tried: a connection of before may have ended with its service, and a service that was
+/// found may just be ending.
 constexpr int MAX_TRIES = 4;
 /// How often a service that doesn't answer yet is asked for its progress, and how long that may take.
 constexpr int64 ASK_MS = 2000;
