@@ -134,10 +134,11 @@ bool isMountedWhole(ZqMountMgr* manager, const SxString& image) {
 bool mountOrYield(ZqMountMgr* manager, ZqMountMgr::MountMode mode, const ZqAppParams& app,
                   const ZqImageParams& params, const MountOptions& options) {
     try {
-        manager->mountImageZQF(mode, params.deviceMode, options.image, static_cast<uint64>(params.sizeRaw),
-                               static_cast<uint64>(params.emulatedSectorSize),
-                               presentBlocks(ZqImageFolder::prefix(options.image), app, params), false,
-                               options.trace, "monitoring");
+        manager->mountImageZQF({mode, params.deviceMode, options.image, options.trace,
+                                static_cast<uint64>(params.sizeRaw),
+                                static_cast<uint64>(params.emulatedSectorSize),
+                                presentBlocks(ZqImageFolder::prefix(options.image), app, params)},
+                               "monitoring");
         return true;
     } catch (const SxException& e) {
         ZqDiskStatus disk;

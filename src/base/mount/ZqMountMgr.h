@@ -33,6 +33,20 @@ public:
     /// Largest cache that setCacheSize() takes, in bytes.
     static constexpr int64 MAX_CACHE = 2'000'000'000;
 
+    /// What is to be mounted, and how. Sizes in bytes.
+    struct MountRequest {
+        MountMode mode = ReadOnly;
+        DeviceMode deviceMode = Removable;
+        SxString image;              ///< the image folder
+        SxString traceFolder;        ///< of the trace; empty for none
+        uint64 sizeRaw = 0;          ///< of the disk, as img.json says
+        uint64 sectorSize = 0;       ///< as img.json says
+        uint64 cursor = 0;           ///< ZqF index; so many blocks of `img.zqf` are there
+        bool hostFlag = false;       ///< goes to the service as it is
+        bool awaitFileSystem = true; ///< whether to wait for the file system, too
+        bool spareFlag = false;      ///< goes to the service as it is
+    };
+
     // The service.
 
     /// Whether the drive service answers. Never raises; a failure is logged.
@@ -64,17 +78,18 @@ public:
     /// prepare the guard), attaches the guard, and redirects what must survive a run to
     /// `C:/ProgramData/TAVRIN/<guid>`. Everything that can be refused without a drive is refused first: a
     /// newer image format, launchers (not supported yet), names that lead out, an unknown trace method,
-    /// sizes, the map's digest. Holds the image's shape meanwhile. `sizeRaw`, `sectorSize` in bytes as
-    /// img.json says; `cursor`: how many blocks of `img.zqf` are there; `hostFlag` goes to the service as it
-    /// is. `traceFolder` is emptied and traced into unless it is an empty text, `traceMethod` is then a text
-    /// of ZqTraceParams::Method. Waits up to five minutes; gives the mount point. After a failure no drive is
+    /// sizes, the map's digest. Holds the image's shape meanwhile. The trace folder is emptied and traced
+    /// into unless it is an empty text; `traceMethod` is then a text of ZqTraceParams::Method. Waits up to
+    /// five minutes, always for the file system, too; gives the mount point. After a failure no drive is
     /// left; should its unmount fail, too, that only goes to the log, and the first failure is raised.
+    SxString mountImageZQF(const MountRequest& request, const SxString& traceMethod);
     SxString mountImageZQF(MountMode mode, DeviceMode deviceMode, const SxString& image, uint64 sizeRaw,
                            uint64 sectorSize, uint64 cursor, bool hostFlag, const SxString& traceFolder,
                            const SxString& traceMethod);
     /// The mount alone: no checks but of the version, no guard, no redirection. Waits up to a minute for the
     /// drive letter and, with `awaitFileSystem`, another for the file system, then makes the registry
     /// entries. A removable disk becomes a fixed one where a policy forbids the former.
+    SxString mountImage(const MountRequest& request);
     SxString mountImage(MountMode mode, DeviceMode deviceMode, const SxString& image,
                         const SxString& traceFolder, bool hostFlag, bool awaitFileSystem, bool spareFlag,
                         uint64 sizeRaw, uint64 sectorSize, uint64 cursor);
@@ -173,6 +188,12 @@ public:
     void reparse(const SxString& image, const SxString& names, const SxString& directory) const;
 
 private:
+    /// In the root of every mounted file system: as long as it can be seen, the file system is there.
+    static constexpr const char* MARKER = "/gxprefetch.info";
+    /// A drive is waited for in passes of this length. A counter ends the wait for it to come when that is
+    /// above the limit, so there is one pass more; the wait for its end has so many.
+    static constexpr int64 PASS_MS = 1000, LIMIT = 60;
+
     using VersionCall = int (*)(char* buffer, uint64* size);
     static SxString getVersion(VersionCall call);
     /// Removes and makes a folder for a trace of the image. Only what is a trace, or empty, is removed: a

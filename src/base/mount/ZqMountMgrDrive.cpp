@@ -1,3 +1,5 @@
+// The operations of ZqMountMgr that ask and tell the disk of a mounted image.
+
 #include "SxException.h"
 #include "SxFSAction.h"
 #include "SxTime.h"

@@ -1,3 +1,5 @@
+// The operation of ZqMountMgr that turns an image folder into a running drive, with its checks and its guard.
+
 #include "SxException.h"
 #include "SxFSAction.h"
 #include "SxFileIO.h"
@@ -160,11 +162,18 @@ void ZqMountMgr::redirect(const SxString& image, const ZqRedirection& redirectio
 SxString ZqMountMgr::mountImageZQF(MountMode mode, DeviceMode deviceMode, const SxString& image,
                                    uint64 sizeRaw, uint64 sectorSize, uint64 cursor, bool hostFlag,
                                    const SxString& traceFolder, const SxString& traceMethod) {
+    return mountImageZQF({mode, deviceMode, image, traceFolder, sizeRaw, sectorSize, cursor, hostFlag},
+                         traceMethod);
+}
+
+SxString ZqMountMgr::mountImageZQF(const MountRequest& request, const SxString& traceMethod) {
+    const SxString &image = request.image, &traceFolder = request.traceFolder;
     if (!appParams) appParams = SxPtr<ZqAppParams>::create(ZqImageFolder::prefix(image));
+    MountRequest whole = request;
+    whole.awaitFileSystem = true;
     const auto mount = [&] {
         try {
-            mountImage(mode, deviceMode, image, traceFolder, hostFlag, true, false, sizeRaw, sectorSize,
-                       cursor);
+            mountImage(whole);
         } catch (const SxException& e) {
             throw SxException(e, "Failed to mount " + image + " image", UNIT, __LINE__);
         }
@@ -177,9 +186,9 @@ SxString ZqMountMgr::mountImageZQF(MountMode mode, DeviceMode deviceMode, const 
         // A text that isn't known fails before a drive is made, and before the trace folder is emptied.
         const auto method =
             traceFolder.isEmpty() ? ZqTraceParams::Monitoring : ZqTraceParams::stringToMethod(traceMethod);
-        checkImage(image, sizeRaw, cursor, traceFolder);
+        checkImage(image, request.sizeRaw, request.cursor, traceFolder);
         // Before the mount, since a file system writes as soon as it comes up.
-        if (mode == ReadWrite && ZqImageInfo::isComplete(image)) ZqStreamRecord::noteWrites(image);
+        if (request.mode == ReadWrite && ZqImageInfo::isComplete(image)) ZqStreamRecord::noteWrites(image);
         setCacheSize(0);
         mount();
         prepareGuard(image);

@@ -77,8 +77,9 @@ protected:
         ZqMountMgr mounts;
         const ZqImageParams& params = feed.getParams();
         mounts.setAppParams(feed.getApp());
-        mounts.mountImageZQF(mode, params.deviceMode, image, static_cast<uint64>(params.sizeRaw),
-                             static_cast<uint64>(params.emulatedSectorSize), nBlocks, false, traceFolder,
+        mounts.mountImageZQF({mode, params.deviceMode, image, traceFolder,
+                              static_cast<uint64>(params.sizeRaw),
+                              static_cast<uint64>(params.emulatedSectorSize), nBlocks},
                              traceFolder.isEmpty() ? SxString() : SxString("monitoring"));
     }
 

@@ -1,0 +1,171 @@
+// The operations of ZqMountMgr that take a drive away.
+
+#include "SxDeadline.h"
+#include "SxException.h"
+#include "SxFSAction.h"
+#include "SxTime.h"
+#include "ZqAppParams.h"
+#include "ZqDriveStatus.h"
+#include "ZqLog.h"
+#include "ZqMountMgr.h"
+#include "ZqVolume.h"
+#include "zqdevctl.h"
+
+namespace {
+
+constexpr const char* UNIT = "src/base/ZqMountMgr";
+
+/// Tells a disk of the image from the next one; 0 where there is none.
+uint64 whenMade(const SxString& image) {
+    ZqDiskStatus disk;
+    return ZqVolume::findDisk(image, &disk) ? disk.madeNs : 0;
+}
+
+/// Whether the disk of that time is no longer the image's; false where the service doesn't say.
+bool hasGone(const SxString& image, uint64 madeNs) {
+    try {
+        return whenMade(image) != madeNs;
+    } catch (const SxException&) {
+        return false;
+    }
+}
+
+} // namespace
+
+void ZqMountMgr::umountAfterFailure(const SxString& image) {
+    // The failure that led here is the one to be told of; a failure of the unmount must not replace it.
+    try {
+        umountImage(image, false);
+    } catch (const SxException& e) {
+        zqLogMsg("base", e.what());
+    }
+}
+
+void ZqMountMgr::ejectImage(const SxString& image) {
+    ZqDriveStatus::require(zqDriveEjectImage(image.utf16().data()), "Failed to hard eject image " + image,
+                           __LINE__);
+    busy = busy || ZqVolume::wasBusy();
+}
+
+bool ZqMountMgr::umountImage(const SxString& image, bool hardEject) {
+    busy = false;
+    uint64 madeNs = 0;
+    bool isReleasing = false;
+    try {
+        if (!isMounted(image)) return true;
+        if (ZqVolume::isForeign()) {
+            // A service of another version takes nothing but this.
+            if (!hardEject) removeRegistryEntries();
+            ejectImage(image);
+            return true;
+        }
+        madeNs = whenMade(image);
+        guardLogging(false);
+        failOnUnderflow(image);
+        if (isSuspended(image)) resume(image);
+        if (hardEject) {
+            ejectImage(image);
+            return true;
+        }
+        if (isMonitored(image)) monitorOff(image);
+        const bool removable = isRemovable(image);
+        try {
+            mntPoint = queryMntPoint(image);
+        } catch (const SxException& e) {
+            throw SxException(e, "Failed to query mount point for image " + image, UNIT, __LINE__);
+        }
+        removeRegistryEntries();
+        isReleasing = true;
+        const uint64 targetId = releaseVolume(image, removable);
+        awaitEnd(image, targetId, madeNs);
+        mntPoint = SxString();
+        return true;
+    } catch (const SxException& e) {
+        // Another client has taken it away. What is mounted there now, if anything, is somebody else's and
+        // isn't ejected. Where our own disk had gone before we began to release it, the other client's
+        // unmount was faster, and that is no failure.
+        if (madeNs != 0 && hasGone(image, madeNs)) {
+            mntPoint = SxString();
+            if (!isReleasing) return true;
+            throw SxException(e, "Cannot umount image " + image, UNIT, __LINE__);
+        }
+        zqLogMsg("base", "Image " + image + " is ejected, since its unmount failed: " + e.what());
+        ejectImage(image);
+        throw SxException(e, "Cannot umount image " + image, UNIT, __LINE__);
+    }
+}
+
+bool ZqMountMgr::umountWithoutLetter(const SxString& image) {
+    ZqDiskStatus disk;
+    if (!ZqVolume::findDisk(image, &disk) || disk.drive.isEmpty()) return false;
+    if (!ZqVolume::findDrive(disk).isEmpty()) return false;
+    removeRegistryEntries();
+    return umountImage(image, true);
+}
+
+bool ZqMountMgr::removeLeftovers(const SxString& image, bool* written) const {
+    if (!ZqVolume::removeLeftovers(image, written)) return false;
+    removeRegistryEntries();
+    return true;
+}
+
+void ZqMountMgr::removeRegistryEntries() const {
+    if (!appParams) return;
+    if (appParams->registry.isEmpty()) {
+        zqLogMsg("base", "No Registry modifications to revert...");
+        return;
+    }
+    try {
+        ZqRegistry::removeRegEntriesAsAdmin(appParams->registry);
+    } catch (const SxException& e) {
+        zqLogMsg("base", e.what());
+    }
+}
+
+uint64 ZqMountMgr::releaseVolume(const SxString& image, bool removable) {
+    ZqVolumeIdentity identity;
+    if (!ZqVolume::queryIdentity(mntPoint, &identity)) {
+        zqLogMsg("base", "ERROR: Could not open ZqDD device (" + mntPoint + ") for umount.");
+        throw SxException("Cannot open device handle for \\\\.\\" + mntPoint, UNIT, __LINE__);
+    }
+    try {
+        ZqVolume::dismount(mntPoint, &busy);
+    } catch (const SxException& e) {
+        zqLogMsg("base", "ERROR: IOCTL cannot dismount volume: " + SxString(e.what()));
+        throw SxException(e, "Cannot dismount volume for " + mntPoint, UNIT, __LINE__);
+    }
+    if (busy) {
+        zqLogMsg("base", "A program still used " + mntPoint + " and was cut off from image " + image);
+    }
+    if (!removable) {
+        ejectImage(image);
+        return identity.targetId;
+    }
+    try {
+        ZqVolume::ejectMedia(mntPoint);
+    } catch (const SxException& e) {
+        zqLogMsg("base", "ERROR: IOCTL cannot eject media: " + SxString(e.what()));
+        throw SxException(e, "Cannot eject media for mount point" + mntPoint, UNIT, __LINE__);
+    }
+    return identity.targetId;
+}
+
+void ZqMountMgr::awaitEnd(const SxString& image, uint64 targetId, uint64 madeNs) const {
+    const auto gone = [&] {
+        // Another client may mount the image as soon as it is free. That disk must be neither waited for nor
+        // ejected when the time is over.
+        const uint64 nowNs = whenMade(image);
+        if (nowNs != 0 && nowNs != madeNs) return true;
+        // The letter may be another image's by now.
+        ZqVolumeIdentity identity;
+        const bool isOurs = ZqVolume::queryIdentity(mntPoint, &identity) && identity.targetId == targetId;
+        return !(isOurs && SxFSAction::test_f(mntPoint + MARKER)) && !isMounted(image);
+    };
+    // The limit counts from the last progress: a slow disk may take any time for what programs have written.
+    SxDeadline deadline(LIMIT * PASS_MS);
+    while (deadline.getLeftMs() > 0) {
+        deadline.note(ZqVolume::getProgress(image));
+        if (SxWait::pass(PASS_MS, gone)) return;
+    }
+    throw SxException("Timeout while waiting for dismounting logical drive", UNIT, __LINE__);
+}
