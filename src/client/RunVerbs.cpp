@@ -21,7 +21,8 @@ constexpr const char* UNIT = "src/client/RunVerbs";
 constexpr int64 LOOK_MS = 100;
 constexpr int64 MS_PER_S = 1000;
 constexpr int64 MOST_SECONDS = 1'000'000, MOST_TRACES = 1'000'000;
-/// From one look at the job's end to the next.
+/// From one look at the job's end to the next. Each wakes the machine, for as long as somebody plays, and the
+/// end of a run needn't be seen sooner.
 constexpr int64 END_LOOK_MS = 50;
 
 struct RunOptions {

@@ -2,14 +2,14 @@
 
 #include "SxString.h"
 
-/// The folder of one image, by its path.
+/// The folder of one image, by its path. Safe from any thread.
 class ZqImageFolder {
 public:
     /// The path with one trailing slash, as the record and image classes take it.
     static SxString prefix(const SxString& path);
     /// Whether the folder holds anything of an image.
     static bool holdsImage(const SxString& path);
-    /// Whether the folder is there and empty, or isn't there.
+    /// Whether the folder is there and empty, or nothing has that name. Raises where it can't be listed.
     static bool isFree(const SxString& path);
     /// Whether a drive has written to the write layer of the image: its index has a record. The files alone
     /// say nothing, since a drive makes them as it comes up, to have room in reserve. An ext4 drive that

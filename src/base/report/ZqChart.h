@@ -32,7 +32,7 @@ private:
 
 /// A chart: two axes and what is drawn between them, each thing upon the former ones. Values are in the axes'
 /// units, `ink` is a class of ZqFigure::styleSheet(), or several. The library draws, and not the client,
-/// since every launcher wants to show the same.
+/// since every launcher wants to show the same. Not locked.
 class ZqChart {
 public:
     using Points = std::vector<std::pair<double, double>>;

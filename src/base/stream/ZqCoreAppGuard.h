@@ -39,8 +39,9 @@ public:
     /// suspend, resume and stop it. Its exit code stays unknown.
     ZqCoreAppGuard(const SxString& path, const ZqAppParams& params, const SxProcessGroup& adopted);
 
+    /// Starts the thread and returns at once. Takes an earlier stop back. Raises as SxSystemThread does.
     void start(Priority priority) override;
-    /// Starts the thread, and returns when it runs, or has ended already: a program that can't be started
+    /// Does the same, and returns when the thread runs, or has ended already: a program that can't be started
     /// must not hold its caller for ever.
     virtual void start();
 

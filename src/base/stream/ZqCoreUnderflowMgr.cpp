@@ -27,11 +27,12 @@ constexpr int64 INSTANT_S = 5;
 constexpr const char* INSTANT = "ZqCoreUnderflowMgr::checkInstantUnderflow: ";
 constexpr int64 DELAY_PASSES = 10; ///< a second's
 constexpr int64 DELAY_PASS_MS = 100;
-constexpr int64 SEARCH_MS = 1000;    ///< from one look at the foreground to the next
-constexpr int64 PROCESS_MS = 100;    ///< for the search for the application's process
-constexpr int LOOKS_A_PROCESS = 5;   ///< one asks after every process of the machine
-constexpr int64 MINIMIZE_MS = 500;   ///< for the desktop to minimise a window
-constexpr int64 UNDERFLOW_MS = 1000; ///< a turn with an underflow
+constexpr int64 SEARCH_MS = 1000;  ///< from one look at the foreground to the next
+constexpr int64 PROCESS_MS = 100;  ///< for the search for the application's process
+constexpr int LOOKS_A_PROCESS = 5; ///< one asks after every process of the machine
+constexpr int64 MINIMIZE_MS = 500; ///< for the desktop to minimise a window
+/// A turn with an underflow: what can't be had now is tried again, and its line logged, so often.
+constexpr int64 UNDERFLOW_MS = 1000;
 /// About a second's: with a line for each try the log would be full of it.
 constexpr int64 REFUSALS_A_LINE = 100;
 constexpr int64 ROW_MS = 60000;

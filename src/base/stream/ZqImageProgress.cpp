@@ -225,7 +225,7 @@ void ZqImageProgress::watch() {
     }
     if (stopRequested()) return;
     // Beyond the last block of the disk, so that no read can miss anything from now on.
-    const auto end = static_cast<uint64>(ZqImageParams(path + "/").sizeRaw / ZqBlocks::SIZE);
+    const auto end = static_cast<uint64>(ZqImageParams(path + "/").sizeRaw) / ZqBlocks::SIZE;
     while (!moveCursor(end) && !stopRequested())
         SxTime::msleep(PERIOD_MS);
     setNCurrent(total);

@@ -73,8 +73,9 @@ public:
     /// Blocks (RAW indices) without times: a new record, and one time for all.
     static bool write(const SxConstPtr<SxArray<uint64>>& blocks, const SxString& path,
                       const SxString& buildId);
-    /// Block i at time i, in milliseconds since 1970 UTC. A block goes to the file as it is, so bit 63 is the
-    /// flag.
+    /// Block i (RAW index) at time i, in milliseconds since 1970 UTC. A block goes to the file as it is, so
+    /// bit 63 is the flag. Raises where there aren't as many times as blocks, on a time that a record can't
+    /// hold, and where a drive records into the trace.
     static bool write(const SxConstPtr<SxArray<uint64>>& blocks, const SxConstPtr<SxArray<uint64>>& times,
                       const SxString& path, ZqTraceParams::Method method, const SxString& buildId);
     static bool write(const SxConstPtr<Items>& items, const SxString& path, ZqTraceParams::Method method,

@@ -19,6 +19,8 @@ public:
     /// `digest`, unless it is null, takes what is written.
     explicit Writer(SxFileIO* file_, SxMd5* digest_ = nullptr) : file(file_), digest(digest_) {}
 
+    /// `block`: RAW index, with the mark in bit 63; `timeMs`: milliseconds since 1970 UTC. Raises on a time
+    /// that a record can't hold, and where what is gathered can't be written.
     void put(uint64 block, uint64 timeMs) {
         ZqTraceFormat::encode(block, timeMs, buffer.data() + used);
         if (n++ == 0) first = timeMs;
@@ -26,7 +28,7 @@ public:
         used += ZqTraceFormat::SIZE;
         if (used == buffer.getSize()) flush();
     }
-    /// Nothing for an item that isn't valid.
+    /// The same; nothing for an item that isn't valid.
     void put(const ZqTraceItem& item) {
         if (item.valid) put(ZqTraceFormat::blockField(item), item.time);
     }

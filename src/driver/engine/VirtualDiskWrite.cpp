@@ -128,6 +128,8 @@ int VirtualDisk::writeInPlace(RawIdx first, uint64 n, const char* data) {
         const uint64 size = (end - i - 1) * ZqBlocks::SIZE + validBytes(first + (end - 1));
         const int error = zqf.writeAt(data + i * ZqBlocks::SIZE, size, static_cast<uint64>(zqfIdx.byte()));
         zqfDirty = true;
+        // A full disk refuses this write, and nothing that was taken before is lost; a later one may find
+        // room. After any other error nobody knows what the file holds.
         if (error) return error == ENOSPC ? error : failZqf("Cannot write", error);
         i = end;
     }

@@ -92,6 +92,7 @@ struct Limit {
 };
 
 void liftLimits(SxList<SxString>* kept) {
+    // A disk has some ten descriptors open and about as many threads, so FEW serve hundreds of disks.
     constexpr rlim_t FILES = 65'536, FEW = 4096;
     static constexpr Limit LIMITS[] = {{RLIMIT_AS, "address space", RLIM_INFINITY, RLIM_INFINITY},
                                        {RLIMIT_DATA, "data", RLIM_INFINITY, RLIM_INFINITY},

@@ -141,7 +141,8 @@ private:
     enum class Packed { Unknown, Offered, Aside, Absent };
     /// Requests of several stretches in a row that may bring nothing of use, see countTogether().
     static constexpr int64 FIRST_TOGETHER = 4;
-    /// Requests in a row that a form may fail in while the other one may be there.
+    /// Requests in a row that a form may fail in while the other one may be there. A failure that passes with
+    /// the next try or two changes no form.
     static constexpr int64 TURN_TRIES = 3;
 
     uint64 stretchSize(uint64 stretchIdx) const;

@@ -21,7 +21,8 @@ constexpr size_t HEADER = 64;
 constexpr uint64 ENTRY = 8;
 /// Stretches of the largest image; the index then takes 128 MiB.
 constexpr uint64 MAX_STRETCHES = uint64{1} << 24;
-/// Room that is left to `img.zqf`, which needs it before the store gives any back.
+/// Room that is left to `img.zqf`, which needs it before the store gives any back. What a download holds in
+/// memory for the disk, 32 MiB, fits in twice.
 constexpr uint64 MARGIN = 64 << 20;
 constexpr const char* FILES[] = {ZqImageFiles::AHEAD_IDX, ZqImageFiles::AHEAD};
 
