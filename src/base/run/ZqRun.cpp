@@ -464,7 +464,7 @@ void ZqRun::fillResult() {
     info.sigmaSpeed = speeds.sigma;
     info.reqSpeed = static_cast<double>(feed->getApp().getBpS(static_cast<uint64>(info.preloadSize))) /
                     ZqBlocks::PER_MEGABIT;
-    info.prefetchSizeMB = info.preloadSize / ZqBlocks::MEGABYTE;
+    info.prefetchSizeMB = info.preloadSize / static_cast<int64>(ZqBlocks::MEGABYTE);
     if (const int64 ns = feed->getLastWaitNs(); ns > 0) result.lastWaitMs = (ns - beginNs) / 1'000'000;
     result.link = status.link;
     result.image = status.image;
