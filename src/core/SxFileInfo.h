@@ -22,6 +22,7 @@ public:
     /// The path relative to the folder `base`; raises where it doesn't lie below it.
     SxString getRelPath(const SxString& base) const;
 
+    /// Whether something has that name; false for a link that leads nowhere.
     bool exists() const { return target() != nullptr; }
     /// A file, or a link to one.
     bool isFile() const;

@@ -20,7 +20,8 @@ struct SxProcessInfo {
 
     /// Fills `info`; false where there is no such process.
     static bool get(int64 id, SxProcessInfo* info);
-    /// All processes of the machine.
+    /// All processes of the machine, without those that end meanwhile; none where the system tells of none.
+    /// Doesn't raise. Safe from any thread.
     static SxList<SxProcessInfo> getAll();
     /// The effective user of this program.
     static int64 ownUser() noexcept;

@@ -81,6 +81,7 @@ ZqImageStaging::ZqImageStaging(const SxString& target_, const SxString& job, boo
 }
 
 ZqImageStaging::~ZqImageStaging() {
+    // A folder that was made here held no image before, so none is lost with what has been begun in it.
     if (!complete && (folder.isNew() || !begun)) discard();
 }
 

@@ -14,6 +14,8 @@ constexpr const char* UNIT = "src/base/ZqAppGuard";
 constexpr const char* PREFIX = "ZqCoreAppGuard::main: ";
 
 constexpr int64 START_MS = 300;
+/// How long the parent of an application that has ended may take to have its exit code told, and the time
+/// from the end of an application to the look for one that it has started under its name.
 constexpr int64 POLL_MS = 200;
 constexpr int64 SECOND_MS = 1000;
 constexpr int64 N_SEARCHES = 60;

@@ -51,7 +51,7 @@ public:
     int multiOnDemand(const SxArray<uint64>& offsets, const SxArray<uint64>& sizes,
                       const SxArray<SxArray<char>>& data) const;
     /// Begins to fetch ranges together that onDemand() will then be asked for; returns at once. What was
-    /// announced before and not taken is dropped.
+    /// announced before and not taken is dropped. As many sizes as offsets. 0 for success, 1 for a failure.
     int announce(const SxArray<uint64>& offsets, const SxArray<uint64>& sizes) const;
     /// What came of this range was wrong; the next onDemand() fetches it anew.
     int forget(uint64 offset, uint64 size) const;

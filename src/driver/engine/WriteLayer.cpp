@@ -21,7 +21,8 @@ constexpr uint64 MAGIC_FIRST = 0x3130'5245'5941'4c5a;  // "ZLAYER01": without an
 /// Slots that may be given out beyond one for each RAW block: two writes of one block that run at once take
 /// two, of which one is given back, and slots that were discarded wait for a sync.
 constexpr uint64 SPARE_SLOTS = 1 << 18;
-/// Records that wait in memory until somebody syncs; a write that makes it so many syncs by itself.
+/// Records that wait in memory until somebody syncs; a write that makes it so many syncs by itself. They take
+/// 1 MiB, and stand for 256 MiB of blocks.
 constexpr size_t MAX_PENDING = 1 << 16;
 constexpr uint64 RECORDS_AT_ONCE = 1 << 16;
 /// Records that the reserve of the index has room for.
