@@ -8,7 +8,7 @@
 #include "ZqImageProgress.h"
 #include "ZqJobFailure.h"
 #include "ZqLog.h"
-#include "ZqODRDownloader.h"
+#include "ZqRangeSource.h"
 #include "ZqSysEnv.h"
 #include "ZqVolume.h"
 
@@ -108,14 +108,14 @@ void ZqCoreUnderflowMgr::start(Priority priority) {
     // Here and not in main(), so that a stop right after the start isn't lost.
     if (!isRunning()) {
         stopFlag = false;
-        if (const SxPtr<ZqODRDownloader> source = getSource().downloader) source->cancel(false);
+        if (const SxPtr<ZqRangeSource> source = getSource().ranges) source->cancel(false);
     }
     SxSystemThread::start(priority);
 }
 
 void ZqCoreUnderflowMgr::stop() {
     stopFlag = true;
-    if (const SxPtr<ZqODRDownloader> source = getSource().downloader) source->cancel();
+    if (const SxPtr<ZqRangeSource> source = getSource().ranges) source->cancel(true);
 }
 
 void ZqCoreUnderflowMgr::restart() {

@@ -18,7 +18,8 @@
 
 class ZqCoreAppGuard;
 class ZqImageProgress;
-class ZqODRDownloader;
+class ZqAddressSource;
+class ZqRangeSource;
 
 /// The job that watches for underflows: reads that the drive holds since their blocks aren't there yet. It
 /// gets the missing stretches of `img.zqf` out of order where it can. Where it can't, it minimises the
@@ -39,8 +40,8 @@ class ZqODRDownloader;
 /// costs three calls of the drive service, a pass seven and one for each stretch. What has just been asked
 /// isn't asked again. Durations are taken on the steady clock, since the system's may jump.
 ///
-/// The queries, stop(), maximizeApp() and setDownloadParams() are safe from any thread; start(), wait() and
-/// restart() belong to the owner's; everything else runs on the job's own.
+/// The queries, stop(), maximizeApp(), setRangeSource() and setDownloadParams() are safe from any thread;
+/// start(), wait() and restart() belong to the owner's; everything else runs on the job's own.
 class ZqCoreUnderflowMgr : public SxSystemThread {
 public:
     /// Fills the `size` bytes at `*data` with those of `img.zqf` from byte `offset` on. Gives 0, or 1 where
@@ -78,7 +79,9 @@ public:
     /// `call` is called in each look while a read is held that only the ordered download can serve. On the
     /// manager's thread; to be set before its start.
     void setEdgeCall(std::function<void()> call) { edgeCall = std::move(call); }
-    /// Where missing data come from if no callback was given: the address of `img.zqf`, and headers for each
+    /// Where missing data come from if no callback was given. Raises where one was, or null is given.
+    void setRangeSource(const SxPtr<ZqRangeSource>& source);
+    /// The same for who has nothing but an address: that of `img.zqf`, and headers for each
     /// request. Raises "Cannot set ondemand download params" with the cause; then the manager
     /// stays as it was, with or without a callback.
     void setDownloadParams(const SxString& url, const SxList<SxString>& headers);
@@ -135,7 +138,7 @@ private:
     struct Source {
         Callback callback = nullptr;
         void* callbackData = nullptr;
-        SxPtr<ZqODRDownloader> downloader; ///< empty with a callback of the client's
+        SxPtr<ZqRangeSource> ranges; ///< null with a callback of the client's
     };
     struct Pass;
     class Fetch;
@@ -197,6 +200,7 @@ private:
     /// Bytes of `img.zqf` that the ordered download has brought.
     uint64 nDownloaded() const;
     bool canFetch() const SX_EXCLUDES(downloadMutex);
+    void requireNoCallback() const SX_REQUIRES(downloadMutex);
     Source getSource() const SX_EXCLUDES(downloadMutex);
     uint64 byteIdxOf(uint64 zqfIdx) const;
     SxArray<uint64> popQueue(uint64 count) const;
@@ -226,15 +230,15 @@ private:
     int64 fetchByCallback(const Pass& pass, const Source& source);
     bool callBack(const Pass& pass, const Source& source, uint64 offset);
     /// Begins to fetch what is wanted, as much as is worth having on the wire together.
-    void beginFetches(const Pass& pass, const SxPtr<ZqODRDownloader>& from);
-    void beginFetch(const Pass& pass, const SxPtr<ZqODRDownloader>& from, uint64 offset, bool isApart);
+    void beginFetches(const Pass& pass, const SxPtr<ZqRangeSource>& from);
+    void beginFetch(const Pass& pass, const SxPtr<ZqRangeSource>& from, uint64 offset, bool isApart);
     bool isUnderWay(uint64 offset) const;
     bool isUnderWayApart(uint64 offset) const;
     /// Waits until a fetch has ended, but no longer than the drive is left alone.
     void awaitFetch() const;
     /// Hands over what has come; gives how many stretches.
-    int64 deliverFetches(const Pass& pass, const ZqODRDownloader& from);
-    bool deliver(const Pass& pass, const ZqODRDownloader& from, const Fetch& fetch);
+    int64 deliverFetches(const Pass& pass, ZqRangeSource* from);
+    bool deliver(const Pass& pass, ZqRangeSource* from, const Fetch& fetch);
     /// Gives up what is on its way.
     void endFetches();
     SxArray<char> readExpected(const Pass& pass, uint64 offset, uint64 length);
@@ -272,8 +276,8 @@ private:
     mutable SxMutex downloadMutex;
     Callback callback SX_GUARDED_BY(downloadMutex);
     void* callbackData SX_GUARDED_BY(downloadMutex);
-    SxPtr<ZqODRDownloader> downloader SX_GUARDED_BY(downloadMutex);
-    bool downloadMode SX_GUARDED_BY(downloadMutex) = false;
+    SxPtr<ZqRangeSource> ranges SX_GUARDED_BY(downloadMutex);
+    SxPtr<ZqAddressSource> address SX_GUARDED_BY(downloadMutex); ///< the same, where it is one of an address
 
     SxPtr<AsyncCallback> asyncCallback;
     SxMap<uint64, Want> wants;         ///< by the stretch's offset, in the order in which they were asked for

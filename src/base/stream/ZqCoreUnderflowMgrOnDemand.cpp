@@ -1,11 +1,12 @@
 #include "SxClock.h"
 #include "SxTime.h"
+#include "ZqAddressSource.h"
 #include "ZqBlocks.h"
 #include "ZqCoreUnderflowMgr.h"
 #include "ZqImage.h"
 #include "ZqImageProgress.h"
 #include "ZqLog.h"
-#include "ZqODRDownloader.h"
+#include "ZqRangeSource.h"
 
 #include <algorithm>
 #include <utility>
@@ -16,7 +17,8 @@ constexpr const char* UNIT = "src/base/ZqUnderflowMgr";
 constexpr uint64 BLOCK = ZqBlocks::SIZE;
 constexpr uint64 MAX_INDICES = 1000; ///< taken from the queue in one pass
 constexpr int64 MS = 1'000'000;
-constexpr int64 GROUP = 6;         ///< requests that are worth having on the wire together
+constexpr const char *CALLBACK_FAILED = "On demand callback failed",
+                     *INVALID_VALUE = "Invalid On demand callback return value";
 constexpr int64 SLOW_MS = 3000;    ///< one that lasts longer takes the place of no other
 constexpr int64 MAX_FETCHES = 128; ///< at once, slow ones included
 /// From one look for the end of a fetch, which a reader waits for, to the next.
@@ -107,7 +109,7 @@ bool ZqCoreUnderflowMgr::AsyncCallback::isFinished() const {
 class ZqCoreUnderflowMgr::Fetch : public SxSystemThread {
 public:
     /// `isApart`: it isn't left to the ordered download on the network's side either.
-    Fetch(const SxPtr<ZqODRDownloader>& from_, uint64 offset_, uint64 length_, bool isApart_)
+    Fetch(const SxPtr<ZqRangeSource>& from_, uint64 offset_, uint64 length_, bool isApart_)
         : offset(offset_),
           isApart(isApart_),
           beginMs(SxClock::get().steadyMs()),
@@ -120,39 +122,54 @@ public:
     const uint64 offset;
     const bool isApart;
     const int64 beginMs; ///< of the steady clock
+    const SxPtr<ZqRangeSource> from;
 
     // Once it has ended.
-    int code = -1; ///< as a callback's
+    bool hasCome = false;
     SxArray<char> data;
-    SxString failure;
+    SxString failure; ///< its line in the log, where the bytes haven't come
 
 protected:
     void main() override {
-        data.resize(static_cast<int64>(length));
-        code = isApart ? from->onDemandAnew(offset, length, data) : from->onDemand(offset, length, data);
-        if (code == 1) failure = from->getLastErrMsg();
+        try {
+            data.resize(static_cast<int64>(length));
+            from->read(offset, length, data.data(), isApart);
+            hasCome = true;
+        } catch (const SxException& e) {
+            failure = e.hasTag(ZqAddressSource::INVALID)
+                          ? SxString(INVALID_VALUE)
+                          : CALLBACK_FAILED + SxString(": ") + e.toString(SxException::ShowMessage, ": ");
+        } catch (const std::exception& e) {
+            failure = CALLBACK_FAILED + SxString(": ") + e.what();
+        }
     }
 
 private:
-    const SxPtr<ZqODRDownloader> from;
     const uint64 length;
 };
 
 // Sources.
 
+void ZqCoreUnderflowMgr::requireNoCallback() const {
+    if (callback || callbackData)
+        throw SxException("Only one underflow callback method supported.", UNIT, __LINE__);
+}
+
+void ZqCoreUnderflowMgr::setRangeSource(const SxPtr<ZqRangeSource>& source) {
+    const SxMutexBlock lock(&downloadMutex);
+    requireNoCallback();
+    if (!source) throw SxException("There is no source of ranges", UNIT, __LINE__);
+    ranges = source;
+    address = nullptr;
+}
+
 void ZqCoreUnderflowMgr::setDownloadParams(const SxString& url, const SxList<SxString>& headers) {
     try {
         const SxMutexBlock lock(&downloadMutex);
-        if (!downloadMode && (callback || callbackData)) {
-            throw SxException("Only one underflow callback method supported.", UNIT, __LINE__);
-        }
-        const SxPtr<ZqODRDownloader> source = downloader ? downloader : SxPtr<ZqODRDownloader>::create();
-        source->setURL(url);
-        source->setHeaders(headers);
-        downloader = source;
-        callback = ZqODRDownloader::onDemandCallback;
-        callbackData = source.getPtr();
-        downloadMode = true;
+        requireNoCallback();
+        const SxPtr<ZqAddressSource> source = address ? address : SxPtr<ZqAddressSource>::create();
+        source->setAddress(url, headers);
+        ranges = address = source;
     } catch (const SxException& e) {
         throw SxException(e, "Cannot set ondemand download params", UNIT, __LINE__);
     }
@@ -160,12 +177,12 @@ void ZqCoreUnderflowMgr::setDownloadParams(const SxString& url, const SxList<SxS
 
 bool ZqCoreUnderflowMgr::canFetch() const {
     const SxMutexBlock lock(&downloadMutex);
-    return callback || downloadMode;
+    return callback || ranges;
 }
 
 ZqCoreUnderflowMgr::Source ZqCoreUnderflowMgr::getSource() const {
     const SxMutexBlock lock(&downloadMutex);
-    return {callback, callbackData, downloadMode ? downloader : SxPtr<ZqODRDownloader>()};
+    return {callback, callbackData, ranges};
 }
 
 // The drive's queue.
@@ -223,7 +240,7 @@ bool ZqCoreUnderflowMgr::runPass() {
     Pass pass{"ZqCoreUnderflowMgr::onDemand (" + SxString(++passCount) + "): ", SxClock::get().steadyMs(),
               imageProgress ? imageProgress->getNTotal() : appParams.sizeZqf, nDownloaded()};
     const Source source = getSource();
-    if (!source.callback) {
+    if (!source.callback && !source.ranges) {
         pass.log("No underflow callback configured");
         return false;
     }
@@ -236,10 +253,10 @@ bool ZqCoreUnderflowMgr::runPass() {
     countOverdue(pass);
     if (edgeCall && edgeIdx >= pass.nCurrent) edgeCall();
     int64 n = 0;
-    if (source.downloader) {
-        beginFetches(pass, source.downloader);
+    if (source.ranges) {
+        beginFetches(pass, source.ranges);
         if (!hasFailedWant()) awaitFetch();
-        n = deliverFetches(pass, *source.downloader);
+        n = deliverFetches(pass, source.ranges.getPtr());
     } else {
         n = fetchByCallback(pass, source);
     }
@@ -373,7 +390,7 @@ bool ZqCoreUnderflowMgr::callBack(const Pass& pass, const Source& source, uint64
     }
     asyncCallback->wait();
     if (const int code = asyncCallback->getReturnCode(); code != 0) {
-        pass.log(code == 1 ? "On demand callback failed" : "Invalid On demand callback return value");
+        pass.log(code == 1 ? CALLBACK_FAILED : INVALID_VALUE);
         return false;
     }
     const SxArray<char>& data = *asyncCallback->getBuffer();
@@ -398,12 +415,13 @@ bool ZqCoreUnderflowMgr::isUnderWayApart(uint64 offset) const {
                        [&](const SxPtr<Fetch>& fetch) { return fetch->offset == offset && fetch->isApart; });
 }
 
-void ZqCoreUnderflowMgr::beginFetches(const Pass& pass, const SxPtr<ZqODRDownloader>& from) {
+void ZqCoreUnderflowMgr::beginFetches(const Pass& pass, const SxPtr<ZqRangeSource>& from) {
     // One that the server has been silent about takes the place of no other.
     const int64 nFresh = std::count_if(fetches.begin(), fetches.end(), [&](const SxPtr<Fetch>& fetch) {
         return pass.t0 - fetch->beginMs < SLOW_MS;
     });
-    const int64 nFree = std::min(GROUP - nFresh, MAX_FETCHES - static_cast<int64>(fetches.size()));
+    const int64 nFree =
+        std::min(ZqRangeSource::GROUP - nFresh, MAX_FETCHES - static_cast<int64>(fetches.size()));
     SxArray<uint64> group, lengths;
     for (const auto& [offset, want] : wants) {
         if (want.retryMs > pass.t0) continue;
@@ -420,7 +438,7 @@ void ZqCoreUnderflowMgr::beginFetches(const Pass& pass, const SxPtr<ZqODRDownloa
         beginFetch(pass, from, offset, false);
 }
 
-void ZqCoreUnderflowMgr::beginFetch(const Pass& pass, const SxPtr<ZqODRDownloader>& from, uint64 offset,
+void ZqCoreUnderflowMgr::beginFetch(const Pass& pass, const SxPtr<ZqRangeSource>& from, uint64 offset,
                                     bool isApart) {
     const auto fetch = SxPtr<Fetch>::create(from, offset, pass.lengthAt(offset), isApart);
     fetch->start();
@@ -437,7 +455,7 @@ void ZqCoreUnderflowMgr::awaitFetch() const {
         SxClock::get().sleepNs(FETCH_LOOK_NS);
 }
 
-int64 ZqCoreUnderflowMgr::deliverFetches(const Pass& pass, const ZqODRDownloader& from) {
+int64 ZqCoreUnderflowMgr::deliverFetches(const Pass& pass, ZqRangeSource* from) {
     int64 n = 0, beginMs = pass.t0;
     for (auto at = fetches.begin(); at != fetches.end() && !stopRequested();) {
         const SxPtr<Fetch> fetch = *at;
@@ -463,18 +481,16 @@ int64 ZqCoreUnderflowMgr::deliverFetches(const Pass& pass, const ZqODRDownloader
     return n;
 }
 
-bool ZqCoreUnderflowMgr::deliver(const Pass& pass, const ZqODRDownloader& from, const Fetch& fetch) {
-    if (fetch.code != 0) {
-        if (stopRequested()) return false;
-        pass.log(fetch.code == 1 ? "On demand callback failed: " + fetch.failure
-                                 : SxString("Invalid On demand callback return value"));
+bool ZqCoreUnderflowMgr::deliver(const Pass& pass, ZqRangeSource* from, const Fetch& fetch) {
+    if (!fetch.hasCome) {
+        if (!stopRequested()) pass.log(fetch.failure);
         return false;
     }
     fetchSizes.update(fetch.data.getSize());
     const auto length = static_cast<uint64>(fetch.data.getSize());
     if (!pass.matches(fetch.offset, fetch.data, readExpected(pass, fetch.offset, length))) {
         // Else it would come again from what is kept, and get into the image with the ordered stream.
-        from.forget(fetch.offset, length);
+        from->forget(fetch.offset, length);
         return false;
     }
     if (fetch.data.getSize() > MAX_HANDOVER) {
@@ -486,11 +502,18 @@ bool ZqCoreUnderflowMgr::deliver(const Pass& pass, const ZqODRDownloader& from, 
 }
 
 void ZqCoreUnderflowMgr::endFetches() {
-    if (fetches.empty()) return;
-    const SxPtr<ZqODRDownloader> source = getSource().downloader;
-    source->cancel();
+    // A fetch ends with the source that it was begun with, which may have been another one.
+    std::vector<SxPtr<ZqRangeSource>> sources;
+    for (const SxPtr<Fetch>& fetch : fetches) {
+        const auto isSame = [&](const SxPtr<ZqRangeSource>& source) { return source == fetch->from; };
+        if (std::none_of(sources.begin(), sources.end(), isSame)) sources.push_back(fetch->from);
+    }
+    for (const SxPtr<ZqRangeSource>& source : sources)
+        source->cancel(true);
     fetches.clear();
-    if (!stopRequested()) source->cancel(false);
+    if (stopRequested()) return;
+    for (const SxPtr<ZqRangeSource>& source : sources)
+        source->cancel(false);
 }
 
 SxArray<char> ZqCoreUnderflowMgr::readExpected(const Pass& pass, uint64 offset, uint64 length) {

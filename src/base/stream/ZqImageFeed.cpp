@@ -12,6 +12,7 @@
 #include "ZqImageInfo.h"
 #include "ZqImageProgress.h"
 #include "ZqImageRecords.h"
+#include "ZqImageSource.h"
 #include "ZqLog.h"
 #include "ZqOrderedDownload.h"
 #include "ZqPartCheck.h"
@@ -20,7 +21,6 @@
 #include "ZqStretchStore.h"
 #include "ZqSyncedSize.h"
 #include "ZqSysEnv.h"
-#include "zqnetio.h"
 
 #include <algorithm>
 
@@ -217,7 +217,6 @@ void ZqImageFeed::start() {
     image = opened;
     openStore();
     startPartCheck();
-    zqNetioOfferImage(image);
     makeWriter();
     progress = SxPtr<ZqImageProgress>::create(settings.image, app);
     progress->setWriteEnd([this] { return writeEnd(); });
@@ -225,7 +224,7 @@ void ZqImageFeed::start() {
     download = std::make_unique<ZqOrderedDownload>(image);
     beginDownload();
     manager = SxPtr<ZqCoreUnderflowMgr>::create(settings.image, nullptr, progress, app);
-    manager->setDownloadParams(image->getUrl(), SxList<SxString>());
+    manager->setRangeSource(SxPtr<ZqImageSource>::create(image));
     manager->setWindowSearch(false);
     manager->setEdgeCall([link_ = link] { link_->hastenStreams(); });
     manager->start();

@@ -94,13 +94,15 @@ SxString ZqODRDownloader::getLastErrMsg() const {
 }
 
 int ZqODRDownloader::onDemand(uint64 offset, uint64 size, SxArray<char>& data) const {
-    char* storage = data.data();
-    return zqNetioDownloadRange(offset, size, &storage, this);
+    return onDemand(offset, size, data.data());
 }
 
-int ZqODRDownloader::onDemandAnew(uint64 offset, uint64 size, SxArray<char>& data) const {
-    char* storage = data.data();
-    return zqNetioDownloadAnew(offset, size, &storage, this);
+int ZqODRDownloader::onDemand(uint64 offset, uint64 size, char* buffer) const {
+    return zqNetioDownloadRange(offset, size, &buffer, this);
+}
+
+int ZqODRDownloader::onDemandAnew(uint64 offset, uint64 size, char* buffer) const {
+    return zqNetioDownloadAnew(offset, size, &buffer, this);
 }
 
 int ZqODRDownloader::onDemandCallback(uint64 offset, uint64 size, char** data, void* user) {

@@ -43,8 +43,9 @@ public:
     /// Blocks until `size` bytes from `offset` on are in `data`, which has that room. 0 for success, 1 for a
     /// failure, which getLastErrMsg() tells. Raises nothing.
     int onDemand(uint64 offset, uint64 size, SxArray<char>& data) const;
-    /// As onDemand(), but it doesn't wait for what a whole download is about to bring.
-    int onDemandAnew(uint64 offset, uint64 size, SxArray<char>& data) const;
+    int onDemand(uint64 offset, uint64 size, char* buffer) const;
+    /// As onDemand(), by a request of its own, whatever was announced.
+    int onDemandAnew(uint64 offset, uint64 size, char* buffer) const;
     /// onDemand() in the form of an on-demand callback; `user` is the address of a ZqODRDownloader.
     static int onDemandCallback(uint64 offset, uint64 size, char** data, void* user);
     /// The same for several ranges, fetched together.

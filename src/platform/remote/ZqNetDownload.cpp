@@ -2,34 +2,14 @@
 
 #include "SxClock.h"
 #include "SxFileIO.h"
-#include "ZqBlocks.h"
 #include "ZqRangeReader.h"
+#include "ZqRangeSource.h"
 
 #include <algorithm>
 
 namespace {
 
 constexpr const char* UNIT = "src/platform/remote/ZqNetDownload";
-
-struct OfferedImages {
-    SxMutex mutex;
-    std::map<SxString, std::weak_ptr<ZqRemoteImage>> byUrl SX_GUARDED_BY(mutex);
-
-    static OfferedImages& get() {
-        static OfferedImages images;
-        return images;
-    }
-    SxPtr<ZqRemoteImage> find(const SxString& url) {
-        SxMutexBlock lock(&mutex);
-        const auto found = byUrl.find(url);
-        return found == byUrl.end() ? nullptr : SxPtr<ZqRemoteImage>(found->second.lock());
-    }
-    void add(const SxPtr<ZqRemoteImage>& image) {
-        SxMutexBlock lock(&mutex);
-        std::erase_if(byUrl, [](const auto& entry) { return entry.second.expired(); });
-        byUrl[image->getUrl()] = image.shared();
-    }
-};
 
 } // namespace
 
@@ -40,11 +20,6 @@ ZqNetDownload::ZqNetDownload() {
 ZqNetDownload::~ZqNetDownload() {
     closing.store(true);
     wait();
-}
-
-void ZqNetDownload::offer(const SxPtr<ZqRemoteImage>& image) {
-    if (!image) throw SxException("There is no image to offer", UNIT, __LINE__);
-    OfferedImages::get().add(image);
 }
 
 void ZqNetDownload::setUrl(const SxString& url_) {
@@ -85,24 +60,15 @@ void ZqNetDownload::setThrottle(double bytesPerSecond) {
     if (link) link->setRateLimit(throttle);
 }
 
-ZqNetDownload::Source ZqNetDownload::getSource() const {
-    SxString wanted;
-    {
-        SxMutexBlock lock(&mutex);
-        wanted = url;
-    }
-    if (wanted.isEmpty()) throw SxException("The download has no address", UNIT, __LINE__);
-    Source source;
-    source.image = OfferedImages::get().find(wanted);
-    if (source.image) return source;
+SxPtr<ZqRemoteFile> ZqNetDownload::getFile() const {
     SxMutexBlock lock(&mutex);
+    if (url.isEmpty()) throw SxException("The download has no address", UNIT, __LINE__);
     if (!link) {
         link = SxPtr<ZqNetLink>::create(settings);
         link->setRateLimit(throttle);
     }
     if (!file) file = SxPtr<ZqRemoteFile>::create(link, url, headers);
-    source.file = file;
-    return source;
+    return file;
 }
 
 ZqStopTest ZqNetDownload::stopTest() const {
@@ -119,41 +85,24 @@ SxPtr<ZqRangeReader> ZqNetDownload::takeAnnounced(uint64 offset, uint64 size) {
 }
 
 void ZqNetDownload::read(uint64 offset, uint64 size, char* buffer) {
-    const Source source = getSource();
-    if (source.image) {
-        source.image->read(offset, size, buffer, stopTest());
-    } else if (const SxPtr<ZqRangeReader> reader = takeAnnounced(offset, size)) {
-        source.file->finish(reader.getPtr(), size, buffer, stopTest());
+    const SxPtr<ZqRemoteFile> from = getFile();
+    if (const SxPtr<ZqRangeReader> reader = takeAnnounced(offset, size)) {
+        from->finish(reader.getPtr(), size, buffer, stopTest());
     } else {
-        source.file->read(offset, size, buffer, stopTest());
+        from->read(offset, size, buffer, stopTest());
     }
 }
 
 void ZqNetDownload::readAnew(uint64 offset, uint64 size, char* buffer) {
-    const Source source = getSource();
-    if (!source.image) {
-        source.file->read(offset, size, buffer, stopTest());
-        return;
-    }
-    constexpr uint64 STRETCH = ZqBlocks::STRETCH;
-    for (const uint64 end = offset + size; offset < end;) {
-        const SxPtr<SxArray<char>> bytes = source.image->fetchAnew(offset / STRETCH, stopTest());
-        const uint64 n = std::min(end - offset, STRETCH - offset % STRETCH);
-        buffer = std::copy_n(bytes->data() + offset % STRETCH, n, buffer);
-        offset += n;
-    }
+    getFile()->read(offset, size, buffer, stopTest());
 }
 
 void ZqNetDownload::announce(const SxArray<uint64>& offsets, const SxArray<uint64>& sizes) {
-    const Source source = getSource();
-    if (source.image) {
-        source.image->announce(offsets, sizes);
-        return;
-    }
+    const SxPtr<ZqRemoteFile> from = getFile();
     std::map<std::pair<uint64, uint64>, SxPtr<ZqRangeReader>> group;
-    for (int64 i = 0; i < std::min(offsets.getSize(), ZqRemoteImage::GROUP); ++i) {
+    for (int64 i = 0; i < std::min(offsets.getSize(), ZqRangeSource::GROUP); ++i) {
         if (sizes(i) == 0) continue;
-        const auto reader = SxPtr<ZqRangeReader>::create(*source.file, offsets(i), offsets(i) + sizes(i),
+        const auto reader = SxPtr<ZqRangeReader>::create(*from, offsets(i), offsets(i) + sizes(i),
                                                          ZqTransfer::Kind::OnDemand);
         reader->begin();
         group[{offsets(i), sizes(i)}] = reader;
@@ -163,12 +112,12 @@ void ZqNetDownload::announce(const SxArray<uint64>& offsets, const SxArray<uint6
 }
 
 void ZqNetDownload::forget(uint64 offset, uint64 size) {
-    const Source source = getSource();
-    if (source.image) source.image->forget(offset, size);
+    // What was read isn't kept.
+    takeAnnounced(offset, size);
 }
 
 void ZqNetDownload::begin() {
-    getSource();
+    getFile();
     {
         SxMutexBlock lock(&mutex);
         if (path.isEmpty()) throw SxException("The download has no file to write to", UNIT, __LINE__);
@@ -180,9 +129,7 @@ void ZqNetDownload::begin() {
 }
 
 uint64 ZqNetDownload::getTotal() const {
-    const Source source = getSource();
-    if (source.image) return source.image->getSize();
-    const uint64 size = source.file->getSize();
+    const uint64 size = getFile()->getSize();
     return size == ZqRemoteFile::UNKNOWN ? 0 : size;
 }
 
@@ -201,7 +148,7 @@ void ZqNetDownload::main() {
 }
 
 void ZqNetDownload::download() {
-    const Source source = getSource();
+    const SxPtr<ZqRemoteFile> from = getFile();
     SxString target;
     {
         SxMutexBlock lock(&mutex);
@@ -213,11 +160,7 @@ void ZqNetDownload::download() {
             nDone.fetch_add(static_cast<uint64>(n));
             return true;
         };
-        if (source.image) {
-            source.image->stream(0, sink, stopTest());
-        } else {
-            source.file->stream(0, sink, stopTest());
-        }
+        from->stream(0, sink, stopTest());
     });
 }
 

@@ -1,12 +1,15 @@
 #pragma once
 
 #include "SxSystemThread.h"
-#include "ZqRemoteImage.h"
+#include "ZqRemoteFile.h"
+
+#include <atomic>
+#include <map>
 
 class ZqRangeReader;
 
 /// The object of one download of `zqnetio`: ranges from any thread, and one whole download on a thread of
-/// its own. Ranges and the whole come from an offered image of the same address, or from the address itself.
+/// its own.
 class ZqNetDownload : public SxSystemThread {
 public:
     ZqNetDownload();
@@ -20,7 +23,7 @@ public:
     void cancel(bool on) noexcept { cancelled.store(on); }
 
     void read(uint64 offset, uint64 size, char* buffer);
-    /// By requests of its own, whatever there is of it.
+    /// By a request of its own, whatever was announced.
     void readAnew(uint64 offset, uint64 size, char* buffer);
     void announce(const SxArray<uint64>& offsets, const SxArray<uint64>& sizes);
     void forget(uint64 offset, uint64 size);
@@ -36,18 +39,11 @@ public:
     uint64 getNErrors() const;
     SxString getLastError() const;
 
-    /// Makes `image` what downloads of its address take their bytes from, as long as somebody keeps it.
-    static void offer(const SxPtr<ZqRemoteImage>& image);
-
 protected:
     void main() override;
 
 private:
-    struct Source {
-        SxPtr<ZqRemoteImage> image;
-        SxPtr<ZqRemoteFile> file;
-    };
-    Source getSource() const;
+    SxPtr<ZqRemoteFile> getFile() const;
     SxPtr<ZqRangeReader> takeAnnounced(uint64 offset, uint64 size);
     void download();
     ZqStopTest stopTest() const;
@@ -61,11 +57,10 @@ private:
     SxArray<SxString> headers SX_GUARDED_BY(mutex);
     ZqNetSettings settings SX_GUARDED_BY(mutex);
     double throttle SX_GUARDED_BY(mutex) = 0.;
-    mutable SxPtr<ZqNetLink>
-        link SX_GUARDED_BY(mutex); ///< from the first request without an offered image on
+    mutable SxPtr<ZqNetLink> link SX_GUARDED_BY(mutex); ///< from the first request on
     mutable SxPtr<ZqRemoteFile> file SX_GUARDED_BY(mutex);
     std::map<std::pair<uint64, uint64>, SxPtr<ZqRangeReader>>
-        announced SX_GUARDED_BY(mutex); ///< without an image
+        announced SX_GUARDED_BY(mutex); ///< and not read yet
 
     mutable SxMutex errorMutex;
     uint64 nErrors SX_GUARDED_BY(errorMutex) = 0;

@@ -4,6 +4,7 @@
 #include "ZqBlocks.h"
 #include "ZqImageFigures.h"
 #include "ZqRangeReader.h"
+#include "ZqRangeSource.h"
 #include "ZqRemoteFile.h"
 #include "ZqSeekTable.h"
 #include "ZqStretchStore.h"
@@ -59,7 +60,7 @@ public:
     /// MiB wait for the disk before it holds the stream, and has some more in its hands.
     static constexpr uint64 MAX_HELD = 36 << 20;
     /// Ranges that are worth fetching at once.
-    static constexpr int64 GROUP = 6;
+    static constexpr int64 GROUP = ZqRangeSource::GROUP;
 
     using Figures = ZqImageFigures;
 

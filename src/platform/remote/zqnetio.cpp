@@ -169,12 +169,3 @@ ZqNetioStatus zqNetioDownloadForget(uint64 offset, uint64 size, const void* down
 ZqNetioStatus zqNetioDownloadCancel(const void* download, bool on) {
     return withDownload(download, [&](ZqNetDownload& object) { object.cancel(on); });
 }
-
-ZqNetioStatus zqNetioOfferImage(const SxPtr<ZqRemoteImage>& image) {
-    try {
-        ZqNetDownload::offer(image);
-        return SUCCESS;
-    } catch (const SxException&) {
-        return FAILED;
-    }
-}

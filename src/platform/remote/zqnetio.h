@@ -1,9 +1,6 @@
 #pragma once
 
-#include "SxPtr.h"
 #include "SxTypes.h"
-
-class ZqRemoteImage;
 
 // Downloads as a list of plain functions. `download` is the address of an object whose first field is a
 // pointer for this library's use, null until zqNetioDownload() has filled it. Each gives a status: 0 for
@@ -47,7 +44,7 @@ ZqNetioStatus zqNetioDownloadGetErrMsg(const void* download, char* buffer, uint6
 
 /// Blocks until `size` bytes from `offset` on are in `*data`, whose room the caller has made.
 ZqNetioStatus zqNetioDownloadRange(uint64 offset, uint64 size, char** data, const void* download);
-/// The same by requests of its own, whatever is kept of the range, or on its way with a whole download.
+/// The same by a request of its own, whatever was announced.
 ZqNetioStatus zqNetioDownloadAnew(uint64 offset, uint64 size, char** data, const void* download);
 /// As zqNetioDownloadRange(), for `count` ranges, fetched together.
 ZqNetioStatus zqNetioDownloadRanges(const uint64* offsets, const uint64* sizes, char* const* data,
@@ -55,14 +52,7 @@ ZqNetioStatus zqNetioDownloadRanges(const uint64* offsets, const uint64* sizes, 
 /// Begins to fetch ranges that zqNetioDownloadRange() will then ask for; returns at once.
 ZqNetioStatus zqNetioDownloadAnnounce(const uint64* offsets, const uint64* sizes, uint64 count,
                                       const void* download);
-/// The range that came last was found to be wrong: nothing of it is kept, and it is fetched again when it is
-/// asked for.
+/// What came of this range was wrong: nothing of it is kept, and it is fetched again when it is asked for.
 ZqNetioStatus zqNetioDownloadForget(uint64 offset, uint64 size, const void* download);
 /// While on, ranges fail with status 1, those that block within 20 ms, and a whole download ends.
 ZqNetioStatus zqNetioDownloadCancel(const void* download, bool on);
-
-/// From now on each download of the image's address (ZqRemoteImage::getUrl()) in this process takes its bytes
-/// from `image`, and so shares its link, its priorities and what it keeps, for as long as somebody keeps
-/// `image`. Downloads that had the address before do so from their next request on. Their headers are left
-/// aside.
-ZqNetioStatus zqNetioOfferImage(const SxPtr<ZqRemoteImage>& image);

@@ -5,8 +5,8 @@
 #include "SxTime.h"
 #include "TempDir.h"
 #include "ZqFileServer.h"
+#include "ZqImageSource.h"
 #include "ZqODRDownloader.h"
-#include "ZqRemoteImage.h"
 #include "zqnetio.h"
 
 #include <gmock/gmock.h>
@@ -121,32 +121,29 @@ TEST_F(OdrDownloader, downloadsAWholeFile) {
     EXPECT_FALSE(dir.exists("none"));
 }
 
-TEST_F(OdrDownloader, takesItsBytesFromAnOfferedImage) {
-    downloader.setURL(url);
-    SxArray<char> data(204'800);
-    {
-        const auto link = SxPtr<ZqNetLink>::create(quickSettings());
-        const auto image = SxPtr<ZqRemoteImage>::create(link, server.getUrl(), bytes.size());
-        ASSERT_EQ(zqNetioOfferImage(image), 0);
-        EXPECT_EQ(downloader.announce({204'800}, {204'800}), 0);
-        EXPECT_EQ(downloader.onDemand(204'800, 204'800, data), 0);
-        EXPECT_TRUE(text(data) == part(204'800, 204'800));
-        EXPECT_EQ(image->getFigures().nOnDemand, 204'800u);
-        // Anew, whatever is kept of it, also over the border of two stretches.
-        const uint64 nRequests = server.getNRequests();
-        SxArray<char> anew(1000);
-        EXPECT_EQ(downloader.onDemandAnew(409'100, 1000, anew), 0);
-        EXPECT_TRUE(text(anew) == part(409'100, 1000));
-        EXPECT_GE(server.getNRequests(), nRequests + 2);
-        // One downloader's stop is none for the image.
-        downloader.cancel();
-        EXPECT_EQ(downloader.onDemand(409'600, 1, data), 1);
-        char byte = 0;
-        image->read(409'600, 1, &byte);
-        EXPECT_EQ(byte, bytes[409'600]);
-        downloader.cancel(false);
-    }
-    EXPECT_EQ(downloader.onDemand(0, 1, data), 0) << downloader.getLastErrMsg();
+TEST_F(OdrDownloader, sharesAnImageWithOthersWhereThereIsOne) {
+    const auto link = SxPtr<ZqNetLink>::create(quickSettings());
+    const auto image = SxPtr<ZqRemoteImage>::create(link, server.getUrl(), bytes.size());
+    ZqImageSource source(image);
+    std::string data(204'800, '\0');
+    source.announce({204'800}, {204'800});
+    source.read(204'800, 204'800, data.data(), false);
+    EXPECT_TRUE(data == part(204'800, 204'800));
+    EXPECT_EQ(image->getFigures().nOnDemand, 204'800u);
+    // Apart, whatever is kept of it, also over the border of two stretches.
+    const uint64 nRequests = server.getNRequests();
+    std::string anew(1000, '\0');
+    source.read(409'100, 1000, anew.data(), true);
+    EXPECT_TRUE(anew == part(409'100, 1000));
+    EXPECT_GE(server.getNRequests(), nRequests + 2);
+    // The stop of one is none for the image.
+    source.cancel(true);
+    EXPECT_THROW(source.read(409'600, 1, data.data(), false), SxException);
+    char byte = 0;
+    image->read(409'600, 1, &byte);
+    EXPECT_EQ(byte, bytes[409'600]);
+    source.cancel(false);
+    source.read(409'600, 1, data.data(), false);
 }
 
 TEST(Netio, givesAStatusForNoDownload) {

@@ -111,6 +111,3 @@ ZqNetioStatus zqNetioDownloadCancel(const void*, bool on) {
     ScriptedNetio::get().cancelled = on;
     return note(on ? "cancel" : "go on");
 }
-ZqNetioStatus zqNetioOfferImage(const SxPtr<ZqRemoteImage>&) {
-    return 0;
-}
