@@ -7,10 +7,11 @@
 #include <thread>
 
 /// Base of every long job. The creator starts it, asks it, stops it and waits for it; main() runs on the new
-/// thread. stop(), where a job has it, sets a flag that the job looks at. An SxException that leaves main()
-/// stays in the object. wait() must have been called before a started object is destroyed: else the process
-/// ends at once, as with std::thread, since there is no safe way on. start() and wait() belong to the owner's
-/// thread, the queries are safe from any.
+/// thread. stop(), where a job has it, sets a flag that the job looks at; such flags are atomic, since
+/// nothing else has to change together with one and so none needs a mutex of its own. An SxException that
+/// leaves main() stays in the object. wait() must have been called before a started object is destroyed: else
+/// the process ends at once, as with std::thread, since there is no safe way on. start() and wait() belong to
+/// the owner's thread, the queries are safe from any.
 class SxSystemThread {
 public:
     using Priority = int;
