@@ -113,13 +113,7 @@ int64 declaredSize(SxFileIO& source) {
 }
 
 void requireSpace(const SxString& path, int64 size) {
-    const SxString folder = SxFileInfo(path).getPath();
-    int64 space = 0;
-    const int result = SxOs::get().freeSpace(SxOs::hostPath(folder), &space);
-    if (result < 0) {
-        throw SxException("Cannot ask for the free space of '" + folder + "': " + SxOs::errorText(result),
-                          UNIT, __LINE__);
-    }
+    const int64 space = SxFSAction::freeSpace(SxFileInfo(path).getPath());
     if (size > space) {
         throw SxException(SxString("It declares ") + size + " bytes, and only " + space + " are free", UNIT,
                           __LINE__);
