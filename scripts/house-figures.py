@@ -28,7 +28,7 @@ def percent(part, whole):
 
 def bodies_of(text):
     """Name, bases and body of each class and struct, nested ones as well."""
-    for match in re.finditer(r"\b(?:class|struct)\s+(?:SX_\w+(?:\([^)]*\))?\s+)?(\w+)\s*(?:final\s*)?(:[^;{]*)?\{", text):
+    for match in re.finditer(r"\b(?:class|struct)\s+(?:SX_\w+(?:\([^)]*\))?\s+)?(\w+(?:::\w+)*)\s*(?:final\s*)?(:[^:;{][^;{]*)?\{", text):
         depth, end = 1, match.end()
         while depth and end < len(text):
             depth += {"{": 1, "}": -1}.get(text[end], 0)
