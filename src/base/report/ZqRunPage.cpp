@@ -94,7 +94,7 @@ int64 waitedMs(const std::vector<ZqRunSeries::Underflow>& underflows) {
 
 } // namespace
 
-ZqRunPage::ZqRunPage(const ZqRun::Result& result_, const SxString& failure_)
+ZqRunPage::ZqRunPage(const ZqRunResult& result_, const SxString& failure_)
     : result(result_),
       failure(failure_) {
 }

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "ZqChart.h"
-#include "ZqRun.h"
+#include "ZqRunResult.h"
 
 /// The report of a run as one page of HTML: its figures, the download and the underflows over its time, and
 /// what the application read. Download and reads are shown in one chart by their place in `img.zqf`: what
@@ -10,7 +10,7 @@
 class ZqRunPage {
 public:
     /// `result_` must outlive it. `failure_`: what has ended the run, as a line; empty where nothing did.
-    explicit ZqRunPage(const ZqRun::Result& result_, const SxString& failure_ = SxString());
+    explicit ZqRunPage(const ZqRunResult& result_, const SxString& failure_ = SxString());
 
     /// Reads the trace of the run and the image's map; where they can't be, the page says why.
     SxString toHtml() const;
@@ -26,6 +26,6 @@ private:
     /// Bytes over the time of the run.
     ZqChart::Points pointsOf(uint64 ZqRunSeries::Sample::*bytes) const;
 
-    const ZqRun::Result& result;
+    const ZqRunResult& result;
     const SxString failure;
 };

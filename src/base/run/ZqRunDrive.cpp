@@ -1,27 +1,20 @@
+#include "ZqRunDrive.h"
+
 #include "SxClock.h"
 #include "SxException.h"
 #include "SxFSAction.h"
 #include "SxTime.h"
 #include "ZqImageFeed.h"
-#include "ZqImageFiles.h"
-#include "ZqImageFolder.h"
 #include "ZqLog.h"
+#include "ZqMountJob.h"
 #include "ZqMountMgr.h"
-#include "ZqRun.h"
-#include "ZqRunTraces.h"
-#include "ZqSysEnv.h"
+#include "ZqRunSettings.h"
+#include "ZqRunWait.h"
 #include "ZqVolume.h"
-
-#include <algorithm>
-
-// The drive of a run: how it comes up, is looked after, and goes.
 
 namespace {
 
 constexpr const char* UNIT = "src/base/ZqRunDrive";
-constexpr int64 LOOK_MS = SxWait::LOOK_MS;
-/// Room for the records of a mount, in bytes.
-constexpr uint64 RECORD_ROOM = 1 << 20;
 /// From one look at the drive to the next. A drive that has gone ends its run, and with it the application,
 /// within a quarter of a second: what that reads from then on would fail, and what it writes would be lost.
 constexpr int64 DRIVE_NS = 200'000'000;
@@ -29,283 +22,142 @@ constexpr int64 DRIVE_NS = 200'000'000;
 /// within it.
 constexpr int64 LOST_READ_NS = 5'000'000'000;
 
-/// A folder for the trace of a run that begins now, which isn't there yet.
-SxString newTraceFolder(const SxString& image) {
-    SxString stamp = ZqSysEnv::getTimestamp();
-    stamp = stamp.substitute(":", "-");
-    const SxString base = ZqImageFolder::prefix(image) + ZqImageFiles::TRACES + stamp;
-    SxString folder = base;
-    for (int i = 2; SxFSAction::exists(folder); ++i)
-        folder = base + "-" + i;
-    return folder;
-}
-
 } // namespace
 
-/// Mounts on a thread of its own, since a mount can't be broken off. But its drive can be taken away: then
-/// its reads fail, and it takes itself back.
-class ZqRun::MountJob : public SxSystemThread {
-public:
-    MountJob(const ZqImageFeed& feed_, SxString image_, ZqMountMgr::MountMode mode_, SxString traceFolder_)
-        : feed(feed_),
-          image(std::move(image_)),
-          mode(mode_),
-          traceFolder(std::move(traceFolder_)),
-          isPartial(!feed_.isComplete()),
-          nBlocks(feed_.countBlocks()) {
-        setThreadName("mount");
-    }
-    /// Waits for the end; raises what went wrong, or a stop.
-    void finish(const ZqStopTest& stop) {
-        while (isRunning()) {
-            if (stop() || feed.hasFailed()) {
-                breakOff();
-            } else if (isPartial && feed.isComplete()) {
-                moveCursor();
-            }
-            SxTime::msleep(LOOK_MS);
-        }
-        wait();
-        if (stop()) throw stopped();
-        // It is why the mount has failed, too.
-        feed.requireAlive();
-        if (hasException()) throw getException();
-    }
-
-protected:
-    void main() override {
-        ZqMountMgr mounts;
-        const ZqImageParams& params = feed.getParams();
-        mounts.setAppParams(feed.getApp());
-        mounts.mountImageZQF({mode, params.deviceMode, image, traceFolder,
-                              static_cast<uint64>(params.sizeRaw),
-                              static_cast<uint64>(params.emulatedSectorSize), nBlocks},
-                             traceFolder.isEmpty() ? SxString() : SxString("monitoring"));
-    }
-
-private:
-    /// Reads that fail aren't enough: a mount looks for its first file for a minute.
-    void breakOff() const {
-        try {
-            ZqMountMgr().umountImage(image, true);
-        } catch (const SxException& e) {
-            // The mount takes the same drive away at the same time, and reports what is wrong with the
-            // service.
-            zqLogMsg("base", SxString("ZqRun: ") + e.what());
-        }
-    }
-
-    /// The drive is mounted with the cursor of a moment before. What moves the cursor ends with the download,
-    /// perhaps before the drive is up, so it is done here from then on.
-    void moveCursor() const {
-        try {
-            feed.alignCursor();
-        } catch (const SxException& e) {
-            // The drive of the preparation goes at some time; what else is wrong the mount tells.
-            zqLogMsg("base", SxString("ZqRun: ") + e.what());
-        }
-    }
-
-    const ZqImageFeed& feed;
-    const SxString image;
-    const ZqMountMgr::MountMode mode;
-    const SxString traceFolder;
-    const bool isPartial; ///< some of the image wasn't there when the mount began
-    const uint64 nBlocks; ///< that were there then
-};
-
-SxException ZqRun::stopped() {
-    return SxException(SxString(SxException::STOPPED), "stopped", UNIT, __LINE__);
+ZqRunDrive::ZqRunDrive(const ZqRunSettings& settings_, ZqImageFeed* feed_, ZqRunWait* waits_)
+    : settings(settings_),
+      image(settings_.feed.image),
+      feed(feed_),
+      waits(waits_) {
 }
 
-void ZqRun::mount() {
-    const ZqStopTest stop = [this] { return isStopping(); };
-    // The record may ask for more than there is.
-    const uint64 needed = std::min(feed->getApp().sizeMnt, feed->getApp().sizeZqf);
-    while (feed->getStatus().nCurrent < needed) {
-        if (stop()) throw stopped();
-        feed->requireAlive();
-        // Asked here, since it costs a start no time while blocks are still missing.
-        feed->requireRanges(stop);
-        SxTime::msleep(LOOK_MS);
-    }
-    const ZqMountMgr::MountMode mode = mountMode();
-    // A drive that writes into the file would change what is compared, so the image is completed and compared
-    // before that.
-    if (mode == ZqMountMgr::ReadWrite) awaitCheck();
-    if (hasOwnTrace()) awaitRoom();
-    feed->requireRanges(stop);
-    patiently([&] { removeLeftovers(); });
-    phase = Mounting;
-    mounted = true;
-    result.traceFolder = hasOwnTrace() ? newTraceFolder(image) : settings.traceFolder;
-    feed->driveStarts();
-    ZqRunTraces traces(image);
-    if (hasOwnTrace()) traces.begin(result.traceFolder);
-    try {
-        bringUp(mode);
-    } catch (...) {
-        if (hasOwnTrace()) traces.drop(result.traceFolder);
-        throw;
-    }
-    if (hasOwnTrace()) traces.add(result.traceFolder, settings.nTraces);
-    result.mountMs = elapsedMs();
-    patiently([&] { feed->alignCursor(); });
-}
-
-ZqMountMgr::MountMode ZqRun::mountMode() const {
+ZqDriveKinds::MountMode ZqRunDrive::mode() const {
     return settings.mountMode.isEmpty() ? feed->getApp().mountMode
                                         : ZqMountMgr::stringToMountMode(settings.mountMode);
 }
 
-void ZqRun::bringUp(ZqMountMgr::MountMode mode) {
+bool ZqRunDrive::findFormer(const std::function<bool()>& isUsed) {
+    ZqDiskStatus disk;
+    bool isThere = false;
+    waits->patiently([&] { isThere = ZqVolume::findDisk(image, &disk); });
+    if (!isThere) return false;
+    if (ZqVolume::isReplaced(image)) {
+        throw SxException("The image that is mounted as '" + image +
+                              "' was removed, or replaced by another one; unmount it first",
+                          UNIT, __LINE__);
+    }
+    if (!disk.ready || !isUsed()) {
+        // Its run was killed. Nobody else can have it: this process holds the image.
+        zqLogMsg("base", "ZqRun: the drive of '" + image + "' no longer has an application");
+        waits->patiently([&] { takeAway(); });
+        return false;
+    }
+    if (ZqVolume::isElsewhere(disk)) {
+        throw SxException("The drive of '" + image + "' is mounted by a drive service (process " +
+                              disk.servicePid +
+                              ") in another mount namespace, where this run can't see it: run it there, or "
+                              "unmount it first",
+                          UNIT, __LINE__);
+    }
+    return true;
+}
+
+void ZqRunDrive::takeOver() {
+    mounted = true;
+    feed->driveStarts();
+    waits->patiently([&] {
+        feed->alignCursor();
+        // The run that was killed can have suspended it.
+        const ZqMountMgr mounts;
+        if (mounts.isSuspended(image)) mounts.resume(image);
+    });
+}
+
+void ZqRunDrive::removeLeftovers() {
+    waits->patiently([&] {
+        if (removeLeft()) lostWrites = true;
+    });
+}
+
+/// Gives whether what programs had written to a former drive may be lost.
+bool ZqRunDrive::removeLeft() const {
+    ZqMountMgr mounts;
+    mounts.setAppParams(feed->getApp());
+    bool written = false;
+    mounts.removeLeftovers(image, &written);
+    return written;
+}
+
+void ZqRunDrive::bringUp(const SxString& traceFolder) {
+    mounted = true;
+    feed->driveStarts();
     for (;;) {
-        MountJob job(*feed, image, mode, result.traceFolder);
+        ZqMountJob job(*feed, image, mode(), traceFolder);
         job.start();
         try {
-            job.finish([this] { return isStopping(); });
+            job.finish(*waits);
             return;
         } catch (const SxException& e) {
-            if (isStopping() || !e.hasTag(ZqVolume::SILENT)) throw;
+            if (waits->isStopping() || !e.hasTag(ZqVolume::SILENT)) throw;
         }
         // Once the service answers, it may have made the drive that it was asked for.
-        patiently([&] { takeDriveAway(); });
+        waits->patiently([&] { takeAway(); });
     }
 }
 
-void ZqRun::patiently(const std::function<void()>& calls) {
-    for (;;) {
-        try {
-            calls();
-            tellWaiting("");
-            return;
-        } catch (const SxException& e) {
-            if (isStopping() || ZqFailurePolicy::decide(e, true) != ZqFailurePolicy::Wait) throw;
-            tellWaiting(ZqFailurePolicy::waitingLine(e));
-        }
-    }
+void ZqRunDrive::alignCursor() {
+    waits->patiently([&] { feed->alignCursor(); });
 }
 
-void ZqRun::takeDriveAway() {
+void ZqRunDrive::takeAway() {
     ZqDiskStatus disk;
     if (!ZqVolume::findDisk(image, &disk)) return;
     ZqMountMgr mounts;
     mounts.setAppParams(feed->getApp());
     mounts.umountImage(image, disk.drive.isEmpty());
-    if (mounts.wasBusy() && mountMode() != ZqMountMgr::ReadOnly) result.wasBusy = true;
+    if (mounts.wasBusy() && mode() != ZqMountMgr::ReadOnly) busy = true;
 }
 
-void ZqRun::removeLeftovers() {
-    ZqMountMgr mounts;
-    mounts.setAppParams(feed->getApp());
-    bool written = false;
-    mounts.removeLeftovers(image, &written);
-    if (written) lostWrites = true;
+bool ZqRunDrive::isUp() {
+    bool isThere = false;
+    waits->patiently([&] {
+        ZqDiskStatus disk;
+        isThere = ZqMountMgr().isMounted(image);
+        if (isThere && ZqVolume::findDisk(image, &disk)) note(disk);
+    });
+    return isThere;
 }
 
-void ZqRun::tellWaiting(const SxString& line) {
-    const SxMutexBlock block(&mutex);
-    if (unnoted != line && !line.isEmpty()) zqLogMsg("base", "ZqRun: " + line);
-    unnoted = line;
-}
-
-/// Whether the trace goes among the image's own.
-bool ZqRun::hasOwnTrace() const {
-    return settings.traceFolder.isEmpty() && !settings.isUntraced && !result.lacksTraceRoom &&
-           !settings.isDriveOnly && !settings.feed.isDownloadOnly;
-}
-
-void ZqRun::limitTrace() {
-    if (traceEndNs == 0 || SxClock::get().steadyNs() < traceEndNs) return;
-    try {
-        endTrace();
-        traceEndNs = 0;
-    } catch (const SxException&) {
-        // The service is silent, and is asked again with the next look.
-    }
-}
-
-void ZqRun::endTrace() const {
-    try {
-        const ZqMountMgr mounts;
-        if (!mounts.isMonitored(image)) return;
-        mounts.monitorOff(image);
-        zqLogMsg("base", "ZqRun: the trace ends, the drive stays");
-    } catch (const SxException& e) {
-        if (e.hasTag(ZqVolume::SILENT)) throw;
-        // The trace only gets longer than it should.
-        zqLogMsg("base", SxString("ZqRun: cannot end the trace: ") + e.what());
-    }
-}
-
-/// A mount fails where it can't write the record of its trace.
-void ZqRun::awaitRoom() {
-    while (ZqSysEnv::getFreeDiskSpace(image) < RECORD_ROOM) {
-        if (isStopping()) throw stopped();
-        // Nothing else needs room, so the player need not wait for what only the publisher can use.
-        if (feed->isComplete()) {
-            result.lacksTraceRoom = true;
-            break;
-        }
-        feed->requireAlive();
-        tellWaiting("waiting for room on the disk of '" + image + "'");
-        SxTime::msleep(LOOK_MS);
-    }
-    tellWaiting("");
-}
-
-void ZqRun::feedDrive() {
-    phase = Feeding;
-    const ZqMountMgr mounts;
-    for (bool isUp = true; isUp && !isStopping();) {
-        // Others can unmount the drive, and with it goes what it knows of reads and writes that have failed.
-        SxTime::msleep(LOOK_MS * 10);
-        patiently([&] {
-            ZqDiskStatus disk;
-            isUp = mounts.isMounted(image);
-            if (isUp && ZqVolume::findDisk(image, &disk)) noteDrive(disk);
-        });
-        if (isUp) watchReads();
-    }
-    feed->requireAlive();
-}
-
-ZqDiskStatus ZqRun::requireDisk() {
+SxString ZqRunDrive::require() {
     ZqDiskStatus disk;
-    bool isUp = false;
-    patiently([&] { isUp = ZqVolume::findDisk(image, &disk); });
-    if (!isUp) {
+    bool isThere = false;
+    waits->patiently([&] { isThere = ZqVolume::findDisk(image, &disk); });
+    if (!isThere) {
         throw SxException("The drive of '" + image + "' has gone", UNIT, __LINE__);
     }
-    noteDrive(disk);
-    return disk;
+    note(disk);
+    return disk.mountPath;
 }
 
-/// It is told at the run's end, and is its failure, though the application may have lived on: what it saved
-/// may be wrong.
-void ZqRun::noteDrive(const ZqDiskStatus& disk) {
-    if (!result.driveFailure.isEmpty() || disk.failure.isEmpty()) {
+/// Keeps what has failed of the drive: with the drive goes who could tell it. It is told at the run's end,
+/// and is its failure, though the application may have lived on: what it saved may be wrong.
+void ZqRunDrive::note(const ZqDiskStatus& disk) {
+    if (!failure.isEmpty() || disk.failure.isEmpty()) {
         // A sync that found no room at first has found it now. What can't be made up for stays in its status.
-        if (disk.failure.isEmpty() && disk.madeNs == failedDriveNs) result.driveFailure = SxString();
+        if (disk.failure.isEmpty() && disk.madeNs == failedNs) failure = SxString();
         return;
     }
     // A volume that somebody has unmounted isn't a failure of reads.
     if (!ZqVolume::isVisible(disk)) return;
-    result.driveFailure = disk.failure;
-    failedDriveNs = disk.madeNs;
+    failure = disk.failure;
+    failedNs = disk.madeNs;
     zqLogMsg("base", "ZqRun: the drive of '" + image + "' has failed: " + disk.failure);
 }
 
-SxException ZqRun::driveFailed() const {
-    const SxException cause(result.driveFailure, UNIT, __LINE__);
-    return SxException(cause, "A read or write of the drive of '" + image + "' has failed", UNIT, __LINE__)
-        .tagged(DRIVE_FAILED);
-}
-
-void ZqRun::watchDrive() {
+void ZqRunDrive::watch() {
     const int64 nowNs = SxClock::get().steadyNs();
-    if (nowNs - driveNs < DRIVE_NS) return;
-    driveNs = nowNs;
+    if (nowNs - watchNs < DRIVE_NS) return;
+    watchNs = nowNs;
     // The service serves none whose folder has gone, so what the application reads now would never come.
     if (!SxFSAction::exists(image)) {
         throw SxException("The image in '" + image + "' was removed while it was played", UNIT, __LINE__);
@@ -324,7 +176,7 @@ void ZqRun::watchDrive() {
 /// Whoever waits for such a read stands still for ever, out of reach of its player, so after a while the run
 /// ends it, as where the drive has gone. What is fed to a mount goes in the same way, and its readers get an
 /// error.
-void ZqRun::watchReads() {
+void ZqRunDrive::watchReads() {
     if (feed->answersReads()) return;
     ZqDiskStatus disk;
     try {
@@ -348,15 +200,24 @@ void ZqRun::watchReads() {
     }
 }
 
-void ZqRun::endDrive(bool keep) {
+bool ZqRunDrive::holdsReads() const {
+    ZqDiskStatus disk;
+    try {
+        return ZqVolume::findDisk(image, &disk) && disk.nHeld > 0;
+    } catch (const SxException&) {
+        return true; // a service that doesn't answer may hold reads, and is asked again
+    }
+}
+
+void ZqRunDrive::end(bool keep) {
+    if (mounted) waits->patiently([&] { endOnce(keep); });
+}
+
+void ZqRunDrive::endOnce(bool keep) {
     ZqDiskStatus disk;
     if (!ZqVolume::findDisk(image, &disk)) {
         // Its service was killed, or somebody took it away.
-        ZqMountMgr mounts;
-        mounts.setAppParams(feed->getApp());
-        bool written = false;
-        mounts.removeLeftovers(image, &written);
-        if (written) {
+        if (removeLeft()) {
             throw SxException("What the application wrote to the drive of '" + image +
                                   "' may be lost as far as it hadn't synced it: the drive's service was "
                                   "killed, or somebody has "
@@ -365,12 +226,10 @@ void ZqRun::endDrive(bool keep) {
         }
         return;
     }
-    noteDrive(disk);
+    note(disk);
     if (keep) {
-        // The play that the trace is of has ended.
-        endTrace();
-        result.mountPath = disk.mountPath;
+        mountPath = disk.mountPath;
     } else {
-        takeDriveAway();
+        takeAway();
     }
 }

@@ -31,7 +31,7 @@ TEST(RunPage, ARunOfTenHoursKeepsItsUnderflows) {
     EXPECT_EQ(keptMs, waitedMs);
     EXPECT_EQ(nKept, nUnderflows);
 
-    ZqRun::Result result;
+    ZqRunResult result;
     result.wasStarted = result.isExitKnown = true;
     result.lengthMs = END_MS;
     result.startMs = 2'500;
@@ -46,7 +46,7 @@ TEST(RunPage, ARunOfTenHoursKeepsItsUnderflows) {
 TEST(RunPage, NoTextBreaksIt) {
     const TempDir dir;
     const std::string hostile = "a<script>&\"'\x01\xff]]>\xEF\xBF\xBE";
-    ZqRun::Result result;
+    ZqRunResult result;
     result.info.path = dir.path(hostile);
     result.info.guid = SxString(hostile);
     result.traceFolder = dir.path("</style>");

@@ -1,0 +1,33 @@
+#pragma once
+
+#include "SxSystemThread.h"
+#include "ZqDriveKinds.h"
+
+class ZqImageFeed;
+class ZqRunWait;
+
+/// One mount of an image that is fed. It has a thread of its own, since a mount can't be broken off. But its
+/// drive can be taken away: then its reads fail, and it takes itself back. The operations belong to the
+/// owner's thread.
+class ZqMountJob : public SxSystemThread {
+public:
+    /// `feed_` must outlive this. `traceFolder_`: of the trace that begins with the mount; empty for none.
+    ZqMountJob(const ZqImageFeed& feed_, SxString image_, ZqDriveKinds::MountMode mode_,
+               SxString traceFolder_);
+    /// Waits for the end; raises what went wrong, or a stop.
+    void finish(const ZqRunWait& waits);
+
+protected:
+    void main() override;
+
+private:
+    void breakOff() const;
+    void moveCursor() const;
+
+    const ZqImageFeed& feed;
+    const SxString image;
+    const ZqDriveKinds::MountMode mode;
+    const SxString traceFolder;
+    const bool isPartial; ///< some of the image wasn't there when the mount began
+    const uint64 nBlocks; ///< that were there then
+};

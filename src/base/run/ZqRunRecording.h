@@ -1,0 +1,55 @@
+#pragma once
+
+#include "SxString.h"
+#include "ZqRunTraces.h"
+
+class ZqImageFeed;
+class ZqRunWait;
+struct ZqRunSettings;
+
+/// The recording of a run's trace: where it goes, that there is room for it, and when it ends. The drive
+/// service records; a mount is told the folder. Of the run's thread.
+class ZqRunRecording {
+public:
+    explicit ZqRunRecording(const ZqRunSettings& settings);
+
+    /// Whether the trace goes among the image's own.
+    bool isOwn() const { return own; }
+    /// Raises where it does, and these aren't in the image's folder.
+    void requireFolder() const;
+    /// Waits until the image's disk has room for the record of a trace, without which a mount fails, or until
+    /// `feed` has all of the image, which is played without a trace then. Raises where the download has
+    /// ended, or the run is stopped.
+    void awaitRoom(const ZqImageFeed& feed, ZqRunWait* waits);
+    bool lacksRoom() const { return lacking; }
+
+    /// Before the mount that begins the recording.
+    void begin();
+    /// It has failed.
+    void drop();
+    /// It has succeeded: the trace counts among the image's, and the oldest of these go.
+    void keep();
+    /// Where the trace goes, from begin() on; empty for no trace.
+    const SxString& getFolder() const { return folder; }
+
+    /// From now on there is play to be recorded. `isAdopted`: that of a run which was killed, and may have
+    /// left its trace running.
+    void startPlay(bool isAdopted);
+    /// To be called every now and then: ends the recording where it has lasted long enough.
+    void limit();
+    /// Ends it; the drive stays. Raises only where the service is silent, which ends it later.
+    void end() const;
+
+private:
+    SxString newFolder() const;
+
+    const SxString image;
+    const SxString wanted; ///< folder
+    const int64 limitMs;   ///< of play; 0 for none
+    const int64 nMost;     ///< traces that stay
+    bool own;
+    bool lacking = false;
+    SxString folder;
+    int64 endNs = 0; ///< when recording ends; 0 for no end, or where it has ended
+    ZqRunTraces traces;
+};
