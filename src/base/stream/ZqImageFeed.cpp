@@ -14,6 +14,7 @@
 #include "ZqImageRecords.h"
 #include "ZqImageSource.h"
 #include "ZqLog.h"
+#include "ZqMountMgr.h"
 #include "ZqOrderedDownload.h"
 #include "ZqPartCheck.h"
 #include "ZqReadable.h"
@@ -381,19 +382,7 @@ ZqImageFeed::Status ZqImageFeed::getStatus() const {
 }
 
 void ZqImageFeed::restoreWindow() {
-    if (!manager || manager->isUnderflow()) return;
-    const int64 nTakenAway = manager->getNTakenAway();
-    if (nTakenAway == nRestored) return;
-    try {
-        // The player may have brought it back.
-        if (manager->isMinimized()) manager->maximizeApp();
-        nRestored = nTakenAway;
-        restoreFailed = false;
-    } catch (const SxException& e) {
-        // It is tried again, and told once.
-        if (!restoreFailed) zqLogMsg("base", SxString("ZqImageFeed::restoreWindow: ") + e.toString());
-        restoreFailed = true;
-    }
+    if (manager) manager->restoreWindow();
 }
 
 int64 ZqImageFeed::getLastWaitNs() const {

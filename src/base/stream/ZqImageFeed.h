@@ -176,8 +176,6 @@ private:
     bool hasOpened = false;
     SxPtr<ZqImageProgress> progress;
     SxPtr<ZqCoreUnderflowMgr> manager;
-    int64 nRestored = 0;        ///< how often the window was taken away and has come back
-    bool restoreFailed = false; ///< it couldn't be brought back when that was last tried
     /// Over the manager's starts and ends, which the keeper and the owner look after in turns.
     SxMutex managerMutex;
     std::unique_ptr<ZqOrderedDownload> download;
