@@ -3,20 +3,17 @@
 #include "SxArray.h"
 #include "SxClock.h"
 #include "SxException.h"
-#include "SxMutex.h"
 #include "SxOs.h"
 #include "SxSystemThread.h"
 #include "SxTime.h"
 #include "ZqLinkRate.h"
+#include "ZqServedFiles.h"
 
 #include <array>
 #include <atomic>
 #include <cerrno>
-#include <charconv>
 #include <csignal>
-#include <ctime>
 #include <httplib.h>
-#include <map>
 #include <netinet/tcp.h>
 #include <optional>
 #include <poll.h>
@@ -29,92 +26,10 @@ constexpr const char* UNIT = "src/platform/serve/ZqFileServer";
 constexpr const char* HOST = "127.0.0.1";
 constexpr int64 CHUNK = 64 << 10;      ///< bytes of a file that are read at once
 constexpr int64 SLOW_CHUNK = 16 << 10; ///< the same on a link with a rate
-constexpr int64 WRONG_BY = 4096;       ///< bytes by which a wrong range is off
 constexpr int BACKLOG = 128;
 constexpr int SEND_AHEAD =
     8 << 10; ///< bytes that wait in a connection of a link with a rate; the system doubles it
 constexpr uint64 DROPPED_OF = 10;
-
-struct FaultName {
-    const char* name;
-    ZqFileServer::Fault fault;
-};
-constexpr std::array<FaultName, 11> FAULT_NAMES = {{{"stall", ZqFileServer::Stall},
-                                                    {"close", ZqFileServer::Close},
-                                                    {"drop10", ZqFileServer::Drop10},
-                                                    {"short", ZqFileServer::Short},
-                                                    {"wrong-range", ZqFileServer::WrongRange},
-                                                    {"200", ZqFileServer::Whole},
-                                                    {"truncate", ZqFileServer::Truncate},
-                                                    {"500", ZqFileServer::Error500},
-                                                    {"changed", ZqFileServer::Changed},
-                                                    {"login", ZqFileServer::Login},
-                                                    {"403", ZqFileServer::Error403}}};
-
-/// A time as HTTP has it (RFC 9110, 5.6.7), whatever the locale.
-std::string httpDate(int64 milliseconds) {
-    static constexpr const char* DAYS[] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
-    static constexpr const char* MONTHS[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
-                                             "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
-    const std::time_t seconds = milliseconds / 1000;
-    std::tm t = {};
-    ::gmtime_r(&seconds, &t);
-    return SxString::sprintf("%s, %02d %s %d %02d:%02d:%02d GMT", DAYS[t.tm_wday], t.tm_mday,
-                             MONTHS[t.tm_mon], t.tm_year + 1900, t.tm_hour, t.tm_min, t.tm_sec)
-        .str();
-}
-
-/// Bytes of a file, `n` from `first` on.
-struct Range {
-    int64 first = 0, n = 0;
-};
-
-bool parseNumber(std::string_view text, int64* value) {
-    const auto [stop, error] = std::from_chars(text.data(), text.data() + text.size(), *value);
-    return error == std::errc() && stop == text.data() + text.size() && *value >= 0;
-}
-
-enum class RangeKind { None, Satisfiable, Unsatisfiable };
-
-/// The one range of a Range field for a file of `size` bytes; a field that isn't understood, or has several,
-/// is passed over, as RFC 9110 (14.2) allows.
-RangeKind parseRange(std::string_view field, int64 size, Range* range) {
-    constexpr std::string_view UNIT_NAME = "bytes=";
-    if (!field.starts_with(UNIT_NAME)) return RangeKind::None;
-    field.remove_prefix(UNIT_NAME.size());
-    const size_t dash = field.find('-');
-    if (dash == std::string_view::npos) return RangeKind::None;
-    const std::string_view from = field.substr(0, dash), to = field.substr(dash + 1);
-    int64 first = 0, last = size - 1, suffix = 0;
-    if (from.empty()) {
-        if (!parseNumber(to, &suffix)) return RangeKind::None;
-        first = size - std::min(suffix, size);
-    } else {
-        if (!parseNumber(from, &first)) return RangeKind::None;
-        if (!to.empty() && (!parseNumber(to, &last) || last < first)) return RangeKind::None;
-        last = std::min(last, size - 1);
-    }
-    *range = {first, last - first + 1};
-    return range->n > 0 ? RangeKind::Satisfiable : RangeKind::Unsatisfiable;
-}
-
-/// A file of the folder while it is sent.
-struct OpenFile {
-    explicit OpenFile(int fd_) : fd(fd_) {}
-    ~OpenFile() { SxOs::get().close(fd); }
-    OpenFile(const OpenFile&) = delete;
-    OpenFile& operator=(const OpenFile&) = delete;
-
-    const int fd;
-    std::string name; ///< relative to the folder
-    SxStat info;
-    Range range; ///< what is sent of it
-};
-
-void text(httplib::Response* response, int status, const std::string& line) {
-    response->status = status;
-    response->set_content(line + "\n", "text/plain");
-}
 
 } // namespace
 
@@ -123,153 +38,46 @@ class ZqFileServer::Served {
 public:
     Served(const SxString& folder, const Options& options)
         : faults(options.faults),
+          files(folder, faults),
           latencyMs(options.latencyMs) {
-        SxStat info;
-        int result = SxOs::get().canonical(SxOs::hostPath(folder), &root);
-        if (result == 0) result = SxOs::get().stat(root, &info);
-        if (result == 0 && info.kind != SxStat::Dir) result = -ENOTDIR;
-        if (result < 0) {
-            throw SxException("Cannot serve folder '" + folder + "': " + SxOs::errorText(result), UNIT,
-                              __LINE__);
-        }
-        if (!root.ends_with('/')) root += '/';
         link.set(options.rate);
     }
-
-    bool has(Fault fault) const { return (faults & fault) != 0; }
 
     /// Answers a GET or HEAD; what is sent later comes through the response's content provider.
     void respond(const httplib::Request& request, httplib::Response* response);
 
-    std::atomic<unsigned> faults;
+    ZqServerFaults faults;
+    ZqServedFiles files;
     std::atomic<uint64> latencyMs, nConnections{0};
     ZqLinkRate link;
 
-    struct Counts {
-        uint64 requests = 0, bytes = 0;
-    };
-    /// Counts of one file, or with an empty name of all requests.
-    Counts getCounts(const std::string& name) const {
-        const SxMutexBlock block(&mutex);
-        const auto found = counts.find(name);
-        return found == counts.end() ? Counts() : found->second;
-    }
-    /// Gives how many requests there have been.
-    uint64 countRequest(const std::string& name) {
-        const SxMutexBlock block(&mutex);
-        return ++counts[name].requests;
-    }
-
 private:
-    std::shared_ptr<OpenFile> open(const std::string& path) const;
-    bool isChanged(const OpenFile& file) const {
-        return has(Changed) && getCounts(file.name).bytes >= static_cast<uint64>(file.info.size) / 2;
-    }
-    int chooseRange(const httplib::Request& request, const std::string& tag, const std::string& date,
-                    OpenFile* file, httplib::Response* response) const;
-    bool send(const OpenFile& file, int64 at, int64 n, httplib::DataSink* sink);
-
-    std::string root; ///< canonical, with a trailing slash
-    mutable SxMutex mutex;
-    std::map<std::string, Counts> counts SX_GUARDED_BY(mutex);
+    bool send(const ZqServedFiles::File& file, int64 at, int64 n, httplib::DataSink* sink);
 };
 
-std::shared_ptr<OpenFile> ZqFileServer::Served::open(const std::string& path) const {
-    SxOs& os = SxOs::get();
-    std::string real;
-    if (path.find('\0') != std::string::npos || os.canonical(root + path, &real) < 0) return nullptr;
-    if (!real.starts_with(root)) return nullptr;
-    const int fd = os.open(real, SxOs::Read | SxOs::NoFollow, 0);
-    if (fd < 0) return nullptr;
-    auto file = std::make_shared<OpenFile>(fd);
-    file->name = real.substr(root.size());
-    const bool plain = os.statFd(fd, &file->info) == 0 && file->info.kind == SxStat::File;
-    return plain ? file : nullptr;
-}
-
 void ZqFileServer::Served::respond(const httplib::Request& request, httplib::Response* response) {
-    if (has(Error500)) return text(response, 500, "This server has a fault");
-    if (has(Error403)) return text(response, 403, "Not without a word");
-    if (has(Login)) return response->set_content("<html><body>Log in</body></html>\n", "text/html");
-    const auto file = open(request.path);
-    if (!file) return text(response, 404, "There is no such file");
-    countRequest(file->name);
-
-    const bool changed = isChanged(*file);
-    const SxStat& info = file->info;
-    const std::string tag = "\"" + std::to_string(info.inode) + "-" + std::to_string(info.size) + "-" +
-                            std::to_string(info.modifiedMs) + (changed ? "-2" : "") + "\"";
-    const std::string date = httpDate(info.modifiedMs + (changed ? 1000 : 0));
-    response->set_header("ETag", tag);
-    response->set_header("Last-Modified", date);
-    response->set_header("Accept-Ranges", "bytes");
-    response->status = chooseRange(request, tag, date, file.get(), response);
-    if (response->status == 416) return text(response, 416, "The file ends before that range");
-
-    const char* type = file->name.ends_with(".json") ? "application/json" : "application/octet-stream";
-    if (file->range.n == 0) return response->set_content("", type);
-    response->set_content_provider(
-        static_cast<size_t>(file->range.n), type, [this, file](size_t at, size_t n, httplib::DataSink& sink) {
-            return send(*file, static_cast<int64>(at), static_cast<int64>(n), &sink);
-        });
-}
-
-/// Sets the file's range by the request and the faults, and gives the status.
-int ZqFileServer::Served::chooseRange(const httplib::Request& request, const std::string& tag,
-                                      const std::string& date, OpenFile* file,
-                                      httplib::Response* response) const {
-    const int64 size = has(Truncate) ? file->info.size / 2 : file->info.size;
-    Range& range = file->range;
-    const std::string condition = request.get_header_value("If-Range");
-    const bool wanted = condition.empty() || condition == tag || condition == date;
-    const RangeKind kind =
-        wanted && !has(Whole) ? parseRange(request.get_header_value("Range"), size, &range) : RangeKind::None;
-    if (kind == RangeKind::None) {
-        range = {0, size};
-        return 200;
-    }
-    const std::string total = "/" + std::to_string(size);
-    if (kind == RangeKind::Unsatisfiable) {
-        response->set_header("Content-Range", "bytes *" + total);
-        return 416;
-    }
-    if (has(Short)) range.n = std::max<int64>(range.n / 2, 1);
-    if (has(WrongRange)) {
-        if (range.first > 0) {
-            range.first -= std::min(range.first, WRONG_BY);
-        } else {
-            range.first = std::min(WRONG_BY, size - 1);
-            range.n = std::min(range.n, size - range.first);
-        }
-    }
-    response->set_header("Content-Range", "bytes " + std::to_string(range.first) + "-" +
-                                              std::to_string(range.first + range.n - 1) + total);
-    return 206;
+    const ZqServedFiles::Answer answer =
+        files.answer({request.path, request.get_header_value("Range"), request.get_header_value("If-Range")});
+    response->status = answer.status;
+    for (const auto& [name, value] : answer.fields)
+        response->set_header(name, value);
+    if (!answer.file) return response->set_content(answer.text, answer.type);
+    response->set_content_provider(static_cast<size_t>(answer.nBytes), answer.type,
+                                   [this, file = answer.file](size_t at, size_t n, httplib::DataSink& sink) {
+                                       return send(*file, static_cast<int64>(at), static_cast<int64>(n),
+                                                   &sink);
+                                   });
 }
 
 /// Sends some of the `n` bytes that are left from `at` on, in the range that the response has; false ends the
 /// connection.
-bool ZqFileServer::Served::send(const OpenFile& file, int64 at, int64 n, httplib::DataSink* sink) {
-    const int64 middle = file.range.n / 2;
-    while (has(Stall) && at >= middle) {
+bool ZqFileServer::Served::send(const ZqServedFiles::File& file, int64 at, int64 n, httplib::DataSink* sink) {
+    while (files.isHeldUp(file, at)) {
         if (!sink->is_writable()) return false;
         SxTime::msleep(SxWait::LOOK_MS);
     }
-    n = std::min(n, link.get() > 0 ? SLOW_CHUNK : CHUNK);
-    if (has(Stall)) n = std::min(n, middle - at);
-    SxArray<char> bytes(n);
-    if (SxOs::get().readAt(file.fd, bytes.data(), n, file.range.first + at) != n) return false;
-    if (isChanged(file)) {
-        for (char& byte : bytes)
-            byte = static_cast<char>(~byte);
-    }
-    {
-        // Before the sending, so that whoever has got the bytes finds them counted.
-        const SxMutexBlock block(&mutex);
-        counts[file.name].bytes += static_cast<uint64>(n);
-        counts[""].bytes += static_cast<uint64>(n);
-    }
-    return sink->write(bytes.data(), static_cast<size_t>(n));
+    const SxArray<char> bytes = files.read(file, at, std::min(n, link.get() > 0 ? SLOW_CHUNK : CHUNK));
+    return bytes.getSize() > 0 && sink->write(bytes.data(), static_cast<size_t>(bytes.getSize()));
 }
 
 /// One client: reads its requests one after the other and paces what goes back.
@@ -298,8 +106,8 @@ public:
     /// Looks at a request before its answer.
     void begin(const httplib::Request& request) {
         const bool readOnly = request.method == "GET" || request.method == "HEAD";
-        last = !readOnly || served->has(Close); // another method's body may follow
-        dropped = served->countRequest("") % DROPPED_OF == 0 && served->has(Drop10);
+        last = !readOnly || served->faults.has(Close); // another method's body may follow
+        dropped = served->files.countRequest() % DROPPED_OF == 0 && served->faults.has(Drop10);
     }
 
     bool is_readable() const override { return true; }
@@ -413,7 +221,8 @@ public:
             if (request.method == "GET" || request.method == "HEAD") {
                 served->respond(request, &response);
             } else {
-                text(&response, 405, "Only GET and HEAD are served");
+                response.status = 405;
+                response.set_content("Only GET and HEAD are served\n", "text/plain");
             }
             return HandlerResponse::Handled;
         });
@@ -496,17 +305,11 @@ private:
 };
 
 ZqFileServer::Fault ZqFileServer::stringToFault(const SxString& name) {
-    for (const FaultName& entry : FAULT_NAMES)
-        if (name == entry.name) return entry.fault;
-    throw SxException("There is no fault '" + name + "'; there are: " + SxString::join(getFaultNames(), ", "),
-                      UNIT, __LINE__);
+    return ZqServerFaults::fromName(name);
 }
 
 SxList<SxString> ZqFileServer::getFaultNames() {
-    SxList<SxString> names;
-    for (const FaultName& entry : FAULT_NAMES)
-        names << SxString(entry.name);
-    return names;
+    return ZqServerFaults::getNames();
 }
 
 ZqFileServer::ZqFileServer(const SxString& folder) : ZqFileServer(folder, Options()) {
@@ -539,11 +342,7 @@ SxString ZqFileServer::getUrl() const {
 }
 
 void ZqFileServer::setFault(Fault fault, bool on) {
-    if (on) {
-        served->faults |= fault;
-    } else {
-        served->faults &= ~static_cast<unsigned>(fault);
-    }
+    served->faults.set(fault, on);
 }
 
 void ZqFileServer::setRate(uint64 bytesPerSecond) {
@@ -555,19 +354,19 @@ void ZqFileServer::setLatency(uint64 milliseconds) {
 }
 
 uint64 ZqFileServer::getNRequests() const {
-    return served->getCounts("").requests;
+    return served->files.getCounts("").requests;
 }
 
 uint64 ZqFileServer::getNBytes() const {
-    return served->getCounts("").bytes;
+    return served->files.getCounts("").bytes;
 }
 
 uint64 ZqFileServer::getNRequests(const SxString& name) const {
-    return served->getCounts(name.str()).requests;
+    return served->files.getCounts(name.str()).requests;
 }
 
 uint64 ZqFileServer::getNBytes(const SxString& name) const {
-    return served->getCounts(name.str()).bytes;
+    return served->files.getCounts(name.str()).bytes;
 }
 
 uint64 ZqFileServer::getNConnections() const {

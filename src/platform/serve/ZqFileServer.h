@@ -2,6 +2,7 @@
 
 #include "SxList.h"
 #include "SxString.h"
+#include "ZqServerFaults.h"
 
 #include <memory>
 
@@ -16,21 +17,9 @@
 /// connection costs a round trip more isn't played.
 class ZqFileServer {
 public:
-    /// What goes wrong; several may be joined by "|". Where there is a choice a fault is the harder case for
-    /// the client: a connection is closed without a word before, a shortened file keeps its ETag.
-    enum Fault : unsigned {
-        Stall = 1,       ///< "stall": no body goes on beyond its middle, as long as the fault is there
-        Close = 2,       ///< "close": the connection is closed after each response, unannounced
-        Drop10 = 4,      ///< "drop10": every tenth request's connection is closed without a response
-        Short = 8,       ///< "short": half of the range that was asked for, which the response says
-        WrongRange = 16, ///< "wrong-range": another range than asked for, which the response says
-        Whole = 32,      ///< "200": ranges are passed over
-        Truncate = 64,   ///< "truncate": files have half of their bytes, and the ETag of all
-        Error500 = 128,  ///< "500": every response is one of that status
-        Changed = 256,   ///< "changed": after half of its bytes were sent a file has others, and another ETag
-        Login = 512,     ///< "login": every response is a page to log in to, with status 200
-        Error403 = 1024  ///< "403": every response is one of that status
-    };
+    /// What goes wrong.
+    using Fault = ZqServerFaults::Fault;
+    using enum ZqServerFaults::Fault;
     /// The fault of a name; raises on an unknown one.
     static Fault stringToFault(const SxString& name);
     static SxList<SxString> getFaultNames();
