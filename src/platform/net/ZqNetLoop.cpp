@@ -1,29 +1,15 @@
 #include "ZqNetLoop.h"
 
 #include "SxClock.h"
-#include "ZqNetFailure.h"
-#include "ZqNetLoopEngine.h"
 
 #include <algorithm>
 #include <curl/curl.h>
 #include <mutex>
-#include <sys/eventfd.h>
-#include <unistd.h>
 
 namespace {
 
 constexpr const char* UNIT = "src/platform/net/ZqNetLoop";
 constexpr int64 MS = 1'000'000;
-/// The streams stay held for so many round trips after an answer to a request on demand, within these bounds:
-/// one who has waited for blocks mostly asks for the next ones then, and these would find the link full.
-constexpr int64 QUIET_TRIPS = 10;
-constexpr int64 MIN_QUIET_NS = 10 * MS, MAX_QUIET_NS = 250 * MS;
-/// This is what such holds may take in all; the time between them gives a half of its own length back. When
-/// it is used up a hold lasts one round trip only, within lower bounds: an application that asks without end
-/// must not keep the download back.
-constexpr int64 QUIET_BUDGET_NS = 10'000 * MS, MAX_SHORT_QUIET_NS = 60 * MS;
-/// Longer than the 20 ms after which one who waits for the streams says so again.
-constexpr int64 HASTENED_NS = 100 * MS;
 constexpr int64 LOOK_MS = 100;    ///< the longest sleep while a request is under way
 constexpr int64 IDLE_MS = 60'000; ///< the same while none is; new ones wake the thread
 
@@ -31,44 +17,66 @@ int64 nowNs() {
     return SxClock::get().steadyNs();
 }
 
+/// A number that threads other than the network's may ask for.
+template<class T>
+void addTo(std::atomic<T>* number, T n) {
+    number->store(number->load(std::memory_order_relaxed) + n, std::memory_order_relaxed);
+}
+
 } // namespace
 
-ZqNetLoop::Engine::Engine(const ZqNetSettings& settings_)
-    : settings(settings_),
-      wakeFd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
-      gate(settings_),
-      quietBudgetNs(QUIET_BUDGET_NS) {
-    if (wakeFd < 0) throw SxException("Cannot start the network", UNIT, __LINE__);
+ZqNetLoop::ZqNetLoop(const ZqNetSettings& settings_) : settings(settings_), queue(settings_) {
+    startLibrary();
+    setThreadName("zqnetio");
 }
 
-ZqNetLoop::Engine::~Engine() {
-    ::close(wakeFd);
+ZqNetLoop::~ZqNetLoop() = default;
+
+void ZqNetLoop::startLibrary() {
+    static std::once_flag once;
+    std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
 }
 
-void ZqNetLoop::Engine::post(const SxPtr<ZqTransfer>& transfer, Post what) {
-    {
-        SxMutexBlock lock(&mutex);
-        posted.emplace_back(transfer, what);
-    }
-    wake();
+void ZqNetLoop::add(const SxPtr<ZqTransfer>& transfer) {
+    mailbox.post(transfer, ZqNetMailbox::What::Add);
 }
 
-void ZqNetLoop::Engine::wake() noexcept {
-    // Where it fails, it has been woken often enough.
-    (void)::eventfd_write(wakeFd, 1);
+void ZqNetLoop::drop(const SxPtr<ZqTransfer>& transfer) {
+    mailbox.post(transfer, ZqNetMailbox::What::Drop);
 }
 
-void ZqNetLoop::Engine::end() noexcept {
-    ending.store(true);
-    wake();
+void ZqNetLoop::suspect(const SxPtr<ZqTransfer>& transfer) {
+    mailbox.post(transfer, ZqNetMailbox::What::Suspect);
 }
 
-bool ZqNetLoop::Engine::yields(ZqTransfer::Kind kind) {
-    return kind == ZqTransfer::Kind::Ordered || kind == ZqTransfer::Kind::Ahead;
+void ZqNetLoop::hastenStreams() {
+    holds.hasten(nowNs());
+    mailbox.wake();
 }
 
-void ZqNetLoop::Engine::run() {
-    while (!ending.load()) {
+void ZqNetLoop::setRateLimit(double bytesPerSecond) {
+    holds.setRateLimit(bytesPerSecond);
+    mailbox.wake();
+}
+
+ZqNetLink::Figures ZqNetLoop::getFigures() const {
+    ZqNetLink::Figures figures;
+    figures.nBytes = nBytes.load();
+    figures.nOnDemandBytes = nOnDemandBytes.load();
+    figures.nRequests = nRequests.load();
+    figures.roundTripUs = pace.getRoundTripUs();
+    figures.rate = pace.getRate();
+    figures.tripBytes = pace.getTripBytes();
+    return figures;
+}
+
+void ZqNetLoop::end() {
+    mailbox.end();
+    wait();
+}
+
+void ZqNetLoop::main() {
+    while (!mailbox.isEnding()) {
         try {
             work();
             waitForWork();
@@ -80,314 +88,208 @@ void ZqNetLoop::Engine::run() {
     endAll();
 }
 
-void ZqNetLoop::Engine::work() {
+void ZqNetLoop::work() {
     takePosted();
     admit();
-    for (const auto& pool : pools) {
-        pool->perform(waited);
-        readMessages(pool.get());
-    }
+    pools.perform(waited, [this](CURL* easy, int code) { conclude(easy, code); });
     failStalled();
     releaseHeld();
-    std::erase_if(pools, [this](const auto& pool) {
-        return pool->isEmpty() && std::ranges::find(current, pool.get()) == current.end();
-    });
+    pools.tidy();
 }
 
-void ZqNetLoop::Engine::endAll() {
+void ZqNetLoop::endAll() {
     takePosted();
+    std::vector<SxPtr<ZqTransfer>> left = queue.takeAll();
+    for (const auto& [easy, exchange] : exchanges)
+        left.push_back(exchange->getTransfer());
+    exchanges.clear();
     const SxException ended(SxException::STOPPED, "The network was stopped", UNIT, __LINE__);
-    for (auto& [easy, active] : actives) {
-        active->pool->remove(easy);
-        active->transfer->fail(ended);
-    }
-    for (const Queued& each : queued)
-        each.transfer->fail(ended);
-    actives.clear();
-    queued.clear();
+    for (const SxPtr<ZqTransfer>& transfer : left)
+        transfer->fail(ended);
 }
 
-void ZqNetLoop::Engine::waitForWork() {
-    waited.assign(1, {wakeFd, POLLIN, 0});
-    for (const auto& pool : pools)
-        pool->collect(&waited);
+void ZqNetLoop::waitForWork() {
+    waited.assign(1, {mailbox.getFd(), POLLIN, 0});
+    pools.collect(&waited);
     ::poll(waited.data(), waited.size(), static_cast<int>(timeToWait()));
-    eventfd_t n = 0;
-    if (waited[0].revents != 0) (void)::eventfd_read(wakeFd, &n);
+    if (waited[0].revents != 0) mailbox.noteWoken();
 }
 
-void ZqNetLoop::Engine::takePosted() {
-    std::vector<std::pair<SxPtr<ZqTransfer>, Post>> taken;
-    {
-        SxMutexBlock lock(&mutex);
-        taken.swap(posted);
-    }
-    for (const auto& [transfer, what] : taken) {
-        if (what == Post::Drop) drop(transfer);
-        if (what == Post::Suspect) suspect(transfer);
-        if (what != Post::Add) continue;
+int64 ZqNetLoop::timeToWait() const {
+    int64 ms = exchanges.empty() ? IDLE_MS : LOOK_MS;
+    const int64 now = nowNs();
+    // A server may ask for minutes, and the wait for that must not keep a machine awake.
+    const int64 beginNs = queue.findNextNs(countUnderWay(), now);
+    if (beginNs != ZqNetGate::NEVER) ms = std::min(ms, (beginNs - now) / MS + 1);
+    const bool isAnyHeld =
+        std::ranges::any_of(exchanges, [](const auto& each) { return each.second->getWatch().isHeld(); });
+    if (isAnyHeld && holds.getUntilNs() > now) ms = std::min(ms, (holds.getUntilNs() - now) / MS + 1);
+    const int64 ofPools = pools.timeToWait();
+    return ofPools >= 0 ? std::min(ms, ofPools) : ms;
+}
+
+void ZqNetLoop::takePosted() {
+    for (const auto& [transfer, what] : mailbox.take()) {
+        if (what == ZqNetMailbox::What::Drop) dropNow(transfer);
+        const ZqHttpExchange* exchange = what == ZqNetMailbox::What::Suspect ? find(transfer) : nullptr;
+        if (exchange) pools.suspect(exchange->getPool());
+        if (what != ZqNetMailbox::What::Add) continue;
         try {
-            transfer->setWake([this] { wake(); });
-            queued.push_back({transfer, nowNs()});
+            transfer->setWake([this] { mailbox.wake(); });
+            queue.add(transfer, nowNs());
         } catch (const std::exception& e) {
             transfer->failFor(e);
         }
     }
 }
 
-/// As the gate sees them.
-std::vector<ZqNetGate::Request> ZqNetLoop::Engine::listQueued() const {
-    std::vector<ZqNetGate::Request> list;
-    for (const Queued& each : queued) {
-        const ZqTransfer::Kind kind = each.transfer->getKind();
-        const bool isOnDemand = kind == ZqTransfer::Kind::OnDemand;
-        list.push_back({isOnDemand || kind == ZqTransfer::Kind::Small, kind == ZqTransfer::Kind::Ordered,
-                        isOnDemand, each.sinceNs});
+ZqHttpExchange* ZqNetLoop::find(const SxPtr<ZqTransfer>& transfer) const {
+    for (const auto& [easy, exchange] : exchanges) {
+        if (exchange->getTransfer() == transfer) return exchange.get();
     }
-    return list;
+    return nullptr;
+}
+
+void ZqNetLoop::dropNow(const SxPtr<ZqTransfer>& transfer) {
+    queue.drop(transfer);
+    if (const ZqHttpExchange* exchange = find(transfer)) exchanges.erase(exchange->getEasy());
 }
 
 /// Begins what may begin.
-void ZqNetLoop::Engine::admit() {
-    while (!queued.empty()) {
-        const int64 now = nowNs();
-        const size_t next = gate.choose(listQueued(), countUnderWay(), now);
-        if (next == queued.size()) return;
-        const SxPtr<ZqTransfer> transfer = queued[next].transfer;
-        queued.erase(queued.begin() + static_cast<std::ptrdiff_t>(next));
-        gate.noteBegin(now);
-        begin(transfer);
+void ZqNetLoop::admit() {
+    while (const SxPtr<ZqTransfer> transfer = queue.takeNext(countUnderWay(), nowNs())) {
+        try {
+            begin(transfer);
+        } catch (const SxException& e) {
+            transfer->fail(e);
+        } catch (const std::exception& e) {
+            transfer->failFor(e);
+        }
     }
+}
+
+void ZqNetLoop::begin(const SxPtr<ZqTransfer>& transfer) {
+    const ZqTransfer::Request& request = transfer->getRequest();
+    const ZqNetPools::Place place = pools.place(request.url, ZqNetHolds::yields(request.kind));
+    auto made = std::make_unique<ZqHttpExchange>(
+        transfer, ZqHttpExchange::Setup{settings, &pace, place, holds.getRateLimit(), this});
+    CURL* easy = made->getEasy();
+    const auto begun = exchanges.emplace(easy, std::move(made)).first;
+    try {
+        begun->second->begin();
+    } catch (const std::exception&) {
+        exchanges.erase(easy);
+        throw;
+    }
+    addTo<uint64>(&nRequests, 1);
 }
 
 /// Requests under way beside the ordered streams.
-int64 ZqNetLoop::Engine::countUnderWay() const {
+int64 ZqNetLoop::countUnderWay() const {
     return std::ranges::count_if(
-        actives, [](const auto& each) { return each.second->kind() != ZqTransfer::Kind::Ordered; });
+        exchanges, [](const auto& each) { return each.second->kind() != ZqTransfer::Kind::Ordered; });
 }
 
-void ZqNetLoop::Engine::drop(const SxPtr<ZqTransfer>& transfer) {
-    std::erase_if(queued, [&](const Queued& each) { return each.transfer == transfer; });
-    for (const auto& [easy, active] : actives) {
-        if (!(active->transfer == transfer)) continue;
-        remove(easy);
-        return;
+int64 ZqNetLoop::countFlowing() const {
+    return std::ranges::count_if(exchanges,
+                                 [](const auto& each) { return !each.second->getWatch().isHeld(); });
+}
+
+void ZqNetLoop::conclude(CURL* easy, int code) {
+    const auto found = exchanges.find(easy);
+    if (found == exchanges.end()) return;
+    ZqHttpExchange* exchange = found->second.get();
+    try {
+        if (exchange->conclude(code) && exchange->kind() == ZqTransfer::Kind::OnDemand)
+            holds.noteAnswer(pace.getRoundTripUs() * 1000, nowNs());
+    } catch (const std::exception& e) {
+        // libcurl tells each end once.
+        exchange->getTransfer()->failFor(e);
     }
+    exchanges.erase(found);
 }
 
-void ZqNetLoop::Engine::remove(CURL* easy) {
-    actives[easy]->pool->remove(easy);
-    actives.erase(easy);
-}
-
-void ZqNetLoop::Engine::readMessages(ZqNetPool* pool) {
-    int code = CURLE_OK;
-    while (CURL* easy = pool->takeEnded(&code)) {
-        const auto found = actives.find(easy);
-        if (found == actives.end()) continue;
-        try {
-            conclude(found->second.get(), code);
-        } catch (const std::exception& e) {
-            // libcurl tells each end once.
-            found->second->transfer->failFor(e);
-        }
-        remove(easy);
-    }
-}
-
-void ZqNetLoop::Engine::conclude(Active* active, int code) {
-    if (code == CURLE_OK && !active->checked) check(active);
-    if (code == CURLE_OK && !active->failed) {
-        active->transfer->finish();
-        if (active->kind() == ZqTransfer::Kind::OnDemand) beginQuiet();
-    } else {
-        active->transfer->fail(
-            active->failed
-                ? active->failure
-                : ZqNetFailure::of(active->easy.get(), code, active->errorText.data(), settings.connectMs));
-    }
-}
-
-void ZqNetLoop::Engine::beginQuiet() {
-    const int64 now = nowNs(), passed = now - quietSinceNs;
-    const int64 held = std::min(passed, quietUntilNs - quietSinceNs);
-    quietBudgetNs = std::clamp(quietBudgetNs - held + (passed - held) / 2, int64{0}, QUIET_BUDGET_NS);
-    const int64 trip = pace.getRoundTripUs() * 1000;
-    const bool isShort = quietBudgetNs == 0;
-    quietSinceNs = now;
-    quietUntilNs = now + (isShort ? std::clamp(trip, MIN_QUIET_NS, MAX_SHORT_QUIET_NS)
-                                  : std::clamp(QUIET_TRIPS * trip, MIN_QUIET_NS, MAX_QUIET_NS));
-}
-
-/// One that was found slow before has more time, but for complete silence.
-bool ZqNetLoop::Engine::isStalled(const Active& active, int64 nowNs) const {
-    if (active.held) return false;
-    const int64 standingNs = nowNs - active.progress.getSinceNs(ZqNetProgress::Stall);
-    const bool isSilent = active.progress.getBytes(ZqNetProgress::Stall) == 0;
-    return standingNs > (isSilent ? settings.stallMs * MS : active.limitNs);
-}
-
-void ZqNetLoop::Engine::failStalled() {
+void ZqNetLoop::failStalled() {
     const int64 now = nowNs();
-    std::vector<CURL*> stalled;
-    for (auto& [easy, active] : actives) {
-        noteHeld(active.get());
-        noteRecord(active.get());
-        if (isStalled(*active, now)) stalled.push_back(easy);
+    std::vector<ZqHttpExchange*> stalled;
+    for (const auto& [easy, exchange] : exchanges) {
+        exchange->look();
+        if (exchange->getWatch().isStalled(now)) stalled.push_back(exchange.get());
     }
-    for (CURL* easy : stalled) {
-        const Active& active = *actives[easy];
-        const int64 nGot = active.progress.getBytes(ZqNetProgress::Stall);
-        const double seconds = static_cast<double>(nGot > 0 ? active.limitNs / MS : settings.stallMs) / 1e3;
-        const SxString got = nGot > 0 ? "only " + SxString(nGot) + " bytes in" : SxString("no data for");
-        SxException failure(ZqNetLink::UNREACHABLE, got + SxString::sprintf(" %g s", seconds), UNIT,
-                            __LINE__);
-        if (nGot > 0) {
-            failure =
-                SxException(failure, "the answer comes too slowly", UNIT, __LINE__).tagged(ZqTransfer::SLOW);
-        }
-        const SxPtr<ZqTransfer> transfer = active.transfer;
-        suspect(transfer);
-        transfer->fail(failure);
-        remove(easy);
+    for (const ZqHttpExchange* exchange : stalled) {
+        pools.suspect(exchange->getPool());
+        exchange->getTransfer()->fail(exchange->getWatch().failure());
+        exchanges.erase(exchange->getEasy());
     }
 }
 
-/// Leaves out the time that it was held.
-void ZqNetLoop::Engine::noteHeld(Active* active) {
-    if (!active->held) return;
+bool ZqNetLoop::isOnTheWire(ZqTransfer::Kind kind) const {
     const int64 now = nowNs();
-    active->progress.skip(now - active->heldNs);
-    active->heldNs = now;
-    active->transfer->setUsefulNs(active->progress.getSinceNs(ZqNetProgress::Second));
+    return std::ranges::any_of(exchanges, [&](const auto& each) {
+        return each.second->kind() == kind && each.second->getWatch().isMoving(now);
+    });
 }
 
-/// Where one connection is dead the others that there are may be, too: an address that has changed, or a
-/// router that has forgotten them all. Each would cost the same wait anew. So later requests take none of
-/// them.
-void ZqNetLoop::Engine::suspect(const SxPtr<ZqTransfer>& transfer) {
-    for (const auto& [easy, active] : actives) {
-        if (!(active->transfer == transfer)) continue;
-        if (std::ranges::find(current, active->pool) != current.end()) renewPools();
-        return;
-    }
+bool ZqNetLoop::mustHold(const ZqHttpExchange& exchange) {
+    return holds.mustHold(
+        exchange.kind(), [this](ZqTransfer::Kind kind) { return isOnTheWire(kind); }, nowNs());
 }
 
-/// What is under way goes on where it is.
-void ZqNetLoop::Engine::renewPools() {
-    current.fill(nullptr);
-}
-
-bool ZqNetLoop::Engine::isOnTheWire(ZqTransfer::Kind kind) const {
-    const int64 now = nowNs();
-    for (const auto& [easy, active] : actives) {
-        if (active->kind() != kind) continue;
-        if (active->held || now - active->progress.getSinceNs(ZqNetProgress::Hold) < PRIORITY_NS) return true;
-    }
-    return false;
-}
-
-bool ZqNetLoop::Engine::mustHold(const Active& active) const {
-    if (!active.transfer->hasRoom()) return true;
-    if (!yields(active.kind())) return false;
-    const int64 now = nowNs();
-    if (rateLimit.load() > 0. && limitedUntilNs > now) return true;
-    if (isOnTheWire(ZqTransfer::Kind::OnDemand)) return true;
-    const bool hastened = hastenedUntilNs.load() > now;
-    if (active.kind() == ZqTransfer::Kind::Ahead) return hastened;
-    if (hastened) return false;
-    return quietUntilNs > now || isOnTheWire(ZqTransfer::Kind::Ahead);
-}
-
-void ZqNetLoop::Engine::releaseHeld() {
-    std::vector<Active*> released;
-    for (const auto& [easy, active] : actives) {
-        if (active->held && !mustHold(*active)) released.push_back(active.get());
+void ZqNetLoop::releaseHeld() {
+    const auto mayGoOn = [this](const ZqHttpExchange& exchange) {
+        return exchange.getTransfer()->hasRoom() && !mustHold(exchange);
+    };
+    std::vector<ZqHttpExchange*> released;
+    for (const auto& [easy, exchange] : exchanges) {
+        if (exchange->getWatch().isHeld() && mayGoOn(*exchange)) released.push_back(exchange.get());
     }
     // Under the rate limit the first may use up what there is, and the others would starve. So they take
     // turns.
-    std::sort(released.begin(), released.end(),
-              [](const Active* a, const Active* b) { return a->lastTakenNs < b->lastTakenNs; });
-    for (Active* active : released) {
-        if (mustHold(*active)) continue;
-        noteHeld(active);
-        active->held = false;
-        curl_easy_pause(active->easy.get(), CURLPAUSE_CONT);
+    std::ranges::sort(released, {}, &ZqHttpExchange::getTakenNs);
+    for (ZqHttpExchange* exchange : released) {
+        if (mayGoOn(*exchange)) exchange->goOn();
     }
 }
 
-int64 ZqNetLoop::Engine::timeToWait() const {
-    int64 wait = actives.empty() ? IDLE_MS : LOOK_MS;
+void ZqNetLoop::noteTaken(const ZqHttpExchange& exchange, int64 n) {
+    addTo(&nBytes, static_cast<uint64>(n));
+    if (exchange.kind() == ZqTransfer::Kind::OnDemand) addTo(&nOnDemandBytes, static_cast<uint64>(n));
+    if (ZqNetHolds::yields(exchange.kind())) holds.noteTaken(n, nowNs());
+}
+
+void ZqNetLoop::noteAnswer(ZqHttpExchange* exchange) {
+    if (!pools.noteVersion(exchange->getPool(), exchange->getResponse().url, exchange->isHttp1(),
+                           exchange->yields())) {
+        exchange->refuse(
+            SxException(ZqNetLink::BROKEN, "the server has changed its version of HTTP", UNIT, __LINE__));
+    }
+    heedStatus(exchange);
+}
+
+/// Heeds a server that is asked too much, and says what it asks for.
+void ZqNetLoop::heedStatus(ZqHttpExchange* exchange) {
+    const ZqTransfer::Response& response = exchange->getResponse();
+    const SxException* why = exchange->getRefusal();
     const int64 now = nowNs();
-    // A server may ask for minutes, and the wait for that must not keep a machine awake.
-    const int64 beginNs = gate.findNextNs(listQueued(), countUnderWay(), now);
-    if (beginNs != ZqNetGate::NEVER) wait = std::min(wait, (beginNs - now) / MS + 1);
-    for (const auto& [easy, active] : actives) {
-        const int64 until = std::max(quietUntilNs, limitedUntilNs);
-        if (active->held && until > now) wait = std::min(wait, (until - now) / MS + 1);
+    const int64 askedMs = response.retryAfterMs(SxClock::get().systemMs());
+    // A balancer says this for the one of its servers that is gone, and the next request gets another one. So
+    // where somebody waits it is made once more at once. Only a second such answer counts as the server's
+    // own.
+    const bool mayBeOneOfMany = response.status == 503 && askedMs < 0 && why &&
+                                exchange->kind() == ZqTransfer::Kind::OnDemand &&
+                                !exchange->getTransfer()->getRequest().isRepeated;
+    if (mayBeOneOfMany) {
+        exchange->refuse(
+            SxException(*why, "Another server may answer", UNIT, __LINE__).tagged(ZqTransfer::AT_ONCE));
+    } else if (response.status == 429 || response.status == 503) {
+        const bool isOrdered = exchange->kind() == ZqTransfer::Kind::Ordered;
+        queue.refused(exchange->getBegunNs(), askedMs, countUnderWay() - (isOrdered ? 0 : 1), now);
+        if (why && why->hasTag(ZqNetLink::UNREACHABLE) && askedMs > 0) {
+            const SxString text =
+                why->getMessage() + ", and asks to wait " + SxString((askedMs + 999) / 1000) + " s";
+            exchange->refuse(SxException(ZqNetLink::UNREACHABLE, text, UNIT, __LINE__));
+        }
+    } else if (response.status < 500) {
+        queue.answered(exchange->getBegunNs(), now);
     }
-    for (const auto& pool : pools) {
-        const int64 ms = pool->timeToWait();
-        if (ms >= 0) wait = std::min(wait, ms);
-    }
-    return wait;
-}
-
-ZqNetLoop::ZqNetLoop(const ZqNetSettings& settings) {
-    startLibrary();
-    engine = std::make_unique<Engine>(settings);
-    setThreadName("zqnetio");
-}
-
-ZqNetLoop::~ZqNetLoop() = default;
-
-void ZqNetLoop::add(const SxPtr<ZqTransfer>& transfer) {
-    engine->post(transfer, Engine::Post::Add);
-}
-
-void ZqNetLoop::drop(const SxPtr<ZqTransfer>& transfer) {
-    engine->post(transfer, Engine::Post::Drop);
-}
-
-void ZqNetLoop::suspect(const SxPtr<ZqTransfer>& transfer) {
-    engine->post(transfer, Engine::Post::Suspect);
-}
-
-ZqNetLoop::Refusal ZqNetLoop::getRefusal() const {
-    return {engine->refusedNs.load(), engine->pausedUntilNs.load()};
-}
-
-void ZqNetLoop::hastenStreams() {
-    engine->hastenedUntilNs.store(nowNs() + HASTENED_NS);
-    engine->wake();
-}
-
-void ZqNetLoop::setRateLimit(double bytesPerSecond) {
-    engine->rateLimit.store(bytesPerSecond);
-    engine->wake();
-}
-
-ZqNetLink::Figures ZqNetLoop::getFigures() const {
-    ZqNetLink::Figures figures;
-    figures.nBytes = engine->nBytes.load();
-    figures.nOnDemandBytes = engine->nOnDemandBytes.load();
-    figures.nRequests = engine->nRequests.load();
-    figures.roundTripUs = engine->pace.getRoundTripUs();
-    figures.rate = engine->pace.getRate();
-    figures.tripBytes = engine->pace.getTripBytes();
-    return figures;
-}
-
-void ZqNetLoop::end() {
-    engine->end();
-    wait();
-}
-
-void ZqNetLoop::startLibrary() {
-    static std::once_flag once;
-    std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
-}
-
-void ZqNetLoop::main() {
-    engine->run();
 }

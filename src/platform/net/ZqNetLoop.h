@@ -1,14 +1,20 @@
 #pragma once
 
 #include "SxSystemThread.h"
+#include "ZqExchangeDriver.h"
+#include "ZqHttpExchange.h"
+#include "ZqNetHolds.h"
 #include "ZqNetLink.h"
-#include "ZqTransfer.h"
+#include "ZqNetMailbox.h"
+#include "ZqNetQueue.h"
+
+#include <unordered_map>
 
 /// The thread that drives all requests of a link over libcurl's multi interface. Its operations are safe from
 /// any thread; start() and end() belong to the owner.
-class ZqNetLoop : public SxSystemThread {
+class ZqNetLoop : public SxSystemThread, private ZqExchangeDriver {
 public:
-    explicit ZqNetLoop(const ZqNetSettings& settings);
+    explicit ZqNetLoop(const ZqNetSettings& settings_);
     ~ZqNetLoop() override;
 
     void add(const SxPtr<ZqTransfer>& transfer);
@@ -16,12 +22,7 @@ public:
     void drop(const SxPtr<ZqTransfer>& transfer);
     /// See ZqNetLink.
     void suspect(const SxPtr<ZqTransfer>& transfer);
-    /// What a server has said that is asked too much, on the steady clock: when last, and up to when it is
-    /// left alone; 0 never.
-    struct Refusal {
-        int64 lastNs = 0, untilNs = 0;
-    };
-    Refusal getRefusal() const;
+    ZqNetQueue::Refusal getRefusal() const { return queue.getRefusal(); }
     void setRateLimit(double bytesPerSecond);
     void hastenStreams();
     ZqNetLink::Figures getFigures() const;
@@ -35,6 +36,35 @@ protected:
     void main() override;
 
 private:
-    class Engine;
-    std::unique_ptr<Engine> engine;
+    // All of these are the thread's.
+    void noteAnswer(ZqHttpExchange* exchange) override;
+    bool mustHold(const ZqHttpExchange& exchange) override;
+    void noteTaken(const ZqHttpExchange& exchange, int64 n) override;
+    int64 countFlowing() const override;
+    void heedStatus(ZqHttpExchange* exchange);
+    bool isOnTheWire(ZqTransfer::Kind kind) const;
+
+    void work();
+    void endAll();
+    void waitForWork();
+    int64 timeToWait() const;
+    void takePosted();
+    void dropNow(const SxPtr<ZqTransfer>& transfer);
+    void admit();
+    void begin(const SxPtr<ZqTransfer>& transfer);
+    int64 countUnderWay() const;
+    void conclude(CURL* easy, int code);
+    void failStalled();
+    void releaseHeld();
+    ZqHttpExchange* find(const SxPtr<ZqTransfer>& transfer) const;
+
+    const ZqNetSettings settings;
+    ZqNetMailbox mailbox;
+    ZqNetQueue queue;
+    ZqNetHolds holds;
+    ZqNetPace pace;
+    ZqNetPools pools;
+    std::unordered_map<CURL*, std::unique_ptr<ZqHttpExchange>> exchanges; ///< under way
+    std::vector<pollfd> waited;
+    std::atomic<uint64> nBytes{0}, nOnDemandBytes{0}, nRequests{0};
 };

@@ -1,0 +1,46 @@
+#pragma once
+
+#include "ZqTransfer.h"
+
+#include <atomic>
+#include <functional>
+
+/// When what yields on a link, ordered streams and what is fetched ahead, is held: for requests that go
+/// first, for a while after those on demand, and for the rate limit. setRateLimit(), getRateLimit() and
+/// hasten() are safe from any thread, the rest belongs to the network thread; times are those of the steady
+/// clock.
+class ZqNetHolds {
+public:
+    using Kind = ZqTransfer::Kind;
+
+    static bool yields(Kind kind) { return kind == Kind::Ordered || kind == Kind::Ahead; }
+
+    /// Bytes per second of all that yields; 0 for no limit.
+    void setRateLimit(double bytesPerSecond) { rateLimit.store(bytesPerSecond); }
+    double getRateLimit() const noexcept { return rateLimit.load(); }
+    /// Somebody waits for the ordered streams, up to a moment from now.
+    void hasten(int64 nowNs);
+
+    /// A request on demand was answered well; `tripNs`: the link's round trip.
+    void noteAnswer(int64 tripNs, int64 nowNs);
+    /// `n` bytes of what yields have come.
+    void noteTaken(int64 n, int64 nowNs);
+    /// Whether a request of that kind is to be held. `isOnTheWire` tells whether one of a kind is under way
+    /// that holds others.
+    bool mustHold(Kind kind, const std::function<bool(Kind)>& isOnTheWire, int64 nowNs) const;
+    /// When time alone ends a hold.
+    int64 getUntilNs() const noexcept;
+
+private:
+    std::atomic<double> rateLimit{0.};
+    std::atomic<int64> hastenedUntilNs{0};
+    int64 quietUntilNs = 0; ///< the ordered streams are held until then for the next on-demand request
+    int64 quietSinceNs = 0; ///< when that began
+    int64 quietBudgetNs = QUIET_BUDGET_NS;
+    int64 limitedUntilNs = 0; ///< when what yields may take bytes again
+
+    /// This is what such holds may take in all; the time between them gives a half of its own length back.
+    /// When it is used up a hold lasts one round trip only, within lower bounds: an application that asks
+    /// without end must not keep the download back.
+    static constexpr int64 QUIET_BUDGET_NS = 10'000'000'000;
+};
