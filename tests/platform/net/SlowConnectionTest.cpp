@@ -225,14 +225,14 @@ TEST_F(SlowConnection, aLinkThatIsSlowForAllGoesOn) {
     settings.secondMs = 1'000;
     connect(settings);
     proxy->setRate(1'500);
-    ZqRangeReader stream(*file, 0, 3'000, Kind::Ordered);
+    ZqRangeReader stream(*file, 0, 2'000, Kind::Ordered);
     stream.begin();
     std::list<ZqRangeReader> readers;
     for (uint64 first = 10'000; first < 40'000; first += 10'000)
-        readers.emplace_back(*file, first, first + 2'000, Kind::OnDemand).begin();
+        readers.emplace_back(*file, first, first + 1'600, Kind::OnDemand).begin();
     for (ZqRangeReader& reader : readers)
-        expectRight(reader, 2'000);
-    expectRight(stream, 3'000);
+        expectRight(reader, 1'600);
+    expectRight(stream, 2'000);
     EXPECT_EQ(link->getFigures().nRetries, 0u);
     // One of the four may get a second request to be compared with.
     EXPECT_LE(link->getFigures().nRequests, 5u);
@@ -243,8 +243,8 @@ TEST_F(SlowConnection, oneThatIsSlowerThanExpectedIsAskedAgainLessAndLess) {
     settings.stallMs = 1'500;
     connect(settings);
     proxy->setRate(300);
-    ZqRangeReader reader(*file, 0, 2'000, Kind::Ordered);
-    expectRight(reader, 2'000);
+    ZqRangeReader reader(*file, 0, 1'500, Kind::Ordered);
+    expectRight(reader, 1'500);
     EXPECT_LE(link->getFigures().nRequests, 3u);
 }
 
