@@ -5,268 +5,170 @@
 #include "SxTime.h"
 #include "ZqBlocks.h"
 #include "ZqCoreUnderflowMgr.h"
-#include "ZqFWriter.h"
-#include "ZqImageFeedJob.h"
-#include "ZqImageFiles.h"
-#include "ZqImageFolder.h"
-#include "ZqImageInfo.h"
+#include "ZqDigestCheck.h"
+#include "ZqImageDownload.h"
 #include "ZqImageProgress.h"
-#include "ZqImageRecords.h"
 #include "ZqImageSource.h"
 #include "ZqLog.h"
 #include "ZqMountMgr.h"
-#include "ZqOrderedDownload.h"
-#include "ZqPartCheck.h"
-#include "ZqReadable.h"
-#include "ZqStreamRecord.h"
-#include "ZqStretchStore.h"
-#include "ZqSyncedSize.h"
-#include "ZqSysEnv.h"
+#include "ZqPartRepair.h"
 
 #include <algorithm>
 
 namespace {
-
 constexpr const char* UNIT = "src/base/ZqImageFeed";
-constexpr uint64 ANY_RATE = ~uint64{0};
-/// Silence of the server that is told. The link itself gives a request up after 10 s only, and its next try
-/// may bring some bytes before it is silent again.
-constexpr int64 SILENCE_S = 3;
-
-/// A line without its figures.
-std::string wordsOf(const SxString& line) {
-    std::string words = line.str();
-    std::erase_if(words, [](char c) { return c >= '0' && c <= '9'; });
-    return words;
-}
-
 } // namespace
 
-ZqImageFeed::ZqImageFeed(const Settings& settings_) : settings(settings_), pauseNs(FIRST_PAUSE_NS) {
+ZqImageFeed::ZqImageFeed(const Settings& settings_)
+    : settings(settings_),
+      folder(settings_),
+      health([this] {
+          // What has the records and the blocks for a drive counts as having one already while it is opened,
+          // so that a page to log in to, say, keeps nobody from playing what is there.
+          return folder.hadRecords() && !settings.isDownloadOnly &&
+                 fileSize() >= std::min(getApp().sizeMnt, getApp().sizeZqf);
+      }),
+      file(settings_.image, &health) {
 }
 
 ZqImageFeed::~ZqImageFeed() {
     stop();
 }
 
-SxString ZqImageFeed::filePath(const char* name) const {
-    return ZqImageFolder::prefix(settings.image) + name;
-}
-
-uint64 ZqImageFeed::fileSize() const {
-    const SxFileInfo zqf(filePath(ZqImageFiles::ZQF));
-    if (!zqf.isFile()) return 0;
-    const auto told = static_cast<uint64>(zqf.getSize());
-    return std::min(told, writeEnd());
-}
-
-/// Where no write is under way the size itself tells what can be read, also after a write that has failed.
-uint64 ZqImageFeed::writeEnd() const {
-    const SxPtr<ZqFWriter> now = getWriter();
-    return now && now->isRunning() ? now->getWriteEnd() : ZqImageProgress::ANY;
-}
-
-bool ZqImageFeed::isComplete() const {
-    return fileSize() >= app.sizeZqf;
-}
-
 uint64 ZqImageFeed::countBlocks() const {
-    if (isComplete()) return (static_cast<uint64>(params.sizeRaw) + ZqBlocks::SIZE - 1) / ZqBlocks::SIZE;
+    if (isComplete()) return (static_cast<uint64>(getParams().sizeRaw) + ZqBlocks::SIZE - 1) / ZqBlocks::SIZE;
     return ZqImageProgress::cursorBehind(fileSize());
 }
 
 void ZqImageFeed::open(const ZqStopTest& stop) {
-    if (settings.url.isEmpty() && !SxFSAction::exists(settings.image)) {
-        throw SxException("Image folder '" + settings.image + "' not found, and no address is given", UNIT,
-                          __LINE__);
+    if (!folder.take(stop)) {
+        const SxMutexBlock block(&mutex);
+        link = SxPtr<ZqNetLink>::create();
     }
-    const SxFileInfo zqf(filePath(ZqImageFiles::ZQF));
-    if (zqf.isLink() && !ZqImageInfo::isComplete(settings.image)) {
-        throw SxException("'" + zqf.getOrig() + "' is a link, and a download goes only into its folder", UNIT,
-                          __LINE__);
+    const bool isConfirmed = folder.openApp(link, stop);
+    const ZqImageOrigin& origin = folder.getOrigin();
+    file.setTotal(getApp().sizeZqf);
+    const ZqProgramWrites writes(settings.image, settings.job);
+    const ZqStopTest isStopped = [this] { return stopping.load(); };
+    SxPtr<ZqRemoteImage> image;
+    if (link) {
+        download = std::make_unique<ZqImageDownload>(origin, link, &file, &health, isStopped);
+        image = download->getImage();
+        // A server that hasn't given its `app.json` may have another version by now, so nothing is taken from
+        // it.
+        if (!isConfirmed) image->doubtServer();
+        part = std::make_unique<ZqPartRepair>(origin, image, writes, &file, &health, isStopped);
+        if (folder.isWritten()) {
+            part->believe();
+        } else {
+            part->open(folder.getLeft(), isConfirmed, stop);
+        }
     }
-    SxFSAction::mkdir_p(settings.image);
-    growth = ZqImageLock::take(settings.image, ZqImageLock::Growth, ZqImageLock::Exclusive, settings.job);
-    // Before anything looks at the size. A drive that is up has taken no more than can be believed either.
-    ZqSyncedSize(filePath(ZqImageFiles::ZQF)).cutBack(stop);
-    ZqStreamRecord record;
-    record.read(settings.image);
-    url = settings.url.isEmpty() ? record.url : settings.url;
-    const bool hasRecords = ZqImageInfo::holdsPart(settings.image);
-    shape = ZqImageLock::take(settings.image, ZqImageLock::Shape,
-                              hasRecords ? ZqImageLock::Shared : ZqImageLock::Exclusive, settings.job);
-    cutSurplus(record, stop);
-    if (ZqImageInfo::isComplete(settings.image)) {
-        app = ZqAppParams(filePath(""));
-        // A run plays without its server. Who only completes an image has no use for an address that gives
-        // another one.
-        if (settings.isDownloadOnly && !(url == record.url)) {
-            ZqImageRecords(SxPtr<ZqNetLink>::create(), settings.image, url, settings.headers)
-                .requireSameOnServer(app, stop);
-        }
-    } else {
-        if (url.isEmpty()) {
-            throw SxException("Image '" + settings.image +
-                                  "' isn't complete, and no address is known that it could be completed from",
-                              UNIT, __LINE__);
-        }
-        {
-            const SxMutexBlock block(&mutex);
-            link = SxPtr<ZqNetLink>::create();
-        }
-        app = ZqImageRecords(link, settings.image, url, settings.headers)
-                  .fetchApp(!settings.isDownloadOnly, &isConfirmed, stop);
-    }
-    hadRecords = hasRecords;
-    app.requireKnownFormat();
-    // What is downloaded from its beginning on has nothing of an earlier file.
-    isWritten = record.isWritten && fileSize() > 0;
-    if (link) openPart(record, stop);
-    verified = !link && isKnownAsRight(record);
+    const bool isUntold = getApp().checksumZqf.isEmpty() || folder.isWritten();
+    ZqDigestCheck::Need need = isUntold ? ZqDigestCheck::Untold : ZqDigestCheck::Due;
+    if (!link && folder.isKnownAsRight()) need = ZqDigestCheck::Done;
+    digest = std::make_unique<ZqDigestCheck>(origin, image, writes, need, &health, isStopped);
     try {
-        if (link) measureDisk();
+        if (link) file.measureDisk(settings.isDownloadOnly);
     } catch (const SxException&) {
         // Once there is room the same command is given again, without the address.
         try {
-            noteOpened(record);
+            folder.noteUse(static_cast<bool>(link));
         } catch (const SxException& e) {
             zqLogMsg("base", "ZqImageFeed: " + e.toString(SxException::ShowMessage, ": "));
         }
         throw;
     }
-    noteOpened(record);
+    folder.noteUse(static_cast<bool>(link));
     hasOpened = true;
 }
 
-void ZqImageFeed::noteOpened(const ZqStreamRecord& record) {
-    const bool isFresh = fileSize() == 0;
-    const bool dropsDigest = link && !record.verified.isEmpty();
-    const bool dropsLeft = record.left.size >= 0;
-    if (record.url == url && !dropsDigest && !dropsLeft && record.isWritten == isWritten) return;
-    ZqStreamRecord::update(settings.image, [&](ZqStreamRecord* now) {
-        now->url = url;
-        // A kill must not leave what is written from now on as believed.
-        now->left = ZqStreamRecord::Left();
-        if (link) now->verified = SxString();
-        if (isFresh) now->isWritten = false;
-    });
-}
-
-void ZqImageFeed::measureDisk() {
-    reserve = ZqDiskReserve(settings.image, fileSize());
-    lookForRoom();
-    if (nShort == 0) return;
-    const SxString text =
-        "The image needs " + ZqReadable::megabytes(nShort) + " more on the disk of '" + settings.image + "'";
-    if (settings.isDownloadOnly) {
-        throw SxException(text + ": it is of " + ZqReadable::megabytes(app.sizeZqf) + ", and " +
-                              ZqReadable::megabytes(reserve.getSize()) + " of the disk are left to others",
-                          UNIT, __LINE__);
-    }
-    zqLogMsg("base", "ZqImageFeed: " + text + ", and arrives as far as there is room");
-}
-
-void ZqImageFeed::lookForRoom() {
-    // What is kept beside the image goes as the image grows.
-    const uint64 nThere = fileSize() + ZqStretchStore::sizeIn(settings.image);
-    nShort = reserve.getMissing(app.sizeZqf - std::min(app.sizeZqf, nThere));
-}
-
-void ZqImageFeed::makeWriter() {
-    const auto fresh = SxPtr<ZqFWriter>::create(filePath(""), ZqImageFiles::ZQF);
-    fresh->setReserve(reserve);
-    // ZqOrderedDownload bounds what waits for the writer, and a start must wait for no pace.
-    fresh->setUnpaced();
-    fresh->start();
-    const SxMutexBlock block(&mutex);
-    writer = fresh;
-}
-
-SxPtr<ZqFWriter> ZqImageFeed::getWriter() const {
-    const SxMutexBlock block(&mutex);
-    return writer;
-}
-
-void ZqImageFeed::beginDownload() {
-    if (download->setWriter(getWriter(), fileSize())) return;
-    download->wait();
-    download->start();
-}
-
-SxPtr<ZqRemoteImage> ZqImageFeed::makeImage(const SxPtr<ZqNetLink>& of) const {
-    of->setRateLimit(static_cast<double>(settings.rateLimit));
-    auto made = SxPtr<ZqRemoteImage>::create(of, url, app.sizeZqf, settings.headers, ZqRemoteImage::MAX_KEPT,
-                                             app.checksumZqf);
-    // The test may be called after this object's end.
-    made->setSameTest([weak = std::weak_ptr<ZqNetLink>(of.shared()), folder = settings.image, address = url,
-                       headers = settings.headers, own = app](const ZqStopTest& stop) {
-        const SxPtr<ZqNetLink> still(weak.lock());
-        if (!still) throw SxException(SxString(SxException::STOPPED), "stopped", UNIT, __LINE__);
-        return ZqImageRecords(still, folder, address, headers).isSameOnServer(own, stop);
-    });
-    return made;
-}
-
 void ZqImageFeed::start() {
-    keeper = std::make_unique<Job>("feed", [this] { keepUntilStopped(); });
+    keeper = std::make_unique<ZqFeedJob>("feed", [this] { keepUntilStopped(); });
     if (!link) {
-        settled = verified.load();
-        if (settled) removeStore();
+        settled = isVerified();
+        digest->start();
         if (!settled) keeper->start();
         return;
     }
-    image = opened;
-    openStore();
-    startPartCheck();
-    makeWriter();
-    progress = SxPtr<ZqImageProgress>::create(settings.image, app);
-    progress->setWriteEnd([this] { return writeEnd(); });
-    progress->start();
-    download = std::make_unique<ZqOrderedDownload>(image);
-    beginDownload();
-    manager = SxPtr<ZqCoreUnderflowMgr>::create(settings.image, nullptr, progress, app);
-    manager->setRangeSource(SxPtr<ZqImageSource>::create(image));
+    download->start();
+    part->start();
+    manager = SxPtr<ZqCoreUnderflowMgr>::create(settings.image, nullptr, download->getProgress(), getApp());
+    manager->setRangeSource(SxPtr<ZqImageSource>::create(download->getImage()));
     manager->setWindowSearch(false);
     manager->setEdgeCall([link_ = link] { link_->hastenStreams(); });
     manager->start();
     keeper->start();
 }
 
-void ZqImageFeed::openStore() {
-    // Without a digest nothing tells another order of the blocks from this one.
-    if (app.checksumZqf.isEmpty() && app.checksumIdx.isEmpty()) return;
-    const SxString key = app.checksumZqf + "\n" + app.checksumIdx + "\n" + app.checksumMnt;
-    try {
-        image->setStore(std::make_unique<ZqStretchStore>(settings.image, key, app.sizeZqf, ZqBlocks::STRETCH,
-                                                         fileSize(), reserve));
-    } catch (const SxException& e) {
-        // Then what is fetched out of its order is only good for this run.
-        zqLogMsg("base", "ZqImageFeed: " + e.toString(SxException::ShowMessage, ": "));
+void ZqImageFeed::keepUntilStopped() {
+    while (!stopping) {
+        try {
+            keep();
+            // Then nobody looks any longer. With all threads going on, a run of a complete image woke up 860
+            // times a second.
+            if (hasSettled()) return;
+        } catch (const SxException& e) {
+            fail(e);
+            return;
+        } catch (const std::exception& e) {
+            // Such as a want of memory. The owner waits for this thread.
+            fail(SxException(e.what(), UNIT, __LINE__));
+            return;
+        }
+        SxTime::msleep(SxWait::LOOK_MS);
     }
 }
 
-void ZqImageFeed::removeStore() const {
-    try {
-        ZqStretchStore::remove(settings.image);
-    } catch (const SxException& e) {
-        zqLogMsg("base", "ZqImageFeed: " + e.toString(SxException::ShowMessage, ": "));
+void ZqImageFeed::keep() {
+    if (!link) {
+        digest->keep();
+        return;
     }
+    if (!SxFSAction::exists(file.getPath())) {
+        throw SxException("The image in '" + settings.image + "' was removed while it was downloaded", UNIT,
+                          __LINE__);
+    }
+    keepManager();
+    if (download->keep()) digest->keep();
+}
+
+void ZqImageFeed::keepManager() {
+    const SxMutexBlock block(&managerMutex);
+    // The cursor has passed the last block: from now on it would ask the drive in vain.
+    const bool isNeeded = !isComplete() || download->getProgress()->isRunning() || manager->isUnderflow();
+    if (!isNeeded) {
+        manager->stop();
+    } else if (!manager->isRunning() && (!isComplete() || manager->isUnderflow())) {
+        // It ends with each drive, also with that of the preparation, and with a call of the service that
+        // failed. As long as blocks are missing it must be there, else a read of a mount could wait for ever;
+        // and it must see the end of an underflow that it has told of.
+        manager->wait();
+        manager->start();
+    }
+}
+
+bool ZqImageFeed::hasSettled() {
+    if (!isVerified()) return false;
+    const SxMutexBlock block(&managerMutex);
+    settled =
+        !link || (isComplete() && !download->isRunning() && !manager->isRunning() && !manager->isUnderflow());
+    return settled;
 }
 
 uint64 ZqImageFeed::countMissing() const {
-    const uint64 nThere = fileSize() + (image ? image->getFigures().nStored : 0);
-    return app.sizeZqf - std::min(app.sizeZqf, nThere);
+    const uint64 nThere = fileSize() + (download ? download->getImage()->getFigures().nStored : 0);
+    const uint64 nTotal = getApp().sizeZqf;
+    return nTotal - std::min(nTotal, nThere);
 }
 
 void ZqImageFeed::fetchRecords(const ZqStopTest& stop) {
-    if (link) ZqImageRecords(link, settings.image, url, settings.headers).fetchRest(app, stop);
-    params = ZqImageParams(filePath(""));
-    shape->lower();
+    folder.openRest(link, stop);
 }
 
 void ZqImageFeed::requireRanges(const ZqStopTest& stop) const {
     // What is there can be played, and the server may have its ranges again.
-    if (image && !isComplete() && !hasDrive()) image->requireRanges(stop);
+    if (download && !isComplete() && !health.hasDrive()) download->getImage()->requireRanges(stop);
 }
 
 void ZqImageFeed::alignCursor() const {
@@ -288,29 +190,18 @@ void ZqImageFeed::applicationStarts() {
 void ZqImageFeed::stop() {
     stopping = true;
     if (keeper) keeper->wait();
-    if (versionCheck) versionCheck->wait();
-    if (digestCheck) digestCheck->wait();
-    if (partCheck) partCheck->wait();
+    if (digest) digest->wait();
+    if (part) part->wait();
     if (manager) manager->stop();
-    if (download) download->stop();
-    if (progress) progress->stop();
-    if (link) link->cancel();
-    const SxPtr<ZqFWriter> last = getWriter();
-    if (last) last->stop();
+    if (download) {
+        download->stop();
+    } else if (link) {
+        link->cancel();
+    }
     if (manager) manager->wait();
     if (download) download->wait();
-    if (progress) progress->wait();
-    if (last) last->wait();
-    noteLeft();
-}
-
-void ZqImageFeed::setWaiting(const SxString& text) {
-    const SxMutexBlock block(&mutex);
-    // What has ended the download stays told, whatever another of the threads still waits for.
-    if (failed) return;
-    // Its figures may change twice a second, for hours.
-    if (!text.isEmpty() && wordsOf(text) != wordsOf(waiting)) zqLogMsg("base", "ZqImageFeed: " + text);
-    waiting = text;
+    if (part && hasOpened) part->noteLeft();
+    hasOpened = false;
 }
 
 void ZqImageFeed::fail(const SxException& e) {
@@ -320,15 +211,11 @@ void ZqImageFeed::fail(const SxException& e) {
         isCutOff = true;
         link->cancel();
     }
-    const SxMutexBlock block(&mutex);
-    failed = true;
-    failure = e;
-    waiting = "the download has ended: " + e.toString(SxException::ShowMessage, ": ");
+    health.end(e);
 }
 
-bool ZqImageFeed::hasFailed() const {
-    const SxMutexBlock block(&mutex);
-    return failed;
+bool ZqImageFeed::isVerified() const {
+    return digest && digest->isVerified();
 }
 
 bool ZqImageFeed::answersReads() const {
@@ -336,48 +223,24 @@ bool ZqImageFeed::answersReads() const {
     return !isCutOff && !(hasFailed() && manager && !manager->isRunning());
 }
 
-void ZqImageFeed::requireAlive() const {
-    const SxMutexBlock block(&mutex);
-    if (failed) throw failure;
-}
-
 SxString ZqImageFeed::getLinkStatus() const {
-    const SxMutexBlock block(&mutex);
+    const SxString waiting = health.getWaiting();
     if (!waiting.isEmpty()) return waiting;
+    const SxMutexBlock block(&mutex);
     return link ? link->getStatus() : SxString();
 }
 
 ZqImageFeed::Status ZqImageFeed::getStatus() const {
     Status status;
-    status.nTotal = app.sizeZqf;
-    status.isChecking = checking;
-    status.nChecked = nChecked;
-    {
-        const SxMutexBlock block(&mutex);
-        status.waiting = waiting;
-    }
+    status.nTotal = getApp().sizeZqf;
+    status.waiting = health.getWaiting();
+    if (digest) digest->addTo(&status);
     if (!manager) {
         status.nCurrent = status.nNeeded = status.nTotal;
-        addRepair(&status);
         return status;
     }
-    const uint64 limit = settings.rateLimit > 0 ? settings.rateLimit : ANY_RATE;
-    status.nShort = nShort;
-    status.nCurrent = progress->getNCurrent();
-    status.nNeeded = progress->getNInit(limit);
-    status.speed = progress->getAvgSpeed() * ZqBlocks::PER_MEGABIT;
-    status.startEta = progress->getStartETA(limit);
-    status.totalEta = progress->getTotalETA();
     status.isUnderflow = manager->isUnderflow();
-    status.link = link->getFigures();
-    status.image = image->getFigures();
-    if (status.waiting.isEmpty() && progress->isServiceSilent()) {
-        status.waiting = "waiting for the drive service, which doesn't answer";
-    }
-    if (status.waiting.isEmpty()) status.waiting = link->getStatus();
-    if (const int64 silent = silentSeconds; status.waiting.isEmpty() && silent >= SILENCE_S) {
-        status.waiting = SxString("waiting for the server: no data for ") + silent + " s";
-    }
+    download->addTo(&status);
     return status;
 }
 
@@ -394,6 +257,7 @@ ZqRuntimeInfo ZqImageFeed::getRuntimeInfo() const {
 }
 
 ZqImageFeed::Speeds ZqImageFeed::getSpeeds() const {
+    const SxPtr<ZqImageProgress> progress = download ? download->getProgress() : nullptr;
     if (!progress) return {};
     return {progress->getGlobalAvgSpeed(), progress->getGlobalMaxSpeed(), progress->getGlobalSigmaSpeed()};
 }

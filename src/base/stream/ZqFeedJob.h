@@ -1,12 +1,13 @@
 #pragma once
 
 #include "SxSystemThread.h"
-#include "ZqImageFeed.h"
+
+#include <functional>
 
 /// One piece of a feed's work on a thread of its own. What goes wrong is its exception.
-class ZqImageFeed::Job : public SxSystemThread {
+class ZqFeedJob : public SxSystemThread {
 public:
-    Job(const char* name, std::function<void()> work_) : work(std::move(work_)) { setThreadName(name); }
+    ZqFeedJob(const char* name, std::function<void()> work_) : work(std::move(work_)) { setThreadName(name); }
 
 protected:
     void main() override { work(); }

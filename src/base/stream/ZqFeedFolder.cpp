@@ -1,0 +1,127 @@
+#include "ZqFeedFolder.h"
+
+#include "SxException.h"
+#include "SxFSAction.h"
+#include "SxFileIO.h"
+#include "ZqImageFiles.h"
+#include "ZqImageFolder.h"
+#include "ZqImageInfo.h"
+#include "ZqImageRecords.h"
+#include "ZqLog.h"
+#include "ZqSyncedSize.h"
+
+namespace {
+constexpr const char* UNIT = "src/base/ZqFeedFolder";
+} // namespace
+
+SxString ZqFeedFolder::filePath(const char* name) const {
+    return ZqImageFolder::prefix(settings.image) + name;
+}
+
+uint64 ZqFeedFolder::fileSize() const {
+    const SxFileInfo zqf(filePath(ZqImageFiles::ZQF));
+    return zqf.isFile() ? static_cast<uint64>(zqf.getSize()) : 0;
+}
+
+void ZqFeedFolder::requireFolder() const {
+    if (settings.url.isEmpty() && !SxFSAction::exists(settings.image)) {
+        throw SxException("Image folder '" + settings.image + "' not found, and no address is given", UNIT,
+                          __LINE__);
+    }
+    const SxFileInfo zqf(filePath(ZqImageFiles::ZQF));
+    if (zqf.isLink() && !ZqImageInfo::isComplete(settings.image)) {
+        throw SxException("'" + zqf.getOrig() + "' is a link, and a download goes only into its folder", UNIT,
+                          __LINE__);
+    }
+}
+
+bool ZqFeedFolder::take(const ZqStopTest& stop) {
+    requireFolder();
+    SxFSAction::mkdir_p(settings.image);
+    growth = ZqImageLock::take(settings.image, ZqImageLock::Growth, ZqImageLock::Exclusive, settings.job);
+    // Before anything looks at the size. A drive that is up has taken no more than can be believed either.
+    ZqSyncedSize(filePath(ZqImageFiles::ZQF)).cutBack(stop);
+    record.read(settings.image);
+    url = settings.url.isEmpty() ? record.url : settings.url;
+    hadAll = ZqImageInfo::holdsPart(settings.image);
+    shape = ZqImageLock::take(settings.image, ZqImageLock::Shape,
+                              hadAll ? ZqImageLock::Shared : ZqImageLock::Exclusive, settings.job);
+    cutSurplus(stop);
+    if (ZqImageInfo::isComplete(settings.image)) return true;
+    if (!url.isEmpty()) return false;
+    throw SxException("Image '" + settings.image +
+                          "' isn't complete, and no address is known that it could be completed from",
+                      UNIT, __LINE__);
+}
+
+/// A file that is as large as the image though no download has made it so is the image, as its digest tells,
+/// or another file, of which at most the beginning is right: that is cut back to what was noted.
+void ZqFeedFolder::cutSurplus(const ZqStopTest& stop) const {
+    const SxFileInfo zqf(filePath(ZqImageFiles::ZQF));
+    if (url.isEmpty() || record.isWritten || zqf.isLink() || !ZqImageInfo::isComplete(settings.image)) return;
+    const ZqAppParams own(filePath(""));
+    const auto cutTo = [&](uint64 size) {
+        zqLogMsg("base", "'" + zqf.getOrig() + "' has " + SxString(fileSize()) + " bytes, and is cut to " +
+                             SxString(size));
+        SxFileIO(zqf.getOrig(), "r+b").truncate(static_cast<int64>(size));
+    };
+    try {
+        if (fileSize() > own.sizeZqf) cutTo(own.sizeZqf);
+        const auto left = static_cast<uint64>(record.left.size);
+        if (record.left.size < 0 || left >= own.sizeZqf || own.checksumZqf.isEmpty()) return;
+        if (!ZqSyncedSize(zqf.getOrig()).isWholeImage(own.sizeZqf, stop)) cutTo(left);
+    } catch (const SxException& e) {
+        if (e.hasTag(SxException::STOPPED)) throw;
+        // The comparison with its digest tells later.
+        zqLogMsg("base", "ZqImageFeed: " + e.toString(SxException::ShowMessage, ": "));
+    }
+}
+
+bool ZqFeedFolder::openApp(const SxPtr<ZqNetLink>& link, const ZqStopTest& stop) {
+    ZqAppParams app;
+    bool isConfirmed = true;
+    if (!link) {
+        app = ZqAppParams(filePath(""));
+        // A run plays without its server. Who only completes an image has no use for an address that gives
+        // another one.
+        if (settings.isDownloadOnly && !(url == record.url)) {
+            ZqImageRecords(SxPtr<ZqNetLink>::create(), settings.image, url, settings.headers)
+                .requireSameOnServer(app, stop);
+        }
+    } else {
+        app = ZqImageRecords(link, settings.image, url, settings.headers)
+                  .fetchApp(!settings.isDownloadOnly, &isConfirmed, stop);
+    }
+    ZqFeedSettings found = settings;
+    found.url = url;
+    origin = ZqImageOrigin(found, app);
+    app.requireKnownFormat();
+    // What is downloaded from its beginning on has nothing of an earlier file.
+    written = record.isWritten && fileSize() > 0;
+    return isConfirmed;
+}
+
+void ZqFeedFolder::noteUse(bool isDownloaded) const {
+    const bool isFresh = fileSize() == 0;
+    const bool dropsDigest = isDownloaded && !record.verified.isEmpty();
+    const bool dropsLeft = record.left.size >= 0;
+    if (record.url == url && !dropsDigest && !dropsLeft && record.isWritten == written) return;
+    ZqStreamRecord::update(settings.image, [&](ZqStreamRecord* now) {
+        now->url = url;
+        // A kill must not leave what is written from now on as believed.
+        now->left = ZqStreamRecord::Left();
+        if (isDownloaded) now->verified = SxString();
+        if (isFresh) now->isWritten = false;
+    });
+}
+
+void ZqFeedFolder::openRest(const SxPtr<ZqNetLink>& link, const ZqStopTest& stop) {
+    if (link) ZqImageRecords(link, settings.image, url, settings.headers).fetchRest(getApp(), stop);
+    params = ZqImageParams(filePath(""));
+    shape->lower();
+}
+
+bool ZqFeedFolder::isKnownAsRight() const {
+    const SxString& stated = getApp().checksumZqf;
+    return url.isEmpty() || stated.isEmpty() || written || record.isVerified(settings.image, stated);
+}
