@@ -4,12 +4,16 @@
 #include "SxFileIO.h"
 #include "SxPtr.h"
 #include "SxSystemThread.h"
-#include "ZqAvg.h"
 #include "ZqDiskReserve.h"
 #include "ZqFileSync.h"
 
 #include <atomic>
-#include <map>
+#include <memory>
+
+class ZqWriteBuffer;
+class ZqWriteLog;
+class ZqWritePace;
+class ZqWriteRoom;
 
 /// Takes the bytes of an image from download threads as chunks, in any order, and appends them to the image
 /// file strictly by their offsets, on a thread of its own, at a pace that follows the download. It is the one
@@ -29,11 +33,12 @@ public:
     /// empty, where it is missing. Chunks that an earlier run left on disk are removed. `app.json` must lie
     /// in the folder when the thread starts.
     ZqFWriter(const SxString& dirPath, const SxString& fileName);
+    ~ZqFWriter() override;
 
     /// Leaves that much of the disk free: where the next piece would go beyond it, the thread waits for room
     /// and keeps its pieces, so that nothing is fetched twice. To be called before the start; without it
     /// nothing is left.
-    void setReserve(const ZqDiskReserve& reserve_) { reserve = reserve_; }
+    void setReserve(const ZqDiskReserve& reserve);
 
     /// Writes what comes at once, without a pace and without the test of the disk that bounds one; the head
     /// line of `write.log` then states a test of 0 bytes. For a client that bounds by itself what it has
@@ -92,66 +97,30 @@ protected:
 private:
     using Piece = SxPtr<SxArray<char>>;
 
-    /// What was written since the last line of the log.
-    struct Stretch {
-        uint64 nBytes = 0;
-        int64 ns = 0; ///< that it took
-        uint64 dlSpeed = 0, target = 0;
-    };
-
     SxString pathOf(const SxString& name) const { return dirPath + name; }
     SxString chunkPath(uint64 offset) const { return dirPath + "chunks/" + offset + ".chunk"; }
-    void keep(uint64 offset, Piece piece) SX_EXCLUDES(dataMutex);
     void holdPusher() const;
-    void testDisk();
-    void writeTestFile(int64 nBytes);
-    void openLog();
     void writeImage();
     void beginAtEnd(SxFileIO* image, uint64 total);
     uint64 awaitOffset();
-    bool hasRoom(uint64 nBytes);
-    bool awaitRoom(uint64 offset);
-    uint64 targetSpeed(uint64 dlSpeed, uint64 bytesBehindLast) const;
-    void writePiece(SxFileIO* image, uint64 offset, uint64 target);
+    bool awaitRoom(uint64 nBytes);
+    uint64 targetSpeed(uint64 dlSpeed, uint64 nAvailable) const;
+    void writePiece(SxFileIO* image, const Piece& piece, uint64 target);
     void freePiece(uint64 offset);
-    void writeLogLine();
     void removeLeftovers();
 
     const SxString dirPath, fileName;
     std::atomic<bool> stopFlag{false}, finalizeFlag{false}, throttleFlag{false};
-    const uint64 time0; ///< system time in milliseconds
-    const uint64 steady0;
     const uint64 cursor0;
-
-    mutable SxMutex dataMutex;
-    uint64 bufferCursor SX_GUARDED_BY(dataMutex) = 0;
-    uint64 writeCursor SX_GUARDED_BY(dataMutex);
-    uint64 bytesAvail SX_GUARDED_BY(dataMutex) = 0;
-    uint64 bytesHeld SX_GUARDED_BY(dataMutex) = 0;
-    uint64 bytesReceived SX_GUARDED_BY(dataMutex);
-    uint64 bytesAtLastSample SX_GUARDED_BY(dataMutex);
-    uint64 timeAtLastSample SX_GUARDED_BY(dataMutex);
-    SxPtr<ZqAvg> avgSpeed SX_GUARDED_BY(dataMutex);
-    bool completeImage SX_GUARDED_BY(dataMutex) = false;
-    /// By their offsets. These are multiples of 2,000,000, which share their low bits, and a hash map of
-    /// `core` goes by these.
-    std::map<uint64, Piece> chunks SX_GUARDED_BY(dataMutex);
-    /// Of those in `chunks` that popOffset() hasn't given yet.
-    std::map<uint64, uint64> chunkSizes SX_GUARDED_BY(dataMutex);
-
+    const std::unique_ptr<ZqWriteBuffer> buffer;
+    std::atomic<bool> completeImage{false};
     std::atomic<bool> waitingForRoom{false};
     std::atomic<uint64> writeEnd;
 
     // The writer's thread alone.
-    ZqDiskReserve reserve;
     ZqFileSync sync;
-    uint64 room = 0;  ///< bytes that may be written, by the last look
-    int64 roomNs = 0; ///< when that was
+    const std::unique_ptr<ZqWriteRoom> room;
     bool isPaced = true;
-    uint64 testBytes = 0, testMs = 0;
-    uint64 maxWriteSpeed = 0; ///< 0 for none
-    Stretch stretch;
-    int64 lineNs = 0; ///< when the last line was written
-    int64 dueNs = 0;  ///< when the last piece has taken the time that its pace gives it
-    SxFileIO log;
+    const std::unique_ptr<ZqWritePace> pace;
+    const std::unique_ptr<ZqWriteLog> log;
 };
