@@ -1,6 +1,7 @@
 #pragma once
 
 #include "SxString.h"
+#include "ZqDiskStatus.h"
 
 /// The status of the control library's functions, turned into failures that say why. A status alone only says
 /// that something failed; so what the service has to say of it (ZqVolume::getLastException()) becomes the
@@ -14,4 +15,8 @@ public:
     /// the cause. The control library keeps that for each thread, until the thread's next call. So this must
     /// be the first call after the one that gave the status, on the same thread.
     static void require(int status, const SxString& words, int line);
+
+    /// All that the service says of the disk of an image, in one look; false where the image isn't mounted.
+    /// Raises "Cannot query mount state for image ..." where the service can't tell.
+    static bool findDisk(const SxString& image, ZqDiskStatus* disk);
 };

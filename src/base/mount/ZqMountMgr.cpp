@@ -10,7 +10,6 @@
 
 #include <algorithm>
 #include <array>
-#include <limits>
 
 namespace {
 
@@ -27,6 +26,12 @@ bool readVersion(const SxString& text, Version* numbers) {
         (*numbers)[static_cast<size_t>(nRead++)] = part.toInt64();
     }
     return nRead > 0;
+}
+
+SxString driveOf(const ZqDiskStatus& disk) {
+    SxString drive = ZqVolume::findDrive(disk);
+    if (!drive.isEmpty()) return drive;
+    throw SxException("Cannot query mount point. Drive was not identified", UNIT, __LINE__);
 }
 
 } // namespace
@@ -83,32 +88,13 @@ bool ZqMountMgr::isDriverVersionAllowed(const SxString& version) {
 }
 
 bool ZqMountMgr::isMounted(const SxString& image) const {
-    ZqFlag flag = 0;
-    try {
-        ZqDriveStatus::require(zqDriveIsMounted(image.utf16().data(), &flag), "TAVRIN Driver error",
-                               __LINE__);
-    } catch (const SxException& e) {
-        throw SxException(e, "Cannot query mount state for image " + image, UNIT, __LINE__);
-    }
-    return flag != 0;
+    ZqDiskStatus disk;
+    return ZqDriveStatus::findDisk(image, &disk);
 }
 
 SxString ZqMountMgr::queryMntPoint(const SxString& image) const {
-    if (!isMounted(image)) return SxString();
-    uint64 id = std::numeric_limits<uint64>::max();
-    try {
-        ZqDriveStatus::require(zqDriveGetDeviceID(image.utf16().data(), &id), ZqDriveStatus::DRIVER_ERROR,
-                               __LINE__);
-    } catch (const SxException& e) {
-        throw SxException(e, "Cannot query device ID for image " + image, UNIT, __LINE__);
-    }
     ZqDiskStatus disk;
-    // The service that gave the id tells of the drive. Another disk may have come in the place of that one.
-    if (ZqVolume::findDisk(image, &disk) && disk.deviceId == id) {
-        SxString drive = ZqVolume::findDrive(disk);
-        if (!drive.isEmpty()) return drive;
-    }
-    throw SxException("Cannot query mount point. Drive was not identified", UNIT, __LINE__);
+    return ZqDriveStatus::findDisk(image, &disk) ? driveOf(disk) : SxString();
 }
 
 SxString ZqMountMgr::queryMountPoint(const SxString& image) const {
@@ -120,10 +106,11 @@ SxString ZqMountMgr::queryMountPoint(const SxString& image) const {
 }
 
 SxString ZqMountMgr::getMntPoint(const SxString& image) const {
-    if (!isMounted(image)) return SxString();
+    ZqDiskStatus disk;
+    if (!ZqDriveStatus::findDisk(image, &disk)) return SxString();
     if (!mntPoint.isEmpty()) return mntPoint;
     try {
-        return queryMntPoint(image);
+        return driveOf(disk);
     } catch (const SxException& e) {
         throw SxException(e, "Cannot query mount point.", UNIT, __LINE__);
     }

@@ -141,10 +141,10 @@ public:
     /// Raises where the image isn't mounted.
     bool isRemovable(const SxString& image) const;
     bool isSuspended(const SxString& image) const;
-    /// Whether a read of a block that isn't there is held; false also where the service fails.
+    /// Whether a read of a block that isn't there is held. Raises where the service can't tell.
     bool isUnderflow(const SxString& image) const;
-    /// The same for who mustn't take the end of an underflow from a service that is silent: raises that with
-    /// the tag ZqVolume::SILENT.
+    /// The same, for who mustn't take the end of an underflow from a service that is silent: what it raises
+    /// has the tag ZqVolume::SILENT then.
     bool askUnderflow(const SxString& image) const;
     bool isMonitored(const SxString& image) const;
     /// Whether a trace record has come since the last question.

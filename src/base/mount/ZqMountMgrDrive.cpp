@@ -54,12 +54,10 @@ void demandAlone(const SxString& words, Call&& call) {
     }
 }
 
-/// What a question about an image gives.
-template<class T>
-T ask(const SxString& image, ZqStatus (*question)(ZqWide, T*), const SxString& words) {
-    T value = 0;
-    demand(words, [&] { return question(image.utf16().data(), &value); });
-    return value;
+/// What the service says of an image's disk in one look; nothing of all where the image isn't mounted.
+ZqDiskStatus stateOf(const SxString& image) {
+    ZqDiskStatus disk;
+    return ZqDriveStatus::findDisk(image, &disk) ? disk : ZqDiskStatus();
 }
 
 /// Makes calls whose failure is raised as one text, that of the cause included.
@@ -72,14 +70,6 @@ auto flattened(const SxString& words, Calls&& calls) {
         if (e.hasTag(ZqVolume::SILENT)) throw SxException(ZqVolume::SILENT, text, UNIT, __LINE__);
         throw SxException(text, UNIT, __LINE__);
     }
-}
-
-uint64 askFlattened(const SxString& image, ZqStatus (*question)(ZqWide, uint64*), const SxString& words) {
-    return flattened(words, [&] {
-        uint64 value = 0;
-        ZqDriveStatus::require(question(image.utf16().data(), &value), BARE_LOWER, __LINE__);
-        return value;
-    });
 }
 
 SxArray<uint64> zeros(int64 count) {
@@ -156,40 +146,31 @@ bool ZqMountMgr::isRemovable(const SxString& image) const {
 }
 
 bool ZqMountMgr::isSuspended(const SxString& image) const {
-    if (!isMounted(image)) return false;
-    ZqFlag flag = 0;
-    ZqDriveStatus::require(zqDriveIsSuspended(image.utf16().data(), &flag),
-                           "Cannot determine suspension state: TAVRIN Driver error", __LINE__);
-    return flag != 0;
+    return stateOf(image).suspended;
 }
 
 bool ZqMountMgr::isUnderflow(const SxString& image) const {
-    ZqFlag flag = 0;
-    return isMounted(image) && zqDriveIsUnderflow(image.utf16().data(), &flag) == 0 && flag != 0;
+    return stateOf(image).underflow;
 }
 
 bool ZqMountMgr::askUnderflow(const SxString& image) const {
-    ZqFlag flag = 0;
-    if (!isMounted(image)) return false;
-    if (zqDriveIsUnderflow(image.utf16().data(), &flag) == 0) return flag != 0;
-    const SxException why = ZqVolume::getLastException(UNIT, __LINE__);
-    if (!why.hasTag(ZqVolume::SILENT)) return false;
-    throw SxException(why, "Cannot query underflow state on image " + image, UNIT, __LINE__);
+    return isUnderflow(image);
 }
 
 bool ZqMountMgr::isMonitored(const SxString& image) const {
-    return isMounted(image) &&
-           ask(image, zqDriveIsMonitored, "Cannot query monitor state on image " + image) != 0;
+    return stateOf(image).monitored;
 }
 
 bool ZqMountMgr::retrieveTraceEvent(const SxString& image) const {
-    return isMounted(image) &&
-           ask(image, zqDriveHasTraceEvent, "Cannot query trace event on image " + image) != 0;
+    if (!isMounted(image)) return false;
+    ZqFlag flag = 0;
+    demand("Cannot query trace event on image " + image,
+           [&] { return zqDriveHasTraceEvent(image.utf16().data(), &flag); });
+    return flag != 0;
 }
 
 uint64 ZqMountMgr::getCursor(const SxString& image) const {
-    if (!isMounted(image)) return 0;
-    return ask(image, zqDriveGetCursor, "Cannot get disk cursor for image " + image);
+    return stateOf(image).cursor;
 }
 
 void ZqMountMgr::setCursor(const SxString& image, uint64 zqfIdx) const {
@@ -205,8 +186,7 @@ void ZqMountMgr::setQACursor(const SxString& image, uint64 zqfIdx) const {
 }
 
 uint64 ZqMountMgr::getSectorSize(const SxString& image) const {
-    if (!isMounted(image)) return 0;
-    return ask(image, zqDriveGetSectorSize, "Cannot query sector size for image " + image);
+    return stateOf(image).sectorSize;
 }
 
 void ZqMountMgr::suspend(const SxString& image) const {
@@ -274,13 +254,17 @@ void ZqMountMgr::monitorOff(const SxString& image) const {
 }
 
 uint64 ZqMountMgr::getUnderflowQueueLen(const SxString& image) const {
-    if (!isMounted(image)) return 0;
-    return askFlattened(image, zqDriveGetOnDemandQueueLen, "Cannot retrieve Underflow queue length");
+    return stateOf(image).queueLength;
 }
 
 uint64 ZqMountMgr::popUnderflowZqFBlock(const SxString& image) const {
     if (!isMounted(image)) return 0;
-    return askFlattened(image, zqDrivePopUnderflowZqFBlock, "Cannot retrieve Underflow block");
+    return flattened("Cannot retrieve Underflow block", [&] {
+        uint64 zqfIdx = 0;
+        ZqDriveStatus::require(zqDrivePopUnderflowZqFBlock(image.utf16().data(), &zqfIdx), BARE_LOWER,
+                               __LINE__);
+        return zqfIdx;
+    });
 }
 
 SxArray<uint64> ZqMountMgr::popUnderflowZqFBlocks(const SxString& image, uint64 count) const {

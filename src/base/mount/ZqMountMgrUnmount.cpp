@@ -15,16 +15,11 @@ namespace {
 
 constexpr const char* UNIT = "src/base/ZqMountMgr";
 
-/// Tells a disk of the image from the next one; 0 where there is none.
-uint64 whenMade(const SxString& image) {
-    ZqDiskStatus disk;
-    return ZqVolume::findDisk(image, &disk) ? disk.madeNs : 0;
-}
-
 /// Whether the disk of that time is no longer the image's; false where the service doesn't say.
 bool hasGone(const SxString& image, uint64 madeNs) {
     try {
-        return whenMade(image) != madeNs;
+        ZqDiskStatus disk;
+        return !ZqVolume::findDisk(image, &disk) || disk.madeNs != madeNs;
     } catch (const SxException&) {
         return false;
     }
@@ -52,31 +47,33 @@ bool ZqMountMgr::umountImage(const SxString& image, bool hardEject) {
     uint64 madeNs = 0;
     bool isReleasing = false;
     try {
-        if (!isMounted(image)) return true;
+        ZqDiskStatus disk;
+        if (!ZqDriveStatus::findDisk(image, &disk)) return true;
         if (ZqVolume::isForeign()) {
             // A service of another version takes nothing but this.
             if (!hardEject) removeRegistryEntries();
             ejectImage(image);
             return true;
         }
-        madeNs = whenMade(image);
+        madeNs = disk.madeNs;
         guardLogging(false);
         failOnUnderflow(image);
-        if (isSuspended(image)) resume(image);
+        if (disk.suspended) resume(image);
         if (hardEject) {
             ejectImage(image);
             return true;
         }
-        if (isMonitored(image)) monitorOff(image);
-        const bool removable = isRemovable(image);
+        if (disk.monitored) monitorOff(image);
         try {
             mntPoint = queryMntPoint(image);
         } catch (const SxException& e) {
             throw SxException(e, "Failed to query mount point for image " + image, UNIT, __LINE__);
         }
+        // Another client's unmount was faster.
+        if (mntPoint.isEmpty()) return true;
         removeRegistryEntries();
         isReleasing = true;
-        const uint64 targetId = releaseVolume(image, removable);
+        const uint64 targetId = releaseVolume(image, disk.removable);
         awaitEnd(image, targetId, madeNs);
         mntPoint = SxString();
         return true;
@@ -154,12 +151,13 @@ void ZqMountMgr::awaitEnd(const SxString& image, uint64 targetId, uint64 madeNs)
     const auto gone = [&] {
         // Another client may mount the image as soon as it is free. That disk must be neither waited for nor
         // ejected when the time is over.
-        const uint64 nowNs = whenMade(image);
-        if (nowNs != 0 && nowNs != madeNs) return true;
+        ZqDiskStatus disk;
+        const bool isThere = ZqVolume::findDisk(image, &disk);
+        if (isThere && disk.madeNs != madeNs) return true;
         // The letter may be another image's by now.
         ZqVolumeIdentity identity;
         const bool isOurs = ZqVolume::queryIdentity(mntPoint, &identity) && identity.targetId == targetId;
-        return !(isOurs && SxFSAction::test_f(mntPoint + MARKER)) && !isMounted(image);
+        return !(isOurs && SxFSAction::test_f(mntPoint + MARKER)) && !isThere;
     };
     // The limit counts from the last progress: a slow disk may take any time for what programs have written.
     SxDeadline deadline(LIMIT * PASS_MS);

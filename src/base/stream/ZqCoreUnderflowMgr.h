@@ -38,8 +38,8 @@ class ZqUnderflowFigures;
 /// back before its time, after a failure, after a restart.
 ///
 /// It waits in looks of 10 ms: within the second of a turn with an underflow, the half second of a
-/// minimising, the tenths of the delay before the window search. An idle turn costs three calls of the drive
-/// service, a pass seven and one for each stretch. What has just been asked isn't asked again. Durations are
+/// minimising, the tenths of the delay before the window search. An idle turn costs two calls of the drive
+/// service, a pass five and one for each stretch. What has just been asked isn't asked again. Durations are
 /// taken on the steady clock, since the system's may jump.
 ///
 /// The queries, stop(), maximizeApp(), setRangeSource() and setDownloadParams() are safe from any thread;

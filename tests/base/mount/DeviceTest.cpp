@@ -206,15 +206,15 @@ TEST(Unmount, EveryFailureEjects) {
         const char* logged;
     };
     const Case cases[] = {
-        {"IsMounted", 1, "Cannot query mount state for image $: TAVRIN Driver error: why", "is ejected"},
+        {"FindDisk", 1, "Cannot query mount state for image $: TAVRIN Driver error: why", "is ejected"},
         {"SetLogging", 1, "Failed to disable guard logging: why", "is ejected"},
         {"SetFailOnUnderflow", 1, "Cannot set underflow mode to fail on image $" + bare, "is ejected"},
-        {"IsSuspended", 1, "Cannot determine suspension state: TAVRIN Driver error: why", "is ejected"},
         {"Resume", 1, "Cannot resume disk for image $: why", "is ejected"},
         {"MonitorOff", 1, "Cannot disable monitoring on image $" + bare, "is ejected"},
-        {"IsRemovable", 1, "Cannot determine removable state: TAVRIN Driver error: why", "is ejected"},
-        {"GetDeviceID", 1,
-         "Failed to query mount point for image $: Cannot query device ID for image $" + bare, "is ejected"},
+        {"FindDisk", 5,
+         "Failed to query mount point for image $: Cannot query mount state for image $: TAVRIN Driver "
+         "error: why",
+         "is ejected"},
         {"queryIdentity", 1,
          "Cannot open device handle for \\\\.\\E:", "ERROR: Could not open ZqDD device (E:) for umount."},
         {"dismount", 1, "Cannot dismount volume for E:: why", "ERROR: IOCTL cannot dismount volume: why"},
@@ -271,9 +271,9 @@ TEST(Unmount, EveryFailureEjects) {
         machine.driver.nextMadeNs = 2;
         machine.driver.notes.clear();
         machine.driver.onCall = [&](const std::string& name) {
-            if (name == "IsRemovable") machine.driver.releasedAt = machine.elapsedMs();
+            if (name == "SetFailOnUnderflow") machine.driver.releasedAt = machine.elapsedMs();
         };
-        machine.driver.fail("IsRemovable", 1, "why");
+        machine.driver.fail("SetFailOnUnderflow", 1, "why");
         EXPECT_TRUE(machine.mgr.umountImage(machine.image, false));
         EXPECT_THAT(machine.driver.notes, testing::Not(testing::Contains("EjectImage")));
     }
@@ -285,6 +285,7 @@ TEST(Unmount, EveryFailureEjects) {
                   "Cannot umount image " + machine.name +
                       ": Timeout while waiting for dismounting logical drive");
         EXPECT_EQ(machine.elapsedMs(), 60'000);
-        EXPECT_EQ(machine.driver.notes.back(), "EjectImage");
+        EXPECT_EQ(machine.driver.notes.back(), files ? "ejectMedia E:" : "EjectImage")
+            << "a disk that has gone isn't ejected";
     }
 }

@@ -23,34 +23,30 @@ struct Operation {
 std::vector<Operation> operations(const std::string& image) {
     using M = const ZqMountMgr&;
     using S = const SxString&;
+    const std::string state = "Cannot query mount state for image " + image;
     const std::string block = "Cannot retrieve Underflow block";
     return {
-        {"IsMounted", [](M m, S i) { m.isMounted(i); }, "Cannot query mount state for image " + image, Caused,
-         false},
+        {"FindDisk", [](M m, S i) { EXPECT_FALSE(m.isMounted(i)); }, state},
+        {"FindDisk", [](M m, S i) { EXPECT_FALSE(m.isSuspended(i)); }, state},
+        {"FindDisk", [](M m, S i) { EXPECT_FALSE(m.isUnderflow(i)); }, state},
+        {"FindDisk", [](M m, S i) { EXPECT_FALSE(m.isMonitored(i)); }, state},
+        {"FindDisk", [](M m, S i) { EXPECT_EQ(m.getCursor(i), 0U); }, state},
+        {"FindDisk", [](M m, S i) { EXPECT_EQ(m.getSectorSize(i), 0U); }, state},
+        {"FindDisk", [](M m, S i) { EXPECT_EQ(m.getUnderflowQueueLen(i), 0U); }, state},
         {"IsRemovable", [](M m, S i) { m.isRemovable(i); },
          "Cannot determine removable state: TAVRIN Driver error", Alone, false},
-        {"IsSuspended", [](M m, S i) { EXPECT_FALSE(m.isSuspended(i)); },
-         "Cannot determine suspension state: TAVRIN Driver error", Alone},
-        {"IsMonitored", [](M m, S i) { EXPECT_FALSE(m.isMonitored(i)); },
-         "Cannot query monitor state on image " + image},
         {"HasTraceEvent", [](M m, S i) { EXPECT_FALSE(m.retrieveTraceEvent(i)); },
          "Cannot query trace event on image " + image},
-        {"GetCursor", [](M m, S i) { EXPECT_EQ(m.getCursor(i), 0U); },
-         "Cannot get disk cursor for image " + image},
         {"SetCursor", [](M m, S i) { m.setCursor(i, 9); },
          "Cannot set disk cursor for image " + image + " to idx 9"},
         {"SetQACursor", [](M m, S i) { m.setQACursor(i, 8); },
          "Cannot set disk QA cursor for image " + image + " to idx 8"},
-        {"GetSectorSize", [](M m, S i) { EXPECT_EQ(m.getSectorSize(i), 0U); },
-         "Cannot query sector size for image " + image},
         {"Suspend", [](M m, S i) { m.suspend(i); }, "Cannot suspend disk for image " + image, Alone},
         {"Resume", [](M m, S i) { m.resume(i); }, "Cannot resume disk for image " + image, Alone},
         {"SetFailOnUnderflow", [](M m, S i) { m.failOnUnderflow(i); },
          "Cannot set underflow mode to fail on image " + image},
         {"FlushTWToImage", [](M m, S i) { m.flushTW(i); }, "Cannot flush TW layer to image " + image},
         {"MonitorOff", [](M m, S i) { m.monitorOff(i); }, "Cannot disable monitoring on image " + image},
-        {"GetOnDemandQueueLen", [](M m, S i) { EXPECT_EQ(m.getUnderflowQueueLen(i), 0U); },
-         "Cannot retrieve Underflow queue length", Flat},
         {"PopUnderflowZqFBlock", [](M m, S i) { EXPECT_EQ(m.popUnderflowZqFBlock(i), 0U); }, block, Flat},
         {"PopUnderflowZqFBlocks",
          [](M m, S i) {
@@ -131,11 +127,6 @@ TEST(DriveState, EveryFailureHasItsWords) {
     driver.notes.clear();
     machine.mgr.setCacheSize(-(int64{1} << 32) - 1);
     EXPECT_THAT(driver.notes, ElementsAre("SetCacheSize 0"));
-    driver.mounted = true;
-    driver.queue = {1};
-    EXPECT_TRUE(machine.mgr.isUnderflow(machine.image));
-    driver.fail("IsUnderflow");
-    EXPECT_FALSE(machine.mgr.isUnderflow(machine.image));
 }
 
 TEST(DriveState, ValuesPassThrough) {
@@ -143,7 +134,17 @@ TEST(DriveState, ValuesPassThrough) {
     ScriptedDriver& driver = machine.driver;
     driver.mounted = true;
     driver.image = machine.name;
+    driver.suspended = driver.monitored = true;
+    driver.queue = {1, 2};
+    driver.cursor = 5;
+    const int64 nCalls = driver.nCalls;
+    EXPECT_TRUE(machine.mgr.isSuspended(machine.image) && machine.mgr.isMonitored(machine.image));
+    EXPECT_TRUE(machine.mgr.isUnderflow(machine.image) && machine.mgr.askUnderflow(machine.image));
+    EXPECT_EQ(machine.mgr.getCursor(machine.image), 5U);
     EXPECT_EQ(machine.mgr.getSectorSize(machine.image), 4096U);
+    EXPECT_EQ(machine.mgr.getUnderflowQueueLen(machine.image), 2U);
+    EXPECT_EQ(machine.mgr.getMntPoint(machine.image), "E:");
+    EXPECT_EQ(driver.nCalls - nCalls, 8) << "one look for each answer";
     EXPECT_EQ(machine.mgr.getRequestData(machine.image), (SxArray<uint64>{8192, 4096}));
     for (const char* version : {"3.4.10", "123456789", "1234567890"}) {
         driver.version = version;
@@ -196,13 +197,9 @@ TEST(DriveState, FindsItsDriveAmongOthers) {
     const std::string cause = ": Cannot query mount point. Drive was not identified";
     EXPECT_EQ(failureOf([&] { machine.mgr.queryMountPoint(machine.image); }), words + cause);
     EXPECT_EQ(failureOf([&] { machine.mgr.getMntPoint(machine.image); }), words + "." + cause);
-    driver.hasLink = true;
-    driver.deviceId = 8;
-    EXPECT_EQ(failureOf([&] { machine.mgr.queryMountPoint(machine.image); }), words + cause)
-        << "another disk has come in its place";
-    driver.fail("GetDeviceID", 1, "why");
+    driver.fail("FindDisk", 1, "why");
     EXPECT_EQ(failureOf([&] { machine.mgr.queryMntPoint(machine.image); }),
-              "Cannot query device ID for image " + machine.name + ": TAVRIN Driver Error: why");
+              "Cannot query mount state for image " + machine.name + ": TAVRIN Driver error: why");
     EXPECT_EQ(machine.mgr.getDevId(machine.image), -1);
     EXPECT_EQ(machine.nLogged("Cannot obtain device id."), 1);
 }

@@ -33,7 +33,7 @@ TEST(Underflow, NoneAtAll) {
     const int64 nCalls = run.driver.nCalls;
     run.sleep(30000);
     EXPECT_TRUE(run.mgr->isRunning());
-    EXPECT_LE(run.driver.nCalls - nCalls, 2 * 3000 + 2) << "two calls for each look";
+    EXPECT_LE(run.driver.nCalls - nCalls, 3000 + 2) << "one call for each look";
     EXPECT_EQ(run.desktop.nSearches, 0);
     const int64 t0 = run.nowMs();
     run.stop();
@@ -160,9 +160,8 @@ TEST(Underflow, AFailureEndsTheRunWithAReport) {
         const char* text;
     };
     const Case cases[] = {
-        {"IsMounted", 1, "Cannot query mount state for image "},
-        {"IsMounted", 300, "Cannot query mount state for image "},
-        {"IsSuspended", 1, "Cannot determine suspension state: TAVRIN Driver error"},
+        {"FindDisk", 1, "Cannot query mount state for image "},
+        {"FindDisk", 300, "Cannot query mount state for image "},
         {"Suspend", 1, "Cannot suspend disk for image "},
         {"Resume", 1, "Cannot resume disk for image "},
         {"getTitle", 1, "App minimization failed"},
@@ -181,7 +180,7 @@ TEST(Underflow, AFailureEndsTheRunWithAReport) {
         EXPECT_FALSE(run.mgr->hasException());
         EXPECT_GE(run.nLogged(MAIN + c.text), 1);
         EXPECT_EQ(run.nLogged("Total 1 requests."), 1);
-        const bool canResume = c.call != std::string("IsMounted") && c.call != std::string("Resume");
+        const bool canResume = c.call != std::string("FindDisk") && c.call != std::string("Resume");
         EXPECT_FALSE(canResume && run.driver.suspended);
     }
 }
@@ -193,11 +192,14 @@ TEST(Underflow, ASilentServiceChangesNothing) {
         bool isDownloaded; ///< by the ordered download, in the end
     };
     const Case cases[] = {
-        {"IsMounted", 1, false},           {"IsMounted", 300, true},
-        {"IsUnderflow", 1, false},         {"IsUnderflow", 2, true},
-        {"IsUnderflow", 300, false},       {"Suspend", 1, false},
-        {"IsSuspended", 1, true},          {"Resume", 1, true},
-        {"GetOnDemandQueueLen", 1, false}, {"PopUnderflowZqFBlocks", 2, false},
+        {"FindDisk", 1, false},
+        {"FindDisk", 2, true},
+        {"FindDisk", 4, false},
+        {"FindDisk", 300, true},
+        {"FindDisk", 301, false},
+        {"Suspend", 1, false},
+        {"Resume", 1, true},
+        {"PopUnderflowZqFBlocks", 2, false},
         {"ResolveUnderflow", 1, false},
     };
     for (const Case& c : cases) {
@@ -242,9 +244,9 @@ TEST(Underflow, WhatAFailureLeavesOpenIsGoneOnWith) {
         SCOPED_TRACE(isOver ? "over meanwhile" : "still there");
         HardRun run(false);
         run.sleep(2500);
-        run.driver.fail("IsMounted", 1, "why");
+        run.driver.fail("FindDisk", 1, "why");
         EXPECT_TRUE(run.await([&] { return !run.mgr->isRunning(); }, 1500));
-        run.driver.mend("IsMounted");
+        run.driver.mend("FindDisk");
         EXPECT_TRUE(run.mgr->isUnderflow() && run.mgr->isMinimized());
         if (isOver) run.driver.queue.clear();
         run.mgr->wait();

@@ -306,10 +306,10 @@ TEST(TraceBuilder, GivesUpAndTouchesNothing) {
                     AllOf(HasSubstr("' is in use by process"), HasSubstr("(" + std::string(job) + ")")));
     }
     bool stopped = false;
-    sweep.driver.fail("IsMounted");
+    sweep.driver.fail("FindDisk");
     EXPECT_THAT(sweep.sweep(&stopped), StartsWith("Trace builder failed."));
     EXPECT_TRUE(stopped);
-    sweep.driver.mend("IsMounted");
+    sweep.driver.mend("FindDisk");
     for (const char* name : {"", ".", "..", "x/y", "../traces"})
         EXPECT_THAT(sweep.sweep(nullptr, name), HasSubstr("is no name for a trace folder")) << name;
     sweep.dir.write(sweep.traces + "letters/dear.txt", "precious");

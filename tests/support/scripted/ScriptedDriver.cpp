@@ -152,32 +152,11 @@ ZqStatus zqDriveEjectImage(ZqWide image) {
     return 0;
 }
 
-ZqStatus zqDriveIsMounted(ZqWide image, ZqFlag* flag) {
-    return answer("IsMounted", image, flag, ScriptedDriver::get().mounted);
-}
 ZqStatus zqDriveIsRemovable(ZqWide image, ZqFlag* flag) {
     return answer("IsRemovable", image, flag, ScriptedDriver::get().removable);
 }
-ZqStatus zqDriveIsSuspended(ZqWide image, ZqFlag* flag) {
-    return answer("IsSuspended", image, flag, ScriptedDriver::get().suspended);
-}
-ZqStatus zqDriveIsUnderflow(ZqWide image, ZqFlag* flag) {
-    return answer("IsUnderflow", image, flag, !ScriptedDriver::get().queue.empty());
-}
-ZqStatus zqDriveIsMonitored(ZqWide image, ZqFlag* flag) {
-    return answer("IsMonitored", image, flag, ScriptedDriver::get().monitored);
-}
 ZqStatus zqDriveHasTraceEvent(ZqWide image, ZqFlag* flag) {
     return answer("HasTraceEvent", image, flag, ScriptedDriver::get().monitored);
-}
-ZqStatus zqDriveGetDeviceID(ZqWide image, uint64* id) {
-    return answer("GetDeviceID", image, id, DEVICE_ID);
-}
-ZqStatus zqDriveGetSectorSize(ZqWide image, uint64* bytes) {
-    return answer("GetSectorSize", image, bytes, 4096);
-}
-ZqStatus zqDriveGetCursor(ZqWide image, uint64* zqfIdx) {
-    return answer("GetCursor", image, zqfIdx, ScriptedDriver::get().cursor);
 }
 ZqStatus zqDriveSetCursor(ZqWide image, uint64 zqfIdx) {
     ScriptedDriver::get().cursor = zqfIdx;
@@ -198,9 +177,6 @@ ZqStatus zqDriveResume(ZqWide image) {
 }
 ZqStatus zqDriveSetFailOnUnderflow(ZqWide image) {
     return act("SetFailOnUnderflow", image);
-}
-ZqStatus zqDriveGetOnDemandQueueLen(ZqWide image, uint64* nBlocks) {
-    return answer("GetOnDemandQueueLen", image, nBlocks, ScriptedDriver::get().queue.size());
 }
 ZqStatus zqDrivePopUnderflowZqFBlock(ZqWide image, uint64* zqfIdx) {
     const std::vector<uint64> next = ScriptedDriver::get().pop(1);
@@ -304,13 +280,22 @@ SxString ZqVolume::getLabel(const SxString& drive) {
 void ZqVolume::setLabel(const SxString& drive, const SxString& label) {
     ScriptedDriver::get().enter("setLabel", "setLabel " + drive.str() + " " + label.str());
 }
-bool ZqVolume::findDisk(const SxString&, ZqDiskStatus* status) {
-    status->failure = ScriptedDriver::get().diskFailure;
-    status->deviceId = ScriptedDriver::get().deviceId;
-    status->drive = ScriptedDriver::get().drive;
+bool ZqVolume::findDisk(const SxString& image, ZqDiskStatus* status) {
+    ScriptedDriver& driver = ScriptedDriver::get();
+    if (!enter("FindDisk", image.utf16().data())) throw getLastException("ScriptedDriver", __LINE__);
+    const bool isNext = driver.releasedAt >= 0 && driver.nextMadeNs != 0;
+    if (!driver.mounted && !isNext) return false;
+    status->failure = driver.diskFailure;
+    status->drive = driver.drive;
     status->mountPath = "/mounted";
-    const ScriptedDriver& driver = ScriptedDriver::get();
-    status->madeNs = driver.releasedAt < 0 || driver.nextMadeNs == 0 ? 1 : driver.nextMadeNs;
+    status->madeNs = isNext ? driver.nextMadeNs : 1;
+    status->removable = driver.removable;
+    status->suspended = driver.suspended;
+    status->monitored = driver.monitored;
+    status->underflow = !driver.queue.empty();
+    status->queueLength = driver.queue.size();
+    status->cursor = driver.cursor;
+    status->sectorSize = 4096;
     return true;
 }
 bool ZqVolume::isForeign() {

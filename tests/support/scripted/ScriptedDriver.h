@@ -46,7 +46,6 @@ public:
     int64 letterAfter = 0, filesAfter = 0, guardAfter = 0, goneAfter = 0, markerStays = 0;
     SxString drive = "E:"; ///< what the service says; its link leads there unless `hasLink` says otherwise
     bool hasLink = true;
-    uint64 deviceId = 7;
     /// What the service says of it once it was released: the time of the disk that another client has made
     /// then.
     uint64 nextMadeNs = 0;
