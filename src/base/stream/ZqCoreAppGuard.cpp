@@ -2,11 +2,11 @@
 
 #include "SxOs.h"
 #include "SxTime.h"
+#include "ZqAppCommand.h"
 #include "ZqJobFailure.h"
 #include "ZqLog.h"
-#include "ZqMachineRoot.h"
+#include "ZqNamedProcess.h"
 #include "ZqSysEnv.h"
-#include "ZqWine.h"
 
 namespace {
 
@@ -28,46 +28,16 @@ constexpr int64 CALM_LOOK_MS = 50;
 /// its read does, which can take for ever, and a stop must not wait for that.
 constexpr int64 KILLED_MS = 500;
 
-bool hasDriveLetter(const SxString& text) {
-    const std::string& t = text.str();
-    const auto isLetter = [](char c) { return (c | 0x20) >= 'a' && (c | 0x20) <= 'z'; };
-    return t.size() > 1 && t[1] == ':' && isLetter(t[0]) && (t.size() == 2 || t[2] == '/' || t[2] == '\\');
-}
-
-/// A path on a drive in the drive's own spelling, with backslashes. Any other path keeps its slashes, since
-/// backslashes would be parts of names there.
-SxString resolve(const SxString& text, const SxString& drive) {
-    const SxString path = text.substitute(ZqCoreAppGuard::DRIVE_MARK, drive);
-    return hasDriveLetter(path) ? ZqSysEnv::unifyBackslashes(path) : path;
-}
-
-/// The folder of a program, with its separator; empty for a name that is looked for in $PATH.
-SxString folderOf(const SxString& program) {
-    const size_t end = program.str().rfind(hasDriveLetter(program) ? '\\' : '/');
-    return end == std::string::npos ? SxString() : SxString(program.str().substr(0, end + 1));
-}
-
-bool isWindowsProgram(const SxString& program) {
-    return program.changeCase(false).endsWith(".exe");
-}
-
-/// The drive as a program of this system knows it.
-SxString hostDrive(const SxString& drive) {
-    if (!hasDriveLetter(drive)) return drive;
-    std::string folder = SxOs::hostPath(drive);
-    while (folder.size() > 1 && folder.back() == '/')
-        folder.pop_back();
-    return folder;
-}
-
 } // namespace
 
 ZqCoreAppGuard::ZqCoreAppGuard(const SxString& path_, const ZqAppParams& params, const SxString& drive,
                                SxWinProcParams procParams)
     : path(path_),
-      appParams(params) {
+      appParams(params),
+      command(SxPtr<ZqAppCommand>::create(params, drive, DRIVE_MARK, std::move(procParams))),
+      process(command->getProcess()),
+      named(SxPtr<ZqNamedProcess>::create(params.name, process)) {
     setThreadName("app guard");
-    prepareProcess(drive, std::move(procParams));
 }
 
 ZqCoreAppGuard::ZqCoreAppGuard(const SxString& path_, const ZqAppParams& params,
@@ -77,35 +47,6 @@ ZqCoreAppGuard::ZqCoreAppGuard(const SxString& path_, const ZqAppParams& params,
       group(adopted) {
     setThreadName("app guard");
     suspendedFlag = adopted.isSuspended();
-}
-
-void ZqCoreAppGuard::prepareProcess(const SxString& drive, SxWinProcParams procParams) {
-    procParams.path = resolve(procParams.path, drive);
-    procParams.workDir =
-        procParams.workDir.isEmpty() ? folderOf(procParams.path) : resolve(procParams.workDir, drive);
-    SxString program = procParams.path;
-    SxList<SxString> arguments;
-    if (isWindowsProgram(program)) {
-        needsWine = program;
-        arguments << "WINEPREFIX=" + ZqMachineRoot::get() << SxString("wine") << program
-                  << argumentsOf(procParams, drive);
-        program = "env";
-    } else {
-        arguments = argumentsOf(procParams, hostDrive(drive));
-    }
-    process = SxPtr<SxProcess>::create(program, arguments);
-    process->setWorkingDirectory(procParams.workDir);
-    process->setWinProcParams(procParams);
-}
-
-/// The parameters have the arguments as one text with blanks. Where that is the record's, the record's list
-/// is taken: the text would cut an argument that holds a blank.
-SxList<SxString> ZqCoreAppGuard::argumentsOf(const SxWinProcParams& procParams, const SxString& drive) const {
-    const bool isRecords = procParams.args == SxString::join(appParams.args, " ");
-    SxList<SxString> arguments;
-    for (const SxString& argument : isRecords ? appParams.args : procParams.args.tokenize(' '))
-        arguments << argument.substitute(DRIVE_MARK, drive);
-    return arguments;
 }
 
 void ZqCoreAppGuard::start(Priority priority) {
@@ -151,11 +92,7 @@ int ZqCoreAppGuard::follow() {
 }
 
 void ZqCoreAppGuard::startProcess() {
-    if (!needsWine.isEmpty() && !ZqWine::isInstalled()) {
-        throw SxException("'" + needsWine + "' is a Windows program, and there is no wine to run it with",
-                          UNIT, __LINE__);
-    }
-    process->start();
+    command->start();
     noteGroup(process->getGroup());
 }
 
@@ -196,7 +133,7 @@ int ZqCoreAppGuard::followNamed() {
     awaitDelay();
     int64 id = -1;
     for (int64 i = 0; i < N_SEARCHES && id < 0 && !stopRequested(); ++i)
-        id = awaitNamed(SECOND_MS);
+        id = named->await(SECOND_MS, [this] { return stopRequested(); });
     searchFlag = false;
     const auto tell = [&] {
         zqLogMsg("base", SxString(PREFIX) + "Process " + appParams.name + " identified as PID " + id);
@@ -213,7 +150,7 @@ int ZqCoreAppGuard::followNamed() {
         if (!application.isOpen()) {
             zqLogMsg("base", SxString(PREFIX) + "Failed to open handle to " + appParams.name + " process.");
         }
-        noteGroup(newGroupOf(id));
+        noteGroup(named->groupOf(id));
         applicationFlag = application.isOpen();
         followByName(application);
         applicationFlag = false;
@@ -230,8 +167,8 @@ int ZqCoreAppGuard::followNamed() {
 void ZqCoreAppGuard::followByName(const SxOtherProcess& first) {
     awaitEnd(first);
     // A game that starts itself anew goes on under the same name. The exit code stays that of the first.
-    for (int64 id = findNamed(); id >= 0 && !stopRequested(); id = findNamed()) {
-        noteGroup(newGroupOf(id));
+    for (int64 id = named->find(); id >= 0 && !stopRequested(); id = named->find()) {
+        noteGroup(named->groupOf(id));
         awaitEnd(SxOtherProcess(id));
         SxWait::pass(POLL_MS, [this] { return stopRequested(); });
     }
@@ -312,50 +249,6 @@ SxString ZqCoreAppGuard::shownName() const {
     return parts.isEmpty() ? appParams.cmd : parts.last();
 }
 
-/// Whether the command can have started it: a process of the user, or one that descends from this program,
-/// which began no earlier than the command. So a stop never ends what the user ran before.
-bool ZqCoreAppGuard::isOurs(const SxProcessInfo& info) const {
-    const bool isUsers = info.user == SxProcessInfo::ownUser() || info.isDescendant();
-    const SxProcessGroup ours = process->getGroup();
-    return isUsers && info.isRunning() && ours.isValid() && info.startTime >= ours.getStartTime();
-}
-
-/// The group of a process, if all of that can be the application's; else no group.
-SxProcessGroup ZqCoreAppGuard::newGroupOf(int64 id) const {
-    const SxProcessGroup found = SxProcessGroup::of(id);
-    const bool isNew = found.getStartTime() >= process->getGroup().getStartTime();
-    return isNew ? found : SxProcessGroup();
-}
-
-/// The process of that name: one of the command's group first, then any that descends from this program,
-/// then any of the user that started since; -1 if there is none.
-int64 ZqCoreAppGuard::findNamed() const {
-    int64 best = -1;
-    int bestRank = 0;
-    const int64 ownGroup = process->getGroup().getId();
-    for (const int id : ZqSysEnv::getProcessIDs(appParams.name)) {
-        SxProcessInfo info;
-        if (!SxProcessInfo::get(id, &info) || !isOurs(info)) continue;
-        const int rank = info.group == ownGroup ? 3 : info.isDescendant() ? 2 : 1;
-        if (rank <= bestRank) continue;
-        best = id;
-        bestRank = rank;
-    }
-    return best;
-}
-
-int64 ZqCoreAppGuard::awaitNamed(int64 limitMs) const {
-    int64 id = -1;
-    SxWait::pass(
-        limitMs,
-        [&] {
-            id = findNamed();
-            return id >= 0 || stopRequested();
-        },
-        SEARCH_LOOK_MS);
-    return id;
-}
-
 /// Looks for the process of that name, once a second, as long as the command runs. On a slow link a launcher
 /// may take longer to load than the first minute, and the drive would be taken from under its game.
 int64 ZqCoreAppGuard::awaitLateNamed() const {
@@ -363,7 +256,7 @@ int64 ZqCoreAppGuard::awaitLateNamed() const {
     while (id < 0 && !stopRequested() && process->isRunning()) {
         SxWait::pass(SECOND_MS, [this] { return stopRequested() || !process->isRunning(); });
         collect(-1);
-        id = findNamed();
+        id = named->find();
     }
     return stopRequested() ? -1 : id;
 }
@@ -410,9 +303,9 @@ void ZqCoreAppGuard::stop() {
 }
 
 void ZqCoreAppGuard::killNamed() const {
-    const int64 id = findNamed();
+    const int64 id = named->find();
     if (id < 0) return;
-    newGroupOf(id).kill();
+    named->groupOf(id).kill();
     ZqSysEnv::killProcess(static_cast<int>(id));
 }
 
@@ -420,12 +313,12 @@ void ZqCoreAppGuard::killNamed() const {
 bool ZqCoreAppGuard::setSuspended(bool on, const SxString& prefix) const {
     if (!isAdopted() && !appParams.name.isEmpty()) {
         zqLogMsg("base", prefix + (on ? "suspending" : "Resuming") + " [" + appParams.name + "]");
-        const int64 id = awaitNamed(SECOND_MS);
+        const int64 id = named->await(SECOND_MS, [this] { return stopRequested(); });
         if (id < 0) {
             zqLogMsg("base", prefix + "Target process not found");
             return false;
         }
-        const SxProcessGroup whole = newGroupOf(id);
+        const SxProcessGroup whole = named->groupOf(id);
         const SxOtherProcess alone(id);
         if (whole.isValid()) {
             on ? whole.suspend() : whole.resume();

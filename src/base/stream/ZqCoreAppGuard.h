@@ -8,6 +8,9 @@
 
 #include <atomic>
 
+class ZqAppCommand;
+class ZqNamedProcess;
+
 /// Starts the streamed application, follows it to its end, and gives its exit code. Where the record names a
 /// process, the command is only a launcher: the process is found by that name and followed. A command that
 /// ends with 0 while others of its group go on hands over to these, also where the record names no process:
@@ -81,8 +84,6 @@ protected:
     void main() override;
 
 private:
-    void prepareProcess(const SxString& drive, SxWinProcParams procParams);
-    SxList<SxString> argumentsOf(const SxWinProcParams& procParams, const SxString& drive) const;
     int follow();
     int followCommand();
     int followNamed();
@@ -98,10 +99,6 @@ private:
     void collect(int64 followedId) const;
 
     SxString shownName() const;
-    bool isOurs(const SxProcessInfo& info) const;
-    SxProcessGroup newGroupOf(int64 id) const;
-    int64 findNamed() const;
-    int64 awaitNamed(int64 limitMs) const;
     int64 awaitLateNamed() const;
     void noteGroup(const SxProcessGroup& newGroup);
     void killNamed() const;
@@ -109,8 +106,10 @@ private:
 
     const SxString path;
     const ZqAppParams appParams;
-    SxPtr<SxProcess> process;
-    SxString needsWine; ///< the program, where it is one for Wine
+    // Null for an adopted application.
+    const SxPtr<ZqAppCommand> command;
+    const SxPtr<SxProcess> process; ///< that of the command
+    const SxPtr<ZqNamedProcess> named;
 
     std::atomic<bool> begunFlag{false}, runningFlag{false}, stopFlag{false}, suspendedFlag{false},
         searchFlag{false}, missedFlag{false}, applicationFlag{false};
