@@ -3,6 +3,7 @@
 #include "SxString.h"
 #include "ZqBlocks.h"
 
+#include <cstring>
 #include <string>
 
 /// The form of `img.zqf.zst`, as docs/file-formats.md has it: one Zstandard frame (RFC 8878) for each
@@ -30,5 +31,19 @@ inline std::string origin(const SxString& md5) {
     append(&bytes, ORIGIN_MAGIC);
     append(&bytes, ORIGIN_SIZE - HEADER_SIZE);
     return bytes + "md5=" + md5.str();
+}
+
+/// Whether the packed form that begins with these bytes says that it is of such an image.
+inline bool isStatedOf(const SxString& md5, const char* bytes, int64 n) {
+    const std::string known = origin(md5);
+    return !md5.isEmpty() && n >= ORIGIN_SIZE && std::memcmp(bytes, known.data(), known.size()) == 0;
+}
+
+/// Whether it may be; one that says nothing counts as it.
+inline bool mayBeOf(const SxString& md5, const char* bytes, int64 n) {
+    const std::string known = origin(md5);
+    const bool isSilent =
+        md5.isEmpty() || n < HEADER_SIZE || std::memcmp(bytes, known.data(), HEADER_SIZE) != 0;
+    return isSilent || isStatedOf(md5, bytes, n);
 }
 } // namespace ZqPackedForm

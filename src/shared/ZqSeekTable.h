@@ -33,6 +33,10 @@ public:
     bool hasChecksums() const noexcept { return checksums; }
     /// Whether both have checksums, and these are of the same decoded bytes, however they were packed.
     bool hasSameChecksums(const ZqSeekTable& other) const;
+    /// Whether a frame decodes to these bytes, by its checksum.
+    bool isRight(uint64 frameIdx, const SxArray<char>& bytes) const {
+        return getFrame(frameIdx).checksum == checksumOf(bytes.data(), bytes.getSize());
+    }
     /// The checksum of a frame that decodes to these bytes.
     static uint32 checksumOf(const char* bytes, int64 n) noexcept;
 

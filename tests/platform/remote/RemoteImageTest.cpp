@@ -1,6 +1,5 @@
 #include "Builders.h"
 #include "Failure.h"
-#include "FaultOs.h"
 #include "NetLab.h"
 #include "RemoteImageReading.h"
 #include "SxClock.h"
@@ -9,7 +8,6 @@
 #include "TempDir.h"
 #include "ZqFileServer.h"
 #include "ZqRemoteImage.h"
-#include "ZqStretchStore.h"
 
 #include <algorithm>
 #include <gmock/gmock.h>
@@ -35,10 +33,7 @@ protected:
     void pack(bool hasChecksums = true, const std::string& md5 = "") {
         dir.write("img.zqf.zst", PackedImage(zqf, hasChecksums, md5).bytes());
     }
-    ImagePtr open(uint64 size = 0) {
-        return ImagePtr::create(SxPtr<ZqNetLink>::create(quickSettings()), server.getUrl(),
-                                size == 0 ? zqf.size() : size);
-    }
+    ImagePtr open(uint64 size = 0) { return imageAt(server.getUrl(), size == 0 ? zqf.size() : size); }
     /// Waits until the table is there, so that what follows is sure to take the packed form.
     static void awaitTable(ZqRemoteImage& image) {
         image.announce({}, {});
@@ -130,7 +125,7 @@ TEST(RemoteImageFrame, isFetchedAgainOnce) {
     std::atomic<int> nBad{1}, nBroken{0};
     const ScriptedServer server([&](const std::string& request) {
         if (request.find("img.zqf.zst") == std::string::npos) {
-            return std::string("HTTP/1.1 404 Not Found\r\nContent-Length: 0\r\n\r\n");
+            return statusOnly("404 Not Found");
         }
         const uint64 tailAt = packed.size() - ZqSeekTable::maxTail(zqf.size());
         const bool isTable = request.find("bytes=" + std::to_string(tailAt) + "-") != std::string::npos;
@@ -146,14 +141,14 @@ TEST(RemoteImageFrame, isFetchedAgainOnce) {
     image.announce({}, {});
     ASSERT_TRUE(SxWait::pass(5000, [&] { return image.getFigures().isPacked; }));
     nBad = 1;
-    EXPECT_TRUE(readOf(image, STRETCH, STRETCH) == zqf.substr(STRETCH, STRETCH));
+    EXPECT_TRUE(readsRight(image, zqf, 1));
     EXPECT_LE(nBad, 0);
     // A stretch that somebody has found to be wrong comes anew.
     const size_t nRequests = server.requests().size();
-    EXPECT_TRUE(readOf(image, STRETCH, STRETCH) == zqf.substr(STRETCH, STRETCH));
+    EXPECT_TRUE(readsRight(image, zqf, 1));
     EXPECT_EQ(server.requests().size(), nRequests);
     image.forget(STRETCH, STRETCH);
-    EXPECT_TRUE(readOf(image, STRETCH, STRETCH) == zqf.substr(STRETCH, STRETCH));
+    EXPECT_TRUE(readsRight(image, zqf, 1));
     EXPECT_GT(server.requests().size(), nRequests);
     // The table comes late, but it comes, where more answers are broken than a range is tried for.
     nBroken = 2 * static_cast<int>(quickSettings().nRangeTries);
@@ -169,7 +164,7 @@ class RemoteImagePlain : public testing::Test {
 protected:
     std::string answer(const std::string& request) {
         const bool isPacked = request.find("img.zqf.zst HTTP") != std::string::npos;
-        if (isPacked && isHeld) return "HTTP/1.1 503 Busy\r\nContent-Length: 0\r\n\r\n";
+        if (isPacked && isHeld) return statusOnly("503 Busy");
         if (!isPacked) ++nPlain;
         return ScriptedServer::ranged(request, isPacked ? (isPackedBad ? badPacked : packed) : badPlain);
     }
@@ -193,8 +188,7 @@ protected:
     std::atomic<int> nPlain{0};
     std::atomic<bool> isHeld{true}, isPackedBad{false};
     ScriptedServer server{[this](const std::string& request) { return answer(request); }};
-    ImagePtr image =
-        ImagePtr::create(SxPtr<ZqNetLink>::create(quickSettings()), SxString(server.url()), zqf.size());
+    ImagePtr image = imageAt(SxString(server.url()), zqf.size());
 };
 
 TEST_F(RemoteImagePlain, aWrongRangeIsFetchedAgainAndNeverGiven) {
@@ -202,8 +196,7 @@ TEST_F(RemoteImagePlain, aWrongRangeIsFetchedAgainAndNeverGiven) {
         isPackedBad = isHopeless;
         isHeld = true;
         nPlain = 0;
-        image =
-            ImagePtr::create(SxPtr<ZqNetLink>::create(quickSettings()), SxString(server.url()), zqf.size());
+        image = imageAt(SxString(server.url()), zqf.size());
         // The stretch comes by the plain form, and the table after it.
         std::thread release([this] {
             SxWait::pass(10'000, [this] { return nPlain > 0; });
@@ -222,8 +215,7 @@ TEST_F(RemoteImagePlain, theStreamHandsOnNoWrongStretch) {
     for (const bool isHopeless : {true, false}) {
         isPackedBad = isHopeless;
         isHeld = true;
-        image =
-            ImagePtr::create(SxPtr<ZqNetLink>::create(quickSettings()), SxString(server.url()), zqf.size());
+        image = imageAt(SxString(server.url()), zqf.size());
         std::string got;
         constexpr uint64 FROM = 3 * STRETCH + 100;
         const std::string failure = failureOf([&] {
@@ -268,135 +260,17 @@ TEST_F(RemoteImage, whatWaitsForTheDiskIsntFetchedAgain) {
     const ImagePtr image = open();
     image->setWritten(0);
     EXPECT_TRUE(streamOf(*image) == zqf);
-    const auto fetched = [&, nBefore = server.getNBytes("img.zqf")] {
-        return server.getNBytes("img.zqf") - nBefore;
-    };
-    const auto expectRead = [&](uint64 idx) {
-        EXPECT_TRUE(readOf(*image, idx * STRETCH, STRETCH) == zqf.substr(idx * STRETCH, STRETCH)) << idx;
-    };
-    expectRead(1);
-    image->setWritten(10 * STRETCH);
-    expectRead(10);
+    const uint64 nBefore = server.getNBytes("img.zqf");
+    EXPECT_TRUE(readsRight(*image, zqf, 1));
     // The writer has failed, and the next one goes on at the end of the file.
+    image->setWritten(10 * STRETCH);
     EXPECT_TRUE(streamOf(*image, 10 * STRETCH + 5) == zqf.substr(10 * STRETCH + 5));
-    EXPECT_EQ(fetched(), 0U);
+    EXPECT_EQ(server.getNBytes("img.zqf"), nBefore);
     EXPECT_EQ(image->getFigures().nTwice, 0U);
     // What is written is no longer in memory, so a range of it is fetched.
-    expectRead(9);
-    EXPECT_EQ(fetched(), STRETCH);
+    EXPECT_TRUE(readsRight(*image, zqf, 9));
+    EXPECT_EQ(server.getNBytes("img.zqf") - nBefore, STRETCH);
     EXPECT_EQ(image->getFigures().nTwice, STRETCH);
-}
-
-TEST_F(RemoteImage, holdsABoundedPartOfWhatWaitsForTheDisk) {
-    TestRandom many;
-    const std::string large = many.bytes(ZqRemoteImage::MAX_HELD + 10 * STRETCH);
-    dir.write("img.zqf", large);
-    const ImagePtr image = open(large.size());
-    image->setWritten(0);
-    EXPECT_TRUE(streamOf(*image) == large);
-    const uint64 nBefore = server.getNBytes("img.zqf");
-    readOf(*image, large.size() - ZqRemoteImage::MAX_HELD + STRETCH, 1);
-    EXPECT_EQ(server.getNBytes("img.zqf") - nBefore, 0U);
-    readOf(*image, STRETCH, 1);
-    EXPECT_GT(server.getNBytes("img.zqf") - nBefore, 0U);
-}
-
-TEST_F(RemoteImage, whatAnEarlierRunFetchedIsntFetchedAgain) {
-    // The link isn't so fast that what follows a range comes with it.
-    server.setRate(20'000'000);
-    for (const bool isPacked : {false, true}) {
-        SCOPED_TRACE(isPacked ? "packed" : "plain");
-        if (isPacked) pack();
-        const char* name = isPacked ? "img.zqf.zst" : "img.zqf";
-        const TempDir own;
-        const auto openKept = [&](uint64 nPassed) {
-            ImagePtr image = open();
-            image->setStore(std::make_unique<ZqStretchStore>(own.prefix(), SxString("key"), zqf.size(),
-                                                             STRETCH, nPassed, ZqDiskReserve()));
-            return image;
-        };
-        const uint64 nBefore = server.getNBytes(name);
-        const std::vector<uint64> ahead = {4, 5, 11, 17, 29, 30};
-        {
-            const ImagePtr first = openKept(0);
-            if (isPacked) awaitTable(*first);
-            for (const uint64 idx : ahead)
-                readOf(*first, idx * STRETCH, 1);
-        }
-        std::fstream(own.path("img.ahead"), std::ios::in | std::ios::out).seekp(17 * STRETCH) << "evil";
-        server.stop();
-        const ImagePtr second = openKept(2 * STRETCH + 7);
-        EXPECT_GE(second->getFigures().nStored, 5 * STRETCH);
-        for (const uint64 idx : ahead) {
-            if (idx == 17) continue;
-            EXPECT_TRUE(readOf(*second, idx * STRETCH, 10) == zqf.substr(idx * STRETCH, 10));
-        }
-        server.start();
-        EXPECT_TRUE(streamOf(*second, 2 * STRETCH + 7) == zqf.substr(2 * STRETCH + 7));
-        // The begin of the image and the damaged stretch apart, each byte has passed the wire once.
-        const uint64 size = isPacked ? dir.read(name).size() : zqf.size();
-        EXPECT_LT(server.getNBytes(name) - nBefore, size + STRETCH + 50'000);
-        EXPECT_EQ(second->getFigures().nTwice, 0u);
-        second->setWritten(zqf.size());
-        EXPECT_TRUE(SxWait::pass(5000, [&] { return ZqStretchStore::sizeIn(own.prefix()) == 0; }));
-    }
-}
-
-namespace {
-
-/// Calls back after each write to `img.ahead`, on the thread that has written.
-class WatchedWrites : public FaultOs {
-public:
-    WatchedWrites(const std::string& watched, std::function<void(int64 offset)> call_)
-        : FaultOs(watched),
-          call(std::move(call_)) {}
-    int64 writeAt(int fd, const void* buffer, int64 n, int64 offset) override {
-        const int64 nWritten = FaultOs::writeAt(fd, buffer, n, offset);
-        if (n >= 100'000) call(offset);
-        return nWritten;
-    }
-
-private:
-    const std::function<void(int64 offset)> call;
-};
-
-} // namespace
-
-TEST_F(RemoteImage, whatIsForgottenWhileItIsStoredStaysForgotten) {
-    const TempDir own;
-    ImagePtr image;
-    std::atomic<int> nStored{0};
-    WatchedWrites watched(own.path(), [&](int64 offset) {
-        if (offset == static_cast<int64>(7 * STRETCH)) image->forget(7 * STRETCH, 1);
-        ++nStored;
-    });
-    const auto openKept = [&] {
-        ImagePtr kept = open();
-        kept->setStore(std::make_unique<ZqStretchStore>(own.prefix(), SxString("key"), zqf.size(), STRETCH, 0,
-                                                        ZqDiskReserve()));
-        return kept;
-    };
-    image = openKept();
-    for (const uint64 idx : {uint64{7}, uint64{20}})
-        readOf(*image, idx * STRETCH, 1);
-    EXPECT_TRUE(SxWait::pass(5000, [&] { return nStored >= 2; }));
-    image = nullptr;
-    // What follows a stretch may have come with it.
-    EXPECT_EQ(openKept()->getFigures().nStored, static_cast<uint64>(nStored - 1) * STRETCH);
-}
-
-TEST_F(RemoteImage, whatTheDiskHadNoRoomForIsStoredLater) {
-    const TempDir own;
-    FaultOs full(own.path());
-    const ImagePtr image = open();
-    image->setStore(std::make_unique<ZqStretchStore>(own.prefix(), SxString("key"), zqf.size(), STRETCH, 0,
-                                                     ZqDiskReserve()));
-    full.failNth(FaultOs::Op::Write, 1, ENOSPC, "img.ahead", true);
-    readOf(*image, 7 * STRETCH, 1);
-    EXPECT_TRUE(SxWait::pass(5000, [&] { return full.getNFailed() > 0; }));
-    EXPECT_EQ(image->getFigures().nStored, 0u) << "it is in memory alone";
-    full.failNth(FaultOs::Op::Write, 1, 0, "nothing");
-    EXPECT_TRUE(SxWait::pass(5000, [&] { return image->getFigures().nStored == STRETCH; }));
 }
 
 // Streams at 4 MB/s while the test asks for ranges.
@@ -433,7 +307,7 @@ TEST_F(RemoteImageBusy, putsRangesFirst) {
     begin();
     const uint64 nBefore = nStreamed;
     for (uint64 idx = 20; idx < 28; ++idx)
-        ASSERT_TRUE(readOf(*image, idx * STRETCH, STRETCH) == zqf.substr(idx * STRETCH, STRETCH));
+        ASSERT_TRUE(readsRight(*image, zqf, idx));
     // An equal share would be eight stretches; some passes before each hold.
     EXPECT_LT(nStreamed - nBefore, 5 * STRETCH);
     server.setRate(0);
@@ -444,7 +318,7 @@ TEST_F(RemoteImageBusy, leavesToTheStreamWhatItIsAboutToReach) {
     begin();
     for (int i = 0; i < 5; ++i) {
         const uint64 idx = nStreamed / STRETCH;
-        ASSERT_TRUE(readOf(*image, idx * STRETCH, STRETCH) == zqf.substr(idx * STRETCH, STRETCH));
+        ASSERT_TRUE(readsRight(*image, zqf, idx));
     }
     EXPECT_GT(image->getFigures().nLeft, 0u);
     EXPECT_LE(image->getFigures().nOnDemand, STRETCH);
@@ -473,7 +347,7 @@ TEST_F(RemoteImage, fetchesWhatFollowsForWhoGoesThrough) {
     server.setLatency(20);
     const ImagePtr image = open();
     for (uint64 idx = 5; idx < 30; ++idx)
-        ASSERT_TRUE(readOf(*image, idx * STRETCH, STRETCH) == zqf.substr(idx * STRETCH, STRETCH));
+        ASSERT_TRUE(readsRight(*image, zqf, idx));
     EXPECT_GT(image->getFigures().nAhead, 0u);
     // Nothing has come twice.
     EXPECT_LE(server.getNBytes("img.zqf"), 25 * STRETCH + 12'345);
@@ -485,9 +359,7 @@ TEST_F(RemoteImage, whatFollowsComesWithTheSameRequest) {
     // Four round trips of this length carry the most that is fetched together.
     server.setLatency(60);
     const ImagePtr image = open();
-    const auto expectRight = [&](uint64 idx) {
-        ASSERT_TRUE(readOf(*image, idx * STRETCH, STRETCH) == zqf.substr(idx * STRETCH, STRETCH)) << idx;
-    };
+    const auto expectRight = [&](uint64 idx) { ASSERT_TRUE(readsRight(*image, zqf, idx)) << idx; };
     const auto nAsked = [&] { return server.getNRequests("img.zqf"); };
     // The link has to be known first, by its best rate.
     for (const uint64 idx : {0U, 2U, 4U, 6U})
@@ -514,7 +386,7 @@ TEST_F(RemoteImage, neighboursInAGroupAreFetchedOnce) {
     const uint64 nBefore = server.getNBytes("img.zqf");
     image->announce({24 * STRETCH, 25 * STRETCH, 26 * STRETCH}, {STRETCH, STRETCH, STRETCH});
     for (const uint64 idx : {24U, 25U, 26U})
-        EXPECT_TRUE(readOf(*image, idx * STRETCH, STRETCH) == zqf.substr(idx * STRETCH, STRETCH)) << idx;
+        EXPECT_TRUE(readsRight(*image, zqf, idx)) << idx;
     // What follows the last may come, too.
     EXPECT_LE(server.getNBytes("img.zqf") - nBefore, 6 * STRETCH + 12'345);
 }
@@ -534,8 +406,4 @@ TEST_F(RemoteImage, fetchesAGroupTogether) {
     for (const uint64 offset : offsets)
         EXPECT_TRUE(readOf(*image, offset, STRETCH) == zqf.substr(offset, STRETCH));
     EXPECT_EQ(server.getNRequests("img.zqf"), 6u);
-    // An announcement is dropped with the next one. What it named can still be read.
-    image->announce({17 * STRETCH}, {STRETCH});
-    image->announce({18 * STRETCH}, {STRETCH});
-    EXPECT_TRUE(readOf(*image, 17 * STRETCH, STRETCH) == zqf.substr(17 * STRETCH, STRETCH));
 }

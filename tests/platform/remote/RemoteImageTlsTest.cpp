@@ -4,6 +4,7 @@
 #include "SxException.h"
 #include "SxTime.h"
 #include "ZqBlocks.h"
+#include "ZqRangeSource.h"
 #include "ZqRemoteImage.h"
 
 #include <algorithm>
@@ -77,7 +78,7 @@ private:
     void readGroup() {
         std::string buffer(STRETCH, '\0');
         SxArray<uint64> offsets, sizes;
-        for (int64 i = 0; i < ZqRemoteImage::GROUP; ++i) {
+        for (int64 i = 0; i < ZqRangeSource::GROUP; ++i) {
             offsets.append(random.below(N_STRETCHES) * STRETCH);
             sizes.append(STRETCH);
             image->forget(offsets(i), STRETCH);

@@ -1,0 +1,254 @@
+#include "ZqImageRanges.h"
+
+#include "ZqLog.h"
+#include "ZqRangeSource.h"
+
+#include <cstring>
+
+namespace {
+constexpr uint64 STRETCH = ZqStretchLayout::STRETCH;
+constexpr size_t N_LOADERS = 4;
+} // namespace
+
+/// Says that somebody fetches a stretch and waits for it, until it ends; made where no loader is to have it.
+class ZqImageRanges::Demand {
+public:
+    Demand(ZqStretchClaims* claims_, uint64 stretchIdx_)
+        : claims(claims_),
+          stretchIdx(stretchIdx_),
+          isMade(claims->beginDemand(stretchIdx)) {}
+    ~Demand() {
+        if (isMade) claims->endDemand(stretchIdx);
+    }
+    Demand(const Demand&) = delete;
+    Demand& operator=(const Demand&) = delete;
+    explicit operator bool() const { return isMade; }
+
+private:
+    ZqStretchClaims* const claims;
+    const uint64 stretchIdx;
+    const bool isMade;
+};
+
+ZqImageRanges::ZqImageRanges(ZqImageForms* forms_, ZqStretchCache* cache_, ZqStreamEdge* edge_,
+                             ZqImageCounts* counts_)
+    : forms(forms_),
+      cache(cache_),
+      edge(edge_),
+      counts(counts_),
+      ahead(forms->getLink(), forms->getLayout()),
+      loaders(N_LOADERS) {
+    for (auto& loader : loaders) {
+        loader = std::make_unique<ZqStopThread>(
+            "zqahead", [this](const ZqStopTest& isStopped) { runLoader(isStopped); });
+    }
+}
+
+ZqImageRanges::~ZqImageRanges() {
+    for (const auto& loader : loaders)
+        loader->stop();
+    claims.wake();
+    for (const auto& loader : loaders)
+        loader->wait();
+}
+
+void ZqImageRanges::start() {
+    try {
+        for (const auto& loader : loaders)
+            loader->start();
+    } catch (const SxException& e) {
+        // Nobody depends on them: who waits for what one of them should bring takes that himself.
+        zqLogMsg("NET", e.toString(SxException::ShowMessage, ": "));
+    }
+}
+
+void ZqImageRanges::announce(const SxArray<uint64>& offsets, const SxArray<uint64>& sizes) {
+    ZqStretchClaims::Group group, unwanted;
+    for (int64 i = 0; i < std::min(offsets.getSize(), sizes.getSize()); ++i) {
+        if (sizes(i) == 0) continue;
+        for (uint64 idx = offsets(i) / STRETCH; idx <= (offsets(i) + sizes(i) - 1) / STRETCH; ++idx) {
+            if (static_cast<int64>(group.size()) < ZqRangeSource::GROUP) group[idx] = nullptr;
+        }
+    }
+    std::vector<uint64> missing = claims.regroup(&group, &unwanted);
+    std::erase_if(missing, [this](uint64 idx) { return edge->isReachedSoon(idx) || cache->has(idx); });
+    // Several stretches fill the link by themselves, so none of them brings others with it.
+    for (const uint64 idx : missing)
+        group[idx] = beginDemand(idx, missing.size() > 1);
+    claims.announce(&group);
+}
+
+void ZqImageRanges::read(uint64 offset, uint64 size, char* buffer, const ZqStopTest& stop) {
+    for (const uint64 end = offset + size; offset < end;) {
+        const uint64 idx = offset / STRETCH, inside = offset % STRETCH;
+        const Bytes bytes = getStretch(idx, stop);
+        try {
+            follow(idx);
+        } catch (const SxException& e) {
+            // What is there is good; whoever needs the others asks for them, and is told.
+            zqLogMsg("NET", e.toString(SxException::ShowMessage, ": "));
+        }
+        const uint64 n = std::min(end - offset, forms->getLayout().sizeOf(idx) - inside);
+        std::memcpy(buffer, bytes->data() + inside, n);
+        buffer += n;
+        offset += n;
+    }
+}
+
+ZqImageRanges::Bytes ZqImageRanges::getStretch(uint64 stretchIdx, const ZqStopTest& stop) {
+    for (;;) {
+        if (Bytes bytes = awaitClaimed(stretchIdx, stop)) {
+            if (cache->noteUse(stretchIdx)) ahead.noteUse();
+            return bytes;
+        }
+        const Demand demand(&claims, stretchIdx);
+        if (!demand) continue;
+        // Before the look whether it is there: the stream brings it before it moves on.
+        const bool isLeft = edge->isReachedSoon(stretchIdx);
+        if (cache->has(stretchIdx)) continue;
+        Fetch fetch = claims.takeAnnounced(stretchIdx);
+        if (!fetch && isLeft) {
+            if (Bytes bytes = awaitStream(stretchIdx, stop)) return bytes;
+        }
+        if (!fetch) fetch = beginDemand(stretchIdx, false);
+        Bytes bytes = fetch->request->takeNext(stop);
+        claims.pass(fetch);
+        keep(*fetch->request, stretchIdx, bytes, false);
+        return bytes;
+    }
+}
+
+ZqImageRanges::Bytes ZqImageRanges::find(uint64 stretchIdx) {
+    if (Bytes bytes = cache->get(stretchIdx, forms->getChoice().getKnownTable())) return bytes;
+    return cache->findStreamed(stretchIdx);
+}
+
+ZqImageRanges::Bytes ZqImageRanges::awaitStream(uint64 stretchIdx, const ZqStopTest& stop) {
+    for (;;) {
+        forms->getLink()->checkStop(stop);
+        const bool isComing = edge->isReachedSoon(stretchIdx);
+        if (Bytes bytes = find(stretchIdx)) {
+            counts->add(&ZqImageFigures::nLeft, forms->getLayout().sizeOf(stretchIdx));
+            return bytes;
+        }
+        if (!isComing) return nullptr;
+        forms->getLink()->hastenStreams();
+        edge->await(stretchIdx);
+    }
+}
+
+ZqImageRanges::Bytes ZqImageRanges::awaitClaimed(uint64 stretchIdx, const ZqStopTest& stop) {
+    for (;;) {
+        forms->getLink()->checkStop(stop);
+        const SxPtr<ZqStretchRequest> by = claims.find(stretchIdx);
+        if (Bytes bytes = find(stretchIdx)) return bytes;
+        if (!by) return nullptr;
+        // From now on somebody waits for it.
+        by->hasten();
+        const Fetch fetch = claims.takePassed(stretchIdx);
+        if (!fetch) continue;
+        // The loaders may all have others, which are held now.
+        try {
+            takeUpTo(fetch.getPtr(), stretchIdx + 1, stop);
+            claims.pass(fetch);
+        } catch (const SxException& e) {
+            if (e.hasTag(SxException::STOPPED)) throw;
+            zqLogMsg("NET", e.toString(SxException::ShowMessage, ": "));
+        }
+    }
+}
+
+void ZqImageRanges::keep(const ZqStretchRequest& by, uint64 stretchIdx, const Bytes& bytes, bool isUnasked) {
+    counts->add(isUnasked ? &ZqImageFigures::nAhead : &ZqImageFigures::nOnDemand,
+                forms->getLayout().sizeOf(stretchIdx));
+    if (by.getCheckedBy()) forms->trust(stretchIdx);
+    // The stream has brought it meanwhile, or is about to. What is kept is counted where that comes to it.
+    const bool isKept =
+        !edge->hasBegun(stretchIdx) && cache->keep(stretchIdx, bytes, by.getCheckedBy(), isUnasked);
+    if (!isKept) counts->add(&ZqImageFigures::nTwice, by.wireSize(stretchIdx));
+}
+
+// What follows
+
+ZqImageRanges::Fetch ZqImageRanges::makeFetch(uint64 stretchIdx, bool isAwaited) {
+    return Fetch::create(&claims, forms, stretchIdx, isAwaited);
+}
+
+ZqImageRanges::Fetch ZqImageRanges::beginDemand(uint64 stretchIdx, bool isAlone) {
+    Fetch fetch = makeFetch(stretchIdx, true);
+    const uint64 n = isAlone ? 1 : countTogether();
+    const bool isSure = isGoneThrough(stretchIdx);
+    if (n > 1 && (isSure || ahead.mayTry())) {
+        claimFollowing(fetch.getPtr(), n - 1);
+        if (!isSure && fetch->hasClaims()) ahead.noteTry();
+    }
+    fetch->request->begin(ZqTransfer::Kind::OnDemand);
+    return fetch;
+}
+
+uint64 ZqImageRanges::countTogether() const {
+    return ahead.countTogether(forms->getChoice().getTable());
+}
+
+bool ZqImageRanges::isGoneThrough(uint64 stretchIdx) const {
+    return (stretchIdx >= 1 && isThere(stretchIdx - 1)) || (stretchIdx >= 2 && isThere(stretchIdx - 2));
+}
+
+bool ZqImageRanges::isThere(uint64 stretchIdx) const {
+    return cache->has(stretchIdx) || edge->hasPassed(stretchIdx);
+}
+
+void ZqImageRanges::follow(uint64 stretchIdx) {
+    const uint64 n = countTogether();
+    if (n < 2 || !isGoneThrough(stretchIdx)) return;
+    uint64 first = stretchIdx + 1;
+    while (first <= stretchIdx + n && (claims.find(first) || isThere(first)))
+        ++first;
+    if (first > stretchIdx + 1 + n / 2) return;
+    const Fetch fetch = makeFetch(first, false);
+    claimFollowing(fetch.getPtr(), n);
+    if (!fetch->hasClaims()) return;
+    fetch->request->begin(ZqTransfer::Kind::Ahead);
+    claims.pass(fetch);
+}
+
+void ZqImageRanges::claimFollowing(ZqStretchFetch* fetch, uint64 n) {
+    for (const uint64 end = std::min(fetch->getEnd() + n, forms->getLayout().count());
+         fetch->getEnd() < end;) {
+        const uint64 idx = fetch->getEnd(), nClaimed = fetch->claimNext();
+        if (nClaimed == 0) break;
+        // What is claimed is counted as if it had come. So it counts twice for a moment, and never not at
+        // all.
+        if (edge->hasBegun(idx) || edge->isReachedSoon(idx) || cache->has(idx) ||
+            !cache->hasRoomFor(nClaimed)) {
+            fetch->unclaim();
+            break;
+        }
+    }
+    if (fetch->hasClaims()) fetch->request->extend(fetch->getEnd());
+}
+
+void ZqImageRanges::takeUpTo(ZqStretchFetch* fetch, uint64 endIdx, const ZqStopTest& stop) {
+    while (fetch->request->getNext() < endIdx) {
+        const uint64 idx = fetch->request->getNext();
+        const Bytes bytes = fetch->request->takeNext(stop);
+        keep(*fetch->request, idx, bytes, true);
+        fetch->release();
+    }
+}
+
+void ZqImageRanges::runLoader(const ZqStopTest& isStopped) {
+    while (!isStopped()) {
+        const Fetch fetch = claims.takePassed(isStopped);
+        if (!fetch) continue;
+        try {
+            takeUpTo(fetch.getPtr(), fetch->getEnd(), isStopped);
+        } catch (const SxException& e) {
+            if (e.hasTag(SxException::STOPPED)) return;
+            // Whoever needs the bytes asks for them again, and is told.
+            zqLogMsg("NET", e.toString(SxException::ShowMessage, ": "));
+        } catch (const std::exception& e) {
+            zqLogMsg("NET", SxString("What follows isn't fetched for now: ") + e.what());
+        }
+    }
+}

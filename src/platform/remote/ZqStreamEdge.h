@@ -1,0 +1,56 @@
+#pragma once
+
+#include "SxMutex.h"
+#include "ZqNetLink.h"
+#include "ZqStretchLayout.h"
+
+#include <condition_variable>
+
+/// How far the ordered stream of an image has come, how it moves, and so which stretches it is about to
+/// reach: those are left to it. The stream tells, and ranges ask. Safe from any thread.
+///
+/// What the stream has brought is to be found before it moves here. So whoever wants a stretch asks here
+/// first whether the stream reaches it soon, and looks for it after that.
+class ZqStreamEdge {
+public:
+    ZqStreamEdge(const SxPtr<ZqNetLink>& link_, const ZqStretchLayout& layout_)
+        : link(link_),
+          layout(layout_) {}
+
+    // For the stream.
+    /// False where one is under way.
+    bool begin(uint64 offset);
+    void end();
+    /// Decoded bytes up to `to` have come, within a stretch.
+    void receive(uint64 to);
+    /// A stretch that ends at `to` has come, and is to be found.
+    void advance(uint64 to);
+    /// Bytes of the wire have come, though not yet a stretch.
+    void noteMoved();
+    /// `nWire` bytes of the wire have brought a stretch of `size`.
+    void noteShare(uint64 nWire, uint64 size);
+
+    /// Bytes of the wire for one decoded byte.
+    double getWireShare() const;
+    /// Wire bytes that pass in `nTrips` round trips.
+    double tripBytes(double nTrips) const;
+    /// The stream brings it sooner than a request could.
+    bool isReachedSoon(uint64 stretchIdx) const;
+    /// Whether its begin has come.
+    bool hasBegun(uint64 stretchIdx) const;
+    /// Whether a whole stretch of that number has come; not said of the image's last one where that is short.
+    bool hasPassed(uint64 stretchIdx) const;
+    /// Waits a moment for the stream to bring it; returns at once where it has.
+    void await(uint64 stretchIdx);
+
+private:
+    const SxPtr<ZqNetLink> link;
+    const ZqStretchLayout layout;
+
+    mutable SxMutex mutex;
+    std::condition_variable_any changed;
+    bool streaming SX_GUARDED_BY(mutex) = false;
+    uint64 pos SX_GUARDED_BY(mutex) = 0; ///< decoded bytes received in order
+    int64 movedNs SX_GUARDED_BY(mutex) = 0;
+    double wireShare SX_GUARDED_BY(mutex) = 1.;
+};
