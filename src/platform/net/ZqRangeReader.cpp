@@ -22,23 +22,13 @@ ZqRangeReader::ZqRangeReader(const ZqRemoteFile& file, uint64 first, uint64 end_
     : link(file.getLink()),
       facts(file.getFacts()),
       requested(kind_),
-      kind(kind_),
       pos(first),
       end(end_),
       furthest(first),
       retry(SxPtr<ZqNetRetry>::create(link, kind_ == ZqTransfer::Kind::Ordered
                                                 ? link->getSettings().nStreamTries
-                                                : link->getSettings().nRangeTries)) {
-}
-
-ZqRangeReader::~ZqRangeReader() {
-    abandon();
-}
-
-void ZqRangeReader::abandon() {
-    dropSecond();
-    if (transfer && !transfer->isFinished()) link->drop(transfer);
-    setTransfer(nullptr);
+                                                : link->getSettings().nRangeTries)),
+      race(link, kind_, [this] { return makeTransfer(); }) {
 }
 
 ZqTransfer::Request ZqRangeReader::makeRequest() const {
@@ -61,42 +51,17 @@ ZqTransfer::Request ZqRangeReader::makeRequest() const {
 }
 
 /// A request for what is left, and what becomes of its answer.
-SxPtr<ZqTransfer> ZqRangeReader::makeTransfer(SxPtr<ZqRangeAnswer>* to) const {
+ZqRacedTransfer::Made ZqRangeReader::makeTransfer() const {
     ZqTransfer::Request request = makeRequest();
     const auto made = SxPtr<ZqRangeAnswer>::create(facts, pos, end, request.url, isVouched);
     request.check = [made](const ZqTransfer::Response& response) { made->check(response); };
     request.part = made->getPart();
-    *to = made;
-    return SxPtr<ZqTransfer>::create(std::move(request));
-}
-
-void ZqRangeReader::begin() {
-    if (transfer) return;
-    hadSecond = false;
-    setTransfer(makeTransfer(&answer));
-    isFresh = true;
-    askedNs = SxClock::get().steadyNs();
-    link->add(transfer);
-}
-
-void ZqRangeReader::setTransfer(const SxPtr<ZqTransfer>& next) {
-    const SxMutexBlock lock(&transferMutex);
-    transfer = next;
-    // It may have been hastened while there was none.
-    if (transfer && kind != requested) transfer->become(kind);
-}
-
-void ZqRangeReader::become(ZqTransfer::Kind other) {
-    const SxMutexBlock lock(&transferMutex);
-    if (kind == other) return;
-    kind = other;
-    if (kind == ZqTransfer::Kind::OnDemand) hastenedNs = SxClock::get().steadyNs();
-    if (transfer) transfer->become(kind);
+    return {SxPtr<ZqTransfer>::create(std::move(request)), made};
 }
 
 /// Raises where the answer doesn't go on with the unit.
 void ZqRangeReader::noteVersion() {
-    const int64 now = answer->getVersion();
+    const int64 now = race.getAnswer().getVersion();
     if (inUnit && pos != unitBegin && now != version) {
         const SxException broken(ZqNetLink::BROKEN, "the file goes on in another version", UNIT, __LINE__);
         throw SxException(broken, "Another mirror answers", UNIT, __LINE__).tagged(ELSEWHERE);
@@ -114,96 +79,18 @@ void ZqRangeReader::goElsewhere(const SxException& e, const ZqStopTest& stop) {
     if (!isAgain) throw SxException(ANEW, "The range begins anew", UNIT, __LINE__);
 }
 
-/// Whether somebody has waited for so long that the connection may be dead, or of no use. One that is slow,
-/// and not silent, is compared with another only where ZqNetLink::mayCompare() allows it.
-bool ZqRangeReader::isOverdue() {
-    const int64 usefulNs = transfer->getUsefulNs(), dueNs = link->getSettings().secondMs * MS;
-    if (hadSecond || usefulNs == 0) return false;
-    const int64 now = SxClock::get().steadyNs();
-    {
-        const SxMutexBlock lock(&transferMutex);
-        if (kind != ZqTransfer::Kind::OnDemand || now - std::max(usefulNs, hastenedNs) < dueNs) return false;
-    }
-    // What waits here, for its consumer, isn't due.
-    const ZqTransfer::State state = transfer->getState();
-    if (state.ended || state.nBuffered >= ZqNetProgress::USEFUL_BYTES) return false;
-    return now - transfer->getMovedNs() >= dueNs || link->mayCompare();
-}
-
-void ZqRangeReader::beginSecond() {
-    hadSecond = true;
-    second = makeTransfer(&secondAnswer);
-    second->become(ZqTransfer::Kind::OnDemand);
-    link->suspect(transfer);
-    link->add(second);
-}
-
-/// The second goes on alone.
-void ZqRangeReader::takeSecond() {
-    if (!transfer->isFinished()) link->drop(transfer);
-    answer = secondAnswer;
-    isFresh = true;
-    askedNs = SxClock::get().steadyNs();
-    // Where it has brought nothing either, it gets no further one.
-    hadSecond = second->isSilent();
-    setTransfer(second);
-    second = nullptr;
-}
-
-void ZqRangeReader::dropSecond() {
-    if (second && !second->isFinished()) link->drop(second);
-    second = nullptr;
-}
-
-/// Ends the race of both where it can be told who wins: the first that has brought a useful amount, or all.
-/// Both go on from the same byte, and nothing is taken of the one that loses.
-void ZqRangeReader::decide() {
-    constexpr int64 USEFUL = ZqNetProgress::USEFUL_BYTES;
-    const ZqTransfer::State one = transfer->getState(), other = second->getState();
-    const bool mayPass = ZqNetLink::isAway(one.failure);
-    // A refusal doesn't end the first, which may only be slow. A doubt can be settled at once.
-    const bool isMore = other.nBuffered > one.nBuffered;
-    const bool isOfUse = !other.failed || isMore || other.failure.hasTag(ZqFileFacts::DOUBTFUL);
-    const bool isBetter = isOfUse && (other.ended || (other.nBuffered >= USEFUL && isMore));
-    if (!isOfUse || (one.ended && !(one.failed && mayPass)) || (one.nBuffered >= USEFUL && !isMore)) {
-        dropSecond();
-    } else if (isBetter || one.failed) {
-        if (isBetter) link->noteBetter();
-        takeSecond();
-    }
-}
-
-/// The next bytes, or the end.
-ZqTransfer::Next ZqRangeReader::awaitPiece(SxArray<char>* piece, const ZqStopTest& stop) {
-    for (;;) {
-        link->checkStop(stop);
-        if (second) {
-            decide();
-            if (second) transfer->awaitMore();
-            continue;
-        }
-        // Also where there is always some byte.
-        if (isOverdue()) {
-            beginSecond();
-            continue;
-        }
-        const ZqTransfer::Next got = transfer->next(piece);
-        if (got != ZqTransfer::Next::Waiting) return got;
-    }
-}
-
 /// Where a request ends before all is there, the piece may be empty. False at the end of all.
 bool ZqRangeReader::takePiece(SxArray<char>* piece, const ZqStopTest& stop) {
-    const ZqTransfer::Next got = awaitPiece(piece, stop);
-    if (isFresh) noteVersion();
-    isFresh = isVouched = false;
-    end = answer->getWantedEnd();
+    const ZqTransfer::Next got = race.next(piece, stop);
+    if (race.takeFresh()) noteVersion();
+    isVouched = false;
+    end = race.getAnswer().getWantedEnd();
     if (got == ZqTransfer::Next::Taken) {
         pos += static_cast<uint64>(piece->getSize());
         return true;
     }
-    setTransfer(nullptr);
-    const uint64 takenEnd = answer->getTakenEnd();
+    race.end();
+    const uint64 takenEnd = race.getAnswer().getTakenEnd();
     if (takenEnd == UNKNOWN) end = pos;
     if (takenEnd != UNKNOWN && pos < takenEnd) {
         throw SxException(ZqNetLink::BROKEN, "the answer ended early", UNIT, __LINE__);
@@ -218,7 +105,7 @@ bool ZqRangeReader::takePiece(SxArray<char>* piece, const ZqStopTest& stop) {
 void ZqRangeReader::noteSlow(const SxException& e) {
     if (!e.hasTag(ZqTransfer::SLOW)) return;
     const int64 limitNs = ZqNetProgress::getPatience(link->getSettings().stallMs * MS, nSlow);
-    nSlow = SxClock::get().steadyNs() - askedNs < 2 * limitNs ? nSlow + 1 : 1;
+    nSlow = SxClock::get().steadyNs() - race.getAskedNs() < 2 * limitNs ? nSlow + 1 : 1;
     gainedPos = pos + ZqNetProgress::USEFUL_BYTES;
 }
 
@@ -265,17 +152,17 @@ bool ZqRangeReader::next(SxArray<char>* piece, const ZqStopTest& stop) {
         piece->removeAll();
         link->checkStop(stop);
         // A transfer that has brought its last byte still tells whether it ended well.
-        if (pos >= end && !transfer) return false;
+        if (pos >= end && !race.isUnderWay()) return false;
         SxString asked;
         try {
-            begin();
-            asked = transfer->getRequest().url;
+            race.begin();
+            asked = race.getUrl();
             const bool got = takePiece(piece, stop);
             noteProgress(got);
             if (!got) return false;
             if (piece->getSize() > 0) return true;
         } catch (const SxException& e) {
-            abandon();
+            race.drop();
             if (e.hasTag(ZqRangeAnswer::AT_END)) {
                 end = pos;
                 return false;
@@ -288,7 +175,7 @@ bool ZqRangeReader::next(SxArray<char>* piece, const ZqStopTest& stop) {
 
 /// Nothing of the unit counts as taken: what was received of it, and waits to be given, is of no use.
 void ZqRangeReader::rewind() {
-    abandon();
+    race.drop();
     rest.removeAll();
     nGiven = 0;
     pos = unitBegin;

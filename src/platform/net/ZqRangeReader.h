@@ -1,9 +1,8 @@
 #pragma once
 
 #include "ZqNetRetry.h"
-#include "ZqRangeAnswer.h"
+#include "ZqRacedTransfer.h"
 #include "ZqRemoteFile.h"
-#include "ZqTransfer.h"
 
 /// Reads bytes of a remote file in order, over as many requests as it takes: each goes on where the one
 /// before stopped, also on another mirror of the file. Broken transfers, time-outs and answers of 5xx are
@@ -16,14 +15,11 @@
 /// gives, as an ordered stream takes it: it goes on where it is, and checksums or the digest of the whole
 /// tell whether that was right.
 ///
-/// Where somebody waits, and nothing of use has come for `secondMs`, the same request is made over a second
-/// connection, also in the middle of an answer; never a third beside these. The first that brings 4 KiB, or
-/// all, is taken, and nothing of the other: both begin at the same byte.
+/// Where somebody waits, and the connection may be dead, the request is made a second time (ZqRacedTransfer).
 class ZqRangeReader {
 public:
     /// Bytes `first` to `end` - 1; an `end` of ZqRemoteFile::UNKNOWN means the file's end.
     ZqRangeReader(const ZqRemoteFile& file, uint64 first, uint64 end_, ZqTransfer::Kind kind_);
-    ~ZqRangeReader();
     ZqRangeReader(const ZqRangeReader&) = delete;
     ZqRangeReader& operator=(const ZqRangeReader&) = delete;
 
@@ -39,10 +35,10 @@ public:
     /// See ZqNetRetry.
     void beginTurn(int64 nTries, int64 ms) { retry->beginTurn(nTries, ms); }
     /// Makes the request, where none is under way, and returns.
-    void begin();
+    void begin() { race.begin(); }
     /// Turns a request of the kind Ahead into one on demand, and back. Safe beside the reader's own thread.
-    void hasten() { become(ZqTransfer::Kind::OnDemand); }
-    void relax() { become(ZqTransfer::Kind::Ahead); }
+    void hasten() { race.become(ZqTransfer::Kind::OnDemand); }
+    void relax() { race.become(ZqTransfer::Kind::Ahead); }
     /// The next bytes; false at the end. Raises what can't be mended.
     bool next(SxArray<char>* piece, const ZqStopTest& stop);
     /// The next `size` bytes into `buffer`, fewer at the end; gives how many. All are of one version, but
@@ -59,17 +55,9 @@ public:
     uint64 getPos() const noexcept { return pos; }
 
 private:
-    void become(ZqTransfer::Kind other);
     ZqTransfer::Request makeRequest() const;
-    SxPtr<ZqTransfer> makeTransfer(SxPtr<ZqRangeAnswer>* to) const;
-    ZqTransfer::Next awaitPiece(SxArray<char>* piece, const ZqStopTest& stop);
-    bool isOverdue();
-    void decide();
-    void beginSecond();
-    void takeSecond();
-    void dropSecond();
+    ZqRacedTransfer::Made makeTransfer() const;
     bool takePiece(SxArray<char>* piece, const ZqStopTest& stop);
-    void abandon();
     void noteVersion();
     void goElsewhere(const SxException& e, const ZqStopTest& stop);
     void noteProgress(bool isMore);
@@ -78,34 +66,23 @@ private:
     void rewind();
     template<class Take>
     void asUnit(Take take);
-    void setTransfer(const SxPtr<ZqTransfer>& next);
 
     const SxPtr<ZqNetLink> link;
     const SxPtr<ZqFileFacts> facts;
-    SxMutex transferMutex; ///< also over changes of `transfer` by the reader's thread, for become()
-    const ZqTransfer::Kind requested; ///< tells the connection that it takes
-    ZqTransfer::Kind kind SX_GUARDED_BY(transferMutex);
-    int64 hastenedNs SX_GUARDED_BY(transferMutex) = 0; ///< since when somebody waits, if not from the begin
+    const ZqTransfer::Kind requested;
     uint64 pos = 0, end = 0;
     bool isRepeated = false; ///< the last request has failed AT_ONCE
     bool fresh = false, isChecked = false;
     SxArray<char> rest; ///< a piece of which read() has given the first `nGiven` bytes
     int64 nGiven = 0;
-    SxPtr<ZqTransfer> transfer;
-    SxPtr<ZqRangeAnswer> answer; ///< to `transfer`
-    bool isFresh = false;        ///< nothing of it was taken yet
-    bool isVouched = false;      ///< the file was found to be the same since the last answer
-    bool inUnit = false;         ///< the bytes from `unitBegin` on must be of one version
+    bool isVouched = false; ///< the file was found to be the same since the last answer
+    bool inUnit = false;    ///< the bytes from `unitBegin` on must be of one version
     uint64 unitBegin = 0;
     int64 version = -1;   ///< of the last answer that was taken
     int64 nElsewhere = 0; ///< answers of another one since bytes were gained
     uint64 furthest = 0;  ///< one past the last byte that has come
     int64 nSlow = 0;      ///< requests in a row that were given up as slow
-    int64 askedNs = 0;    ///< when the request was made that is under way
     uint64 gainedPos = 0; ///< up to there bytes don't show that all is well
-    /// The same request over another connection, beside one that has been silent or slow.
-    SxPtr<ZqTransfer> second;
-    SxPtr<ZqRangeAnswer> secondAnswer;
-    bool hadSecond = false; ///< the request under way
     SxPtr<ZqNetRetry> retry;
+    ZqRacedTransfer race; ///< the request under way
 };
