@@ -1,7 +1,9 @@
 #include "FuseFront.h"
 
 #include "DriverLog.h"
+#include "FuseWorker.h"
 #include "Mounts.h"
+#include "RequestSpace.h"
 #include "SxException.h"
 #include "SxOs.h"
 #include "SxQueue.h"
@@ -14,17 +16,9 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
-#include <csignal>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
-#include <malloc.h>
 #include <new>
-#include <poll.h>
-#include <pthread.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -33,11 +27,6 @@ namespace {
 constexpr const char* UNIT = "src/driver/FuseFront";
 /// Threads that serve requests: more than the machine has cores only wake each other.
 constexpr int64 MIN_WORKERS = 2, MAX_WORKERS = 8;
-/// How long a thread that has just served a request looks for the next one before it sleeps; one thread of a
-/// disk at a time. A program that reads block after block asks again within this time, and a wake-up costs
-/// more than serving a block: with it, random single reads on ext4 rose from 32,000 to 36,000 a second, and
-/// those of 16 readers at once stayed as they were.
-constexpr std::chrono::microseconds LOOK(30);
 /// Requests of a file system or a loop device count as background ones, and the kernel sends no more than
 /// this many at a time. Held reads are among them: at the kernel's usual 12, a few would stop the whole disk.
 constexpr unsigned MAX_BACKGROUND = 4096;
@@ -48,43 +37,6 @@ constexpr fuse_ino_t FILE_INODE = 2;
 /// How long threads may take to see that the connection has ended.
 constexpr int64 END_MS = 200;
 constexpr double FOREVER = 1e9; // seconds
-
-/// Gets the memory now and not only when it is used, and keeps the kernel from taking it away. Where memory
-/// is short the kernel writes out what programs wrote to this service's volumes; a service that then waits
-/// for memory itself would wait for ever. A user may not be allowed to lock so much; then the memory is at
-/// least there.
-void lockMemory(void* at, size_t n) {
-    if (::mlock(at, n) != 0 && ::geteuid() == 0)
-        driverLog("can't lock the space of requests: " + SxOs::errorText(errno));
-}
-
-/// Space for one request, there from the start.
-class RequestSpace {
-public:
-    RequestSpace() : space(MAX_REQUEST) { lockMemory(space.data(), space.size()); }
-    ~RequestSpace() { ::munlock(space.data(), space.size()); }
-    RequestSpace(const RequestSpace&) = delete;
-    RequestSpace& operator=(const RequestSpace&) = delete;
-    char* data() { return space.data(); }
-
-private:
-    std::vector<char> space;
-};
-
-/// Sent to a thread that waits for a request, to wake it; its handler does nothing.
-int wakeSignal() {
-    static const int number = [] {
-        struct sigaction action = {};
-        action.sa_handler = [](int) {}; // without SA_RESTART
-        ::sigaction(SIGRTMIN + 2, &action, nullptr);
-        return SIGRTMIN + 2;
-    }();
-    return number;
-}
-
-/// The calling thread's space for a request. It is made before the thread is: with the first request there
-/// might be no memory for it.
-thread_local char* ownSpace = nullptr;
 
 FuseFront* front(fuse_req_t req) {
     return static_cast<FuseFront*>(fuse_req_userdata(req));
@@ -183,72 +135,6 @@ fuse_lowlevel_ops operations() {
 
 } // namespace
 
-/// Takes requests from the kernel.
-class FuseFront::Worker : public SxSystemThread {
-public:
-    /// @param looking_  shared by all workers of the session: whether one of them looks
-    /// @param ended_  likewise: whether the kernel has ended the connection
-    Worker(fuse_session* session_, std::atomic<bool>* looking_, std::atomic<bool>* ended_)
-        : session(session_),
-          looking(looking_),
-          ended(ended_) {
-        setThreadName("fuse");
-    }
-    ~Worker() override {
-        ::munlock(request.mem, ::malloc_usable_size(request.mem));
-        // NOLINTNEXTLINE(cppcoreguidelines-*): it is the C library's that got it
-        std::free(request.mem);
-    }
-    /// Before the start: has the library get its space for requests, which it does when it looks for one,
-    /// and locks that. The session must not wait for requests meanwhile.
-    void prepare() {
-        wakeSignal();
-        ownSpace = space.data();
-        if (fuse_session_receive_buf(session, &request) > 0) fuse_session_process_buf(session, &request);
-        lockMemory(request.mem, ::malloc_usable_size(request.mem));
-    }
-
-    /// Ends the thread's wait for a request; the session must have been told to end. Does nothing where the
-    /// thread doesn't wait, so it is to be repeated until the thread has ended.
-    void interrupt() {
-        if (isRunning() && hasSelf) ::pthread_kill(self, wakeSignal());
-    }
-
-protected:
-    void main() override {
-        self = ::pthread_self();
-        hasSelf = true;
-        ownSpace = space.data();
-        while (!fuse_session_exited(session)) {
-            lookForNext();
-            const int got = fuse_session_receive_buf(session, &request);
-            if (got == -EINTR) continue;
-            if (got <= 0) break;
-            fuse_session_process_buf(session, &request);
-        }
-        *ended = true;
-    }
-
-private:
-    void lookForNext() {
-        // A second one would only take the core on which the reader runs.
-        if (looking->exchange(true, std::memory_order_relaxed)) return;
-        pollfd fd = {fuse_session_fd(session), POLLIN, 0};
-        const auto end = std::chrono::steady_clock::now() + LOOK;
-        while (::poll(&fd, 1, 0) == 0 && std::chrono::steady_clock::now() < end) {
-        }
-        looking->store(false, std::memory_order_relaxed);
-    }
-
-    fuse_session* session;
-    std::atomic<bool>* looking;
-    std::atomic<bool>* ended;
-    pthread_t self = {};
-    std::atomic<bool> hasSelf{false};
-    RequestSpace space;
-    fuse_buf request = {};
-};
-
 /// Finishes requests that were held.
 class FuseFront::Finisher : public SxSystemThread {
 public:
@@ -258,7 +144,7 @@ public:
 
 protected:
     void main() override {
-        ownSpace = space.data();
+        space.adopt();
         while (auto request = todo.pop())
             owner->finish(std::move(*request));
     }
@@ -330,7 +216,7 @@ void FuseFront::mount(const std::string& mountPoint, const std::string& name) {
     const int fd = fuse_session_fd(session), flags = ::fcntl(fd, F_GETFL);
     ::fcntl(fd, F_SETFL, flags | O_NONBLOCK);
     for (int64 i = 0; i < nWorkers; ++i) {
-        workers.push_back(std::make_unique<Worker>(session, &looking, &ended));
+        workers.push_back(std::make_unique<FuseWorker>(session, &looking, &ended));
         workers.back()->prepare();
     }
     ::fcntl(fd, F_SETFL, flags);
@@ -435,9 +321,9 @@ void FuseFront::read(fuse_req* req, uint64 offset, uint64 size) {
     const auto n = static_cast<uint32>(std::min(size, end - offset));
     answer(req, false, [&] {
         int error = 0;
-        switch (disk->read(offset, n, ownSpace, reinterpret_cast<uint64>(req), false, &error)) {
+        switch (disk->read(offset, n, RequestSpace::get(), reinterpret_cast<uint64>(req), false, &error)) {
         case VirtualDisk::Result::Done:
-            fuse_reply_buf(req, ownSpace, n);
+            fuse_reply_buf(req, RequestSpace::get(), n);
             break;
         case VirtualDisk::Result::Failed:
             fuse_reply_err(req, error);
@@ -543,7 +429,7 @@ void FuseFront::tryAgain(Request request) {
     int error = 0;
     const VirtualDisk::Result result =
         isWrite ? disk->write(request.offset, size, request.data.data(), token, true, &error)
-                : disk->read(request.offset, size, ownSpace, token, true, &error);
+                : disk->read(request.offset, size, RequestSpace::get(), token, true, &error);
     if (result == VirtualDisk::Result::Held) {
         hold(std::move(request));
     } else if (result == VirtualDisk::Result::Failed) {
@@ -553,6 +439,6 @@ void FuseFront::tryAgain(Request request) {
         nWritten += request.size;
         fuse_reply_write(request.req, request.size);
     } else {
-        fuse_reply_buf(request.req, ownSpace, request.size);
+        fuse_reply_buf(request.req, RequestSpace::get(), request.size);
     }
 }

@@ -12,6 +12,7 @@
 
 struct fuse_session;
 struct fuse_req;
+class FuseWorker;
 
 /// Serves a virtual disk as one file, through the kernel's FUSE protocol. A request that can't be answered
 /// yet is stored, never waited for by a thread.
@@ -64,7 +65,6 @@ public:
     void write(fuse_req* req, uint64 offset, const char* data, uint64 size);
 
 private:
-    class Worker;
     class Finisher;
     class Syncer;
 
@@ -80,7 +80,7 @@ private:
     std::atomic<int> writeError{0};
     std::atomic<int> syncError{0};   ///< of the last sync, where it found no room
     std::atomic<uint64> nWritten{0}; ///< bytes
-    std::vector<std::unique_ptr<Worker>> workers;
+    std::vector<std::unique_ptr<FuseWorker>> workers;
     std::atomic<bool> ended = false;
     std::atomic<bool> looking = false; ///< one of the workers looks for the next request
     std::unique_ptr<Finisher> finisher;
