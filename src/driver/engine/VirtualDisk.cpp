@@ -1,9 +1,11 @@
 #include "VirtualDisk.h"
 
+#include "Counted.h"
+#include "SxClock.h"
 #include "SxException.h"
 #include "ZqBlocks.h"
-#include "ZqImageFiles.h"
 
+#include <algorithm>
 #include <cerrno>
 
 namespace {
@@ -12,28 +14,22 @@ constexpr const char* UNIT = "src/driver/VirtualDisk";
 
 } // namespace
 
-VirtualDisk::VirtualDisk(const Config& config, Wake wake_)
+VirtualDisk::VirtualDisk(const Config& config, Wake wake)
     : cfg(config),
-      wake(std::move(wake_)),
       cursor(cfg.cursor),
       map(cfg.folder.str(), cfg.sizeRaw, !cfg.readOnly),
       store(cfg.folder.str(), map.nIncluded(), cfg.cacheSize, cursor),
       layer(cfg.folder.str(), &map, cfg.readOnly),
-      held([this](const HeldRequest& request, std::vector<ZqfIdx>* missing) {
-          findMissing(request, missing);
-      }) {
-    const bool inPlace = !cfg.readOnly && !cfg.writeLayer;
-    if (inPlace) requireComplete(cfg.cursor);
-    zqf.open(cfg.folder.str() + ZqImageFiles::ZQF,
-             inPlace ? SxOs::Read | SxOs::Write | SxOs::NoFollow : SxOs::Read);
-    zqfSize = zqf.getSize();
-    noteEnd(cfg.cursor);
+      zqf(cfg.folder, map.nIncluded(), &failure),
+      reader({map, cursor, zqf, store, layer}, cfg.sizeRaw, &failure),
+      writer(cfg, {map, zqf, layer, reader}, &failure),
+      requests(
+          [this](const HeldRequest& request, std::vector<ZqfIdx>* missing) { findMissing(request, missing); },
+          std::move(wake)) {
+    if (cfg.writesInPlace()) requireComplete(cfg.cursor);
+    zqf.open(cfg.writesInPlace());
+    if (isComplete()) zqf.noteEnd();
     if (cfg.readOnly) return;
-    if (inPlace) {
-        // What a killed service has written may not be on the disk yet, and programs rely on it after a sync.
-        zqf.noteWritten(0, zqfSize);
-        zqfDirty = true;
-    }
     if (cfg.writeLayer) {
         layer.create();
     } else {
@@ -52,14 +48,6 @@ void VirtualDisk::requireComplete(uint64 present) const {
                       UNIT, __LINE__);
 }
 
-/// Once all blocks are there the file's size is the image's. It is noted before the cursor is set, since the
-/// last block is read from then on.
-void VirtualDisk::noteEnd(uint64 present) {
-    SxStat info;
-    if (present < nIncluded() || endOfZqf.load() != 0) return;
-    if (SxOs::get().statFd(zqf.getFd(), &info) == 0) endOfZqf = static_cast<uint64>(info.size);
-}
-
 /// What ends a request before it begins, if anything.
 VirtualDisk::Verdict VirtualDisk::admit(uint64 offset, uint32 size, uint64 token, bool isWrite, bool retry,
                                         int* error) {
@@ -69,22 +57,13 @@ VirtualDisk::Verdict VirtualDisk::admit(uint64 offset, uint32 size, uint64 token
     }
     if (size == 0) return Result::Done;
     if (!retry) {
-        shortReads.settle(token);
-        arrived(offset, size, isWrite);
+        requests.settle(token);
+        const RawIdx first{offset / ZqBlocks::SIZE};
+        const uint64 n = blocksFor(offset % ZqBlocks::SIZE + size);
+        if (trace.isOn()) trace.record(first, n, isWrite);
+        if (!isWrite) reads.add(map, first, n);
     }
-    if (!held.isRestricted()) return {};
-    return resultOf(held.admit(token, isWrite), error);
-}
-
-VirtualDisk::Verdict VirtualDisk::hold(uint64 offset, uint32 size, uint64 token, bool isWrite, int* error) {
-    return resultOf(held.hold(token, offset, size, isWrite), error);
-}
-
-VirtualDisk::Result VirtualDisk::holdShort(uint64 token, const Fault& fault, int* error) {
-    if (shortReads.hold(token)) return Result::Held;
-    fail(fault.text());
-    *error = EIO;
-    return Result::Failed;
+    return resultOf(requests.admit(token, isWrite), error);
 }
 
 VirtualDisk::Verdict VirtualDisk::resultOf(HeldRequests::Verdict verdict, int* error) {
@@ -94,71 +73,103 @@ VirtualDisk::Verdict VirtualDisk::resultOf(HeldRequests::Verdict verdict, int* e
     return Result::Failed;
 }
 
-void VirtualDisk::arrived(uint64 offset, uint32 size, bool isWrite) {
-    const RawIdx first{offset / ZqBlocks::SIZE};
-    const uint64 n = blocksFor(offset % ZqBlocks::SIZE + size);
-    if (trace.isOn()) trace.record(first, n, isWrite);
-    if (isWrite) return;
-    reads.fetch_add(1, std::memory_order_relaxed);
-    const uint64 qa = qaCursor.load(std::memory_order_relaxed);
-    if (qa >= nIncluded()) return;
-    for (uint64 i = 0; i < n; ++i) {
-        const BlockMap::Place place = map.get(first + i);
-        if (!place.isStored() || place.zqfIdx().value < qa) continue;
-        ++beyondQA;
-        return;
+VirtualDisk::Result VirtualDisk::holdShort(uint64 token, const DiskReader::Fault& fault, int* error) {
+    if (requests.holdShort(token)) return Result::Held;
+    failure.note(fault.text());
+    *error = EIO;
+    return Result::Failed;
+}
+
+VirtualDisk::Result VirtualDisk::read(uint64 offset, uint32 size, char* buffer, uint64 token, bool retry,
+                                      int* error) {
+    if (const auto verdict = admit(offset, size, token, false, retry, error)) return *verdict;
+    for (;;) {
+        DiskReader::Fault shortage;
+        switch (reader.read(offset, size, buffer, &shortage)) {
+        case DiskReader::Outcome::Done:
+            requests.settle(token);
+            return Result::Done;
+        case DiskReader::Outcome::Short:
+            return holdShort(token, shortage, error);
+        case DiskReader::Outcome::Failed:
+            requests.settle(token);
+            *error = EIO;
+            return Result::Failed;
+        case DiskReader::Outcome::Missing:
+            if (const auto verdict = resultOf(requests.hold(token, offset, size, false), error))
+                return *verdict;
+        }
     }
 }
 
-void VirtualDisk::wakeAll(const HeldRequests::Tokens& tokens) const {
-    for (const uint64 token : tokens)
-        wake(token);
+VirtualDisk::Result VirtualDisk::write(uint64 offset, uint32 size, const char* buffer, uint64 token,
+                                       bool retry, int* error) {
+    if (cfg.readOnly) {
+        *error = EROFS;
+        return Result::Failed;
+    }
+    // Before admit(): whoever closes the gate waits for those that it didn't hold.
+    const Counted counted(&nWriting);
+    if (const auto verdict = admit(offset, size, token, true, retry, error)) return *verdict;
+    for (;;) {
+        // Looked at first, so that a write that is held for missing blocks has done nothing yet.
+        DiskWriter::Obstacle obstacle;
+        obstacle.isMissing = writer.isEdgeMissing(offset, size);
+        *error = obstacle.isMissing ? 0 : writer.write(offset, size, buffer, &obstacle);
+        if (obstacle.shortage.error != 0) return holdShort(token, obstacle.shortage, error);
+        if (*error || !obstacle.isMissing) requests.settle(token);
+        if (*error) return Result::Failed;
+        if (!obstacle.isMissing) return Result::Done;
+        if (const auto verdict = resultOf(requests.hold(token, offset, size, true), error)) return *verdict;
+    }
 }
 
-bool VirtualDisk::forget(uint64 token) {
-    const bool wasShort = shortReads.forget(token);
-    return held.forget(token) || wasShort;
+VirtualDisk::Result VirtualDisk::discard(uint64 offset, uint64 size, uint64 token, bool /*retry*/,
+                                         int* error) {
+    *error = 0;
+    const bool isInside = offset <= cfg.sizeRaw && size <= cfg.sizeRaw - offset;
+    const bool isWhole =
+        offset % ZqBlocks::SIZE == 0 && (size % ZqBlocks::SIZE == 0 || offset + size == cfg.sizeRaw);
+    if (cfg.readOnly) {
+        *error = EROFS;
+    } else if (!isInside) {
+        *error = EINVAL;
+    } else if (!isWhole) {
+        *error = EOPNOTSUPP;
+    }
+    if (*error) return Result::Failed;
+    const Counted counted(&nWriting);
+    if (const auto verdict = resultOf(requests.admit(token, true), error)) return *verdict;
+    *error = writer.discard({offset / ZqBlocks::SIZE}, blocksFor(size));
+    return *error ? Result::Failed : Result::Done;
+}
+
+int VirtualDisk::sync() {
+    if (const int error = zqf.sync()) return error;
+    return layer.sync();
+}
+
+/// Lists what a request waits for: a write only for blocks of which it writes a part.
+void VirtualDisk::findMissing(const HeldRequest& request, std::vector<ZqfIdx>* missing) const {
+    const uint64 first = request.offset / ZqBlocks::SIZE,
+                 last = (request.offset + request.size - 1) / ZqBlocks::SIZE;
+    for (RawIdx rawIdx{first}; rawIdx.value <= last; rawIdx = rawIdx + 1) {
+        const bool isEdge = rawIdx.value == first || rawIdx.value == last;
+        if (request.write && !(isEdge && writer.isPartWritten(rawIdx, request.offset, request.size)))
+            continue;
+        const BlockMap::Place place = map.get(rawIdx);
+        if (place.isStored() && reader.isMissing(place.zqfIdx())) missing->push_back(place.zqfIdx());
+    }
+    std::sort(missing->begin(), missing->end());
+    missing->erase(std::unique(missing->begin(), missing->end()), missing->end());
 }
 
 void VirtualDisk::setCursor(uint64 zqfIdx) {
-    if (!cfg.readOnly && !cfg.writeLayer) requireComplete(zqfIdx);
-    noteEnd(zqfIdx);
-    if (zqfIdx > getCursor()) shortReads.revive();
-    wakeAll(held.moveCursor(&cursor, zqfIdx));
+    if (cfg.writesInPlace()) requireComplete(zqfIdx);
+    // Before the cursor is set, since the last block is read from then on.
+    if (zqfIdx >= nIncluded()) zqf.noteEnd();
+    requests.moveCursor(&cursor, zqfIdx);
     store.dropPassed();
-}
-
-void VirtualDisk::suspend() {
-    held.suspend();
-}
-
-void VirtualDisk::resume() {
-    wakeAll(held.resume());
-}
-
-bool VirtualDisk::isSuspended() const {
-    return held.isSuspended();
-}
-
-void VirtualDisk::setFailOnUnderflow() {
-    wakeAll(held.failMissing());
-    wakeAll(shortReads.fail());
-}
-
-bool VirtualDisk::isUnderflow() const {
-    return held.isUnderflow();
-}
-
-uint64 VirtualDisk::queueLength() {
-    return held.queueLength();
-}
-
-std::vector<uint64> VirtualDisk::popMissing(uint64 max) {
-    return held.popMissing(max);
-}
-
-bool VirtualDisk::oldestRequest(uint64* offset, uint64* length) const {
-    return held.oldest(offset, length);
 }
 
 void VirtualDisk::deliver(uint64 zqfIdx, const char* data, uint64 length) {
@@ -178,52 +189,51 @@ void VirtualDisk::deliver(uint64 zqfIdx, const char* data, uint64 length) {
         store.add({zqfIdx}, data, length);
     } catch (const SxException& e) {
         for (uint64 i = zqfIdx; i < zqfIdx + n; ++i) {
-            if (!isMissing({i})) wakeAll(held.arrive({i}, {i + 1}));
+            if (!reader.isMissing({i})) requests.arrive({i}, {i + 1});
         }
         throw SxException(e, "Cannot take ZqF block " + SxString(zqfIdx), UNIT, __LINE__);
     }
-    wakeAll(held.arrive({zqfIdx}, {zqfIdx + n}));
+    requests.arrive({zqfIdx}, {zqfIdx + n});
 }
 
-void VirtualDisk::setCacheSize(uint64 bytes) {
-    store.setCacheSize(bytes);
-}
-
-void VirtualDisk::monitorOn(const SxString& folder) {
-    trace.start(folder);
-}
-
-void VirtualDisk::monitorOff() {
-    trace.stop();
+void VirtualDisk::flushLayer() {
+    if (cfg.readOnly) {
+        throw SxException("The image '" + cfg.folder + "' is mounted read-only", UNIT, __LINE__);
+    }
+    const SxMutexBlock turn(&flushing);
+    requests.closeGate();
+    while (nWriting.load() > 0)
+        SxClock::get().sleepNs(1'000'000);
+    try {
+        DriveFile target;
+        if (isReplaced()) throw SxException(zqf.replacedText(), UNIT, __LINE__);
+        target.open(zqf.getPath(), SxOs::Read | SxOs::Write | SxOs::NoFollow);
+        // Asked once more: the file that is open now may be that of another image.
+        if (isReplaced()) throw SxException(zqf.replacedText(), UNIT, __LINE__);
+        // What was written in place counts as flushed, too.
+        if (sync() != 0) throw SxException(getFailure(), UNIT, __LINE__);
+        layer.flush({&target, std::min(getCursor(), nIncluded()), target.getSize(), cfg.sizeRaw});
+    } catch (const SxException&) {
+        requests.openGate();
+        throw;
+    }
+    requests.openGate();
 }
 
 void VirtualDisk::tick() {
     trace.flush();
-    wakeAll(shortReads.release());
+    requests.retryShort();
 }
 
 int VirtualDisk::close() {
-    wakeAll(held.close());
-    wakeAll(shortReads.fail());
+    requests.close();
     const int error = cfg.readOnly ? 0 : sync();
     layer.stopGivingBack();
     trace.stop();
     return error;
 }
 
-uint64 VirtualDisk::nHeld() const {
-    return held.nHeld() + shortReads.nHeld();
-}
-
-void VirtualDisk::fail(const SxString& text) {
-    const SxMutexBlock lock(&failureMutex);
-    if (failure.isEmpty()) failure = text;
-}
-
 SxString VirtualDisk::getFailure() const {
-    {
-        const SxMutexBlock lock(&failureMutex);
-        if (!failure.isEmpty()) return failure;
-    }
-    return layer.getFailure();
+    const SxString text = failure.getText();
+    return text.isEmpty() ? layer.getFailure() : text;
 }

@@ -1,15 +1,17 @@
 #pragma once
 
 #include "BlockMap.h"
-#include "HeldRequests.h"
-#include "LookAhead.h"
-#include "ReadPlan.h"
-#include "ShortReads.h"
+#include "DiskConfig.h"
+#include "DiskReader.h"
+#include "DiskWriter.h"
+#include "DriveFailure.h"
+#include "PendingRequests.h"
+#include "ReadCount.h"
+#include "StoredFile.h"
 #include "TraceRecorder.h"
 #include "UnderflowStore.h"
 #include "WriteLayer.h"
 
-#include <functional>
 #include <optional>
 #include <vector>
 
@@ -24,21 +26,14 @@
 /// the request is held by its token, without a thread, and its owner is woken to try again.
 class VirtualDisk {
 public:
-    struct Config {
-        SxString folder;                    ///< of the image, a host path with its trailing slash
-        uint64 sizeRaw = 0, sectorSize = 0; ///< bytes
-        uint64 cursor = 0;                  ///< blocks present at the start of `img.zqf`
-        bool readOnly = true;
-        bool writeLayer = false; ///< all writes go into the layer (mode "rtw")
-        uint64 cacheSize = 0;    ///< bytes of delivered blocks kept in memory
-    };
+    using Config = DiskConfig;
     enum class Result { Done, Held, Failed };
     /// Tells that the held request `token` should be tried again. Called without a lock held, from whatever
     /// thread made the request complete, perhaps before the call that is to give Held has returned.
-    using Wake = std::function<void(uint64 token)>;
+    using Wake = PendingRequests::Wake;
 
     /// Opens `img.zqf`, `img.idx` and a write layer that is there. Raises, naming the file and the fault.
-    explicit VirtualDisk(const Config& config, Wake wake_);
+    VirtualDisk(const Config& config, Wake wake);
     ~VirtualDisk();
     VirtualDisk(const VirtualDisk&) = delete;
     VirtualDisk& operator=(const VirtualDisk&) = delete;
@@ -61,46 +56,42 @@ public:
     /// Grows while a sync() under way goes on.
     uint64 getProgress() const { return zqf.getProgress() + layer.getProgress(); }
     /// Forgets a held request, which is no longer woken; false where it isn't held.
-    bool forget(uint64 token);
+    bool forget(uint64 token) { return requests.forget(token); }
 
     /// All blocks below are present in `img.zqf` from now on; may go down too. Raises on a disk that is
     /// written in place when it would become partial.
     void setCursor(uint64 zqfIdx);
     uint64 getCursor() const { return cursor.load(); }
-    /// A pretended cursor: reads that touch a block at or above it are counted.
-    void setQACursor(uint64 zqfIdx) { qaCursor = zqfIdx; }
-    uint64 nBeyondQA() const { return beyondQA.load(); }
 
     /// Holds every request until resume().
-    void suspend();
-    void resume();
-    bool isSuspended() const;
+    void suspend() { requests.suspend(); }
+    void resume() { requests.resume(); }
+    bool isSuspended() const { return requests.isSuspended(); }
     /// From now on reads of missing blocks fail, those that are held at once.
-    void setFailOnUnderflow();
+    void setFailOnUnderflow() { requests.failMissing(); }
 
     /// Whether a read is held for a missing block.
-    bool isUnderflow() const;
+    bool isUnderflow() const { return requests.isUnderflow(); }
     /// Number of blocks that wait to be popped; a popped block that isn't delivered within 100 ms is one.
-    uint64 queueLength();
+    uint64 queueLength() { return requests.queueLength(); }
     /// Takes up to `max` missing blocks from the queue (ZqF indices), those of the oldest request first.
-    std::vector<uint64> popMissing(uint64 max);
+    std::vector<uint64> popMissing(uint64 max) { return requests.popMissing(max); }
     /// Lowest missing block of the oldest held read as byte offset in `img.zqf`, and the bytes that it
     /// misses; false, and zeros, where none is held for a missing block.
-    bool oldestRequest(uint64* offset, uint64* length) const;
+    bool oldestRequest(uint64* offset, uint64* length) const { return requests.oldest(offset, length); }
     /// Hands over the bytes of the blocks from `zqfIdx` on, at most UnderflowStore::LONGEST_DELIVERY bytes:
     /// whole blocks, or up to the image's end. Blocks that are present are passed over. Raises, naming the
     /// fault.
     void deliver(uint64 zqfIdx, const char* data, uint64 length);
     /// Bytes of delivered blocks kept in memory; what is too much goes into the file. Raises where it can't.
-    void setCacheSize(uint64 bytes);
+    void setCacheSize(uint64 bytes) { store.setCacheSize(bytes); }
 
-    /// Starts a trace afresh, `img.trc` in `folder` (with or without a trailing slash); one that runs ends.
-    /// Raises where it can't.
-    void monitorOn(const SxString& folder);
-    void monitorOff();
-    bool isMonitored() const { return trace.isOn(); }
-    /// Whether a record has come since the last question.
-    bool hasTraceEvent() { return trace.hasEvent(); }
+    /// Records which blocks requests touch while it is on. close() ends it.
+    TraceRecorder* getTrace() { return &trace; }
+    const TraceRecorder* getTrace() const { return &trace; }
+    /// The reads that have come.
+    ReadCount* getReads() { return &reads; }
+    const ReadCount* getReads() const { return &reads; }
 
     /// Moves the blocks of the layer that are present in `img.zqf` into it, durably; others stay. Writes are
     /// held meanwhile. Raises where it can't, also on a read-only disk and where the image was replaced.
@@ -115,103 +106,45 @@ public:
     /// later one. Gives 0 or the errno value of what could not be written.
     int close();
 
-    uint64 nReads() const { return reads.load(); }
     /// Requests that are held now, for whatever reason.
-    uint64 nHeld() const;
+    uint64 nHeld() const { return requests.nHeld(); }
     /// Number of blocks of the complete `img.zqf`.
     uint64 nIncluded() const { return map.nIncluded(); }
     bool isComplete() const { return getCursor() >= nIncluded(); }
     /// Whether its `img.zqf` no longer stands where it was opened: an image is what stands under its path
     /// now.
-    bool isReplaced() const { return !zqf.isInPlace(); }
+    bool isReplaced() const { return zqf.isReplaced(); }
     uint64 getSizeRaw() const { return cfg.sizeRaw; }
     uint64 getSectorSize() const { return cfg.sectorSize; }
 
     /// The first failure of a file that has made a request fail; empty where there was none.
     SxString getFailure() const;
-    /// Why the trace has stopped by itself; empty where it hasn't.
-    SxString getTraceFailure() const { return trace.getFailure(); }
     /// What opening has found and mended, for the log; empty where nothing.
     SxString getNotice() const { return layer.getNotice(); }
 
 private:
-    enum class Outcome { Done, Missing, Short, Failed };
-    /// Why a read failed.
-    struct Fault {
-        static constexpr int SHORT = -1; ///< the file ends too early
-        int error = 0;                   ///< errno value
-        const char* file = "";
-        uint64 at = 0;          ///< byte offset in the file
-        bool isCold = false;    ///< without a fault: not all was in the cache
-        bool isGrowing = false; ///< the file is one that may still grow
-
-        SxString text() const;
-    };
-    /// Why a write can't be done now.
-    struct Obstacle {
-        bool isMissing = false; ///< a block
-        Fault shortage;         ///< or `img.zqf` came short
-
-        bool isAny() const { return isMissing || shortage.error != 0; }
-    };
     using Verdict = std::optional<Result>; ///< none: go on
 
     Verdict admit(uint64 offset, uint32 size, uint64 token, bool isWrite, bool retry, int* error);
-    Verdict hold(uint64 offset, uint32 size, uint64 token, bool isWrite, int* error);
     static Verdict resultOf(HeldRequests::Verdict verdict, int* error);
     /// Holds a request for which `img.zqf` came short, or notes why it fails.
-    Result holdShort(uint64 token, const Fault& fault, int* error);
-    void arrived(uint64 offset, uint32 size, bool isWrite);
+    Result holdShort(uint64 token, const DiskReader::Fault& fault, int* error);
     void requireComplete(uint64 present) const;
-    void noteEnd(uint64 present);
-    bool isMissing(ZqfIdx zqfIdx) const { return zqfIdx.value >= cursor.load() && !store.has(zqfIdx); }
     void findMissing(const HeldRequest& request, std::vector<ZqfIdx>* missing) const;
-    void wakeAll(const HeldRequests::Tokens& tokens) const;
-    void fail(const SxString& text);
-
-    uint64 nChanges() const { return store.nDrops() + layer.nMoves(); }
-    Outcome readPresent(uint64 offset, uint32 size, char* to, Fault* shortage);
-    bool planRead(uint64 offset, uint32 size, char* to, uint64 present, ReadPlan* plan) const;
-    Fault carryOut(const ReadPlan& plan);
-    int64 readRun(int fd, const ReadPlan::Run& run, const ReadPlan::Run* end, bool* isAnnounced) const;
-    void announce(const ReadPlan::Run* run, const ReadPlan::Run* end) const;
-    void announceAhead(LookAhead::Range range, uint64 present) const;
-    bool isAtEnd(uint64 from) const;
-
-    bool isEdgeMissing(uint64 offset, uint32 size) const;
-    int writeNow(uint64 offset, uint32 size, const char* buffer, Obstacle* obstacle);
-    int writePart(RawIdx rawIdx, uint64 from, uint64 n, const char* data, Obstacle* obstacle);
-    int writeBlocks(RawIdx first, uint64 n, const char* data);
-    int discardBlocks(RawIdx first, uint64 n);
-    int discardInLayer(RawIdx first, uint64 n);
-    int zeroInPlace(RawIdx rawIdx);
-    int writeInPlace(RawIdx first, uint64 n, const char* data);
-    int failZqf(const SxString& what, int error);
-    SxString replacedText() const;
-    bool isInPlace(RawIdx rawIdx) const;
-    bool isPartWritten(RawIdx rawIdx, uint64 offset, uint64 size) const;
-    uint64 validBytes(RawIdx rawIdx) const;
 
     const Config cfg;
-    const Wake wake;
     std::atomic<uint64> cursor;
+    DriveFailure failure; ///< of `img.zqf` and of reads
     BlockMap map;
-    DriveFile zqf;
-    uint64 zqfSize = 0;              ///< bytes of `img.zqf` at the start, where it is written in place
-    std::atomic<uint64> endOfZqf{0}; ///< bytes of the whole `img.zqf`; 0 while some is missing
     UnderflowStore store;
     WriteLayer layer;
-    HeldRequests held;
-    ShortReads shortReads;
+    StoredFile zqf;
+    DiskReader reader;
+    DiskWriter writer;
+    PendingRequests requests;
     TraceRecorder trace;
-    LookAhead lookAhead;
+    ReadCount reads;
 
-    std::atomic<uint64> qaCursor{~uint64{0}}, beyondQA{0}, reads{0};
     std::atomic<int64> nWriting{0};
-    std::atomic<int> zqfError{0};
-    std::atomic<bool> zqfDirty{false};
-    SxMutex partialWrites; ///< held over reading, changing and writing a block of which a part is written
-    SxMutex flushing;      ///< held over flushLayer()
-    mutable SxMutex failureMutex;
-    SxString failure SX_GUARDED_BY(failureMutex);
+    SxMutex flushing; ///< held over flushLayer()
 };

@@ -143,7 +143,7 @@ Disk::Disk(const MountParams& params_, const SxString& root_, const SxString& fo
       cacheSize(cacheSize_),
       appliedCacheSize(cacheSize_) {
     if (!disk.getNotice().isEmpty()) driverLog(params.image + ": " + disk.getNotice());
-    if (!params.traceFolder.isEmpty()) disk.monitorOn(params.traceFolder);
+    if (!params.traceFolder.isEmpty()) disk.getTrace()->start(params.traceFolder);
     SxFileIO::writeAtomic(folder + "/" + ZqServiceFolder::IMAGE, params.image, 0600);
     starter = std::make_unique<Starter>(this);
     ticker = std::make_unique<Ticker>(this);
@@ -541,7 +541,7 @@ void Disk::tick() {
     // After a large discard there is a lot of it, and the rest of the work must go on meanwhile.
     for (const SxDeadline deadline(GIVE_BACK_MS); deadline.getLeftMs() > 0 && disk.giveBackRoom();)
         continue;
-    for (const SxString& text : {disk.getFailure(), disk.getTraceFailure()})
+    for (const SxString& text : {disk.getFailure(), disk.getTrace()->getFailure()})
         logOnce(text);
     // A loop device has 128 requests: when all are held, it stands still.
     constexpr uint64 NEARLY_ALL = 100;

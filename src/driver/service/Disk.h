@@ -127,7 +127,7 @@ private:
     void sweep();
     void removeFolder();
     bool isReadOnly(const SxString& type) const { return params.readOnly || type != "ext4"; }
-    bool wantsReadAhead() const { return disk.isComplete() && !disk.isMonitored(); }
+    bool wantsReadAhead() const { return disk.isComplete() && !disk.getTrace()->isOn(); }
     bool hasDrive() const SX_REQUIRES(mutex) { return state == State::Mounted || state == State::Detached; }
     void applyCacheSize();
     void adjustReadAhead();

@@ -63,7 +63,7 @@ void Disk::flushLayer() {
 }
 
 void Disk::monitorOn(const SxString& traceFolder) {
-    disk.monitorOn(traceFolder);
+    disk.getTrace()->start(traceFolder);
     SxWait::pass(SETTLE_MS, [this] {
         const SxMutexBlock block(&mutex);
         return state != State::Mounted || readAhead.isEmpty() || !isReadingAhead;
@@ -89,12 +89,12 @@ ZqDiskStatus Disk::getStatus() {
     status.cursor = disk.getCursor();
     status.nIncluded = disk.nIncluded();
     status.queueLength = disk.queueLength();
-    status.nReads = disk.nReads();
+    status.nReads = disk.getReads()->get();
     status.nHeld = disk.nHeld();
-    status.nBeyondQA = disk.nBeyondQA();
+    status.nBeyondQA = disk.getReads()->nBeyondQA();
     status.underflow = disk.isUnderflow();
     status.suspended = disk.isSuspended();
-    status.monitored = disk.isMonitored();
+    status.monitored = disk.getTrace()->isOn();
     status.ready = ready;
     status.replaced = replaced;
     status.mounterPid = mounterPid;

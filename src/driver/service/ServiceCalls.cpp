@@ -105,7 +105,7 @@ bool Service::handleState(Call call, Reader* request, Writer* answer) {
     case Call::TraceEvent: {
         const DiskPtr disk = require(request);
         requireWhole(*request);
-        answer->flag(disk->getVirtualDisk()->hasTraceEvent());
+        answer->flag(disk->getVirtualDisk()->getTrace()->hasEvent());
         return true;
     }
     case Call::RequestData: {
@@ -160,8 +160,9 @@ bool Service::handleDisk(Call call, Reader* request, Writer* answer) {
     case Call::SetCursor:
         return simple([](const DiskPtr& disk, uint64 zqfIdx) { disk->setCursor(zqfIdx); });
     case Call::SetQACursor:
-        return simple(
-            [](const DiskPtr& disk, uint64 zqfIdx) { disk->getVirtualDisk()->setQACursor(zqfIdx); });
+        return simple([](const DiskPtr& disk, uint64 zqfIdx) {
+            disk->getVirtualDisk()->getReads()->setQACursor(zqfIdx);
+        });
     case Call::Suspend:
         return simple([](const DiskPtr& disk, uint64) { disk->suspend(); });
     case Call::Ready:
@@ -171,7 +172,7 @@ bool Service::handleDisk(Call call, Reader* request, Writer* answer) {
     case Call::FailOnUnderflow:
         return simple([](const DiskPtr& disk, uint64) { disk->getVirtualDisk()->setFailOnUnderflow(); });
     case Call::MonitorOff:
-        return simple([](const DiskPtr& disk, uint64) { disk->getVirtualDisk()->monitorOff(); });
+        return simple([](const DiskPtr& disk, uint64) { disk->getVirtualDisk()->getTrace()->stop(); });
     case Call::FlushLayer:
         return simple([](const DiskPtr& disk, uint64) { disk->flushLayer(); });
     case Call::MonitorOn: {

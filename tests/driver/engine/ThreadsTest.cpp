@@ -142,10 +142,10 @@ void disturb(VirtualDisk* drive, const DriveImage& image, TestRandom* random,
             drive->setCacheSize(random->below(200) * ZqBlocks::SIZE);
             break;
         case 4:
-            drive->monitorOn(image.prefix);
+            drive->getTrace()->start(image.prefix);
             break;
         case 5:
-            drive->monitorOff();
+            drive->getTrace()->stop();
             break;
         case 6:
             drive->flushLayer();
@@ -189,5 +189,5 @@ TEST(DriveThreads, NothingIsMixedUpWhileBlocksComeAndGo) {
     for (const auto& user : users)
         EXPECT_EQ(user->fault, "");
     EXPECT_EQ(drive.nHeld(), 0U);
-    EXPECT_EQ(drive.getTraceFailure(), "");
+    EXPECT_EQ(drive.getTrace()->getFailure(), "");
 }

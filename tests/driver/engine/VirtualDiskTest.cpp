@@ -260,16 +260,16 @@ TEST(VirtualDisk, TheTraceHasEachBlockOfEachRequestOnce) {
     VirtualClock clock(1'700'000'000'000);
     const OrderedImage image;
     Drive drive(image, Mode::Rtw, 4);
-    drive.disk.setQACursor(3);
+    drive.disk.getReads()->setQACursor(3);
     EXPECT_EQ(drive.read(0, 1, 1), Result::Done);
     image.dir.write("watched/img.trc", "of an older run");
-    drive.disk.monitorOn(image.prefix);
-    EXPECT_FALSE(drive.disk.hasTraceEvent());
+    drive.disk.getTrace()->start(image.prefix);
+    EXPECT_FALSE(drive.disk.getTrace()->hasEvent());
     EXPECT_EQ(drive.read(2, 3, 2), Result::Held);
     image.deliver(&drive.disk, 4, 1);
     EXPECT_EQ(drive.read(2, 3, 2, true), Result::Done);
-    EXPECT_TRUE(drive.disk.hasTraceEvent());
-    EXPECT_FALSE(drive.disk.hasTraceEvent());
+    EXPECT_TRUE(drive.disk.getTrace()->hasEvent());
+    EXPECT_FALSE(drive.disk.getTrace()->hasEvent());
     SxClock::get().sleepNs(1'500'200);
     clock.adjustSystem(-5000);
     EXPECT_EQ(drive.write(7, drive.buffer), 0);
@@ -278,7 +278,7 @@ TEST(VirtualDisk, TheTraceHasEachBlockOfEachRequestOnce) {
     // Others can tell that it is being written.
     SxFileIO reader(image.path("img.trc"), "rb");
     EXPECT_EQ(SxOs::get().isLocked(reader.getFd(), 0, 1, SxOs::Lock::Exclusive), 1);
-    drive.disk.monitorOff();
+    drive.disk.getTrace()->stop();
     EXPECT_EQ(SxOs::get().isLocked(reader.getFd(), 0, 1, SxOs::Lock::Exclusive), 0);
     EXPECT_EQ(drive.read(0, 1, 4), Result::Done);
 
@@ -288,8 +288,8 @@ TEST(VirtualDisk, TheTraceHasEachBlockOfEachRequestOnce) {
         found.emplace_back(record.block, record.time);
     EXPECT_THAT(found, ElementsAre(std::pair(2, START), std::pair(3, START), std::pair(4, START),
                                    std::pair(7 | WRITE, START + 15'002)));
-    EXPECT_EQ(drive.disk.nReads(), 3U);
-    EXPECT_EQ(drive.disk.nBeyondQA(), 1U);
+    EXPECT_EQ(drive.disk.getReads()->get(), 3U);
+    EXPECT_EQ(drive.disk.getReads()->nBeyondQA(), 1U);
 }
 
 TEST(VirtualDisk, TheRecordOfATraceThatHasEndedTellsWhatIsWhole) {
@@ -306,7 +306,7 @@ TEST(VirtualDisk, TheRecordOfATraceThatHasEndedTellsWhatIsWhole) {
         SCOPED_TRACE(isBroken ? "a write failed" : "all was written");
         image.dir.write("watched/trace.json", STARTED);
         Drive drive(image, Mode::Ro, 32);
-        drive.disk.monitorOn(image.prefix);
+        drive.disk.getTrace()->start(image.prefix);
         EXPECT_EQ(drive.read(0, 3, 1), Result::Done);
         drive.disk.tick();
         EXPECT_EQ(image.dir.read("watched/trace.json"), STARTED) << "as a kill would leave it";
@@ -326,8 +326,8 @@ TEST(VirtualDisk, TheRecordOfATraceThatHasEndedTellsWhatIsWhole) {
     // A record that can't be changed keeps no drive from ending.
     image.dir.write("watched/trace.json", "{");
     Drive drive(image, Mode::Ro, 32);
-    drive.disk.monitorOn(image.prefix);
-    drive.disk.monitorOff();
+    drive.disk.getTrace()->start(image.prefix);
+    drive.disk.getTrace()->stop();
     EXPECT_EQ(image.dir.read("watched/trace.json"), "{");
 }
 
@@ -335,14 +335,14 @@ TEST(VirtualDisk, ATraceThatCanNotBeWrittenEndsAndReadsGoOn) {
     const OrderedImage image;
     FaultOs os(image.dir.path("watched"));
     Drive drive(image, Mode::Ro, 32);
-    EXPECT_THAT(failureOf([&] { drive.disk.monitorOn(image.prefix + "nowhere"); }),
+    EXPECT_THAT(failureOf([&] { drive.disk.getTrace()->start(image.prefix + "nowhere"); }),
                 HasSubstr("nowhere/img.trc"));
-    drive.disk.monitorOn(image.prefix);
+    drive.disk.getTrace()->start(image.prefix);
     os.failNth(FaultOs::Op::Write, 1, EIO, "img.trc");
     EXPECT_EQ(drive.read(0, 3, 1), Result::Done);
     drive.disk.tick();
-    EXPECT_FALSE(drive.disk.isMonitored());
-    EXPECT_THAT(drive.disk.getTraceFailure().str(), HasSubstr("img.trc"));
+    EXPECT_FALSE(drive.disk.getTrace()->isOn());
+    EXPECT_THAT(drive.disk.getTrace()->getFailure().str(), HasSubstr("img.trc"));
     EXPECT_EQ(drive.read(0, 3, 2), Result::Done);
 }
 
