@@ -30,7 +30,7 @@ public:
     /// How many slots may be given out for a disk of `nRaw` blocks.
     static uint64 maxFor(uint64 nRaw);
 
-    /// Opens the file if it is there, and publishes it. Raises.
+    /// Opens the file if it is there; it is not published yet. Raises.
     void open(bool readOnly);
     /// Makes an empty one, which isn't published yet. Raises.
     void create();

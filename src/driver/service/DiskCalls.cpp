@@ -5,7 +5,6 @@
 #include "SxException.h"
 #include "SxOs.h"
 #include "SxTime.h"
-#include "ZqServiceFolder.h"
 
 #include <unistd.h>
 
@@ -28,8 +27,7 @@ void Disk::redirect(const SxList<SxString>& names, const SxString& directory) {
                           __LINE__);
     }
     isRedirected = true;
-    SxList<SxString> words = {"redirect", folder + "/" + ZqServiceFolder::VOLUME, directory,
-                              params.image + "/"};
+    SxList<SxString> words = {"redirect", folder.getVolume(), directory, params.image + "/"};
     words.append(names);
     try {
         const Helper::Facts facts = runHelper(words);
@@ -40,7 +38,8 @@ void Disk::redirect(const SxList<SxString>& names, const SxString& directory) {
         }
     } catch (const SxException& e) {
         // What was freed by ending the connection no longer serves.
-        if (isAborted) fail("Redirecting names took too long: " + e.toString(SxException::ShowMessage, ": "));
+        if (isAborted)
+            state.fail("Redirecting names took too long: " + e.toString(SxException::ShowMessage, ": "));
         throw;
     }
 }
@@ -50,34 +49,23 @@ void Disk::suspend() {
     disk.suspend();
 }
 
-SxPtr<ZqImageLock> Disk::takeBlocks() const {
-    return ZqImageLock::take(params.image, ZqImageLock::Blocks, ZqImageLock::Shared, "drive service");
-}
-
 void Disk::flushLayer() {
     // Once it is ejected the image may be somebody else's.
     const SxMutexBlock block(&tearing);
     if (ending) throw SxException("The disk is being ejected", UNIT, __LINE__);
-    const SxPtr<ZqImageLock> lock = takeBlocks();
+    const SxPtr<ZqImageLock> lock = DiskLocks::takeBlocks(params.image);
     disk.flushLayer();
 }
 
 void Disk::monitorOn(const SxString& traceFolder) {
     disk.getTrace()->start(traceFolder);
-    SxWait::pass(SETTLE_MS, [this] {
-        const SxMutexBlock block(&mutex);
-        return state != State::Mounted || readAhead.isEmpty() || !isReadingAhead;
-    });
+    SxWait::pass(SETTLE_MS, [this] { return !isMounted() || !readAhead.isHigh(); });
 }
 
 void Disk::restore() {
     const SxMutexBlock block(&tearing);
     if (!isMounted()) return;
-    runHelper({"restore", folder + "/" + ZqServiceFolder::VOLUME});
-}
-
-void Disk::setCursor(uint64 zqfIdx) {
-    disk.setCursor(zqfIdx); // the ticker looks after the read-ahead
+    runHelper({"restore", folder.getVolume()});
 }
 
 ZqDiskStatus Disk::getStatus() {
@@ -96,25 +84,20 @@ ZqDiskStatus Disk::getStatus() {
     status.suspended = disk.isSuspended();
     status.monitored = disk.getTrace()->isOn();
     status.ready = ready;
-    status.replaced = replaced;
+    status.replaced = upkeep.isReplaced();
     status.mounterPid = mounterPid;
     status.servicePid = SxOs::processId();
     status.madeNs = madeNs;
-    const SxMutexBlock block(&mutex);
-    status.failure = failure.isEmpty() ? disk.getFailure() : failure;
+    const DiskState::View view = state.view();
+    status.failure = view.failure.isEmpty() ? disk.getFailure() : view.failure;
     if (status.failure.isEmpty()) status.failure = describeLostWrites(0);
-    if (status.failure.isEmpty()) status.failure = lost;
-    // The ticker hasn't come to it yet.
-    if (status.failure.isEmpty() && state == State::Mounted && front.hasEnded() && !detaching)
+    if (status.failure.isEmpty()) status.failure = lost.get();
+    // The upkeep hasn't come to it yet.
+    if (status.failure.isEmpty() && view.stage == DiskState::Stage::Mounted && front.hasEnded() && !detaching)
         status.failure = "The connection to the drive's file has ended";
-    if (hasDrive()) {
-        status.mountPath = folder + "/" + ZqServiceFolder::VOLUME;
-        status.drive = letter.get();
+    if (view.hasDrive) {
+        status.mountPath = folder.getVolume();
+        status.drive = view.drive;
     }
     return status;
-}
-
-SxString Disk::getDrive() const {
-    const SxMutexBlock block(&mutex);
-    return hasDrive() ? letter.get() : SxString();
 }

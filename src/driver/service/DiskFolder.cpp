@@ -1,0 +1,54 @@
+#include "DiskFolder.h"
+
+#include "DriverLog.h"
+#include "SxFSAction.h"
+#include "SxFileIO.h"
+#include "SxOs.h"
+#include "ZqServiceFolder.h"
+
+SxString DiskFolder::getFront() const {
+    return path + "/" + ZqServiceFolder::FRONT;
+}
+
+SxString DiskFolder::getFile() const {
+    return getFront() + "/" + ZqServiceFolder::DISK_FILE;
+}
+
+SxString DiskFolder::getVolume() const {
+    return path + "/" + ZqServiceFolder::VOLUME;
+}
+
+void DiskFolder::noteImage(const SxString& image) const {
+    SxFileIO::writeAtomic(path + "/" + ZqServiceFolder::IMAGE, image, 0600);
+}
+
+void DiskFolder::noteIdentity(uint64 deviceId) const {
+    SxFileIO::writeAtomic(
+        path + "/" + ZqServiceFolder::IDENTITY,
+        SxString(ZqServiceFolder::VENDOR) + "\n" + ZqServiceFolder::PRODUCT + "\n" + deviceId + "\n", 0600);
+}
+
+void DiskFolder::makeMountPoints() const {
+    for (const SxString& folder : {getFront(), getVolume()})
+        SxFSAction::mkdir_p(folder, 0700);
+}
+
+void DiskFolder::noteWritten(bool isWritten) const {
+    const SxString file = path + "/" + ZqServiceFolder::WRITTEN;
+    if (isWritten) {
+        SxFileIO::writeAtomic(file, "", 0600);
+    } else {
+        SxOs::get().unlink(file.str());
+    }
+}
+
+void DiskFolder::remove() const {
+    const std::string base = path.str() + "/";
+    SxOs::get().unlink(base + ZqServiceFolder::IMAGE);
+    SxOs::get().unlink(base + ZqServiceFolder::IDENTITY);
+    SxOs::get().unlink(base + ZqServiceFolder::WRITTEN);
+    SxOs::get().removeDir(base + ZqServiceFolder::VOLUME);
+    SxOs::get().removeDir(base + ZqServiceFolder::FRONT);
+    const int result = SxOs::get().removeDir(path.str());
+    if (result < 0) driverLog("folder " + path + " can't be removed: " + SxOs::errorText(result));
+}

@@ -1,0 +1,30 @@
+#pragma once
+
+#include "SxString.h"
+
+/// The folder that a disk has for itself: where its file and its volume are mounted, and notes for clients
+/// and for whoever tidies up after a service that was killed. Safe from any thread.
+class DiskFolder {
+public:
+    explicit DiskFolder(const SxString& path_) : path(path_) {}
+
+    const SxString& getPath() const { return path; }
+    /// Where the disk is served as a file, and that file.
+    SxString getFront() const;
+    SxString getFile() const;
+    /// Where its volume is mounted.
+    SxString getVolume() const;
+
+    /// These raise where a file can't be written.
+    void noteImage(const SxString& image) const;
+    void noteIdentity(uint64 deviceId) const;
+    void makeMountPoints() const;
+    /// Whether what programs wrote may not be on the disk yet.
+    void noteWritten(bool isWritten) const;
+    /// Removes what the disk has made in it, one by one: where a volume could not be unmounted, nothing of it
+    /// must be touched.
+    void remove() const;
+
+private:
+    const SxString path;
+};
