@@ -31,7 +31,7 @@ inline std::string failureOf(SxSystemThread& job) {
     return job.hasFailure() ? job.getFailure().what() : "";
 }
 
-/// What stands in a folder, the lock files aside, which stay behind.
+/// What stands in a folder, the lock files aside, which stay.
 inline TreeSnapshot contentOf(const TempDir& dir, std::string_view below = "watched") {
     TreeSnapshot tree = dir.snapshot(below);
     std::erase_if(tree, [](const auto& entry) { return entry.first.ends_with("image.lock"); });
@@ -42,7 +42,7 @@ inline TreeSnapshot contentOf(const TempDir& dir, std::string_view below = "watc
 inline ZqTaskMon* jobUnderWay = nullptr;
 
 /// Disturbs a job in the folder "watched" in every way, at one place after the other, until it is through
-/// undisturbed: the n-th operation of each kind fails; a stop is asked for ahead of the n-th durable step;
+/// undisturbed: the n-th operation of each kind fails; a stop is asked for before the n-th durable step;
 /// the disk is full after n * `told` bytes and says so, or after n * `untold` bytes and doesn't. Each time
 /// `prepare` fills the folder, `run` runs the job and gives its failure, `check` looks at what is left, with
 /// the fault gone.

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# The drive of an ordinary user: builds, mounts, reads, writes, unmounts, and tidies up behind a killed service.
+# The drive of an ordinary user: builds, mounts, reads, writes, unmounts, and tidies up after a killed service.
 #
 #   without_root.sh CLIENT SCHEMAS
 #
@@ -64,7 +64,7 @@ kill -9 "$("$client" status image --json | sed -n 's/.*"servicePid": \([0-9]*\).
 "$client" umount image 2>told && fail "nothing is told of writes that may be lost"
 grep -q "left behind" told || fail "nothing was tidied up"
 grep -q "tavrin-$UID/" /proc/self/mountinfo && fail "a mount is left"
-[[ -n $(mounted) ]] || fail "no mount behind a killed service"
+[[ -n $(mounted) ]] || fail "no mount after a killed service"
 "$client" umount image
 
 # All of it detached by hand, while a program still uses it.
