@@ -7,10 +7,8 @@ void DriveFailure::note(const SxString& text) {
     if (first.isEmpty()) first = text;
 }
 
-int DriveFailure::stop(const SxString& what, int error) {
-    stopped = true;
+void DriveFailure::noteError(const SxString& what, int error) {
     note(what + ": " + SxOs::errorText(error));
-    return error;
 }
 
 void DriveFailure::forget() {
@@ -20,5 +18,7 @@ void DriveFailure::forget() {
 
 SxString DriveFailure::getText() const {
     const SxMutexBlock lock(&mutex);
+    if (first.isEmpty() && isStopped())
+        return "A write has failed, and there was no memory to keep its cause";
     return first;
 }

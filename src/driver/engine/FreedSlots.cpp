@@ -27,6 +27,8 @@ std::vector<SlotIdx> FreedSlots::takeReusable() {
     for (int i = 0; i < 2 && nWriters[(epoch + 1) % 2] == 0; ++i)
         ++epoch;
     std::vector<SlotIdx> slots;
+    // Without memory nothing may be moved yet: a slot would be there twice.
+    slots.reserve(waiting.size());
     std::erase_if(waiting, [&](const Waiting& freed) SX_REQUIRES(mutex) {
         if (freed.slot.nRecords > nDurable || freed.epoch + 2 > epoch) return false;
         slots.push_back(freed.slot.idx);

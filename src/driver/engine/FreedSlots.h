@@ -18,9 +18,18 @@ public:
         uint64 nRecords; ///< of all that the layer ever made, up to that of the discard
     };
 
-    /// Counts a writer, before it looks which slots its blocks have; gives what leaveWriter() wants.
-    uint64 enterWriter();
-    void leaveWriter(uint64 began);
+    /// Counts a writer while this object lives; to be made before it looks which slots its blocks have.
+    class Writer {
+    public:
+        explicit Writer(FreedSlots* slots_) : slots(slots_), began(slots_->enterWriter()) {}
+        ~Writer() { slots->leaveWriter(began); }
+        Writer(const Writer&) = delete;
+        Writer& operator=(const Writer&) = delete;
+
+    private:
+        FreedSlots* const slots;
+        const uint64 began; ///< epoch
+    };
     /// Takes slots that no block has any longer: whoever looks from now on doesn't find them.
     void add(const std::vector<Slot>& slots);
     /// So many of the layer's records are durable; never goes down.
@@ -31,6 +40,9 @@ public:
     std::vector<SlotIdx> takeAll();
 
 private:
+    uint64 enterWriter();
+    void leaveWriter(uint64 began);
+
     struct Waiting {
         Slot slot;
         uint64 epoch; ///< in which it was freed

@@ -80,7 +80,9 @@ void LayerIndex::makeDurable() {
 int LayerIndex::syncNames() {
     const int error = folder.sync();
     if (!error) return 0;
-    return failure->stop("Cannot bring the names in '" + SxString(folder.getPath()) + "' to the disk", error);
+    return failure->stop(error, [this] {
+        return "Cannot bring the names in '" + SxString(folder.getPath()) + "' to the disk";
+    });
 }
 
 int LayerIndex::syncNewNames() {
@@ -200,17 +202,20 @@ int LayerIndex::append(const LayerRecord* records, size_t n) {
     // first.
     if (isFormer && end != 0) {
         const int error = compact();
-        if (error && error != ENOSPC)
-            return failure->stop("Cannot write '" + SxString(file.getPath()) + "' in its present format",
-                                 error);
-        if (error) return error;
+        if (error == ENOSPC) return error;
+        if (error) {
+            return failure->stop(error, [this] {
+                return "Cannot write '" + SxString(file.getPath()) + "' in its present format";
+            });
+        }
     }
     int error = end == 0 ? writeHeader(file) : 0;
     const uint64 at = end == 0 ? HEADER_SIZE : end, size = n * sizeof(LayerRecord);
     if (!error) error = file.writeAt(records, size, at);
     if (error == ENOSPC) return error;
     if (!error) error = file.sync();
-    if (error) return failure->stop("Cannot write '" + SxString(file.getPath()) + "'", error);
+    if (error)
+        return failure->stop(error, [this] { return "Cannot write '" + SxString(file.getPath()) + "'"; });
     end = at + size;
     isFormer = false;
     return 0;

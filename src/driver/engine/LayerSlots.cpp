@@ -38,11 +38,13 @@ void LayerSlots::open(bool readOnly) {
 }
 
 void LayerSlots::create() {
+    const SxMutexBlock turn(&giving);
     folder.open(&file, ZqImageFiles::LAYER_DATA,
                 SxOs::Read | SxOs::Write | SxOs::Create | SxOs::Truncate | SxOs::NoFollow);
 }
 
 void LayerSlots::close() {
+    const SxMutexBlock turn(&giving);
     publishedFd = -1;
     file.close();
 }
@@ -71,7 +73,7 @@ int LayerSlots::write(SlotIdx first, uint64 n, const char* data) {
     const int error = file.writeAt(data, n * ZqBlocks::SIZE, static_cast<uint64>(first.byte()));
     dirty = true;
     if (error == 0 || error == ENOSPC) return error;
-    return failure->stop("Cannot write '" + SxString(file.getPath()) + "'", error);
+    return failure->stop(error, [this] { return "Cannot write '" + SxString(file.getPath()) + "'"; });
 }
 
 void LayerSlots::read(SlotIdx slot, uint64 size, char* to) const {
@@ -83,7 +85,8 @@ int LayerSlots::sync() {
     if (!dirty.exchange(false)) return 0;
     const int error = file.sync();
     if (error == 0) return 0;
-    return failure->stop("Cannot bring '" + SxString(file.getPath()) + "' to the disk", error);
+    return failure->stop(error,
+                         [this] { return "Cannot bring '" + SxString(file.getPath()) + "' to the disk"; });
 }
 
 void LayerSlots::noteUnsynced() {

@@ -20,7 +20,7 @@
 /// unmount would say that something is lost. (Access times aren't kept, so reading writes nothing else.) On a
 /// file system that can't allocate room before it is written there is no reserve.
 ///
-/// open(), create(), close(), load(), reserve() and shrink() are for one thread at a time, and all but
+/// open(), create(), close(), load(), cut(), reserve() and shrink() are for one thread at a time, and all but
 /// reserve() only while no slot is written. Everything else is safe from any thread.
 class LayerSlots {
 public:

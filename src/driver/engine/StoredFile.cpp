@@ -66,6 +66,6 @@ int StoredFile::sync() {
     return error ? stop("Cannot bring to the disk", error) : 0;
 }
 
-int StoredFile::stop(const SxString& what, int error) {
-    return failure->stop(what + " '" + file.getPath() + "'", error);
+int StoredFile::stop(const char* what, int error) {
+    return failure->stop(error, [&] { return SxString(what) + " '" + file.getPath() + "'"; });
 }

@@ -44,7 +44,7 @@ public:
     int sync();
 
 private:
-    int stop(const SxString& what, int error);
+    int stop(const char* what, int error);
 
     const SxString folder;
     const uint64 nIncluded;

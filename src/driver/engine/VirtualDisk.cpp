@@ -213,7 +213,7 @@ void VirtualDisk::flushLayer() {
         // What was written in place counts as flushed, too.
         if (sync() != 0) throw SxException(getFailure(), UNIT, __LINE__);
         layer.flush({&target, std::min(getCursor(), nIncluded()), target.getSize(), cfg.sizeRaw});
-    } catch (const SxException&) {
+    } catch (...) {
         requests.openGate();
         throw;
     }

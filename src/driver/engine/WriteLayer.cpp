@@ -51,12 +51,14 @@ void WriteLayer::load(bool readOnly) {
 
 void WriteLayer::create() {
     const SxMutexBlock turn(&changing);
-    if (!slots.isOpen()) {
+    const bool areNew = !slots.isOpen();
+    if (areNew) {
         // What lies in the files without a record was never synced.
         index.create();
         slots.create();
     }
-    if (reserve() == ENOSPC && index.isEmpty()) {
+    // Files that were made before may hold blocks by now, of another writer.
+    if (reserve() == ENOSPC && areNew && index.isEmpty()) {
         slots.close();
         index.close();
         throw SxException("There is no room in '" + SxString(folder.getPath()) +
@@ -97,10 +99,10 @@ int WriteLayer::reserve() {
 
 int WriteLayer::write(RawIdx first, uint64 n, const char* data) {
     if (const int error = makeFiles()) return error;
-    const uint64 began = freed.enterWriter();
-    const int error = writeBlocks(first, n, data);
-    freed.leaveWriter(began);
-    if (error) return error;
+    {
+        const FreedSlots::Writer writer(&freed);
+        if (const int error = writeBlocks(first, n, data)) return error;
+    }
     return hasManyPending() ? sync() : 0;
 }
 
@@ -138,13 +140,15 @@ int WriteLayer::discard(RawIdx first, uint64 n) {
 RawIdx WriteLayer::discardSome(RawIdx first, RawIdx end) {
     std::vector<FreedSlots::Slot> some;
     const RawIdx stop = std::min(end, first + DISCARD_AT_ONCE);
+    some.reserve(stop.value - first.value);
     {
         const SxMutexBlock lock(&mutex);
         for (RawIdx rawIdx = first; rawIdx < stop; rawIdx = rawIdx + 1) {
             const BlockMap::Place place = map->get(rawIdx);
             if (place.isNothing()) continue;
-            map->set(rawIdx, BlockMap::NONE);
+            // The record first: without memory for it the block stays as it was.
             pending.emplace_back(rawIdx, LayerRecord::ZEROS);
+            map->set(rawIdx, BlockMap::NONE);
             ++nRecords;
             if (place.isSlot()) some.push_back({place.slot(), nRecords});
         }
@@ -198,8 +202,9 @@ void WriteLayer::publish(RawIdx first, SlotIdx slot, uint64 n) {
                 late.push_back(slot + i);
                 continue;
             }
-            map->set(first + i, slot + i);
+            // The record first: a block whose slot the map has without one is never told to the index.
             pending.emplace_back(first + i, slot + i);
+            map->set(first + i, slot + i);
             ++nRecords;
         }
     }
@@ -235,9 +240,10 @@ int WriteLayer::syncInTurn() {
         putBack(batch);
     } catch (const std::bad_alloc&) {
         // A later sync would succeed without these records, so all later ones fail.
-        return failure.stop("Cannot bring '" + SxString(folder.getPath()) + ZqImageFiles::LAYER_INDEX +
-                                "' to the disk",
-                            ENOMEM);
+        return failure.stop(ENOMEM, [this] {
+            return "Cannot bring '" + SxString(folder.getPath()) + ZqImageFiles::LAYER_INDEX +
+                   "' to the disk";
+        });
     }
     return error;
 }
@@ -311,7 +317,12 @@ void WriteLayer::flush(const Target& target) {
         slots.shrink(left.freed, left.end);
     } catch (const SxException& e) {
         // The new index has no records of the blocks that moved: they must not be written in their slots.
-        failure.stop(e.toString(SxException::ShowMessage, ": "), EIO);
+        failure.stop(EIO, [&] { return e.toString(SxException::ShowMessage, ": "); });
+        throw;
+    } catch (const std::bad_alloc&) {
+        failure.stop(ENOMEM, [this] {
+            return "Cannot move the layer of '" + SxString(folder.getPath()) + "' into the image";
+        });
         throw;
     }
     reserve();

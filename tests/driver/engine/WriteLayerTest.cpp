@@ -488,3 +488,27 @@ TEST(WriteLayer, NoWriteIsTakenBehindAFailedOne) {
         EXPECT_THAT(drive.disk.getFailure().str(), HasSubstr(test.file));
     }
 }
+
+TEST(WriteLayer, FilesThatHoldAWriteStayWhereTheDiskIsFull) {
+    TestRandom random;
+    const DriveImage image(random, 16);
+    FaultOs os(image.dir.path());
+    const std::string folder = image.prefix.str(), block(ZqBlocks::SIZE, 'w');
+    {
+        BlockMap map(folder, image.sizeRaw, true);
+        WriteLayer layer(folder, &map, false);
+        layer.create();
+        os.setDiskLeft(0);
+        ASSERT_EQ(layer.write({3}, 1, block.data()), 0) << "there is a reserve";
+        // As by a second writer that has found no files either.
+        layer.create();
+        EXPECT_EQ(layer.sync(), 0);
+    }
+    BlockMap map(folder, image.sizeRaw, true);
+    WriteLayer layer(folder, &map, true);
+    ASSERT_TRUE(map.get({3}).isSlot());
+    std::string found(ZqBlocks::SIZE, '?');
+    EXPECT_EQ(SxOs::get().readAt(layer.getFd(), found.data(), ZqBlocks::SIZE, map.get({3}).slot().byte()),
+              ZqBlocks::SIZE);
+    EXPECT_EQ(found, block);
+}
