@@ -82,6 +82,8 @@ ZqSeekTable::ZqSeekTable(const char* tail, uint64 nTail, uint64 sizePacked, uint
                   " bytes, and the file has " + SxString(sizePacked),
               __LINE__);
     }
+    for (const Frame& frame : frames)
+        checksumsId = checksums ? SxXxh64::of(&frame.checksum, sizeof(frame.checksum), checksumsId + 1) : 0;
 }
 
 bool ZqSeekTable::hasSameChecksums(const ZqSeekTable& other) const {

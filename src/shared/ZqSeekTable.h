@@ -31,6 +31,8 @@ public:
     uint64 getNFrames() const noexcept { return static_cast<uint64>(frames.getSize()); }
     const Frame& getFrame(uint64 frameIdx) const { return frames(static_cast<int64>(frameIdx)); }
     bool hasChecksums() const noexcept { return checksums; }
+    /// Stands for the checksums of all frames: equal where these are; 0 where it has none.
+    uint64 getChecksumsId() const noexcept { return checksumsId; }
     /// Whether both have checksums, and these are of the same decoded bytes, however they were packed.
     bool hasSameChecksums(const ZqSeekTable& other) const;
     /// Whether a frame decodes to these bytes, by its checksum.
@@ -43,4 +45,5 @@ public:
 private:
     SxArray<Frame> frames;
     bool checksums = false;
+    uint64 checksumsId = 0;
 };

@@ -26,14 +26,15 @@ ZqFormChoice::ZqFormChoice(const SxPtr<ZqNetLink>& link_, const SxString& packed
 
 bool ZqFormChoice::begin() {
     SxMutexBlock lock(&mutex);
-    if (begunNs) return false;
+    if (isBegun) return false;
+    isBegun = true;
     begunNs = SxClock::get().steadyNs();
     return true;
 }
 
 void ZqFormChoice::abandon() {
     SxMutexBlock lock(&mutex);
-    begunNs.reset();
+    isBegun = false;
 }
 
 void ZqFormChoice::beginLook() {
@@ -51,14 +52,15 @@ bool ZqFormChoice::take(const Table& other, bool isStated_) {
         isOther = table && !other->hasSameChecksums(*table);
         if (isOther && table->hasChecksums() && !isBetter) return false;
     }
-    // No other thread takes one, so this is still so.
-    if (isOther && onOther) onOther();
     {
+        // No other thread takes one, so the comparison still holds.
         SxMutexBlock lock(&mutex);
         table = other;
         isStated = isStated || isStated_;
         state = Packed::Offered;
     }
+    // After the change, so that nothing that was looked up in the old table comes after it and stays.
+    if (isOther && onOther) onOther();
     changed.notify_all();
     return true;
 }
@@ -197,7 +199,7 @@ bool ZqFormChoice::isPutOff() const {
 }
 
 bool ZqFormChoice::isSettled() const {
-    return table || isPutOff() || (begunNs && SxClock::get().steadyNs() - *begunNs > TABLE_PATIENCE_NS);
+    return table || isPutOff() || SxClock::get().steadyNs() - begunNs > TABLE_PATIENCE_NS;
 }
 
 bool ZqFormChoice::mayCheck() const {

@@ -5,11 +5,11 @@
 #include "ZqSeekTable.h"
 
 #include <condition_variable>
-#include <optional>
 
 /// Which of the two forms of an image is taken from its server, the packed or the plain one, and the table of
 /// the packed one. It makes no requests: whoever makes them tells what came of them. All operations are safe
-/// from any thread, but tables are taken by one, and none calls back with the lock held.
+/// from any thread, but tables are taken by one. None calls back with
+/// the lock held, but for a `stop` to be asked.
 ///
 /// No form is waited for while the other may be there. A packed form whose server doesn't answer (5xx,
 /// silence) is left by whoever asked it, and the plain one taken. Where that doesn't come either both have
@@ -26,7 +26,7 @@ public:
     /// `Aside`: not now, since what came of it was of no use; its table is fetched again after a while.
     enum class Packed { Unknown, Offered, Aside, Absent };
 
-    /// `packedUrl_` is named in log lines. `onOther_` is called before a table takes the place of one with
+    /// `packedUrl_` is named in log lines. `onOther_` is called once a table has taken the place of one with
     /// other checksums.
     ZqFormChoice(const SxPtr<ZqNetLink>& link_, const SxString& packedUrl_, std::function<void()> onOther_);
 
@@ -100,10 +100,11 @@ private:
 
     mutable SxMutex mutex;
     std::condition_variable_any changed;
-    std::optional<int64> begunNs SX_GUARDED_BY(mutex); ///< when the table was asked for first
-    bool isWanted SX_GUARDED_BY(mutex) = false;        ///< though its server hadn't got it
-    bool waits SX_GUARDED_BY(mutex) = false;           ///< a request for it has failed
-    SxException failure SX_GUARDED_BY(mutex);          ///< the last one of it, or of the packed form
+    bool isBegun SX_GUARDED_BY(mutex) = false;  ///< the table is asked for
+    int64 begunNs SX_GUARDED_BY(mutex) = 0;     ///< when it was first; stays where that was in vain
+    bool isWanted SX_GUARDED_BY(mutex) = false; ///< though its server hadn't got it
+    bool waits SX_GUARDED_BY(mutex) = false;    ///< a request for it has failed
+    SxException failure SX_GUARDED_BY(mutex);   ///< the last one of it, or of the packed form
     Packed state SX_GUARDED_BY(mutex) = Packed::Unknown;
     bool isAway SX_GUARDED_BY(mutex) = false;    ///< `Aside` since its server doesn't answer
     bool plainCame SX_GUARDED_BY(mutex) = false; ///< bytes of the plain form, since the packed one was left

@@ -112,8 +112,9 @@ ZqImageRanges::Bytes ZqImageRanges::getStretch(uint64 stretchIdx, const ZqStopTe
         }
         if (!fetch) fetch = beginDemand(stretchIdx, false);
         Bytes bytes = fetch->request->takeNext(stop);
-        claims.pass(fetch);
+        // Before a loader has the request, which is for one thread at a time.
         keep(*fetch->request, stretchIdx, bytes, false);
+        claims.pass(fetch);
         return bytes;
     }
 }
@@ -215,12 +216,18 @@ void ZqImageRanges::follow(uint64 stretchIdx) {
 void ZqImageRanges::claimFollowing(ZqStretchFetch* fetch, uint64 n) {
     for (const uint64 end = std::min(fetch->getEnd() + n, forms->getLayout().count());
          fetch->getEnd() < end;) {
-        const uint64 idx = fetch->getEnd(), nClaimed = fetch->claimNext();
-        if (nClaimed == 0) break;
+        const uint64 idx = fetch->getEnd();
+        const auto mayCome = [&](uint64 nClaimed) {
+            return !edge->hasBegun(idx) && !edge->isReachedSoon(idx) && !cache->has(idx) &&
+                   cache->hasRoomFor(nClaimed);
+        };
+        // Others see a claim, so none is made that is sure to be taken back.
+        if (!mayCome(claims.count() + 1)) break;
         // What is claimed is counted as if it had come. So it counts twice for a moment, and never not at
         // all.
-        if (edge->hasBegun(idx) || edge->isReachedSoon(idx) || cache->has(idx) ||
-            !cache->hasRoomFor(nClaimed)) {
+        const uint64 nClaimed = fetch->claimNext();
+        if (nClaimed == 0) break;
+        if (!mayCome(nClaimed)) {
             fetch->unclaim();
             break;
         }

@@ -58,12 +58,14 @@ bool ZqImageStream::run() {
         forms->getLink()->checkStop(stop);
         // It may be kept, or be about to be.
         const Bytes bytes = ranges->awaitClaimed(stretchIdx(), stop);
+        // The first frame stands at the file's begin, and each is followed by the next.
+        const bool isPlaced = wireIdx == stretchIdx();
         if (bytes) {
             const uint64 inside = pos % STRETCH, n = forms->getLayout().sizeOf(stretchIdx()) - inside;
             publish(stretchIdx(), bytes, 0);
             counts->add(&ZqImageFigures::nTakenKept, n);
             if (!deliver(bytes->data() + inside, n)) return false;
-        } else if (!(choice.awaitPacked(wireIdx == stretchIdx(), stop) ? runPacked() : runPlain())) {
+        } else if (!(choice.awaitPacked(isPlaced, stop) ? runPacked() : runPlain())) {
             return false;
         }
     }

@@ -70,7 +70,7 @@ ZqStretchCache::Bytes ZqStretchCache::get(uint64 stretchIdx, const Table& known)
         const auto found = kept.find(stretchIdx);
         if (found == kept.end()) return nullptr;
         bytes = found->second.bytes;
-        isChecked = isChecked || found->second.checkedBy == known;
+        isChecked = isChecked || found->second.checkedBy == known->getChecksumsId();
     }
     if (!bytes) bytes = load(stretchIdx);
     if (!bytes || isChecked) return bytes;
@@ -85,7 +85,8 @@ ZqStretchCache::Bytes ZqStretchCache::get(uint64 stretchIdx, const Table& known)
         return nullptr;
     }
     const auto found = kept.find(stretchIdx);
-    if (found != kept.end() && found->second.bytes == bytes) found->second.checkedBy = known;
+    if (found != kept.end() && found->second.bytes == bytes)
+        found->second.checkedBy = known->getChecksumsId();
     return bytes;
 }
 
@@ -127,7 +128,7 @@ bool ZqStretchCache::keep(uint64 stretchIdx, const Bytes& bytes, const Table& ch
         if ((nInMemory + 1) * STRETCH > maxKept) shedStored(0);
         if ((nInMemory + 1) * STRETCH > maxKept) return true;
         drop(stretchIdx, stretchIdx + 1);
-        kept[stretchIdx] = {bytes, checkedBy};
+        kept[stretchIdx] = {bytes, checkedBy ? checkedBy->getChecksumsId() : 0};
         ++nInMemory;
         if (isUnasked) unused.insert(stretchIdx);
         if (store) unstored.push_back(stretchIdx);

@@ -13,12 +13,13 @@
 /// Stretches of an image that are there though `img.zqf` hasn't got them: what was fetched out of order is
 /// kept until the ordered stream has come to it, in memory and, with a store, in files beyond this object's
 /// life; what the stream has brought last is held until it is written. Makes no requests. All operations are
-/// safe from any thread, setStore() before all others, takeStreamed() from the stream's.
+/// safe from any thread, setStore() before all others, beginStream() and takeStreamed() from the stream's.
 ///
 /// What comes is in memory at first, so that no reader waits for the disk; a thread of its own hands it to
 /// the store, so that the next run has it.
 ///
-/// Checksums. What came before a table, or was compared with another one, is compared before it is given.
+/// Checksums. What came before a table, or was compared with one of other checksums, is compared before it is
+/// given.
 /// What the stream has brought isn't.
 class ZqStretchCache {
 public:
@@ -59,13 +60,14 @@ public:
     bool hasRoomFor(uint64 n) const;
     void forget(uint64 firstIdx, uint64 endIdx);
 
+    /// What the stream has brought is no longer given: it may be of something else.
+    void dropStreamed();
+
     // For the stream.
     /// It begins at byte `offset`, maybe once more.
     void beginStream(uint64 offset);
     /// The stream has brought this one, and all before it; null where only its end. Whether it had been kept.
     bool takeStreamed(uint64 stretchIdx, const Bytes& bytes);
-    /// What it has brought is no longer given: it may be of something else.
-    void dropStreamed();
     /// Kept stretches in a row, from this one on.
     uint64 countRun(uint64 stretchIdx) const;
     /// The first one from `firstIdx` on with which at least `n` kept ones in a row begin; `endIdx` where
@@ -77,8 +79,10 @@ public:
 
 private:
     struct Kept {
-        Bytes bytes;     ///< null where the store alone has it
-        Table checkedBy; ///< null where it was never compared
+        Bytes bytes; ///< null where the store alone has it
+        /// Checksums that it was compared with, by their id (ZqSeekTable); 0 where it never was. The table
+        /// itself would stay in memory with it.
+        uint64 checkedBy = 0;
     };
 
     uint64 runFrom(uint64 stretchIdx) const SX_REQUIRES(mutex);

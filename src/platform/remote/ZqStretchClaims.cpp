@@ -81,6 +81,11 @@ void ZqStretchClaims::release(uint64 firstIdx, uint64 endIdx) noexcept {
     changed.notify_all();
 }
 
+uint64 ZqStretchClaims::count() const {
+    SxMutexBlock lock(&mutex);
+    return claimed.size();
+}
+
 SxPtr<ZqStretchRequest> ZqStretchClaims::find(uint64 stretchIdx) const {
     SxMutexBlock lock(&mutex);
     const auto found = claimed.find(stretchIdx);
@@ -131,7 +136,8 @@ void ZqStretchClaims::wake() {
 void ZqStretchClaims::handOver(Group* fetches, uint64 stretchIdx) {
     for (auto at = fetches->begin(); at != fetches->end(); ++at) {
         const Fetch fetch = at->second;
-        if (!fetch->brings(stretchIdx)) continue;
+        // One whose first stretch is demanded is about to be taken by who demands it, and passed on.
+        if (!fetch->brings(stretchIdx) || demanded.contains(fetch->request->getNext())) continue;
         fetch->claimRest();
         claimed[fetch->request->getNext()] = fetch->request;
         passed.push_back(fetch);

@@ -43,6 +43,8 @@ public:
     /// it already.
     uint64 claim(uint64 stretchIdx, const SxPtr<ZqStretchRequest>& request);
     void release(uint64 firstIdx, uint64 endIdx) noexcept;
+    /// How many are claimed.
+    uint64 count() const;
     /// The request that brings a claimed stretch; null where it isn't claimed.
     SxPtr<ZqStretchRequest> find(uint64 stretchIdx) const;
 

@@ -36,7 +36,6 @@ public:
 
     /// Stretches that are still to be taken.
     uint64 getNext() const noexcept { return nextIdx; }
-    uint64 getEnd() const noexcept { return endIdx; }
     /// Bytes of the wire that bring a stretch.
     uint64 wireSize(uint64 stretchIdx) const;
     /// The table that the stretch was compared with that was taken last; null where it wasn't.

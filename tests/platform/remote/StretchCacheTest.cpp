@@ -137,17 +137,17 @@ TEST_F(StretchCache, holdsWhatTheStreamHasBroughtUntilItIsWritten) {
     EXPECT_THAT(held(), ElementsAre());
 }
 
-TEST_F(StretchCache, comparesWhatIsKeptWithEachNewTable) {
+TEST_F(StretchCache, comparesWhatIsKeptWithOtherChecksums) {
     const Table right = tableOf(zqf), anew = tableOf(zqf), other = tableOf(random.bytes(zqf.size()));
     keep(2);
     EXPECT_TRUE(cache->get(2, right) && cache->get(2, anew) && wrong.empty());
     EXPECT_FALSE(cache->get(2, other)) << "that another table has told it is right is of no matter";
     EXPECT_THAT(wrong, ElementsAre(2));
     EXPECT_FALSE(cache->has(2));
-    // What a table has told when it came isn't asked again.
+    // What these checksums have told when it came isn't asked again.
     cache->keep(3, stretchOf(zqf, 4), right, false);
-    EXPECT_TRUE(cache->get(3, right));
-    EXPECT_FALSE(cache->get(3, anew));
+    EXPECT_TRUE(cache->get(3, right) && cache->get(3, anew));
+    EXPECT_FALSE(cache->get(3, other));
     EXPECT_THAT(wrong, ElementsAre(2, 3));
 }
 
