@@ -51,14 +51,16 @@ void WriteLayer::load(bool readOnly) {
 
 void WriteLayer::create() {
     const SxMutexBlock turn(&changing);
-    const bool areNew = !slots.isOpen();
-    if (areNew) {
+    createInTurn();
+}
+
+void WriteLayer::createInTurn() {
+    if (!slots.isOpen()) {
         // What lies in the files without a record was never synced.
         index.create();
         slots.create();
     }
-    // Files that were made before may hold blocks by now, of another writer.
-    if (reserve() == ENOSPC && areNew && index.isEmpty()) {
+    if (reserve() == ENOSPC && index.isEmpty()) {
         slots.close();
         index.close();
         throw SxException("There is no room in '" + SxString(folder.getPath()) +
@@ -83,7 +85,9 @@ int WriteLayer::makeFiles() {
     if (failure.isStopped()) return EIO;
     if (getFd() >= 0) return 0;
     try {
-        create();
+        const SxMutexBlock turn(&changing);
+        // Another writer may have made them meanwhile, and they may hold its blocks.
+        if (getFd() < 0) createInTurn();
     } catch (const SxException& e) {
         failure.note(e.toString(SxException::ShowMessage, ": "));
         return EIO;

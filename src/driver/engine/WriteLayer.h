@@ -79,6 +79,7 @@ private:
     };
 
     void load(bool readOnly) SX_REQUIRES(changing);
+    void createInTurn() SX_REQUIRES(changing);
     int makeFiles();
     int writeBlocks(RawIdx first, uint64 n, const char* data);
     int writeNew(RawIdx first, uint64 n, const char* data);

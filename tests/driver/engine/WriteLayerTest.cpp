@@ -2,7 +2,9 @@
 #include "Failure.h"
 #include "ZqBlocks.h"
 
+#include <barrier>
 #include <gmock/gmock.h>
+#include <thread>
 
 namespace {
 
@@ -370,14 +372,14 @@ TEST(WriteLayer, TheSyncOfAnIndexIsProgress) {
     FaultOs os(image.dir.path("watched"));
     Drive drive(image, Mode::Rtw);
     ASSERT_EQ(drive.write(3, std::string(ZqBlocks::SIZE, 'w')), 0);
-    uint64 before = 0, behind = 0;
+    uint64 before = 0, after = 0;
     os.setHook([&](int64, FaultOs::Op op, const std::string& path) {
         if (op == FaultOs::Op::Sync && path.ends_with("img.tix.new")) before = drive.disk.getProgress();
-        if (op == FaultOs::Op::Rename) behind = drive.disk.getProgress();
+        if (op == FaultOs::Op::Rename) after = drive.disk.getProgress();
     });
     drive.disk.flushLayer();
     os.setHook({});
-    EXPECT_GT(behind, before);
+    EXPECT_GT(after, before);
 }
 
 TEST(WriteLayer, AFullDiskFailsTheWriterAndNothingElse) {
@@ -489,26 +491,47 @@ TEST(WriteLayer, NoWriteIsTakenBehindAFailedOne) {
     }
 }
 
-TEST(WriteLayer, FilesThatHoldAWriteStayWhereTheDiskIsFull) {
-    TestRandom random;
-    const DriveImage image(random, 16);
-    FaultOs os(image.dir.path());
-    const std::string folder = image.prefix.str(), block(ZqBlocks::SIZE, 'w');
-    {
-        BlockMap map(folder, image.sizeRaw, true);
-        WriteLayer layer(folder, &map, false);
-        layer.create();
-        os.setDiskLeft(0);
-        ASSERT_EQ(layer.write({3}, 1, block.data()), 0) << "there is a reserve";
-        // As by a second writer that has found no files either.
-        layer.create();
-        EXPECT_EQ(layer.sync(), 0);
+/// A disk that is full as soon as a write layer has its reserve.
+class DiskForTheReserve : public FaultOs {
+public:
+    using FaultOs::FaultOs;
+
+    int preallocate(int fd, int64 offset, int64 n) override {
+        if (isFull) return -ENOSPC;
+        isFull = n >= RESERVE;
+        return FaultOs::preallocate(fd, offset, n);
     }
-    BlockMap map(folder, image.sizeRaw, true);
-    WriteLayer layer(folder, &map, true);
-    ASSERT_TRUE(map.get({3}).isSlot());
-    std::string found(ZqBlocks::SIZE, '?');
-    EXPECT_EQ(SxOs::get().readAt(layer.getFd(), found.data(), ZqBlocks::SIZE, map.get({3}).slot().byte()),
-              ZqBlocks::SIZE);
-    EXPECT_EQ(found, block);
+    int64 writeAt(int fd, const void* buffer, int64 n, int64 offset) override {
+        return isFull && offset >= RESERVE ? -ENOSPC : FaultOs::writeAt(fd, buffer, n, offset);
+    }
+
+private:
+    static constexpr int64 RESERVE = 64 * ZqBlocks::SIZE;
+    std::atomic<bool> isFull{false};
+};
+
+TEST(WriteLayer, TwoFirstWritersAtOnceLoseNothingOnAFullDisk) {
+    const std::string block(ZqBlocks::SIZE, 'w');
+    for (int round = 0; round < 1000 && !testing::Test::HasFailure(); ++round) {
+        TestRandom random(5);
+        const DriveImage image(random, 8);
+        DiskForTheReserve os(image.dir.path());
+        BlockMap map(image.prefix.str(), image.sizeRaw, true);
+        WriteLayer layer(image.prefix.str(), &map, false);
+        int errors[2] = {-1, -1};
+        std::barrier ready(2);
+        const auto write = [&](uint64 at) {
+            ready.arrive_and_wait();
+            errors[at] = layer.write({at}, 1, block.data());
+        };
+        std::thread other(write, 1);
+        write(0);
+        other.join();
+        for (const uint64 at : {0U, 1U}) {
+            if (errors[at] != 0) continue;
+            std::string found(ZqBlocks::SIZE, '?');
+            SxOs::get().readAt(layer.getFd(), found.data(), ZqBlocks::SIZE, map.get({at}).slot().byte());
+            EXPECT_EQ(found, block);
+        }
+    }
 }
