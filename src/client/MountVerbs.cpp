@@ -152,7 +152,7 @@ bool mountOrYield(ZqMountMgr* manager, ZqMountMgr::MountMode mode, const ZqAppPa
 int mount(const MountOptions& options, Output& out) {
     if (!options.url.isEmpty()) {
         if (options.failOnMissing) {
-            throw SxException("With --url missing blocks are fetched: --fail-on-missing can't be given, too",
+            throw SxException("With --url missing blocks are fetched, so --fail-on-missing can't be given",
                               UNIT, __LINE__);
         }
         return mountFed({options.image, options.url, options.headers, options.mode, options.trace}, out,

@@ -147,7 +147,7 @@ void SxFileIO::writeBuffer(const void* buffer, int64 n) {
         if (put <= 0) {
             const SxString cause = put < 0 ? SxOs::errorText(put) : SxString("no byte was taken");
             throw SxException("FileWriteError", fileWriteErr(path) + " at byte " + offset + ": " + cause,
-                              "SxFileIO", __LINE__);
+                              "src/core/SxFileIO", __LINE__);
         }
         done += put;
         offset += put;

@@ -120,7 +120,8 @@ void SxFileIO::read(SxArray<T>* array, int64 n) {
     n = std::min(n, left);
     array->resize(n, true);
     const int64 bytes = n * static_cast<int64>(sizeof(T));
-    if (readBuffer(array->data(), bytes) != bytes) throw SxException(fileReadErr(path), "SxFileIO", __LINE__);
+    if (readBuffer(array->data(), bytes) != bytes)
+        throw SxException(fileReadErr(path), "src/core/SxFileIO", __LINE__);
 }
 
 template<class T>

@@ -8,7 +8,7 @@
 namespace {
 
 constexpr const char* UNIT = "src/shared/ZqSeekTable";
-constexpr uint32 SKIPPABLE_MAGIC = 0x184D2A5E, FOOTER_MAGIC = 0x8F92EAB1;
+constexpr uint32 FOOTER_MAGIC = 0x8F92EAB1;
 constexpr uint64 HEADER = 8, FOOTER = 9;
 constexpr unsigned CHECKSUM_FLAG = 0x80, RESERVED_BITS = 0x7C;
 
@@ -52,7 +52,7 @@ ZqSeekTable::ZqSeekTable(const char* tail, uint64 nTail, uint64 sizePacked, uint
     const uint64 nTable = HEADER + nEntries * entry + FOOTER;
     if (nTable > nTail) raise("The seek table is cut short", __LINE__);
     const char* at = tail + nTail - nTable;
-    if (readUint32(at) != SKIPPABLE_MAGIC || readUint32(at + 4) != nTable - HEADER) {
+    if (readUint32(at) != ZqPackedForm::TABLE_MAGIC || readUint32(at + 4) != nTable - HEADER) {
         raise("The seek table has no header of its size", __LINE__);
     }
     at += HEADER;

@@ -5,6 +5,7 @@
 #include "ZqFileServer.h"
 #include "ZqImageLock.h"
 #include "ZqServiceFolder.h"
+#include "zqdevctl.h"
 
 #include <barrier>
 #include <csignal>
@@ -568,3 +569,32 @@ TEST_F(Drive, aDamagedRecordDoesntKeepADrive) {
 }
 
 } // namespace
+
+TEST_F(Drive, theControlLibraryTellsWhatAStatusTells) {
+    const string image = build("image", "ext4");
+    mount(image, {"--mode", "rtw"});
+    const ZqDiskStatus status = statusOf(image);
+    const SxArray<unsigned short> key = SxString(image).utf16();
+    const auto flagOf = [&](ZqStatus (*ask)(ZqWide, ZqFlag*)) {
+        ZqFlag flag = 2;
+        EXPECT_EQ(ask(key.data(), &flag), 0);
+        return flag == 1;
+    };
+    const auto numberOf = [&](ZqStatus (*ask)(ZqWide, uint64*)) {
+        uint64 number = ~uint64{0};
+        EXPECT_EQ(ask(key.data(), &number), 0);
+        return number;
+    };
+    EXPECT_TRUE(flagOf(zqDriveIsMounted));
+    EXPECT_FALSE(flagOf(zqDriveIsSuspended) || flagOf(zqDriveIsUnderflow) || flagOf(zqDriveIsMonitored));
+    EXPECT_EQ(zqDriveSuspend(key.data()), 0);
+    EXPECT_TRUE(flagOf(zqDriveIsSuspended));
+    EXPECT_EQ(zqDriveResume(key.data()), 0);
+    EXPECT_EQ(numberOf(zqDriveGetDeviceID), status.deviceId);
+    EXPECT_EQ(numberOf(zqDriveGetSectorSize), status.sectorSize);
+    EXPECT_EQ(numberOf(zqDriveGetCursor), status.cursor);
+    EXPECT_EQ(numberOf(zqDriveGetOnDemandQueueLen), 0U);
+    done({"umount", image});
+    ZqFlag flag = 1;
+    EXPECT_TRUE(zqDriveIsMounted(key.data(), &flag) == 0 && flag == 0);
+}

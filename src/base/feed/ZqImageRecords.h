@@ -47,6 +47,7 @@ private:
     /// The map, and before it `img.idx.md5` with the digest that it is checked by, where `app` states none.
     void fetchMap(const ZqAppParams& app, const ZqStopTest& stop) const;
     void bringMap(const ZqAppParams& known, const ZqStopTest& stop) const;
+    /// The map's digest where `app` states none. The map may come before it, but no mount takes it without.
     SxString awaitDigest(const ZqAppParams& app, const ZqStopTest& stop) const;
     /// Gives up with the tag TURN_ENDED where the map may come before it, with `isTurn`.
     SxString fetchDigest(bool isFresh, bool isTurn, const ZqStopTest& stop) const;

@@ -5,7 +5,7 @@
 #include "ZqImage.h"
 #include "ZqImageParams.h"
 
-/// What an image folder holds at this moment.
+/// What an image folder holds at this moment. A value: what is read stays as it was. Not locked.
 class ZqImageInfo {
 public:
     enum State { Complete, Partial, Optimizing, Patching };

@@ -7,16 +7,17 @@ namespace {
 
 constexpr const char* UNIT = "src/base/ZqMountMgr";
 
-[[noreturn]] void raise(const SxException& reason, const SxString& words, int line) {
-    if (reason.getMessage().isEmpty()) throw SxException(words, UNIT, line);
-    throw SxException(reason, words, UNIT, line);
+/// What failed, with the reason where one is known.
+SxException chained(const SxException& reason, const SxString& words, int line) {
+    return reason.getMessage().isEmpty() ? SxException(words, UNIT, line)
+                                         : SxException(reason, words, UNIT, line);
 }
 
 } // namespace
 
 void ZqDriveStatus::require(int status, const SxString& words, int line) {
     if (status == 0) return;
-    raise(ZqVolume::getLastException(UNIT, line), words, line);
+    throw chained(ZqVolume::getLastException(UNIT, line), words, line);
 }
 
 bool ZqDriveStatus::findDisk(const SxString& image, ZqDiskStatus* disk) {
@@ -24,12 +25,10 @@ bool ZqDriveStatus::findDisk(const SxString& image, ZqDiskStatus* disk) {
         return ZqVolume::findDisk(image, disk);
     } catch (const SxException& e) {
         const SxString reason = e.toString(SxException::ShowMessage, ": ");
-        try {
-            raise(e.hasTag(ZqVolume::SILENT) ? SxException(ZqVolume::SILENT, reason, UNIT, __LINE__)
-                                             : SxException(reason, UNIT, __LINE__),
-                  "TAVRIN Driver error", __LINE__);
-        } catch (const SxException& bare) {
-            throw SxException(bare, "Cannot query mount state for image " + image, UNIT, __LINE__);
-        }
+        const SxException cause = e.hasTag(ZqVolume::SILENT)
+                                      ? SxException(ZqVolume::SILENT, reason, UNIT, __LINE__)
+                                      : SxException(reason, UNIT, __LINE__);
+        throw SxException(chained(cause, "TAVRIN Driver error", __LINE__),
+                          "Cannot query mount state for image " + image, UNIT, __LINE__);
     }
 }

@@ -141,11 +141,9 @@ public:
     /// Raises where the image isn't mounted.
     bool isRemovable(const SxString& image) const;
     bool isSuspended(const SxString& image) const;
-    /// Whether a read of a block that isn't there is held. Raises where the service can't tell.
+    /// Whether a read of a block that isn't there is held. Raises where the service can't tell, with the tag
+    /// ZqVolume::SILENT where that doesn't answer: an underflow that it holds isn't over.
     bool isUnderflow(const SxString& image) const;
-    /// The same, for who mustn't take the end of an underflow from a service that is silent: what it raises
-    /// has the tag ZqVolume::SILENT then.
-    bool askUnderflow(const SxString& image) const;
     bool isMonitored(const SxString& image) const;
     /// Whether a trace record has come since the last question.
     bool retrieveTraceEvent(const SxString& image) const;

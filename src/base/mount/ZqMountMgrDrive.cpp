@@ -153,10 +153,6 @@ bool ZqMountMgr::isUnderflow(const SxString& image) const {
     return stateOf(image).underflow;
 }
 
-bool ZqMountMgr::askUnderflow(const SxString& image) const {
-    return isUnderflow(image);
-}
-
 bool ZqMountMgr::isMonitored(const SxString& image) const {
     return stateOf(image).monitored;
 }

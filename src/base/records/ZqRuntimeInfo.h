@@ -29,7 +29,7 @@ public:
     SxString id;       ///< identifies this record at the statistics service; a new GUID
     SxString orgName;  ///< organisation
     SxString guid = "XXXXXXXX-XXXX-4XXX-XXXX-XXXXXXXXXXXX"; ///< guid of the application
-    int64 time0 = 0;                                        ///< start of the run
+    int64 time0 = 0;                                        ///< start of the run, milliseconds since 1970 UTC
     int64 nStarts = 0;
     int64 runTime = 0;             ///< seconds
     int64 preloadSize = 0;         ///< bytes required before the start

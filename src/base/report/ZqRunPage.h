@@ -6,7 +6,7 @@
 /// The report of a run as one page of HTML: its figures, the download and the underflows over its time, and
 /// what the application read. Download and reads are shown in one chart by their place in `img.zqf`: what
 /// lies above the line of the download was waited for. The page refers to nothing outside, and holds no
-/// script.
+/// script. For one thread at a time.
 class ZqRunPage {
 public:
     /// `result_` must outlive it. `failure_`: what has ended the run, as a line; empty where nothing did.

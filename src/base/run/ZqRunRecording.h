@@ -13,9 +13,7 @@ class ZqRunRecording {
 public:
     explicit ZqRunRecording(const ZqRunSettings& settings);
 
-    /// Whether the trace goes among the image's own.
-    bool isOwn() const { return own; }
-    /// Raises where it does, and these aren't in the image's folder.
+    /// Raises where the trace goes among the image's own, and these aren't in the image's folder.
     void requireFolder() const;
     /// Waits until the image's disk has room for the record of a trace, without which a mount fails, or until
     /// `feed` has all of the image, which is played without a trace then. Raises where the download has

@@ -21,8 +21,8 @@ namespace {
 constexpr const char* UNIT = "src/base/ZqFWriter";
 constexpr const char* PREFIX = "ZqFWriter::main: ";
 constexpr const char* CHUNKS = "chunks";
-constexpr const char* TEST_FILE = "test.dat";
 constexpr int FILE_MODE = 0600;
+static_assert(ZqFWriter::NO_OFFSET == ZqWriteBuffer::NO_OFFSET);
 
 /// Of a piece so much is written at a time, so that the drive's cursor moves within a piece, too: on a slow
 /// disk what is there can be read before the rest is written.
@@ -276,7 +276,7 @@ void ZqFWriter::freePiece(uint64 offset) {
 }
 
 void ZqFWriter::removeLeftovers() {
-    for (const char* name : {CHUNKS, TEST_FILE}) {
+    for (const char* name : {CHUNKS, ZqWritePace::TEST_FILE}) {
         const SxString path = pathOf(name);
         try {
             removeIfThere(path);

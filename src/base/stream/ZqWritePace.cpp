@@ -12,7 +12,6 @@
 namespace {
 
 constexpr const char* UNIT = "src/base/ZqWritePace";
-constexpr const char* TEST_FILE = "test.dat";
 constexpr int FILE_MODE = 0600;
 constexpr uint64 LEAST_MAX_SPEED = 0xA00000;
 constexpr uint64 LARGE_BUFFER = 500'000'000;

@@ -11,6 +11,8 @@
 class ZqWritePace {
 public:
     static constexpr uint64 MIN_SPEED = 0x300000;
+    /// The file of the test; one is left where a test was killed.
+    static constexpr const char* TEST_FILE = "test.dat";
 
     /// Writes a file beside the image, up to half of what is free, and removes it again, also where that has
     /// failed. Raises "Cannot perform disk speed test" with the cause.

@@ -74,7 +74,7 @@ void ZqAppWindow::begin(bool isKept) {
 }
 
 bool ZqAppWindow::isSearchDue() {
-    if (window != 0 && ZqDesktop::get().isIconic(window)) {
+    if (isIconic()) {
         minimized = true;
         return false;
     }
@@ -121,7 +121,12 @@ void ZqAppWindow::minimize(const std::atomic<bool>& isStopped) {
 }
 
 bool ZqAppWindow::isInTheWay() const {
-    return window != 0 && !ZqDesktop::get().isIconic(window);
+    return window != 0 && !isIconic();
+}
+
+bool ZqAppWindow::isIconic() const {
+    const ZqDesktop::Handle handle = window;
+    return handle != 0 && ZqDesktop::get().isIconic(handle);
 }
 
 void ZqAppWindow::takeAway(const std::atomic<bool>& isStopped) {
@@ -131,8 +136,7 @@ void ZqAppWindow::takeAway(const std::atomic<bool>& isStopped) {
 }
 
 void ZqAppWindow::noteBack() {
-    if (!minimized) return;
-    if (window == 0 || !ZqDesktop::get().isIconic(window)) minimized = isAway = false;
+    if (minimized && !isIconic()) minimized = isAway = false;
 }
 
 void ZqAppWindow::minimizeGhost(const SxString& prefix) {

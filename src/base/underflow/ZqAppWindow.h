@@ -8,9 +8,10 @@
 #include <functional>
 
 /// The application's window: finds it, takes it out of the player's way, and brings it back. The queries,
-/// setSearch() and restore() are safe from any thread, restoreTaken() belongs to the owner's, all else to the
-/// job's that watches for underflows. Nothing here waits for the application, which may hang: the desktop is
-/// only told what is wanted. A thread for each such call would only outlive its window.
+/// setSearch(), restore() and countRestored() are safe from any thread, restoreTaken() belongs to the
+/// owner's, reset() too while no job runs, all else to the job's that watches for underflows. Nothing here
+/// waits for the application, which may hang: the desktop is only told what is wanted. A thread for each such
+/// call would only outlive its window.
 class ZqAppWindow {
 public:
     explicit ZqAppWindow(const ZqAppParams& params);
@@ -41,8 +42,9 @@ public:
     void find(const std::function<bool()>& isStopped);
     /// Minimises it, and waits up to 500 ms for that. Raises "App minimization failed".
     void minimize(const std::atomic<bool>& isStopped);
-    /// From now on the application counts as minimised, though it may have no window.
+    /// From now on the application counts as minimised, though it may have no window, or no longer.
     void countMinimized() { minimized = true; }
+    void countRestored() { minimized = false; }
     /// Whether there is a window that isn't minimised.
     bool isInTheWay() const;
     /// Minimises the window for an underflow, as minimize() does.
@@ -54,6 +56,7 @@ public:
     static void minimizeGhost(const SxString& prefix);
 
 private:
+    bool isIconic() const;
     /// The topmost window of the application's process; 0 where there is none.
     ZqDesktop::Handle findByProcess(const std::function<bool()>& isStopped) const;
 

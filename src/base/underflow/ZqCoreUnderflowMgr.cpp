@@ -71,18 +71,14 @@ void ZqCoreUnderflowMgr::stop() {
 }
 
 void ZqCoreUnderflowMgr::restart() {
-    const auto forget = [this] {
-        window->reset();
-        underflowFlag = false;
-    };
-    forget();
+    window->countRestored();
+    underflowFlag = false;
     isRestarted = true;
     stop();
     wait();
     isRestarted = false;
-    // What the job has noted until its end.
-    forget();
-    entered = false;
+    window->reset();
+    underflowFlag = entered = false;
     start(6);
 }
 
@@ -217,11 +213,11 @@ bool ZqCoreUnderflowMgr::runPass() {
 }
 
 uint64 ZqCoreUnderflowMgr::popOnDemandZqFByteIdx() {
-    return drive->popOnce();
+    return drive->popHeld();
 }
 
 SxArray<uint64> ZqCoreUnderflowMgr::popOnDemandZqFByteIndices(uint64 count) {
-    return drive->popOnce(count);
+    return drive->popHeld(count);
 }
 
 bool ZqCoreUnderflowMgr::isReadWaiting() {

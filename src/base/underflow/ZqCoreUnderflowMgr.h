@@ -5,7 +5,9 @@
 #include "SxPtr.h"
 #include "SxSystemThread.h"
 #include "ZqAppParams.h"
+#include "ZqBlockPrint.h"
 #include "ZqBlocks.h"
+#include "ZqOnDemandCallback.h"
 #include "ZqRuntimeInfo.h"
 
 #include <atomic>
@@ -15,7 +17,6 @@
 class ZqAppWindow;
 class ZqCoreAppGuard;
 class ZqImageProgress;
-class ZqOnDemandCallback;
 class ZqOnDemandFetcher;
 class ZqOnDemandSource;
 class ZqOnDemandTable;
@@ -26,10 +27,10 @@ class ZqUnderflowFigures;
 /// The job that watches for underflows: reads that the drive holds since their blocks aren't there yet. It
 /// gets the missing stretches of `img.zqf` out of order where it can. Where it can't, it minimises the
 /// application's window and, if `suspendDrive` says so, suspends the drive, until the download has caught up.
-/// It keeps the statistics of that. It never acts on the process, and brings no window back; its owner does.
-/// It doesn't throttle the writer while it fetches: who goes first is settled on the link, where the ordered
-/// download and the fetches meet. It runs until it is stopped or the drive, once an underflow has come, is
-/// gone.
+/// It keeps the statistics of that. It never acts on the process. The job brings no window back; its owner
+/// does, by restoreWindow(). It doesn't throttle the writer while it fetches: who goes first is settled on
+/// the link, where the ordered download and the fetches meet. It runs until it is stopped or the drive, once
+/// an underflow has come, is gone.
 ///
 /// A service that is silent is asked again, and nothing changes until it answers: what the service holds
 /// stays held, so no underflow is taken to be over, and the job doesn't end, since it alone knows the window.

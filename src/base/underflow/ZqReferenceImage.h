@@ -23,6 +23,3 @@ public:
 private:
     SxFileIO file;
 };
-
-/// Writes the first 4096 bytes of `data` into the log as a hex dump, 16 bytes a line.
-void blockPrint(const SxArray<char>& data);

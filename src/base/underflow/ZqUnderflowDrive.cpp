@@ -40,7 +40,7 @@ bool ZqUnderflowDrive::isThere() const {
 }
 
 bool ZqUnderflowDrive::isReadHeld() const {
-    return patiently([this] { return mountMgr.askUnderflow(path); });
+    return patiently([this] { return mountMgr.isUnderflow(path); });
 }
 
 uint64 ZqUnderflowDrive::getQueueLength() const {
@@ -73,11 +73,11 @@ void ZqUnderflowDrive::resume() {
     hasSuspended = false;
 }
 
-uint64 ZqUnderflowDrive::popOnce() const {
+uint64 ZqUnderflowDrive::popHeld() const {
     return mountMgr.isUnderflow(path) ? byteIdxOf(ZqfIdx{mountMgr.popUnderflowZqFBlock(path)}) : 0;
 }
 
-SxArray<uint64> ZqUnderflowDrive::popOnce(uint64 count) const {
+SxArray<uint64> ZqUnderflowDrive::popHeld(uint64 count) const {
     return mountMgr.isUnderflow(path) ? pop(count) : SxArray<uint64>();
 }
 

@@ -23,8 +23,7 @@ public:
 
     /// Whether the image is mounted.
     bool isThere() const;
-    /// Whether the drive holds a read for want of its blocks. It is asked in the way that raises where the
-    /// service is silent, which doesn't mean that no read is held.
+    /// Whether the drive holds a read for want of its blocks.
     bool isReadHeld() const;
     /// Missing blocks that wait to be popped.
     uint64 getQueueLength() const;
@@ -39,12 +38,12 @@ public:
     /// Takes back a suspend() of this object; does nothing where there is none.
     void resume();
 
-    // Asked once, whether the service is silent or not; a silent one holds no read.
+    // Where no read is held these give nothing; a silence at that question is raised.
 
     /// Takes the next missing block from the queue: its byte in `img.zqf`, at most its size; 0 for none.
-    uint64 popOnce() const;
+    uint64 popHeld() const;
     /// The same for up to `count` of them.
-    SxArray<uint64> popOnce(uint64 count) const;
+    SxArray<uint64> popHeld(uint64 count) const;
 
 private:
     template<class Call>

@@ -1,6 +1,7 @@
 #include "ZqImageForms.h"
 
 #include "ZqFrameDecoder.h"
+#include "ZqImageFiles.h"
 #include "ZqPackedForm.h"
 #include "ZqRangeReader.h"
 #include "ZqTableLoader.h"
@@ -20,8 +21,10 @@ ZqImageForms::ZqImageForms(const SxPtr<ZqNetLink>& link, const SxString& folderU
                            const SxArray<SxString>& headers, const SxString& digest_,
                            const std::function<void()>& onOtherTable)
     : layout(sizeZqf),
-      plain(SxPtr<ZqRemoteFile>::create(link, ZqRemoteFile::urlIn(folderUrl, "img.zqf"), headers, sizeZqf)),
-      packed(SxPtr<ZqRemoteFile>::create(link, ZqRemoteFile::urlIn(folderUrl, "img.zqf.zst"), headers)),
+      plain(SxPtr<ZqRemoteFile>::create(link, ZqRemoteFile::urlIn(folderUrl, ZqImageFiles::ZQF), headers,
+                                        sizeZqf)),
+      packed(
+          SxPtr<ZqRemoteFile>::create(link, ZqRemoteFile::urlIn(folderUrl, ZqImageFiles::PACKED), headers)),
       digest(digest_),
       choice(link, packed->getUrl(), onOtherTable),
       loader(std::make_unique<ZqTableLoader>(packed, sizeZqf, digest, &choice)) {

@@ -6,7 +6,7 @@
 /// whichever form of it is on the server. Safe from any thread.
 class ZqRangeSource {
 public:
-    /// Ranges that are worth having on the wire together.
+    /// Ranges that are worth having on the wire together, so that their round trip is paid once.
     static constexpr int64 GROUP = 6;
 
     virtual ~ZqRangeSource() = default;

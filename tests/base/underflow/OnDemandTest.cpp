@@ -1,6 +1,5 @@
 #include "Failure.h"
 #include "UnderflowRun.h"
-#include "ZqReferenceImage.h"
 
 using Requests = std::vector<std::pair<uint64, uint64>>;
 
