@@ -3,8 +3,8 @@
 #include "SxSystemThread.h"
 
 /// Base of a job with progress counters. What the counters count is the job's choice, bytes as a rule. All
-/// but main() are safe from any thread. Whoever has made a job starts it, waits for it, and looks only then at
-/// what it has come to.
+/// but main() are safe from any thread. Whoever has made a job starts it, waits for it, and looks only then
+/// at what it has come to.
 class ZqTaskMon : public SxSystemThread {
 public:
     /// What is done so far.
