@@ -14,7 +14,9 @@ add_library(tavrin_compiler INTERFACE)
 target_compile_options(tavrin_compiler INTERFACE
     -Wall -Wextra -Wpedantic -Wconversion -Wshadow
     $<$<BOOL:${TAVRIN_WERROR}>:-Werror>
-    $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety;-Werror=thread-safety>)
+    $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety;-Werror=thread-safety>
+    # A time stamp in clang's precompiled header would keep ccache from ever finding what depends on it.
+    "$<$<CXX_COMPILER_ID:Clang>:SHELL:-Xclang -fno-pch-timestamp>")
 
 set(tavrin_sanitizers ${TAVRIN_SANITIZE})
 if(TAVRIN_FUZZ)

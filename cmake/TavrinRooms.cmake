@@ -39,6 +39,20 @@ function(tavrin_rooms_of variable layer)
     set(${variable} "${rooms}" PARENT_SCOPE)
 endfunction()
 
+# One precompiled header of the standard library serves all rooms: a unit compiles in about 0.6 of the time. It has
+# no header of the project, so that none comes into sight of a room by it.
+file(CONFIGURE OUTPUT precompiled.cpp CONTENT "// Carries the precompiled header of the rooms.\n")
+add_library(tavrin_room_precompiled OBJECT "${CMAKE_CURRENT_BINARY_DIR}/precompiled.cpp")
+target_link_libraries(tavrin_room_precompiled PRIVATE tavrin_compiler Threads::Threads)
+target_precompile_headers(tavrin_room_precompiled PRIVATE
+    <algorithm> <atomic> <chrono> <condition_variable> <deque> <functional> <map> <memory> <mutex> <optional>
+    <string> <thread> <vector>)
+# By way of a precompiled header g++ 12 sees faults in copies of std::string that it doesn't see otherwise, since
+# there are none; clang's builds look at bounds, too. Linked last, so that these follow -Wall.
+add_library(tavrin_room_warnings INTERFACE)
+target_compile_options(tavrin_room_warnings INTERFACE
+    "$<$<CXX_COMPILER_ID:GNU>:-Wno-array-bounds;-Wno-stringop-overflow;-Wno-stringop-overread;-Wno-restrict>")
+
 # tavrin_add_room(ROOM [LIBRARY...]): the room's sources become the object library room_<room>, with "_" for
 # each "/", which compiles against these libraries. VARIABLE takes its name; it is empty where the room has
 # headers alone.
@@ -52,7 +66,9 @@ function(tavrin_add_room variable room)
         tavrin_folders_of(folders ${TAVRIN_BELOW_${room}})
         add_library(${target} OBJECT ${sources} ${headers})
         target_include_directories(${target} PRIVATE ${folders})
-        target_link_libraries(${target} PRIVATE tavrin_compiler tsl::robin_map tsl::ordered_map ${ARGN})
+        target_link_libraries(${target} PRIVATE tavrin_compiler tsl::robin_map tsl::ordered_map ${ARGN}
+            tavrin_room_warnings)
+        target_precompile_headers(${target} REUSE_FROM tavrin_room_precompiled)
         set(${variable} "${target}" PARENT_SCOPE)
     endif()
 endfunction()
