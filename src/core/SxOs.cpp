@@ -29,6 +29,7 @@ void fill(const struct ::stat& from, SxStat* to) {
                                        : SxStat::Other;
     to->isRemoval = S_ISCHR(from.st_mode) && from.st_rdev == 0;
     to->size = from.st_size;
+    to->nNames = static_cast<int64>(from.st_nlink);
     to->allocated = from.st_blocks * 512;
     to->device = from.st_dev;
     to->inode = from.st_ino;

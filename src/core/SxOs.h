@@ -12,6 +12,7 @@ struct SxStat {
     bool isRemoval = false; ///< an overlay's mark that the name is gone; holds nothing
     int64 size = 0;         ///< bytes
     int64 allocated = 0;    ///< bytes on the disk
+    int64 nNames = 0;       ///< of the file, in whatever folders
     uint64 device = 0, inode = 0;
     uint32 permissions = 0; ///< the low 12 mode bits
     int64 modifiedMs = 0;   ///< milliseconds since 1970 UTC

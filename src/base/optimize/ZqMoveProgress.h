@@ -1,0 +1,48 @@
+#pragma once
+
+#include "SxFileIO.h"
+
+/// How far an optimisation has come, in a file of its own, so that another process can go on after a kill or
+/// a power cut at any point. Not locked.
+///
+/// File: two records of 64 bytes, at byte 0 and 4096, the rest zeros up to 8192 bytes. A record is eight
+/// unsigned 64-bit little-endian numbers: "ZMOVE001" as text, sequence, digest of the plan, phase, round,
+/// batch, XXH64 of the round's heads, XXH64 of the seven before. The record of the higher sequence counts of
+/// those that are whole; a change replaces the other one.
+class ZqMoveProgress {
+public:
+    enum Phase : uint64 {
+        Heads = 0,   ///< the heads of `round` are being set aside
+        Batches = 1, ///< `batch` of `round` may be half done; all before are done
+        Records = 2, ///< all blocks are in their places; the records are being replaced
+        Swap = 3,    ///< a copy is complete; image and records are being replaced. `batch` is 1 where it
+                     ///< has stretches beyond its end
+        Tidy = 4     ///< all is replaced
+    };
+    struct State {
+        Phase phase = Heads;
+        uint64 round = 0, batch = 0;
+        uint64 headsHash = 0;
+        bool operator==(const State&) const = default;
+    };
+
+    /// Makes the file; `plan` is a digest of all that the numbers depend on. On the device at the end.
+    static ZqMoveProgress create(const SxString& path, uint64 plan, const State& state);
+    /// Reads the file. Raises where it says nothing, naming it.
+    static ZqMoveProgress open(const SxString& path);
+
+    const State& get() const { return state; }
+    /// Raises where the file was made for another plan.
+    void requirePlan(uint64 plan) const;
+    /// Replaces the state. It is on the device at the end; raises where that isn't known.
+    void set(const State& next);
+
+private:
+    ZqMoveProgress() = default;
+    bool take(int64 slot);
+    void write(int64 slot);
+
+    SxFileIO file;
+    State state;
+    uint64 sequence = 0, planDigest = 0;
+};

@@ -1,0 +1,123 @@
+#include "../BaseTest.h"
+#include "MoveOrders.h"
+#include "ZqBlockMover.h"
+#include "ZqMoveProgress.h"
+
+#include <cstring>
+
+namespace {
+
+constexpr uint64 BLOCK = ZqBlocks::SIZE;
+constexpr uint64 PLAN = 77;
+using State = ZqMoveProgress::State;
+
+std::string blockOf(uint64 number) {
+    std::string block(BLOCK, '\0');
+    for (size_t at = 0; at < BLOCK; at += sizeof number)
+        std::memcpy(block.data() + at, &number, sizeof number);
+    return block;
+}
+
+/// Moves the file "watched/img" by the order, from wherever it was cut off.
+void moveAll(const TempDir& dir, const MoveOrder& order, const ZqMovePlan::Limits& limits) {
+    ZqMovePlan plan(order.source, limits);
+    SxFileIO image(dir.path("watched/img"), "r+b"), heads(dir.path("watched/heads"), "r+b");
+    ZqBlockMover mover(
+        plan, &image, &heads, [] { return false; }, [](uint64) {});
+    ZqMoveProgress progress = ZqMoveProgress::open(dir.path("watched/progress"));
+    progress.requirePlan(PLAN);
+    State state = progress.get();
+    if (state.phase == ZqMoveProgress::Records) return;
+    const uint64 start = state.round;
+    for (uint64 round = 0; plan.nextRound(); ++round) {
+        if (round < start) continue;
+        if (state.phase == ZqMoveProgress::Heads) {
+            state = {ZqMoveProgress::Batches, round, 0, mover.setHeadsAside()};
+            progress.set(state);
+        } else {
+            ASSERT_EQ(mover.hashHeads(), state.headsHash) << "heads of round " << round;
+        }
+        while (state.batch < plan.getNBatches()) {
+            mover.doBatch(state.batch);
+            ++state.batch;
+            progress.set(state);
+        }
+        state = {ZqMoveProgress::Heads, round + 1, 0, 0};
+        progress.set(state);
+    }
+    progress.set({ZqMoveProgress::Records, 0, 0, 0});
+}
+
+void prepare(const TempDir& dir, size_t n) {
+    std::string bytes;
+    for (size_t i = 0; i < n; ++i)
+        bytes += blockOf(i);
+    dir.write("watched/img", bytes);
+    dir.write("watched/heads", "");
+    ZqMoveProgress::create(dir.path("watched/progress"), PLAN, {});
+}
+
+void expectMoved(const TempDir& dir, const MoveOrder& order) {
+    const std::string bytes = dir.read("watched/img");
+    for (size_t to = 0; to < order.source.size(); ++to) {
+        if (order.source[to] == ZqMovePlan::NONE) continue;
+        ASSERT_EQ(bytes.substr(to * BLOCK, BLOCK), blockOf(order.source[to])) << "block " << to;
+    }
+}
+
+} // namespace
+
+TEST(BlockMover, APowerCutAtAnyStepLosesNoBlock) {
+    TestRandom random(6);
+    TRACE_SEED(random);
+    const auto orders = allMoveOrders(random, 90);
+    for (size_t i = 0; i < orders.size(); ++i) {
+        bool cut = true;
+        for (int64 step = 1; cut && !HasFailure(); ++step) {
+            for (uint64 seed = 0; seed < 4; ++seed) {
+                SCOPED_TRACE(testing::PrintToString(orders[i]) + " cut at step " + std::to_string(step) +
+                             ", seed " + std::to_string(seed));
+                const TempDir dir;
+                prepare(dir, orders[i].source.size());
+                cut = false;
+                // The second cut strikes what goes on after the first.
+                for (const int64 at : {step, int64{1} + static_cast<int64>(random.below(6))}) {
+                    FaultOs os(dir.path("watched"));
+                    os.cutPowerAt(at);
+                    const std::string failure = failureOf([&] { moveAll(dir, orders[i], {20, 4}); });
+                    cut = cut || os.isCut();
+                    EXPECT_EQ(os.isCut(), !failure.empty()) << failure;
+                    std::mt19937_64 chance(seed);
+                    os.crash(seed ? &chance : nullptr);
+                }
+                moveAll(dir, orders[i], {20, 4});
+                expectMoved(dir, orders[i]);
+            }
+        }
+    }
+}
+
+TEST(MoveProgress, TellsTheLastStateThatIsWhole) {
+    const TempDir dir;
+    const SxString path = dir.path("progress");
+    const State first{ZqMoveProgress::Batches, 3, 4, 5}, second{ZqMoveProgress::Batches, 3, 5, 5};
+    {
+        ZqMoveProgress progress = ZqMoveProgress::create(path, PLAN, {});
+        progress.set(first);
+        progress.set(second);
+    }
+    EXPECT_EQ(ZqMoveProgress::open(path).get(), second);
+    EXPECT_THAT(failureOf([&] { ZqMoveProgress::open(path).requirePlan(PLAN + 1); }), HasSubstr("another"));
+
+    // A torn record leaves the one before; then nothing is left that tells anything.
+    const std::string whole = dir.read("progress");
+    std::string torn = whole;
+    torn[40] = static_cast<char>(torn[40] ^ 1);
+    dir.write("progress", torn);
+    EXPECT_EQ(ZqMoveProgress::open(path).get(), first);
+    torn[BLOCK + 40] = static_cast<char>(torn[BLOCK + 40] ^ 1);
+    for (const std::string& bytes : {torn, whole.substr(0, 30), std::string()}) {
+        dir.write("progress", bytes);
+        EXPECT_THAT(failureOf([&] { ZqMoveProgress::open(path); }), HasSubstr("damaged"));
+    }
+}
