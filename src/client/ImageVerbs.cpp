@@ -361,5 +361,6 @@ void registerImageVerbs(App* app) {
         .action([splitting](Output& out) { return split(*splitting, out); });
 
     simple("join", "Put the parts of a split image together again", "tavrin image join games/alpha", join);
+    registerOptimizeVerb(&family);
     registerPublishVerbs(&family);
 }

@@ -8,6 +8,8 @@ class Family;
 void registerImageVerbs(App* app);
 /// Those verbs of the family `image` that publishers need.
 void registerPublishVerbs(Family* image);
+/// The one of the family `image` that moves blocks.
+void registerOptimizeVerb(Family* image);
 void registerContentVerbs(App* app);
 void registerTraceVerbs(App* app);
 void registerMountVerbs(App* app);

@@ -50,8 +50,8 @@ void ZqImageDownload::start() {
 void ZqImageDownload::openStore() {
     const ZqAppParams& app = origin.getApp();
     // Without a digest nothing tells another order of the blocks from this one.
-    if (app.checksumZqf.isEmpty() && app.checksumIdx.isEmpty()) return;
-    const SxString key = app.checksumZqf + "\n" + app.checksumIdx + "\n" + app.checksumMnt;
+    const SxString key = ZqStretchStore::keyOf(app.checksumZqf, app.checksumIdx, app.checksumMnt);
+    if (key.isEmpty()) return;
     try {
         image->setStore(std::make_unique<ZqStretchStore>(
             origin.getImage(), key, app.sizeZqf, ZqBlocks::STRETCH, file->size(), file->getReserve()));

@@ -3,6 +3,7 @@
 #include "SxException.h"
 #include "SxFSAction.h"
 #include "ZqBlockPrint.h"
+#include "ZqImageFiles.h"
 
 namespace {
 
@@ -11,7 +12,7 @@ constexpr const char* UNIT = "src/base/ZqUnderflowMgr";
 } // namespace
 
 void ZqReferenceImage::open(const SxString& path) {
-    const SxString name = path + "/imgRef.zqf";
+    const SxString name = path + "/" + ZqImageFiles::REFERENCE;
     if (!SxFSAction::exists(name)) return;
     try {
         file.open(name, "rb", 0600);

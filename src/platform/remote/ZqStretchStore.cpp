@@ -67,6 +67,16 @@ ZqStretchStore::ZqStretchStore(const SxString& folder, const SxString& key, uint
     pass(nPassed);
 }
 
+SxString ZqStretchStore::keyOf(const SxString& checksumZqf, const SxString& checksumIdx,
+                               const SxString& checksumMnt) {
+    if (checksumZqf.isEmpty() && checksumIdx.isEmpty()) return {};
+    return checksumZqf + "\n" + checksumIdx + "\n" + checksumMnt;
+}
+
+bool ZqStretchStore::isIn(const SxString& folder) {
+    return isOwnFile(pathOf(folder, ZqImageFiles::AHEAD)) && isOwnFile(pathOf(folder, ZqImageFiles::AHEAD_IDX));
+}
+
 uint64 ZqStretchStore::sizeIn(const SxString& folder) {
     SxStat info;
     const SxString path = pathOf(folder, ZqImageFiles::AHEAD);

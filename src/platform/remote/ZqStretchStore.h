@@ -23,6 +23,11 @@ public:
                    uint64 nPassed, const ZqDiskReserve& reserve_);
     ZqStretchStore(const ZqStretchStore&) = delete;
     ZqStretchStore& operator=(const ZqStretchStore&) = delete;
+    /// A text for the order of the blocks that has these digests; empty where they tell no order.
+    static SxString keyOf(const SxString& checksumZqf, const SxString& checksumIdx,
+                          const SxString& checksumMnt);
+    /// Whether a folder has such files, of whatever order.
+    static bool isIn(const SxString& folder);
     /// Bytes of the disk that such files take in a folder.
     static uint64 sizeIn(const SxString& folder);
     /// Removes the files from a folder. Raises where they can't be.

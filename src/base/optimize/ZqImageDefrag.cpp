@@ -1,0 +1,180 @@
+#include "ZqImageDefrag.h"
+
+#include "SxException.h"
+#include "SxFSAction.h"
+#include "SxOs.h"
+#include "ZqAheadCarry.h"
+#include "ZqBlockGather.h"
+#include "ZqBlocks.h"
+#include "ZqImageFiles.h"
+#include "ZqImageFolder.h"
+#include "ZqLog.h"
+#include "ZqReorderInputs.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace {
+
+constexpr const char* UNIT = "src/base/optimize/ZqImageDefrag";
+constexpr uint64 BLOCK = ZqBlocks::SIZE;
+/// Blocks that are read and written together, and synced: a power cut can damage no more of the target's end.
+constexpr uint64 PIECE = ZqBlockGather::PIECE;
+constexpr uint64 ROOM_FOR_RECORDS = 1 << 20;
+constexpr const char* SCRATCH = "scratch";
+
+/// What a link leads to, or has another name, isn't written into.
+bool isOwnFile(const SxString& path) {
+    const std::optional<SxStat> info = SxFSAction::look(path);
+    return info && info->kind == SxStat::File && info->nNames == 1;
+}
+
+} // namespace
+
+ZqImageDefrag::ZqImageDefrag(const SxString& image, const SxString& index)
+    : ZqDefragJob(image, index),
+      work(imagePath) {
+    setThreadName("defrag by copy");
+}
+
+void ZqImageDefrag::keepNote(const SxString& consumed_) {
+    isNoted = true;
+    consumed = consumed_;
+}
+
+void ZqImageDefrag::reorder() {
+    ZqReorderInputs inputs(imagePath, indexPath, indexName);
+    inputs.check(false);
+    source = inputs.makeSource();
+    SxFileIO zqf(imagePath + ZqImageFiles::ZQF, "rb", 0600);
+    countBlocks(static_cast<uint64>(zqf.getSize()));
+    bytesExtra = nTarget * BLOCK + source.size() * sizeof(uint64);
+    if (isForecastOnly()) return forecast(&zqf);
+
+    const ZqOptimizeNote note{ZqOptimizeNote::Copy,
+                              inputs.getGuid(),
+                              {inputs.getOldDigest(), inputs.getOldApp().sizeZqf},
+                              {inputs.getNewDigest(), inputs.getNewApp().sizeZqf},
+                              consumed,
+                              {}};
+    const SxString noteFile = work.file(ZqOptimizeFolder::NOTE);
+    const bool isKnown =
+        isNoted && SxFSAction::test_f(noteFile) && SxFileIO::readUtf8(noteFile) == note.toText();
+    const SxString path = indexPath + ZqImageFiles::ZQF;
+    uint64 first = 0;
+    if (isOwnFile(path)) {
+        const uint64 sizeTarget = static_cast<uint64>(SxFSAction::sizeOf(path)) / BLOCK;
+        first = keepTarget(&zqf, isKnown && sizeTarget > PIECE ? sizeTarget - PIECE : 0);
+    }
+    ZqImageFolder::requireSpace(indexPath, (nTarget - first) * BLOCK + ROOM_FOR_RECORDS);
+    if (isNoted && !isKnown) {
+        work.make();
+        work.writeNote(note);
+    }
+    setTotal((source.size() - first) * BLOCK);
+    SxFileIO target;
+    if (first > 0) {
+        target.open(path, "ab");
+    } else {
+        target.create(path);
+    }
+    SxStat old;
+    if (SxOs::get().statFd(zqf.getFd(), &old) == 0)
+        SxOs::get().setPermissionsFd(target.getFd(), old.permissions);
+    copy(&zqf, &target, first);
+    target.close();
+    if (isNoted) carryAhead(inputs.getOldApp(), inputs.getNewApp());
+}
+
+void ZqImageDefrag::forecast(SxFileIO* zqf) {
+    ZqImageFolder::requireSpace(indexPath, nTarget * BLOCK + ROOM_FOR_RECORDS);
+    forecastBytes = nTarget * BLOCK;
+    rate = ZqBlockGather::measureRate(zqf, sourceOf(0, nTarget), indexPath + SCRATCH);
+}
+
+void ZqImageDefrag::carryAhead(const ZqAppParams& oldApp, const ZqAppParams& newApp) {
+    try {
+        ZqAheadCarry carry(imagePath, oldApp, source);
+        const uint64 nThere = carry.countThere();
+        const uint64 nCarried =
+            carry.write(work.getPath(), newApp, nTarget, [this] { return isStopRequested(); });
+        nLost = nThere - nTarget - nCarried;
+    } catch (const SxException& e) {
+        // It is fetched again then.
+        zqLogMsg("base", "ZqImageDefrag: " + e.toString(SxException::ShowMessage, ": "));
+    }
+    refuseStop();
+}
+
+void ZqImageDefrag::countBlocks(uint64 sizeOld) {
+    nIncluded = source.size();
+    while (nIncluded > 0 && source[nIncluded - 1] == ZqMovePlan::NONE)
+        --nIncluded;
+    const auto gap =
+        std::find(source.begin(), source.begin() + static_cast<std::ptrdiff_t>(nIncluded), ZqMovePlan::NONE) -
+        source.begin();
+    if (static_cast<uint64>(gap) < nIncluded) {
+        throw SxException("'" + indexName + ZqImageFiles::IDX + "' has no block at ZqF position " +
+                              SxString(static_cast<int64>(gap)) + ", but blocks after it; a copy has no gaps",
+                          UNIT, __LINE__);
+    }
+    // The last block of the file doesn't count, since nobody knows whether its download was cut off there.
+    const uint64 nThere = sizeOld == 0 ? 0 : (sizeOld - 1) / BLOCK;
+    nTarget = 0;
+    while (nTarget < nIncluded && source[nTarget] < nThere) {
+        ++(source[nTarget] == nTarget ? nKept : nMoved);
+        ++nTarget;
+    }
+    const auto rest = source.begin() + static_cast<std::ptrdiff_t>(nTarget);
+    nLost = static_cast<uint64>(
+        std::count_if(rest, source.end(), [&](ZqMovePlan::Position from) { return from < sizeOld / BLOCK; }));
+}
+
+uint64 ZqImageDefrag::keepTarget(SxFileIO* zqf, uint64 from) {
+    SxFileIO target(indexPath + ZqImageFiles::ZQF, "r+b", 0600);
+    const uint64 size = static_cast<uint64>(target.getSize());
+    const uint64 kept = findDifference(zqf, &target, from, std::min(size / BLOCK, nTarget));
+    if (kept * BLOCK < size) target.truncate(static_cast<int64>(kept * BLOCK));
+    // What was compared is in memory, and may be nowhere else.
+    target.sync();
+    return kept;
+}
+
+uint64 ZqImageDefrag::findDifference(SxFileIO* zqf, SxFileIO* target, uint64 first, uint64 end) {
+    ZqBlockGather gather(zqf);
+    buffer.resize(PIECE * BLOCK);
+    std::vector<char> there(PIECE * BLOCK);
+    for (uint64 next = first; next < end; next += PIECE) {
+        refuseStop();
+        const uint64 pieceEnd = std::min(end, next + PIECE);
+        gather.read(sourceOf(next, pieceEnd), buffer.data());
+        const auto n = static_cast<int64>((pieceEnd - next) * BLOCK);
+        target->seek(static_cast<int64>(next * BLOCK));
+        if (target->readBuffer(there.data(), n) != n) {
+            throw SxException(SxFileIO::fileReadErr(target->getFilePath()), UNIT, __LINE__);
+        }
+        for (uint64 block = next; block < pieceEnd; ++block) {
+            const size_t at = (block - next) * BLOCK;
+            if (std::memcmp(buffer.data() + at, there.data() + at, BLOCK) != 0) return block;
+        }
+    }
+    return std::max(first, end);
+}
+
+void ZqImageDefrag::copy(SxFileIO* zqf, SxFileIO* target, uint64 first) {
+    ZqBlockGather gather(zqf);
+    buffer.resize(PIECE * BLOCK);
+    const auto nAll = static_cast<double>(source.size());
+    for (uint64 next = first; next < nTarget;) {
+        refuseStop();
+        const uint64 end = std::min(nTarget, next + PIECE);
+        gather.read(sourceOf(next, end), buffer.data());
+        const uint64 nBytes = (end - next) * BLOCK;
+        target->writeBuffer(buffer.data(), static_cast<int64>(nBytes));
+        target->sync();
+        addWritten(nBytes);
+        next = end;
+        setCurrent((next - first) * BLOCK, static_cast<double>(next) * 100 / nAll);
+    }
+    target->sync();
+}

@@ -1,0 +1,50 @@
+#pragma once
+
+#include "SxFileIO.h"
+#include "ZqDefragJob.h"
+#include "ZqMovePlan.h"
+#include "ZqOptimizeFolder.h"
+
+class ZqAppParams;
+
+/// Job that writes a new `img.zqf` into an index folder, in the order of the map there, from that of an image
+/// which may be partial: it copies as far as the old file reaches. The image stays as it is. A target that is
+/// there is gone on with, as far as its blocks are what they should be: its length alone proves nothing after
+/// a power cut.
+///
+/// Raises "ZqF optimization failed." with the cause, before the target is touched where the maps don't serve.
+class ZqImageDefrag : public ZqDefragJob {
+public:
+    /// `index` is an index folder, see ZqReorderInputs.
+    ZqImageDefrag(const SxString& image, const SxString& index);
+
+    /// Keeps a note in the image's work folder of which maps the target is made. Where it says that these are
+    /// the ones, only the end of a target is compared, and else all of it. `consumed`: see ZqOptimizeNote.
+    /// Before start().
+    void keepNote(const SxString& consumed_);
+
+    /// After the end: blocks that the old file had, and the target hasn't.
+    uint64 getNLost() const { return nLost; }
+
+protected:
+    void reorder() override;
+
+private:
+    void countBlocks(uint64 sizeOld);
+    void forecast(SxFileIO* zqf);
+    void carryAhead(const ZqAppParams& oldApp, const ZqAppParams& newApp);
+    /// Blocks of the target that are what they should be; the rest of it is cut off.
+    uint64 keepTarget(SxFileIO* zqf, uint64 from);
+    uint64 findDifference(SxFileIO* zqf, SxFileIO* target, uint64 first, uint64 end);
+    std::span<const ZqMovePlan::Position> sourceOf(uint64 first, uint64 end) const {
+        return std::span(source).subspan(first, end - first);
+    }
+    void copy(SxFileIO* zqf, SxFileIO* target, uint64 first);
+    std::vector<ZqMovePlan::Position> source;
+    std::vector<char> buffer;
+    uint64 nTarget = 0; ///< blocks that the target can have
+    uint64 nLost = 0;
+    const ZqOptimizeFolder work;
+    bool isNoted = false;
+    SxString consumed;
+};

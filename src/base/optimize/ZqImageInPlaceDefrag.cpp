@@ -1,0 +1,253 @@
+#include "ZqImageInPlaceDefrag.h"
+
+#include "SxException.h"
+#include "SxFSAction.h"
+#include "SxMd5.h"
+#include "SxOs.h"
+#include "ZqBlockGather.h"
+#include "ZqBlockMover.h"
+#include "ZqImageFiles.h"
+#include "ZqImageFolder.h"
+#include "ZqOrderRemains.h"
+#include "ZqReorderInputs.h"
+
+#include <algorithm>
+#include <cerrno>
+
+namespace {
+
+constexpr const char* UNIT = "src/base/optimize/ZqImageInPlaceDefrag";
+constexpr uint64 BLOCK = ZqBlocks::SIZE;
+/// For the records, the note, and how far the job has come.
+constexpr uint64 ROOM_FOR_RECORDS = 1 << 20;
+/// The percentage when all blocks are in their places: what then comes has none.
+constexpr double MOVED = 50;
+constexpr const char* SCRATCH = "scratch";
+/// Positions without a block are filled with zeros in pieces of so many.
+constexpr uint64 ZEROS = 256;
+
+/// Takes the room of `n` bytes from the disk. A file system that can't say so beforehand says so later.
+void reserve(SxFileIO* file, uint64 offset, uint64 n) {
+    const int result =
+        SxOs::get().preallocate(file->getFd(), static_cast<int64>(offset), static_cast<int64>(n));
+    if (result >= 0 || result == -EOPNOTSUPP) return;
+    throw SxException(SxException(SxOs::errorText(result), UNIT, __LINE__),
+                      SxFileIO::fileWriteErr(file->getFilePath()), UNIT, __LINE__);
+}
+
+void requireMap(const SxString& folder, const SxString& digest) {
+    const SxString file = folder + ZqImageFiles::IDX;
+    if (SxMd5::file(file) == digest) return;
+    throw SxException("'" + file + "' isn't the map that the optimisation was begun with", UNIT, __LINE__);
+}
+
+} // namespace
+
+ZqImageInPlaceDefrag::ZqImageInPlaceDefrag(const SxString& image, const SxString& index)
+    : ZqDefragJob(image, index),
+      work(imagePath),
+      isResumed(false) {
+    setThreadName("defrag in place");
+}
+
+ZqImageInPlaceDefrag::ZqImageInPlaceDefrag(const SxString& image)
+    : ZqDefragJob(image, ZqImageFolder::prefix(image) + ZqImageFiles::OPTIMIZE_WORK),
+      work(imagePath),
+      isResumed(true) {
+    setThreadName("defrag in place");
+}
+
+void ZqImageInPlaceDefrag::reorder() {
+    if (isResumed &&
+        ZqMoveProgress::open(work.file(ZqOptimizeFolder::PROGRESS)).get().phase >= ZqMoveProgress::Records) {
+        return;
+    }
+    Source source = isResumed ? goOn() : begin();
+    if (isForecastOnly()) return forecast(source);
+    move(work.readNote(), std::move(source));
+}
+
+ZqImageInPlaceDefrag::Source ZqImageInPlaceDefrag::begin() {
+    ZqReorderInputs inputs(imagePath, indexPath, indexName);
+    inputs.check(true);
+    Source source = inputs.makeSource();
+    const auto sizeOld = static_cast<uint64>(SxFSAction::sizeOf(imagePath + ZqImageFiles::ZQF));
+    setTotal(sizeOld);
+    if (sizeOld != inputs.getOldApp().sizeZqf) {
+        throw SxException("In-place defragmentation not available for partially downloaded ZqF file.", UNIT,
+                          __LINE__);
+    }
+    requireBlocks(source, sizeOld);
+    const uint64 sizeNew = inputs.getNewApp().sizeZqf;
+    const uint64 nHeads = std::min<uint64>(limits.nHeads, source.size());
+    bytesExtra = nHeads * BLOCK + source.size() * sizeof(uint64) + std::max(sizeOld, sizeNew) - sizeOld;
+    ZqImageFolder::requireSpace(imagePath, bytesExtra + ROOM_FOR_RECORDS);
+    if (isForecastOnly()) return source;
+    const ZqOptimizeNote note{
+        ZqOptimizeNote::InPlace,          inputs.getGuid(), {inputs.getOldDigest(), sizeOld},
+        {inputs.getNewDigest(), sizeNew}, consumed,         limits};
+    try {
+        makeWorkFolder(note, nHeads);
+    } catch (const SxException&) {
+        // Nothing of the image has changed yet.
+        if (!work.isLocked()) work.remove();
+        throw;
+    }
+    return source;
+}
+
+void ZqImageInPlaceDefrag::forecast(const Source& source) {
+    SxFileIO zqf(imagePath + ZqImageFiles::ZQF, "rb");
+    Source first;
+    for (uint64 to = 0; to < source.size() && first.size() < ZqBlockGather::PIECE; ++to)
+        if (source[to] != ZqMovePlan::NONE && source[to] != to) first.push_back(source[to]);
+    rate = ZqBlockGather::measureRate(&zqf, first, indexPath + SCRATCH);
+    ZqMovePlan plan(source, limits);
+    nMoved = plan.getNMoved();
+    nKept = plan.getNKept();
+    nIncluded = nMoved + nKept;
+    forecastBytes = nMoved * BLOCK;
+    while (plan.nextRound())
+        forecastBytes += plan.getHeads().size() * BLOCK;
+}
+
+void ZqImageInPlaceDefrag::requireBlocks(const Source& source, uint64 sizeOld) const {
+    const SxString zqf = imagePath + ZqImageFiles::ZQF;
+    if (sizeOld % BLOCK != 0) {
+        throw SxException("'" + zqf + "' has " + SxString(sizeOld) + " bytes, which aren't whole blocks",
+                          UNIT, __LINE__);
+    }
+    for (const ZqMovePlan::Position from : source) {
+        if (from == ZqMovePlan::NONE || from < sizeOld / BLOCK) continue;
+        throw SxException("'" + imagePath + ZqImageFiles::IDX + "' names ZqF block " +
+                              SxString(uint64{from}) + ", beyond the end of '" + zqf + "'",
+                          UNIT, __LINE__);
+    }
+}
+
+void ZqImageInPlaceDefrag::makeWorkFolder(const ZqOptimizeNote& note, uint64 nHeads) const {
+    if (!(indexPath == work.getPath())) copyIndex(note.to.idx);
+    SxFileIO heads;
+    heads.create(work.file(ZqOptimizeFolder::HEADS));
+    reserve(&heads, 0, nHeads * BLOCK);
+    heads.sync();
+    work.writeNote(note);
+    ZqMoveProgress::create(work.file(ZqOptimizeFolder::PROGRESS), work.digestNote(), {});
+    work.lock();
+}
+
+void ZqImageInPlaceDefrag::copyIndex(const SxString& digest) const {
+    work.remove();
+    work.make();
+    ZqOptimizeFolder::copyIndex(indexPath, work.getPath());
+    ZqReorderInputs copied(imagePath, work.getPath(), indexName);
+    copied.check(false);
+    if (copied.getNewDigest() == digest) return;
+    throw SxException("'" + indexName + ZqImageFiles::IDX + "' changed while it was read", UNIT, __LINE__);
+}
+
+ZqImageInPlaceDefrag::Source ZqImageInPlaceDefrag::goOn() const {
+    const ZqOptimizeNote note = work.readNote();
+    ZqMoveProgress::open(work.file(ZqOptimizeFolder::PROGRESS)).requirePlan(work.digestNote());
+    requireMap(imagePath, note.from.idx);
+    requireMap(work.getPath(), note.to.idx);
+    ZqReorderInputs inputs(imagePath, work.getPath(), work.getPath());
+    inputs.check(false);
+    if (!(inputs.getGuid() == note.guid)) {
+        throw SxException("'" + work.file(ZqOptimizeFolder::NOTE) + "' belongs to another image", UNIT,
+                          __LINE__);
+    }
+    const SxString zqf = imagePath + ZqImageFiles::ZQF;
+    const auto size = static_cast<uint64>(SxFSAction::sizeOf(zqf));
+    if (size != note.from.sizeZqf && size != note.to.sizeZqf) {
+        throw SxException("'" + zqf + "' has " + SxString(size) + " bytes, not the " +
+                              SxString(note.from.sizeZqf) + " that it had when the optimisation was begun",
+                          UNIT, __LINE__);
+    }
+    return inputs.makeSource();
+}
+
+void ZqImageInPlaceDefrag::move(const ZqOptimizeNote& note, Source source) {
+    ZqOrderRemains::remove(imagePath, true);
+    SxFileIO zqf(imagePath + ZqImageFiles::ZQF, "r+b", 0600);
+    const auto size = static_cast<uint64>(zqf.getSize());
+    setTotal(note.from.sizeZqf);
+    if (size < note.to.sizeZqf) {
+        reserve(&zqf, size, note.to.sizeZqf - size);
+        zqf.truncate(static_cast<int64>(note.to.sizeZqf));
+        zqf.sync();
+    }
+    ZqMovePlan plan(std::move(source), note.limits);
+    nMoved = plan.getNMoved();
+    nKept = plan.getNKept();
+    nIncluded = nMoved + nKept;
+    ZqMoveProgress howFar = ZqMoveProgress::open(work.file(ZqOptimizeFolder::PROGRESS));
+    doRounds(&plan, &zqf, &howFar);
+    clearUnused(plan, note.to.sizeZqf, &zqf);
+    if (zqf.getSize() > static_cast<int64>(note.to.sizeZqf)) {
+        zqf.truncate(static_cast<int64>(note.to.sizeZqf));
+    }
+    zqf.sync();
+    zqf.close();
+    ZqOrderRemains::renewSyncedSize(imagePath);
+    howFar.set({ZqMoveProgress::Records, 0, 0, 0});
+}
+
+void ZqImageInPlaceDefrag::advance(uint64 bytes) {
+    inPlace += bytes;
+    const auto nBlocks = static_cast<double>(std::max<uint64>(nKept + nMoved, 1));
+    setCurrent(inPlace, static_cast<double>(inPlace / BLOCK) * MOVED / nBlocks);
+}
+
+void ZqImageInPlaceDefrag::count(uint64 bytes) {
+    addWritten(bytes);
+    advance(bytes);
+}
+
+void ZqImageInPlaceDefrag::doRounds(ZqMovePlan* plan, SxFileIO* zqf, ZqMoveProgress* howFar) {
+    SxFileIO heads(work.file(ZqOptimizeFolder::HEADS), "r+b");
+    ZqBlockMover mover(
+        *plan, zqf, &heads, [this] { return isStopRequested(); }, [this](uint64 bytes) { count(bytes); });
+    ZqMoveProgress::State state = howFar->get();
+    advance(nKept * BLOCK);
+    for (uint64 round = 0; plan->nextRound(); ++round) {
+        const uint64 nDone = round < state.round ? plan->getNBatches() : state.batch;
+        for (uint64 batch = 0; batch < nDone; ++batch)
+            advance(plan->getBatch(batch).size() * BLOCK);
+        if (round < state.round) continue;
+        if (state.phase == ZqMoveProgress::Heads) {
+            state = {ZqMoveProgress::Batches, round, 0, mover.setHeadsAside()};
+            howFar->set(state);
+        } else if (mover.hashHeads() != state.headsHash) {
+            throw SxException("'" + heads.getFilePath() +
+                                  "' isn't what was set aside: the optimisation can't go on with it",
+                              UNIT, __LINE__);
+        }
+        while (state.batch < plan->getNBatches()) {
+            mover.doBatch(state.batch);
+            ++state.batch;
+            howFar->set(state);
+        }
+        // From here on the heads may be written over.
+        state = {ZqMoveProgress::Heads, round + 1, 0, 0};
+        howFar->set(state);
+    }
+}
+
+void ZqImageInPlaceDefrag::clearUnused(const ZqMovePlan& plan, uint64 sizeNew, SxFileIO* zqf) {
+    const std::vector<char> zeros(ZEROS * BLOCK, 0);
+    const uint64 n = sizeNew / BLOCK;
+    for (uint64 first = 0; first < n;) {
+        uint64 end = first;
+        while (end < n && end - first < ZEROS &&
+               plan.sourceOf(static_cast<ZqMovePlan::Position>(end)) == ZqMovePlan::NONE) {
+            ++end;
+        }
+        if (end > first) {
+            zqf->seek(static_cast<int64>(first * BLOCK));
+            zqf->writeBuffer(zeros.data(), static_cast<int64>((end - first) * BLOCK));
+            addWritten((end - first) * BLOCK);
+        }
+        first = std::max(end, first + 1);
+    }
+}

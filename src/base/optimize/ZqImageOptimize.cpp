@@ -1,0 +1,314 @@
+#include "ZqImageOptimize.h"
+
+#include "SxException.h"
+#include "SxFSAction.h"
+#include "SxMd5.h"
+#include "SxTime.h"
+#include "ZqAppParams.h"
+#include "ZqImage.h"
+#include "ZqImageDefrag.h"
+#include "ZqImageFiles.h"
+#include "ZqImageFolder.h"
+#include "ZqImageInPlaceDefrag.h"
+#include "ZqImageLock.h"
+#include "ZqImageStaging.h"
+#include "ZqJobFailure.h"
+#include "ZqLog.h"
+#include "ZqMoveProgress.h"
+#include "ZqOptimizeFolder.h"
+#include "ZqOrderRemains.h"
+#include "ZqSysEnv.h"
+
+namespace {
+
+constexpr const char* UNIT = "src/base/optimize/ZqImageOptimize";
+constexpr int64 POLL_MS = 1000;
+/// In the work folder: the index folder of a forecast, which must not come into the way of what was begun.
+constexpr const char* FORECAST = "forecast/";
+constexpr uint64 ROOM_FOR_RECORDS = 1 << 20;
+constexpr const char* INDEX_FILES[] = {ZqImageFiles::IMAGE_JSON, ZqImageFiles::APP_JSON,
+                                       ZqImageFiles::IDX_MD5, ZqImageFiles::IDX_7Z, ZqImageFiles::IDX};
+constexpr const char* COPY_FAILED = "ZqF Defragmentation Thread crashed";
+constexpr const char* IN_PLACE_FAILED = "ZqF Defragmentation Thread failed.";
+
+/// It stays gone, whatever comes: else the same command would be refused for half an index folder.
+void removeFolder(const SxString& folder) {
+    // The map goes last, since who has to go on knows the folder by it.
+    for (const SxFileInfo& entry : SxFSAction::ls(folder)) {
+        if (!(entry.getName() == ZqImageFiles::IDX)) SxFSAction::rm_r(entry);
+    }
+    SxFSAction::syncDir(folder);
+    SxFSAction::rm_r(folder);
+    SxFSAction::syncDir(SxFileInfo(folder).getPath());
+}
+
+void log(const SxString& text) {
+    zqLogMsg("base", "ZqImageOptimize::main: " + text);
+}
+
+} // namespace
+
+ZqImageOptimize::ZqImageOptimize(const SxString& imagePath_, const SxString& indexPath_)
+    : runtimeInfo(SxPtr<ZqRuntimeInfo>::create()),
+      imagePath(ZqSysEnv::unifySlashes(ZqImageFolder::prefix(imagePath_))),
+      indexPath(ZqSysEnv::unifySlashes(ZqImageFolder::prefix(SxFileInfo(indexPath_).getAbsPath()))),
+      isResumed(false),
+      indexName(ZqSysEnv::unifySlashes(ZqImageFolder::prefix(indexPath_))),
+      work(SxPtr<ZqOptimizeFolder>::create(imagePath)) {
+    setThreadName("image optimize");
+}
+
+ZqImageOptimize::ZqImageOptimize(const SxString& imagePath_)
+    : runtimeInfo(SxPtr<ZqRuntimeInfo>::create()),
+      imagePath(ZqSysEnv::unifySlashes(ZqImageFolder::prefix(imagePath_))),
+      indexPath(imagePath + ZqImageFiles::OPTIMIZE_WORK),
+      isResumed(true),
+      indexName(indexPath),
+      work(SxPtr<ZqOptimizeFolder>::create(imagePath)) {
+    setThreadName("image optimize");
+}
+
+void ZqImageOptimize::main() {
+    try {
+        if (isResumed) {
+            goOn();
+        } else {
+            begin();
+        }
+    } catch (const SxException& e) {
+        ZqJobFailure::report(
+            this, "Cannot defragment ZqF file in " + imagePath + " based on index in " + indexName + ": ",
+            imagePath, e, UNIT, __LINE__);
+    }
+}
+
+void ZqImageOptimize::begin() {
+    requireIndex();
+    const auto lock =
+        ZqImageLock::takeAnyState(imagePath, ZqImageLock::Shape, ZqImageLock::Exclusive, "image optimize");
+    ZqImageStaging::refuseOverlap(indexPath, imagePath);
+    if (work->isDone()) work->remove();
+    if (work->isLocked()) {
+        throw SxException(imagePath + ZqImageFiles::OPTIMIZE_LOCK +
+                              " available. Unfinished optimization detected",
+                          UNIT, __LINE__);
+    }
+    requireWhole();
+    const auto size = static_cast<uint64>(SxFSAction::sizeOf(imagePath + ZqImageFiles::ZQF));
+    try {
+        if (size == ZqAppParams(imagePath).sizeZqf) {
+            reorderInPlace();
+        } else {
+            log("Starting Defragmentation using copy mode.");
+            copy(takeIndex(), consumes);
+        }
+    } catch (const SxException&) {
+        sweep();
+        throw;
+    }
+    if (forecastOnly) sweep();
+}
+
+/// Leaves nothing in the work folder where nothing has begun that could be gone on with.
+void ZqImageOptimize::sweep() const {
+    if (work->isLocked()) return;
+    if (!SxFSAction::isGone(work->getPath() + FORECAST)) SxFSAction::rm_r(work->getPath() + FORECAST);
+    if (!work->has(ZqOptimizeFolder::NOTE)) work->remove();
+}
+
+void ZqImageOptimize::requireIndex() const {
+    const auto require = [&](const SxString& name) {
+        if (!SxFSAction::exists(indexPath + name)) {
+            throw SxException(indexName + name + " not found", UNIT, __LINE__);
+        }
+    };
+    if (!SxFSAction::test_d(indexPath)) throw SxException(indexName + " not found", UNIT, __LINE__);
+    if (!SxFSAction::exists(indexPath + ZqImageFiles::IDX_7Z)) require(ZqImageFiles::IDX);
+    require(ZqImageFiles::IMAGE_JSON);
+    require(ZqImageFiles::APP_JSON);
+}
+
+/// The short `img.zqf` of an image that is in parts, or on its way to another version, is no partial one.
+void ZqImageOptimize::requireWhole() const {
+    ZqImageLock::refuseUnfinished(imagePath);
+    const ZqImage::SplitState storage = ZqImage(imagePath).getSplitState();
+    if (!storage.split && !storage.joining) return;
+    throw SxException("Image '" + imagePath +
+                          "' is in parts; put them together first: tavrin image join IMAGE",
+                      UNIT, __LINE__);
+}
+
+SxString ZqImageOptimize::takeIndex() const {
+    if (consumes && !forecastOnly) return indexPath;
+    const bool isPacked = !SxFSAction::exists(indexPath + ZqImageFiles::IDX);
+    const SxString map = indexPath + (isPacked ? ZqImageFiles::IDX_7Z : ZqImageFiles::IDX);
+    ZqImageFolder::requireSpace(imagePath, static_cast<uint64>(SxFSAction::sizeOf(map)) + ROOM_FOR_RECORDS);
+    work->make();
+    const SxString folder = work->getPath() + (forecastOnly ? FORECAST : "");
+    if (forecastOnly) {
+        SxFSAction::mkdir_p(folder, 0755);
+    } else {
+        work->removeRecords();
+    }
+    ZqOptimizeFolder::copyIndex(indexPath, folder);
+    return folder;
+}
+
+void ZqImageOptimize::reorderInPlace() {
+    log("Starting Defragmentation using inplace mode");
+    // What a copy has left is of no use for a complete image.
+    if (!forecastOnly) work->remove();
+    ZqImageInPlaceDefrag worker(imagePath, takeIndex());
+    worker.setIndexName(indexName);
+    if (consumes) worker.setConsumed(indexPath);
+    if (nHeads > 0) worker.setLimits({nHeads, nSteps});
+    runInPlace(&worker);
+}
+
+void ZqImageOptimize::runInPlace(ZqImageInPlaceDefrag* worker) {
+    runWorker(worker);
+    if (worker->hasException()) {
+        log("ZqF Defragmentation Thread failed.");
+        throw SxException(worker->getException(), IN_PLACE_FAILED, UNIT, __LINE__);
+    }
+    count(*worker);
+    result.mode = result.nMoved > 0 ? InPlace : None;
+    if (!forecastOnly && worker->isComplete() && !stopRequested()) finish();
+}
+
+void ZqImageOptimize::copy(const SxString& index, bool isConsumed) {
+    result.mode = Copy;
+    // A complete copy that was on its way out of the index folder goes back: it is compared once more there.
+    if (isConsumed && work->has(ZqImageFiles::ZQF) && SxFSAction::isGone(index + ZqImageFiles::ZQF)) {
+        SxFSAction::mv(work->file(ZqImageFiles::ZQF), index + ZqImageFiles::ZQF);
+    }
+    ZqImageDefrag worker(imagePath, index);
+    worker.setIndexName(isResumed ? index : indexName);
+    worker.keepNote(isConsumed ? index : SxString());
+    runWorker(&worker);
+    if (worker.hasException()) throw SxException(worker.getException(), COPY_FAILED, UNIT, __LINE__);
+    count(worker);
+    result.nLost = worker.getNLost();
+    if (forecastOnly || !worker.isComplete() || stopRequested()) return;
+    if (isConsumed) {
+        ZqOptimizeFolder::copyIndex(index, work->getPath());
+        SxFSAction::mv(index + ZqImageFiles::ZQF, work->file(ZqImageFiles::ZQF));
+    }
+    ZqMoveProgress::create(work->file(ZqOptimizeFolder::PROGRESS), work->digestNote(),
+                           {ZqMoveProgress::Swap, 0, work->has(ZqImageFiles::AHEAD), 0});
+    work->lock();
+    finish();
+}
+
+void ZqImageOptimize::count(const ZqDefragJob& worker) {
+    result.nTotal = worker.getNIncluded();
+    result.nMoved = worker.getNMoved();
+    result.nKept = worker.getNKept();
+    result.bytes = worker.getBytes();
+    result.bytesExtra = worker.getBytesExtra();
+    result.rate = worker.getRate();
+}
+
+void ZqImageOptimize::runWorker(ZqDefragJob* worker) {
+    const auto copyCounters = [&] {
+        setNTotal(worker->getNTotal());
+        setNCurrent(worker->getICurrent());
+        setSpeed(worker->getBpS());
+    };
+    worker->runtimeInfo = runtimeInfo;
+    if (forecastOnly) worker->setForecastOnly();
+    worker->start(6);
+    while (worker->isRunning() && !worker->hasException() && !stopRequested()) {
+        copyCounters();
+        SxWait::pass(POLL_MS, [&] { return !worker->isRunning() || stopRequested(); });
+    }
+    if (stopRequested()) {
+        log("Stopping Defragmentation.");
+        worker->stop();
+        worker->wait();
+        return;
+    }
+    worker->wait();
+    if (worker->hasException()) return;
+    log("Finalizing Defragmentation.");
+    copyCounters();
+}
+
+void ZqImageOptimize::goOn() {
+    const auto lock =
+        ZqImageLock::takeAnyState(imagePath, ZqImageLock::Shape, ZqImageLock::Exclusive, "image optimize");
+    result.isResumed = true;
+    if (!work->isLocked()) return goOnWithCopy();
+    if (work->isDone()) return finish();
+    if (work->isEmpty()) {
+        throw SxException("'" + imagePath + ZqImageFiles::OPTIMIZE_LOCK +
+                              "' stands there without the folder '" + work->getPath() +
+                              "': nothing tells how far that optimisation has come",
+                          UNIT, __LINE__);
+    }
+    const ZqMoveProgress howFar = ZqMoveProgress::open(work->file(ZqOptimizeFolder::PROGRESS));
+    if (howFar.get().phase > ZqMoveProgress::Batches) return finish();
+    log("Starting Defragmentation using inplace mode");
+    ZqImageInPlaceDefrag worker(imagePath);
+    runInPlace(&worker);
+}
+
+void ZqImageOptimize::goOnWithCopy() {
+    requireWhole();
+    const bool isCopy = work->has(ZqOptimizeFolder::NOTE) && work->readNote().mode == ZqOptimizeNote::Copy;
+    if (!isCopy) {
+        // One that was cut off before it changed anything.
+        work->remove();
+        throw SxException("No optimisation of image '" + imagePath +
+                              "' was begun, so there is none to go on with",
+                          UNIT, __LINE__);
+    }
+    log("Starting Defragmentation using copy mode.");
+    const ZqOptimizeNote note = work->readNote();
+    const SxString index = note.index.isEmpty() ? work->getPath() : note.index;
+    const SxString map = index + ZqImageFiles::IDX;
+    if (!SxFSAction::test_f(map) || !(SxMd5::file(map) == note.to.idx)) {
+        throw SxException("'" + map +
+                              "' isn't the map that the optimisation was begun with; give INDEX again",
+                          UNIT, __LINE__);
+    }
+    copy(index, !note.index.isEmpty());
+}
+
+void ZqImageOptimize::finish() {
+    if (!work->isDone()) {
+        ZqMoveProgress howFar = ZqMoveProgress::open(work->file(ZqOptimizeFolder::PROGRESS));
+        if (howFar.get().phase != ZqMoveProgress::Tidy) {
+            howFar.requirePlan(work->digestNote());
+            if (howFar.get().phase == ZqMoveProgress::Swap) {
+                // What was kept beside the old blocks goes, unless the copy has replaced it.
+                ZqOrderRemains::remove(imagePath, howFar.get().batch == 0);
+            }
+            const ZqOptimizeNote note = work->readNote();
+            work->replace();
+            ZqOrderRemains::renewSyncedSize(imagePath);
+            if (!note.index.isEmpty()) removeIndex(note);
+            howFar.set({ZqMoveProgress::Tidy, 0, 0, 0});
+        }
+    }
+    work->remove();
+    complete = true;
+}
+
+void ZqImageOptimize::removeIndex(const ZqOptimizeNote& note) const {
+    const SxString& index = note.index;
+    if (SxFSAction::isGone(index)) return;
+    if (!isResumed) return removeFolder(index);
+    // The name comes from a file, and not from who runs this: no more goes than what an index folder of that
+    // order holds.
+    const SxString map = index + ZqImageFiles::IDX;
+    if (SxFSAction::isGone(index + ZqImageFiles::ZQF) && SxFSAction::test_f(map) &&
+        SxMd5::file(map) == note.to.idx) {
+        for (const char* name : INDEX_FILES) {
+            if (SxFSAction::test_f(index + name)) SxFSAction::rm(index + name);
+            SxFSAction::syncDir(index);
+        }
+    }
+    if (SxFSAction::ls(index).isEmpty()) return removeFolder(index);
+    log("The index folder '" + index + "' stays, since it holds other files");
+}

@@ -1,0 +1,92 @@
+#pragma once
+
+#include "SxPtr.h"
+#include "ZqRuntimeInfo.h"
+#include "ZqTaskMon.h"
+
+class ZqDefragJob;
+class ZqImageInPlaceDefrag;
+class ZqOptimizeFolder;
+struct ZqOptimizeNote;
+
+/// Job that brings an installed image to the block order of an index folder: `img.idx` or `img.idx.7z`,
+/// `img.json` and `app.json` of the same RAW image in another order. A complete image is re-ordered within
+/// its file (ZqImageInPlaceDefrag), a partial one is copied as far as it is there (ZqImageDefrag). Then the
+/// new records replace the old ones. Progress in bytes. Holds ZqImageLock::Shape exclusively.
+///
+/// A failure is logged, published as APP_ERROR, and kept in the job (hasFailure()). A stop is no failure:
+/// isComplete() tells. After a stop, a failure, a kill or a power cut nothing is lost, and a job without an
+/// index folder goes on. In between an image that was re-ordered in place has `optimize.lock`, and nothing
+/// else takes it.
+class ZqImageOptimize : public ZqTaskMon {
+public:
+    /// Both with or without trailing slashes. The index folder is removed at the end, unless keepIndex().
+    ZqImageOptimize(const SxString& imagePath_, const SxString& indexPath_);
+    /// Goes on with what was begun in the image folder, whichever way.
+    explicit ZqImageOptimize(const SxString& imagePath_);
+
+    /// Gets `defragStats`; not null.
+    SxPtr<ZqRuntimeInfo> runtimeInfo;
+
+    /// Leaves the index folder as it is: the job works on a copy of it in the image folder. Before start().
+    void keepIndex() { consumes = false; }
+    /// Other limits for the moves in place than those that serve best, see ZqMovePlan::Limits. Before
+    /// start().
+    void setLimits(uint64 nHeads_, uint64 nSteps_) {
+        nHeads = nHeads_;
+        nSteps = nSteps_;
+    }
+
+    enum Mode {
+        None, ///< no block moves, only the records change
+        InPlace,
+        Copy
+    };
+    /// What came of it. Blocks count as in the new order.
+    struct Result {
+        Mode mode = None;
+        bool isResumed = false;
+        uint64 nTotal = 0;     ///< blocks that the new order includes
+        uint64 nMoved = 0;     ///< blocks that belonged elsewhere
+        uint64 nKept = 0;      ///< blocks in their place
+        uint64 nLost = 0;      ///< for a copy: blocks that were there, and aren't any longer
+        uint64 bytes = 0;      ///< written into `img.zqf` by this run
+        uint64 bytesExtra = 0; ///< of the disk, taken for a time or for good
+        double rate = 0;       ///< for a forecast: bytes per second that the disk takes
+    };
+    /// Works out what the job would come to, and changes nothing. Before start().
+    void setForecastOnly() { forecastOnly = true; }
+    /// After the end: whether the image has the new order, and all is in its place.
+    bool isComplete() const { return complete; }
+    const Result& getResult() const { return result; }
+
+protected:
+    void main() override;
+
+private:
+    void begin();
+    void requireIndex() const;
+    void requireWhole() const;
+    void sweep() const;
+    /// The folder that a worker takes for the index folder.
+    SxString takeIndex() const;
+    void reorderInPlace();
+    void runInPlace(ZqImageInPlaceDefrag* worker);
+    /// Takes the worker's figures.
+    void count(const ZqDefragJob& worker);
+    void copy(const SxString& index, bool isConsumed);
+    void runWorker(ZqDefragJob* worker);
+    void goOn();
+    void goOnWithCopy();
+    void finish();
+    void removeIndex(const ZqOptimizeNote& note) const;
+
+    const SxString imagePath, indexPath; ///< with trailing slashes; no index folder to go on
+    const bool isResumed;
+    bool consumes = true, forecastOnly = false;
+    const SxString indexName; ///< as it was given
+    const SxPtr<ZqOptimizeFolder> work;
+    uint64 nHeads = 0, nSteps = 0; ///< limits of the moves in place; 0 where those that serve best are taken
+    Result result;
+    bool complete = false;
+};

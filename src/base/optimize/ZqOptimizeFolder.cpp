@@ -1,0 +1,173 @@
+#include "ZqOptimizeFolder.h"
+
+#include "SxException.h"
+#include "SxFSAction.h"
+#include "SxFileIO.h"
+#include "SxOs.h"
+#include "SxXxh64.h"
+#include "ZqImageFiles.h"
+#include "ZqRecordFile.h"
+
+using SxParserKit::SxSymbol;
+namespace Json = SxParserAst;
+
+namespace {
+
+constexpr const char* UNIT = "src/base/optimize/ZqOptimizeFolder";
+constexpr int64 VERSION = 2;
+constexpr const char* IN_PLACE = "inPlace";
+constexpr const char* COPY = "copy";
+/// A map that fits the old file, or records that fit the old map, must never stand beside the new ones
+/// without the lock; the order is the one that people find who look into the folder.
+constexpr const char* REPLACED[] = {ZqImageFiles::IMAGE_JSON, ZqImageFiles::APP_JSON, ZqImageFiles::IDX,
+                                    ZqImageFiles::IDX_MD5,    ZqImageFiles::ZQF,      ZqImageFiles::AHEAD,
+                                    ZqImageFiles::AHEAD_IDX};
+
+void putOrder(SxSymbol* root, const char* key, const ZqOptimizeNote::Order& order) {
+    SxSymbol object = root->append(key, Json::Object);
+    object.append("idx", order.idx);
+    object.append("sizeZqf", order.sizeZqf);
+}
+
+ZqOptimizeNote::Order getOrder(const SxSymbol& root, const char* key) {
+    const SxSymbol object = root.getElem(key, true);
+    return {object.getElem("idx", true).toString(),
+            ZqRecordFile::toUnsigned(object.getElem("sizeZqf", true))};
+}
+
+} // namespace
+
+SxString ZqOptimizeNote::toText() const {
+    SxSymbol root;
+    root.setType(Json::Object);
+    root.append("version", VERSION);
+    root.append("mode", mode == InPlace ? IN_PLACE : COPY);
+    root.append("guid", guid);
+    putOrder(&root, "from", from);
+    putOrder(&root, "to", to);
+    if (!index.isEmpty()) root.append("index", index);
+    if (mode == InPlace) {
+        SxSymbol plan = root.append("plan", Json::Object);
+        plan.append("format", ZqMovePlan::FORMAT);
+        plan.append("heads", limits.nHeads);
+        plan.append("steps", limits.nSteps);
+    }
+    return root.toJson(4) + "\n";
+}
+
+ZqOptimizeNote ZqOptimizeNote::parse(const SxString& text, const SxString& file) {
+    try {
+        const SxSymbol root = ZqRecordFile::parse(text, file, "zqopt-schema.json");
+        ZqOptimizeNote note;
+        note.mode = root.getElem("mode", true).toString() == IN_PLACE ? InPlace : Copy;
+        note.guid = root.getElem("guid", true).toString();
+        note.from = getOrder(root, "from");
+        note.to = getOrder(root, "to");
+        ZqRecordFile::get(root, "index", &note.index);
+        if (note.mode == Copy) return note;
+        const SxSymbol plan = root.getElem("plan", true);
+        note.limits = {ZqRecordFile::toUnsigned(plan.getElem("heads", true)),
+                       ZqRecordFile::toUnsigned(plan.getElem("steps", true))};
+        if (ZqRecordFile::toUnsigned(plan.getElem("format", true)) != ZqMovePlan::FORMAT) {
+            throw SxException("Another version of this program began the optimisation; only that one knows "
+                              "how to go on",
+                              UNIT, __LINE__);
+        }
+        return note;
+    } catch (const SxException& e) {
+        throw SxException(e, "Failed to read file " + file, UNIT, __LINE__);
+    }
+}
+
+ZqOptimizeFolder::ZqOptimizeFolder(const SxString& image_)
+    : image(image_),
+      path(image_ + ZqImageFiles::OPTIMIZE_WORK) {
+}
+
+bool ZqOptimizeFolder::has(const char* name) const {
+    return !SxFSAction::isGone(path + name);
+}
+
+bool ZqOptimizeFolder::isEmpty() const {
+    return SxFSAction::isGone(path) || SxFSAction::ls(path).isEmpty();
+}
+
+bool ZqOptimizeFolder::isLocked() const {
+    return !SxFSAction::isGone(image + ZqImageFiles::OPTIMIZE_LOCK);
+}
+
+bool ZqOptimizeFolder::isDone() const {
+    return isLocked() && !SxFSAction::isGone(path) && isEmpty();
+}
+
+void ZqOptimizeFolder::make() const {
+    SxFSAction::mkdir_p(path, 0755);
+    SxFSAction::syncDir(image);
+}
+
+void ZqOptimizeFolder::writeNote(const ZqOptimizeNote& note) const {
+    SxFileIO::writeAtomic(path + NOTE, note.toText());
+}
+
+ZqOptimizeNote ZqOptimizeFolder::readNote() const {
+    return ZqOptimizeNote::parse(SxFileIO::readUtf8(path + NOTE), path + NOTE);
+}
+
+uint64 ZqOptimizeFolder::digestNote() const {
+    const std::string text = SxFileIO::readUtf8(path + NOTE).str();
+    return SxXxh64::of(text.data(), static_cast<int64>(text.size()));
+}
+
+void ZqOptimizeFolder::lock() const {
+    SxFSAction::syncDir(path);
+    SxFSAction::touch(image + ZqImageFiles::OPTIMIZE_LOCK, 0644);
+    SxFSAction::syncDir(image);
+}
+
+void ZqOptimizeFolder::copyIndex(const SxString& from, const SxString& to) {
+    for (const char* name :
+         {ZqImageFiles::IMAGE_JSON, ZqImageFiles::APP_JSON, ZqImageFiles::IDX, ZqImageFiles::IDX_MD5}) {
+        if (!SxFSAction::isGone(from + name)) SxFSAction::cp(from + name, to + name);
+    }
+    // The archive counts only where there is no map beside it.
+    if (SxFSAction::isGone(to + ZqImageFiles::IDX))
+        SxFSAction::cp(from + ZqImageFiles::IDX_7Z, to + ZqImageFiles::IDX_7Z);
+}
+
+void ZqOptimizeFolder::replace() const {
+    for (const char* name : REPLACED) {
+        if (has(name)) SxFSAction::mv(path + name, image + name);
+    }
+    // First the folder that they have come to: a file must be durable under one of its names.
+    SxFSAction::syncDir(image);
+    SxFSAction::syncDir(path);
+}
+
+void ZqOptimizeFolder::removeFile(const char* name) const {
+    if (has(name)) SxFSAction::rm(path + name);
+}
+
+void ZqOptimizeFolder::removeRecords() const {
+    for (const SxFileInfo& entry : SxFSAction::ls(path)) {
+        if (!(entry.getName() == NOTE) && !(entry.getName() == ZqImageFiles::ZQF)) SxFSAction::rm_r(entry);
+    }
+}
+
+void ZqOptimizeFolder::remove() const {
+    if (!SxFSAction::isGone(path)) {
+        for (const SxFileInfo& entry : SxFSAction::ls(path)) {
+            if (!(entry.getName() == PROGRESS)) SxFSAction::rm_r(entry);
+        }
+        SxFSAction::syncDir(path);
+        removeFile(PROGRESS);
+        SxFSAction::syncDir(path);
+    }
+    // Whoever finds the lock beside an empty folder knows that all is done.
+    if (isLocked()) {
+        SxFSAction::rm(image + ZqImageFiles::OPTIMIZE_LOCK);
+        SxFSAction::syncDir(image);
+    }
+    if (SxFSAction::isGone(path)) return;
+    SxFSAction::rm_r(path);
+    SxFSAction::syncDir(image);
+}

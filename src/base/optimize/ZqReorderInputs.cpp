@@ -1,0 +1,187 @@
+#include "ZqReorderInputs.h"
+
+#include "SxException.h"
+#include "SxFSAction.h"
+#include "SxFileIO.h"
+#include "SxMd5.h"
+#include "ZqArchive.h"
+#include "ZqBlocks.h"
+#include "ZqImage.h"
+#include "ZqImageFiles.h"
+#include "ZqLog.h"
+
+namespace {
+
+constexpr const char* UNIT = "src/base/optimize/ZqReorderInputs";
+using Position = ZqMovePlan::Position;
+constexpr Position NONE = ZqMovePlan::NONE;
+
+/// One map, of which each entry is looked at once.
+class MapReader {
+public:
+    MapReader(const SxString& file, SxString name_)
+        : map(ZqImage::readEntries(file)),
+          name(std::move(name_)) {
+        if (size() >= NONE) {
+            throw SxException("'" + name + "' has more entries than can be re-ordered", UNIT, __LINE__);
+        }
+        used.resize(size());
+    }
+
+    uint64 size() const { return static_cast<uint64>(map.getSize()); }
+    bool includes(uint64 rawIdx) const { return map(static_cast<int64>(rawIdx)) != ZqImage::NO_ENTRY; }
+    /// After it was taken.
+    Position at(uint64 rawIdx) const { return static_cast<Position>(map(static_cast<int64>(rawIdx))); }
+    /// Raises where the entry is no position of the image, or one that was named before.
+    Position take(uint64 rawIdx) {
+        const uint64 zqfIdx = map(static_cast<int64>(rawIdx));
+        if (zqfIdx >= size()) {
+            throw SxException("'" + name + "' names ZqF block " + SxString(zqfIdx) + " for RAW block " +
+                                  SxString(rawIdx) + ", but the image has " + SxString(size()) + " blocks",
+                              UNIT, __LINE__);
+        }
+        if (used[zqfIdx]) {
+            throw SxException("'" + name + "' names ZqF block " + SxString(zqfIdx) +
+                                  " twice, the second time for RAW block " + SxString(rawIdx),
+                              UNIT, __LINE__);
+        }
+        used[zqfIdx] = true;
+        return static_cast<Position>(zqfIdx);
+    }
+
+private:
+    const SxArray<uint64> map;
+    const SxString name;
+    std::vector<bool> used; ///< by ZqF index
+};
+
+} // namespace
+
+ZqReorderInputs::ZqReorderInputs(const SxString& image_, const SxString& index_, const SxString& indexName_)
+    : image(image_),
+      index(index_),
+      indexName(indexName_) {
+}
+
+void ZqReorderInputs::check(bool isTold) {
+    for (const auto& [folder, name] : {std::pair(image, image), std::pair(index, indexName)}) {
+        if (!SxFSAction::test_d(folder)) throw SxException(name + " is not a directory.", UNIT, __LINE__);
+    }
+    requireMap(index, indexName, isTold);
+    requireMap(image, image, false);
+    if (SxFSAction::sizeOf(index + ZqImageFiles::IDX) != SxFSAction::sizeOf(image + ZqImageFiles::IDX)) {
+        throw SxException("incompatible idx files", UNIT, __LINE__);
+    }
+    requireFiles();
+    requireOwnFile();
+    const ZqImageParams oldImage(image), newImage(index);
+    if (!(oldImage.guid == newImage.guid)) {
+        throw SxException("img.json files do not belong to same RAW image", UNIT, __LINE__);
+    }
+    guid = oldImage.guid;
+    oldApp = ZqAppParams(image);
+    newApp = ZqAppParams(index);
+    if (!(oldApp.checksumMnt == newApp.checksumMnt)) {
+        throw SxException("app.json files do not belong to same RAW image", UNIT, __LINE__);
+    }
+    newDigest = digestOf(index, indexName, newApp);
+    oldDigest = digestOf(image, image, oldApp);
+    requireSize();
+}
+
+void ZqReorderInputs::requireMap(const SxString& folder, const SxString& name, bool isTold) const {
+    const SxString archive = folder + ZqImageFiles::IDX_7Z;
+    if (!SxFSAction::test_f(folder + ZqImageFiles::IDX) && SxFSAction::test_f(archive)) {
+        if (isTold) zqLogMsg("base", "Perform extraction of " + archive + " to " + folder);
+        ZqArchive::extract7z(archive, folder);
+    }
+    if (!SxFSAction::test_f(folder + ZqImageFiles::IDX)) {
+        throw SxException(name + ZqImageFiles::IDX + " not found.", UNIT, __LINE__);
+    }
+}
+
+void ZqReorderInputs::requireFiles() const {
+    const auto require = [](const SxString& folder, const SxString& name, const char* file) {
+        if (!SxFSAction::test_f(folder + file))
+            throw SxException(name + file + " not found.", UNIT, __LINE__);
+    };
+    for (const char* file : {ZqImageFiles::IMAGE_JSON, ZqImageFiles::APP_JSON}) {
+        require(index, indexName, file);
+        require(image, image, file);
+    }
+    require(image, image, ZqImageFiles::ZQF);
+}
+
+void ZqReorderInputs::requireOwnFile() const {
+    const SxString zqf = image + ZqImageFiles::ZQF;
+    const std::optional<SxStat> info = SxFSAction::look(zqf);
+    if (!info || info->kind != SxStat::File) {
+        throw SxException("'" + zqf + "' is a link, and what it leads to isn't re-ordered", UNIT, __LINE__);
+    }
+    if (info->nNames > 1) {
+        throw SxException("'" + zqf + "' has a second name, under which its blocks would move, too", UNIT,
+                          __LINE__);
+    }
+}
+
+/// A mount asks for the digest that `img.idx.md5` states, or else for that of `app.json`.
+SxString ZqReorderInputs::digestOf(const SxString& folder, const SxString& name,
+                                   const ZqAppParams& app) const {
+    const SxString digest = SxMd5::file(folder + ZqImageFiles::IDX);
+    SxString stated = app.checksumIdx, by = ZqImageFiles::APP_JSON;
+    if (!SxFSAction::isGone(folder + ZqImageFiles::IDX_MD5)) {
+        by = ZqImageFiles::IDX_MD5;
+        stated = SxFileIO::readUtf8(folder + by);
+    }
+    if (stated.isEmpty() || stated == digest) return digest;
+    throw SxException("'" + name + ZqImageFiles::IDX + "' has the digest " + digest + ", but '" + name + by +
+                          "' states " + stated,
+                      UNIT, __LINE__);
+}
+
+void ZqReorderInputs::requireSize() const {
+    const uint64 size = newApp.sizeZqf;
+    const auto nRaw = static_cast<uint64>(SxFSAction::sizeOf(image + ZqImageFiles::IDX)) / sizeof(uint64);
+    if (size % ZqBlocks::SIZE == 0 && size / ZqBlocks::SIZE <= nRaw) return;
+    throw SxException("'" + shown(ZqImageFiles::APP_JSON) + "' states " + SxString(size) +
+                          " bytes for img.zqf, which isn't a file of whole blocks of an image of " +
+                          SxString(nRaw) + " blocks",
+                      UNIT, __LINE__);
+}
+
+std::vector<Position> ZqReorderInputs::makeSource() const {
+    std::vector<Position> source; // at first: RAW index by new position
+    std::vector<bool> included;   // by RAW index
+    {
+        MapReader map(index + ZqImageFiles::IDX, shown(ZqImageFiles::IDX));
+        source.assign(map.size(), NONE);
+        included.resize(map.size());
+        for (uint64 rawIdx = 0; rawIdx < map.size(); ++rawIdx) {
+            included[rawIdx] = map.includes(rawIdx);
+            if (!included[rawIdx]) continue;
+            const Position to = map.take(rawIdx);
+            if (to >= newApp.sizeZqf / ZqBlocks::SIZE) {
+                throw SxException("'" + shown(ZqImageFiles::IDX) + "' names ZqF block " + SxString(to) +
+                                      " for RAW block " + SxString(rawIdx) + ", beyond the " +
+                                      SxString(newApp.sizeZqf) + " bytes that its app.json states",
+                                  UNIT, __LINE__);
+            }
+            source[to] = static_cast<Position>(rawIdx);
+        }
+    }
+    MapReader map(image + ZqImageFiles::IDX, image + ZqImageFiles::IDX);
+    for (uint64 rawIdx = 0; rawIdx < map.size(); ++rawIdx) {
+        if (map.includes(rawIdx) != included[rawIdx]) {
+            throw SxException("'" + shown(ZqImageFiles::IDX) +
+                                  (included[rawIdx] ? "' includes RAW block " : "' leaves out RAW block ") +
+                                  SxString(rawIdx) + ", but '" + image + ZqImageFiles::IDX +
+                                  (included[rawIdx] ? "' doesn't" : "' includes it"),
+                              UNIT, __LINE__);
+        }
+        if (included[rawIdx]) map.take(rawIdx);
+    }
+    for (Position& from : source) {
+        if (from != NONE) from = map.at(from);
+    }
+    return source;
+}
