@@ -1,16 +1,21 @@
 #include "App.h"
 #include "Job.h"
+#include "PrivateFolder.h"
 #include "Verbs.h"
 
-#include <tavrin/ZqBlocks.h>
+#include <tavrin/ZqImageFolder.h>
 #include <tavrin/ZqImageOptimize.h>
+#include <tavrin/ZqIndexFetch.h>
+#include <tavrin/ZqReadable.h>
+#include <tavrin/ZqRunsOrder.h>
 
 namespace {
 constexpr const char* UNIT = "src/client/OptimizeVerb";
 
 struct OptimizeOptions {
     SxString image, index;
-    bool consume = false, dryRun = false, resume = false;
+    SxList<SxString> headers;
+    bool consume = false, dryRun = false, resume = false, byTraces = false;
 };
 
 const char* modeText(ZqImageOptimize::Mode mode) {
@@ -24,7 +29,7 @@ const char* modeText(ZqImageOptimize::Mode mode) {
     }
 }
 
-/// What the job has come to, or, with `rate`, would come to.
+/// What the job has come to, or would come to.
 SxParserKit::SxSymbol describe(const ZqImageOptimize::Result& result, double seconds) {
     SxParserKit::SxSymbol object;
     object.setType(SxParserAst::Object);
@@ -63,32 +68,74 @@ void tell(const ZqImageOptimize::Result& result, double seconds, bool isForecast
         out->text("It would take " + exactBytes(result.bytesExtra) + " more of the disk for a time.");
 }
 
-int optimize(const OptimizeOptions& options, Output& out) {
-    if (options.resume != options.index.isEmpty()) {
-        Output::failure(options.resume
-                            ? "--resume takes no INDEX: it goes on with the one that was begun with"
-                            : "INDEX is missing; or go on with --resume");
-        return ExitUsage;
+bool isAddress(const SxString& index) {
+    return index.startsWith("http://") || index.startsWith("https://");
+}
+
+/// What is wrong with the options together; empty where nothing is.
+SxString findConflict(const OptimizeOptions& options) {
+    const bool hasIndex = !options.index.isEmpty();
+    if (hasIndex + options.resume + options.byTraces != 1) {
+        return "Give one of the three: INDEX, --traces or --resume";
     }
     if (options.resume && (options.consume || options.dryRun)) {
-        Output::failure("--resume goes on as it was begun, and takes no other option");
-        return ExitUsage;
+        return "--resume goes on as it was begun, and takes no other option";
     }
-    const auto job = options.resume ? SxPtr<ZqImageOptimize>::create(options.image)
-                                    : SxPtr<ZqImageOptimize>::create(options.image, options.index);
-    if (!options.consume) job->keepIndex();
-    if (options.dryRun) job->setForecastOnly();
-    const double seconds = runJob(job.getPtr(), "optimize", out);
+    if (options.consume && (options.byTraces || isAddress(options.index))) {
+        return "--consume is for an INDEX that is a folder";
+    }
+    return {};
+}
+
+/// Makes the index folder where there is none yet, in `place`; gives it. Its name for texts goes to `name`.
+SxString makeIndex(const OptimizeOptions& options, const PrivateFolder& place, SxString* name, Output* out) {
+    if (options.byTraces) {
+        ZqRunsOrder order(options.image, place.path);
+        runJob(&order, "order", *out);
+        if (!order.isComplete()) throw SxException("stopped", UNIT, __LINE__);
+        out->text("The order comes from " + ZqReadable::counted(order.getNTraces(), "trace", "traces") + ".");
+        for (const ZqRunsOrder::Left& left : order.getLeft())
+            out->text("Left out: '" + left.name + "' " + left.why);
+        *name = ZqImageFolder::prefix(options.image) + "traces/";
+        return order.getIndex();
+    }
+    *name = ZqImageFolder::prefix(options.index);
+    if (!isAddress(options.index)) return options.index;
+    ZqIndexFetch fetch(place.path, options.index, SxArray<SxString>(options.headers));
+    runJob(&fetch, "fetch", *out);
+    return place.path;
+}
+
+int finish(ZqImageOptimize* job, bool isForecast, Output* out) {
+    const double seconds = runJob(job, "optimize", *out);
     if (job->hasFailure()) throw job->getFailure();
     const ZqImageOptimize::Result& result = job->getResult();
-    if (!options.dryRun && !job->isComplete()) {
+    if (!isForecast && !job->isComplete()) {
         throw SxException("stopped; go on with: tavrin image optimize IMAGE --resume", UNIT, __LINE__);
     }
-    const double forecast = result.rate > 0 ? static_cast<double>(result.bytes) / result.rate : 0;
-    const double told = options.dryRun ? forecast : seconds;
-    if (out.getMode().json) out.object(describe(result, told));
-    tell(result, told, options.dryRun, &out);
+    const double told = isForecast ? result.forecastSeconds : seconds;
+    if (out->getMode().json) out->object(describe(result, told));
+    tell(result, told, isForecast, out);
     return ExitSuccess;
+}
+
+int optimize(const OptimizeOptions& options, Output& out) {
+    const SxString conflict = findConflict(options);
+    if (!conflict.isEmpty()) {
+        Output::failure(conflict);
+        return ExitUsage;
+    }
+    if (options.resume) {
+        ZqImageOptimize job(options.image);
+        return finish(&job, false, &out);
+    }
+    const PrivateFolder place;
+    SxString name;
+    const SxString index = makeIndex(options, place, &name, &out);
+    ZqImageOptimize job(options.image, index);
+    if (!options.consume) job.keepIndex(name);
+    if (options.dryRun) job.setForecastOnly();
+    return finish(&job, options.dryRun, &out);
 }
 } // namespace
 
@@ -100,9 +147,11 @@ void registerOptimizeVerb(Family* image) {
                "  tavrin image optimize games/alpha orders/alpha")
         .argument("IMAGE", &options->image, "Image folder")
         .optionalArgument("INDEX", &options->index,
-                          "Folder with the new order: img.idx or img.idx.7z, img.json and app.json")
+                          "Folder with the new order, or the address of a published one")
+        .headers("--header", &options->headers, "Send this line with each request to the address")
         .flag("--consume", &options->consume, "Remove INDEX at the end; else it stays as it is")
         .flag("--dry-run", &options->dryRun, "Tell what would be done and how long it would take")
+        .flag("--traces", &options->byTraces, "Take the order from the traces of the image's own runs")
         .flag("--resume", &options->resume, "Go on with what was stopped or cut off; takes no INDEX")
         .action([options](Output& out) { return optimize(*options, out); });
 }

@@ -1,5 +1,6 @@
 #include "App.h"
 #include "Job.h"
+#include "PrivateFolder.h"
 #include "Verbs.h"
 
 #include <tavrin/SxFSAction.h>
@@ -15,8 +16,6 @@
 #include <tavrin/ZqTraceRecords.h>
 #include <tavrin/ZqTraceSources.h>
 
-#include <cstdlib>
-#include <filesystem>
 #include <limits>
 
 namespace {
@@ -279,24 +278,6 @@ int showDifference(const SxString& trace, const SxString& other, Output& out) {
 }
 
 // --- another build
-
-/// A folder of its own, removed at the end.
-class PrivateFolder {
-public:
-    PrivateFolder() {
-        std::string name = (std::filesystem::temp_directory_path() / "tavrin-map-XXXXXX").string();
-        if (!::mkdtemp(name.data())) throw SxException("Cannot make a temporary folder", UNIT, __LINE__);
-        path = name + "/";
-    }
-    ~PrivateFolder() {
-        std::error_code ignored; // it lies where the system tidies up
-        std::filesystem::remove_all(path.str(), ignored);
-    }
-    PrivateFolder(const PrivateFolder&) = delete;
-    PrivateFolder& operator=(const PrivateFolder&) = delete;
-
-    SxString path;
-};
 
 int mapTo(const EditOptions& options, Output& out) {
     constexpr const char *MAP = "map.idx", *PACKED_MAP = "map.7z";

@@ -41,23 +41,41 @@ void ZqBlockGather::read(std::span<const ZqMovePlan::Position> positions, char* 
     }
 }
 
-double ZqBlockGather::measureRate(SxFileIO* file, std::span<const ZqMovePlan::Position> positions,
-                                  const SxString& scratch) {
-    const auto piece = positions.first(std::min<size_t>(positions.size(), PIECE));
-    if (piece.empty()) return 0;
-    std::vector<char> bytes(piece.size() * BLOCK);
-    const int64 startNs = SxClock::get().steadyNs();
+namespace {
+
+/// Seconds that it takes to write `bytes` to a new file of that name, synced; it is removed again.
+double timeWrite(const SxString& scratch, const std::function<void(std::vector<char>* bytes)>& fill,
+                 size_t n) {
+    std::vector<char> bytes(n);
     SxFileIO target;
     target.create(scratch);
+    const int64 startNs = SxClock::get().steadyNs();
     try {
-        ZqBlockGather(file).read(piece, bytes.data());
-        target.writeBuffer(bytes.data(), static_cast<int64>(bytes.size()));
+        fill(&bytes);
+        target.writeBuffer(bytes.data(), static_cast<int64>(n));
         target.sync();
     } catch (const SxException&) {
         SxFSAction::rm(scratch);
         throw;
     }
-    SxFSAction::rm(scratch);
     const int64 ns = std::max<int64>(SxClock::get().steadyNs() - startNs, 1);
-    return static_cast<double>(bytes.size()) * 1e9 / static_cast<double>(ns);
+    SxFSAction::rm(scratch);
+    return static_cast<double>(ns) / 1e9;
+}
+
+} // namespace
+
+double ZqBlockGather::measureRate(SxFileIO* file, std::span<const ZqMovePlan::Position> positions,
+                                  const SxString& scratch) {
+    const auto piece = positions.first(std::min<size_t>(positions.size(), PIECE));
+    if (piece.empty()) return 0;
+    const size_t n = piece.size() * BLOCK;
+    return static_cast<double>(n) /
+           timeWrite(
+               scratch, [&](auto* bytes) { ZqBlockGather(file).read(piece, bytes->data()); }, n);
+}
+
+double ZqBlockGather::measureSync(const SxString& scratch) {
+    return timeWrite(
+        scratch, [](auto*) {}, BLOCK);
 }

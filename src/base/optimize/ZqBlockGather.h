@@ -22,6 +22,9 @@ public:
     static double measureRate(SxFileIO* file, std::span<const ZqMovePlan::Position> positions,
                               const SxString& scratch);
 
+    /// Seconds that the disk takes to sync a block in a file of that name, which is removed again.
+    static double measureSync(const SxString& scratch);
+
 private:
     SxFileIO* const file;
     std::vector<uint32> byPlace;

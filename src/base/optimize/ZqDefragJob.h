@@ -41,12 +41,12 @@ public:
     /// Blocks that lie elsewhere in the new order, and blocks that stay.
     uint64 getNMoved() const { return nMoved; }
     uint64 getNKept() const { return nKept; }
-    /// Bytes that it writes into `img.zqf`, the heads of moves in place included.
+    /// Bytes that it writes into `img.zqf`.
     uint64 getBytes() const { return forecastOnly ? forecastBytes : written; }
     /// Bytes of the disk that it takes for a time, or for good, beside what the image has.
     uint64 getBytesExtra() const { return bytesExtra; }
-    /// Bytes per second that the disk took in the forecast's measurement.
-    double getRate() const { return rate; }
+    /// Of a forecast: seconds that the job would take, at the rate of the disk that was measured.
+    double getForecastSeconds() const { return forecastSeconds; }
 
 protected:
     /// Both folders with or without trailing slashes.
@@ -65,7 +65,7 @@ protected:
     SxString indexName;
     uint64 nIncluded = 0, nMoved = 0, nKept = 0;
     uint64 bytesExtra = 0, forecastBytes = 0;
-    double rate = 0;
+    double forecastSeconds = 0;
 
 private:
     mutable SxMutex progressMutex;

@@ -89,7 +89,8 @@ void ZqImageDefrag::reorder() {
 void ZqImageDefrag::forecast(SxFileIO* zqf) {
     ZqImageFolder::requireSpace(indexPath, nTarget * BLOCK + ROOM_FOR_RECORDS);
     forecastBytes = nTarget * BLOCK;
-    rate = ZqBlockGather::measureRate(zqf, sourceOf(0, nTarget), indexPath + SCRATCH);
+    const double rate = ZqBlockGather::measureRate(zqf, sourceOf(0, nTarget), indexPath + SCRATCH);
+    if (rate > 0) forecastSeconds = static_cast<double>(forecastBytes) / rate;
 }
 
 void ZqImageDefrag::carryAhead(const ZqAppParams& oldApp, const ZqAppParams& newApp) {

@@ -23,6 +23,8 @@ constexpr uint64 ROOM_FOR_RECORDS = 1 << 20;
 /// The percentage when all blocks are in their places: what then comes has none.
 constexpr double MOVED = 50;
 constexpr const char* SCRATCH = "scratch";
+/// One for the blocks, one for how far the job has come.
+constexpr uint64 SYNCS_A_BATCH = 2;
 /// Positions without a block are filled with zeros in pieces of so many.
 constexpr uint64 ZEROS = 256;
 
@@ -101,14 +103,20 @@ void ZqImageInPlaceDefrag::forecast(const Source& source) {
     Source first;
     for (uint64 to = 0; to < source.size() && first.size() < ZqBlockGather::PIECE; ++to)
         if (source[to] != ZqMovePlan::NONE && source[to] != to) first.push_back(source[to]);
-    rate = ZqBlockGather::measureRate(&zqf, first, indexPath + SCRATCH);
+    const double rate = ZqBlockGather::measureRate(&zqf, first, indexPath + SCRATCH);
     ZqMovePlan plan(source, limits);
     nMoved = plan.getNMoved();
     nKept = plan.getNKept();
     nIncluded = nMoved + nKept;
     forecastBytes = nMoved * BLOCK;
-    while (plan.nextRound())
-        forecastBytes += plan.getHeads().size() * BLOCK;
+    uint64 nHeads = 0, nSyncs = 0;
+    while (plan.nextRound()) {
+        nHeads += plan.getHeads().size();
+        nSyncs += SYNCS_A_BATCH * (plan.getNBatches() + 1);
+    }
+    if (rate == 0) return;
+    forecastSeconds = static_cast<double>((nMoved + nHeads) * BLOCK) / rate +
+                      static_cast<double>(nSyncs) * ZqBlockGather::measureSync(indexPath + SCRATCH);
 }
 
 void ZqImageInPlaceDefrag::requireBlocks(const Source& source, uint64 sizeOld) const {

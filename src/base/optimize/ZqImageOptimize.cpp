@@ -206,7 +206,7 @@ void ZqImageOptimize::count(const ZqDefragJob& worker) {
     result.nKept = worker.getNKept();
     result.bytes = worker.getBytes();
     result.bytesExtra = worker.getBytesExtra();
-    result.rate = worker.getRate();
+    result.forecastSeconds = worker.getForecastSeconds();
 }
 
 void ZqImageOptimize::runWorker(ZqDefragJob* worker) {

@@ -30,6 +30,11 @@ public:
 
     /// Leaves the index folder as it is: the job works on a copy of it in the image folder. Before start().
     void keepIndex() { consumes = false; }
+    /// The same, and failures call it so, as one that was fetched. Before start().
+    void keepIndex(const SxString& name) {
+        consumes = false;
+        indexName = name;
+    }
     /// Other limits for the moves in place than those that serve best, see ZqMovePlan::Limits. Before
     /// start().
     void setLimits(uint64 nHeads_, uint64 nSteps_) {
@@ -52,7 +57,7 @@ public:
         uint64 nLost = 0;      ///< for a copy: blocks that were there, and aren't any longer
         uint64 bytes = 0;      ///< written into `img.zqf` by this run
         uint64 bytesExtra = 0; ///< of the disk, taken for a time or for good
-        double rate = 0;       ///< for a forecast: bytes per second that the disk takes
+        double forecastSeconds = 0;
     };
     /// Works out what the job would come to, and changes nothing. Before start().
     void setForecastOnly() { forecastOnly = true; }
@@ -84,7 +89,7 @@ private:
     const SxString imagePath, indexPath; ///< with trailing slashes; no index folder to go on
     const bool isResumed;
     bool consumes = true, forecastOnly = false;
-    const SxString indexName; ///< as it was given
+    SxString indexName; ///< as it was given
     const SxPtr<ZqOptimizeFolder> work;
     uint64 nHeads = 0, nSteps = 0; ///< limits of the moves in place; 0 where those that serve best are taken
     Result result;
