@@ -161,9 +161,10 @@ ZqImageInPlaceDefrag::Source ZqImageInPlaceDefrag::goOn() const {
     requireMap(work.getPath(), note.to.idx);
     ZqReorderInputs inputs(imagePath, work.getPath(), work.getPath());
     inputs.check(false);
-    if (!(inputs.getGuid() == note.guid)) {
-        throw SxException("'" + work.file(ZqOptimizeFolder::NOTE) + "' belongs to another image", UNIT,
-                          __LINE__);
+    if (!(inputs.getGuid() == note.guid) || inputs.getNewApp().sizeZqf != note.to.sizeZqf) {
+        throw SxException("'" + work.file(ZqOptimizeFolder::NOTE) +
+                              "' tells of other records than those beside it",
+                          UNIT, __LINE__);
     }
     const SxString zqf = imagePath + ZqImageFiles::ZQF;
     const auto size = static_cast<uint64>(SxFSAction::sizeOf(zqf));
@@ -216,30 +217,50 @@ void ZqImageInPlaceDefrag::doRounds(ZqMovePlan* plan, SxFileIO* zqf, ZqMoveProgr
     SxFileIO heads(work.file(ZqOptimizeFolder::HEADS), "r+b");
     ZqBlockMover mover(
         *plan, zqf, &heads, [this] { return isStopRequested(); }, [this](uint64 bytes) { count(bytes); });
-    ZqMoveProgress::State state = howFar->get();
+    const ZqMoveProgress::State begun = howFar->get();
     advance(nKept * BLOCK);
-    for (uint64 round = 0; plan->nextRound(); ++round) {
-        const uint64 nDone = round < state.round ? plan->getNBatches() : state.batch;
-        for (uint64 batch = 0; batch < nDone; ++batch)
-            advance(plan->getBatch(batch).size() * BLOCK);
-        if (round < state.round) continue;
-        if (state.phase == ZqMoveProgress::Heads) {
-            state = {ZqMoveProgress::Batches, round, 0, mover.setHeadsAside()};
-            howFar->set(state);
-        } else if (mover.hashHeads() != state.headsHash) {
-            throw SxException("'" + heads.getFilePath() +
-                                  "' isn't what was set aside: the optimisation can't go on with it",
-                              UNIT, __LINE__);
+    uint64 round = 0;
+    for (; plan->nextRound(); ++round) {
+        if (round < begun.round) {
+            advanceBatches(*plan, plan->getNBatches());
+        } else {
+            doRound(round, *plan, &mover, howFar);
         }
-        while (state.batch < plan->getNBatches()) {
-            mover.doBatch(state.batch);
-            ++state.batch;
-            howFar->set(state);
-        }
-        // From here on the heads may be written over.
-        state = {ZqMoveProgress::Heads, round + 1, 0, 0};
+    }
+    if (begun.round > round) throw wrongProgress();
+}
+
+SxException ZqImageInPlaceDefrag::wrongProgress() const {
+    return SxException("'" + work.file(ZqOptimizeFolder::PROGRESS) +
+                           "' tells of steps that this order doesn't take",
+                       UNIT, __LINE__);
+}
+
+void ZqImageInPlaceDefrag::advanceBatches(const ZqMovePlan& plan, uint64 n) {
+    for (uint64 batch = 0; batch < n; ++batch)
+        advance(plan.getBatch(batch).size() * BLOCK);
+}
+
+void ZqImageInPlaceDefrag::doRound(uint64 round, const ZqMovePlan& plan, ZqBlockMover* mover,
+                                   ZqMoveProgress* howFar) {
+    ZqMoveProgress::State state = howFar->get();
+    if (state.phase == ZqMoveProgress::Heads) {
+        state = {ZqMoveProgress::Batches, round, 0, mover->setHeadsAside()};
+        howFar->set(state);
+    } else if (mover->hashHeads() != state.headsHash) {
+        throw SxException("'" + work.file(ZqOptimizeFolder::HEADS) +
+                              "' isn't what was set aside: the optimisation can't go on with it",
+                          UNIT, __LINE__);
+    }
+    if (state.batch > plan.getNBatches()) throw wrongProgress();
+    advanceBatches(plan, state.batch);
+    while (state.batch < plan.getNBatches()) {
+        mover->doBatch(state.batch);
+        ++state.batch;
         howFar->set(state);
     }
+    // From here on the heads may be written over.
+    howFar->set({ZqMoveProgress::Heads, round + 1, 0, 0});
 }
 
 void ZqImageInPlaceDefrag::clearUnused(const ZqMovePlan& plan, uint64 sizeNew, SxFileIO* zqf) {

@@ -5,6 +5,8 @@
 #include "ZqMoveProgress.h"
 #include "ZqOptimizeFolder.h"
 
+class ZqBlockMover;
+
 /// Job that brings a complete `img.zqf` to a new order within the file, each block moved once. It may be
 /// killed, stopped or lose its power at any point, and a job that goes on finishes what it began: see
 /// ZqMovePlan for why, and ZqOptimizeFolder for what it keeps. Until ZqImageOptimize has put the new records
@@ -39,9 +41,12 @@ private:
     void copyIndex(const SxString& digest) const;
     void move(const ZqOptimizeNote& note, Source source);
     void doRounds(ZqMovePlan* plan, SxFileIO* zqf, ZqMoveProgress* howFar);
+    void doRound(uint64 round, const ZqMovePlan& plan, ZqBlockMover* mover, ZqMoveProgress* howFar);
+    SxException wrongProgress() const;
     void clearUnused(const ZqMovePlan& plan, uint64 sizeNew, SxFileIO* zqf);
     /// So many bytes more are in their place.
     void advance(uint64 bytes);
+    void advanceBatches(const ZqMovePlan& plan, uint64 n);
     void count(uint64 bytes);
 
     const ZqOptimizeFolder work;
