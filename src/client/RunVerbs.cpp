@@ -116,18 +116,23 @@ private:
 };
 
 /// Shows the run until it has ended; `look` is called between.
-void followRun(ZqRun* job, const SxString& image, const Output& out,
+void followRun(ZqRun* job, const SxString& image, Output& out,
                const std::function<void(const ZqFeedStatus& status, Progress* progress)>& look) {
     StopSignals signals;
     Progress progress(out.getMode(), "opening");
     job->start();
-    bool toldLoss = false;
+    bool toldLoss = false, toldCarried = false;
     while (!SxWait::pass(
         LOOK_MS, [&] { return !job->isRunning(); }, END_LOOK_MS)) {
         if (signals.isAsked()) job->stop();
         const ZqFeedStatus status = job->getStatus();
         progress.setLabel(statusText(job->getPhase(), status));
         progress.update(status.isChecking ? status.nChecked : status.nCurrent, status.nTotal);
+        if (!toldCarried && !status.carried.isEmpty()) {
+            toldCarried = true;
+            progress.finish();
+            out.text(status.carried);
+        }
         look(status, &progress);
         if (toldLoss || !job->hasLostWrites()) continue;
         toldLoss = true;

@@ -1,6 +1,10 @@
 #include "StreamRun.h"
+#include "SxMd5.h"
+#include "ZqBlocks.h"
+#include "ZqImage.h"
 #include "ZqStretchStore.h"
 
+#include <algorithm>
 #include <fstream>
 
 using testing::AllOf;
@@ -86,4 +90,44 @@ TEST_F(StreamRun, AFetchCompletesAnImageWithoutADrive) {
     const Outcome wrong = run({"fetch", got});
     EXPECT_EQ(wrong.code, 1);
     EXPECT_THAT(wrong.err, HasSubstr("has the digest"));
+}
+
+TEST_F(StreamRun, APartialImageIsCarriedOverToTheServersNewOrder) {
+    // Half of it is there when the publisher ships the same version in another order.
+    const uint64 size = fs::file_size(served + "/img.zqf");
+    fs::create_directory(got);
+    for (const char* name : {"app.json", "img.json", "img.idx", "img.zqf"})
+        fs::copy_file(served + "/" + name, got + "/" + name);
+    fs::resize_file(got + "/img.zqf", size / 2);
+
+    const SxString image = served + "/", index = dir.path("index/");
+    fs::create_directory(index.str());
+    fs::copy_file(served + "/img.json", dir.path("index/img.json"));
+    SxArray<uint64> map = ZqImage(image).getMap();
+    const auto nIncluded = static_cast<uint64>(
+        std::count_if(map.begin(), map.end(), [](uint64 entry) { return entry != ZqImage::NO_ENTRY; }));
+    // The second half of what was there comes first.
+    const uint64 first = size / ZqBlocks::SIZE / 4;
+    for (uint64& entry : map) {
+        if (entry != ZqImage::NO_ENTRY) entry = (entry + nIncluded - first) % nIncluded;
+    }
+    const string bytes(reinterpret_cast<const char*>(map.data()),
+                       static_cast<size_t>(map.getSize()) * sizeof(uint64));
+    dir.write("index/img.idx", bytes);
+    ZqAppParams app(image);
+    app.checksumIdx = SxMd5::get(SxString(bytes));
+    app.checksumZqf = "";
+    app.write(index);
+    ASSERT_EQ(run({"image", "optimize", served, index.str()}).code, 0);
+    app.checksumZqf = SxMd5::file(image + "img.zqf");
+    app.write(image);
+
+    const Outcome outcome = run({"fetch", got, "--url", server->getUrl().str()});
+    EXPECT_EQ(outcome.code, 0) << outcome.err;
+    EXPECT_THAT(outcome.out, HasSubstr("The server has another block order by now"));
+    expectComplete();
+    EXPECT_FALSE(fs::exists(got + "/optimize.work") || fs::exists(got + "/optimize.index"));
+    EXPECT_LT(server->getNBytes("img.zqf"), size * 9 / 10) << "what was there was downloaded again";
+    EXPECT_EQ(run({"run", got}).code, 0);
+    expectPlayed();
 }

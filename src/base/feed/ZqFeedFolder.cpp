@@ -3,11 +3,13 @@
 #include "SxException.h"
 #include "SxFSAction.h"
 #include "SxFileIO.h"
+#include "ZqFailurePolicy.h"
 #include "ZqImageFiles.h"
 #include "ZqImageFolder.h"
 #include "ZqImageInfo.h"
 #include "ZqImageRecords.h"
 #include "ZqLog.h"
+#include "ZqOrderCarry.h"
 #include "ZqSyncedSize.h"
 
 namespace {
@@ -89,8 +91,7 @@ bool ZqFeedFolder::openApp(const SxPtr<ZqNetLink>& link, const ZqStopTest& stop)
                 .requireSameOnServer(app, stop);
         }
     } else {
-        app = ZqImageRecords(link, settings.image, url, settings.headers)
-                  .fetchApp(!settings.isDownloadOnly, &isConfirmed, stop);
+        app = fetchApp(link, &isConfirmed, stop);
     }
     ZqFeedSettings found = settings;
     found.url = url;
@@ -99,6 +100,23 @@ bool ZqFeedFolder::openApp(const SxPtr<ZqNetLink>& link, const ZqStopTest& stop)
     // What is downloaded from its beginning on has nothing of an earlier file.
     written = record.isWritten && fileSize() > 0;
     return isConfirmed;
+}
+
+ZqAppParams ZqFeedFolder::fetchApp(const SxPtr<ZqNetLink>& link, bool* isConfirmed, const ZqStopTest& stop) {
+    ZqImageRecords records(link, settings.image, url, settings.headers);
+    try {
+        return records.fetchApp(!settings.isDownloadOnly, isConfirmed, stop);
+    } catch (const SxException& e) {
+        if (!e.hasTag(ZqFailurePolicy::OTHER_ORDER) || record.isWritten) throw;
+    }
+    // What moves blocks has the image for itself.
+    shape = SxPtr<ZqImageLock>();
+    carried = ZqOrderCarry::run(link, settings.image, url, settings.headers, stop);
+    zqLogMsg("base", carried);
+    hadAll = ZqImageInfo::holdsPart(settings.image);
+    shape = ZqImageLock::take(settings.image, ZqImageLock::Shape,
+                              hadAll ? ZqImageLock::Shared : ZqImageLock::Exclusive, settings.job);
+    return records.fetchApp(!settings.isDownloadOnly, isConfirmed, stop);
 }
 
 void ZqFeedFolder::noteUse(bool isDownloaded) const {

@@ -42,16 +42,20 @@ public:
     /// Of a complete image: whether nothing has to be compared.
     bool isKnownAsRight() const;
 
+    /// How much of the image was kept where the server has another order of it by now, a line; else empty.
+    const SxString& getCarried() const noexcept { return carried; }
+
 private:
     SxString filePath(const char* name) const;
     uint64 fileSize() const;
     void requireFolder() const;
+    ZqAppParams fetchApp(const SxPtr<ZqNetLink>& link, bool* isConfirmed, const ZqStopTest& stop);
     /// Cuts off what the file has beyond the image, and beyond what the last download has left of it.
     void cutSurplus(const ZqStopTest& stop) const;
 
     const ZqFeedSettings settings;
     ZqStreamRecord record; ///< as the last run has left it
-    SxString url;
+    SxString url, carried;
     ZqImageOrigin origin;
     ZqImageParams params;
     SxPtr<ZqImageLock> growth, shape;

@@ -27,6 +27,7 @@ struct ZqFeedStatus {
     bool isChecking = false;           ///< the complete image is compared with its digest
     uint64 nChecked = 0;               ///< as far as here
     uint64 nShort = 0;                 ///< what the disk lacks for the rest of it
+    SxString carried;                  ///< what was kept where the server has another order, a line; or empty
     SxString waiting;                  ///< what it waits for, as a line; empty while all goes well
     ZqNetFigures link;
     ZqImageFigures image;

@@ -234,6 +234,7 @@ ZqImageFeed::Status ZqImageFeed::getStatus() const {
     Status status;
     status.nTotal = getApp().sizeZqf;
     status.waiting = health.getWaiting();
+    status.carried = folder.getCarried();
     if (digest) digest->addTo(&status);
     if (!manager) {
         status.nCurrent = status.nNeeded = status.nTotal;

@@ -105,10 +105,15 @@ bool ZqImageRecords::hasMap(const ZqAppParams& known) const {
 
 void ZqImageRecords::requireSame(const ZqAppParams& own, const ZqAppParams& server) const {
     if (areSame(own, server)) return;
-    const bool otherOrder = own.checksumMnt == server.checksumMnt && own.checksumIdx != server.checksumIdx;
+    if (own.checksumMnt == server.checksumMnt && own.checksumIdx != server.checksumIdx) {
+        const SxException order(ZqFailurePolicy::OTHER_ORDER, "its version is the same", UNIT, __LINE__);
+        throw SxException(order,
+                          "The image at " + url + " has another block order than that in '" + folder + "'",
+                          UNIT, __LINE__)
+            .tagged(ZqFailurePolicy::OTHER_VERSION);
+    }
     throw SxException(ZqFailurePolicy::OTHER_VERSION,
-                      "The image at " + url + " has another " + (otherOrder ? "block order" : "version") +
-                          " than that in '" + folder +
+                      "The image at " + url + " has another version than that in '" + folder +
                           "', which can't be completed from it: start with an empty folder",
                       UNIT, __LINE__);
 }

@@ -97,9 +97,8 @@ void ZqImageDefrag::carryAhead(const ZqAppParams& oldApp, const ZqAppParams& new
     try {
         ZqAheadCarry carry(imagePath, oldApp, source);
         const uint64 nThere = carry.countThere();
-        const uint64 nCarried =
-            carry.write(work.getPath(), newApp, nTarget, [this] { return isStopRequested(); });
-        nLost = nThere - nTarget - nCarried;
+        nBeyond = carry.write(work.getPath(), newApp, nTarget, [this] { return isStopRequested(); });
+        nLost = nThere - nTarget - nBeyond;
     } catch (const SxException& e) {
         // It is fetched again then.
         zqLogMsg("base", "ZqImageDefrag: " + e.toString(SxException::ShowMessage, ": "));

@@ -23,6 +23,8 @@ public:
     /// Before start().
     void keepNote(const SxString& consumed_);
 
+    /// After the end: blocks that are kept beyond the target's end.
+    uint64 getNBeyond() const { return nBeyond; }
     /// After the end: blocks that the old file had, and the target hasn't.
     uint64 getNLost() const { return nLost; }
 
@@ -43,7 +45,7 @@ private:
     std::vector<ZqMovePlan::Position> source;
     std::vector<char> buffer;
     uint64 nTarget = 0; ///< blocks that the target can have
-    uint64 nLost = 0;
+    uint64 nBeyond = 0, nLost = 0;
     const ZqOptimizeFolder work;
     bool isNoted = false;
     SxString consumed;

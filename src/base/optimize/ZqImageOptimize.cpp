@@ -86,7 +86,12 @@ void ZqImageOptimize::begin() {
     requireIndex();
     const auto lock =
         ZqImageLock::takeAnyState(imagePath, ZqImageLock::Shape, ZqImageLock::Exclusive, "image optimize");
-    ZqImageStaging::refuseOverlap(indexPath, imagePath);
+    // The one folder is removed at the end, the other one is emptied at the beginning.
+    if (ZqImageStaging::liesIn(imagePath, indexPath) || ZqImageStaging::liesIn(indexPath, work->getPath())) {
+        throw SxException("'" + indexName + "' is, holds or works on the image '" + imagePath +
+                              "'; give another index folder",
+                          UNIT, __LINE__);
+    }
     if (work->isDone()) work->remove();
     if (work->isLocked()) {
         throw SxException(imagePath + ZqImageFiles::OPTIMIZE_LOCK +
@@ -188,6 +193,7 @@ void ZqImageOptimize::copy(const SxString& index, bool isConsumed) {
     runWorker(&worker);
     if (worker.hasException()) throw SxException(worker.getException(), COPY_FAILED, UNIT, __LINE__);
     count(worker);
+    result.nBeyond = worker.getNBeyond();
     result.nLost = worker.getNLost();
     if (forecastOnly || !worker.isComplete() || stopRequested()) return;
     if (isConsumed) {

@@ -54,6 +54,7 @@ public:
         uint64 nTotal = 0;     ///< blocks that the new order includes
         uint64 nMoved = 0;     ///< blocks that belonged elsewhere
         uint64 nKept = 0;      ///< blocks in their place
+        uint64 nBeyond = 0;    ///< for a copy: blocks that are kept beyond the end of `img.zqf`
         uint64 nLost = 0;      ///< for a copy: blocks that were there, and aren't any longer
         uint64 bytes = 0;      ///< written into `img.zqf` by this run
         uint64 bytesExtra = 0; ///< of the disk, taken for a time or for good
