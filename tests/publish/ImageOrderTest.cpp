@@ -3,8 +3,10 @@
 #include "SxMd5.h"
 #include "ZqImageBuild.h"
 #include "ZqImageCheck.h"
+#include "ZqImageOptimize.h"
 #include "ZqImageOrder.h"
 #include "ZqImageRaw.h"
+#include "ZqRunsOrder.h"
 
 #include <set>
 
@@ -333,4 +335,44 @@ TEST(ImageOrder, TheBuilderGivesTheSameOrder) {
         EXPECT_THAT(build("image", dir.path("other")), HasSubstr("is one of the build 'another'"));
         EXPECT_EQ(contentOf(dir, "image"), before);
     }
+}
+
+TEST(RunsOrder, TheImageComesToTheOrderOfItsOwnRuns) {
+    TestRandom random(21);
+    TRACE_SEED(random);
+    const TempDir dir;
+    const TestImage image(random, 200);
+    writeImage(dir, image, 3);
+    const std::string traces = "image/traces/";
+    writeTrace(dir, {{7, 100}, {9, 300}}, traces + "run1/");
+    writeTrace(dir, {{120, 50}, {9, 200}}, traces + "run2/");
+    writeTrace(dir, {{5, 10}}, traces + "another/", "other build");
+    writeTrace(dir, {{500, 10}}, traces + "beyond/");
+    writeTrace(dir, {{6, 10}}, traces + "series/");
+    ZqTraceParams series(SxString(dir.path(traces + "series/")));
+    series.method = ZqTraceParams::IncMonitoring;
+    series.write();
+    dir.write(traces + "folder/file", "no trace");
+    fs::create_directory(dir.path("place"));
+
+    ZqRunsOrder job(dir.path("image"), dir.path("place"));
+    ASSERT_EQ(failureOf(job), "");
+    EXPECT_TRUE(job.isComplete());
+    EXPECT_EQ(job.getNTraces(), 2);
+    std::vector<std::string> left;
+    for (const ZqRunsOrder::Left& one : job.getLeft())
+        left.push_back(one.name.str());
+    EXPECT_THAT(left, ElementsAre("another", "beyond", "folder", "series"));
+    // The order is that of the merged trace, and so is the image's once it has it.
+    writeTrace(dir, {{120, 50}, {7, 100}, {9, 200}});
+    ASSERT_EQ(order(dir), "");
+    EXPECT_EQ(dir.read("place/index/img.idx"), dir.read("watched/index/img.idx"));
+    const SxString digest = ZqAppParams(SxString(dir.path("watched/index/"))).checksumZqf;
+    ZqImageOptimize optimize(dir.path("image"), job.getIndex());
+    ASSERT_EQ(failureOf(optimize), "");
+    EXPECT_EQ(SxMd5::file(dir.path("image/img.zqf")), digest);
+    ZqImageCheck check(dir.path("image"));
+    EXPECT_EQ(failureOf(check), "");
+    EXPECT_TRUE(check.getFaults().isEmpty()) << check.getFaults()(0);
+    EXPECT_TRUE(dir.exists(traces + "run1/img.trc"));
 }

@@ -94,7 +94,8 @@ void ZqImageOptimize::begin() {
     }
     if (work->isDone()) work->remove();
     if (work->isLocked()) {
-        throw SxException(imagePath + ZqImageFiles::OPTIMIZE_LOCK +
+        throw SxException(SxException("go on with: tavrin image optimize IMAGE --resume", UNIT, __LINE__),
+                          imagePath + ZqImageFiles::OPTIMIZE_LOCK +
                               " available. Unfinished optimization detected",
                           UNIT, __LINE__);
     }
