@@ -106,7 +106,7 @@ void ZqImageOptimize::begin() {
             reorderInPlace();
         } else {
             log("Starting Defragmentation using copy mode.");
-            copy(takeIndex(), consumes);
+            copy(takeIndex(), consumes && !forecastOnly);
         }
     } catch (const SxException&) {
         sweep();
@@ -274,7 +274,9 @@ void ZqImageOptimize::goOnWithCopy() {
     const ZqOptimizeNote note = work->readNote();
     const SxString index = note.index.isEmpty() ? work->getPath() : note.index;
     const SxString map = index + ZqImageFiles::IDX;
-    if (!SxFSAction::test_f(map) || !(SxMd5::file(map) == note.to.idx)) {
+    // The name comes from a file: nothing is written into a folder that somebody uses as an image.
+    if (!SxFSAction::test_f(map) || !(SxMd5::file(map) == note.to.idx) ||
+        !SxFSAction::isGone(index + ZqImageFiles::LOCK)) {
         throw SxException("'" + map +
                               "' isn't the map that the optimisation was begun with; give INDEX again",
                           UNIT, __LINE__);
