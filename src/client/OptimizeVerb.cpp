@@ -9,6 +9,9 @@
 #include <tavrin/ZqReadable.h>
 #include <tavrin/ZqRunsOrder.h>
 
+#include <algorithm>
+#include <cctype>
+
 namespace {
 constexpr const char* UNIT = "src/client/OptimizeVerb";
 
@@ -38,7 +41,10 @@ SxParserKit::SxSymbol describe(const ZqImageOptimize::Result& result, double sec
     blocks.append("total", result.nTotal);
     blocks.append("moved", result.nMoved);
     blocks.append("kept", result.nKept);
-    if (result.mode == ZqImageOptimize::Copy) blocks.append("lost", result.nLost);
+    if (result.mode == ZqImageOptimize::Copy) {
+        blocks.append("beyond", result.nBeyond);
+        blocks.append("lost", result.nLost);
+    }
     object.append("bytes", result.bytes);
     object.append("bytesExtra", result.bytesExtra);
     object.append("seconds", seconds);
@@ -50,12 +56,18 @@ SxParserKit::SxSymbol describe(const ZqImageOptimize::Result& result, double sec
 void tell(const ZqImageOptimize::Result& result, double seconds, bool isForecast, Output* out) {
     const SxString rest = SxString::sprintf(" in %s%.1f s.", isForecast ? "about " : "", seconds);
     const char* does = isForecast ? "would be" : "were";
-    if (result.mode == ZqImageOptimize::None && !result.isResumed) {
+    if (result.isResumed && result.nTotal == 0) {
+        out->text("All blocks were in their place; the records were replaced.");
+    } else if (result.mode == ZqImageOptimize::None) {
         out->text(SxString("All ") + result.nKept + " blocks are in their place; only the records " +
                   (isForecast ? "would be replaced." : "were replaced."));
     } else if (result.mode == ZqImageOptimize::Copy) {
         out->text(SxString(result.nMoved + result.nKept) + " blocks " + does + " copied, " +
                   exactBytes(result.bytes) + rest);
+        if (result.nBeyond > 0) {
+            out->text(SxString(result.nBeyond) + " more " + (isForecast ? "would be" : "are") +
+                      " kept beyond the end of img.zqf.");
+        }
         if (result.nLost > 0) {
             out->text(SxString(result.nLost) + " blocks that were there " +
                       (isForecast ? "would be" : "are") + " no longer there, and are downloaded again.");
@@ -69,7 +81,10 @@ void tell(const ZqImageOptimize::Result& result, double seconds, bool isForecast
 }
 
 bool isAddress(const SxString& index) {
-    return index.startsWith("http://") || index.startsWith("https://");
+    std::string begin = index.str().substr(0, 8);
+    std::transform(begin.begin(), begin.end(), begin.begin(),
+                   [](unsigned char c) { return std::tolower(c); });
+    return begin.starts_with("http://") || begin.starts_with("https://");
 }
 
 /// What is wrong with the options together; empty where nothing is.
@@ -116,6 +131,7 @@ int finish(ZqImageOptimize* job, bool isForecast, Output* out) {
     const double told = isForecast ? result.forecastSeconds : seconds;
     if (out->getMode().json) out->object(describe(result, told));
     tell(result, told, isForecast, out);
+    if (!result.indexLeft.isEmpty()) out->finding(result.indexLeft);
     return ExitSuccess;
 }
 

@@ -117,7 +117,7 @@ void ZqImageLock::finishReplacement(const SxString& path) {
 
 void ZqImageLock::refuseUnfinished(const SxString& path) {
     const SxString folder = ZqImageFolder::prefix(path);
-    if (SxFSAction::exists(folder + ZqImageFiles::OPTIMIZE_LOCK)) {
+    if (!SxFSAction::isGone(folder + ZqImageFiles::OPTIMIZE_LOCK)) {
         throw SxException(
             "Image '" + path +
                 "' is in the middle of an optimisation; go on with: tavrin image optimize IMAGE --resume",

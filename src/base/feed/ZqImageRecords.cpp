@@ -106,7 +106,10 @@ bool ZqImageRecords::hasMap(const ZqAppParams& known) const {
 void ZqImageRecords::requireSame(const ZqAppParams& own, const ZqAppParams& server) const {
     if (areSame(own, server)) return;
     if (own.checksumMnt == server.checksumMnt && own.checksumIdx != server.checksumIdx) {
-        const SxException order(ZqFailurePolicy::OTHER_ORDER, "its version is the same", UNIT, __LINE__);
+        const SxException order(
+            ZqFailurePolicy::OTHER_ORDER,
+            "its version is the same; what is there comes to that order by: tavrin image optimize IMAGE URL",
+            UNIT, __LINE__);
         throw SxException(order,
                           "The image at " + url + " has another block order than that in '" + folder + "'",
                           UNIT, __LINE__)

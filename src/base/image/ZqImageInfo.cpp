@@ -13,7 +13,7 @@ namespace {
 constexpr const char* UNIT = "src/base/ZqImageInfo";
 
 ZqImageInfo::State findState(const SxString& prefix, bool allThere) {
-    if (SxFSAction::exists(prefix + ZqImageFiles::OPTIMIZE_LOCK)) return ZqImageInfo::Optimizing;
+    if (!SxFSAction::isGone(prefix + ZqImageFiles::OPTIMIZE_LOCK)) return ZqImageInfo::Optimizing;
     if (SxFSAction::exists(prefix + ZqImageFiles::PATCH_PROGRESS) ||
         SxFSAction::exists(prefix + ZqImageFiles::PATCHING_LOCK)) {
         return ZqImageInfo::Patching;

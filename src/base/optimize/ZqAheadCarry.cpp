@@ -62,9 +62,26 @@ bool ZqAheadCarry::read(ZqMovePlan::Position from, char* to) {
     return true;
 }
 
+bool ZqAheadCarry::isWhole(uint64 first, uint64 end) const {
+    for (uint64 block = first; block < end; ++block) {
+        if (!isThere(source[block])) return false;
+    }
+    return true;
+}
+
+uint64 ZqAheadCarry::countKept(const ZqAppParams& newApp, uint64 nTarget) const {
+    const uint64 n = newApp.sizeZqf / BLOCK;
+    uint64 nKept = 0;
+    for (uint64 first = nTarget / PER_STRETCH * PER_STRETCH; !keyOf(newApp).isEmpty() && first < n;
+         first += PER_STRETCH) {
+        const uint64 end = std::min(n, first + PER_STRETCH);
+        if (isWhole(first, end)) nKept += end - std::max(first, nTarget);
+    }
+    return nKept;
+}
+
 SxPtr<SxArray<char>> ZqAheadCarry::compose(uint64 first, uint64 end) {
-    for (uint64 block = first; block < end; ++block)
-        if (!isThere(source[block])) return nullptr;
+    if (!isWhole(first, end)) return nullptr;
     auto bytes = SxPtr<SxArray<char>>::create(static_cast<int64>((end - first) * BLOCK));
     for (uint64 block = first; block < end; ++block) {
         if (!read(source[block], bytes->data() + (block - first) * BLOCK)) return nullptr;
@@ -85,7 +102,7 @@ uint64 ZqAheadCarry::write(const SxString& target, const ZqAppParams& newApp, ui
         if (!bytes) continue;
         if (!store) {
             store = std::make_unique<ZqStretchStore>(target, key, newApp.sizeZqf, ZqBlocks::STRETCH,
-                                                     nTarget * BLOCK, ZqDiskReserve(target, 0));
+                                                     nTarget * BLOCK, ZqDiskReserve());
         }
         if (!store->write(stretch, *bytes)) break;
         nWritten += end - std::max(first, nTarget);

@@ -17,9 +17,10 @@ public:
     ZqAheadCarry(const SxString& image, const ZqAppParams& oldApp,
                  const std::vector<ZqMovePlan::Position>& source_);
 
-    /// Makes the files of the new order in `target`, for an `img.zqf` of `nTarget` blocks, and gives how many
-    /// blocks they hold. A disk without room for them costs what doesn't fit. `isStopped`: asked for each
-    /// stretch, and ends it.
+    /// Blocks that write() would keep for an `img.zqf` of `nTarget` blocks.
+    uint64 countKept(const ZqAppParams& newApp, uint64 nTarget) const;
+    /// Makes the files of the new order in `target`, and gives how many blocks they hold. A disk that has no
+    /// room for them costs what doesn't fit. `isStopped`: asked for each stretch, and ends it.
     uint64 write(const SxString& target, const ZqAppParams& newApp, uint64 nTarget,
                  const std::function<bool()>& isStopped);
     /// Blocks of the old order that are there, in the file or kept.
@@ -28,6 +29,7 @@ public:
 private:
     bool isThere(ZqMovePlan::Position from) const;
     bool read(ZqMovePlan::Position from, char* to);
+    bool isWhole(uint64 first, uint64 end) const;
     SxPtr<SxArray<char>> compose(uint64 first, uint64 end);
 
     const std::vector<ZqMovePlan::Position>& source;

@@ -48,7 +48,8 @@ void ZqImageDefrag::reorder() {
     source = inputs.makeSource();
     SxFileIO zqf(imagePath + ZqImageFiles::ZQF, "rb", 0600);
     countBlocks(static_cast<uint64>(zqf.getSize()));
-    bytesExtra = nTarget * BLOCK + source.size() * sizeof(uint64);
+    if (isNoted) planAhead(inputs.getOldApp(), inputs.getNewApp());
+    bytesExtra = (nTarget + nBeyond) * BLOCK + source.size() * sizeof(uint64);
     if (isForecastOnly()) return forecast(&zqf);
 
     const ZqOptimizeNote note{ZqOptimizeNote::Copy,
@@ -66,7 +67,7 @@ void ZqImageDefrag::reorder() {
         const uint64 sizeTarget = static_cast<uint64>(SxFSAction::sizeOf(path)) / BLOCK;
         first = keepTarget(&zqf, isKnown && sizeTarget > PIECE ? sizeTarget - PIECE : 0);
     }
-    ZqImageFolder::requireSpace(indexPath, (nTarget - first) * BLOCK + ROOM_FOR_RECORDS);
+    ZqImageFolder::requireSpace(indexPath, (nTarget - first + nBeyond) * BLOCK + ROOM_FOR_RECORDS);
     if (isNoted && !isKnown) {
         work.make();
         work.writeNote(note);
@@ -87,21 +88,28 @@ void ZqImageDefrag::reorder() {
 }
 
 void ZqImageDefrag::forecast(SxFileIO* zqf) {
-    ZqImageFolder::requireSpace(indexPath, nTarget * BLOCK + ROOM_FOR_RECORDS);
+    ZqImageFolder::requireSpace(indexPath, (nTarget + nBeyond) * BLOCK + ROOM_FOR_RECORDS);
     forecastBytes = nTarget * BLOCK;
     const double rate = ZqBlockGather::measureRate(zqf, sourceOf(0, nTarget), indexPath + SCRATCH);
     if (rate > 0) forecastSeconds = static_cast<double>(forecastBytes) / rate;
 }
 
+void ZqImageDefrag::planAhead(const ZqAppParams& oldApp, const ZqAppParams& newApp) {
+    const ZqAheadCarry carry(imagePath, oldApp, source);
+    nBeyond = carry.countKept(newApp, nTarget);
+    nLost = carry.countThere() - nTarget - nBeyond;
+}
+
 void ZqImageDefrag::carryAhead(const ZqAppParams& oldApp, const ZqAppParams& newApp) {
     try {
         ZqAheadCarry carry(imagePath, oldApp, source);
-        const uint64 nThere = carry.countThere();
         nBeyond = carry.write(work.getPath(), newApp, nTarget, [this] { return isStopRequested(); });
-        nLost = nThere - nTarget - nBeyond;
+        nLost = carry.countThere() - nTarget - nBeyond;
     } catch (const SxException& e) {
         // It is fetched again then.
         zqLogMsg("base", "ZqImageDefrag: " + e.toString(SxException::ShowMessage, ": "));
+        nLost += nBeyond;
+        nBeyond = 0;
     }
     refuseStop();
 }

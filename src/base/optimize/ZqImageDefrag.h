@@ -34,6 +34,7 @@ protected:
 private:
     void countBlocks(uint64 sizeOld);
     void forecast(SxFileIO* zqf);
+    void planAhead(const ZqAppParams& oldApp, const ZqAppParams& newApp);
     void carryAhead(const ZqAppParams& oldApp, const ZqAppParams& newApp);
     /// Blocks of the target that are what they should be; the rest of it is cut off.
     uint64 keepTarget(SxFileIO* zqf, uint64 from);

@@ -30,6 +30,7 @@ constexpr uint64 ZEROS = 256;
 
 /// Takes the room of `n` bytes from the disk. A file system that can't say so beforehand says so later.
 void reserve(SxFileIO* file, uint64 offset, uint64 n) {
+    if (n == 0) return;
     const int result =
         SxOs::get().preallocate(file->getFd(), static_cast<int64>(offset), static_cast<int64>(n));
     if (result >= 0 || result == -EOPNOTSUPP) return;
@@ -81,7 +82,10 @@ ZqImageInPlaceDefrag::Source ZqImageInPlaceDefrag::begin() {
     }
     requireBlocks(source, sizeOld);
     const uint64 sizeNew = inputs.getNewApp().sizeZqf;
-    const uint64 nHeads = std::min<uint64>(limits.nHeads, source.size());
+    uint64 nOut = 0; // blocks out of place
+    for (uint64 to = 0; to < source.size(); ++to)
+        nOut += source[to] != ZqMovePlan::NONE && source[to] != to;
+    const uint64 nHeads = std::min<uint64>(limits.nHeads, nOut);
     bytesExtra = nHeads * BLOCK + source.size() * sizeof(uint64) + std::max(sizeOld, sizeNew) - sizeOld;
     ZqImageFolder::requireSpace(imagePath, bytesExtra + ROOM_FOR_RECORDS);
     if (isForecastOnly()) return source;
@@ -248,9 +252,11 @@ void ZqImageInPlaceDefrag::doRound(uint64 round, const ZqMovePlan& plan, ZqBlock
         state = {ZqMoveProgress::Batches, round, 0, mover->setHeadsAside()};
         howFar->set(state);
     } else if (mover->hashHeads() != state.headsHash) {
-        throw SxException("'" + work.file(ZqOptimizeFolder::HEADS) +
-                              "' isn't what was set aside: the optimisation can't go on with it",
-                          UNIT, __LINE__);
+        throw SxException(
+            "'" + work.file(ZqOptimizeFolder::HEADS) +
+                "' isn't what was set aside: the optimisation can't go on with it, and the image must be "
+                "fetched or built anew",
+            UNIT, __LINE__);
     }
     if (state.batch > plan.getNBatches()) throw wrongProgress();
     advanceBatches(plan, state.batch);

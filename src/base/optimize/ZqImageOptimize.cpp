@@ -3,6 +3,7 @@
 #include "SxException.h"
 #include "SxFSAction.h"
 #include "SxMd5.h"
+#include "SxOs.h"
 #include "SxTime.h"
 #include "ZqAppParams.h"
 #include "ZqImage.h"
@@ -23,23 +24,18 @@ namespace {
 
 constexpr const char* UNIT = "src/base/optimize/ZqImageOptimize";
 constexpr int64 POLL_MS = 1000;
-/// In the work folder: the index folder of a forecast, which must not come into the way of what was begun.
-constexpr const char* FORECAST = "forecast/";
 constexpr uint64 ROOM_FOR_RECORDS = 1 << 20;
 constexpr const char* INDEX_FILES[] = {ZqImageFiles::IMAGE_JSON, ZqImageFiles::APP_JSON,
                                        ZqImageFiles::IDX_MD5, ZqImageFiles::IDX_7Z, ZqImageFiles::IDX};
 constexpr const char* COPY_FAILED = "ZqF Defragmentation Thread crashed";
 constexpr const char* IN_PLACE_FAILED = "ZqF Defragmentation Thread failed.";
 
-/// It stays gone, whatever comes: else the same command would be refused for half an index folder.
-void removeFolder(const SxString& folder) {
-    // The map goes last, since who has to go on knows the folder by it.
-    for (const SxFileInfo& entry : SxFSAction::ls(folder)) {
-        if (!(entry.getName() == ZqImageFiles::IDX)) SxFSAction::rm_r(entry);
-    }
-    SxFSAction::syncDir(folder);
-    SxFSAction::rm_r(folder);
-    SxFSAction::syncDir(SxFileInfo(folder).getPath());
+/// Where the path leads, for a folder that is removed at the end.
+SxString realFolder(const SxString& path) {
+    std::string real;
+    const bool isThere = SxOs::get().canonical(SxOs::hostPath(path), &real) == 0;
+    return ZqSysEnv::unifySlashes(
+        ZqImageFolder::prefix(isThere ? SxString(real) : SxFileInfo(path).getAbsPath()));
 }
 
 void log(const SxString& text) {
@@ -51,7 +47,7 @@ void log(const SxString& text) {
 ZqImageOptimize::ZqImageOptimize(const SxString& imagePath_, const SxString& indexPath_)
     : runtimeInfo(SxPtr<ZqRuntimeInfo>::create()),
       imagePath(ZqSysEnv::unifySlashes(ZqImageFolder::prefix(imagePath_))),
-      indexPath(ZqSysEnv::unifySlashes(ZqImageFolder::prefix(SxFileInfo(indexPath_).getAbsPath()))),
+      indexPath(realFolder(indexPath_)),
       isResumed(false),
       indexName(ZqSysEnv::unifySlashes(ZqImageFolder::prefix(indexPath_))),
       work(SxPtr<ZqOptimizeFolder>::create(imagePath)) {
@@ -92,14 +88,16 @@ void ZqImageOptimize::begin() {
                               "'; give another index folder",
                           UNIT, __LINE__);
     }
+    work->requireOwn();
     if (work->isDone()) work->remove();
-    if (work->isLocked()) {
+    if (work->isLocked() || work->lacksLock()) {
         throw SxException(SxException("go on with: tavrin image optimize IMAGE --resume", UNIT, __LINE__),
                           imagePath + ZqImageFiles::OPTIMIZE_LOCK +
                               " available. Unfinished optimization detected",
                           UNIT, __LINE__);
     }
     requireWhole();
+    requireConsumable();
     const auto size = static_cast<uint64>(SxFSAction::sizeOf(imagePath + ZqImageFiles::ZQF));
     try {
         if (size == ZqAppParams(imagePath).sizeZqf) {
@@ -118,8 +116,21 @@ void ZqImageOptimize::begin() {
 /// Leaves nothing in the work folder where nothing has begun that could be gone on with.
 void ZqImageOptimize::sweep() const {
     if (work->isLocked()) return;
-    if (!SxFSAction::isGone(work->getPath() + FORECAST)) SxFSAction::rm_r(work->getPath() + FORECAST);
+    const SxString forecast = work->file(ZqOptimizeFolder::FORECAST);
+    if (!SxFSAction::isGone(forecast)) SxFSAction::rm_r(forecast);
     if (!work->has(ZqOptimizeFolder::NOTE)) work->remove();
+}
+
+/// Who consumes an order by mistake must not lose an image.
+void ZqImageOptimize::requireConsumable() const {
+    if (!consumes) return;
+    for (const SxString name : {ZqImageFiles::LOCK, ZqImageFiles::LAYER_INDEX, ZqImageFiles::TRACES,
+                                ZqImageFiles::PACKED, ZqImageFiles::STREAM_JSON}) {
+        if (SxFSAction::isGone(indexPath + name)) continue;
+        throw SxException("'" + indexName + "' holds an image ('" + name +
+                              "'), and isn't consumed; take the order without that",
+                          UNIT, __LINE__);
+    }
 }
 
 void ZqImageOptimize::requireIndex() const {
@@ -150,7 +161,7 @@ SxString ZqImageOptimize::takeIndex() const {
     const SxString map = indexPath + (isPacked ? ZqImageFiles::IDX_7Z : ZqImageFiles::IDX);
     ZqImageFolder::requireSpace(imagePath, static_cast<uint64>(SxFSAction::sizeOf(map)) + ROOM_FOR_RECORDS);
     work->make();
-    const SxString folder = work->getPath() + (forecastOnly ? FORECAST : "");
+    const SxString folder = work->getPath() + (forecastOnly ? ZqOptimizeFolder::FORECAST : "");
     if (forecastOnly) {
         SxFSAction::mkdir_p(folder, 0755);
     } else {
@@ -162,6 +173,12 @@ SxString ZqImageOptimize::takeIndex() const {
 
 void ZqImageOptimize::reorderInPlace() {
     log("Starting Defragmentation using inplace mode");
+    if (consumes && !SxFSAction::isGone(indexPath + ZqImageFiles::ZQF)) {
+        throw SxException("'" + indexName +
+                              "' holds an image ('img.zqf'), and isn't consumed; take the order "
+                              "without that",
+                          UNIT, __LINE__);
+    }
     // What a copy has left is of no use for a complete image.
     if (!forecastOnly) work->remove();
     ZqImageInPlaceDefrag worker(imagePath, takeIndex());
@@ -245,13 +262,17 @@ void ZqImageOptimize::goOn() {
     const auto lock =
         ZqImageLock::takeAnyState(imagePath, ZqImageLock::Shape, ZqImageLock::Exclusive, "image optimize");
     result.isResumed = true;
+    work->requireOwn();
+    if (work->lacksLock()) work->lock();
     if (!work->isLocked()) return goOnWithCopy();
     if (work->isDone()) return finish();
     if (work->isEmpty()) {
-        throw SxException("'" + imagePath + ZqImageFiles::OPTIMIZE_LOCK +
-                              "' stands there without the folder '" + work->getPath() +
-                              "': nothing tells how far that optimisation has come",
-                          UNIT, __LINE__);
+        throw SxException(
+            "'" + imagePath + ZqImageFiles::OPTIMIZE_LOCK + "' stands there without the folder '" +
+                work->getPath() +
+                "': nothing tells how far an optimisation has come, so the image must be fetched or built "
+                "anew, unless you know that none was begun and remove the lock",
+            UNIT, __LINE__);
     }
     const ZqMoveProgress howFar = ZqMoveProgress::open(work->file(ZqOptimizeFolder::PROGRESS));
     if (howFar.get().phase > ZqMoveProgress::Batches) return finish();
@@ -304,20 +325,29 @@ void ZqImageOptimize::finish() {
     complete = true;
 }
 
-void ZqImageOptimize::removeIndex(const ZqOptimizeNote& note) const {
+void ZqImageOptimize::removeIndex(const ZqOptimizeNote& note) {
     const SxString& index = note.index;
-    if (SxFSAction::isGone(index)) return;
-    if (!isResumed) return removeFolder(index);
-    // The name comes from a file, and not from who runs this: no more goes than what an index folder of that
-    // order holds.
-    const SxString map = index + ZqImageFiles::IDX;
-    if (SxFSAction::isGone(index + ZqImageFiles::ZQF) && SxFSAction::test_f(map) &&
-        SxMd5::file(map) == note.to.idx) {
-        for (const char* name : INDEX_FILES) {
-            if (SxFSAction::test_f(index + name)) SxFSAction::rm(index + name);
-            SxFSAction::syncDir(index);
+    try {
+        if (SxFSAction::isGone(index)) return;
+        // No more goes than what an index folder of that order holds. The map goes last, since who has to go
+        // on knows the folder by it.
+        const SxString map = index + ZqImageFiles::IDX;
+        if (SxFSAction::test_f(map) && SxMd5::file(map) == note.to.idx) {
+            for (const char* name : INDEX_FILES) {
+                if (SxFSAction::test_f(index + name)) SxFSAction::rm(index + name);
+                SxFSAction::syncDir(index);
+            }
         }
+        if (SxFSAction::ls(index).isEmpty()) {
+            SxFSAction::rm_r(index);
+            // It stays gone, whatever comes: else the same command would be refused for half an index folder.
+            SxFSAction::syncDir(SxFileInfo(index).getPath());
+            return;
+        }
+        result.indexLeft = "The index folder '" + index + "' stays, since it holds other files";
+    } catch (const SxException& e) {
+        // The image is what it should be; it must not be held up by that.
+        result.indexLeft = "The index folder '" + index + "' can't be removed: " + e.what();
     }
-    if (SxFSAction::ls(index).isEmpty()) return removeFolder(index);
-    log("The index folder '" + index + "' stays, since it holds other files");
+    log(result.indexLeft);
 }

@@ -20,7 +20,8 @@ struct ZqOptimizeNote;
 /// else takes it.
 class ZqImageOptimize : public ZqTaskMon {
 public:
-    /// Both with or without trailing slashes. The index folder is removed at the end, unless keepIndex().
+    /// Both with or without trailing slashes. Unless keepIndex(), what an index folder holds is removed from
+    /// it at the end, and the folder where nothing else is in it.
     ZqImageOptimize(const SxString& imagePath_, const SxString& indexPath_);
     /// Goes on with what was begun in the image folder, whichever way.
     explicit ZqImageOptimize(const SxString& imagePath_);
@@ -59,6 +60,7 @@ public:
         uint64 bytes = 0;      ///< written into `img.zqf` by this run
         uint64 bytesExtra = 0; ///< of the disk, taken for a time or for good
         double forecastSeconds = 0;
+        SxString indexLeft; ///< why the index folder that was to be removed stays, a sentence; or empty
     };
     /// Works out what the job would come to, and changes nothing. Before start().
     void setForecastOnly() { forecastOnly = true; }
@@ -73,6 +75,7 @@ private:
     void begin();
     void requireIndex() const;
     void requireWhole() const;
+    void requireConsumable() const;
     void sweep() const;
     /// The folder that a worker takes for the index folder.
     SxString takeIndex() const;
@@ -85,7 +88,7 @@ private:
     void goOn();
     void goOnWithCopy();
     void finish();
-    void removeIndex(const ZqOptimizeNote& note) const;
+    void removeIndex(const ZqOptimizeNote& note);
 
     const SxString imagePath, indexPath; ///< with trailing slashes; no index folder to go on
     const bool isResumed;

@@ -6,7 +6,11 @@
 #include "SxOs.h"
 #include "SxXxh64.h"
 #include "ZqImageFiles.h"
+#include "ZqMoveProgress.h"
 #include "ZqRecordFile.h"
+
+#include <algorithm>
+#include <optional>
 
 using SxParserKit::SxSymbol;
 namespace Json = SxParserAst;
@@ -22,6 +26,11 @@ constexpr const char* COPY = "copy";
 constexpr const char* REPLACED[] = {ZqImageFiles::IMAGE_JSON, ZqImageFiles::APP_JSON, ZqImageFiles::IDX,
                                     ZqImageFiles::IDX_MD5,    ZqImageFiles::ZQF,      ZqImageFiles::AHEAD,
                                     ZqImageFiles::AHEAD_IDX};
+
+constexpr const char* FILES[] = {ZqImageFiles::IMAGE_JSON, ZqImageFiles::APP_JSON,    ZqImageFiles::IDX,
+                                 ZqImageFiles::IDX_MD5,    ZqImageFiles::IDX_7Z,      ZqImageFiles::ZQF,
+                                 ZqImageFiles::AHEAD,      ZqImageFiles::AHEAD_IDX,   ZqOptimizeFolder::NOTE,
+                                 ZqOptimizeFolder::HEADS,  ZqOptimizeFolder::PROGRESS};
 
 void putOrder(SxSymbol* root, const char* key, const ZqOptimizeNote::Order& order) {
     SxSymbol object = root->append(key, Json::Object);
@@ -98,6 +107,41 @@ bool ZqOptimizeFolder::isLocked() const {
 
 bool ZqOptimizeFolder::isDone() const {
     return isLocked() && !SxFSAction::isGone(path) && isEmpty();
+}
+
+bool ZqOptimizeFolder::lacksLock() const {
+    if (isLocked() || !has(PROGRESS)) return false;
+    try {
+        const ZqMoveProgress::State state = ZqMoveProgress::open(path + PROGRESS).get();
+        return state.phase == ZqMoveProgress::Batches || state.phase == ZqMoveProgress::Records ||
+               (state.phase == ZqMoveProgress::Heads && state.round > 0);
+    } catch (const SxException&) {
+        // Cut off while it was made, before anything moved.
+        return false;
+    }
+}
+
+void ZqOptimizeFolder::requireOwn() const {
+    const SxString plain(path.str().substr(0, path.str().size() - 1));
+    const std::optional<SxStat> folder = SxFSAction::look(plain);
+    if (!folder) return;
+    if (folder->kind != SxStat::Dir) {
+        throw SxException("'" + plain + "' is no folder of an optimisation; it has to go first", UNIT,
+                          __LINE__);
+    }
+    for (const SxFileInfo& entry : SxFSAction::ls(path)) {
+        const SxString name = entry.getName();
+        const std::optional<SxStat> info = SxFSAction::look(entry.getOrig());
+        if (!info) continue;
+        const bool isForecast = name + "/" == FORECAST && info->kind == SxStat::Dir;
+        const bool isKnown =
+            std::any_of(std::begin(FILES), std::end(FILES), [&](const char* file) { return name == file; }) ||
+            SxFileIO::isTemporaryName(name, NOTE);
+        if (isForecast || (isKnown && info->kind == SxStat::File)) continue;
+        throw SxException("'" + path + name +
+                              "' is none of the plain files of an optimisation; it has to go first",
+                          UNIT, __LINE__);
+    }
 }
 
 void ZqOptimizeFolder::make() const {

@@ -34,6 +34,8 @@ public:
     static constexpr const char* NOTE = "move.json";
     static constexpr const char* HEADS = "heads";
     static constexpr const char* PROGRESS = "progress";
+    /// The index folder of a forecast, which must not come into the way of what was begun.
+    static constexpr const char* FORECAST = "forecast/";
 
     /// `image` is the image folder with its trailing slash.
     explicit ZqOptimizeFolder(const SxString& image_);
@@ -47,6 +49,11 @@ public:
     bool isLocked() const;
     /// Whether the lock stands beside an empty folder: all is done but for their removal.
     bool isDone() const;
+
+    /// Whether blocks have moved and the lock isn't there any longer: somebody has removed it.
+    bool lacksLock() const;
+    /// Raises where the folder is a link, or holds anything but plain files of an optimisation.
+    void requireOwn() const;
 
     void make() const;
     void writeNote(const ZqOptimizeNote& note) const;

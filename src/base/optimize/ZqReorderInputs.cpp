@@ -74,13 +74,15 @@ void ZqReorderInputs::check(bool isTold) {
     }
     requireFiles();
     requireOwnFile();
-    const ZqImageParams oldImage(image), newImage(index);
+    const ZqImageParams oldImage(image);
+    ZqImageParams newImage;
+    newImage.readText(SxFileIO::readUtf8(index + ZqImageFiles::IMAGE_JSON), shown(ZqImageFiles::IMAGE_JSON));
     if (!(oldImage.guid == newImage.guid)) {
         throw SxException("img.json files do not belong to same RAW image", UNIT, __LINE__);
     }
     guid = oldImage.guid;
     oldApp = ZqAppParams(image);
-    newApp = ZqAppParams(index);
+    newApp.readText(SxFileIO::readUtf8(index + ZqImageFiles::APP_JSON), shown(ZqImageFiles::APP_JSON));
     if (!(oldApp.checksumMnt == newApp.checksumMnt)) {
         throw SxException("app.json files do not belong to same RAW image", UNIT, __LINE__);
     }
@@ -142,6 +144,17 @@ SxString ZqReorderInputs::digestOf(const SxString& folder, const SxString& name,
 void ZqReorderInputs::requireSize() const {
     const uint64 size = newApp.sizeZqf;
     const auto nRaw = static_cast<uint64>(SxFSAction::sizeOf(image + ZqImageFiles::IDX)) / sizeof(uint64);
+    if (newApp.sizeIdx != 0 && newApp.sizeIdx != nRaw * sizeof(uint64)) {
+        throw SxException("'" + shown(ZqImageFiles::APP_JSON) + "' states a map of " +
+                              SxString(newApp.sizeIdx) + " bytes, but that beside it has " +
+                              SxString(nRaw * sizeof(uint64)),
+                          UNIT, __LINE__);
+    }
+    if (newApp.sizeMnt > size) {
+        throw SxException("'" + shown(ZqImageFiles::APP_JSON) + "' states more bytes for a mount (" +
+                              SxString(newApp.sizeMnt) + ") than img.zqf has (" + SxString(size) + ")",
+                          UNIT, __LINE__);
+    }
     if (size % ZqBlocks::SIZE == 0 && size / ZqBlocks::SIZE <= nRaw) return;
     throw SxException("'" + shown(ZqImageFiles::APP_JSON) + "' states " + SxString(size) +
                           " bytes for img.zqf, which isn't a file of whole blocks of an image of " +

@@ -2,6 +2,7 @@
 
 #include "SxException.h"
 #include "SxFSAction.h"
+#include "SxFileIO.h"
 #include "ZqImageFiles.h"
 #include "ZqRecordFile.h"
 
@@ -27,9 +28,19 @@ void ZqImageParams::read(const SxString& prefix) {
 }
 
 void ZqImageParams::readFile(const SxString& file) {
+    SxString text;
     try {
         if (!SxFSAction::test_f(file)) throw SxException("File " + file + " not found", UNIT, __LINE__);
-        const SxSymbol root = ZqRecordFile::read(file, "zqimg-schema.json");
+        text = SxFileIO::readUtf8(file);
+    } catch (const SxException& e) {
+        throw SxException(e, "Failed to read file " + file, UNIT, __LINE__);
+    }
+    readText(text, file);
+}
+
+void ZqImageParams::readText(const SxString& text, const SxString& textName) {
+    try {
+        const SxSymbol root = ZqRecordFile::parse(text, textName, "zqimg-schema.json");
         const ZqImageParams defaults;
         version = root.getElem("version", true).toInt();
         guid = root.getElem("guid", true).toString();
@@ -43,7 +54,7 @@ void ZqImageParams::readFile(const SxString& file) {
         driverVersion = defaults.driverVersion;
         ZqRecordFile::get(root, "driverVersion", &driverVersion);
     } catch (const SxException& e) {
-        throw SxException(e, "Failed to read file " + file, UNIT, __LINE__);
+        throw SxException(e, "Failed to read file " + textName, UNIT, __LINE__);
     }
 }
 

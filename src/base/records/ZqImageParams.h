@@ -24,6 +24,8 @@ public:
     void read(const SxString& pathPrefix = SxString());
     /// The same from the file of that name.
     void readFile(const SxString& file);
+    /// The same from a text; failures name it `textName`.
+    void readText(const SxString& text, const SxString& textName);
     /// Writes the record likewise, replacing the file as a whole, and makes its folder.
     void write(const SxString& pathPrefix = SxString()) const;
 

@@ -29,6 +29,7 @@ void cutEverywhere(const ReorderedImage& image, uint64 nOld, uint64 nNew, TestRa
     const TreeSnapshot after = image.expected(nNew);
     bool cut = true;
     for (int64 step = 1; cut && !testing::Test::HasFailure(); ++step) {
+        ASSERT_LT(step, 500) << "the job doesn't get through";
         for (uint64 seed = 0; seed < 3; ++seed) {
             SCOPED_TRACE("cut at step " + std::to_string(step) + ", seed " + std::to_string(seed));
             const TempDir dir;
@@ -248,7 +249,13 @@ TEST(Optimize, WhatDoesNotFitIsRefusedBeforeAnythingChanges) {
          "app.json files do not belong to same RAW image"},
         {[&](const TempDir& dir) { changeApp(dir, [](ZqAppParams* app) { app->sizeZqf += 4096; }); },
          "isn't a file of whole blocks of an image of 90 blocks"},
-        {[&](const TempDir& dir) { changeApp(dir, [](ZqAppParams* app) { app->sizeZqf -= 4096; }); },
+        {[&](const TempDir& dir) { changeApp(dir, [](ZqAppParams* app) { app->sizeMnt += 1; }); },
+         "more bytes for a mount"},
+        {[&](const TempDir& dir) { changeApp(dir, [](ZqAppParams* app) { app->sizeIdx += 8; }); },
+         "states a map of 728 bytes"},
+        {[&](const TempDir& dir) {
+             changeApp(dir, [](ZqAppParams* app) { app->sizeZqf = app->sizeMnt = app->sizeMnt - 4096; });
+         },
          "beyond the"},
         {[](const TempDir& dir) {
              fs::create_hard_link(dir.path("watched/image/img.zqf"), dir.path("watched/other"));
@@ -351,4 +358,70 @@ TEST(Optimize, AnIndexFolderThatIsKeptStaysAsItIs) {
             EXPECT_EQ(contentOf(dir, "watched/image"), image.expected());
         }
     }
+}
+
+TEST(Optimize, NothingOfOthersIsTouched) {
+    TestRandom random(18);
+    TRACE_SEED(random);
+    const ReorderedImage image(random, orderOfRuns(random, N, 20));
+    const auto expectRefused = [&](const TempDir& dir, const std::string& text) {
+        SCOPED_TRACE(text);
+        const TreeSnapshot before = contentOf(dir);
+        for (const bool isResumed : {false, true}) {
+            const SxString folder = dir.path("watched/image"), index = dir.path("watched/index");
+            const auto job = isResumed ? SxPtr<ZqImageOptimize>::create(folder)
+                                       : SxPtr<ZqImageOptimize>::create(folder, index);
+            EXPECT_NE(optimize(*job), "");
+            EXPECT_EQ(contentOf(dir), before);
+        }
+    };
+    {
+        const TempDir dir;
+        image.write(dir);
+        dir.write("watched/other/file", "precious");
+        fs::create_directory_symlink(dir.path("watched/other"), dir.path("watched/image/optimize.work"));
+        expectRefused(dir, "a link");
+    }
+    {
+        const TempDir dir;
+        image.write(dir);
+        dir.write("watched/image/optimize.work/file", "precious");
+        expectRefused(dir, "a file of somebody else");
+    }
+    {
+        const TempDir dir;
+        image.write(dir);
+        dir.write("watched/index/image.lock", "");
+        ZqImageOptimize job(dir.path("watched/image"), dir.path("watched/index"));
+        EXPECT_THAT(optimize(job), HasSubstr("holds an image"));
+    }
+    const TempDir dir;
+    image.write(dir);
+    dir.write("watched/index/file", "precious");
+    fs::create_directory_symlink(dir.path("watched/index"), dir.path("watched/link"));
+    ZqImageOptimize job(dir.path("watched/image"), dir.path("watched/link"));
+    EXPECT_EQ(optimize(job), "");
+    EXPECT_THAT(job.getResult().indexLeft.str(), HasSubstr("holds other files"));
+    EXPECT_EQ(contentOf(dir, "watched/index").size(), 1U);
+    EXPECT_EQ(dir.read("watched/index/file"), "precious");
+    EXPECT_EQ(contentOf(dir, "watched/image"), image.expected());
+}
+
+TEST(Optimize, ALockThatSomebodyHasRemovedCostsNoBlock) {
+    TestRandom random(19);
+    TRACE_SEED(random);
+    const ReorderedImage image(random, allMoveOrders(random, N)[4]);
+    const TempDir dir;
+    image.write(dir);
+    {
+        FaultOs os(dir.path("watched"));
+        os.failNth(Op::Write, 12, EIO, "img.zqf");
+        EXPECT_NE(optimizeOrGoOn(dir), "");
+    }
+    fs::remove(dir.path("watched/image/optimize.lock"));
+    ZqImageOptimize again(dir.path("watched/image"), dir.path("watched/index"));
+    EXPECT_THAT(optimize(again), HasSubstr("Unfinished optimization detected"));
+    ZqImageOptimize job(dir.path("watched/image"));
+    EXPECT_EQ(optimize(job), "");
+    EXPECT_EQ(contentOf(dir, "watched/image"), image.expected());
 }
