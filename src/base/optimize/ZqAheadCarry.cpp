@@ -23,6 +23,7 @@ ZqAheadCarry::ZqAheadCarry(const SxString& image, const ZqAppParams& oldApp,
     : source(source_),
       zqf(image + ZqImageFiles::ZQF, "rb"),
       nInFile(static_cast<uint64>(zqf.getSize()) / BLOCK),
+      nInImage(oldApp.sizeZqf / BLOCK),
       kept(source.size() / PER_STRETCH + 1) {
     const SxString key = keyOf(oldApp);
     if (key.isEmpty() || oldApp.sizeZqf == 0 || !ZqStretchStore::isIn(image)) return;
@@ -38,7 +39,7 @@ ZqAheadCarry::ZqAheadCarry(const SxString& image, const ZqAppParams& oldApp,
 }
 
 bool ZqAheadCarry::isThere(ZqMovePlan::Position from) const {
-    return from != ZqMovePlan::NONE && (from < nInFile || kept[from / PER_STRETCH]);
+    return from != ZqMovePlan::NONE && (from < nInFile || (from < nInImage && kept[from / PER_STRETCH]));
 }
 
 uint64 ZqAheadCarry::countThere() const {

@@ -34,7 +34,7 @@ private:
 
     const std::vector<ZqMovePlan::Position>& source;
     SxFileIO zqf;
-    uint64 nInFile = 0; ///< blocks
+    uint64 nInFile = 0, nInImage = 0; ///< blocks: that are there, and of the complete file
     std::unique_ptr<ZqStretchStore> old;
     std::vector<bool> kept; ///< stretches of the old order
     uint64 lastIdx = 0;     ///< the one that was read last

@@ -141,7 +141,8 @@ void ZqImageDefrag::countBlocks(uint64 sizeOld) {
 uint64 ZqImageDefrag::keepTarget(SxFileIO* zqf, uint64 from) {
     SxFileIO target(indexPath + ZqImageFiles::ZQF, "r+b", 0600);
     const uint64 size = static_cast<uint64>(target.getSize());
-    const uint64 kept = findDifference(zqf, &target, from, std::min(size / BLOCK, nTarget));
+    const uint64 kept =
+        findDifference(zqf, &target, std::min(from, nTarget), std::min(size / BLOCK, nTarget));
     if (kept * BLOCK < size) target.truncate(static_cast<int64>(kept * BLOCK));
     // What was compared is in memory, and may be nowhere else.
     target.sync();

@@ -274,7 +274,10 @@ void ZqImageOptimize::goOn() {
                 "anew, unless you know that none was begun and remove the lock",
             UNIT, __LINE__);
     }
-    const ZqMoveProgress howFar = ZqMoveProgress::open(work->file(ZqOptimizeFolder::PROGRESS));
+    ZqMoveProgress howFar = ZqMoveProgress::open(work->file(ZqOptimizeFolder::PROGRESS));
+    // Who was killed while it noted that has left it in memory alone, perhaps, and all that follows relies on
+    // it. Written once more, since a sync alone doesn't write what a failed one has left.
+    howFar.set(howFar.get());
     if (howFar.get().phase > ZqMoveProgress::Batches) return finish();
     log("Starting Defragmentation using inplace mode");
     ZqImageInPlaceDefrag worker(imagePath);
@@ -289,6 +292,12 @@ void ZqImageOptimize::goOnWithCopy() {
         work->remove();
         throw SxException("No optimisation of image '" + imagePath +
                               "' was begun, so there is none to go on with",
+                          UNIT, __LINE__);
+    }
+    const auto size = static_cast<uint64>(SxFSAction::sizeOf(imagePath + ZqImageFiles::ZQF));
+    if (size == ZqAppParams(imagePath).sizeZqf) {
+        throw SxException("Image '" + imagePath +
+                              "' has become complete since its copy was begun; give INDEX again",
                           UNIT, __LINE__);
     }
     log("Starting Defragmentation using copy mode.");
