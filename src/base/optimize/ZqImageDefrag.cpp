@@ -18,7 +18,8 @@ namespace {
 
 constexpr const char* UNIT = "src/base/optimize/ZqImageDefrag";
 constexpr uint64 BLOCK = ZqBlocks::SIZE;
-/// Blocks that are read and written together, and synced: a power cut can damage no more of the target's end.
+/// Blocks that are read and written together, and then synced. A power cut damages at most so many at the
+/// target's end.
 constexpr uint64 PIECE = ZqBlockGather::PIECE;
 constexpr uint64 ROOM_FOR_RECORDS = 1 << 20;
 constexpr const char* SCRATCH = "scratch";

@@ -51,6 +51,26 @@ void cutEverywhere(const ReorderedImage& image, uint64 nOld, uint64 nNew, TestRa
     }
 }
 
+/// Fails each kind of operation, one after the other, and lets the job go on after that.
+void disturbEverywhere(const ReorderedImage& image, uint64 nOld, uint64 nNew) {
+    const TreeSnapshot after = image.expected(nNew);
+    TreeSnapshot before;
+    disturb(
+        [&](const TempDir& dir) {
+            image.write(dir, nOld);
+            before = contentOf(dir, "watched/image");
+        },
+        optimizeOrGoOn,
+        [&](const TempDir& dir, const std::string& failure) {
+            expectWholeOrTold(dir, before, after);
+            if (contentOf(dir, "watched/image") != after) {
+                EXPECT_EQ(optimizeOrGoOn(dir), "") << "after " << failure;
+            }
+            EXPECT_EQ(contentOf(dir, "watched/image"), after) << failure;
+        },
+        40'000, 4096);
+}
+
 } // namespace
 
 TEST(Optimize, ACompleteImageComesToItsNewOrder) {
@@ -122,22 +142,7 @@ TEST(Optimize, WhateverFailsInPlaceIsGoneOnWith) {
     TestRandom random(10);
     TRACE_SEED(random);
     const ReorderedImage image(random, allMoveOrders(random, 24)[7]);
-    const TreeSnapshot after = image.expected();
-    TreeSnapshot before;
-    disturb(
-        [&](const TempDir& dir) {
-            image.write(dir);
-            before = contentOf(dir, "watched/image");
-        },
-        optimizeOrGoOn,
-        [&](const TempDir& dir, const std::string& failure) {
-            expectWholeOrTold(dir, before, after);
-            if (contentOf(dir, "watched/image") != after) {
-                EXPECT_EQ(optimizeOrGoOn(dir), "") << "after " << failure;
-            }
-            EXPECT_EQ(contentOf(dir, "watched/image"), after) << failure;
-        },
-        40'000, 4096);
+    disturbEverywhere(image, ~uint64{0}, ~uint64{0});
 }
 
 TEST(Optimize, APartialImageIsCopiedAsFarAsItGoes) {
@@ -186,22 +191,7 @@ TEST(Optimize, WhateverFailsInACopyIsGoneOnWith) {
                               return source;
                           }()};
     const ReorderedImage image(random, order);
-    const TreeSnapshot after = image.expected(19);
-    TreeSnapshot before;
-    disturb(
-        [&](const TempDir& dir) {
-            image.write(dir, 20);
-            before = contentOf(dir, "watched/image");
-        },
-        optimizeOrGoOn,
-        [&](const TempDir& dir, const std::string& failure) {
-            expectWholeOrTold(dir, before, after);
-            if (contentOf(dir, "watched/image") != after) {
-                EXPECT_EQ(optimizeOrGoOn(dir), "") << "after " << failure;
-            }
-            EXPECT_EQ(contentOf(dir, "watched/image"), after) << failure;
-        },
-        40'000, 4096);
+    disturbEverywhere(image, 20, 19);
 }
 
 TEST(Optimize, WhatIsKeptBeyondTheEndIsCarriedOver) {
