@@ -66,6 +66,12 @@ void ZqImageDefrag::reorder() {
     uint64 first = 0;
     if (isOwnFile(path)) {
         const uint64 sizeTarget = static_cast<uint64>(SxFSAction::sizeOf(path)) / BLOCK;
+        if (!isKnown && !consumed.isEmpty() && sizeTarget > nTarget) {
+            throw SxException("'" + path +
+                                  "' has more blocks than a copy of this image would have; take it "
+                                  "away if it is of no use",
+                              UNIT, __LINE__);
+        }
         first = keepTarget(&zqf, isKnown && sizeTarget > PIECE ? sizeTarget - PIECE : 0);
     }
     ZqImageFolder::requireSpace(indexPath, (nTarget - first + nBeyond) * BLOCK + ROOM_FOR_RECORDS);

@@ -89,6 +89,7 @@ ZqImageInPlaceDefrag::Source ZqImageInPlaceDefrag::begin() {
     bytesExtra = nHeads * BLOCK + source.size() * sizeof(uint64) + std::max(sizeOld, sizeNew) - sizeOld;
     ZqImageFolder::requireSpace(imagePath, bytesExtra + ROOM_FOR_RECORDS);
     if (isForecastOnly()) return source;
+    refuseStop();
     const ZqOptimizeNote note{
         ZqOptimizeNote::InPlace,          inputs.getGuid(), {inputs.getOldDigest(), sizeOld},
         {inputs.getNewDigest(), sizeNew}, consumed,         limits};
@@ -181,7 +182,7 @@ ZqImageInPlaceDefrag::Source ZqImageInPlaceDefrag::goOn() const {
 }
 
 void ZqImageInPlaceDefrag::move(const ZqOptimizeNote& note, Source source) {
-    ZqOrderRemains::remove(imagePath, true);
+    ZqOrderRemains::remove(imagePath, true, true);
     SxFileIO zqf(imagePath + ZqImageFiles::ZQF, "r+b", 0600);
     const auto size = static_cast<uint64>(zqf.getSize());
     setTotal(note.from.sizeZqf);

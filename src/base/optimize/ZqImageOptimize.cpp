@@ -18,6 +18,7 @@
 #include "ZqMoveProgress.h"
 #include "ZqOptimizeFolder.h"
 #include "ZqOrderRemains.h"
+#include "ZqSyncedSize.h"
 #include "ZqSysEnv.h"
 
 namespace {
@@ -36,6 +37,15 @@ SxString realFolder(const SxString& path) {
     const bool isThere = SxOs::get().canonical(SxOs::hostPath(path), &real) == 0;
     return ZqSysEnv::unifySlashes(
         ZqImageFolder::prefix(isThere ? SxString(real) : SxFileInfo(path).getAbsPath()));
+}
+
+/// What in an index folder tells that it is an image that is used or published, too; empty for none.
+SxString findImageMark(const SxString& index) {
+    for (const SxString name : {ZqImageFiles::LOCK, ZqImageFiles::LAYER_INDEX, ZqImageFiles::TRACES,
+                                ZqImageFiles::PACKED, ZqImageFiles::STREAM_JSON}) {
+        if (!SxFSAction::isGone(index + name)) return name;
+    }
+    return {};
 }
 
 void log(const SxString& text) {
@@ -98,6 +108,7 @@ void ZqImageOptimize::begin() {
     }
     requireWhole();
     requireConsumable();
+    cutDoubtful();
     const auto size = static_cast<uint64>(SxFSAction::sizeOf(imagePath + ZqImageFiles::ZQF));
     try {
         if (size == ZqAppParams(imagePath).sizeZqf) {
@@ -110,7 +121,7 @@ void ZqImageOptimize::begin() {
         sweep();
         throw;
     }
-    if (forecastOnly) sweep();
+    if (!complete) sweep();
 }
 
 /// Leaves nothing in the work folder where nothing has begun that could be gone on with.
@@ -121,16 +132,20 @@ void ZqImageOptimize::sweep() const {
     if (!work->has(ZqOptimizeFolder::NOTE)) work->remove();
 }
 
+/// What a power cut may have taken of a download mustn't be moved to where nobody doubts it any longer.
+void ZqImageOptimize::cutDoubtful() const {
+    const SxString zqf = imagePath + ZqImageFiles::ZQF;
+    const std::function<bool()> stop = [this] { return stopRequested(); };
+    if (!forecastOnly && SxFSAction::test_f(zqf)) ZqSyncedSize(zqf).cutBack(stop);
+}
+
 /// Who consumes an order by mistake must not lose an image.
 void ZqImageOptimize::requireConsumable() const {
-    if (!consumes) return;
-    for (const SxString name : {ZqImageFiles::LOCK, ZqImageFiles::LAYER_INDEX, ZqImageFiles::TRACES,
-                                ZqImageFiles::PACKED, ZqImageFiles::STREAM_JSON}) {
-        if (SxFSAction::isGone(indexPath + name)) continue;
-        throw SxException("'" + indexName + "' holds an image ('" + name +
-                              "'), and isn't consumed; take the order without that",
-                          UNIT, __LINE__);
-    }
+    const SxString mark = consumes ? findImageMark(indexPath) : SxString();
+    if (mark.isEmpty()) return;
+    throw SxException("'" + indexName + "' holds an image ('" + mark +
+                          "'), and isn't consumed; take the order without that",
+                      UNIT, __LINE__);
 }
 
 void ZqImageOptimize::requireIndex() const {
@@ -218,8 +233,11 @@ void ZqImageOptimize::copy(const SxString& index, bool isConsumed) {
         ZqOptimizeFolder::copyIndex(index, work->getPath());
         SxFSAction::mv(index + ZqImageFiles::ZQF, work->file(ZqImageFiles::ZQF));
     }
+    const uint64 replaces = (work->has(ZqImageFiles::AHEAD) ? ZqMoveProgress::ALSO_AHEAD : 0) |
+                            (work->has(ZqImageFiles::IDX_MD5) ? ZqMoveProgress::ALSO_IDX_MD5 : 0);
+    const auto size = static_cast<uint64>(SxFSAction::sizeOf(work->file(ZqImageFiles::ZQF)));
     ZqMoveProgress::create(work->file(ZqOptimizeFolder::PROGRESS), work->digestNote(),
-                           {ZqMoveProgress::Swap, 0, work->has(ZqImageFiles::AHEAD), 0});
+                           {ZqMoveProgress::Swap, size, replaces, 0});
     work->lock();
     finish();
 }
@@ -286,6 +304,7 @@ void ZqImageOptimize::goOn() {
 
 void ZqImageOptimize::goOnWithCopy() {
     requireWhole();
+    cutDoubtful();
     const bool isCopy = work->has(ZqOptimizeFolder::NOTE) && work->readNote().mode == ZqOptimizeNote::Copy;
     if (!isCopy) {
         // One that was cut off before it changed anything.
@@ -305,8 +324,7 @@ void ZqImageOptimize::goOnWithCopy() {
     const SxString index = note.index.isEmpty() ? work->getPath() : note.index;
     const SxString map = index + ZqImageFiles::IDX;
     // The name comes from a file: nothing is written into a folder that somebody uses as an image.
-    if (!SxFSAction::test_f(map) || !(SxMd5::file(map) == note.to.idx) ||
-        !SxFSAction::isGone(index + ZqImageFiles::LOCK)) {
+    if (!SxFSAction::test_f(map) || !(SxMd5::file(map) == note.to.idx) || !findImageMark(index).isEmpty()) {
         throw SxException("'" + map +
                               "' isn't the map that the optimisation was begun with; give INDEX again",
                           UNIT, __LINE__);
@@ -319,11 +337,14 @@ void ZqImageOptimize::finish() {
         ZqMoveProgress howFar = ZqMoveProgress::open(work->file(ZqOptimizeFolder::PROGRESS));
         if (howFar.get().phase != ZqMoveProgress::Tidy) {
             howFar.requirePlan(work->digestNote());
-            if (howFar.get().phase == ZqMoveProgress::Swap) {
-                // What was kept beside the old blocks goes, unless the copy has replaced it.
-                ZqOrderRemains::remove(imagePath, howFar.get().batch == 0);
-            }
             const ZqOptimizeNote note = work->readNote();
+            requireNew(note, howFar.get());
+            if (howFar.get().phase == ZqMoveProgress::Swap) {
+                // What was true of the old blocks goes, unless the copy has replaced it.
+                const uint64 replaces = howFar.get().batch;
+                ZqOrderRemains::remove(imagePath, (replaces & ZqMoveProgress::ALSO_AHEAD) == 0,
+                                       (replaces & ZqMoveProgress::ALSO_IDX_MD5) == 0);
+            }
             work->replace();
             ZqOrderRemains::renewSyncedSize(imagePath);
             if (!note.index.isEmpty()) removeIndex(note);
@@ -334,6 +355,27 @@ void ZqImageOptimize::finish() {
     complete = true;
 }
 
+/// A map of the one order beside blocks or records of the other would be taken for an image.
+void ZqImageOptimize::requireNew(const ZqOptimizeNote& note, const ZqMoveProgress::State& state) const {
+    const auto folderOf = [&](const char* name) { return work->has(name) ? work->getPath() : imagePath; };
+    const SxString map = folderOf(ZqImageFiles::IDX) + ZqImageFiles::IDX;
+    if (!(SxMd5::file(map) == note.to.idx)) {
+        throw SxException("'" + map + "' isn't the map that the optimisation was begun with", UNIT, __LINE__);
+    }
+    const SxString records = folderOf(ZqImageFiles::APP_JSON);
+    if (ZqAppParams(records).sizeZqf != note.to.sizeZqf) {
+        throw SxException("'" + records + ZqImageFiles::APP_JSON +
+                              "' isn't the record that the optimisation was begun with",
+                          UNIT, __LINE__);
+    }
+    if (state.phase != ZqMoveProgress::Swap) return;
+    const SxString blocks = folderOf(ZqImageFiles::ZQF) + ZqImageFiles::ZQF;
+    if (static_cast<uint64>(SxFSAction::sizeOf(blocks)) == state.round) return;
+    throw SxException("'" + blocks + "' isn't the copy that the optimisation has made: it hasn't " +
+                          SxString(state.round) + " bytes",
+                      UNIT, __LINE__);
+}
+
 void ZqImageOptimize::removeIndex(const ZqOptimizeNote& note) {
     const SxString& index = note.index;
     try {
@@ -341,7 +383,9 @@ void ZqImageOptimize::removeIndex(const ZqOptimizeNote& note) {
         // No more goes than what an index folder of that order holds. The map goes last, since who has to go
         // on knows the folder by it.
         const SxString map = index + ZqImageFiles::IDX;
-        if (SxFSAction::test_f(map) && SxMd5::file(map) == note.to.idx) {
+        const bool isImage =
+            !findImageMark(index).isEmpty() || !SxFSAction::isGone(index + ZqImageFiles::ZQF);
+        if (!isImage && index.endsWith("/") && SxFSAction::test_f(map) && SxMd5::file(map) == note.to.idx) {
             for (const char* name : INDEX_FILES) {
                 if (SxFSAction::test_f(index + name)) SxFSAction::rm(index + name);
                 SxFSAction::syncDir(index);

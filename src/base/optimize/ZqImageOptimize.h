@@ -1,6 +1,7 @@
 #pragma once
 
 #include "SxPtr.h"
+#include "ZqMoveProgress.h"
 #include "ZqRuntimeInfo.h"
 #include "ZqTaskMon.h"
 
@@ -76,7 +77,9 @@ private:
     void requireIndex() const;
     void requireWhole() const;
     void requireConsumable() const;
+    void cutDoubtful() const;
     void sweep() const;
+    void requireNew(const ZqOptimizeNote& note, const ZqMoveProgress::State& state) const;
     /// The folder that a worker takes for the index folder.
     SxString takeIndex() const;
     void reorderInPlace();

@@ -45,7 +45,8 @@ ZqMoveProgress ZqMoveProgress::open(const SxString& path) {
     progress.file.open(path, "r+b");
     const bool first = progress.take(0), second = progress.take(1);
     if (!first && !second) {
-        throw SxException("'" + path + "' doesn't say how far the optimisation has come: it is damaged", UNIT,
+        throw SxException(DAMAGED,
+                          "'" + path + "' doesn't say how far the optimisation has come: it is damaged", UNIT,
                           __LINE__);
     }
     return progress;

@@ -15,10 +15,13 @@ public:
         Heads = 0,   ///< the heads of `round` are being set aside
         Batches = 1, ///< `batch` of `round` may be half done; all before are done
         Records = 2, ///< all blocks are in their places; the records are being replaced
-        Swap = 3,    ///< a copy is complete; image and records are being replaced. `batch` is 1 where it
-                     ///< has stretches beyond its end
+        Swap = 3,    ///< a copy of `round` bytes is complete; image and records are being replaced
         Tidy = 4     ///< all is replaced
     };
+    /// What else a copy replaces, a sum as `batch` of the phase Swap.
+    static constexpr uint64 ALSO_AHEAD = 1, ALSO_IDX_MD5 = 2;
+    /// The tag of a failure where the file says nothing.
+    static constexpr const char* DAMAGED = "Damaged";
     struct State {
         Phase phase = Heads;
         uint64 round = 0, batch = 0;

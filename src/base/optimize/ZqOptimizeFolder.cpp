@@ -32,6 +32,17 @@ constexpr const char* FILES[] = {ZqImageFiles::IMAGE_JSON, ZqImageFiles::APP_JSO
                                  ZqImageFiles::AHEAD,      ZqImageFiles::AHEAD_IDX,   ZqOptimizeFolder::NOTE,
                                  ZqOptimizeFolder::HEADS,  ZqOptimizeFolder::PROGRESS};
 
+/// Copies what a link leads to, and not the link: what it leads to may go.
+void copyFile(const SxString& from, const SxString& to) {
+    std::string real;
+    const int result = SxOs::get().canonical(SxOs::hostPath(from), &real);
+    if (result < 0) {
+        throw SxException(SxException(SxOs::errorText(result), UNIT, __LINE__), SxFileIO::fileReadErr(from),
+                          UNIT, __LINE__);
+    }
+    SxFSAction::cp(SxString(real), to);
+}
+
 void putOrder(SxSymbol* root, const char* key, const ZqOptimizeNote::Order& order) {
     SxSymbol object = root->append(key, Json::Object);
     object.append("idx", order.idx);
@@ -115,8 +126,9 @@ bool ZqOptimizeFolder::lacksLock() const {
         const ZqMoveProgress::State state = ZqMoveProgress::open(path + PROGRESS).get();
         return state.phase == ZqMoveProgress::Batches || state.phase == ZqMoveProgress::Records ||
                (state.phase == ZqMoveProgress::Heads && state.round > 0);
-    } catch (const SxException&) {
-        // Cut off while it was made, before anything moved.
+    } catch (const SxException& e) {
+        // Cut off while it was made, before anything moved. A disk that fails says nothing.
+        if (!e.hasTag(ZqMoveProgress::DAMAGED)) throw;
         return false;
     }
 }
@@ -171,11 +183,11 @@ void ZqOptimizeFolder::lock() const {
 void ZqOptimizeFolder::copyIndex(const SxString& from, const SxString& to) {
     for (const char* name :
          {ZqImageFiles::IMAGE_JSON, ZqImageFiles::APP_JSON, ZqImageFiles::IDX, ZqImageFiles::IDX_MD5}) {
-        if (!SxFSAction::isGone(from + name)) SxFSAction::cp(from + name, to + name);
+        if (!SxFSAction::isGone(from + name)) copyFile(from + name, to + name);
     }
     // The archive counts only where there is no map beside it.
     if (SxFSAction::isGone(to + ZqImageFiles::IDX))
-        SxFSAction::cp(from + ZqImageFiles::IDX_7Z, to + ZqImageFiles::IDX_7Z);
+        copyFile(from + ZqImageFiles::IDX_7Z, to + ZqImageFiles::IDX_7Z);
 }
 
 void ZqOptimizeFolder::replace() const {

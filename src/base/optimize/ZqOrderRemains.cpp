@@ -6,11 +6,12 @@
 #include "ZqStretchStore.h"
 #include "ZqSyncedSize.h"
 
-void ZqOrderRemains::remove(const SxString& image, bool alsoAhead) {
-    for (const char* name :
-         {ZqImageFiles::REFERENCE, ZqImageFiles::PACKED, ZqImageFiles::IDX_PACKED, ZqImageFiles::IDX_MD5}) {
+void ZqOrderRemains::remove(const SxString& image, bool alsoAhead, bool alsoIdxMd5) {
+    for (const char* name : {ZqImageFiles::REFERENCE, ZqImageFiles::PACKED, ZqImageFiles::IDX_PACKED}) {
         if (!SxFSAction::isGone(image + name)) SxFSAction::rm(image + name);
     }
+    if (alsoIdxMd5 && !SxFSAction::isGone(image + ZqImageFiles::IDX_MD5))
+        SxFSAction::rm(image + ZqImageFiles::IDX_MD5);
     if (alsoAhead) ZqStretchStore::remove(image);
     SxFSAction::syncDir(image);
     ZqStreamRecord old;
