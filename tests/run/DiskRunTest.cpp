@@ -4,11 +4,25 @@
 
 #include <sys/mount.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 
 namespace {
 
 bool saysSoon(const Client& player, const string& words) {
     return SxWait::pass(20'000, [&] { return player.says().find(words) != string::npos; });
+}
+
+/// Whether a process still holds room of the disk by a file of that name that was removed.
+bool holdsRoomOf(int64 pid, const string& name) {
+    std::error_code closed; // descriptors come and go
+    for (const auto& entry : fs::directory_iterator("/proc/" + std::to_string(pid) + "/fd", closed)) {
+        struct stat info = {};
+        if (fs::read_symlink(entry.path(), closed).filename() == name + " (deleted)" &&
+            ::stat(entry.path().c_str(), &info) == 0 && info.st_blocks > 0) {
+            return true;
+        }
+    }
+    return false;
 }
 
 } // namespace
@@ -40,6 +54,7 @@ TEST_F(StreamRun, AFullDiskEndsNothing) {
     EXPECT_TRUE(SxWait::pass(20'000, [&] { return hasPlayed(); })) << player->says();
     // These files go when the image is compared; if they went later, they would make room again.
     EXPECT_TRUE(eventually([&] { return !fs::exists(got + "/img.ahead"); }));
+    EXPECT_TRUE(eventually([&] { return !holdsRoomOf(player->getId(), "img.ahead"); }));
     // So would the note of the comparison, which takes the place of the one before.
     EXPECT_TRUE(eventually([&] { return dir.read("got/stream.json").find("\"verified\"") != string::npos; }));
     disk.fill();
