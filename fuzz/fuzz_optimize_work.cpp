@@ -79,6 +79,6 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, size_t size) {
     job.start();
     job.wait();
     if (job.isComplete() == job.hasFailure()) std::abort();
-    if (job.isComplete() && (work.isLocked() || !work.isEmpty())) std::abort();
+    if (job.isComplete() && work.state() != ZqOptimizeFolder::Nothing) std::abort();
     return 0;
 }

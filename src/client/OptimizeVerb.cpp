@@ -57,7 +57,7 @@ void tell(const ZqImageOptimize::Result& result, double seconds, bool isForecast
     const SxString rest = SxString::sprintf(" in %s%.1f s.", isForecast ? "about " : "", seconds);
     const char* does = isForecast ? "would be" : "were";
     if (result.isResumed && result.nTotal == 0) {
-        out->text("All blocks were in their place; the records were replaced.");
+        out->text("All blocks were there before; only the records were left to be replaced.");
     } else if (result.mode == ZqImageOptimize::None) {
         out->text(SxString("All ") + result.nKept + " blocks are in their place; only the records " +
                   (isForecast ? "would be replaced." : "were replaced."));
@@ -126,7 +126,9 @@ int finish(ZqImageOptimize* job, bool isForecast, Output* out) {
     if (job->hasFailure()) throw job->getFailure();
     const ZqImageOptimize::Result& result = job->getResult();
     if (!isForecast && !job->isComplete()) {
-        throw SxException("stopped; go on with: tavrin image optimize IMAGE --resume", UNIT, __LINE__);
+        throw SxException(job->isBegun() ? "stopped; go on with: tavrin image optimize IMAGE --resume"
+                                         : "stopped; nothing has changed",
+                          UNIT, __LINE__);
     }
     const double told = isForecast ? result.forecastSeconds : seconds;
     if (out->getMode().json) out->object(describe(result, told));

@@ -251,6 +251,13 @@ void ZqImageRecords::fetchRest(const ZqAppParams& app, const ZqStopTest& stop) {
     paramsFetch.finish();
 }
 
+void ZqImageRecords::fetchIndex(const ZqStopTest& stop) {
+    bool isConfirmed = false;
+    const ZqAppParams app = fetchApp(false, &isConfirmed, stop);
+    app.requireKnownFormat();
+    fetchRest(app, stop);
+}
+
 void ZqImageRecords::fetchParams(const ZqAppParams& app, const ZqStopTest& stop) const {
     const SxString params = folder + ZqImageFiles::IMAGE_JSON;
     takeRecord([&](bool isFresh) {

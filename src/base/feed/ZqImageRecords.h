@@ -27,6 +27,8 @@ public:
     void requireSameOnServer(const ZqAppParams& own, const ZqStopTest& stop) const;
     /// Fetches what else is missing or doesn't fit `app`: `img.json`, `img.idx`, its digest.
     void fetchRest(const ZqAppParams& app, const ZqStopTest& stop);
+    /// All of it, for an index folder: one that holds nothing yet.
+    void fetchIndex(const ZqStopTest& stop);
 
     /// Whether the server's `app.json` is still that of the version and block order of `own`. Raises where
     /// that can't be told now. Asks for it as for what an application waits for. Safe from any thread.

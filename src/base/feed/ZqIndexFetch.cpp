@@ -16,14 +16,9 @@ ZqIndexFetch::ZqIndexFetch(const SxString& folder_, const SxString& url_, const 
 }
 
 void ZqIndexFetch::main() {
-    const ZqStopTest stop = [this] { return stopRequested(); };
     try {
-        const auto link = SxPtr<ZqNetLink>::create();
-        ZqImageRecords records(link, folder, url, headers);
-        bool isConfirmed = false;
-        const ZqAppParams app = records.fetchApp(false, &isConfirmed, stop);
-        app.requireKnownFormat();
-        records.fetchRest(app, stop);
+        ZqImageRecords records(SxPtr<ZqNetLink>::create(), folder, url, headers);
+        records.fetchIndex([this] { return stopRequested(); });
     } catch (const SxException& e) {
         throw SxException(e, "Cannot fetch the order of '" + ZqUrlText::of(url) + "'", UNIT, __LINE__);
     }

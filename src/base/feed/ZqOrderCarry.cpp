@@ -43,11 +43,7 @@ public:
 SxString ZqOrderCarry::run(const SxPtr<ZqNetLink>& link, const SxString& image, const SxString& url,
                            const SxArray<SxString>& headers, const ZqStopTest& stop) {
     const IndexFolder index(image);
-    ZqImageRecords records(link, index.path, url, headers);
-    bool isConfirmed = false;
-    const ZqAppParams app = records.fetchApp(false, &isConfirmed, stop);
-    records.fetchRest(app, stop);
-
+    ZqImageRecords(link, index.path, url, headers).fetchIndex(stop);
     ZqImageOptimize job(image, index.path);
     job.keepIndex(ZqUrlText::of(url));
     job.start();

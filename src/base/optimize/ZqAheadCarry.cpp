@@ -26,14 +26,13 @@ ZqAheadCarry::ZqAheadCarry(const SxString& image, const ZqAppParams& oldApp,
       nInImage(oldApp.sizeZqf / BLOCK),
       kept(source.size() / PER_STRETCH + 1) {
     const SxString key = keyOf(oldApp);
-    if (key.isEmpty() || oldApp.sizeZqf == 0 || !ZqStretchStore::isIn(image)) return;
+    if (key.isEmpty() || oldApp.sizeZqf == 0) return;
     try {
-        old = std::make_unique<ZqStretchStore>(image, key, oldApp.sizeZqf, ZqBlocks::STRETCH, nInFile * BLOCK,
-                                               ZqDiskReserve());
+        old = ZqStretchStore::openToRead(image, key, oldApp.sizeZqf, ZqBlocks::STRETCH);
     } catch (const SxException& e) {
         zqLogMsg("base", "ZqAheadCarry: " + e.toString(SxException::ShowMessage, ": "));
-        return;
     }
+    if (!old) return;
     for (const uint64 stretch : old->list())
         if (stretch < kept.size()) kept[stretch] = true;
 }

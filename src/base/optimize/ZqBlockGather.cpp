@@ -11,6 +11,7 @@
 namespace {
 constexpr const char* UNIT = "src/base/optimize/ZqBlockGather";
 constexpr uint64 BLOCK = ZqBlocks::SIZE;
+constexpr const char* SCRATCH = "scratch";
 } // namespace
 
 void ZqBlockGather::read(std::span<const ZqMovePlan::Position> positions, char* to) {
@@ -43,9 +44,10 @@ void ZqBlockGather::read(std::span<const ZqMovePlan::Position> positions, char* 
 
 namespace {
 
-/// Seconds that it takes to write `bytes` to a new file of that name, synced; it is removed again.
-double timeWrite(const SxString& scratch, const std::function<void(std::vector<char>* bytes)>& fill,
+/// Seconds that it takes to write `n` bytes to a new file in `folder`, synced; it is removed again.
+double timeWrite(const SxString& folder, const std::function<void(std::vector<char>* bytes)>& fill,
                  size_t n) {
+    const SxString scratch = folder + SCRATCH;
     std::vector<char> bytes(n);
     SxFileIO target;
     target.create(scratch);
@@ -66,16 +68,16 @@ double timeWrite(const SxString& scratch, const std::function<void(std::vector<c
 } // namespace
 
 double ZqBlockGather::measureRate(SxFileIO* file, std::span<const ZqMovePlan::Position> positions,
-                                  const SxString& scratch) {
+                                  const SxString& folder) {
     const auto piece = positions.first(std::min<size_t>(positions.size(), PIECE));
     if (piece.empty()) return 0;
     const size_t n = piece.size() * BLOCK;
     return static_cast<double>(n) /
            timeWrite(
-               scratch, [&](auto* bytes) { ZqBlockGather(file).read(piece, bytes->data()); }, n);
+               folder, [&](auto* bytes) { ZqBlockGather(file).read(piece, bytes->data()); }, n);
 }
 
-double ZqBlockGather::measureSync(const SxString& scratch) {
+double ZqBlockGather::measureSync(const SxString& folder) {
     return timeWrite(
-        scratch, [](auto*) {}, BLOCK);
+        folder, [](auto*) {}, BLOCK);
 }

@@ -17,13 +17,14 @@ public:
     /// Reads the blocks at `positions`, none of which is NONE, one after the other into `to`. Raises where
     /// the file ends before one.
     void read(std::span<const ZqMovePlan::Position> positions, char* to);
-    /// Copies the first blocks of `positions`, a piece at most, to a file of that name, which is removed
+    /// Copies the first blocks of `positions`, a piece at most, to a file in `folder`, which is removed
     /// again, and gives the bytes per second that the disk took for it, synced; 0 where there are none.
+    /// Folders have trailing slashes.
     static double measureRate(SxFileIO* file, std::span<const ZqMovePlan::Position> positions,
-                              const SxString& scratch);
+                              const SxString& folder);
 
-    /// Seconds that the disk takes to sync a block in a file of that name, which is removed again.
-    static double measureSync(const SxString& scratch);
+    /// Seconds that the disk takes to sync a block in a file in `folder`, which is removed again.
+    static double measureSync(const SxString& folder);
 
 private:
     SxFileIO* const file;

@@ -21,8 +21,6 @@ constexpr uint64 BLOCK = ZqBlocks::SIZE;
 /// Blocks that are read and written together, and then synced. A power cut damages at most so many at the
 /// target's end.
 constexpr uint64 PIECE = ZqBlockGather::PIECE;
-constexpr uint64 ROOM_FOR_RECORDS = 1 << 20;
-constexpr const char* SCRATCH = "scratch";
 
 /// What a link leads to, or has another name, isn't written into.
 bool isOwnFile(const SxString& path) {
@@ -66,7 +64,7 @@ void ZqImageDefrag::reorder() {
     uint64 first = 0;
     if (isOwnFile(path)) {
         const uint64 sizeTarget = static_cast<uint64>(SxFSAction::sizeOf(path)) / BLOCK;
-        if (!isKnown && !consumed.isEmpty() && sizeTarget > nTarget) {
+        if (!isNoted && sizeTarget > nTarget) {
             throw SxException("'" + path +
                                   "' has more blocks than a copy of this image would have; take it "
                                   "away if it is of no use",
@@ -74,7 +72,8 @@ void ZqImageDefrag::reorder() {
         }
         first = keepTarget(&zqf, isKnown && sizeTarget > PIECE ? sizeTarget - PIECE : 0);
     }
-    ZqImageFolder::requireSpace(indexPath, (nTarget - first + nBeyond) * BLOCK + ROOM_FOR_RECORDS);
+    ZqImageFolder::requireSpace(indexPath,
+                                (nTarget - first + nBeyond) * BLOCK + ZqOptimizeFolder::ROOM_FOR_RECORDS);
     if (isNoted && !isKnown) {
         work.make();
         work.writeNote(note);
@@ -95,9 +94,9 @@ void ZqImageDefrag::reorder() {
 }
 
 void ZqImageDefrag::forecast(SxFileIO* zqf) {
-    ZqImageFolder::requireSpace(indexPath, (nTarget + nBeyond) * BLOCK + ROOM_FOR_RECORDS);
+    ZqImageFolder::requireSpace(indexPath, (nTarget + nBeyond) * BLOCK + ZqOptimizeFolder::ROOM_FOR_RECORDS);
     forecastBytes = nTarget * BLOCK;
-    const double rate = ZqBlockGather::measureRate(zqf, sourceOf(0, nTarget), indexPath + SCRATCH);
+    const double rate = ZqBlockGather::measureRate(zqf, sourceOf(0, nTarget), indexPath);
     if (rate > 0) forecastSeconds = static_cast<double>(forecastBytes) / rate;
 }
 

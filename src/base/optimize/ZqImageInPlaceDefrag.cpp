@@ -18,11 +18,8 @@ namespace {
 
 constexpr const char* UNIT = "src/base/optimize/ZqImageInPlaceDefrag";
 constexpr uint64 BLOCK = ZqBlocks::SIZE;
-/// For the records, the note, and how far the job has come.
-constexpr uint64 ROOM_FOR_RECORDS = 1 << 20;
 /// The percentage when all blocks are in their places: what then comes has none.
 constexpr double MOVED = 50;
-constexpr const char* SCRATCH = "scratch";
 /// One for the blocks, one for how far the job has come.
 constexpr uint64 SYNCS_A_BATCH = 2;
 /// Positions without a block are filled with zeros in pieces of so many.
@@ -66,7 +63,7 @@ void ZqImageInPlaceDefrag::reorder() {
         return;
     }
     Source source = isResumed ? goOn() : begin();
-    if (isForecastOnly()) return forecast(source);
+    if (isForecastOnly()) return forecast(std::move(source));
     move(work.readNote(), std::move(source));
 }
 
@@ -86,8 +83,10 @@ ZqImageInPlaceDefrag::Source ZqImageInPlaceDefrag::begin() {
     for (uint64 to = 0; to < source.size(); ++to)
         nOut += source[to] != ZqMovePlan::NONE && source[to] != to;
     const uint64 nHeads = std::min<uint64>(limits.nHeads, nOut);
-    bytesExtra = nHeads * BLOCK + source.size() * sizeof(uint64) + std::max(sizeOld, sizeNew) - sizeOld;
-    ZqImageFolder::requireSpace(imagePath, bytesExtra + ROOM_FOR_RECORDS);
+    const uint64 nMapBytes = source.size() * sizeof(uint64);
+    bytesExtra = nHeads * BLOCK + nMapBytes + std::max(sizeOld, sizeNew) - sizeOld;
+    const uint64 nCopied = indexPath == work.getPath() ? nMapBytes : 0;
+    ZqImageFolder::requireSpace(imagePath, bytesExtra - nCopied + ZqOptimizeFolder::ROOM_FOR_RECORDS);
     if (isForecastOnly()) return source;
     refuseStop();
     const ZqOptimizeNote note{
@@ -103,25 +102,30 @@ ZqImageInPlaceDefrag::Source ZqImageInPlaceDefrag::begin() {
     return source;
 }
 
-void ZqImageInPlaceDefrag::forecast(const Source& source) {
+void ZqImageInPlaceDefrag::countBlocks(const ZqMovePlan& plan, uint64 sizeOld, uint64 sizeNew) {
+    nMoved = plan.getNMoved();
+    nKept = plan.getNKept();
+    nIncluded = nMoved + nKept;
+    forecastBytes = sizeNew - nKept * BLOCK;
+    changed = forecastBytes > 0 || sizeOld != sizeNew;
+}
+
+void ZqImageInPlaceDefrag::forecast(Source source) {
     SxFileIO zqf(imagePath + ZqImageFiles::ZQF, "rb");
     Source first;
     for (uint64 to = 0; to < source.size() && first.size() < ZqBlockGather::PIECE; ++to)
         if (source[to] != ZqMovePlan::NONE && source[to] != to) first.push_back(source[to]);
-    const double rate = ZqBlockGather::measureRate(&zqf, first, indexPath + SCRATCH);
-    ZqMovePlan plan(source, limits);
-    nMoved = plan.getNMoved();
-    nKept = plan.getNKept();
-    nIncluded = nMoved + nKept;
-    forecastBytes = nMoved * BLOCK;
+    const double rate = ZqBlockGather::measureRate(&zqf, first, indexPath);
+    ZqMovePlan plan(std::move(source), limits);
+    countBlocks(plan, static_cast<uint64>(zqf.getSize()), ZqAppParams(indexPath).sizeZqf);
     uint64 nHeads = 0, nSyncs = 0;
     while (plan.nextRound()) {
         nHeads += plan.getHeads().size();
         nSyncs += SYNCS_A_BATCH * (plan.getNBatches() + 1);
     }
     if (rate == 0) return;
-    forecastSeconds = static_cast<double>((nMoved + nHeads) * BLOCK) / rate +
-                      static_cast<double>(nSyncs) * ZqBlockGather::measureSync(indexPath + SCRATCH);
+    forecastSeconds = static_cast<double>(forecastBytes + nHeads * BLOCK) / rate +
+                      static_cast<double>(nSyncs) * ZqBlockGather::measureSync(indexPath);
 }
 
 void ZqImageInPlaceDefrag::requireBlocks(const Source& source, uint64 sizeOld) const {
@@ -192,9 +196,7 @@ void ZqImageInPlaceDefrag::move(const ZqOptimizeNote& note, Source source) {
         zqf.sync();
     }
     ZqMovePlan plan(std::move(source), note.limits);
-    nMoved = plan.getNMoved();
-    nKept = plan.getNKept();
-    nIncluded = nMoved + nKept;
+    countBlocks(plan, note.from.sizeZqf, note.to.sizeZqf);
     ZqMoveProgress howFar = ZqMoveProgress::open(work.file(ZqOptimizeFolder::PROGRESS));
     doRounds(&plan, &zqf, &howFar);
     clearUnused(plan, note.to.sizeZqf, &zqf);

@@ -25,6 +25,8 @@ public:
     void setConsumed(const SxString& path) { consumed = path; }
     /// Other limits than those that serve best; before start().
     void setLimits(const ZqMovePlan::Limits& limits_) { limits = limits_; }
+    /// After the end: whether `img.zqf` isn't what it was, byte by byte.
+    bool changesBlocks() const { return changed; }
 
 protected:
     void reorder() override;
@@ -36,7 +38,9 @@ private:
     Source goOn() const;
     /// Raises where a block of `source` isn't in the file, which has that size.
     void requireBlocks(const Source& source, uint64 sizeOld) const;
-    void forecast(const Source& source);
+    void forecast(Source source);
+    /// Looks at what blocks are where they belong, and which positions get none.
+    void countBlocks(const ZqMovePlan& plan, uint64 sizeOld, uint64 sizeNew);
     void makeWorkFolder(const ZqOptimizeNote& note, uint64 nHeads) const;
     void copyIndex(const SxString& digest) const;
     void move(const ZqOptimizeNote& note, Source source);
@@ -54,4 +58,5 @@ private:
     SxString consumed;
     ZqMovePlan::Limits limits;
     uint64 inPlace = 0; ///< bytes of blocks in their place
+    bool changed = false;
 };

@@ -6,6 +6,7 @@
 #include "SxOs.h"
 #include "SxTime.h"
 #include "ZqAppParams.h"
+#include "ZqConsumedIndex.h"
 #include "ZqImage.h"
 #include "ZqImageDefrag.h"
 #include "ZqImageFiles.h"
@@ -18,6 +19,7 @@
 #include "ZqMoveProgress.h"
 #include "ZqOptimizeFolder.h"
 #include "ZqOrderRemains.h"
+#include "ZqStreamRecord.h"
 #include "ZqSyncedSize.h"
 #include "ZqSysEnv.h"
 
@@ -25,28 +27,8 @@ namespace {
 
 constexpr const char* UNIT = "src/base/optimize/ZqImageOptimize";
 constexpr int64 POLL_MS = 1000;
-constexpr uint64 ROOM_FOR_RECORDS = 1 << 20;
-constexpr const char* INDEX_FILES[] = {ZqImageFiles::IMAGE_JSON, ZqImageFiles::APP_JSON,
-                                       ZqImageFiles::IDX_MD5, ZqImageFiles::IDX_7Z, ZqImageFiles::IDX};
 constexpr const char* COPY_FAILED = "ZqF Defragmentation Thread crashed";
 constexpr const char* IN_PLACE_FAILED = "ZqF Defragmentation Thread failed.";
-
-/// Where the path leads, for a folder that is removed at the end.
-SxString realFolder(const SxString& path) {
-    std::string real;
-    const bool isThere = SxOs::get().canonical(SxOs::hostPath(path), &real) == 0;
-    return ZqSysEnv::unifySlashes(
-        ZqImageFolder::prefix(isThere ? SxString(real) : SxFileInfo(path).getAbsPath()));
-}
-
-/// What in an index folder tells that it is an image that is used or published, too; empty for none.
-SxString findImageMark(const SxString& index) {
-    for (const SxString name : {ZqImageFiles::LOCK, ZqImageFiles::LAYER_INDEX, ZqImageFiles::TRACES,
-                                ZqImageFiles::PACKED, ZqImageFiles::STREAM_JSON}) {
-        if (!SxFSAction::isGone(index + name)) return name;
-    }
-    return {};
-}
 
 void log(const SxString& text) {
     zqLogMsg("base", "ZqImageOptimize::main: " + text);
@@ -57,7 +39,7 @@ void log(const SxString& text) {
 ZqImageOptimize::ZqImageOptimize(const SxString& imagePath_, const SxString& indexPath_)
     : runtimeInfo(SxPtr<ZqRuntimeInfo>::create()),
       imagePath(ZqSysEnv::unifySlashes(ZqImageFolder::prefix(imagePath_))),
-      indexPath(realFolder(indexPath_)),
+      indexPath(ZqConsumedIndex::realPath(indexPath_)),
       isResumed(false),
       indexName(ZqSysEnv::unifySlashes(ZqImageFolder::prefix(indexPath_))),
       work(SxPtr<ZqOptimizeFolder>::create(imagePath)) {
@@ -76,11 +58,13 @@ ZqImageOptimize::ZqImageOptimize(const SxString& imagePath_)
 
 void ZqImageOptimize::main() {
     try {
+        const SxPtr<ZqImageLock> lock = takeImage();
         if (isResumed) {
             goOn();
         } else {
             begin();
         }
+        begun = !complete && work->state() != ZqOptimizeFolder::Nothing;
     } catch (const SxException& e) {
         ZqJobFailure::report(
             this, "Cannot defragment ZqF file in " + imagePath + " based on index in " + indexName + ": ",
@@ -88,10 +72,17 @@ void ZqImageOptimize::main() {
     }
 }
 
+/// Nobody else uses the image until the lock goes.
+SxPtr<ZqImageLock> ZqImageOptimize::takeImage() const {
+    if (!isResumed) requireIndex();
+    // A folder that was named by mistake stays as it is.
+    if (!ZqImageFolder::holdsImage(imagePath)) {
+        throw SxException("'" + imagePath + "' holds no image", UNIT, __LINE__);
+    }
+    return ZqImageLock::takeAnyState(imagePath, ZqImageLock::Shape, ZqImageLock::Exclusive, "image optimize");
+}
+
 void ZqImageOptimize::begin() {
-    requireIndex();
-    const auto lock =
-        ZqImageLock::takeAnyState(imagePath, ZqImageLock::Shape, ZqImageLock::Exclusive, "image optimize");
     // The one folder is removed at the end, the other one is emptied at the beginning.
     if (ZqImageStaging::liesIn(imagePath, indexPath) || ZqImageStaging::liesIn(indexPath, work->getPath())) {
         throw SxException("'" + indexName + "' is, holds or works on the image '" + imagePath +
@@ -99,15 +90,21 @@ void ZqImageOptimize::begin() {
                           UNIT, __LINE__);
     }
     work->requireOwn();
-    if (work->isDone()) work->remove();
-    if (work->isLocked() || work->lacksLock()) {
+    const ZqOptimizeFolder::State state = work->state();
+    if (state == ZqOptimizeFolder::Done && !forecastOnly) {
+        work->confirm();
+        work->remove();
+    } else if (state > ZqOptimizeFolder::CopyBegun) {
         throw SxException(SxException("go on with: tavrin image optimize IMAGE --resume", UNIT, __LINE__),
                           imagePath + ZqImageFiles::OPTIMIZE_LOCK +
                               " available. Unfinished optimization detected",
                           UNIT, __LINE__);
     }
-    requireWhole();
-    requireConsumable();
+    if (consumes) {
+        consumed = indexPath;
+        ZqConsumedIndex(indexPath).requireNoImage(indexName);
+    }
+    requireImage();
     cutDoubtful();
     const auto size = static_cast<uint64>(SxFSAction::sizeOf(imagePath + ZqImageFiles::ZQF));
     try {
@@ -115,7 +112,7 @@ void ZqImageOptimize::begin() {
             reorderInPlace();
         } else {
             log("Starting Defragmentation using copy mode.");
-            copy(takeIndex(), consumes && !forecastOnly);
+            copy(takeIndex(), indexName);
         }
     } catch (const SxException&) {
         sweep();
@@ -126,10 +123,15 @@ void ZqImageOptimize::begin() {
 
 /// Leaves nothing in the work folder where nothing has begun that could be gone on with.
 void ZqImageOptimize::sweep() const {
-    if (work->isLocked()) return;
-    const SxString forecast = work->file(ZqOptimizeFolder::FORECAST);
-    if (!SxFSAction::isGone(forecast)) SxFSAction::rm_r(forecast);
-    if (!work->has(ZqOptimizeFolder::NOTE)) work->remove();
+    try {
+        if (work->isLocked()) return;
+        const SxString forecast = work->file(ZqOptimizeFolder::FORECAST);
+        if (!SxFSAction::isGone(forecast)) SxFSAction::rm_r(forecast);
+        if (work->state() == ZqOptimizeFolder::Nothing) work->remove();
+    } catch (const SxException& e) {
+        // What it came from is told; the next job removes what is left.
+        log(e.toString(SxException::ShowMessage, ": "));
+    }
 }
 
 /// What a power cut may have taken of a download mustn't be moved to where nobody doubts it any longer.
@@ -137,15 +139,6 @@ void ZqImageOptimize::cutDoubtful() const {
     const SxString zqf = imagePath + ZqImageFiles::ZQF;
     const std::function<bool()> stop = [this] { return stopRequested(); };
     if (!forecastOnly && SxFSAction::test_f(zqf)) ZqSyncedSize(zqf).cutBack(stop);
-}
-
-/// Who consumes an order by mistake must not lose an image.
-void ZqImageOptimize::requireConsumable() const {
-    const SxString mark = consumes ? findImageMark(indexPath) : SxString();
-    if (mark.isEmpty()) return;
-    throw SxException("'" + indexName + "' holds an image ('" + mark +
-                          "'), and isn't consumed; take the order without that",
-                      UNIT, __LINE__);
 }
 
 void ZqImageOptimize::requireIndex() const {
@@ -160,9 +153,11 @@ void ZqImageOptimize::requireIndex() const {
     require(ZqImageFiles::APP_JSON);
 }
 
-/// The short `img.zqf` of an image that is in parts, or on its way to another version, is no partial one.
-void ZqImageOptimize::requireWhole() const {
+/// The short `img.zqf` of an image that is in parts, or on its way to another version, is no partial one. A
+/// record that couldn't be changed later would hold the image up then.
+void ZqImageOptimize::requireImage() const {
     ZqImageLock::refuseUnfinished(imagePath);
+    ZqStreamRecord().read(imagePath);
     const ZqImage::SplitState storage = ZqImage(imagePath).getSplitState();
     if (!storage.split && !storage.joining) return;
     throw SxException("Image '" + imagePath +
@@ -170,11 +165,13 @@ void ZqImageOptimize::requireWhole() const {
                       UNIT, __LINE__);
 }
 
+/// A design decision: neither mode works in the index folder itself. It may lie on another disk, from where
+/// nothing is renamed in one step, may be read-only, or be given to two jobs at a time.
 SxString ZqImageOptimize::takeIndex() const {
-    if (consumes && !forecastOnly) return indexPath;
     const bool isPacked = !SxFSAction::exists(indexPath + ZqImageFiles::IDX);
     const SxString map = indexPath + (isPacked ? ZqImageFiles::IDX_7Z : ZqImageFiles::IDX);
-    ZqImageFolder::requireSpace(imagePath, static_cast<uint64>(SxFSAction::sizeOf(map)) + ROOM_FOR_RECORDS);
+    ZqImageFolder::requireSpace(imagePath, static_cast<uint64>(SxFSAction::sizeOf(map)) +
+                                               ZqOptimizeFolder::ROOM_FOR_RECORDS);
     work->make();
     const SxString folder = work->getPath() + (forecastOnly ? ZqOptimizeFolder::FORECAST : "");
     if (forecastOnly) {
@@ -188,17 +185,11 @@ SxString ZqImageOptimize::takeIndex() const {
 
 void ZqImageOptimize::reorderInPlace() {
     log("Starting Defragmentation using inplace mode");
-    if (consumes && !SxFSAction::isGone(indexPath + ZqImageFiles::ZQF)) {
-        throw SxException("'" + indexName +
-                              "' holds an image ('img.zqf'), and isn't consumed; take the order "
-                              "without that",
-                          UNIT, __LINE__);
-    }
     // What a copy has left is of no use for a complete image.
     if (!forecastOnly) work->remove();
     ZqImageInPlaceDefrag worker(imagePath, takeIndex());
     worker.setIndexName(indexName);
-    if (consumes) worker.setConsumed(indexPath);
+    worker.setConsumed(consumed);
     if (nHeads > 0) worker.setLimits({nHeads, nSteps});
     runInPlace(&worker);
 }
@@ -210,29 +201,21 @@ void ZqImageOptimize::runInPlace(ZqImageInPlaceDefrag* worker) {
         throw SxException(worker->getException(), IN_PLACE_FAILED, UNIT, __LINE__);
     }
     count(*worker);
-    result.mode = result.nMoved > 0 ? InPlace : None;
+    result.mode = worker->changesBlocks() ? InPlace : None;
     if (!forecastOnly && worker->isComplete() && !stopRequested()) finish();
 }
 
-void ZqImageOptimize::copy(const SxString& index, bool isConsumed) {
+void ZqImageOptimize::copy(const SxString& index, const SxString& name) {
     result.mode = Copy;
-    // A complete copy that was on its way out of the index folder goes back: it is compared once more there.
-    if (isConsumed && work->has(ZqImageFiles::ZQF) && SxFSAction::isGone(index + ZqImageFiles::ZQF)) {
-        SxFSAction::mv(work->file(ZqImageFiles::ZQF), index + ZqImageFiles::ZQF);
-    }
     ZqImageDefrag worker(imagePath, index);
-    worker.setIndexName(isResumed ? index : indexName);
-    worker.keepNote(isConsumed ? index : SxString());
+    worker.setIndexName(name);
+    worker.keepNote(consumed);
     runWorker(&worker);
     if (worker.hasException()) throw SxException(worker.getException(), COPY_FAILED, UNIT, __LINE__);
     count(worker);
     result.nBeyond = worker.getNBeyond();
     result.nLost = worker.getNLost();
     if (forecastOnly || !worker.isComplete() || stopRequested()) return;
-    if (isConsumed) {
-        ZqOptimizeFolder::copyIndex(index, work->getPath());
-        SxFSAction::mv(index + ZqImageFiles::ZQF, work->file(ZqImageFiles::ZQF));
-    }
     const uint64 replaces = (work->has(ZqImageFiles::AHEAD) ? ZqMoveProgress::ALSO_AHEAD : 0) |
                             (work->has(ZqImageFiles::IDX_MD5) ? ZqMoveProgress::ALSO_IDX_MD5 : 0);
     const auto size = static_cast<uint64>(SxFSAction::sizeOf(work->file(ZqImageFiles::ZQF)));
@@ -277,14 +260,10 @@ void ZqImageOptimize::runWorker(ZqDefragJob* worker) {
 }
 
 void ZqImageOptimize::goOn() {
-    const auto lock =
-        ZqImageLock::takeAnyState(imagePath, ZqImageLock::Shape, ZqImageLock::Exclusive, "image optimize");
     result.isResumed = true;
     work->requireOwn();
-    if (work->lacksLock()) work->lock();
-    if (!work->isLocked()) return goOnWithCopy();
-    if (work->isDone()) return finish();
-    if (work->isEmpty()) {
+    const ZqOptimizeFolder::State state = work->state();
+    if (state == ZqOptimizeFolder::Lost) {
         throw SxException(
             "'" + imagePath + ZqImageFiles::OPTIMIZE_LOCK + "' stands there without the folder '" +
                 work->getPath() +
@@ -292,27 +271,24 @@ void ZqImageOptimize::goOn() {
                 "anew, unless you know that none was begun and remove the lock",
             UNIT, __LINE__);
     }
-    ZqMoveProgress howFar = ZqMoveProgress::open(work->file(ZqOptimizeFolder::PROGRESS));
-    // Who was killed while it noted that has left it in memory alone, perhaps, and all that follows relies on
-    // it. Written once more, since a sync alone doesn't write what a failed one has left.
-    howFar.set(howFar.get());
-    if (howFar.get().phase > ZqMoveProgress::Batches) return finish();
+    if (state == ZqOptimizeFolder::CopyBegun) return goOnWithCopy();
+    if (state == ZqOptimizeFolder::Nothing) {
+        work->remove();
+        throw SxException("No optimisation of image '" + imagePath +
+                              "' was begun, so there is none to go on with",
+                          UNIT, __LINE__);
+    }
+    if (state != ZqOptimizeFolder::Done && !work->isLocked()) work->lock();
+    work->confirm();
+    if (state != ZqOptimizeFolder::Moving) return finish();
     log("Starting Defragmentation using inplace mode");
     ZqImageInPlaceDefrag worker(imagePath);
     runInPlace(&worker);
 }
 
 void ZqImageOptimize::goOnWithCopy() {
-    requireWhole();
+    requireImage();
     cutDoubtful();
-    const bool isCopy = work->has(ZqOptimizeFolder::NOTE) && work->readNote().mode == ZqOptimizeNote::Copy;
-    if (!isCopy) {
-        // One that was cut off before it changed anything.
-        work->remove();
-        throw SxException("No optimisation of image '" + imagePath +
-                              "' was begun, so there is none to go on with",
-                          UNIT, __LINE__);
-    }
     const auto size = static_cast<uint64>(SxFSAction::sizeOf(imagePath + ZqImageFiles::ZQF));
     if (size == ZqAppParams(imagePath).sizeZqf) {
         throw SxException("Image '" + imagePath +
@@ -321,42 +297,47 @@ void ZqImageOptimize::goOnWithCopy() {
     }
     log("Starting Defragmentation using copy mode.");
     const ZqOptimizeNote note = work->readNote();
-    const SxString index = note.index.isEmpty() ? work->getPath() : note.index;
-    const SxString map = index + ZqImageFiles::IDX;
-    // The name comes from a file: nothing is written into a folder that somebody uses as an image.
-    if (!SxFSAction::test_f(map) || !(SxMd5::file(map) == note.to.idx) || !findImageMark(index).isEmpty()) {
+    const SxString map = work->file(ZqImageFiles::IDX);
+    if (!SxFSAction::test_f(map) || !(SxMd5::file(map) == note.to.idx)) {
         throw SxException("'" + map +
                               "' isn't the map that the optimisation was begun with; give INDEX again",
                           UNIT, __LINE__);
     }
-    copy(index, !note.index.isEmpty());
+    consumed = note.index;
+    copy(work->getPath(), work->getPath());
 }
 
 void ZqImageOptimize::finish() {
-    if (!work->isDone()) {
-        ZqMoveProgress howFar = ZqMoveProgress::open(work->file(ZqOptimizeFolder::PROGRESS));
-        if (howFar.get().phase != ZqMoveProgress::Tidy) {
-            howFar.requirePlan(work->digestNote());
-            const ZqOptimizeNote note = work->readNote();
-            requireNew(note, howFar.get());
-            if (howFar.get().phase == ZqMoveProgress::Swap) {
-                // What was true of the old blocks goes, unless the copy has replaced it.
-                const uint64 replaces = howFar.get().batch;
-                ZqOrderRemains::remove(imagePath, (replaces & ZqMoveProgress::ALSO_AHEAD) == 0,
-                                       (replaces & ZqMoveProgress::ALSO_IDX_MD5) == 0);
-            }
-            work->replace();
-            ZqOrderRemains::renewSyncedSize(imagePath);
-            if (!note.index.isEmpty()) removeIndex(note);
-            howFar.set({ZqMoveProgress::Tidy, 0, 0, 0});
+    const SxString progress = work->file(ZqOptimizeFolder::PROGRESS);
+    if (work->state() == ZqOptimizeFolder::Replacing) {
+        ZqMoveProgress howFar = ZqMoveProgress::open(progress);
+        howFar.requirePlan(work->digestNote());
+        const ZqOptimizeNote note = work->readNote();
+        if (note.mode == ZqOptimizeNote::Copy) {
+            requireNew(note, howFar.get().round);
+            // What was true of the old blocks goes, unless the copy has replaced it.
+            const uint64 replaces = howFar.get().batch;
+            ZqOrderRemains::remove(imagePath, (replaces & ZqMoveProgress::ALSO_AHEAD) == 0,
+                                   (replaces & ZqMoveProgress::ALSO_IDX_MD5) == 0);
+        } else {
+            requireNew(note, std::nullopt);
         }
+        work->replace();
+        ZqOrderRemains::renewSyncedSize(imagePath);
+        if (!note.index.isEmpty()) {
+            result.indexLeft = ZqConsumedIndex(note.index).remove(imagePath);
+            if (!result.indexLeft.isEmpty()) log(result.indexLeft);
+        }
+        // Of what has moved before, nobody has the figures any longer.
+        if (result.nTotal == 0) result.mode = note.mode == ZqOptimizeNote::Copy ? Copy : InPlace;
+        howFar.set({ZqMoveProgress::Tidy, 0, 0, 0});
     }
     work->remove();
     complete = true;
 }
 
 /// A map of the one order beside blocks or records of the other would be taken for an image.
-void ZqImageOptimize::requireNew(const ZqOptimizeNote& note, const ZqMoveProgress::State& state) const {
+void ZqImageOptimize::requireNew(const ZqOptimizeNote& note, const std::optional<uint64>& copied) const {
     const auto folderOf = [&](const char* name) { return work->has(name) ? work->getPath() : imagePath; };
     const SxString map = folderOf(ZqImageFiles::IDX) + ZqImageFiles::IDX;
     if (!(SxMd5::file(map) == note.to.idx)) {
@@ -368,39 +349,10 @@ void ZqImageOptimize::requireNew(const ZqOptimizeNote& note, const ZqMoveProgres
                               "' isn't the record that the optimisation was begun with",
                           UNIT, __LINE__);
     }
-    if (state.phase != ZqMoveProgress::Swap) return;
+    if (!copied) return;
     const SxString blocks = folderOf(ZqImageFiles::ZQF) + ZqImageFiles::ZQF;
-    if (static_cast<uint64>(SxFSAction::sizeOf(blocks)) == state.round) return;
+    if (static_cast<uint64>(SxFSAction::sizeOf(blocks)) == *copied) return;
     throw SxException("'" + blocks + "' isn't the copy that the optimisation has made: it hasn't " +
-                          SxString(state.round) + " bytes",
+                          SxString(*copied) + " bytes",
                       UNIT, __LINE__);
-}
-
-void ZqImageOptimize::removeIndex(const ZqOptimizeNote& note) {
-    const SxString& index = note.index;
-    try {
-        if (SxFSAction::isGone(index)) return;
-        // No more goes than what an index folder of that order holds. The map goes last, since who has to go
-        // on knows the folder by it.
-        const SxString map = index + ZqImageFiles::IDX;
-        const bool isImage =
-            !findImageMark(index).isEmpty() || !SxFSAction::isGone(index + ZqImageFiles::ZQF);
-        if (!isImage && index.endsWith("/") && SxFSAction::test_f(map) && SxMd5::file(map) == note.to.idx) {
-            for (const char* name : INDEX_FILES) {
-                if (SxFSAction::test_f(index + name)) SxFSAction::rm(index + name);
-                SxFSAction::syncDir(index);
-            }
-        }
-        if (SxFSAction::ls(index).isEmpty()) {
-            SxFSAction::rm_r(index);
-            // It stays gone, whatever comes: else the same command would be refused for half an index folder.
-            SxFSAction::syncDir(SxFileInfo(index).getPath());
-            return;
-        }
-        result.indexLeft = "The index folder '" + index + "' stays, since it holds other files";
-    } catch (const SxException& e) {
-        // The image is what it should be; it must not be held up by that.
-        result.indexLeft = "The index folder '" + index + "' can't be removed: " + e.what();
-    }
-    log(result.indexLeft);
 }

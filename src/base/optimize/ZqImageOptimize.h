@@ -1,12 +1,14 @@
 #pragma once
 
 #include "SxPtr.h"
-#include "ZqMoveProgress.h"
 #include "ZqRuntimeInfo.h"
 #include "ZqTaskMon.h"
 
+#include <optional>
+
 class ZqDefragJob;
 class ZqImageInPlaceDefrag;
+class ZqImageLock;
 class ZqOptimizeFolder;
 struct ZqOptimizeNote;
 
@@ -21,8 +23,8 @@ struct ZqOptimizeNote;
 /// else takes it.
 class ZqImageOptimize : public ZqTaskMon {
 public:
-    /// Both with or without trailing slashes. Unless keepIndex(), what an index folder holds is removed from
-    /// it at the end, and the folder where nothing else is in it.
+    /// Both with or without trailing slashes. The job works on a copy of the index folder in the image
+    /// folder. Unless keepIndex(), the index folder is removed at the end, see ZqConsumedIndex.
     ZqImageOptimize(const SxString& imagePath_, const SxString& indexPath_);
     /// Goes on with what was begun in the image folder, whichever way.
     explicit ZqImageOptimize(const SxString& imagePath_);
@@ -30,7 +32,7 @@ public:
     /// Gets `defragStats`; not null.
     SxPtr<ZqRuntimeInfo> runtimeInfo;
 
-    /// Leaves the index folder as it is: the job works on a copy of it in the image folder. Before start().
+    /// Leaves the index folder as it is. Before start().
     void keepIndex() { consumes = false; }
     /// The same, and failures call it so, as one that was fetched. Before start().
     void keepIndex(const SxString& name) {
@@ -45,7 +47,7 @@ public:
     }
 
     enum Mode {
-        None, ///< no block moves, only the records change
+        None, ///< `img.zqf` stays as it is, only the records change
         InPlace,
         Copy
     };
@@ -67,38 +69,40 @@ public:
     void setForecastOnly() { forecastOnly = true; }
     /// After the end: whether the image has the new order, and all is in its place.
     bool isComplete() const { return complete; }
+    /// After an end before that: whether a job without an index folder can go on.
+    bool isBegun() const { return begun; }
     const Result& getResult() const { return result; }
 
 protected:
     void main() override;
 
 private:
+    SxPtr<ZqImageLock> takeImage() const;
     void begin();
     void requireIndex() const;
-    void requireWhole() const;
-    void requireConsumable() const;
+    void requireImage() const;
     void cutDoubtful() const;
     void sweep() const;
-    void requireNew(const ZqOptimizeNote& note, const ZqMoveProgress::State& state) const;
-    /// The folder that a worker takes for the index folder.
+    /// The copy of the index folder that a worker takes.
     SxString takeIndex() const;
     void reorderInPlace();
     void runInPlace(ZqImageInPlaceDefrag* worker);
     /// Takes the worker's figures.
     void count(const ZqDefragJob& worker);
-    void copy(const SxString& index, bool isConsumed);
+    void copy(const SxString& index, const SxString& name);
     void runWorker(ZqDefragJob* worker);
     void goOn();
     void goOnWithCopy();
     void finish();
-    void removeIndex(const ZqOptimizeNote& note);
+    void requireNew(const ZqOptimizeNote& note, const std::optional<uint64>& copied) const;
 
     const SxString imagePath, indexPath; ///< with trailing slashes; no index folder to go on
     const bool isResumed;
     bool consumes = true, forecastOnly = false;
     SxString indexName; ///< as it was given
+    SxString consumed;  ///< the index folder that goes at the end; empty for none
     const SxPtr<ZqOptimizeFolder> work;
     uint64 nHeads = 0, nSteps = 0; ///< limits of the moves in place; 0 where those that serve best are taken
     Result result;
-    bool complete = false;
+    bool complete = false, begun = false;
 };

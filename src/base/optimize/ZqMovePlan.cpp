@@ -10,6 +10,8 @@ constexpr uint64 WORD = 64;
 constexpr uint64 WINDOW = 16; ///< words
 /// A chain ends after so many times the steps that one has on average.
 constexpr uint64 LONGEST = 2;
+/// A round ends before it would take more steps, unless one cycle or path has so many: they are in memory.
+constexpr uint64 ROUND_STEPS = uint64{1} << 21;
 
 } // namespace
 
@@ -97,7 +99,8 @@ std::optional<ZqMovePlan::Course> ZqMovePlan::nextCourse() {
     }
     const auto first = static_cast<Position>((*next)++);
     const uint64 nSteps = countSteps(first);
-    Course course{first, std::max(limits.nSteps, nSteps / limits.nHeads), nSteps > LONGEST * limits.nSteps};
+    Course course{first, nSteps, std::max(limits.nSteps, nSteps / limits.nHeads),
+                  nSteps > LONGEST * limits.nSteps};
     // One course has one lot of heads, however long it is.
     while (countHeads(course) > limits.nHeads)
         course.spacing += course.spacing / 8 + 1;
@@ -106,12 +109,14 @@ std::optional<ZqMovePlan::Course> ZqMovePlan::nextCourse() {
 
 bool ZqMovePlan::nextRound() {
     std::vector<Course> courses;
-    uint64 nHeads = 0;
+    uint64 nHeads = 0, nSteps = 0;
     if (!pending) pending = nextCourse();
     while (pending) {
         const uint64 more = countHeads(*pending);
-        if (nHeads + more > limits.nHeads) break;
+        const bool isFull = nHeads + more > limits.nHeads || nSteps + pending->nSteps > ROUND_STEPS;
+        if (isFull && !courses.empty()) break;
         nHeads += more;
+        nSteps += pending->nSteps;
         courses.push_back(*pending);
         pending = nextCourse();
     }

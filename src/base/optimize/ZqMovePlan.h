@@ -2,6 +2,7 @@
 
 #include "SxTypes.h"
 
+#include <algorithm>
 #include <functional>
 #include <optional>
 #include <span>
@@ -58,6 +59,7 @@ private:
     /// A cycle or a path, by its first position.
     struct Course {
         Position first;
+        uint64 nSteps;
         uint64 spacing; ///< one position in so many begins a chain
         bool isCut;     ///< it has more than one chain
     };

@@ -27,10 +27,26 @@ constexpr const char* REPLACED[] = {ZqImageFiles::IMAGE_JSON, ZqImageFiles::APP_
                                     ZqImageFiles::IDX_MD5,    ZqImageFiles::ZQF,      ZqImageFiles::AHEAD,
                                     ZqImageFiles::AHEAD_IDX};
 
-constexpr const char* FILES[] = {ZqImageFiles::IMAGE_JSON, ZqImageFiles::APP_JSON,    ZqImageFiles::IDX,
-                                 ZqImageFiles::IDX_MD5,    ZqImageFiles::IDX_7Z,      ZqImageFiles::ZQF,
-                                 ZqImageFiles::AHEAD,      ZqImageFiles::AHEAD_IDX,   ZqOptimizeFolder::NOTE,
-                                 ZqOptimizeFolder::HEADS,  ZqOptimizeFolder::PROGRESS};
+constexpr const char* OTHER_FILES[] = {ZqImageFiles::ZQF,       ZqImageFiles::AHEAD,
+                                       ZqImageFiles::AHEAD_IDX, ZqOptimizeFolder::NOTE,
+                                       ZqOptimizeFolder::HEADS, ZqOptimizeFolder::PROGRESS};
+constexpr const char* FOLDERS[] = {ZqOptimizeFolder::FORECAST, ZqOptimizeFolder::UNPACKED};
+
+/// Whether it is a plain file of an optimisation, or one of its folders. What is written into has no other
+/// name; the others may have two for a time, since they are renamed.
+bool isKnown(const SxString& name, const SxStat& info) {
+    const auto isThat = [&](const char* known) { return name == known; };
+    if (info.kind == SxStat::Dir) {
+        return std::any_of(std::begin(FOLDERS), std::end(FOLDERS),
+                           [&](const char* known) { return name + "/" == known; });
+    }
+    const bool isWritten = name == ZqOptimizeFolder::HEADS || name == ZqOptimizeFolder::PROGRESS;
+    return info.kind == SxStat::File && (!isWritten || info.nNames == 1) &&
+           (std::any_of(std::begin(ZqOptimizeFolder::INDEX_FILES), std::end(ZqOptimizeFolder::INDEX_FILES),
+                        isThat) ||
+            std::any_of(std::begin(OTHER_FILES), std::end(OTHER_FILES), isThat) ||
+            SxFileIO::isTemporaryName(name, ZqOptimizeFolder::NOTE));
+}
 
 /// Copies what a link leads to, and not the link: what it leads to may go.
 void copyFile(const SxString& from, const SxString& to) {
@@ -108,29 +124,39 @@ bool ZqOptimizeFolder::has(const char* name) const {
     return !SxFSAction::isGone(path + name);
 }
 
-bool ZqOptimizeFolder::isEmpty() const {
-    return SxFSAction::isGone(path) || SxFSAction::ls(path).isEmpty();
-}
-
 bool ZqOptimizeFolder::isLocked() const {
     return !SxFSAction::isGone(image + ZqImageFiles::OPTIMIZE_LOCK);
 }
 
-bool ZqOptimizeFolder::isDone() const {
-    return isLocked() && !SxFSAction::isGone(path) && isEmpty();
+ZqOptimizeFolder::State ZqOptimizeFolder::state() const {
+    const bool locked = isLocked();
+    if (SxFSAction::isGone(path)) return locked ? Lost : Nothing;
+    if (SxFSAction::ls(path).isEmpty()) return locked ? Done : Nothing;
+    std::optional<ZqMoveProgress::State> howFar;
+    try {
+        if (locked || has(PROGRESS)) howFar = ZqMoveProgress::open(path + PROGRESS).get();
+    } catch (const SxException& e) {
+        // Before there was a lock it may have been cut off while it was made. A disk that fails says nothing.
+        if (locked || !e.hasTag(ZqMoveProgress::DAMAGED)) throw;
+    }
+    const bool isStart = !howFar || (howFar->phase == ZqMoveProgress::Heads && howFar->round == 0);
+    if (!locked && (isStart || (howFar->phase == ZqMoveProgress::Swap && isWholeCopy()))) {
+        return has(NOTE) && readNote().mode == ZqOptimizeNote::Copy ? CopyBegun : Nothing;
+    }
+    if (howFar->phase == ZqMoveProgress::Tidy) return Done;
+    return howFar->phase <= ZqMoveProgress::Batches ? Moving : Replacing;
 }
 
-bool ZqOptimizeFolder::lacksLock() const {
-    if (isLocked() || !has(PROGRESS)) return false;
-    try {
-        const ZqMoveProgress::State state = ZqMoveProgress::open(path + PROGRESS).get();
-        return state.phase == ZqMoveProgress::Batches || state.phase == ZqMoveProgress::Records ||
-               (state.phase == ZqMoveProgress::Heads && state.round > 0);
-    } catch (const SxException& e) {
-        // Cut off while it was made, before anything moved. A disk that fails says nothing.
-        if (!e.hasTag(ZqMoveProgress::DAMAGED)) throw;
-        return false;
-    }
+void ZqOptimizeFolder::confirm() const {
+    if (!has(PROGRESS)) return;
+    // A sync alone doesn't write what a failed one has left.
+    ZqMoveProgress howFar = ZqMoveProgress::open(path + PROGRESS);
+    howFar.set(howFar.get());
+}
+
+/// Whether nothing of it is in its place yet.
+bool ZqOptimizeFolder::isWholeCopy() const {
+    return has(ZqImageFiles::IMAGE_JSON) && has(ZqImageFiles::ZQF);
 }
 
 void ZqOptimizeFolder::requireOwn() const {
@@ -142,15 +168,9 @@ void ZqOptimizeFolder::requireOwn() const {
                           __LINE__);
     }
     for (const SxFileInfo& entry : SxFSAction::ls(path)) {
-        const SxString name = entry.getName();
         const std::optional<SxStat> info = SxFSAction::look(entry.getOrig());
-        if (!info) continue;
-        const bool isForecast = name + "/" == FORECAST && info->kind == SxStat::Dir;
-        const bool isKnown =
-            std::any_of(std::begin(FILES), std::end(FILES), [&](const char* file) { return name == file; }) ||
-            SxFileIO::isTemporaryName(name, NOTE);
-        if (isForecast || (isKnown && info->kind == SxStat::File)) continue;
-        throw SxException("'" + path + name +
+        if (!info || isKnown(entry.getName(), *info)) continue;
+        throw SxException("'" + path + entry.getName() +
                               "' is none of the plain files of an optimisation; it has to go first",
                           UNIT, __LINE__);
     }
@@ -181,13 +201,12 @@ void ZqOptimizeFolder::lock() const {
 }
 
 void ZqOptimizeFolder::copyIndex(const SxString& from, const SxString& to) {
-    for (const char* name :
-         {ZqImageFiles::IMAGE_JSON, ZqImageFiles::APP_JSON, ZqImageFiles::IDX, ZqImageFiles::IDX_MD5}) {
+    // The archive counts only where there is no map beside it.
+    const bool hasMap = !SxFSAction::isGone(from + ZqImageFiles::IDX);
+    for (const SxString name : INDEX_FILES) {
+        if (hasMap && name == ZqImageFiles::IDX_7Z) continue;
         if (!SxFSAction::isGone(from + name)) copyFile(from + name, to + name);
     }
-    // The archive counts only where there is no map beside it.
-    if (SxFSAction::isGone(to + ZqImageFiles::IDX))
-        copyFile(from + ZqImageFiles::IDX_7Z, to + ZqImageFiles::IDX_7Z);
 }
 
 void ZqOptimizeFolder::replace() const {
@@ -197,10 +216,6 @@ void ZqOptimizeFolder::replace() const {
     // First the folder that they have come to: a file must be durable under one of its names.
     SxFSAction::syncDir(image);
     SxFSAction::syncDir(path);
-}
-
-void ZqOptimizeFolder::removeFile(const char* name) const {
-    if (has(name)) SxFSAction::rm(path + name);
 }
 
 void ZqOptimizeFolder::removeRecords() const {
@@ -215,7 +230,7 @@ void ZqOptimizeFolder::remove() const {
             if (!(entry.getName() == PROGRESS)) SxFSAction::rm_r(entry);
         }
         SxFSAction::syncDir(path);
-        removeFile(PROGRESS);
+        if (has(PROGRESS)) SxFSAction::rm(path + PROGRESS);
         SxFSAction::syncDir(path);
     }
     // Whoever finds the lock beside an empty folder knows that all is done.

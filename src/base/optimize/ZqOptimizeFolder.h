@@ -1,6 +1,7 @@
 #pragma once
 
 #include "SxString.h"
+#include "ZqImageFiles.h"
 #include "ZqMovePlan.h"
 
 /// What an optimisation was begun with, the file `move.json` of its work folder.
@@ -16,7 +17,7 @@ struct ZqOptimizeNote {
     Mode mode = InPlace;
     SxString guid; ///< of the RAW image
     Order from, to;
-    SxString index;            ///< the index folder that is removed at the end; empty for none
+    SxString index;            ///< the index folder that goes at the end, see ZqConsumedIndex; or empty
     ZqMovePlan::Limits limits; ///< in place
 
     /// The record as a file holds it.
@@ -36,22 +37,38 @@ public:
     static constexpr const char* PROGRESS = "progress";
     /// The index folder of a forecast, which must not come into the way of what was begun.
     static constexpr const char* FORECAST = "forecast/";
+    /// What a map was unpacked from stays out of the way there; in index and image folders, too.
+    static constexpr const char* UNPACKED = "img.idx.unpacked/";
+    /// Bytes of the disk for records, note and progress.
+    static constexpr uint64 ROOM_FOR_RECORDS = 1 << 20;
+    /// All that an index folder holds, what it is known by last.
+    static constexpr const char* INDEX_FILES[] = {ZqImageFiles::IMAGE_JSON, ZqImageFiles::IDX,
+                                                  ZqImageFiles::IDX_MD5, ZqImageFiles::IDX_7Z,
+                                                  ZqImageFiles::APP_JSON};
 
     /// `image` is the image folder with its trailing slash.
     explicit ZqOptimizeFolder(const SxString& image_);
+
+    enum State {
+        Nothing,   ///< nothing has begun that could be gone on with
+        CopyBegun, ///< a copy may have begun; the image is what it was
+        Moving,    ///< blocks are on their way within the image
+        Replacing, ///< the blocks are where they belong; records, and maybe a copy, are taking their places
+        Done,      ///< all has its place; what was needed for it is being removed
+        Lost       ///< blocks or records may be on their way, and nothing tells how far
+    };
+    /// How far an optimisation has come, whether the lock is there or somebody has removed it. Raises where
+    /// the files say nothing of it, or can't be read.
+    State state() const;
+    bool isLocked() const;
+    /// Notes the state once more, before anybody goes on by it: who was killed while it noted it has left it
+    /// in memory alone, perhaps.
+    void confirm() const;
 
     /// With its trailing slash.
     const SxString& getPath() const { return path; }
     SxString file(const char* name) const { return path + name; }
     bool has(const char* name) const;
-    /// Whether there is no such folder, or nothing in it.
-    bool isEmpty() const;
-    bool isLocked() const;
-    /// Whether the lock stands beside an empty folder: all is done but for their removal.
-    bool isDone() const;
-
-    /// Whether blocks have moved and the lock isn't there any longer: somebody has removed it.
-    bool lacksLock() const;
     /// Raises where the folder is a link, or holds anything but plain files of an optimisation.
     void requireOwn() const;
 
@@ -74,7 +91,7 @@ public:
     void remove() const;
 
 private:
-    void removeFile(const char* name) const;
+    bool isWholeCopy() const;
 
     const SxString image, path;
 };

@@ -2,6 +2,7 @@
 
 #include "SxFSAction.h"
 #include "ZqImageFiles.h"
+#include "ZqLog.h"
 #include "ZqStreamRecord.h"
 #include "ZqStretchStore.h"
 #include "ZqSyncedSize.h"
@@ -15,7 +16,13 @@ void ZqOrderRemains::remove(const SxString& image, bool alsoAhead, bool alsoIdxM
     if (alsoAhead) ZqStretchStore::remove(image);
     SxFSAction::syncDir(image);
     ZqStreamRecord old;
-    old.read(image);
+    try {
+        old.read(image);
+    } catch (const SxException& e) {
+        // Who believes the record reads it, too, and is told then. The blocks must not wait for that.
+        zqLogMsg("base", "ZqOrderRemains: " + e.toString(SxException::ShowMessage, ": "));
+        return;
+    }
     if (old.verified.isEmpty()) return;
     ZqStreamRecord::update(image, [](ZqStreamRecord* record) { record->verified = SxString(); });
 }

@@ -9,6 +9,7 @@
 #include "ZqImage.h"
 #include "ZqImageFiles.h"
 #include "ZqLog.h"
+#include "ZqOptimizeFolder.h"
 
 namespace {
 
@@ -55,6 +56,24 @@ private:
     std::vector<bool> used; ///< by ZqF index
 };
 
+/// Takes no more of an archive than the map: what else it holds must not come among the files of an image.
+void unpackMap(const SxString& archive, const SxString& folder) {
+    const SxString unpacked = folder + ZqOptimizeFolder::UNPACKED;
+    const auto clear = [&] {
+        if (!SxFSAction::isGone(unpacked)) SxFSAction::rm_r(unpacked);
+    };
+    clear();
+    try {
+        ZqArchive::extract7z(archive, unpacked);
+        if (SxFSAction::test_f(unpacked + ZqImageFiles::IDX))
+            SxFSAction::mv(unpacked + ZqImageFiles::IDX, folder + ZqImageFiles::IDX);
+    } catch (const SxException&) {
+        clear();
+        throw;
+    }
+    clear();
+}
+
 } // namespace
 
 ZqReorderInputs::ZqReorderInputs(const SxString& image_, const SxString& index_, const SxString& indexName_)
@@ -95,7 +114,7 @@ void ZqReorderInputs::requireMap(const SxString& folder, const SxString& name, b
     const SxString archive = folder + ZqImageFiles::IDX_7Z;
     if (!SxFSAction::test_f(folder + ZqImageFiles::IDX) && SxFSAction::test_f(archive)) {
         if (isTold) zqLogMsg("base", "Perform extraction of " + archive + " to " + folder);
-        ZqArchive::extract7z(archive, folder);
+        unpackMap(archive, folder);
     }
     if (!SxFSAction::test_f(folder + ZqImageFiles::IDX)) {
         throw SxException(name + ZqImageFiles::IDX + " not found.", UNIT, __LINE__);

@@ -49,8 +49,7 @@ bool isOwnFile(const SxString& path) {
 
 } // namespace
 
-ZqStretchStore::ZqStretchStore(const SxString& folder, const SxString& key, uint64 sizeZqf_,
-                               uint64 sizeStretch_, uint64 nPassed, const ZqDiskReserve& reserve_)
+ZqStretchStore::ZqStretchStore(uint64 sizeZqf_, uint64 sizeStretch_, const ZqDiskReserve& reserve_)
     : sizeZqf(sizeZqf_),
       sizeStretch(sizeStretch_),
       nStretches(sizeZqf / sizeStretch + (sizeZqf % sizeStretch != 0)),
@@ -58,23 +57,32 @@ ZqStretchStore::ZqStretchStore(const SxString& folder, const SxString& key, uint
     if (nStretches == 0 || nStretches > MAX_STRETCHES) {
         throw SxException("Nothing is kept of an image of " + SxString(sizeZqf) + " bytes", UNIT, __LINE__);
     }
-    if (!openOld(folder, key)) {
+}
+
+ZqStretchStore::ZqStretchStore(const SxString& folder, const SxString& key, uint64 sizeZqf_,
+                               uint64 sizeStretch_, uint64 nPassed, const ZqDiskReserve& reserve_)
+    : ZqStretchStore(sizeZqf_, sizeStretch_, reserve_) {
+    if (!openOld(folder, key, "r+b")) {
         makeNew(folder, key);
-        if (!openOld(folder, key)) {
+        if (!openOld(folder, key, "r+b")) {
             throw SxException("Cannot keep what comes early in folder '" + folder + "'", UNIT, __LINE__);
         }
     }
     pass(nPassed);
 }
 
+std::unique_ptr<ZqStretchStore> ZqStretchStore::openToRead(const SxString& folder, const SxString& key,
+                                                           uint64 sizeZqf_, uint64 sizeStretch_) {
+    std::unique_ptr<ZqStretchStore> store(new ZqStretchStore(sizeZqf_, sizeStretch_, ZqDiskReserve()));
+    store->isReadOnly = true;
+    if (!store->openOld(folder, key, "rb")) return nullptr;
+    return store;
+}
+
 SxString ZqStretchStore::keyOf(const SxString& checksumZqf, const SxString& checksumIdx,
                                const SxString& checksumMnt) {
     if (checksumZqf.isEmpty() && checksumIdx.isEmpty()) return {};
     return checksumZqf + "\n" + checksumIdx + "\n" + checksumMnt;
-}
-
-bool ZqStretchStore::isIn(const SxString& folder) {
-    return isOwnFile(pathOf(folder, ZqImageFiles::AHEAD)) && isOwnFile(pathOf(folder, ZqImageFiles::AHEAD_IDX));
 }
 
 uint64 ZqStretchStore::sizeIn(const SxString& folder) {
@@ -110,12 +118,12 @@ std::string ZqStretchStore::header(const SxString& key) const {
     return bytes;
 }
 
-bool ZqStretchStore::openOld(const SxString& folder, const SxString& key) {
+bool ZqStretchStore::openOld(const SxString& folder, const SxString& key, const char* mode) {
     const SxString dataPath = pathOf(folder, ZqImageFiles::AHEAD),
                    indexPath = pathOf(folder, ZqImageFiles::AHEAD_IDX);
     if (!isOwnFile(dataPath) || !isOwnFile(indexPath)) return false;
     try {
-        SxFileIO oldData(dataPath, "r+b"), oldIndex(indexPath, "r+b");
+        SxFileIO oldData(dataPath, mode), oldIndex(indexPath, mode);
         const auto nEntries = static_cast<int64>(nStretches * ENTRY);
         if (oldData.getSize() != static_cast<int64>(sizeZqf) ||
             oldIndex.getSize() != static_cast<int64>(HEADER) + nEntries) {
@@ -182,7 +190,7 @@ SxPtr<SxArray<char>> ZqStretchStore::read(uint64 stretchIdx) {
     if (nRead == n && checksumOf(stretchIdx, *bytes) == checksum) return bytes;
     zqLogMsg("NET", "Stretch " + SxString(stretchIdx) + " in '" + data.getFilePath() +
                         "' isn't what was written; it counts as absent");
-    drop(stretchIdx);
+    if (!isReadOnly) drop(stretchIdx);
     return nullptr;
 }
 

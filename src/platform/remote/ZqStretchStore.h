@@ -6,6 +6,7 @@
 #include "SxPtr.h"
 #include "ZqDiskReserve.h"
 
+#include <memory>
 #include <vector>
 
 /// Stretches that lie beyond the end of `img.zqf` so far, kept beside it from one run to the next: the sparse
@@ -23,11 +24,13 @@ public:
                    uint64 nPassed, const ZqDiskReserve& reserve_);
     ZqStretchStore(const ZqStretchStore&) = delete;
     ZqStretchStore& operator=(const ZqStretchStore&) = delete;
+    /// What is in `folder`, of that order, to be read and listed only: the files stay as they are. Null where
+    /// they are of another order, or none.
+    static std::unique_ptr<ZqStretchStore> openToRead(const SxString& folder, const SxString& key,
+                                                      uint64 sizeZqf_, uint64 sizeStretch_);
     /// A text for the order of the blocks that has these digests; empty where they tell no order.
     static SxString keyOf(const SxString& checksumZqf, const SxString& checksumIdx,
                           const SxString& checksumMnt);
-    /// Whether a folder has such files, of whatever order.
-    static bool isIn(const SxString& folder);
     /// Bytes of the disk that such files take in a folder.
     static uint64 sizeIn(const SxString& folder);
     /// Removes the files from a folder. Raises where they can't be.
@@ -45,16 +48,18 @@ public:
     void pass(uint64 size);
 
 private:
+    ZqStretchStore(uint64 sizeZqf_, uint64 sizeStretch_, const ZqDiskReserve& reserve_);
     uint64 sizeOf(uint64 stretchIdx) const;
     uint64 countPassed(uint64 size) const;
     std::string header(const SxString& key) const;
-    bool openOld(const SxString& folder, const SxString& key);
+    bool openOld(const SxString& folder, const SxString& key, const char* mode);
     void makeNew(const SxString& folder, const SxString& key) const;
     void mark(uint64 stretchIdx, uint64 checksum);
     void clear(uint64 first, uint64 end);
 
     const uint64 sizeZqf, sizeStretch, nStretches;
     const ZqDiskReserve reserve;
+    bool isReadOnly = false;
     SxFileIO data, index; ///< used by their descriptors alone, at offsets
     mutable SxMutex mutex;
     std::vector<uint64> checksums SX_GUARDED_BY(mutex); ///< by stretch; 0 where it isn't there
