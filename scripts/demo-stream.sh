@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Shows what the client is for: a game over a link of 20 Mbit/s and 20 ms, downloaded first, and played while it
-# arrives: as it is, packed, and ordered by the trace of a run. The game plays a recorded demo and ends by itself; no
-# display is needed. Part of demo.sh. Fails, and names the step, as soon as something isn't as it should be.
+# arrives: as it is, packed, and ordered by the trace of a run. Then what was downloaded comes to that order in place.
+# The game plays a recorded demo and ends by itself; no display is needed. Part of demo.sh. Fails, and names the step,
+# as soon as something isn't as it should be.
 #
 #   demo-stream.sh TAVRIN WORK_FOLDER
 set -Eeuo pipefail
@@ -150,4 +151,21 @@ row plain 'started at once, and played while it arrives' 0 0
 row packed 'the same, from a packed image' 0 0
 row ordered 'the same, ordered by the trace of a run' 0 0
 printf '\nAll images are equal to the published ones, byte for byte.\n'
+
+step='bringing the image that was there first to the order of its run'
+installed=$work/got-download
+printf '\nWhoever has the image already downloads nothing again: it comes to the better order in place.\n'
+printf '$ tavrin image optimize got-download --traces\n'
+"$tavrin" image optimize "$installed" --traces
+step='comparing it with the image that was built in that order'
+for file in img.zqf img.idx img.json app.json; do
+    cmp "$installed/$file" "$ordered/$file"
+done
+"$tavrin" image verify "$installed" --quiet
+step='comparing each file of its drive'
+"$tavrin" mount "$installed" --quiet
+drive=$("$tavrin" status "$installed" --json | sed -n 's/.*"mountPath": "\(.*\)",/\1/p')
+diff -r "$work/game" "$drive/TAVRIN-protected/app"
+"$tavrin" umount "$installed" --quiet
+printf 'It is what a build in that order gives, byte for byte, and its drive has each file of the game.\n\n'
 printf 'The page of the last run: %s\nWhat the trace looks like: %s\n' "$pages/run.html" "$pages/trace.svg"
