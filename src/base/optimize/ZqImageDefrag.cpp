@@ -74,6 +74,7 @@ void ZqImageDefrag::reorder() {
     }
     ZqImageFolder::requireSpace(indexPath,
                                 (nTarget - first + nBeyond) * BLOCK + ZqOptimizeFolder::ROOM_FOR_RECORDS);
+    refuseStop();
     if (isNoted && !isKnown) {
         work.make();
         work.writeNote(note);

@@ -94,6 +94,21 @@ TEST(MovePlan, HeadsAreFewAndRoundsHoldWhatTheyCan) {
     }
 }
 
+TEST(MovePlan, ARoundHoldsNoMoreStepsThanMemoryIsToBeTakenFor) {
+    // Each second position gets the block after it: paths of one step, without heads.
+    constexpr uint32 N = 6 << 20;
+    MoveOrder order{"short paths", std::vector<Position>(N, ZqMovePlan::NONE)};
+    for (uint32 to = 0; to < N; to += 2)
+        order.source[to] = to + 1;
+    ZqMovePlan plan(order.source, {});
+    uint64 nSteps = 0;
+    while (plan.nextRound()) {
+        EXPECT_LE(plan.getBatch(0).size(), uint64{1} << 21);
+        nSteps += plan.getBatch(0).size();
+    }
+    EXPECT_EQ(nSteps, N / 2);
+}
+
 TEST(MovePlan, BlocksThatMoveAsARunAreInTheSameBatch) {
     constexpr uint32 RUN = 50, N_RUNS = 400;
     TestRandom random(5);

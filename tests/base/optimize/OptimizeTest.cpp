@@ -51,6 +51,34 @@ void cutEverywhere(const ReorderedImage& image, uint64 nOld, uint64 nNew, TestRa
     }
 }
 
+/// Kills the job before each durable step, with what it hasn't synced still in memory, and cuts the power in
+/// what goes on after that.
+void killAndCutEverywhere(const ReorderedImage& image, uint64 nOld, uint64 nNew) {
+    const TreeSnapshot after = image.expected(nNew);
+    bool killed = true;
+    for (int64 step = 1; killed && !testing::Test::HasFailure(); ++step) {
+        ASSERT_LT(step, 500) << "the job doesn't get through";
+        for (int64 more = 1; more <= 8; ++more) {
+            SCOPED_TRACE("killed at step " + std::to_string(step) + ", cut " + std::to_string(more) +
+                         " after");
+            const TempDir dir;
+            image.write(dir, nOld);
+            {
+                FaultOs os(dir.path("watched"));
+                os.cutPowerAt(step);
+                optimizeOrGoOn(dir);
+                killed = os.isCut();
+                os.revive();
+                os.cutPowerAt(os.getNSteps() + more);
+                optimizeOrGoOn(dir);
+                os.crash(nullptr);
+            }
+            const std::string failure = contentOf(dir, "watched/image") == after ? "" : optimizeOrGoOn(dir);
+            ASSERT_EQ(contentOf(dir, "watched/image"), after) << failure;
+        }
+    }
+}
+
 /// Fails each kind of operation, one after the other, and lets the job go on after that.
 void disturbEverywhere(const ReorderedImage& image, uint64 nOld, uint64 nNew) {
     const TreeSnapshot after = image.expected(nNew);
@@ -109,33 +137,14 @@ TEST(Optimize, APowerCutAtAnyStepInPlace) {
     }
 }
 
-TEST(Optimize, AKillAndThenAPowerCutInPlace) {
+TEST(Optimize, AKillAndThenAPowerCut) {
     TestRandom random(20);
     TRACE_SEED(random);
-    const ReorderedImage image(random, allMoveOrders(random, 40)[5]);
-    const TreeSnapshot after = image.expected();
-    bool killed = true;
-    for (int64 step = 1; killed && !HasFailure(); ++step) {
-        ASSERT_LT(step, 500) << "the job doesn't get through";
-        for (int64 more = 1; more <= 8; ++more) {
-            SCOPED_TRACE("killed at step " + std::to_string(step) + ", cut " + std::to_string(more) +
-                         " after");
-            const TempDir dir;
-            image.write(dir);
-            {
-                FaultOs os(dir.path("watched"));
-                os.cutPowerAt(step);
-                optimizeOrGoOn(dir);
-                killed = os.isCut();
-                os.revive();
-                os.cutPowerAt(os.getNSteps() + more);
-                optimizeOrGoOn(dir);
-                os.crash(nullptr);
-            }
-            const std::string failure = contentOf(dir, "watched/image") == after ? "" : optimizeOrGoOn(dir);
-            ASSERT_EQ(contentOf(dir, "watched/image"), after) << failure;
-        }
-    }
+    killAndCutEverywhere(ReorderedImage(random, allMoveOrders(random, 40)[5]), ~uint64{0}, ~uint64{0});
+    MoveOrder order{"reversal of the front", std::vector<ZqMovePlan::Position>(24)};
+    std::iota(order.source.begin(), order.source.end(), 0);
+    std::reverse(order.source.begin(), order.source.begin() + 10);
+    killAndCutEverywhere(ReorderedImage(random, order), 20, 19);
 }
 
 TEST(Optimize, WhateverFailsInPlaceIsGoneOnWith) {
