@@ -5,9 +5,10 @@
 #include "SxMd5.h"
 #include "SxOs.h"
 #include "ZqBlockGather.h"
-#include "ZqBlockMover.h"
 #include "ZqImageFiles.h"
 #include "ZqImageFolder.h"
+#include "ZqMoveProgress.h"
+#include "ZqMoveRounds.h"
 #include "ZqOrderRemains.h"
 #include "ZqReorderInputs.h"
 
@@ -198,7 +199,12 @@ void ZqImageInPlaceDefrag::move(const ZqOptimizeNote& note, Source source) {
     ZqMovePlan plan(std::move(source), note.limits);
     countBlocks(plan, note.from.sizeZqf, note.to.sizeZqf);
     ZqMoveProgress howFar = ZqMoveProgress::open(work.file(ZqOptimizeFolder::PROGRESS));
-    doRounds(&plan, &zqf, &howFar);
+    SxFileIO heads(work.file(ZqOptimizeFolder::HEADS), "r+b");
+    advance(nKept * BLOCK);
+    ZqMoveRounds(
+        &plan, &zqf, &heads, &howFar, [this] { return isStopRequested(); },
+        [this](uint64 bytes) { advance(bytes); }, [this](uint64 bytes) { addWritten(bytes); })
+        .run();
     clearUnused(plan, note.to.sizeZqf, &zqf);
     if (zqf.getSize() > static_cast<int64>(note.to.sizeZqf)) {
         zqf.truncate(static_cast<int64>(note.to.sizeZqf));
@@ -213,63 +219,6 @@ void ZqImageInPlaceDefrag::advance(uint64 bytes) {
     inPlace += bytes;
     const auto nBlocks = static_cast<double>(std::max<uint64>(nKept + nMoved, 1));
     setCurrent(inPlace, static_cast<double>(inPlace / BLOCK) * MOVED / nBlocks);
-}
-
-void ZqImageInPlaceDefrag::count(uint64 bytes) {
-    addWritten(bytes);
-    advance(bytes);
-}
-
-void ZqImageInPlaceDefrag::doRounds(ZqMovePlan* plan, SxFileIO* zqf, ZqMoveProgress* howFar) {
-    SxFileIO heads(work.file(ZqOptimizeFolder::HEADS), "r+b");
-    ZqBlockMover mover(
-        *plan, zqf, &heads, [this] { return isStopRequested(); }, [this](uint64 bytes) { count(bytes); });
-    const ZqMoveProgress::State begun = howFar->get();
-    advance(nKept * BLOCK);
-    uint64 round = 0;
-    for (; plan->nextRound(); ++round) {
-        if (round < begun.round) {
-            advanceBatches(*plan, plan->getNBatches());
-        } else {
-            doRound(round, *plan, &mover, howFar);
-        }
-    }
-    if (begun.round > round) throw wrongProgress();
-}
-
-SxException ZqImageInPlaceDefrag::wrongProgress() const {
-    return SxException("'" + work.file(ZqOptimizeFolder::PROGRESS) +
-                           "' tells of steps that this order doesn't take",
-                       UNIT, __LINE__);
-}
-
-void ZqImageInPlaceDefrag::advanceBatches(const ZqMovePlan& plan, uint64 n) {
-    for (uint64 batch = 0; batch < n; ++batch)
-        advance(plan.getBatch(batch).size() * BLOCK);
-}
-
-void ZqImageInPlaceDefrag::doRound(uint64 round, const ZqMovePlan& plan, ZqBlockMover* mover,
-                                   ZqMoveProgress* howFar) {
-    ZqMoveProgress::State state = howFar->get();
-    if (state.phase == ZqMoveProgress::Heads) {
-        state = {ZqMoveProgress::Batches, round, 0, mover->setHeadsAside()};
-        howFar->set(state);
-    } else if (mover->hashHeads() != state.headsHash) {
-        throw SxException(
-            "'" + work.file(ZqOptimizeFolder::HEADS) +
-                "' isn't what was set aside: the optimisation can't go on with it, and the image must be "
-                "fetched or built anew",
-            UNIT, __LINE__);
-    }
-    if (state.batch > plan.getNBatches()) throw wrongProgress();
-    advanceBatches(plan, state.batch);
-    while (state.batch < plan.getNBatches()) {
-        mover->doBatch(state.batch);
-        ++state.batch;
-        howFar->set(state);
-    }
-    // From here on the heads may be written over.
-    howFar->set({ZqMoveProgress::Heads, round + 1, 0, 0});
 }
 
 void ZqImageInPlaceDefrag::clearUnused(const ZqMovePlan& plan, uint64 sizeNew, SxFileIO* zqf) {

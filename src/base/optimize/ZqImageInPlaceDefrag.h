@@ -1,11 +1,9 @@
 #pragma once
 
+#include "SxFileIO.h"
 #include "ZqDefragJob.h"
 #include "ZqMovePlan.h"
-#include "ZqMoveProgress.h"
 #include "ZqOptimizeFolder.h"
-
-class ZqBlockMover;
 
 /// Job that brings a complete `img.zqf` to a new order within the file, each block moved once. It may be
 /// killed, stopped or lose its power at any point, and a job that goes on finishes what it began: see
@@ -44,14 +42,9 @@ private:
     void makeWorkFolder(const ZqOptimizeNote& note, uint64 nHeads) const;
     void copyIndex(const SxString& digest) const;
     void move(const ZqOptimizeNote& note, Source source);
-    void doRounds(ZqMovePlan* plan, SxFileIO* zqf, ZqMoveProgress* howFar);
-    void doRound(uint64 round, const ZqMovePlan& plan, ZqBlockMover* mover, ZqMoveProgress* howFar);
-    SxException wrongProgress() const;
     void clearUnused(const ZqMovePlan& plan, uint64 sizeNew, SxFileIO* zqf);
     /// So many bytes more are in their place.
     void advance(uint64 bytes);
-    void advanceBatches(const ZqMovePlan& plan, uint64 n);
-    void count(uint64 bytes);
 
     const ZqOptimizeFolder work;
     const bool isResumed;

@@ -35,6 +35,7 @@ public:
     static ZqMoveProgress open(const SxString& path);
 
     const State& get() const { return state; }
+    const SxString& getPath() const { return file.getFilePath(); }
     /// Raises where the file was made for another plan.
     void requirePlan(uint64 plan) const;
     /// Replaces the state. It is on the device at the end; raises where that isn't known.

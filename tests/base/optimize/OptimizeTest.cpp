@@ -58,7 +58,7 @@ void killAndCutEverywhere(const ReorderedImage& image, uint64 nOld, uint64 nNew)
     bool killed = true;
     for (int64 step = 1; killed && !testing::Test::HasFailure(); ++step) {
         ASSERT_LT(step, 500) << "the job doesn't get through";
-        for (int64 more = 1; more <= 8; ++more) {
+        for (int64 more = 1; more <= 6; ++more) {
             SCOPED_TRACE("killed at step " + std::to_string(step) + ", cut " + std::to_string(more) +
                          " after");
             const TempDir dir;

@@ -1,7 +1,6 @@
 #include "../BaseTest.h"
 #include "MoveOrders.h"
-#include "ZqBlockMover.h"
-#include "ZqMoveProgress.h"
+#include "ZqMoveRounds.h"
 
 #include <cstring>
 
@@ -22,30 +21,14 @@ std::string blockOf(uint64 number) {
 void moveAll(const TempDir& dir, const MoveOrder& order, const ZqMovePlan::Limits& limits) {
     ZqMovePlan plan(order.source, limits);
     SxFileIO image(dir.path("watched/img"), "r+b"), heads(dir.path("watched/heads"), "r+b");
-    ZqBlockMover mover(
-        plan, &image, &heads, [] { return false; }, [](uint64) {});
     ZqMoveProgress progress = ZqMoveProgress::open(dir.path("watched/progress"));
     progress.requirePlan(PLAN);
-    State state = progress.get();
-    if (state.phase == ZqMoveProgress::Records) return;
-    const uint64 start = state.round;
-    for (uint64 round = 0; plan.nextRound(); ++round) {
-        if (round < start) continue;
-        if (state.phase == ZqMoveProgress::Heads) {
-            state = {ZqMoveProgress::Batches, round, 0, mover.setHeadsAside()};
-            progress.set(state);
-        } else {
-            ASSERT_EQ(mover.hashHeads(), state.headsHash) << "heads of round " << round;
-        }
-        while (state.batch < plan.getNBatches()) {
-            mover.doBatch(state.batch);
-            ++state.batch;
-            progress.set(state);
-        }
-        state = {ZqMoveProgress::Heads, round + 1, 0, 0};
-        progress.set(state);
-    }
-    progress.set({ZqMoveProgress::Records, 0, 0, 0});
+    uint64 inPlace = 0;
+    ZqMoveRounds(
+        &plan, &image, &heads, &progress, [] { return false; }, [&](uint64 bytes) { inPlace += bytes; },
+        [](uint64) {})
+        .run();
+    EXPECT_EQ(inPlace, plan.getNMoved() * BLOCK);
 }
 
 void prepare(const TempDir& dir, size_t n) {
@@ -67,7 +50,7 @@ void expectMoved(const TempDir& dir, const MoveOrder& order) {
 
 } // namespace
 
-TEST(BlockMover, APowerCutAtAnyStepLosesNoBlock) {
+TEST(MoveRounds, APowerCutAtAnyStepLosesNoBlock) {
     TestRandom random(6);
     TRACE_SEED(random);
     const auto orders = allMoveOrders(random, 90);
