@@ -14,7 +14,7 @@ public:
     /// Tags of failures, beside those of ZqNetLink and ZqVolume.
     static constexpr const char* OTHER_VERSION = "OtherVersion"; ///< `app.json` on the server is another's
     static constexpr const char* OTHER_ORDER = "OtherOrder"; ///< but of the same version, in another order
-    static constexpr const char* DISK = "FileWriteError";        ///< the image's disk takes no bytes
+    static constexpr const char* DISK = "FileWriteError";    ///< the image's disk takes no bytes
 
     enum Verdict {
         Wait,    ///< the same again after a while
