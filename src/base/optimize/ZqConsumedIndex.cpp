@@ -24,8 +24,8 @@ SxString ZqConsumedIndex::realPath(const SxString& folder) {
 }
 
 SxString ZqConsumedIndex::findImageMark() const {
-    for (const SxString name : {ZqImageFiles::LOCK, ZqImageFiles::ZQF, ZqImageFiles::LAYER_INDEX,
-                                ZqImageFiles::TRACES, ZqImageFiles::PACKED, ZqImageFiles::STREAM_JSON}) {
+    for (const char* name : {ZqImageFiles::LOCK, ZqImageFiles::ZQF, ZqImageFiles::LAYER_INDEX,
+                             ZqImageFiles::TRACES, ZqImageFiles::PACKED, ZqImageFiles::STREAM_JSON}) {
         if (!SxFSAction::isGone(path + name)) return name;
     }
     return {};

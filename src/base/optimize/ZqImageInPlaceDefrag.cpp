@@ -218,7 +218,7 @@ void ZqImageInPlaceDefrag::move(const ZqOptimizeNote& note, Source source) {
 void ZqImageInPlaceDefrag::advance(uint64 bytes) {
     inPlace += bytes;
     const auto nBlocks = static_cast<double>(std::max<uint64>(nKept + nMoved, 1));
-    setCurrent(inPlace, static_cast<double>(inPlace / BLOCK) * MOVED / nBlocks);
+    setCurrent(inPlace, static_cast<double>(inPlace) / BLOCK * MOVED / nBlocks);
 }
 
 void ZqImageInPlaceDefrag::clearUnused(const ZqMovePlan& plan, uint64 sizeNew, SxFileIO* zqf) {

@@ -173,7 +173,7 @@ SxString ZqImageOptimize::takeIndex() const {
     ZqImageFolder::requireSpace(imagePath, static_cast<uint64>(SxFSAction::sizeOf(map)) +
                                                ZqOptimizeFolder::ROOM_FOR_RECORDS);
     work->make();
-    const SxString folder = work->getPath() + (forecastOnly ? ZqOptimizeFolder::FORECAST : "");
+    SxString folder = work->getPath() + (forecastOnly ? ZqOptimizeFolder::FORECAST : "");
     if (forecastOnly) {
         SxFSAction::mkdir_p(folder, 0755);
     } else {

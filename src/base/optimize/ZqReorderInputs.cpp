@@ -148,7 +148,7 @@ void ZqReorderInputs::requireOwnFile() const {
 /// A mount asks for the digest that `img.idx.md5` states, or else for that of `app.json`.
 SxString ZqReorderInputs::digestOf(const SxString& folder, const SxString& name,
                                    const ZqAppParams& app) const {
-    const SxString digest = SxMd5::file(folder + ZqImageFiles::IDX);
+    SxString digest = SxMd5::file(folder + ZqImageFiles::IDX);
     SxString stated = app.checksumIdx, by = ZqImageFiles::APP_JSON;
     if (!SxFSAction::isGone(folder + ZqImageFiles::IDX_MD5)) {
         by = ZqImageFiles::IDX_MD5;
