@@ -84,12 +84,17 @@ SxString describeParts(const ZqImageInfo& info) {
     return text;
 }
 
-void describeText(const ZqImageInfo& info, Output* out) {
+void describeText(const ZqImageInfo& info, const SxString& folder, Output* out) {
     const auto field = [&](const char* name, const SxString& value) {
         out->text(SxString::sprintf("%-13s ", name) + value);
     };
     const ZqAppParams& app = info.app;
     field("State", info.getStateText());
+    try {
+        ZqImageLock::refuseUnfinished(folder);
+    } catch (const SxException& e) {
+        field("Unfinished", e.what());
+    }
     field("Application", app.guid);
     field("Command", app.cmd + (app.args.isEmpty() ? "" : " ") + SxString::join(app.args, " "));
     field("Mount mode", ZqDriveKinds::mountModeToString(app.mountMode));
@@ -121,7 +126,7 @@ int showInfo(const InfoOptions& options, Output& out) {
         out.object(result);
         return ExitSuccess;
     }
-    describeText(info, &out);
+    describeText(info, image, &out);
     if (options.speed == 0) return ExitSuccess;
     out.text(SxString("At ") + options.speed + " Mbit/s");
     const auto tell = [&](const char* name, const ZqStartForecast& what) {

@@ -32,8 +32,10 @@ const char* modeText(ZqImageOptimize::Mode mode) {
     }
 }
 
-/// What the job has come to, or would come to.
-SxParserKit::SxSymbol describe(const ZqImageOptimize::Result& result, double seconds) {
+using LeftRuns = SxList<ZqRunsOrder::Left>;
+
+/// What the job has come to, or would come to; `left` are the runs that the order doesn't come from.
+SxParserKit::SxSymbol describe(const ZqImageOptimize::Result& result, double seconds, const LeftRuns& left) {
     SxParserKit::SxSymbol object;
     object.setType(SxParserAst::Object);
     object.append("mode", modeText(result.mode));
@@ -50,20 +52,29 @@ SxParserKit::SxSymbol describe(const ZqImageOptimize::Result& result, double sec
     object.append("seconds", seconds);
     object.append("bytesPerSecond", seconds > 0 ? static_cast<double>(result.bytes) / seconds : 0.0);
     object.append("resumed", result.isResumed);
+    if (!result.indexLeft.isEmpty()) object.append("indexLeft", result.indexLeft);
+    if (left.isEmpty()) return object;
+    SxParserKit::SxSymbol runs = object.append("leftOut", SxParserAst::Array);
+    for (const ZqRunsOrder::Left& run : left) {
+        SxParserKit::SxSymbol each = runs.append(SxParserAst::Object);
+        each.append("name", run.name);
+        each.append("why", run.why);
+    }
     return object;
 }
 
 void tell(const ZqImageOptimize::Result& result, double seconds, bool isForecast, Output* out) {
     const SxString rest = SxString::sprintf(" in %s%.1f s.", isForecast ? "about " : "", seconds);
-    const char* does = isForecast ? "would be" : "were";
+    const auto does = [&](uint64 n) { return isForecast ? "would be" : n == 1 ? "was" : "were"; };
+    const auto blocks = [](uint64 n) { return ZqReadable::counted(static_cast<int64>(n), "block", "blocks"); };
     if (result.isResumed && result.nTotal == 0) {
         out->text("All blocks were there before; only the records were left to be replaced.");
     } else if (result.mode == ZqImageOptimize::None) {
         out->text(SxString("All ") + result.nKept + " blocks are in their place; only the records " +
                   (isForecast ? "would be replaced." : "were replaced."));
     } else if (result.mode == ZqImageOptimize::Copy) {
-        out->text(SxString(result.nMoved + result.nKept) + " blocks " + does + " copied, " +
-                  exactBytes(result.bytes) + rest);
+        const uint64 n = result.nMoved + result.nKept;
+        out->text(blocks(n) + " " + does(n) + " copied, " + exactBytes(result.bytes) + rest);
         if (result.nBeyond > 0) {
             out->text(SxString(result.nBeyond) + " more " + (isForecast ? "would be" : "are") +
                       " kept beyond the end of img.zqf.");
@@ -73,8 +84,8 @@ void tell(const ZqImageOptimize::Result& result, double seconds, bool isForecast
                       (isForecast ? "would be" : "are") + " no longer there, and are downloaded again.");
         }
     } else {
-        out->text(SxString(result.nMoved) + " blocks " + does + " moved, " + result.nKept + " stay; " +
-                  exactBytes(result.bytes) + " " + does + " written" + rest);
+        out->text(blocks(result.nMoved) + " " + does(result.nMoved) + " moved, " + result.nKept + " stay; " +
+                  exactBytes(result.bytes) + " " + does(result.bytes) + " written" + rest);
     }
     if (isForecast)
         out->text("It would take " + exactBytes(result.bytesExtra) + " more of the disk for a time.");
@@ -99,39 +110,46 @@ SxString findConflict(const OptimizeOptions& options) {
     if (options.consume && (options.byTraces || isAddress(options.index))) {
         return "--consume is for an INDEX that is a folder";
     }
+    if (!options.headers.isEmpty() && !isAddress(options.index)) {
+        return "--header is for an INDEX that is an address";
+    }
     return {};
 }
 
-/// Makes the index folder where there is none yet, in `place`; gives it. Its name for texts goes to `name`.
-SxString makeIndex(const OptimizeOptions& options, const PrivateFolder& place, SxString* name, Output* out) {
+/// Makes the index folder where there is none yet, in `place`; gives it. Its name for texts goes to `name`,
+/// runs that it doesn't come from to `left`.
+SxString makeIndex(const OptimizeOptions& options, const PrivateFolder& place, SxString* name, LeftRuns* left,
+                   Output* out) {
     if (options.byTraces) {
         ZqRunsOrder order(options.image, place.path);
         runJob(&order, "order", *out);
         if (!order.isComplete()) throw SxException("stopped", UNIT, __LINE__);
         out->text("The order comes from " + ZqReadable::counted(order.getNTraces(), "trace", "traces") + ".");
-        for (const ZqRunsOrder::Left& left : order.getLeft())
-            out->text("Left out: '" + left.name + "' " + left.why);
+        *left = order.getLeft();
+        for (const ZqRunsOrder::Left& run : *left)
+            out->text("Left out: '" + run.name + "' " + run.why);
         *name = ZqImageFolder::prefix(options.image) + "traces/";
         return order.getIndex();
     }
     *name = ZqImageFolder::prefix(options.index);
     if (!isAddress(options.index)) return options.index;
     ZqIndexFetch fetch(place.path, options.index, SxArray<SxString>(options.headers));
+    *name = ZqImageFolder::prefix(fetch.getName());
     runJob(&fetch, "fetch", *out);
     return place.path;
 }
 
-int finish(ZqImageOptimize* job, bool isForecast, Output* out) {
+int finish(ZqImageOptimize* job, bool isForecast, const LeftRuns& left, Output* out) {
     const double seconds = runJob(job, "optimize", *out);
     if (job->hasFailure()) throw job->getFailure();
     const ZqImageOptimize::Result& result = job->getResult();
     if (!isForecast && !job->isComplete()) {
         throw SxException(job->isBegun() ? "stopped; go on with: tavrin image optimize IMAGE --resume"
-                                         : "stopped; nothing has changed",
+                                         : "stopped before anything was begun",
                           UNIT, __LINE__);
     }
     const double told = isForecast ? result.forecastSeconds : seconds;
-    if (out->getMode().json) out->object(describe(result, told));
+    if (out->getMode().json) out->object(describe(result, told, left));
     tell(result, told, isForecast, out);
     if (!result.indexLeft.isEmpty()) out->finding(result.indexLeft);
     return ExitSuccess;
@@ -145,15 +163,16 @@ int optimize(const OptimizeOptions& options, Output& out) {
     }
     if (options.resume) {
         ZqImageOptimize job(options.image);
-        return finish(&job, false, &out);
+        return finish(&job, false, {}, &out);
     }
     const PrivateFolder place;
     SxString name;
-    const SxString index = makeIndex(options, place, &name, &out);
+    LeftRuns left;
+    const SxString index = makeIndex(options, place, &name, &left, &out);
     ZqImageOptimize job(options.image, index);
     if (!options.consume) job.keepIndex(name);
     if (options.dryRun) job.setForecastOnly();
-    return finish(&job, options.dryRun, &out);
+    return finish(&job, options.dryRun, left, &out);
 }
 } // namespace
 

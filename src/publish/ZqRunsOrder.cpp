@@ -65,7 +65,7 @@ SxString ZqRunsOrder::findObstacle(const SxString& trace, const SxString& buildI
         const ZqTraceParams record(trace);
         if (record.isSeries()) return "was joined of several runs";
         if (!(record.checksumMnt == buildId)) return "is of another build";
-        const SxString mismatch = ZqTraceRecords::findMismatch(trace, record);
+        SxString mismatch = ZqTraceRecords::findMismatch(trace, record);
         if (!mismatch.isEmpty()) return mismatch;
         ZqTraceRecords::Reader reader(trace);
         if (reader.getN() == 0) return "is empty";

@@ -79,7 +79,13 @@ SxString printable(const char* text, int64 n) {
 SxPtr<ZqImageLock> ZqImageLock::take(const SxString& path, Range range, Mode mode, const SxString& job) {
     if (mode == Exclusive && range != Shape) finishReplacement(path);
     SxPtr<ZqImageLock> lock = takeAnyState(path, range, mode, job);
-    refuseUnfinished(path);
+    try {
+        refuseUnfinished(path);
+    } catch (const SxException&) {
+        // Whoever is at it says more than how one would go on.
+        if (range != Shape) takeAnyState(path, Shape, Shared, job);
+        throw;
+    }
     return lock;
 }
 

@@ -181,6 +181,10 @@ TEST(ImageLock, AnUnfinishedImageIsRefused) {
             EXPECT_EQ(dir.tryTake(mode), "Image '" + dir.path() + "' is in the middle of " + words);
             Lock::takeAnyState(dir.path(), Lock::Shape, mode, "reader"); // also: the refused one left no lock
         }
+        // Whoever is at it is named, and not how to go on.
+        const auto job = Lock::takeAnyState(dir.path(), Lock::Shape, Lock::Exclusive, "image optimize");
+        EXPECT_EQ(failureOf([&] { Lock::take(dir.path(), Lock::Growth, Lock::Exclusive, "run"); }),
+                  dir.usedBy(SELF, "image optimize"));
     }
 }
 

@@ -261,8 +261,10 @@ int FaultOs::punchHole(int fd, int64 offset, int64 n) {
 }
 
 int FaultOs::sync(int fd) {
-    if (const int error = strike(Op::Sync, fd)) return error;
+    const int error = strike(Op::Sync, fd);
     const std::lock_guard lock(mutex);
+    if (error && !cut && openFiles.contains(fd)) pending.loseFile(fd);
+    if (error) return error;
     const int result = machine.sync(fd);
     if (result == 0 && openFiles.contains(fd)) pending.syncFile(fd);
     return result;

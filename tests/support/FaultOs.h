@@ -18,8 +18,9 @@
 /// fall back to the last sync (a new file to empty), new names vanish with all below them, replaced, renamed
 /// and removed ones come back. crash(random) lets each pending write and each pending name survive or not by
 /// chance, as a device does that writes in an order of its own; the two names of one rename share their fate,
-/// so a file is never lost by it. The machine has another start id after it. Permissions and times aren't
-/// followed. Descriptors must be closed before.
+/// so a file is never lost by it. What a sync that fails should have made durable isn't made so by a later
+/// one, as on Linux, unless it is written again. The machine has another start id after it. Permissions and
+/// times aren't followed. Descriptors must be closed before.
 class FaultOs : public SxOs {
 public:
     enum class Op {

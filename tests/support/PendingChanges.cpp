@@ -116,6 +116,7 @@ void PendingChanges::rekey(const std::string& from, const std::string& to) {
 void PendingChanges::makeFile(int fd) {
     const SxStat info = statOf(fd);
     changes.erase({info.device, info.inode});
+    lost.erase({info.device, info.inode});
 }
 
 void PendingChanges::changeFile(int fd, int64 offset, std::string newBytes, int64 newSize) {
@@ -124,12 +125,41 @@ void PendingChanges::changeFile(int fd, int64 offset, std::string newBytes, int6
     const int64 end =
         newBytes.empty() ? info.size : std::min(info.size, offset + static_cast<int64>(newBytes.size()));
     std::string oldBytes = file.read(offset, end - offset);
+    const auto found = lost.find({info.device, info.inode});
+    if (found != lost.end() && !newBytes.empty()) {
+        // A page that is written to goes to the device as a whole.
+        found->second.erase(found->second.lower_bound(offset / PAGE * PAGE),
+                            found->second.lower_bound(offset + static_cast<int64>(newBytes.size())));
+    }
     changes[{info.device, info.inode}].push_back(
         {offset, std::move(oldBytes), std::move(newBytes), info.size, newSize});
 }
 
 void PendingChanges::syncFile(int fd) {
-    makeFile(fd);
+    const SxStat info = statOf(fd);
+    changes.erase({info.device, info.inode});
+}
+
+void PendingChanges::loseFile(int fd) {
+    const SxStat info = statOf(fd);
+    const auto found = changes.find({info.device, info.inode});
+    if (found == changes.end()) return;
+    std::map<int64, std::string>& pages = lost[found->first];
+    const OpenFile file("/proc/self/fd/" + std::to_string(fd), O_RDONLY);
+    const std::vector<Change>& log = found->second;
+    for (auto change = log.rbegin(); change != log.rend(); ++change) {
+        const auto end = change->offset + static_cast<int64>(change->newBytes.size());
+        for (int64 page = change->offset / PAGE * PAGE; page < end; page += PAGE) {
+            std::string& bytes = pages[page];
+            if (bytes.empty()) bytes = file.read(page, std::clamp<int64>(info.size - page, 0, PAGE));
+            bytes.resize(PAGE, '\0');
+            for (int64 at = std::max(page, change->offset); at < std::min(page + PAGE, end); ++at) {
+                const auto old = static_cast<size_t>(at - change->offset);
+                bytes[static_cast<size_t>(at - page)] =
+                    old < change->oldBytes.size() ? change->oldBytes[old] : '\0';
+            }
+        }
+    }
 }
 
 void PendingChanges::syncFolder(const std::string& path) {
@@ -168,7 +198,9 @@ void PendingChanges::crash(std::mt19937_64* random) {
     undoMoves(random);
     restoreNames(random);
     restoreFiles(random);
+    restoreLost();
     changes.clear();
+    lost.clear();
 }
 
 void PendingChanges::undoMoves(std::mt19937_64* random) {
@@ -220,6 +252,21 @@ void PendingChanges::restoreFiles(std::mt19937_64* random) {
                 if (coin(random)) file.write(std::string_view(change.newBytes).substr(at, n), offset);
                 at += n;
             }
+        }
+    }
+}
+
+void PendingChanges::restoreLost() {
+    for (const auto& entry : fs::recursive_directory_iterator(folder)) {
+        if (!fs::is_regular_file(entry.symlink_status())) continue;
+        SxStat info;
+        require(SxOs::machine().lstat(entry.path().string(), &info) == 0, "stat");
+        const auto found = lost.find({info.device, info.inode});
+        if (found == lost.end()) continue;
+        const OpenFile file(entry.path().string(), O_RDWR);
+        for (const auto& [page, bytes] : found->second) {
+            const int64 n = std::min<int64>(PAGE, info.size - page);
+            if (n > 0) file.write(std::string_view(bytes).substr(0, static_cast<size_t>(n)), page);
         }
     }
 }

@@ -29,6 +29,9 @@ public:
     void changeFile(int fd, int64 offset, std::string newBytes, int64 newSize);
 
     void syncFile(int fd);
+    /// A sync of the file has failed: what it should have brought to the device is in memory alone, and no
+    /// later sync brings it there. Writing to a page again does.
+    void loseFile(int fd);
     void syncFolder(const std::string& path);
     void syncAll();
 
@@ -59,9 +62,12 @@ private:
     void undoMoves(std::mt19937_64* random);
     void restoreNames(std::mt19937_64* random);
     void restoreFiles(std::mt19937_64* random);
+    void restoreLost();
 
     const std::string folder, graveyard;
     std::map<Inode, std::vector<Change>> changes;
+    /// Pages that no sync brings to the device, by their offset, with what it has there.
+    std::map<Inode, std::map<int64, std::string>> lost;
     std::map<std::string, Name> names; ///< by path, so a folder comes before what it holds
     std::vector<FolderMove> moves;
     int64 nGraves = 0, nGroups = 0;

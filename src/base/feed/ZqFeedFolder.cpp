@@ -80,6 +80,11 @@ void ZqFeedFolder::cutSurplus(const ZqStopTest& stop) const {
 }
 
 bool ZqFeedFolder::openApp(const SxPtr<ZqNetLink>& link, const ZqStopTest& stop) {
+    try {
+        ZqOrderCarry::removeRemains(settings.image);
+    } catch (const SxException& e) {
+        zqLogMsg("base", "ZqImageFeed: " + e.toString(SxException::ShowMessage, ": "));
+    }
     ZqAppParams app;
     bool isConfirmed = true;
     if (!link) {

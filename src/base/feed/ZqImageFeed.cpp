@@ -224,7 +224,7 @@ bool ZqImageFeed::answersReads() const {
 }
 
 SxString ZqImageFeed::getLinkStatus() const {
-    const SxString waiting = health.getWaiting();
+    SxString waiting = health.getWaiting();
     if (!waiting.isEmpty()) return waiting;
     const SxMutexBlock block(&mutex);
     return link ? link->getStatus() : SxString();

@@ -15,11 +15,15 @@ ZqIndexFetch::ZqIndexFetch(const SxString& folder_, const SxString& url_, const 
     setThreadName("index fetch");
 }
 
+SxString ZqIndexFetch::getName() const {
+    return ZqUrlText::of(url);
+}
+
 void ZqIndexFetch::main() {
     try {
         ZqImageRecords records(SxPtr<ZqNetLink>::create(), folder, url, headers);
         records.fetchIndex([this] { return stopRequested(); });
     } catch (const SxException& e) {
-        throw SxException(e, "Cannot fetch the order of '" + ZqUrlText::of(url) + "'", UNIT, __LINE__);
+        throw SxException(e, "Cannot fetch the order of '" + getName() + "'", UNIT, __LINE__);
     }
 }

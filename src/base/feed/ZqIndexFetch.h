@@ -10,6 +10,9 @@ public:
     /// `folder_` exists and is empty. `headers_`: lines for each request.
     ZqIndexFetch(const SxString& folder_, const SxString& url_, const SxArray<SxString>& headers_);
 
+    /// The address as texts show it.
+    SxString getName() const;
+
 protected:
     void main() override;
 

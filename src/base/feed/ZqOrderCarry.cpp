@@ -21,8 +21,6 @@ class IndexFolder {
 public:
     explicit IndexFolder(const SxString& image)
         : path(ZqImageFolder::prefix(image) + ZqImageFiles::OPTIMIZE_INDEX) {
-        // One that was cut off has left what it had fetched.
-        if (!SxFSAction::isGone(path)) SxFSAction::rm_r(path);
         SxFSAction::mkdir_p(path, 0755);
     }
     ~IndexFolder() {
@@ -40,12 +38,18 @@ public:
 
 } // namespace
 
+void ZqOrderCarry::removeRemains(const SxString& image) {
+    const SxString path = ZqImageFolder::prefix(image) + ZqImageFiles::OPTIMIZE_INDEX;
+    if (!SxFSAction::isGone(path)) SxFSAction::rm_r(path);
+}
+
 SxString ZqOrderCarry::run(const SxPtr<ZqNetLink>& link, const SxString& image, const SxString& url,
                            const SxArray<SxString>& headers, const ZqStopTest& stop) {
+    removeRemains(image);
     const IndexFolder index(image);
     ZqImageRecords(link, index.path, url, headers).fetchIndex(stop);
     ZqImageOptimize job(image, index.path);
-    job.keepIndex(ZqUrlText::of(url));
+    job.keepIndex(ZqImageFolder::prefix(ZqUrlText::of(url)));
     job.start();
     while (!SxWait::pass(POLL_MS, [&] { return !job.isRunning(); })) {
         if (stop && stop()) job.stop();

@@ -11,4 +11,7 @@ namespace ZqOrderCarry {
 /// it was, and after a stop. Gives a line that says how much is kept.
 SxString run(const SxPtr<ZqNetLink>& link, const SxString& image, const SxString& url,
              const SxArray<SxString>& headers, const ZqStopTest& stop);
+/// Removes what one that was killed has left of the order that it had fetched. Whoever calls holds
+/// ZqImageLock::Shape.
+void removeRemains(const SxString& image);
 } // namespace ZqOrderCarry

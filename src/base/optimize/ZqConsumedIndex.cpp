@@ -24,8 +24,10 @@ SxString ZqConsumedIndex::realPath(const SxString& folder) {
 }
 
 SxString ZqConsumedIndex::findImageMark() const {
-    for (const char* name : {ZqImageFiles::LOCK, ZqImageFiles::ZQF, ZqImageFiles::LAYER_INDEX,
-                             ZqImageFiles::TRACES, ZqImageFiles::PACKED, ZqImageFiles::STREAM_JSON}) {
+    for (const char* name :
+         {ZqImageFiles::ZQF, ZqImageFiles::SPLIT_INFO, ZqImageFiles::AHEAD, ZqImageFiles::LAYER_INDEX,
+          ZqImageFiles::TRACES, ZqImageFiles::PACKED, ZqImageFiles::IDX_PACKED, ZqImageFiles::REFERENCE,
+          ZqImageFiles::STREAM_JSON, ZqOptimizeFolder::NOTE, ZqOptimizeFolder::PROGRESS}) {
         if (!SxFSAction::isGone(path + name)) return name;
     }
     return {};
@@ -44,7 +46,8 @@ SxString ZqConsumedIndex::remove(const SxString& image) const {
         if (SxFSAction::isGone(path)) return {};
         removeFiles(image);
         if (!SxFSAction::ls(path).isEmpty()) {
-            return "The index folder '" + path + "' stays, since it holds other files";
+            return "The index folder '" + path +
+                   "' stays, since it holds other files than those of this order";
         }
         SxFSAction::rm_r(path);
         // It stays gone, whatever comes: else the same command would be refused for half an index folder.
@@ -66,4 +69,6 @@ void ZqConsumedIndex::removeFiles(const SxString& image) const {
         if (SxFSAction::test_f(path + name)) SxFSAction::rm(path + name);
         SxFSAction::syncDir(path);
     }
+    // Whoever looked at the folder has left it.
+    if (SxFSAction::test_f(path + ZqImageFiles::LOCK)) SxFSAction::rm(path + ZqImageFiles::LOCK);
 }

@@ -30,6 +30,7 @@ void ZqDefragJob::main() {
         complete = true;
     } catch (const SxException& e) {
         if (!e.hasTag(SxException::STOPPED)) {
+            runtimeInfo->defragStats.bytes = static_cast<int64>(written);
             throw SxException(e, "ZqF optimization failed.", UNIT, __LINE__);
         }
     }

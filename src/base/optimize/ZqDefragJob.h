@@ -18,7 +18,8 @@ public:
     void setIndexName(const SxString& name) { indexName = name; }
     /// Looks at everything, works out what there is to do, and changes nothing; before start().
     void setForecastOnly() { forecastOnly = true; }
-    /// Asks the job to end. It ends without a failure, after a block or a piece of them.
+    /// Asks the job to end. It ends without a failure, after a block or a piece of them. A design decision: a
+    /// stop that comes before start() holds, so that none is lost by how threads take their turns.
     void stop() { stopFlag = true; }
     bool isStopRequested() const { return stopFlag; }
     /// Percent, 0 to 100; 100 at the end, also after a stop.

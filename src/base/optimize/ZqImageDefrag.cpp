@@ -42,8 +42,9 @@ void ZqImageDefrag::keepNote(const SxString& consumed_) {
 }
 
 void ZqImageDefrag::reorder() {
+    const SxString target = isNoted ? work.getPath() : indexPath;
     ZqReorderInputs inputs(imagePath, indexPath, indexName);
-    inputs.check(false);
+    inputs.check(false, isForecastOnly());
     source = inputs.makeSource();
     SxFileIO zqf(imagePath + ZqImageFiles::ZQF, "rb", 0600);
     countBlocks(static_cast<uint64>(zqf.getSize()));
@@ -51,47 +52,67 @@ void ZqImageDefrag::reorder() {
     bytesExtra = (nTarget + nBeyond) * BLOCK + source.size() * sizeof(uint64);
     if (isForecastOnly()) return forecast(&zqf);
 
+    SxStat old;
+    if (const int error = SxOs::get().statFd(zqf.getFd(), &old)) {
+        throw SxException(SxException(SxOs::errorText(error), UNIT, __LINE__),
+                          SxFileIO::fileReadErr(zqf.getFilePath()), UNIT, __LINE__);
+    }
     const ZqOptimizeNote note{ZqOptimizeNote::Copy,
                               inputs.getGuid(),
                               {inputs.getOldDigest(), inputs.getOldApp().sizeZqf},
                               {inputs.getNewDigest(), inputs.getNewApp().sizeZqf},
                               consumed,
-                              {}};
-    const SxString noteFile = work.file(ZqOptimizeFolder::NOTE);
-    const bool isKnown =
-        isNoted && SxFSAction::test_f(noteFile) && SxFileIO::readUtf8(noteFile) == note.toText();
-    const SxString path = indexPath + ZqImageFiles::ZQF;
-    uint64 first = 0;
-    if (isOwnFile(path)) {
-        const uint64 sizeTarget = static_cast<uint64>(SxFSAction::sizeOf(path)) / BLOCK;
-        if (!isNoted && sizeTarget > nTarget) {
-            throw SxException("'" + path +
-                                  "' has more blocks than a copy of this image would have; take it "
-                                  "away if it is of no use",
-                              UNIT, __LINE__);
-        }
-        first = keepTarget(&zqf, isKnown && sizeTarget > PIECE ? sizeTarget - PIECE : 0);
-    }
-    ZqImageFolder::requireSpace(indexPath,
+                              {},
+                              {old.size, old.modifiedMs}};
+    setTotal(source.size() * BLOCK);
+    const SxString path = target + ZqImageFiles::ZQF;
+    const uint64 first = findStart(&zqf, path, isKnown(note));
+    ZqImageFolder::requireSpace(target,
                                 (nTarget - first + nBeyond) * BLOCK + ZqOptimizeFolder::ROOM_FOR_RECORDS);
     refuseStop();
-    if (isNoted && !isKnown) {
-        work.make();
+    if (isNoted) {
+        if (indexPath == work.getStaged()) work.takeStaged(true);
         work.writeNote(note);
     }
     setTotal((source.size() - first) * BLOCK);
-    SxFileIO target;
+    SxFileIO file;
     if (first > 0) {
-        target.open(path, "ab");
+        file.open(path, "r+b");
+        file.truncate(static_cast<int64>(first * BLOCK));
+        file.seek(static_cast<int64>(first * BLOCK));
     } else {
-        target.create(path);
+        file.create(path);
     }
-    SxStat old;
-    if (SxOs::get().statFd(zqf.getFd(), &old) == 0)
-        SxOs::get().setPermissionsFd(target.getFd(), old.permissions);
-    copy(&zqf, &target, first);
-    target.close();
+    SxOs::get().setPermissionsFd(file.getFd(), old.permissions);
+    copy(&zqf, &file, first);
+    file.close();
     if (isNoted) carryAhead(inputs.getOldApp(), inputs.getNewApp());
+}
+
+/// Whether the work folder holds a copy that was begun with the same maps, from the same file.
+bool ZqImageDefrag::isKnown(const ZqOptimizeNote& note) const {
+    const SxString file = work.file(ZqOptimizeFolder::NOTE);
+    return isNoted && SxFSAction::test_f(file) && SxFileIO::readUtf8(file) == note.toText();
+}
+
+/// How many blocks of a target are kept.
+uint64 ZqImageDefrag::findStart(SxFileIO* zqf, const SxString& path, bool known) {
+    if (!isOwnFile(path)) return 0;
+    const uint64 size = static_cast<uint64>(SxFSAction::sizeOf(path)) / BLOCK;
+    // Each piece was synced before the next one was begun. The last one is written again: after a sync that
+    // has failed its bytes are in memory alone, where a comparison finds them.
+    if (known) return std::min(size, nTarget + PIECE) > PIECE ? std::min(size - PIECE, nTarget) : 0;
+    if (!isNoted && size > nTarget) {
+        throw SxException("'" + path +
+                              "' has more blocks than a copy of this image would have; take it "
+                              "away if it is of no use",
+                          UNIT, __LINE__);
+    }
+    SxFileIO file(path, "r+b", 0600);
+    file.sync();
+    // From here on it is read from the disk.
+    SxOs::get().adviseDone(file.getFd(), 0, 0);
+    return findDifference(zqf, &file, std::min(size, nTarget));
 }
 
 void ZqImageDefrag::forecast(SxFileIO* zqf) {
@@ -145,39 +166,28 @@ void ZqImageDefrag::countBlocks(uint64 sizeOld) {
         std::count_if(rest, source.end(), [&](ZqMovePlan::Position from) { return from < sizeOld / BLOCK; }));
 }
 
-uint64 ZqImageDefrag::keepTarget(SxFileIO* zqf, uint64 from) {
-    SxFileIO target(indexPath + ZqImageFiles::ZQF, "r+b", 0600);
-    const uint64 size = static_cast<uint64>(target.getSize());
-    const uint64 kept =
-        findDifference(zqf, &target, std::min(from, nTarget), std::min(size / BLOCK, nTarget));
-    if (kept * BLOCK < size) target.truncate(static_cast<int64>(kept * BLOCK));
-    // What was compared is in memory, and may be nowhere else.
-    target.sync();
-    return kept;
-}
-
-uint64 ZqImageDefrag::findDifference(SxFileIO* zqf, SxFileIO* target, uint64 first, uint64 end) {
+uint64 ZqImageDefrag::findDifference(SxFileIO* zqf, SxFileIO* file, uint64 end) {
     ZqBlockGather gather(zqf);
     buffer.resize(PIECE * BLOCK);
     std::vector<char> there(PIECE * BLOCK);
-    for (uint64 next = first; next < end; next += PIECE) {
+    for (uint64 next = 0; next < end; next += PIECE) {
         refuseStop();
         const uint64 pieceEnd = std::min(end, next + PIECE);
         gather.read(sourceOf(next, pieceEnd), buffer.data());
         const auto n = static_cast<int64>((pieceEnd - next) * BLOCK);
-        target->seek(static_cast<int64>(next * BLOCK));
-        if (target->readBuffer(there.data(), n) != n) {
-            throw SxException(SxFileIO::fileReadErr(target->getFilePath()), UNIT, __LINE__);
+        file->seek(static_cast<int64>(next * BLOCK));
+        if (file->readBuffer(there.data(), n) != n) {
+            throw SxException(SxFileIO::fileReadErr(file->getFilePath()), UNIT, __LINE__);
         }
         for (uint64 block = next; block < pieceEnd; ++block) {
             const size_t at = (block - next) * BLOCK;
             if (std::memcmp(buffer.data() + at, there.data() + at, BLOCK) != 0) return block;
         }
     }
-    return std::max(first, end);
+    return end;
 }
 
-void ZqImageDefrag::copy(SxFileIO* zqf, SxFileIO* target, uint64 first) {
+void ZqImageDefrag::copy(SxFileIO* zqf, SxFileIO* file, uint64 first) {
     ZqBlockGather gather(zqf);
     buffer.resize(PIECE * BLOCK);
     const auto nAll = static_cast<double>(source.size());
@@ -186,11 +196,11 @@ void ZqImageDefrag::copy(SxFileIO* zqf, SxFileIO* target, uint64 first) {
         const uint64 end = std::min(nTarget, next + PIECE);
         gather.read(sourceOf(next, end), buffer.data());
         const uint64 nBytes = (end - next) * BLOCK;
-        target->writeBuffer(buffer.data(), static_cast<int64>(nBytes));
-        target->sync();
+        file->writeBuffer(buffer.data(), static_cast<int64>(nBytes));
+        file->sync();
         addWritten(nBytes);
         next = end;
         setCurrent((next - first) * BLOCK, static_cast<double>(next) * 100 / nAll);
     }
-    target->sync();
+    file->sync();
 }

@@ -7,10 +7,12 @@
 
 class ZqAppParams;
 
-/// Job that writes a new `img.zqf` into an index folder, in the order of the map there, from that of an image
-/// which may be partial: it copies as far as the old file reaches. The image stays as it is. A target that is
-/// there is gone on with, as far as its blocks are what they should be: its length alone proves nothing after
-/// a power cut.
+/// Job that writes a new `img.zqf` in the order of an index folder, from that of an image which may be
+/// partial: it copies as far as the old file reaches. The image stays as it is. A target that is there is
+/// gone on with, as far as its blocks are what they should be: its length alone proves nothing after a power
+/// cut.
+///
+/// The target lies in the index folder, or, with keepNote(), in the image's work folder.
 ///
 /// Raises "ZqF optimization failed." with the cause, before the target is touched where the maps don't serve.
 class ZqImageDefrag : public ZqDefragJob {
@@ -18,9 +20,9 @@ public:
     /// `index` is an index folder, see ZqReorderInputs.
     ZqImageDefrag(const SxString& image, const SxString& index);
 
-    /// Keeps a note in the image's work folder of which maps the target is made. Where it says that these are
-    /// the ones, only the end of a target is compared, and else all of it. `consumed`: see ZqOptimizeNote.
-    /// Before start().
+    /// Writes into the image's work folder, and keeps a note there of which maps and which file the target is
+    /// made. Where it says that these are the ones, a target is taken but for its end, and else it is
+    /// compared as a whole. `consumed`: see ZqOptimizeNote. Before start().
     void keepNote(const SxString& consumed_);
 
     /// After the end: blocks that are kept beyond the target's end.
@@ -36,13 +38,14 @@ private:
     void forecast(SxFileIO* zqf);
     void planAhead(const ZqAppParams& oldApp, const ZqAppParams& newApp);
     void carryAhead(const ZqAppParams& oldApp, const ZqAppParams& newApp);
-    /// Blocks of the target that are what they should be; the rest of it is cut off.
-    uint64 keepTarget(SxFileIO* zqf, uint64 from);
-    uint64 findDifference(SxFileIO* zqf, SxFileIO* target, uint64 first, uint64 end);
+    bool isKnown(const ZqOptimizeNote& note) const;
+    uint64 findStart(SxFileIO* zqf, const SxString& path, bool known);
+    /// The first of a target's `end` blocks that isn't what it should be; `end` where all are.
+    uint64 findDifference(SxFileIO* zqf, SxFileIO* file, uint64 end);
     std::span<const ZqMovePlan::Position> sourceOf(uint64 first, uint64 end) const {
         return std::span(source).subspan(first, end - first);
     }
-    void copy(SxFileIO* zqf, SxFileIO* target, uint64 first);
+    void copy(SxFileIO* zqf, SxFileIO* file, uint64 first);
     std::vector<ZqMovePlan::Position> source;
     std::vector<char> buffer;
     uint64 nTarget = 0; ///< blocks that the target can have

@@ -5,6 +5,7 @@
 #include "SxMd5.h"
 #include "SxOs.h"
 #include "ZqBlockGather.h"
+#include "ZqBlockProbe.h"
 #include "ZqImageFiles.h"
 #include "ZqImageFolder.h"
 #include "ZqMoveProgress.h"
@@ -39,7 +40,11 @@ void reserve(SxFileIO* file, uint64 offset, uint64 n) {
 void requireMap(const SxString& folder, const SxString& digest) {
     const SxString file = folder + ZqImageFiles::IDX;
     if (SxMd5::file(file) == digest) return;
-    throw SxException("'" + file + "' isn't the map that the optimisation was begun with", UNIT, __LINE__);
+    throw SxException("'" + file +
+                          "' isn't the map that the optimisation was begun with: without that it can't go "
+                          "on, and the image "
+                          "must be fetched or built anew",
+                      UNIT, __LINE__);
 }
 
 } // namespace
@@ -59,10 +64,7 @@ ZqImageInPlaceDefrag::ZqImageInPlaceDefrag(const SxString& image)
 }
 
 void ZqImageInPlaceDefrag::reorder() {
-    if (isResumed &&
-        ZqMoveProgress::open(work.file(ZqOptimizeFolder::PROGRESS)).get().phase >= ZqMoveProgress::Records) {
-        return;
-    }
+    if (isResumed && work.state() > ZqOptimizeFolder::Moving) return;
     Source source = isResumed ? goOn() : begin();
     if (isForecastOnly()) return forecast(std::move(source));
     move(work.readNote(), std::move(source));
@@ -70,7 +72,7 @@ void ZqImageInPlaceDefrag::reorder() {
 
 ZqImageInPlaceDefrag::Source ZqImageInPlaceDefrag::begin() {
     ZqReorderInputs inputs(imagePath, indexPath, indexName);
-    inputs.check(true);
+    inputs.check(true, isForecastOnly());
     Source source = inputs.makeSource();
     const auto sizeOld = static_cast<uint64>(SxFSAction::sizeOf(imagePath + ZqImageFiles::ZQF));
     setTotal(sizeOld);
@@ -86,13 +88,19 @@ ZqImageInPlaceDefrag::Source ZqImageInPlaceDefrag::begin() {
     const uint64 nHeads = std::min<uint64>(limits.nHeads, nOut);
     const uint64 nMapBytes = source.size() * sizeof(uint64);
     bytesExtra = nHeads * BLOCK + nMapBytes + std::max(sizeOld, sizeNew) - sizeOld;
-    const uint64 nCopied = indexPath == work.getPath() ? nMapBytes : 0;
+    const uint64 nCopied = isStaged() ? nMapBytes : 0;
     ZqImageFolder::requireSpace(imagePath, bytesExtra - nCopied + ZqOptimizeFolder::ROOM_FOR_RECORDS);
+    // Nothing is begun in vain where it can't be written into.
+    SxFileIO(imagePath + ZqImageFiles::ZQF, "r+b", 0600);
     if (isForecastOnly()) return source;
     refuseStop();
-    const ZqOptimizeNote note{
-        ZqOptimizeNote::InPlace,          inputs.getGuid(), {inputs.getOldDigest(), sizeOld},
-        {inputs.getNewDigest(), sizeNew}, consumed,         limits};
+    const ZqOptimizeNote note{ZqOptimizeNote::InPlace,
+                              inputs.getGuid(),
+                              {inputs.getOldDigest(), sizeOld},
+                              {inputs.getNewDigest(), sizeNew},
+                              consumed,
+                              limits,
+                              {}};
     try {
         makeWorkFolder(note, nHeads);
     } catch (const SxException&) {
@@ -107,7 +115,10 @@ void ZqImageInPlaceDefrag::countBlocks(const ZqMovePlan& plan, uint64 sizeOld, u
     nMoved = plan.getNMoved();
     nKept = plan.getNKept();
     nIncluded = nMoved + nKept;
-    forecastBytes = sizeNew - nKept * BLOCK;
+    uint64 nCleared = 0;
+    for (ZqMovePlan::Position to = 0; to < std::min(sizeOld, sizeNew) / BLOCK; ++to)
+        nCleared += plan.sourceOf(to) == ZqMovePlan::NONE;
+    forecastBytes = (nMoved + nCleared) * BLOCK;
     changed = forecastBytes > 0 || sizeOld != sizeNew;
 }
 
@@ -144,7 +155,11 @@ void ZqImageInPlaceDefrag::requireBlocks(const Source& source, uint64 sizeOld) c
 }
 
 void ZqImageInPlaceDefrag::makeWorkFolder(const ZqOptimizeNote& note, uint64 nHeads) const {
-    if (!(indexPath == work.getPath())) copyIndex(note.to.idx);
+    if (isStaged()) {
+        work.takeStaged(false);
+    } else {
+        copyIndex(note.to.idx);
+    }
     SxFileIO heads;
     heads.create(work.file(ZqOptimizeFolder::HEADS));
     reserve(&heads, 0, nHeads * BLOCK);
@@ -187,10 +202,12 @@ ZqImageInPlaceDefrag::Source ZqImageInPlaceDefrag::goOn() const {
 }
 
 void ZqImageInPlaceDefrag::move(const ZqOptimizeNote& note, Source source) {
+    setTotal(note.from.sizeZqf);
+    // Somebody may have removed it.
+    if (!work.isLocked()) work.lock();
     ZqOrderRemains::remove(imagePath, true, true);
     SxFileIO zqf(imagePath + ZqImageFiles::ZQF, "r+b", 0600);
     const auto size = static_cast<uint64>(zqf.getSize());
-    setTotal(note.from.sizeZqf);
     if (size < note.to.sizeZqf) {
         reserve(&zqf, size, note.to.sizeZqf - size);
         zqf.truncate(static_cast<int64>(note.to.sizeZqf));
@@ -205,14 +222,47 @@ void ZqImageInPlaceDefrag::move(const ZqOptimizeNote& note, Source source) {
         &plan, &zqf, &heads, &howFar, [this] { return isStopRequested(); },
         [this](uint64 bytes) { advance(bytes); }, [this](uint64 bytes) { addWritten(bytes); })
         .run();
-    clearUnused(plan, note.to.sizeZqf, &zqf);
+    clearUnused(plan, note, &zqf);
     if (zqf.getSize() > static_cast<int64>(note.to.sizeZqf)) {
         zqf.truncate(static_cast<int64>(note.to.sizeZqf));
     }
     zqf.sync();
+    const uint64 probe = ZqBlockProbe::of(&zqf, movedAmong(plan));
     zqf.close();
     ZqOrderRemains::renewSyncedSize(imagePath);
-    howFar.set({ZqMoveProgress::Records, 0, 0, 0});
+    howFar.set({ZqMoveProgress::Records, 0, 0, 0, probe});
+}
+
+/// Some positions whose blocks have moved, from all over the file.
+ZqImageInPlaceDefrag::Source ZqImageInPlaceDefrag::movedAmong(const ZqMovePlan& plan) {
+    constexpr uint64 MOST = 256;
+    const uint64 each = plan.getNMoved() / MOST + 1;
+    Source some;
+    uint64 nMoved = 0;
+    for (ZqMovePlan::Position to = 0; nMoved < plan.getNMoved(); ++to) {
+        if (!plan.isMoved(to)) continue;
+        if (nMoved++ % each == 0) some.push_back(to);
+    }
+    return some;
+}
+
+void ZqImageInPlaceDefrag::requireMoved(const SxString& image) {
+    const ZqOptimizeFolder work(image);
+    // Once the old map has gone, nothing tells what has moved.
+    if (!work.has(ZqImageFiles::IDX) || !(SxMd5::file(image + ZqImageFiles::IDX) == work.readNote().from.idx))
+        return;
+    const ZqReorderInputs inputs(image, work.getPath(), work.getPath());
+    ZqMovePlan plan(inputs.makeSource(work.readNote().to.sizeZqf), {});
+    SxFileIO zqf(image + ZqImageFiles::ZQF, "rb");
+    if (ZqBlockProbe::of(&zqf, movedAmong(plan)) ==
+        ZqMoveProgress::open(work.file(ZqOptimizeFolder::PROGRESS)).get().probe) {
+        return;
+    }
+    throw SxException(
+        "'" + image + ZqImageFiles::ZQF +
+            "' isn't the file of which blocks have moved: if it was brought back as it was before, "
+            "remove optimize.lock and optimize.work beside it",
+        UNIT, __LINE__);
 }
 
 void ZqImageInPlaceDefrag::advance(uint64 bytes) {
@@ -221,10 +271,12 @@ void ZqImageInPlaceDefrag::advance(uint64 bytes) {
     setCurrent(inPlace, static_cast<double>(inPlace) / BLOCK * MOVED / nBlocks);
 }
 
-void ZqImageInPlaceDefrag::clearUnused(const ZqMovePlan& plan, uint64 sizeNew, SxFileIO* zqf) {
+void ZqImageInPlaceDefrag::clearUnused(const ZqMovePlan& plan, const ZqOptimizeNote& note, SxFileIO* zqf) {
     const std::vector<char> zeros(ZEROS * BLOCK, 0);
-    const uint64 n = sizeNew / BLOCK;
+    // What the file has grown by is zeros where no block came.
+    const uint64 n = std::min(note.from.sizeZqf, note.to.sizeZqf) / BLOCK;
     for (uint64 first = 0; first < n;) {
+        refuseStop();
         uint64 end = first;
         while (end < n && end - first < ZEROS &&
                plan.sourceOf(static_cast<ZqMovePlan::Position>(end)) == ZqMovePlan::NONE) {

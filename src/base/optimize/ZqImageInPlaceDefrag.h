@@ -23,6 +23,9 @@ public:
     void setConsumed(const SxString& path) { consumed = path; }
     /// Other limits than those that serve best; before start().
     void setLimits(const ZqMovePlan::Limits& limits_) { limits = limits_; }
+    /// Raises where the blocks of an image, whose folder has a trailing slash, aren't those that have moved:
+    /// for who goes on with the records alone.
+    static void requireMoved(const SxString& image);
     /// After the end: whether `img.zqf` isn't what it was, byte by byte.
     bool changesBlocks() const { return changed; }
 
@@ -42,7 +45,9 @@ private:
     void makeWorkFolder(const ZqOptimizeNote& note, uint64 nHeads) const;
     void copyIndex(const SxString& digest) const;
     void move(const ZqOptimizeNote& note, Source source);
-    void clearUnused(const ZqMovePlan& plan, uint64 sizeNew, SxFileIO* zqf);
+    void clearUnused(const ZqMovePlan& plan, const ZqOptimizeNote& note, SxFileIO* zqf);
+    static Source movedAmong(const ZqMovePlan& plan);
+    bool isStaged() const { return indexPath == work.getStaged(); }
     /// So many bytes more are in their place.
     void advance(uint64 bytes);
 

@@ -13,6 +13,7 @@
 #include "ZqImageFolder.h"
 #include "ZqImageInPlaceDefrag.h"
 #include "ZqImageLock.h"
+#include "ZqImageParams.h"
 #include "ZqImageStaging.h"
 #include "ZqJobFailure.h"
 #include "ZqLog.h"
@@ -95,10 +96,13 @@ void ZqImageOptimize::begin() {
         work->confirm();
         work->remove();
     } else if (state > ZqOptimizeFolder::CopyBegun) {
-        throw SxException(SxException("go on with: tavrin image optimize IMAGE --resume", UNIT, __LINE__),
-                          imagePath + ZqImageFiles::OPTIMIZE_LOCK +
-                              " available. Unfinished optimization detected",
-                          UNIT, __LINE__);
+        const SxException how =
+            state == ZqOptimizeFolder::Lost
+                ? lost()
+                : SxException("go on with: tavrin image optimize IMAGE --resume", UNIT, __LINE__);
+        throw SxException(
+            how, imagePath + ZqImageFiles::OPTIMIZE_LOCK + " available. Unfinished optimization detected",
+            UNIT, __LINE__);
     }
     if (consumes) {
         consumed = indexPath;
@@ -125,8 +129,7 @@ void ZqImageOptimize::begin() {
 void ZqImageOptimize::sweep() const {
     try {
         if (work->isLocked()) return;
-        const SxString forecast = work->file(ZqOptimizeFolder::FORECAST);
-        if (!SxFSAction::isGone(forecast)) SxFSAction::rm_r(forecast);
+        if (!SxFSAction::isGone(work->getStaged())) SxFSAction::rm_r(work->getStaged());
         if (work->state() == ZqOptimizeFolder::Nothing) work->remove();
     } catch (const SxException& e) {
         // What it came from is told; the next job removes what is left.
@@ -159,10 +162,15 @@ void ZqImageOptimize::requireImage() const {
     ZqImageLock::refuseUnfinished(imagePath);
     ZqStreamRecord().read(imagePath);
     const ZqImage::SplitState storage = ZqImage(imagePath).getSplitState();
-    if (!storage.split && !storage.joining) return;
-    throw SxException("Image '" + imagePath +
-                          "' is in parts; put them together first: tavrin image join IMAGE",
-                      UNIT, __LINE__);
+    if (storage.split || storage.joining) {
+        throw SxException("Image '" + imagePath +
+                              "' is in parts; put them together first: tavrin image join IMAGE",
+                          UNIT, __LINE__);
+    }
+    if (!SxFSAction::test_f(imagePath + ZqImageFiles::ZQF)) {
+        throw SxException("'" + imagePath + "' holds no img.zqf yet, so there is nothing to be re-ordered",
+                          UNIT, __LINE__);
+    }
 }
 
 /// A design decision: neither mode works in the index folder itself. It may lie on another disk, from where
@@ -173,14 +181,11 @@ SxString ZqImageOptimize::takeIndex() const {
     ZqImageFolder::requireSpace(imagePath, static_cast<uint64>(SxFSAction::sizeOf(map)) +
                                                ZqOptimizeFolder::ROOM_FOR_RECORDS);
     work->make();
-    SxString folder = work->getPath() + (forecastOnly ? ZqOptimizeFolder::FORECAST : "");
-    if (forecastOnly) {
-        SxFSAction::mkdir_p(folder, 0755);
-    } else {
-        work->removeRecords();
-    }
+    const SxString folder = work->getStaged();
+    if (!SxFSAction::isGone(folder)) SxFSAction::rm_r(folder);
+    SxFSAction::mkdir_p(folder, 0755);
     ZqOptimizeFolder::copyIndex(indexPath, folder);
-    return folder;
+    return work->getStaged();
 }
 
 void ZqImageOptimize::reorderInPlace() {
@@ -242,6 +247,7 @@ void ZqImageOptimize::runWorker(ZqDefragJob* worker) {
     };
     worker->runtimeInfo = runtimeInfo;
     if (forecastOnly) worker->setForecastOnly();
+    if (stopRequested()) worker->stop();
     worker->start(6);
     while (worker->isRunning() && !worker->hasException() && !stopRequested()) {
         copyCounters();
@@ -263,14 +269,7 @@ void ZqImageOptimize::goOn() {
     result.isResumed = true;
     work->requireOwn();
     const ZqOptimizeFolder::State state = work->state();
-    if (state == ZqOptimizeFolder::Lost) {
-        throw SxException(
-            "'" + imagePath + ZqImageFiles::OPTIMIZE_LOCK + "' stands there without the folder '" +
-                work->getPath() +
-                "': nothing tells how far an optimisation has come, so the image must be fetched or built "
-                "anew, unless you know that none was begun and remove the lock",
-            UNIT, __LINE__);
-    }
+    if (state == ZqOptimizeFolder::Lost) throw lost();
     if (state == ZqOptimizeFolder::CopyBegun) return goOnWithCopy();
     if (state == ZqOptimizeFolder::Nothing) {
         work->remove();
@@ -278,12 +277,20 @@ void ZqImageOptimize::goOn() {
                               "' was begun, so there is none to go on with",
                           UNIT, __LINE__);
     }
-    if (state != ZqOptimizeFolder::Done && !work->isLocked()) work->lock();
     work->confirm();
     if (state != ZqOptimizeFolder::Moving) return finish();
     log("Starting Defragmentation using inplace mode");
     ZqImageInPlaceDefrag worker(imagePath);
     runInPlace(&worker);
+}
+
+SxException ZqImageOptimize::lost() const {
+    return SxException(
+        "'" + imagePath + ZqImageFiles::OPTIMIZE_LOCK + "' stands there without the folder '" +
+            work->getPath() +
+            "': nothing tells how far an optimisation has come, so the image must be fetched or "
+            "built anew, unless you know that none was begun and remove the lock",
+        UNIT, __LINE__);
 }
 
 void ZqImageOptimize::goOnWithCopy() {
@@ -313,16 +320,16 @@ void ZqImageOptimize::finish() {
         ZqMoveProgress howFar = ZqMoveProgress::open(progress);
         howFar.requirePlan(work->digestNote());
         const ZqOptimizeNote note = work->readNote();
+        requireNew(note, howFar.get().round);
+        // Somebody may have removed it.
+        if (!work->isLocked()) work->lock();
         if (note.mode == ZqOptimizeNote::Copy) {
-            requireNew(note, howFar.get().round);
             // What was true of the old blocks goes, unless the copy has replaced it.
             const uint64 replaces = howFar.get().batch;
             ZqOrderRemains::remove(imagePath, (replaces & ZqMoveProgress::ALSO_AHEAD) == 0,
                                    (replaces & ZqMoveProgress::ALSO_IDX_MD5) == 0);
-        } else {
-            requireNew(note, std::nullopt);
         }
-        work->replace();
+        work->replace(note.mode);
         ZqOrderRemains::renewSyncedSize(imagePath);
         if (!note.index.isEmpty()) {
             result.indexLeft = ZqConsumedIndex(note.index).remove(imagePath);
@@ -337,22 +344,23 @@ void ZqImageOptimize::finish() {
 }
 
 /// A map of the one order beside blocks or records of the other would be taken for an image.
-void ZqImageOptimize::requireNew(const ZqOptimizeNote& note, const std::optional<uint64>& copied) const {
+void ZqImageOptimize::requireNew(const ZqOptimizeNote& note, uint64 sizeCopied) const {
     const auto folderOf = [&](const char* name) { return work->has(name) ? work->getPath() : imagePath; };
+    const auto refuse = [](const SxString& file, const SxString& what) {
+        throw SxException("'" + file + "' isn't " + what, UNIT, __LINE__);
+    };
     const SxString map = folderOf(ZqImageFiles::IDX) + ZqImageFiles::IDX;
-    if (!(SxMd5::file(map) == note.to.idx)) {
-        throw SxException("'" + map + "' isn't the map that the optimisation was begun with", UNIT, __LINE__);
-    }
+    if (!(SxMd5::file(map) == note.to.idx)) refuse(map, "the map that the optimisation was begun with");
     const SxString records = folderOf(ZqImageFiles::APP_JSON);
-    if (ZqAppParams(records).sizeZqf != note.to.sizeZqf) {
-        throw SxException("'" + records + ZqImageFiles::APP_JSON +
-                              "' isn't the record that the optimisation was begun with",
-                          UNIT, __LINE__);
-    }
-    if (!copied) return;
-    const SxString blocks = folderOf(ZqImageFiles::ZQF) + ZqImageFiles::ZQF;
-    if (static_cast<uint64>(SxFSAction::sizeOf(blocks)) == *copied) return;
-    throw SxException("'" + blocks + "' isn't the copy that the optimisation has made: it hasn't " +
-                          SxString(*copied) + " bytes",
-                      UNIT, __LINE__);
+    if (ZqAppParams(records).sizeZqf != note.to.sizeZqf)
+        refuse(records + ZqImageFiles::APP_JSON, "the record that the optimisation was begun with");
+    const SxString old = imagePath + ZqImageFiles::IDX, digest = SxMd5::file(old);
+    if (!(digest == note.from.idx || digest == note.to.idx) || !(ZqImageParams(imagePath).guid == note.guid))
+        refuse(old, "a map of the image that the optimisation was begun with");
+    const bool isCopy = note.mode == ZqOptimizeNote::Copy;
+    const SxString blocks = (isCopy ? folderOf(ZqImageFiles::ZQF) : imagePath) + ZqImageFiles::ZQF;
+    const uint64 size = isCopy ? sizeCopied : note.to.sizeZqf;
+    if (static_cast<uint64>(SxFSAction::sizeOf(blocks)) != size)
+        refuse(blocks, "what the optimisation has left: it hasn't " + SxString(size) + " bytes");
+    if (!isCopy && isResumed) ZqImageInPlaceDefrag::requireMoved(imagePath);
 }

@@ -4,8 +4,6 @@
 #include "ZqRuntimeInfo.h"
 #include "ZqTaskMon.h"
 
-#include <optional>
-
 class ZqDefragJob;
 class ZqImageInPlaceDefrag;
 class ZqImageLock;
@@ -19,8 +17,8 @@ struct ZqOptimizeNote;
 ///
 /// A failure is logged, published as APP_ERROR, and kept in the job (hasFailure()). A stop is no failure:
 /// isComplete() tells. After a stop, a failure, a kill or a power cut nothing is lost, and a job without an
-/// index folder goes on. In between an image that was re-ordered in place has `optimize.lock`, and nothing
-/// else takes it.
+/// index folder goes on, unless a partial image has become complete since. While blocks move within the
+/// image, or records and a copy take their places, it has `optimize.lock`, and nothing else takes it.
 class ZqImageOptimize : public ZqTaskMon {
 public:
     /// Both with or without trailing slashes. The job works on a copy of the index folder in the image
@@ -94,7 +92,8 @@ private:
     void goOn();
     void goOnWithCopy();
     void finish();
-    void requireNew(const ZqOptimizeNote& note, const std::optional<uint64>& copied) const;
+    void requireNew(const ZqOptimizeNote& note, uint64 sizeCopied) const;
+    SxException lost() const;
 
     const SxString imagePath, indexPath; ///< with trailing slashes; no index folder to go on
     const bool isResumed;

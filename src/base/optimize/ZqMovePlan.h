@@ -52,6 +52,7 @@ public:
     /// The positions that a batch writes, in no order.
     std::span<const Position> getBatch(uint64 batch) const;
     Position sourceOf(Position to) const { return source[to]; }
+    bool isMoved(Position to) const { return source[to] != NONE && source[to] != to; }
     /// The slot of the head that was set aside at that position.
     std::optional<uint64> headAt(Position position) const;
 

@@ -12,7 +12,7 @@ static_assert(std::endian::native == std::endian::little);
 namespace {
 
 constexpr const char* UNIT = "src/base/optimize/ZqMoveProgress";
-constexpr size_t N_FIELDS = 8;
+constexpr size_t N_FIELDS = 9;
 constexpr int64 SLOT = ZqBlocks::SIZE;
 using Record = std::array<uint64, N_FIELDS>;
 
@@ -36,32 +36,39 @@ ZqMoveProgress ZqMoveProgress::create(const SxString& path, uint64 plan, const S
     // All of its room is taken now, so that a disk that fills up later stops no change.
     const std::string zeros(2 * SLOT, '\0');
     progress.file.writeBuffer(zeros.data(), 2 * SLOT);
-    progress.write(0);
+    progress.sequence = 1;
+    progress.write(1);
     return progress;
 }
 
 ZqMoveProgress ZqMoveProgress::open(const SxString& path) {
     ZqMoveProgress progress;
     progress.file.open(path, "r+b");
-    const bool first = progress.take(0), second = progress.take(1);
-    if (!first && !second) {
-        throw SxException(DAMAGED,
-                          "'" + path + "' doesn't say how far the optimisation has come: it is damaged", UNIT,
-                          __LINE__);
+    const bool isWhole = progress.file.getSize() == 2 * SLOT;
+    if (isWhole) {
+        progress.take(0);
+        progress.take(1);
     }
+    if (!isWhole || progress.sequence == 0) throw progress.damage();
     return progress;
 }
 
-bool ZqMoveProgress::take(int64 slot) {
+SxException ZqMoveProgress::damage() const {
+    return SxException(
+        DAMAGED, "'" + file.getFilePath() + "' doesn't say how far the optimisation has come: it is damaged",
+        UNIT, __LINE__);
+}
+
+void ZqMoveProgress::take(int64 slot) {
     Record record{};
     file.seek(slot * SLOT);
-    if (file.readBuffer(record.data(), sizeof record) != static_cast<int64>(sizeof record)) return false;
-    if (record[0] != magic() || record[7] != checksum(record) || record[3] > Tidy) return false;
-    if (record[1] < sequence) return true;
+    if (file.readBuffer(record.data(), sizeof record) != static_cast<int64>(sizeof record)) throw damage();
+    if (record == Record{}) return;
+    if (record[0] != magic() || record[N_FIELDS - 1] != checksum(record) || record[3] > Tidy) throw damage();
+    if (record[1] < sequence) return;
     sequence = record[1];
     planDigest = record[2];
-    state = {static_cast<Phase>(record[3]), record[4], record[5], record[6]};
-    return true;
+    state = {static_cast<Phase>(record[3]), record[4], record[5], record[6], record[7]};
 }
 
 void ZqMoveProgress::requirePlan(uint64 plan) const {
@@ -77,8 +84,9 @@ void ZqMoveProgress::set(const State& next) {
 }
 
 void ZqMoveProgress::write(int64 slot) {
-    Record record{magic(),     sequence,    planDigest,      static_cast<uint64>(state.phase),
-                  state.round, state.batch, state.headsHash, 0};
+    Record record{
+        magic(),         sequence,    planDigest, static_cast<uint64>(state.phase), state.round, state.batch,
+        state.headsHash, state.probe, 0};
     record[N_FIELDS - 1] = checksum(record);
     file.seek(slot * SLOT);
     file.writeBuffer(record.data(), sizeof record);

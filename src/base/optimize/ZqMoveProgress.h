@@ -1,14 +1,16 @@
 #pragma once
 
+#include "SxException.h"
 #include "SxFileIO.h"
 
 /// How far an optimisation has come, in a file of its own, so that another process can go on after a kill or
 /// a power cut at any point. Not locked.
 ///
-/// File: two records of 64 bytes, at byte 0 and 4096, the rest zeros up to 8192 bytes. A record is eight
+/// File: two records of 72 bytes, at byte 0 and 4096, the rest zeros up to 8192 bytes. A record is nine
 /// unsigned 64-bit little-endian numbers: "ZMOVE001" as text, sequence, digest of the plan, phase, round,
-/// batch, XXH64 of the round's heads, XXH64 of the seven before. The record of the higher sequence counts of
-/// those that are whole; a change replaces the other one.
+/// batch, XXH64 of the round's heads, probe, XXH64 of the eight before. The record of the higher sequence
+/// counts; a change replaces the other one. A record lies in one sector, which a device writes as a whole or
+/// not at all; so one that is neither whole nor zeros was damaged, and what it said isn't guessed.
 class ZqMoveProgress {
 public:
     enum Phase : uint64 {
@@ -26,6 +28,9 @@ public:
         Phase phase = Heads;
         uint64 round = 0, batch = 0;
         uint64 headsHash = 0;
+        /// What tells a file that all of that was done to from another one: XXH64 of blocks that are in their
+        /// places, see ZqBlockProbe. 0 where none is.
+        uint64 probe = 0;
         bool operator==(const State&) const = default;
     };
 
@@ -43,8 +48,9 @@ public:
 
 private:
     ZqMoveProgress() = default;
-    bool take(int64 slot);
+    void take(int64 slot);
     void write(int64 slot);
+    SxException damage() const;
 
     SxFileIO file;
     State state;

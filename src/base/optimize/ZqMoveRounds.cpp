@@ -1,14 +1,16 @@
 #include "ZqMoveRounds.h"
 
+#include "ZqBlockProbe.h"
 #include "ZqBlocks.h"
 
 namespace {
 constexpr const char* UNIT = "src/base/optimize/ZqMoveRounds";
 } // namespace
 
-ZqMoveRounds::ZqMoveRounds(ZqMovePlan* plan_, SxFileIO* image, SxFileIO* heads_, ZqMoveProgress* howFar_,
+ZqMoveRounds::ZqMoveRounds(ZqMovePlan* plan_, SxFileIO* image_, SxFileIO* heads_, ZqMoveProgress* howFar_,
                            ZqBlockMover::StopTest isStopped, Advance onPlace_, const Advance& onWritten)
     : plan(plan_),
+      image(image_),
       heads(heads_),
       howFar(howFar_),
       onPlace(std::move(onPlace_)),
@@ -19,39 +21,56 @@ ZqMoveRounds::ZqMoveRounds(ZqMovePlan* plan_, SxFileIO* image, SxFileIO* heads_,
 }
 
 void ZqMoveRounds::run() {
-    const uint64 begun = howFar->get().round;
+    const ZqMoveProgress::State begun = howFar->get();
     uint64 round = 0;
     for (; plan->nextRound(); ++round) {
-        if (round < begun) {
-            pass(plan->getNBatches());
-        } else {
+        if (round >= begun.round) {
             doRound(round);
+            continue;
         }
+        if (round + 1 == begun.round && begun.phase == ZqMoveProgress::Heads) {
+            requireDone(plan->getNBatches(), begun.probe);
+        }
+        pass(plan->getNBatches());
     }
-    if (begun > round) throw wrongProgress();
+    if (begun.round > round) throw wrongProgress();
 }
 
 void ZqMoveRounds::doRound(uint64 round) {
     ZqMoveProgress::State state = howFar->get();
     if (state.phase == ZqMoveProgress::Heads) {
-        state = {ZqMoveProgress::Batches, round, 0, mover.setHeadsAside()};
+        state = {ZqMoveProgress::Batches, round, 0, mover.setHeadsAside(), 0};
         howFar->set(state);
-    } else if (mover.hashHeads() != state.headsHash) {
-        throw SxException(
-            "'" + heads->getFilePath() +
-                "' isn't what was set aside: the optimisation can't go on with it, and the image must be "
-                "fetched or built anew",
-            UNIT, __LINE__);
+    } else {
+        if (state.batch > plan->getNBatches()) throw wrongProgress();
+        requireDone(state.batch, state.probe);
+        if (mover.hashHeads() != state.headsHash) {
+            throw SxException(
+                "'" + heads->getFilePath() +
+                    "' isn't what was set aside: the optimisation can't go on with it, and the image "
+                    "must be fetched or built anew",
+                UNIT, __LINE__);
+        }
     }
-    if (state.batch > plan->getNBatches()) throw wrongProgress();
     pass(state.batch);
     while (state.batch < plan->getNBatches()) {
         mover.doBatch(state.batch);
+        state.probe = ZqBlockProbe::of(image, plan->getBatch(state.batch));
         ++state.batch;
         howFar->set(state);
     }
     // From here on the heads may be written over.
-    howFar->set({ZqMoveProgress::Heads, round + 1, 0, 0});
+    howFar->set({ZqMoveProgress::Heads, round + 1, 0, 0, state.probe});
+}
+
+/// What the last of so many batches has written stays as it is, whatever comes after it.
+void ZqMoveRounds::requireDone(uint64 nBatches, uint64 probe) {
+    if (nBatches == 0 || ZqBlockProbe::of(image, plan->getBatch(nBatches - 1)) == probe) return;
+    throw SxException(
+        "'" + image->getFilePath() +
+            "' isn't the file of which blocks have moved: if it was brought back as it was before, "
+            "remove optimize.lock and optimize.work beside it",
+        UNIT, __LINE__);
 }
 
 /// The first batches of the round were done before.

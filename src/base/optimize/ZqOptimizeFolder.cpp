@@ -23,14 +23,14 @@ constexpr const char* IN_PLACE = "inPlace";
 constexpr const char* COPY = "copy";
 /// A map that fits the old file, or records that fit the old map, must never stand beside the new ones
 /// without the lock; the order is the one that people find who look into the folder.
-constexpr const char* REPLACED[] = {ZqImageFiles::IMAGE_JSON, ZqImageFiles::APP_JSON, ZqImageFiles::IDX,
-                                    ZqImageFiles::IDX_MD5,    ZqImageFiles::ZQF,      ZqImageFiles::AHEAD,
-                                    ZqImageFiles::AHEAD_IDX};
+constexpr const char* RECORDS[] = {ZqImageFiles::IMAGE_JSON, ZqImageFiles::APP_JSON, ZqImageFiles::IDX,
+                                   ZqImageFiles::IDX_MD5};
+constexpr const char* COPIED[] = {ZqImageFiles::ZQF, ZqImageFiles::AHEAD, ZqImageFiles::AHEAD_IDX};
 
 constexpr const char* OTHER_FILES[] = {ZqImageFiles::ZQF,       ZqImageFiles::AHEAD,
                                        ZqImageFiles::AHEAD_IDX, ZqOptimizeFolder::NOTE,
                                        ZqOptimizeFolder::HEADS, ZqOptimizeFolder::PROGRESS};
-constexpr const char* FOLDERS[] = {ZqOptimizeFolder::FORECAST, ZqOptimizeFolder::UNPACKED};
+constexpr const char* FOLDERS[] = {ZqOptimizeFolder::STAGED, ZqOptimizeFolder::UNPACKED};
 
 /// Whether it is a plain file of an optimisation, or one of its folders. What is written into has no other
 /// name; the others may have two for a time, since they are renamed.
@@ -57,6 +57,8 @@ void copyFile(const SxString& from, const SxString& to) {
                           UNIT, __LINE__);
     }
     SxFSAction::cp(SxString(real), to);
+    // It becomes a file of the image, whatever it was where it came from.
+    SxOs::get().setPermissions(SxOs::hostPath(to), 0644);
 }
 
 void putOrder(SxSymbol* root, const char* key, const ZqOptimizeNote::Order& order) {
@@ -82,7 +84,11 @@ SxString ZqOptimizeNote::toText() const {
     putOrder(&root, "from", from);
     putOrder(&root, "to", to);
     if (!index.isEmpty()) root.append("index", index);
-    if (mode == InPlace) {
+    if (mode == Copy) {
+        SxSymbol stamp = root.append("source", Json::Object);
+        stamp.append("size", source.size);
+        stamp.append("modifiedMs", source.modifiedMs);
+    } else {
         SxSymbol plan = root.append("plan", Json::Object);
         plan.append("format", ZqMovePlan::FORMAT);
         plan.append("heads", limits.nHeads);
@@ -140,11 +146,21 @@ ZqOptimizeFolder::State ZqOptimizeFolder::state() const {
         if (locked || !e.hasTag(ZqMoveProgress::DAMAGED)) throw;
     }
     const bool isStart = !howFar || (howFar->phase == ZqMoveProgress::Heads && howFar->round == 0);
-    if (!locked && (isStart || (howFar->phase == ZqMoveProgress::Swap && isWholeCopy()))) {
+    // A copy of which nothing has taken its place yet.
+    const bool isWholeCopy = howFar && howFar->phase == ZqMoveProgress::Swap &&
+                             has(ZqImageFiles::IMAGE_JSON) && has(ZqImageFiles::ZQF);
+    if (!locked && (isStart || isWholeCopy)) {
         return has(NOTE) && readNote().mode == ZqOptimizeNote::Copy ? CopyBegun : Nothing;
     }
-    if (howFar->phase == ZqMoveProgress::Tidy) return Done;
-    return howFar->phase <= ZqMoveProgress::Batches ? Moving : Replacing;
+    if (howFar->phase <= ZqMoveProgress::Batches) return Moving;
+    const bool isReplaced = !hasAny(RECORDS) && (howFar->phase != ZqMoveProgress::Swap || !hasAny(COPIED));
+    // Somebody who has removed the lock then has an image that is right, and may have gone on with it.
+    if (howFar->phase == ZqMoveProgress::Tidy || (!locked && isReplaced)) return Done;
+    return Replacing;
+}
+
+bool ZqOptimizeFolder::hasAny(std::span<const char* const> names) const {
+    return std::any_of(names.begin(), names.end(), [&](const char* name) { return has(name); });
 }
 
 void ZqOptimizeFolder::confirm() const {
@@ -152,11 +168,6 @@ void ZqOptimizeFolder::confirm() const {
     // A sync alone doesn't write what a failed one has left.
     ZqMoveProgress howFar = ZqMoveProgress::open(path + PROGRESS);
     howFar.set(howFar.get());
-}
-
-/// Whether nothing of it is in its place yet.
-bool ZqOptimizeFolder::isWholeCopy() const {
-    return has(ZqImageFiles::IMAGE_JSON) && has(ZqImageFiles::ZQF);
 }
 
 void ZqOptimizeFolder::requireOwn() const {
@@ -209,36 +220,52 @@ void ZqOptimizeFolder::copyIndex(const SxString& from, const SxString& to) {
     }
 }
 
-void ZqOptimizeFolder::replace() const {
-    for (const char* name : REPLACED) {
-        if (has(name)) SxFSAction::mv(path + name, image + name);
+void ZqOptimizeFolder::takeStaged(bool keepsCopy) const {
+    removeProgress();
+    for (const SxFileInfo& entry : SxFSAction::ls(path)) {
+        const SxString name = entry.getName();
+        const bool isKept = keepsCopy && (name == NOTE || name == ZqImageFiles::ZQF);
+        if (!isKept && !(name + "/" == STAGED)) SxFSAction::rm_r(entry);
     }
+    for (const SxString name : INDEX_FILES) {
+        if (!SxFSAction::isGone(getStaged() + name)) SxFSAction::mv(getStaged() + name, path + name);
+    }
+    SxFSAction::syncDir(path);
+    SxFSAction::rm_r(getStaged());
+}
+
+void ZqOptimizeFolder::replace(ZqOptimizeNote::Mode mode) const {
+    const auto move = [&](const char* name) {
+        if (has(name)) SxFSAction::mv(path + name, image + name);
+    };
+    std::for_each(std::begin(RECORDS), std::end(RECORDS), move);
+    if (mode == ZqOptimizeNote::Copy) std::for_each(std::begin(COPIED), std::end(COPIED), move);
     // First the folder that they have come to: a file must be durable under one of its names.
     SxFSAction::syncDir(image);
     SxFSAction::syncDir(path);
 }
 
-void ZqOptimizeFolder::removeRecords() const {
-    for (const SxFileInfo& entry : SxFSAction::ls(path)) {
-        if (!(entry.getName() == NOTE) && !(entry.getName() == ZqImageFiles::ZQF)) SxFSAction::rm_r(entry);
-    }
+void ZqOptimizeFolder::removeProgress() const {
+    if (!has(PROGRESS)) return;
+    SxFSAction::rm(path + PROGRESS);
+    SxFSAction::syncDir(path);
 }
 
 void ZqOptimizeFolder::remove() const {
     if (!SxFSAction::isGone(path)) {
+        // A copy without one of its files would be taken for one that has begun to take its place.
+        if (!isLocked()) removeProgress();
         for (const SxFileInfo& entry : SxFSAction::ls(path)) {
             if (!(entry.getName() == PROGRESS)) SxFSAction::rm_r(entry);
         }
         SxFSAction::syncDir(path);
-        if (has(PROGRESS)) SxFSAction::rm(path + PROGRESS);
-        SxFSAction::syncDir(path);
+        removeProgress();
     }
     // Whoever finds the lock beside an empty folder knows that all is done.
-    if (isLocked()) {
-        SxFSAction::rm(image + ZqImageFiles::OPTIMIZE_LOCK);
-        SxFSAction::syncDir(image);
-    }
+    if (isLocked()) SxFSAction::rm(image + ZqImageFiles::OPTIMIZE_LOCK);
     if (SxFSAction::isGone(path)) return;
+    // Also where another process has removed the lock: it must not come back without the folder.
+    SxFSAction::syncDir(image);
     SxFSAction::rm_r(path);
     SxFSAction::syncDir(image);
 }

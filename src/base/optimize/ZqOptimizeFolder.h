@@ -3,6 +3,9 @@
 #include "SxString.h"
 #include "ZqImageFiles.h"
 #include "ZqMovePlan.h"
+#include "ZqStreamRecord.h"
+
+#include <span>
 
 /// What an optimisation was begun with, the file `move.json` of its work folder.
 struct ZqOptimizeNote {
@@ -17,8 +20,9 @@ struct ZqOptimizeNote {
     Mode mode = InPlace;
     SxString guid; ///< of the RAW image
     Order from, to;
-    SxString index;            ///< the index folder that goes at the end, see ZqConsumedIndex; or empty
-    ZqMovePlan::Limits limits; ///< in place
+    SxString index;               ///< the index folder that goes at the end, see ZqConsumedIndex; or empty
+    ZqMovePlan::Limits limits;    ///< in place
+    ZqStreamRecord::Stamp source; ///< by copy: of `img.zqf`
 
     /// The record as a file holds it.
     SxString toText() const;
@@ -35,8 +39,8 @@ public:
     static constexpr const char* NOTE = "move.json";
     static constexpr const char* HEADS = "heads";
     static constexpr const char* PROGRESS = "progress";
-    /// The index folder of a forecast, which must not come into the way of what was begun.
-    static constexpr const char* FORECAST = "forecast/";
+    /// An index folder that is looked at, and must not come into the way of what was begun before.
+    static constexpr const char* STAGED = "index/";
     /// What a map was unpacked from stays out of the way there; in index and image folders, too.
     static constexpr const char* UNPACKED = "img.idx.unpacked/";
     /// Bytes of the disk for records, note and progress.
@@ -82,16 +86,20 @@ public:
 
     /// Copies what an index folder has of records and map.
     static void copyIndex(const SxString& from, const SxString& to);
-    /// Puts what the folder has of img.json, app.json, img.idx, img.idx.md5, img.zqf and the stretches that
-    /// are kept beside it in the place of the image's, in that order.
-    void replace() const;
-    /// Removes all but the note and a copy of the image's blocks.
-    void removeRecords() const;
-    /// Removes the files, those that tell how far all has come last, then the lock, then the folder.
+    /// What was begun works with the staged index folder from here on. All else goes, unless `keepsCopy` the
+    /// note and a copy of the image's blocks.
+    void takeStaged(bool keepsCopy) const;
+    SxString getStaged() const { return path + STAGED; }
+    /// Puts what the folder has of img.json, app.json, img.idx, img.idx.md5, and of a copy img.zqf and the
+    /// stretches that are kept beside it, in the place of the image's, in that order.
+    void replace(ZqOptimizeNote::Mode mode) const;
+    /// Removes all, the lock last but for the folder. Under the lock what tells how far all has come is the
+    /// last file that goes, without it the first.
     void remove() const;
 
 private:
-    bool isWholeCopy() const;
+    bool hasAny(std::span<const char* const> names) const;
+    void removeProgress() const;
 
     const SxString image, path;
 };

@@ -62,6 +62,7 @@ void unpackMap(const SxString& archive, const SxString& folder) {
     const auto clear = [&] {
         if (!SxFSAction::isGone(unpacked)) SxFSAction::rm_r(unpacked);
     };
+    // What a kill has left.
     clear();
     try {
         ZqArchive::extract7z(archive, unpacked);
@@ -79,16 +80,17 @@ void unpackMap(const SxString& archive, const SxString& folder) {
 ZqReorderInputs::ZqReorderInputs(const SxString& image_, const SxString& index_, const SxString& indexName_)
     : image(image_),
       index(index_),
-      indexName(indexName_) {
+      indexName(indexName_),
+      oldMap(image_ + ZqImageFiles::IDX) {
 }
 
-void ZqReorderInputs::check(bool isTold) {
+void ZqReorderInputs::check(bool isTold, bool leavesImage) {
     for (const auto& [folder, name] : {std::pair(image, image), std::pair(index, indexName)}) {
         if (!SxFSAction::test_d(folder)) throw SxException(name + " is not a directory.", UNIT, __LINE__);
     }
     requireMap(index, indexName, isTold);
-    requireMap(image, image, false);
-    if (SxFSAction::sizeOf(index + ZqImageFiles::IDX) != SxFSAction::sizeOf(image + ZqImageFiles::IDX)) {
+    oldMap = takeOldMap(leavesImage);
+    if (SxFSAction::sizeOf(index + ZqImageFiles::IDX) != SxFSAction::sizeOf(oldMap)) {
         throw SxException("incompatible idx files", UNIT, __LINE__);
     }
     requireFiles();
@@ -99,18 +101,48 @@ void ZqReorderInputs::check(bool isTold) {
     if (!(oldImage.guid == newImage.guid)) {
         throw SxException("img.json files do not belong to same RAW image", UNIT, __LINE__);
     }
+    const auto shape = [](const ZqImageParams& params) {
+        return std::tuple(params.sizeRaw, params.emulatedSectorSize, params.filesystem);
+    };
+    if (shape(oldImage) != shape(newImage)) {
+        throw SxException("'" + shown(ZqImageFiles::IMAGE_JSON) +
+                              "' states another size, sector size or file system "
+                              "than '" +
+                              image + ZqImageFiles::IMAGE_JSON + "'",
+                          UNIT, __LINE__);
+    }
     guid = oldImage.guid;
     oldApp = ZqAppParams(image);
     newApp.readText(SxFileIO::readUtf8(index + ZqImageFiles::APP_JSON), shown(ZqImageFiles::APP_JSON));
     if (!(oldApp.checksumMnt == newApp.checksumMnt)) {
         throw SxException("app.json files do not belong to same RAW image", UNIT, __LINE__);
     }
-    newDigest = digestOf(index, indexName, newApp);
-    oldDigest = digestOf(image, image, oldApp);
+    newApp.requireKnownFormat();
+    bool isNewStated = false, isOldStated = false;
+    newDigest = digestOf(index + ZqImageFiles::IDX, index, indexName, newApp, &isNewStated);
+    oldDigest = digestOf(oldMap, image, image, oldApp, &isOldStated);
+    if (isOldStated && !isNewStated) {
+        throw SxException("'" + shown(ZqImageFiles::APP_JSON) +
+                              "' states no digest of the map, without which nothing "
+                              "mounts the image",
+                          UNIT, __LINE__);
+    }
     requireSize();
 }
 
-void ZqReorderInputs::requireMap(const SxString& folder, const SxString& name, bool isTold) const {
+SxString ZqReorderInputs::takeOldMap(bool leavesImage) const {
+    SxString map = image + ZqImageFiles::IDX;
+    if (!leavesImage || SxFSAction::test_f(map) || !SxFSAction::test_f(image + ZqImageFiles::IDX_7Z)) {
+        requireMap(image, image, false);
+        return map;
+    }
+    const SxString folder = index + "old/";
+    SxFSAction::mkdir_p(folder, 0755);
+    unpackMap(image + ZqImageFiles::IDX_7Z, folder);
+    return folder + ZqImageFiles::IDX;
+}
+
+void ZqReorderInputs::requireMap(const SxString& folder, const SxString& name, bool isTold) {
     const SxString archive = folder + ZqImageFiles::IDX_7Z;
     if (!SxFSAction::test_f(folder + ZqImageFiles::IDX) && SxFSAction::test_f(archive)) {
         if (isTold) zqLogMsg("base", "Perform extraction of " + archive + " to " + folder);
@@ -146,15 +178,16 @@ void ZqReorderInputs::requireOwnFile() const {
 }
 
 /// A mount asks for the digest that `img.idx.md5` states, or else for that of `app.json`.
-SxString ZqReorderInputs::digestOf(const SxString& folder, const SxString& name,
-                                   const ZqAppParams& app) const {
-    SxString digest = SxMd5::file(folder + ZqImageFiles::IDX);
+SxString ZqReorderInputs::digestOf(const SxString& map, const SxString& folder, const SxString& name,
+                                   const ZqAppParams& app, bool* isStated) const {
+    SxString digest = SxMd5::file(map);
     SxString stated = app.checksumIdx, by = ZqImageFiles::APP_JSON;
     if (!SxFSAction::isGone(folder + ZqImageFiles::IDX_MD5)) {
         by = ZqImageFiles::IDX_MD5;
         stated = SxFileIO::readUtf8(folder + by);
     }
-    if (stated.isEmpty() || stated == digest) return digest;
+    *isStated = !stated.isEmpty();
+    if (!*isStated || stated == digest) return digest;
     throw SxException("'" + name + ZqImageFiles::IDX + "' has the digest " + digest + ", but '" + name + by +
                           "' states " + stated,
                       UNIT, __LINE__);
@@ -162,7 +195,7 @@ SxString ZqReorderInputs::digestOf(const SxString& folder, const SxString& name,
 
 void ZqReorderInputs::requireSize() const {
     const uint64 size = newApp.sizeZqf;
-    const auto nRaw = static_cast<uint64>(SxFSAction::sizeOf(image + ZqImageFiles::IDX)) / sizeof(uint64);
+    const auto nRaw = static_cast<uint64>(SxFSAction::sizeOf(oldMap)) / sizeof(uint64);
     if (newApp.sizeIdx != 0 && newApp.sizeIdx != nRaw * sizeof(uint64)) {
         throw SxException("'" + shown(ZqImageFiles::APP_JSON) + "' states a map of " +
                               SxString(newApp.sizeIdx) + " bytes, but that beside it has " +
@@ -181,7 +214,7 @@ void ZqReorderInputs::requireSize() const {
                       UNIT, __LINE__);
 }
 
-std::vector<Position> ZqReorderInputs::makeSource() const {
+std::vector<Position> ZqReorderInputs::makeSource(uint64 sizeNew) const {
     std::vector<Position> source; // at first: RAW index by new position
     std::vector<bool> included;   // by RAW index
     {
@@ -192,16 +225,16 @@ std::vector<Position> ZqReorderInputs::makeSource() const {
             included[rawIdx] = map.includes(rawIdx);
             if (!included[rawIdx]) continue;
             const Position to = map.take(rawIdx);
-            if (to >= newApp.sizeZqf / ZqBlocks::SIZE) {
+            if (to >= sizeNew / ZqBlocks::SIZE) {
                 throw SxException("'" + shown(ZqImageFiles::IDX) + "' names ZqF block " + SxString(to) +
                                       " for RAW block " + SxString(rawIdx) + ", beyond the " +
-                                      SxString(newApp.sizeZqf) + " bytes that its app.json states",
+                                      SxString(sizeNew) + " bytes that its app.json states",
                                   UNIT, __LINE__);
             }
             source[to] = static_cast<Position>(rawIdx);
         }
     }
-    MapReader map(image + ZqImageFiles::IDX, image + ZqImageFiles::IDX);
+    MapReader map(oldMap, image + ZqImageFiles::IDX);
     for (uint64 rawIdx = 0; rawIdx < map.size(); ++rawIdx) {
         if (map.includes(rawIdx) != included[rawIdx]) {
             throw SxException("'" + shown(ZqImageFiles::IDX) +

@@ -15,10 +15,13 @@ public:
     /// Unpacks maps that are there packed only, and logs that of the index folder where `isTold` is set.
     /// Raises unless all is there and both are of the same RAW image, and where a map hasn't the digest that
     /// is stated for it.
-    void check(bool isTold);
+    /// `leavesImage`: nothing is unpacked into the image folder, but into the index folder.
+    void check(bool isTold, bool leavesImage = false);
     /// By position in the new order: where the block is that belongs there. Raises, with the first bad entry,
     /// where a map names a position twice or beyond the image, or they don't include the same blocks.
-    std::vector<ZqMovePlan::Position> makeSource() const;
+    std::vector<ZqMovePlan::Position> makeSource() const { return makeSource(newApp.sizeZqf); }
+    /// The same without check(), for a complete `img.zqf` of that size in the new order.
+    std::vector<ZqMovePlan::Position> makeSource(uint64 sizeNew) const;
 
     // After check().
     const ZqAppParams& getOldApp() const { return oldApp; }
@@ -30,13 +33,16 @@ public:
 
 private:
     SxString shown(const char* name) const { return indexName + name; }
-    void requireMap(const SxString& folder, const SxString& name, bool isTold) const;
+    static void requireMap(const SxString& folder, const SxString& name, bool isTold);
+    SxString takeOldMap(bool leavesImage) const;
     void requireFiles() const;
     void requireOwnFile() const;
-    SxString digestOf(const SxString& folder, const SxString& name, const ZqAppParams& app) const;
+    SxString digestOf(const SxString& map, const SxString& folder, const SxString& name,
+                      const ZqAppParams& app, bool* isStated) const;
     void requireSize() const;
 
     const SxString image, index, indexName;
+    SxString oldMap; ///< the image's map; a file
     ZqAppParams oldApp, newApp;
     SxString guid, oldDigest, newDigest;
 };

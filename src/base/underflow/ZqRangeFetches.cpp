@@ -59,7 +59,7 @@ SxPtr<ZqRangeFetch> ZqRangeFetches::takeEnded() {
     const auto ended = std::find_if(fetches.begin(), fetches.end(),
                                     [](const SxPtr<ZqRangeFetch>& fetch) { return !fetch->isRunning(); });
     if (ended == fetches.end()) return {};
-    const SxPtr<ZqRangeFetch> fetch = *ended;
+    SxPtr<ZqRangeFetch> fetch = *ended;
     fetches.erase(ended);
     fetch->wait();
     return fetch;

@@ -311,6 +311,7 @@ std::string putAside(const std::string& volumeBase, const std::string& privateBa
     FormerCopies copies(privateBase, version);
     if (copies.isDue()) {
         std::vector<Path> kept;
+        kept.reserve(names.size());
         for (const Name& name : names)
             kept.push_back(name.inPrivate);
         copies.begin();
@@ -344,7 +345,7 @@ std::string Redirection::apply(const SxString& volume, const SxString& directory
     const Plan plan = planOf(found);
     own.requireUnused(guarded, plan.binds);
     const std::string work = plan.overlays.empty() ? std::string() : own.makeWork();
-    const std::string aside = putAside(volumeBase, privateBase, version, found, plan.overlays);
+    std::string aside = putAside(volumeBase, privateBase, version, found, plan.overlays);
     NewMounts mounts;
     for (size_t i = 0; i < plan.overlays.size(); ++i) {
         const Place& place = plan.overlays[i];

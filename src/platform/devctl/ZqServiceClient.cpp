@@ -151,7 +151,8 @@ bool isSlow(unsigned kind) {
 /// was stopped, is told of as silent. It isn't taken for one that is gone, whose drives could be tidied up.
 int answerSeconds(unsigned kind) {
     int limit = isSlow(kind) ? 90 : 20;
-    if (const char* own = std::getenv("TAVRIN_ANSWER_S")) limit = std::atoi(own); // for tests
+    if (const char* own = std::getenv("TAVRIN_ANSWER_S"))
+        limit = static_cast<int>(std::strtol(own, nullptr, 10)); // for tests
     return std::min(limit, patience.load());
 }
 

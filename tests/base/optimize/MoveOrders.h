@@ -37,6 +37,14 @@ inline MoveOrder orderOfRuns(TestRandom& random, uint32 n, uint32 longest) {
     return order;
 }
 
+/// The first `nFront` of `n` blocks in the reverse order, the rest in its place.
+inline MoveOrder reversalOfTheFront(uint32 n, uint32 nFront) {
+    MoveOrder order{"reversal of the front", std::vector<ZqMovePlan::Position>(n)};
+    std::iota(order.source.begin(), order.source.end(), 0);
+    std::reverse(order.source.begin(), order.source.begin() + nFront);
+    return order;
+}
+
 /// All kinds of orders of `n` positions; in the last ones some hold nothing before, after, or both.
 inline std::vector<MoveOrder> allMoveOrders(TestRandom& random, uint32 n) {
     std::vector<ZqMovePlan::Position> same(n);

@@ -80,26 +80,27 @@ TEST(MoveRounds, APowerCutAtAnyStepLosesNoBlock) {
     }
 }
 
-TEST(MoveProgress, TellsTheLastStateThatIsWhole) {
+TEST(MoveProgress, TellsTheLastStateOrNothing) {
     const TempDir dir;
     const SxString path = dir.path("progress");
-    const State first{ZqMoveProgress::Batches, 3, 4, 5}, second{ZqMoveProgress::Batches, 3, 5, 5};
-    {
-        ZqMoveProgress progress = ZqMoveProgress::create(path, PLAN, {});
-        progress.set(first);
-        progress.set(second);
+    ZqMoveProgress::create(path, PLAN, {});
+    EXPECT_EQ(ZqMoveProgress::open(path).get(), State());
+    const State first{ZqMoveProgress::Batches, 3, 4, 5, 6}, second{ZqMoveProgress::Batches, 3, 5, 5, 7};
+    for (const State& state : {first, second}) {
+        ZqMoveProgress::open(path).set(state);
+        EXPECT_EQ(ZqMoveProgress::open(path).get(), state);
     }
-    EXPECT_EQ(ZqMoveProgress::open(path).get(), second);
     EXPECT_THAT(failureOf([&] { ZqMoveProgress::open(path).requirePlan(PLAN + 1); }), HasSubstr("another"));
 
-    // A torn record leaves the one before; then nothing is left that tells anything.
+    // The record before would have a batch done again too late.
     const std::string whole = dir.read("progress");
-    std::string torn = whole;
-    torn[40] = static_cast<char>(torn[40] ^ 1);
-    dir.write("progress", torn);
-    EXPECT_EQ(ZqMoveProgress::open(path).get(), first);
-    torn[BLOCK + 40] = static_cast<char>(torn[BLOCK + 40] ^ 1);
-    for (const std::string& bytes : {torn, whole.substr(0, 30), std::string()}) {
+    std::vector<std::string> damaged = {whole.substr(0, 30), whole.substr(0, BLOCK), whole + "0",
+                                        std::string(), std::string(2 * BLOCK, '\0')};
+    for (const size_t at : {size_t{40}, BLOCK + 40}) {
+        damaged.push_back(whole);
+        damaged.back()[at] = static_cast<char>(whole[at] ^ 1);
+    }
+    for (const std::string& bytes : damaged) {
         dir.write("progress", bytes);
         EXPECT_THAT(failureOf([&] { ZqMoveProgress::open(path); }), HasSubstr("damaged"));
     }

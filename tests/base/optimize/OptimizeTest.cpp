@@ -1,6 +1,8 @@
 #include "ReorderedImage.h"
+#include "SxMd5.h"
 #include "ZqBlocks.h"
 #include "ZqImageLock.h"
+#include "ZqImageParams.h"
 #include "ZqStretchStore.h"
 
 #include <cstring>
@@ -79,6 +81,28 @@ void killAndCutEverywhere(const ReorderedImage& image, uint64 nOld, uint64 nNew)
     }
 }
 
+/// Fails each sync, goes on, and cuts the power once all is done.
+void failSyncsEverywhere(const ReorderedImage& image, uint64 nOld, uint64 nNew) {
+    const TreeSnapshot after = image.expected(nNew);
+    bool failed = true;
+    for (int64 nth = 1; failed && !testing::Test::HasFailure(); ++nth) {
+        SCOPED_TRACE("sync " + std::to_string(nth));
+        const TempDir dir;
+        image.write(dir, nOld);
+        {
+            FaultOs os(dir.path("watched"));
+            os.failNth(Op::Sync, nth, EIO);
+            const std::string failure = optimizeOrGoOn(dir);
+            failed = os.getNFailed() > 0;
+            if (!failure.empty()) {
+                EXPECT_EQ(optimizeOrGoOn(dir), "") << "after " << failure;
+            }
+            os.crash(nullptr);
+        }
+        ASSERT_EQ(contentOf(dir, "watched/image"), after);
+    }
+}
+
 /// Fails each kind of operation, one after the other, and lets the job go on after that.
 void disturbEverywhere(const ReorderedImage& image, uint64 nOld, uint64 nNew) {
     const TreeSnapshot after = image.expected(nNew);
@@ -141,10 +165,14 @@ TEST(Optimize, AKillAndThenAPowerCut) {
     TestRandom random(20);
     TRACE_SEED(random);
     killAndCutEverywhere(ReorderedImage(random, allMoveOrders(random, 40)[5]), ~uint64{0}, ~uint64{0});
-    MoveOrder order{"reversal of the front", std::vector<ZqMovePlan::Position>(24)};
-    std::iota(order.source.begin(), order.source.end(), 0);
-    std::reverse(order.source.begin(), order.source.begin() + 10);
-    killAndCutEverywhere(ReorderedImage(random, order), 20, 19);
+    killAndCutEverywhere(ReorderedImage(random, reversalOfTheFront(24, 10)), 20, 19);
+}
+
+TEST(Optimize, WhatAFailedSyncHasLeftIsWrittenAgain) {
+    TestRandom random(28);
+    TRACE_SEED(random);
+    failSyncsEverywhere(ReorderedImage(random, allMoveOrders(random, 40)[5]), ~uint64{0}, ~uint64{0});
+    failSyncsEverywhere(ReorderedImage(random, reversalOfTheFront(24, 10)), 20, 19);
 }
 
 TEST(Optimize, WhateverFailsInPlaceIsGoneOnWith) {
@@ -193,13 +221,7 @@ TEST(Optimize, APowerCutAtAnyStepOfACopy) {
 TEST(Optimize, WhateverFailsInACopyIsGoneOnWith) {
     TestRandom random(13);
     TRACE_SEED(random);
-    const MoveOrder order{"reversal of the front", [] {
-                              std::vector<ZqMovePlan::Position> source(24);
-                              std::iota(source.begin(), source.end(), 0);
-                              std::reverse(source.begin(), source.begin() + 10);
-                              return source;
-                          }()};
-    const ReorderedImage image(random, order);
+    const ReorderedImage image(random, reversalOfTheFront(24, 10));
     disturbEverywhere(image, 20, 19);
 }
 
@@ -250,7 +272,7 @@ TEST(Optimize, WhatDoesNotFitIsRefusedBeforeAnythingChanges) {
         std::memcpy(map.data() + rawIdx * sizeof zqfIdx, &zqfIdx, sizeof zqfIdx);
         dir.write("watched/index/img.idx", map);
         ZqAppParams app(SxString(dir.path("watched/index/")));
-        app.checksumIdx = "";
+        app.checksumIdx = SxMd5::file(SxString(dir.path("watched/index/img.idx")));
         app.write();
     };
     const auto changeApp = [](const TempDir& dir, const std::function<void(ZqAppParams*)>& change) {
@@ -273,6 +295,16 @@ TEST(Optimize, WhatDoesNotFitIsRefusedBeforeAnythingChanges) {
          "incompatible idx files"},
         {[](const TempDir& dir) { fs::remove(dir.path("watched/index/img.idx")); }, "img.idx not found"},
         {[](const TempDir& dir) { fs::remove(dir.path("watched/index/app.json")); }, "app.json not found"},
+        {[&](const TempDir& dir) { changeApp(dir, [](ZqAppParams* app) { app->checksumIdx = ""; }); },
+         "states no digest of the map"},
+        {[&](const TempDir& dir) { changeApp(dir, [](ZqAppParams* app) { app->zqfVersion += 1; }); },
+         "The image has the format"},
+        {[](const TempDir& dir) {
+             ZqImageParams params(SxString(dir.path("watched/index/")));
+             params.sizeRaw += TestImage::BLOCK;
+             params.write();
+         },
+         "states another size, sector size or file system"},
         {[&](const TempDir& dir) { changeApp(dir, [](ZqAppParams* app) { app->checksumMnt = "other"; }); },
          "app.json files do not belong to same RAW image"},
         {[&](const TempDir& dir) { changeApp(dir, [](ZqAppParams* app) { app->sizeZqf += 4096; }); },
@@ -425,7 +457,7 @@ TEST(Optimize, NothingOfOthersIsTouched) {
     {
         const TempDir dir;
         image.write(dir);
-        dir.write("watched/index/image.lock", "");
+        dir.write("watched/index/stream.json", "");
         ZqImageOptimize job(dir.path("watched/image"), dir.path("watched/index"));
         EXPECT_THAT(optimize(job), HasSubstr("holds an image"));
     }

@@ -44,18 +44,12 @@ public:
 };
 
 MoveOrder reversal(uint32 n) {
-    MoveOrder order{"reversal", std::vector<ZqMovePlan::Position>(n)};
-    std::iota(order.source.rbegin(), order.source.rend(), 0);
-    return order;
+    return reversalOfTheFront(n, n);
 }
 
-/// Of 60 blocks that are there the first 50 stand in the reverse order in front; the last one counts as
-/// absent.
-MoveOrder reversalOfTheFront() {
-    MoveOrder order{"reversal of the front", std::vector<ZqMovePlan::Position>(N)};
-    std::iota(order.source.begin(), order.source.end(), 0);
-    std::reverse(order.source.begin(), order.source.begin() + 50);
-    return order;
+/// The order of the images that are partial. Of their blocks the last one counts as absent.
+MoveOrder frontOrder() {
+    return reversalOfTheFront(N, 50);
 }
 constexpr uint64 N_THERE = 60, N_COPIED = 59;
 
@@ -75,7 +69,7 @@ TEST(OptimizeFolder, TheStateFollowsFromProgressNoteAndLock) {
         {{{Phase::Batches, 0, 0, 0}}, IN_PLACE, Folder::Moving, Folder::Moving},
         {{{Phase::Heads, 1, 0, 0}}, IN_PLACE, Folder::Moving, Folder::Moving},
         {{{Phase::Records, 0, 0, 0}}, IN_PLACE, Folder::Replacing, Folder::Replacing},
-        {{{Phase::Swap, 4096, 0, 0}}, COPY, Folder::Replacing, Folder::Replacing},
+        {{{Phase::Swap, 4096, 0, 0}}, COPY, Folder::Replacing, Folder::CopyBegun},
         {{{Phase::Tidy, 0, 0, 0}}, COPY, Folder::Done, Folder::Done}};
     for (const Case& each : cases) {
         const TempDir dir;
@@ -88,13 +82,25 @@ TEST(OptimizeFolder, TheStateFollowsFromProgressNoteAndLock) {
             note.mode = *each.note;
             note.guid = note.from.idx = note.to.idx = "0123456789abcdef0123456789abcdef";
             note.from.sizeZqf = note.to.sizeZqf = 4096;
+            note.source.size = 4096;
             work.writeNote(note);
         }
+        for (const char* name : {"img.json", "img.zqf"})
+            if (each.note) dir.write(std::string("image/optimize.work/") + name, "");
         if (each.howFar) ZqMoveProgress::create(work.file(Folder::PROGRESS), 0, *each.howFar);
         SCOPED_TRACE(each.howFar ? static_cast<int>(each.howFar->phase) : -1);
         EXPECT_EQ(work.state(), each.unlocked);
         work.lock();
         EXPECT_EQ(work.state(), each.locked);
+        // With the first record, or all, in their places.
+        if (!each.howFar || each.howFar->phase < Phase::Records || each.howFar->phase == Phase::Tidy)
+            continue;
+        fs::remove(dir.path("image/optimize.work/img.json"));
+        EXPECT_EQ(work.state(), Folder::Replacing);
+        fs::remove(dir.path("image/optimize.lock"));
+        EXPECT_EQ(work.state(), each.note == COPY ? Folder::Replacing : Folder::Done);
+        fs::remove(dir.path("image/optimize.work/img.zqf"));
+        EXPECT_EQ(work.state(), Folder::Done);
     }
     const TempDir dir;
     dir.write("image/optimize.lock", "");
@@ -110,14 +116,14 @@ TEST(Optimize, NewRecordsAndBlocksMustBeThereBeforeTheOldOnesGo) {
         {false, take("img.idx"), "isn't the map"},
         {false, take("app.json"), "isn't the record"},
         {true, take("img.idx"), "isn't the map"},
-        {true, take("img.zqf"), "isn't the copy"},
+        {true, take("img.zqf"), "isn't what the optimisation has left"},
         {true, [](const TempDir& dir) { fs::resize_file(dir.path(WORK + std::string("img.zqf")), 4096); },
-         "isn't the copy"}};
+         "isn't what the optimisation has left"}};
     for (const auto& [isCopy, change, text] : cases) {
         SCOPED_TRACE(text);
-        MoveOrder order = isCopy ? reversalOfTheFront() : reversal(N);
+        MoveOrder order = isCopy ? frontOrder() : reversal(N);
         if (!isCopy) order.source.back() = ZqMovePlan::NONE; // the new file is shorter
-        CutOff cut(order, isCopy ? N_THERE : ~uint64{0}, Op::Rename, "img.json");
+        CutOff cut(order, isCopy ? N_THERE : ~uint64{0}, Op::Rename, "img.json", 2);
         ASSERT_TRUE(cut.dir.exists(LOCK));
         change(cut.dir);
         const std::string old = cut.dir.read("watched/image/img.idx");
@@ -131,8 +137,8 @@ TEST(Optimize, WhoGoesOnWithTheRecordsSaysWhatItWas) {
     for (const bool isCopy : {false, true}) {
         for (const bool isLocked : {true, false}) {
             SCOPED_TRACE((isCopy ? "copy" : "in place") + std::string(isLocked ? "" : ", lock removed"));
-            CutOff cut(isCopy ? reversalOfTheFront() : reversal(N), isCopy ? N_THERE : ~uint64{0}, Op::Rename,
-                       "img.idx");
+            CutOff cut(isCopy ? frontOrder() : reversal(N), isCopy ? N_THERE : ~uint64{0}, Op::Rename,
+                       "image/img.idx");
             ASSERT_TRUE(cut.dir.exists(LOCK));
             if (!isLocked) {
                 fs::remove(cut.dir.path(LOCK));
@@ -158,7 +164,7 @@ TEST(Optimize, ACopyIsGoneOnWithOnlyWhereItStillServes) {
     };
     {
         // The image was downloaded to its end since.
-        CutOff cut(reversalOfTheFront(), N_THERE, Op::Write, "img.zqf");
+        CutOff cut(frontOrder(), N_THERE, Op::Write, "img.zqf");
         ASSERT_FALSE(cut.dir.exists(LOCK));
         writeZqf(cut.dir, cut.image.from.zqf);
         EXPECT_THAT(cut.goOn(), HasSubstr("has become complete"));
@@ -167,14 +173,14 @@ TEST(Optimize, ACopyIsGoneOnWithOnlyWhereItStillServes) {
         EXPECT_TRUE(cut.dir.read("watched/image/img.zqf") == cut.image.to.zqf);
     }
     {
-        CutOff cut(reversalOfTheFront(), N_THERE, Op::Write, "img.zqf");
+        CutOff cut(frontOrder(), N_THERE, Op::Write, "img.zqf");
         cut.dir.write(WORK + std::string("img.idx"), "other");
         EXPECT_THAT(cut.goOn(), HasSubstr("give INDEX again"));
         EXPECT_EQ(cut.beginAgain(), "");
         expectCopied(cut);
     }
     // More than it should have, and wrong from the start: a note that fits makes nobody believe its end.
-    CutOff cut(reversalOfTheFront(), N_THERE, Op::Write, "img.zqf");
+    CutOff cut(frontOrder(), N_THERE, Op::Write, "img.zqf");
     cut.dir.write(WORK + std::string("img.zqf"), std::string(2 * N * TestImage::BLOCK, 'x'));
     EXPECT_EQ(cut.goOn(), "");
     expectCopied(cut);
@@ -183,7 +189,7 @@ TEST(Optimize, ACopyIsGoneOnWithOnlyWhereItStillServes) {
 TEST(Optimize, BytesThatAPowerCutMayHaveTakenAreNotMoved) {
     TestRandom random(22);
     TRACE_SEED(random);
-    const ReorderedImage image(random, reversalOfTheFront());
+    const ReorderedImage image(random, frontOrder());
     const TempDir dir;
     image.write(dir);
     // What was noted as synced is there, the rest was lost.
@@ -285,7 +291,7 @@ TEST(Optimize, ARecordThatCannotBeReadIsToldBeforeAndHoldsNothingUpLater) {
 TEST(Optimize, AForecastLeavesKeptStretchesOfAnotherOrder) {
     TestRandom random(27);
     TRACE_SEED(random);
-    const ReorderedImage image(random, reversalOfTheFront());
+    const ReorderedImage image(random, frontOrder());
     const TempDir dir;
     image.write(dir, N_THERE);
     dir.write("watched/image/img.ahead", "of another order");
@@ -296,4 +302,46 @@ TEST(Optimize, AForecastLeavesKeptStretchesOfAnotherOrder) {
     EXPECT_EQ(optimize(job), "");
     EXPECT_EQ(job.getResult().nMoved + job.getResult().nKept, N_COPIED);
     EXPECT_EQ(contentOf(dir), before);
+}
+
+TEST(Optimize, AFileThatWasBroughtBackIsNotMovedOnIn) {
+    for (const bool isMoved : {false, true}) {
+        CutOff cut(reversal(N), ~uint64{0}, isMoved ? Op::Rename : Op::Write,
+                   isMoved ? "image/img.json" : "img.zqf", isMoved ? 1 : 40);
+        ASSERT_TRUE(cut.dir.exists(LOCK));
+        cut.dir.write("watched/image/img.zqf", cut.image.from.zqf);
+        EXPECT_THAT(cut.goOn(), HasSubstr("isn't the file of which blocks have moved"));
+        EXPECT_TRUE(cut.dir.read("watched/image/img.zqf") == cut.image.from.zqf);
+    }
+}
+
+TEST(Optimize, AWorkFolderOfAnotherImageReplacesNothing) {
+    CutOff cut(reversal(N), ~uint64{0}, Op::Rename, "image/img.json");
+    const ReorderedImage other(cut.random, reversal(N));
+    const TempDir dir;
+    other.write(dir);
+    fs::copy(cut.dir.path(WORK), dir.path(WORK));
+    const TreeSnapshot before = contentOf(dir);
+    ZqImageOptimize job(dir.path("watched/image"));
+    EXPECT_THAT(optimize(job), HasSubstr("isn't a map of the image"));
+    TreeSnapshot now = contentOf(dir);
+    now["image/optimize.work/progress"] = before.at("image/optimize.work/progress");
+    EXPECT_EQ(now, before);
+}
+
+TEST(Optimize, ACopyThatLiesInTheWorkFolderIsOfNoUseInPlace) {
+    CutOff cut(reversal(N), ~uint64{0}, Op::Write, "img.zqf", 12);
+    cut.dir.write(WORK + std::string("img.zqf"), "of nobody");
+    EXPECT_EQ(cut.goOn(), "");
+    EXPECT_TRUE(cut.dir.read("watched/image/img.zqf") == cut.image.to.zqf);
+}
+
+TEST(Optimize, ARefusedIndexLeavesTheCopyThatWasBegun) {
+    CutOff cut(frontOrder(), N_THERE, Op::Write, "img.zqf");
+    const std::string map = cut.dir.read("watched/index/img.idx");
+    cut.dir.write("watched/index/img.idx", map.substr(8) + map.substr(0, 8));
+    EXPECT_THAT(cut.beginAgain(), HasSubstr("has the digest"));
+    EXPECT_EQ(cut.goOn(), "");
+    EXPECT_TRUE(cut.dir.read("watched/image/img.zqf") ==
+                cut.image.to.zqf.substr(0, N_COPIED * TestImage::BLOCK));
 }
