@@ -72,8 +72,7 @@ SxException ZqStallWatch::failure() const {
     const int64 nGot = progress.getBytes(ZqNetProgress::Stall);
     const double seconds = static_cast<double>((nGot > 0 ? limitNs : silenceNs) / MS) / 1e3;
     const SxString got = nGot > 0 ? "only " + SxString(nGot) + " bytes in" : SxString("no data for");
-    const SxException silence(ZqNetLink::UNREACHABLE, got + SxString::sprintf(" %g s", seconds), UNIT,
-                              __LINE__);
+    SxException silence(ZqNetLink::UNREACHABLE, got + SxString::sprintf(" %g s", seconds), UNIT, __LINE__);
     if (nGot == 0) return silence;
     return SxException(silence, "the answer comes too slowly", UNIT, __LINE__).tagged(ZqTransfer::SLOW);
 }
