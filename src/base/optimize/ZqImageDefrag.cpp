@@ -32,6 +32,7 @@ bool isOwnFile(const SxString& path) {
 
 ZqImageDefrag::ZqImageDefrag(const SxString& image, const SxString& index)
     : ZqDefragJob(image, index),
+      piece(PIECE),
       work(imagePath) {
     setThreadName("defrag by copy");
 }
@@ -67,9 +68,10 @@ void ZqImageDefrag::reorder() {
     setTotal(source.size() * BLOCK);
     const SxString path = target + ZqImageFiles::ZQF;
     const uint64 first = findStart(&zqf, path, isKnown(note));
-    ZqImageFolder::requireSpace(target,
-                                (nTarget - first + nBeyond) * BLOCK + ZqOptimizeFolder::ROOM_FOR_RECORDS);
+    requireRoom(target);
     refuseStop();
+    if (isNoted) work.removeProgress();
+    cutTarget(path, first);
     if (isNoted) {
         if (indexPath == work.getStaged()) work.takeStaged(true);
         work.writeNote(note);
@@ -78,7 +80,6 @@ void ZqImageDefrag::reorder() {
     SxFileIO file;
     if (first > 0) {
         file.open(path, "r+b");
-        file.truncate(static_cast<int64>(first * BLOCK));
         file.seek(static_cast<int64>(first * BLOCK));
     } else {
         file.create(path);
@@ -95,13 +96,33 @@ bool ZqImageDefrag::isKnown(const ZqOptimizeNote& note) const {
     return isNoted && SxFSAction::test_f(file) && SxFileIO::readUtf8(file) == note.toText();
 }
 
+/// What a target has of the disk serves the new one, or becomes free.
+void ZqImageDefrag::requireRoom(const SxString& folder) const {
+    const int64 size = SxFSAction::sizeOf(folder + ZqImageFiles::ZQF);
+    const uint64 need = (nTarget + nBeyond) * BLOCK, has = size > 0 ? static_cast<uint64>(size) : 0;
+    ZqImageFolder::requireSpace(folder, need - std::min(need, has) + ZqOptimizeFolder::ROOM_FOR_RECORDS);
+}
+
+/// On the device before a note says what the target is made of: what is kept is believed by that.
+void ZqImageDefrag::cutTarget(const SxString& path, uint64 first) {
+    if (SxFSAction::isGone(path)) return;
+    if (first > 0) {
+        SxFileIO file(path, "r+b");
+        file.truncate(static_cast<int64>(first * BLOCK));
+        file.sync();
+    } else {
+        SxFSAction::rm(path);
+        SxFSAction::syncDir(SxFileInfo(path).getPath());
+    }
+}
+
 /// How many blocks of a target are kept.
 uint64 ZqImageDefrag::findStart(SxFileIO* zqf, const SxString& path, bool known) {
     if (!isOwnFile(path)) return 0;
     const uint64 size = static_cast<uint64>(SxFSAction::sizeOf(path)) / BLOCK;
     // Each piece was synced before the next one was begun. The last one is written again: after a sync that
     // has failed its bytes are in memory alone, where a comparison finds them.
-    if (known) return std::min(size, nTarget + PIECE) > PIECE ? std::min(size - PIECE, nTarget) : 0;
+    if (known && size <= nTarget) return size > piece ? size - piece : 0;
     if (!isNoted && size > nTarget) {
         throw SxException("'" + path +
                               "' has more blocks than a copy of this image would have; take it "
@@ -116,7 +137,7 @@ uint64 ZqImageDefrag::findStart(SxFileIO* zqf, const SxString& path, bool known)
 }
 
 void ZqImageDefrag::forecast(SxFileIO* zqf) {
-    ZqImageFolder::requireSpace(indexPath, (nTarget + nBeyond) * BLOCK + ZqOptimizeFolder::ROOM_FOR_RECORDS);
+    requireRoom(isNoted ? work.getPath() : indexPath);
     forecastBytes = nTarget * BLOCK;
     const double rate = ZqBlockGather::measureRate(zqf, sourceOf(0, nTarget), indexPath);
     if (rate > 0) forecastSeconds = static_cast<double>(forecastBytes) / rate;
@@ -168,11 +189,11 @@ void ZqImageDefrag::countBlocks(uint64 sizeOld) {
 
 uint64 ZqImageDefrag::findDifference(SxFileIO* zqf, SxFileIO* file, uint64 end) {
     ZqBlockGather gather(zqf);
-    buffer.resize(PIECE * BLOCK);
-    std::vector<char> there(PIECE * BLOCK);
-    for (uint64 next = 0; next < end; next += PIECE) {
+    buffer.resize(piece * BLOCK);
+    std::vector<char> there(piece * BLOCK);
+    for (uint64 next = 0; next < end; next += piece) {
         refuseStop();
-        const uint64 pieceEnd = std::min(end, next + PIECE);
+        const uint64 pieceEnd = std::min(end, next + piece);
         gather.read(sourceOf(next, pieceEnd), buffer.data());
         const auto n = static_cast<int64>((pieceEnd - next) * BLOCK);
         file->seek(static_cast<int64>(next * BLOCK));
@@ -189,11 +210,11 @@ uint64 ZqImageDefrag::findDifference(SxFileIO* zqf, SxFileIO* file, uint64 end) 
 
 void ZqImageDefrag::copy(SxFileIO* zqf, SxFileIO* file, uint64 first) {
     ZqBlockGather gather(zqf);
-    buffer.resize(PIECE * BLOCK);
+    buffer.resize(piece * BLOCK);
     const auto nAll = static_cast<double>(source.size());
     for (uint64 next = first; next < nTarget;) {
         refuseStop();
-        const uint64 end = std::min(nTarget, next + PIECE);
+        const uint64 end = std::min(nTarget, next + piece);
         gather.read(sourceOf(next, end), buffer.data());
         const uint64 nBytes = (end - next) * BLOCK;
         file->writeBuffer(buffer.data(), static_cast<int64>(nBytes));

@@ -9,8 +9,7 @@ class ZqAppParams;
 
 /// Job that writes a new `img.zqf` in the order of an index folder, from that of an image which may be
 /// partial: it copies as far as the old file reaches. The image stays as it is. A target that is there is
-/// gone on with, as far as its blocks are what they should be: its length alone proves nothing after a power
-/// cut.
+/// gone on with: its length alone proves nothing after a power cut.
 ///
 /// The target lies in the index folder, or, with keepNote(), in the image's work folder.
 ///
@@ -24,6 +23,9 @@ public:
     /// made. Where it says that these are the ones, a target is taken but for its end, and else it is
     /// compared as a whole. `consumed`: see ZqOptimizeNote. Before start().
     void keepNote(const SxString& consumed_);
+
+    /// Other blocks between two syncs than those that serve best; before start().
+    void setPiece(uint64 nBlocks) { piece = nBlocks; }
 
     /// After the end: blocks that are kept beyond the target's end.
     uint64 getNBeyond() const { return nBeyond; }
@@ -39,6 +41,8 @@ private:
     void planAhead(const ZqAppParams& oldApp, const ZqAppParams& newApp);
     void carryAhead(const ZqAppParams& oldApp, const ZqAppParams& newApp);
     bool isKnown(const ZqOptimizeNote& note) const;
+    void requireRoom(const SxString& folder) const;
+    static void cutTarget(const SxString& path, uint64 first);
     uint64 findStart(SxFileIO* zqf, const SxString& path, bool known);
     /// The first of a target's `end` blocks that isn't what it should be; `end` where all are.
     uint64 findDifference(SxFileIO* zqf, SxFileIO* file, uint64 end);
@@ -48,6 +52,7 @@ private:
     void copy(SxFileIO* zqf, SxFileIO* file, uint64 first);
     std::vector<ZqMovePlan::Position> source;
     std::vector<char> buffer;
+    uint64 piece;       ///< blocks that are read and written together, and then synced
     uint64 nTarget = 0; ///< blocks that the target can have
     uint64 nBeyond = 0, nLost = 0;
     const ZqOptimizeFolder work;

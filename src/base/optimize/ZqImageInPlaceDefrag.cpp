@@ -205,7 +205,8 @@ void ZqImageInPlaceDefrag::move(const ZqOptimizeNote& note, Source source) {
     setTotal(note.from.sizeZqf);
     // Somebody may have removed it.
     if (!work.isLocked()) work.lock();
-    ZqOrderRemains::remove(imagePath, true, true);
+    // The digest of the old map stays as long as that, which a run that goes on looks at.
+    ZqOrderRemains::remove(imagePath, true, false);
     SxFileIO zqf(imagePath + ZqImageFiles::ZQF, "r+b", 0600);
     const auto size = static_cast<uint64>(zqf.getSize());
     if (size < note.to.sizeZqf) {
@@ -230,7 +231,8 @@ void ZqImageInPlaceDefrag::move(const ZqOptimizeNote& note, Source source) {
     const uint64 probe = ZqBlockProbe::of(&zqf, movedAmong(plan));
     zqf.close();
     ZqOrderRemains::renewSyncedSize(imagePath);
-    howFar.set({ZqMoveProgress::Records, 0, 0, 0, probe});
+    const uint64 replaces = work.has(ZqImageFiles::IDX_MD5) ? ZqMoveProgress::ALSO_IDX_MD5 : 0;
+    howFar.set({ZqMoveProgress::Records, 0, replaces, 0, probe});
 }
 
 /// Some positions whose blocks have moved, from all over the file.
@@ -258,11 +260,13 @@ void ZqImageInPlaceDefrag::requireMoved(const SxString& image) {
         ZqMoveProgress::open(work.file(ZqOptimizeFolder::PROGRESS)).get().probe) {
         return;
     }
-    throw SxException(
-        "'" + image + ZqImageFiles::ZQF +
-            "' isn't the file of which blocks have moved: if it was brought back as it was before, "
-            "remove optimize.lock and optimize.work beside it",
-        UNIT, __LINE__);
+    // The old records are there as long as the new ones haven't taken their places.
+    const bool isWhole = work.has(ZqImageFiles::IMAGE_JSON) && work.has(ZqImageFiles::APP_JSON);
+    throw SxException("'" + image + ZqImageFiles::ZQF + "' isn't the file of which blocks have moved: " +
+                          (isWhole ? "if it was brought back as it was before, remove optimize.lock and "
+                                     "optimize.work beside it"
+                                   : "the image must be fetched or built anew"),
+                      UNIT, __LINE__);
 }
 
 void ZqImageInPlaceDefrag::advance(uint64 bytes) {

@@ -67,6 +67,7 @@ void ZqImageOptimize::main() {
         }
         begun = !complete && work->state() != ZqOptimizeFolder::Nothing;
     } catch (const SxException& e) {
+        if (e.hasTag(SxException::STOPPED)) return;
         ZqJobFailure::report(
             this, "Cannot defragment ZqF file in " + imagePath + " based on index in " + indexName + ": ",
             imagePath, e, UNIT, __LINE__);
@@ -141,7 +142,15 @@ void ZqImageOptimize::sweep() const {
 void ZqImageOptimize::cutDoubtful() const {
     const SxString zqf = imagePath + ZqImageFiles::ZQF;
     const std::function<bool()> stop = [this] { return stopRequested(); };
-    if (!forecastOnly && SxFSAction::test_f(zqf)) ZqSyncedSize(zqf).cutBack(stop);
+    if (!SxFSAction::test_f(zqf)) return;
+    if (ZqSyncedSize(zqf).hasLoss()) {
+        throw SxException(
+            "The disk of '" + zqf +
+                "' has failed to take bytes of it, so that blocks of it may be wrong; they are fetched "
+                "again after the next start of the machine",
+            UNIT, __LINE__);
+    }
+    if (!forecastOnly) ZqSyncedSize(zqf).cutBack(stop);
 }
 
 void ZqImageOptimize::requireIndex() const {
@@ -215,6 +224,7 @@ void ZqImageOptimize::copy(const SxString& index, const SxString& name) {
     ZqImageDefrag worker(imagePath, index);
     worker.setIndexName(name);
     worker.keepNote(consumed);
+    if (nPiece > 0) worker.setPiece(nPiece);
     runWorker(&worker);
     if (worker.hasException()) throw SxException(worker.getException(), COPY_FAILED, UNIT, __LINE__);
     count(worker);
@@ -323,12 +333,10 @@ void ZqImageOptimize::finish() {
         requireNew(note, howFar.get().round);
         // Somebody may have removed it.
         if (!work->isLocked()) work->lock();
-        if (note.mode == ZqOptimizeNote::Copy) {
-            // What was true of the old blocks goes, unless the copy has replaced it.
-            const uint64 replaces = howFar.get().batch;
-            ZqOrderRemains::remove(imagePath, (replaces & ZqMoveProgress::ALSO_AHEAD) == 0,
-                                   (replaces & ZqMoveProgress::ALSO_IDX_MD5) == 0);
-        }
+        // What was true of the old blocks goes, unless something new replaces it.
+        const uint64 replaces = howFar.get().batch;
+        ZqOrderRemains::remove(imagePath, (replaces & ZqMoveProgress::ALSO_AHEAD) == 0,
+                               (replaces & ZqMoveProgress::ALSO_IDX_MD5) == 0);
         work->replace(note.mode);
         ZqOrderRemains::renewSyncedSize(imagePath);
         if (!note.index.isEmpty()) {

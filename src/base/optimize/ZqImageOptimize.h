@@ -37,11 +37,12 @@ public:
         consumes = false;
         indexName = name;
     }
-    /// Other limits for the moves in place than those that serve best, see ZqMovePlan::Limits. Before
-    /// start().
-    void setLimits(uint64 nHeads_, uint64 nSteps_) {
+    /// Other limits than those that serve best: for the moves in place, see ZqMovePlan::Limits, and the
+    /// blocks of a copy between two syncs. Before start().
+    void setLimits(uint64 nHeads_, uint64 nSteps_, uint64 nPiece_) {
         nHeads = nHeads_;
         nSteps = nSteps_;
+        nPiece = nPiece_;
     }
 
     enum Mode {
@@ -101,7 +102,7 @@ private:
     SxString indexName; ///< as it was given
     SxString consumed;  ///< the index folder that goes at the end; empty for none
     const SxPtr<ZqOptimizeFolder> work;
-    uint64 nHeads = 0, nSteps = 0; ///< limits of the moves in place; 0 where those that serve best are taken
+    uint64 nHeads = 0, nSteps = 0, nPiece = 0; ///< limits; 0 where those that serve best are taken
     Result result;
     bool complete = false, begun = false;
 };

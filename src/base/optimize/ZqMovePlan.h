@@ -49,7 +49,7 @@ public:
     /// slot.
     const std::vector<Position>& getHeads() const { return heads; }
     uint64 getNBatches() const { return ends.size(); }
-    /// The positions that a batch writes, in no order.
+    /// The positions that a batch writes, in an order that is the plan's, too.
     std::span<const Position> getBatch(uint64 batch) const;
     Position sourceOf(Position to) const { return source[to]; }
     bool isMoved(Position to) const { return source[to] != NONE && source[to] != to; }

@@ -28,7 +28,8 @@ void ZqMoveRounds::run() {
             doRound(round);
             continue;
         }
-        if (round + 1 == begun.round && begun.phase == ZqMoveProgress::Heads) {
+        const bool isNext = round + 1 == begun.round;
+        if (isNext && (begun.phase == ZqMoveProgress::Heads || begun.batch == 0)) {
             requireDone(plan->getNBatches(), begun.probe);
         }
         pass(plan->getNBatches());
@@ -39,7 +40,7 @@ void ZqMoveRounds::run() {
 void ZqMoveRounds::doRound(uint64 round) {
     ZqMoveProgress::State state = howFar->get();
     if (state.phase == ZqMoveProgress::Heads) {
-        state = {ZqMoveProgress::Batches, round, 0, mover.setHeadsAside(), 0};
+        state = {ZqMoveProgress::Batches, round, 0, mover.setHeadsAside(), state.probe};
         howFar->set(state);
     } else {
         if (state.batch > plan->getNBatches()) throw wrongProgress();

@@ -150,7 +150,13 @@ ZqOptimizeFolder::State ZqOptimizeFolder::state() const {
     const bool isWholeCopy = howFar && howFar->phase == ZqMoveProgress::Swap &&
                              has(ZqImageFiles::IMAGE_JSON) && has(ZqImageFiles::ZQF);
     if (!locked && (isStart || isWholeCopy)) {
-        return has(NOTE) && readNote().mode == ZqOptimizeNote::Copy ? CopyBegun : Nothing;
+        if (!has(NOTE)) return Nothing;
+        const ZqOptimizeNote note = readNote();
+        if (note.mode == ZqOptimizeNote::Copy) return CopyBegun;
+        // The file gets its new size before the first block moves.
+        const bool isSame =
+            SxFSAction::sizeOf(image + ZqImageFiles::ZQF) == static_cast<int64>(note.from.sizeZqf);
+        return isSame || !howFar ? Nothing : Moving;
     }
     if (howFar->phase <= ZqMoveProgress::Batches) return Moving;
     const bool isReplaced = !hasAny(RECORDS) && (howFar->phase != ZqMoveProgress::Swap || !hasAny(COPIED));

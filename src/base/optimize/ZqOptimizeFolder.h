@@ -89,6 +89,8 @@ public:
     /// What was begun works with the staged index folder from here on. All else goes, unless `keepsCopy` the
     /// note and a copy of the image's blocks.
     void takeStaged(bool keepsCopy) const;
+    /// Nothing is noted any longer of how far it has come; on the device.
+    void removeProgress() const;
     SxString getStaged() const { return path + STAGED; }
     /// Puts what the folder has of img.json, app.json, img.idx, img.idx.md5, and of a copy img.zqf and the
     /// stretches that are kept beside it, in the place of the image's, in that order.
@@ -99,7 +101,6 @@ public:
 
 private:
     bool hasAny(std::span<const char* const> names) const;
-    void removeProgress() const;
 
     const SxString image, path;
 };

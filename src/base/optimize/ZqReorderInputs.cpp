@@ -235,6 +235,7 @@ std::vector<Position> ZqReorderInputs::makeSource(uint64 sizeNew) const {
         }
     }
     MapReader map(oldMap, image + ZqImageFiles::IDX);
+    if (map.size() != included.size()) throw SxException("incompatible idx files", UNIT, __LINE__);
     for (uint64 rawIdx = 0; rawIdx < map.size(); ++rawIdx) {
         if (map.includes(rawIdx) != included[rawIdx]) {
             throw SxException("'" + shown(ZqImageFiles::IDX) +

@@ -33,17 +33,32 @@ public:
         }
     }
 
+    /// The old order of `other`, whose blocks follow each other, and another new one.
+    ReorderedImage(const ReorderedImage& other, const MoveOrder& order) : from(other.from), to(other.from) {
+        std::vector<uint64> target(order.source.size());
+        for (uint64 i = 0; i < target.size(); ++i)
+            target[order.source[i]] = i;
+        for (uint64 r = 0; r < target.size(); ++r) {
+            const auto raw = static_cast<int64>(r);
+            to.map(raw) = target[from.map(raw)];
+            to.zqf.replace(to.map(raw) * TestImage::BLOCK, TestImage::BLOCK, from.zqfBlock(from.map(raw)));
+        }
+    }
+
     /// Writes the image, or its first blocks, into `image`, and its other order into the index folder
     /// `index`.
     void write(const TempDir& dir, uint64 nBlocks = ~uint64{0}) const {
         from.write(SxString(dir.path("watched/image/")), nBlocks);
+        writeIndex(dir);
+        // Left over from another version of the records.
+        dir.write("watched/image/runtime.json", "kept");
+    }
+    void writeIndex(const TempDir& dir) const {
         to.write(SxString(dir.path("watched/index/")));
         fs::remove(dir.path("watched/index/img.zqf"));
         ZqAppParams app(SxString(dir.path("watched/index/")));
         app.checksumMnt = ZqAppParams(SxString(dir.path("watched/image/"))).checksumMnt;
         app.write();
-        // Left over from another version of the records.
-        dir.write("watched/image/runtime.json", "kept");
     }
     /// What the image folder holds then; `nBlocks` of them where it was partial.
     TreeSnapshot expected(uint64 nBlocks = ~uint64{0}) const {
@@ -61,9 +76,9 @@ public:
     TestImage from, to;
 };
 
-/// Runs the job, with few heads a round so that small images have several.
+/// Runs the job, with few heads a round and small pieces, so that small images have several.
 inline std::string optimize(ZqImageOptimize& job) {
-    job.setLimits(20, 4);
+    job.setLimits(20, 4, 8);
     jobUnderWay = &job;
     return failureOf(job);
 }

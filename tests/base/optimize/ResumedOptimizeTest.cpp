@@ -73,7 +73,7 @@ TEST(OptimizeFolder, TheStateFollowsFromProgressNoteAndLock) {
         {{{Phase::Tidy, 0, 0, 0}}, COPY, Folder::Done, Folder::Done}};
     for (const Case& each : cases) {
         const TempDir dir;
-        dir.write("image/app.json", "{}");
+        dir.write("image/img.zqf", std::string(4096, 'x'));
         const Folder work(SxString(dir.path("image/")));
         EXPECT_EQ(work.state(), Folder::Nothing) << "without a folder";
         work.make();
@@ -90,6 +90,11 @@ TEST(OptimizeFolder, TheStateFollowsFromProgressNoteAndLock) {
         if (each.howFar) ZqMoveProgress::create(work.file(Folder::PROGRESS), 0, *each.howFar);
         SCOPED_TRACE(each.howFar ? static_cast<int>(each.howFar->phase) : -1);
         EXPECT_EQ(work.state(), each.unlocked);
+        if (each.howFar && each.note == IN_PLACE && each.unlocked == Folder::Nothing) {
+            // It has its new size already.
+            dir.write("image/img.zqf", std::string(8192, 'x'));
+            EXPECT_EQ(work.state(), Folder::Moving);
+        }
         work.lock();
         EXPECT_EQ(work.state(), each.locked);
         // With the first record, or all, in their places.
@@ -305,9 +310,16 @@ TEST(Optimize, AForecastLeavesKeptStretchesOfAnotherOrder) {
 }
 
 TEST(Optimize, AFileThatWasBroughtBackIsNotMovedOnIn) {
-    for (const bool isMoved : {false, true}) {
-        CutOff cut(reversal(N), ~uint64{0}, isMoved ? Op::Rename : Op::Write,
-                   isMoved ? "image/img.json" : "img.zqf", isMoved ? 1 : 40);
+    struct Cut {
+        Op op;
+        const char* file;
+        int64 nth;
+    };
+    // In a later batch, in the first one of a later round, and when all had moved.
+    for (const Cut& at :
+         {Cut{Op::Write, "img.zqf", 40}, {Op::Sync, "img.zqf", 3}, {Op::Rename, "image/img.json", 1}}) {
+        SCOPED_TRACE(at.nth);
+        CutOff cut(reversal(N), ~uint64{0}, at.op, at.file, at.nth);
         ASSERT_TRUE(cut.dir.exists(LOCK));
         cut.dir.write("watched/image/img.zqf", cut.image.from.zqf);
         EXPECT_THAT(cut.goOn(), HasSubstr("isn't the file of which blocks have moved"));
@@ -344,4 +356,68 @@ TEST(Optimize, ARefusedIndexLeavesTheCopyThatWasBegun) {
     EXPECT_EQ(cut.goOn(), "");
     EXPECT_TRUE(cut.dir.read("watched/image/img.zqf") ==
                 cut.image.to.zqf.substr(0, N_COPIED * TestImage::BLOCK));
+}
+
+TEST(Optimize, NothingOfACopyToAnotherOrderIsTaken) {
+    bool isCut = true;
+    for (int64 step = 1; isCut && !HasFailure(); ++step) {
+        for (const bool isKilled : {true, false}) {
+            SCOPED_TRACE((isKilled ? "killed at step " : "cut at step ") + std::to_string(step));
+            CutOff cut(frontOrder(), N_THERE, Op::Write, "img.zqf", 5);
+            const MoveOrder other = reversalOfTheFront(N, 40);
+            const ReorderedImage image(cut.image, other);
+            const std::vector<TreeSnapshot> right = {cut.image.expected(N_COPIED), image.expected(N_COPIED)};
+            image.writeIndex(cut.dir);
+            {
+                FaultOs os(cut.dir.path("watched"));
+                os.cutPowerAt(step);
+                cut.beginAgain();
+                isCut = os.isCut();
+                isKilled ? os.revive() : os.crash(nullptr);
+            }
+            const auto isRight = [&] {
+                TreeSnapshot now = contentOf(cut.dir, "watched/image");
+                now.erase("img.idx.md5");
+                return now == right[0] || now == right[1];
+            };
+            if (!isRight() && !cut.goOn().empty()) {
+                EXPECT_EQ(cut.beginAgain(), "");
+            }
+            EXPECT_TRUE(isRight());
+        }
+    }
+}
+
+TEST(Optimize, ADigestFileOfTheMapCountsUntilTheMapGoes) {
+    TestRandom random(29);
+    TRACE_SEED(random);
+    const ReorderedImage image(random, reversal(N));
+    const TempDir dir;
+    image.write(dir);
+    // A digest in the record isn't looked at where there is such a file.
+    ZqAppParams app(SxString(dir.path("watched/image/")));
+    app.checksumIdx = "another";
+    app.write();
+    dir.write("watched/image/img.idx.md5", SxMd5::file(SxString(dir.path("watched/image/img.idx"))).str());
+    {
+        FaultOs os(dir.path("watched"));
+        os.failNth(Op::Write, 12, EIO, "img.zqf");
+        EXPECT_NE(optimizeOrGoOn(dir), "");
+    }
+    EXPECT_EQ(optimizeOrGoOn(dir), "");
+    EXPECT_EQ(contentOf(dir, "watched/image"), image.expected());
+}
+
+TEST(Optimize, MapsOfDifferentLengthsAreRefusedInEveryPhase) {
+    CutOff cut(reversal(N), ~uint64{0}, Op::Rename, "image/img.json");
+    const ZqOptimizeFolder work(SxString(cut.dir.path("watched/image/")));
+    cut.dir.write(WORK + std::string("img.idx"), std::string(3000 * sizeof(uint64), '\0'));
+    ZqOptimizeNote note = work.readNote();
+    note.to.idx = SxMd5::file(work.file("img.idx"));
+    work.writeNote(note);
+    ZqMoveProgress::create(work.file(ZqOptimizeFolder::PROGRESS), work.digestNote(),
+                           {Phase::Records, 0, 0, 0, 0});
+    const std::string map = cut.dir.read("watched/image/img.idx");
+    EXPECT_NE(cut.goOn(), "");
+    EXPECT_EQ(cut.dir.read("watched/image/img.idx"), map);
 }
