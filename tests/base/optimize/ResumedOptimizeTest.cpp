@@ -368,6 +368,7 @@ TEST(Optimize, NothingOfACopyToAnotherOrderIsTaken) {
             const ReorderedImage image(cut.image, other);
             const std::vector<TreeSnapshot> right = {cut.image.expected(N_COPIED), image.expected(N_COPIED)};
             image.writeIndex(cut.dir);
+            fs::remove(cut.dir.path("watched/index/img.idx.md5"));
             {
                 FaultOs os(cut.dir.path("watched"));
                 os.cutPowerAt(step);
@@ -380,7 +381,8 @@ TEST(Optimize, NothingOfACopyToAnotherOrderIsTaken) {
                 now.erase("img.idx.md5");
                 return now == right[0] || now == right[1];
             };
-            if (!isRight() && !cut.goOn().empty()) {
+            // None may have begun, or the end of one be all that was left.
+            if (!isRight() && !cut.goOn().empty() && !isRight()) {
                 EXPECT_EQ(cut.beginAgain(), "");
             }
             EXPECT_TRUE(isRight());
