@@ -263,7 +263,8 @@ int FaultOs::punchHole(int fd, int64 offset, int64 n) {
 int FaultOs::sync(int fd) {
     const int error = strike(Op::Sync, fd);
     const std::lock_guard lock(mutex);
-    if (error && !cut && openFiles.contains(fd)) pending.loseFile(fd);
+    // One that was interrupted has only not come.
+    if (error && error != -EINTR && !cut && openFiles.contains(fd)) pending.loseFile(fd);
     if (error) return error;
     const int result = machine.sync(fd);
     if (result == 0 && openFiles.contains(fd)) pending.syncFile(fd);

@@ -17,6 +17,29 @@ ZqDefragJob::ZqDefragJob(const SxString& image, const SxString& index)
 }
 
 void ZqDefragJob::main() {
+    const auto end = [this] {
+        {
+            const SxMutexBlock lock(&endMutex);
+            ended = true;
+        }
+        hasEnded.notify_all();
+    };
+    try {
+        run();
+    } catch (...) {
+        end();
+        throw;
+    }
+    end();
+}
+
+bool ZqDefragJob::awaitEnd(int64 ms) {
+    SxMutexBlock lock(&endMutex);
+    if (!ended) hasEnded.wait_for(endMutex, std::chrono::milliseconds(ms));
+    return ended;
+}
+
+void ZqDefragJob::run() {
     const SxTakeTime taken(Timer::ImageTimer::ZqfFromZqf);
     const int64 now = ZqSysEnv::getSysTime();
     {

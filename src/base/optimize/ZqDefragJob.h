@@ -5,6 +5,7 @@
 #include "ZqRuntimeInfo.h"
 
 #include <atomic>
+#include <condition_variable>
 
 /// What the two jobs that bring an image to a new order have in common: their figures and their end. The
 /// queries and stop() are safe from any thread. Whoever starts one holds ZqImageLock::Shape exclusively, so
@@ -32,6 +33,8 @@ public:
     uint64 getBpS() const;
     /// Seconds left; the bytes left where no speed is known.
     uint64 getETA() const;
+    /// Waits for the end, up to `ms` milliseconds; whether it has come. wait() is needed all the same.
+    bool awaitEnd(int64 ms);
     /// After the end: whether all was done, and nothing is left to go on with.
     bool isComplete() const { return complete; }
 
@@ -54,6 +57,7 @@ protected:
     ZqDefragJob(const SxString& image, const SxString& index);
 
     void main() final;
+    void run();
     /// What the job does. Raises with the tag "Stopped" after a stop; returns when all is done.
     virtual void reorder() = 0;
     void setTotal(uint64 bytes);
@@ -74,6 +78,10 @@ private:
     uint64 startTime SX_GUARDED_BY(progressMutex) = 0; ///< milliseconds
     uint64 iCurrent SX_GUARDED_BY(progressMutex) = 0;
     uint64 nTotal SX_GUARDED_BY(progressMutex) = 0;
+
+    SxMutex endMutex;
+    std::condition_variable_any hasEnded;
+    bool ended SX_GUARDED_BY(endMutex) = false;
 
     std::atomic<bool> stopFlag = false;
     uint64 written = 0; ///< bytes, by this run

@@ -259,9 +259,11 @@ void ZqImageOptimize::runWorker(ZqDefragJob* worker) {
     if (forecastOnly) worker->setForecastOnly();
     if (stopRequested()) worker->stop();
     worker->start(6);
-    while (worker->isRunning() && !worker->hasException() && !stopRequested()) {
+    while (!worker->awaitEnd(0) && !stopRequested()) {
         copyCounters();
-        SxWait::pass(POLL_MS, [&] { return !worker->isRunning() || stopRequested(); });
+        // Its end is told at once, a stop of this job is looked for.
+        SxWait::pass(
+            POLL_MS, [&] { return worker->awaitEnd(SxWait::LOOK_MS) || stopRequested(); }, 0);
     }
     if (stopRequested()) {
         log("Stopping Defragmentation.");
