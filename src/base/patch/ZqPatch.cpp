@@ -7,6 +7,8 @@
 #include "ZqBlocks.h"
 #include "ZqImageFiles.h"
 #include "ZqLog.h"
+#include "ZqPatchFiles.h"
+#include "ZqPatchParams.h"
 #include "ZqSysEnv.h"
 #include "ZqTaskMon.h"
 
@@ -191,12 +193,23 @@ ZqPatch::ImageCounters compare(const SxString& rawDir, const SxString& zqfDir, Z
     }
 }
 
+void requirePlainOrPacked(const SxString& folder, const char* plain, const char* packed) {
+    if (SxFSAction::sizeOf(folder + plain) >= 0 || SxFSAction::sizeOf(folder + packed) >= 0) return;
+    throw SxException("File " + SxFileInfo(folder + packed).getAbsPath() + " is missing.", UNIT, __LINE__);
+}
+
 void print(const SxString& text) {
     std::fputs(text.ascii(), stdout);
     std::fflush(stdout);
 }
 
 } // namespace
+
+void ZqPatch::verifyMeta(const SxString& patchDir) {
+    ZqPatchParams().read(patchDir);
+    requirePlainOrPacked(patchDir, ZqPatchFiles::MAP, ZqPatchFiles::MAP_7Z);
+    requirePlainOrPacked(patchDir, ZqPatchFiles::INFO, ZqPatchFiles::INFO_7Z);
+}
 
 void ZqPatch::verifyImage(const SxString& rawDir, const SxString& zqfDir) {
     int64 lastReport = 0;

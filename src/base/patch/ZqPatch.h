@@ -21,6 +21,12 @@ public:
         uint64 nWrong() const { return nInvalid - (nMissing - nMissingZero); }
     };
 
+    /// Whether the patch folder `patchDir` (with its trailing slash) has its metadata: `patch.json` can be
+    /// read, and `map.idx` and `patch.info` are there, each as it is or in `map.7z` and `patch.7z`. Sizes and
+    /// digests aren't compared. Raises as ZqPatchParams::read() does, and "File ... is missing.". From any
+    /// thread.
+    static void verifyMeta(const SxString& patchDir);
+
     /// Compares `img.zqf` in `zqfDir`, by the map `img.idx` (unpacked from `img.idx.7z` where only that is
     /// there), with `img.raw` in `rawDir`, block by block. Both folders end with their slash. Shows its
     /// progress on standard output, and logs counters and digests; a difference is counted, not raised.

@@ -19,10 +19,7 @@ SxSymbol ZqRecordFile::read(const SxString& file, const SxString& schemaName) {
 }
 
 SxSymbol ZqRecordFile::parse(const SxString& text, const SxString& file, const SxString& schemaName) {
-    const SxString schemaPath = ZqSysEnv::getSchemaPath() + schemaName;
-    if (!SxFSAction::test_f(schemaPath)) {
-        throw SxException("Required schema file " + schemaPath + " not found", UNIT, __LINE__);
-    }
+    const SxString schemaPath = requireSchema(schemaName);
     SxJSONParser data, schema;
     data.readString(text, file, 1);
     schema.readFile(schemaPath, 1);
@@ -32,6 +29,12 @@ SxSymbol ZqRecordFile::parse(const SxString& text, const SxString& file, const S
         throw SxException("File version of '" + file + "' not supported.", UNIT, __LINE__);
     }
     return root;
+}
+
+SxString ZqRecordFile::requireSchema(const SxString& schemaName) {
+    const SxString path = ZqSysEnv::getSchemaPath() + schemaName;
+    if (SxFSAction::test_f(path)) return path;
+    throw SxException("Required schema file " + path + " not found", UNIT, __LINE__);
 }
 
 SxString ZqRecordFile::choosePrefix(const SxString& argument, const SxString& own) {

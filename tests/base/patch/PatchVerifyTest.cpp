@@ -4,6 +4,7 @@
 #include "ZqArchive.h"
 #include "ZqLog.h"
 #include "ZqPatch.h"
+#include "ZqPatchParams.h"
 
 namespace {
 
@@ -163,4 +164,24 @@ TEST(PatchVerify, FailuresNameTheFile) {
     fs::remove(dir.path("img.idx"));
     EXPECT_EQ(verify(), "");
     EXPECT_EQ(dir.read("img.idx"), image.idxBytes());
+}
+
+TEST(PatchVerify, MetadataOfAFolder) {
+    const TempDir dir;
+    const auto verify = [&] { return failureOf([&] { ZqPatch::verifyMeta(dir.path("x/../")); }); };
+    fs::create_directory(dir.path("x"));
+    EXPECT_EQ(verify(), "File " + dir.path("x/../patch.json") + " not found.");
+    ZqPatchParams().write(dir.prefix());
+    EXPECT_EQ(verify(), "File " + dir.path("map.7z") + " is missing.");
+    dir.write("map.idx", "");
+    EXPECT_EQ(verify(), "File " + dir.path("patch.7z") + " is missing.");
+    dir.write("patch.7z", "");
+    EXPECT_EQ(verify(), "");
+    fs::rename(dir.path("map.idx"), dir.path("map.7z"));
+    fs::rename(dir.path("patch.7z"), dir.path("patch.info"));
+    EXPECT_EQ(verify(), "");
+    // A disk that fails isn't a patch without a map.
+    FaultOs os(dir.path());
+    os.failNth(Op::Stat, 1, EIO, "map.idx");
+    EXPECT_THAT(verify(), HasSubstr("Cannot look at '"));
 }
