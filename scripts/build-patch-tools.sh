@@ -24,7 +24,9 @@ go_without() {
     exit 0
 }
 
+# Those of another version would make other patches.
 mkdir -p "$target"
+rm -f "$target"/{version,hdiffz,hpatchz,LICENSE}
 log=$target/build.log
 scripts/install-deps.sh patch-tools || go_without "what hdiffz and hpatchz are built with can't be installed"
 echo "Building hdiffz and hpatchz"
@@ -32,8 +34,8 @@ work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
 # npm goes to the registry that it is configured for. Without its limits it tries for minutes where there is none.
-(cd "$work" && timeout 300 npm pack --silent --ignore-scripts --fetch-retries=1 --fetch-timeout=60000 "$package") \
-    >"$log" 2>&1 || go_without "npm can't get the package $package"
+(cd "$work" && timeout 300 npm pack --silent --ignore-scripts --fetch-retries=1 --fetch-retry-mintimeout=1000 \
+    --fetch-timeout=60000 "$package") >"$log" 2>&1 || go_without "npm can't get the package $package"
 archive=$(echo "$work"/*.tgz)
 found=sha512-$(openssl dgst -sha512 -binary "$archive" | base64 --wrap=0)
 [[ $found == "$integrity" ]] || go_without "the package $package has the digest $found instead of $integrity"
@@ -49,7 +51,6 @@ build() {
 }
 (build) >"$log" 2>&1 || go_without "hdiffz and hpatchz can't be built ($log says why)"
 
-rm -f "$target/version"
 for file in hdiffz hpatchz LICENSE; do
     cp "$work/$sources/$file" "$target/$file.new"
     mv "$target/$file.new" "$target/$file"

@@ -88,7 +88,7 @@ TEST_F(PatchToolTest, RoundTrips) {
         {Compression::ZLIB, 1, Memory::InMemory, oldBytes, newBytes, "HDIFF13&zlib"},
         {Compression::BZIP2, 9, Memory::Default, oldBytes, newBytes, "HDIFF13&bz2"},
         {Compression::LZ4HC, 12, Memory::Default, oldBytes, newBytes, "HDIFF13&lz4"},
-        {Compression::ZSTD, 22, Memory::Default, oldBytes, newBytes, "HDIFF13&zstd"},
+        {Compression::ZSTD, 17, Memory::Default, oldBytes, newBytes, "HDIFF13&zstd"},
         {Compression::ZSTD, 0, Memory::Streaming, oldBytes, newBytes, "HDIFF13&zstd"},
         {Compression::RAW, 99, Memory::Default, oldBytes, newBytes, "HDIFF13"},
         {Compression::REPLACE, -1, Memory::Streaming, oldBytes, newBytes, newBytes},
