@@ -45,9 +45,8 @@ public:
     SxWinProcParams getWinProcParams() const SX_EXCLUDES(mutex);
     /// The folder that the process starts in; empty for ours. A relative program path counts from ours.
     void setWorkingDirectory(const SxString& path) SX_EXCLUDES(mutex);
-    /// Whether the system kills the process as soon as the thread that calls start() has ended, also where
-    /// that comes from a kill of this program. What the process has started itself goes on. It does so unless
-    /// this is set.
+    /// Whether the system kills the process as soon as the thread that calls start() has ended, also where a
+    /// kill of this program ends it. What the process has started itself isn't killed. False at first.
     void setEndsWithStarter(bool ends) SX_EXCLUDES(mutex);
 
     /// Starts the program with the constructor's arguments and `moreArguments` after them; returns when it

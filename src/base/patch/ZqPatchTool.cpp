@@ -32,7 +32,7 @@ void ZqPatchTool::run(const SxString& program, const SxList<SxString>& arguments
 }
 
 SxPtr<ZqSilentProcess> ZqPatchTool::prepare(const SxString& program, const SxList<SxString>& arguments) {
-    const auto tool = SxPtr<ZqSilentProcess>::create(program, arguments);
+    auto tool = SxPtr<ZqSilentProcess>::create(program, arguments);
     tool->setHiddenWindow(true);
     bool stopCame = false;
     {
