@@ -20,6 +20,7 @@ help: ## this list
 
 build: ## release build; the client is build/release/bin/tavrin
 	@scripts/install-deps.sh
+	@scripts/build-patch-tools.sh
 	@cmake --preset release
 	@cmake --build --preset release -j $(JOBS)
 
@@ -71,6 +72,7 @@ fuzz: ## each fuzz program for SECONDS (60)
 
 package: ## Debian packages, in build/package
 	@scripts/install-deps.sh package
+	@scripts/build-patch-tools.sh
 	@cmake --preset package
 	@cmake --build --preset package -j $(JOBS)
 	@cd build/package && cpack

@@ -33,3 +33,15 @@ endif()
 install(FILES "${CMAKE_CURRENT_LIST_DIR}/59-tavrin.rules" DESTINATION "lib/udev/rules.d" COMPONENT runtime)
 # Where the client looks for the external tools: beside its own folder.
 install(TARGETS zqdd RUNTIME DESTINATION "lib/tavrin" COMPONENT runtime)
+
+# The tools for patches, where scripts/build-patch-tools.sh has made them. That may be after this build was configured,
+# so the links beside the built client are made in any case; where they lead nowhere, the library says that the tools
+# are missing.
+set(TAVRIN_PATCH_TOOLS "${PROJECT_SOURCE_DIR}/build/patch-tools" CACHE PATH "Folder of hdiffz and hpatchz")
+file(MAKE_DIRECTORY "${CMAKE_RUNTIME_OUTPUT_DIRECTORY}")
+foreach(tool hdiffz hpatchz)
+    file(CREATE_LINK "${TAVRIN_PATCH_TOOLS}/${tool}" "${CMAKE_RUNTIME_OUTPUT_DIRECTORY}/${tool}" SYMBOLIC)
+    install(PROGRAMS "${TAVRIN_PATCH_TOOLS}/${tool}" DESTINATION "lib/tavrin" COMPONENT runtime OPTIONAL)
+endforeach()
+install(FILES "${TAVRIN_PATCH_TOOLS}/LICENSE" DESTINATION "${CMAKE_INSTALL_DATADIR}/doc/tavrin"
+    COMPONENT runtime RENAME LICENSE.hdiffz OPTIONAL)

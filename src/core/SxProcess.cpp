@@ -8,10 +8,13 @@
 #include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
+#include <memory>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <system_error>
 #include <thread>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -20,6 +23,8 @@ constexpr const char* UNIT = "src/core/SxProcess";
 // Exit codes as shells count them: 128 + n where signal n ended a process, 127 where it wasn't run.
 constexpr int SIGNAL_BASE = 128;
 constexpr int NOT_EXECUTED = 127;
+/// Most that is kept of standard error: what a pipe takes in.
+constexpr size_t MAX_ERROR_TEXT = 64 << 10;
 
 [[noreturn]] void fail(const SxString& what, int64 error, int line) {
     throw SxException(SxException(SxOs::errorText(error), UNIT, line), what, UNIT, line);
@@ -35,11 +40,11 @@ struct Failure {
 /// Both ends of a pipe, never inherited by another program.
 class Pipe {
 public:
-    Pipe() {
-        if (pipe2(ends, O_CLOEXEC) != 0) fail("Cannot make a pipe", errno, __LINE__);
+    explicit Pipe(int flags = 0) {
+        if (pipe2(ends, O_CLOEXEC | flags) != 0) fail("Cannot make a pipe", errno, __LINE__);
     }
     ~Pipe() {
-        ::close(ends[0]);
+        if (ends[0] >= 0) ::close(ends[0]);
         closeWriter();
     }
     Pipe(const Pipe&) = delete;
@@ -47,6 +52,8 @@ public:
 
     int reader() const { return ends[0]; }
     int writer() const { return ends[1]; }
+    /// The caller closes it.
+    int takeReader() { return std::exchange(ends[0], -1); }
     void closeWriter() {
         if (ends[1] >= 0) ::close(ends[1]);
         ends[1] = -1;
@@ -72,6 +79,17 @@ private:
     sigset_t old{};
 };
 
+/// What the child does before it is the program.
+struct ChildPlan {
+    const char* program;
+    char* const* argv;
+    const char* folder; ///< null for ours
+    SxProcess::Mode mode;
+    int report;    ///< descriptor to report a failure on
+    int errors;    ///< descriptor for standard error, with KeepError
+    pid_t starter; ///< the process to end with; 0 for none
+};
+
 // From here to runChild(): between fork and exec of a process with threads, so only system calls.
 
 void resetSignals() {
@@ -94,16 +112,17 @@ void resetSignals() {
 }
 
 /// Gives the descriptor to report a failure on.
-int arrangeDescriptors(SxProcess::Mode mode, int report) {
+int arrangeDescriptors(const ChildPlan& plan) {
     constexpr int REPORT = STDERR_FILENO + 1;
-    // Out of the way first: where ours were closed, it may be one of the standard ones.
-    report = fcntl(report, F_DUPFD_CLOEXEC, REPORT + 1);
+    // Out of the way first: where ours were closed, they may be among the standard ones.
+    const int report = fcntl(plan.report, F_DUPFD_CLOEXEC, REPORT + 1);
+    const int errors = fcntl(plan.errors, F_DUPFD_CLOEXEC, REPORT + 1);
     const int null = open("/dev/null", O_RDWR | O_CLOEXEC);
     dup2(null, STDIN_FILENO);
-    if (mode == SxProcess::Silent) {
+    if (plan.mode == SxProcess::Silent || plan.mode == SxProcess::KeepError) {
         dup2(null, STDOUT_FILENO);
-        dup2(null, STDERR_FILENO);
-    } else if (mode == SxProcess::OutputToError) {
+        dup2(plan.mode == SxProcess::Silent ? null : errors, STDERR_FILENO);
+    } else if (plan.mode == SxProcess::OutputToError) {
         dup2(STDERR_FILENO, STDOUT_FILENO);
     }
     dup3(report, REPORT, O_CLOEXEC);
@@ -118,14 +137,18 @@ int arrangeDescriptors(SxProcess::Mode mode, int report) {
     _exit(NOT_EXECUTED);
 }
 
-[[noreturn]] void runChild(const char* program, char* const* argv, const char* folder, SxProcess::Mode mode,
-                           int writer) {
+[[noreturn]] void runChild(const ChildPlan& plan) {
     // Not just a group in our session: the system would send a hang-up to a suspended one when we end.
     setsid();
+    if (plan.starter != 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        // Where it was killed before that, no signal comes any longer.
+        if (getppid() != plan.starter) _exit(NOT_EXECUTED);
+    }
     resetSignals();
-    const int report = arrangeDescriptors(mode, writer);
-    if (folder && chdir(folder) != 0) giveUp(report, Failure::Folder);
-    execv(program, argv);
+    const int report = arrangeDescriptors(plan);
+    if (plan.folder && chdir(plan.folder) != 0) giveUp(report, Failure::Folder);
+    execv(plan.program, plan.argv);
     giveUp(report, Failure::Program);
 }
 
@@ -149,7 +172,7 @@ struct SxProcess::Launch {
     std::vector<std::string> texts;
     std::vector<char*> argv;
     std::string folder;
-    Mode mode;
+    std::unique_ptr<Pipe> errors;
     Pipe pipe;
 };
 
@@ -161,6 +184,7 @@ SxProcess::SxProcess(const SxString& program_, const SxList<SxString>& arguments
 
 SxProcess::~SxProcess() {
     SxMutexBlock lock(&mutex);
+    if (errorReader >= 0) ::close(errorReader);
     look();
     if (state == State::Running) {
         awaitElsewhere(pid);
@@ -187,6 +211,11 @@ SxWinProcParams SxProcess::getWinProcParams() const {
 void SxProcess::setWorkingDirectory(const SxString& path) {
     SxMutexBlock lock(&mutex);
     workingDirectory = path;
+}
+
+void SxProcess::setEndsWithStarter(bool ends) {
+    SxMutexBlock lock(&mutex);
+    endsWithStarter = ends;
 }
 
 std::string SxProcess::programPath() const {
@@ -222,13 +251,16 @@ SxProcess::Launch SxProcess::prepare(const SxList<SxString>& moreArguments) cons
         argv.push_back(text.data());
     argv.push_back(nullptr);
 
+    // Never blocks: nobody reads while the process runs, so what doesn't fit is dropped.
+    auto errors = mode == KeepError ? std::make_unique<Pipe>(O_NONBLOCK) : nullptr;
+
     SxMutexBlock lock(&mutex);
     const std::string folder = workingDirectory.isEmpty() ? "" : SxOs::hostPath(workingDirectory);
-    return Launch{texts.front(), std::move(texts), std::move(argv), folder, mode, {}};
+    return Launch{texts.front(), std::move(texts), std::move(argv), folder, std::move(errors), Pipe()};
 }
 
 /// Makes the child; gives false where kill() came first.
-bool SxProcess::fork(const Launch& launch) {
+bool SxProcess::fork(Launch* launch) {
     SxMutexBlock lock(&mutex);
     if (state != State::New) throw SxException("'" + program + "' was started before", UNIT, __LINE__);
     if (killed) {
@@ -236,14 +268,22 @@ bool SxProcess::fork(const Launch& launch) {
         status = SIGNAL_BASE + SIGKILL;
         return false;
     }
+    const ChildPlan plan{launch->programPath.c_str(),
+                         launch->argv.data(),
+                         launch->folder.empty() ? nullptr : launch->folder.c_str(),
+                         mode,
+                         launch->pipe.writer(),
+                         launch->errors ? launch->errors->writer() : -1,
+                         endsWithStarter ? getpid() : 0};
     const SignalBlock noSignals;
     const pid_t child = ::fork();
     if (child < 0) fail("Cannot start '" + program + "'", errno, __LINE__);
-    if (child == 0) {
-        runChild(launch.programPath.c_str(), launch.argv.data(),
-                 launch.folder.empty() ? nullptr : launch.folder.c_str(), mode, launch.pipe.writer());
-    }
+    if (child == 0) runChild(plan);
     pid = child;
+    if (launch->errors) {
+        if (errorReader >= 0) ::close(errorReader);
+        errorReader = launch->errors->takeReader();
+    }
     state = State::Running;
     SxProcessInfo info;
     if (SxProcessInfo::get(child, &info)) group = SxProcessGroup(child, info.startTime);
@@ -252,7 +292,7 @@ bool SxProcess::fork(const Launch& launch) {
 
 void SxProcess::start(const SxList<SxString>& moreArguments) {
     Launch launch = prepare(moreArguments);
-    if (!fork(launch)) return;
+    if (!fork(&launch)) return;
     launch.pipe.closeWriter();
     // Without the lock: the program may lie on a drive whose data is still to come, and kill() must not wait
     // for that.
@@ -334,6 +374,18 @@ int SxProcess::exitStatus() {
     SxMutexBlock lock(&mutex);
     look();
     return status;
+}
+
+SxString SxProcess::getErrorText() {
+    SxMutexBlock lock(&mutex);
+    while (errorReader >= 0 && errorText.size() < MAX_ERROR_TEXT) {
+        char buffer[4096];
+        const ssize_t n = ::read(errorReader, buffer, sizeof buffer);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) break; // the end, or nothing more for now
+        errorText.append(buffer, static_cast<size_t>(n));
+    }
+    return SxString(errorText);
 }
 
 int SxProcess::getId() const {

@@ -29,7 +29,8 @@ public:
     enum Mode {
         Inherit,       ///< to ours
         OutputToError, ///< both to our standard error
-        Silent         ///< nowhere
+        Silent,        ///< nowhere
+        KeepError      ///< output nowhere, errors to getErrorText()
     };
 
     /// `program` is a path, or a name without a slash, which is looked for in the folders of $PATH.
@@ -44,6 +45,9 @@ public:
     SxWinProcParams getWinProcParams() const SX_EXCLUDES(mutex);
     /// The folder that the process starts in; empty for ours. A relative program path counts from ours.
     void setWorkingDirectory(const SxString& path) SX_EXCLUDES(mutex);
+    /// Whether the system kills the process as soon as the thread that calls start() has ended, also where a
+    /// kill of this program ends it. What the process has started itself isn't killed. False at first.
+    void setEndsWithStarter(bool ends) SX_EXCLUDES(mutex);
 
     /// Starts the program with the constructor's arguments and `moreArguments` after them; returns when it
     /// runs. Raises where it can't be run, or was started before. After kill() nothing is started, and the
@@ -58,6 +62,9 @@ public:
     bool isRunning() SX_EXCLUDES(mutex);
     /// What wait() gives, or -1 as long as the process hasn't ended.
     int exitStatus() SX_EXCLUDES(mutex);
+    /// With the mode KeepError: what the process has written to standard error so far, at most the first 64
+    /// KiB. Beyond that its writes fail. Empty with other modes.
+    SxString getErrorText() SX_EXCLUDES(mutex);
     /// The id in the system, or -1 before the start.
     int getId() const SX_EXCLUDES(mutex);
     /// Its group, for programs that come later; no group before the start.
@@ -77,7 +84,7 @@ private:
 
     std::string programPath() const;
     Launch prepare(const SxList<SxString>& moreArguments) const SX_EXCLUDES(mutex);
-    bool fork(const Launch& launch) SX_EXCLUDES(mutex);
+    bool fork(Launch* launch) SX_EXCLUDES(mutex);
     void look() SX_REQUIRES(mutex);
     void collect() SX_REQUIRES(mutex);
     void signalGroup(GroupSignal signal) SX_EXCLUDES(mutex);
@@ -89,6 +96,9 @@ private:
     mutable SxMutex mutex;
     SxWinProcParams winProcParams SX_GUARDED_BY(mutex);
     SxString workingDirectory SX_GUARDED_BY(mutex);
+    bool endsWithStarter SX_GUARDED_BY(mutex) = false;
+    int errorReader SX_GUARDED_BY(mutex) = -1;
+    std::string errorText SX_GUARDED_BY(mutex);
     State state SX_GUARDED_BY(mutex) = State::New;
     bool killed SX_GUARDED_BY(mutex) = false;
     int pid SX_GUARDED_BY(mutex) = -1;

@@ -142,3 +142,30 @@ TEST_F(ProcessTest, DestructorNeitherEndsNorLeavesAZombie) {
     dir.write("go", "x");
     EXPECT_TRUE(becomes(running, "-"));
 }
+
+TEST_F(ProcessTest, ErrorsAreKeptUpToALimit) {
+    SxProcess process("sh", {"-c", "echo out; echo bad >&2; exit 2"}, SxProcess::KeepError);
+    EXPECT_EQ(process.getErrorText(), "");
+    EXPECT_EQ(process.run(), 2);
+    EXPECT_EQ(process.getErrorText(), "bad\n");
+    EXPECT_EQ(process.getErrorText(), "bad\n");
+
+    // Nobody reads while it runs, and it ends all the same.
+    SxProcess chatty("sh", {"-c", "head -c 1000000 /dev/zero >&2; exit 3"}, SxProcess::KeepError);
+    EXPECT_EQ(chatty.run(), 3);
+    const size_t n = chatty.getErrorText().str().size();
+    EXPECT_TRUE(n >= 4096 && n <= 65536) << n;
+}
+
+TEST_F(ProcessTest, EndsWithTheThreadThatStartedItWhereThatIsSet) {
+    for (const bool ends : {true, false}) {
+        SxProcess process("sleep", {"100"});
+        process.setEndsWithStarter(ends);
+        std::thread([&process] { process.start(); }).join();
+        if (!ends) {
+            EXPECT_TRUE(process.isRunning());
+            process.kill();
+        }
+        EXPECT_EQ(process.wait(), 128 + SIGKILL);
+    }
+}

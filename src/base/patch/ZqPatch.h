@@ -1,6 +1,8 @@
 #pragma once
 
 #include "ZqImage.h"
+#include "ZqPatchCompression.h"
+#include "ZqPatchMemory.h"
 
 /// Operations on patches that need no state.
 class ZqPatch {
@@ -37,4 +39,16 @@ public:
     /// `progress`, where given, gets bytes and speed and is asked for a stop, which raises with the tag
     /// "Stopped".
     static ImageCounters verifyImage(const SxString& rawDir, const SxString& zqfDir, ZqTaskMon* progress);
+
+    /// Makes the patch stream `patchFile` that turns `oldFile` into `newFile`; one that is there is removed
+    /// first. `level` as ZqDiffTask has it: LZMA 0 to 9, ZLIB and BZIP2 1 to 9, LZ4HC 3 to 12, ZSTD 0 to 22.
+    /// With REPLACE the new file is moved to the patch file. Logs a line of progress once a second. Raises
+    /// where a file or the tool is missing, the level is none of these, or the tool fails. Nothing is synced.
+    /// From any thread.
+    static void createPatch(const SxString& oldFile, const SxString& newFile, const SxString& patchFile,
+                            ZqPatchMemory::Type memory, ZqPatchCompression::Type compression, int level);
+    /// Makes `newFile` of `oldFile` and `patchFile`; one that is there is removed first. With REPLACE the
+    /// patch file is moved to the new file. Raises as createPatch() does. Nothing is synced. From any thread.
+    static void applyPatch(const SxString& oldFile, const SxString& newFile, const SxString& patchFile,
+                           ZqPatchCompression::Type compression);
 };

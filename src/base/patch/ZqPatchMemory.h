@@ -5,7 +5,8 @@ class ZqPatchMemory {
 public:
     /// Every value but `Streaming` means `InMemory`.
     enum Type : int {
-        InMemory = 0, ///< both files are held in memory: smaller differences
-        Streaming = 2 ///< both are read piece by piece: memory doesn't grow with the files
+        InMemory =
+            0, ///< smallest streams; takes the new file's size and 5 times the old one's (from 2 GB on 9)
+        Streaming = 2 ///< files are read piece by piece: quick, little memory, larger streams
     };
 };

@@ -4,8 +4,8 @@
 #include "SxFSAction.h"
 #include "SxFileIO.h"
 #include "SxOs.h"
+#include "SxProcess.h"
 #include "SxTime.h"
-#include "ZqSilentProcess.h"
 
 #include <cstdlib>
 #include <unistd.h>
@@ -50,7 +50,8 @@ bool isHeld(const std::string& lockFile) {
 int runReg(const SxString& prefix, SxList<SxString> arguments) {
     SxList<SxString> words = {"WINEPREFIX=" + prefix, "WINEDEBUG=-all", "wine", "reg"};
     words << arguments << SxString("/reg:64");
-    ZqSilentProcess process("env", words);
+    // Not one that is killed with us: half an edit would stay in the prefix.
+    SxProcess process("env", words, SxProcess::Silent);
     process.start();
     if (!SxWait::pass(LIMIT_MS, [&] { return !process.isRunning(); })) {
         process.kill();
