@@ -47,7 +47,7 @@ protected:
         for (const char* name : {"tools/hdiffz", "tools/hpatchz"})
             fs::permissions(dir.write(name, "#!/bin/sh\n" + script), fs::perms::owner_all);
     }
-    ZqDiffTask diffTask(Compression::Type compression, int level, Memory::Type memory = Memory::Default) {
+    ZqDiffTask diffTask(Compression::Type compression, int level, Memory::Type memory = Memory::InMemory) {
         return ZqDiffTask(file("old"), file("new"), file("patch"), memory, compression, level);
     }
     SxString file(const char* name) const { return dir.path(name); }
@@ -83,17 +83,17 @@ TEST_F(PatchToolTest, RoundTrips) {
         Memory::Type memory;
         std::string oldBytes, newBytes, streamStart;
     } cases[] = {
-        {Compression::LZMA, 0, Memory::Default, oldBytes, newBytes, "HDIFF13&lzma2"},
+        {Compression::LZMA, 0, Memory::InMemory, oldBytes, newBytes, "HDIFF13&lzma2"},
         {Compression::LZMA, 9, Memory::Streaming, oldBytes, newBytes, "HDIFF13&lzma2"},
         {Compression::ZLIB, 1, Memory::InMemory, oldBytes, newBytes, "HDIFF13&zlib"},
-        {Compression::BZIP2, 9, Memory::Default, oldBytes, newBytes, "HDIFF13&bz2"},
-        {Compression::LZ4HC, 12, Memory::Default, oldBytes, newBytes, "HDIFF13&lz4"},
-        {Compression::ZSTD, 17, Memory::Default, oldBytes, newBytes, "HDIFF13&zstd"},
+        {Compression::BZIP2, 9, Memory::InMemory, oldBytes, newBytes, "HDIFF13&bz2"},
+        {Compression::LZ4HC, 12, Memory::InMemory, oldBytes, newBytes, "HDIFF13&lz4"},
+        {Compression::ZSTD, 17, Memory::InMemory, oldBytes, newBytes, "HDIFF13&zstd"},
         {Compression::ZSTD, 0, Memory::Streaming, oldBytes, newBytes, "HDIFF13&zstd"},
-        {Compression::RAW, 99, Memory::Default, oldBytes, newBytes, "HDIFF13"},
+        {Compression::RAW, 99, Memory::InMemory, oldBytes, newBytes, "HDIFF13"},
         {Compression::REPLACE, -1, Memory::Streaming, oldBytes, newBytes, newBytes},
-        {Compression::ZSTD, 3, Memory::Default, "", newBytes, "HDIFF13&zstd"},
-        {Compression::ZSTD, 3, Memory::Default, oldBytes, "", "HDIFF13"},
+        {Compression::ZSTD, 3, Memory::InMemory, "", newBytes, "HDIFF13&zstd"},
+        {Compression::ZSTD, 3, Memory::InMemory, oldBytes, "", "HDIFF13"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(std::to_string(c.compression) + " of level " + std::to_string(c.level) + ", from " +
@@ -120,7 +120,7 @@ TEST_F(PatchToolTest, RoundTrips) {
 
 TEST_F(PatchToolTest, ADamagedStreamFails) {
     if (!useRealTools()) GTEST_SKIP() << NO_TOOLS;
-    ZqPatch::createPatch(file("old"), file("new"), file("patch"), Memory::Default, Compression::ZSTD, 3);
+    ZqPatch::createPatch(file("old"), file("new"), file("patch"), Memory::InMemory, Compression::ZSTD, 3);
     const std::string stream = dir.read("patch");
     for (const std::string& damaged :
          {stream.substr(0, stream.size() - 1), std::string("HDIFF13&zs"), std::string()}) {
@@ -202,7 +202,7 @@ TEST_F(PatchToolTest, WhatIsMissingIsNamedInOrder) {
     EXPECT_EQ(diff(Compression::ZSTD), missing("new"));
     EXPECT_TRUE(dir.exists("patch")) << "removed before the inputs were there";
     EXPECT_EQ(failureOf([&] {
-                  ZqPatch::createPatch(file("old"), file("new"), file("patch"), Memory::Default,
+                  ZqPatch::createPatch(file("old"), file("new"), file("patch"), Memory::InMemory,
                                        Compression::ZSTD, 3);
               }),
               "Failed to create diff.: " + missing("new"));
@@ -219,7 +219,7 @@ TEST_F(PatchToolTest, WhatIsMissingIsNamedInOrder) {
     dir.write("tools/hdiffz", "no program");
     EXPECT_THAT(
         failureOf([&] {
-            ZqPatch::createPatch(file("old"), file("new"), file("patch"), Memory::Default, Compression::ZSTD,
+            ZqPatch::createPatch(file("old"), file("new"), file("patch"), Memory::InMemory, Compression::ZSTD,
                                  3);
         }),
         AllOf(StartsWith("Failed to create diff.: Could not compute diff.: Failed to compute patch: "),
