@@ -10,11 +10,10 @@
 
 namespace bench {
 
-/// A folder that is removed at the end.
+/// A folder that is removed at the end; in /tmp where `base` is null.
 class Folder {
 public:
-    Folder() {
-        const char* base = std::getenv("TMPDIR");
+    explicit Folder(const char* base = std::getenv("TMPDIR")) {
         std::string name = std::string(base ? base : "/tmp") + "/tavrin-bench-XXXXXX";
         if (!mkdtemp(name.data())) throw std::runtime_error("cannot make a temporary folder");
         path = name + "/";

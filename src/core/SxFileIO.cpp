@@ -67,6 +67,16 @@ void SxFileIO::create(const SxString& path_, int permission) {
           ModeWrite, path_);
 }
 
+void SxFileIO::openOrCreate(const SxString& path_, int permission) {
+    if (isOpen()) close();
+    const int result =
+        SxOs::get().open(SxOs::hostPath(path_), SxOs::Read | SxOs::Write | SxOs::Create | SxOs::NoFollow,
+                         static_cast<unsigned>(permission));
+    // The system's own text tells of too many links.
+    if (result == -ELOOP) throw SxException("'" + path_ + "' is a link, not a file", UNIT, __LINE__);
+    adopt(result, ModeRead | ModeWrite, path_);
+}
+
 void SxFileIO::adopt(int result, unsigned newMode, const SxString& newPath) {
     if (result < 0) throw failure("Cannot open file '" + newPath + "'", result, __LINE__);
     fd = result;

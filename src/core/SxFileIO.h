@@ -36,6 +36,9 @@ public:
     /// Opens a new file for writing in the place of whatever file or link stands there, so that neither what
     /// a link leads to nor another name of the old file is written to.
     void create(const SxString& path_, int permission = 0600);
+    /// Opens a file for reading and writing with all that it holds, or a new one where there is none. Raises
+    /// where the name is a link, so that what a link leads to isn't written to.
+    void openOrCreate(const SxString& path_, int permission = 0600);
     /// Raises where the system reports a late write error.
     void close();
     /// Does nothing, since nothing is buffered here; see sync().
