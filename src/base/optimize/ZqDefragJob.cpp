@@ -17,26 +17,13 @@ ZqDefragJob::ZqDefragJob(const SxString& image, const SxString& index)
 }
 
 void ZqDefragJob::main() {
-    const auto end = [this] {
-        {
-            const SxMutexBlock lock(&endMutex);
-            ended = true;
-        }
-        hasEnded.notify_all();
-    };
     try {
         run();
     } catch (...) {
-        end();
+        ended.set();
         throw;
     }
-    end();
-}
-
-bool ZqDefragJob::awaitEnd(int64 ms) {
-    SxMutexBlock lock(&endMutex);
-    if (!ended) hasEnded.wait_for(endMutex, std::chrono::milliseconds(ms));
-    return ended;
+    ended.set();
 }
 
 void ZqDefragJob::run() {

@@ -1,11 +1,11 @@
 #pragma once
 
+#include "SxLatch.h"
 #include "SxPtr.h"
 #include "SxSystemThread.h"
 #include "ZqRuntimeInfo.h"
 
 #include <atomic>
-#include <condition_variable>
 
 /// What the two jobs that bring an image to a new order have in common: their figures and their end. The
 /// queries and stop() are safe from any thread. Whoever starts one holds ZqImageLock::Shape exclusively, so
@@ -34,7 +34,7 @@ public:
     /// Seconds left; the bytes left where no speed is known.
     uint64 getETA() const;
     /// Waits for the end, up to `ms` milliseconds; whether it has come. wait() is needed all the same.
-    bool awaitEnd(int64 ms);
+    bool awaitEnd(int64 ms) { return ended.isSetWithin(ms); }
     /// After the end: whether all was done, and nothing is left to go on with.
     bool isComplete() const { return complete; }
 
@@ -79,10 +79,7 @@ private:
     uint64 iCurrent SX_GUARDED_BY(progressMutex) = 0;
     uint64 nTotal SX_GUARDED_BY(progressMutex) = 0;
 
-    SxMutex endMutex;
-    std::condition_variable_any hasEnded;
-    bool ended SX_GUARDED_BY(endMutex) = false;
-
+    SxLatch ended;
     std::atomic<bool> stopFlag = false;
     uint64 written = 0; ///< bytes, by this run
     bool complete = false, forecastOnly = false;

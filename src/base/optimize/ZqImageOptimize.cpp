@@ -234,6 +234,8 @@ void ZqImageOptimize::copy(const SxString& index, const SxString& name) {
     const uint64 replaces = (work->has(ZqImageFiles::AHEAD) ? ZqMoveProgress::ALSO_AHEAD : 0) |
                             (work->has(ZqImageFiles::IDX_MD5) ? ZqMoveProgress::ALSO_IDX_MD5 : 0);
     const auto size = static_cast<uint64>(SxFSAction::sizeOf(work->file(ZqImageFiles::ZQF)));
+    // The copy must be there under its name before anything says that it is complete.
+    SxFSAction::syncDir(work->getPath());
     ZqMoveProgress::create(work->file(ZqOptimizeFolder::PROGRESS), work->digestNote(),
                            {ZqMoveProgress::Swap, size, replaces, 0});
     work->lock();

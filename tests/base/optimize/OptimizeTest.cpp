@@ -33,7 +33,7 @@ void cutEverywhere(const ReorderedImage& image, uint64 nOld, uint64 nNew, TestRa
     for (int64 step = 1; cut && !testing::Test::HasFailure(); ++step) {
         ASSERT_LT(step, 500) << "the job doesn't get through";
         // All that isn't synced is lost, or some of it.
-        for (const uint64 seed : {uint64{0}, static_cast<uint64>(step)}) {
+        for (const uint64 seed : {uint64{0}, static_cast<uint64>(step), static_cast<uint64>(step) + 1000}) {
             SCOPED_TRACE("cut at step " + std::to_string(step) + ", seed " + std::to_string(seed));
             const TempDir dir;
             image.write(dir, nOld);
