@@ -66,7 +66,9 @@ SxParserKit::SxSymbol describe(const ZqImageOptimize::Result& result, double sec
 void tell(const ZqImageOptimize::Result& result, double seconds, bool isForecast, Output* out) {
     const SxString rest = SxString::sprintf(" in %s%.1f s.", isForecast ? "about " : "", seconds);
     const auto does = [&](uint64 n) { return isForecast ? "would be" : n == 1 ? "was" : "were"; };
-    const auto blocks = [](uint64 n) { return ZqReadable::counted(static_cast<int64>(n), "block", "blocks"); };
+    const auto blocks = [](uint64 n) {
+        return ZqReadable::counted(static_cast<int64>(n), "block", "blocks");
+    };
     if (result.isResumed && result.nTotal == 0) {
         out->text("All blocks were there before; only the records were left to be replaced.");
     } else if (result.mode == ZqImageOptimize::None) {
