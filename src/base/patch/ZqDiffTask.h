@@ -8,7 +8,7 @@
 /// Job that makes the patch stream of one pair of files, with the tool `hdiffz` in the folder that
 /// ZqSysEnv::getRTERootDir() gives. For one run.
 ///
-/// A patch file that is there is removed first, also where the run fails afterwards; what a tool that failed
+/// A patch file that is there is removed first, also where the run fails after that; what a tool that failed
 /// has written of it stays. Nothing is synced. With REPLACE no tool runs, though it must be there: the new
 /// file is moved to the patch file. A failure stays in the object (hasException()); a tool that was stopped
 /// is one, with the tag SxException::STOPPED.

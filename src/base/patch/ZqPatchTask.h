@@ -7,7 +7,7 @@
 /// Job that makes the new file of an old one and a patch stream, with the tool `hpatchz` in the folder that
 /// ZqSysEnv::getRTERootDir() gives. For one run.
 ///
-/// A new file that is there is removed first, also where the run fails afterwards; what a tool that failed
+/// A new file that is there is removed first, also where the run fails after that; what a tool that failed
 /// has written of it stays. Nothing is synced. With REPLACE no tool runs, though it and the old file must be
 /// there: the patch file is moved to the new file. A failure stays in the object (hasException()); a tool
 /// that was stopped is one, with the tag SxException::STOPPED.
