@@ -56,7 +56,7 @@ private:
     std::vector<bool> used; ///< by ZqF index
 };
 
-/// Takes no more of an archive than the map: what else it holds must not come among the files of an image.
+/// Takes only the map of an archive: what else it holds must not come among the files of an image.
 void unpackMap(const SxString& archive, const SxString& folder) {
     const SxString unpacked = folder + ZqOptimizeFolder::UNPACKED;
     const auto clear = [&] {

@@ -239,8 +239,8 @@ void ZqFastPatch::extract(const char* archive, const char* file, uint64 size, co
     if (!(SxMd5::file(patchDir + archive) == md5)) {
         throw SxException("The provided " + path + " MD5 sum is invalid.", UNIT, __LINE__);
     }
-    // Under another name at first: a file that a kill has left half must not count as whole. And no more is
-    // taken of the archive than the one file.
+    // Under another name at first: a file that a kill has cut off must not count as whole. Only the one file
+    // is taken of the archive.
     const SxString unpacked = work + UNPACKED;
     if (!SxFSAction::isGone(unpacked)) SxFSAction::rm_r(unpacked);
     ZqArchive::extract7z(patchDir + archive, unpacked);
