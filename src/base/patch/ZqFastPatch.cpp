@@ -1,6 +1,5 @@
 #include "ZqFastPatch.h"
 
-#include "SxEventBus.h"
 #include "SxException.h"
 #include "SxFSAction.h"
 #include "SxMd5.h"
@@ -22,7 +21,7 @@ namespace {
 constexpr const char* UNIT = "src/base/patch/ZqFastPatch";
 constexpr uint64 ITEM = sizeof(uint64);
 /// What an archive is unpacked to, before the one file that counts has its name.
-constexpr const char* UNPACKED = "unpacked/";
+constexpr const char* UNPACKED = "img.idx.unpacked/";
 
 void log(const char* stage, const SxString& text) {
     zqLogMsg("base", SxString("ZqFastPatch::") + stage + " : " + text);
@@ -31,6 +30,17 @@ void log(const char* stage, const SxString& text) {
 uint64 fileSize(const SxString& path) {
     const int64 size = SxFSAction::sizeOf(path);
     return size > 0 ? static_cast<uint64>(size) : 0;
+}
+
+/// Takes one file of an archive, and only that. Under another name at first: a file that a kill has cut off
+/// must not count as whole.
+void unpackOne(const SxString& archive, const SxString& folder, const char* file) {
+    const SxString unpacked = folder + UNPACKED;
+    if (!SxFSAction::isGone(unpacked)) SxFSAction::rm_r(unpacked);
+    ZqArchive::extract7z(archive, unpacked);
+    SxFSAction::mv(unpacked + file, folder + file);
+    SxFSAction::syncDir(folder);
+    SxFSAction::rm_r(unpacked);
 }
 
 } // namespace
@@ -239,14 +249,7 @@ void ZqFastPatch::extract(const char* archive, const char* file, uint64 size, co
     if (!(SxMd5::file(patchDir + archive) == md5)) {
         throw SxException("The provided " + path + " MD5 sum is invalid.", UNIT, __LINE__);
     }
-    // Under another name at first: a file that a kill has cut off must not count as whole. Only the one file
-    // is taken of the archive.
-    const SxString unpacked = work + UNPACKED;
-    if (!SxFSAction::isGone(unpacked)) SxFSAction::rm_r(unpacked);
-    ZqArchive::extract7z(patchDir + archive, unpacked);
-    SxFSAction::mv(unpacked + file, work + file);
-    SxFSAction::syncDir(work);
-    SxFSAction::rm_r(unpacked);
+    unpackOne(patchDir + archive, work, file);
     log("parseMeta", SxString(archive) + " extracted.");
 }
 
@@ -257,7 +260,7 @@ void ZqFastPatch::generateMap() {
         for (const SxString& folder : {imageDir, work}) {
             if (SxFSAction::isGone(folder + ZqImageFiles::IDX) &&
                 !SxFSAction::isGone(folder + ZqImageFiles::IDX_7Z))
-                ZqArchive::extract7z(folder + ZqImageFiles::IDX_7Z, folder);
+                unpackOne(folder + ZqImageFiles::IDX_7Z, folder, ZqImageFiles::IDX);
         }
         if (fileSize(work + ZqImageFiles::IDX) == nNew * ITEM) {
             readMaps();
