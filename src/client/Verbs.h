@@ -12,6 +12,7 @@ void registerPublishVerbs(Family* image);
 void registerOptimizeVerb(Family* image);
 void registerContentVerbs(App* app);
 void registerTraceVerbs(App* app);
+void registerPatchVerbs(App* app);
 void registerMountVerbs(App* app);
 void registerServeVerbs(App* app);
 void registerRunVerbs(App* app);

@@ -6,6 +6,7 @@ int main(int argc, char** argv) {
     registerImageVerbs(&app);
     registerContentVerbs(&app);
     registerTraceVerbs(&app);
+    registerPatchVerbs(&app);
     registerMountVerbs(&app);
     registerServeVerbs(&app);
     registerRunVerbs(&app);

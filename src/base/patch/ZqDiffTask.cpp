@@ -53,19 +53,28 @@ ZqDiffTask::ZqDiffTask(const SxString& oldFile_, const SxString& newFile_, const
       level(level_) {
 }
 
+void ZqDiffTask::requireTool() {
+    const SxString program = ZqSysEnv::getRTERootDir() + PROGRAM;
+    if (SxFSAction::test_f(program)) return;
+    throw SxException("Patch creation tool not found in '" + program + "'. Please reinstall the software.",
+                      UNIT, __LINE__);
+}
+
+void ZqDiffTask::requireLevel(ZqPatchCompression::Type compression, int level) {
+    if (compression == ZqPatchCompression::RAW || compression == ZqPatchCompression::REPLACE) return;
+    const Method method = methodOf(compression);
+    if (level >= method.minLevel && level <= method.maxLevel) return;
+    throw SxException("Invalid compression level " + SxString(level) + " for " + method.name, UNIT, __LINE__);
+}
+
 void ZqDiffTask::main() {
     for (const SxString& file : {oldFile, newFile}) {
         if (!SxFSAction::test_f(file)) throw SxException("File " + file + " not found", UNIT, __LINE__);
     }
     if (!SxFSAction::isGone(patchFile)) SxFSAction::rm(patchFile);
-    const SxString program = ZqSysEnv::getRTERootDir() + PROGRAM;
-    if (!SxFSAction::test_f(program)) {
-        throw SxException("Patch creation tool not found in '" + program +
-                              "'. Please reinstall the software.",
-                          UNIT, __LINE__);
-    }
+    requireTool();
     try {
-        compute(program);
+        compute(ZqSysEnv::getRTERootDir() + PROGRAM);
     } catch (const SxException& e) {
         throw SxException(e, "Failed to compute patch", UNIT, __LINE__);
     }
@@ -81,14 +90,9 @@ void ZqDiffTask::compute(const SxString& program) {
 
 SxList<SxString> ZqDiffTask::arguments() const {
     SxList<SxString> words = {memory == ZqPatchMemory::Streaming ? STREAMING : IN_MEMORY};
-    if (compression != ZqPatchCompression::RAW) {
-        const Method method = methodOf(compression);
-        if (level < method.minLevel || level > method.maxLevel) {
-            throw SxException("Invalid compression level " + SxString(level) + " for " + method.name, UNIT,
-                              __LINE__);
-        }
-        words << SxString("-c-") + method.option + "-" + SxString(level);
-    }
+    requireLevel(compression, level);
+    if (compression != ZqPatchCompression::RAW)
+        words << SxString("-c-") + methodOf(compression).option + "-" + SxString(level);
     words << "-p-" + SxString(std::max(getNCores(), MIN_THREADS));
     // The tool knows host paths only.
     for (const SxString& file : {oldFile, newFile, patchFile})

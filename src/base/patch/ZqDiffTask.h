@@ -19,6 +19,11 @@ public:
     ZqDiffTask(const SxString& oldFile_, const SxString& newFile_, const SxString& patchFile_,
                ZqPatchMemory::Type memory_, ZqPatchCompression::Type compression_, int level_);
 
+    /// Raises where the tool isn't there.
+    static void requireTool();
+    /// Raises where the compression hasn't that level.
+    static void requireLevel(ZqPatchCompression::Type compression, int level);
+
     /// Kills the tool; where it doesn't run yet, none is started. Doesn't wait. From any thread.
     void stop() { tool.stop(); }
 
