@@ -1,8 +1,10 @@
 #include "App.h"
 #include "Job.h"
+#include "PrivateFolder.h"
 #include "Verbs.h"
 
 #include <tavrin/ZqPatchBuilder.h>
+#include <tavrin/ZqPatchCheck.h>
 #include <tavrin/ZqReadable.h>
 
 namespace {
@@ -15,6 +17,36 @@ struct CreateOptions {
 
 SxString blocks(uint64 n) {
     return ZqReadable::counted(static_cast<int64>(n), "block", "blocks");
+}
+
+const char* PATCH_HELP = "Patch folder";
+
+int verify(const SxString& patch, Output& out) {
+    const PrivateFolder scratch;
+    ZqPatchCheck job(patch, scratch.path);
+    const double seconds = runJob(&job, "verify", out);
+    const ZqPatchParams& params = job.getParams();
+    const bool isRight = job.getFaults().isEmpty();
+    if (out.getMode().json) {
+        SxParserKit::SxSymbol object;
+        object.setType(SxParserAst::Object);
+        object.append("ok", isRight);
+        object.append("from", params.fromGUID);
+        object.append("to", params.toGUID);
+        object.append("parts", job.getNParts());
+        SxParserKit::SxSymbol faults = object.append("faults", SxParserAst::Array);
+        for (const SxString& fault : job.getFaults())
+            faults.append(fault);
+        object.append("seconds", seconds);
+        out.object(object);
+    }
+    for (const SxString& fault : job.getFaults())
+        out.finding("FAULT: " + fault);
+    if (!isRight) return ExitFailure;
+    out.text("The patch is whole: " + blocks(job.getNChanged()) + " in " +
+             ZqReadable::counted(static_cast<int64>(job.getNParts()), "part", "parts") + ", " +
+             job.getNKept() + " are in both versions.");
+    return ExitSuccess;
 }
 
 int create(const CreateOptions& options, Output& out) {
@@ -58,10 +90,17 @@ void registerPatchVerbs(App* app) {
               "tavrin patch create games/alpha-1 games/alpha-2 patches/alpha-2")
         .argument("OLD", &options->older, "Image folder of the old version")
         .argument("NEW", &options->newer, "Image folder of the new version")
-        .argument("PATCH", &options->patch, "Folder to make")
+        .argument("PATCH", &options->patch, "Patch folder to make")
         .choice("--compression", &options->compression,
                 {"LZMA", "ZLIB", "BZIP2", "LZ4HC", "ZSTD", "RAW", "REPLACE"},
                 "How the changes are packed; REPLACE takes the new blocks as they are")
         .integer("--level", &options->level, 0, 22, "Level of the compression; else the one that packs best")
         .action([options](Output& out) { return create(*options, out); });
+
+    auto verified = SxPtr<SxString>::create();
+    patch
+        .verb("verify", "Check a patch's records, sizes, digests and lists, and the stream of each part",
+              "tavrin patch verify patches/alpha-2")
+        .argument("PATCH", &*verified, PATCH_HELP)
+        .action([verified](Output& out) { return verify(*verified, out); });
 }

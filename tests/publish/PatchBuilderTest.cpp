@@ -2,11 +2,13 @@
 #include "Builders.h"
 #include "SxFSAction.h"
 #include "SxMd5.h"
+#include "ZqArchive.h"
 #include "ZqFastPatch.h"
 #include "ZqImage.h"
 #include "ZqImageCheck.h"
 #include "ZqImageParams.h"
 #include "ZqPatchBuilder.h"
+#include "ZqPatchCheck.h"
 #include "ZqPatchInfo.h"
 #include "ZqPatchParams.h"
 #include "ZqStreamRecord.h"
@@ -81,6 +83,12 @@ std::string apply(const TempDir& dir, const std::string& image, const std::strin
     ZqFastPatch job(SxString(dir.path(image)), SxString(dir.path(patch)), 1);
     job.runtimeInfo = SxPtr<ZqRuntimeInfo>::create();
     return failureOf(job);
+}
+
+void flip(const std::string& file) {
+    std::string bytes = TempDir::readFile(file);
+    bytes[bytes.size() / 2] ^= 1;
+    std::ofstream(file, std::ios::binary) << bytes;
 }
 
 /// Makes the next version of a disk, in all the ways in which versions differ.
@@ -222,6 +230,59 @@ TEST(PatchBuilder, ShiftedBytesAreFoundAgain) {
     EXPECT_LT(SxFSAction::sizeOf(SxString(dir.path("patch/patch.data"))), 60 * int64{BLOCK});
 }
 
+// A publisher sees before the upload what players would only see on their way.
+TEST(PatchBuilder, ACheckFindsWhatIsWrongInAPatch) {
+    TestRandom random(9);
+    const TempDir dir;
+    Versions versions(random);
+    const Disk disk = versions.first(60);
+    writeImage(dir, "old", disk, "old", random);
+    writeImage(dir, "new", versions.next(versions.next(disk)), "new", random);
+    ASSERT_EQ(create(dir, "old", "new", "patch", Compression::REPLACE), "");
+    const auto fault = [&](const std::function<void(const std::string& patch)>& spoil) {
+        for (const char* name : {"spoilt", "scratch"})
+            fs::remove_all(dir.path(name));
+        fs::create_directories(dir.path("scratch"));
+        fs::copy(dir.path("patch"), dir.path("spoilt"));
+        spoil(dir.path("spoilt/"));
+        ZqPatchCheck check(SxString(dir.path("spoilt")), SxString(dir.path("scratch")));
+        EXPECT_EQ(failureOf(check), "");
+        return check.getFaults().isEmpty() ? "" : check.getFaults()(0).str();
+    };
+    EXPECT_EQ(fault([](const std::string&) {}), "");
+    for (const char* name : {"patch.json", "app.json", "img.json", "map.7z", "patch.7z", "patch.data"}) {
+        EXPECT_THAT(fault([&](const std::string& patch) { fs::remove(patch + name); }), HasSubstr(name));
+        EXPECT_THAT(fault([&](const std::string& patch) { fs::resize_file(patch + name, 20); }),
+                    HasSubstr(name));
+    }
+    for (const char* name : {"map.7z", "patch.7z", "patch.data"})
+        EXPECT_THAT(fault([&](const std::string& patch) { flip(patch + name); }), HasSubstr(name));
+    // Lists whose archives fit their digests, but neither the images nor each other.
+    const auto withLists = [&](const std::function<void(SxArray<uint64>*, ZqPatchInfo*)>& change) {
+        return fault([&](const std::string& patch) {
+            ZqArchive::extract7z(SxString(patch + "map.7z"), SxString(patch));
+            ZqArchive::extract7z(SxString(patch + "patch.7z"), SxString(patch));
+            SxArray<uint64> map = ZqImage::readEntries(SxString(patch + "map.idx"));
+            SxList<ZqPatchInfo> parts = ZqPatchInfo::read(SxString(patch + "patch.info"));
+            change(&map, &parts(0));
+            SxFileIO(SxString(patch + "map.idx"), "wb").write(map);
+            ZqPatchInfo::write(SxString(patch + "patch.info"), parts);
+            fs::remove(patch + "map.7z");
+            fs::remove(patch + "patch.7z");
+        });
+    };
+    EXPECT_EQ(withLists([](auto*, auto*) {}), "");
+    EXPECT_THAT(withLists([](auto* map, auto*) { (*map)(0) = 1 << 20; }),
+                HasSubstr("names new item 1048576"));
+    EXPECT_THAT(withLists([](auto* map, auto* part) { (*map)(0) = part->newMap(0); }), HasSubstr("already"));
+    EXPECT_THAT(withLists([](auto*, auto* part) { part->newMap(0) = part->newMap(1); }),
+                HasSubstr("already"));
+    EXPECT_THAT(withLists([](auto*, auto* part) { part->oldMap = SxArray<uint64>{1 << 20}; }),
+                HasSubstr("names old item 1048576"));
+    EXPECT_THAT(withLists([](auto*, auto* part) { ++part->patchSize; }), HasSubstr("bytes, and patch.data"));
+    EXPECT_THAT(withLists([](auto*, auto* part) { part->patchMd5 = part->oldMd5; }), HasSubstr("part 0"));
+}
+
 // What isn't a version that players have would make a patch that fits nobody's image.
 TEST(PatchBuilder, OnlyWholeAndRightImagesAreTaken) {
     TestRandom random(7);
@@ -235,11 +296,6 @@ TEST(PatchBuilder, OnlyWholeAndRightImagesAreTaken) {
         const std::string failure = create(dir, "old", "new", "patch", Compression::REPLACE);
         EXPECT_EQ(fs::exists(dir.path("patch/patch.json")), failure.empty());
         return failure;
-    };
-    const auto flip = [](const std::string& file) {
-        std::string bytes = TempDir::readFile(file);
-        bytes[bytes.size() / 2] ^= 1;
-        std::ofstream(file, std::ios::binary) << bytes;
     };
     EXPECT_EQ(refusal([](const TempDir&) {}), "");
     EXPECT_THAT(refusal([&](const TempDir& dir) { flip(dir.path("new/img.zqf")); }),
