@@ -62,14 +62,17 @@ void ZqBlockLikeness::finish(const ZqPatchSide& older) {
 }
 
 void ZqBlockLikeness::find(const Marks& wanted, uint32 near, std::vector<uint32>* items) const {
-    const auto markOf = [this](uint32 entry) { return markAt(entry); };
     for (const uint32 mark : wanted) {
-        const auto same = std::ranges::equal_range(entries, mark, {}, markOf);
-        if (same.size() > N_COMMON) continue;
+        const auto begin = std::partition_point(entries.begin(), entries.end(),
+                                                [&](uint32 entry) { return markAt(entry) < mark; });
+        const auto end =
+            std::partition_point(begin, entries.end(), [&](uint32 entry) { return markAt(entry) == mark; });
+        const auto n = static_cast<size_t>(end - begin);
+        if (n > N_COMMON) continue;
         // They lie in the order of the image, so the nearest stand together.
-        auto first = std::ranges::lower_bound(same, near * 2), last = first;
-        while (static_cast<size_t>(last - first) < std::min(N_MOST, same.size())) {
-            const bool hasBefore = first != same.begin(), hasAfter = last != same.end();
+        auto first = std::lower_bound(begin, end, near * 2), last = first;
+        while (static_cast<size_t>(last - first) < std::min(N_MOST, n)) {
+            const bool hasBefore = first != begin, hasAfter = last != end;
             if (hasAfter && (!hasBefore || *last / 2 - near <= near - *(first - 1) / 2)) {
                 ++last;
             } else {

@@ -32,15 +32,15 @@ public:
 protected:
     void main() override {
         for (size_t part = owner->claim(); part < owner->parts.size(); part = owner->claim()) {
-            Made& made = *owner->made[part];
+            Made& result = *owner->made[part];
             try {
                 owner->make(part);
-                made.isRight = true;
+                result.isRight = true;
             } catch (...) {
-                made.isEnded.set();
+                result.isEnded.set();
                 throw;
             }
-            made.isEnded.set();
+            result.isEnded.set();
         }
     }
 
