@@ -78,18 +78,6 @@ def write_index(folder, image, order):
     (folder / "app.json").write_text(json.dumps(app), encoding="utf-8")
 
 
-def timed(words):
-    """Seconds, bytes written, and the most memory of a program, in bytes."""
-    start = time.monotonic()
-    pid = os.posix_spawnp(str(words[0]), [str(word) for word in words], os.environ,
-                          file_actions=[(os.POSIX_SPAWN_OPEN, 1, "/dev/null", os.O_WRONLY, 0)])
-    _, status, usage = os.wait4(pid, 0)
-    seconds = time.monotonic() - start
-    if status != 0:
-        raise RuntimeError(f"{' '.join(map(str, words))}: status {status}")
-    return seconds, usage.ru_oublock * 512, usage.ru_maxrss * 1024
-
-
 def device_bytes(folder):
     """What has been written to the disk of a folder so far."""
     device = os.stat(folder).st_dev
@@ -147,7 +135,7 @@ class Bench:
         self.prepare(is_cold)
         os.sync()
         before = device_bytes(self.folder)
-        seconds, counted, memory = timed([self.client, "image", "optimize", self.image, index, "--consume", "--quiet"])
+        seconds, counted, memory = lab.timed([self.client, "image", "optimize", self.image, index, "--consume", "--quiet"])
         os.sync()
         written = device_bytes(self.folder) - before
         moved = sum(1 for to, source in enumerate(order) if to != source) * BLOCK
@@ -167,7 +155,7 @@ class Bench:
         copied = copy_seconds(part, self.folder)
         if not is_cold:
             warm(part / "img.zqf")
-        seconds, _, _ = timed([self.client, "image", "optimize", part, index, "--consume", "--quiet"])
+        seconds, _, _ = lab.timed([self.client, "image", "optimize", part, index, "--consume", "--quiet"])
         shutil.rmtree(part)
         return copied / seconds
 

@@ -33,6 +33,18 @@ def run(*words, env=None):
     return outcome.stdout
 
 
+def timed(words, env=None):
+    """Seconds, bytes written, and the most memory of a program, in bytes."""
+    start = time.monotonic()
+    pid = os.posix_spawnp(str(words[0]), [str(word) for word in words], env or os.environ,
+                          file_actions=[(os.POSIX_SPAWN_OPEN, 1, "/dev/null", os.O_WRONLY, 0)])
+    _, status, usage = os.wait4(pid, 0)
+    seconds = time.monotonic() - start
+    if status != 0:
+        raise RuntimeError(f"{' '.join(map(str, words))}: status {status}")
+    return seconds, usage.ru_oublock * 512, usage.ru_maxrss * 1024
+
+
 def wait_until(ready, what, seconds=20):
     limit = time.monotonic() + seconds
     while not ready():
