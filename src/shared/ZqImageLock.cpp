@@ -132,7 +132,7 @@ void ZqImageLock::refuseUnfinished(const SxString& path) {
     if (SxFSAction::exists(folder + ZqImageFiles::PATCH_PROGRESS) ||
         SxFSAction::exists(folder + ZqImageFiles::PATCHING_LOCK)) {
         throw SxException("Image '" + path +
-                              "' is in the middle of a patch; go on with: tavrin patch apply IMAGE PATCH",
+                              "' is in the middle of a patch; go on with: tavrin patch apply IMAGE --resume",
                           UNIT, __LINE__);
     }
 }

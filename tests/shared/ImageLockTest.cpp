@@ -169,7 +169,7 @@ TEST(ImageLock, TheLockFileGoesOrIsReplaced) {
 }
 
 TEST(ImageLock, AnUnfinishedImageIsRefused) {
-    const std::string patch = "a patch; go on with: tavrin patch apply IMAGE PATCH";
+    const std::string patch = "a patch; go on with: tavrin patch apply IMAGE --resume";
     const std::pair<const char*, std::string> cases[] = {
         {"optimize.lock", "an optimisation; go on with: tavrin image optimize IMAGE --resume"},
         {"patch.progress", patch},

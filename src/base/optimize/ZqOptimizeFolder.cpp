@@ -5,6 +5,7 @@
 #include "SxFileIO.h"
 #include "SxOs.h"
 #include "SxXxh64.h"
+#include "ZqArchiveFile.h"
 #include "ZqImageFiles.h"
 #include "ZqMoveProgress.h"
 #include "ZqRecordFile.h"
@@ -30,7 +31,7 @@ constexpr const char* COPIED[] = {ZqImageFiles::ZQF, ZqImageFiles::AHEAD, ZqImag
 constexpr const char* OTHER_FILES[] = {ZqImageFiles::ZQF,       ZqImageFiles::AHEAD,
                                        ZqImageFiles::AHEAD_IDX, ZqOptimizeFolder::NOTE,
                                        ZqOptimizeFolder::HEADS, ZqOptimizeFolder::PROGRESS};
-constexpr const char* FOLDERS[] = {ZqOptimizeFolder::STAGED, ZqOptimizeFolder::UNPACKED};
+constexpr const char* FOLDERS[] = {ZqOptimizeFolder::STAGED, ZqArchiveFile::UNPACKED};
 
 /// Whether it is a plain file of an optimisation, or one of its folders. What is written into has no other
 /// name; the others may have two for a time, since they are renamed.

@@ -41,8 +41,6 @@ public:
     static constexpr const char* PROGRESS = "progress";
     /// An index folder that is looked at, and must not come into the way of what was begun before.
     static constexpr const char* STAGED = "index/";
-    /// What a map was unpacked from stays out of the way there; in index and image folders, too.
-    static constexpr const char* UNPACKED = "img.idx.unpacked/";
     /// Bytes of the disk for records, note and progress.
     static constexpr uint64 ROOM_FOR_RECORDS = 1 << 20;
     /// All that an index folder holds, what it is known by last.

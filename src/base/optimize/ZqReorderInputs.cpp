@@ -4,7 +4,7 @@
 #include "SxFSAction.h"
 #include "SxFileIO.h"
 #include "SxMd5.h"
-#include "ZqArchive.h"
+#include "ZqArchiveFile.h"
 #include "ZqBlocks.h"
 #include "ZqImage.h"
 #include "ZqImageFiles.h"
@@ -55,25 +55,6 @@ private:
     const SxString name;
     std::vector<bool> used; ///< by ZqF index
 };
-
-/// Takes only the map of an archive: what else it holds must not come among the files of an image.
-void unpackMap(const SxString& archive, const SxString& folder) {
-    const SxString unpacked = folder + ZqOptimizeFolder::UNPACKED;
-    const auto clear = [&] {
-        if (!SxFSAction::isGone(unpacked)) SxFSAction::rm_r(unpacked);
-    };
-    // What a kill has left.
-    clear();
-    try {
-        ZqArchive::extract7z(archive, unpacked);
-        if (SxFSAction::test_f(unpacked + ZqImageFiles::IDX))
-            SxFSAction::mv(unpacked + ZqImageFiles::IDX, folder + ZqImageFiles::IDX);
-    } catch (const SxException&) {
-        clear();
-        throw;
-    }
-    clear();
-}
 
 } // namespace
 
@@ -138,7 +119,7 @@ SxString ZqReorderInputs::takeOldMap(bool leavesImage) const {
     }
     const SxString folder = index + "old/";
     SxFSAction::mkdir_p(folder, 0755);
-    unpackMap(image + ZqImageFiles::IDX_7Z, folder);
+    ZqArchiveFile::take(image + ZqImageFiles::IDX_7Z, folder, ZqImageFiles::IDX);
     return folder + ZqImageFiles::IDX;
 }
 
@@ -146,7 +127,7 @@ void ZqReorderInputs::requireMap(const SxString& folder, const SxString& name, b
     const SxString archive = folder + ZqImageFiles::IDX_7Z;
     if (!SxFSAction::test_f(folder + ZqImageFiles::IDX) && SxFSAction::test_f(archive)) {
         if (isTold) zqLogMsg("base", "Perform extraction of " + archive + " to " + folder);
-        unpackMap(archive, folder);
+        ZqArchiveFile::take(archive, folder, ZqImageFiles::IDX);
     }
     if (!SxFSAction::test_f(folder + ZqImageFiles::IDX)) {
         throw SxException(name + ZqImageFiles::IDX + " not found.", UNIT, __LINE__);

@@ -4,7 +4,7 @@
 #include "SxFSAction.h"
 #include "SxMd5.h"
 #include "SxTime.h"
-#include "ZqArchive.h"
+#include "ZqArchiveFile.h"
 #include "ZqBlocks.h"
 #include "ZqImage.h"
 #include "ZqImageFiles.h"
@@ -20,8 +20,6 @@ namespace {
 
 constexpr const char* UNIT = "src/base/patch/ZqFastPatch";
 constexpr uint64 ITEM = sizeof(uint64);
-/// What an archive is unpacked to, before the one file that counts has its name.
-constexpr const char* UNPACKED = "img.idx.unpacked/";
 
 void log(const char* stage, const SxString& text) {
     zqLogMsg("base", SxString("ZqFastPatch::") + stage + " : " + text);
@@ -32,15 +30,9 @@ uint64 fileSize(const SxString& path) {
     return size > 0 ? static_cast<uint64>(size) : 0;
 }
 
-/// Takes one file of an archive, and only that. Under another name at first: a file that a kill has cut off
-/// must not count as whole.
-void unpackOne(const SxString& archive, const SxString& folder, const char* file) {
-    const SxString unpacked = folder + UNPACKED;
-    if (!SxFSAction::isGone(unpacked)) SxFSAction::rm_r(unpacked);
-    ZqArchive::extract7z(archive, unpacked);
-    SxFSAction::mv(unpacked + file, folder + file);
-    SxFSAction::syncDir(folder);
-    SxFSAction::rm_r(unpacked);
+void unpack(const SxString& archive, const SxString& folder, const char* file) {
+    if (ZqArchiveFile::take(archive, folder, file)) return;
+    throw SxException("'" + archive + "' doesn't hold " + file, UNIT, __LINE__);
 }
 
 } // namespace
@@ -249,7 +241,7 @@ void ZqFastPatch::extract(const char* archive, const char* file, uint64 size, co
     if (!(SxMd5::file(patchDir + archive) == md5)) {
         throw SxException("The provided " + path + " MD5 sum is invalid.", UNIT, __LINE__);
     }
-    unpackOne(patchDir + archive, work, file);
+    unpack(patchDir + archive, work, file);
     log("parseMeta", SxString(archive) + " extracted.");
 }
 
@@ -260,7 +252,7 @@ void ZqFastPatch::generateMap() {
         for (const SxString& folder : {imageDir, work}) {
             if (SxFSAction::isGone(folder + ZqImageFiles::IDX) &&
                 !SxFSAction::isGone(folder + ZqImageFiles::IDX_7Z))
-                unpackOne(folder + ZqImageFiles::IDX_7Z, folder, ZqImageFiles::IDX);
+                unpack(folder + ZqImageFiles::IDX_7Z, folder, ZqImageFiles::IDX);
         }
         if (fileSize(work + ZqImageFiles::IDX) == nNew * ITEM) {
             readMaps();

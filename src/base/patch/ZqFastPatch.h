@@ -82,7 +82,6 @@ private:
     void squash();
     void removeLayer() const;
     void generateMeta();
-    void removeRemains() const;
 
     SxString imageDir, patchDir;
     int interval = 200;

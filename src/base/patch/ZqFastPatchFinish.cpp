@@ -7,12 +7,10 @@
 #include "ZqImage.h"
 #include "ZqImageFiles.h"
 #include "ZqLog.h"
+#include "ZqOrderRemains.h"
 #include "ZqPatchMap.h"
 #include "ZqPatchSquash.h"
 #include "ZqPatchTraces.h"
-#include "ZqStreamRecord.h"
-#include "ZqStretchStore.h"
-#include "ZqSyncedSize.h"
 #include "ZqSysEnv.h"
 #include "ZqTimers.h"
 
@@ -105,7 +103,10 @@ void ZqFastPatch::performLockFinish() {
         replace(work + ZqImageFiles::APP_JSON, imageDir + ZqImageFiles::APP_JSON);
         replace(patchDir + ZqImageFiles::IMAGE_JSON, imageDir + ZqImageFiles::IMAGE_JSON);
         replace(work + ZqImageFiles::IDX, imageDir + ZqImageFiles::IDX);
-        removeRemains();
+        // What was true of the old version's blocks alone: one that stays would fail the next mount or
+        // verification.
+        ZqOrderRemains::remove(imageDir, true, true);
+        ZqOrderRemains::renewSyncedSize(imageDir);
         SxFSAction::syncDir(imageDir);
         if (!SxFSAction::isGone(progressFile)) SxFSAction::rm(progressFile);
         SxFSAction::syncDir(imageDir);
@@ -134,25 +135,4 @@ void ZqFastPatch::generateMeta() {
     }
     SxFSAction::touch(imageDir + ZqImageFiles::PATCHING_LOCK, 0644);
     SxFSAction::syncDir(work);
-}
-
-/// What was true of the old version's blocks alone: one that stays would fail the next mount or verification.
-void ZqFastPatch::removeRemains() const {
-    for (const char* name :
-         {ZqImageFiles::IDX_MD5, ZqImageFiles::REFERENCE, ZqImageFiles::PACKED, ZqImageFiles::IDX_PACKED}) {
-        if (!SxFSAction::isGone(imageDir + name)) SxFSAction::rm(imageDir + name);
-    }
-    ZqStretchStore::remove(imageDir);
-    const SxString zqf = imageDir + ZqImageFiles::ZQF;
-    ZqSyncedSize(zqf).noteComplete(static_cast<uint64>(SxFSAction::sizeOf(zqf)));
-    ZqStreamRecord old;
-    try {
-        old.read(imageDir);
-    } catch (const SxException& e) {
-        // Who believes the record reads it, too, and is told then.
-        zqLogMsg("base", PREFIX + e.toString(SxException::ShowMessage, ": "));
-        return;
-    }
-    if (!old.verified.isEmpty())
-        ZqStreamRecord::update(imageDir, [](ZqStreamRecord* record) { record->verified = SxString(); });
 }

@@ -6,7 +6,7 @@
 #include "SxIndexSet.h"
 #include "SxMd5.h"
 #include "ZqAppParams.h"
-#include "ZqArchive.h"
+#include "ZqArchiveFile.h"
 #include "ZqImage.h"
 #include "ZqImageFiles.h"
 #include "ZqImageFolder.h"
@@ -91,8 +91,7 @@ SxString ZqPatchCheck::takeArchive(const char* archive, const char* file, uint64
         if (!(SxMd5::file(path) == md5)) {
             throw SxException("'" + path + "' hasn't the digest that its patch.json says", UNIT, __LINE__);
         }
-        ZqArchive::extract7z(path, scratch);
-        if (SxFSAction::sizeOf(scratch + file) < 0)
+        if (!ZqArchiveFile::take(path, scratch, file))
             throw SxException("'" + path + "' doesn't hold " + file, UNIT, __LINE__);
     });
     return isTaken ? scratch + file : SxString();

@@ -1,17 +1,16 @@
 #include "ZqOrderRemains.h"
 
 #include "SxFSAction.h"
+#include "ZqArchiveFile.h"
 #include "ZqImageFiles.h"
 #include "ZqLog.h"
-#include "ZqOptimizeFolder.h"
 #include "ZqStreamRecord.h"
 #include "ZqStretchStore.h"
 #include "ZqSyncedSize.h"
 
 void ZqOrderRemains::remove(const SxString& image, bool alsoAhead, bool alsoIdxMd5) {
     // What a kill has left of a map that was unpacked.
-    const SxString unpacked = image + ZqOptimizeFolder::UNPACKED;
-    if (!SxFSAction::isGone(unpacked)) SxFSAction::rm_r(unpacked);
+    ZqArchiveFile::removeLeft(image);
     for (const char* name : {ZqImageFiles::REFERENCE, ZqImageFiles::PACKED, ZqImageFiles::IDX_PACKED}) {
         if (!SxFSAction::isGone(image + name)) SxFSAction::rm(image + name);
     }
