@@ -8,9 +8,7 @@
 #include <tavrin/ZqIndexFetch.h>
 #include <tavrin/ZqReadable.h>
 #include <tavrin/ZqRunsOrder.h>
-
-#include <algorithm>
-#include <cctype>
+#include <tavrin/ZqUrlText.h>
 
 namespace {
 constexpr const char* UNIT = "src/client/OptimizeVerb";
@@ -93,13 +91,6 @@ void tell(const ZqImageOptimize::Result& result, double seconds, bool isForecast
         out->text("It would take " + exactBytes(result.bytesExtra) + " more of the disk for a time.");
 }
 
-bool isAddress(const SxString& index) {
-    std::string begin = index.str().substr(0, 8);
-    std::transform(begin.begin(), begin.end(), begin.begin(),
-                   [](unsigned char c) { return std::tolower(c); });
-    return begin.starts_with("http://") || begin.starts_with("https://");
-}
-
 /// What is wrong with the options together; empty where nothing is.
 SxString findConflict(const OptimizeOptions& options) {
     const bool hasIndex = !options.index.isEmpty();
@@ -109,10 +100,10 @@ SxString findConflict(const OptimizeOptions& options) {
     if (options.resume && (options.consume || options.dryRun)) {
         return "--resume goes on as it was begun, and takes no other option";
     }
-    if (options.consume && (options.byTraces || isAddress(options.index))) {
+    if (options.consume && (options.byTraces || ZqUrlText::isAddress(options.index))) {
         return "--consume is for an INDEX that is a folder";
     }
-    if (!options.headers.isEmpty() && !isAddress(options.index)) {
+    if (!options.headers.isEmpty() && !ZqUrlText::isAddress(options.index)) {
         return "--header is for an INDEX that is an address";
     }
     return {};
@@ -134,7 +125,7 @@ SxString makeIndex(const OptimizeOptions& options, const PrivateFolder& place, S
         return order.getIndex();
     }
     *name = ZqImageFolder::prefix(options.index);
-    if (!isAddress(options.index)) return options.index;
+    if (!ZqUrlText::isAddress(options.index)) return options.index;
     ZqIndexFetch fetch(place.path, options.index, SxArray<SxString>(options.headers));
     *name = ZqImageFolder::prefix(fetch.getName());
     runJob(&fetch, "fetch", *out);

@@ -3,9 +3,14 @@
 #include "PrivateFolder.h"
 #include "Verbs.h"
 
+#include <tavrin/ZqImageFolder.h>
+#include <tavrin/ZqPatchApply.h>
 #include <tavrin/ZqPatchBuilder.h>
 #include <tavrin/ZqPatchCheck.h>
+#include <tavrin/ZqPatchFetch.h>
+#include <tavrin/ZqPatchStatus.h>
 #include <tavrin/ZqReadable.h>
+#include <tavrin/ZqUrlText.h>
 
 namespace {
 constexpr const char* UNIT = "src/client/PatchVerbs";
@@ -79,6 +84,165 @@ int create(const CreateOptions& options, Output& out) {
              " are in both versions.");
     return ExitSuccess;
 }
+struct ApplyOptions {
+    SxString image, patch;
+    SxList<SxString> headers;
+    bool consume = false, fetch = false, resume = false;
+};
+
+/// What is wrong with the options together; empty where nothing is.
+SxString findConflict(const ApplyOptions& options) {
+    if (options.patch.isEmpty() != options.resume) return "Give one of both: PATCH or --resume";
+    if (options.fetch && !ZqUrlText::isAddress(options.patch))
+        return "--fetch is for a PATCH that is an address";
+    if (options.consume && (options.resume || ZqUrlText::isAddress(options.patch)))
+        return "--consume is for a PATCH that is a folder";
+    if (!options.headers.isEmpty() && !options.resume && !ZqUrlText::isAddress(options.patch))
+        return "--header is for a PATCH that is an address";
+    return {};
+}
+
+SxParserKit::SxSymbol newObject() {
+    SxParserKit::SxSymbol object;
+    object.setType(SxParserAst::Object);
+    return object;
+}
+
+int fetch(const ApplyOptions& options, Output& out) {
+    ZqPatchFetch job(options.image, options.patch, SxArray<SxString>(options.headers));
+    const double seconds = runJob(&job, "fetch", out);
+    if (!job.isComplete() && !job.isAlreadyNew())
+        throw SxException("stopped; the same command goes on", UNIT, __LINE__);
+    if (out.getMode().json) {
+        SxParserKit::SxSymbol object = newObject();
+        object.append("from", job.getFrom());
+        object.append("to", job.getTo());
+        object.append("parts", job.getNParts());
+        object.append("bytesDownload", job.getNFetched());
+        object.append("seconds", seconds);
+        object.append("alreadyNew", job.isAlreadyNew());
+        out.object(object);
+    }
+    out.text(job.isAlreadyNew() ? SxString("The image is the new version already.")
+                                : "The patch is there; apply it with: tavrin patch apply IMAGE --resume");
+    return ExitSuccess;
+}
+
+void tell(const ZqPatchApply::Result& result, double seconds, Output* out) {
+    if (result.isAlreadyNew) return out->text("The image is the new version already.");
+    out->text("The image is the new version: " + exactBytes(result.bytesWritten) + " of new blocks in " +
+              ZqReadable::counted(static_cast<int64>(result.nParts), "part", "parts") +
+              SxString::sprintf(", in %.1f s.", seconds));
+    if (result.bytesLayer > 0) {
+        out->text("The write layer of the old version has gone with it: " + exactBytes(result.bytesLayer) +
+                  ".");
+    }
+}
+
+int apply(const ApplyOptions& options, Output& out) {
+    const SxString conflict = findConflict(options);
+    if (!conflict.isEmpty()) {
+        Output::failure(conflict);
+        return ExitUsage;
+    }
+    if (options.fetch) return fetch(options, out);
+    const uint64 layer = ZqPatchApply::layerBytes(ZqImageFolder::prefix(options.image));
+    if (layer > 0) {
+        out.finding(
+            "What was written to the drive belongs to the old version and goes: " + exactBytes(layer) + ".");
+    }
+    ZqPatchApply job(options.image, {options.patch, SxArray<SxString>(options.headers), options.consume});
+    const double seconds = runJob(&job, "patch", out);
+    if (job.hasFailure()) throw job.getFailure();
+    if (!job.isComplete()) {
+        throw SxException(job.isBegun() ? "stopped; go on with: tavrin patch apply IMAGE --resume"
+                                        : "stopped before anything was begun",
+                          UNIT, __LINE__);
+    }
+    const ZqPatchApply::Result& result = job.getResult();
+    if (out.getMode().json) {
+        SxParserKit::SxSymbol object = newObject();
+        object.append("from", result.from);
+        object.append("to", result.to);
+        object.append("parts", result.nParts);
+        object.append("bytesDownload", result.bytesDownload);
+        object.append("bytesWritten", result.bytesWritten);
+        object.append("bytesExtra", result.bytesExtra);
+        object.append("bytesLayer", result.bytesLayer);
+        object.append("seconds", seconds);
+        object.append("stage", uint64{result.stage});
+        object.append("part", uint64{result.part});
+        object.append("resumed", result.isResumed);
+        object.append("alreadyNew", result.isAlreadyNew);
+        out.object(object);
+    }
+    tell(result, seconds, &out);
+    return ExitSuccess;
+}
+
+struct StatusOptions {
+    SxString image, patch;
+    SxList<SxString> headers;
+};
+
+SxString describe(const ZqPatchStatus::Result& result) {
+    const SxString to = "the patch to '" + result.to + "' from '" + result.source + "'";
+    switch (result.state) {
+    case ZqPatchStatus::Begun:
+        return "In the middle of a patch, stage " + SxString(uint64{result.stage}) + ", part " +
+               SxString(uint64{result.part} + 1) + " of " + result.nParts +
+               "; go on with: tavrin patch apply IMAGE --resume";
+    case ZqPatchStatus::Committing:
+        return "At the end of a patch; go on with: tavrin patch apply IMAGE --resume";
+    case ZqPatchStatus::Fetched:
+        return "No patch was begun; " + to + " is there, as a whole or in part.";
+    default:
+        return "No patch was begun.";
+    }
+}
+
+int status(const StatusOptions& options, Output& out) {
+    const PrivateFolder scratch;
+    ZqPatchStatus job(options.image, options.patch, SxArray<SxString>(options.headers), scratch.path);
+    runJob(&job, "status", out);
+    const ZqPatchStatus::Result& result = job.getResult();
+    if (out.getMode().json) {
+        SxParserKit::SxSymbol object = newObject();
+        object.append("state", ZqPatchStatus::toText(result.state));
+        object.append("from", result.from);
+        object.append("to", result.to);
+        object.append("source", result.source);
+        object.append("fits", result.isFor);
+        object.append("alreadyNew", result.isMade);
+        object.append("parts", result.nParts);
+        object.append("bytesDownload", result.bytesDownload);
+        object.append("bytesWritten", result.bytesWritten);
+        object.append("bytesExtra", result.bytesExtra);
+        object.append("bytesLayer", result.bytesLayer);
+        object.append("seconds", result.seconds);
+        object.append("stage", uint64{result.stage});
+        object.append("part", uint64{result.part});
+        out.object(object);
+    }
+    out.text(describe(result));
+    if (!result.hasPatch) return ExitSuccess;
+    if (result.isMade && result.state < ZqPatchStatus::Begun) {
+        out.text("The image is the version that the patch makes.");
+        return ExitSuccess;
+    }
+    if (!result.isFor && result.state < ZqPatchStatus::Begun) {
+        out.text("The patch is for another version than the image's.");
+        return ExitSuccess;
+    }
+    out.text("Still to come: " + exactBytes(result.bytesDownload) + " to download, " +
+             exactBytes(result.bytesWritten) + " of new blocks, " +
+             SxString::sprintf("about %.1f s of work, ", result.seconds) + exactBytes(result.bytesExtra) +
+             " of the disk at most.");
+    if (result.bytesLayer > 0)
+        out.text("What was written to the drive goes: " + exactBytes(result.bytesLayer) + ".");
+    return ExitSuccess;
+}
+
 } // namespace
 
 void registerPatchVerbs(App* app) {
@@ -96,6 +260,27 @@ void registerPatchVerbs(App* app) {
                 "How the changes are packed; REPLACE takes the new blocks as they are")
         .integer("--level", &options->level, 0, 22, "Level of the compression; else the one that packs best")
         .action([options](Output& out) { return create(*options, out); });
+
+    auto applied = SxPtr<ApplyOptions>::create();
+    patch
+        .verb("apply", "Bring an installed image to its next version, in place",
+              "tavrin patch apply games/alpha https://example.org/patches/alpha-2")
+        .argument("IMAGE", &applied->image, "Image folder")
+        .optionalArgument("PATCH", &applied->patch, "Patch folder, or the address of one")
+        .headers("--header", &applied->headers, "Send this line with each request to the address")
+        .flag("--consume", &applied->consume, "Remove PATCH at the end; else it stays as it is")
+        .flag("--fetch", &applied->fetch, "Only download the patch, also while the image is played")
+        .flag("--resume", &applied->resume, "Go on with what was fetched, stopped or cut off; takes no PATCH")
+        .action([applied](Output& out) { return apply(*applied, out); });
+
+    auto asked = SxPtr<StatusOptions>::create();
+    patch
+        .verb("status", "Tell how far an image is with a patch, and what that will still take",
+              "tavrin patch status games/alpha https://example.org/patches/alpha-2")
+        .argument("IMAGE", &asked->image, "Image folder")
+        .optionalArgument("PATCH", &asked->patch, "Patch folder, or the address of one; else what was begun")
+        .headers("--header", &asked->headers, "Send this line with each request to the address")
+        .action([asked](Output& out) { return status(*asked, out); });
 
     auto verified = SxPtr<SxString>::create();
     patch

@@ -195,15 +195,13 @@ void ZqPatchBuilder::writeRecords(const ZqPatchSide& from, const ZqPatchSide& to
     record->compression = compression;
     // Comes last: a folder without it is no patch.
     record->write(patch);
-    for (const char* name : {ZqPatchFiles::RECORD, ZqPatchFiles::MAP_7Z, ZqPatchFiles::INFO_7Z,
-                             ZqPatchFiles::DATA, ZqImageFiles::APP_JSON, ZqImageFiles::IMAGE_JSON})
+    for (const char* name : ZqPatchFiles::ALL)
         result.bytes += static_cast<uint64>(SxFSAction::sizeOf(patch + name));
 }
 
 void ZqPatchBuilder::removeAll() const {
     try {
-        for (const char* name : {ZqPatchFiles::RECORD, ZqPatchFiles::MAP_7Z, ZqPatchFiles::INFO_7Z,
-                                 ZqPatchFiles::DATA, ZqImageFiles::APP_JSON, ZqImageFiles::IMAGE_JSON}) {
+        for (const char* name : ZqPatchFiles::ALL) {
             if (!SxFSAction::isGone(patch + name)) SxFSAction::rm(patch + name);
         }
         if (!SxFSAction::isGone(scratch)) SxFSAction::rm_r(scratch);

@@ -29,6 +29,7 @@ constexpr const char* REFERENCE = "imgRef.zqf";         ///< what the complete i
 constexpr const char* OPTIMIZE_LOCK = "optimize.lock";  ///< blocks or records are on their way to a new order
 constexpr const char* OPTIMIZE_WORK = "optimize.work/"; ///< what that needs, see ZqOptimizeFolder
 constexpr const char* OPTIMIZE_INDEX = "optimize.index/"; ///< the order of a server, for a while
+constexpr const char* PATCH_WORK = "patch.work/";         ///< a copy of the patch, see ZqPatchWork
 constexpr const char* PATCH_PROGRESS = "patch.progress";
 constexpr const char* PATCHING_LOCK = "patching/img.lock";
 } // namespace ZqImageFiles

@@ -121,14 +121,17 @@ void ZqImageLock::finishReplacement(const SxString& path) {
     if (ZqImageReplacement::isPending(path)) takeAnyState(path, Shape, Exclusive, "new image");
 }
 
+void ZqImageLock::refuseOptimisation(const SxString& path) {
+    if (SxFSAction::isGone(ZqImageFolder::prefix(path) + ZqImageFiles::OPTIMIZE_LOCK)) return;
+    throw SxException(
+        "Image '" + path +
+            "' is in the middle of an optimisation; go on with: tavrin image optimize IMAGE --resume",
+        UNIT, __LINE__);
+}
+
 void ZqImageLock::refuseUnfinished(const SxString& path) {
+    refuseOptimisation(path);
     const SxString folder = ZqImageFolder::prefix(path);
-    if (!SxFSAction::isGone(folder + ZqImageFiles::OPTIMIZE_LOCK)) {
-        throw SxException(
-            "Image '" + path +
-                "' is in the middle of an optimisation; go on with: tavrin image optimize IMAGE --resume",
-            UNIT, __LINE__);
-    }
     if (SxFSAction::exists(folder + ZqImageFiles::PATCH_PROGRESS) ||
         SxFSAction::exists(folder + ZqImageFiles::PATCHING_LOCK)) {
         throw SxException("Image '" + path +

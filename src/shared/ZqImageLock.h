@@ -47,6 +47,9 @@ public:
     /// `patch.progress`, `patching/img.lock`), saying how to go on.
     static void refuseUnfinished(const SxString& path);
 
+    /// The same for an optimisation alone.
+    static void refuseOptimisation(const SxString& path);
+
     /// Brings a replacement of the image to its end that was cut off, where there is one: for whoever takes
     /// no exclusive lock and writes all the same. Raises where it can't.
     static void finishReplacement(const SxString& path);

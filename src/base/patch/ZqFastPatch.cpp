@@ -43,7 +43,7 @@ ZqFastPatch::ZqFastPatch(const SxString& imageDir_, const SxString& patchDir_, i
       interval(interval_),
       startTime(static_cast<uint64>(ZqSysEnv::getSysTime())),
       progressFile(imageDir + ZqImageFiles::PATCH_PROGRESS),
-      work(imageDir + "patching/") {
+      work(imageDir + WORK) {
     setThreadName("patch");
 }
 
@@ -68,7 +68,7 @@ void ZqFastPatch::main() {
 }
 
 void ZqFastPatch::run() {
-    if (!SxFSAction::isGone(imageDir + ZqImageFiles::PATCHING_LOCK)) {
+    if (isCommitting(imageDir)) {
         performLockFinish();
         setNTotal(1);
         setNCurrent(1);
@@ -78,8 +78,8 @@ void ZqFastPatch::run() {
     openDescriptor();
     if (!stopRequested()) {
         uint64 total = 1;
-        for (const ZqPatchInfo& part : parts)
-            total += ZqPatchRoom::oldBytes(part) + part.patchSize + 2 * ZqPatchRoom::newBytes(part);
+        for (const ZqPatchSizes& part : ZqPatchSizes::of(parts))
+            total += part.oldBytes + part.patchSize + 2 * part.newBytes;
         setNTotal(total);
         const uint64 need = roomNeeded();
         log("main", "Check for Diskspace: maximal " + SxString(need) + " bytes required.");
@@ -154,13 +154,9 @@ void ZqFastPatch::checkFreeSpace(const uint64& bytes) {
 /// A design decision: what is still to come at its highest, the image's growth included, and not the plain
 /// sum of all parts, which would lock out a run that goes on with little room left.
 uint64 ZqFastPatch::roomNeeded() const {
-    const uint64 nOld = oldApp.sizeIdx / ITEM, nNew = newApp.sizeIdx / ITEM;
-    ZqPatchRoom room(progress.stage, progress.part, patchParams.compression == ZqPatchCompression::REPLACE);
-    for (const ZqPatchInfo& part : parts)
-        room.add(part);
-    const uint64 map = fileSize(work + ZqImageFiles::IDX) == newApp.sizeIdx ? 0 : newApp.sizeIdx;
-    const uint64 growth = nNew > nOld ? (nNew - nOld) * ZqBlocks::SIZE : 0;
-    return room.peak() + map + growth;
+    return ZqPatchRoom::need(ZqPatchSizes::of(parts), progress,
+                             patchParams.compression == ZqPatchCompression::REPLACE, oldApp.sizeIdx / ITEM,
+                             newApp.sizeIdx / ITEM, fileSize(work + ZqImageFiles::IDX) == newApp.sizeIdx);
 }
 
 void ZqFastPatch::parseMeta() {
@@ -170,9 +166,8 @@ void ZqFastPatch::parseMeta() {
             patchParams.read(patchDir);
             oldApp.read(imageDir);
             newApp.read(patchDir);
-            if (!(oldApp.guid == patchParams.fromGUID)) {
+            if (!patchParams.isFor(oldApp))
                 throw SxException("The provided patch is not for current version", UNIT, __LINE__);
-            }
             requirePatch();
         }
         SxFSAction::mkdir_p(work, 0777);
@@ -202,31 +197,56 @@ void ZqFastPatch::parseMeta() {
 
 /// The work folder belongs to one patch, of which it keeps the record.
 void ZqFastPatch::requirePatch() {
-    const SxString record = patchDir + ZqPatchFiles::RECORD, kept = work + ZqPatchFiles::RECORD;
-    if (!SxFSAction::isGone(kept) && SxMd5::file(kept) == SxMd5::file(record)) return;
-    if (!isUntouched()) {
-        throw SxException(SxFSAction::isGone(kept)
-                              ? "'" + work +
-                                    "' doesn't hold what the patch that was begun needs: the image must be "
-                                    "fetched or built anew"
-                              : "The image is on its way to another version: go on with the patch to '" +
-                                    ZqPatchParams(work).toGUID + "', whose patch.json has the digest " +
-                                    SxMd5::file(kept),
-                          UNIT, __LINE__);
-    }
+    const SxString record = patchDir + ZqPatchFiles::RECORD;
+    const SxString digest = SxMd5::file(record);
+    if (begunPatch(imageDir) == digest) return;
+    refuseOther(imageDir, digest);
     // What another patch has left was made of an image that is still what it was.
-    if (!SxFSAction::isGone(progressFile)) SxFSAction::rm(progressFile);
-    SxFSAction::syncDir(imageDir);
-    if (!SxFSAction::isGone(work)) SxFSAction::rm_r(work);
+    takeBack(imageDir);
     SxFSAction::mkdir_p(work, 0777);
-    SxFileIO::writeAtomic(kept, SxFileIO::readUtf8(record));
+    SxFileIO::writeAtomic(work + ZqPatchFiles::RECORD, SxFileIO::readUtf8(record));
 }
 
-/// Whether `img.zqf` is still that of the old version.
-bool ZqFastPatch::isUntouched() const {
-    if (SxFSAction::isGone(progressFile)) return true;
+SxString ZqFastPatch::begunPatch(const SxString& image) {
+    const SxString kept = image + WORK + ZqPatchFiles::RECORD;
+    return SxFSAction::isGone(kept) ? SxString() : SxMd5::file(kept);
+}
+
+void ZqFastPatch::refuseOther(const SxString& image, const SxString& digest) {
+    const SxString begun = begunPatch(image);
+    if (isUntouched(image) || begun == digest) return;
+    throw SxException(begun.isEmpty()
+                          ? "'" + image + WORK +
+                                "' doesn't hold what the patch that was begun needs: the image must be "
+                                "fetched or built anew"
+                          : "The image is on its way to another version: go on with the patch to '" +
+                                ZqPatchParams(image + WORK).toGUID + "', whose patch.json has the digest " +
+                                begun,
+                      UNIT, __LINE__);
+}
+
+void ZqFastPatch::takeBack(const SxString& image) {
+    if (!isUntouched(image)) return;
+    const SxString file = image + ZqImageFiles::PATCH_PROGRESS;
+    if (!SxFSAction::isGone(file)) SxFSAction::rm(file);
+    SxFSAction::syncDir(image);
+    if (!SxFSAction::isGone(image + WORK)) SxFSAction::rm_r(image + WORK);
+}
+
+bool ZqFastPatch::isBegun(const SxString& image) {
+    return !SxFSAction::isGone(image + ZqImageFiles::PATCH_PROGRESS) || isCommitting(image);
+}
+
+bool ZqFastPatch::isCommitting(const SxString& image) {
+    return !SxFSAction::isGone(image + ZqImageFiles::PATCHING_LOCK);
+}
+
+bool ZqFastPatch::isUntouched(const SxString& image) {
+    if (isCommitting(image)) return false;
+    const SxString file = image + ZqImageFiles::PATCH_PROGRESS;
+    if (SxFSAction::isGone(file)) return true;
     ZqPatchProgress begun;
-    begun.read(progressFile);
+    begun.read(file);
     return begun.stage == ZqPatchProgress::PrepareOldData ||
            (begun.part == 0 && begun.stage < ZqPatchProgress::CopyNewData);
 }

@@ -32,6 +32,24 @@ public:
     /// wait.
     ZqFastPatch(const SxString& imageDir_, const SxString& patchDir_, int interval_);
 
+    /// The folder in the image folder that it works in.
+    static constexpr const char* WORK = "patching/";
+
+    // What was begun in the image folder `image` (with its trailing slash) and not ended.
+    /// Whether anything was.
+    static bool isBegun(const SxString& image);
+    /// Whether only the commit is left, which needs nothing of the patch but its `img.json`.
+    static bool isCommitting(const SxString& image);
+    /// Whether `img.zqf` is still what it was.
+    static bool isUntouched(const SxString& image);
+    /// MD5 text of the `patch.json` of what was begun; empty where that isn't known.
+    static SxString begunPatch(const SxString& image);
+    /// Raises where `img.zqf` isn't what it was, and it was begun with another `patch.json` than the one with
+    /// the MD5 text `digest`.
+    static void refuseOther(const SxString& image, const SxString& digest);
+    /// Takes back what was begun, as long as `img.zqf` is what it was.
+    static void takeBack(const SxString& image);
+
     /// Gets `patchStats`; assigned before start().
     SxPtr<ZqRuntimeInfo> runtimeInfo;
 
@@ -66,7 +84,6 @@ private:
     void runParts();
     void openDescriptor();
     void requirePatch();
-    bool isUntouched() const;
     void extract(const char* archive, const char* file, uint64 size, const SxString& md5) const;
     void setDescriptor(Stage stage, uint32 part);
     bool begin(const Step& step, uint32 part, uint64 bytes);

@@ -9,8 +9,9 @@
 #include "ZqImageFiles.h"
 #include "ZqLog.h"
 #include "ZqPatchFiles.h"
-#include "ZqPatchRoom.h"
+#include "ZqPatchSizes.h"
 #include "ZqPatchTask.h"
+#include "ZqRunningTask.h"
 #include "ZqTimers.h"
 
 // The steps of one part.
@@ -35,28 +36,6 @@ void requireSlots(const SxArray<uint64>& idx, const SxArray<uint64>& items) {
     for (const uint64 item : items)
         offsetOf(idx, item);
 }
-
-/// A child job that has been started: it has ended when this object goes, whatever comes in between.
-template<class Task>
-class Running {
-public:
-    explicit Running(Task* task_) : task(task_) { task->start(6); }
-    ~Running() {
-        if (hasEnded) return;
-        task->stop();
-        task->wait();
-    }
-    Running(const Running&) = delete;
-    Running& operator=(const Running&) = delete;
-    void wait() {
-        task->wait();
-        hasEnded = true;
-    }
-
-private:
-    Task* const task;
-    bool hasEnded = false;
-};
 
 void removeFile(const SxString& path) {
     if (!SxFSAction::isGone(path)) SxFSAction::rm(path);
@@ -91,7 +70,7 @@ bool ZqFastPatch::begin(const Step& step, uint32 part, uint64 bytes) {
 }
 
 void ZqFastPatch::runCopy(ZqFileCopyTask* task, const SxString& failure) {
-    Running child(task);
+    ZqRunningTask child(task);
     uint64 last = 0;
     const auto count = [&] {
         const uint64 now = task->getNCurrent();
@@ -124,7 +103,7 @@ void ZqFastPatch::prepareOldData(uint32 part) {
                                "Preparing old data for part "};
     try {
         const ZqPatchInfo& info = parts[part];
-        if (!begin(STEP, part, ZqPatchRoom::oldBytes(info))) return;
+        if (!begin(STEP, part, ZqPatchSizes(info).oldBytes)) return;
         const SxTakeTime taken(Timer::PatchTimer::CopyOldData);
         const SxString source = imageDir + ZqImageFiles::ZQF, target = partFile(part, OLD_DATA);
         removeFile(target);
@@ -174,7 +153,7 @@ void ZqFastPatch::applyPatchData(uint32 part) {
                                "Applying patch data for part "};
     try {
         const ZqPatchInfo& info = parts[part];
-        if (!begin(STEP, part, ZqPatchRoom::newBytes(info))) return;
+        if (!begin(STEP, part, ZqPatchSizes(info).newBytes)) return;
         const SxString oldFile = partFile(part, OLD_DATA), newFile = partFile(part, NEW_DATA),
                        patchFile = partFile(part, PATCH_DATA);
         // Where the stream is the new data itself, the tool's place is taken by a move, and a run that goes
@@ -191,7 +170,7 @@ void ZqFastPatch::applyPatchData(uint32 part) {
         };
         if (!isMoved) {
             ZqPatchTask task(oldFile, newFile, patchFile, patchParams.compression);
-            Running child(&task);
+            ZqRunningTask child(&task);
             while (task.isRunning()) {
                 if (stopRequested()) {
                     task.stop();
@@ -239,7 +218,7 @@ void ZqFastPatch::copyNewData(uint32 part) {
                                "Copying new data from part "};
     try {
         const ZqPatchInfo& info = parts[part];
-        if (!begin(STEP, part, ZqPatchRoom::newBytes(info))) return;
+        if (!begin(STEP, part, ZqPatchSizes(info).newBytes)) return;
         const SxTakeTime taken(Timer::PatchTimer::CopyNewData);
         const SxString source = partFile(part, NEW_DATA), target = imageDir + ZqImageFiles::ZQF;
         logStep(STEP, STEP.runText, part);

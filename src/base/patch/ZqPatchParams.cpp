@@ -2,6 +2,7 @@
 
 #include "SxException.h"
 #include "SxFSAction.h"
+#include "ZqAppParams.h"
 #include "ZqPatchFiles.h"
 #include "ZqRecordFile.h"
 
@@ -70,4 +71,14 @@ void ZqPatchParams::write(const SxString& directory) const {
     } catch (const SxException& e) {
         throw SxException(e, "Failed to write file " + file, UNIT, __LINE__);
     }
+}
+
+/// A design decision: builds of one application may share their guid, so a patch also states build ids.
+bool ZqPatchParams::isFor(const ZqAppParams& app) const {
+    return app.guid == fromGUID && (fromMnt.isEmpty() || app.checksumMnt == fromMnt);
+}
+
+bool ZqPatchParams::isMade(const ZqAppParams& app) const {
+    if (!(app.guid == toGUID)) return false;
+    return toMnt.isEmpty() ? !(fromGUID == toGUID) : app.checksumMnt == toMnt;
 }

@@ -2,6 +2,8 @@
 
 #include "ZqPatchCompression.h"
 
+class ZqAppParams;
+
 /// The record `patch.json`: which version of an application a patch makes of which other one, and what its
 /// files must be. Not locked.
 class ZqPatchParams {
@@ -32,6 +34,12 @@ public:
     /// Writes the record likewise, replacing the file as a whole, and makes its folder. Raises "Failed to
     /// write file ..." with the cause.
     void write(const SxString& directory = SxString()) const;
+
+    // Build ids tell where the patch states them, guids alone where it doesn't.
+    /// Whether the image of that record is of the version that the patch is for.
+    bool isFor(const ZqAppParams& app) const;
+    /// Whether it is of the version that the patch makes.
+    bool isMade(const ZqAppParams& app) const;
 
     bool operator==(const ZqPatchParams&) const = default;
 };

@@ -2,7 +2,6 @@
 
 #include "SxException.h"
 #include "ZqBlocks.h"
-#include "ZqPatchProgress.h"
 
 #include <algorithm>
 
@@ -22,22 +21,24 @@ int64 bounded(uint64 bytes) {
 
 } // namespace
 
-uint64 ZqPatchRoom::oldBytes(const ZqPatchInfo& part) {
-    return static_cast<uint64>(part.oldMap.getSize()) * ZqBlocks::SIZE;
+uint64 ZqPatchRoom::need(std::span<const ZqPatchSizes> parts, const ZqPatchProgress& at, bool isReplace,
+                         uint64 nOld, uint64 nNew, bool hasMap) {
+    ZqPatchRoom room(at.stage, at.part, isReplace);
+    for (const ZqPatchSizes& part : parts)
+        room.add(part);
+    const uint64 map = hasMap ? 0 : nNew * sizeof(uint64);
+    const uint64 growth = nNew > nOld ? (nNew - nOld) * ZqBlocks::SIZE : 0;
+    return room.peak() + map + growth;
 }
 
-uint64 ZqPatchRoom::newBytes(const ZqPatchInfo& part) {
-    return static_cast<uint64>(part.newMap.getSize()) * ZqBlocks::SIZE;
-}
-
-void ZqPatchRoom::add(const ZqPatchInfo& part) {
+void ZqPatchRoom::add(const ZqPatchSizes& part) {
     const uint32 idx = nParts++;
-    const int64 old = bounded(oldBytes(part));
+    const int64 old = bounded(part.oldBytes);
     const bool isCopiedOut = stage > 0 || idx < first;
     if (!isCopiedOut) oldToCome = bounded(static_cast<uint64>(oldToCome + old));
     // With its stream and its new data beside the old data that is left.
     if (stage == 0 || idx >= first) {
-        const int64 work = bounded(part.patchSize) + (isReplace ? 0 : bounded(newBytes(part)));
+        const int64 work = bounded(part.patchSize) + (isReplace ? 0 : bounded(part.newBytes));
         highest = std::max(highest, work - given);
         given = bounded(static_cast<uint64>(given + old));
     }

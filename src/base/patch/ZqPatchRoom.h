@@ -1,6 +1,9 @@
 #pragma once
 
-#include "ZqPatchInfo.h"
+#include "ZqPatchProgress.h"
+#include "ZqPatchSizes.h"
+
+#include <span>
 
 /// How many bytes of the disk a patch still takes beside what it has taken, at its highest. The old data of
 /// all parts leaves the image first; each part's goes once its new data is there. Parts are added in their
@@ -13,10 +16,13 @@ public:
           first(part_),
           isReplace(isReplace_) {}
 
-    static uint64 oldBytes(const ZqPatchInfo& part);
-    static uint64 newBytes(const ZqPatchInfo& part);
+    /// All that a patch of these parts still takes of the image's disk, from the state that `at` notes:
+    /// beside the parts the image's growth and, unless it is there, the new map. `nOld`, `nNew`: items of
+    /// both versions.
+    static uint64 need(std::span<const ZqPatchSizes> parts, const ZqPatchProgress& at, bool isReplace,
+                       uint64 nOld, uint64 nNew, bool hasMap);
 
-    void add(const ZqPatchInfo& part);
+    void add(const ZqPatchSizes& part);
     uint64 peak() const;
 
 private:

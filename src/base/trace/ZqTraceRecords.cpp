@@ -75,7 +75,7 @@ void requireMatch(const SxString& path) {
 }
 
 bool isRecording(const SxString& path) {
-    return ZqTraceLock::isLocked(path + ZqTraceFiles::ITEMS);
+    return ZqFileLock::isLocked(path + ZqTraceFiles::ITEMS);
 }
 
 void refuseRecording(const SxString& path) {
@@ -98,7 +98,7 @@ FileState makeState(const SxString& file, int result, const SxStat& info) {
 void requireSame(const SxString& file, const FileState& was, const FileState& is) {
     if (was == is) return;
     const bool hasGrown = was.device == is.device && was.inode == is.inode && was.size <= is.size;
-    if (hasGrown && ZqTraceLock::isLocked(file)) return;
+    if (hasGrown && ZqFileLock::isLocked(file)) return;
     throw SxException("'" + file +
                           "' was changed or replaced while it was read, by another command or as a recording "
                           "ended; give the command again",

@@ -1,5 +1,8 @@
 #include "ZqUrlText.h"
 
+#include <algorithm>
+#include <cctype>
+
 SxString ZqUrlText::of(const SxString& url) {
     std::string text = url.str();
     const size_t tail = text.find_first_of("?#");
@@ -10,4 +13,11 @@ SxString ZqUrlText::of(const SxString& url) {
     const size_t at = text.substr(0, text.find('/', host)).rfind('@');
     if (at != std::string::npos && at >= host) text.erase(host, at + 1 - host);
     return SxString(text + (hasQuery ? "?..." : "")).makeVisible();
+}
+
+bool ZqUrlText::isAddress(const SxString& place) {
+    std::string begin = place.str().substr(0, 8);
+    std::transform(begin.begin(), begin.end(), begin.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    return begin.starts_with("http://") || begin.starts_with("https://");
 }

@@ -1,0 +1,239 @@
+#include "ZqPatchDownload.h"
+
+#include "SxException.h"
+#include "SxFSAction.h"
+#include "SxFileIO.h"
+#include "SxMd5.h"
+#include "ZqAppParams.h"
+#include "ZqFileSync.h"
+#include "ZqImageFiles.h"
+#include "ZqImageParams.h"
+#include "ZqLog.h"
+#include "ZqPatchFiles.h"
+#include "ZqPatchLists.h"
+#include "ZqSyncedSize.h"
+#include "ZqUrlText.h"
+
+#include <algorithm>
+
+namespace {
+
+constexpr const char* UNIT = "src/base/patch/ZqPatchDownload";
+constexpr int64 MAX_RECORD = 1 << 20;
+constexpr int64 PIECE = 1 << 20;
+/// Tag of a failure: the server has sent what the lists don't say.
+constexpr const char* WRONG_STREAM = "WrongStream";
+
+} // namespace
+
+/// Appends to `patch.data`, part after part.
+class ZqPatchDownload::Writer {
+public:
+    Writer(const SxString& path_, const std::vector<ZqPatchSizes>& parts_)
+        : path(path_),
+          parts(parts_),
+          synced(path_),
+          sync(path_) {
+        synced.cutBack();
+        file.openOrCreate(path, 0644);
+        size = static_cast<uint64>(file.getSize());
+        findPart();
+        sync.begin(size);
+    }
+
+    uint64 getSize() const { return size; }
+    size_t getPart() const { return part; }
+
+    void take(const char* bytes, int64 n) {
+        while (n > 0) {
+            if (part == parts.size()) {
+                throw SxException(WRONG_STREAM, "The server gives more than the parts of the patch have",
+                                  UNIT, __LINE__);
+            }
+            const auto some = static_cast<int64>(
+                std::min<uint64>(static_cast<uint64>(n), partBegin + parts[part].patchSize - size));
+            md5.update(bytes, some);
+            // The end of a part comes into the file once all of it is known to be right.
+            if (size + static_cast<uint64>(some) == partBegin + parts[part].patchSize) requireRight();
+            file.seek(static_cast<int64>(size));
+            file.writeBuffer(bytes, some);
+            size += static_cast<uint64>(some);
+            skipEnded();
+            bytes += some;
+            n -= some;
+        }
+        sync.look(size);
+    }
+
+    /// The part that is under way comes anew.
+    void cutPart() {
+        file.truncate(static_cast<int64>(partBegin));
+        size = partBegin;
+        md5 = SxMd5();
+    }
+
+    void finish() { sync.finish(size); }
+
+private:
+    /// The part in which the file ends, with its digest so far. What lies beyond the parts goes.
+    void findPart() {
+        while (part < parts.size() && partBegin + parts[part].patchSize <= size) {
+            partBegin += parts[part].patchSize;
+            ++part;
+        }
+        if (part == parts.size()) {
+            if (size > partBegin) cutPart();
+            return;
+        }
+        file.seek(static_cast<int64>(partBegin));
+        std::vector<char> bytes(PIECE);
+        for (uint64 left = size - partBegin; left > 0;) {
+            const int64 n = file.readBuffer(bytes.data(), static_cast<int64>(std::min<uint64>(left, PIECE)));
+            if (n == 0) throw SxException(SxFileIO::fileReadErr(path), UNIT, __LINE__);
+            md5.update(bytes.data(), n);
+            left -= static_cast<uint64>(n);
+        }
+    }
+
+    void requireRight() {
+        md5.finish();
+        if (md5 == parts[part].patchMd5) return;
+        throw SxException(WRONG_STREAM,
+                          "The stream of part " + SxString(static_cast<uint64>(part)) +
+                              " isn't what patch.info says",
+                          UNIT, __LINE__);
+    }
+
+    /// Streams may be empty.
+    void skipEnded() {
+        while (part < parts.size() && partBegin + parts[part].patchSize == size) {
+            partBegin += parts[part].patchSize;
+            ++part;
+            md5 = SxMd5();
+        }
+    }
+
+    const SxString path;
+    const std::vector<ZqPatchSizes>& parts;
+    const ZqSyncedSize synced;
+    ZqFileSync sync;
+    SxFileIO file;
+    uint64 size = 0, partBegin = 0;
+    size_t part = 0;
+    SxMd5 md5; ///< of the part so far
+};
+
+ZqPatchDownload::ZqPatchDownload(const ZqPatchWork& work_, const SxString& url_,
+                                 const SxArray<SxString>& headers_)
+    : work(work_),
+      url(url_),
+      headers(headers_) {
+    setThreadName("patch download");
+}
+
+SxString ZqPatchDownload::getName() const {
+    return ZqUrlText::of(url);
+}
+
+SxString ZqPatchDownload::fileOf(const char* name) const {
+    return work.getCopy() + name;
+}
+
+SxPtr<ZqRemoteFile> ZqPatchDownload::remote(const char* name, uint64 size) const {
+    auto file = SxPtr<ZqRemoteFile>::create(link, ZqRemoteFile::urlIn(url, name), headers, size);
+    // What comes is checked by digests, so mirrors may take turns.
+    file->getFacts()->setSameTest([](const ZqStopTest&) { return true; });
+    return file;
+}
+
+SxString ZqPatchDownload::fetchRecord(const ZqStopTest& stop) {
+    try {
+        const SxArray<char> bytes = remote(ZqPatchFiles::RECORD)->get(MAX_RECORD, stop);
+        return SxString(std::string_view(bytes.data(), static_cast<size_t>(bytes.getSize())));
+    } catch (const SxException& e) {
+        throw SxException(e, "Cannot fetch the patch at '" + getName() + "'", UNIT, __LINE__);
+    }
+}
+
+void ZqPatchDownload::fetchLists(const SxString& record, const ZqStopTest& stop) {
+    try {
+        if (!work.hasCopyOf(SxMd5::get(record))) {
+            const SxString staged = work.stage();
+            SxFileIO::writeAtomic(staged + ZqPatchFiles::RECORD, record);
+            const ZqPatchParams readable(staged);
+            work.takeStaged();
+        }
+        params = ZqPatchParams(work.getCopy());
+        fetchFile(ZqPatchFiles::MAP_7Z, params.sizeMap, params.hashMap, stop);
+        fetchFile(ZqPatchFiles::INFO_7Z, params.sizeInfo, params.hashInfo, stop);
+        fetchFile(ZqImageFiles::IMAGE_JSON, ZqRemoteFile::UNKNOWN, {}, stop);
+        fetchFile(ZqImageFiles::APP_JSON, ZqRemoteFile::UNKNOWN, {}, stop);
+        const ZqImageParams image(work.getCopy());
+        ZqAppParams(work.getCopy()).requireKnownFormat();
+        parts = ZqPatchLists::readParts(work.getCopy(), params, work.getPath());
+    } catch (const SxException& e) {
+        throw SxException(e, "Cannot fetch the patch at '" + getName() + "'", UNIT, __LINE__);
+    }
+}
+
+/// A record has neither a size nor a digest that is stated.
+void ZqPatchDownload::fetchFile(const char* name, uint64 size, const SxString& md5, const ZqStopTest& stop) {
+    const SxString path = fileOf(name);
+    const auto isRight = [&] { return md5.isEmpty() || SxMd5::file(path) == md5; };
+    if (SxFSAction::sizeOf(path) >= 0) {
+        if (size == ZqRemoteFile::UNKNOWN) return;
+        if (static_cast<uint64>(SxFSAction::sizeOf(path)) == size && isRight()) return;
+    }
+    for (const bool isFresh : {false, true}) {
+        const SxPtr<ZqRemoteFile> file = remote(name, size);
+        if (isFresh) file->setFresh();
+        file->fetchTo(path, stop, size == ZqRemoteFile::UNKNOWN ? uint64{MAX_RECORD} : size);
+        nFetched += static_cast<uint64>(SxFSAction::sizeOf(path));
+        if (isRight()) return;
+    }
+    throw SxException("'" + ZqUrlText::of(ZqRemoteFile::urlIn(url, name)) +
+                          "' hasn't the digest that its patch.json says",
+                      UNIT, __LINE__);
+}
+
+uint64 ZqPatchDownload::getMissing() const {
+    const auto there =
+        static_cast<uint64>(std::max<int64>(SxFSAction::sizeOf(fileOf(ZqPatchFiles::DATA)), 0));
+    return params.sizeData > there ? params.sizeData - there : 0;
+}
+
+void ZqPatchDownload::main() {
+    try {
+        fetchData([this] { return stopRequested(); });
+    } catch (const SxException& e) {
+        throw SxException(e, "Cannot fetch the patch at '" + getName() + "'", UNIT, __LINE__);
+    }
+}
+
+void ZqPatchDownload::fetchData(const ZqStopTest& stop) {
+    Writer writer(fileOf(ZqPatchFiles::DATA), parts);
+    setNTotal(params.sizeData);
+    setNCurrent(writer.getSize());
+    size_t wrongPart = parts.size();
+    while (writer.getSize() < params.sizeData) {
+        const SxPtr<ZqRemoteFile> file = remote(ZqPatchFiles::DATA, params.sizeData);
+        if (wrongPart == writer.getPart()) file->setFresh();
+        try {
+            file->stream(
+                writer.getSize(),
+                [&](const char* bytes, int64 n) {
+                    writer.take(bytes, n);
+                    nFetched += static_cast<uint64>(n);
+                    setNCurrent(writer.getSize());
+                    return true;
+                },
+                stop);
+        } catch (const SxException& e) {
+            if (!e.hasTag(WRONG_STREAM) || wrongPart == writer.getPart()) throw;
+            zqLogMsg("base", "ZqPatchDownload: asks anew: " + e.toString(SxException::ShowMessage, ": "));
+            wrongPart = writer.getPart();
+            writer.cutPart();
+        }
+    }
+    writer.finish();
+}

@@ -1,0 +1,78 @@
+#include "ZqPatchFetch.h"
+
+#include "SxException.h"
+#include "SxFSAction.h"
+#include "SxMd5.h"
+#include "SxTime.h"
+#include "ZqAppParams.h"
+#include "ZqFileLock.h"
+#include "ZqImageFolder.h"
+#include "ZqImageLock.h"
+#include "ZqPatchDownload.h"
+#include "ZqPatchFiles.h"
+#include "ZqPatchWork.h"
+#include "ZqRunningTask.h"
+#include "ZqSysEnv.h"
+
+namespace {
+constexpr const char* UNIT = "src/base/patch/ZqPatchFetch";
+constexpr const char* LOCK = "fetch.lock";
+constexpr int64 POLL_MS = 200;
+} // namespace
+
+ZqPatchFetch::ZqPatchFetch(const SxString& image_, const SxString& url_, const SxArray<SxString>& headers_)
+    : image(ZqSysEnv::unifySlashes(ZqImageFolder::prefix(image_))),
+      url(url_),
+      headers(headers_) {
+    setThreadName("patch fetch");
+}
+
+void ZqPatchFetch::main() {
+    const auto lock = ZqImageLock::take(image, ZqImageLock::Shape, ZqImageLock::Shared, "patch fetch");
+    const ZqPatchWork work(image);
+    const ZqFileLock alone(work.getPath() + LOCK,
+                           "Another command fetches a patch of image '" + image + "' at the moment",
+                           "Cannot lock the patch of image '" + image + "'");
+    try {
+        fetch(work);
+    } catch (const SxException&) {
+        if (!work.hasCopy()) work.remove();
+        throw;
+    }
+}
+
+void ZqPatchFetch::fetch(const ZqPatchWork& work) {
+    const ZqStopTest stop = [this] { return stopRequested(); };
+    ZqPatchDownload download(work, url, headers);
+    const SxString record = download.fetchRecord(stop);
+    download.fetchLists(record, stop);
+    const ZqPatchParams& params = download.getParams();
+    from = params.fromGUID;
+    to = params.toGUID;
+    nParts = download.getParts().size();
+    const ZqAppParams app(image);
+    alreadyNew = params.isMade(app);
+    if (alreadyNew || !params.isFor(app)) {
+        work.remove();
+        if (alreadyNew) return;
+        throw SxException("The provided patch is not for current version", UNIT, __LINE__);
+    }
+    work.writeOrigin({url, false, SxMd5::get(record)});
+    ZqImageFolder::requireSpace(image, download.getMissing());
+    ZqRunningTask child(&download);
+    while (download.isRunning()) {
+        if (stopRequested()) download.stop();
+        setNTotal(download.getNTotal());
+        setNCurrent(download.getNCurrent());
+        SxWait::pass(POLL_MS, [&] { return !download.isRunning() || stopRequested(); });
+    }
+    child.wait();
+    nFetched = download.getNFetched();
+    if (download.hasException()) throw download.getException();
+    if (!(SxMd5::file(work.getCopy() + ZqPatchFiles::DATA) == params.hashData)) {
+        throw SxException("'" + work.getCopy() + ZqPatchFiles::DATA +
+                              "' hasn't the digest that its patch.json says",
+                          UNIT, __LINE__);
+    }
+    complete = true;
+}
