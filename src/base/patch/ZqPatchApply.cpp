@@ -34,7 +34,6 @@ namespace {
 
 constexpr const char* UNIT = "src/base/patch/ZqPatchApply";
 constexpr const char* JOB = "patch apply";
-constexpr int POLL_MS = 200;
 /// Of records and notes, beside what is counted.
 constexpr uint64 ROOM_FOR_RECORDS = 1 << 20;
 
@@ -242,8 +241,8 @@ SxString ZqPatchApply::takeAddress(const SxString& source, bool isNoted) {
     const SxString digest = SxMd5::get(record);
     ZqFastPatch::refuseOther(image, digest);
     if (ZqFastPatch::isCommitting(image)) return work->getCopy();
-    download->fetchLists(record, stop);
-    if (!isWanted(download->getParams(), digest)) return {};
+    if (!isWanted(download->readRecord(record), digest)) return {};
+    download->fetchLists(stop);
     work->writeOrigin({source, false, digest});
     parts = download->getParts();
     if (!result.isResumed) requireRoom(work->getCopy(), download->getMissing());
@@ -291,7 +290,7 @@ void ZqPatchApply::apply(const SxString& patch) {
         roomBack.emplace(patch + ZqPatchFiles::DATA, progressFile, parts);
         fetching.emplace(download.getPtr());
     }
-    ZqFastPatch fast(image, patch, POLL_MS);
+    ZqFastPatch fast(image, patch, interval);
     fast.runtimeInfo = runtimeInfo;
     {
         ZqRunningTask child(&fast);
@@ -301,7 +300,7 @@ void ZqPatchApply::apply(const SxString& patch) {
             setNTotal(fast.getNTotal());
             setNCurrent(fast.getNCurrent());
             setSpeed(fast.getSpeed());
-            SxWait::pass(POLL_MS, [&] { return !fast.isRunning() || isStopped(); });
+            SxWait::pass(interval, [&] { return !fast.isRunning() || isStopped(); });
         }
         child.wait();
     }

@@ -37,6 +37,9 @@ public:
     /// Gets `patchStats`; not null.
     SxPtr<ZqRuntimeInfo> runtimeInfo;
 
+    /// Milliseconds between two looks at what is under way. Before start().
+    void setInterval(int ms) { interval = ms; }
+
     /// What came of it.
     struct Result {
         SxString from, to;         ///< guids; empty where only the commit was left
@@ -88,6 +91,7 @@ private:
     std::vector<ZqPatchSizes> parts;
     SxString consumed; ///< the folder that goes at the end; empty for none
     Result result;
+    int interval = 200;
     bool complete = false, begun = false;
     bool isTold = false; ///< the failure is one that ZqFastPatch has published
 };

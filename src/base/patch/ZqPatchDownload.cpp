@@ -155,15 +155,21 @@ SxString ZqPatchDownload::fetchRecord(const ZqStopTest& stop) {
     }
 }
 
-void ZqPatchDownload::fetchLists(const SxString& record, const ZqStopTest& stop) {
+const ZqPatchParams& ZqPatchDownload::readRecord(const SxString& record) {
     try {
-        if (!work.hasCopyOf(SxMd5::get(record))) {
-            const SxString staged = work.stage();
-            SxFileIO::writeAtomic(staged + ZqPatchFiles::RECORD, record);
-            const ZqPatchParams readable(staged);
-            work.takeStaged();
-        }
-        params = ZqPatchParams(work.getCopy());
+        const SxString staged = work.stage();
+        SxFileIO::writeAtomic(staged + ZqPatchFiles::RECORD, record);
+        params = ZqPatchParams(staged);
+        digest = SxMd5::get(record);
+        return params;
+    } catch (const SxException& e) {
+        throw SxException(e, "Cannot use the patch at '" + getName() + "'", UNIT, __LINE__);
+    }
+}
+
+void ZqPatchDownload::fetchLists(const ZqStopTest& stop) {
+    try {
+        if (!work.hasCopyOf(digest)) work.takeStaged();
         fetchFile(ZqPatchFiles::MAP_7Z, params.sizeMap, params.hashMap, stop);
         fetchFile(ZqPatchFiles::INFO_7Z, params.sizeInfo, params.hashInfo, stop);
         fetchFile(ZqImageFiles::IMAGE_JSON, ZqRemoteFile::UNKNOWN, {}, stop);

@@ -11,8 +11,8 @@
 #include <vector>
 
 /// Job that brings a patch folder from its server into the private copy of an image's work folder. The owner
-/// calls fetchRecord() and fetchLists() first; main() then brings `patch.data` in its order, so that its
-/// parts can be applied meanwhile. Progress in bytes of that.
+/// calls fetchRecord(), readRecord() and fetchLists() first; main() then brings `patch.data` in its order, so
+/// that its parts can be applied meanwhile. Progress in bytes of that.
 ///
 /// A part's stream ends in the file only once all of it is right: what is wrong is cut off, and fetched once
 /// more over another connection. What a killed run, or a power cut, has left of the file goes on as far as it
@@ -26,12 +26,13 @@ public:
     SxString getName() const;
     /// The text of the server's `patch.json`.
     SxString fetchRecord(const ZqStopTest& stop);
-    /// Brings all but `patch.data` into the private copy, and reads the lists. A copy that is there goes on
-    /// where it is of that patch, and makes way where it is of another.
-    void fetchLists(const SxString& record, const ZqStopTest& stop);
+    /// Reads that text, whatever it came from.
+    const ZqPatchParams& readRecord(const SxString& record);
+    /// After readRecord(): brings all but `patch.data` into the private copy, and reads the lists. A copy
+    /// that is there goes on where it is of that patch, and makes way where it is of another.
+    void fetchLists(const ZqStopTest& stop);
 
     // After fetchLists().
-    const ZqPatchParams& getParams() const { return params; }
     const std::vector<ZqPatchSizes>& getParts() const { return parts; }
     /// Bytes of `patch.data` that are still to come.
     uint64 getMissing() const;
@@ -53,6 +54,7 @@ private:
     const SxString url;
     const SxArray<SxString> headers;
     const SxPtr<ZqNetLink> link = SxPtr<ZqNetLink>::create();
+    SxString digest; ///< MD5 text of patch.json
     ZqPatchParams params;
     std::vector<ZqPatchSizes> parts;
     std::atomic<uint64> nFetched{0};

@@ -45,18 +45,17 @@ void ZqPatchFetch::fetch(const ZqPatchWork& work) {
     const ZqStopTest stop = [this] { return stopRequested(); };
     ZqPatchDownload download(work, url, headers);
     const SxString record = download.fetchRecord(stop);
-    download.fetchLists(record, stop);
-    const ZqPatchParams& params = download.getParams();
+    const ZqPatchParams& params = download.readRecord(record);
     from = params.fromGUID;
     to = params.toGUID;
-    nParts = download.getParts().size();
     const ZqAppParams app(image);
     alreadyNew = params.isMade(app);
-    if (alreadyNew || !params.isFor(app)) {
-        work.remove();
-        if (alreadyNew) return;
+    // What was fetched before is of no use any longer.
+    if (alreadyNew) return work.remove();
+    if (!params.isFor(app))
         throw SxException("The provided patch is not for current version", UNIT, __LINE__);
-    }
+    download.fetchLists(stop);
+    nParts = download.getParts().size();
     work.writeOrigin({url, false, SxMd5::get(record)});
     ZqImageFolder::requireSpace(image, download.getMissing());
     ZqRunningTask child(&download);
