@@ -6,6 +6,7 @@
 #include "SxMd5.h"
 #include "SxTime.h"
 #include "ZqImageFiles.h"
+#include "ZqRunTraces.h"
 #include "ZqSysEnv.h"
 #include "ZqTrace.h"
 
@@ -91,6 +92,7 @@ void ZqPatchTraces::finishPending() const {
     if (SxFSAction::isGone(newPath)) SxFSAction::mv(aside, newPath);
     SxFSAction::syncDir(folder);
     SxFSAction::syncDir(work);
+    ZqRunTraces(image).follow(names(0), names(1));
     if (!SxFSAction::isGone(oldPath)) SxFSAction::rm_r(oldPath);
     SxFSAction::syncDir(folder);
     SxFSAction::rm(note);

@@ -9,6 +9,8 @@
 #include "ZqTraceRecords.h"
 #include "ZqTraceSources.h"
 
+#include <algorithm>
+
 namespace {
 
 constexpr uint64 UNMADE = 0; ///< in the place of the inode of a folder that a mount has yet to make
@@ -59,6 +61,20 @@ void ZqRunTraces::add(const SxString& path, int64 nMost) {
         write({firstKept, entries.end()});
     } catch (const SxException& e) {
         log(SxString("cannot look after the traces of former runs: ") + e.what());
+    }
+}
+
+void ZqRunTraces::follow(const SxString& from, const SxString& to) {
+    try {
+        std::vector<Entry> entries = read();
+        const auto entry = std::find_if(entries.begin(), entries.end(),
+                                        [&](const Entry& each) { return each.name == from; });
+        const auto info = SxFSAction::look(folder + to);
+        if (entry == entries.end() || !info) return;
+        *entry = {info->inode, to};
+        write(entries);
+    } catch (const SxException& e) {
+        log(SxString("cannot note the new name of a trace: ") + e.what());
     }
 }
 

@@ -1,5 +1,6 @@
 #include "PatchedImage.h"
 #include "SxTime.h"
+#include "ZqRunTraces.h"
 
 namespace {
 
@@ -42,6 +43,8 @@ TEST(FastPatch, AnImageBecomesTheNextVersion) {
         image.write(dir);
         dir.write("watched/image/img.tix", "layer");
         dir.write("watched/image/img.idx.md5", "of the old map");
+        ZqRunTraces(SxString(dir.path("watched/image")))
+            .add(SxString(dir.path("watched/image/traces/run")), 0);
         ZqFastPatch job(SxString(dir.path("watched/image")), SxString(dir.path("watched/patch")), 1);
         job.runtimeInfo = SxPtr<ZqRuntimeInfo>::create();
         job.start();
@@ -52,8 +55,11 @@ TEST(FastPatch, AnImageBecomesTheNextVersion) {
         EXPECT_FALSE(dir.exists("watched/image/img.idx.md5"));
         EXPECT_EQ(job.getNCurrent(), job.getNTotal());
         EXPECT_TRUE(job.runtimeInfo->patchStats.started);
-        for (const auto& trace : fs::directory_iterator(dir.path("watched/image/traces")))
+        for (const auto& trace : fs::directory_iterator(dir.path("watched/image/traces"))) {
             EXPECT_EQ(ZqTraceParams(SxString(trace.path().string() + "/")).checksumMnt, "the new build");
+            // It counts as one of the runs' traces as before.
+            EXPECT_THAT(dir.read("watched/image/traces.txt"), HasSubstr(trace.path().filename().string()));
+        }
     }
 }
 
