@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Shows the client at work on a real game: Freedoom's folder becomes an image, the image is cut into parts for
-# delivery, joined again and verified, made a drive of, and played over a slow link while it arrives. Works in a
-# folder of its own and removes it at the end.
+# delivery, joined again and verified, made a drive of, played over a slow link while it arrives, and patched. Works in
+# a folder of its own and removes it at the end.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -71,5 +71,8 @@ if ((EUID == 0)) && [[ -r /dev/fuse ]]; then
 else
     say "Drives are left out: this machine or user has no means for them (root and /dev/fuse)."
 fi
+
+say "The game's next version comes as a patch, of what has changed."
+scripts/demo-patch.sh "$tavrin" "$game" "$work"
 
 say "All of it worked."

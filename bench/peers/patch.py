@@ -53,9 +53,11 @@ def allocated(folder):
     total = 0
     for path in folder.rglob("*"):
         try:
-            total += path.lstat().st_blocks * 512
+            file = path.lstat()
         except FileNotFoundError:
             continue
+        # A file with a second name takes no room of its own.
+        total += file.st_blocks * 512 if file.st_nlink == 1 else 0
     return total
 
 
