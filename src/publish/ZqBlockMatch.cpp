@@ -106,7 +106,7 @@ private:
 };
 
 /// Compares the new items of one stretch with their old ones.
-class Comparison : public SxSystemThread {
+class Comparison {
 public:
     Comparison(const ZqPatchSide& older, const ZqPatchSide& newer, std::span<uint32> matched_, uint32 first_,
                ZqTaskMon* progress_)
@@ -114,12 +114,9 @@ public:
           newReader(newer),
           matched(matched_),
           first(first_),
-          progress(progress_) {
-        setThreadName("patch compare");
-    }
+          progress(progress_) {}
 
-protected:
-    void main() override {
+    void run() {
         for (size_t i = 0; i < matched.size(); ++i) {
             if (matched[i] == NONE) continue;
             oldItems.push_back(matched[i]);
@@ -170,6 +167,6 @@ void ZqBlockMatch::confirm(const ZqPatchSide& older, const ZqPatchSide& newer, s
     }
     ZqJobsTogether together;
     for (const auto& job : jobs)
-        together.start(job.get());
+        together.start("patch compare", [&job] { job->run(); });
     together.wait();
 }

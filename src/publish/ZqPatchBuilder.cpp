@@ -48,24 +48,6 @@ int bestLevel(ZqPatchCompression::Type compression) {
     return 0;
 }
 
-class Scan : public SxSystemThread {
-public:
-    Scan(ZqPatchSide* side_, ZqBlockLikeness* likeness_, ZqTaskMon* progress_)
-        : side(side_),
-          likeness(likeness_),
-          progress(progress_) {
-        setThreadName("patch scan");
-    }
-
-protected:
-    void main() override { side->scan(likeness, progress); }
-
-private:
-    ZqPatchSide* const side;
-    ZqBlockLikeness* const likeness;
-    ZqTaskMon* const progress;
-};
-
 } // namespace
 
 ZqPatchBuilder::ZqPatchBuilder(const SxString& older_, const SxString& newer_, const SxString& patch_,
@@ -108,10 +90,9 @@ void ZqPatchBuilder::build() {
     const bool isReplaced = compression == ZqPatchCompression::REPLACE;
     ZqBlockLikeness likeness;
     {
-        Scan oldScan(&from, isReplaced ? nullptr : &likeness, this), newScan(&to, nullptr, this);
         ZqJobsTogether scans;
-        scans.start(&oldScan);
-        scans.start(&newScan);
+        scans.start("patch scan", [&] { from.scan(isReplaced ? nullptr : &likeness, this); });
+        scans.start("patch scan", [&] { to.scan(nullptr, this); });
         scans.wait();
     }
     std::vector<uint32> matched = ZqBlockMatch::match(from, to);

@@ -34,6 +34,8 @@ namespace {
 
 constexpr const char* UNIT = "src/base/patch/ZqPatchApply";
 constexpr const char* JOB = "patch apply";
+/// Between two looks at whether a part has arrived: a small patch is through in a few of these.
+constexpr int ARRIVAL_MS = 20;
 /// Of records and notes, beside what is counted.
 constexpr uint64 ROOM_FOR_RECORDS = 1 << 20;
 
@@ -290,7 +292,7 @@ void ZqPatchApply::apply(const SxString& patch) {
         roomBack.emplace(patch + ZqPatchFiles::DATA, progressFile, parts);
         fetching.emplace(download.getPtr());
     }
-    ZqFastPatch fast(image, patch, interval);
+    ZqFastPatch fast(image, patch, download ? std::min(interval, ARRIVAL_MS) : interval);
     fast.runtimeInfo = runtimeInfo;
     {
         ZqRunningTask child(&fast);

@@ -8,6 +8,7 @@
 #include "ZqFileSync.h"
 #include "ZqImageFiles.h"
 #include "ZqImageParams.h"
+#include "ZqJobsTogether.h"
 #include "ZqLog.h"
 #include "ZqPatchFiles.h"
 #include "ZqPatchLists.h"
@@ -170,10 +171,16 @@ const ZqPatchParams& ZqPatchDownload::readRecord(const SxString& record) {
 void ZqPatchDownload::fetchLists(const ZqStopTest& stop) {
     try {
         if (!work.hasCopyOf(digest)) work.takeStaged();
-        fetchFile(ZqPatchFiles::MAP_7Z, params.sizeMap, params.hashMap, stop);
-        fetchFile(ZqPatchFiles::INFO_7Z, params.sizeInfo, params.hashInfo, stop);
-        fetchFile(ZqImageFiles::IMAGE_JSON, ZqRemoteFile::UNKNOWN, {}, stop);
-        fetchFile(ZqImageFiles::APP_JSON, ZqRemoteFile::UNKNOWN, {}, stop);
+        // Side by side, so that a round trip is paid once for all.
+        ZqJobsTogether fetches;
+        const auto fetch = [&](const char* name, uint64 size, const SxString& md5) {
+            fetches.start("patch lists", [this, name, size, md5, stop] { fetchFile(name, size, md5, stop); });
+        };
+        fetch(ZqPatchFiles::MAP_7Z, params.sizeMap, params.hashMap);
+        fetch(ZqPatchFiles::INFO_7Z, params.sizeInfo, params.hashInfo);
+        fetch(ZqImageFiles::IMAGE_JSON, ZqRemoteFile::UNKNOWN, {});
+        fetch(ZqImageFiles::APP_JSON, ZqRemoteFile::UNKNOWN, {});
+        fetches.wait();
         const ZqImageParams image(work.getCopy());
         ZqAppParams(work.getCopy()).requireKnownFormat();
         parts = ZqPatchLists::readParts(work.getCopy(), params, work.getPath());
