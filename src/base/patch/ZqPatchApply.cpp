@@ -10,7 +10,7 @@
 #include "ZqFastPatch.h"
 #include "ZqImageFiles.h"
 #include "ZqImageFolder.h"
-#include "ZqImageInfo.h"
+#include "ZqImage.h"
 #include "ZqImageLock.h"
 #include "ZqImageStaging.h"
 #include "ZqJobFailure.h"
@@ -160,7 +160,7 @@ void ZqPatchApply::refuseImage() const {
                               "' is in parts; put them together first: tavrin image join IMAGE",
                           UNIT, __LINE__);
     }
-    if (!ZqImageInfo::isComplete(image)) {
+    if (SxFSAction::sizeOf(zqf) != static_cast<int64>(ZqAppParams(image).sizeZqf)) {
         throw SxException("Image '" + image +
                               "' isn't complete; download the rest of it first: tavrin fetch IMAGE",
                           UNIT, __LINE__);

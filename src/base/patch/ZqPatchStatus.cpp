@@ -85,10 +85,11 @@ SxString ZqPatchStatus::findPatch() {
 void ZqPatchStatus::fetch(const SxString& url) const {
     const auto link = SxPtr<ZqNetLink>::create();
     const auto take = [&](const char* name, uint64 size) {
-        ZqRemoteFile(link, ZqRemoteFile::urlIn(url, name), headers, size)
-            .fetchTo(
-                scratch + name, [this] { return stopRequested(); },
-                size == ZqRemoteFile::UNKNOWN ? MAX_RECORD : size);
+        // A question isn't waited with for a server that is away, as a download is.
+        const auto most = static_cast<int64>(size == ZqRemoteFile::UNKNOWN ? MAX_RECORD : size);
+        const SxArray<char> bytes = ZqRemoteFile(link, ZqRemoteFile::urlIn(url, name), headers, size)
+                                        .get(most, [this] { return stopRequested(); });
+        SxFileIO(scratch + name, "wb").write(bytes);
     };
     try {
         take(ZqPatchFiles::RECORD, ZqRemoteFile::UNKNOWN);
