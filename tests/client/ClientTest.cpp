@@ -467,6 +467,50 @@ TEST_F(ClientTest, verifyComparesWithTheRawImage) {
     EXPECT_EQ(run({"image", "verify", image, "--raw="}).code, 2);
 }
 
+// What scripts rely on: keys, exit codes, and that a second application is no failure.
+TEST_F(ClientTest, patchVerbs) {
+    const string older = makeImage("old");
+    dir.write("src/d", string(4096, 'e'));
+    const Outcome made = run({"content", "create", dir.path("src"), dir.path("new")});
+    ASSERT_EQ(made.code, 0) << made.err;
+    const string newer = dir.path("new"), patch = dir.path("patch");
+    EXPECT_EQ(run({"patch", "create", older, newer, patch, "--compression", "ZSTD", "--level", "23"}).code,
+              2);
+    const Outcome level =
+        run({"patch", "create", older, newer, patch, "--compression", "ZLIB", "--level", "0"});
+    EXPECT_EQ(level.code, 1);
+    EXPECT_THAT(level.err, HasSubstr("Invalid compression level 0 for zlib"));
+    const Outcome created =
+        run({"patch", "create", older, newer, patch, "--compression", "REPLACE", "--json"});
+    ASSERT_EQ(created.code, 0) << created.err;
+    EXPECT_EQ(parseJson(created.out).getElem("blocks").getElem("changed").toInt(), 1);
+    EXPECT_EQ(run({"patch", "verify", patch}).code, 0);
+
+    const Outcome status = run({"patch", "status", older, patch, "--json"});
+    EXPECT_EQ(status.code, 0) << status.err;
+    EXPECT_EQ(parseJson(status.out).getElem("state").toString(), "none");
+    EXPECT_TRUE(parseJson(status.out).getElem("fits").toBool());
+    for (const Words& wrong :
+         std::vector<Words>{{older}, {older, patch, "--resume"}, {older, patch, "--fetch"}})
+        EXPECT_EQ(run({"patch", "apply"}, wrong).code, 2);
+    const Outcome none = run({"patch", "apply", older, "--resume"});
+    EXPECT_EQ(none.code, 1);
+    EXPECT_THAT(none.err, HasSubstr("none to go on with"));
+    const Outcome applied = run({"patch", "apply", older, patch, "--json"});
+    ASSERT_EQ(applied.code, 0) << applied.err;
+    for (const char* key :
+         {"from", "to", "parts", "bytesDownload", "bytesWritten", "bytesExtra", "seconds", "stage", "part"})
+        EXPECT_TRUE(parseJson(applied.out).getElem(key, false).isValid()) << key;
+    EXPECT_EQ(parseJson(applied.out).getElem("stage").toInt(), 6);
+    EXPECT_EQ(run({"patch", "apply", older, patch}).code, 0);
+    ASSERT_EQ(run({"image", "raw", newer, dir.path("raw")}).code, 0);
+    EXPECT_EQ(run({"image", "verify", older, "--raw", dir.path("raw")}).code, 0);
+    EXPECT_EQ(run({"patch", "apply", newer, patch, "--consume"}).code, 0);
+    EXPECT_FALSE(dir.exists("patch"));
+    dir.write("patch/patch.json", "{}");
+    EXPECT_EQ(run({"patch", "verify", patch}).code, 1);
+}
+
 TEST_F(ClientTest, interruptedCreateLeavesNothingBehind) {
     std::filesystem::resize_file(dir.write("long/sparse", ""), uint64{4} << 30);
     const string old = makeImage("old");
