@@ -30,7 +30,7 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, size_t size) {
     }
     SxArray<uint64> idx;
     try {
-        idx = ZqPatchMap::generate(oldIdx, map, nNew, std::span(&part, 1), [] { return false; });
+        idx = ZqPatchMap::generate(oldIdx, 200, map, nNew, std::span(&part, 1), [] { return false; });
     } catch (const SxException&) {
         return 0;
     }

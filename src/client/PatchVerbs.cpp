@@ -3,7 +3,6 @@
 #include "PrivateFolder.h"
 #include "Verbs.h"
 
-#include <tavrin/ZqImageFolder.h>
 #include <tavrin/ZqPatchApply.h>
 #include <tavrin/ZqPatchBuilder.h>
 #include <tavrin/ZqPatchCheck.h>
@@ -146,11 +145,6 @@ int apply(const ApplyOptions& options, Output& out) {
         return ExitUsage;
     }
     if (options.fetch) return fetch(options, out);
-    const uint64 layer = ZqPatchApply::layerBytes(ZqImageFolder::prefix(options.image));
-    if (layer > 0) {
-        out.finding(
-            "What was written to the drive belongs to the old version and goes: " + exactBytes(layer) + ".");
-    }
     ZqPatchApply job(options.image, {options.patch, SxArray<SxString>(options.headers), options.consume});
     const double seconds = runJob(&job, "patch", out);
     if (job.hasFailure()) throw job.getFailure();

@@ -24,30 +24,6 @@ void removeFile(const SxString& path) {
 
 } // namespace
 
-/// Makes one part after the other.
-class ZqPatchStreams::Maker : public SxSystemThread {
-public:
-    explicit Maker(ZqPatchStreams* owner_) : owner(owner_) { setThreadName("patch parts"); }
-
-protected:
-    void main() override {
-        for (size_t part = owner->claim(); part < owner->parts.size(); part = owner->claim()) {
-            Made& result = *owner->made[part];
-            try {
-                owner->make(part);
-                result.isRight = true;
-            } catch (...) {
-                result.isEnded.set();
-                throw;
-            }
-            result.isEnded.set();
-        }
-    }
-
-private:
-    ZqPatchStreams* const owner;
-};
-
 ZqPatchStreams::ZqPatchStreams(const ZqPatchSide& older_, const ZqPatchSide& newer_,
                                const std::vector<ZqPatchPart>& parts_, const SxString& scratch_,
                                ZqPatchCompression::Type compression_, int level_, ZqTaskMon* progress_)
@@ -61,16 +37,27 @@ ZqPatchStreams::ZqPatchStreams(const ZqPatchSide& older_, const ZqPatchSide& new
     for (size_t i = 0; i < parts.size(); ++i)
         made.push_back(std::make_unique<Made>());
     const auto n = std::min(static_cast<size_t>(SxSystemThread::getNCores()), parts.size());
-    for (size_t i = 0; i < n; ++i) {
-        makers.push_back(std::make_unique<Maker>(this));
-        makers.back()->start(6);
-    }
+    for (size_t i = 0; i < n; ++i)
+        makers.start("patch parts", [this] { makeParts(); });
 }
 
 ZqPatchStreams::~ZqPatchStreams() {
     isEnding = true;
-    for (const auto& maker : makers)
-        maker->wait();
+}
+
+/// One after the other, as long as there are any.
+void ZqPatchStreams::makeParts() {
+    for (size_t part = claim(); part < parts.size(); part = claim()) {
+        Made& result = *made[part];
+        try {
+            make(part);
+            result.isRight = true;
+        } catch (...) {
+            result.isEnded.set();
+            throw;
+        }
+        result.isEnded.set();
+    }
 }
 
 /// The next part that nobody makes; their number where there is none.
@@ -130,12 +117,6 @@ void ZqPatchStreams::runTool(size_t part) const {
         removeFile(fileOf(part, what));
 }
 
-void ZqPatchStreams::raiseFailure() const {
-    for (const auto& maker : makers)
-        if (maker->hasException()) throw maker->getException();
-    throw SxException(SxException::STOPPED, "Stopped", UNIT, __LINE__);
-}
-
 ZqPatchInfo ZqPatchStreams::next(const std::function<void(const char* bytes, int64 n)>& take) {
     const size_t part = nTaken++;
     Made& result = *made[part];
@@ -144,9 +125,8 @@ ZqPatchInfo ZqPatchStreams::next(const std::function<void(const char* bytes, int
     }
     if (!result.isRight) {
         isEnding = true;
-        for (const auto& maker : makers)
-            maker->wait();
-        raiseFailure();
+        makers.wait();
+        throw SxException(SxException::STOPPED, "Stopped", UNIT, __LINE__);
     }
     ZqPatchInfo info;
     const auto list = [](const std::vector<uint32>& items) {

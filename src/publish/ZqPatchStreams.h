@@ -2,7 +2,7 @@
 
 #include "SxLatch.h"
 #include "SxMutex.h"
-#include "SxSystemThread.h"
+#include "ZqJobsTogether.h"
 #include "ZqPatchCompression.h"
 #include "ZqPatchInfo.h"
 #include "ZqPatchPlan.h"
@@ -27,20 +27,19 @@ public:
     ZqPatchInfo next(const std::function<void(const char* bytes, int64 n)>& take);
 
 private:
-    class Maker;
     struct Made {
         SxLatch isEnded;
         bool isRight = false; ///< set before the latch
         SxMd5 oldMd5, newMd5;
     };
 
+    void makeParts();
     size_t claim() SX_EXCLUDES(mutex);
     void make(size_t part);
     SxMd5 write(const ZqPatchSide& side, const std::vector<uint32>& items, const SxString& file) const;
     void runTool(size_t part) const;
     SxString fileOf(size_t part, const char* what) const;
     bool isStopped() const;
-    void raiseFailure() const;
 
     const ZqPatchSide &older, &newer;
     const std::vector<ZqPatchPart>& parts;
@@ -53,5 +52,5 @@ private:
     SxMutex mutex;
     size_t nClaimed SX_GUARDED_BY(mutex) = 0;
     std::atomic<bool> isEnding{false};
-    std::vector<std::unique_ptr<Maker>> makers;
+    ZqJobsTogether makers; ///< goes first
 };

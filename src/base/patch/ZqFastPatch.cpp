@@ -8,6 +8,7 @@
 #include "ZqBlocks.h"
 #include "ZqImage.h"
 #include "ZqImageFiles.h"
+#include "ZqImageParams.h"
 #include "ZqJobFailure.h"
 #include "ZqLog.h"
 #include "ZqPatchFiles.h"
@@ -15,6 +16,8 @@
 #include "ZqPatchRoom.h"
 #include "ZqSysEnv.h"
 #include "ZqTimers.h"
+
+#include <algorithm>
 
 namespace {
 
@@ -56,7 +59,7 @@ void ZqFastPatch::main() {
         runtimeInfo->patchStats.end(ZqSysEnv::getSysTime(), runtimeInfo->patchStats.bytes);
     };
     try {
-        run();
+        runAll();
     } catch (const SxException& e) {
         end();
         // What fails because of a stop isn't told.
@@ -67,6 +70,17 @@ void ZqFastPatch::main() {
     end();
 }
 
+/// What the library raises otherwise, as for a lack of memory, is a failure like others.
+void ZqFastPatch::runAll() {
+    try {
+        run();
+    } catch (const SxException&) {
+        throw;
+    } catch (const std::exception& e) {
+        throw SxException(e.what(), UNIT, __LINE__);
+    }
+}
+
 void ZqFastPatch::run() {
     if (isCommitting(imageDir)) {
         performLockFinish();
@@ -75,6 +89,7 @@ void ZqFastPatch::run() {
         return;
     }
     parseMeta();
+    if (stopRequested()) return;
     openDescriptor();
     if (!stopRequested()) {
         uint64 total = 1;
@@ -128,6 +143,10 @@ void ZqFastPatch::openDescriptor() {
     SxMd5 id;
     const std::string text = (patchParams.fromGUID + patchParams.toGUID).str();
     id.update(text.data(), static_cast<int64>(text.size()), static_cast<int64>(text.size()));
+    // A map that a power cut has brought back may be of an order that the image no longer has.
+    for (const char* name : {ZqImageFiles::IDX, ZqImageFiles::IDX_7Z})
+        if (!SxFSAction::isGone(work + name)) SxFSAction::rm(work + name);
+    SxFSAction::syncDir(work);
     progress = ZqPatchProgress();
     progress.patchId = id;
     progress.write(progressFile);
@@ -154,9 +173,32 @@ void ZqFastPatch::checkFreeSpace(const uint64& bytes) {
 /// A design decision: what is still to come at its highest, the image's growth included, and not the plain
 /// sum of all parts, which would lock out a run that goes on with little room left.
 uint64 ZqFastPatch::roomNeeded() const {
-    return ZqPatchRoom::need(ZqPatchSizes::of(parts), progress,
-                             patchParams.compression == ZqPatchCompression::REPLACE, oldApp.sizeIdx / ITEM,
-                             newApp.sizeIdx / ITEM, fileSize(work + ZqImageFiles::IDX) == newApp.sizeIdx);
+    ZqPatchRoom::State state;
+    state.at = progress;
+    state.isReplace = patchParams.compression == ZqPatchCompression::REPLACE;
+    state.sizeIdx = newApp.sizeIdx;
+    state.hasMap = fileSize(work + ZqImageFiles::IDX) == newApp.sizeIdx;
+    state.growth = growth(state.hasMap);
+    const bool isOld = progress.stage == ZqPatchProgress::PrepareOldData;
+    for (const char* what : {OLD_DATA, PATCH_DATA, NEW_DATA})
+        if (isOld == (what == OLD_DATA)) state.partFiles += fileSize(partFile(progress.part, what));
+    return ZqPatchRoom::need(ZqPatchSizes::of(parts), state);
+}
+
+/// Bytes that `img.zqf` still grows by: the slots that new data gets begin with the free ones within it.
+uint64 ZqFastPatch::growth(bool hasMap) const {
+    const uint64 nBlocks = fileSize(imageDir + ZqImageFiles::ZQF) / ZqBlocks::SIZE;
+    uint64 end = 0;
+    if (hasMap) {
+        for (const uint64 slot : ZqImage::readEntries(work + ZqImageFiles::IDX))
+            if (slot != ZqImage::NO_ENTRY) end = std::max(end, slot + 1);
+    } else {
+        for (const uint64 item : ZqImage::readEntries(work + ZqPatchFiles::MAP))
+            end += item != ZqImage::NO_ENTRY;
+        for (const ZqPatchInfo& part : parts)
+            end += static_cast<uint64>(part.newMap.getSize());
+    }
+    return end > nBlocks ? (end - nBlocks) * ZqBlocks::SIZE : 0;
 }
 
 void ZqFastPatch::parseMeta() {
@@ -168,6 +210,7 @@ void ZqFastPatch::parseMeta() {
             newApp.read(patchDir);
             if (!patchParams.isFor(oldApp))
                 throw SxException("The provided patch is not for current version", UNIT, __LINE__);
+            requireNew();
             requirePatch();
         }
         SxFSAction::mkdir_p(work, 0777);
@@ -175,8 +218,10 @@ void ZqFastPatch::parseMeta() {
             extract(ZqPatchFiles::MAP_7Z, ZqPatchFiles::MAP, patchParams.sizeMap, patchParams.hashMap);
             // The map of the traces is read there.
             const SxString copy = patchDir + ZqPatchFiles::MAP;
-            if (!SxFSAction::isGone(copy)) SxFSAction::rm(copy);
-            SxFSAction::cp(work + ZqPatchFiles::MAP, copy);
+            if (SxFSAction::sizeOf(copy) != SxFSAction::sizeOf(work + ZqPatchFiles::MAP)) {
+                if (!SxFSAction::isGone(copy)) SxFSAction::rm(copy);
+                SxFSAction::cp(work + ZqPatchFiles::MAP, copy);
+            }
         }
         if (!stopRequested())
             extract(ZqPatchFiles::INFO_7Z, ZqPatchFiles::INFO, patchParams.sizeInfo, patchParams.hashInfo);
@@ -193,6 +238,16 @@ void ZqFastPatch::parseMeta() {
     } catch (const SxException& e) {
         throw SxException(e, "Failed to parse meta data", UNIT, __LINE__);
     }
+}
+
+/// The records of the new version are put in place at the end, when nothing can be taken back.
+void ZqFastPatch::requireNew() const {
+    const ZqImageParams image(patchDir);
+    newApp.requireKnownFormat();
+    if (patchParams.isNew(newApp)) return;
+    throw SxException("'" + patchDir + ZqImageFiles::APP_JSON +
+                          "' isn't that of the version that its patch.json names",
+                      UNIT, __LINE__);
 }
 
 /// The work folder belongs to one patch, of which it keeps the record.
@@ -231,6 +286,7 @@ void ZqFastPatch::takeBack(const SxString& image) {
     if (!SxFSAction::isGone(file)) SxFSAction::rm(file);
     SxFSAction::syncDir(image);
     if (!SxFSAction::isGone(image + WORK)) SxFSAction::rm_r(image + WORK);
+    SxFSAction::syncDir(image);
 }
 
 bool ZqFastPatch::isBegun(const SxString& image) {
@@ -292,11 +348,14 @@ void ZqFastPatch::generateMap() {
                 }
             };
             oldIdx = read(imageDir + ZqImageFiles::IDX, nOld, "", "Failed to read img.idx of old image");
+            requireOldMap();
             const SxArray<uint64> map =
                 read(work + ZqPatchFiles::MAP, nOld, "Invalid number of map items read",
                      "Failed to read map.idx patch map data");
             if (stopRequested()) return;
-            newIdx = ZqPatchMap::generate(oldIdx, map, nNew, parts, [this] { return stopRequested(); });
+            const uint64 nBlocks = fileSize(imageDir + ZqImageFiles::ZQF) / ZqBlocks::SIZE;
+            newIdx =
+                ZqPatchMap::generate(oldIdx, nBlocks, map, nNew, parts, [this] { return stopRequested(); });
             if (stopRequested()) return;
             writeNewMap("img.idx.new");
         }
@@ -304,6 +363,13 @@ void ZqFastPatch::generateMap() {
     } catch (const SxException& e) {
         throw SxException(e, "Could not generate block mapping", UNIT, __LINE__);
     }
+}
+
+/// One that was unpacked from an archive may be that of a former version.
+void ZqFastPatch::requireOldMap() const {
+    const SxString file = imageDir + ZqImageFiles::IDX;
+    if (oldApp.checksumIdx.isEmpty() || SxMd5::file(file) == oldApp.checksumIdx) return;
+    throw SxException("'" + file + "' hasn't the digest that its app.json says", UNIT, __LINE__);
 }
 
 void ZqFastPatch::readMaps() {

@@ -9,6 +9,7 @@
 #include "ZqRuntimeInfo.h"
 #include "ZqTaskMon.h"
 
+#include <functional>
 #include <vector>
 
 class ZqFileCopyTask;
@@ -74,12 +75,15 @@ public:
 
 private:
     using Stage = ZqPatchProgress::Stage;
+    // A part's files in the work folder.
+    static constexpr const char *OLD_DATA = "oldData", *PATCH_DATA = "patchData", *NEW_DATA = "newData";
     /// A step of a part, as its log lines and its descriptor have it.
     struct Step {
         Stage stage;
         const char *prefix, *skipText, *runText;
     };
 
+    void runAll();
     void run();
     void runParts();
     void openDescriptor();
@@ -88,12 +92,18 @@ private:
     void setDescriptor(Stage stage, uint32 part);
     bool begin(const Step& step, uint32 part, uint64 bytes);
     void logStep(const Step& step, const char* text, uint32 part) const;
+    template<class Task>
+    void runTask(Task* task, const std::function<uint64()>& nDone, const SxString& failure);
     void runCopy(ZqFileCopyTask* task, const SxString& failure);
     void requireDigest(const SxMd5& expected, const SxMd5& actual, const char* what) const;
+    void takeStreamAgain(uint32 part);
     void requireOutput(const SxString& file, const ZqPatchInfo& info) const;
     SxString partFile(uint32 part, const char* what) const;
     bool isLastPart(uint32 part) const { return part + 1 >= parts.size(); }
     uint64 roomNeeded() const;
+    uint64 growth(bool hasMap) const;
+    void requireNew() const;
+    void requireOldMap() const;
     void readMaps();
     void writeNewMap(const SxString& name) const;
     void squash();

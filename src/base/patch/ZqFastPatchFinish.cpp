@@ -14,6 +14,8 @@
 #include "ZqSysEnv.h"
 #include "ZqTimers.h"
 
+#include <optional>
+
 // The end of a patch: the file is compacted, what was true of the old version goes or is carried over, and
 // the new records take their places.
 
@@ -31,10 +33,20 @@ void syncFile(const SxString& path) {
     SxFileIO(path, "rb").sync();
 }
 
+uint64 sizeOf(const SxString& path) {
+    const int64 size = SxFSAction::sizeOf(path);
+    if (size < 0) throw SxException("File " + path + " not found", UNIT, __LINE__);
+    return static_cast<uint64>(size);
+}
+
 /// Replaces the target as a whole.
 void replace(const SxString& from, const SxString& to) {
     const SxString aside = to + ".tmp";
     SxFSAction::cp(from, aside);
+    // Whoever could read the image can read it after.
+    const std::optional<SxStat> old = SxFSAction::look(to);
+    SxOs::get().setPermissions(SxOs::hostPath(aside),
+                               old && old->kind == SxStat::File ? old->permissions : 0644);
     SxFSAction::mv(aside, to);
 }
 
@@ -54,9 +66,8 @@ void ZqFastPatch::finalizePatch() {
         log("Clean RTW layer");
         removeLayer();
         try {
-            ZqPatchTraces(imageDir, patchDir, work, oldApp.checksumMnt).map([](const SxString& text) {
-                log(text);
-            });
+            ZqPatchTraces(imageDir, patchDir, work, oldApp.checksumMnt)
+                .map([](const SxString& text) { log(text); }, [this] { return stopRequested(); });
         } catch (const SxException& e) {
             throw SxException(e, "Cannot map traces to patched image", UNIT, __LINE__);
         }
@@ -67,12 +78,12 @@ void ZqFastPatch::finalizePatch() {
 
 void ZqFastPatch::squash() {
     const SxString zqf = imageDir + ZqImageFiles::ZQF;
-    const uint64 nBlocks = static_cast<uint64>(SxFSAction::sizeOf(zqf)) / BLOCK;
+    const uint64 nBlocks = sizeOf(zqf) / BLOCK;
     const uint64 nUsed = ZqPatchMap::countUsed(newIdx);
     if (nUsed >= nBlocks) return;
     const SxArray<ZqFileCopyTask::Range> ranges = ZqPatchSquash::plan(&newIdx, nBlocks);
     {
-        ZqFileCopyTask task(zqf, zqf, ranges);
+        ZqFileCopyTask task(zqf, zqf, ranges.getSize(), [&](int64 i) { return ranges(i); });
         runCopy(&task, "Failed to squash [" + zqf + "]");
     }
     if (stopRequested()) return;
@@ -124,7 +135,7 @@ void ZqFastPatch::performLockFinish() {
 void ZqFastPatch::generateMeta() {
     try {
         const SxString zqf = imageDir + ZqImageFiles::ZQF;
-        newApp.sizeZqf = static_cast<uint64>(SxFSAction::sizeOf(zqf));
+        newApp.sizeZqf = sizeOf(zqf);
         newApp.checksumIdx = SxMd5::file(work + ZqImageFiles::IDX);
         newApp.write(work);
         for (const SxString& file : {zqf, work + ZqImageFiles::APP_JSON, work + ZqImageFiles::IDX})

@@ -20,7 +20,6 @@ namespace {
 
 constexpr const char* UNIT = "src/base/patch/ZqFastPatchParts";
 constexpr uint64 BLOCK = ZqBlocks::SIZE;
-constexpr const char *OLD_DATA = "oldData", *PATCH_DATA = "patchData", *NEW_DATA = "newData";
 constexpr uint64 MAX_SLOT = uint64{1} << 40;
 using Range = ZqFileCopyTask::Range;
 
@@ -69,13 +68,15 @@ bool ZqFastPatch::begin(const Step& step, uint32 part, uint64 bytes) {
     return false;
 }
 
-void ZqFastPatch::runCopy(ZqFileCopyTask* task, const SxString& failure) {
+/// Runs a child job, and counts what `nDone` says that it has done.
+template<class Task>
+void ZqFastPatch::runTask(Task* task, const std::function<uint64()>& nDone, const SxString& failure) {
     ZqRunningTask child(task);
     uint64 last = 0;
     const auto count = [&] {
-        const uint64 now = task->getNCurrent();
-        addNCurrent(now - last);
-        last = now;
+        const uint64 now = nDone();
+        if (now > last) addNCurrent(now - last);
+        last = std::max(last, now);
     };
     while (task->isRunning()) {
         if (stopRequested()) {
@@ -88,6 +89,11 @@ void ZqFastPatch::runCopy(ZqFileCopyTask* task, const SxString& failure) {
     child.wait();
     if (task->hasException()) throw SxException(task->getException(), failure, UNIT, __LINE__);
     count();
+}
+
+void ZqFastPatch::runCopy(ZqFileCopyTask* task, const SxString& failure) {
+    runTask(
+        task, [task] { return task->getNCurrent(); }, failure);
 }
 
 void ZqFastPatch::requireDigest(const SxMd5& expected, const SxMd5& actual, const char* what) const {
@@ -162,38 +168,28 @@ void ZqFastPatch::applyPatchData(uint32 part) {
                              SxFSAction::isGone(patchFile) && !SxFSAction::isGone(newFile);
         if (!isMoved) removeFile(newFile);
         logStep(STEP, STEP.runText, part);
-        uint64 last = 0;
-        const auto count = [&] {
-            const auto now = static_cast<uint64>(std::max<int64>(SxFSAction::sizeOf(newFile), 0));
-            if (now > last) addNCurrent(now - last);
-            last = std::max(last, now);
-        };
-        if (!isMoved) {
+        if (isMoved) {
+            addNCurrent(ZqPatchSizes(info).newBytes);
+        } else {
             ZqPatchTask task(oldFile, newFile, patchFile, patchParams.compression);
-            ZqRunningTask child(&task);
-            while (task.isRunning()) {
-                if (stopRequested()) {
-                    task.stop();
-                    break;
-                }
-                count();
-                SxWait::pass(interval, [&] { return !task.isRunning() || stopRequested(); });
-            }
-            child.wait();
-            if (task.hasException()) {
-                throw SxException(task.getException(),
-                                  "Failed to apply [" + patchFile + "] on [" + oldFile + "] to generate [" +
-                                      newFile + "]",
-                                  UNIT, __LINE__);
-            }
+            runTask(
+                &task, [&] { return static_cast<uint64>(std::max<int64>(SxFSAction::sizeOf(newFile), 0)); },
+                "Failed to apply [" + patchFile + "] on [" + oldFile + "] to generate [" + newFile + "]");
         }
-        count();
         requireOutput(newFile, info);
         if (stopRequested()) return;
         setDescriptor(ZqPatchProgress::CopyNewData, part);
     } catch (const SxException& e) {
+        if (!stopRequested()) takeStreamAgain(part);
         throw SxException(e, "Failed to apply data.", UNIT, __LINE__);
     }
+}
+
+/// A stream that has gone bad since it was taken is taken again by the next run.
+void ZqFastPatch::takeStreamAgain(uint32 part) {
+    const SxString file = partFile(part, PATCH_DATA);
+    if (!SxFSAction::isGone(file) && SxMd5::file(file) == parts[part].patchMd5.toString()) return;
+    setDescriptor(ZqPatchProgress::PreparePatchData, part);
 }
 
 /// A design decision: the output is compared before it goes into the image, and not on its way there: what is
@@ -242,6 +238,7 @@ void ZqFastPatch::cleanupPart(uint32 part) {
         if (!begin(STEP, part, 0)) return;
         for (const char* what : {OLD_DATA, NEW_DATA, PATCH_DATA})
             removeFile(partFile(part, what));
+        SxFSAction::syncDir(work);
         const bool isLast = isLastPart(part);
         setDescriptor(isLast ? ZqPatchProgress::FinalizePatch : ZqPatchProgress::PreparePatchData,
                       isLast ? 0 : part + 1);

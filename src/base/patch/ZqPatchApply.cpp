@@ -8,13 +8,14 @@
 #include "ZqAppParams.h"
 #include "ZqBlocks.h"
 #include "ZqFastPatch.h"
+#include "ZqImage.h"
 #include "ZqImageFiles.h"
 #include "ZqImageFolder.h"
-#include "ZqImage.h"
 #include "ZqImageLock.h"
 #include "ZqImageStaging.h"
 #include "ZqJobFailure.h"
 #include "ZqLog.h"
+#include "ZqOptimizeFolder.h"
 #include "ZqPatchDownload.h"
 #include "ZqPatchFiles.h"
 #include "ZqPatchLists.h"
@@ -24,6 +25,7 @@
 #include "ZqPatchWork.h"
 #include "ZqRunningTask.h"
 #include "ZqStreamRecord.h"
+#include "ZqSyncedSize.h"
 #include "ZqSysEnv.h"
 #include "ZqUrlText.h"
 
@@ -91,25 +93,31 @@ void ZqPatchApply::run() {
         throw SxException("'" + image + "' holds no image", UNIT, __LINE__);
     const auto lock = ZqImageLock::takeAnyState(image, ZqImageLock::Shape, ZqImageLock::Exclusive, JOB);
     ZqImageLock::refuseOptimisation(image);
-    result.isResumed = ZqFastPatch::isBegun(image);
+    const bool wasBegun = ZqFastPatch::isBegun(image);
+    result.isResumed = wasBegun;
     result.bytesLayer = layerBytes(image);
     const bool hadCopy = work->hasCopy();
     try {
         const SxString patch = takePatch();
         if (!result.isAlreadyNew) apply(patch);
     } catch (const SxException& e) {
-        if (!e.hasTag(SxException::STOPPED)) takeBack(hadCopy);
+        // A stop is gone on from, as soon as there is something to go on with; and what an earlier run has
+        // begun doesn't go because of a mistyped name.
+        const bool isStop = e.hasTag(SxException::STOPPED);
+        if (isApplying ? !isStop : !wasBegun) takeBack(hadCopy);
         noteEnd();
         throw;
     }
     noteEnd();
-    if (!isStopped() && !begun) tidyUp();
+    // A stop may come too late.
+    if (!begun && (!isStopped() || wanted.isMade(ZqAppParams(image)))) tidyUp();
 }
 
 /// After a failure that has changed nothing the image is what it was, and can be played.
 void ZqPatchApply::takeBack(bool hadCopy) const {
     if (!ZqFastPatch::isUntouched(image)) return;
     ZqFastPatch::takeBack(image);
+    work->removeStaged();
     // What was downloaded goes on.
     const bool isFetched = download && SxFSAction::sizeOf(work->getCopy() + ZqPatchFiles::DATA) > 0;
     if (!hadCopy && !isFetched) work->remove();
@@ -129,7 +137,8 @@ void ZqPatchApply::noteEnd() {
 void ZqPatchApply::tidyUp() {
     for (const SxString& folder : {image + ZqFastPatch::WORK, consumed})
         if (!folder.isEmpty() && !SxFSAction::isGone(folder)) SxFSAction::rm_r(folder);
-    work->remove();
+    // One that was fetched may be the next.
+    if (!result.isAlreadyNew || !work->hasCopy() || work->hasCopyOf(digest)) work->remove();
     SxFSAction::syncDir(image);
     if (!result.isAlreadyNew) result.stage = ZqPatchProgress::PerformLockFinish;
     complete = true;
@@ -154,6 +163,14 @@ void ZqPatchApply::refuseImage() const {
                           UNIT, __LINE__);
     }
     if (result.isResumed) return;
+    // Also where somebody has removed its lock.
+    if (ZqOptimizeFolder(image).state() > ZqOptimizeFolder::CopyBegun) {
+        throw SxException(
+            "Image '" + image +
+                "' is in the middle of an optimisation; go on with: tavrin image optimize IMAGE "
+                "--resume",
+            UNIT, __LINE__);
+    }
     const ZqImage::SplitState storage = ZqImage(image).getSplitState();
     if (storage.split || storage.joining) {
         throw SxException("Image '" + image +
@@ -163,6 +180,12 @@ void ZqPatchApply::refuseImage() const {
     if (SxFSAction::sizeOf(zqf) != static_cast<int64>(ZqAppParams(image).sizeZqf)) {
         throw SxException("Image '" + image +
                               "' isn't complete; download the rest of it first: tavrin fetch IMAGE",
+                          UNIT, __LINE__);
+    }
+    if (ZqSyncedSize(zqf).hasLoss()) {
+        throw SxException("The disk of '" + zqf +
+                              "' has failed to take bytes of it, so that blocks of it may be wrong; they are "
+                              "fetched again after the next start of the machine",
                           UNIT, __LINE__);
     }
     ZqStreamRecord record;
@@ -177,7 +200,7 @@ void ZqPatchApply::refuseImage() const {
 SxString ZqPatchApply::takePatch() {
     refuseImage();
     if (!options.patch.isEmpty()) {
-        if (ZqUrlText::isAddress(options.patch)) return takeAddress(options.patch, false);
+        if (ZqUrlText::isAddress(options.patch)) return takeAddress(options.patch, {});
         return takeFolder(realPath(options.patch), options.isConsumed);
     }
     if (!work->hasOrigin()) {
@@ -187,16 +210,31 @@ SxString ZqPatchApply::takePatch() {
             UNIT, __LINE__);
     }
     const ZqPatchOrigin origin = work->readOrigin();
-    if (ZqUrlText::isAddress(origin.source)) return takeAddress(origin.source, true);
+    wanted.toGUID = origin.toGUID;
+    wanted.toMnt = origin.toMnt;
+    // The end was cut off when the patch had gone already.
+    result.isAlreadyNew = !result.isResumed && wanted.isMade(ZqAppParams(image));
+    if (result.isAlreadyNew) {
+        digest = origin.digest;
+        return {};
+    }
+    if (ZqUrlText::isAddress(origin.source)) return takeAddress(origin.source, origin.digest);
     const bool isOwn = !origin.isConsumed && work->hasCopyOf(origin.digest);
     return takeFolder(isOwn ? work->getCopy() : origin.source, origin.isConsumed);
 }
 
-/// Whether there is something to do, by the record of the patch.
-bool ZqPatchApply::isWanted(const ZqPatchParams& params, const SxString& digest) {
+/// Whether there is something to do, by the record of the patch, whose digest is `digest`.
+bool ZqPatchApply::isWanted(const ZqPatchParams& params) {
+    wanted = params;
     result.from = params.fromGUID;
     result.to = params.toGUID;
     ZqFastPatch::refuseOther(image, digest);
+    if (result.isResumed && !(ZqFastPatch::begunPatch(image) == digest)) {
+        // The image is what it was, as if no patch had been begun.
+        ZqFastPatch::takeBack(image);
+        result.isResumed = false;
+        refuseImage();
+    }
     if (result.isResumed) return true;
     const ZqAppParams app(image);
     result.isAlreadyNew = params.isMade(app);
@@ -212,40 +250,41 @@ SxString ZqPatchApply::takeFolder(const SxString& folder, bool isConsumed) {
         requireOnlyPatch(folder);
         consumed = folder;
     }
-    const SxString digest = SxMd5::file(folder + ZqPatchFiles::RECORD);
+    digest = SxMd5::file(folder + ZqPatchFiles::RECORD);
     const ZqPatchParams params(folder);
-    if (!isWanted(params, digest)) return {};
-    SxString patch = folder;
-    if (!isConsumed && !isOwn) {
-        // One that was downloaded may have given room back, so it isn't exchanged for one that is whole.
-        if (!work->hasCopyOf(digest) || !result.isResumed) work->takeFolder(folder);
-        patch = work->getCopy();
-    }
-    if (!isOwn) work->writeOrigin({folder, isConsumed, digest});
+    if (!isWanted(params)) return {};
+    if (!isOwn) work->writeOrigin({folder, isConsumed, digest, params.toGUID, params.toMnt});
+    // Also where there is a copy, which may be the reason why somebody gives the patch again.
+    if (!isOwn && !isConsumed) work->takeFolder(folder);
+    const SxString patch = isConsumed ? folder : work->getCopy();
     if (!result.isResumed) requireWhole(patch, params);
     return patch;
 }
 
-SxString ZqPatchApply::takeAddress(const SxString& source, bool isNoted) {
+/// `noted`: the digest of the patch that was begun, or fetched before, from there; or empty.
+SxString ZqPatchApply::takeAddress(const SxString& source, const SxString& noted) {
     const ZqStopTest stop = [this] { return isStopped(); };
     download = SxPtr<ZqPatchDownload>::create(*work, source, options.headers);
+    const SxString own = work->getCopy() + ZqPatchFiles::RECORD;
     SxString record;
-    try {
-        // Where the patch was begun, or fetched before, what the server sends later is compared with that.
-        if (!isNoted) record = download->fetchRecord(stop);
-    } catch (const SxException& e) {
-        const bool isKept = work->hasCopy() && work->hasOrigin() && work->readOrigin().source == source;
-        if (!ZqNetLink::isAway(e) || !isKept) throw;
-        zqLogMsg("base", "ZqPatchApply : goes on with what was fetched: " +
-                             e.toString(SxException::ShowMessage, ": "));
+    if (!noted.isEmpty() && work->hasCopyOf(noted)) {
+        record = SxFileIO::readUtf8(own);
+    } else {
+        try {
+            record = download->fetchRecord(stop);
+        } catch (const SxException& e) {
+            const bool isKept = work->hasCopy() && work->hasOrigin() && work->readOrigin().source == source;
+            if (!ZqNetLink::isAway(e) || !isKept) throw;
+            zqLogMsg("base", "ZqPatchApply : goes on with what was fetched: " +
+                                 e.toString(SxException::ShowMessage, ": "));
+            record = SxFileIO::readUtf8(own);
+        }
     }
-    if (record.isEmpty()) record = SxFileIO::readUtf8(work->getCopy() + ZqPatchFiles::RECORD);
-    const SxString digest = SxMd5::get(record);
-    ZqFastPatch::refuseOther(image, digest);
-    if (ZqFastPatch::isCommitting(image)) return work->getCopy();
-    if (!isWanted(download->readRecord(record), digest)) return {};
+    digest = SxMd5::get(record);
+    if (!isWanted(download->readRecord(record))) return {};
+    if (ZqFastPatch::isCommitting(image) && work->hasCopyOf(digest)) return work->getCopy();
+    work->writeOrigin({source, false, digest, wanted.toGUID, wanted.toMnt});
     download->fetchLists(stop);
-    work->writeOrigin({source, false, digest});
     parts = download->getParts();
     if (!result.isResumed) requireRoom(work->getCopy(), download->getMissing());
     return work->getCopy();
@@ -260,26 +299,24 @@ void ZqPatchApply::requireWhole(const SxString& patch, const ZqPatchParams& para
     }
     setNTotal(params.sizeData);
     SxFileIO data(file, "rb");
-    const SxString digest = SxMd5::file(&data, [this](int64 n) {
+    const SxString md5 = SxMd5::file(&data, [this](int64 n) {
         addNCurrent(static_cast<uint64>(n));
         return !isStopped();
     });
     if (isStopped()) throw SxException(SxException::STOPPED, "Stopped", UNIT, __LINE__);
-    if (!(digest == params.hashData))
+    if (!(md5 == params.hashData))
         throw SxException("'" + file + "' hasn't the digest that its patch.json says", UNIT, __LINE__);
     requireRoom(patch, 0);
 }
 
 void ZqPatchApply::requireRoom(const SxString& patch, uint64 nToCome) {
-    const ZqAppParams from(image), to(patch);
-    const bool isReplace = ZqPatchParams(patch).compression == ZqPatchCompression::REPLACE;
-    result.bytesExtra = ROOM_FOR_RECORDS + nToCome +
-                        ZqPatchRoom::need(parts, ZqPatchProgress(), isReplace, from.sizeIdx / sizeof(uint64),
-                                          to.sizeIdx / sizeof(uint64), false);
+    result.bytesExtra =
+        ROOM_FOR_RECORDS + nToCome + ZqPatchRoom::need(parts, ZqPatchLists::stateAtStart(image, patch));
     ZqImageFolder::requireSpace(image, result.bytesExtra);
 }
 
 void ZqPatchApply::apply(const SxString& patch) {
+    isApplying = true;
     const SxString progressFile = image + ZqImageFiles::PATCH_PROGRESS,
                    info = image + ZqFastPatch::WORK + ZqPatchFiles::INFO;
     if (parts.empty() && !SxFSAction::isGone(info)) parts = ZqPatchSizes::of(ZqPatchInfo::read(info));
@@ -308,13 +345,25 @@ void ZqPatchApply::apply(const SxString& patch) {
     }
     if (download) result.bytesDownload = download->getNFetched();
     count(start);
-    if (fetching) {
-        if (download->hasException() && !isStopped()) throw download->getException();
-        if (isStopped() || fast.hasException()) download->stop();
-        fetching->wait();
-    }
+    if (fetching) finishDownload(fast);
     isTold = fast.hasException();
     if (isTold) throw fast.getException();
+}
+
+/// Whatever is still under way is needed no longer, or by the next run.
+void ZqPatchApply::finishDownload(const ZqFastPatch& fast) {
+    const bool hasFailed = download->hasException() && !isStopped();
+    download->stop();
+    download->wait();
+    if (fast.hasException()) {
+        ZqPatchProgress at;
+        const SxString file = image + ZqImageFiles::PATCH_PROGRESS;
+        if (!SxFSAction::isGone(file)) at.read(file);
+        if (at.stage == ZqPatchProgress::PreparePatchData && at.part < parts.size())
+            download->cutWrong(at.part);
+    } else if (hasFailed && ZqFastPatch::isBegun(image)) {
+        throw download->getException();
+    }
 }
 
 /// The new blocks that this run has put into the image.

@@ -2,13 +2,14 @@
 
 #include "SxArray.h"
 #include "SxPtr.h"
+#include "ZqPatchParams.h"
 #include "ZqRuntimeInfo.h"
 #include "ZqTaskMon.h"
 
 #include <vector>
 
+class ZqFastPatch;
 class ZqPatchDownload;
-class ZqPatchParams;
 class ZqPatchProgress;
 class ZqPatchWork;
 struct ZqPatchSizes;
@@ -74,11 +75,12 @@ private:
     /// where there is nothing to do.
     SxString takePatch();
     SxString takeFolder(const SxString& folder, bool isConsumed);
-    SxString takeAddress(const SxString& source, bool isNoted);
-    bool isWanted(const ZqPatchParams& params, const SxString& digest);
+    SxString takeAddress(const SxString& source, const SxString& noted);
+    bool isWanted(const ZqPatchParams& params);
     void requireWhole(const SxString& patch, const ZqPatchParams& params);
     void requireRoom(const SxString& patch, uint64 nToCome);
     void apply(const SxString& patch);
+    void finishDownload(const ZqFastPatch& fast);
     void count(const ZqPatchProgress& start);
     void noteEnd();
     void tidyUp();
@@ -89,7 +91,10 @@ private:
     const SxPtr<ZqPatchWork> work;
     SxPtr<ZqPatchDownload> download; ///< null without an address
     std::vector<ZqPatchSizes> parts;
-    SxString consumed; ///< the folder that goes at the end; empty for none
+    SxString consumed;    ///< the folder that goes at the end; empty for none
+    ZqPatchParams wanted; ///< of the patch
+    SxString digest;      ///< MD5 text of its patch.json
+    bool isApplying = false;
     Result result;
     int interval = 200;
     bool complete = false, begun = false;

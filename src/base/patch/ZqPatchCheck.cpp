@@ -71,6 +71,10 @@ bool ZqPatchCheck::readRecords() {
         const ZqAppParams app(patch);
         app.requireKnownFormat();
         nNew = app.sizeIdx / sizeof(uint64);
+        if (!params.isNew(app))
+            throw SxException("'" + patch + ZqImageFiles::APP_JSON +
+                                  "' isn't that of the version that its patch.json names",
+                              UNIT, __LINE__);
     });
     return faults.isEmpty();
 }

@@ -17,10 +17,10 @@ constexpr int64 REPORT_MS = 1000;
 void runReported(ZqDiffTask* task) {
     const int64 startTime = ZqSysEnv::getSysTime();
     task->start(6);
-    while (task->isRunning() && !task->hasException()) {
+    do {
         ZqSysEnv::logProgress(0, 1, startTime, "task", "Compute_Diff");
         SxWait::pass(REPORT_MS, [&] { return !task->isRunning(); });
-    }
+    } while (task->isRunning() && !task->hasException());
     task->wait();
     ZqSysEnv::logProgress(1, 1, startTime, "task", "Compute_Diff");
 }

@@ -7,6 +7,7 @@
 #include "ZqAppParams.h"
 #include "ZqFileSync.h"
 #include "ZqImageFiles.h"
+#include "ZqImageFolder.h"
 #include "ZqImageParams.h"
 #include "ZqJobsTogether.h"
 #include "ZqLog.h"
@@ -16,6 +17,7 @@
 #include "ZqUrlText.h"
 
 #include <algorithm>
+#include <optional>
 
 namespace {
 
@@ -170,7 +172,10 @@ const ZqPatchParams& ZqPatchDownload::readRecord(const SxString& record) {
 
 void ZqPatchDownload::fetchLists(const ZqStopTest& stop) {
     try {
-        if (!work.hasCopyOf(digest)) work.takeStaged();
+        // What shares its bytes with files of the user is never written to.
+        const std::optional<SxStat> data = SxFSAction::look(fileOf(ZqPatchFiles::DATA));
+        if (!work.hasCopyOf(digest) || (data && data->nNames != 1)) work.takeStaged();
+        work.removeStaged();
         // Side by side, so that a round trip is paid once for all.
         ZqJobsTogether fetches;
         const auto fetch = [&](const char* name, uint64 size, const SxString& md5) {
@@ -181,11 +186,28 @@ void ZqPatchDownload::fetchLists(const ZqStopTest& stop) {
         fetch(ZqImageFiles::IMAGE_JSON, ZqRemoteFile::UNKNOWN, {});
         fetch(ZqImageFiles::APP_JSON, ZqRemoteFile::UNKNOWN, {});
         fetches.wait();
-        const ZqImageParams image(work.getCopy());
-        ZqAppParams(work.getCopy()).requireKnownFormat();
+        requireRecords();
         parts = ZqPatchLists::readParts(work.getCopy(), params, work.getPath());
     } catch (const SxException& e) {
         throw SxException(e, "Cannot fetch the patch at '" + getName() + "'", UNIT, __LINE__);
+    }
+}
+
+/// They have no digest that says whether they are right. What a portal has sent instead comes anew next time.
+void ZqPatchDownload::requireRecords() const {
+    try {
+        const ZqImageParams image(work.getCopy());
+        const ZqAppParams app(work.getCopy());
+        app.requireKnownFormat();
+        if (!params.isNew(app)) {
+            throw SxException("'" + fileOf(ZqImageFiles::APP_JSON) +
+                                  "' isn't that of the version that its patch.json names",
+                              UNIT, __LINE__);
+        }
+    } catch (const SxException&) {
+        for (const char* name : {ZqImageFiles::IMAGE_JSON, ZqImageFiles::APP_JSON})
+            SxFSAction::rm(fileOf(name));
+        throw;
     }
 }
 
@@ -197,6 +219,7 @@ void ZqPatchDownload::fetchFile(const char* name, uint64 size, const SxString& m
         if (size == ZqRemoteFile::UNKNOWN) return;
         if (static_cast<uint64>(SxFSAction::sizeOf(path)) == size && isRight()) return;
     }
+    if (size != ZqRemoteFile::UNKNOWN) ZqImageFolder::requireSpace(work.getPath(), size);
     for (const bool isFresh : {false, true}) {
         const SxPtr<ZqRemoteFile> file = remote(name, size);
         if (isFresh) file->setFresh();
@@ -207,6 +230,29 @@ void ZqPatchDownload::fetchFile(const char* name, uint64 size, const SxString& m
     throw SxException("'" + ZqUrlText::of(ZqRemoteFile::urlIn(url, name)) +
                           "' hasn't the digest that its patch.json says",
                       UNIT, __LINE__);
+}
+
+/// Whether the server still has the patch that was begun with.
+bool ZqPatchDownload::isSame(const ZqStopTest& stop) {
+    return SxMd5::get(fetchRecord(stop)) == digest;
+}
+
+void ZqPatchDownload::cutWrong(size_t part) const {
+    uint64 begin = 0;
+    for (size_t i = 0; i < part; ++i)
+        begin += parts[i].patchSize;
+    SxFileIO data(fileOf(ZqPatchFiles::DATA), "r+b");
+    data.seek(static_cast<int64>(begin));
+    SxMd5 md5;
+    std::vector<char> bytes(PIECE);
+    for (uint64 left = parts[part].patchSize; left > 0;) {
+        const int64 n = data.readBuffer(bytes.data(), static_cast<int64>(std::min<uint64>(left, PIECE)));
+        if (n == 0) return;
+        md5.update(bytes.data(), n);
+        left -= static_cast<uint64>(n);
+    }
+    md5.finish();
+    if (!(md5 == parts[part].patchMd5)) data.truncate(static_cast<int64>(begin));
 }
 
 uint64 ZqPatchDownload::getMissing() const {
@@ -230,6 +276,7 @@ void ZqPatchDownload::fetchData(const ZqStopTest& stop) {
     size_t wrongPart = parts.size();
     while (writer.getSize() < params.sizeData) {
         const SxPtr<ZqRemoteFile> file = remote(ZqPatchFiles::DATA, params.sizeData);
+        file->getFacts()->setSameTest([this](const ZqStopTest& stopped) { return isSame(stopped); });
         if (wrongPart == writer.getPart()) file->setFresh();
         try {
             file->stream(
@@ -242,7 +289,12 @@ void ZqPatchDownload::fetchData(const ZqStopTest& stop) {
                 },
                 stop);
         } catch (const SxException& e) {
-            if (!e.hasTag(WRONG_STREAM) || wrongPart == writer.getPart()) throw;
+            if (!e.hasTag(WRONG_STREAM)) throw;
+            if (wrongPart == writer.getPart()) {
+                if (isSame(stop)) throw;
+                throw SxException(e, "The server has another patch by now than the one that was begun", UNIT,
+                                  __LINE__);
+            }
             zqLogMsg("base", "ZqPatchDownload: asks anew: " + e.toString(SxException::ShowMessage, ": "));
             wrongPart = writer.getPart();
             writer.cutPart();

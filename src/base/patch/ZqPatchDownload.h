@@ -34,6 +34,9 @@ public:
 
     // After fetchLists().
     const std::vector<ZqPatchSizes>& getParts() const { return parts; }
+    /// Cuts `patch.data` where the stream of a part that is there isn't right any longer, so that it comes
+    /// anew. Not while the job runs.
+    void cutWrong(size_t part) const;
     /// Bytes of `patch.data` that are still to come.
     uint64 getMissing() const;
     /// Bytes that this job has fetched; from any thread.
@@ -47,6 +50,8 @@ private:
 
     SxPtr<ZqRemoteFile> remote(const char* name, uint64 size = ZqRemoteFile::UNKNOWN) const;
     void fetchFile(const char* name, uint64 size, const SxString& md5, const ZqStopTest& stop);
+    void requireRecords() const;
+    bool isSame(const ZqStopTest& stop);
     void fetchData(const ZqStopTest& stop);
     SxString fileOf(const char* name) const;
 

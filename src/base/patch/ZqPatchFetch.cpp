@@ -18,6 +18,11 @@ namespace {
 constexpr const char* UNIT = "src/base/patch/ZqPatchFetch";
 constexpr const char* LOCK = "fetch.lock";
 constexpr int64 POLL_MS = 200;
+
+/// The folder stays where it holds anything.
+void removeEmpty(const ZqPatchWork& work) {
+    SxOs::get().removeDir(SxOs::hostPath(work.getPath()));
+}
 } // namespace
 
 ZqPatchFetch::ZqPatchFetch(const SxString& image_, const SxString& url_, const SxArray<SxString>& headers_)
@@ -30,15 +35,19 @@ ZqPatchFetch::ZqPatchFetch(const SxString& image_, const SxString& url_, const S
 void ZqPatchFetch::main() {
     const auto lock = ZqImageLock::take(image, ZqImageLock::Shape, ZqImageLock::Shared, "patch fetch");
     const ZqPatchWork work(image);
-    const ZqFileLock alone(work.getPath() + LOCK,
-                           "Another command fetches a patch of image '" + image + "' at the moment",
-                           "Cannot lock the patch of image '" + image + "'");
-    try {
-        fetch(work);
-    } catch (const SxException&) {
-        if (!work.hasCopy()) work.remove();
-        throw;
+    {
+        const ZqFileLock alone(work.getPath() + LOCK,
+                               "Another command fetches a patch of image '" + image + "' at the moment",
+                               "Cannot lock the patch of image '" + image + "'");
+        try {
+            fetch(work);
+        } catch (const SxException&) {
+            work.removeStaged();
+            if (!work.hasCopy()) work.clear();
+            throw;
+        }
     }
+    removeEmpty(work);
 }
 
 void ZqPatchFetch::fetch(const ZqPatchWork& work) {
@@ -50,13 +59,16 @@ void ZqPatchFetch::fetch(const ZqPatchWork& work) {
     to = params.toGUID;
     const ZqAppParams app(image);
     alreadyNew = params.isMade(app);
-    // What was fetched before is of no use any longer.
-    if (alreadyNew) return work.remove();
+    if (alreadyNew) {
+        // What was fetched of it before is of no use any longer.
+        if (work.hasCopyOf(SxMd5::get(record))) work.clear();
+        return work.removeStaged();
+    }
     if (!params.isFor(app))
         throw SxException("The provided patch is not for current version", UNIT, __LINE__);
+    work.writeOrigin({url, false, SxMd5::get(record), params.toGUID, params.toMnt});
     download.fetchLists(stop);
     nParts = download.getParts().size();
-    work.writeOrigin({url, false, SxMd5::get(record)});
     ZqImageFolder::requireSpace(image, download.getMissing());
     ZqRunningTask child(&download);
     while (download.isRunning()) {
@@ -69,8 +81,9 @@ void ZqPatchFetch::fetch(const ZqPatchWork& work) {
     nFetched = download.getNFetched();
     if (download.hasException()) throw download.getException();
     if (!(SxMd5::file(work.getCopy() + ZqPatchFiles::DATA) == params.hashData)) {
+        SxFSAction::rm(work.getCopy() + ZqPatchFiles::DATA);
         throw SxException("'" + work.getCopy() + ZqPatchFiles::DATA +
-                              "' hasn't the digest that its patch.json says",
+                              "' hasn't had the digest that its patch.json says",
                           UNIT, __LINE__);
     }
     complete = true;

@@ -3,8 +3,11 @@
 #include "SxException.h"
 #include "SxFSAction.h"
 #include "SxMd5.h"
+#include "ZqAppParams.h"
 #include "ZqArchiveFile.h"
 #include "ZqPatchFiles.h"
+
+#include <algorithm>
 
 namespace {
 constexpr const char* UNIT = "src/base/patch/ZqPatchLists";
@@ -31,4 +34,15 @@ std::vector<ZqPatchSizes> ZqPatchLists::readParts(const SxString& patch, const Z
                           UNIT, __LINE__);
     }
     return parts;
+}
+
+ZqPatchRoom::State ZqPatchLists::stateAtStart(const SxString& image, const SxString& patch) {
+    const ZqAppParams to(patch);
+    ZqPatchRoom::State state;
+    state.isReplace = ZqPatchParams(patch).compression == ZqPatchCompression::REPLACE;
+    state.sizeIdx = to.sizeIdx;
+    // The patched image has just the blocks that are included, which is what the record of a patch states.
+    const auto size = static_cast<uint64>(std::max<int64>(SxFSAction::sizeOf(image + ZqImageFiles::ZQF), 0));
+    state.growth = to.sizeZqf > size ? to.sizeZqf - size : 0;
+    return state;
 }

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "ZqPatchParams.h"
-#include "ZqPatchSizes.h"
+#include "ZqPatchRoom.h"
 
 #include <vector>
 
@@ -12,4 +12,6 @@ namespace ZqPatchLists {
 /// `params` states for all of them.
 std::vector<ZqPatchSizes> readParts(const SxString& patch, const ZqPatchParams& params,
                                     const SxString& scratch);
+/// What a patch takes of the disk of `image`, before it is begun, as far as records tell.
+ZqPatchRoom::State stateAtStart(const SxString& image, const SxString& patch);
 } // namespace ZqPatchLists

@@ -28,8 +28,9 @@ uint64 at(const SxArray<uint64>& table, uint64 item) {
 /// Builds the new map.
 class Builder {
 public:
-    Builder(const SxArray<uint64>& oldIdx_, uint64 nNew)
+    Builder(const SxArray<uint64>& oldIdx_, uint64 nBlocks_, uint64 nNew)
         : oldIdx(oldIdx_),
+          nBlocks(nBlocks_),
           newIdx(static_cast<int64>(nNew)),
           taken(sizeOf(oldIdx_)) {
         newIdx.set(NONE);
@@ -63,7 +64,7 @@ private:
             refuse("it names old item " + SxString(oldItem) + " of " + SxString(sizeOf(oldIdx)));
         }
         const uint64 slot = at(oldIdx, oldItem);
-        if (slot >= taken.size()) refuse("old item " + SxString(oldItem) + " has no slot");
+        if (slot >= taken.size() || slot >= nBlocks) refuse("old item " + SxString(oldItem) + " has no slot");
         return slot;
     }
     void put(uint64 newItem, uint64 slot) {
@@ -75,6 +76,7 @@ private:
     }
 
     const SxArray<uint64>& oldIdx;
+    const uint64 nBlocks;
     SxArray<uint64> newIdx;
     std::vector<bool> taken; ///< by slot of the old image: kept by a new item
     uint64 nextFree = 0;
@@ -82,9 +84,10 @@ private:
 
 } // namespace
 
-SxArray<uint64> ZqPatchMap::generate(const SxArray<uint64>& oldIdx, const SxArray<uint64>& map, uint64 nNew,
+SxArray<uint64> ZqPatchMap::generate(const SxArray<uint64>& oldIdx, uint64 nBlocks,
+                                     const SxArray<uint64>& map, uint64 nNew,
                                      std::span<const ZqPatchInfo> parts, const StopTest& isStopped) {
-    Builder builder(oldIdx, nNew);
+    Builder builder(oldIdx, nBlocks, nNew);
     for (uint64 item = 0; item < sizeOf(map); ++item) {
         if (item % LOOK == 0 && isStopped()) return {};
         if (at(map, item) != NONE) builder.keep(item, at(map, item));

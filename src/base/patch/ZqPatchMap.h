@@ -11,12 +11,12 @@
 namespace ZqPatchMap {
 using StopTest = std::function<bool()>;
 
-/// The `img.idx` of the new version, of `nNew` items. `oldIdx` is that of the old one, `map` its `map.idx`:
-/// for each old item the new one with the same bytes, all ones for none. Raises, naming the item, where the
-/// three don't fit each other: an index beyond its table, an item given twice, an old item without a slot,
-/// more new items than slots. Empty after a stop.
-SxArray<uint64> generate(const SxArray<uint64>& oldIdx, const SxArray<uint64>& map, uint64 nNew,
-                         std::span<const ZqPatchInfo> parts, const StopTest& isStopped);
+/// The `img.idx` of the new version, of `nNew` items. `oldIdx` is that of the old one, whose `img.zqf` has
+/// `nBlocks` blocks, `map` its `map.idx`: for each old item the new one with the same bytes, all ones for
+/// none. Raises, naming the item, where the three don't fit each other: an index beyond its table, an item
+/// given twice, an old item without a slot, more new items than slots. Empty after a stop.
+SxArray<uint64> generate(const SxArray<uint64>& oldIdx, uint64 nBlocks, const SxArray<uint64>& map,
+                         uint64 nNew, std::span<const ZqPatchInfo> parts, const StopTest& isStopped);
 
 /// How many items lie at or beyond slot `end`.
 uint64 countBeyond(const SxArray<uint64>& idx, uint64 end);

@@ -78,7 +78,10 @@ bool ZqPatchParams::isFor(const ZqAppParams& app) const {
     return app.guid == fromGUID && (fromMnt.isEmpty() || app.checksumMnt == fromMnt);
 }
 
+bool ZqPatchParams::isNew(const ZqAppParams& app) const {
+    return app.guid == toGUID && (toMnt.isEmpty() || app.checksumMnt == toMnt);
+}
+
 bool ZqPatchParams::isMade(const ZqAppParams& app) const {
-    if (!(app.guid == toGUID)) return false;
-    return toMnt.isEmpty() ? !(fromGUID == toGUID) : app.checksumMnt == toMnt;
+    return isNew(app) && !(toMnt.isEmpty() && fromGUID == toGUID);
 }

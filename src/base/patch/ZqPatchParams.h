@@ -38,7 +38,9 @@ public:
     // Build ids tell where the patch states them, guids alone where it doesn't.
     /// Whether the image of that record is of the version that the patch is for.
     bool isFor(const ZqAppParams& app) const;
-    /// Whether it is of the version that the patch makes.
+    /// Whether it may be of the version that the patch makes.
+    bool isNew(const ZqAppParams& app) const;
+    /// Whether it surely is: nothing tells both versions apart where they share a guid and have no build ids.
     bool isMade(const ZqAppParams& app) const;
 
     bool operator==(const ZqPatchParams&) const = default;

@@ -3,6 +3,7 @@
 #include "SxException.h"
 #include "SxFSAction.h"
 #include "ZqBlocks.h"
+#include "ZqLog.h"
 #include "ZqPatchProgress.h"
 
 #include <algorithm>
@@ -30,9 +31,17 @@ void ZqPatchRoomBack::look() {
     for (size_t i = 0; i < std::min(nDone, parts.size()); ++i)
         end += parts[i].patchSize;
     end -= end % ZqBlocks::SIZE;
-    if (end <= done) return;
-    SxFileIO file(data, "r+b");
-    // A file system that can't keeps the room until the end.
-    SxOs::get().punchHole(file.getFd(), static_cast<int64>(done), static_cast<int64>(end - done));
+    // One that was lost is on its way again.
+    if (end <= done || SxFSAction::sizeOf(data) < static_cast<int64>(end)) return;
+    try {
+        SxFileIO file(data, "r+b");
+        SxStat info;
+        // A file system that can't keeps the room until the end.
+        if (SxOs::get().statFd(file.getFd(), &info) == 0 && info.nNames == 1)
+            SxOs::get().punchHole(file.getFd(), static_cast<int64>(done), static_cast<int64>(end - done));
+    } catch (const SxException& e) {
+        // The patch needs no room for this, and at its end the file goes as a whole.
+        zqLogMsg("base", "ZqPatchRoomBack : " + e.toString(SxException::ShowMessage, ": "));
+    }
     done = end;
 }

@@ -78,18 +78,23 @@ SxString ZqPatchStatus::findPatch() {
     if (!work.hasOrigin()) return {};
     const ZqPatchOrigin origin = work.readOrigin();
     result.source = ZqUrlText::isAddress(origin.source) ? ZqUrlText::of(origin.source) : origin.source;
-    return origin.isConsumed ? origin.source : work.getCopy();
+    const SxString patch = origin.isConsumed ? origin.source : work.getCopy();
+    // At its very end a patch has gone, and only its note is left.
+    return SxFSAction::isGone(patch + ZqPatchFiles::RECORD) ? SxString() : patch;
 }
 
 /// What tells of the patch, without its data.
 void ZqPatchStatus::fetch(const SxString& url) const {
-    const auto link = SxPtr<ZqNetLink>::create();
+    // A question doesn't wait for a server that is away, as a download does.
+    ZqNetSettings settings;
+    settings.nStreamTries = settings.nRangeTries;
+    const auto link = SxPtr<ZqNetLink>::create(settings);
     const auto take = [&](const char* name, uint64 size) {
-        // A question isn't waited with for a server that is away, as a download is.
-        const auto most = static_cast<int64>(size == ZqRemoteFile::UNKNOWN ? MAX_RECORD : size);
-        const SxArray<char> bytes = ZqRemoteFile(link, ZqRemoteFile::urlIn(url, name), headers, size)
-                                        .get(most, [this] { return stopRequested(); });
-        SxFileIO(scratch + name, "wb").write(bytes);
+        const uint64 most = size == ZqRemoteFile::UNKNOWN ? MAX_RECORD : size;
+        ZqImageFolder::requireSpace(scratch, most);
+        ZqRemoteFile(link, ZqRemoteFile::urlIn(url, name), headers, size)
+            .fetchTo(
+                scratch + name, [this] { return stopRequested(); }, most);
     };
     try {
         take(ZqPatchFiles::RECORD, ZqRemoteFile::UNKNOWN);
@@ -102,7 +107,7 @@ void ZqPatchStatus::fetch(const SxString& url) const {
 
 void ZqPatchStatus::look(const SxString& patch) {
     const ZqPatchParams params(patch);
-    const ZqAppParams from(image), to(patch);
+    const ZqAppParams from(image);
     result.hasPatch = true;
     result.from = params.fromGUID;
     result.to = params.toGUID;
@@ -130,9 +135,9 @@ void ZqPatchStatus::look(const SxString& patch) {
         bytesOfWork += parts[i].oldBytes + parts[i].patchSize + 2 * parts[i].newBytes;
     }
     if (result.state == Committing || result.isMade) return;
-    result.bytesExtra = result.bytesDownload +
-                        ZqPatchRoom::need(parts, progress, params.compression == ZqPatchCompression::REPLACE,
-                                          from.sizeIdx / sizeof(uint64), to.sizeIdx / sizeof(uint64), false);
+    ZqPatchRoom::State state = ZqPatchLists::stateAtStart(image, patch);
+    state.at = progress;
+    result.bytesExtra = result.bytesDownload + ZqPatchRoom::need(parts, state);
     const double rate = measureRate();
     if (rate > 0) result.seconds = static_cast<double>(bytesOfWork) / rate;
 }

@@ -28,11 +28,12 @@ ZqPatchTraces::ZqPatchTraces(const SxString& image_, const SxString& patch_, con
       buildId(buildId_) {
 }
 
-void ZqPatchTraces::map(const Log& log) const {
+void ZqPatchTraces::map(const Log& log, const std::function<bool()>& isStopped) const {
     const SxString folder = image + ZqImageFiles::TRACES;
     finishPending();
     if (!SxFSAction::test_d(folder)) return;
     for (const SxDir& entry : SxFSAction::getDirs(folder)) {
+        if (isStopped()) return;
         const SxString path = entry.getAbsPath() + "/";
         const bool hasItems = !SxFSAction::isGone(path + ITEMS),
                    hasRecord = !SxFSAction::isGone(path + RECORD);

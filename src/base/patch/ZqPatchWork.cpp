@@ -31,7 +31,11 @@ void linkOrCopy(const SxString& from, const SxString& to) {
         throw SxException(SxException(SxOs::errorText(found), UNIT, __LINE__), SxFileIO::fileReadErr(from),
                           UNIT, __LINE__);
     }
-    if (os.link(real, SxOs::hostPath(to)) == 0) return;
+    if (os.link(real, SxOs::hostPath(to)) == 0) {
+        // It may have been written a moment ago.
+        SxFileIO(to, "rb").sync();
+        return;
+    }
     ZqImageFolder::requireSpace(SxFileInfo(to).getPath(), static_cast<uint64>(SxFSAction::sizeOf(from)));
     SxFSAction::cp(SxString(real), to);
 }
@@ -58,6 +62,8 @@ ZqPatchOrigin ZqPatchWork::readOrigin() const {
     ZqPatchOrigin origin;
     origin.source = root.getElem("source", true).toString();
     origin.digest = root.getElem("digest", true).toString();
+    ZqRecordFile::get(root, "toGUID", &origin.toGUID);
+    ZqRecordFile::get(root, "toMnt", &origin.toMnt);
     const SxSymbol consumed = root.getElem("consumed", false);
     origin.isConsumed = consumed.isValid() && consumed.toBool();
     return origin;
@@ -70,16 +76,17 @@ void ZqPatchWork::writeOrigin(const ZqPatchOrigin& origin) const {
     root.append("source", origin.source);
     if (origin.isConsumed) root.append("consumed", true);
     root.append("digest", origin.digest);
+    root.append("toGUID", origin.toGUID);
+    if (!origin.toMnt.isEmpty()) root.append("toMnt", origin.toMnt);
     // An address may hold a password.
     ZqRecordFile::write(root, path + ORIGIN, 0600);
     SxFSAction::syncDir(image);
 }
 
 SxString ZqPatchWork::stage() const {
-    const SxString staged = path + STAGED;
-    if (!SxFSAction::isGone(staged)) SxFSAction::rm_r(staged);
-    SxFSAction::mkdir_p(staged, 0755);
-    return staged;
+    removeStaged();
+    SxFSAction::mkdir_p(path + STAGED, 0755);
+    return path + STAGED;
 }
 
 void ZqPatchWork::takeStaged() const {
@@ -94,6 +101,16 @@ void ZqPatchWork::takeFolder(const SxString& patch) const {
     for (const char* name : ZqPatchFiles::ALL)
         linkOrCopy(patch + name, staged + name);
     takeStaged();
+}
+
+void ZqPatchWork::removeStaged() const {
+    if (!SxFSAction::isGone(path + STAGED)) SxFSAction::rm_r(path + STAGED);
+}
+
+void ZqPatchWork::clear() const {
+    if (hasOrigin()) SxFSAction::rm(path + ORIGIN);
+    removeStaged();
+    if (!SxFSAction::isGone(getCopy())) SxFSAction::rm_r(getCopy());
 }
 
 void ZqPatchWork::remove() const {

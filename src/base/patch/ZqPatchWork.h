@@ -7,7 +7,8 @@
 struct ZqPatchOrigin {
     SxString source; ///< the patch folder with its trailing slash, or the address of one
     bool isConsumed = false;
-    SxString digest; ///< MD5 text of its patch.json
+    SxString digest;        ///< MD5 text of its patch.json
+    SxString toGUID, toMnt; ///< of the version that it makes, as ZqPatchParams has them
 };
 
 /// The folder `patch.work` of an image, which holds a private copy of the patch, and where that comes from.
@@ -27,7 +28,7 @@ public:
     bool hasOrigin() const;
     /// Raises where it can't be read.
     ZqPatchOrigin readOrigin() const;
-    /// Makes the folder where it is missing. On the device at the end.
+    /// Makes the folder where it is missing. On the device at the end. Comes before the copy that it is of.
     void writeOrigin(const ZqPatchOrigin& origin) const;
 
     /// An empty folder in which a private copy is made.
@@ -38,6 +39,9 @@ public:
     /// can, else copies. On the device at the end.
     void takeFolder(const SxString& patch) const;
     void remove() const;
+    /// Removes all but a lock that somebody holds there.
+    void clear() const;
+    void removeStaged() const;
 
 private:
     const SxString image, path;

@@ -70,7 +70,7 @@ void ZqRunTraces::follow(const SxString& from, const SxString& to) {
         const auto entry = std::find_if(entries.begin(), entries.end(),
                                         [&](const Entry& each) { return each.name == from; });
         const auto info = SxFSAction::look(folder + to);
-        if (entry == entries.end() || !info) return;
+        if (entry == entries.end() || !info || !isThere(*entry)) return;
         *entry = {info->inode, to};
         write(entries);
     } catch (const SxException& e) {

@@ -27,7 +27,8 @@ public:
     /// none. What holds anything but a trace, or is written at the moment, stays for good. Doesn't raise: a
     /// run goes on without it, and the log says why.
     void add(const SxString& path, int64 nMost);
-    /// The trace in the folder named `from` has become the one named `to`, which is there. Can be repeated.
+    /// The trace in the folder named `from` has become the one named `to`; both are there still. Can be
+    /// repeated.
     /// Doesn't raise.
     void follow(const SxString& from, const SxString& to);
 
