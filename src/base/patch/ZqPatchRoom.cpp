@@ -39,10 +39,10 @@ int64 peakOfParts(std::span<const ZqPatchSizes> parts, const ZqPatchRoom::State&
                 oldToCome = sum(oldToCome, std::max<int64>(bounded(part.oldBytes) - there, 0));
         } else if (isCurrent) {
             files = stage >= ZqPatchProgress::CopyNewData ? 0 : std::max<int64>(files - there, 0);
-            given = sum(given, there);
         }
         highest = std::max(highest, files - given);
         given = sum(given, bounded(part.oldBytes));
+        if (stage != ZqPatchProgress::PrepareOldData) given = sum(given, there);
     }
     return sum(oldToCome, std::max<int64>(highest, 0));
 }

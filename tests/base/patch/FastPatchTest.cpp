@@ -52,6 +52,8 @@ TEST(FastPatch, AnImageBecomesTheNextVersion) {
         EXPECT_FALSE(job.hasException()) << job.getException().what();
         expectPatched(image, dir);
         EXPECT_FALSE(dir.exists("watched/image/img.tix"));
+        EXPECT_NE(fs::status(dir.path("watched/image/img.idx")).permissions() & fs::perms::others_read,
+                  fs::perms::none);
         EXPECT_FALSE(dir.exists("watched/image/img.idx.md5"));
         EXPECT_EQ(job.getNCurrent(), job.getNTotal());
         EXPECT_TRUE(job.runtimeInfo->patchStats.started);

@@ -7,6 +7,7 @@
 #include "ZqPatchApply.h"
 #include "ZqPatchCheck.h"
 #include "ZqPatchFetch.h"
+#include "ZqPatchRoom.h"
 #include "ZqPatchStatus.h"
 #include "ZqStreamRecord.h"
 
@@ -171,6 +172,11 @@ TEST(PatchApply, WhatCannotBePatchedIsRefusedAndStaysAsItIs) {
         {"hasn't the size", [](const auto&, const auto& patch) { fs::resize_file(patch + "patch.data", 9); }},
         {"patch.json", [](const auto&, const auto& patch) { fs::remove(patch + "patch.json"); }},
         {"app.json", [](const auto&, const auto& patch) { fs::resize_file(patch + "app.json", 9); }},
+        {"isn't that of the version",
+         [](const auto& at, const auto& patch) {
+             fs::copy_file(at + "app.json", patch + "app.json", fs::copy_options::overwrite_existing);
+         }},
+        {"img.idx' hasn't the digest", [&](const auto& at, const auto&) { flip(at + "img.idx"); }},
         {"img.json", [](const auto&, const auto& patch) { fs::remove(patch + "img.json"); }}};
     for (const auto& [text, spoil] : cases) {
         SCOPED_TRACE(text);
@@ -244,6 +250,90 @@ TEST(PatchApply, AnotherPatchBeginsAnewOnlyBeforeTheFirstBlockIsWritten) {
         goOn(image, dir, SxString(dir.path("watched/patch")));
     }
     EXPECT_TRUE(isRefused && isTaken);
+}
+
+/// Kills an application when the first blocks were written.
+void killMidway(const TempDir& dir, const SxString& patch) {
+    for (int64 step = 40; ZqFastPatch::isUntouched(imageOf(dir) + "/"); ++step) {
+        ASSERT_LT(step, 400);
+        FaultOs os(dir.path("watched"));
+        os.cutPowerAt(step);
+        apply(dir, patch);
+    }
+}
+
+// The private copy shares its bytes with a folder of the user, which an application from a server mustn't
+// touch.
+TEST(PatchApply, ACopyOfAFolderIsNeverWrittenTo) {
+    TestRandom random(60);
+    TRACE_SEED(random);
+    const PatchedImage image(random, 60, 60, 0.3);
+    const TempDir dir;
+    image.write(dir);
+    const TreeSnapshot before = contentOf(dir, "watched/patch");
+    fs::copy(dir.path("watched/patch"), dir.path("server"));
+    ZqFileServer server{SxString(dir.path("server"))};
+    server.start();
+    killMidway(dir, SxString(dir.path("watched/patch")));
+    EXPECT_EQ(apply(dir, server.getUrl()), "");
+    EXPECT_TRUE(isNew(image, dir)) << image.fault(dir);
+    EXPECT_EQ(contentOf(dir, "watched/patch"), before);
+}
+
+// Else an image would be lost with a copy that is.
+TEST(PatchApply, ACopyThatHasGoneBadIsExchanged) {
+    TestRandom random(61);
+    TRACE_SEED(random);
+    const PatchedImage image(random, 60, 60, 0.3);
+    for (const bool isServed : {false, true}) {
+        const TempDir dir;
+        image.write(dir);
+        fs::copy(dir.path("watched/patch"), dir.path("sound"));
+        ZqFileServer server{SxString(dir.path("sound"))};
+        server.start();
+        const SxString patch = isServed ? server.getUrl() : SxString(dir.path("sound"));
+        killMidway(dir, patch);
+        const std::string data = dir.path("watched/image/patch.work/patch/patch.data");
+        const std::string bytes(TempDir::readFile(data).size(), 'x');
+        fs::remove(data);
+        std::ofstream(data, std::ios::binary) << bytes;
+        // A mistyped name takes nothing back.
+        EXPECT_NE(apply(dir, SxString(dir.path("sounds"))), "");
+        EXPECT_TRUE(ZqFastPatch::isBegun(imageOf(dir) + "/"));
+        EXPECT_THAT(apply(dir, SxString()), HasSubstr("checksum"));
+        for (int i = 0; i < 40 && !isNew(image, dir); ++i)
+            apply(dir, patch);
+        EXPECT_TRUE(isNew(image, dir)) << image.fault(dir);
+    }
+}
+
+// A resume that asks for room that it doesn't need is one that a full disk locks out.
+TEST(PatchApply, OnlyTheRoomThatIsStillToBeTakenIsAskedFor) {
+    const auto part = [](uint64 nOld, uint64 nNew, uint64 stream) {
+        ZqPatchInfo info;
+        info.oldMap.resize(static_cast<int64>(nOld));
+        info.newMap.resize(static_cast<int64>(nNew));
+        info.patchSize = stream;
+        return ZqPatchSizes(info);
+    };
+    constexpr uint64 B = PatchedImage::BLOCK;
+    const std::vector<ZqPatchSizes> parts = {part(10, 20, 5 * B), part(30, 40, 6 * B)};
+    const auto need = [&](uint32 stage, uint32 at, uint64 there = 0) {
+        ZqPatchRoom::State state;
+        state.at.stage = stage;
+        state.at.part = at;
+        state.partFiles = there;
+        state.hasMap = true;
+        return ZqPatchRoom::need(parts, state) / B;
+    };
+    EXPECT_EQ(need(ZqPatchProgress::PrepareOldData, 0), 40 + 46 - 10U);
+    EXPECT_EQ(need(ZqPatchProgress::PrepareOldData, 1, 7 * B), 30 - 7 + 46 - 10U);
+    EXPECT_EQ(need(ZqPatchProgress::PreparePatchData, 0), 46 - 10U);
+    EXPECT_EQ(need(ZqPatchProgress::ApplyPatchData, 1, 6 * B), 40U);
+    EXPECT_EQ(need(ZqPatchProgress::CopyNewData, 1, 46 * B), 0U);
+    EXPECT_EQ(need(ZqPatchProgress::FinalizePatch, 0), 0U);
+    const std::vector<ZqPatchSizes> wild = {part(1, 1, ~uint64{0} / 2)};
+    EXPECT_ANY_THROW(ZqPatchRoom::need(wild, ZqPatchRoom::State()));
 }
 
 TEST(PatchApply, APatchIsAppliedWhileItArrives) {
