@@ -72,7 +72,11 @@ else
     say "Drives are left out: this machine or user has no means for them (root and /dev/fuse)."
 fi
 
-say "The game's next version comes as a patch, of what has changed."
-scripts/demo-patch.sh "$tavrin" "$game" "$work"
+if [[ -x $(dirname "$tavrin")/hdiffz ]]; then
+    say "The game's next version comes as a patch, of what has changed."
+    scripts/demo-patch.sh "$tavrin" "$game" "$work"
+else
+    say "Patches are left out: their tools couldn't be built (scripts/build-patch-tools.sh)."
+fi
 
 say "All of it worked."

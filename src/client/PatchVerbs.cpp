@@ -19,6 +19,12 @@ struct CreateOptions {
     int64 level = -1;
 };
 
+SxParserKit::SxSymbol newObject() {
+    SxParserKit::SxSymbol object;
+    object.setType(SxParserAst::Object);
+    return object;
+}
+
 SxString blocks(uint64 n) {
     return ZqReadable::counted(static_cast<int64>(n), "block", "blocks");
 }
@@ -32,8 +38,7 @@ int verify(const SxString& patch, Output& out) {
     const ZqPatchParams& params = job.getParams();
     const bool isRight = job.getFaults().isEmpty();
     if (out.getMode().json) {
-        SxParserKit::SxSymbol object;
-        object.setType(SxParserAst::Object);
+        SxParserKit::SxSymbol object = newObject();
         object.append("ok", isRight);
         object.append("from", params.fromGUID);
         object.append("to", params.toGUID);
@@ -62,8 +67,7 @@ int create(const CreateOptions& options, Output& out) {
     if (!job.isComplete()) throw SxException("stopped", UNIT, __LINE__);
     const ZqPatchBuilder::Result& result = job.getResult();
     if (out.getMode().json) {
-        SxParserKit::SxSymbol object;
-        object.setType(SxParserAst::Object);
+        SxParserKit::SxSymbol object = newObject();
         object.append("from", result.from);
         object.append("to", result.to);
         object.append("parts", result.nParts);
@@ -83,6 +87,7 @@ int create(const CreateOptions& options, Output& out) {
              " are in both versions.");
     return ExitSuccess;
 }
+
 struct ApplyOptions {
     SxString image, patch;
     SxList<SxString> headers;
@@ -99,12 +104,6 @@ SxString findConflict(const ApplyOptions& options) {
     if (!options.headers.isEmpty() && !options.resume && !ZqUrlText::isAddress(options.patch))
         return "--header is for a PATCH that is an address";
     return {};
-}
-
-SxParserKit::SxSymbol newObject() {
-    SxParserKit::SxSymbol object;
-    object.setType(SxParserAst::Object);
-    return object;
 }
 
 int fetch(const ApplyOptions& options, Output& out) {

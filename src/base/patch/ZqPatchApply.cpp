@@ -22,6 +22,7 @@
 #include "ZqPatchRoom.h"
 #include "ZqPatchRoomBack.h"
 #include "ZqPatchSizes.h"
+#include "ZqPatchTask.h"
 #include "ZqPatchWork.h"
 #include "ZqRunningTask.h"
 #include "ZqStreamRecord.h"
@@ -240,6 +241,7 @@ bool ZqPatchApply::isWanted(const ZqPatchParams& params) {
     result.isAlreadyNew = params.isMade(app);
     if (!result.isAlreadyNew && !params.isFor(app))
         throw SxException("The provided patch is not for current version", UNIT, __LINE__);
+    if (!result.isAlreadyNew) ZqPatchTask::requireTool();
     return !result.isAlreadyNew;
 }
 

@@ -24,18 +24,20 @@ ZqPatchTask::ZqPatchTask(const SxString& oldFile_, const SxString& newFile_, con
       compression(compression_) {
 }
 
+void ZqPatchTask::requireTool() {
+    const SxString program = ZqSysEnv::getRTERootDir() + PROGRAM;
+    if (SxFSAction::test_f(program)) return;
+    throw SxException("Patch applying tool not found in '" + program + "'. Please reinstall the software.",
+                      UNIT, __LINE__);
+}
+
 void ZqPatchTask::main() {
     requireFile(oldFile);
     if (!SxFSAction::isGone(newFile)) SxFSAction::rm(newFile);
     requireFile(patchFile);
-    const SxString program = ZqSysEnv::getRTERootDir() + PROGRAM;
-    if (!SxFSAction::test_f(program)) {
-        throw SxException("Patch applying tool not found in '" + program +
-                              "'. Please reinstall the software.",
-                          UNIT, __LINE__);
-    }
+    requireTool();
     try {
-        apply(program);
+        apply(ZqSysEnv::getRTERootDir() + PROGRAM);
     } catch (const SxException& e) {
         throw SxException(e, "Patch task failed", UNIT, __LINE__);
     }

@@ -18,6 +18,9 @@ public:
     ZqPatchTask(const SxString& oldFile_, const SxString& newFile_, const SxString& patchFile_,
                 ZqPatchCompression::Type compression_);
 
+    /// Raises where the tool isn't there.
+    static void requireTool();
+
     /// Kills the tool; where it doesn't run yet, none is started. Doesn't wait. From any thread.
     void stop() { tool.stop(); }
 
