@@ -43,6 +43,7 @@ storage: build ## build, then write to drives with real programs and kill their 
 
 bench: ## build and run the benchmarks, as root also those against PEERS; BENCH_ARGS and PEERS_ARGS go to them
 	@scripts/install-deps.sh peers
+	@scripts/build-patch-tools.sh
 	@cmake --preset bench
 	@cmake --build --preset bench -j $(JOBS)
 	@set -e; for program in $$(find build/bench/bench -maxdepth 1 -type f -executable | sort); do echo "== $${program##*/}"; $$program $(BENCH_ARGS); done

@@ -24,6 +24,7 @@ import os
 import re
 import shutil
 import statistics
+import subprocess
 import sys
 import tempfile
 import threading
@@ -297,7 +298,11 @@ def main():
         for name, make in (("game", versions.game), ("program", versions.program)):
             if options.only not in name:
                 continue
-            case = Case(name, make, client, folder / name, cache)
+            try:
+                case = Case(name, make, client, folder / name, cache)
+            except (OSError, subprocess.CalledProcessError) as error:
+                print(f"left out: {name}: its versions can't be had here: {error}", flush=True)
+                continue
             print(f"{name}: {size_of(case.tars[0]) / 1e6:.0f} and {size_of(case.tars[1]) / 1e6:.0f} MB of files", flush=True)
             case.sizes(table)
             case.creation(table, options.rounds)
