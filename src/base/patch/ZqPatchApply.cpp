@@ -110,8 +110,7 @@ void ZqPatchApply::run() {
         throw;
     }
     noteEnd();
-    // A stop may come too late.
-    if (!begun && (!isStopped() || wanted.isMade(ZqAppParams(image)))) tidyUp();
+    if (result.isAlreadyNew || isThrough) tidyUp();
 }
 
 /// After a failure that has changed nothing the image is what it was, and can be played.
@@ -347,6 +346,9 @@ void ZqPatchApply::apply(const SxString& patch) {
     }
     if (download) result.bytesDownload = download->getNFetched();
     count(start);
+    // A job that was stopped may have been through already.
+    isThrough = !fast.hasException() && !ZqFastPatch::isBegun(image) &&
+                (!fast.stopRequested() || wanted.isMade(ZqAppParams(image)));
     if (fetching) finishDownload(fast);
     isTold = fast.hasException();
     if (isTold) throw fast.getException();
@@ -363,7 +365,7 @@ void ZqPatchApply::finishDownload(const ZqFastPatch& fast) {
         if (!SxFSAction::isGone(file)) at.read(file);
         if (at.stage == ZqPatchProgress::PreparePatchData && at.part < parts.size())
             download->cutWrong(at.part);
-    } else if (hasFailed && ZqFastPatch::isBegun(image)) {
+    } else if (hasFailed && !isThrough) {
         throw download->getException();
     }
 }

@@ -95,6 +95,7 @@ private:
     ZqPatchParams wanted; ///< of the patch
     SxString digest;      ///< MD5 text of its patch.json
     bool isApplying = false;
+    bool isThrough = false; ///< the blocks and records are those of the new version
     Result result;
     int interval = 200;
     bool complete = false, begun = false;
