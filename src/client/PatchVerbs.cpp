@@ -165,11 +165,13 @@ int apply(const ApplyOptions& options, Output& out) {
         object.append("seconds", seconds);
         object.append("stage", uint64{result.stage});
         object.append("part", uint64{result.part});
+        if (!result.patchLeft.isEmpty()) object.append("patchLeft", result.patchLeft);
         object.append("resumed", result.isResumed);
         object.append("alreadyNew", result.isAlreadyNew);
         out.object(object);
     }
     tell(result, seconds, &out);
+    if (!result.patchLeft.isEmpty()) out.finding(result.patchLeft);
     return ExitSuccess;
 }
 
@@ -182,6 +184,7 @@ SxString describe(const ZqPatchStatus::Result& result) {
     const SxString to = "the patch to '" + result.to + "' from '" + result.source + "'";
     switch (result.state) {
     case ZqPatchStatus::Begun:
+        if (result.stage >= 5) return "At the end of a patch; go on with: tavrin patch apply IMAGE --resume";
         return "In the middle of a patch, stage " + SxString(uint64{result.stage}) + ", part " +
                SxString(uint64{result.part} + 1) + " of " + result.nParts +
                "; go on with: tavrin patch apply IMAGE --resume";

@@ -57,7 +57,9 @@ ZqPatchBuilder::ZqPatchBuilder(const SxString& older_, const SxString& newer_, c
       patch(ZqSysEnv::unifySlashes(ZqImageFolder::prefix(patch_))),
       scratch(patch + "parts.tmp/"),
       compression(options.compression),
-      level(options.level < 0 ? bestLevel(options.compression) : options.level) {
+      level(options.level < 0 ? bestLevel(options.compression) : options.level),
+      nNew(options.nNew),
+      nOld(options.nOld) {
     setThreadName(JOB);
 }
 
@@ -102,12 +104,15 @@ void ZqPatchBuilder::build() {
     const ZqPatchPlan plan(from, to, matched);
     result.nChanged = plan.getNChanged();
     result.nKept = to.getNIncluded() - result.nChanged;
+    ZqPatchPlan::Limits limits;
+    if (nNew > 0) limits.nNew = nNew;
+    if (nOld > 0) limits.nOld = nOld;
     std::vector<ZqPatchPart> parts;
     if (isReplaced) {
-        parts = plan.makeOfNew({});
+        parts = plan.makeOfNew(limits);
     } else if (result.nChanged > 0) {
         likeness.finish(from);
-        parts = plan.make(likeness, {}, this);
+        parts = plan.make(likeness, limits, this);
         likeness = {};
     }
     ZqPatchParams record;

@@ -20,6 +20,8 @@ public:
         ZqPatchCompression::Type compression = ZqPatchCompression::LZMA;
         /// Of the compression, see ZqDiffTask; negative for the one that packs best.
         int level = -1;
+        /// Blocks of a part at most, new and old ones; 0 for what serves best.
+        uint32 nNew = 0, nOld = 0;
     };
 
     /// `patch_` is the patch folder to make, which is absent or empty.
@@ -44,7 +46,6 @@ protected:
 private:
     void require() const;
     void build();
-    void scan(ZqPatchSide* older, ZqPatchSide* newer);
     void writeMap(const ZqPatchSide& older, const std::vector<uint32>& matched) const;
     void writeParts(const ZqPatchSide& older, const ZqPatchSide& newer, const std::vector<ZqPatchPart>& parts,
                     ZqPatchParams* record);
@@ -54,6 +55,7 @@ private:
     const SxString older, newer, patch, scratch; ///< with trailing slashes
     const ZqPatchCompression::Type compression;
     const int level;
+    const uint32 nNew, nOld; ///< limits of a part, or 0
     Result result;
     bool complete = false;
 };

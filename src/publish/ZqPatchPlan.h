@@ -16,7 +16,7 @@ class ZqPatchPlan {
 public:
     struct Limits {
         uint32 nNew = 8192;  ///< new blocks of a part, at most: 32 MiB
-        uint32 nOld = 32768; ///< old ones, about
+        uint32 nOld = 16384; ///< old ones, about, without the gaps between them
     };
 
     ZqPatchPlan(const ZqPatchSide& older_, const ZqPatchSide& newer_, const std::vector<uint32>& matched_);

@@ -61,7 +61,8 @@ void ZqPatchSide::readMap() {
             slots.push_back(NONE);
             continue;
         }
-        if (slot >= isUsed.size() || isUsed[slot]) {
+        // Who applies a patch takes no slot beyond the number of items.
+        if (slot >= isUsed.size() || slot >= n || isUsed[slot]) {
             throw SxException("'" + file +
                                   "' names a ZqF block twice, or one beyond the image: " + SxString(slot),
                               UNIT, __LINE__);

@@ -1,11 +1,11 @@
 #include "ZqPatchStreams.h"
 
-#include "SxException.h"
 #include "SxFSAction.h"
 #include "SxFileIO.h"
 #include "SxMd5.h"
 #include "SxTime.h"
 #include "ZqDiffTask.h"
+#include "ZqRunningTask.h"
 #include "ZqTaskMon.h"
 
 #include <algorithm>
@@ -36,9 +36,15 @@ ZqPatchStreams::ZqPatchStreams(const ZqPatchSide& older_, const ZqPatchSide& new
       progress(progress_) {
     for (size_t i = 0; i < parts.size(); ++i)
         made.push_back(std::make_unique<Made>());
-    const auto n = std::min(static_cast<size_t>(SxSystemThread::getNCores()), parts.size());
-    for (size_t i = 0; i < n; ++i)
-        makers.start("patch parts", [this] { makeParts(); });
+    // Each tool works with several threads, and takes some hundreds of megabytes.
+    const int64 nTools = std::max<int64>(SxSystemThread::getNCores() / 4, 2);
+    try {
+        for (size_t i = 0; i < std::min(static_cast<size_t>(nTools), parts.size()); ++i)
+            makers.start("patch parts", [this] { makeParts(); });
+    } catch (...) {
+        isEnding = true;
+        throw;
+    }
 }
 
 ZqPatchStreams::~ZqPatchStreams() {
@@ -52,12 +58,22 @@ void ZqPatchStreams::makeParts() {
         try {
             make(part);
             result.isRight = true;
-        } catch (...) {
-            result.isEnded.set();
-            throw;
+        } catch (const SxException& e) {
+            note(e);
+        } catch (const std::exception& e) {
+            note(SxException(e.what(), UNIT, __LINE__));
         }
         result.isEnded.set();
     }
+}
+
+/// The first failure ends all; what the others fail by is its consequence.
+void ZqPatchStreams::note(const SxException& e) {
+    {
+        SxMutexBlock lock(&mutex);
+        if (!failure) failure = e;
+    }
+    isEnding = true;
 }
 
 /// The next part that nobody makes; their number where there is none.
@@ -106,28 +122,32 @@ SxMd5 ZqPatchStreams::write(const ZqPatchSide& side, const std::vector<uint32>& 
 void ZqPatchStreams::runTool(size_t part) const {
     ZqDiffTask task(fileOf(part, OLD), fileOf(part, NEW), fileOf(part, STREAM), ZqPatchMemory::InMemory,
                     compression, level);
-    task.start(6);
+    ZqRunningTask child(&task);
     while (task.isRunning()) {
         if (isStopped()) task.stop();
         SxWait::pass(LOOK_MS, [&] { return !task.isRunning(); });
     }
-    task.wait();
+    child.wait();
     if (task.hasException()) throw task.getException();
     for (const char* what : {OLD, NEW})
         removeFile(fileOf(part, what));
 }
 
+void ZqPatchStreams::raiseFailure() {
+    isEnding = true;
+    makers.wait();
+    SxMutexBlock lock(&mutex);
+    if (failure && !progress->stopRequested()) throw *failure;
+    throw SxException(SxException::STOPPED, "Stopped", UNIT, __LINE__);
+}
+
 ZqPatchInfo ZqPatchStreams::next(const std::function<void(const char* bytes, int64 n)>& take) {
     const size_t part = nTaken++;
     Made& result = *made[part];
-    while (!result.isEnded.isSetWithin(LOOK_MS)) {
-        if (progress->stopRequested()) throw SxException(SxException::STOPPED, "Stopped", UNIT, __LINE__);
+    // A part that nobody has begun before a failure isn't made any longer.
+    while (!result.isEnded.isSetWithin(LOOK_MS) && !isStopped()) {
     }
-    if (!result.isRight) {
-        isEnding = true;
-        makers.wait();
-        throw SxException(SxException::STOPPED, "Stopped", UNIT, __LINE__);
-    }
+    if (!result.isEnded.isSetWithin(0) || !result.isRight) raiseFailure();
     ZqPatchInfo info;
     const auto list = [](const std::vector<uint32>& items) {
         SxArray<uint64> array(static_cast<int64>(items.size()));

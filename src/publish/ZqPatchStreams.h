@@ -1,5 +1,6 @@
 #pragma once
 
+#include "SxException.h"
 #include "SxLatch.h"
 #include "SxMutex.h"
 #include "ZqJobsTogether.h"
@@ -7,7 +8,9 @@
 #include "ZqPatchInfo.h"
 #include "ZqPatchPlan.h"
 
+#include <atomic>
 #include <memory>
+#include <optional>
 
 /// Makes the streams of a patch's parts, as many side by side as the machine has cores. The owner takes them
 /// in their order. Ended early, it stops the tools.
@@ -34,6 +37,8 @@ private:
     };
 
     void makeParts();
+    void note(const SxException& e) SX_EXCLUDES(mutex);
+    [[noreturn]] void raiseFailure() SX_EXCLUDES(mutex);
     size_t claim() SX_EXCLUDES(mutex);
     void make(size_t part);
     SxMd5 write(const ZqPatchSide& side, const std::vector<uint32>& items, const SxString& file) const;
@@ -51,6 +56,7 @@ private:
     size_t nTaken = 0;
     SxMutex mutex;
     size_t nClaimed SX_GUARDED_BY(mutex) = 0;
+    std::optional<SxException> failure SX_GUARDED_BY(mutex); ///< the first
     std::atomic<bool> isEnding{false};
     ZqJobsTogether makers; ///< goes first
 };

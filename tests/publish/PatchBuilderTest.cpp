@@ -73,7 +73,7 @@ Disk readImage(const std::string& folder) {
 
 std::string create(const TempDir& dir, const std::string& older, const std::string& newer,
                    const std::string& patch, Compression::Type compression) {
-    ZqPatchBuilder job(dir.path(older), dir.path(newer), dir.path(patch), {compression, 1});
+    ZqPatchBuilder job(dir.path(older), dir.path(newer), dir.path(patch), {compression, 1, 16, 40});
     const std::string failure = failureOf(job);
     EXPECT_EQ(job.isComplete(), failure.empty());
     return failure;
@@ -267,8 +267,15 @@ TEST(PatchBuilder, ACheckFindsWhatIsWrongInAPatch) {
             change(&map, &parts(0));
             SxFileIO(SxString(patch + "map.idx"), "wb").write(map);
             ZqPatchInfo::write(SxString(patch + "patch.info"), parts);
-            fs::remove(patch + "map.7z");
-            fs::remove(patch + "patch.7z");
+            ZqPatchParams record{SxString(patch)};
+            const auto pack = [&](const char* archive, const char* name, uint64* size, SxString* hash) {
+                ZqArchive::compress7z(SxString(patch + archive), SxString(patch), {name});
+                *size = static_cast<uint64>(fs::file_size(patch + archive));
+                *hash = SxMd5::file(SxString(patch + archive));
+            };
+            pack("map.7z", "map.idx", &record.sizeMap, &record.hashMap);
+            pack("patch.7z", "patch.info", &record.sizeInfo, &record.hashInfo);
+            record.write();
         });
     };
     EXPECT_EQ(withLists([](auto*, auto*) {}), "");
@@ -281,6 +288,23 @@ TEST(PatchBuilder, ACheckFindsWhatIsWrongInAPatch) {
                 HasSubstr("names old item 1048576"));
     EXPECT_THAT(withLists([](auto*, auto* part) { ++part->patchSize; }), HasSubstr("bytes, and patch.data"));
     EXPECT_THAT(withLists([](auto*, auto* part) { part->patchMd5 = part->oldMd5; }), HasSubstr("part 0"));
+}
+
+// The first failure is told, and not what it does to the tools beside it.
+TEST(PatchBuilder, AToolThatFailsAtALaterPartEndsIt) {
+    TestRandom random(10);
+    const TempDir dir;
+    Versions versions(random);
+    writeImage(dir, "old", versions.first(100), "old", random);
+    writeImage(dir, "new", versions.first(100), "new", random);
+    fs::permissions(dir.write("tools/hdiffz", "#!/bin/sh\n"
+                                              "case \"$4\" in *old_2) exit 3;; *old_[3-9]) sleep 20;; esac\n"
+                                              "cp \"$5\" \"$6\"\n"),
+                    fs::perms::owner_all);
+    ZqSysEnv::setRTERootDir(SxString(dir.path("tools")));
+    EXPECT_THAT(create(dir, "old", "new", "patch", Compression::ZSTD), HasSubstr("Exit code : 3"));
+    EXPECT_FALSE(fs::exists(dir.path("patch")));
+    ZqSysEnv::setRTERootDir("");
 }
 
 // What isn't a version that players have would make a patch that fits nobody's image.

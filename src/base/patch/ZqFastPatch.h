@@ -109,6 +109,7 @@ private:
     void squash();
     void removeLayer() const;
     void generateMeta();
+    void removePatch() const;
 
     SxString imageDir, patchDir;
     int interval = 200;

@@ -125,10 +125,19 @@ void ZqFastPatch::performLockFinish() {
         SxFSAction::syncDir(work);
         SxFSAction::rm_r(work);
         SxFSAction::syncDir(imageDir);
-        SxFSAction::rm_r(patchDir);
+        removePatch();
     } catch (const SxException& e) {
         zqLogMsg("base", "ZqFastPatch::performLockFinish : " + e.toString(SxException::ShowMessage, "\n"));
         throw SxException("Failed to write new image meta data.", UNIT, __LINE__);
+    }
+}
+
+/// A design decision: the image is the new version by now, whatever keeps the patch from being removed.
+void ZqFastPatch::removePatch() const {
+    try {
+        SxFSAction::rm_r(patchDir);
+    } catch (const SxException& e) {
+        zqLogMsg("base", "ZqFastPatch::performLockFinish : " + e.toString(SxException::ShowMessage, ": "));
     }
 }
 

@@ -56,13 +56,16 @@ void requireOnlyPatch(const SxString& folder) {
     for (const SxFileInfo& entry : SxFSAction::ls(folder)) {
         const SxString name = entry.getName();
         const auto isThat = [&](const char* known) { return name == known; };
-        if (name == ZqPatchFiles::MAP ||
-            std::any_of(std::begin(ZqPatchFiles::ALL), std::end(ZqPatchFiles::ALL), isThat))
-            continue;
-        throw SxException("'" + folder + name +
-                              "' is no file of a patch, so the folder isn't removed: leave out " +
-                              "--consume",
-                          UNIT, __LINE__);
+        const bool isKnown = name == ZqPatchFiles::MAP ||
+                             std::any_of(std::begin(ZqPatchFiles::ALL), std::end(ZqPatchFiles::ALL), isThat);
+        // What a link leads to would be left, and the link taken for it.
+        const std::optional<SxStat> info = SxFSAction::look(folder + name);
+        if (isKnown && info && info->kind == SxStat::File) continue;
+        throw SxException(
+            "'" + folder + name +
+                "' is no plain file of a patch, and would be removed with it: take it out of the "
+                "folder, or leave out --consume",
+            UNIT, __LINE__);
     }
 }
 
@@ -105,8 +108,13 @@ void ZqPatchApply::run() {
         // A stop is gone on from, as soon as there is something to go on with; and what an earlier run has
         // begun doesn't go because of a mistyped name.
         const bool isStop = e.hasTag(SxException::STOPPED);
-        if (isApplying ? !isStop : !wasBegun) takeBack(hadCopy);
-        noteEnd();
+        try {
+            if (isApplying ? !isStop : !wasBegun) takeBack(hadCopy);
+            noteEnd();
+        } catch (const SxException& also) {
+            // The first failure is the one to be told.
+            zqLogMsg("base", "ZqPatchApply : " + also.toString(SxException::ShowMessage, ": "));
+        }
         throw;
     }
     noteEnd();
@@ -135,8 +143,14 @@ void ZqPatchApply::noteEnd() {
 
 /// What a kill may have left after the commit, too.
 void ZqPatchApply::tidyUp() {
-    for (const SxString& folder : {image + ZqFastPatch::WORK, consumed})
-        if (!folder.isEmpty() && !SxFSAction::isGone(folder)) SxFSAction::rm_r(folder);
+    if (!SxFSAction::isGone(image + ZqFastPatch::WORK)) SxFSAction::rm_r(image + ZqFastPatch::WORK);
+    try {
+        if (!consumed.isEmpty() && !SxFSAction::isGone(consumed)) SxFSAction::rm_r(consumed);
+    } catch (const SxException& e) {
+        // The image is through without that.
+        result.patchLeft =
+            "The patch '" + consumed + "' stays: " + e.toString(SxException::ShowMessage, ": ");
+    }
     // One that was fetched may be the next.
     if (!result.isAlreadyNew || !work->hasCopy() || work->hasCopyOf(digest)) work->remove();
     SxFSAction::syncDir(image);
@@ -216,6 +230,7 @@ SxString ZqPatchApply::takePatch() {
     result.isAlreadyNew = !result.isResumed && wanted.isMade(ZqAppParams(image));
     if (result.isAlreadyNew) {
         digest = origin.digest;
+        if (origin.isConsumed && !SxFSAction::isGone(origin.source)) consumed = origin.source;
         return {};
     }
     if (ZqUrlText::isAddress(origin.source)) return takeAddress(origin.source, origin.digest);
@@ -345,12 +360,12 @@ void ZqPatchApply::apply(const SxString& patch) {
         child.wait();
     }
     if (download) result.bytesDownload = download->getNFetched();
-    count(start);
     // A job that was stopped may have been through already.
     isThrough = !fast.hasException() && !ZqFastPatch::isBegun(image) &&
                 (!fast.stopRequested() || wanted.isMade(ZqAppParams(image)));
-    if (fetching) finishDownload(fast);
+    count(start);
     isTold = fast.hasException();
+    if (fetching) finishDownload(fast);
     if (isTold) throw fast.getException();
 }
 
@@ -360,11 +375,15 @@ void ZqPatchApply::finishDownload(const ZqFastPatch& fast) {
     download->stop();
     download->wait();
     if (fast.hasException()) {
-        ZqPatchProgress at;
-        const SxString file = image + ZqImageFiles::PATCH_PROGRESS;
-        if (!SxFSAction::isGone(file)) at.read(file);
-        if (at.stage == ZqPatchProgress::PreparePatchData && at.part < parts.size())
-            download->cutWrong(at.part);
+        try {
+            ZqPatchProgress at;
+            const SxString file = image + ZqImageFiles::PATCH_PROGRESS;
+            if (!SxFSAction::isGone(file)) at.read(file);
+            if (at.stage == ZqPatchProgress::PreparePatchData && at.part < parts.size())
+                download->cutWrong(at.part);
+        } catch (const SxException& e) {
+            zqLogMsg("base", "ZqPatchApply : " + e.toString(SxException::ShowMessage, ": "));
+        }
     } else if (hasFailed && !isThrough) {
         throw download->getException();
     }
@@ -379,7 +398,7 @@ void ZqPatchApply::count(const ZqPatchProgress& start) {
     };
     const SxString file = image + ZqImageFiles::PATCH_PROGRESS;
     ZqPatchProgress end;
-    end.stage = ZqPatchProgress::PerformLockFinish;
+    if (isThrough) end.stage = ZqPatchProgress::PerformLockFinish;
     if (!SxFSAction::isGone(file)) end.read(file);
     for (size_t part = nDone(start); part < std::min(nDone(end), parts.size()); ++part)
         result.bytesWritten += parts[part].newBytes;

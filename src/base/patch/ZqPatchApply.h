@@ -51,6 +51,7 @@ public:
         uint64 bytesWritten = 0;  ///< new blocks put into the image
         uint64 bytesExtra = 0;    ///< of the disk, taken for a time or, by what the image grows, for good
         uint64 bytesLayer = 0;    ///< of a write layer that went
+        SxString patchLeft;       ///< why the patch that was to be removed stays, a sentence; or empty
         uint32 stage = 0;         ///< ZqPatchProgress::Stage where it stopped, or the last one
         uint32 part = 0;
     };

@@ -43,6 +43,7 @@ void ZqPatchCheck::main() {
     if (!hasParts) return;
     checkParts(&isMade);
     checkData();
+    if (nMore > 0) faults << "There are " + SxString(nMore) + " faults more";
 }
 
 void ZqPatchCheck::refuseStop() const {
@@ -50,7 +51,11 @@ void ZqPatchCheck::refuseStop() const {
 }
 
 void ZqPatchCheck::addFault(const SxString& text) {
-    if (faults.getSize() < MAX_LISTED) faults << text;
+    if (faults.getSize() < MAX_LISTED) {
+        faults << text;
+    } else {
+        ++nMore;
+    }
 }
 
 /// What can't be read is a fault, not a failure of the check.
@@ -79,12 +84,10 @@ bool ZqPatchCheck::readRecords() {
     return faults.isEmpty();
 }
 
-/// Gives the path of what an archive holds, or of the file itself where it isn't in an archive; empty where
-/// it can't be had.
+/// Gives the path of what an archive holds; empty where it can't be had.
 SxString ZqPatchCheck::takeArchive(const char* archive, const char* file, uint64 size, const SxString& md5) {
     const SxString path = patch + archive;
     const int64 there = SxFSAction::sizeOf(path);
-    if (there < 0 && SxFSAction::sizeOf(patch + file) >= 0) return patch + file;
     const bool isTaken = attempt([&] {
         if (there < 0) throw SxException("'" + path + "' is missing", UNIT, __LINE__);
         if (static_cast<uint64>(there) != size) {

@@ -15,7 +15,7 @@ class SxIndexSet;
 /// once it has ended; a failure of the check itself leaves main(). Takes no lock.
 class ZqPatchCheck : public ZqTaskMon {
 public:
-    /// Only so many wrong entries of a list are told one by one.
+    /// Only so many faults are told one by one.
     static constexpr int64 MAX_LISTED = 10;
 
     /// `scratch_` is an empty folder for what is unpacked. Both with or without trailing slashes.
@@ -49,6 +49,7 @@ private:
     SxArray<uint64> map; ///< `map.idx`
     SxList<ZqPatchInfo> parts;
     SxList<SxString> faults;
+    uint64 nMore = 0;          ///< faults beyond those
     uint64 nOld = 0, nNew = 0; ///< items of both images; 0 where that couldn't be read
     uint64 nKept = 0, nChanged = 0;
 };
