@@ -181,6 +181,8 @@ struct StatusOptions {
 };
 
 SxString describe(const ZqPatchStatus::Result& result) {
+    if (result.isOther)
+        return "In the middle of another patch than that; go on with: tavrin patch apply IMAGE --resume";
     const SxString to = "the patch to '" + result.to + "' from '" + result.source + "'";
     switch (result.state) {
     case ZqPatchStatus::Begun:
@@ -209,6 +211,7 @@ int status(const StatusOptions& options, Output& out) {
         object.append("to", result.to);
         object.append("source", result.source);
         object.append("fits", result.isFor);
+        object.append("other", result.isOther);
         object.append("alreadyNew", result.isMade);
         object.append("parts", result.nParts);
         object.append("bytesDownload", result.bytesDownload);
@@ -221,7 +224,7 @@ int status(const StatusOptions& options, Output& out) {
         out.object(object);
     }
     out.text(describe(result));
-    if (!result.hasPatch) return ExitSuccess;
+    if (!result.hasPatch || result.isOther) return ExitSuccess;
     if (result.isMade && result.state < ZqPatchStatus::Begun) {
         out.text("The image is the version that the patch makes.");
         return ExitSuccess;

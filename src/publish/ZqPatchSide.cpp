@@ -1,6 +1,7 @@
 #include "ZqPatchSide.h"
 
 #include "SxException.h"
+#include "SxFSAction.h"
 #include "SxMd5.h"
 #include "SxXxh64.h"
 #include "ZqBlockLikeness.h"
@@ -9,6 +10,7 @@
 #include "ZqImageFiles.h"
 #include "ZqImageFolder.h"
 #include "ZqImageInfo.h"
+#include "ZqPatchFiles.h"
 #include "ZqStreamRecord.h"
 #include "ZqSysEnv.h"
 #include "ZqTaskMon.h"
@@ -24,8 +26,14 @@ constexpr uint64 MOST_ITEMS = uint64{1} << 31; ///< 8 TiB; an index takes 4 byte
 
 static_assert(ZqPatchSide::BLOCK == ZqBlocks::SIZE);
 
+/// A patch folder has records like those of an image, and must not get the lock of one.
+SxString ZqPatchSide::requireImage(const SxString& path) {
+    if (SxFSAction::isGone(path + ZqPatchFiles::RECORD)) return path;
+    throw SxException("'" + path + "' holds no image", UNIT, __LINE__);
+}
+
 ZqPatchSide::ZqPatchSide(const SxString& image, const SxString& job)
-    : folder(ZqSysEnv::unifySlashes(ZqImageFolder::prefix(image))),
+    : folder(requireImage(ZqSysEnv::unifySlashes(ZqImageFolder::prefix(image)))),
       lock(ZqImageLock::take(folder, ZqImageLock::Shape, ZqImageLock::Shared, job)) {
     const ZqImageInfo info(folder);
     info.requireComplete(folder);

@@ -59,6 +59,7 @@ public:
     };
 
 private:
+    static SxString requireImage(const SxString& path);
     void readMap();
 
     const SxString folder; ///< with its trailing slash

@@ -39,8 +39,6 @@ constexpr const char* UNIT = "src/base/patch/ZqPatchApply";
 constexpr const char* JOB = "patch apply";
 /// Between two looks at whether a part has arrived: a small patch is through in a few of these.
 constexpr int ARRIVAL_MS = 20;
-/// Of records and notes, beside what is counted.
-constexpr uint64 ROOM_FOR_RECORDS = 1 << 20;
 
 /// With all links resolved, and its trailing slash.
 SxString realPath(const SxString& folder) {
@@ -93,7 +91,7 @@ void ZqPatchApply::main() {
 }
 
 void ZqPatchApply::run() {
-    if (!ZqImageFolder::holdsImage(image))
+    if (!ZqImageFolder::holdsImage(image) || !SxFSAction::isGone(image + ZqPatchFiles::RECORD))
         throw SxException("'" + image + "' holds no image", UNIT, __LINE__);
     const auto lock = ZqImageLock::takeAnyState(image, ZqImageLock::Shape, ZqImageLock::Exclusive, JOB);
     ZqImageLock::refuseOptimisation(image);
@@ -273,6 +271,13 @@ SxString ZqPatchApply::takeFolder(const SxString& folder, bool isConsumed) {
     // Also where there is a copy, which may be the reason why somebody gives the patch again.
     if (!isOwn && !isConsumed) work->takeFolder(folder);
     const SxString patch = isConsumed ? folder : work->getCopy();
+    const SxString data = patch + ZqPatchFiles::DATA;
+    if (SxFSAction::sizeOf(data) != static_cast<int64>(params.sizeData)) {
+        // ZqFastPatch would wait for the rest, which nobody brings.
+        throw SxException("'" + data + "' hasn't the size that its patch.json says" +
+                              (isOwn ? ": give PATCH again" : ""),
+                          UNIT, __LINE__);
+    }
     if (!result.isResumed) requireWhole(patch, params);
     return patch;
 }
@@ -289,7 +294,9 @@ SxString ZqPatchApply::takeAddress(const SxString& source, const SxString& noted
         try {
             record = download->fetchRecord(stop);
         } catch (const SxException& e) {
-            const bool isKept = work->hasCopy() && work->hasOrigin() && work->readOrigin().source == source;
+            const bool isKept =
+                work->hasCopy() && work->hasOrigin() &&
+                ZqImageFolder::prefix(work->readOrigin().source) == ZqImageFolder::prefix(source);
             if (!ZqNetLink::isAway(e) || !isKept) throw;
             zqLogMsg("base", "ZqPatchApply : goes on with what was fetched: " +
                                  e.toString(SxException::ShowMessage, ": "));
@@ -310,9 +317,6 @@ SxString ZqPatchApply::takeAddress(const SxString& source, const SxString& noted
 void ZqPatchApply::requireWhole(const SxString& patch, const ZqPatchParams& params) {
     parts = ZqPatchLists::readParts(patch, params, work->getPath());
     const SxString file = patch + ZqPatchFiles::DATA;
-    if (static_cast<uint64>(SxFSAction::sizeOf(file)) != params.sizeData) {
-        throw SxException("'" + file + "' hasn't the size that its patch.json says", UNIT, __LINE__);
-    }
     setNTotal(params.sizeData);
     SxFileIO data(file, "rb");
     const SxString md5 = SxMd5::file(&data, [this](int64 n) {
@@ -327,7 +331,7 @@ void ZqPatchApply::requireWhole(const SxString& patch, const ZqPatchParams& para
 
 void ZqPatchApply::requireRoom(const SxString& patch, uint64 nToCome) {
     result.bytesExtra =
-        ROOM_FOR_RECORDS + nToCome + ZqPatchRoom::need(parts, ZqPatchLists::stateAtStart(image, patch));
+        ZqPatchRoom::RECORDS + nToCome + ZqPatchRoom::need(parts, ZqPatchLists::stateAtStart(image, patch));
     ZqImageFolder::requireSpace(image, result.bytesExtra);
 }
 
@@ -352,8 +356,9 @@ void ZqPatchApply::apply(const SxString& patch) {
         while (fast.isRunning()) {
             if (isStopped() || (fetching && download->hasException())) fast.stop();
             if (roomBack) roomBack->look();
-            setNTotal(fast.getNTotal());
-            setNCurrent(fast.getNCurrent());
+            // What arrives counts, too.
+            setNTotal(fast.getNTotal() + (fetching ? download->getNTotal() : 0));
+            setNCurrent(fast.getNCurrent() + (fetching ? download->getNCurrent() : 0));
             setSpeed(fast.getSpeed());
             SxWait::pass(interval, [&] { return !fast.isRunning() || isStopped(); });
         }

@@ -70,7 +70,7 @@ bool ZqPatchCheck::attempt(const std::function<void()>& read) {
 }
 
 bool ZqPatchCheck::readRecords() {
-    attempt([&] { params.read(patch); });
+    if (!attempt([&] { params.read(patch); })) params.fromGUID = params.toGUID = SxString();
     attempt([&] { ZqImageParams record(patch); });
     attempt([&] {
         const ZqAppParams app(patch);

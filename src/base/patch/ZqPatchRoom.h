@@ -8,6 +8,9 @@
 /// How many bytes of the disk a patch still takes beside what it has taken, at its highest. The old data of
 /// all parts leaves the image first; each part's goes once its new data is there.
 namespace ZqPatchRoom {
+/// Bytes for records and notes, which need() doesn't count.
+constexpr uint64 RECORDS = 1 << 20;
+
 /// What there is when a patch begins or goes on.
 struct State {
     ZqPatchProgress at;

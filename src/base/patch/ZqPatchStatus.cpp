@@ -126,6 +126,11 @@ void ZqPatchStatus::look(const SxString& patch) {
     const SxString data = (isFetched ? work.getCopy() : patch) + ZqPatchFiles::DATA;
     const auto there = static_cast<uint64>(std::max<int64>(SxFSAction::sizeOf(data), 0));
     result.bytesDownload = params.sizeData - std::min(there, params.sizeData);
+    result.isOther = result.state >= Begun && !isOfPatch;
+    if (result.isOther || (result.isMade && result.state < Begun)) {
+        result.bytesDownload = 0;
+        return;
+    }
     uint64 bytesOfWork = 0;
     for (size_t i = 0; i < parts.size(); ++i) {
         const bool isToCome = progress.stage < ZqPatchProgress::FinalizePatch &&
@@ -134,10 +139,10 @@ void ZqPatchStatus::look(const SxString& patch) {
         result.bytesWritten += parts[i].newBytes;
         bytesOfWork += parts[i].oldBytes + parts[i].patchSize + 2 * parts[i].newBytes;
     }
-    if (result.state == Committing || result.isMade) return;
+    if (result.state == Committing) return;
     ZqPatchRoom::State state = ZqPatchLists::stateAtStart(image, patch);
     state.at = progress;
-    result.bytesExtra = result.bytesDownload + ZqPatchRoom::need(parts, state);
+    result.bytesExtra = ZqPatchRoom::RECORDS + result.bytesDownload + ZqPatchRoom::need(parts, state);
     const double rate = measureRate();
     if (rate > 0) result.seconds = static_cast<double>(bytesOfWork) / rate;
 }

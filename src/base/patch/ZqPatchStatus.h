@@ -22,6 +22,7 @@ public:
         SxString source;   ///< where it comes from, as texts show it
         /// Whether the image is of the version that the patch is for, of the one that it makes, or neither.
         bool isFor = false, isMade = false;
+        bool isOther = false; ///< another patch was begun than the one that was asked for
         uint64 nParts = 0;
         uint32 stage = 0, part = 0; ///< of what was begun, see ZqPatchProgress
         uint64 bytesDownload = 0;   ///< still to come

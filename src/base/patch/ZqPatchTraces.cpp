@@ -9,6 +9,7 @@
 #include "ZqRunTraces.h"
 #include "ZqSysEnv.h"
 #include "ZqTrace.h"
+#include "ZqTraceSources.h"
 
 #include <cstdlib>
 
@@ -38,6 +39,11 @@ void ZqPatchTraces::map(const Log& log, const std::function<bool()>& isStopped) 
         const bool hasItems = !SxFSAction::isGone(path + ITEMS),
                    hasRecord = !SxFSAction::isGone(path + RECORD);
         if (!hasItems && !hasRecord) continue;
+        if (!ZqTraceSources::holdsTraceAlone(path)) {
+            // It would go with the old trace.
+            log("It holds something else than a trace, and stays as it is: " + path);
+            continue;
+        }
         log("Mapping trace " + path);
         if (SxFSAction::sizeOf(path + ITEMS) <= 0 || SxFSAction::sizeOf(path + RECORD) <= 0) {
             log("Corrupted trace " + path);

@@ -17,7 +17,7 @@ public:
                   const SxString& buildId_);
 
     /// Maps all of them. One that can't be mapped stays as it is, and `log` is told why. One with an empty or
-    /// missing file goes; a folder that holds neither file stays, since it is no trace, and so does a trace
+    /// missing file goes; a folder that holds neither file, or others, too, stays, and so does a trace
     /// of another build, since the map isn't for it. Ends between two of them where `isStopped` says so.
     /// Raises where the folders can't be listed or changed.
     void map(const Log& log, const std::function<bool()>& isStopped) const;

@@ -31,6 +31,7 @@ void linkOrCopy(const SxString& from, const SxString& to) {
         throw SxException(SxException(SxOs::errorText(found), UNIT, __LINE__), SxFileIO::fileReadErr(from),
                           UNIT, __LINE__);
     }
+    if (!SxFSAction::test_f(from)) throw SxException("'" + from + "' is no file", UNIT, __LINE__);
     if (os.link(real, SxOs::hostPath(to)) == 0) {
         // It may have been written a moment ago.
         SxFileIO(to, "rb").sync();

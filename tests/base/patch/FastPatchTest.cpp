@@ -65,6 +65,20 @@ TEST(FastPatch, AnImageBecomesTheNextVersion) {
     }
 }
 
+// What a user has put beside a trace would go with it.
+TEST(FastPatch, AFolderThatHoldsMoreThanATraceStays) {
+    TestRandom random(49);
+    TRACE_SEED(random);
+    const PatchedImage image(random, 20, 20, 0.5);
+    const TempDir dir;
+    image.write(dir);
+    dir.write("watched/image/traces/run/notes.txt", "mine");
+    EXPECT_EQ(patch(dir), "");
+    EXPECT_TRUE(isPatched(image, dir)) << image.fault(dir);
+    EXPECT_EQ(dir.read("watched/image/traces/run/notes.txt"), "mine");
+    EXPECT_TRUE(dir.exists("watched/image/traces/run/img.trc"));
+}
+
 TEST(FastPatch, APowerCutAtAnyStepIsGoneOnFrom) {
     TestRandom random(41);
     TRACE_SEED(random);

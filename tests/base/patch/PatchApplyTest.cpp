@@ -297,6 +297,12 @@ TEST(PatchApply, ACopyThatHasGoneBadIsExchanged) {
         const std::string bytes(TempDir::readFile(data).size(), 'x');
         fs::remove(data);
         std::ofstream(data, std::ios::binary) << bytes;
+        if (!isServed) {
+            // Nobody brings the rest of a folder's copy.
+            fs::resize_file(data, bytes.size() / 2);
+            EXPECT_THAT(apply(dir, SxString()), HasSubstr("give PATCH again"));
+            std::ofstream(data, std::ios::binary) << bytes;
+        }
         // A mistyped name takes nothing back.
         EXPECT_NE(apply(dir, SxString(dir.path("sounds"))), "");
         EXPECT_TRUE(ZqFastPatch::isBegun(imageOf(dir) + "/"));
