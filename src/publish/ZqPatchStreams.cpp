@@ -137,7 +137,7 @@ void ZqPatchStreams::raiseFailure() {
     isEnding = true;
     makers.wait();
     SxMutexBlock lock(&mutex);
-    if (failure && !progress->stopRequested()) throw *failure;
+    if (failure && !progress->stopRequested()) throw SxException(*failure);
     throw SxException(SxException::STOPPED, "Stopped", UNIT, __LINE__);
 }
 

@@ -270,7 +270,7 @@ SxString ZqPatchApply::takeFolder(const SxString& folder, bool isConsumed) {
     if (!isOwn) work->writeOrigin({folder, isConsumed, digest, params.toGUID, params.toMnt});
     // Also where there is a copy, which may be the reason why somebody gives the patch again.
     if (!isOwn && !isConsumed) work->takeFolder(folder);
-    const SxString patch = isConsumed ? folder : work->getCopy();
+    SxString patch = isConsumed ? folder : work->getCopy();
     const SxString data = patch + ZqPatchFiles::DATA;
     if (SxFSAction::sizeOf(data) != static_cast<int64>(params.sizeData)) {
         // ZqFastPatch would wait for the rest, which nobody brings.
