@@ -18,9 +18,6 @@ struct ZqPatchSizes {
 
     template<class List>
     static std::vector<ZqPatchSizes> of(const List& parts) {
-        std::vector<ZqPatchSizes> sizes;
-        for (const ZqPatchInfo& part : parts)
-            sizes.emplace_back(part);
-        return sizes;
+        return std::vector<ZqPatchSizes>(parts.begin(), parts.end());
     }
 };
