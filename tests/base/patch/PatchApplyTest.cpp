@@ -306,7 +306,11 @@ TEST(PatchApply, ACopyThatHasGoneBadIsExchanged) {
         // A mistyped name takes nothing back.
         EXPECT_NE(apply(dir, SxString(dir.path("sounds"))), "");
         EXPECT_TRUE(ZqFastPatch::isBegun(imageOf(dir) + "/"));
-        EXPECT_THAT(apply(dir, SxString()), HasSubstr("checksum"));
+        // What is wrong of a download is fetched again at once, as far as its part isn't whole yet.
+        const std::string failure = apply(dir, SxString());
+        if (!isServed) {
+            EXPECT_THAT(failure, HasSubstr("checksum"));
+        }
         for (int i = 0; i < 40 && !isNew(image, dir); ++i)
             apply(dir, patch);
         EXPECT_TRUE(isNew(image, dir)) << image.fault(dir);
