@@ -5,7 +5,6 @@
 #include "SxFSAction.h"
 #include "SxFileIO.h"
 #include "SxMd5.h"
-#include "SxSystemThread.h"
 #include "ZqBlocks.h"
 #include "ZqFailurePolicy.h"
 #include "ZqImageFiles.h"
@@ -13,10 +12,9 @@
 #include "ZqImageInfo.h"
 #include "ZqImageMapFetch.h"
 #include "ZqImageParams.h"
+#include "ZqJobsTogether.h"
 #include "ZqLog.h"
 #include "ZqUrlText.h"
-
-#include <functional>
 
 namespace {
 
@@ -57,24 +55,6 @@ void takeRecord(const Take& take) {
 }
 
 } // namespace
-
-/// Does something on a thread of its own, so that a round trip is paid once for all.
-class ZqImageRecords::Fetch : public SxSystemThread {
-public:
-    explicit Fetch(std::function<void()> fetch_) : fetch(std::move(fetch_)) { setThreadName("record"); }
-    ~Fetch() override { wait(); }
-    /// Waits for the end, and raises what went wrong.
-    void finish() {
-        wait();
-        if (hasException()) throw getException();
-    }
-
-protected:
-    void main() override { fetch(); }
-
-private:
-    const std::function<void()> fetch;
-};
 
 ZqImageRecords::ZqImageRecords(const SxPtr<ZqNetLink>& link_, const SxString& image,
                                const SxString& folderUrl, const SxArray<SxString>& headers_)
@@ -245,10 +225,11 @@ bool ZqImageRecords::hasParams(const ZqAppParams& app) const {
 }
 
 void ZqImageRecords::fetchRest(const ZqAppParams& app, const ZqStopTest& stop) {
-    Fetch paramsFetch([&] { fetchParams(app, stop); });
-    if (!hasParams(app)) paramsFetch.start();
+    // Beside the map, so that a round trip is paid once for both.
+    ZqJobsTogether fetches;
+    if (!hasParams(app)) fetches.start("record", [&] { fetchParams(app, stop); });
     fetchMap(app, stop);
-    paramsFetch.finish();
+    fetches.wait();
 }
 
 void ZqImageRecords::fetchIndex(const ZqStopTest& stop) {

@@ -35,8 +35,6 @@ public:
     bool isSameOnServer(const ZqAppParams& own, const ZqStopTest& stop) const;
 
 private:
-    class Fetch;
-
     /// A record's address as texts show it.
     SxString urlOf(const char* name) const { return ZqUrlText::of(ZqRemoteFile::urlIn(address, name)); }
     /// `isFresh`: past caches, since what came before was wrong.

@@ -207,10 +207,11 @@ void ZqFastPatch::parseMeta() {
         if (!stopRequested()) {
             patchParams.read(patchDir);
             oldApp.read(imageDir);
-            newApp.read(patchDir);
             if (!patchParams.isFor(oldApp))
                 throw SxException("The provided patch is not for current version", UNIT, __LINE__);
-            requireNew();
+            // The records are put in place at the end, when nothing can be taken back.
+            newApp = patchParams.readNew(patchDir);
+            const ZqImageParams readable(patchDir);
             requirePatch();
         }
         SxFSAction::mkdir_p(work, 0777);
@@ -238,16 +239,6 @@ void ZqFastPatch::parseMeta() {
     } catch (const SxException& e) {
         throw SxException(e, "Failed to parse meta data", UNIT, __LINE__);
     }
-}
-
-/// The records of the new version are put in place at the end, when nothing can be taken back.
-void ZqFastPatch::requireNew() const {
-    const ZqImageParams image(patchDir);
-    newApp.requireKnownFormat();
-    if (patchParams.isNew(newApp)) return;
-    throw SxException("'" + patchDir + ZqImageFiles::APP_JSON +
-                          "' isn't that of the version that its patch.json names",
-                      UNIT, __LINE__);
 }
 
 /// The work folder belongs to one patch, of which it keeps the record.

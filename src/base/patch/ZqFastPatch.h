@@ -102,7 +102,6 @@ private:
     bool isLastPart(uint32 part) const { return part + 1 >= parts.size(); }
     uint64 roomNeeded() const;
     uint64 growth(bool hasMap) const;
-    void requireNew() const;
     void requireOldMap() const;
     void readMaps();
     void writeNewMap(const SxString& name) const;

@@ -7,6 +7,7 @@
 #include "SxTime.h"
 #include "ZqAppParams.h"
 #include "ZqBlocks.h"
+#include "ZqConsumedIndex.h"
 #include "ZqFastPatch.h"
 #include "ZqImage.h"
 #include "ZqImageFiles.h"
@@ -39,15 +40,6 @@ constexpr const char* UNIT = "src/base/patch/ZqPatchApply";
 constexpr const char* JOB = "patch apply";
 /// Between two looks at whether a part has arrived: a small patch is through in a few of these.
 constexpr int ARRIVAL_MS = 20;
-
-/// With all links resolved, and its trailing slash.
-SxString realPath(const SxString& folder) {
-    std::string real;
-    const int result = SxOs::get().canonical(SxOs::hostPath(folder), &real);
-    if (result == 0) return ZqImageFolder::prefix(SxString(real));
-    throw SxException(SxException(SxOs::errorText(result), UNIT, __LINE__),
-                      "Cannot find the patch folder '" + folder + "'", UNIT, __LINE__);
-}
 
 /// The folder is removed as a whole at the end.
 void requireOnlyPatch(const SxString& folder) {
@@ -213,7 +205,7 @@ SxString ZqPatchApply::takePatch() {
     refuseImage();
     if (!options.patch.isEmpty()) {
         if (ZqUrlText::isAddress(options.patch)) return takeAddress(options.patch, {});
-        return takeFolder(realPath(options.patch), options.isConsumed);
+        return takeFolder(ZqConsumedIndex::realPath(options.patch), options.isConsumed);
     }
     if (!work->hasOrigin()) {
         throw SxException(
@@ -258,6 +250,8 @@ bool ZqPatchApply::isWanted(const ZqPatchParams& params) {
 }
 
 SxString ZqPatchApply::takeFolder(const SxString& folder, bool isConsumed) {
+    if (!SxFSAction::test_d(folder))
+        throw SxException("The patch folder '" + folder + "' isn't there", UNIT, __LINE__);
     const bool isOwn = folder == work->getCopy();
     if (!isOwn) ZqImageStaging::refuseOverlap(folder, image);
     if (isConsumed) {

@@ -31,6 +31,11 @@ ZqPatchCheck::ZqPatchCheck(const SxString& patch_, const SxString& scratch_)
 }
 
 void ZqPatchCheck::main() {
+    check();
+    if (nMore > 0) faults << "There are " + SxString(nMore) + " faults more";
+}
+
+void ZqPatchCheck::check() {
     if (!readRecords()) return;
     const SxString mapFile =
         takeArchive(ZqPatchFiles::MAP_7Z, ZqPatchFiles::MAP, params.sizeMap, params.hashMap);
@@ -43,7 +48,6 @@ void ZqPatchCheck::main() {
     if (!hasParts) return;
     checkParts(&isMade);
     checkData();
-    if (nMore > 0) faults << "There are " + SxString(nMore) + " faults more";
 }
 
 void ZqPatchCheck::refuseStop() const {
@@ -72,15 +76,7 @@ bool ZqPatchCheck::attempt(const std::function<void()>& read) {
 bool ZqPatchCheck::readRecords() {
     if (!attempt([&] { params.read(patch); })) params.fromGUID = params.toGUID = SxString();
     attempt([&] { ZqImageParams record(patch); });
-    attempt([&] {
-        const ZqAppParams app(patch);
-        app.requireKnownFormat();
-        nNew = app.sizeIdx / sizeof(uint64);
-        if (!params.isNew(app))
-            throw SxException("'" + patch + ZqImageFiles::APP_JSON +
-                                  "' isn't that of the version that its patch.json names",
-                              UNIT, __LINE__);
-    });
+    attempt([&] { nNew = params.readNew(patch).sizeIdx / sizeof(uint64); });
     return faults.isEmpty();
 }
 

@@ -33,6 +33,7 @@ protected:
     void main() override;
 
 private:
+    void check();
     bool readRecords();
     SxString takeArchive(const char* archive, const char* file, uint64 size, const SxString& md5);
     bool attempt(const std::function<void()>& read);

@@ -197,13 +197,7 @@ void ZqPatchDownload::fetchLists(const ZqStopTest& stop) {
 void ZqPatchDownload::requireRecords() const {
     try {
         const ZqImageParams image(work.getCopy());
-        const ZqAppParams app(work.getCopy());
-        app.requireKnownFormat();
-        if (!params.isNew(app)) {
-            throw SxException("'" + fileOf(ZqImageFiles::APP_JSON) +
-                                  "' isn't that of the version that its patch.json names",
-                              UNIT, __LINE__);
-        }
+        params.readNew(work.getCopy());
     } catch (const SxException&) {
         for (const char* name : {ZqImageFiles::IMAGE_JSON, ZqImageFiles::APP_JSON})
             SxFSAction::rm(fileOf(name));

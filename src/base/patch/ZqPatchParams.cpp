@@ -3,6 +3,7 @@
 #include "SxException.h"
 #include "SxFSAction.h"
 #include "ZqAppParams.h"
+#include "ZqImageFiles.h"
 #include "ZqPatchFiles.h"
 #include "ZqRecordFile.h"
 
@@ -84,4 +85,13 @@ bool ZqPatchParams::isNew(const ZqAppParams& app) const {
 
 bool ZqPatchParams::isMade(const ZqAppParams& app) const {
     return isNew(app) && !(toMnt.isEmpty() && fromGUID == toGUID);
+}
+
+ZqAppParams ZqPatchParams::readNew(const SxString& folder) const {
+    ZqAppParams app(folder);
+    app.requireKnownFormat();
+    if (isNew(app)) return app;
+    throw SxException("'" + folder + ZqImageFiles::APP_JSON +
+                          "' isn't that of the version that its patch.json names",
+                      UNIT, __LINE__);
 }

@@ -40,6 +40,9 @@ public:
     bool isFor(const ZqAppParams& app) const;
     /// Whether it may be of the version that the patch makes.
     bool isNew(const ZqAppParams& app) const;
+    /// The `app.json` of the patch folder `folder`. Raises where it can't be read or used, and where it isn't
+    /// that of the version that the patch makes.
+    ZqAppParams readNew(const SxString& folder) const;
     /// Whether it surely is: nothing tells both versions apart where they share a guid and have no build ids.
     bool isMade(const ZqAppParams& app) const;
 
