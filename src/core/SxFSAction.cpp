@@ -10,6 +10,8 @@ namespace {
 
 constexpr const char* UNIT = "src/core/SxFSAction";
 constexpr int64 COPY_CHUNK = 1 << 20;
+/// Ends the name of a copy that isn't whole yet.
+constexpr const char* MOVING = ".tavrin-moving";
 
 [[noreturn]] void fail(const SxString& what, int64 error, int line) {
     throw SxException(SxException(SxOs::errorText(error), UNIT, line), what, UNIT, line);
@@ -50,6 +52,21 @@ void copyLink(const SxString& from, const SxString& to) {
         result = SxOs::get().symlink(target, SxOs::hostPath(to));
     }
     if (result < 0) fail("Cannot copy link '" + from + "' to '" + to + "'", result, __LINE__);
+}
+
+void giveTo(const SxString& path, const SxStat& owner) {
+    SxOs& os = SxOs::get();
+    SxStat own;
+    int result = os.lstat(SxOs::hostPath(path), &own);
+    if (result == 0 && (own.owner != owner.owner || own.group != owner.group)) {
+        result = os.setOwner(SxOs::hostPath(path), owner.owner, owner.group);
+        // Only some may give a file away; the copy is theirs then.
+        if (result == -EPERM) return;
+        // Bits go with the former owner.
+        if (result == 0 && own.kind != SxStat::Link)
+            result = os.setPermissions(SxOs::hostPath(path), own.permissions);
+    }
+    if (result < 0) fail("Cannot set the owner of '" + path + "'", result, __LINE__);
 }
 
 void copyBytes(const SxString& from, const SxString& to, uint32 permissions) {
@@ -105,6 +122,39 @@ void findBelow(const SxString& folder, const std::string& pattern, std::vector<L
         if (info.kind == SxStat::Dir) findBelow(path, pattern, levels, found);
     }
     levels.pop_back();
+}
+
+void copyTree(const SxString& from, const SxString& to, bool keepsOwner) {
+    const SxStat info = ask(from);
+    // Set-id bits were given to a program for the place where it lay, so a copy doesn't get them.
+    const uint32 permissions = info.permissions & 0777;
+    if (info.kind == SxStat::Link) {
+        copyLink(from, to);
+    } else if (info.kind == SxStat::Dir) {
+        const std::vector<std::string> names = sortedNames(from);
+        SxFSAction::mkdir_p(to, static_cast<int>(permissions) | 0700);
+        for (const std::string& name : names)
+            copyTree(below(from, name), below(to, name), keepsOwner);
+    } else if (info.kind == SxStat::File) {
+        copyFile(from, to, permissions);
+    } else {
+        throw SxException("Cannot copy '" + from + "': it is neither a file nor a folder", UNIT, __LINE__);
+    }
+    if (keepsOwner) giveTo(to, info);
+}
+
+/// The copy gets its name once it is whole, so that half of one is never taken for it.
+void moveByCopy(const SxString& from, const SxString& to) {
+    const SxString half = to + MOVING;
+    if (SxFSAction::look(half)) SxFSAction::rm_r(half);
+    copyTree(from, half, true);
+    const int result = SxOs::get().rename(SxOs::hostPath(half), SxOs::hostPath(to));
+    if (result < 0) {
+        SxFSAction::rm_r(half);
+        fail("Cannot move '" + from + "' to '" + to + "'", result, __LINE__);
+    }
+    SxFSAction::syncDir(SxFileInfo(to).getPath());
+    SxFSAction::rm_r(from);
 }
 
 } // namespace
@@ -165,29 +215,13 @@ void SxFSAction::mkdir_p(const SxString& path, int mode) {
 }
 
 void SxFSAction::cp(const SxString& from, const SxString& to) {
-    const SxStat info = ask(from);
-    // Set-id bits were given to a program for the place where it lay, so a copy doesn't get them.
-    const uint32 permissions = info.permissions & 0777;
-    if (info.kind == SxStat::Link) {
-        copyLink(from, to);
-    } else if (info.kind == SxStat::Dir) {
-        const std::vector<std::string> names = sortedNames(from);
-        mkdir_p(to, static_cast<int>(permissions) | 0700);
-        for (const std::string& name : names)
-            cp(below(from, name), below(to, name));
-    } else if (info.kind == SxStat::File) {
-        copyFile(from, to, permissions);
-    } else {
-        throw SxException("Cannot copy '" + from + "': it is neither a file nor a folder", UNIT, __LINE__);
-    }
+    copyTree(from, to, false);
 }
 
 void SxFSAction::mv(const SxString& from, const SxString& to) {
     const int result = SxOs::get().rename(SxOs::hostPath(from), SxOs::hostPath(to));
     if (result == -EXDEV) {
-        cp(from, to);
-        syncDir(SxFileInfo(to).getPath());
-        rm_r(from);
+        moveByCopy(from, to);
     } else if (result < 0) {
         fail("Cannot move '" + from + "' to '" + to + "'", result, __LINE__);
     }

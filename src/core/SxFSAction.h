@@ -30,7 +30,8 @@ public:
     /// Copies a file, with its permissions but without set-id and sticky bits, or a folder with its content;
     /// existing files are replaced. The bytes are on the device at the end.
     static void cp(const SxString& from, const SxString& to);
-    /// Renames; across file systems copies and removes. Replaces a file.
+    /// Renames; across file systems copies, with the owner as far as the user may, and removes: the new name
+    /// stands once the copy is whole and on the device, and what is cut off has both. Replaces a file.
     static void mv(const SxString& from, const SxString& to);
     static void rm(const SxString& path);
     /// Removes a file, or a folder with its content.

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <optional>
 #include <utility>
 
 namespace {
@@ -220,18 +221,44 @@ void SxFileIO::writeAtomic(const SxString& path, const SxString& text, int permi
         path, [&](SxFileIO* file) { file->write(text); }, permission);
 }
 
+void SxFileIO::tidyAfterWriters(const SxString& path) {
+    SxTemporaryFile::removeDead(path);
+}
+
 bool SxFileIO::isTemporaryName(const SxString& name, const SxString& of) {
     return SxTemporaryFile::isName(name, of);
 }
 
 void SxFileIO::writeAtomic(const SxString& path, const std::function<void(SxFileIO* file)>& fill,
                            int permission) {
+    std::optional<SxStat> former;
+    if (permission == KEEP) former = SxFSAction::look(path);
+    if (former && former->kind != SxStat::File) former.reset();
+    if (permission == KEEP) permission = former ? static_cast<int>(former->permissions & 0777) : 0644;
     SxTemporaryFile temporary(path, permission);
     SxFileIO file(temporary.getPath(), "wb");
+    if (former) file.become(*former);
     fill(&file);
     file.sync();
     file.close();
     temporary.commit();
+}
+
+/// Takes over the permissions of another file, and its owner where the user may do that.
+void SxFileIO::become(const SxStat& other) {
+    SxOs& os = SxOs::get();
+    SxStat own;
+    int result = os.statFd(fd, &own);
+    if (result == 0 && (own.owner != other.owner || own.group != other.group)) {
+        result = os.setOwnerFd(fd, other.owner, other.group);
+        if (result == -EPERM) result = 0;
+    }
+    // After the owner, whose change takes bits away.
+    if (result == 0) result = os.setPermissionsFd(fd, other.permissions & 0777);
+    if (result < 0) {
+        throw SxException(SxException(SxOs::errorText(result), UNIT, __LINE__),
+                          "Cannot set the permissions of '" + path + "'", UNIT, __LINE__);
+    }
 }
 
 SxString SxFileIO::fileReadErr(const SxString& path) {

@@ -7,6 +7,8 @@
 #include <functional>
 #include <type_traits>
 
+struct SxStat;
+
 /// One open file. Not buffered: each call goes to the system. Callers read and write large pieces, and
 /// nothing waits in memory that a later failure could lose. One thread at a time. All operations raise
 /// SxException on an error of the file, naming it. The file is closed by the destructor.
@@ -20,6 +22,9 @@ public:
     enum Seek { SeekSet, SeekCur, SeekEnd };
     /// Largest text file that readUtf8() and readLines() take, in bytes.
     static constexpr int64 MAX_TEXT = 16 << 20;
+    /// A permission: that of the file which is replaced, with its owner and group, as far as the user may
+    /// give them; 0644 where there is none.
+    static constexpr int KEEP = -1;
 
     SxFileIO() = default;
     SxFileIO(const SxString& path_, const SxString& mode_, int permission = 0600) {
@@ -84,6 +89,8 @@ public:
     static void writeAtomic(const SxString& path, const std::function<void(SxFileIO* file)>& fill,
                             int permission = 0644);
 
+    /// Removes what writers of the file have left that were cut off, as writeAtomic() does first.
+    static void tidyAfterWriters(const SxString& path);
     /// Whether `name` is one that writeAtomic() gives for a while to what becomes the file `of`; both without
     /// their folder: `of`, a dot, eight hexadecimal digits, `.tmp`.
     static bool isTemporaryName(const SxString& name, const SxString& of);
@@ -104,6 +111,7 @@ public:
     void write(const T& value);
 
 private:
+    void become(const SxStat& other);
     void require(unsigned modes, int line) const;
     int64 readSome(void* buffer, int64 n);
     void adopt(int result, unsigned newMode, const SxString& newPath);

@@ -34,6 +34,8 @@ void fill(const struct ::stat& from, SxStat* to) {
     to->device = from.st_dev;
     to->inode = from.st_ino;
     to->permissions = from.st_mode & 07777;
+    to->owner = from.st_uid;
+    to->group = from.st_gid;
     to->modifiedMs = from.st_mtim.tv_sec * 1000 + from.st_mtim.tv_nsec / 1'000'000;
     to->modifiedNs = from.st_mtim.tv_sec * 1'000'000'000 + from.st_mtim.tv_nsec;
 }
@@ -51,9 +53,37 @@ int systemFlags(unsigned flags) {
     return result;
 }
 
+std::atomic<SxOs::OwnerHook> ownerHook{nullptr};
+
+/// Whose a new name at a path is to be.
+class NewOwner {
+public:
+    explicit NewOwner(const std::string& path) {
+        const SxOs::OwnerHook hook = ownerHook.load(std::memory_order_acquire);
+        isOther = hook && hook(path, &owner, &group);
+    }
+    bool isNeeded() const { return isOther; }
+    void take(int fd) const {
+        if (::fchown(fd, owner, group) < 0) errno = 0;
+    }
+    /// Hands the result of making the name on.
+    int take(const std::string& path, int result) const {
+        if (result == 0 && isOther && ::lchown(path.c_str(), owner, group) < 0) errno = 0;
+        return result;
+    }
+
+private:
+    bool isOther = false;
+    uint32 owner = 0, group = 0;
+};
+
 class Machine : public SxOs {
 public:
     int open(const std::string& path, unsigned flags, unsigned permissions) override {
+        if ((flags & Create) != 0) {
+            const NewOwner owner(path);
+            if (owner.isNeeded()) return openFor(owner, path, flags, permissions);
+        }
         return status(::open(path.c_str(), systemFlags(flags), permissions));
     }
     int openIn(int folder, const std::string& name, unsigned flags, unsigned permissions) override {
@@ -153,7 +183,7 @@ public:
     }
 
     int makeDir(const std::string& path, unsigned permissions) override {
-        return status(::mkdir(path.c_str(), permissions));
+        return NewOwner(path).take(path, status(::mkdir(path.c_str(), permissions)));
     }
     int removeDir(const std::string& path) override { return status(::rmdir(path.c_str())); }
     int unlink(const std::string& path) override { return status(::unlink(path.c_str())); }
@@ -167,7 +197,7 @@ public:
         return status(::renameat(folder, from.c_str(), folder, to.c_str()));
     }
     int symlink(const std::string& target, const std::string& path) override {
-        return status(::symlink(target.c_str(), path.c_str()));
+        return NewOwner(path).take(path, status(::symlink(target.c_str(), path.c_str())));
     }
     int link(const std::string& from, const std::string& to) override {
         return status(::link(from.c_str(), to.c_str()));
@@ -183,6 +213,10 @@ public:
         return status(::chmod(path.c_str(), permissions));
     }
     int setPermissionsFd(int fd, unsigned permissions) override { return status(::fchmod(fd, permissions)); }
+    int setOwner(const std::string& path, uint32 owner, uint32 group) override {
+        return status(::lchown(path.c_str(), owner, group));
+    }
+    int setOwnerFd(int fd, uint32 owner, uint32 group) override { return status(::fchown(fd, owner, group)); }
     int setModifiedNow(const std::string& path) override {
         return status(::utimensat(AT_FDCWD, path.c_str(), nullptr, 0));
     }
@@ -241,6 +275,14 @@ public:
     }
 
 private:
+    /// Only a file that is new changes hands.
+    static int openFor(const NewOwner& owner, const std::string& path, unsigned flags, unsigned permissions) {
+        const int fd = status(::open(path.c_str(), systemFlags(flags | Exclusive), permissions));
+        if (fd == -EEXIST && (flags & Exclusive) == 0)
+            return status(::open(path.c_str(), systemFlags(flags), permissions));
+        if (fd >= 0) owner.take(fd);
+        return fd;
+    }
     static struct ::flock describe(int64 offset, int64 n, Lock lock) {
         struct ::flock range {};
         range.l_type = lock == Lock::Exclusive ? F_WRLCK : lock == Lock::Shared ? F_RDLCK : F_UNLCK;
@@ -292,6 +334,10 @@ SxString SxOs::errorText(int64 error) {
 void SxOs::setPathHooks(PathHook translate, DriveHook makeDrive) noexcept {
     pathHook.store(translate, std::memory_order_release);
     driveHook.store(makeDrive, std::memory_order_release);
+}
+
+void SxOs::setOwnerHook(OwnerHook hook) noexcept {
+    ownerHook.store(hook, std::memory_order_release);
 }
 
 bool SxOs::makeDrive(const SxString& path) {

@@ -15,8 +15,9 @@ struct SxStat {
     int64 nNames = 0;       ///< of the file, in whatever folders
     uint64 device = 0, inode = 0;
     uint32 permissions = 0; ///< the low 12 mode bits
-    int64 modifiedMs = 0;   ///< milliseconds since 1970 UTC
-    int64 modifiedNs = 0;   ///< the same in nanoseconds
+    uint32 owner = 0, group = 0;
+    int64 modifiedMs = 0; ///< milliseconds since 1970 UTC
+    int64 modifiedNs = 0; ///< the same in nanoseconds
 };
 
 /// The one seam to the operating system's files, which a test can replace to fail the n-th operation, to fill
@@ -98,6 +99,9 @@ public:
     virtual int readLink(const std::string& path, std::string* target) = 0;
     virtual int setPermissions(const std::string& path, unsigned permissions) = 0;
     virtual int setPermissionsFd(int fd, unsigned permissions) = 0;
+    /// Of a link its own. -EPERM where the user may not give it away, or the file system has no owners.
+    virtual int setOwner(const std::string& path, uint32 owner, uint32 group) = 0;
+    virtual int setOwnerFd(int fd, uint32 owner, uint32 group) = 0;
     /// Sets the time of modification to now.
     virtual int setModifiedNow(const std::string& path) = 0;
     /// Returns when names made, renamed or removed in the folder are on the device.
@@ -133,10 +137,14 @@ public:
 
     using PathHook = std::string (*)(const std::string& path);
     using DriveHook = bool (*)(const std::string& path);
+    using OwnerHook = bool (*)(const std::string& path, uint32* owner, uint32* group);
     /// Installs the translation of the library's paths (such as "E:/x") to host paths, and what makes the
     /// folder of a drive that is always there ("C:/") when something is to be put into it; null for none.
     /// Everywhere else the library's paths stay as they are; only this seam sees host paths.
     static void setPathHooks(PathHook translate, DriveHook makeDrive) noexcept;
+    /// Installs what says whose a new file, folder or link at a host path is to be; false where it is its
+    /// maker's, as without a hook. What can't be given away stays its maker's.
+    static void setOwnerHook(OwnerHook hook) noexcept;
     /// Makes the folder of the drive `path` ("C:/"); false where there is no such drive to be made.
     static bool makeDrive(const SxString& path);
     /// The host path of a path of the library. Raises on a path that is empty or holds a NUL.

@@ -16,15 +16,16 @@ constexpr size_t N_DIGITS = 8;
 /// The byte that a writer locks, far after those that others lock.
 constexpr int64 WRITER = int64{1} << 48;
 
-/// Removes what writers of `path` have left that have ended. What can't be told or removed stays.
-void removeDeadWriters(const SxString& path) {
+} // namespace
+
+void SxTemporaryFile::removeDead(const SxString& path) {
     SxOs& os = SxOs::get();
     const SxFileInfo info(path);
     const std::string folder = SxOs::hostPath(info.getPath());
     std::vector<std::string> names;
     if (os.list(folder, &names) < 0) return;
     for (const std::string& name : names) {
-        if (!SxTemporaryFile::isName(name, info.getName())) continue;
+        if (!isName(name, info.getName())) continue;
         const std::string host = folder + "/" + name;
         const int fd = os.open(host, SxOs::Read | SxOs::Write | SxOs::NoFollow, 0);
         if (fd < 0) continue;
@@ -33,10 +34,8 @@ void removeDeadWriters(const SxString& path) {
     }
 }
 
-} // namespace
-
 SxTemporaryFile::SxTemporaryFile(const SxString& path_, int permission) : path(path_) {
-    removeDeadWriters(path);
+    removeDead(path);
     SxOs& os = SxOs::get();
     for (;;) {
         name = path + "." + SxString::sprintf("%08x", std::random_device()()) + TEMPORARY;

@@ -22,6 +22,8 @@ public:
     /// Renames the file, which the caller has synced, to `path`, and syncs the folder. Raises.
     void commit();
 
+    /// Removes what writers of `path` have left that have ended. What can't be told or removed stays.
+    static void removeDead(const SxString& path);
     /// Whether `name` is one that such a file has for `of`; both without their folder.
     static bool isName(const SxString& name, const SxString& of);
 

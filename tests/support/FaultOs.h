@@ -156,6 +156,14 @@ public:
         const int error = strike(Op::SetPermissions, fd);
         return error ? error : machine.setPermissionsFd(fd, permissions);
     }
+    int setOwner(const std::string& path, uint32 owner, uint32 group) override {
+        const int error = strike(Op::SetPermissions, path);
+        return error ? error : machine.setOwner(path, owner, group);
+    }
+    int setOwnerFd(int fd, uint32 owner, uint32 group) override {
+        const int error = strike(Op::SetPermissions, fd);
+        return error ? error : machine.setOwnerFd(fd, owner, group);
+    }
     int setModifiedNow(const std::string& path) override {
         const int error = strike(Op::SetModified, path);
         return error ? error : machine.setModifiedNow(path);

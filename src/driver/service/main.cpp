@@ -7,6 +7,7 @@
 #include "SxFileIO.h"
 #include "SxOs.h"
 #include "SxTime.h"
+#include "ZqRootOwner.h"
 #include "ZqServiceFolder.h"
 
 #include <cerrno>
@@ -175,6 +176,7 @@ int main(int argc, char** argv) {
         std::fputs("usage: zqdd --root MACHINE_ROOT --folder SERVICE_FOLDER\n", stderr);
         return 2;
     }
+    ZqRootOwner::keep(root);
     int ready[2];
     if (::pipe2(ready, O_CLOEXEC) != 0) return EXIT_FAILURE;
     const pid_t child = ::fork();

@@ -5,6 +5,7 @@
 #include "SxMutex.h"
 #include "SxOs.h"
 #include "ZqFold.h"
+#include "ZqRootOwner.h"
 #include "ZqXdg.h"
 
 #include <cerrno>
@@ -101,12 +102,16 @@ void ZqMachineRoot::set(const SxString& path) {
     Root& r = root();
     SxMutexBlock lock(&r.mutex);
     r.path = newPath;
+    if (!newPath.empty()) ZqRootOwner::keep(newPath);
 }
 
 SxString ZqMachineRoot::get() {
     Root& r = root();
     SxMutexBlock lock(&r.mutex);
-    if (r.path.empty()) r.path = defaultRoot();
+    if (r.path.empty()) {
+        r.path = defaultRoot();
+        ZqRootOwner::keep(r.path);
+    }
     return r.path;
 }
 
