@@ -3,6 +3,7 @@
 #include "SxException.h"
 #include "SxFSAction.h"
 #include "SxOs.h"
+#include "SxTime.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -13,20 +14,25 @@ constexpr const char* UNIT = "src/shared/ZqFileLock";
 
 } // namespace
 
-ZqFileLock::ZqFileLock(const SxString& file, const SxString& heldText, const SxString& failText)
+ZqFileLock::ZqFileLock(const SxString& file, const SxString& heldText, const SxString& failText, int64 waitMs)
     : host(SxOs::hostPath(file)) {
     SxFSAction::mkdir_p(SxFileInfo(file).getPath(), 0777);
+    if (!SxWait::pass(waitMs, [&] { return take(failText); })) throw SxException(heldText, UNIT, __LINE__);
+}
+
+/// False where somebody else holds it.
+bool ZqFileLock::take(const SxString& failText) {
     SxOs& os = SxOs::get();
     for (;;) {
         fd = os.open(host, SxOs::Read | SxOs::Write | SxOs::Create | SxOs::NoFollow, 0666);
         const int result = fd < 0 ? fd : os.lockRange(fd, 0, 1, SxOs::Lock::Exclusive);
-        if (result == -ENOLCK || result == -EOPNOTSUPP || result == -ENOSYS) return;
+        if (result == -ENOLCK || result == -EOPNOTSUPP || result == -ENOSYS) return true;
         // Where the file is gone its holder has ended, and others lock another one.
         const int named = result == 0 ? os.hasName(fd, host) : 0;
-        if (named == 1) return;
+        if (named == 1) return true;
         if (named < 0) os.unlink(host);
         if (fd >= 0) os.close(fd);
-        if (result == -EAGAIN) throw SxException(heldText, UNIT, __LINE__);
+        if (result == -EAGAIN) return false;
         if (result < 0 || named < 0) {
             throw SxException(SxException(SxOs::errorText(std::min(result, named)), UNIT, __LINE__), failText,
                               UNIT, __LINE__);
@@ -40,13 +46,13 @@ ZqFileLock::~ZqFileLock() {
     SxOs::get().close(fd);
 }
 
-bool ZqFileLock::isLocked(const SxString& file) {
+bool ZqFileLock::isLocked(const SxString& file, int64 offset) {
     SxOs& os = SxOs::get();
     const int fd = os.open(SxOs::hostPath(file), SxOs::Read, 0);
     if (fd == -ENOENT || fd == -ENOTDIR) return false;
     int result = fd;
     if (fd >= 0) {
-        result = os.isLocked(fd, 0, 1, SxOs::Lock::Exclusive);
+        result = os.isLocked(fd, offset, 1, SxOs::Lock::Exclusive);
         os.close(fd);
     }
     if (result >= 0) return result == 1;

@@ -5,6 +5,7 @@
 #include "SxFSAction.h"
 #include "SxOs.h"
 #include "SxTime.h"
+#include "ZqFileLock.h"
 #include "ZqImageFiles.h"
 #include "ZqImageFolder.h"
 #include "ZqImageReplacement.h"
@@ -115,6 +116,10 @@ SxPtr<ZqImageLock> ZqImageLock::await(const SxString& path, Range range, Mode mo
         }
         SxTime::msleep(LOOK_MS);
     }
+}
+
+bool ZqImageLock::isHeld(const SxString& path, Range range) {
+    return ZqFileLock::isLocked(ZqImageFolder::prefix(path) + ZqImageFiles::LOCK, RANGE_BASE + range);
 }
 
 void ZqImageLock::finishReplacement(const SxString& path) {

@@ -50,6 +50,10 @@ public:
     /// The same for an optimisation alone.
     static void refuseOptimisation(const SxString& path);
 
+    /// Whether anybody has the range of the image in the folder, whoever it is; false where there is no such
+    /// folder. Raises where that can't be told.
+    static bool isHeld(const SxString& path, Range range);
+
     /// Brings a replacement of the image to its end that was cut off, where there is one: for whoever takes
     /// no exclusive lock and writes all the same. Raises where it can't.
     static void finishReplacement(const SxString& path);
