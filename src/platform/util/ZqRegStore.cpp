@@ -71,9 +71,17 @@ struct Change {
 std::vector<ZqRegFile::Key> applyTo(ZqRegFile* file, const std::vector<Change>& changes) {
     std::vector<ZqRegFile::Key> candidates, removed;
     for (const Change& change : changes) {
-        const bool removes = !change.edit->data;
-        if (removes && file->hasKey(change.key) && !file->isEmpty(change.key))
-            candidates.push_back(change.key);
+        if (change.edit->data) continue;
+        ZqRegFile::Key key = change.key;
+        if (!change.edit->nMade) {
+            // One that was empty before wasn't made for this value.
+            if (file->hasKey(key) && !file->isEmpty(key)) candidates.push_back(key);
+            continue;
+        }
+        for (size_t n = *change.edit->nMade; n > 0 && !key.empty(); --n) {
+            candidates.push_back(key);
+            key.pop_back();
+        }
     }
     for (const auto& [key, edit] : changes) {
         if (edit->data) {
@@ -83,7 +91,7 @@ std::vector<ZqRegFile::Key> applyTo(ZqRegFile* file, const std::vector<Change>& 
         }
     }
     // The deepest first: a key that only held sub-keys may be empty then. Keys that only stand above one of
-    // the list stay, since another program may have made them.
+    // the list stay, since another program may have made them, but for those that are said to be ours.
     std::stable_sort(candidates.begin(), candidates.end(),
                      [](const auto& a, const auto& b) { return a.size() > b.size(); });
     for (const ZqRegFile::Key& key : candidates) {
@@ -181,7 +189,7 @@ struct ZqRegStore::HiveFile {
     void restore() const {
         try {
             if (exists) {
-                SxFileIO::writeAtomic(path, text);
+                SxFileIO::writeAtomic(path, text, SxFileIO::KEEP);
             } else {
                 SxFSAction::rm(path);
             }
@@ -193,7 +201,8 @@ struct ZqRegStore::HiveFile {
 
 ZqRegStore::HiveFile ZqRegStore::load(ZqRegAddress::Hive hive) const {
     const SxString path = canonicalFile(prefix + HIVES[hive].file);
-    if (SxFSAction::exists(path)) {
+    // Where that can't be told it raises: a registry that counts as empty would be replaced by one.
+    if (!SxFSAction::isGone(path)) {
         std::string text = SxFileIO::readUtf8(path, MAX_FILE).str();
         ZqRegFile content = ZqRegFile::parse(text, path);
         return {path, true, std::move(text), std::move(content)};
@@ -201,7 +210,7 @@ ZqRegStore::HiveFile ZqRegStore::load(ZqRegAddress::Hive hive) const {
     // Wine refuses a prefix whose files don't agree on its kind.
     const auto other = hive == ZqRegAddress::Machine ? ZqRegAddress::User : ZqRegAddress::Machine;
     SxString arch;
-    if (SxFSAction::exists(prefix + HIVES[other].file)) arch = load(other).content.getArch();
+    if (!SxFSAction::isGone(prefix + HIVES[other].file)) arch = load(other).content.getArch();
     ZqRegFile content(HIVES[hive].root, arch.isEmpty() ? SxString(ZqRegFile::ARCH) : arch);
     std::string text = content.toText();
     return {path, false, std::move(text), std::move(content)};
@@ -217,6 +226,47 @@ ZqRegFile ZqRegStore::read(const ZqRegAddress& address, ZqRegFile::Key* found) c
     HiveFile file = load(address.hive);
     *found = file.content.resolve(address.key);
     return std::move(file.content);
+}
+
+/// How many parts at the end of a key, whose first is the root, aren't there. The server was asked for what
+/// is below the key alone, so those above it are asked for one by one.
+size_t ZqRegStore::countAbsent(const ZqRegFile& answer, ZqRegFile::Key key) const {
+    size_t n = 0;
+    if (answer.hasKey(key)) return n;
+    do {
+        ++n;
+        key.pop_back();
+    } while (key.size() > 1 && !ZqWine::hasKey(prefix, joinKey(key)));
+    return n;
+}
+
+std::vector<ZqRegStore::Found> ZqRegStore::look(const std::vector<ZqRegEdit>& edits) const {
+    std::vector<Found> found;
+    if (ZqWine::isServing(prefix) && ZqWine::isInstalled()) {
+        const StoreLock lock(prefix);
+        const ZqRegFile answer = askWine(edits);
+        for (const ZqRegEdit& edit : edits) {
+            const ZqRegFile::Key key = edit.address.withRoot();
+            found.push_back({answer.find(key, edit.name), countAbsent(answer, key)});
+        }
+        return found;
+    }
+    std::optional<HiveFile> files[ZqRegAddress::N_HIVES];
+    for (const ZqRegEdit& edit : edits) {
+        std::optional<HiveFile>& file = files[edit.address.hive];
+        if (!file) file = load(edit.address.hive);
+        ZqRegFile::Key key = file->content.resolve(edit.address.key);
+        Found one{file->content.find(key, edit.name), 0};
+        for (; !key.empty() && !file->content.hasKey(key); key.pop_back())
+            ++one.nAbsent;
+        found.push_back(std::move(one));
+    }
+    return found;
+}
+
+bool ZqRegStore::isWin32() const {
+    return !SxFSAction::isGone(prefix + HIVES[ZqRegAddress::Machine].file) &&
+           load(ZqRegAddress::Machine).content.getArch() == "#arch=win32";
 }
 
 void ZqRegStore::apply(const std::vector<ZqRegEdit>& edits) const {
@@ -266,8 +316,11 @@ void ZqRegStore::applyToFiles(const std::vector<ZqRegEdit>& edits) const {
     try {
         for (const HiveFile& file : files) {
             const std::string text = file.content.toText();
-            if (text == file.text) continue;
-            SxFileIO::writeAtomic(file.path, text);
+            if (text == file.text) {
+                SxFileIO::tidyAfterWriters(file.path);
+                continue;
+            }
+            SxFileIO::writeAtomic(file.path, text, SxFileIO::KEEP);
             written.push_back(&file);
         }
     } catch (const SxException& e) {
@@ -282,8 +335,13 @@ void ZqRegStore::applyToFiles(const std::vector<ZqRegEdit>& edits) const {
 ZqRegFile ZqRegStore::askWine(const std::vector<ZqRegEdit>& edits) const {
     std::vector<SxString> keys;
     keys.reserve(edits.size());
-    for (const ZqRegEdit& edit : edits)
-        keys.push_back(joinKey(edit.address.withRoot()));
+    for (const ZqRegEdit& edit : edits) {
+        ZqRegFile::Key key = edit.address.withRoot();
+        // Of a key that may go it must be known what else is in it.
+        for (size_t n = edit.nMade.value_or(0); n > 1 && key.size() > 2; --n)
+            key.pop_back();
+        keys.push_back(joinKey(key));
+    }
     std::sort(keys.begin(), keys.end());
     keys.erase(std::unique(keys.begin(), keys.end()), keys.end());
     std::string exports;

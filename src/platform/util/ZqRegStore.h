@@ -25,6 +25,9 @@ struct ZqRegEdit {
     ZqRegAddress address;
     std::u16string name;
     std::optional<ZqRegData> data;
+    /// Where its value is removed, so many parts at the end of the key's path go where they are empty then;
+    /// where nothing says how many, the key itself, if it becomes empty by that.
+    std::optional<size_t> nMade = {};
 };
 
 /// The registry of one prefix: its files, or, while programs run there, what Wine's server keeps in memory,
@@ -43,6 +46,14 @@ public:
 
     /// Reads what is below one key. Gives the registry, with `*found` as the key's place in it.
     ZqRegFile read(const ZqRegAddress& address, ZqRegFile::Key* found) const;
+    struct Found {
+        std::optional<ZqRegData> data; ///< of the value
+        size_t nAbsent = 0;            ///< so many parts at the end of the key's path aren't there
+    };
+    /// What stands in the places of the edits, in their order.
+    std::vector<Found> look(const std::vector<ZqRegEdit>& edits) const;
+    /// Whether the prefix is for 32-bit programs alone.
+    bool isWin32() const;
     /// Makes all the edits, or raises and makes none: the list is worked out in memory, and each file
     /// replaced once; where the second can't be written, the first is put back. Through the server, what it
     /// didn't take is noticed, and all is taken back. A removal that finds nothing is none; a key that one is
@@ -56,6 +67,7 @@ private:
     void applyToFiles(const std::vector<ZqRegEdit>& edits) const;
     void applyByWine(const std::vector<ZqRegEdit>& edits) const;
     ZqRegFile askWine(const std::vector<ZqRegEdit>& edits) const;
+    size_t countAbsent(const ZqRegFile& answer, ZqRegFile::Key key) const;
 
     const SxString prefix;
 };

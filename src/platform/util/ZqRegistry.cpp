@@ -7,6 +7,7 @@
 
 #include <array>
 #include <charconv>
+#include <set>
 
 namespace {
 
@@ -64,6 +65,13 @@ std::string hexBytes(const SxString& text) {
     return bytes;
 }
 
+SxString toHex(const std::string& bytes) {
+    SxString text;
+    for (const char byte : bytes)
+        text += SxString::sprintf("%02x", static_cast<unsigned>(static_cast<unsigned char>(byte)));
+    return text;
+}
+
 ZqRegData toData(ZqRegistry::RegValType type, const SxString& text) {
     // Raises on a kind that there isn't.
     const SxString kind = ZqRegistry::Item::type2String(type);
@@ -115,10 +123,7 @@ SxString toText(const ZqRegData& data) {
     const std::u16string units = ZqRegText::toUnits(data.bytes);
     if (data.type == ZqRegData::Text || data.type == ZqRegData::ExpandText) return zqFromUtf16(units);
     if (data.type == ZqRegData::MultiText) return multiText(units);
-    SxString text;
-    for (const char byte : data.bytes)
-        text += SxString::sprintf("%02x", static_cast<unsigned>(static_cast<unsigned char>(byte)));
-    return text;
+    return toHex(data.bytes);
 }
 
 SxString describe(const SxString& key, const SxString& name) {
@@ -144,6 +149,66 @@ ZqRegEdit makeEdit(const SxString& key, const SxString& name, const std::optiona
     ZqRegEdit edit{ZqRegAddress::parse(key), toName(name), data};
     if (edit.address.key.empty()) throw SxException("a root of the registry holds no values", UNIT, __LINE__);
     return edit;
+}
+
+/// Edits that make the list's entries.
+std::vector<ZqRegEdit> makeEdits(const SxList<ZqRegistry::Item>& list, const SxString& mountPoint) {
+    std::vector<ZqRegEdit> edits;
+    for (const ZqRegistry::Item& item : list) {
+        try {
+            const SxString data =
+                mountPoint.isEmpty() ? item.data : item.data.substitute(DRIVE_WORD, mountPoint);
+            edits.push_back(makeEdit(item.key, item.value, toData(item.regType, data)));
+        } catch (const SxException& e) {
+            throw SxException(e, "Cannot set " + describe(item.key, item.value), UNIT, __LINE__);
+        }
+    }
+    return edits;
+}
+
+/// The parts of a key's path, root first, as keys are compared.
+std::vector<std::u16string> foldedParts(const SxString& key) {
+    std::vector<std::u16string> parts;
+    for (const std::u16string& part : ZqRegAddress::parse(key).withRoot())
+        parts.push_back(zqFold(part));
+    return parts;
+}
+
+using PartsSet = std::set<std::vector<std::u16string>>;
+
+/// The keys that the changes have made.
+PartsSet madeKeys(const SxList<ZqRegistry::State>& made) {
+    PartsSet keys;
+    for (const ZqRegistry::State& state : made) {
+        std::vector<std::u16string> parts = foldedParts(state.key);
+        for (int64 n = state.nMade; n > 0 && !parts.empty(); --n) {
+            keys.insert(parts);
+            parts.pop_back();
+        }
+    }
+    return keys;
+}
+
+ZqRegistry::State stateOf(const SxString& key, const SxString& value, const std::optional<ZqRegData>& data) {
+    ZqRegistry::State state;
+    state.key = key;
+    state.value = value;
+    state.isThere = data.has_value();
+    if (data) {
+        state.type = data->type;
+        state.bytes = toHex(data->bytes);
+    }
+    return state;
+}
+
+/// Puts a state in the place of a former one of its value, or behind all.
+void keep(SxList<ZqRegistry::State>* states, const ZqRegistry::State& state) {
+    for (ZqRegistry::State& other : *states) {
+        if (!other.isSameValue(state)) continue;
+        other = state;
+        return;
+    }
+    states->append(state);
 }
 
 } // namespace
@@ -193,17 +258,57 @@ void ZqRegistry::setVal(const SxString& key, const SxString& name, RegValType ty
 }
 
 void ZqRegistry::createRegEntriesAsAdmin(const SxList<Item>& list, const SxString& mountPoint) {
-    std::vector<ZqRegEdit> edits;
+    ZqRegStore(ZqMachineRoot::get()).apply(makeEdits(list, mountPoint));
+}
+
+bool ZqRegistry::State::isSameValue(const State& other) const {
+    return zqFold(zqUtf16(value)) == zqFold(zqUtf16(other.value)) &&
+           foldedParts(key) == foldedParts(other.key);
+}
+
+SxList<ZqRegistry::State> ZqRegistry::look(const SxList<Item>& list, const SxList<State>& made) {
+    std::vector<ZqRegEdit> wanted;
+    for (const Item& item : list)
+        wanted.push_back(makeEdit(item.key, item.value, std::nullopt));
+    const std::vector<ZqRegStore::Found> found = ZqRegStore(ZqMachineRoot::get()).look(wanted);
+    const PartsSet ours = madeKeys(made);
+    SxList<State> states;
+    size_t i = 0;
     for (const Item& item : list) {
-        try {
-            const SxString data =
-                mountPoint.isEmpty() ? item.data : item.data.substitute(DRIVE_WORD, mountPoint);
-            edits.push_back(makeEdit(item.key, item.value, toData(item.regType, data)));
-        } catch (const SxException& e) {
-            throw SxException(e, "Cannot set " + describe(item.key, item.value), UNIT, __LINE__);
+        State state = stateOf(item.key, item.value, found[i].data);
+        std::vector<std::u16string> parts = foldedParts(item.key);
+        for (size_t nAbsent = found[i].nAbsent; nAbsent > 0 || ours.contains(parts); parts.pop_back()) {
+            ++state.nMade;
+            if (nAbsent > 0) --nAbsent;
         }
+        keep(&states, state);
+        ++i;
+    }
+    return states;
+}
+
+SxList<ZqRegistry::State> ZqRegistry::plan(const SxList<Item>& list, const SxString& mountPoint) {
+    SxList<State> states;
+    const std::vector<ZqRegEdit> edits = makeEdits(list, mountPoint);
+    size_t i = 0;
+    for (const Item& item : list)
+        keep(&states, stateOf(item.key, item.value, edits[i++].data));
+    return states;
+}
+
+void ZqRegistry::put(const SxList<State>& states) {
+    std::vector<ZqRegEdit> edits;
+    for (const State& state : states) {
+        std::optional<ZqRegData> data;
+        if (state.isThere) data = ZqRegData{state.type, hexBytes(state.bytes)};
+        edits.push_back(makeEdit(state.key, state.value, data));
+        edits.back().nMade = static_cast<size_t>(std::max<int64>(state.nMade, 0));
     }
     ZqRegStore(ZqMachineRoot::get()).apply(edits);
+}
+
+bool ZqRegistry::isWin32() {
+    return ZqRegStore(ZqMachineRoot::get()).isWin32();
 }
 
 void ZqRegistry::removeRegEntriesAsAdmin(const SxList<Item>& list) {

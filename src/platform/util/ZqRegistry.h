@@ -39,6 +39,20 @@ public:
         static SxString type2String(RegValType type);
     };
 
+    /// One value as it stands, or is to stand, in the registry; or that there is none. For undoing a change.
+    struct State {
+        SxString key;    ///< as in Item
+        SxString value;  ///< the value's name
+        int64 nMade = 0; ///< so many parts at the end of the key's path aren't there without the change
+        bool isThere = false;
+        uint32 type = 0; ///< number of the Windows interface, also one that RegValType lacks
+        SxString bytes;  ///< the data in hex digits; texts are UTF-16 little-endian with a NUL at the end
+
+        bool operator==(const State&) const = default;
+        /// Whether both are of one value, however its key is spelled.
+        bool isSameValue(const State& other) const;
+    };
+
     /// Whether the key holds a value or a sub-key of that name.
     static bool contains(const SxString& key, const SxString& name);
     /// Whether the key holds a value of that name; the empty name is its default value.
@@ -54,6 +68,18 @@ public:
     /// data becomes `mountPoint` (a letter and a colon), or no entry could tell where the application lies.
     /// In keys and names it stays: they are removed again without a mount point.
     static void createRegEntriesAsAdmin(const SxList<Item>& list, const SxString& mountPoint);
+    /// How the values of the list stand now, each once. Parts of keys that the states of `made` have made
+    /// count as not being there.
+    static SxList<State> look(const SxList<Item>& list, const SxList<State>& made);
+    /// How createRegEntriesAsAdmin() would leave them, each once.
+    static SxList<State> plan(const SxList<Item>& list, const SxString& mountPoint);
+    /// Writes the values as the states say, or raises and leaves everything as it was. Of a key of which a
+    /// value goes, its last `nMade` parts go where they are empty.
+    static void put(const SxList<State>& states);
+    /// Whether the machine root is one for 32-bit programs alone, in which their keys have no node of their
+    /// own ("WOW6432Node").
+    static bool isWin32();
+
     /// Removes all values of the list, whatever they hold by now, and those of its keys that become empty by
     /// that. A key that only stands above one of these stays, since another program may have made it. A value
     /// that isn't there is no failure.

@@ -13,6 +13,8 @@
 
 #include <array>
 #include <cerrno>
+#include <cstdlib>
+#include <pwd.h>
 #include <sys/random.h>
 #include <unistd.h>
 
@@ -143,6 +145,25 @@ SxString ZqSysEnv::getMachineId() {
 
 SxString ZqSysEnv::getUserId() {
     return SxString(geteuid());
+}
+
+SxString ZqSysEnv::getUserName(int64 id) {
+    struct passwd entry = {};
+    struct passwd* found = nullptr;
+    std::array<char, 16384> buffer{};
+    if (::getpwuid_r(static_cast<uid_t>(id), &entry, buffer.data(), buffer.size(), &found) == 0 && found)
+        return SxString(found->pw_name);
+    return SxString(id);
+}
+
+bool ZqSysEnv::isProgram(const SxString& name) {
+    if (name.find("/") >= 0) return SxFSAction::test_f(name) && ::access(name.ascii(), X_OK) == 0;
+    const char* folders = std::getenv("PATH");
+    for (const SxString& folder : SxString(folders ? folders : "").tokenize(':')) {
+        const SxString path = folder + "/" + name;
+        if (SxFSAction::test_f(path) && ::access(path.ascii(), X_OK) == 0) return true;
+    }
+    return false;
 }
 
 SxString ZqSysEnv::getNewGUID() {

@@ -43,6 +43,11 @@ public:
     static SxString getMachineId();
     /// The user's id in the system, in decimal.
     static SxString getUserId();
+    /// The name of a user; the id in decimal where it has none.
+    static SxString getUserName(int64 id);
+    /// Whether there is a program that can be started by that name: a path, or a name in the folders of
+    /// $PATH.
+    static bool isProgram(const SxString& name);
     /// A new random GUID (RFC 4122, version 4) in upper case, without braces.
     static SxString getNewGUID();
     /// Bytes that the user may still write on the file system of `path`, which need not exist yet.
@@ -58,6 +63,9 @@ public:
     static int getProcessID(const SxString& name, int64 limit);
     /// The ids of all processes with that name, in ascending order.
     static SxList<int> getProcessIDs(const SxString& name);
+    /// Whether a process is this user's, and one of the machine root that is in force, as its environment at
+    /// its start says.
+    static bool isInMachineRoot(int id);
     /// Ends a process at once. Gives whether it has been told to, or is gone already; else says why in the
     /// log.
     static bool killProcess(int id);

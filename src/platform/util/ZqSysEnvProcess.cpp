@@ -1,5 +1,7 @@
+#include "SxProcessInfo.h"
 #include "SxTime.h"
 #include "ZqLog.h"
+#include "ZqMachineRoot.h"
 #include "ZqSysEnv.h"
 
 #include "SxFileIO.h"
@@ -16,6 +18,8 @@ namespace {
 
 /// Longest path that a program can be called with.
 constexpr int64 MAX_ARGUMENT = 4096;
+/// Most bytes of a process's environment that are read.
+constexpr int64 MAX_ENVIRONMENT = 1 << 20;
 /// Time between two looks for a process. Longer than in other waits: a look asks after every process of
 /// the machine and takes milliseconds of a core that a starting game needs.
 constexpr int64 LOOK_MS = 50;
@@ -41,15 +45,33 @@ private:
     bool anyCase;
 };
 
-/// The first argument that a process was started with; empty where it has none, or has ended.
-std::string firstArgument(const std::string& procFolder) {
-    std::string text(MAX_ARGUMENT, '\0');
-    const int fd = SxOs::get().open(procFolder + "/cmdline", SxOs::Read, 0);
+/// The first bytes of a file of the system; none where it can't be read.
+std::string readFile(const std::string& path, int64 maxBytes) {
+    std::string text(static_cast<size_t>(maxBytes), '\0');
+    const int fd = SxOs::get().open(path, SxOs::Read, 0);
     if (fd < 0) return {};
-    const int64 n = SxOs::get().readAt(fd, text.data(), MAX_ARGUMENT, 0);
+    const int64 n = SxOs::get().readAt(fd, text.data(), maxBytes, 0);
     SxOs::get().close(fd);
     text.resize(n < 0 ? 0 : static_cast<size_t>(n));
+    return text;
+}
+
+/// The first argument that a process was started with; empty where it has none, or has ended.
+std::string firstArgument(const std::string& procFolder) {
+    const std::string text = readFile(procFolder + "/cmdline", MAX_ARGUMENT);
     return text.substr(0, text.find('\0'));
+}
+
+/// A variable of an environment, whose entries end in NULs; empty where it isn't set.
+std::string variableOf(const std::string& environment, const std::string& name) {
+    const std::string begin = name + "=";
+    for (size_t at = 0; at < environment.size();) {
+        const size_t end = std::min(environment.find('\0', at), environment.size());
+        if (environment.compare(at, begin.size(), begin) == 0)
+            return environment.substr(at + begin.size(), end - at - begin.size());
+        at = end + 1;
+    }
+    return {};
 }
 
 /// A process that has ended no longer has a program or arguments, so it fits no name.
@@ -105,6 +127,18 @@ int ZqSysEnv::getProcessID(const SxString& name, int64 limit) {
 
 SxList<int> ZqSysEnv::getProcessIDs(const SxString& name) {
     return name.isEmpty() ? SxList<int>() : findProcesses(NameMatch(name));
+}
+
+bool ZqSysEnv::isInMachineRoot(int id) {
+    SxProcessInfo info;
+    if (!SxProcessInfo::get(id, &info) || info.user != SxProcessInfo::ownUser()) return false;
+    const std::string environment = readFile("/proc/" + std::to_string(id) + "/environ", MAX_ENVIRONMENT);
+    // Wine's own prefix is below the home folder.
+    std::string prefix = variableOf(environment, "WINEPREFIX");
+    if (prefix.empty()) prefix = variableOf(environment, "HOME") + "/.wine";
+    std::string theirs, ours;
+    return SxOs::get().canonical(prefix, &theirs) == 0 &&
+           SxOs::get().canonical(ZqMachineRoot::get().str(), &ours) == 0 && theirs == ours;
 }
 
 bool ZqSysEnv::killProcess(int id) {

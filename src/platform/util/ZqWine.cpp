@@ -6,6 +6,7 @@
 #include "SxOs.h"
 #include "SxProcess.h"
 #include "SxTime.h"
+#include "ZqSysEnv.h"
 
 #include <cstdlib>
 #include <unistd.h>
@@ -24,7 +25,10 @@ constexpr const char* SERVER_NAME_FILE = "/wineserver";
 
 /// Folders in which the server may have made its own.
 std::vector<std::string> serverBases(const SxString& prefix) {
-    std::vector<std::string> bases = {"/tmp/.wine-" + std::to_string(geteuid())};
+    // Wine serves a prefix for its owner alone, who needn't be the user of this program.
+    SxStat info;
+    const bool isKnown = SxOs::get().stat(prefix.str(), &info) == 0;
+    std::vector<std::string> bases = {"/tmp/.wine-" + std::to_string(isKnown ? info.owner : geteuid())};
     // Debian's Wine has a folder of a random name in there, which it notes in the prefix.
     if (SxFSAction::test_f(prefix + SERVER_NAME_FILE)) {
         const SxString name = SxFileIO::readUtf8(prefix + SERVER_NAME_FILE).left("\n");
@@ -63,6 +67,14 @@ int runReg(const SxString& prefix, SxList<SxString> arguments) {
     return process.wait();
 }
 
+/// The exit code is the same for a key that isn't there and for a Wine that doesn't work.
+void requireAnswer(const SxString& prefix) {
+    const int code = runReg(prefix, {"query", "HKEY_LOCAL_MACHINE"});
+    if (code == 0) return;
+    throw SxException("'wine reg query HKEY_LOCAL_MACHINE' fails with exit code " + SxString(code), UNIT,
+                      __LINE__);
+}
+
 /// The file as Wine is told of it.
 SxString unixName(const SxString& file) {
     return "\\\\?\\unix" + file.substitute("/", "\\");
@@ -96,22 +108,21 @@ bool ZqWine::isServing(const SxString& prefix) {
 }
 
 bool ZqWine::isInstalled() {
-    const char* folders = std::getenv("PATH");
-    for (const SxString& folder : SxString(folders ? folders : "").tokenize(':')) {
-        if (access((folder + "/wine").ascii(), X_OK) == 0) return true;
-    }
-    return false;
+    return ZqSysEnv::isProgram("wine");
 }
 
 std::optional<std::string> ZqWine::exportKey(const SxString& prefix, const SxString& key) {
     const ExchangeFile file(prefix);
     const int code = runReg(prefix, {"export", key, unixName(file.path), "/y"});
     if (code == 0) return SxFileIO::readUtf8(file.path, MAX_EXPORT).str();
-    // The exit code is the same for a key that isn't there and for a Wine that doesn't work.
-    const int rootCode = runReg(prefix, {"query", "HKEY_LOCAL_MACHINE"});
-    if (rootCode == 0) return std::nullopt;
-    throw SxException("'wine reg query HKEY_LOCAL_MACHINE' fails with exit code " + SxString(rootCode), UNIT,
-                      __LINE__);
+    requireAnswer(prefix);
+    return std::nullopt;
+}
+
+bool ZqWine::hasKey(const SxString& prefix, const SxString& key) {
+    if (runReg(prefix, {"query", key}) == 0) return true;
+    requireAnswer(prefix);
+    return false;
 }
 
 void ZqWine::importKeys(const SxString& prefix, const std::string& text) {

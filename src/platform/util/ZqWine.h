@@ -22,6 +22,8 @@ public:
     /// file in UTF-16; nothing where there is no such key. Raises where Wine fails. One call at a time for
     /// each prefix.
     static std::optional<std::string> exportKey(const SxString& prefix, const SxString& key);
+    /// Whether the server has that key. Raises where Wine fails.
+    static bool hasKey(const SxString& prefix, const SxString& key);
     /// Hands a registry file (UTF-16) to the server. What of it the server refuses isn't told.
     static void importKeys(const SxString& prefix, const std::string& text);
 };
