@@ -38,6 +38,8 @@ public:
     virtual void postMinimise(Handle window) = 0;
     /// Shows the window at its old place and size.
     virtual void show(Handle window) = 0;
+    /// Asks the window to close itself, as its own button does; its application may refuse.
+    virtual void close(Handle window) = 0;
     /// Gives the window the player's input.
     virtual void activate(Handle window) = 0;
 

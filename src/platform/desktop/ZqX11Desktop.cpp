@@ -19,6 +19,11 @@ constexpr int64 RETRY_NS = 1'000'000'000;
 /// Most 4-byte units of a property that are read.
 constexpr uint32 MAX_UNITS = 4096;
 
+/// Who asks, in messages to the window manager: an application's own wish may be refused.
+constexpr uint32 FROM_THE_USER = 2;
+/// A time in messages to the window manager.
+constexpr uint32 NOW = XCB_CURRENT_TIME;
+
 /// What the library gives away comes from malloc().
 struct Free {
     // NOLINTNEXTLINE(cppcoreguidelines-no-malloc,cppcoreguidelines-owning-memory)
@@ -145,13 +150,14 @@ public:
     }
 
     /// Tells the window manager what is wanted of a window.
-    void tell(xcb_window_t window, xcb_atom_t what, uint32 first) const {
+    void tell(xcb_window_t window, xcb_atom_t what, uint32 first, uint32 second = 0) const {
         xcb_client_message_event_t event = {};
         event.response_type = XCB_CLIENT_MESSAGE;
         event.format = 32;
         event.window = window;
         event.type = what;
         event.data.data32[0] = first;
+        event.data.data32[1] = second;
         ::xcb_send_event(connection, 0, root,
                          XCB_EVENT_MASK_SUBSTRUCTURE_NOTIFY | XCB_EVENT_MASK_SUBSTRUCTURE_REDIRECT,
                          reinterpret_cast<const char*>(&event));
@@ -298,8 +304,13 @@ void ZqX11Desktop::show(Handle window) {
     if (x && window != 0) x->map(static_cast<xcb_window_t>(window));
 }
 
+void ZqX11Desktop::close(Handle window) {
+    const auto x = getDisplay();
+    if (x && window != 0)
+        x->tell(static_cast<xcb_window_t>(window), x->ewmh._NET_CLOSE_WINDOW, NOW, FROM_THE_USER);
+}
+
 void ZqX11Desktop::activate(Handle window) {
-    constexpr uint32 FROM_THE_USER = 2; // an application's own wish may be refused
     const auto x = getDisplay();
     if (x && window != 0)
         x->tell(static_cast<xcb_window_t>(window), x->ewmh._NET_ACTIVE_WINDOW, FROM_THE_USER);

@@ -29,6 +29,7 @@ public:
     void forceMinimise(Handle window) override;
     void postMinimise(Handle window) override;
     void show(Handle window) override;
+    void close(Handle window) override;
     void activate(Handle window) override;
 
 private:

@@ -47,6 +47,7 @@ public:
     void forceMinimise(Handle window) override { act("minimise", window, obeys); }
     void postMinimise(Handle window) override { act("post minimise", window, obeys); }
     void show(Handle window) override { act("show", window, false); }
+    void close(Handle window) override { act("close", window, false); }
     void activate(Handle window) override { act("activate", window, false); }
 
     std::map<Handle, Window> windows;
