@@ -19,16 +19,20 @@ SxSymbol ZqRecordFile::read(const SxString& file, const SxString& schemaName) {
 }
 
 SxSymbol ZqRecordFile::parse(const SxString& text, const SxString& file, const SxString& schemaName) {
+    SxSymbol root = parseForeign(text, file, schemaName);
+    if (root.getElem("version", true).toInt() != VERSION) {
+        throw SxException("File version of '" + file + "' not supported.", UNIT, __LINE__);
+    }
+    return root;
+}
+
+SxSymbol ZqRecordFile::parseForeign(const SxString& text, const SxString& file, const SxString& schemaName) {
     const SxString schemaPath = requireSchema(schemaName);
     SxJSONParser data, schema;
     data.readString(text, file, 1);
     schema.readFile(schemaPath, 1);
     SxSchema(schema.getAst()).validate(data.getAst());
-    SxSymbol root = data.getRootSymbol();
-    if (root.getElem("version", true).toInt() != VERSION) {
-        throw SxException("File version of '" + file + "' not supported.", UNIT, __LINE__);
-    }
-    return root;
+    return data.getRootSymbol();
 }
 
 SxString ZqRecordFile::requireSchema(const SxString& schemaName) {

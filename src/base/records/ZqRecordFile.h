@@ -11,6 +11,9 @@ public:
     /// The same of a text; failures name it `file`.
     static SxParserKit::SxSymbol parse(const SxString& text, const SxString& file,
                                        const SxString& schemaName);
+    /// The same of a file of another program, which has no `version` of ours.
+    static SxParserKit::SxSymbol parseForeign(const SxString& text, const SxString& file,
+                                              const SxString& schemaName);
     /// The path of the schema of that name. Raises where there is none.
     static SxString requireSchema(const SxString& schemaName);
     /// The prefix to use: `argument`, or `own` where it is empty. Raises where both are.

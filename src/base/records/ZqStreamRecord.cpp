@@ -63,6 +63,11 @@ void ZqStreamRecord::read(const SxString& image) {
         ZqRecordFile::get(root, "leftTime", &left.modifiedNs);
         const SxSymbol written = root.getElem("written", false);
         isWritten = written.isValid() && written.toBool();
+        const SxSymbol launchObject = root.getElem("launch", false);
+        if (!launchObject.isValid()) return;
+        launch.emplace();
+        launch->original.read(launchObject.getElem("original"));
+        launch->written.read(launchObject.getElem("written"));
     } catch (const SxException& e) {
         throw SxException(e, "Failed to read file " + file, UNIT, __LINE__);
     }
@@ -87,6 +92,11 @@ void ZqStreamRecord::write(const SxString& image) const {
             root.append("leftTime", left.modifiedNs);
         }
         if (isWritten) root.append("written", true);
+        if (launch) {
+            SxSymbol object = root.append("launch", SxParserAst::Object);
+            launch->original.put(object.append("original", SxParserAst::Object));
+            launch->written.put(object.append("written", SxParserAst::Object));
+        }
         ZqRecordFile::write(root, file, 0600);
     } catch (const SxException& e) {
         throw SxException(e, "Failed to write file " + file, UNIT, __LINE__);

@@ -1,8 +1,9 @@
 #pragma once
 
-#include "SxString.h"
+#include "ZqLaunchValues.h"
 
 #include <functional>
+#include <optional>
 
 /// The record `stream.json` of an image folder: where the image comes from, and which application a run has
 /// started from it, so that the next run can go on. Written by runs, and by what lets a drive write into
@@ -34,6 +35,12 @@ public:
     };
     Left left;              ///< none while a download goes on, and after one that was killed
     bool isWritten = false; ///< a drive may have written into `img.zqf`, so that its digest tells nothing
+
+    /// How the application is started without a launcher, and how a mount has written it into `app.json`.
+    struct Launch {
+        ZqLaunchValues original, written;
+    };
+    std::optional<Launch> launch; ///< none where no launcher was set up
 
     /// Whether the image's `img.zqf` was found to have that digest, and is as it was then.
     bool isVerified(const SxString& image, const SxString& digest) const;
