@@ -29,7 +29,7 @@ namespace Json = SxParserAst;
 struct MountOptions {
     SxString image, mode, trace, url;
     SxList<SxString> headers;
-    bool failOnMissing = false;
+    bool failOnMissing = false, noLaunchers = false;
 };
 
 struct UmountOptions {
@@ -134,17 +134,21 @@ bool isMountedWhole(ZqMountMgr* manager, const SxString& image) {
 bool mountOrYield(ZqMountMgr* manager, ZqMountMgr::MountMode mode, const ZqAppParams& app,
                   const ZqImageParams& params, const MountOptions& options) {
     try {
-        manager->mountImageZQF({mode, params.deviceMode, options.image, options.trace,
-                                static_cast<uint64>(params.sizeRaw),
-                                static_cast<uint64>(params.emulatedSectorSize),
-                                presentBlocks(ZqImageFolder::prefix(options.image), app, params)},
-                               "monitoring");
+        ZqMountMgr::MountRequest request{mode,
+                                         params.deviceMode,
+                                         options.image,
+                                         options.trace,
+                                         static_cast<uint64>(params.sizeRaw),
+                                         static_cast<uint64>(params.emulatedSectorSize),
+                                         presentBlocks(ZqImageFolder::prefix(options.image), app, params)};
+        request.noLaunchers = options.noLaunchers;
+        manager->mountImageZQF(request, "monitoring");
         return true;
     } catch (const SxException& e) {
         ZqDiskStatus disk;
         const bool othersDisk =
             ZqVolume::findDisk(options.image, &disk) && disk.mounterPid != SxOs::processId();
-        if (!othersDisk && !e.hasTag(ZqVolume::ALREADY_MOUNTED)) throw;
+        if (!othersDisk && !e.hasTag(ZqVolume::ALREADY_MOUNTED)) raiseHinted(e);
         return false;
     }
 }
@@ -155,15 +159,17 @@ int mount(const MountOptions& options, Output& out) {
             throw SxException("With --url missing blocks are fetched, so --fail-on-missing can't be given",
                               UNIT, __LINE__);
         }
-        return mountFed({options.image, options.url, options.headers, options.mode, options.trace}, out,
-                        [&] { tellMount(options.image, "Mounted", &out); });
+        return mountFed(
+            {options.image, options.url, options.headers, options.mode, options.trace, options.noLaunchers},
+            out, [&] { tellMount(options.image, "Mounted", &out); });
     }
     if (!options.headers.isEmpty()) {
         throw SxException("--header goes with --url", UNIT, __LINE__);
     }
     ZqMountMgr manager;
     if (isMountedWhole(&manager, options.image)) {
-        if (!options.mode.isEmpty() || !options.trace.isEmpty() || options.failOnMissing) {
+        if (!options.mode.isEmpty() || !options.trace.isEmpty() || options.failOnMissing ||
+            options.noLaunchers) {
             out.finding("The options have no effect on a drive that is there already");
         }
         tellMount(options.image, "Mounted already", &out);
@@ -345,6 +351,8 @@ void registerMountVerbs(App* app) {
         .text("--url", &mountOptions.url, "FOLDER_URL",
               "Fetch what is missing from there, and stay until the drive is unmounted")
         .headers("--header", &mountOptions.headers, "Send this line with each request")
+        .flag("--no-launchers", &mountOptions.noLaunchers,
+              "Leave the launchers of this machine alone, whatever app.json says")
         .flag("--fail-on-missing", &mountOptions.failOnMissing, "Let reads of missing blocks fail")
         .action([](Output& out) { return mount(mountOptions, out); });
 

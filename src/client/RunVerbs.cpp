@@ -7,6 +7,7 @@
 
 #include <tavrin/SxTime.h>
 #include <tavrin/ZqImageStaging.h>
+#include <tavrin/ZqLaunchCommand.h>
 #include <tavrin/ZqRecordFile.h>
 #include <tavrin/ZqRun.h>
 #include <tavrin/ZqRunPage.h>
@@ -26,10 +27,10 @@ constexpr int64 MOST_SECONDS = 1'000'000, MOST_TRACES = 1'000'000;
 constexpr int64 END_LOOK_MS = 50;
 
 struct RunOptions {
-    SxString image, url, report, page;
+    SxString image, url, report, page, runner;
     SxList<SxString> headers;
     uint64 rate = 0;
-    bool now = false, keepMounted = false, complete = false, noTrace = false;
+    bool now = false, keepMounted = false, complete = false, noTrace = false, noLaunchers = false;
     int64 nTraces = ZqRun::N_TRACES, traceSeconds = ZqRun::TRACE_MS / MS_PER_S;
 };
 
@@ -191,6 +192,8 @@ int run(const RunOptions& options, Output& out) {
     settings.feed.headers = SxArray<SxString>(options.headers);
     settings.feed.rateLimit = options.rate;
     settings.startsAtOnce = options.now;
+    settings.noLaunchers = options.noLaunchers;
+    settings.runner = options.runner;
     settings.keepsMounted = options.keepMounted;
     settings.completes = options.complete;
     if (const char* file = std::getenv("TAVRIN_FIRST_FRAME")) settings.firstFrameFile = file;
@@ -218,8 +221,12 @@ int run(const RunOptions& options, Output& out) {
                     "that is lost");
     }
     if (!result.unwritten.isEmpty()) Output::failure(result.unwritten);
+    if (!result.lostLetter.isEmpty()) {
+        out.finding("The runner has taken the drive letter " + result.lostLetter +
+                    "; what is noted of it in the prefix leads elsewhere");
+    }
     writeFiles(job, options);
-    if (job.hasException()) throw job.getException();
+    if (job.hasException()) raiseHinted(job.getException());
     return ExitSuccess;
 }
 
@@ -252,6 +259,15 @@ SxString lostWritesText(const SxString& image) {
            "away";
 }
 
+void raiseHinted(const SxException& failure) {
+    if (!failure.hasTag(ZqLaunchCommand::NOT_INSTALLED)) throw SxException(failure);
+    throw SxException(
+        failure,
+        "The title's launcher isn't installed here; --no-launchers leaves it out, and starts the "
+        "title itself",
+        UNIT, __LINE__);
+}
+
 int mountFed(const FedMount& mount, Output& out, const std::function<void()>& tell) {
     refuseForeignFolder(mount.image);
     ZqRun::Settings settings;
@@ -262,6 +278,7 @@ int mountFed(const FedMount& mount, Output& out, const std::function<void()>& te
     settings.isDriveOnly = true;
     settings.mountMode = mount.mode;
     settings.traceFolder = mount.trace;
+    settings.noLaunchers = mount.noLaunchers;
     ZqRun job(settings);
     bool told = false;
     followRun(&job, mount.image, out, [&](const auto&, Progress*) {
@@ -271,7 +288,7 @@ int mountFed(const FedMount& mount, Output& out, const std::function<void()>& te
         // Whoever reads it through a pipe needs it while the drive is there.
         out.flush();
     });
-    if (job.hasException()) throw job.getException();
+    if (job.hasException()) raiseHinted(job.getException());
     return ExitSuccess;
 }
 
@@ -288,6 +305,10 @@ void registerRunVerbs(App* app) {
               "Complete the image when the application has ended, and leave the drive")
         .flag("--complete", &options.complete,
               "Complete the image when the application has ended, and then take the drive away")
+        .flag("--no-launchers", &options.noLaunchers,
+              "Start the title itself, and leave the launchers of this machine alone")
+        .text("--runner", &options.runner, "PROGRAM",
+              "What starts Windows programs in Wine's place, such as umu-run")
         .flag("--no-trace", &options.noTrace, "Record no trace of the run")
         .integer("--trace-seconds", &options.traceSeconds, 0, MOST_SECONDS,
                  "Record for so many seconds of play; 600 where not given, 0 for all of it")

@@ -2,6 +2,8 @@
 
 #include "Output.h"
 
+#include <tavrin/SxException.h>
+
 #include <functional>
 
 /// A mount whose drive is fed from a server.
@@ -9,11 +11,16 @@ struct FedMount {
     SxString image, url;
     SxList<SxString> headers;
     SxString mode, trace; ///< may be empty
+    bool noLaunchers = false;
 };
 
 /// Mounts, and feeds the drive until somebody unmounts it, or a signal asks for the end, which unmounts it.
 /// `tell` is called once when the drive is up. Gives the exit code.
 int mountFed(const FedMount& mount, Output& out, const std::function<void()>& tell);
+
+/// Raises a failure of a mount or a run again, with what to do in front of it where a launcher isn't
+/// installed.
+[[noreturn]] void raiseHinted(const SxException& failure);
 
 /// A sentence on what may have been lost with an earlier drive of the image.
 SxString lostWritesText(const SxString& image);

@@ -14,6 +14,7 @@ void registerContentVerbs(App* app);
 void registerTraceVerbs(App* app);
 void registerPatchVerbs(App* app);
 void registerMountVerbs(App* app);
+void registerLauncherVerbs(App* app);
 void registerServeVerbs(App* app);
 void registerRunVerbs(App* app);
 void registerCompletionVerbs(App* app);

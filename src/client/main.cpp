@@ -8,6 +8,7 @@ int main(int argc, char** argv) {
     registerTraceVerbs(&app);
     registerPatchVerbs(&app);
     registerMountVerbs(&app);
+    registerLauncherVerbs(&app);
     registerServeVerbs(&app);
     registerRunVerbs(&app);
     registerCompletionVerbs(&app);

@@ -110,7 +110,7 @@ TEST_F(StreamRun, TheApplicationsStartAndTheKeeperDontMeet) {
     feed.start();
     feed.fetchRecords(nullptr);
     for (int i = 0; i < 100; ++i) {
-        ASSERT_NO_THROW(feed.applicationStarts());
+        ASSERT_NO_THROW(feed.applicationStarts(feed.getApp()));
         ASSERT_NO_THROW(feed.requireAlive());
     }
     feed.stop();

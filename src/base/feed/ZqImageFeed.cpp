@@ -179,9 +179,10 @@ void ZqImageFeed::alignCursor() const {
     }
 }
 
-void ZqImageFeed::applicationStarts() {
+void ZqImageFeed::applicationStarts(const ZqAppParams& app) {
     if (!manager) return;
     const SxMutexBlock block(&managerMutex);
+    manager->setApplication(app.cmd, app.name);
     manager->setWindowSearch(true);
     // With the last block it has ended for good.
     if (!settled) manager->restart();

@@ -57,8 +57,9 @@ public:
     void requireRanges(const ZqStopTest& stop) const;
     /// From now on a drive comes up, or is up: what the server fails to give no longer ends the download.
     void driveStarts() { health.driveStarts(); }
-    /// From now on there is an application whose window may be minimised. Restarts the manager of underflows.
-    void applicationStarts();
+    /// From now on there is an application whose window may be minimised, started as `app` says. Restarts the
+    /// manager of underflows.
+    void applicationStarts(const ZqAppParams& app);
     /// Brings the application's window back once the underflow is over for which it was taken out of the
     /// way; leaves it where the player has minimised it. To be called every now and then.
     void restoreWindow();

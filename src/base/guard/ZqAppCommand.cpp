@@ -6,6 +6,8 @@
 #include "ZqSysEnv.h"
 #include "ZqWine.h"
 
+#include <cstdlib>
+
 namespace {
 
 constexpr const char* UNIT = "src/base/ZqAppCommand";
@@ -29,8 +31,18 @@ SxString folderOf(const SxString& program) {
     return end == std::string::npos ? SxString() : SxString(program.str().substr(0, end + 1));
 }
 
-bool isWindowsProgram(const SxString& program) {
-    return program.changeCase(false).endsWith(".exe");
+/// A setting of a variable that is a list of paths: what it has now, and one more.
+SxString extended(const SxString& name, const SxString& path) {
+    const char* now = std::getenv(name.ascii());
+    return name + "=" + (now && *now ? now + (":" + path) : path);
+}
+
+/// What a runner's container has to know of the drive. The first is of Steam's tools, the second of their
+/// container itself, for runners that set the first one anew.
+SxList<SxString> settingsFor(const ZqAppRunner& runner) {
+    return {extended("STEAM_COMPAT_MOUNTS", runner.mountPath),
+            extended(runner.isWritable ? "PRESSURE_VESSEL_FILESYSTEMS_RW" : "PRESSURE_VESSEL_FILESYSTEMS_RO",
+                     runner.mountPath)};
 }
 
 /// The drive as a program of this system knows it.
@@ -55,8 +67,13 @@ SxList<SxString> argumentsOf(const ZqAppParams& app, const SxWinProcParams& proc
 
 } // namespace
 
+bool ZqAppCommand::isWindowsProgram(const SxString& program) {
+    return program.changeCase(false).endsWith(".exe");
+}
+
 ZqAppCommand::ZqAppCommand(const ZqAppParams& app, const SxString& drive, const SxString& mark,
-                           SxWinProcParams procParams) {
+                           SxWinProcParams procParams, const ZqAppRunner& runner_)
+    : runner(runner_.program) {
     procParams.path = resolve(procParams.path, drive, mark);
     procParams.workDir =
         procParams.workDir.isEmpty() ? folderOf(procParams.path) : resolve(procParams.workDir, drive, mark);
@@ -64,7 +81,9 @@ ZqAppCommand::ZqAppCommand(const ZqAppParams& app, const SxString& drive, const 
     SxList<SxString> arguments;
     if (isWindowsProgram(program)) {
         needsWine = program;
-        arguments << "WINEPREFIX=" + ZqMachineRoot::get() << SxString("wine") << program
+        arguments << "WINEPREFIX=" + ZqMachineRoot::get();
+        if (!runner.isEmpty()) arguments << settingsFor(runner_);
+        arguments << (runner.isEmpty() ? SxString("wine") : runner) << program
                   << argumentsOf(app, procParams, drive, mark);
         program = "env";
     } else {
@@ -75,10 +94,18 @@ ZqAppCommand::ZqAppCommand(const ZqAppParams& app, const SxString& drive, const 
     process->setWinProcParams(procParams);
 }
 
+void ZqAppCommand::requireMeans(const SxString& windowsProgram, const SxString& runner) {
+    const bool isThere = runner.isEmpty() ? ZqWine::isInstalled() : ZqSysEnv::isProgram(runner);
+    // `env`, which hands the variables on, takes such a name for one of them.
+    const bool isOdd = runner.find("=") >= 0;
+    if (isThere && !isOdd) return;
+    throw SxException("'" + windowsProgram.makeVisible() + "' is a Windows program, and there is no " +
+                          (runner.isEmpty() ? SxString("wine") : "program '" + runner.makeVisible() + "'") +
+                          " to run it with" + (isOdd ? ", whose name must hold no '='" : ""),
+                      UNIT, __LINE__);
+}
+
 void ZqAppCommand::start() {
-    if (!needsWine.isEmpty() && !ZqWine::isInstalled()) {
-        throw SxException("'" + needsWine + "' is a Windows program, and there is no wine to run it with",
-                          UNIT, __LINE__);
-    }
+    if (!needsWine.isEmpty()) requireMeans(needsWine, runner);
     process->start();
 }

@@ -31,10 +31,10 @@ constexpr int64 KILLED_MS = 500;
 } // namespace
 
 ZqCoreAppGuard::ZqCoreAppGuard(const SxString& path_, const ZqAppParams& params, const SxString& drive,
-                               SxWinProcParams procParams)
+                               SxWinProcParams procParams, const ZqAppRunner& runner)
     : path(path_),
       appParams(params),
-      command(SxPtr<ZqAppCommand>::create(params, drive, DRIVE_MARK, std::move(procParams))),
+      command(SxPtr<ZqAppCommand>::create(params, drive, DRIVE_MARK, std::move(procParams), runner)),
       process(command->getProcess()),
       named(SxPtr<ZqNamedProcess>::create(params.name, process)) {
     setThreadName("app guard");

@@ -5,6 +5,7 @@
 #include "SxPtr.h"
 #include "SxSystemThread.h"
 #include "ZqAppParams.h"
+#include "ZqAppRunner.h"
 
 #include <atomic>
 
@@ -33,11 +34,12 @@ public:
     /// `path`: the image's folder; `drive`: a letter and a colon, or a folder. An empty `workDir` means the
     /// program's own folder. `args` are separated by blanks; where they are those of the record, joined, the
     /// record's own division holds, since an argument may hold a blank. A program that ends in ".exe" runs
-    /// through Wine, with the machine root as its prefix. `path` and `workDir` of `procParams` are the
-    /// drive's: on a drive letter they are spelled with backslashes, as a Windows program is told them, and
-    /// SxOs translates them. In the arguments of a native program the drive stands as a host path.
+    /// through Wine, or `runner` in its place, with the machine root as its prefix. `path` and `workDir` of
+    /// `procParams` are the drive's: on a drive letter they are spelled with backslashes, as a Windows
+    /// program is told them, and SxOs translates them. In the arguments of a native program the drive stands
+    /// as a host path.
     ZqCoreAppGuard(const SxString& path, const ZqAppParams& params, const SxString& drive,
-                   SxWinProcParams procParams);
+                   SxWinProcParams procParams, const ZqAppRunner& runner = {});
     /// For an application that an earlier program started and left (see getGroup()): follows it, and can
     /// suspend, resume and stop it. Its exit code stays unknown.
     ZqCoreAppGuard(const SxString& path, const ZqAppParams& params, const SxProcessGroup& adopted);

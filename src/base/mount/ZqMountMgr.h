@@ -7,7 +7,9 @@
 #include "ZqTraceParams.h"
 
 class ZqAppParams;
+class ZqEpicParams;
 class ZqRedirection;
+struct ZqLaunchValues;
 
 /// What kind of image the guard is told of.
 enum ZqImageType : int { ZqFImage = 1 };
@@ -45,6 +47,7 @@ public:
         bool hostFlag = false;       ///< goes to the service as it is
         bool awaitFileSystem = true; ///< whether to wait for the file system, too
         bool spareFlag = false;      ///< goes to the service as it is
+        bool noLaunchers = false;    ///< the record's `access` counts as empty
     };
 
     // The service.
@@ -75,42 +78,64 @@ public:
     void setAppParams(const ZqAppParams& params);
 
     /// Turns an image folder into a running drive: checks the image, mounts it twice (the first time only to
-    /// prepare the guard), attaches the guard, and redirects what must survive a run to
-    /// `C:/ProgramData/TAVRIN/<guid>`. Everything that can be refused without a drive is refused first: a
-    /// newer image format, launchers (not supported yet), names that lead out, an unknown trace method,
-    /// sizes, the map's digest. Holds the image's shape meanwhile. The trace folder is emptied and traced
-    /// into unless it is an empty text; `traceMethod` is then a text of ZqTraceParams::Method. Waits up to
-    /// five minutes, always for the file system, too; gives the mount point. After a failure no drive is
-    /// left; should its unmount fail, too, that only goes to the log, and the first failure is raised.
+    /// prepare the guard), attaches the guard, redirects what must survive a run to
+    /// `C:/ProgramData/TAVRIN/<guid>`, and sets up the launchers that the record's `access` names; words
+    /// that it doesn't know are passed over. What a launcher changes of how the application is started goes
+    /// into `app.json` of the image, and getLaunch() gives it; a launcher that isn't installed fails the
+    /// mount (tag ZqLaunchCommand::NOT_INSTALLED). Everything that can be refused without a drive is refused
+    /// first: a newer image format, names that lead out, an unknown trace method, sizes, the map's digest.
+    /// Holds the image's shape meanwhile. The trace folder is emptied and traced into unless it is an empty
+    /// text; `traceMethod` is then a text of ZqTraceParams::Method. Waits up to five minutes, always for the
+    /// file system, too; gives the mount point. After a failure no drive is left; should its unmount fail,
+    /// too, that only goes to the log, and the first failure is raised.
     SxString mountImageZQF(const MountRequest& request, const SxString& traceMethod);
     SxString mountImageZQF(MountMode mode, DeviceMode deviceMode, const SxString& image, uint64 sizeRaw,
                            uint64 sectorSize, uint64 cursor, bool hostFlag, const SxString& traceFolder,
                            const SxString& traceMethod);
-    /// The mount alone: no checks but of the version, no guard, no redirection. Waits up to a minute for the
-    /// drive letter and, with `awaitFileSystem`, another for the file system, then makes the registry
-    /// entries. A removable disk becomes a fixed one where a policy forbids the former.
+    /// How the application is started after mountImageZQF().
+    ZqLaunchValues getLaunch() const;
+    /// The mount alone: no checks but of the version, no guard, no redirection, no launchers. What mounts
+    /// that ended without an unmount have left for launchers and in the registry is taken back first. Waits
+    /// up to a minute for the drive letter and, with `awaitFileSystem`, another for the file system, then
+    /// makes the registry entries. A removable disk becomes a fixed one where a policy forbids the former.
     SxString mountImage(const MountRequest& request);
     SxString mountImage(MountMode mode, DeviceMode deviceMode, const SxString& image,
                         const SxString& traceFolder, bool hostFlag, bool awaitFileSystem, bool spareFlag,
                         uint64 sizeRaw, uint64 sectorSize, uint64 cursor);
-    /// Ends a mount: fails what is held, removes the registry entries, dismounts the volume, ejects the disk
-    /// and waits until it is gone, as long as no minute passes without progress. A busy volume is taken away
-    /// all the same: a program that still has files open gets I/O errors, and the unmount succeeds, and says
-    /// so in the log and by wasBusy(). Where a step fails, the disk is removed the hard way and the failure
-    /// raised. `hardEject` does that at once. Harmless where the image isn't mounted. Gives true.
+    /// Ends a mount: fails what is held, takes back the registry entries and what was changed for launchers,
+    /// as far as the record of that names it for this image (ZqLaunchers), dismounts the volume, ejects the
+    /// disk and waits until it is gone, as long as no minute passes without progress. A busy volume is taken
+    /// away all the same: a program that still has files open gets I/O errors, and the unmount succeeds, and
+    /// says so in the log and by wasBusy(). Where a step fails, the disk is removed the hard way and the
+    /// failure raised. `hardEject` does that at once. Harmless where the image isn't mounted. Gives true.
     bool umountImage(const SxString& image, bool hardEject);
     /// Ends the mount of an image that has lost its drive letter, since somebody changed or removed the link;
     /// umountImage() fails where no letter leads to the disk, so this is to be asked first. Removes the
     /// registry entries and ejects the disk; the link is left as it is. False where the image isn't mounted
     /// or has its letter; then nothing is done.
     bool umountWithoutLetter(const SxString& image);
-    /// Removes what a service that was killed has left in the machine root (mounts, devices, letters).
-    /// Where a drive of `image` was among that, the registry entries of the record that setAppParams() gave
-    /// go, too, and it gives true.
+    /// Removes what a service that was killed has left in the machine root (mounts, devices, letters), and
+    /// what its mounts have changed in the registry and for launchers. Gives whether a drive of `image` was
+    /// among that.
     /// `*written`: what programs had written to that drive, and not synced, may be lost.
     bool removeLeftovers(const SxString& image, bool* written) const;
     /// Whether a program still used the volume that the last umountImage() took from it.
     bool wasBusy() const noexcept { return busy; }
+
+    // Launchers. All keep the record of what they change; what fails is to be taken back by the unmount.
+
+    /// Asks the Epic Games Launcher of this user and machine root to close, and ends its process.
+    void closeEpicGamesLauncher() const;
+    /// Gives the Epic Games Launcher the titles of this instance's drive in the place of the player's. Raises
+    /// where there is no drive, and what is wrong with the drive's entries.
+    void genEpicLibrary();
+    /// Takes that back. Raises as genEpicLibrary(), and takes it back all the same.
+    void cleanEpicLibrary() const;
+    /// Gives EA Origin the title's folder of this instance's drive, and takes it back.
+    void writeEALibEntries() const;
+    void delEALibEntries() const;
+    /// The main title that genEpicLibrary() has found; null before.
+    const SxPtr<ZqEpicParams>& getEpicParams() const noexcept { return epicParams; }
 
     // Finding a drive.
 
@@ -208,6 +233,11 @@ private:
     void awaitFiles(const SxString& image) const;
     void umountAfterFailure(const SxString& image);
     void removeRegistryEntries() const;
+    void revertLaunchers() const;
+    void setUpLaunchers();
+    void setUpEpic();
+    void setUpRobotCache();
+    void requireDrive() const;
     /// Gives the target id of the disk.
     uint64 releaseVolume(const SxString& image, bool removable);
     void awaitEnd(const SxString& image, uint64 targetId, uint64 madeNs) const;
@@ -215,6 +245,8 @@ private:
     unsigned char guardId(const SxString& image) const;
 
     SxString mntPoint;
+    SxString mntImage; ///< the image that `mntPoint` is of
     SxPtr<ZqAppParams> appParams;
+    SxPtr<ZqEpicParams> epicParams;
     bool busy = false;
 };

@@ -11,6 +11,8 @@
 #include "ZqImageFolder.h"
 #include "ZqImageInfo.h"
 #include "ZqImageLock.h"
+#include "ZqLaunchCommand.h"
+#include "ZqLaunchValues.h"
 #include "ZqMountMgr.h"
 #include "ZqRedirection.h"
 #include "ZqStreamRecord.h"
@@ -24,14 +26,6 @@ namespace {
 constexpr const char* UNIT = "src/base/ZqMountMgr";
 constexpr int BLOCK_SHIFT = 12;         ///< a block has 4096 bytes
 constexpr int64 CACHE_UNIT = 1'000'000; ///< bytes of one unit of `cacheSize` in app.json
-
-/// A launcher would have to be set up for the application, and restored after it.
-void refuseLaunchers(const SxString& image, const SxList<SxString>& access) {
-    if (access.isEmpty()) return;
-    throw SxException("Image " + image + " needs the launcher '" + access.first().makeVisible() +
-                          "', which isn't supported yet",
-                      UNIT, __LINE__);
-}
 
 /// Keeps the shape as it is over both mounts, so that nobody moves blocks between the check of the map and
 /// the end of the mount; from then on the service's own lock keeps the image. A folder without an image has
@@ -169,6 +163,8 @@ SxString ZqMountMgr::mountImageZQF(MountMode mode, DeviceMode deviceMode, const 
 SxString ZqMountMgr::mountImageZQF(const MountRequest& request, const SxString& traceMethod) {
     const SxString &image = request.image, &traceFolder = request.traceFolder;
     if (!appParams) appParams = SxPtr<ZqAppParams>::create(ZqImageFolder::prefix(image));
+    const bool hasLaunchers = !appParams->access.isEmpty();
+    if (request.noLaunchers) appParams->access.removeAll();
     MountRequest whole = request;
     whole.awaitFileSystem = true;
     const auto mount = [&] {
@@ -180,7 +176,8 @@ SxString ZqMountMgr::mountImageZQF(const MountRequest& request, const SxString& 
     };
     try {
         appParams->requireKnownFormat();
-        refuseLaunchers(image, appParams->access);
+        // What a former mount has written for a launcher is worked out anew.
+        if (hasLaunchers) ZqLaunchValues::originalOf(image, *appParams).applyTo(&*appParams);
         const ZqRedirection redirection(*appParams);
         const auto lock = lockShape(image);
         // A text that isn't known fails before a drive is made, and before the trace folder is emptied.
@@ -193,9 +190,12 @@ SxString ZqMountMgr::mountImageZQF(const MountRequest& request, const SxString& 
         mount();
         prepareGuard(image);
         if (appParams->cacheSize > 0) setCacheSize(cacheBytes(appParams->cacheSize));
+        // The launcher and its title write beside each other on the drive.
+        if (appParams->access.contains(ZqLaunchCommand::EPIC)) whole.mode = ReadTWLayer;
         mount();
         try {
             equipDrive(image, traceFolder, method, redirection);
+            setUpLaunchers();
             ZqVolume::setReady(image);
         } catch (const SxException&) {
             umountAfterFailure(image);

@@ -7,8 +7,10 @@
 #include "ZqDriveStatus.h"
 #include "ZqImageFolder.h"
 #include "ZqImageParams.h"
+#include "ZqLaunchers.h"
 #include "ZqLog.h"
 #include "ZqMountMgr.h"
+#include "ZqRegistryChanges.h"
 #include "ZqVolume.h"
 #include "zqdevctl.h"
 
@@ -109,6 +111,7 @@ SxString ZqMountMgr::mountImage(const MountRequest& request) {
         zqLogMsg("base", "Detected restrictions for removable devices -> switching to non-removable mode");
         removable = false;
     }
+    ZqLaunchers::restoreQuietly();
     ZqVolume::requireView();
     if (!request.traceFolder.isEmpty()) SxFSAction::mkdir_p(request.traceFolder, 0777);
     ZqDriveStatus::require(zqDriveMountImage(image.utf16().data(), request.traceFolder.utf16().data(),
@@ -132,7 +135,8 @@ SxString ZqMountMgr::mountImage(const MountRequest& request) {
     }
     if (appParams && !appParams->registry.isEmpty()) {
         try {
-            ZqRegistry::createRegEntriesAsAdmin(appParams->registry, mntPoint);
+            ZqLauncherRecord record;
+            ZqRegistryChanges(&record).make(ZqLauncherRecord::pathOf(image), appParams->registry, mntPoint);
         } catch (const SxException& e) {
             zqLogMsg("base", e.what());
             umountAfterFailure(image);
@@ -144,6 +148,7 @@ SxString ZqMountMgr::mountImage(const MountRequest& request) {
 
 void ZqMountMgr::awaitMntPoint(const SxString& image) {
     mntPoint = SxString();
+    mntImage = image;
     SxString failure, reason;
     const auto found = [&] {
         failure = SxString();

@@ -6,8 +6,10 @@
 #include "SxTime.h"
 #include "ZqAppParams.h"
 #include "ZqDriveStatus.h"
+#include "ZqLaunchers.h"
 #include "ZqLog.h"
 #include "ZqMountMgr.h"
+#include "ZqRegistryChanges.h"
 #include "ZqVolume.h"
 #include "zqdevctl.h"
 
@@ -51,6 +53,7 @@ bool ZqMountMgr::umountImage(const SxString& image, bool hardEject) {
         if (!ZqDriveStatus::findDisk(image, &disk)) return true;
         if (ZqVolume::isForeign()) {
             // A service of another version takes nothing but this.
+            mntImage = image;
             if (!hardEject) removeRegistryEntries();
             ejectImage(image);
             return true;
@@ -69,9 +72,11 @@ bool ZqMountMgr::umountImage(const SxString& image, bool hardEject) {
         } catch (const SxException& e) {
             throw SxException(e, "Failed to query mount point for image " + image, UNIT, __LINE__);
         }
+        mntImage = image;
         // Another client's unmount was faster.
         if (mntPoint.isEmpty()) return true;
         removeRegistryEntries();
+        revertLaunchers();
         isReleasing = true;
         const uint64 targetId = releaseVolume(image, disk.removable);
         awaitEnd(image, targetId, madeNs);
@@ -96,14 +101,17 @@ bool ZqMountMgr::umountWithoutLetter(const SxString& image) {
     ZqDiskStatus disk;
     if (!ZqVolume::findDisk(image, &disk) || disk.drive.isEmpty()) return false;
     if (!ZqVolume::findDrive(disk).isEmpty()) return false;
+    mntImage = image;
     removeRegistryEntries();
-    return umountImage(image, true);
+    umountImage(image, true);
+    ZqLaunchers::restoreQuietly();
+    return true;
 }
 
 bool ZqMountMgr::removeLeftovers(const SxString& image, bool* written) const {
-    if (!ZqVolume::removeLeftovers(image, written)) return false;
-    removeRegistryEntries();
-    return true;
+    const bool found = ZqVolume::removeLeftovers(image, written);
+    ZqLaunchers::restoreQuietly();
+    return found;
 }
 
 void ZqMountMgr::removeRegistryEntries() const {
@@ -113,7 +121,9 @@ void ZqMountMgr::removeRegistryEntries() const {
         return;
     }
     try {
-        ZqRegistry::removeRegEntriesAsAdmin(appParams->registry);
+        ZqLauncherRecord record;
+        ZqRegistryChanges(&record).undo(ZqLauncherRecord::pathOf(mntImage));
+        record.save();
     } catch (const SxException& e) {
         zqLogMsg("base", e.what());
     }

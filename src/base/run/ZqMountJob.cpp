@@ -7,11 +7,12 @@
 #include "ZqRunWait.h"
 
 ZqMountJob::ZqMountJob(const ZqImageFeed& feed_, SxString image_, ZqDriveKinds::MountMode mode_,
-                       SxString traceFolder_)
+                       SxString traceFolder_, bool noLaunchers_)
     : feed(feed_),
       image(std::move(image_)),
       mode(mode_),
       traceFolder(std::move(traceFolder_)),
+      noLaunchers(noLaunchers_),
       isPartial(!feed_.isComplete()),
       nBlocks(feed_.countBlocks()) {
     setThreadName("mount");
@@ -37,9 +38,16 @@ void ZqMountJob::main() {
     ZqMountMgr mounts;
     const ZqImageParams& params = feed.getParams();
     mounts.setAppParams(feed.getApp());
-    mounts.mountImageZQF({mode, params.deviceMode, image, traceFolder, static_cast<uint64>(params.sizeRaw),
-                          static_cast<uint64>(params.emulatedSectorSize), nBlocks},
-                         traceFolder.isEmpty() ? SxString() : SxString("monitoring"));
+    ZqMountMgr::MountRequest request{mode,
+                                     params.deviceMode,
+                                     image,
+                                     traceFolder,
+                                     static_cast<uint64>(params.sizeRaw),
+                                     static_cast<uint64>(params.emulatedSectorSize),
+                                     nBlocks};
+    request.noLaunchers = noLaunchers;
+    mounts.mountImageZQF(request, traceFolder.isEmpty() ? SxString() : SxString("monitoring"));
+    launch = mounts.getLaunch();
 }
 
 /// Reads that fail aren't enough: a mount looks for its first file for a minute.

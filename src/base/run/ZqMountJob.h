@@ -2,6 +2,7 @@
 
 #include "SxSystemThread.h"
 #include "ZqDriveKinds.h"
+#include "ZqLaunchValues.h"
 
 class ZqImageFeed;
 class ZqRunWait;
@@ -12,10 +13,13 @@ class ZqRunWait;
 class ZqMountJob : public SxSystemThread {
 public:
     /// `feed_` must outlive this. `traceFolder_`: of the trace that begins with the mount; empty for none.
+    /// `noLaunchers_`: leave the launchers alone.
     ZqMountJob(const ZqImageFeed& feed_, SxString image_, ZqDriveKinds::MountMode mode_,
-               SxString traceFolder_);
+               SxString traceFolder_, bool noLaunchers_);
     /// Waits for the end; raises what went wrong, or a stop.
     void finish(const ZqRunWait& waits);
+    /// How the application is started now; after the end.
+    const ZqLaunchValues& getLaunch() const { return launch; }
 
 protected:
     void main() override;
@@ -28,6 +32,8 @@ private:
     const SxString image;
     const ZqDriveKinds::MountMode mode;
     const SxString traceFolder;
+    const bool noLaunchers;
     const bool isPartial; ///< some of the image wasn't there when the mount began
     const uint64 nBlocks; ///< that were there then
+    ZqLaunchValues launch;
 };

@@ -9,11 +9,13 @@
 #include "ZqCoreAppGuard.h"
 #include "ZqFirstFrame.h"
 #include "ZqImageFeed.h"
+#include "ZqLaunchCommand.h"
 #include "ZqRunDrive.h"
 #include "ZqRunRecording.h"
 #include "ZqRunSampler.h"
 #include "ZqRunWait.h"
 #include "ZqSleepDelay.h"
+#include "ZqStartCheck.h"
 #include "ZqSysEnv.h"
 
 #include <algorithm>
@@ -66,7 +68,7 @@ ZqFeedStatus ZqRun::getStatus() const {
     }
     status = feed->getStatus();
     if (status.waiting.isEmpty() && searching) {
-        status.waiting = "waiting for the process '" + feed->getApp().name.makeVisible() + "'";
+        status.waiting = "waiting for the process '" + launched->name.makeVisible() + "'";
     }
     if (status.waiting.isEmpty()) status.waiting = waits->getLine();
     return status;
@@ -109,6 +111,8 @@ void ZqRun::main() {
 void ZqRun::run() {
     recording->requireFolder();
     feed->open(waits->test());
+    if (!settings.isDriveOnly && !settings.feed.isDownloadOnly)
+        ZqStartCheck::require(settings, feed->getApp());
     const bool wasComplete = feed->isComplete();
     const uint64 nPresent = feed->fileSize();
     feed->start();
@@ -155,8 +159,9 @@ bool ZqRun::adopt() {
         return true;
     }
     phase = Adopted;
-    guard = std::make_unique<ZqCoreAppGuard>(image, feed->getApp(), group);
-    feed->applicationStarts();
+    launched = std::make_unique<const ZqAppParams>(feed->getApp());
+    guard = std::make_unique<ZqCoreAppGuard>(image, *launched, group);
+    feed->applicationStarts(*launched);
     guard->start();
     result.wasStarted = true;
     follow();
@@ -231,13 +236,18 @@ void ZqRun::prepare() {
 }
 
 void ZqRun::startApplication() {
-    const ZqAppParams& app = feed->getApp();
+    ZqAppParams app = feed->getApp();
+    drive->getLaunch().applyTo(&app);
+    launched = std::make_unique<const ZqAppParams>(app);
     const SxString mountPath = drive->require();
     SxWinProcParams process;
     process.path = app.cmd;
     process.args = SxString::join(app.args, " ");
-    guard = std::make_unique<ZqCoreAppGuard>(image, app, mountPath, process);
-    feed->applicationStarts();
+    const bool isWritable =
+        drive->mode() != ZqDriveKinds::ReadOnly || app.access.contains(ZqLaunchCommand::EPIC);
+    guard = std::make_unique<ZqCoreAppGuard>(image, *launched, mountPath, process,
+                                             ZqAppRunner{settings.runner, mountPath, isWritable});
+    feed->applicationStarts(*launched);
     guard->start();
     result.startMs = elapsedMs();
     result.wasStarted = true;
@@ -264,7 +274,7 @@ void ZqRun::follow() {
     }
     guard->wait();
     searching = false;
-    if (guard->isMissed()) result.missed = feed->getApp().name;
+    if (guard->isMissed()) result.missed = launched->name;
     firstFrame->look();
     // Of a command that couldn't be started there is nothing to follow.
     result.wasStarted = guard->getGroup().isValid();
@@ -325,6 +335,7 @@ void ZqRun::writeInfo() {
     result.mountPath = drive->getMountPath();
     result.driveFailure = drive->getFailure();
     result.wasBusy = drive->wasBusy();
+    result.lostLetter = drive->getLostLetter();
     if (!result.driveFailure.isEmpty()) result.info.endErr = true;
     result.write(image);
 }

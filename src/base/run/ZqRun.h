@@ -9,6 +9,7 @@
 #include <atomic>
 #include <memory>
 
+class ZqAppParams;
 class ZqAppSuspension;
 class ZqApplicationNote;
 class ZqCoreAppGuard;
@@ -99,6 +100,7 @@ private:
     const std::unique_ptr<ZqRunRecording> recording;
     const std::unique_ptr<ZqApplicationNote> note;
     const std::unique_ptr<ZqAppSuspension> suspension;
+    std::unique_ptr<const ZqAppParams> launched; ///< the record as the application is started by it
     std::unique_ptr<ZqCoreAppGuard> guard;
     std::unique_ptr<ZqFirstFrame> firstFrame;
     std::unique_ptr<ZqRunSampler> sampler;

@@ -22,6 +22,9 @@ constexpr int64 DRIVE_NS = 200'000'000;
 /// within it.
 constexpr int64 LOST_READ_NS = 5'000'000'000;
 
+/// So many times a letter is put back; a runner that takes it again and again keeps it.
+constexpr int64 MAX_PUT_BACK = 5;
+
 } // namespace
 
 ZqRunDrive::ZqRunDrive(const ZqRunSettings& settings_, ZqImageFeed* feed_, ZqRunWait* waits_)
@@ -92,10 +95,11 @@ void ZqRunDrive::bringUp(const SxString& traceFolder) {
     mounted = true;
     feed->driveStarts();
     for (;;) {
-        ZqMountJob job(*feed, image, mode(), traceFolder);
+        ZqMountJob job(*feed, image, mode(), traceFolder, settings.noLaunchers);
         job.start();
         try {
             job.finish(*waits);
+            launch = job.getLaunch();
             return;
         } catch (const SxException& e) {
             if (waits->isStopping() || !e.hasTag(ZqVolume::SILENT)) throw;
@@ -114,6 +118,7 @@ void ZqRunDrive::takeAway() {
     if (!ZqVolume::findDisk(image, &disk)) return;
     ZqMountMgr mounts;
     mounts.setAppParams(feed->getApp());
+    if (mounts.umountWithoutLetter(image)) return;
     mounts.umountImage(image, disk.drive.isEmpty());
     if (mounts.wasBusy() && mode() != ZqMountMgr::ReadOnly) busy = true;
 }
@@ -163,6 +168,7 @@ void ZqRunDrive::watch() {
         throw SxException("The image in '" + image + "' was removed while it was played", UNIT, __LINE__);
     }
     try {
+        if (!settings.runner.isEmpty()) watchLetter();
         if (ZqMountMgr().isMounted(image)) return;
     } catch (const SxException& e) {
         // A service that can't tell may still serve.
@@ -171,6 +177,21 @@ void ZqRunDrive::watch() {
     }
     throw SxException("The drive of '" + image + "' has gone: it was unmounted, or its service was ended",
                       UNIT, __LINE__);
+}
+
+/// A runner may set up all drive letters of its prefix anew. What has been told of ours, as in the registry,
+/// needs it.
+void ZqRunDrive::watchLetter() {
+    ZqDiskStatus disk;
+    if (!lostLetter.isEmpty() || !ZqVolume::findDisk(image, &disk) || disk.drive.isEmpty()) return;
+    if (!ZqVolume::findDrive(disk).isEmpty()) return;
+    if (nPutBack++ < MAX_PUT_BACK && ZqVolume::restoreDrive(disk)) {
+        zqLogMsg("base",
+                 "ZqRun: the letter " + disk.drive + " of '" + image + "' was taken, and is put back");
+        return;
+    }
+    lostLetter = disk.drive;
+    zqLogMsg("base", "ZqRun: the letter " + disk.drive + " of '" + image + "' is lost");
 }
 
 /// Whoever waits for such a read stands still for ever, out of reach of its player, so after a while the run

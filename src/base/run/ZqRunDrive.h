@@ -2,6 +2,7 @@
 
 #include "SxString.h"
 #include "ZqDriveKinds.h"
+#include "ZqLaunchValues.h"
 
 #include <atomic>
 #include <functional>
@@ -32,6 +33,8 @@ public:
     /// Mounts. `traceFolder`: of the trace that begins with it; empty for none. Raises what has ended the
     /// download meanwhile, too.
     void bringUp(const SxString& traceFolder);
+    /// How the application is started from the drive that bringUp() has mounted.
+    const ZqLaunchValues& getLaunch() const { return launch; }
     /// To be called once the drive is up, since it was mounted with what was there a moment before.
     void alignCursor();
     /// Whether it is still there.
@@ -55,6 +58,8 @@ public:
     const SxString& getFailure() const { return failure; }
     /// Where end() has left it; empty where it is gone.
     const SxString& getMountPath() const { return mountPath; }
+    /// The drive's letter, where a runner has taken it and it couldn't be put back; else empty.
+    const SxString& getLostLetter() const { return lostLetter; }
     /// Whether files of a drive that takes writes were open when it was taken away.
     bool wasBusy() const { return busy; }
 
@@ -63,6 +68,7 @@ private:
     bool removeLeft() const;
     void endOnce(bool keep);
     void note(const ZqDiskStatus& disk);
+    void watchLetter();
 
     const ZqRunSettings& settings;
     const SxString image;
@@ -72,7 +78,10 @@ private:
     bool busy = false;
     SxString failure, mountPath;
     uint64 failedNs = 0; ///< when the disk was made that `failure` is of
-    int64 watchNs = 0;   ///< when the drive was looked at last
-    int64 lostNs = 0;    ///< since when it was seen to hold reads in vain; 0 for not now
+    ZqLaunchValues launch;
+    SxString lostLetter;
+    int64 nPutBack = 0; ///< how often the letter was put back
+    int64 watchNs = 0;  ///< when the drive was looked at last
+    int64 lostNs = 0;   ///< since when it was seen to hold reads in vain; 0 for not now
     std::atomic<bool> lostWrites{false};
 };

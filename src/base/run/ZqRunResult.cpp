@@ -14,6 +14,7 @@ SxSymbol ZqRunResult::toJson() const {
     if (lastWaitMs >= 0) root.append("lastWaitMs", lastWaitMs);
     root.append("traceFolder", traceFolder);
     root.append("driveFailure", driveFailure);
+    if (!lostLetter.isEmpty()) root.append("lostLetter", lostLetter);
     root.append("bytesOnDemand", link.nOnDemandBytes);
     appendTransfer(&root);
     return root;

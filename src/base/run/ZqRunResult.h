@@ -23,6 +23,7 @@ struct ZqRunResult {
     bool isComplete = false;     ///< the image is, and was found to be right
     SxString mountPath;          ///< where the drive was left; empty where it is gone
     SxString missed;             ///< the process that the record names, where it was never found
+    SxString lostLetter;         ///< the drive's, where a runner has taken it for good
     SxString driveFailure;       ///< the first read or write of the drive that failed; empty where none has
     bool lacksTraceRoom = false; ///< it was played without a trace, on a full disk
     bool wasBusy = false;        ///< files of a drive that takes writes were open when it was taken away

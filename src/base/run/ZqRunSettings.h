@@ -19,5 +19,7 @@ struct ZqRunSettings {
     bool isUntraced = false;   ///< no trace among the image's
     int64 traceMs = TRACE_MS;  ///< recording ends after so much play, in milliseconds; 0 for never
     int64 nTraces = N_TRACES;  ///< of the traces that runs made here so many stay; 0 for all
+    bool noLaunchers = false;  ///< start the title itself, and leave the launchers alone
+    SxString runner;           ///< what starts Windows programs in Wine's place; see ZqAppRunner
     SxString firstFrameFile;   ///< a file written with the application's first frame; may be empty
 };

@@ -30,9 +30,13 @@ SxString processOf(const SxString& cmd) {
 
 } // namespace
 
-ZqAppWindow::ZqAppWindow(const ZqAppParams& params)
-    : title(params.window),
-      process(params.name.isEmpty() ? processOf(params.cmd) : params.name) {
+ZqAppWindow::ZqAppWindow(const ZqAppParams& params) : title(params.window) {
+    setApplication(params.cmd, params.name);
+}
+
+void ZqAppWindow::setApplication(const SxString& cmd, const SxString& name) {
+    const SxMutexBlock block(&mutex);
+    process = name.isEmpty() ? processOf(cmd) : name;
 }
 
 void ZqAppWindow::restore() {
@@ -96,10 +100,15 @@ void ZqAppWindow::find(const std::function<bool()>& isStopped) {
 }
 
 ZqDesktop::Handle ZqAppWindow::findByProcess(const std::function<bool()>& isStopped) const {
+    SxString wanted;
+    {
+        const SxMutexBlock block(&mutex);
+        wanted = process;
+    }
     int pid = -1, nLooks = 0;
     SxWait::pass(PROCESS_MS, [&] {
         if (isStopped()) return true;
-        if (nLooks++ % LOOKS_A_PROCESS == 0) pid = ZqSysEnv::getProcessID(process, 0);
+        if (nLooks++ % LOOKS_A_PROCESS == 0) pid = ZqSysEnv::getProcessID(wanted, 0);
         return pid != -1;
     });
     if (pid == -1) return 0;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "SxMutex.h"
 #include "SxString.h"
 #include "ZqAppParams.h"
 #include "ZqDesktop.h"
@@ -16,6 +17,8 @@ class ZqAppWindow {
 public:
     explicit ZqAppWindow(const ZqAppParams& params);
 
+    /// The application is started by that command, and named so where that is only a launcher.
+    void setApplication(const SxString& cmd, const SxString& name);
     /// Whether windows are looked for, true at first.
     void setSearch(bool on) { hasSearch = on; }
     bool isSearched() const { return hasSearch; }
@@ -60,7 +63,9 @@ private:
     /// The topmost window of the application's process; 0 where there is none.
     ZqDesktop::Handle findByProcess(const std::function<bool()>& isStopped) const;
 
-    const SxString title, process; ///< of the application
+    const SxString title; ///< of the application
+    mutable SxMutex mutex;
+    SxString process SX_GUARDED_BY(mutex); ///< of the application
     std::atomic<ZqDesktop::Handle> window{0};
     std::atomic<bool> hasSearch{true}, minimized{false};
     std::atomic<bool> isAway{false}; ///< it was taken away, and isn't back

@@ -84,6 +84,10 @@ void ZqCoreUnderflowMgr::restart() {
 
 // Settings and queries.
 
+void ZqCoreUnderflowMgr::setApplication(const SxString& cmd, const SxString& name) {
+    window->setApplication(cmd, name);
+}
+
 void ZqCoreUnderflowMgr::setWindowSearch(bool on) {
     window->setSearch(on);
 }

@@ -80,6 +80,8 @@ public:
     /// window search counts afresh from the next one. Statistics go on.
     void restart();
 
+    /// How the application is started, where a launcher has changed what the record says.
+    void setApplication(const SxString& cmd, const SxString& name);
     /// Whether windows are looked for, true at first. While there is no application, any window in the
     /// foreground is the player's own.
     void setWindowSearch(bool on);

@@ -136,6 +136,16 @@ SxString ZqVolume::findDrive(const ZqDiskStatus& disk) {
     return isOurs && target == disk.mountPath.str() ? disk.drive : SxString();
 }
 
+bool ZqVolume::restoreDrive(const ZqDiskStatus& disk) {
+    const std::string link = driveLink(disk.drive);
+    if (link.empty() || disk.mountPath.isEmpty()) return false;
+    for (const ZqDiskStatus& other : getDisks()) {
+        if (other.drive == disk.drive && !(other.image == disk.image)) return false;
+    }
+    const int removed = SxOs::get().unlink(link);
+    return (removed == 0 || removed == -ENOENT) && SxOs::get().symlink(disk.mountPath.str(), link) == 0;
+}
+
 bool ZqVolume::isVisible(const ZqDiskStatus& disk) {
     SxStat volume, above;
     const std::string& path = disk.mountPath.str();

@@ -32,6 +32,9 @@ public:
     /// no link is searched for the identity of the disk: links outlive a power cut, and those of another
     /// user's service of this machine root look the same.
     static SxString findDrive(const ZqDiskStatus& disk);
+    /// Puts the link of a drive back that somebody has changed or removed. False where it can't, and where
+    /// another disk has the letter by now.
+    static bool restoreDrive(const ZqDiskStatus& disk);
     /// Whether this process sees the disk's volume mounted; by that alone a client believes that it is. It
     /// doesn't where somebody has unmounted the volume, or where the service lives in another mount
     /// namespace.

@@ -132,10 +132,6 @@ TEST(MountImage, IsCheckedAheadOfAnyDrive) {
              m.dir.write("image/img.idx", std::string(64, 'x'));
              m.dir.write("image/img.idx.md5", wrong + "\n");
          }},
-        {"Image $ needs the launcher 'Steam', which isn't supported yet",
-         [](Machine& m) {
-             m.app.access = {"Steam", "Origin"};
-         }},
         {"The entry '../x' of dirmap in app.json leads upward", [](Machine& m) { m.app.dirmap = {"../x"}; }},
         {"The guid 'a/b' of app.json is no plain name",
          [](Machine& m) {

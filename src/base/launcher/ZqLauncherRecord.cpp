@@ -1,0 +1,69 @@
+#include "ZqLauncherRecord.h"
+
+#include "SxFSAction.h"
+#include "SxFileIO.h"
+#include "SxOs.h"
+
+namespace {
+
+constexpr const char* UNIT = "src/base/ZqLauncherRecord";
+constexpr const char* LOCK = "C:/ProgramData/TAVRIN/launchers.lock";
+/// Holds what the player's registry had, which is for its user alone.
+constexpr int PERMISSION = 0600;
+
+} // namespace
+
+ZqLauncherRecord::ZqLauncherRecord()
+    : lock(LOCK, "Another mount or unmount changes what launchers know at the moment",
+           SxString("Cannot lock '") + ZqLauncherRecord::FILE + "'", LOCK_MS) {
+    changes = saved = peek();
+}
+
+ZqLauncherRecord::~ZqLauncherRecord() = default;
+
+void ZqLauncherRecord::save() {
+    changes.tidy();
+    if (changes == saved) return;
+    try {
+        if (changes.isEmpty()) {
+            SxFSAction::rm(FILE);
+            SxFSAction::syncDir(SxFileInfo(FILE).getPath());
+        } else {
+            SxFileIO::writeAtomic(FILE, changes.toText(), PERMISSION);
+            // Its folders may be new, too.
+            for (SxString folder = SxFileInfo(FILE).getPath(); saved.isEmpty();
+                 folder = SxFileInfo(folder).getPath()) {
+                SxFSAction::syncDir(SxFileInfo(folder).getPath());
+                if (SxFileInfo(folder).getPath() == folder) break;
+            }
+        }
+    } catch (const SxException& e) {
+        throw SxException(e, SxString("Failed to write file ") + FILE, UNIT, __LINE__);
+    }
+    saved = changes;
+}
+
+ZqLauncherChanges ZqLauncherRecord::peek() {
+    ZqLauncherChanges changes;
+    try {
+        if (SxFSAction::look(FILE)) changes.readText(SxFileIO::readUtf8(FILE), FILE);
+    } catch (const SxException& e) {
+        throw SxException(e, SxString("Failed to read file ") + FILE, UNIT, __LINE__);
+    }
+    return changes;
+}
+
+SxString ZqLauncherRecord::pathOf(const SxString& image) {
+    std::string path;
+    if (SxOs::get().canonical(SxOs::hostPath(image), &path) == 0) return SxString(path);
+    return SxFileInfo(image).getAbsPath();
+}
+
+void ZqTries::raise() const {
+    if (failures.isEmpty()) return;
+    if (failures.getSize() == 1) throw SxException(failures.first());
+    SxList<SxString> texts;
+    for (const SxException& failure : failures)
+        texts.append(failure.toString(SxException::ShowMessage, ": "));
+    throw SxException(SxString::join(texts, "; "), UNIT, __LINE__);
+}

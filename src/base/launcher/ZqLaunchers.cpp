@@ -1,0 +1,117 @@
+#include "ZqLaunchers.h"
+
+#include "SxFSAction.h"
+#include "ZqEpicLibrary.h"
+#include "ZqImageLock.h"
+#include "ZqLaunchCommand.h"
+#include "ZqLauncherFiles.h"
+#include "ZqLauncherRecord.h"
+#include "ZqLog.h"
+#include "ZqOriginLibrary.h"
+#include "ZqRegistryChanges.h"
+#include "ZqRobotLibrary.h"
+#include "ZqVolume.h"
+
+namespace {
+
+constexpr const char* UNIT = "src/base/ZqLaunchers";
+
+using Image = ZqLauncherChanges::Image;
+
+ZqLaunchers::Change describe(const Image& image) {
+    ZqLaunchers::Change change;
+    change.image = image.path;
+    change.isMounted = ZqLaunchers::isMounted(image.path);
+    if (image.setsAside) change.setAside.append(ZqLauncherFiles::EPIC_SAVED);
+    const auto add = [&](const char* folder, const SxList<SxString>& names) {
+        for (const SxString& name : names)
+            change.made.append(SxString(folder) + "/" + name);
+    };
+    add(ZqLauncherFiles::EPIC_MANIFESTS, image.items);
+    add(ZqLauncherFiles::EPIC_STORES, image.stores);
+    add(ZqLauncherFiles::ORIGIN_CONTENT, image.titles);
+    if (!image.library.isEmpty()) change.libraries.append(image.library);
+    for (const ZqRegistry::State& state : image.former)
+        change.registry.append({state.key, state.value, state.isThere});
+    return change;
+}
+
+/// Takes back all of one image, in the order of an unmount.
+void undoAll(ZqLauncherRecord* record, const SxString& image) {
+    ZqTries tries;
+    tries.run([&] { ZqRegistryChanges(record).undo(image); });
+    const bool hasEpic = record->changes.of(image).hasEpic();
+    if (hasEpic) ZqEpicLibrary::closeLauncher();
+    if (hasEpic) tries.run([&] { ZqEpicLibrary(record).undo(image); });
+    tries.run([&] { ZqOriginLibrary(record).undo(image); });
+    tries.run([&] { ZqRobotLibrary(record).undo(image); });
+    record->save();
+    tries.raise();
+}
+
+} // namespace
+
+SxList<ZqLaunchers::Launcher> ZqLaunchers::getLaunchers() {
+    SxList<Launcher> launchers;
+    for (const char* word : {ZqLaunchCommand::STEAM, ZqLaunchCommand::EPIC, ZqLaunchCommand::UBISOFT,
+                             ZqLaunchCommand::ORIGIN, ZqLaunchCommand::ROBOT_CACHE}) {
+        Launcher launcher;
+        launcher.word = word;
+        try {
+            launcher.program = ZqLaunchCommand::programOf(word);
+            launcher.isInstalled = true;
+        } catch (const SxException& e) {
+            if (!e.hasTag(ZqLaunchCommand::NOT_INSTALLED)) throw;
+        }
+        launchers.append(launcher);
+    }
+    return launchers;
+}
+
+SxList<ZqLaunchers::Change> ZqLaunchers::getChanges() {
+    SxList<Change> changes;
+    for (const Image& image : ZqLauncherRecord::peek().images)
+        changes.append(describe(image));
+    return changes;
+}
+
+bool ZqLaunchers::isMounted(const SxString& image) {
+    if (image.isEmpty()) return false;
+    try {
+        ZqDiskStatus disk;
+        return ZqVolume::findDisk(image, &disk) || ZqImageLock::isHeld(image, ZqImageLock::Drive);
+    } catch (const SxException& e) {
+        zqLogMsg("base", "Cannot tell whether '" + image +
+                             "' is mounted: " + e.toString(SxException::ShowMessage, ": "));
+        return true;
+    }
+}
+
+ZqLaunchers::Restored ZqLaunchers::restore() {
+    Restored restored;
+    if (ZqLauncherRecord::peek().isEmpty()) return restored;
+    ZqLauncherRecord record;
+    SxList<SxString> left;
+    for (const Image& image : record.changes.images) {
+        if (!isMounted(image.path)) left.append(image.path);
+    }
+    for (const SxString& image : left) {
+        try {
+            undoAll(&record, image);
+            restored.images.append(image);
+        } catch (const SxException& e) {
+            restored.failures.append(SxException(
+                e, "Cannot take back all that the mount of '" + image + "' has changed", UNIT, __LINE__));
+        }
+    }
+    return restored;
+}
+
+void ZqLaunchers::restoreQuietly() {
+    try {
+        for (const SxException& failure : restore().failures)
+            zqLogMsg("base", failure.toString(SxException::ShowMessage, ": "));
+    } catch (const SxException& e) {
+        zqLogMsg("base", e.toString(SxException::ShowMessage, ": "));
+    }
+}
