@@ -28,6 +28,7 @@ run: build ## build, then show the client at work on a real game
 	@scripts/demo.sh
 
 test: build ## build, then run all tests
+	@scripts/install-deps.sh wine
 	@ctest --preset release -j 2
 
 crash: build ## only the tests that kill a job at every durable step

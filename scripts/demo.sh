@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Shows the client at work on a real game: Freedoom's folder becomes an image, the image is cut into parts for
-# delivery, joined again and verified, made a drive of, played over a slow link while it arrives, and patched. Works in
-# a folder of its own and removes it at the end.
+# delivery, joined again and verified, made a drive of, played over a slow link while it arrives, installed, and
+# patched. Works in a folder of its own and removes it at the end.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -68,6 +68,8 @@ if ((EUID == 0)) && [[ -r /dev/fuse ]]; then
     run trace info "$work/trace"
     say "And this is what it is for: a game that is played while it arrives."
     scripts/demo-stream.sh "$tavrin" "$work"
+    say "Titles of launchers run from the drive, and leave nothing behind."
+    scripts/demo-launchers.sh "$tavrin" "$game" "$work"
 else
     say "Drives are left out: this machine or user has no means for them (root and /dev/fuse)."
 fi

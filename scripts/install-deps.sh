@@ -9,6 +9,7 @@
 #   package   Debian packages           peers     what the benchmarks compare with, and their games
 #   servers   web servers, balancers, caches and proxies that the client is tried with
 #   storage   databases and other programs that drives are written to with
+#   wine      runs programs for Windows, for tests
 #   patch-tools   what scripts/build-patch-tools.sh needs
 # Says and touches nothing where all is there already.
 set -euo pipefail
@@ -34,6 +35,7 @@ for group in "$@"; do
     servers)
         packages+=(nginx apache2-bin lighttpd haproxy varnish squid tinyproxy busybox caddy openssl media-types)
         ;;
+    wine) packages+=(wine wine64) ;;
     storage) packages+=(sqlite3 postgresql git fio tar unzip) ;;
     patch-tools)
         packages+=(make openssl zlib1g-dev libbz2-dev libzstd-dev liblz4-dev)
@@ -41,7 +43,7 @@ for group in "$@"; do
         command -v npm >/dev/null || packages+=(npm)
         ;;
     *)
-        echo "install-deps.sh: no group \"$group\" (there are: clang, lint, fuzz, demo, package, peers, servers, storage, patch-tools)" >&2
+        echo "install-deps.sh: no group \"$group\" (there are: clang, lint, fuzz, demo, package, peers, servers, storage, wine, patch-tools)" >&2
         exit 2
         ;;
     esac

@@ -12,6 +12,8 @@
 #include <tavrin/ZqImageFolder.h>
 #include <tavrin/ZqImageLock.h>
 #include <tavrin/ZqImageParams.h>
+#include <tavrin/ZqLaunchCommand.h>
+#include <tavrin/ZqLaunchers.h>
 #include <tavrin/ZqMountMgr.h>
 #include <tavrin/ZqSyncedSize.h>
 #include <tavrin/ZqVolume.h>
@@ -200,7 +202,8 @@ int mount(const MountOptions& options, Output& out) {
             throw;
         }
     }
-    if (mode == ZqMountMgr::ReadWrite) {
+    const bool isLayered = !options.noLaunchers && app.access.contains(ZqLaunchCommand::EPIC);
+    if (mode == ZqMountMgr::ReadWrite && !isLayered) {
         out.text("Writes go into img.zqf: its digest and patches made for it will no longer fit");
     }
     tellMount(options.image, "Mounted", &out);
@@ -216,7 +219,24 @@ void readApp(const SxString& image, ZqMountMgr* manager, Output* out) {
     try {
         manager->setAppParams(ZqAppParams(folder));
     } catch (const SxException& e) {
-        out->finding(SxString("The registry is left as it is: ") + e.what());
+        out->finding(SxString("What the mount has changed is taken back after the drive is gone: ") +
+                     e.what());
+    }
+}
+
+/// Takes back what mounts that ended without an unmount have changed. Gives whether there was anything.
+bool restoreLaunchers(Output* out) {
+    try {
+        const ZqLaunchers::Restored restored = ZqLaunchers::restore();
+        for (const SxString& image : restored.images)
+            out->text("Took back what the mount of '" + image.makeVisible() + "' had changed");
+        for (const SxException& failure : restored.failures)
+            out->finding(failure.toString(SxException::ShowMessage, ": "));
+        return !restored.images.isEmpty();
+    } catch (const SxException& e) {
+        out->finding("What former mounts have changed can't be taken back: " +
+                     e.toString(SxException::ShowMessage, ": "));
+        return false;
     }
 }
 
@@ -237,10 +257,11 @@ bool removeLeftovers(const ZqMountMgr* manager, const SxString& image) {
 int umount(const UmountOptions& options, Output& out) {
     ZqMountMgr manager;
     readApp(options.image, &manager, &out);
+    const bool restored = restoreLaunchers(&out);
     const bool leftovers = removeLeftovers(&manager, options.image);
     ZqDiskStatus disk;
     if (!ZqVolume::findDisk(options.image, &disk)) {
-        out.text(leftovers ? LEFTOVERS : "Not mounted");
+        if (leftovers || !restored) out.text(leftovers ? LEFTOVERS : "Not mounted");
         return ExitSuccess;
     }
     const bool wasElsewhere = ZqVolume::isElsewhere(disk);
@@ -260,8 +281,10 @@ int umount(const UmountOptions& options, Output& out) {
             "The drive was in use: it was detached, and files that are still open give I/O errors; what "
             "is still written to them is lost");
     }
-    // An image whose service is killed meanwhile counts as not mounted.
-    out.text(removeLeftovers(&manager, options.image) ? LEFTOVERS : "Unmounted");
+    // An image whose service is killed meanwhile counts as not mounted. What else a hard unmount leaves is
+    // for the next command.
+    const bool isSwept = !options.hard && removeLeftovers(&manager, options.image);
+    out.text(isSwept ? LEFTOVERS : "Unmounted");
     return ExitSuccess;
 }
 

@@ -96,13 +96,15 @@ void requireName(const SxString& name, const char* what) {
 }
 
 /// Of a store folder that stood there before, only the part of its manifests was made.
-constexpr const char* STORE_PART = "/.egstore";
+constexpr std::string_view STORE_PART = "/.egstore";
 
 void getNames(const SxSymbol& object, const char* key, SxList<SxString>* names) {
     ZqRecordFile::get(object, key, names);
     for (const SxString& name : *names) {
-        const bool isStore = SxString(key) == "stores";
-        requireName(isStore && name.endsWith(STORE_PART) ? name.left(STORE_PART) : name, key);
+        std::string text = name.str();
+        if (SxString(key) == "stores" && text.ends_with(STORE_PART))
+            text.resize(text.size() - STORE_PART.size());
+        requireName(text, key);
     }
 }
 

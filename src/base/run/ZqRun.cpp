@@ -9,7 +9,6 @@
 #include "ZqCoreAppGuard.h"
 #include "ZqFirstFrame.h"
 #include "ZqImageFeed.h"
-#include "ZqLaunchCommand.h"
 #include "ZqRunDrive.h"
 #include "ZqRunRecording.h"
 #include "ZqRunSampler.h"
@@ -243,10 +242,8 @@ void ZqRun::startApplication() {
     SxWinProcParams process;
     process.path = app.cmd;
     process.args = SxString::join(app.args, " ");
-    const bool isWritable =
-        drive->mode() != ZqDriveKinds::ReadOnly || app.access.contains(ZqLaunchCommand::EPIC);
     guard = std::make_unique<ZqCoreAppGuard>(image, *launched, mountPath, process,
-                                             ZqAppRunner{settings.runner, mountPath, isWritable});
+                                             ZqAppRunner{settings.runner, mountPath, drive->isWritable()});
     feed->applicationStarts(*launched);
     guard->start();
     result.startMs = elapsedMs();

@@ -5,6 +5,7 @@
 #include "SxFSAction.h"
 #include "SxTime.h"
 #include "ZqImageFeed.h"
+#include "ZqLaunchCommand.h"
 #include "ZqLog.h"
 #include "ZqMountJob.h"
 #include "ZqMountMgr.h"
@@ -37,6 +38,11 @@ ZqRunDrive::ZqRunDrive(const ZqRunSettings& settings_, ZqImageFeed* feed_, ZqRun
 ZqDriveKinds::MountMode ZqRunDrive::mode() const {
     return settings.mountMode.isEmpty() ? feed->getApp().mountMode
                                         : ZqMountMgr::stringToMountMode(settings.mountMode);
+}
+
+bool ZqRunDrive::isWritable() const {
+    return mode() != ZqMountMgr::ReadOnly ||
+           (!settings.noLaunchers && feed->getApp().access.contains(ZqLaunchCommand::EPIC));
 }
 
 bool ZqRunDrive::findFormer(const std::function<bool()>& isUsed) {
@@ -120,7 +126,7 @@ void ZqRunDrive::takeAway() {
     mounts.setAppParams(feed->getApp());
     if (mounts.umountWithoutLetter(image)) return;
     mounts.umountImage(image, disk.drive.isEmpty());
-    if (mounts.wasBusy() && mode() != ZqMountMgr::ReadOnly) busy = true;
+    if (mounts.wasBusy() && isWritable()) busy = true;
 }
 
 bool ZqRunDrive::isUp() {

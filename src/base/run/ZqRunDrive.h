@@ -23,6 +23,8 @@ public:
     /// How to mount, by the settings or else the record.
     ZqDriveKinds::MountMode mode() const;
 
+    /// Whether programs may write to it. A title of the Epic launcher's may always, into a layer.
+    bool isWritable() const;
     /// Whether a run that was killed has left a drive that can be taken over. One that isn't ready, or that
     /// `isUsed` doesn't know as used, is taken away. Raises where this run can't use it.
     bool findFormer(const std::function<bool()>& isUsed);

@@ -229,14 +229,22 @@ ZqRegFile ZqRegStore::read(const ZqRegAddress& address, ZqRegFile::Key* found) c
 }
 
 /// How many parts at the end of a key, whose first is the root, aren't there. The server was asked for what
-/// is below the key alone, so those above it are asked for one by one.
-size_t ZqRegStore::countAbsent(const ZqRegFile& answer, ZqRegFile::Key key) const {
+/// is below the key alone, so those above it are asked for one by one, each once: a question takes it a
+/// while.
+size_t ZqRegStore::countAbsent(const ZqRegFile& answer, ZqRegFile::Key key,
+                               std::map<SxString, bool>* known) const {
     size_t n = 0;
     if (answer.hasKey(key)) return n;
+    const auto isThere = [&] {
+        const SxString name = joinKey(key);
+        const auto found = known->find(name);
+        if (found != known->end()) return found->second;
+        return (*known)[name] = ZqWine::hasKey(prefix, name);
+    };
     do {
         ++n;
         key.pop_back();
-    } while (key.size() > 1 && !ZqWine::hasKey(prefix, joinKey(key)));
+    } while (key.size() > 1 && !isThere());
     return n;
 }
 
@@ -245,9 +253,10 @@ std::vector<ZqRegStore::Found> ZqRegStore::look(const std::vector<ZqRegEdit>& ed
     if (ZqWine::isServing(prefix) && ZqWine::isInstalled()) {
         const StoreLock lock(prefix);
         const ZqRegFile answer = askWine(edits);
+        std::map<SxString, bool> known;
         for (const ZqRegEdit& edit : edits) {
             const ZqRegFile::Key key = edit.address.withRoot();
-            found.push_back({answer.find(key, edit.name), countAbsent(answer, key)});
+            found.push_back({answer.find(key, edit.name), countAbsent(answer, key, &known)});
         }
         return found;
     }

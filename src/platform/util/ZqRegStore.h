@@ -2,6 +2,7 @@
 
 #include "ZqRegFile.h"
 
+#include <map>
 #include <optional>
 #include <vector>
 
@@ -67,7 +68,7 @@ private:
     void applyToFiles(const std::vector<ZqRegEdit>& edits) const;
     void applyByWine(const std::vector<ZqRegEdit>& edits) const;
     ZqRegFile askWine(const std::vector<ZqRegEdit>& edits) const;
-    size_t countAbsent(const ZqRegFile& answer, ZqRegFile::Key key) const;
+    size_t countAbsent(const ZqRegFile& answer, ZqRegFile::Key key, std::map<SxString, bool>* known) const;
 
     const SxString prefix;
 };
