@@ -9,6 +9,7 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <string_view>
 #include <vector>
 
 namespace {
@@ -87,6 +88,17 @@ std::string lookUp(const std::string& folder, const std::string& part) {
     return best ? *best : part;
 }
 
+std::string lookUpAll(const std::string& folder, const std::vector<std::string>& parts) {
+    std::string asGiven = folder;
+    for (const std::string& part : parts)
+        asGiven += "/" + part;
+    if (exists(asGiven)) return asGiven;
+    std::string found = folder;
+    for (const std::string& part : parts)
+        found += "/" + lookUp(found, part);
+    return found;
+}
+
 std::string driveFolder(char letterOrUpper) {
     const char letter = static_cast<char>(letterOrUpper | 0x20);
     const std::string prefix = ZqMachineRoot::get().str();
@@ -116,14 +128,37 @@ std::string ZqMachineRoot::hostPath(const std::string& path) {
     const std::vector<std::string> parts = splitParts(path);
     // With a slash at the end it is the folder that the link leads to, not the link.
     if (parts.empty()) return drive + "/";
-    std::string asGiven = drive;
-    for (const std::string& part : parts)
-        asGiven += "/" + part;
-    if (exists(asGiven)) return asGiven;
-    std::string found = drive;
-    for (const std::string& part : parts)
-        found += "/" + lookUp(found, part);
-    return found;
+    return lookUpAll(drive, parts);
+}
+
+std::string ZqMachineRoot::hostPathBelow(const std::string& folder, const std::string& name) {
+    std::vector<std::string> parts;
+    for (const SxString& part : SxString(name).tokenize('/'))
+        parts.push_back(part.str());
+    return lookUpAll(folder, parts);
+}
+
+SxString ZqMachineRoot::windowsPath(const SxString& path) {
+    SxOs& os = SxOs::get();
+    std::string real;
+    const int result = os.canonical(SxOs::hostPath(path), &real);
+    if (result < 0) {
+        throw SxException(SxException(SxOs::errorText(result), UNIT, __LINE__),
+                          "Cannot look at '" + path + "'", UNIT, __LINE__);
+    }
+    std::string best;
+    size_t nearest = 0;
+    // C: comes first, however near another letter is.
+    for (const char letter : std::string_view("CABDEFGHIJKLMNOPQRSTUVWXYZ")) {
+        std::string folder;
+        if (os.canonical(driveFolder(letter), &folder) < 0) continue;
+        if (!folder.ends_with('/')) folder += '/';
+        if (!(real + "/").starts_with(folder) || folder.size() <= nearest) continue;
+        nearest = folder.size();
+        best = std::string{letter, ':', '/'} + (real.size() > nearest ? real.substr(nearest) : "");
+        if (letter == 'C') break;
+    }
+    return best.empty() ? SxString(real) : SxString(best);
 }
 
 bool ZqMachineRoot::makeDrive(const std::string& path) {
