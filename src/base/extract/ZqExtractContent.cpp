@@ -52,7 +52,8 @@ Stamps stampsOf(const SxString& image) {
 /// A redirected item that the private side has.
 struct ZqExtractContent::Private {
     ZqRedirection::Item item;
-    std::string host;    ///< host path of the private one
+    SxString from;       ///< the private one
+    std::string host;    ///< its host path
     std::string onDrive; ///< name on the drive, whatever its case; empty where that has none
 };
 
@@ -304,9 +305,18 @@ void ZqExtractContent::findPrivate(const std::string& driveFolder, ZqTreeCopy* c
     const SxString side = privateSide();
     for (const ZqRedirection::Item& item : redirection.getItems()) {
         const std::string found = ZqMachineRoot::hostPathBelow(driveFolder, item.name.str());
-        Private each{item, SxOs::hostPath(side + "/" + item.name), found.substr(driveFolder.size() + 1)};
+        Private each{item, {}, {}, found.substr(driveFolder.size() + 1)};
         const bool isOnDrive = ZqRedirection::has(driveFolder, {each.onDrive, item.isFolder});
-        if (!ZqRedirection::has(side, item)) continue;
+        // Programs save a file under the drive's name for it, beside a first copy under the record's.
+        const size_t slash = item.name.str().rfind('/') + 1;
+        const SxString saved = item.name.str().substr(0, slash) + SxFileInfo(each.onDrive).getName().str();
+        each.from = side + "/" + item.name;
+        if (!item.isFolder && ZqRedirection::has(side, {saved, false})) {
+            each.from = side + "/" + saved;
+        } else if (!ZqRedirection::has(side, item)) {
+            continue;
+        }
+        each.host = SxOs::hostPath(each.from);
         const bool isInOther = std::any_of(privates.begin(), privates.end(), [&](const Private& other) {
             return (each.host + "/").starts_with(other.host + "/");
         });
@@ -329,8 +339,7 @@ void ZqExtractContent::copyPrivate(const ZqExtractPlaces& places, bool isFolder)
         for (const Private& each : privates) {
             if (each.item.isFolder != isFolder) continue;
             requireRunning();
-            const SxString from = privateSide() + "/" + each.item.name;
-            const SxString to = destination + folder + "/" + each.item.name;
+            const SxString &from = each.from, to = destination + folder + "/" + each.item.name;
             log((isKept ? "cp " : "mv ") + from + " " + to);
             try {
                 copyPrivateItem(places.staging.str() + "/" + folder.str(), each, to);
@@ -381,8 +390,12 @@ void ZqExtractContent::commit(const ZqExtractPlaces& places) {
     note.isKept = isKept;
     note.folder = folder;
     note.guid = app.guid;
-    for (const Private& each : privates)
-        (each.item.isFolder ? note.dirmap : note.filemap).append(each.item.name);
+    for (const Private& each : privates) {
+        SxList<SxString>& names = each.item.isFolder ? note.dirmap : note.filemap;
+        names.append(each.item.name);
+        const SxString other = each.from.right(privateSide() + "/");
+        if (!(other == each.item.name)) names.append(other);
+    }
     note.write(places.image);
     requireRunning();
     // A folder that somebody has made meanwhile isn't replaced, empty or not.
