@@ -302,7 +302,12 @@ void ZqExtractContent::findPrivate(const std::string& driveFolder, ZqTreeCopy* c
     privates.clear();
     const ZqRedirection redirection(app);
     if (redirection.isEmpty()) return;
-    const SxString side = privateSide();
+    const std::string side = SxOs::hostPath(privateSide());
+    const auto findItem = [&](Private* each, const SxString& name) {
+        each->from = privateSide() + "/" + name;
+        each->host = ZqMachineRoot::hostPathBelow(side, name.str());
+        return ZqRedirection::has(side, {each->host.substr(side.size() + 1), each->item.isFolder});
+    };
     for (const ZqRedirection::Item& item : redirection.getItems()) {
         const std::string found = ZqMachineRoot::hostPathBelow(driveFolder, item.name.str());
         Private each{item, {}, {}, found.substr(driveFolder.size() + 1)};
@@ -310,13 +315,7 @@ void ZqExtractContent::findPrivate(const std::string& driveFolder, ZqTreeCopy* c
         // Programs save a file under the drive's name for it, beside a first copy under the record's.
         const size_t slash = item.name.str().rfind('/') + 1;
         const SxString saved = item.name.str().substr(0, slash) + SxFileInfo(each.onDrive).getName().str();
-        each.from = side + "/" + item.name;
-        if (!item.isFolder && ZqRedirection::has(side, {saved, false})) {
-            each.from = side + "/" + saved;
-        } else if (!ZqRedirection::has(side, item)) {
-            continue;
-        }
-        each.host = SxOs::hostPath(each.from);
+        if ((item.isFolder || !findItem(&each, saved)) && !findItem(&each, item.name)) continue;
         const bool isInOther = std::any_of(privates.begin(), privates.end(), [&](const Private& other) {
             return (each.host + "/").starts_with(other.host + "/");
         });

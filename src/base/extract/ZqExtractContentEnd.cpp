@@ -27,8 +27,10 @@ bool isLink(const SxString& path) {
 
 /// Removes the folders from `path` upward that are empty, up to `end`.
 void removeEmpty(const SxString& end, SxString path) {
-    while (path.startsWith(end + "/") && SxOs::get().removeDir(SxOs::hostPath(path)) == 0)
+    while (path.startsWith(end + "/") && SxOs::get().removeDir(SxOs::hostPath(path)) == 0) {
         path = SxFileInfo(path).getPath();
+        SxFSAction::syncDir(path);
+    }
 }
 
 } // namespace
@@ -39,13 +41,17 @@ SxString ZqExtractContent::findBegun(const ZqExtractPlaces& places) {
         const ZqExtractNote note = ZqExtractNote::read(each);
         if (note.isBinding() && note.destination == places.destination) return each;
     }
-    return {};
+    // The note has gone already, but not what held it.
+    const bool isRest = SxFSAction::isGone(places.image) && !SxFSAction::isGone(places.moved) &&
+                        !ZqExtractNote::exists(places.moved) && SxFSAction::test_d(places.destination);
+    return isRest ? places.moved : SxString();
 }
 
 void ZqExtractContent::goOn(const ZqExtractPlaces& places, const SxString& begun) {
+    isNamed = resumed = true;
+    if (!ZqExtractNote::exists(begun)) return removeRest(places, begun);
     const auto growth = ZqImageLock::takeExtracted(begun, ZqImageLock::Growth, ZqImageLock::Exclusive, JOB);
     const auto shape = ZqImageLock::takeExtracted(begun, ZqImageLock::Shape, ZqImageLock::Exclusive, JOB);
-    isNamed = resumed = true;
     ZqExtractNote note = ZqExtractNote::read(begun);
     if (note.isKept != isKept) {
         if (isKept && (begun == places.moved || SxFSAction::isGone(begun + "/" + ZqImageFiles::APP_JSON))) {
@@ -153,9 +159,10 @@ void ZqExtractContent::removePrivate(const ZqExtractPlaces& places, const ZqExtr
     for (const ZqRedirection::Item& item : redirection.getItems()) {
         const SxString from = side + "/" + item.name;
         try {
-            if (!ZqRedirection::has(side, item)) continue;
-            SxFSAction::rm_r(from);
-            SxFSAction::syncDir(SxFileInfo(from).getPath());
+            if (ZqRedirection::has(side, item)) {
+                SxFSAction::rm_r(from);
+                SxFSAction::syncDir(SxFileInfo(from).getPath());
+            }
             removeEmpty(side, SxFileInfo(from).getPath());
         } catch (const SxException& e) {
             const SxException level(
@@ -171,20 +178,25 @@ void ZqExtractContent::removePrivate(const ZqExtractPlaces& places, const ZqExtr
 void ZqExtractContent::removeRest(const ZqExtractPlaces& places, const SxString& from) const {
     SxOs& os = SxOs::get();
     std::string real;
-    if (const int found = os.canonical(from.str(), &real); found < 0)
-        throw SxException(SxOs::errorText(found), UNIT, __LINE__);
-    for (const char* name : {ZqImageFiles::LOCK, ZqImageFiles::EXTRACT_JSON}) {
-        const SxString file = SxString(real) + "/" + name;
-        if (!SxFSAction::isGone(file)) SxFSAction::rm(file);
+    const int found = os.canonical(from.str(), &real);
+    if (found < 0 && found != -ENOENT) {
+        throw SxException(SxException(SxOs::errorText(found), UNIT, __LINE__),
+                          "Cannot look at '" + from + "'", UNIT, __LINE__);
     }
-    const int removed = os.removeDir(real);
-    if (removed == -EBUSY) {
-        log("'" + SxString(real) + "' stays, empty, since it is the place of a file system");
-    } else if (removed < 0) {
-        throw SxException(SxException(SxOs::errorText(removed), UNIT, __LINE__),
-                          "Cannot remove folder '" + SxString(real) + "'", UNIT, __LINE__);
+    if (found == 0) {
+        for (const char* name : {ZqImageFiles::LOCK, ZqImageFiles::EXTRACT_JSON}) {
+            const SxString file = SxString(real) + "/" + name;
+            if (!SxFSAction::isGone(file)) SxFSAction::rm(file);
+        }
+        const int removed = os.removeDir(real);
+        if (removed == -EBUSY) {
+            log("'" + SxString(real) + "' stays, empty, since it is the place of a file system");
+        } else if (removed < 0) {
+            throw SxException(SxException(SxOs::errorText(removed), UNIT, __LINE__),
+                              "Cannot remove folder '" + SxString(real) + "'", UNIT, __LINE__);
+        }
+        SxFSAction::syncDir(SxFileInfo(SxString(real)).getPath());
     }
     for (const SxString& each : {places.moved, places.movedLink})
         if (isLink(each)) SxFSAction::rm(each);
-    SxFSAction::syncDir(SxFileInfo(SxString(real)).getPath());
 }

@@ -72,10 +72,10 @@ void requireNoLink(const SxString& folder, const SxString& name) {
     }
 }
 
-/// Raises where something else stands at `path`.
+/// Raises where something else stands at `path`, which is no link.
 void requireKind(const SxString& path, const SxString& name, bool isFolder) {
-    const SxFileInfo info(path);
-    if (!info.exists() || (isFolder ? info.isDir() : info.isFile())) return;
+    const auto info = SxFSAction::look(path);
+    if (!info || info->kind == (isFolder ? SxStat::Dir : SxStat::File)) return;
     throw SxException("The entry '" + name.makeVisible() + "' of " + (isFolder ? "dirmap" : "filemap") +
                           " in app.json needs " + (isFolder ? "a folder" : "a file") + ", but '" + path +
                           "' is none",
@@ -220,10 +220,12 @@ bool ZqRedirection::has(const SxString& side, const Item& item) {
     SxString path = side;
     for (const SxString& part : item.name.tokenize('/')) {
         path += "/" + part;
-        if (isRemoval(path)) return false;
+        // A disk that fails must not make a saved game count as gone.
+        const auto info = SxFSAction::look(path);
+        if (!info || info->isRemoval) return false;
     }
     requireKind(path, item.name, item.isFolder);
-    return SxFSAction::exists(path);
+    return true;
 }
 
 void ZqRedirection::prepare(const SxString& mountPoint) const {

@@ -21,7 +21,7 @@ public:
     static std::string hostPath(const std::string& path);
 
     /// The host path of `name`, which has slashes only, below the host folder `folder`, looked up as below a
-    /// letter.
+    /// letter. Raises where a folder can't be listed.
     static std::string hostPathBelow(const std::string& folder, const std::string& name);
     /// The path as a Windows program sees it: `C:/rest` where it lies on the drive C:, else through the
     /// letter of the root whose folder lies nearest above it (usually `Z:/rest`), else the host path. With
