@@ -30,4 +30,6 @@ public:
     bool isBinding() const;
     /// Raises where the image is extracted, and only the end of that is left, saying how to go on.
     static void refuse(const SxString& image);
+
+    bool operator==(const ZqExtractNote&) const = default;
 };

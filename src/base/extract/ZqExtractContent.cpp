@@ -72,6 +72,7 @@ void ZqExtractContent::main() {
         run();
     } catch (const SxException& e) {
         if (e.hasTag(SxException::STOPPED)) return;
+        if (e.hasTag(REGISTRY)) throw;
         if (!isRefused) stop();
         if (!isTold) log(e.toString(3, "\n"));
         ZqJobFailure::publish(this, image, e, UNIT, __LINE__);
@@ -113,15 +114,14 @@ void ZqExtractContent::run() {
     if (findBegun(places).isEmpty()) requireImage(places);
     const SxString cannotCreate = "Cannot create destination directory " + destination;
     SxPtr<ZqNewFolder> parent;
-    SxPtr<ZqFileLock> alone;
     try {
         parent = SxPtr<ZqNewFolder>::create(SxFileInfo(destination).getPath());
-        alone = SxPtr<ZqFileLock>::create(
-            places.lock, "Another command extracts an image to '" + destination + "' at the moment",
-            "Cannot write beside it");
     } catch (const SxException& e) {
         raise(cannotCreate, " : ", e, __LINE__);
     }
+    const ZqFileLock alone(places.lock,
+                           "Another command extracts an image to '" + destination + "' at the moment",
+                           cannotCreate);
     const SxString begun = findBegun(places);
     if (begun.isEmpty()) {
         parent->sync();
@@ -137,6 +137,8 @@ void ZqExtractContent::run() {
 
 void ZqExtractContent::requireImage(const ZqExtractPlaces& places) {
     if (!SxFSAction::test_d(image)) refuse(image + " is not a directory.", __LINE__);
+    // In the middle of a replacement the records aren't there.
+    ZqImageLock::finishReplacement(image);
     if (ZqImageStaging::liesIn(places.destination, places.image))
         refuse("The destination " + destination + " lies in the image " + image, __LINE__);
     // Also to say more than that it isn't complete.
@@ -213,11 +215,7 @@ void ZqExtractContent::extract(const ZqExtractPlaces& places) {
     checkDigest(places);
     SxPtr<ZqImageLock> shape;
     try {
-        try {
-            SxFSAction::mkdir_p(places.staging, 0777);
-        } catch (const SxException& e) {
-            raise("Cannot create destination directory " + destination, " : ", e, __LINE__);
-        }
+        makeStaging(places);
         requireRoom(app.sizeZqf);
         const Stamps before = stampsOf(places.image);
         SxPtr<ZqTreeCopy> copy;
@@ -227,10 +225,10 @@ void ZqExtractContent::extract(const ZqExtractPlaces& places) {
             try {
                 requireRunning();
                 mntPoint = drive.mount(app);
-                drive.note(places.destination);
             } catch (const SxException& e) {
                 raise("Cannot mount TAVRIN disk " + image, " : ", e, __LINE__);
             }
+            drive.note(places.destination);
             copyDrive(places, mntPoint, &copy);
             try {
                 drive.umount();
@@ -254,6 +252,14 @@ void ZqExtractContent::extract(const ZqExtractPlaces& places) {
         throw;
     }
     finish(places, places.image, ZqExtractNote::read(places.image));
+}
+
+void ZqExtractContent::makeStaging(const ZqExtractPlaces& places) {
+    // Not what somebody else has put there, such as a link.
+    const int made = SxOs::get().makeDir(places.staging.str(), 0777);
+    if (made == 0) return;
+    const SxException cause(SxOs::errorText(made), UNIT, __LINE__);
+    raise("Cannot create destination directory " + destination, " : ", cause, __LINE__);
 }
 
 void ZqExtractContent::copyDrive(const ZqExtractPlaces& places, const SxString& mntPoint,

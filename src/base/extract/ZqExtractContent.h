@@ -45,6 +45,8 @@ protected:
     void main() override;
 
 private:
+    /// Tag of a failure that leaves main().
+    static constexpr const char* REGISTRY = "RegistryEntries";
     struct Private;
 
     void run();
@@ -55,6 +57,7 @@ private:
     void requireRoom(uint64 nNeeded);
 
     void extract(const ZqExtractPlaces& places);
+    void makeStaging(const ZqExtractPlaces& places);
     void copyDrive(const ZqExtractPlaces& places, const SxString& mntPoint, SxPtr<ZqTreeCopy>* copy);
     void findPrivate(const std::string& driveFolder, ZqTreeCopy* copy, uint64* nNeeded);
     void copyPrivate(const ZqExtractPlaces& places, bool isFolder);
@@ -73,6 +76,7 @@ private:
     static SxString findBegun(const ZqExtractPlaces& places);
     void goOn(const ZqExtractPlaces& places, const SxString& begun);
     void finish(const ZqExtractPlaces& places, const SxString& from, const ZqExtractNote& note);
+    void makeRegistryEntries(const ZqExtractPlaces& places) const;
     SxString moveAway(const ZqExtractPlaces& places, const SxString& from);
     void removePrivate(const ZqExtractPlaces& places, const ZqExtractNote& note);
     void removeRest(const ZqExtractPlaces& places, const SxString& from) const;

@@ -71,9 +71,7 @@ void ZqExtractContent::finish(const ZqExtractPlaces& places, const SxString& fro
     // Once they are made the record may be gone.
     if (!SxFSAction::isGone(prefix + ZqImageFiles::APP_JSON) && !(from == places.moved)) {
         app = ZqAppParams(prefix);
-        if (!app.registry.isEmpty()) {
-            ZqRegistry::createRegEntriesAsAdmin(app.registry, ZqMachineRoot::windowsPath(places.destination));
-        }
+        makeRegistryEntries(places);
     }
     if (note.isKept) return ZqExtractNote::remove(from);
     SxString left;
@@ -93,6 +91,17 @@ void ZqExtractContent::finish(const ZqExtractPlaces& places, const SxString& fro
         removeRest(places, left);
     } catch (const SxException& e) {
         raise("Cannot remove TAVRIN image " + image, " : ", e, __LINE__);
+    }
+}
+
+void ZqExtractContent::makeRegistryEntries(const ZqExtractPlaces& places) const {
+    if (app.registry.isEmpty()) return;
+    try {
+        ZqRegistry::createRegEntriesAsAdmin(app.registry, ZqMachineRoot::windowsPath(places.destination));
+    } catch (const SxException& e) {
+        const SxString words = "Cannot make the registry entries of " + destination;
+        log(words + " : " + e.toString(3, "\n"));
+        throw SxException(e, words, UNIT, __LINE__).tagged(REGISTRY);
     }
 }
 

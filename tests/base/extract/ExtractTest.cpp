@@ -1,6 +1,8 @@
 #include "../mount/MountTest.h"
+#include "SxFSAction.h"
 #include "ZqExtractContent.h"
 #include "ZqExtractNote.h"
+#include "ZqFileLock.h"
 #include "ZqImageLock.h"
 #include "ZqStreamRecord.h"
 
@@ -68,18 +70,22 @@ public:
             EXPECT_FALSE(dir.exists(std::string(OUT) + file)) << file;
         EXPECT_THAT(dir.read("root/system.reg"), HasSubstr("\"Path\"=\"C:/Games/out/x.exe\""));
         EXPECT_FALSE(driver.mounted);
+    }
+    void expectTidy() const {
         // A job that is killed at its last step leaves its lock file, which holds nobody up.
         for (const auto& [path, mark] : dir.snapshot())
             EXPECT_TRUE(path.find(".tavrin-extract") == std::string::npos || path.ends_with(".lock"))
                 << path << " is left";
     }
     void expectRemoved() const {
+        expectTidy();
         EXPECT_FALSE(fs::exists(image.str()));
         EXPECT_EQ(dir.snapshot(SIDE).size(), 2U) << "of the private side only app/other stays";
     }
 
     SxString destination = "C:/Games/out";
     SxPtr<ZqImageLock> other;
+    SxPtr<ZqFileLock> alone;
     bool stopped = false, complete = false, resumed = false;
 };
 
@@ -103,6 +109,7 @@ TEST(Extract, KeepsTheImageAndThePrivateFilesIfAsked) {
     const TreeSnapshot before = machine.content();
     ASSERT_EQ(machine.extract(true), "");
     machine.expectInstalled();
+    machine.expectTidy();
     TreeSnapshot after = machine.content();
     std::erase_if(after, [](const auto& entry) {
         return entry.first.starts_with("root/drive_c/Games") || entry.first == "root/dosdevices/c:";
@@ -190,6 +197,11 @@ TEST(Extract, WhatIsRefusedLeavesAllAsItWas) {
          [](Played& machine) {
              machine.other =
                  ZqImageLock::take(machine.image, ZqImageLock::Growth, ZqImageLock::Exclusive, "run");
+         }},
+        {"Another command extracts an image to 'C:/Games/out/' at the moment",
+         [](Played& machine) {
+             const SxString lock = machine.dir.path("root/drive_c/Games/.out.tavrin-extract.lock");
+             machine.alone = SxPtr<ZqFileLock>::create(lock, "", "");
          }},
         {"(image verify)",
          [](Played& machine) {
@@ -324,4 +336,108 @@ TEST_P(ExtractCut, TheSameCommandFinishesFromEveryStep) {
     }
     EXPECT_GT(nBefore, 0);
     EXPECT_TRUE(nNamed > 0 || cut == Cut::Failure);
+}
+
+namespace {
+
+/// A job that has ended when the image was to be renamed, or, `isRemoved`, in the middle of its removal.
+std::string cutAfterItsName(Played& machine, bool isRemoved) {
+    FaultOs os(machine.dir.path());
+    os.failNth(isRemoved ? Op::Unlink : Op::Rename, 1, EIO, "/.image.tavrin-extracted", true);
+    return machine.extract();
+}
+
+ZqExtractNote noteFor(const Played& machine) {
+    const auto info = SxFSAction::look(machine.dir.path("root/drive_c/Games/out"));
+    ZqExtractNote note;
+    note.destination = machine.dir.path("root/drive_c/Games/out");
+    note.device = info->device;
+    note.inode = info->inode;
+    note.folder = "TAVRIN-protected";
+    note.guid = "G1";
+    return note;
+}
+
+} // namespace
+
+TEST(Extract, TheEndIsLeftToTheSameCommand) {
+    struct Case {
+        std::string failure; ///< of the next command; empty where it finishes
+        std::function<void(Played&)> change;
+        bool isRemoved = false, isKept = false;
+    };
+    const auto moveInstallation = [](Played& machine) {
+        fs::rename(machine.dir.path("root/drive_c/Games/out"), machine.dir.path("elsewhere"));
+    };
+    const std::vector<Case> cases = {
+        {"", [](Played&) {}},
+        {"", [](Played&) {}, true},
+        {"", [](Played&) {}, false, true},
+        {"is removed in part, so it can't be kept", [](Played&) {}, true, true},
+        {"is extracted to '", [](Played& machine) { machine.destination = "C:/Games/other"; }},
+        {"", moveInstallation},
+        {"is not a directory.", moveInstallation, true},
+        {"already exists.", [&](Played& machine) {
+             moveInstallation(machine);
+             machine.dir.write("root/drive_c/Games/out/mine", "");
+         }}};
+    for (const Case& each : cases) {
+        SCOPED_TRACE(&each - cases.data());
+        Played machine;
+        EXPECT_THAT(cutAfterItsName(machine, each.isRemoved), StartsWith("Cannot remove TAVRIN image "));
+        machine.expectInstalled();
+        for (const auto mode : {ZqImageLock::Shared, ZqImageLock::Exclusive}) {
+            if (each.isRemoved) break;
+            const auto take = [&] {
+                ZqImageLock::takeAnyState(machine.image, ZqImageLock::Shape, mode, "patch apply");
+            };
+            EXPECT_EQ(failureOf(take).empty(), mode == ZqImageLock::Shared) << "only readers that tell of it";
+        }
+        each.change(machine);
+        EXPECT_THAT(machine.extract(each.isKept), HasSubstr(each.failure));
+        EXPECT_EQ(machine.complete, each.failure.empty());
+        if (!machine.complete) continue;
+        machine.expectInstalled();
+        EXPECT_EQ(machine.resumed, !machine.dir.exists("elsewhere"));
+        EXPECT_EQ(fs::exists(machine.name), each.isKept);
+        EXPECT_FALSE(fs::exists(machine.name + "/extract.json"));
+        if (!each.isKept) machine.expectRemoved();
+    }
+}
+
+TEST(Extract, ANoteThatLeadsOutRemovesNothingElse) {
+    using Change = void (*)(ZqExtractNote&);
+    const std::vector<std::pair<const char*, Change>> cases = {
+        {"leads upward", [](ZqExtractNote& note) { note.dirmap = {"../../../secret"}; }},
+        {"is no plain name", [](ZqExtractNote& note) { note.guid = ".."; }},
+        {"is no protected folder", [](ZqExtractNote& note) { note.folder = "TAVRIN-/../../../.."; }},
+        {"is a link", [](ZqExtractNote& note) { note.filemap = {"app/outward/key"}; }}};
+    for (const auto& [failure, change] : cases) {
+        SCOPED_TRACE(failure);
+        Played machine;
+        machine.dir.write("root/drive_c/Games/out/file", "");
+        machine.dir.write("secret/key", "precious");
+        fs::create_directory_symlink(machine.dir.path("secret"),
+                                     machine.dir.path(std::string(SIDE) + "app/outward"));
+        ZqExtractNote note = noteFor(machine);
+        note.dirmap = {"app/saves"};
+        change(note);
+        note.write(machine.image);
+        EXPECT_THAT(machine.extract(), HasSubstr(failure));
+        EXPECT_EQ(machine.dir.read("secret/key"), "precious");
+    }
+}
+
+TEST(Extract, EntriesThatCantBeMadeLeaveTheJob) {
+    Played machine;
+    const std::string registry = machine.dir.path("root/system.reg");
+    fs::create_directory(registry);
+    ZqExtractContent job(machine.image, machine.destination);
+    EXPECT_THAT(failureOf(job), StartsWith("Cannot make the registry entries of C:/Games/out/"));
+    EXPECT_TRUE(job.hasException());
+    EXPECT_TRUE(fs::exists(machine.name));
+    fs::remove(registry);
+    EXPECT_EQ(machine.extract(), "");
+    machine.expectInstalled();
+    machine.expectRemoved();
 }
