@@ -29,9 +29,9 @@ SxString ZqExtractDrive::mount(const ZqAppParams& app) {
     manager.setAppParams(bare);
     const ZqImageParams params(ZqImageFolder::prefix(image));
     const auto sizeRaw = static_cast<uint64>(params.sizeRaw);
-    const SxString mntPoint = manager.mountImageZQF(ZqMountMgr::ReadOnly, ZqMountMgr::Removable, image,
-                                                    sizeRaw, static_cast<uint64>(params.emulatedSectorSize),
-                                                    sizeRaw / ZqBlocks::SIZE, false, "", "inc-monitoring");
+    SxString mntPoint = manager.mountImageZQF(ZqMountMgr::ReadOnly, ZqMountMgr::Removable, image, sizeRaw,
+                                              static_cast<uint64>(params.emulatedSectorSize),
+                                              sizeRaw / ZqBlocks::SIZE, false, "", "inc-monitoring");
     isMounted = true;
     manager.guardOff(image);
     return mntPoint;

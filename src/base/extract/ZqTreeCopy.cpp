@@ -50,16 +50,18 @@ void ZqTreeCopy::list(const ZqTaskMon& progress) {
     if (found < 0) fail({}, found, __LINE__);
     take("", info);
     // The list grows by what its folders hold.
-    for (size_t i = 0; i < entries.size(); ++i) {
-        if (entries[i].info.kind != SxStat::Dir) continue;
+    for (size_t next = 0; next < entries.size();) {
+        const Entry entry = entries[next++];
+        if (entry.info.kind != SxStat::Dir) continue;
         requireRunning(progress);
-        const std::string folder = entries[i].path;
         std::vector<std::string> names;
-        const int listed = os.list(below(source, folder), &names);
-        if (listed < 0) fail(entries[i], listed, __LINE__);
+        const int listed = os.list(from(entry), &names);
+        if (listed < 0) fail(entry, listed, __LINE__);
         std::sort(names.begin(), names.end());
         for (const std::string& name : names) {
-            const std::string path = folder.empty() ? name : folder + "/" + name;
+            std::string path = entry.path;
+            if (!path.empty()) path += '/';
+            path += name;
             if (left.contains(path)) continue;
             const int looked = os.lstat(below(source, path), &info);
             if (looked < 0) fail({path, {}}, looked, __LINE__);
@@ -176,10 +178,11 @@ void ZqTreeCopy::copyLink(const Entry& entry) const {
 void ZqTreeCopy::finish() const {
     SxOs& os = SxOs::get();
     // What lies in a folder first, since the folder may not be written to after this.
-    for (auto entry = entries.rbegin(); entry != entries.rend(); ++entry) {
-        if (entry->info.kind != SxStat::Dir) continue;
-        int result = os.setPermissions(to(*entry), entry->info.permissions & FOLDER_BITS);
-        if (result == 0) result = os.setModified(to(*entry), entry->info.modifiedNs);
-        if (result < 0) fail(*entry, result, __LINE__);
+    for (size_t i = entries.size(); i-- > 0;) {
+        const Entry& entry = entries[i];
+        if (entry.info.kind != SxStat::Dir) continue;
+        int result = os.setPermissions(to(entry), entry.info.permissions & FOLDER_BITS);
+        if (result == 0) result = os.setModified(to(entry), entry.info.modifiedNs);
+        if (result < 0) fail(entry, result, __LINE__);
     }
 }
