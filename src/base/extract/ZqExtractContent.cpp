@@ -29,8 +29,6 @@ namespace {
 
 constexpr const char* UNIT = "src/base/extract/ZqExtractContent";
 constexpr const char* JOB = "content extract";
-constexpr const char* PROTECTED = "TAVRIN-protected";
-constexpr const char* PRIVATE = "TAVRIN-private";
 /// Who only looks at an image has its lock for a moment, and an hour's copy needn't fail for that.
 constexpr int64 PATIENCE_MS = 5000;
 

@@ -47,6 +47,7 @@ protected:
 private:
     /// Tag of a failure that leaves main().
     static constexpr const char* REGISTRY = "RegistryEntries";
+    static constexpr const char *PROTECTED = "TAVRIN-protected", *PRIVATE = "TAVRIN-private";
     struct Private;
 
     void run();

@@ -161,7 +161,7 @@ void ZqExtractContent::removePrivate(const ZqExtractPlaces& places, const ZqExtr
     names.dirmap = note.dirmap;
     names.filemap = note.filemap;
     const ZqRedirection redirection(names);
-    if (note.folder.contains("/") || !note.folder.startsWith("TAVRIN-"))
+    if (!(note.folder == PROTECTED) && !(note.folder == PRIVATE))
         throw SxException("'" + note.folder.makeVisible() + "' is no protected folder", UNIT, __LINE__);
     requirePrivateFree(places, note.guid);
     const SxString side = redirection.getDirectory() + "/" + note.folder;

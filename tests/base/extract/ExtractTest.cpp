@@ -411,6 +411,7 @@ TEST(Extract, ANoteThatLeadsOutRemovesNothingElse) {
         {"leads upward", [](ZqExtractNote& note) { note.dirmap = {"../../../secret"}; }},
         {"is no plain name", [](ZqExtractNote& note) { note.guid = ".."; }},
         {"is no protected folder", [](ZqExtractNote& note) { note.folder = "TAVRIN-/../../../.."; }},
+        {"is no protected folder", [](ZqExtractNote& note) { note.folder = "TAVRIN-\\..\\..\\G2"; }},
         {"is a link", [](ZqExtractNote& note) { note.filemap = {"app/outward/key"}; }}};
     for (const auto& [failure, change] : cases) {
         SCOPED_TRACE(failure);
