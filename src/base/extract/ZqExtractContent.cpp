@@ -14,6 +14,7 @@
 #include "ZqImageLock.h"
 #include "ZqImageStaging.h"
 #include "ZqJobFailure.h"
+#include "ZqJobsTogether.h"
 #include "ZqLog.h"
 #include "ZqMachineRoot.h"
 #include "ZqNewFolder.h"
@@ -228,11 +229,15 @@ void ZqExtractContent::extract(const ZqExtractPlaces& places) {
             }
             drive.note(places.destination);
             copyDrive(places, mntPoint, &copy);
+            // The device needn't wait for the unmount.
+            ZqJobsTogether syncing;
+            syncing.start("extract sync", [&] { syncCopy(places); });
             try {
                 drive.umount();
             } catch (const SxException& e) {
                 raise("Cannot eject TAVRIN disk " + image, " : ", e, __LINE__);
             }
+            syncing.wait();
         }
         // The drive held the shape itself.
         shape =
