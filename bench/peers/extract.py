@@ -6,10 +6,10 @@
 An image with one large file, and one with many small ones, each with EROFS and with ext4. `content extract --keep`
 mounts, copies, brings the copy to the device, gives it its name and unmounts. `cp -a` copies from a drive that is
 mounted already, and `sync -f` brings its copy to the device; the mount isn't counted. So the small cost of two mounts
-is on our side alone, and shown beside as what an image of one small file takes. The digest isn't stated, as if the image
-had been checked before. What is stored is in the page cache, the drive is mounted afresh for each side, and both copies
-are compared by digest. Values are medians of rounds that both sides make in turn. Needs root; what it starts, mounts
-and writes is gone at the end.
+is on our side alone, and shown beside as what an image of one small file takes. The digest isn't stated, as if the
+image had been checked before. What is stored is in the page cache, the drive is mounted afresh for each side, and both
+copies are compared by digest. Values are medians of rounds that both sides make in turn. Needs root; what it starts,
+mounts and writes is gone at the end.
 """
 
 import argparse
