@@ -2,6 +2,7 @@
 
 #include "SxException.h"
 
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <climits>
@@ -38,6 +39,13 @@ void fill(const struct ::stat& from, SxStat* to) {
     to->group = from.st_gid;
     to->modifiedMs = from.st_mtim.tv_sec * 1000 + from.st_mtim.tv_nsec / 1'000'000;
     to->modifiedNs = from.st_mtim.tv_sec * 1'000'000'000 + from.st_mtim.tv_nsec;
+}
+
+/// The times of a file as the system takes them: that of access stays.
+std::array<struct ::timespec, 2> modifiedAt(int64 modifiedNs) {
+    constexpr int64 SECOND = 1'000'000'000;
+    const int64 rest = ((modifiedNs % SECOND) + SECOND) % SECOND; // also before 1970
+    return {{{0, UTIME_OMIT}, {(modifiedNs - rest) / SECOND, rest}}};
 }
 
 int systemFlags(unsigned flags) {
@@ -219,6 +227,13 @@ public:
     int setOwnerFd(int fd, uint32 owner, uint32 group) override { return status(::fchown(fd, owner, group)); }
     int setModifiedNow(const std::string& path) override {
         return status(::utimensat(AT_FDCWD, path.c_str(), nullptr, 0));
+    }
+    int setModified(const std::string& path, int64 modifiedNs) override {
+        const auto times = modifiedAt(modifiedNs);
+        return status(::utimensat(AT_FDCWD, path.c_str(), times.data(), AT_SYMLINK_NOFOLLOW));
+    }
+    int setModifiedFd(int fd, int64 modifiedNs) override {
+        return status(::futimens(fd, modifiedAt(modifiedNs).data()));
     }
 
     int syncDir(const std::string& path) override {

@@ -104,6 +104,9 @@ public:
     virtual int setOwnerFd(int fd, uint32 owner, uint32 group) = 0;
     /// Sets the time of modification to now.
     virtual int setModifiedNow(const std::string& path) = 0;
+    /// Sets it to `modifiedNs`, nanoseconds since 1970 UTC; of a link itself.
+    virtual int setModified(const std::string& path, int64 modifiedNs) = 0;
+    virtual int setModifiedFd(int fd, int64 modifiedNs) = 0;
     /// Returns when names made, renamed or removed in the folder are on the device.
     virtual int syncDir(const std::string& path) = 0;
     virtual int syncDirFd(int folder) = 0;

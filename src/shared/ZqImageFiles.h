@@ -31,5 +31,6 @@ constexpr const char* OPTIMIZE_WORK = "optimize.work/"; ///< what that needs, se
 constexpr const char* OPTIMIZE_INDEX = "optimize.index/"; ///< the order of a server, for a while
 constexpr const char* PATCH_WORK = "patch.work/";         ///< a copy of the patch, see ZqPatchWork
 constexpr const char* PATCH_PROGRESS = "patch.progress";
+constexpr const char* EXTRACT_JSON = "extract.json"; ///< ZqExtractNote
 constexpr const char* PATCHING_LOCK = "patching/img.lock";
 } // namespace ZqImageFiles

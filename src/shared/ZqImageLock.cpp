@@ -5,6 +5,7 @@
 #include "SxFSAction.h"
 #include "SxOs.h"
 #include "SxTime.h"
+#include "ZqExtractNote.h"
 #include "ZqFileLock.h"
 #include "ZqImageFiles.h"
 #include "ZqImageFolder.h"
@@ -92,6 +93,14 @@ SxPtr<ZqImageLock> ZqImageLock::take(const SxString& path, Range range, Mode mod
 
 SxPtr<ZqImageLock> ZqImageLock::takeAnyState(const SxString& path, Range range, Mode mode,
                                              const SxString& job) {
+    SxPtr<ZqImageLock> lock = takeExtracted(path, range, mode, job);
+    // What it would change is about to be removed.
+    if (range == Shape && mode == Exclusive) ZqExtractNote::refuse(path);
+    return lock;
+}
+
+SxPtr<ZqImageLock> ZqImageLock::takeExtracted(const SxString& path, Range range, Mode mode,
+                                              const SxString& job) {
     auto lock = SxPtr<ZqImageLock>::create(Key(), path, range, mode, job);
     if (!ZqImageReplacement::isPending(path)) return lock;
     if (range != Shape || mode != Exclusive) {
@@ -135,6 +144,7 @@ void ZqImageLock::refuseOptimisation(const SxString& path) {
 }
 
 void ZqImageLock::refuseUnfinished(const SxString& path) {
+    ZqExtractNote::refuse(path);
     refuseOptimisation(path);
     const SxString folder = ZqImageFolder::prefix(path);
     if (SxFSAction::exists(folder + ZqImageFiles::PATCH_PROGRESS) ||

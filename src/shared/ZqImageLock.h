@@ -38,13 +38,18 @@ public:
     /// server's read-only tree must be readable.
     static SxPtr<ZqImageLock> take(const SxString& path, Range range, Mode mode, const SxString& job);
     /// The same for a reader that copes with an unfinished image, as `image info` does to say how to go on,
-    /// but with none that is half replaced.
+    /// but with none that is half replaced, and for a job that goes on with one. An exclusive lock on the
+    /// shape is refused where the image is extracted already.
     static SxPtr<ZqImageLock> takeAnyState(const SxString& path, Range range, Mode mode, const SxString& job);
-    /// The same, but waits for `ms` milliseconds at most for whoever holds it.
+    /// The same for the command that extracts the image and goes on with the end of that.
+    static SxPtr<ZqImageLock> takeExtracted(const SxString& path, Range range, Mode mode,
+                                            const SxString& job);
+    /// As takeAnyState(), but waits for `ms` milliseconds at most for whoever holds it.
     static SxPtr<ZqImageLock> await(const SxString& path, Range range, Mode mode, const SxString& job,
                                     int64 ms);
     /// Raises where an optimisation or a patch of the image was begun and not ended (`optimize.lock`,
-    /// `patch.progress`, `patching/img.lock`), saying how to go on.
+    /// `patch.progress`, `patching/img.lock`), or where it is extracted and only the end of that is left
+    /// (`extract.json`), saying how to go on.
     static void refuseUnfinished(const SxString& path);
 
     /// The same for an optimisation alone.

@@ -168,6 +168,14 @@ public:
         const int error = strike(Op::SetModified, path);
         return error ? error : machine.setModifiedNow(path);
     }
+    int setModified(const std::string& path, int64 modifiedNs) override {
+        const int error = strike(Op::SetModified, path);
+        return error ? error : machine.setModified(path, modifiedNs);
+    }
+    int setModifiedFd(int fd, int64 modifiedNs) override {
+        const int error = strike(Op::SetModified, fd);
+        return error ? error : machine.setModifiedFd(fd, modifiedNs);
+    }
     int syncDir(const std::string& path) override;
     int syncDirFd(int folderFd) override { return syncDir(pathIn(folderFd, "")); }
     int freeSpace(const std::string& path, int64* bytes) override;

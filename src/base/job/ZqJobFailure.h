@@ -13,4 +13,7 @@ public:
     /// it was caught, in the job's main(), which calls this.
     static void report(SxSystemThread* job, const SxString& prefix, const SxString& path,
                        const SxException& e, const SxString& unit, int line);
+    /// The same for a job that has logged it.
+    static void publish(SxSystemThread* job, const SxString& path, const SxException& e, const SxString& unit,
+                        int line);
 };

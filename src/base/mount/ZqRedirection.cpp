@@ -72,6 +72,22 @@ void requireNoLink(const SxString& folder, const SxString& name) {
     }
 }
 
+/// Raises where something else stands at `path`, which is no link.
+void requireKind(const SxString& path, const SxString& name, bool isFolder) {
+    const auto info = SxFSAction::look(path);
+    if (!info || info->kind == (isFolder ? SxStat::Dir : SxStat::File)) return;
+    throw SxException("The entry '" + name.makeVisible() + "' of " + (isFolder ? "dirmap" : "filemap") +
+                          " in app.json needs " + (isFolder ? "a folder" : "a file") + ", but '" + path +
+                          "' is none",
+                      UNIT, __LINE__);
+}
+
+/// Whether an overlay's mark that it was removed stands at `path`.
+bool isRemoval(const SxString& path) {
+    SxStat info;
+    return SxOs::get().lstat(SxOs::hostPath(path), &info) == 0 && info.isRemoval;
+}
+
 /// Takes away the mark that an overlay leaves where a game removed a redirected file, or the folder of one,
 /// so that the name is as one that was never there, and comes back as the image's copy. The mark holds
 /// nothing, and is no file: it would fail every later mount.
@@ -79,9 +95,7 @@ void clearRemoval(const SxString& folder, const SxString& name) {
     SxString path = folder;
     for (const SxString& part : name.tokenize('/')) {
         path += "/" + part;
-        SxStat info;
-        if (SxOs::get().lstat(SxOs::hostPath(path), &info) < 0) return; // what follows tells of it
-        if (info.isRemoval) return SxFSAction::rm(path);
+        if (isRemoval(path)) return SxFSAction::rm(path);
     }
 }
 
@@ -146,42 +160,22 @@ public:
         SxFSAction::mkdir_p(target, 0777);
     }
 
-    void folder(const SxString& name) const {
-        place(name, {"dirmap", "a folder", SxFSAction::test_d, [](const SxString&) {}});
-    }
-    void file(const SxString& name) const {
-        place(name, {"filemap", "a file", SxFSAction::test_f,
-                     [](const SxString& path) { SxFSAction::touch(path, 0644); }});
-    }
-
-private:
-    struct Kind {
-        const char *key, *words;
-        bool (*isWanted)(const SxString& path);
-        void (*make)(const SxString& path); ///< makes what neither side has
-    };
-
-    static void requireKind(const SxString& path, const SxString& name, const Kind& kind) {
-        if (kind.isWanted(path) || !SxFSAction::exists(path)) return;
-        throw SxException("The entry '" + name.makeVisible() + "' of " + kind.key + " in app.json needs " +
-                              kind.words + ", but '" + path + "' is none",
-                          UNIT, __LINE__);
-    }
-    void place(const SxString& name, const Kind& kind) const {
+    void place(const ZqRedirection::Item& item) const {
+        const SxString& name = item.name;
         const SxString to = target + "/" + name, from = source + "/" + name;
         try {
             clearRemoval(target, name);
             for (const SxString& side : {target, source}) {
                 requireNoLink(side, name);
-                requireKind(side + "/" + name, name, kind);
+                requireKind(side + "/" + name, name, item.isFolder);
             }
-            if (kind.isWanted(to)) return;
+            if (SxFSAction::exists(to)) return;
             const SxString parent = SxFileInfo(to).getPath();
             SxFSAction::mkdir_p(parent, 0777);
-            if (kind.isWanted(from)) {
+            if (SxFSAction::exists(from)) {
                 copyWhole(from, to);
-            } else {
-                kind.make(to);
+            } else if (!item.isFolder) {
+                SxFSAction::touch(to, 0644);
             }
             SxFSAction::syncDir(parent);
         } catch (const SxException& e) {
@@ -189,6 +183,7 @@ private:
         }
     }
 
+private:
     std::optional<PreparationLock> lock;
     SxString source, target;
 };
@@ -208,15 +203,35 @@ SxString ZqRedirection::getNames() const {
     return SxString::join(names, ",");
 }
 
+std::vector<ZqRedirection::Item> ZqRedirection::getItems() const {
+    std::vector<Item> items;
+    for (const SxString& name : folders)
+        items.push_back({name, true});
+    std::stable_sort(items.begin(), items.end(), [](const Item& a, const Item& b) {
+        return std::ranges::count(a.name.str(), '/') < std::ranges::count(b.name.str(), '/');
+    });
+    for (const SxString& name : files)
+        items.push_back({name, false});
+    return items;
+}
+
+bool ZqRedirection::has(const SxString& side, const Item& item) {
+    requireNoLink(side, item.name);
+    SxString path = side;
+    for (const SxString& part : item.name.tokenize('/')) {
+        path += "/" + part;
+        // A disk that fails must not make a saved game count as gone.
+        const auto info = SxFSAction::look(path);
+        if (!info || info->isRemoval) return false;
+    }
+    requireKind(path, item.name, item.isFolder);
+    return true;
+}
+
 void ZqRedirection::prepare(const SxString& mountPoint) const {
     const Preparation preparation(mountPoint, directory);
     // A folder is copied before those in it, whatever their order in the record. A folder that stands on the
     // private side isn't copied again; so one whose child came first would stay without the rest.
-    std::vector<SxString> ordered(folders.begin(), folders.end());
-    std::stable_sort(ordered.begin(), ordered.end(),
-                     [](const SxString& a, const SxString& b) { return a.contains("/") < b.contains("/"); });
-    for (const SxString& name : ordered)
-        preparation.folder(name);
-    for (const SxString& name : files)
-        preparation.file(name);
+    for (const Item& item : getItems())
+        preparation.place(item);
 }

@@ -10,6 +10,7 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <string_view>
 #include <vector>
 
 namespace {
@@ -43,6 +44,11 @@ std::string defaultRoot() {
     return folder + "/tavrin/prefix";
 }
 
+[[noreturn]] void fail(const SxString& path, int64 error, int line) {
+    throw SxException(SxException(SxOs::errorText(error), UNIT, line), "Cannot look at '" + path + "'", UNIT,
+                      line);
+}
+
 bool hasLetter(const std::string& path) {
     if (path.size() < 2 || path[1] != ':') return false;
     const char letter = static_cast<char>(path[0] | 0x20);
@@ -72,20 +78,37 @@ std::vector<std::string> splitParts(const std::string& path) {
     return parts;
 }
 
+/// What a look-up does with a folder that can't be listed.
+enum class Unlisted { Passed, Raised };
+
 /// The name in `folder` that `part` means; `part` itself where there is none.
-std::string lookUp(const std::string& folder, const std::string& part) {
+std::string lookUp(const std::string& folder, const std::string& part, Unlisted unlisted) {
     if (exists(folder + "/" + part)) return part;
     const std::u16string wanted = zqFold(zqUtf16(part));
     // Names that aren't UTF-8 all look alike here.
     if (wanted.find(u'\xFFFD') != std::u16string::npos) return part;
     std::vector<std::string> names;
-    if (SxOs::get().list(folder, &names) < 0) return part;
+    const int listed = SxOs::get().list(folder, &names);
+    const bool isNone = listed == -ENOENT || listed == -ENOTDIR;
+    if (listed < 0 && !isNone && unlisted == Unlisted::Raised) fail(folder, listed, __LINE__);
+    if (listed < 0) return part;
     const std::string* best = nullptr;
     for (const std::string& name : names) {
         // The smallest of several, so that the answer doesn't depend on the order in the folder.
         if (zqFold(zqUtf16(name)) == wanted && (!best || name < *best)) best = &name;
     }
     return best ? *best : part;
+}
+
+std::string lookUpAll(const std::string& folder, const std::vector<std::string>& parts, Unlisted unlisted) {
+    std::string asGiven = folder;
+    for (const std::string& part : parts)
+        asGiven += "/" + part;
+    if (exists(asGiven)) return asGiven;
+    std::string found = folder;
+    for (const std::string& part : parts)
+        found += "/" + lookUp(found, part, unlisted);
+    return found;
 }
 
 std::string driveFolder(char letterOrUpper) {
@@ -121,14 +144,36 @@ std::string ZqMachineRoot::hostPath(const std::string& path) {
     const std::vector<std::string> parts = splitParts(path);
     // With a slash at the end it is the folder that the link leads to, not the link.
     if (parts.empty()) return drive + "/";
-    std::string asGiven = drive;
-    for (const std::string& part : parts)
-        asGiven += "/" + part;
-    if (exists(asGiven)) return asGiven;
-    std::string found = drive;
-    for (const std::string& part : parts)
-        found += "/" + lookUp(found, part);
-    return found;
+    return lookUpAll(drive, parts, Unlisted::Passed);
+}
+
+std::string ZqMachineRoot::hostPathBelow(const std::string& folder, const std::string& name) {
+    std::vector<std::string> parts;
+    for (const SxString& part : SxString(name).tokenize('/'))
+        parts.push_back(part.str());
+    return lookUpAll(folder, parts, Unlisted::Raised);
+}
+
+SxString ZqMachineRoot::windowsPath(const SxString& path) {
+    SxOs& os = SxOs::get();
+    std::string real;
+    const int result = os.canonical(SxOs::hostPath(path), &real);
+    if (result < 0) fail(path, result, __LINE__);
+    std::string best;
+    size_t nearest = 0;
+    // C: comes first, however near another letter is.
+    for (const char letter : std::string_view("CABDEFGHIJKLMNOPQRSTUVWXYZ")) {
+        std::string folder;
+        const int found = os.canonical(driveFolder(letter), &folder);
+        if (found == -ENOENT || found == -ENOTDIR || found == -ELOOP || found == -EACCES) continue;
+        if (found < 0) fail(driveFolder(letter), found, __LINE__);
+        if (!folder.ends_with('/')) folder += '/';
+        if (!(real + "/").starts_with(folder) || folder.size() <= nearest) continue;
+        nearest = folder.size();
+        best = std::string{letter, ':', '/'} + (real.size() > nearest ? real.substr(nearest) : "");
+        if (letter == 'C') break;
+    }
+    return best.empty() ? SxString(real) : SxString(best);
 }
 
 bool ZqMachineRoot::makeDrive(const std::string& path) {

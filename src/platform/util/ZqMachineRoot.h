@@ -20,6 +20,14 @@ public:
     /// don't exist stay as given. Anything else is a host path already and comes back unchanged.
     static std::string hostPath(const std::string& path);
 
+    /// The host path of `name`, which has slashes only, below the host folder `folder`, looked up as below a
+    /// letter. Raises where a folder can't be listed.
+    static std::string hostPathBelow(const std::string& folder, const std::string& name);
+    /// The path as a Windows program sees it: `C:/rest` where it lies on the drive C:, else through the
+    /// letter of the root whose folder lies nearest above it (usually `Z:/rest`), else the host path. With
+    /// forward slashes and all links resolved. `path` is a host path that exists, or a library's.
+    static SxString windowsPath(const SxString& path);
+
     /// Makes hostPath() the hook of SxOs. The units ZqLog and ZqSysEnv call it when the program starts, so a
     /// program needs not. Gives true, for use in an initialiser.
     static bool install() noexcept;

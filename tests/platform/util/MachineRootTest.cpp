@@ -92,3 +92,33 @@ TEST_F(MachineRootTest, OnlyDriveCIsMadeOnFirstUse) {
     EXPECT_EQ(SxFSAction::ls("C:/").getSize(), 1);
     EXPECT_FALSE(SxFileInfo("C:/").isLink());
 }
+
+TEST_F(MachineRootTest, PathsAsWindowsProgramsSeeThem) {
+    fs::create_directories(root / "mounted/Data/near");
+    fs::create_directory_symlink(root / "mounted/Data", root / "prefix/dosdevices/f:");
+    fs::create_directory_symlink("nowhere", root / "prefix/dosdevices/g:");
+    fs::create_directory_symlink(root / "prefix/drive_c/Program Files", root / "link");
+    fs::create_directories(root / "other");
+    std::vector<std::pair<std::string, std::string>> cases = {
+        {"prefix/drive_c/Program Files/Game", "C:/Program Files/Game"},
+        {"link/Game", "C:/Program Files/Game"},
+        {"prefix/drive_c", "C:/"},
+        {"mounted/Data/near", "F:/near"}, // nearer than E:
+        {"mounted", "E:/"},
+        {"other", (root / "other").string()}};
+    for (int round = 0; round < 2; ++round) {
+        for (const auto& [path, expected] : cases)
+            EXPECT_EQ(ZqMachineRoot::windowsPath((root / path).string()), SxString(expected)) << path;
+        if (round == 1) break;
+        fs::create_directory_symlink("/", root / "prefix/dosdevices/z:");
+        cases.back().second = "Z:" + cases.back().second;
+    }
+    EXPECT_THROW(ZqMachineRoot::windowsPath((root / "missing").string()), SxException);
+}
+
+TEST_F(MachineRootTest, NamesBelowAFolderIgnoreCase) {
+    dir.write("other/Data/Saves/One", "");
+    const std::string folder = (root / "other").string();
+    EXPECT_EQ(ZqMachineRoot::hostPathBelow(folder, "data/SAVES/one"), folder + "/Data/Saves/One");
+    EXPECT_EQ(ZqMachineRoot::hostPathBelow(folder, "data/New/one"), folder + "/Data/New/one");
+}

@@ -136,6 +136,7 @@ ZqStatus zqDriveMountImage(ZqWide image, ZqWide traceFolder, ZqFlag readOnly, Zq
     }
     if (!driver.enter("MountImage", note + (*traceFolder ? " traced" : ""))) return 1;
     driver.mounted = true;
+    driver.ready = false;
     driver.removable = removable != 0;
     driver.monitored = *traceFolder != 0;
     driver.image = text(image);
@@ -285,6 +286,8 @@ bool ZqVolume::findDisk(const SxString& image, ZqDiskStatus* status) {
     if (!enter("FindDisk", image.utf16().data())) throw getLastException("ScriptedDriver", __LINE__);
     const bool isNext = driver.releasedAt >= 0 && driver.nextMadeNs != 0;
     if (!driver.mounted && !isNext) return false;
+    status->image = driver.image;
+    status->ready = driver.ready;
     status->failure = driver.diskFailure;
     status->drive = driver.drive;
     status->mountPath = "/mounted";
@@ -297,6 +300,15 @@ bool ZqVolume::findDisk(const SxString& image, ZqDiskStatus* status) {
     status->cursor = driver.cursor;
     status->sectorSize = 4096;
     return true;
+}
+SxList<ZqDiskStatus> ZqVolume::getDisks() {
+    SxList<ZqDiskStatus> disks;
+    for (const std::string& image : ScriptedDriver::get().otherImages) {
+        ZqDiskStatus disk;
+        disk.image = image;
+        disks.append(disk);
+    }
+    return disks;
 }
 bool ZqVolume::isForeign() {
     return false;
@@ -319,6 +331,7 @@ SxString ZqVolume::findDrive(const ZqDiskStatus& disk) {
 }
 void ZqVolume::setReady(const SxString&) {
     ScriptedDriver::get().enter("setReady", "setReady");
+    ScriptedDriver::get().ready = true;
 }
 bool ZqVolume::removeLeftovers(const SxString&, bool* written) {
     *written = false;

@@ -62,11 +62,12 @@ public:
     std::map<uint64, std::string> delivered; ///< bytes, by ZqF index
     /// Letters of the machine with what they say of themselves; that of the image is added.
     std::map<std::string, ZqVolumeIdentity> otherDrives;
+    std::vector<std::string> otherImages; ///< that are mounted, too
     /// Runs before each call.
     std::function<void(const std::string& name)> onCall;
 
     // The one disk.
-    bool mounted = false, removable = false, suspended = false, monitored = false;
+    bool mounted = false, ready = false, removable = false, suspended = false, monitored = false;
     std::string image;
     int64 mountedAt = 0, releasedAt = -1, guardAt = -1;
     uint64 cursor = 0;
