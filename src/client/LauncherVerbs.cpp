@@ -26,6 +26,7 @@ SxSymbol toJson(const SxList<ZqLaunchers::Launcher>& launchers, const SxList<Cha
         object.append("launcher", launcher.word);
         object.append("installed", launcher.isInstalled);
         object.append("program", launcher.program.validUtf8());
+        if (!launcher.fault.isEmpty()) object.append("fault", launcher.fault.validUtf8());
     }
     list = root.append("changes", Json::Array);
     for (const Change& change : changes) {
@@ -68,9 +69,9 @@ int list(Output& out) {
     if (out.getMode().json) out.object(toJson(launchers, changes));
     for (const ZqLaunchers::Launcher& launcher : launchers) {
         out.text(SxString::sprintf("%-12s", launcher.word.ascii()) +
-                 (!launcher.isInstalled        ? SxString("not installed")
-                  : launcher.program.isEmpty() ? SxString("installed")
-                                               : launcher.program.makeVisible()));
+                 (!launcher.fault.isEmpty() ? launcher.fault.makeVisible()
+                  : launcher.isInstalled    ? launcher.program.makeVisible()
+                                            : SxString("not installed")));
     }
     if (changes.isEmpty()) out.text("Nothing is set aside or added at the moment");
     bool hasLeft = false;
@@ -89,6 +90,7 @@ int restore(Output& out) {
         SxSymbol root;
         root.setType(Json::Object);
         append(root, "restored", restored.images);
+        append(root, "mounted", restored.mounted);
         root.append("failed", restored.failures.getSize());
         out.object(root);
     }
@@ -98,6 +100,9 @@ int restore(Output& out) {
         if (&failure == &restored.failures.last()) throw SxException(failure);
         Output::failure(failure.toString(SxException::ShowMessage, ": "));
     }
+    for (const SxString& image : restored.mounted)
+        out.text("What the mount of '" + image.makeVisible() +
+                 "' has changed stays as long as that is mounted");
     if (restored.images.isEmpty()) out.text("Nothing was left over");
     return ExitSuccess;
 }

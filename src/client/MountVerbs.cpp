@@ -257,7 +257,8 @@ bool removeLeftovers(const ZqMountMgr* manager, const SxString& image) {
 int umount(const UmountOptions& options, Output& out) {
     ZqMountMgr manager;
     readApp(options.image, &manager, &out);
-    const bool restored = restoreLaunchers(&out);
+    // At once where it is to be hard.
+    const bool restored = !options.hard && restoreLaunchers(&out);
     const bool leftovers = removeLeftovers(&manager, options.image);
     ZqDiskStatus disk;
     if (!ZqVolume::findDisk(options.image, &disk)) {

@@ -124,7 +124,8 @@ void findBelow(const SxString& folder, const std::string& pattern, std::vector<L
     levels.pop_back();
 }
 
-void copyTree(const SxString& from, const SxString& to, bool keepsOwner) {
+/// `isMove`: with the owner and the time of change, and each folder on the device.
+void copyTree(const SxString& from, const SxString& to, bool isMove) {
     const SxStat info = ask(from);
     // Set-id bits were given to a program for the place where it lay, so a copy doesn't get them.
     const uint32 permissions = info.permissions & 0777;
@@ -134,13 +135,18 @@ void copyTree(const SxString& from, const SxString& to, bool keepsOwner) {
         const std::vector<std::string> names = sortedNames(from);
         SxFSAction::mkdir_p(to, static_cast<int>(permissions) | 0700);
         for (const std::string& name : names)
-            copyTree(below(from, name), below(to, name), keepsOwner);
+            copyTree(below(from, name), below(to, name), isMove);
+        if (isMove) SxFSAction::syncDir(to);
     } else if (info.kind == SxStat::File) {
         copyFile(from, to, permissions);
     } else {
         throw SxException("Cannot copy '" + from + "': it is neither a file nor a folder", UNIT, __LINE__);
     }
-    if (keepsOwner) giveTo(to, info);
+    if (!isMove) return;
+    giveTo(to, info);
+    if (info.kind == SxStat::Link) return;
+    const int result = SxOs::get().setModified(SxOs::hostPath(to), info.modifiedNs);
+    if (result < 0) fail("Cannot set the time of '" + to + "'", result, __LINE__);
 }
 
 /// The copy gets its name once it is whole, so that half of one is never taken for it.
@@ -225,6 +231,10 @@ void SxFSAction::mv(const SxString& from, const SxString& to) {
     } else if (result < 0) {
         fail("Cannot move '" + from + "' to '" + to + "'", result, __LINE__);
     }
+}
+
+bool SxFSAction::isHalfMoved(const SxString& name) {
+    return name.endsWith(MOVING);
 }
 
 void SxFSAction::rm(const SxString& path) {

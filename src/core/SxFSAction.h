@@ -33,6 +33,8 @@ public:
     /// Renames; across file systems copies, with the owner as far as the user may, and removes: the new name
     /// stands once the copy is whole and on the device, and what is cut off has both. Replaces a file.
     static void mv(const SxString& from, const SxString& to);
+    /// Whether a name is one that mv() gives to a copy until it is whole. One that was cut off stays.
+    static bool isHalfMoved(const SxString& name);
     static void rm(const SxString& path);
     /// Removes a file, or a folder with its content.
     static void rm_r(const SxString& path);

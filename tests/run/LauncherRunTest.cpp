@@ -68,13 +68,11 @@ protected:
 
 TEST_F(LauncherRun, AMountThatIsKilledIsTakenBackByTheNextCommand) {
     const string image = title(asLauncherTitle);
-    // What stays of a first mount: the empty folder of Origin.
-    mount(image);
-    done({"umount", image});
+    // An empty folder of Origin stays after a mount.
+    fs::create_directories(dir.path("root/drive_c/ProgramData/Origin/LocalContent"));
     const auto before = rootState();
     const string app = mount(image);
     EXPECT_NE(rootState(), before);
-    dir.write("probe", "x");
     std::ofstream(app + "/written") << "to the layer";
     EXPECT_THAT(done({"launcher", "list"}), AllOf(HasSubstr("title, mounted:"), HasSubstr("GUID.item")));
     EXPECT_EQ(done({"launcher", "restore"}), "Nothing was left over\n");
@@ -89,14 +87,15 @@ TEST_F(LauncherRun, AMountThatIsKilledIsTakenBackByTheNextCommand) {
         EXPECT_EQ(ZqRegistry::getVal("HKLM/Software/Lab/Fern", "Path"), "D:/fern");
         ::kill(static_cast<pid_t>(statusOf(image).servicePid), SIGKILL);
         ASSERT_TRUE(eventually([&] { return !ZqVolume::getLeftovers().isEmpty(); }));
-        EXPECT_THAT(run({"launcher", "list", "--json"}).out, HasSubstr("\"mounted\":false"));
+        EXPECT_THAT(run({"launcher", "list", "--json"}).out, HasSubstr("\"mounted\": false"));
         if (command == "launcher") done({"launcher", "restore"});
         // What was written and not synced may be lost, which is told.
         if (command == "umount") run({"umount", image});
         if (command == "mount") mount(image, {"--no-launchers"});
         EXPECT_EQ(rootState(), before);
-        run({"umount", image});
+        EXPECT_EQ(run({"umount", image}).code, 0);
         EXPECT_EQ(rootState(), before);
+        EXPECT_FALSE(ZqRegistry::contains("HKLM/Software", "Lab"));
     }
     mount(image);
     done({"umount", image, "--hard"});
@@ -118,7 +117,9 @@ TEST_F(LauncherRun, AnotherUsersPrefixStaysTheirs) {
         for (const auto& entry : fs::recursive_directory_iterator(dir.path("root"))) {
             struct stat info = {};
             ::lstat(entry.path().c_str(), &info);
-            EXPECT_EQ(info.st_uid, NOBODY) << entry.path();
+            // The kernel makes the innermost folder of an overlay's work itself.
+            const bool isKernels = entry.path().filename() == "work";
+            EXPECT_EQ(info.st_uid, isKernels ? 0 : NOBODY) << entry.path();
         }
         struct stat info = {};
         ::stat(dir.path("root/system.reg").c_str(), &info);
@@ -190,7 +191,7 @@ exit 9
         const SxList<SxString> lines = SxFileIO::readLines(SxString(dir.path("runner.out")), 0);
         ASSERT_EQ(lines.getSize(), 7);
         const string drive = lines(0).str().substr(0, lines(0).str().find("/TAVRIN-protected"));
-        EXPECT_THAT(drive, AllOf(HasSubstr("/mounts/"), Not(HasSubstr(":"))));
+        EXPECT_THAT(drive, AllOf(HasSubstr("/mnt/"), Not(HasSubstr(":"))));
         EXPECT_EQ(lines(2), "a b");
         const std::set<string> settings = {lines(3).str(), lines(4).str(), lines(5).str()};
         EXPECT_TRUE(settings.contains("WINEPREFIX=" + dir.path("root")));

@@ -8,6 +8,7 @@
 #include "ZqLog.h"
 #include "ZqSysEnv.h"
 
+#include <algorithm>
 #include <set>
 
 namespace {
@@ -48,6 +49,14 @@ SxString storeFolder(const SxString& name) {
     return SxString(Files::EPIC_STORES) + "/" + name;
 }
 
+void removeFolded(SxList<SxString>* names, const SxString& name) {
+    SxList<SxString> left;
+    for (const SxString& each : *names) {
+        if (zqFold(zqUtf16(each)) != zqFold(zqUtf16(name))) left.append(each);
+    }
+    *names = left;
+}
+
 void addOnce(SxList<SxString>* list, const SxString& name) {
     if (!list->contains(name)) list->append(name);
 }
@@ -84,6 +93,9 @@ public:
                                   entry.file,
                               UNIT, __LINE__);
         }
+        if (std::count_if(all.begin(), all.end(), [](const Entry& entry) { return entry.isMain; }) > 1)
+            throw SxException(SxString("Two entries of the Epic library are called ") + MAIN_ITEM, UNIT,
+                              __LINE__);
     }
     const Entry* findMain() const {
         for (const Entry& entry : all) {
@@ -114,7 +126,7 @@ ZqEpicParams ZqEpicLibrary::make(const SxString& image, const SxString& mntPoint
     entries.requireDistinct();
     for (const Entry& entry : entries.all)
         Files::requireNoLink(manifest(entry.params.getFileName()));
-    storeFor(image);
+    setAside(image);
     // Only then, since what is noted as made is removed again: where nothing stands that isn't ours.
     note(image, entries);
     record->save();
@@ -129,17 +141,6 @@ ZqEpicParams ZqEpicLibrary::make(const SxString& image, const SxString& mntPoint
     const Entry* main = entries.findMain();
     if (main) return main->params;
     throw SxException("Cannot create Epic Games Store Manifest: No epic.item found.", UNIT, __LINE__);
-}
-
-/// Notes that the player's manifests are set aside, and does that.
-void ZqEpicLibrary::storeFor(const SxString& image) {
-    for (const char* place : {Files::EPIC_MANIFESTS, Files::EPIC_SAVED})
-        Files::requireNoLink(place);
-    if (SxFSAction::isGone(Files::EPIC_SAVED) && SxFSAction::isGone(Files::EPIC_MANIFESTS)) return;
-    record->changes.of(image).setsAside = true;
-    noteFolders(Files::EPIC_BACKUP);
-    record->save();
-    setAside(image);
 }
 
 /// Notes what will be made.
@@ -169,35 +170,45 @@ void ZqEpicLibrary::noteFolders(const SxString& folder) {
     }
 }
 
-/// Moves the player's manifests to where they are saved. Where a set is saved already, or mounted titles have
-/// their manifests in the launcher's folder, only what belongs to none of them moves.
-void ZqEpicLibrary::setAside(const SxString& image) {
-    const SxString manifests = Files::EPIC_MANIFESTS, saved = Files::EPIC_SAVED;
-    if (SxFSAction::isGone(manifests)) return;
+/// The names in the launcher's folder that belong to no mounted title. `*hasOthers`: some do, or the folder
+/// was made for one.
+SxList<SxString> ZqEpicLibrary::findPlayers(bool* hasOthers) const {
+    const SxString manifests = Files::EPIC_MANIFESTS;
     SxList<SxString> players;
-    bool hasOthers = record->changes.folders.contains(manifests);
+    *hasOthers = record->changes.folders.contains(manifests);
     for (const SxFileInfo& info : SxFSAction::ls(manifests)) {
-        if (record->changes.isOthers(image, &Image::items, info.getName())) {
-            hasOthers = true;
+        if (record->changes.isNoted(&Image::items, info.getName())) {
+            *hasOthers = true;
         } else {
             players.append(info.getName());
         }
     }
-    if (!hasOthers && SxFSAction::isGone(saved)) {
+    return players;
+}
+
+void ZqEpicLibrary::setAside(const SxString& image) {
+    const SxString manifests = Files::EPIC_MANIFESTS, saved = Files::EPIC_SAVED;
+    Files::requireNoLink(manifests);
+    Files::requireNoLink(saved);
+    const bool isSaved = !SxFSAction::isGone(saved), isThere = !SxFSAction::isGone(manifests);
+    bool hasOthers = false;
+    SxList<SxString> players;
+    if (isThere) players = findPlayers(&hasOthers);
+    const bool goesWhole = isThere && !hasOthers && !isSaved;
+    if (!goesWhole && !isSaved && players.isEmpty()) return;
+    // What a return that was cut off has still to bring back is aside again.
+    record->changes.setReturns = false;
+    record->changes.of(image).setsAside = true;
+    noteFolders(Files::EPIC_BACKUP);
+    record->save();
+    if (goesWhole) {
         Files::makeFolder(Files::EPIC_BACKUP);
         zqLogMsg("base", "Moving " + manifests + " to " + saved);
         Files::move(manifests, saved);
         SxFSAction::mkdir_p(manifests, 0777);
-        return;
-    }
-    for (const SxString& name : players) {
+    } else if (!players.isEmpty()) {
         Files::makeFolder(saved);
-        const SxString from = manifests + "/" + name, to = saved + "/" + name;
-        if (SxFSAction::isGone(to)) {
-            Files::move(from, to);
-        } else {
-            SxFSAction::rm_r(from);
-        }
+        Files::join(manifests, players, saved);
     }
 }
 
@@ -215,96 +226,95 @@ void ZqEpicLibrary::copyStore(const SxString& image, const ZqEpicParams& params)
 }
 
 void ZqEpicLibrary::undo(const SxString& image) {
-    Image& own = record->changes.of(image);
     ZqTries tries;
-    const auto removeAll = [&](SxList<SxString> Image::*list, SxString (*pathOf)(const SxString&)) {
-        SxList<SxString> left;
-        for (const SxString& name : own.*list) {
-            if (record->changes.isOthers(image, list, name)) continue;
-            if (!tries.run([&] { Files::remove(pathOf(name)); })) left.append(name);
-        }
-        own.*list = left;
-    };
-    // Where the set has come back already, or never went, manifests of these names are the player's own.
-    if (own.setsAside && SxFSAction::isGone(Files::EPIC_SAVED)) own.items.removeAll();
-    removeAll(&Image::items, manifest);
-    removeAll(&Image::stores, storeFolder);
-    const bool isLast =
-        std::none_of(record->changes.images.begin(), record->changes.images.end(),
-                     [&](const Image& other) { return !(other.path == image) && other.setsAside; });
-    if (own.setsAside && (!isLast || tries.run([&] { returnSet(); }))) own.setsAside = false;
-    const bool hasEpic = std::any_of(record->changes.images.begin(), record->changes.images.end(),
-                                     [](const Image& other) { return other.hasEpic(); });
-    if (!hasEpic) tries.run([&] { removeFolders(); });
+    record->removeMade(image, &Image::items, manifest, &tries);
+    record->removeMade(image, &Image::stores, storeFolder, &tries);
+    const bool wasAside = record->changes.of(image).setsAside;
+    record->changes.of(image).setsAside = false;
+    if (!tries.run([&] { bringBack(); }) && !record->changes.setReturns)
+        record->changes.of(image).setsAside = wasAside;
+    tries.run([&] { removeFolders(); });
     tries.raise();
 }
 
-/// Removes the folders that were made, as far as nothing has come into them.
+void ZqEpicLibrary::bringBack() {
+    ZqLauncherChanges& changes = record->changes;
+    const bool isNeeded = std::any_of(changes.images.begin(), changes.images.end(),
+                                      [](const Image& image) { return image.setsAside; });
+    if (isNeeded) return;
+    if (SxFSAction::isGone(Files::EPIC_SAVED)) {
+        changes.setReturns = false;
+        return;
+    }
+    Files::requireNoLink(Files::EPIC_SAVED);
+    Files::requireNoLink(Files::EPIC_MANIFESTS);
+    // From the moment at which the first manifest is back, none of that name may count as ours: it would be
+    // removed by whoever goes on after a cut. So that is noted first.
+    for (const SxFileInfo& info : SxFSAction::ls(Files::EPIC_SAVED)) {
+        for (Image& image : changes.images)
+            removeFolded(&image.items, info.getName());
+    }
+    changes.setReturns = true;
+    record->save();
+    returnSet();
+    changes.setReturns = false;
+}
+
+/// Brings the saved manifests back as the launcher's. Whatever cuts it off, the next call goes on.
+void ZqEpicLibrary::returnSet() {
+    const SxString manifests = Files::EPIC_MANIFESTS, saved = Files::EPIC_SAVED;
+    const bool isEmptied = SxFSAction::isGone(manifests) || joinRest();
+    zqLogMsg("base", "Moving " + saved + " to " + manifests);
+    if (isEmptied) {
+        Files::move(saved, manifests);
+    } else {
+        // Something stays there: manifests of a title that is mounted, or what can't be moved.
+        Files::takeAfter(manifests, saved);
+        SxList<SxString> names;
+        for (const SxFileInfo& info : SxFSAction::ls(saved))
+            names.append(info.getName());
+        Files::replace(saved, names, manifests);
+        Files::removeEmpty(saved);
+    }
+    Files::removeEmpty(Files::EPIC_BACKUP);
+}
+
+/// Lets what the launcher has added join the set, and removes its folder. False where something stays there.
+bool ZqEpicLibrary::joinRest() {
+    const SxString manifests = Files::EPIC_MANIFESTS;
+    bool hasOthers = false;
+    SxList<SxString> players = findPlayers(&hasOthers);
+    try {
+        Files::join(manifests, players, Files::EPIC_SAVED);
+    } catch (const SxException& e) {
+        zqLogMsg("base", e.toString(SxException::ShowMessage, ": "));
+    }
+    return Files::removeEmpty(manifests);
+}
+
 void ZqEpicLibrary::removeFolders() {
     SxList<SxString>& folders = record->changes.folders;
+    if (record->changes.hasEpic() || record->changes.setReturns) return;
     // Those inside others stand behind these in the list.
     for (auto folder = folders.end(); folder != folders.begin();)
         Files::removeEmpty(*--folder);
     folders.removeAll();
 }
 
-/// Brings the saved manifests back as the launcher's. Whatever cuts it off, the next call goes on.
-void ZqEpicLibrary::returnSet() {
-    const SxString manifests = Files::EPIC_MANIFESTS, saved = Files::EPIC_SAVED;
-    Files::requireNoLink(saved);
-    Files::requireNoLink(manifests);
-    if (SxFSAction::isGone(saved)) return;
-    bool hasOurs = false;
-    if (!SxFSAction::isGone(manifests)) {
-        for (const SxFileInfo& info : SxFSAction::ls(manifests)) {
-            const SxString joined = saved + "/" + info.getName();
-            if (record->changes.isOthers(SxString(), &Image::items, info.getName())) {
-                hasOurs = true;
-            } else if (SxFSAction::isGone(joined)) {
-                Files::move(info.getOrig(), joined);
-            } else {
-                SxFSAction::rm_r(info.getOrig());
-            }
-        }
-        SxFSAction::syncDir(manifests);
-        if (!hasOurs) Files::remove(manifests);
-    }
-    zqLogMsg("base", "Moving " + saved + " to " + manifests);
-    if (hasOurs) {
-        Files::become(manifests, saved);
-        for (const SxFileInfo& info : SxFSAction::ls(saved)) {
-            const SxString back = manifest(info.getName());
-            if (!SxFSAction::isGone(back)) SxFSAction::rm_r(back);
-            Files::move(info.getOrig(), back);
-        }
-        Files::remove(saved);
-    } else {
-        Files::move(saved, manifests);
-    }
-    Files::removeEmpty(Files::EPIC_BACKUP);
-}
-
-void ZqEpicLibrary::store() {
-    storeFor(SxString());
-}
-
-void ZqEpicLibrary::restore() {
-    returnSet();
-    undo(SxString());
-    record->save();
-}
-
 void ZqEpicLibrary::closeLauncher() {
     for (const int id : ZqSysEnv::getProcessIDs(LAUNCHER)) {
         if (!ZqSysEnv::isInMachineRoot(id)) continue;
+        const auto hasEnded = [&] { return !ZqSysEnv::getProcessIDs(LAUNCHER).contains(id); };
         for (const ZqDesktop::Handle window : ZqDesktop::get().getWindowsOfProcess(id)) {
             if (!(ZqDesktop::get().getTitle(window) == LAUNCHER_WINDOW)) continue;
             zqLogMsg("base", "Closing Epic Games Launcher Window");
             ZqDesktop::get().close(window);
+            // It may be writing its files.
+            SxWait::pass(END_MS, hasEnded);
         }
+        if (hasEnded()) continue;
         zqLogMsg("base", "Closing Epic Games Launcher Process");
         // Else it might still write what it believes.
-        if (ZqSysEnv::killProcess(id))
-            SxWait::pass(END_MS, [&] { return !ZqSysEnv::getProcessIDs(LAUNCHER).contains(id); });
+        if (ZqSysEnv::killProcess(id)) SxWait::pass(END_MS, hasEnded);
     }
 }

@@ -17,19 +17,24 @@ public:
     /// those of the main title. Raises where something can't be read or written; what was done until then is
     /// noted.
     ZqEpicParams make(const SxString& image, const SxString& mntPoint);
-    /// Takes back what is noted of the image, and the last time what was set aside. Goes on after a failure,
-    /// of which it raises the text at the end; what has failed stays noted. The record is to be saved after
-    /// it.
+    /// Takes back what is noted of the image, and, where no other one is left, what was set aside. Goes on
+    /// after a failure, of which it raises the text at the end; what has failed stays noted. The record is to
+    /// be saved after it.
     void undo(const SxString& image);
     /// Raises where the entries of the drive can't be read, in the words of a clean-up.
     static void requireEntries(const SxString& mntPoint);
 
-    /// Sets the manifests aside, and brings them back, for no image.
-    void store();
-    void restore();
+    /// Sets the player's manifests aside for an image, or, with an empty one, for none. Where a set is saved
+    /// already, what has come since and belongs to no mounted title joins it.
+    void setAside(const SxString& image);
+    /// Brings the set back where no image needs it aside, also one that nobody has noted.
+    void bringBack();
+    /// Removes the folders that were made for the launcher, as far as they are empty, once no image has
+    /// anything there.
+    void removeFolders();
 
     /// Closes the launcher of this machine root, since it would go on with what it has read: asks its window
-    /// to close, and ends its process.
+    /// to close, waits a little, and ends its process.
     static void closeLauncher();
 
 private:
@@ -43,11 +48,10 @@ private:
 
     void note(const SxString& image, const Entries& entries);
     void noteFolders(const SxString& folder);
-    void storeFor(const SxString& image);
-    void setAside(const SxString& image);
-    void returnSet();
+    SxList<SxString> findPlayers(bool* hasOthers) const;
     void copyStore(const SxString& image, const ZqEpicParams& params);
-    void removeFolders();
+    void returnSet();
+    bool joinRest();
 
     ZqLauncherRecord* const record;
 };

@@ -116,10 +116,9 @@ void ZqEpicParams::print() const {
 
 void ZqEpicParams::storeManifests() {
     ZqLauncherRecord record;
-    ZqEpicLibrary(&record).store();
+    ZqEpicLibrary(&record).setAside(SxString());
 }
 
 void ZqEpicParams::restoreManifests() {
-    ZqLauncherRecord record;
-    ZqEpicLibrary(&record).restore();
+    ZqLauncherRecord::undo([](ZqLauncherRecord* record) { ZqEpicLibrary(record).undo(SxString()); });
 }

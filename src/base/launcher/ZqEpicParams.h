@@ -43,8 +43,8 @@ public:
     /// Saves the player's manifests: moves them out of the launcher's folder, where an empty one takes their
     /// place. A set that is saved already stays, and what has come to the launcher's folder since joins it.
     static void storeManifests();
-    /// Brings the saved manifests back. What the launcher has added meanwhile joins them; of two with one
-    /// name the player's stays.
+    /// Brings the saved manifests back, unless a mounted title needs them aside. What the launcher has added
+    /// meanwhile joins them; of two with one name the player's stays.
     static void restoreManifests();
 
 private:

@@ -1,10 +1,8 @@
 #include "ZqLaunchCommand.h"
 
 #include "SxException.h"
-#include "SxFSAction.h"
 #include "ZqAppParams.h"
 #include "ZqEpicParams.h"
-#include "ZqLauncherFiles.h"
 #include "ZqSysEnv.h"
 
 namespace {
@@ -13,38 +11,41 @@ constexpr const char* UNIT = "src/base/ZqLaunchCommand";
 constexpr const char* WOW_NODE = "WOW6432Node/";
 constexpr const char* EPIC_COMMAND = "HKCR/com.epicgames.launcher/shell/open/command";
 constexpr const char* ROBOT_COMMAND = "HKCR/RobotCache/shell/open/command";
+/// Where EA Origin's installer notes its program. A mount doesn't need it, since the title starts itself.
+constexpr const char* ORIGIN_KEY = "HKLM/SOFTWARE/WOW6432Node/Origin";
+constexpr const char* ORIGIN_VALUE = "ClientPath";
 /// How long the Epic launcher may take to start the title, in seconds.
 constexpr int64 EPIC_DELAY = 15;
 
-/// A launcher that is known by its folder, and a title by a number in the image's registry entries.
-struct ByNumber {
+/// A launcher that is known by its folder, and a title by an id in the image's registry entries.
+struct ById {
     const char *key, *value, *program;
-    const char* marker; ///< the number follows it in the key of an entry
+    const char* marker; ///< the id follows it in the key of an entry
     const char *begin, *end;
     const char *notInstalled, *notFound;
 };
-constexpr ByNumber STEAM_TITLE = {"HKLM/SOFTWARE/WOW6432Node/Valve/Steam",
-                                  "InstallPath",
-                                  "/steam.exe",
-                                  "Steam/Apps/",
-                                  "steam://rungameid/",
-                                  "",
-                                  "Steam not installed",
-                                  "Steam App ID not found"};
-constexpr ByNumber UBISOFT_TITLE = {"HKLM/SOFTWARE/WOW6432Node/Ubisoft/Launcher",
-                                    "InstallDir",
-                                    "/upc.exe",
-                                    "Uplay Install ",
-                                    "uplay://launch/",
-                                    "/0",
-                                    "UPlay not installed",
-                                    "UPlay App ID not found"};
+constexpr ById STEAM_TITLE = {"HKLM/SOFTWARE/WOW6432Node/Valve/Steam",
+                              "InstallPath",
+                              "/steam.exe",
+                              "Steam/Apps/",
+                              "steam://rungameid/",
+                              "",
+                              "Steam not installed",
+                              "Steam App ID not found"};
+constexpr ById UBISOFT_TITLE = {"HKLM/SOFTWARE/WOW6432Node/Ubisoft/Launcher",
+                                "InstallDir",
+                                "/upc.exe",
+                                "Uplay Install ",
+                                "uplay://launch/",
+                                "/0",
+                                "UPlay not installed",
+                                "UPlay App ID not found"};
 
 [[noreturn]] void raiseMissing(const char* text, int line) {
     throw SxException(ZqLaunchCommand::NOT_INSTALLED, text, UNIT, line);
 }
 
-SxString programOf(const ByNumber& launcher) {
+SxString programOf(const ById& launcher) {
     SxString key = launcher.key;
     // A prefix for 32-bit programs alone has no node of their own.
     if (!ZqRegistry::isVal(key, launcher.value) && ZqRegistry::isWin32()) key = key.substitute(WOW_NODE, "");
@@ -52,30 +53,30 @@ SxString programOf(const ByNumber& launcher) {
     return ZqSysEnv::unifySlashes(ZqRegistry::getVal(key, launcher.value) + launcher.program);
 }
 
-/// The title's number becomes part of a command line.
-void requireNumber(const SxString& number, const char* marker) {
-    for (const char c : number.str()) {
+/// The title's id becomes part of a command line.
+void requireId(const SxString& id, const char* marker) {
+    for (const char c : id.str()) {
         if (static_cast<unsigned char>(c) > ' ' && c != '"' && c != '\'' && c != '\x7F') continue;
-        throw SxException("The id '" + number.makeVisible() + "' behind '" + marker +
+        throw SxException("The id '" + id.makeVisible() + "' behind '" + marker +
                               "' in the registry entries of app.json holds a blank, a quote or a control "
                               "character",
                           UNIT, __LINE__);
     }
 }
 
-void setByNumber(const ByNumber& launcher, ZqAppParams* app) {
+void setById(const ById& launcher, ZqAppParams* app) {
     const SxString program = programOf(launcher);
-    SxString number;
+    SxString id;
     for (const ZqRegistry::Item& item : app->registry) {
         const SxString key = ZqSysEnv::unifySlashes(item.key);
         if (key.contains(launcher.marker) == 0) continue;
-        number = key.right(launcher.marker);
+        id = key.right(launcher.marker);
         break;
     }
-    if (number.isEmpty()) throw SxException(launcher.notFound, UNIT, __LINE__);
-    requireNumber(number, launcher.marker);
+    if (id.isEmpty()) throw SxException(launcher.notFound, UNIT, __LINE__);
+    requireId(id, launcher.marker);
     app->cmd = program;
-    app->args = {launcher.begin + number + launcher.end};
+    app->args = {launcher.begin + id + launcher.end};
 }
 
 /// The command of a kind of address; raises `missing` where nothing is installed for it.
@@ -92,7 +93,7 @@ SxString commandOf(const char* key, const char* missing) {
 
 SxString epicProgram() {
     const SxString command = commandOf(EPIC_COMMAND, "Epic Games Launcher not installed");
-    if (!command.startsWith("\"") || command.find("\" ") < 1)
+    if (!command.startsWith("\"") || command.find("\" ") < 2)
         raiseOdd(EPIC_COMMAND, command, "program in quotes", __LINE__);
     return ZqSysEnv::unifySlashes(command.left("\" ").right("\""));
 }
@@ -110,11 +111,11 @@ SxString robotProgram() {
 } // namespace
 
 void ZqLaunchCommand::setSteam(ZqAppParams* app) {
-    setByNumber(STEAM_TITLE, app);
+    setById(STEAM_TITLE, app);
 }
 
 void ZqLaunchCommand::setUbisoft(ZqAppParams* app) {
-    setByNumber(UBISOFT_TITLE, app);
+    setById(UBISOFT_TITLE, app);
 }
 
 void ZqLaunchCommand::setEpic(ZqAppParams* app, const ZqEpicParams& title) {
@@ -133,6 +134,7 @@ SxString ZqLaunchCommand::programOf(const SxString& word) {
     if (word == UBISOFT) return ::programOf(UBISOFT_TITLE);
     if (word == EPIC) return epicProgram();
     if (word == ROBOT_CACHE) return robotProgram();
-    if (word == ORIGIN && SxFSAction::test_d(ZqLauncherFiles::ORIGIN_CONTENT)) return SxString();
+    if (word == ORIGIN && ZqRegistry::isVal(ORIGIN_KEY, ORIGIN_VALUE))
+        return ZqSysEnv::unifySlashes(ZqRegistry::getVal(ORIGIN_KEY, ORIGIN_VALUE));
     raiseMissing("EA Origin not installed", __LINE__);
 }

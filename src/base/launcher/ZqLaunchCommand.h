@@ -27,7 +27,6 @@ public:
     /// Leaves the arguments.
     static void setRobotCache(ZqAppParams* app);
 
-    /// The program of a launcher; raises where it isn't installed. EA Origin, which tells none, has an empty
-    /// one, and counts as installed where its folder is there.
+    /// The program of a launcher; raises where it isn't installed.
     static SxString programOf(const SxString& word);
 };

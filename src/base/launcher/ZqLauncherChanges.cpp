@@ -92,7 +92,7 @@ ZqRegistry::State getState(const SxSymbol& entry, const char* key) {
 
 void requireName(const SxString& name, const char* what) {
     if (name.isEmpty()) throw SxException(SxString("The name of ") + what + " is empty", UNIT, __LINE__);
-    ZqLauncherFiles::requirePlain(name, SxString("The name of ") + what);
+    ZqLauncherFiles::requirePlain(name, SxString("The name of ") + what, true);
 }
 
 /// Of a store folder that stood there before, only the part of its manifests was made.
@@ -116,7 +116,7 @@ ZqLauncherChanges::Image getImage(const SxSymbol& object) {
     getNames(object, "manifests", &image.items);
     getNames(object, "stores", &image.stores);
     getNames(object, "titles", &image.titles);
-    ZqRecordFile::get(object, "library", &image.library);
+    ZqRecordFile::get(object, "libraries", &image.libraries);
     const SxSymbol registry = object.getElem("registry", false);
     if (!registry.isValid()) return image;
     for (const SxSymbol& entry : registry.toList()) {
@@ -151,15 +151,23 @@ void ZqLauncherChanges::tidy() {
         if (!image.isEmpty()) left.append(image);
     }
     images = left;
-    const auto hasLibrary = [](const Image& image) { return !image.library.isEmpty(); };
-    if (std::none_of(images.begin(), images.end(), hasLibrary)) librariesDigest = SxString();
+    if (!hasLibraries()) librariesDigest = SxString();
 }
 
-bool ZqLauncherChanges::isOthers(const SxString& path, SxList<SxString> Image::*list,
-                                 const SxString& name) const {
+bool ZqLauncherChanges::hasLibraries() const {
+    return std::any_of(images.begin(), images.end(),
+                       [](const Image& image) { return !image.libraries.isEmpty(); });
+}
+
+bool ZqLauncherChanges::hasEpic() const {
+    return std::any_of(images.begin(), images.end(), [](const Image& image) { return image.hasEpic(); });
+}
+
+bool ZqLauncherChanges::isNoted(SxList<SxString> Image::*list, const SxString& name,
+                                const SxString* except) const {
     const std::u16string folded = zqFold(zqUtf16(name));
     return std::any_of(images.begin(), images.end(), [&](const Image& image) {
-        return !(image.path == path) &&
+        return !(except && image.path == *except) &&
                std::any_of((image.*list).begin(), (image.*list).end(),
                            [&](const SxString& other) { return zqFold(zqUtf16(other)) == folded; });
     });
@@ -176,6 +184,8 @@ void ZqLauncherChanges::readText(const SxString& text, const SxString& textName)
         if (std::none_of(std::begin(OWN_FOLDERS), std::end(OWN_FOLDERS), isOwn))
             throw SxException("'" + folder.makeVisible() + "' is no folder of a launcher", UNIT, __LINE__);
     }
+    const SxSymbol returns = root.getElem("setReturns", false);
+    setReturns = returns.isValid() && returns.toBool();
     ZqRecordFile::get(root, "librariesDigest", &librariesDigest);
 }
 
@@ -192,9 +202,10 @@ SxString ZqLauncherChanges::toText() const {
         put(object, "manifests", image.items);
         put(object, "stores", image.stores);
         put(object, "titles", image.titles);
-        if (!image.library.isEmpty()) object.append("library", image.library);
+        put(object, "libraries", image.libraries);
     }
     put(root, "folders", folders);
+    if (setReturns) root.append("setReturns", true);
     if (!librariesDigest.isEmpty()) root.append("librariesDigest", librariesDigest);
     return root.toJson(4) + "\n";
 }

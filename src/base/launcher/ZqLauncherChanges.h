@@ -16,29 +16,37 @@ public:
         SxList<SxString> items;            ///< names of Epic manifests that were made
         SxList<SxString> stores;           ///< store folders that were made, below that of all titles
         SxList<SxString> titles;           ///< folders of EA Origin that were made
-        SxString library;                  ///< folder that was added to Robot Cache; may be empty
+        SxList<SxString> libraries;        ///< folders that were added to Robot Cache's list
 
         bool operator==(const Image&) const = default;
         bool hasEpic() const { return setsAside || !items.isEmpty() || !stores.isEmpty(); }
         bool isEmpty() const {
-            return former.isEmpty() && !hasEpic() && titles.isEmpty() && library.isEmpty();
+            return former.isEmpty() && !hasEpic() && titles.isEmpty() && libraries.isEmpty();
         }
     };
 
     SxList<Image> images;
     SxList<SxString> folders; ///< of the Epic launcher that were made, and go once they are empty
+    /// The player's saved manifests are on their way back. From then on none of the launcher's is ours.
+    bool setReturns = false;
     SxString librariesDigest; ///< MD5 of Robot Cache's file as it was last written here; empty for unknown
 
     bool operator==(const ZqLauncherChanges&) const = default;
-    bool isEmpty() const { return images.isEmpty() && folders.isEmpty(); }
+    bool isEmpty() const { return images.isEmpty() && folders.isEmpty() && !setReturns; }
+    /// Whether any image has a folder in Robot Cache's list.
+    bool hasLibraries() const;
+    bool hasEpic() const;
     /// What is noted of an image; null where nothing is. `path` as in Image.
     const Image* find(const SxString& path) const;
     /// The same, which is made where there is none. Valid until the list changes.
     Image& of(const SxString& path);
     /// Forgets images of which nothing is left.
     void tidy();
-    /// Whether another image than `path` has the name in a list.
-    bool isOthers(const SxString& path, SxList<SxString> Image::*list, const SxString& name) const;
+    /// Whether an image has the name, in any case, in a list; without that of `except`, where given.
+    bool isNoted(SxList<SxString> Image::*list, const SxString& name, const SxString* except = nullptr) const;
+    bool isOthers(const SxString& path, SxList<SxString> Image::*list, const SxString& name) const {
+        return isNoted(list, name, &path);
+    }
 
     /// Fills the record from a text; failures name it `textName`. Raises where a name would lead out of its
     /// launcher's folder.

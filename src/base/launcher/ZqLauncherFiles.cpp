@@ -4,9 +4,12 @@
 #include "SxFSAction.h"
 #include "SxFileIO.h"
 #include "SxOs.h"
+#include "ZqFold.h"
 #include "ZqNewFolder.h"
+#include "ZqTries.h"
 
 #include <cerrno>
+#include <map>
 
 namespace {
 
@@ -14,11 +17,11 @@ constexpr const char* UNIT = "src/base/ZqLauncherFiles";
 constexpr std::string_view BYTE_ORDER_MARK = "\xEF\xBB\xBF";
 
 /// What is wrong with a name, or null.
-const char* faultOf(const std::string& name) {
+const char* faultOf(const std::string& name, bool mayHaveQuotes) {
     if (name.find_first_not_of('.') == std::string::npos) return "consists of dots alone";
     if (name.find_first_of("/\\") != std::string::npos) return "holds a slash";
     if (name.find(':') != std::string::npos) return "holds a colon";
-    if (name.find_first_of("\"'") != std::string::npos) return "holds a quote";
+    if (!mayHaveQuotes && name.find_first_of("\"'") != std::string::npos) return "holds a quote";
     for (const char c : name) {
         if (static_cast<unsigned char>(c) < ' ' || c == '\x7F') return "holds a control character";
     }
@@ -37,6 +40,70 @@ SxString parentOf(const SxString& path) {
     return SxFileInfo(path).getPath();
 }
 
+/// The way of names from one folder to another, by host paths: a path of the library would take a name that
+/// differs in case for the same. Names that the target had at the beginning are compared without case, as
+/// Windows programs do; those that come with this move stand beside each other, as they did.
+class Moving {
+public:
+    Moving(const SxString& from_, const SxString& to_)
+        : from(SxString(SxOs::hostPath(from_)) + "/"),
+          to(SxString(SxOs::hostPath(to_)) + "/") {
+        for (const SxFileInfo& entry : SxFSAction::ls(to))
+            there[zqFold(zqUtf16(entry.getName()))] = entry.getName();
+    }
+
+    template<class Move>
+    void run(const SxList<SxString>& names, Move&& move) const {
+        ZqTries tries;
+        for (const SxString& name : names)
+            tries.run([&] { move(name); });
+        SxFSAction::syncDir(to);
+        SxFSAction::syncDir(from);
+        tries.raise();
+    }
+
+    void join(const SxString& name) const {
+        const auto twin = there.find(zqFold(zqUtf16(name)));
+        if (SxFSAction::isHalfMoved(name)) {
+            SxFSAction::rm_r(from + name);
+        } else if (twin == there.end()) {
+            SxFSAction::mv(from + name, to + name);
+        } else if (isFolder(from + name) && isFolder(to + twin->second)) {
+            SxList<SxString> inside;
+            for (const SxFileInfo& entry : SxFSAction::ls(from + name))
+                inside.append(entry.getName());
+            ZqLauncherFiles::join(from + name, inside, to + twin->second);
+            ZqLauncherFiles::removeEmpty(from + name);
+        } else {
+            SxFSAction::rm_r(from + name);
+        }
+    }
+
+    void replace(const SxString& name) const {
+        const auto twin = there.find(zqFold(zqUtf16(name)));
+        if (twin != there.end() && isFolder(from + name) && isFolder(to + twin->second)) {
+            SxList<SxString> inside;
+            for (const SxFileInfo& entry : SxFSAction::ls(from + name))
+                inside.append(entry.getName());
+            ZqLauncherFiles::takeAfter(to + twin->second, from + name);
+            ZqLauncherFiles::replace(from + name, inside, to + twin->second);
+            ZqLauncherFiles::removeEmpty(from + name);
+            return;
+        }
+        if (twin != there.end()) SxFSAction::rm_r(to + twin->second);
+        SxFSAction::mv(from + name, to + name);
+    }
+
+private:
+    static bool isFolder(const SxString& path) {
+        const auto found = SxFSAction::look(path);
+        return found && found->kind == SxStat::Dir;
+    }
+
+    const SxString from, to;                  ///< with their slashes
+    std::map<std::u16string, SxString> there; ///< by folded name
+};
+
 } // namespace
 
 SxString ZqLauncherFiles::readText(const SxString& path) {
@@ -45,8 +112,8 @@ SxString ZqLauncherFiles::readText(const SxString& path) {
     return SxString(text.substr(text.starts_with(BYTE_ORDER_MARK) ? BYTE_ORDER_MARK.size() : 0));
 }
 
-void ZqLauncherFiles::requirePlain(const SxString& name, const SxString& what) {
-    const char* fault = name.isEmpty() ? nullptr : faultOf(name.str());
+void ZqLauncherFiles::requirePlain(const SxString& name, const SxString& what, bool mayHaveQuotes) {
+    const char* fault = name.isEmpty() ? nullptr : faultOf(name.str(), mayHaveQuotes);
     if (fault) throw SxException(what + " '" + name.makeVisible() + "' " + fault, UNIT, __LINE__);
 }
 
@@ -88,9 +155,29 @@ void ZqLauncherFiles::remove(const SxString& path) {
 bool ZqLauncherFiles::removeEmpty(const SxString& path) {
     const auto found = SxFSAction::look(path);
     if (!found) return true;
-    if (found->kind != SxStat::Dir || !SxFSAction::ls(path).isEmpty()) return false;
-    remove(path);
+    if (found->kind != SxStat::Dir) return false;
+    for (const SxFileInfo& entry : SxFSAction::ls(path)) {
+        if (SxFSAction::isHalfMoved(entry.getName())) SxFSAction::rm_r(entry.getOrig());
+    }
+    // Not with what may have come into it meanwhile.
+    const int result = SxOs::get().removeDir(SxOs::hostPath(path));
+    if (result == -ENOTEMPTY || result == -EEXIST) return false;
+    if (result < 0 && result != -ENOENT) {
+        throw SxException(SxException(SxOs::errorText(result), UNIT, __LINE__),
+                          "Cannot remove folder '" + path + "'", UNIT, __LINE__);
+    }
+    SxFSAction::syncDir(parentOf(path));
     return true;
+}
+
+void ZqLauncherFiles::join(const SxString& from, const SxList<SxString>& names, const SxString& to) {
+    const Moving moving(from, to);
+    moving.run(names, [&](const SxString& name) { moving.join(name); });
+}
+
+void ZqLauncherFiles::replace(const SxString& from, const SxList<SxString>& names, const SxString& to) {
+    const Moving moving(from, to);
+    moving.run(names, [&](const SxString& name) { moving.replace(name); });
 }
 
 void ZqLauncherFiles::move(const SxString& from, const SxString& to) {
@@ -99,7 +186,7 @@ void ZqLauncherFiles::move(const SxString& from, const SxString& to) {
     SxFSAction::syncDir(parentOf(from));
 }
 
-void ZqLauncherFiles::become(const SxString& path, const SxString& other) {
+void ZqLauncherFiles::takeAfter(const SxString& path, const SxString& other) {
     const auto wanted = SxFSAction::look(other);
     if (!wanted) return;
     SxOs& os = SxOs::get();

@@ -25,27 +25,33 @@ public:
     /// Reads a text file in UTF-8, without a byte-order mark. Refuses a link.
     static SxString readText(const SxString& path);
 
-    /// Raises where `name` can't be the plain name of a file: dots alone, slashes, a drive letter, quotes,
-    /// control characters. `what` says whose name it is. An empty one passes.
-    static void requirePlain(const SxString& name, const SxString& what);
+    /// Raises where `name` can't be the plain name of a file: dots alone, slashes, a drive letter, control
+    /// characters, and quotes, unless it may have those. `what` says whose name it is. An empty one passes.
+    static void requirePlain(const SxString& name, const SxString& what, bool mayHaveQuotes = false);
     /// Raises where a link has that name.
     static void requireNoLink(const SxString& path);
     /// The folders that mkdir_p() would make, the topmost first.
     static SxList<SxString> missingFolders(const SxString& path);
-    /// Makes a folder and those above it, and sees to it that they are on the device: what moves into one that
-    /// isn't could vanish with it.
+    /// Makes a folder and those above it, and sees to it that they are on the device: what moves into one
+    /// that isn't could vanish with it.
     static void makeFolder(const SxString& path);
-    /// Copies a folder to a place where nothing is. Refuses links in it, which a launcher would write
+    /// Copies a folder; what stands at `to` is joined. Refuses links in it, which a launcher would write
     /// through.
     static void copyFolder(const SxString& from, const SxString& to);
     /// Removes what has that name, with its content; nothing where nothing has. Refuses a link. The removal
     /// is on the device at the end.
     static void remove(const SxString& path);
-    /// Removes a folder if it is there and empty. Gives whether it is gone.
+    /// Removes a folder if it is there and empty, but for halves of moves. Gives whether it is gone.
     static bool removeEmpty(const SxString& path);
+    /// Moves names of a folder into another one. What is there already stays and takes the place of what
+    /// comes, folders get what they lack. What can't be moved stays; the rest goes on, and that is raised at
+    /// the end.
+    static void join(const SxString& from, const SxList<SxString>& names, const SxString& to);
+    /// The same, but what comes takes the place of what is there.
+    static void replace(const SxString& from, const SxList<SxString>& names, const SxString& to);
     /// Gives a file or folder the permissions and the owner of another one, the latter as far as the user
     /// may.
-    static void become(const SxString& path, const SxString& other);
+    static void takeAfter(const SxString& path, const SxString& other);
     /// Renames, or moves to another file system, and sees to it that both folders are on the device.
     static void move(const SxString& from, const SxString& to);
 };

@@ -3,6 +3,7 @@
 #include "SxFSAction.h"
 #include "SxFileIO.h"
 #include "SxOs.h"
+#include "ZqLauncherFiles.h"
 
 namespace {
 
@@ -59,11 +60,21 @@ SxString ZqLauncherRecord::pathOf(const SxString& image) {
     return SxFileInfo(image).getAbsPath();
 }
 
-void ZqTries::raise() const {
-    if (failures.isEmpty()) return;
-    if (failures.getSize() == 1) throw SxException(failures.first());
-    SxList<SxString> texts;
-    for (const SxException& failure : failures)
-        texts.append(failure.toString(SxException::ShowMessage, ": "));
-    throw SxException(SxString::join(texts, "; "), UNIT, __LINE__);
+void ZqLauncherRecord::removeMade(const SxString& image, SxList<SxString> ZqLauncherChanges::Image::*list,
+                                  SxString (*placeOf)(const SxString& name), ZqTries* tries) {
+    ZqLauncherChanges::Image& own = changes.of(image);
+    SxList<SxString> left;
+    for (const SxString& name : own.*list) {
+        if (changes.isOthers(image, list, name)) continue;
+        if (!tries->run([&] { ZqLauncherFiles::remove(placeOf(name)); })) left.append(name);
+    }
+    own.*list = left;
+}
+
+void ZqLauncherRecord::undo(const std::function<void(ZqLauncherRecord* record)>& undo) {
+    ZqLauncherRecord record;
+    ZqTries tries;
+    tries.run([&] { undo(&record); });
+    record.save();
+    tries.raise();
 }

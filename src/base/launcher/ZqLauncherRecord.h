@@ -1,9 +1,10 @@
 #pragma once
 
-#include "SxException.h"
-#include "SxPtr.h"
 #include "ZqFileLock.h"
 #include "ZqLauncherChanges.h"
+#include "ZqTries.h"
+
+#include <functional>
 
 /// The record of what mounts have changed for launchers, `C:/ProgramData/TAVRIN/launchers.json`, held under
 /// its lock, so that mounts, unmounts and restores of one machine root go one after the other. Whoever
@@ -27,6 +28,12 @@ public:
     /// since it was read or saved.
     void save();
 
+    /// Removes what is noted in a list of an image, unless another one has it noted, too; forgets what is
+    /// gone. `placeOf` gives the place of a name. What fails goes to `tries`, and stays noted.
+    void removeMade(const SxString& image, SxList<SxString> ZqLauncherChanges::Image::*list,
+                    SxString (*placeOf)(const SxString& name), ZqTries* tries);
+    /// Takes the record, runs an undo on it, saves what is left noted, and raises what has failed.
+    static void undo(const std::function<void(ZqLauncherRecord* record)>& undo);
     /// What is noted at the moment, without the lock.
     static ZqLauncherChanges peek();
     /// How an image is called here: its folder with all links resolved.
@@ -35,27 +42,4 @@ public:
 private:
     ZqFileLock lock;
     ZqLauncherChanges saved;
-};
-
-/// Keeps what goes wrong while several things are tried, so that a failure of one doesn't keep the rest from
-/// being tried.
-class ZqTries {
-public:
-    /// Gives whether `attempt` succeeded.
-    template<class Attempt>
-    bool run(Attempt&& attempt) {
-        try {
-            attempt();
-            return true;
-        } catch (const SxException& e) {
-            failures.append(e);
-            return false;
-        }
-    }
-    const SxList<SxException>& getFailures() const { return failures; }
-    /// Raises the failure, or one with the texts of all.
-    void raise() const;
-
-private:
-    SxList<SxException> failures;
 };

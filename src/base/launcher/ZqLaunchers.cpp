@@ -30,7 +30,7 @@ ZqLaunchers::Change describe(const Image& image) {
     add(ZqLauncherFiles::EPIC_MANIFESTS, image.items);
     add(ZqLauncherFiles::EPIC_STORES, image.stores);
     add(ZqLauncherFiles::ORIGIN_CONTENT, image.titles);
-    if (!image.library.isEmpty()) change.libraries.append(image.library);
+    change.libraries = image.libraries;
     for (const ZqRegistry::State& state : image.former)
         change.registry.append({state.key, state.value, state.isThere});
     return change;
@@ -40,13 +40,25 @@ ZqLaunchers::Change describe(const Image& image) {
 void undoAll(ZqLauncherRecord* record, const SxString& image) {
     ZqTries tries;
     tries.run([&] { ZqRegistryChanges(record).undo(image); });
-    const bool hasEpic = record->changes.of(image).hasEpic();
-    if (hasEpic) ZqEpicLibrary::closeLauncher();
-    if (hasEpic) tries.run([&] { ZqEpicLibrary(record).undo(image); });
+    if (record->changes.of(image).hasEpic()) {
+        ZqEpicLibrary::closeLauncher();
+        tries.run([&] { ZqEpicLibrary(record).undo(image); });
+    }
     tries.run([&] { ZqOriginLibrary(record).undo(image); });
     tries.run([&] { ZqRobotLibrary(record).undo(image); });
     record->save();
     tries.raise();
+}
+
+/// Brings to its end what belongs to no image: a return of the player's manifests that was cut off, or of
+/// such that nobody has noted.
+void undoRest(ZqLauncherRecord* record) {
+    ZqEpicLibrary library(record);
+    if (!record->changes.hasEpic() && !SxFSAction::isGone(ZqLauncherFiles::EPIC_SAVED))
+        ZqEpicLibrary::closeLauncher();
+    library.bringBack();
+    library.removeFolders();
+    record->save();
 }
 
 } // namespace
@@ -61,7 +73,7 @@ SxList<ZqLaunchers::Launcher> ZqLaunchers::getLaunchers() {
             launcher.program = ZqLaunchCommand::programOf(word);
             launcher.isInstalled = true;
         } catch (const SxException& e) {
-            if (!e.hasTag(ZqLaunchCommand::NOT_INSTALLED)) throw;
+            if (!e.hasTag(ZqLaunchCommand::NOT_INSTALLED)) launcher.fault = e.what();
         }
         launchers.append(launcher);
     }
@@ -89,21 +101,24 @@ bool ZqLaunchers::isMounted(const SxString& image) {
 
 ZqLaunchers::Restored ZqLaunchers::restore() {
     Restored restored;
-    if (ZqLauncherRecord::peek().isEmpty()) return restored;
+    if (ZqLauncherRecord::peek().isEmpty() && SxFSAction::isGone(ZqLauncherFiles::EPIC_SAVED))
+        return restored;
     ZqLauncherRecord record;
     SxList<SxString> left;
-    for (const Image& image : record.changes.images) {
-        if (!isMounted(image.path)) left.append(image.path);
-    }
-    for (const SxString& image : left) {
+    for (const Image& image : record.changes.images)
+        (isMounted(image.path) ? restored.mounted : left).append(image.path);
+    const auto attempt = [&](const SxString& image, const SxString& what, auto&& undo) {
         try {
-            undoAll(&record, image);
-            restored.images.append(image);
+            undo();
+            if (!image.isEmpty()) restored.images.append(image);
         } catch (const SxException& e) {
-            restored.failures.append(SxException(
-                e, "Cannot take back all that the mount of '" + image + "' has changed", UNIT, __LINE__));
+            restored.failures.append(SxException(e, "Cannot take back " + what, UNIT, __LINE__));
         }
+    };
+    for (const SxString& image : left) {
+        attempt(image, "all that the mount of '" + image + "' has changed", [&] { undoAll(&record, image); });
     }
+    attempt(SxString(), "the Epic manifests that are set aside", [&] { undoRest(&record); });
     return restored;
 }
 

@@ -13,7 +13,8 @@ public:
     struct Launcher {
         SxString word; ///< its word in `access` of `app.json`
         bool isInstalled = false;
-        SxString program; ///< empty where it tells none
+        SxString program; ///< empty where it isn't installed
+        SxString fault;   ///< why that can't be told; empty where it can
     };
     /// All launchers that the library knows.
     static SxList<Launcher> getLaunchers();
@@ -35,7 +36,8 @@ public:
     static SxList<Change> getChanges();
 
     struct Restored {
-        SxList<SxString> images; ///< of which everything was taken back
+        SxList<SxString> images;  ///< of which everything was taken back
+        SxList<SxString> mounted; ///< that are left alone, since they are mounted
         /// What couldn't be, for each image a text that names it; it stays in the record.
         SxList<SxException> failures;
     };

@@ -27,7 +27,7 @@ SxString ZqOriginLibrary::requireTitle(const SxString& mntPoint, const char* fai
             throw SxException(SxString("Expected one EA store directory, found ") + folders.getSize(), UNIT,
                               __LINE__);
         }
-        Files::requirePlain(folders.first().getName(), "The store folder of the title");
+        Files::requirePlain(folders.first().getName(), "The store folder of the title", true);
         return folders.first().getAbsPath();
     } catch (const SxException& e) {
         throw SxException(e, failText, UNIT, __LINE__);
@@ -53,12 +53,6 @@ void ZqOriginLibrary::make(const SxString& image, const SxString& mntPoint) {
 
 void ZqOriginLibrary::undo(const SxString& image) {
     ZqTries tries;
-    Image& own = record->changes.of(image);
-    SxList<SxString> left;
-    for (const SxString& name : own.titles) {
-        if (record->changes.isOthers(image, &Image::titles, name)) continue;
-        if (!tries.run([&] { Files::remove(titleFolder(name)); })) left.append(name);
-    }
-    own.titles = left;
+    record->removeMade(image, &Image::titles, titleFolder, &tries);
     tries.raise();
 }

@@ -16,12 +16,16 @@ const State* findIn(const SxList<State>& states, const State& wanted) {
 
 void ZqRegistryChanges::make(const SxString& image, const SxList<ZqRegistry::Item>& list,
                              const SxString& mntPoint) {
-    ZqLauncherChanges& changes = record->changes;
-    const SxList<State> written = ZqRegistry::plan(list, mntPoint);
     SxList<State> made;
-    for (const Image& each : changes.images)
+    for (const Image& each : record->changes.images)
         made.append(each.former);
-    SxList<State> former = ZqRegistry::look(list, made);
+    ZqRegistry::createNoted(
+        list, mntPoint, made,
+        [&](const SxList<State>& former, const SxList<State>& written) { note(image, former, written); });
+}
+
+void ZqRegistryChanges::note(const SxString& image, SxList<State> former, SxList<State> written) {
+    ZqLauncherChanges& changes = record->changes;
     for (State& state : former) {
         // What another mount has written isn't the player's.
         for (const Image& each : changes.images) {
@@ -29,20 +33,18 @@ void ZqRegistryChanges::make(const SxString& image, const SxList<ZqRegistry::Ite
         }
     }
     Image& own = changes.of(image);
-    const Image before = own;
-    own.former = former;
-    own.written = written;
     // What an undo of another list couldn't take back is still to be taken back.
-    auto formerlyWritten = before.written.begin();
-    for (const State& state : before.former) {
+    auto formerlyWritten = own.written.begin();
+    for (const State& state : own.former) {
         if (!findIn(former, state)) {
-            own.former.append(state);
-            own.written.append(*formerlyWritten);
+            former.append(state);
+            written.append(*formerlyWritten);
         }
         ++formerlyWritten;
     }
+    own.former = former;
+    own.written = written;
     record->save();
-    ZqRegistry::createRegEntriesAsAdmin(list, mntPoint);
 }
 
 void ZqRegistryChanges::undo(const SxString& image) {

@@ -16,5 +16,7 @@ public:
     void undo(const SxString& image);
 
 private:
+    void note(const SxString& image, SxList<ZqRegistry::State> former, SxList<ZqRegistry::State> written);
+
     ZqLauncherRecord* const record;
 };

@@ -7,11 +7,7 @@
 #include "ZqLauncherFiles.h"
 #include "ZqRCParams.h"
 
-#include <algorithm>
-
 namespace {
-
-using Image = ZqLauncherChanges::Image;
 
 SxString configFile() {
     return ZqRCParams::pathOf("", "");
@@ -28,7 +24,7 @@ void keepFormer() {
     ZqLauncherFiles::remove(formerFile());
     if (SxOs::get().link(SxOs::hostPath(configFile()), SxOs::hostPath(formerFile())) == 0) return;
     SxFSAction::cp(configFile(), formerFile());
-    ZqLauncherFiles::become(formerFile(), configFile());
+    ZqLauncherFiles::takeAfter(formerFile(), configFile());
 }
 
 } // namespace
@@ -39,47 +35,49 @@ void ZqRobotLibrary::make(const SxString& image, const SxString& mntPoint) {
     if (params.libraries.contains(library)) return;
     params.libraries.append(library);
     ZqLauncherChanges& changes = record->changes;
-    const bool isFirst = isLast(image);
     // The former file is that of before only as long as nobody else writes between.
+    const bool isFirst = !changes.hasLibraries();
     const bool isKnown = isFirst || SxMd5::file(configFile()) == changes.librariesDigest;
-    changes.of(image).library = library;
+    changes.of(image).libraries.append(library);
     changes.librariesDigest = isKnown ? SxMd5::get(params.toText()) : SxString();
     record->save();
     if (isFirst) keepFormer();
     params.write("", "");
 }
 
-bool ZqRobotLibrary::isLast(const SxString& image) const {
-    return std::none_of(
-        record->changes.images.begin(), record->changes.images.end(),
-        [&](const Image& other) { return !(other.path == image) && !other.library.isEmpty(); });
-}
-
 void ZqRobotLibrary::undo(const SxString& image) {
     ZqLauncherChanges& changes = record->changes;
-    const SxString library = changes.of(image).library;
-    if (library.isEmpty()) return;
+    const SxList<SxString> ours = changes.of(image).libraries;
+    if (ours.isEmpty()) return;
+    ZqLauncherFiles::requireNoLink(configFile());
+    ZqLauncherFiles::requireNoLink(formerFile());
+    SxFileIO::tidyAfterWriters(configFile());
     // A client that was removed has taken the file with it.
-    if (SxFSAction::look(configFile())) takeOut(image);
-    changes.of(image).library = SxString();
+    const bool isThere = SxFSAction::look(configFile()).has_value();
+    const bool isUntouched = isThere && SxMd5::file(configFile()) == changes.librariesDigest;
+    changes.of(image).libraries.removeAll();
+    const bool isLast = !changes.hasLibraries();
+    try {
+        if (isLast && isUntouched && SxFSAction::look(formerFile())) {
+            ZqLauncherFiles::move(formerFile(), configFile());
+        } else if (isThere) {
+            takeOut(ours, isUntouched);
+        }
+        if (isLast) ZqLauncherFiles::remove(formerFile());
+    } catch (const SxException&) {
+        changes.of(image).libraries = ours;
+        throw;
+    }
 }
 
-void ZqRobotLibrary::takeOut(const SxString& image) {
-    ZqLauncherChanges& changes = record->changes;
-    ZqLauncherFiles::requireNoLink(configFile());
-    SxFileIO::tidyAfterWriters(configFile());
-    const bool isUntouched = SxMd5::file(configFile()) == changes.librariesDigest;
-    if (isLast(image) && isUntouched && SxFSAction::look(formerFile())) {
-        ZqLauncherFiles::requireNoLink(formerFile());
-        ZqLauncherFiles::move(formerFile(), configFile());
-        return;
-    }
+void ZqRobotLibrary::takeOut(const SxList<SxString>& ours, bool isUntouched) {
     ZqRCParams params("", "");
-    const SxString& library = changes.of(image).library;
-    if (params.libraries.contains(library)) {
+    bool hasOurs = false;
+    for (const SxString& library : ours) {
+        hasOurs = hasOurs || params.libraries.contains(library);
         params.libraries.removeElement(library);
-        params.write("", "");
-        changes.librariesDigest = isUntouched ? SxMd5::get(params.toText()) : SxString();
     }
-    if (isLast(image)) ZqLauncherFiles::remove(formerFile());
+    if (!hasOurs) return;
+    params.write("", "");
+    record->changes.librariesDigest = isUntouched ? SxMd5::get(params.toText()) : SxString();
 }

@@ -17,8 +17,7 @@ public:
     void undo(const SxString& image);
 
 private:
-    void takeOut(const SxString& image);
-    bool isLast(const SxString& image) const;
+    void takeOut(const SxList<SxString>& ours, bool isUntouched);
 
     ZqLauncherRecord* const record;
 };

@@ -234,7 +234,7 @@ private:
     void umountAfterFailure(const SxString& image);
     void removeRegistryEntries() const;
     void revertLaunchers() const;
-    void setUpLaunchers();
+    void setUpLaunchers(const SxList<SxString>& access);
     void setUpEpic();
     void setUpRobotCache();
     void requireDrive() const;

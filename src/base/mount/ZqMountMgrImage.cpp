@@ -163,8 +163,7 @@ SxString ZqMountMgr::mountImageZQF(MountMode mode, DeviceMode deviceMode, const 
 SxString ZqMountMgr::mountImageZQF(const MountRequest& request, const SxString& traceMethod) {
     const SxString &image = request.image, &traceFolder = request.traceFolder;
     if (!appParams) appParams = SxPtr<ZqAppParams>::create(ZqImageFolder::prefix(image));
-    const bool hasLaunchers = !appParams->access.isEmpty();
-    if (request.noLaunchers) appParams->access.removeAll();
+    const SxList<SxString> access = request.noLaunchers ? SxList<SxString>() : appParams->access;
     MountRequest whole = request;
     whole.awaitFileSystem = true;
     const auto mount = [&] {
@@ -177,7 +176,7 @@ SxString ZqMountMgr::mountImageZQF(const MountRequest& request, const SxString& 
     try {
         appParams->requireKnownFormat();
         // What a former mount has written for a launcher is worked out anew.
-        if (hasLaunchers) ZqLaunchValues::originalOf(image, *appParams).applyTo(&*appParams);
+        if (!appParams->access.isEmpty()) ZqLaunchValues::originalOf(image, *appParams).applyTo(&*appParams);
         const ZqRedirection redirection(*appParams);
         const auto lock = lockShape(image);
         // A text that isn't known fails before a drive is made, and before the trace folder is emptied.
@@ -191,11 +190,11 @@ SxString ZqMountMgr::mountImageZQF(const MountRequest& request, const SxString& 
         prepareGuard(image);
         if (appParams->cacheSize > 0) setCacheSize(cacheBytes(appParams->cacheSize));
         // The launcher and its title write beside each other on the drive.
-        if (appParams->access.contains(ZqLaunchCommand::EPIC)) whole.mode = ReadTWLayer;
+        if (access.contains(ZqLaunchCommand::EPIC)) whole.mode = ReadTWLayer;
         mount();
         try {
             equipDrive(image, traceFolder, method, redirection);
-            setUpLaunchers();
+            setUpLaunchers(access);
             ZqVolume::setReady(image);
         } catch (const SxException&) {
             umountAfterFailure(image);

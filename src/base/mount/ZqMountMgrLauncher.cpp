@@ -33,7 +33,7 @@ void ZqMountMgr::requireDrive() const {
     if (mntPoint.isEmpty()) throw SxException("Tavrin drive not mounted", UNIT, __LINE__);
 }
 
-void ZqMountMgr::setUpLaunchers() {
+void ZqMountMgr::setUpLaunchers(const SxList<SxString>& access) {
     const auto write = [&] { getLaunch().write(mntImage); };
     const Step steps[] = {
         {ZqLaunchCommand::STEAM, "Updating Steam library failed",
@@ -57,7 +57,7 @@ void ZqMountMgr::setUpLaunchers() {
              write();
          }}};
     for (const Step& step : steps) {
-        if (!appParams->access.contains(step.word)) continue;
+        if (!access.contains(step.word)) continue;
         try {
             step.setUp();
         } catch (const SxException& e) {
@@ -107,11 +107,11 @@ void ZqMountMgr::revertLaunchers() const {
         attempt([&] { guardOff(mntImage); });
         attempt([&] { delEALibEntries(); });
     }
-    if (noted.library.isEmpty()) return;
+    if (noted.libraries.isEmpty()) return;
     attempt([&] {
-        ZqLauncherRecord record;
-        ZqRobotLibrary(&record).undo(ZqLauncherRecord::pathOf(mntImage));
-        record.save();
+        ZqLauncherRecord::undo([&](ZqLauncherRecord* record) {
+            ZqRobotLibrary(record).undo(ZqLauncherRecord::pathOf(mntImage));
+        });
     });
 }
 
@@ -132,11 +132,9 @@ void ZqMountMgr::cleanEpicLibrary() const {
     // Whatever the drive has by now, what was made for it is known.
     tries.run([&] { ZqEpicLibrary::requireEntries(mntPoint); });
     tries.run([&] {
-        ZqLauncherRecord record;
-        ZqTries undos;
-        undos.run([&] { ZqEpicLibrary(&record).undo(ZqLauncherRecord::pathOf(mntImage)); });
-        record.save();
-        undos.raise();
+        ZqLauncherRecord::undo([&](ZqLauncherRecord* record) {
+            ZqEpicLibrary(record).undo(ZqLauncherRecord::pathOf(mntImage));
+        });
     });
     tries.raise();
 }
@@ -153,12 +151,10 @@ void ZqMountMgr::delEALibEntries() const {
     ZqTries tries;
     tries.run([&] { ZqOriginLibrary::requireTitle(mntPoint, FAIL_TEXT); });
     tries.run([&] {
-        ZqLauncherRecord record;
-        ZqTries undos;
-        undos.run([&] { ZqOriginLibrary(&record).undo(ZqLauncherRecord::pathOf(mntImage)); });
-        record.save();
         try {
-            undos.raise();
+            ZqLauncherRecord::undo([&](ZqLauncherRecord* record) {
+                ZqOriginLibrary(record).undo(ZqLauncherRecord::pathOf(mntImage));
+            });
         } catch (const SxException& e) {
             throw SxException(e, FAIL_TEXT, UNIT, __LINE__);
         }

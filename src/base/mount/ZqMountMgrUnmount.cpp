@@ -116,14 +116,11 @@ bool ZqMountMgr::removeLeftovers(const SxString& image, bool* written) const {
 
 void ZqMountMgr::removeRegistryEntries() const {
     if (!appParams) return;
-    if (appParams->registry.isEmpty()) {
-        zqLogMsg("base", "No Registry modifications to revert...");
-        return;
-    }
+    if (appParams->registry.isEmpty()) zqLogMsg("base", "No Registry modifications to revert...");
     try {
-        ZqLauncherRecord record;
-        ZqRegistryChanges(&record).undo(ZqLauncherRecord::pathOf(mntImage));
-        record.save();
+        const SxString path = ZqLauncherRecord::pathOf(mntImage);
+        if (!ZqLauncherRecord::peek().find(path)) return;
+        ZqLauncherRecord::undo([&](ZqLauncherRecord* record) { ZqRegistryChanges(record).undo(path); });
     } catch (const SxException& e) {
         zqLogMsg("base", e.what());
     }

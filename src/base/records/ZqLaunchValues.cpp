@@ -36,8 +36,7 @@ void ZqLaunchValues::applyTo(ZqAppParams* app) const {
 ZqLaunchValues ZqLaunchValues::originalOf(const SxString& image, const ZqAppParams& app) {
     ZqStreamRecord record;
     record.read(image);
-    const bool isWritten = record.launch && record.launch->written == of(app);
-    return isWritten ? record.launch->original : of(app);
+    return record.launch && record.launch->written.contains(of(app)) ? record.launch->original : of(app);
 }
 
 void ZqLaunchValues::write(const SxString& image) const {
@@ -47,10 +46,15 @@ void ZqLaunchValues::write(const SxString& image) const {
         ZqAppParams app;
         app.readFile(file);
         if (of(app) == *this) return;
-        // First, so that the original values are never lost.
+        // First, so that the original values are never lost: until the file has the new values, it has those
+        // that a launcher has written before.
         ZqStreamRecord::update(image, [&](ZqStreamRecord* record) {
-            const bool isWritten = record->launch && record->launch->written == of(app);
-            record->launch = {isWritten ? record->launch->original : of(app), *this};
+            ZqStreamRecord::Launch launch{of(app), {*this}};
+            if (record->launch && record->launch->written.contains(of(app))) {
+                launch.original = record->launch->original;
+                launch.written.append(of(app));
+            }
+            record->launch = launch;
         });
         SxSymbol root;
         root.setType(OBJECT);

@@ -67,7 +67,10 @@ void ZqStreamRecord::read(const SxString& image) {
         if (!launchObject.isValid()) return;
         launch.emplace();
         launch->original.read(launchObject.getElem("original"));
-        launch->written.read(launchObject.getElem("written"));
+        for (const SxSymbol& values : launchObject.getElem("written").toList()) {
+            launch->written.append(ZqLaunchValues());
+            launch->written.last().read(values);
+        }
     } catch (const SxException& e) {
         throw SxException(e, "Failed to read file " + file, UNIT, __LINE__);
     }
@@ -95,7 +98,9 @@ void ZqStreamRecord::write(const SxString& image) const {
         if (launch) {
             SxSymbol object = root.append("launch", SxParserAst::Object);
             launch->original.put(object.append("original", SxParserAst::Object));
-            launch->written.put(object.append("written", SxParserAst::Object));
+            SxSymbol list = object.append("written", SxParserAst::Array);
+            for (const ZqLaunchValues& values : launch->written)
+                values.put(list.append(SxParserAst::Object));
         }
         ZqRecordFile::write(root, file, 0600);
     } catch (const SxException& e) {

@@ -36,9 +36,11 @@ public:
     Left left;              ///< none while a download goes on, and after one that was killed
     bool isWritten = false; ///< a drive may have written into `img.zqf`, so that its digest tells nothing
 
-    /// How the application is started without a launcher, and how a mount has written it into `app.json`.
+    /// How the application is started without a launcher, and how mounts have written it into `app.json`: one
+    /// that was cut off may have left the values of the one before.
     struct Launch {
-        ZqLaunchValues original, written;
+        ZqLaunchValues original;
+        SxList<ZqLaunchValues> written;
     };
     std::optional<Launch> launch; ///< none where no launcher was set up
 

@@ -42,14 +42,15 @@ void requireOwnRoot() {
 
 void ZqStartCheck::require(const ZqRunSettings& settings, const ZqAppParams& app) {
     const ZqLaunchValues values = ZqLaunchValues::originalOf(settings.feed.image, app);
-    bool isWindows = ZqAppCommand::isWindowsProgram(values.cmd);
+    SxString windowsProgram = ZqAppCommand::isWindowsProgram(values.cmd) ? values.cmd : SxString();
     if (!settings.noLaunchers) {
         requireName(settings.feed.image, app, values.name);
         for (const char* word : {ZqLaunchCommand::STEAM, ZqLaunchCommand::EPIC, ZqLaunchCommand::UBISOFT,
-                                 ZqLaunchCommand::ROBOT_CACHE})
-            isWindows = isWindows || app.access.contains(word);
+                                 ZqLaunchCommand::ROBOT_CACHE}) {
+            if (app.access.contains(word)) windowsProgram = word;
+        }
     }
-    if (!isWindows) return;
-    ZqAppCommand::requireMeans(values.cmd, settings.runner);
+    if (windowsProgram.isEmpty()) return;
+    ZqAppCommand::requireMeans(windowsProgram, settings.runner);
     requireOwnRoot();
 }

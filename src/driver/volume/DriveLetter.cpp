@@ -4,6 +4,7 @@
 #include "SxException.h"
 #include "SxFSAction.h"
 #include "SxOs.h"
+#include "ZqRootLayout.h"
 
 #include <cerrno>
 
@@ -18,7 +19,7 @@ SxString devices(const SxString& root) {
 } // namespace
 
 void DriveLetter::take(const SxString& root, const SxString& to) {
-    SxFSAction::mkdir_p(devices(root), 0777);
+    ZqRootLayout::make(root);
     for (char letter = 'd'; letter <= 'z'; ++letter) {
         const std::string path = devices(root).str() + "/" + letter + ":";
         const int result = SxOs::get().symlink(to.str(), path);

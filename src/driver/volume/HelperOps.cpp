@@ -4,8 +4,10 @@
 #include "Mounts.h"
 #include "Redirection.h"
 #include "SxException.h"
+#include "SxFileInfo.h"
 #include "SxOs.h"
 #include "ZqBlocks.h"
+#include "ZqRootOwner.h"
 #include "ZqServiceFolder.h"
 
 #include <algorithm>
@@ -274,6 +276,8 @@ void HelperOps::run(const SxList<SxString>& arguments) {
         SxList<SxString> names;
         for (int64 i = 4; i < arguments.getSize(); ++i)
             names.append(arguments(i));
+        // The private side, in a process that knows no machine root.
+        ZqRootOwner::keep(SxFileInfo(arguments(2)).getPath());
         // Read here from the image's records, since the control library's calls have no place for it.
         const std::string version = LayerIdentity::of(arguments(3).str()).toText();
         const std::string aside = Redirection::apply(arguments(1), arguments(2), names, version);

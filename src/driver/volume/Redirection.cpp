@@ -110,7 +110,9 @@ std::string escape(const std::string& path) {
 }
 
 void makeFolder(const std::string& path) {
-    if (::mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) {
+    const int result = SxOs::get().makeDir(path, 0700);
+    if (result < 0 && result != -EEXIST) {
+        errno = -result;
         fail("Cannot create folder '" + SxString(path) + "'", __LINE__);
     }
 }

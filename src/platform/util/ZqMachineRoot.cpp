@@ -5,6 +5,7 @@
 #include "SxMutex.h"
 #include "SxOs.h"
 #include "ZqFold.h"
+#include "ZqRootLayout.h"
 #include "ZqRootOwner.h"
 #include "ZqXdg.h"
 
@@ -178,15 +179,7 @@ SxString ZqMachineRoot::windowsPath(const SxString& path) {
 
 bool ZqMachineRoot::makeDrive(const std::string& path) {
     if (!hasLetter(path) || (path[0] | 0x20) != 'c') return false;
-    const SxString prefix = get();
-    for (const char* folder : {"/drive_c", "/dosdevices"})
-        SxFSAction::mkdir_p(prefix + folder, 0777);
-    const std::string link = prefix.str() + "/dosdevices/c:";
-    const int result = SxOs::get().symlink("../drive_c", link);
-    if (result < 0 && result != -EEXIST) {
-        throw SxException(SxException(SxOs::errorText(result), UNIT, __LINE__),
-                          "Cannot make the drive '" + path + "'", UNIT, __LINE__);
-    }
+    ZqRootLayout::make(get());
     return true;
 }
 

@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <utility>
 
 namespace {
 
@@ -248,18 +249,19 @@ size_t ZqRegStore::countAbsent(const ZqRegFile& answer, ZqRegFile::Key key,
     return n;
 }
 
-std::vector<ZqRegStore::Found> ZqRegStore::look(const std::vector<ZqRegEdit>& edits) const {
+std::vector<ZqRegStore::Found> ZqRegStore::askWineFor(const std::vector<ZqRegEdit>& edits) const {
     std::vector<Found> found;
-    if (ZqWine::isServing(prefix) && ZqWine::isInstalled()) {
-        const StoreLock lock(prefix);
-        const ZqRegFile answer = askWine(edits);
-        std::map<SxString, bool> known;
-        for (const ZqRegEdit& edit : edits) {
-            const ZqRegFile::Key key = edit.address.withRoot();
-            found.push_back({answer.find(key, edit.name), countAbsent(answer, key, &known)});
-        }
-        return found;
+    const ZqRegFile answer = askWine(edits);
+    std::map<SxString, bool> known;
+    for (const ZqRegEdit& edit : edits) {
+        const ZqRegFile::Key key = edit.address.withRoot();
+        found.push_back({answer.find(key, edit.name), countAbsent(answer, key, &known)});
     }
+    return found;
+}
+
+std::vector<ZqRegStore::Found> ZqRegStore::lookInFiles(const std::vector<ZqRegEdit>& edits) const {
+    std::vector<Found> found;
     std::optional<HiveFile> files[ZqRegAddress::N_HIVES];
     for (const ZqRegEdit& edit : edits) {
         std::optional<HiveFile>& file = files[edit.address.hive];
@@ -278,21 +280,36 @@ bool ZqRegStore::isWin32() const {
            load(ZqRegAddress::Machine).content.getArch() == "#arch=win32";
 }
 
-void ZqRegStore::apply(const std::vector<ZqRegEdit>& edits) const {
+/// Makes the edits through the server, where one runs that can be talked to; else says why not. Calls `*due`,
+/// and empties it.
+bool ZqRegStore::tryWine(const std::vector<ZqRegEdit>& edits, Note* due, SxException* failure) const {
+    if (!ZqWine::isServing(prefix) || !ZqWine::isInstalled()) return false;
+    std::vector<Found> found;
+    try {
+        if (*due) found = askWineFor(edits);
+    } catch (const SxException& e) {
+        *failure = e;
+        return false;
+    }
+    if (*due) std::exchange(*due, nullptr)(found);
+    try {
+        applyByWine(edits);
+        return true;
+    } catch (const SxException& e) {
+        *failure = e;
+        return false;
+    }
+}
+
+void ZqRegStore::apply(const std::vector<ZqRegEdit>& edits, const Note& note) const {
     const bool writes = std::any_of(edits.begin(), edits.end(), [](const auto& edit) { return edit.data; });
     if (writes) SxFSAction::mkdir_p(prefix);
     if (edits.empty() || !SxFSAction::test_d(prefix)) return;
     const StoreLock lock(prefix);
+    Note due = note;
     for (int attempt = 0; attempt < MAX_ATTEMPTS; ++attempt) {
         SxException failure("there is no 'wine' in the folders of $PATH", UNIT, __LINE__);
-        if (ZqWine::isServing(prefix) && ZqWine::isInstalled()) {
-            try {
-                applyByWine(edits);
-                return;
-            } catch (const SxException& e) {
-                failure = e;
-            }
-        }
+        if (tryWine(edits, &due, &failure)) return;
         if (!SxWait::pass(SERVER_MS, [&] { return !ZqWine::isServing(prefix); })) {
             throw SxException(failure,
                               "The registry of '" + prefix +
@@ -300,6 +317,7 @@ void ZqRegStore::apply(const std::vector<ZqRegEdit>& edits) const {
                                   "run there",
                               UNIT, __LINE__);
         }
+        if (due) std::exchange(due, nullptr)(lookInFiles(edits));
         applyToFiles(edits);
         // A server that began meanwhile may have read the old files; then it is to be told as well.
         if (!ZqWine::isServing(prefix)) return;

@@ -1,7 +1,9 @@
 #pragma once
 
+#include "SxException.h"
 #include "ZqRegFile.h"
 
+#include <functional>
 #include <map>
 #include <optional>
 #include <vector>
@@ -51,15 +53,16 @@ public:
         std::optional<ZqRegData> data; ///< of the value
         size_t nAbsent = 0;            ///< so many parts at the end of the key's path aren't there
     };
-    /// What stands in the places of the edits, in their order.
-    std::vector<Found> look(const std::vector<ZqRegEdit>& edits) const;
+    using Note = std::function<void(const std::vector<Found>& found)>;
     /// Whether the prefix is for 32-bit programs alone.
     bool isWin32() const;
     /// Makes all the edits, or raises and makes none: the list is worked out in memory, and each file
     /// replaced once; where the second can't be written, the first is put back. Through the server, what it
     /// didn't take is noticed, and all is taken back. A removal that finds nothing is none; a key that one is
     /// for and that becomes empty goes.
-    void apply(const std::vector<ZqRegEdit>& edits) const;
+    /// `note`, where given, is called once before anything is written, with what stands in the places of the
+    /// edits, in their order; where it raises, nothing is written.
+    void apply(const std::vector<ZqRegEdit>& edits, const Note& note = nullptr) const;
 
 private:
     struct HiveFile;
@@ -67,6 +70,9 @@ private:
     HiveFile load(ZqRegAddress::Hive hive) const;
     void applyToFiles(const std::vector<ZqRegEdit>& edits) const;
     void applyByWine(const std::vector<ZqRegEdit>& edits) const;
+    bool tryWine(const std::vector<ZqRegEdit>& edits, Note* due, SxException* failure) const;
+    std::vector<Found> lookInFiles(const std::vector<ZqRegEdit>& edits) const;
+    std::vector<Found> askWineFor(const std::vector<ZqRegEdit>& edits) const;
     ZqRegFile askWine(const std::vector<ZqRegEdit>& edits) const;
     size_t countAbsent(const ZqRegFile& answer, ZqRegFile::Key key, std::map<SxString, bool>* known) const;
 

@@ -266,34 +266,26 @@ bool ZqRegistry::State::isSameValue(const State& other) const {
            foldedParts(key) == foldedParts(other.key);
 }
 
-SxList<ZqRegistry::State> ZqRegistry::look(const SxList<Item>& list, const SxList<State>& made) {
-    std::vector<ZqRegEdit> wanted;
-    for (const Item& item : list)
-        wanted.push_back(makeEdit(item.key, item.value, std::nullopt));
-    const std::vector<ZqRegStore::Found> found = ZqRegStore(ZqMachineRoot::get()).look(wanted);
-    const PartsSet ours = madeKeys(made);
-    SxList<State> states;
-    size_t i = 0;
-    for (const Item& item : list) {
-        State state = stateOf(item.key, item.value, found[i].data);
-        std::vector<std::u16string> parts = foldedParts(item.key);
-        for (size_t nAbsent = found[i].nAbsent; nAbsent > 0 || ours.contains(parts); parts.pop_back()) {
-            ++state.nMade;
-            if (nAbsent > 0) --nAbsent;
-        }
-        keep(&states, state);
-        ++i;
-    }
-    return states;
-}
-
-SxList<ZqRegistry::State> ZqRegistry::plan(const SxList<Item>& list, const SxString& mountPoint) {
-    SxList<State> states;
+void ZqRegistry::createNoted(const SxList<Item>& list, const SxString& mountPoint, const SxList<State>& made,
+                             const Note& note) {
     const std::vector<ZqRegEdit> edits = makeEdits(list, mountPoint);
-    size_t i = 0;
-    for (const Item& item : list)
-        keep(&states, stateOf(item.key, item.value, edits[i++].data));
-    return states;
+    const PartsSet ours = madeKeys(made);
+    ZqRegStore(ZqMachineRoot::get()).apply(edits, [&](const std::vector<ZqRegStore::Found>& found) {
+        SxList<State> former, written;
+        size_t i = 0;
+        for (const Item& item : list) {
+            State state = stateOf(item.key, item.value, found[i].data);
+            std::vector<std::u16string> parts = foldedParts(item.key);
+            for (size_t nAbsent = found[i].nAbsent; nAbsent > 0 || ours.contains(parts); parts.pop_back()) {
+                ++state.nMade;
+                if (nAbsent > 0) --nAbsent;
+            }
+            keep(&former, state);
+            keep(&written, stateOf(item.key, item.value, edits[i].data));
+            ++i;
+        }
+        note(former, written);
+    });
 }
 
 void ZqRegistry::put(const SxList<State>& states) {

@@ -3,6 +3,8 @@
 #include "SxList.h"
 #include "SxString.h"
 
+#include <functional>
+
 /// The registry of the machine root (ZqMachineRoot), which is that of a Wine prefix: HKLM is `system.reg`,
 /// HKCU is `user.reg`, HKCR is HKLM/Software/Classes. A root without these files has an empty registry;
 /// writing makes them. While programs run in the prefix, all goes through its server by means of `wine reg`.
@@ -68,11 +70,13 @@ public:
     /// data becomes `mountPoint` (a letter and a colon), or no entry could tell where the application lies.
     /// In keys and names it stays: they are removed again without a mount point.
     static void createRegEntriesAsAdmin(const SxList<Item>& list, const SxString& mountPoint);
-    /// How the values of the list stand now, each once. Parts of keys that the states of `made` have made
-    /// count as not being there.
-    static SxList<State> look(const SxList<Item>& list, const SxList<State>& made);
-    /// How createRegEntriesAsAdmin() would leave them, each once.
-    static SxList<State> plan(const SxList<Item>& list, const SxString& mountPoint);
+    /// What `note` gets before anything is written: how the values stand, each once, and how they will.
+    using Note = std::function<void(const SxList<State>& former, const SxList<State>& written)>;
+    /// The same as createRegEntriesAsAdmin(), in one turn with a call of `note`; where that raises, nothing
+    /// is written. Of the keys' parts in `former`, those that the states of `made` have made count as not
+    /// being there.
+    static void createNoted(const SxList<Item>& list, const SxString& mountPoint, const SxList<State>& made,
+                            const Note& note);
     /// Writes the values as the states say, or raises and leaves everything as it was. Of a key of which a
     /// value goes, its last `nMade` parts go where they are empty.
     static void put(const SxList<State>& states);

@@ -19,23 +19,23 @@
 namespace {
 
 using testing::Not;
-using Machine_ = LauncherMachine;
+using M = LauncherMachine;
 
 /// The messages below the mount's own.
-std::string causeOf(Machine_& machine) {
+std::string causeOf(M& machine) {
     const std::string outer = "Cannot mount ZqF image " + machine.name + ": ";
     const std::string failure = failureOf([&] { machine.mount(); });
     return failure.starts_with(outer) ? failure.substr(outer.size()) : failure;
 }
 
-ZqAppParams appOf(const Machine_& machine) {
+ZqAppParams appOf(const M& machine) {
     return ZqAppParams(machine.dir.prefix() + "image/");
 }
 
 } // namespace
 
 TEST(Launchers, ATitleIsThereForTheTimeOfItsMount) {
-    Machine_ machine;
+    M machine;
     const TempDir& dir = machine.dir;
     const auto before = machine.state();
     EXPECT_EQ(machine.mount(), "E:");
@@ -43,8 +43,8 @@ TEST(Launchers, ATitleIsThereForTheTimeOfItsMount) {
     EXPECT_EQ(machine.nLogged("Prepare ROBOT Cache library modifications"), 1);
     EXPECT_EQ(machine.nLogged("Moving C:/ProgramData/Epic/EpicGamesLauncher/Data/Manifests to "), 1);
     // What the launcher sees.
-    EXPECT_EQ(dir.snapshot(Machine_::DATA + "Manifests").size(), 2U);
-    const SxString item(dir.read(Machine_::DATA + "Manifests/GUID-1.item"));
+    EXPECT_EQ(dir.snapshot(M::DATA + "Manifests").size(), 2U);
+    const SxString item(dir.read(M::DATA + "Manifests/GUID-1.item"));
     SxJSONParser parser;
     parser.readString(item, "item");
     const auto& root = parser.getRootSymbol();
@@ -52,13 +52,12 @@ TEST(Launchers, ATitleIsThereForTheTimeOfItsMount) {
     EXPECT_EQ(root.getElem("StagingLocation").toString(),
               "C:/ProgramData/Epic/EpicGamesLauncher/Data/egstore/Fern/.egstore/bps");
     EXPECT_EQ(root.getElem("FormatVersion").toInt(), 0);
-    EXPECT_EQ(dir.read(Machine_::DATA + "egstore/Fern/.egstore/GUID-1.mancpn"), "of the store");
-    EXPECT_EQ(dir.read(Machine_::SAVED + "GUID-1.item"), "the player's own");
-    EXPECT_EQ(dir.read(Machine_::ORIGIN + "Fern Title/fern.mfst"), "of Origin");
+    EXPECT_EQ(dir.read(M::DATA + "egstore/Fern/.egstore/GUID-1.mancpn"), "of the store");
+    EXPECT_EQ(dir.read(M::SAVED + "GUID-1.item"), "the player's own");
+    EXPECT_EQ(dir.read(M::ORIGIN + "Fern Title/fern.mfst"), "of Origin");
     const ZqRCParams config("", "");
     EXPECT_THAT(config.libraries, ElementsAre("D:/Games", "E:/TAVRIN-protected/RobotCacheLibrary"));
-    EXPECT_THAT(dir.read(Machine_::CONFIG),
-                AllOf(HasSubstr("\"token\": \"kept\""), HasSubstr("\"unknown\"")));
+    EXPECT_THAT(dir.read(M::CONFIG), AllOf(HasSubstr("\"token\": \"kept\""), HasSubstr("\"unknown\"")));
     EXPECT_EQ(machine.registry("HKLM/SOFTWARE/Valve/Steam/Apps/1234", "Installed"), "1");
     EXPECT_EQ(machine.registry("HKCU/Software/Game/Deep/Deeper", "Path"), "E:/game");
     // The last step's command, and what the others have left.
@@ -74,12 +73,12 @@ TEST(Launchers, ATitleIsThereForTheTimeOfItsMount) {
     EXPECT_EQ(ZqLaunchers::restore().images.getSize(), 0) << "a mounted title is left alone";
 
     // What the launcher adds meanwhile is the player's, but doesn't replace what the player had.
-    dir.write(Machine_::DATA + "Manifests/new.item", "came meanwhile");
-    dir.write(Machine_::DATA + "Manifests/OTHER.item", "not this one");
+    dir.write(M::DATA + "Manifests/new.item", "came meanwhile");
+    dir.write(M::DATA + "Manifests/OTHER.item", "not this one");
     machine.mgr.umountImage(machine.image, false);
     auto expected = before;
-    EXPECT_EQ(dir.read(Machine_::DATA + "Manifests/new.item"), "came meanwhile");
-    fs::remove(dir.path(Machine_::DATA + "Manifests/new.item"));
+    EXPECT_EQ(dir.read(M::DATA + "Manifests/new.item"), "came meanwhile");
+    fs::remove(dir.path(M::DATA + "Manifests/new.item"));
     EXPECT_EQ(machine.changesSince(expected), "");
     EXPECT_EQ(machine.launchersFile(), "");
     EXPECT_EQ(machine.registry("HKCU/Software/Game", "Level"), "0badf00d");
@@ -88,11 +87,10 @@ TEST(Launchers, ATitleIsThereForTheTimeOfItsMount) {
 }
 
 TEST(Launchers, AreLeftAloneWhereTheMountDoesSo) {
-    Machine_ machine;
+    M machine;
     machine.mount();
     machine.mgr.umountImage(machine.image, false);
     const auto before = machine.state();
-    SxParserKit::SxSymbol json;
     ZqMountMgr mgr;
     ZqMountMgr::MountRequest request{
         ZqMountMgr::ReadOnly, ZqMountMgr::Removable, machine.image, "", Machine::SIZE_RAW, 4096,
@@ -114,7 +112,7 @@ TEST(Launchers, AreLeftAloneWhereTheMountDoesSo) {
 }
 
 TEST(Launchers, OnlyTheLaunchValuesOfTheRecordChange) {
-    Machine_ machine;
+    M machine;
     machine.app.access = {"Steam"};
     machine.app.write(machine.dir.prefix() + "image/");
     std::string text = machine.dir.read("image/app.json");
@@ -131,12 +129,12 @@ TEST(Launchers, OnlyTheLaunchValuesOfTheRecordChange) {
     ZqStreamRecord record;
     record.read(machine.image);
     ASSERT_TRUE(record.launch);
+    EXPECT_EQ(record.launch->written.getSize(), 1);
     EXPECT_EQ(record.launch->original.cmd, "{{ZQDRIVE}}/alpha.exe");
     mgr.umountImage(machine.image, false);
 }
 
 TEST(Launchers, EveryFailureHasItsWordsAndChangesNothing) {
-    using M = Machine_;
     struct Case {
         const char* access;
         std::string cause;
@@ -235,8 +233,6 @@ TEST(Launchers, EveryFailureHasItsWordsAndChangesNothing) {
         M machine;
         machine.app.access = {c.access};
         c.damage(machine);
-        if (c.access == std::string("Origin") && machine.dir.exists(M::ORIGIN + "Fern Title"))
-            fs::create_directories(machine.dir.path(M::ORIGIN));
         const auto before = machine.state();
         EXPECT_THAT(causeOf(machine), StartsWith(c.cause));
         EXPECT_FALSE(machine.driver.mounted);
@@ -255,8 +251,7 @@ TEST(Launchers, WhateverCutsAMountOffIsTakenBack) {
             for (const int loss : {0, 1, 2}) { // killed; all of what wasn't synced lost; some of it
                 SCOPED_TRACE(SxString(unmounts ? "unmount" : "mount").str() + ", step " +
                              std::to_string(step) + ", loss " + std::to_string(loss));
-                Machine_ machine;
-                // So that what is compared doesn't hang on this file, which is replaced anyhow.
+                M machine;
                 const auto before = machine.state();
                 machine.app.write(machine.dir.prefix() + "image/");
                 {
@@ -278,7 +273,6 @@ TEST(Launchers, WhateverCutsAMountOffIsTakenBack) {
                 const auto restored = ZqLaunchers::restore();
                 EXPECT_TRUE(restored.failures.isEmpty())
                     << (restored.failures.isEmpty() ? "" : restored.failures.first().what());
-                if (!struck && !unmounts) machine.loseDrive();
                 EXPECT_EQ(machine.changesSince(before), "");
             }
         }
@@ -291,7 +285,7 @@ TEST(Launchers, ARestoreThatIsCutOffGoesOn) {
     for (int64 step = 1; struck && !testing::Test::HasFailure(); ++step) {
         for (const int loss : {0, 1, 2}) {
             SCOPED_TRACE("step " + std::to_string(step) + ", loss " + std::to_string(loss));
-            Machine_ machine;
+            M machine;
             const auto before = machine.state();
             machine.mount();
             machine.loseDrive();
@@ -326,7 +320,7 @@ TEST(Launchers, WhateverFailsIsTakenBack) {
         const int64 stride = op == static_cast<int>(Op::Stat) ? 23 : 1;
         for (int64 nth = 0; struck && !testing::Test::HasFailure(); nth += stride) {
             SCOPED_TRACE("operation " + std::to_string(op) + ", place " + std::to_string(nth));
-            Machine_ machine;
+            M machine;
             const auto before = machine.state();
             std::string failure;
             {
@@ -348,8 +342,155 @@ TEST(Launchers, WhateverFailsIsTakenBack) {
     }
 }
 
+TEST(Launchers, WhateverFailsInAnUndoIsTriedAgain) {
+    const int nOps = static_cast<int>(Op::Lock) + 1, FULL = nOps;
+    for (const bool restores : {false, true}) {
+        for (int op = 0; op <= FULL; ++op) {
+            if (op == static_cast<int>(Op::Close)) continue;
+            bool struck = true;
+            const int64 stride = op == static_cast<int>(Op::Stat) ? 11 : 1;
+            for (int64 nth = 0; struck && !testing::Test::HasFailure(); nth += stride) {
+                SCOPED_TRACE(testing::Message() << (restores ? "restore" : "unmount") << ", operation " << op
+                                                << ", place " << nth);
+                M machine;
+                const auto before = machine.state();
+                machine.mount();
+                machine.dir.write(M::DATA + "Manifests/late.item", "came between");
+                machine.dir.write(M::DATA + "Manifests/Pending/y.item", "came between");
+                if (restores) machine.loseDrive();
+                {
+                    FaultOs os(machine.dir.path("root"));
+                    if (op == FULL) {
+                        os.setDiskLeft(nth * 256);
+                    } else {
+                        os.failNth(static_cast<Op>(op), nth + 1, EIO);
+                    }
+                    const std::string failure = failureOf([&] {
+                        restores ? void(ZqLaunchers::restore())
+                                 : void(machine.mgr.umountImage(machine.image, false));
+                    });
+                    struck = op == FULL ? nth < 40 : os.getNFailed() > 0;
+                }
+                machine.loseDrive();
+                EXPECT_TRUE(ZqLaunchers::restore().failures.isEmpty());
+                for (const char* name : {"Manifests/late.item", "Manifests/Pending/y.item"}) {
+                    EXPECT_EQ(machine.dir.read(M::DATA + name), "came between");
+                    fs::remove(machine.dir.path(M::DATA + name));
+                }
+                EXPECT_EQ(machine.changesSince(before), "");
+                EXPECT_EQ(machine.launchersFile(), "");
+            }
+        }
+    }
+}
+
+TEST(Launchers, TwoFileSystems) {
+    // What is set aside lies on another disk than the launcher's folder.
+    const TempDir other("/tmp");
+    for (const bool isCutOff : {false, true}) {
+        M machine;
+        struct stat here = {}, there = {};
+        ::stat(machine.dir.path().c_str(), &here);
+        ::stat(other.path().c_str(), &there);
+        if (here.st_dev == there.st_dev) GTEST_SKIP() << "there is one file system alone";
+        fs::create_directory_symlink(other.path(), machine.dir.path(M::PROGRAM_DATA) + "VOLM");
+        // Halves of moves that were cut off.
+        other.write("EpicGamesLauncher/Manifests.tavrin-moving/x.item", "half");
+        const auto before = machine.state();
+        machine.mount();
+        EXPECT_EQ(other.read("EpicGamesLauncher/Manifests/GUID-1.item"), "the player's own");
+        machine.dir.write(M::DATA + "Manifests/late.item", "came between");
+        if (isCutOff) {
+            machine.loseDrive();
+            // As a return that was cut off leaves it: the copy is whole, the original half removed.
+            const TempDir kept;
+            const fs::path aside = other.path("EpicGamesLauncher");
+            fs::copy(aside, kept.path("aside"), fs::copy_options::recursive);
+            EXPECT_TRUE(ZqLaunchers::restore().failures.isEmpty());
+            fs::copy(kept.path("aside"), aside, fs::copy_options::recursive);
+            fs::remove(aside / "Manifests/GUID-1.item");
+        } else {
+            machine.mgr.umountImage(machine.image, false);
+        }
+        EXPECT_TRUE(ZqLaunchers::restore().failures.isEmpty());
+        EXPECT_EQ(machine.dir.read(M::DATA + "Manifests/late.item"), "came between");
+        fs::remove(machine.dir.path(M::DATA + "Manifests/late.item"));
+        EXPECT_EQ(machine.changesSince(before), "");
+        EXPECT_FALSE(other.exists("EpicGamesLauncher"));
+    }
+}
+
+TEST(Launchers, TwoTitlesOnALauncherThatNeverRan) {
+    M machine;
+    fs::remove_all(machine.dir.path(M::PROGRAM_DATA + "Epic"));
+    const auto before = machine.state();
+    ZqLauncherRecord record;
+    for (const char* image : {"/a", "/b"}) {
+        machine.dir.write("volume/TAVRIN-protected/app/epicitems/more.item",
+                          manifest(image == std::string("/a") ? "GA" : "GB", "Fern"));
+        ZqEpicLibrary(&record).make(image, "E:");
+    }
+    for (const char* image : {"/b", "/a"}) {
+        ZqEpicLibrary(&record).undo(image);
+        record.save();
+    }
+    EXPECT_EQ(machine.changesSince(before), "");
+}
+
+TEST(Launchers, ALinkInThePlaceOfAnOwnedTitleIsThePlayers) {
+    M machine;
+    const auto before = machine.state();
+    machine.mount();
+    // Both the title's and the player's manifest are called so.
+    const std::string item = machine.dir.path(M::DATA + "Manifests/GUID-1.item");
+    fs::remove(item);
+    fs::create_symlink(machine.dir.path("image/app.json"), item);
+    machine.mgr.umountImage(machine.image, false);
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_EQ(machine.changesSince(before), "");
+        EXPECT_TRUE(ZqLaunchers::restore().failures.isEmpty());
+    }
+    EXPECT_TRUE(machine.dir.exists("image/app.json"));
+}
+
+TEST(Launchers, TheOriginalLaunchValuesOutliveACut) {
+    bool struck = true;
+    std::mt19937_64 random(19);
+    for (int64 step = 1; struck && !testing::Test::HasFailure(); ++step) {
+        for (const int loss : {0, 1, 2}) {
+            SCOPED_TRACE(std::to_string(step) + ", loss " + std::to_string(loss));
+            M machine;
+            machine.app.access = {"Steam"};
+            machine.mount();
+            machine.mgr.umountImage(machine.image, false);
+            // The launcher has moved.
+            M::set("HKLM/SOFTWARE/WOW6432Node/Valve/Steam", "InstallPath", "C:\\Elsewhere");
+            const auto mount = [&](bool noLaunchers) {
+                ZqMountMgr mgr;
+                ZqMountMgr::MountRequest request{
+                    ZqMountMgr::ReadOnly, ZqMountMgr::Removable, machine.image, "", Machine::SIZE_RAW, 4096,
+                    machine.cursor};
+                request.noLaunchers = noLaunchers;
+                failureOf([&] { mgr.mountImageZQF(request, ""); });
+                return mgr.getLaunch().cmd.str();
+            };
+            {
+                FaultOs os(machine.dir.path("image"));
+                os.cutPowerAt(os.getNSteps() + step);
+                mount(false);
+                struck = os.isCut();
+                machine.loseDrive();
+                if (struck && loss == 0) os.revive();
+                if (struck && loss == 1) os.crash();
+                if (struck && loss == 2) os.crash(&random);
+            }
+            EXPECT_EQ(mount(true), "{{ZQDRIVE}}/alpha.exe");
+        }
+    }
+}
+
 TEST(Launchers, TwoImagesAtATime) {
-    Machine_ machine;
+    M machine;
     const auto before = machine.state();
     const SxList<ZqRegistry::Item> first = {{"HKCU/Software/Game", "Level", ZqRegistry::RegSz, "1"},
                                             {"HKCU/Software/New/Deep", "a", ZqRegistry::RegSz, "1"}};
@@ -367,7 +508,7 @@ TEST(Launchers, TwoImagesAtATime) {
             ZqEpicLibrary(&record).make(image, "E:");
             ZqOriginLibrary(&record).make(image, "E:");
             ZqRobotLibrary(&record).make(image, isFirst ? "E:" : "F:");
-            machine.dir.write(Machine_::DATA + "Manifests/late.item", "came between");
+            machine.dir.write(M::DATA + "Manifests/late.item", "came between");
         }
         const SxString &out = images[inOrder ? 0 : 1], &stays = images[inOrder ? 1 : 0];
         const auto undo = [&](const SxString& image) {
@@ -379,31 +520,31 @@ TEST(Launchers, TwoImagesAtATime) {
         };
         undo(out);
         EXPECT_EQ(machine.registry("HKCU/Software/Game", "Level"), inOrder ? "2" : "1");
-        EXPECT_TRUE(machine.dir.exists(Machine_::DATA + "Manifests/GUID-1.item")) << "both have it";
-        EXPECT_NE(machine.dir.exists(Machine_::DATA + "Manifests/GUID-2.item"), inOrder);
-        EXPECT_TRUE(machine.dir.exists(Machine_::DATA + "egstore/Fern/.egstore"));
-        EXPECT_TRUE(machine.dir.exists(Machine_::ORIGIN + "Fern Title"));
-        EXPECT_TRUE(machine.dir.exists(Machine_::SAVED + "GUID-1.item"));
+        EXPECT_TRUE(machine.dir.exists(M::DATA + "Manifests/GUID-1.item")) << "both have it";
+        EXPECT_NE(machine.dir.exists(M::DATA + "Manifests/GUID-2.item"), inOrder);
+        EXPECT_TRUE(machine.dir.exists(M::DATA + "egstore/Fern/.egstore"));
+        EXPECT_TRUE(machine.dir.exists(M::ORIGIN + "Fern Title"));
+        EXPECT_TRUE(machine.dir.exists(M::SAVED + "GUID-1.item"));
         EXPECT_EQ(ZqRCParams("", "").libraries.getSize(), 2);
         undo(stays);
-        EXPECT_EQ(machine.dir.read(Machine_::DATA + "Manifests/late.item"), "came between");
-        fs::remove(machine.dir.path(Machine_::DATA + "Manifests/late.item"));
+        EXPECT_EQ(machine.dir.read(M::DATA + "Manifests/late.item"), "came between");
+        fs::remove(machine.dir.path(M::DATA + "Manifests/late.item"));
         EXPECT_EQ(machine.changesSince(before), "");
     }
 }
 
 TEST(Launchers, APlayersOwnFoldersAreNeitherOverwrittenNorRemoved) {
-    Machine_ machine;
-    machine.dir.write(Machine_::DATA + "egstore/Fern/.egstore/GUID-1.mancpn", "the player's");
-    machine.dir.write(Machine_::ORIGIN + "Fern Title/fern.mfst", "the player's");
+    M machine;
+    machine.dir.write(M::DATA + "egstore/Fern/.egstore/GUID-1.mancpn", "the player's");
+    machine.dir.write(M::ORIGIN + "Fern Title/fern.mfst", "the player's");
     machine.dir.write(
-        Machine_::CONFIG,
+        M::CONFIG,
         SxString(APP_CONFIG).substitute("D:/Games", "E:/TAVRIN-protected/RobotCacheLibrary").str());
     const auto before = machine.state();
     for (const bool isCutOff : {false, true}) {
         machine.mount();
-        EXPECT_EQ(machine.dir.read(Machine_::DATA + "egstore/Fern/.egstore/GUID-1.mancpn"), "the player's");
-        EXPECT_EQ(machine.dir.read(Machine_::ORIGIN + "Fern Title/fern.mfst"), "the player's");
+        EXPECT_EQ(machine.dir.read(M::DATA + "egstore/Fern/.egstore/GUID-1.mancpn"), "the player's");
+        EXPECT_EQ(machine.dir.read(M::ORIGIN + "Fern Title/fern.mfst"), "the player's");
         EXPECT_EQ(ZqRCParams("", "").libraries.getSize(), 1) << "it stands once";
         if (isCutOff) {
             machine.loseDrive();
@@ -414,35 +555,35 @@ TEST(Launchers, APlayersOwnFoldersAreNeitherOverwrittenNorRemoved) {
         EXPECT_EQ(machine.changesSince(before), "");
     }
     // A store folder without the part of the launcher's own.
-    fs::rename(machine.dir.path(Machine_::DATA + "egstore/Fern/.egstore"),
-               machine.dir.path(Machine_::DATA + "egstore/Fern/pictures"));
+    fs::rename(machine.dir.path(M::DATA + "egstore/Fern/.egstore"),
+               machine.dir.path(M::DATA + "egstore/Fern/pictures"));
     const auto without = machine.state();
     machine.mount();
-    EXPECT_TRUE(machine.dir.exists(Machine_::DATA + "egstore/Fern/.egstore/GUID-1.mancpn"));
+    EXPECT_TRUE(machine.dir.exists(M::DATA + "egstore/Fern/.egstore/GUID-1.mancpn"));
     machine.mgr.umountImage(machine.image, false);
     EXPECT_EQ(machine.changesSince(without), "");
 }
 
 TEST(Launchers, ALauncherThatNeverRanGetsItsFoldersAndLosesThem) {
-    Machine_ machine;
-    fs::remove_all(machine.dir.path(Machine_::PROGRAM_DATA + "Epic"));
-    fs::remove_all(machine.dir.path(Machine_::PROGRAM_DATA + "Origin"));
+    M machine;
+    fs::remove_all(machine.dir.path(M::PROGRAM_DATA + "Epic"));
+    fs::remove_all(machine.dir.path(M::PROGRAM_DATA + "Origin"));
     machine.app.access = {"Epic Games", "Origin"};
     const auto before = machine.state();
     machine.mount();
-    EXPECT_TRUE(machine.dir.exists(Machine_::DATA + "Manifests/GUID-1.item"));
-    EXPECT_FALSE(machine.dir.exists(Machine_::PROGRAM_DATA + "VOLM"));
+    EXPECT_TRUE(machine.dir.exists(M::DATA + "Manifests/GUID-1.item"));
+    EXPECT_FALSE(machine.dir.exists(M::PROGRAM_DATA + "VOLM"));
     machine.mgr.umountImage(machine.image, false);
-    EXPECT_TRUE(fs::remove(machine.dir.path(Machine_::ORIGIN))) << "an empty one stays";
-    fs::remove(machine.dir.path(Machine_::PROGRAM_DATA + "Origin"));
+    EXPECT_TRUE(fs::remove(machine.dir.path(M::ORIGIN))) << "an empty one stays";
+    fs::remove(machine.dir.path(M::PROGRAM_DATA + "Origin"));
     EXPECT_EQ(machine.changesSince(before), "");
 }
 
 TEST(Launchers, APartThatCantBeTakenBackStaysAndIsNamed) {
-    Machine_ machine;
+    M machine;
     const auto before = machine.state();
     machine.mount();
-    const std::string item = machine.dir.path(Machine_::DATA + "Manifests/GUID-2.item");
+    const std::string item = machine.dir.path(M::DATA + "Manifests/GUID-2.item");
     fs::remove(item);
     fs::create_symlink(machine.dir.path("image"), item);
     machine.loseDrive();
@@ -450,9 +591,8 @@ TEST(Launchers, APartThatCantBeTakenBackStaysAndIsNamed) {
     ASSERT_EQ(restored.failures.getSize(), 1);
     EXPECT_THAT(restored.failures.first().what(),
                 AllOf(HasSubstr(machine.name), HasSubstr("GUID-2.item' is a link")));
-    EXPECT_EQ(machine.dir.read(Machine_::DATA + "Manifests/other.item"), "another title")
-        << "the rest went on";
-    EXPECT_FALSE(machine.dir.exists(Machine_::ORIGIN + "Fern Title"));
+    EXPECT_EQ(machine.dir.read(M::DATA + "Manifests/other.item"), "another title") << "the rest went on";
+    EXPECT_FALSE(machine.dir.exists(M::ORIGIN + "Fern Title"));
     fs::remove(item);
     EXPECT_TRUE(ZqLaunchers::restore().failures.isEmpty());
     EXPECT_EQ(machine.changesSince(before), "");
@@ -461,7 +601,7 @@ TEST(Launchers, APartThatCantBeTakenBackStaysAndIsNamed) {
 }
 
 TEST(Launchers, AreFailuresOfTheUnmountOnlyInTheLog) {
-    Machine_ machine;
+    M machine;
     machine.app.access = {"Epic Games", "Origin"};
     const auto before = machine.state();
     machine.mount();
@@ -477,7 +617,7 @@ TEST(Launchers, AreFailuresOfTheUnmountOnlyInTheLog) {
 }
 
 TEST(Launchers, AHardUnmountLeavesThemToTheNext) {
-    Machine_ machine;
+    M machine;
     const auto before = machine.state();
     machine.mount();
     EXPECT_TRUE(machine.mgr.umountImage(machine.image, true));
@@ -488,7 +628,7 @@ TEST(Launchers, AHardUnmountLeavesThemToTheNext) {
 }
 
 TEST(Launchers, OnlyTheLauncherOfThisMachineRootIsClosed) {
-    Machine_ machine;
+    M machine;
     ScriptedDesktop desktop;
     const auto start = [&](const std::string& prefix) {
         auto process = std::make_unique<SxProcess>(
@@ -517,21 +657,21 @@ TEST(Launchers, OnlyTheLauncherOfThisMachineRootIsClosed) {
 }
 
 TEST(Launchers, StoringAndRestoringManifestsAlone) {
-    Machine_ machine;
+    M machine;
     const auto before = machine.state();
     ZqEpicParams::restoreManifests();
     EXPECT_EQ(machine.changesSince(before), "");
     ZqEpicParams::storeManifests();
-    EXPECT_TRUE(machine.dir.exists(Machine_::SAVED + "GUID-1.item"));
-    EXPECT_TRUE(fs::is_empty(machine.dir.path(Machine_::DATA + "Manifests")));
-    machine.dir.write(Machine_::DATA + "Manifests/new.item", "x");
+    EXPECT_TRUE(machine.dir.exists(M::SAVED + "GUID-1.item"));
+    EXPECT_TRUE(fs::is_empty(machine.dir.path(M::DATA + "Manifests")));
+    machine.dir.write(M::DATA + "Manifests/new.item", "x");
     ZqEpicParams::storeManifests();
-    EXPECT_TRUE(machine.dir.exists(Machine_::SAVED + "new.item")) << "the set that is saved stays";
-    fs::remove(machine.dir.path(Machine_::SAVED + "new.item"));
+    EXPECT_TRUE(machine.dir.exists(M::SAVED + "new.item")) << "the set that is saved stays";
+    fs::remove(machine.dir.path(M::SAVED + "new.item"));
     ZqEpicParams::restoreManifests();
     EXPECT_EQ(machine.changesSince(before), "");
     EXPECT_EQ(machine.launchersFile(), "");
-    fs::remove_all(machine.dir.path(Machine_::DATA));
+    fs::remove_all(machine.dir.path(M::DATA));
     const auto without = machine.state();
     ZqEpicParams::storeManifests();
     ZqEpicParams::restoreManifests();
@@ -539,7 +679,7 @@ TEST(Launchers, StoringAndRestoringManifestsAlone) {
 }
 
 TEST(Launchers, TheRecordsReadAndWriteWhatTheyDontKnow) {
-    Machine_ machine;
+    M machine;
     const SxString folder = machine.dir.prefix();
     machine.dir.write("a.item", manifest("", "Fern", R"(, "Extra": {"deep": [1.5]})"));
     ZqEpicParams item("a.item", folder);
@@ -550,7 +690,8 @@ TEST(Launchers, TheRecordsReadAndWriteWhatTheyDontKnow) {
     EXPECT_THAT(machine.dir.read("new/b.item"), AllOf(HasSubstr("\"deep\""), HasSubstr("\"G\"")));
     item.write("", folder + "new/");
     EXPECT_TRUE(machine.dir.exists("new/G.item"));
-    item.LaunchExecutable = "plain";
+    machine.dir.write("plain.item", SxString(manifest("", "Fern")).substitute("Bin\\\\Win64/", "").str());
+    EXPECT_EQ(ZqEpicParams("plain.item", folder).exeName, "Alpha.exe");
     EXPECT_THAT(failureOf([&] { ZqEpicParams("none.item", folder); }),
                 AllOf(StartsWith("File "), HasSubstr("none.item not found.")));
 
@@ -566,11 +707,11 @@ TEST(Launchers, TheRecordsReadAndWriteWhatTheyDontKnow) {
 }
 
 TEST(Launchers, InA32BitPrefix) {
-    Machine_ machine;
+    M machine;
     machine.app.access = {"Steam"};
     ZqRegistry::removeRegEntriesAsAdmin(
         {{"HKLM/SOFTWARE/WOW6432Node/Valve/Steam", "InstallPath", ZqRegistry::RegSz, ""}});
-    Machine_::set("HKLM/SOFTWARE/Valve/Steam", "InstallPath", "C:\\Steam32");
+    M::set("HKLM/SOFTWARE/Valve/Steam", "InstallPath", "C:\\Steam32");
     EXPECT_THAT(causeOf(machine), HasSubstr("Steam not installed"));
     const std::string file = "root/system.reg";
     machine.dir.write(file, SxString(machine.dir.read(file)).substitute("win64", "win32").str());

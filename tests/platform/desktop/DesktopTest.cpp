@@ -135,6 +135,20 @@ TEST_F(DesktopTest, WindowsAreMinimisedAndRestored) {
     EXPECT_FALSE(desktop.isIconic(game));
 }
 
+TEST_F(DesktopTest, WindowsAreClosed) {
+    TestApplication application, stays;
+    const Handle launcher = application.show({"The Launcher", "launcher", 1234, ""});
+    const Handle other = stays.show({"Other", "other", 1, ""});
+    ASSERT_TRUE(soon([&] {
+        return desktop.findByTitle("The Launcher") == launcher && desktop.findByTitle("Other") == other;
+    }));
+    desktop.close(launcher);
+    EXPECT_TRUE(soon([&] { return desktop.findByTitle("The Launcher") == 0; }));
+    EXPECT_EQ(desktop.findByTitle("Other"), other);
+    desktop.close(launcher); // one that is gone
+    desktop.close(0);
+}
+
 TEST_F(DesktopTest, ALostDisplayHasNoWindowsAndANewOneIsFound) {
     {
         TestApplication application;

@@ -81,13 +81,19 @@ TEST_F(MachineRootTest, PlaceOfTheRoot) {
     setenv("HOME", home.c_str(), 1);
 }
 
-TEST_F(MachineRootTest, OnlyDriveCIsMadeOnFirstUse) {
+TEST_F(MachineRootTest, TheDrivesOfWineAreMadeOnFirstUse) {
     ZqMachineRoot::set((root / "fresh").string());
     SxFSAction::mkdir_p("C:/games/x");
     EXPECT_TRUE(dir.exists("fresh/drive_c/games/x"));
     EXPECT_EQ(fs::read_symlink(root / "fresh/dosdevices/c:"), "../drive_c");
-    EXPECT_THROW(SxFSAction::mkdir_p("Z:/games/x"), SxException);
-    EXPECT_FALSE(dir.exists("fresh/dosdevices/z:"));
+    EXPECT_EQ(fs::read_symlink(root / "fresh/dosdevices/z:"), "/");
+    EXPECT_THROW(SxFSAction::mkdir_p("Y:/games/x"), SxException);
+    // One that Wine has set up keeps what its user has made of it.
+    dir.write("wines/.update-timestamp", "1");
+    ZqMachineRoot::set((root / "wines").string());
+    SxFSAction::mkdir_p("C:/games");
+    EXPECT_FALSE(dir.exists("wines/dosdevices/z:"));
+    ZqMachineRoot::set((root / "fresh").string());
     // The letter itself is the folder that it leads to.
     EXPECT_EQ(SxFSAction::ls("C:/").getSize(), 1);
     EXPECT_FALSE(SxFileInfo("C:/").isLink());

@@ -184,6 +184,50 @@ TEST_F(RegistryTest, removalTakesWhatItNames) {
     EXPECT_FALSE(ZqRegistry::contains("HKLM", "P"));
 }
 
+TEST_F(RegistryTest, whatStoodThereComesBackWithItsKeys) {
+    ZqRegistry::setVal("HKCU/Software/Game", "Level", ZqRegistry::RegBinary, "0bad");
+    ZqRegistry::setVal("HKCU/Software/Game/Kept", "", ZqRegistry::RegSz, "x");
+    ZqRegistry::removeRegEntriesAsAdmin({item("HKCU/Software/Game/Kept", "none")});
+    const SxList<Item> list = {item("HKCU\\software\\GAME", "level", ZqRegistry::RegDword, "7"),
+                               item("HKCU/Software/Game/Kept/New/Newer", "a"),
+                               item("HKCU/Software/Game/Kept/New", "b"), item("HKLM/Made/x", "c"),
+                               item("HKLM/Made/x", "C", ZqRegistry::RegSz, "{{ZQDRIVE}}")};
+    const std::string before = dir.read(USER);
+    SxList<ZqRegistry::State> former;
+    EXPECT_THAT(failureOf([&] {
+                    ZqRegistry::createNoted(list, "E:", {}, [](const auto&, const auto&) {
+                        throw SxException("the note can't be written", "", 0);
+                    });
+                }),
+                StartsWith("the note"));
+    EXPECT_EQ(dir.read(USER), before) << "nothing without its note";
+    const auto write = [&](const SxList<ZqRegistry::State>& made) {
+        ZqRegistry::createNoted(list, "E:", made, [&](const auto& states, const auto& written) {
+            former = states;
+            EXPECT_EQ(states.getSize(), 4) << "each value once";
+            EXPECT_EQ(written.getSize(), 4);
+        });
+    };
+    write({});
+    EXPECT_EQ(ZqRegistry::getVal("HKLM/Made/x", "c"), "E:");
+    EXPECT_EQ(former(1).nMade, 2);
+    EXPECT_EQ(former(3).nMade, 2);
+    // What another change has made isn't taken to have been there.
+    const SxList<ZqRegistry::State> first = former;
+    write(first);
+    EXPECT_EQ(former(1).nMade, 2);
+    EXPECT_TRUE(former(1).isThere) << "who asks knows whose it is";
+    ZqRegistry::setVal("HKLM/Made", "others", ZqRegistry::RegSz, "x");
+    ZqRegistry::put(first);
+    EXPECT_EQ(ZqRegistry::getVal("HKCU/Software/Game", "Level"), "0bad");
+    EXPECT_TRUE(ZqRegistry::contains("HKCU/Software/Game", "Kept"));
+    EXPECT_FALSE(ZqRegistry::contains("HKCU/Software/Game/Kept", "New"));
+    EXPECT_FALSE(ZqRegistry::contains("HKLM/Made", "x"));
+    EXPECT_TRUE(ZqRegistry::contains("HKLM", "Made")) << "it holds something else by now";
+    ZqRegistry::put(first);
+    EXPECT_EQ(section(USER, "Software\\\\Game"), "\"Level\"=hex:0b,ad\n");
+}
+
 TEST_F(RegistryTest, aListIsWrittenWholeOrNotAtAll) {
     const std::pair<Item, const char*> bad[] = {
         {item("HKLM/b", "v", ZqRegistry::RegDword, "4294967296"), "isn't a number of 32 bits"},
@@ -375,6 +419,17 @@ TEST_F(WineTest, wineReadsWhatWeWriteAndTheOtherWayRound) {
     EXPECT_TRUE(ZqRegistry::contains("HKLM/Software", "Lab [1]"));
     ZqRegistry::createRegEntriesAsAdmin(list, "E:");
     expectAll();
+
+    // And undone through it, with the keys that were made.
+    SxList<ZqRegistry::State> former;
+    ZqRegistry::createNoted(
+        {item("HKCU/Software/Lab", "q", ZqRegistry::RegSz, "ours"), item("HKCU/Software/Lab/Made/Deep", "v")},
+        "E:", {}, [&](const auto& states, const auto&) { former = states; });
+    EXPECT_EQ(former(1).nMade, 2);
+    EXPECT_THAT(query("'HKCU\\Software\\Lab' /s"), AllOf(HasSubstr("ours"), HasSubstr("Deep")));
+    ZqRegistry::put(former);
+    expectAll();
+    EXPECT_FALSE(ZqRegistry::contains("HKCU/Software/Lab", "Made"));
 
     // What the server wrote at its end, and edits of its files.
     endServer();
