@@ -35,27 +35,31 @@ void ZqMountMgr::requireDrive() const {
 
 void ZqMountMgr::setUpLaunchers(const SxList<SxString>& access) {
     const auto write = [&] { getLaunch().write(mntImage); };
-    const Step steps[] = {
-        {ZqLaunchCommand::STEAM, "Updating Steam library failed",
-         [&] {
-             ZqLaunchCommand::setSteam(&*appParams);
-             write();
-         }},
-        {ZqLaunchCommand::EPIC, "Updating Epic Game library failed",
-         [&] {
-             setUpEpic();
-             write();
-         }},
-        {ZqLaunchCommand::UBISOFT, "Updating Uplay command failed",
-         [&] {
-             ZqLaunchCommand::setUbisoft(&*appParams);
-             write();
-         }},
-        {ZqLaunchCommand::ORIGIN, "Updating EA Game library failed", [&] { writeEALibEntries(); }},
-        {ZqLaunchCommand::ROBOT_CACHE, "Updating RC Game library failed", [&] {
-             setUpRobotCache();
-             write();
-         }}};
+    const Step steps[] = {{ZqLaunchCommand::STEAM, "Updating Steam library failed",
+                           [&] {
+                               ZqLaunchCommand::setSteam(&*appParams);
+                               write();
+                           }},
+                          {ZqLaunchCommand::EPIC, "Updating Epic Game library failed",
+                           [&] {
+                               setUpEpic();
+                               write();
+                           }},
+                          {ZqLaunchCommand::UBISOFT, "Updating Uplay command failed",
+                           [&] {
+                               ZqLaunchCommand::setUbisoft(&*appParams);
+                               write();
+                           }},
+                          {ZqLaunchCommand::ORIGIN, "Updating EA Game library failed",
+                           [&] {
+                               writeEALibEntries();
+                               // As the image came, where a former mount had another launcher.
+                               write();
+                           }},
+                          {ZqLaunchCommand::ROBOT_CACHE, "Updating RC Game library failed", [&] {
+                               setUpRobotCache();
+                               write();
+                           }}};
     for (const Step& step : steps) {
         if (!access.contains(step.word)) continue;
         try {
