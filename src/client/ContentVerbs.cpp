@@ -70,6 +70,7 @@ int extract(const ExtractOptions& options, Output& out) {
         result.append("bytes", job.getNBytes());
         result.append("kept", options.isKept);
         result.append("resumed", job.isResumed());
+        result.append("left", job.getLeft());
         result.append("seconds", seconds);
         result.append("bytesPerSecond", static_cast<int64>(rate));
         out.object(result);
@@ -84,7 +85,12 @@ int extract(const ExtractOptions& options, Output& out) {
     if (!options.isKept) out.text("The image is removed.");
     if (job.getNSkipped() > 0) {
         out.text("Passed over " + ZqReadable::counted(job.getNSkipped(), "thing", "things") +
-                 " that are neither files nor folders nor links; the log names them.");
+                 ", neither file nor folder nor link; the log names them.");
+    }
+    if (!job.getLeft().isEmpty()) {
+        out.finding(
+            "What programs have written beside redirected files isn't in the installation; it stays in " +
+            job.getLeft());
     }
     return ExitSuccess;
 }

@@ -91,6 +91,7 @@ int restore(Output& out) {
         root.setType(Json::Object);
         append(root, "restored", restored.images);
         append(root, "mounted", restored.mounted);
+        root.append("broughtBack", restored.broughtBack);
         root.append("failed", restored.failures.getSize());
         out.object(root);
     }
@@ -103,7 +104,8 @@ int restore(Output& out) {
     for (const SxString& image : restored.mounted)
         out.text("What the mount of '" + image.makeVisible() +
                  "' has changed stays as long as that is mounted");
-    if (restored.images.isEmpty()) out.text("Nothing was left over");
+    if (restored.broughtBack) out.text("Brought the Epic manifests back that were set aside");
+    if (restored.images.isEmpty() && !restored.broughtBack) out.text("Nothing was left over");
     return ExitSuccess;
 }
 

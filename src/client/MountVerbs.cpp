@@ -219,8 +219,7 @@ void readApp(const SxString& image, ZqMountMgr* manager, Output* out) {
     try {
         manager->setAppParams(ZqAppParams(folder));
     } catch (const SxException& e) {
-        out->finding(SxString("What the mount has changed is taken back after the drive is gone: ") +
-                     e.what());
+        out->finding(SxString("What a mount has changed is taken back without the record: ") + e.what());
     }
 }
 

@@ -41,6 +41,7 @@ ZqExtractNote ZqExtractNote::read(const SxString& image) {
         note.destination = root.getElem("destination", true).toString();
         note.device = toUnsigned(root, "device");
         note.inode = toUnsigned(root, "inode");
+        note.mark = root.getElem("mark", true).toString();
         note.drive = toUnsigned(root, "drive");
         note.isKept = root.getElem("keep", true).toBool();
         note.folder = root.getElem("folder", true).toString();
@@ -62,6 +63,7 @@ void ZqExtractNote::write(const SxString& image) const {
     root.append("destination", destination);
     root.append("device", static_cast<int64>(device));
     root.append("inode", static_cast<int64>(inode));
+    root.append("mark", mark);
     root.append("drive", static_cast<int64>(drive));
     root.append("keep", isKept);
     root.append("folder", folder);
@@ -80,10 +82,16 @@ void ZqExtractNote::remove(const SxString& image) {
     SxFSAction::syncDir(image);
 }
 
+SxString ZqExtractNote::markOf(const SxString& folder) {
+    const auto info = SxFSAction::look(folder + MARK);
+    return info && info->kind == SxStat::File ? SxFileIO::readUtf8(folder + MARK) : SxString();
+}
+
 bool ZqExtractNote::isBinding() const {
     if (inode == 0 || destination.isEmpty()) return false;
     const auto info = SxFSAction::look(destination);
-    return info && info->kind == SxStat::Dir && info->device == device && info->inode == inode;
+    return info && info->kind == SxStat::Dir && info->device == device && info->inode == inode &&
+           !mark.isEmpty() && markOf(destination) == mark;
 }
 
 void ZqExtractNote::refuse(const SxString& image) {

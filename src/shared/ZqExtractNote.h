@@ -11,11 +11,18 @@ class ZqExtractNote {
 public:
     SxString destination;             ///< absolute host path of the installation, without a trailing slash
     uint64 device = 0, inode = 0;     ///< of that folder; 0 while files are copied
+    SxString mark;                    ///< what its file MARK holds, until all is done
     uint64 drive = 0;                 ///< the disk that was mounted for it (ZqDiskStatus::madeNs)
     bool isKept = false;              ///< the image and the private files stay
     SxString folder;                  ///< the protected folder
     SxString guid;                    ///< of the application
     SxList<SxString> dirmap, filemap; ///< as app.json has them
+
+    /// A file in the installation that tells it from any other folder of its name: an inode number comes back
+    /// as soon as its folder was removed.
+    static constexpr const char* MARK = "/.tavrin-extract";
+    /// What the mark of a folder holds; empty where it has none.
+    static SxString markOf(const SxString& folder);
 
     static SxString file(const SxString& image);
     static bool exists(const SxString& image);

@@ -50,7 +50,7 @@ protected:
     std::map<string, string> rootState() const {
         std::map<string, string> all;
         for (const auto& [path, mark] : dir.snapshot("root")) {
-            if (path.starts_with("drive_c/ProgramData/TAVRIN") || path.starts_with("dosdevices/") ||
+            if (path.starts_with("drive_c/ProgramData/TAVRIN") || path.starts_with("dosdevices") ||
                 path.ends_with(".reg") || path.ends_with(".lock"))
                 continue;
             struct stat info = {};

@@ -135,7 +135,10 @@ void ZqExtractContent::run() {
 }
 
 void ZqExtractContent::requireImage(const ZqExtractPlaces& places) {
-    if (!SxFSAction::test_d(image)) refuse(image + " is not a directory.", __LINE__);
+    if (!SxFSAction::test_d(image)) {
+        requireNoRest(places);
+        refuse(image + " is not a directory.", __LINE__);
+    }
     // In the middle of a replacement the records aren't there.
     ZqImageLock::finishReplacement(image);
     if (ZqImageStaging::liesIn(places.destination, places.image))
@@ -259,10 +262,20 @@ void ZqExtractContent::extract(const ZqExtractPlaces& places) {
 
 void ZqExtractContent::makeStaging(const ZqExtractPlaces& places) {
     // Not what somebody else has put there, such as a link.
+    const SxString words = "Cannot create destination directory " + destination;
     const int made = SxOs::get().makeDir(places.staging.str(), 0777);
-    if (made == 0) return;
-    const SxException cause(SxOs::errorText(made), UNIT, __LINE__);
-    raise("Cannot create destination directory " + destination, " : ", cause, __LINE__);
+    if (made < 0)
+        raise(words, " : ", SxException("'" + places.staging + "': " + SxOs::errorText(made), UNIT, __LINE__),
+              __LINE__);
+    try {
+        mark = ZqSysEnv::getNewGUID() + places.markEnd();
+        SxFileIO file;
+        file.create(places.staging + ZqExtractNote::MARK);
+        file.write(mark);
+        file.close();
+    } catch (const SxException& e) {
+        raise(words, " : ", e, __LINE__);
+    }
 }
 
 void ZqExtractContent::copyDrive(const ZqExtractPlaces& places, const SxString& mntPoint,
@@ -395,6 +408,7 @@ void ZqExtractContent::commit(const ZqExtractPlaces& places) {
     note.destination = places.destination;
     note.device = info->device;
     note.inode = info->inode;
+    note.mark = mark;
     note.isKept = isKept;
     note.folder = folder;
     note.guid = app.guid;
@@ -417,7 +431,14 @@ void ZqExtractContent::commit(const ZqExtractPlaces& places) {
 void ZqExtractContent::takeBack(const ZqExtractPlaces& places) const {
     try {
         ZqExtractNote::remove(places.image);
-        if (!SxFSAction::isGone(places.staging)) SxFSAction::rm_r(places.staging);
+        if (SxFSAction::isGone(places.staging)) return;
+        // Not what somebody else has called so.
+        const bool isOurs = !SxFSAction::isGone(places.staging + ZqExtractNote::MARK);
+        const int removed = isOurs ? 0 : SxOs::get().removeDir(places.staging.str());
+        if (isOurs) SxFSAction::rm_r(places.staging);
+        if (removed < 0)
+            throw SxException("'" + places.staging + "' isn't of this program: " + SxOs::errorText(removed),
+                              UNIT, __LINE__);
     } catch (const SxException& e) {
         log("cannot remove what was copied so far: " + e.toString(3, "\n"));
     }

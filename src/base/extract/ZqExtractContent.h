@@ -38,6 +38,9 @@ public:
     int64 getNFiles() const { return nFiles; }
     /// Bytes that were copied.
     uint64 getNBytes() const { return nBytes; }
+    /// The private folder in which programs have written beside redirected files; empty for none. That stays,
+    /// and isn't in the installation.
+    const SxString& getLeft() const { return privateLeft; }
     /// Number of pipes, sockets and devices that were passed over; the log names them.
     int64 getNSkipped() const { return nSkipped; }
 
@@ -53,6 +56,8 @@ private:
     void run();
     /// Refuses what can be refused without a lock and without a drive.
     void requireImage(const ZqExtractPlaces& places);
+    /// Raises where the image is gone since it was extracted, and what is left of it waits for its end.
+    void requireNoRest(const ZqExtractPlaces& places);
     void requireNoDrive(const ZqExtractPlaces& places);
     void checkDigest(const ZqExtractPlaces& places);
     void requireRoom(uint64 nNeeded);
@@ -81,6 +86,7 @@ private:
     SxString moveAway(const ZqExtractPlaces& places, const SxString& from);
     void removePrivate(const ZqExtractPlaces& places, const ZqExtractNote& note);
     void removeRest(const ZqExtractPlaces& places, const SxString& from) const;
+    void removeMark(const ZqExtractPlaces& places) const;
     /// The private files of an application may be those of another image's drive, too.
     static void requirePrivateFree(const ZqExtractPlaces& places, const SxString& guid);
 
@@ -97,7 +103,9 @@ private:
     ZqAppParams app;
     SxString folder; ///< the protected folder
     std::vector<Private> privates;
-    int64 t0 = 0; ///< system time in milliseconds
+    int64 t0 = 0;         ///< system time in milliseconds
+    SxString mark;        ///< of the copy
+    SxString privateLeft; ///< where other private files stay
     bool isTold = false, isRefused = false;
     bool isNamed = false; ///< the copy has its name
     bool complete = false, resumed = false;

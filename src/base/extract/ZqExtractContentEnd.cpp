@@ -41,9 +41,9 @@ SxString ZqExtractContent::findBegun(const ZqExtractPlaces& places) {
         const ZqExtractNote note = ZqExtractNote::read(each);
         if (note.isBinding() && note.destination == places.destination) return each;
     }
-    // The note has gone already, but not what held it.
-    const bool isRest = SxFSAction::isGone(places.image) && !SxFSAction::isGone(places.moved) &&
-                        !ZqExtractNote::exists(places.moved) && SxFSAction::test_d(places.destination);
+    // The note has gone already, but not all else: what held it, or the mark.
+    const bool isRest = SxFSAction::isGone(places.image) && !ZqExtractNote::exists(places.moved) &&
+                        ZqExtractNote::markOf(places.destination).endsWith(places.markEnd().str());
     return isRest ? places.moved : SxString();
 }
 
@@ -73,22 +73,25 @@ void ZqExtractContent::finish(const ZqExtractPlaces& places, const SxString& fro
         app = ZqAppParams(prefix);
         makeRegistryEntries(places);
     }
-    if (note.isKept) return ZqExtractNote::remove(from);
-    SxString left;
+    if (note.isKept) {
+        ZqExtractNote::remove(from);
+        return removeMark(places);
+    }
+    SxString rest;
     try {
-        left = moveAway(places, from);
-        for (const SxFileInfo& entry : SxFSAction::ls(left)) {
+        rest = moveAway(places, from);
+        for (const SxFileInfo& entry : SxFSAction::ls(rest)) {
             const SxString name = entry.getName();
             if (name == ZqImageFiles::EXTRACT_JSON || name == ZqImageFiles::LOCK) continue;
             SxFSAction::rm_r(entry);
         }
-        SxFSAction::syncDir(left);
+        SxFSAction::syncDir(rest);
     } catch (const SxException& e) {
         raise("Cannot remove TAVRIN image " + image, " : ", e, __LINE__);
     }
     removePrivate(places, note);
     try {
-        removeRest(places, left);
+        removeRest(places, rest);
     } catch (const SxException& e) {
         raise("Cannot remove TAVRIN image " + image, " : ", e, __LINE__);
     }
@@ -111,7 +114,12 @@ SxString ZqExtractContent::moveAway(const ZqExtractPlaces& places, const SxStrin
     SxString left = from;
     if (from == places.image) {
         // Of another image that was here, and whose end nobody can do any longer.
-        if (!SxFSAction::isGone(places.moved)) SxFSAction::rm_r(places.moved);
+        if (!SxFSAction::isGone(places.moved)) {
+            if (!ZqExtractNote::exists(places.moved) && !SxFSAction::ls(places.moved).isEmpty())
+                throw SxException("'" + places.moved + "' is in the way, and isn't of this program", UNIT,
+                                  __LINE__);
+            SxFSAction::rm_r(places.moved);
+        }
         const int result = os.rename(places.image.str(), places.moved.str());
         // The place of a file system can't be renamed.
         const bool isFixed = result == -EBUSY || result == -EXDEV;
@@ -181,6 +189,7 @@ void ZqExtractContent::removePrivate(const ZqExtractPlaces& places, const ZqExtr
                   __LINE__);
         }
     }
+    if (SxFSAction::test_d(side) && !SxFSAction::ls(side).isEmpty()) privateLeft = side;
 }
 
 /// Removes the note, with which nothing more can be gone on with, and what held it.
@@ -208,4 +217,22 @@ void ZqExtractContent::removeRest(const ZqExtractPlaces& places, const SxString&
     }
     for (const SxString& each : {places.moved, places.movedLink})
         if (isLink(each)) SxFSAction::rm(each);
+    removeMark(places);
+}
+
+/// The last step: as long as the mark is there, what is left of the image is known as such.
+void ZqExtractContent::removeMark(const ZqExtractPlaces& places) const {
+    if (SxFSAction::isGone(places.destination + ZqExtractNote::MARK)) return;
+    SxFSAction::rm(places.destination + ZqExtractNote::MARK);
+    SxFSAction::syncDir(places.destination);
+}
+
+void ZqExtractContent::requireNoRest(const ZqExtractPlaces& places) {
+    if (!ZqExtractNote::exists(places.moved)) return;
+    const ZqExtractNote note = ZqExtractNote::read(places.moved);
+    const SxString begin = "Image '" + places.image + "' was extracted to '" + note.destination + "'";
+    if (note.isBinding())
+        refuse(begin + "; go on with: tavrin content extract IMAGE '" + note.destination + "'", __LINE__);
+    refuse(begin + ", which isn't there any longer; what is left of the image lies in '" + places.moved + "'",
+           __LINE__);
 }

@@ -1,6 +1,7 @@
 #include "ZqExtractPlaces.h"
 
 #include "SxFSAction.h"
+#include "SxMd5.h"
 
 namespace {
 
@@ -63,4 +64,8 @@ ZqExtractPlaces::ZqExtractPlaces(const SxString& image_, const SxString& destina
     destination = below(parent.str(), nameOf(wanted));
     staging = beside(destination.str(), ".tavrin-extract");
     lock = staging + ".lock";
+}
+
+SxString ZqExtractPlaces::markEnd() const {
+    return "-" + SxMd5::get(image);
 }

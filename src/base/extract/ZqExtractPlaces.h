@@ -8,6 +8,9 @@ struct ZqExtractPlaces {
     /// `image` and `destination` are paths of the library.
     ZqExtractPlaces(const SxString& image, const SxString& destination);
 
+    /// What the mark (ZqExtractNote::MARK) of an installation of this image ends in.
+    SxString markEnd() const;
+
     SxString image;       ///< with all links resolved; what it leads to may be gone
     SxString link;        ///< the link that was given in its place; empty for none
     SxString moved;       ///< what the image is called while it is removed

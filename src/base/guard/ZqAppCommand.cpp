@@ -1,6 +1,7 @@
 #include "ZqAppCommand.h"
 
 #include "SxException.h"
+#include "SxFSAction.h"
 #include "SxOs.h"
 #include "ZqMachineRoot.h"
 #include "ZqSysEnv.h"
@@ -106,6 +107,11 @@ void ZqAppCommand::requireMeans(const SxString& windowsProgram, const SxString& 
 }
 
 void ZqAppCommand::start() {
-    if (!needsWine.isEmpty()) requireMeans(needsWine, runner);
+    if (!needsWine.isEmpty()) {
+        requireMeans(needsWine, runner);
+        const bool isPath = needsWine.find("/") >= 0 || needsWine.find("\\") >= 0;
+        if (isPath && !SxFSAction::test_f(needsWine))
+            throw SxException("There is no program '" + needsWine.makeVisible() + "'", UNIT, __LINE__);
+    }
     process->start();
 }

@@ -151,7 +151,7 @@ void ZqLauncherChanges::tidy() {
         if (!image.isEmpty()) left.append(image);
     }
     images = left;
-    if (!hasLibraries()) librariesDigest = SxString();
+    if (!hasLibraries()) librariesDigests.removeAll();
 }
 
 bool ZqLauncherChanges::hasLibraries() const {
@@ -186,7 +186,7 @@ void ZqLauncherChanges::readText(const SxString& text, const SxString& textName)
     }
     const SxSymbol returns = root.getElem("setReturns", false);
     setReturns = returns.isValid() && returns.toBool();
-    ZqRecordFile::get(root, "librariesDigest", &librariesDigest);
+    ZqRecordFile::get(root, "librariesDigests", &librariesDigests);
 }
 
 SxString ZqLauncherChanges::toText() const {
@@ -206,6 +206,6 @@ SxString ZqLauncherChanges::toText() const {
     }
     put(root, "folders", folders);
     if (setReturns) root.append("setReturns", true);
-    if (!librariesDigest.isEmpty()) root.append("librariesDigest", librariesDigest);
+    put(root, "librariesDigests", librariesDigests);
     return root.toJson(4) + "\n";
 }

@@ -29,7 +29,9 @@ public:
     SxList<SxString> folders; ///< of the Epic launcher that were made, and go once they are empty
     /// The player's saved manifests are on their way back. From then on none of the launcher's is ours.
     bool setReturns = false;
-    SxString librariesDigest; ///< MD5 of Robot Cache's file as it was last written here; empty for unknown
+    /// MD5 of Robot Cache's file as it was last written here; two where that may have been cut off, none
+    /// where somebody else has written it.
+    SxList<SxString> librariesDigests;
 
     bool operator==(const ZqLauncherChanges&) const = default;
     bool isEmpty() const { return images.isEmpty() && folders.isEmpty() && !setReturns; }

@@ -52,13 +52,14 @@ void undoAll(ZqLauncherRecord* record, const SxString& image) {
 
 /// Brings to its end what belongs to no image: a return of the player's manifests that was cut off, or of
 /// such that nobody has noted.
-void undoRest(ZqLauncherRecord* record) {
+bool undoRest(ZqLauncherRecord* record) {
     ZqEpicLibrary library(record);
-    if (!record->changes.hasEpic() && !SxFSAction::isGone(ZqLauncherFiles::EPIC_SAVED))
-        ZqEpicLibrary::closeLauncher();
+    const bool isAside = !SxFSAction::isGone(ZqLauncherFiles::EPIC_SAVED);
+    if (!record->changes.hasEpic() && isAside) ZqEpicLibrary::closeLauncher();
     library.bringBack();
     library.removeFolders();
     record->save();
+    return isAside && SxFSAction::isGone(ZqLauncherFiles::EPIC_SAVED);
 }
 
 } // namespace
@@ -71,7 +72,8 @@ SxList<ZqLaunchers::Launcher> ZqLaunchers::getLaunchers() {
         launcher.word = word;
         try {
             launcher.program = ZqLaunchCommand::programOf(word);
-            launcher.isInstalled = true;
+            launcher.isInstalled = SxFSAction::test_f(launcher.program);
+            if (!launcher.isInstalled) launcher.fault = "'" + launcher.program + "' isn't there";
         } catch (const SxException& e) {
             if (!e.hasTag(ZqLaunchCommand::NOT_INSTALLED)) launcher.fault = e.what();
         }
@@ -82,8 +84,18 @@ SxList<ZqLaunchers::Launcher> ZqLaunchers::getLaunchers() {
 
 SxList<ZqLaunchers::Change> ZqLaunchers::getChanges() {
     SxList<Change> changes;
-    for (const Image& image : ZqLauncherRecord::peek().images)
+    const ZqLauncherChanges noted = ZqLauncherRecord::peek();
+    bool isAside = false;
+    for (const Image& image : noted.images) {
         changes.append(describe(image));
+        isAside = isAside || image.setsAside;
+    }
+    // On its way back, or of nobody that is noted.
+    if (!isAside && !SxFSAction::isGone(ZqLauncherFiles::EPIC_SAVED)) {
+        Change rest;
+        rest.setAside.append(ZqLauncherFiles::EPIC_SAVED);
+        changes.append(rest);
+    }
     return changes;
 }
 
@@ -118,7 +130,8 @@ ZqLaunchers::Restored ZqLaunchers::restore() {
     for (const SxString& image : left) {
         attempt(image, "all that the mount of '" + image + "' has changed", [&] { undoAll(&record, image); });
     }
-    attempt(SxString(), "the Epic manifests that are set aside", [&] { undoRest(&record); });
+    attempt(SxString(), "the Epic manifests that are set aside",
+            [&] { restored.broughtBack = undoRest(&record); });
     return restored;
 }
 

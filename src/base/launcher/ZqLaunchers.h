@@ -37,6 +37,7 @@ public:
 
     struct Restored {
         SxList<SxString> images;  ///< of which everything was taken back
+        bool broughtBack = false; ///< manifests that were aside for no image
         SxList<SxString> mounted; ///< that are left alone, since they are mounted
         /// What couldn't be, for each image a text that names it; it stays in the record.
         SxList<SxException> failures;

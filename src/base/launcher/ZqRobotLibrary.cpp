@@ -37,9 +37,10 @@ void ZqRobotLibrary::make(const SxString& image, const SxString& mntPoint) {
     ZqLauncherChanges& changes = record->changes;
     // The former file is that of before only as long as nobody else writes between.
     const bool isFirst = !changes.hasLibraries();
-    const bool isKnown = isFirst || SxMd5::file(configFile()) == changes.librariesDigest;
+    const SxString now = SxMd5::file(configFile());
+    const bool isKnown = isFirst || changes.librariesDigests.contains(now);
     changes.of(image).libraries.append(library);
-    changes.librariesDigest = isKnown ? SxMd5::get(params.toText()) : SxString();
+    noteDigests(isKnown, now, params);
     record->save();
     if (isFirst) keepFormer();
     params.write("", "");
@@ -54,14 +55,14 @@ void ZqRobotLibrary::undo(const SxString& image) {
     SxFileIO::tidyAfterWriters(configFile());
     // A client that was removed has taken the file with it.
     const bool isThere = SxFSAction::look(configFile()).has_value();
-    const bool isUntouched = isThere && SxMd5::file(configFile()) == changes.librariesDigest;
+    const bool isUntouched = isThere && changes.librariesDigests.contains(SxMd5::file(configFile()));
     changes.of(image).libraries.removeAll();
     const bool isLast = !changes.hasLibraries();
     try {
         if (isLast && isUntouched && SxFSAction::look(formerFile())) {
             ZqLauncherFiles::move(formerFile(), configFile());
         } else if (isThere) {
-            takeOut(ours, isUntouched);
+            takeOut(image, ours, isUntouched);
         }
         if (isLast) ZqLauncherFiles::remove(formerFile());
     } catch (const SxException&) {
@@ -70,7 +71,7 @@ void ZqRobotLibrary::undo(const SxString& image) {
     }
 }
 
-void ZqRobotLibrary::takeOut(const SxList<SxString>& ours, bool isUntouched) {
+void ZqRobotLibrary::takeOut(const SxString& image, const SxList<SxString>& ours, bool isUntouched) {
     ZqRCParams params("", "");
     bool hasOurs = false;
     for (const SxString& library : ours) {
@@ -78,6 +79,17 @@ void ZqRobotLibrary::takeOut(const SxList<SxString>& ours, bool isUntouched) {
         params.libraries.removeElement(library);
     }
     if (!hasOurs) return;
+    // Noted before it is written, or a cut would let our own change pass for somebody else's.
+    record->changes.of(image).libraries = ours;
+    noteDigests(isUntouched, SxMd5::file(configFile()), params);
+    record->save();
     params.write("", "");
-    record->changes.librariesDigest = isUntouched ? SxMd5::get(params.toText()) : SxString();
+    record->changes.of(image).libraries.removeAll();
+}
+
+/// Notes how the file is now and will be, where it is as it was written here.
+void ZqRobotLibrary::noteDigests(bool isKnown, const SxString& now, const ZqRCParams& params) {
+    SxList<SxString>& digests = record->changes.librariesDigests;
+    digests.removeAll();
+    if (isKnown) digests << now << SxMd5::get(params.toText());
 }

@@ -2,6 +2,8 @@
 
 #include "ZqLauncherRecord.h"
 
+class ZqRCParams;
+
 /// The library folder of a drive in the configuration of the Robot Cache client, for the time of a mount. The
 /// file as it was stays beside it under another name: if nobody else changes it meanwhile, it comes back as
 /// it was, to the byte; else our folder alone is taken out of the list. One thread; the record outlives this.
@@ -17,7 +19,8 @@ public:
     void undo(const SxString& image);
 
 private:
-    void takeOut(const SxList<SxString>& ours, bool isUntouched);
+    void takeOut(const SxString& image, const SxList<SxString>& ours, bool isUntouched);
+    void noteDigests(bool isKnown, const SxString& now, const ZqRCParams& params);
 
     ZqLauncherRecord* const record;
 };

@@ -255,6 +255,9 @@ void ZqRegFile::set(const Key& key, const std::u16string& name, const ZqRegData&
         }
     }
     if (old) {
+        // A value that is there keeps its name, in its case, as on Windows.
+        ZqRegData former;
+        added.raw = keep(ZqRegText::writeValue(ZqRegText::readValue(old->raw, &former), data));
         *old = std::move(added);
         return;
     }
