@@ -141,7 +141,7 @@ TEST_F(RegistryTest, whatIsntTouchedKeepsItsBytes) {
         return text.replace(text.find(from), from.size(), to);
     };
     const std::pair<Item, std::string> cases[] = {
-        {item("HKLM/b/c", "d"), after("\"D\"=\"old\"", "\"d\"=\"x\"")},
+        {item("HKLM/b/c", "d"), after("\"D\"=\"old\"", "\"D\"=\"x\"")},
         {item("HKLM/b/c", "D", ZqRegistry::RegSz, "old"), before},
         {item("HKLM/b/c", "e"), after("\"z\" =", "\"e\"=\"x\"\n\"z\" =")},
         {item("HKLM/b/c", "zz"), after("\\0\" \n", "\\0\" \n\"zz\"=\"x\"\n")},
