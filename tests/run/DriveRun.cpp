@@ -113,6 +113,15 @@ bool DriveRun::eventually(const std::function<bool()>& ready) {
     return SxWait::pass(30'000, ready);
 }
 
+std::set<string> DriveRun::lettersOfDrives() const {
+    std::set<string> letters;
+    for (const auto& entry : fs::directory_iterator(dir.path("root/dosdevices")))
+        letters.insert(entry.path().filename());
+    letters.erase("c:");
+    letters.erase("z:");
+    return letters;
+}
+
 bool DriveRun::isRunning(int64 pid) {
     return ::kill(static_cast<pid_t>(pid), 0) == 0;
 }

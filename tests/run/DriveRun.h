@@ -48,6 +48,8 @@ protected:
     static bool eventually(const std::function<bool()>& ready);
     /// Mount points and loop devices below the service's folder, and the folders of disks.
     static std::vector<string> leftovers();
+    /// The letters of the first machine root, but for those that each one has.
+    std::set<string> lettersOfDrives() const;
     static bool isRunning(int64 pid);
     /// Ids of the service, or of its helpers.
     static std::vector<pid_t> processesOf(bool helpers);

@@ -219,10 +219,14 @@ TEST_F(LauncherRun, WineSeesTheEntriesForTheTimeOfARun) {
                                       {"WINEDEBUG", "-all"},
                                       {"WINEDLLOVERRIDES", "mscoree,mshtml="}})
         ::setenv(name, value.c_str(), 1);
-    const auto endServer = [&] {
+    const auto endServer = [] {
         SxProcess("wineserver", {"-k"}, SxProcess::Silent).run();
         SxProcess("wineserver", {"-w"}, SxProcess::Silent).run();
     };
+    // Its programs would go on for ever where the test ends early.
+    struct Server {
+        ~Server() { SxProcess("wineserver", {"-k9"}, SxProcess::Silent).run(); }
+    } const server;
     for (const bool serves : {false, true}) {
         SCOPED_TRACE(serves ? "a server lives" : "no server");
         // One that stays for a while.
