@@ -64,11 +64,10 @@ public:
 
     void join(const SxString& name) const {
         const auto twin = there.find(zqFold(zqUtf16(name)));
-        if (SxFSAction::isHalfMoved(name)) {
-            SxFSAction::rm_r(from + name);
-        } else if (twin == there.end()) {
+        const bool isWhole = !SxFSAction::isHalfMoved(name);
+        if (isWhole && twin == there.end()) {
             SxFSAction::mv(from + name, to + name);
-        } else if (isFolder(from + name) && isFolder(to + twin->second)) {
+        } else if (isWhole && isFolder(from + name) && isFolder(to + twin->second)) {
             SxList<SxString> inside;
             for (const SxFileInfo& entry : SxFSAction::ls(from + name))
                 inside.append(entry.getName());
