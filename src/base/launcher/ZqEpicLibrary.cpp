@@ -295,7 +295,7 @@ bool ZqEpicLibrary::joinRest() {
 void ZqEpicLibrary::removeFolders() {
     SxList<SxString>& folders = record->changes.folders;
     if (record->changes.hasEpic() || record->changes.setReturns) return;
-    // Those inside others stand behind these in the list.
+    // Those inside others come after these in the list.
     for (auto folder = folders.end(); folder != folders.begin();)
         Files::removeEmpty(*--folder);
     folders.removeAll();

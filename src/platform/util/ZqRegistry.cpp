@@ -201,7 +201,7 @@ ZqRegistry::State stateOf(const SxString& key, const SxString& value, const std:
     return state;
 }
 
-/// Puts a state in the place of a former one of its value, or behind all.
+/// Puts a state in the place of a former one of its value, or at the end.
 void keep(SxList<ZqRegistry::State>* states, const ZqRegistry::State& state) {
     for (ZqRegistry::State& other : *states) {
         if (!other.isSameValue(state)) continue;
