@@ -22,9 +22,12 @@ SxString formerFile() {
 /// names a copy.
 void keepFormer() {
     ZqLauncherFiles::remove(formerFile());
-    if (SxOs::get().link(SxOs::hostPath(configFile()), SxOs::hostPath(formerFile())) == 0) return;
-    SxFSAction::cp(configFile(), formerFile());
-    ZqLauncherFiles::takeAfter(formerFile(), configFile());
+    if (SxOs::get().link(SxOs::hostPath(configFile()), SxOs::hostPath(formerFile())) < 0) {
+        SxFSAction::cp(configFile(), formerFile());
+        ZqLauncherFiles::takeAfter(formerFile(), configFile());
+    }
+    // Before the file is written: the new one could survive a cut, and the second name of the former not.
+    SxFSAction::syncDir(SxFileInfo(formerFile()).getPath());
 }
 
 } // namespace
