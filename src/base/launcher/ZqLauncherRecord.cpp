@@ -12,6 +12,16 @@ constexpr const char* LOCK = "C:/ProgramData/TAVRIN/launchers.lock";
 /// Holds what the player's registry had, which is for its user alone.
 constexpr int PERMISSION = 0600;
 
+/// All that a path goes through, since the folders may be new, too.
+void syncFoldersAbove(const SxString& path) {
+    SxString folder = SxFileInfo(path).getPath();
+    for (SxString above = SxFileInfo(folder).getPath(); above != folder;
+         above = SxFileInfo(folder).getPath()) {
+        SxFSAction::syncDir(above);
+        folder = above;
+    }
+}
+
 } // namespace
 
 ZqLauncherRecord::ZqLauncherRecord()
@@ -31,12 +41,7 @@ void ZqLauncherRecord::save() {
             SxFSAction::syncDir(SxFileInfo(FILE).getPath());
         } else {
             SxFileIO::writeAtomic(FILE, changes.toText(), PERMISSION);
-            // Its folders may be new, too.
-            for (SxString folder = SxFileInfo(FILE).getPath(); saved.isEmpty();
-                 folder = SxFileInfo(folder).getPath()) {
-                SxFSAction::syncDir(SxFileInfo(folder).getPath());
-                if (SxFileInfo(folder).getPath() == folder) break;
-            }
+            if (saved.isEmpty()) syncFoldersAbove(FILE);
         }
     } catch (const SxException& e) {
         throw SxException(e, SxString("Failed to write file ") + FILE, UNIT, __LINE__);
