@@ -123,19 +123,23 @@ std::string driveFolder(char letterOrUpper) {
 
 void ZqMachineRoot::set(const SxString& path) {
     const std::string newPath = path.isEmpty() ? std::string() : absolute(path.str());
-    Root& r = root();
-    SxMutexBlock lock(&r.mutex);
-    r.path = newPath;
+    // Before anyone sees the root, so that nothing in it is made for another owner.
     if (!newPath.empty()) ZqRootOwner::keep(newPath);
+    Root& r = root();
+    const SxMutexBlock lock(&r.mutex);
+    r.path = newPath;
 }
 
 SxString ZqMachineRoot::get() {
     Root& r = root();
-    SxMutexBlock lock(&r.mutex);
-    if (r.path.empty()) {
-        r.path = defaultRoot();
-        ZqRootOwner::keep(r.path);
+    {
+        const SxMutexBlock lock(&r.mutex);
+        if (!r.path.empty()) return r.path;
     }
+    const std::string path = defaultRoot();
+    ZqRootOwner::keep(path);
+    const SxMutexBlock lock(&r.mutex);
+    if (r.path.empty()) r.path = path;
     return r.path;
 }
 
