@@ -42,9 +42,10 @@ ZqLaunchValues ZqLaunchValues::originalOf(const SxString& image, const ZqAppPara
 void ZqLaunchValues::write(const SxString& image) const {
     const SxString file = ZqImageFolder::prefix(image) + ZqImageFiles::APP_JSON;
     try {
-        const SxSymbol former = ZqRecordFile::parse(SxFileIO::readUtf8(file), file, "zqapp-schema.json");
+        const SxString text = SxFileIO::readUtf8(file);
+        const SxSymbol former = ZqRecordFile::parse(text, file, "zqapp-schema.json");
         ZqAppParams app;
-        app.readFile(file);
+        app.readText(text, file);
         if (of(app) == *this) return;
         // First, so that the original values are never lost: until the file has the new values, it has those
         // that a launcher has written before.
