@@ -34,36 +34,20 @@ void ZqMountMgr::requireDrive() const {
 }
 
 void ZqMountMgr::setUpLaunchers(const SxList<SxString>& access) {
-    const auto write = [&] { getLaunch().write(mntImage); };
-    const Step steps[] = {{ZqLaunchCommand::STEAM, "Updating Steam library failed",
-                           [&] {
-                               ZqLaunchCommand::setSteam(&*appParams);
-                               write();
-                           }},
-                          {ZqLaunchCommand::EPIC, "Updating Epic Game library failed",
-                           [&] {
-                               setUpEpic();
-                               write();
-                           }},
-                          {ZqLaunchCommand::UBISOFT, "Updating Uplay command failed",
-                           [&] {
-                               ZqLaunchCommand::setUbisoft(&*appParams);
-                               write();
-                           }},
-                          {ZqLaunchCommand::ORIGIN, "Updating EA Game library failed",
-                           [&] {
-                               writeEALibEntries();
-                               // As the image came, where a former mount had another launcher.
-                               write();
-                           }},
-                          {ZqLaunchCommand::ROBOT_CACHE, "Updating RC Game library failed", [&] {
-                               setUpRobotCache();
-                               write();
-                           }}};
+    const Step steps[] = {
+        {ZqLaunchCommand::STEAM, "Updating Steam library failed",
+         [&] { ZqLaunchCommand::setSteam(&*appParams); }},
+        {ZqLaunchCommand::EPIC, "Updating Epic Game library failed", [&] { setUpEpic(); }},
+        {ZqLaunchCommand::UBISOFT, "Updating Uplay command failed",
+         [&] { ZqLaunchCommand::setUbisoft(&*appParams); }},
+        {ZqLaunchCommand::ORIGIN, "Updating EA Game library failed", [&] { writeEALibEntries(); }},
+        {ZqLaunchCommand::ROBOT_CACHE, "Updating RC Game library failed", [&] { setUpRobotCache(); }}};
     for (const Step& step : steps) {
         if (!access.contains(step.word)) continue;
         try {
             step.setUp();
+            // Also where a step changes none of them: a former mount may have had another launcher.
+            getLaunch().write(mntImage);
         } catch (const SxException& e) {
             zqLogMsg("base", e.what());
             throw SxException(e, step.failText, UNIT, __LINE__);
