@@ -49,14 +49,7 @@ ZqEpicParams::ZqEpicParams(const SxString& name, const SxString& folder) {
 
 void ZqEpicParams::read(const SxString& name, const SxString& folder) {
     const SxString path = folder + name;
-    if (!SxFSAction::test_f(path)) throw SxException("File " + path + " not found.", UNIT, __LINE__);
-    SxString text;
-    try {
-        text = ZqLauncherFiles::readText(path);
-    } catch (const SxException& e) {
-        throw SxException(e, "Failed to read file " + path, UNIT, __LINE__);
-    }
-    readText(text, path);
+    readText(ZqLauncherFiles::readText(path), path);
 }
 
 void ZqEpicParams::readText(const SxString& text, const SxString& textName) {

@@ -106,9 +106,14 @@ private:
 } // namespace
 
 SxString ZqLauncherFiles::readText(const SxString& path) {
-    requireNoLink(path);
-    const std::string text = SxFileIO::readUtf8(path, MAX_MANIFEST).str();
-    return SxString(text.substr(text.starts_with(BYTE_ORDER_MARK) ? BYTE_ORDER_MARK.size() : 0));
+    if (!SxFSAction::test_f(path)) throw SxException("File " + path + " not found.", UNIT, __LINE__);
+    try {
+        requireNoLink(path);
+        const std::string text = SxFileIO::readUtf8(path, MAX_MANIFEST).str();
+        return SxString(text.substr(text.starts_with(BYTE_ORDER_MARK) ? BYTE_ORDER_MARK.size() : 0));
+    } catch (const SxException& e) {
+        throw SxException(e, "Failed to read file " + path, UNIT, __LINE__);
+    }
 }
 
 void ZqLauncherFiles::requirePlain(const SxString& name, const SxString& what, bool mayHaveQuotes) {

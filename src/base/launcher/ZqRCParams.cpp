@@ -1,8 +1,8 @@
 #include "ZqRCParams.h"
 
 #include "SxException.h"
-#include "SxFSAction.h"
 #include "SxFileIO.h"
+#include "SxFileInfo.h"
 #include "ZqLauncherFiles.h"
 #include "ZqLog.h"
 #include "ZqRecordFile.h"
@@ -124,16 +124,8 @@ SxString ZqRCParams::pathOf(const SxString& name, const SxString& folder) {
 
 void ZqRCParams::read(const SxString& name, const SxString& folder) {
     const SxString path = pathOf(name, folder);
-    if (!SxFSAction::test_f(path)) throw SxException("File " + path + " not found.", UNIT, __LINE__);
-    const SxString schema = ZqSysEnv::getSchemaPath() + SCHEMA;
-    if (!SxFSAction::test_f(schema))
-        throw SxException("Required schema file " + schema + " not found", UNIT, __LINE__);
-    SxString text;
-    try {
-        text = ZqLauncherFiles::readText(path);
-    } catch (const SxException& e) {
-        throw SxException(e, "Failed to read file " + path, UNIT, __LINE__);
-    }
+    const SxString text = ZqLauncherFiles::readText(path);
+    ZqRecordFile::requireSchema(SCHEMA);
     readText(text, path);
 }
 
