@@ -2,6 +2,7 @@
 
 #include "SxException.h"
 #include "ZqFold.h"
+#include "ZqHex.h"
 #include "ZqLauncherFiles.h"
 #include "ZqRecordFile.h"
 
@@ -25,27 +26,11 @@ constexpr const char* OWN_FOLDERS[] = {"C:/ProgramData/Epic",        "C:/Program
 
 SxString pathToText(const SxString& path) {
     if (path.validUtf8() == path) return path;
-    SxString text = BYTES;
-    for (const char byte : path.str())
-        text += SxString::sprintf("%02x", static_cast<unsigned>(static_cast<unsigned char>(byte)));
-    return text;
-}
-
-/// Raises where the text isn't bytes in hex digits.
-void requireHex(const SxString& text) {
-    const bool isHex = text.str().find_first_not_of("0123456789abcdef") == std::string::npos;
-    if (isHex && text.str().size() % 2 == 0) return;
-    throw SxException("'" + SxParserKit::excerpt(text) + "' isn't bytes in hex digits", UNIT, __LINE__);
+    return BYTES + zqHex(path.str());
 }
 
 SxString textToPath(const SxString& text) {
-    if (!text.startsWith(BYTES)) return text;
-    const SxString digits = text.right(BYTES);
-    requireHex(digits);
-    std::string bytes;
-    for (size_t i = 0; i < digits.str().size(); i += 2)
-        bytes += static_cast<char>(std::stoi(digits.str().substr(i, 2), nullptr, 16));
-    return SxString(bytes);
+    return text.startsWith(BYTES) ? SxString(zqBytesOfHex(text.right(BYTES))) : text;
 }
 
 void put(SxSymbol object, const char* key, const SxList<SxString>& texts) {
@@ -85,7 +70,7 @@ ZqRegistry::State getState(const SxSymbol& entry, const char* key) {
     if (state.isThere) {
         state.type = static_cast<uint32>(data.getElem("type").toInt());
         state.bytes = data.getElem("bytes").toString();
-        requireHex(state.bytes);
+        zqBytesOfHex(state.bytes); // raises here, not first at the undo
     }
     return state;
 }

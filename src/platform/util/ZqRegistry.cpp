@@ -2,6 +2,7 @@
 
 #include "SxException.h"
 #include "ZqFold.h"
+#include "ZqHex.h"
 #include "ZqMachineRoot.h"
 #include "ZqRegStore.h"
 
@@ -48,28 +49,13 @@ std::string multiTextBytes(const SxString& text) {
     return ZqRegText::toBytes(units + u'\0');
 }
 
+/// As users write them: spaces and commas may stand between the digits.
 std::string hexBytes(const SxString& text) {
     std::string digits;
     for (const char c : text.str()) {
         if (c != ' ' && c != ',') digits += c;
     }
-    std::string bytes;
-    for (size_t i = 0; i < digits.size(); i += 2) {
-        unsigned byte = 0;
-        const char* end = digits.data() + std::min(i + 2, digits.size());
-        const auto [stop, error] = std::from_chars(digits.data() + i, end, byte, 16);
-        if (digits.size() % 2 != 0 || stop != end || error != std::errc())
-            throw SxException("'" + text + "' isn't bytes in hex digits", UNIT, __LINE__);
-        bytes += static_cast<char>(byte);
-    }
-    return bytes;
-}
-
-SxString toHex(const std::string& bytes) {
-    SxString text;
-    for (const char byte : bytes)
-        text += SxString::sprintf("%02x", static_cast<unsigned>(static_cast<unsigned char>(byte)));
-    return text;
+    return zqBytesOfHex(digits);
 }
 
 ZqRegData toData(ZqRegistry::RegValType type, const SxString& text) {
@@ -123,7 +109,7 @@ SxString toText(const ZqRegData& data) {
     const std::u16string units = ZqRegText::toUnits(data.bytes);
     if (data.type == ZqRegData::Text || data.type == ZqRegData::ExpandText) return zqFromUtf16(units);
     if (data.type == ZqRegData::MultiText) return multiText(units);
-    return toHex(data.bytes);
+    return zqHex(data.bytes);
 }
 
 SxString describe(const SxString& key, const SxString& name) {
@@ -196,7 +182,7 @@ ZqRegistry::State stateOf(const SxString& key, const SxString& value, const std:
     state.isThere = data.has_value();
     if (data) {
         state.type = data->type;
-        state.bytes = toHex(data->bytes);
+        state.bytes = zqHex(data->bytes);
     }
     return state;
 }
@@ -292,7 +278,7 @@ void ZqRegistry::put(const SxList<State>& states) {
     std::vector<ZqRegEdit> edits;
     for (const State& state : states) {
         std::optional<ZqRegData> data;
-        if (state.isThere) data = ZqRegData{state.type, hexBytes(state.bytes)};
+        if (state.isThere) data = ZqRegData{state.type, zqBytesOfHex(state.bytes)};
         edits.push_back(makeEdit(state.key, state.value, data));
         edits.back().nMade = static_cast<size_t>(std::max<int64>(state.nMade, 0));
     }
