@@ -54,21 +54,6 @@ void copyLink(const SxString& from, const SxString& to) {
     if (result < 0) fail("Cannot copy link '" + from + "' to '" + to + "'", result, __LINE__);
 }
 
-void giveTo(const SxString& path, const SxStat& owner) {
-    SxOs& os = SxOs::get();
-    SxStat own;
-    int result = os.lstat(SxOs::hostPath(path), &own);
-    if (result == 0 && (own.owner != owner.owner || own.group != owner.group)) {
-        result = os.setOwner(SxOs::hostPath(path), owner.owner, owner.group);
-        // Only some may give a file away; the copy is theirs then.
-        if (result == -EPERM) return;
-        // Bits go with the former owner.
-        if (result == 0 && own.kind != SxStat::Link)
-            result = os.setPermissions(SxOs::hostPath(path), own.permissions);
-    }
-    if (result < 0) fail("Cannot set the owner of '" + path + "'", result, __LINE__);
-}
-
 void copyBytes(const SxString& from, const SxString& to, uint32 permissions) {
     SxFileIO source(from, "rb");
     SxFileIO target(to, "wb", static_cast<int>(permissions));
@@ -143,7 +128,7 @@ void copyTree(const SxString& from, const SxString& to, bool isMove) {
         throw SxException("Cannot copy '" + from + "': it is neither a file nor a folder", UNIT, __LINE__);
     }
     if (!isMove) return;
-    giveTo(to, info);
+    SxFSAction::takeAfter(to, info);
     if (info.kind == SxStat::Link) return;
     const int result = SxOs::get().setModified(SxOs::hostPath(to), info.modifiedNs);
     if (result < 0) fail("Cannot set the time of '" + to + "'", result, __LINE__);
@@ -231,6 +216,21 @@ void SxFSAction::mv(const SxString& from, const SxString& to) {
     } else if (result < 0) {
         fail("Cannot move '" + from + "' to '" + to + "'", result, __LINE__);
     }
+}
+
+void SxFSAction::takeAfter(const SxString& path, const SxStat& other) {
+    SxOs& os = SxOs::get();
+    const std::string host = SxOs::hostPath(path);
+    SxStat own;
+    int result = os.lstat(host, &own);
+    if (result == 0 && (own.owner != other.owner || own.group != other.group)) {
+        result = os.setOwner(host, other.owner, other.group);
+        if (result == -EPERM) result = 0;
+    }
+    // After the owner, whose change takes bits away. On a folder the upper bits are rules for what it holds.
+    const uint32 bits = own.kind == SxStat::Dir ? 07777 : 0777;
+    if (result == 0 && own.kind != SxStat::Link) result = os.setPermissions(host, other.permissions & bits);
+    if (result < 0) fail("Cannot set the owner and the permissions of '" + path + "'", result, __LINE__);
 }
 
 bool SxFSAction::isHalfMoved(const SxString& name) {

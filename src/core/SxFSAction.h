@@ -35,6 +35,9 @@ public:
     static void mv(const SxString& from, const SxString& to);
     /// Whether a name is one that mv() gives to a copy until it is whole. One that was cut off stays.
     static bool isHalfMoved(const SxString& name);
+    /// Gives what has that name the owner of another, as far as the user may, and, but for a link, its
+    /// permissions: a file none of the set-id and sticky bits, a folder all.
+    static void takeAfter(const SxString& path, const SxStat& other);
     static void rm(const SxString& path);
     /// Removes a file, or a folder with its content.
     static void rm_r(const SxString& path);

@@ -244,7 +244,8 @@ void SxFileIO::writeAtomic(const SxString& path, const std::function<void(SxFile
     temporary.commit();
 }
 
-/// Takes over the permissions of another file, and its owner where the user may do that.
+/// Does what SxFSAction::takeAfter() does, but by the open file: the folder may be of another user, who could
+/// put a link in the place of its name meanwhile.
 void SxFileIO::become(const SxStat& other) {
     SxOs& os = SxOs::get();
     SxStat own;

@@ -269,7 +269,7 @@ void ZqEpicLibrary::returnSet() {
         Files::move(saved, manifests);
     } else {
         // Something stays there: manifests of a title that is mounted, or what can't be moved.
-        Files::takeAfter(manifests, saved);
+        if (const auto former = SxFSAction::look(saved)) SxFSAction::takeAfter(manifests, *former);
         SxList<SxString> names;
         for (const SxFileInfo& info : SxFSAction::ls(saved))
             names.append(info.getName());

@@ -84,7 +84,8 @@ public:
             SxList<SxString> inside;
             for (const SxFileInfo& entry : SxFSAction::ls(from + name))
                 inside.append(entry.getName());
-            ZqLauncherFiles::takeAfter(to + twin->second, from + name);
+            if (const auto came = SxFSAction::look(from + name))
+                SxFSAction::takeAfter(to + twin->second, *came);
             ZqLauncherFiles::replace(from + name, inside, to + twin->second);
             ZqLauncherFiles::removeEmpty(from + name);
             return;
@@ -188,16 +189,4 @@ void ZqLauncherFiles::move(const SxString& from, const SxString& to) {
     SxFSAction::mv(from, to);
     SxFSAction::syncDir(parentOf(to));
     SxFSAction::syncDir(parentOf(from));
-}
-
-void ZqLauncherFiles::takeAfter(const SxString& path, const SxString& other) {
-    const auto wanted = SxFSAction::look(other);
-    if (!wanted) return;
-    SxOs& os = SxOs::get();
-    const std::string host = SxOs::hostPath(path);
-    int result = os.setOwner(host, wanted->owner, wanted->group);
-    if (result == 0 || result == -EPERM) result = os.setPermissions(host, wanted->permissions);
-    if (result == 0) return;
-    throw SxException(SxException(SxOs::errorText(result), UNIT, __LINE__),
-                      "Cannot set the permissions of '" + path + "'", UNIT, __LINE__);
 }

@@ -49,9 +49,6 @@ public:
     static void join(const SxString& from, const SxList<SxString>& names, const SxString& to);
     /// The same, but what comes takes the place of what is there.
     static void replace(const SxString& from, const SxList<SxString>& names, const SxString& to);
-    /// Gives a file or folder the permissions and the owner of another one, the latter as far as the user
-    /// may.
-    static void takeAfter(const SxString& path, const SxString& other);
     /// Renames, or moves to another file system, and sees to it that both folders are on the device.
     static void move(const SxString& from, const SxString& to);
 };

@@ -24,7 +24,7 @@ void keepFormer() {
     ZqLauncherFiles::remove(formerFile());
     if (SxOs::get().link(SxOs::hostPath(configFile()), SxOs::hostPath(formerFile())) < 0) {
         SxFSAction::cp(configFile(), formerFile());
-        ZqLauncherFiles::takeAfter(formerFile(), configFile());
+        if (const auto own = SxFSAction::look(configFile())) SxFSAction::takeAfter(formerFile(), *own);
     }
     // Before the file is written: the new one could survive a cut, and the second name of the former not.
     SxFSAction::syncDir(SxFileInfo(formerFile()).getPath());
