@@ -13,22 +13,7 @@ step='laying out the machine' image=
 tidy_up() {
     [[ -z $image ]] || "$tavrin" umount "$image" --hard --quiet || true
 } 2>/dev/null
-fail() {
-    trap - ERR
-    printf 'demo-launchers.sh: failed at %s: %s\n' "$step" "$1" >&2
-    exit 1
-}
-trap tidy_up EXIT
-trap 'exit 130' INT
-trap 'exit 143' TERM
-trap 'fail "\"$BASH_COMMAND\" gave exit code $?"' ERR
-
-# Shows the command as one would type it, then runs it.
-run() {
-    local shown="tavrin $*"
-    printf '$ %s\n' "${shown//$work\//}"
-    "$tavrin" "$@"
-}
+source scripts/demo-steps.sh
 
 export WINEPREFIX=$work/root
 data="$WINEPREFIX/drive_c/ProgramData"

@@ -16,22 +16,7 @@ tidy_up() {
     "$tavrin" umount "$work/installed" --hard --quiet || true
     if [[ -n $server ]]; then kill "$server" || true; wait "$server" || true; fi
 } 2>/dev/null
-fail() {
-    trap - ERR
-    printf 'demo-patch.sh: failed at %s: %s\n' "$step" "$1" >&2
-    exit 1
-}
-trap tidy_up EXIT
-trap 'exit 130' INT
-trap 'exit 143' TERM
-trap 'fail "\"$BASH_COMMAND\" gave exit code $?"' ERR
-
-# Shows the command as one would type it, then runs it.
-run() {
-    local shown="tavrin $*"
-    printf '$ %s\n' "${shown//$work\//}"
-    "$tavrin" "$@"
-}
+source scripts/demo-steps.sh
 
 # Bytes $2 to $3 of the file $1.
 cut_out() {

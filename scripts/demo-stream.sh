@@ -19,15 +19,7 @@ tidy_up() {
     done
     if [[ -n $server ]]; then kill "$server" || true; wait "$server" || true; fi
 } 2>/dev/null
-fail() {
-    trap - ERR
-    printf 'demo-stream.sh: failed at %s: %s\n' "$step" "$1" >&2
-    exit 1
-}
-trap tidy_up EXIT
-trap 'exit 130' INT
-trap 'exit 143' TERM
-trap 'fail "\"$BASH_COMMAND\" gave exit code $?"' ERR
+source scripts/demo-steps.sh
 
 mkdir "$work/game"
 cp -L /usr/games/chocolate-doom /usr/share/games/doom/freedoom1.wad "$work/game"

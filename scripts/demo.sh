@@ -2,7 +2,7 @@
 # Shows the client at work on a real game: Freedoom's folder becomes an image, the image is cut into parts for
 # delivery, joined again and verified, made a drive of, played over a slow link while it arrives, installed, and
 # patched. Works in a folder of its own and removes it at the end.
-set -euo pipefail
+set -Eeuo pipefail
 cd "$(dirname "$0")/.."
 
 tavrin=${TAVRIN_BIN:-$PWD/build/release/bin/tavrin}
@@ -22,17 +22,10 @@ tidy_up() {
     "$tavrin" umount "$image-drive" --hard --quiet 2>/dev/null || true
     rm -rf "$work"
 }
-trap tidy_up EXIT
+source scripts/demo-steps.sh
 
 say() {
     printf '\n%s\n' "$*"
-}
-
-# Shows the command as one would type it, then runs it.
-run() {
-    local shown="tavrin $*"
-    printf '$ %s\n' "${shown//$work\//}"
-    "$tavrin" "$@"
 }
 
 say "The game: $(du -shL "$game" | cut -f1) in $game."
