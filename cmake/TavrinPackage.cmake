@@ -27,7 +27,7 @@ set(CPACK_COMPONENT_RUNTIME_DESCRIPTION "${PROJECT_DESCRIPTION}: the client")
 set(CPACK_DEBIAN_DEV_PACKAGE_NAME libtavrin-dev)
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS
-    "tavrin (= ${PROJECT_VERSION}), libssl-dev, libarchive-dev, libzstd-dev, libcurl4-openssl-dev, libcpp-httplib-dev, libxcb1-dev, libxcb-ewmh-dev, libxcb-icccm4-dev, libsystemd-dev, libspdlog-dev, robin-map-dev, libtsl-ordered-map-dev")
+    "tavrin (= ${PROJECT_VERSION}), libssl-dev, libarchive-dev, libzstd-dev, libcurl4-openssl-dev, libcpp-httplib-dev, libxcb1-dev, libxcb-ewmh-dev, libxcb-icccm4-dev, libxcb-randr0-dev, libpci-dev, libsimdjson-dev, libsystemd-dev, libspdlog-dev, robin-map-dev, libtsl-ordered-map-dev")
 set(CPACK_COMPONENT_DEV_DESCRIPTION "${PROJECT_DESCRIPTION}: library, headers and build files")
 
 include(CPack)

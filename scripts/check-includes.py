@@ -41,6 +41,9 @@ ONE_FILE_ONLY = {
     "curl": re.compile(r"curl/"),
     "openssl": re.compile(r"openssl/"),
     "httplib": re.compile(r"httplib\.h$"),
+    "libpci": re.compile(r"pci/"),
+    "simdjson": re.compile(r"simdjson\.h$"),
+    "duckdb": re.compile(r"duckdb\.h$"),
 }
 
 # Of these a folder may know, in .cpp files.

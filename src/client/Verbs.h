@@ -17,4 +17,9 @@ void registerMountVerbs(App* app);
 void registerLauncherVerbs(App* app);
 void registerServeVerbs(App* app);
 void registerRunVerbs(App* app);
+void registerStatsVerbs(App* app);
+/// The one of the family `stats` that shows what the machine is.
+void registerHardwareVerb(Family* stats);
+/// The one that looks at the runs of a fleet.
+void registerCollectVerb(Family* stats);
 void registerCompletionVerbs(App* app);

@@ -11,6 +11,7 @@ int main(int argc, char** argv) {
     registerLauncherVerbs(&app);
     registerServeVerbs(&app);
     registerRunVerbs(&app);
+    registerStatsVerbs(&app);
     registerCompletionVerbs(&app);
     return app.run(argc, argv);
 }

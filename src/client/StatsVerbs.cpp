@@ -1,0 +1,7 @@
+#include "App.h"
+#include "Verbs.h"
+
+void registerStatsVerbs(App* app) {
+    Family family = app->family("stats", "What runs were like, and what is told of them");
+    (void)family;
+}
