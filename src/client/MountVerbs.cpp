@@ -303,6 +303,12 @@ SxSymbol statusJson(const ZqDiskStatus& disk) {
     result.append("held", disk.nHeld);
     result.append("reads", disk.nReads);
     result.append("beyondQA", disk.nBeyondQA);
+    result.append("bytesFromFile", disk.nStoredBytes);
+    result.append("bytesDelivered", disk.nDeliveredBytes);
+    result.append("bytesFromLayer", disk.nLayeredBytes);
+    result.append("bytesAsZeros", disk.nZeroBytes);
+    result.append("waits", disk.nWaits);
+    result.append("heldMs", disk.heldMs);
     result.append("suspended", disk.suspended);
     result.append("monitored", disk.monitored);
     result.append("replaced", disk.replaced);

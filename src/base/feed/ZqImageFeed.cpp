@@ -258,6 +258,14 @@ ZqRuntimeInfo ZqImageFeed::getRuntimeInfo() const {
     return manager ? manager->getRuntimeInfo() : ZqRuntimeInfo();
 }
 
+ZqCursorWay ZqImageFeed::getCursorWay() const {
+    return download ? download->getProgress()->getCursorWay() : ZqCursorWay();
+}
+
+void ZqImageFeed::endCursorWay() {
+    if (download) download->getProgress()->endCursorWay();
+}
+
 ZqImageFeed::Speeds ZqImageFeed::getSpeeds() const {
     const SxPtr<ZqImageProgress> progress = download ? download->getProgress() : nullptr;
     if (!progress) return {};

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "ZqCursorWay.h"
 #include "ZqFeedFolder.h"
 #include "ZqFeedHealth.h"
 #include "ZqGrowingImage.h"
@@ -90,6 +91,10 @@ public:
     /// When a read of the drive was last seen to wait; steady clock in ns, 0 for never.
     int64 getLastWaitNs() const;
     Speeds getSpeeds() const;
+    /// The way of the drive's cursor so far; none for an image that was complete.
+    ZqCursorWay getCursorWay() const;
+    /// From now on nobody needs to know more of it.
+    void endCursorWay();
     /// Whether something has ended the download that can't be mended, and raises that.
     bool hasFailed() const { return health.hasEnded(); }
     /// Whether a read that the drive holds may still be answered. Once it is false it stays so.

@@ -97,7 +97,8 @@ SxList<SxString> ZqImageStaging::findKept(const SxString& buildId) const {
     const bool isSame = !buildId.isEmpty() && buildId == gathered.buildId;
     // Reading a large image takes long, so only where the answer counts.
     const bool isWritten = (!mayDiscard || (isSame && gathered.hasLayer)) && gathered.isImageWritten();
-    SxList<SxString> kept, lost;
+    // Records of runs say of which build they are.
+    SxList<SxString> kept = {SxString(ZqImageFiles::RUNS).left("/")}, lost;
     if (isSame) {
         kept << Gathered::TRACES << ZqImageFiles::TRACES_NOTE;
     } else if (gathered.hasTraces) {

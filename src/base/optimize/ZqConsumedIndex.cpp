@@ -24,10 +24,10 @@ SxString ZqConsumedIndex::realPath(const SxString& folder) {
 }
 
 SxString ZqConsumedIndex::findImageMark() const {
-    for (const char* name :
-         {ZqImageFiles::ZQF, ZqImageFiles::SPLIT_INFO, ZqImageFiles::AHEAD, ZqImageFiles::LAYER_INDEX,
-          ZqImageFiles::TRACES, ZqImageFiles::PACKED, ZqImageFiles::IDX_PACKED, ZqImageFiles::REFERENCE,
-          ZqImageFiles::STREAM_JSON, ZqOptimizeFolder::NOTE, ZqOptimizeFolder::PROGRESS}) {
+    for (const char* name : {ZqImageFiles::ZQF, ZqImageFiles::SPLIT_INFO, ZqImageFiles::AHEAD,
+                             ZqImageFiles::LAYER_INDEX, ZqImageFiles::TRACES, ZqImageFiles::RUNS,
+                             ZqImageFiles::PACKED, ZqImageFiles::IDX_PACKED, ZqImageFiles::REFERENCE,
+                             ZqImageFiles::STREAM_JSON, ZqOptimizeFolder::NOTE, ZqOptimizeFolder::PROGRESS}) {
         if (!SxFSAction::isGone(path + name)) return name;
     }
     return {};

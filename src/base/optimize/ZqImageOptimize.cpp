@@ -20,6 +20,7 @@
 #include "ZqMoveProgress.h"
 #include "ZqOptimizeFolder.h"
 #include "ZqOrderRemains.h"
+#include "ZqPreparations.h"
 #include "ZqStreamRecord.h"
 #include "ZqSyncedSize.h"
 #include "ZqSysEnv.h"
@@ -271,12 +272,20 @@ void ZqImageOptimize::runWorker(ZqDefragJob* worker) {
         log("Stopping Defragmentation.");
         worker->stop();
         worker->wait();
+        noteWork(*worker);
         return;
     }
     worker->wait();
     if (worker->hasException()) return;
+    noteWork(*worker);
     log("Finalizing Defragmentation.");
     copyCounters();
+}
+
+/// For the record of the next run.
+void ZqImageOptimize::noteWork(const ZqDefragJob& worker) const {
+    const bool hasMoved = !worker.hasException() && runtimeInfo->defragStats.bytes > 0;
+    if (hasMoved && !forecastOnly) ZqPreparations::add(imagePath, *runtimeInfo);
 }
 
 void ZqImageOptimize::goOn() {

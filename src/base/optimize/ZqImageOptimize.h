@@ -90,6 +90,7 @@ private:
     void count(const ZqDefragJob& worker);
     void copy(const SxString& index, const SxString& name);
     void runWorker(ZqDefragJob* worker);
+    void noteWork(const ZqDefragJob& worker) const;
     void goOn();
     void goOnWithCopy();
     void finish();

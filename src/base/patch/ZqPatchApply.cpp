@@ -25,6 +25,7 @@
 #include "ZqPatchSizes.h"
 #include "ZqPatchTask.h"
 #include "ZqPatchWork.h"
+#include "ZqPreparations.h"
 #include "ZqRunningTask.h"
 #include "ZqStreamRecord.h"
 #include "ZqSyncedSize.h"
@@ -363,6 +364,7 @@ void ZqPatchApply::apply(const SxString& patch) {
     isThrough = !fast.hasException() && !ZqFastPatch::isBegun(image) &&
                 (!fast.stopRequested() || wanted.isMade(ZqAppParams(image)));
     count(start);
+    if (isThrough || !ZqFastPatch::isUntouched(image)) ZqPreparations::add(image, *runtimeInfo);
     isTold = fast.hasException();
     if (fetching) finishDownload(fast);
     if (isTold) throw fast.getException();

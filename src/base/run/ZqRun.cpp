@@ -1,7 +1,9 @@
 #include "ZqRun.h"
 
+#include "BlockIdx.h"
 #include "SxClock.h"
 #include "SxException.h"
+#include "SxMd5.h"
 #include "SxTime.h"
 #include "ZqAppSuspension.h"
 #include "ZqApplicationNote.h"
@@ -9,6 +11,9 @@
 #include "ZqCoreAppGuard.h"
 #include "ZqFirstFrame.h"
 #include "ZqImageFeed.h"
+#include "ZqImageFiles.h"
+#include "ZqImageFolder.h"
+#include "ZqLog.h"
 #include "ZqRunDrive.h"
 #include "ZqRunRecording.h"
 #include "ZqRunSampler.h"
@@ -93,11 +98,13 @@ void ZqRun::main() {
     try {
         run();
     } catch (const SxException& e) {
-        result.info.startErr = !result.wasStarted;
-        result.info.endErr = true;
+        result.wasStopped = waits->isStopping() && e.hasTag(SxException::STOPPED);
+        // A player who has enough is no failure.
+        result.info.startErr = !result.wasStarted && !result.wasStopped;
+        result.info.endErr = !result.wasStopped;
         end();
         // Which of the steps noticed it doesn't matter.
-        if (waits->isStopping() && e.hasTag(SxException::STOPPED)) throw ZqRunWait::stopped();
+        if (result.wasStopped) throw ZqRunWait::stopped();
         throw;
     }
     end();
@@ -112,8 +119,10 @@ void ZqRun::run() {
     feed->open(waits->test());
     if (!settings.isDriveOnly && !settings.feed.isDownloadOnly)
         ZqStartCheck::require(settings, feed->getApp());
+    hasOpened = true;
     const bool wasComplete = feed->isComplete();
     const uint64 nPresent = feed->fileSize();
+    nBefore = wasComplete ? blocksFor(nPresent) : feed->countBlocks();
     feed->start();
     result.info.dataAtStart = static_cast<int64>(nPresent);
     phase = Loading;
@@ -264,12 +273,13 @@ void ZqRun::follow() {
         searching = guard->isSearching();
         note->note(guard->getGroup());
         firstFrame->look();
-        recording->limit();
+        if (recording->limit()) endJudgement();
         suspendProcess();
         feed->restoreWindow();
         SxTime::msleep(feed->isSettled() && !firstFrame->isAwaited() ? CALM_LOOK_MS : LOOK_MS);
     }
     guard->wait();
+    endJudgement();
     searching = false;
     if (guard->isMissed()) result.missed = launched->name;
     firstFrame->look();
@@ -282,6 +292,12 @@ void ZqRun::follow() {
     // Where the drive has gone, what the application has read since, and its exit code, mean nothing.
     drive->require();
     feed->requireAlive();
+}
+
+/// What comes from now on can't be read by the application, or nobody would know.
+void ZqRun::endJudgement() {
+    feed->endCursorWay();
+    if (judgedMs < 0) judgedMs = elapsedMs();
 }
 
 void ZqRun::suspendProcess() {
@@ -334,7 +350,10 @@ void ZqRun::writeInfo() {
     result.wasBusy = drive->wasBusy();
     result.lostLetter = drive->getLostLetter();
     if (!result.driveFailure.isEmpty()) result.info.endErr = true;
-    result.write(image);
+    const bool isRun = !settings.isDriveOnly && !settings.feed.isDownloadOnly;
+    if (!isRun || !hasOpened) return;
+    judge();
+    result.writeFiles(image);
 }
 
 void ZqRun::fillResult() {
@@ -346,6 +365,8 @@ void ZqRun::fillResult() {
     const ZqRuntimeInfo own = result.info;
     ZqRuntimeInfo& info = result.info;
     info = feed->getRuntimeInfo();
+    info.id = own.id;
+    info.appsAtStart = own.appsAtStart;
     info.preloadSize = own.preloadSize;
     info.dataAtStart = own.dataAtStart;
     info.nStarts = note->getStarts();
@@ -353,6 +374,8 @@ void ZqRun::fillResult() {
     info.endErr = own.endErr;
     info.path = image;
     info.guid = feed->getApp().guid;
+    result.build = feed->getApp().checksumMnt;
+    result.order = feed->getApp().checksumIdx;
     info.time0 = beginMs;
     info.timeToStart = std::max<int64>(result.startMs, 0) / 1000;
     info.timeToReady = std::max<int64>(result.firstFrameMs, 0) / 1000;
@@ -370,6 +393,26 @@ void ZqRun::fillResult() {
     if (const int64 ns = feed->getLastWaitNs(); ns > 0) result.lastWaitMs = (ns - beginNs) / 1'000'000;
     result.link = status.link;
     result.image = status.image;
+}
+
+void ZqRun::judge() {
+    ZqRunAccuracy& accuracy = result.accuracy;
+    try {
+        if (result.wasStarted && !result.traceFolder.isEmpty()) {
+            const ZqCursorWay way = feed->getCursorWay();
+            accuracy = ZqRunAccuracy::judge(
+                {result.traceFolder, image, blocksFor(feed->getApp().sizeZqf), nBefore, &way});
+            accuracy.judgedMs = judgedMs;
+            result.info.coverage = accuracy.coverage;
+        }
+        if (result.order.isEmpty())
+            result.order = SxMd5::file(ZqImageFolder::prefix(image) + ZqImageFiles::IDX, nullptr);
+    } catch (const SxException& e) {
+        // A run is no failure for want of its figures.
+        zqLogMsg("base", "ZqRun: the order can't be judged: " + e.toString(SxException::ShowMessage, ": "));
+    }
+    accuracy.nWaits = drive->countWaits();
+    accuracy.waitedMs = drive->getWaitedMs();
 }
 
 SxParserKit::SxSymbol ZqRun::toJson() const {

@@ -61,8 +61,8 @@ public:
     static constexpr const char* DRIVE_FAILED = "DriveFailed";
     /// Meaningful once the run has ended.
     const Result& getResult() const { return result; }
-    /// The result: what `runtime.json` has, `exitCode` null where it isn't known, and more. Of a mere
-    /// download whether the image is complete, its size, and what was moved.
+    /// The result: the record of the run. Of a mere download whether the image is complete, its size, and
+    /// what was moved.
     SxParserKit::SxSymbol toJson() const;
 
 protected:
@@ -82,12 +82,14 @@ private:
     void prepare();
     void startApplication();
     void follow();
+    void endJudgement();
     void suspendProcess();
     bool isCalm() const;
     void complete();
     void end();
     void writeInfo();
     void fillResult();
+    void judge();
     int64 elapsedMs() const;
 
     const Settings settings;
@@ -106,5 +108,8 @@ private:
     std::unique_ptr<ZqRunSampler> sampler;
     std::unique_ptr<ZqSleepDelay> sleepDelay;
     int64 beginNs = 0, beginMs = 0;
+    int64 judgedMs = -1; ///< until when the order can be judged; -1 for the end of the run
+    uint64 nBefore = 0;  ///< blocks that were there before the run
+    bool hasOpened = false;
     Result result;
 };

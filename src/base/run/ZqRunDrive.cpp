@@ -13,6 +13,8 @@
 #include "ZqRunWait.h"
 #include "ZqVolume.h"
 
+#include <algorithm>
+
 namespace {
 
 constexpr const char* UNIT = "src/base/ZqRunDrive";
@@ -79,6 +81,10 @@ void ZqRunDrive::takeOver() {
         // The run that was killed can have suspended it.
         const ZqMountMgr mounts;
         if (mounts.isSuspended(image)) mounts.resume(image);
+        ZqDiskStatus disk;
+        if (!ZqVolume::findDisk(image, &disk)) return;
+        nWaitsBefore = disk.nWaits;
+        waitedMsBefore = disk.heldMs;
     });
 }
 
@@ -254,6 +260,8 @@ void ZqRunDrive::endOnce(bool keep) {
         return;
     }
     note(disk);
+    nWaits = std::max(disk.nWaits, nWaitsBefore);
+    waitedMs = std::max(disk.heldMs, waitedMsBefore);
     if (keep) {
         mountPath = disk.mountPath;
     } else {

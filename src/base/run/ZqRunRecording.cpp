@@ -83,13 +83,15 @@ void ZqRunRecording::startPlay(bool isAdopted) {
         endNs = SxClock::get().steadyNs() + limitMs * 1'000'000;
 }
 
-void ZqRunRecording::limit() {
-    if (endNs == 0 || SxClock::get().steadyNs() < endNs) return;
+bool ZqRunRecording::limit() {
+    if (endNs == 0 || SxClock::get().steadyNs() < endNs) return false;
     try {
         end();
         endNs = 0;
+        return true;
     } catch (const SxException&) {
         // The service is silent, and is asked again with the next look.
+        return false;
     }
 }
 

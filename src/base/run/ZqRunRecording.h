@@ -33,8 +33,9 @@ public:
     /// From now on there is play to be recorded. `isAdopted`: that of a run which was killed, and may have
     /// left its trace running.
     void startPlay(bool isAdopted);
-    /// To be called every now and then: ends the recording where it has lasted long enough.
-    void limit();
+    /// To be called every now and then: ends the recording where it has lasted long enough. Gives whether it
+    /// did so now.
+    bool limit();
     /// Ends it; the drive stays. Raises only where the service is silent, which ends it later.
     void end() const;
 

@@ -4,21 +4,9 @@
 #include "SxFSAction.h"
 #include "ZqLog.h"
 
-using SxParserKit::SxSymbol;
+#include <functional>
 
-SxSymbol ZqRunResult::toJson() const {
-    SxSymbol root = info.toJson();
-    if (!isExitKnown) root.getElem("exitCode").setType(SxParserAst::Null);
-    root.append("startMs", startMs);
-    if (firstFrameMs >= 0) root.append("firstFrameMs", firstFrameMs);
-    if (lastWaitMs >= 0) root.append("lastWaitMs", lastWaitMs);
-    root.append("traceFolder", traceFolder);
-    root.append("driveFailure", driveFailure);
-    if (!lostLetter.isEmpty()) root.append("lostLetter", lostLetter);
-    root.append("bytesOnDemand", link.nOnDemandBytes);
-    appendTransfer(&root);
-    return root;
-}
+using SxParserKit::SxSymbol;
 
 SxSymbol ZqRunResult::downloadToJson() const {
     SxSymbol root;
@@ -29,22 +17,17 @@ SxSymbol ZqRunResult::downloadToJson() const {
     return root;
 }
 
-void ZqRunResult::write(const SxString& folder) {
+void ZqRunResult::writeFiles(const SxString& folder) {
+    const auto attempt = [this](const std::function<void()>& write) {
+        try {
+            write();
+        } catch (const SxException& e) {
+            unwritten = e.toString(SxException::ShowMessage, ": ");
+            zqLogMsg("base", "ZqRun: " + unwritten);
+        }
+    };
     // A folder that was removed would come back.
-    if (!wasStarted || !SxFSAction::exists(folder)) return;
-    try {
-        info.write(folder);
-    } catch (const SxException& e) {
-        unwritten = e.toString(SxException::ShowMessage, ": ");
-        zqLogMsg("base", "ZqRun: " + unwritten);
-    }
-}
-
-void ZqRunResult::appendTransfer(SxSymbol* root) const {
-    root->append("bytesReceived", link.nBytes);
-    root->append("bytesTwice", image.nTwice);
-    root->append("requests", link.nRequests);
-    root->append("retries", link.nRetries);
-    root->append("packed", image.isPacked);
-    root->append("missingBytes", nMissing);
+    if (!SxFSAction::exists(folder)) return;
+    attempt([&] { write(folder); });
+    if (wasStarted) attempt([&] { info.write(folder); });
 }

@@ -270,6 +270,19 @@ void ZqImageProgress::takeSample(uint64 nNew, int64 elapsedMs) {
     currentSpeed = speed;
 }
 
+ZqCursorWay ZqImageProgress::getCursorWay() const {
+    SxMutexBlock lock(&wayMutex);
+    return way;
+}
+
+void ZqImageProgress::noteWay(uint64 zqfIdx) {
+    if (wayEnded) return;
+    const int64 nowMs = SxClock::get().systemMs();
+    const uint64 nIncluded = (getNTotal() + ZqBlocks::SIZE - 1) / ZqBlocks::SIZE;
+    SxMutexBlock lock(&wayMutex);
+    way.add(nowMs, std::min(zqfIdx, nIncluded));
+}
+
 bool ZqImageProgress::moveCursor(uint64 zqfIdx) {
     const ZqMountMgr mgr;
     try {
@@ -280,6 +293,7 @@ bool ZqImageProgress::moveCursor(uint64 zqfIdx) {
             if (e.hasTag(ZqVolume::SILENT) || mgr.isMounted(path)) throw;
         }
         serviceSilent = false;
+        noteWay(zqfIdx);
     } catch (const SxException& e) {
         // A service that doesn't answer now is told with the next pass: the drive that it serves is up.
         if (!e.hasTag(ZqVolume::SILENT)) throw;

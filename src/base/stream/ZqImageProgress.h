@@ -4,6 +4,7 @@
 #include "SxSystemThread.h"
 #include "ZqAppParams.h"
 #include "ZqAvg.h"
+#include "ZqCursorWay.h"
 
 #include <atomic>
 #include <functional>
@@ -45,6 +46,10 @@ public:
     double getGlobalAvgSpeed() const;
     double getGlobalSigmaSpeed() const;
     double getGlobalMaxSpeed() const;
+    /// The way of the cursor so far, whether there is a drive or not.
+    ZqCursorWay getCursorWay() const;
+    /// From now on nobody needs to know more of it.
+    void endCursorWay() { wayEnded = true; }
     /// Forgets the last ten passes; the figures of the whole run stay.
     void resetAvgSpeed();
 
@@ -77,6 +82,7 @@ private:
     void awaitGrowth(File* file);
     void follow(File* file);
     void takeSample(uint64 nNew, int64 elapsedMs);
+    void noteWay(uint64 zqfIdx);
     /// False where the service is silent.
     bool moveCursor(uint64 zqfIdx);
     uint64 secondsUntil(uint64 nBytes) const;
@@ -95,6 +101,10 @@ private:
     uint64 nCurrent SX_GUARDED_BY(countMutex) = 0;
     uint64 nTotal SX_GUARDED_BY(countMutex);
 
+    mutable SxMutex wayMutex;
+    ZqCursorWay way SX_GUARDED_BY(wayMutex);
+
+    std::atomic<bool> wayEnded{false};
     std::atomic<bool> stopFlag{false};
     std::atomic<bool> serviceSilent{false};
 };

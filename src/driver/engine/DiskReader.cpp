@@ -7,10 +7,11 @@
 #include <cerrno>
 #include <cstring>
 
-DiskReader::DiskReader(const Sources& sources_, uint64 sizeRaw_, DriveFailure* failure_)
+DiskReader::DiskReader(const Sources& sources_, uint64 sizeRaw_, DriveFailure* failure_, ReadCount* count_)
     : sources(sources_),
       sizeRaw(sizeRaw_),
-      failure(failure_) {
+      failure(failure_),
+      count(count_) {
 }
 
 DiskReader::Outcome DiskReader::read(uint64 offset, uint32 size, char* to, Fault* shortage) {
@@ -23,6 +24,7 @@ DiskReader::Outcome DiskReader::read(uint64 offset, uint32 size, char* to, Fault
         const bool isStale = plan.isVolatile() && changes != nChanges();
         if (fault.error == 0 && !isStale) {
             if (fault.isCold) lookAhead.follow(offset + size);
+            count->addBytes(plan);
             return Outcome::Done;
         }
         // The cursor may have been lowered, and a file that comes short cut there, since the plan was made.

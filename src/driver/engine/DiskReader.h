@@ -3,6 +3,7 @@
 #include "BlockMap.h"
 #include "DriveFailure.h"
 #include "LookAhead.h"
+#include "ReadCount.h"
 #include "ReadPlan.h"
 #include "StoredFile.h"
 #include "UnderflowStore.h"
@@ -34,8 +35,9 @@ public:
         const WriteLayer& layer;
     };
 
-    /// `sizeRaw_`: bytes of the disk. Failures of files go to `failure_`.
-    DiskReader(const Sources& sources_, uint64 sizeRaw_, DriveFailure* failure_);
+    /// `sizeRaw_`: bytes of the disk. Failures of files go to `failure_`, bytes of reads that were done to
+    /// `count_`.
+    DiskReader(const Sources& sources_, uint64 sizeRaw_, DriveFailure* failure_, ReadCount* count_);
 
     /// Reads `size` bytes at RAW byte `offset`, at most MAX_REQUEST and inside the disk, as if at one moment:
     /// where blocks went elsewhere meanwhile it plans and reads once more. Missing: a block isn't there.
@@ -57,5 +59,6 @@ private:
     const Sources sources;
     const uint64 sizeRaw;
     DriveFailure* const failure;
+    ReadCount* const count;
     LookAhead lookAhead;
 };

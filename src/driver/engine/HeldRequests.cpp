@@ -18,18 +18,22 @@ void HeldRequests::restrict(Restriction restriction, bool on) {
     }
 }
 
+void HeldRequests::noteEnd(bool write, int64 sinceNs) {
+    if (!write) endedNs += SxClock::get().steadyNs() - sinceNs;
+}
+
 HeldRequests::Verdict HeldRequests::admit(uint64 token, bool write) {
     const SxMutexBlock lock(&mutex);
     if (isClosed()) return Verdict::Failed;
     if (!isHeldBack(write)) return Verdict::Go;
-    waiting.push_back({token, write});
+    waiting.push_back({token, write, SxClock::get().steadyNs()});
     return Verdict::Held;
 }
 
 HeldRequests::Verdict HeldRequests::hold(uint64 token, uint64 offset, uint32 size, bool write) {
     const SxMutexBlock lock(&mutex);
     if (isClosed()) return Verdict::Failed;
-    HeldRequest request{{}, token, offset, size, write, {}, 0};
+    HeldRequest request{{}, token, offset, size, write, SxClock::get().steadyNs(), {}, 0};
     findMissing(request, &request.missing);
     if (request.missing.empty()) return Verdict::Go;
     if (failing) return Verdict::Failed;
@@ -42,12 +46,18 @@ HeldRequests::Verdict HeldRequests::hold(uint64 token, uint64 offset, uint32 siz
 
 bool HeldRequests::forget(uint64 token) {
     const SxMutexBlock lock(&mutex);
-    if (std::erase_if(waiting, [token](const Waiting& request) { return request.token == token; }))
+    const auto place = std::find_if(waiting.begin(), waiting.end(),
+                                    [token](const Waiting& request) { return request.token == token; });
+    if (place != waiting.end()) {
+        noteEnd(place->write, place->sinceNs);
+        waiting.erase(place);
         return true;
+    }
     const auto found = std::find_if(missing.begin(), missing.end(),
                                     [token](const HeldRequest& request) { return request.token == token; });
     if (found == missing.end()) return false;
     queue.remove(&*found);
+    noteEnd(found->write, found->sinceNs);
     missing.erase(found);
     return true;
 }
@@ -56,6 +66,7 @@ HeldRequests::Tokens HeldRequests::arriveLocked(ZqfIdx first, ZqfIdx end) {
     Tokens tokens;
     for (const HeldRequest* request : queue.arrive(first, end)) {
         tokens.push_back(request->token);
+        noteEnd(request->write, request->sinceNs);
         missing.erase(request->self);
     }
     return tokens;
@@ -81,6 +92,7 @@ HeldRequests::Tokens HeldRequests::rebuild() {
         request->nMissing = request->missing.size();
         if (request->nMissing == 0) {
             tokens.push_back(request->token);
+            noteEnd(request->write, request->sinceNs);
             request = missing.erase(request);
         } else {
             left.push_back(&*request);
@@ -93,8 +105,10 @@ HeldRequests::Tokens HeldRequests::rebuild() {
 
 HeldRequests::Tokens HeldRequests::releaseMissing() {
     Tokens tokens;
-    for (const HeldRequest& request : missing)
+    for (const HeldRequest& request : missing) {
         tokens.push_back(request.token);
+        noteEnd(request.write, request.sinceNs);
+    }
     missing.clear();
     queue.rebuild({});
     return tokens;
@@ -104,8 +118,10 @@ HeldRequests::Tokens HeldRequests::releaseWaiting() {
     Tokens tokens;
     const auto end = std::stable_partition(
         waiting.begin(), waiting.end(), [this](const Waiting& request) { return isHeldBack(request.write); });
-    for (auto request = end; request != waiting.end(); ++request)
+    for (auto request = end; request != waiting.end(); ++request) {
         tokens.push_back(request->token);
+        noteEnd(request->write, request->sinceNs);
+    }
     waiting.erase(end, waiting.end());
     return tokens;
 }
@@ -155,6 +171,17 @@ bool HeldRequests::isUnderflow() const {
 uint64 HeldRequests::nHeld() const {
     const SxMutexBlock lock(&mutex);
     return missing.size() + waiting.size();
+}
+
+int64 HeldRequests::readsHeldNs() const {
+    const int64 nowNs = SxClock::get().steadyNs();
+    const SxMutexBlock lock(&mutex);
+    int64 sumNs = endedNs;
+    for (const HeldRequest& request : missing)
+        sumNs += request.write ? 0 : std::max<int64>(nowNs - request.sinceNs, 0);
+    for (const Waiting& request : waiting)
+        sumNs += request.write ? 0 : std::max<int64>(nowNs - request.sinceNs, 0);
+    return sumNs;
 }
 
 uint64 HeldRequests::queueLength() {

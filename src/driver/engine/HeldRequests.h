@@ -51,6 +51,8 @@ public:
     /// Whether a read is held for a missing block.
     bool isUnderflow() const;
     uint64 nHeld() const;
+    /// For how long reads were held so far, all together, those that are held now up to now.
+    int64 readsHeldNs() const;
     uint64 queueLength();
     std::vector<uint64> popMissing(uint64 max);
     bool oldest(uint64* offset, uint64* length) const;
@@ -60,6 +62,7 @@ private:
     struct Waiting {
         uint64 token;
         bool write;
+        int64 sinceNs;
     };
 
     bool isHeldBack(bool write) const;
@@ -68,11 +71,13 @@ private:
     Tokens releaseMissing() SX_REQUIRES(mutex);
     Tokens arriveLocked(ZqfIdx first, ZqfIdx end) SX_REQUIRES(mutex);
     Tokens rebuild() SX_REQUIRES(mutex);
+    void noteEnd(bool write, int64 sinceNs) SX_REQUIRES(mutex);
 
     const FindMissing findMissing;
     mutable SxMutex mutex;
     std::atomic<unsigned> restrictions{0}; ///< changed with the mutex held
     bool failing SX_GUARDED_BY(mutex) = false;
+    int64 endedNs SX_GUARDED_BY(mutex) = 0; ///< for how long reads were held that no longer are
     /// Oldest first; each knows its own place, so that one of thousands is found at once.
     std::list<HeldRequest> missing SX_GUARDED_BY(mutex);
     std::vector<Waiting> waiting SX_GUARDED_BY(mutex);

@@ -15,6 +15,7 @@ struct HeldRequest {
     uint64 offset = 0; ///< RAW bytes
     uint32 size = 0;   ///< bytes
     bool write = false;
+    int64 sinceNs = 0;           ///< when it was held, by the steady clock
     std::vector<ZqfIdx> missing; ///< when it was held, in ascending order
     uint64 nMissing = 0;         ///< of these, still
 };

@@ -11,6 +11,7 @@ public:
         Delivered, ///< in the underflow store
         Layered    ///< in `img.tmp`
     };
+    static constexpr size_t N_KINDS = 4;
     struct Run {
         Kind kind;
         uint32 size; ///< bytes

@@ -21,7 +21,7 @@ VirtualDisk::VirtualDisk(const Config& config, Wake wake)
       store(cfg.folder.str(), map.nIncluded(), cfg.cacheSize, cursor),
       layer(cfg.folder.str(), &map, cfg.readOnly),
       zqf(cfg.folder, map.nIncluded(), &failure),
-      reader({map, cursor, zqf, store, layer}, cfg.sizeRaw, &failure),
+      reader({map, cursor, zqf, store, layer}, cfg.sizeRaw, &failure, &reads),
       writer(cfg, {map, zqf, layer, reader}, &failure),
       requests(
           [this](const HeldRequest& request, std::vector<ZqfIdx>* missing) { findMissing(request, missing); },
@@ -82,6 +82,13 @@ VirtualDisk::Result VirtualDisk::holdShort(uint64 token, const DiskReader::Fault
 
 VirtualDisk::Result VirtualDisk::read(uint64 offset, uint32 size, char* buffer, uint64 token, bool retry,
                                       int* error) {
+    const Result result = tryRead(offset, size, buffer, token, retry, error);
+    if (result == Result::Held && !retry) reads.addWait();
+    return result;
+}
+
+VirtualDisk::Result VirtualDisk::tryRead(uint64 offset, uint32 size, char* buffer, uint64 token, bool retry,
+                                         int* error) {
     if (const auto verdict = admit(offset, size, token, false, retry, error)) return *verdict;
     for (;;) {
         DiskReader::Fault shortage;

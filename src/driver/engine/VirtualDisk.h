@@ -108,6 +108,8 @@ public:
 
     /// Requests that are held now, for whatever reason.
     uint64 nHeld() const { return requests.nHeld(); }
+    /// For how long reads were held for missing blocks or a resume, all together, up to now.
+    int64 readsHeldNs() const { return requests.readsHeldNs(); }
     /// Number of blocks of the complete `img.zqf`.
     uint64 nIncluded() const { return map.nIncluded(); }
     bool isComplete() const { return getCursor() >= nIncluded(); }
@@ -125,6 +127,7 @@ public:
 private:
     using Verdict = std::optional<Result>; ///< none: go on
 
+    Result tryRead(uint64 offset, uint32 size, char* buffer, uint64 token, bool retry, int* error);
     Verdict admit(uint64 offset, uint32 size, uint64 token, bool isWrite, bool retry, int* error);
     static Verdict resultOf(HeldRequests::Verdict verdict, int* error);
     /// Holds a request for which `img.zqf` came short, or notes why it fails.
@@ -139,11 +142,11 @@ private:
     UnderflowStore store;
     WriteLayer layer;
     StoredFile zqf;
+    ReadCount reads;
     DiskReader reader;
     DiskWriter writer;
     PendingRequests requests;
     TraceRecorder trace;
-    ReadCount reads;
 
     std::atomic<int64> nWriting{0};
     SxMutex flushing; ///< held over flushLayer()

@@ -16,6 +16,7 @@ constexpr const char* UNIT = "src/driver/DiskCalls";
 /// How long monitorOn() waits at most until the kernel reads little in advance on the drive: blocks that are
 /// read ahead would be recorded, though nobody asked for them.
 constexpr int64 SETTLE_MS = 1000;
+constexpr uint64 NS_PER_MS = 1'000'000;
 
 } // namespace
 
@@ -77,9 +78,16 @@ ZqDiskStatus Disk::getStatus() {
     status.cursor = disk.getCursor();
     status.nIncluded = disk.nIncluded();
     status.queueLength = disk.queueLength();
-    status.nReads = disk.getReads()->get();
     status.nHeld = disk.nHeld();
-    status.nBeyondQA = disk.getReads()->nBeyondQA();
+    const ReadCount& reads = *disk.getReads();
+    status.nReads = reads.get();
+    status.nBeyondQA = reads.nBeyondQA();
+    status.nStoredBytes = reads.getBytes(ReadPlan::Stored);
+    status.nDeliveredBytes = reads.getBytes(ReadPlan::Delivered);
+    status.nLayeredBytes = reads.getBytes(ReadPlan::Layered);
+    status.nZeroBytes = reads.getBytes(ReadPlan::Zeros);
+    status.nWaits = reads.getWaits();
+    status.heldMs = static_cast<uint64>(disk.readsHeldNs()) / NS_PER_MS;
     status.underflow = disk.isUnderflow();
     status.suspended = disk.isSuspended();
     status.monitored = disk.getTrace()->isOn();

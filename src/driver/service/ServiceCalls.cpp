@@ -26,8 +26,10 @@ void requireWhole(const Reader& request) {
 
 void writeStatus(const ZqDiskStatus& status, Writer* out) {
     out->text(status.image).text(status.mountPath).text(status.drive).text(status.failure);
-    for (const uint64 number : {status.deviceId, status.sectorSize, status.cursor, status.nIncluded,
-                                status.queueLength, status.nReads, status.nHeld, status.nBeyondQA})
+    for (const uint64 number :
+         {status.deviceId, status.sectorSize, status.cursor, status.nIncluded, status.queueLength,
+          status.nReads, status.nHeld, status.nBeyondQA, status.nStoredBytes, status.nDeliveredBytes,
+          status.nLayeredBytes, status.nZeroBytes, status.nWaits, status.heldMs})
         out->number(number);
     out->number(static_cast<uint64>(status.mounterPid));
     for (const bool flag : {status.ready, status.replaced, status.removable, status.underflow,

@@ -339,6 +339,12 @@ ZqDiskStatus ZqServiceClient::readStatus(Reader* answer) {
     status.nReads = answer->number();
     status.nHeld = answer->number();
     status.nBeyondQA = answer->number();
+    status.nStoredBytes = answer->number();
+    status.nDeliveredBytes = answer->number();
+    status.nLayeredBytes = answer->number();
+    status.nZeroBytes = answer->number();
+    status.nWaits = answer->number();
+    status.heldMs = answer->number();
     status.mounterPid = static_cast<int64>(answer->number());
     status.ready = answer->flag();
     status.replaced = answer->flag();

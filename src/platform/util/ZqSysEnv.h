@@ -63,6 +63,9 @@ public:
     static int getProcessID(const SxString& name, int64 limit);
     /// The ids of all processes with that name, in ascending order.
     static SxList<int> getProcessIDs(const SxString& name);
+    /// The names of the programs that this user runs, each once, in alphabetic order, without this one: the
+    /// last part of the program's path, or, of a Windows program, of the path that it was called with.
+    static SxList<SxString> getProgramNames();
     /// Whether a process is this user's, and one of the machine root that is in force, as its environment at
     /// its start says.
     static bool isInMachineRoot(int id);

@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <charconv>
 #include <csignal>
+#include <set>
 #include <unistd.h>
 #include <vector>
 
@@ -127,6 +128,25 @@ int ZqSysEnv::getProcessID(const SxString& name, int64 limit) {
 
 SxList<int> ZqSysEnv::getProcessIDs(const SxString& name) {
     return name.isEmpty() ? SxList<int>() : findProcesses(NameMatch(name));
+}
+
+SxList<SxString> ZqSysEnv::getProgramNames() {
+    std::set<std::string> names;
+    for (const SxProcessInfo& process : SxProcessInfo::getAll()) {
+        if (process.user != SxProcessInfo::ownUser() || process.id == getpid() || !process.isRunning())
+            continue;
+        const std::string folder = "/proc/" + std::to_string(process.id);
+        std::string program;
+        if (SxOs::get().readLink(folder + "/exe", &program) != 0) continue; // the kernel's own, or ended
+        if (program.ends_with(DELETED)) program.resize(program.size() - DELETED.size());
+        const std::string argument = firstArgument(folder);
+        if (SxString(argument).changeCase(false).endsWith(".exe")) program = argument;
+        names.insert(program.substr(program.find_last_of("/\\") + 1));
+    }
+    SxList<SxString> list;
+    for (const std::string& name : names)
+        list << SxString(name);
+    return list;
 }
 
 bool ZqSysEnv::isInMachineRoot(int id) {

@@ -3,9 +3,11 @@
 #include "SxFileIO.h"
 #include "SxJSONParser.h"
 #include "SxMd5.h"
+#include "SxTime.h"
 #include "VirtualClock.h"
 #include "ZqBlocks.h"
 
+#include <array>
 #include <cstring>
 #include <gmock/gmock.h>
 
@@ -254,6 +256,40 @@ TEST(VirtualDisk, OnlyWhatTheImageLacksOfItsLastBlockIsZeros) {
                   image.image.raw.substr(30 * ZqBlocks::SIZE, ZqBlocks::SIZE + LAST));
         EXPECT_EQ(drive.buffer.find_first_not_of('\0', ZqBlocks::SIZE + LAST), std::string::npos);
     }
+}
+
+TEST(VirtualDisk, ReadsAreCountedByWhereTheyCameFromAndForHowLongTheyWaited) {
+    VirtualClock clock;
+    const OrderedImage image;
+    Drive drive(image, Mode::Rtw, 4);
+    const auto bytes = [&](ReadPlan::Kind kind) {
+        return drive.disk.getReads()->getBytes(kind) / ZqBlocks::SIZE;
+    };
+    EXPECT_EQ(drive.read(0, 3, 1), Result::Done);
+    EXPECT_EQ(drive.write(2, std::string(ZqBlocks::SIZE, 'w')), 0);
+    EXPECT_EQ(drive.discard(3, 1), 0);
+    EXPECT_EQ(drive.read(0, 4, 2), Result::Done);
+    // Two wait for one block, one of them twice; a third one is given up.
+    EXPECT_EQ(drive.read(9, 2, 3), Result::Held);
+    SxTime::msleep(30);
+    EXPECT_EQ(drive.read(10, 1, 4), Result::Held);
+    EXPECT_EQ(drive.read(20, 1, 5), Result::Held);
+    SxTime::msleep(10);
+    EXPECT_EQ(drive.disk.readsHeldNs() / 1'000'000, 40 + 10 + 10);
+    EXPECT_TRUE(drive.disk.forget(5));
+    drive.disk.suspend();
+    image.deliver(&drive.disk, 9, 2);
+    EXPECT_EQ(drive.read(9, 2, 3, true), Result::Held);
+    SxTime::msleep(5);
+    drive.disk.resume();
+    EXPECT_EQ(drive.read(9, 2, 3, true), Result::Done);
+    EXPECT_EQ(drive.read(10, 1, 4, true), Result::Done);
+    SxTime::msleep(100);
+    EXPECT_EQ(drive.disk.readsHeldNs() / 1'000'000, 40 + 10 + 10 + 5);
+    EXPECT_EQ(drive.disk.getReads()->getWaits(), 3U);
+    EXPECT_THAT((std::array{bytes(ReadPlan::Stored), bytes(ReadPlan::Delivered), bytes(ReadPlan::Layered),
+                            bytes(ReadPlan::Zeros)}),
+                ElementsAre(3 + 2, 2 + 1, 1, 1));
 }
 
 TEST(VirtualDisk, TheTraceHasEachBlockOfEachRequestOnce) {

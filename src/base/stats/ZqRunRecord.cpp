@@ -1,0 +1,274 @@
+#include "ZqRunRecord.h"
+
+#include "SxException.h"
+#include "SxFSAction.h"
+#include "ZqImageFiles.h"
+#include "ZqImageFolder.h"
+#include "ZqLog.h"
+#include "ZqPreparations.h"
+#include "ZqRecordFile.h"
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <chrono>
+
+using SxParserKit::SxSymbol;
+
+namespace {
+
+constexpr const char* UNIT = "src/base/ZqRunRecord";
+constexpr const char* SCHEMA = "zqrun-schema.json";
+constexpr const char* END = ".json";
+constexpr size_t N_ID = 8; ///< digits of the id in a record's name
+
+SxString runsFolder(const SxString& image) {
+    return ZqImageFolder::prefix(image) + ZqImageFiles::RUNS;
+}
+
+/// The moment in UTC, in an order that is that of time.
+SxString stamp(int64 timeMs) {
+    using namespace std::chrono;
+    const sys_time<milliseconds> time{milliseconds(timeMs)};
+    const sys_days day = floor<days>(time);
+    const year_month_day date(day);
+    const hh_mm_ss clock(floor<seconds>(time - day));
+    return SxString::sprintf(
+        "%04d-%02u-%02uT%02d-%02d-%02dZ", static_cast<int>(date.year()), static_cast<unsigned>(date.month()),
+        static_cast<unsigned>(date.day()), static_cast<int>(clock.hours().count()),
+        static_cast<int>(clock.minutes().count()), static_cast<int>(clock.seconds().count()));
+}
+
+/// Whether the name is one that stamp() begins. Others that lie there aren't ours to be removed.
+bool isRecordName(const SxString& name) {
+    static constexpr std::string_view PATTERN = "dddd-dd-ddTdd-dd-ddZ-xxxxxxxx.json";
+    return std::equal(PATTERN.begin(), PATTERN.end(), name.str().begin(), name.str().end(),
+                      [](char wanted, char found) {
+                          const auto c = static_cast<unsigned char>(found);
+                          if (wanted == 'd') return std::isdigit(c) != 0;
+                          return wanted == 'x' ? std::isxdigit(c) != 0 : wanted == found;
+                      });
+}
+
+/// Names of the records, in order of time.
+std::vector<SxString> listRecords(const SxString& image) {
+    std::vector<SxString> names;
+    if (!SxFSAction::test_d(runsFolder(image))) return names;
+    for (const SxFileInfo& entry : SxFSAction::ls(runsFolder(image))) {
+        if (isRecordName(entry.getName())) names.push_back(entry.getName());
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+void removeOld(const SxString& image) {
+    const std::vector<SxString> names = listRecords(image);
+    for (size_t i = 0; i + static_cast<size_t>(ZqRunRecord::KEPT) < names.size(); ++i) {
+        try {
+            SxFSAction::rm(runsFolder(image) + names[i]);
+        } catch (const SxException& e) {
+            // One too many is no harm.
+            zqLogMsg("base", "ZqRunRecord: " + e.toString(SxException::ShowMessage, ": "));
+        }
+    }
+}
+
+/// Where nothing stands a time is not known.
+void getTime(const SxSymbol& root, const char* key, int64* field) {
+    *field = -1;
+    ZqRecordFile::get(root, key, field);
+}
+
+void get(const SxSymbol& root, const char* key, double* field) {
+    const SxSymbol elem = root.getElem(key, false);
+    if (elem.isValid()) *field = elem.toDouble();
+}
+
+void get(const SxSymbol& root, const char* key, bool* field) {
+    const SxSymbol elem = root.getElem(key, false);
+    if (elem.isValid()) *field = elem.toBool();
+}
+
+void readInfo(const SxSymbol& root, ZqRuntimeInfo* info) {
+    const std::initializer_list<std::pair<const char*, int64*>> numbers = {
+        {"time0", &info->time0},
+        {"nStarts", &info->nStarts},
+        {"runTime", &info->runTime},
+        {"preloadSize", &info->preloadSize},
+        {"timeToStart", &info->timeToStart},
+        {"timeToReady", &info->timeToReady},
+        {"dataAtStart", &info->dataAtStart},
+        {"dataAtEnd", &info->dataAtEnd},
+        {"imgSize", &info->imageSize},
+        {"prefetchSizeMB", &info->prefetchSizeMB},
+        {"nUnderflows", &info->nUnderflows},
+        {"avgUnderflowTime", &info->avgUnderflowTime},
+        {"avgUnderflowSize", &info->avgUnderflowSize},
+        {"maxUnderflowTime", &info->maxUnderflowTime},
+        {"maxUnderflowSize", &info->maxUnderflowSize},
+        {"nOnDemandFetches", &info->nOnDemandFetches},
+        {"sumOnDemandSize", &info->sumOnDemandSize},
+        {"avgOnDemandSize", &info->avgOnDemandSize},
+        {"avgOnDemandTime", &info->avgOnDemandTime},
+        {"maxOnDemandTime", &info->maxOnDemandTime},
+        {"avgOnDemandQueue", &info->avgOnDemandQueue},
+        {"maxOnDemandQueue", &info->maxOnDemandQueue},
+    };
+    for (const auto& [key, field] : numbers)
+        ZqRecordFile::get(root, key, field);
+    const std::initializer_list<std::pair<const char*, SxString*>> texts = {
+        {"guid", &info->guid},
+        {"id", &info->id},
+        {"rteVer", &info->rteVer},
+        {"winVer", &info->winVer},
+        {"clientToken", &info->clientToken}};
+    for (const auto& [key, field] : texts)
+        ZqRecordFile::get(root, key, field);
+    get(root, "avgSpeed", &info->avgSpeed);
+    get(root, "maxSpeed", &info->maxSpeed);
+    get(root, "sigmaSpeed", &info->sigmaSpeed);
+    get(root, "reqSpeed", &info->reqSpeed);
+    get(root, "coverage", &info->coverage);
+    get(root, "downloadFromZero", &info->downloadFromZero);
+    get(root, "downloadComplete", &info->downloadComplete);
+    get(root, "startErr", &info->startErr);
+    get(root, "endErr", &info->endErr);
+    SxList<SxString> apps;
+    ZqRecordFile::get(root, "appsAtStart", &apps);
+    for (const SxString& app : apps)
+        info->appsAtStart << app;
+    info->patchStats = ZqPreparations::fromJson(root.getElem("patchStats", false));
+    info->defragStats = ZqPreparations::fromJson(root.getElem("defragStats", false));
+}
+
+void appendInfo(const ZqRuntimeInfo& info, SxSymbol* root) {
+    root->append("imgSize", info.imageSize);
+    root->append("timeToReady", info.timeToReady);
+    root->append("maxSpeed", info.maxSpeed);
+    root->append("coverage", info.coverage);
+    root->append("startErr", info.startErr);
+    root->append("endErr", info.endErr);
+    if (info.appsAtStart.getSize() > 0) {
+        SxSymbol apps = root->append("appsAtStart", SxParserAst::Array);
+        for (const SxString& app : info.appsAtStart)
+            apps.append(app.makeVisible());
+    }
+    root->append("sumOnDemandSize", info.sumOnDemandSize);
+    if (info.patchStats.started) root->appendCopy("patchStats", ZqPreparations::toJson(info.patchStats));
+    if (info.defragStats.started) root->appendCopy("defragStats", ZqPreparations::toJson(info.defragStats));
+}
+
+} // namespace
+
+SxSymbol ZqRunRecord::toJson() const {
+    SxSymbol root = info.toJson();
+    if (!isExitKnown) root.getElem("exitCode").setType(SxParserAst::Null);
+    root.append("id", info.id);
+    root.append("build", build);
+    root.append("order", order);
+    root.append("rteVer", info.rteVer);
+    root.append("winVer", info.winVer);
+    root.append("stopped", wasStopped);
+    appendInfo(info, &root);
+    root.append("lengthMs", lengthMs);
+    root.append("startMs", startMs);
+    if (firstFrameMs >= 0) root.append("firstFrameMs", firstFrameMs);
+    if (lastWaitMs >= 0) root.append("lastWaitMs", lastWaitMs);
+    if (mountMs >= 0) root.append("mountMs", mountMs);
+    root.append("traceFolder", traceFolder);
+    root.append("driveFailure", driveFailure);
+    if (!lostLetter.isEmpty()) root.append("lostLetter", lostLetter);
+    root.append("bytesOnDemand", link.nOnDemandBytes);
+    appendTransfer(&root);
+    if (wasStarted) root.appendCopy("accuracy", accuracy.toJson());
+    return root;
+}
+
+void ZqRunRecord::appendTransfer(SxSymbol* root) const {
+    root->append("bytesReceived", link.nBytes);
+    root->append("bytesTwice", image.nTwice);
+    root->append("requests", link.nRequests);
+    root->append("retries", link.nRetries);
+    root->append("packed", image.isPacked);
+    root->append("missingBytes", nMissing);
+}
+
+void ZqRunRecord::write(const SxString& folder) {
+    if (file.isEmpty()) {
+        file = runsFolder(folder) + stamp(info.time0) + "-" + info.id.str().substr(0, N_ID) + END;
+        const ZqPreparations done = ZqPreparations::read(folder);
+        info.patchStats = done.patch;
+        info.defragStats = done.defrag;
+    }
+    rewrite();
+    try {
+        ZqPreparations::clear(folder);
+    } catch (const SxException& e) {
+        throw SxException(e, "Failed to write file " + file, UNIT, __LINE__);
+    }
+    removeOld(folder);
+}
+
+void ZqRunRecord::rewrite() const {
+    try {
+        SxSymbol root = toJson();
+        // The folder's place is no matter of the run, and the image may be moved.
+        const SxString parent = SxFileInfo(SxFileInfo(file).getPath()).getPath() + "/";
+        if (traceFolder.startsWith(parent.str())) root.setElem("traceFolder", traceFolder.right(parent));
+        if (!info.clientToken.isEmpty()) root.append("clientToken", info.clientToken);
+        ZqRecordFile::write(root, file, 0600);
+    } catch (const SxException& e) {
+        throw SxException(e, "Failed to write file " + file, UNIT, __LINE__);
+    }
+}
+
+ZqRunRecord ZqRunRecord::read(const SxString& file) {
+    try {
+        const SxSymbol root = ZqRecordFile::read(file, SCHEMA);
+        ZqRunRecord record;
+        record.file = file;
+        readInfo(root, &record.info);
+        ZqRecordFile::get(root, "build", &record.build);
+        ZqRecordFile::get(root, "order", &record.order);
+        get(root, "stopped", &record.wasStopped);
+        const SxSymbol exit = root.getElem("exitCode", false);
+        record.isExitKnown = exit.isValid() && exit.getType() != SxParserAst::Null;
+        if (record.isExitKnown) record.info.exitCode = exit.toInt();
+        ZqRecordFile::get(root, "lengthMs", &record.lengthMs);
+        getTime(root, "startMs", &record.startMs);
+        record.wasStarted = record.startMs >= 0;
+        getTime(root, "firstFrameMs", &record.firstFrameMs);
+        getTime(root, "lastWaitMs", &record.lastWaitMs);
+        getTime(root, "mountMs", &record.mountMs);
+        ZqRecordFile::get(root, "traceFolder", &record.traceFolder);
+        ZqRecordFile::get(root, "driveFailure", &record.driveFailure);
+        ZqRecordFile::get(root, "lostLetter", &record.lostLetter);
+        ZqRecordFile::get(root, "bytesOnDemand", &record.link.nOnDemandBytes);
+        ZqRecordFile::get(root, "bytesReceived", &record.link.nBytes);
+        ZqRecordFile::get(root, "bytesTwice", &record.image.nTwice);
+        ZqRecordFile::get(root, "requests", &record.link.nRequests);
+        ZqRecordFile::get(root, "retries", &record.link.nRetries);
+        get(root, "packed", &record.image.isPacked);
+        ZqRecordFile::get(root, "missingBytes", &record.nMissing);
+        const SxSymbol judged = root.getElem("accuracy", false);
+        if (judged.isValid()) record.accuracy = ZqRunAccuracy::fromJson(judged);
+        return record;
+    } catch (const SxException& e) {
+        throw SxException(e, "Failed to read file " + file, UNIT, __LINE__);
+    }
+}
+
+SxList<ZqRunRecord> ZqRunRecord::readLast(const SxString& folder, int64 n, SxList<SxException>* failures) {
+    const std::vector<SxString> names = listRecords(folder);
+    SxList<ZqRunRecord> records;
+    const size_t first = names.size() - std::min(names.size(), static_cast<size_t>(std::max<int64>(n, 0)));
+    for (size_t i = first; i < names.size(); ++i) {
+        try {
+            records << read(runsFolder(folder) + names[i]);
+            records.last().info.path = folder;
+        } catch (const SxException& e) {
+            *failures << e;
+        }
+    }
+    return records;
+}

@@ -1,0 +1,53 @@
+#pragma once
+
+#include "ZqImageFigures.h"
+#include "ZqNetFigures.h"
+#include "ZqRunAccuracy.h"
+#include "ZqRuntimeInfo.h"
+
+/// What one run was like, whole: the figures of ZqRuntimeInfo and what `runtime.json` lacks. A file for each
+/// run stands in the folder `runs/` of its image, in order of the runs by their names, of which the last
+/// KEPT stay; they are for their user alone, since a record may hold the token of a statistics service. Times
+/// in milliseconds unless they say otherwise. Not locked.
+struct ZqRunRecord {
+    static constexpr int64 KEPT = 100;
+
+    ZqRuntimeInfo info;       ///< times in seconds, speeds in megabit per second
+    SxString build;           ///< build id: `checksums.mnt` of the application's record
+    SxString order;           ///< digest of the image's map
+    bool wasStarted = false;  ///< the application was
+    bool wasStopped = false;  ///< the player has ended the run
+    bool isExitKnown = false; ///< `info.exitCode` is that of the application
+    int64 startMs = -1;       ///< from the beginning of the run to the application's start
+    int64 firstFrameMs = -1;  ///< to its first frame; -1 where that isn't known
+    int64 lastWaitMs = -1;    ///< to the last moment at which a read waited for blocks; -1 for never
+    int64 mountMs = -1;       ///< until the drive was up; -1 where it was so before, or never
+    int64 lengthMs = 0;       ///< to the end of the run, without the time that ending it took
+    SxString traceFolder;     ///< empty where nothing was traced
+    ZqNetFigures link;
+    ZqImageFigures image;
+    uint64 nMissing = 0;   ///< bytes of `img.zqf` that are still to be fetched
+    SxString lostLetter;   ///< the drive's, where a runner has taken it for good
+    SxString driveFailure; ///< the first read or write of the drive that failed; empty where none has
+    ZqRunAccuracy accuracy;
+
+    /// What `runtime.json` has, `exitCode` null where it isn't known, and all else but the token.
+    SxParserKit::SxSymbol toJson() const;
+    /// Writes the record among those of the image folder `folder`, in a file that the first write makes, and
+    /// removes those that are too old. What the image's preparation jobs have done since its last run becomes
+    /// part of the record and isn't kept for the next one. Raises "Failed to write file ..." with the cause.
+    void write(const SxString& folder);
+    /// The last records of the image folder, newest last, `n` at most. One that can't be read is passed over
+    /// and named in `*failures`.
+    static SxList<ZqRunRecord> readLast(const SxString& folder, int64 n, SxList<SxException>* failures);
+    /// Raises "Failed to read file ..." with the cause.
+    static ZqRunRecord read(const SxString& file);
+    /// Writes it back to where it was read from, or written to last.
+    void rewrite() const;
+
+protected:
+    void appendTransfer(SxParserKit::SxSymbol* root) const;
+
+private:
+    SxString file; ///< empty until there is one
+};
