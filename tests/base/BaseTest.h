@@ -34,7 +34,11 @@ inline std::string failureOf(SxSystemThread& job) {
 /// What stands in a folder, the lock files aside, which stay.
 inline TreeSnapshot contentOf(const TempDir& dir, std::string_view below = "watched") {
     TreeSnapshot tree = dir.snapshot(below);
-    std::erase_if(tree, [](const auto& entry) { return entry.first.ends_with("image.lock"); });
+    std::erase_if(tree, [](const auto& entry) {
+        const std::string& name = entry.first;
+        return name.ends_with("image.lock") || name.ends_with("runs") ||
+               name.ends_with("runs/preparations.json");
+    });
     return tree;
 }
 
