@@ -46,8 +46,8 @@ ONE_FILE_ONLY = {
     "duckdb": re.compile(r"duckdb\.h$"),
 }
 
-# Of these a folder may know, in .cpp files.
-ONE_FOLDER_ONLY = {"curl"}
+# Of these some rooms may know, in .cpp files.
+ROOMS_ONLY = {"curl": {"platform/net", "platform/comm"}}
 
 INCLUDE = re.compile(r'^\s*#\s*include\s*(?:<([^>]+)>|"([^"]+)")')
 
@@ -156,8 +156,10 @@ def check(root):
         for file, number in found.items():
             if file.suffix == ".h":
                 faults.append((file, number, f"{library} must not appear in a header"))
-            elif library in ONE_FOLDER_ONLY and file.parent == sources[0].parent:
-                continue
+            elif library in ROOMS_ONLY:
+                rooms_of = ROOMS_ONLY[library]
+                if file.parent.relative_to(src).as_posix() not in rooms_of:
+                    faults.append((file, number, f"{library} belongs to {' and '.join(sorted(rooms_of))}"))
             elif file != sources[0]:
                 first = sources[0].relative_to(root)
                 faults.append((file, number, f"{library} belongs to one .cpp file, and {first} has it already"))

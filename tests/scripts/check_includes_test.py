@@ -47,6 +47,7 @@ FAULTS = [
     ("core/SxB.cpp", '#include "SxGone.h"\n', 1, "no such header"),
     ("core/SxB.cpp", "#include <tavrin/SxA.h>\n", 1, "inside the library"),
     ("core/SxZ.cpp", "#include <nlohmann/json.hpp>\n", 1, "src/core/SxA.cpp has it already"),
+    ("core/SxB.cpp", "#include <curl/curl.h>\n", 1, "curl belongs to platform/comm and platform/net"),
     ("platform/util/zqZip.cpp", '#  include "ZqB.h"\n', 1, "platform/util must not know base/low"),
     ("platform/devctl/zqDrive.cpp", '#include "ZqB.h"\n', 1, "platform/devctl must not know base/low"),
     ("platform/util/SxA.h", "", 1, "another header is called SxA.h"),

@@ -55,6 +55,27 @@ std::string PackedImage::bytes() const {
     return all + table;
 }
 
+namespace {
+
+/// A whole request.
+std::string receive(int client) {
+    std::string request;
+    char buffer[4096];
+    size_t wanted = std::string::npos;
+    while (request.size() < wanted) {
+        const ssize_t n = ::recv(client, buffer, sizeof buffer, 0);
+        if (n <= 0) break;
+        request.append(buffer, static_cast<size_t>(n));
+        const size_t head = request.find("\r\n\r\n");
+        if (head == std::string::npos) continue;
+        const size_t length = request.find("Content-Length: ");
+        wanted = head + 4 + (length < head ? std::stoul(request.substr(length + 16)) : 0);
+    }
+    return request;
+}
+
+} // namespace
+
 ScriptedServer::ScriptedServer(Answer answer_) : answer(std::move(answer_)) {
     listener = Loopback::listen(&port);
     start();
@@ -82,13 +103,7 @@ void ScriptedServer::main() {
         pollfd waiting = {listener, POLLIN, 0};
         if (::poll(&waiting, 1, 10) <= 0) continue;
         const int client = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
-        std::string request;
-        char buffer[4096];
-        while (request.find("\r\n\r\n") == std::string::npos) {
-            const ssize_t n = ::recv(client, buffer, sizeof buffer, 0);
-            if (n <= 0) break;
-            request.append(buffer, static_cast<size_t>(n));
-        }
+        const std::string request = receive(client);
         {
             SxMutexBlock lock(&mutex);
             seen.push_back(request);
@@ -98,13 +113,20 @@ void ScriptedServer::main() {
             silent.push_back(client);
             continue;
         }
-        size_t sent = 0;
-        while (sent < response.size()) {
-            const ssize_t n = ::send(client, response.data() + sent, response.size() - sent, MSG_NOSIGNAL);
-            if (n <= 0) break;
-            sent += static_cast<size_t>(n);
-        }
+        send(client, response);
         ::close(client);
+    }
+}
+
+void ScriptedServer::send(int client, const std::string& response) const {
+    const bool isSlow = response.starts_with(TRICKLE);
+    size_t sent = isSlow ? std::string(TRICKLE).size() : 0;
+    while (sent < response.size() && !(isSlow && ending)) {
+        const size_t n = isSlow ? 1 : response.size() - sent;
+        const ssize_t nSent = ::send(client, response.data() + sent, n, MSG_NOSIGNAL);
+        if (nSent <= 0) break;
+        sent += static_cast<size_t>(nSent);
+        if (isSlow) ::poll(nullptr, 0, 10);
     }
 }
 

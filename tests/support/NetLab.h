@@ -28,10 +28,12 @@ std::string le32(uint64 value);
 /// An HTTP server that says what it is told, however wrong, and closes the connection after each response.
 class ScriptedServer : public SxSystemThread {
 public:
-    /// Gives the whole response, header and body, to a request (its header).
+    /// Gives the whole response, header and body, to a request: its header, and its body where it has one.
     using Answer = std::function<std::string(const std::string& request)>;
     /// An answer that never comes, over a connection that stays.
     static constexpr const char* SILENCE = "silence";
+    /// In front of an answer that comes a byte every 10 ms.
+    static constexpr const char* TRICKLE = "trickle:";
 
     explicit ScriptedServer(Answer answer_);
     ~ScriptedServer() override;
@@ -51,6 +53,8 @@ protected:
     void main() override;
 
 private:
+    void send(int client, const std::string& response) const;
+
     const Answer answer;
     int listener = -1;
     int port = 0;

@@ -1,9 +1,12 @@
 #pragma once
 
 #include "SxList.h"
+#include "SxMap.h"
 #include "SxPtr.h"
 #include "SxString.h"
 #include "SxSymbol.h"
+
+struct ZqHttpLimits;
 
 /// Statistics of one run of a streamed application. The jobs of the library write into it while they run,
 /// each its own fields; the client fills the rest and reads it afterwards. All fields are public, there is no
@@ -98,6 +101,23 @@ public:
     /// Writes `runtime.json` into the folder `path`, or into that of the field `path` where it is empty;
     /// makes the folder. Raises "Failed to write file ..." with the cause.
     void write(const SxString& path) const;
+    /// Fills the facts of the machine and the versions; raises where the drive service tells no version.
+    void getHardwareSpecs();
+    /// The same without the versions.
+    void getMachineFacts();
+    /// What a statistics service gets of the record, as a JSON object: of `sections` (ZqReportSections) those
+    /// whose condition holds. `update` false: the first report of a run, true: a later one.
+    SxParserKit::SxSymbol toReport(const SxList<SxString>& sections, bool update) const;
+    /// Sends that to a statistics service, in one try of at most 30 s: the first report by POST, later ones
+    /// by PATCH. `headers` by name. Takes the `clientToken` that the answer to a first report may have, and
+    /// gives what that field has then. Raises "Failed to upload runtime data." with the cause, "request
+    /// failed" where the status isn't 200; the field stays then. Blocks; not beside another use of the
+    /// record.
+    SxString upload(const SxString& url, const SxMap<SxString, SxString>& headers, SxList<SxString> sections,
+                    bool update);
+    /// The same within other limits, which may have a stop.
+    SxString upload(const SxString& url, const SxMap<SxString, SxString>& headers,
+                    const SxList<SxString>& sections, bool update, const ZqHttpLimits& limits);
     /// "true" or "false".
     static SxString boolToString(bool value);
 };

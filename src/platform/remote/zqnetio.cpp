@@ -37,7 +37,7 @@ SxArray<uint64> arrayOf(const uint64* numbers, uint64 count) {
 
 } // namespace
 
-ZqNetioStatus zqNetioStart() {
+ZqNetioStatus zqNetioStart(int) {
     ZqNetLoop::startLibrary();
     return SUCCESS;
 }

@@ -10,7 +10,8 @@
 using ZqNetioStatus = int;
 
 /// Makes the network ready for the process, and undoes it. Every other function does the first by itself.
-ZqNetioStatus zqNetioStart();
+/// `nThreads` is advice: all requests of a link go over one thread.
+ZqNetioStatus zqNetioStart(int nThreads);
 ZqNetioStatus zqNetioStop();
 /// Text of a status, valid for ever.
 const char* zqNetioStrError(ZqNetioStatus status);

@@ -152,6 +152,6 @@ TEST(Netio, givesAStatusForNoDownload) {
     EXPECT_EQ(zqNetioDownloadErr(&none, &n), 2);
     EXPECT_EQ(zqNetioDownloadFree(nullptr), 2);
     EXPECT_STREQ(zqNetioStrError(2), "There is no such download");
-    EXPECT_EQ(zqNetioStart(), 0);
+    EXPECT_EQ(zqNetioStart(1), 0);
     EXPECT_EQ(zqNetioStop(), 0);
 }

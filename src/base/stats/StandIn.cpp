@@ -1,0 +1,8 @@
+#include "ZqRuntimeInfo.h"
+
+void ZqRuntimeInfo::getHardwareSpecs() {
+    getMachineFacts();
+}
+
+void ZqRuntimeInfo::getMachineFacts() {
+}

@@ -1,0 +1,5 @@
+#include "ZqDriveFacts.h"
+
+SxString ZqDriveFacts::nameOf(const SxString&) {
+    return "Unknown";
+}
