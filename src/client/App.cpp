@@ -232,12 +232,13 @@ Verb& Verb::number(const char* name, uint64* value, uint64 least, const char* he
     return *this;
 }
 
-Verb& Verb::text(const char* name, SxString* value, const char* valueName, const char* help) {
+Verb& Verb::text(const char* name, SxString* value, const char* valueName, const char* help, bool required) {
     const auto take = [value, name](const std::string& text) {
         if (text.empty()) throw CLI::ValidationError(std::string(name) + " is empty");
         *value = text;
     };
     command->add_option_function<std::string>(name, take, help)
+        ->required(required)
         ->type_name(valueName)
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
     return *this;

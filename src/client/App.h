@@ -33,7 +33,8 @@ public:
     /// An option with a whole number of at least `least` as value.
     Verb& number(const char* name, uint64* value, uint64 least, const char* help, bool required = false);
     /// An option with a text as value, which can't be empty; `valueName` stands for it in the help.
-    Verb& text(const char* name, SxString* value, const char* valueName, const char* help);
+    Verb& text(const char* name, SxString* value, const char* valueName, const char* help,
+               bool required = false);
     /// An option that may be given several times, each with a text.
     Verb& texts(const char* name, SxList<SxString>* values, const char* valueName, const char* help);
     /// The same with lines of the form "NAME: VALUE", as HTTP has them.

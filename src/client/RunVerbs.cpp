@@ -9,6 +9,7 @@
 #include <tavrin/ZqImageStaging.h>
 #include <tavrin/ZqLaunchCommand.h>
 #include <tavrin/ZqRecordFile.h>
+#include <tavrin/ZqReportSections.h>
 #include <tavrin/ZqRun.h>
 #include <tavrin/ZqRunPage.h>
 
@@ -29,6 +30,7 @@ constexpr int64 END_LOOK_MS = 50;
 struct RunOptions {
     SxString image, url, report, page, runner;
     SxList<SxString> headers;
+    ZqStatsWish stats;
     uint64 rate = 0;
     bool now = false, keepMounted = false, complete = false, noTrace = false, noLaunchers = false;
     int64 nTraces = ZqRun::N_TRACES, traceSeconds = ZqRun::TRACE_MS / MS_PER_S;
@@ -192,6 +194,7 @@ int run(const RunOptions& options, Output& out) {
     settings.feed.headers = SxArray<SxString>(options.headers);
     settings.feed.rateLimit = options.rate;
     settings.startsAtOnce = options.now;
+    settings.stats = options.stats;
     settings.noLaunchers = options.noLaunchers;
     settings.runner = options.runner;
     settings.keepsMounted = options.keepMounted;
@@ -221,6 +224,9 @@ int run(const RunOptions& options, Output& out) {
                     "that is lost");
     }
     if (!result.unwritten.isEmpty()) Output::failure(result.unwritten);
+    if (!result.unsent.isEmpty()) {
+        out.finding("The report of this run waits for the next one: " + result.unsent);
+    }
     if (!result.lostLetter.isEmpty()) {
         out.finding("The runner has taken the drive letter " + result.lostLetter +
                     "; what is noted of it in the prefix leads elsewhere");
@@ -314,6 +320,13 @@ void registerRunVerbs(App* app) {
                  "Record for so many seconds of play; 600 where not given, 0 for all of it")
         .integer("--keep-traces", &options.nTraces, 0, MOST_TRACES,
                  "Keep the traces of the last N runs; 20 where not given, 0 for all")
+        .text("--stats-url", &options.stats.url, "URL",
+              "Consent to reports of this application's runs to this address, from now on")
+        .headers("--stats-header", &options.stats.headers, "Send this line with each report")
+        .choices("--stats-section", &options.stats.sections, ZqReportSections::all(),
+                 "What reports tell; rt, dl, odr, trc and prep where not given")
+        .flag("--no-stats", &options.stats.isRefused,
+              "Take that consent back, and forget what waits to be sent")
         .text("--report", &options.report, "FILE", "Write the figures of the run to this file, as JSON")
         .text("--page", &options.page, "FILE",
               "Write figures and charts of the run to this file, as one page of HTML")

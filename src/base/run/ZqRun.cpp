@@ -3,6 +3,7 @@
 #include "BlockIdx.h"
 #include "SxClock.h"
 #include "SxException.h"
+#include "SxFSAction.h"
 #include "SxMd5.h"
 #include "SxTime.h"
 #include "ZqAppSuspension.h"
@@ -20,6 +21,7 @@
 #include "ZqRunWait.h"
 #include "ZqSleepDelay.h"
 #include "ZqStartCheck.h"
+#include "ZqStatsReporter.h"
 #include "ZqSysEnv.h"
 
 #include <algorithm>
@@ -50,7 +52,8 @@ ZqRun::ZqRun(const Settings& settings_)
       drive(std::make_unique<ZqRunDrive>(settings, feed.get(), waits.get())),
       recording(std::make_unique<ZqRunRecording>(settings)),
       note(std::make_unique<ZqApplicationNote>(image, waits.get())),
-      suspension(std::make_unique<ZqAppSuspension>()) {
+      suspension(std::make_unique<ZqAppSuspension>()),
+      reporter(std::make_unique<ZqStatsReporter>()) {
     setThreadName("run");
 }
 
@@ -115,18 +118,19 @@ void ZqRun::main() {
 }
 
 void ZqRun::run() {
+    openReporter();
     recording->requireFolder();
     feed->open(waits->test());
-    if (!settings.isDriveOnly && !settings.feed.isDownloadOnly)
-        ZqStartCheck::require(settings, feed->getApp());
     hasOpened = true;
+    openReporter();
+    if (isPlay()) ZqStartCheck::require(settings, feed->getApp());
     const bool wasComplete = feed->isComplete();
     const uint64 nPresent = feed->fileSize();
     nBefore = wasComplete ? blocksFor(nPresent) : feed->countBlocks();
     feed->start();
     result.info.dataAtStart = static_cast<int64>(nPresent);
     phase = Loading;
-    if (!settings.isDriveOnly && !settings.feed.isDownloadOnly) {
+    if (isPlay()) {
         sampler = std::make_unique<ZqRunSampler>(*feed, beginNs, nPresent);
         sampler->start();
     }
@@ -251,6 +255,7 @@ void ZqRun::startApplication() {
     SxWinProcParams process;
     process.path = app.cmd;
     process.args = SxString::join(app.args, " ");
+    if (reporter->wantsApps()) noteApps();
     guard = std::make_unique<ZqCoreAppGuard>(image, *launched, mountPath, process,
                                              ZqAppRunner{settings.runner, mountPath, drive->isWritable()});
     feed->applicationStarts(*launched);
@@ -272,6 +277,7 @@ void ZqRun::follow() {
         drive->watchReads();
         searching = guard->isSearching();
         note->note(guard->getGroup());
+        if (guard->getGroup().isValid()) reporter->applicationStarts(result.info);
         firstFrame->look();
         if (recording->limit()) endJudgement();
         suspendProcess();
@@ -338,6 +344,7 @@ void ZqRun::end() {
         if (keep) waits->patiently([&] { recording->end(); });
         drive->end(keep);
     } catch (const SxException& e) {
+        result.info.endErr = true;
         writeInfo();
         throw SxException(e, "The run of '" + image + "' could not be ended cleanly", UNIT, __LINE__);
     }
@@ -350,10 +357,10 @@ void ZqRun::writeInfo() {
     result.wasBusy = drive->wasBusy();
     result.lostLetter = drive->getLostLetter();
     if (!result.driveFailure.isEmpty()) result.info.endErr = true;
-    const bool isRun = !settings.isDriveOnly && !settings.feed.isDownloadOnly;
-    if (!isRun || !hasOpened) return;
+    if (!isPlay() || !hasOpened) return;
     judge();
     result.writeFiles(image);
+    report();
 }
 
 void ZqRun::fillResult() {
@@ -413,6 +420,43 @@ void ZqRun::judge() {
     }
     accuracy.nWaits = drive->countWaits();
     accuracy.waitedMs = drive->getWaitedMs();
+}
+
+bool ZqRun::isPlay() const {
+    return !settings.isDriveOnly && !settings.feed.isDownloadOnly;
+}
+
+/// Takes what the user says of statistics. Before the server is asked, too, where the image is there: a user
+/// who refuses doesn't wait for a download.
+void ZqRun::openReporter() {
+    if (!isPlay()) return;
+    // A wrong address is better told before a download than after it.
+    if (!settings.stats.url.isEmpty()) ZqReportTarget(settings.stats.url, settings.stats.headers);
+    if (hasOpened) {
+        result.info.path = image;
+        result.info.guid = feed->getApp().guid;
+        reporter->open(settings.stats, feed->getApp().guid);
+    } else if (settings.stats.isRefused &&
+               !SxFSAction::isGone(ZqImageFolder::prefix(image) + ZqImageFiles::APP_JSON)) {
+        reporter->open(settings.stats, ZqAppParams(image).guid);
+    }
+}
+
+void ZqRun::noteApps() {
+    for (const SxString& name : ZqSysEnv::getProgramNames())
+        result.info.appsAtStart << name;
+}
+
+/// Tells the service how the run went, where the user has consented. The token that came is part of the
+/// record, since a later report may need it.
+void ZqRun::report() {
+    if (result.info.startErr) reporter->hasFailed(result.info);
+    reporter->end(result.info, waits->isStopping());
+    result.unsent = reporter->getFailure();
+    const SxString token = reporter->getToken();
+    if (token.isEmpty()) return;
+    result.info.clientToken = token;
+    result.rewriteRecord();
 }
 
 SxParserKit::SxSymbol ZqRun::toJson() const {

@@ -20,6 +20,7 @@ class ZqRunRecording;
 class ZqRunSampler;
 class ZqRunWait;
 class ZqSleepDelay;
+class ZqStatsReporter;
 
 /// One run of a streamed application, from its server to its end: completes the image, makes a drive of it,
 /// starts the application when enough is there, answers its underflows, and takes the drive away. Or, without
@@ -82,6 +83,8 @@ private:
     void prepare();
     void startApplication();
     void follow();
+    bool isPlay() const;
+    void noteApps();
     void endJudgement();
     void suspendProcess();
     bool isCalm() const;
@@ -90,6 +93,8 @@ private:
     void writeInfo();
     void fillResult();
     void judge();
+    void openReporter();
+    void report();
     int64 elapsedMs() const;
 
     const Settings settings;
@@ -102,6 +107,7 @@ private:
     const std::unique_ptr<ZqRunRecording> recording;
     const std::unique_ptr<ZqApplicationNote> note;
     const std::unique_ptr<ZqAppSuspension> suspension;
+    const std::unique_ptr<ZqStatsReporter> reporter;
     std::unique_ptr<const ZqAppParams> launched; ///< the record as the application is started by it
     std::unique_ptr<ZqCoreAppGuard> guard;
     std::unique_ptr<ZqFirstFrame> firstFrame;

@@ -4,8 +4,6 @@
 #include "SxFSAction.h"
 #include "ZqLog.h"
 
-#include <functional>
-
 using SxParserKit::SxSymbol;
 
 SxSymbol ZqRunResult::downloadToJson() const {
@@ -17,15 +15,20 @@ SxSymbol ZqRunResult::downloadToJson() const {
     return root;
 }
 
+void ZqRunResult::attempt(const std::function<void()>& write_) {
+    try {
+        write_();
+    } catch (const SxException& e) {
+        unwritten = e.toString(SxException::ShowMessage, ": ");
+        zqLogMsg("base", "ZqRun: " + unwritten);
+    }
+}
+
+void ZqRunResult::rewriteRecord() {
+    if (unwritten.isEmpty()) attempt([&] { rewrite(); });
+}
+
 void ZqRunResult::writeFiles(const SxString& folder) {
-    const auto attempt = [this](const std::function<void()>& write) {
-        try {
-            write();
-        } catch (const SxException& e) {
-            unwritten = e.toString(SxException::ShowMessage, ": ");
-            zqLogMsg("base", "ZqRun: " + unwritten);
-        }
-    };
     // A folder that was removed would come back.
     if (!SxFSAction::exists(folder)) return;
     attempt([&] { write(folder); });

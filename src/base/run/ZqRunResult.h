@@ -3,6 +3,8 @@
 #include "ZqRunRecord.h"
 #include "ZqRunSeries.h"
 
+#include <functional>
+
 /// What came of a run, see ZqRun: its record, and what only the one who ran it needs. Not locked.
 struct ZqRunResult : ZqRunRecord {
     ZqRunSeries series;          ///< of a run with an application, from the beginning of its download on
@@ -12,10 +14,16 @@ struct ZqRunResult : ZqRunRecord {
     bool lacksTraceRoom = false; ///< it was played without a trace, on a full disk
     bool wasBusy = false;        ///< files of a drive that takes writes were open when it was taken away
     SxString unwritten;          ///< why a record couldn't be written; empty where all could
+    SxString unsent;             ///< why a report couldn't be sent; empty where all was
 
     /// Of a mere download: whether the image is complete, its size, and what was moved.
     SxParserKit::SxSymbol downloadToJson() const;
     /// Writes the record of the run into the image folder, and `runtime.json`, unless no application was
     /// started. Where they can't be written, what came of the run stays as it is, and `unwritten` says why.
     void writeFiles(const SxString& folder);
+    /// Writes the record once more, where that could be done before.
+    void rewriteRecord();
+
+private:
+    void attempt(const std::function<void()>& write);
 };

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "ZqFeedStatus.h"
+#include "ZqStatsWish.h"
 
 /// What a run is to do; see ZqRun.
 struct ZqRunSettings {
@@ -21,5 +22,6 @@ struct ZqRunSettings {
     int64 nTraces = N_TRACES;  ///< of the traces that runs made here so many stay; 0 for all
     bool noLaunchers = false;  ///< start the title itself, and leave the launchers alone
     SxString runner;           ///< what starts Windows programs in Wine's place; see ZqAppRunner
+    ZqStatsWish stats;         ///< what the user says of reports to a statistics service
     SxString firstFrameFile;   ///< a file written with the application's first frame; may be empty
 };

@@ -2,6 +2,7 @@
 
 #include "SxException.h"
 #include "SxFSAction.h"
+#include "SxFileIO.h"
 #include "ZqImageFiles.h"
 #include "ZqImageFolder.h"
 #include "ZqLog.h"
@@ -21,6 +22,10 @@ constexpr const char* UNIT = "src/base/ZqRunRecord";
 constexpr const char* SCHEMA = "zqrun-schema.json";
 constexpr const char* END = ".json";
 constexpr size_t N_ID = 8; ///< digits of the id in a record's name
+/// What the name of a record looks like: digits, and hexadecimal ones.
+constexpr std::string_view PATTERN = "dddd-dd-ddTdd-dd-ddZ-xxxxxxxx.json";
+/// Characters of a record's path below its image folder.
+constexpr size_t N_BELOW = std::string_view(ZqImageFiles::RUNS).size() + PATTERN.size();
 
 SxString runsFolder(const SxString& image) {
     return ZqImageFolder::prefix(image) + ZqImageFiles::RUNS;
@@ -41,7 +46,6 @@ SxString stamp(int64 timeMs) {
 
 /// Whether the name is one that stamp() begins. Others that lie there aren't ours to be removed.
 bool isRecordName(const SxString& name) {
-    static constexpr std::string_view PATTERN = "dddd-dd-ddTdd-dd-ddZ-xxxxxxxx.json";
     return std::equal(PATTERN.begin(), PATTERN.end(), name.str().begin(), name.str().end(),
                       [](char wanted, char found) {
                           const auto c = static_cast<unsigned char>(found);
@@ -61,7 +65,20 @@ std::vector<SxString> listRecords(const SxString& image) {
     return names;
 }
 
+/// What runs have left that were killed while they wrote their records.
+void tidy(const SxString& image) {
+    constexpr size_t N_TEMPORARY = 13;
+    for (const SxFileInfo& entry : SxFSAction::ls(runsFolder(image))) {
+        const SxString name = entry.getName();
+        const SxString of =
+            name.str().substr(0, name.str().size() - std::min(name.str().size(), N_TEMPORARY));
+        if (isRecordName(of) && SxFileIO::isTemporaryName(name, of))
+            SxFileIO::tidyAfterWriters(runsFolder(image) + of);
+    }
+}
+
 void removeOld(const SxString& image) {
+    tidy(image);
     const std::vector<SxString> names = listRecords(image);
     for (size_t i = 0; i + static_cast<size_t>(ZqRunRecord::KEPT) < names.size(); ++i) {
         try {
@@ -213,8 +230,9 @@ void ZqRunRecord::rewrite() const {
     try {
         SxSymbol root = toJson();
         // The folder's place is no matter of the run, and the image may be moved.
-        const SxString parent = SxFileInfo(SxFileInfo(file).getPath()).getPath() + "/";
-        if (traceFolder.startsWith(parent.str())) root.setElem("traceFolder", traceFolder.right(parent));
+        const std::string image = file.str().substr(0, file.str().size() - N_BELOW);
+        if (traceFolder.startsWith(image))
+            root.setElem("traceFolder", SxString(traceFolder.str().substr(image.size())));
         if (!info.clientToken.isEmpty()) root.append("clientToken", info.clientToken);
         ZqRecordFile::write(root, file, 0600);
     } catch (const SxException& e) {
