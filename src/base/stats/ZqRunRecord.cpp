@@ -230,9 +230,9 @@ void ZqRunRecord::rewrite() const {
     try {
         SxSymbol root = toJson();
         // The folder's place is no matter of the run, and the image may be moved.
-        const std::string image = file.str().substr(0, file.str().size() - N_BELOW);
-        if (traceFolder.startsWith(image))
-            root.setElem("traceFolder", SxString(traceFolder.str().substr(image.size())));
+        const std::string parent = file.str().substr(0, file.str().size() - N_BELOW);
+        if (traceFolder.startsWith(parent))
+            root.setElem("traceFolder", SxString(traceFolder.str().substr(parent.size())));
         if (!info.clientToken.isEmpty()) root.append("clientToken", info.clientToken);
         ZqRecordFile::write(root, file, 0600);
     } catch (const SxException& e) {

@@ -1,0 +1,150 @@
+#include "NetLab.h"
+#include "StatsHome.h"
+#include "StreamRun.h"
+#include "SxJSONParser.h"
+#include "SxTime.h"
+
+#include <gmock/gmock.h>
+#include <optional>
+
+namespace {
+
+using SxParserKit::SxSymbol;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+
+SxSymbol parsed(const string& text) {
+    SxJSONParser parser;
+    parser.readString(SxString(text), "test", 1);
+    return parser.getRootSymbol();
+}
+
+string answer(const string& status, const string& body) {
+    return "HTTP/1.1 " + status + "\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
+}
+
+string accept(const string&) {
+    return answer("200 OK", R"({"clientToken": "T 1"})");
+}
+
+/// First line of a request.
+string lineOf(const string& request) {
+    return request.substr(0, request.find(" HTTP"));
+}
+
+SxSymbol bodyOf(const string& request) {
+    return parsed(request.substr(request.find("\r\n\r\n") + 4));
+}
+
+class StatsRun : public StreamRun {
+protected:
+    void SetUp() override {
+        StreamRun::SetUp();
+        home.emplace();
+    }
+    void TearDown() override {
+        home.reset();
+        StreamRun::TearDown();
+    }
+    /// The record of the last run of the image.
+    SxSymbol lastRecord() const {
+        fs::path last;
+        for (const auto& entry : fs::directory_iterator(got + "/runs"))
+            last = std::max(last, entry.path());
+        return parsed(TempDir::readFile(last));
+    }
+    int64 number(const SxSymbol& root, const char* key) const { return root.getElem(key).toInt(); }
+
+    std::optional<StatsHome> home;
+};
+
+} // namespace
+
+TEST_F(StatsRun, AServiceIsToldOfEachRunAfterAYesAndOfNoneAfterANo) {
+    const ScriptedServer service(accept);
+    const string url = service.url("runs/{{TOKEN}}?id={{ID}}");
+    ASSERT_EQ(start({"--now"})->end(), 0);
+    EXPECT_THAT(service.requests(), IsEmpty()) << "nobody has said yes";
+
+    const auto first = start({"--now", "--stats-url", url, "--stats-header", "X-Run: {{ID}}"});
+    ASSERT_EQ(first->end(), 0) << first->says();
+    const std::vector<string> told = service.requests();
+    ASSERT_EQ(told.size(), 2U);
+    const SxSymbol record = lastRecord();
+    const string id = record.getElem("id").toString().str();
+    EXPECT_EQ(lineOf(told[0]), "POST /runs/?id=" + id);
+    EXPECT_EQ(lineOf(told[1]), "PATCH /runs/T%201?id=" + id);
+    EXPECT_THAT(told[1], HasSubstr("X-Run: " + id + "\r\n"));
+    EXPECT_EQ(record.getElem("clientToken").toString(), "T 1");
+    const SxSymbol post = bodyOf(told[0]), patch = bodyOf(told[1]);
+    EXPECT_EQ(post.getElem("id").toString().str(), id);
+    EXPECT_FALSE(post.hasElem("env") || post.hasElem("apps") || post.hasElem("host"));
+    EXPECT_EQ(number(patch.getElem("rt"), "exit"), 7);
+    EXPECT_EQ(patch.getElem("trc").getElem("cov").toDouble(), record.getElem("coverage").toDouble());
+
+    // Later runs need no option, and tell of what was done to the image between them.
+    done({"image", "optimize", got, "--traces"});
+    ASSERT_EQ(start({"--now"})->end(), 0);
+    ASSERT_EQ(service.requests().size(), 4U);
+    EXPECT_TRUE(lastRecord().hasElem("defragStats"));
+    EXPECT_THAT(run({"stats", "show", got}).out, HasSubstr("--no-stats` ends that"));
+    ASSERT_EQ(start({"--now", "--no-stats"})->end(), 0);
+    ASSERT_EQ(start({"--now"})->end(), 0);
+    EXPECT_EQ(service.requests().size(), 4U);
+    EXPECT_FALSE(lastRecord().hasElem("defragStats"));
+    EXPECT_THAT(run({"stats", "show", got}).out, HasSubstr("leaves this machine"));
+}
+
+TEST_F(StatsRun, AServiceThatSaysNothingHoldsUpNeitherPlayNorAStop) {
+    const ScriptedServer silent([](const string&) { return string(ScriptedServer::SILENCE); });
+    hold();
+    const auto player = start({"--now", "--stats-url", silent.url()});
+    ASSERT_TRUE(SxWait::pass(20'000, [&] { return hasPlayed(); })) << player->says();
+    expectPlayed();
+    ASSERT_TRUE(SxWait::pass(5'000, [&] { return !silent.requests().empty(); }));
+    player->signal(SIGINT);
+    EXPECT_EQ(player->end(3'000), 1) << player->says();
+    release();
+    // At the end of a run it is waited for, but not for long, and a stop ends that, too.
+    const int64 begunMs = SxClock::get().steadyMs();
+    const auto second = start({"--now"});
+    ASSERT_TRUE(SxWait::pass(20'000, [&] { return hasPlayed(); })) << second->says();
+    ASSERT_TRUE(SxWait::pass(5'000, [&] { return fs::exists(got + "/runtime.json") && !isMounted(); }));
+    second->signal(SIGINT);
+    EXPECT_NE(second->end(2'000), -1) << second->says();
+    EXPECT_LT(SxClock::get().steadyMs() - begunMs, 20'000);
+    EXPECT_THAT(home->waiting(), HasSubstr("\"exit\"")) << "both wait for the next run";
+}
+
+TEST_F(StatsRun, ARunThatFailsBeforeItsApplicationIsToldAsOne) {
+    const ScriptedServer service(accept);
+    string app = dir.read("served/app.json");
+    const size_t at = app.find("\"cmd\": \"") + 8;
+    dir.write("served/app.json", app.insert(at, "no-such-"));
+    const auto player = start({"--now", "--stats-url", service.url()});
+    EXPECT_EQ(player->end(), 1) << player->says();
+    const std::vector<string> told = service.requests();
+    ASSERT_FALSE(told.empty());
+    EXPECT_TRUE(bodyOf(told[0]).getElem("startErr").toBool());
+    const SxSymbol record = lastRecord();
+    EXPECT_TRUE(record.getElem("startErr").toBool());
+    EXPECT_EQ(number(record, "startMs"), -1);
+    EXPECT_FALSE(fs::exists(got + "/runtime.json"));
+}
+
+TEST_F(StatsRun, ReadsThatWaitedAndWereInTimeAreCounted) {
+    server->setRate(3'000'000);
+    const auto player = start({"--now"});
+    ASSERT_EQ(player->end(60'000), 0) << player->says();
+    const SxSymbol found = lastRecord().getElem("accuracy");
+    EXPECT_GT(number(found, "waits"), 0);
+    EXPECT_GT(number(found, "waitedMs"), 0);
+    EXPECT_GT(number(found, "late"), 0);
+    EXPECT_EQ(number(found, "read"),
+              number(found, "late") + number(found, "earlyUsed") + number(found, "thereBefore"));
+    ASSERT_EQ(start({"--now"})->end(), 0);
+    const SxSymbol again = lastRecord().getElem("accuracy");
+    EXPECT_EQ(number(again, "read"), number(again, "thereBefore")) << "all was there";
+    EXPECT_EQ(number(again, "brought"), 0);
+}
