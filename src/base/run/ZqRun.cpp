@@ -451,7 +451,7 @@ void ZqRun::noteApps() {
 /// record, since a later report may need it.
 void ZqRun::report() {
     if (result.info.startErr) reporter->hasFailed(result.info);
-    reporter->end(result.info, waits->isStopping());
+    reporter->end(result.info, waits->test());
     result.unsent = reporter->getFailure();
     const SxString token = reporter->getToken();
     if (token.isEmpty()) return;

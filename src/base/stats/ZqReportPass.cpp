@@ -15,24 +15,26 @@ ZqReportPass::ZqReportPass(const ZqStatsConsent& consent_, const ZqHttpLimits& l
       answered(std::move(answered_)) {
 }
 
-void ZqReportPass::run() const {
+bool ZqReportPass::run() const {
     requireConsent();
     const ZqWaitingReports::List reports = waiting.read();
-    if (reports.isEmpty()) return;
+    if (reports.isEmpty()) return false;
     const ZqFileLock lock(waiting.getFile() + ".sending",
                           "Another client sends reports of this application at the moment",
                           "Cannot lock '" + waiting.getFile() + "'");
+    bool hasSent = false;
     std::optional<SxException> refusal;
     for (const ZqWaitingReports::Report& report : reports) {
         requireConsent();
         try {
-            sendRun(report.id);
+            hasSent = sendRun(report.id) || hasSent;
         } catch (const SxException& e) {
             if (!e.hasTag(ZqReportUpload::REFUSED)) throw;
             refusal = e;
         }
     }
     if (refusal) throw SxException(*refusal);
+    return hasSent;
 }
 
 void ZqReportPass::requireConsent() const {
@@ -41,10 +43,11 @@ void ZqReportPass::requireConsent() const {
         throw SxException("The consent to reports was taken back", UNIT, __LINE__);
 }
 
-void ZqReportPass::sendRun(const SxString& id) const {
+bool ZqReportPass::sendRun(const SxString& id) const {
     // Read anew: another client may have sent it until the lock was ours.
     std::optional<ZqWaitingReports::Report> report = waiting.find(id);
-    if (!report) return;
+    if (!report) return false;
+    const bool isSent = report->isSent();
     if (report->post.isValid()) {
         report->token = send(*report, false);
         waiting.change(id, [&](ZqWaitingReports::Report* sent) {
@@ -54,9 +57,10 @@ void ZqReportPass::sendRun(const SxString& id) const {
     }
     // Also where another client has sent the first report.
     answered(id, report->token);
-    if (!report->patch.isValid()) return;
+    if (!report->patch.isValid()) return !isSent;
     send(*report, true);
-    waiting.remove(id);
+    waiting.change(id, [](ZqWaitingReports::Report* sent) { sent->patch = {}; });
+    return true;
 }
 
 SxString ZqReportPass::send(const ZqWaitingReports::Report& report, bool update) const {

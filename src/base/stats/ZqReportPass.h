@@ -16,13 +16,14 @@ public:
 
     ZqReportPass(const ZqStatsConsent& consent_, const ZqHttpLimits& limits_, Answered answered_);
 
-    /// Raises what has failed. A report that the service refuses doesn't hold up those behind it; where
-    /// nothing gets through, and after a stop, none of them is tried. Without the consent nothing is sent.
-    void run() const;
+    /// Gives whether something was sent; raises what has failed. A report that the service refuses doesn't
+    /// hold up those behind it; where nothing gets through, and after a stop, none of them is tried. Without
+    /// the consent nothing is sent.
+    bool run() const;
 
 private:
     void requireConsent() const;
-    void sendRun(const SxString& id) const;
+    bool sendRun(const SxString& id) const;
     SxString send(const ZqWaitingReports::Report& report, bool update) const;
 
     const ZqStatsConsent consent;

@@ -147,18 +147,10 @@ void ZqStatsReporter::storeFirst() {
 
 void ZqStatsReporter::storeLater(const ZqRuntimeInfo& info) {
     const SxSymbol document = info.toReport(consent->sections, true);
-    const ZqWaitingReports waiting(*consent);
-    const bool isSent = [&] {
-        const std::optional<ZqWaitingReports::Report> report = waiting.find(first.id);
-        return !report || !report->post.isValid();
-    }();
-    if (!tellsSomething(document)) {
-        if (isSent) waiting.remove(first.id);
-        return;
-    }
-    waiting.change(first.id, [&](ZqWaitingReports::Report* report) {
+    ZqWaitingReports(*consent).change(first.id, [&](ZqWaitingReports::Report* report) {
+        report->isEnded = true;
         if (report->token.isEmpty()) report->token = getToken();
-        report->patch = document;
+        if (tellsSomething(document)) report->patch = document;
     });
 }
 
@@ -171,7 +163,9 @@ void ZqStatsReporter::sendWaiting() {
         SxMutexBlock lock(&mutex);
         token = given;
     });
-    if (!attempt([&] { pass.run(); })) return;
+    // What has failed before was sent now, unless there was nothing left to be sent.
+    bool hasSent = false;
+    if (!attempt([&] { hasSent = pass.run(); }) || !hasSent) return;
     SxMutexBlock lock(&mutex);
     failure = SxString();
 }
@@ -183,17 +177,17 @@ bool ZqStatsReporter::goesOn() {
     return isServing;
 }
 
-void ZqStatsReporter::end(const ZqRuntimeInfo& info, bool atOnce) {
+void ZqStatsReporter::end(const ZqRuntimeInfo& info, const std::function<bool()>& stop) {
     if (!hasBegun) return;
     hasBegun = false;
-    if (atOnce) isStopping = true;
+    if (stop()) isStopping = true;
     const int64 begunMs = SxClock::get().steadyMs();
     SxWait::pass(endMs, [&] { return isStored || !isRunning(); });
     const bool isNoted = isStored && attempt([&] { storeLater(info); });
-    if (isNoted && !atOnce) {
+    if (isNoted && !stop()) {
         sendOnce();
         const int64 leftMs = endMs - (SxClock::get().steadyMs() - begunMs);
-        SxWait::pass(std::max<int64>(leftMs, 0), [&] { return !isRunning(); });
+        SxWait::pass(std::max<int64>(leftMs, 0), [&] { return !isRunning() || stop(); });
     }
     isStopping = true;
     wait();

@@ -42,8 +42,16 @@ void checkSize(const SxSymbol& document) {
                       __LINE__);
 }
 
-/// Those that have something to send, and those that haven't, are bounded each for themselves.
-void dropOldest(ZqWaitingReports::List* reports) {
+/// What is done goes first. Those that have something to send, and those that haven't, are bounded each for
+/// themselves.
+void dropOld(ZqWaitingReports::List* reports) {
+    const auto isDone = [](const ZqWaitingReports::Report& report) {
+        return report.isEnded && report.isSent();
+    };
+    for (auto done = reports->begin(); done != reports->end();) {
+        const auto at = done++;
+        if (isDone(*at)) reports->removeItem(at);
+    }
     for (const bool isSent : {false, true}) {
         const auto counts = [&](const ZqWaitingReports::Report& report) { return report.isSent() == isSent; };
         while (std::count_if(reports->begin(), reports->end(), counts) > ZqWaitingReports::MAX)
@@ -85,7 +93,7 @@ void ZqWaitingReports::change(const SxString& id, const std::function<void(Repor
     update([&](List* reports) {
         auto found = findIn(*reports, id);
         if (found == reports->end()) {
-            reports->append(Report{id, {}, {}, {}});
+            reports->append(Report{id, {}, {}, {}, false});
             found = findIn(*reports, id);
         }
         change(&*found);
@@ -109,7 +117,7 @@ void ZqWaitingReports::update(const std::function<void(List* reports)>& change) 
         throw SxException("The consent to reports was taken back", UNIT, __LINE__);
     Content content{consent.guid, consent.givenMs, read()};
     change(&content.reports);
-    dropOldest(&content.reports);
+    dropOld(&content.reports);
     try {
         if (content.reports.isEmpty()) {
             ZqPrivateFile::remove(file);
@@ -136,6 +144,8 @@ ZqWaitingReports::Content ZqWaitingReports::parse(const SxString& text) {
     for (const SxSymbol& object : root.getElem("reports").toList()) {
         Report report{object.getElem("id").toString(), object.getElem("token").toString(),
                       object.getElem("post", false), object.getElem("patch", false)};
+        const SxSymbol ended = object.getElem("ended", false);
+        report.isEnded = ended.isValid() && ended.toBool();
         if (findIn(content.reports, report.id) != content.reports.end())
             throw SxException("There are two reports of one run", UNIT, __LINE__);
         content.reports.append(report);
@@ -156,6 +166,7 @@ SxString ZqWaitingReports::toText(const Content& content) {
         object.append("token", report.token);
         putDocument(object, "post", report.post);
         putDocument(object, "patch", report.patch);
+        if (report.isEnded) object.append("ended", true);
     }
     return root.toJson() + "\n";
 }

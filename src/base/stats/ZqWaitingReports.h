@@ -23,6 +23,7 @@ public:
         SxString id;                       ///< of the run's record
         SxString token;                    ///< that the service has given; may be empty
         SxParserKit::SxSymbol post, patch; ///< documents; not valid where there is nothing to send
+        bool isEnded = false;              ///< no other document will come
         bool isSent() const { return !post.isValid() && !patch.isValid(); }
     };
     using List = SxList<Report>;
@@ -37,8 +38,8 @@ public:
 
     List read() const;
     std::optional<Report> find(const SxString& id) const;
-    /// Changes the report of that run, which is a new one where there is none. Raises where the consent was
-    /// taken back, or a document is too large; nothing is written then.
+    /// Changes the report of that run, which is a new one where there is none; one that has ended and is sent
+    /// goes. Raises where the consent was taken back, or a document is too large; nothing is written then.
     void change(const SxString& id, const std::function<void(Report* report)>& change) const;
     void remove(const SxString& id) const;
     /// Removes all reports of an application.

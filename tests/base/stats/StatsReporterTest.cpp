@@ -65,6 +65,10 @@ ZqStatsWish wishFor(const SxString& url) {
     return wish;
 }
 
+/// Who has all the time, and who has none.
+constexpr auto NEVER = [] { return false; };
+constexpr auto ALWAYS = [] { return true; };
+
 /// The record of a run whose exit code tells it from others.
 ZqRuntimeInfo recordOf(const SxString& id, int64 exitCode = 0) {
     ZqRuntimeInfo info;
@@ -90,7 +94,7 @@ struct Reporter : ZqStatsReporter {
 std::string run(const SxString& id, int64 exitCode, const ZqStatsWish& wish = {}, bool atOnce = false) {
     Reporter reporter(wish);
     reporter.applicationStarts(recordOf(id));
-    reporter.end(recordOf(id, exitCode), atOnce);
+    reporter.end(recordOf(id, exitCode), [=] { return atOnce; });
     return reporter.getFailure().str();
 }
 
@@ -111,7 +115,7 @@ TEST(StatsReporter, ARunIsToldAtItsStartAndItsEnd) {
     EXPECT_FALSE(reporter.wantsApps());
     reporter.applicationStarts(recordOf("r1"));
     EXPECT_TRUE(SxWait::pass(5000, [&] { return reporter.getToken() == "T-r1"; }));
-    reporter.end(recordOf("r1", 11), false);
+    reporter.end(recordOf("r1", 11), NEVER);
     EXPECT_EQ(reporter.getFailure(), "");
     EXPECT_THAT(service.seen(), ElementsAre("POST /runs/ \"r1\"", "PATCH /runs/T-r1 11}}"));
     EXPECT_THAT(service.requests()[0], AllOf(HasSubstr(R"("rteVer":"1")"), HasSubstr("X-Run: r1\r\n")));
@@ -126,7 +130,7 @@ TEST(StatsReporter, WithoutAConsentNothingIsSentOrKept) {
     const Service service;
     EXPECT_EQ(run("r1", 11), "");
     EXPECT_TRUE(home.dir.snapshot().empty());
-    Reporter(wishFor(service.url()), "OTHER").end(recordOf("r2"), false);
+    Reporter(wishFor(service.url()), "OTHER").end(recordOf("r2"), NEVER);
     EXPECT_EQ(run("r3", 11), "");
     run("r4", 11, wishFor(service.url()), true);
     ZqStatsWish refused;
@@ -179,7 +183,7 @@ TEST(StatsReporter, AServiceThatIsSilentHoldsNothingUpAndGetsAllInTheNextRun) {
     {
         Reporter other({}, "APP", 30'000);
         other.applicationStarts(recordOf("r2"));
-        EXPECT_LT(msOf([&] { other.end(recordOf("r2", 22), true); }), 900);
+        EXPECT_LT(msOf([&] { other.end(recordOf("r2", 22), ALWAYS); }), 900);
     }
     EXPECT_THAT(home.waiting(), AllOf(ContainsRegex("r1.*11.*r2.*22"), Not(HasSubstr("T-r"))));
     const size_t nBefore = service.seen().size();
@@ -229,7 +233,7 @@ TEST(StatsReporter, ARunThatFailedBeforeItsApplicationSaysSoOnce) {
     failed.id = "r1";
     failed.clientToken = "old";
     reporter.hasFailed(failed);
-    reporter.end(failed, false);
+    reporter.end(failed, NEVER);
     ASSERT_EQ(service.requests().size(), 1U);
     EXPECT_THAT(service.requests()[0],
                 AllOf(StartsWith("POST /runs/old "), HasSubstr(R"("id":"r1","orgName":"","startErr":true)")));
@@ -237,7 +241,7 @@ TEST(StatsReporter, ARunThatFailedBeforeItsApplicationSaysSoOnce) {
     EXPECT_EQ(home.waiting(), "");
     // One that a player has stopped before that hasn't failed.
     Reporter stopped;
-    stopped.end(recordOf("r2"), true);
+    stopped.end(recordOf("r2"), ALWAYS);
     EXPECT_EQ(service.requests().size(), 1U);
 }
 
@@ -265,7 +269,7 @@ TEST(StatsReporter, AConsentThatIsTakenBackOrReplacedEndsWhatWaits) {
     reporter.applicationStarts(recordOf("r3"));
     EXPECT_TRUE(SxWait::pass(5000, [&] { return reporter.getToken() == "T-r3"; }));
     const Reporter taker(refused);
-    reporter.end(recordOf("r3", 33), false);
+    reporter.end(recordOf("r3", 33), NEVER);
     EXPECT_EQ(reporter.getFailure(), "The consent to reports was taken back");
     EXPECT_EQ(other.seen().size(), 3U);
     EXPECT_EQ(home.waiting(), "");
@@ -288,8 +292,8 @@ TEST(StatsReporter, TwoClientsOfOneApplicationDontSendAReportTwice) {
     EXPECT_TRUE(SxWait::pass(5000, [&] { return !second.getFailure().isEmpty(); }));
     EXPECT_EQ(second.getFailure(), "Another client sends reports of this application at the moment");
     goOn.set();
-    first.end(recordOf("r1", 11), false);
-    second.end(recordOf("r2", 22), false);
+    first.end(recordOf("r1", 11), NEVER);
+    second.end(recordOf("r2", 22), NEVER);
     EXPECT_EQ(second.getFailure(), "");
     EXPECT_EQ(second.getToken(), "T-r2");
     std::vector<std::string> seen = service.seen();
@@ -314,7 +318,7 @@ TEST(StatsReporter, TheMachineIsAskedOnlyWhereItIsTold) {
         reporter.setFacts([&](ZqRuntimeInfo*, bool wantsMachine) { asked = wantsMachine; });
         EXPECT_EQ(reporter.wantsApps(), c.wantsApps);
         reporter.applicationStarts(recordOf("r1"));
-        reporter.end(recordOf("r1", 11), false);
+        reporter.end(recordOf("r1", 11), NEVER);
         EXPECT_EQ(asked, c.wantsMachine);
     }
 }
