@@ -176,7 +176,7 @@ TEST(StatsReporter, AServiceThatIsSilentHoldsNothingUpAndGetsAllInTheNextRun) {
     Reporter reporter(wishFor(service.url()), "APP", 30'000);
     EXPECT_LT(msOf([&] { reporter.applicationStarts(recordOf("r1")); }), 500);
     EXPECT_TRUE(SxWait::pass(5000, [&] { return !service.seen().empty(); }));
-    const int64 endMs = msOf([&] { reporter.end(recordOf("r1", 11), false); });
+    const int64 endMs = msOf([&] { reporter.end(recordOf("r1", 11), NEVER); });
     EXPECT_GE(endMs, 900);
     EXPECT_LT(endMs, 3000);
     EXPECT_THAT(reporter.getFailure().str(), HasSubstr("The request was stopped"));
