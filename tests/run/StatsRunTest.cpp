@@ -93,7 +93,8 @@ TEST_F(StatsRun, AServiceIsToldOfEachRunAfterAYesAndOfNoneAfterANo) {
     ASSERT_EQ(service.requests().size(), 4U);
     EXPECT_TRUE(lastRecord().hasElem("defragStats"));
     EXPECT_THAT(run({"stats", "show", got}).out, HasSubstr("--no-stats` ends that"));
-    ASSERT_EQ(start({"--now", "--no-stats"})->end(), 0);
+    const auto refused = start({"--now", "--no-stats"});
+    ASSERT_EQ(refused->end(), 0) << refused->says();
     ASSERT_EQ(start({"--now"})->end(), 0);
     EXPECT_EQ(service.requests().size(), 4U);
     EXPECT_FALSE(lastRecord().hasElem("defragStats"));

@@ -430,16 +430,17 @@ bool ZqRun::isPlay() const {
 /// who refuses doesn't wait for a download.
 void ZqRun::openReporter() {
     if (!isPlay()) return;
-    // A wrong address is better told before a download than after it.
-    if (!settings.stats.url.isEmpty()) ZqReportTarget(settings.stats.url, settings.stats.headers);
     if (hasOpened) {
         result.info.path = image;
         result.info.guid = feed->getApp().guid;
         reporter->open(settings.stats, feed->getApp().guid);
-    } else if (settings.stats.isRefused &&
-               !SxFSAction::isGone(ZqImageFolder::prefix(image) + ZqImageFiles::APP_JSON)) {
-        reporter->open(settings.stats, ZqAppParams(image).guid);
+        return;
     }
+    // A wrong address is better told before a download than after it.
+    if (!settings.stats.url.isEmpty()) ZqReportTarget(settings.stats.url, settings.stats.headers);
+    const SxString folder = ZqImageFolder::prefix(image);
+    if (!settings.stats.isRefused || SxFSAction::isGone(folder + ZqImageFiles::APP_JSON)) return;
+    reporter->open(settings.stats, ZqAppParams(folder).guid);
 }
 
 void ZqRun::noteApps() {
