@@ -74,4 +74,9 @@ else
     say "Patches are left out: their tools couldn't be built (scripts/build-patch-tools.sh)."
 fi
 
+if [[ -d $work/got-ordered/runs ]]; then
+    say "What the run of the ordered image was like, and what of it leaves the machine:"
+    run stats show "$work/got-ordered"
+fi
+
 say "All of it worked."
