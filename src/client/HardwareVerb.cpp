@@ -109,42 +109,42 @@ const char* wordOf(int driveType) {
 void tell(const Hardware& hardware, Output* out) {
     const ZqRuntimeInfo& facts = hardware.facts;
     const auto line = [&](const char* what, const SxString& text) {
-        out->text(SxString::sprintf("%-11s", what) + text.makeVisible());
+        out->text(SxString::sprintf("%-14s", what) + text.makeVisible());
     };
-    line("system", facts.winVer);
-    line("host id", facts.hostId);
+    line("System", facts.winVer);
+    line("Host id", facts.hostId);
     auto cores = facts.cpuCores.begin();
     for (const SxString& name : facts.cpuNames)
-        line("processor", name + ", " + ZqReadable::counted(*cores++, "core", "cores"));
+        line("Processor", name + ", " + ZqReadable::counted(*cores++, "core", "cores"));
     auto driver = facts.gpuDrivers.begin();
     auto memory = facts.gpuRam.begin();
     for (const SxString& name : facts.gpuNames) {
         const auto bytes = static_cast<double>(*memory++);
-        line("graphics",
+        line("Graphics",
              name + ", driver " + *driver++ + (bytes > 0 ? ", " + ZqReadable::bytes(bytes) : SxString()));
     }
-    if (facts.gpuNames.isEmpty()) line("graphics", "none");
+    if (facts.gpuNames.isEmpty()) line("Graphics", "none");
     if (facts.ramTotal < 0) {
-        line("memory", "Unknown");
+        line("Memory", "Unknown");
     } else {
-        line("memory", ZqReadable::bytes(static_cast<double>(facts.ramTotal) * MIB) + ", " +
+        line("Memory", ZqReadable::bytes(static_cast<double>(facts.ramTotal) * MIB) + ", " +
                            ZqReadable::bytes(static_cast<double>(facts.ramFree) * MIB) + " free, load " +
                            facts.ramLoad + " %");
     }
-    line("screen", facts.resolution);
+    line("Screen", facts.resolution);
     for (const Drive& drive : drivesOf(facts)) {
         SxString text = drive.name + ", " + drive.fileSystem + ", " + wordOf(drive.type);
         if (drive.size > 0) {
             text += ", " + ZqReadable::bytes(static_cast<double>(drive.size)) + ", " +
                     ZqReadable::bytes(static_cast<double>(drive.free)) + " free";
         }
-        line("drive", text);
+        line("Drive", text);
     }
-    line("library", facts.rteVer);
+    line("Library", facts.rteVer);
     if (hardware.versionFailure.isEmpty()) {
-        line("service", "drives " + facts.zqddVer + ", guard " + facts.zqfmVer);
+        line("Service", "drives " + facts.zqddVer + ", guard " + facts.zqfmVer);
     } else {
-        line("service", "tells no version: " + hardware.versionFailure);
+        line("Service", "tells no version: " + hardware.versionFailure);
     }
 }
 

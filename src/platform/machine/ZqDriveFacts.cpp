@@ -99,6 +99,7 @@ ZqDriveFacts ZqDriveFacts::read(const SxString& root) {
 }
 
 SxString ZqDriveFacts::nameOf(const SxString& path, const SxString& root) {
+    if (path.isEmpty()) return SxString();
     try {
         const ZqFactFiles files(root);
         const std::string resolved = resolve(SxOs::hostPath(SxFileInfo(path).getAbsPath()));
