@@ -102,7 +102,7 @@ public:
     /// none runs, tells no version; the facts are as they were then. May wait for that service.
     void getHardwareSpecs();
     /// The same without the service and its two versions. All lists are emptied first; what can't be found
-    /// out is logged and stays as it is. Never raises, and waits half a second at most, for a display.
+    /// out is logged and stays as it is. Never raises, and waits a second at most, for a display.
     void getMachineFacts();
     /// "true" or "false".
     static SxString boolToString(bool value);

@@ -21,12 +21,14 @@ struct Found {
     bool isTold = false;
 };
 
-/// Whether the mount's own file system answers at its mount point, and without a wait.
+/// Whether the mount's own file system answers at its mount point, and without a wait. All paths pass the
+/// root folder, so that one counts for itself alone.
 bool canAsk(const ZqMountTable& table, const ZqMountTable::Mount& mount) {
     const auto way = table.wayTo(mount.at);
     return !way.empty() && way.back() == &mount &&
-           std::none_of(way.begin(), way.end(),
-                        [](const auto* passed) { return ZqDriveKind::mayHang(*passed); });
+           std::none_of(way.begin(), way.end(), [&](const auto* passed) {
+               return (passed->at != "/" || passed == &mount) && ZqDriveKind::mayHang(*passed);
+           });
 }
 
 void ask(const std::string& path, Found* found) {

@@ -4,6 +4,7 @@
 #include "SxString.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cstdlib>
 
 namespace {
@@ -77,6 +78,16 @@ std::string_view firstFolder(std::string_view path) {
     return path.substr(0, path.find_first_of("/?#"));
 }
 
+/// What stands in front of the host: "https://", "//"; empty in "nas:/games".
+std::string headOf(const std::string& source) {
+    if (source.starts_with("//")) return "//";
+    const size_t end = source.find("://");
+    const bool hasScheme = end != std::string::npos && end > 0 &&
+                           std::all_of(source.begin(), source.begin() + static_cast<std::ptrdiff_t>(end),
+                                       [](unsigned char c) { return std::isalnum(c) != 0; });
+    return hasScheme ? source.substr(0, end + 3) : std::string();
+}
+
 /// Takes what stands in front of the last "@" of a text away, and notes the user's name in it.
 void takeLogin(std::string* text, std::set<std::string>* persons) {
     const size_t at = text->rfind('@');
@@ -137,8 +148,10 @@ std::optional<Drive> ZqDriveKind::of(const Mount& mount) {
 
 std::optional<Drive> ZqDriveKind::ofDevice(const Mount& mount) {
     // A pool or volume, without the parts of it, which are often named after users.
-    if (VOLUME_TYPES.contains(mount.type))
-        return Drive{mount.source.substr(0, mount.source.find_first_of(":/")), Fixed};
+    if (VOLUME_TYPES.contains(mount.type)) {
+        const std::string name = mount.source.substr(0, mount.source.find_first_of(":/"));
+        return Drive{name.empty() ? mount.type : name, Fixed};
+    }
     // Of FUSE only the drivers of disks show a drive; all else shows files that lie elsewhere.
     if (mount.type.starts_with("fuse") && mount.type != "fuseblk") return std::nullopt;
     const bool hasDevice = !mount.device.starts_with("0:");
@@ -160,7 +173,7 @@ std::string ZqDriveKind::kernelNameOf(const Mount& mount) const {
     if (!mount.source.starts_with(DEV)) return {};
     // A file system over several devices names the first one, or all with colons between.
     const std::string source = mount.source.substr(0, mount.source.find(':'));
-    const std::string linked = files->target(source);
+    std::string linked = files->target(source);
     if (!linked.empty()) return linked;
     const std::string name = source.substr(DEV.size());
     return name.find('/') == std::string::npos && name != "root" ? name : std::string();
@@ -219,14 +232,8 @@ const std::set<std::string>& ZqDriveKind::getPersons() {
 
 std::string ZqDriveKind::networkName(const Mount& mount, std::set<std::string> persons) {
     takeLogin(std::string_view(mount.options), &persons);
-    std::string rest = mount.source, head;
-    const size_t scheme = rest.find("://");
-    if (scheme != std::string::npos) {
-        head = rest.substr(0, scheme + 3);
-    } else if (rest.starts_with("//")) {
-        head = "//";
-    }
-    rest.erase(0, head.size());
+    const std::string head = headOf(mount.source);
+    std::string rest = mount.source.substr(head.size());
     // These have no login in front of a host, but paths or networks with the sign that ends one elsewhere.
     if (!mount.type.starts_with("nfs") && mount.type != "lustre") takeLogin(&rest, &persons);
     size_t end = 0; // of the host

@@ -23,7 +23,8 @@ struct Failure {
 };
 thread_local Failure failure;
 
-[[noreturn]] void fail(char* format, ...) {
+void fail(char* format, ...) __attribute__((noreturn));
+void fail(char* format, ...) {
     std::va_list values;
     va_start(values, format);
     std::vsnprintf(failure.text.data(), failure.text.size(), format, values);
@@ -43,8 +44,8 @@ const char* lookUp(pci_access* access, char* buffer, int size, int flags, int ve
 
 } // namespace
 
-void ZqPciNames::Closer::operator()(pci_access* access) const {
-    ::pci_cleanup(access);
+void ZqPciNames::Closer::operator()(pci_access* opened) const {
+    ::pci_cleanup(opened);
 }
 
 // Without pci_init(), which looks for a way to the devices, and ends the program where there is none.

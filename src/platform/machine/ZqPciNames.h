@@ -25,7 +25,7 @@ public:
 
 private:
     struct Closer {
-        void operator()(pci_access* access) const;
+        void operator()(pci_access* opened) const;
     };
     std::string list;
     std::unique_ptr<pci_access, Closer> access;

@@ -50,7 +50,7 @@ std::string singleBlanks(const std::string& text) {
 std::string nameIn(const Values& values) {
     // x86; LoongArch; MIPS; RISC-V; POWER
     for (const char* name : {"model name", "Model Name", "cpu model", "uarch", "cpu"}) {
-        if (const std::string value = valueOf(values, name); !value.empty()) return singleBlanks(value);
+        if (std::string value = valueOf(values, name); !value.empty()) return singleBlanks(value);
     }
     return {};
 }
@@ -59,9 +59,9 @@ std::string nameIn(const Values& values) {
 /// the maker and its part.
 std::string boardName(const CpuInfo& info, const Values& values, const ZqFactFiles& files) {
     for (const char* name : {"Hardware", "Model"}) {
-        if (const std::string value = valueOf(info.machine, name); !value.empty()) return value;
+        if (std::string value = valueOf(info.machine, name); !value.empty()) return value;
     }
-    const std::string board = files.line("proc/device-tree/model");
+    std::string board = files.line("proc/device-tree/model");
     if (!board.empty()) return board;
     const std::string maker = valueOf(values, "CPU implementer"), part = valueOf(values, "CPU part");
     return maker.empty() || part.empty() ? "" : "CPU implementer " + maker + ", part " + part;
@@ -73,10 +73,10 @@ std::string nameOf(const CpuInfo& info, const std::vector<int64>& logical, const
     for (const int64 number : logical) {
         const auto found = info.logical.find(number);
         if (found == info.logical.end()) continue;
-        if (const std::string name = nameIn(found->second); !name.empty()) return name;
+        if (std::string name = nameIn(found->second); !name.empty()) return name;
     }
     for (const auto& [number, values] : info.logical) {
-        if (const std::string name = nameIn(values); !name.empty()) return name;
+        if (std::string name = nameIn(values); !name.empty()) return name;
     }
     const auto first = info.logical.find(logical.front());
     const std::string name = boardName(info, first == info.logical.end() ? Values() : first->second, files);
@@ -105,7 +105,8 @@ std::vector<Socket> fromTopology(const ZqFactFiles& files) {
         if (!name.starts_with("cpu")) continue;
         const auto number = ZqFactFiles::toNumber(std::string_view(name).substr(3));
         if (!number) continue;
-        const std::string folder = all + "/" + name + "/topology/";
+        std::string folder = all;
+        folder.append("/").append(name).append("/topology/");
         // The threads of a core name each other. Numbers of cores begin anew in each die. What is switched
         // off has no topology.
         std::string core = files.line(folder + "core_cpus_list");

@@ -67,7 +67,7 @@ SxString ZqScreenFacts::read(const SxString& root) {
     for (const std::string& name : files.names(all)) {
         const std::string folder = all + name + "/";
         if (!name.starts_with("card") || files.line(folder + "status") != "connected") continue;
-        const SxString mode = modeOf(files, folder);
+        SxString mode = modeOf(files, folder);
         if (mode.isEmpty()) continue;
         if (files.line(folder + "enabled") == "enabled") return mode;
         if (dark.isEmpty()) dark = mode;

@@ -164,6 +164,12 @@ TEST(DriveFacts, DontAskWhatMayHang) {
     const auto faults = ZqDriveFacts::read(tree.root()).faults;
     ASSERT_EQ(faults.size(), 1U);
     EXPECT_EQ(faults.front(), "Getting Size failed with error: 0x2 (/dev/sdb5)");
+
+    const MachineTree machine;
+    Table virtualised(&machine);
+    const int shared = virtualised.root("0:40", "virtiofs", "hostfs");
+    virtualised.add(shared, "8:1", "/disk", "ext4", "/dev/sda1");
+    EXPECT_THAT(drivesOf(machine), ElementsAre("hostfs, virtiofs, 4", "/dev/sda1, ext4, 3 +"));
 }
 
 TEST(DriveFacts, NameNetworksWithoutPersons) {
@@ -188,6 +194,7 @@ TEST(DriveFacts, NameNetworksWithoutPersons) {
         {"fuse.rclone", "r,pass='a':x", "", "fuse.rclone"},
         {"fuse", "https://bob:pw@cloud.example:444/dav?token=1", "", "https://cloud.example:444/dav"},
         {"fuse", "https://", "", "fuse"},
+        {"fuse", "bob:pw@host://x", "", "host:/x"},
         {"9p", "C:\\", "", "C:\\"},
         {"virtiofs", "alice", "", "virtiofs"},
         {"virtiofs", "", "", "virtiofs"},
@@ -233,8 +240,8 @@ TEST(DriveFacts, NameTheDriveOfAPath) {
     std::filesystem::create_symlink("/", real.path("up"));
     EXPECT_EQ(ZqDriveFacts::nameOf(real.path("up") + "/zq-games/x", tree.root()), "/dev/sdb1");
     EXPECT_EQ(ZqDriveFacts::nameOf("/", MachineTree().root()), "");
-    // This machine's own: the folder's drive is one of the list.
-    const SxString name = ZqDriveFacts::nameOf(real.path());
+    // This machine's own: the root folder's drive is one of the list.
+    const SxString name = ZqDriveFacts::nameOf("/");
     const auto own = ZqDriveFacts::read().drives;
     EXPECT_TRUE(std::any_of(own.begin(), own.end(), [&](const auto& drive) { return drive.name == name; }))
         << name;
