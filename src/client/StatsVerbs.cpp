@@ -174,4 +174,5 @@ void registerStatsVerbs(App* app) {
         .flag("--update", &sent.update, "A later report of the run, by PATCH")
         .flag("--dry-run", &sent.dryRun, "Show what would be sent, and open no connection")
         .action([](Output& out) { return upload(sent, out); });
+    registerHardwareVerb(&family);
 }

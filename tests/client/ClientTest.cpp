@@ -534,6 +534,31 @@ TEST_F(ClientTest, interruptedCreateLeavesNothingBehind) {
     EXPECT_EQ(run({"image", "verify", old}).code, 0);
 }
 
+TEST_F(ClientTest, hardwareIsShownWithoutAServiceToo) {
+    const string noService = "TAVRIN_ZQDD='" + dir.path("none") + "' \"$@\"";
+    const Outcome shown = runScript(noService, {"stats", "hardware"});
+    EXPECT_EQ(shown.code, 0) << shown.err;
+    EXPECT_EQ(shown.err, "");
+    for (const char* line :
+         {"System        ", "\nProcessor     ", "\nMemory        ", "\nScreen        ", "\nDrive         ",
+          "\nService       tells no version: Cannot get TAVRIN driver version: "})
+        EXPECT_THAT(shown.out, HasSubstr(line));
+    const Outcome result = runScript(noService, {"stats", "hardware", "--json"});
+    EXPECT_EQ(result.code, 0) << result.err;
+    const auto root = parseJson(result.out);
+    EXPECT_EQ(root.getElem("versions").getElem("drive").toString(), "");
+    EXPECT_THAT(root.getElem("versionFailure").toString().str(), HasSubstr(dir.path("none")));
+    EXPECT_GT(root.getElem("ramTotal").toInt(), 0);
+    EXPECT_GT(root.getElem("processors").getSize(), 0);
+    EXPECT_GT(root.getElem("drives").getSize(), 0);
+
+    const Outcome served = run({"stats", "hardware", "--json"});
+    EXPECT_EQ(served.code, 0) << served.err;
+    EXPECT_EQ(parseJson(served.out).getElem("versionFailure").toString(), "");
+    EXPECT_EQ(parseJson(served.out).getElem("versions").getElem("drive").toString(), "3.4.10");
+    EXPECT_EQ(parseJson(served.out).getElem("versions").getElem("guard").toString(), "3.4.10");
+}
+
 TEST_F(ClientTest, completionOffersWhatCanStandThere) {
     const std::pair<Words, string> cases[] = {
         {{"--json", "image", "ma"}, "map\n"},

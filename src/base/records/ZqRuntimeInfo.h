@@ -63,8 +63,8 @@ public:
     int64 exitCode = 0;          ///< of the application
     SxString winVer = "Unknown"; ///< text of the operating system's version
     SxList<SxString> gpuNames;   ///< video controllers
-    SxList<SxString> gpuDrivers; ///< their driver dates
-    SxList<int64> gpuRam;        ///< their memory
+    SxList<SxString> gpuDrivers; ///< their drivers with versions
+    SxList<int64> gpuRam;        ///< their memory, bytes
     int64 ramTotal = -1;         ///< mebibytes
     int64 ramFree = -1;          ///< mebibytes
     int64 ramLoad = -1;          ///< percent
@@ -74,7 +74,7 @@ public:
     SxString hostId = "Unknown";     ///< identifier of the machine
     SxList<SxString> driveNames;     ///< logical drives
     SxList<SxString> driveFileSystems;
-    SxList<int> driveTypes;
+    SxList<int> driveTypes;             ///< 2 removable, 3 fixed, 4 network, 5 optical, 6 memory
     SxList<uint64> driveSizes;          ///< bytes
     SxList<uint64> driveFree;           ///< bytes
     double coverage = 0;                ///< coverage of the image by its trace
@@ -101,10 +101,6 @@ public:
     /// Writes `runtime.json` into the folder `path`, or into that of the field `path` where it is empty;
     /// makes the folder. Raises "Failed to write file ..." with the cause.
     void write(const SxString& path) const;
-    /// Fills the facts of the machine and the versions; raises where the drive service tells no version.
-    void getHardwareSpecs();
-    /// The same without the versions.
-    void getMachineFacts();
     /// What a statistics service gets of the record, as a JSON object: of `sections` (ZqReportSections) those
     /// whose condition holds. `update` false: the first report of a run, true: a later one.
     SxParserKit::SxSymbol toReport(const SxList<SxString>& sections, bool update) const;
@@ -118,6 +114,14 @@ public:
     /// The same within other limits, which may have a stop.
     SxString upload(const SxString& url, const SxMap<SxString, SxString>& headers,
                     const SxList<SxString>& sections, bool update, const ZqHttpLimits& limits);
+    /// Fills the versions and the facts of the machine. Raises where the drive service, which it starts where
+    /// none runs, tells no version; the facts are as they were then. May wait for that service.
+    void getHardwareSpecs();
+    /// The same without the service and its two versions. All lists are emptied first; what can't be found
+    /// out is logged and stays as it is. Never raises, and waits a second at most, for a display.
+    void getMachineFacts();
+    /// Of all this only the versions of this library and of the system. Never raises.
+    void getSystemVersions();
     /// "true" or "false".
     static SxString boolToString(bool value);
 };

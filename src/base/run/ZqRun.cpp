@@ -381,6 +381,7 @@ void ZqRun::fillResult() {
     info.endErr = own.endErr;
     info.path = image;
     info.guid = feed->getApp().guid;
+    info.getSystemVersions();
     result.build = feed->getApp().checksumMnt;
     result.order = feed->getApp().checksumIdx;
     info.time0 = beginMs;

@@ -5,7 +5,6 @@
 #include "ZqMountMgr.h"
 #include "ZqReportPass.h"
 #include "ZqReportSections.h"
-#include "ZqSysEnv.h"
 #include "ZqTries.h"
 #include "ZqWaitingReports.h"
 
@@ -14,7 +13,6 @@ using SxParserKit::SxSymbol;
 namespace {
 
 constexpr const char* UNIT = "src/base/ZqStatsReporter";
-constexpr const char* DRIVER_VERSION = "3.4.10"; ///< what this library was made for
 
 void log(const SxString& text) {
     zqLogMsg("base", "ZqStatsReporter: " + text);
@@ -22,7 +20,7 @@ void log(const SxString& text) {
 
 /// Versions alone, since facts that aren't told aren't taken either.
 void fillVersions(ZqRuntimeInfo* info) {
-    info->rteVer = ZqSysEnv::getRTEVersion() + " " + DRIVER_VERSION;
+    info->getSystemVersions();
     // A run that has failed may have no drive service, and none is started to be asked.
     if (info->startErr) return;
     try {

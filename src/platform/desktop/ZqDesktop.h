@@ -15,7 +15,16 @@ public:
     /// The class of the window that the desktop puts in the place of one that no longer answers.
     static constexpr const char* GHOST = "Ghost";
 
+    /// In pixels.
+    struct Size {
+        int64 width = 0, height = 0;
+    };
+
     virtual ~ZqDesktop() = default;
+
+    /// The size of the player's primary screen; nothing where there is no display. Waits for as long as the
+    /// display takes to answer.
+    virtual Size getScreenSize() { return {}; }
 
     /// The topmost window with exactly that title.
     virtual Handle findByTitle(const SxString& title) = 0;

@@ -1,6 +1,7 @@
 #include "ZqX11Desktop.h"
 
 #include "SxClock.h"
+#include "ZqX11Screen.h"
 
 #include <algorithm>
 #include <array>
@@ -232,6 +233,10 @@ std::shared_ptr<ZqX11Desktop::Display> ZqX11Desktop::getDisplay() {
     }
     if (display) display->drain();
     return display;
+}
+
+ZqDesktop::Size ZqX11Desktop::getScreenSize() {
+    return ZqX11Screen::read();
 }
 
 ZqDesktop::Handle ZqX11Desktop::findByTitle(const SxString& title) {

@@ -17,6 +17,8 @@ public:
     ZqX11Desktop();
     ~ZqX11Desktop() override;
 
+    /// The next call doesn't wait for one that a display which hangs holds up.
+    Size getScreenSize() override;
     Handle findByTitle(const SxString& title) override;
     /// Compares with the second part of WM_CLASS.
     Handle findByClass(const SxString& className) override;

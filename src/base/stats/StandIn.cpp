@@ -1,8 +1,0 @@
-#include "ZqRuntimeInfo.h"
-
-void ZqRuntimeInfo::getHardwareSpecs() {
-    getMachineFacts();
-}
-
-void ZqRuntimeInfo::getMachineFacts() {
-}
