@@ -38,7 +38,7 @@ SxString tokenOf(const SxSymbol& answer, const SxString& former) {
     const SxSymbol elem = answer.getElem("clientToken");
     if (elem.getType() != SxParserAst::String)
         throw SxException("The service's 'clientToken' isn't a text", UNIT, __LINE__);
-    const SxString token = elem.toString();
+    SxString token = elem.toString();
     const auto isControl = [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; };
     if (std::any_of(token.str().begin(), token.str().end(), isControl))
         throw SxException("The service's 'clientToken' holds a control character", UNIT, __LINE__);

@@ -161,6 +161,7 @@ SxSymbol ZqRuntimeInfo::toReport(const SxList<SxString>& sections, bool update) 
 }
 
 SxString ZqRuntimeInfo::upload(const SxString& url, const SxMap<SxString, SxString>& headers,
+                               // NOLINTNEXTLINE(performance-unnecessary-value-param): as callers know it
                                SxList<SxString> sections, bool update) {
     return upload(url, headers, sections, update, ZqHttpLimits());
 }

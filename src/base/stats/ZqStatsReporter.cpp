@@ -57,7 +57,7 @@ ZqStatsConsent give(const ZqStatsWish& wish, const SxString& guid) {
     const ZqReportTarget target(wish.url, wish.headers);
     const SxList<SxString> sections = ZqReportSections::of(wish.sections);
     const std::optional<ZqStatsConsent> former = ZqStatsConsents::find(guid);
-    const ZqStatsConsent consent = ZqStatsConsents::give(guid, target, sections);
+    ZqStatsConsent consent = ZqStatsConsents::give(guid, target, sections);
     if (!former || former->givenMs != consent.givenMs) ZqWaitingReports::forget(guid);
     return consent;
 }
