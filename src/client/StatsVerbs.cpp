@@ -3,5 +3,5 @@
 
 void registerStatsVerbs(App* app) {
     Family family = app->family("stats", "What runs were like, and what is told of them");
-    (void)family;
+    registerCollectVerb(&family);
 }

@@ -1,0 +1,5 @@
+#include "ZqFleetPage.h"
+
+SxString ZqFleetPage::toHtml() const {
+    return {};
+}
