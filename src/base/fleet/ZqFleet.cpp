@@ -5,7 +5,6 @@
 #include "SxFSAction.h"
 #include "SxFileIO.h"
 #include "SxLatch.h"
-#include "SxTemporaryFile.h"
 #include "ZqFleetFiles.h"
 #include "ZqFleetLoad.h"
 #include "ZqFleetStore.h"
@@ -56,7 +55,7 @@ void ZqFleet::main() {
     const SxString folder =
         settings.parquet.isEmpty() ? SxString() : SxFileInfo(settings.parquet).getAbsPath();
     {
-        ZqFleetStore store({settings.scratch, isNew ? SxString() : settings.store, folder});
+        ZqFleetStore store({settings.scratch, isNew ? SxString() : settings.store});
         SxLatch isDone;
         ZqJobsTogether watch;
         // A statement of the database doesn't look at the flag.
@@ -101,11 +100,12 @@ void ZqFleet::collect(ZqFleetStore* store, const std::vector<SxString>& paths) {
 void ZqFleet::writeParquet(ZqFleetStore* store) {
     const SxString folder = ZqImageFolder::prefix(settings.parquet);
     try {
+        // Made elsewhere, so that nobody finds a part of it here.
+        const SxString file = store->writeParquet();
+        SxFileIO(file, "r+b").sync();
         ZqNewFolder made(settings.parquet);
-        SxTemporaryFile file(folder + PARQUET_FILE, 0644);
-        store->writeParquet(SxFileInfo(file.getPath()).getAbsPath());
-        SxFileIO(file.getPath(), "r+b").sync();
-        file.commit();
+        SxFSAction::mv(file, folder + PARQUET_FILE);
+        SxFSAction::syncDir(settings.parquet);
         made.sync();
         made.keep();
     } catch (const SxException& e) {

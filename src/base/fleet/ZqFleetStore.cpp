@@ -12,6 +12,8 @@ namespace {
 constexpr const char* UNIT = "src/base/fleet/ZqFleetStore";
 /// What a first frame or a start in seconds may have at most to be told in milliseconds.
 constexpr const char* MOST_SECONDS = "9000000000000";
+/// Runs whose rows are made one at a time.
+constexpr int64 MOST_JOINED = 100'000;
 
 struct LinkClass {
     double below; ///< megabits per second; 0 for no limit
@@ -164,7 +166,8 @@ void setKey(ZqFleetGroup* group, ZqFleetBy by, const SxString& first, const SxSt
 ZqFleetStore::ZqFleetStore(const Settings& settings)
     : hasKept(!settings.kept.isEmpty()),
       counted(hasKept ? "other.runs" : TABLE),
-      database({fileIn(settings.scratch), settings.kept, settings.output, settings.scratch}) {
+      scratch(ZqImageFolder::prefix(settings.scratch)),
+      database({fileIn(settings.scratch), settings.kept, settings.scratch}) {
     if (hasKept) requireKept();
     database.run(SxString("CREATE TABLE ") + TABLE + " " + ZqFleetColumns::definition());
 }
@@ -213,22 +216,30 @@ void ZqFleetStore::join() {
     if (hasKept) takeKept();
     joinNameless();
     database.run("CREATE TEMP TABLE several AS SELECT key FROM runs GROUP BY key HAVING count(*) > 1");
-    if (database.query("SELECT count(*) FROM several").front().front().whole > 0) {
-        // Of two values the larger one counts, so that the result doesn't depend on an order: figures of a
-        // run grow, and what isn't there is smaller than all that is.
-        SxString largest;
-        for (const ZqColumn& column : ZqFleetColumns::all()) {
-            const SxString name = SxString("\"") + column.name + "\"";
-            largest += (largest.isEmpty() ? "" : ", ") +
-                       (&column == &ZqFleetColumns::all().front() ? name : "max(" + name + ") AS " + name);
-        }
-        database.run("CREATE TEMP TABLE joined AS SELECT " + largest +
-                     " FROM runs WHERE key IN (SELECT key FROM several) GROUP BY key");
-        database.run("DELETE FROM runs WHERE key IN (SELECT key FROM several)");
-        database.run("INSERT INTO runs SELECT * FROM joined");
-        database.run("DROP TABLE joined");
-    }
+    const int64 nSeveral = database.query("SELECT count(*) FROM several").front().front().whole;
+    if (nSeveral > 0) joinSeveral(nSeveral);
     database.run("DROP TABLE several");
+}
+
+/// Of two values the larger one counts, so that the result doesn't depend on an order: figures of a run grow,
+/// and what isn't there is smaller than all that is.
+void ZqFleetStore::joinSeveral(int64 nSeveral) {
+    SxString largest = "key";
+    for (const ZqColumn& column : ZqFleetColumns::all()) {
+        const SxString name = SxString("\"") + column.name + "\"";
+        if (&column != &ZqFleetColumns::all().front()) largest += ", max(" + name + ") AS " + name;
+    }
+    database.run("CREATE TEMP TABLE joined AS SELECT * FROM runs LIMIT 0");
+    // All of it at once may take more memory than the database has.
+    const int64 nSlices = nSeveral / MOST_JOINED + 1;
+    for (int64 i = 0; i < nSlices; ++i) {
+        const SxString slice = "hash(key) % " + SxString(nSlices) + " = " + i;
+        database.run("INSERT INTO joined SELECT " + largest + " FROM runs WHERE " + slice +
+                     " AND key IN (SELECT key FROM several WHERE " + slice + ") GROUP BY key");
+    }
+    database.run("DELETE FROM runs WHERE key IN (SELECT key FROM several)");
+    database.run("INSERT INTO runs SELECT * FROM joined");
+    database.run("DROP TABLE joined");
 }
 
 void ZqFleetStore::keep() {
@@ -237,6 +248,8 @@ void ZqFleetStore::keep() {
     database.run("DELETE FROM other.runs WHERE key IN (SELECT key FROM taken)");
     database.run("INSERT INTO other.runs SELECT * FROM runs");
     database.run("COMMIT");
+    // Else the runs stay in a second file beside the store, which might be left behind when that is copied.
+    database.run("CHECKPOINT other");
 }
 
 // Figures.
@@ -286,9 +299,10 @@ ZqFleetCourse ZqFleetStore::readCourse(const SxString& from, const SxList<SxStri
     return course;
 }
 
-void ZqFleetStore::writeParquet(const SxString& file) {
-    // Under this name already, so that what is renamed is what was synced.
+SxString ZqFleetStore::writeParquet() {
+    const SxString file = scratch + "runs.parquet";
     database.run("COPY (SELECT * EXCLUDE (key) FROM " + counted + ") TO " +
                  ZqDuckDb::quoted(SxString(SxOs::hostPath(file))) +
                  " (FORMAT parquet, COMPRESSION zstd, USE_TMP_FILE false)");
+    return file;
 }

@@ -10,7 +10,6 @@ public:
     struct Settings {
         SxString scratch; ///< folder of this one's own, for the database and what else it needs
         SxString kept;    ///< a database that runs are kept in, and that exists; empty for none
-        SxString output;  ///< folder that writeParquet() writes into; empty for none
     };
 
     explicit ZqFleetStore(const Settings& settings);
@@ -25,8 +24,8 @@ public:
     void keep();
     /// The figures, and the number of groups; the counts of what was read stay.
     void count(ZqFleetFigures* figures);
-    /// Writes all runs as a Parquet file.
-    void writeParquet(const SxString& file);
+    /// Writes all runs as a Parquet file in the scratch folder, and gives its name.
+    SxString writeParquet();
     /// As ZqDuckDb::stop().
     void stop() { database.stop(); }
     /// The database's file.
@@ -36,9 +35,11 @@ private:
     void requireKept();
     void takeKept();
     void joinNameless();
+    void joinSeveral(int64 nSeveral);
     ZqFleetCourse readCourse(const SxString& from, const SxList<SxString>& keys);
 
     const bool hasKept;
     const SxString counted; ///< the table that has all runs
+    const SxString scratch;
     ZqDuckDb database;
 };

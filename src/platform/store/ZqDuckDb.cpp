@@ -19,12 +19,16 @@ namespace {
 constexpr const char* UNIT = "src/platform/store/ZqDuckDb";
 /// The one that scripts/fetch-duckdb.sh fetches. Another may lack a setting that closes a way out.
 constexpr const char* VERSION = "v1.5.6";
+/// An appender hands on its rows when it has so many: a piece of the table is twice as large, and waits in
+/// memory in the form that it has on the disk.
+constexpr idx_t MOST_PENDING = 61'440;
 
 #define ZQ_DUCKDB_FUNCTIONS(F)                                                                               \
     F(append_data_chunk)                                                                                     \
     F(appender_close)                                                                                        \
     F(appender_create_ext)                                                                                   \
     F(appender_destroy)                                                                                      \
+    F(appender_flush)                                                                                        \
     F(appender_error)                                                                                        \
     F(bind_varchar_length)                                                                                   \
     F(close)                                                                                                 \
@@ -51,6 +55,7 @@ constexpr const char* VERSION = "v1.5.6";
     F(library_version)                                                                                       \
     F(open_ext)                                                                                              \
     F(prepare)                                                                                               \
+    F(query)                                                                                                 \
     F(prepare_error)                                                                                         \
     F(result_error)                                                                                          \
     F(set_config)                                                                                            \
@@ -257,9 +262,7 @@ ZqDuckDb::ZqDuckDb(const Settings& settings) : state(std::make_unique<State>()) 
             run("ATTACH " + quoted(SxString(SxOs::hostPath(settings.other))) + " AS other");
         // What the settings of a file name may be reached for ever, so the order matters: what is allowed,
         // then the ban on all else, then the lock on both.
-        if (!settings.output.isEmpty()) {
-            run("SET allowed_directories = [" + quoted(SxString(SxOs::hostPath(settings.output))) + "]");
-        }
+        run("SET allowed_directories = [" + quoted(SxString(SxOs::hostPath(settings.scratch))) + "]");
         run("SET enable_external_access = false");
         run("SET lock_configuration = true");
     } catch (const SxException& e) {
@@ -310,7 +313,7 @@ struct ZqDuckDb::Appender::State {
     std::vector<duckdb_vector> vectors;
     std::vector<void*> data;
     std::vector<uint64_t*> validity;
-    idx_t nRows = 0, capacity = 0;
+    idx_t nRows = 0, capacity = 0, nPending = 0;
 
     explicit State(const Library& duck_) : duck(duck_) {}
     ~State() {
@@ -321,6 +324,7 @@ struct ZqDuckDb::Appender::State {
     void makeChunk();
     void begin();
     void flush();
+    void run(const char* statement);
     [[noreturn]] void fail(int line) {
         throw SxException(firstLine(duck.appender_error(appender)), UNIT, line);
     }
@@ -349,11 +353,24 @@ void ZqDuckDb::Appender::State::begin() {
     nRows = 0;
 }
 
+void ZqDuckDb::Appender::State::run(const char* statement) {
+    duckdb_result result = {};
+    const bool isDone = duck.query(connection, statement, &result) == DuckDBSuccess;
+    const SxString why = isDone ? SxString() : firstLine(duck.result_error(&result));
+    duck.destroy_result(&result);
+    if (!isDone) throw SxException(why, UNIT, __LINE__);
+}
+
 void ZqDuckDb::Appender::State::flush() {
     if (nRows == 0) return;
     duck.data_chunk_set_size(chunk, nRows);
     if (duck.append_data_chunk(appender, chunk) != DuckDBSuccess) fail(__LINE__);
     duck.data_chunk_reset(chunk);
+    nPending += nRows;
+    if (nPending >= MOST_PENDING) {
+        if (duck.appender_flush(appender) != DuckDBSuccess) fail(__LINE__);
+        nPending = 0;
+    }
     begin();
 }
 
@@ -363,6 +380,7 @@ ZqDuckDb::Appender::Appender(ZqDuckDb* database, const SxString& table, const st
     state->columns = columns;
     if (duck.connect(database->state->database, &state->connection) != DuckDBSuccess)
         throw SxException("The database takes no further connection", UNIT, __LINE__);
+    state->run("BEGIN TRANSACTION");
     if (duck.appender_create_ext(state->connection, nullptr, nullptr, table.ascii(), &state->appender) !=
         DuckDBSuccess)
         state->fail(__LINE__);
@@ -402,6 +420,7 @@ void ZqDuckDb::Appender::add(const std::vector<ZqCell>& cells) {
 void ZqDuckDb::Appender::finish() {
     state->flush();
     if (state->duck.appender_close(state->appender) != DuckDBSuccess) state->fail(__LINE__);
+    state->run("COMMIT");
 }
 
 #else

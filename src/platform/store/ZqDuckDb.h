@@ -15,10 +15,10 @@
 class ZqDuckDb {
 public:
     struct Settings {
-        SxString file;         ///< made where there is none
-        SxString other;        ///< a second database, which statements call `other`; empty for none
-        SxString output;       ///< folder that statements may write files into; empty for none
-        SxString scratch;      ///< folder for what doesn't fit into memory
+        SxString file;  ///< made where there is none
+        SxString other; ///< a second database, which statements call `other`; empty for none
+        SxString
+            scratch; ///< folder for what doesn't fit into memory, and that statements may write files into
         int64 memoryMiB = 384; ///< for what the database keeps in memory
         int nThreads = 2;
     };
