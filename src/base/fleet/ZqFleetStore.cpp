@@ -195,10 +195,10 @@ void ZqFleetStore::requireKept() {
 
 /// A `runtime.json` has no id. Where a run with the same application and begin has one, it is that run.
 void ZqFleetStore::joinNameless() {
-    database.run(
-        "CREATE TEMP TABLE named AS SELECT guid, time0, min(id) AS id FROM runs WHERE id IS NOT NULL "
-        "AND (guid, time0) IN (SELECT guid, time0 FROM runs WHERE id IS NULL) GROUP BY guid, time0");
-    database.run("UPDATE runs SET id = named.id, key = named.id FROM named WHERE runs.id IS NULL AND "
+    database.run("CREATE TEMP TABLE named AS SELECT guid, time0, min(id) AS id, min(key) AS key FROM runs "
+                 "WHERE id IS NOT NULL "
+                 "AND (guid, time0) IN (SELECT guid, time0 FROM runs WHERE id IS NULL) GROUP BY guid, time0");
+    database.run("UPDATE runs SET id = named.id, key = named.key FROM named WHERE runs.id IS NULL AND "
                  "runs.guid = named.guid AND runs.time0 = named.time0");
     database.run("DROP TABLE named");
 }
@@ -287,7 +287,7 @@ void ZqFleetStore::count(ZqFleetFigures* figures) {
 }
 
 ZqFleetCourse ZqFleetStore::readCourse(const SxString& from, const SxList<SxString>& keys) {
-    const SxString shares = "[i / 100.0 FOR i IN range(0, 100)]";
+    const SxString shares = "[i / 100.0 FOR i IN range(0, 101)]";
     ZqFleetCourse course;
     const auto read = [&](const SxString& column, std::vector<double>* values) {
         for (const auto& row : database.query(

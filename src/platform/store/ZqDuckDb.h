@@ -46,7 +46,8 @@ public:
     /// Runs one statement, with `values` as its $1, $2 and so on, and gives its rows. Their columns are
     /// texts, doubles, booleans (as a whole number) and whole numbers of up to 64 bits; another type raises.
     Rows query(const SxString& statement, const SxList<SxString>& values = {});
-    /// Ends the statement that runs, which raises with the tag STOPPED, and all that follow. Any thread.
+    /// Ends the statement that runs, which raises with the tag STOPPED, and all that follow. One that is just
+    /// beginning may not see it, so who waits for the end asks again. Any thread.
     void stop();
     /// A text as a statement has it, for the few places that take no value.
     static SxString quoted(const SxString& text);
