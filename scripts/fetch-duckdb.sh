@@ -38,7 +38,7 @@ go_without() {
 # The library and the header belong together.
 mkdir -p "$target"
 rm -f "$target"/{version,libduckdb.so,duckdb.h,LICENSE}
-scripts/install-deps.sh patch-tools || go_without "npm can't be installed"
+scripts/install-deps.sh duckdb || go_without "npm can't be installed"
 echo "Fetching DuckDB's library"
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT

@@ -75,6 +75,7 @@ struct ZqFleetFigures {
     std::vector<ZqFleetCourse> courses; ///< of the first groups
     double loadSec = 0, countSec = 0;   ///< what it took to read the records, and to make the figures
 
-    /// What a group's runs have in common, for people: "build 1a2b, order 3c4d".
-    SxString nameOf(const ZqFleetGroup& group) const;
+    /// What a group's runs have in common, for people: "build 1a2b3c4d, order 5e6f7a8b". Digests are cut, of
+    /// which the begin tells enough where the whole is long.
+    SxString nameOf(const ZqFleetGroup& group, bool isShort = true) const;
 };

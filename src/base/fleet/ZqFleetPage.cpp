@@ -107,12 +107,12 @@ SxString ZqFleetPage::tiles() const {
 }
 
 /// The name with the colour of its curve, where it has one.
-SxString ZqFleetPage::nameCell(size_t group) const {
+SxString ZqFleetPage::nameCell(size_t group, bool isShort) const {
     SxString html = "<th scope=\"row\">";
     for (size_t i = 0; i < figures.courses.size(); ++i)
         if (figures.courses[i].group == group)
             html += SxString("<i class=\"swatch stroke ") + INKS[i] + "\"></i>";
-    return html + ZqFigure::escape(figures.nameOf(figures.groups[group])) + "</th>";
+    return html + ZqFigure::escape(figures.nameOf(figures.groups[group], isShort)) + "</th>";
 }
 
 SxString ZqFleetPage::groupTable() const {
@@ -125,7 +125,7 @@ SxString ZqFleetPage::groupTable() const {
         {"Runs", "Share"});
     for (size_t i = 0; i < figures.groups.size(); ++i) {
         const ZqFleetGroup& group = figures.groups[i];
-        html += "<tr>" + nameCell(i) + cell(ZqReadable::count(group.nRuns)) +
+        html += "<tr>" + nameCell(i, false) + cell(ZqReadable::count(group.nRuns)) +
                 cell(percent(group.nRuns, figures.all.nRuns)) + "</tr>\n";
     }
     return html + END_TABLE;
@@ -136,7 +136,7 @@ SxString ZqFleetPage::chart(const char* heading, const char* label, Times times)
     for (const ZqFleetCourse& course : figures.courses)
         if ((course.*times).size() > LAST_SHARE) most = std::max(most, (course.*times)[LAST_SHARE]);
     if (most <= 0) return {};
-    ZqChart drawn({"Time from the begin of a run", ZqChartAxis::Time, 0, most},
+    ZqChart drawn({"Time since the run began", ZqChartAxis::Time, 0, most},
                   {"Runs, %", ZqChartAxis::Count, 0, 100}, CHART_HEIGHT);
     ZqFigure figure;
     figure.heading = heading;

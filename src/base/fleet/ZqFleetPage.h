@@ -24,7 +24,7 @@ private:
                          SxString (*show)(double value)) const;
     SxString accuracyTable() const;
     SxString exitTable() const;
-    SxString nameCell(size_t group) const;
+    SxString nameCell(size_t group, bool isShort = true) const;
 
     const ZqFleetFigures& figures;
 };

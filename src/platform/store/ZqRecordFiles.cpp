@@ -109,7 +109,9 @@ void ZqRecordFiles::cut(ZqRecordBatch* batch, size_t n) {
     batch->line = line;
     const std::string_view text(batch->buffer.data(), n);
     if (line == 1 && text.starts_with(BYTE_ORDER_MARK)) batch->begin = BYTE_ORDER_MARK.size();
-    line += std::count(text.begin(), text.end(), '\n');
+    // Lines are long, so that this is much faster than to count.
+    for (size_t at = text.find('\n'); at != std::string_view::npos; at = text.find('\n', at + 1))
+        ++line;
 }
 
 void ZqRecordFiles::fill(ZqRecordBatch* batch) {

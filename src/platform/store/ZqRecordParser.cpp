@@ -25,6 +25,7 @@ SxString named(const ZqRecordKey& key, const char* fault) {
 struct Section {
     SxString name;
     std::vector<ZqRecordKey> keys;
+    std::vector<std::string_view> names; ///< of the keys
     /// The key at each place of the object in the record before: records mostly have their keys in one order,
     /// so this spares the search.
     std::vector<size_t> former;
@@ -36,11 +37,9 @@ struct Section {
 constexpr size_t NONE = std::numeric_limits<size_t>::max();
 
 size_t Section::find(std::string_view key, size_t place) {
-    if (place < former.size() && former[place] != NONE && key == keys[former[place]].name)
-        return former[place];
-    const auto at =
-        std::find_if(keys.begin(), keys.end(), [&](const ZqRecordKey& known) { return key == known.name; });
-    const size_t index = at == keys.end() ? NONE : static_cast<size_t>(at - keys.begin());
+    if (place < former.size() && former[place] != NONE && key == names[former[place]]) return former[place];
+    const auto at = std::find(names.begin(), names.end(), key);
+    const size_t index = at == names.end() ? NONE : static_cast<size_t>(at - names.begin());
     // A record has a bounded size, but an object of it may have a million keys.
     constexpr size_t MOST_PLACES = 256;
     if (place < MOST_PLACES) {
@@ -143,6 +142,7 @@ ZqRecordParser::ZqRecordParser(const std::vector<ZqColumn>& columns_, const std:
             section->name = key.section;
         }
         section->keys.push_back(key);
+        section->names.emplace_back(key.name);
         section->seenIn.push_back(0);
     }
 }
