@@ -71,7 +71,7 @@ void ZqFleetLoad::Worker::readBatch() {
 }
 
 SxString ZqFleetLoad::Worker::take(const ZqRecordBatch::Record& record) {
-    const SxString fault = read(&parser, record.text, &cells, &keyRoom);
+    SxString fault = read(&parser, record.text, &cells, &keyRoom);
     if (!fault.isEmpty()) return fault;
     rows.add(cells);
     ++result.nTaken;
@@ -86,7 +86,7 @@ void ZqFleetLoad::Worker::note(const ZqRecordFault& fault) {
 
 SxString ZqFleetLoad::read(ZqRecordParser* parser, std::string_view document, std::vector<ZqCell>* cells,
                            std::string* keyRoom) {
-    const SxString fault = parser->read(document, cells);
+    SxString fault = parser->read(document, cells);
     if (!fault.isEmpty()) return fault;
     ZqCell& id = (*cells)[ZqFleetColumns::Id];
     const ZqCell& guid = (*cells)[ZqFleetColumns::Guid];

@@ -13,7 +13,7 @@ constexpr const char* UNIT = "src/base/fleet/ZqFleetStore";
 /// What a first frame or a start in seconds may have at most to be told in milliseconds.
 constexpr const char* MOST_SECONDS = "9000000000000";
 /// Runs whose rows are made one at a time.
-constexpr int64 MOST_JOINED = 100'000;
+constexpr int64 MOST_JOINED = 200'000;
 
 struct LinkClass {
     double below; ///< megabits per second; 0 for no limit
@@ -300,7 +300,7 @@ ZqFleetCourse ZqFleetStore::readCourse(const SxString& from, const SxList<SxStri
 }
 
 SxString ZqFleetStore::writeParquet() {
-    const SxString file = scratch + "runs.parquet";
+    SxString file = scratch + "runs.parquet";
     database.run("COPY (SELECT * EXCLUDE (key) FROM " + counted + ") TO " +
                  ZqDuckDb::quoted(SxString(SxOs::hostPath(file))) +
                  " (FORMAT parquet, COMPRESSION zstd, USE_TMP_FILE false)");

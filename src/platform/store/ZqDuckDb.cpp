@@ -68,6 +68,7 @@ constexpr idx_t MOST_PENDING = 61'440;
     F(vector_size)
 
 struct Library {
+// NOLINTNEXTLINE(bugprone-macro-parentheses): a name can't have any
 #define ZQ_DUCKDB_MEMBER(name) decltype(&::duckdb_##name) name = nullptr;
     ZQ_DUCKDB_FUNCTIONS(ZQ_DUCKDB_MEMBER)
 #undef ZQ_DUCKDB_MEMBER
@@ -246,7 +247,7 @@ ZqDuckDb::Rows ZqDuckDb::State::execute(duckdb_prepared_statement statement) con
         const size_t first = rows.size();
         rows.resize(first + duck.data_chunk_get_size(piece.chunk));
         for (idx_t column = 0; column < nColumns; ++column) {
-            const duckdb_vector vector = duck.data_chunk_get_vector(piece.chunk, column);
+            auto* const vector = duck.data_chunk_get_vector(piece.chunk, column);
             const duckdb_type type = duck.column_type(&all.result, column);
             for (size_t row = first; row < rows.size(); ++row)
                 rows[row].push_back(valueAt(vector, duck, type, row - first));

@@ -176,7 +176,7 @@ SxString ZqRecordParser::State::readObject(const dom::object& object, Section* s
             dom::object content;
             if (field.value.get_object().get(content) != simdjson::SUCCESS)
                 return "'" + inner->name + "' isn't an object";
-            const SxString fault = readObject(content, inner, cells);
+            SxString fault = readObject(content, inner, cells);
             if (!fault.isEmpty()) return fault;
         }
         if (index == NONE) continue;
@@ -197,7 +197,7 @@ SxString ZqRecordParser::read(std::string_view record, std::vector<ZqCell>* cell
     State& own = *state;
     cells->assign(own.columns.size(), ZqCell());
     if (record.size() > MAX_RECORD) return SxString("it is larger than ") + (MAX_RECORD >> 20) + " MiB";
-    const SxString fault = own.reserve(record.size());
+    SxString fault = own.reserve(record.size());
     if (!fault.isEmpty()) return fault;
     ++own.nRecords;
     dom::element root;
