@@ -21,6 +21,7 @@ help: ## this list
 build: ## release build; the client is build/release/bin/tavrin
 	@scripts/install-deps.sh
 	@scripts/build-patch-tools.sh
+	@scripts/fetch-duckdb.sh
 	@cmake --preset release
 	@cmake --build --preset release -j $(JOBS)
 
@@ -45,6 +46,7 @@ storage: build ## build, then write to drives with real programs and kill their 
 bench: ## build and run the benchmarks, as root also those against PEERS; BENCH_ARGS and PEERS_ARGS go to them
 	@scripts/install-deps.sh peers
 	@scripts/build-patch-tools.sh
+	@scripts/fetch-duckdb.sh
 	@cmake --preset bench
 	@cmake --build --preset bench -j $(JOBS)
 	@set -e; for program in $$(find build/bench/bench -maxdepth 1 -type f -executable | sort); do echo "== $${program##*/}"; $$program $(BENCH_ARGS); done
@@ -75,6 +77,7 @@ fuzz: ## each fuzz program for SECONDS (60)
 package: ## Debian packages, in build/package
 	@scripts/install-deps.sh package
 	@scripts/build-patch-tools.sh
+	@scripts/fetch-duckdb.sh
 	@cmake --preset package
 	@cmake --build --preset package -j $(JOBS)
 	@cd build/package && cpack

@@ -45,3 +45,9 @@ foreach(tool hdiffz hpatchz)
 endforeach()
 install(FILES "${TAVRIN_PATCH_TOOLS}/LICENSE" DESTINATION "${CMAKE_INSTALL_DATADIR}/doc/tavrin"
     COMPONENT runtime RENAME LICENSE.hdiffz OPTIONAL)
+
+# The same for the library that the statistics of a fleet are made with.
+file(CREATE_LINK "${TAVRIN_DUCKDB}/libduckdb.so" "${CMAKE_RUNTIME_OUTPUT_DIRECTORY}/libduckdb.so" SYMBOLIC)
+install(FILES "${TAVRIN_DUCKDB}/libduckdb.so" DESTINATION "lib/tavrin" COMPONENT runtime OPTIONAL)
+install(FILES "${TAVRIN_DUCKDB}/LICENSE" DESTINATION "${CMAKE_INSTALL_DATADIR}/doc/tavrin"
+    COMPONENT runtime RENAME LICENSE.duckdb OPTIONAL)

@@ -11,6 +11,7 @@
 #   storage   databases and other programs that drives are written to with
 #   wine      runs programs for Windows, for tests
 #   patch-tools   what scripts/build-patch-tools.sh needs
+#   duckdb    what scripts/fetch-duckdb.sh needs
 # Says and touches nothing where all is there already.
 set -euo pipefail
 
@@ -42,8 +43,12 @@ for group in "$@"; do
         # Debian's npm has hundreds of packages below it, and excludes the one that comes with other builds of Node.js.
         command -v npm >/dev/null || packages+=(npm)
         ;;
+    duckdb)
+        packages+=(openssl)
+        command -v npm >/dev/null || packages+=(npm)
+        ;;
     *)
-        echo "install-deps.sh: no group \"$group\" (there are: clang, lint, fuzz, demo, package, peers, servers, storage, wine, patch-tools)" >&2
+        echo "install-deps.sh: no group \"$group\" (there are: clang, lint, fuzz, demo, package, peers, servers, storage, wine, patch-tools, duckdb)" >&2
         exit 2
         ;;
     esac

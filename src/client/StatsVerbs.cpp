@@ -175,4 +175,5 @@ void registerStatsVerbs(App* app) {
         .flag("--dry-run", &sent.dryRun, "Show what would be sent, and open no connection")
         .action([](Output& out) { return upload(sent, out); });
     registerHardwareVerb(&family);
+    registerCollectVerb(&family);
 }

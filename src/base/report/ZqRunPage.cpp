@@ -4,6 +4,7 @@
 #include "SxFSAction.h"
 #include "ZqImageFiles.h"
 #include "ZqImageFolder.h"
+#include "ZqPage.h"
 #include "ZqReadable.h"
 #include "ZqTracePlot.h"
 
@@ -17,66 +18,12 @@ constexpr double DOWNLOAD_HEIGHT = 300;
 constexpr double HEADROOM = 1.04;
 constexpr size_t MOST_ROWS = 20;
 
-constexpr const char* PAGE_STYLE =
-    ":root{color-scheme:light dark}\n"
-    "*{box-sizing:border-box}\n"
-    "body{margin:0;background:#f3f5f8;color:#1b2230;font-family:system-ui,sans-serif;line-height:1.45}\n"
-    "main{max-width:1040px;margin:0 auto;padding:28px 20px 40px}\n"
-    "header{margin-bottom:20px}\n"
-    "h1{margin:0;font-size:28px;line-height:1.2;overflow-wrap:anywhere}\n"
-    "h2{margin:0 0 10px;font-size:17px}\n"
-    "header p,.note{margin:6px 0 0;color:#566073}\n"
-    ".failure{margin:0 0 20px;padding:12px 16px;border-left:4px solid #dc2626;border-radius:6px;"
-    "background:#fdecec;color:#7f1d1d;overflow-wrap:anywhere}\n"
-    ".card,.tiles>div{background:#fff;border:1px solid #e3e7ee;border-radius:12px}\n"
-    ".card{margin-bottom:16px;padding:18px 20px}\n"
-    ".tiles{display:grid;grid-template-columns:repeat(4,1fr);gap:12px;margin:0 0 16px}\n"
-    ".tiles>div{padding:14px 16px}\n"
-    ".tiles dt{font-size:13px;color:#566073}\n"
-    ".tiles dd{margin:2px 0 0;font-size:23px;font-weight:600;line-height:1.25}\n"
-    ".tiles small{display:block;margin-top:2px;font-size:13px;font-weight:400;color:#566073}\n"
-    ".keys{display:flex;flex-wrap:wrap;gap:4px 18px;margin:0 0 6px;padding:0;list-style:none;font-size:14px;"
-    "color:#566073}\n"
-    ".swatch{display:inline-block;width:18px;margin-right:7px;vertical-align:middle}\n"
-    ".dots{width:9px;height:9px;background:currentColor}\n"
-    ".stroke{height:3px;background:currentColor}\n"
-    ".block{height:12px;background:currentColor;opacity:.3}\n"
-    ".dashes{height:0;border-top:3px dashed currentColor}\n"
-    "svg{display:block;width:100%;height:auto;margin-bottom:-20px}\n"
-    "table{width:100%;border-collapse:collapse;font-size:14px}\n"
-    "th,td{padding:6px 12px 6px 0;border-top:1px solid #e6e9ef;text-align:left;vertical-align:top;"
-    "overflow-wrap:anywhere}\n"
-    "th{font-weight:400;color:#566073}\n"
-    ".rows th{width:40%}\n"
-    "@media (max-width:640px){\n"
-    "main{padding:16px 10px 24px}\n"
-    ".card{padding:14px 12px}\n"
-    ".tiles{grid-template-columns:1fr 1fr;gap:8px}\n"
-    ".tiles dd{font-size:20px}\n"
-    "svg{margin-bottom:0}\n"
-    "text{font-size:25px}\n"
-    ".line,.mark{stroke-width:3.5px}\n"
-    "}\n"
-    "@media (prefers-color-scheme:dark){\n"
-    "body{background:#0f131a;color:#e8ecf4}\n"
-    ".card,.tiles>div{background:#171c26;border-color:#29303d}\n"
-    "header p,.note,.tiles dt,.tiles small,.keys,th{color:#9aa5b8}\n"
-    "th,td{border-top-color:#29303d}\n"
-    ".failure{background:#3a1719;color:#fecaca}\n"
-    "}\n";
-
 SxString bytes(int64 n) {
     return ZqReadable::bytes(static_cast<double>(n));
 }
 
 SxString bytes(uint64 n) {
     return ZqReadable::bytes(static_cast<double>(n));
-}
-
-SxString tile(const char* name, const SxString& value, const SxString& more = SxString()) {
-    SxString html = SxString("<div><dt>") + name + "</dt><dd>" + ZqFigure::escape(value);
-    if (!more.isEmpty()) html += "<small>" + ZqFigure::escape(more) + "</small>";
-    return html + "</dd></div>\n";
 }
 
 SxString row(const char* name, const SxString& value) {
@@ -101,11 +48,8 @@ ZqRunPage::ZqRunPage(const ZqRunResult& result_, const SxString& failure_)
 
 SxString ZqRunPage::toHtml() const {
     const SxString name = ZqFigure::escape(SxFileInfo(SxFileInfo(result.info.path).getAbsPath()).getName());
-    return "<!DOCTYPE html>\n<html lang=\"en\">\n<head>\n<meta charset=\"utf-8\"/>\n"
-           "<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\"/>\n<title>Run of " +
-           name + "</title>\n<style>\n" + ZqFigure::styleSheet() + PAGE_STYLE +
-           "</style>\n</head>\n<body>\n<main>\n<header>\n<h1>Run of " + name + "</h1>\n" + head() + tiles() +
-           downloadSection() + readSections() + details() + "</main>\n</body>\n</html>\n";
+    return ZqPage::document("Run of " + name, "<header>\n<h1>Run of " + name + "</h1>\n" + head() + tiles() +
+                                                  downloadSection() + readSections() + details());
 }
 
 SxString ZqRunPage::head() const {
@@ -125,18 +69,19 @@ SxString ZqRunPage::head() const {
 SxString ZqRunPage::tiles() const {
     const ZqRuntimeInfo& info = result.info;
     SxString html = "<dl class=\"tiles\">\n";
-    html += tile("First frame", timeOr(result.firstFrameMs, "not known"));
-    html += tile("Start", timeOr(result.startMs, result.wasStarted ? "before this run" : "none"));
-    html += tile("There at the start", bytes(info.preloadSize), "of " + bytes(info.imageSize));
-    html += tile("Received", bytes(result.link.nBytes),
-                 (result.image.isPacked ? "packed, " : "") + bytes(result.image.nTwice) + " of it twice");
-    html += tile("On demand", bytes(result.link.nOnDemandBytes),
-                 ZqReadable::counted(info.nOnDemandFetches, "request", "requests"));
-    html += tile("Underflows", ZqReadable::count(info.nUnderflows),
-                 "the longest " + ZqReadable::seconds(info.maxUnderflowTime));
-    html += tile("Download", SxString::sprintf("%.1f Mbit/s", info.avgSpeed),
-                 info.downloadComplete ? "complete" : "goes on with the next run");
-    html += tile("Exit code", result.isExitKnown ? SxString(info.exitCode) : SxString("not known"));
+    html += ZqPage::tile("First frame", timeOr(result.firstFrameMs, "not known"));
+    html += ZqPage::tile("Start", timeOr(result.startMs, result.wasStarted ? "before this run" : "none"));
+    html += ZqPage::tile("There at the start", bytes(info.preloadSize), "of " + bytes(info.imageSize));
+    html +=
+        ZqPage::tile("Received", bytes(result.link.nBytes),
+                     (result.image.isPacked ? "packed, " : "") + bytes(result.image.nTwice) + " of it twice");
+    html += ZqPage::tile("On demand", bytes(result.link.nOnDemandBytes),
+                         ZqReadable::counted(info.nOnDemandFetches, "request", "requests"));
+    html += ZqPage::tile("Underflows", ZqReadable::count(info.nUnderflows),
+                         "the longest " + ZqReadable::seconds(info.maxUnderflowTime));
+    html += ZqPage::tile("Download", SxString::sprintf("%.1f Mbit/s", info.avgSpeed),
+                         info.downloadComplete ? "complete" : "goes on with the next run");
+    html += ZqPage::tile("Exit code", result.isExitKnown ? SxString(info.exitCode) : SxString("not known"));
     return html + "</dl>\n";
 }
 
