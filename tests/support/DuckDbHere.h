@@ -1,5 +1,6 @@
 #pragma once
 
+#include "Instrumented.h"
 #include "ZqSysEnv.h"
 
 #include <cstdlib>
@@ -11,6 +12,8 @@ class DuckDbTest : public testing::Test {
 protected:
     void SetUp() override {
         const char* bin = std::getenv("TAVRIN_BIN");
+        if (IS_THREAD_INSTRUMENTED)
+            GTEST_SKIP() << "ThreadSanitizer sees only half of how the library's threads keep apart";
         ASSERT_NE(bin, nullptr) << "TAVRIN_BIN must name the client";
         const std::filesystem::path folder = std::filesystem::path(bin).parent_path();
         if (!std::filesystem::exists(folder / "libduckdb.so"))
