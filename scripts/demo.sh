@@ -17,7 +17,7 @@ scripts/install-deps.sh demo
 
 work=$(mktemp -d)
 image=$work/freedoom
-export XDG_STATE_HOME=$work/state WINEPREFIX=$work/root
+export XDG_STATE_HOME=$work/state XDG_CONFIG_HOME=$work/config WINEPREFIX=$work/root
 tidy_up() {
     "$tavrin" umount "$image-drive" --hard --quiet 2>/dev/null || true
     rm -rf "$work"

@@ -9,8 +9,6 @@
 #include <tavrin/ZqReadable.h>
 #include <tavrin/ZqRecordFile.h>
 
-#include <cmath>
-
 namespace {
 constexpr const char* UNIT = "src/client/CollectVerb";
 
@@ -46,7 +44,7 @@ void append(Symbol* group, const char* key, const ZqFleetSpread& spread, bool is
         {"median", spread.median}, {"p90", spread.ninety}, {"p99", spread.ninetyNine}};
     for (const auto& [name, value] : values) {
         if (isWhole) {
-            object.append(name, static_cast<int64>(std::llround(value)));
+            object.append(name, ZqReadable::whole(value));
         } else {
             object.append(name, value);
         }
@@ -102,11 +100,11 @@ SxString toLine(const ZqFleetGroup& runs, ZqFleetBy by) {
 constexpr int64 NAME_WIDTH = 40;
 
 SxString milliseconds(double ms) {
-    return ZqReadable::duration(static_cast<int64>(ms));
+    return ZqReadable::duration(ZqReadable::whole(ms));
 }
 
 SxString number(double n) {
-    return ZqReadable::count(static_cast<int64>(n));
+    return ZqReadable::count(ZqReadable::whole(n));
 }
 
 SxString speed(double megabits) {

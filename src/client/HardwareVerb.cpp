@@ -22,12 +22,7 @@ struct Hardware {
 
 Hardware look() {
     Hardware hardware;
-    try {
-        hardware.facts.getHardwareSpecs();
-    } catch (const SxException& e) {
-        hardware.versionFailure = e.toString(SxException::ShowMessage, ": ");
-        hardware.facts.getMachineFacts();
-    }
+    hardware.versionFailure = hardware.facts.getKnownSpecs();
     return hardware;
 }
 

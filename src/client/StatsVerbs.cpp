@@ -46,9 +46,12 @@ void row(const char* name, const SxString& value, Output* out) {
 
 /// How good the order was, in the run's bytes.
 void tellAccuracy(const ZqRunAccuracy& found, Output* out) {
-    row("reads that waited",
-        SxString(found.nWaits) + ", " + ZqReadable::seconds(static_cast<int64>(found.waitedMs)) + " in all",
-        out);
+    if (found.nWaits) {
+        row("reads that waited",
+            SxString(*found.nWaits) + ", " + ZqReadable::seconds(static_cast<int64>(found.waitedMs)) +
+                " in all",
+            out);
+    }
     if (!found.isJudged) {
         row("order", "not judged, since the run left no trace", out);
         return;
@@ -103,7 +106,13 @@ void tellRun(const ZqRunRecord& run, Output* out) {
 void tellConsent(const SxString& image, Output* out) {
     const SxString folder = ZqImageFolder::prefix(image);
     if (SxFSAction::isGone(folder + ZqImageFiles::APP_JSON)) return;
-    const auto consent = ZqStatsConsents::find(ZqAppParams(folder).guid);
+    std::optional<ZqStatsConsent> consent;
+    try {
+        consent = ZqStatsConsents::find(ZqAppParams(folder).guid);
+    } catch (const SxException& e) {
+        Output::failure(e.toString(SxException::ShowMessage, ": "));
+        return;
+    }
     if (!consent) {
         out->text("Nothing of this application's runs leaves this machine");
         return;

@@ -24,8 +24,6 @@ constexpr int64 RANGE_BASE = int64{1} << 32;
 constexpr int64 RECORD_MS = 100;
 /// Pause between two tries to get a lock that is held.
 constexpr int64 LOOK_MS = 10;
-/// Tag of a failure: somebody else holds it.
-constexpr const char* HELD = "ImageLockHeld";
 
 const char* rangeName(ZqImageLock::Range range) {
     switch (range) {

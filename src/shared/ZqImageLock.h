@@ -16,6 +16,9 @@
 /// that was made in vain; a lock on a file that no longer stands under its name is taken again.
 class ZqImageLock {
 public:
+    /// Tag of a failure: somebody else holds it.
+    static constexpr const char* HELD = "ImageLockHeld";
+
     enum Range {
         Shape,  ///< shared by mounts, runs, readers; exclusive to move, replace or remove blocks or records
         Growth, ///< exclusive for the one process that downloads into the image

@@ -83,6 +83,7 @@ TEST_F(StatsRun, AServiceIsToldOfEachRunAfterAYesAndOfNoneAfterANo) {
     EXPECT_EQ(record.getElem("clientToken").toString(), "T 1");
     const SxSymbol post = bodyOf(told[0]), patch = bodyOf(told[1]);
     EXPECT_EQ(post.getElem("id").toString().str(), id);
+    EXPECT_EQ(post.getElem("zqddVer").toString(), "3.4.10");
     EXPECT_FALSE(post.hasElem("env") || post.hasElem("apps") || post.hasElem("host"));
     EXPECT_EQ(number(patch.getElem("rt"), "exit"), 7);
     EXPECT_EQ(patch.getElem("trc").getElem("cov").toDouble(), record.getElem("coverage").toDouble());
@@ -134,6 +135,25 @@ TEST_F(StatsRun, ARunThatFailsBeforeItsApplicationIsToldAsOne) {
     EXPECT_TRUE(record.getElem("startErr").toBool());
     EXPECT_EQ(number(record, "startMs"), -1);
     EXPECT_FALSE(fs::exists(got + "/runtime.json"));
+}
+
+TEST_F(StatsRun, ARunWhoseDriveGoesLeavesARecordThatCanBeRead) {
+    const ScriptedServer service(accept);
+    hold();
+    const auto player = start({"--now", "--stats-url", service.url()});
+    ASSERT_TRUE(SxWait::pass(20'000, [&] { return hasPlayed(); })) << player->says();
+    done({"umount", got});
+    EXPECT_EQ(player->end(), 1) << player->says();
+    release();
+    EXPECT_GT(number(lastRecord().getElem("accuracy"), "judgedMs"), 0);
+    EXPECT_TRUE(lastRecord().getElem("endErr").toBool());
+    EXPECT_THAT(done({"stats", "show", got}), HasSubstr("the run failed"));
+    EXPECT_TRUE(bodyOf(service.requests().back()).getElem("endErr").toBool());
+    // Before the drive is there, too.
+    server->stop();
+    dir.write("got/img.idx", "");
+    EXPECT_EQ(start({"--now"})->end(), 1);
+    EXPECT_TRUE(lastRecord().getElem("startErr").toBool());
 }
 
 TEST_F(StatsRun, ReadsThatWaitedAndWereInTimeAreCounted) {

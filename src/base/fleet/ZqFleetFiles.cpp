@@ -14,10 +14,11 @@ constexpr const char* UNIT = "src/base/fleet/ZqFleetFiles";
 constexpr std::array<const char*, 3> SUFFIXES = {".json", ".jsonl", ".ndjson"};
 /// What lies in images, traces and patches beside the records of runs, so that a folder of images can be
 /// given.
-constexpr std::array<const char*, 8> OTHERS = {ZqImageFiles::APP_JSON,
+constexpr std::array<const char*, 9> OTHERS = {ZqImageFiles::APP_JSON,
                                                ZqImageFiles::IMAGE_JSON,
                                                ZqImageFiles::STREAM_JSON,
                                                ZqImageFiles::EXTRACT_JSON,
+                                               "preparations.json",
                                                ZqTraceFiles::RECORD,
                                                "sources.json",
                                                "patch.json",

@@ -17,11 +17,11 @@ constexpr std::array<const char*, ZqFleetFigures::MOST_COURSES> INKS = {"reads",
                                                                         "prefix"};
 
 SxString duration(double ms) {
-    return ZqReadable::duration(static_cast<int64>(ms));
+    return ZqReadable::duration(ZqReadable::whole(ms));
 }
 
 SxString number(double n) {
-    return ZqReadable::count(static_cast<int64>(n));
+    return ZqReadable::count(ZqReadable::whole(n));
 }
 
 SxString decimal(double n) {

@@ -36,8 +36,12 @@ SxString linkClass() {
     return text;
 }
 
+/// What runs write where they know no exit code, and where the application was ended (ZqCoreAppGuard).
+constexpr int NO_CODE = -1, STOPPED_CODE = static_cast<int>(0xC000013A);
+
 /// Each run with the figures that groups are told by. A time isn't one where the application never started,
-/// and not one of 0 s either where only whole seconds are known and it may not have.
+/// and not one of 0 s either where only whole seconds are known and it may not have. An exit code isn't one
+/// where it stands for none, or for the end that a player has put to it.
 SxString figuresOf(const SxString& table) {
     const SxString most = MOST_SECONDS;
     return "SELECT *, CASE WHEN startMs >= 0 THEN startMs WHEN startMs IS NULL AND runTime > 0 AND NOT "
@@ -47,8 +51,8 @@ SxString figuresOf(const SxString& table) {
            "timeToReady > 0 AND timeToReady < " +
            most +
            " THEN timeToReady * 1000 END AS frameAt, CASE WHEN avgSpeed > 0.000001 THEN avgSpeed END AS "
-           "speed FROM " +
-           table;
+           "speed, CASE WHEN exitCode NOT IN (" +
+           SxString(NO_CODE) + ", " + STOPPED_CODE + ") THEN exitCode END AS code FROM " + table;
 }
 
 /// The columns that tell a group from others: two of them, so that all ways of grouping look alike.
@@ -71,9 +75,12 @@ std::array<SxString, 2> keysOf(ZqFleetBy by) {
 
 constexpr std::array<const char*, 5> SPREADS = {"startAt", "frameAt", "nUnderflows", "speed", "preloadSize"};
 constexpr std::array<const char*, 5> SUMS = {"brought", "earlyUsed", "earlyUnused", "bytesRead", "late"};
-constexpr std::array<const char*, 6> COUNTS = {
-    "count(exitCode)",          "count(*) FILTER (exitCode <> 0)", "count(*) FILTER (startErr)",
-    "count(*) FILTER (endErr)", "count(*) FILTER (stopped)",       "count(stopped)"};
+constexpr std::array<const char*, 6> COUNTS = {"count(code)",
+                                               "count(*) FILTER (code <> 0)",
+                                               "count(*) FILTER (startErr)",
+                                               "count(*) FILTER (endErr)",
+                                               "count(*) FILTER (stopped)",
+                                               "count(stopped)"};
 
 /// Figures of groups in two steps: lists of quantiles, which are made in one pass over their values, and the
 /// items of these, since a list is no value of a result.

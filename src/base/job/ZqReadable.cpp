@@ -1,7 +1,15 @@
 #include "ZqReadable.h"
 
+#include <algorithm>
 #include <array>
 #include <chrono>
+#include <cmath>
+
+int64 ZqReadable::whole(double n) {
+    // The largest doubles below the ends of 64 bits.
+    constexpr double MOST = 9223372036854774784.0;
+    return std::llround(std::clamp(n, -MOST, MOST));
+}
 
 SxString ZqReadable::bytes(double n) {
     constexpr std::array<const char*, 5> UNITS = {"bytes", "KiB", "MiB", "GiB", "TiB"};

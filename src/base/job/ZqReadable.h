@@ -5,6 +5,8 @@
 /// Figures as people read them. Safe from any thread.
 namespace ZqReadable {
 
+/// The whole number nearest to `n`, or the last one in 64 bits where that lies beyond.
+int64 whole(double n);
 /// Bytes in a readable unit, such as "1.5 GiB".
 SxString bytes(double n);
 /// Rounded up, as "13 MB" of 1,000,000 bytes each: what somebody has to make free.

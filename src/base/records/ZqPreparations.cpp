@@ -60,6 +60,7 @@ ZqPreparations ZqPreparations::read(const SxString& image) {
         const SxSymbol root = ZqRecordFile::read(noteFile(image), SCHEMA);
         noted.patch = fromJson(root.getElem("patchStats", false));
         noted.defrag = fromJson(root.getElem("defragStats", false));
+        noted.isNoted = true;
     } catch (const SxException& e) {
         logFailure(e);
     }
@@ -86,5 +87,9 @@ void ZqPreparations::add(const SxString& image, const ZqRuntimeInfo& info) {
 }
 
 void ZqPreparations::clear(const SxString& image) {
-    if (!SxFSAction::isGone(noteFile(image))) SxFSAction::rm(noteFile(image));
+    try {
+        SxFSAction::rm(noteFile(image));
+    } catch (const SxException& e) {
+        logFailure(e);
+    }
 }

@@ -120,6 +120,9 @@ public:
     /// The same without the service and its two versions. All lists are emptied first; what can't be found
     /// out is logged and stays as it is. Never raises, and waits a second at most, for a display.
     void getMachineFacts();
+    /// getHardwareSpecs(), or, where that raises, getMachineFacts() with empty versions of the service; gives
+    /// why, or an empty text.
+    SxString getKnownSpecs();
     /// Of all this only the versions of this library and of the system. Never raises.
     void getSystemVersions();
     /// "true" or "false".

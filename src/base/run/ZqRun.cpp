@@ -14,7 +14,9 @@
 #include "ZqImageFeed.h"
 #include "ZqImageFiles.h"
 #include "ZqImageFolder.h"
+#include "ZqImageLock.h"
 #include "ZqLog.h"
+#include "ZqMountMgr.h"
 #include "ZqRunDrive.h"
 #include "ZqRunRecording.h"
 #include "ZqRunSampler.h"
@@ -105,6 +107,8 @@ void ZqRun::main() {
         // A player who has enough is no failure.
         result.info.startErr = !result.wasStarted && !result.wasStopped;
         result.info.endErr = !result.wasStopped;
+        // An image in use is the other one's run.
+        if (!hasOpened && !result.wasStopped && !e.hasTag(ZqImageLock::HELD)) takeKnown();
         end();
         // Which of the steps noticed it doesn't matter.
         if (result.wasStopped) throw ZqRunWait::stopped();
@@ -118,12 +122,14 @@ void ZqRun::main() {
 }
 
 void ZqRun::run() {
-    openReporter();
+    if (isPlay()) checkReporter();
     recording->requireFolder();
     feed->open(waits->test());
     hasOpened = true;
-    openReporter();
-    if (isPlay()) ZqStartCheck::require(settings, feed->getApp());
+    if (isPlay()) {
+        openReporter();
+        ZqStartCheck::require(settings, feed->getApp());
+    }
     const bool wasComplete = feed->isComplete();
     const uint64 nPresent = feed->fileSize();
     nBefore = wasComplete ? blocksFor(nPresent) : feed->countBlocks();
@@ -219,6 +225,8 @@ void ZqRun::mount() {
     }
     recording->keep();
     result.mountMs = elapsedMs();
+    // The trace has begun a moment ago, and its times go by the steady clock from there on.
+    clockMs = ZqSysEnv::getSysTime() - SxClock::get().steadyMs();
     drive->alignCursor();
 }
 
@@ -277,7 +285,7 @@ void ZqRun::follow() {
         drive->watchReads();
         searching = guard->isSearching();
         note->note(guard->getGroup());
-        if (guard->getGroup().isValid()) reporter->applicationStarts(result.info);
+        if (guard->getGroup().isValid()) tellStart();
         firstFrame->look();
         if (recording->limit()) endJudgement();
         suspendProcess();
@@ -293,7 +301,8 @@ void ZqRun::follow() {
     result.wasStarted = guard->getGroup().isValid();
     if (!result.wasStarted) result.startMs = -1;
     if (!waits->isStopping()) guard->requireSuccess();
-    result.isExitKnown = !guard->isAdopted();
+    // Of one that was ended nobody knows what it would have said.
+    result.isExitKnown = !guard->isAdopted() && !waits->isStopping();
     waits->requireGoing();
     // Where the drive has gone, what the application has read since, and its exit code, mean nothing.
     drive->require();
@@ -325,6 +334,7 @@ void ZqRun::complete() {
 }
 
 void ZqRun::end() {
+    endJudgement();
     if (sampler) result.series = sampler->end();
     phase = Ending;
     fillResult();
@@ -374,16 +384,18 @@ void ZqRun::fillResult() {
     info = feed->getRuntimeInfo();
     info.id = own.id;
     info.appsAtStart = own.appsAtStart;
+    info.zqddVer = own.zqddVer;
+    info.zqfmVer = own.zqfmVer;
     info.preloadSize = own.preloadSize;
     info.dataAtStart = own.dataAtStart;
     info.nStarts = note->getStarts();
     info.startErr = own.startErr;
     info.endErr = own.endErr;
     info.path = image;
-    info.guid = feed->getApp().guid;
+    info.guid = getApp().guid;
     info.getSystemVersions();
-    result.build = feed->getApp().checksumMnt;
-    result.order = feed->getApp().checksumIdx;
+    result.build = getApp().checksumMnt;
+    result.order = getApp().checksumIdx;
     info.time0 = beginMs;
     info.timeToStart = std::max<int64>(result.startMs, 0) / 1000;
     info.timeToReady = std::max<int64>(result.firstFrameMs, 0) / 1000;
@@ -408,8 +420,9 @@ void ZqRun::judge() {
     try {
         if (result.wasStarted && !result.traceFolder.isEmpty()) {
             const ZqCursorWay way = feed->getCursorWay();
-            accuracy = ZqRunAccuracy::judge(
-                {result.traceFolder, image, blocksFor(feed->getApp().sizeZqf), nBefore, &way});
+            const bool isCutOff = !drive->wasTraced() && !recording->hasEnded();
+            accuracy = ZqRunAccuracy::judge({result.traceFolder, image, blocksFor(feed->getApp().sizeZqf),
+                                             nBefore, &way, clockMs, isCutOff});
             accuracy.judgedMs = judgedMs;
             result.info.coverage = accuracy.coverage;
         }
@@ -419,29 +432,68 @@ void ZqRun::judge() {
         // A run is no failure for want of its figures.
         zqLogMsg("base", "ZqRun: the order can't be judged: " + e.toString(SxException::ShowMessage, ": "));
     }
-    accuracy.nWaits = drive->countWaits();
-    accuracy.waitedMs = drive->getWaitedMs();
+    if (const auto& waited = drive->getWaits()) {
+        accuracy.nWaits = waited->n;
+        accuracy.waitedMs = waited->ms;
+    }
 }
 
 bool ZqRun::isPlay() const {
     return !settings.isDriveOnly && !settings.feed.isDownloadOnly;
 }
 
-/// Takes what the user says of statistics. Before the server is asked, too, where the image is there: a user
-/// who refuses doesn't wait for a download.
+/// Takes what the user says of statistics.
 void ZqRun::openReporter() {
-    if (!isPlay()) return;
-    if (hasOpened) {
-        result.info.path = image;
-        result.info.guid = feed->getApp().guid;
-        reporter->open(settings.stats, feed->getApp().guid);
-        return;
+    result.info.path = image;
+    result.info.guid = getApp().guid;
+    reporter->open(settings.stats, result.info.guid);
+}
+
+/// Of which application this is a run.
+const ZqAppParams& ZqRun::getApp() const {
+    return known ? *known : feed->getApp();
+}
+
+/// The run has failed before the image was taken. Where that is there, it was a run of its application.
+void ZqRun::takeKnown() {
+    const SxString folder = ZqImageFolder::prefix(image);
+    if (!isPlay() || SxFSAction::isGone(folder + ZqImageFiles::APP_JSON)) return;
+    try {
+        known = std::make_unique<const ZqAppParams>(folder);
+        hasOpened = true;
+        openReporter();
+    } catch (const SxException& e) {
+        // What has failed first is told.
+        zqLogMsg("base", "ZqRun: " + e.toString(SxException::ShowMessage, ": "));
     }
-    // A wrong address is better told before a download than after it.
+}
+
+/// The same before the server is asked: a wrong address is better told before a download than after it, and a
+/// user who refuses doesn't wait for one.
+void ZqRun::checkReporter() {
     if (!settings.stats.url.isEmpty()) ZqReportTarget(settings.stats.url, settings.stats.headers);
     const SxString folder = ZqImageFolder::prefix(image);
     if (!settings.stats.isRefused || SxFSAction::isGone(folder + ZqImageFiles::APP_JSON)) return;
-    reporter->open(settings.stats, ZqAppParams(folder).guid);
+    SxString guid;
+    try {
+        guid = ZqAppParams(folder).guid;
+    } catch (const SxException& e) {
+        // The server has another one, or the run fails for it.
+        zqLogMsg("base", "ZqRun: " + e.toString(SxException::ShowMessage, ": "));
+        return;
+    }
+    reporter->open(settings.stats, guid);
+}
+
+/// The service is there now, and may be silent at the run's end.
+void ZqRun::noteVersions() {
+    if (!reporter->hasConsent()) return;
+    try {
+        result.info.zqddVer = ZqMountMgr::getDriveVersion();
+        result.info.zqfmVer = ZqMountMgr::getGuardVersion();
+    } catch (const SxException& e) {
+        zqLogMsg("base", "ZqRun: " + e.toString(SxException::ShowMessage, ": "));
+    }
 }
 
 void ZqRun::noteApps() {
@@ -449,10 +501,22 @@ void ZqRun::noteApps() {
         result.info.appsAtStart << name;
 }
 
+/// Tells the service that the application runs, once.
+void ZqRun::tellStart() {
+    if (toldStart) return;
+    toldStart = true;
+    noteVersions();
+    reporter->applicationStarts(result.info);
+}
+
 /// Tells the service how the run went, where the user has consented. The token that came is part of the
 /// record, since a later report may need it.
 void ZqRun::report() {
-    if (result.info.startErr) reporter->hasFailed(result.info);
+    if (result.info.startErr) {
+        reporter->hasFailed(result.info);
+    } else if (result.wasStarted) {
+        tellStart(); // of an application that has ended at once
+    }
     reporter->end(result.info, waits->test());
     result.unsent = reporter->getFailure();
     const SxString token = reporter->getToken();

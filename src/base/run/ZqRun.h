@@ -93,7 +93,12 @@ private:
     void writeInfo();
     void fillResult();
     void judge();
+    const ZqAppParams& getApp() const;
+    void takeKnown();
+    void checkReporter();
     void openReporter();
+    void noteVersions();
+    void tellStart();
     void report();
     int64 elapsedMs() const;
 
@@ -108,14 +113,17 @@ private:
     const std::unique_ptr<ZqApplicationNote> note;
     const std::unique_ptr<ZqAppSuspension> suspension;
     const std::unique_ptr<ZqStatsReporter> reporter;
+    std::unique_ptr<const ZqAppParams> known;    ///< of an image that couldn't be opened
     std::unique_ptr<const ZqAppParams> launched; ///< the record as the application is started by it
     std::unique_ptr<ZqCoreAppGuard> guard;
     std::unique_ptr<ZqFirstFrame> firstFrame;
     std::unique_ptr<ZqRunSampler> sampler;
     std::unique_ptr<ZqSleepDelay> sleepDelay;
     int64 beginNs = 0, beginMs = 0;
-    int64 judgedMs = -1; ///< until when the order can be judged; -1 for the end of the run
+    int64 judgedMs = -1; ///< of the run, until when the order is judged; -1 until that is known
+    int64 clockMs = 0;   ///< what the machine's clock is ahead of the steady one, when the trace began
     uint64 nBefore = 0;  ///< blocks that were there before the run
+    bool toldStart = false;
     bool hasOpened = false;
     Result result;
 };

@@ -13,8 +13,6 @@
 #include "ZqRunWait.h"
 #include "ZqVolume.h"
 
-#include <algorithm>
-
 namespace {
 
 constexpr const char* UNIT = "src/base/ZqRunDrive";
@@ -83,8 +81,7 @@ void ZqRunDrive::takeOver() {
         if (mounts.isSuspended(image)) mounts.resume(image);
         ZqDiskStatus disk;
         if (!ZqVolume::findDisk(image, &disk)) return;
-        nWaitsBefore = disk.nWaits;
-        waitedMsBefore = disk.heldMs;
+        before = {disk.nWaits, disk.heldMs};
     });
 }
 
@@ -260,8 +257,10 @@ void ZqRunDrive::endOnce(bool keep) {
         return;
     }
     note(disk);
-    nWaits = std::max(disk.nWaits, nWaitsBefore);
-    waitedMs = std::max(disk.heldMs, waitedMsBefore);
+    traced = disk.monitored;
+    // Not of another drive of the image.
+    if (disk.nWaits >= before.n && disk.heldMs >= before.ms)
+        readWaits = {disk.nWaits - before.n, disk.heldMs - before.ms};
     if (keep) {
         mountPath = disk.mountPath;
     } else {

@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <functional>
+#include <optional>
 
 class ZqImageFeed;
 class ZqRunWait;
@@ -60,10 +61,15 @@ public:
     const SxString& getFailure() const { return failure; }
     /// Where end() has left it; empty where it is gone.
     const SxString& getMountPath() const { return mountPath; }
-    /// How many reads waited in this run, and for how long in milliseconds, as far as the service could tell
-    /// at its end.
-    uint64 countWaits() const { return nWaits - nWaitsBefore; }
-    uint64 getWaitedMs() const { return waitedMs - waitedMsBefore; }
+    /// What its reads waited, in this run.
+    struct Waits {
+        uint64 n = 0;  ///< reads
+        uint64 ms = 0; ///< for how long, all together
+    };
+    /// Meaningful once the drive has been taken away; none where it had gone before.
+    const std::optional<Waits>& getWaits() const { return readWaits; }
+    /// Whether the drive still recorded into a trace then.
+    bool wasTraced() const { return traced; }
     /// The drive's letter, where a runner has taken it and it couldn't be put back; else empty.
     const SxString& getLostLetter() const { return lostLetter; }
     /// Whether files of a drive that takes writes were open when it was taken away.
@@ -86,8 +92,9 @@ private:
     uint64 failedNs = 0; ///< when the disk was made that `failure` is of
     ZqLaunchValues launch;
     SxString lostLetter;
-    // Since the drive was made, and of these before it was taken over.
-    uint64 nWaits = 0, waitedMs = 0, nWaitsBefore = 0, waitedMsBefore = 0;
+    Waits before; ///< of the drive that was taken over
+    std::optional<Waits> readWaits;
+    bool traced = false;
     int64 nPutBack = 0; ///< how often the letter was put back
     int64 watchNs = 0;  ///< when the drive was looked at last
     int64 lostNs = 0;   ///< since when it was seen to hold reads in vain; 0 for not now

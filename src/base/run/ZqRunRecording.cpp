@@ -25,17 +25,20 @@ ZqRunRecording::ZqRunRecording(const ZqRunSettings& settings)
       wanted(settings.traceFolder),
       limitMs(settings.traceMs),
       nMost(settings.nTraces),
-      own(settings.traceFolder.isEmpty() && !settings.isUntraced && !settings.isDriveOnly &&
-          !settings.feed.isDownloadOnly),
+      isPlay(!settings.isDriveOnly && !settings.feed.isDownloadOnly),
+      own(settings.traceFolder.isEmpty() && !settings.isUntraced && isPlay),
       traces(image) {
 }
 
 void ZqRunRecording::requireFolder() const {
-    const SxFileInfo parent(ZqImageFolder::prefix(image) + SxString(ZqImageFiles::TRACES).left("/"));
-    if (own && parent.isLink()) {
-        throw SxException("The traces of '" + image + "' are a link, and a run writes only into its folder",
+    const auto require = [this](const char* place, const char* what) {
+        if (!SxFileInfo(ZqImageFolder::prefix(image) + SxString(place).left("/")).isLink()) return;
+        throw SxException(SxString("The ") + what + " of '" + image +
+                              "' are a link, and a run writes only into its folder",
                           UNIT, __LINE__);
-    }
+    };
+    if (own) require(ZqImageFiles::TRACES, "traces");
+    if (isPlay) require(ZqImageFiles::RUNS, "records of runs");
 }
 
 void ZqRunRecording::awaitRoom(const ZqImageFeed& feed, ZqRunWait* waits) {
@@ -95,11 +98,12 @@ bool ZqRunRecording::limit() {
     }
 }
 
-void ZqRunRecording::end() const {
+void ZqRunRecording::end() {
     try {
         const ZqMountMgr mounts;
         if (!mounts.isMonitored(image)) return;
         mounts.monitorOff(image);
+        ended = true;
         zqLogMsg("base", "ZqRun: the trace ends, the drive stays");
     } catch (const SxException& e) {
         if (e.hasTag(ZqVolume::SILENT)) throw;

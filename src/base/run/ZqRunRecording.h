@@ -13,7 +13,7 @@ class ZqRunRecording {
 public:
     explicit ZqRunRecording(const ZqRunSettings& settings);
 
-    /// Raises where the trace goes among the image's own, and these aren't in the image's folder.
+    /// Raises where the run is to write into the image's folder and what it writes there is somewhere else.
     void requireFolder() const;
     /// Waits until the image's disk has room for the record of a trace, without which a mount fails, or until
     /// `feed` has all of the image, which is played without a trace then. Raises where the download has
@@ -36,8 +36,10 @@ public:
     /// To be called every now and then: ends the recording where it has lasted long enough. Gives whether it
     /// did so now.
     bool limit();
+    /// Whether it did so, or the end of the play has.
+    bool hasEnded() const { return ended; }
     /// Ends it; the drive stays. Raises only where the service is silent, which ends it later.
-    void end() const;
+    void end();
 
 private:
     SxString newFolder() const;
@@ -46,8 +48,9 @@ private:
     const SxString wanted; ///< folder
     const int64 limitMs;   ///< of play; 0 for none
     const int64 nMost;     ///< traces that stay
+    const bool isPlay;     ///< there is an application
     bool own;
-    bool lacking = false;
+    bool lacking = false, ended = false;
     SxString folder;
     int64 endNs = 0; ///< when recording ends; 0 for no end, or where it has ended
     ZqRunTraces traces;

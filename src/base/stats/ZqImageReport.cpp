@@ -24,16 +24,6 @@ ZqImageReport::ZqImageReport(const SxString& image) {
     record.info.path = image;
 }
 
-SxString ZqImageReport::takeFacts() {
-    try {
-        record.info.getHardwareSpecs();
-        return {};
-    } catch (const SxException& e) {
-        record.info.getMachineFacts();
-        return e.toString(SxException::ShowMessage, ": ");
-    }
-}
-
 void ZqImageReport::send(const ZqReportTarget& target, const SxList<SxString>& sections, bool update,
                          const ZqHttpLimits& limits) {
     const ZqReportTarget::Filled filled = target.fill(record.info.id, record.info.clientToken, update);

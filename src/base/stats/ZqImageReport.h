@@ -16,7 +16,7 @@ public:
     /// Where the figures are from, as a clause.
     const SxString& getSource() const { return source; }
     /// Takes the facts of the machine. Gives why the drive service tells no version; those are empty then.
-    SxString takeFacts();
+    SxString takeFacts() { return record.info.getKnownSpecs(); }
     /// What would be sent; see ZqRuntimeInfo::toReport().
     SxParserKit::SxSymbol toDocument(const SxList<SxString>& sections, bool update) const {
         return record.info.toReport(sections, update);

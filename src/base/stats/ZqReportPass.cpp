@@ -8,15 +8,17 @@ namespace {
 constexpr const char* UNIT = "src/base/ZqReportPass";
 }
 
-ZqReportPass::ZqReportPass(const ZqStatsConsent& consent_, const ZqHttpLimits& limits_, Answered answered_)
+ZqReportPass::ZqReportPass(const ZqStatsConsent& consent_, SxString own_, const ZqHttpLimits& limits_,
+                           Answered answered_)
     : consent(consent_),
+      own(std::move(own_)),
       waiting(consent_),
       limits(limits_),
       answered(std::move(answered_)) {
 }
 
 bool ZqReportPass::run() const {
-    requireConsent();
+    ZqStatsConsents::require(consent);
     const ZqWaitingReports::List reports = waiting.read();
     if (reports.isEmpty()) return false;
     const ZqFileLock lock(waiting.getFile() + ".sending",
@@ -24,23 +26,22 @@ bool ZqReportPass::run() const {
                           "Cannot lock '" + waiting.getFile() + "'");
     bool hasSent = false;
     std::optional<SxException> refusal;
-    for (const ZqWaitingReports::Report& report : reports) {
-        requireConsent();
+    const auto attempt = [&](const ZqWaitingReports::Report& report) {
+        ZqStatsConsents::require(consent);
         try {
             hasSent = sendRun(report.id) || hasSent;
         } catch (const SxException& e) {
             if (!e.hasTag(ZqReportUpload::REFUSED)) throw;
             refusal = e;
         }
+    };
+    for (const bool isOwn : {true, false}) {
+        for (const ZqWaitingReports::Report& report : reports) {
+            if ((report.id == own) == isOwn) attempt(report);
+        }
     }
     if (refusal) throw SxException(*refusal);
     return hasSent;
-}
-
-void ZqReportPass::requireConsent() const {
-    const std::optional<ZqStatsConsent> current = ZqStatsConsents::find(consent.guid);
-    if (!current || current->givenMs != consent.givenMs)
-        throw SxException("The consent to reports was taken back", UNIT, __LINE__);
 }
 
 bool ZqReportPass::sendRun(const SxString& id) const {

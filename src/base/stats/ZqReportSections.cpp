@@ -18,14 +18,16 @@ const SxList<SxString>& ZqReportSections::usual() {
 
 SxList<SxString> ZqReportSections::of(const SxList<SxString>& wished) {
     if (wished.isEmpty()) return usual();
-    SxList<SxString> names;
     for (const SxString& name : wished) {
         if (!all().contains(name)) {
             throw SxException("There is no section '" + name.makeVisible() + "'; there are " +
                                   SxString::join(all(), ", "),
                               UNIT, __LINE__);
         }
-        if (!names.contains(name)) names.append(name);
+    }
+    SxList<SxString> names;
+    for (const SxString& name : all()) {
+        if (wished.contains(name)) names.append(name);
     }
     return names;
 }

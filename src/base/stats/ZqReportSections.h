@@ -19,6 +19,7 @@ public:
     static const SxList<SxString>& all();
     /// Those that tell nothing of machine and player.
     static const SxList<SxString>& usual();
-    /// What was wished for, each once; the usual ones where nothing was. Raises on a name that is none.
+    /// What was wished for, each once and in that order; the usual ones where nothing was. Raises on a name
+    /// that is none.
     static SxList<SxString> of(const SxList<SxString>& wished);
 };

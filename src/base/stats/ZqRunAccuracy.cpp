@@ -11,6 +11,7 @@
 #include "ZqTraceRecords.h"
 
 #include <algorithm>
+#include <limits>
 #include <vector>
 
 using SxParserKit::SxSymbol;
@@ -29,16 +30,27 @@ struct Access {
 /// Entries of the map that are read at once.
 constexpr uint64 WINDOW = 8192;
 
-std::vector<Access> firstAccesses(const SxString& trace, uint64 nRaw) {
-    ZqTraceRecords::Reader reader(ZqImageFolder::prefix(trace));
+/// `*lastMs` becomes the time of the last item.
+std::vector<Access> firstAccesses(const ZqRunAccuracy::Question& question, uint64 nRaw, int64* lastMs) {
+    ZqTraceRecords::Reader reader(ZqImageFolder::prefix(question.trace));
     SxIndexSet seen(reader.getN());
     std::vector<Access> accesses;
     for (ZqTraceItem item; reader.next(&item);) {
-        // A cut can leave a hole, and the file may have another end by now.
-        if (ZqTraceFormat::isHole(item) || item.block >= nRaw || !seen.insert(item.block)) continue;
-        accesses.push_back({item.block, static_cast<int64>(item.time), item.flag});
+        // A cut can leave a hole.
+        if (ZqTraceFormat::isHole(item)) continue;
+        *lastMs = static_cast<int64>(item.time) - question.clockMs;
+        if (item.block < nRaw && seen.insert(item.block))
+            accesses.push_back({item.block, *lastMs, item.flag});
     }
     return accesses;
+}
+
+/// How far the way goes until then.
+uint64 endOf(const ZqCursorWay& way, int64 endMs) {
+    uint64 end = 0;
+    for (ZqCursorWay::Walk walk(way); walk.next() && walk.getTimeMs() <= endMs;)
+        end = walk.getIdx();
+    return end;
 }
 
 /// Gives each access the ZqF index of its block, in the place of the RAW index, and leaves out those of
@@ -81,22 +93,23 @@ uint64 numberOf(const SxSymbol& object, const char* key) {
 ZqRunAccuracy ZqRunAccuracy::judge(const Question& question) {
     SxFileIO map(ZqImageFolder::prefix(question.image) + ZqImageFiles::IDX, "rb");
     const uint64 nRaw = static_cast<uint64>(map.getSize()) / sizeof(uint64);
-    std::vector<Access> accesses = firstAccesses(question.trace, nRaw);
+    int64 lastMs = 0;
+    std::vector<Access> accesses = firstAccesses(question, nRaw, &lastMs);
     place(&map, nRaw, question.nIncluded, &accesses);
 
-    const uint64 end = std::min(question.way->getEnd(), question.nIncluded);
+    const int64 endMs = question.isCutOff ? lastMs : std::numeric_limits<int64>::max();
+    const uint64 end = std::min(endOf(*question.way, endMs), question.nIncluded);
     uint64 nThere = 0, nEarly = 0, nLate = 0, nBroughtLate = 0;
     ZqCursorWay::Walk walk(*question.way);
-    bool isOn = true;
     for (const Access& access : accesses) {
         if (access.isWrite) continue;
         if (access.block < question.nBefore) {
             ++nThere;
             continue;
         }
-        while (isOn && walk.getIdx() <= access.block)
-            isOn = walk.next();
-        const bool isBrought = isOn && access.block < end;
+        const bool isBrought = access.block < end;
+        while (isBrought && walk.getIdx() <= access.block)
+            walk.next();
         const bool isEarly = isBrought && walk.getTimeMs() <= access.timeMs;
         nEarly += isEarly;
         nLate += !isEarly;
@@ -119,8 +132,10 @@ ZqRunAccuracy ZqRunAccuracy::judge(const Question& question) {
 SxSymbol ZqRunAccuracy::toJson() const {
     SxSymbol object;
     object.setType(SxParserAst::Object);
-    object.append("waits", nWaits);
-    object.append("waitedMs", waitedMs);
+    if (nWaits) {
+        object.append("waits", *nWaits);
+        object.append("waitedMs", waitedMs);
+    }
     if (!isJudged) return object;
     object.append("judgedMs", judgedMs);
     object.append("brought", nBrought);
@@ -142,7 +157,7 @@ ZqRunAccuracy ZqRunAccuracy::fromJson(const SxSymbol& object) {
     accuracy.nRead = numberOf(object, "read");
     accuracy.nLate = numberOf(object, "late");
     accuracy.nThereBefore = numberOf(object, "thereBefore");
-    accuracy.nWaits = numberOf(object, "waits");
+    if (object.hasElem("waits")) accuracy.nWaits = numberOf(object, "waits");
     accuracy.waitedMs = numberOf(object, "waitedMs");
     return accuracy;
 }

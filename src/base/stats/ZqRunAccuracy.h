@@ -3,6 +3,8 @@
 #include "SxString.h"
 #include "SxSymbol.h"
 
+#include <optional>
+
 class ZqCursorWay;
 
 /// How good the order of an image was for one run: whether blocks were there before they were read, and
@@ -26,8 +28,9 @@ struct ZqRunAccuracy {
     uint64 nLate = 0;        ///< bytes that weren't there at their first read
     uint64 nThereBefore = 0; ///< bytes that were there before the run began
 
-    uint64 nWaits = 0;   ///< reads of the drive that waited for blocks, as the drive counts them
-    uint64 waitedMs = 0; ///< for how long, all together
+    // As the drive counts them; not known where it has gone before the run's end.
+    std::optional<uint64> nWaits; ///< reads of the drive that waited
+    uint64 waitedMs = 0;          ///< for how long, all together
 
     double coverage = 0; ///< the share of the included blocks that the trace names, 0 to 1
 
@@ -36,7 +39,9 @@ struct ZqRunAccuracy {
         SxString image;         ///< the image folder, of which the map is read
         uint64 nIncluded;       ///< blocks of the complete `img.zqf`
         uint64 nBefore;         ///< of these the first ones were there before the run began
-        const ZqCursorWay* way; ///< of the run, up to the trace's end
+        const ZqCursorWay* way; ///< of the run, up to the trace's end, by the steady clock in milliseconds
+        int64 clockMs;          ///< what a trace's times, since 1970 UTC, are ahead of that clock
+        bool isCutOff;          ///< the trace has ended before the run wanted it to, with its last item
     };
     /// Judges a run by its trace, the map and the cursor's way; `nWaits`, `waitedMs` and `judgedMs` are left
     /// to the caller. Memory goes by the number of blocks that were read. Raises where trace or map can't be

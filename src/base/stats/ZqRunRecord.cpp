@@ -21,6 +21,7 @@ namespace {
 constexpr const char* UNIT = "src/base/ZqRunRecord";
 constexpr const char* SCHEMA = "zqrun-schema.json";
 constexpr const char* END = ".json";
+constexpr int64 MS_PER_S = 1000;
 constexpr size_t N_ID = 8; ///< digits of the id in a record's name
 /// What the name of a record looks like: digits, and hexadecimal ones.
 constexpr std::string_view PATTERN = "dddd-dd-ddTdd-dd-ddZ-xxxxxxxx.json";
@@ -44,6 +45,15 @@ SxString stamp(int64 timeMs) {
         static_cast<int>(clock.minutes().count()), static_cast<int>(clock.seconds().count()));
 }
 
+/// The moment of a record's name.
+int64 timeOf(const SxString& name) {
+    using namespace std::chrono;
+    const auto number = [&](size_t at, size_t n) { return std::stoi(name.str().substr(at, n)); };
+    const sys_days day = year(number(0, 4)) / number(5, 2) / number(8, 2);
+    return milliseconds(day.time_since_epoch()).count() +
+           ((number(11, 2) * 60 + number(14, 2)) * 60 + number(17, 2)) * MS_PER_S;
+}
+
 /// Whether the name is one that stamp() begins. Others that lie there aren't ours to be removed.
 bool isRecordName(const SxString& name) {
     return std::equal(PATTERN.begin(), PATTERN.end(), name.str().begin(), name.str().end(),
@@ -63,6 +73,15 @@ std::vector<SxString> listRecords(const SxString& image) {
     }
     std::sort(names.begin(), names.end());
     return names;
+}
+
+/// A name behind all others, so that the newest record stays so where the machine's clock was set back.
+SxString newFile(const SxString& image, const ZqRuntimeInfo& info) {
+    const std::vector<SxString> names = listRecords(image);
+    SxString time = stamp(info.time0);
+    if (!names.empty() && time.str() <= names.back().str().substr(0, time.str().size()))
+        time = stamp(timeOf(names.back()) + MS_PER_S);
+    return runsFolder(image) + time + "-" + info.id.str().substr(0, N_ID) + END;
 }
 
 /// What runs have left that were killed while they wrote their records.
@@ -185,6 +204,7 @@ SxSymbol ZqRunRecord::toJson() const {
     root.append("order", order);
     root.append("rteVer", info.rteVer);
     root.append("winVer", info.winVer);
+    root.append("started", wasStarted);
     root.append("stopped", wasStopped);
     appendInfo(info, &root);
     root.append("lengthMs", lengthMs);
@@ -211,18 +231,16 @@ void ZqRunRecord::appendTransfer(SxSymbol* root) const {
 }
 
 void ZqRunRecord::write(const SxString& folder) {
+    bool isNoted = false;
     if (file.isEmpty()) {
-        file = runsFolder(folder) + stamp(info.time0) + "-" + info.id.str().substr(0, N_ID) + END;
+        file = newFile(folder, info);
         const ZqPreparations done = ZqPreparations::read(folder);
         info.patchStats = done.patch;
         info.defragStats = done.defrag;
+        isNoted = done.isNoted;
     }
     rewrite();
-    try {
-        ZqPreparations::clear(folder);
-    } catch (const SxException& e) {
-        throw SxException(e, "Failed to write file " + file, UNIT, __LINE__);
-    }
+    if (isNoted) ZqPreparations::clear(folder);
     removeOld(folder);
 }
 
@@ -255,6 +273,7 @@ ZqRunRecord ZqRunRecord::read(const SxString& file) {
         ZqRecordFile::get(root, "lengthMs", &record.lengthMs);
         getTime(root, "startMs", &record.startMs);
         record.wasStarted = record.startMs >= 0;
+        get(root, "started", &record.wasStarted);
         getTime(root, "firstFrameMs", &record.firstFrameMs);
         getTime(root, "lastWaitMs", &record.lastWaitMs);
         getTime(root, "mountMs", &record.mountMs);

@@ -15,7 +15,7 @@ struct ZqRunRecord {
     ZqRuntimeInfo info;       ///< times in seconds, speeds in megabit per second
     SxString build;           ///< build id: `checksums.mnt` of the application's record
     SxString order;           ///< digest of the image's map
-    bool wasStarted = false;  ///< the application was
+    bool wasStarted = false;  ///< the application was, by this run or by the one that it has gone on with
     bool wasStopped = false;  ///< the player has ended the run
     bool isExitKnown = false; ///< `info.exitCode` is that of the application
     int64 startMs = -1;       ///< from the beginning of the run to the application's start

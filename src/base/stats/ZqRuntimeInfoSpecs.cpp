@@ -96,6 +96,17 @@ void ZqRuntimeInfo::getHardwareSpecs() {
     getMachineFacts();
 }
 
+SxString ZqRuntimeInfo::getKnownSpecs() {
+    try {
+        getHardwareSpecs();
+        return {};
+    } catch (const SxException& e) {
+        zqddVer = zqfmVer = SxString();
+        getMachineFacts();
+        return e.toString(SxException::ShowMessage, ": ");
+    }
+}
+
 void ZqRuntimeInfo::getSystemVersions() {
     // With that of the drive service which this library is made for.
     rteVer = ZqSysEnv::getRTEVersion() + " " + ZqMountMgr::DRIVER_VERSION;

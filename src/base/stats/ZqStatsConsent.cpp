@@ -69,6 +69,12 @@ std::optional<ZqStatsConsent> ZqStatsConsents::find(const SxString& guid) {
     return found == consents.end() ? std::nullopt : std::optional(*found);
 }
 
+void ZqStatsConsents::require(const ZqStatsConsent& consent) {
+    const std::optional<ZqStatsConsent> current = find(consent.guid);
+    if (!current || current->givenMs != consent.givenMs)
+        throw SxException("The consent to reports was taken back", UNIT, __LINE__);
+}
+
 ZqStatsConsent ZqStatsConsents::give(const SxString& guid, const ZqReportTarget& target,
                                      const SxList<SxString>& sections) {
     ZqStatsConsent consent{guid, target, sections, ZqSysEnv::getSysTime()};

@@ -24,6 +24,8 @@ public:
 
     /// The consent for an application, or none.
     static std::optional<ZqStatsConsent> find(const SxString& guid);
+    /// Raises where that consent is no longer the one for its application.
+    static void require(const ZqStatsConsent& consent);
     /// Notes a consent and gives it. With the address and sections of the one that is there, that stays, with
     /// other headers; else it is a new one.
     static ZqStatsConsent give(const SxString& guid, const ZqReportTarget& target,

@@ -2,7 +2,6 @@
 
 #include "SxTime.h"
 #include "ZqLog.h"
-#include "ZqMountMgr.h"
 #include "ZqReportPass.h"
 #include "ZqReportSections.h"
 #include "ZqTries.h"
@@ -18,30 +17,14 @@ void log(const SxString& text) {
     zqLogMsg("base", "ZqStatsReporter: " + text);
 }
 
-/// Versions alone, since facts that aren't told aren't taken either.
-void fillVersions(ZqRuntimeInfo* info) {
-    info->getSystemVersions();
-    // A run that has failed may have no drive service, and none is started to be asked.
-    if (info->startErr) return;
-    try {
-        info->zqddVer = ZqMountMgr::getDriveVersion();
-        info->zqfmVer = ZqMountMgr::getGuardVersion();
-    } catch (const SxException& e) {
-        log(e.what());
-    }
-}
-
+/// The run has asked the drive service for its versions; here that could take as long as the service is
+/// silent.
 void fillFacts(ZqRuntimeInfo* info, bool wantsMachine) {
-    if (wantsMachine && !info->startErr) {
-        try {
-            info->getHardwareSpecs();
-            return;
-        } catch (const SxException& e) {
-            log(e.what());
-        }
+    if (wantsMachine) {
+        info->getMachineFacts();
+    } else {
+        info->getSystemVersions();
     }
-    if (wantsMachine) info->getMachineFacts();
-    fillVersions(info);
 }
 
 /// In this order: whoever stores a report looks for the consent first.
@@ -156,7 +139,7 @@ void ZqStatsReporter::sendWaiting() {
     if (isStopping) return;
     ZqHttpLimits stoppable = limits;
     stoppable.stop = [this] { return isStopping.load(); };
-    const ZqReportPass pass(*consent, stoppable, [this](const SxString& id, const SxString& given) {
+    const ZqReportPass pass(*consent, first.id, stoppable, [this](const SxString& id, const SxString& given) {
         if (id != first.id) return;
         SxMutexBlock lock(&mutex);
         token = given;
@@ -180,6 +163,7 @@ void ZqStatsReporter::end(const ZqRuntimeInfo& info, const std::function<bool()>
     hasBegun = false;
     if (stop()) isStopping = true;
     const int64 begunMs = SxClock::get().steadyMs();
+    // The facts take a second at most, and then at least what is told isn't lost by a stop.
     SxWait::pass(endMs, [&] { return isStored || !isRunning(); });
     const bool isNoted = isStored && attempt([&] { storeLater(info); });
     if (isNoted && !stop()) {

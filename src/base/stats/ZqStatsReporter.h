@@ -43,8 +43,8 @@ public:
     void applicationStarts(const ZqRuntimeInfo& info);
     /// The run has failed before that. One that a player has stopped before that hasn't, and tells nothing.
     void hasFailed(const ZqRuntimeInfo& info);
-    /// The run has ended. Waits up to `endMs` for what is to be sent, but no longer than until `stop` says so,
-    /// which is asked every 10 ms. Does nothing where none of the two was called before.
+    /// The run has ended. Waits up to `endMs` for what is to be sent, but no longer than until `stop` says
+    /// so, which is asked every 10 ms. Does nothing where none of the two was called before.
     void end(const ZqRuntimeInfo& info, const std::function<bool()>& stop);
     /// What the service has given for this run, or the record had before; may be empty.
     SxString getToken() const;

@@ -26,6 +26,10 @@ SxString fileOf(const SxString& guid) {
 }
 
 ZqFileLock lockOf(const SxString& file) {
+    if (file.isEmpty()) {
+        throw SxException("There is no folder for reports that wait, since the user has no home folder", UNIT,
+                          __LINE__);
+    }
     ZqPrivateFile::makeFolder(file);
     return ZqFileLock(file + ".lock", "Another client changes '" + file + "' at the moment",
                       "Cannot lock '" + file + "'", ZqPrivateFile::LOCK_MS);
@@ -112,9 +116,7 @@ void ZqWaitingReports::remove(const SxString& id) const {
 void ZqWaitingReports::update(const std::function<void(List* reports)>& change) const {
     const ZqFileLock lock = lockOf(file);
     // Whoever takes a consent back removes the file after that, under this lock. So it doesn't come again.
-    const std::optional<ZqStatsConsent> current = ZqStatsConsents::find(consent.guid);
-    if (!current || current->givenMs != consent.givenMs)
-        throw SxException("The consent to reports was taken back", UNIT, __LINE__);
+    ZqStatsConsents::require(consent);
     Content content{consent.guid, consent.givenMs, read()};
     change(&content.reports);
     dropOld(&content.reports);

@@ -9,9 +9,8 @@
 /// that a download of days can be kept whole, where a series of samples is thinned. Not locked.
 class ZqCursorWay {
 public:
-    /// At `timeMs` (milliseconds since 1970 UTC) all blocks before `zqfIdx` (ZqF index) were there. What
-    /// isn't beyond the last move says nothing new. A time may lie before the last one, where the machine's
-    /// clock was set back.
+    /// At `timeMs`, of whatever clock, all blocks before `zqfIdx` (ZqF index) were there. What isn't beyond
+    /// the last move says nothing new.
     void add(int64 timeMs, uint64 zqfIdx);
     /// The furthest place.
     uint64 getEnd() const { return endIdx; }

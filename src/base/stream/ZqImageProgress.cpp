@@ -277,7 +277,7 @@ ZqCursorWay ZqImageProgress::getCursorWay() const {
 
 void ZqImageProgress::noteWay(uint64 zqfIdx) {
     if (wayEnded) return;
-    const int64 nowMs = SxClock::get().systemMs();
+    const int64 nowMs = SxClock::get().steadyMs();
     const uint64 nIncluded = (getNTotal() + ZqBlocks::SIZE - 1) / ZqBlocks::SIZE;
     SxMutexBlock lock(&wayMutex);
     way.add(nowMs, std::min(zqfIdx, nIncluded));

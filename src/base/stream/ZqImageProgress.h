@@ -46,7 +46,7 @@ public:
     double getGlobalAvgSpeed() const;
     double getGlobalSigmaSpeed() const;
     double getGlobalMaxSpeed() const;
-    /// The way of the cursor so far, whether there is a drive or not.
+    /// The way of the cursor so far, by the steady clock, whether there is a drive or not.
     ZqCursorWay getCursorWay() const;
     /// From now on nobody needs to know more of it.
     void endCursorWay() { wayEnded = true; }

@@ -56,7 +56,7 @@ public:
     bool oldest(uint64* offset, uint64* length) const { return held.oldest(offset, length); }
     /// Requests that are held now, for whatever reason.
     uint64 nHeld() const { return held.nHeld() + shortReads.nHeld(); }
-    int64 readsHeldNs() const { return held.readsHeldNs(); }
+    int64 readsHeldNs() const { return held.readsHeldNs() + shortReads.heldNs(); }
 
 private:
     void wakeAll(const HeldRequests::Tokens& tokens) const;

@@ -8,6 +8,7 @@ bool ShortReads::hold(uint64 token) {
     if (isLate) hasExpired = true;
     const bool isOver = isFailing || hasExpired;
     if (isOver) {
+        endedNs += nowNs - place->second.sinceNs;
         requests.erase(place);
     } else {
         place->second.isHeld = true;
@@ -21,6 +22,7 @@ bool ShortReads::forget(uint64 token) {
     const auto found = requests.find(token);
     if (found == requests.end()) return false;
     const bool wasHeld = found->second.isHeld;
+    endedNs += SxClock::get().steadyNs() - found->second.sinceNs;
     requests.erase(found);
     nKnown = requests.size();
     return wasHeld;
@@ -45,6 +47,15 @@ std::vector<uint64> ShortReads::fail() {
     const SxMutexBlock lock(&mutex);
     isFailing = true;
     return releaseLocked();
+}
+
+int64 ShortReads::heldNs() const {
+    const int64 nowNs = SxClock::get().steadyNs();
+    const SxMutexBlock lock(&mutex);
+    int64 sumNs = endedNs;
+    for (const auto& [token, request] : requests)
+        sumNs += nowNs - request.sinceNs;
+    return sumNs;
 }
 
 uint64 ShortReads::nHeld() const {

@@ -36,6 +36,8 @@ public:
     /// The cursor has moved up: the file grows, so requests are held again, even if one has waited in vain.
     void revive() { hasExpired = false; }
     uint64 nHeld() const;
+    /// For how long reads and writes were held so far, all together, those that are held now up to now.
+    int64 heldNs() const;
 
 private:
     struct Request {
@@ -48,6 +50,7 @@ private:
     mutable SxMutex mutex;
     std::map<uint64, Request> requests SX_GUARDED_BY(mutex); ///< by their tokens
     std::atomic<uint64> nKnown{0};                           ///< how many these are
+    int64 endedNs SX_GUARDED_BY(mutex) = 0; ///< for how long those were held that no longer are
     bool isFailing SX_GUARDED_BY(mutex) = false;
     std::atomic<bool> hasExpired{false}; ///< one has waited in vain: the next ones fail at once
 };

@@ -108,7 +108,8 @@ public:
 
     /// Requests that are held now, for whatever reason.
     uint64 nHeld() const { return requests.nHeld(); }
-    /// For how long reads were held for missing blocks or a resume, all together, up to now.
+    /// For how long reads were held, all together, up to now; writes only where `img.zqf` came short for
+    /// them.
     int64 readsHeldNs() const { return requests.readsHeldNs(); }
     /// Number of blocks of the complete `img.zqf`.
     uint64 nIncluded() const { return map.nIncluded(); }

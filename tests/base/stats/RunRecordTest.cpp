@@ -29,7 +29,8 @@ std::vector<Move> movesOf(const ZqCursorWay& way) {
 }
 
 constexpr uint64 GONE = ZqImage::NO_ENTRY;
-constexpr int64 T0 = 1'700'000'000'000;
+/// A moment by the machine's clock, and by the steady one.
+constexpr int64 T0 = 1'700'000'000'000, S0 = 77'000;
 
 /// An image folder with a map, and a trace of it, as a run leaves them.
 struct Played {
@@ -49,8 +50,10 @@ struct Played {
         }
         dir.write("traces/run/img.trc", bytes);
     }
-    ZqRunAccuracy judge(uint64 nIncluded, uint64 nBefore, const ZqCursorWay& way) const {
-        return ZqRunAccuracy::judge({dir.path("traces/run"), dir.path(""), nIncluded, nBefore, &way});
+    ZqRunAccuracy judge(uint64 nIncluded, uint64 nBefore, const ZqCursorWay& way,
+                        bool isCutOff = false) const {
+        return ZqRunAccuracy::judge(
+            {dir.path("traces/run"), dir.path(""), nIncluded, nBefore, &way, T0 - S0, isCutOff});
     }
 };
 
@@ -76,9 +79,9 @@ TEST(RunAccuracy, IsRightToTheByte) {
     // RAW blocks 0 to 7; 3 isn't included, the image has seven blocks.
     run.map({4, 0, 1, GONE, 2, 6, 5, 3});
     ZqCursorWay way;
-    way.add(T0 + 100, 2);
-    way.add(T0 + 200, 4);
-    way.add(T0 + 300, 6);
+    way.add(S0 + 100, 2);
+    way.add(S0 + 200, 4);
+    way.add(S0 + 300, 6);
     run.trace({
         access(1, 50),        // ZqF 0, there before the run
         access(2, 99),        // ZqF 1, a millisecond too early
@@ -100,6 +103,14 @@ TEST(RunAccuracy, IsRightToTheByte) {
     EXPECT_EQ(found.nThereBefore, 1 * BLOCK) << "0";
     EXPECT_EQ(found.nRead, 4 * BLOCK);
     EXPECT_DOUBLE_EQ(found.coverage, 5.0 / 7) << "0, 1, 2, 3 and 6";
+
+    // A trace that has ended too early says nothing of what came after it.
+    run.trace({access(4, 200), access(5, 250)});
+    const ZqRunAccuracy cut = run.judge(7, 1, way, true);
+    EXPECT_EQ(cut.nBrought, 3 * BLOCK) << "1 to 3";
+    EXPECT_EQ(cut.nEarlyUsed, 1 * BLOCK) << "2";
+    EXPECT_EQ(cut.nEarlyUnused, 2 * BLOCK) << "1 and 3";
+    EXPECT_EQ(cut.nLate, 1 * BLOCK) << "6";
 }
 
 TEST(RunAccuracy, AgreesWithAPlainCountOfARandomRun) {
@@ -119,7 +130,7 @@ TEST(RunAccuracy, AgreesWithAPlainCountOfARandomRun) {
     for (uint64 at = N_BEFORE, ms = 0; at < N_INCLUDED - 2'000;) {
         const uint64 next = at + 1 + below(40);
         ms += below(30);
-        way.add(T0 + static_cast<int64>(ms), next);
+        way.add(S0 + static_cast<int64>(ms), next);
         for (; at < next; ++at)
             arrival[at] = static_cast<int64>(ms);
     }
@@ -144,6 +155,18 @@ TEST(RunAccuracy, AgreesWithAPlainCountOfARandomRun) {
     EXPECT_EQ(found.nThereBefore / ZqBlocks::SIZE, before);
     EXPECT_EQ(found.nBrought / ZqBlocks::SIZE, way.getEnd() - N_BEFORE);
     EXPECT_EQ(found.nEarlyUnused / ZqBlocks::SIZE, way.getEnd() - N_BEFORE - used - broughtLate);
+}
+
+TEST(RunRecord, TheNewestStaysTheLastWhereTheClockWasSetBack) {
+    const TempDir dir;
+    SxList<SxException> failures;
+    for (const int64 time : {T0, T0 - 86'400'000, T0 - 1}) {
+        ZqRunRecord record;
+        record.info.time0 = time;
+        record.write(dir.path(""));
+        EXPECT_EQ(ZqRunRecord::readLast(dir.path(""), 1, &failures).last().info.time0, time);
+    }
+    EXPECT_EQ(ZqRunRecord::readLast(dir.path(""), 9, &failures).getSize(), 3);
 }
 
 TEST(RunRecord, OneThatCantBeReadIsNamedAndTheOthersAreThere) {
@@ -183,6 +206,7 @@ TEST(RunRecord, ComesBackAsItWasWrittenAndTheLastHundredStay) {
         record.build = "b";
         record.traceFolder = dir.path("traces/run");
         record.accuracy.isJudged = true;
+        record.accuracy.nWaits = 3;
         record.accuracy.nLate = 4096;
         record.accuracy.waitedMs = 17;
         record.write(dir.path(""));
