@@ -225,7 +225,7 @@ int run(const RunOptions& options, Output& out) {
     }
     if (!result.unwritten.isEmpty()) Output::failure(result.unwritten);
     if (!result.unsent.isEmpty()) {
-        out.finding("Not all reports of runs could be sent: " + result.unsent);
+        Output::failure("Not all reports of runs could be sent: " + result.unsent);
     }
     if (!result.lostLetter.isEmpty()) {
         out.finding("The runner has taken the drive letter " + result.lostLetter +

@@ -1,10 +1,7 @@
 #include "ZqRun.h"
 
-#include "BlockIdx.h"
 #include "SxClock.h"
 #include "SxException.h"
-#include "SxFSAction.h"
-#include "SxMd5.h"
 #include "SxTime.h"
 #include "ZqAppSuspension.h"
 #include "ZqApplicationNote.h"
@@ -12,18 +9,14 @@
 #include "ZqCoreAppGuard.h"
 #include "ZqFirstFrame.h"
 #include "ZqImageFeed.h"
-#include "ZqImageFiles.h"
-#include "ZqImageFolder.h"
 #include "ZqImageLock.h"
-#include "ZqLog.h"
-#include "ZqMountMgr.h"
 #include "ZqRunDrive.h"
 #include "ZqRunRecording.h"
 #include "ZqRunSampler.h"
+#include "ZqRunStatistics.h"
 #include "ZqRunWait.h"
 #include "ZqSleepDelay.h"
 #include "ZqStartCheck.h"
-#include "ZqStatsReporter.h"
 #include "ZqSysEnv.h"
 
 #include <algorithm>
@@ -55,7 +48,7 @@ ZqRun::ZqRun(const Settings& settings_)
       recording(std::make_unique<ZqRunRecording>(settings)),
       note(std::make_unique<ZqApplicationNote>(image, waits.get())),
       suspension(std::make_unique<ZqAppSuspension>()),
-      reporter(std::make_unique<ZqStatsReporter>()) {
+      statistics(std::make_unique<ZqRunStatistics>(settings, feed.get(), waits.get(), &result)) {
     setThreadName("run");
 }
 
@@ -108,7 +101,7 @@ void ZqRun::main() {
         result.info.startErr = !result.wasStarted && !result.wasStopped;
         result.info.endErr = !result.wasStopped;
         // An image in use is the other one's run.
-        if (!hasOpened && !result.wasStopped && !e.hasTag(ZqImageLock::HELD)) takeKnown();
+        if (isPlay() && !result.wasStopped && !e.hasTag(ZqImageLock::HELD)) statistics->openWithoutFeed();
         end();
         // Which of the steps noticed it doesn't matter.
         if (result.wasStopped) throw ZqRunWait::stopped();
@@ -122,17 +115,17 @@ void ZqRun::main() {
 }
 
 void ZqRun::run() {
-    if (isPlay()) checkReporter();
+    if (isPlay()) statistics->check();
     recording->requireFolder();
     feed->open(waits->test());
-    hasOpened = true;
     if (isPlay()) {
-        openReporter();
+        statistics->open();
         ZqStartCheck::require(settings, feed->getApp());
+    } else {
+        feed->endCursorWay(); // nothing is judged
     }
     const bool wasComplete = feed->isComplete();
     const uint64 nPresent = feed->fileSize();
-    nBefore = wasComplete ? blocksFor(nPresent) : feed->countBlocks();
     feed->start();
     result.info.dataAtStart = static_cast<int64>(nPresent);
     phase = Loading;
@@ -225,8 +218,7 @@ void ZqRun::mount() {
     }
     recording->keep();
     result.mountMs = elapsedMs();
-    // The trace has begun a moment ago, and its times go by the steady clock from there on.
-    clockMs = ZqSysEnv::getSysTime() - SxClock::get().steadyMs();
+    statistics->traceBegins();
     drive->alignCursor();
 }
 
@@ -263,7 +255,7 @@ void ZqRun::startApplication() {
     SxWinProcParams process;
     process.path = app.cmd;
     process.args = SxString::join(app.args, " ");
-    if (reporter->wantsApps()) noteApps();
+    statistics->noteApps();
     guard = std::make_unique<ZqCoreAppGuard>(image, *launched, mountPath, process,
                                              ZqAppRunner{settings.runner, mountPath, drive->isWritable()});
     feed->applicationStarts(*launched);
@@ -285,15 +277,15 @@ void ZqRun::follow() {
         drive->watchReads();
         searching = guard->isSearching();
         note->note(guard->getGroup());
-        if (guard->getGroup().isValid()) tellStart();
+        if (guard->getGroup().isValid()) statistics->applicationRuns();
         firstFrame->look();
-        if (recording->limit()) endJudgement();
+        if (recording->limit()) statistics->endJudgement(elapsedMs());
         suspendProcess();
         feed->restoreWindow();
         SxTime::msleep(feed->isSettled() && !firstFrame->isAwaited() ? CALM_LOOK_MS : LOOK_MS);
     }
     guard->wait();
-    endJudgement();
+    statistics->endJudgement(elapsedMs());
     searching = false;
     if (guard->isMissed()) result.missed = launched->name;
     firstFrame->look();
@@ -307,12 +299,6 @@ void ZqRun::follow() {
     // Where the drive has gone, what the application has read since, and its exit code, mean nothing.
     drive->require();
     feed->requireAlive();
-}
-
-/// What comes from now on can't be read by the application, or nobody would know.
-void ZqRun::endJudgement() {
-    feed->endCursorWay();
-    if (judgedMs < 0) judgedMs = elapsedMs();
 }
 
 void ZqRun::suspendProcess() {
@@ -334,7 +320,7 @@ void ZqRun::complete() {
 }
 
 void ZqRun::end() {
-    endJudgement();
+    statistics->endJudgement(elapsedMs());
     if (sampler) result.series = sampler->end();
     phase = Ending;
     fillResult();
@@ -367,10 +353,7 @@ void ZqRun::writeInfo() {
     result.wasBusy = drive->wasBusy();
     result.lostLetter = drive->getLostLetter();
     if (!result.driveFailure.isEmpty()) result.info.endErr = true;
-    if (!isPlay() || !hasOpened) return;
-    judge();
-    result.writeFiles(image);
-    report();
+    if (isPlay()) statistics->finish(*drive, *recording);
 }
 
 void ZqRun::fillResult() {
@@ -392,10 +375,10 @@ void ZqRun::fillResult() {
     info.startErr = own.startErr;
     info.endErr = own.endErr;
     info.path = image;
-    info.guid = getApp().guid;
+    info.guid = statistics->getApp().guid;
     info.getSystemVersions();
-    result.build = getApp().checksumMnt;
-    result.order = getApp().checksumIdx;
+    result.build = statistics->getApp().checksumMnt;
+    result.order = statistics->getApp().checksumIdx;
     info.time0 = beginMs;
     info.timeToStart = std::max<int64>(result.startMs, 0) / 1000;
     info.timeToReady = std::max<int64>(result.firstFrameMs, 0) / 1000;
@@ -415,114 +398,8 @@ void ZqRun::fillResult() {
     result.image = status.image;
 }
 
-void ZqRun::judge() {
-    ZqRunAccuracy& accuracy = result.accuracy;
-    try {
-        if (result.wasStarted && !result.traceFolder.isEmpty()) {
-            const ZqCursorWay way = feed->getCursorWay();
-            const bool isCutOff = !drive->wasTraced() && !recording->hasEnded();
-            accuracy = ZqRunAccuracy::judge({result.traceFolder, image, blocksFor(feed->getApp().sizeZqf),
-                                             nBefore, &way, clockMs, isCutOff});
-            accuracy.judgedMs = judgedMs;
-            result.info.coverage = accuracy.coverage;
-        }
-        if (result.order.isEmpty())
-            result.order = SxMd5::file(ZqImageFolder::prefix(image) + ZqImageFiles::IDX, nullptr);
-    } catch (const SxException& e) {
-        // A run is no failure for want of its figures.
-        zqLogMsg("base", "ZqRun: the order can't be judged: " + e.toString(SxException::ShowMessage, ": "));
-    }
-    if (const auto& waited = drive->getWaits()) {
-        accuracy.nWaits = waited->n;
-        accuracy.waitedMs = waited->ms;
-    }
-}
-
 bool ZqRun::isPlay() const {
     return !settings.isDriveOnly && !settings.feed.isDownloadOnly;
-}
-
-/// Takes what the user says of statistics.
-void ZqRun::openReporter() {
-    result.info.path = image;
-    result.info.guid = getApp().guid;
-    reporter->open(settings.stats, result.info.guid);
-}
-
-/// Of which application this is a run.
-const ZqAppParams& ZqRun::getApp() const {
-    return known ? *known : feed->getApp();
-}
-
-/// The run has failed before the image was taken. Where that is there, it was a run of its application.
-void ZqRun::takeKnown() {
-    const SxString folder = ZqImageFolder::prefix(image);
-    if (!isPlay() || SxFSAction::isGone(folder + ZqImageFiles::APP_JSON)) return;
-    try {
-        known = std::make_unique<const ZqAppParams>(folder);
-        hasOpened = true;
-        openReporter();
-    } catch (const SxException& e) {
-        // What has failed first is told.
-        zqLogMsg("base", "ZqRun: " + e.toString(SxException::ShowMessage, ": "));
-    }
-}
-
-/// The same before the server is asked: a wrong address is better told before a download than after it, and a
-/// user who refuses doesn't wait for one.
-void ZqRun::checkReporter() {
-    if (!settings.stats.url.isEmpty()) ZqReportTarget(settings.stats.url, settings.stats.headers);
-    const SxString folder = ZqImageFolder::prefix(image);
-    if (!settings.stats.isRefused || SxFSAction::isGone(folder + ZqImageFiles::APP_JSON)) return;
-    SxString guid;
-    try {
-        guid = ZqAppParams(folder).guid;
-    } catch (const SxException& e) {
-        // The server has another one, or the run fails for it.
-        zqLogMsg("base", "ZqRun: " + e.toString(SxException::ShowMessage, ": "));
-        return;
-    }
-    reporter->open(settings.stats, guid);
-}
-
-/// The service is there now, and may be silent at the run's end.
-void ZqRun::noteVersions() {
-    if (!reporter->hasConsent()) return;
-    try {
-        result.info.zqddVer = ZqMountMgr::getDriveVersion();
-        result.info.zqfmVer = ZqMountMgr::getGuardVersion();
-    } catch (const SxException& e) {
-        zqLogMsg("base", "ZqRun: " + e.toString(SxException::ShowMessage, ": "));
-    }
-}
-
-void ZqRun::noteApps() {
-    for (const SxString& name : ZqSysEnv::getProgramNames())
-        result.info.appsAtStart << name;
-}
-
-/// Tells the service that the application runs, once.
-void ZqRun::tellStart() {
-    if (toldStart) return;
-    toldStart = true;
-    noteVersions();
-    reporter->applicationStarts(result.info);
-}
-
-/// Tells the service how the run went, where the user has consented. The token that came is part of the
-/// record, since a later report may need it.
-void ZqRun::report() {
-    if (result.info.startErr) {
-        reporter->hasFailed(result.info);
-    } else if (result.wasStarted) {
-        tellStart(); // of an application that has ended at once
-    }
-    reporter->end(result.info, waits->test());
-    result.unsent = reporter->getFailure();
-    const SxString token = reporter->getToken();
-    if (token.isEmpty()) return;
-    result.info.clientToken = token;
-    result.rewriteRecord();
 }
 
 SxParserKit::SxSymbol ZqRun::toJson() const {

@@ -18,9 +18,9 @@ class ZqImageFeed;
 class ZqRunDrive;
 class ZqRunRecording;
 class ZqRunSampler;
+class ZqRunStatistics;
 class ZqRunWait;
 class ZqSleepDelay;
-class ZqStatsReporter;
 
 /// One run of a streamed application, from its server to its end: completes the image, makes a drive of it,
 /// starts the application when enough is there, answers its underflows, and takes the drive away. Or, without
@@ -84,22 +84,12 @@ private:
     void startApplication();
     void follow();
     bool isPlay() const;
-    void noteApps();
-    void endJudgement();
     void suspendProcess();
     bool isCalm() const;
     void complete();
     void end();
     void writeInfo();
     void fillResult();
-    void judge();
-    const ZqAppParams& getApp() const;
-    void takeKnown();
-    void checkReporter();
-    void openReporter();
-    void noteVersions();
-    void tellStart();
-    void report();
     int64 elapsedMs() const;
 
     const Settings settings;
@@ -112,18 +102,12 @@ private:
     const std::unique_ptr<ZqRunRecording> recording;
     const std::unique_ptr<ZqApplicationNote> note;
     const std::unique_ptr<ZqAppSuspension> suspension;
-    const std::unique_ptr<ZqStatsReporter> reporter;
-    std::unique_ptr<const ZqAppParams> known;    ///< of an image that couldn't be opened
+    const std::unique_ptr<ZqRunStatistics> statistics;
     std::unique_ptr<const ZqAppParams> launched; ///< the record as the application is started by it
     std::unique_ptr<ZqCoreAppGuard> guard;
     std::unique_ptr<ZqFirstFrame> firstFrame;
     std::unique_ptr<ZqRunSampler> sampler;
     std::unique_ptr<ZqSleepDelay> sleepDelay;
     int64 beginNs = 0, beginMs = 0;
-    int64 judgedMs = -1; ///< of the run, until when the order is judged; -1 until that is known
-    int64 clockMs = 0;   ///< what the machine's clock is ahead of the steady one, when the trace began
-    uint64 nBefore = 0;  ///< blocks that were there before the run
-    bool toldStart = false;
-    bool hasOpened = false;
     Result result;
 };

@@ -19,7 +19,7 @@ ZqImageReport::ZqImageReport(const SxString& image) {
         record = ZqRunRecord::read(runtime);
         source = runtime;
     } else {
-        source = "none, since the image has no run";
+        source = "nothing, since the image has no run";
     }
     record.info.path = image;
 }

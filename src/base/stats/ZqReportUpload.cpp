@@ -28,7 +28,9 @@ void requireOk(const ZqHttpResponse& response) {
     text.updateNChars(MAX_LOGGED);
     zqLogMsg("base", SxString(LOG_PREFIX) + "response status code = " + status);
     zqLogMsg("base", LOG_PREFIX + text.makeVisible());
-    throw SxException(isForNow(status) ? "" : ZqReportUpload::REFUSED, "request failed", UNIT, __LINE__);
+    const SxException cause(SxString("The service has answered with the status ") + status, UNIT, __LINE__);
+    SxException failure(cause, "request failed", UNIT, __LINE__);
+    throw isForNow(status) ? failure : failure.tagged(ZqReportUpload::REFUSED);
 }
 
 /// The failures don't show the token.

@@ -69,7 +69,9 @@ std::vector<SxString> listRecords(const SxString& image) {
     std::vector<SxString> names;
     if (!SxFSAction::test_d(runsFolder(image))) return names;
     for (const SxFileInfo& entry : SxFSAction::ls(runsFolder(image))) {
-        if (isRecordName(entry.getName())) names.push_back(entry.getName());
+        const auto info = SxFSAction::look(entry.getOrig());
+        const bool isFile = info && info->kind == SxStat::File; // and not a link, which may lead anywhere
+        if (isFile && isRecordName(entry.getName())) names.push_back(entry.getName());
     }
     std::sort(names.begin(), names.end());
     return names;
@@ -292,6 +294,16 @@ ZqRunRecord ZqRunRecord::read(const SxString& file) {
         return record;
     } catch (const SxException& e) {
         throw SxException(e, "Failed to read file " + file, UNIT, __LINE__);
+    }
+}
+
+void ZqRunRecord::noteToken(const SxString& folder, const SxString& id, const SxString& token) {
+    for (const SxString& name : listRecords(folder)) {
+        if (!name.endsWith("-" + id.str().substr(0, N_ID) + END)) continue;
+        ZqRunRecord record = read(runsFolder(folder) + name);
+        if (!(record.info.id == id)) continue;
+        record.info.clientToken = token;
+        record.rewrite();
     }
 }
 

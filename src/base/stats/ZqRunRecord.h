@@ -42,6 +42,9 @@ struct ZqRunRecord {
     static SxList<ZqRunRecord> readLast(const SxString& folder, int64 n, SxList<SxException>* failures);
     /// Raises "Failed to read file ..." with the cause.
     static ZqRunRecord read(const SxString& file);
+    /// Notes what a statistics service has given for the run `id`. Nothing where the image folder has no
+    /// record of it; raises as read() and write() do.
+    static void noteToken(const SxString& folder, const SxString& id, const SxString& token);
     /// Writes it back to where it was read from, or written to last.
     void rewrite() const;
 

@@ -140,9 +140,12 @@ void ZqStatsReporter::sendWaiting() {
     ZqHttpLimits stoppable = limits;
     stoppable.stop = [this] { return isStopping.load(); };
     const ZqReportPass pass(*consent, first.id, stoppable, [this](const SxString& id, const SxString& given) {
-        if (id != first.id) return;
         SxMutexBlock lock(&mutex);
-        token = given;
+        if (id == first.id) {
+            token = given;
+        } else if (!given.isEmpty()) {
+            otherTokens(id) = given;
+        }
     });
     // What has failed before was sent now, unless there was nothing left to be sent.
     bool hasSent = false;
@@ -209,6 +212,11 @@ bool ZqStatsReporter::attempt(Act&& act) {
 SxString ZqStatsReporter::getToken() const {
     SxMutexBlock lock(&mutex);
     return token;
+}
+
+SxMap<SxString, SxString> ZqStatsReporter::getOtherTokens() const {
+    SxMutexBlock lock(&mutex);
+    return otherTokens;
 }
 
 SxString ZqStatsReporter::getFailure() const {

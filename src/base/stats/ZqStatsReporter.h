@@ -1,5 +1,6 @@
 #pragma once
 
+#include "SxMap.h"
 #include "SxSystemThread.h"
 #include "ZqHttpLimits.h"
 #include "ZqRuntimeInfo.h"
@@ -48,6 +49,8 @@ public:
     void end(const ZqRuntimeInfo& info, const std::function<bool()>& stop);
     /// What the service has given for this run, or the record had before; may be empty.
     SxString getToken() const;
+    /// What it has given for former runs, by their ids, whose first report went out now.
+    SxMap<SxString, SxString> getOtherTokens() const;
     /// Why something couldn't be sent or noted, as one line; empty while all goes well.
     SxString getFailure() const;
 
@@ -76,4 +79,5 @@ private:
     bool isServing SX_GUARDED_BY(mutex) = false; ///< the thread looks once more for something to send
     bool hasMore SX_GUARDED_BY(mutex) = false;
     SxString token SX_GUARDED_BY(mutex), failure SX_GUARDED_BY(mutex);
+    SxMap<SxString, SxString> otherTokens SX_GUARDED_BY(mutex);
 };

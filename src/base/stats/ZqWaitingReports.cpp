@@ -47,8 +47,8 @@ void checkSize(const SxSymbol& document) {
 }
 
 /// What is done goes first. Those that have something to send, and those that haven't, are bounded each for
-/// themselves.
-void dropOld(ZqWaitingReports::List* reports) {
+/// themselves. The run `own` that is under way doesn't count, so that none goes for it untried.
+void dropOld(ZqWaitingReports::List* reports, const SxString& own) {
     const auto isDone = [](const ZqWaitingReports::Report& report) {
         return report.isEnded && report.isSent();
     };
@@ -57,7 +57,9 @@ void dropOld(ZqWaitingReports::List* reports) {
         if (isDone(*at)) reports->removeItem(at);
     }
     for (const bool isSent : {false, true}) {
-        const auto counts = [&](const ZqWaitingReports::Report& report) { return report.isSent() == isSent; };
+        const auto counts = [&](const ZqWaitingReports::Report& report) {
+            return report.isSent() == isSent && (report.isEnded || !(report.id == own));
+        };
         while (std::count_if(reports->begin(), reports->end(), counts) > ZqWaitingReports::MAX)
             reports->removeItem(std::find_if(reports->begin(), reports->end(), counts));
     }
@@ -94,7 +96,7 @@ std::optional<ZqWaitingReports::Report> ZqWaitingReports::find(const SxString& i
 }
 
 void ZqWaitingReports::change(const SxString& id, const std::function<void(Report* report)>& change) const {
-    update([&](List* reports) {
+    update(id, [&](List* reports) {
         auto found = findIn(*reports, id);
         if (found == reports->end()) {
             reports->append(Report{id, {}, {}, {}, false});
@@ -107,19 +109,19 @@ void ZqWaitingReports::change(const SxString& id, const std::function<void(Repor
 }
 
 void ZqWaitingReports::remove(const SxString& id) const {
-    update([&](List* reports) {
+    update(id, [&](List* reports) {
         const auto found = findIn(*reports, id);
         if (found != reports->end()) reports->removeItem(found);
     });
 }
 
-void ZqWaitingReports::update(const std::function<void(List* reports)>& change) const {
+void ZqWaitingReports::update(const SxString& own, const std::function<void(List* reports)>& change) const {
     const ZqFileLock lock = lockOf(file);
     // Whoever takes a consent back removes the file after that, under this lock. So it doesn't come again.
     ZqStatsConsents::require(consent);
     Content content{consent.guid, consent.givenMs, read()};
     change(&content.reports);
-    dropOld(&content.reports);
+    dropOld(&content.reports, own);
     try {
         if (content.reports.isEmpty()) {
             ZqPrivateFile::remove(file);

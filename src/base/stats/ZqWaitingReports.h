@@ -12,7 +12,8 @@
 /// written, raises and stays as it is. Safe from any thread and process.
 class ZqWaitingReports {
 public:
-    /// Reports that wait for one consent, at the most; when there are more, the oldest go. The same number of
+    /// Reports that wait for one consent, at the most; when there are more, the oldest go. The run under way
+    /// counts once it has ended. The same number of
     /// runs is known whose first report the service has, and which may have another one to come.
     static constexpr int64 MAX = 20;
     /// Bytes of a document, so that a full file can still be read.
@@ -51,7 +52,7 @@ public:
     static SxString toText(const Content& content);
 
 private:
-    void update(const std::function<void(List* reports)>& change) const;
+    void update(const SxString& own, const std::function<void(List* reports)>& change) const;
 
     ZqStatsConsent consent;
     SxString file;

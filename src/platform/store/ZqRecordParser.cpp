@@ -52,6 +52,7 @@ size_t Section::find(std::string_view key, size_t place) {
 const char* takeText(const dom::element& value, ZqCell* cell) {
     std::string_view text;
     if (value.get_string().get(text) != simdjson::SUCCESS) return "isn't a text";
+    if (text.find('\0') != std::string_view::npos) return "holds a NUL character";
     if (text.size() > ZqRecordParser::MAX_TEXT) return "has more than 1024 bytes";
     if (!cell->isSet || cell->text < text) cell->text = text;
     return nullptr;

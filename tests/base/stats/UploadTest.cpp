@@ -238,7 +238,8 @@ TEST(Upload, WhatAnotherStatusSaysGoesIntoTheLogHarmless) {
     while (body.size() < 3000)
         body += "é";
     const Sent sent = sendTo(answer("404 None", body), false);
-    EXPECT_EQ(sent.failure, "Failed to upload runtime data.: request failed");
+    EXPECT_EQ(sent.failure,
+              "Failed to upload runtime data.: request failed: The service has answered with the status 404");
     const std::string head =
         "base: ZqRuntimeInfo::upload: response status code = 404\nbase: ZqRuntimeInfo::upload: a";
     EXPECT_THAT(sent.log, StartsWith(head));
