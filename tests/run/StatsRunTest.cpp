@@ -156,6 +156,24 @@ TEST_F(StatsRun, ARunWhoseDriveGoesLeavesARecordThatCanBeRead) {
     EXPECT_TRUE(lastRecord().getElem("startErr").toBool());
 }
 
+TEST_F(StatsRun, TheRunThatGoesOnWithAnApplicationHasARecordOfItsOwn) {
+    hold();
+    auto player = start({"--now"});
+    ASSERT_TRUE(SxWait::pass(20'000, [&] { return hasPlayed(); })) << player->says();
+    player->signal(SIGKILL);
+    player->end();
+    player = start({"--now"});
+    ASSERT_TRUE(SxWait::pass(20'000, [&] { return player->says().find("running") != string::npos; }));
+    release();
+    EXPECT_EQ(player->end(), 0) << player->says();
+    const SxSymbol record = lastRecord();
+    EXPECT_TRUE(record.getElem("started").toBool());
+    EXPECT_EQ(number(record, "startMs"), -1);
+    EXPECT_TRUE(record.getElem("accuracy").hasElem("waits"));
+    EXPECT_FALSE(record.getElem("accuracy").hasElem("judgedMs"));
+    EXPECT_THAT(done({"stats", "show", got}), HasSubstr("reads that waited"));
+}
+
 TEST_F(StatsRun, ReadsThatWaitedAndWereInTimeAreCounted) {
     server->setRate(3'000'000);
     const auto player = start({"--now"});

@@ -68,6 +68,7 @@ TEST(RecordParser, TakesWhatFitsAndTellsWhatDoesNot) {
         {R"({"name":")" + text1024 + "\"}", text1024 + " - - - -"},
         {R"({"name":")" + text1024 + "a\"}", "'name' has more than 1024 bytes"},
         {R"({"name":7})", "'name' isn't a text"},
+        {R"({"name":"a\u0000b"})", "'name' holds a NUL character"},
         {R"({"n":"7"})", "'n' isn't a number"},
         {R"({"n":true})", "'n' isn't a number"},
         {R"({"n":1.5})", "'n' isn't a whole number"},
