@@ -259,11 +259,13 @@ ZqRuntimeInfo ZqImageFeed::getRuntimeInfo() const {
 }
 
 ZqCursorWay ZqImageFeed::getCursorWay() const {
-    return download ? download->getProgress()->getCursorWay() : ZqCursorWay();
+    const SxPtr<ZqImageProgress> progress = download ? download->getProgress() : nullptr;
+    return progress ? progress->getCursorWay() : ZqCursorWay();
 }
 
 void ZqImageFeed::endCursorWay() {
-    if (download) download->getProgress()->endCursorWay();
+    const SxPtr<ZqImageProgress> progress = download ? download->getProgress() : nullptr;
+    if (progress) progress->endCursorWay();
 }
 
 ZqImageFeed::Speeds ZqImageFeed::getSpeeds() const {

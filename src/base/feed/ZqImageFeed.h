@@ -93,7 +93,7 @@ public:
     Speeds getSpeeds() const;
     /// The way of the drive's cursor so far; none for an image that was complete.
     ZqCursorWay getCursorWay() const;
-    /// From now on nobody needs to know more of it.
+    /// From now on nobody needs to know more of it. From start() on.
     void endCursorWay();
     /// Whether something has ended the download that can't be mended, and raises that.
     bool hasFailed() const { return health.hasEnded(); }

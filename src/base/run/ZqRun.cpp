@@ -121,12 +121,11 @@ void ZqRun::run() {
     if (isPlay()) {
         statistics->open();
         ZqStartCheck::require(settings, feed->getApp());
-    } else {
-        feed->endCursorWay(); // nothing is judged
     }
     const bool wasComplete = feed->isComplete();
     const uint64 nPresent = feed->fileSize();
     feed->start();
+    if (!isPlay()) feed->endCursorWay(); // nothing is judged
     result.info.dataAtStart = static_cast<int64>(nPresent);
     phase = Loading;
     if (isPlay()) {

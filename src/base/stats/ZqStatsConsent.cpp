@@ -76,7 +76,8 @@ void ZqStatsConsents::require(const ZqStatsConsent& consent) {
 }
 
 ZqStatsConsent ZqStatsConsents::give(const SxString& guid, const ZqReportTarget& target,
-                                     const SxList<SxString>& sections) {
+                                     const SxList<SxString>& wished) {
+    const SxList<SxString> sections = ZqReportSections::of(wished);
     ZqStatsConsent consent{guid, target, sections, ZqSysEnv::getSysTime()};
     update([&](List* consents) {
         const auto former = findIn(*consents, guid);

@@ -29,7 +29,7 @@ public:
     /// Notes a consent and gives it. With the address and sections of the one that is there, that stays, with
     /// other headers; else it is a new one.
     static ZqStatsConsent give(const SxString& guid, const ZqReportTarget& target,
-                               const SxList<SxString>& sections);
+                               const SxList<SxString>& wished);
     /// Nothing where there is none.
     static void takeBack(const SxString& guid);
 
