@@ -6,6 +6,7 @@
 #include <tavrin/SxFileInfo.h>
 #include <tavrin/ZqFleet.h>
 #include <tavrin/ZqFleetPage.h>
+#include <tavrin/ZqFleetText.h>
 #include <tavrin/ZqReadable.h>
 #include <tavrin/ZqRecordFile.h>
 
@@ -99,21 +100,7 @@ SxString toLine(const ZqFleetGroup& runs, ZqFleetBy by) {
 
 constexpr int64 NAME_WIDTH = 40;
 
-SxString milliseconds(double ms) {
-    return ZqReadable::duration(ZqReadable::whole(ms));
-}
-
-SxString number(double n) {
-    return ZqReadable::count(ZqReadable::whole(n));
-}
-
-SxString speed(double megabits) {
-    return SxString::sprintf("%.1f Mbit/s", megabits);
-}
-
-SxString percent(double part, double whole) {
-    return whole > 0 ? SxString::sprintf("%.1f %%", 100 * part / whole) : SxString("-");
-}
+using ZqFleetText::duration, ZqFleetText::number, ZqFleetText::speed, ZqFleetText::percent;
 
 /// The first `width` characters, or with spaces up to them.
 SxString fitted(const SxString& text, int64 width, bool isRight) {
@@ -135,8 +122,8 @@ struct Figure {
     ZqFleetSpread ZqFleetGroup::*spread;
     SxString (*show)(double value);
 };
-const Figure FIGURES[] = {{"Time to start", &ZqFleetGroup::start, milliseconds},
-                          {"Time to the first frame", &ZqFleetGroup::frame, milliseconds},
+const Figure FIGURES[] = {{"Time to start", &ZqFleetGroup::start, duration},
+                          {"Time to the first frame", &ZqFleetGroup::frame, duration},
                           {"Underflows", &ZqFleetGroup::underflows, number},
                           {"Speed of the download", &ZqFleetGroup::speed, speed},
                           {"There at the start", &ZqFleetGroup::prefix, readableBytes}};

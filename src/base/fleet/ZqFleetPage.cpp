@@ -1,5 +1,6 @@
 #include "ZqFleetPage.h"
 
+#include "ZqFleetText.h"
 #include "ZqPage.h"
 #include "ZqReadable.h"
 
@@ -16,28 +17,14 @@ constexpr int64 FEW = 20;
 constexpr std::array<const char*, ZqFleetFigures::MOST_COURSES> INKS = {"reads", "writes", "needed",
                                                                         "prefix"};
 
-SxString duration(double ms) {
-    return ZqReadable::duration(ZqReadable::whole(ms));
-}
-
-SxString number(double n) {
-    return ZqReadable::count(ZqReadable::whole(n));
-}
+using ZqFleetText::duration, ZqFleetText::number, ZqFleetText::speed, ZqFleetText::percent;
 
 SxString decimal(double n) {
     return SxString::sprintf("%.1f", n);
 }
 
-SxString speed(double megabits) {
-    return decimal(megabits) + " Mbit/s";
-}
-
-SxString percent(double part, double whole) {
-    return whole > 0 ? SxString::sprintf("%.1f %%", 100 * part / whole) : SxString("-");
-}
-
 SxString percent(int64 part, int64 whole) {
-    return percent(static_cast<double>(part), static_cast<double>(whole));
+    return ZqFleetText::percent(static_cast<double>(part), static_cast<double>(whole));
 }
 
 SxString cell(const SxString& text, bool isDim = false) {
