@@ -38,6 +38,12 @@ void writeStatus(const ZqDiskStatus& status, Writer* out) {
     out->number(static_cast<uint64>(status.servicePid)).number(status.madeNs);
 }
 
+void writeList(const std::vector<uint64>& numbers, Writer* out) {
+    out->number(numbers.size());
+    for (const uint64 number : numbers)
+        out->number(number);
+}
+
 /// Names the mount namespace of this process, for clients that compare it with their own: to one of another
 /// namespace a drive that it can't see looks like one that somebody has unmounted a moment ago.
 void writeNamespace(Writer* out) {
@@ -121,10 +127,7 @@ bool Service::handleState(Call call, Reader* request, Writer* answer) {
         const DiskPtr disk = require(request);
         const uint64 room = std::min(request->number(), ZqDriveWire::MAX_INDICES);
         requireWhole(*request);
-        const std::vector<uint64> popped = disk->getVirtualDisk()->popMissing(room);
-        answer->number(popped.size());
-        for (const uint64 zqfIdx : popped)
-            answer->number(zqfIdx);
+        writeList(disk->getVirtualDisk()->popMissing(room), answer);
         return true;
     }
     case Call::Progress: {
