@@ -4,10 +4,6 @@
 #include "ZqFileLock.h"
 #include "ZqReportUpload.h"
 
-namespace {
-constexpr const char* UNIT = "src/base/ZqReportPass";
-}
-
 ZqReportPass::ZqReportPass(const ZqStatsConsent& consent_, SxString own_, const ZqHttpLimits& limits_,
                            Answered answered_)
     : consent(consent_),
