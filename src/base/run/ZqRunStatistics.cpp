@@ -38,7 +38,7 @@ ZqRunStatistics::ZqRunStatistics(const ZqRunSettings& settings_, ZqImageFeed* fe
 ZqRunStatistics::~ZqRunStatistics() = default;
 
 void ZqRunStatistics::check() {
-    if (!settings.stats.url.isEmpty()) ZqReportTarget(settings.stats.url, settings.stats.headers);
+    ZqStatsReporter::check(settings.stats);
     const SxString folder = ZqImageFolder::prefix(image);
     if (!settings.stats.isRefused || SxFSAction::isGone(folder + ZqImageFiles::APP_JSON)) return;
     SxString guid;

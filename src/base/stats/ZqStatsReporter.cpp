@@ -61,8 +61,7 @@ ZqStatsReporter::~ZqStatsReporter() {
     wait();
 }
 
-void ZqStatsReporter::open(const ZqStatsWish& wish, const SxString& guid) {
-    consent.reset();
+void ZqStatsReporter::check(const ZqStatsWish& wish) {
     const bool hasAddress = !wish.url.isEmpty();
     if (wish.isRefused && hasAddress)
         throw SxException("Statistics can't be sent and refused at the same time", UNIT, __LINE__);
@@ -70,9 +69,16 @@ void ZqStatsReporter::open(const ZqStatsWish& wish, const SxString& guid) {
         throw SxException("Headers and sections of statistics need the address that they are for", UNIT,
                           __LINE__);
     }
+    if (hasAddress) ZqReportTarget(wish.url, wish.headers);
+    ZqReportSections::of(wish.sections);
+}
+
+void ZqStatsReporter::open(const ZqStatsWish& wish, const SxString& guid) {
+    check(wish);
+    consent.reset();
     if (wish.isRefused) {
         takeBack(guid);
-    } else if (hasAddress) {
+    } else if (!wish.url.isEmpty()) {
         consent = give(wish, guid);
     } else {
         attempt([&] { consent = ZqStatsConsents::find(guid); });

@@ -32,6 +32,8 @@ public:
     void setLimits(const ZqHttpLimits& limits_) { limits = limits_; }
     void setFacts(Facts facts_) { facts = std::move(facts_); }
 
+    /// Raises what is wrong with a wish, whatever the application.
+    static void check(const ZqStatsWish& wish);
     /// Takes, keeps or takes back the consent of the user to reports of the application `guid`. Without one,
     /// nothing is ever sent. Raises what is wrong with the wish, and where it can't be noted. Without a wish
     /// nothing raises: where the consent can't be read, nothing is sent.
