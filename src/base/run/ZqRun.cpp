@@ -131,6 +131,7 @@ void ZqRun::run() {
     if (isPlay()) {
         sampler = std::make_unique<ZqRunSampler>(*feed, beginNs, nPresent);
         sampler->start();
+        statistics->noteApps(); // while the first bytes come
     }
     feed->fetchRecords(waits->test());
     if (settings.feed.isDownloadOnly) {
@@ -254,7 +255,6 @@ void ZqRun::startApplication() {
     SxWinProcParams process;
     process.path = app.cmd;
     process.args = SxString::join(app.args, " ");
-    statistics->noteApps();
     guard = std::make_unique<ZqCoreAppGuard>(image, *launched, mountPath, process,
                                              ZqAppRunner{settings.runner, mountPath, drive->isWritable()});
     feed->applicationStarts(*launched);

@@ -35,7 +35,7 @@ public:
 
     /// The drive is up, and its trace has begun a moment ago.
     void traceBegins();
-    /// Before the application starts: notes which programs run, where that is to be told.
+    /// At the beginning of the run: notes which programs run, where that is to be told.
     void noteApps();
     /// The application runs. To be called every now and then; once is enough.
     void applicationRuns();
