@@ -360,6 +360,17 @@ bool SxOs::makeDrive(const SxString& path) {
     return hook && hook(path.str());
 }
 
+std::string SxOs::physicalPath(const std::string& path) {
+    std::string there = path, rest, resolved;
+    while (get().canonical(there, &resolved) < 0) {
+        const size_t slash = there.rfind('/');
+        if (slash == std::string::npos || there == "/") return path;
+        rest.insert(0, there.substr(slash));
+        there.erase(std::max<size_t>(slash, 1));
+    }
+    return resolved == "/" && !rest.empty() ? rest : resolved + rest;
+}
+
 std::string SxOs::hostPath(const SxString& path) {
     if (path.isEmpty()) throw SxException("The path is empty", UNIT, __LINE__);
     if (path.str().find('\0') != std::string::npos) {

@@ -126,6 +126,10 @@ public:
     /// The absolute path with all links resolved.
     virtual int canonical(const std::string& path, std::string* result) = 0;
 
+    /// `path` with the links resolved in as much of it as is there; the rest can have none. By the system in
+    /// force.
+    static std::string physicalPath(const std::string& path);
+
     /// The system in force.
     static SxOs& get() noexcept;
     /// The machine's own, to which replacements hand on.

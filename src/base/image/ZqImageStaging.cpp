@@ -18,14 +18,8 @@ constexpr const char* UNIT = "src/base/ZqImageStaging";
 
 /// Folders that `path` lies in, itself included, with all links resolved.
 std::vector<std::string> physicalParents(const SxString& path) {
-    // What doesn't exist yet has no links.
-    SxString existing = SxOs::hostPath(SxFileInfo(path).getAbsPath());
-    std::string rest, resolved;
-    while (SxOs::get().canonical(existing.str(), &resolved) < 0 && !(existing == "/")) {
-        rest.insert(0, "/" + SxFileInfo(existing).getName().str());
-        existing = SxFileInfo(existing).getPath();
-    }
-    resolved = resolved == "/" ? rest : resolved + rest;
+    std::string resolved = SxOs::physicalPath(SxOs::hostPath(SxFileInfo(path).getAbsPath()));
+    if (resolved == "/") resolved.clear();
     std::vector<std::string> parents;
     for (size_t end = resolved.size(); end != std::string::npos && end > 0;
          end = resolved.rfind('/', end - 1)) {

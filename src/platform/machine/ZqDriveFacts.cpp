@@ -49,18 +49,6 @@ void ask(const std::string& path, Found* found) {
     found->isTold = true;
 }
 
-/// The path with the links resolved in as much of it as is there.
-std::string resolve(const std::string& path) {
-    std::string there = path, rest, resolved;
-    while (SxOs::get().canonical(there, &resolved) < 0) {
-        const size_t slash = there.rfind('/');
-        if (slash == std::string::npos || there == "/") return path;
-        rest.insert(0, there.substr(slash));
-        there.erase(std::max<size_t>(slash, 1));
-    }
-    return resolved == "/" && !rest.empty() ? rest : resolved + rest;
-}
-
 } // namespace
 
 ZqDriveFacts ZqDriveFacts::read(const SxString& root) {
@@ -104,7 +92,7 @@ SxString ZqDriveFacts::nameOf(const SxString& path, const SxString& root) {
     if (path.isEmpty()) return SxString();
     try {
         const ZqFactFiles files(root);
-        const std::string resolved = resolve(SxOs::hostPath(SxFileInfo(path).getAbsPath()));
+        const std::string resolved = SxOs::physicalPath(SxOs::hostPath(SxFileInfo(path).getAbsPath()));
         const ZqMountTable table(files.text(TABLE));
         const auto way = table.wayTo(resolved);
         if (way.empty()) return SxString();

@@ -2,6 +2,7 @@
 
 #include "SxException.h"
 #include "SxString.h"
+#include "ZqServiceFolder.h"
 
 #include <algorithm>
 #include <cctype>
@@ -44,7 +45,7 @@ const std::set<std::string_view> NETWORK_TYPES = {"9p",
 const std::set<std::string_view> VOLUME_TYPES = {"zfs", "ubifs", "jffs2"};
 
 bool isNetwork(const Mount& mount) {
-    // davfs and others say no more than that they are FUSE; their source is an address.
+    // davfs and others only say that they are FUSE; their source is an address.
     return NETWORK_TYPES.contains(mount.type) ||
            (mount.type.starts_with("fuse") && mount.source.find("://") != std::string::npos);
 }
@@ -54,22 +55,6 @@ std::string lower(std::string text) {
         if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
     }
     return text;
-}
-
-/// Whether a path lies in the folder of a drive service, of whatever user and machine root: below a folder
-/// "tavrin" or "tavrin-UID" and one that is named by 16 hexadecimal digits.
-bool isInServiceFolder(std::string_view path) {
-    constexpr std::string_view NAME = "/tavrin";
-    constexpr size_t N_DIGITS = 16;
-    for (size_t at = path.find(NAME); at != std::string_view::npos; at = path.find(NAME, at + 1)) {
-        std::string_view rest = path.substr(at + NAME.size());
-        if (rest.starts_with('-')) rest.remove_prefix(std::min(rest.find('/'), rest.size()));
-        if (!rest.starts_with('/')) continue;
-        rest.remove_prefix(1);
-        const size_t nDigits = std::min(rest.find_first_not_of("0123456789abcdef"), rest.size());
-        if (nDigits == N_DIGITS && rest.size() > nDigits && rest[nDigits] == '/') return true;
-    }
-    return false;
 }
 
 std::string_view firstFolder(std::string_view path) {
@@ -93,7 +78,7 @@ void takeLogin(std::string* text, std::set<std::string>* persons) {
     const size_t at = text->rfind('@');
     if (at == std::string::npos) return;
     std::string user = text->substr(0, std::min(text->find(':'), at));
-    user = user.substr(user.find_last_of(";\\") + 1); // behind a domain
+    user = user.substr(user.find_last_of(";\\") + 1); // a domain may come first
     if (!user.empty()) persons->insert(lower(user));
     text->erase(0, at + 1);
 }
@@ -118,7 +103,9 @@ ZqDriveKind::ZqDriveKind(const ZqFactFiles* files_, const ZqMountTable* table_)
     if (!way.empty()) rootMount = way.back();
     for (const Mount& mount : table->getMounts()) {
         // What is bound onto a volume lies on somebody else's drive.
-        if (mount.at.ends_with("/volume") && isInServiceFolder(mount.at)) ourDevices.insert(mount.device);
+        if (mount.at.ends_with(std::string("/") + ZqServiceFolder::VOLUME) &&
+            ZqServiceFolder::isBelow(mount.at))
+            ourDevices.insert(mount.device);
     }
 }
 
@@ -127,8 +114,8 @@ bool ZqDriveKind::mayHang(const Mount& mount) {
 }
 
 bool ZqDriveKind::isOurs(const Mount& mount) {
-    return ourDevices.contains(mount.device) || isInServiceFolder(mount.at) ||
-           isInServiceFolder(mount.source);
+    return ourDevices.contains(mount.device) || ZqServiceFolder::isBelow(mount.at) ||
+           ZqServiceFolder::isBelow(mount.source);
 }
 
 std::optional<Drive> ZqDriveKind::of(const Mount& mount) {
@@ -190,7 +177,7 @@ std::optional<Drive> ZqDriveKind::ofBlockDevice(const std::string& kernelName, c
     const std::string folder = "sys/class/block/" + kernelName + "/";
     const bool isReadOnlyImage = mount.type == "squashfs" || mount.type == "erofs";
     if (kernelName.starts_with("loop")) {
-        if (isReadOnlyImage || isInServiceFolder(files->line(folder + "loop/backing_file")))
+        if (isReadOnlyImage || ZqServiceFolder::isBelow(files->line(folder + "loop/backing_file")))
             return std::nullopt;
     }
     const bool isPartition = files->exists(folder + "partition");

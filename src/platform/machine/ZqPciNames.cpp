@@ -36,7 +36,7 @@ void fail(char* format, ...) {
 void keepQuiet(char* /*format*/, ...) {
 }
 
-/// Null where the library has failed. Holds nothing that a jump would leave behind.
+/// Null where the library has failed. Holds nothing that a jump would leak.
 const char* lookUp(pci_access* access, char* buffer, int size, int flags, int vendorId, int deviceId) {
     if (setjmp(failure.place) != 0) return nullptr; // NOLINT(cert-err52-cpp)
     return ::pci_lookup_name(access, buffer, size, flags, vendorId, deviceId);

@@ -22,7 +22,7 @@ struct Answer {
 };
 
 /// Asks on a thread of its own, since nothing ends a question to a display that has stopped. That thread
-/// stays behind until the display answers or the program ends.
+/// lives until the display answers or the program ends.
 ZqDesktop::Size askDesktop() {
     if (!SxWait::pass(ZqScreenFacts::LIMIT_MS, [] { return !isAsking.exchange(true); })) return {};
     const auto answer = std::make_shared<Answer>();

@@ -14,29 +14,17 @@ namespace {
 
 constexpr const char* UNIT = "src/platform/devctl/wire/ZqServiceFolder";
 
-/// The path with the links resolved in as much of it as exists.
-std::string resolve(const std::string& path) {
-    std::string existing = path, rest, resolved;
-    while (SxOs::get().canonical(existing, &resolved) < 0) {
-        const size_t slash = existing.find_last_of('/');
-        if (slash == std::string::npos || existing == "/") return path;
-        rest.insert(0, existing.substr(slash));
-        existing.erase(std::max<size_t>(slash, 1));
-    }
-    return resolved == "/" ? rest : resolved + rest;
-}
-
 /// With all links resolved, since what lies below is looked for in the kernel's table of mounts; but for our
 /// own folder itself, which must be no link.
 std::string parentFolder() {
-    if (::geteuid() == 0) return resolve("/run") + "/tavrin/";
+    if (::geteuid() == 0) return SxOs::physicalPath("/run") + "/tavrin/";
     const std::string user = std::to_string(::geteuid());
     // What a login session has is found by one without that variable, too.
     const std::string session = "/run/user/" + user;
-    if (::access(session.c_str(), W_OK) == 0) return resolve(session) + "/tavrin/";
+    if (::access(session.c_str(), W_OK) == 0) return SxOs::physicalPath(session) + "/tavrin/";
     const char* runtime = std::getenv("XDG_RUNTIME_DIR");
-    if (runtime && runtime[0] == '/') return resolve(runtime) + "/tavrin/";
-    return resolve("/tmp") + "/tavrin-" + user + "/";
+    if (runtime && runtime[0] == '/') return SxOs::physicalPath(runtime) + "/tavrin/";
+    return SxOs::physicalPath("/tmp") + "/tavrin-" + user + "/";
 }
 
 void makePrivate(const std::string& folder) {
@@ -54,7 +42,7 @@ void makePrivate(const std::string& folder) {
 } // namespace
 
 std::string ZqServiceFolder::of(const std::string& machineRoot) {
-    const std::string root = resolve(machineRoot);
+    const std::string root = SxOs::physicalPath(machineRoot);
     // FNV-1a
     uint64 hash = 14695981039346656037U;
     for (const char c : root)
@@ -66,4 +54,18 @@ void ZqServiceFolder::make(const std::string& folder) {
     const std::string parent = parentFolder();
     makePrivate(parent.substr(0, parent.size() - 1));
     makePrivate(folder.substr(0, folder.size() - 1));
+}
+
+bool ZqServiceFolder::isBelow(std::string_view path) {
+    constexpr std::string_view NAME = "/tavrin";
+    constexpr size_t N_DIGITS = 16;
+    for (size_t at = path.find(NAME); at != std::string_view::npos; at = path.find(NAME, at + 1)) {
+        std::string_view rest = path.substr(at + NAME.size());
+        if (rest.starts_with('-')) rest.remove_prefix(std::min(rest.find('/'), rest.size()));
+        if (!rest.starts_with('/')) continue;
+        rest.remove_prefix(1);
+        const size_t nDigits = std::min(rest.find_first_not_of("0123456789abcdef"), rest.size());
+        if (nDigits == N_DIGITS && rest.size() > nDigits && rest[nDigits] == '/') return true;
+    }
+    return false;
 }

@@ -3,6 +3,7 @@
 #include "SxString.h"
 
 #include <string>
+#include <string_view>
 
 /// The folder of the drive service of one machine root: what its clients and the service itself find there.
 /// Below `/run/tavrin` for root, else below `/run/user/UID/tavrin`, `$XDG_RUNTIME_DIR/tavrin` or
@@ -36,6 +37,9 @@ public:
     /// The folder's host path with a trailing slash and no link in it, for the machine root with that host
     /// path. Neither need exist; a root that is made later keeps its folder.
     static std::string of(const std::string& machineRoot);
+    /// Whether a path lies in such a folder, of whatever user and machine root, by its look alone: below a
+    /// folder "tavrin" or "tavrin-UID" and one that is named by 16 hexadecimal digits.
+    static bool isBelow(std::string_view path);
     /// Makes the folder where it is missing, and raises unless it belongs to the user alone.
     static void make(const std::string& folder);
 };
