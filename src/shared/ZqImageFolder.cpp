@@ -23,6 +23,13 @@ SxString ZqImageFolder::prefix(const SxString& path) {
     return path.endsWith("/") ? path : path + "/";
 }
 
+void ZqImageFolder::requireNoLink(const SxString& path, const SxString& name) {
+    const SxString folder = prefix(path) + name.left("/");
+    if (!SxFileInfo(folder).isLink()) return;
+    throw SxException("'" + folder + "' is a link, and only the image's own folder is written into", UNIT,
+                      __LINE__);
+}
+
 bool ZqImageFolder::holdsImage(const SxString& path) {
     for (const char* name :
          {ZqImageFiles::APP_JSON, ZqImageFiles::IMAGE_JSON, ZqImageFiles::IDX, ZqImageFiles::ZQF,

@@ -16,6 +16,9 @@ public:
     /// could write has written its superblock, which counts. An index that isn't known counts, too. Raises
     /// where that can't be told.
     static bool hasWrittenLayer(const SxString& path);
+    /// Raises where the folder `name` of an image, such as "runs/", is a link: what is to be written there
+    /// would lie somewhere else, and so would what is removed.
+    static void requireNoLink(const SxString& path, const SxString& name);
     /// Raises where fewer than `need` bytes are free on the disk of the folder `path`, which need not exist
     /// yet.
     static void requireSpace(const SxString& path, uint64 need);

@@ -34,6 +34,7 @@ void DriveRun::SetUp() {
     client = bin;
     ::setenv("TAVRIN_ZQDD", (fs::path(bin).parent_path() / "zqdd").c_str(), 1);
     ::setenv("TAVRIN_ZQDD_IDLE_MS", "500", 1);
+    ::setenv("XDG_CONFIG_HOME", dir.path("config").c_str(), 1);
     ::setenv("XDG_STATE_HOME", dir.path("state").c_str(), 1);
     useRoot("root");
     ZqMachineRoot::set(SxString(dir.path("root")));

@@ -142,6 +142,9 @@ TEST_F(StatsRun, ARunWhoseDriveGoesLeavesARecordThatCanBeRead) {
     hold();
     const auto player = start({"--now", "--stats-url", service.url()});
     ASSERT_TRUE(SxWait::pass(20'000, [&] { return hasPlayed(); })) << player->says();
+    const SxSymbol status = parsed(done({"status", got, "--json"}));
+    EXPECT_GT(number(status, "bytesFromFile") + number(status, "bytesDelivered"), 7'000'000);
+    EXPECT_GE(number(status, "waits"), number(status, "held"));
     done({"umount", got});
     EXPECT_EQ(player->end(), 1) << player->says();
     release();
@@ -172,6 +175,18 @@ TEST_F(StatsRun, TheRunThatGoesOnWithAnApplicationHasARecordOfItsOwn) {
     EXPECT_TRUE(record.getElem("accuracy").hasElem("waits"));
     EXPECT_FALSE(record.getElem("accuracy").hasElem("judgedMs"));
     EXPECT_THAT(done({"stats", "show", got}), HasSubstr("reads that waited"));
+}
+
+TEST_F(StatsRun, NothingIsWrittenThroughALinkInThePlaceOfTheRecords) {
+    ASSERT_EQ(start({"--now"})->end(), 0);
+    fs::remove_all(got + "/runs");
+    fs::create_directory(dir.path("elsewhere"));
+    fs::create_directory_symlink(dir.path("elsewhere"), got + "/runs");
+    const auto player = start({"--now"});
+    EXPECT_EQ(player->end(), 1);
+    EXPECT_THAT(player->says(), HasSubstr("/got/runs' is a link"));
+    done({"image", "optimize", got, "--traces"});
+    EXPECT_TRUE(fs::is_empty(dir.path("elsewhere")));
 }
 
 TEST_F(StatsRun, ReadsThatWaitedAndWereInTimeAreCounted) {

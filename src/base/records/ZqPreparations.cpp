@@ -70,6 +70,7 @@ ZqPreparations ZqPreparations::read(const SxString& image) {
 void ZqPreparations::add(const SxString& image, const ZqRuntimeInfo& info) {
     if (!info.patchStats.started && !info.defragStats.started) return;
     try {
+        ZqImageFolder::requireNoLink(image, ZqImageFiles::RUNS);
         const SxPtr<ZqImageLock> alone =
             ZqImageLock::await(image, ZqImageLock::Record, ZqImageLock::Exclusive, "record", PATIENCE_MS);
         ZqPreparations noted = read(image);

@@ -80,6 +80,16 @@ void ZqRecordFile::get(const SxSymbol& object, const char* key, uint64* field) {
     if (elem.isValid()) *field = toUnsigned(elem);
 }
 
+void ZqRecordFile::get(const SxSymbol& object, const char* key, double* field) {
+    const SxSymbol elem = object.getElem(key, false);
+    if (elem.isValid()) *field = elem.toDouble();
+}
+
+void ZqRecordFile::get(const SxSymbol& object, const char* key, bool* field) {
+    const SxSymbol elem = object.getElem(key, false);
+    if (elem.isValid()) *field = elem.toBool();
+}
+
 void ZqRecordFile::get(const SxSymbol& object, const char* key, SxList<SxString>* field) {
     const SxSymbol elem = object.getElem(key, false);
     if (elem.isValid()) *field = elem.toStringList();

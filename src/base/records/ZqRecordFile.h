@@ -29,5 +29,7 @@ public:
     static void get(const SxParserKit::SxSymbol& object, const char* key, SxString* field);
     static void get(const SxParserKit::SxSymbol& object, const char* key, int64* field);
     static void get(const SxParserKit::SxSymbol& object, const char* key, uint64* field);
+    static void get(const SxParserKit::SxSymbol& object, const char* key, double* field);
+    static void get(const SxParserKit::SxSymbol& object, const char* key, bool* field);
     static void get(const SxParserKit::SxSymbol& object, const char* key, SxList<SxString>* field);
 };

@@ -61,8 +61,7 @@ void ZqStreamRecord::read(const SxString& image) {
         ZqRecordFile::get(root, "verifiedTime", &verifiedStamp.modifiedMs);
         ZqRecordFile::get(root, "leftSize", &left.size);
         ZqRecordFile::get(root, "leftTime", &left.modifiedNs);
-        const SxSymbol written = root.getElem("written", false);
-        isWritten = written.isValid() && written.toBool();
+        ZqRecordFile::get(root, "written", &isWritten);
         const SxSymbol launchObject = root.getElem("launch", false);
         if (!launchObject.isValid()) return;
         launch.emplace();

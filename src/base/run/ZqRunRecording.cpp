@@ -31,14 +31,8 @@ ZqRunRecording::ZqRunRecording(const ZqRunSettings& settings)
 }
 
 void ZqRunRecording::requireFolder() const {
-    const auto require = [this](const char* place, const char* what) {
-        if (!SxFileInfo(ZqImageFolder::prefix(image) + SxString(place).left("/")).isLink()) return;
-        throw SxException(SxString("The ") + what + " of '" + image +
-                              "' are a link, and a run writes only into its folder",
-                          UNIT, __LINE__);
-    };
-    if (own) require(ZqImageFiles::TRACES, "traces");
-    if (isPlay) require(ZqImageFiles::RUNS, "records of runs");
+    if (own) ZqImageFolder::requireNoLink(image, ZqImageFiles::TRACES);
+    if (isPlay) ZqImageFolder::requireNoLink(image, ZqImageFiles::RUNS);
 }
 
 void ZqRunRecording::awaitRoom(const ZqImageFeed& feed, ZqRunWait* waits) {

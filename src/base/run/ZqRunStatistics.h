@@ -60,6 +60,6 @@ private:
     std::unique_ptr<const ZqAppParams> known; ///< of an image that couldn't be opened
     bool isOpen = false, toldStart = false;
     uint64 nBefore = 0;  ///< blocks that were there before the run
-    int64 clockMs = 0;   ///< what the machine's clock was ahead of the steady one when the trace began
+    int64 clockMs = 0;   ///< machine's clock minus the steady one, at the trace's begin
     int64 judgedMs = -1; ///< of the run, until when the order is judged; -1 until that is known
 };

@@ -77,7 +77,8 @@ std::vector<SxString> listRecords(const SxString& image) {
     return names;
 }
 
-/// A name behind all others, so that the newest record stays so where the machine's clock was set back.
+/// A name that comes after all others, so that the newest record stays so where the machine's clock was set
+/// back.
 SxString newFile(const SxString& image, const ZqRuntimeInfo& info) {
     const std::vector<SxString> names = listRecords(image);
     SxString time = stamp(info.time0);
@@ -117,16 +118,6 @@ void getTime(const SxSymbol& root, const char* key, int64* field) {
     ZqRecordFile::get(root, key, field);
 }
 
-void get(const SxSymbol& root, const char* key, double* field) {
-    const SxSymbol elem = root.getElem(key, false);
-    if (elem.isValid()) *field = elem.toDouble();
-}
-
-void get(const SxSymbol& root, const char* key, bool* field) {
-    const SxSymbol elem = root.getElem(key, false);
-    if (elem.isValid()) *field = elem.toBool();
-}
-
 void readInfo(const SxSymbol& root, ZqRuntimeInfo* info) {
     const std::initializer_list<std::pair<const char*, int64*>> numbers = {
         {"time0", &info->time0},
@@ -162,15 +153,15 @@ void readInfo(const SxSymbol& root, ZqRuntimeInfo* info) {
         {"clientToken", &info->clientToken}};
     for (const auto& [key, field] : texts)
         ZqRecordFile::get(root, key, field);
-    get(root, "avgSpeed", &info->avgSpeed);
-    get(root, "maxSpeed", &info->maxSpeed);
-    get(root, "sigmaSpeed", &info->sigmaSpeed);
-    get(root, "reqSpeed", &info->reqSpeed);
-    get(root, "coverage", &info->coverage);
-    get(root, "downloadFromZero", &info->downloadFromZero);
-    get(root, "downloadComplete", &info->downloadComplete);
-    get(root, "startErr", &info->startErr);
-    get(root, "endErr", &info->endErr);
+    ZqRecordFile::get(root, "avgSpeed", &info->avgSpeed);
+    ZqRecordFile::get(root, "maxSpeed", &info->maxSpeed);
+    ZqRecordFile::get(root, "sigmaSpeed", &info->sigmaSpeed);
+    ZqRecordFile::get(root, "reqSpeed", &info->reqSpeed);
+    ZqRecordFile::get(root, "coverage", &info->coverage);
+    ZqRecordFile::get(root, "downloadFromZero", &info->downloadFromZero);
+    ZqRecordFile::get(root, "downloadComplete", &info->downloadComplete);
+    ZqRecordFile::get(root, "startErr", &info->startErr);
+    ZqRecordFile::get(root, "endErr", &info->endErr);
     SxList<SxString> apps;
     ZqRecordFile::get(root, "appsAtStart", &apps);
     for (const SxString& app : apps)
@@ -251,6 +242,7 @@ void ZqRunRecord::rewrite() const {
         SxSymbol root = toJson();
         // The folder's place is no matter of the run, and the image may be moved.
         const std::string parent = file.str().substr(0, file.str().size() - N_BELOW);
+        ZqImageFolder::requireNoLink(SxString(parent), ZqImageFiles::RUNS);
         if (traceFolder.startsWith(parent))
             root.setElem("traceFolder", SxString(traceFolder.str().substr(parent.size())));
         if (!info.clientToken.isEmpty()) root.append("clientToken", info.clientToken);
@@ -268,14 +260,14 @@ ZqRunRecord ZqRunRecord::read(const SxString& file) {
         readInfo(root, &record.info);
         ZqRecordFile::get(root, "build", &record.build);
         ZqRecordFile::get(root, "order", &record.order);
-        get(root, "stopped", &record.wasStopped);
+        ZqRecordFile::get(root, "stopped", &record.wasStopped);
         const SxSymbol exit = root.getElem("exitCode", false);
         record.isExitKnown = exit.isValid() && exit.getType() != SxParserAst::Null;
         if (record.isExitKnown) record.info.exitCode = exit.toInt();
         ZqRecordFile::get(root, "lengthMs", &record.lengthMs);
         getTime(root, "startMs", &record.startMs);
         record.wasStarted = record.startMs >= 0;
-        get(root, "started", &record.wasStarted);
+        ZqRecordFile::get(root, "started", &record.wasStarted);
         getTime(root, "firstFrameMs", &record.firstFrameMs);
         getTime(root, "lastWaitMs", &record.lastWaitMs);
         getTime(root, "mountMs", &record.mountMs);
@@ -287,7 +279,7 @@ ZqRunRecord ZqRunRecord::read(const SxString& file) {
         ZqRecordFile::get(root, "bytesTwice", &record.image.nTwice);
         ZqRecordFile::get(root, "requests", &record.link.nRequests);
         ZqRecordFile::get(root, "retries", &record.link.nRetries);
-        get(root, "packed", &record.image.isPacked);
+        ZqRecordFile::get(root, "packed", &record.image.isPacked);
         ZqRecordFile::get(root, "missingBytes", &record.nMissing);
         const SxSymbol judged = root.getElem("accuracy", false);
         if (judged.isValid()) record.accuracy = ZqRunAccuracy::fromJson(judged);

@@ -148,8 +148,7 @@ ZqWaitingReports::Content ZqWaitingReports::parse(const SxString& text) {
     for (const SxSymbol& object : root.getElem("reports").toList()) {
         Report report{object.getElem("id").toString(), object.getElem("token").toString(),
                       object.getElem("post", false), object.getElem("patch", false)};
-        const SxSymbol ended = object.getElem("ended", false);
-        report.isEnded = ended.isValid() && ended.toBool();
+        ZqRecordFile::get(object, "ended", &report.isEnded);
         if (findIn(content.reports, report.id) != content.reports.end())
             throw SxException("There are two reports of one run", UNIT, __LINE__);
         content.reports.append(report);
