@@ -7,7 +7,7 @@
 // A document of a fleet's runs: any bytes are read or told a fault. What was read is known by a key, holds no
 // text that is too long and no number that is too small.
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, size_t size) {
-    // One for all, so that what a document leaves behind meets the next one.
+    // One for all, so that what one document leaves meets the next one.
     static ZqRecordParser parser(ZqFleetColumns::all(), ZqFleetColumns::keys());
     std::vector<char> bytes(size + ZqRecordParser::PADDING);
     if (size > 0) std::memcpy(bytes.data(), data, size);

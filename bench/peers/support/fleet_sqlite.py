@@ -9,7 +9,7 @@ import json
 import sqlite3
 import sys
 
-# Column -> where documents have it; a factor comes behind a star.
+# Column -> where documents have it; a factor comes after a star.
 COLUMNS = {
     "id": "id", "guid": "guid", "time0": "time0", "version": "version", "build": "build", "blockOrder": "order",
     "winVer": "winVer env.winVer", "rteVer": "rteVer", "orgName": "orgName", "nStarts": "nStarts",

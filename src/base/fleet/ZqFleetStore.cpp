@@ -255,7 +255,7 @@ void ZqFleetStore::keep() {
     database.run("DELETE FROM other.runs WHERE key IN (SELECT key FROM taken)");
     database.run("INSERT INTO other.runs SELECT * FROM runs");
     database.run("COMMIT");
-    // Else the runs stay in a second file beside the store, which might be left behind when that is copied.
+    // Else the runs stay in a second file beside the store, which might be forgotten when that is copied.
     database.run("CHECKPOINT other");
 }
 

@@ -19,7 +19,7 @@ public:
                  Answered answered_);
 
     /// Gives whether something was sent; raises what has failed. A report that the service refuses doesn't
-    /// hold up those behind it; where nothing gets through, and after a stop, none of them is tried. Without
+    /// hold up the others; where nothing gets through, and after a stop, none of them is tried. Without
     /// the consent nothing is sent.
     bool run() const;
 

@@ -2,6 +2,7 @@
 
 #include "SxException.h"
 #include "SxFileIO.h"
+#include "SxFileInfo.h"
 #include "SxIndexSet.h"
 #include "ZqBlocks.h"
 #include "ZqCursorWay.h"
@@ -56,19 +57,21 @@ uint64 endOf(const ZqCursorWay& way, int64 endMs) {
 /// Gives each access the ZqF index of its block, in the place of the RAW index, and leaves out those of
 /// blocks that the image doesn't include. The map of a large image has hundreds of megabytes, of which a run
 /// needs little.
-void place(SxFileIO* map, uint64 nRaw, uint64 nIncluded, std::vector<Access>* accesses) {
+void place(const SxString& mapFile, uint64 nRaw, uint64 nIncluded, std::vector<Access>* accesses) {
     std::sort(accesses->begin(), accesses->end(),
               [](const Access& a, const Access& b) { return a.block < b.block; });
+    SxFileIO map(mapFile, "rb");
     SxArray<uint64> window;
     uint64 first = 0;
     size_t n = 0;
     for (Access access : *accesses) {
         if (window.getSize() == 0 || access.block >= first + static_cast<uint64>(window.getSize())) {
             first = access.block / WINDOW * WINDOW;
-            map->seek(static_cast<int64>(first * sizeof(uint64)));
-            map->read(&window, static_cast<int64>(std::min(WINDOW, nRaw - first)));
+            map.seek(static_cast<int64>(first * sizeof(uint64)));
+            map.read(&window, static_cast<int64>(std::min(WINDOW, nRaw - first)));
             if (access.block >= first + static_cast<uint64>(window.getSize()))
-                throw SxException("The map has become shorter while it was read", UNIT, __LINE__);
+                throw SxException("Map '" + mapFile + "' has become shorter while it was read", UNIT,
+                                  __LINE__);
         }
         access.block = ZqTraceFormat::swapIfBig(window(static_cast<int64>(access.block - first)));
         if (access.block < nIncluded) (*accesses)[n++] = access;
@@ -91,11 +94,11 @@ uint64 numberOf(const SxSymbol& object, const char* key) {
 } // namespace
 
 ZqRunAccuracy ZqRunAccuracy::judge(const Question& question) {
-    SxFileIO map(ZqImageFolder::prefix(question.image) + ZqImageFiles::IDX, "rb");
-    const uint64 nRaw = static_cast<uint64>(map.getSize()) / sizeof(uint64);
+    const SxString map = ZqImageFolder::prefix(question.image) + ZqImageFiles::IDX;
+    const uint64 nRaw = static_cast<uint64>(SxFileInfo(map).getSize()) / sizeof(uint64);
     int64 lastMs = 0;
     std::vector<Access> accesses = firstAccesses(question, nRaw, &lastMs);
-    place(&map, nRaw, question.nIncluded, &accesses);
+    place(map, nRaw, question.nIncluded, &accesses);
 
     const int64 endMs = question.isCutOff ? lastMs : std::numeric_limits<int64>::max();
     const uint64 end = std::min(endOf(*question.way, endMs), question.nIncluded);

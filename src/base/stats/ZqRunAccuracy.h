@@ -40,7 +40,7 @@ struct ZqRunAccuracy {
         uint64 nIncluded;       ///< blocks of the complete `img.zqf`
         uint64 nBefore;         ///< of these the first ones were there before the run began
         const ZqCursorWay* way; ///< of the run, up to the trace's end, by the steady clock in milliseconds
-        int64 clockMs;          ///< what a trace's times, since 1970 UTC, are ahead of that clock
+        int64 clockMs;          ///< a trace's times, since 1970 UTC, minus those of that clock
         bool isCutOff;          ///< the trace has ended before the run wanted it to, with its last item
     };
     /// Judges a run by its trace, the map and the cursor's way; `nWaits`, `waitedMs` and `judgedMs` are left

@@ -56,7 +56,7 @@ uint64 ZqRecordFiles::getNRead() const {
 
 bool ZqRecordFiles::next(ZqRecordBatch* batch) {
     SxMutexBlock lock(&mutex);
-    // The bytes behind the last record are never looked at, but they have to be there.
+    // The parser needs room after the last record, whatever lies there.
     batch->buffer.resize(BATCH + ZqRecordParser::PADDING);
     batch->fault = {};
     batch->isWhole = false;

@@ -18,7 +18,7 @@ struct ZqRecordFault {
 class ZqRecordBatch {
 public:
     struct Record {
-        std::string_view text; ///< with PADDING bytes behind it
+        std::string_view text; ///< followed by PADDING bytes
         int64 line = 0;        ///< as in ZqRecordFault
     };
 
@@ -40,7 +40,7 @@ private:
     size_t file = 0;
     ZqRecordFault fault;
     bool isWhole = false;
-    std::string buffer; ///< the bytes, and room behind them
+    std::string buffer; ///< the bytes, and then room for the parser
     size_t begin = 0, end = 0;
     int64 line = 0; ///< number of the one that follows
 };
