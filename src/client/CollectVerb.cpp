@@ -157,13 +157,10 @@ void tellExits(const ZqFleetFigures& figures, Output* out) {
     out->text("");
     out->text(line("Ends", {"runs", "exit not 0", "start failed", "end failed", "stopped"}));
     for (const ZqFleetGroup& group : figures.groups) {
-        const auto n = static_cast<double>(group.nRuns);
-        out->text(line(
-            "  " + figures.nameOf(group),
-            {ZqReadable::count(group.nRuns),
-             percent(static_cast<double>(group.nNonZero), static_cast<double>(group.nExits)),
-             percent(static_cast<double>(group.nStartErr), n), percent(static_cast<double>(group.nEndErr), n),
-             percent(static_cast<double>(group.nStopped), static_cast<double>(group.nStopKnown))}));
+        out->text(line("  " + figures.nameOf(group),
+                       {ZqReadable::count(group.nRuns), percent(group.nNonZero, group.nExits),
+                        percent(group.nStartErr, group.nRuns), percent(group.nEndErr, group.nRuns),
+                        percent(group.nStopped, group.nStopKnown)}));
     }
 }
 

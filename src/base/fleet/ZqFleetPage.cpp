@@ -23,10 +23,6 @@ SxString decimal(double n) {
     return SxString::sprintf("%.1f", n);
 }
 
-SxString percent(int64 part, int64 whole) {
-    return ZqFleetText::percent(static_cast<double>(part), static_cast<double>(whole));
-}
-
 SxString cell(const SxString& text, bool isDim = false) {
     return SxString(isDim ? "<td class=\"dim\">" : "<td>") + ZqFigure::escape(text) + "</td>";
 }

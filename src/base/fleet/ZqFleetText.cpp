@@ -17,3 +17,7 @@ SxString ZqFleetText::speed(double megabits) {
 SxString ZqFleetText::percent(double part, double whole) {
     return whole > 0 ? SxString::sprintf("%.1f %%", 100 * part / whole) : SxString("-");
 }
+
+SxString ZqFleetText::percent(int64 part, int64 whole) {
+    return percent(static_cast<double>(part), static_cast<double>(whole));
+}

@@ -13,5 +13,6 @@ SxString number(double n);
 SxString speed(double megabits);
 /// The share of a part, such as "4.8 %"; "-" of nothing.
 SxString percent(double part, double whole);
+SxString percent(int64 part, int64 whole);
 
 } // namespace ZqFleetText
