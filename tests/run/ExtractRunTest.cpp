@@ -33,8 +33,13 @@ protected:
         if (!IsSkipped()) out = dir.path("games/out");
     }
     string app() const { return out + "/TAVRIN-protected/app"; }
-    /// Starts an extraction, and gives it the signal when its drive is there, which is before its copy has
-    /// its name. Gives its status.
+    /// Makes the application so large that its copy lasts, on any machine, until the signal of `cutOff`.
+    void makeLarge() {
+        std::ofstream(source + "/movie");
+        fs::resize_file(source + "/movie", 256 << 20);
+    }
+    /// Starts an extraction, and gives it the signal when its drive is there, which is
+    /// before its copy has its name. Gives its status.
     int cutOff(const string& image, int signal) {
         const pid_t pid = ::fork();
         if (pid == 0) {
@@ -110,6 +115,7 @@ TEST_P(ExtractedOnEach, theInstallationIsWhatTheDriveShows) {
 }
 
 TEST_F(Extracted, whatAKilledOneLeavesIsTakenAwayByTheNext) {
+    makeLarge();
     const string image = build("image", "erofs");
     TreeSnapshot before = TempDir::snapshotOf(image);
     before.erase("image.lock");
@@ -122,6 +128,7 @@ TEST_F(Extracted, whatAKilledOneLeavesIsTakenAwayByTheNext) {
 }
 
 TEST_F(Extracted, aStoppedOneLeavesAllAsItWas) {
+    makeLarge();
     const string image = build("image", "erofs");
     TreeSnapshot before = TempDir::snapshotOf(image);
     before.erase("image.lock");
