@@ -42,9 +42,13 @@ void replace(const SxString& target, const SxString& staging) {
         if (!SxFSAction::isGone(target + app)) SxFSAction::rm(target + app);
         SxFSAction::syncDir(target);
         removeOld(target, staging, kept);
-        for (const char* name : BLOCKS) {
+        const auto put = [&](const char* name) {
             if (!SxFSAction::isGone(staging + name)) SxFSAction::mv(staging + name, target + name);
-        }
+        };
+        for (const char* name : BLOCKS)
+            put(name);
+        // Not every image has one, so `kept` names it where the new one has: else what stands there is old.
+        put(ZqImageFiles::FILES);
         SxFSAction::syncDir(target);
         SxFSAction::mv(staging + app, target + app);
     }

@@ -7,6 +7,7 @@
 #include "SxSymbol.h"
 #include "ZqAppParams.h"
 #include "ZqBlocks.h"
+#include "ZqFileTable.h"
 #include "ZqFrameDecoder.h"
 #include "ZqImage.h"
 #include "ZqImageFiles.h"
@@ -42,6 +43,7 @@ void ZqImageCheck::main() {
               (sizeZqf < sizeComplete ? 0 : sizeZqf) * (hasPacked ? 2 : 1));
     checkMap();
     checkPackedMap();
+    checkFileTable();
     checkZqf();
     checkPacked();
 }
@@ -133,6 +135,18 @@ void ZqImageCheck::checkPackedMap() {
     } catch (const SxException& e) {
         if (e.hasTag(SxException::STOPPED)) throw;
         addFault("'" + file + "': " + e.what() + "; pack the image again, or remove it");
+    }
+}
+
+void ZqImageCheck::checkFileTable() {
+    if (!haveApp || !haveImage || !ZqFileTable::exists(pathPrefix)) return;
+    try {
+        const auto sizeRaw = static_cast<uint64>(image.sizeRaw);
+        const uint64 nRaw = sizeRaw / ZqBlocks::SIZE + (sizeRaw % ZqBlocks::SIZE != 0 ? 1 : 0);
+        const ZqFileTable table = ZqFileTable::read(pathPrefix, app.checksumMnt, nRaw);
+        notes.append(SxString(ZqImageFiles::FILES) + ": fits this build, " + table.getNFiles() + " files");
+    } catch (const SxException& e) {
+        addFault(SxString(e.what()) + "; remove it, and image order makes another");
     }
 }
 

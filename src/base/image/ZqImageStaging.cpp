@@ -93,6 +93,8 @@ SxList<SxString> ZqImageStaging::findKept(const SxString& buildId) const {
     const bool isWritten = (!mayDiscard || (isSame && gathered.hasLayer)) && gathered.isImageWritten();
     // Records of runs say of which build they are.
     SxList<SxString> kept = {SxString(ZqImageFiles::RUNS).left("/")}, lost;
+    // It goes by the disk's own blocks, too; one that the new image brings takes its place.
+    if (isSame || !SxFSAction::isGone(staging + ZqImageFiles::FILES)) kept << SxString(ZqImageFiles::FILES);
     if (isSame) {
         kept << Gathered::TRACES << ZqImageFiles::TRACES_NOTE;
     } else if (gathered.hasTraces) {
@@ -139,8 +141,8 @@ void ZqImageStaging::discard() const {
     try {
         ZqImageReplacement::takeBack(target);
         if (!folder.isNew()) return;
-        for (const char* name : {ZqImageFiles::ZQF, ZqImageFiles::IDX, ZqImageFiles::IMAGE_JSON,
-                                 ZqImageFiles::APP_JSON, ZqImageFiles::LOCK}) {
+        for (const char* name : {ZqImageFiles::ZQF, ZqImageFiles::IDX, ZqImageFiles::FILES,
+                                 ZqImageFiles::IMAGE_JSON, ZqImageFiles::APP_JSON, ZqImageFiles::LOCK}) {
             if (SxFSAction::exists(target + name)) SxFSAction::rm(target + name);
         }
     } catch (const SxException& e) {

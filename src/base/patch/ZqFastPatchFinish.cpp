@@ -117,6 +117,8 @@ void ZqFastPatch::performLockFinish() {
         // What was true of the old version's blocks alone: one that stays would fail the next mount or
         // verification.
         ZqOrderRemains::remove(imageDir, true, true);
+        if (!SxFSAction::isGone(imageDir + ZqImageFiles::FILES))
+            SxFSAction::rm(imageDir + ZqImageFiles::FILES);
         ZqOrderRemains::renewSyncedSize(imageDir);
         SxFSAction::syncDir(imageDir);
         if (!SxFSAction::isGone(progressFile)) SxFSAction::rm(progressFile);
