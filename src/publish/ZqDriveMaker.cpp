@@ -1,10 +1,14 @@
 #include "ZqDriveMaker.h"
 
 #include "SxException.h"
+#include "SxFileIO.h"
 #include "ZqBlocks.h"
+#include "ZqDriveRows.h"
 #include "ZqErofsMaker.h"
 #include "ZqExt4Maker.h"
 #include "ZqSquashfsMaker.h"
+
+#include <algorithm>
 
 namespace {
 constexpr const char* UNIT = "src/publish/ZqDriveMaker";
@@ -40,7 +44,7 @@ SxString ZqDriveMaker::typeToString(FileSystem type) {
     return NAMES[type];
 }
 
-std::vector<ZqBlockKind> ZqDriveMaker::make(const Job& job) const {
+ZqDriveMaker::Drive ZqDriveMaker::make(const Job& job) const {
     format(job);
     constexpr auto BLOCK = static_cast<int64>(ZqBlocks::SIZE);
     int64 nRaw = 0;
@@ -50,23 +54,21 @@ std::vector<ZqBlockKind> ZqDriveMaker::make(const Job& job) const {
         raw.truncate(nRaw * BLOCK);
         raw.close();
     }
-    std::vector<ZqBlockKind> kinds(static_cast<size_t>(nRaw), ZqBlockKind::Metadata);
-    mark(job, &kinds);
-    return kinds;
+    Drive drive{std::vector<ZqBlockKind>(static_cast<size_t>(nRaw), ZqBlockKind::Metadata), std::nullopt};
+    survey(job, &drive);
+    return drive;
 }
 
-std::string ZqRawReader::read(uint64 offset, uint64 n) {
-    std::string bytes(n, '\0');
-    file.seek(static_cast<int64>(offset));
-    if (file.readBuffer(bytes.data(), static_cast<int64>(n)) != static_cast<int64>(n)) {
-        throw SxException("'" + file.getFilePath() + "' ends before byte " + (offset + n), UNIT, __LINE__);
-    }
-    return bytes;
-}
-
-uint64 ZqRawReader::number(const std::string& bytes, size_t at, size_t nBytes) {
-    uint64 value = 0;
-    for (size_t i = nBytes; i-- > 0;)
-        value = value << 8 | static_cast<unsigned char>(bytes.at(at + i));
-    return value;
+void ZqDriveMaker::followFiles(const Job& job, ZqDriveWalk* walk, Drive* drive) {
+    drive->files.emplace();
+    walk->findNames();
+    walk->visitFiles([&](const ZqDriveWalk::File& file) {
+        const bool isEarly = std::any_of(file.paths.begin(), file.paths.end(),
+                                         [&](const SxString& path) { return job.isEarly(path); });
+        for (const ZqDriveWalk::Extent& extent : file.extents) {
+            const auto begin = drive->kinds.begin() + static_cast<int64>(extent.first);
+            std::fill_n(begin, extent.count, isEarly ? ZqBlockKind::Early : ZqBlockKind::File);
+        }
+        ZqDriveRows::append(file, &*drive->files);
+    });
 }

@@ -1,11 +1,14 @@
 #pragma once
 
-#include "SxFileIO.h"
+#include "SxList.h"
+#include "ZqFileTable.h"
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <vector>
 
+class ZqDriveWalk;
 class ZqSourceTree;
 class ZqTaskMon;
 
@@ -50,9 +53,14 @@ public:
     /// Bytes that the RAW image of `source` takes on the disk beyond its content.
     virtual uint64 getOverhead(const ZqSourceTree& /*source*/, uint64 /*freeBytes*/) const { return 0; }
 
-    /// Makes the RAW image, a whole number of blocks, and gives the kind of each. Blocks of kind File are
-    /// surely no others.
-    std::vector<ZqBlockKind> make(const Job& job) const;
+    struct Drive {
+        std::vector<ZqBlockKind> kinds; ///< by RAW index; what is File is surely no other
+        /// Where the files lie, in no order. None with a file system that packs several files into a block.
+        std::optional<std::vector<ZqFileTable::Row>> files;
+    };
+
+    /// Makes the RAW image, a whole number of blocks.
+    Drive make(const Job& job) const;
 
 protected:
     static constexpr const char* UUID = "5a1f6d0c-8b7e-4c39-9e52-3d6a7f10c4b8";
@@ -60,20 +68,8 @@ protected:
     static constexpr const char* TIME = "1000000000"; ///< of all files; seconds since 1970
 
     virtual void format(const Job& job) const = 0;
-    virtual void mark(const Job& job, std::vector<ZqBlockKind>* kinds) const = 0;
-};
-
-/// Reads numbers, least byte first, and bytes of a RAW image. One thread.
-class ZqRawReader {
-public:
-    explicit ZqRawReader(const SxString& path) : file(path, "rb") {}
-
-    int64 getSize() const { return file.getSize(); }
-    /// Reads `n` bytes at `offset`; raises where the image ends before.
-    std::string read(uint64 offset, uint64 n);
-    /// The number of `nBytes` bytes at `at` in `bytes`.
-    static uint64 number(const std::string& bytes, size_t at, size_t nBytes);
-
-private:
-    SxFileIO file;
+    /// Finds what `drive` is to have. All its blocks are Metadata so far.
+    virtual void survey(const Job& job, Drive* drive) const = 0;
+    /// The same by a walk of the fresh drive.
+    static void followFiles(const Job& job, ZqDriveWalk* walk, Drive* drive);
 };

@@ -9,7 +9,7 @@ class ZqExt4Maker : public ZqDriveMaker {
 protected:
     uint64 getOverhead(const ZqSourceTree& source, uint64 freeBytes) const override;
     void format(const Job& job) const override;
-    void mark(const Job& job, std::vector<ZqBlockKind>* kinds) const override;
+    void survey(const Job& job, Drive* drive) const override;
 
 private:
     /// Gives all inodes the fixed time and owner by debugfs, since `mke2fs -d` takes them from the tree.

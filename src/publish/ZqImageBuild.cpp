@@ -337,9 +337,9 @@ void ZqImageBuild::requireSpace(const ZqSourceTree& tree, const ZqDriveMaker& ma
     ZqImageFolder::requireSpace(target, need);
 }
 
-std::vector<ZqBlockKind> ZqImageBuild::makeDrive(const ZqSourceTree& tree, const ZqDriveMaker& maker,
-                                                 const SxString& scratch, const SxString& raw,
-                                                 const ZqAppParams& app) {
+ZqDriveMaker::Drive ZqImageBuild::makeDrive(const ZqSourceTree& tree, const ZqDriveMaker& maker,
+                                            const SxString& scratch, const SxString& raw,
+                                            const ZqAppParams& app) {
     const SxString root = scratch + "tree/", ready = root + ZqDriveLayout::READY_FILE;
     ZqSourceTree::makeFolder(root);
     ZqSourceTree::makeFolder(root + ZqDriveLayout::PROTECTED_DIR);
@@ -356,11 +356,11 @@ std::vector<ZqBlockKind> ZqImageBuild::makeDrive(const ZqSourceTree& tree, const
         if (SxOs::get().stat(SxOs::hostPath(raw), &info) < 0) return;
         setNCurrent(before + std::min(static_cast<uint64>(info.allocated), tree.getBytes()));
     };
-    std::vector<ZqBlockKind> kinds = maker.make({toolPath(root), toolPath(raw), toolPath(scratch), &tree,
-                                                 earlyPaths(app), this, look, options.freeBytes});
+    ZqDriveMaker::Drive drive = maker.make({toolPath(root), toolPath(raw), toolPath(scratch), &tree,
+                                            earlyPaths(app), this, look, options.freeBytes});
     setNCurrent(before + tree.getBytes());
     SxFSAction::rm_r(root);
-    return kinds;
+    return drive;
 }
 
 void ZqImageBuild::build(const ZqSourceTree& tree, const ZqDriveMaker& maker, const ZqAppParams& record) {
@@ -372,17 +372,17 @@ void ZqImageBuild::build(const ZqSourceTree& tree, const ZqDriveMaker& maker, co
     SxFSAction::mkdir_p(scratch, 0700);
     const SxString raw = keptRaw ? keptRaw->getPath() : scratch + ZqRawFile::NAME;
 
-    std::vector<ZqBlockKind> kinds;
+    ZqDriveMaker::Drive drive;
     try {
-        kinds = makeDrive(tree, maker, scratch, raw, record);
+        drive = makeDrive(tree, maker, scratch, raw, record);
     } catch (const SxException& e) {
         if (stopRequested()) throw;
         throw SxException(e, "Cannot make a drive of the folder '" + source + "'", UNIT, __LINE__);
     }
-    nRaw = kinds.size();
+    nRaw = drive.kinds.size();
     // An order takes a second pass; see runByTrace().
     setNTotal(getNCurrent() + nRaw * static_cast<uint64>(BLOCK) * (options.trace.isEmpty() ? 1 : 2));
-    Cutter cutter(raw, folder, kinds, this);
+    Cutter cutter(raw, folder, drive.kinds, this);
     ZqAppParams app = record;
     if (options.trace.isEmpty()) {
         cutter.run();
@@ -407,6 +407,7 @@ void ZqImageBuild::build(const ZqSourceTree& tree, const ZqDriveMaker& maker, co
     app.checksumMnt = cutter.rawDigest;
     app.checksumIdx = SxMd5::file(folder + ZqImageFiles::IDX, nullptr);
     app.write(folder);
+    if (drive.files) ZqFileTable(app.checksumMnt, nRaw, std::move(*drive.files)).write(folder);
     if (keptRaw) SxFileIO(raw, "r+b").sync();
     SxFSAction::rm_r(scratch);
     refuseStop();

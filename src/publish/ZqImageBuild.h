@@ -72,8 +72,8 @@ private:
     void requireSpace(const ZqSourceTree& tree, const ZqDriveMaker& maker) const;
     void build(const ZqSourceTree& tree, const ZqDriveMaker& maker, const ZqAppParams& app);
     /// Makes the drive's file system in the file `raw`.
-    std::vector<ZqBlockKind> makeDrive(const ZqSourceTree& tree, const ZqDriveMaker& maker,
-                                       const SxString& scratch, const SxString& raw, const ZqAppParams& app);
+    ZqDriveMaker::Drive makeDrive(const ZqSourceTree& tree, const ZqDriveMaker& maker,
+                                  const SxString& scratch, const SxString& raw, const ZqAppParams& app);
     void refuseBadTrace() const;
     SxString tracePrefix() const;
     void refuseStop() const;

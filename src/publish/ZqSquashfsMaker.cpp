@@ -2,7 +2,9 @@
 
 #include "SxException.h"
 #include "SxFSAction.h"
+#include "SxFileIO.h"
 #include "ZqBlocks.h"
+#include "ZqDriveReader.h"
 
 #include <algorithm>
 
@@ -45,19 +47,19 @@ void ZqSquashfsMaker::format(const Job& job) const {
              {}, job.scratch + "mkfs.log", *job.monitor, job.look);
 }
 
-void ZqSquashfsMaker::mark(const Job& job, std::vector<ZqBlockKind>* kinds) const {
+void ZqSquashfsMaker::survey(const Job& job, Drive* drive) const {
     const std::string super = ZqRawReader(job.raw).read(0, SUPERBLOCK);
-    if (ZqRawReader::number(super, 0, 4) != 0x73717368) {
+    if (ZqDriveReader::number(super, 0, 4) != 0x73717368) {
         throw SxException("'" + job.raw + "' holds no squashfs", UNIT, __LINE__);
     }
     // The tables follow all content. Content that doesn't get smaller is stored as it is, so the early files
     // take at most the sum of their sizes.
-    const uint64 tables = ZqRawReader::number(super, 64, 8);
+    const uint64 tables = ZqDriveReader::number(super, 64, 8);
     uint64 early = SUPERBLOCK + OPTIONS;
     for (const SxFileInfo& info : SxFSAction::find(job.tree + "*")) {
         if (!info.isLink() && info.isFile() && job.isEarly(info.getRelPath(job.tree)))
             early += static_cast<uint64>(info.getSize());
     }
-    for (uint64 rawIdx = 1; rawIdx < std::min<uint64>(tables / BLOCK, kinds->size()); ++rawIdx)
-        kinds->at(rawIdx) = rawIdx * BLOCK < early ? ZqBlockKind::Early : ZqBlockKind::File;
+    for (uint64 rawIdx = 1; rawIdx < std::min<uint64>(tables / BLOCK, drive->kinds.size()); ++rawIdx)
+        drive->kinds.at(rawIdx) = rawIdx * BLOCK < early ? ZqBlockKind::Early : ZqBlockKind::File;
 }

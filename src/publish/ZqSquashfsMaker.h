@@ -9,7 +9,7 @@
 class ZqSquashfsMaker : public ZqDriveMaker {
 protected:
     void format(const Job& job) const override;
-    void mark(const Job& job, std::vector<ZqBlockKind>* kinds) const override;
+    void survey(const Job& job, Drive* drive) const override;
 
 private:
     const ZqTool mkfs{"mksquashfs", "squashfs-tools"};

@@ -1,0 +1,121 @@
+#include "ZqDriveFiles.h"
+
+#include "SxException.h"
+#include "ZqBlocks.h"
+#include "ZqDriveRows.h"
+#include "ZqErofsWalk.h"
+#include "ZqExt4Walk.h"
+#include "ZqImageFiles.h"
+#include "ZqImageFolder.h"
+
+#include <algorithm>
+#include <memory>
+
+namespace {
+
+constexpr const char* UNIT = "src/publish/ZqDriveFiles";
+constexpr uint64 BLOCK = ZqBlocks::SIZE;
+constexpr uint64 SQUASHFS_MAGIC = 0x73717368;
+constexpr size_t MD5_TEXT = 32;
+
+/// Reads the drive of an image as far as `map` goes. Blocks that aren't included are zeros.
+class ImageReader : public ZqDriveReader {
+public:
+    ImageReader(const SxString& folder, const SxArray<uint64>& map_)
+        : ZqDriveReader(folder),
+          map(map_),
+          zqf(folder + ZqImageFiles::ZQF, "rb") {
+        size = static_cast<uint64>(map.getSize()) * BLOCK;
+    }
+
+protected:
+    void fetch(uint64 offset, char* bytes, uint64 n) override {
+        while (n > 0) {
+            const uint64 inBlock = offset % BLOCK, count = std::min(n, BLOCK - inBlock);
+            const uint64 zqfIdx = map(static_cast<int64>(offset / BLOCK));
+            if (zqfIdx == ZqImage::NO_ENTRY) {
+                std::fill_n(bytes, count, '\0');
+            } else {
+                readAt(zqfIdx, inBlock, bytes, count);
+            }
+            offset += count;
+            bytes += count;
+            n -= count;
+        }
+    }
+
+private:
+    void readAt(uint64 zqfIdx, uint64 inBlock, char* bytes, uint64 n) {
+        // A wild entry must not overflow the offset.
+        const bool isThere = zqfIdx < static_cast<uint64>(zqf.getSize()) / BLOCK;
+        if (isThere) zqf.seek(static_cast<int64>(zqfIdx * BLOCK + inBlock));
+        if (isThere && zqf.readBuffer(bytes, static_cast<int64>(n)) == static_cast<int64>(n)) return;
+        throw SxException("'" + zqf.getFilePath() + "' ends before block " + zqfIdx, UNIT, __LINE__);
+    }
+
+    const SxArray<uint64>& map;
+    SxFileIO zqf;
+};
+
+SxString whyNotState(const ZqImageInfo& info) {
+    if (info.state == ZqImageInfo::Optimizing || info.state == ZqImageInfo::Patching) {
+        return "the image is being changed";
+    }
+    if (info.storage.split || info.storage.joining) return "the image is split";
+    if (info.state != ZqImageInfo::Complete) return "the image isn't complete";
+    if (info.app.checksumMnt.str().size() != MD5_TEXT) return "app.json names no build (checksums.mnt)";
+    return {};
+}
+
+SxString whyNotDrive(ZqDriveReader* reader) {
+    if (ZqErofsWalk::isThat(reader) || ZqExt4Walk::isThat(reader)) return {};
+    if (ZqDriveReader::number(reader->read(0, 4), 0, 4) == SQUASHFS_MAGIC) {
+        return "squashfs packs several files into a block";
+    }
+    return "the image holds no file system that is known";
+}
+
+std::unique_ptr<ZqDriveWalk> walkOf(ZqDriveReader* reader) {
+    if (ZqErofsWalk::isThat(reader)) return std::make_unique<ZqErofsWalk>(reader);
+    return std::make_unique<ZqExt4Walk>(reader);
+}
+
+} // namespace
+
+ZqDriveFiles::Found ZqDriveFiles::find(const SxString& image) {
+    return find(image, ZqImageInfo(image), ZqImage(ZqImageFolder::prefix(image)).getMap());
+}
+
+ZqDriveFiles::Found ZqDriveFiles::find(const SxString& image, const ZqImageInfo& info,
+                                       const SxArray<uint64>& map) {
+    Found found{std::nullopt, whyNotState(info)};
+    if (!found.why.isEmpty()) return found;
+    try {
+        ImageReader reader(ZqImageFolder::prefix(image), map);
+        found.why = whyNotDrive(&reader);
+        if (!found.why.isEmpty()) return found;
+        std::vector<ZqFileTable::Row> rows;
+        const std::unique_ptr<ZqDriveWalk> walk = walkOf(&reader);
+        walk->findNames();
+        walk->visitFiles([&](const ZqDriveWalk::File& file) { ZqDriveRows::append(file, &rows); });
+        found.table = ZqFileTable(info.app.checksumMnt, info.nRaw, std::move(rows));
+    } catch (const SxException& e) {
+        found.why = e.what();
+    }
+    return found;
+}
+
+SxString ZqDriveFiles::whyNot(const SxString& image, const ZqImageInfo& info) {
+    const SxString state = whyNotState(info);
+    if (!state.isEmpty()) return state;
+    const SxString folder = ZqImageFolder::prefix(image);
+    try {
+        SxFileIO idx(folder + ZqImageFiles::IDX, "rb");
+        SxArray<uint64> first;
+        idx.read(&first, 1);
+        ImageReader reader(folder, first);
+        return whyNotDrive(&reader);
+    } catch (const SxException& e) {
+        return e.what();
+    }
+}

@@ -1,0 +1,82 @@
+#pragma once
+
+#include "SxIndexSet.h"
+#include "ZqDriveReader.h"
+
+#include <functional>
+#include <string_view>
+#include <vector>
+
+/// Follows all folders of a drive's file system down to the blocks of its files. The drive may be damaged, or
+/// made to do harm: every number is checked before it is used, no folder is entered twice, no path is longer
+/// than MAX_PATH, and neither names nor blocks are more than the drive can have. One thread.
+class ZqDriveWalk {
+public:
+    /// Bytes of a path; more than any system opens.
+    static constexpr uint64 MAX_PATH = 8192;
+
+    /// RAW blocks.
+    struct Extent {
+        uint64 first, count;
+        bool operator==(const Extent&) const = default;
+    };
+    struct File {
+        std::vector<SxString> paths; ///< its names, relative to the drive's root, sorted by their bytes
+        uint64 size = 0;             ///< bytes
+        std::vector<Extent> extents; ///< in the file's order, as few as can be; without holes
+    };
+
+    virtual ~ZqDriveWalk() = default;
+    ZqDriveWalk(const ZqDriveWalk&) = delete;
+    ZqDriveWalk& operator=(const ZqDriveWalk&) = delete;
+
+    /// Finds the names of all files, which comes first. Raises where the drive is damaged, naming it.
+    void findNames();
+    /// Shows each file once, in the order of their inodes. Raises as findNames() does.
+    void visitFiles(const std::function<void(const File&)>& visit);
+
+protected:
+    enum class Kind { File, Folder, Other };
+
+    explicit ZqDriveWalk(ZqDriveReader* reader_) : reader(reader_) {}
+
+    /// Calls add() for each name in a folder but "." and "..".
+    virtual void listFolder(uint64 inode) = 0;
+    /// Sets size and extents.
+    virtual void readFile(uint64 inode, File* file) = 0;
+
+    void setRoot(uint64 inode) { rootInode = inode; }
+    void add(uint64 inode, Kind kind, std::string_view name);
+    /// To be called for the blocks that something has for itself; raises where they lie beyond the drive, and
+    /// where all together are more than it has.
+    void takeBlocks(uint64 firstRaw, uint64 count);
+    static void append(std::vector<Extent>* extents, const Extent& next);
+    /// `what` is a clause.
+    SxException damage(const SxString& what, int line) const;
+
+    ZqDriveReader* reader;
+
+private:
+    struct Folder {
+        uint64 inode;
+        size_t parent;
+        uint64 pathLength; ///< bytes, with a trailing slash
+        std::string name;
+    };
+    struct Name {
+        uint64 inode;
+        size_t folder;
+        std::string name;
+    };
+
+    SxString pathIn(size_t folder, const std::string& name);
+
+    uint64 rootInode = 0;
+    std::vector<Folder> folders; ///< the root comes first
+    std::vector<Name> names;
+    SxIndexSet entered{0};          ///< inodes of folders
+    size_t current = 0;             ///< the folder that is listed
+    uint64 nBlocks = 0, nBytes = 0; ///< taken; of names
+    size_t lastFolder = 0;          ///< that of `lastPath`
+    std::string lastPath;
+};
