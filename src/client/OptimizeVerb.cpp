@@ -1,13 +1,14 @@
 #include "App.h"
 #include "Job.h"
+#include "OrderText.h"
 #include "PrivateFolder.h"
 #include "Verbs.h"
 
 #include <tavrin/ZqImageFolder.h>
 #include <tavrin/ZqImageOptimize.h>
+#include <tavrin/ZqImageOrder.h>
 #include <tavrin/ZqIndexFetch.h>
 #include <tavrin/ZqReadable.h>
-#include <tavrin/ZqRunsOrder.h>
 #include <tavrin/ZqUrlText.h>
 
 namespace {
@@ -30,10 +31,11 @@ const char* modeText(ZqImageOptimize::Mode mode) {
     }
 }
 
-using LeftRuns = SxList<ZqRunsOrder::Left>;
+using LeftTraces = std::vector<ZqLeftTrace>;
 
 /// What the job has come to, or would come to; `left` are the runs that the order doesn't come from.
-SxParserKit::SxSymbol describe(const ZqImageOptimize::Result& result, double seconds, const LeftRuns& left) {
+SxParserKit::SxSymbol describe(const ZqImageOptimize::Result& result, double seconds,
+                               const LeftTraces& left) {
     SxParserKit::SxSymbol object;
     object.setType(SxParserAst::Object);
     object.append("mode", modeText(result.mode));
@@ -51,13 +53,7 @@ SxParserKit::SxSymbol describe(const ZqImageOptimize::Result& result, double sec
     object.append("bytesPerSecond", seconds > 0 ? static_cast<double>(result.bytes) / seconds : 0.0);
     object.append("resumed", result.isResumed);
     if (!result.indexLeft.isEmpty()) object.append("indexLeft", result.indexLeft);
-    if (left.isEmpty()) return object;
-    SxParserKit::SxSymbol runs = object.append("leftOut", SxParserAst::Array);
-    for (const ZqRunsOrder::Left& run : left) {
-        SxParserKit::SxSymbol each = runs.append(SxParserAst::Object);
-        each.append("name", run.name);
-        each.append("why", run.why);
-    }
+    appendLeft(&object, left);
     return object;
 }
 
@@ -111,18 +107,23 @@ SxString findConflict(const OptimizeOptions& options) {
 
 /// Makes the index folder where there is none yet, in `place`; gives it. Its name for texts goes to `name`,
 /// runs that it doesn't come from to `left`.
-SxString makeIndex(const OptimizeOptions& options, const PrivateFolder& place, SxString* name, LeftRuns* left,
-                   Output* out) {
+SxString makeIndex(const OptimizeOptions& options, const PrivateFolder& place, SxString* name,
+                   LeftTraces* left, Output* out) {
     if (options.byTraces) {
-        ZqRunsOrder order(options.image, place.path);
+        *name = ZqImageFolder::prefix(options.image) + "traces/";
+        const SxList<SxString> traces = ZqImageOrder::findTraces(options.image);
+        if (traces.isEmpty()) {
+            throw SxException("'" + *name + "' holds no trace of a run that the order could come from", UNIT,
+                              __LINE__);
+        }
+        const SxString index = place.path + "index/";
+        ZqImageOrder order(options.image, traces, index);
         runJob(&order, "order", *out);
         if (!order.isComplete()) throw SxException("stopped", UNIT, __LINE__);
-        out->text("The order comes from " + ZqReadable::counted(order.getNTraces(), "trace", "traces") + ".");
         *left = order.getLeft();
-        for (const ZqRunsOrder::Left& run : *left)
-            out->text("Left out: '" + run.name + "' " + run.why);
-        *name = ZqImageFolder::prefix(options.image) + "traces/";
-        return order.getIndex();
+        tellLeft(*left, out);
+        out->text(basisText(*order.getBasis()));
+        return index;
     }
     *name = ZqImageFolder::prefix(options.index);
     if (!ZqUrlText::isAddress(options.index)) return options.index;
@@ -132,7 +133,7 @@ SxString makeIndex(const OptimizeOptions& options, const PrivateFolder& place, S
     return place.path;
 }
 
-int finish(ZqImageOptimize* job, bool isForecast, const LeftRuns& left, Output* out) {
+int finish(ZqImageOptimize* job, bool isForecast, const LeftTraces& left, Output* out) {
     const double seconds = runJob(job, "optimize", *out);
     if (job->hasFailure()) throw job->getFailure();
     const ZqImageOptimize::Result& result = job->getResult();
@@ -160,7 +161,7 @@ int optimize(const OptimizeOptions& options, Output& out) {
     }
     const PrivateFolder place;
     SxString name;
-    LeftRuns left;
+    LeftTraces left;
     const SxString index = makeIndex(options, place, &name, &left, &out);
     ZqImageOptimize job(options.image, index);
     if (!options.consume) job.keepIndex(name);

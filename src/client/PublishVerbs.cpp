@@ -1,5 +1,6 @@
 #include "App.h"
 #include "Job.h"
+#include "OrderText.h"
 #include "Verbs.h"
 
 #include <tavrin/ZqBlocks.h>
@@ -23,7 +24,8 @@ struct PackOptions {
 };
 
 struct OrderOptions {
-    SxString image, trace, index;
+    SxString image;
+    SxList<SxString> words; ///< traces, and the index folder after them
 };
 
 struct RawOptions {
@@ -42,6 +44,7 @@ SxParserKit::SxSymbol describe(const ZqImageBuild& job, double seconds) {
     blocks.append("included", job.getNIncluded());
     blocks.append("named", job.getNNamed());
     result.append("sizeMnt", job.getSizeMnt());
+    appendLeft(&result, job.getLeft());
     result.append("seconds", seconds);
     return result;
 }
@@ -60,8 +63,9 @@ int build(const BuildOptions& options, Output& out) {
              " files: " + job.getNIncluded() + " of " + job.getNRaw() + " blocks included, " +
              exactBytes(bytes) + SxString::sprintf(", in %.1f s.", seconds));
     out.text("A mount needs the first " + exactBytes(job.getSizeMnt()) + ".");
-    if (!options.build.trace.isEmpty()) {
-        out.text("The trace gives the place of the next " + SxString(job.getNNamed()) + " blocks.");
+    tellLeft(job.getLeft(), &out);
+    if (!options.build.traces.isEmpty()) {
+        out.text("The traces give the place of the next " + SxString(job.getNNamed()) + " blocks.");
     }
     if (job.getNSkipped() > 0) {
         out.text("Passed over " + SxString(job.getNSkipped()) +
@@ -72,31 +76,52 @@ int build(const BuildOptions& options, Output& out) {
     return ExitSuccess;
 }
 
+SxParserKit::SxSymbol describe(const ZqImageOrder& job, double seconds) {
+    const ZqAppParams& app = job.getApp();
+    SxParserKit::SxSymbol result;
+    result.setType(SxParserAst::Object);
+    SxParserKit::SxSymbol blocks = result.append("blocks", SxParserAst::Object);
+    blocks.append("raw", job.getNRaw());
+    blocks.append("included", job.getNIncluded());
+    blocks.append("front", job.getNFront());
+    blocks.append("named", job.getNCore() + job.getNTail());
+    blocks.append("core", job.getNCore());
+    blocks.append("near", job.getNNear());
+    result.append("sizeZqf", app.sizeZqf);
+    result.append("sizeMnt", app.sizeMnt);
+    result.append("digest", job.hasDigest());
+    result.append("points", app.loadprofile.getSize());
+    appendOrder(&result, job.getBasis());
+    appendLeft(&result, job.getLeft());
+    result.append("seconds", seconds);
+    return result;
+}
+
 int order(const OrderOptions& options, Output& out) {
-    ZqImageOrder job(options.image, options.trace, options.index);
+    SxList<SxString> traces = options.words;
+    const SxString index = traces.last();
+    traces.removeLast();
+    if (traces.isEmpty()) {
+        Output::failure("Give one TRACE or several, and INDEX after them");
+        return ExitUsage;
+    }
+    ZqImageOrder job(options.image, traces, index);
     const double seconds = runJob(&job, "order", out);
     if (!job.isComplete()) throw SxException("stopped", UNIT, __LINE__);
 
     const ZqAppParams& app = job.getApp();
-    if (out.getMode().json) {
-        SxParserKit::SxSymbol result;
-        result.setType(SxParserAst::Object);
-        SxParserKit::SxSymbol blocks = result.append("blocks", SxParserAst::Object);
-        blocks.append("raw", job.getNRaw());
-        blocks.append("included", job.getNIncluded());
-        blocks.append("front", job.getNFront());
-        blocks.append("named", job.getNNamed());
-        blocks.append("near", job.getNNear());
-        result.append("sizeZqf", app.sizeZqf);
-        result.append("sizeMnt", app.sizeMnt);
-        result.append("digest", job.hasDigest());
-        result.append("points", app.loadprofile.getSize());
-        result.append("seconds", seconds);
-        out.object(result);
-    }
+    if (out.getMode().json) out.object(describe(job, seconds));
+    tellLeft(job.getLeft(), &out);
+    const uint64 nRest = job.getNIncluded() - job.getNFront() - job.getNCore() - job.getNTail();
     out.text(SxString("Put ") + job.getNIncluded() + " blocks in order: " + job.getNFront() +
-             " for a mount, " + job.getNNamed() + " by the trace, " + job.getNNear() + " near these" +
-             SxString::sprintf(", in %.1f s.", seconds));
+             " for a mount, " + job.getNCore() + " that a run most likely reads, " + job.getNTail() +
+             " that some have read, " + nRest + " others" + SxString::sprintf(", in %.1f s.", seconds));
+    if (job.getBasis()) out.text(basisText(*job.getBasis()));
+    if (!job.getWhyNoFiles().isEmpty()) {
+        out.text("Blocks that no run has read are put in order by how close they stand to others, since the "
+                 "image " +
+                 job.getWhyNoFiles() + ".");
+    }
     out.text(SxString("The load profile has ") + app.loadprofile.getSize() + " points, from " +
              exactBytes(app.loadprofile.first().size) + " at the start to " +
              exactBytes(app.loadprofile.last().size) + " after " + app.loadprofile.last().time + " s.");
@@ -166,17 +191,20 @@ void registerPublishVerbs(Family* image) {
         .text("--raw", &what.rawDir, "DIR", "Keep the drive as img.raw in this folder")
         .flag("--discard", &what.mayDiscard,
               "Also where traces of runs, or what drives have written, go: with other files they do")
-        .text("--order", &what.trace, "TRACE", "Order the image by this trace of an image of the same files")
+        .texts("--order", &what.traces, "TRACE",
+               "Order the image by this trace of a run of an image of the same files; may be given again")
         .action([building](Output& out) { return build(*building, out); });
 
     auto ordering = SxPtr<OrderOptions>::create();
     image
-        ->verb("order", "Work out a new order from a trace, as an index folder",
-               "tavrin trace merge merged games/alpha/traces/*\n"
-               "  tavrin image order games/alpha merged orders/alpha")
+        ->verb("order", "Work out a new order from traces of runs, as an index folder",
+               "tavrin image order games/alpha games/alpha/traces/* orders/alpha")
         .argument("IMAGE", &ordering->image, "Image folder")
-        .argument("TRACE", &ordering->trace, "Trace folder, as a rule what trace merge made of several runs")
-        .argument("INDEX", &ordering->index, "Folder to make")
+        .arguments(
+            "TRACE... INDEX", &ordering->words,
+            "Trace folders, each of a single run, and after them the folder to make. A merged trace "
+            "counts as one run: it can't tell how many runs have read a block, nor which blocks are read "
+            "together")
         .action([ordering](Output& out) { return order(*ordering, out); });
 
     auto packing = SxPtr<PackOptions>::create();

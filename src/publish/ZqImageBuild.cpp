@@ -97,23 +97,26 @@ public:
         writeMap(map);
     }
 
-    /// The same in the order that the trace gives to the image `name`. It reads the drive twice: which blocks
-    /// are zeros, and the build id, which the trace must be of, are known only after the first pass.
-    ZqBlockOrder runByTrace(const SxString& trace, const SxString& name) {
-        ZqBlockOrder::Image image{name, {}, std::vector<bool>(kinds.size()), {}};
+    /// The same in the order that the traces give to the image `name`, whose files lie in `rows` where these
+    /// are known. It reads the drive twice: which blocks are zeros, and the build id, which traces must be
+    /// of, are known only after the first pass.
+    ZqBlockOrder runByTraces(const SxList<SxString>& traces, const SxString& name,
+                             const std::optional<std::vector<ZqFileTable::Row>>& rows) {
+        ZqOrderImage image{name, {}, std::vector<bool>(kinds.size()), {}, {}};
         survey(&image.included);
         image.buildId = rawDigest;
+        if (rows) image.files.emplace(rawDigest, kinds.size(), *rows);
         for (const ZqBlockKind kind : {ZqBlockKind::Metadata, ZqBlockKind::Early}) {
             for (size_t rawIdx = 0; rawIdx < kinds.size(); ++rawIdx) {
                 if (kinds[rawIdx] == kind && image.included[rawIdx]) image.front.append(rawIdx);
             }
         }
-        ZqBlockOrder order(image, trace);
+        ZqBlockOrder order(image, traces, [this] { return job->stopRequested(); });
         cutInOrder(order.getOrder());
         nAhead = order.getNFront();
         nZqf = static_cast<uint64>(order.getOrder().getSize());
         zqfDigest = writer.finish();
-        writeMap(order.getMap());
+        writeMap(order.makeMap());
         return order;
     }
 
@@ -236,7 +239,7 @@ void ZqImageBuild::main() {
         ZqImageStaging::refuseOverlap(source, options.rawDir);
         ZqImageStaging::refuseOverlap(target, options.rawDir);
     }
-    refuseBadTrace();
+    refuseBadTraces();
     const ZqSourceTree tree(source, *this);
     tree.requireReadable(*this);
     nFiles = tree.count(SxStat::File);
@@ -255,18 +258,13 @@ void ZqImageBuild::main() {
 }
 
 /// What would fail after all the work is better found now.
-void ZqImageBuild::refuseBadTrace() const {
-    if (options.trace.isEmpty()) return;
-    ZqTraceParams(tracePrefix()).refuseSeries();
-    if (ZqImageStaging::liesIn(options.trace, target)) {
-        throw SxException("The trace '" + options.trace + "' would be removed with what '" + target +
+void ZqImageBuild::refuseBadTraces() const {
+    for (const SxString& trace : options.traces) {
+        if (!ZqImageStaging::liesIn(trace, target)) continue;
+        throw SxException("The trace '" + trace + "' would be removed with what '" + target +
                               "' holds; copy it first",
                           UNIT, __LINE__);
     }
-}
-
-SxString ZqImageBuild::tracePrefix() const {
-    return ZqSysEnv::unifySlashes(ZqImageFolder::prefix(options.trace));
 }
 
 void ZqImageBuild::refuseStop() const {
@@ -380,16 +378,18 @@ void ZqImageBuild::build(const ZqSourceTree& tree, const ZqDriveMaker& maker, co
         throw SxException(e, "Cannot make a drive of the folder '" + source + "'", UNIT, __LINE__);
     }
     nRaw = drive.kinds.size();
-    // An order takes a second pass; see runByTrace().
-    setNTotal(getNCurrent() + nRaw * static_cast<uint64>(BLOCK) * (options.trace.isEmpty() ? 1 : 2));
+    // An order takes a second pass; see runByTraces().
+    setNTotal(getNCurrent() + nRaw * static_cast<uint64>(BLOCK) * (options.traces.isEmpty() ? 1 : 2));
     Cutter cutter(raw, folder, drive.kinds, this);
     ZqAppParams app = record;
-    if (options.trace.isEmpty()) {
+    std::optional<ZqBlockOrder> order;
+    if (options.traces.isEmpty()) {
         cutter.run();
     } else {
-        const ZqBlockOrder order = cutter.runByTrace(tracePrefix(), source);
-        nNamed = order.getNNamed();
-        app.loadprofile = order.getProfile();
+        order = cutter.runByTraces(options.traces, source, drive.files);
+        nNamed = order->getNCore() + order->getNTail();
+        left = order->getLeft();
+        app.loadprofile = order->getProfile();
     }
     nIncluded = cutter.nZqf;
     sizeMnt = cutter.nAhead * static_cast<uint64>(BLOCK);
@@ -398,6 +398,7 @@ void ZqImageBuild::build(const ZqSourceTree& tree, const ZqDriveMaker& maker, co
     image.guid = toGuid(cutter.rawDigest);
     image.sizeRaw = static_cast<int64>(nRaw) * BLOCK;
     image.filesystem = "none";
+    if (order) image.order = order->getBasis();
     image.write(folder);
     if (app.guid.isEmpty()) app.guid = image.guid;
     app.sizeZqf = nIncluded * static_cast<uint64>(BLOCK);
@@ -406,6 +407,7 @@ void ZqImageBuild::build(const ZqSourceTree& tree, const ZqDriveMaker& maker, co
     app.checksumZqf = cutter.zqfDigest;
     app.checksumMnt = cutter.rawDigest;
     app.checksumIdx = SxMd5::file(folder + ZqImageFiles::IDX, nullptr);
+    if (order) order->writeHints(folder, app.checksumIdx);
     app.write(folder);
     if (drive.files) ZqFileTable(app.checksumMnt, nRaw, std::move(*drive.files)).write(folder);
     if (keptRaw) SxFileIO(raw, "r+b").sync();

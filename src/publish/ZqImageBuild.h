@@ -2,6 +2,7 @@
 
 #include "ZqAppParams.h"
 #include "ZqDriveMaker.h"
+#include "ZqLeftTrace.h"
 #include "ZqTaskMon.h"
 
 /// Job that makes a drive with a file system from a folder of files, and an image folder ready to stream from
@@ -11,8 +12,8 @@
 /// Takes the image's lock.
 ///
 /// The ZqF order begins with all blocks that aren't content of a file. Then comes what a mount reads of
-/// content, which is `gxprefetch.info` and redirected files, and then the rest in RAW order, or as a trace
-/// has it.
+/// content, which is `gxprefetch.info` and redirected files, and then the rest in RAW order, or as traces
+/// have it.
 ///
 /// The same folder gives the same image, byte for byte; owners and times don't count, so a patch between two
 /// versions holds what has changed and not every inode. The new image is written beside what `target` holds
@@ -31,9 +32,9 @@ public:
         SxString name, window;
         /// Folder that gets the drive as `img.raw`, or empty.
         SxString rawDir;
-        /// Trace folder that gives the order and the load profile, or empty; see ZqBlockOrder. It was
-        /// recorded on an image of the same files, which has the same `checksums.mnt`.
-        SxString trace;
+        /// Trace folders that give the order, the load profile and the hints, or none; see ZqBlockOrder. They
+        /// were recorded on an image of the same files, which has the same `checksums.mnt`.
+        SxList<SxString> traces;
         /// Bytes that the drive is to have free for what is written to it, with ext4; it has a tenth of its
         /// content and 16 MiB at least. 0: only that.
         uint64 freeBytes = 0;
@@ -55,8 +56,10 @@ public:
     uint64 getNRaw() const { return nRaw; }
     uint64 getNIncluded() const { return nIncluded; }
     uint64 getSizeMnt() const { return sizeMnt; }
-    /// After the end: blocks after those of a mount whose place the trace gives; 0 without one.
+    /// After the end: blocks after those of a mount whose place the traces give; 0 without them.
     uint64 getNNamed() const { return nNamed; }
+    /// After the end: traces that the order doesn't come from.
+    const std::vector<ZqLeftTrace>& getLeft() const { return left; }
 
 protected:
     void main() override;
@@ -74,8 +77,7 @@ private:
     /// Makes the drive's file system in the file `raw`.
     ZqDriveMaker::Drive makeDrive(const ZqSourceTree& tree, const ZqDriveMaker& maker,
                                   const SxString& scratch, const SxString& raw, const ZqAppParams& app);
-    void refuseBadTrace() const;
-    SxString tracePrefix() const;
+    void refuseBadTraces() const;
     void refuseStop() const;
 
     const SxString target, source; ///< with trailing slashes
@@ -83,4 +85,5 @@ private:
     bool complete = false;
     int64 nFiles = 0, nFolders = 0, nLinks = 0, nSkipped = 0;
     uint64 nRaw = 0, nIncluded = 0, sizeMnt = 0, nNamed = 0;
+    std::vector<ZqLeftTrace> left;
 };

@@ -3,8 +3,10 @@
 #include "SxException.h"
 #include "SxFSAction.h"
 #include "SxMd5.h"
+#include "ZqBlockOrder.h"
 #include "ZqBlockWriter.h"
 #include "ZqBlocks.h"
+#include "ZqDriveFiles.h"
 #include "ZqImageFiles.h"
 #include "ZqImageFolder.h"
 #include "ZqImageLock.h"
@@ -29,7 +31,8 @@ void readAt(SxFileIO* file, int64 offset, char* bytes, int64 n) {
 
 void removeIndex(const SxString& folder) {
     try {
-        for (const char* name : {ZqImageFiles::IDX, ZqImageFiles::IMAGE_JSON, ZqImageFiles::APP_JSON}) {
+        for (const char* name :
+             {ZqImageFiles::IDX, ZqImageFiles::HINTS, ZqImageFiles::IMAGE_JSON, ZqImageFiles::APP_JSON}) {
             if (SxFSAction::exists(folder + name)) SxFSAction::rm(folder + name);
         }
     } catch (const SxException& e) {
@@ -39,30 +42,42 @@ void removeIndex(const SxString& folder) {
 
 } // namespace
 
-ZqImageOrder::ZqImageOrder(const SxString& image_, const SxString& trace_, const SxString& index_)
+ZqImageOrder::ZqImageOrder(const SxString& image_, const SxList<SxString>& traces_, const SxString& index_)
     : image(ZqSysEnv::unifySlashes(ZqImageFolder::prefix(image_))),
-      trace(ZqSysEnv::unifySlashes(ZqImageFolder::prefix(trace_))),
-      index(ZqSysEnv::unifySlashes(ZqImageFolder::prefix(index_))) {
+      index(ZqSysEnv::unifySlashes(ZqImageFolder::prefix(index_))),
+      traces(traces_) {
     setThreadName("image order");
+}
+
+SxList<SxString> ZqImageOrder::findTraces(const SxString& image) {
+    const SxString folder = ZqImageFolder::prefix(image) + ZqImageFiles::TRACES;
+    SxList<SxString> result;
+    if (!SxFSAction::test_d(folder)) return result;
+    for (const SxDir& dir : SxFSAction::getDirs(folder))
+        result << dir.getOrig();
+    return result;
 }
 
 void ZqImageOrder::main() {
     const auto lock = ZqImageLock::take(image, ZqImageLock::Shape, ZqImageLock::Shared, "image order");
     ZqImageStaging::refuseOverlap(index, image);
-    ZqImageStaging::refuseOverlap(index, trace);
+    for (const SxString& trace : traces)
+        ZqImageStaging::refuseOverlap(index, trace);
     if (!ZqImageFolder::isFree(index)) {
         throw SxException("The index folder '" + index + "' isn't empty", UNIT, __LINE__);
     }
     const ZqImageInfo info(image);
     app = info.app;
-    ZqBlockOrder::requireBuild(trace, app.checksumMnt, image);
     const SxArray<uint64> oldMap = ZqImage(image).getMap();
-    const ZqBlockOrder order(describe(oldMap), trace);
+    const ZqBlockOrder order(describe(info, oldMap), traces, [this] { return stopRequested(); });
     nRaw = info.nRaw;
     nIncluded = info.nIncluded;
     nFront = order.getNFront();
-    nNamed = order.getNNamed();
+    nCore = order.getNCore();
+    nTail = order.getNTail();
     nNear = order.getNNear();
+    basis = order.getBasis();
+    left = order.getLeft();
 
     const bool isWhole = info.state == ZqImageInfo::Complete && !info.storage.joining;
     if (isWhole) {
@@ -80,8 +95,8 @@ void ZqImageOrder::refuseStop() const {
     if (stopRequested()) throw SxException(SxException::STOPPED, "Stopped", UNIT, __LINE__);
 }
 
-ZqBlockOrder::Image ZqImageOrder::describe(const SxArray<uint64>& oldMap) const {
-    ZqBlockOrder::Image result{image, app.checksumMnt, {}, {}};
+ZqOrderImage ZqImageOrder::describe(const ZqImageInfo& info, const SxArray<uint64>& oldMap) {
+    ZqOrderImage result{image, app.checksumMnt, {}, {}, {}};
     result.included.reserve(static_cast<size_t>(oldMap.getSize()));
     for (const uint64 zqfIdx : oldMap)
         result.included.push_back(zqfIdx != ZqImage::NO_ENTRY);
@@ -98,6 +113,13 @@ ZqBlockOrder::Image ZqImageOrder::describe(const SxArray<uint64>& oldMap) const 
     for (uint64 zqfIdx = 0; zqfIdx < std::min(end, static_cast<uint64>(oldOrder.getSize())); ++zqfIdx) {
         const uint64 rawIdx = oldOrder(static_cast<int64>(zqfIdx));
         if (rawIdx != ZqImage::NO_ENTRY) result.front.append(rawIdx);
+    }
+    if (ZqFileTable::exists(image)) {
+        result.files = ZqFileTable::read(image, app.checksumMnt, result.getNRaw());
+    } else {
+        ZqDriveFiles::Found found = ZqDriveFiles::find(image, info, oldMap);
+        result.files = std::move(found.table);
+        whyNoFiles = found.why;
     }
     return result;
 }
@@ -154,14 +176,16 @@ SxString ZqImageOrder::digestInOrder(const SxArray<uint64>& order, const SxArray
     return pipe.finish();
 }
 
-void ZqImageOrder::write(const ZqBlockOrder& order, const ZqImageParams& record) {
+void ZqImageOrder::write(const ZqBlockOrder& order, ZqImageParams record) {
     ZqNewFolder folder(index);
     try {
         ZqMapWriter idx(index);
-        for (const uint64 entry : order.getMap())
+        for (const uint64 entry : order.makeMap())
             idx.append(entry);
         idx.finish();
         app.checksumIdx = SxMd5::file(index + ZqImageFiles::IDX, nullptr);
+        order.writeHints(index, app.checksumIdx);
+        record.order = order.getBasis();
         record.write(index);
         // Comes last: a folder without it is no index folder.
         app.write(index);

@@ -250,7 +250,7 @@ void makeServedAndTrace(const TempDir& dir) {
 std::string order(const TempDir& dir) {
     // It takes no folder with anything in it.
     if (!dir.exists("watched/new/deep/app.json")) fs::remove_all(dir.path("watched/new"));
-    ZqImageOrder job(dir.path("image"), dir.path("trace"), dir.path("watched/new/deep"));
+    ZqImageOrder job(dir.path("image"), {SxString(dir.path("trace"))}, dir.path("watched/new/deep"));
     return runNow(job);
 }
 

@@ -49,7 +49,7 @@ void writeImage(const TempDir& dir, const TestImage& image, uint64 nFront, uint6
 }
 
 std::string order(const TempDir& dir, const std::string& index = "watched/index") {
-    ZqImageOrder job(dir.path("image"), dir.path("trace"), dir.path(index));
+    ZqImageOrder job(dir.path("image"), {SxString(dir.path("trace"))}, dir.path(index));
     const std::string failure = failureOf(job);
     EXPECT_EQ(job.isComplete(), failure.empty());
     return failure;

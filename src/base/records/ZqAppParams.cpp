@@ -65,13 +65,7 @@ void readUnderflow(const SxSymbol& underflow, ZqAppParams* record) {
 void readProfile(const SxSymbol& root, ZqAppParams* record) {
     const SxSymbol list = root.getElem("loadprofile", false);
     if (!list.isValid()) return;
-    record->loadprofile.removeAll();
-    for (const SxSymbol& entry : list.toList()) {
-        ZqLoadProfilePoint point;
-        point.time = ZqRecordFile::toUnsigned(entry.getElem("time", true));
-        point.size = ZqRecordFile::toUnsigned(entry.getElem("size", true));
-        record->loadprofile.append(point);
-    }
+    record->loadprofile = ZqRecordFile::toProfile(list);
 }
 
 void readRest(const SxSymbol& root, ZqAppParams* record) {
@@ -145,14 +139,7 @@ void writeLists(const ZqAppParams& record, SxSymbol& root) {
             entry.append("data", item.data);
         }
     }
-    if (!record.loadprofile.isEmpty()) {
-        SxSymbol list = root.append("loadprofile", ARRAY);
-        for (const ZqLoadProfilePoint& point : record.loadprofile) {
-            SxSymbol entry = list.append(OBJECT);
-            entry.append("time", point.time);
-            entry.append("size", point.size);
-        }
-    }
+    if (!record.loadprofile.isEmpty()) ZqRecordFile::append(&root, "loadprofile", record.loadprofile);
 }
 
 void writeTail(const ZqAppParams& record, SxSymbol& root) {

@@ -11,6 +11,27 @@ using SxParserKit::SxSymbol;
 namespace {
 constexpr const char* UNIT = "src/base/ZqImageParams";
 constexpr const char* REMOVABLE = "removable";
+
+ZqImageParams::Order readOrder(const SxSymbol& from) {
+    ZqImageParams::Order order;
+    order.nRuns = ZqRecordFile::toUnsigned(from.getElem("runs", true));
+    order.nSessions = ZqRecordFile::toUnsigned(from.getElem("sessions", true));
+    order.nCore = ZqRecordFile::toUnsigned(from.getElem("core", true));
+    order.nTail = ZqRecordFile::toUnsigned(from.getElem("tail", true));
+    order.nGroups = ZqRecordFile::toUnsigned(from.getElem("groups", true));
+    order.median = ZqRecordFile::toProfile(from.getElem("median", true));
+    return order;
+}
+
+void append(SxSymbol* root, const ZqImageParams::Order& order) {
+    SxSymbol to = root->append("order", SxParserAst::Object);
+    to.append("runs", order.nRuns);
+    to.append("sessions", order.nSessions);
+    to.append("core", order.nCore);
+    to.append("tail", order.nTail);
+    to.append("groups", order.nGroups);
+    ZqRecordFile::append(&to, "median", order.median);
+}
 } // namespace
 
 ZqImageParams::ZqImageParams(const SxString& prefix) : pathPrefix(prefix) {
@@ -53,6 +74,8 @@ void ZqImageParams::readText(const SxString& text, const SxString& textName) {
         ZqRecordFile::get(root, "filesystem", &filesystem);
         driverVersion = defaults.driverVersion;
         ZqRecordFile::get(root, "driverVersion", &driverVersion);
+        const SxSymbol basis = root.getElem("order", false);
+        order = basis.isValid() ? std::make_optional(readOrder(basis)) : std::nullopt;
     } catch (const SxException& e) {
         throw SxException(e, "Failed to read file " + textName, UNIT, __LINE__);
     }
@@ -71,6 +94,7 @@ void ZqImageParams::write(const SxString& prefix) const {
         root.append("deviceMode", deviceMode == ZqDriveKinds::Removable ? REMOVABLE : "non-removable");
         root.append("filesystem", filesystem);
         root.append("driverVersion", driverVersion);
+        if (order) append(&root, *order);
         ZqRecordFile::write(root, file);
     } catch (const SxException& e) {
         throw SxException(e, "Failed to write file " + file, UNIT, __LINE__);

@@ -55,6 +55,26 @@ uint64 ZqRecordFile::toUnsigned(const SxSymbol& number) {
     return static_cast<uint64>(value);
 }
 
+SxList<ZqLoadProfilePoint> ZqRecordFile::toProfile(const SxSymbol& list) {
+    SxList<ZqLoadProfilePoint> profile;
+    for (const SxSymbol& entry : list.toList()) {
+        ZqLoadProfilePoint point;
+        point.time = toUnsigned(entry.getElem("time", true));
+        point.size = toUnsigned(entry.getElem("size", true));
+        profile.append(point);
+    }
+    return profile;
+}
+
+void ZqRecordFile::append(SxSymbol* to, const char* key, const SxList<ZqLoadProfilePoint>& profile) {
+    SxSymbol list = to->append(key, SxParserAst::Array);
+    for (const ZqLoadProfilePoint& point : profile) {
+        SxSymbol entry = list.append(SxParserAst::Object);
+        entry.append("time", point.time);
+        entry.append("size", point.size);
+    }
+}
+
 void ZqRecordFile::write(const SxSymbol& root, const SxString& file, int permission) {
     writeText(root.toJson(4) + "\n", file, permission);
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "SxSymbol.h"
+#include "ZqLoadProfilePoint.h"
 
 /// What the JSON records of the library have in common.
 class ZqRecordFile {
@@ -20,6 +21,9 @@ public:
     static SxString choosePrefix(const SxString& argument, const SxString& own);
     /// A number that must not be negative.
     static uint64 toUnsigned(const SxParserKit::SxSymbol& number);
+    /// The load profile that a list has, and such a list under `key`.
+    static SxList<ZqLoadProfilePoint> toProfile(const SxParserKit::SxSymbol& list);
+    static void append(SxParserKit::SxSymbol* to, const char* key, const SxList<ZqLoadProfilePoint>& profile);
     /// Writes the tree as the whole of `file`, atomically; makes the folder.
     static void write(const SxParserKit::SxSymbol& root, const SxString& file, int permission = 0644);
     /// The same with a text.

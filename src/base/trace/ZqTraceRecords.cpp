@@ -54,11 +54,22 @@ bool hasHoles(const SxString& path) {
 
 SxString findMismatch(const SxString& path, const ZqTraceParams& record) {
     const SxString file = path + ZqTraceFiles::ITEMS;
+    Found found{SxFileInfo(file).getSize(), {}, false};
+    const bool hasSize = record.size == 0 || record.size == found.size;
     // Only one that is still written, or whose writer was killed, has no size and no digest in its record.
-    const int64 size = SxFileInfo(file).getSize();
-    const bool fits = (record.size == 0 || record.size == size) &&
-                      (record.checksumTrc.isEmpty() || record.checksumTrc == SxMd5::file(file, nullptr));
-    if (fits && record.checksumTrc.isEmpty() && hasHoles(path)) {
+    if (record.checksumTrc.isEmpty()) {
+        found.hasHoles = hasSize && hasHoles(path);
+    } else if (hasSize) {
+        found.digest = SxMd5::file(file, nullptr);
+    }
+    return findMismatch(path, record, found);
+}
+
+SxString findMismatch(const SxString& path, const ZqTraceParams& record, const Found& found) {
+    const SxString file = path + ZqTraceFiles::ITEMS;
+    const bool fits = (record.size == 0 || record.size == found.size) &&
+                      (record.checksumTrc.isEmpty() || record.checksumTrc == found.digest);
+    if (fits && record.checksumTrc.isEmpty() && found.hasHoles) {
         return "'" + file +
                "' has records of zeros, as a power cut leaves them; to leave them out: tavrin trace mend "
                "TRACE";
@@ -132,9 +143,10 @@ void Unchanged::require() const {
     requireSame(record, recordState, FileState::of(record));
 }
 
-Reader::Reader(const SxString& path, int64 chunk)
+Reader::Reader(const SxString& path, int64 chunk, SxMd5* digest_)
     : file(path + ZqTraceFiles::ITEMS),
-      chunkSize(chunk * ZqTraceFormat::SIZE) {
+      chunkSize(chunk * ZqTraceFormat::SIZE),
+      digest(digest_) {
     state = FileState::of(file);
     if (state.size < 0 || !SxFSAction::test_f(file)) {
         throw SxException("Cannot trace data. File '" + file + "' not found!", UNIT, __LINE__);
@@ -156,6 +168,7 @@ bool Reader::fill() {
     } catch (const SxException& e) {
         throw SxException(e, "Cannot read trace items from " + file, UNIT, __LINE__);
     }
+    if (digest) digest->update(buffer.data(), size);
     nRead += size / ZqTraceFormat::SIZE;
     at = buffer.data();
     end = at + size;

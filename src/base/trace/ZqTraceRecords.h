@@ -63,6 +63,14 @@ Summary replace(const SxString& path, const std::function<void(Writer* out)>& fi
 /// recording ends; where it was cut off they are missing, and nothing but records of zeros can be told, as a
 /// power cut leaves them. Reads the whole file.
 SxString findMismatch(const SxString& path, const ZqTraceParams& record);
+/// What a Reader has found in a trace on its way from front to back.
+struct Found {
+    int64 size = 0;        ///< bytes of whole records
+    SxString digest;       ///< MD5 text of these
+    bool hasHoles = false; ///< there are records of zeros
+};
+/// The same for who has read the file anyhow.
+SxString findMismatch(const SxString& path, const ZqTraceParams& record, const Found& found);
 /// Raises where there is one.
 void requireMatch(const SxString& path);
 
@@ -105,8 +113,9 @@ private:
 /// them, so that there may be thousands of such objects.
 class Reader {
 public:
-    /// Raises where there is no `img.trc` in `path`. `chunk`: records that are read with one call.
-    explicit Reader(const SxString& path, int64 chunk = CHUNK);
+    /// Raises where there is no `img.trc` in `path`. `chunk`: records that are read with one call. `digest`,
+    /// unless it is null, takes what is read; it outlives this object.
+    explicit Reader(const SxString& path, int64 chunk = CHUNK, SxMd5* digest = nullptr);
 
     int64 getN() const { return n; }
     /// Gives whether there was one more. Raises where another file has come in the place of the one that was
@@ -124,6 +133,7 @@ private:
     SxString file;
     FileState state;
     int64 n = 0, nRead = 0, chunkSize;
+    SxMd5* digest;
     SxArray<char> buffer;
     const char *at = nullptr, *end = nullptr;
 };

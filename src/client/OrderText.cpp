@@ -1,0 +1,49 @@
+#include "OrderText.h"
+
+#include <tavrin/ZqReadable.h>
+
+namespace {
+
+SxString counted(uint64 n, const char* one, const char* several) {
+    return ZqReadable::counted(static_cast<int64>(n), one, several);
+}
+
+} // namespace
+
+SxString basisText(const ZqImageParams::Order& order) {
+    const uint64 nRead = order.nCore + order.nTail;
+    const double share =
+        nRead > 0 ? 100. * static_cast<double>(order.nCore) / static_cast<double>(nRead) : 0.;
+    return "The order comes from " + counted(order.nRuns, "run", "runs") + " of " +
+           counted(order.nSessions, "session", "sessions") +
+           SxString::sprintf("; %.0f %% of what they read is the core, ", share) + "the rest lies in " +
+           counted(order.nGroups, "group", "groups") + ".";
+}
+
+void appendOrder(SxParserKit::SxSymbol* result, const std::optional<ZqImageParams::Order>& order) {
+    if (!order) {
+        result->append("order", SxParserAst::Null);
+        return;
+    }
+    SxParserKit::SxSymbol object = result->append("order", SxParserAst::Object);
+    object.append("runs", order->nRuns);
+    object.append("sessions", order->nSessions);
+    object.append("core", order->nCore);
+    object.append("tail", order->nTail);
+    object.append("groups", order->nGroups);
+}
+
+void tellLeft(const std::vector<ZqLeftTrace>& left, Output* out) {
+    for (const ZqLeftTrace& one : left)
+        out->text("Left out: '" + one.trace + "' " + one.why);
+}
+
+void appendLeft(SxParserKit::SxSymbol* result, const std::vector<ZqLeftTrace>& left) {
+    if (left.empty()) return;
+    SxParserKit::SxSymbol list = result->append("leftOut", SxParserAst::Array);
+    for (const ZqLeftTrace& one : left) {
+        SxParserKit::SxSymbol each = list.append(SxParserAst::Object);
+        each.append("name", one.trace);
+        each.append("why", one.why);
+    }
+}

@@ -1,0 +1,159 @@
+#include "ZqOrderRuns.h"
+
+#include "SxException.h"
+#include "SxFileIO.h"
+#include "SxFileInfo.h"
+#include "SxMd5.h"
+#include "ZqImageFolder.h"
+#include "ZqSysEnv.h"
+#include "ZqTraceFiles.h"
+#include "ZqTraceRecords.h"
+
+#include <algorithm>
+#include <optional>
+#include <tuple>
+
+namespace {
+
+constexpr const char* UNIT = "src/publish/ZqOrderRuns";
+
+SxString joinedCause(const SxException& e) {
+    return "can't be read: " + e.toString(SxException::ShowMessage, ": ");
+}
+
+} // namespace
+
+ZqOrderRuns::ZqOrderRuns(const SxList<SxString>& traces, const ZqOrderImage& image_) : image(image_) {
+    if (traces.getSize() > static_cast<int64>(MAX_RUNS)) {
+        throw SxException("An order comes from at most " + SxString(static_cast<uint64>(MAX_RUNS)) +
+                              " traces, and " + SxString(traces.getSize()) + " are given",
+                          UNIT, __LINE__);
+    }
+    for (const SxString& trace : traces)
+        addRun(trace);
+    // By what they are. How they are called only settles which of two that are the same is told of.
+    std::sort(runs.begin(), runs.end(), [](const Run& a, const Run& b) {
+        return std::tie(a.digest.str(), a.record.time0, a.path.str()) <
+               std::tie(b.digest.str(), b.record.time0, b.path.str());
+    });
+    dropRepeated();
+}
+
+void ZqOrderRuns::addRun(const SxString& trace) {
+    try {
+        const SxString path = ZqSysEnv::unifySlashes(ZqImageFolder::prefix(trace));
+        Run run{trace, path, ZqTraceParams(path), {}};
+        const SxString of = run.record.checksumMnt;
+        if (run.record.isSeries()) {
+            left.push_back({trace,
+                            "was joined of several runs, and what each of them needs at its start can't "
+                            "be told any more"});
+        } else if (!(of == image.buildId)) {
+            left.push_back({trace, "is one of the build '" + of + "', and '" + image.name +
+                                       "' is the build '" + image.buildId + "'"});
+        } else {
+            run.digest = run.record.checksumTrc;
+            // Only the record of a run whose writer was killed states none.
+            if (run.digest.isEmpty()) run.digest = SxMd5::file(path + ZqTraceFiles::ITEMS);
+            runs.push_back(std::move(run));
+        }
+    } catch (const SxException& e) {
+        left.push_back({trace, joinedCause(e)});
+    }
+}
+
+void ZqOrderRuns::dropRepeated() {
+    std::vector<Run> kept;
+    for (Run& run : runs) {
+        const bool isRepeated =
+            !kept.empty() && kept.back().digest == run.digest && kept.back().record.time0 == run.record.time0;
+        if (isRepeated) {
+            left.push_back({run.trace, "is the same run as '" + kept.back().trace + "'"});
+        } else {
+            kept.push_back(std::move(run));
+        }
+    }
+    runs = std::move(kept);
+}
+
+void ZqOrderRuns::read(const std::function<void(size_t number, const Blocks& blocks)>& show,
+                       const StopTest& isStopped) {
+    std::vector<Run> fit;
+    Blocks blocks;
+    for (Run& run : runs) {
+        if (isStopped()) throw SxException(SxException::STOPPED, "Stopped", UNIT, __LINE__);
+        const SxString why = readRun(run, &blocks);
+        if (!why.isEmpty()) {
+            left.push_back({run.trace, why});
+            continue;
+        }
+        show(fit.size(), blocks);
+        fit.push_back(std::move(run));
+    }
+    runs = std::move(fit);
+    seen = {};
+    std::sort(left.begin(), left.end(), [](const ZqLeftTrace& a, const ZqLeftTrace& b) {
+        return std::tie(a.trace.str(), a.why.str()) < std::tie(b.trace.str(), b.why.str());
+    });
+    if (runs.empty()) refuse();
+}
+
+SxString ZqOrderRuns::readRun(const Run& run, Blocks* blocks) {
+    const SxString file = run.path + ZqTraceFiles::ITEMS;
+    blocks->clear();
+    // What a mount reads counts as seen, so that a run begins with its first read of content.
+    seen.assign(image.getNRaw(), false);
+    for (const uint64 rawIdx : image.front)
+        seen[rawIdx] = true;
+    try {
+        const ZqTraceRecords::Unchanged files(run.path);
+        // The digest is taken on the way: a trace may be larger than the memory, and reading it is what
+        // takes the time.
+        SxMd5 digest;
+        ZqTraceRecords::Reader reader(run.path, ZqTraceRecords::CHUNK, &digest);
+        ZqTraceRecords::Found found;
+        std::optional<uint64> beyond;
+        bool isNamed = false;
+        for (ZqTraceItem item; reader.next(&item);) {
+            found.hasHoles = found.hasHoles || ZqTraceFormat::isHole(item);
+            if (item.block >= image.getNRaw()) {
+                if (!beyond) beyond = item.block;
+                continue;
+            }
+            isNamed = isNamed || image.included[item.block];
+            if (seen[item.block] || !image.included[item.block]) continue;
+            seen[item.block] = true;
+            blocks->push_back(item.block);
+        }
+        digest.finish();
+        found.size = reader.getN() * ZqTraceFormat::SIZE;
+        found.digest = digest.toString();
+        // A rest of less than a record isn't read, but is part of what a digest was taken of.
+        const bool hasRest = SxFileInfo(file).getSize() != found.size;
+        SxString mismatch = hasRest ? ZqTraceRecords::findMismatch(run.path, run.record)
+                                    : ZqTraceRecords::findMismatch(run.path, run.record, found);
+        if (!mismatch.isEmpty()) return "is damaged: " + mismatch;
+        files.require();
+        if (beyond) {
+            return "names block " + SxString(*beyond) + ", and '" + image.name + "' has " +
+                   SxString(image.getNRaw());
+        }
+        if (reader.getN() == 0) return "is empty";
+        return isNamed ? SxString() : "names no block that '" + image.name + "' includes";
+    } catch (const SxException& e) {
+        return joinedCause(e);
+    }
+}
+
+void ZqOrderRuns::walk(size_t number, const std::function<void(const ZqTraceItem& item)>& look) const {
+    ZqTraceRecords::Reader reader(runs.at(number).path);
+    for (ZqTraceItem item; reader.next(&item);)
+        look(item);
+}
+
+void ZqOrderRuns::refuse() const {
+    SxString text = "There is no trace that the order could come from";
+    for (const ZqLeftTrace& one : left)
+        text += "; '" + one.trace + "' " + one.why;
+    throw SxException(text, UNIT, __LINE__);
+}

@@ -1,0 +1,58 @@
+#pragma once
+
+#include "SxList.h"
+#include "ZqLeftTrace.h"
+#include "ZqOrderImage.h"
+#include "ZqTraceItem.h"
+#include "ZqTraceParams.h"
+
+#include <functional>
+#include <vector>
+
+/// The runs that an order comes from: single traces of one build. A trace that can't serve is left out and
+/// named, so that one bad trace doesn't cost thousands of good ones. In whatever order they are named, they
+/// come in the same. Not locked; it reads traces without their locks, and notices where one changes.
+class ZqOrderRuns {
+public:
+    /// RAW indices of content that a run has read, each once, in the order of first reads.
+    using Blocks = std::vector<uint64>;
+    /// Asked now and then whether to stop.
+    using StopTest = std::function<bool()>;
+
+    /// No more runs than that are counted for one block.
+    static constexpr size_t MAX_RUNS = 65535;
+
+    /// Reads the records of the trace folders `traces`. Raises where there are more than MAX_RUNS.
+    ZqOrderRuns(const SxList<SxString>& traces, const ZqOrderImage& image);
+
+    /// Reads all runs, one after the other, each from front to back, and shows each that can serve: its
+    /// number among these, counted from 0, and its blocks. Raises where none can, with the reasons, and where
+    /// it is to stop.
+    void read(const std::function<void(size_t number, const Blocks& blocks)>& show,
+              const StopTest& isStopped);
+    /// After that: shows all items of the run of that number again. Raises where the trace has changed.
+    void walk(size_t number, const std::function<void(const ZqTraceItem& item)>& look) const;
+
+    /// Runs that can serve; before read() those that may.
+    size_t getN() const { return runs.size(); }
+    /// After read(), sorted.
+    const std::vector<ZqLeftTrace>& getLeft() const { return left; }
+
+private:
+    struct Run {
+        SxString trace, path; ///< the folder as it was given, and with its slash
+        ZqTraceParams record;
+        SxString digest; ///< MD5 text of img.trc
+    };
+
+    void addRun(const SxString& trace);
+    void dropRepeated();
+    /// Why the run can't serve; empty where it can. Its blocks go to `blocks`.
+    SxString readRun(const Run& run, Blocks* blocks);
+    [[noreturn]] void refuse() const;
+
+    const ZqOrderImage& image;
+    std::vector<Run> runs;
+    std::vector<ZqLeftTrace> left;
+    std::vector<bool> seen; ///< by RAW index: by the run that is read
+};
