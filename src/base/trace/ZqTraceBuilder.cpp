@@ -136,7 +136,7 @@ public:
         record.method = ZqTraceParams::IncMonitoring;
         record.size = summary.size;
         record.checksumTrc = summary.digest;
-        record.sources = origins.getAll();
+        record.sources = origins.getLatest();
         return record;
     }
 

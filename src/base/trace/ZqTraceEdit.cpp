@@ -173,7 +173,7 @@ void ZqTrace::append(const SxString& otherPath, const SxString& outPath, int gap
     ZqTraceOrigins origins;
     origins.add(ZqTraceOrigins::of(pathPrefix, record));
     origins.add(ZqTraceOrigins::of(otherPath, ZqTraceParams(otherPath)));
-    record.sources = origins.getAll();
+    record.sources = origins.getLatest();
     ownFiles.require();
     otherFiles.require();
 

@@ -34,3 +34,8 @@ bool ZqTraceOrigins::holds(const Source& source) const {
 bool ZqTraceOrigins::holdsFormer(const Source& source) const {
     return starts.count(source.time0) > 0 || items.count(source.trc) > 0;
 }
+
+std::vector<ZqTraceOrigins::Source> ZqTraceOrigins::getLatest() const {
+    const size_t nOver = all.size() > MOST ? all.size() - MOST : 0;
+    return {all.begin() + static_cast<std::ptrdiff_t>(nOver), all.end()};
+}

@@ -18,6 +18,9 @@ class ZqTraceOrigins {
 public:
     using Source = ZqTraceParams::Source;
 
+    /// So many are kept, the latest; with long names of folders a record with more couldn't be read any more.
+    static constexpr size_t MOST = 30'000;
+
     /// The trace in the folder `path`, whose record is given, as something that goes into another. Raises
     /// where its files can't be read.
     static Source self(const SxString& path, const ZqTraceParams& record);
@@ -30,8 +33,8 @@ public:
     bool holds(const Source& source) const;
     /// Whether one is there that may have become this one: of the same start, or with the same items.
     bool holdsFormer(const Source& source) const;
-    /// In the order in which they were added.
-    const std::vector<Source>& getAll() const { return all; }
+    /// In the order in which they were added, without the first ones beyond MOST.
+    std::vector<Source> getLatest() const;
 
 private:
     std::vector<Source> all;

@@ -416,6 +416,26 @@ TEST(TraceOps, ASeriesStaysOneWhateverIsDoneToIt) {
     EXPECT_FALSE(dir.exists("merged/img.trc"));
 }
 
+TEST(TraceOps, ARecordNamesNoMoreThanCanBeReadAgain) {
+    const TempDir dir;
+    std::vector<ZqTraceOrigins::Source> sources;
+    for (size_t i = 0; i <= ZqTraceOrigins::MOST; ++i) {
+        const std::string digest = SxMd5::get(SxString(static_cast<uint64>(i))).str();
+        sources.push_back({std::string(255, 'n'), digest, std::numeric_limits<uint32_t>::max(),
+                           ZqTraceFormat::MOST_MS, digest});
+    }
+    ZqTraceOrigins origins;
+    origins.add(sources);
+    origins.add(sources);
+    EXPECT_TRUE(origins.holds(sources[0]));
+    Params record;
+    record.sources = origins.getLatest();
+    ASSERT_EQ(record.sources.size(), ZqTraceOrigins::MOST);
+    EXPECT_EQ(record.sources.back(), sources.back());
+    record.write(dir.prefix());
+    EXPECT_TRUE(Params(dir.prefix()).sources == record.sources);
+}
+
 TEST(TraceOps, RunsAreThoseOfAMapOfAllBlocks) {
     TestRandom random;
     TRACE_SEED(random);
