@@ -262,9 +262,10 @@ TEST(TraceBuilder, SoundRunsThatArentJoinedStayAndAreNamed) {
     for (const char* run : {"1 old", "merged"})
         change(run, ofBuild("0123456789"));
     for (const auto& [run, time0] : {std::pair("2 a", 200), {"3 b", 300}, {"3 c", 300}, {"4 newest", 400}}) {
-        sweep.makeRun(run, time0, {static_cast<uint64>(time0), 7});
+        sweep.makeRun(run, time0, {static_cast<uint64>(time0), 7, 7});
         change(run, ofBuild("now"));
     }
+    fs::resize_file(sweep.dir.path(sweep.traces + "3 b/img.trc"), 32); // no copy of the other one
     for (const char* run : {"version", "method", "digest", "size"})
         sweep.makeRun(run, 500, {8});
     const auto rewrite = [&](const std::string& run, const std::string& from, const std::string& to) {
