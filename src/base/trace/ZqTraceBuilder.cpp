@@ -16,6 +16,7 @@
 #include <algorithm>
 #include <map>
 #include <optional>
+#include <set>
 
 namespace {
 
@@ -328,12 +329,15 @@ ZqTraceOrigins ZqTraceBuilder::chooseSeries(std::vector<Run>* runs) {
         return nA != nB ? nA > nB : a->name == traceName && !(b->name == traceName);
     });
     ZqTraceOrigins origins;
+    std::set<uint64> starts;
     for (Run* run : joinedTraces) {
         const auto& own = run->record->sources;
         if (std::any_of(own.begin(), own.end(), [&](const auto& source) {
                 return origins.holds(source) || origins.holdsFormer(source);
             })) {
             leave(run, "it was joined of runs that are in another of these traces, too");
+        } else if (!starts.insert(run->getStart()).second) {
+            leave(run, "it starts at the same time as another joined trace");
         } else {
             origins.add(own);
         }
@@ -371,14 +375,15 @@ void ZqTraceBuilder::passOver(std::vector<Run>* runs, const ZqTraceOrigins& orig
 }
 
 void ZqTraceBuilder::chooseStarts(std::vector<Run>* runs) {
+    // What holds others counts: a joined trace, whose runs were passed over, and a former result, whose runs
+    // may be gone.
+    const auto rankOf = [this](const Run& run) { return run.isJoinedTrace() ? 2 : run.name == traceName; };
     std::map<uint64, Run*> byStart;
     for (Run& run : *runs) {
         if (run.fate != Run::Open) continue;
         Run*& place = byStart[run.getStart()];
         Run* other = place;
-        // Of a former result and a run of the same start the former result counts, since it has all that went
-        // into it.
-        if (!place || !(place->name == traceName)) place = &run;
+        if (!place || rankOf(run) >= rankOf(*place)) place = &run;
         if (other == nullptr) continue;
         if (place == other) other = &run;
         leave(other, "it starts at the same time as '" + place->name + "'");

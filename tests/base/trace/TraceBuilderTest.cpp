@@ -491,10 +491,15 @@ TEST(TraceBuilder, AJoinedTraceIsToldFromARun) {
     // Under another name it is taken over, and goes; its runs stay. A run that has the name makes room.
     fs::rename(place("merged"), place("mapped"));
     sweep.makeRun("merged", 400, {400});
+    ZqTrace(sweep.folder("mapped")).shift(-1);
+    sweep.makeRun("z", 1100, {9});
     EXPECT_EQ(sweep.sweep(), "");
-    EXPECT_EQ(sweep.sourcesOf("merged"), "a b c merged ");
+    EXPECT_EQ(sweep.sourcesOf("merged"), "merged a b c ");
     EXPECT_EQ(sweep.itemsOf("merged").size(), 4U);
     EXPECT_THAT(sweep.removed, ElementsAre("mapped"));
+    EXPECT_THAT(sweep.left["z"], HasSubstr("at the same time as 'mapped'"));
+    fs::remove_all(place("z"));
+    sweep.left.erase("z");
     ASSERT_EQ(sweep.left.size(), 1U);
     EXPECT_EQ(sweep.itemsOf(sweep.left.begin()->first).size(), 1U);
     EXPECT_EQ(sweep.sweep(), "");
