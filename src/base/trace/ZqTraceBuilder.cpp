@@ -356,7 +356,7 @@ void ZqTraceBuilder::passOver(std::vector<Run>* runs, const ZqTraceOrigins& orig
         if (run.fate != Run::Open || run.isJoinedTrace()) continue;
         const auto self = ZqTraceOrigins::self(run.path, *run.record);
         if (!origins.holds(self)) {
-            others.push_back({&run, self});
+            others.emplace_back(&run, self);
             continue;
         }
         hold(&run);
