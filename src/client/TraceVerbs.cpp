@@ -108,6 +108,7 @@ SxSymbol describeJson(const TraceInfo& info) {
     result.append("flagged", info.nFlagged);
     result.append("duration", info.params.duration);
     result.append("method", ZqTraceParams::methodToString(info.params.method));
+    result.append("sources", static_cast<int64>(info.params.sources.size()));
     result.append("matches", info.mismatch.isEmpty());
     return result;
 }
@@ -118,6 +119,10 @@ void describeText(const TraceInfo& info, Output* out) {
     };
     const ZqTraceParams& params = info.params;
     field("Method", ZqTraceParams::methodToString(params.method));
+    if (!params.sources.empty()) {
+        const auto n = static_cast<int64>(params.sources.size());
+        field("Joined of", ZqReadable::counted(n, "trace", "traces"));
+    }
     field("Application", params.guid);
     field("Build", params.checksumMnt);
     field("Items", SxString(info.nItems) + ", " + info.nFlagged + " flagged");
@@ -315,6 +320,7 @@ int build(const BuildOptions& options, Output& out) {
     if (!builder.getRefusal().isEmpty()) throw SxException(builder.getRefusal(), UNIT, __LINE__);
     SxSymbol result = newObject();
     result.append("joined", builder.getNJoined());
+    result.append("held", builder.getNHeld());
     result.append("corrupted", builder.getNCorrupted());
     SxSymbol removed = result.append("removed", SxParserAst::Array);
     for (const SxString& name : builder.getRemoved())
@@ -325,6 +331,9 @@ int build(const BuildOptions& options, Output& out) {
         entry.append("name", one.name.validUtf8());
         entry.append("why", one.why.validUtf8());
         out.text("Left '" + one.name + "': " + one.why);
+    }
+    if (builder.getNHeld() > 0) {
+        out.text("Joined before: " + ZqReadable::counted(builder.getNHeld(), "trace", "traces") + ".");
     }
     if (!builder.getRemoved().isEmpty()) {
         const SxString damaged = builder.getNCorrupted() == 0
@@ -428,7 +437,7 @@ void registerJoinVerbs(Family* family) {
 
     auto buildOptions = SxPtr<BuildOptions>::create();
     family
-        ->verb("build", "Join the traces of an image's runs, which go",
+        ->verb("build", "Join the traces of an image's runs, which stay",
                "tavrin trace build games/alpha --name merged")
         .argument("IMAGE", &buildOptions->image, "Image folder that isn't mounted")
         .text("--name", &buildOptions->name, "NAME",

@@ -16,7 +16,7 @@ TEST_F(TraceVerbs, traceInfo) {
     ZqTrace::write(items, dir.path("trace/"), ZqTraceParams::Set, "build");
     std::filesystem::resize_file(dir.path("trace/img.trc"), 16 * 5 + 9);
     const std::string json =
-        R"({"items":5,"unique":3,"flagged":1,"duration":6000,"method":"set","matches":false})";
+        R"({"items":5,"unique":3,"flagged":1,"duration":6000,"method":"set","sources":0,"matches":false})";
     for (const string slash : {"", "/"}) {
         const Outcome shown = run({"trace", "info", dir.path("trace") + slash, "--json"});
         EXPECT_EQ(shown.code, 0) << shown.err;
@@ -154,7 +154,7 @@ TEST_F(TraceVerbs, traceVerbs) {
     const string image = makeImage("image2");
     EXPECT_EQ(
         json({"build", dir.path("image")}),
-        R"({"joined":2,"corrupted":0,"removed":["a","b"],"left":[],"items":6,"duration":6000,"method":"inc-monitoring"})");
+        R"({"joined":2,"held":0,"corrupted":0,"removed":[],"left":[],"items":6,"duration":6000,"method":"inc-monitoring"})");
     // Runs one after the other make no order and no merge, by whatever way they have come.
     const string built = dir.path("image/traces/merged"), copy = dir.path("copy");
     const Words asMerge = {"trace", "merge", dir.path("twice"), built};
@@ -165,7 +165,9 @@ TEST_F(TraceVerbs, traceVerbs) {
         const Words asOrder = {"image", "order", image, series, dir.path("index")};
         EXPECT_THAT(run(asOrder).err, HasSubstr("one after the other"));
     }
-    EXPECT_EQ(run({"trace", "build", dir.path("image")}).out, "Nothing to merge.\n");
+    EXPECT_THAT(json({"info", built}), HasSubstr(R"("sources":2)"));
+    EXPECT_EQ(run({"trace", "build", dir.path("image")}).out,
+              "Joined before: 2 traces.\nNothing to merge.\n");
     std::filesystem::remove_all(dir.path("image/traces"));
     EXPECT_THAT(run({"trace", "build", dir.path("image")}).err, HasSubstr("Cannot find "));
     EXPECT_THAT(run({"trace", "build", dir.path("letters")}).err, HasSubstr("holds no image"));

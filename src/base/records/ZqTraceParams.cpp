@@ -47,6 +47,36 @@ void putIfPositive(SxSymbol* object, const char* key, int64 value) {
     if (value > 0) object->append(key, value);
 }
 
+std::vector<ZqTraceParams::Source> readSources(const SxSymbol& root) {
+    std::vector<ZqTraceParams::Source> sources;
+    const SxSymbol list = root.getElem("sources", false);
+    const int64 n = list.isValid() ? list.getSize() : 0;
+    for (int64 i = 0; i < n; ++i) {
+        const SxSymbol entry = list.at(i);
+        ZqTraceParams::Source source = {entry.getElem("name").toString(),
+                                        entry.getElem("record").toString(),
+                                        entry.getElem("size").toInt(),
+                                        entry.getElem("time0").toInt(),
+                                        {}};
+        ZqRecordFile::get(entry, "trc", &source.trc);
+        sources.push_back(source);
+    }
+    return sources;
+}
+
+void putSources(SxSymbol* root, const std::vector<ZqTraceParams::Source>& sources) {
+    if (sources.empty()) return;
+    SxSymbol list = root->append("sources", SxParserAst::Array);
+    for (const ZqTraceParams::Source& source : sources) {
+        SxSymbol entry = list.append(SxParserAst::Object);
+        entry.append("name", source.name);
+        entry.append("record", source.record);
+        entry.append("size", source.size);
+        entry.append("time0", source.time0);
+        putUnlessEmpty(&entry, "trc", source.trc);
+    }
+}
+
 } // namespace
 
 ZqTraceParams::ZqTraceParams() : time0(ZqSysEnv::getSysTime()) {
@@ -74,6 +104,7 @@ void ZqTraceParams::read(const SxString& path) {
         ZqRecordFile::get(checksums, "mnt", &checksumMnt);
         ZqRecordFile::get(checksums, "idx", &checksumIdx);
         ZqRecordFile::get(checksums, "trc", &checksumTrc);
+        sources = readSources(root);
         requireTimes(*this);
     } catch (const SxException& e) {
         throw SxException(e, "Failed to read file " + file, UNIT, __LINE__);
@@ -106,6 +137,7 @@ void ZqTraceParams::write(const SxString& path) const {
         putUnlessEmpty(&checksums, "mnt", checksumMnt);
         putUnlessEmpty(&checksums, "idx", checksumIdx);
         putUnlessEmpty(&checksums, "trc", checksumTrc);
+        putSources(&root, sources);
         ZqRecordFile::write(root, file);
     } catch (const SxException& e) {
         throw SxException(e, "Failed to write file" + file, UNIT, __LINE__);

@@ -2,6 +2,8 @@
 
 #include "SxString.h"
 
+#include <vector>
+
 /// The record `trace.json`: what a trace is, apart from its items. Not locked.
 class ZqTraceParams {
 public:
@@ -19,6 +21,17 @@ public:
         Shift = 9          ///< "shift"
     };
 
+    /// A trace that went into this one, as it was by then.
+    struct Source {
+        SxString name;   ///< of its folder
+        SxString record; ///< MD5 text of its trace.json
+        int64 size = 0;  ///< bytes of its `img.trc`
+        int64 time0 = 0; ///< its start, milliseconds since 1970 UTC
+        SxString trc;    ///< MD5 text of its `img.trc`; empty where its record stated none
+
+        bool operator==(const Source&) const = default;
+    };
+
     Method method = Monitoring;
     int64 version = 2;
     SxString guid;                    ///< the `guid` of the application's app.json
@@ -30,6 +43,10 @@ public:
     SxString pathPrefix;              ///< folder of the trace, with its trailing slash
     int64 duration = 0;               ///< last item's time minus the first one's, milliseconds
     int64 firstSessionBlockIndex = 0; ///< unique items before the run appended last; 0 where there is one
+    /// Of a trace of several runs one after the other: these (see ZqTraceOrigins). Empty for others, and
+    /// where a former version has joined them. It stands in the record and not in a file beside it, so that
+    /// it changes together with the record, and goes along wherever the trace is edited, copied or mapped.
+    std::vector<Source> sources;
 
     /// Defaults; `time0` is now.
     ZqTraceParams();

@@ -104,8 +104,8 @@ public:
     /// and so do repeats. Raises where the builds differ, or no block is common.
     void align(const SxString& refPath);
     /// Writes the trace, followed by the one in `otherPath` with its first item `gapSeconds` after the end
-    /// of this one (`time0` + `duration`), to `outPath`. The result stays loaded. Builds aren't compared, and
-    /// `firstSessionBlockIndex` is left to the caller.
+    /// of this one (`time0` + `duration`), to `outPath`. Its record names what went in. The result stays
+    /// loaded. Builds aren't compared, and `firstSessionBlockIndex` is left to the caller.
     void append(const SxString& otherPath, const SxString& outPath, int gapSeconds);
 
     /// The unique items as runs of neighbouring blocks, in order of time. Raises where there are none.

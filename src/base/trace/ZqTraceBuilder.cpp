@@ -10,11 +10,13 @@
 #include "ZqTrace.h"
 #include "ZqTraceFiles.h"
 #include "ZqTraceLock.h"
+#include "ZqTraceOrigins.h"
 #include "ZqTraceRecords.h"
 
 #include <algorithm>
 #include <map>
 #include <optional>
+#include <set>
 
 namespace {
 
@@ -73,9 +75,20 @@ struct Walk {
 
 /// A folder of the sweep.
 struct ZqTraceBuilder::Run {
-    enum Fate { Open, Damaged, Stays };
+    enum Fate {
+        Open, ///< to be joined
+        Held, ///< it is in one that is to be joined, and stays
+        Damaged,
+        Stays
+    };
 
-    SxString name, path; ///< the path with its trailing slash
+    uint64 getStart() const { return static_cast<uint64>(record->time0); }
+    bool isJoinedTrace() const { return !record->sources.empty(); }
+    /// Whether it is of no use once it was joined.
+    bool goes() const { return fate == Damaged || (fate == Open && record->isSeries()); }
+
+    SxString name, path;                            ///< the path with its trailing slash
+    std::optional<ZqTraceRecords::Unchanged> files; ///< as they were before the record was read
     std::optional<ZqTraceParams> record;
     Fate fate = Open;
 };
@@ -96,6 +109,7 @@ public:
     void append(const ZqTraceParams& record, const SxString& path) {
         const bool isFirst = !base;
         const uint64 end = isFirst ? 0 : getEnd();
+        origins.add(ZqTraceOrigins::of(path, record));
         if (isFirst) {
             base = record;
         } else {
@@ -123,6 +137,7 @@ public:
         record.method = ZqTraceParams::IncMonitoring;
         record.size = summary.size;
         record.checksumTrc = summary.digest;
+        record.sources = origins.getLatest();
         return record;
     }
 
@@ -134,6 +149,7 @@ private:
     }
 
     std::optional<ZqTraceParams> base;
+    ZqTraceOrigins origins;
     ZqTrace::Items items;
     SxIndexSet seen;
     uint64 first = 0, last = 0; ///< times of all items, repeats included
@@ -198,15 +214,18 @@ void ZqTraceBuilder::sweep() {
     std::vector<Run> runs = findRuns();
     if (runs.size() <= 1) return log("Nothing to merge");
     readRecords(&runs);
-    choose(&runs);
-    int64 nMost = 0;
-    for (const Run& run : runs) {
-        if (run.fate == Run::Open)
-            nMost += std::max<int64>(SxFSAction::sizeOf(run.path + ZqTraceFiles::ITEMS), 0);
-    }
-    Joined joined(nMost / ZqTraceFormat::SIZE);
-    joinAll(&runs, &joined);
-    finish(runs, joined);
+    std::optional<Joined> joined;
+    do {
+        choose(&runs);
+        int64 nMost = 0;
+        for (const Run& run : runs) {
+            if (run.fate == Run::Open)
+                nMost += std::max<int64>(SxFSAction::sizeOf(run.path + ZqTraceFiles::ITEMS), 0);
+        }
+        joined.emplace(nMost / ZqTraceFormat::SIZE);
+    } while (!joinAll(&runs, &*joined));
+    nHeld = std::count_if(runs.begin(), runs.end(), [](const Run& run) { return run.fate == Run::Held; });
+    finish(runs, *joined);
 }
 
 std::vector<ZqTraceBuilder::Run> ZqTraceBuilder::findRuns() {
@@ -232,7 +251,7 @@ std::vector<ZqTraceBuilder::Run> ZqTraceBuilder::findRuns() {
             }
             log("No trace and left alone: " + path);
         } else {
-            runs.push_back({name, path, {}});
+            runs.push_back({name, path, {}, {}});
         }
     }
     const SxString place = tracesPath + traceName;
@@ -249,6 +268,7 @@ void ZqTraceBuilder::readRecords(std::vector<Run>* runs) {
         throw SxException("Required schema file " + schema + " not found", UNIT, __LINE__);
     }
     for (Run& run : *runs) {
+        run.files.emplace(run.path);
         try {
             run.record = ZqTraceParams(run.path);
         } catch (const SxException& e) {
@@ -275,26 +295,95 @@ void ZqTraceBuilder::leave(Run* run, const SxString& why) {
 }
 
 void ZqTraceBuilder::choose(std::vector<Run>* runs) {
-    const auto startOf = [](const Run& run) { return static_cast<uint64>(run.record->time0); };
+    for (Run& run : *runs) {
+        if (run.fate == Run::Held) run.fate = Run::Open;
+    }
+    chooseBuild(runs);
+    passOver(runs, chooseSeries(runs));
+    chooseStarts(runs);
+}
+
+void ZqTraceBuilder::chooseBuild(std::vector<Run>* runs) {
     const Run* newest = nullptr;
     for (const Run& run : *runs) {
-        if (run.fate == Run::Open && (!newest || startOf(run) >= startOf(*newest))) newest = &run;
+        if (run.fate == Run::Open && (!newest || run.getStart() >= newest->getStart())) newest = &run;
     }
     if (!newest) return;
     const SxString build = newest->record->checksumMnt;
+    for (Run& run : *runs) {
+        if (run.fate != Run::Open || run.record->checksumMnt == build) continue;
+        leave(&run, "it is of the build '" + run.record->checksumMnt + "', and the newest run, '" +
+                        newest->name + "', is of '" + build + "'");
+    }
+}
+
+ZqTraceOrigins ZqTraceBuilder::chooseSeries(std::vector<Run>* runs) {
+    std::vector<Run*> joinedTraces;
+    for (Run& run : *runs) {
+        if (run.fate == Run::Open && run.isJoinedTrace()) joinedTraces.push_back(&run);
+    }
+    // The one with the most runs keeps its place: whatever it shares with others, it has more beside. Of
+    // equal ones the former result does.
+    std::stable_sort(joinedTraces.begin(), joinedTraces.end(), [this](const Run* a, const Run* b) {
+        const size_t nA = a->record->sources.size(), nB = b->record->sources.size();
+        return nA != nB ? nA > nB : a->name == traceName && !(b->name == traceName);
+    });
+    ZqTraceOrigins origins;
+    std::set<uint64> starts;
+    for (Run* run : joinedTraces) {
+        const auto& own = run->record->sources;
+        if (std::any_of(own.begin(), own.end(), [&](const auto& source) {
+                return origins.holds(source) || origins.holdsFormer(source);
+            })) {
+            leave(run, "it was joined of runs that are in another of these traces, too");
+        } else if (!starts.insert(run->getStart()).second) {
+            leave(run, "it starts at the same time as another joined trace");
+        } else {
+            origins.add(own);
+        }
+    }
+    return origins;
+}
+
+void ZqTraceBuilder::passOver(std::vector<Run>* runs, const ZqTraceOrigins& origins) {
+    const auto hold = [](Run* run) {
+        log("Went into another trace before: " + run->path);
+        run->fate = Run::Held;
+    };
+    std::map<uint64, const Run*> held;
+    std::vector<std::pair<Run*, ZqTraceOrigins::Source>> others;
+    for (Run& run : *runs) {
+        if (run.fate != Run::Open || run.isJoinedTrace()) continue;
+        const auto self = ZqTraceOrigins::self(run.path, *run.record);
+        if (!origins.holds(self)) {
+            others.emplace_back(&run, self);
+            continue;
+        }
+        hold(&run);
+        held.emplace(run.getStart(), &run);
+    }
+    for (const auto& [run, self] : others) {
+        if (!origins.holdsFormer(self)) continue;
+        // Where the one that went in is still there, it hasn't become this one.
+        const auto twin = held.find(run->getStart());
+        if (twin == held.end()) {
+            hold(run);
+        } else {
+            leave(run, "it starts at the same time as '" + twin->second->name + "'");
+        }
+    }
+}
+
+void ZqTraceBuilder::chooseStarts(std::vector<Run>* runs) {
+    // What holds others counts: a joined trace, whose runs were passed over, and a former result, whose runs
+    // may be gone.
+    const auto rankOf = [this](const Run& run) { return run.isJoinedTrace() ? 2 : run.name == traceName; };
     std::map<uint64, Run*> byStart;
     for (Run& run : *runs) {
         if (run.fate != Run::Open) continue;
-        if (!(run.record->checksumMnt == build)) {
-            leave(&run, "it is of the build '" + run.record->checksumMnt + "', and the newest run, '" +
-                            newest->name + "', is of '" + build + "'");
-            continue;
-        }
-        Run*& place = byStart[startOf(run)];
+        Run*& place = byStart[run.getStart()];
         Run* other = place;
-        // Of a former result and a run of the same start the former result counts, since it has all that went
-        // into it.
-        if (!place || !(place->name == traceName)) place = &run;
+        if (!place || rankOf(run) >= rankOf(*place)) place = &run;
         if (other == nullptr) continue;
         if (place == other) other = &run;
         leave(other, "it starts at the same time as '" + place->name + "'");
@@ -315,30 +404,32 @@ SxString ZqTraceBuilder::findObstacle(const Run& run, const Joined& joined) cons
                       UNIT, __LINE__);
 }
 
-void ZqTraceBuilder::joinAll(std::vector<Run>* runs, Joined* joined) {
+bool ZqTraceBuilder::joinAll(std::vector<Run>* runs, Joined* joined) {
+    nJoined = 0;
     std::map<uint64, Run*> byStart;
     for (Run& run : *runs) {
-        if (run.fate == Run::Open) byStart[static_cast<uint64>(run.record->time0)] = &run;
+        if (run.fate == Run::Open) byStart[run.getStart()] = &run;
     }
     for (const auto& [time0, run] : byStart) {
-        const ZqTraceRecords::Unchanged files(run->path);
         const SxString obstacle = findObstacle(*run, *joined);
         if (!obstacle.isEmpty()) {
             leave(run, obstacle);
+            if (run->isJoinedTrace()) return false;
             continue;
         }
         log((joined->hasBase() ? "Appending trace " : "Base trace ") + run->path);
         joined->append(*run->record, run->path);
-        files.require();
+        run->files->require();
         ++nJoined;
     }
+    return true;
 }
 
 void ZqTraceBuilder::finish(const std::vector<Run>& runs, const Joined& joined) {
-    const auto isFormer = [this](const Run& run) { return run.name == traceName; };
-    const bool isAlone = nJoined == 1 && nCorrupted == 0 &&
-                         std::any_of(runs.begin(), runs.end(),
-                                     [&](const Run& run) { return isFormer(run) && run.fate == Run::Open; });
+    const bool isAlone =
+        nJoined == 1 && nCorrupted == 0 && std::any_of(runs.begin(), runs.end(), [this](const Run& run) {
+            return run.name == traceName && run.fate == Run::Open;
+        });
     if (isAlone || nJoined + nCorrupted == 0) {
         nJoined = 0;
         return log("Nothing to merge");
@@ -348,19 +439,7 @@ void ZqTraceBuilder::finish(const std::vector<Run>& runs, const Joined& joined) 
     const SxString work = tracesPath + name + "/";
     // Made before the note is filled in, which may take another new name.
     if (hasResult) SxFSAction::mkdir_p(work, 0777);
-    ZqTraceSources sources(hasResult ? traceName : SxString());
-    for (const Run& run : runs) {
-        if (run.fate != Run::Stays) {
-            sources.add(tracesPath, run.name);
-        } else if (isFormer(run) && hasResult) {
-            const SxString aside = sources.keepAside(
-                tracesPath,
-                run.record ? SxString(run.record->checksumMnt.str().substr(0, MARK)) : SxString());
-            for (Left& one : left) {
-                if (one.name == run.name) one.name = aside;
-            }
-        }
-    }
+    const ZqTraceSources sources = listWhatGoes(runs, hasResult);
     if (!hasResult) {
         tell(sources.removeAll(tracesPath));
         return;
@@ -382,6 +461,27 @@ void ZqTraceBuilder::finish(const std::vector<Run>& runs, const Joined& joined) 
     }
     log("Merged traces into " + work);
     tell(sources.finish(tracesPath, name));
+}
+
+ZqTraceSources ZqTraceBuilder::listWhatGoes(const std::vector<Run>& runs, bool hasResult) {
+    ZqTraceSources sources(hasResult ? traceName : SxString());
+    for (const Run& run : runs) {
+        if (run.goes()) {
+            sources.add(tracesPath, run.name);
+            continue;
+        }
+        if (!(run.name == traceName) || !hasResult) continue;
+        const SxString aside = sources.keepAside(
+            tracesPath, run.record ? SxString(run.record->checksumMnt.str().substr(0, MARK)) : SxString());
+        const auto told =
+            std::find_if(left.begin(), left.end(), [&](const Left& one) { return one.name == run.name; });
+        if (told == left.end()) {
+            left.push_back({aside, "it is in the result, which has its name now"});
+        } else {
+            told->name = aside;
+        }
+    }
+    return sources;
 }
 
 void ZqTraceBuilder::tell(const ZqTraceSources::Gone& gone) {

@@ -5,6 +5,7 @@
 #include "ZqTrace.h"
 #include "ZqTraceFiles.h"
 #include "ZqTraceLock.h"
+#include "ZqTraceOrigins.h"
 #include "ZqTraceRecords.h"
 
 #include <optional>
@@ -169,6 +170,10 @@ void ZqTrace::append(const SxString& otherPath, const SxString& outPath, int gap
         read(pathPrefix);
     }
     if (record.duration == 0) record.duration = getTraceDuration();
+    ZqTraceOrigins origins;
+    origins.add(ZqTraceOrigins::of(pathPrefix, record));
+    origins.add(ZqTraceOrigins::of(otherPath, ZqTraceParams(otherPath)));
+    record.sources = origins.getLatest();
     ownFiles.require();
     otherFiles.require();
 

@@ -218,6 +218,7 @@ void ZqTrace::merge(const SxString& outPath, const SxConstPtr<SxArray<ZqTrace>>&
     record.method = ZqTraceParams::Merge;
     // A merge is no series of runs, whatever the former record said.
     record.firstSessionBlockIndex = 0;
+    record.sources.clear();
     record.checksumTrc = summary.digest;
     record.checksumMnt = buildId;
     withRecordOf(outPath, [&] { record.write(outPath); });

@@ -6,15 +6,19 @@
 #include <optional>
 #include <vector>
 
-/// The note `sources.json` in a trace that was joined of others: which folders went into it, so that they can
-/// be removed, by whoever comes next where that was cut off. Not locked.
+/// The note `sources.json` in a trace that was joined of others: which folders are to go now that it has
+/// what they held, so that they go by whoever comes next where that was cut off. It is there only while
+/// traces are joined; what a trace was joined of for good stands in its record (ZqTraceParams::sources). Not
+/// locked.
 ///
-/// No source is removed before the result is safe. The result is written into a folder of its own: the items,
+/// Nothing is removed before the result is safe. The result is written into a folder of its own: the items,
 /// then this note, and `trace.json` last, each synced; without its record nobody takes a folder for a trace.
-/// A former result is then moved aside, and the new one is renamed into its place. Now the sources are
-/// removed, and the note last. Whoever finds a complete trace with a note goes on from there.
+/// A former result is then moved aside, and the new one is renamed into its place. Now the folders are
+/// removed, and the note last. Whoever finds a complete trace with a note goes on from there. In a note of a
+/// former version all runs that were joined are to go: its record doesn't name them, so they would be joined
+/// again.
 ///
-/// A source is told by its name, by the digest of its record and by the size of its items, so a run that was
+/// A folder is told by its name, by the digest of its record and by the size of its items, so a run that was
 /// recorded under the same name since isn't touched. All names in the note are plain ones, so that none can
 /// lead out of the folder of traces.
 ///
@@ -25,9 +29,9 @@ public:
     /// `target_`: the folder that the joined trace is to have; all are plain names in one folder of traces.
     explicit ZqTraceSources(const SxString& target_) : target(target_) {}
 
-    /// Notes the folder `name` of `tracesPath` as one that went in.
+    /// Notes the folder `name` of `tracesPath` as one that goes.
     void add(const SxString& tracesPath, const SxString& name);
-    /// A former result isn't one that went in, and gets another name, which is given: with `mark`, letters
+    /// What has the result's name stays, and gets another name, which is given: with `mark`, letters
     /// and digits that tell it, where that is free.
     SxString keepAside(const SxString& tracesPath, const SxString& mark);
     /// Writes the note into the trace folder `path`.
@@ -36,13 +40,13 @@ public:
     /// can't be read.
     static std::optional<ZqTraceSources> read(const SxString& path);
 
-    /// Names of folders that went into a trace.
+    /// Names of folders.
     struct Gone {
         SxList<SxString> removed; ///< gone, but for a former result
         SxList<SxString> emptied; ///< only their trace is gone, since they held something else, too
     };
-    /// Puts the complete trace in the folder `name` of `tracesPath` in its place, removes the folders that
-    /// went into it, and then the note. After a cut at any point it goes on when it is called again.
+    /// Puts the complete trace in the folder `name` of `tracesPath` in its place, removes what was noted, and
+    /// then the note. After a cut at any point it goes on when it is called again.
     Gone finish(const SxString& tracesPath, const SxString& name) const;
 
     /// Removes the traces that were noted, with their folders where those hold nothing else.

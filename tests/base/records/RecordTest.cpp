@@ -42,7 +42,8 @@ const Record IMAGE = {"img.json", R"({
 
 const Record TRACE = {"trace.json", R"({
     "version": 2, "time0": 1700000000000, "method": "inc-monitoring", "guid": "g", "size": 32, "duration": 7,
-    "firstSessionBlockIndex": 9, "checksums": {"mnt": "c", "idx": "b", "trc": "a"}})",
+    "firstSessionBlockIndex": 9, "checksums": {"mnt": "c", "idx": "b", "trc": "a"}, "sources": [
+        {"name": "r", "record": "d", "size": 16, "time0": 1700000000000, "trc": "e"}]})",
                       [](const SxString& prefix) { ZqTraceParams(prefix).write(); },
                       [](const SxString& prefix) { ZqTraceParams().write(prefix); }};
 
@@ -154,7 +155,7 @@ TEST(Record, EveryTruncationIsRefused) {
 }
 
 TEST(Record, EveryWrongValueIsRefused) {
-    const std::string signedKeys = "version zqfVersion app.delay underflow.delay time0";
+    const std::string signedKeys = "version zqfVersion app.delay underflow.delay time0 sources[0].time0";
     for (const Record& record : {APP, IMAGE, TRACE}) {
         const size_t n = allBelow(parsed(record.text)).size();
         for (size_t i = 0; i < n; ++i) {

@@ -5,6 +5,7 @@
 #include "ZqImageLock.h"
 #include "ZqTrace.h"
 #include "ZqTraceBuilder.h"
+#include "ZqTraceOrigins.h"
 #include "ZqTraceRecords.h"
 
 #include <set>
@@ -38,9 +39,21 @@ public:
         SxFileIO file(folder(run) + "img.trc", "wb");
         ZqTrace::writeItems(&file, list);
     }
+    /// As one that a former version has joined: it doesn't name what went in.
+    void makeSeries(const std::string& run) const {
+        ZqTraceParams record(folder(run));
+        record.method = ZqTraceParams::IncMonitoring;
+        record.write();
+    }
     ItemList itemsOf(const std::string& run) const {
         const auto items = ZqTrace::getItems(folder(run), false, true, true);
         return {items->begin(), items->end()};
+    }
+    std::string sourcesOf(const std::string& run) const {
+        std::string names;
+        for (const ZqTraceParams::Source& source : ZqTraceParams(folder(run)).sources)
+            names += source.name.str() + " ";
+        return names;
     }
     std::vector<std::string> names() const {
         std::set<std::string> found;
@@ -55,6 +68,7 @@ public:
         builder.wait();
         if (stopped) *stopped = builder.stopRequested();
         nJoined = builder.getNJoined();
+        nHeld = builder.getNHeld();
         nCorrupted = builder.getNCorrupted();
         refusal = builder.getRefusal();
         left.clear();
@@ -64,7 +78,7 @@ public:
         return builder.hasException() ? builder.getException().what() : "";
     }
 
-    int64 nJoined = 0, nCorrupted = 0;
+    int64 nJoined = 0, nHeld = 0, nCorrupted = 0;
     SxString refusal;
     std::map<std::string, std::string> left; ///< why, by name
     std::vector<SxString> removed;
@@ -85,6 +99,10 @@ std::pair<std::string, ZqTraceParams> appendOneByOne(const TempDir& dir, const s
         record.firstSessionBlockIndex = base.getNItems(true);
         base.append(runs[i], work, 0);
     }
+    // The work folder isn't one that went in.
+    record.sources.clear();
+    for (const SxString& run : runs)
+        record.sources.push_back(ZqTraceOrigins::self(run, ZqTraceParams(run)));
     record.duration = base.getTraceDuration();
     base.trim();
     base.write(work);
@@ -130,7 +148,7 @@ TEST(TraceBuilder, IsThatOfAppendingRunByRun) {
         const auto [expected, record] = appendOneByOne(sweep.dir, inOrder);
         EXPECT_EQ(sweep.sweep(), "");
         EXPECT_EQ(sweep.nJoined, static_cast<int64>(runs.size()));
-        EXPECT_THAT(sweep.names(), ElementsAre("merged"));
+        EXPECT_EQ(sweep.names().size(), runs.size() + 1);
         EXPECT_EQ(sweep.dir.read(sweep.traces + "merged/img.trc") +
                       sweep.dir.read(sweep.traces + "merged/trace.json"),
                   expected);
@@ -149,25 +167,38 @@ TEST(TraceBuilder, RunsAddUpOverTime) {
 
     sweep.makeRun("a", 100, {1, 2, 1, 3});
     sweep.makeRun("z", 200, {3, 4});
+    TreeSnapshot runs = sweep.dir.snapshot(sweep.traces);
     EXPECT_EQ(sweep.sweep(&stopped), "");
     EXPECT_FALSE(stopped);
-    EXPECT_THAT(sweep.names(), ElementsAre("merged"));
+    EXPECT_THAT(sweep.names(), ElementsAre("a", "b", "merged", "z"));
+    TreeSnapshot now = sweep.dir.snapshot(sweep.traces);
+    std::erase_if(now, [](const auto& entry) { return entry.first.starts_with("merged"); });
+    EXPECT_EQ(now, runs) << "the runs serve an order, and stay";
     EXPECT_EQ(sweep.itemsOf("merged").size(), 5U);
     ZqTraceParams record(sweep.folder("merged"));
     EXPECT_EQ(record.firstSessionBlockIndex, 4);
     EXPECT_EQ(record.time0, 100);
     EXPECT_GT(sweep.nLogged("Base trace " + sweep.folder("a").str()), 0);
     EXPECT_GT(sweep.nLogged("Appending trace " + sweep.folder("z").str()), 0);
-    EXPECT_GT(sweep.nLogged("Removing trace folder " + sweep.dir.path(sweep.traces + "b")), 0);
+    EXPECT_EQ(sweep.nLogged("Removing trace folder"), 0);
+    EXPECT_EQ(sweep.nHeld, 0);
 
-    // The former result comes first, as the oldest.
+    // The former result comes first, as the oldest, and what is in it isn't joined again.
     sweep.makeRun("c", 400, {8, 1});
     EXPECT_EQ(sweep.sweep(), "");
-    EXPECT_THAT(sweep.names(), ElementsAre("merged"));
+    EXPECT_THAT(sweep.names(), ElementsAre("a", "b", "c", "merged", "z"));
+    EXPECT_EQ(sweep.nJoined, 2);
+    EXPECT_EQ(sweep.nHeld, 3);
     EXPECT_EQ(sweep.itemsOf("merged").size(), 6U);
     EXPECT_EQ(sweep.itemsOf("merged").back().block, 8U);
     record.read(sweep.folder("merged"));
     EXPECT_EQ(record.firstSessionBlockIndex, 5);
+    EXPECT_EQ(sweep.sourcesOf("merged"), "a z b c ");
+    EXPECT_THAT(sweep.removed, IsEmpty());
+    runs = sweep.dir.snapshot(sweep.traces);
+    EXPECT_EQ(sweep.sweep(), "");
+    EXPECT_EQ(sweep.dir.snapshot(sweep.traces), runs) << "joined twice";
+    EXPECT_EQ(sweep.nHeld, 4);
 }
 
 TEST(TraceBuilder, WhatIsDamagedGoesAndWhatIsNoTraceStays) {
@@ -188,6 +219,7 @@ TEST(TraceBuilder, WhatIsDamagedGoesAndWhatIsNoTraceStays) {
     sweep.makeTrace("far", LATE + 1, {{1, 5, false}, {2, static_cast<uint64>(LATE), false}});
     sweep.dir.write(sweep.traces + "letters/dear.txt", "precious");
     sweep.makeRun("mixed", LATE - 1000, {8});
+    sweep.makeSeries("mixed");
     sweep.dir.write(sweep.traces + "mixed/notes.txt", "precious");
     sweep.makeRun("mixed/older", 5, {9});
     sweep.dir.write(sweep.traces + "note.txt", "a file");
@@ -196,13 +228,13 @@ TEST(TraceBuilder, WhatIsDamagedGoesAndWhatIsNoTraceStays) {
     EXPECT_EQ(sweep.itemsOf("merged").size(), 3U);
     EXPECT_EQ(sweep.nLogged("ZqTraceBuilder::main: Corrupted trace"), sweep.nCorrupted);
     EXPECT_EQ(sweep.nCorrupted, 5);
-    EXPECT_THAT(sweep.names(), ElementsAre("far", "letters", "merged", "mixed", "note.txt", "wild"));
+    EXPECT_THAT(sweep.names(), ElementsAre("far", "good", "letters", "merged", "mixed", "note.txt", "wild"));
     EXPECT_EQ(sweep.dir.read(sweep.traces + "mixed/notes.txt"), "precious");
     EXPECT_EQ(sweep.itemsOf("mixed/older").size(), 1U);
     EXPECT_FALSE(fs::exists(sweep.dir.path(sweep.traces + "mixed/img.trc"))) << "it would be joined again";
     EXPECT_THAT(sweep.left["mixed"], HasSubstr("what else it holds stays"));
     EXPECT_THAT(sweep.removed,
-                testing::UnorderedElementsAre("good", "empty", "cut", "without items", "nothing", "half"));
+                testing::UnorderedElementsAre("empty", "cut", "without items", "nothing", "half"));
     EXPECT_THAT(sweep.left["wild"], HasSubstr("which no disk has"));
     EXPECT_THAT(sweep.left["far"], HasSubstr("times that no trace can hold"));
 
@@ -230,9 +262,10 @@ TEST(TraceBuilder, SoundRunsThatArentJoinedStayAndAreNamed) {
     for (const char* run : {"1 old", "merged"})
         change(run, ofBuild("0123456789"));
     for (const auto& [run, time0] : {std::pair("2 a", 200), {"3 b", 300}, {"3 c", 300}, {"4 newest", 400}}) {
-        sweep.makeRun(run, time0, {static_cast<uint64>(time0), 7});
+        sweep.makeRun(run, time0, {static_cast<uint64>(time0), 7, 7});
         change(run, ofBuild("now"));
     }
+    fs::resize_file(sweep.dir.path(sweep.traces + "3 b/img.trc"), 32); // no copy of the other one
     for (const char* run : {"version", "method", "digest", "size"})
         sweep.makeRun(run, 500, {8});
     const auto rewrite = [&](const std::string& run, const std::string& from, const std::string& to) {
@@ -254,9 +287,9 @@ TEST(TraceBuilder, SoundRunsThatArentJoinedStayAndAreNamed) {
     EXPECT_EQ(sweep.sweep(), "");
     EXPECT_EQ(sweep.nJoined, 3);
     EXPECT_EQ(sweep.nCorrupted, 0);
-    EXPECT_THAT(sweep.names(), ElementsAre("1 old", "3 b", "digest", "merged", "merged-01234567", "method",
-                                           "size", "version"));
-    EXPECT_THAT(sweep.removed, ElementsAre("2 a", "3 c", "4 newest"));
+    EXPECT_THAT(sweep.names(), ElementsAre("1 old", "2 a", "3 b", "3 c", "4 newest", "digest", "merged",
+                                           "merged-01234567", "method", "size", "version"));
+    EXPECT_THAT(sweep.removed, IsEmpty());
     ASSERT_EQ(sweep.itemsOf("merged").size(), 4U);
     EXPECT_EQ(sweep.itemsOf("merged")[2].block, 300U);
     EXPECT_EQ(sweep.itemsOf("merged-01234567"), itemsBefore) << "the former result is lost";
@@ -272,13 +305,13 @@ TEST(TraceBuilder, SoundRunsThatArentJoinedStayAndAreNamed) {
         EXPECT_THAT(sweep.left[run], HasSubstr(why)) << run;
 
     // Nothing of all this is a reason to write the result anew, or to take its place.
-    change("3 b", [](ZqTraceParams* record) { record->time0 = 200; });
     const TreeSnapshot before = sweep.dir.snapshot(sweep.traces);
     EXPECT_EQ(sweep.sweep(), "");
     EXPECT_EQ(sweep.dir.snapshot(sweep.traces), before);
     EXPECT_EQ(sweep.nJoined, 0);
+    EXPECT_EQ(sweep.nHeld, 3);
     EXPECT_THAT(sweep.removed, IsEmpty());
-    EXPECT_THAT(sweep.left["3 b"], HasSubstr("at the same time as 'merged'"));
+    EXPECT_THAT(sweep.left["3 b"], HasSubstr("at the same time as '3 c'"));
 }
 
 TEST(TraceBuilder, GivesUpAndTouchesNothing) {
@@ -337,19 +370,21 @@ TEST(TraceBuilder, LeavesTheTraceOfAnotherMountedDriveAlone) {
     SxFileIO recorder(sweep.folder("live") + "img.trc", "r+b");
     ASSERT_EQ(SxOs::get().lockRange(recorder.getFd(), 0, 1, SxOs::Lock::Exclusive), 0);
     EXPECT_EQ(sweep.sweep(), "");
-    EXPECT_THAT(sweep.names(), ElementsAre("live", "merged"));
+    EXPECT_THAT(sweep.names(), ElementsAre("a", "b", "live", "merged"));
     EXPECT_EQ(sweep.itemsOf("live").size(), 1U);
     EXPECT_EQ(sweep.itemsOf("merged").size(), 2U);
     sweep.makeRun("c", 9, {9});
     EXPECT_THAT(sweep.sweep(nullptr, "live"), HasSubstr("A mounted drive records into the trace"));
-    EXPECT_THAT(sweep.names(), ElementsAre("c", "live", "merged"));
+    EXPECT_THAT(sweep.names(), ElementsAre("a", "b", "c", "live", "merged"));
 }
 
 TEST(TraceBuilder, GoesOnWhereItWasCutOffWithoutWhatIsNewSince) {
     // As a kill leaves it: the result is in its place, and of what went into it one run is there, one was
     // recorded anew under its name.
+    // The note is one of a former version, whose result doesn't name the runs, so that they have to go.
     Sweep sweep;
     sweep.makeRun("merged", 1, {1, 2});
+    sweep.makeSeries("merged");
     sweep.makeRun("a", 1, {1});
     sweep.makeRun("b", 2, {3, 4});
     const std::string digest = SxMd5::file(sweep.folder("a") + "trace.json").str();
@@ -368,7 +403,7 @@ TEST(TraceBuilder, GoesOnWhereItWasCutOffWithoutWhatIsNewSince) {
         EXPECT_EQ(sweep.dir.snapshot(sweep.traces), before) << "what has no note would be joined again";
     }
     EXPECT_EQ(sweep.sweep(), "");
-    EXPECT_THAT(sweep.names(), ElementsAre("merged"));
+    EXPECT_THAT(sweep.names(), ElementsAre("b", "merged"));
     EXPECT_EQ(sweep.nJoined, 2);
     ASSERT_EQ(sweep.itemsOf("merged").size(), 4U) << "the new run isn't lost";
     EXPECT_EQ(sweep.itemsOf("merged").back().block, 4U);
@@ -379,7 +414,102 @@ TEST(TraceBuilder, GoesOnWhereItWasCutOffWithoutWhatIsNewSince) {
          {std::pair("merged", "../precious"), {"../precious", "b"}, {"merged", ".."}}) {
         note(target, b);
         EXPECT_EQ(sweep.sweep(), "");
-        EXPECT_THAT(sweep.names(), ElementsAre("merged"));
+        EXPECT_THAT(sweep.names(), ElementsAre("b", "merged"));
         EXPECT_EQ(sweep.dir.snapshot("image/precious").size(), 1U);
     }
+}
+
+TEST(TraceBuilder, NoRunGoesInTwiceWhateverBecameOfIt) {
+    Sweep sweep;
+    for (const auto& [name, time0] : {std::pair("a", 100), {"b", 200}, {"c", 300}, {"d", 400}, {"e", 500}}) {
+        sweep.makeRun(name, time0, {static_cast<uint64>(time0), 7});
+        ZqTrace(sweep.folder(name)).mend(); // as the end of a recording does, it states size and digest
+    }
+    EXPECT_EQ(sweep.sweep(), "");
+    const ItemList joined = sweep.itemsOf("merged");
+    const auto place = [&](const std::string& name) { return sweep.dir.path(sweep.traces + name); };
+    const auto expectHeld = [&](int64 n) {
+        const std::string former = sweep.sourcesOf("merged");
+        EXPECT_EQ(sweep.sweep(), "");
+        EXPECT_EQ(sweep.nHeld, n);
+        EXPECT_EQ(sweep.nJoined, 0);
+        EXPECT_EQ(sweep.itemsOf("merged"), joined);
+        EXPECT_EQ(sweep.sourcesOf("merged"), former);
+    };
+    fs::rename(place("a"), place("renamed"));
+    fs::copy(place("b"), place("copied"));
+    ZqTrace(sweep.folder("b")).shift(30);
+    ZqTrace(sweep.folder("c")).dropTime(0, 5);
+    ZqTrace(sweep.folder("d")).align(sweep.folder("e"));
+    expectHeld(6);
+    EXPECT_THAT(sweep.left, IsEmpty());
+    // What happens to the result itself is no reason either.
+    ZqTrace(sweep.folder("merged")).shift(-20);
+    ZqTrace(sweep.folder("merged")).trim(sweep.folder("merged"));
+    expectHeld(6);
+    // Of two with the same start the other one is named as long as the one that went in is there.
+    sweep.makeRun("twin", 500, {9});
+    expectHeld(6);
+    EXPECT_THAT(sweep.left["twin"], HasSubstr("at the same time as 'e'"));
+    fs::remove_all(place("twin"));
+
+    // What was recorded anew under a noted name is another run.
+    sweep.makeRun("copied", 600, {8});
+    EXPECT_EQ(sweep.sweep(), "");
+    EXPECT_EQ(sweep.nJoined, 2);
+    EXPECT_EQ(sweep.itemsOf("merged").size(), joined.size() + 1);
+    EXPECT_EQ(sweep.sourcesOf("merged"), "copied a b c d e ");
+
+    // Nor what is left where the runs are gone, as too old ones.
+    for (const char* name : {"renamed", "b", "c", "d", "e", "copied"})
+        fs::remove_all(place(name));
+    sweep.makeRun("f", 700, {1});
+    EXPECT_EQ(sweep.sweep(), "");
+    EXPECT_EQ(sweep.nJoined, 2);
+    EXPECT_EQ(sweep.sourcesOf("merged"), "copied a b c d e f ");
+}
+
+TEST(TraceBuilder, AJoinedTraceIsToldFromARun) {
+    Sweep sweep;
+    for (const auto& [name, time0] : {std::pair("a", 100), {"b", 200}})
+        sweep.makeRun(name, time0, {static_cast<uint64>(time0)});
+    EXPECT_EQ(sweep.sweep(), "");
+    const auto place = [&](const std::string& name) { return sweep.dir.path(sweep.traces + name); };
+    // A copy of it, and one that shares a run with it.
+    fs::copy(place("merged"), place("backup"));
+    sweep.makeRun("c", 300, {300});
+    ZqTrace(sweep.folder("b")).append(sweep.folder("c"), sweep.folder("z b and c"), 0);
+    EXPECT_EQ(sweep.sweep(), "");
+    EXPECT_EQ(sweep.nJoined, 2);
+    EXPECT_EQ(sweep.sourcesOf("merged"), "a b c ");
+    for (const char* name : {"backup", "z b and c"})
+        EXPECT_THAT(sweep.left[name], HasSubstr("joined of runs that are in another")) << name;
+    EXPECT_THAT(sweep.names(), ElementsAre("a", "b", "backup", "c", "merged", "z b and c"));
+    for (const char* name : {"backup", "z b and c"})
+        fs::remove_all(place(name));
+
+    // Under another name it is taken over, and goes; its runs stay. A run that has the name makes room.
+    fs::rename(place("merged"), place("mapped"));
+    sweep.makeRun("merged", 400, {400});
+    ZqTrace(sweep.folder("mapped")).shift(-1);
+    sweep.makeRun("z", 1100, {9});
+    EXPECT_EQ(sweep.sweep(), "");
+    EXPECT_EQ(sweep.sourcesOf("merged"), "merged a b c ");
+    EXPECT_EQ(sweep.itemsOf("merged").size(), 4U);
+    EXPECT_THAT(sweep.removed, ElementsAre("mapped"));
+    EXPECT_THAT(sweep.left["z"], HasSubstr("at the same time as 'mapped'"));
+    fs::remove_all(place("z"));
+    sweep.left.erase("z");
+    ASSERT_EQ(sweep.left.size(), 1U);
+    EXPECT_EQ(sweep.itemsOf(sweep.left.begin()->first).size(), 1U);
+    EXPECT_EQ(sweep.sweep(), "");
+    EXPECT_EQ(sweep.nHeld, 4);
+
+    // One that can't be used holds nothing back: its runs are joined anew.
+    sweep.dir.write(sweep.traces + "merged/img.trc", std::string(64, 'x'));
+    EXPECT_EQ(sweep.sweep(), "");
+    EXPECT_EQ(sweep.nHeld, 0);
+    EXPECT_EQ(sweep.nJoined, 4);
+    EXPECT_EQ(sweep.itemsOf("merged").size(), 4U);
+    EXPECT_THAT(sweep.left.begin()->second, HasSubstr("tavrin trace mend"));
 }

@@ -7,6 +7,7 @@
 #include "ZqAppParams.h"
 #include "ZqLog.h"
 #include "ZqTrace.h"
+#include "ZqTraceOrigins.h"
 #include "ZqTraceRecords.h"
 
 #include <map>
@@ -391,17 +392,48 @@ TEST(TraceOps, ASeriesStaysOneWhateverIsDoneToIt) {
         {"keep", [](ZqTrace* trace, const SxString&) { trace->dropTime(0, 1); }},
         {"trim", [](ZqTrace* trace, const SxString& path) { trace->trim(path); }},
         {"mend", [](ZqTrace* trace, const SxString&) { trace->mend(); }}};
+    const SxString copied = dir.path("copied/");
+    ZqTrace(run).trim(copied);
     for (const auto& [name, change] : operations) {
         const SxString series = dir.path("series/");
-        ZqTrace(run).append(run, series, 0);
-        ZqTrace trace(series);
+        ZqTrace(run).append(copied, series, 0);
+        const auto sources = Params(series).sources;
+        ASSERT_EQ(sources.size(), 2U);
+        ZqTrace trace(series), changed(copied);
+        // What went in is known by the series, and told from others, whatever happens to either.
+        change(&changed, copied);
+        ZqTraceOrigins origins;
+        origins.add(sources);
+        EXPECT_TRUE(origins.holdsFormer(ZqTraceOrigins::self(copied, Params(copied)))) << name;
+        ZqTrace(run).trim(copied);
         change(&trace, series);
+        EXPECT_EQ(Params(series).sources, sources) << name;
         EXPECT_EQ(Params(series).firstSessionBlockIndex, 0) << name;
         EXPECT_THAT(failureOf([&] { ZqTrace::merge(dir.path("merged/"), asList({series})); }),
                     HasSubstr("holds several runs one after the other"))
             << name;
     }
     EXPECT_FALSE(dir.exists("merged/img.trc"));
+}
+
+TEST(TraceOps, ARecordNamesNoMoreThanCanBeReadAgain) {
+    const TempDir dir;
+    std::vector<ZqTraceOrigins::Source> sources;
+    for (size_t i = 0; i <= ZqTraceOrigins::MOST; ++i) {
+        const std::string digest = SxMd5::get(SxString(static_cast<uint64>(i))).str();
+        sources.push_back({std::string(255, 'n'), digest, std::numeric_limits<uint32_t>::max(),
+                           ZqTraceFormat::MOST_MS, digest});
+    }
+    ZqTraceOrigins origins;
+    origins.add(sources);
+    origins.add(sources);
+    EXPECT_TRUE(origins.holds(sources[0]));
+    Params record;
+    record.sources = origins.getLatest();
+    ASSERT_EQ(record.sources.size(), ZqTraceOrigins::MOST);
+    EXPECT_EQ(record.sources.back(), sources.back());
+    record.write(dir.prefix());
+    EXPECT_TRUE(Params(dir.prefix()).sources == record.sources);
 }
 
 TEST(TraceOps, RunsAreThoseOfAMapOfAllBlocks) {
