@@ -9,7 +9,7 @@
 #include <algorithm>
 #include <bit>
 #include <cstring>
-#include <unordered_set>
+#include <tsl/robin_set.h>
 
 static_assert(std::endian::native == std::endian::little);
 
@@ -74,7 +74,7 @@ ZqFileTable::ZqFileTable(const SxString& buildId_, uint64 nRaw, std::vector<Row>
 }
 
 uint64 ZqFileTable::getNFiles() const {
-    std::unordered_set<std::string_view> paths;
+    tsl::robin_set<std::string_view> paths;
     paths.reserve(rows.size());
     for (const Row& row : rows)
         paths.insert(row.path);
