@@ -229,8 +229,8 @@ void tellLies(const TempDir& dir, const std::string& right, const std::vector<Li
             std::vector<ZqFileTable::Row> rows;
             for (const auto& [path, file] : walk(&drive))
                 ZqDriveRows::append(file, &rows);
-            ZqFileTable(SxString("build"), reader.getSize() / BLOCK, rows);
-            ADD_FAILURE() << lie.says;
+            const ZqFileTable table("build", reader.getSize() / BLOCK, rows);
+            ADD_FAILURE() << lie.says << ": " << table.getRows().size() << " rows";
         } catch (const SxException& e) {
             EXPECT_THAT(e.what(), HasSubstr(lie.says));
         }

@@ -38,7 +38,7 @@ T get(const char* from) {
 
 bool isPath(std::string_view path) {
     return !path.empty() && path.size() <= MAX_PATH && path.front() != '/' && path.back() != '/' &&
-           path.find("//") == path.npos && path.find('\0') == path.npos;
+           path.find("//") == std::string_view::npos && path.find('\0') == std::string_view::npos;
 }
 
 /// What is wrong with a row that follows one which ends before block `end`, as a clause, or nothing.
