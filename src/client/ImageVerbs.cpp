@@ -6,6 +6,8 @@
 #include <tavrin/SxFSAction.h>
 #include <tavrin/SxFileIO.h>
 #include <tavrin/SxJSONParser.h>
+#include <tavrin/ZqDriveFiles.h>
+#include <tavrin/ZqFileTable.h>
 #include <tavrin/ZqImage.h>
 #include <tavrin/ZqImageCheck.h>
 #include <tavrin/ZqImageFiles.h>
@@ -56,6 +58,34 @@ void appendRecord(SxSymbol* result, const SxString& key, const SxString& path) {
     result->appendCopy(key, parser.getRootSymbol());
 }
 
+/// What an image's table of files holds.
+struct FileInfo {
+    std::optional<uint64> nFiles;
+    SxString why;            ///< why that isn't known, as a clause
+    bool isMakeable = false; ///< a new order makes the table
+};
+
+FileInfo findFiles(const ZqImageInfo& info, const SxString& folder) {
+    FileInfo found;
+    try {
+        if (ZqFileTable::exists(folder)) {
+            found.nFiles = ZqFileTable::read(folder, info.app.checksumMnt, info.nRaw).getNFiles();
+            return found;
+        }
+        found.why = ZqDriveFiles::whyNot(folder, info);
+        found.isMakeable = found.why.isEmpty();
+        if (found.isMakeable) found.why = "there is no img.files yet, image order makes it";
+    } catch (const SxException& e) {
+        found.why = e.what();
+    }
+    return found;
+}
+
+SxString describeFiles(const FileInfo& files) {
+    if (files.nFiles) return SxString(*files.nFiles) + " in img.files, which fits this build";
+    return files.isMakeable ? files.why : files.why + "; an order goes by neighbours on the disk";
+}
+
 SxSymbol describeJson(const ZqImageInfo& info, const SxString& folder) {
     SxSymbol result;
     result.setType(Json::Object);
@@ -72,6 +102,13 @@ SxSymbol describeJson(const ZqImageInfo& info, const SxString& folder) {
         result.append("split", Json::Null);
     }
     result.append("joining", info.storage.joining);
+    const FileInfo files = findFiles(info, folder);
+    if (files.nFiles) {
+        result.append("files", *files.nFiles);
+    } else {
+        result.append("files", Json::Null);
+        result.append("filesWhy", files.why.validUtf8());
+    }
     appendRecord(&result, "app", folder + ZqImageFiles::APP_JSON);
     appendRecord(&result, "image", folder + ZqImageFiles::IMAGE_JSON);
     return result;
@@ -107,6 +144,7 @@ void describeText(const ZqImageInfo& info, const SxString& folder, Output* out) 
     field("Blocks",
           SxString(info.nRaw) + " raw, " + info.nIncluded + " included, " + info.nPresent + " present");
     field("Order", ZqReadable::counted(static_cast<int64>(info.nRuns), "run", "runs"));
+    field("Files", describeFiles(findFiles(info, ZqImageFolder::prefix(folder))));
     field("Storage", describeParts(info));
 }
 

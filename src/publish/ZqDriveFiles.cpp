@@ -106,7 +106,7 @@ ZqDriveFiles::Found ZqDriveFiles::find(const SxString& image, const ZqImageInfo&
 }
 
 SxString ZqDriveFiles::whyNot(const SxString& image, const ZqImageInfo& info) {
-    const SxString state = whyNotState(info);
+    SxString state = whyNotState(info);
     if (!state.isEmpty()) return state;
     const SxString folder = ZqImageFolder::prefix(image);
     try {

@@ -11,7 +11,7 @@ constexpr uint64 FEW = 512; ///< bytes; an inode, or less
 
 std::string ZqDriveReader::read(uint64 offset, uint64 n) {
     if (n > size || offset > size - n) {
-        throw SxException("'" + name + "' ends before byte " + offset + " + " + n, UNIT, __LINE__);
+        throw SxException("'" + name + "' ends before byte " + (offset + n), UNIT, __LINE__);
     }
     // Inodes stand side by side, and a call of the system for each costs more than all that is done with it.
     const uint64 begin = offset / ZqBlocks::SIZE * ZqBlocks::SIZE;

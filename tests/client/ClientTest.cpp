@@ -136,6 +136,19 @@ TEST_F(ClientTest, buildVerifyRaw) {
     EXPECT_EQ(app.getElem("app", true).getElem("args", true).toList().getSize(), 2);
     EXPECT_EQ(app.getElem("underflow", true).getElem("window", true).toString(), "The \"game\"");
     EXPECT_EQ(run({"image", "verify", image}).code, 0);
+
+    const auto files = [&] { return parseJson(run({"image", "info", image, "--json"}).out); };
+    EXPECT_EQ(files().getElem("files", true).toInt(), 3) << "those of the folder, and gxprefetch.info";
+    const string table = dir.read("image/img.files");
+    dir.write("image/img.files", table.substr(1));
+    EXPECT_EQ(files().getElem("files", true).getType(), SxParserAst::Null);
+    EXPECT_THAT(files().getElem("filesWhy", true).toString().str(), HasSubstr("cut off or altered"));
+    EXPECT_EQ(run({"image", "verify", image}).code, 1);
+    std::filesystem::remove(dir.path("image/img.files"));
+    EXPECT_EQ(files().getElem("filesWhy", true).toString(),
+              "there is no img.files yet, image order makes it");
+    dir.write("image/img.files", table);
+
     const Outcome raw = run({"image", "raw", image, dir.path("raw"), "--json"});
     ASSERT_EQ(raw.code, 0) << raw.err;
     EXPECT_EQ(parseJson(raw.out).getElem("sizeRaw", true).toInt(),
@@ -183,6 +196,11 @@ TEST_F(ClientTest, createInfoVerifySplitJoin) {
     EXPECT_EQ(info.getElem("blocks").getElem("present").toInt(), 4);
     EXPECT_EQ(info.getElem("state").toString(), "complete");
     EXPECT_EQ(info.getElem("split").getType(), SxParserAst::Null);
+    EXPECT_EQ(info.getElem("files").getType(), SxParserAst::Null);
+    const string why = "the image holds no file system that is known";
+    EXPECT_EQ(info.getElem("filesWhy").toString().str(), why);
+    EXPECT_THAT(run({"image", "info", image}).out,
+                HasSubstr("\nFiles         " + why + "; an order goes by neighbours on the disk\n"));
     EXPECT_EQ(info.getElem("app").getElem("disk").getElem("sizeZqf").toInt(), 4 * 4096);
     EXPECT_TRUE(parseJson(run({"image", "verify", image, "--json"}).out).getElem("ok").toBool());
 

@@ -155,7 +155,7 @@ void makeSource(const TempDir& dir) {
 void makeSourceAndImage(const TempDir& dir) {
     makeSource(dir);
     for (const std::string name :
-         {"app.json", "img.json", "img.idx", "img.zqf", "img.idx.md5", "traces/1/x.json"}) {
+         {"app.json", "img.json", "img.idx", "img.zqf", "img.files", "img.idx.md5", "traces/1/x.json"}) {
         dir.write("watched/image/" + name, "old");
     }
 }
