@@ -34,6 +34,7 @@ private:
     void readRecords();
     void checkMap();
     void checkPackedMap();
+    void checkHints();
     void checkEntries(const SxArray<uint64>& map);
     void checkZqf();
     void checkPacked();

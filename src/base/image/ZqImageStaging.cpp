@@ -140,7 +140,7 @@ void ZqImageStaging::discard() const {
         ZqImageReplacement::takeBack(target);
         if (!folder.isNew()) return;
         for (const char* name : {ZqImageFiles::ZQF, ZqImageFiles::IDX, ZqImageFiles::IMAGE_JSON,
-                                 ZqImageFiles::APP_JSON, ZqImageFiles::LOCK}) {
+                                 ZqImageFiles::HINTS, ZqImageFiles::APP_JSON, ZqImageFiles::LOCK}) {
             if (SxFSAction::exists(target + name)) SxFSAction::rm(target + name);
         }
     } catch (const SxException& e) {

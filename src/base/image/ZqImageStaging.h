@@ -26,9 +26,10 @@ public:
     /// Makes the folder for the new image, empty, and gives its path with a trailing slash. Raises where
     /// fewer than `need` bytes are free.
     SxString begin(uint64 need) const;
-    /// Puts `img.zqf`, `img.idx`, `img.json` and `app.json`, which are synced, from there in the place of all
-    /// that the image folder holds but what stays. `buildId`: `checksums.mnt` of the new image. Raises, with
-    /// nothing changed, where something would be lost that mustn't be.
+    /// Puts `img.zqf`, `img.idx`, `img.json`, `app.json` and, where there is one, `img.hints`, which are
+    /// synced, from there in the place of all that the image folder holds but what stays. `buildId`:
+    /// `checksums.mnt` of the new image. Raises, with nothing changed, where something would be lost that
+    /// mustn't be.
     void commit(const SxString& buildId);
 
     /// Whether the folder `inner` is `outer` or lies in it, with all links resolved. They need not exist.

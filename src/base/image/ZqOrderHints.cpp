@@ -201,10 +201,8 @@ std::optional<ZqOrderHints> ZqOrderHints::read(const SxString& folder, const SxS
 
 ZqOrderHints ZqOrderHints::readFile(const SxString& file, const SxString& checksumIdx, uint64 nStretches) {
     try {
-        SxFileIO in(file, "rb");
-        if (in.getSize() > MAX_SIZE) throw SxException("It is too large", UNIT, __LINE__);
-        SxArray<char> bytes;
-        in.read(&bytes);
+        SxArray<char> bytes(MAX_SIZE + 1);
+        SxFileIO(file, "rb").read(&bytes);
         return parse({bytes.data(), static_cast<size_t>(bytes.getSize())}, checksumIdx, nStretches);
     } catch (const SxException& e) {
         throw SxException(e, "Cannot use the hints '" + file + "'", UNIT, __LINE__);
@@ -212,6 +210,7 @@ ZqOrderHints ZqOrderHints::readFile(const SxString& file, const SxString& checks
 }
 
 ZqOrderHints ZqOrderHints::parse(std::string_view bytes, const SxString& checksumIdx, uint64 nStretches) {
+    if (bytes.size() > static_cast<size_t>(MAX_SIZE)) throw SxException("It is too large", UNIT, __LINE__);
     if (bytes.size() < HEADER + CHECKSUM || !bytes.starts_with(MAGIC))
         throw SxException("It isn't a file of hints", UNIT, __LINE__);
     const size_t nHashed = bytes.size() - CHECKSUM;

@@ -116,7 +116,7 @@ void ZqFastPatch::performLockFinish() {
         replace(work + ZqImageFiles::IDX, imageDir + ZqImageFiles::IDX);
         // What was true of the old version's blocks alone: one that stays would fail the next mount or
         // verification.
-        ZqOrderRemains::remove(imageDir, true, true);
+        ZqOrderRemains::remove(imageDir, {});
         ZqOrderRemains::renewSyncedSize(imageDir);
         SxFSAction::syncDir(imageDir);
         if (!SxFSAction::isGone(progressFile)) SxFSAction::rm(progressFile);
