@@ -96,6 +96,13 @@ SxSymbol describeJson(const ZqImageInfo& info, const SxString& folder) {
     result.append("state", info.getStateText());
     result.append("sizeZqf", info.sizeZqf);
     result.append("runs", info.nRuns);
+    if (info.hasHints) {
+        SxSymbol hints = result.append("hints", Json::Object);
+        hints.append("groups", info.nHintGroups);
+        hints.append("hotStretches", info.nHotStretches);
+    } else {
+        result.append("hints", Json::Null);
+    }
     if (info.storage.split) {
         result.append("split", Json::Object).append("partSize", info.storage.partSize);
     } else {
@@ -145,6 +152,11 @@ void describeText(const ZqImageInfo& info, const SxString& folder, Output* out) 
           SxString(info.nRaw) + " raw, " + info.nIncluded + " included, " + info.nPresent + " present");
     field("Order", ZqReadable::counted(static_cast<int64>(info.nRuns), "run", "runs"));
     field("Files", describeFiles(findFiles(info, ZqImageFolder::prefix(folder))));
+    if (info.hasHints) {
+        field("Hints", ZqReadable::counted(static_cast<int64>(info.nHintGroups), "group", "groups") + ", " +
+                           ZqReadable::counted(static_cast<int64>(info.nHotStretches), "hot stretch",
+                                               "hot stretches"));
+    }
     field("Storage", describeParts(info));
 }
 

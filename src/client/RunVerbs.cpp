@@ -8,6 +8,7 @@
 #include <tavrin/SxTime.h>
 #include <tavrin/ZqImageStaging.h>
 #include <tavrin/ZqLaunchCommand.h>
+#include <tavrin/ZqReadable.h>
 #include <tavrin/ZqRecordFile.h>
 #include <tavrin/ZqReportSections.h>
 #include <tavrin/ZqRun.h>
@@ -74,6 +75,11 @@ void tellFigures(const ZqRun::Result& result, Output* out) {
               readableBytes(static_cast<double>(result.image.nTwice)));
     out->text(SxString("  on-demand requests        ") + info.nOnDemandFetches + ", " + info.avgOnDemandTime +
               " ms each, the longest " + info.maxOnDemandTime + " ms");
+    if (info.nHinted > 0) {
+        out->text(SxString("  fetched by hints          ") +
+                  ZqReadable::counted(info.nHinted, "stretch", "stretches") + ", of which " +
+                  info.nHintsUsed + " were read");
+    }
     out->text(SxString("  underflows                ") + info.nUnderflows + ", the longest " +
               seconds(info.maxUnderflowTime));
     out->text("  download                  " +

@@ -12,6 +12,7 @@ constexpr const char* IDX_PACKED = "img.idx.zst";              ///< the same, pa
 constexpr const char* IDX_7Z = "img.idx.7z";                   ///< the map in an archive
 constexpr const char* IDX_MD5 = "img.idx.md5";                 ///< digest of the map, optional
 constexpr const char* FILES = "img.files";                     ///< where the drive's files lie, ZqFileTable
+constexpr const char* HINTS = "img.hints";                     ///< ZqOrderHints
 constexpr const char* IMAGE_JSON = "img.json";                 ///< ZqImageParams
 constexpr const char* APP_JSON = "app.json";                   ///< ZqAppParams
 constexpr const char* RUNTIME_JSON = "runtime.json";           ///< ZqRuntimeInfo

@@ -18,7 +18,11 @@ SxString stagingOf(const SxString& folder) {
     return ZqImageFolder::prefix(folder) + ZqImageFiles::STAGING;
 }
 
-bool isNew(const SxString& name) {
+/// Whether a file of the new image is in its place by now.
+bool isNew(const SxString& name, const SxString& staging) {
+    if (!SxFSAction::isGone(staging + name)) return false;
+    // Not every image has hints. Those that stand there once blocks have come are the new ones.
+    if (name == ZqImageFiles::HINTS) return SxFSAction::isGone(staging + ZqImageFiles::ZQF);
     return std::find(std::begin(BLOCKS), std::end(BLOCKS), name) != std::end(BLOCKS);
 }
 
@@ -28,7 +32,7 @@ void removeOld(const SxString& target, const SxString& staging, const SxList<SxS
         const SxString name = old.getName();
         if (name == ZqImageFiles::LOCK || name + "/" == ZqImageFiles::STAGING) continue;
         if (std::find(kept.begin(), kept.end(), name) != kept.end()) continue;
-        if (isNew(name) && SxFSAction::isGone(staging + name)) continue;
+        if (isNew(name, staging)) continue;
         SxFSAction::rm_r(old);
     }
 }
@@ -42,6 +46,8 @@ void replace(const SxString& target, const SxString& staging) {
         if (!SxFSAction::isGone(target + app)) SxFSAction::rm(target + app);
         SxFSAction::syncDir(target);
         removeOld(target, staging, kept);
+        // Old hints that came back beside new blocks would be taken for new ones.
+        SxFSAction::syncDir(target);
         const auto put = [&](const char* name) {
             if (!SxFSAction::isGone(staging + name)) SxFSAction::mv(staging + name, target + name);
         };
@@ -50,6 +56,12 @@ void replace(const SxString& target, const SxString& staging) {
         // Not every image has one, so `kept` names it where the new one has: else what stands there is old.
         put(ZqImageFiles::FILES);
         SxFSAction::syncDir(target);
+        if (!SxFSAction::isGone(staging + ZqImageFiles::HINTS)) {
+            // Blocks that came back there would make the hints count as old ones.
+            SxFSAction::syncDir(staging);
+            SxFSAction::mv(staging + ZqImageFiles::HINTS, target + ZqImageFiles::HINTS);
+            SxFSAction::syncDir(target);
+        }
         SxFSAction::mv(staging + app, target + app);
     }
     SxFSAction::syncDir(target);

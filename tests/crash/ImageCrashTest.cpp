@@ -9,6 +9,7 @@
 #include "ZqImageOrder.h"
 #include "ZqImagePack.h"
 #include "ZqImageRaw.h"
+#include "ZqImageStaging.h"
 #include "ZqMachineRoot.h"
 #include "ZqTrace.h"
 #include "ZqTraceBuilder.h"
@@ -155,7 +156,8 @@ void makeSource(const TempDir& dir) {
 void makeSourceAndImage(const TempDir& dir) {
     makeSource(dir);
     for (const std::string name :
-         {"app.json", "img.json", "img.idx", "img.zqf", "img.files", "img.idx.md5", "traces/1/x.json"}) {
+         {"app.json", "img.json", "img.idx", "img.zqf", "img.files", "img.idx.md5", "img.hints",
+          "traces/1/x.json"}) {
         dir.write("watched/image/" + name, "old");
     }
 }
@@ -165,7 +167,7 @@ void makeSourceAndSameImage(const TempDir& dir) {
     makeSource(dir);
     ZqImageBuild job(dir.path("watched/image"), dir.path("watched/source"), {});
     EXPECT_EQ(failureOf(job), "");
-    for (const std::string name : {"img.idx.md5", "runtime.json"})
+    for (const std::string name : {"img.idx.md5", "img.hints", "runtime.json"})
         dir.write("watched/image/" + name, "old");
     for (const std::string name : {"img.tix", "img.tmp", "traces/1/trace.json", "traces/2/img.trc"})
         dir.write("watched/image/" + name, "gathered");
@@ -205,6 +207,17 @@ std::string buildAgain(const TempDir& dir) {
     ZqImageBuild::Options what;
     what.cmd = "another";
     return build(dir, what);
+}
+
+/// An image whose order comes with hints takes the place of another.
+std::string replaceWithHints(const TempDir& dir) {
+    return failureOf([&] {
+        ZqImageStaging staging(SxString(dir.path("watched/image/")), "test", true);
+        const SxString folder = staging.begin(0);
+        for (const std::string name : {"img.zqf", "img.idx", "img.json", "img.hints", "app.json"})
+            SxFileIO::writeAtomic(folder + name, "new");
+        staging.commit("build");
+    });
 }
 
 void makeServed(const TempDir& dir, const std::string& folder, uint64 nRaw) {
@@ -360,6 +373,7 @@ const Job JOBS[] = {
     {"CreateInANewFolder", makeSource, createNew, findLostReplacement, 100'000, 499, true},
     {"BuildOverAnImage", makeSourceAndImage, buildOver, findLostReplacement, 2 << 20, 3000},
     {"BuildOverTheSameBuild", makeSourceAndSameImage, buildAgain, findLostReplacement, 2 << 20, 3000},
+    {"ReplaceWithHints", makeSourceAndImage, replaceWithHints, findLostReplacement, 0, 0},
     {"Order", makeServedAndTrace, order, findMixedImage, 512, 100},
     {"Pack", makeUnpacked, pack, findMixedFile, 50'000, 50'000},
     {"Raw", makeServedAlone, writeRaw, findMixedFile, 4096, 1000},

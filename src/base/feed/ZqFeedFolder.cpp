@@ -144,6 +144,12 @@ void ZqFeedFolder::openRest(const SxPtr<ZqNetLink>& link, const ZqStopTest& stop
     shape->lower();
 }
 
+SxPtr<const ZqOrderHints> ZqFeedFolder::fetchHints(const SxPtr<ZqNetLink>& link,
+                                                   const ZqStopTest& stop) const {
+    auto hints = ZqImageRecords(link, settings.image, url, settings.headers).fetchHints(getApp(), stop);
+    return hints ? SxPtr<ZqOrderHints>::create(std::move(*hints)) : SxPtr<ZqOrderHints>();
+}
+
 bool ZqFeedFolder::isKnownAsRight() const {
     const SxString& stated = getApp().checksumZqf;
     return url.isEmpty() || stated.isEmpty() || written || record.isVerified(settings.image, stated);

@@ -5,6 +5,7 @@
 #include "ZqImageLock.h"
 #include "ZqImageOrigin.h"
 #include "ZqImageParams.h"
+#include "ZqOrderHints.h"
 #include "ZqStreamRecord.h"
 
 /// The folder of an image that is fed: takes it for this process, knows where it comes from and how an
@@ -26,6 +27,10 @@ public:
     void noteUse(bool isDownloaded) const;
     /// Fetches the records that are missing, over `link` where that isn't null.
     void openRest(const SxPtr<ZqNetLink>& link, const ZqStopTest& stop);
+
+    /// The hints of the image's order, of the folder or over `link`; null where there are none. Raises
+    /// nothing. From openApp() on, for any thread, but not beside itself.
+    SxPtr<const ZqOrderHints> fetchHints(const SxPtr<ZqNetLink>& link, const ZqStopTest& stop) const;
 
     const ZqAppParams& getApp() const noexcept { return origin.getApp(); }
     /// From openRest() on.

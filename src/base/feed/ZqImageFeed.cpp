@@ -99,6 +99,11 @@ void ZqImageFeed::start() {
     manager->setEdgeCall([link_ = link] { link_->hastenStreams(); });
     manager->start();
     keeper->start();
+    hints = std::make_unique<ZqFeedJob>("hints", [this, link_ = link] {
+        if (const auto known = folder.fetchHints(link_, [this] { return stopping.load(); }))
+            manager->setHints(known);
+    });
+    hints->start();
 }
 
 void ZqImageFeed::keepUntilStopped() {
@@ -199,6 +204,7 @@ void ZqImageFeed::stop() {
     } else if (link) {
         link->cancel();
     }
+    if (hints) hints->wait();
     if (manager) manager->wait();
     if (download) download->wait();
     if (part && hasOpened) part->noteLeft();

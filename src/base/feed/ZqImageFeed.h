@@ -122,6 +122,7 @@ private:
     /// Over the manager's starts and ends, which the keeper and the owner look after in turns.
     SxMutex managerMutex;
     std::unique_ptr<ZqFeedJob> keeper;
+    std::unique_ptr<ZqFeedJob> hints; ///< fetches them, so that nothing waits for that
     std::atomic<bool> stopping{false}, settled{false};
     std::atomic<bool> isCutOff{false}; ///< the server has another version, and nothing is taken from it
 

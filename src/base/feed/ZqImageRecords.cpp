@@ -14,6 +14,7 @@
 #include "ZqImageParams.h"
 #include "ZqJobsTogether.h"
 #include "ZqLog.h"
+#include "ZqSeekTable.h"
 #include "ZqUrlText.h"
 
 namespace {
@@ -236,7 +237,51 @@ void ZqImageRecords::fetchIndex(const ZqStopTest& stop) {
     bool isConfirmed = false;
     const ZqAppParams app = fetchApp(false, &isConfirmed, stop);
     app.requireKnownFormat();
+    ZqJobsTogether fetches;
+    fetches.start("hints", [&] { (void)fetchHints(app, stop); });
     fetchRest(app, stop);
+    fetches.wait();
+}
+
+std::optional<ZqOrderHints> ZqImageRecords::fetchHints(const ZqAppParams& app, const ZqStopTest& stop) const {
+    const SxString file = folder + ZqImageFiles::HINTS;
+    try {
+        auto known = ZqOrderHints::read(folder, app.checksumIdx, ZqSeekTable::countFrames(app.sizeZqf));
+        if (known) return known;
+        if (!SxFSAction::isGone(file)) SxFSAction::rm(file);
+        // Nothing binds them to this order then.
+        if (app.checksumIdx.isEmpty()) return std::nullopt;
+        return bringHints(app, stop);
+    } catch (const SxException& e) {
+        // Most servers have none, and a stop is no failure.
+        if (!e.hasTag(ZqNetLink::NOT_FOUND) && !e.hasTag(SxException::STOPPED))
+            zqLogMsg("base", "Goes on without hints: " + e.toString(SxException::ShowMessage, ": "));
+        return std::nullopt;
+    }
+}
+
+ZqOrderHints ZqImageRecords::bringHints(const ZqAppParams& app, const ZqStopTest& stop) const {
+    std::optional<ZqOrderHints> hints;
+    SxArray<char> bytes;
+    takeRecord([&](bool isFresh) {
+        const SxPtr<ZqRemoteFile> server = remote(ZqImageFiles::HINTS, isFresh);
+        server->getFacts()->allowAbsence();
+        bytes = server->get(ZqOrderHints::MAX_SIZE, stop);
+        try {
+            hints = ZqOrderHints::parse({bytes.data(), static_cast<size_t>(bytes.getSize())}, app.checksumIdx,
+                                        ZqSeekTable::countFrames(app.sizeZqf));
+        } catch (const SxException& e) {
+            throw SxException(e, "Cannot use '" + urlOf(ZqImageFiles::HINTS) + "'", UNIT, __LINE__)
+                .tagged(ZqNetLink::WRONG);
+        }
+    });
+    try {
+        SxFileIO::writeAtomic(folder + ZqImageFiles::HINTS, [&](SxFileIO* file) { file->write(bytes); });
+    } catch (const SxException& e) {
+        // This run has them; the next one asks again.
+        zqLogMsg("base", e.toString(SxException::ShowMessage, ": "));
+    }
+    return *hints;
 }
 
 void ZqImageRecords::fetchParams(const ZqAppParams& app, const ZqStopTest& stop) const {

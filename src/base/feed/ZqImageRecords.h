@@ -2,6 +2,7 @@
 
 #include "SxArray.h"
 #include "ZqAppParams.h"
+#include "ZqOrderHints.h"
 #include "ZqRemoteFile.h"
 #include "ZqUrlText.h"
 
@@ -27,7 +28,12 @@ public:
     void requireSameOnServer(const ZqAppParams& own, const ZqStopTest& stop) const;
     /// Fetches what else is missing or doesn't fit `app`: `img.json`, `img.idx`, its digest.
     void fetchRest(const ZqAppParams& app, const ZqStopTest& stop);
-    /// All of it, for an index folder: one that holds nothing yet.
+    /// The hints of the block order of `app`: those in the folder, or else those that the server has, which
+    /// are put there. What the folder has of another order goes. Nothing where the server has none, or where
+    /// they can't be used, which is logged. Raises nothing: nobody depends on them. Safe from any thread, but
+    /// not beside itself.
+    std::optional<ZqOrderHints> fetchHints(const ZqAppParams& app, const ZqStopTest& stop) const;
+    /// All of it, and the hints, for an index folder: one that holds nothing yet.
     void fetchIndex(const ZqStopTest& stop);
 
     /// Whether the server's `app.json` is still that of the version and block order of `own`. Raises where
@@ -44,6 +50,7 @@ private:
     /// Whether the map has that size, and that digest where it isn't empty.
     bool hasMap(const ZqAppParams& known) const;
     void fetchParams(const ZqAppParams& app, const ZqStopTest& stop) const;
+    ZqOrderHints bringHints(const ZqAppParams& app, const ZqStopTest& stop) const;
     /// The map, and before it `img.idx.md5` with the digest that it is checked by, where `app` states none.
     void fetchMap(const ZqAppParams& app, const ZqStopTest& stop) const;
     void bringMap(const ZqAppParams& known, const ZqStopTest& stop) const;

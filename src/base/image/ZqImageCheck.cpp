@@ -14,6 +14,7 @@
 #include "ZqImageFolder.h"
 #include "ZqImageLock.h"
 #include "ZqImageParams.h"
+#include "ZqOrderHints.h"
 #include "ZqPackedForm.h"
 #include "ZqPackedMap.h"
 #include "ZqSeekTable.h"
@@ -44,6 +45,7 @@ void ZqImageCheck::main() {
     checkMap();
     checkPackedMap();
     checkFileTable();
+    checkHints();
     checkZqf();
     checkPacked();
 }
@@ -109,6 +111,23 @@ void ZqImageCheck::checkMap() {
                  "': there is no digest, neither in img.idx.md5 nor in app.json; no mount takes it");
     } else {
         checkDigest(file, expected);
+    }
+}
+
+void ZqImageCheck::checkHints() {
+    const SxString file = pathPrefix + ZqImageFiles::HINTS;
+    if (SxFSAction::isGone(file)) return;
+    if (!haveApp) {
+        notes.append("img.hints: not checked, since app.json can't be read");
+        return;
+    }
+    try {
+        const ZqOrderHints hints =
+            ZqOrderHints::readFile(file, app.checksumIdx, ZqSeekTable::countFrames(sizeComplete));
+        notes.append(SxString("img.hints: ") + static_cast<uint64>(hints.groups.size()) + " groups, " +
+                     hints.countHot() + " hot stretches");
+    } catch (const SxException& e) {
+        addFault(e.what());
     }
 }
 

@@ -35,6 +35,7 @@ private:
     void checkMap();
     void checkPackedMap();
     void checkFileTable();
+    void checkHints();
     void checkEntries(const SxArray<uint64>& map);
     void checkZqf();
     void checkPacked();

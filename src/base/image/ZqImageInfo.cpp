@@ -7,6 +7,8 @@
 #include "ZqImageFiles.h"
 #include "ZqImageFolder.h"
 #include "ZqImageLock.h"
+#include "ZqOrderHints.h"
+#include "ZqSeekTable.h"
 
 namespace {
 
@@ -57,6 +59,12 @@ ZqImageInfo::ZqImageInfo(const SxString& path) {
                           __LINE__);
     }
     countBlocks(ZqImage(prefix).getMap());
+    if (const auto hints =
+            ZqOrderHints::read(prefix, app.checksumIdx, ZqSeekTable::countFrames(sizeComplete))) {
+        hasHints = true;
+        nHintGroups = hints->groups.size();
+        nHotStretches = hints->countHot();
+    }
     storage = ZqImage(prefix).getSplitState();
     state = findState(prefix, !storage.split && sizeZqf >= sizeComplete);
 }

@@ -29,6 +29,8 @@ public:
     uint64 nIncluded = 0;    ///< RAW blocks that the complete ZqF file holds
     uint64 nPresent = 0;     ///< of these, those that lie below the present end of `img.zqf`
     uint64 nRuns = 0;        ///< runs of RAW neighbours that are neighbours in the ZqF file, in ZqF order
+    bool hasHints = false;   ///< of this map
+    uint64 nHintGroups = 0, nHotStretches = 0;
     ZqImage::SplitState storage;
 
     /// "complete", "partial", "optimizing" or "patching".

@@ -141,8 +141,9 @@ void ZqImageStaging::discard() const {
     try {
         ZqImageReplacement::takeBack(target);
         if (!folder.isNew()) return;
-        for (const char* name : {ZqImageFiles::ZQF, ZqImageFiles::IDX, ZqImageFiles::FILES,
-                                 ZqImageFiles::IMAGE_JSON, ZqImageFiles::APP_JSON, ZqImageFiles::LOCK}) {
+        for (const char* name :
+             {ZqImageFiles::ZQF, ZqImageFiles::IDX, ZqImageFiles::FILES, ZqImageFiles::IMAGE_JSON,
+              ZqImageFiles::HINTS, ZqImageFiles::APP_JSON, ZqImageFiles::LOCK}) {
             if (SxFSAction::exists(target + name)) SxFSAction::rm(target + name);
         }
     } catch (const SxException& e) {

@@ -26,7 +26,7 @@ public:
     /// Makes the folder for the new image, empty, and gives its path with a trailing slash. Raises where
     /// fewer than `need` bytes are free.
     SxString begin(uint64 need) const;
-    /// Puts `img.zqf`, `img.idx`, `img.json`, `app.json`, and `img.files` where there is one, which are
+    /// Puts `img.zqf`, `img.idx`, `img.json`, `app.json`, and `img.files` and `img.hints`, if any, which are
     /// synced, from there in the place of all that the image folder holds but what stays. `buildId`:
     /// `checksums.mnt` of the new image. Raises, with nothing changed, where something would be lost that
     /// mustn't be.

@@ -8,15 +8,20 @@
 #include "ZqStretchStore.h"
 #include "ZqSyncedSize.h"
 
-void ZqOrderRemains::remove(const SxString& image, bool alsoAhead, bool alsoIdxMd5) {
+#include <utility>
+
+void ZqOrderRemains::remove(const SxString& image, const Kept& kept) {
     // What a kill has left of a map that was unpacked.
     ZqArchiveFile::removeLeft(image);
-    for (const char* name : {ZqImageFiles::REFERENCE, ZqImageFiles::PACKED, ZqImageFiles::IDX_PACKED}) {
-        if (!SxFSAction::isGone(image + name)) SxFSAction::rm(image + name);
+    const std::pair<const char*, bool> files[] = {{ZqImageFiles::REFERENCE, false},
+                                                  {ZqImageFiles::PACKED, false},
+                                                  {ZqImageFiles::IDX_PACKED, false},
+                                                  {ZqImageFiles::IDX_MD5, kept.idxMd5},
+                                                  {ZqImageFiles::HINTS, kept.hints}};
+    for (const auto& [name, isKept] : files) {
+        if (!isKept && !SxFSAction::isGone(image + name)) SxFSAction::rm(image + name);
     }
-    if (alsoIdxMd5 && !SxFSAction::isGone(image + ZqImageFiles::IDX_MD5))
-        SxFSAction::rm(image + ZqImageFiles::IDX_MD5);
-    if (alsoAhead) ZqStretchStore::remove(image);
+    if (!kept.ahead) ZqStretchStore::remove(image);
     SxFSAction::syncDir(image);
     ZqStreamRecord old;
     try {

@@ -206,7 +206,7 @@ void ZqImageInPlaceDefrag::move(const ZqOptimizeNote& note, Source source) {
     // Somebody may have removed it.
     if (!work.isLocked()) work.lock();
     // The digest of the old map stays as long as that, which a run that goes on looks at.
-    ZqOrderRemains::remove(imagePath, true, false);
+    ZqOrderRemains::remove(imagePath, {.idxMd5 = true});
     SxFileIO zqf(imagePath + ZqImageFiles::ZQF, "r+b", 0600);
     const auto size = static_cast<uint64>(zqf.getSize());
     if (size < note.to.sizeZqf) {
@@ -231,7 +231,7 @@ void ZqImageInPlaceDefrag::move(const ZqOptimizeNote& note, Source source) {
     const uint64 probe = ZqBlockProbe::of(&zqf, movedAmong(plan));
     zqf.close();
     ZqOrderRemains::renewSyncedSize(imagePath);
-    const uint64 replaces = work.has(ZqImageFiles::IDX_MD5) ? ZqMoveProgress::ALSO_IDX_MD5 : 0;
+    const uint64 replaces = work.findReplaced();
     howFar.set({ZqMoveProgress::Records, 0, replaces, 0, probe});
 }
 

@@ -188,8 +188,11 @@ void ZqImageOptimize::requireImage() const {
 SxString ZqImageOptimize::takeIndex() const {
     const bool isPacked = !SxFSAction::exists(indexPath + ZqImageFiles::IDX);
     const SxString map = indexPath + (isPacked ? ZqImageFiles::IDX_7Z : ZqImageFiles::IDX);
-    ZqImageFolder::requireSpace(imagePath, static_cast<uint64>(SxFSAction::sizeOf(map)) +
-                                               ZqOptimizeFolder::ROOM_FOR_RECORDS);
+    const uint64 size = static_cast<uint64>(SxFSAction::sizeOf(map)) +
+                        (ZqOptimizeFolder::hasHints(indexPath)
+                             ? static_cast<uint64>(SxFSAction::sizeOf(indexPath + ZqImageFiles::HINTS))
+                             : 0);
+    ZqImageFolder::requireSpace(imagePath, size + ZqOptimizeFolder::ROOM_FOR_RECORDS);
     work->make();
     const SxString folder = work->getStaged();
     if (!SxFSAction::isGone(folder)) SxFSAction::rm_r(folder);
@@ -232,8 +235,7 @@ void ZqImageOptimize::copy(const SxString& index, const SxString& name) {
     result.nBeyond = worker.getNBeyond();
     result.nLost = worker.getNLost();
     if (forecastOnly || !worker.isComplete() || stopRequested()) return;
-    const uint64 replaces = (work->has(ZqImageFiles::AHEAD) ? ZqMoveProgress::ALSO_AHEAD : 0) |
-                            (work->has(ZqImageFiles::IDX_MD5) ? ZqMoveProgress::ALSO_IDX_MD5 : 0);
+    const uint64 replaces = work->findReplaced();
     const auto size = static_cast<uint64>(SxFSAction::sizeOf(work->file(ZqImageFiles::ZQF)));
     // The copy must be there under its name before anything says that it is complete.
     SxFSAction::syncDir(work->getPath());
@@ -348,8 +350,9 @@ void ZqImageOptimize::finish() {
         if (!work->isLocked()) work->lock();
         // What was true of the old blocks goes, unless something new replaces it.
         const uint64 replaces = howFar.get().batch;
-        ZqOrderRemains::remove(imagePath, (replaces & ZqMoveProgress::ALSO_AHEAD) == 0,
-                               (replaces & ZqMoveProgress::ALSO_IDX_MD5) == 0);
+        ZqOrderRemains::remove(imagePath, {.ahead = (replaces & ZqMoveProgress::ALSO_AHEAD) != 0,
+                                           .idxMd5 = (replaces & ZqMoveProgress::ALSO_IDX_MD5) != 0,
+                                           .hints = (replaces & ZqMoveProgress::ALSO_HINTS) != 0});
         work->replace(note.mode);
         ZqOrderRemains::renewSyncedSize(imagePath);
         if (!note.index.isEmpty()) {

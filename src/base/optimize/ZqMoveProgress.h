@@ -20,8 +20,8 @@ public:
         Swap = 3,    ///< a copy of `round` bytes is complete; image and records are being replaced
         Tidy = 4     ///< all is replaced
     };
-    /// What else a copy replaces, a sum as `batch` of the phase Swap.
-    static constexpr uint64 ALSO_AHEAD = 1, ALSO_IDX_MD5 = 2;
+    /// What else is replaced, a sum as `batch` of the phases Records and Swap.
+    static constexpr uint64 ALSO_AHEAD = 1, ALSO_IDX_MD5 = 2, ALSO_HINTS = 4;
     /// The tag of a failure where the file says nothing.
     static constexpr const char* DAMAGED = "Damaged";
     struct State {

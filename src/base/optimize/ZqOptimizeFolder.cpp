@@ -8,6 +8,7 @@
 #include "ZqArchiveFile.h"
 #include "ZqImageFiles.h"
 #include "ZqMoveProgress.h"
+#include "ZqOrderHints.h"
 #include "ZqRecordFile.h"
 
 #include <algorithm>
@@ -25,7 +26,7 @@ constexpr const char* COPY = "copy";
 /// A map that fits the old file, or records that fit the old map, must never stand beside the new ones
 /// without the lock; the order is the one that people find who look into the folder.
 constexpr const char* RECORDS[] = {ZqImageFiles::IMAGE_JSON, ZqImageFiles::APP_JSON, ZqImageFiles::IDX,
-                                   ZqImageFiles::IDX_MD5};
+                                   ZqImageFiles::IDX_MD5, ZqImageFiles::HINTS};
 constexpr const char* COPIED[] = {ZqImageFiles::ZQF, ZqImageFiles::AHEAD, ZqImageFiles::AHEAD_IDX};
 
 constexpr const char* OTHER_FILES[] = {ZqImageFiles::ZQF,       ZqImageFiles::AHEAD,
@@ -218,11 +219,17 @@ void ZqOptimizeFolder::lock() const {
     SxFSAction::syncDir(image);
 }
 
+bool ZqOptimizeFolder::hasHints(const SxString& index) {
+    const int64 size = SxFSAction::sizeOf(index + ZqImageFiles::HINTS);
+    return size >= 0 && size <= ZqOrderHints::MAX_SIZE;
+}
+
 void ZqOptimizeFolder::copyIndex(const SxString& from, const SxString& to) {
     // The archive counts only where there is no map beside it.
     const bool hasMap = !SxFSAction::isGone(from + ZqImageFiles::IDX);
     for (const SxString name : INDEX_FILES) {
         if (hasMap && name == ZqImageFiles::IDX_7Z) continue;
+        if (name == ZqImageFiles::HINTS && !hasHints(from)) continue;
         if (!SxFSAction::isGone(from + name)) copyFile(from + name, to + name);
     }
 }
@@ -239,6 +246,12 @@ void ZqOptimizeFolder::takeStaged(bool keepsCopy) const {
     }
     SxFSAction::syncDir(path);
     SxFSAction::rm_r(getStaged());
+}
+
+uint64 ZqOptimizeFolder::findReplaced() const {
+    return (has(ZqImageFiles::AHEAD) ? ZqMoveProgress::ALSO_AHEAD : 0) |
+           (has(ZqImageFiles::IDX_MD5) ? ZqMoveProgress::ALSO_IDX_MD5 : 0) |
+           (has(ZqImageFiles::HINTS) ? ZqMoveProgress::ALSO_HINTS : 0);
 }
 
 void ZqOptimizeFolder::replace(ZqOptimizeNote::Mode mode) const {

@@ -45,8 +45,8 @@ public:
     static constexpr uint64 ROOM_FOR_RECORDS = 1 << 20;
     /// All that an index folder holds, what it is known by last.
     static constexpr const char* INDEX_FILES[] = {ZqImageFiles::IMAGE_JSON, ZqImageFiles::IDX,
-                                                  ZqImageFiles::IDX_MD5, ZqImageFiles::IDX_7Z,
-                                                  ZqImageFiles::APP_JSON};
+                                                  ZqImageFiles::IDX_MD5,    ZqImageFiles::IDX_7Z,
+                                                  ZqImageFiles::HINTS,      ZqImageFiles::APP_JSON};
 
     /// `image` is the image folder with its trailing slash.
     explicit ZqOptimizeFolder(const SxString& image_);
@@ -82,7 +82,9 @@ public:
     /// Makes `optimize.lock`. All that lies in the folder is on the device by then.
     void lock() const;
 
-    /// Copies what an index folder has of records and map.
+    /// Whether an index folder has hints that can be taken at all, by their kind and size.
+    static bool hasHints(const SxString& index);
+    /// Copies what an index folder has of records, map and hints.
     static void copyIndex(const SxString& from, const SxString& to);
     /// What was begun works with the staged index folder from here on. All else goes, unless `keepsCopy` the
     /// note and a copy of the image's blocks.
@@ -90,8 +92,10 @@ public:
     /// Nothing is noted any longer of how far it has come; on the device.
     void removeProgress() const;
     SxString getStaged() const { return path + STAGED; }
-    /// Puts what the folder has of img.json, app.json, img.idx, img.idx.md5, and of a copy img.zqf and the
-    /// stretches that are kept beside it, in the place of the image's, in that order.
+    /// What the folder has beyond map, records and img.zqf, a sum of what ZqMoveProgress has of such.
+    uint64 findReplaced() const;
+    /// Puts what the folder has of img.json, app.json, img.idx, img.idx.md5, img.hints, and of a copy img.zqf
+    /// and the stretches that are kept beside it, in the place of the image's, in that order.
     void replace(ZqOptimizeNote::Mode mode) const;
     /// Removes all, the lock last but for the folder. Under the lock what tells how far all has come is the
     /// last file that goes, without it the first.

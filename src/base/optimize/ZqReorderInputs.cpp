@@ -10,6 +10,8 @@
 #include "ZqImageFiles.h"
 #include "ZqLog.h"
 #include "ZqOptimizeFolder.h"
+#include "ZqOrderHints.h"
+#include "ZqSeekTable.h"
 
 namespace {
 
@@ -109,6 +111,24 @@ void ZqReorderInputs::check(bool isTold, bool leavesImage) {
                           UNIT, __LINE__);
     }
     requireSize();
+    dropForeignHints();
+}
+
+/// Hints that no reader takes don't become the image's. The index folder is a copy. A disk that fails raises,
+/// since they may be right.
+void ZqReorderInputs::dropForeignHints() const {
+    const SxString hints = index + ZqImageFiles::HINTS;
+    if (SxFSAction::isGone(hints)) return;
+    SxArray<char> bytes(ZqOrderHints::MAX_SIZE + 1);
+    SxFileIO(hints, "rb").read(&bytes);
+    try {
+        ZqOrderHints::parse({bytes.data(), static_cast<size_t>(bytes.getSize())}, newApp.checksumIdx,
+                            ZqSeekTable::countFrames(newApp.sizeZqf));
+    } catch (const SxException& e) {
+        zqLogMsg("base", "'" + shown(ZqImageFiles::HINTS) +
+                             "' is left out: " + e.toString(SxException::ShowMessage, ": "));
+        SxFSAction::rm(hints);
+    }
 }
 
 SxString ZqReorderInputs::takeOldMap(bool leavesImage) const {

@@ -40,6 +40,7 @@ private:
     SxString digestOf(const SxString& map, const SxString& folder, const SxString& name,
                       const ZqAppParams& app, bool* isStated) const;
     void requireSize() const;
+    void dropForeignHints() const;
 
     const SxString image, index, indexName;
     SxString oldMap; ///< the image's map; a file

@@ -116,7 +116,7 @@ void ZqFastPatch::performLockFinish() {
         replace(work + ZqImageFiles::IDX, imageDir + ZqImageFiles::IDX);
         // What was true of the old version's blocks alone: one that stays would fail the next mount or
         // verification.
-        ZqOrderRemains::remove(imageDir, true, true);
+        ZqOrderRemains::remove(imageDir, {});
         if (!SxFSAction::isGone(imageDir + ZqImageFiles::FILES))
             SxFSAction::rm(imageDir + ZqImageFiles::FILES);
         ZqOrderRemains::renewSyncedSize(imageDir);

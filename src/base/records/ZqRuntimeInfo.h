@@ -59,6 +59,8 @@ public:
     int64 maxOnDemandTime = 0;  ///< milliseconds
     int64 avgOnDemandQueue = 0; ///< mean length of the on-demand queue
     int64 maxOnDemandQueue = 0;
+    int64 nHinted = 0;           ///< stretches that hints of the order have brought, see ZqOrderHints
+    int64 nHintsUsed = 0;        ///< of these, those that a read has waited for later
     int64 prefetchSizeMB = 0;    ///< megabytes
     int64 exitCode = 0;          ///< of the application
     SxString winVer = "Unknown"; ///< text of the operating system's version

@@ -204,6 +204,10 @@ SxString ZqRunPage::details() const {
                                 ZqReadable::count(static_cast<int64>(result.link.nRetries)));
     html += row("On-demand requests",
                 SxString(info.avgOnDemandTime) + " ms each, the longest " + info.maxOnDemandTime + " ms");
+    if (info.nHinted > 0) {
+        html += row("Fetched by hints", ZqReadable::counted(info.nHinted, "stretch", "stretches") +
+                                            ", of which " + info.nHintsUsed + " were read");
+    }
     html += row("Speed of the download",
                 SxString::sprintf("%.1f Mbit/s, at most %.1f Mbit/s", info.avgSpeed, info.maxSpeed));
     if (!result.traceFolder.isEmpty()) html += row("Trace", result.traceFolder);

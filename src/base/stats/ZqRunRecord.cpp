@@ -142,6 +142,8 @@ void readInfo(const SxSymbol& root, ZqRuntimeInfo* info) {
         {"maxOnDemandTime", &info->maxOnDemandTime},
         {"avgOnDemandQueue", &info->avgOnDemandQueue},
         {"maxOnDemandQueue", &info->maxOnDemandQueue},
+        {"nHinted", &info->nHinted},
+        {"nHintsUsed", &info->nHintsUsed},
     };
     for (const auto& [key, field] : numbers)
         ZqRecordFile::get(root, key, field);
@@ -183,6 +185,8 @@ void appendInfo(const ZqRuntimeInfo& info, SxSymbol* root) {
             apps.append(app.makeVisible());
     }
     root->append("sumOnDemandSize", info.sumOnDemandSize);
+    root->append("nHinted", info.nHinted);
+    root->append("nHintsUsed", info.nHintsUsed);
     if (info.patchStats.started) root->appendCopy("patchStats", ZqPreparations::toJson(info.patchStats));
     if (info.defragStats.started) root->appendCopy("defragStats", ZqPreparations::toJson(info.defragStats));
 }

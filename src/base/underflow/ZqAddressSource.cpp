@@ -11,8 +11,10 @@ void ZqAddressSource::setAddress(const SxString& url, const SxList<SxString>& he
     downloader.setHeaders(headers);
 }
 
-void ZqAddressSource::announce(const SxArray<uint64>& offsets, const SxArray<uint64>& sizes) {
+SxArray<uint64> ZqAddressSource::announce(const SxArray<uint64>& offsets, const SxArray<uint64>& sizes,
+                                          const SxArray<uint64>&) {
     downloader.announce(offsets, sizes);
+    return {};
 }
 
 void ZqAddressSource::read(uint64 offset, uint64 size, char* buffer, bool isApart) {

@@ -13,7 +13,9 @@ public:
     /// Address and headers ("Name: value") for later requests. Raises where they are refused.
     void setAddress(const SxString& url, const SxList<SxString>& headers);
 
-    void announce(const SxArray<uint64>& offsets, const SxArray<uint64>& sizes) override;
+    /// Fetches nothing of `likely`.
+    SxArray<uint64> announce(const SxArray<uint64>& offsets, const SxArray<uint64>& sizes,
+                             const SxArray<uint64>& likely) override;
     void read(uint64 offset, uint64 size, char* buffer, bool isApart) override;
     void forget(uint64 offset, uint64 size) override;
     void cancel(bool on) override;

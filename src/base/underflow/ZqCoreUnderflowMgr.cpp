@@ -96,6 +96,10 @@ void ZqCoreUnderflowMgr::setEdgeCall(std::function<void()> call) {
     fetcher->setEdgeCall(std::move(call));
 }
 
+void ZqCoreUnderflowMgr::setHints(const SxPtr<const ZqOrderHints>& hints) {
+    fetcher->setHints(hints);
+}
+
 void ZqCoreUnderflowMgr::setRangeSource(const SxPtr<ZqRangeSource>& ranges) {
     source->setRanges(ranges);
 }

@@ -20,6 +20,7 @@ class ZqImageProgress;
 class ZqOnDemandFetcher;
 class ZqOnDemandSource;
 class ZqOnDemandTable;
+class ZqOrderHints;
 class ZqRangeSource;
 class ZqUnderflowDrive;
 class ZqUnderflowFigures;
@@ -43,9 +44,9 @@ class ZqUnderflowFigures;
 /// service, a pass five and one for each stretch. What has just been asked isn't asked again. Durations are
 /// taken on the steady clock, since the system's may jump.
 ///
-/// The queries, stop(), maximizeApp(), setRangeSource() and setDownloadParams() are safe from any thread;
-/// start(), wait(), restart() and restoreWindow() belong to the owner's; everything else runs on the job's
-/// own.
+/// The queries, stop(), maximizeApp(), setRangeSource(), setDownloadParams() and setHints() are safe from any
+/// thread; start(), wait(), restart() and restoreWindow() belong to the owner's; everything else runs on the
+/// job's own.
 ///
 /// It keeps the turns. The window is ZqAppWindow's, what is wanted and fetched ZqOnDemandFetcher's, the
 /// figures ZqUnderflowFigures', the drive's patience ZqUnderflowDrive's. None of them knows this class.
@@ -94,6 +95,11 @@ public:
     /// request. Raises "Cannot set ondemand download params" with the cause; then the manager
     /// stays as it was, with or without a callback.
     void setDownloadParams(const SxString& url, const SxList<SxString>& headers);
+
+    /// What the order of the image knows of sessions: from now on stretches that a session most likely reads
+    /// next come with those that reads wait for, where the source of ranges can keep them. Not null; to be
+    /// called once at most.
+    void setHints(const SxPtr<const ZqOrderHints>& hints);
 
     /// Whether the application counts as minimised, by this job or by the player.
     bool isMinimized() const;

@@ -186,8 +186,11 @@ void ZqOnDemandFetcher::beginFetches(const Work& work) {
             lengths.append(length);
         }
     }
+    const SxArray<uint64> likely = hints.findLikely(group, work.pass.nCurrent);
     // All are on the wire together, so that the round trip is paid once.
-    if (group.getSize() > 1) work.from.ranges->announce(group, lengths);
+    if ((group.getSize() > 1 || likely.getSize() > 0) && !isStopped)
+        hints.noteBegun(work.from.ranges->announce(group, lengths, likely));
+    figures.noteHints(hints.getNBegun(), hints.getNUsed());
     for (int64 i = 0; i < group.getSize(); ++i)
         fetches.begin(work.from.ranges, group(i), lengths(i), false);
 }

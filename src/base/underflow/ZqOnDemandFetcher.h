@@ -1,5 +1,6 @@
 #pragma once
 
+#include "ZqOnDemandHints.h"
 #include "ZqOnDemandSource.h"
 #include "ZqOnDemandWants.h"
 #include "ZqRangeFetches.h"
@@ -13,8 +14,13 @@ class ZqUnderflowDrive;
 class ZqUnderflowFigures;
 
 /// Fetches what held reads wait for, pass by pass: it pops the drive's queue, turns the blocks into
-/// stretches, fetches those that the ordered download doesn't have, and delivers what has come. `source` and
-/// getResumeIdx() are safe from any thread, all else belongs to the job's. It raises what the drive raises.
+/// stretches, fetches those that the ordered download doesn't have, and delivers what has come. `source`,
+/// getResumeIdx() and setHints() are safe from any thread, all else belongs to the job's. It raises what the
+/// drive raises.
+///
+/// What hints name is begun with what a read waits for, and kept by the source. It gets to the drive only
+/// when a read asks for it: from what is kept that takes milliseconds, the drive would store it once more,
+/// and nobody could tell whether the hint was of use.
 class ZqOnDemandFetcher {
 public:
     /// What a pass came to.
@@ -37,6 +43,8 @@ public:
     /// `call` is called in each look while a read is held that only the ordered download can serve. To be set
     /// before the job's start.
     void setEdgeCall(std::function<void()> call) { edgeCall = std::move(call); }
+    /// What the order knows of sessions, from now on.
+    void setHints(const SxPtr<const ZqOrderHints>& known) { hints.set(known); }
     /// As getUnderflowResumeIdx() of the job has it.
     uint64 getResumeIdx() const { return wants.getResumeIdx(); }
 
@@ -84,6 +92,7 @@ private:
     const std::atomic<bool>& isStopped;
 
     ZqOnDemandWants wants;
+    ZqOnDemandHints hints;
     ZqRangeFetches fetches;
     ZqReferenceImage reference;
     SxPtr<ZqOnDemandCallback> callback; ///< the call that was begun last

@@ -65,6 +65,12 @@ void ZqUnderflowFigures::noteQueue(uint64 length) {
     record->maxOnDemandQueue = whole(queueLengths.getMax());
 }
 
+void ZqUnderflowFigures::noteHints(int64 nBegun, int64 nUsed) {
+    const SxMutexBlock lock(&mutex);
+    record->nHinted = nBegun;
+    record->nHintsUsed = nUsed;
+}
+
 void ZqUnderflowFigures::noteFetches(int64 n, int64 elapsedMs) {
     const double each = static_cast<double>(elapsedMs) / static_cast<double>(n);
     if (n < batchTimes.getSize()) batchTimes(n - 1).update(each);

@@ -29,6 +29,8 @@ public:
     void noteSize(int64 bytes) { fetchSizes.update(bytes); }
     /// What was fetched from byte `offset` of `img.zqf` on has got to the drive.
     void noteRequest(uint64 offset) { requestIndices.update(offset); }
+    /// Stretches that hints have brought so far, and how many of these reads have waited for later.
+    void noteHints(int64 nBegun, int64 nUsed) SX_EXCLUDES(mutex);
     /// A pass brought `n` stretches, at least one, in `elapsedMs`.
     void noteFetches(int64 n, int64 elapsedMs) SX_EXCLUDES(mutex);
 

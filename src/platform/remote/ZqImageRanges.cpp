@@ -8,6 +8,14 @@
 namespace {
 constexpr uint64 STRETCH = ZqStretchLayout::STRETCH;
 constexpr size_t N_LOADERS = 4;
+
+/// How many of `stretches` follow each other from `stretchIdx` on.
+uint64 countRun(const std::set<uint64>& stretches, uint64 stretchIdx) {
+    uint64 n = 0;
+    while (stretches.contains(stretchIdx + n))
+        ++n;
+    return n;
+}
 } // namespace
 
 /// Says that somebody fetches a stretch and waits for it, until it ends; made where no loader is to have it.
@@ -62,7 +70,8 @@ void ZqImageRanges::start() {
     }
 }
 
-void ZqImageRanges::announce(const SxArray<uint64>& offsets, const SxArray<uint64>& sizes) {
+SxArray<uint64> ZqImageRanges::announce(const SxArray<uint64>& offsets, const SxArray<uint64>& sizes,
+                                        const SxArray<uint64>& likely) {
     ZqStretchClaims::Group group, unwanted;
     for (int64 i = 0; i < std::min(offsets.getSize(), sizes.getSize()); ++i) {
         if (sizes(i) == 0) continue;
@@ -72,10 +81,24 @@ void ZqImageRanges::announce(const SxArray<uint64>& offsets, const SxArray<uint6
     }
     std::vector<uint64> missing = claims.regroup(&group, &unwanted);
     std::erase_if(missing, [this](uint64 idx) { return edge->isReachedSoon(idx) || cache->has(idx); });
-    // Several stretches fill the link by themselves, so none of them brings others with it.
+    std::set<uint64> left;
+    for (const uint64 offset : likely) {
+        const uint64 idx = offset / STRETCH;
+        if (!group.contains(idx) && !claims.find(idx) && !isThere(idx)) left.insert(idx);
+    }
+    // Several stretches fill the link by themselves, so none of them brings others with it, unless these are
+    // likely.
     for (const uint64 idx : missing)
-        group[idx] = beginDemand(idx, missing.size() > 1);
+        group[idx] = beginDemand(idx, missing.size() > 1, left);
     claims.announce(&group);
+    SxArray<uint64> begun;
+    for (const uint64 offset : likely) {
+        const uint64 idx = offset / STRETCH;
+        if (!left.contains(idx)) continue;
+        if (!claims.find(idx)) beginLikely(idx, left);
+        if (claims.find(idx) || cache->has(idx)) begun.append(idx * STRETCH);
+    }
+    return begun;
 }
 
 void ZqImageRanges::read(uint64 offset, uint64 size, char* buffer, const ZqStopTest& stop) {
@@ -175,16 +198,26 @@ ZqImageRanges::Fetch ZqImageRanges::makeFetch(uint64 stretchIdx, bool isAwaited)
     return Fetch::create(&claims, forms, stretchIdx, isAwaited);
 }
 
-ZqImageRanges::Fetch ZqImageRanges::beginDemand(uint64 stretchIdx, bool isAlone) {
+ZqImageRanges::Fetch ZqImageRanges::beginDemand(uint64 stretchIdx, bool isAlone,
+                                                const std::set<uint64>& likely) {
     Fetch fetch = makeFetch(stretchIdx, true);
     const uint64 n = isAlone ? 1 : countTogether();
     const bool isSure = isGoneThrough(stretchIdx);
-    if (n > 1 && (isSure || ahead.mayTry())) {
-        claimFollowing(fetch.getPtr(), n - 1);
-        if (!isSure && fetch->hasClaims()) ahead.noteTry();
-    }
+    // Where it is known what comes next, nothing is tried.
+    const bool isTry = !isSure && likely.empty() && ahead.mayTry();
+    const uint64 nSure = countRun(likely, stretchIdx + 1);
+    claimFollowing(fetch.getPtr(), isSure || isTry ? std::max(n - 1, nSure) : nSure);
+    if (isTry && fetch->hasClaims()) ahead.noteTry();
     fetch->request->begin(ZqTransfer::Kind::OnDemand);
     return fetch;
+}
+
+void ZqImageRanges::beginLikely(uint64 stretchIdx, const std::set<uint64>& likely) {
+    const Fetch fetch = makeFetch(stretchIdx, false);
+    claimFollowing(fetch.getPtr(), countRun(likely, stretchIdx));
+    if (!fetch->hasClaims()) return;
+    fetch->request->begin(ZqTransfer::Kind::Ahead);
+    claims.pass(fetch);
 }
 
 uint64 ZqImageRanges::countTogether() const {

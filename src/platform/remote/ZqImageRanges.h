@@ -7,6 +7,7 @@
 #include "ZqStretchCache.h"
 #include "ZqStretchClaims.h"
 
+#include <set>
 #include <vector>
 
 /// Ranges of an image on demand, and what follows them. A stretch that is kept or on its way is not asked for
@@ -26,7 +27,8 @@ public:
     /// Starts the loaders, once.
     void start();
     /// See ZqRemoteImage, for ranges within the image.
-    void announce(const SxArray<uint64>& offsets, const SxArray<uint64>& sizes);
+    SxArray<uint64> announce(const SxArray<uint64>& offsets, const SxArray<uint64>& sizes,
+                             const SxArray<uint64>& likely);
     void read(uint64 offset, uint64 size, char* buffer, const ZqStopTest& stop);
     /// A stretch that is kept or claimed, once it is there; null where nobody is about to have it.
     Bytes awaitClaimed(uint64 stretchIdx, const ZqStopTest& stop);
@@ -41,8 +43,12 @@ private:
     Bytes find(uint64 stretchIdx);
     Bytes awaitStream(uint64 stretchIdx, const ZqStopTest& stop);
     uint64 countTogether() const;
-    /// Requests a stretch that somebody waits for, and with it those that follow, where that pays.
-    Fetch beginDemand(uint64 stretchIdx, bool isAlone);
+    /// Requests a stretch that somebody waits for, and with it those that follow, where that pays. `likely`:
+    /// what somebody may ask for soon, if that is known.
+    Fetch beginDemand(uint64 stretchIdx, bool isAlone, const std::set<uint64>& likely = {});
+    /// Requests a stretch that somebody may ask for soon, and with it those of `likely` that follow it, where
+    /// it isn't there or on its way.
+    void beginLikely(uint64 stretchIdx, const std::set<uint64>& likely);
     Fetch makeFetch(uint64 stretchIdx, bool isAwaited);
     /// Whether somebody goes through the image and has come to a stretch.
     bool isGoneThrough(uint64 stretchIdx) const;

@@ -5,11 +5,14 @@
 #include <algorithm>
 #include <exception>
 
-void ZqImageSource::announce(const SxArray<uint64>& offsets, const SxArray<uint64>& sizes) {
+SxArray<uint64> ZqImageSource::announce(const SxArray<uint64>& offsets, const SxArray<uint64>& sizes,
+                                        const SxArray<uint64>& likely) {
+    if (cancelled) return {};
     try {
-        image->announce(offsets, sizes);
+        return image->announce(offsets, sizes, likely);
     } catch (const std::exception&) {
         // Whoever reads them meets it, too.
+        return {};
     }
 }
 

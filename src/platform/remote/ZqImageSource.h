@@ -9,7 +9,8 @@ class ZqImageSource : public ZqRangeSource {
 public:
     explicit ZqImageSource(const SxPtr<ZqRemoteImage>& image_) : image(image_) {}
 
-    void announce(const SxArray<uint64>& offsets, const SxArray<uint64>& sizes) override;
+    SxArray<uint64> announce(const SxArray<uint64>& offsets, const SxArray<uint64>& sizes,
+                             const SxArray<uint64>& likely) override;
     void read(uint64 offset, uint64 size, char* buffer, bool isApart) override;
     void forget(uint64 offset, uint64 size) override;
     void cancel(bool on) override { cancelled = on; }

@@ -13,7 +13,12 @@ public:
 
     /// Begins to fetch ranges together that read() will then be asked for; returns at once. As many sizes as
     /// offsets. A failure shows with the reads.
-    virtual void announce(const SxArray<uint64>& offsets, const SxArray<uint64>& sizes) = 0;
+    ///
+    /// `likely`: stretches that somebody may ask for soon, by their offsets, the likeliest first. A source
+    /// that keeps what nobody has asked for begins to fetch those, too, that aren't there or on their way;
+    /// they yield to all that somebody waits for. Gives the offsets of these.
+    virtual SxArray<uint64> announce(const SxArray<uint64>& offsets, const SxArray<uint64>& sizes,
+                                     const SxArray<uint64>& likely) = 0;
     /// Blocks until `size` bytes from `offset` on are in `buffer`. `isApart`: by requests of its own,
     /// whatever is kept of them, or on its way with the ordered download. Raises.
     virtual void read(uint64 offset, uint64 size, char* buffer, bool isApart) = 0;

@@ -43,11 +43,12 @@ void ZqRemoteImage::checkRange(uint64 offset, uint64 size) const {
                       UNIT, __LINE__);
 }
 
-void ZqRemoteImage::announce(const SxArray<uint64>& offsets, const SxArray<uint64>& sizes) {
+SxArray<uint64> ZqRemoteImage::announce(const SxArray<uint64>& offsets, const SxArray<uint64>& sizes,
+                                        const SxArray<uint64>& likely) {
     open();
     for (int64 i = 0; i < std::min(offsets.getSize(), sizes.getSize()); ++i)
         checkRange(offsets(i), sizes(i));
-    ranges.announce(offsets, sizes);
+    return ranges.announce(offsets, sizes, likely);
 }
 
 void ZqRemoteImage::read(uint64 offset, uint64 size, char* buffer, const ZqStopTest& stop) {

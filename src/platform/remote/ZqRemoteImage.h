@@ -68,8 +68,10 @@ public:
 
     /// Starts to fetch the stretches of these ranges (bytes of `img.zqf`), all at once, and returns; read()
     /// then takes them. Up to ZqRangeSource::GROUP; what was announced before and not taken is dropped. Does
-    /// nothing for stretches that are there or that the stream is about to reach.
-    void announce(const SxArray<uint64>& offsets, const SxArray<uint64>& sizes);
+    /// nothing for stretches that are there or that the stream is about to reach. `likely`: see
+    /// ZqRangeSource::announce().
+    SxArray<uint64> announce(const SxArray<uint64>& offsets, const SxArray<uint64>& sizes,
+                             const SxArray<uint64>& likely = {});
     /// Blocks until `size` bytes from `offset` on are in `buffer`. Raises SxException with the tags of
     /// ZqNetLink.
     void read(uint64 offset, uint64 size, char* buffer, const ZqStopTest& stop = nullptr);

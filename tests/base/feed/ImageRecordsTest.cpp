@@ -9,6 +9,8 @@
 #include "ZqAppParams.h"
 #include "ZqFileServer.h"
 #include "ZqImageRecords.h"
+#include "ZqLog.h"
+#include "ZqOrderHints.h"
 #include "ZqPackedMap.h"
 
 #include <filesystem>
@@ -207,6 +209,71 @@ TEST(ImageRecords, haveTheMapThatItsOwnDigestIsOf) {
         EXPECT_EQ(failureOfFetch(dir.prefix() + "game", server.getUrl()), "");
         EXPECT_TRUE(dir.read("game/img.idx") == map);
         EXPECT_EQ(dir.read("game/img.idx.md5"), digest);
+    }
+}
+
+TEST(ImageRecords, hintsAreTakenWhereTheyAreOfTheOrder) {
+    TestRandom random;
+    const TestImage game(random, 200), former(random, 200);
+    const TempDir made;
+    game.write(made.prefix());
+    const ZqAppParams app(made.prefix());
+    const auto hintsOf = [&](const SxString& digest, uint32 end) {
+        ZqOrderHints hints(digest);
+        hints.groups = {{0, end, {0}, {}}};
+        hints.write(made.prefix());
+        return made.read("img.hints");
+    };
+    const std::string right = hintsOf(app.checksumIdx, 1), foreign = hintsOf(std::string(32, 'f'), 1);
+    const std::string beyond = hintsOf(app.checksumIdx, 1000), large(2'000'001, 'x');
+    const struct {
+        const char* name;
+        std::string here, there, fresh; ///< in the folder, on the server, and there past caches
+        int nAsked;
+        bool hasCome;
+    } cases[] = {
+        {"the server's", "", right, right, 1, true},
+        {"those of an earlier run", right, "", "", 0, true},
+        {"damaged here", right.substr(1), right, right, 1, true},
+        {"another order's here, and a stale cache", foreign, foreign, right, 2, true},
+        {"another order's, and none of this", foreign, "", "", 1, false},
+        {"none", "", "", "", 1, false},
+        {"another order's on the server", "", foreign, foreign, 2, false},
+        {"beyond the image's end", "", beyond, beyond, 2, false},
+        {"a page", "", "<html>Welcome", "<html>Welcome", 2, false},
+        {"too large", "", large, large, -1, false},
+    };
+    for (const auto& each : cases) {
+        SCOPED_TRACE(each.name);
+        int nAsked = 0;
+        const ScriptedServer server([&](const std::string& request) {
+            ++nAsked;
+            const bool isFresh = request.find("Cache-Control: no-cache") != std::string::npos;
+            const std::string& bytes = isFresh ? each.fresh : each.there;
+            return bytes.empty() ? answered("404 None") : answered("200 OK", bytes);
+        });
+        const TempDir dir;
+        if (!each.here.empty()) dir.write("img.hints", each.here);
+        std::vector<std::string> lines;
+        ZqLog::setSink([&](const SxString&, const SxString& text) { lines.push_back(text.str()); });
+        const ZqImageRecords records(SxPtr<ZqNetLink>::create(quickSettings()), dir.path(),
+                                     SxString(server.url()), {});
+        const auto hints = records.fetchHints(app, nullptr);
+        ZqLog::setSink({});
+        EXPECT_EQ(hints.has_value(), each.hasCome);
+        if (each.nAsked >= 0) {
+            EXPECT_EQ(nAsked, each.nAsked);
+        }
+        EXPECT_LE(nAsked, 5);
+        ASSERT_EQ(dir.exists("img.hints"), each.hasCome);
+        if (each.hasCome) {
+            EXPECT_EQ(dir.read("img.hints"), right);
+        }
+        // That there are none is the common case.
+        const bool isUsual = each.here.empty() && (each.there.empty() || each.there == right);
+        EXPECT_EQ(std::any_of(lines.begin(), lines.end(),
+                              [](const auto& line) { return line.find("hints") != std::string::npos; }),
+                  !isUsual && each.here != right);
     }
 }
 

@@ -5,6 +5,7 @@
 #include "ZqImageCheck.h"
 #include "ZqImageInfo.h"
 #include "ZqImageLock.h"
+#include "ZqOrderHints.h"
 
 namespace {
 
@@ -23,6 +24,15 @@ std::vector<std::string> faultsOf(const TempDir& dir, bool isPartial = false) {
     EXPECT_EQ(check.isPartial(), isPartial);
     EXPECT_EQ(contentOf(dir, ""), before);
     return toTexts(check.getFaults());
+}
+
+/// Hints of the map with the digest `idxMd5`, as the file has them.
+std::string hintsOf(const std::string& idxMd5) {
+    const TempDir dir;
+    ZqOrderHints hints{SxString(idxMd5)};
+    hints.groups = {{0, 1, {0}, {}}};
+    hints.write(dir.path());
+    return dir.read("img.hints");
 }
 
 } // namespace
@@ -66,19 +76,23 @@ TEST(ImageCheck, EachDamageIsFound) {
         {"app.json", "sizeIdx\": 800", "sizeIdx\": 792", 1, "has 800 bytes, app.json says 792"},
         {"img.json", "409600", "405505", 0, ""}, // the last block may be cut
         {"img.json", "409600", "405504", 1, "has 100 entries, the RAW image of img.json has 99"},
-        {"app.json", "\"idx\": \"", "\"idx\": \"F", 1, "img.idx': the digest is "},
+        {"app.json", "\"idx\": \"", "\"idx\": \"F", 2, "img.hints': It is of another map"},
         {"app.json", "\"zqf\": \"", "\"zqf\": \"F", 1, "img.zqf': the digest is "},
-        {"app.json", "checksums", "unknown", 1, "img.idx': there is no digest"},
+        {"app.json", "checksums", "unknown", 2, "img.hints': It is of another map"},
         {"app.json", "sizeIdx", "unknown", 0, ""},
         {"app.json", "sizeZqf", "unknown", 0, ""},
         {"app.json", "}", "", 1, "Failed to read file "},
         {"img.json", "", "", 1, "Failed to read file "},
         {"img.idx.md5", "", idxMd5 + "\n", 1, "img.idx': the digest is "},
-        {"img.idx.md5", "", "x" + idxMd5.substr(1), 1, "img.idx': the digest is "}};
+        {"img.idx.md5", "", "x" + idxMd5.substr(1), 1, "img.idx': the digest is "},
+        {"img.hints", "ZHINTS01", "ZHINTS02", 1, "img.hints': It isn't a file of hints"},
+        {"img.hints", "", hintsOf(std::string(32, 'f')), 1, "img.hints': It is of another map"},
+        {"img.hints", "", "", 0, ""}};
     for (const Case& c : cases) {
         SCOPED_TRACE(std::string(c.file) + " " + c.from + " " + c.to.substr(0, 40));
         const TempDir dir;
         image.write(dir.prefix());
+        dir.write("img.hints", hintsOf(idxMd5));
         const SxString old = c.from.empty() ? "" : dir.read(c.file);
         dir.write(c.file, c.from.empty() ? c.to : old.substitute(c.from, c.to).str());
         if (c.from.empty() && c.to.empty()) fs::remove(dir.path(c.file));

@@ -427,6 +427,52 @@ TEST(Optimize, AnIndexFolderThatIsKeptStaysAsItIs) {
     }
 }
 
+TEST(Optimize, HintsAreThoseOfTheNewOrderOrNone) {
+    TestRandom random(18);
+    TRACE_SEED(random);
+    const ReorderedImage image(random, orderOfRuns(random, N, 20));
+    const auto writeOther = [](const TempDir& dir) {
+        ZqOrderHints hints(std::string(32, 'f'));
+        hints.write(dir.path("watched/index"));
+    };
+    using Change = std::function<void(const TempDir&)>;
+    const std::pair<const char*, Change> cases[] = {
+        {"none", [](const TempDir& dir) { fs::remove(dir.path("watched/index/img.hints")); }},
+        {"of another map", writeOther},
+        {"damaged", [](const TempDir& dir) { dir.write("watched/index/img.hints", "x"); }},
+        {"too large",
+         [](const TempDir& dir) { dir.write("watched/index/img.hints", std::string(3'000'000, 'x')); }},
+        {"a folder",
+         [](const TempDir& dir) {
+             fs::remove(dir.path("watched/index/img.hints"));
+             fs::create_directory(dir.path("watched/index/img.hints"));
+         }},
+    };
+    for (const auto& [name, change] : cases) {
+        for (const uint64 nBlocks : {~uint64{0}, uint64{N - 1}}) {
+            SCOPED_TRACE(testing::Message() << name << ", " << nBlocks);
+            const TempDir dir;
+            image.write(dir, nBlocks);
+            change(dir);
+            EXPECT_EQ(optimizeOrGoOn(dir), "");
+            EXPECT_FALSE(dir.exists("watched/image/img.hints"));
+            EXPECT_FALSE(dir.exists("watched/image/optimize.work"));
+        }
+    }
+    // The same order again has other hints.
+    const TempDir dir;
+    image.write(dir);
+    EXPECT_EQ(optimizeOrGoOn(dir), "");
+    ZqOrderHints hints(ZqAppParams(SxString(dir.path("watched/image/"))).checksumIdx);
+    hints.groups = {{0, 1, {}, {}}};
+    image.writeIndex(dir);
+    hints.write(dir.path("watched/index"));
+    EXPECT_EQ(optimizeOrGoOn(dir), "");
+    const auto now = ZqOrderHints::read(dir.path("watched/image"), hints.getChecksumIdx(), 2);
+    ASSERT_TRUE(now);
+    EXPECT_EQ(now->groups, hints.groups);
+}
+
 TEST(Optimize, NothingOfOthersIsTouched) {
     TestRandom random(18);
     TRACE_SEED(random);

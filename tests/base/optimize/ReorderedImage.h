@@ -5,6 +5,7 @@
 #include "ZqAppParams.h"
 #include "ZqImageFiles.h"
 #include "ZqImageOptimize.h"
+#include "ZqOrderHints.h"
 
 /// An image in two orders. What lies where the old one has no block is arbitrary.
 class ReorderedImage {
@@ -52,6 +53,7 @@ public:
         writeIndex(dir);
         // Left over from another version of the records.
         dir.write("watched/image/runtime.json", "kept");
+        writeHints(dir.path("watched/image"));
     }
     void writeIndex(const TempDir& dir) const {
         to.write(SxString(dir.path("watched/index/")));
@@ -59,12 +61,19 @@ public:
         ZqAppParams app(SxString(dir.path("watched/index/")));
         app.checksumMnt = ZqAppParams(SxString(dir.path("watched/image/"))).checksumMnt;
         app.write();
+        writeHints(dir.path("watched/index"));
+    }
+    /// Hints of the map in `folder`.
+    static void writeHints(const std::string& folder) {
+        ZqOrderHints hints(ZqAppParams(SxString(folder + "/")).checksumIdx);
+        hints.groups = {{0, 1, {0}, {}}};
+        hints.write(folder);
     }
     /// What the image folder holds then; `nBlocks` of them where it was partial.
     TreeSnapshot expected(uint64 nBlocks = ~uint64{0}) const {
         const TempDir dir;
         write(dir);
-        for (const char* name : {"app.json", "img.json", "img.idx"})
+        for (const char* name : {"app.json", "img.json", "img.idx", "img.hints"})
             fs::rename(dir.path(std::string("watched/index/") + name),
                        dir.path(std::string("watched/image/") + name));
         dir.write(

@@ -44,6 +44,7 @@ TEST(FastPatch, AnImageBecomesTheNextVersion) {
         dir.write("watched/image/img.tix", "layer");
         dir.write("watched/image/img.idx.md5", "of the old map");
         dir.write("watched/image/img.files", "of the old build");
+        dir.write("watched/image/img.hints", "of the old map");
         ZqRunTraces(SxString(dir.path("watched/image")))
             .add(SxString(dir.path("watched/image/traces/run")), 0);
         ZqFastPatch job(SxString(dir.path("watched/image")), SxString(dir.path("watched/patch")), 1);
@@ -57,6 +58,7 @@ TEST(FastPatch, AnImageBecomesTheNextVersion) {
                   fs::perms::none);
         EXPECT_FALSE(dir.exists("watched/image/img.idx.md5"));
         EXPECT_FALSE(dir.exists("watched/image/img.files"));
+        EXPECT_FALSE(dir.exists("watched/image/img.hints"));
         EXPECT_EQ(job.getNCurrent(), job.getNTotal());
         EXPECT_TRUE(job.runtimeInfo->patchStats.started);
         for (const auto& trace : fs::directory_iterator(dir.path("watched/image/traces"))) {

@@ -126,7 +126,7 @@ TEST_F(OdrDownloader, sharesAnImageWithOthersWhereThereIsOne) {
     const auto image = SxPtr<ZqRemoteImage>::create(link, server.getUrl(), bytes.size());
     ZqImageSource source(image);
     std::string data(204'800, '\0');
-    source.announce({204'800}, {204'800});
+    source.announce({204'800}, {204'800}, {});
     source.read(204'800, 204'800, data.data(), false);
     EXPECT_TRUE(data == part(204'800, 204'800));
     EXPECT_EQ(image->getFigures().nOnDemand, 204'800u);
