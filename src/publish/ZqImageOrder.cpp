@@ -69,9 +69,16 @@ void ZqImageOrder::main() {
     const ZqImageInfo info(image);
     app = info.app;
     const SxArray<uint64> oldMap = ZqImage(image).getMap();
-    const ZqBlockOrder order(describe(info, oldMap), traces, [this] { return stopRequested(); });
     nRaw = info.nRaw;
     nIncluded = info.nIncluded;
+    const bool isWhole = info.state == ZqImageInfo::Complete && !info.storage.joining;
+    if (isWhole) {
+        setNTotal(info.sizeComplete + nIncluded * BLOCK);
+        // Before the files are looked for: of a damaged image, or one that programs have written into, they
+        // aren't those of its build.
+        if (!app.checksumZqf.isEmpty()) checkDigest();
+    }
+    const ZqBlockOrder order(describe(info, oldMap), traces, [this] { return stopRequested(); });
     nFront = order.getNFront();
     nCore = order.getNCore();
     nTail = order.getNTail();
@@ -79,11 +86,6 @@ void ZqImageOrder::main() {
     basis = order.getBasis();
     left = order.getLeft();
 
-    const bool isWhole = info.state == ZqImageInfo::Complete && !info.storage.joining;
-    if (isWhole) {
-        setNTotal(info.sizeComplete + nIncluded * BLOCK);
-        if (!app.checksumZqf.isEmpty()) checkDigest();
-    }
     order.apply(&app);
     app.checksumZqf = isWhole ? digestInOrder(order.getOrder(), oldMap) : SxString();
     refuseStop();
@@ -120,8 +122,18 @@ ZqOrderImage ZqImageOrder::describe(const ZqImageInfo& info, const SxArray<uint6
         ZqDriveFiles::Found found = ZqDriveFiles::find(image, info, oldMap);
         result.files = std::move(found.table);
         whyNoFiles = found.why;
+        if (result.files) keep(*result.files);
     }
     return result;
+}
+
+/// The next order needn't look for the files again. Where the image's folder can't be written to, it does.
+void ZqImageOrder::keep(const ZqFileTable& files) const {
+    try {
+        files.write(image);
+    } catch (const SxException& e) {
+        zqLogMsg("base", "ZqImageOrder : cannot keep the table of files: " + e.toString(3, "\n"));
+    }
 }
 
 void ZqImageOrder::checkDigest() {

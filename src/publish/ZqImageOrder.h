@@ -7,13 +7,15 @@
 #include <vector>
 
 class ZqBlockOrder;
+class ZqFileTable;
 struct ZqOrderImage;
 
 /// Job that works out a new order of an image from the traces of single runs, and writes it as an index
 /// folder: `img.idx`, `img.json`, `app.json` and `img.hints` of the same RAW image. What ZqBlockOrder says of
 /// an order holds; the blocks that a mount reads are those up to the image's `sizeMnt`. Which files the
-/// blocks belong to is told by `img.files`, or by the drive's file system where the image is complete. The
-/// image doesn't change. Progress in bytes. Takes the image's lock, shared.
+/// blocks belong to is told by `img.files`; a complete image that has none gets it, as far as its drive's
+/// file system is known. Nothing else of the image changes. Progress in bytes. Takes the image's lock,
+/// shared.
 class ZqImageOrder : public ZqTaskMon {
 public:
     /// `image` is the image folder, `traces` are trace folders, `index` is the folder to make, which is
@@ -47,6 +49,7 @@ protected:
 
 private:
     ZqOrderImage describe(const ZqImageInfo& info, const SxArray<uint64>& oldMap);
+    void keep(const ZqFileTable& files) const;
     /// Raises unless `img.zqf` is what its record says.
     void checkDigest();
     SxString digestInOrder(const SxArray<uint64>& order, const SxArray<uint64>& oldMap);

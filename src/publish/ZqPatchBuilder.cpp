@@ -166,14 +166,16 @@ void ZqPatchBuilder::writeRecords(const ZqPatchSide& from, const ZqPatchSide& to
     pack(ZqPatchFiles::MAP_7Z, ZqPatchFiles::MAP, &record->sizeMap, &record->hashMap);
     pack(ZqPatchFiles::INFO_7Z, ZqPatchFiles::INFO, &record->sizeInfo, &record->hashInfo);
     SxFSAction::rm_r(scratch);
-    // A design decision: digest, load profile and sizes of the published file belong to its order, which the
-    // patched one hasn't. They would call a right image wrong, and let it start too early.
+    // A design decision: digest, load profile, sizes and what the order rests on are of the published file,
+    // whose order the patched one hasn't. They would call a right image wrong, and let it start too early.
     ZqAppParams app = to.getApp();
     app.checksumZqf = app.checksumIdx = SxString();
     app.loadprofile.removeAll();
     app.sizeZqf = app.sizeMnt = uint64{to.getNIncluded()} * ZqPatchSide::BLOCK;
     app.write(patch);
-    to.getImage().write(patch);
+    ZqImageParams image = to.getImage();
+    image.order.reset();
+    image.write(patch);
     record->fromGUID = result.from = from.getApp().guid;
     record->toGUID = result.to = to.getApp().guid;
     record->fromMnt = from.getApp().checksumMnt;

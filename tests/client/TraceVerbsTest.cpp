@@ -46,7 +46,7 @@ TEST_F(TraceVerbs, orderAndForecast) {
     const SxParserKit::SxSymbol result = parseJson(made.out);
     EXPECT_TRUE(result.getElem("digest", true).toBool());
     EXPECT_EQ(result.getElem("blocks", true).toJson(),
-              R"({"raw":4,"included":4,"front":0,"named":2,"near":1})");
+              R"({"raw":4,"included":4,"front":0,"named":2,"core":2,"near":1})");
     EXPECT_EQ(run({"image", "order", image, trace, index}).err,
               "tavrin: The index folder '" + index + "/' isn't empty\n");
 
@@ -163,7 +163,7 @@ TEST_F(TraceVerbs, traceVerbs) {
     EXPECT_EQ(run({"trace", "shift", copy, "1"}).code, 0);
     for (const string& series : {built, copy}) {
         const Words asOrder = {"image", "order", image, series, dir.path("index")};
-        EXPECT_THAT(run(asOrder).err, HasSubstr("one after the other"));
+        EXPECT_THAT(run(asOrder).err, HasSubstr("was joined of several runs"));
     }
     EXPECT_THAT(json({"info", built}), HasSubstr(R"("sources":2)"));
     EXPECT_EQ(run({"trace", "build", dir.path("image")}).out,

@@ -6,8 +6,11 @@
 #include "ZqImageOptimize.h"
 #include "ZqImageOrder.h"
 #include "ZqImageRaw.h"
-#include "ZqRunsOrder.h"
+#include "ZqOrderHints.h"
+#include "ZqReadChance.h"
+#include "ZqTrace.h"
 
+#include <numeric>
 #include <set>
 
 namespace {
@@ -48,11 +51,20 @@ void writeImage(const TempDir& dir, const TestImage& image, uint64 nFront, uint6
     app.write(SxString(dir.path("image/")));
 }
 
-std::string order(const TempDir& dir, const std::string& index = "watched/index") {
-    ZqImageOrder job(dir.path("image"), {SxString(dir.path("trace"))}, dir.path(index));
+std::string orderBy(const TempDir& dir, const std::vector<std::string>& traces, const std::string& index,
+                    std::vector<ZqLeftTrace>* left = nullptr) {
+    SxList<SxString> paths;
+    for (const std::string& trace : traces)
+        paths << SxString(dir.path(trace));
+    ZqImageOrder job(dir.path("image"), paths, dir.path(index));
     const std::string failure = failureOf(job);
     EXPECT_EQ(job.isComplete(), failure.empty());
+    if (left) *left = job.getLeft();
     return failure;
+}
+
+std::string order(const TempDir& dir, const std::string& index = "watched/index") {
+    return orderBy(dir, {"trace"}, index);
 }
 
 /// RAW indices by ZqF index, checked for being those of `image` without a gap.
@@ -119,7 +131,14 @@ TEST(ImageOrder, FrontThenTraceThenTheRest) {
     EXPECT_EQ(app.sizeIdx, image.nRaw() * 8);
     EXPECT_EQ(app.sizeMnt, FRONT * BLOCK);
     EXPECT_EQ(app.guid, old.guid);
-    EXPECT_EQ(dir.read("watched/index/img.json"), dir.read("image/img.json"));
+    ZqImageParams record(SxString(dir.path("watched/index/")));
+    ASSERT_TRUE(record.order);
+    EXPECT_EQ(record.order->nRuns, 1U);
+    EXPECT_EQ(record.order->nCore + FRONT, expected.size());
+    EXPECT_EQ(record.order->median, app.loadprofile);
+    record.order.reset();
+    record.pathPrefix = SxString(dir.path("image/"));
+    EXPECT_EQ(record, ZqImageParams(SxString(dir.path("image/"))));
     EXPECT_EQ(dir.snapshot("watched/index").size(), 3U);
 
     // With what the profile asks for, no read comes before its block, and the profile asks for no byte too
@@ -197,9 +216,9 @@ TEST(ImageOrder, TimesCountFromTheApplicationsFirstAccess) {
     using Points = std::vector<std::pair<uint64, uint64>>;
     EXPECT_EQ(profileOf({{0, 0}, {1, 50}, {7, 90'000}, {8, 90'999}, {9, 91'000}, {7, 99'000}}),
               (Points{{0, 4}, {1, 5}}));
-    // A clock that was set back: the earlier time of both is the safe one.
-    EXPECT_EQ(profileOf({{5, 50'000}, {6, 60'000}, {7, 10'000}, {8, 20'000}}), (Points{{0, 5}, {10, 6}}));
-    EXPECT_EQ(profileOf({{5, 0}, {6, 5000}, {5, uint64{0} - 3000}}), (Points{{0, 3}, {8, 4}}));
+    // A clock that was set back: what is earlier than the first read must be there at the start.
+    EXPECT_EQ(profileOf({{5, 50'000}, {6, 60'000}, {7, 10'000}, {8, 20'000}}), (Points{{0, 6}}));
+    EXPECT_EQ(profileOf({{5, 0}, {6, 5000}, {5, uint64{0} - 3000}}), (Points{{0, 3}, {5, 4}}));
     // Only what a mount reads, at times of before 1970.
     EXPECT_EQ(profileOf({{1, uint64{0} - 2 * T0}, {0, 0}}), (Points{{0, 2}}));
 }
@@ -219,14 +238,13 @@ TEST(ImageOrder, FailuresNameTheFileAndLeaveNothing) {
         {[](const TempDir& dir) {
              writeTrace(dir, std::vector<Access>{{1, 1}}, "trace/", "other");
          },
-         {"/trace/' is one of the build 'other'", "/image/' is the build 'build id'"}},
+         {"/trace' is one of the build 'other'", "/image/' is the build 'build id'"}},
         {[](const TempDir& dir) {
              writeTrace(dir, Blocks{1, 2, 40});
          },
-         {"/trace/img.trc' names block 40, and", "/image/' has 40"}},
-        {[&](const TempDir& dir) { writeTrace(dir, Blocks{excluded}); },
-         {"/trace/img.trc' names no block that"}},
-        {cut, {"/trace/img.trc' isn't the one that", "tavrin trace mend TRACE"}},
+         {"/trace' names block 40, and", "/image/' has 40"}},
+        {[&](const TempDir& dir) { writeTrace(dir, Blocks{excluded}); }, {"/trace' names no block that"}},
+        {cut, {"is damaged: '", "/trace/img.trc' isn't the one that", "tavrin trace mend TRACE"}},
         {[](const TempDir& dir) { fs::remove(dir.path("trace/trace.json")); }, {"/trace/trace.json"}},
         {[](const TempDir& dir) {
              std::string zqf = dir.read("image/img.zqf");
@@ -292,87 +310,178 @@ TEST(ImageOrder, TheBuilderGivesTheSameOrder) {
     for (const auto fileSystem : {ZqDriveMaker::Erofs, ZqDriveMaker::Ext4, ZqDriveMaker::Squashfs}) {
         const TempDir dir;
         for (int i = 0; i < 20; ++i)
-            dir.write("source/folder/" + std::to_string(i), random.bytes(50'000));
-        const auto build = [&](const std::string& target, const SxString& trace) {
+            dir.write("source/folder" + std::to_string(i % 4) + "/" + std::to_string(i),
+                      random.bytes(150'000));
+        const std::vector<std::string> traces = {"trace1", "trace2", "trace3"};
+        const auto build = [&](const std::string& target, const std::vector<std::string>& by) {
             ZqImageBuild::Options what;
             what.fileSystem = fileSystem;
-            what.trace = trace;
+            for (const std::string& trace : by)
+                what.traces << SxString(dir.path(trace));
             ZqImageBuild job(dir.path(target), dir.path("source"), what);
             return failureOf(job);
         };
-        ASSERT_EQ(build("image", ""), "");
+        ASSERT_EQ(build("image", {}), "");
         const ZqAppParams plain(SxString(dir.path("image/")));
         const uint64 nRaw = plain.sizeIdx / 8;
-        const std::vector<Access> accesses = someRun(random, nRaw, nRaw / 5);
-        writeTrace(dir, accesses, "trace/", plain.checksumMnt);
-        ASSERT_EQ(order(dir), "");
-        ASSERT_EQ(build("ordered", dir.path("trace")), "");
-        ASSERT_EQ(build("again", dir.path("trace/")), "");
-        EXPECT_EQ(contentOf(dir, "again"), contentOf(dir, "ordered"));
-        for (const std::string file : {"img.idx", "img.json", "app.json"})
+        const std::vector<Access> common = someRun(random, nRaw / 3, nRaw / 6);
+        for (const std::string& trace : traces) {
+            std::vector<Access> accesses = common, own = someRun(random, nRaw, nRaw / 5);
+            accesses.insert(accesses.end(), own.begin(), own.end());
+            writeTrace(dir, accesses, trace + "/", plain.checksumMnt);
+        }
+        ASSERT_EQ(orderBy(dir, traces, "watched/index"), "");
+        // The same in whatever order they are named, and whether or not the table of files is there.
+        fs::remove(dir.path("image/img.files"));
+        ASSERT_EQ(orderBy(dir, {"trace3", "trace1", "trace2"}, "watched/again"), "");
+        EXPECT_EQ(contentOf(dir, "watched/again"), contentOf(dir, "watched/index"));
+        ASSERT_EQ(build("ordered", traces), "");
+        for (const std::string file : {"img.idx", "img.json", "app.json", "img.hints"})
             EXPECT_TRUE(dir.read("ordered/" + file) == dir.read("watched/index/" + file)) << file;
-        fs::remove_all(dir.path("watched"));
 
         // The front is that of a new image, and the disk is the same.
         EXPECT_TRUE(dir.read("ordered/img.zqf").substr(0, plain.sizeMnt) ==
                     dir.read("image/img.zqf").substr(0, plain.sizeMnt));
         EXPECT_FALSE(dir.read("ordered/img.zqf") == dir.read("image/img.zqf"));
-        ZqImageCheck check(dir.path("ordered"));
-        EXPECT_EQ(failureOf(check), "");
-        EXPECT_TRUE(check.getFaults().isEmpty());
+        ZqImageRaw raw(dir.path("image"), dir.path("raw"));
+        EXPECT_EQ(failureOf(raw), "");
+        ZqImageOptimize optimize(dir.path("image"), dir.path("watched/index"));
+        ASSERT_EQ(failureOf(optimize), "");
         for (const std::string name : {"image", "ordered"}) {
-            ZqImageRaw raw(dir.path(name), dir.path("raw-" + name));
-            EXPECT_EQ(failureOf(raw), "");
+            ZqImageCheck check(dir.path(name));
+            EXPECT_EQ(failureOf(check), "");
+            EXPECT_TRUE(check.getFaults().isEmpty()) << name << ": " << check.getFaults()(0);
+            ZqImageRaw same(dir.path(name), dir.path("raw-" + name));
+            EXPECT_EQ(failureOf(same), "");
+            EXPECT_TRUE(dir.read("raw/img.raw") == dir.read("raw-" + name + "/img.raw"));
         }
-        EXPECT_TRUE(dir.read("raw-image/img.raw") == dir.read("raw-ordered/img.raw"));
+        for (const std::string file : {"img.idx", "img.zqf", "img.hints", "img.files"}) {
+            if (fileSystem == ZqDriveMaker::Squashfs && file == "img.files") continue;
+            EXPECT_TRUE(dir.read("ordered/" + file) == dir.read("image/" + file)) << file;
+        }
 
         // A trace of another build, and one that would go with the image that is replaced.
         const TreeSnapshot before = contentOf(dir, "image");
-        writeTrace(dir, accesses, "image/traces/1/", plain.checksumMnt);
-        EXPECT_THAT(build("image", dir.path("image/traces/1")), HasSubstr("would be removed with what"));
+        writeTrace(dir, common, "image/traces/1/", plain.checksumMnt);
+        EXPECT_THAT(build("image", {"image/traces/1"}), HasSubstr("would be removed with what"));
         fs::remove_all(dir.path("image/traces"));
-        writeTrace(dir, accesses, "other/", "another");
-        EXPECT_THAT(build("image", dir.path("other")), HasSubstr("is one of the build 'another'"));
+        writeTrace(dir, common, "other/", "another");
+        EXPECT_THAT(build("image", {"other"}), HasSubstr("is one of the build 'another'"));
         EXPECT_EQ(contentOf(dir, "image"), before);
     }
 }
 
-TEST(RunsOrder, TheImageComesToTheOrderOfItsOwnRuns) {
+TEST(ImageOrder, WhatMostRunsReadComesFirstAndLevelsStayTogether) {
+    TestRandom random;
+    TRACE_SEED(random);
+    const TempDir dir;
+    constexpr uint64 N = 4000, SHARED = 400, LEVEL = 300;
+    const TestImage image(random, N, 1.0);
+    writeImage(dir, image, 5);
+    // All runs read what is shared, and four levels of it are scattered over the disk.
+    Blocks places(N);
+    std::iota(places.begin(), places.end(), uint64{0});
+    for (size_t i = places.size(); i > 1; --i)
+        std::swap(places[i - 1], places[random.below(i)]);
+    const SxArray<uint64> map = image.map;
+    std::erase_if(places, [&](uint64 rawIdx) { return map(static_cast<int64>(rawIdx)) < 5; });
+    std::vector<std::string> traces;
+    for (uint64 level = 0; level < 4; ++level) {
+        std::vector<Access> accesses;
+        for (uint64 i = 0; i < SHARED; ++i)
+            accesses.push_back({places[i], i});
+        for (uint64 i = 0; i < LEVEL; ++i)
+            accesses.push_back({places[SHARED + level * LEVEL + i], 2000 + i});
+        traces.push_back("run" + std::to_string(level));
+        writeTrace(dir, accesses, traces.back() + "/");
+    }
+    ASSERT_EQ(orderBy(dir, traces, "watched/index"), "");
+    const Blocks result = readOrder(dir, image);
+    EXPECT_TRUE(std::equal(places.begin(), places.begin() + SHARED, result.begin() + 5));
+    for (uint64 level = 0; level < 4; ++level) {
+        // In one piece, in the run's order.
+        const auto begin = places.begin() + static_cast<std::ptrdiff_t>(SHARED + level * LEVEL);
+        EXPECT_NE(std::search(result.begin(), result.end(), begin, begin + LEVEL), result.end()) << level;
+    }
+
+    // Before a start only the core must be there; a level is fetched on demand, after its 2 s of the core.
+    const ZqAppParams app(SxString(dir.path("watched/index/")));
+    EXPECT_EQ(app.loadprofile.first().size, (5 + SHARED) * BLOCK);
+    EXPECT_EQ(app.loadprofile.last().time, 2U);
+    EXPECT_LE(app.loadprofile.last().size, (5 + SHARED) * BLOCK + (LEVEL / 50 + 2) * 50 * BLOCK);
+    const ZqImageParams record(SxString(dir.path("watched/index/")));
+    ASSERT_TRUE(record.order);
+    EXPECT_EQ(record.order->nRuns, 4U);
+    EXPECT_EQ(record.order->nSessions, 4U);
+    EXPECT_EQ(record.order->nCore, SHARED);
+    EXPECT_EQ(record.order->nTail, 4 * LEVEL);
+
+    const auto hints =
+        ZqOrderHints::read(SxString(dir.path("watched/index/")), app.checksumIdx, (N + 49) / 50);
+    ASSERT_TRUE(hints);
+    EXPECT_EQ(hints->groups.size(), record.order->nGroups);
+    // Stretches with blocks of two levels may be groups of their own.
+    EXPECT_GE(hints->groups.size(), 4U);
+    EXPECT_LE(hints->groups.size(), 7U);
+}
+
+TEST(ImageOrder, ATraceThatCantServeIsLeftOutAndNamed) {
     TestRandom random(21);
     TRACE_SEED(random);
     const TempDir dir;
-    const TestImage image(random, 200);
+    const TestImage image(random, 200, 1.0);
     writeImage(dir, image, 3);
     const std::string traces = "image/traces/";
     writeTrace(dir, {{7, 100}, {9, 300}}, traces + "run1/");
     writeTrace(dir, {{120, 50}, {9, 200}}, traces + "run2/");
+    fs::copy(dir.path(traces + "run1"), dir.path(traces + "twice"));
     writeTrace(dir, {{5, 10}}, traces + "another/", "other build");
     writeTrace(dir, {{500, 10}}, traces + "beyond/");
+    writeTrace(dir, std::vector<Access>{}, traces + "nothing/");
     writeTrace(dir, {{6, 10}}, traces + "series/");
     ZqTraceParams series(SxString(dir.path(traces + "series/")));
     series.method = ZqTraceParams::IncMonitoring;
     series.write();
+    writeTrace(dir, {{6, 10}, {7, 20}}, traces + "cut/");
+    fs::resize_file(dir.path(traces + "cut/img.trc"), 16);
     dir.write(traces + "folder/file", "no trace");
-    fs::create_directory(dir.path("place"));
 
-    ZqRunsOrder job(dir.path("image"), dir.path("place"));
-    ASSERT_EQ(failureOf(job), "");
-    EXPECT_TRUE(job.isComplete());
-    EXPECT_EQ(job.getNTraces(), 2);
-    std::vector<std::string> left;
-    for (const ZqRunsOrder::Left& one : job.getLeft())
-        left.push_back(one.name.str());
-    EXPECT_THAT(left, ElementsAre("another", "beyond", "folder", "series"));
-    // The order is that of the merged trace, and so is the image's once it has it.
-    writeTrace(dir, {{120, 50}, {7, 100}, {9, 200}});
-    ASSERT_EQ(order(dir), "");
-    EXPECT_EQ(dir.read("place/index/img.idx"), dir.read("watched/index/img.idx"));
-    const SxString digest = ZqAppParams(SxString(dir.path("watched/index/"))).checksumZqf;
-    ZqImageOptimize optimize(dir.path("image"), job.getIndex());
-    ASSERT_EQ(failureOf(optimize), "");
-    EXPECT_EQ(SxMd5::file(dir.path("image/img.zqf")), digest);
-    ZqImageCheck check(dir.path("image"));
-    EXPECT_EQ(failureOf(check), "");
-    EXPECT_TRUE(check.getFaults().isEmpty()) << check.getFaults()(0);
-    EXPECT_TRUE(dir.exists(traces + "run1/img.trc"));
+    std::vector<std::string> all;
+    for (const SxString& trace : ZqImageOrder::findTraces(SxString(dir.path("image"))))
+        all.push_back(fs::path(trace.str()).lexically_relative(dir.path("")));
+    std::vector<ZqLeftTrace> left;
+    ASSERT_EQ(orderBy(dir, all, "watched/index", &left), "");
+    std::vector<std::string> names, reasons;
+    for (const ZqLeftTrace& one : left) {
+        names.push_back(fs::path(one.trace.str()).filename());
+        reasons.push_back(one.why.str());
+    }
+    EXPECT_THAT(names, ElementsAre("another", "beyond", "cut", "folder", "nothing", "series", "twice"));
+    EXPECT_THAT(reasons,
+                ElementsAre(HasSubstr("build 'other build'"), HasSubstr("names block 500"),
+                            HasSubstr("is damaged"), HasSubstr("can't be read"), HasSubstr("is empty"),
+                            HasSubstr("was joined of several runs"), HasSubstr("is the same run as")));
+    EXPECT_EQ(ZqImageParams(SxString(dir.path("watched/index/"))).order->nRuns, 2U);
+    EXPECT_THAT(orderBy(dir, {traces + "cut", traces + "series"}, "watched/none"),
+                testing::AllOf(HasSubstr("no trace that the order could come from"), HasSubstr("/cut'"),
+                               HasSubstr("/series'")));
+    EXPECT_FALSE(dir.exists("watched/none"));
+}
+
+TEST(ReadChance, LeavesEachRunOutInTurn) {
+    using Counts = std::vector<uint64>;
+    const auto percents = [](const Counts& counts) {
+        const ZqReadChance chance(counts);
+        std::vector<uint64> result;
+        for (uint64 n = 0; n < counts.size(); ++n)
+            result.push_back(chance.of(n) * 100 / ZqReadChance::CERTAIN);
+        return result;
+    };
+    // Each run reads the blocks that all others have read, and none of those that three of four have.
+    EXPECT_THAT(percents({1000, 0, 0, 0, 100}), ElementsAre(0, 0, 0, 25, 100));
+    EXPECT_THAT(percents({0, 300, 0, 0, 0}).at(1), testing::Le(33U));
+    EXPECT_THAT(percents({5, 100}), ElementsAre(95, 100));
+    // Two kinds of sessions, two of the one and one of the other: what two have read isn't the less likely.
+    const auto kinds = percents({0, 1000, 900, 10});
+    EXPECT_TRUE(std::is_sorted(kinds.begin(), kinds.end()));
 }
