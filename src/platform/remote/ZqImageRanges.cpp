@@ -92,13 +92,25 @@ SxArray<uint64> ZqImageRanges::announce(const SxArray<uint64>& offsets, const Sx
         group[idx] = beginDemand(idx, missing.size() > 1, left);
     claims.announce(&group);
     SxArray<uint64> begun;
+    std::vector<Fetch> fetches;
     for (const uint64 offset : likely) {
         const uint64 idx = offset / STRETCH;
         if (!left.contains(idx)) continue;
-        if (!claims.find(idx)) beginLikely(idx, left);
-        if (claims.find(idx) || cache->has(idx)) begun.append(idx * STRETCH);
+        if (!claims.find(idx)) {
+            if (Fetch fetch = makeLikely(idx, left)) fetches.push_back(fetch);
+        }
+        if (!claims.find(idx) && !cache->has(idx)) continue;
+        begun.append(idx * STRETCH);
+        SxMutexBlock lock(&mutex);
+        likelyBegun.insert(idx);
     }
+    claims.passLikely(fetches);
     return begun;
+}
+
+bool ZqImageRanges::wasLikely(uint64 stretchIdx) {
+    SxMutexBlock lock(&mutex);
+    return likelyBegun.erase(stretchIdx) > 0;
 }
 
 void ZqImageRanges::read(uint64 offset, uint64 size, char* buffer, const ZqStopTest& stop) {
@@ -121,7 +133,9 @@ void ZqImageRanges::read(uint64 offset, uint64 size, char* buffer, const ZqStopT
 ZqImageRanges::Bytes ZqImageRanges::getStretch(uint64 stretchIdx, const ZqStopTest& stop) {
     for (;;) {
         if (Bytes bytes = awaitClaimed(stretchIdx, stop)) {
-            if (cache->noteUse(stretchIdx)) ahead.noteUse();
+            // What was known beforehand says nothing for what is tried.
+            const bool wasKnown = wasLikely(stretchIdx);
+            if (cache->noteUse(stretchIdx) && !wasKnown) ahead.noteUse();
             return bytes;
         }
         const Demand demand(&claims, stretchIdx);
@@ -173,6 +187,7 @@ ZqImageRanges::Bytes ZqImageRanges::awaitClaimed(uint64 stretchIdx, const ZqStop
         if (!fetch) continue;
         // The loaders may all have others, which are held now.
         try {
+            fetch->begin(ZqTransfer::Kind::OnDemand);
             takeUpTo(fetch.getPtr(), stretchIdx + 1, stop);
             claims.pass(fetch);
         } catch (const SxException& e) {
@@ -208,16 +223,14 @@ ZqImageRanges::Fetch ZqImageRanges::beginDemand(uint64 stretchIdx, bool isAlone,
     const uint64 nSure = countRun(likely, stretchIdx + 1);
     claimFollowing(fetch.getPtr(), isSure || isTry ? std::max(n - 1, nSure) : nSure);
     if (isTry && fetch->hasClaims()) ahead.noteTry();
-    fetch->request->begin(ZqTransfer::Kind::OnDemand);
+    fetch->begin(ZqTransfer::Kind::OnDemand);
     return fetch;
 }
 
-void ZqImageRanges::beginLikely(uint64 stretchIdx, const std::set<uint64>& likely) {
+ZqImageRanges::Fetch ZqImageRanges::makeLikely(uint64 stretchIdx, const std::set<uint64>& likely) {
     const Fetch fetch = makeFetch(stretchIdx, false);
     claimFollowing(fetch.getPtr(), countRun(likely, stretchIdx));
-    if (!fetch->hasClaims()) return;
-    fetch->request->begin(ZqTransfer::Kind::Ahead);
-    claims.pass(fetch);
+    return fetch->hasClaims() ? fetch : nullptr;
 }
 
 uint64 ZqImageRanges::countTogether() const {
@@ -242,7 +255,7 @@ void ZqImageRanges::follow(uint64 stretchIdx) {
     const Fetch fetch = makeFetch(first, false);
     claimFollowing(fetch.getPtr(), n);
     if (!fetch->hasClaims()) return;
-    fetch->request->begin(ZqTransfer::Kind::Ahead);
+    fetch->begin(ZqTransfer::Kind::Ahead);
     claims.pass(fetch);
 }
 
@@ -279,9 +292,12 @@ void ZqImageRanges::takeUpTo(ZqStretchFetch* fetch, uint64 endIdx, const ZqStopT
 
 void ZqImageRanges::runLoader(const ZqStopTest& isStopped) {
     while (!isStopped()) {
-        const Fetch fetch = claims.takePassed(isStopped);
+        // So many keep the link busy. What is under way can't be held to the byte, so with more of them who
+        // asks for another stretch would wait longer.
+        const Fetch fetch = claims.takePassed(isStopped, countTogether());
         if (!fetch) continue;
         try {
+            fetch->begin(ZqTransfer::Kind::Ahead);
             takeUpTo(fetch.getPtr(), fetch->getEnd(), isStopped);
         } catch (const SxException& e) {
             if (e.hasTag(SxException::STOPPED)) return;
@@ -290,5 +306,6 @@ void ZqImageRanges::runLoader(const ZqStopTest& isStopped) {
         } catch (const std::exception& e) {
             zqLogMsg("NET", SxString("What follows isn't fetched for now: ") + e.what());
         }
+        claims.noteEnd(fetch);
     }
 }

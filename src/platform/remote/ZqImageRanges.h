@@ -46,9 +46,9 @@ private:
     /// Requests a stretch that somebody waits for, and with it those that follow, where that pays. `likely`:
     /// what somebody may ask for soon, if that is known.
     Fetch beginDemand(uint64 stretchIdx, bool isAlone, const std::set<uint64>& likely = {});
-    /// Requests a stretch that somebody may ask for soon, and with it those of `likely` that follow it, where
-    /// it isn't there or on its way.
-    void beginLikely(uint64 stretchIdx, const std::set<uint64>& likely);
+    /// A request for a stretch that somebody may ask for soon, and with it for those of `likely` that follow
+    /// it; null where it is there or on its way. It isn't begun.
+    Fetch makeLikely(uint64 stretchIdx, const std::set<uint64>& likely);
     Fetch makeFetch(uint64 stretchIdx, bool isAwaited);
     /// Whether somebody goes through the image and has come to a stretch.
     bool isGoneThrough(uint64 stretchIdx) const;
@@ -61,6 +61,8 @@ private:
     void takeUpTo(ZqStretchFetch* fetch, uint64 endIdx, const ZqStopTest& stop);
     void keep(const ZqStretchRequest& by, uint64 stretchIdx, const Bytes& bytes, bool isUnasked);
     void runLoader(const ZqStopTest& isStopped);
+    /// Whether a stretch was begun as a likely one; true once.
+    bool wasLikely(uint64 stretchIdx) SX_EXCLUDES(mutex);
 
     ZqImageForms* const forms;
     ZqStretchCache* const cache;
@@ -68,5 +70,7 @@ private:
     ZqImageCounts* const counts;
     ZqReadAhead ahead;
     ZqStretchClaims claims;
+    SxMutex mutex;
+    std::set<uint64> likelyBegun SX_GUARDED_BY(mutex); ///< stretches that nobody has asked for yet
     std::vector<std::unique_ptr<ZqStopThread>> loaders;
 };

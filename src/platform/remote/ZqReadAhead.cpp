@@ -7,6 +7,7 @@ constexpr double MIN_IN_TRIP = 0.5, TRIPS_TOGETHER = 4., MAX_TOGETHER = 8.;
 } // namespace
 
 uint64 ZqReadAhead::countTogether(const SxPtr<ZqSeekTable>& table) const {
+    if (layout.count() == 0) return 1;
     const double trip = link->getFigures().tripBytes;
     const uint64 lastIdx = layout.count() - 1;
     const double nWire =

@@ -13,10 +13,11 @@ constexpr auto LOADER_LOOK = std::chrono::seconds(1);
 ZqStretchClaims::~ZqStretchClaims() {
     // What is left lets go of its claims, which takes the mutex.
     Group untaken;
-    std::deque<Fetch> unloaded;
+    std::deque<Fetch> unloaded, unbegun;
     SxMutexBlock lock(&mutex);
     untaken.swap(announced);
     unloaded.swap(passed);
+    unbegun.swap(likely);
 }
 
 std::vector<uint64> ZqStretchClaims::regroup(Group* group, Group* unwanted) {
@@ -101,25 +102,57 @@ void ZqStretchClaims::pass(const Fetch& fetch) {
     changed.notify_all();
 }
 
-ZqStretchClaims::Fetch ZqStretchClaims::takePassed(const ZqStopTest& isStopped) {
+void ZqStretchClaims::passLikely(const std::vector<Fetch>& fetches) {
+    {
+        SxMutexBlock lock(&mutex);
+        likely.insert(likely.begin(), fetches.begin(), fetches.end());
+    }
+    changed.notify_all();
+}
+
+ZqStretchClaims::Fetch ZqStretchClaims::takePassed(const ZqStopTest& isStopped, uint64 nLikely) {
     SxMutexBlock lock(&mutex);
-    if (passed.empty() && !isStopped()) changed.wait_for(mutex, LOADER_LOOK);
-    if (passed.empty()) return nullptr;
-    Fetch fetch = passed.front();
-    passed.pop_front();
+    if (Fetch fetch = takeNext(nLikely)) return fetch;
+    if (!isStopped()) changed.wait_for(mutex, LOADER_LOOK);
+    return takeNext(nLikely);
+}
+
+ZqStretchClaims::Fetch ZqStretchClaims::takeNext(uint64 nLikely) {
+    const bool isLikely = passed.empty();
+    std::deque<Fetch>& from = isLikely ? likely : passed;
+    if (from.empty() || (isLikely && nLikelyUnderWay >= nLikely)) return nullptr;
+    Fetch fetch = from.front();
+    from.pop_front();
+    fetch->isCounted = isLikely;
+    if (isLikely) ++nLikelyUnderWay;
     return fetch;
+}
+
+void ZqStretchClaims::noteEnd(const Fetch& fetch) {
+    if (!fetch->isCounted) return;
+    {
+        SxMutexBlock lock(&mutex);
+        --nLikelyUnderWay;
+    }
+    changed.notify_all();
+}
+
+ZqStretchClaims::Fetch ZqStretchClaims::takeFrom(std::deque<Fetch>* fetches, uint64 stretchIdx) {
+    for (auto at = fetches->begin(); at != fetches->end(); ++at) {
+        if (!(*at)->brings(stretchIdx)) continue;
+        Fetch fetch = *at;
+        fetches->erase(at);
+        return fetch;
+    }
+    return nullptr;
 }
 
 ZqStretchClaims::Fetch ZqStretchClaims::takePassed(uint64 stretchIdx) {
     SxMutexBlock lock(&mutex);
     if (!claimed.contains(stretchIdx)) return nullptr;
     handOver(&announced, stretchIdx);
-    for (auto at = passed.begin(); at != passed.end(); ++at) {
-        if (!(*at)->brings(stretchIdx)) continue;
-        Fetch fetch = *at;
-        passed.erase(at);
-        return fetch;
-    }
+    if (Fetch fetch = takeFrom(&passed, stretchIdx)) return fetch;
+    if (Fetch fetch = takeFrom(&likely, stretchIdx)) return fetch;
     changed.wait_for(mutex, LOOK);
     return nullptr;
 }

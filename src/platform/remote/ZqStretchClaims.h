@@ -6,6 +6,7 @@
 #include <deque>
 #include <map>
 #include <set>
+#include <utility>
 #include <vector>
 
 class ZqStretchFetch;
@@ -50,8 +51,14 @@ public:
 
     /// Leaves to a loader what is still to come of a request.
     void pass(const Fetch& fetch);
-    /// What a loader has to do next; null where there is nothing for a while, or it is to stop.
-    Fetch takePassed(const ZqStopTest& isStopped);
+    /// Leaves these to loaders, the first one first, before others that were left so earlier. They aren't
+    /// begun before a loader has nothing else to do.
+    void passLikely(const std::vector<Fetch>& fetches);
+    /// What a loader has to do next; null where there is nothing for a while, or it is to stop. Of those that
+    /// passLikely() has left, loaders get `nLikely` at a time, until noteEnd().
+    Fetch takePassed(const ZqStopTest& isStopped, uint64 nLikely);
+    /// A loader has done what it could of a request.
+    void noteEnd(const Fetch& fetch);
     /// The request that brings a claimed stretch, where no loader has taken it yet: it is taken away from
     /// them. Else waits a moment for what becomes of the claim, and gives null.
     Fetch takePassed(uint64 stretchIdx);
@@ -60,6 +67,8 @@ public:
 
 private:
     void handOver(Group* fetches, uint64 stretchIdx) SX_REQUIRES(mutex);
+    Fetch takeNext(uint64 nLikely) SX_REQUIRES(mutex);
+    static Fetch takeFrom(std::deque<Fetch>* fetches, uint64 stretchIdx);
 
     mutable SxMutex mutex;
     std::condition_variable_any changed;
@@ -67,6 +76,8 @@ private:
     Group announced SX_GUARDED_BY(mutex);
     std::multiset<uint64> demanded SX_GUARDED_BY(mutex);
     std::deque<Fetch> passed SX_GUARDED_BY(mutex); ///< for the loaders
+    std::deque<Fetch> likely SX_GUARDED_BY(mutex); ///< for the loaders, later
+    uint64 nLikelyUnderWay SX_GUARDED_BY(mutex) = 0;
 };
 
 /// A request with the claims that it has: whoever waits for the first of its stretches takes that, and a
@@ -82,6 +93,11 @@ public:
     ~ZqStretchFetch() { claims->release(claimedIdx, endIdx); }
     ZqStretchFetch(const ZqStretchFetch&) = delete;
     ZqStretchFetch& operator=(const ZqStretchFetch&) = delete;
+
+    /// Begins the request, unless it was.
+    void begin(ZqTransfer::Kind kind) {
+        if (!std::exchange(isBegun, true)) request->begin(kind);
+    }
 
     // Before the request begins.
     /// Claims one stretch more, the next, and gives how many are claimed of the image then; 0 where somebody
@@ -101,8 +117,10 @@ public:
     uint64 getEnd() const noexcept { return endIdx; }
 
     const SxPtr<ZqStretchRequest> request;
+    bool isCounted = false; ///< among the likely ones that loaders have; for ZqStretchClaims alone
 
 private:
     ZqStretchClaims* const claims;
     uint64 claimedIdx, endIdx;
+    bool isBegun = false;
 };

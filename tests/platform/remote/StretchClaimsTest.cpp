@@ -50,15 +50,36 @@ TEST_F(StretchClaims, oneHasAStretchAtATime) {
 
 TEST_F(StretchClaims, whoNeedsAStretchTakesItsRequestFromTheLoaders) {
     claims.pass(fetchOf(3));
-    EXPECT_FALSE(claims.takePassed(never)) << "nothing of it is left";
+    EXPECT_FALSE(claims.takePassed(never, 4)) << "nothing of it is left";
     claims.pass(fetchOf(4, 2));
     claims.pass(fetchOf(10, 2));
     EXPECT_FALSE(claims.takePassed(20)) << "nobody has it";
     const Fetch fetch = claims.takePassed(12);
     ASSERT_TRUE(fetch && fetch->brings(11));
     EXPECT_FALSE(claims.takePassed(12)) << "it is taken";
-    EXPECT_TRUE(claims.takePassed(never)->brings(5));
-    EXPECT_FALSE(claims.takePassed(never));
+    EXPECT_TRUE(claims.takePassed(never, 4)->brings(5));
+    EXPECT_FALSE(claims.takePassed(never, 4));
+}
+
+TEST_F(StretchClaims, likelyOnesComeLastAndFewAtATime) {
+    const auto likelyOf = [&](uint64 idx) {
+        Fetch fetch = Fetch::create(&claims, &forms, idx, false);
+        EXPECT_GT(fetch->claimNext(), 0U);
+        return fetch;
+    };
+    claims.passLikely({likelyOf(3), likelyOf(5)});
+    claims.passLikely({likelyOf(7), likelyOf(9)});
+    claims.pass(fetchOf(20, 1));
+    EXPECT_TRUE(claims.takePassed(never, 1)->brings(21));
+    const Fetch first = claims.takePassed(never, 1);
+    ASSERT_TRUE(first->brings(7)) << "the latest come first";
+    EXPECT_FALSE(claims.takePassed(never, 1));
+    const Fetch second = claims.takePassed(never, 2);
+    ASSERT_TRUE(second->brings(9));
+    EXPECT_TRUE(claims.takePassed(5)->brings(5)) << "who needs one takes it";
+    EXPECT_FALSE(claims.takePassed(never, 2));
+    claims.noteEnd(first);
+    EXPECT_TRUE(claims.takePassed(never, 2)->brings(3));
 }
 
 TEST_F(StretchClaims, anAnnouncementTakesThePlaceOfTheOneBefore) {
@@ -72,7 +93,7 @@ TEST_F(StretchClaims, anAnnouncementTakesThePlaceOfTheOneBefore) {
     claims.announce(&second);
     EXPECT_TRUE(claims.takeAnnounced(20) == kept && !claims.takeAnnounced(20) && !claims.takeAnnounced(10));
     // Stretch 6 comes with 4, which is left to a loader as well.
-    EXPECT_TRUE(claims.find(4) && claims.takePassed(never)->brings(4));
+    EXPECT_TRUE(claims.find(4) && claims.takePassed(never, 4)->brings(4));
     EXPECT_TRUE(claims.find(11));
     unwanted.clear();
     EXPECT_FALSE(claims.find(11));
