@@ -8,6 +8,9 @@
 namespace {
 constexpr uint64 STRETCH = ZqStretchLayout::STRETCH;
 constexpr size_t N_LOADERS = 4;
+/// Likely ones that are under way at a time. What is under way can't be held to the byte, so with more of
+/// them who asks for another stretch would wait longer than without any.
+constexpr uint64 N_LIKELY = 1;
 
 /// How many of `stretches` follow each other from `stretchIdx` on.
 uint64 countRun(const std::set<uint64>& stretches, uint64 stretchIdx) {
@@ -36,6 +39,18 @@ private:
     ZqStretchClaims* const claims;
     const uint64 stretchIdx;
     const bool isMade;
+};
+
+/// Says that somebody waits for what is claimed, until it ends.
+class ZqImageRanges::Wait {
+public:
+    explicit Wait(ZqStretchClaims* claims_) : claims(claims_) { claims->beginWait(); }
+    ~Wait() { claims->endWait(); }
+    Wait(const Wait&) = delete;
+    Wait& operator=(const Wait&) = delete;
+
+private:
+    ZqStretchClaims* const claims;
 };
 
 ZqImageRanges::ZqImageRanges(ZqImageForms* forms_, ZqStretchCache* cache_, ZqStreamEdge* edge_,
@@ -176,6 +191,7 @@ ZqImageRanges::Bytes ZqImageRanges::awaitStream(uint64 stretchIdx, const ZqStopT
 }
 
 ZqImageRanges::Bytes ZqImageRanges::awaitClaimed(uint64 stretchIdx, const ZqStopTest& stop) {
+    const Wait wait(&claims);
     for (;;) {
         forms->getLink()->checkStop(stop);
         const SxPtr<ZqStretchRequest> by = claims.find(stretchIdx);
@@ -292,9 +308,7 @@ void ZqImageRanges::takeUpTo(ZqStretchFetch* fetch, uint64 endIdx, const ZqStopT
 
 void ZqImageRanges::runLoader(const ZqStopTest& isStopped) {
     while (!isStopped()) {
-        // So many keep the link busy. What is under way can't be held to the byte, so with more of them who
-        // asks for another stretch would wait longer.
-        const Fetch fetch = claims.takePassed(isStopped, countTogether());
+        const Fetch fetch = claims.takePassed(isStopped, N_LIKELY);
         if (!fetch) continue;
         try {
             fetch->begin(ZqTransfer::Kind::Ahead);

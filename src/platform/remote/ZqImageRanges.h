@@ -38,6 +38,7 @@ public:
 private:
     using Fetch = ZqStretchClaims::Fetch;
     class Demand;
+    class Wait;
 
     Bytes getStretch(uint64 stretchIdx, const ZqStopTest& stop);
     Bytes find(uint64 stretchIdx);

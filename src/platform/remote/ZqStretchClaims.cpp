@@ -63,8 +63,24 @@ bool ZqStretchClaims::beginDemand(uint64 stretchIdx) {
 }
 
 void ZqStretchClaims::endDemand(uint64 stretchIdx) {
+    {
+        SxMutexBlock lock(&mutex);
+        demanded.extract(stretchIdx);
+    }
+    changed.notify_all();
+}
+
+void ZqStretchClaims::beginWait() {
     SxMutexBlock lock(&mutex);
-    demanded.extract(stretchIdx);
+    ++nWaits;
+}
+
+void ZqStretchClaims::endWait() {
+    {
+        SxMutexBlock lock(&mutex);
+        --nWaits;
+    }
+    changed.notify_all();
 }
 
 uint64 ZqStretchClaims::claim(uint64 stretchIdx, const SxPtr<ZqStretchRequest>& request) {
@@ -120,7 +136,9 @@ ZqStretchClaims::Fetch ZqStretchClaims::takePassed(const ZqStopTest& isStopped, 
 ZqStretchClaims::Fetch ZqStretchClaims::takeNext(uint64 nLikely) {
     const bool isLikely = passed.empty();
     std::deque<Fetch>& from = isLikely ? likely : passed;
-    if (from.empty() || (isLikely && nLikelyUnderWay >= nLikely)) return nullptr;
+    if (from.empty()) return nullptr;
+    const bool isAnybodyServed = nWaits > 0 || !demanded.empty() || !announced.empty();
+    if (isLikely && (isAnybodyServed || nLikelyUnderWay >= nLikely)) return nullptr;
     Fetch fetch = from.front();
     from.pop_front();
     fetch->isCounted = isLikely;

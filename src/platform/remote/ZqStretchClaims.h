@@ -39,6 +39,9 @@ public:
     /// Somebody fetches this one and waits for it. False where it is claimed.
     bool beginDemand(uint64 stretchIdx);
     void endDemand(uint64 stretchIdx);
+    /// Somebody waits for a claimed one, until endWait().
+    void beginWait();
+    void endWait();
 
     /// A loader is to have this one, by that request. Gives how many are claimed then; 0 where somebody has
     /// it already.
@@ -52,7 +55,8 @@ public:
     /// Leaves to a loader what is still to come of a request.
     void pass(const Fetch& fetch);
     /// Leaves these to loaders, the first one first, before others that were left so earlier. They aren't
-    /// begun before a loader has nothing else to do.
+    /// begun before a loader has nothing else to do, and while nothing is announced or waited for: a server
+    /// sends of what is held, too, as much as goes into buffers.
     void passLikely(const std::vector<Fetch>& fetches);
     /// What a loader has to do next; null where there is nothing for a while, or it is to stop. Of those that
     /// passLikely() has left, loaders get `nLikely` at a time, until noteEnd().
@@ -78,6 +82,7 @@ private:
     std::deque<Fetch> passed SX_GUARDED_BY(mutex); ///< for the loaders
     std::deque<Fetch> likely SX_GUARDED_BY(mutex); ///< for the loaders, later
     uint64 nLikelyUnderWay SX_GUARDED_BY(mutex) = 0;
+    uint64 nWaits SX_GUARDED_BY(mutex) = 0;
 };
 
 /// A request with the claims that it has: whoever waits for the first of its stretches takes that, and a

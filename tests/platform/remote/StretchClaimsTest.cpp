@@ -71,6 +71,12 @@ TEST_F(StretchClaims, likelyOnesComeLastAndFewAtATime) {
     claims.passLikely({likelyOf(7), likelyOf(9)});
     claims.pass(fetchOf(20, 1));
     EXPECT_TRUE(claims.takePassed(never, 1)->brings(21));
+    claims.beginWait();
+    EXPECT_FALSE(claims.takePassed(never, 1)) << "somebody waits";
+    claims.endWait();
+    EXPECT_TRUE(claims.beginDemand(15));
+    EXPECT_FALSE(claims.takePassed(never, 1));
+    claims.endDemand(15);
     const Fetch first = claims.takePassed(never, 1);
     ASSERT_TRUE(first->brings(7)) << "the latest come first";
     EXPECT_FALSE(claims.takePassed(never, 1));
