@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Shows what the client is for: a game over a link of 20 Mbit/s and 20 ms, downloaded first, and played while it
-# arrives: as it is, packed, and ordered by the trace of a run. Then what was downloaded comes to that order in place.
-# The game plays a recorded demo and ends by itself; no display is needed. Part of demo.sh. Fails, and names the step,
+# arrives: as it is, packed, ordered by the trace of a run, and ordered by the traces of two other levels. Then what was
+# downloaded comes to the order of its run in place. The game plays recorded demos and ends by itself; no display is
+# needed. Part of demo.sh. Fails, and names the step,
 # as soon as something isn't as it should be.
 #
 #   demo-stream.sh TAVRIN WORK_FOLDER
@@ -78,6 +79,17 @@ play() {
     if ! cmp "$image/img.zqf" "$work/got-$name/img.zqf"; then fail 'what has arrived is another image'; fi
 }
 
+# Plays the demo $1 from the drive of the image that was downloaded, and traces what it reads.
+trace_level() {
+    local installed=$work/got-download drive
+    "$tavrin" mount "$installed" --trace "$work/trace-$1" --quiet
+    drive=$("$tavrin" status "$installed" --json | sed -n 's/.*"mountPath": "\(.*\)",/\1/p')
+    # Its normal end has the exit code 255.
+    HOME=$work SDL_VIDEODRIVER=dummy SDL_AUDIODRIVER=dummy "$drive/TAVRIN-protected/app/chocolate-doom" \
+        -iwad "$drive/TAVRIN-protected/app/freedoom1.wad" -timedemo "$1" -nosound >"$work/$1.log" 2>&1 || true
+    "$tavrin" umount "$installed" --quiet
+}
+
 # A line of the table: the run $1 as what it is, $2, after a download of so many milliseconds and bytes.
 row() {
     local name=$1 what=$2 downloaded_ms=$3 downloaded=$4 key
@@ -120,8 +132,8 @@ play packed --now --keep-mounted
 
 step='ordering the game by the trace of the run that had it all'
 ordered=$work/ordered
-"$tavrin" trace merge "$work/merged" "$work"/got-download/traces/* --quiet
-publish "$ordered" --order "$work/merged"
+trace=$(echo "$work"/got-download/traces/*)
+publish "$ordered" --order "$trace"
 "$tavrin" image pack "$ordered" --quiet
 step='serving the ordered image'
 image=$ordered
@@ -132,7 +144,20 @@ mkdir -p "$pages"
 play ordered --now --keep-mounted --page "$pages/run.html"
 "$tavrin" umount "$work/got-ordered" --quiet
 step='the pictures'
-"$tavrin" trace plot "$work/merged" "$pages/trace.svg" --quiet
+"$tavrin" trace plot "$trace" "$pages/trace.svg" --quiet
+
+step='tracing two other levels'
+for demo in demo2 demo3; do trace_level "$demo"; done
+step='ordering the game by these'
+levels=$work/levels
+publish "$levels" --order "$work/trace-demo2" --order "$work/trace-demo3"
+"$tavrin" image pack "$levels" --quiet
+step='serving that image'
+image=$levels
+serve "$image"
+step='the run that plays a level that nobody has traced'
+play levels --now --keep-mounted
+"$tavrin" umount "$work/got-levels" --quiet
 
 step='the table'
 printf '\n%-44s %8s %8s %17s %15s %17s\n' '' 'first' 'there at' 'underflows' 'on demand' 'over the link, MB'
@@ -142,6 +167,7 @@ row download 'downloaded as a whole, then started' "$download" "$size"
 row plain 'started at once, and played while it arrives' 0 0
 row packed 'the same, from a packed image' 0 0
 row ordered 'the same, ordered by the trace of a run' 0 0
+row levels 'the same, ordered by two other levels' 0 0
 printf '\nAll images are equal to the published ones, byte for byte.\n'
 
 step='bringing the image that was there first to the order of its run'

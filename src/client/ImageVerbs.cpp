@@ -1,6 +1,7 @@
 #include "App.h"
 #include "Forecast.h"
 #include "Job.h"
+#include "OrderText.h"
 #include "Verbs.h"
 
 #include <tavrin/SxFSAction.h>
@@ -103,6 +104,7 @@ SxSymbol describeJson(const ZqImageInfo& info, const SxString& folder) {
     } else {
         result.append("hints", Json::Null);
     }
+    appendOrder(&result, info.image.order);
     if (info.storage.split) {
         result.append("split", Json::Object).append("partSize", info.storage.partSize);
     } else {
@@ -150,7 +152,8 @@ void describeText(const ZqImageInfo& info, const SxString& folder, Output* out) 
     field("For a mount", exactBytes(app.sizeMnt));
     field("Blocks",
           SxString(info.nRaw) + " raw, " + info.nIncluded + " included, " + info.nPresent + " present");
-    field("Order", ZqReadable::counted(static_cast<int64>(info.nRuns), "run", "runs"));
+    field("Order", ZqReadable::counted(static_cast<int64>(info.nRuns), "run", "runs") + " of neighbours");
+    if (info.image.order) field("Rests on", basisText(*info.image.order));
     field("Files", describeFiles(findFiles(info, ZqImageFolder::prefix(folder))));
     if (info.hasHints) {
         field("Hints", ZqReadable::counted(static_cast<int64>(info.nHintGroups), "group", "groups") + ", " +
@@ -158,6 +161,13 @@ void describeText(const ZqImageInfo& info, const SxString& folder, Output* out) 
                                                "hot stretches"));
     }
     field("Storage", describeParts(info));
+}
+
+/// The forecast for the median of the runs that the order comes from.
+ZqStartForecast medianOf(const ZqImageInfo& info, double speed) {
+    ZqAppParams app = info.app;
+    app.loadprofile = info.image.order->median;
+    return {app, speed, info.sizeZqf};
 }
 
 int showInfo(const InfoOptions& options, Output& out) {
@@ -172,6 +182,7 @@ int showInfo(const InfoOptions& options, Output& out) {
         if (options.speed > 0) {
             appendForecast(&result, "forecast", forecast);
             appendForecast(&result, "forecastFresh", fresh);
+            if (info.image.order) appendForecast(&result, "forecastMedian", medianOf(info, speed));
         }
         out.object(result);
         return ExitSuccess;
@@ -184,6 +195,7 @@ int showInfo(const InfoOptions& options, Output& out) {
         out.text(SxString::sprintf("  %-12s ", "") + earlyStartText(what));
     };
     tell("From here", forecast);
+    if (info.image.order && info.image.order->nRuns > 1) tell("Median run", medianOf(info, speed));
     if (info.sizeZqf > 0) tell("From nothing", fresh);
     return ExitSuccess;
 }

@@ -99,9 +99,15 @@ void ZqImageFeed::start() {
     manager->setEdgeCall([link_ = link] { link_->hastenStreams(); });
     manager->start();
     keeper->start();
+    // Without hints the core is all that the traced runs have read.
+    if (!getApp().loadprofile.isEmpty()) download->getImage()->setCore(getApp().loadprofile.last().size);
     hints = std::make_unique<ZqFeedJob>("hints", [this, link_ = link] {
-        if (const auto known = folder.fetchHints(link_, [this] { return stopping.load(); }))
-            manager->setHints(known);
+        const auto known = folder.fetchHints(link_, [this] { return stopping.load(); });
+        if (!known) return;
+        manager->setHints(known);
+        // Before the first group lies what most sessions read.
+        if (!known->groups.empty())
+            download->getImage()->setCore(known->groups.front().first * ZqBlocks::STRETCH);
     });
     hints->start();
 }

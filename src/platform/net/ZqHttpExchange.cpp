@@ -125,7 +125,7 @@ size_t ZqHttpExchange::take(const char* bytes, size_t n) {
     if (failed) return 0;
     if (!transfer->hasRoom() || setup.driver->mustHold(*this)) {
         watch.hold(nowNs());
-        span = {};
+        span = {0, 0, true};
         return CURL_WRITEFUNC_PAUSE;
     }
     const int64 now = nowNs();

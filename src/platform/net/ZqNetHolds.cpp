@@ -39,14 +39,16 @@ void ZqNetHolds::noteTaken(int64 n, int64 nowNs) {
     limitedUntilNs = std::max(limitedUntilNs, nowNs - CREDIT_NS) + static_cast<int64>(costNs);
 }
 
-bool ZqNetHolds::mustHold(Kind kind, const std::function<bool(Kind)>& isOnTheWire, int64 nowNs) const {
+bool ZqNetHolds::mustHold(Kind kind, const WireTest& isOnTheWire, int64 nowNs) const {
     if (!yields(kind)) return false;
     if (rateLimit.load() > 0. && limitedUntilNs > nowNs) return true;
-    if (isOnTheWire(Kind::OnDemand)) return true;
+    // What the stream brings while a request has no answer yet costs that at most a round trip's worth.
+    if (kind == Kind::Ordered && shared.load()) return isOnTheWire(Kind::OnDemand, true);
+    if (isOnTheWire(Kind::OnDemand, false)) return true;
     const bool hastened = hastenedUntilNs.load() > nowNs;
     if (kind == Kind::Ahead) return hastened;
     if (hastened) return false;
-    return quietUntilNs > nowNs || isOnTheWire(Kind::Ahead);
+    return quietUntilNs > nowNs || isOnTheWire(Kind::Ahead, false);
 }
 
 int64 ZqNetHolds::getUntilNs() const noexcept {

@@ -6,12 +6,14 @@
 #include <functional>
 
 /// When what yields on a link, ordered streams and what is fetched ahead, is held: for requests that go
-/// first, for a while after those on demand, and for the rate limit. setRateLimit(), getRateLimit() and
-/// hasten() are safe from any thread, the rest belongs to the network thread; times are those of the steady
-/// clock.
+/// first, for a while after those on demand, and for the rate limit. setRateLimit(), getRateLimit(),
+/// hasten() and share() are safe from any thread, the rest belongs to the network thread; times are those of
+/// the steady clock.
 class ZqNetHolds {
 public:
     using Kind = ZqTransfer::Kind;
+    /// Whether a request of a kind is under way that holds others; with `hasBegun`, whether its answer comes.
+    using WireTest = std::function<bool(Kind kind, bool hasBegun)>;
 
     static bool yields(Kind kind) { return kind == Kind::Ordered || kind == Kind::Ahead; }
 
@@ -20,19 +22,21 @@ public:
     double getRateLimit() const noexcept { return rateLimit.load(); }
     /// Somebody waits for the ordered streams, up to a moment from now.
     void hasten(int64 nowNs);
+    /// Whether ordered streams may use the link as long as requests that go first have no answer yet.
+    void share(bool on) { shared.store(on); }
 
     /// A request on demand was answered well; `tripNs`: the link's round trip.
     void noteAnswer(int64 tripNs, int64 nowNs);
     /// `n` bytes of what yields have come.
     void noteTaken(int64 n, int64 nowNs);
-    /// Whether a request of that kind is to be held. `isOnTheWire` tells whether one of a kind is under way
-    /// that holds others.
-    bool mustHold(Kind kind, const std::function<bool(Kind)>& isOnTheWire, int64 nowNs) const;
+    /// Whether a request of that kind is to be held.
+    bool mustHold(Kind kind, const WireTest& isOnTheWire, int64 nowNs) const;
     /// When time alone ends a hold.
     int64 getUntilNs() const noexcept;
 
 private:
     std::atomic<double> rateLimit{0.};
+    std::atomic<bool> shared{false};
     std::atomic<int64> hastenedUntilNs{0};
     int64 quietUntilNs = 0; ///< the ordered streams are held until then for the next on-demand request
     int64 quietSinceNs = 0; ///< when that began

@@ -40,6 +40,10 @@ void ZqNetLink::hastenStreams() {
     loop->hastenStreams();
 }
 
+void ZqNetLink::shareWithStreams(bool on) {
+    loop->shareWithStreams(on);
+}
+
 SxString ZqNetLink::getStatus() const {
     {
         SxMutexBlock lock(&waitingMutex);

@@ -76,6 +76,10 @@ public:
     /// demand only: not for a while after the answer to one, and not for what is fetched ahead, which is held
     /// itself. Whoever waits calls it again and again.
     void hastenStreams();
+    /// While `on`, ordered streams are held only as long as an answer to a request on demand comes, and go on
+    /// before and after it: what they bring is what whoever waits most likely needs next, so the link mustn't
+    /// be idle for the round trip of a request.
+    void shareWithStreams(bool on);
     /// Ends every wait and request of the link within 20 ms, those to come at once, each with the tag
     /// "Stopped".
     void cancel() noexcept { cancelled.store(true); }

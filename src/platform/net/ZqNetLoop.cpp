@@ -223,16 +223,18 @@ void ZqNetLoop::failStalled() {
     }
 }
 
-bool ZqNetLoop::isOnTheWire(ZqTransfer::Kind kind) const {
+bool ZqNetLoop::isOnTheWire(ZqTransfer::Kind kind, bool hasBegun) const {
     const int64 now = nowNs();
     return std::ranges::any_of(exchanges, [&](const auto& each) {
-        return each.second->kind() == kind && each.second->getWatch().isMoving(now);
+        const ZqStallWatch& watch = each.second->getWatch();
+        return each.second->kind() == kind && watch.isMoving(now) && (watch.hasBegun() || !hasBegun);
     });
 }
 
 bool ZqNetLoop::mustHold(const ZqHttpExchange& exchange) {
     return holds.mustHold(
-        exchange.kind(), [this](ZqTransfer::Kind kind) { return isOnTheWire(kind); }, nowNs());
+        exchange.kind(), [this](ZqTransfer::Kind kind, bool hasBegun) { return isOnTheWire(kind, hasBegun); },
+        nowNs());
 }
 
 void ZqNetLoop::releaseHeld() {

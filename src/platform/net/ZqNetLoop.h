@@ -25,6 +25,7 @@ public:
     ZqNetQueue::Refusal getRefusal() const { return queue.getRefusal(); }
     void setRateLimit(double bytesPerSecond);
     void hastenStreams();
+    void shareWithStreams(bool on) { holds.share(on); }
     ZqNetLink::Figures getFigures() const;
     /// Ends the thread; whatever was under way fails.
     void end();
@@ -42,7 +43,7 @@ private:
     void noteTaken(const ZqHttpExchange& exchange, int64 n) override;
     int64 countFlowing() const override;
     void heedStatus(ZqHttpExchange* exchange);
-    bool isOnTheWire(ZqTransfer::Kind kind) const;
+    bool isOnTheWire(ZqTransfer::Kind kind, bool hasBegun) const;
 
     void work();
     void endAll();

@@ -13,11 +13,13 @@ public:
     struct Span {
         int64 sinceNs = 0; ///< from when on bytes count; 0 while they don't
         int64 nBytes = 0;
+        bool wasHeld = false; ///< what comes first has waited in buffers
     };
 
     /// `n` bytes of a stream came at `nowNs`, steady clock.
     void measure(Span* span, int64 nowNs, int64 n);
-    /// The same of a range: tells what the link carries where the streams are held all the time.
+    /// The same of a range: tells what the link carries where the streams are held all the time. Only after a
+    /// hold has anything waited in buffers.
     void measureRange(Span* span, int64 nowNs, int64 n);
     /// A request that was answered, without a redirect, after so many microseconds.
     void noteRoundTrip(int64 us, int64 nowNs);

@@ -14,7 +14,11 @@ public:
     ZqStallWatch(const ZqNetSettings& settings, int64 nSlow, bool isEncrypted, int64 nowNs);
 
     /// The answer has begun.
-    void begin(int64 nowNs) { progress.begin(nowNs); }
+    void begin(int64 nowNs) {
+        begun = true;
+        progress.begin(nowNs);
+    }
+    bool hasBegun() const { return begun; }
     /// `n` bytes of the body have come, which count only where they are many enough; the rest as for
     /// ZqNetProgress::getUsefulRate().
     void take(int64 n, double bestRate, int64 nBeside, int64 nowNs);
@@ -53,6 +57,6 @@ private:
     const int64 limitNs;   ///< without progress, until it is given up
     ZqNetProgress progress;
     Record record;
-    bool held = false;
+    bool begun = false, held = false;
     int64 heldNs = 0; ///< up to when the time that it was held is left out
 };

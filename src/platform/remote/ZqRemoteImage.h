@@ -87,6 +87,10 @@ public:
     /// set up.
     void forgetServer() { forms.forgetServer(); }
 
+    /// The bytes before `end` are what most readers need, in the order in which they need it: until the
+    /// stream has come there it shares the link with ranges.
+    void setCore(uint64 end) { edge.setCore(end); }
+
     /// The stretches of this range were found to be wrong: what is kept of them goes, so that they are
     /// fetched again. Else each try would bring them again, and the stream would put them into `img.zqf`.
     void forget(uint64 offset, uint64 size);

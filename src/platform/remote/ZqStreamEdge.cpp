@@ -18,6 +18,7 @@ bool ZqStreamEdge::begin(uint64 offset) {
     if (streaming) return false;
     streaming = true;
     pos = offset;
+    share();
     movedNs = SxClock::get().steadyNs();
     return true;
 }
@@ -25,11 +26,23 @@ bool ZqStreamEdge::begin(uint64 offset) {
 void ZqStreamEdge::end() {
     SxMutexBlock lock(&mutex);
     streaming = false;
+    share();
+}
+
+void ZqStreamEdge::setCore(uint64 end) {
+    SxMutexBlock lock(&mutex);
+    coreEnd = end;
+    share();
+}
+
+void ZqStreamEdge::share() {
+    link->shareWithStreams(streaming && pos < coreEnd);
 }
 
 void ZqStreamEdge::receive(uint64 to) {
     SxMutexBlock lock(&mutex);
     pos = to;
+    share();
     movedNs = SxClock::get().steadyNs();
 }
 

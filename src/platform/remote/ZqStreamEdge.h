@@ -30,6 +30,10 @@ public:
     /// `nWire` bytes of the wire have brought a stretch of `size`.
     void noteShare(uint64 nWire, uint64 size);
 
+    /// The decoded bytes before `end` are what whoever goes through the image most likely needs next, so a
+    /// stream that is there shares the link with requests.
+    void setCore(uint64 end);
+
     /// Bytes of the wire for one decoded byte.
     double getWireShare() const;
     /// Wire bytes that pass in `nTrips` round trips.
@@ -44,6 +48,8 @@ public:
     void await(uint64 stretchIdx);
 
 private:
+    void share() SX_REQUIRES(mutex);
+
     const SxPtr<ZqNetLink> link;
     const ZqStretchLayout layout;
 
@@ -51,6 +57,7 @@ private:
     std::condition_variable_any changed;
     bool streaming SX_GUARDED_BY(mutex) = false;
     uint64 pos SX_GUARDED_BY(mutex) = 0; ///< decoded bytes received in order
+    uint64 coreEnd SX_GUARDED_BY(mutex) = 0;
     int64 movedNs SX_GUARDED_BY(mutex) = 0;
     double wireShare SX_GUARDED_BY(mutex) = 1.;
 };
