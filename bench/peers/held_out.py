@@ -37,12 +37,13 @@ sys.dont_write_bytecode = True
 sys.path.insert(0, str(Path(__file__).resolve().parent / "support"))
 import lab  # noqa: E402
 import orders  # noqa: E402
-from frames import STRETCH, Packer, estimate  # noqa: E402
+from frames import Packer, estimate  # noqa: E402
 from game import screen  # noqa: E402
+from hints import read_groups  # noqa: E402
 from link import Link  # noqa: E402
-from link_model import Session, replay  # noqa: E402
 from product import Product  # noqa: E402
 from recorder import Recordings, record_missing  # noqa: E402
+from replay import Placed, Replay, Session  # noqa: E402
 from sessions import GAMES, LONG_S, TRAINED, rounds  # noqa: E402
 from traces import BLOCK, NO_ENTRY, read_app, read_map  # noqa: E402
 
@@ -82,24 +83,27 @@ class Bench:
 
     # -- orders
 
-    def make_order(self, name, trained, number):
+    def place(self, name, trained, number):
+        """The image in the order of that name by these sessions."""
+        groups = None
         traces = [self.recordings.of[session].trace for session in trained]
         if name == OURS:
             index = self.folder / "index"
             self.order_by(traces, index)
-            order = read_map(index)
+            order, groups = read_map(index), read_groups(index)
             shutil.rmtree(index)
-            return order
-        if name == TODAY:
+        elif name == TODAY:
             merged = self.folder / "merged"
             self.product.tavrin("trace", "merge", merged, *traces, "--quiet")
             order = orders.today(self.map, self.n_front, merged)
             shutil.rmtree(merged)
-            return order
-        if name == "random":
-            return orders.shuffled(self.map, self.n_front, f"{self.game.name} {number}")
-        runs = [[raw for blocks, _ in self.sessions[session].reads for raw in blocks] for session in trained]
-        return self.get_files().in_order(self.map, self.n_front, runs)
+        elif name == "random":
+            order = orders.shuffled(self.map, self.n_front, f"{self.game.name} {number}")
+        else:
+            runs = [[raw for blocks, _ in self.sessions[session].reads for raw in blocks] for session in trained]
+            order = self.get_files().in_order(self.map, self.n_front, runs)
+        sizes = self.packer.sizes(order) if self.weights is None else estimate(order, self.weights)
+        return Placed(order, sizes, self.n_front, self.weights, groups)
 
     def order_by(self, traces, index):
         try:
@@ -115,12 +119,11 @@ class Bench:
             self.files = orders.Files(self.image, self.map, self.recordings.source)
         return self.files
 
-    def replay(self, name, session, order, sizes, rate):
+    def replay(self, name, session, placed, rate):
         session = self.sessions[session]
         if name == "files":
             session = session.in_units(self.get_files().unit_of)
-        n_mount = -(-self.n_front // STRETCH)
-        return replay(session, order, sizes, rate, n_mount, weights=self.weights)
+        return Replay(session, placed, rate).run()
 
     # -- rounds
 
@@ -142,12 +145,11 @@ class Bench:
         return found
 
     def measure_plan(self, found, name, number, n, trained, untraced, traced, links):
-        order = self.make_order(name, trained, number)
-        sizes = self.packer.sizes(order) if self.weights is None else estimate(order, self.weights)
+        placed = self.place(name, trained, number)
         for link in links:
             for kind, sessions in (("untraced", untraced), ("traced", traced)):
                 results = found.setdefault((name, link.mbit, kind, n), [])
-                results += [(session, self.replay(name, session, order, sizes, link.rate)) for session in sessions]
+                results += [(session, self.replay(name, session, placed, link.rate)) for session in sessions]
 
 
 def load(recording, front, entries):

@@ -78,9 +78,8 @@ class Player:
     """Plays sessions on the display `display`; `work` is a folder for homes and logs."""
 
     def __init__(self, recordings, product, options, work):
-        self.recordings, self.game, self.product, self.options, self.work = (
-            recordings, recordings.game, product, options, work,
-        )  # fmt: skip
+        self.recordings, self.product, self.options, self.work = recordings, product, options, work
+        self.game, self.client = recordings.game, product.client
 
     def record(self, session):
         recording = self.recordings.of[session.name]
