@@ -47,7 +47,9 @@ class ModelCheck:
             recording = self.recordings.of[name]
             session = self.load(recording)
             app = read_app(self.served)
-            order, sizes = read_map(self.served), packed_sizes(self.served / "img.zqf.zst")
+            order = read_map(self.served)
+            # In front of the stretches' frames is one that says of which image they are.
+            sizes = packed_sizes(self.served / "img.zqf.zst")[1:]
             model = Replay(session, Placed(order, sizes, app["disk"]["sizeMnt"] // BLOCK), link.rate).run()
             seconds, report = self.run(recording.session, app, link)
             real = seconds - session.own_s

@@ -121,6 +121,7 @@ class Player:
             LIBGL_ALWAYS_SOFTWARE="1",
             LD_PRELOAD=str(self.options.build / "bench/support/libfirst_frame.so"),
             TAVRIN_FIRST_FRAME=str(frame),
+            TAVRIN_FRAME_NUMBER=str(self.game.frame),
         )
 
     def words(self, session, top):
