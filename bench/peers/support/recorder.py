@@ -17,6 +17,11 @@ from traces import BLOCK, read_app, read_items, read_units
 TAP_S = 0.06
 
 
+def dangling(folder, names):
+    """Links to nowhere: a font's, where the package that has it isn't there."""
+    return [name for name in names if not os.path.exists(os.path.join(folder, name))]
+
+
 class Recording:
     """A session as it was played: its trace, and `frame_ms` of time.time()."""
 
@@ -61,8 +66,7 @@ class Recordings:
             self.source.mkdir()
             for source, target in self.game.files:
                 if os.path.isdir(source):
-                    # A font that Debian has in a package that may be missing is a link to nowhere.
-                    shutil.copytree(source, self.source / target, ignore_dangling_symlinks=True)
+                    shutil.copytree(source, self.source / target, ignore=dangling)
                 else:
                     shutil.copy2(source, self.source / target)
             product.tavrin("image", "build", self.source, self.image, "--quiet")
