@@ -2,7 +2,7 @@
 """How fast sessions start that an order wasn't made of, and what each further trace brings.
 
     bench/peers/held_out.py [--recordings DIR] [--fast] [--link MBIT...] [--games NAME...] [--orders NAME...]
-                            [--rounds N] [--check] [--only NAME] [--build DIR] [--dir DIR]
+                            [--rounds N] [--each] [--check] [--only NAME] [--build DIR] [--dir DIR]
 
 Sessions of three games (support/sessions.py) are played from a mounted, complete image, and traced. In each round some
 are held out, and an order is made of 1, 3, 6 and 11 of the others. Then a model of the link (support/link_model.py)
@@ -16,13 +16,15 @@ replays those that were held out, and the traced ones, from an image in that ord
     unused    MB that were there at the first frame and are never used
     requests  beside the stream
 
-The orders: ours; `today`, that of a merged trace before the order learned from single runs; `random`; and `files`, whole
-files by first access in the same traces, as `mksquashfs -sort` lays them down, where 128 KiB of a file are packed
-together and small files lie where the disk has them. A row for twelve traced sessions says how those start themselves.
+The orders: ours; `today`, that of a merged trace before the order learned from single runs; `random`; and `files`,
+whole files by first access in the same traces, as `mksquashfs -sort` lays them down. There 128 KiB of a file are needed
+together, and small files lie where the disk has them. Rows of traced sessions say how these start themselves, alone and
+with eleven others traced.
 
-`--recordings` keeps what was played, and uses what is there. `--fast` is for trying orders: ours alone, at 20 Mbit/s,
-with estimated sizes of stretches. `--check` compares the model with `run --now`. Needs root; what it starts, mounts and
-writes is gone at the end, but for recordings that are kept.
+To play all sessions takes an hour. `--recordings` keeps what was played, and uses what is there. `--fast` is for trying
+orders: ours alone, at 20 Mbit/s, with estimated sizes of stretches. `--each` has a row for each session. `--check`
+compares the model with `run --now` instead. Needs root; what it starts, mounts and writes is gone at the end, but for
+recordings that are kept.
 """
 
 import argparse
@@ -41,6 +43,7 @@ from frames import Packer, estimate  # noqa: E402
 from game import screen  # noqa: E402
 from hints import read_groups  # noqa: E402
 from link import Link  # noqa: E402
+from model_check import ModelCheck  # noqa: E402
 from product import Product  # noqa: E402
 from recorder import Recordings, record_missing  # noqa: E402
 from replay import Placed, Replay, Session  # noqa: E402
@@ -61,14 +64,29 @@ class Bench:
         self.map = read_map(self.image)
         self.n_front = read_app(self.image)["disk"]["sizeMnt"] // BLOCK
         self.front = set(orders.front_of(self.map, self.n_front))
-        self.sessions = {
-            name: load(recording, self.front, self.map)
-            for name, recording in recordings.of.items()
-            if recording.exists()
-        }
+        self.sessions = {name: self.load(found) for name, found in recordings.of.items() if found.exists()}
         self.packer = Packer(self.image, self.map)
         self.weights = self.read_weights() if options.fast else None
         self.files = None
+
+    def load(self, recording):
+        """What the session has read of content, as one read what came at once and in a row."""
+        reads, start, known = [], None, set()
+        last_at = last_block = None
+        for block, at in recording.items():
+            if block in self.front or block in known or block >= len(self.map) or self.map[block] == NO_ENTRY:
+                continue
+            known.add(block)
+            if start is None:
+                start = last_at = at
+            if reads and at == last_at and block == last_block + 1:
+                reads[-1][0].append(block)
+            else:
+                reads.append(([block], max(at - last_at, 0.0)))
+                last_at = max(at, last_at)
+            last_block = block
+        own_s = recording.frame_ms / 1000 - start
+        return Session(recording.session.name, reads, own_s, recording.session.seconds)
 
     def read_weights(self):
         """They take a while, and stay with the recordings."""
@@ -100,7 +118,8 @@ class Bench:
         elif name == "random":
             order = orders.shuffled(self.map, self.n_front, f"{self.game.name} {number}")
         else:
-            runs = [[raw for blocks, _ in self.sessions[session].reads for raw in blocks] for session in trained]
+            reads = [self.sessions[session].reads for session in trained]
+            runs = [[raw for blocks, _ in run for raw in blocks] for run in reads]
             order = self.get_files().in_order(self.map, self.n_front, runs)
         sizes = self.packer.sizes(order) if self.weights is None else estimate(order, self.weights)
         return Placed(order, sizes, self.n_front, self.weights, groups)
@@ -152,25 +171,6 @@ class Bench:
                 results += [(session, self.replay(name, session, placed, link.rate)) for session in sessions]
 
 
-def load(recording, front, entries):
-    """What the session has read of content, as one read what came at once and in a row."""
-    reads, last_at, last_block, start, known = [], None, None, None, set()
-    for block, at in recording.items():
-        if block in front or block in known or block >= len(entries) or entries[block] == NO_ENTRY:
-            continue
-        known.add(block)
-        if start is None:
-            start = last_at = at
-        if reads and at == last_at and block == last_block + 1:
-            reads[-1][0].append(block)
-        else:
-            reads.append(([block], max(at - last_at, 0.0)))
-            last_at = max(at, last_at)
-        last_block = block
-    own_s = recording.frame_ms / 1000 - start
-    return Session(recording.session.name, reads, own_s, recording.session.seconds)
-
-
 HEAD = (
     f"    {'order':<8}{'traced':>7}{'':<10}{'start':>8}{'/ideal':>8}{'worst':>7}{'waits':>7}{'s':>7}"
     f"{'5 min':>7}{'s':>7}{'demand':>8}{'unused':>8}{'requests':>10}"
@@ -181,22 +181,30 @@ def mean(values):
     return statistics.mean(values) if values else float("nan")
 
 
+def cells(bench, results):
+    """The figures of some sessions, each with its name."""
+    is_long = {session: bench.sessions[session].seconds == LONG_S for session, _ in results}
+    short = [result.waits for session, result in results if not is_long[session]]
+    long = [result.waits for session, result in results if is_long[session]]
+    each = [result for _, result in results]
+    ratios = [result.over_ideal for result in each]
+    text = f"{mean([result.start_s for result in each]):>8.2f}{mean(ratios):>8.2f}{max(ratios):>7.2f}"
+    for of in (short, long):
+        seconds = [sum(wait.seconds for wait in waits) for waits in of]
+        text += f"{mean([len(waits) for waits in of]):>7.0f}{mean(seconds):>7.2f}" if of else f"{'':>14}"
+    demand = mean([100 * (result.demanded + result.along) / result.used for result in each])
+    unused = mean([result.unused_early / 1e6 for result in each])
+    return f"{text}{demand:>7.0f}%{unused:>8.2f}{mean([result.n_requests for result in each]):>10.0f}"
+
+
 def print_rows(bench, found, link):
     print(f"\n{bench.game.name}, {link}\n{HEAD}")
     for (name, mbit, kind, n), results in found.items():
         if mbit != link.mbit or not results:
             continue
-        short, long = ([each.waits for session, each in results
-                        if (bench.sessions[session].seconds == LONG_S) == is_long] for is_long in (False, True))  # fmt: skip
-        each = [result for _, result in results]
-        ratios = [result.over_ideal for result in each]
-        cells = [f"{mean([result.start_s for result in each]):>8.2f}{mean(ratios):>8.2f}{max(ratios):>7.2f}"]
-        cells += [f"{mean([len(waits) for waits in of]):>7.0f}{mean([sum(w.seconds for w in waits) for waits in of]):>7.2f}"
-                  for of in (short, long)]  # fmt: skip
-        demand = mean([100 * (result.demanded + result.along) / result.used for result in each])
-        unused = mean([result.unused_early / 1e6 for result in each])
-        cells.append(f"{demand:>7.0f}%{unused:>8.2f}{mean([result.n_requests for result in each]):>10.0f}")
-        print(f"    {name:<8}{n:>7} {kind:<9}{''.join(cells)}", flush=True)
+        print(f"    {name:<8}{n:>7} {kind:<9}{cells(bench, results)}", flush=True)
+        for session, result in results if bench.options.each else []:
+            print(f"      {session:<23}{cells(bench, [(session, result)])}", flush=True)
 
 
 def judge(bench, found, links, table):
@@ -240,8 +248,11 @@ def parse_arguments():
     parser.add_argument("--recordings", type=Path, metavar="DIR", help="keeps what was played; uses what is there")
     parser.add_argument("--fast", action="store_true", help="ours alone, at 20 Mbit/s, with estimated sizes")
     parser.add_argument("--link", type=int, nargs="+", metavar="MBIT", help="Mbit/s (20 100)")
-    parser.add_argument("--games", nargs="*", default=names, choices=names, metavar="NAME", help="of " + ", ".join(names))
+    text = "of " + ", ".join(names)
+    parser.add_argument("--games", nargs="*", default=names, choices=names, metavar="NAME", help=text)
     parser.add_argument("--orders", nargs="+", choices=ORDERS, metavar="NAME", help="of " + ", ".join(ORDERS))
+    parser.add_argument("--each", action="store_true", help="a row for each session, too")
+    parser.add_argument("--check", action="store_true", help="compares the model with the client instead")
     parser.add_argument("--rounds", type=int, default=99, metavar="N", help="the first N rounds only")
     build = Path(__file__).resolve().parents[2] / "build/bench"
     parser.add_argument("--build", type=Path, default=build, metavar="DIR", help="of the programs")
@@ -281,6 +292,9 @@ def main():
         links = [Link(mbit) for mbit in options.link]
         for recordings in all_recordings:
             bench = Bench(recordings, product, options, folder)
+            if options.check:
+                ModelCheck(bench, folder).check(Link(20), table)
+                continue
             found = bench.measure(links)
             for link in links:
                 print_rows(bench, found, link)

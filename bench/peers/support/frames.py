@@ -66,8 +66,8 @@ class Packer:
 
 
 def estimate(order, weights):
-    """The bytes of each frame of an order, by the weights of its blocks. With orders by four traces, all frames of three
-    games came to 97 to 100 hundredths of what they take, the first hundred of each to 95 to 99."""
+    """The bytes of each frame of an order, by the weights of its blocks. In orders by four traces all frames of three
+    games came to 97 to 100 hundredths of what they take, and the first hundred of each to 95 to 99."""
     n = sum(zqf != NO_ENTRY for zqf in order)
     sizes = [0.0] * -(-n // STRETCH)
     for zqf, weight in zip(order, weights, strict=True):

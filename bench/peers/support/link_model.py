@@ -1,15 +1,15 @@
 """A model of `run --now`: how long a session waits for its blocks, while an image comes over a link in some order.
 
-One link carries everything, at one rate. What is fetched on demand goes first, then what comes along with it, then the
-ordered stream. It has the rules of the client and their numbers:
+One link carries everything, at one rate. What is fetched on demand goes first, then what comes along with it, then
+the ordered stream. It has the rules of the client and their numbers:
 
-- A read waits for the stream where that brings its stretch within a round trip, and else asks for the stretch. A request
-  costs a round trip, then its bytes at the link's rate. Stretches that one read needs are asked for together.
-- Where a round trip carries half a stretch, further ones come with the one that is asked for, if one of the two before it
-  is there, or such requests have been of use of late. Who goes through the image gets more before it is needed.
+- A read waits for the stream where that brings its stretch within a round trip, and else asks for the stretch. A
+  request costs a round trip, then its bytes at the link's rate. What one read needs is asked for together.
+- Where a round trip carries half a stretch, further ones come with the one that is asked for, if one of the two before
+  it is there, or such requests have been of use of late. Who goes through the image gets more before it is needed.
 - What hints name is asked for with a stretch that is missed, and yields to what somebody waits for.
-- The stream is held while a request is under way, and for ten round trips after one on demand, 10 s in all. Of what is on
-  its way a round trip's worth still comes. Whoever waits for the stream ends the hold.
+- The stream is held while a request is under way, and for ten round trips after one on demand, 10 s in all. Of what is
+  on its way a round trip's worth still comes. Whoever waits for the stream ends the hold.
 - The stream skips what has come otherwise where that costs less than to receive it again, and asks anew every 2 s.
 
 Times are seconds, sizes are bytes of the wire.
@@ -258,8 +258,11 @@ class Client:
         elif apart:
             self.fetch(apart[:GROUP])
         elif coming:
-            # It is taken at once from now on.
+            # From now on it is as good as asked for.
+            before = self.along
             self.take_ahead(self.now + self.ahead[0][1] / self.rate + LATENCY_S)
+            self.demanded += self.along - before
+            self.along = before
         else:
             self.advance(self.now + 0.002, hastened=True)
             self.now += CURSOR_S if self.is_there(wanted[0]) else 0

@@ -8,23 +8,23 @@ import time
 import lab
 from link import LATENCY_MS, Server
 from product import APP
-from recorder import Player
+from recorder import Player, Recording
 from replay import Placed, Replay
 from sessions import rounds
 from traces import BLOCK, packed_sizes, read_app, read_map
 
 N_TRAINED = 3
+OWN_S = 10  # from a complete image
 PLAY_S = 5  # after the first frame
 
 
 class ModelCheck:
     """Three sessions of a game, two of them untraced, each started by `run --now` from an image that three traces have
-    ordered. `load` gives a session as the model replays it."""
+    ordered. `bench` has the game's recordings and the sessions of these."""
 
-    def __init__(self, recordings, product, options, folder, load):
-        self.recordings, self.product, self.options, self.folder = recordings, product, options, folder
-        self.player = Player(recordings, product, options, folder)
-        self.load = load
+    def __init__(self, bench, folder):
+        self.bench, self.recordings, self.product, self.folder = bench, bench.recordings, bench.product, folder
+        self.player = Player(bench.recordings, bench.product, bench.options, folder)
         self.served = folder / "served"
 
     def prepare(self):
@@ -38,32 +38,35 @@ class ModelCheck:
         self.product.tavrin("image", "build", self.recordings.source, self.served, *words)
         self.product.tavrin("image", "pack", self.served, "--level", 3, "--quiet")
         shutil.rmtree(merged)
-        return [*held[:2], trained[0]]
+        return [self.recordings.of[name] for name in (*held[:2], trained[0])]
 
     def check(self, link, table):
         """Prints both times for each session, and the model's error on the mean."""
-        errors = []
-        for name in self.prepare():
-            recording = self.recordings.of[name]
-            session = self.load(recording)
+        name, errors = self.recordings.game.name, []
+        for recording in self.prepare():
+            session = self.play_now(recording.session)
             app = read_app(self.served)
-            order = read_map(self.served)
             # In front of the stretches' frames is one that says of which image they are.
             sizes = packed_sizes(self.served / "img.zqf.zst")[1:]
-            model = Replay(session, Placed(order, sizes, app["disk"]["sizeMnt"] // BLOCK), link.rate).run()
+            placed = Placed(read_map(self.served), sizes, app["disk"]["sizeMnt"] // BLOCK)
+            model = Replay(session, placed, link.rate).run()
             seconds, report = self.run(recording.session, app, link)
             real = seconds - session.own_s
             errors.append(abs(model.start_s - real) / real)
             print(
-                f"  {self.recordings.game.name}, {name}: first frame {real:.2f} s, by the model {model.start_s:.2f} s "
-                f"({100 * (model.start_s / real - 1):+.0f} %); on demand {report['bytesOnDemand'] / 1e6:.1f} MB in "
-                f"{report['nOnDemandFetches']}, {model.demanded / 1e6:.1f} MB in {model.n_requests}, {model.along / 1e6:.1f} "
-                f"along; own {session.own_s:.2f} s, ideal {model.ideal_s:.2f} s",
+                f"  {name}, {recording.session.name}: start {real:.2f} s, by the model {model.start_s:.2f} s "
+                f"({100 * (model.start_s / real - 1):+.0f} %); own {session.own_s:.2f} s, ideal {model.ideal_s:.2f} s; "
+                f"on demand {report['bytesOnDemand'] / 1e6:.1f} MB and {model.demanded / 1e6:.1f} MB",
                 flush=True,
             )
-        mean = 100 * sum(errors) / len(errors)
-        table.limit(f"  {self.recordings.game.name}: error of the model", "%", mean, 15, 0)
+        table.limit(f"  {name}: error of the model", "%", 100 * sum(errors) / len(errors), 15, 0)
         shutil.rmtree(self.served)
+
+    def play_now(self, session):
+        """The session as the machine plays it now. It may have been less or more busy when it was recorded."""
+        recording = Recording(session._replace(seconds=OWN_S), self.folder / "now")
+        self.player.record(recording)
+        return self.bench.load(recording)
 
     def run(self, session, app, link):
         """Seconds to the first frame, and the client's report."""
@@ -75,7 +78,8 @@ class ModelCheck:
             lab.read_into_cache(file)
         image, report, frame = self.folder / "streamed", self.folder / "report", self.folder / "frame"
         frame.unlink(missing_ok=True)
-        with self.player.home(session) as home, Server(self.player.client, self.served, link.rate, LATENCY_MS) as server:
+        served = Server(self.player.client, self.served, link.rate, LATENCY_MS)
+        with self.player.home(session) as home, served as server:
             env = self.product.env | self.player.environment(home, frame)
             line = [self.player.client, "run", image, "--url", server.url, "--now", "--report", report]
             with open(self.folder / "game.log", "wb") as log:

@@ -12,7 +12,7 @@ import time
 
 import lab
 from keys import Keyboard
-from traces import BLOCK, read_app, read_items, read_units
+from traces import BLOCK, read_app, read_units
 
 TAP_S = 0.06
 
@@ -46,8 +46,8 @@ class Recording:
 
 
 class Recordings:
-    """Those of a game, with its image, below `folder`. A game that is built again of the same files has the same blocks,
-    so they outlive the image."""
+    """Those of a game, with its image, below `folder`. A game that is built again of the same files has the same
+    blocks. So they outlive the image."""
 
     def __init__(self, game, folder):
         self.game, self.folder, self.image = game, folder, folder / "image"
@@ -85,8 +85,8 @@ class Player:
         self.recordings, self.product, self.options, self.work = recordings, product, options, work
         self.game, self.client = recordings.game, product.client
 
-    def record(self, session):
-        recording = self.recordings.of[session.name]
+    def record(self, recording):
+        session = recording.session
         shutil.rmtree(recording.folder, ignore_errors=True)
         recording.folder.mkdir()
         with self.home(session) as home:
@@ -168,8 +168,8 @@ def record_missing(all_recordings, product, options, work):
             if not player.recordings.of[session.name].exists()]  # fmt: skip
     left.sort(key=lambda pair: pair[1].seconds)
     for number, (player, session) in enumerate(left, 1):
-        player.record(session)
-        trace = player.recordings.of[session.name].trace
-        n_blocks = len({block for block, _ in read_items(trace)})
+        recording = player.recordings.of[session.name]
+        player.record(recording)
+        n_blocks = len({block for block, _ in recording.items()})
         text = f"{number} of {len(left)}: {player.game.name}, {session.name}: {n_blocks * BLOCK / 1e6:.1f} MB read"
         print(text, flush=True)

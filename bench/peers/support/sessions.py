@@ -28,8 +28,8 @@ class Session(NamedTuple):
 
 
 class Game(NamedTuple):
-    """`files` are those that its folder is made of, with their names there. `walk` has keys, the shortest and the longest
-    time for which each is held. `frame`: which picture is the first one, after those that say that it loads."""
+    """`files` are those that its folder is made of, with their names there. `walk` has keys, the shortest and the
+    longest time for which each is held. `frame`: which picture is the first one, after those that say that it loads."""
 
     name: str
     files: list
@@ -99,16 +99,18 @@ TUX_SESSIONS = [
     level("bonus3/crystal_beauty"),
     level("bonus4/Spooky_Mansion"),
     level("revenge_in_redmond/redmond_headquarters"),
-    Session("long: new story", keys={4: "Return", 6: "Return", 12: "Escape", 17: "Return", 120: "Escape", 121: "Up Return",
-                                     126: "Right", 130: "Return"}, walk=20, seconds=LONG_S),
+    Session("long: new story", walk=20, seconds=LONG_S,
+            keys={4: "Return", 6: "Return", 12: "Escape", 17: "Return", 120: "Escape", 121: "Up Return", 126: "Right",
+                  130: "Return"}),
     Session("long: contributed levels", seconds=LONG_S, walk=24,
-            keys={4: "Return", 6: "Down Return", 9: "Return", 14: "Return", 20: "Return", 110: "Escape", 111: "Up Return",
-                  116: "Escape", 117: "Up Return", 122: "Down Down Return", 128: "Return", 134: "Return"}),
+            keys={4: "Return", 6: "Down Return", 9: "Return", 14: "Return", 20: "Return", 110: "Escape",
+                  111: "Up Return", 116: "Escape", 117: "Up Return", 122: "Down Down Return", 128: "Return",
+                  134: "Return"}),
 ]  # fmt: skip
 
 # -- flare
-# (Neverball was tried before. It reads 1 to 3 MB of its 112 until the first frame, and takes longer to draw that without
-# a graphics card than to download it. So its figures are those of the machine.)
+# Neverball was tried before. It reads 1 to 3 MB of its 112 until the first frame, and takes longer to draw that without
+# a graphics card than to download it. So its figures are those of the machine.
 
 FLARE = "/usr/share/games/flare"
 
