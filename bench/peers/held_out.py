@@ -28,6 +28,7 @@ recordings that are kept.
 """
 
 import argparse
+import array
 import contextlib
 import shutil
 import statistics
@@ -89,9 +90,9 @@ class Bench:
         return Session(recording.session.name, reads, own_s, recording.session.seconds)
 
     def read_weights(self):
-        """They take a while, and stay with the recordings."""
-        file = self.recordings.folder / "weights"
-        weights = orders.array.array("d")
+        """They take a while, and stay with the recordings, for the same build of the game."""
+        file = self.recordings.folder / f"weights-{read_app(self.image)['checksums']['mnt']}"
+        weights = array.array("d")
         if file.exists():
             weights.frombytes(file.read_bytes())
         else:
