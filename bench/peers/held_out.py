@@ -108,7 +108,7 @@ class Bench:
         traces = [self.recordings.of[session].trace for session in trained]
         if name == OURS:
             index = self.folder / "index"
-            self.order_by(traces, index)
+            self.product.tavrin("image", "order", self.image, *traces, index, "--quiet")
             order, groups = read_map(index), read_groups(index)
             shutil.rmtree(index)
         elif name == TODAY:
@@ -124,15 +124,6 @@ class Bench:
             order = self.get_files().in_order(self.map, self.n_front, runs)
         sizes = self.packer.sizes(order) if self.weights is None else estimate(order, self.weights)
         return Placed(order, sizes, self.n_front, self.weights, groups)
-
-    def order_by(self, traces, index):
-        try:
-            self.product.tavrin("image", "order", self.image, *traces, index, "--quiet")
-        except RuntimeError:
-            merged = self.folder / "merged"
-            self.product.tavrin("trace", "merge", merged, *traces, "--quiet")
-            self.product.tavrin("image", "order", self.image, merged, index, "--quiet")
-            shutil.rmtree(merged)
 
     def get_files(self):
         if not self.files:
