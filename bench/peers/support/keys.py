@@ -4,10 +4,14 @@ import ctypes
 import time
 
 X11, XTST = ctypes.CDLL("libX11.so.6"), ctypes.CDLL("libXtst.so.6")
-X11.XOpenDisplay.restype = ctypes.c_void_p
-X11.XStringToKeysym.restype = ctypes.c_ulong
-for function in (X11.XKeysymToKeycode, X11.XSync, X11.XCloseDisplay, XTST.XTestFakeKeyEvent):
-    function.argtypes = None
+DISPLAY, KEYSYM, FLAG = ctypes.c_void_p, ctypes.c_ulong, ctypes.c_int
+X11.XOpenDisplay.restype, X11.XOpenDisplay.argtypes = DISPLAY, [ctypes.c_char_p]
+X11.XStringToKeysym.restype, X11.XStringToKeysym.argtypes = KEYSYM, [ctypes.c_char_p]
+X11.XKeysymToKeycode.restype, X11.XKeysymToKeycode.argtypes = ctypes.c_ubyte, [DISPLAY, KEYSYM]
+X11.XSync.argtypes = [DISPLAY, FLAG]
+X11.XCloseDisplay.argtypes = [DISPLAY]
+XTST.XTestFakeKeyEvent.argtypes = [DISPLAY, ctypes.c_uint, FLAG, ctypes.c_ulong]
+AFTER_S = 0.05  # from one key to the next
 
 
 class Keyboard:
@@ -22,14 +26,14 @@ class Keyboard:
         return self
 
     def __exit__(self, *_):
-        X11.XCloseDisplay(ctypes.c_void_p(self.display))
+        X11.XCloseDisplay(self.display)
 
     def press(self, key, seconds):
         """Holds a key for so long. It is named as X names it: Right, space, a, Control_L."""
-        code = X11.XKeysymToKeycode(ctypes.c_void_p(self.display), ctypes.c_ulong(X11.XStringToKeysym(key.encode())))
+        code = X11.XKeysymToKeycode(self.display, X11.XStringToKeysym(key.encode()))
         if code == 0:
             raise RuntimeError(f"no key is called {key}")
-        for down in (1, 0):
-            XTST.XTestFakeKeyEvent(ctypes.c_void_p(self.display), code, down, ctypes.c_ulong(0))
-            X11.XSync(ctypes.c_void_p(self.display), 0)
-            time.sleep(seconds if down else 0.05)
+        for is_down, pause_s in ((1, seconds), (0, AFTER_S)):
+            XTST.XTestFakeKeyEvent(self.display, code, is_down, 0)
+            X11.XSync(self.display, 0)
+            time.sleep(pause_s)
