@@ -51,8 +51,7 @@ from replay import Placed, Replay, Session  # noqa: E402
 from sessions import GAMES, LONG_S, TRAINED, rounds  # noqa: E402
 from traces import BLOCK, NO_ENTRY, read_app, read_map  # noqa: E402
 
-OURS, TODAY = "ours", "today"
-ORDERS = [OURS, TODAY, "random", "files"]
+OURS, TODAY, RANDOM, FILES = ORDERS = ["ours", "today", "random", "files"]
 BESIDE = 12  # traced sessions, of which each has eleven others beside
 
 
@@ -116,7 +115,7 @@ class Bench:
             self.product.tavrin("trace", "merge", merged, *traces, "--quiet")
             order = orders.today(self.map, self.n_front, merged)
             shutil.rmtree(merged)
-        elif name == "random":
+        elif name == RANDOM:
             order = orders.shuffled(self.map, self.n_front, f"{self.game.name} {number}")
         else:
             reads = [self.sessions[session].reads for session in trained]
@@ -132,7 +131,7 @@ class Bench:
 
     def replay(self, name, session, placed, rate):
         session = self.sessions[session]
-        if name == "files":
+        if name == FILES:
             session = session.in_units(self.get_files().unit_of)
         return Replay(session, placed, rate).run()
 
@@ -149,9 +148,9 @@ class Bench:
             plans.append((BESIDE, [*others[: BESIDE - 1], held[0]], [], [*others[: BESIDE - 1], held[0]]))
             for name in self.options.orders:
                 for n, trained, untraced, traced in plans:
-                    if n == BESIDE and name not in (OURS, TODAY):
-                        continue
-                    if all(session in self.sessions for session in [*trained, *untraced]):
+                    # A random order is the same for all numbers.
+                    is_needed = name in (OURS, TODAY) or (n in TRAINED and name == FILES) or n == TRAINED[0]
+                    if is_needed and all(session in self.sessions for session in [*trained, *untraced]):
                         self.measure_plan(found, name, number, n, trained, untraced, traced, links)
         return found
 

@@ -6,6 +6,7 @@ import signal
 import time
 
 import lab
+from hints import read_groups
 from link import LATENCY_MS, Server
 from product import APP
 from recorder import Player, Recording
@@ -31,13 +32,10 @@ class ModelCheck:
         """The ordered image and its packed form. Gives the sessions to start."""
         held, others = next(rounds(self.recordings.game))
         trained = others[:N_TRAINED]
-        merged = self.folder / "merged"
-        traces = [self.recordings.of[name].trace for name in trained]
-        self.product.tavrin("trace", "merge", merged, *traces, "--quiet")
-        words = ["--order", merged, "--cmd", "game", "--quiet"]
+        by = [word for name in trained for word in ("--order", self.recordings.of[name].trace)]
+        words = [*by, "--cmd", "game", "--quiet"]
         self.product.tavrin("image", "build", self.recordings.source, self.served, *words)
         self.product.tavrin("image", "pack", self.served, "--level", 3, "--quiet")
-        shutil.rmtree(merged)
         return [self.recordings.of[name] for name in (*held[:2], trained[0])]
 
     def check(self, link, table):
@@ -48,7 +46,8 @@ class ModelCheck:
             app = read_app(self.served)
             # In front of the stretches' frames is one that says of which image they are.
             sizes = packed_sizes(self.served / "img.zqf.zst")[1:]
-            placed = Placed(read_map(self.served), sizes, app["disk"]["sizeMnt"] // BLOCK)
+            n_front = app["disk"]["sizeMnt"] // BLOCK
+            placed = Placed(read_map(self.served), sizes, n_front, groups=read_groups(self.served))
             model = Replay(session, placed, link.rate).run()
             seconds, report = self.run(recording.session, app, link)
             real = seconds - session.own_s
