@@ -17,8 +17,8 @@ class Hints:
         self.n_taken = [0] * len(groups)
         self.n_used = 0
 
-    def find(self, missing, position, is_streamed):
-        """What else is worth having where reads wait for these, and the stream has come to `position`."""
+    def find(self, missing, position):
+        """What else is worth having where reads wait for these, and the stream has come to the stretch `position`."""
         come_to = []
         for idx in missing:
             if idx in self.waited:
@@ -27,7 +27,7 @@ class Hints:
             self.waited.add(idx)
             if idx in self.group_of:
                 come_to.append(self.group_of[idx])
-        n_unused = sum(1 for idx in self.begun if idx not in self.waited and not is_streamed(idx))
+        n_unused = sum(1 for idx in self.begun if idx not in self.waited and idx >= position)
         if not come_to or n_unused >= FREE + FREE_FOR_EACH * self.n_used:
             return []
         likely = []
