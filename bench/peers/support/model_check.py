@@ -25,8 +25,8 @@ class ModelCheck:
 
     def __init__(self, bench, folder):
         self.bench, self.recordings, self.product, self.folder = bench, bench.recordings, bench.product, folder
-        self.player = Player(bench.recordings, bench.product, bench.options, folder)
         self.served = folder / "served"
+        self.player = Player(bench.recordings, self.served, bench.product, bench.options, folder)
 
     def prepare(self):
         """The ordered image and its packed form. Gives the sessions to start."""

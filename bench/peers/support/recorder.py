@@ -79,10 +79,11 @@ class Recordings:
 
 
 class Player:
-    """Plays sessions on the display `display`; `work` is a folder for homes and logs."""
+    """Plays sessions from the complete image `image`; `work` is a folder for homes and logs. `options` has `build`, the
+    programs, and `display`."""
 
-    def __init__(self, recordings, product, options, work):
-        self.recordings, self.product, self.options, self.work = recordings, product, options, work
+    def __init__(self, recordings, image, product, options, work):
+        self.recordings, self.image, self.product, self.options, self.work = recordings, image, product, options, work
         self.game, self.client = recordings.game, product.client
 
     def record(self, recording):
@@ -92,11 +93,11 @@ class Player:
         with self.home(session) as home:
             frame = self.work / "frame"
             frame.unlink(missing_ok=True)
-            self.product.tavrin("mount", self.recordings.image, "--trace", recording.trace)
+            self.product.tavrin("mount", self.image, "--trace", recording.trace)
             try:
-                self.play(session, self.product.find_drive(self.recordings.image), home)
+                self.play(session, self.product.find_drive(self.image), home)
             finally:
-                self.product.tavrin("umount", self.recordings.image)
+                self.product.tavrin("umount", self.image)
             recording.keep(frame.stat().st_mtime_ns // 1_000_000)
 
     @contextlib.contextmanager
@@ -163,7 +164,7 @@ class Player:
 
 def record_missing(all_recordings, product, options, work):
     """Plays what isn't there yet, the short sessions first."""
-    players = [Player(recordings, product, options, work) for recordings in all_recordings]
+    players = [Player(recordings, recordings.image, product, options, work) for recordings in all_recordings]
     left = [(player, session) for player in players for session in player.game.sessions
             if not player.recordings.of[session.name].exists()]  # fmt: skip
     left.sort(key=lambda pair: pair[1].seconds)
