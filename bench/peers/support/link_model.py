@@ -8,6 +8,7 @@ trip's worth, still comes and takes its share. The model has the client's rules 
   request costs a round trip, then its bytes at the link's rate. What one read needs is asked for together.
 - Where a round trip carries half a stretch, further ones come with the one that is asked for, if one of the two before
   it is there, or such requests have been of use of late. Who goes through the image gets more before it is needed.
+  Once a request was held and goes on, the most come: what has waited in buffers looks like a faster link.
 - What hints name is asked for with a stretch that is missed, and yields to what somebody waits for.
 - The stream is held while a request is under way, and for ten round trips after one on demand, 10 s in all. Whoever
   waits for the stream ends the hold.
@@ -38,7 +39,7 @@ class Request:
     def __init__(self, parts, answer_at, wanted=None):
         self.parts = deque(parts)  # [stretch, bytes that are missing of it]
         self.answer_at, self.wanted = answer_at, wanted
-        self.grace = 0.0  # bytes that still come where it is held
+        self.grace, self.was_held = 0.0, False  # bytes that still come where it is held
 
 
 class Stream:
@@ -113,6 +114,7 @@ class Link:
         self.kept = {}  # those that are kept for the stream, and whether somebody has asked for them
         self.stream = Stream(sizes, rate, self.kept)
         self.requests = []
+        self.is_overrated = False
         self.stream_moved = self.hastened_until = 0.0
         self.quiet_since = self.quiet_until = 0.0
         self.quiet_budget = QUIET_BUDGET_S
@@ -163,7 +165,10 @@ class Link:
         for request in self.requests:
             is_free = request.wanted is not None or not yields
             if is_free:
-                request.grace = self.trip_bytes
+                # What has waited in buffers comes at once, and the client takes that for the link's rate.
+                self.is_overrated |= request.was_held and request.grace < 1
+                request.grace, request.was_held = self.trip_bytes, False
+            request.was_held |= not is_free
             if request.answer_at > self.now:
                 limits.append(request.answer_at)
             elif is_free or request.grace >= 1:
@@ -225,9 +230,14 @@ class Client(Link):
         super().__init__(sizes, rate)
         self.hints = hints
         in_trip = self.trip_bytes / sum(sizes) * len(sizes)
-        self.together = int(min(max(in_trip * TRIPS_TOGETHER, 2), MAX_TOGETHER)) if in_trip >= MIN_IN_TRIP else 1
+        self.at_rate = int(min(max(in_trip * TRIPS_TOGETHER, 2), MAX_TOGETHER)) if in_trip >= MIN_IN_TRIP else 1
         self.tries = FIRST_TOGETHER
         self.fetched_at = -1.0
+
+    @property
+    def together(self):
+        """Stretches of a request."""
+        return int(MAX_TOGETHER) if self.is_overrated else self.at_rate
 
     def is_there(self, idx):
         """For the drive."""
