@@ -31,7 +31,7 @@ for group in "$@"; do
     package) packages+=(dpkg-dev file) ;;
     peers)
         packages+=(nbdkit libnbd-bin qemu-system-common qemu-block-extra qemu-utils rclone curl)
-        packages+=(freedoom chocolate-doom supertux libgl1-mesa-dri xdelta3 zstd zsync casync)
+        packages+=(freedoom chocolate-doom supertux flare-game libxtst6 libgl1-mesa-dri xdelta3 zstd zsync casync)
         ;;
     servers)
         packages+=(nginx apache2-bin lighttpd haproxy varnish squid tinyproxy busybox caddy openssl media-types)

@@ -1,6 +1,7 @@
 // Preloaded into a game, says when that shows its first frame: makes the file that the environment variable
 // TAVRIN_FIRST_FRAME names when the game first hands a picture to SDL, or swaps the buffers of OpenGL. Of one
-// that is there already the times are set.
+// that is there already the times are set. TAVRIN_FRAME_NUMBER says which picture counts, 1 by itself: a game
+// may show that it loads before it shows anything else.
 
 #include <atomic>
 #include <cstdlib>
@@ -12,8 +13,11 @@
 namespace {
 
 void frameShown() {
-    static std::atomic<bool> told = false;
-    if (told.exchange(true)) return;
+    static std::atomic<int> nLeft = [] {
+        const char* number = std::getenv("TAVRIN_FRAME_NUMBER");
+        return number ? std::atoi(number) : 1;
+    }();
+    if (nLeft.fetch_sub(1) != 1) return;
     const char* file = std::getenv("TAVRIN_FIRST_FRAME");
     if (!file) return;
     const int fd = open(file, O_WRONLY | O_CREAT | O_CLOEXEC, 0644);

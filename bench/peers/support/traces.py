@@ -5,14 +5,19 @@ import json
 import struct
 
 BLOCK, NO_ENTRY, MARK = 4096, (1 << 64) - 1, 1 << 63
-MS_FROM_1601_TO_1970, UNITS_PER_MS = 11_644_473_600_000, 10_000
+UNITS_FROM_1601_TO_1970, UNITS_PER_MS = 116_444_736_000_000_000, 10_000
+
+
+def read_units(folder):
+    """RAW blocks and the time at which they were read, 100 ns each from 1970, in the order of the file."""
+    data = (folder / "img.trc").read_bytes()
+    items = struct.iter_unpack("<QQ", data[: len(data) // 16 * 16])
+    return [(block & ~MARK, time - UNITS_FROM_1601_TO_1970) for block, time in items]
 
 
 def read_items(folder):
-    """RAW blocks and the milliseconds of time.time() at which they were read, in the order of the file."""
-    data = (folder / "img.trc").read_bytes()
-    items = struct.iter_unpack("<QQ", data[: len(data) // 16 * 16])
-    return [(block & ~MARK, time // UNITS_PER_MS - MS_FROM_1601_TO_1970) for block, time in items]
+    """The same in milliseconds."""
+    return [(block, units // UNITS_PER_MS) for block, units in read_units(folder)]
 
 
 def read_map(folder):
