@@ -32,11 +32,15 @@ void ZqNetPace::measure(Span* span, int64 nowNs, int64 n) {
 }
 
 void ZqNetPace::measureRange(Span* span, int64 nowNs, int64 n) {
+    if (span->wasHeld) {
+        if (span->sinceNs == 0) span->sinceNs = nowNs + SETTLE_NS;
+        if (nowNs < span->sinceNs) return;
+        *span = {};
+    }
     if (span->sinceNs == 0) {
-        *span = {span->wasHeld ? nowNs + SETTLE_NS : nowNs, 0};
+        *span = {nowNs, 0};
         return;
     }
-    if (nowNs < span->sinceNs) return;
     span->nBytes += n;
     const int64 passed = nowNs - span->sinceNs;
     if (span->nBytes < RANGE_BYTES || passed < MS) return;
