@@ -19,7 +19,7 @@ void arrive(ZqNetPace* pace, ZqNetPace::Span* span, int64* nowNs, int64 n) {
 
 TEST(NetPace, WhatWaitedInBuffersDuringAHoldIsNoFasterLink) {
     ZqNetPace pace;
-    int64 nowNs = 1000 * MS;
+    int64 nowNs = 1'000'000 * MS;
     pace.noteRoundTrip(static_cast<int64>(TRIP_S * 1e6), nowNs);
     ZqNetPace::Span first;
     arrive(&pace, &first, &nowNs, 1 << 20);
