@@ -14,10 +14,13 @@ SxString basisText(const ZqImageParams::Order& order) {
     const uint64 nRead = order.nCore + order.nTail;
     const double share =
         nRead > 0 ? 100. * static_cast<double>(order.nCore) / static_cast<double>(nRead) : 0.;
-    return "The order comes from " + counted(order.nRuns, "run", "runs") + " of " +
-           counted(order.nSessions, "session", "sessions") +
-           SxString::sprintf("; %.0f %% of what they read is the core, ", share) + "the rest lies in " +
-           counted(order.nGroups, "group", "groups") + ".";
+    SxString text = "The order comes from " + counted(order.nRuns, "run", "runs") + " of " +
+                    counted(order.nSessions, "session", "sessions");
+    if (order.nTail > 0) {
+        text += SxString::sprintf("; %.0f %% of what they read is the core, ", share) + "the rest lies in " +
+                counted(order.nGroups, "group", "groups");
+    }
+    return text + ".";
 }
 
 void appendOrder(SxParserKit::SxSymbol* result, const std::optional<ZqImageParams::Order>& order) {

@@ -13,6 +13,7 @@
 #include <array>
 #include <bit>
 #include <optional>
+#include <span>
 
 namespace {
 
@@ -41,20 +42,20 @@ bool paysInCore(const ZqReadChance& chance, uint64 n, uint64 nTogether) {
     return chance.of(n) * demandNs / ZqReadChance::CERTAIN > TRANSFER_NS;
 }
 
-/// Moves the blocks that belong there from `tail`, where those that are read together lie together, to
-/// `core`.
-void takeCore(const ZqReadChance& chance, const ZqBlockUse& use, SxArray<uint64>* tail,
-              SxArray<uint64>* core) {
-    SxArray<uint64> rest;
-    for (int64 first = 0, end = 0; first < tail->getSize(); first = end) {
-        const uint64 rawIdx = (*tail)(first);
-        for (end = first + 1; end < tail->getSize() && use.isTogether(rawIdx, (*tail)(end));)
-            ++end;
-        const bool isCore = paysInCore(chance, use.getN(rawIdx), static_cast<uint64>(end - first));
-        for (int64 i = first; i < end; ++i)
-            (isCore ? core : &rest)->append((*tail)(i));
+/// Moves the blocks that belong in the core to the front of `blocks`, where those that are read together lie
+/// together; gives how many. The others stay in their order. In place, since they may be as many as the disk
+/// has.
+size_t moveCore(const ZqReadChance& chance, const ZqBlockUse& use, std::span<uint64> blocks) {
+    size_t nCore = blocks.size();
+    for (size_t end = blocks.size(), first = 0; end > 0; end = first) {
+        first = end - 1;
+        while (first > 0 && use.isTogether(blocks[first - 1], blocks[end - 1]))
+            --first;
+        if (paysInCore(chance, use.getN(blocks[first]), end - first)) continue;
+        for (size_t i = end; i-- > first;)
+            std::swap(blocks[i], blocks[--nCore]);
     }
-    *tail = std::move(rest);
+    return nCore;
 }
 
 } // namespace
@@ -92,19 +93,16 @@ void ZqBlockOrder::place(uint64 rawIdx) {
 }
 
 void ZqBlockOrder::placeRead(const ZqOrderImage& image, const ZqBlockUse& use) {
-    SxArray<uint64> core, tail;
+    const int64 first = order.getSize();
     for (uint64 rawIdx = 0; rawIdx < nRaw; ++rawIdx) {
-        if (use.getN(rawIdx) > 0) tail.append(rawIdx);
+        if (use.getN(rawIdx) > 0) place(rawIdx);
     }
-    zqOrderTail(use, &tail);
-    takeCore(ZqReadChance(use.countByN(image)), use, &tail, &core);
-    std::sort(core.begin(), core.end(), [&](uint64 a, uint64 b) { return use.isEarlier(a, b); });
-    nCore = static_cast<uint64>(core.getSize());
-    nTail = static_cast<uint64>(tail.getSize());
-    for (const uint64 rawIdx : core)
-        place(rawIdx);
-    for (const uint64 rawIdx : tail)
-        place(rawIdx);
+    const std::span<uint64> blocks(order.data() + first, static_cast<size_t>(order.getSize() - first));
+    zqOrderTail(use, blocks);
+    nCore = moveCore(ZqReadChance(use.countByN(image)), use, blocks);
+    nTail = blocks.size() - nCore;
+    std::sort(blocks.begin(), blocks.begin() + static_cast<std::ptrdiff_t>(nCore),
+              [&](uint64 a, uint64 b) { return use.isEarlier(a, b); });
 }
 
 void ZqBlockOrder::placeUnread(const ZqOrderImage& image, const ZqBlockUse& use) {

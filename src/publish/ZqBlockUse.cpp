@@ -4,8 +4,9 @@ void ZqBlockUse::add(size_t number, const ZqOrderRuns::Blocks& blocks) {
     const uint64 bit = uint64{1} << number % 64;
     uint64 place = 0;
     for (const uint64 rawIdx : blocks) {
-        reads[rawIdx].bits += ONE + place++;
-        sketches[rawIdx] |= bit;
+        Reads& of = reads[rawIdx];
+        of.bits += ONE + place++;
+        of.sketch |= bit;
     }
     ++nRuns;
 }

@@ -39,14 +39,14 @@ private:
 
 } // namespace
 
-void zqOrderTail(const ZqBlockUse& use, SxArray<uint64>* rawIdcs) {
+void zqOrderTail(const ZqBlockUse& use, std::span<uint64> rawIdcs) {
     std::array<uint64, N_BITS> nBlocks{};
-    for (const uint64 rawIdx : *rawIdcs) {
+    for (const uint64 rawIdx : rawIdcs) {
         for (uint64 rest = use.getSketch(rawIdx); rest != 0; rest &= rest - 1)
             ++nBlocks.at(static_cast<size_t>(std::countr_zero(rest)));
     }
     const BitOrder order(nBlocks);
-    std::sort(rawIdcs->begin(), rawIdcs->end(), [&](uint64 a, uint64 b) {
+    std::sort(rawIdcs.begin(), rawIdcs.end(), [&](uint64 a, uint64 b) {
         const uint64 ofA = use.getSketch(a), ofB = use.getSketch(b);
         if (ofA != ofB) return order.apply(ofA) > order.apply(ofB);
         if (use.getN(a) != use.getN(b)) return use.getN(a) > use.getN(b);

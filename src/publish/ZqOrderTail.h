@@ -2,6 +2,8 @@
 
 #include "ZqBlockUse.h"
 
+#include <span>
+
 /// Puts blocks that some runs have read, and others not, in such an order that what is read together lies
 /// together: `rawIdcs` are RAW indices, and change places. It goes by the sketch of the runs that have read
 /// a block: first come the blocks of the run that has most of them, among these first those that the run
@@ -12,4 +14,4 @@
 /// folder first, then by how many runs, and then by which, sessions that were traced beside eleven others
 /// took 1.27 times their ideal, and 1.16 so; others took 1.42 and 1.36. A chain of the most similar sketches
 /// was as good (1.13 and 1.38), but takes the square of their number.
-void zqOrderTail(const ZqBlockUse& use, SxArray<uint64>* rawIdcs);
+void zqOrderTail(const ZqBlockUse& use, std::span<uint64> rawIdcs);
