@@ -10,7 +10,7 @@ SxString counted(uint64 n, const char* one, const char* several) {
 
 } // namespace
 
-SxString basisText(const ZqImageParams::Order& order) {
+SxString basisText(const ZqOrderBasis& order) {
     const uint64 nRead = order.nCore + order.nTail;
     const double share =
         nRead > 0 ? 100. * static_cast<double>(order.nCore) / static_cast<double>(nRead) : 0.;
@@ -23,7 +23,7 @@ SxString basisText(const ZqImageParams::Order& order) {
     return text + ".";
 }
 
-void appendOrder(SxParserKit::SxSymbol* result, const std::optional<ZqImageParams::Order>& order) {
+void appendOrder(SxParserKit::SxSymbol* result, const std::optional<ZqOrderBasis>& order) {
     if (!order) {
         result->append("order", SxParserAst::Null);
         return;

@@ -44,7 +44,7 @@ public:
     /// The worst of the runs at each second (ZqOrderProfiles).
     const ZqOrderProfiles::Profile& getProfile() const { return profile; }
     /// What the order rests on; nothing without traces.
-    const std::optional<ZqImageParams::Order>& getBasis() const { return basis; }
+    const std::optional<ZqOrderBasis>& getBasis() const { return basis; }
     /// Traces that it doesn't come from.
     const std::vector<ZqLeftTrace>& getLeft() const { return left; }
 
@@ -73,7 +73,7 @@ private:
     uint64 nRaw = 0;
     SxArray<uint64> order;
     ZqOrderProfiles::Profile profile;
-    std::optional<ZqImageParams::Order> basis;
+    std::optional<ZqOrderBasis> basis;
     std::vector<ZqOrderHints::Group> groups;
     std::vector<ZqLeftTrace> left;
     uint64 nFront = 0, nCore = 0, nTail = 0, nNear = 0;

@@ -36,7 +36,7 @@ public:
     uint64 getNTail() const { return nTail; }
     uint64 getNNear() const { return nNear; }
     /// After the end: what the order rests on; nothing without traces.
-    const std::optional<ZqImageParams::Order>& getBasis() const { return basis; }
+    const std::optional<ZqOrderBasis>& getBasis() const { return basis; }
     /// After the end: traces that the order doesn't come from.
     const std::vector<ZqLeftTrace>& getLeft() const { return left; }
     /// After the end: why the order doesn't go by files, a clause; empty where it does.
@@ -61,7 +61,7 @@ private:
     ZqAppParams app;
     bool complete = false;
     uint64 nRaw = 0, nIncluded = 0, nFront = 0, nCore = 0, nTail = 0, nNear = 0;
-    std::optional<ZqImageParams::Order> basis;
+    std::optional<ZqOrderBasis> basis;
     std::vector<ZqLeftTrace> left;
     SxString whyNoFiles;
 };

@@ -12,8 +12,8 @@ namespace {
 constexpr const char* UNIT = "src/base/ZqImageParams";
 constexpr const char* REMOVABLE = "removable";
 
-ZqImageParams::Order readOrder(const SxSymbol& from) {
-    ZqImageParams::Order order;
+ZqOrderBasis readOrder(const SxSymbol& from) {
+    ZqOrderBasis order;
     order.nRuns = ZqRecordFile::toUnsigned(from.getElem("runs", true));
     order.nSessions = ZqRecordFile::toUnsigned(from.getElem("sessions", true));
     order.nCore = ZqRecordFile::toUnsigned(from.getElem("core", true));
@@ -23,7 +23,7 @@ ZqImageParams::Order readOrder(const SxSymbol& from) {
     return order;
 }
 
-void append(SxSymbol* root, const ZqImageParams::Order& order) {
+void append(SxSymbol* root, const ZqOrderBasis& order) {
     SxSymbol to = root->append("order", SxParserAst::Object);
     to.append("runs", order.nRuns);
     to.append("sessions", order.nSessions);

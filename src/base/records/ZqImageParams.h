@@ -1,8 +1,7 @@
 #pragma once
 
-#include "SxList.h"
 #include "ZqDriveKinds.h"
-#include "ZqLoadProfilePoint.h"
+#include "ZqOrderBasis.h"
 
 #include <optional>
 
@@ -10,19 +9,6 @@
 /// belong to the same RAW image. Not locked.
 class ZqImageParams {
 public:
-    /// What the order of the blocks rests on.
-    struct Order {
-        uint64 nRuns = 0;     ///< traces that it comes from
-        uint64 nSessions = 0; ///< different sessions that these are of
-        uint64 nCore = 0;     ///< blocks that the next run will most likely read
-        uint64 nTail = 0;     ///< others that a run has read
-        uint64 nGroups = 0;   ///< groups of stretches that runs read together
-        /// The median of the runs' load profiles; that of app.json is the worst of them.
-        SxList<ZqLoadProfilePoint> median;
-
-        bool operator==(const Order&) const = default;
-    };
-
     int64 version = 2;
     SxString guid = "XXXXXXXX-XXXX-4XXX-XXXX-XXXXXXXXXXXX"; ///< identity of the RAW image
     int64 sizeRaw = 0;                                      ///< bytes of the RAW image
@@ -31,7 +17,7 @@ public:
     ZqDriveKinds::DeviceMode deviceMode = ZqDriveKinds::Removable;
     SxString filesystem = "ntfs"; ///< a text of ZqDriveKinds::FileSystem, or "none"
     SxString driverVersion = "3.3.4";
-    std::optional<Order> order; ///< nothing where no trace has given the order
+    std::optional<ZqOrderBasis> order; ///< nothing where no trace has given the order
 
     ZqImageParams() = default;
     /// Defaults, then read(). Raises as read() does.

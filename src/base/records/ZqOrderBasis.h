@@ -1,0 +1,17 @@
+#pragma once
+
+#include "SxList.h"
+#include "ZqLoadProfilePoint.h"
+
+/// What the order of an image's blocks rests on. A plain value.
+struct ZqOrderBasis {
+    uint64 nRuns = 0;     ///< traces that it comes from
+    uint64 nSessions = 0; ///< different sessions that these are of
+    uint64 nCore = 0;     ///< blocks that the next run will most likely read
+    uint64 nTail = 0;     ///< others that a run has read
+    uint64 nGroups = 0;   ///< groups of stretches that runs read together
+    /// The median of the runs' load profiles; that of app.json is the worst of them.
+    SxList<ZqLoadProfilePoint> median;
+
+    bool operator==(const ZqOrderBasis&) const = default;
+};
