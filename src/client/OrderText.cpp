@@ -46,7 +46,7 @@ void appendLeft(SxParserKit::SxSymbol* result, const std::vector<ZqLeftTrace>& l
     SxParserKit::SxSymbol list = result->append("leftOut", SxParserAst::Array);
     for (const ZqLeftTrace& one : left) {
         SxParserKit::SxSymbol each = list.append(SxParserAst::Object);
-        each.append("name", one.trace);
-        each.append("why", one.why);
+        each.append("name", one.trace.validUtf8());
+        each.append("why", one.why.validUtf8());
     }
 }

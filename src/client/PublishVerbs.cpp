@@ -118,8 +118,7 @@ int order(const OrderOptions& options, Output& out) {
              " that some have read, " + nRest + " others" + SxString::sprintf(", in %.1f s.", seconds));
     if (job.getBasis()) out.text(basisText(*job.getBasis()));
     if (!job.getWhyNoFiles().isEmpty()) {
-        out.text("Blocks that no run has read are put in order by how close they stand to others, since the "
-                 "image " +
+        out.text("Blocks that no run has read are put in order by how close they stand to others: " +
                  job.getWhyNoFiles() + ".");
     }
     out.text(SxString("The load profile has ") + app.loadprofile.getSize() + " points, from " +

@@ -107,8 +107,9 @@ void ZqBlockOrder::placeRead(const ZqOrderImage& image, const ZqBlockUse& use) {
 
 void ZqBlockOrder::placeUnread(const ZqOrderImage& image, const ZqBlockUse& use) {
     if (!image.files) return placeGaps(image);
-    for (const uint64 rawIdx : zqUnreadOrder(image, use, [this](uint64 idx) { return !placed[idx]; }))
-        place(rawIdx);
+    zqUnreadOrder(
+        image, use, [this](uint64 rawIdx) { return !placed[rawIdx]; },
+        [this](uint64 rawIdx) { place(rawIdx); });
 }
 
 void ZqBlockOrder::placeGaps(const ZqOrderImage& image) {

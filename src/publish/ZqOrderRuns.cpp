@@ -36,7 +36,6 @@ ZqOrderRuns::ZqOrderRuns(const SxList<SxString>& traces, const ZqOrderImage& ima
         return std::tie(a.digest.str(), a.record.time0, a.path.str()) <
                std::tie(b.digest.str(), b.record.time0, b.path.str());
     });
-    dropRepeated();
 }
 
 void ZqOrderRuns::addRun(const SxString& trace) {
@@ -45,9 +44,8 @@ void ZqOrderRuns::addRun(const SxString& trace) {
         Run run{trace, path, ZqTraceParams(path), {}};
         const SxString of = run.record.checksumMnt;
         if (run.record.isSeries()) {
-            left.push_back({trace,
-                            "was joined of several runs, and what each of them needs at its start can't "
-                            "be told any more"});
+            left.push_back(
+                {trace, "was joined of several runs, and no longer tells what each needs at its start"});
         } else if (!(of == image.buildId)) {
             left.push_back({trace, "is one of the build '" + of + "', and '" + image.name +
                                        "' is the build '" + image.buildId + "'"});
@@ -62,27 +60,18 @@ void ZqOrderRuns::addRun(const SxString& trace) {
     }
 }
 
-void ZqOrderRuns::dropRepeated() {
-    std::vector<Run> kept;
-    for (Run& run : runs) {
-        const bool isRepeated =
-            !kept.empty() && kept.back().digest == run.digest && kept.back().record.time0 == run.record.time0;
-        if (isRepeated) {
-            left.push_back({run.trace, "is the same run as '" + kept.back().trace + "'"});
-        } else {
-            kept.push_back(std::move(run));
-        }
-    }
-    runs = std::move(kept);
-}
-
 void ZqOrderRuns::read(const std::function<void(size_t number, const Blocks& blocks)>& show,
                        const StopTest& isStopped) {
     std::vector<Run> fit;
     Blocks blocks;
     for (Run& run : runs) {
         if (isStopped()) throw SxException(SxException::STOPPED, "Stopped", UNIT, __LINE__);
-        const SxString why = readRun(run, &blocks);
+        SxString why = readRun(&run, &blocks);
+        // Not before they are read: of two records that state the same one may lie.
+        if (why.isEmpty() && !fit.empty() && fit.back().digest == run.digest &&
+            fit.back().record.time0 == run.record.time0) {
+            why = "is the same run as '" + fit.back().trace + "'";
+        }
         if (!why.isEmpty()) {
             left.push_back({run.trace, why});
             continue;
@@ -98,19 +87,19 @@ void ZqOrderRuns::read(const std::function<void(size_t number, const Blocks& blo
     if (runs.empty()) refuse();
 }
 
-SxString ZqOrderRuns::readRun(const Run& run, Blocks* blocks) {
-    const SxString file = run.path + ZqTraceFiles::ITEMS;
+SxString ZqOrderRuns::readRun(Run* run, Blocks* blocks) {
+    const SxString file = run->path + ZqTraceFiles::ITEMS;
     blocks->clear();
     // What a mount reads counts as seen, so that a run begins with its first read of content.
     seen.assign(image.getNRaw(), false);
     for (const uint64 rawIdx : image.front)
         seen[rawIdx] = true;
     try {
-        const ZqTraceRecords::Unchanged files(run.path);
+        run->files.emplace(run->path);
         // The digest is taken on the way: a trace may be larger than the memory, and reading it is what
         // takes the time.
         SxMd5 digest;
-        ZqTraceRecords::Reader reader(run.path, ZqTraceRecords::CHUNK, &digest);
+        ZqTraceRecords::Reader reader(run->path, ZqTraceRecords::CHUNK, &digest);
         ZqTraceRecords::Found found;
         std::optional<uint64> beyond;
         bool isNamed = false;
@@ -130,10 +119,10 @@ SxString ZqOrderRuns::readRun(const Run& run, Blocks* blocks) {
         found.digest = digest.toString();
         // A rest of less than a record isn't read, but is part of what a digest was taken of.
         const bool hasRest = SxFileInfo(file).getSize() != found.size;
-        SxString mismatch = hasRest ? ZqTraceRecords::findMismatch(run.path, run.record)
-                                    : ZqTraceRecords::findMismatch(run.path, run.record, found);
+        SxString mismatch = hasRest ? ZqTraceRecords::findMismatch(run->path, run->record)
+                                    : ZqTraceRecords::findMismatch(run->path, run->record, found);
         if (!mismatch.isEmpty()) return "is damaged: " + mismatch;
-        files.require();
+        run->files->require();
         if (beyond) {
             return "names block " + SxString(*beyond) + ", and '" + image.name + "' has " +
                    SxString(image.getNRaw());
@@ -146,9 +135,11 @@ SxString ZqOrderRuns::readRun(const Run& run, Blocks* blocks) {
 }
 
 void ZqOrderRuns::walk(size_t number, const std::function<void(const ZqTraceItem& item)>& look) const {
-    ZqTraceRecords::Reader reader(runs.at(number).path);
+    const Run& run = runs.at(number);
+    ZqTraceRecords::Reader reader(run.path);
     for (ZqTraceItem item; reader.next(&item);)
         look(item);
+    run.files->require();
 }
 
 void ZqOrderRuns::refuse() const {

@@ -5,8 +5,10 @@
 #include "ZqOrderImage.h"
 #include "ZqTraceItem.h"
 #include "ZqTraceParams.h"
+#include "ZqTraceRecords.h"
 
 #include <functional>
+#include <optional>
 #include <vector>
 
 /// The runs that an order comes from: single traces of one build. A trace that can't serve is left out and
@@ -43,12 +45,13 @@ private:
         SxString trace, path; ///< the folder as it was given, and with its slash
         ZqTraceParams record;
         SxString digest; ///< MD5 text of img.trc
+        /// The files as they were read.
+        std::optional<ZqTraceRecords::Unchanged> files = {};
     };
 
     void addRun(const SxString& trace);
-    void dropRepeated();
     /// Why the run can't serve; empty where it can. Its blocks go to `blocks`.
-    SxString readRun(const Run& run, Blocks* blocks);
+    SxString readRun(Run* run, Blocks* blocks);
     [[noreturn]] void refuse() const;
 
     const ZqOrderImage& image;

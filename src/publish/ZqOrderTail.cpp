@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <numeric>
 #include <vector>
 
@@ -37,6 +38,34 @@ private:
     std::array<std::array<uint64, N_VALUES>, N_BYTES> table{};
 };
 
+/// Neighbours on the disk that the same runs have read.
+struct Extent {
+    uint64 first, count; ///< RAW blocks
+    uint64 early;        ///< the one that was read first on the mean
+};
+
+/// Puts the extents of blocks that the same runs have read, which are in RAW order, in the order of their
+/// first reads. A run that reads a file here and there, or all of the disk in no order, so tears nothing
+/// apart.
+void orderExtents(const ZqBlockUse& use, std::span<uint64> blocks) {
+    std::vector<Extent> extents;
+    for (const uint64 rawIdx : blocks) {
+        if (extents.empty() || extents.back().first + extents.back().count != rawIdx) {
+            extents.push_back({rawIdx, 0, rawIdx});
+        }
+        Extent& extent = extents.back();
+        ++extent.count;
+        if (use.isEarlier(rawIdx, extent.early)) extent.early = rawIdx;
+    }
+    std::sort(extents.begin(), extents.end(),
+              [&](const Extent& a, const Extent& b) { return use.isEarlier(a.early, b.early); });
+    auto to = blocks.begin();
+    for (const Extent& extent : extents) {
+        for (uint64 i = 0; i < extent.count; ++i)
+            *to++ = extent.first + i;
+    }
+}
+
 } // namespace
 
 void zqOrderTail(const ZqBlockUse& use, std::span<uint64> rawIdcs) {
@@ -49,7 +78,11 @@ void zqOrderTail(const ZqBlockUse& use, std::span<uint64> rawIdcs) {
     std::sort(rawIdcs.begin(), rawIdcs.end(), [&](uint64 a, uint64 b) {
         const uint64 ofA = use.getSketch(a), ofB = use.getSketch(b);
         if (ofA != ofB) return order.apply(ofA) > order.apply(ofB);
-        if (use.getN(a) != use.getN(b)) return use.getN(a) > use.getN(b);
-        return use.isEarlier(a, b);
+        return use.getN(a) != use.getN(b) ? use.getN(a) > use.getN(b) : a < b;
     });
+    for (size_t first = 0, end = 0; first < rawIdcs.size(); first = end) {
+        for (end = first + 1; end < rawIdcs.size() && use.isTogether(rawIdcs[first], rawIdcs[end]);)
+            ++end;
+        orderExtents(use, rawIdcs.subspan(first, end - first));
+    }
 }

@@ -43,7 +43,9 @@ std::array<std::string, N_KINDS> kindsOf(std::string_view path) {
     const auto join = [](std::string_view a, std::string_view b) {
         return std::string(a).append(1, '/').append(b);
     };
-    return {std::string(extension), join(folder, extension), join(folderOf(folder), name)};
+    // They begin with another letter each, so that none is taken for one of another width.
+    return {std::string("e").append(extension), "f" + join(folder, extension),
+            "n" + join(folderOf(folder), name)};
 }
 
 struct Count {
@@ -71,6 +73,7 @@ public:
                 nOpen[i] += isOpen(rawIdx) ? 1 : 0;
             }
         }
+        joinPieces();
         count();
         weighFolders();
     }
@@ -99,6 +102,18 @@ private:
         uint64 chance() const { return nBlocks > 0 ? likely / nBlocks : 0; }
     };
 
+    /// Of a file in several pieces all are read where one is, and only the first one counts.
+    void joinPieces() {
+        std::unordered_map<std::string_view, size_t> firsts;
+        for (size_t i = 0; i < rows.size(); ++i) {
+            const size_t first = firsts.try_emplace(rows[i].path.str(), i).first->second;
+            isPiece.push_back(first != i);
+            isRead[first] = isRead[first] || isRead[i];
+        }
+        for (size_t i = 0; i < rows.size(); ++i)
+            isRead[i] = isRead[firsts.at(rows[i].path.str())];
+    }
+
     void count() {
         std::unordered_map<std::string, Count> kinds;
         Count all;
@@ -107,6 +122,7 @@ private:
                 look(&kinds[std::move(kind)]);
         };
         for (size_t i = 0; i < rows.size(); ++i) {
+            if (isPiece[i]) continue;
             all.add(isRead[i]);
             each(i, [&](Count* kind) { kind->add(isRead[i]); });
         }
@@ -127,21 +143,20 @@ private:
     }
 
     const std::vector<Row>& rows;
-    std::vector<bool> isRead;
+    std::vector<bool> isRead, isPiece;
     std::vector<uint64> nOpen, chances;
     std::unordered_map<std::string_view, Folder> folders;
 };
 
 } // namespace
 
-SxArray<uint64> zqUnreadOrder(const ZqOrderImage& image, const ZqBlockUse& use,
-                              const std::function<bool(uint64 rawIdx)>& isOpen) {
-    SxArray<uint64> result;
+void zqUnreadOrder(const ZqOrderImage& image, const ZqBlockUse& use,
+                   const std::function<bool(uint64 rawIdx)>& isOpen,
+                   const std::function<void(uint64 rawIdx)>& show) {
     const std::vector<Row>& rows = image.files->getRows();
     for (const size_t i : Files(rows, use, isOpen).sort()) {
         for (uint64 rawIdx = rows[i].first; rawIdx < rows[i].first + rows[i].count; ++rawIdx) {
-            if (isOpen(rawIdx)) result.append(rawIdx);
+            if (isOpen(rawIdx)) show(rawIdx);
         }
     }
-    return result;
 }

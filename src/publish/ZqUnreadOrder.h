@@ -12,6 +12,7 @@
 /// What is known of each kind is weighed against what is known of the wider ones: a kind with few files tells
 /// little. Whole numbers, so that the order is the same on every machine.
 ///
-/// Gives the RAW indices of all blocks of `image.files` for which `isOpen` is true, each once.
-SxArray<uint64> zqUnreadOrder(const ZqOrderImage& image, const ZqBlockUse& use,
-                              const std::function<bool(uint64 rawIdx)>& isOpen);
+/// Shows the RAW indices of all blocks of `image.files` for which `isOpen` is true, each once.
+void zqUnreadOrder(const ZqOrderImage& image, const ZqBlockUse& use,
+                   const std::function<bool(uint64 rawIdx)>& isOpen,
+                   const std::function<void(uint64 rawIdx)>& show);

@@ -18,7 +18,7 @@ class ZqTraceOrigins {
 public:
     using Source = ZqTraceParams::Source;
 
-    /// So many are kept, the latest; with long names of folders a record with more couldn't be read any more.
+    /// So many are kept, the latest; with long names of folders a record with more could no longer be read.
     static constexpr size_t MOST = 30'000;
 
     /// The trace in the folder `path`, whose record is given, as something that goes into another. Raises
