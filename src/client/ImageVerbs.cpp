@@ -62,8 +62,8 @@ void appendRecord(SxSymbol* result, const SxString& key, const SxString& path) {
 /// What an image's table of files holds.
 struct FileInfo {
     std::optional<uint64> nFiles;
-    SxString why;            ///< why that isn't known, as a clause
-    bool isMakeable = false; ///< a new order makes the table
+    SxString why;               ///< why that isn't known, as a clause
+    bool hasNeighbours = false; ///< a new order goes by neighbours instead
 };
 
 FileInfo findFiles(const ZqImageInfo& info, const SxString& folder) {
@@ -74,17 +74,17 @@ FileInfo findFiles(const ZqImageInfo& info, const SxString& folder) {
             return found;
         }
         found.why = ZqDriveFiles::whyNot(folder, info);
-        found.isMakeable = found.why.isEmpty();
-        if (found.isMakeable) found.why = "there is no img.files yet, image order makes it";
+        found.hasNeighbours = !found.why.isEmpty();
+        if (!found.hasNeighbours) found.why = "there is no img.files yet, image order makes it";
     } catch (const SxException& e) {
-        found.why = e.what();
+        found.why = SxString(e.what()) + "; remove it, and image order makes another one";
     }
     return found;
 }
 
 SxString describeFiles(const FileInfo& files) {
     if (files.nFiles) return SxString(*files.nFiles) + " in img.files, which fits this build";
-    return files.isMakeable ? files.why : files.why + "; an order goes by neighbours on the disk";
+    return files.hasNeighbours ? files.why + "; an order goes by neighbours on the disk" : files.why;
 }
 
 SxSymbol describeJson(const ZqImageInfo& info, const SxString& folder) {
