@@ -2,6 +2,8 @@
 
 #include "ZqBlocks.h"
 
+#include <algorithm>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -25,7 +27,7 @@ SxArray<uint64> ZqOnDemandHints::findLikely(const SxArray<uint64>& offsets, uint
         known = hints;
     }
     if (!known) return {};
-    std::vector<const ZqOrderHints::Group*> groups;
+    std::vector<std::pair<const ZqOrderHints::Group*, uint64>> places;
     for (const uint64 offset : offsets) {
         const uint64 idx = offset / STRETCH;
         const auto [at, isNew] = states.try_emplace(idx, Waited);
@@ -36,15 +38,18 @@ SxArray<uint64> ZqOnDemandHints::findLikely(const SxArray<uint64>& offsets, uint
             if (idx >= passedIdx) --nUnused;
         }
         at->second = Waited;
-        if (const ZqOrderHints::Group* group = known->find(idx)) groups.push_back(group);
+        if (const ZqOrderHints::Group* group = known->find(idx)) places.emplace_back(group, idx);
     }
     SxArray<uint64> likely;
-    if (groups.empty() || isInVain(nCurrent)) return likely;
-    for (const ZqOrderHints::Group* group : groups)
-        take(*group, nCurrent, &likely);
-    for (const ZqOrderHints::Group* group : groups) {
+    if (places.empty() || isInVain(nCurrent)) return likely;
+    for (const auto& [group, idx] : places) {
+        const auto at = std::find(group->hot.begin(), group->hot.end(), idx);
+        const bool isHot = at != group->hot.end();
+        take(*group, isHot ? static_cast<size_t>(at - group->hot.begin()) + 1 : 0, nCurrent, &likely);
+    }
+    for (const auto& [group, idx] : places) {
         for (const ZqOrderHints::Next& next : group->next) {
-            if (next.percent >= MIN_PERCENT) take(known->groups[next.group], nCurrent, &likely);
+            if (next.percent >= MIN_PERCENT) take(known->groups[next.group], 0, nCurrent, &likely);
         }
     }
     return likely;
@@ -60,11 +65,12 @@ bool ZqOnDemandHints::isInVain(uint64 nCurrent) {
     return nUnused >= FREE + FREE_FOR_EACH * nUsed;
 }
 
-void ZqOnDemandHints::take(const ZqOrderHints::Group& group, uint64 nCurrent, SxArray<uint64>* likely) {
-    // A list may be long, and each read that waits looks at it: what it has given once it doesn't give again.
-    size_t& at = nTaken[group.first];
-    while (at < group.hot.size() && likely->getSize() < MAX_TOGETHER) {
-        const uint64 idx = group.hot[at++];
+/// Those that follow each other there: what lies further away is likely only once these are read.
+void ZqOnDemandHints::take(const ZqOrderHints::Group& group, size_t from, uint64 nCurrent,
+                           SxArray<uint64>* likely) {
+    const size_t end = std::min(group.hot.size(), from + size_t{MAX_TOGETHER});
+    for (size_t at = from; at < end && likely->getSize() < MAX_TOGETHER; ++at) {
+        const uint64 idx = group.hot[at];
         if (idx * STRETCH >= nCurrent && states.try_emplace(idx, Named).second) likely->append(idx * STRETCH);
     }
 }

@@ -21,8 +21,8 @@ public:
     void set(const SxPtr<const ZqOrderHints>& hints_) SX_EXCLUDES(mutex);
 
     /// Reads wait for the stretches at `offsets`, of which the download has brought `nCurrent` bytes. Gives
-    /// what else is worth having, the likeliest first, each stretch once: hot ones of the groups that they
-    /// are in, then of likely successors of these.
+    /// what else is worth having, the likeliest first, each stretch once: the hot ones of their groups that
+    /// follow them there, then the first ones of likely successors.
     SxArray<uint64> findLikely(const SxArray<uint64>& offsets, uint64 nCurrent) SX_EXCLUDES(mutex);
     /// These of them are being fetched.
     void noteBegun(const SxArray<uint64>& offsets);
@@ -35,13 +35,12 @@ private:
     enum State { Named, Begun, Waited };
 
     bool isInVain(uint64 nCurrent);
-    void take(const ZqOrderHints::Group& group, uint64 nCurrent, SxArray<uint64>* likely);
+    void take(const ZqOrderHints::Group& group, size_t from, uint64 nCurrent, SxArray<uint64>* likely);
 
     mutable SxMutex mutex;
     SxPtr<const ZqOrderHints> hints SX_GUARDED_BY(mutex);
 
-    std::map<uint64, State> states;  ///< by stretch
-    std::map<uint32, size_t> nTaken; ///< of a group's hot stretches, by its first stretch
+    std::map<uint64, State> states; ///< by stretch
     int64 nBegun = 0, nUsed = 0;
     int64 nUnused = 0;    ///< begun ones that no read has waited for and that the download hasn't passed
     uint64 passedIdx = 0; ///< stretches below it aren't counted in that
