@@ -17,8 +17,8 @@ RATE = 1_000_000
 SIZE = 100_000  # of a stretch: a tenth of a second
 
 
-def client(n=100, rate=RATE, hints=None):
-    return Client([SIZE] * n, rate, hints)
+def client(n=100, rate=RATE, hints=None, core=0):
+    return Client([SIZE] * n, rate, hints, core)
 
 
 class LinkModelTest(unittest.TestCase):
@@ -56,6 +56,18 @@ class LinkModelTest(unittest.TestCase):
         link.advance(link.now + 1)
         self.assertGreater(link.stream.taken, taken + 0.5 * RATE)
 
+    def test_in_the_core_the_stream_is_held_for_an_answer_alone(self):
+        link = client(core=20)
+        link.advance(1)
+        taken = link.stream.taken
+        came = link.read([50], 1)
+        # What was on its way when the answer began shares the link with it.
+        self.assertAlmostEqual(came, 1 + LOOK_S + LATENCY_S + SIZE / RATE + LATENCY_S + DELIVER_S)
+        during = RATE * (LOOK_S + LATENCY_S + LATENCY_S + DELIVER_S)
+        self.assertAlmostEqual(link.stream.taken - taken, during)
+        link.advance(link.now + 0.1)
+        self.assertAlmostEqual(link.stream.taken - taken, during + 0.1 * RATE)
+
     def test_others_come_along_on_a_fast_link_while_they_are_of_use(self):
         link = client(1000, 100 * RATE)
         for idx in (900, 850, 800, 750):
@@ -74,6 +86,17 @@ class LinkModelTest(unittest.TestCase):
         self.assertIn(55, link.kept)
         self.assertNotIn(70, link.kept)
         self.assertAlmostEqual(link.read([55], 2), 2 + LOOK_S + DELIVER_S)
+
+    def test_hints_wait_for_each_other_and_for_who_waits(self):
+        link = client(hints=Hints([(40, 60, [50, 55, 58], [])]))
+        link.read([50], 0)
+        link.advance(link.now + 0.01)
+        self.assertEqual([request.parts[0][0] for request in link.requests], [55])
+        # Who needs the other one asks for it himself, and goes first.
+        link.read([58], link.now)
+        self.assertTrue(link.is_there(58))
+        self.assertNotIn(55, link.kept)
+        self.assertEqual(link.n_requests, 3)
 
     def test_kept_stretches_are_skipped_where_that_is_worth_it(self):
         link = client(10)
