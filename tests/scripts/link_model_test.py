@@ -46,6 +46,14 @@ class LinkModelTest(unittest.TestCase):
         self.assertLess(came, 0.22)
         self.assertEqual(link.n_requests, 0)
 
+    def test_what_comes_next_but_one_is_left_to_a_fast_stream_alone(self):
+        for rate, n_requests in ((RATE, 1), (20 * RATE, 0)):
+            link = client(rate=rate)
+            # Of the first one little is missing.
+            link.advance(0.09 * RATE / rate)
+            link.read([1], link.now)
+            self.assertEqual(link.n_requests, n_requests)
+
     def test_the_stream_is_held_for_the_next_request(self):
         link = client()
         link.read([50], 1)

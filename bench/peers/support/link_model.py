@@ -29,7 +29,8 @@ GROUP = 6  # stretches on demand on the wire together
 LOADERS = 4  # requests that nobody waits for
 PATIENCE_S = 0.100  # with a stream that doesn't move
 HASTENED_S = 0.100  # the stream goes before what comes along after somebody has waited for it
-MAX_UNUSED = (32 << 20) // 204800  # stretches that came along and that nobody has asked for
+STRETCH_BYTES = 204800  # decoded
+MAX_UNUSED = (32 << 20) // STRETCH_BYTES  # stretches that came along and that nobody has asked for
 # What the machine takes: to look at the drive (busy: soon after a fetch), to unpack and hand over a stretch, and from
 # the stream's arrival to the drive's cursor.
 LOOK_S, BUSY_LOOK_S, BUSY_FOR_S, DELIVER_S, CURSOR_S = 0.005, 0.001, 0.1, 0.005, 0.008
@@ -52,6 +53,7 @@ class Stream:
         self.next, self.left = 0, sizes[0]  # the stretch that comes next, and what is missing of it
         self.stands_until = self.grace = 0.0
         self.taken = self.twice = 0
+        self.usual = STRETCH_BYTES  # what a stretch takes of the wire, as the client takes it by those that have come
         self.begin_request()
 
     def begin_request(self):
@@ -72,6 +74,7 @@ class Stream:
     def finish_stretch(self, now):
         if self.kept.pop(self.next, None) is not None:
             self.twice += self.sizes[self.next]
+        self.usual = 0.9 * self.usual + 0.1 * self.sizes[self.next]
         self.next += 1
         self.skip_kept(now)
         if self.is_complete():
@@ -87,7 +90,7 @@ class Stream:
             while end in self.kept:
                 end += 1
             is_planned = self.next in self.planned
-            if not is_planned and sum(self.sizes[self.next : end]) <= BREAK_TRIPS * self.rate * LATENCY_S:
+            if not is_planned and (end - self.next) * self.usual <= BREAK_TRIPS * self.rate * LATENCY_S:
                 return
             for idx in range(self.next, end):
                 del self.kept[idx]
@@ -97,13 +100,8 @@ class Stream:
             self.begin_request()
 
     def reaches_soon(self, idx):
-        """Whether it brings the stretch within a round trip."""
-        missing = 0
-        for other in range(self.next, idx):
-            missing += self.left if other == self.next else self.sizes[other]
-            if missing > self.rate * LATENCY_S:
-                return False
-        return True
+        """Whether it brings the stretch within a round trip. It has come to where its last whole stretch ends."""
+        return (idx - self.next) * self.usual <= self.rate * LATENCY_S
 
 
 class Link:
