@@ -9,12 +9,13 @@ from pathlib import Path
 sys.dont_write_bytecode = True
 sys.path.insert(0, str(Path(__file__).resolve().parents[2] / "bench/peers/support"))
 from hints import Hints  # noqa: E402
-from link_model import DELIVER_S, LATENCY_S, LOOK_S, Client  # noqa: E402
+from link_model import DELIVER_S, HELD_TRIPS, LATENCY_S, LOOK_S, Client  # noqa: E402
 from orders import today  # noqa: E402
 from replay import LEAST_WAIT_S, MAP_SHARE, MOUNT_S, START_TRIPS, Placed, Replay, Session  # noqa: E402
 
 RATE = 1_000_000
 SIZE = 100_000  # of a stretch: a tenth of a second
+LATE_S = (HELD_TRIPS - 1) * LATENCY_S  # what the held stream still takes of an answer's time
 
 
 def client(n=100, rate=RATE, hints=None, core=0):
@@ -36,7 +37,8 @@ class LinkModelTest(unittest.TestCase):
             link = client()
             link.advance(0.3)
             came = link.read(wanted, 1)
-            self.assertAlmostEqual(came, 1 + LOOK_S + LATENCY_S + len(wanted) * SIZE / RATE + DELIVER_S, msg=wanted)
+            cost = LATENCY_S + len(wanted) * SIZE / RATE + LATE_S
+            self.assertAlmostEqual(came, 1 + LOOK_S + cost + DELIVER_S, msg=wanted)
             self.assertEqual((link.n_requests, link.demanded), (len(wanted), len(wanted) * SIZE))
 
     def test_what_the_stream_brings_soon_is_left_to_it(self):
@@ -69,9 +71,10 @@ class LinkModelTest(unittest.TestCase):
         link.advance(1)
         taken = link.stream.taken
         came = link.read([50], 1)
-        # What was on its way when the answer began shares the link with it.
-        self.assertAlmostEqual(came, 1 + LOOK_S + LATENCY_S + SIZE / RATE + LATENCY_S + DELIVER_S)
-        during = RATE * (LOOK_S + LATENCY_S + LATENCY_S + DELIVER_S)
+        # What still comes after the answer has begun shares the link with it.
+        held_s = HELD_TRIPS * LATENCY_S
+        self.assertAlmostEqual(came, 1 + LOOK_S + LATENCY_S + SIZE / RATE + held_s + DELIVER_S)
+        during = RATE * (LOOK_S + LATENCY_S + held_s + DELIVER_S)
         self.assertAlmostEqual(link.stream.taken - taken, during)
         link.advance(link.now + 0.1)
         self.assertAlmostEqual(link.stream.taken - taken, during + 0.1 * RATE)
@@ -122,7 +125,7 @@ class ReplayTest(unittest.TestCase):
         result = Replay(session, Placed(order, [SIZE] * 10, 50), RATE).run()
         stream_from = START_TRIPS * LATENCY_S + 8 * 500 * MAP_SHARE / RATE
         mounted = stream_from + SIZE / RATE + MOUNT_S
-        wait = LOOK_S + LATENCY_S + SIZE / RATE + DELIVER_S
+        wait = LOOK_S + LATENCY_S + SIZE / RATE + LATE_S + DELIVER_S
         self.assertAlmostEqual(result.start_s, mounted + wait, places=2)
         self.assertAlmostEqual(result.ideal_s, 2 * SIZE / 50 / RATE + 2 * LATENCY_S)
         self.assertFalse([each for each in result.waits if each.seconds < LEAST_WAIT_S])

@@ -1,8 +1,8 @@
 """A model of `run --now`: how long a session waits for its blocks, while an image comes over a link in some order.
 
 One link carries everything. Requests under way share its rate, as connections do. What is fetched on demand goes first,
-then what comes along with it, then the ordered stream: a request that yields is held, and what is on its way, a round
-trip's worth, still comes and takes its share. The model has the client's rules and numbers:
+then what comes along with it, then the ordered stream: a request that yields is held, and what goes into the system's
+buffers still comes and takes its share. The model has the client's rules and numbers:
 
 - A read waits for the stream where that brings its stretch within a round trip, and else asks for the stretch. A
   request costs a round trip, then its bytes at the link's rate. What one read needs is asked for together.
@@ -26,6 +26,7 @@ BREAK_TRIPS, QUIET_TRIPS = 3, 10
 MIN_QUIET_S, MAX_QUIET_S, QUIET_BUDGET_S = 0.010, 0.250, 10.0
 MIN_IN_TRIP, TRIPS_TOGETHER, MAX_TOGETHER, FIRST_TOGETHER = 0.5, 4, 8, 4
 GROUP = 6  # stretches on demand on the wire together
+HELD_TRIPS = 2  # round trips' worth that a held connection takes; the client asks for one, and the system doubles it
 LOADERS = 4  # requests that nobody waits for
 PATIENCE_S = 0.100  # with a stream that doesn't move
 HASTENED_S = 0.100  # the stream goes before what comes along after somebody has waited for it
@@ -109,6 +110,7 @@ class Link:
 
     def __init__(self, sizes, rate, core=0):
         self.sizes, self.rate, self.trip_bytes, self.core = sizes, rate, rate * LATENCY_S, core
+        self.held_bytes = HELD_TRIPS * self.trip_bytes
         self.now = 0.0
         self.delivered = set()  # stretches that the drive has though the stream hasn't brought them
         self.kept = {}  # those that are kept for the stream, and whether somebody has asked for them
@@ -166,7 +168,7 @@ class Link:
         for request in self.requests:
             is_free = request.wanted is not None or not yields
             if is_free:
-                request.grace = self.trip_bytes
+                request.grace = self.held_bytes
             if request.answer_at > self.now:
                 limits.append(request.answer_at)
             elif is_free or request.grace >= 1:
@@ -178,7 +180,7 @@ class Link:
         stream = self.stream
         is_free = self.is_stream_free()
         if is_free:
-            stream.grace = self.trip_bytes
+            stream.grace = self.held_bytes
         if stream.is_complete():
             return False, 0
         if stream.stands_until > self.now:
