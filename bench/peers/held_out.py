@@ -40,9 +40,9 @@ sys.dont_write_bytecode = True
 sys.path.insert(0, str(Path(__file__).resolve().parent / "support"))
 import lab  # noqa: E402
 import orders  # noqa: E402
-from frames import Packer, estimate  # noqa: E402
+from frames import STRETCH, Packer, estimate  # noqa: E402
 from game import screen  # noqa: E402
-from hints import read_groups  # noqa: E402
+from hints import read_core, read_groups  # noqa: E402
 from link import Link  # noqa: E402
 from model_check import ModelCheck  # noqa: E402
 from product import Product  # noqa: E402
@@ -103,17 +103,20 @@ class Bench:
 
     def place(self, name, trained, number):
         """The image in the order of that name by these sessions."""
-        groups = None
+        groups, core = None, 0
         traces = [self.recordings.of[session].trace for session in trained]
         if name == OURS:
             index = self.folder / "index"
             self.product.tavrin("image", "order", self.image, *traces, index, "--quiet")
-            order, groups = read_map(index), read_groups(index)
+            order, groups, core = read_map(index), read_groups(index), read_core(index)
             shutil.rmtree(index)
         elif name == TODAY:
             merged = self.folder / "merged"
             self.product.tavrin("trace", "merge", merged, *traces, "--quiet")
             order = orders.today(self.map, self.n_front, merged)
+            # Its load profile asked for all that was read.
+            read = (block for session in trained for block in self.sessions[session].blocks)
+            core = max(order[block] for block in read) // STRETCH + 1
             shutil.rmtree(merged)
         elif name == RANDOM:
             order = orders.shuffled(self.map, self.n_front, f"{self.game.name} {number}")
@@ -122,7 +125,7 @@ class Bench:
             runs = [[raw for blocks, _ in run for raw in blocks] for run in reads]
             order = self.get_files().in_order(self.map, self.n_front, runs)
         sizes = self.packer.sizes(order) if self.weights is None else estimate(order, self.weights)
-        return Placed(order, sizes, self.n_front, self.weights, groups)
+        return Placed(order, sizes, self.n_front, self.weights, groups, core)
 
     def get_files(self):
         if not self.files:

@@ -2,6 +2,9 @@
 
 import struct
 
+from frames import STRETCH
+from traces import BLOCK, read_app
+
 MAGIC, DIGEST = b"ZHINTS01", 32
 MAX_TOGETHER, MIN_PERCENT = 4, 50
 FREE, FREE_FOR_EACH = 16, 2  # stretches that may be of no use, and more for each that was
@@ -68,3 +71,12 @@ def read_groups(folder):
         at += 2 * n_next
         groups.append((first, end, hot, list(zip(following[::2], following[1::2], strict=True))))
     return groups
+
+
+def read_core(folder):
+    """How many stretches are in the core of the order in a folder: those before the first group; without hints those
+    that the load profile asks for."""
+    if groups := read_groups(folder):
+        return groups[0][0]
+    profile = read_app(folder).get("loadprofile")
+    return -(-profile[-1]["size"] // (STRETCH * BLOCK)) if profile else 0

@@ -1,17 +1,17 @@
 """A model of `run --now`: how long a session waits for its blocks, while an image comes over a link in some order.
 
 One link carries everything. Requests under way share its rate, as connections do. What is fetched on demand goes first,
-then what comes along with it, then the ordered stream: a request that yields is held, and what is on its way, a round
-trip's worth, still comes and takes its share. The model has the client's rules and numbers:
+then what comes along with it, then the ordered stream: a request that yields is held, and what goes into the system's
+buffers still comes and takes its share. The model has the client's rules and numbers:
 
 - A read waits for the stream where that brings its stretch within a round trip, and else asks for the stretch. A
   request costs a round trip, then its bytes at the link's rate. What one read needs is asked for together.
 - Where a round trip carries half a stretch, further ones come with the one that is asked for, if one of the two before
   it is there, or such requests have been of use of late. Who goes through the image gets more before it is needed.
-  Once a request was held and goes on, the most come: what has waited in buffers looks like a faster link.
-- What hints name is asked for with a stretch that is missed, and yields to what somebody waits for.
+- What hints name is claimed with a stretch that is missed, and asked for when nobody waits, one request at a time, the
+  latest first. Whoever needs it before asks for it himself.
 - The stream is held while a request is under way, and for ten round trips after one on demand, 10 s in all. Whoever
-  waits for the stream ends the hold.
+  waits for the stream ends the hold. In the core of the order it is held only while an answer on demand comes.
 - The stream skips what has come otherwise where that costs less than to receive it again, and asks anew every 2 s.
 
 Times are seconds, sizes are bytes of the wire.
@@ -19,15 +19,19 @@ Times are seconds, sizes are bytes of the wire.
 
 from collections import deque
 
+INFINITE = float("inf")
 LATENCY_S = 0.020  # from a request to its answer
 SEGMENT_S, LEAST_SEGMENT = 2.0, 1 << 20  # of the stream, for each request
 BREAK_TRIPS, QUIET_TRIPS = 3, 10
 MIN_QUIET_S, MAX_QUIET_S, QUIET_BUDGET_S = 0.010, 0.250, 10.0
 MIN_IN_TRIP, TRIPS_TOGETHER, MAX_TOGETHER, FIRST_TOGETHER = 0.5, 4, 8, 4
 GROUP = 6  # stretches on demand on the wire together
+HELD_TRIPS = 2  # round trips' worth that a held connection takes; the client asks for one, and the system doubles it
+LOADERS = 4  # requests that nobody waits for
 PATIENCE_S = 0.100  # with a stream that doesn't move
 HASTENED_S = 0.100  # the stream goes before what comes along after somebody has waited for it
-MAX_UNUSED = (32 << 20) // 204800  # stretches that came along and that nobody has asked for
+STRETCH_BYTES = 204800  # decoded
+MAX_UNUSED = (32 << 20) // STRETCH_BYTES  # stretches that came along and that nobody has asked for
 # What the machine takes: to look at the drive (busy: soon after a fetch), to unpack and hand over a stretch, and from
 # the stream's arrival to the drive's cursor.
 LOOK_S, BUSY_LOOK_S, BUSY_FOR_S, DELIVER_S, CURSOR_S = 0.005, 0.001, 0.1, 0.005, 0.008
@@ -39,7 +43,7 @@ class Request:
     def __init__(self, parts, answer_at, wanted=None):
         self.parts = deque(parts)  # [stretch, bytes that are missing of it]
         self.answer_at, self.wanted = answer_at, wanted
-        self.grace, self.was_held = 0.0, False  # bytes that still come where it is held
+        self.grace = 0.0  # bytes that still come where it is held
 
 
 class Stream:
@@ -50,6 +54,7 @@ class Stream:
         self.next, self.left = 0, sizes[0]  # the stretch that comes next, and what is missing of it
         self.stands_until = self.grace = 0.0
         self.taken = self.twice = 0
+        self.usual = STRETCH_BYTES  # what a stretch takes of the wire, as the client takes it by those that have come
         self.begin_request()
 
     def begin_request(self):
@@ -70,6 +75,7 @@ class Stream:
     def finish_stretch(self, now):
         if self.kept.pop(self.next, None) is not None:
             self.twice += self.sizes[self.next]
+        self.usual = 0.9 * self.usual + 0.1 * self.sizes[self.next]
         self.next += 1
         self.skip_kept(now)
         if self.is_complete():
@@ -85,7 +91,7 @@ class Stream:
             while end in self.kept:
                 end += 1
             is_planned = self.next in self.planned
-            if not is_planned and sum(self.sizes[self.next : end]) <= BREAK_TRIPS * self.rate * LATENCY_S:
+            if not is_planned and (end - self.next) * self.usual <= BREAK_TRIPS * self.rate * LATENCY_S:
                 return
             for idx in range(self.next, end):
                 del self.kept[idx]
@@ -95,26 +101,21 @@ class Stream:
             self.begin_request()
 
     def reaches_soon(self, idx):
-        """Whether it brings the stretch within a round trip."""
-        missing = 0
-        for other in range(self.next, idx):
-            missing += self.left if other == self.next else self.sizes[other]
-            if missing > self.rate * LATENCY_S:
-                return False
-        return True
+        """Whether it brings the stretch within a round trip. It has come to where its last whole stretch ends."""
+        return (idx - self.next) * self.usual <= self.rate * LATENCY_S
 
 
 class Link:
-    """What is under way, and who has the link."""
+    """What is under way, and who has the link. The order's core ends before the stretch `core`."""
 
-    def __init__(self, sizes, rate):
-        self.sizes, self.rate, self.trip_bytes = sizes, rate, rate * LATENCY_S
+    def __init__(self, sizes, rate, core=0):
+        self.sizes, self.rate, self.trip_bytes, self.core = sizes, rate, rate * LATENCY_S, core
+        self.held_bytes = HELD_TRIPS * self.trip_bytes
         self.now = 0.0
         self.delivered = set()  # stretches that the drive has though the stream hasn't brought them
         self.kept = {}  # those that are kept for the stream, and whether somebody has asked for them
         self.stream = Stream(sizes, rate, self.kept)
         self.requests = []
-        self.is_overrated = False
         self.stream_moved = self.hastened_until = 0.0
         self.quiet_since = self.quiet_until = 0.0
         self.quiet_budget = QUIET_BUDGET_S
@@ -124,6 +125,7 @@ class Link:
         self.n_requests += 1
         parts = [[idx, self.sizes[idx]] for idx in stretches]
         self.requests.append(Request(parts, self.now + LATENCY_S, wanted))
+        return self.requests[-1]
 
     def find_request(self, idx):
         for request in self.requests:
@@ -150,10 +152,11 @@ class Link:
         share = min(min(most), (min(limits) - self.now) * self.rate / n)
         self.now += share * n / self.rate
         if stream_flows:
-            self.stream.grace -= share
+            self.stream.grace -= share if stream_limit < INFINITE else 0
             self.stream_moved = self.now
             self.stream.take(share, self.now)
-        for request, _ in flowing:
+        for request, room in flowing:
+            request.grace -= share if room < INFINITE else 0
             self.take(request, share)
 
     def find_flowing(self, until):
@@ -165,33 +168,34 @@ class Link:
         for request in self.requests:
             is_free = request.wanted is not None or not yields
             if is_free:
-                # What has waited in buffers comes at once, and the client takes that for the link's rate.
-                self.is_overrated |= request.was_held and request.grace < 1
-                request.grace, request.was_held = self.trip_bytes, False
-            request.was_held |= not is_free
+                request.grace = self.held_bytes
             if request.answer_at > self.now:
                 limits.append(request.answer_at)
             elif is_free or request.grace >= 1:
-                flowing.append((request, float("inf") if is_free else request.grace))
+                flowing.append((request, INFINITE if is_free else request.grace))
         limits += [at for at in (self.hastened_until, self.quiet_until) if at > self.now]
         return flowing, limits
 
     def look_at_stream(self, limits):
         stream = self.stream
-        is_demand = any(request.wanted is not None for request in self.requests)
-        is_hastened = self.now < self.hastened_until
-        is_free = not is_demand and (is_hastened or (not self.requests and self.now >= self.quiet_until))
+        is_free = self.is_stream_free()
         if is_free:
-            stream.grace = self.trip_bytes
+            stream.grace = self.held_bytes
         if stream.is_complete():
             return False, 0
         if stream.stands_until > self.now:
             limits.append(stream.stands_until)
             return False, 0
-        return is_free or stream.grace >= 1, float("inf") if is_free else stream.grace
+        return is_free or stream.grace >= 1, INFINITE if is_free else stream.grace
+
+    def is_stream_free(self):
+        demanded = [request for request in self.requests if request.wanted is not None]
+        if self.stream.next < self.core:
+            return all(request.answer_at > self.now for request in demanded)
+        is_hastened = self.now < self.hastened_until
+        return not demanded and (is_hastened or (not self.requests and self.now >= self.quiet_until))
 
     def take(self, request, n):
-        request.grace -= n
         part = request.parts[0]
         part[1] -= n
         if request.wanted is None:
@@ -226,18 +230,16 @@ class Link:
 class Client(Link):
     """The client at a link of `rate` bytes a second. `hints` of that order may be None."""
 
-    def __init__(self, sizes, rate, hints=None):
-        super().__init__(sizes, rate)
+    def __init__(self, sizes, rate, hints=None, core=0):
+        super().__init__(sizes, rate, core)
         self.hints = hints
         in_trip = self.trip_bytes / sum(sizes) * len(sizes)
-        self.at_rate = int(min(max(in_trip * TRIPS_TOGETHER, 2), MAX_TOGETHER)) if in_trip >= MIN_IN_TRIP else 1
+        # Stretches of a request.
+        self.together = int(min(max(in_trip * TRIPS_TOGETHER, 2), MAX_TOGETHER)) if in_trip >= MIN_IN_TRIP else 1
         self.tries = FIRST_TOGETHER
         self.fetched_at = -1.0
-
-    @property
-    def together(self):
-        """Stretches of a request."""
-        return int(MAX_TOGETHER) if self.is_overrated else self.at_rate
+        self.likely = []  # stretches of requests that are to begin once nobody waits
+        self.likely_request, self.is_awaited = None, False
 
     def is_there(self, idx):
         """For the drive."""
@@ -253,19 +255,19 @@ class Client(Link):
 
     # -- what comes along
 
-    def is_coming(self, idx):
-        return self.find_request(idx) is not None
+    def is_claimed(self, idx):
+        return self.find_request(idx) is not None or any(idx in stretches for stretches in self.likely)
 
     def is_gone_through(self, idx):
         return (idx >= 1 and self.has(idx - 1)) or (idx >= 2 and self.has(idx - 2))
 
     def following(self, first, n):
         """Up to `n` stretches from `first` on that may come along."""
-        n_coming = sum(len(request.parts) for request in self.requests)
-        room = MAX_UNUSED - n_coming - sum(not is_used for is_used in self.kept.values())
+        n_claimed = sum(len(request.parts) for request in self.requests) + sum(map(len, self.likely))
+        room = MAX_UNUSED - n_claimed - sum(not is_used for is_used in self.kept.values())
         found = []
         for idx in range(first, min(first + min(n, room), len(self.sizes))):
-            if self.has(idx) or self.is_coming(idx) or self.reaches_soon(idx):
+            if self.has(idx) or self.is_claimed(idx) or self.reaches_soon(idx):
                 break
             found.append(idx)
         return found
@@ -275,7 +277,7 @@ class Client(Link):
         if n < 2 or not self.is_gone_through(idx):
             return
         first = idx + 1
-        while first <= idx + n and first < len(self.sizes) and (self.is_coming(first) or self.has(first)):
+        while first <= idx + n and first < len(self.sizes) and (self.is_claimed(first) or self.has(first)):
             first += 1
         if first <= idx + 1 + n // 2 and (found := self.following(first, n)):
             self.ask(found)
@@ -292,15 +294,30 @@ class Client(Link):
         self.tries -= bool(is_try and found)
         return found
 
-    def ask_likely(self, likely):
+    def find_likely(self, wanted):
+        """What hints name that is neither there nor claimed."""
+        named = self.hints.find(wanted, self.stream.next) if self.hints else []
+        return [idx for idx in named if idx not in wanted and not self.has(idx) and not self.is_claimed(idx)]
+
+    def claim_likely(self, likely):
+        n = 0
         for idx in likely:
-            if not self.has(idx) and not self.is_coming(idx):
-                end = idx
-                while end in likely:
-                    end += 1
-                if found := self.following(idx, end - idx):
-                    self.ask(found)
-                    self.hints.begun.update(found)
+            if self.is_claimed(idx):
+                continue
+            end = idx
+            while end in likely:
+                end += 1
+            if found := self.following(idx, end - idx):
+                self.likely.insert(n, found)
+                n += 1
+        if likely:
+            self.hints.begun.update(idx for idx in likely if self.is_claimed(idx) or idx in self.kept)
+
+    def step(self, until):
+        is_one_coming = self.likely_request in self.requests
+        if self.likely and not self.is_awaited and not is_one_coming and len(self.requests) < LOADERS:
+            self.likely_request = self.ask(self.likely.pop(0))
+        super().step(until)
 
     # -- reads
 
@@ -323,38 +340,51 @@ class Client(Link):
             self.use_kept(kept)
             return
         self.ask_for(wanted)
-        awaited = [idx for idx in wanted if self.is_coming(idx)]
+        awaited = [idx for idx in wanted if self.is_claimed(idx)]
+        self.is_awaited = True
         if awaited:
             for idx in awaited:
-                request = self.find_request(idx)
-                # It goes first up to that one.
-                if request.wanted is None:
-                    request.wanted = idx
-            while all(self.is_coming(idx) and not self.is_there(idx) for idx in awaited):
+                self.hasten(idx)
+            while all(self.find_request(idx) and not self.is_there(idx) for idx in awaited):
                 self.step(self.now + PATIENCE_S)
-            self.after_fetch([idx for idx in awaited if not self.is_coming(idx)])
         else:
             self.hastened_until = self.now + HASTENED_S
             self.advance(self.now + 0.002)
+        self.is_awaited = False
+        if awaited:
+            self.after_fetch([idx for idx in awaited if not self.find_request(idx)])
+        else:
             self.advance(self.now + (CURSOR_S if self.is_there(wanted[0]) else 0))
 
+    def hasten(self, idx):
+        """Somebody waits for a claimed stretch: its request goes first up to that one."""
+        for stretches in self.likely:
+            if idx in stretches:
+                self.likely.remove(stretches)
+                self.ask(stretches, idx)
+                return
+        request = self.find_request(idx)
+        if request.wanted is None:
+            request.wanted = idx
+
     def ask_for(self, wanted):
-        """What isn't under way, nor left to the stream, is asked for, with what is likely."""
-        likely = self.hints.find(wanted, self.stream.next) if self.hints else []
-        apart = [idx for idx in wanted if not self.is_coming(idx) and not self.reaches_soon(idx)]
+        """What isn't under way, nor left to the stream, is asked for, and what is likely then is claimed."""
+        likely = self.find_likely(wanted)
+        apart = [idx for idx in wanted if not self.is_claimed(idx) and not self.reaches_soon(idx)]
         for idx in apart[:GROUP]:
-            if not self.is_coming(idx):
+            if not self.is_claimed(idx):
                 self.ask([idx, *self.come_along(idx, len(apart) > 1, likely)], idx)
-        self.ask_likely(likely)
+        self.claim_likely(likely)
 
     def use_kept(self, stretches):
         for idx in stretches:
             if not self.kept[idx]:
                 self.kept[idx] = True
-                self.tries = min(self.tries + 2, 2 * FIRST_TOGETHER)
+                # What was known beforehand says nothing for what is tried.
+                if not (self.hints and idx in self.hints.begun):
+                    self.tries = min(self.tries + 2, 2 * FIRST_TOGETHER)
             self.delivered.add(idx)
-        if self.hints:
-            self.ask_likely(self.hints.find(stretches, self.stream.next))
+        self.claim_likely(self.find_likely(stretches))
         self.after_fetch(stretches)
 
     def after_fetch(self, stretches):

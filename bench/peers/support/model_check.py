@@ -6,7 +6,7 @@ import signal
 import time
 
 import lab
-from hints import read_groups
+from hints import read_core, read_groups
 from link import LATENCY_MS, Server
 from product import APP
 from recorder import Player, Recording
@@ -47,7 +47,8 @@ class ModelCheck:
             # In front of the stretches' frames is one that says of which image they are.
             sizes = packed_sizes(self.served / "img.zqf.zst")[1:]
             n_front = app["disk"]["sizeMnt"] // BLOCK
-            placed = Placed(read_map(self.served), sizes, n_front, groups=read_groups(self.served))
+            groups, core = read_groups(self.served), read_core(self.served)
+            placed = Placed(read_map(self.served), sizes, n_front, groups=groups, core=core)
             model = Replay(session, placed, link.rate).run()
             seconds, report = self.run(recording.session, app, link)
             real = seconds - session.own_s

@@ -36,10 +36,11 @@ class Session:
 
 class Placed:
     """An image in an order (from RAW to ZqF blocks), with the packed bytes of its stretches. `weights` are packed bytes
-    of each RAW block; without them each block of a stretch has the same share of it. `n_front`: blocks of a mount."""
+    of each RAW block; without them each block of a stretch has the same share of it. `n_front`: blocks of a mount;
+    `core`: stretches in the core of the order."""
 
-    def __init__(self, order, sizes, n_front, weights=None, groups=None):
-        self.order, self.sizes, self.weights, self.groups = order, sizes, weights, groups
+    def __init__(self, order, sizes, n_front, weights=None, groups=None, core=0):
+        self.order, self.sizes, self.weights, self.groups, self.core = order, sizes, weights, groups, core
         self.n_mount = -(-n_front // STRETCH)
         self.map_bytes = 8 * len(order) * MAP_SHARE
         n = sum(zqf != NO_ENTRY for zqf in order)
@@ -82,7 +83,7 @@ class Replay:
     def __init__(self, session, placed, rate):
         self.session, self.placed, self.rate = session, placed, rate
         groups = placed.groups
-        self.client = Client(placed.sizes, rate, Hints(groups) if groups else None)
+        self.client = Client(placed.sizes, rate, Hints(groups) if groups else None, placed.core)
 
     def run(self):
         client, session = self.client, self.session
