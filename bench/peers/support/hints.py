@@ -17,7 +17,6 @@ class Hints:
         self.groups = groups
         self.group_of = {idx: number for number, group in enumerate(groups) for idx in range(group[0], group[1])}
         self.waited, self.begun, self.named = set(), set(), set()
-        self.n_taken = [0] * len(groups)
         self.n_used = 0
 
     def find(self, missing, position):
@@ -29,25 +28,23 @@ class Hints:
             self.n_used += idx in self.begun
             self.waited.add(idx)
             if idx in self.group_of:
-                come_to.append(self.group_of[idx])
+                come_to.append((self.group_of[idx], idx))
         n_unused = sum(1 for idx in self.begun if idx not in self.waited and idx >= position)
         if not come_to or n_unused >= FREE + FREE_FOR_EACH * self.n_used:
             return []
         likely = []
-        for group in come_to:
-            self.take(group, position, likely)
-        for group in come_to:
+        for group, idx in come_to:
+            hot = self.groups[group][2]
+            self.take(hot[hot.index(idx) + 1 :] if idx in hot else hot, position, likely)
+        for group, _ in come_to:
             for successor, percent in self.groups[group][3]:
                 if percent >= MIN_PERCENT:
-                    self.take(successor, position, likely)
+                    self.take(self.groups[successor][2], position, likely)
         return likely
 
-    def take(self, group, position, likely):
-        hot = self.groups[group][2]
-        while self.n_taken[group] < len(hot) and len(likely) < MAX_TOGETHER:
-            idx = hot[self.n_taken[group]]
-            self.n_taken[group] += 1
-            if idx >= position and idx not in self.named and idx not in self.waited:
+    def take(self, hot, position, likely):
+        for idx in hot[:MAX_TOGETHER]:
+            if len(likely) < MAX_TOGETHER and idx >= position and idx not in self.named and idx not in self.waited:
                 self.named.add(idx)
                 likely.append(idx)
 
