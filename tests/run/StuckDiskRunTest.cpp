@@ -121,6 +121,15 @@ protected:
         EXPECT_LT(SxClock::get().steadyNs() - beginNs, 10'000'000'000);
         EXPECT_TRUE(isRunning(service)) << "nothing was stuck";
     }
+    /// Sockets of the service.
+    size_t countConnections() const {
+        size_t n = 0;
+        for (const auto& entry : fs::directory_iterator("/proc/" + std::to_string(service) + "/fd")) {
+            std::error_code gone;
+            if (fs::read_symlink(entry.path(), gone).string().starts_with("socket:")) ++n;
+        }
+        return n;
+    }
     void expectKept() {
         EXPECT_TRUE(TempDir::readFile(mount(written, {"--mode", "rtw"}) + "/saved") == content);
         EXPECT_EQ(done({"umount", written}), "Unmounted\n");
@@ -155,10 +164,13 @@ TEST_F(EndOfStuckDisk, AMountThatHangsHoldsUpNoOtherDriveOfAServiceThatEndsAndLe
     write();
     const DeafClient deaf;
     hold(stuck + "/");
+    const size_t nBefore = countConnections();
     const auto first = start({"mount", stuck, "--quiet"});
     SxProcess second("bash", {"-c", "exec \"$0\" mount \"$1\" 2>\"$2\"", SxString(client), SxString(stuck),
                               SxString(dir.path("told"))});
     second.start();
+    // On a busy machine it takes seconds until both are there.
+    EXPECT_TRUE(eventually([&] { return countConnections() >= nBefore + 2; }));
     SxTime::msleep(500); // by then they should be held
     const int64 beginNs = SxClock::get().steadyNs();
     expectEnd();
