@@ -68,16 +68,20 @@ struct FileInfo {
 
 FileInfo findFiles(const ZqImageInfo& info, const SxString& folder) {
     FileInfo found;
-    try {
-        if (ZqFileTable::exists(folder)) {
+    if (ZqFileTable::exists(folder)) {
+        try {
             found.nFiles = ZqFileTable::read(folder, info.app.checksumMnt, info.nRaw).getNFiles();
-            return found;
+        } catch (const SxException& e) {
+            found.why = SxString(e.what()) + "; remove it, and image order makes another one";
         }
+        return found;
+    }
+    try {
         found.why = ZqDriveFiles::whyNot(folder, info);
         found.hasNeighbours = !found.why.isEmpty();
         if (!found.hasNeighbours) found.why = "there is no img.files yet, image order makes it";
     } catch (const SxException& e) {
-        found.why = SxString(e.what()) + "; remove it, and image order makes another one";
+        found.why = e.what();
     }
     return found;
 }

@@ -29,11 +29,7 @@ void appendOrder(SxParserKit::SxSymbol* result, const std::optional<ZqOrderBasis
         return;
     }
     SxParserKit::SxSymbol object = result->append("order", SxParserAst::Object);
-    object.append("runs", order->nRuns);
-    object.append("sessions", order->nSessions);
-    object.append("core", order->nCore);
-    object.append("tail", order->nTail);
-    object.append("groups", order->nGroups);
+    order->append(&object);
 }
 
 void tellLeft(const std::vector<ZqLeftTrace>& left, Output* out) {

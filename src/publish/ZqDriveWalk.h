@@ -38,6 +38,16 @@ public:
 protected:
     enum class Kind { File, Folder, Other };
 
+    // What the file systems that are known have in common, as Linux has it: modes of inodes, and types in
+    // folders.
+    static constexpr uint64 MODE_TYPE = 0xF000, MODE_DIR = 0x4000, MODE_FILE = 0x8000;
+    static Kind kindOf(uint64 type) {
+        return type == 1 ? Kind::File : type == 2 ? Kind::Folder : Kind::Other;
+    }
+    static uint64 number(const std::string& bytes, size_t at, size_t nBytes) {
+        return ZqDriveReader::number(bytes, at, nBytes);
+    }
+
     explicit ZqDriveWalk(ZqDriveReader* reader_) : reader(reader_) {}
 
     /// Calls add() for each name in a folder but "." and "..".

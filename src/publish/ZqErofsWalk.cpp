@@ -15,13 +15,7 @@ constexpr uint64 MAGIC = 0xE0F5E1E2;
 constexpr uint64 KNOWN_FEATURES = 0x7F;
 constexpr uint64 NID_UNIT = 32; ///< bytes that inode numbers count
 constexpr uint64 DIRENT = 12;   ///< bytes
-constexpr uint64 MODE_TYPE = 0xF000, MODE_DIR = 0x4000, MODE_FILE = 0x8000;
-constexpr uint64 TYPE_FILE = 1, TYPE_DIR = 2; ///< of an entry of a folder
 enum Layout : uint64 { Plain = 0, Inline = 2 };
-
-uint64 number(const std::string& bytes, size_t at, size_t nBytes) {
-    return ZqDriveReader::number(bytes, at, nBytes);
-}
 
 } // namespace
 
@@ -103,10 +97,6 @@ void ZqErofsWalk::listBlock(const std::string& block) {
         if (i + 1 == n) name = name.substr(0, name.find('\0'));
         if (name == "." || name == "..") continue;
         const uint64 type = number(block, i * DIRENT + 10, 1);
-        add(number(block, i * DIRENT, 8),
-            type == TYPE_FILE  ? Kind::File
-            : type == TYPE_DIR ? Kind::Folder
-                               : Kind::Other,
-            name);
+        add(number(block, i * DIRENT, 8), kindOf(type), name);
     }
 }

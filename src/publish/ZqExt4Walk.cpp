@@ -17,16 +17,10 @@ constexpr uint64 LOG_BLOCK = 2; ///< of 4096 bytes, as the superblock has it
 constexpr uint64 FEATURES = 0x2 | 0x40 | 0x200;
 constexpr uint64 DESCRIPTOR = 32; ///< bytes
 constexpr uint64 ROOT = 2;        ///< the root folder's inode number
-constexpr uint64 MODE_TYPE = 0xF000, MODE_DIR = 0x4000, MODE_FILE = 0x8000;
-constexpr uint64 TYPE_FILE = 1, TYPE_DIR = 2; ///< of an entry of a folder
-constexpr uint64 DIRENT = 8;                  ///< bytes in front of the name
-constexpr uint64 NODE = 12;                   ///< bytes of a node's header, and of each of its entries
+constexpr uint64 DIRENT = 8;      ///< bytes in front of the name
+constexpr uint64 NODE = 12;       ///< bytes of a node's header, and of each of its entries
 constexpr uint64 MAX_DEPTH = 5;
 constexpr uint64 MAX_WRITTEN = 32768; ///< blocks; what is above tells room without content
-
-uint64 number(const std::string& bytes, size_t at, size_t nBytes) {
-    return ZqDriveReader::number(bytes, at, nBytes);
-}
 
 } // namespace
 
@@ -127,6 +121,6 @@ void ZqExt4Walk::listBlock(const std::string& block) {
         at += length;
         if (inode == 0 || name == "." || name == "..") continue;
         named.push_back(inode);
-        add(inode, type == TYPE_FILE ? Kind::File : type == TYPE_DIR ? Kind::Folder : Kind::Other, name);
+        add(inode, kindOf(type), name);
     }
 }

@@ -3,9 +3,9 @@
 #include "ZqOrderHints.h"
 
 /// Which stretches of an image runs read together, as the groups of its hints. A stretch joins the group of
-/// the one before it where at least half of those who read one of the last few read it, too; so whatever a
-/// client announces of a group, it needs no more luck than that. A group's successors are those that the runs
-/// came to next. Not locked.
+/// the one before it where at least half of those who read one of the last few read it, too: so far does a
+/// client look that announces what follows a read. A group's successors are those that the runs came to next.
+/// Not locked.
 ///
 /// How likely something is after n runs, of which k did it, is counted as k of n + 1: one run alone proves
 /// little. With k of n, and with k + 1/2 of n + 1, an untraced session of one of the games of the benchmark
@@ -20,7 +20,7 @@ public:
     std::vector<ZqOrderHints::Group> make() const;
 
 private:
-    static constexpr size_t REACH = 4; ///< stretches that a client announces at most
+    static constexpr size_t REACH = ZqOrderHints::MAX_TOGETHER;
     /// What the runs' ways may take in memory, in stretches: beyond that successors come from the first runs
     /// alone.
     static constexpr size_t MAX_WAYS = 16 << 20;

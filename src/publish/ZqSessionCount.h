@@ -16,7 +16,7 @@ public:
     uint64 get() const { return sessions.size(); }
 
 private:
-    using Signature = std::array<uint32, 40>;
+    using Signature = std::array<uint64, 40>;
 
     std::vector<Signature> sessions; ///< the first run of each
 };

@@ -29,6 +29,9 @@ public:
     };
 
     static constexpr size_t MAX_NEXT = 3;
+    /// Stretches that a client announces at most with those that reads wait for: of a group the hot ones that
+    /// follow the one that is read.
+    static constexpr int64 MAX_TOGETHER = 4;
     /// Bytes of the file at most.
     static constexpr int64 MAX_SIZE = 2'000'000;
 

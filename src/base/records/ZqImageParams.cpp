@@ -25,11 +25,7 @@ ZqOrderBasis readOrder(const SxSymbol& from) {
 
 void append(SxSymbol* root, const ZqOrderBasis& order) {
     SxSymbol to = root->append("order", SxParserAst::Object);
-    to.append("runs", order.nRuns);
-    to.append("sessions", order.nSessions);
-    to.append("core", order.nCore);
-    to.append("tail", order.nTail);
-    to.append("groups", order.nGroups);
+    order.append(&to);
     ZqRecordFile::append(&to, "median", order.median);
 }
 } // namespace

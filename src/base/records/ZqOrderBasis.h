@@ -1,6 +1,7 @@
 #pragma once
 
 #include "SxList.h"
+#include "SxSymbol.h"
 #include "ZqLoadProfilePoint.h"
 
 /// What the order of an image's blocks rests on. A plain value.
@@ -12,6 +13,9 @@ struct ZqOrderBasis {
     uint64 nGroups = 0;   ///< groups of stretches that runs read together
     /// The median of the runs' load profiles; that of app.json is the worst of them.
     SxList<ZqLoadProfilePoint> median;
+
+    /// Adds the numbers to a JSON object, as img.json and clients show them; not the median.
+    void append(SxParserKit::SxSymbol* to) const;
 
     bool operator==(const ZqOrderBasis&) const = default;
 };

@@ -186,6 +186,7 @@ void ZqOnDemandFetcher::beginFetches(const Work& work) {
             lengths.append(length);
         }
     }
+    if (group.getSize() == 0) return;
     const SxArray<uint64> likely = hints.findLikely(group, work.pass.nCurrent);
     // All are on the wire together, so that the round trip is paid once.
     if ((group.getSize() > 1 || likely.getSize() > 0) && !isStopped)

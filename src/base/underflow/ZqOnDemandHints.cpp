@@ -68,8 +68,8 @@ bool ZqOnDemandHints::isInVain(uint64 nCurrent) {
 /// Those that follow each other there: what lies further away is likely only once these are read.
 void ZqOnDemandHints::take(const ZqOrderHints::Group& group, size_t from, uint64 nCurrent,
                            SxArray<uint64>* likely) {
-    const size_t end = std::min(group.hot.size(), from + size_t{MAX_TOGETHER});
-    for (size_t at = from; at < end && likely->getSize() < MAX_TOGETHER; ++at) {
+    const size_t end = std::min(group.hot.size(), from + size_t{ZqOrderHints::MAX_TOGETHER});
+    for (size_t at = from; at < end && likely->getSize() < ZqOrderHints::MAX_TOGETHER; ++at) {
         const uint64 idx = group.hot[at];
         if (idx * STRETCH >= nCurrent && states.try_emplace(idx, Named).second) likely->append(idx * STRETCH);
     }

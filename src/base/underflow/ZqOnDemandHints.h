@@ -12,8 +12,6 @@
 /// all else belongs to the job's. Offsets are bytes of `img.zqf`, each that of a stretch.
 class ZqOnDemandHints {
 public:
-    /// Stretches that are fetched so beside those that reads wait for, at most.
-    static constexpr int64 MAX_TOGETHER = 4;
     /// A group that is less likely to come next isn't prepared for.
     static constexpr uint32 MIN_PERCENT = 50;
 
