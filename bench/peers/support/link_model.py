@@ -24,7 +24,7 @@ LATENCY_S = 0.020  # from a request to its answer
 SEGMENT_S, LEAST_SEGMENT = 2.0, 1 << 20  # of the stream, for each request
 BREAK_TRIPS, QUIET_TRIPS = 3, 10
 MIN_QUIET_S, MAX_QUIET_S, QUIET_BUDGET_S = 0.010, 0.250, 10.0
-MIN_IN_TRIP, TRIPS_TOGETHER, MAX_TOGETHER, FIRST_TOGETHER = 0.5, 4, 8, 4
+MIN_IN_TRIP, TRIPS_FIRST, TRIPS_TOGETHER, MAX_FOLLOWING, FIRST_TOGETHER = 0.5, 1, 3, 7, 4
 GROUP = 6  # stretches on demand on the wire together
 HELD_TRIPS = 2  # round trips' worth that a held connection takes; the client asks for one, and the system doubles it
 LOADERS = 4  # requests that nobody waits for
@@ -233,9 +233,7 @@ class Client(Link):
     def __init__(self, sizes, rate, hints=None, core=0):
         super().__init__(sizes, rate, core)
         self.hints = hints
-        in_trip = self.trip_bytes / sum(sizes) * len(sizes)
-        # Stretches of a request.
-        self.together = int(min(max(in_trip * TRIPS_TOGETHER, 2), MAX_TOGETHER)) if in_trip >= MIN_IN_TRIP else 1
+        self.always = 1 if self.trip_bytes / sum(sizes) * len(sizes) >= MIN_IN_TRIP else 0
         self.tries = FIRST_TOGETHER
         self.fetched_at = -1.0
         self.likely = []  # stretches of requests that are to begin once nobody waits
@@ -272,9 +270,19 @@ class Client(Link):
             found.append(idx)
         return found
 
+    def count_following(self, first):
+        """Stretches from there on that leave the link no round trip idle; none where they would hold up others."""
+        n = taken = 0
+        while n < MAX_FOLLOWING and first + n < len(self.sizes):
+            taken += self.sizes[first + n]
+            if taken > (TRIPS_TOGETHER if n else TRIPS_FIRST) * self.trip_bytes:
+                break
+            n += 1
+        return max(n, self.always)
+
     def follow(self, idx):
-        n = self.together
-        if n < 2 or not self.is_gone_through(idx):
+        n = self.count_following(idx + 1)
+        if n < 1 or not self.is_gone_through(idx):
             return
         first = idx + 1
         while first <= idx + n and first < len(self.sizes) and (self.is_claimed(first) or self.has(first)):
@@ -287,7 +295,7 @@ class Client(Link):
         n_likely = 0
         while idx + 1 + n_likely in likely:
             n_likely += 1
-        n = 0 if is_alone else self.together - 1
+        n = 0 if is_alone else self.count_following(idx + 1)
         is_sure = self.is_gone_through(idx)
         is_try = n > 0 and not is_sure and not likely and self.tries > 0
         found = self.following(idx + 1, max(n, n_likely) if is_sure or is_try else n_likely)

@@ -232,12 +232,12 @@ ZqImageRanges::Fetch ZqImageRanges::makeFetch(uint64 stretchIdx, bool isAwaited)
 ZqImageRanges::Fetch ZqImageRanges::beginDemand(uint64 stretchIdx, bool isAlone,
                                                 const std::set<uint64>& likely) {
     Fetch fetch = makeFetch(stretchIdx, true);
-    const uint64 n = isAlone ? 1 : countTogether();
+    const uint64 n = isAlone ? 0 : countFollowing(stretchIdx + 1);
     const bool isSure = isGoneThrough(stretchIdx);
     // Where it is known what comes next, nothing is tried.
     const bool isTry = !isSure && likely.empty() && ahead.mayTry();
     const uint64 nSure = countRun(likely, stretchIdx + 1);
-    claimFollowing(fetch.getPtr(), isSure || isTry ? std::max(n - 1, nSure) : nSure);
+    claimFollowing(fetch.getPtr(), isSure || isTry ? std::max(n, nSure) : nSure);
     if (isTry && fetch->hasClaims()) ahead.noteTry();
     fetch->begin(ZqTransfer::Kind::OnDemand);
     return fetch;
@@ -249,8 +249,8 @@ ZqImageRanges::Fetch ZqImageRanges::makeLikely(uint64 stretchIdx, const std::set
     return fetch->hasClaims() ? fetch : nullptr;
 }
 
-uint64 ZqImageRanges::countTogether() const {
-    return ahead.countTogether(forms->getChoice().getTable());
+uint64 ZqImageRanges::countFollowing(uint64 firstIdx) const {
+    return ahead.countFollowing(firstIdx, forms->getChoice().getTable());
 }
 
 bool ZqImageRanges::isGoneThrough(uint64 stretchIdx) const {
@@ -262,8 +262,8 @@ bool ZqImageRanges::isThere(uint64 stretchIdx) const {
 }
 
 void ZqImageRanges::follow(uint64 stretchIdx) {
-    const uint64 n = countTogether();
-    if (n < 2 || !isGoneThrough(stretchIdx)) return;
+    const uint64 n = countFollowing(stretchIdx + 1);
+    if (n == 0 || !isGoneThrough(stretchIdx)) return;
     uint64 first = stretchIdx + 1;
     while (first <= stretchIdx + n && (claims.find(first) || isThere(first)))
         ++first;

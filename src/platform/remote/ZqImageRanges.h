@@ -43,7 +43,7 @@ private:
     Bytes getStretch(uint64 stretchIdx, const ZqStopTest& stop);
     Bytes find(uint64 stretchIdx);
     Bytes awaitStream(uint64 stretchIdx, const ZqStopTest& stop);
-    uint64 countTogether() const;
+    uint64 countFollowing(uint64 firstIdx) const;
     /// Requests a stretch that somebody waits for, and with it those that follow, where that pays. `likely`:
     /// what somebody may ask for soon, if that is known.
     Fetch beginDemand(uint64 stretchIdx, bool isAlone, const std::set<uint64>& likely = {});

@@ -1,21 +1,27 @@
 #include "ZqReadAhead.h"
 
 namespace {
-/// Stretches are fetched together where a round trip carries so much of one: so many round trips' worth, and
-/// never more than the last.
-constexpr double MIN_IN_TRIP = 0.5, TRIPS_TOGETHER = 4., MAX_TOGETHER = 8.;
+/// Those that follow come along as far as so many round trips carry them, and the first one only where a
+/// single one carries it. Where one carries so much of a usual stretch, the first one comes in any case.
+constexpr double TRIPS_TOGETHER = 3., TRIPS_FIRST = 1., MIN_IN_TRIP = 0.5;
+constexpr uint64 MAX_FOLLOWING = 7;
 } // namespace
 
-uint64 ZqReadAhead::countTogether(const SxPtr<ZqSeekTable>& table) const {
-    if (layout.count() == 0) return 1;
+uint64 ZqReadAhead::countFollowing(uint64 firstIdx, const SxPtr<ZqSeekTable>& table) const {
     const double trip = link->getFigures().tripBytes;
-    const uint64 lastIdx = layout.count() - 1;
-    const double nWire =
-        table ? static_cast<double>(table->getFrame(lastIdx).offset + table->getFrame(lastIdx).size)
-              : static_cast<double>(layout.getSizeZqf());
-    const double inTrip = trip / nWire * static_cast<double>(lastIdx + 1);
-    if (inTrip < MIN_IN_TRIP) return 1;
-    return static_cast<uint64>(std::clamp(inTrip * TRIPS_TOGETHER, 2., MAX_TOGETHER));
+    const uint64 end = layout.count();
+    if (firstIdx >= end) return 0;
+    double sum = 0.;
+    uint64 n = 0;
+    for (; n < MAX_FOLLOWING && firstIdx + n < end; ++n) {
+        const uint64 idx = firstIdx + n;
+        sum += static_cast<double>(table ? table->getFrame(idx).size : layout.sizeOf(idx));
+        if (sum > (n == 0 ? TRIPS_FIRST : TRIPS_TOGETHER) * trip) break;
+    }
+    if (n > 0) return n;
+    const uint64 nWire =
+        table ? table->getFrame(end - 1).offset + table->getFrame(end - 1).size : layout.getSizeZqf();
+    return trip / static_cast<double>(nWire) * static_cast<double>(end) >= MIN_IN_TRIP ? 1 : 0;
 }
 
 bool ZqReadAhead::mayTry() const {

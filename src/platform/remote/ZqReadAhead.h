@@ -23,9 +23,11 @@ public:
         : link(link_),
           layout(layout_) {}
 
-    /// Stretches of one request that leave the link no round trip idle; 1 where they would hold up others.
-    /// `table` is that of the packed form where that is in use.
-    uint64 countTogether(const SxPtr<ZqSeekTable>& table) const;
+    /// Stretches from `firstIdx` on that come with one that somebody needs: as many as leave the link no
+    /// round trip idle, none where they would hold up others. Where stretches pack well, as level files do
+    /// that a game looks through one by one, they are several. `table` is that of the packed form where that
+    /// is in use.
+    uint64 countFollowing(uint64 firstIdx, const SxPtr<ZqSeekTable>& table) const;
     /// Whether what came with others has been of use of late, for somebody who may read on or not.
     bool mayTry() const;
     /// One more request of several stretches is made for such.

@@ -378,6 +378,23 @@ TEST_F(RemoteImage, whatFollowsComesWithTheSameRequest) {
     expectRight(26);
 }
 
+TEST_F(RemoteImage, onlyLittleComesAlongOnASlowLink) {
+    // What the frames of these take of the wire is next to nothing.
+    std::string image = zqf;
+    std::fill(image.begin() + 16 * STRETCH, image.begin() + 24 * STRETCH, 'y');
+    dir.write("img.zqf", image);
+    dir.write("img.zqf.zst", PackedImage(image, true).bytes());
+    server.setRate(1'000'000);
+    server.setLatency(20);
+    const ImagePtr remote = open();
+    awaitTable(*remote);
+    for (const uint64 idx : {1U, 3U, 17U, 19U, 26U, 27U})
+        ASSERT_TRUE(readsRight(*remote, image, idx)) << idx;
+    ASSERT_TRUE(SxWait::pass(5000, [&] { return remote->getFigures().nAhead >= 6 * STRETCH; }));
+    EXPECT_EQ(remote->getFigures().nOnDemand, 5 * STRETCH) << "19 came with 17, and nothing with the others";
+    EXPECT_EQ(remote->getFigures().nAhead, 6 * STRETCH);
+}
+
 TEST_F(RemoteImage, neighboursInAGroupAreFetchedOnce) {
     server.setRate(12'500'000);
     server.setLatency(60);
