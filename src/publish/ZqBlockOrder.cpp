@@ -61,7 +61,7 @@ size_t moveCore(const ZqReadChance& chance, const ZqBlockUse& use, std::span<uin
 } // namespace
 
 ZqBlockOrder::ZqBlockOrder(const ZqOrderImage& image, const SxList<SxString>& traces,
-                           const ZqOrderRuns::StopTest& isStopped)
+                           const ZqOrderRuns::Pace& pace)
     : placed(image.included),
       nRaw(image.getNRaw()) {
     placed.flip();
@@ -77,14 +77,13 @@ ZqBlockOrder::ZqBlockOrder(const ZqOrderImage& image, const SxList<SxString>& tr
     ZqOrderRuns runs(traces, image);
     {
         ZqBlockUse use(nRaw);
-        runs.read([&](size_t number, const ZqOrderRuns::Blocks& blocks) { use.add(number, blocks); },
-                  isStopped);
+        runs.read([&](size_t number, const ZqOrderRuns::Blocks& blocks) { use.add(number, blocks); }, pace);
         placeRead(image, use);
         placeUnread(image, use);
         placeRest(image);
     }
     left = runs.getLeft();
-    judge(runs, isStopped);
+    judge(runs, pace);
 }
 
 void ZqBlockOrder::place(uint64 rawIdx) {
@@ -158,23 +157,23 @@ SxArray<uint64> ZqBlockOrder::makeMap() const {
     return map;
 }
 
-void ZqBlockOrder::judge(const ZqOrderRuns& runs, const ZqOrderRuns::StopTest& isStopped) {
+void ZqBlockOrder::judge(const ZqOrderRuns& runs, const ZqOrderRuns::Pace& pace) {
     const SxArray<uint64> map = makeMap();
     const auto nBlocks = static_cast<uint64>(order.getSize());
     ZqOrderProfiles profiles(nFront, nFront + nCore, nBlocks);
     ZqOrderGroups together((nBlocks + PER_STRETCH - 1) / PER_STRETCH);
     ZqSessionCount sessions;
     for (size_t number = 0; number < runs.getN(); ++number) {
-        if (isStopped()) throw SxException(SxException::STOPPED, "Stopped", UNIT, __LINE__);
         // The application's start is its first read of content: a trace begins with the mount, which may be
         // long before.
         std::optional<int64> start;
-        runs.walk(number, [&](const ZqTraceItem& item) {
+        const auto look = [&](const ZqTraceItem& item) {
             const uint64 zqfIdx = item.block < nRaw ? map(static_cast<int64>(item.block)) : ZqImage::NO_ENTRY;
             if (zqfIdx == ZqImage::NO_ENTRY) return;
             if (zqfIdx >= nFront && !start) start = static_cast<int64>(item.time);
             profiles.add(zqfIdx, start ? static_cast<int64>(item.time) - *start : 0);
-        });
+        };
+        runs.walk(number, look, pace);
         const std::vector<uint32> stretches = profiles.endRun();
         together.add(stretches);
         sessions.add(stretches);

@@ -33,9 +33,8 @@ class ZqBlockUse;
 class ZqBlockOrder {
 public:
     /// Reads the trace folders `traces`. Those that can't serve are left out; raises where none is left. No
-    /// traces at all give the disk's own order. `isStopped` is asked now and then; raises where it tells so.
-    ZqBlockOrder(const ZqOrderImage& image, const SxList<SxString>& traces,
-                 const ZqOrderRuns::StopTest& isStopped);
+    /// traces at all give the disk's own order. Raises what `pace` raises.
+    ZqBlockOrder(const ZqOrderImage& image, const SxList<SxString>& traces, const ZqOrderRuns::Pace& pace);
 
     /// RAW indices by ZqF index, without a gap.
     const SxArray<uint64>& getOrder() const { return order; }
@@ -67,7 +66,7 @@ private:
     void placeRest(const ZqOrderImage& image);
     void place(uint64 rawIdx);
     /// Follows the runs through the order.
-    void judge(const ZqOrderRuns& runs, const ZqOrderRuns::StopTest& isStopped);
+    void judge(const ZqOrderRuns& runs, const ZqOrderRuns::Pace& pace);
 
     std::vector<bool> placed; ///< by RAW index; blocks that aren't included count as placed
     uint64 nRaw = 0;

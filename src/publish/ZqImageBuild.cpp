@@ -111,7 +111,10 @@ public:
                 if (kinds[rawIdx] == kind && image.included[rawIdx]) image.front.append(rawIdx);
             }
         }
-        ZqBlockOrder order(image, traces, [this] { return job->stopRequested(); });
+        ZqBlockOrder order(image, traces, [this](uint64 nBytes) {
+            refuseStop();
+            job->addNCurrent(nBytes);
+        });
         cutInOrder(order.getOrder());
         nAhead = order.getNFront();
         nZqf = static_cast<uint64>(order.getOrder().getSize());
@@ -124,6 +127,10 @@ public:
     SxString rawDigest, zqfDigest;
 
 private:
+    void refuseStop() const {
+        if (job->stopRequested()) throw SxException(SxException::STOPPED, "Stopped", UNIT, __LINE__);
+    }
+
     void cutAhead(ZqBlockKind kind) {
         const auto n = static_cast<int64>(kinds.size());
         SxArray<char> buffer(MAX_RUN * BLOCK);
@@ -191,7 +198,7 @@ private:
     bool isOf(ZqBlockKind kind, int64 rawIdx) const { return kinds[static_cast<size_t>(rawIdx)] == kind; }
 
     void readAt(int64 rawIdx, char* bytes, int64 count) {
-        if (job->stopRequested()) throw SxException(SxException::STOPPED, "Stopped", UNIT, __LINE__);
+        refuseStop();
         raw.seek(rawIdx * BLOCK);
         if (raw.readBuffer(bytes, count * BLOCK) != count * BLOCK) {
             throw SxException(SxFileIO::fileReadErr(raw.getFilePath()), UNIT, __LINE__);
@@ -379,7 +386,8 @@ void ZqImageBuild::build(const ZqSourceTree& tree, const ZqDriveMaker& maker, co
     }
     nRaw = drive.kinds.size();
     // An order takes a second pass; see runByTraces().
-    setNTotal(getNCurrent() + nRaw * static_cast<uint64>(BLOCK) * (options.traces.isEmpty() ? 1 : 2));
+    const uint64 nPasses = options.traces.isEmpty() ? 1 : 2;
+    setNTotal(getNCurrent() + nPasses * nRaw * uint64{BLOCK} + ZqOrderRuns::countBytes(options.traces));
     Cutter cutter(raw, folder, drive.kinds, this);
     ZqAppParams app = record;
     std::optional<ZqBlockOrder> order;

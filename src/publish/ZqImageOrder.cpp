@@ -72,13 +72,16 @@ void ZqImageOrder::main() {
     nRaw = info.nRaw;
     nIncluded = info.nIncluded;
     const bool isWhole = info.state == ZqImageInfo::Complete && !info.storage.joining;
+    setNTotal(ZqOrderRuns::countBytes(traces) + (isWhole ? info.sizeComplete + nIncluded * BLOCK : 0));
     if (isWhole) {
-        setNTotal(info.sizeComplete + nIncluded * BLOCK);
         // Before the files are looked for: of a damaged image, or one that programs have written into, they
         // aren't those of its build.
         if (!app.checksumZqf.isEmpty()) checkDigest();
     }
-    const ZqBlockOrder order(describe(info, oldMap), traces, [this] { return stopRequested(); });
+    const ZqBlockOrder order(describe(info, oldMap), traces, [this](uint64 nBytes) {
+        refuseStop();
+        addNCurrent(nBytes);
+    });
     nFront = order.getNFront();
     nCore = order.getNCore();
     nTail = order.getNTail();

@@ -17,6 +17,29 @@ namespace {
 
 constexpr const char* UNIT = "src/publish/ZqOrderRuns";
 
+/// Records of a trace from one call of a pace to the next.
+constexpr int64 PER_CALL = 65536;
+
+/// Tells a pace of a trace that is read.
+class Steps {
+public:
+    Steps(const ZqTraceRecords::Reader& reader_, const ZqOrderRuns::Pace& pace_)
+        : reader(reader_),
+          pace(pace_) {}
+    void look() {
+        if (reader.getN() - nTold >= PER_CALL) tell();
+    }
+    void tell() {
+        pace(static_cast<uint64>((reader.getN() - nTold) * ZqTraceFormat::SIZE));
+        nTold = reader.getN();
+    }
+
+private:
+    const ZqTraceRecords::Reader& reader;
+    const ZqOrderRuns::Pace& pace;
+    int64 nTold = 0;
+};
+
 SxString joinedCause(const SxException& e) {
     return "can't be read: " + e.toString(SxException::ShowMessage, ": ");
 }
@@ -61,12 +84,11 @@ void ZqOrderRuns::addRun(const SxString& trace) {
 }
 
 void ZqOrderRuns::read(const std::function<void(size_t number, const Blocks& blocks)>& show,
-                       const StopTest& isStopped) {
+                       const Pace& pace) {
     std::vector<Run> fit;
     Blocks blocks;
     for (Run& run : runs) {
-        if (isStopped()) throw SxException(SxException::STOPPED, "Stopped", UNIT, __LINE__);
-        SxString why = readRun(&run, &blocks);
+        SxString why = readRun(&run, &blocks, pace);
         // Not before they are read: of two records that state the same one may lie.
         if (why.isEmpty() && !fit.empty() && fit.back().digest == run.digest &&
             fit.back().record.time0 == run.record.time0) {
@@ -87,7 +109,7 @@ void ZqOrderRuns::read(const std::function<void(size_t number, const Blocks& blo
     if (runs.empty()) refuse();
 }
 
-SxString ZqOrderRuns::readRun(Run* run, Blocks* blocks) {
+SxString ZqOrderRuns::readRun(Run* run, Blocks* blocks, const Pace& pace) {
     const SxString file = run->path + ZqTraceFiles::ITEMS;
     blocks->clear();
     // What a mount reads counts as seen, so that a run begins with its first read of content.
@@ -103,7 +125,8 @@ SxString ZqOrderRuns::readRun(Run* run, Blocks* blocks) {
         ZqTraceRecords::Found found;
         std::optional<uint64> beyond;
         bool isNamed = false;
-        for (ZqTraceItem item; reader.next(&item);) {
+        Steps steps(reader, pace);
+        for (ZqTraceItem item; reader.next(&item); steps.look()) {
             found.hasHoles = found.hasHoles || ZqTraceFormat::isHole(item);
             if (item.block >= image.getNRaw()) {
                 if (!beyond) beyond = item.block;
@@ -114,6 +137,7 @@ SxString ZqOrderRuns::readRun(Run* run, Blocks* blocks) {
             seen[item.block] = true;
             blocks->push_back(item.block);
         }
+        steps.tell();
         digest.finish();
         found.size = reader.getN() * ZqTraceFormat::SIZE;
         found.digest = digest.toString();
@@ -130,16 +154,29 @@ SxString ZqOrderRuns::readRun(Run* run, Blocks* blocks) {
         if (reader.getN() == 0) return "is empty";
         return isNamed ? SxString() : "names no block that '" + image.name + "' includes";
     } catch (const SxException& e) {
+        if (e.hasTag(SxException::STOPPED)) throw;
         return joinedCause(e);
     }
 }
 
-void ZqOrderRuns::walk(size_t number, const std::function<void(const ZqTraceItem& item)>& look) const {
+void ZqOrderRuns::walk(size_t number, const std::function<void(const ZqTraceItem& item)>& look,
+                       const Pace& pace) const {
     const Run& run = runs.at(number);
     ZqTraceRecords::Reader reader(run.path);
-    for (ZqTraceItem item; reader.next(&item);)
+    Steps steps(reader, pace);
+    for (ZqTraceItem item; reader.next(&item); steps.look())
         look(item);
+    steps.tell();
     run.files->require();
+}
+
+uint64 ZqOrderRuns::countBytes(const SxList<SxString>& traces) {
+    uint64 n = 0;
+    for (const SxString& trace : traces) {
+        const SxFileInfo items(ZqSysEnv::unifySlashes(ZqImageFolder::prefix(trace)) + ZqTraceFiles::ITEMS);
+        if (items.isFile()) n += 2 * static_cast<uint64>(items.getSize());
+    }
+    return n;
 }
 
 void ZqOrderRuns::refuse() const {

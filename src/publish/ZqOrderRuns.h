@@ -18,8 +18,8 @@ class ZqOrderRuns {
 public:
     /// RAW indices of content that a run has read, each once, in the order of first reads.
     using Blocks = std::vector<uint64>;
-    /// Asked now and then whether to stop.
-    using StopTest = std::function<bool()>;
+    /// Told now and then of bytes of the traces that have been read; raises where the job is to stop.
+    using Pace = std::function<void(uint64 nBytes)>;
 
     /// No more runs than that are counted for one block.
     static constexpr size_t MAX_RUNS = 65535;
@@ -28,12 +28,15 @@ public:
     ZqOrderRuns(const SxList<SxString>& traces, const ZqOrderImage& image);
 
     /// Reads all runs, one after the other, each from front to back, and shows each that can serve: its
-    /// number among these, counted from 0, and its blocks. Raises where none can, with the reasons, and where
-    /// it is to stop.
-    void read(const std::function<void(size_t number, const Blocks& blocks)>& show,
-              const StopTest& isStopped);
-    /// After that: shows all items of the run of that number again. Raises where the trace has changed.
-    void walk(size_t number, const std::function<void(const ZqTraceItem& item)>& look) const;
+    /// number among these, counted from 0, and its blocks. Raises where none can, with the reasons, and what
+    /// `pace` raises.
+    void read(const std::function<void(size_t number, const Blocks& blocks)>& show, const Pace& pace);
+    /// After that: shows all items of the run of that number again. Raises where the trace has changed, and
+    /// what `pace` raises.
+    void walk(size_t number, const std::function<void(const ZqTraceItem& item)>& look,
+              const Pace& pace) const;
+    /// Bytes that `read()` and `walk()` for each run take together, where all of these traces can serve.
+    static uint64 countBytes(const SxList<SxString>& traces);
 
     /// Runs that can serve; before read() those that may.
     size_t getN() const { return runs.size(); }
@@ -51,7 +54,7 @@ private:
 
     void addRun(const SxString& trace);
     /// Why the run can't serve; empty where it can. Its blocks go to `blocks`.
-    SxString readRun(Run* run, Blocks* blocks);
+    SxString readRun(Run* run, Blocks* blocks, const Pace& pace);
     [[noreturn]] void refuse() const;
 
     const ZqOrderImage& image;
