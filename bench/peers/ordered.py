@@ -4,11 +4,12 @@ first access, and the ideal.
 
     bench/peers/ordered.py [--rounds N] [--link MBIT...] [--games NAME...] [--only NAME] [--build DIR] [--dir DIR]
 
-A session of a game is played from a mounted image three times and traced; `trace merge` and `image build --order` make
-the ordered image of that, and `image pack` its packed form. Then that session, and another one that no trace has, are
-started by `run --url --now`, as stream.py does it: a server whose rate all connections share, warm programs and served
-files, the game's own start-up subtracted. The same sessions are started from a squashfs whose files are sorted by their
-first access in the traced session (`mksquashfs -sort`), which rclone or nbdkit shows.
+A session of a game is played from a mounted image three times and traced; `image build --order` makes the ordered image
+of these runs, and `image pack` its packed form. Then that session, and another one that no trace has, are started by
+`run --url --now`, as stream.py does it: a server whose rate all connections share, warm programs and served files, the
+game's own start-up subtracted. The other one is also started from an image whose order is of three further sessions,
+each traced once. All are started, too, from a squashfs whose files are sorted by their first access in the same
+sessions (`mksquashfs -sort`), those first that more of these have opened; rclone or nbdkit shows it.
 
 The ideal of a session are the blocks that it reads until its first frame, compressed with zstd level 3 in pieces of
 256 KiB, over the link's rate, and two round trips. One further run of ours goes on after the first frame, and tells
@@ -29,12 +30,13 @@ import sys
 import tempfile
 import time
 from pathlib import Path
+from typing import NamedTuple
 
 sys.dont_write_bytecode = True
 sys.path.insert(0, str(Path(__file__).resolve().parent / "support"))
 import lab  # noqa: E402
 import ways  # noqa: E402
-from game import FIRST, GAMES, OTHER, Starter, Way, choose_ways, medians, screen  # noqa: E402
+from game import BESIDE, FIRST, GAMES, OTHER, Starter, Way, choose_ways, medians, screen  # noqa: E402
 from link import LATENCY_MS, Link, Server  # noqa: E402
 from product import Product  # noqa: E402
 from traces import BLOCK, NO_ENTRY, packed_sizes, read_app, read_items, read_map  # noqa: E402
@@ -43,12 +45,26 @@ N_TRACES = 3
 PIECE = 256 << 10
 PLAY_S = 5  # after the first frame
 LATE_MS = 1000
-NAMES = {FIRST: "traced", OTHER: "other"}  # of the sessions
 OURS = "ours, ordered"
 WAYS = [
-    Way("sorted squashfs, rclone", "squashfs", "sorted", ["rclone", "mksquashfs", "strace"], ways.rclone),
-    Way("sorted squashfs, nbdkit", "squashfs", "sorted", [*ways.NBDKIT, "mksquashfs", "strace"], ways.nbdkit),
+    Way("sorted squashfs, rclone", "squashfs", "", ["rclone", "mksquashfs", "strace"], ways.rclone),
+    Way("sorted squashfs, nbdkit", "squashfs", "", [*ways.NBDKIT, "mksquashfs", "strace"], ways.nbdkit),
     Way(OURS, "erofs", "", []),
+]
+
+
+class Case(NamedTuple):
+    """A session that is started, from an order of `traced`: sessions, each as often as it is named."""
+
+    name: str
+    session: int
+    traced: tuple
+
+
+CASES = [
+    Case("traced", FIRST, (FIRST,) * N_TRACES),
+    Case("other", OTHER, (FIRST,) * N_TRACES),
+    Case("other, three beside", OTHER, BESIDE),
 ]
 
 
@@ -57,38 +73,52 @@ class OrderBench(Starter):
 
     def __init__(self, game, folder, options, chosen):
         super().__init__(game, folder, options)
-        self.sides = [(way, session) for way in chosen for session in (FIRST, OTHER)]
-        self.ideals = {}  # bytes
+        self.sides = [(way, case) for way in chosen for case in CASES]
+        self.ideals = {}  # bytes, by session
 
     # -- what is served
 
     def prepare(self):
         plain = self.folder / "plain"
+        needs_sorted = any(way.provide for way, _ in self.sides)
+        made = {}  # folders, by what was traced
         with Product(self.options.build, self.folder / "publisher") as product:
             product.tavrin("image", "build", self.source, plain, "--quiet")
-            traces = [self.folder / f"trace{number}" for number in range(N_TRACES)]
-            for trace in traces:
-                self.ideals[FIRST] = self.record(product, plain, trace, FIRST)
-            self.ideals[OTHER] = self.record(product, plain, self.folder / "trace-other", OTHER)
-            merged = self.folder / "merged"
-            product.tavrin("trace", "merge", merged, *traces, "--quiet")
-            ordered, words = self.folder / NAMES[FIRST], self.game.arguments(FIRST)
-            words = ["--order", merged, "--cmd", "game", *words, "--quiet"]
-            product.tavrin("image", "build", self.source, ordered, *words)
-            product.tavrin("image", "pack", ordered, "--quiet")
-        other = self.folder / NAMES[OTHER]
-        shutil.copytree(ordered, other)
-        app = read_app(other)
-        app["app"]["args"] = [word.removeprefix("--arg=") for word in self.game.arguments(OTHER)]
-        (other / "app.json").write_text(json.dumps(app), encoding="utf-8")
-        if any(way.served == "sorted" for way, _ in self.sides):
-            self.make_sorted()
-        sizes = ", ".join(f"{name} {self.ideals[session] / 1e6:.2f} MB" for session, name in NAMES.items())
-        packed = (ordered / "img.zqf.zst").stat().st_size
+            self.record(product, plain, self.folder / "trace-other", OTHER)
+            for case in CASES:
+                if case.traced not in made:
+                    made[case.traced] = self.folder / f"image{len(made)}"
+                    self.make_ordered(product, plain, made[case.traced], case.traced)
+                    if needs_sorted:
+                        self.make_sorted(self.sorted_for(case), case.traced)
+                self.serve(made[case.traced], case)
+        sizes = ", ".join(f"{case.name} {self.ideals[case.session] / 1e6:.2f} MB" for case in CASES[:2])
+        packed = (made[CASES[0].traced] / "img.zqf.zst").stat().st_size
         print(f"\n{self.game.name}: packed image {packed / 1e6:.1f} MB; ideal {sizes}", flush=True)
 
+    def make_ordered(self, product, plain, image, traced):
+        orders = []
+        for number, session in enumerate(traced):
+            trace = self.folder / f"trace-{image.name}-{number}"
+            self.record(product, plain, trace, session)
+            orders += ["--order", trace]
+        words = [*orders, "--cmd", "game", "--quiet"]
+        product.tavrin("image", "build", self.source, image, *words)
+        product.tavrin("image", "pack", image, "--quiet")
+
+    def serve(self, image, case):
+        """The image, whose application has the session's arguments."""
+        served = self.folder / case.name
+        shutil.copytree(image, served)
+        app = read_app(served)
+        app["app"]["args"] = [word.removeprefix("--arg=") for word in self.game.arguments(case.session)]
+        (served / "app.json").write_text(json.dumps(app), encoding="utf-8")
+
+    def sorted_for(self, case):
+        return self.folder / ("sorted" + "-".join(map(str, dict.fromkeys(case.traced))))
+
     def record(self, product, image, trace, session):
-        """Traces a session, and gives the bytes of its ideal."""
+        """Traces a session, and notes the bytes of its ideal."""
         lab.drop_caches()
         product.tavrin("mount", image, "--trace", trace)
         try:
@@ -99,7 +129,7 @@ class OrderBench(Starter):
                 lab.pause(process, PLAY_S)
         finally:
             product.tavrin("umount", image)
-        return self.compressed_size(image, blocks_until(trace, begin + seconds))
+        self.ideals[session] = self.compressed_size(image, blocks_until(trace, begin + seconds))
 
     def compressed_size(self, image, blocks):
         entries = read_map(image)
@@ -111,58 +141,69 @@ class OrderBench(Starter):
             lab.run("zstd", "-3", "-q", *pieces)
             return sum(piece.with_name(piece.name + ".zst").stat().st_size for piece in pieces)
 
-    def make_sorted(self):
-        calls, names = self.folder / "calls", self.folder / "names"
-        with self.working_folder() as folder:
-            front = ["strace", "-f", "-y", "-qq", "-e", "trace=execve,open,openat", "-o", calls]
-            with self.played(self.source, folder, FIRST, front) as process:
-                self.wait_for_frame(folder, process, time.time())
-                lab.pause(process, PLAY_S)
-                with contextlib.suppress(ProcessLookupError):
-                    os.killpg(process.pid, signal.SIGKILL)  # strace alone would leave the game
-        opened = re.findall(r"= \d+<" + re.escape(str(self.source)) + r"/([^>\n]+)>", calls.read_text(errors="replace"))
-        files = [name for name in dict.fromkeys(["game", *opened]) if (self.source / name).is_file()]
+    def make_sorted(self, served, traced):
+        runs = [self.list_opened(session) for session in dict.fromkeys(traced)]
+        files = dict.fromkeys(name for run in runs for name in run)
+
+        def key(name):
+            places = [run.index(name) / len(run) for run in runs if name in run]
+            return -len(places), sum(places) / len(places)
+
         # Higher priorities come first; 32767 is the highest.
-        names.write_text("".join(f"{name} {32767 - place}\n" for place, name in enumerate(files)), encoding="utf-8")
-        served = self.folder / "sorted"
+        lines = [f"{name} {32767 - place}\n" for place, name in enumerate(sorted(files, key=key))]
+        names = self.folder / "names"
+        names.write_text("".join(lines), encoding="utf-8")
         served.mkdir()
         words = ["-comp", "zstd", "-sort", names, "-quiet", "-no-progress"]
         lab.run("mksquashfs", self.source, served / "img.squashfs", *words)
+
+    def list_opened(self, session):
+        """The files that a session opens, in the order of that."""
+        calls = self.folder / "calls"
+        with self.working_folder() as folder:
+            front = ["strace", "-f", "-y", "-qq", "-e", "trace=execve,open,openat", "-o", calls]
+            with self.played(self.source, folder, session, front) as process, contextlib.ExitStack() as stack:
+                stack.callback(kill_group, process)  # strace alone would leave the game
+                self.wait_for_frame(folder, process, time.time())
+                lab.pause(process, PLAY_S)
+        opened = re.findall(r"= \d+<" + re.escape(str(self.source)) + r"/([^>\n]+)>", calls.read_text(errors="replace"))
+        return [name for name in dict.fromkeys(["game", *opened]) if (self.source / name).is_file()]
 
     # -- the starts
 
     def measure(self, link, table):
         def measure(side):
-            way, session = side
-            if not way.provide:
-                way = Way(way.name, way.kind, NAMES[session], way.needs)
-            return self.patiently(way, lambda: self.start(way, link, session))
+            way, case = side
+            served = self.sorted_for(case).name if way.provide else case.name
+            way = Way(way.name, way.kind, served, way.needs, way.provide)
+            return self.patiently(way, lambda: self.start(way, link, case.session))
 
-        for session in NAMES:
-            self.own_s[session].clear()
+        for times in self.own_s.values():
+            times.clear()
         found = lab.interleave(self.options.rounds, self.sides, measure, medians)
-        print(f"\n{self.game.name}, {link}\n  {'way':<26}{'session':<10}{'s to the frame':>14}{'MB moved':>10}")
-        for session, name in NAMES.items():
-            own = self.get_own(session)
-            values = {way.name: found[way, session] for way, of in self.sides if of == session and found[way, session]}
-            ideal_s = self.ideals[session] / link.rate + 2 * LATENCY_MS / 1000
+        print(f"\n{self.game.name}, {link}\n  {'way':<26}{'session':<22}{'s to the frame':>14}{'MB moved':>10}")
+        for case in CASES:
+            own, ideal = self.get_own(case.session), self.ideals[case.session]
+            values = {way.name: found[way, of] for way, of in self.sides if of == case and found[way, of]}
+            ideal_s = ideal / link.rate + 2 * LATENCY_MS / 1000
             for way, (seconds, moved) in values.items():
-                text = f"  {way:<26}{name:<10}{seconds - own:>14.2f}{moved / 1e6:>10.1f}"
+                text = f"  {way:<26}{case.name:<22}{seconds - own:>14.2f}{moved / 1e6:>10.1f}"
                 if way == OURS or OURS not in values:
                     print(text)
                 else:
                     table.goal(f"{text}  goal: ours is faster", values[OURS][0] < seconds)
-            print(f"  {'ideal':<26}{name:<10}{ideal_s:>14.2f}{self.ideals[session] / 1e6:>10.1f}  own {own:.2f} s")
+            print(f"  {'ideal':<26}{case.name:<22}{ideal_s:>14.2f}{ideal / 1e6:>10.1f}  own {own:.2f} s")
             if OURS in values:
-                factor = 1.3 if session == FIRST else 2
+                factor = 1.3 if case.session == FIRST else 2
                 limit, seconds = factor * ideal_s + 0.5, values[OURS][0] - own
-                table.limit(f"  {name}, to {factor:g} ideals", "s", seconds, limit)
-                self.watch(link, session, table)
+                table.limit(f"  {case.name}, to {factor:g} ideals", "s", seconds, limit)
+                self.watch(link, case, table)
 
-    def watch(self, link, session, table):
+    def watch(self, link, case, table):
         """What else must hold for the session that was traced, and how it is for the other."""
-        served, name = self.folder / NAMES[session], NAMES[session]
-        self.warm_up(served, session)
+        name, is_traced = case.name, case.session in case.traced
+        served = self.folder / name
+        self.warm_up(served, case.session)
         with self.working_folder() as folder, Server(self.client, served, link.rate, LATENCY_MS) as server:
             begin = time.time()
             with self.running(folder, server, 60) as seconds:
@@ -174,15 +215,20 @@ class OrderBench(Starter):
             end = max(entries[block] for block in blocks if entries[block] != NO_ENTRY) + 1
         frames = packed_sizes(served / "img.zqf.zst")
         n_frames = -(-end * BLOCK // (50 * BLOCK))
-        prefix, ideal = sum(frames[:n_frames]), self.ideals[session]
+        prefix, ideal = sum(frames[:n_frames]), self.ideals[case.session]
         late = report.get("lastWaitMs", 0) - report["firstFrameMs"]
         demanded = report["bytesOnDemand"]
         text = f"  {name}: the frame needed the first {prefix / 1e6:.2f} MB, {prefix / ideal:.2f} of the ideal"
-        table.goal(f"{text}  goal <= 1.2", prefix <= 1.2 * ideal) if session == FIRST else print(text)
+        table.goal(f"{text}  goal <= 1.2", prefix <= 1.2 * ideal) if is_traced else print(text)
         text = f"  {name}: on demand {demanded / 1e6:.2f} MB in {report['nOnDemandFetches']} requests"
-        table.goal(f"{text}  goal: none", demanded == 0) if session == FIRST else print(text)
+        table.goal(f"{text}  goal: none", demanded == 0) if is_traced else print(text)
         text = f"  {name}: the last underflow {late} ms after the frame"
-        table.goal(f"{text}  goal <= {LATE_MS}", late <= LATE_MS) if session == FIRST else print(text)
+        table.goal(f"{text}  goal <= {LATE_MS}", late <= LATE_MS) if is_traced else print(text)
+
+
+def kill_group(process):
+    with contextlib.suppress(ProcessLookupError):
+        os.killpg(process.pid, signal.SIGKILL)
 
 
 def blocks_until(trace, end):

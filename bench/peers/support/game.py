@@ -46,19 +46,33 @@ DOOM_WAD = "/usr/share/games/doom/freedoom1.wad"
 TUX_DATA = "/usr/share/games/supertux2"
 TUX_LEVELS = "{}/data/levels/"
 FIRST, OTHER = 0, 1  # sessions
+BESIDE = (2, 3, 4)  # three further ones
 GAMES = [
     Game(
         "doom",
         [("/usr/games/chocolate-doom", "game"), (DOOM_WAD, "freedoom1.wad")],
         ["-iwad", "{}/freedoom1.wad", "-nosound", "-window"],
-        [["-timedemo", "demo1"], ["-timedemo", "demo3"]],  # recorded ones
+        # Recorded ones, and two levels.
+        [
+            ["-timedemo", "demo1"],
+            ["-timedemo", "demo3"],
+            ["-timedemo", "demo2"],
+            ["-warp", "2", "4"],
+            ["-warp", "3", "6"],
+        ],
         ["/usr/games/chocolate-doom", DOOM_WAD],
     ),
     Game(
         "supertux",
         [("/usr/games/supertux2", "game"), (TUX_DATA, "data")],
         ["--renderer", "sdl", "--disable-sound", "--disable-music", "--datadir", "{}/data"],
-        [[TUX_LEVELS + "world1/welcome_antarctica.stl"], [TUX_LEVELS + "world2/ancient_ruins.stl"]],
+        [
+            [TUX_LEVELS + "world1/welcome_antarctica.stl"],
+            [TUX_LEVELS + "world2/ancient_ruins.stl"],
+            [TUX_LEVELS + "world1/frosted_fields.stl"],
+            [TUX_LEVELS + "world1/castle_of_nolok.stl"],
+            [TUX_LEVELS + "world2/welcome_forest.stl"],
+        ],
         ["/usr/games/supertux2", f"{TUX_DATA}/levels"],
     ),
 ]
