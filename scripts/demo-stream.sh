@@ -158,6 +158,10 @@ serve "$image"
 step='the run that plays a level that nobody has traced'
 play levels --now --keep-mounted
 "$tavrin" umount "$work/got-levels" --quiet
+step='the pictures of that run'
+untraced=$(echo "$work"/got-levels/traces/*)
+"$tavrin" trace plot "$untraced" "$pages/untraced-plain.svg" --image "$work/got-plain" --quiet
+"$tavrin" trace plot "$untraced" "$pages/untraced-ordered.svg" --image "$work/got-levels" --quiet
 
 step='the table'
 printf '\n%-44s %8s %8s %17s %15s %17s\n' '' 'first' 'there at' 'underflows' 'on demand' 'over the link, MB'
@@ -187,3 +191,5 @@ diff -r "$work/game" "$drive/TAVRIN-protected/app"
 "$tavrin" umount "$installed" --quiet
 printf 'It is what a build in that order gives, byte for byte, and its drive has each file of the game.\n\n'
 printf 'The page of the last run: %s\nWhat the trace looks like: %s\n' "$pages/run.html" "$pages/trace.svg"
+printf 'The run that nobody has traced, over the disk as it is: %s\n' "$pages/untraced-plain.svg"
+printf 'The same over the order that other levels give: %s\n' "$pages/untraced-ordered.svg"
