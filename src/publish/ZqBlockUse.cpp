@@ -1,11 +1,15 @@
 #include "ZqBlockUse.h"
 
+#include <algorithm>
+
 void ZqBlockUse::add(size_t number, const ZqOrderRuns::Blocks& blocks) {
     const uint64 bit = uint64{1} << number % 64;
     uint64 place = 0;
     for (const uint64 rawIdx : blocks) {
         Reads& of = reads[rawIdx];
-        of.bits += ONE + place++;
+        const uint64 n = of.getN(), least = n > 0 ? std::min(place, of.getPlace()) : place;
+        of.bits = (n + 1) * ONE + least;
+        ++place;
         of.sketch |= bit;
     }
     ++nRuns;

@@ -41,7 +41,7 @@ private:
 /// Neighbours on the disk that the same runs have read.
 struct Extent {
     uint64 first, count; ///< RAW blocks
-    uint64 early;        ///< the one that was read first on the mean
+    uint64 early;        ///< the one that was read first
 };
 
 /// Puts the extents of blocks that the same runs have read, which are in RAW order, in the order of their

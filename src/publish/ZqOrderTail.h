@@ -8,7 +8,7 @@
 /// together: `rawIdcs` are RAW indices, and change places. It goes by the sketch of the runs that have read
 /// a block: first come the blocks of the run that has most of them, among these first those that the run
 /// with the next most has read, too, and so on; of the same runs neighbours on the disk stay together, and
-/// stand in the order of their mean places. So what one level of a game alone needs is in one piece, and few
+/// stand in the order of their first reads. So what one level of a game alone needs is in one piece, and few
 /// stretches hold pieces of two.
 ///
 /// Sessions of three games were held out, and read from such orders by a model of the link at 20 Mbit/s. By
