@@ -9,7 +9,7 @@ from pathlib import Path
 sys.dont_write_bytecode = True
 sys.path.insert(0, str(Path(__file__).resolve().parents[2] / "bench/peers/support"))
 from hints import Hints  # noqa: E402
-from link_model import DELIVER_S, HELD_TRIPS, LATENCY_S, LOOK_S, Client  # noqa: E402
+from link_model import DELIVER_S, HELD_TRIPS, LATENCY_S, LOOK_S, MAX_FOLLOWING, Client  # noqa: E402
 from orders import today  # noqa: E402
 from replay import LEAST_WAIT_S, MAP_SHARE, MOUNT_S, START_TRIPS, Placed, Replay, Session  # noqa: E402
 
@@ -85,7 +85,7 @@ class LinkModelTest(unittest.TestCase):
             link.read([idx], link.now)
             link.advance(link.now + 0.1)
         n = link.along
-        self.assertEqual(n, 4 * 7 * SIZE)
+        self.assertEqual(n, 4 * MAX_FOLLOWING * SIZE)
         link.read([700], link.now)
         link.advance(link.now + 0.1)
         self.assertEqual(link.along, n)

@@ -4,8 +4,8 @@ One link carries everything. Requests under way share its rate, as connections d
 then what comes along with it, then the ordered stream: a request that yields is held, and what goes into the system's
 buffers still comes and takes its share. The model has the client's rules and numbers:
 
-- A read waits for the stream where that brings its stretch within a round trip, and else asks for the stretch. A
-  request costs a round trip, then its bytes at the link's rate. What one read needs is asked for together.
+- A read waits for the stream where that brings its stretch within two round trips, and else asks for it. A request
+  costs a round trip, then its bytes at the link's rate. What one read needs is asked for together.
 - Where a round trip carries half a stretch, further ones come with the one that is asked for, if one of the two before
   it is there, or such requests have been of use of late. Who goes through the image gets more before it is needed.
 - What hints name is claimed with a stretch that is missed, and asked for when nobody waits, one request at a time, the
@@ -22,9 +22,9 @@ from collections import deque
 INFINITE = float("inf")
 LATENCY_S = 0.020  # from a request to its answer
 SEGMENT_S, LEAST_SEGMENT = 2.0, 1 << 20  # of the stream, for each request
-BREAK_TRIPS, QUIET_TRIPS = 3, 10
+BREAK_TRIPS, QUIET_TRIPS, SOON_TRIPS = 3, 10, 2
 MIN_QUIET_S, MAX_QUIET_S, QUIET_BUDGET_S = 0.010, 0.250, 10.0
-MIN_IN_TRIP, TRIPS_FIRST, TRIPS_TOGETHER, MAX_FOLLOWING, FIRST_TOGETHER = 0.5, 1, 3, 7, 4
+MIN_IN_TRIP, TRIPS_FIRST, TRIPS_TOGETHER, MAX_FOLLOWING, FIRST_TOGETHER = 0.5, 1, 3, 8, 4
 GROUP = 6  # stretches on demand on the wire together
 HELD_TRIPS = 2  # round trips' worth that a held connection takes; the client asks for one, and the system doubles it
 LOADERS = 4  # requests that nobody waits for
@@ -101,8 +101,8 @@ class Stream:
             self.begin_request()
 
     def reaches_soon(self, idx):
-        """Whether it brings the stretch within a round trip. It has come to where its last whole stretch ends."""
-        return (idx - self.next) * self.usual <= self.rate * LATENCY_S
+        """Whether it brings the stretch within two round trips. It has come to where its last whole stretch ends."""
+        return (idx - self.next) * self.usual <= SOON_TRIPS * self.rate * LATENCY_S
 
 
 class Link:

@@ -148,7 +148,7 @@ public:
     }
 
     /// Begins with the header. Gives the number of rows.
-    uint64 readHeader(const SxString& buildId) {
+    uint64 readHeader(const SxString& wanted) {
         begin();
         left = size - FOOTER;
         const std::string_view header = take(HEADER);
@@ -159,8 +159,8 @@ public:
         }
         const SxString build = header.substr(MAGIC.size(), MD5_TEXT);
         const auto nRows = get<uint64>(header.data() + MAGIC.size() + MD5_TEXT);
-        if (!(build == buildId)) {
-            throw wrong("it belongs to the build " + build.makeVisible() + ", and the image is " + buildId,
+        if (!(build == wanted)) {
+            throw wrong("it belongs to the build " + build.makeVisible() + ", and the image is " + wanted,
                         __LINE__);
         }
         if (nRows > left / (ROW + 1)) throw wrong("it has fewer rows than it says", __LINE__);

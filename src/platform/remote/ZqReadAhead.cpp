@@ -4,7 +4,7 @@ namespace {
 /// Those that follow come along as far as so many round trips carry them, and the first one only where a
 /// single one carries it. Where one carries so much of a usual stretch, the first one comes in any case.
 constexpr double TRIPS_TOGETHER = 3., TRIPS_FIRST = 1., MIN_IN_TRIP = 0.5;
-constexpr uint64 MAX_FOLLOWING = 7;
+constexpr uint64 MAX_FOLLOWING = 8;
 } // namespace
 
 uint64 ZqReadAhead::countFollowing(uint64 firstIdx, const SxPtr<ZqSeekTable>& table) const {

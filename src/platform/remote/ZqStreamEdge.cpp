@@ -10,6 +10,9 @@ constexpr uint64 STRETCH = ZqStretchLayout::STRETCH;
 constexpr auto LOOK = std::chrono::milliseconds(20);
 /// A stream that has made no progress for two round trips, and at least for so long, reaches no stretch soon.
 constexpr int64 MIN_PATIENCE_NS = 100'000'000;
+/// A request takes one round trip, and holds the stream. What that brings in a second one is mostly needed,
+/// too.
+constexpr double SOON_TRIPS = 2.;
 
 } // namespace
 
@@ -85,7 +88,7 @@ bool ZqStreamEdge::isReachedSoon(uint64 stretchIdx) const {
     }
     const int64 patienceNs = std::max(MIN_PATIENCE_NS, link->getFigures().roundTripUs * 2'000);
     if (SxClock::get().steadyNs() - sinceNs > patienceNs) return false;
-    return begin <= from || static_cast<double>(begin - from) * share <= tripBytes(1);
+    return begin <= from || static_cast<double>(begin - from) * share <= tripBytes(SOON_TRIPS);
 }
 
 bool ZqStreamEdge::hasBegun(uint64 stretchIdx) const {

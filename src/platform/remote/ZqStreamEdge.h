@@ -38,7 +38,7 @@ public:
     double getWireShare() const;
     /// Wire bytes that pass in `nTrips` round trips.
     double tripBytes(double nTrips) const;
-    /// The stream brings it sooner than a request could.
+    /// The stream brings it about as soon as a request could.
     bool isReachedSoon(uint64 stretchIdx) const;
     /// Whether its begin has come.
     bool hasBegun(uint64 stretchIdx) const;
