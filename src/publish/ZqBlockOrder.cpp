@@ -167,11 +167,18 @@ void ZqBlockOrder::judge(const ZqOrderRuns& runs, const ZqOrderRuns::Pace& pace)
         // The application's start is its first read of content: a trace begins with the mount, which may be
         // long before.
         std::optional<int64> start;
-        const auto look = [&](const ZqTraceItem& item) {
-            const uint64 zqfIdx = item.block < nRaw ? map(static_cast<int64>(item.block)) : ZqImage::NO_ENTRY;
-            if (zqfIdx == ZqImage::NO_ENTRY) return;
-            if (zqfIdx >= nFront && !start) start = static_cast<int64>(item.time);
-            profiles.add(zqfIdx, start ? static_cast<int64>(item.time) - *start : 0);
+        const auto look = [&](std::span<const ZqTraceItem> items) {
+            // Entries lie far apart in memory, and half of the time goes for waiting for them.
+            for (const ZqTraceItem& item : items) {
+                if (item.block < nRaw) __builtin_prefetch(&map(static_cast<int64>(item.block)));
+            }
+            for (const ZqTraceItem& item : items) {
+                const uint64 zqfIdx =
+                    item.block < nRaw ? map(static_cast<int64>(item.block)) : ZqImage::NO_ENTRY;
+                if (zqfIdx == ZqImage::NO_ENTRY) continue;
+                if (zqfIdx >= nFront && !start) start = static_cast<int64>(item.time);
+                profiles.add(zqfIdx, start ? static_cast<int64>(item.time) - *start : 0);
+            }
         };
         runs.walk(number, look, pace);
         const std::vector<uint32> stretches = profiles.endRun();

@@ -2,14 +2,21 @@
 
 #include <algorithm>
 
+namespace {
+
+/// So many blocks before its turn one is asked for.
+constexpr uint64 FAR = 32;
+
+} // namespace
+
 void ZqBlockUse::add(size_t number, const ZqOrderRuns::Blocks& blocks) {
     const uint64 bit = uint64{1} << number % 64;
-    uint64 place = 0;
-    for (const uint64 rawIdx : blocks) {
-        Reads& of = reads[rawIdx];
+    for (uint64 place = 0; place < blocks.size(); ++place) {
+        // They lie far apart in memory, and half of the time would go for waiting for them.
+        if (place + FAR < blocks.size()) __builtin_prefetch(&reads[blocks[place + FAR]], 1);
+        Reads& of = reads[blocks[place]];
         const uint64 n = of.getN(), least = n > 0 ? std::min(place, of.getPlace()) : place;
         of.bits = (n + 1) * ONE + least;
-        ++place;
         of.sketch |= bit;
     }
     ++nRuns;

@@ -12,32 +12,28 @@
 #include <algorithm>
 #include <optional>
 #include <tuple>
+#include <utility>
 
 namespace {
 
 constexpr const char* UNIT = "src/publish/ZqOrderRuns";
 
-/// Records of a trace from one call of a pace to the next.
-constexpr int64 PER_CALL = 65536;
+/// Records of a trace that are read between two calls of a pace, and that are shown together.
+constexpr uint64 PER_CALL = 65536, PER_LOOK = 256;
 
-/// Tells a pace of a trace that is read.
+/// Tells a pace of the records of a trace that are read.
 class Steps {
 public:
-    Steps(const ZqTraceRecords::Reader& reader_, const ZqOrderRuns::Pace& pace_)
-        : reader(reader_),
-          pace(pace_) {}
-    void look() {
-        if (reader.getN() - nTold >= PER_CALL) tell();
+    explicit Steps(const ZqOrderRuns::Pace& pace_) : pace(pace_) {}
+    void add(uint64 nRecords) {
+        nUntold += nRecords;
+        if (nUntold >= PER_CALL) tell();
     }
-    void tell() {
-        pace(static_cast<uint64>((reader.getN() - nTold) * ZqTraceFormat::SIZE));
-        nTold = reader.getN();
-    }
+    void tell() { pace(std::exchange(nUntold, 0) * ZqTraceFormat::SIZE); }
 
 private:
-    const ZqTraceRecords::Reader& reader;
     const ZqOrderRuns::Pace& pace;
-    int64 nTold = 0;
+    uint64 nUntold = 0;
 };
 
 SxString joinedCause(const SxException& e) {
@@ -125,8 +121,8 @@ SxString ZqOrderRuns::readRun(Run* run, Blocks* blocks, const Pace& pace) {
         ZqTraceRecords::Found found;
         std::optional<uint64> beyond;
         bool isNamed = false;
-        Steps steps(reader, pace);
-        for (ZqTraceItem item; reader.next(&item); steps.look()) {
+        Steps steps(pace);
+        for (ZqTraceItem item; reader.next(&item); steps.add(1)) {
             found.hasHoles = found.hasHoles || ZqTraceFormat::isHole(item);
             if (item.block >= image.getNRaw()) {
                 if (!beyond) beyond = item.block;
@@ -159,13 +155,20 @@ SxString ZqOrderRuns::readRun(Run* run, Blocks* blocks, const Pace& pace) {
     }
 }
 
-void ZqOrderRuns::walk(size_t number, const std::function<void(const ZqTraceItem& item)>& look,
+void ZqOrderRuns::walk(size_t number, const std::function<void(std::span<const ZqTraceItem> items)>& look,
                        const Pace& pace) const {
     const Run& run = runs.at(number);
     ZqTraceRecords::Reader reader(run.path);
-    Steps steps(reader, pace);
-    for (ZqTraceItem item; reader.next(&item); steps.look())
-        look(item);
+    Steps steps(pace);
+    std::vector<ZqTraceItem> items;
+    for (bool hasMore = true; hasMore;) {
+        items.clear();
+        ZqTraceItem item;
+        while (items.size() < PER_LOOK && (hasMore = reader.next(&item)))
+            items.push_back(item);
+        look(items);
+        steps.add(items.size());
+    }
     steps.tell();
     run.files->require();
 }

@@ -9,6 +9,7 @@
 
 #include <functional>
 #include <optional>
+#include <span>
 #include <vector>
 
 /// The runs that an order comes from: single traces of one build. A trace that can't serve is left out and
@@ -31,9 +32,9 @@ public:
     /// number among these, counted from 0, and its blocks. Raises where none can, with the reasons, and what
     /// `pace` raises.
     void read(const std::function<void(size_t number, const Blocks& blocks)>& show, const Pace& pace);
-    /// After that: shows all items of the run of that number again. Raises where the trace has changed, and
-    /// what `pace` raises.
-    void walk(size_t number, const std::function<void(const ZqTraceItem& item)>& look,
+    /// After that: shows all items of the run of that number again, some at a time. Raises where the trace
+    /// has changed, and what `pace` raises.
+    void walk(size_t number, const std::function<void(std::span<const ZqTraceItem> items)>& look,
               const Pace& pace) const;
     /// Bytes that `read()` and `walk()` for each run take together, where all of these traces can serve.
     static uint64 countBytes(const SxList<SxString>& traces);

@@ -1,5 +1,6 @@
 #include "../base/BaseTest.h"
 #include "Builders.h"
+#include "SxException.h"
 #include "SxMd5.h"
 #include "ZqImageBuild.h"
 #include "ZqImageCheck.h"
@@ -7,6 +8,7 @@
 #include "ZqImageOrder.h"
 #include "ZqImageRaw.h"
 #include "ZqOrderHints.h"
+#include "ZqOrderRuns.h"
 #include "ZqReadChance.h"
 #include "ZqTrace.h"
 
@@ -510,6 +512,43 @@ TEST(ImageOrder, ATraceThatCantServeIsLeftOutAndNamed) {
                 testing::AllOf(HasSubstr("no trace that the order could come from"), HasSubstr("/cut'"),
                                HasSubstr("/series'")));
     EXPECT_FALSE(dir.exists("watched/none"));
+}
+
+TEST(ImageOrder, AStopIsNoticedWithinATrace) {
+    const TempDir dir;
+    constexpr uint64 N = 1000, LONG = 200'000;
+    std::vector<Access> accesses;
+    for (uint64 i = 0; i < LONG; ++i)
+        accesses.push_back({i % N, i});
+    writeTrace(dir, accesses, "long/");
+    writeTrace(dir, {{7, 1}}, "short/");
+    const SxList<SxString> traces = {SxString(dir.path("long")), SxString(dir.path("short"))};
+    const ZqOrderImage image{"image", BUILD, std::vector<bool>(N, true), {}, {}};
+
+    // Each trace is read twice, and what has been read is told as it goes on.
+    uint64 nBytes = 0, nCalls = 0;
+    const auto pace = [&](uint64 n) { nBytes += n, ++nCalls; };
+    ZqOrderRuns runs(traces, image);
+    size_t nShown = 0;
+    runs.read([&](size_t, const ZqOrderRuns::Blocks&) { ++nShown; }, pace);
+    for (size_t number = 0; number < runs.getN(); ++number)
+        runs.walk(
+            number, [](std::span<const ZqTraceItem>) {}, pace);
+    EXPECT_EQ(nShown, 2U);
+    EXPECT_EQ(nBytes, ZqOrderRuns::countBytes(traces));
+    EXPECT_EQ(nBytes, 2 * (LONG + 1) * 16);
+    EXPECT_GT(nCalls, 8U);
+
+    const auto stop = [&](uint64 n) {
+        nBytes += n;
+        if (nBytes > 0) throw SxException(SxException::STOPPED, "Stopped", "test", 0);
+    };
+    ZqOrderRuns stopped(traces, image);
+    nBytes = nShown = 0;
+    EXPECT_THROW(stopped.read([&](size_t, const ZqOrderRuns::Blocks&) { ++nShown; }, stop), SxException);
+    EXPECT_TRUE(stopped.getLeft().empty());
+    EXPECT_LE(nShown, 1U);
+    EXPECT_LT(nBytes, LONG * 16);
 }
 
 TEST(ReadChance, LeavesEachRunOutInTurn) {
