@@ -17,7 +17,6 @@
 
 namespace {
 
-constexpr const char* UNIT = "src/publish/ZqBlockOrder";
 constexpr uint64 PER_STRETCH = ZqBlocks::STRETCH / ZqBlocks::SIZE;
 /// The link that a block must pay on, in nanoseconds: its bytes at 20 Mbit/s, and what a stretch on demand
 /// takes, which is a round trip of 20 ms and its bytes.

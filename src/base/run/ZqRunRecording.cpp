@@ -15,7 +15,6 @@
 #include "ZqVolume.h"
 
 namespace {
-constexpr const char* UNIT = "src/base/ZqRunRecording";
 /// Room for the records of a mount, in bytes.
 constexpr uint64 RECORD_ROOM = 1 << 20;
 } // namespace

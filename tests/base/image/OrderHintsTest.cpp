@@ -33,8 +33,8 @@ TEST(OrderHints, TheFileHasTheFormatOfItsPage) {
     const TempDir dir;
     someHints().write(dir.path());
     std::string expected = "ZHINTS01" + std::string(MAP);
-    for (const uint64 value :
-         {204'800, 3, 2, 10, 2, 2, 7, 3, 1, 60, 2, 10, 10, 12, 0, 0, 500, 1000, 1, 1, 999, 0, 100})
+    for (const uint64 value : {204'800U, 3U,  2U, 10U, 2U,   2U,    7U, 3U, 1U,   60U, 2U,  10U,
+                               10U,      12U, 0U, 0U,  500U, 1000U, 1U, 1U, 999U, 0U,  100U})
         expected += number(value);
     EXPECT_EQ(dir.read("img.hints"), sealed(expected));
     const auto hints = ZqOrderHints::read(dir.path(), MAP, N);
