@@ -73,16 +73,16 @@ ZqBlockOrder::ZqBlockOrder(const ZqOrderImage& image, const SxList<SxString>& tr
         return;
     }
 
-    ZqOrderRuns runs(traces, image);
+    ZqOrderRuns runs(traces, image, pace);
     {
         ZqBlockUse use(nRaw);
-        runs.read([&](size_t number, const ZqOrderRuns::Blocks& blocks) { use.add(number, blocks); }, pace);
+        runs.read([&](size_t number, const ZqOrderRuns::Blocks& blocks) { use.add(number, blocks); });
         placeRead(image, use);
         placeUnread(image, use);
         placeRest(image);
     }
     left = runs.getLeft();
-    judge(runs, pace);
+    judge(runs);
 }
 
 void ZqBlockOrder::place(uint64 rawIdx) {
@@ -156,7 +156,7 @@ SxArray<uint64> ZqBlockOrder::makeMap() const {
     return map;
 }
 
-void ZqBlockOrder::judge(const ZqOrderRuns& runs, const ZqOrderRuns::Pace& pace) {
+void ZqBlockOrder::judge(const ZqOrderRuns& runs) {
     const SxArray<uint64> map = makeMap();
     const auto nBlocks = static_cast<uint64>(order.getSize());
     ZqOrderProfiles profiles(nFront, nFront + nCore, nBlocks);
@@ -179,7 +179,7 @@ void ZqBlockOrder::judge(const ZqOrderRuns& runs, const ZqOrderRuns::Pace& pace)
                 profiles.add(zqfIdx, start ? static_cast<int64>(item.time) - *start : 0);
             }
         };
-        runs.walk(number, look, pace);
+        runs.walk(number, look);
         const std::vector<uint32> stretches = profiles.endRun();
         together.add(stretches);
         sessions.add(stretches);

@@ -13,7 +13,7 @@ class ZqBlockUse;
 /// byte.
 ///
 /// First come the blocks that a mount reads, whether or not a trace has them. Then comes the core: what the
-/// next run will most likely read (ZqReadChance), by its place in the run that needs it first (ZqBlockUse).
+/// next run will most likely read (ZqReadChance), by how early it is needed (ZqBlockUse).
 /// Then comes the tail, what only some runs have read, so that what is read together lies together
 /// (zqOrderTail). Then come the blocks that no run has read: by their files, where those are known
 /// (zqUnreadOrder); else first those that stand between two read ones with few others. All that is left comes
@@ -25,8 +25,8 @@ class ZqBlockUse;
 /// read share a stretch; where they are few, they have it for themselves, and so cost more. With one run, or
 /// where all runs have read a block, there is nothing to weigh.
 ///
-/// Interleaving the runs block by block instead, as a merged trace has them, makes each further trace a
-/// burden: any stretch then has crumbs of all levels.
+/// Interleaving all that runs read block by block instead, as a merged trace has it, makes each further trace
+/// a burden: any stretch then has crumbs of all levels.
 ///
 /// Times don't order blocks. The recorder writes on a steady clock, so where times go backward an operation
 /// on the trace has made them, and the order of its items is meant. A mark doesn't count either.
@@ -66,7 +66,7 @@ private:
     void placeRest(const ZqOrderImage& image);
     void place(uint64 rawIdx);
     /// Follows the runs through the order.
-    void judge(const ZqOrderRuns& runs, const ZqOrderRuns::Pace& pace);
+    void judge(const ZqOrderRuns& runs);
 
     std::vector<bool> placed; ///< by RAW index; blocks that aren't included count as placed
     uint64 nRaw = 0;

@@ -1,6 +1,7 @@
 #include "ZqBlockUse.h"
 
 #include <algorithm>
+#include <bit>
 
 namespace {
 
@@ -9,14 +10,26 @@ constexpr uint64 FAR = 32;
 
 } // namespace
 
+ZqBlockUse::ZqBlockUse(uint64 nRaw)
+    : shift(std::max(static_cast<int>(std::bit_width(nRaw)) - PLACE_BITS, 0)),
+      reads(nRaw) {
+}
+
+void ZqBlockUse::Reads::add(uint64 place) {
+    const uint64 n = getN();
+    const uint64 first = n > 0 ? std::min(getFirst(), place) : place;
+    const uint64 later = n > 0 ? std::max(getFirst(), place) : place;
+    const uint64 second = n > 1 ? std::min(getSecond(), later) : later;
+    bits = (n + 1) << 2 * PLACE_BITS | first << PLACE_BITS | second;
+}
+
 void ZqBlockUse::add(size_t number, const ZqOrderRuns::Blocks& blocks) {
     const uint64 bit = uint64{1} << number % 64;
     for (uint64 place = 0; place < blocks.size(); ++place) {
         // They lie far apart in memory, and half of the time would go for waiting for them.
         if (place + FAR < blocks.size()) __builtin_prefetch(&reads[blocks[place + FAR]], 1);
         Reads& of = reads[blocks[place]];
-        const uint64 n = of.getN(), least = n > 0 ? std::min(place, of.getPlace()) : place;
-        of.bits = (n + 1) * ONE + least;
+        of.add(place >> shift);
         of.sketch |= bit;
     }
     ++nRuns;

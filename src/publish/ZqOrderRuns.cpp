@@ -36,13 +36,24 @@ private:
     uint64 nUntold = 0;
 };
 
+/// How often a trace is read.
+constexpr uint64 N_TIMES = 2;
+
+/// Bytes of the records of a trace; 0 where it has none.
+uint64 sizeOf(const SxString& trace) {
+    const SxFileInfo items(ZqSysEnv::unifySlashes(ZqImageFolder::prefix(trace)) + ZqTraceFiles::ITEMS);
+    return items.isFile() ? static_cast<uint64>(items.getSize()) : 0;
+}
+
 SxString joinedCause(const SxException& e) {
     return "can't be read: " + e.toString(SxException::ShowMessage, ": ");
 }
 
 } // namespace
 
-ZqOrderRuns::ZqOrderRuns(const SxList<SxString>& traces, const ZqOrderImage& image_) : image(image_) {
+ZqOrderRuns::ZqOrderRuns(const SxList<SxString>& traces, const ZqOrderImage& image_, Pace pace_)
+    : image(image_),
+      pace(std::move(pace_)) {
     if (traces.getSize() > static_cast<int64>(MAX_RUNS)) {
         throw SxException("An order comes from at most " + SxString(static_cast<uint64>(MAX_RUNS)) +
                               " traces, and " + SxString(traces.getSize()) + " are given",
@@ -71,20 +82,34 @@ void ZqOrderRuns::addRun(const SxString& trace) {
         } else {
             run.digest = run.record.checksumTrc;
             // Only the record of a run whose writer was killed states none.
-            if (run.digest.isEmpty()) run.digest = SxMd5::file(path + ZqTraceFiles::ITEMS);
+            if (run.digest.isEmpty()) run.digest = digestOf(path + ZqTraceFiles::ITEMS);
             runs.push_back(std::move(run));
         }
     } catch (const SxException& e) {
+        if (e.hasTag(SxException::STOPPED)) throw;
         left.push_back({trace, joinedCause(e)});
     }
 }
 
-void ZqOrderRuns::read(const std::function<void(size_t number, const Blocks& blocks)>& show,
-                       const Pace& pace) {
+SxString ZqOrderRuns::digestOf(const SxString& items) const {
+    SxFileIO file(items, "rb");
+    return SxMd5::file(&file, [this](int64) {
+        pace(0);
+        return true;
+    });
+}
+
+void ZqOrderRuns::passOver(const SxString& trace, uint64 nTimes) const {
+    pace(nTimes * sizeOf(trace));
+}
+
+void ZqOrderRuns::read(const std::function<void(size_t number, const Blocks& blocks)>& show) {
     std::vector<Run> fit;
+    for (const ZqLeftTrace& one : left)
+        passOver(one.trace, N_TIMES);
     Blocks blocks;
     for (Run& run : runs) {
-        SxString why = readRun(&run, &blocks, pace);
+        SxString why = readRun(&run, &blocks);
         // Not before they are read: of two records that state the same one may lie.
         if (why.isEmpty() && !fit.empty() && fit.back().digest == run.digest &&
             fit.back().record.time0 == run.record.time0) {
@@ -92,6 +117,7 @@ void ZqOrderRuns::read(const std::function<void(size_t number, const Blocks& blo
         }
         if (!why.isEmpty()) {
             left.push_back({run.trace, why});
+            passOver(run.trace, N_TIMES - 1);
             continue;
         }
         show(fit.size(), blocks);
@@ -105,7 +131,7 @@ void ZqOrderRuns::read(const std::function<void(size_t number, const Blocks& blo
     if (runs.empty()) refuse();
 }
 
-SxString ZqOrderRuns::readRun(Run* run, Blocks* blocks, const Pace& pace) {
+SxString ZqOrderRuns::readRun(Run* run, Blocks* blocks) {
     const SxString file = run->path + ZqTraceFiles::ITEMS;
     blocks->clear();
     // What a mount reads counts as seen, so that a run begins with its first read of content.
@@ -155,8 +181,8 @@ SxString ZqOrderRuns::readRun(Run* run, Blocks* blocks, const Pace& pace) {
     }
 }
 
-void ZqOrderRuns::walk(size_t number, const std::function<void(std::span<const ZqTraceItem> items)>& look,
-                       const Pace& pace) const {
+void ZqOrderRuns::walk(size_t number,
+                       const std::function<void(std::span<const ZqTraceItem> items)>& look) const {
     const Run& run = runs.at(number);
     ZqTraceRecords::Reader reader(run.path);
     Steps steps(pace);
@@ -175,10 +201,8 @@ void ZqOrderRuns::walk(size_t number, const std::function<void(std::span<const Z
 
 uint64 ZqOrderRuns::countBytes(const SxList<SxString>& traces) {
     uint64 n = 0;
-    for (const SxString& trace : traces) {
-        const SxFileInfo items(ZqSysEnv::unifySlashes(ZqImageFolder::prefix(trace)) + ZqTraceFiles::ITEMS);
-        if (items.isFile()) n += 2 * static_cast<uint64>(items.getSize());
-    }
+    for (const SxString& trace : traces)
+        n += N_TIMES * sizeOf(trace);
     return n;
 }
 

@@ -25,18 +25,17 @@ public:
     /// No more runs than that are counted for one block.
     static constexpr size_t MAX_RUNS = 65535;
 
-    /// Reads the records of the trace folders `traces`. Raises where there are more than MAX_RUNS.
-    ZqOrderRuns(const SxList<SxString>& traces, const ZqOrderImage& image);
+    /// Reads the records of the trace folders `traces`. Raises where there are more than MAX_RUNS. This,
+    /// read() and walk() raise what `pace_` raises.
+    ZqOrderRuns(const SxList<SxString>& traces, const ZqOrderImage& image, Pace pace_);
 
     /// Reads all runs, one after the other, each from front to back, and shows each that can serve: its
-    /// number among these, counted from 0, and its blocks. Raises where none can, with the reasons, and what
-    /// `pace` raises.
-    void read(const std::function<void(size_t number, const Blocks& blocks)>& show, const Pace& pace);
+    /// number among these, counted from 0, and its blocks. Raises where none can, with the reasons.
+    void read(const std::function<void(size_t number, const Blocks& blocks)>& show);
     /// After that: shows all items of the run of that number again, some at a time. Raises where the trace
-    /// has changed, and what `pace` raises.
-    void walk(size_t number, const std::function<void(std::span<const ZqTraceItem> items)>& look,
-              const Pace& pace) const;
-    /// Bytes that `read()` and `walk()` for each run take together, where all of these traces can serve.
+    /// has changed.
+    void walk(size_t number, const std::function<void(std::span<const ZqTraceItem> items)>& look) const;
+    /// Bytes that a pace is told of by read(), and walk() for each run.
     static uint64 countBytes(const SxList<SxString>& traces);
 
     /// Runs that can serve; before read() those that may.
@@ -55,10 +54,14 @@ private:
 
     void addRun(const SxString& trace);
     /// Why the run can't serve; empty where it can. Its blocks go to `blocks`.
-    SxString readRun(Run* run, Blocks* blocks, const Pace& pace);
+    SxString readRun(Run* run, Blocks* blocks);
+    SxString digestOf(const SxString& items) const;
+    /// What isn't read of a trace that was left out counts as if it had been.
+    void passOver(const SxString& trace, uint64 nTimes) const;
     [[noreturn]] void refuse() const;
 
     const ZqOrderImage& image;
+    const Pace pace;
     std::vector<Run> runs;
     std::vector<ZqLeftTrace> left;
     std::vector<bool> seen; ///< by RAW index: by the run that is read

@@ -522,30 +522,33 @@ TEST(ImageOrder, AStopIsNoticedWithinATrace) {
         accesses.push_back({i % N, i});
     writeTrace(dir, accesses, "long/");
     writeTrace(dir, {{7, 1}}, "short/");
-    const SxList<SxString> traces = {SxString(dir.path("long")), SxString(dir.path("short"))};
+    // One that is left out counts as if it had been read.
+    writeTrace(dir, {{7, 1}, {8, 2}}, "another/", "other build");
+    fs::copy(dir.path("short"), dir.path("twice"));
+    const SxList<SxString> traces = {SxString(dir.path("long")), SxString(dir.path("short")),
+                                     SxString(dir.path("another")), SxString(dir.path("twice"))};
     const ZqOrderImage image{"image", BUILD, std::vector<bool>(N, true), {}, {}};
 
     // Each trace is read twice, and what has been read is told as it goes on.
     uint64 nBytes = 0, nCalls = 0;
     const auto pace = [&](uint64 n) { nBytes += n, ++nCalls; };
-    ZqOrderRuns runs(traces, image);
+    ZqOrderRuns runs(traces, image, pace);
     size_t nShown = 0;
-    runs.read([&](size_t, const ZqOrderRuns::Blocks&) { ++nShown; }, pace);
+    runs.read([&](size_t, const ZqOrderRuns::Blocks&) { ++nShown; });
     for (size_t number = 0; number < runs.getN(); ++number)
-        runs.walk(
-            number, [](std::span<const ZqTraceItem>) {}, pace);
+        runs.walk(number, [](std::span<const ZqTraceItem>) {});
     EXPECT_EQ(nShown, 2U);
     EXPECT_EQ(nBytes, ZqOrderRuns::countBytes(traces));
-    EXPECT_EQ(nBytes, 2 * (LONG + 1) * 16);
+    EXPECT_EQ(nBytes, 2 * (LONG + 4) * 16);
     EXPECT_GT(nCalls, 8U);
 
     const auto stop = [&](uint64 n) {
         nBytes += n;
         if (nBytes > 0) throw SxException(SxException::STOPPED, "Stopped", "test", 0);
     };
-    ZqOrderRuns stopped(traces, image);
+    ZqOrderRuns stopped({traces(0), traces(1)}, image, stop);
     nBytes = nShown = 0;
-    EXPECT_THROW(stopped.read([&](size_t, const ZqOrderRuns::Blocks&) { ++nShown; }, stop), SxException);
+    EXPECT_THROW(stopped.read([&](size_t, const ZqOrderRuns::Blocks&) { ++nShown; }), SxException);
     EXPECT_TRUE(stopped.getLeft().empty());
     EXPECT_LE(nShown, 1U);
     EXPECT_LT(nBytes, LONG * 16);

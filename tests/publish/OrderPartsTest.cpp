@@ -1,3 +1,4 @@
+#include "ZqBlockUse.h"
 #include "ZqBlocks.h"
 #include "ZqOrderGroups.h"
 #include "ZqOrderProfiles.h"
@@ -28,6 +29,41 @@ std::vector<uint32> numbers(uint32 from, uint32 to) {
 }
 
 } // namespace
+
+TEST(BlockUse, TheRunThatNeedsABlockFirstDecidesUnlessItIsTheOnlyOneOfSeveral) {
+    // Two levels have their own start, and what both read comes after that.
+    ZqBlockUse two(100);
+    two.add(0, {10, 1, 2, 3, 4, 20});
+    two.add(1, {20, 1, 2, 3, 4, 10});
+    for (const uint64 start : {10U, 20U}) {
+        EXPECT_TRUE(two.isEarlier(start, 1));
+        EXPECT_TRUE(two.isEarlier(start, 4));
+    }
+    EXPECT_EQ(two.getN(20), 2U);
+
+    // One run of many reads all backward.
+    std::vector<uint64> blocks(1000);
+    std::iota(blocks.begin(), blocks.end(), uint64{0});
+    ZqBlockUse many(1000);
+    for (size_t number = 0; number < 5; ++number)
+        many.add(number, blocks);
+    many.add(5, {blocks.rbegin(), blocks.rend()});
+    for (uint64 rawIdx = 1; rawIdx < blocks.size(); ++rawIdx)
+        ASSERT_TRUE(many.isEarlier(rawIdx - 1, rawIdx)) << rawIdx;
+    many.add(6, {blocks.rbegin(), blocks.rend()});
+    EXPECT_TRUE(many.isEarlier(999, 500));
+}
+
+TEST(BlockUse, PlacesOfALargeImageStayInOrder) {
+    constexpr uint64 N = (uint64{1} << 24) + 1000;
+    std::vector<uint64> blocks(N);
+    std::iota(blocks.rbegin(), blocks.rend(), uint64{0});
+    ZqBlockUse use(N);
+    use.add(0, blocks);
+    EXPECT_TRUE(use.isEarlier(N - 1, 0));
+    EXPECT_TRUE(use.isEarlier(N / 2 + 2, N / 2));
+    EXPECT_FALSE(use.isEarlier(0, N - 1));
+}
 
 TEST(OrderProfiles, GiveTheWorstAndTheMedianOfRunsThatDiffer) {
     ZqOrderProfiles profiles(2, 100, 1000);

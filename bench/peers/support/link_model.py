@@ -6,8 +6,9 @@ buffers still comes and takes its share. The model has the client's rules and nu
 
 - A read waits for the stream where that brings its stretch within two round trips, and else asks for it. A request
   costs a round trip, then its bytes at the link's rate. What one read needs is asked for together.
-- Where a round trip carries half a stretch, further ones come with the one that is asked for, if one of the two before
-  it is there, or such requests have been of use of late. Who goes through the image gets more before it is needed.
+- Further stretches come with the one that is asked for, if one of the two before it is there, or such requests have
+  been of use of late: the first one where a round trip carries it, or half of a usual one, and others as far as three
+  round trips carry them all. Who goes through the image gets more before it is needed.
 - What hints name is claimed with a stretch that is missed, and asked for when nobody waits, one request at a time, the
   latest first. Whoever needs it before asks for it himself.
 - The stream is held while a request is under way, and for ten round trips after one on demand, 10 s in all. Whoever
@@ -287,7 +288,7 @@ class Client(Link):
         first = idx + 1
         while first <= idx + n and first < len(self.sizes) and (self.is_claimed(first) or self.has(first)):
             first += 1
-        if first <= idx + 1 + n // 2 and (found := self.following(first, n)):
+        if first <= idx + 1 + n // 2 and (found := self.following(first, self.count_following(first))):
             self.ask(found)
 
     def come_along(self, idx, is_alone, likely):

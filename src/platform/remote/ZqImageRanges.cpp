@@ -269,7 +269,8 @@ void ZqImageRanges::follow(uint64 stretchIdx) {
         ++first;
     if (first > stretchIdx + 1 + n / 2) return;
     const Fetch fetch = makeFetch(first, false);
-    claimFollowing(fetch.getPtr(), n);
+    // What lies further on may pack worse.
+    claimFollowing(fetch.getPtr(), countFollowing(first));
     if (!fetch->hasClaims()) return;
     fetch->begin(ZqTransfer::Kind::Ahead);
     claims.pass(fetch);
