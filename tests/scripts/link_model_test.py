@@ -56,6 +56,13 @@ class LinkModelTest(unittest.TestCase):
             link.read([1], link.now)
             self.assertEqual(link.n_requests, n_requests)
 
+    def test_two_round_trips_of_the_stream_are_about_as_soon_as_a_request(self):
+        for trips, n_requests in ((1.9, 0), (2.6, 1)):
+            link = client(rate=10 * SIZE / (trips * LATENCY_S))
+            link.advance(0.3)
+            link.read([link.stream.next + 10], link.now)
+            self.assertEqual(link.n_requests, n_requests, trips)
+
     def test_the_stream_is_held_for_the_next_request(self):
         link = client()
         link.read([50], 1)

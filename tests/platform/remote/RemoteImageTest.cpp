@@ -378,21 +378,46 @@ TEST_F(RemoteImage, whatFollowsComesWithTheSameRequest) {
     expectRight(26);
 }
 
-TEST_F(RemoteImage, onlyLittleComesAlongOnASlowLink) {
-    // What the frames of these take of the wire is next to nothing.
+/// On a slow link, with stretches from 16 to 23 that take next to nothing of it.
+class RemoteImageSlow : public RemoteImage {
+protected:
+    RemoteImageSlow() {
+        std::fill(image.begin() + 16 * STRETCH, image.begin() + 24 * STRETCH, 'y');
+        dir.write("img.zqf", image);
+        dir.write("img.zqf.zst", PackedImage(image, true).bytes());
+        server.setRate(1'000'000);
+        server.setLatency(20);
+        remote = open();
+        awaitTable(*remote);
+    }
+    void expectRight(const std::vector<uint64>& stretches) {
+        for (const uint64 idx : stretches)
+            ASSERT_TRUE(readsRight(*remote, image, idx)) << idx;
+    }
+    /// Whether so many stretches come along, and so many were asked for.
+    void expectCame(uint64 nAhead, uint64 nOnDemand) {
+        ASSERT_TRUE(SxWait::pass(5000, [&] { return remote->getFigures().nAhead >= nAhead * STRETCH; }));
+        EXPECT_EQ(remote->getFigures().nAhead, nAhead * STRETCH);
+        EXPECT_EQ(remote->getFigures().nOnDemand, nOnDemand * STRETCH);
+    }
+
     std::string image = zqf;
-    std::fill(image.begin() + 16 * STRETCH, image.begin() + 24 * STRETCH, 'y');
-    dir.write("img.zqf", image);
-    dir.write("img.zqf.zst", PackedImage(image, true).bytes());
-    server.setRate(1'000'000);
-    server.setLatency(20);
-    const ImagePtr remote = open();
-    awaitTable(*remote);
-    for (const uint64 idx : {1U, 3U, 17U, 19U, 26U, 27U})
-        ASSERT_TRUE(readsRight(*remote, image, idx)) << idx;
-    ASSERT_TRUE(SxWait::pass(5000, [&] { return remote->getFigures().nAhead >= 6 * STRETCH; }));
-    EXPECT_EQ(remote->getFigures().nOnDemand, 5 * STRETCH) << "19 came with 17, and nothing with the others";
-    EXPECT_EQ(remote->getFigures().nAhead, 6 * STRETCH);
+    ImagePtr remote;
+};
+
+TEST_F(RemoteImageSlow, onlyLittleComesAlong) {
+    expectRight({1, 3, 17, 19, 26, 27});
+    expectCame(6, 5); // 19 with 17, and nothing with the others
+}
+
+TEST_F(RemoteImageSlow, whatIsClaimedAlreadyMakesNoRoomForMore) {
+    expectRight({1, 4});
+    remote->announce({18 * STRETCH, 20 * STRETCH, 21 * STRETCH}, {STRETCH, STRETCH, STRETCH});
+    // With 20, after 18, come 21 to 23. As 21 is there, that makes two.
+    expectRight({21, 18, 20});
+    expectCame(2, 5);
+    expectRight({24});
+    expectCame(2, 6);
 }
 
 TEST_F(RemoteImage, neighboursInAGroupAreFetchedOnce) {
