@@ -86,23 +86,30 @@ url=$(head -n 1 "$work/serve.log")
 step='the update from a server, killed again and again'
 cp -r "$work/image1" "$work/killed"
 RANDOM=7
-printf '$ tavrin patch apply killed %s    # killed %d times\n' "$url" "$kills"
+printf '$ tavrin patch apply killed %s    # killed again and again\n' "$url"
 for ((killed = 0; killed < kills; ++killed)); do
     setsid "$tavrin" patch apply "$work/killed" "$url" --quiet 2>>"$work/killed.log" &
     pid=$!
     sleep "$(printf '0.%03d' $((RANDOM % 150 + 30)))"
-    kill -KILL "$pid" 2>/dev/null || break
+    if ! kill -KILL "$pid" 2>/dev/null; then
+        # On a fast machine it is through before the last kill.
+        wait "$pid" || fail "it failed after $killed kills: $(cat "$work/killed.log")"
+        break
+    fi
     wait "$pid" 2>/dev/null || true
 done
-if ((killed < kills)); then fail "it was through, or had failed, after $killed kills: $(cat "$work/killed.log")"; fi
+if ((killed < 3)); then fail "it was through after $killed kills"; fi
+printf 'It was killed %d times.\n' "$killed"
 if [[ -e $work/killed/patch.progress ]]; then
     step='a mount of what is half patched'
     if "$tavrin" mount "$work/killed" 2>"$work/mount.log"; then fail 'it was mounted'; fi
     if ! grep -q -- '--resume' "$work/mount.log"; then fail "$(cat "$work/mount.log")"; fi
     cat "$work/mount.log"
 fi
-step='going on'
-run patch apply "$work/killed" --resume
+if ((killed == kills)); then
+    step='going on'
+    run patch apply "$work/killed" --resume
+fi
 compare "$work/killed" 2
 
 step='the published order'
