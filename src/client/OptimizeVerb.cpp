@@ -116,7 +116,7 @@ SxString makeIndex(const OptimizeOptions& options, const PrivateFolder& place, S
             throw SxException("'" + *name + "' holds no trace of a run that the order could come from", UNIT,
                               __LINE__);
         }
-        const SxString index = place.path + "index/";
+        SxString index = place.path + "index/";
         ZqImageOrder order(options.image, traces, index);
         runJob(&order, "order", *out);
         if (!order.isComplete()) throw SxException("stopped", UNIT, __LINE__);

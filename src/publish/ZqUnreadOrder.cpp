@@ -82,6 +82,7 @@ public:
     std::vector<size_t> sort() const {
         // The likeliest folder, folders that are alike by their place, the likeliest files, their place.
         std::vector<std::array<uint64, 4>> keys;
+        keys.reserve(rows.size());
         for (size_t i = 0; i < rows.size(); ++i) {
             const Folder& folder = folders.at(folderOf(rows[i].path.str()));
             const uint64 step = isRead[i] ? STEPS : chances[i] * STEPS / CERTAIN;
@@ -89,6 +90,7 @@ public:
         }
         std::sort(keys.begin(), keys.end());
         std::vector<size_t> result;
+        result.reserve(keys.size());
         for (const auto& key : keys)
             result.push_back(key.back());
         return result;
