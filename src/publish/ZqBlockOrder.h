@@ -13,11 +13,11 @@ class ZqBlockUse;
 /// byte.
 ///
 /// First come the blocks that a mount reads, whether or not a trace has them. Then comes the core: what the
-/// next run will most likely read (ZqReadChance), by how early it is needed (ZqBlockUse).
-/// Then comes the tail, what only some runs have read, so that what is read together lies together
-/// (zqOrderTail). Then come the blocks that no run has read: by their files, where those are known
-/// (zqUnreadOrder); else first those that stand between two read ones with few others. All that is left comes
-/// in RAW order. Blocks that aren't included have no place, and a trace may name them.
+/// next run will most likely read (ZqReadChance), by how early it is needed (ZqBlockUse). Then comes the
+/// tail, what only some runs have read, so that what is read together lies together (zqOrderTail). Then come
+/// the blocks that no run has read: by their files, where those are known (zqUnreadOrder); else first those
+/// that stand between two read ones with few others. All that is left comes in RAW order. Blocks that aren't
+/// included have no place, and a trace may name them.
 ///
 /// A block belongs in the core if that pays: its chance, times what it costs on demand, must be more than
 /// what it costs in order, where those who don't read it fetch it, too. On demand it costs its part of a

@@ -39,9 +39,13 @@ private:
 /// How often a trace is read.
 constexpr uint64 N_TIMES = 2;
 
+SxString pathOf(const SxString& trace) {
+    return ZqSysEnv::unifySlashes(ZqImageFolder::prefix(trace));
+}
+
 /// Bytes of the records of a trace; 0 where it has none.
 uint64 sizeOf(const SxString& trace) {
-    const SxFileInfo items(ZqSysEnv::unifySlashes(ZqImageFolder::prefix(trace)) + ZqTraceFiles::ITEMS);
+    const SxFileInfo items(pathOf(trace) + ZqTraceFiles::ITEMS);
     return items.isFile() ? static_cast<uint64>(items.getSize()) : 0;
 }
 
@@ -70,7 +74,7 @@ ZqOrderRuns::ZqOrderRuns(const SxList<SxString>& traces, const ZqOrderImage& ima
 
 void ZqOrderRuns::addRun(const SxString& trace) {
     try {
-        const SxString path = ZqSysEnv::unifySlashes(ZqImageFolder::prefix(trace));
+        const SxString path = pathOf(trace);
         Run run{trace, path, ZqTraceParams(path), {}};
         const SxString of = run.record.checksumMnt;
         if (run.record.isSeries()) {

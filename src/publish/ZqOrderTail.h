@@ -12,8 +12,8 @@
 /// stretches hold pieces of two.
 ///
 /// Sessions of three games were held out, and read from such orders by a model of the link at 20 Mbit/s, when
-/// a block's place was still the mean of the runs. By
-/// folder first, then by how many runs, and then by which, sessions that were traced beside eleven others
-/// took 1.27 times their ideal, and 1.16 so; others took 1.42 and 1.36. A chain of the most similar sketches
-/// was as good (1.13 and 1.38), but takes the square of their number.
+/// a block's place was still the mean of the runs. By folder first, then by how many runs, and then by which,
+/// sessions that were traced beside eleven others took 1.27 times their ideal, and 1.16 so; others took 1.42
+/// and 1.36. A chain of the most similar sketches was as good (1.13 and 1.38), but takes the square of their
+/// number.
 void zqOrderTail(const ZqBlockUse& use, std::span<uint64> rawIdcs);

@@ -22,8 +22,8 @@ public:
     /// The stretches from `first` on, up to but not including `end`.
     struct Group {
         uint32 first = 0, end = 0;
-        std::vector<uint32>
-            hot; ///< that a session most likely reads, in the order in which they are announced
+        /// Those that a session most likely reads, in the order in which they are announced.
+        std::vector<uint32> hot;
         std::vector<Next> next; ///< at most MAX_NEXT
         bool operator==(const Group&) const = default;
     };
