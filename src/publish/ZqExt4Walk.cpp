@@ -81,14 +81,16 @@ void ZqExt4Walk::readExtents(const std::string& node, uint64 depth, std::vector<
         const size_t at = NODE + i * NODE;
         if (depth > 0) {
             const uint64 block = number(node, at + 8, 2) << 32 | number(node, at + 4, 4);
-            takeBlocks(block, 1);
+            requireBlocks(block, 1);
+            takeBlocks(1);
             readExtents(reader->read(block * BLOCK, BLOCK), depth - 1, extents);
             continue;
         }
         const uint64 first = number(node, at + 6, 2) << 32 | number(node, at + 8, 4);
         uint64 count = number(node, at + 4, 2);
         if (count > MAX_WRITTEN) count -= MAX_WRITTEN;
-        takeBlocks(first, count);
+        requireBlocks(first, count);
+        takeBlocks(count);
         append(extents, {first, count});
     }
 }

@@ -6,22 +6,32 @@
 #include <algorithm>
 
 namespace {
-constexpr const char* UNIT = "src/publish/ZqDriveWalk";
+constexpr const char* UNIT = "src/shared/ZqDriveWalk";
 constexpr uint64 NAME_COST = 64;             ///< bytes of memory beside the name itself
 constexpr uint64 MAX_COST = uint64{2} << 30; ///< bytes of memory; enough for twenty million files
+
+std::vector<uint64> unique(std::vector<uint64> inodes) {
+    std::sort(inodes.begin(), inodes.end());
+    inodes.erase(std::unique(inodes.begin(), inodes.end()), inodes.end());
+    return inodes;
+}
+
 } // namespace
 
 SxException ZqDriveWalk::damage(const SxString& what, int line) const {
     return SxException("The file system in '" + reader->getName() + "' is damaged: " + what, UNIT, line);
 }
 
-void ZqDriveWalk::takeBlocks(uint64 firstRaw, uint64 count) {
+void ZqDriveWalk::requireBlocks(uint64 firstRaw, uint64 count) const {
     const uint64 nRaw = reader->getSize() / ZqBlocks::SIZE;
-    if (count > nRaw || firstRaw > nRaw - count) {
-        throw damage("blocks " + SxString(firstRaw) + " + " + count + " lie beyond its " + nRaw, __LINE__);
-    }
+    if (count <= nRaw && firstRaw <= nRaw - count) return;
+    throw damage("blocks " + SxString(firstRaw) + " + " + count + " lie beyond its " + nRaw, __LINE__);
+}
+
+void ZqDriveWalk::takeBlocks(uint64 count) {
     nBlocks += count;
-    if (nBlocks > nRaw) throw damage("its files take more blocks than it has", __LINE__);
+    if (nBlocks > reader->getSize() / ZqBlocks::SIZE)
+        throw damage("its files take more blocks than it has", __LINE__);
 }
 
 void ZqDriveWalk::append(std::vector<Extent>* extents, const Extent& next) {
@@ -46,6 +56,7 @@ void ZqDriveWalk::add(uint64 inode, Kind kind, std::string_view name) {
     nBytes += NAME_COST + name.size();
     if (nBytes > MAX_COST) throw damage("it has more names than a drive can have", __LINE__);
     if (kind == Kind::File) names.push_back({inode, current, std::string(name)});
+    if (kind == Kind::Other) others.push_back(inode);
     if (kind != Kind::Folder) return;
     if (!entered.insert(inode)) {
         throw damage("folder '" + pathIn(current, std::string(name)) + "' has another name, too", __LINE__);
@@ -59,6 +70,18 @@ void ZqDriveWalk::findNames() {
     // It grows on the way.
     for (current = 0; current < folders.size(); ++current)
         listFolder(folders[current].inode);
+}
+
+std::vector<uint64> ZqDriveWalk::getFiles() const {
+    std::vector<uint64> inodes;
+    inodes.reserve(names.size());
+    for (const Name& name : names)
+        inodes.push_back(name.inode);
+    return unique(std::move(inodes));
+}
+
+std::vector<uint64> ZqDriveWalk::getOthers() const {
+    return unique(others);
 }
 
 SxString ZqDriveWalk::pathIn(size_t folder, const std::string& name) {

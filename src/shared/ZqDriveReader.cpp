@@ -5,7 +5,7 @@
 #include <algorithm>
 
 namespace {
-constexpr const char* UNIT = "src/publish/ZqDriveReader";
+constexpr const char* UNIT = "src/shared/ZqDriveReader";
 constexpr uint64 FEW = 512; ///< bytes; an inode, or less
 } // namespace
 

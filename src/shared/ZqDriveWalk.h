@@ -15,6 +15,10 @@ public:
     /// Bytes of a path; more than any system opens.
     static constexpr uint64 MAX_PATH = 8192;
 
+    // What the file systems that are known have in common, as Linux has it: modes of inodes, and below, types
+    // in folders.
+    static constexpr uint64 MODE_TYPE = 0xF000, MODE_DIR = 0x4000, MODE_FILE = 0x8000, MODE_LINK = 0xA000;
+
     /// RAW blocks.
     struct Extent {
         uint64 first, count;
@@ -35,12 +39,22 @@ public:
     /// Shows each file once, in the order of their inodes. Raises as findNames() does.
     void visitFiles(const std::function<void(const File&)>& visit);
 
+    struct Folder {
+        uint64 inode;
+        size_t parent;     ///< its place in getFolders(); the root is its own
+        uint64 pathLength; ///< bytes, with a trailing slash
+        std::string name;
+    };
+    /// What findNames() has found. The root comes first, and each folder after its parent.
+    const std::vector<Folder>& getFolders() const { return folders; }
+    /// Inodes of files, sorted, each once.
+    std::vector<uint64> getFiles() const;
+    /// Inodes of what is neither file nor folder, sorted, each once.
+    std::vector<uint64> getOthers() const;
+
 protected:
     enum class Kind { File, Folder, Other };
 
-    // What the file systems that are known have in common, as Linux has it: modes of inodes, and types in
-    // folders.
-    static constexpr uint64 MODE_TYPE = 0xF000, MODE_DIR = 0x4000, MODE_FILE = 0x8000;
     static Kind kindOf(uint64 type) {
         return type == 1 ? Kind::File : type == 2 ? Kind::Folder : Kind::Other;
     }
@@ -57,9 +71,11 @@ protected:
 
     void setRoot(uint64 inode) { rootInode = inode; }
     void add(uint64 inode, Kind kind, std::string_view name);
-    /// To be called for the blocks that something has for itself; raises where they lie beyond the drive, and
-    /// where all together are more than it has.
-    void takeBlocks(uint64 firstRaw, uint64 count);
+    /// Raises where the blocks lie beyond the drive.
+    void requireBlocks(uint64 firstRaw, uint64 count) const;
+    /// To be called with the number of blocks that something has for itself; raises where all together are
+    /// more than the drive has.
+    void takeBlocks(uint64 count);
     static void append(std::vector<Extent>* extents, const Extent& next);
     /// `what` is a clause.
     SxException damage(const SxString& what, int line) const;
@@ -67,12 +83,6 @@ protected:
     ZqDriveReader* reader;
 
 private:
-    struct Folder {
-        uint64 inode;
-        size_t parent;
-        uint64 pathLength; ///< bytes, with a trailing slash
-        std::string name;
-    };
     struct Name {
         uint64 inode;
         size_t folder;
@@ -82,8 +92,9 @@ private:
     SxString pathIn(size_t folder, const std::string& name);
 
     uint64 rootInode = 0;
-    std::vector<Folder> folders; ///< the root comes first
-    std::vector<Name> names;
+    std::vector<Folder> folders;
+    std::vector<Name> names;        ///< of files
+    std::vector<uint64> others;     ///< an inode for each name
     SxIndexSet entered{0};          ///< inodes of folders
     size_t current = 0;             ///< the folder that is listed
     uint64 nBlocks = 0, nBytes = 0; ///< taken; of names

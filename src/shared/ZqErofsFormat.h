@@ -1,0 +1,43 @@
+#pragma once
+
+#include "SxTypes.h"
+
+/// EROFS as the kernel has it on the disk: offsets and sizes in bytes, numbers with their least byte first.
+/// Only what is read or written here.
+namespace ZqErofsFormat {
+
+constexpr uint64 BLOCK_BITS = 12;
+
+// The superblock.
+constexpr uint64 SUPERBLOCK = 1024, SUPERBLOCK_SIZE = 128;
+constexpr uint64 MAGIC = 0xE0F5E1E2;
+constexpr size_t SB_CHECKSUM = 4, SB_COMPAT = 8, SB_BLOCK_BITS = 12, SB_EXT_SLOTS = 13, SB_ROOT = 14;
+constexpr size_t SB_N_INODES = 16, SB_N_BLOCKS = 36, SB_INODES_BLOCK = 40, SB_XATTR_BLOCK = 44;
+constexpr size_t SB_INCOMPAT = 80, SB_N_DEVICES = 86, SB_DEVICE_SLOT = 88, SB_FOLDER_BITS = 90;
+constexpr uint64 COMPAT_MTIME = 0x2;
+constexpr uint64 INCOMPAT_CHUNKS = 0x4, INCOMPAT_DEVICES = 0x8;
+
+// A slot for each further device; SB_DEVICE_SLOT counts in slots.
+constexpr uint64 DEVICE_SIZE = 128;
+constexpr size_t DEVICE_N_BLOCKS = 64;
+
+// Inodes. Their numbers count in units of bytes from the first block of inodes on.
+constexpr uint64 NID_UNIT = 32;
+constexpr uint64 COMPACT_SIZE = 32, EXTENDED_SIZE = 64;
+constexpr size_t INODE_FORMAT = 0, INODE_N_XATTRS = 2, INODE_MODE = 4, INODE_BYTES = 8, INODE_DATA = 16;
+constexpr uint64 FORMAT_EXTENDED = 1;
+/// In the format, above its lowest bit. Inline: the part of the last block follows the inode.
+enum Layout : uint64 { Plain = 0, Inline = 2, Chunks = 4 };
+
+// Chunks: INODE_DATA tells how many blocks one has, as a power of two, and that each has an index of these
+// bytes, which follow the inode.
+constexpr uint64 CHUNK_BITS = 0x1F, CHUNK_INDICES = 0x20;
+constexpr uint64 CHUNK_INDEX = 8;
+constexpr size_t CHUNK_DEVICE = 2, CHUNK_BLOCK = 4; ///< in an index; device 0 is the first one
+constexpr uint64 HOLE = 0xFFFFFFFF;
+
+// Folders: for each name one of these, and all names after that. A name ends where the next one begins.
+constexpr uint64 DIRENT = 12;
+constexpr size_t DIRENT_NAME = 8, DIRENT_TYPE = 10;
+
+} // namespace ZqErofsFormat
