@@ -278,8 +278,12 @@ int umount(const UmountOptions& options, Output& out) {
     }
     if (manager.wasBusy()) {
         out.finding(
-            "The drive was in use: it was detached, and files that are still open give I/O errors; what "
-            "is still written to them is lost");
+            disk.isServedByKernel
+                ? "The drive was in use: it was detached. Files that are still open can be read on, and the "
+                  "image can't be changed until they are closed"
+                : "The drive was in use: it was detached, and files that are still open give I/O errors; "
+                  "what "
+                  "is still written to them is lost");
     }
     // An image whose service is killed meanwhile counts as not mounted. What else a hard unmount leaves is
     // for the next command.
@@ -301,12 +305,20 @@ SxSymbol statusJson(const ZqDiskStatus& disk) {
     result.append("underflow", disk.underflow);
     result.append("queueLength", disk.queueLength);
     result.append("held", disk.nHeld);
-    result.append("reads", disk.nReads);
-    result.append("beyondQA", disk.nBeyondQA);
-    result.append("bytesFromFile", disk.nStoredBytes);
-    result.append("bytesDelivered", disk.nDeliveredBytes);
-    result.append("bytesFromLayer", disk.nLayeredBytes);
-    result.append("bytesAsZeros", disk.nZeroBytes);
+    // Nobody counts what the kernel reads by itself.
+    const auto append = [&](const char* key, uint64 count) {
+        if (disk.isServedByKernel) {
+            result.append(key, Json::Null);
+        } else {
+            result.append(key, count);
+        }
+    };
+    append("reads", disk.nReads);
+    append("beyondQA", disk.nBeyondQA);
+    append("bytesFromFile", disk.nStoredBytes);
+    append("bytesDelivered", disk.nDeliveredBytes);
+    append("bytesFromLayer", disk.nLayeredBytes);
+    append("bytesAsZeros", disk.nZeroBytes);
     result.append("waits", disk.nWaits);
     result.append("heldMs", disk.heldMs);
     result.append("suspended", disk.suspended);
@@ -315,6 +327,7 @@ SxSymbol statusJson(const ZqDiskStatus& disk) {
     result.append("failure", disk.failure);
     result.append("servicePid", disk.servicePid);
     result.append("elsewhere", ZqVolume::isElsewhere(disk));
+    result.append("served", disk.isServedByKernel ? "kernel" : "service");
     return result;
 }
 
@@ -323,7 +336,8 @@ void tellStatus(const ZqDiskStatus& disk, Output* out) {
     if (!disk.mountPath.isEmpty()) state = disk.drive + " at " + disk.mountPath;
     out->text(disk.image + ": " + state);
     SxString line = SxString("  ") + std::min(disk.cursor, disk.nIncluded) + " of " + disk.nIncluded +
-                    " blocks present, " + disk.nReads + " reads";
+                    " blocks present, ";
+    line += disk.isServedByKernel ? SxString("served by the kernel") : SxString(disk.nReads) + " reads";
     if (disk.nHeld > 0) line += SxString(", ") + disk.nHeld + " held";
     if (disk.underflow) line += SxString(", waits for ") + disk.queueLength + " blocks";
     if (disk.suspended) line += ", suspended";

@@ -38,9 +38,11 @@ public:
     uint64 getBytes(ReadPlan::Kind kind) const { return nBytes[kind].load(std::memory_order_relaxed); }
     /// A pretended cursor: reads that touch a block at or above it are counted.
     void setQACursor(uint64 zqfIdx) { qaCursor = zqfIdx; }
+    bool hasQACursor() const { return qaCursor.load() != NO_CURSOR; }
     uint64 nBeyondQA() const { return nBeyond.load(); }
 
 private:
-    std::atomic<uint64> qaCursor{~uint64{0}}, nBeyond{0}, nAll{0}, nWaits{0};
+    static constexpr uint64 NO_CURSOR = ~uint64{0};
+    std::atomic<uint64> qaCursor{NO_CURSOR}, nBeyond{0}, nAll{0}, nWaits{0};
     std::array<std::atomic<uint64>, ReadPlan::N_KINDS> nBytes{};
 };

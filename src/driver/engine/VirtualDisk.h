@@ -117,6 +117,11 @@ public:
     /// Whether its `img.zqf` no longer stands where it was opened: an image is what stands under its path
     /// now.
     bool isReplaced() const { return zqf.isReplaced(); }
+    /// Whether there is a write layer, whose blocks are another than those of `img.zqf`.
+    bool hasLayer() const { return layer.isThere(); }
+    /// Where the blocks are, and the file with those that are stored: for who reads them beside the disk.
+    const BlockMap& getMap() const { return map; }
+    const StoredFile& getStored() const { return zqf; }
     uint64 getSizeRaw() const { return cfg.sizeRaw; }
     uint64 getSectorSize() const { return cfg.sectorSize; }
 

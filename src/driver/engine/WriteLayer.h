@@ -52,6 +52,7 @@ public:
     bool giveBackRoom() { return slots.giveBackRoom(); }
     /// Ends that; the next drive goes on with it. To be called before anybody else may have the image.
     void stopGivingBack() { slots.stopGivingBack(); }
+    bool isThere() const { return slots.isOpen(); }
     int getFd() const { return slots.getFd(); }
     /// Grows while a sync() or a flush() under way goes on. Of the index this alone is asked without its
     /// lock.

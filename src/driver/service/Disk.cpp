@@ -33,20 +33,35 @@ SxString describe(const SxException& e) {
     return e.toString(SxException::ShowMessage, ": ");
 }
 
+DirectNote freshNote(const MountParams& params, int64 mounterPid) {
+    DirectNote note;
+    note.params = params;
+    note.madeNs = static_cast<uint64>(SxClock::get().steadyNs());
+    note.mounterPid = mounterPid;
+    return note;
+}
+
 } // namespace
 
-Disk::Disk(const MountParams& params_, const SxString& root_, const SxString& folder_, uint64 deviceId_,
-           uint64 cacheSize, int64 mounterPid_, std::function<void()> onLoss_)
-    : params(params_),
-      onLoss(std::move(onLoss_)),
-      root(root_),
-      folder(folder_),
-      deviceId(deviceId_),
-      madeNs(static_cast<uint64>(SxClock::get().steadyNs())),
-      mounterPid(mounterPid_),
+Disk::Disk(const MountParams& params_, const Place& place, int64 mounterPid_)
+    : Disk(freshNote(params_, mounterPid_), place, false) {
+}
+
+Disk::Disk(const DirectNote& note_, const Place& place) : Disk(note_, place, true) {
+}
+
+Disk::Disk(const DirectNote& note_, const Place& place, bool isLeft)
+    : params(note_.params),
+      onLoss(place.onLoss),
+      root(place.root),
+      folder(place.folder),
+      directVolume(place.directVolume),
+      deviceId(place.deviceId),
+      madeNs(note_.madeNs),
+      mounterPid(note_.mounterPid),
       locks(params.image, params.writesInPlace()),
       disk({params.image + "/", params.sizeRaw, params.sectorSize, params.cursor, params.readOnly,
-            params.writeLayer, cacheSize},
+            params.writeLayer, place.cacheSize},
            [this](uint64 token) {
                if (token == VolumeProbe::TOKEN) {
                    probe.wake();
@@ -58,10 +73,15 @@ Disk::Disk(const MountParams& params_, const SxString& root_, const SxString& fo
       front(&disk),
       lost(params.image, folder),
       readAhead(disk),
+      note(note_),
       starter("mount", [this] { start(); }),
-      upkeep({params.image, folder, front, disk, readAhead}, cacheSize,
-             {[this] { return isMounted(); }, [this] { return isGone(); },
+      upkeep({params.image, folder, front, disk, readAhead}, place.cacheSize,
+             {[this] { return isMounted(); }, [this] { return isGone(); }, [this] { return isDirect.load(); },
               [this](const SxString& why) { return takeDown(why); }}) {
+    if (isLeft) {
+        takeOver();
+        return;
+    }
     if (!disk.getNotice().isEmpty()) driverLog(params.image + ": " + disk.getNotice());
     if (!params.traceFolder.isEmpty()) disk.getTrace()->start(params.traceFolder);
     folder.noteImage(params.image);
@@ -104,8 +124,10 @@ void Disk::bringUp() {
     }
     if (::geteuid() != 0) UserDriver::requireMeans(type);
     folder.makeMountPoints();
-    front.mount(folder.getFront().str(), "tavrin");
-    attach(type);
+    if (!attachDirect(type)) {
+        front.mount(folder.getFront().str(), "tavrin");
+        attach(type);
+    }
     folder.noteIdentity(deviceId);
     const SxMutexBlock block(&tearing);
     if (ending) throw SxException("The disk was ejected", UNIT, __LINE__);
@@ -176,8 +198,9 @@ bool Disk::detach() {
     const SxString why = userDriver.stop(isDetached, stallMs(), [this] { return getProgress(); });
     if (!why.isEmpty()) lost.note(why);
     lost.setHolds(false);
-    // What a program still has open fails from here on, so that it can't wait for ever.
-    if (busy) cutOff("the drive was in use");
+    // What a program still has open fails from here on, so that it can't wait for ever. What the kernel
+    // serves doesn't wait.
+    if (busy && !isDirect) cutOff("the drive was in use");
     state.detach();
     return busy;
 }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "DirectNote.h"
+#include "DirectVolume.h"
 #include "DiskFolder.h"
 #include "DiskLocks.h"
 #include "DiskState.h"
@@ -16,21 +18,12 @@
 #include <functional>
 #include <memory>
 
-/// What a disk is made from.
-struct MountParams {
-    SxString image;       ///< canonical path of the image folder
-    SxString traceFolder; ///< host path; empty for no trace
-    bool readOnly = true, writeLayer = false, removable = false;
-    bool hostFlag = false, awaitFileSystem = false, spareFlag = false; ///< kept as they came
-    uint64 sizeRaw = 0, sectorSize = 0;                                ///< bytes
-    uint64 cursor = 0;                                                 ///< blocks
-
-    /// Whether programs write into `img.zqf` (mode "rw").
-    bool writesInPlace() const { return !readOnly && !writeLayer; }
-};
-
 /// One mounted image: the virtual disk, the file that shows it to the kernel, the volume on it, its letter
 /// and its redirections. All operations are safe from any thread. DiskState has the stages of its life.
+///
+/// Where it can, the kernel serves the volume by itself (DirectVolume), and the service only keeps its letter
+/// and its locks. That is settled when the volume comes up and stays so, since open files would show a
+/// change. A service that comes after one that was killed takes such a disk over (DirectNote).
 ///
 /// A disk that can't be mounted stays as Failed, with the reason, since the mount call has returned long
 /// before.
@@ -41,12 +34,23 @@ struct MountParams {
 /// a service that was killed says that writes may be lost.
 class Disk {
 public:
-    /// Opens the image, takes its locks and starts to bring the volume up. `root` is the machine root,
-    /// `folder` the disk's own folder, both host paths. Raises where the image can't be served.
-    /// `mounterPid`: the process that has it mounted. `onLoss` is called, on a thread of the disk, where
-    /// somebody else has ended the mount and what programs wrote went with it: no client is there to be told.
-    Disk(const MountParams& params, const SxString& root, const SxString& folder, uint64 deviceId,
-         uint64 cacheSize, int64 mounterPid, std::function<void()> onLoss);
+    /// What the disks of a service have in common, and what each gets from it.
+    struct Place {
+        SxString root;   ///< the machine root, a host path
+        SxString folder; ///< the disk's own folder, a host path
+        uint64 deviceId;
+        uint64 cacheSize;               ///< bytes
+        LastDirectVolume* directVolume; ///< which outlives the disk
+        /// Called, on a thread of the disk, where somebody else has ended the mount and what programs wrote
+        /// went with it: no client is there to be told.
+        std::function<void()> onLoss;
+    };
+    /// Opens the image, takes its locks and starts to bring the volume up. Raises where the image can't be
+    /// served. `mounterPid`: the process that has it mounted.
+    Disk(const MountParams& params, const Place& place, int64 mounterPid);
+    /// Takes over what a service that was killed has left to the kernel. Raises where it can't; the mount
+    /// stays then.
+    Disk(const DirectNote& note, const Place& place);
     ~Disk();
     Disk(const Disk&) = delete;
     Disk& operator=(const Disk&) = delete;
@@ -76,14 +80,16 @@ public:
     /// Undoes that.
     void restore();
     void setCursor(uint64 zqfIdx) { disk.setCursor(zqfIdx); } // the upkeep looks after the read-ahead
-    /// Raises while the disk is being ejected.
+    /// These need sight of the reads, and so raise where the kernel serves the volume. suspend() raises while
+    /// the disk is being ejected, too.
     void suspend();
+    void setQACursor(uint64 zqfIdx);
+    void monitorOn(const SxString& traceFolder);
     /// Moves the write layer into `img.zqf`. Raises while somebody puts blocks of that right.
     void flushLayer();
-    void monitorOn(const SxString& traceFolder);
     /// Whoever mounts it has done all of its mount. A disk that a client which was killed has left half made
     /// would lack its redirections, and saves would go nowhere; the next mount takes it away.
-    void setReady() { ready = true; }
+    void setReady();
     /// Whether it is ready, and no name was redirected.
     bool isPlain() const { return ready && !isRedirected; }
     /// The volume's label, from its superblock; empty where that isn't present.
@@ -98,9 +104,15 @@ public:
     uint64 getDeviceId() const { return deviceId; }
 
 private:
+    Disk(const DirectNote& note, const Place& place, bool isLeft);
     void start();
     void bringUp();
     void attach(const SxString& type);
+    bool attachDirect(const SxString& type);
+    bool claimDirect(const SxString& type);
+    void takeOver();
+    void updateNote(const std::function<void(DirectNote*)>& change);
+    void requireSight(const SxString& wanted) SX_REQUIRES(sight);
     Helper::Facts runHelper(const SxList<SxString>& words);
     void unblock();
     void cutOff(const SxString& why);
@@ -114,6 +126,7 @@ private:
     const std::function<void()> onLoss;
     const SxString root;
     const DiskFolder folder;
+    LastDirectVolume* const directVolume;
     const uint64 deviceId, madeNs;
     const int64 mounterPid;
     DiskLocks locks; ///< until everything is removed
@@ -128,7 +141,12 @@ private:
     SxString loop; ///< device; empty without one. The starter's, and then of who holds `tearing`
     std::atomic<bool> detaching{false}, ending{false}, ready{false}, isAborted{false};
     std::atomic<bool> isRedirected{false};
+    std::atomic<bool> isDirect{false}; ///< the kernel serves the volume; set with `sight`
 
+    /// Held over what needs sight of the reads, and while it is settled who serves the volume. Taken after
+    /// `tearing`, by who holds both.
+    SxMutex sight;
+    DirectNote note SX_GUARDED_BY(sight);
     SxMutex ejecting; ///< held over an eject, and taken before `tearing`
     SxMutex tearing;  ///< held over everything that unmounts
 

@@ -28,6 +28,7 @@ void Disk::redirect(const SxList<SxString>& names, const SxString& directory) {
                           __LINE__);
     }
     isRedirected = true;
+    updateNote([](DirectNote* kept) { kept->isRedirected = true; });
     SxList<SxString> words = {"redirect", folder.getVolume(), directory, params.image + "/"};
     words.append(names);
     try {
@@ -46,8 +47,16 @@ void Disk::redirect(const SxList<SxString>& names, const SxString& directory) {
 }
 
 void Disk::suspend() {
+    const SxMutexBlock block(&sight);
     if (ending) throw SxException("The disk is being ejected", UNIT, __LINE__);
+    requireSight("suspended");
     disk.suspend();
+}
+
+void Disk::setQACursor(uint64 zqfIdx) {
+    const SxMutexBlock block(&sight);
+    requireSight("counted from a place on");
+    disk.getReads()->setQACursor(zqfIdx);
 }
 
 void Disk::flushLayer() {
@@ -59,7 +68,11 @@ void Disk::flushLayer() {
 }
 
 void Disk::monitorOn(const SxString& traceFolder) {
-    disk.getTrace()->start(traceFolder);
+    {
+        const SxMutexBlock block(&sight);
+        requireSight("traced");
+        disk.getTrace()->start(traceFolder);
+    }
     SxWait::pass(SETTLE_MS, [this] { return !isMounted() || !readAhead.isHigh(); });
 }
 
@@ -94,6 +107,7 @@ ZqDiskStatus Disk::getStatus() {
     status.ready = ready;
     status.replaced = upkeep.isReplaced();
     status.mounterPid = mounterPid;
+    status.isServedByKernel = isDirect;
     status.servicePid = SxOs::processId();
     status.madeNs = madeNs;
     const DiskState::View view = state.view();

@@ -47,6 +47,7 @@ void DiskFolder::remove() const {
     SxOs::get().unlink(base + ZqServiceFolder::IMAGE);
     SxOs::get().unlink(base + ZqServiceFolder::IDENTITY);
     SxOs::get().unlink(base + ZqServiceFolder::WRITTEN);
+    SxOs::get().unlink(base + ZqServiceFolder::DIRECT);
     SxOs::get().removeDir(base + ZqServiceFolder::VOLUME);
     SxOs::get().removeDir(base + ZqServiceFolder::FRONT);
     const int result = SxOs::get().removeDir(path.str());

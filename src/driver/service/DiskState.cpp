@@ -18,6 +18,13 @@ SxString DiskState::mount(const SxString& root, const SxString& volume) {
     return letter.get();
 }
 
+SxString DiskState::takeOver(const SxString& root, const SxString& volume) {
+    const SxMutexBlock block(&mutex);
+    if (!letter.takeOver(root, volume)) letter.take(root, volume);
+    stage = Stage::Mounted;
+    return letter.get();
+}
+
 void DiskState::detach() {
     const SxMutexBlock block(&mutex);
     stage = Stage::Detached;

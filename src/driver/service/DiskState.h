@@ -31,6 +31,8 @@ public:
     bool is(Stage asked) const;
     /// Takes a letter for the volume, and is Mounted; gives the letter with its colon. Raises.
     SxString mount(const SxString& root, const SxString& volume);
+    /// The same for a volume that has a letter by now, or gets one.
+    SxString takeOver(const SxString& root, const SxString& volume);
     void detach();
     /// Detached without a letter.
     void dropLetter();

@@ -31,14 +31,6 @@ const SxString WRITTEN_MARK = "written ";
                       __LINE__);
 }
 
-void writeParams(const MountParams& params, Writer* out) {
-    out->text(params.image).text(params.traceFolder);
-    for (const bool flag : {params.readOnly, params.writeLayer, params.removable, params.hostFlag,
-                            params.awaitFileSystem, params.spareFlag})
-        out->flag(flag);
-    out->number(params.sizeRaw).number(params.sectorSize).number(params.cursor);
-}
-
 } // namespace
 
 Service::Service(const SxString& root_, const SxString& folder_) : root(root_), folder(folder_) {
@@ -187,16 +179,36 @@ void Service::requireNoEnd() const {
     if (ending) refuse("The drive service (process " + SxString(SxOs::processId()) + ") ends");
 }
 
+Disk::Place Service::placeOf(uint64 deviceId, const SxString& image) {
+    return {root,          folder + ZqServiceFolder::MOUNTS + "/" + deviceId,
+            deviceId,      cacheSize.load(),
+            &directVolume, [this, image] { noteLost(image); }};
+}
+
 Service::DiskPtr Service::make(const MountParams& params, uint64 deviceId, int64 peer) {
-    const SxString own = folder + ZqServiceFolder::MOUNTS + "/" + deviceId;
-    SxFSAction::mkdir_p(own, 0700);
+    const Disk::Place place = placeOf(deviceId, params.image);
+    SxFSAction::mkdir_p(place.folder, 0700);
     try {
-        return std::make_shared<Disk>(params, root, own, deviceId, cacheSize.load(), peer,
-                                      [this, image = params.image] { noteLost(image); });
+        return std::make_shared<Disk>(params, place, peer);
     } catch (const std::exception&) {
-        SxOs::get().removeDir(own.str());
+        SxOs::get().removeDir(place.folder.str());
         throw;
     }
+}
+
+void Service::takeOver(const Leftovers::Disks& left) {
+    Leftovers::Disks taken;
+    for (const auto& [id, note] : left) {
+        try {
+            const DiskPtr disk = std::make_shared<Disk>(note, placeOf(id, note.params.image));
+            const SxMutexBlock block(&mutex);
+            disks[id] = disk;
+            taken.emplace(id, note);
+        } catch (const std::exception& e) {
+            driverLog("image " + note.params.image + " can't be taken over: " + e.what());
+        }
+    }
+    if (taken.size() < left.size()) Leftovers::sweep(root, folder, taken);
 }
 
 Service::DiskPtr Service::mount(const MountParams& params, int64 peer) {
@@ -320,22 +332,6 @@ bool Service::retire() {
     return retiring;
 }
 
-MountParams Service::readParams(Reader* request) {
-    MountParams params;
-    params.image = request->text();
-    params.traceFolder = request->text();
-    params.readOnly = request->flag();
-    params.writeLayer = request->flag();
-    params.removable = request->flag();
-    params.hostFlag = request->flag();
-    params.awaitFileSystem = request->flag();
-    params.spareFlag = request->flag();
-    params.sizeRaw = request->number();
-    params.sectorSize = request->number();
-    params.cursor = request->number();
-    return params;
-}
-
 void Service::storeDisks() const {
     const std::vector<DiskPtr> now = all();
     Writer table;
@@ -344,7 +340,7 @@ void Service::storeDisks() const {
         MountParams params = disk->getParams();
         params.cursor = disk->getVirtualDisk()->getCursor();
         params.traceFolder = SxString(); // a trace that goes on would begin afresh, over the former one
-        writeParams(params, &table);
+        params.write(&table);
         table.flag(disk->isPlain());
     }
     SxFileIO::writeAtomic(folder + ZqServiceFolder::DISK_TABLE, SxString(table.body()), 0600);
@@ -359,7 +355,7 @@ void Service::loadDisks() {
     Reader table(std::string(bytes.data(), static_cast<size_t>(n)));
     std::vector<std::pair<MountParams, bool>> stored;
     for (uint64 left = table.number(); left > 0 && table.hasAll(); --left) {
-        const MountParams params = readParams(&table);
+        const MountParams params = MountParams::read(&table);
         stored.emplace_back(params, table.flag());
     }
     if (!table.ok()) refuse("The table of disks '" + file + "' is damaged");
@@ -393,6 +389,7 @@ void Service::reset() {
 }
 
 void Service::tick() {
+    directVolume.tick();
     for (const DiskPtr& disk : all()) {
         if (!disk->wasTakenAway()) continue;
         const SxMutexBlock block(&mutex);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Disk.h"
+#include "Leftovers.h"
 #include "SxMutex.h"
 #include "ZqDriveWire.h"
 
@@ -18,6 +19,10 @@ class Service {
 public:
     /// `root` is the machine root, `folder` the service's own folder with a trailing slash; host paths.
     Service(const SxString& root, const SxString& folder);
+
+    /// Goes on with disks that a service which was killed has left to the kernel. One that can't be taken
+    /// over is removed. To be called before all others.
+    void takeOver(const Leftovers::Disks& disks);
 
     /// Carries out one request. Gives the body of the answer; raises where the request fails.
     /// `peer` is the client's process id.
@@ -54,6 +59,7 @@ private:
     class Ejector;
     /// Takes a device id for the image; none where another request is making the image's disk.
     std::optional<uint64> reserve(const SxString& image);
+    Disk::Place placeOf(uint64 deviceId, const SxString& image);
     DiskPtr make(const MountParams& params, uint64 deviceId, int64 peer);
     enum class Left { No, Read, Written };
     Left takeLeft(const SxString& image);
@@ -67,7 +73,6 @@ private:
     };
     std::vector<Loss> ejectAll();
     void requireNoEnd() const SX_REQUIRES(mutex);
-    static MountParams readParams(ZqDriveWire::Reader* request);
     void storeDisks() const;
     void loadDisks();
     void reset();
@@ -81,6 +86,7 @@ private:
     const SxString root, folder;
     std::atomic<uint64> cacheSize{0}; // bytes
     std::atomic<bool> guardLogging{false}, retiring{false};
+    LastDirectVolume directVolume;
 
     SxMutex lefts; ///< held over the file of what was left, which lies in the service's own folder
     mutable SxMutex mutex;

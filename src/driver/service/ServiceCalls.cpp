@@ -36,6 +36,7 @@ void writeStatus(const ZqDiskStatus& status, Writer* out) {
                             status.suspended, status.monitored})
         out->flag(flag);
     out->number(static_cast<uint64>(status.servicePid)).number(status.madeNs);
+    out->flag(status.isServedByKernel);
 }
 
 void writeList(const std::vector<uint64>& numbers, Writer* out) {
@@ -165,9 +166,7 @@ bool Service::handleDisk(Call call, Reader* request, Writer* answer) {
     case Call::SetCursor:
         return simple([](const DiskPtr& disk, uint64 zqfIdx) { disk->setCursor(zqfIdx); });
     case Call::SetQACursor:
-        return simple([](const DiskPtr& disk, uint64 zqfIdx) {
-            disk->getVirtualDisk()->getReads()->setQACursor(zqfIdx);
-        });
+        return simple([](const DiskPtr& disk, uint64 zqfIdx) { disk->setQACursor(zqfIdx); });
     case Call::Suspend:
         return simple([](const DiskPtr& disk, uint64) { disk->suspend(); });
     case Call::Ready:
@@ -251,7 +250,7 @@ bool Service::handleGuard(Call call, Reader* request, Writer* answer) {
 bool Service::handleService(Call call, Reader* request, Writer* answer, int64 peer) {
     switch (call) {
     case Call::Mount: {
-        const MountParams params = readParams(request);
+        const MountParams params = MountParams::read(request);
         requireWhole(*request);
         mount(params, peer);
         return true;

@@ -56,7 +56,9 @@ void Upkeep::tick() {
 
 /// What of the two somebody has unmounted; null for neither.
 const char* Upkeep::findUnmounted() const {
-    if (parts.front.hasEnded() || !Mounts::isMounted(parts.folder.getFront().str())) return "file";
+    const bool hasFile = !ties.isDirect();
+    if (hasFile && (parts.front.hasEnded() || !Mounts::isMounted(parts.folder.getFront().str())))
+        return "file";
     return Mounts::isMounted(parts.folder.getVolume().str()) ? nullptr : "volume";
 }
 

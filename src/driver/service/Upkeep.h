@@ -18,7 +18,8 @@ public:
     /// What it asks of the disk's owner, and tells it; called on the upkeep's thread.
     struct Ties {
         std::function<bool()> isMounted;
-        std::function<bool()> isGone; ///< the work ends then
+        std::function<bool()> isGone;   ///< the work ends then
+        std::function<bool()> isDirect; ///< the kernel serves the volume, which lies on no file of ours
         /// Somebody has unmounted the drive, for all that is known. Gives whether that is taken care of;
         /// else it is told of it again.
         std::function<bool(const SxString& why)> onUnmounted;

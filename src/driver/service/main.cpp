@@ -1,9 +1,9 @@
 #include "ControlServer.h"
 #include "DriverLog.h"
 #include "Helper.h"
+#include "Leftovers.h"
 #include "StarterTies.h"
 #include "SxException.h"
-#include "SxFSAction.h"
 #include "SxFileIO.h"
 #include "SxOs.h"
 #include "SxTime.h"
@@ -16,7 +16,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
-#include <filesystem>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -45,7 +44,6 @@
 namespace {
 
 constexpr int64 IDLE_MS = 30'000;
-constexpr int64 SWEEP_MS = 10'000;
 /// How long another service that is about to end is waited for.
 constexpr int64 END_MS = 15'000;
 /// Bytes of a log; one that has more is put aside as `.old` when a service starts.
@@ -114,44 +112,13 @@ void takeLifeLock(const SxString& folder) {
                       __LINE__);
 }
 
-/// Removes what a service that was killed has left; notes the images in `left`. It is found by its place:
-/// every mount, loop device, letter and folder below the service's folder.
-void sweep(const SxString& root, const SxString& folder) {
-    const std::string mounts = folder.str() + ZqServiceFolder::MOUNTS;
-    std::error_code error;
-    // Links are on the disk and outlive a power cut; the folders that they lead to don't. All of them are of
-    // former services: this one, which alone makes such links now, has made none yet.
-    DriveLetter::removeBelow(root, SxString(mounts) + "/");
-    if (!std::filesystem::exists(mounts, error) || std::filesystem::is_empty(mounts, error)) return;
-    driverLog("removes what a former service left in " + SxString(mounts));
-    Helper::run({"sweep", SxString(mounts)}, SWEEP_MS, nullptr);
-    SxList<SxString> images, written;
-    for (const auto& disk : std::filesystem::directory_iterator(mounts, error)) {
-        const SxString image = (disk.path() / ZqServiceFolder::IMAGE).string();
-        if (!SxFSAction::test_f(image)) continue;
-        images.append(SxFileIO::readUtf8(image));
-        if (SxFSAction::test_f(SxString((disk.path() / ZqServiceFolder::WRITTEN).string())))
-            written.append(images.last());
-    }
-    // Before the removal, after which nobody would know of them.
-    Service::noteLeft(folder, images, written);
-    // Folders alone are removed: where something is still mounted, nothing of it must be touched.
-    for (const auto& disk : std::filesystem::directory_iterator(mounts, error)) {
-        // All files, since the service may have been killed while it wrote one under another name. The call
-        // fails on folders.
-        for (const auto& entry : std::filesystem::directory_iterator(disk.path(), error))
-            ::unlink(entry.path().c_str());
-        ::rmdir((disk.path() / ZqServiceFolder::VOLUME).c_str());
-        ::rmdir((disk.path() / ZqServiceFolder::FRONT).c_str());
-        ::rmdir(disk.path().c_str());
-    }
-}
-
 int serve(const SxString& root, const SxString& folder, int readyFd) {
     try {
         takeLifeLock(folder);
-        sweep(root, folder);
+        const Leftovers::Disks served = Leftovers::findServed(folder);
+        Leftovers::sweep(root, folder, served);
         Service service(root, folder);
+        service.takeOver(served);
         ControlServer server(&service, folder.str(), idleMs());
         server.listen();
         [[maybe_unused]] const ssize_t written = ::write(readyFd, "1", 1);

@@ -16,17 +16,21 @@ SxString devices(const SxString& root) {
     return root + "/dosdevices";
 }
 
+constexpr char FIRST = 'd', LAST = 'z';
+
+std::string pathOf(const SxString& root, char letter) {
+    return devices(root).str() + "/" + letter + ":";
+}
+
 } // namespace
 
 void DriveLetter::take(const SxString& root, const SxString& to) {
     ZqRootLayout::make(root);
-    for (char letter = 'd'; letter <= 'z'; ++letter) {
-        const std::string path = devices(root).str() + "/" + letter + ":";
+    for (char letter = FIRST; letter <= LAST; ++letter) {
+        const std::string path = pathOf(root, letter);
         const int result = SxOs::get().symlink(to.str(), path);
         if (result == 0) {
-            link = path;
-            target = to.str();
-            drive = SxString(std::string(1, static_cast<char>(letter - 'a' + 'A')) + ":");
+            keep(letter, path, to);
             return;
         }
         if (result != -EEXIST) {
@@ -36,6 +40,23 @@ void DriveLetter::take(const SxString& root, const SxString& to) {
         }
     }
     throw SxException("No drive letter is free in '" + devices(root) + "'", UNIT, __LINE__);
+}
+
+bool DriveLetter::takeOver(const SxString& root, const SxString& to) {
+    for (char letter = FIRST; letter <= LAST; ++letter) {
+        const std::string path = pathOf(root, letter);
+        std::string now;
+        if (SxOs::get().readLink(path, &now) != 0 || now != to.str()) continue;
+        keep(letter, path, to);
+        return true;
+    }
+    return false;
+}
+
+void DriveLetter::keep(char letter, const std::string& path, const SxString& to) {
+    link = path;
+    target = to.str();
+    drive = SxString(std::string(1, static_cast<char>(letter - 'a' + 'A')) + ":");
 }
 
 void DriveLetter::remove() {
@@ -49,12 +70,13 @@ void DriveLetter::remove() {
     drive = SxString();
 }
 
-void DriveLetter::removeBelow(const SxString& root, const SxString& folder) {
+void DriveLetter::removeBelow(const SxString& root, const SxString& folder, const SxList<SxString>& kept) {
     std::vector<std::string> names;
     SxOs::get().list(devices(root).str(), &names);
     for (const std::string& name : names) {
         const std::string path = devices(root).str() + "/" + name;
         std::string to;
-        if (SxOs::get().readLink(path, &to) == 0 && to.starts_with(folder.str())) SxOs::get().unlink(path);
+        const bool isBelow = SxOs::get().readLink(path, &to) == 0 && to.starts_with(folder.str());
+        if (isBelow && !kept.contains(SxString(to))) SxOs::get().unlink(path);
     }
 }

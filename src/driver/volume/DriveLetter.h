@@ -1,5 +1,6 @@
 #pragma once
 
+#include "SxList.h"
 #include "SxString.h"
 
 #include <string>
@@ -12,15 +13,19 @@ public:
 
     /// Takes the first free letter from D on. Raises where there is none, or the link can't be made.
     void take(const SxString& root, const SxString& target);
+    /// Takes over a link that leads there, of a service that has ended; false where there is none.
+    bool takeOver(const SxString& root, const SxString& target);
     /// Removes the link, if it is still ours. Harmless where none was taken.
     void remove();
     /// Letter and colon; empty where none was taken.
     SxString get() const { return drive; }
 
-    /// Removes all links of the root that lead below `folder`.
-    static void removeBelow(const SxString& root, const SxString& folder);
+    /// Removes all links of the root that lead below `folder`, but those to the targets in `kept`.
+    static void removeBelow(const SxString& root, const SxString& folder, const SxList<SxString>& kept);
 
 private:
+    void keep(char letter, const std::string& path, const SxString& to);
+
     std::string link, target;
     SxString drive;
 };

@@ -16,7 +16,6 @@
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
-#include <vector>
 
 extern char** environ;
 
@@ -52,7 +51,31 @@ struct Pipe {
     }
 };
 
-pid_t spawn(const SxList<SxString>& arguments, int outputFd) {
+/// Copies of descriptors that are none of those which they become in a helper.
+class Copies {
+public:
+    explicit Copies(const std::vector<int>& files) {
+        const int least = Helper::FIRST_FILE + static_cast<int>(files.size());
+        for (const int file : files)
+            copies.push_back(::fcntl(file, F_DUPFD_CLOEXEC, least));
+    }
+    ~Copies() {
+        for (const int copy : copies)
+            ::close(copy);
+    }
+    Copies(const Copies&) = delete;
+    Copies& operator=(const Copies&) = delete;
+
+    void hand(posix_spawn_file_actions_t* actions) const {
+        for (size_t i = 0; i < copies.size(); ++i)
+            ::posix_spawn_file_actions_adddup2(actions, copies[i], Helper::FIRST_FILE + static_cast<int>(i));
+    }
+
+private:
+    std::vector<int> copies;
+};
+
+pid_t spawn(const SxList<SxString>& arguments, int outputFd, const std::vector<int>& files) {
     std::vector<std::string> words = {"zqdd", "helper"};
     for (const SxString& word : arguments)
         words.push_back(word.str());
@@ -64,6 +87,8 @@ pid_t spawn(const SxList<SxString>& arguments, int outputFd) {
     posix_spawn_file_actions_t actions;
     ::posix_spawn_file_actions_init(&actions);
     ::posix_spawn_file_actions_adddup2(&actions, outputFd, STDOUT_FILENO);
+    const Copies copies(files);
+    copies.hand(&actions);
     pid_t pid = -1;
     const int error = ::posix_spawn(&pid, "/proc/self/exe", &actions, nullptr, argv.data(), environ);
     ::posix_spawn_file_actions_destroy(&actions);
@@ -112,9 +137,10 @@ int collect(pid_t pid) {
 } // namespace
 
 Helper::Facts Helper::run(const SxList<SxString>& arguments, int64 limitMs,
-                          const std::function<void()>& unblock, const std::function<uint64()>& progress) {
+                          const std::function<void()>& unblock, const std::function<uint64()>& progress,
+                          const std::vector<int>& files) {
     Pipe output;
-    const pid_t pid = spawn(arguments, output.out);
+    const pid_t pid = spawn(arguments, output.out, files);
     output.closeOut();
     std::string text;
     bool done = readAll(output.in, &text, limitMs, progress);

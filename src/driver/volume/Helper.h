@@ -5,6 +5,7 @@
 
 #include <functional>
 #include <map>
+#include <vector>
 
 /// Runs one operation of HelperOps in a process of its own: this program once more, with another main(). The
 /// service must never wait for the kernel to read through a file that the service itself serves. It might not
@@ -19,9 +20,10 @@ public:
     /// `limitMs`, `unblock` is called, which must end whatever the helper may wait for, as by ending the
     /// disk's connection. Where the helper doesn't end soon after that, it is killed. With `progress`, the
     /// limit counts from when that last gave another number. Raises what the operation raised. Safe from any
-    /// thread.
+    /// thread. `files`: descriptors that the helper gets as FIRST_FILE and those after it.
     static Facts run(const SxList<SxString>& arguments, int64 limitMs, const std::function<void()>& unblock,
-                     const std::function<uint64()>& progress = nullptr);
+                     const std::function<uint64()>& progress = nullptr, const std::vector<int>& files = {});
+    static constexpr int FIRST_FILE = 3;
 
     /// The main program of such a process: runs the operation and gives the exit code.
     static int main(int argc, char** argv);

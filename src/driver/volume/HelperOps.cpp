@@ -1,5 +1,6 @@
 #include "HelperOps.h"
 
+#include "Helper.h"
 #include "LayerIdentity.h"
 #include "Mounts.h"
 #include "Redirection.h"
@@ -141,6 +142,23 @@ void attachFile(const std::string& file, const std::string& folder, const std::s
     setReadAhead(before, kb);
 }
 
+void attachDirect(const SxList<SxString>& words) {
+    const std::string &folder = words(1).str(), &kb = words(2).str();
+    const std::set<std::string> before = namesIn(BDI);
+    const std::string metadata = "/proc/self/fd/" + std::to_string(Helper::FIRST_FILE);
+    // Without it the kernel would mount all the same, and read the blocks from the metadata.
+    const std::string device = "device=/proc/self/fd/" + std::to_string(Helper::FIRST_FILE + 1);
+    const auto mountWith = [&](const std::string& options) {
+        const int result = ::mount(metadata.c_str(), folder.c_str(), "erofs",
+                                   MS_NOSUID | MS_NODEV | MS_RDONLY, options.c_str());
+        return result == 0 ? 0 : errno;
+    };
+    int error = words(3) == "uncached" ? mountWith(device + ",directio") : EINVAL;
+    if (error == EINVAL) error = mountWith(device);
+    if (error != 0) fail("The kernel doesn't take the image", error);
+    setReadAhead(before, kb);
+}
+
 void attach(const SxList<SxString>& words) {
     const std::string &how = words(1).str(), &file = words(2).str(), &folder = words(3).str();
     const std::string &type = words(4).str(), &kb = words(6).str();
@@ -270,6 +288,8 @@ void HelperOps::run(const SxList<SxString>& arguments) {
     };
     if (is("attach", 7)) {
         attach(arguments);
+    } else if (is("attachDirect", 4)) {
+        attachDirect(arguments);
     } else if (is("detach", 4)) {
         detach(arguments);
     } else if (is("redirect", 5)) {

@@ -131,6 +131,15 @@ void startService(const std::string& root, const std::string& folder) {
                       UNIT, __LINE__);
 }
 
+/// Opens the connection; where none is there, and the kernel still serves drives of a service that has ended,
+/// starts one, which takes them over.
+bool openOrTakeOver(const std::string& root, const std::string& folder) {
+    if (connection.open(folder)) return true;
+    if (!ZqServiceFolder::hasServedDrives(folder)) return false;
+    startService(root, folder);
+    return connection.open(folder);
+}
+
 /// Whether the answer may wait for what programs wrote.
 bool isSlow(unsigned kind) {
     switch (static_cast<Call>(kind)) {
@@ -222,7 +231,7 @@ bool exchange(unsigned kind, const std::string& body, Message* answer) {
 /// service may be another one than before, and must be told of the cache size.
 bool connectTo(const std::string& root, const std::string& folder, ZqServiceClient::Start start,
                bool* isNew) {
-    if (!connection.open(folder)) {
+    if (!openOrTakeOver(root, folder)) {
         if (start == ZqServiceClient::Start::Never) return false;
         startService(root, folder);
         *isNew = true;
@@ -284,7 +293,12 @@ bool ZqServiceClient::wasForeign() {
 bool ZqServiceClient::isServing() {
     // One that is open may lead to a service that has ended.
     connection.close();
-    return connection.open(ZqServiceFolder::of(ZqMachineRoot::get().str()));
+    const std::string root = ZqMachineRoot::get().str(), folder = ZqServiceFolder::of(root);
+    try {
+        return openOrTakeOver(root, folder);
+    } catch (const SxException&) {
+        return false; // whoever calls it next is told why
+    }
 }
 
 SxString ZqServiceClient::keyOf(const SxString& path) {
@@ -354,5 +368,6 @@ ZqDiskStatus ZqServiceClient::readStatus(Reader* answer) {
     status.monitored = answer->flag();
     status.servicePid = static_cast<int64>(answer->number());
     status.madeNs = answer->number();
+    status.isServedByKernel = answer->flag();
     return status;
 }

@@ -5,11 +5,13 @@
 
 /// The client's side of the connection to the drive service of the machine root: one for each thread. Starts
 /// the service where a call needs it. Where a connection was cut off before the answer, the service may have
-/// ended for want of clients: the next one is started, told of the cache size, and asked the same again.
+/// ended for want of clients: the next one is started, told of the cache size, and asked the same again. One
+/// is started for any call where the kernel still serves drives of a service that has ended: it takes them
+/// over.
 namespace ZqServiceClient {
 
 enum class Start {
-    Never,   ///< a service that isn't there fails the call
+    Never,   ///< a service that isn't there fails the call, unless it left drives that the kernel serves
     IfNeeded ///< it is started
 };
 
@@ -21,7 +23,8 @@ bool call(ZqDriveWire::Call call, const ZqDriveWire::Writer& request, ZqDriveWir
 /// Whether the last call failed for want of a service: none was there, or it ended before its answer.
 bool wasCutOff();
 
-/// Whether a service is there, without starting one. One that is stuck counts: it still serves its drives.
+/// Whether a service is there; starts one only to take over drives that the kernel serves. One that is stuck
+/// counts: it still serves its drives.
 bool isServing();
 
 /// Whether the last answer on this thread came from a service of another version.

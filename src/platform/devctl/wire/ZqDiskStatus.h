@@ -33,4 +33,6 @@ struct ZqDiskStatus {
     /// When the disk was made. It tells the disk from the next one of its image, which another client may
     /// make as soon as the image is free: whoever waits for the end of a disk waits for that one alone.
     uint64 madeNs = 0;
+    /// The kernel reads the blocks itself, and nobody counts reads or bytes. Known once it is mounted.
+    bool isServedByKernel = false;
 };

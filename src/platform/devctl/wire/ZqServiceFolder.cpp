@@ -56,6 +56,15 @@ void ZqServiceFolder::make(const std::string& folder) {
     makePrivate(folder.substr(0, folder.size() - 1));
 }
 
+bool ZqServiceFolder::hasServedDrives(const std::string& folder) {
+    const std::string mounts = folder + MOUNTS + "/";
+    std::vector<std::string> disks;
+    SxOs::get().list(mounts, &disks);
+    return std::any_of(disks.begin(), disks.end(), [&](const std::string& disk) {
+        return ::access((mounts + disk + "/" + DIRECT).c_str(), F_OK) == 0;
+    });
+}
+
 bool ZqServiceFolder::isBelow(std::string_view path) {
     constexpr std::string_view NAME = "/tavrin";
     constexpr size_t N_DIGITS = 16;

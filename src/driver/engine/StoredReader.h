@@ -1,0 +1,20 @@
+#pragma once
+
+#include "BlockMap.h"
+#include "StoredFile.h"
+#include "ZqDriveReader.h"
+
+/// Reads the RAW image of a disk whose blocks are all in `img.zqf`. Blocks that aren't included are zeros.
+/// One thread.
+class StoredReader : public ZqDriveReader {
+public:
+    /// Both must outlive the object; the map has no slots of a write layer.
+    StoredReader(const BlockMap& map_, const StoredFile& stored_);
+
+protected:
+    void fetch(uint64 offset, char* bytes, uint64 n) override;
+
+private:
+    const BlockMap& map;
+    const StoredFile& stored;
+};

@@ -1,0 +1,26 @@
+#pragma once
+
+#include "MountParams.h"
+
+#include <optional>
+
+/// What a service notes of a disk whose volume the kernel serves, in the disk's folder: that goes on where
+/// the service is killed, and the next service takes the disk over by this.
+struct DirectNote {
+    MountParams params;
+    uint64 madeNs = 0;                  ///< when the disk was made
+    int64 mounterPid = 0;               ///< the process that has it mounted
+    bool ready = false;                 ///< all of its mount was done
+    bool isRedirected = false;          ///< names on it were redirected
+    SxString device;                    ///< of the mounted file system, "major:minor"
+    SxString readAhead;                 ///< the kernel's setting for it; empty without one
+    uint64 zqfDevice = 0, zqfInode = 0; ///< the file `img.zqf` that the kernel reads
+
+    /// Looks what is mounted at `volume`, and what `img.zqf` is. Raises where it can't tell.
+    void lookAt(const SxString& volume);
+    /// Writes it into the disk's folder. Raises.
+    void write(const SxString& folder) const;
+    /// That of the folder, if there is a whole one, and the volume and the image are still those that it was
+    /// written for. Raises where the mounts can't be read.
+    static std::optional<DirectNote> readFitting(const SxString& folder);
+};

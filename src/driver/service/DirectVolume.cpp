@@ -1,0 +1,148 @@
+#include "DirectVolume.h"
+
+#include "ErofsMetadata.h"
+#include "StoredReader.h"
+#include "SxClock.h"
+#include "SxException.h"
+#include "SxOs.h"
+#include "ZqBlocks.h"
+#include "ZqImageFiles.h"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr const char* UNIT = "src/driver/DirectVolume";
+/// Blocks of the mean run: with shorter ones the service, which announces its reads, is faster.
+constexpr uint64 LEAST_RUN = 1;
+constexpr int64 KEEP_NS = 5'000'000'000;
+
+[[noreturn]] void fail(const SxString& what, int error) {
+    throw SxException(what + ": " + SxOs::errorText(error), UNIT, __LINE__);
+}
+
+int openUnnamed(const SxString& folder) {
+    const int fd = ::open(folder.ascii(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
+    if (fd < 0) fail("No file can be made in '" + folder + "'", errno);
+    return fd;
+}
+
+/// What changes when a file is changed or replaced.
+std::string stateOf(const std::string& path) {
+    struct stat info = {};
+    if (::stat(path.c_str(), &info) != 0) fail("Cannot look at '" + SxString(path) + "'", errno);
+    std::string text;
+    for (const int64 number : {static_cast<int64>(info.st_dev), static_cast<int64>(info.st_ino),
+                               int64{info.st_size}, int64{info.st_ctim.tv_sec}, int64{info.st_ctim.tv_nsec}})
+        text += std::to_string(number) + " ";
+    return text;
+}
+
+/// Whoever changes an image must be able to see that the kernel still reads it, which takes a lease on
+/// `img.zqf`: so it is tried on a file beside that.
+void requireLeases(int fd) {
+    // Somebody who opens the file meanwhile: nobody can, without a name.
+    if (::fcntl(fd, F_SETLEASE, F_WRLCK) != 0) fail("its file system has no leases", errno);
+    ::fcntl(fd, F_SETLEASE, F_UNLCK);
+}
+
+uint64 sizeOf(const StoredFile& stored) {
+    SxStat info;
+    const int error = SxOs::get().statFd(stored.getFd(), &info);
+    if (error < 0) fail("Cannot look at '" + SxString(stored.getPath()) + "'", -error);
+    return static_cast<uint64>(info.size);
+}
+
+} // namespace
+
+SxString DirectVolume::whyNot(const VirtualDisk& disk, const SxString& type, bool isReadOnly) {
+    if (::geteuid() != 0) return "that takes root";
+    if (type != "erofs") return "its file system is " + type;
+    if (!isReadOnly) return "it can be written to";
+    if (disk.hasLayer()) return "it has a write layer";
+    if (!disk.isComplete()) return "blocks are missing";
+    if (disk.getTrace()->isOn()) return "it is traced";
+    if (disk.isSuspended()) return "it is suspended";
+    if (disk.getReads()->hasQACursor()) return "its reads are counted from a place on";
+    const uint64 size = sizeOf(disk.getStored());
+    if (size % ZqBlocks::SIZE != 0 || size / ZqBlocks::SIZE < disk.nIncluded()) {
+        return "'" + SxString(disk.getStored().getPath()) + "' has " + size + " bytes, which aren't its " +
+               disk.nIncluded() + " blocks";
+    }
+    return {};
+}
+
+DirectVolume::DirectVolume(const SxString& image, const std::string& state_)
+    : fd(openUnnamed(image)),
+      state(state_) {
+}
+
+DirectVolume::~DirectVolume() {
+    ::close(fd);
+}
+
+std::shared_ptr<const DirectVolume> DirectVolume::make(const VirtualDisk& disk, const SxString& image,
+                                                       const std::shared_ptr<const DirectVolume>& former) {
+    const std::string state =
+        stateOf(disk.getStored().getPath()) + stateOf(image.str() + "/" + ZqImageFiles::IDX);
+    if (former && former->state == state) return former;
+    const std::shared_ptr<DirectVolume> made(new DirectVolume(image, state));
+    requireLeases(made->fd);
+    made->fill(disk);
+    return made;
+}
+
+void DirectVolume::fill(const VirtualDisk& disk) {
+    StoredReader reader(disk.getMap(), disk.getStored());
+    ErofsMetadata metadata(&reader, disk.getMap(), sizeOf(disk.getStored()) / ZqBlocks::SIZE);
+    if (metadata.getNFileBlocks() < metadata.getNChunks() * LEAST_RUN) {
+        throw SxException("its blocks lie in runs of fewer than " + SxString(LEAST_RUN) +
+                              " on the mean, which the service reads faster",
+                          UNIT, __LINE__);
+    }
+    int64 at = 0;
+    metadata.write([&](const std::string& bytes) {
+        const int64 n = static_cast<int64>(bytes.size());
+        const int64 written = SxOs::get().writeAt(fd, bytes.data(), n, at);
+        if (written < 0) fail("Its metadata can't be written", static_cast<int>(-written));
+        if (written < n) fail("Its metadata can't be written", ENOSPC);
+        at += n;
+    });
+}
+
+bool DirectVolume::isCached(const VirtualDisk& disk) {
+#ifndef SYS_cachestat
+    constexpr long SYS_cachestat = 451;
+#endif
+    struct {
+        uint64 offset, size;
+    } range = {0, 0}; // to its end
+    struct {
+        uint64 nCached, nDirty, nWriteback, nEvicted, nRecentlyEvicted;
+    } found = {};
+    if (::syscall(SYS_cachestat, disk.getStored().getFd(), &range, &found, 0) != 0) return false;
+    const auto page = static_cast<uint64>(::sysconf(_SC_PAGESIZE));
+    return found.nCached * page > sizeOf(disk.getStored()) / 2;
+}
+
+std::shared_ptr<const DirectVolume> LastDirectVolume::get() const {
+    const SxMutexBlock block(&mutex);
+    return volume;
+}
+
+void LastDirectVolume::set(std::shared_ptr<const DirectVolume> volume_) {
+    const int64 nowNs = SxClock::get().steadyNs();
+    const SxMutexBlock block(&mutex);
+    volume = std::move(volume_);
+    setNs = nowNs;
+}
+
+void LastDirectVolume::tick() {
+    const int64 nowNs = SxClock::get().steadyNs();
+    const SxMutexBlock block(&mutex);
+    if (volume && nowNs - setNs > KEEP_NS) volume.reset();
+}

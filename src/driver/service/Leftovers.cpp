@@ -1,0 +1,88 @@
+#include "Leftovers.h"
+
+#include "DriveLetter.h"
+#include "DriverLog.h"
+#include "Helper.h"
+#include "Service.h"
+#include "SxException.h"
+#include "SxFSAction.h"
+#include "SxFileIO.h"
+#include "ZqServiceFolder.h"
+
+#include <filesystem>
+#include <unistd.h>
+
+namespace {
+
+constexpr int64 SWEEP_MS = 10'000;
+
+std::string mountsOf(const SxString& folder) {
+    return folder.str() + ZqServiceFolder::MOUNTS;
+}
+
+/// The folder's device id; 0 where it isn't a disk's.
+uint64 idOf(const std::filesystem::path& disk) {
+    bool bad = false;
+    const int64 id = SxString(disk.filename().string()).toInt64(&bad);
+    return bad || id < 0 ? 0 : static_cast<uint64>(id);
+}
+
+/// Folders alone are removed: where something is still mounted, nothing of it must be touched.
+void removeFolder(const std::filesystem::path& disk) {
+    std::error_code error;
+    // All files, since the service may have been killed while it wrote one under another name. The call fails
+    // on folders.
+    for (const auto& entry : std::filesystem::directory_iterator(disk, error))
+        ::unlink(entry.path().c_str());
+    ::rmdir((disk / ZqServiceFolder::VOLUME).c_str());
+    ::rmdir((disk / ZqServiceFolder::FRONT).c_str());
+    ::rmdir(disk.c_str());
+}
+
+} // namespace
+
+Leftovers::Disks Leftovers::findServed(const SxString& folder) {
+    Disks found;
+    std::error_code error;
+    for (const auto& disk : std::filesystem::directory_iterator(mountsOf(folder), error)) {
+        const uint64 id = idOf(disk.path());
+        if (id == 0) continue;
+        try {
+            const std::optional<DirectNote> note = DirectNote::readFitting(SxString(disk.path().string()));
+            if (note) found.emplace(id, *note);
+        } catch (const SxException& e) {
+            driverLog("'" + SxString(disk.path().string()) + "' can't be taken over: " + e.what());
+        }
+    }
+    return found;
+}
+
+void Leftovers::sweep(const SxString& root, const SxString& folder, const Disks& kept) {
+    const std::string mounts = mountsOf(folder);
+    SxList<SxString> volumes;
+    for (const auto& [id, note] : kept)
+        volumes.append(SxString(mounts + "/" + std::to_string(id) + "/" + ZqServiceFolder::VOLUME));
+    // Links are on the disk and outlive a power cut; the folders that they lead to don't. All of them are of
+    // former services: this one, which alone makes such links now, has made none yet.
+    DriveLetter::removeBelow(root, SxString(mounts + "/"), volumes);
+    std::vector<std::filesystem::path> disks;
+    std::error_code error;
+    for (const auto& disk : std::filesystem::directory_iterator(mounts, error)) {
+        if (kept.count(idOf(disk.path())) == 0) disks.push_back(disk.path());
+    }
+    if (disks.empty()) return;
+    driverLog("removes what a former service left in " + SxString(mounts));
+    SxList<SxString> images, written;
+    for (const auto& disk : disks) {
+        Helper::run({"sweep", SxString(disk.string())}, SWEEP_MS, nullptr);
+        const SxString image = (disk / ZqServiceFolder::IMAGE).string();
+        if (!SxFSAction::test_f(image)) continue;
+        images.append(SxFileIO::readUtf8(image));
+        if (SxFSAction::test_f(SxString((disk / ZqServiceFolder::WRITTEN).string())))
+            written.append(images.last());
+    }
+    // Before the removal, after which nobody would know of them.
+    Service::noteLeft(folder, images, written);
+    for (const auto& disk : disks)
+        removeFolder(disk);
+}

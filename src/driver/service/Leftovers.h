@@ -1,0 +1,21 @@
+#pragma once
+
+#include "DirectNote.h"
+
+#include <map>
+
+/// What a service that was killed has left below the service's folder, for the next one before that serves:
+/// every mount, loop device, letter and folder, found by its place. Volumes that the kernel serves go on, and
+/// are taken over; all else goes.
+namespace Leftovers {
+
+/// By device id.
+using Disks = std::map<uint64, DirectNote>;
+
+/// Lists the disks that can be taken over. `folder`: the service's own, with a trailing slash.
+Disks findServed(const SxString& folder);
+/// Removes all but `kept`, and notes whose images that were. `root`: the machine root. Raises where a mount
+/// can't be taken away.
+void sweep(const SxString& root, const SxString& folder, const Disks& kept);
+
+} // namespace Leftovers
