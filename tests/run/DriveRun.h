@@ -29,6 +29,8 @@ struct Outcome {
 /// Skips where the machine has no means for drives, and fails where anything is left of one at its end.
 class DriveRun : public testing::Test {
 protected:
+    /// `base`: where all of the test's files lie.
+    explicit DriveRun(const fs::path& base = fs::temp_directory_path()) : dir(base) {}
     void SetUp() override;
     void TearDown() override;
 

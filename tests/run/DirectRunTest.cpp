@@ -1,0 +1,149 @@
+#include "DriveRun.h"
+#include "ZqServiceFolder.h"
+#include "zqdevctl.h"
+
+#include <csignal>
+#include <fstream>
+#include <sys/mount.h>
+
+namespace {
+
+/// Drives that the kernel serves by itself. It takes no image in memory, so all lies on a disk.
+class DirectRun : public DriveRun {
+protected:
+    DirectRun() : DriveRun("/var/tmp") {}
+
+    void SetUp() override {
+        DriveRun::SetUp();
+        if (IsSkipped()) return;
+        image = build("image", "erofs");
+        mount(image);
+        const bool isServed = statusOf(image).isServedByKernel;
+        done({"umount", image});
+        if (!isServed && logHas("The kernel doesn't take the image"))
+            GTEST_SKIP() << "the kernel mounts no EROFS that is a file";
+        ASSERT_TRUE(isServed);
+    }
+
+    static bool logHas(const string& text) {
+        const string log = TempDir::readFile(ZqServiceFolder::of(ZqMachineRoot::get().str()) + "zqdd.log");
+        return log.find(text) != string::npos;
+    }
+    /// Whether a mount with these words is served by the kernel; leaves nothing.
+    bool isDirect(const string& of, const std::vector<string>& more = {}) {
+        mount(of, more);
+        const bool isServed = statusOf(of).isServedByKernel;
+        done({"umount", of});
+        return isServed;
+    }
+    static void killService(const string& of) {
+        const int64 pid = statusOf(of).servicePid;
+        ::kill(static_cast<pid_t>(pid), SIGKILL);
+        EXPECT_TRUE(eventually([&] { return !isRunning(pid); }));
+    }
+
+    string image;
+};
+
+} // namespace
+
+TEST_F(DirectRun, ACompleteImageHasTheSameFiles) {
+    const string app = mount(image);
+    EXPECT_EQ(TempDir::snapshotOf(app), TempDir::snapshotOf(source));
+    const string status = done({"status", image, "--json"});
+    for (const char* text : {"\"served\": \"kernel\"", "\"reads\": null", "\"bytesFromFile\": null"})
+        EXPECT_THAT(status, HasSubstr(text));
+    // What needs sight of the reads.
+    const ZqMountMgr manager;
+    EXPECT_THROW(manager.suspend(SxString(image)), SxException);
+    EXPECT_THROW(manager.monitorOn(SxString(image), SxString(dir.path("trace")), "monitoring", 0),
+                 SxException);
+    EXPECT_THROW(manager.setQACursor(SxString(image), 1), SxException);
+    EXPECT_TRUE(logHas("The kernel serves the drive, so its reads can't be suspended"));
+    EXPECT_FALSE(manager.isUnderflow(SxString(image)));
+    EXPECT_EQ(done({"umount", image}), "Unmounted\n");
+    EXPECT_TRUE(isDirect(image, {"--fail-on-missing"}));
+}
+
+TEST_F(DirectRun, TheServiceServesWhatTheKernelCant) {
+    EXPECT_FALSE(isDirect(image, {"--trace", dir.path("trace")}));
+    EXPECT_FALSE(isDirect(build("ext4", "ext4")));
+    {
+        const TempDir memory(TempDir::inMemory());
+        fs::copy(image, memory.path("image"), fs::copy_options::recursive);
+        EXPECT_FALSE(isDirect(memory.path("image")));
+    }
+    EXPECT_TRUE(isDirect(image)) << "it isn't for good";
+    mount(image, {"--mode", "rtw"});
+    EXPECT_FALSE(statusOf(image).isServedByKernel);
+    done({"umount", image});
+    EXPECT_FALSE(isDirect(image)) << "its write layer isn't shown";
+    for (const char* layer : {"img.tix", "img.tmp"})
+        fs::remove(fs::path(image) / layer);
+    EXPECT_TRUE(isDirect(image));
+    // Its blocks are all there, and something follows them.
+    std::ofstream(image + "/img.zqf", std::ios::app) << "more";
+    EXPECT_FALSE(isDirect(image));
+    EXPECT_TRUE(logHas("bytes, which aren't its"));
+}
+
+TEST_F(DirectRun, OpenFilesStayReadableAfterTheDrive) {
+    const string app = mount(image);
+    std::ifstream open(app + "/big.pak", std::ios::binary);
+    string bytes(16 << 20, '\0');
+    open.read(bytes.data(), 4096);
+    EXPECT_THAT(done({"umount", image}), HasSubstr("Files that are still open can be read on"));
+    EXPECT_THAT(leftovers(), testing::IsEmpty());
+    // The image can be mounted again at once.
+    EXPECT_TRUE(isDirect(image));
+    open.read(bytes.data() + 4096, static_cast<std::streamsize>(bytes.size()) - 4096);
+    EXPECT_TRUE(bytes == TempDir::readFile(source + "/big.pak"));
+}
+
+TEST_F(DirectRun, ADriveOutlivesItsService) {
+    const string app = mount(image);
+    const ZqDiskStatus before = statusOf(image);
+    killService(image);
+    EXPECT_EQ(TempDir::readFile(app + "/start.cfg"), "volume=3\n");
+    ASSERT_TRUE(fs::is_symlink(dir.path("root/dosdevices/d:")));
+    const ZqDiskStatus after = statusOf(image);
+    EXPECT_NE(after.servicePid, before.servicePid);
+    EXPECT_EQ(after.drive, "D:");
+    EXPECT_TRUE(after.isServedByKernel && after.ready);
+    EXPECT_EQ(after.madeNs, before.madeNs);
+    // It is taken over with its locks.
+    EXPECT_THAT(run({"image", "optimize", image, image}).err, HasSubstr("drive service"));
+    EXPECT_EQ(done({"umount", image}), "Unmounted\n");
+    EXPECT_THAT(leftovers(), testing::IsEmpty());
+    EXPECT_TRUE(lettersOfDrives().empty());
+}
+
+TEST_F(DirectRun, WhatIsLeftOfAnotherImageIsRemoved) {
+    const string other = build("other", "erofs");
+    mount(image);
+    killService(image);
+    fs::rename(image, dir.path("moved"));
+    fs::rename(other, image);
+    EXPECT_THAT(done({"umount", image}), HasSubstr("Removed what a service that was killed had left"));
+    EXPECT_THAT(leftovers(), testing::IsEmpty());
+    EXPECT_TRUE(lettersOfDrives().empty());
+    EXPECT_TRUE(isDirect(image));
+}
+
+TEST_F(DirectRun, AServiceThatIsKilledInAnyStepOfTheMountLeavesNothing) {
+    for (int ms = 0; ms < 120; ms += 6) {
+        SCOPED_TRACE(ms);
+        std::thread killer([ms] {
+            SxTime::msleep(ms);
+            for (const pid_t pid : processesOf(false))
+                ::kill(pid, SIGKILL); // its helper dies with it
+        });
+        run({"mount", image});
+        killer.join();
+        run({"umount", image});
+        ASSERT_THAT(leftovers(), testing::IsEmpty())
+            << TempDir::readFile(ZqServiceFolder::of(ZqMachineRoot::get().str()) + "zqdd.log");
+        ASSERT_TRUE(lettersOfDrives().empty());
+    }
+    EXPECT_TRUE(isDirect(image));
+}
