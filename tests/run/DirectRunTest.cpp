@@ -5,6 +5,7 @@
 #include <csignal>
 #include <fstream>
 #include <sys/mount.h>
+#include <sys/stat.h>
 
 namespace {
 
@@ -118,6 +119,44 @@ TEST_F(DirectRun, ADriveOutlivesItsService) {
     EXPECT_TRUE(lettersOfDrives().empty());
 }
 
+TEST_F(DirectRun, AGameAndItsSavesOutliveTheService) {
+    dir.write("template.json", R"({"version": 2, "zqfVersion": 1, "guid": "",
+        "app": {"cmd": "{{ZQDRIVE}}/TAVRIN-protected/app/play"}, "disk": {"mountMode": "ro"},
+        "underflow": {"suspendDrive": false, "suspendProc": false, "minOnDemand": 1, "maxOnDemand": 2},
+        "filemap": [{"from": "app/start.cfg"}]})");
+    const string started = dir.path("started"), go = dir.path("go");
+    const string script =
+        dir.write("game/play", "#!/bin/sh\ncd \"${0%/*}\"\necho saved > start.cfg\ntouch '" + started +
+                                   "'\nuntil [ -e '" + go + "' ]; do sleep 0.1; done\ncmp big.pak '" +
+                                   source + "/big.pak' && cat start.cfg > '" + dir.path("played") + "'\n");
+    ::chmod(script.c_str(), 0755);
+    const string game = build("playable", "erofs", {"--app", dir.path("template.json")});
+    for (const bool isEnded : {false, true}) {
+        SCOPED_TRACE(isEnded ? "the drive is taken away, too" : "the service alone");
+        std::thread killer([&] {
+            EXPECT_TRUE(eventually([&] { return fs::exists(started); }));
+            EXPECT_TRUE(statusOf(game).isServedByKernel);
+            killService(game);
+            if (isEnded) ::umount2(statusOf(game).mountPath.ascii(), MNT_DETACH);
+            SxTime::msleep(1000);
+            dir.write("go", "");
+        });
+        const Outcome outcome = run({"run", game, "--no-trace", "--no-stats"});
+        killer.join();
+        if (isEnded) {
+            EXPECT_NE(outcome.code, 0) << "a drive that has gone ends its run";
+        } else {
+            EXPECT_EQ(outcome.code, 0) << outcome.err;
+            EXPECT_EQ(dir.read("played"), "saved\n");
+        }
+        EXPECT_THAT(leftovers(), testing::IsEmpty());
+        for (const string& file : {started, go})
+            fs::remove(file);
+    }
+    EXPECT_EQ(TempDir::readFile(mount(game) + "/start.cfg"), "saved\n");
+    done({"umount", game});
+}
+
 TEST_F(DirectRun, WhatIsLeftOfAnotherImageIsRemoved) {
     const string other = build("other", "erofs");
     mount(image);
@@ -138,9 +177,10 @@ TEST_F(DirectRun, AServiceThatIsKilledInAnyStepOfTheMountLeavesNothing) {
             for (const pid_t pid : processesOf(false))
                 ::kill(pid, SIGKILL); // its helper dies with it
         });
-        run({"mount", image});
+        const Outcome mounted = run({"mount", image});
         killer.join();
-        run({"umount", image});
+        const Outcome unmounted = run({"umount", image});
+        SCOPED_TRACE(mounted.out + mounted.err + unmounted.out + unmounted.err);
         ASSERT_THAT(leftovers(), testing::IsEmpty())
             << TempDir::readFile(ZqServiceFolder::of(ZqMachineRoot::get().str()) + "zqdd.log");
         ASSERT_TRUE(lettersOfDrives().empty());

@@ -5,6 +5,10 @@
 
 #include <cerrno>
 
+namespace {
+constexpr const char* UNIT = "src/driver/StoredFile";
+} // namespace
+
 StoredFile::StoredFile(const SxString& folder_, uint64 nIncluded_, DriveFailure* failure_)
     : folder(folder_),
       nIncluded(nIncluded_),
@@ -19,6 +23,13 @@ void StoredFile::open(bool isWritten) {
     // What a killed service has written may not be on the disk yet, and programs rely on it after a sync.
     file.noteWritten(0, sizeAtStart);
     dirty = true;
+}
+
+SxStat StoredFile::getStat() const {
+    SxStat info;
+    const int error = SxOs::get().statFd(file.getFd(), &info);
+    if (error < 0) file.raise("Cannot look at", error, UNIT, __LINE__);
+    return info;
 }
 
 SxString StoredFile::replacedText() const {

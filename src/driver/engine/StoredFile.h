@@ -15,6 +15,8 @@ public:
     /// Raises, naming the file.
     void open(bool isWritten);
     int getFd() const { return file.getFd(); }
+    /// What it is now, whatever has its name. Raises.
+    SxStat getStat() const;
     const std::string& getPath() const { return file.getPath(); }
     /// Whether it no longer stands where it was opened: an image is what stands under its path now.
     bool isReplaced() const { return !file.isInPlace(); }

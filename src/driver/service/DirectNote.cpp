@@ -1,21 +1,14 @@
 #include "DirectNote.h"
 
 #include "Mounts.h"
-#include "SxException.h"
 #include "SxFSAction.h"
 #include "SxFileIO.h"
-#include "SxOs.h"
-#include "ZqImageFiles.h"
 #include "ZqServiceFolder.h"
-
-#include <algorithm>
-#include <cerrno>
 
 using ZqDriveWire::Reader, ZqDriveWire::Writer;
 
 namespace {
 
-constexpr const char* UNIT = "src/driver/DirectNote";
 /// A service of another version may note something else.
 constexpr uint64 FORMAT = 1;
 
@@ -25,19 +18,12 @@ std::string fileIn(const SxString& folder) {
 
 } // namespace
 
-void DirectNote::lookAt(const SxString& volume) {
-    device = SxString();
+SxString DirectNote::deviceAt(const SxString& volume) {
+    SxString found;
     for (const Mounts::Mount& mount : Mounts::all()) {
-        if (mount.at == volume.str()) device = mount.type == "erofs" ? SxString(mount.device) : SxString();
+        if (mount.at == volume.str()) found = mount.type == "erofs" ? SxString(mount.device) : SxString();
     }
-    const std::string zqf = params.image.str() + "/" + ZqImageFiles::ZQF;
-    SxStat info;
-    const int error = SxOs::get().stat(zqf, &info);
-    if (error < 0)
-        throw SxException("Cannot look at '" + SxString(zqf) + "': " + SxOs::errorText(error), UNIT,
-                          __LINE__);
-    zqfDevice = info.device;
-    zqfInode = info.inode;
+    return found;
 }
 
 void DirectNote::write(const SxString& folder) const {
@@ -67,14 +53,7 @@ std::optional<DirectNote> DirectNote::readFitting(const SxString& folder) {
     note.readAhead = reader.text();
     note.zqfDevice = reader.number();
     note.zqfInode = reader.number();
-    if (!reader.ok() || note.device.isEmpty()) return {};
-    DirectNote now = note;
-    try {
-        now.lookAt(folder + "/" + ZqServiceFolder::VOLUME);
-    } catch (const SxException&) {
-        return {}; // the image has gone
-    }
-    const bool fits =
-        now.device == note.device && now.zqfDevice == note.zqfDevice && now.zqfInode == note.zqfInode;
+    const bool fits = reader.ok() && !note.device.isEmpty() &&
+                      deviceAt(folder + "/" + ZqServiceFolder::VOLUME) == note.device;
     return fits ? std::optional(note) : std::nullopt;
 }

@@ -16,11 +16,11 @@ struct DirectNote {
     SxString readAhead;                 ///< the kernel's setting for it; empty without one
     uint64 zqfDevice = 0, zqfInode = 0; ///< the file `img.zqf` that the kernel reads
 
-    /// Looks what is mounted at `volume`, and what `img.zqf` is. Raises where it can't tell.
-    void lookAt(const SxString& volume);
+    /// That of the EROFS at `volume`; empty where there is none. Raises where the mounts can't be read.
+    static SxString deviceAt(const SxString& volume);
     /// Writes it into the disk's folder. Raises.
     void write(const SxString& folder) const;
-    /// That of the folder, if there is a whole one, and the volume and the image are still those that it was
-    /// written for. Raises where the mounts can't be read.
+    /// That of the folder, if there is a whole one, and the volume is still the one that it was written for.
+    /// Looks at nothing of the image, whose disk may be stuck. Raises where the mounts can't be read.
     static std::optional<DirectNote> readFitting(const SxString& folder);
 };

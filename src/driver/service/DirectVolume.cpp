@@ -51,10 +51,7 @@ void requireLeases(int fd) {
 }
 
 uint64 sizeOf(const StoredFile& stored) {
-    SxStat info;
-    const int error = SxOs::get().statFd(stored.getFd(), &info);
-    if (error < 0) fail("Cannot look at '" + SxString(stored.getPath()) + "'", -error);
-    return static_cast<uint64>(info.size);
+    return static_cast<uint64>(stored.getStat().size);
 }
 
 } // namespace

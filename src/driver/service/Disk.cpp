@@ -134,6 +134,7 @@ void Disk::bringUp() {
     // Before the letter, by which programs come.
     lost.setHolds(!isReadOnly(type));
     const SxString drive = state.mount(root, folder.getVolume());
+    if (isDirect) noteDirect();
     driverLog("image " + params.image + " is drive " + drive + ", " + type);
 }
 

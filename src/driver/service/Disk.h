@@ -110,6 +110,7 @@ private:
     void attach(const SxString& type);
     bool attachDirect(const SxString& type);
     bool claimDirect(const SxString& type);
+    void noteDirect();
     void takeOver();
     void updateNote(const std::function<void(DirectNote*)>& change);
     void requireSight(const SxString& wanted) SX_REQUIRES(sight);

@@ -37,8 +37,6 @@ bool Disk::attachDirect(const SxString& type) {
         readAhead.begin(SxString(facts["readahead"]), true);
         const SxMutexBlock block(&sight);
         note.readAhead = SxString(facts["readahead"]);
-        note.lookAt(folder.getVolume());
-        note.write(folder.getPath());
         return true;
     } catch (const SxException& e) {
         driverLog("image " + params.image +
@@ -49,9 +47,24 @@ bool Disk::attachDirect(const SxString& type) {
     return false;
 }
 
+/// Lets the next service take the disk over. Comes last of what makes it: without this it is removed.
+void Disk::noteDirect() {
+    const SxMutexBlock block(&sight);
+    const SxStat zqf = disk.getStored().getStat();
+    note.device = DirectNote::deviceAt(folder.getVolume());
+    note.zqfDevice = zqf.device;
+    note.zqfInode = zqf.inode;
+    note.write(folder.getPath());
+}
+
 /// Goes on with a volume that is mounted.
 void Disk::takeOver() {
     const SxMutexBlock block(&sight);
+    const SxStat zqf = disk.getStored().getStat();
+    if (zqf.device != note.zqfDevice || zqf.inode != note.zqfInode) {
+        throw SxException("The kernel serves another 'img.zqf' than that of image '" + params.image + "'",
+                          UNIT, __LINE__);
+    }
     isDirect = true;
     ready = note.ready;
     isRedirected = note.isRedirected;

@@ -44,10 +44,12 @@ void DiskFolder::noteWritten(bool isWritten) const {
 
 void DiskFolder::remove() const {
     const std::string base = path.str() + "/";
-    SxOs::get().unlink(base + ZqServiceFolder::IMAGE);
-    SxOs::get().unlink(base + ZqServiceFolder::IDENTITY);
-    SxOs::get().unlink(base + ZqServiceFolder::WRITTEN);
-    SxOs::get().unlink(base + ZqServiceFolder::DIRECT);
+    // All files, since a former service may have been killed while it wrote one under another name. The call
+    // fails on folders.
+    std::vector<std::string> names;
+    SxOs::get().list(base, &names);
+    for (const std::string& name : names)
+        SxOs::get().unlink(base + name);
     SxOs::get().removeDir(base + ZqServiceFolder::VOLUME);
     SxOs::get().removeDir(base + ZqServiceFolder::FRONT);
     const int result = SxOs::get().removeDir(path.str());

@@ -21,8 +21,8 @@ public:
     void makeMountPoints() const;
     /// Whether what programs wrote may not be on the disk yet.
     void noteWritten(bool isWritten) const;
-    /// Removes what the disk has made in it, one by one: where a volume could not be unmounted, nothing of it
-    /// must be touched.
+    /// Removes the files in it and the folders that the disk has made, one by one: where a volume could not
+    /// be unmounted, nothing of it must be touched.
     void remove() const;
 
 private:

@@ -39,6 +39,23 @@ void removeFolder(const std::filesystem::path& disk) {
     ::rmdir(disk.c_str());
 }
 
+void removeDisks(const SxString& folder, const std::vector<std::filesystem::path>& disks) {
+    driverLog("removes what a former service left in " + SxString(mountsOf(folder)));
+    SxList<SxString> images, written;
+    for (const auto& disk : disks) {
+        Helper::run({"sweep", SxString(disk.string())}, SWEEP_MS, nullptr);
+        const SxString image = (disk / ZqServiceFolder::IMAGE).string();
+        if (!SxFSAction::test_f(image)) continue;
+        images.append(SxFileIO::readUtf8(image));
+        if (SxFSAction::test_f(SxString((disk / ZqServiceFolder::WRITTEN).string())))
+            written.append(images.last());
+    }
+    // Before the removal, after which nobody would know of them.
+    Service::noteLeft(folder, images, written);
+    for (const auto& disk : disks)
+        removeFolder(disk);
+}
+
 } // namespace
 
 Leftovers::Disks Leftovers::findServed(const SxString& folder) {
@@ -70,19 +87,11 @@ void Leftovers::sweep(const SxString& root, const SxString& folder, const Disks&
     for (const auto& disk : std::filesystem::directory_iterator(mounts, error)) {
         if (kept.count(idOf(disk.path())) == 0) disks.push_back(disk.path());
     }
-    if (disks.empty()) return;
-    driverLog("removes what a former service left in " + SxString(mounts));
-    SxList<SxString> images, written;
-    for (const auto& disk : disks) {
-        Helper::run({"sweep", SxString(disk.string())}, SWEEP_MS, nullptr);
-        const SxString image = (disk / ZqServiceFolder::IMAGE).string();
-        if (!SxFSAction::test_f(image)) continue;
-        images.append(SxFileIO::readUtf8(image));
-        if (SxFSAction::test_f(SxString((disk / ZqServiceFolder::WRITTEN).string())))
-            written.append(images.last());
-    }
-    // Before the removal, after which nobody would know of them.
-    Service::noteLeft(folder, images, written);
-    for (const auto& disk : disks)
-        removeFolder(disk);
+    if (!disks.empty()) removeDisks(folder, disks);
+}
+
+void Leftovers::remove(const SxString& root, const SxString& folder, uint64 deviceId) {
+    const std::filesystem::path disk = mountsOf(folder) + "/" + std::to_string(deviceId);
+    DriveLetter::removeBelow(root, SxString(disk.string() + "/"), {});
+    removeDisks(folder, {disk});
 }

@@ -12,10 +12,14 @@ namespace Leftovers {
 /// By device id.
 using Disks = std::map<uint64, DirectNote>;
 
-/// Lists the disks that can be taken over. `folder`: the service's own, with a trailing slash.
+/// Where nothing else is said, `folder` is the service's own, with a trailing slash, and `root` the machine
+/// root.
+
+/// Lists the disks that can be taken over.
 Disks findServed(const SxString& folder);
-/// Removes all but `kept`, and notes whose images that were. `root`: the machine root. Raises where a mount
-/// can't be taken away.
+/// Removes all but `kept`, and notes whose images that were. Raises where a mount can't be taken away.
 void sweep(const SxString& root, const SxString& folder, const Disks& kept);
+/// Removes one disk. Raises likewise.
+void remove(const SxString& root, const SxString& folder, uint64 deviceId);
 
 } // namespace Leftovers

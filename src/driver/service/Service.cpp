@@ -19,6 +19,8 @@ constexpr const char* UNIT = "src/driver/Service";
 constexpr int64 NOBODY = 0;
 /// How long a mount waits for another one of its image that is under way.
 constexpr int64 SAME_IMAGE_MS = 15'000;
+/// How long a service may take until it answers, for disks that it takes over.
+constexpr int64 TAKE_OVER_MS = 5000;
 /// Begins a second line of an image whose drive may have lost writes; the path follows.
 const SxString WRITTEN_MARK = "written ";
 
@@ -40,6 +42,9 @@ Service::DiskPtr Service::find(const SxString& image) const {
     const SxMutexBlock block(&mutex);
     for (const auto& [id, disk] : disks) {
         if (disk->getParams().image == image) return disk;
+    }
+    for (const auto& [id, left] : pending) {
+        if (left == image) refuse("Image '" + image + "' is still being taken over: its disk doesn't answer");
     }
     return nullptr;
 }
@@ -197,18 +202,40 @@ Service::DiskPtr Service::make(const MountParams& params, uint64 deviceId, int64
 }
 
 void Service::takeOver(const Leftovers::Disks& left) {
-    Leftovers::Disks taken;
-    for (const auto& [id, note] : left) {
-        try {
-            const DiskPtr disk = std::make_shared<Disk>(note, placeOf(id, note.params.image));
-            const SxMutexBlock block(&mutex);
-            disks[id] = disk;
-            taken.emplace(id, note);
-        } catch (const std::exception& e) {
-            driverLog("image " + note.params.image + " can't be taken over: " + e.what());
-        }
+    {
+        const SxMutexBlock block(&mutex);
+        for (const auto& [id, note] : left)
+            pending[id] = reserved[id] = note.params.image;
     }
-    if (taken.size() < left.size()) Leftovers::sweep(root, folder, taken);
+    // Each on a thread of its own, since the disk of one image may be stuck.
+    for (const auto& [id, note] : left)
+        takers.push_back(
+            std::make_unique<DiskThread>("take", [this, id = id, note = note] { takeOne(id, note); }));
+    for (const auto& taker : takers)
+        taker->start();
+    SxWait::pass(TAKE_OVER_MS, [this] {
+        return std::none_of(takers.begin(), takers.end(),
+                            [](const auto& taker) { return taker->isRunning(); });
+    });
+}
+
+void Service::takeOne(uint64 deviceId, const DirectNote& note) {
+    DiskPtr disk;
+    try {
+        disk = std::make_shared<Disk>(note, placeOf(deviceId, note.params.image));
+    } catch (const std::exception& e) {
+        driverLog("image " + note.params.image + " can't be taken over: " + e.what());
+    }
+    try {
+        const SxMutexBlock block(&lefts);
+        if (!disk) Leftovers::remove(root, folder, deviceId);
+    } catch (const std::exception& e) {
+        driverLog(e.what());
+    }
+    const SxMutexBlock block(&mutex);
+    if (disk) disks[deviceId] = disk;
+    pending.erase(deviceId);
+    reserved.erase(deviceId);
 }
 
 Service::DiskPtr Service::mount(const MountParams& params, int64 peer) {

@@ -21,8 +21,9 @@ public:
     Service(const SxString& root, const SxString& folder);
 
     /// Goes on with disks that a service which was killed has left to the kernel. One that can't be taken
-    /// over is removed. To be called before all others.
-    void takeOver(const Leftovers::Disks& disks);
+    /// over is removed. Returns within moments: the rest is done beside all else, and until then no question
+    /// about such an image is answered. To be called once, before all others.
+    void takeOver(const Leftovers::Disks& left);
 
     /// Carries out one request. Gives the body of the answer; raises where the request fails.
     /// `peer` is the client's process id.
@@ -59,6 +60,7 @@ private:
     class Ejector;
     /// Takes a device id for the image; none where another request is making the image's disk.
     std::optional<uint64> reserve(const SxString& image);
+    void takeOne(uint64 deviceId, const DirectNote& note);
     Disk::Place placeOf(uint64 deviceId, const SxString& image);
     DiskPtr make(const MountParams& params, uint64 deviceId, int64 peer);
     enum class Left { No, Read, Written };
@@ -93,5 +95,9 @@ private:
     std::map<uint64, DiskPtr> disks SX_GUARDED_BY(mutex); ///< by device id
     /// Images whose disks are being made, by device id: opening one may take as long as its own disk does.
     std::map<uint64, SxString> reserved SX_GUARDED_BY(mutex);
+    /// Images whose disks are being taken over. They are reserved, too.
+    std::map<uint64, SxString> pending SX_GUARDED_BY(mutex);
     bool ending SX_GUARDED_BY(mutex) = false; ///< no further disk comes
+
+    std::vector<std::unique_ptr<DiskThread>> takers; ///< which end before all others are destroyed
 };
