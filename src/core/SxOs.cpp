@@ -5,14 +5,19 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <climits>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
+#include <linux/magic.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <sys/uio.h>
+#include <sys/vfs.h>
+#include <thread>
 #include <unistd.h>
 
 namespace {
@@ -61,6 +66,27 @@ int systemFlags(unsigned flags) {
     return result;
 }
 
+/// Opens a file. Whoever looks whether it is open (isOpen()) holds a lease on it for an instant, whose end an
+/// open with O_NONBLOCK doesn't wait for.
+int openPatiently(int folder, const std::string& name, unsigned flags, unsigned permissions) {
+    constexpr int N_TRIES = 100;
+    constexpr std::chrono::milliseconds PAUSE{1};
+    for (int i = 1;; ++i) {
+        const int fd = status(::openat(folder, name.c_str(), systemFlags(flags), permissions));
+        if (fd != -EAGAIN || i == N_TRIES) return fd;
+        std::this_thread::sleep_for(PAUSE);
+    }
+}
+
+/// Whether the file lies on a file system whose leases tell what its server grants, and not who has the file
+/// open here.
+bool hasServerLeases(int fd) {
+    struct ::statfs info {};
+    if (::fstatfs(fd, &info) < 0) return false;
+    const auto type = static_cast<uint32>(info.f_type);
+    return type == NFS_SUPER_MAGIC || type == CIFS_SUPER_MAGIC || type == SMB2_SUPER_MAGIC;
+}
+
 std::atomic<SxOs::OwnerHook> ownerHook{nullptr};
 
 /// Whose a new name at a path is to be.
@@ -92,10 +118,10 @@ public:
             const NewOwner owner(path);
             if (owner.isNeeded()) return openFor(owner, path, flags, permissions);
         }
-        return status(::open(path.c_str(), systemFlags(flags), permissions));
+        return openPatiently(AT_FDCWD, path, flags, permissions);
     }
     int openIn(int folder, const std::string& name, unsigned flags, unsigned permissions) override {
-        return status(::openat(folder, name.c_str(), systemFlags(flags), permissions));
+        return openPatiently(folder, name, flags, permissions);
     }
     int close(int fd) override { return status(::close(fd)); }
 
@@ -268,6 +294,22 @@ public:
         return range.l_type == F_UNLCK ? 0 : 1;
     }
 
+    int isOpen(const std::string& path) override {
+        const int fd = open(path, Read | NoFollow, 0);
+        if (fd == -EAGAIN) return 1; // somebody holds a lease on it, and so has it open
+        if (fd < 0) return fd;
+        int result = -EOPNOTSUPP;
+        if (!hasServerLeases(fd)) {
+            // Whoever opens the file meanwhile has this process told by a signal: SIGIO would end it, SIGURG
+            // is ignored.
+            ::fcntl(fd, F_SETSIG, SIGURG);
+            result = status(::fcntl(fd, F_SETLEASE, F_WRLCK));
+            if (result == 0) ::fcntl(fd, F_SETLEASE, F_UNLCK);
+        }
+        ::close(fd);
+        return result == -EAGAIN || result == -EBUSY ? 1 : result;
+    }
+
     std::string bootId() override {
         char text[64];
         const int fd = open("/proc/sys/kernel/random/boot_id", Read, 0);
@@ -292,9 +334,9 @@ public:
 private:
     /// Only a file that is new changes hands.
     static int openFor(const NewOwner& owner, const std::string& path, unsigned flags, unsigned permissions) {
-        const int fd = status(::open(path.c_str(), systemFlags(flags | Exclusive), permissions));
+        const int fd = openPatiently(AT_FDCWD, path, flags | Exclusive, permissions);
         if (fd == -EEXIST && (flags & Exclusive) == 0)
-            return status(::open(path.c_str(), systemFlags(flags), permissions));
+            return openPatiently(AT_FDCWD, path, flags, permissions);
         if (fd >= 0) owner.take(fd);
         return fd;
     }

@@ -119,6 +119,11 @@ public:
     virtual int lockRange(int fd, int64 offset, int64 n, Lock lock) = 0;
     /// 1 where taking the lock would fail because of another open file, 0 where not.
     virtual int isLocked(int fd, int64 offset, int64 n, Lock lock) = 0;
+    /// 1 where somebody has the file open or mapped, be it this process or the kernel for itself, 0 where
+    /// nobody has. A link isn't followed. Negative where that can't be told: the file is another user's and
+    /// this process has no right to look (-EACCES), or its file system can't tell (-EINVAL, -EOPNOTSUPP).
+    /// Two looks at one time may take each other for a user of the file.
+    virtual int isOpen(const std::string& path) = 0;
 
     /// An id that the machine makes anew at each of its starts; empty where it tells none.
     virtual std::string bootId() = 0;

@@ -11,6 +11,7 @@
 #include "ZqImageFolder.h"
 #include "ZqImageReplacement.h"
 
+#include <algorithm>
 #include <cerrno>
 
 namespace {
@@ -24,6 +25,11 @@ constexpr int64 RANGE_BASE = int64{1} << 32;
 constexpr int64 RECORD_MS = 100;
 /// Pause between two tries to get a lock that is held.
 constexpr int64 LOOK_MS = 10;
+/// How long whoever has img.zqf open may take to let it go: the end of a drive that was just unmounted, or a
+/// program that looks into each file.
+constexpr int64 LET_GO_MS = 2000;
+/// Pauses between two looks at that, the first one and the longest.
+constexpr int64 FIRST_PAUSE_MS = 2, MAX_PAUSE_MS = 50;
 
 const char* rangeName(ZqImageLock::Range range) {
     switch (range) {
@@ -67,6 +73,26 @@ bool isStale(int fd, const std::string& file) {
     return SxOs::get().hasName(fd, file) != 1;
 }
 
+/// Raises where somebody has img.zqf open and doesn't let it go. The kernel reads it for a drive that
+/// outlives its mount or its service, or is another mount namespace's: neither locks nor the table of mounts
+/// show that. Where nobody can tell, no drive is read in that way.
+void awaitLetGo(const SxString& path) {
+    const std::string file = SxOs::hostPath(ZqImageFolder::prefix(path) + ZqImageFiles::ZQF);
+    const int64 endNs = SxClock::get().steadyNs() + LET_GO_MS * 1'000'000;
+    for (int64 pauseMs = FIRST_PAUSE_MS; SxOs::get().isOpen(file) == 1;
+         pauseMs = std::min(2 * pauseMs, MAX_PAUSE_MS)) {
+        if (SxClock::get().steadyNs() >= endNs) {
+            throw SxException(ZqImageLock::HELD,
+                              "Image '" + path +
+                                  "' is still open in another program or in the kernel, as after an unmount "
+                                  "while files of the drive were in use; close what uses it, and unmount the "
+                                  "drive where it is still mounted",
+                              UNIT, __LINE__);
+        }
+        SxTime::msleep(pauseMs);
+    }
+}
+
 SxString printable(const char* text, int64 n) {
     std::string result;
     for (int64 i = 0; i < n && text[i] >= ' ' && text[i] <= '~'; ++i)
@@ -100,6 +126,7 @@ SxPtr<ZqImageLock> ZqImageLock::takeAnyState(const SxString& path, Range range, 
 SxPtr<ZqImageLock> ZqImageLock::takeExtracted(const SxString& path, Range range, Mode mode,
                                               const SxString& job) {
     auto lock = SxPtr<ZqImageLock>::create(Key(), path, range, mode, job);
+    if (range == Shape && mode == Exclusive) awaitLetGo(path);
     if (!ZqImageReplacement::isPending(path)) return lock;
     if (range != Shape || mode != Exclusive) {
         throw SxException("A command was cut off while it put a new image in the place of the one in '" +

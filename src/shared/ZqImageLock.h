@@ -16,7 +16,7 @@
 /// that was made in vain; a lock on a file that no longer stands under its name is taken again.
 class ZqImageLock {
 public:
-    /// Tag of a failure: somebody else holds it.
+    /// Tag of a failure: somebody else holds it, or has `img.zqf` open.
     static constexpr const char* HELD = "ImageLockHeld";
 
     enum Range {
@@ -32,13 +32,17 @@ public:
     };
     enum Mode { Shared, Exclusive };
 
-    /// Takes the lock for `job` (a few words, shown to whoever is refused), without waiting. Raises naming
-    /// the holder where it is held otherwise, and where the image is in the middle of an optimisation or a
-    /// patch (see refuseUnfinished()). A replacement of the image that was cut off is brought to its end
-    /// where the lock is exclusive, and else refused, too. `path` is the image folder, with or without a
-    /// trailing slash; it must exist. Readers of a folder that they can't write to go without a lock:
-    /// a shared one always succeeds there, unrecorded. It keeps out nobody who could change the image, but a
-    /// server's read-only tree must be readable.
+    /// Takes the lock for `job` (a few words, shown to whoever is refused), without waiting for a holder.
+    /// Raises naming the holder where it is held otherwise, and where the image is in the middle of an
+    /// optimisation or a patch (see refuseUnfinished()). A replacement of the image that was cut off is
+    /// brought to its end where the lock is exclusive, and else refused, too. `path` is the image folder,
+    /// with or without a trailing slash; it must exist. Readers of a folder that they can't write to go
+    /// without a lock: a shared one always succeeds there, unrecorded. It keeps out nobody who could change
+    /// the image, but a server's read-only tree must be readable.
+    ///
+    /// Whoever takes Shape exclusively has closed `img.zqf` before. Where somebody else has it open, a
+    /// program or the kernel, this waits for 2 s, and raises if it is still open then. Where the system can't
+    /// tell (SxOs::isOpen()), it counts as closed.
     static SxPtr<ZqImageLock> take(const SxString& path, Range range, Mode mode, const SxString& job);
     /// The same for a reader that copes with an unfinished image, as `image info` does to say how to go on,
     /// but with none that is half replaced, and for a job that goes on with one. An exclusive lock on the

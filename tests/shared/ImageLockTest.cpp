@@ -1,9 +1,12 @@
 #include "BaseTest.h"
+#include "Descriptors.h"
 #include "SxTime.h"
+#include "VirtualClock.h"
 #include "ZqImageLock.h"
 #include "ZqStreamRecord.h"
 
 #include <csignal>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <thread>
@@ -53,6 +56,25 @@ public:
 };
 
 const int64 SELF = ::getpid();
+
+/// Has a file open for some time.
+class Reader : public SxSystemThread {
+public:
+    Reader(const std::string& file, int64 ms_) : ms(ms_), fd(::open(file.c_str(), O_RDONLY | O_CLOEXEC)) {
+        start();
+    }
+    ~Reader() override { wait(); }
+
+protected:
+    void main() override {
+        SxTime::msleep(ms);
+        ::close(fd);
+    }
+
+private:
+    const int64 ms;
+    const int fd;
+};
 
 } // namespace
 
@@ -214,4 +236,52 @@ TEST(ImageLock, AFolderThatCannotBeWrittenTo) {
     FaultOs os(dir.path());
     os.failNth(Op::Lock, 1, ENOLCK);
     EXPECT_THAT(dir.tryTake(Lock::Shared), HasSubstr("No locks available"));
+}
+
+// As the kernel has img.zqf open for a drive that was unmounted while a program used it.
+TEST(ImageLock, TheShapeIsNobodysWhoseFileIsOpen) {
+    const ImageDir dir;
+    const std::string file = dir.write("img.zqf", "blocks");
+    const int64 nBefore = countDescriptors();
+    VirtualClock clock;
+    const auto tryTimed = [&](Lock::Mode mode, Lock::Range range, const std::string& failure, int64 ms) {
+        const int64 begin = clock.elapsedMs();
+        EXPECT_EQ(dir.tryTake(mode, range), failure);
+        EXPECT_GE(clock.elapsedMs() - begin, ms);
+        EXPECT_LE(clock.elapsedMs() - begin, ms == 0 ? 0 : ms + 50);
+    };
+    const std::string refusal = "Image '" + dir.path() +
+                                "' is still open in another program or in the kernel, as after an unmount "
+                                "while files of the drive were in use; close what uses it, and unmount the "
+                                "drive where it is still mounted";
+    tryTimed(Lock::Exclusive, Lock::Shape, "", 0);
+    {
+        const Reader reader(file, 5000);
+        tryTimed(Lock::Exclusive, Lock::Shape, refusal, 2000);
+        EXPECT_TRUE(exceptionOf([&] { dir.take("attempt", Lock::Exclusive); }).hasTag(Lock::HELD));
+        EXPECT_EQ(countDescriptors(), nBefore + 1) << "that of the reader";
+        tryTimed(Lock::Shared, Lock::Shape, "", 0); // also: the refused one left no lock
+        tryTimed(Lock::Exclusive, Lock::Growth, "", 0);
+    }
+    tryTimed(Lock::Exclusive, Lock::Shape, "", 0);
+    {
+        const Reader reader(file, 300);
+        tryTimed(Lock::Exclusive, Lock::Shape, "", 300);
+    }
+    {
+        // Whoever waits for a holder waits for that one as well.
+        const Reader reader(file, 3000);
+        const int64 begin = clock.elapsedMs();
+        Lock::await(dir.path(), Lock::Shape, Lock::Exclusive, "content extract", 5000);
+        EXPECT_GE(clock.elapsedMs() - begin, 3000);
+    }
+    // Where nobody can tell, and where there is no such file, the image is taken at once.
+    FaultOs os(dir.path());
+    const Reader reader(file, 5000);
+    os.failNth(Op::Lock, 1, EACCES, "img.zqf");
+    tryTimed(Lock::Exclusive, Lock::Shape, "", 0);
+    EXPECT_EQ(os.getNFailed(), 1);
+    fs::rename(file, dir.path("img.zqf.part1"));
+    tryTimed(Lock::Exclusive, Lock::Shape, "", 0);
+    EXPECT_EQ(countDescriptors(), nBefore + 1);
 }

@@ -187,6 +187,10 @@ public:
         const int error = strike(Op::Lock, fd);
         return error ? error : machine.isLocked(fd, offset, n, lock);
     }
+    int isOpen(const std::string& path) override {
+        const int error = strike(Op::Lock, path);
+        return error ? error : machine.isOpen(path);
+    }
     std::string bootId() override;
     std::string currentDir() override { return machine.currentDir(); }
     int canonical(const std::string& path, std::string* result) override {
