@@ -94,8 +94,8 @@ void tellRun(const ZqRunRecord& run, Output* out) {
     row("underflows",
         SxString(info.nUnderflows) + ", the longest " + ZqReadable::seconds(info.maxUnderflowTime), out);
     if (run.wasStarted) tellAccuracy(run.accuracy, out);
-    if (info.coverage > 0)
-        row("named by the trace", SxString::sprintf("%.1f %% of the image", info.coverage * 100), out);
+    if (info.coverage)
+        row("named by the trace", SxString::sprintf("%.1f %% of the image", *info.coverage * 100), out);
     if (info.patchStats.started) row("patched before", SxString(info.patchStats.timeSec) + " s", out);
     if (info.defragStats.started) row("re-ordered before", SxString(info.defragStats.timeSec) + " s", out);
     if (!run.driveFailure.isEmpty()) row("drive", run.driveFailure.makeVisible(), out);

@@ -6,6 +6,8 @@
 #include "SxString.h"
 #include "SxSymbol.h"
 
+#include <optional>
+
 struct ZqHttpLimits;
 
 /// Statistics of one run of a streamed application. The jobs of the library write into it while they run,
@@ -79,7 +81,7 @@ public:
     SxList<int> driveTypes;             ///< 2 removable, 3 fixed, 4 network, 5 optical, 6 memory
     SxList<uint64> driveSizes;          ///< bytes
     SxList<uint64> driveFree;           ///< bytes
-    double coverage = 0;                ///< coverage of the image by its trace
+    std::optional<double> coverage;     ///< of the image by its trace, 0 to 1; none without a trace
     SxUniqueList<SxString> appsAtStart; ///< applications seen at the start of the run
     Stats defragStats;                  ///< image defragmentation
     Stats patchStats;                   ///< patching

@@ -159,7 +159,6 @@ void readInfo(const SxSymbol& root, ZqRuntimeInfo* info) {
     ZqRecordFile::get(root, "maxSpeed", &info->maxSpeed);
     ZqRecordFile::get(root, "sigmaSpeed", &info->sigmaSpeed);
     ZqRecordFile::get(root, "reqSpeed", &info->reqSpeed);
-    ZqRecordFile::get(root, "coverage", &info->coverage);
     ZqRecordFile::get(root, "downloadFromZero", &info->downloadFromZero);
     ZqRecordFile::get(root, "downloadComplete", &info->downloadComplete);
     ZqRecordFile::get(root, "startErr", &info->startErr);
@@ -176,7 +175,7 @@ void appendInfo(const ZqRuntimeInfo& info, SxSymbol* root) {
     root->append("imgSize", info.imageSize);
     root->append("timeToReady", info.timeToReady);
     root->append("maxSpeed", info.maxSpeed);
-    root->append("coverage", info.coverage);
+    if (info.coverage) root->append("coverage", *info.coverage);
     root->append("startErr", info.startErr);
     root->append("endErr", info.endErr);
     if (info.appsAtStart.getSize() > 0) {
@@ -287,6 +286,9 @@ ZqRunRecord ZqRunRecord::read(const SxString& file) {
         ZqRecordFile::get(root, "missingBytes", &record.nMissing);
         const SxSymbol judged = root.getElem("accuracy", false);
         if (judged.isValid()) record.accuracy = ZqRunAccuracy::fromJson(judged);
+        // Former versions stated 0 where there was no trace.
+        if (record.accuracy.isJudged && root.hasElem("coverage"))
+            record.info.coverage = root.getElem("coverage").toDouble();
         return record;
     } catch (const SxException& e) {
         throw SxException(e, "Failed to read file " + file, UNIT, __LINE__);

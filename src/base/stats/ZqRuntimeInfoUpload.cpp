@@ -153,8 +153,8 @@ SxSymbol ZqRuntimeInfo::toReport(const SxList<SxString>& sections, bool update) 
     section(ZqReportSections::RUN, update && runTime > 0, putRun);
     section(ZqReportSections::DOWNLOAD, update && avgSpeed > LEAST, putDownload);
     section(ZqReportSections::ON_DEMAND, update && nOnDemandFetches > 0, putOnDemand);
-    section(ZqReportSections::TRACE, update && coverage > LEAST,
-            [](SxSymbol trace, const ZqRuntimeInfo& info) { trace.append("cov", info.coverage); });
+    section(ZqReportSections::TRACE, update && coverage.value_or(0) > LEAST,
+            [](SxSymbol trace, const ZqRuntimeInfo& info) { trace.append("cov", *info.coverage); });
     section(ZqReportSections::PREPARATION, update && (patchStats.timeSec != 0 || defragStats.timeSec != 0),
             putPreparation);
     return root;

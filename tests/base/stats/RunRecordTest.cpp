@@ -183,6 +183,29 @@ TEST(RunRecord, OneThatCantBeReadIsNamedAndTheOthersAreThere) {
                 HasSubstr("Failed to read file " + dir.path("runs/2026-11-27T10-00-01Z")));
 }
 
+TEST(RunRecord, HasACoverageOnlyWhereThereWasATrace) {
+    const TempDir dir;
+    ZqRunRecord run;
+    run.wasStarted = true;
+    run.info.time0 = T0;
+    run.write(dir.path(""));
+    EXPECT_THAT(run.toJson().toJson().str(), Not(HasSubstr("coverage")));
+    // A trace may name nothing of the image.
+    ZqRunRecord traced;
+    traced.wasStarted = traced.accuracy.isJudged = true;
+    traced.info.time0 = T0 + 1000;
+    traced.info.coverage = 0;
+    traced.write(dir.path(""));
+    dir.write("runs/2099-01-01T00-00-00Z-00000003.json",
+              R"({"version": 2, "startMs": 1, "coverage": 0, "accuracy": {"waits": 0, "waitedMs": 0}})");
+    SxList<SxException> failures;
+    const SxList<ZqRunRecord> records = ZqRunRecord::readLast(dir.path(""), 9, &failures);
+    ASSERT_EQ(records.getSize(), 3);
+    EXPECT_EQ(records(0).info.coverage, std::nullopt);
+    EXPECT_EQ(records(1).info.coverage, 0.0);
+    EXPECT_EQ(records(2).info.coverage, std::nullopt) << "a former version's record of an untraced run";
+}
+
 TEST(RunRecord, ComesBackAsItWasWrittenAndTheLastHundredStay) {
     const TempDir dir;
     dir.write("runs/notes.json", "mine");
