@@ -18,6 +18,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <functional>
+#include <optional>
 
 namespace {
 constexpr const char* UNIT = "src/client/RunVerbs";
@@ -33,7 +34,8 @@ struct RunOptions {
     SxList<SxString> headers;
     ZqStatsWish stats;
     uint64 rate = 0;
-    bool now = false, keepMounted = false, complete = false, noTrace = false, noLaunchers = false;
+    bool now = false, keepMounted = false, complete = false, noLaunchers = false;
+    bool trace = false, noTrace = false;
     int64 nTraces = ZqRun::N_TRACES, traceSeconds = ZqRun::TRACE_MS / MS_PER_S;
 };
 
@@ -124,7 +126,50 @@ private:
     bool told = false;
 };
 
-/// Shows the run until it has ended; `look` is called between.
+/// Whether the run records; empty where that is as always.
+SxString traceText(const ZqTracePolicy::Decision& decision) {
+    static_assert(ZqTracePolicy::N_ENOUGH == 5 && ZqTracePolicy::EVERY == 10, "the text says so");
+    switch (decision.reason) {
+    case ZqTracePolicy::Wished:
+        return decision.records ? "Records which blocks are read, as --trace says."
+                                : "Records no trace, as --no-trace says.";
+    case ZqTracePolicy::Few:
+        return "Records which blocks are read: " + SxString(decision.nSound) +
+               " of 5 traces of this build are there.";
+    case ZqTracePolicy::Turn:
+        return "Records which blocks are read: five traces of this build are there, and every tenth run "
+               "records.";
+    case ZqTracePolicy::Enough:
+        return "Records no trace: five traces of this build are there. Every tenth run records.";
+    case ZqTracePolicy::Partial:
+        break;
+    }
+    return {};
+}
+
+/// Tells that once it is decided.
+class TraceLine {
+public:
+    explicit TraceLine(Output* out_) : out(out_) {}
+
+    void look(const ZqRun& job, Progress* progress) {
+        if (told) return;
+        const std::optional<ZqTracePolicy::Decision> decision = job.getTraceDecision();
+        if (!decision) return;
+        told = true;
+        const SxString line = traceText(*decision);
+        if (line.isEmpty()) return;
+        progress->finish();
+        out->text(line);
+        out->flush();
+    }
+
+private:
+    Output* const out;
+    bool told = false;
+};
+
+/// Shows the run until it has ended; `look` is called between, and at the end.
 void followRun(ZqRun* job, const SxString& image, Output& out,
                const std::function<void(const ZqFeedStatus& status, Progress* progress)>& look) {
     StopSignals signals;
@@ -148,6 +193,8 @@ void followRun(ZqRun* job, const SxString& image, Output& out,
         progress.finish();
         Output::failure(lostWritesText(image));
     }
+    // A run can be over before anybody has looked.
+    look(job->getStatus(), &progress);
     progress.finish();
     job->wait();
     if (!toldLoss && job->hasLostWrites()) Output::failure(lostWritesText(image));
@@ -183,6 +230,10 @@ void writeFiles(const ZqRun& job, const RunOptions& options) {
 }
 
 int run(const RunOptions& options, Output& out) {
+    if (options.trace && options.noTrace) {
+        Output::failure("Give one of both: --trace or --no-trace");
+        return ExitUsage;
+    }
     refuseForeignFolder(options.image);
     if (!options.report.isEmpty()) requirePlainFile(options.report, "report", {options.image});
     if (!options.page.isEmpty()) {
@@ -192,7 +243,8 @@ int run(const RunOptions& options, Output& out) {
         }
     }
     ZqRun::Settings settings;
-    settings.isUntraced = options.noTrace;
+    if (options.trace) settings.tracing = ZqTracePolicy::Always;
+    if (options.noTrace) settings.tracing = ZqTracePolicy::Never;
     settings.traceMs = options.traceSeconds * MS_PER_S;
     settings.nTraces = options.nTraces;
     settings.feed.image = options.image;
@@ -208,8 +260,11 @@ int run(const RunOptions& options, Output& out) {
     if (const char* file = std::getenv("TAVRIN_FIRST_FRAME")) settings.firstFrameFile = file;
     ZqRun job(settings);
     ForecastLine forecast(options.now, &out);
-    followRun(&job, options.image, out,
-              [&](const auto& status, Progress* progress) { forecast.look(job, status, progress); });
+    TraceLine trace(&out);
+    followRun(&job, options.image, out, [&](const auto& status, Progress* progress) {
+        trace.look(job, progress);
+        forecast.look(job, status, progress);
+    });
     const ZqRun::Result& result = job.getResult();
     if (result.wasStarted) {
         out.text(result.isExitKnown ? SxString("The application has ended with code ") + result.info.exitCode
@@ -321,6 +376,7 @@ void registerRunVerbs(App* app) {
               "Start the title itself, and leave the launchers of this machine alone")
         .text("--runner", &options.runner, "PROGRAM",
               "What starts Windows programs in Wine's place, such as umu-run")
+        .flag("--trace", &options.trace, "Record a trace of the run, however many there are")
         .flag("--no-trace", &options.noTrace, "Record no trace of the run")
         .integer("--trace-seconds", &options.traceSeconds, 0, MOST_SECONDS,
                  "Record for so many seconds of play; 600 where not given, 0 for all of it")

@@ -30,6 +30,7 @@ TEST_F(ClientTest, wrongUsageIsOneSentenceAndExitCode2) {
         {{"run", "x", "--header", "A: b\r\nC: d"},
          "--header needs a line \"NAME: VALUE\", not 'A: b\\r\\nC: d'"},
         {{"run", "x", "--header", "Accept:"}, "not 'Accept:'"},
+        {{"run", "x", "--trace", "--no-trace"}, "Give one of both: --trace or --no-trace"},
         {{"serve", "x", "--port", "65536"}, "--port needs a whole number from 0 to 65535, not '65536'"},
         {{"image", "pack", "x", "--level", "23"}, "--level needs a whole number from 1 to 22, not '23'"},
     };

@@ -55,6 +55,7 @@ void ZqStreamRecord::read(const SxString& image) {
         const SxSymbol root = ZqRecordFile::read(file, "zqstream-schema.json");
         ZqRecordFile::get(root, "url", &url);
         ZqRecordFile::get(root, "nStarts", &nStarts);
+        ZqRecordFile::get(root, "nUntraced", &nUntraced);
         ZqRecordFile::get(root, "application", &application);
         ZqRecordFile::get(root, "verified", &verified);
         ZqRecordFile::get(root, "verifiedSize", &verifiedStamp.size);
@@ -83,6 +84,7 @@ void ZqStreamRecord::write(const SxString& image) const {
         root.append("version", VERSION);
         if (!url.isEmpty()) root.append("url", url);
         root.append("nStarts", nStarts);
+        if (nUntraced > 0) root.append("nUntraced", nUntraced);
         if (!application.isEmpty()) root.append("application", application);
         if (!verified.isEmpty()) {
             root.append("verified", verified);

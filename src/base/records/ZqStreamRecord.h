@@ -13,6 +13,7 @@ class ZqStreamRecord {
 public:
     SxString url;         ///< address of the image's folder; empty where none is known
     int64 nStarts = 0;    ///< applications started so far
+    int64 nUntraced = 0;  ///< of these, those since the last one whose run recorded a trace
     SxString application; ///< process group of the last of them, see SxProcessGroup::toText(); empty for none
     SxString verified;    ///< digest that the complete `img.zqf` was found to have; empty for none
     /// An `img.zqf` as it was at some moment: another size or time tells that it was changed.

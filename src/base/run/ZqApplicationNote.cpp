@@ -25,6 +25,7 @@ void ZqApplicationNote::read() {
     record.read(image);
     former = SxProcessGroup::fromText(record.application);
     nFormerStarts = record.nStarts;
+    nUntraced = record.nUntraced;
 }
 
 void ZqApplicationNote::requireNoFormer() const {
@@ -47,7 +48,7 @@ void ZqApplicationNote::adopt() {
     nStarts = nFormerStarts;
 }
 
-void ZqApplicationNote::note(const SxProcessGroup& group) {
+void ZqApplicationNote::note(const SxProcessGroup& group, bool isTraced) {
     if (isAdopted) return;
     const SxString text = group.toText();
     if (isNoted && text == noted) return;
@@ -56,7 +57,11 @@ void ZqApplicationNote::note(const SxProcessGroup& group) {
     SxString line;
     try {
         ZqStreamRecord::update(image, [&](ZqStreamRecord* record) {
-            if (!isNoted) ++record->nStarts;
+            // Now and not at the run's end, which a run that is killed doesn't come to.
+            if (!isNoted) {
+                ++record->nStarts;
+                record->nUntraced = isTraced ? 0 : record->nUntraced + 1;
+            }
             record->application = text;
             nStarts = record->nStarts;
         });

@@ -23,18 +23,21 @@ public:
     /// This run goes on with what the former one has begun, and with its note.
     void adopt();
 
-    /// Writes down the start of an application, and its processes where these have changed.
-    void note(const SxProcessGroup& group);
+    /// Writes down the start of an application, whether its run records a trace, and its processes where
+    /// these have changed.
+    void note(const SxProcessGroup& group, bool isTraced);
     /// Writes down that it has ended: what may still run of it is no longer an application.
     void noteEnd(const SxProcessGroup& group) const;
     /// Applications that were started so far, with the one that was noted or adopted last; 0 without one.
     int64 getStarts() const { return nStarts; }
+    /// Of those that former runs have started, how many came after the last one that was traced.
+    int64 getUntraced() const { return nUntraced; }
 
 private:
     const SxString image;
     ZqRunWait* const waits;
     SxProcessGroup former;
-    int64 nFormerStarts = 0, nStarts = 0;
+    int64 nFormerStarts = 0, nStarts = 0, nUntraced = 0;
     bool isNoted = false, isAdopted = false;
     SxString noted;   ///< the group that was written last
     int64 failNs = 0; ///< when that failed last; 0 for never

@@ -80,6 +80,11 @@ ZqStartForecast ZqRun::forecast(double speedMbit) const {
     return ZqStartForecast(feed->getApp(), speedMbit, feed->getStatus().nCurrent);
 }
 
+std::optional<ZqTracePolicy::Decision> ZqRun::getTraceDecision() const {
+    if (phase < Mounting) return {};
+    return traceDecision;
+}
+
 int64 ZqRun::elapsedMs() const {
     return (SxClock::get().steadyNs() - beginNs) / 1'000'000;
 }
@@ -141,7 +146,7 @@ void ZqRun::run() {
     if (adopt()) return;
     // An earlier run may have found the image to be wrong, or have ended before it knew.
     if (wasComplete) awaitCheck();
-    mount();
+    mount(wasComplete);
     if (settings.isDriveOnly) {
         feedDrive();
         return;
@@ -200,14 +205,16 @@ void ZqRun::awaitBytes() {
     }
 }
 
-void ZqRun::mount() {
+void ZqRun::mount(bool wasComplete) {
     awaitBytes();
     // A drive that writes into the file would change what is compared, so the image is completed and compared
     // before that.
     if (drive->mode() == ZqDriveKinds::ReadWrite) awaitCheck();
+    recording->decide(feed->getApp().checksumMnt, wasComplete, note->getUntraced());
     recording->awaitRoom(*feed, waits.get());
     feed->requireRanges(waits->test());
     drive->removeLeftovers();
+    traceDecision = recording->getDecision();
     phase = Mounting;
     recording->begin();
     try {
@@ -261,7 +268,7 @@ void ZqRun::startApplication() {
     guard->start();
     result.startMs = elapsedMs();
     result.wasStarted = true;
-    note->note(guard->getGroup());
+    noteApplication();
 }
 
 void ZqRun::follow() {
@@ -275,7 +282,7 @@ void ZqRun::follow() {
         drive->watch();
         drive->watchReads();
         searching = guard->isSearching();
-        note->note(guard->getGroup());
+        noteApplication();
         if (guard->getGroup().isValid()) statistics->applicationRuns();
         firstFrame->look();
         if (recording->limit()) statistics->endJudgement(elapsedMs());
@@ -298,6 +305,10 @@ void ZqRun::follow() {
     // Where the drive has gone, what the application has read since, and its exit code, mean nothing.
     drive->require();
     feed->requireAlive();
+}
+
+void ZqRun::noteApplication() {
+    note->note(guard->getGroup(), !recording->getFolder().isEmpty());
 }
 
 void ZqRun::suspendProcess() {

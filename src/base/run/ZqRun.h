@@ -5,9 +5,11 @@
 #include "ZqRunResult.h"
 #include "ZqRunSettings.h"
 #include "ZqStartForecast.h"
+#include "ZqTracePolicy.h"
 
 #include <atomic>
 #include <memory>
+#include <optional>
 
 class ZqAppParams;
 class ZqAppSuspension;
@@ -56,6 +58,10 @@ public:
     /// What the load profile says of a start at that speed, in megabit per second of `img.zqf`, with what is
     /// there now. Needs a phase after Opening.
     ZqStartForecast forecast(double speedMbit) const;
+    /// Whether the run records a trace, and why. None before the phase Mounting, for a run that has nothing
+    /// to decide (it has no application, goes on with that of a former run, or was given the folder of its
+    /// trace), and where a full disk leaves no choice (`lacksTraceRoom` of the result).
+    std::optional<ZqTracePolicy::Decision> getTraceDecision() const;
     /// Whether the drive of a former run was found to have gone with writes that its programs hadn't synced.
     bool hasLostWrites() const;
     /// Tag of a run's exception: the run has come to its end, but a read or write of its drive has failed.
@@ -78,12 +84,13 @@ private:
     /// complete, before a drive that takes writes into `img.zqf`, and before a drive is left.
     void awaitCheck();
     void awaitBytes();
-    void mount();
+    void mount(bool wasComplete);
     void feedDrive();
     void prepare();
     void startApplication();
     void follow();
     bool isPlay() const;
+    void noteApplication();
     void suspendProcess();
     bool isCalm() const;
     void complete();
@@ -108,6 +115,7 @@ private:
     std::unique_ptr<ZqFirstFrame> firstFrame;
     std::unique_ptr<ZqRunSampler> sampler;
     std::unique_ptr<ZqSleepDelay> sleepDelay;
+    std::optional<ZqTracePolicy::Decision> traceDecision; ///< set before the phase Mounting, and never later
     int64 beginNs = 0, beginMs = 0;
     Result result;
 };

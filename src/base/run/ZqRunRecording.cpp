@@ -25,13 +25,20 @@ ZqRunRecording::ZqRunRecording(const ZqRunSettings& settings)
       limitMs(settings.traceMs),
       nMost(settings.nTraces),
       isPlay(!settings.isDriveOnly && !settings.feed.isDownloadOnly),
-      own(settings.traceFolder.isEmpty() && !settings.isUntraced && isPlay),
+      wish(settings.tracing),
+      mayOwn(wanted.isEmpty() && isPlay),
       traces(image) {
 }
 
 void ZqRunRecording::requireFolder() const {
-    if (own) ZqImageFolder::requireNoLink(image, ZqImageFiles::TRACES);
+    if (mayOwn && wish != ZqTracePolicy::Never) ZqImageFolder::requireNoLink(image, ZqImageFiles::TRACES);
     if (isPlay) ZqImageFolder::requireNoLink(image, ZqImageFiles::RUNS);
+}
+
+void ZqRunRecording::decide(const SxString& build, bool wasComplete, int64 nUntraced) {
+    if (!mayOwn) return;
+    decision = ZqTracePolicy::decide({image, build, wasComplete, nUntraced, wish});
+    own = decision->records;
 }
 
 void ZqRunRecording::awaitRoom(const ZqImageFeed& feed, ZqRunWait* waits) {
@@ -41,6 +48,7 @@ void ZqRunRecording::awaitRoom(const ZqImageFeed& feed, ZqRunWait* waits) {
         if (feed.isComplete()) {
             lacking = true;
             own = false;
+            decision.reset();
             break;
         }
         feed.requireAlive();

@@ -2,19 +2,29 @@
 
 #include "SxString.h"
 #include "ZqRunTraces.h"
+#include "ZqTracePolicy.h"
+
+#include <optional>
 
 class ZqImageFeed;
 class ZqRunWait;
 struct ZqRunSettings;
 
-/// The recording of a run's trace: where it goes, that there is room for it, and when it ends. The drive
-/// service records; a mount is told the folder. Of the run's thread.
+/// The recording of a run's trace: whether there is one, where it goes, that there is room for it, and when
+/// it ends. The drive service records; a mount is told the folder. Of the run's thread.
 class ZqRunRecording {
 public:
     explicit ZqRunRecording(const ZqRunSettings& settings);
 
     /// Raises where the run is to write into the image's folder and what it writes there is somewhere else.
     void requireFolder() const;
+    /// Decides whether the run records a trace among the image's; to be called once, before awaitRoom().
+    /// `build`: `checksums.mnt`. `wasComplete`: the image was so when the run began. `nUntraced`: see
+    /// ZqStreamRecord.
+    void decide(const SxString& build, bool wasComplete, int64 nUntraced);
+    /// What was decided, and came of it; none where there was nothing to decide, or where the run doesn't
+    /// record for want of room.
+    const std::optional<ZqTracePolicy::Decision>& getDecision() const { return decision; }
     /// Waits until the image's disk has room for the record of a trace, without which a mount fails, or until
     /// `feed` has all of the image, which is played without a trace then. Raises where the download has
     /// ended, or the run is stopped.
@@ -49,8 +59,11 @@ private:
     const int64 limitMs;   ///< of play; 0 for none
     const int64 nMost;     ///< traces that stay
     const bool isPlay;     ///< there is an application
-    bool own;
+    const ZqTracePolicy::Wish wish;
+    const bool mayOwn; ///< the trace, if there is one, is among the image's
+    bool own = false;  ///< there is one, and it is
     bool lacking = false, ended = false;
+    std::optional<ZqTracePolicy::Decision> decision;
     SxString folder;
     int64 endNs = 0; ///< when recording ends; 0 for no end, or where it has ended
     ZqRunTraces traces;

@@ -2,6 +2,7 @@
 
 #include "ZqFeedStatus.h"
 #include "ZqStatsWish.h"
+#include "ZqTracePolicy.h"
 
 /// What a run is to do; see ZqRun.
 struct ZqRunSettings {
@@ -17,11 +18,12 @@ struct ZqRunSettings {
     bool isDriveOnly = false;  ///< no application: feed the drive until somebody unmounts it
     SxString mountMode;        ///< how to mount; empty for what `app.json` says
     SxString traceFolder;      ///< where the trace goes; empty for a new folder among the image's traces
-    bool isUntraced = false;   ///< no trace among the image's
-    int64 traceMs = TRACE_MS;  ///< recording ends after so much play, in milliseconds; 0 for never
-    int64 nTraces = N_TRACES;  ///< of the traces that runs made here so many stay; 0 for all
-    bool noLaunchers = false;  ///< start the title itself, and leave the launchers alone
-    SxString runner;           ///< what starts Windows programs in Wine's place; see ZqAppRunner
-    ZqStatsWish stats;         ///< what the user says of reports to a statistics service
-    SxString firstFrameFile;   ///< a file written with the application's first frame; may be empty
+    /// Whether a run of an application records one, where `traceFolder` is empty.
+    ZqTracePolicy::Wish tracing = ZqTracePolicy::AsNeeded;
+    int64 traceMs = TRACE_MS; ///< recording ends after so much play, in milliseconds; 0 for never
+    int64 nTraces = N_TRACES; ///< of the traces that runs made here so many stay; 0 for all
+    bool noLaunchers = false; ///< start the title itself, and leave the launchers alone
+    SxString runner;          ///< what starts Windows programs in Wine's place; see ZqAppRunner
+    ZqStatsWish stats;        ///< what the user says of reports to a statistics service
+    SxString firstFrameFile;  ///< a file written with the application's first frame; may be empty
 };
