@@ -7,8 +7,7 @@
 
 namespace {
 constexpr const char* UNIT = "src/shared/ZqDriveWalk";
-constexpr uint64 NAME_COST = 64;             ///< bytes of memory beside the name itself
-constexpr uint64 MAX_COST = uint64{2} << 30; ///< bytes of memory; enough for twenty million files
+constexpr uint64 NAME_COST = 64; ///< bytes of memory beside the name itself
 
 std::vector<uint64> unique(std::vector<uint64> inodes) {
     std::sort(inodes.begin(), inodes.end());
@@ -54,7 +53,7 @@ void ZqDriveWalk::add(uint64 inode, Kind kind, std::string_view name) {
         throw damage(SxString("a path has more than ") + MAX_PATH + " bytes", __LINE__);
     }
     nBytes += NAME_COST + name.size();
-    if (nBytes > MAX_COST) throw damage("it has more names than a drive can have", __LINE__);
+    if (nBytes > most) throw damage("it has more names than a drive can have", __LINE__);
     if (kind == Kind::File) names.push_back({inode, current, std::string(name)});
     if (kind == Kind::Other) others.push_back(inode);
     if (kind != Kind::Folder) return;

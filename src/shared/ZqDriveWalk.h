@@ -34,6 +34,9 @@ public:
     ZqDriveWalk(const ZqDriveWalk&) = delete;
     ZqDriveWalk& operator=(const ZqDriveWalk&) = delete;
 
+    /// Has more memory than that, in bytes, never be taken for names; enough for twenty million files at
+    /// first.
+    void setMostMemory(uint64 bytes) { most = bytes; }
     /// Finds the names of all files, which comes first. Raises where the drive is damaged, naming it.
     void findNames();
     /// Shows each file once, in the order of their inodes. Raises as findNames() does.
@@ -98,6 +101,7 @@ private:
     SxIndexSet entered{0};          ///< inodes of folders
     size_t current = 0;             ///< the folder that is listed
     uint64 nBlocks = 0, nBytes = 0; ///< taken; of names
+    uint64 most = uint64{2} << 30;  ///< of those
     size_t lastFolder = 0;          ///< that of `lastPath`
     std::string lastPath;
 };

@@ -39,21 +39,28 @@ uint64 ZqErofsWalk::Inode::getTail() const {
     return isInline ? size % BLOCK : 0;
 }
 
-ZqErofsWalk::Inode ZqErofsWalk::readInode(uint64 inode, uint64 type) const {
+std::string ZqErofsWalk::readCore(uint64 inode) const {
     if (inode > reader->getSize() / NID_UNIT) {
         throw damage("inode " + SxString(inode) + " lies beyond it", __LINE__);
     }
     const uint64 at = inodes + inode * NID_UNIT;
-    Inode found;
-    found.core = reader->read(at, COMPACT_SIZE);
-    const uint64 format = number(found.core, INODE_FORMAT, 2), layout = format >> 1;
+    std::string core = reader->read(at, COMPACT_SIZE);
+    if (number(core, INODE_FORMAT, 2) & FORMAT_EXTENDED)
+        core += reader->read(at + COMPACT_SIZE, EXTENDED_SIZE - COMPACT_SIZE);
+    return core;
+}
+
+ZqErofsWalk::Inode ZqErofsWalk::interpret(uint64 inode, std::string core, uint64 type) const {
+    const uint64 format = number(core, INODE_FORMAT, 2), layout = format >> 1;
     const bool isExtended = format & FORMAT_EXTENDED;
-    if (isExtended) found.core += reader->read(at + COMPACT_SIZE, EXTENDED_SIZE - COMPACT_SIZE);
-    found.mode = number(found.core, INODE_MODE, 2);
-    found.size = number(found.core, INODE_BYTES, isExtended ? 8 : 4);
-    found.firstRaw = number(found.core, INODE_DATA, 4);
-    found.nXattrs = number(found.core, INODE_N_XATTRS, 2);
-    found.end = at + found.core.size() + (found.nXattrs == 0 ? 0 : 12 + (found.nXattrs - 1) * 4);
+    Inode found;
+    found.mode = number(core, INODE_MODE, 2);
+    found.size = number(core, INODE_BYTES, isExtended ? 8 : 4);
+    found.firstRaw = number(core, INODE_DATA, 4);
+    found.nXattrs = number(core, INODE_N_XATTRS, 2);
+    found.begin = inodes + inode * NID_UNIT;
+    found.end = found.begin + core.size() + (found.nXattrs == 0 ? 0 : 12 + (found.nXattrs - 1) * 4);
+    found.core = std::move(core);
     if ((found.mode & MODE_TYPE) != type) {
         throw damage("inode " + SxString(inode) + " isn't what its folder says", __LINE__);
     }
@@ -63,6 +70,10 @@ ZqErofsWalk::Inode ZqErofsWalk::readInode(uint64 inode, uint64 type) const {
                           UNIT, __LINE__);
     }
     found.isInline = layout == Inline;
+    // The kernel would look for all of the last block there.
+    if (found.isInline && found.size != 0 && found.getTail() == 0) {
+        throw damage("inode " + SxString(inode) + " has a whole block for the part of one", __LINE__);
+    }
     found.nBlocks = found.size / BLOCK + (!found.isInline && found.size % BLOCK != 0 ? 1 : 0);
     if (found.nBlocks > 0) requireBlocks(found.firstRaw, found.nBlocks);
     return found;
@@ -78,10 +89,13 @@ void ZqErofsWalk::readFile(uint64 inode, File* file) {
 void ZqErofsWalk::listFolder(uint64 inode) {
     const Inode folder = readInode(inode, MODE_DIR);
     takeBlocks(folder.nBlocks);
-    const auto addAll = [this](const std::string& block) {
-        listBlock(block, [this](const Entry& entry) {
-            if (entry.name == "." || entry.name == "..") return;
-            add(entry.inode, kindOf(entry.type), entry.name);
+    std::string last;
+    const auto addAll = [&](const std::string& block) {
+        listBlock(block, [&](const Entry& entry) {
+            if (entry.name != "." && entry.name != "..") add(entry.inode, kindOf(entry.type), entry.name);
+            // The kernel searches by halves. So each name is there once, and is found.
+            if (entry.name <= last) throw damage("the names of a folder aren't in their order", __LINE__);
+            last = entry.name;
         });
     };
     for (uint64 i = 0; i < folder.nBlocks; ++i)
@@ -108,6 +122,9 @@ void ZqErofsWalk::listBlock(const std::string& block, const std::function<void(c
         std::string_view name(block.data() + from, to - from);
         // The last one ends at a NUL where there is room for it.
         if (i + 1 == n) name = name.substr(0, name.find('\0'));
+        if (name.size() > MAX_NAME) {
+            throw damage("a name has " + SxString(name.size()) + " bytes", __LINE__);
+        }
         visit({at, number(block, at, 8), number(block, at + DIRENT_TYPE, 1), name});
     }
 }

@@ -13,7 +13,8 @@ public:
         bool isInline = false;
         uint64 firstRaw = 0; ///< of its whole blocks
         uint64 nBlocks = 0;  ///< of those
-        uint64 end = 0;      ///< offset of the first byte after it
+        uint64 begin = 0;    ///< offset of the core
+        uint64 end = 0;      ///< offset of the first byte after the inode
         uint64 nXattrs = 0;
 
         /// Bytes that follow the inode.
@@ -25,9 +26,12 @@ public:
     /// `reader` outlives this. Raises where it is no such file system.
     explicit ZqErofsWalk(ZqDriveReader* reader);
 
-    /// Raises where it isn't of that type, has blocks beyond the drive, or is stored in a way that isn't
-    /// known.
-    Inode readInode(uint64 inode, uint64 type) const;
+    /// The 32 or 64 bytes of an inode. Raises where it lies beyond the drive.
+    std::string readCore(uint64 inode) const;
+    /// What the core of an inode says. Raises where it isn't of that type, has blocks
+    /// beyond the drive, or is stored in a way that isn't known.
+    Inode interpret(uint64 inode, std::string core, uint64 type) const;
+    Inode readInode(uint64 inode, uint64 type) const { return interpret(inode, readCore(inode), type); }
     /// One of the `nBlocks` of a folder or link, as long as its content goes.
     std::string readBlock(const Inode& inode, uint64 index) const;
     /// A name in a block of a folder.
