@@ -1,45 +1,17 @@
+#include "PiecesReader.h"
 #include "SxException.h"
-#include "ZqBlocks.h"
 #include "ZqDriveRows.h"
 #include "ZqErofsWalk.h"
 #include "ZqExt4Walk.h"
 
-#include <algorithm>
 #include <cstdlib>
 #include <vector>
 
 // The file system of a drive: a walk ends, and the files that it finds have blocks of their own within the
-// drive, or it says what is wrong. The input is pieces of the drive: the place in units of 32 bytes and the
-// number of bytes, two bytes each, and these bytes. All else is zeros.
+// drive, or it says what is wrong. The input is pieces of the drive (PiecesReader.h).
 namespace {
 
-constexpr uint64 N_RAW = 512;
-
-class PiecesReader : public ZqDriveReader {
-public:
-    PiecesReader(const unsigned char* data, size_t size_)
-        : ZqDriveReader("drive"),
-          bytes(N_RAW * ZqBlocks::SIZE) {
-        size = bytes.size();
-        for (size_t at = 0; at + 4 <= size_;) {
-            const size_t place = (data[at] | size_t{data[at + 1]} << 8) * 32;
-            const size_t wanted = data[at + 2] | size_t{data[at + 3]} << 8;
-            at += 4;
-            const size_t n = std::min({wanted, size_ - at, bytes.size() - place});
-            std::copy_n(data + at, n, bytes.begin() + static_cast<std::ptrdiff_t>(place));
-            at += n;
-        }
-    }
-
-protected:
-    void fetch(uint64 offset, char* to, uint64 n) override {
-        if (offset > bytes.size() || n > bytes.size() - offset) std::abort();
-        std::copy_n(bytes.begin() + static_cast<std::ptrdiff_t>(offset), n, to);
-    }
-
-private:
-    std::vector<char> bytes;
-};
+constexpr uint64 N_RAW = PiecesReader::N_RAW;
 
 template<class Walk>
 void follow(ZqDriveReader* reader) {
