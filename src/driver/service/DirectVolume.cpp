@@ -42,12 +42,14 @@ std::string stateOf(const std::string& path) {
     return text;
 }
 
-/// Whoever changes an image must be able to see that the kernel still reads it, which takes a lease on
-/// `img.zqf`: so it is tried on a file beside that.
-void requireLeases(int fd) {
-    // Somebody who opens the file meanwhile: nobody can, without a name.
-    if (::fcntl(fd, F_SETLEASE, F_WRLCK) != 0) fail("its file system has no leases", errno);
-    ::fcntl(fd, F_SETLEASE, F_UNLCK);
+/// Whoever changes an image must be able to see that the kernel still reads it. The disk has `img.zqf` open
+/// now, so whoever can see it sees that.
+void requireSeen(const StoredFile& stored) {
+    const int isOpen = SxOs::get().isOpen(stored.getPath());
+    if (isOpen == 1) return;
+    throw SxException("nobody could see that '" + SxString(stored.getPath()) + "' is still read: " +
+                          (isOpen == 0 ? SxString("it seems not to be open") : SxOs::errorText(isOpen)),
+                      UNIT, __LINE__);
 }
 
 uint64 sizeOf(const StoredFile& stored) {
@@ -88,7 +90,7 @@ std::shared_ptr<const DirectVolume> DirectVolume::make(const VirtualDisk& disk, 
         stateOf(disk.getStored().getPath()) + stateOf(image.str() + "/" + ZqImageFiles::IDX);
     if (former && former->state == state) return former;
     const std::shared_ptr<DirectVolume> made(new DirectVolume(image, state));
-    requireLeases(made->fd);
+    requireSeen(disk.getStored());
     made->fill(disk);
     return made;
 }
