@@ -112,10 +112,8 @@ END
     "$tavrin" mount "$image" --quiet
     printf '$ kill -9 SERVICE\n'
     kill -9 "$("$tavrin" status "$image" --json | sed -n 's/.*"servicePid": \([0-9]*\).*/\1/p')"
-    for ((i = 0; i < 100; ++i)); do
-        ! "$tavrin" status "$image" --quiet 2>/dev/null || { sleep 0.1; continue; }
-        break
-    done
+    # A drive that the kernel serves outlives its service.
+    run umount "$image" --hard
     run launcher restore
     as_before '"launcher restore"'
     "$tavrin" umount "$image" --quiet
