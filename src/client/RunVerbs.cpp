@@ -229,19 +229,18 @@ void writeFiles(const ZqRun& job, const RunOptions& options) {
     }
 }
 
-int run(const RunOptions& options, Output& out) {
-    if (options.trace && options.noTrace) {
-        Output::failure("Give one of both: --trace or --no-trace");
-        return ExitUsage;
-    }
+/// Raises where the run couldn't write what it is asked for.
+void requireFiles(const RunOptions& options) {
     refuseForeignFolder(options.image);
     if (!options.report.isEmpty()) requirePlainFile(options.report, "report", {options.image});
-    if (!options.page.isEmpty()) {
-        requirePlainFile(options.page, "page", {options.image});
-        if (!options.report.isEmpty() && ZqImageStaging::liesIn(options.page, options.report)) {
-            throw SxException("The page and the report can't be the same file", UNIT, __LINE__);
-        }
+    if (options.page.isEmpty()) return;
+    requirePlainFile(options.page, "page", {options.image});
+    if (!options.report.isEmpty() && ZqImageStaging::liesIn(options.page, options.report)) {
+        throw SxException("The page and the report can't be the same file", UNIT, __LINE__);
     }
+}
+
+ZqRun::Settings settingsOf(const RunOptions& options) {
     ZqRun::Settings settings;
     if (options.trace) settings.tracing = ZqTracePolicy::Always;
     if (options.noTrace) settings.tracing = ZqTracePolicy::Never;
@@ -258,6 +257,16 @@ int run(const RunOptions& options, Output& out) {
     settings.keepsMounted = options.keepMounted;
     settings.completes = options.complete;
     if (const char* file = std::getenv("TAVRIN_FIRST_FRAME")) settings.firstFrameFile = file;
+    return settings;
+}
+
+int run(const RunOptions& options, Output& out) {
+    if (options.trace && options.noTrace) {
+        Output::failure("Give one of both: --trace or --no-trace");
+        return ExitUsage;
+    }
+    requireFiles(options);
+    const ZqRun::Settings settings = settingsOf(options);
     ZqRun job(settings);
     ForecastLine forecast(options.now, &out);
     TraceLine trace(&out);

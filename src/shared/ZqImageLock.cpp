@@ -75,11 +75,11 @@ bool isStale(int fd, const std::string& file) {
 
 /// Raises where somebody has img.zqf open and doesn't let it go. The kernel reads it for a drive that
 /// outlives its mount or its service, or is another mount namespace's: neither locks nor the table of mounts
-/// show that. Where nobody can tell, no drive is read in that way.
+/// show that. The kernel serves only images of which everybody
+/// who may write to them can tell that.
 void awaitLetGo(const SxString& path) {
-    const std::string file = SxOs::hostPath(ZqImageFolder::prefix(path) + ZqImageFiles::ZQF);
     const int64 endNs = SxClock::get().steadyNs() + LET_GO_MS * 1'000'000;
-    for (int64 pauseMs = FIRST_PAUSE_MS; SxOs::get().isOpen(file) == 1;
+    for (int64 pauseMs = FIRST_PAUSE_MS; ZqImageLock::isFileOpen(path);
          pauseMs = std::min(2 * pauseMs, MAX_PAUSE_MS)) {
         if (SxClock::get().steadyNs() >= endNs) {
             throw SxException(ZqImageLock::HELD,
@@ -101,6 +101,10 @@ SxString printable(const char* text, int64 n) {
 }
 
 } // namespace
+
+bool ZqImageLock::isFileOpen(const SxString& path) {
+    return SxOs::get().isOpen(SxOs::hostPath(ZqImageFolder::prefix(path) + ZqImageFiles::ZQF)) == 1;
+}
 
 SxPtr<ZqImageLock> ZqImageLock::take(const SxString& path, Range range, Mode mode, const SxString& job) {
     if (mode == Exclusive && range != Shape) finishReplacement(path);

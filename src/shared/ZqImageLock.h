@@ -66,6 +66,10 @@ public:
     /// folder. Raises where that can't be told.
     static bool isHeld(const SxString& path, Range range);
 
+    /// Whether anybody has `img.zqf` open: this process, another one, or the kernel for a drive. False where
+    /// that can't be told; the kernel serves no drive then.
+    static bool isFileOpen(const SxString& path);
+
     /// Brings a replacement of the image to its end that was cut off, where there is one: for whoever takes
     /// no exclusive lock and writes all the same. Raises where it can't.
     static void finishReplacement(const SxString& path);

@@ -11,6 +11,7 @@
 #include "ZqLog.h"
 #include "ZqOrderCarry.h"
 #include "ZqSyncedSize.h"
+#include "ZqVolume.h"
 
 namespace {
 constexpr const char* UNIT = "src/base/ZqFeedFolder";
@@ -56,11 +57,25 @@ bool ZqFeedFolder::take(const ZqStopTest& stop) {
                       UNIT, __LINE__);
 }
 
+/// Whether the kernel serves a drive from `img.zqf`, or a program has it open: a drive that is no longer one
+/// may still be read.
+bool ZqFeedFolder::isReadByKernel() const {
+    try {
+        ZqDiskStatus disk;
+        if (ZqVolume::findDisk(settings.image, &disk)) return disk.isServedByKernel;
+    } catch (const SxException& e) {
+        zqLogMsg("base", "ZqImageFeed: " + e.toString(SxException::ShowMessage, ": "));
+        return true;
+    }
+    return ZqImageLock::isFileOpen(settings.image);
+}
+
 /// A file that is as large as the image though no download has made it so is the image, as its digest tells,
 /// or another file, of which at most the beginning is right: that is cut back to what was noted.
 void ZqFeedFolder::cutSurplus(const ZqStopTest& stop) const {
     const SxFileInfo zqf(filePath(ZqImageFiles::ZQF));
     if (url.isEmpty() || record.isWritten || zqf.isLink() || !ZqImageInfo::isComplete(settings.image)) return;
+    if (isReadByKernel()) return; // which would read zeros; the comparison with its digest tells later
     const ZqAppParams own(filePath(""));
     const auto cutTo = [&](uint64 size) {
         zqLogMsg("base", "'" + zqf.getOrig() + "' has " + SxString(fileSize()) + " bytes, and is cut to " +

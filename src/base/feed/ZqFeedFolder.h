@@ -56,6 +56,7 @@ private:
     void requireFolder() const;
     ZqAppParams fetchApp(const SxPtr<ZqNetLink>& link, bool* isConfirmed, const ZqStopTest& stop);
     /// Cuts off what the file has beyond the image, and beyond what the last download has left of it.
+    bool isReadByKernel() const;
     void cutSurplus(const ZqStopTest& stop) const;
 
     const ZqFeedSettings settings;

@@ -175,7 +175,8 @@ public:
     /// Number of blocks that are there, at the start of `img.zqf`.
     uint64 getCursor(const SxString& image) const;
     void setCursor(const SxString& image, uint64 zqfIdx) const;
-    /// A pretended cursor, reads above which are counted.
+    /// A pretended cursor, reads above which are counted. Raises where the kernel serves the drive, as do
+    /// suspend() and monitorOn(): nobody sees its reads.
     void setQACursor(const SxString& image, uint64 zqfIdx) const;
     /// Bytes.
     uint64 getSectorSize(const SxString& image) const;
@@ -221,6 +222,7 @@ private:
     static SxString getVersion(VersionCall call);
     /// Removes and makes a folder for a trace of the image. Only what is a trace, or empty, is removed: a
     /// mistyped path would cost an image, or a folder of documents.
+    static void requireSight(const SxString& image);
     static void clearTraceFolder(const SxString& image, const SxString& traceFolder);
     void ejectImage(const SxString& image);
 

@@ -217,10 +217,18 @@ void ZqMountMgr::clearTraceFolder(const SxString& image, const SxString& traceFo
     SxFSAction::mkdir_p(traceFolder, 0777);
 }
 
+/// Before a former trace is removed for one that can't be.
+void ZqMountMgr::requireSight(const SxString& image) {
+    ZqDiskStatus disk;
+    if (!ZqVolume::findDisk(image, &disk) || !disk.isServedByKernel) return;
+    throw SxException("The kernel serves the drive, so its reads can't be traced", UNIT, __LINE__);
+}
+
 void ZqMountMgr::monitorOn(const SxString& image, const SxString& traceFolder, const SxString& traceMethod,
                            uint64 time0) const {
     try {
         if (isMonitored(image)) return;
+        requireSight(image);
         ZqTraceParams trace;
         trace.method = ZqTraceParams::stringToMethod(traceMethod);
         try {

@@ -139,7 +139,7 @@ uint64 ZqMountMgr::releaseVolume(const SxString& image, bool removable) {
         throw SxException(e, "Cannot dismount volume for " + mntPoint, UNIT, __LINE__);
     }
     if (busy) {
-        zqLogMsg("base", "A program still used " + mntPoint + " and was cut off from image " + image);
+        zqLogMsg("base", "A program still used " + mntPoint + " of image " + image + ", which was detached");
     }
     if (!removable) {
         ejectImage(image);

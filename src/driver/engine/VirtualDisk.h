@@ -117,8 +117,8 @@ public:
     /// Whether its `img.zqf` no longer stands where it was opened: an image is what stands under its path
     /// now.
     bool isReplaced() const { return zqf.isReplaced(); }
-    /// Whether there is a write layer, whose blocks are another than those of `img.zqf`.
-    bool hasLayer() const { return layer.isThere(); }
+    /// Whether the write layer has blocks, which are others than those of `img.zqf`.
+    bool hasLayer() const { return layer.hasRecords(); }
     /// Where the blocks are, and the file with those that are stored: for who reads them beside the disk.
     const BlockMap& getMap() const { return map; }
     const StoredFile& getStored() const { return zqf; }

@@ -49,6 +49,11 @@ void WriteLayer::load(bool readOnly) {
     reserve();
 }
 
+bool WriteLayer::hasRecords() const {
+    const SxMutexBlock turn(&changing);
+    return slots.isOpen() && !index.isEmpty();
+}
+
 void WriteLayer::create() {
     const SxMutexBlock turn(&changing);
     createInTurn();

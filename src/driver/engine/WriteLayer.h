@@ -52,7 +52,8 @@ public:
     bool giveBackRoom() { return slots.giveBackRoom(); }
     /// Ends that; the next drive goes on with it. To be called before anybody else may have the image.
     void stopGivingBack() { slots.stopGivingBack(); }
-    bool isThere() const { return slots.isOpen(); }
+    /// Whether anything was ever written to it.
+    bool hasRecords() const;
     int getFd() const { return slots.getFd(); }
     /// Grows while a sync() or a flush() under way goes on. Of the index this alone is asked without its
     /// lock.
@@ -107,7 +108,7 @@ private:
     /// Held by whatever makes files or changes `img.tix`, over its I/O, and taken before all others: records
     /// go to the end of a file one batch after the other. Readers don't take it, nor do writers, but for
     /// those that find no files or too many records in memory.
-    SxMutex changing;
+    mutable SxMutex changing;
     LayerIndex index SX_GUARDED_BY(changing);
     mutable SxMutex mutex;
     std::vector<LayerRecord> pending SX_GUARDED_BY(mutex); ///< of written blocks, not in `img.tix` yet

@@ -3,17 +3,19 @@
 #include "Mounts.h"
 #include "SxFSAction.h"
 #include "SxFileIO.h"
+#include "SxOs.h"
 #include "ZqServiceFolder.h"
 
 using ZqDriveWire::Reader, ZqDriveWire::Writer;
 
 namespace {
 
-/// A service of another version may note something else.
+/// To be raised where anything of the note changes, MountParams included. A drive with a note of another
+/// format isn't taken over, but removed: that of a service which was killed before an update.
 constexpr uint64 FORMAT = 1;
 
 std::string fileIn(const SxString& folder) {
-    return folder.str() + "/" + ZqServiceFolder::DIRECT;
+    return folder.str() + "/" + ZqServiceFolder::directName();
 }
 
 } // namespace
@@ -35,9 +37,11 @@ void DirectNote::write(const SxString& folder) const {
     SxFileIO::writeAtomic(SxString(fileIn(folder)), SxString(out.body()), 0600);
 }
 
-std::optional<DirectNote> DirectNote::readFitting(const SxString& folder) {
-    const SxString file(fileIn(folder));
-    if (!SxFSAction::test_f(file)) return {};
+void DirectNote::remove(const SxString& folder) {
+    SxOs::get().unlink(fileIn(folder));
+}
+
+std::optional<DirectNote> DirectNote::read(const SxString& file) {
     SxFileIO in(file, "rb");
     std::string bytes(static_cast<size_t>(in.getSize()), '\0');
     bytes.resize(static_cast<size_t>(in.readBuffer(bytes.data(), in.getSize())));
@@ -53,7 +57,24 @@ std::optional<DirectNote> DirectNote::readFitting(const SxString& folder) {
     note.readAhead = reader.text();
     note.zqfDevice = reader.number();
     note.zqfInode = reader.number();
-    const bool fits = reader.ok() && !note.device.isEmpty() &&
-                      deviceAt(folder + "/" + ZqServiceFolder::VOLUME) == note.device;
-    return fits ? std::optional(note) : std::nullopt;
+    return reader.ok() ? std::optional(note) : std::nullopt;
+}
+
+std::optional<DirectNote> DirectNote::readFitting(const SxString& folder) {
+    const SxString file(fileIn(folder));
+    if (!SxFSAction::test_f(file)) return {};
+    std::optional<DirectNote> note = read(file);
+    const bool fits =
+        note && !note->device.isEmpty() && deviceAt(folder + "/" + ZqServiceFolder::VOLUME) == note->device;
+    return fits ? note : std::nullopt;
+}
+
+std::optional<DirectNote> DirectNote::readOther(const SxString& folder) {
+    std::vector<std::string> names;
+    SxOs::get().list(folder.str(), &names);
+    for (const std::string& name : names) {
+        if (name.starts_with(ZqServiceFolder::DIRECT) && name != ZqServiceFolder::directName())
+            return read(SxString(folder.str() + "/" + name));
+    }
+    return {};
 }

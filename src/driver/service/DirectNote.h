@@ -20,7 +20,15 @@ struct DirectNote {
     static SxString deviceAt(const SxString& volume);
     /// Writes it into the disk's folder. Raises.
     void write(const SxString& folder) const;
+    /// From now on the disk isn't taken over.
+    static void remove(const SxString& folder);
     /// That of the folder, if there is a whole one, and the volume is still the one that it was written for.
     /// Looks at nothing of the image, whose disk may be stuck. Raises where the mounts can't be read.
     static std::optional<DirectNote> readFitting(const SxString& folder);
+    /// That of a disk in another mount namespace, where what it says can't be looked at. Raises where it
+    /// can't be read.
+    static std::optional<DirectNote> readOther(const SxString& folder);
+
+private:
+    static std::optional<DirectNote> read(const SxString& file);
 };

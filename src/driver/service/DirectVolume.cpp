@@ -2,7 +2,6 @@
 
 #include "ErofsMetadata.h"
 #include "StoredReader.h"
-#include "SxClock.h"
 #include "SxException.h"
 #include "SxOs.h"
 #include "ZqBlocks.h"
@@ -19,7 +18,8 @@ namespace {
 constexpr const char* UNIT = "src/driver/DirectVolume";
 /// Blocks of the mean run: with shorter ones the service, which announces its reads, is faster.
 constexpr uint64 LEAST_RUN = 1;
-constexpr int64 KEEP_NS = 5'000'000'000;
+
+constexpr uint32 OTHERS_WRITE = 022; // mode bits
 
 [[noreturn]] void fail(const SxString& what, int error) {
     throw SxException(what + ": " + SxOs::errorText(error), UNIT, __LINE__);
@@ -31,8 +31,7 @@ int openUnnamed(const SxString& folder) {
     return fd;
 }
 
-/// What changes when a file is changed or replaced.
-std::string stateOf(const std::string& path) {
+std::string stateOfFile(const std::string& path) {
     struct stat info = {};
     if (::stat(path.c_str(), &info) != 0) fail("Cannot look at '" + SxString(path) + "'", errno);
     std::string text;
@@ -62,12 +61,15 @@ SxString DirectVolume::whyNot(const VirtualDisk& disk, const SxString& type, boo
     if (::geteuid() != 0) return "that takes root";
     if (type != "erofs") return "its file system is " + type;
     if (!isReadOnly) return "it can be written to";
-    if (disk.hasLayer()) return "it has a write layer";
+    if (disk.hasLayer()) return "something was written to it";
     if (!disk.isComplete()) return "blocks are missing";
     if (disk.getTrace()->isOn()) return "it is traced";
     if (disk.isSuspended()) return "it is suspended";
     if (disk.getReads()->hasQACursor()) return "its reads are counted from a place on";
-    const uint64 size = sizeOf(disk.getStored());
+    const SxStat zqf = disk.getStored().getStat();
+    // Such a user couldn't see that the kernel reads the file, which takes its owner's rights.
+    if ((zqf.permissions & OTHERS_WRITE) != 0) return "others than its owner may write to its file";
+    const auto size = static_cast<uint64>(zqf.size);
     if (size % ZqBlocks::SIZE != 0 || size / ZqBlocks::SIZE < disk.nIncluded()) {
         return "'" + SxString(disk.getStored().getPath()) + "' has " + size + " bytes, which aren't its " +
                disk.nIncluded() + " blocks";
@@ -75,27 +77,23 @@ SxString DirectVolume::whyNot(const VirtualDisk& disk, const SxString& type, boo
     return {};
 }
 
-DirectVolume::DirectVolume(const SxString& image, const std::string& state_)
-    : fd(openUnnamed(image)),
-      state(state_) {
-}
-
-DirectVolume::~DirectVolume() {
+DirectVolume::File::~File() {
     ::close(fd);
 }
 
-std::shared_ptr<const DirectVolume> DirectVolume::make(const VirtualDisk& disk, const SxString& image,
-                                                       const std::shared_ptr<const DirectVolume>& former) {
-    const std::string state =
-        stateOf(disk.getStored().getPath()) + stateOf(image.str() + "/" + ZqImageFiles::IDX);
-    if (former && former->state == state) return former;
-    const std::shared_ptr<DirectVolume> made(new DirectVolume(image, state));
-    requireSeen(disk.getStored());
-    made->fill(disk);
-    return made;
+std::string DirectVolume::stateOf(const VirtualDisk& disk, const SxString& image) {
+    return stateOfFile(disk.getStored().getPath()) + stateOfFile(image.str() + "/" + ZqImageFiles::IDX);
 }
 
-void DirectVolume::fill(const VirtualDisk& disk) {
+DirectVolume::DirectVolume(const VirtualDisk& disk, const SxString& image, std::string state_,
+                           const std::function<void()>& look)
+    : file{openUnnamed(image)},
+      state(std::move(state_)) {
+    requireSeen(disk.getStored());
+    fill(disk, look);
+}
+
+void DirectVolume::fill(const VirtualDisk& disk, const std::function<void()>& look) {
     StoredReader reader(disk.getMap(), disk.getStored());
     ErofsMetadata metadata(&reader, disk.getMap(), sizeOf(disk.getStored()) / ZqBlocks::SIZE);
     if (metadata.getNFileBlocks() < metadata.getNChunks() * LEAST_RUN) {
@@ -104,9 +102,11 @@ void DirectVolume::fill(const VirtualDisk& disk) {
                           UNIT, __LINE__);
     }
     int64 at = 0;
+    look();
     metadata.write([&](const std::string& bytes) {
+        look();
         const int64 n = static_cast<int64>(bytes.size());
-        const int64 written = SxOs::get().writeAt(fd, bytes.data(), n, at);
+        const int64 written = SxOs::get().writeAt(file.fd, bytes.data(), n, at);
         if (written < 0) fail("Its metadata can't be written", static_cast<int>(-written));
         if (written < n) fail("Its metadata can't be written", ENOSPC);
         at += n;
@@ -128,20 +128,40 @@ bool DirectVolume::isCached(const VirtualDisk& disk) {
     return found.nCached * page > sizeOf(disk.getStored()) / 2;
 }
 
-std::shared_ptr<const DirectVolume> LastDirectVolume::get() const {
+DirectVolumes::Ptr DirectVolumes::get(const VirtualDisk& disk, const SxString& image,
+                                      const std::function<void()>& look) {
+    Ptr volume;
+    {
+        const SxMutexBlock block(&mutex);
+        const auto found = volumes.find(image);
+        if (found != volumes.end()) volume = found->second;
+    }
+    std::string state = DirectVolume::stateOf(disk, image);
+    if (volume && volume->getState() == state) return volume;
+    volume = std::make_shared<DirectVolume>(disk, image, std::move(state), look);
+    Ptr former = volume;
     const SxMutexBlock block(&mutex);
+    std::swap(volumes[image], former);
     return volume;
 }
 
-void LastDirectVolume::set(std::shared_ptr<const DirectVolume> volume_) {
-    const int64 nowNs = SxClock::get().steadyNs();
+void DirectVolumes::drop(const SxString& image) {
+    Ptr former;
     const SxMutexBlock block(&mutex);
-    volume = std::move(volume_);
-    setNs = nowNs;
+    const auto found = volumes.find(image);
+    if (found == volumes.end()) return;
+    former = std::move(found->second);
+    volumes.erase(found);
 }
 
-void LastDirectVolume::tick() {
-    const int64 nowNs = SxClock::get().steadyNs();
+void DirectVolumes::noteRefusal(const VirtualDisk& disk) {
+    const uint64 device = disk.getStored().getStat().device;
     const SxMutexBlock block(&mutex);
-    if (volume && nowNs - setNs > KEEP_NS) volume.reset();
+    refused.insert(device);
+}
+
+bool DirectVolumes::wasRefused(const VirtualDisk& disk) const {
+    const uint64 device = disk.getStored().getStat().device;
+    const SxMutexBlock block(&mutex);
+    return refused.contains(device);
 }

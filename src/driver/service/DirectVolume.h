@@ -3,7 +3,11 @@
 #include "SxMutex.h"
 #include "VirtualDisk.h"
 
+#include <functional>
+#include <map>
 #include <memory>
+#include <set>
+#include <string>
 
 /// What lets the kernel serve a complete image by itself: the metadata of its EROFS in a file of their own,
 /// whose files point into `img.zqf` (ErofsMetadata). That file has no name, so nobody can exchange it. It
@@ -13,39 +17,53 @@ public:
     /// Why the service has to serve a disk with that file system; empty where the kernel may.
     static SxString whyNot(const VirtualDisk& disk, const SxString& type, bool isReadOnly);
 
-    /// Makes the metadata, or takes those of `former` where the image is still what they were made of (null
-    /// for none). `image`: its folder. Raises where they can't be made, or the kernel shouldn't be given
+    /// Makes the metadata. `image`: its folder; `state`: what stateOf() gave before. `look` is called now and
+    /// then, and may raise to stop it. Raises where they can't be made, or the kernel shouldn't be given
     /// them. Beside anything.
-    static std::shared_ptr<const DirectVolume> make(const VirtualDisk& disk, const SxString& image,
-                                                    const std::shared_ptr<const DirectVolume>& former);
-    ~DirectVolume();
+    DirectVolume(const VirtualDisk& disk, const SxString& image, std::string state,
+                 const std::function<void()>& look);
     DirectVolume(const DirectVolume&) = delete;
     DirectVolume& operator=(const DirectVolume&) = delete;
 
-    int getFd() const { return fd; }
+    int getFd() const { return file.fd; }
     /// Whether most of `img.zqf` is in memory: then the kernel reads through that, else past it.
     static bool isCached(const VirtualDisk& disk);
 
+    /// What changes when the image's files are changed or replaced. Raises.
+    static std::string stateOf(const VirtualDisk& disk, const SxString& image);
+    const std::string& getState() const { return state; }
+
 private:
-    DirectVolume(const SxString& image, const std::string& state);
+    void fill(const VirtualDisk& disk, const std::function<void()>& look);
 
-    void fill(const VirtualDisk& disk);
-
-    const int fd;
-    const std::string state; ///< of the image's files
+    /// Closed by the last of those who have the file.
+    struct File {
+        int fd;
+        ~File();
+    };
+    const File file;
+    const std::string state;
 };
 
-/// The metadata that were made last, for a moment: each mount of an image is made twice. Safe from any
-/// thread.
-class LastDirectVolume {
+/// The metadata of the images that are being mounted, which each is twice, and what the kernel has refused.
+/// Safe from any thread, and no file is closed with its lock held.
+class DirectVolumes {
 public:
-    std::shared_ptr<const DirectVolume> get() const;
-    void set(std::shared_ptr<const DirectVolume> volume_);
-    /// To be called now and then. Drops what was kept for long enough: it takes room on the image's disk.
-    void tick();
+    using Ptr = std::shared_ptr<const DirectVolume>;
+
+    /// Those of the image, made where there are none or the image has changed; as the constructor of
+    /// DirectVolume.
+    Ptr get(const VirtualDisk& disk, const SxString& image, const std::function<void()>& look);
+    /// No further mount of the image follows.
+    void drop(const SxString& image);
+
+    /// The kernel took no image from the disk where that one lies; it isn't asked again, since all metadata
+    /// would be made in vain.
+    void noteRefusal(const VirtualDisk& disk);
+    bool wasRefused(const VirtualDisk& disk) const;
 
 private:
     mutable SxMutex mutex;
-    std::shared_ptr<const DirectVolume> volume SX_GUARDED_BY(mutex);
-    int64 setNs SX_GUARDED_BY(mutex) = 0;
+    std::map<SxString, Ptr> volumes SX_GUARDED_BY(mutex); ///< by image
+    std::set<uint64> refused SX_GUARDED_BY(mutex);        ///< devices
 };

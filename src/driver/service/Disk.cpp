@@ -55,7 +55,7 @@ Disk::Disk(const DirectNote& note_, const Place& place, bool isLeft)
       onLoss(place.onLoss),
       root(place.root),
       folder(place.folder),
-      directVolume(place.directVolume),
+      directVolumes(place.directVolumes),
       deviceId(place.deviceId),
       madeNs(note_.madeNs),
       mounterPid(note_.mounterPid),
@@ -187,6 +187,7 @@ bool Disk::dismount() {
 /// Unmounts the volume; the caller holds `tearing`.
 bool Disk::detach() {
     detaching = true;
+    endNote();
     disk.setFailOnUnderflow();
     disk.resume();
     const Helper::Facts facts =

@@ -39,8 +39,8 @@ public:
         SxString root;   ///< the machine root, a host path
         SxString folder; ///< the disk's own folder, a host path
         uint64 deviceId;
-        uint64 cacheSize;               ///< bytes
-        LastDirectVolume* directVolume; ///< which outlives the disk
+        uint64 cacheSize;             ///< bytes
+        DirectVolumes* directVolumes; ///< which outlives the disk
         /// Called, on a thread of the disk, where somebody else has ended the mount and what programs wrote
         /// went with it: no client is there to be told.
         std::function<void()> onLoss;
@@ -109,9 +109,11 @@ private:
     void bringUp();
     void attach(const SxString& type);
     bool attachDirect(const SxString& type);
-    bool claimDirect(const SxString& type);
+    SxString claimDirect(const SxString& type);
+    void mountDirect();
     void noteDirect();
     void takeOver();
+    void endNote();
     void updateNote(const std::function<void(DirectNote*)>& change);
     void requireSight(const SxString& wanted) SX_REQUIRES(sight);
     Helper::Facts runHelper(const SxList<SxString>& words);
@@ -127,7 +129,7 @@ private:
     const std::function<void()> onLoss;
     const SxString root;
     const DiskFolder folder;
-    LastDirectVolume* const directVolume;
+    DirectVolumes* const directVolumes;
     const uint64 deviceId, madeNs;
     const int64 mounterPid;
     DiskLocks locks; ///< until everything is removed

@@ -79,6 +79,8 @@ void Disk::monitorOn(const SxString& traceFolder) {
 void Disk::restore() {
     const SxMutexBlock block(&tearing);
     if (!isMounted()) return;
+    // A service that takes it over now would take it for whole.
+    updateNote([](DirectNote* kept) { kept->ready = false; });
     runHelper({"restore", folder.getVolume()});
 }
 

@@ -14,37 +14,51 @@ constexpr int64 MOUNT_MS = int64{24} * 3600 * 1000; // the image's disk may be s
 } // namespace
 
 /// Settles that the kernel is to serve the volume, so that nothing comes between that needs sight of the
-/// reads. Says in the log why not.
-bool Disk::claimDirect(const SxString& type) {
+/// reads. Gives why not; empty where it is.
+SxString Disk::claimDirect(const SxString& type) {
     const SxMutexBlock block(&sight);
-    const SxString why = DirectVolume::whyNot(disk, type, isReadOnly(type));
+    SxString why = DirectVolume::whyNot(disk, type, params.readOnly);
+    if (why.isEmpty() && directVolumes->wasRefused(disk))
+        why = "the kernel took no image from that disk before";
     isDirect = why.isEmpty();
-    if (!isDirect) driverLog("image " + params.image + " is served by the service: " + why);
-    return isDirect;
+    return why;
 }
 
 /// Has the kernel serve the volume; false where the service has to.
 bool Disk::attachDirect(const SxString& type) {
-    if (!claimDirect(type)) return false;
+    SxString why;
     try {
-        const std::shared_ptr<const DirectVolume> volume =
-            DirectVolume::make(disk, params.image, directVolume->get());
-        directVolume->set(volume);
-        Helper::Facts facts =
-            Helper::run({"attachDirect", folder.getVolume(), ReadAhead::valueOf(true),
-                         DirectVolume::isCached(disk) ? "cached" : "uncached"},
-                        MOUNT_MS, nullptr, nullptr, {volume->getFd(), disk.getStored().getFd()});
-        readAhead.begin(SxString(facts["readahead"]), true);
-        const SxMutexBlock block(&sight);
-        note.readAhead = SxString(facts["readahead"]);
-        return true;
+        why = claimDirect(type);
+        if (why.isEmpty()) mountDirect();
     } catch (const SxException& e) {
-        driverLog("image " + params.image +
-                  " is served by the service: " + e.toString(SxException::ShowMessage, ": "));
+        why = e.toString(SxException::ShowMessage, ": ");
+    } catch (const std::exception& e) {
+        why = e.what(); // a library's, for want of memory
     }
-    sweep(); // it may have come as far as the mount
+    if (why.isEmpty()) return true;
+    driverLog("image " + params.image + " is served by the service: " + why);
+    if (isDirect) sweep(); // it may have come as far as the mount
+    const SxMutexBlock block(&sight);
     isDirect = false;
     return false;
+}
+
+void Disk::mountDirect() {
+    const std::shared_ptr<const DirectVolume> volume = directVolumes->get(disk, params.image, [this] {
+        if (ending) throw SxException("The disk was ejected", UNIT, __LINE__);
+    });
+    Helper::Facts facts =
+        Helper::run({"attachDirect", folder.getVolume(), ReadAhead::valueOf(true),
+                     DirectVolume::isCached(disk) ? "cached" : "uncached"},
+                    MOUNT_MS, nullptr, nullptr, {volume->getFd(), disk.getStored().getFd()});
+    const auto refused = facts.find("refused");
+    if (refused != facts.end()) {
+        directVolumes->noteRefusal(disk);
+        throw SxException("The kernel doesn't take the image: " + SxString(refused->second), UNIT, __LINE__);
+    }
+    readAhead.begin(SxString(facts["readahead"]), true);
+    const SxMutexBlock block(&sight);
+    note.readAhead = SxString(facts["readahead"]);
 }
 
 /// Lets the next service take the disk over. Comes last of what makes it: without this it is removed.
@@ -76,6 +90,7 @@ void Disk::takeOver() {
 
 void Disk::setReady() {
     ready = true;
+    directVolumes->drop(params.image); // no further mount of it follows
     updateNote([](DirectNote* kept) { kept->ready = true; });
 }
 
@@ -83,6 +98,13 @@ void Disk::updateNote(const std::function<void(DirectNote*)>& change) {
     const SxMutexBlock block(&sight);
     change(&note);
     if (isDirect && !note.device.isEmpty()) note.write(folder.getPath());
+}
+
+/// To be called before the volume or anything on it is unmounted: half of it mustn't be taken over for all.
+void Disk::endNote() {
+    const SxMutexBlock block(&sight);
+    note.device = SxString();
+    DirectNote::remove(folder.getPath());
 }
 
 void Disk::requireSight(const SxString& wanted) {

@@ -10,6 +10,7 @@
 #include "ZqServiceFolder.h"
 
 #include <filesystem>
+#include <functional>
 #include <unistd.h>
 
 namespace {
@@ -56,22 +57,31 @@ void removeDisks(const SxString& folder, const std::vector<std::filesystem::path
         removeFolder(disk);
 }
 
-} // namespace
-
-Leftovers::Disks Leftovers::findServed(const SxString& folder) {
-    Disks found;
+Leftovers::Disks findBy(const SxString& folder,
+                        const std::function<std::optional<DirectNote>(const SxString&)>& read) {
+    Leftovers::Disks found;
     std::error_code error;
     for (const auto& disk : std::filesystem::directory_iterator(mountsOf(folder), error)) {
         const uint64 id = idOf(disk.path());
         if (id == 0) continue;
         try {
-            const std::optional<DirectNote> note = DirectNote::readFitting(SxString(disk.path().string()));
+            const std::optional<DirectNote> note = read(SxString(disk.path().string()));
             if (note) found.emplace(id, *note);
         } catch (const SxException& e) {
             driverLog("'" + SxString(disk.path().string()) + "' can't be taken over: " + e.what());
         }
     }
     return found;
+}
+
+} // namespace
+
+Leftovers::Disks Leftovers::findServed(const SxString& folder) {
+    return findBy(folder, DirectNote::readFitting);
+}
+
+Leftovers::Disks Leftovers::findOthers(const SxString& folder) {
+    return findBy(folder, DirectNote::readOther);
 }
 
 void Leftovers::sweep(const SxString& root, const SxString& folder, const Disks& kept) {

@@ -17,6 +17,8 @@ using Disks = std::map<uint64, DirectNote>;
 
 /// Lists the disks that can be taken over.
 Disks findServed(const SxString& folder);
+/// Lists those of other mount namespaces, which nobody here can take over.
+Disks findOthers(const SxString& folder);
 /// Removes all but `kept`, and notes whose images that were. Raises where a mount can't be taken away.
 void sweep(const SxString& root, const SxString& folder, const Disks& kept);
 /// Removes one disk. Raises likewise.

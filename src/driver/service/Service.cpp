@@ -6,6 +6,7 @@
 #include "SxFileIO.h"
 #include "SxOs.h"
 #include "SxTime.h"
+#include "ZqImageFiles.h"
 #include "ZqServiceFolder.h"
 
 #include <algorithm>
@@ -38,13 +39,14 @@ const SxString WRITTEN_MARK = "written ";
 Service::Service(const SxString& root_, const SxString& folder_) : root(root_), folder(folder_) {
 }
 
+/// Waits for one that is being taken over.
 Service::DiskPtr Service::find(const SxString& image) const {
+    if (!SxWait::pass(SAME_IMAGE_MS, [&] { return !pendingOf(image); }))
+        refuse("Image '" + image +
+               "' is still being taken over: somebody has it, or its disk doesn't answer");
     const SxMutexBlock block(&mutex);
     for (const auto& [id, disk] : disks) {
         if (disk->getParams().image == image) return disk;
-    }
-    for (const auto& [id, left] : pending) {
-        if (left == image) refuse("Image '" + image + "' is still being taken over: its disk doesn't answer");
     }
     return nullptr;
 }
@@ -185,9 +187,9 @@ void Service::requireNoEnd() const {
 }
 
 Disk::Place Service::placeOf(uint64 deviceId, const SxString& image) {
-    return {root,          folder + ZqServiceFolder::MOUNTS + "/" + deviceId,
-            deviceId,      cacheSize.load(),
-            &directVolume, [this, image] { noteLost(image); }};
+    return {root,           folder + ZqServiceFolder::MOUNTS + "/" + deviceId,
+            deviceId,       cacheSize.load(),
+            &directVolumes, [this, image] { noteLost(image); }};
 }
 
 Service::DiskPtr Service::make(const MountParams& params, uint64 deviceId, int64 peer) {
@@ -201,16 +203,24 @@ Service::DiskPtr Service::make(const MountParams& params, uint64 deviceId, int64
     }
 }
 
-void Service::takeOver(const Leftovers::Disks& left) {
+void Service::takeOver(const Leftovers::Disks& left, const Leftovers::Disks& others) {
     {
         const SxMutexBlock block(&mutex);
-        for (const auto& [id, note] : left)
-            pending[id] = reserved[id] = note.params.image;
+        for (const auto& [id, note] : left) {
+            pending[id] = note;
+            reserved[id] = note.params.image;
+        }
     }
     // Each on a thread of its own, since the disk of one image may be stuck.
     for (const auto& [id, note] : left)
         takers.push_back(
             std::make_unique<DiskThread>("take", [this, id = id, note = note] { takeOne(id, note); }));
+    for (const auto& [id, note] : others) {
+        const std::string zqf = note.params.image.str() + "/" + ZqImageFiles::ZQF;
+        takers.push_back(std::make_unique<DiskThread>("left", [this, id = id, zqf] {
+            if (SxOs::get().isOpen(zqf) != 1) removeLeft(id);
+        }));
+    }
     for (const auto& taker : takers)
         taker->start();
     SxWait::pass(TAKE_OVER_MS, [this] {
@@ -222,20 +232,58 @@ void Service::takeOver(const Leftovers::Disks& left) {
 void Service::takeOne(uint64 deviceId, const DirectNote& note) {
     DiskPtr disk;
     try {
-        disk = std::make_shared<Disk>(note, placeOf(deviceId, note.params.image));
+        disk = tryToTake(deviceId, note);
     } catch (const std::exception& e) {
         driverLog("image " + note.params.image + " can't be taken over: " + e.what());
+        if (isPending(deviceId)) removeLeft(deviceId);
     }
+    if (!endPending(deviceId, disk) && disk) disk->eject();
+}
+
+/// Waits while somebody else has the image: whoever is about to change it is refused in the end, since the
+/// kernel reads it. Null where it was given up meanwhile.
+Service::DiskPtr Service::tryToTake(uint64 deviceId, const DirectNote& note) {
+    while (isPending(deviceId)) {
+        try {
+            return std::make_shared<Disk>(note, placeOf(deviceId, note.params.image));
+        } catch (const SxException& e) {
+            if (!e.hasTag(ZqImageLock::HELD)) throw;
+        }
+        SxTime::msleep(SxWait::LOOK_MS);
+    }
+    return nullptr;
+}
+
+bool Service::isPending(uint64 deviceId) const {
+    const SxMutexBlock block(&mutex);
+    return !ending && pending.contains(deviceId);
+}
+
+/// The disk, if there is one, has been taken over; false where it was given up before.
+bool Service::endPending(uint64 deviceId, const DiskPtr& disk) {
+    const SxMutexBlock block(&mutex);
+    const bool was = pending.erase(deviceId) != 0;
+    reserved.erase(deviceId);
+    if (was && disk) disks[deviceId] = disk;
+    return was;
+}
+
+void Service::removeLeft(uint64 deviceId) {
     try {
         const SxMutexBlock block(&lefts);
-        if (!disk) Leftovers::remove(root, folder, deviceId);
+        Leftovers::remove(root, folder, deviceId);
     } catch (const std::exception& e) {
         driverLog(e.what());
     }
+}
+
+/// The number of the image's disk that is still being taken over, if there is one.
+std::optional<uint64> Service::pendingOf(const SxString& image) const {
     const SxMutexBlock block(&mutex);
-    if (disk) disks[deviceId] = disk;
-    pending.erase(deviceId);
-    reserved.erase(deviceId);
+    for (const auto& [id, note] : pending) {
+        if (note.params.image == image) return id;
+    }
+    return {};
 }
 
 Service::DiskPtr Service::mount(const MountParams& params, int64 peer) {
@@ -388,8 +436,8 @@ void Service::loadDisks() {
     if (!table.ok()) refuse("The table of disks '" + file + "' is damaged");
     SxString failure;
     for (const auto& [params, isPlain] : stored) {
-        if (find(params.image)) continue;
         try {
+            if (find(params.image)) continue;
             // A disk that had redirections comes without them, and saves would go nowhere. So it isn't ready,
             // and the next mount makes it anew, as one whose mounter was killed. An image that can't be
             // loaded fails the load, and keeps no other one from being loaded.
@@ -416,7 +464,6 @@ void Service::reset() {
 }
 
 void Service::tick() {
-    directVolume.tick();
     for (const DiskPtr& disk : all()) {
         if (!disk->wasTakenAway()) continue;
         const SxMutexBlock block(&mutex);

@@ -20,10 +20,12 @@ public:
     /// `root` is the machine root, `folder` the service's own folder with a trailing slash; host paths.
     Service(const SxString& root, const SxString& folder);
 
-    /// Goes on with disks that a service which was killed has left to the kernel. One that can't be taken
-    /// over is removed. Returns within moments: the rest is done beside all else, and until then no question
-    /// about such an image is answered. To be called once, before all others.
-    void takeOver(const Leftovers::Disks& left);
+    /// Goes on with disks that a service which was killed has left to the kernel. One whose image is somebody
+    /// else's for a while is waited for, and one that isn't what it was is removed. Returns within moments:
+    /// the rest is done beside all else, and whoever asks for such an image meanwhile waits. `others`: disks
+    /// of other mount namespaces, which are left alone as long as they are read. To be called once, before
+    /// all others.
+    void takeOver(const Leftovers::Disks& left, const Leftovers::Disks& others);
 
     /// Carries out one request. Gives the body of the answer; raises where the request fails.
     /// `peer` is the client's process id.
@@ -61,6 +63,12 @@ private:
     /// Takes a device id for the image; none where another request is making the image's disk.
     std::optional<uint64> reserve(const SxString& image);
     void takeOne(uint64 deviceId, const DirectNote& note);
+    DiskPtr tryToTake(uint64 deviceId, const DirectNote& note);
+    bool isPending(uint64 deviceId) const;
+    bool endPending(uint64 deviceId, const DiskPtr& disk);
+    void removeLeft(uint64 deviceId);
+    std::vector<ZqDiskStatus> pendingStates() const;
+    std::optional<uint64> pendingOf(const SxString& image) const;
     Disk::Place placeOf(uint64 deviceId, const SxString& image);
     DiskPtr make(const MountParams& params, uint64 deviceId, int64 peer);
     enum class Left { No, Read, Written };
@@ -88,7 +96,7 @@ private:
     const SxString root, folder;
     std::atomic<uint64> cacheSize{0}; // bytes
     std::atomic<bool> guardLogging{false}, retiring{false};
-    LastDirectVolume directVolume;
+    DirectVolumes directVolumes;
 
     SxMutex lefts; ///< held over the file of what was left, which lies in the service's own folder
     mutable SxMutex mutex;
@@ -96,7 +104,7 @@ private:
     /// Images whose disks are being made, by device id: opening one may take as long as its own disk does.
     std::map<uint64, SxString> reserved SX_GUARDED_BY(mutex);
     /// Images whose disks are being taken over. They are reserved, too.
-    std::map<uint64, SxString> pending SX_GUARDED_BY(mutex);
+    std::map<uint64, DirectNote> pending SX_GUARDED_BY(mutex);
     bool ending SX_GUARDED_BY(mutex) = false; ///< no further disk comes
 
     std::vector<std::unique_ptr<DiskThread>> takers; ///< which end before all others are destroyed

@@ -2,6 +2,7 @@
 #include "Service.h"
 #include "SxException.h"
 #include "SxOs.h"
+#include "ZqServiceFolder.h"
 #include "ZqServiceVersion.h"
 
 #include <algorithm>
@@ -69,12 +70,37 @@ std::string Service::handle(unsigned kind, const std::string& body, int64 peer) 
 
 /// Carries out a request; one for a disk that has gone is no failure.
 void Service::ejectImage(Reader* request, Writer* answer) {
-    const DiskPtr disk = find(request->text());
+    const SxString image = request->text();
     request->number();
     requireWhole(*request);
+    if (const auto left = pendingOf(image)) {
+        // Nothing was written to it, and its removal waits for nothing of the image.
+        if (endPending(*left, nullptr)) removeLeft(*left);
+    }
+    const DiskPtr disk = find(image);
     const Disk::End end = disk ? eject(disk) : Disk::End();
     if (!end.lost.isEmpty()) refuse(end.lost);
     answer->flag(end.busy);
+}
+
+/// What is known of disks that are still being taken over.
+std::vector<ZqDiskStatus> Service::pendingStates() const {
+    const SxMutexBlock block(&mutex);
+    std::vector<ZqDiskStatus> states;
+    for (const auto& [id, note] : pending) {
+        ZqDiskStatus status;
+        status.image = note.params.image;
+        status.mountPath = folder + ZqServiceFolder::MOUNTS + "/" + id + "/" + ZqServiceFolder::VOLUME;
+        status.deviceId = id;
+        status.sectorSize = note.params.sectorSize;
+        status.cursor = note.params.cursor;
+        status.mounterPid = note.mounterPid;
+        status.servicePid = SxOs::processId();
+        status.madeNs = note.madeNs;
+        status.isServedByKernel = true;
+        states.push_back(status);
+    }
+    return states;
 }
 
 /// Of the disk with that image or number; without either, of all together.
@@ -100,9 +126,12 @@ bool Service::handleState(Call call, Reader* request, Writer* answer) {
     case Call::Disks: {
         requireWhole(*request);
         const std::vector<DiskPtr> now = all();
-        answer->number(now.size());
+        const std::vector<ZqDiskStatus> left = pendingStates();
+        answer->number(now.size() + left.size());
         for (const DiskPtr& disk : now)
             writeStatus(disk->getStatus(), answer);
+        for (const ZqDiskStatus& status : left)
+            writeStatus(status, answer);
         return true;
     }
     case Call::Replaced: {

@@ -42,7 +42,8 @@ void Upkeep::tick() {
     // First what waits for nothing of the image's disk.
     noticeEnd();
     // While the disk is suspended the kernel might wait for it.
-    if (ties.isMounted() && !parts.disk.isSuspended()) logOnce(parts.readAhead.adjust());
+    const bool isSteered = ties.isMounted() && !ties.isDirect() && !parts.disk.isSuspended();
+    if (isSteered) logOnce(parts.readAhead.adjust());
     applyCacheSize();
     replaced = parts.disk.isReplaced();
     parts.disk.tick();

@@ -115,10 +115,12 @@ void takeLifeLock(const SxString& folder) {
 int serve(const SxString& root, const SxString& folder, int readyFd) {
     try {
         takeLifeLock(folder);
-        const Leftovers::Disks served = Leftovers::findServed(folder);
-        Leftovers::sweep(root, folder, served);
+        const Leftovers::Disks served = Leftovers::findServed(folder), others = Leftovers::findOthers(folder);
+        Leftovers::Disks kept = served;
+        kept.insert(others.begin(), others.end());
+        Leftovers::sweep(root, folder, kept);
         Service service(root, folder);
-        service.takeOver(served);
+        service.takeOver(served, others);
         ControlServer server(&service, folder.str(), idleMs());
         server.listen();
         [[maybe_unused]] const ssize_t written = ::write(readyFd, "1", 1);

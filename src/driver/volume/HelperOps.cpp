@@ -155,7 +155,10 @@ void attachDirect(const SxList<SxString>& words) {
     };
     int error = words(3) == "uncached" ? mountWith(device + ",directio") : EINVAL;
     if (error == EINVAL) error = mountWith(device);
-    if (error != 0) fail("The kernel doesn't take the image", error);
+    if (error != 0) {
+        HelperOps::tell("refused", SxOs::errorText(error).str());
+        return;
+    }
     setReadAhead(before, kb);
 }
 

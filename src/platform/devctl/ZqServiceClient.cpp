@@ -131,15 +131,6 @@ void startService(const std::string& root, const std::string& folder) {
                       UNIT, __LINE__);
 }
 
-/// Opens the connection; where none is there, and the kernel still serves drives of a service that has ended,
-/// starts one, which takes them over.
-bool openOrTakeOver(const std::string& root, const std::string& folder) {
-    if (connection.open(folder)) return true;
-    if (!ZqServiceFolder::hasServedDrives(folder)) return false;
-    startService(root, folder);
-    return connection.open(folder);
-}
-
 /// Whether the answer may wait for what programs wrote.
 bool isSlow(unsigned kind) {
     switch (static_cast<Call>(kind)) {
@@ -231,8 +222,8 @@ bool exchange(unsigned kind, const std::string& body, Message* answer) {
 /// service may be another one than before, and must be told of the cache size.
 bool connectTo(const std::string& root, const std::string& folder, ZqServiceClient::Start start,
                bool* isNew) {
-    if (!openOrTakeOver(root, folder)) {
-        if (start == ZqServiceClient::Start::Never) return false;
+    if (!connection.open(folder)) {
+        if (start == ZqServiceClient::Start::Never && !ZqServiceFolder::hasServedDrives(folder)) return false;
         startService(root, folder);
         *isNew = true;
         if (!connection.open(folder)) return false;
@@ -293,12 +284,7 @@ bool ZqServiceClient::wasForeign() {
 bool ZqServiceClient::isServing() {
     // One that is open may lead to a service that has ended.
     connection.close();
-    const std::string root = ZqMachineRoot::get().str(), folder = ZqServiceFolder::of(root);
-    try {
-        return openOrTakeOver(root, folder);
-    } catch (const SxException&) {
-        return false; // whoever calls it next is told why
-    }
+    return connection.open(ZqServiceFolder::of(ZqMachineRoot::get().str()));
 }
 
 SxString ZqServiceClient::keyOf(const SxString& path) {

@@ -23,8 +23,7 @@ bool call(ZqDriveWire::Call call, const ZqDriveWire::Writer& request, ZqDriveWir
 /// Whether the last call failed for want of a service: none was there, or it ended before its answer.
 bool wasCutOff();
 
-/// Whether a service is there; starts one only to take over drives that the kernel serves. One that is stuck
-/// counts: it still serves its drives.
+/// Whether a service is there, without starting one. One that is stuck counts: it still serves its drives.
 bool isServing();
 
 /// Whether the last answer on this thread came from a service of another version.

@@ -51,7 +51,12 @@ bool ask(Call call, const Writer& request, Reader* answer, const SxString& words
     return true;
 }
 
-/// The images of the disks that have a folder in that of the service.
+/// Whether the next service will take over a disk with that folder, which the kernel serves.
+bool isTakenOver(const std::string& disk) {
+    return SxFSAction::exists(SxString(disk + "/" + ZqServiceFolder::directName()));
+}
+
+/// The images of the disks that have a folder in that of the service, and won't be taken over.
 SxList<SxString> imagesInFolder() {
     SxList<SxString> images;
     const std::string mounts =
@@ -60,6 +65,7 @@ SxList<SxString> imagesInFolder() {
     SxOs::get().list(mounts, &disks);
     for (const std::string& disk : disks) {
         const SxString file = SxString(mounts + disk + "/") + ZqServiceFolder::IMAGE;
+        if (isTakenOver(mounts + disk)) continue;
         if (SxFSAction::test_f(file)) images.append(SxFileIO::readUtf8(file));
     }
     return images;
@@ -189,8 +195,9 @@ SxList<SxString> ZqVolume::getLeftDrives() {
         ZqServiceFolder::of(ZqMachineRoot::get().str()) + ZqServiceFolder::MOUNTS + "/";
     for (const SxString& drive : getDrives()) {
         std::string target;
-        if (SxOs::get().readLink(driveLink(drive), &target) >= 0 && target.starts_with(mounts))
-            left.append(drive);
+        const bool isBelow =
+            SxOs::get().readLink(driveLink(drive), &target) >= 0 && target.starts_with(mounts);
+        if (isBelow && !isTakenOver(target.substr(0, target.find_last_of('/')))) left.append(drive);
     }
     return left;
 }

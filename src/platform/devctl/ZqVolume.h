@@ -53,11 +53,13 @@ public:
     /// drives is ended, so that the next one starts in ours. Raises where it has drives that are mounted
     /// and none of them comes through to this process.
     static void requireView();
-    /// Letters that lead below this service's folder, while no service runs. They were left by one that was
-    /// killed, or whose machine lost its power; even its folder is gone then.
+    /// Letters that lead below this service's folder, while no service runs, but those of drives that the
+    /// kernel still serves. They were left by one that was killed, or whose machine lost its power; even its
+    /// folder is gone then.
     static SxList<SxString> getLeftDrives();
     /// Takes the volume of a drive out of use, after writing what is to be written. Where a program still
-    /// uses it, it is detached all the same, ends with an I/O error for that program, and `*busy` is set.
+    /// uses it, it is detached all the same, ends with an I/O error for that program unless the kernel serves
+    /// it, and `*busy` is set.
     /// Raises where it can't.
     static void dismount(const SxString& drive, bool* busy);
     /// Takes the medium out of the drive's disk, so that the service ends it. A disk that another client has
@@ -81,7 +83,8 @@ public:
     /// would lack its redirections, and saves would go nowhere; the next mount takes it away. (The service
     /// knows the mounting process, so one that still lives is waited for.)
     static void setReady(const SxString& image);
-    /// The image folders whose drives a service that was killed has left, as long as no other one runs.
+    /// The image folders whose drives a service that was killed has left, as long as no other one runs, but
+    /// those that the kernel still serves: the next service takes them over.
     static SxList<SxString> getLeftovers();
     /// Whether the service is of another version. Such a one takes no mounts; its drives can be asked after
     /// and ejected. Raises where it can't tell.

@@ -42,7 +42,8 @@ ZqStatus zqDriveGetSectorSize(ZqWide image, uint64* bytes);
 ZqStatus zqDriveGetCursor(ZqWide image, uint64* zqfIdx);
 /// All blocks below the cursor are present in `img.zqf` from now on.
 ZqStatus zqDriveSetCursor(ZqWide image, uint64 zqfIdx);
-/// A pretended cursor: reads at or above it are only counted.
+/// A pretended cursor: reads at or above it are only counted. Fails where the kernel serves the drive, as do
+/// zqDriveSuspend() and zqDriveMonitorOn(): nobody sees its reads.
 ZqStatus zqDriveSetQACursor(ZqWide image, uint64 zqfIdx);
 /// Holds every read and write until zqDriveResume().
 ZqStatus zqDriveSuspend(ZqWide image);

@@ -56,12 +56,19 @@ void ZqServiceFolder::make(const std::string& folder) {
     makePrivate(folder.substr(0, folder.size() - 1));
 }
 
+std::string ZqServiceFolder::directName() {
+    SxStat info; // zeros where there is no such file
+    SxOs::get().stat("/proc/self/ns/mnt", &info);
+    return DIRECT + std::to_string(info.device) + "." + std::to_string(info.inode);
+}
+
 bool ZqServiceFolder::hasServedDrives(const std::string& folder) {
     const std::string mounts = folder + MOUNTS + "/";
     std::vector<std::string> disks;
     SxOs::get().list(mounts, &disks);
+    const std::string name = directName();
     return std::any_of(disks.begin(), disks.end(), [&](const std::string& disk) {
-        return ::access((mounts + disk + "/" + DIRECT).c_str(), F_OK) == 0;
+        return ::access((mounts + disk + "/" + name).c_str(), F_OK) == 0;
     });
 }
 

@@ -30,8 +30,9 @@ public:
     /// There until a volume that may be written to is unmounted: what programs wrote may not be on the disk
     /// yet.
     static constexpr const char* WRITTEN = "written";
-    /// Of a volume that the kernel serves without the service: what the next service takes it over by.
-    static constexpr const char* DIRECT = "direct";
+    /// Begins the name of a note on a volume that the kernel serves without the service: what the next
+    /// service takes it over by.
+    static constexpr const char* DIRECT = "direct.";
 
     static constexpr const char* VENDOR = "VOLM";
     static constexpr const char* PRODUCT = "ZqDD";
@@ -39,7 +40,11 @@ public:
     /// The folder's host path with a trailing slash and no link in it, for the machine root with that host
     /// path. Neither need exist; a root that is made later keeps its folder.
     static std::string of(const std::string& machineRoot);
-    /// Whether a service that has ended left drives in such a folder that the kernel still serves.
+    /// The whole name of that note. It has the mount namespace of this process, outside of which the volume
+    /// can't be seen.
+    static std::string directName();
+    /// Whether a service that has ended left drives in such a folder, and in this mount namespace, that the
+    /// kernel still serves.
     static bool hasServedDrives(const std::string& folder);
     /// Whether a path lies in such a folder, of whatever user and machine root, by its look alone: below a
     /// folder "tavrin" or "tavrin-UID" and one that is named by 16 hexadecimal digits.
