@@ -2,8 +2,6 @@
 #include "TraceMaking.h"
 #include "ZqTracePolicy.h"
 
-#include <sys/stat.h>
-
 namespace {
 
 using Policy = ZqTracePolicy;
@@ -78,6 +76,7 @@ TEST(TracePolicy, OnlyWhatAnOrderWouldTakeCounts) {
         {"with sources", edited([](auto* record) {
              record->sources = {{"a", "b", 16, 1, "c"}};
          })},
+        {"without a digest", edited([](auto* record) { record->checksumTrc = ""; })},
         {"whose recorder was killed", edited([](auto* record) {
              record->checksumTrc = "";
              record->size = 0;
@@ -106,10 +105,10 @@ TEST(TracePolicy, OnlyWhatAnOrderWouldTakeCounts) {
              fs::rename(image.path("new"), image.dir.path("elsewhere"));
              fs::create_directory_symlink(image.dir.path("elsewhere"), image.path("new"));
          }},
-        {"a pipe that nobody writes to",
+        {"whose record is a link",
          [](const auto& image) {
-             fs::remove(image.path("new/trace.json"));
-             ASSERT_EQ(::mkfifo(image.path("new/trace.json").c_str(), 0600), 0);
+             fs::rename(image.path("new/trace.json"), image.dir.path("record"));
+             fs::create_symlink(image.dir.path("record"), image.path("new/trace.json"));
          }},
         {"a file",
          [](const auto& image) {
