@@ -229,17 +229,6 @@ void writeFiles(const ZqRun& job, const RunOptions& options) {
     }
 }
 
-/// Raises where the run couldn't write what it is asked for.
-void requireFiles(const RunOptions& options) {
-    refuseForeignFolder(options.image);
-    if (!options.report.isEmpty()) requirePlainFile(options.report, "report", {options.image});
-    if (options.page.isEmpty()) return;
-    requirePlainFile(options.page, "page", {options.image});
-    if (!options.report.isEmpty() && ZqImageStaging::liesIn(options.page, options.report)) {
-        throw SxException("The page and the report can't be the same file", UNIT, __LINE__);
-    }
-}
-
 ZqRun::Settings settingsOf(const RunOptions& options) {
     ZqRun::Settings settings;
     if (options.trace) settings.tracing = ZqTracePolicy::Always;
@@ -265,9 +254,15 @@ int run(const RunOptions& options, Output& out) {
         Output::failure("Give one of both: --trace or --no-trace");
         return ExitUsage;
     }
-    requireFiles(options);
-    const ZqRun::Settings settings = settingsOf(options);
-    ZqRun job(settings);
+    refuseForeignFolder(options.image);
+    if (!options.report.isEmpty()) requirePlainFile(options.report, "report", {options.image});
+    if (!options.page.isEmpty()) {
+        requirePlainFile(options.page, "page", {options.image});
+        if (!options.report.isEmpty() && ZqImageStaging::liesIn(options.page, options.report)) {
+            throw SxException("The page and the report can't be the same file", UNIT, __LINE__);
+        }
+    }
+    ZqRun job(settingsOf(options));
     ForecastLine forecast(options.now, &out);
     TraceLine trace(&out);
     followRun(&job, options.image, out, [&](const auto& status, Progress* progress) {
