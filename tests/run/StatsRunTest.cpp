@@ -67,6 +67,7 @@ TEST_F(StatsRun, AServiceIsToldOfEachRunAfterAYesAndOfNoneAfterANo) {
     EXPECT_THAT(service.requests(), IsEmpty()) << "nobody has said yes";
 
     // Times of a run are told in seconds.
+    fs::remove(played + ".started");
     hold();
     const auto first = start({"--now", "--stats-url", url, "--stats-header", "X-Run: {{ID}}"});
     ASSERT_TRUE(SxWait::pass(20'000, [&] { return hasStarted(); })) << first->says();
