@@ -49,11 +49,12 @@ public:
         std::map<uint64_t, uint64_t> numbers, sourceNumbers;
         require(nInodes == firstPaths.size(), "inodes:", nInodes);
         auto other = source.nodes.begin();
-        for (const auto& [path, node] : nodes) {
-            const auto fail = [&path](const char* what) {
-                throw std::runtime_error("'" + path + "': " + what);
+        for (const auto& mine : nodes) {
+            const Node& node = mine.second;
+            const auto fail = [&mine](const char* what) {
+                throw std::runtime_error("'" + mine.first + "': " + what);
             };
-            if (other == source.nodes.end() || other->first != path) fail("another name");
+            if (other == source.nodes.end() || other->first != mine.first) fail("another name");
             const Node& old = (other++)->second;
             const auto rest = [](const Node& of) {
                 return std::tie(of.mode, of.size, of.nLinks, of.uid, of.gid, of.seconds, of.nanoseconds,

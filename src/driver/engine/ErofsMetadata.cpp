@@ -270,7 +270,6 @@ void ErofsMetadata::place() {
         const Inode inode = inodeOf(*item);
         at = alignUp(at, NID_UNIT);
         const uint64 coreSize = item->coreSize;
-        if (at / BLOCK != (at + coreSize - 1) / BLOCK) at = alignUp(at, BLOCK);
         const uint64 end = at + coreSize, tail = inode.getTail();
         // What follows an inode lies in one block.
         if (tail != 0 && end / BLOCK != (end + tail - 1) / BLOCK) at = alignUp(end, BLOCK) - coreSize;

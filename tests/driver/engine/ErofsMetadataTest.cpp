@@ -73,7 +73,7 @@ std::string checked(const std::string& raw, const StoredOrder& order) {
 /// Everything that a drive may hold.
 void makeVaried(const ErofsImage& image, TestRandom& random) {
     uint64 i = 0;
-    for (const uint64 size : {0, 1, 4095, 4096, 4097, 8192, 100'000, 3'000'000})
+    for (const unsigned size : {0U, 1U, 4095U, 4096U, 4097U, 8192U, 100'000U, 3'000'000U})
         image.write("files/" + std::to_string(i++), random.bytes(size));
     std::string deep;
     for (int depth = 0; depth < 60; ++depth)
@@ -482,7 +482,7 @@ TEST(ErofsMetadata, AnImageThatChangesMeanwhileDoesNoHarm) {
     ASSERT_EQ(change(0, 1, 0), "");
     const std::string right = made;
     for (const char* path : {"dir/file", "dir", "symbolic", ""}) {
-        for (const size_t field : {0, 2, 4, 6, 8, 16}) {
+        for (const unsigned field : {0U, 2U, 4U, 6U, 8U, 16U}) {
             EXPECT_EQ(change(lies.inode(path) + field, 2, 0xFFFF), "") << path << ", " << field;
             EXPECT_TRUE(made == right) << path << ", " << field;
         }
