@@ -1,4 +1,5 @@
 #include "DriveRun.h"
+#include "ZqImageLock.h"
 #include "ZqServiceFolder.h"
 #include "zqdevctl.h"
 
@@ -26,6 +27,18 @@ protected:
         ASSERT_TRUE(isServed);
     }
 
+    /// An app.json with a program of the drive and a redirected file.
+    void writeTemplate() const {
+        dir.write("template.json", R"({"version": 2, "zqfVersion": 1, "guid": "",
+            "app": {"cmd": "{{ZQDRIVE}}/TAVRIN-protected/app/play"}, "disk": {"mountMode": "ro"},
+            "underflow": {"suspendDrive": false, "suspendProc": false, "minOnDemand": 1, "maxOnDemand": 2},
+            "filemap": [{"from": "app/start.cfg"}]})");
+    }
+    /// Where the first drive of a service is mounted.
+    static string volumePath() {
+        return ZqServiceFolder::of(ZqMachineRoot::get().str()) + ZqServiceFolder::MOUNTS + "/1/" +
+               ZqServiceFolder::VOLUME;
+    }
     static bool logHas(const string& text) {
         const string log = TempDir::readFile(ZqServiceFolder::of(ZqMachineRoot::get().str()) + "zqdd.log");
         return log.find(text) != string::npos;
@@ -43,6 +56,7 @@ protected:
         EXPECT_TRUE(eventually([&] { return !isRunning(pid); }));
     }
 
+    static constexpr const char* START = "/TAVRIN-protected/app/start.cfg";
     string image;
 };
 
@@ -78,9 +92,10 @@ TEST_F(DirectRun, TheServiceServesWhatTheKernelCant) {
     mount(image, {"--mode", "rtw"});
     EXPECT_FALSE(statusOf(image).isServedByKernel);
     done({"umount", image});
-    EXPECT_FALSE(isDirect(image)) << "its write layer isn't shown";
-    for (const char* layer : {"img.tix", "img.tmp"})
-        fs::remove(fs::path(image) / layer);
+    EXPECT_TRUE(isDirect(image)) << "nothing was written";
+    fs::permissions(image + "/img.zqf", fs::perms::group_write, fs::perm_options::add);
+    EXPECT_FALSE(isDirect(image)) << "who may change it can't see that it is read";
+    fs::permissions(image + "/img.zqf", fs::perms::group_write, fs::perm_options::remove);
     EXPECT_TRUE(isDirect(image));
     // Its blocks are all there, and something follows them.
     std::ofstream(image + "/img.zqf", std::ios::app) << "more";
@@ -95,10 +110,15 @@ TEST_F(DirectRun, OpenFilesStayReadableAfterTheDrive) {
     open.read(bytes.data(), 4096);
     EXPECT_THAT(done({"umount", image}), HasSubstr("Files that are still open can be read on"));
     EXPECT_THAT(leftovers(), testing::IsEmpty());
-    // The image can be mounted again at once.
+    // The image can be mounted again at once, and is changed by nobody.
     EXPECT_TRUE(isDirect(image));
+    const string refused = "is still open in another program or in the kernel";
+    EXPECT_THAT(run({"image", "optimize", image, image}).err, HasSubstr(refused));
+    EXPECT_THAT(run({"image", "split", image}).err, HasSubstr(refused));
     open.read(bytes.data() + 4096, static_cast<std::streamsize>(bytes.size()) - 4096);
     EXPECT_TRUE(bytes == TempDir::readFile(source + "/big.pak"));
+    open.close();
+    done({"image", "split", image, "--part-size", "8000000"});
 }
 
 TEST_F(DirectRun, ADriveOutlivesItsService) {
@@ -119,11 +139,82 @@ TEST_F(DirectRun, ADriveOutlivesItsService) {
     EXPECT_TRUE(lettersOfDrives().empty());
 }
 
+TEST_F(DirectRun, AServiceWaitsForWhoHasTheImageOfADriveThatItTakesOver) {
+    const string app = mount(image);
+    killService(image);
+    // As a job that is about to find out that the image is read.
+    SxPtr<ZqImageLock> job =
+        ZqImageLock::await(SxString(image), ZqImageLock::Drive, ZqImageLock::Exclusive, "job", 0);
+    std::thread end([&] {
+        SxTime::msleep(1500);
+        job = nullptr;
+    });
+    const int64 beginNs = SxClock::get().steadyNs();
+    EXPECT_EQ(statusOf(image).drive, "D:");
+    EXPECT_GT(SxClock::get().steadyNs() - beginNs, 1'000'000'000);
+    end.join();
+    EXPECT_EQ(TempDir::readFile(app + "/start.cfg"), "volume=3\n");
+    killService(image);
+    EXPECT_THAT(run({"image", "split", image}).err, HasSubstr("is still open in another program"));
+    // Whoever wants it to go needn't wait.
+    job = ZqImageLock::await(SxString(image), ZqImageLock::Drive, ZqImageLock::Exclusive, "job", 0);
+    done({"umount", image, "--hard"});
+    EXPECT_THAT(leftovers(), testing::IsEmpty());
+    EXPECT_TRUE(lettersOfDrives().empty());
+}
+
+TEST_F(DirectRun, ADriveOfAnotherMountNamespaceIsLeftAlone) {
+    // It lives as long as this process, which the service's namespace does, too.
+    const string ready = dir.path("ready"), go = dir.path("go");
+    std::thread there([&] {
+        SxProcess("unshare",
+                  {"-m", "--propagation", "private", "bash", "-c",
+                   SxString("\"$1\" mount \"$2\" --quiet && touch '" + ready + "' && until [ -e '" + go +
+                            "' ]; do sleep 0.1; done; cat \"$3\" > '" + dir.path("seen") + "'"),
+                   "bash", SxString(client), SxString(image), SxString(volumePath() + START)})
+            .run();
+    });
+    ASSERT_TRUE(eventually([&] { return fs::exists(ready); }));
+    killService(image);
+    EXPECT_THAT(done({"status"}), HasSubstr("Nothing is mounted"));
+    const string other = build("other", "erofs");
+    const string app = mount(other);
+    EXPECT_EQ(TempDir::readFile(app + "/start.cfg"), "volume=3\n");
+    EXPECT_THAT(run({"image", "split", image}).err, HasSubstr("is still open in another program"));
+    dir.write("go", "");
+    there.join();
+    EXPECT_EQ(dir.read("seen"), "volume=3\n") << "the drive was taken away";
+    done({"umount", other});
+    ASSERT_TRUE(eventually([] { return processesOf(false).empty(); }));
+    // Its last process has ended, and so has the drive.
+    done({"umount", image});
+    EXPECT_TRUE(isDirect(image));
+}
+
+TEST_F(DirectRun, AServiceThatIsKilledInAnyStepOfTheUnmountLeavesNoHalfDrive) {
+    writeTemplate();
+    const string game = build("playable", "erofs", {"--app", dir.path("template.json")});
+    for (int ms = 0; ms < 60; ms += 4) {
+        SCOPED_TRACE(ms);
+        const string app = mount(game);
+        std::ofstream(app + "/start.cfg") << ms;
+        std::thread killer([ms] {
+            SxTime::msleep(ms);
+            for (const pid_t pid : processesOf(false))
+                ::kill(pid, SIGKILL);
+        });
+        run({"umount", game});
+        killer.join();
+        mount(game);
+        std::ofstream(app + "/start.cfg", std::ios::app) << " saved";
+        ASSERT_EQ(TempDir::readFile(app + "/start.cfg"), std::to_string(ms) + " saved")
+            << "it is no longer redirected";
+        done({"umount", game});
+    }
+}
+
 TEST_F(DirectRun, AGameAndItsSavesOutliveTheService) {
-    dir.write("template.json", R"({"version": 2, "zqfVersion": 1, "guid": "",
-        "app": {"cmd": "{{ZQDRIVE}}/TAVRIN-protected/app/play"}, "disk": {"mountMode": "ro"},
-        "underflow": {"suspendDrive": false, "suspendProc": false, "minOnDemand": 1, "maxOnDemand": 2},
-        "filemap": [{"from": "app/start.cfg"}]})");
+    writeTemplate();
     const string started = dir.path("started"), go = dir.path("go");
     const string script =
         dir.write("game/play", "#!/bin/sh\ncd \"${0%/*}\"\necho saved > start.cfg\ntouch '" + started +
@@ -138,7 +229,7 @@ TEST_F(DirectRun, AGameAndItsSavesOutliveTheService) {
             EXPECT_TRUE(statusOf(game).isServedByKernel);
             killService(game);
             if (isEnded) ::umount2(statusOf(game).mountPath.ascii(), MNT_DETACH);
-            SxTime::msleep(1000);
+            EXPECT_TRUE(eventually([&] { return isEnded == statusOf(game).image.isEmpty(); }));
             dir.write("go", "");
         });
         const Outcome outcome = run({"run", game, "--no-trace", "--no-stats"});
