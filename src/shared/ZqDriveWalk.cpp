@@ -44,8 +44,7 @@ void ZqDriveWalk::append(std::vector<Extent>* extents, const Extent& next) {
 }
 
 void ZqDriveWalk::add(uint64 inode, Kind kind, std::string_view name) {
-    if (name.empty() || name.find('/') != std::string_view::npos ||
-        name.find('\0') != std::string_view::npos) {
+    if (!isName(name)) {
         throw damage("folder '" + pathIn(current, "") + "' has a name that is none", __LINE__);
     }
     const uint64 length = folders[current].pathLength + name.size();

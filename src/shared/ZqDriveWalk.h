@@ -61,6 +61,10 @@ protected:
     static Kind kindOf(uint64 type) {
         return type == 1 ? Kind::File : type == 2 ? Kind::Folder : Kind::Other;
     }
+    static bool isName(std::string_view text) {
+        constexpr std::string_view NONE("/\0", 2);
+        return !text.empty() && text.find_first_of(NONE) == std::string_view::npos;
+    }
     static uint64 number(const std::string& bytes, size_t at, size_t nBytes) {
         return ZqDriveReader::number(bytes, at, nBytes);
     }

@@ -75,8 +75,7 @@ bool isStale(int fd, const std::string& file) {
 
 /// Raises where somebody has img.zqf open and doesn't let it go. The kernel reads it for a drive that
 /// outlives its mount or its service, or is another mount namespace's: neither locks nor the table of mounts
-/// show that. The kernel serves only images of which everybody
-/// who may write to them can tell that.
+/// show that. The kernel serves only images of which everybody who may write to them can tell it.
 void awaitLetGo(const SxString& path) {
     const int64 endNs = SxClock::get().steadyNs() + LET_GO_MS * 1'000'000;
     for (int64 pauseMs = FIRST_PAUSE_MS; ZqImageLock::isFileOpen(path);
