@@ -3,12 +3,12 @@
 
 #include "Folder.h"
 #include "Ratio.h"
+#include "Runs.h"
 #include "VirtualDisk.h"
 #include "ZqBlocks.h"
 
 #include <fcntl.h>
 #include <fstream>
-#include <numeric>
 #include <unistd.h>
 #include <vector>
 
@@ -16,22 +16,9 @@ namespace {
 
 constexpr uint64 N_BLOCKS = (uint64{1} << 30) / ZqBlocks::SIZE, RUN = 50;
 
-/// The RAW order is cut into runs, which are stored shuffled.
-std::vector<uint64> mapInRuns(uint64 nBlocks) {
-    std::vector<uint64> runs((nBlocks + RUN - 1) / RUN), map(nBlocks);
-    std::iota(runs.begin(), runs.end(), 0);
-    std::shuffle(runs.begin(), runs.end(), std::mt19937_64(1));
-    uint64 zqfIdx = 0;
-    for (const uint64 run : runs) {
-        for (uint64 rawIdx = run * RUN; rawIdx < std::min(nBlocks, (run + 1) * RUN); ++rawIdx)
-            map[rawIdx] = zqfIdx++;
-    }
-    return map;
-}
-
 struct ImageFolder : bench::Folder {
     explicit ImageFolder(uint64 nBlocks) {
-        const std::vector<uint64> map = mapInRuns(nBlocks);
+        const std::vector<uint64> map = bench::mapInRuns(nBlocks, RUN);
         SxFileIO(path + "img.idx", "wb").writeBuffer(map.data(), static_cast<int64>(nBlocks * 8));
         if (nBlocks == N_BLOCKS) {
             bench::writeRandomFile(path + "img.zqf", static_cast<int64>(nBlocks * ZqBlocks::SIZE), 1);
