@@ -2,6 +2,8 @@
 
 #include "SxTypes.h"
 
+#include <cstddef>
+
 /// EROFS as the kernel has it on the disk: offsets and sizes in bytes, numbers with their least byte first.
 /// Only what is read or written here.
 namespace ZqErofsFormat {
