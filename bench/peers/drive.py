@@ -3,25 +3,34 @@
 
     bench/peers/drive.py [--size MIB] [--rounds N] [--only NAME] [--build DIR] [--dir DIR]
 
-The image is complete and lies in runs of 50 blocks in random order. Everybody else gets the same volume as one
-plain file. "kernel alone" mounts that file: EROFS from the file itself, ext4 through a buffered loop device.
-"direct loop" is EROFS on a loop device with direct I/O. The others' files are attached by a loop device, as a user
-would do it; where the kernel mounts EROFS from them without one, that is shown too. Warm: what is stored is in the page cache, the volume is
-mounted afresh for each pass, and each block is read once. Cold: nothing is. Content is compared by digest on every
-side first. Values are medians of passes that all sides make in turn; each ratio of two of them has its goal. Needs root; what it starts, mounts and writes is gone at the end.
+Each row says who serves our drive. "by kernel": a complete image with EROFS, as it is mounted where nothing else is
+asked for. "by service": the drive service, which serves what the kernel can't. It is given the complete EROFS, too,
+with a write layer that stays empty. A drive that is served by somebody else than its row says ends the run.
+
+    erofs                 two large files in runs of 50 blocks, which lie in random order
+    ext4                  the same in ext4, which only the service serves
+    erofs single blocks   each block for itself, in random order; rows without goals, "as shipped" by whoever it is
+    erofs small files     10,000 files of 1 to 64 KiB, in runs of 50 blocks, read once in random order
+    erofs doom, supertux  a game in the order of a session that is played for it, and the reads of that session in their
+                          own order, without its pauses
+
+Images are complete. Everybody else gets the same volume as one plain file. "kernel alone" mounts that file: EROFS from
+the file itself, ext4 through a buffered loop device. "direct loop" is EROFS on a loop device with direct I/O. The
+others' files are attached by a loop device, as a user would do it; where the kernel mounts EROFS from them without one,
+that is shown too. Warm: what is stored is in the page cache before the mount, the volume is mounted afresh for each
+pass, and each block is read once. Cold: nothing is, neither before the mount nor after it. Content is compared by
+digest on every side first, of the kernel's drive both ways. Values are medians of passes that all sides make in turn;
+each ratio of two of them has its goal. The service's memory after a mount is that of a service which has done nothing
+else. What makes the metadata for the kernel is timed by bench_metadata, with 100 GiB. Images must lie on a disk, since
+the kernel serves none on a tmpfs. Needs root; what it starts, mounts and writes is gone at the end.
 """
 
 import argparse
-import array
 import contextlib
-import functools
-import hashlib
 import json
-import mmap
 import os
 import random
 import shutil
-import statistics
 import subprocess
 import sys
 import tempfile
@@ -31,176 +40,133 @@ from pathlib import Path
 sys.dont_write_bytecode = True
 sys.path.insert(0, str(Path(__file__).resolve().parent / "support"))
 import lab  # noqa: E402
-import peers  # noqa: E402
+import session_reads  # noqa: E402
+from game import medians  # noqa: E402
 from product import APP, Product  # noqa: E402
+from sides import ALONE, DIRECT, KERNEL, NBDKIT, NO_LOOP, QEMU, SERVICE, SHIPPED, Sides  # noqa: E402
+from stored import FIRST, MIB, SECOND, digest_of, scatter, write_large, write_small  # noqa: E402
+from traces import read_map  # noqa: E402
 
-BLOCK, RUN = 4096, 50
-MIB = 1 << 20
+RUN = 50
 N_RANDOM = 20_000  # different blocks of one pass of random reads
+N_SMALL = 10_000
 SPARE = 4  # more readers than must be held, since a run at an end of the marked file may be there
-MARK = b"held back"  # begins each block of the file that a partial image lacks
-FIRST, SECOND = "first.bin", "second.bin"
-
-
-def write_source(folder, size):
-    """Two files of random bytes, the second marked; gives their digests."""
-    source = random.Random(1)
-    digests = {}
-    folder.mkdir()
-    for name, size_mib in ((FIRST, size * 3 // 4), (SECOND, size - size * 3 // 4)):
-        digest = hashlib.md5()
-        with open(folder / name, "wb") as file:
-            for _ in range(size_mib):
-                data = bytearray(source.randbytes(MIB))
-                if name == SECOND:
-                    for at in range(0, MIB, BLOCK):
-                        data[at : at + len(MARK)] = MARK
-                digest.update(data)
-                file.write(data)
-        digests[name] = digest.hexdigest()
-    return digests
-
-
-def write_records(image, idx_bytes, app):
-    (image / "img.idx").write_bytes(idx_bytes)
-    app["checksums"]["idx"] = hashlib.md5(idx_bytes).hexdigest()
-    (image / "app.json").write_text(json.dumps(app), encoding="utf-8")
-
-
-def scatter(image, partial):
-    """Stores the image in runs in random order, those that only the marked file has after all others; makes the
-    partial image of the part before these. Gives the number of RAW blocks."""
-    idx = array.array("Q", (image / "img.idx").read_bytes())
-    app = json.loads((image / "app.json").read_text(encoding="utf-8"))
-    new_place = array.array("Q", bytes(app["disk"]["sizeZqf"] // BLOCK * 8))
-    with open(image / "img.zqf", "rb") as old, open(image / "img.zqf.scattered", "wb") as new:
-        with mmap.mmap(old.fileno(), 0, prot=mmap.PROT_READ) as data:
-            kept, held_back = [], []
-            for start in range(0, len(new_place), RUN):
-                blocks = range(start, min(start + RUN, len(new_place)))
-                marked = all(data[b * BLOCK : b * BLOCK + len(MARK)] == MARK for b in blocks)
-                (held_back if marked else kept).append(blocks)
-            order = random.Random(2)
-            order.shuffle(kept)
-            order.shuffle(held_back)
-            n_kept = sum(map(len, kept))
-            for zqf_idx, block in enumerate(block for run in kept + held_back for block in run):
-                new_place[block] = zqf_idx
-            for run in kept + held_back:
-                new.write(data[run.start * BLOCK : run.stop * BLOCK])
-    os.replace(image / "img.zqf.scattered", image / "img.zqf")
-    none = (1 << 64) - 1
-    scattered = array.array("Q", (none if zqf_idx == none else new_place[zqf_idx] for zqf_idx in idx)).tobytes()
-    app["checksums"].pop("zqf", None)
-    app["disk"]["sizeMnt"] = app["disk"]["sizeZqf"]
-    write_records(image, scattered, app)
-
-    partial.mkdir()
-    shutil.copy(image / "img.json", partial)
-    shutil.copy(image / "img.zqf", partial)
-    os.truncate(partial / "img.zqf", n_kept * BLOCK)
-    app["disk"]["sizeMnt"] = n_kept * BLOCK
-    write_records(partial, scattered, app)
-    return len(idx)
+N_MOUNTS = 10
+SETTLED_S = 7  # after a mount the service keeps some of what it took for 5 s
 
 
 class Bench:
-    """One file system: the image, the plain file, and all sides that can mount them."""
+    """One image, the plain file of the same volume, and all sides that can mount them. They are made when a row is
+    wanted, below `folder`; `name` begins the names of the rows."""
 
-    def __init__(self, product, kind, folder, table, options):
-        self.product, self.kind, self.folder, self.table, self.options = product, kind, folder, table, options
+    kind = "erofs"
+    shown_by = (KERNEL, SERVICE, ALONE)  # sides
+
+    def __init__(self, name, folder, table, options):
+        self.name, self.folder, self.table, self.options = name, folder, table, options
         self.image, self.partial, self.raw = folder / "image", folder / "partial", folder / "raw/img.raw"
-        self.sides = {
-            "ours": lambda: product.mounted(self.image),
-            "kernel alone": self.kernel_alone,
-            "direct loop": self.direct_loop,
-            "nbdkit": self.nbdkit,
-            "qemu": self.qemu,
-            "nbdkit, no loop": functools.partial(self.nbdkit, through_loop=False),
-            "qemu, no loop": functools.partial(self.qemu, through_loop=False),
-        }
-        if kind != "erofs":
-            for side in ("direct loop", "nbdkit, no loop", "qemu, no loop"):
-                del self.sides[side]
+        self.product, self.is_left_out = None, False
 
-    def prepare(self, source):
-        raw = self.raw.parent
-        self.product.tavrin("image", "build", source, self.image, "--fs", self.kind, "--raw", raw, "--quiet")
-        self.n_raw = scatter(self.image, self.partial)
-        os.sync()
+    def measure(self):
+        """Prints the rows."""
+        raise NotImplementedError
 
-    # -- the sides: each is mounted during a `with`, which gives the folder of the application
+    def make(self):
+        """Makes the image and the plain file; gives the digests of the files."""
+        raise NotImplementedError
 
-    def attach(self, stack, file, direct=False, through_loop=False):
-        if self.kind == "erofs" and not through_loop:
-            return stack.enter_context(lab.volume(file, self.kind, self.folder / "volume")) / APP
-        device = stack.enter_context(lab.loop(file, direct))
-        return stack.enter_context(lab.volume(device, self.kind, self.folder / "volume")) / APP
+    def missing(self):
+        """What it needs and this machine hasn't got."""
+        return []
+
+    def is_wanted(self, *rows):
+        """Whether one of them is, for which all is made then."""
+        if self.is_left_out or not any(self.options.only in f"{self.name} {row}" for row in rows):
+            return False
+        if missing := self.missing():
+            self.is_left_out = True
+            print(f"left out: {self.name}: not installed here: {', '.join(missing)}", flush=True)
+            return False
+        if self.product is None:
+            self.folder.mkdir()
+            self.product = Product(self.options.build, self.folder / "product")
+            self.sides = Sides(self.product, self.kind, self.image, self.raw, self.folder)
+            digests = self.make()
+            os.sync()
+            self.check_content(digests)
+        return True
+
+    def close(self):
+        if self.product is not None:
+            self.product.close()
+            shutil.rmtree(self.folder)
+
+    def build(self, write):
+        """Makes image and plain file of what `write` puts into a folder; gives what it gives."""
+        source = self.folder / "source"
+        given = write(source)
+        words = ["--fs", self.kind, "--raw", self.raw.parent, "--quiet"]
+        self.product.tavrin("image", "build", source, self.image, *words)
+        shutil.rmtree(source)
+        return given
+
+    def write_list(self, name, lines):
+        (self.folder / name).write_bytes(os.fsencode("".join(f"{line}\n" for line in lines)))
+
+    # -- the sides
 
     @contextlib.contextmanager
-    def kernel_alone(self):
-        with contextlib.ExitStack() as stack:
-            yield self.attach(stack, self.raw)
-
-    @contextlib.contextmanager
-    def direct_loop(self):
-        with contextlib.ExitStack() as stack:
-            yield self.attach(stack, self.raw, direct=True, through_loop=True)
-
-    @contextlib.contextmanager
-    def nbdkit(self, through_loop=True):
-        with peers.nbdkit_file(self.folder, "file", self.raw) as file, contextlib.ExitStack() as stack:
-            yield self.attach(stack, file, through_loop=through_loop)
-
-    @contextlib.contextmanager
-    def qemu(self, through_loop=True):
-        blockdev = f"driver=file,node-name=f,filename={self.raw},read-only=on"
-        with peers.qemu_file(self.folder, "f", blockdev) as file, contextlib.ExitStack() as stack:
-            yield self.attach(stack, file, direct=True, through_loop=through_loop)
-
-    # -- the figures
-
-    def read(self, side, words, cold=False):
-        """One pass of the reader."""
-        if not cold:
-            lab.read_into_cache(self.image / "img.zqf" if side == "ours" else self.raw)
-        with self.sides[side]() as app:
+    def mounted(self, side, cold=False):
+        """Gives the folder of the application. The kernel reads past the page cache where it found it empty at the
+        mount: so it is emptied, or filled, before that."""
+        if cold:
+            lab.drop_caches()
+        else:
+            lab.read_into_cache(self.sides.stored(side))
+        with self.sides.mounted(side) as app:
             if cold:
                 lab.drop_caches()
-            return self.reader(app, words)
-
-    def reader(self, app, words):
-        return float(lab.run(self.product.reader, words[0], app / FIRST, *words[1:]))
-
-    def speed(self, name, unit, words, goals, also=(), cold=False):
-        if not self.wanted(name):
-            return
-        sides = ["ours", *goals, *also]
-        values = lab.interleave(self.options.rounds, sides, lambda side: self.read(side, words, cold))
-        for side, goal in goals.items():
-            self.table.ratio(f"{self.kind} {name}", unit, values["ours"], side, values[side], goal)
-        for side in sides[1 + len(goals) :]:
-            self.table.ratio(f"{self.kind} {name}", unit, values["ours"], side, values[side])
-
-    def wanted(self, name):
-        return self.options.only in f"{self.kind} {name}"
+            yield app
 
     def check_content(self, digests):
         """What each side shows must be what was put in."""
-        for side, mounted in self.sides.items():
-            with mounted() as app:
-                for name, expected in digests.items():
-                    with open(app / name, "rb") as file:
-                        if hashlib.file_digest(file, "md5").hexdigest() != expected:
-                            raise RuntimeError(f"{self.kind}, {side}: {name} has other content")
+        for side in self.shown_by:
+            for cold in (False, True) if side in (KERNEL, SHIPPED) else (False,):
+                with self.mounted(side, cold) as app:
+                    for name, expected in digests.items():
+                        if digest_of(app / name) != expected:
+                            raise RuntimeError(f"{self.name}, {side}: {name} has other content")
+
+    def reader(self, app, words):
+        """One pass of the reader, whose second word is a name below the folder of the application."""
+        return float(lab.run(self.product.reader, words[0], app / words[1], *words[2:]))
+
+    # -- the rows
+
+    def speed(self, what, unit, words, rows, cold=False):
+        """`rows`: for each of ours the sides that it is compared with, each with its goal; None without one. All take
+        turns."""
+        rows = {ours: others for ours, others in rows.items() if self.is_wanted(f"{what}, {ours}")}
+        if not rows:
+            return
+
+        def measure(side):
+            with self.mounted(side, cold) as app:
+                return self.reader(app, words)
+
+        sides = list(dict.fromkeys([*rows, *(side for others in rows.values() for side in others)]))
+        values = lab.interleave(self.options.rounds, sides, measure)
+        for ours, others in rows.items():
+            for side, goal in others.items():
+                self.table.ratio(f"{self.name} {what}, {ours}", unit, values[ours], side, values[side], goal)
 
     def held(self, n_held, goal):
-        name = f"{n_held} reads held"
-        if not self.wanted(name):
+        row = f"{n_held} reads held, {SERVICE}"
+        if not self.is_wanted(row):
             return
         lab.read_into_cache(self.partial / "img.zqf")
         values = lab.interleave(self.options.rounds, [0, n_held], self.read_beside_held)
-        self.table.ratio(f"{self.kind} {name}", "IOPS", values[n_held], "none held", values[0], goal)
+        self.table.ratio(f"{self.name} {row}", "IOPS", values[n_held], "none held", values[0], goal)
 
     def read_beside_held(self, n_held):
         waiting = None
@@ -228,53 +194,191 @@ class Bench:
                 raise RuntimeError(f"only {found} of {n_held} reads are held")
             time.sleep(0.05)
 
-    def mount_times(self, limit_ms):
-        if not self.wanted("mount time"):
+    def mount_times(self, servers, limit_ms, more_ms=None):
+        """`more_ms`: by how much the kernel's mount may take longer than the service's."""
+        rows = {server: (f"mount time, {server}", f"umount time, {server}") for server in servers}
+        if not self.is_wanted(*(row for both in rows.values() for row in both)):
             return
-        mount, umount = [], []
-        for _ in range(10):
-            start = time.monotonic()
-            path = Path(json.loads(self.product.tavrin("mount", self.image, "--mode", "ro", "--json"))["mountPath"])
-            try:
-                with open(path / APP / FIRST, "rb", buffering=0) as file:
-                    file.read(BLOCK)
-                mount.append(time.monotonic() - start)
-            finally:
-                start = time.monotonic()
-                self.product.tavrin("umount", self.image)
-                lab.wait_until(lambda: not lab.mounted_at(path), "the drive is gone")
-            umount.append(time.monotonic() - start)
-        self.table.limit(f"{self.kind} mount time", "ms", statistics.median(mount) * 1e3, limit_ms)
-        self.table.limit(f"{self.kind} umount time", "ms", statistics.median(umount) * 1e3, limit_ms)
+        found = lab.interleave(N_MOUNTS, list(servers), self.time_mount, medians)
+        for server, both in rows.items():
+            for row, value in zip(both, found[server], strict=True):
+                self.table.limit(f"{self.name} {row}", "ms", value, limit_ms)
+        if more_ms is not None:
+            more = found[KERNEL][0] - found[SERVICE][0]
+            self.table.limit(f"{self.name} mount time, {KERNEL} more than {SERVICE}", "ms", more, more_ms)
 
-    def memory(self):
-        if self.product.pid is not None and self.wanted("memory"):
-            limit = (9 * self.n_raw + 32 * MIB) / MIB
-            self.table.limit(f"{self.kind} service memory", "MiB", self.product.peak_memory() / MIB, limit)
+    def time_mount(self, server):
+        """Milliseconds until the first byte is there, and until the drive is gone."""
+        # Looks like a change, so nothing that the service has kept from the mount before fits.
+        self.image.joinpath("img.idx").chmod(0o644)
+        lab.read_into_cache(self.image / "img.zqf")
+        mode = self.sides.mode_of(server)
+        words = ["mount", self.image, "--mode", mode, "--json"]
+        start = time.monotonic()
+        path = Path(json.loads(self.product.tavrin(*words))["mountPath"])
+        try:
+            with open(path / APP / FIRST, "rb", buffering=0) as file:
+                file.read(1)
+            mounted = time.monotonic() - start
+            self.product.find_drive(self.image)
+            self.sides.require(server)
+        finally:
+            start = time.monotonic()
+            self.product.unmount(self.image, mode)
+            lab.wait_until(lambda: not lab.mounted_at(path), "the drive is gone")
+        return mounted * 1e3, (time.monotonic() - start) * 1e3
+
+    def peak_memory(self):
+        if self.product is not None and self.product.pid is not None and self.is_wanted("service, peak memory"):
+            limit = (9 * len(read_map(self.image)) + 32 * MIB) / MIB
+            self.table.limit(f"{self.name} service, peak memory", "MiB", self.product.memory("VmHWM") / MIB, limit)
+
+    def settled_memory(self):
+        row = f"service, memory after a mount, {KERNEL}"
+        if self.is_wanted(row):
+            found = lab.interleave(self.options.rounds, [KERNEL, SERVICE], self.memory_after_mount)
+            self.table.limit(f"{self.name} {row}", "MiB", found[KERNEL] / MIB, found[SERVICE] / MIB)
+
+    def memory_after_mount(self, server):
+        """That of a service which has done nothing else."""
+        with Product(self.options.build, self.folder / "fresh") as product:
+            try:
+                sides = Sides(product, self.kind, self.image, self.raw, self.folder)
+                with sides.mounted(server):
+                    time.sleep(SETTLED_S)
+                    return product.memory()
+            finally:
+                shutil.rmtree(product.folder)
+
+
+class InRuns(Bench):
+    """Two large files, stored in runs of 50 blocks."""
+
+    def make(self):
+        digests = self.build(lambda source: write_large(source, self.options.size))
+        scatter(self.image, RUN, self.partial)
+        return digests
+
+
+class Erofs(InRuns):
+    shown_by = (KERNEL, SERVICE, ALONE, DIRECT, NBDKIT, QEMU, *NO_LOOP)
+
+    def measure(self):
+        more = dict.fromkeys(NO_LOOP)
+        rows = {KERNEL: {ALONE: 0.95}, SERVICE: {ALONE: 0.4, NBDKIT: 4, QEMU: 3, **more}}
+        self.speed("sequential", "MiB/s", SEQUENTIAL, rows)
+        rows = {KERNEL: {ALONE: 0.85}, SERVICE: {DIRECT: 1.3, NBDKIT: 3, QEMU: 2.2, **more}}
+        self.speed("random", "IOPS", random_reads(1), rows)
+        self.speed("random, depth 16", "IOPS", random_reads(16), {KERNEL: {ALONE: 0.85}})
+        self.speed("cold sequential", "MiB/s", SEQUENTIAL, {KERNEL: {ALONE: 1}, SERVICE: {ALONE: 0.6}}, cold=True)
+        self.held(200, 0.8)
+        self.mount_times([KERNEL, SERVICE], 500, 20)
+        self.peak_memory()  # of a service that ends when nothing is mounted for a while
+        self.settled_memory()
+
+
+class Ext4(InRuns):
+    kind = "ext4"
+    shown_by = (SERVICE, ALONE, NBDKIT, QEMU)
+
+    def measure(self):
+        self.speed("sequential", "MiB/s", SEQUENTIAL, {SERVICE: {ALONE: 0.55}})
+        self.speed("random", "IOPS", random_reads(1), {SERVICE: {ALONE: 0.65, NBDKIT: 2, QEMU: 1.6}})
+        self.speed("random, depth 16", "IOPS", random_reads(16), {SERVICE: {ALONE: 0.5}})
+        self.speed("cold sequential", "MiB/s", SEQUENTIAL, {SERVICE: {ALONE: 0.6}}, cold=True)
+        self.held(100, 0.8)
+        self.mount_times([SERVICE], 500)
+        self.peak_memory()
+
+
+class SingleBlocks(Bench):
+    """The same files, each block for itself: the worst order that there is, which shows who serves such images best."""
+
+    shown_by = (SHIPPED, SERVICE, ALONE)
+
+    def make(self):
+        digests = self.build(lambda source: write_large(source, self.options.size))
+        scatter(self.image, 1)
+        print(f"{self.name}: as shipped they are served {self.sides.find_shipped()}", flush=True)
+        return digests
+
+    def measure(self):
+        rows = {SHIPPED: {ALONE: None, SERVICE: None}}
+        self.speed("sequential", "MiB/s", SEQUENTIAL, rows)
+        self.speed("random", "IOPS", random_reads(1), rows)
+        self.speed("cold sequential", "MiB/s", SEQUENTIAL, rows, cold=True)
+
+
+class SmallFiles(Bench):
+    """Many small files, which are read in random order."""
+
+    def make(self):
+        digests = self.build(lambda source: write_small(source, min(N_SMALL, N_SMALL * self.options.size // 1024)))
+        scatter(self.image, RUN)
+        names = sorted(digests)
+        random.Random(4).shuffle(names)
+        self.write_list("names", names)
+        return digests
+
+    def measure(self):
+        words = ["files", "", self.folder / "names"]
+        self.speed("all read", "MiB/s", words, {KERNEL: {ALONE: 0.9}})
+        self.speed("cold, all read", "MiB/s", words, {KERNEL: {ALONE: None, SERVICE: None}}, cold=True)
+
+
+class Game(Bench):
+    """A game in the order of one of its sessions."""
+
+    session = cold_row = cold_goal = None
+
+    def __init__(self, *others):
+        super().__init__(*others)
+        self.game = session_reads.find_game(*self.session)
+
+    def missing(self):
+        return session_reads.missing(self.game)
+
+    def make(self):
+        image, raw = self.image, self.raw.parent
+        digests, reads, names = session_reads.make(self.game, self.product, self.options, self.folder, image, raw)
+        self.write_list("reads", reads)
+        self.write_list("names", names)
+        return digests
+
+    def measure(self):
+        rows = {KERNEL: {SERVICE: 1.25, ALONE: None}}
+        self.speed("reads of a session", "MiB/s", ["replay", "", self.folder / "reads"], rows)
+        words = ["files", "", self.folder / "names"]
+        self.speed(self.cold_row, "MiB/s", words, {KERNEL: {ALONE: self.cold_goal}}, cold=True)
+
+
+class Doom(Game):
+    """It has two large files."""
+
+    session = ("doom", "E1M1")
+    cold_row, cold_goal = "cold sequential", 1
+
+
+class Supertux(Game):
+    """It has thousands of small files, which no goal is for where nothing is in the page cache."""
+
+    session = ("supertux", "world1/frosted_fields")
+    cold_row, cold_goal = "cold, all read", None
+
+
+BENCHES = {
+    "erofs": Erofs,
+    "ext4": Ext4,
+    "erofs single blocks": SingleBlocks,
+    "erofs small files": SmallFiles,
+    "erofs doom": Doom,
+    "erofs supertux": Supertux,
+}
+SEQUENTIAL = ["sequential", FIRST]
 
 
 def random_reads(n_threads):
-    return ["random", str(N_RANDOM), "1", str(n_threads)]
-
-
-def measure_erofs(bench):
-    no_loop = ["nbdkit, no loop", "qemu, no loop"]
-    bench.speed("sequential", "MiB/s", ["sequential"], {"kernel alone": 0.4, "nbdkit": 4, "qemu": 3}, no_loop)
-    bench.speed("random", "IOPS", random_reads(1), {"direct loop": 1.3, "nbdkit": 3, "qemu": 2.2}, no_loop)
-    bench.speed("cold sequential", "MiB/s", ["sequential"], {"kernel alone": 0.6}, cold=True)
-    bench.held(200, 0.8)
-    bench.mount_times(500)
-    bench.memory()
-
-
-def measure_ext4(bench):
-    bench.speed("sequential", "MiB/s", ["sequential"], {"kernel alone": 0.55})
-    bench.speed("random", "IOPS", random_reads(1), {"kernel alone": 0.65, "nbdkit": 2, "qemu": 1.6})
-    bench.speed("random, depth 16", "IOPS", random_reads(16), {"kernel alone": 0.5})
-    bench.speed("cold sequential", "MiB/s", ["sequential"], {"kernel alone": 0.6}, cold=True)
-    bench.held(100, 0.8)
-    bench.mount_times(500)
-    bench.memory()
+    return ["random", FIRST, str(N_RANDOM), "1", str(n_threads)]
 
 
 def parse_arguments():
@@ -288,6 +392,7 @@ def parse_arguments():
     options = parser.parse_args()
     if options.size < 64 or options.rounds < 1:
         parser.error("at least 64 MiB and one round")
+    options.build = options.build.resolve()
     return options
 
 
@@ -299,21 +404,10 @@ def main():
     with contextlib.ExitStack() as stack:
         folder = Path(tempfile.mkdtemp(prefix="tavrin-peers-", dir=options.dir)).resolve()
         stack.callback(shutil.rmtree, folder)
-        digests = write_source(folder / "source", options.size)
-        kinds = {"erofs": measure_erofs, "ext4": measure_ext4}
-        named = [kind for kind in kinds if kind in options.only]
-        for kind in named or kinds:
-            below = folder / kind
-            below.mkdir()
-            product = Product(options.build, below / "product")
-            try:
-                bench = Bench(product, kind, below, table, options)
-                bench.prepare(folder / "source")
-                bench.check_content(digests)
-                kinds[kind](bench)
-            finally:
-                product.close()
-            shutil.rmtree(below)
+        for name, make in BENCHES.items():
+            bench = make(name, folder / name.replace(" ", "-"), table, options)
+            with contextlib.closing(bench):
+                bench.measure()
     table.close()
 
 

@@ -1,7 +1,13 @@
-// Reads one file the way an application does, and says how fast that went; for benchmarks whose own language
+// Reads files the way an application does, and says how fast that went; for benchmarks whose own language
 // would be slower than what they measure.
 //
 //   reader sequential FILE                   MiB/s of 1 MiB reads from start to end
+//   reader files FOLDER LIST                 the same of the files that the lines of the file LIST name, one
+//   after
+//                                            the other; each is opened when it is its turn
+//   reader replay FOLDER LIST                MiB/s of the reads that the lines of LIST tell, in their order:
+//   offset
+//                                            and bytes of each, and the name of the file, which stays open
 //   reader random FILE COUNT SEED N_THREADS  reads/s of COUNT different blocks in random order
 //   reader wait FILE N                       N threads that each wait for another part of the file, then the
 //                                            number of those that got it
@@ -17,6 +23,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <fstream>
+#include <functional>
 #include <numeric>
 #include <random>
 #include <stdexcept>
@@ -24,6 +31,7 @@
 #include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
+#include <unordered_map>
 #include <vector>
 
 namespace {
@@ -70,15 +78,77 @@ void inThreads(size_t n, Work&& work) {
         thread.join();
 }
 
+/// Gives its bytes.
+size_t readWhole(const File& file, std::vector<char>* data) {
+    for (size_t offset = 0; offset < file.size(); offset += CHUNK) {
+        if (!file.read(offset, std::min(CHUNK, file.size() - offset), data->data()))
+            throw std::runtime_error("cannot read at " + std::to_string(offset));
+    }
+    return file.size();
+}
+
+/// MiB/s of work that gives the bytes which it has read.
+double speedOf(const std::function<size_t()>& work) {
+    size_t nBytes = 0;
+    const double seconds = secondsOf([&] { nBytes = work(); });
+    return static_cast<double>(nBytes) / (1 << 20) / seconds;
+}
+
 double sequential(const File& file) {
     std::vector<char> data(CHUNK);
-    const double seconds = secondsOf([&] {
-        for (size_t offset = 0; offset < file.size(); offset += CHUNK) {
-            if (!file.read(offset, std::min(CHUNK, file.size() - offset), data.data()))
-                throw std::runtime_error("cannot read at " + std::to_string(offset));
-        }
+    return speedOf([&] { return readWhole(file, &data); });
+}
+
+template<class Line>
+std::vector<Line> readList(const char* name, const std::function<bool(std::istream&, Line*)>& next) {
+    std::ifstream stream(name);
+    std::vector<Line> lines;
+    for (Line line; next(stream, &line);)
+        lines.push_back(line);
+    if (lines.empty() || !stream.eof()) throw std::runtime_error(std::string("cannot read the list ") + name);
+    return lines;
+}
+
+double files(const std::string& folder, const char* list) {
+    const auto paths = readList<std::string>(list, [&](std::istream& stream, std::string* path) {
+        std::string name;
+        if (!std::getline(stream, name)) return false;
+        *path = folder + "/" + name;
+        return true;
     });
-    return static_cast<double>(file.size()) / (1 << 20) / seconds;
+    std::vector<char> data(CHUNK);
+    return speedOf([&] {
+        size_t nBytes = 0;
+        for (const std::string& path : paths)
+            nBytes += readWhole(File(path.c_str()), &data);
+        return nBytes;
+    });
+}
+
+struct Read {
+    size_t offset = 0, bytes = 0;
+    std::string path;
+};
+
+double replay(const std::string& folder, const char* list) {
+    const auto reads = readList<Read>(list, [&](std::istream& stream, Read* read) {
+        std::string name;
+        if (!(stream >> read->offset >> read->bytes) || !std::getline(stream.ignore(), name)) return false;
+        read->path = folder + "/" + name;
+        return read->bytes <= CHUNK;
+    });
+    std::vector<char> data(CHUNK);
+    std::unordered_map<std::string, File> open;
+    return speedOf([&] {
+        size_t nBytes = 0;
+        for (const Read& read : reads) {
+            const File& file = open.try_emplace(read.path, read.path.c_str()).first->second;
+            if (!file.read(read.offset, read.bytes, data.data()))
+                throw std::runtime_error(read.path + ": cannot read at " + std::to_string(read.offset));
+            nBytes += read.bytes;
+        }
+        return nBytes;
+    });
 }
 
 double random(const File& file, size_t count, unsigned long seed, size_t nThreads) {
@@ -139,6 +209,10 @@ int main(int argc, char** argv) {
     try {
         if (words.size() == 2 && words[0] == "sequential") {
             std::printf("%.1f\n", sequential(File(argv[2])));
+        } else if (words.size() == 3 && words[0] == "files") {
+            std::printf("%.1f\n", files(words[1], argv[3]));
+        } else if (words.size() == 3 && words[0] == "replay") {
+            std::printf("%.1f\n", replay(words[1], argv[3]));
         } else if (words.size() == 5 && words[0] == "random") {
             std::printf("%.1f\n", random(File(argv[2]), std::stoul(words[2]), std::stoul(words[3]),
                                          std::stoul(words[4])));
@@ -148,7 +222,8 @@ int main(int argc, char** argv) {
             std::printf("%zu\n", wait(File(argv[2]), std::stoul(words[2])));
         } else {
             std::fprintf(stderr,
-                         "usage: reader sequential FILE | random FILE COUNT SEED N_THREADS | wait FILE N\n");
+                         "usage: reader sequential FILE | files FOLDER LIST | replay FOLDER LIST | random "
+                         "FILE COUNT SEED N_THREADS | wait FILE N | delays FILE COUNT SEED OUT\n");
             return 2;
         }
     } catch (const std::exception& e) {

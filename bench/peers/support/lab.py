@@ -170,7 +170,7 @@ class Table:
 
     def ratio(self, name, unit, ours, other_name, other, goal=None):
         text = (
-            f"{name:<24} ours {ours:>9,.0f} {unit:<6} {other_name:<16} {other:>9,.0f} {unit:<6} "
+            f"{name:<46} ours {ours:>9,.0f} {unit:<6} {other_name:<16} {other:>9,.0f} {unit:<6} "
             f"ratio {ours / other:>6.2f}"
         )
         if goal is None:
@@ -179,7 +179,7 @@ class Table:
             self.goal(f"{text}  goal >= {goal:g}", ours / other >= goal)
 
     def limit(self, name, unit, ours, limit, digits=2):
-        self.goal(f"{name:<24} ours {ours:>9,.{digits}f} {unit:<6} goal <= {limit:,.{digits}f}", ours <= limit)
+        self.goal(f"{name:<46} ours {ours:>9,.{digits}f} {unit:<6} goal <= {limit:,.{digits}f}", ours <= limit)
 
     def goal(self, text, met):
         self.total += 1

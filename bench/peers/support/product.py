@@ -11,6 +11,9 @@ from pathlib import Path
 import lab
 
 APP = "TAVRIN-protected/app"
+# The mode of a mount that the service serves though the kernel could: the drive gets a write layer.
+FOR_SERVICE = "rtw"
+LAYER = ("img.tix", "img.tmp")
 
 
 class Product:
@@ -22,7 +25,7 @@ class Product:
         self.folder = folder
         folder.mkdir()
         self.env = dict(os.environ, WINEPREFIX=str(folder / "root"), XDG_STATE_HOME=str(folder / "state"))
-        self.pid = None
+        self.pid = self.served = None
 
     def tavrin(self, *words):
         return lab.run(self.client, *words, env=self.env)
@@ -30,23 +33,29 @@ class Product:
     def status(self, image):
         return json.loads(self.tavrin("status", image, "--json"))
 
-    def mount(self, image):
+    def mount(self, image, mode="ro"):
         """Gives the folder of the application on the drive."""
-        self.tavrin("mount", image, "--mode", "ro")
+        self.tavrin("mount", image, "--mode", mode)
         return self.find_drive(image)
 
     def find_drive(self, image):
         """The same of an image that is mounted already."""
         status = self.status(image)
-        self.pid = status["servicePid"]
+        self.pid, self.served = status["servicePid"], status["served"]
         return Path(status["mountPath"]) / APP
 
     @contextlib.contextmanager
-    def mounted(self, image):
+    def mounted(self, image, mode="ro"):
         try:
-            yield self.mount(image)
+            yield self.mount(image, mode)
         finally:
-            self.tavrin("umount", image)
+            self.unmount(image, mode)
+
+    def unmount(self, image, mode):
+        self.tavrin("umount", image)
+        if mode == FOR_SERVICE:  # with the layer there, the service would have to serve the next drive, too
+            for name in LAYER:
+                (image / name).unlink(missing_ok=True)
 
     @contextlib.contextmanager
     def fed(self, image, url):
@@ -66,9 +75,10 @@ class Product:
                     raise RuntimeError(f"mount has ended: {errors.read_text(encoding='utf-8')}") from error
                 yield self.find_drive(image)
 
-    def peak_memory(self):
+    def memory(self, key="VmRSS"):
+        """Bytes of the service now; with "VmHWM" at its highest."""
         with open(f"/proc/{self.pid}/status", encoding="ascii") as status:
-            return next(int(line.split()[1]) * 1024 for line in status if line.startswith("VmHWM"))
+            return next(int(line.split()[1]) * 1024 for line in status if line.startswith(key))
 
     def __enter__(self):
         return self

@@ -2,6 +2,7 @@
 
 import array
 import json
+import os
 import struct
 
 BLOCK, NO_ENTRY, MARK = 4096, (1 << 64) - 1, 1 << 63
@@ -29,6 +30,18 @@ def read_map(folder):
 
 def read_app(folder):
     return json.loads((folder / "app.json").read_text(encoding="utf-8"))
+
+
+def read_files(folder):
+    """The table of files: for each piece of a file its first RAW block, blocks, bytes of the whole file, and path."""
+    data = (folder / "img.files").read_bytes()
+    (n_rows,) = struct.unpack_from("<Q", data, 40)
+    at, rows = 48, []
+    for _ in range(n_rows):
+        first, n_blocks, size, length = struct.unpack_from("<QQQI", data, at)
+        at += 28 + length
+        rows.append((first, n_blocks, size, os.fsdecode(data[at - length : at])))
+    return rows
 
 
 def packed_sizes(file):
