@@ -30,6 +30,12 @@ public:
         std::vector<Extent> extents; ///< in the file's order, as few as can be; without holes
     };
 
+    /// Whether something in a folder can have that name.
+    static bool isName(std::string_view text) {
+        constexpr std::string_view NONE("/\0", 2);
+        return !text.empty() && text.find_first_of(NONE) == std::string_view::npos;
+    }
+
     virtual ~ZqDriveWalk() = default;
     ZqDriveWalk(const ZqDriveWalk&) = delete;
     ZqDriveWalk& operator=(const ZqDriveWalk&) = delete;
@@ -60,10 +66,6 @@ protected:
 
     static Kind kindOf(uint64 type) {
         return type == 1 ? Kind::File : type == 2 ? Kind::Folder : Kind::Other;
-    }
-    static bool isName(std::string_view text) {
-        constexpr std::string_view NONE("/\0", 2);
-        return !text.empty() && text.find_first_of(NONE) == std::string_view::npos;
     }
     static uint64 number(const std::string& bytes, size_t at, size_t nBytes) {
         return ZqDriveReader::number(bytes, at, nBytes);

@@ -122,7 +122,6 @@ void ZqErofsWalk::listBlock(const std::string& block, const std::function<void(c
         std::string_view name(block.data() + from, to - from);
         // The last one ends at a NUL where there is room for it.
         if (i + 1 == n) name = name.substr(0, name.find('\0'));
-        if (!isName(name)) throw damage("a folder has a name that is none", __LINE__);
         if (name.size() > MAX_NAME) {
             throw damage("a name has " + SxString(name.size()) + " bytes", __LINE__);
         }

@@ -382,7 +382,7 @@ void ErofsMetadata::visitEntries(const Item& folder, const std::string& block,
                                  const std::function<void(const Entry&, const Item&)>& visit) const {
     walk.listBlock(block, [&](const Entry& entry) {
         const Item& named = find(entry.inode);
-        bool isRight = entry.type == typeOf(named.type);
+        bool isRight = entry.type == typeOf(named.type) && ZqDriveWalk::isName(entry.name);
         if (entry.name == ".") {
             isRight = isRight && entry.inode == folder.inode;
         } else if (entry.name == "..") {
