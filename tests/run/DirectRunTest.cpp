@@ -114,7 +114,7 @@ TEST_F(DirectRun, OpenFilesStayReadableAfterTheDrive) {
     EXPECT_TRUE(isDirect(image));
     const string refused = "is still open in another program or in the kernel";
     EXPECT_THAT(run({"image", "optimize", image, image}).err, HasSubstr(refused));
-    EXPECT_THAT(run({"image", "split", image}).err, HasSubstr(refused));
+    EXPECT_THAT(run({"image", "split", image, "--part-size", "8000000"}).err, HasSubstr(refused));
     open.read(bytes.data() + 4096, static_cast<std::streamsize>(bytes.size()) - 4096);
     EXPECT_TRUE(bytes == TempDir::readFile(source + "/big.pak"));
     open.close();
@@ -155,7 +155,8 @@ TEST_F(DirectRun, AServiceWaitsForWhoHasTheImageOfADriveThatItTakesOver) {
     end.join();
     EXPECT_EQ(TempDir::readFile(app + "/start.cfg"), "volume=3\n");
     killService(image);
-    EXPECT_THAT(run({"image", "split", image}).err, HasSubstr("is still open in another program"));
+    EXPECT_THAT(run({"image", "split", image, "--part-size", "8000000"}).err,
+                HasSubstr("is still open in another program"));
     // Whoever wants it to go needn't wait.
     job = ZqImageLock::await(SxString(image), ZqImageLock::Drive, ZqImageLock::Exclusive, "job", 0);
     done({"umount", image, "--hard"});
@@ -180,7 +181,8 @@ TEST_F(DirectRun, ADriveOfAnotherMountNamespaceIsLeftAlone) {
     const string other = build("other", "erofs");
     const string app = mount(other);
     EXPECT_EQ(TempDir::readFile(app + "/start.cfg"), "volume=3\n");
-    EXPECT_THAT(run({"image", "split", image}).err, HasSubstr("is still open in another program"));
+    EXPECT_THAT(run({"image", "split", image, "--part-size", "8000000"}).err,
+                HasSubstr("is still open in another program"));
     dir.write("go", "");
     there.join();
     EXPECT_EQ(dir.read("seen"), "volume=3\n") << "the drive was taken away";
