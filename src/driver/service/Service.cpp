@@ -39,9 +39,13 @@ const SxString WRITTEN_MARK = "written ";
 Service::Service(const SxString& root_, const SxString& folder_) : root(root_), folder(folder_) {
 }
 
-/// Waits for one that is being taken over.
+/// Waits a while for a disk of the image that is being taken over; false where it still is.
+bool Service::awaitTaken(const SxString& image) const {
+    return SxWait::pass(TAKE_OVER_MS, [&] { return !pendingOf(image); });
+}
+
 Service::DiskPtr Service::find(const SxString& image) const {
-    if (!SxWait::pass(SAME_IMAGE_MS, [&] { return !pendingOf(image); }))
+    if (!awaitTaken(image))
         refuse("Image '" + image +
                "' is still being taken over: somebody has it, or its disk doesn't answer");
     const SxMutexBlock block(&mutex);

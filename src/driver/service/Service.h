@@ -67,7 +67,9 @@ private:
     bool isPending(uint64 deviceId) const;
     bool endPending(uint64 deviceId, const DiskPtr& disk);
     void removeLeft(uint64 deviceId);
+    bool awaitTaken(const SxString& image) const;
     std::vector<ZqDiskStatus> pendingStates() const;
+    std::optional<ZqDiskStatus> stateOf(const SxString& image) const;
     std::optional<uint64> pendingOf(const SxString& image) const;
     Disk::Place placeOf(uint64 deviceId, const SxString& image);
     DiskPtr make(const MountParams& params, uint64 deviceId, int64 peer);

@@ -95,12 +95,26 @@ std::vector<ZqDiskStatus> Service::pendingStates() const {
         status.sectorSize = note.params.sectorSize;
         status.cursor = note.params.cursor;
         status.mounterPid = note.mounterPid;
+        status.ready = note.ready;
         status.servicePid = SxOs::processId();
         status.madeNs = note.madeNs;
         status.isServedByKernel = true;
         states.push_back(status);
     }
     return states;
+}
+
+/// None where the image has no disk. Waits a while for one that is being taken over, and gives what is known
+/// of it where that takes longer: so it can be taken away.
+std::optional<ZqDiskStatus> Service::stateOf(const SxString& image) const {
+    if (!awaitTaken(image)) {
+        for (const ZqDiskStatus& status : pendingStates()) {
+            if (status.image == image) return status;
+        }
+    }
+    const DiskPtr disk = find(image);
+    if (!disk) return {};
+    return disk->getStatus();
 }
 
 /// Of the disk with that image or number; without either, of all together.
@@ -117,10 +131,11 @@ uint64 Service::findProgress(const SxString& image, uint64 deviceId) {
 bool Service::handleState(Call call, Reader* request, Writer* answer) {
     switch (call) {
     case Call::State: {
-        const DiskPtr disk = find(request->text());
+        const SxString image = request->text();
         requireWhole(*request);
-        answer->flag(disk != nullptr);
-        if (disk) writeStatus(disk->getStatus(), answer);
+        const std::optional<ZqDiskStatus> status = stateOf(image);
+        answer->flag(status.has_value());
+        if (status) writeStatus(*status, answer);
         return true;
     }
     case Call::Disks: {
