@@ -72,7 +72,9 @@ int openPatiently(int folder, const std::string& name, unsigned flags, unsigned 
     constexpr int N_TRIES = 100;
     constexpr std::chrono::milliseconds PAUSE{1};
     for (int i = 1;; ++i) {
-        const int fd = status(::openat(folder, name.c_str(), systemFlags(flags), permissions));
+        const int fd =
+            status(folder == AT_FDCWD ? ::open(name.c_str(), systemFlags(flags), permissions)
+                                      : ::openat(folder, name.c_str(), systemFlags(flags), permissions));
         if (fd != -EAGAIN || i == N_TRIES) return fd;
         std::this_thread::sleep_for(PAUSE);
     }

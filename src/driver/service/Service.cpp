@@ -55,8 +55,7 @@ Service::DiskPtr Service::find(const SxString& image) const {
     return nullptr;
 }
 
-Service::DiskPtr Service::require(Reader* request) const {
-    const SxString image = request->text();
+Service::DiskPtr Service::require(const SxString& image) const {
     DiskPtr disk = find(image);
     if (!disk) refuse("Image '" + image + "' is not mounted");
     return disk;

@@ -50,7 +50,7 @@ private:
     using DiskPtr = std::shared_ptr<Disk>;
 
     DiskPtr find(const SxString& image) const;
-    DiskPtr require(ZqDriveWire::Reader* request) const;
+    DiskPtr require(const SxString& image) const;
     DiskPtr byDeviceId(uint64 deviceId) const;
     DiskPtr byLetter(uint64 devId) const;
     std::vector<DiskPtr> all() const;

@@ -156,20 +156,20 @@ bool Service::handleState(Call call, Reader* request, Writer* answer) {
         return true;
     }
     case Call::TraceEvent: {
-        const DiskPtr disk = require(request);
+        const DiskPtr disk = require(request->text());
         requireWhole(*request);
         answer->flag(disk->getVirtualDisk()->getTrace()->hasEvent());
         return true;
     }
     case Call::RequestData: {
         uint64 offset = 0, length = 0;
-        require(request)->getVirtualDisk()->oldestRequest(&offset, &length);
+        require(request->text())->getVirtualDisk()->oldestRequest(&offset, &length);
         requireWhole(*request);
         answer->number(offset).number(length);
         return true;
     }
     case Call::PopMissing: {
-        const DiskPtr disk = require(request);
+        const DiskPtr disk = require(request->text());
         const uint64 room = std::min(request->number(), ZqDriveWire::MAX_INDICES);
         requireWhole(*request);
         writeList(disk->getVirtualDisk()->popMissing(room), answer);
@@ -197,10 +197,11 @@ bool Service::handleState(Call call, Reader* request, Writer* answer) {
 bool Service::handleDisk(Call call, Reader* request, Writer* answer) {
     // Those with an image and a number, which some don't use.
     const auto simple = [&](auto&& operation) {
-        const DiskPtr disk = require(request);
+        const SxString image = request->text();
         const uint64 number = request->number();
         requireWhole(*request);
-        operation(disk, number);
+        const bool needsDisk = call != Call::FailOnUnderflow || !pendingOf(image);
+        operation(needsDisk ? require(image) : nullptr, number);
         return true;
     };
     switch (call) {
@@ -218,13 +219,16 @@ bool Service::handleDisk(Call call, Reader* request, Writer* answer) {
     case Call::Resume:
         return simple([](const DiskPtr& disk, uint64) { disk->getVirtualDisk()->resume(); });
     case Call::FailOnUnderflow:
-        return simple([](const DiskPtr& disk, uint64) { disk->getVirtualDisk()->setFailOnUnderflow(); });
+        return simple([](const DiskPtr& disk, uint64) {
+            // Without effect on one that is still being taken over, in which nothing is missing.
+            if (disk) disk->getVirtualDisk()->setFailOnUnderflow();
+        });
     case Call::MonitorOff:
         return simple([](const DiskPtr& disk, uint64) { disk->getVirtualDisk()->getTrace()->stop(); });
     case Call::FlushLayer:
         return simple([](const DiskPtr& disk, uint64) { disk->flushLayer(); });
     case Call::MonitorOn: {
-        const DiskPtr disk = require(request);
+        const DiskPtr disk = require(request->text());
         const SxString trace = request->text();
         requireWhole(*request);
         refuseOwn(trace);
@@ -232,7 +236,7 @@ bool Service::handleDisk(Call call, Reader* request, Writer* answer) {
         return true;
     }
     case Call::Deliver: {
-        const DiskPtr disk = require(request);
+        const DiskPtr disk = require(request->text());
         const uint64 zqfIdx = request->number();
         const std::string_view data = request->rest();
         requireWhole(*request);
