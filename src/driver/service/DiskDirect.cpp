@@ -47,10 +47,11 @@ void Disk::mountDirect() {
     const std::shared_ptr<const DirectVolume> volume = directVolumes->get(disk, params.image, [this] {
         if (ending) throw SxException("The disk was ejected", UNIT, __LINE__);
     });
-    Helper::Facts facts =
-        Helper::run({"attachDirect", folder.getVolume(), ReadAhead::valueOf(true),
-                     DirectVolume::isCached(disk) ? "cached" : "uncached"},
-                    MOUNT_MS, nullptr, nullptr, {volume->getFd(), disk.getStored().getFd()});
+    const DiskFolder::Mounting mounting(folder);
+    Helper::Facts facts = Helper::run({"attachDirect", folder.getVolume(), ReadAhead::valueOf(true),
+                                       DirectVolume::isCached(disk) ? "cached" : "uncached"},
+                                      MOUNT_MS, nullptr, nullptr,
+                                      {volume->getFd(), disk.getStored().getFd(), mounting.getFd()});
     const auto refused = facts.find("refused");
     if (refused != facts.end()) {
         directVolumes->noteRefusal(disk);

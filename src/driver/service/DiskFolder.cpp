@@ -1,10 +1,16 @@
 #include "DiskFolder.h"
 
 #include "DriverLog.h"
+#include "SxException.h"
 #include "SxFSAction.h"
 #include "SxFileIO.h"
 #include "SxOs.h"
+#include "SxTime.h"
 #include "ZqServiceFolder.h"
+
+namespace {
+constexpr const char* UNIT = "src/driver/DiskFolder";
+} // namespace
 
 SxString DiskFolder::getFront() const {
     return path + "/" + ZqServiceFolder::FRONT;
@@ -40,6 +46,30 @@ void DiskFolder::noteWritten(bool isWritten) const {
     } else {
         SxOs::get().unlink(file.str());
     }
+}
+
+DiskFolder::Mounting::Mounting(const DiskFolder& folder)
+    : file(folder.path.str() + "/" + ZqServiceFolder::MOUNTING),
+      fd(SxOs::get().open(file, SxOs::Read | SxOs::Write | SxOs::Create | SxOs::NoFollow, 0600)) {
+    const int error = fd < 0 ? fd : SxOs::get().lockRange(fd, 0, 1, SxOs::Lock::Exclusive);
+    if (error == 0) return;
+    if (fd >= 0) SxOs::get().close(fd);
+    throw SxException("Cannot lock '" + SxString(file) + "': " + SxOs::errorText(error), UNIT, __LINE__);
+}
+
+DiskFolder::Mounting::~Mounting() {
+    SxOs::get().unlink(file);
+    SxOs::get().close(fd);
+}
+
+bool DiskFolder::Mounting::awaitEnd(const SxString& path, int64 ms) {
+    SxOs& os = SxOs::get();
+    const int fd =
+        os.open(path.str() + "/" + ZqServiceFolder::MOUNTING, SxOs::Read | SxOs::Write | SxOs::NoFollow, 0);
+    if (fd < 0) return true;
+    const bool isFree = SxWait::pass(ms, [&] { return os.lockRange(fd, 0, 1, SxOs::Lock::Exclusive) == 0; });
+    os.close(fd);
+    return isFree;
 }
 
 void DiskFolder::remove() const {

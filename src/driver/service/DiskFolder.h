@@ -6,6 +6,25 @@
 /// and for whoever tidies up after a service that was killed. Safe from any thread.
 class DiskFolder {
 public:
+    /// Held over a mount that doesn't end with the service, by the service and by the helper that gets the
+    /// descriptor: whoever tidies up after a service that was killed waits for it.
+    class Mounting {
+    public:
+        /// Raises where the file can't be made.
+        explicit Mounting(const DiskFolder& folder);
+        ~Mounting();
+        Mounting(const Mounting&) = delete;
+        Mounting& operator=(const Mounting&) = delete;
+        int getFd() const { return fd; }
+
+        /// Whether no helper mounts anything in a disk's folder, or none does after `ms` milliseconds.
+        static bool awaitEnd(const SxString& path, int64 ms);
+
+    private:
+        const std::string file;
+        int fd;
+    };
+
     explicit DiskFolder(const SxString& path_) : path(path_) {}
 
     const SxString& getPath() const { return path; }

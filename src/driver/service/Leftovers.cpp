@@ -1,5 +1,6 @@
 #include "Leftovers.h"
 
+#include "DiskFolder.h"
 #include "DriveLetter.h"
 #include "DriverLog.h"
 #include "Helper.h"
@@ -16,6 +17,8 @@
 namespace {
 
 constexpr int64 SWEEP_MS = 10'000;
+/// How long a mount may still take whose service was killed; its disk may be stuck.
+constexpr int64 MOUNTING_MS = 3000;
 
 std::string mountsOf(const SxString& folder) {
     return folder.str() + ZqServiceFolder::MOUNTS;
@@ -40,8 +43,13 @@ void removeFolder(const std::filesystem::path& disk) {
     ::rmdir(disk.c_str());
 }
 
-void removeDisks(const SxString& folder, const std::vector<std::filesystem::path>& disks) {
+void removeDisks(const SxString& folder, std::vector<std::filesystem::path> disks) {
     driverLog("removes what a former service left in " + SxString(mountsOf(folder)));
+    std::erase_if(disks, [](const std::filesystem::path& disk) {
+        if (DiskFolder::Mounting::awaitEnd(SxString(disk.string()), MOUNTING_MS)) return false;
+        driverLog("something is still being mounted in " + SxString(disk.string()) + ", which is left");
+        return true;
+    });
     SxList<SxString> images, written;
     for (const auto& disk : disks) {
         Helper::run({"sweep", SxString(disk.string())}, SWEEP_MS, nullptr);

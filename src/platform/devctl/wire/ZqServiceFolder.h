@@ -30,6 +30,9 @@ public:
     /// There until a volume that may be written to is unmounted: what programs wrote may not be on the disk
     /// yet.
     static constexpr const char* WRITTEN = "written";
+    /// Locked while a helper mounts something that doesn't end with the service: a call that is under way in
+    /// the kernel comes to its end also where its process is killed.
+    static constexpr const char* MOUNTING = "mounting";
     /// Begins the name of a note on a volume that the kernel serves without the service: what the next
     /// service takes it over by.
     static constexpr const char* DIRECT = "direct.";
