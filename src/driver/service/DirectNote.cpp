@@ -73,7 +73,8 @@ std::optional<DirectNote> DirectNote::readOther(const SxString& folder) {
     std::vector<std::string> names;
     SxOs::get().list(folder.str(), &names);
     for (const std::string& name : names) {
-        if (name.starts_with(ZqServiceFolder::DIRECT) && name != ZqServiceFolder::directName())
+        // Not one that a service was killed while it wrote it.
+        if (ZqServiceFolder::isDirectName(name) && name != ZqServiceFolder::directName())
             return read(SxString(folder.str() + "/" + name));
     }
     return {};

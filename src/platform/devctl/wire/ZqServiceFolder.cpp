@@ -62,6 +62,14 @@ std::string ZqServiceFolder::directName() {
     return DIRECT + std::to_string(info.device) + "." + std::to_string(info.inode);
 }
 
+bool ZqServiceFolder::isDirectName(std::string_view name) {
+    if (!name.starts_with(DIRECT)) return false;
+    const std::string_view numbers = name.substr(std::string_view(DIRECT).size());
+    const size_t point = numbers.find('.');
+    return point != std::string_view::npos && numbers.find('.', point + 1) == std::string_view::npos &&
+           numbers.find_first_not_of("0123456789.") == std::string_view::npos;
+}
+
 bool ZqServiceFolder::hasServedDrives(const std::string& folder) {
     const std::string mounts = folder + MOUNTS + "/";
     std::vector<std::string> disks;

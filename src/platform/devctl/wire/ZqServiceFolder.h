@@ -46,6 +46,8 @@ public:
     /// The whole name of that note. It has the mount namespace of this process, outside of which the volume
     /// can't be seen.
     static std::string directName();
+    /// Whether that is the whole name of such a note, in whatever namespace.
+    static bool isDirectName(std::string_view name);
     /// Whether a service that has ended left drives in such a folder, and in this mount namespace, that the
     /// kernel still serves.
     static bool hasServedDrives(const std::string& folder);
