@@ -16,8 +16,6 @@
 namespace {
 
 constexpr const char* UNIT = "src/driver/DirectVolume";
-/// Blocks of the mean run: with shorter ones the service, which announces its reads, is faster.
-constexpr uint64 LEAST_RUN = 1;
 
 constexpr uint32 OTHERS_WRITE = 022; // mode bits
 
@@ -96,11 +94,6 @@ DirectVolume::DirectVolume(const VirtualDisk& disk, const SxString& image, std::
 void DirectVolume::fill(const VirtualDisk& disk, const std::function<void()>& look) {
     StoredReader reader(disk.getMap(), disk.getStored());
     ErofsMetadata metadata(&reader, disk.getMap(), sizeOf(disk.getStored()) / ZqBlocks::SIZE);
-    if (metadata.getNFileBlocks() < metadata.getNChunks() * LEAST_RUN) {
-        throw SxException("its blocks lie in runs of fewer than " + SxString(LEAST_RUN) +
-                              " on the mean, which the service reads faster",
-                          UNIT, __LINE__);
-    }
     int64 at = 0;
     look();
     metadata.write([&](const std::string& bytes) {
