@@ -30,6 +30,8 @@ public:
     /// it, even single blocks in random order come as fast as through the service, so no order is cut too
     /// finely for the kernel. Read through it, they would come from the disk at a third of that.
     static bool isCached(const VirtualDisk& disk);
+    /// KiB that the kernel is to read in advance.
+    static const char* readAhead(bool isCached);
 
     /// What changes when the image's files are changed or replaced. Raises.
     static std::string stateOf(const VirtualDisk& disk, const SxString& image);

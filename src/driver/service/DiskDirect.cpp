@@ -48,8 +48,9 @@ void Disk::mountDirect() {
         if (ending) throw SxException("The disk was ejected", UNIT, __LINE__);
     });
     const DiskFolder::Mounting mounting(folder);
-    Helper::Facts facts = Helper::run({"attachDirect", folder.getVolume(), ReadAhead::valueOf(true),
-                                       DirectVolume::isCached(disk) ? "cached" : "uncached"},
+    const bool isCached = DirectVolume::isCached(disk);
+    Helper::Facts facts = Helper::run({"attachDirect", folder.getVolume(), DirectVolume::readAhead(isCached),
+                                       isCached ? "cached" : "uncached"},
                                       MOUNT_MS, nullptr, nullptr,
                                       {volume->getFd(), disk.getStored().getFd(), mounting.getFd()});
     const auto refused = facts.find("refused");
