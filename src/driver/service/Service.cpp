@@ -11,7 +11,7 @@
 
 #include <algorithm>
 
-using ZqDriveWire::Call, ZqDriveWire::Reader, ZqDriveWire::Writer;
+using ZqDriveWire::Reader, ZqDriveWire::Writer;
 
 namespace {
 
@@ -304,7 +304,7 @@ Service::DiskPtr Service::mount(const MountParams& params, int64 peer) {
         const SxMutexBlock block(&lefts);
         takeLeft(params.image);
     }
-    const DiskPtr disk = make(params, reservation.deviceId(), peer);
+    DiskPtr disk = make(params, reservation.deviceId(), peer);
     try {
         const SxMutexBlock block(&mutex);
         requireNoEnd();
@@ -374,6 +374,7 @@ std::vector<Service::Loss> Service::ejectAll() {
     for (const DiskPtr& disk : all())
         ejectors.push_back(std::make_unique<Ejector>(this, disk));
     std::vector<Ejector*> left;
+    left.reserve(ejectors.size());
     for (const auto& ejector : ejectors)
         left.push_back(ejector.get());
     // A disk for which there is no thread is ejected on this one. The end of a disk frees several threads, so

@@ -140,12 +140,11 @@ bool Service::handleState(Call call, Reader* request, Writer* answer) {
     }
     case Call::Disks: {
         requireWhole(*request);
-        const std::vector<DiskPtr> now = all();
-        const std::vector<ZqDiskStatus> left = pendingStates();
-        answer->number(now.size() + left.size());
-        for (const DiskPtr& disk : now)
-            writeStatus(disk->getStatus(), answer);
-        for (const ZqDiskStatus& status : left)
+        std::vector<ZqDiskStatus> states = pendingStates();
+        for (const DiskPtr& disk : all())
+            states.push_back(disk->getStatus());
+        answer->number(states.size());
+        for (const ZqDiskStatus& status : states)
             writeStatus(status, answer);
         return true;
     }
