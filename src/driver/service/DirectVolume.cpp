@@ -152,14 +152,14 @@ void DirectVolumes::drop(const SxString& image) {
     volumes.erase(found);
 }
 
-void DirectVolumes::noteRefusal(const VirtualDisk& disk) {
+void DirectVolumes::noteUnable(const VirtualDisk& disk) {
     const uint64 device = disk.getStored().getStat().device;
     const SxMutexBlock block(&mutex);
-    refused.insert(device);
+    unable.insert(device);
 }
 
-bool DirectVolumes::wasRefused(const VirtualDisk& disk) const {
+bool DirectVolumes::isUnable(const VirtualDisk& disk) const {
     const uint64 device = disk.getStored().getStat().device;
     const SxMutexBlock block(&mutex);
-    return refused.contains(device);
+    return unable.contains(device);
 }

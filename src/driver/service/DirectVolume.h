@@ -49,8 +49,8 @@ private:
     const std::string state;
 };
 
-/// The metadata of the images that are being mounted, which each is twice, and what the kernel has refused.
-/// Safe from any thread, and no file is closed with its lock held.
+/// The metadata of the images that are being mounted, which each is twice, and the disks from which the
+/// kernel takes none. Safe from any thread, and no file is closed with its lock held.
 class DirectVolumes {
 public:
     using Ptr = std::shared_ptr<const DirectVolume>;
@@ -63,11 +63,11 @@ public:
 
     /// The kernel took no image from the disk where that one lies; it isn't asked again, since all metadata
     /// would be made in vain.
-    void noteRefusal(const VirtualDisk& disk);
-    bool wasRefused(const VirtualDisk& disk) const;
+    void noteUnable(const VirtualDisk& disk);
+    bool isUnable(const VirtualDisk& disk) const;
 
 private:
     mutable SxMutex mutex;
     std::map<SxString, Ptr> volumes SX_GUARDED_BY(mutex); ///< by image
-    std::set<uint64> refused SX_GUARDED_BY(mutex);        ///< devices
+    std::set<uint64> unable SX_GUARDED_BY(mutex);         ///< devices
 };

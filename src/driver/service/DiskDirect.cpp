@@ -18,7 +18,7 @@ constexpr int64 MOUNT_MS = int64{24} * 3600 * 1000; // the image's disk may be s
 SxString Disk::claimDirect(const SxString& type) {
     const SxMutexBlock block(&sight);
     SxString why = DirectVolume::whyNot(disk, type, params.readOnly);
-    if (why.isEmpty() && directVolumes->wasRefused(disk))
+    if (why.isEmpty() && directVolumes->isUnable(disk))
         why = "the kernel took no image from that disk before";
     isDirect = why.isEmpty();
     return why;
@@ -53,10 +53,11 @@ void Disk::mountDirect() {
                                        isCached ? "cached" : "uncached"},
                                       MOUNT_MS, nullptr, nullptr,
                                       {volume->getFd(), disk.getStored().getFd(), mounting.getFd()});
-    const auto refused = facts.find("refused");
-    if (refused != facts.end()) {
-        directVolumes->noteRefusal(disk);
-        throw SxException("The kernel doesn't take the image: " + SxString(refused->second), UNIT, __LINE__);
+    const auto unable = facts.find("unable");
+    if (unable != facts.end()) {
+        directVolumes->noteUnable(disk);
+        throw SxException("The kernel takes no image from that disk: " + SxString(unable->second), UNIT,
+                          __LINE__);
     }
     readAhead.begin(SxString(facts["readahead"]), true);
     const SxMutexBlock block(&sight);

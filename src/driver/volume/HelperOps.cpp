@@ -155,10 +155,11 @@ void attachDirect(const SxList<SxString>& words) {
     };
     int error = words(3) == "uncached" ? mountWith(device + ",directio") : EINVAL;
     if (error == EINVAL) error = mountWith(device);
-    if (error != 0) {
-        HelperOps::tell("refused", SxOs::errorText(error).str());
+    if (error == ENOTBLK || error == ENODEV) {
+        HelperOps::tell("unable", SxOs::errorText(error).str());
         return;
     }
+    if (error != 0) fail("The kernel doesn't take the image", error);
     setReadAhead(before, kb);
 }
 

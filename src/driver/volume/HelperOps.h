@@ -13,9 +13,10 @@ namespace HelperOps {
 ///                                    `readahead` (a setting of the kernel), `loop` (the device), `needsLoop`
 ///   attachDirect FOLDER READAHEAD_KB cached|uncached
 ///                                    mounts the EROFS of metadata in the first file that it was given, whose
-///                                    blocks are in the second one, `img.zqf`; says `readahead`, or `refused`
-///                                    and why. With `uncached` the kernel reads past its cache of `img.zqf`,
-///                                    if it can
+///                                    blocks are in the second one, `img.zqf`; says `readahead`, or `unable`
+///                                    and why, where the kernel takes none at all, or none from that disk;
+///                                    whatever else is wrong is about this image. With `uncached` the kernel
+///                                    reads past its cache of `img.zqf`, if it can
 ///   detach FOLDER LOOP|- FILE        syncs and unmounts; says `unmounted` where it was by then, `busy` where
 ///                                    it was in use, and was detached, `unsynced` why a sync failed
 ///   redirect VOLUME PRIVATE IMAGE NAME...
