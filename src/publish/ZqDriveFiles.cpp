@@ -19,33 +19,22 @@ constexpr uint64 SQUASHFS_MAGIC = 0x73717368;
 constexpr size_t MD5_TEXT = 32;
 
 /// Reads the drive of an image as far as `map` goes. Blocks that aren't included are zeros.
-class ImageReader : public ZqDriveReader {
+class ImageReader : public ZqBlockReader {
 public:
     ImageReader(const SxString& folder, const SxArray<uint64>& map_)
-        : ZqDriveReader(folder),
+        : ZqBlockReader(folder),
           map(map_),
           zqf(folder + ZqImageFiles::ZQF, "rb") {
         size = static_cast<uint64>(map.getSize()) * BLOCK;
     }
 
 protected:
-    void fetch(uint64 offset, char* bytes, uint64 n) override {
-        while (n > 0) {
-            const uint64 inBlock = offset % BLOCK, count = std::min(n, BLOCK - inBlock);
-            const uint64 zqfIdx = map(static_cast<int64>(offset / BLOCK));
-            if (zqfIdx == ZqImage::NO_ENTRY) {
-                std::fill_n(bytes, count, '\0');
-            } else {
-                readAt(zqfIdx, inBlock, bytes, count);
-            }
-            offset += count;
-            bytes += count;
-            n -= count;
+    void fetchBlock(uint64 rawIdx, uint64 inBlock, char* bytes, uint64 n) override {
+        const uint64 zqfIdx = map(static_cast<int64>(rawIdx));
+        if (zqfIdx == ZqImage::NO_ENTRY) {
+            std::fill_n(bytes, n, '\0');
+            return;
         }
-    }
-
-private:
-    void readAt(uint64 zqfIdx, uint64 inBlock, char* bytes, uint64 n) {
         // A wild entry must not overflow the offset.
         const bool isThere = zqfIdx < static_cast<uint64>(zqf.getSize()) / BLOCK;
         if (isThere) zqf.seek(static_cast<int64>(zqfIdx * BLOCK + inBlock));
@@ -53,6 +42,7 @@ private:
         throw SxException("'" + zqf.getFilePath() + "' ends before block " + zqfIdx, UNIT, __LINE__);
     }
 
+private:
     const SxArray<uint64>& map;
     SxFileIO zqf;
 };

@@ -38,6 +38,16 @@ uint64 ZqDriveReader::number(const std::string& bytes, size_t at, size_t nBytes)
     return value;
 }
 
+void ZqBlockReader::fetch(uint64 offset, char* bytes, uint64 n) {
+    while (n > 0) {
+        const uint64 inBlock = offset % ZqBlocks::SIZE, count = std::min(n, ZqBlocks::SIZE - inBlock);
+        fetchBlock(offset / ZqBlocks::SIZE, inBlock, bytes, count);
+        offset += count;
+        bytes += count;
+        n -= count;
+    }
+}
+
 ZqRawReader::ZqRawReader(const SxString& path) : ZqDriveReader(path), file(path, "rb") {
     size = static_cast<uint64>(file.getSize());
 }

@@ -34,6 +34,18 @@ private:
     uint64 nearOffset = 0;
 };
 
+/// Reads a RAW image whose blocks lie somewhere each. One thread.
+class ZqBlockReader : public ZqDriveReader {
+protected:
+    using ZqDriveReader::ZqDriveReader;
+
+    /// Reads `n` bytes of a block, from byte `inBlock` on. Raises.
+    virtual void fetchBlock(uint64 rawIdx, uint64 inBlock, char* bytes, uint64 n) = 0;
+
+private:
+    void fetch(uint64 offset, char* bytes, uint64 n) final;
+};
+
 /// Reads a RAW image that is a file. One thread.
 class ZqRawReader : public ZqDriveReader {
 public:

@@ -6,13 +6,13 @@
 
 /// Reads the RAW image of a disk whose blocks are all in `img.zqf`. Blocks that aren't included are zeros.
 /// One thread.
-class StoredReader : public ZqDriveReader {
+class StoredReader : public ZqBlockReader {
 public:
     /// Both must outlive the object; the map has no slots of a write layer.
     StoredReader(const BlockMap& map_, const StoredFile& stored_);
 
 protected:
-    void fetch(uint64 offset, char* bytes, uint64 n) override;
+    void fetchBlock(uint64 rawIdx, uint64 inBlock, char* bytes, uint64 n) override;
 
 private:
     const BlockMap& map;
