@@ -6,7 +6,6 @@
 #include "ZqServiceVersion.h"
 
 #include <algorithm>
-#include <sys/stat.h>
 
 using ZqDriveWire::Call, ZqDriveWire::Reader, ZqDriveWire::Writer;
 
@@ -49,9 +48,8 @@ void writeList(const std::vector<uint64>& numbers, Writer* out) {
 /// Names the mount namespace of this process, for clients that compare it with their own: to one of another
 /// namespace a drive that it can't see looks like one that somebody has unmounted a moment ago.
 void writeNamespace(Writer* out) {
-    struct stat info = {};
-    ::stat("/proc/self/ns/mnt", &info); // zeros where there is no such file, which say nothing
-    out->number(info.st_dev).number(info.st_ino).number(static_cast<uint64>(SxOs::processId()));
+    const ZqServiceFolder::Namespace own = ZqServiceFolder::mountNamespace();
+    out->number(own.device).number(own.inode).number(static_cast<uint64>(SxOs::processId()));
 }
 
 } // namespace

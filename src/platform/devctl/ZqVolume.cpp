@@ -73,14 +73,13 @@ SxList<SxString> imagesInFolder() {
 
 /// Where the service lives, as far as it says so.
 struct Home {
-    uint64 device = 0, inode = 0; ///< of its mount namespace; zeros for unknown
+    ZqServiceFolder::Namespace mounts; ///< zeros for unknown
     uint64 pid = 0;
 
     /// Without a service, or one that says nothing of it, the answer is no.
     bool isElsewhere() const {
-        SxStat own;
-        return inode != 0 && SxOs::get().stat("/proc/self/ns/mnt", &own) == 0 &&
-               (own.inode != inode || own.device != device);
+        const ZqServiceFolder::Namespace own = ZqServiceFolder::mountNamespace();
+        return mounts.inode != 0 && own.inode != 0 && own != mounts;
     }
 };
 
@@ -88,8 +87,8 @@ Home queryHome() {
     Reader answer;
     Home home;
     if (!ask(Call::Ping, Writer(), &answer, "Cannot ask for the drive service")) return home;
-    home.device = answer.number();
-    home.inode = answer.number();
+    home.mounts.device = answer.number();
+    home.mounts.inode = answer.number();
     home.pid = answer.number();
     return answer.hasAll() ? home : Home();
 }

@@ -56,10 +56,15 @@ void ZqServiceFolder::make(const std::string& folder) {
     makePrivate(folder.substr(0, folder.size() - 1));
 }
 
+ZqServiceFolder::Namespace ZqServiceFolder::mountNamespace() {
+    SxStat info;
+    if (SxOs::get().stat("/proc/self/ns/mnt", &info) != 0) return {};
+    return {info.device, info.inode};
+}
+
 std::string ZqServiceFolder::directName() {
-    SxStat info; // zeros where there is no such file
-    SxOs::get().stat("/proc/self/ns/mnt", &info);
-    return DIRECT + std::to_string(info.device) + "." + std::to_string(info.inode);
+    const Namespace own = mountNamespace();
+    return DIRECT + std::to_string(own.device) + "." + std::to_string(own.inode);
 }
 
 bool ZqServiceFolder::isDirectName(std::string_view name) {

@@ -43,6 +43,13 @@ public:
     /// The folder's host path with a trailing slash and no link in it, for the machine root with that host
     /// path. Neither need exist; a root that is made later keeps its folder.
     static std::string of(const std::string& machineRoot);
+    /// A mount namespace; zeros where the system tells none.
+    struct Namespace {
+        uint64 device = 0, inode = 0;
+        bool operator==(const Namespace&) const = default;
+    };
+    /// That of this process.
+    static Namespace mountNamespace();
     /// The whole name of that note. It has the mount namespace of this process, outside of which the volume
     /// can't be seen.
     static std::string directName();
