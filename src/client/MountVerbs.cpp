@@ -281,9 +281,8 @@ int umount(const UmountOptions& options, Output& out) {
             disk.isServedByKernel
                 ? "The drive was in use: it was detached. Files that are still open can be read on, and the "
                   "image can't be changed until they are closed"
-                : "The drive was in use: it was detached, and files that are still open give I/O errors; "
-                  "what "
-                  "is still written to them is lost");
+                : "The drive was in use: it was detached, and files that are still open give I/O "
+                  "errors; what is still written to them is lost");
     }
     // An image whose service is killed meanwhile counts as not mounted. What else a hard unmount leaves is
     // for the next command.

@@ -40,7 +40,7 @@ public:
         int64 nSound = 0; ///< sound traces that were found, N_ENOUGH at most; 0 where nobody had to look
     };
 
-    /// Doesn't raise: a trace that can't be looked at counts as none. Reads no more than the records of 100
-    /// traces, since a start waits for it.
+    /// Doesn't raise: a trace that can't be looked at counts as none. Reads the records of 100 traces at
+    /// most, since a start waits for it.
     static Decision decide(const Run& run);
 };

@@ -12,7 +12,6 @@
 
 #include <filesystem>
 #include <functional>
-#include <unistd.h>
 
 namespace {
 
@@ -29,18 +28,6 @@ uint64 idOf(const std::filesystem::path& disk) {
     bool bad = false;
     const int64 id = SxString(disk.filename().string()).toInt64(&bad);
     return bad || id < 0 ? 0 : static_cast<uint64>(id);
-}
-
-/// Folders alone are removed: where something is still mounted, nothing of it must be touched.
-void removeFolder(const std::filesystem::path& disk) {
-    std::error_code error;
-    // All files, since the service may have been killed while it wrote one under another name. The call fails
-    // on folders.
-    for (const auto& entry : std::filesystem::directory_iterator(disk, error))
-        ::unlink(entry.path().c_str());
-    ::rmdir((disk / ZqServiceFolder::VOLUME).c_str());
-    ::rmdir((disk / ZqServiceFolder::FRONT).c_str());
-    ::rmdir(disk.c_str());
 }
 
 void removeDisks(const SxString& folder, std::vector<std::filesystem::path> disks) {
@@ -62,7 +49,7 @@ void removeDisks(const SxString& folder, std::vector<std::filesystem::path> disk
     // Before the removal, after which nobody would know of them.
     Service::noteLeft(folder, images, written);
     for (const auto& disk : disks)
-        removeFolder(disk);
+        DiskFolder(SxString(disk.string())).remove();
 }
 
 Leftovers::Disks findBy(const SxString& folder,
