@@ -18,8 +18,15 @@ void HeldRequests::restrict(Restriction restriction, bool on) {
     }
 }
 
+void HeldRequests::noteBegin(bool write, int64 nowNs) {
+    if (!write) waits->begin(nowNs);
+}
+
 void HeldRequests::noteEnd(bool write, int64 sinceNs) {
-    if (!write) endedNs += SxClock::get().steadyNs() - sinceNs;
+    if (write) return;
+    const int64 nowNs = SxClock::get().steadyNs();
+    endedNs += nowNs - sinceNs;
+    waits->end(nowNs);
 }
 
 HeldRequests::Verdict HeldRequests::admit(uint64 token, bool write) {
@@ -27,6 +34,7 @@ HeldRequests::Verdict HeldRequests::admit(uint64 token, bool write) {
     if (isClosed()) return Verdict::Failed;
     if (!isHeldBack(write)) return Verdict::Go;
     waiting.push_back({token, write, SxClock::get().steadyNs()});
+    noteBegin(write, waiting.back().sinceNs);
     return Verdict::Held;
 }
 
@@ -41,6 +49,7 @@ HeldRequests::Verdict HeldRequests::hold(uint64 token, uint64 offset, uint32 siz
     missing.push_back(std::move(request));
     missing.back().self = std::prev(missing.end());
     queue.add(&missing.back());
+    noteBegin(write, missing.back().sinceNs);
     return Verdict::Held;
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "MissingQueue.h"
+#include "ReadWaits.h"
 #include "SxMutex.h"
 
 #include <atomic>
@@ -23,7 +24,10 @@ public:
     /// Lists the missing blocks of a request in ascending order. Called with the lock held; must be quick.
     using FindMissing = std::function<void(const HeldRequest& request, std::vector<ZqfIdx>* missing)>;
 
-    explicit HeldRequests(FindMissing findMissing_) : findMissing(std::move(findMissing_)) {}
+    /// `waits_`: told of each read that is held; it outlives this.
+    HeldRequests(FindMissing findMissing_, ReadWaits* waits_)
+        : findMissing(std::move(findMissing_)),
+          waits(waits_) {}
 
     /// Whether requests may not just go on: the cheap question before admit().
     bool isRestricted() const { return restrictions.load() != 0; }
@@ -71,9 +75,11 @@ private:
     Tokens releaseMissing() SX_REQUIRES(mutex);
     Tokens arriveLocked(ZqfIdx first, ZqfIdx end) SX_REQUIRES(mutex);
     Tokens rebuild() SX_REQUIRES(mutex);
+    void noteBegin(bool write, int64 nowNs) SX_REQUIRES(mutex);
     void noteEnd(bool write, int64 sinceNs) SX_REQUIRES(mutex);
 
     const FindMissing findMissing;
+    ReadWaits* const waits;
     mutable SxMutex mutex;
     std::atomic<unsigned> restrictions{0}; ///< changed with the mutex held
     bool failing SX_GUARDED_BY(mutex) = false;

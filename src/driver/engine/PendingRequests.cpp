@@ -2,7 +2,8 @@
 
 PendingRequests::PendingRequests(HeldRequests::FindMissing findMissing, Wake wake_)
     : wake(std::move(wake_)),
-      held(std::move(findMissing)) {
+      held(std::move(findMissing), &waits),
+      shortReads(&waits) {
 }
 
 void PendingRequests::wakeAll(const HeldRequests::Tokens& tokens) const {

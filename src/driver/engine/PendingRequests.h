@@ -57,11 +57,13 @@ public:
     /// Requests that are held now, for whatever reason.
     uint64 nHeld() const { return held.nHeld() + shortReads.nHeld(); }
     int64 readsHeldNs() const { return held.readsHeldNs() + shortReads.heldNs(); }
+    ReadWaits::View waitsOfReads() const { return waits.view(); }
 
 private:
     void wakeAll(const HeldRequests::Tokens& tokens) const;
 
     const Wake wake;
+    ReadWaits waits;
     HeldRequests held;
     ShortReads shortReads;
 };

@@ -1,14 +1,20 @@
 #include "ShortReads.h"
 
+void ShortReads::noteEnd(int64 sinceNs, int64 nowNs) {
+    endedNs += nowNs - sinceNs;
+    waits->end(nowNs);
+}
+
 bool ShortReads::hold(uint64 token) {
     const int64 nowNs = SxClock::get().steadyNs();
     const SxMutexBlock lock(&mutex);
-    const auto place = requests.try_emplace(token, Request{nowNs, true}).first;
+    const auto [place, isNew] = requests.try_emplace(token, Request{nowNs, true});
+    if (isNew) waits->begin(nowNs);
     const bool isLate = nowNs - place->second.sinceNs >= LIMIT_NS;
     if (isLate) hasExpired = true;
     const bool isOver = isFailing || hasExpired;
     if (isOver) {
-        endedNs += nowNs - place->second.sinceNs;
+        noteEnd(place->second.sinceNs, nowNs);
         requests.erase(place);
     } else {
         place->second.isHeld = true;
@@ -22,7 +28,7 @@ bool ShortReads::forget(uint64 token) {
     const auto found = requests.find(token);
     if (found == requests.end()) return false;
     const bool wasHeld = found->second.isHeld;
-    endedNs += SxClock::get().steadyNs() - found->second.sinceNs;
+    noteEnd(found->second.sinceNs, SxClock::get().steadyNs());
     requests.erase(found);
     nKnown = requests.size();
     return wasHeld;

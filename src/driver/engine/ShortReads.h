@@ -1,5 +1,6 @@
 #pragma once
 
+#include "ReadWaits.h"
 #include "SxClock.h"
 #include "SxMutex.h"
 
@@ -20,6 +21,9 @@ public:
     /// How long a request is tried again. A write of what the writer takes at a time lasts so long on a disk
     /// of 200 kB a second.
     static constexpr int64 LIMIT_NS = int64{10} * 1'000'000'000;
+
+    /// `waits_`: told of each request that is held; it outlives this.
+    explicit ShortReads(ReadWaits* waits_) : waits(waits_) {}
 
     /// Holds a request that came short; false where it has had its time, or nobody is to wait any longer.
     bool hold(uint64 token);
@@ -46,7 +50,9 @@ private:
     };
 
     std::vector<uint64> releaseLocked() SX_REQUIRES(mutex);
+    void noteEnd(int64 sinceNs, int64 nowNs) SX_REQUIRES(mutex);
 
+    ReadWaits* const waits;
     mutable SxMutex mutex;
     std::map<uint64, Request> requests SX_GUARDED_BY(mutex); ///< by their tokens
     std::atomic<uint64> nKnown{0};                           ///< how many these are

@@ -111,6 +111,8 @@ public:
     /// For how long reads were held, all together, up to now; writes only where `img.zqf` came short for
     /// them.
     int64 readsHeldNs() const { return requests.readsHeldNs(); }
+    /// The waits of its readers.
+    ReadWaits::View waitsOfReads() const { return requests.waitsOfReads(); }
     /// Number of blocks of the complete `img.zqf`.
     uint64 nIncluded() const { return map.nIncluded(); }
     bool isComplete() const { return getCursor() >= nIncluded(); }

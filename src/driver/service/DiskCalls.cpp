@@ -103,6 +103,10 @@ ZqDiskStatus Disk::getStatus() {
     status.nZeroBytes = reads.getBytes(ReadPlan::Zeros);
     status.nWaits = reads.getWaits();
     status.heldMs = static_cast<uint64>(disk.readsHeldNs()) / NS_PER_MS;
+    const ReadWaits::View waits = disk.waitsOfReads();
+    status.waitSinceNs = static_cast<uint64>(waits.sinceNs);
+    status.lastWaitFromNs = static_cast<uint64>(waits.lastFromNs);
+    status.lastWaitToNs = static_cast<uint64>(waits.lastToNs);
     status.underflow = disk.isUnderflow();
     status.suspended = disk.isSuspended();
     status.monitored = disk.getTrace()->isOn();

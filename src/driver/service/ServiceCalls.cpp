@@ -37,6 +37,7 @@ void writeStatus(const ZqDiskStatus& status, Writer* out) {
         out->flag(flag);
     out->number(static_cast<uint64>(status.servicePid)).number(status.madeNs);
     out->flag(status.isServedByKernel);
+    out->number(status.waitSinceNs).number(status.lastWaitFromNs).number(status.lastWaitToNs);
 }
 
 void writeList(const std::vector<uint64>& numbers, Writer* out) {

@@ -355,5 +355,8 @@ ZqDiskStatus ZqServiceClient::readStatus(Reader* answer) {
     status.servicePid = static_cast<int64>(answer->number());
     status.madeNs = answer->number();
     status.isServedByKernel = answer->flag();
+    status.waitSinceNs = answer->number();
+    status.lastWaitFromNs = answer->number();
+    status.lastWaitToNs = answer->number();
     return status;
 }

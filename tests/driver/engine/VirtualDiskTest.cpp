@@ -132,6 +132,38 @@ TEST(VirtualDisk, TheQueueGivesTheOldestFirstAndUndeliveredBlocksAgain) {
     EXPECT_EQ(drive.disk.queueLength(), 0U);
 }
 
+TEST(VirtualDisk, AWaitLastsAsLongAsAnyReadIsHeld) {
+    VirtualClock clock;
+    const OrderedImage image;
+    Drive drive(image, Mode::Ro, 2);
+    const auto ms = [](int64 n) { SxTime::msleep(n); };
+    const auto spanMs = [&] {
+        const ReadWaits::View view = drive.disk.waitsOfReads();
+        return (view.lastToNs - view.lastFromNs) / 1'000'000;
+    };
+    ASSERT_EQ(drive.read(10, 1, 1), Result::Held);
+    ms(300);
+    ASSERT_EQ(drive.read(20, 1, 2), Result::Held);
+    ms(100);
+    image.deliver(&drive.disk, 10, 1);
+    EXPECT_NE(drive.disk.waitsOfReads().sinceNs, 0);
+    EXPECT_EQ(drive.disk.waitsOfReads().lastToNs, 0) << "it goes on with the other one";
+    ms(200);
+    image.deliver(&drive.disk, 20, 1);
+    EXPECT_EQ(spanMs(), 600);
+    EXPECT_EQ(drive.disk.waitsOfReads().sinceNs, 0);
+    // A short one isn't kept. A suspended drive's is one.
+    ASSERT_EQ(drive.read(11, 1, 3), Result::Held);
+    ms(400);
+    image.deliver(&drive.disk, 11, 1);
+    EXPECT_EQ(spanMs(), 600);
+    drive.disk.suspend();
+    ASSERT_EQ(drive.read(11, 1, 4), Result::Held);
+    ms(1'000);
+    drive.disk.resume();
+    EXPECT_EQ(spanMs(), 1'000);
+}
+
 TEST(VirtualDisk, HeldReadsFailWhenTheyAreToAndAtTheEnd) {
     const OrderedImage image;
     Drive drive(image, Mode::Ro, 2);

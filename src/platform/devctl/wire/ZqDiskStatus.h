@@ -35,4 +35,7 @@ struct ZqDiskStatus {
     uint64 madeNs = 0;
     /// The kernel reads the blocks itself, and nobody counts reads or bytes. Known once it is mounted.
     bool isServedByKernel = false;
+    /// Since when at least one read is held without a break; 0 for none. By the steady clock, as are the
+    /// begin and the end of the last such time that took more than half a second and is over; 0 for none.
+    uint64 waitSinceNs = 0, lastWaitFromNs = 0, lastWaitToNs = 0;
 };

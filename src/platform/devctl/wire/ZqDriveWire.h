@@ -19,7 +19,7 @@ namespace ZqDriveWire {
 /// are in every version, so that the drives of a service of another version can be seen and taken away. All
 /// else gets a failure with a sentence. So with such a service a client only does this: `umount` reverts the
 /// registry and ejects, `status` asks after each image that has a folder. New fields of a state come last.
-constexpr unsigned VERSION = 3;
+constexpr unsigned VERSION = 4;
 /// Of a body; holds the largest part of a delivery and its head.
 constexpr uint32 MAX_BODY = (1 << 20) + ZqBlocks::SIZE;
 /// Most bytes of a delivery in one message; longer ones are sent in parts.
