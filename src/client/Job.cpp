@@ -9,13 +9,32 @@
 #include <tavrin/ZqImageStaging.h>
 
 #include <atomic>
+#include <ctime>
 
 namespace {
 constexpr const char* UNIT = "src/client/Job";
 constexpr int64 POLL_MS = 100;
 
-std::atomic<bool> stopAsked = false;
-static_assert(std::atomic<bool>::is_always_lock_free, "set in a signal handler");
+constexpr int64 INSIST_NS = 10'000'000'000;
+
+std::atomic<bool> stopAsked = false, insisted = false;
+std::atomic<int64> firstNs = 0; ///< when the first signal came; 0 for none
+static_assert(std::atomic<bool>::is_always_lock_free && std::atomic<int64>::is_always_lock_free,
+              "set in a signal handler");
+
+/// For signal handlers.
+int64 steadyNs() {
+    timespec now = {};
+    ::clock_gettime(CLOCK_MONOTONIC, &now);
+    return int64{now.tv_sec} * 1'000'000'000 + now.tv_nsec;
+}
+
+struct sigaction actionOf(void (*handler)(int), unsigned flags) {
+    struct sigaction action = {};
+    action.sa_handler = handler;
+    action.sa_flags = static_cast<int>(flags | SA_RESTART);
+    return action;
+}
 
 /// The failure that a stop is shown as. Where the job has failed by anything but the stop itself, that
 /// happened while it ended, and is told as the cause.
@@ -26,24 +45,56 @@ SxException stopped(const ZqTaskMon& job) {
 }
 } // namespace
 
-StopSignals::StopSignals() {
-    stopAsked = false;
-    struct sigaction action = {};
-    action.sa_handler = [](int) { stopAsked = true; };
-    action.sa_flags = static_cast<int>(SA_RESETHAND | SA_RESTART);
+StopSignals::Actions StopSignals::take(const struct sigaction& action) {
+    Actions former = {};
     for (size_t i = 0; i < SIGNALS.size(); ++i) {
-        ::sigaction(SIGNALS[i], nullptr, &before[i]);
-        if (before[i].sa_handler != SIG_IGN) ::sigaction(SIGNALS[i], &action, nullptr);
+        ::sigaction(SIGNALS[i], nullptr, &former[i]);
+        if (former[i].sa_handler != SIG_IGN) ::sigaction(SIGNALS[i], &action, nullptr);
     }
+    return former;
+}
+
+void StopSignals::giveBack(const Actions& actions) {
+    for (size_t i = 0; i < SIGNALS.size(); ++i)
+        ::sigaction(SIGNALS[i], &actions[i], nullptr);
+}
+
+StopSignals::StopSignals()
+    : before((stopAsked = false,
+              take(actionOf([](int) { stopAsked = true; }, static_cast<unsigned>(SA_RESETHAND))))) {
 }
 
 StopSignals::~StopSignals() {
-    for (size_t i = 0; i < SIGNALS.size(); ++i)
-        ::sigaction(SIGNALS[i], &before[i], nullptr);
+    giveBack(before);
 }
 
 bool StopSignals::isAsked() const {
     return stopAsked;
+}
+
+PatientSignals::PatientSignals() {
+    firstNs = 0;
+    insisted = false;
+    before = StopSignals::take(actionOf(
+        [](int) {
+            const int64 nowNs = steadyNs();
+            int64 none = 0;
+            if (firstNs.compare_exchange_strong(none, nowNs)) return;
+            if (nowNs - firstNs >= INSIST_NS) insisted = true;
+        },
+        0));
+}
+
+PatientSignals::~PatientSignals() {
+    StopSignals::giveBack(before);
+}
+
+bool PatientSignals::isAsked() const {
+    return firstNs != 0;
+}
+
+bool PatientSignals::isInsisted() const {
+    return insisted;
 }
 
 double runJob(ZqTaskMon* job, const SxString& label, const Output& out) {

@@ -35,9 +35,30 @@ public:
 
     bool isAsked() const;
 
-private:
     static constexpr std::array<int, 3> SIGNALS = {SIGINT, SIGTERM, SIGHUP};
-    std::array<struct sigaction, 3> before = {};
+    using Actions = std::array<struct sigaction, SIGNALS.size()>;
+    /// Has `action` taken for each of them that isn't ignored; gives what was before.
+    static Actions take(const struct sigaction& action);
+    static void giveBack(const Actions& actions);
+
+private:
+    const Actions before;
+};
+
+/// The same signals, while a run goes on: all of them are taken, and a second one changes nothing. One that
+/// comes ten seconds after the first, or later, insists. One object at a time, main thread only.
+class PatientSignals {
+public:
+    PatientSignals();
+    ~PatientSignals();
+    PatientSignals(const PatientSignals&) = delete;
+    PatientSignals& operator=(const PatientSignals&) = delete;
+
+    bool isAsked() const;
+    bool isInsisted() const;
+
+private:
+    StopSignals::Actions before = {};
 };
 
 /// Starts `job`, shows its progress under `label` until it has ended, and gives the seconds that it took.

@@ -1,4 +1,5 @@
 #include "App.h"
+#include "RunTexts.h"
 #include "RunVerbs.h"
 #include "Verbs.h"
 

@@ -1,33 +1,25 @@
 #include "RunVerbs.h"
 #include "App.h"
-#include "Forecast.h"
 #include "Job.h"
 #include "Progress.h"
+#include "RunShow.h"
+#include "RunTexts.h"
 #include "Verbs.h"
 
-#include <tavrin/SxTime.h>
 #include <tavrin/ZqImageStaging.h>
 #include <tavrin/ZqLaunchCommand.h>
-#include <tavrin/ZqReadable.h>
 #include <tavrin/ZqRecordFile.h>
 #include <tavrin/ZqReportSections.h>
 #include <tavrin/ZqRun.h>
 #include <tavrin/ZqRunPage.h>
 
-#include <array>
-#include <cmath>
 #include <cstdlib>
 #include <functional>
-#include <optional>
 
 namespace {
 constexpr const char* UNIT = "src/client/RunVerbs";
-constexpr int64 LOOK_MS = 100;
 constexpr int64 MS_PER_S = 1000;
 constexpr int64 MOST_SECONDS = 1'000'000, MOST_TRACES = 1'000'000;
-/// From one look at the job's end to the next. Each wakes the machine, for as long as somebody plays, and the
-/// end of a run needn't be seen sooner.
-constexpr int64 END_LOOK_MS = 50;
 
 struct RunOptions {
     SxString image, url, report, page, runner;
@@ -39,169 +31,18 @@ struct RunOptions {
     int64 nTraces = ZqRun::N_TRACES, traceSeconds = ZqRun::TRACE_MS / MS_PER_S;
 };
 
-SxString phaseText(ZqRun::Phase phase) {
-    constexpr std::array<const char*, 9> TEXTS = {"opening", "loading", "mounting",   "preparing", "running",
-                                                  "running", "feeding", "completing", "ending"};
-    return TEXTS[static_cast<size_t>(phase)];
+/// Whether the player has ended the run, once there was an application, and all went well.
+bool isEndedByPlayer(const ZqRun& job) {
+    const ZqRun::Result& result = job.getResult();
+    return result.wasStopped && result.wasStarted && result.missed.isEmpty() && job.hasException() &&
+           job.getException().hasTag(SxException::STOPPED) && result.driveFailure.isEmpty();
 }
 
-/// What stands in front of the numbers of the progress line.
-SxString statusText(ZqRun::Phase phase, const ZqFeedStatus& status) {
-    if (!status.waiting.isEmpty()) return status.waiting;
-    SxString text = phaseText(phase);
-    if (phase < ZqRun::Running && status.startEta > 0) {
-        text += SxString(", start in ") + status.startEta + " s";
-    }
-    if (status.isUnderflow) text += ", the application waits for data";
-    if (status.isChecking) text += ", checking the image";
-    if (status.nShort > 0) {
-        text += SxString::sprintf(", needs %.0f MB more on the disk",
-                                  std::ceil(static_cast<double>(status.nShort) / 1e6));
-    }
-    return text;
-}
-
-SxString seconds(int64 ms) {
-    return SxString::sprintf("%.2f s", static_cast<double>(ms) / 1e3);
-}
-
-void tellFigures(const ZqRun::Result& result, Output* out) {
-    const ZqRuntimeInfo& info = result.info;
-    if (result.startMs >= 0) out->text("  start of the application  " + seconds(result.startMs));
-    if (result.firstFrameMs >= 0) out->text("  first frame               " + seconds(result.firstFrameMs));
-    out->text("  there at the start        " + readableBytes(static_cast<double>(info.preloadSize)) + " of " +
-              readableBytes(static_cast<double>(info.imageSize)));
-    out->text("  received                  " + readableBytes(static_cast<double>(result.link.nBytes)) +
-              (result.image.isPacked ? " (packed)" : "") + ", on demand " +
-              readableBytes(static_cast<double>(result.link.nOnDemandBytes)) + ", twice " +
-              readableBytes(static_cast<double>(result.image.nTwice)));
-    out->text(SxString("  on-demand requests        ") + info.nOnDemandFetches + ", " + info.avgOnDemandTime +
-              " ms each, the longest " + info.maxOnDemandTime + " ms");
-    if (info.nHinted > 0) {
-        out->text(SxString("  fetched by hints          ") +
-                  ZqReadable::counted(info.nHinted, "stretch", "stretches") + ", of which " +
-                  info.nHintsUsed + " were read");
-    }
-    out->text(SxString("  underflows                ") + info.nUnderflows + ", the longest " +
-              seconds(info.maxUnderflowTime));
-    out->text("  download                  " +
-              SxString(info.downloadComplete ? "complete" : "goes on with the next run") + ", " +
-              SxString::sprintf("%.1f Mbit/s", info.avgSpeed));
-    if (!result.traceFolder.isEmpty()) out->text("  trace                     " + result.traceFolder);
-    if (!result.mountPath.isEmpty()) out->text("  the drive stays at        " + result.mountPath);
-}
-
-/// How to get what is missing of the image.
-void tellMissing(const ZqRun::Result& result, const SxString& image, Output* out) {
-    if (result.nMissing == 0) return;
-    out->text(readableBytes(static_cast<double>(result.nMissing)) + " are still missing; `tavrin fetch " +
-              image.makeVisible() + "` downloads them");
-}
-
-/// Tells once, when the speed of the download is known and the start is still to come, or was one at once,
-/// what the load profile says of it.
-class ForecastLine {
-public:
-    ForecastLine(bool startsAtOnce_, Output* out_) : startsAtOnce(startsAtOnce_), out(out_) {}
-
-    void look(const ZqRun& job, const ZqFeedStatus& status, Progress* progress) {
-        const ZqRun::Phase phase = job.getPhase();
-        const bool isAhead = phase > ZqRun::Opening && phase < ZqRun::Running;
-        if (told || status.nCurrent >= status.nTotal || !(status.speed > 0)) return;
-        if (!isAhead && !(startsAtOnce && phase == ZqRun::Running)) return;
-        told = true;
-        const double mbit = status.speed / BYTES_PER_MBIT;
-        const ZqStartForecast forecast = job.forecast(mbit);
-        progress->finish();
-        out->text(SxString::sprintf("At %.1f Mbit/s: ", mbit) + safeStartText(forecast));
-        if (forecast.untilSafe > 0) out->text("  " + earlyStartText(forecast));
-        out->flush();
-    }
-
-private:
-    static constexpr double BYTES_PER_MBIT = 125'000;
-
-    const bool startsAtOnce;
-    Output* const out;
-    bool told = false;
-};
-
-/// Whether the run records; empty where that is as always.
-SxString traceText(const ZqTracePolicy::Decision& decision) {
-    static_assert(ZqTracePolicy::N_ENOUGH == 5 && ZqTracePolicy::EVERY == 10, "the text says so");
-    switch (decision.reason) {
-    case ZqTracePolicy::Wished:
-        return decision.records ? "Records which blocks are read, as --trace says."
-                                : "Records no trace, as --no-trace says.";
-    case ZqTracePolicy::Few:
-        return "Records which blocks are read: " + SxString(decision.nSound) +
-               " of 5 traces of this build are there.";
-    case ZqTracePolicy::Turn:
-        return "Records which blocks are read: five traces of this build are there, and every tenth run "
-               "records.";
-    case ZqTracePolicy::Enough:
-        return "Records no trace: five traces of this build are there. Every tenth run records.";
-    case ZqTracePolicy::Partial:
-        break;
-    }
-    return {};
-}
-
-/// Tells that once it is decided.
-class TraceLine {
-public:
-    explicit TraceLine(Output* out_) : out(out_) {}
-
-    void look(const ZqRun& job, Progress* progress) {
-        if (told) return;
-        const std::optional<ZqTracePolicy::Decision> decision = job.getTraceDecision();
-        if (!decision) return;
-        told = true;
-        const SxString line = traceText(*decision);
-        if (line.isEmpty()) return;
-        progress->finish();
-        out->text(line);
-        out->flush();
-    }
-
-private:
-    Output* const out;
-    bool told = false;
-};
-
-/// Shows the run until it has ended; `look` is called between, and at the end.
-void followRun(ZqRun* job, const SxString& image, Output& out,
-               const std::function<void(const ZqFeedStatus& status, Progress* progress)>& look) {
-    StopSignals signals;
-    Progress progress(out.getMode(), "opening");
-    job->start();
-    bool toldLoss = false, toldCarried = false;
-    while (!SxWait::pass(
-        LOOK_MS, [&] { return !job->isRunning(); }, END_LOOK_MS)) {
-        if (signals.isAsked()) job->stop();
-        const ZqFeedStatus status = job->getStatus();
-        progress.setLabel(statusText(job->getPhase(), status));
-        progress.update(status.isChecking ? status.nChecked : status.nCurrent, status.nTotal);
-        if (!toldCarried && !status.carried.isEmpty()) {
-            toldCarried = true;
-            progress.finish();
-            out.text(status.carried);
-        }
-        look(status, &progress);
-        if (toldLoss || !job->hasLostWrites()) continue;
-        toldLoss = true;
-        progress.finish();
-        Output::failure(lostWritesText(image));
-    }
-    // A run can be over before anybody has looked.
-    look(job->getStatus(), &progress);
-    progress.finish();
-    job->wait();
-    if (!toldLoss && job->hasLostWrites()) Output::failure(lostWritesText(image));
-    // Told here where it isn't what has ended the run.
-    const SxString failure = job->getResult().driveFailure;
-    if (!failure.isEmpty() && job->hasException() && !job->getException().hasTag(ZqRun::DRIVE_FAILED))
-        Output::failure("A read or write of the drive of '" + image + "' has failed: " + failure);
+SxString endText(const ZqRun& job) {
+    const ZqRun::Result& result = job.getResult();
+    if (result.wasStopped) return "The run was ended by you";
+    return result.isExitKnown ? SxString("The application has ended with code ") + result.info.exitCode
+                              : SxString("The application has ended; its exit code is unknown");
 }
 
 /// Where one of the two files can't be written, the other one is written all the same, and what has ended the
@@ -218,8 +59,9 @@ void writeFiles(const ZqRun& job, const RunOptions& options) {
     };
     attempt(options.report, [&] { ZqRecordFile::write(job.toJson(), options.report); });
     attempt(options.page, [&] {
+        const bool hasFailed = job.hasException() && !isEndedByPlayer(job);
         const SxString failure =
-            job.hasException() ? job.getException().toString(SxException::ShowMessage, ": ") : SxString();
+            hasFailed ? job.getException().toString(SxException::ShowMessage, ": ") : SxString();
         ZqRecordFile::writeText(ZqRunPage(job.getResult(), failure).toHtml(), options.page);
     });
     for (const SxException& e : failures) {
@@ -271,8 +113,7 @@ int run(const RunOptions& options, Output& out) {
     });
     const ZqRun::Result& result = job.getResult();
     if (result.wasStarted) {
-        out.text(result.isExitKnown ? SxString("The application has ended with code ") + result.info.exitCode
-                                    : SxString("The application has ended; its exit code is unknown"));
+        out.text(endText(job));
         tellFigures(result, &out);
         tellMissing(result, options.image, &out);
     }
@@ -297,7 +138,7 @@ int run(const RunOptions& options, Output& out) {
                     "; what is noted of it in the prefix leads elsewhere");
     }
     writeFiles(job, options);
-    if (job.hasException()) raiseHinted(job.getException());
+    if (job.hasException() && !isEndedByPlayer(job)) raiseHinted(job.getException());
     return ExitSuccess;
 }
 
@@ -323,12 +164,6 @@ int fetch(const RunOptions& options, Output& out) {
     return ExitSuccess;
 }
 } // namespace
-
-SxString lostWritesText(const SxString& image) {
-    return "What programs wrote to the former drive of '" + image +
-           "' may be lost as far as they hadn't synced it: its service was killed, or somebody has taken it "
-           "away";
-}
 
 void raiseHinted(const SxException& failure) {
     if (!failure.hasTag(ZqLaunchCommand::NOT_INSTALLED)) throw SxException(failure);

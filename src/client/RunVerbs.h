@@ -21,6 +21,3 @@ int mountFed(const FedMount& mount, Output& out, const std::function<void()>& te
 /// Raises a failure of a mount or a run again, with what to do in front of it where a launcher isn't
 /// installed.
 [[noreturn]] void raiseHinted(const SxException& failure);
-
-/// A sentence on what may have been lost with an earlier drive of the image.
-SxString lostWritesText(const SxString& image);

@@ -1,5 +1,6 @@
 #include "App.h"
 #include "Job.h"
+#include "RunTexts.h"
 #include "Verbs.h"
 
 #include <tavrin/SxFSAction.h>
@@ -69,8 +70,10 @@ void tellAccuracy(const ZqRunAccuracy& found, Output* out) {
 }
 
 SxString endText(const ZqRunRecord& run) {
+    if (run.asOfMs > 0)
+        return "not told: the run goes on, or was killed; noted " + ZqReadable::date(run.asOfMs);
     if (run.info.startErr) return "failed before the application ran";
-    if (run.wasStopped) return "stopped by the player";
+    if (run.wasStopped) return run.wasStarted ? "ended by the player" : "stopped by the player";
     SxString text = run.isExitKnown ? SxString("code ") + run.info.exitCode : SxString("code unknown");
     if (run.info.endErr) text += ", the run failed";
     return text;
@@ -91,6 +94,7 @@ void tellRun(const ZqRunRecord& run, Output* out) {
         SxString::sprintf("%.1f Mbit/s, at most %.1f", info.avgSpeed, info.maxSpeed) +
             (info.downloadComplete ? ", complete" : ""),
         out);
+    if (run.waits) row("waits for data", waitsText(*run.waits), out);
     row("underflows",
         SxString(info.nUnderflows) + ", the longest " + ZqReadable::seconds(info.maxUnderflowTime), out);
     if (run.wasStarted) tellAccuracy(run.accuracy, out);

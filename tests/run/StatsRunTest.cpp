@@ -111,7 +111,7 @@ TEST_F(StatsRun, AServiceThatSaysNothingHoldsUpNeitherPlayNorAStop) {
     expectPlayed();
     ASSERT_TRUE(SxWait::pass(5'000, [&] { return !silent.requests().empty(); }));
     player->signal(SIGINT);
-    EXPECT_EQ(player->end(3'000), 1) << player->says();
+    EXPECT_EQ(player->end(3'000), 0) << player->says();
     release();
     // At the end of a run it is waited for, but not for long, and a stop ends that, too.
     const auto second = start({"--now"});
@@ -160,10 +160,15 @@ TEST_F(StatsRun, ARunWhoseDriveGoesLeavesARecordThatCanBeRead) {
     EXPECT_TRUE(lastRecord().getElem("startErr").toBool());
 }
 
-TEST_F(StatsRun, TheRunThatGoesOnWithAnApplicationHasARecordOfItsOwn) {
+TEST_F(StatsRun, TheRunThatGoesOnWithAnApplicationGoesOnWithItsRecord) {
     hold();
     auto player = start({"--now"});
     ASSERT_TRUE(SxWait::pass(20'000, [&] { return hasPlayed(); })) << player->says();
+    ASSERT_TRUE(
+        SxWait::pass(5'000, [&] { return fs::exists(got + "/runs") && !fs::is_empty(got + "/runs"); }));
+    const SxSymbol begun = lastRecord();
+    EXPECT_GT(number(begun, "asOf"), 0);
+    EXPECT_THAT(done({"stats", "show", got}), HasSubstr("the run goes on, or was killed"));
     player->signal(SIGKILL);
     player->end();
     player = start({"--now"});
@@ -172,7 +177,14 @@ TEST_F(StatsRun, TheRunThatGoesOnWithAnApplicationHasARecordOfItsOwn) {
     EXPECT_EQ(player->end(), 0) << player->says();
     const SxSymbol record = lastRecord();
     EXPECT_TRUE(record.getElem("started").toBool());
-    EXPECT_EQ(number(record, "startMs"), -1);
+    EXPECT_EQ(std::distance(fs::directory_iterator(got + "/runs"), {}), 1) << "both are one run";
+    EXPECT_FALSE(record.hasElem("asOf"));
+    EXPECT_EQ(record.getElem("exitCode").getType(), SxParserAst::Null);
+    for (const char* key : {"time0", "startMs", "mountMs", "preloadSize", "dataAtStart"})
+        EXPECT_EQ(number(record, key), number(begun, key)) << key;
+    EXPECT_EQ(record.getElem("id").toString(), begun.getElem("id").toString());
+    EXPECT_GT(number(record, "lengthMs"), number(begun, "lengthMs"));
+    EXPECT_GE(number(record, "bytesReceived"), number(begun, "bytesReceived"));
     EXPECT_TRUE(record.getElem("accuracy").hasElem("waits"));
     EXPECT_FALSE(record.getElem("accuracy").hasElem("judgedMs"));
     EXPECT_THAT(done({"stats", "show", got}), HasSubstr("reads that waited"));

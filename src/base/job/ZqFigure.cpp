@@ -21,8 +21,8 @@ struct Ink {
 constexpr Ink INKS[] = {
     {"reads", "#2563eb", "#6ea8fe"},  {"writes", "#d9480f", "#ff9f5a"},    {"needed", "#0f766e", "#2dd4bf"},
     {"prefix", "#7c3aed", "#b794f6"}, {"there", "#0891b2", "#22d3ee"},     {"received", "#64748b", "#94a3b8"},
-    {"demand", "#b45309", "#fbbf24"}, {"underflow", "#dc2626", "#f87171"}, {"start", "#15803d", "#4ade80"},
-    {"frame", "#a21caf", "#e879f9"},  {"drive", "#475569", "#a8b3c4"},
+    {"demand", "#b45309", "#fbbf24"}, {"underflow", "#dc2626", "#f87171"}, {"wait", "#7c3aed", "#a78bfa"},
+    {"start", "#15803d", "#4ade80"},  {"frame", "#a21caf", "#e879f9"},     {"drive", "#475569", "#a8b3c4"},
 };
 
 SxString keyShape(const ZqFigure::Key& key, double x) {

@@ -6,6 +6,8 @@
 #include "ZqRecordFile.h"
 #include "ZqSysEnv.h"
 
+#include <algorithm>
+
 using SxParserKit::SxSymbol;
 
 namespace {
@@ -52,6 +54,37 @@ void ZqRuntimeInfo::reset() {
     fresh.driveSizes = driveSizes;
     fresh.driveFree = driveFree;
     *this = fresh;
+}
+
+void ZqRuntimeInfo::goOnFrom(const ZqRuntimeInfo& former) {
+    const auto mean = [](int64 own, int64 nOwn, int64 before, int64 nBefore) {
+        return nOwn + nBefore > 0 ? (own * nOwn + before * nBefore) / (nOwn + nBefore) : 0;
+    };
+    avgUnderflowTime = mean(avgUnderflowTime, nUnderflows, former.avgUnderflowTime, former.nUnderflows);
+    avgUnderflowSize = mean(avgUnderflowSize, nUnderflows, former.avgUnderflowSize, former.nUnderflows);
+    maxUnderflowTime = std::max(maxUnderflowTime, former.maxUnderflowTime);
+    maxUnderflowSize = std::max(maxUnderflowSize, former.maxUnderflowSize);
+    nUnderflows += former.nUnderflows;
+    const int64 nOwn = nOnDemandFetches, nBefore = former.nOnDemandFetches;
+    avgOnDemandSize = mean(avgOnDemandSize, nOwn, former.avgOnDemandSize, nBefore);
+    avgOnDemandTime = mean(avgOnDemandTime, nOwn, former.avgOnDemandTime, nBefore);
+    avgOnDemandQueue = mean(avgOnDemandQueue, nOwn, former.avgOnDemandQueue, nBefore);
+    maxOnDemandTime = std::max(maxOnDemandTime, former.maxOnDemandTime);
+    maxOnDemandQueue = std::max(maxOnDemandQueue, former.maxOnDemandQueue);
+    nOnDemandFetches += nBefore;
+    sumOnDemandSize += former.sumOnDemandSize;
+    nHinted += former.nHinted;
+    nHintsUsed += former.nHintsUsed;
+    maxSpeed = std::max(maxSpeed, former.maxSpeed);
+    reqSpeed = former.reqSpeed;
+    id = former.id;
+    time0 = former.time0;
+    preloadSize = former.preloadSize;
+    prefetchSizeMB = former.prefetchSizeMB;
+    dataAtStart = former.dataAtStart;
+    downloadFromZero = former.downloadFromZero;
+    appsAtStart = former.appsAtStart;
+    clientToken = former.clientToken;
 }
 
 SxSymbol ZqRuntimeInfo::toJson() const {

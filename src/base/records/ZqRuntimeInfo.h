@@ -100,6 +100,9 @@ public:
     /// Makes the record ready for a new run: a new `id`; organisation, token, versions and the facts of the
     /// machine stay.
     void reset();
+    /// Adds what `former`, an earlier part of the same run, has counted of underflows and fetches, and takes
+    /// what only its beginning can know. Speeds but for the greatest, and times of the run, are left.
+    void goOnFrom(const ZqRuntimeInfo& former);
     /// The record as `runtime.json` has it.
     SxParserKit::SxSymbol toJson() const;
     /// Writes `runtime.json` into the folder `path`, or into that of the field `path` where it is empty;

@@ -56,6 +56,8 @@ SxString ZqRunPage::head() const {
     SxString text = ZqReadable::date(result.info.time0) + ", " + ZqReadable::duration(result.lengthMs);
     if (!result.wasStarted) {
         text += "; the application was not started";
+    } else if (result.wasStopped) {
+        text += "; the player ended it";
     } else if (result.isExitKnown) {
         text += "; the application ended with code " + SxString(result.info.exitCode);
     } else {
@@ -77,6 +79,10 @@ SxString ZqRunPage::tiles() const {
                      (result.image.isPacked ? "packed, " : "") + bytes(result.image.nTwice) + " of it twice");
     html += ZqPage::tile("On demand", bytes(result.link.nOnDemandBytes),
                          ZqReadable::counted(info.nOnDemandFetches, "request", "requests"));
+    if (result.waits) {
+        html += ZqPage::tile("Waits for data", ZqReadable::count(result.waits->n),
+                             "the longest " + ZqReadable::seconds(result.waits->longestMs));
+    }
     html += ZqPage::tile("Underflows", ZqReadable::count(info.nUnderflows),
                          "the longest " + ZqReadable::seconds(info.maxUnderflowTime));
     html += ZqPage::tile("Download", SxString::sprintf("%.1f Mbit/s", info.avgSpeed),
@@ -111,6 +117,15 @@ ZqFigure ZqRunPage::drawDownload() const {
     if (last.nOnDemand > 0) {
         chart.addLine(pointsOf(&Sample::nOnDemand), ZqChart::Steps, "demand");
         figure.keys.push_back({ZqFigure::Line, "demand", "Of that, on demand"});
+    }
+    for (const ZqRunResult::Wait& wait : result.heldReads) {
+        chart.addBand(static_cast<double>(wait.fromMs), static_cast<double>(wait.toMs), "wait",
+                      "Waited for data at " + ZqReadable::seconds(wait.fromMs) + ", for " +
+                          ZqReadable::seconds(wait.toMs - wait.fromMs));
+    }
+    if (result.waits && result.waits->n > 0) {
+        figure.keys.push_back({ZqFigure::Band, "wait",
+                               "Waits for data, " + ZqReadable::seconds(result.waits->sumMs) + " in all"});
     }
     const auto& underflows = result.series.getUnderflows();
     for (const ZqRunSeries::Underflow& underflow : underflows) {

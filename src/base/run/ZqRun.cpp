@@ -5,12 +5,13 @@
 #include "SxTime.h"
 #include "ZqAppSuspension.h"
 #include "ZqApplicationNote.h"
-#include "ZqBlocks.h"
 #include "ZqCoreAppGuard.h"
 #include "ZqFirstFrame.h"
+#include "ZqHeldReads.h"
 #include "ZqImageFeed.h"
 #include "ZqImageLock.h"
 #include "ZqRunDrive.h"
+#include "ZqRunNotes.h"
 #include "ZqRunRecording.h"
 #include "ZqRunSampler.h"
 #include "ZqRunStatistics.h"
@@ -44,10 +45,12 @@ ZqRun::ZqRun(const Settings& settings_)
       image(settings_.feed.image),
       waits(std::make_unique<ZqRunWait>()),
       feed(std::make_unique<ZqImageFeed>(settings_.feed)),
-      drive(std::make_unique<ZqRunDrive>(settings, feed.get(), waits.get())),
+      held(std::make_unique<ZqHeldReads>()),
+      drive(std::make_unique<ZqRunDrive>(settings, feed.get(), waits.get(), held.get())),
       recording(std::make_unique<ZqRunRecording>(settings)),
       note(std::make_unique<ZqApplicationNote>(image, waits.get())),
       suspension(std::make_unique<ZqAppSuspension>()),
+      notes(std::make_unique<ZqRunNotes>(image)),
       statistics(std::make_unique<ZqRunStatistics>(settings, feed.get(), waits.get(), &result)) {
     setThreadName("run");
 }
@@ -56,6 +59,10 @@ ZqRun::~ZqRun() = default;
 
 void ZqRun::stop() {
     waits->stop();
+}
+
+void ZqRun::killApplication() {
+    if (ZqCoreAppGuard* started = startedGuard) started->stop();
 }
 
 bool ZqRun::hasLostWrites() const {
@@ -175,9 +182,12 @@ bool ZqRun::adopt() {
         return true;
     }
     phase = Adopted;
+    takeFormerRecord();
     launched = std::make_unique<const ZqAppParams>(feed->getApp());
     guard = std::make_unique<ZqCoreAppGuard>(image, *launched, group);
     feed->applicationStarts(*launched);
+    held->start(beginNs, SxClock::get().steadyNs());
+    startedGuard = guard.get();
     guard->start();
     result.wasStarted = true;
     follow();
@@ -265,6 +275,8 @@ void ZqRun::startApplication() {
     guard = std::make_unique<ZqCoreAppGuard>(image, *launched, mountPath, process,
                                              ZqAppRunner{settings.runner, mountPath, drive->isWritable()});
     feed->applicationStarts(*launched);
+    held->start(beginNs, SxClock::get().steadyNs());
+    startedGuard = guard.get();
     guard->start();
     result.startMs = elapsedMs();
     result.wasStarted = true;
@@ -288,12 +300,14 @@ void ZqRun::follow() {
         if (recording->limit()) statistics->endJudgement(elapsedMs());
         suspendProcess();
         feed->restoreWindow();
+        if (notes->isDue()) noteRun();
         SxTime::msleep(feed->isSettled() && !firstFrame->isAwaited() ? CALM_LOOK_MS : LOOK_MS);
     }
     guard->wait();
+    drive->endHeldReads();
     statistics->endJudgement(elapsedMs());
-    searching = false;
-    if (guard->isMissed()) result.missed = launched->name;
+    const bool wasSought = searching.exchange(false);
+    if (guard->isMissed() || (wasSought && waits->isStopping())) result.missed = launched->name;
     firstFrame->look();
     // Of a command that couldn't be started there is nothing to follow.
     result.wasStarted = guard->getGroup().isValid();
@@ -327,85 +341,6 @@ bool ZqRun::isCalm() const {
 void ZqRun::complete() {
     phase = Completing;
     awaitCheck();
-}
-
-void ZqRun::end() {
-    statistics->endJudgement(elapsedMs());
-    if (sampler) result.series = sampler->end();
-    phase = Ending;
-    fillResult();
-    feed->stop();
-    result.nMissing = feed->countMissing();
-    result.isComplete = feed->isVerified() && result.nMissing == 0;
-    try {
-        if (guard) {
-            guard->stop();
-            guard->wait();
-            result.info.exitCode = guard->getExitCode();
-            result.info.runTime = static_cast<int64>(guard->runTime) / 1000;
-            note->noteEnd(guard->getGroup());
-        }
-        const bool keep = settings.keepsMounted && result.wasStarted && feed->isVerified();
-        // The play that the trace is of has ended.
-        if (keep) waits->patiently([&] { recording->end(); });
-        drive->end(keep);
-    } catch (const SxException& e) {
-        result.info.endErr = true;
-        writeInfo();
-        throw SxException(e, "The run of '" + image + "' could not be ended cleanly", UNIT, __LINE__);
-    }
-    writeInfo();
-}
-
-void ZqRun::writeInfo() {
-    result.mountPath = drive->getMountPath();
-    result.driveFailure = drive->getFailure();
-    result.wasBusy = drive->wasBusy();
-    result.lostLetter = drive->getLostLetter();
-    if (!result.driveFailure.isEmpty()) result.info.endErr = true;
-    if (isPlay()) statistics->finish(*drive, *recording);
-}
-
-void ZqRun::fillResult() {
-    result.lengthMs = elapsedMs();
-    result.firstFrameMs = firstFrame->getMs();
-    result.traceFolder = recording->getFolder();
-    result.lacksTraceRoom = recording->lacksRoom();
-    const ZqFeedStatus status = feed->getStatus();
-    const ZqRuntimeInfo own = result.info;
-    ZqRuntimeInfo& info = result.info;
-    info = feed->getRuntimeInfo();
-    info.id = own.id;
-    info.appsAtStart = own.appsAtStart;
-    info.zqddVer = own.zqddVer;
-    info.zqfmVer = own.zqfmVer;
-    info.preloadSize = own.preloadSize;
-    info.dataAtStart = own.dataAtStart;
-    info.nStarts = note->getStarts();
-    info.startErr = own.startErr;
-    info.endErr = own.endErr;
-    info.path = image;
-    info.guid = statistics->getApp().guid;
-    info.getSystemVersions();
-    result.build = statistics->getApp().checksumMnt;
-    result.order = statistics->getApp().checksumIdx;
-    info.time0 = beginMs;
-    info.timeToStart = std::max<int64>(result.startMs, 0) / 1000;
-    info.timeToReady = std::max<int64>(result.firstFrameMs, 0) / 1000;
-    info.dataAtEnd = static_cast<int64>(status.nCurrent);
-    info.imageSize = static_cast<int64>(status.nTotal);
-    info.downloadFromZero = info.dataAtStart == 0;
-    info.downloadComplete = status.nTotal > 0 && status.nCurrent >= status.nTotal;
-    const ZqImageFeed::Speeds speeds = feed->getSpeeds();
-    info.avgSpeed = speeds.mean;
-    info.maxSpeed = speeds.greatest;
-    info.sigmaSpeed = speeds.sigma;
-    info.reqSpeed = static_cast<double>(feed->getApp().getBpS(static_cast<uint64>(info.preloadSize))) /
-                    ZqBlocks::PER_MEGABIT;
-    info.prefetchSizeMB = info.preloadSize / static_cast<int64>(ZqBlocks::MEGABYTE);
-    if (const int64 ns = feed->getLastWaitNs(); ns > 0) result.lastWaitMs = (ns - beginNs) / 1'000'000;
-    result.link = status.link;
-    result.image = status.image;
 }
 
 bool ZqRun::isPlay() const {

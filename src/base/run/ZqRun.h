@@ -16,8 +16,10 @@ class ZqAppSuspension;
 class ZqApplicationNote;
 class ZqCoreAppGuard;
 class ZqFirstFrame;
+class ZqHeldReads;
 class ZqImageFeed;
 class ZqRunDrive;
+class ZqRunNotes;
 class ZqRunRecording;
 class ZqRunSampler;
 class ZqRunStatistics;
@@ -53,6 +55,8 @@ public:
 
     /// Ends the run and its application, within a second.
     void stop();
+    /// Kills the application alone, whatever the run's thread waits for.
+    void killApplication();
     Phase getPhase() const { return phase; }
     ZqFeedStatus getStatus() const;
     /// What the load profile says of a start at that speed, in megabit per second of `img.zqf`, with what is
@@ -97,6 +101,10 @@ private:
     void end();
     void writeInfo();
     void fillResult();
+    void takeFormerRecord();
+    void goOn();
+    /// Has the record written as it is now.
+    void noteRun();
     int64 elapsedMs() const;
 
     const Settings settings;
@@ -105,17 +113,22 @@ private:
     std::atomic<bool> searching{false}; ///< for the process that the record names
     const std::unique_ptr<ZqRunWait> waits;
     const std::unique_ptr<ZqImageFeed> feed;
+    const std::unique_ptr<ZqHeldReads> held;
     const std::unique_ptr<ZqRunDrive> drive;
     const std::unique_ptr<ZqRunRecording> recording;
     const std::unique_ptr<ZqApplicationNote> note;
     const std::unique_ptr<ZqAppSuspension> suspension;
+    const std::unique_ptr<ZqRunNotes> notes;
     const std::unique_ptr<ZqRunStatistics> statistics;
     std::unique_ptr<const ZqAppParams> launched; ///< the record as the application is started by it
     std::unique_ptr<ZqCoreAppGuard> guard;
+    std::atomic<ZqCoreAppGuard*> startedGuard{nullptr}; ///< the same, once it has been started
     std::unique_ptr<ZqFirstFrame> firstFrame;
     std::unique_ptr<ZqRunSampler> sampler;
     std::unique_ptr<ZqSleepDelay> sleepDelay;
     std::optional<ZqTracePolicy::Decision> traceDecision; ///< set before the phase Mounting, and never later
+    std::optional<ZqRunRecord> former; ///< of the killed run whose application this one has gone on with
+    int64 formerGapMs = 0;             ///< from that record to the beginning of this run
     int64 beginNs = 0, beginMs = 0;
     Result result;
 };

@@ -4,6 +4,7 @@
 #include "SxException.h"
 #include "SxFSAction.h"
 #include "SxTime.h"
+#include "ZqHeldReads.h"
 #include "ZqImageFeed.h"
 #include "ZqLaunchCommand.h"
 #include "ZqLog.h"
@@ -28,11 +29,13 @@ constexpr int64 MAX_PUT_BACK = 5;
 
 } // namespace
 
-ZqRunDrive::ZqRunDrive(const ZqRunSettings& settings_, ZqImageFeed* feed_, ZqRunWait* waits_)
+ZqRunDrive::ZqRunDrive(const ZqRunSettings& settings_, ZqImageFeed* feed_, ZqRunWait* waits_,
+                       ZqHeldReads* held_)
     : settings(settings_),
       image(settings_.feed.image),
       feed(feed_),
-      waits(waits_) {
+      waits(waits_),
+      held(held_) {
 }
 
 ZqDriveKinds::MountMode ZqRunDrive::mode() const {
@@ -178,6 +181,9 @@ void ZqRunDrive::watch() {
     }
     try {
         if (!settings.runner.isEmpty()) watchLetter();
+        const bool isSettled = feed->isSettled();
+        if (!isSettled || !wasSettled) lookAtHeldReads();
+        wasSettled = isSettled;
         if (ZqMountMgr().isMounted(image)) return;
     } catch (const SxException& e) {
         // A service that can't tell may still serve.
@@ -186,6 +192,21 @@ void ZqRunDrive::watch() {
     }
     throw SxException("The drive of '" + image + "' has gone: it was unmounted, or its service was ended",
                       UNIT, __LINE__);
+}
+
+void ZqRunDrive::lookAtHeldReads() {
+    ZqDiskStatus disk;
+    if (ZqVolume::findDisk(image, &disk)) held->look(disk);
+}
+
+void ZqRunDrive::endHeldReads() {
+    try {
+        lookAtHeldReads();
+    } catch (const SxException& e) {
+        // What a silent service hasn't told yet is less than a quarter of a second.
+        zqLogMsg("base", SxString("ZqRun: ") + e.what());
+    }
+    held->end(SxClock::get().steadyNs());
 }
 
 /// A runner may set up all drive letters of its prefix anew. What has been told of ours, as in the registry,

@@ -8,6 +8,7 @@
 #include <functional>
 #include <optional>
 
+class ZqHeldReads;
 class ZqImageFeed;
 class ZqRunWait;
 struct ZqDiskStatus;
@@ -19,7 +20,7 @@ struct ZqRunSettings;
 class ZqRunDrive {
 public:
     /// What is given must outlive this.
-    ZqRunDrive(const ZqRunSettings& settings_, ZqImageFeed* feed_, ZqRunWait* waits_);
+    ZqRunDrive(const ZqRunSettings& settings_, ZqImageFeed* feed_, ZqRunWait* waits_, ZqHeldReads* held_);
 
     /// How to mount, by the settings or else the record.
     ZqDriveKinds::MountMode mode() const;
@@ -46,6 +47,8 @@ public:
     SxString require();
     /// Looks now and then whether the drive is there, and raises where it isn't.
     void watch();
+    /// The application has ended, and none of its reads waits any longer.
+    void endHeldReads();
     /// Raises where the drive holds reads that nothing will answer any longer, as after a newer version of
     /// the image has come up on the server, of which nothing is fetched.
     void watchReads();
@@ -80,12 +83,14 @@ private:
     bool removeLeft() const;
     void endOnce(bool keep);
     void note(const ZqDiskStatus& disk);
+    void lookAtHeldReads();
     void watchLetter();
 
     const ZqRunSettings& settings;
     const SxString image;
     ZqImageFeed* const feed;
     ZqRunWait* const waits;
+    ZqHeldReads* const held;
     bool mounted = false; ///< by this run, or taken over
     bool busy = false;
     SxString failure, mountPath;
@@ -95,8 +100,9 @@ private:
     Waits before; ///< of the drive that was taken over
     std::optional<Waits> readWaits;
     bool traced = false;
-    int64 nPutBack = 0; ///< how often the letter was put back
-    int64 watchNs = 0;  ///< when the drive was looked at last
-    int64 lostNs = 0;   ///< since when it was seen to hold reads in vain; 0 for not now
+    int64 nPutBack = 0;      ///< how often the letter was put back
+    bool wasSettled = false; ///< no read had to wait any longer at the last look
+    int64 watchNs = 0;       ///< when the drive was looked at last
+    int64 lostNs = 0;        ///< since when it was seen to hold reads in vain; 0 for not now
     std::atomic<bool> lostWrites{false};
 };

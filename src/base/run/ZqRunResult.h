@@ -4,10 +4,18 @@
 #include "ZqRunSeries.h"
 
 #include <functional>
+#include <vector>
 
 /// What came of a run, see ZqRun: its record, and what only the one who ran it needs. Not locked.
 struct ZqRunResult : ZqRunRecord {
+    /// In milliseconds from the run's beginning.
+    struct Wait {
+        int64 fromMs, toMs;
+    };
+
     ZqRunSeries series;          ///< of a run with an application, from the beginning of its download on
+    std::vector<Wait> heldReads; ///< the waits of the application, in order of time
+    bool isTakenOver = false;    ///< it has gone on with a run that was killed, and has the figures of that
     bool isComplete = false;     ///< the image is, and was found to be right
     SxString mountPath;          ///< where the drive was left; empty where it is gone
     SxString missed;             ///< the process that the record names, where it was never found

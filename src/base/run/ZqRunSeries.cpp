@@ -26,6 +26,16 @@ void ZqRunSeries::add(const Sample& sample) {
     dueMs = sample.timeMs + intervalMs;
 }
 
+void ZqRunSeries::shift(int64 ms) {
+    dueMs += ms;
+    for (Sample& sample : samples)
+        sample.timeMs += ms;
+    for (Underflow& underflow : underflows) {
+        underflow.fromMs += ms;
+        underflow.toMs += ms;
+    }
+}
+
 void ZqRunSeries::followUnderflow(const Sample& sample) {
     if (isOpen) {
         Underflow& last = underflows.back();

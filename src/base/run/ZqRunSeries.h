@@ -30,6 +30,8 @@ public:
     /// Takes how things stand now. Underflows are followed by every call, however few of them stay as
     /// samples.
     void add(const Sample& sample);
+    /// Moves all of it later, by `ms`.
+    void shift(int64 ms);
     /// In order of time, up to the last one that was added.
     const std::vector<Sample>& getSamples() const { return samples; }
     const std::vector<Underflow>& getUnderflows() const { return underflows; }

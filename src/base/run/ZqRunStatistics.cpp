@@ -120,7 +120,8 @@ void ZqRunStatistics::finish(const ZqRunDrive& drive, const ZqRunRecording& reco
 void ZqRunStatistics::judge(const ZqRunDrive& drive, const ZqRunRecording& recording) {
     ZqRunAccuracy& accuracy = result->accuracy;
     try {
-        if (result->wasStarted && !result->traceFolder.isEmpty()) {
+        // Of a run that was killed nobody knows the way of the cursor.
+        if (result->wasStarted && !result->traceFolder.isEmpty() && !result->isTakenOver) {
             const ZqCursorWay way = feed->getCursorWay();
             const bool isCutOff = !drive.wasTraced() && !recording.hasEnded();
             accuracy = ZqRunAccuracy::judge(

@@ -206,6 +206,11 @@ SxSymbol ZqRunRecord::toJson() const {
     root.append("lengthMs", lengthMs);
     root.append("startMs", startMs);
     if (firstFrameMs >= 0) root.append("firstFrameMs", firstFrameMs);
+    if (waits) {
+        root.append("waits", waits->n);
+        root.append("longestWaitMs", waits->longestMs);
+        root.append("sumWaitMs", waits->sumMs);
+    }
     if (lastWaitMs >= 0) root.append("lastWaitMs", lastWaitMs);
     if (mountMs >= 0) root.append("mountMs", mountMs);
     root.append("traceFolder", traceFolder);
@@ -214,6 +219,7 @@ SxSymbol ZqRunRecord::toJson() const {
     root.append("bytesOnDemand", link.nOnDemandBytes);
     appendTransfer(&root);
     if (wasStarted) root.appendCopy("accuracy", accuracy.toJson());
+    if (asOfMs > 0) root.append("asOf", asOfMs);
     return root;
 }
 
@@ -272,6 +278,12 @@ ZqRunRecord ZqRunRecord::read(const SxString& file) {
         record.wasStarted = record.startMs >= 0;
         ZqRecordFile::get(root, "started", &record.wasStarted);
         getTime(root, "firstFrameMs", &record.firstFrameMs);
+        if (root.hasElem("waits")) {
+            Waits& waits = record.waits.emplace();
+            ZqRecordFile::get(root, "waits", &waits.n);
+            ZqRecordFile::get(root, "longestWaitMs", &waits.longestMs);
+            ZqRecordFile::get(root, "sumWaitMs", &waits.sumMs);
+        }
         getTime(root, "lastWaitMs", &record.lastWaitMs);
         getTime(root, "mountMs", &record.mountMs);
         ZqRecordFile::get(root, "traceFolder", &record.traceFolder);
@@ -284,6 +296,7 @@ ZqRunRecord ZqRunRecord::read(const SxString& file) {
         ZqRecordFile::get(root, "retries", &record.link.nRetries);
         ZqRecordFile::get(root, "packed", &record.image.isPacked);
         ZqRecordFile::get(root, "missingBytes", &record.nMissing);
+        ZqRecordFile::get(root, "asOf", &record.asOfMs);
         const SxSymbol judged = root.getElem("accuracy", false);
         if (judged.isValid()) record.accuracy = ZqRunAccuracy::fromJson(judged);
         // Former versions stated 0 where there was no trace.
@@ -293,6 +306,51 @@ ZqRunRecord ZqRunRecord::read(const SxString& file) {
     } catch (const SxException& e) {
         throw SxException(e, "Failed to read file " + file, UNIT, __LINE__);
     }
+}
+
+std::optional<ZqRunRecord> ZqRunRecord::findOpen(const SxString& folder) {
+    SxList<SxException> failures;
+    const SxList<ZqRunRecord> newest = readLast(folder, 1, &failures);
+    for (const SxException& e : failures)
+        zqLogMsg("base", "ZqRunRecord: " + e.toString(SxException::ShowMessage, ": "));
+    if (newest.isEmpty() || newest.first().asOfMs == 0) return {};
+    return newest.first();
+}
+
+void ZqRunRecord::takeFile(const ZqRunRecord& written) {
+    file = written.file;
+    info.patchStats = written.info.patchStats;
+    info.defragStats = written.info.defragStats;
+}
+
+void ZqRunRecord::goOnFrom(const ZqRunRecord& former, int64 gapMs) {
+    const int64 formerMs = former.lengthMs + gapMs;
+    const auto later = [&](int64 own, int64 before) { return own >= 0 ? formerMs + own : before; };
+    takeFile(former);
+    info.goOnFrom(former.info);
+    lastWaitMs = later(lastWaitMs, former.lastWaitMs);
+    firstFrameMs = former.firstFrameMs >= 0 ? former.firstFrameMs : later(firstFrameMs, -1);
+    startMs = former.startMs;
+    mountMs = former.mountMs;
+    // A mean of the whole run, by the time of its parts.
+    const double ownShare =
+        static_cast<double>(lengthMs) / static_cast<double>(std::max<int64>(formerMs + lengthMs, 1));
+    info.avgSpeed = former.info.avgSpeed * (1 - ownShare) + info.avgSpeed * ownShare;
+    lengthMs += formerMs;
+    info.runTime += std::max<int64>(formerMs - startMs, 0) / MS_PER_S;
+    info.timeToStart = std::max<int64>(startMs, 0) / MS_PER_S;
+    info.timeToReady = std::max<int64>(firstFrameMs, 0) / MS_PER_S;
+    if (waits && former.waits) {
+        waits->n += former.waits->n;
+        waits->longestMs = std::max(waits->longestMs, former.waits->longestMs);
+        waits->sumMs += former.waits->sumMs;
+    }
+    link.nBytes += former.link.nBytes;
+    link.nOnDemandBytes += former.link.nOnDemandBytes;
+    link.nRequests += former.link.nRequests;
+    link.nRetries += former.link.nRetries;
+    image.nTwice += former.image.nTwice;
+    image.isPacked = image.isPacked || former.image.isPacked;
 }
 
 void ZqRunRecord::noteToken(const SxString& folder, const SxString& id, const SxString& token) {

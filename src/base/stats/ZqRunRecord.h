@@ -12,24 +12,34 @@
 struct ZqRunRecord {
     static constexpr int64 KEPT = 100;
 
-    ZqRuntimeInfo info;       ///< times in seconds, speeds in megabit per second
-    SxString build;           ///< build id: `checksums.mnt` of the application's record
-    SxString order;           ///< digest of the image's map
-    bool wasStarted = false;  ///< the application was, by this run or by the one that it has gone on with
-    bool wasStopped = false;  ///< the player has ended the run
-    bool isExitKnown = false; ///< `info.exitCode` is that of the application
-    int64 startMs = -1;       ///< from the beginning of the run to the application's start
-    int64 firstFrameMs = -1;  ///< to its first frame; -1 where that isn't known
-    int64 lastWaitMs = -1;    ///< to the last moment at which a read waited for blocks; -1 for never
-    int64 mountMs = -1;       ///< until the drive was up; -1 where it was so before, or never
-    int64 lengthMs = 0;       ///< to the end of the run, without the time that ending it took
-    SxString traceFolder;     ///< empty where nothing was traced
+    /// Times in which the application waited for blocks: at least one read was held without a break, for more
+    /// than half a second.
+    struct Waits {
+        int64 n = 0, longestMs = 0, sumMs = 0;
+    };
+
+    ZqRuntimeInfo info;         ///< times in seconds, speeds in megabit per second
+    SxString build;             ///< build id: `checksums.mnt` of the application's record
+    SxString order;             ///< digest of the image's map
+    bool wasStarted = false;    ///< the application was, by this run or by the one that it has gone on with
+    bool wasStopped = false;    ///< the player has ended the run
+    bool isExitKnown = false;   ///< `info.exitCode` is that of the application
+    int64 startMs = -1;         ///< from the beginning of the run to the application's start
+    int64 firstFrameMs = -1;    ///< to its first frame; -1 where that isn't known
+    std::optional<Waits> waits; ///< of an application that was started; none where they aren't known
+    int64 lastWaitMs = -1;      ///< to the last moment at which a read waited for blocks; -1 for never
+    int64 mountMs = -1;         ///< until the drive was up; -1 where it was so before, or never
+    int64 lengthMs = 0;         ///< to the end of the run, without the time that ending it took
+    SxString traceFolder;       ///< empty where nothing was traced
     ZqNetFigures link;
     ZqImageFigures image;
     uint64 nMissing = 0;   ///< bytes of `img.zqf` that are still to be fetched
     SxString lostLetter;   ///< the drive's, where a runner has taken it for good
     SxString driveFailure; ///< the first read or write of the drive that failed; empty where none has
     ZqRunAccuracy accuracy;
+    /// When this was noted in the middle of the run, in milliseconds since 1970 UTC; 0 once the run has
+    /// ended. Where it stays, the run was killed.
+    int64 asOfMs = 0;
 
     /// What `runtime.json` has, `exitCode` null where it isn't known, and all else but the token.
     SxParserKit::SxSymbol toJson() const;
@@ -37,6 +47,14 @@ struct ZqRunRecord {
     /// removes those that are too old. What the image's preparation jobs have done since its last run becomes
     /// part of the record and isn't kept for the next one. Raises "Failed to write file ..." with the cause.
     void write(const SxString& folder);
+    /// The newest record of the image folder, where its run goes on or was killed.
+    static std::optional<ZqRunRecord> findOpen(const SxString& folder);
+    /// Makes this the record of a run from the beginning of `former` on, whose application this run has gone
+    /// on with, `gapMs` after that was noted.
+    void goOnFrom(const ZqRunRecord& former, int64 gapMs);
+    /// The file of this record, and the preparations that it tells of, are those of `written`, an earlier
+    /// state of it.
+    void takeFile(const ZqRunRecord& written);
     /// The last records of the image folder, newest last, `n` at most. One that can't be read is passed over
     /// and named in `*failures`.
     static SxList<ZqRunRecord> readLast(const SxString& folder, int64 n, SxList<SxException>* failures);

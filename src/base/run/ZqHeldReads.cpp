@@ -1,0 +1,64 @@
+#include "ZqHeldReads.h"
+
+#include "ZqDiskStatus.h"
+
+#include <algorithm>
+
+namespace {
+
+constexpr int64 LEAST_NS = 500'000'000;
+constexpr int64 NS_PER_MS = 1'000'000;
+
+void add(ZqRunRecord::Waits* sum, int64 ms) {
+    ++sum->n;
+    sum->longestMs = std::max(sum->longestMs, ms);
+    sum->sumMs += ms;
+}
+
+} // namespace
+
+void ZqHeldReads::start(int64 beginNs_, int64 nowNs) {
+    beginNs = beginNs_;
+    startNs = nowNs;
+}
+
+void ZqHeldReads::look(const ZqDiskStatus& disk) {
+    if (startNs == NONE) return;
+    const auto fromNs = static_cast<int64>(disk.lastWaitFromNs), toNs = static_cast<int64>(disk.lastWaitToNs);
+    if (fromNs > takenNs) take(fromNs, toNs);
+    openNs = static_cast<int64>(disk.waitSinceNs);
+}
+
+void ZqHeldReads::end(int64 nowNs) {
+    if (startNs != NONE && openNs != 0) take(openNs, nowNs);
+    openNs = 0;
+    // So that no later look adds anything.
+    takenNs = nowNs;
+}
+
+int64 ZqHeldReads::lengthOf(int64 fromNs, int64 toNs) const {
+    const int64 ns = toNs - std::max(fromNs, startNs);
+    return ns > LEAST_NS ? ns / NS_PER_MS : 0;
+}
+
+void ZqHeldReads::take(int64 fromNs, int64 toNs) {
+    takenNs = fromNs;
+    const int64 ms = lengthOf(fromNs, toNs);
+    if (ms == 0) return;
+    add(&sum, ms);
+    const int64 fromMs = (std::max(fromNs, startNs) - beginNs) / NS_PER_MS;
+    waits.push_back({fromMs, fromMs + ms});
+    if (waits.size() <= MOST) return;
+    waits.erase(std::min_element(waits.begin(), waits.end(), [](const Wait& a, const Wait& b) {
+        return a.toMs - a.fromMs < b.toMs - b.fromMs;
+    }));
+}
+
+std::optional<ZqRunRecord::Waits> ZqHeldReads::getSum(int64 nowNs) const {
+    if (startNs == NONE) return {};
+    ZqRunRecord::Waits result = sum;
+    if (openNs != 0) {
+        if (const int64 ms = lengthOf(openNs, nowNs); ms > 0) add(&result, ms);
+    }
+    return result;
+}

@@ -1,0 +1,92 @@
+#include "RunShow.h"
+#include "App.h"
+#include "Forecast.h"
+#include "Job.h"
+#include "Progress.h"
+#include "RunTexts.h"
+
+#include <tavrin/SxTime.h>
+
+#include <cstdio>
+#include <optional>
+#include <unistd.h>
+
+namespace {
+
+constexpr int64 LOOK_MS = 100;
+/// From one look at the job's end to the next. Each wakes the machine, for as long as somebody plays, and the
+/// end of a run needn't be seen sooner.
+constexpr int64 END_LOOK_MS = 50;
+constexpr double BYTES_PER_MBIT = 125'000;
+
+/// Something that the end of the run needs hangs: a disk, the drive's service. The game must not stay.
+[[noreturn]] void endAtOnce(ZqRun* job, const SxString& image, Progress* progress) {
+    progress->finish();
+    job->killApplication();
+    Output::failure("Ended at once, since the end of the run took too long; `tavrin umount " +
+                    image.makeVisible() + "` takes the drive away where it is still there");
+    std::fflush(stdout);
+    ::_exit(ExitFailure);
+}
+
+} // namespace
+
+void followRun(ZqRun* job, const SxString& image, Output& out, const RunLook& look) {
+    const PatientSignals signals;
+    Progress progress(out.getMode(), "opening");
+    job->start();
+    bool toldLoss = false, toldCarried = false;
+    while (!SxWait::pass(
+        LOOK_MS, [&] { return !job->isRunning(); }, END_LOOK_MS)) {
+        if (signals.isAsked()) job->stop();
+        if (signals.isInsisted()) endAtOnce(job, image, &progress);
+        const ZqFeedStatus status = job->getStatus();
+        progress.setLabel(statusText(job->getPhase(), status));
+        progress.update(status.isChecking ? status.nChecked : status.nCurrent, status.nTotal);
+        if (!toldCarried && !status.carried.isEmpty()) {
+            toldCarried = true;
+            progress.finish();
+            out.text(status.carried);
+        }
+        look(status, &progress);
+        if (toldLoss || !job->hasLostWrites()) continue;
+        toldLoss = true;
+        progress.finish();
+        Output::failure(lostWritesText(image));
+    }
+    // A run can be over before anybody has looked.
+    look(job->getStatus(), &progress);
+    progress.finish();
+    job->wait();
+    if (!toldLoss && job->hasLostWrites()) Output::failure(lostWritesText(image));
+    // Told here where it isn't what has ended the run.
+    const SxString failure = job->getResult().driveFailure;
+    if (!failure.isEmpty() && job->hasException() && !job->getException().hasTag(ZqRun::DRIVE_FAILED))
+        Output::failure("A read or write of the drive of '" + image + "' has failed: " + failure);
+}
+
+void ForecastLine::look(const ZqRun& job, const ZqFeedStatus& status, Progress* progress) {
+    const ZqRun::Phase phase = job.getPhase();
+    const bool isAhead = phase > ZqRun::Opening && phase < ZqRun::Running;
+    if (told || status.nCurrent >= status.nTotal || !(status.speed > 0)) return;
+    if (!isAhead && !(startsAtOnce && phase == ZqRun::Running)) return;
+    told = true;
+    const double mbit = status.speed / BYTES_PER_MBIT;
+    const ZqStartForecast forecast = job.forecast(mbit);
+    progress->finish();
+    out->text(SxString::sprintf("At %.1f Mbit/s: ", mbit) + safeStartText(forecast));
+    if (forecast.untilSafe > 0) out->text("  " + earlyStartText(forecast));
+    out->flush();
+}
+
+void TraceLine::look(const ZqRun& job, Progress* progress) {
+    if (told) return;
+    const std::optional<ZqTracePolicy::Decision> decision = job.getTraceDecision();
+    if (!decision) return;
+    told = true;
+    const SxString line = traceText(*decision);
+    if (line.isEmpty()) return;
+    progress->finish();
+    out->text(line);
+    out->flush();
+}

@@ -1,0 +1,43 @@
+#pragma once
+
+#include "Output.h"
+
+#include <tavrin/ZqRun.h>
+
+#include <functional>
+
+class Progress;
+
+/// Called again and again while a run goes on, and at its end.
+using RunLook = std::function<void(const ZqFeedStatus& status, Progress* progress)>;
+
+/// Starts a run and shows it until it has ended. The first of the signals that ask for an end stops it;
+/// others change nothing, unless one comes so late that something must hang: then the application is killed,
+/// and the program ends at once, with exit code 1.
+void followRun(ZqRun* job, const SxString& image, Output& out, const RunLook& look);
+
+/// Tells once, when the speed of the download is known and the start is still to come, or was one at once,
+/// what the load profile says of it.
+class ForecastLine {
+public:
+    ForecastLine(bool startsAtOnce_, Output* out_) : startsAtOnce(startsAtOnce_), out(out_) {}
+
+    void look(const ZqRun& job, const ZqFeedStatus& status, Progress* progress);
+
+private:
+    const bool startsAtOnce;
+    Output* const out;
+    bool told = false;
+};
+
+/// Tells once, as soon as that is decided, whether the run records a trace.
+class TraceLine {
+public:
+    explicit TraceLine(Output* out_) : out(out_) {}
+
+    void look(const ZqRun& job, Progress* progress);
+
+private:
+    Output* const out;
+    bool told = false;
+};

@@ -1,0 +1,97 @@
+#include "RunTexts.h"
+
+#include <tavrin/ZqReadable.h>
+
+#include <array>
+#include <cmath>
+
+namespace {
+
+SxString phaseText(ZqRun::Phase phase) {
+    constexpr std::array<const char*, 9> TEXTS = {"opening", "loading", "mounting",   "preparing", "running",
+                                                  "running", "feeding", "completing", "ending"};
+    return TEXTS[static_cast<size_t>(phase)];
+}
+
+} // namespace
+
+SxString statusText(ZqRun::Phase phase, const ZqFeedStatus& status) {
+    if (!status.waiting.isEmpty()) return status.waiting;
+    SxString text = phaseText(phase);
+    if (phase < ZqRun::Running && status.startEta > 0) {
+        text += SxString(", start in ") + status.startEta + " s";
+    }
+    if (status.isUnderflow) text += ", the application waits for data";
+    if (status.isChecking) text += ", checking the image";
+    if (status.nShort > 0) {
+        text += SxString::sprintf(", needs %.0f MB more on the disk",
+                                  std::ceil(static_cast<double>(status.nShort) / 1e6));
+    }
+    return text;
+}
+
+SxString traceText(const ZqTracePolicy::Decision& decision) {
+    static_assert(ZqTracePolicy::N_ENOUGH == 5 && ZqTracePolicy::EVERY == 10, "the text says so");
+    switch (decision.reason) {
+    case ZqTracePolicy::Wished:
+        return decision.records ? "Records which blocks are read, as --trace says."
+                                : "Records no trace, as --no-trace says.";
+    case ZqTracePolicy::Few:
+        return "Records which blocks are read: " + SxString(decision.nSound) +
+               " of 5 traces of this build are there.";
+    case ZqTracePolicy::Turn:
+        return "Records which blocks are read: five traces of this build are there, and every tenth run "
+               "records.";
+    case ZqTracePolicy::Enough:
+        return "Records no trace: five traces of this build are there. Every tenth run records.";
+    case ZqTracePolicy::Partial:
+        break;
+    }
+    return {};
+}
+
+SxString waitsText(const ZqRunRecord::Waits& waits) {
+    if (waits.n == 0) return "none";
+    return SxString(waits.n) + ", the longest " + ZqReadable::seconds(waits.longestMs) + ", " +
+           ZqReadable::seconds(waits.sumMs) + " in all";
+}
+
+void tellFigures(const ZqRun::Result& result, Output* out) {
+    const ZqRuntimeInfo& info = result.info;
+    if (result.startMs >= 0) out->text("  start of the application  " + ZqReadable::seconds(result.startMs));
+    if (result.firstFrameMs >= 0)
+        out->text("  first frame               " + ZqReadable::seconds(result.firstFrameMs));
+    out->text("  there at the start        " + readableBytes(static_cast<double>(info.preloadSize)) + " of " +
+              readableBytes(static_cast<double>(info.imageSize)));
+    out->text("  received                  " + readableBytes(static_cast<double>(result.link.nBytes)) +
+              (result.image.isPacked ? " (packed)" : "") + ", on demand " +
+              readableBytes(static_cast<double>(result.link.nOnDemandBytes)) + ", twice " +
+              readableBytes(static_cast<double>(result.image.nTwice)));
+    out->text(SxString("  on-demand requests        ") + info.nOnDemandFetches + ", " + info.avgOnDemandTime +
+              " ms each, the longest " + info.maxOnDemandTime + " ms");
+    if (info.nHinted > 0) {
+        out->text(SxString("  fetched by hints          ") +
+                  ZqReadable::counted(info.nHinted, "stretch", "stretches") + ", of which " +
+                  info.nHintsUsed + " were read");
+    }
+    if (result.waits) out->text("  waits for data            " + waitsText(*result.waits));
+    out->text(SxString("  underflows                ") + info.nUnderflows + ", the longest " +
+              ZqReadable::seconds(info.maxUnderflowTime));
+    out->text("  download                  " +
+              SxString(info.downloadComplete ? "complete" : "goes on with the next run") + ", " +
+              SxString::sprintf("%.1f Mbit/s", info.avgSpeed));
+    if (!result.traceFolder.isEmpty()) out->text("  trace                     " + result.traceFolder);
+    if (!result.mountPath.isEmpty()) out->text("  the drive stays at        " + result.mountPath);
+}
+
+void tellMissing(const ZqRun::Result& result, const SxString& image, Output* out) {
+    if (result.nMissing == 0) return;
+    out->text(readableBytes(static_cast<double>(result.nMissing)) + " are still missing; `tavrin fetch " +
+              image.makeVisible() + "` downloads them");
+}
+
+SxString lostWritesText(const SxString& image) {
+    return "What programs wrote to the former drive of '" + image +
+           "' may be lost as far as they hadn't synced it: its service was killed, or somebody has taken it "
+           "away";
+}

@@ -1,0 +1,56 @@
+#include "ZqDiskStatus.h"
+#include "ZqHeldReads.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+constexpr int64 MS = 1'000'000;
+
+/// A drive's status with the last wait that has ended, and when the one began that goes on; milliseconds.
+ZqDiskStatus statusOf(int64 lastFrom, int64 lastTo, int64 since = 0) {
+    ZqDiskStatus disk;
+    disk.lastWaitFromNs = static_cast<uint64>(lastFrom * MS);
+    disk.lastWaitToNs = static_cast<uint64>(lastTo * MS);
+    disk.waitSinceNs = static_cast<uint64>(since * MS);
+    return disk;
+}
+
+} // namespace
+
+TEST(HeldReads, CountEachWaitOnceFromTheStartOfTheApplicationOn) {
+    ZqHeldReads held;
+    held.look(statusOf(1'000, 3'000));
+    EXPECT_FALSE(held.getSum(5'000 * MS)) << "nothing has been started";
+    held.start(2'000 * MS, 5'000 * MS);
+    // One from before, one that began before the start, twice.
+    held.look(statusOf(1'000, 3'000, 4'000));
+    EXPECT_EQ(held.getSum(5'400 * MS)->n, 0);
+    EXPECT_EQ(held.getSum(6'000 * MS)->sumMs, 1'000) << "it goes on";
+    held.look(statusOf(4'000, 7'000));
+    held.look(statusOf(4'000, 7'000));
+    EXPECT_EQ(held.getSum(8'000 * MS)->n, 1);
+    EXPECT_EQ(held.getSum(8'000 * MS)->longestMs, 2'000);
+    ASSERT_EQ(held.getWaits().size(), 1U);
+    EXPECT_EQ(held.getWaits()[0].fromMs, 3'000);
+    EXPECT_EQ(held.getWaits()[0].toMs, 5'000);
+    // One that goes on at the end counts up to that.
+    held.look(statusOf(4'000, 7'000, 9'000));
+    held.end(10'000 * MS);
+    held.look(statusOf(9'000, 20'000, 21'000));
+    const auto sum = held.getSum(30'000 * MS);
+    EXPECT_EQ(sum->n, 2);
+    EXPECT_EQ(sum->longestMs, 2'000);
+    EXPECT_EQ(sum->sumMs, 3'000);
+}
+
+TEST(HeldReads, KeepTheLongestOfVeryMany) {
+    ZqHeldReads held;
+    held.start(1, 1);
+    const auto n = static_cast<int64>(ZqHeldReads::MOST) + 10;
+    for (int64 i = 1; i <= n; ++i)
+        held.look(statusOf(i * 10'000, i * 10'000 + 1'000 + i));
+    EXPECT_EQ(held.getSum(0)->n, n);
+    ASSERT_EQ(held.getWaits().size(), ZqHeldReads::MOST);
+    EXPECT_EQ(held.getWaits().front().toMs - held.getWaits().front().fromMs, 1'011);
+}
