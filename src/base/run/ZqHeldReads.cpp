@@ -23,7 +23,7 @@ void ZqHeldReads::start(int64 beginNs_, int64 nowNs) {
 }
 
 void ZqHeldReads::look(const ZqDiskStatus& disk) {
-    if (startNs == NONE) return;
+    if (startNs == NONE || hasEnded) return;
     const auto fromNs = static_cast<int64>(disk.lastWaitFromNs), toNs = static_cast<int64>(disk.lastWaitToNs);
     if (fromNs > takenNs) take(fromNs, toNs);
     openNs = static_cast<int64>(disk.waitSinceNs);
@@ -32,8 +32,7 @@ void ZqHeldReads::look(const ZqDiskStatus& disk) {
 void ZqHeldReads::end(int64 nowNs) {
     if (startNs != NONE && openNs != 0) take(openNs, nowNs);
     openNs = 0;
-    // So that no later look adds anything.
-    takenNs = nowNs;
+    hasEnded = true;
 }
 
 int64 ZqHeldReads::lengthOf(int64 fromNs, int64 toNs) const {

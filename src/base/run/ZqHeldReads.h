@@ -36,6 +36,7 @@ private:
     int64 startNs = NONE; ///< of the application
     int64 takenNs = 0;    ///< when the last wait that was taken had begun
     int64 openNs = 0;     ///< when the one began that goes on; 0 for none
+    bool hasEnded = false;
     ZqRunRecord::Waits sum;
     std::vector<Wait> waits;
 };
