@@ -53,6 +53,7 @@ Progress::Progress(const OutputMode& mode, const SxString& label_)
 void Progress::update(uint64 nCurrent, uint64 nTotal) {
     const int64 nowNs = SxClock::get().steadyNs();
     measure(nCurrent, nowNs);
+    if (stalled) rate = 0;
     if (style == Drawn) {
         const SxString line = formatLine(label, nCurrent, nTotal, rate, terminalWidth() - 1);
         std::fputs(("\r" + line + "\x1b[K").ascii(), stderr);
@@ -82,6 +83,11 @@ void Progress::measure(uint64 nCurrent, int64 nowNs) {
     }
     lastCurrent = nCurrent;
     lastNs = nowNs;
+}
+
+void Progress::setStalled(bool on) {
+    stalled = on;
+    if (on) measured = false;
 }
 
 void Progress::finish() {

@@ -10,6 +10,8 @@ public:
     Progress(const OutputMode& mode, const SxString& label);
 
     void setLabel(const SxString& text) { label = text; }
+    /// Nothing comes for now: neither rate nor time to the end is shown, and the rate begins anew.
+    void setStalled(bool on);
     /// Shows that `nCurrent` of `nTotal` bytes are done; a total of 0 isn't known yet.
     void update(uint64 nCurrent, uint64 nTotal);
     /// Takes the drawn line away.
@@ -30,6 +32,6 @@ private:
     bool drawn = false;
     int64 startNs, lastNs, lastLineNs;
     uint64 lastCurrent = 0;
-    bool measured = false;
+    bool measured = false, stalled = false;
     double rate = 0;
 };

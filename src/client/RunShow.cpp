@@ -5,7 +5,9 @@
 #include "Progress.h"
 #include "RunTexts.h"
 
+#include <tavrin/SxClock.h>
 #include <tavrin/SxTime.h>
+#include <tavrin/ZqShownEta.h>
 
 #include <cstdio>
 #include <optional>
@@ -29,11 +31,21 @@ constexpr double BYTES_PER_MBIT = 125'000;
     ::_exit(ExitFailure);
 }
 
+std::optional<double> untilStart(const ZqRun& job, const ZqFeedStatus& status, ZqShownEta* estimate) {
+    if (!status.waiting.isEmpty()) {
+        estimate->forget();
+        return {};
+    }
+    const double now = static_cast<double>(SxClock::get().steadyNs()) * 1e-9;
+    return estimate->look(now, status.linkRate, [&](double rate) { return job.estimateStart(rate); });
+}
+
 } // namespace
 
-void followRun(ZqRun* job, const SxString& image, Output& out, const RunLook& look) {
+void followRun(ZqRun* job, const SxString& image, bool startsAtOnce, Output& out, const RunLook& look) {
     const PatientSignals signals;
     Progress progress(out.getMode(), "opening");
+    ZqShownEta estimate;
     job->start();
     bool toldLoss = false, toldCarried = false;
     while (!SxWait::pass(
@@ -41,21 +53,23 @@ void followRun(ZqRun* job, const SxString& image, Output& out, const RunLook& lo
         if (signals.isAsked()) job->stop();
         if (signals.isInsisted()) endAtOnce(job, image, &progress);
         const ZqFeedStatus status = job->getStatus();
-        progress.setLabel(statusText(job->getPhase(), status));
+        progress.setStalled(!status.waiting.isEmpty());
+        progress.setLabel(
+            statusText(job->getPhase(), status, untilStart(*job, status, &estimate), startsAtOnce));
         progress.update(status.isChecking ? status.nChecked : status.nCurrent, status.nTotal);
         if (!toldCarried && !status.carried.isEmpty()) {
             toldCarried = true;
             progress.finish();
             out.text(status.carried);
         }
-        look(status, &progress);
+        look(status, estimate, &progress);
         if (toldLoss || !job->hasLostWrites()) continue;
         toldLoss = true;
         progress.finish();
         Output::failure(lostWritesText(image));
     }
     // A run can be over before anybody has looked.
-    look(job->getStatus(), &progress);
+    look(job->getStatus(), estimate, &progress);
     progress.finish();
     job->wait();
     if (!toldLoss && job->hasLostWrites()) Output::failure(lostWritesText(image));
@@ -65,16 +79,17 @@ void followRun(ZqRun* job, const SxString& image, Output& out, const RunLook& lo
         Output::failure("A read or write of the drive of '" + image + "' has failed: " + failure);
 }
 
-void ForecastLine::look(const ZqRun& job, const ZqFeedStatus& status, Progress* progress) {
+void ForecastLine::look(const ZqRun& job, const ZqFeedStatus& status, const ZqShownEta& estimate,
+                        Progress* progress) {
     const ZqRun::Phase phase = job.getPhase();
     const bool isAhead = phase > ZqRun::Opening && phase < ZqRun::Running;
-    if (told || status.nCurrent >= status.nTotal || !(status.speed > 0)) return;
+    if (told || status.nCurrent >= status.nTotal || !estimate.isKnown()) return;
     if (!isAhead && !(startsAtOnce && phase == ZqRun::Running)) return;
     told = true;
-    const double mbit = status.speed / BYTES_PER_MBIT;
-    const ZqStartForecast forecast = job.forecast(mbit);
     progress->finish();
-    out->text(SxString::sprintf("At %.1f Mbit/s: ", mbit) + safeStartText(forecast));
+    const ZqStartForecast forecast = job.forecast(estimate.getRate());
+    out->text(SxString::sprintf("The link brings %.1f Mbit/s: ", estimate.getRate() / BYTES_PER_MBIT) +
+              safeStartText(forecast));
     if (forecast.untilSafe > 0) out->text("  " + earlyStartText(forecast));
     out->flush();
 }

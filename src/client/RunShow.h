@@ -7,14 +7,16 @@
 #include <functional>
 
 class Progress;
+class ZqShownEta;
 
 /// Called again and again while a run goes on, and at its end.
-using RunLook = std::function<void(const ZqFeedStatus& status, Progress* progress)>;
+using RunLook =
+    std::function<void(const ZqFeedStatus& status, const ZqShownEta& estimate, Progress* progress)>;
 
 /// Starts a run and shows it until it has ended. The first of the signals that ask for an end stops it;
 /// others change nothing, unless one comes so late that something must hang: then the application is killed,
-/// and the program ends at once, with exit code 1.
-void followRun(ZqRun* job, const SxString& image, Output& out, const RunLook& look);
+/// and the program ends at once, with exit code 1. `startsAtOnce`: the start waits for the drive alone.
+void followRun(ZqRun* job, const SxString& image, bool startsAtOnce, Output& out, const RunLook& look);
 
 /// Tells once, when the speed of the download is known and the start is still to come, or was one at once,
 /// what the load profile says of it.
@@ -22,7 +24,8 @@ class ForecastLine {
 public:
     ForecastLine(bool startsAtOnce_, Output* out_) : startsAtOnce(startsAtOnce_), out(out_) {}
 
-    void look(const ZqRun& job, const ZqFeedStatus& status, Progress* progress);
+    void look(const ZqRun& job, const ZqFeedStatus& status, const ZqShownEta& estimate,
+              Progress* progress);
 
 private:
     const bool startsAtOnce;

@@ -13,14 +13,25 @@ SxString phaseText(ZqRun::Phase phase) {
     return TEXTS[static_cast<size_t>(phase)];
 }
 
+SxString offlineText(const ZqNetOutage& outage) {
+    if (outage.nTries == 0) return {};
+    return ", offline for " + SxString(outage.ms / 1000) + " s, " +
+           ZqReadable::counted(outage.nTries, "try", "tries");
+}
+
+SxString startText(double seconds, bool isBound) {
+    const auto whole = static_cast<int64>(std::ceil(seconds));
+    if (whole == 0) return ", starts in a moment";
+    return (isBound ? ", starts within " : ", starts in ") + SxString(whole) + " s";
+}
+
 } // namespace
 
-SxString statusText(ZqRun::Phase phase, const ZqFeedStatus& status) {
-    if (!status.waiting.isEmpty()) return status.waiting;
+SxString statusText(ZqRun::Phase phase, const ZqFeedStatus& status, std::optional<double> untilStart,
+                    bool isBound) {
+    if (!status.waiting.isEmpty()) return status.waiting + offlineText(status.outage);
     SxString text = phaseText(phase);
-    if (phase < ZqRun::Running && status.startEta > 0) {
-        text += SxString(", start in ") + status.startEta + " s";
-    }
+    if (untilStart) text += startText(*untilStart, isBound);
     if (status.isUnderflow) text += ", the application waits for data";
     if (status.isChecking) text += ", checking the image";
     if (status.nShort > 0) {

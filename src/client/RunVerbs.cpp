@@ -107,10 +107,11 @@ int run(const RunOptions& options, Output& out) {
     ZqRun job(settingsOf(options));
     ForecastLine forecast(options.now, &out);
     TraceLine trace(&out);
-    followRun(&job, options.image, out, [&](const auto& status, Progress* progress) {
-        trace.look(job, progress);
-        forecast.look(job, status, progress);
-    });
+    followRun(&job, options.image, options.now, out,
+              [&](const auto& status, const auto& estimate, Progress* progress) {
+                  trace.look(job, progress);
+                  forecast.look(job, status, estimate, progress);
+              });
     const ZqRun::Result& result = job.getResult();
     if (result.wasStarted) {
         out.text(endText(job));
@@ -152,7 +153,7 @@ int fetch(const RunOptions& options, Output& out) {
     settings.feed.job = "fetch";
     settings.feed.isDownloadOnly = true;
     ZqRun job(settings);
-    followRun(&job, options.image, out, [](const auto&, Progress*) {});
+    followRun(&job, options.image, false, out, [](const auto&, const auto&, Progress*) {});
     const ZqRun::Result& result = job.getResult();
     if (out.getMode().json) out.object(job.toJson());
     tellMissing(result, options.image, &out);
@@ -187,7 +188,7 @@ int mountFed(const FedMount& mount, Output& out, const std::function<void()>& te
     settings.noLaunchers = mount.noLaunchers;
     ZqRun job(settings);
     bool told = false;
-    followRun(&job, mount.image, out, [&](const auto&, Progress*) {
+    followRun(&job, mount.image, false, out, [&](const auto&, const auto&, Progress*) {
         if (told || job.getPhase() != ZqRun::Feeding) return;
         told = true;
         tell();

@@ -22,6 +22,7 @@ struct ZqFeedStatus {
     uint64 nCurrent = 0, nTotal = 0;
     uint64 nNeeded = 0;                ///< until the application may start
     double speed = 0.;                 ///< of late
+    double linkRate = 0.;              ///< of the wire, within its limit; 0 not known
     uint64 startEta = 0, totalEta = 0; ///< seconds
     bool isUnderflow = false;          ///< an underflow that on-demand requests don't resolve
     bool isChecking = false;           ///< the complete image is compared with its digest
@@ -29,6 +30,7 @@ struct ZqFeedStatus {
     uint64 nShort = 0;                 ///< what the disk lacks for the rest of it
     SxString carried;                  ///< what was kept where the server has another order, a line; or empty
     SxString waiting;                  ///< what it waits for, as a line; empty while all goes well
+    ZqNetOutage outage;                ///< how long the server, or the way to it, has been away
     ZqNetFigures link;
     ZqImageFigures image;
 };

@@ -9,6 +9,7 @@
 #include "ZqImageProgress.h"
 #include "ZqLog.h"
 #include "ZqOrderedDownload.h"
+#include "ZqStartEta.h"
 
 #include <algorithm>
 
@@ -42,6 +43,7 @@ void ZqImageDownload::start() {
     file->startWriter();
     progress = SxPtr<ZqImageProgress>::create(origin.getImage(), origin.getApp());
     progress->setWriteEnd([this] { return file->writeEnd(); });
+    progress->setEarlySpeed([this] { return getLinkRate() / ZqBlocks::PER_MEGABIT; });
     progress->start();
     download = std::make_unique<ZqOrderedDownload>(image);
     beginDownload();
@@ -171,6 +173,23 @@ void ZqImageDownload::wait() {
     if (writer) writer->wait();
 }
 
+/// What the link may carry of the ordered download, bytes a second; 0 where that isn't known.
+double ZqImageDownload::getLinkRate() const {
+    const double rate = link->getFigures().rate;
+    return origin.getRateLimit() > 0 ? std::min(rate, static_cast<double>(origin.getRateLimit())) : rate;
+}
+
+std::optional<double> ZqImageDownload::estimateStart(double rate, bool isAtOnce) const {
+    ZqStartEta eta;
+    eta.nThere = progress->getNCurrent();
+    eta.rate = rate;
+    eta.speed = progress->getAvgSpeed();
+    eta.nSeconds = progress->getNSpeeds();
+    eta.isAtOnce = isAtOnce;
+    eta.wireSize = [this](uint64 from, uint64 to) { return image->wireSize(from, to); };
+    return eta.getSeconds(origin.getApp());
+}
+
 void ZqImageDownload::addTo(ZqFeedStatus* status) const {
     const uint64 limit = origin.getRateLimit() > 0 ? origin.getRateLimit() : ANY_RATE;
     status->nShort = file->getNShort();
@@ -180,6 +199,7 @@ void ZqImageDownload::addTo(ZqFeedStatus* status) const {
     status->startEta = progress->getStartETA(limit);
     status->totalEta = progress->getTotalETA();
     status->link = link->getFigures();
+    status->linkRate = getLinkRate();
     status->image = image->getFigures();
     if (status->waiting.isEmpty() && progress->isServiceSilent()) {
         status->waiting = "waiting for the drive service, which doesn't answer";

@@ -6,6 +6,7 @@
 #include "ZqServerSilence.h"
 
 #include <memory>
+#include <optional>
 
 class ZqFeedHealth;
 class ZqGrowingImage;
@@ -42,11 +43,14 @@ public:
 
     /// Fills in how it stands. What it waits for is the caller's, if that has something to say.
     void addTo(ZqFeedStatus* status) const;
+    /// Seconds until the application may start, where the link brings `rate` bytes a second; see ZqStartEta.
+    std::optional<double> estimateStart(double rate, bool isAtOnce) const;
 
 private:
     /// From one try of a download that fails to the next at first, doubled each time.
     static constexpr int64 FIRST_PAUSE_NS = 500'000'000;
 
+    double getLinkRate() const;
     void openStore();
     void beginDownload();
     void keepDownload();

@@ -243,8 +243,31 @@ SxString ZqImageFeed::getLinkStatus() const {
     return link ? link->getStatus() : SxString();
 }
 
+ZqNetOutage ZqImageFeed::getOutage() const {
+    const SxMutexBlock block(&mutex);
+    return link ? link->getOutage() : ZqNetOutage();
+}
+
+std::optional<double> ZqImageFeed::estimateStart(double rate, bool isAtOnce) const {
+    if (!manager) return 0;
+    return download->estimateStart(rate, isAtOnce);
+}
+
+ZqStartForecast ZqImageFeed::forecast(double rate) const {
+    const uint64 nThere = fileSize(), nTotal = getApp().sizeZqf;
+    if (!manager || nThere >= nTotal) return ZqStartForecast(getApp(), 0, nTotal);
+    // The profile is of `img.zqf`, of which a packed delivery brings more than the wire has.
+    const auto nWire =
+        static_cast<double>(std::max<uint64>(download->getImage()->wireSize(nThere, nTotal), 1));
+    const double speed = rate * static_cast<double>(nTotal - nThere) / nWire;
+    ZqStartForecast result(getApp(), speed / ZqBlocks::PER_MEGABIT, nThere);
+    if (const std::optional<double> seconds = estimateStart(rate, false)) result.untilSafe = *seconds;
+    return result;
+}
+
 ZqImageFeed::Status ZqImageFeed::getStatus() const {
     Status status;
+    status.outage = getOutage();
     status.nTotal = getApp().sizeZqf;
     status.waiting = health.getWaiting();
     status.carried = folder.getCarried();

@@ -5,6 +5,7 @@
 #include "ZqFeedHealth.h"
 #include "ZqGrowingImage.h"
 #include "ZqRuntimeInfo.h"
+#include "ZqStartForecast.h"
 
 #include <atomic>
 #include <memory>
@@ -84,6 +85,14 @@ public:
     bool isSettled() const { return settled; }
     /// From start() on.
     Status getStatus() const;
+    /// Seconds until the application may start, or with `isAtOnce` until there can be a drive, where the link
+    /// brings `rate` bytes a second; none where that isn't above 0. 0 where nothing is downloaded. From
+    /// start() on.
+    std::optional<double> estimateStart(double rate, bool isAtOnce) const;
+    /// What the load profile says of a start with what is there, likewise.
+    ZqStartForecast forecast(double rate) const;
+    /// How long the server has been away; safe at any time.
+    ZqNetOutage getOutage() const;
     /// What open() waits for, as a line.
     SxString getLinkStatus() const;
     /// The underflows and on-demand requests so far.

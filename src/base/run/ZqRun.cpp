@@ -73,6 +73,7 @@ ZqFeedStatus ZqRun::getStatus() const {
     ZqFeedStatus status;
     if (phase == Opening) {
         status.waiting = feed->getLinkStatus();
+        status.outage = feed->getOutage();
         return status;
     }
     status = feed->getStatus();
@@ -83,8 +84,14 @@ ZqFeedStatus ZqRun::getStatus() const {
     return status;
 }
 
-ZqStartForecast ZqRun::forecast(double speedMbit) const {
-    return ZqStartForecast(feed->getApp(), speedMbit, feed->getStatus().nCurrent);
+ZqStartForecast ZqRun::forecast(double rate) const {
+    return feed->forecast(rate);
+}
+
+std::optional<double> ZqRun::estimateStart(double rate) const {
+    const Phase now = phase;
+    if (now == Opening || now >= Running) return {};
+    return feed->estimateStart(rate, settings.startsAtOnce);
 }
 
 std::optional<ZqTracePolicy::Decision> ZqRun::getTraceDecision() const {

@@ -59,9 +59,12 @@ public:
     void killApplication();
     Phase getPhase() const { return phase; }
     ZqFeedStatus getStatus() const;
-    /// What the load profile says of a start at that speed, in megabit per second of `img.zqf`, with what is
-    /// there now. Needs a phase after Opening.
-    ZqStartForecast forecast(double speedMbit) const;
+    /// What the load profile says of a start with what is there now, where the link brings `rate` bytes a
+    /// second. Needs a phase after Opening.
+    ZqStartForecast forecast(double rate) const;
+    /// Seconds until the application starts, by what a link of `rate` bytes a second still has to bring; none
+    /// where that rate isn't above 0, and but before the start, after the phase Opening.
+    std::optional<double> estimateStart(double rate) const;
     /// Whether the run records a trace, and why. None before the phase Mounting, for a run that has nothing
     /// to decide (it has no application, goes on with that of a former run, or was given the folder of its
     /// trace), and where a full disk leaves no choice (`lacksTraceRoom` of the result).

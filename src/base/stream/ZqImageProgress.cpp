@@ -8,6 +8,7 @@
 #include "ZqJobFailure.h"
 #include "ZqLog.h"
 #include "ZqMountMgr.h"
+#include "ZqStartForecast.h"
 #include "ZqVolume.h"
 
 #include <algorithm>
@@ -117,6 +118,11 @@ double ZqImageProgress::getAvgSpeed() const {
     return avgSpeed->getAverage();
 }
 
+int64 ZqImageProgress::getNSpeeds() const {
+    SxMutexBlock lock(&speedMutex);
+    return avgSpeed->getN();
+}
+
 double ZqImageProgress::getSigmaSpeed() const {
     SxMutexBlock lock(&speedMutex);
     return avgSpeed->getSigma();
@@ -151,16 +157,13 @@ uint64 ZqImageProgress::getNInitTrace() const {
 }
 
 uint64 ZqImageProgress::getNInit(uint64 speedLimit) const {
-    const double speed = std::min(getAvgSpeed(), static_cast<double>(speedLimit) / ZqBlocks::PER_MEGABIT);
-    const uint64 total = getNTotal();
-    if (appParams.minBandwidth > 0 && static_cast<double>(appParams.minBandwidth) > speed) return total;
-    // A product beyond 64 bits is more than any image has.
-    constexpr uint64 MAX = std::numeric_limits<uint64>::max();
-    const uint64 preload =
-        appParams.minPreload > MAX / ZqBlocks::MEGABYTE ? MAX : appParams.minPreload * ZqBlocks::MEGABYTE;
+    // A start at a fast link needn't wait for the first second to end. The wire is never faster than the
+    // file.
+    const double known = getNSpeeds() == 0 && earlySpeed ? earlySpeed() : getAvgSpeed();
+    const double speed = std::min(known, static_cast<double>(speedLimit) / ZqBlocks::PER_MEGABIT);
     // Recorded traces don't count: a long session touches most of an image, and its trace would outweigh the
     // profile, which says when each byte is due. Without a profile the whole image is waited for anyway.
-    const uint64 n = std::max({appParams.sizeMnt, preload, appParams.getNInit(speed)});
+    const uint64 n = ZqStartForecast::findInit(appParams, speed);
     SxMutexBlock lock(&countMutex);
     return n > nTotal || nCurrent == nTotal ? nTotal : n;
 }

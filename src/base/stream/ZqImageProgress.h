@@ -30,6 +30,11 @@ public:
     void setWriteEnd(std::function<uint64()> end) { writeEnd = std::move(end); }
     static constexpr uint64 ANY = ~uint64{0};
 
+    /// Until the first second has told a speed, getNInit() takes what `speed` gives, in megabit per second;
+    /// without that no speed is known then, and all of the image counts as needed. To be called before the
+    /// start.
+    void setEarlySpeed(std::function<double()> speed) { earlySpeed = std::move(speed); }
+
     void stop();
     bool stopRequested() const;
 
@@ -42,6 +47,8 @@ public:
     /// Of the last pass, of the last ten (mean and standard deviation), and of the whole run.
     double getCurrentSpeed() const;
     double getAvgSpeed() const;
+    /// How many passes the mean is of.
+    int64 getNSpeeds() const;
     double getSigmaSpeed() const;
     double getGlobalAvgSpeed() const;
     double getGlobalSigmaSpeed() const;
@@ -89,7 +96,8 @@ private:
 
     const SxString path;
     const ZqAppParams appParams;
-    std::function<uint64()> writeEnd; ///< may be empty
+    std::function<uint64()> writeEnd;   ///< may be empty
+    std::function<double()> earlySpeed; ///< likewise
 
     mutable SxMutex speedMutex;
     SxPtr<ZqAvg> avgSpeed SX_GUARDED_BY(speedMutex);

@@ -10,14 +10,6 @@ namespace {
 
 constexpr uint64 MEGABYTE = 1'000'000;
 
-/// Bytes that a start needs at that speed, as ZqImageProgress asks for them.
-uint64 findInit(const ZqAppParams& app, double speedMbit) {
-    if (app.minBandwidth > 0 && static_cast<double>(app.minBandwidth) > speedMbit) return app.sizeZqf;
-    constexpr uint64 MAX = std::numeric_limits<uint64>::max();
-    const uint64 preload = app.minPreload > MAX / MEGABYTE ? MAX : app.minPreload * MEGABYTE;
-    return std::min(app.sizeZqf, std::max({app.sizeMnt, preload, app.getNInit(speedMbit)}));
-}
-
 double secondsFor(uint64 nBytes, double bytesPerSecond) {
     if (nBytes == 0) return 0;
     return bytesPerSecond > 0 ? static_cast<double>(nBytes) / bytesPerSecond
@@ -29,6 +21,13 @@ uint64 missing(uint64 need, uint64 nThere) {
 }
 
 } // namespace
+
+uint64 ZqStartForecast::findInit(const ZqAppParams& app, double speedMbit) {
+    if (app.minBandwidth > 0 && static_cast<double>(app.minBandwidth) > speedMbit) return app.sizeZqf;
+    constexpr uint64 MAX = std::numeric_limits<uint64>::max();
+    const uint64 preload = app.minPreload > MAX / MEGABYTE ? MAX : app.minPreload * MEGABYTE;
+    return std::min(app.sizeZqf, std::max({app.sizeMnt, preload, app.getNInit(speedMbit)}));
+}
 
 ZqStartForecast::ZqStartForecast(const ZqAppParams& app, double speedMbit, uint64 nThere)
     : isKnown(!app.loadprofile.isEmpty()) {

@@ -30,6 +30,9 @@ public:
 
     double getTotalWait() const;
 
+    /// Bytes of `img.zqf` that a start needs at that speed, as ZqImageProgress asks for them.
+    static uint64 findInit(const ZqAppParams& app, double speedMbit);
+
 private:
     void addWaits(const ZqAppParams& app, double bytesPerSecond, uint64 nAtStart);
 };

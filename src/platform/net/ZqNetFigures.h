@@ -12,3 +12,9 @@ struct ZqNetFigures {
     double rate = 0.;      ///< of the ordered streams while they weren't held, bytes a second; 0 not known
     double tripBytes = 0.; ///< what the link carries in a round trip at its best of late; 0 not known
 };
+
+/// A server, or the way to it, that is away.
+struct ZqNetOutage {
+    int64 ms = 0;     ///< since the first request that failed
+    int64 nTries = 0; ///< in vain; 0 while it isn't away
+};

@@ -4,6 +4,8 @@
 #include "SxTime.h"
 #include "ZqNetLoop.h"
 
+#include <algorithm>
+
 #include <cstdlib>
 
 namespace {
@@ -96,9 +98,21 @@ void ZqNetLink::sleep(int64 ms, const ZqStopTest& stop, const ZqStopTest& until)
     });
 }
 
-void ZqNetLink::setWaiting(const void* who, const SxString& text) {
-    if (!text.isEmpty()) nRetries.fetch_add(1);
+ZqNetOutage ZqNetLink::getOutage() const {
+    const uint64 nBytes = loop->getFigures().nBytes;
     SxMutexBlock lock(&waitingMutex);
+    if (outage.nTries == 0 || nBytes != outage.nBytes) return {};
+    return {(SxClock::get().steadyNs() - outage.sinceNs) / 1'000'000, outage.nTries};
+}
+
+void ZqNetLink::setWaiting(const void* who, const SxString& text, int64 nTries) {
+    if (!text.isEmpty()) nRetries.fetch_add(1);
+    const uint64 nBytes = loop->getFigures().nBytes;
+    SxMutexBlock lock(&waitingMutex);
+    if (nTries > 0) {
+        if (outage.nTries == 0 || nBytes != outage.nBytes) outage = {SxClock::get().steadyNs(), 0, nBytes};
+        outage.nTries = std::max(outage.nTries, nTries);
+    }
     waiting.remove_if([who](const Waiting& entry) { return entry.who == who; });
     if (!text.isEmpty()) waiting.push_back({who, text});
 }

@@ -84,9 +84,12 @@ public:
     /// "Stopped".
     void cancel() noexcept { cancelled.store(true); }
     bool isCancelled() const noexcept { return cancelled.load(); }
-    /// What requests wait for, as one line such as "waiting for the server: Connection refused (3rd try)";
-    /// empty while all goes well.
+    /// What requests wait for, as one line such as "waiting for the server: Connection refused"; empty while
+    /// all goes well.
     SxString getStatus() const;
+    /// How long the server, or the way to it, has been away, and how often it was tried in that time by the
+    /// request that was most eager; zeros while it isn't.
+    ZqNetOutage getOutage() const;
     Figures getFigures() const;
 
     // For the classes that make requests.
@@ -105,8 +108,9 @@ public:
     void checkStop(const ZqStopTest& stop) const;
     /// Sleeps for `ms`, or until `until` says so, or until a stop, which it raises.
     void sleep(int64 ms, const ZqStopTest& stop, const ZqStopTest& until = nullptr) const;
-    /// `text` is what `who` waits for; empty takes it back.
-    void setWaiting(const void* who, const SxString& text);
+    /// `text` is what `who` waits for; empty takes it back. `nTries`: in vain so far, where the server is
+    /// away.
+    void setWaiting(const void* who, const SxString& text, int64 nTries = 0);
 
 private:
     struct Waiting {
@@ -119,6 +123,10 @@ private:
     std::unique_ptr<ZqNetLoop> loop;
     mutable SxMutex waitingMutex;
     std::list<Waiting> waiting SX_GUARDED_BY(waitingMutex);
+    struct Outage {
+        int64 sinceNs = 0, nTries = 0;
+        uint64 nBytes = 0; ///< received before; any more of them end it
+    } outage SX_GUARDED_BY(waitingMutex);
     std::atomic<uint64> nRetries{0};
     std::atomic<int64> nextCompareNs{0};
 };

@@ -8,17 +8,6 @@ namespace {
 
 constexpr const char* UNIT = "src/platform/net/ZqNetRetry";
 
-/// "2nd", "3rd", "11th"
-SxString ordinal(int64 n) {
-    const int64 last = n % 10;
-    const bool isTeen = n / 10 % 10 == 1;
-    const char* ending = "th";
-    if (!isTeen && last == 1) ending = "st";
-    if (!isTeen && last == 2) ending = "nd";
-    if (!isTeen && last == 3) ending = "rd";
-    return SxString(n) + ending;
-}
-
 } // namespace
 
 ZqNetRetry::ZqNetRetry(const SxPtr<ZqNetLink>& link_, int64 nTries_)
@@ -79,8 +68,7 @@ void ZqNetRetry::failed(const SxException& e, const ZqStopTest& stop) {
         throw SxException(e, "Nothing came in " + SxString(nTurnFailed) + " tries", UNIT, __LINE__)
             .tagged(TURN_ENDED);
     }
-    link->setWaiting(this,
-                     "waiting for the server: " + e.getMessage() + " (" + ordinal(nFailed + 1) + " try)");
+    link->setWaiting(this, "waiting for the server: " + e.getMessage(), isBusy ? 0 : nFailed);
     if (isBusy) {
         // How long nothing is asked of it is the same for all requests of the link, and known there.
         link->sleep(settings.firstBackOffMs, stop);

@@ -32,6 +32,44 @@ ZqRemoteImage::Figures ZqRemoteImage::getFigures() const {
     return now;
 }
 
+uint64 ZqRemoteImage::wireSize(uint64 from, uint64 to) const {
+    to = std::min(to, getSize());
+    if (from >= to) return 0;
+    const uint64 firstIdx = from / STRETCH, endIdx = (to + STRETCH - 1) / STRETCH;
+    // What of a stretch lies in the range.
+    const auto share = [&](uint64 idx) {
+        const uint64 begin = std::max(from, idx * STRETCH), end = std::min(to, forms.getLayout().endOf(idx));
+        return static_cast<double>(end - begin) / static_cast<double>(forms.getLayout().sizeOf(idx));
+    };
+    double size = 0;
+    std::function<double(uint64 idx)> sizeOf;
+    const ZqFormChoice& choice = forms.getChoice();
+    const ZqFormChoice::Table table = choice.getTable();
+    if (table) {
+        sizeOf = [&](uint64 idx) { return share(idx) * table->getFrame(idx).size; };
+        const ZqSeekTable::Frame &first = table->getFrame(firstIdx), &last = table->getFrame(endIdx - 1);
+        size = sizeOf(firstIdx);
+        if (endIdx - firstIdx > 1)
+            size += static_cast<double>(last.offset - first.offset - first.size) + sizeOf(endIdx - 1);
+    } else {
+        const double ratio = choice.getState() == ZqFormChoice::Packed::Offered ? packedShare() : 1;
+        sizeOf = [&, ratio](uint64 idx) {
+            return ratio * share(idx) * static_cast<double>(forms.getLayout().sizeOf(idx));
+        };
+        size = ratio * static_cast<double>(to - from);
+    }
+    cache.visitKept(firstIdx, endIdx, [&](uint64 idx) { size -= sizeOf(idx); });
+    return static_cast<uint64>(std::max(size, 0.0));
+}
+
+/// Bytes of the wire for each of the image, as they have come so far.
+double ZqRemoteImage::packedShare() const {
+    const auto nStreamed = static_cast<double>(counts.get().nStreamed);
+    const ZqNetFigures link = getLink()->getFigures();
+    const auto nWire = static_cast<double>(link.nBytes - std::min(link.nBytes, link.nOnDemandBytes));
+    return nStreamed > 0 ? std::min(nWire / nStreamed, 1.0) : 1;
+}
+
 void ZqRemoteImage::open() {
     if (forms.open()) ranges.start();
 }

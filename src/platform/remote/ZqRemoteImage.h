@@ -103,6 +103,10 @@ public:
     /// A stretch alone, over a connection of its own, whatever is kept of it. Else as read().
     SxPtr<SxArray<char>> fetchAnew(uint64 stretchIdx, const ZqStopTest& stop = nullptr);
 
+    /// Bytes of the wire that bring `img.zqf` from byte `from` to byte `to`: by the table of the packed form
+    /// where that is known, before that in the proportion of what has come. What is kept costs nothing.
+    uint64 wireSize(uint64 from, uint64 to) const;
+
     using Sink = ZqRemoteFile::Sink;
     /// Streams the bytes from `offset` to the image's end to `sink`, on the calling thread and at its pace.
     /// False where `sink` ended it. Goes on by itself after failures that may pass.
@@ -112,6 +116,7 @@ private:
     /// Begins to look for the table, and whatever else runs beside the first use.
     void open();
     void checkRange(uint64 offset, uint64 size) const;
+    double packedShare() const;
 
     ZqImageCounts counts;
     ZqStretchCache cache;

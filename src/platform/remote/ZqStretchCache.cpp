@@ -168,6 +168,13 @@ void ZqStretchCache::drop(uint64 firstIdx, uint64 endIdx) {
     unused.erase(unused.lower_bound(firstIdx), unused.lower_bound(endIdx));
 }
 
+void ZqStretchCache::visitKept(uint64 firstIdx, uint64 endIdx,
+                               const std::function<void(uint64 stretchIdx)>& visit) const {
+    SxMutexBlock lock(&mutex);
+    for (auto entry = kept.lower_bound(firstIdx); entry != kept.end() && entry->first < endIdx; ++entry)
+        visit(entry->first);
+}
+
 uint64 ZqStretchCache::getStored() const {
     if (!store) return 0;
     SxMutexBlock lock(&mutex);

@@ -74,6 +74,9 @@ public:
     /// there is none before that.
     uint64 findRun(uint64 firstIdx, uint64 endIdx, uint64 n) const;
 
+    /// Calls `visit` for each kept stretch from `firstIdx` to `endIdx` - 1, with the lock held.
+    void visitKept(uint64 firstIdx, uint64 endIdx, const std::function<void(uint64 stretchIdx)>& visit) const;
+
     /// Bytes that the store has.
     uint64 getStored() const;
 

@@ -184,8 +184,11 @@ TEST(ImageProgress, WhatTheStartNeeds) {
         download.writeTrace("image/traces/run1", c.traceBytes / 2);
         download.writeTrace("image/traces/run2", c.traceBytes);
         const auto progress = download.progress();
+        // Before the first second is over, the link's rate counts.
+        progress->setEarlySpeed([] { return 2; });
         progress->start();
         SxTime::msleep(5);
+        EXPECT_EQ(progress->getNInit(c.limit), c.nInit);
         download.grow(250'001);
         SxTime::msleep(1040);
         EXPECT_NEAR(progress->getAvgSpeed(), 2, 0.1);

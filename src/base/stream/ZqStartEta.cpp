@@ -1,0 +1,76 @@
+#include "ZqStartEta.h"
+
+#include "ZqBlocks.h"
+#include "ZqStartForecast.h"
+
+#include <algorithm>
+
+namespace {
+
+/// Over which the speed of a download is taken, and how often.
+constexpr double WINDOW = 10, PASS = 1;
+/// Points of the way, the closer the nearer they are.
+constexpr int N_POINTS = 256;
+/// So often the step is halved in which it is enough.
+constexpr int N_HALVES = 10;
+
+double between(double from, double to, double share) {
+    return from + (to - from) * share;
+}
+
+} // namespace
+
+std::vector<ZqStartEta::Point> ZqStartEta::draw(uint64 end) const {
+    std::vector<Point> way = {{0, static_cast<double>(nThere)}};
+    const auto span = static_cast<double>(end - nThere);
+    uint64 from = nThere;
+    double nWire = 0;
+    for (int i = 1; i <= N_POINTS; ++i) {
+        const double share = static_cast<double>(i) / N_POINTS;
+        const uint64 to = i == N_POINTS ? end : nThere + static_cast<uint64>(span * share * share);
+        nWire += static_cast<double>(wireSize(from, to));
+        way.push_back({nWire / rate, static_cast<double>(to)});
+        from = to;
+    }
+    return way;
+}
+
+bool ZqStartEta::isEnough(const ZqAppParams& app, const std::vector<Point>& way, const Point& now) const {
+    double mean = rate / ZqBlocks::PER_MEGABIT;
+    if (nSeconds > 0 || now.seconds >= PASS) {
+        const double coming = std::min(now.seconds, WINDOW);
+        const auto next = std::lower_bound(way.begin(), way.end(), now.seconds - coming,
+                                           [](const Point& point, double at) { return point.seconds < at; });
+        double nBefore = next->size;
+        if (next != way.begin()) {
+            const Point& last = *std::prev(next);
+            const double step = next->seconds - last.seconds;
+            if (step > 0)
+                nBefore = between(last.size, next->size, (now.seconds - coming - last.seconds) / step);
+        }
+        const double past = std::min(static_cast<double>(nSeconds), WINDOW - coming);
+        mean = (speed * past + (now.size - nBefore) / ZqBlocks::PER_MEGABIT) / (past + coming);
+    }
+    return now.size >= static_cast<double>(ZqStartForecast::findInit(app, mean));
+}
+
+std::optional<double> ZqStartEta::getSeconds(const ZqAppParams& app) const {
+    if (!(rate > 0)) return {};
+    const uint64 end = isAtOnce ? std::min(app.sizeMnt, app.sizeZqf) : app.sizeZqf;
+    if (nThere >= end) return 0;
+    if (isAtOnce) return static_cast<double>(wireSize(nThere, end)) / rate;
+    const std::vector<Point> way = draw(end);
+    const auto isPoint = [&](const Point& point) { return isEnough(app, way, point); };
+    const auto found = std::find_if(way.begin(), way.end(), isPoint);
+    if (found == way.begin()) return 0;
+    // Complete, it is enough at any speed.
+    const Point right = found == way.end() ? way.back() : *found;
+    const Point left = *std::prev(found == way.end() ? std::prev(way.end()) : found);
+    double least = 0, most = 1;
+    for (int i = 0; i < N_HALVES; ++i) {
+        const double share = (least + most) / 2;
+        const Point point{between(left.seconds, right.seconds, share), between(left.size, right.size, share)};
+        (isPoint(point) ? most : least) = share;
+    }
+    return between(left.seconds, right.seconds, most);
+}

@@ -1,0 +1,36 @@
+#pragma once
+
+#include "ZqAppParams.h"
+
+#include <functional>
+#include <optional>
+#include <vector>
+
+/// When an application may start, by what the link still has to bring: it goes by the bytes on the wire, so a
+/// stretch of the image that packs well makes the link no faster.
+///
+/// What a start needs depends on the speed of the download, which is that of `img.zqf`, over the last ten
+/// seconds (ZqImageProgress::getNInit()). So the download is followed in thought until it is enough.
+struct ZqStartEta {
+    /// Bytes of the wire that bring `img.zqf` from byte `from` to byte `to`.
+    using WireSize = std::function<uint64(uint64 from, uint64 to)>;
+
+    uint64 nThere = 0;     ///< bytes of `img.zqf`
+    double rate = 0;       ///< of the link, bytes a second
+    double speed = 0;      ///< of the download so far, megabit per second of `img.zqf`
+    int64 nSeconds = 0;    ///< that `speed` is the mean of
+    bool isAtOnce = false; ///< the start waits for the drive alone
+    WireSize wireSize;
+
+    /// Seconds from now on; none where the rate isn't known.
+    std::optional<double> getSeconds(const ZqAppParams& app) const;
+
+private:
+    /// What is there, over the seconds to come.
+    struct Point {
+        double seconds, size;
+    };
+
+    std::vector<Point> draw(uint64 end) const;
+    bool isEnough(const ZqAppParams& app, const std::vector<Point>& way, const Point& now) const;
+};
