@@ -27,7 +27,7 @@ struct RunOptions {
     ZqStatsWish stats;
     uint64 rate = 0;
     bool now = false, keepMounted = false, complete = false, noLaunchers = false;
-    bool trace = false, noTrace = false;
+    bool trace = false, noTrace = false, noVerify = false;
     int64 nTraces = ZqRun::N_TRACES, traceSeconds = ZqRun::TRACE_MS / MS_PER_S;
 };
 
@@ -81,6 +81,7 @@ ZqRun::Settings settingsOf(const RunOptions& options) {
     settings.feed.url = options.url;
     settings.feed.headers = SxArray<SxString>(options.headers);
     settings.feed.rateLimit = options.rate;
+    settings.feed.verifies = !options.noVerify;
     settings.startsAtOnce = options.now;
     settings.stats = options.stats;
     settings.noLaunchers = options.noLaunchers;
@@ -216,6 +217,8 @@ void registerRunVerbs(App* app) {
               "Start the title itself, and leave the launchers of this machine alone")
         .text("--runner", &options.runner, "PROGRAM",
               "What starts Windows programs in Wine's place, such as umu-run")
+        .flag("--no-verify", &options.noVerify,
+              "Play a complete image without the comparison with its digest, which is made once")
         .flag("--trace", &options.trace, "Record a trace of the run, however many there are")
         .flag("--no-trace", &options.noTrace, "Record no trace of the run")
         .integer("--trace-seconds", &options.traceSeconds, 0, MOST_SECONDS,

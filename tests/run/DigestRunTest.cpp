@@ -51,6 +51,33 @@ TEST_F(StreamRun, OnlyAnImageWithItsDigestCountsAsComplete) {
     done({"umount", got});
 }
 
+TEST_F(StreamRun, AnImageWithoutAnAddressIsComparedOnceBeforeItPlays) {
+    const string zqf = served + "/img.zqf";
+    done({"run", served});
+    expectPlayed();
+    EXPECT_THAT(dir.read("served/stream.json"), HasSubstr("\"verified\""));
+    const auto time = fs::last_write_time(zqf);
+    std::fstream file(zqf, std::ios::in | std::ios::out | std::ios::binary);
+    file.seekp(-1, std::ios::end);
+    file.put('\x55');
+    file.close();
+    fs::last_write_time(zqf, time);
+    done({"run", served});
+    fs::remove(played + ".started");
+    fs::last_write_time(zqf, time + std::chrono::seconds(1));
+    for (const char* verb : {"run", "fetch"}) {
+        const Outcome refused = run({verb, served});
+        EXPECT_EQ(refused.code, 1) << verb;
+        EXPECT_THAT(refused.err, HasSubstr("tavrin: '" + zqf + "' has the digest "));
+        EXPECT_THAT(refused.err, HasSubstr("the file is damaged, or was changed since it was made"));
+        EXPECT_EQ(std::count(refused.err.begin(), refused.err.end(), '\n'), 1) << refused.err;
+        EXPECT_FALSE(hasStarted());
+    }
+    done({"run", served, "--no-verify"});
+    EXPECT_TRUE(hasStarted());
+    EXPECT_EQ(run({"run", served}).code, 1) << "what wasn't compared counts as right only where that is said";
+}
+
 TEST_F(StreamRun, WhatIsWrongOfACompleteImageIsFetchedAnew) {
     done({"image", "pack", served, "--level", "1"});
     ASSERT_EQ(start()->end(), 0);

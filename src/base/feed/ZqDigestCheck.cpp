@@ -81,11 +81,7 @@ void ZqDigestCheck::verify() {
         return;
     }
     if (!isRight) {
-        throw SxException("'" + origin.getZqf() + "' has the digest " + digest + " where app.json states " +
-                              stated +
-                              ": what the server gave isn't the image, or the file was changed since; "
-                              "to download it anew, remove img.zqf",
-                          UNIT, __LINE__);
+        throw SxException(wrongText(digest), UNIT, __LINE__);
     }
     setVerified();
     try {
@@ -101,8 +97,21 @@ void ZqDigestCheck::verify() {
     }
 }
 
+SxString ZqDigestCheck::wrongText(const SxString& digest) const {
+    const SxString text = "'" + origin.getZqf() + "' has the digest " + digest + " where app.json states " +
+                          origin.getApp().checksumZqf;
+    if (origin.hasAddress()) {
+        return text + ": what the server gave isn't the image, or the file was changed since; to download it "
+                      "anew, remove img.zqf";
+    }
+    return text +
+           ": the file is damaged, or was changed since it was made; copy it or build it anew, or play "
+           "it as it is (--no-verify)";
+}
+
 /// A run that has no link to a server, since all was there, makes one for this alone.
 uint64 ZqDigestCheck::mend() {
+    if (!image && !origin.hasAddress()) return 0;
     const SxPtr<ZqRemoteImage> source = image ? image : origin.makeImage(SxPtr<ZqNetLink>::create());
     if (!image) {
         const SxMutexBlock block(&mutex);

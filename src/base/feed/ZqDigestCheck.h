@@ -15,9 +15,8 @@ class ZqFeedHealth;
 /// and the digest is taken again. A difference that stays, or whose place no table tells, is the failure.
 ///
 /// `stream.json` notes a digest that fits, with the file's size and time, so that a file that was changed
-/// since is compared again. A complete image that came from a server and has no such note was found to be
-/// wrong by an earlier run, or that was ended before it knew. So the start of a right one waits for this at
-/// most once.
+/// since is compared again. A complete image that has no such note was never compared to the end, or was
+/// found to be wrong. So the start of a right one waits for this at most once.
 ///
 /// keep() belongs to one thread, start() and wait() to the owner's; the queries are safe from any. Sizes are
 /// in bytes.
@@ -25,7 +24,8 @@ class ZqDigestCheck {
 public:
     enum Need {
         Due,    ///< the file is compared
-        Untold, ///< nothing states the digest that it should have, so it counts as right once it is complete
+        Untold, ///< there is no digest that it should have, or nobody asks for it: complete, it counts as
+                ///< right
         Done    ///< it is known to be right
     };
     /// `image_`: the image's over its feed's link; null where the feed has none, since all was there. Tells
@@ -50,9 +50,11 @@ private:
     void verify();
     void setVerified();
     void removeStore() const;
-    /// Fetches anew what is wrong of the complete image; gives how many stretches were.
+    /// Fetches anew what is wrong of the complete image, where a server is known; gives how many stretches
+    /// were.
     uint64 mend();
     bool settle(const SxException& why) const;
+    SxString wrongText(const SxString& digest) const;
     /// Reads the whole of `img.zqf`; empty where a stop came between.
     SxString readDigest();
 

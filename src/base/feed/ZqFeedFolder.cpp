@@ -167,5 +167,5 @@ SxPtr<const ZqOrderHints> ZqFeedFolder::fetchHints(const SxPtr<ZqNetLink>& link,
 
 bool ZqFeedFolder::isKnownAsRight() const {
     const SxString& stated = getApp().checksumZqf;
-    return url.isEmpty() || stated.isEmpty() || written || record.isVerified(settings.image, stated);
+    return stated.isEmpty() || written || record.isVerified(settings.image, stated);
 }

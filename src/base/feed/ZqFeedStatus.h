@@ -15,6 +15,8 @@ struct ZqFeedSettings {
     /// Neither drive nor application, only the image: what the server fails to give ends it, and so does
     /// a disk that surely lacks room for the whole image, at open().
     bool isDownloadOnly = false;
+    /// Compare an image that is complete at open() with its digest, unless an earlier run has done so.
+    bool verifies = true;
 };
 
 /// How the completion of an image stands. Sizes in bytes of `img.zqf`, speeds in bytes a second.

@@ -64,7 +64,8 @@ void ZqImageFeed::open(const ZqStopTest& stop) {
             part->open(folder.getLeft(), isConfirmed, stop);
         }
     }
-    const bool isUntold = getApp().checksumZqf.isEmpty() || folder.isWritten();
+    const bool isLeftOut = !link && !settings.verifies;
+    const bool isUntold = getApp().checksumZqf.isEmpty() || folder.isWritten() || isLeftOut;
     ZqDigestCheck::Need need = isUntold ? ZqDigestCheck::Untold : ZqDigestCheck::Due;
     if (!link && folder.isKnownAsRight()) need = ZqDigestCheck::Done;
     digest = std::make_unique<ZqDigestCheck>(origin, image, writes, need, &health, isStopped);

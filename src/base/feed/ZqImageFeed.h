@@ -78,8 +78,8 @@ public:
     uint64 countMissing() const;
     /// Whether all bytes are in `img.zqf`.
     bool isComplete() const { return file.isComplete(); }
-    /// Whether they are, and have the digest that `app.json` states. A complete image without an address,
-    /// which didn't come from a server, counts as such; so does one that a drive may have written into.
+    /// Whether they are, and have the digest that `app.json` states. One that a drive may have written into
+    /// counts as such; so does a complete one that nobody wants compared.
     bool isVerified() const;
     /// Whether nothing is left to be done: all is there and right, and no read will have to wait any longer.
     bool isSettled() const { return settled; }

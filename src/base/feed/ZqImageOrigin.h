@@ -16,6 +16,8 @@ public:
     /// The image folder, and the path of its `img.zqf`.
     const SxString& getImage() const noexcept { return image; }
     SxString getZqf() const;
+    /// Whether a server is known.
+    bool hasAddress() const { return !url.isEmpty(); }
     const ZqAppParams& getApp() const noexcept { return app; }
     /// Of the ordered download, in bytes a second; 0 for none.
     uint64 getRateLimit() const noexcept { return rateLimit; }

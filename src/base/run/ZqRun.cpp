@@ -158,7 +158,7 @@ void ZqRun::run() {
         return;
     }
     if (adopt()) return;
-    // An earlier run may have found the image to be wrong, or have ended before it knew.
+    // Nobody may have compared it so far, or an earlier run has found it to be wrong.
     if (wasComplete) awaitCheck();
     mount(wasComplete);
     if (settings.isDriveOnly) {
