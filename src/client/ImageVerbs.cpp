@@ -122,6 +122,12 @@ SxSymbol describeJson(const ZqImageInfo& info, const SxString& folder) {
         result.append("files", Json::Null);
         result.append("filesWhy", files.why.validUtf8());
     }
+    const SxString volume = ZqDriveFiles::volumeOf(folder, info);
+    if (volume.isEmpty()) {
+        result.append("volume", Json::Null);
+    } else {
+        result.append("volume", volume);
+    }
     appendRecord(&result, "app", folder + ZqImageFiles::APP_JSON);
     appendRecord(&result, "image", folder + ZqImageFiles::IMAGE_JSON);
     return result;
@@ -149,7 +155,8 @@ void describeText(const ZqImageInfo& info, const SxString& folder, Output* out) 
     field("Command", app.cmd + (app.args.isEmpty() ? "" : " ") + SxString::join(app.args, " "));
     field("Mount mode", ZqDriveKinds::mountModeToString(app.mountMode));
     field("Image", info.image.guid);
-    field("File system", info.image.filesystem);
+    const SxString volume = ZqDriveFiles::volumeOf(folder, info), stated = info.image.filesystem;
+    field("File system", !volume.isEmpty() ? volume : stated == "none" ? "none that is known" : stated);
     field("RAW image", exactBytes(static_cast<uint64>(info.image.sizeRaw)));
     field("ZqF file", exactBytes(info.sizeZqf) + " present of " + exactBytes(info.sizeComplete));
     field("Map", exactBytes(app.sizeIdx));

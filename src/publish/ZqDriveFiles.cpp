@@ -2,6 +2,7 @@
 
 #include "SxException.h"
 #include "ZqBlocks.h"
+#include "ZqDriveMaker.h"
 #include "ZqDriveRows.h"
 #include "ZqErofsWalk.h"
 #include "ZqExt4Walk.h"
@@ -57,12 +58,25 @@ SxString whyNotState(const ZqImageInfo& info) {
     return {};
 }
 
+ImageReader readFirst(const SxString& folder, SxArray<uint64>* map) {
+    SxFileIO(folder + ZqImageFiles::IDX, "rb").read(map, 1);
+    return {folder, *map};
+}
+
+SxString typeOf(ZqDriveReader* reader) {
+    using Maker = ZqDriveMaker;
+    if (ZqErofsWalk::isThat(reader)) return Maker::typeToString(Maker::Erofs);
+    if (ZqExt4Walk::isThat(reader)) return Maker::typeToString(Maker::Ext4);
+    const bool isSquashfs = ZqDriveReader::number(reader->read(0, 4), 0, 4) == SQUASHFS_MAGIC;
+    return isSquashfs ? Maker::typeToString(Maker::Squashfs) : SxString();
+}
+
 SxString whyNotDrive(ZqDriveReader* reader) {
-    if (ZqErofsWalk::isThat(reader) || ZqExt4Walk::isThat(reader)) return {};
-    if (ZqDriveReader::number(reader->read(0, 4), 0, 4) == SQUASHFS_MAGIC) {
+    const SxString type = typeOf(reader);
+    if (type.isEmpty()) return "the image holds no file system that is known";
+    if (type == ZqDriveMaker::typeToString(ZqDriveMaker::Squashfs))
         return "squashfs packs several files into a block";
-    }
-    return "the image holds no file system that is known";
+    return {};
 }
 
 std::unique_ptr<ZqDriveWalk> walkOf(ZqDriveReader* reader) {
@@ -100,12 +114,23 @@ SxString ZqDriveFiles::whyNot(const SxString& image, const ZqImageInfo& info) {
     if (!state.isEmpty()) return state;
     const SxString folder = ZqImageFolder::prefix(image);
     try {
-        SxFileIO idx(folder + ZqImageFiles::IDX, "rb");
         SxArray<uint64> first;
-        idx.read(&first, 1);
-        ImageReader reader(folder, first);
+        ImageReader reader = readFirst(folder, &first);
         return whyNotDrive(&reader);
     } catch (const SxException& e) {
         return e.what();
+    }
+}
+
+SxString ZqDriveFiles::volumeOf(const SxString& image, const ZqImageInfo& info) {
+    if (!info.image.volume.isEmpty()) return info.image.volume;
+    // Then the map may be of other blocks than those that are there.
+    if (info.state == ZqImageInfo::Optimizing || info.state == ZqImageInfo::Patching) return {};
+    try {
+        SxArray<uint64> first;
+        ImageReader reader = readFirst(ZqImageFolder::prefix(image), &first);
+        return typeOf(&reader);
+    } catch (const SxException&) {
+        return {}; // the block isn't there
     }
 }

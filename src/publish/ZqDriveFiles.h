@@ -25,4 +25,7 @@ public:
     /// Why find() would give none for the image, as far as the drive's first block tells; empty where it
     /// would give one. Reads little.
     static SxString whyNot(const SxString& image, const ZqImageInfo& info);
+    /// The type of the drive's file system ("erofs", "ext4" or "squashfs"), by `img.json`, or else by the
+    /// drive's first block, as far as that is there; empty where neither tells. Raises nothing.
+    static SxString volumeOf(const SxString& image, const ZqImageInfo& info);
 };

@@ -407,6 +407,7 @@ void ZqImageBuild::build(const ZqSourceTree& tree, const ZqDriveMaker& maker, co
     image.sizeRaw = static_cast<int64>(nRaw) * BLOCK;
     image.filesystem = "none";
     if (order) image.order = order->getBasis();
+    image.volume = ZqDriveMaker::typeToString(options.fileSystem);
     image.write(folder);
     if (app.guid.isEmpty()) app.guid = image.guid;
     app.sizeZqf = nIncluded * static_cast<uint64>(BLOCK);

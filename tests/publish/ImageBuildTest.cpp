@@ -3,6 +3,7 @@
 #include "SxMd5.h"
 #include "SxProcess.h"
 #include "ZqAppParams.h"
+#include "ZqDriveFiles.h"
 #include "ZqImage.h"
 #include "ZqImageBuild.h"
 #include "ZqImageCheck.h"
@@ -145,6 +146,7 @@ TEST_P(Build, TheDriveHoldsTheFolder) {
     EXPECT_EQ(app.checksumMnt, SxMd5::get(SxString(raw)));
     EXPECT_EQ(static_cast<uint64>(image.sizeRaw), raw.size());
     EXPECT_EQ(image.filesystem, "none");
+    EXPECT_EQ(image.volume, ZqDriveMaker::typeToString(GetParam()));
     EXPECT_THAT(image.guid.str(),
                 testing::MatchesRegex("[0-9A-F]{8}-[0-9A-F]{4}-3[0-9A-F]{3}-[89AB][0-9A-F]{3}-[0-9A-F]{12}"));
     uint64 nUsed = 0;
@@ -155,6 +157,30 @@ TEST_P(Build, TheDriveHoldsTheFolder) {
     EXPECT_EQ(failureOf(check), "");
     EXPECT_TRUE(check.getFaults().isEmpty());
     EXPECT_FALSE(check.isPartial());
+}
+
+TEST_P(Build, TheFirstBlockTellsTheVolumeOfAnOlderImage) {
+    makeSource(dir, "source");
+    ASSERT_EQ(build(dir, options()), "");
+    const auto volume = [&] {
+        return ZqDriveFiles::volumeOf(dir.path("image"), ZqImageInfo(dir.path("image")));
+    };
+    ZqImageParams record(SxString(dir.path("image/")));
+    record.volume = SxString();
+    record.write();
+    EXPECT_EQ(volume(), ZqDriveMaker::typeToString(GetParam()));
+    fs::resize_file(dir.path("image/img.zqf"), BLOCK - 1);
+    EXPECT_EQ(volume(), "");
+    fs::remove(dir.path("image/img.zqf"));
+    EXPECT_EQ(volume(), "");
+    record.volume = "noted";
+    record.write();
+    EXPECT_EQ(volume(), "noted");
+    // Whatever stands there.
+    record.volume = SxString();
+    record.write();
+    dir.write("image/img.zqf", std::string(BLOCK, '\x55'));
+    EXPECT_EQ(volume(), "");
 }
 
 TEST_P(Build, OwnersTimesAndPlaceDontCount) {

@@ -112,6 +112,14 @@ void ZqReorderInputs::check(bool isTold, bool leavesImage) {
     }
     requireSize();
     dropForeignHints();
+    carryVolume(oldImage, newImage);
+}
+
+/// An index that was made before this was noted says nothing of it. The index folder is a copy.
+void ZqReorderInputs::carryVolume(const ZqImageParams& from, ZqImageParams to) const {
+    if (from.volume.isEmpty() || !to.volume.isEmpty()) return;
+    to.volume = from.volume;
+    to.write(index);
 }
 
 /// Hints that no reader takes don't become the image's. The index folder is a copy. A disk that fails raises,

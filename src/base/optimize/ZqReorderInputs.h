@@ -41,6 +41,7 @@ private:
                       const ZqAppParams& app, bool* isStated) const;
     void requireSize() const;
     void dropForeignHints() const;
+    void carryVolume(const ZqImageParams& from, ZqImageParams to) const;
 
     const SxString image, index, indexName;
     SxString oldMap; ///< the image's map; a file

@@ -72,6 +72,8 @@ void ZqImageParams::readText(const SxString& text, const SxString& textName) {
         ZqRecordFile::get(root, "driverVersion", &driverVersion);
         const SxSymbol basis = root.getElem("order", false);
         order = basis.isValid() ? std::make_optional(readOrder(basis)) : std::nullopt;
+        volume = SxString();
+        ZqRecordFile::get(root, "volume", &volume);
     } catch (const SxException& e) {
         throw SxException(e, "Failed to read file " + textName, UNIT, __LINE__);
     }
@@ -91,6 +93,7 @@ void ZqImageParams::write(const SxString& prefix) const {
         root.append("filesystem", filesystem);
         root.append("driverVersion", driverVersion);
         if (order) append(&root, *order);
+        if (!volume.isEmpty()) root.append("volume", volume);
         ZqRecordFile::write(root, file);
     } catch (const SxException& e) {
         throw SxException(e, "Failed to write file " + file, UNIT, __LINE__);

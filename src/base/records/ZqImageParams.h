@@ -18,6 +18,7 @@ public:
     SxString filesystem = "ntfs"; ///< a text of ZqDriveKinds::FileSystem, or "none"
     SxString driverVersion = "3.3.4";
     std::optional<ZqOrderBasis> order; ///< nothing where no trace has given the order
+    SxString volume; ///< type of the drive's file system, such as "erofs"; empty where nobody has noted it
 
     ZqImageParams() = default;
     /// Defaults, then read(). Raises as read() does.

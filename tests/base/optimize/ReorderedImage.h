@@ -5,6 +5,7 @@
 #include "ZqAppParams.h"
 #include "ZqImageFiles.h"
 #include "ZqImageOptimize.h"
+#include "ZqImageParams.h"
 #include "ZqOrderHints.h"
 
 /// An image in two orders. What lies where the old one has no block is arbitrary.
@@ -50,6 +51,7 @@ public:
     /// `index`.
     void write(const TempDir& dir, uint64 nBlocks = ~uint64{0}) const {
         from.write(SxString(dir.path("watched/image/")), nBlocks);
+        noteVolume(dir.path("watched/image/"));
         writeIndex(dir);
         // Left over from another version of the records.
         dir.write("watched/image/runtime.json", "kept");
@@ -62,6 +64,12 @@ public:
         app.checksumMnt = ZqAppParams(SxString(dir.path("watched/image/"))).checksumMnt;
         app.write();
         writeHints(dir.path("watched/index"));
+    }
+    /// The index says nothing of it.
+    static void noteVolume(const std::string& folder) {
+        ZqImageParams params{SxString(folder)};
+        params.volume = "erofs";
+        params.write();
     }
     /// Hints of the map in `folder`.
     static void writeHints(const std::string& folder) {
@@ -76,6 +84,7 @@ public:
         for (const char* name : {"app.json", "img.json", "img.idx", "img.hints"})
             fs::rename(dir.path(std::string("watched/index/") + name),
                        dir.path(std::string("watched/image/") + name));
+        noteVolume(dir.path("watched/image/"));
         dir.write(
             "watched/image/img.zqf",
             std::string_view(to.zqf).substr(0, nBlocks == ~uint64{0} ? nBlocks : nBlocks * TestImage::BLOCK));

@@ -128,7 +128,7 @@ TEST(Optimize, NewRecordsAndBlocksMustBeThereBeforeTheOldOnesGo) {
         SCOPED_TRACE(text);
         MoveOrder order = isCopy ? frontOrder() : reversal(N);
         if (!isCopy) order.source.back() = ZqMovePlan::NONE; // the new file is shorter
-        CutOff cut(order, isCopy ? N_THERE : ~uint64{0}, Op::Rename, "img.json", 2);
+        CutOff cut(order, isCopy ? N_THERE : ~uint64{0}, Op::Rename, "img.json", 3);
         ASSERT_TRUE(cut.dir.exists(LOCK));
         change(cut.dir);
         const std::string old = cut.dir.read("watched/image/img.idx");

@@ -36,7 +36,7 @@ const Record APP = {"app.json", R"({
                     [](const SxString& prefix) { ZqAppParams().write(prefix); }};
 const Record IMAGE = {"img.json", R"({
     "version": 2, "guid": "g", "sizeRaw": 123456789, "emulatedSectorSize": 512, "deviceMode": "non-removable",
-    "filesystem": "udf", "driverVersion": "1.2.3"})",
+    "filesystem": "udf", "driverVersion": "1.2.3", "volume": "erofs"})",
                       [](const SxString& prefix) { ZqImageParams(prefix).write(); },
                       [](const SxString& prefix) { ZqImageParams().write(prefix); }};
 
@@ -112,7 +112,7 @@ TEST(Record, WhatIsReadIsWritten) {
     dir.write("img.json",
               R"({"guid": "g", "sizeRaw": 1, "emulatedSectorSize": 2, "version": 2, "more": {}})");
     again.read();
-    EXPECT_EQ(again.filesystem + again.driverVersion, "ntfs3.3.4");
+    EXPECT_EQ(again.filesystem + again.driverVersion + again.volume, "ntfs3.3.4");
     EXPECT_EQ(again.deviceMode, ZqDriveKinds::Removable);
     dir.write("img.json", edited(IMAGE.text, "non-removable", "Removable"));
     EXPECT_EQ(ZqImageParams(dir.prefix()).deviceMode, ZqDriveKinds::NonRemovable);
