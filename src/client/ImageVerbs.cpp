@@ -1,6 +1,7 @@
 #include "App.h"
 #include "Forecast.h"
 #include "Job.h"
+#include "OrderAdvice.h"
 #include "OrderText.h"
 #include "Verbs.h"
 
@@ -199,6 +200,9 @@ int showInfo(const InfoOptions& options, Output& out) {
         return ExitSuccess;
     }
     describeText(info, image, &out);
+    // Of packed content nobody makes an order.
+    const bool isDrive = !ZqDriveFiles::volumeOf(folder, info).isEmpty();
+    if (isDrive && info.app.loadprofile.isEmpty()) tellWithoutOrder(image, info.app, &out);
     if (options.speed == 0) return ExitSuccess;
     out.text(SxString("At ") + options.speed + " Mbit/s");
     const auto tell = [&](const char* name, const ZqStartForecast& what) {

@@ -1,5 +1,6 @@
 #include "App.h"
 #include "Job.h"
+#include "OrderAdvice.h"
 #include "OrderText.h"
 #include "Verbs.h"
 
@@ -9,6 +10,7 @@
 #include <tavrin/ZqImageOrder.h>
 #include <tavrin/ZqImagePack.h>
 #include <tavrin/ZqImageRaw.h>
+#include <tavrin/ZqReadable.h>
 
 namespace {
 constexpr const char* UNIT = "src/client/PublishVerbs";
@@ -39,6 +41,7 @@ SxParserKit::SxSymbol describe(const ZqImageBuild& job, double seconds) {
     result.append("folders", job.getNFolders());
     result.append("links", job.getNLinks());
     result.append("skipped", job.getNSkipped());
+    result.append("followed", job.getNFollowed());
     SxParserKit::SxSymbol blocks = result.append("blocks", SxParserAst::Object);
     blocks.append("raw", job.getNRaw());
     blocks.append("included", job.getNIncluded());
@@ -71,6 +74,13 @@ int build(const BuildOptions& options, Output& out) {
         out.text("Passed over " + SxString(job.getNSkipped()) +
                  " sockets, pipes or devices; the log names them.");
     }
+    if (job.getNFollowed() > 0) {
+        out.text("Copied what " +
+                 ZqReadable::counted(job.getNFollowed(), "symbolic link leads", "symbolic links lead") +
+                 " to.");
+    }
+    if (!job.getCommandDoubt().isEmpty()) Output::failure(job.getCommandDoubt());
+    if (job.getApp().loadprofile.isEmpty()) tellWithoutOrder(options.image, job.getApp(), &out);
     out.text(
         "For delivery pack it (tavrin image pack): only then can clients check each stretch as it comes.");
     return ExitSuccess;
@@ -188,6 +198,7 @@ void registerPublishVerbs(Family* image) {
         .text("--window", &what.window, "T", "Title of the application's window")
         .text("--app", &what.appTemplate, "FILE", "An app.json that gives all other fields")
         .text("--raw", &what.rawDir, "DIR", "Keep the drive as img.raw in this folder")
+        .flag("--follow-links", &what.followsLinks, "Copy what symbolic links that lead out of SRC lead to")
         .flag("--discard", &what.mayDiscard,
               "Also where traces of runs, or what drives have written, go: with other files they do")
         .texts("--order", &what.traces, "TRACE",

@@ -247,21 +247,32 @@ void ZqImageBuild::main() {
         ZqImageStaging::refuseOverlap(target, options.rawDir);
     }
     refuseBadTraces();
-    const ZqSourceTree tree(source, *this);
+    const ZqSourceTree tree(source, *this, options.followsLinks);
+    refuseOverlaps(tree);
     tree.requireReadable(*this);
     nFiles = tree.count(SxStat::File);
     nFolders = tree.count(SxStat::Dir);
     nLinks = tree.count(SxStat::Link);
     nSkipped = tree.getNSkipped();
+    nFollowed = static_cast<int64>(tree.getFollowed().size());
     // Such a folder is as a rule a slip, for instance what a build that failed has left. It mustn't cost a
     // good image.
     if (nFiles == 0) {
         throw SxException("The folder '" + source + "' holds no file to make a drive of", UNIT, __LINE__);
     }
     const ZqAppParams app = makeApp(tree);
+    if (!options.cmd.isEmpty()) commandDoubt = doubtOf(app.cmd, tree);
     // The files are placed, made a file system of, and cut into blocks.
     setNTotal(3 * tree.getBytes());
     build(tree, *maker, app);
+}
+
+/// A link that is followed can lead to what is about to be replaced.
+void ZqImageBuild::refuseOverlaps(const ZqSourceTree& tree) const {
+    for (const SxString& path : tree.getFollowed()) {
+        ZqImageStaging::refuseOverlap(path, target);
+        if (!options.rawDir.isEmpty()) ZqImageStaging::refuseOverlap(path, options.rawDir);
+    }
 }
 
 /// What would fail after all the work is better found now.
@@ -315,6 +326,17 @@ SxString ZqImageBuild::commandFor(const ZqSourceTree& tree) const {
                           __LINE__);
     }
     return options.cmd;
+}
+
+/// A program that only players have is no failure.
+SxString ZqImageBuild::doubtOf(const SxString& cmd, const ZqSourceTree& tree) const {
+    const std::string inApp = std::string(ZqDriveLayout::DRIVE) + ZqDriveLayout::APP_DIR;
+    const bool isOfApp = cmd.startsWith(inApp);
+    if (isOfApp && tree.holdsFile(cleanPath(SxString(cmd.str().substr(inApp.size()))))) return {};
+    // What lies elsewhere on the drive, or in a Windows prefix, can't be told here.
+    if (!isOfApp && (cmd.contains("{{") || cmd.contains(":") || ZqSysEnv::isProgram(cmd))) return {};
+    return "The command '" + cmd + "' is neither a file of the folder '" + source +
+           "' nor a program of this machine; players need it on theirs";
 }
 
 SxList<SxString> ZqImageBuild::earlyPaths(const ZqAppParams& app) {
@@ -424,5 +446,6 @@ void ZqImageBuild::build(const ZqSourceTree& tree, const ZqDriveMaker& maker, co
     refuseStop();
     staging.commit(app.checksumMnt);
     if (keptRaw) keptRaw->commit();
+    made = std::move(app);
     complete = true;
 }

@@ -40,6 +40,8 @@ public:
         uint64 freeBytes = 0;
         /// Traces and written data that `target` holds may be lost; see ZqImageStaging.
         bool mayDiscard = false;
+        /// Copy what symbolic links that lead out of `source` lead to; else they fail the build.
+        bool followsLinks = false;
     };
 
     /// `target` is the image folder to write, `source` the folder to read.
@@ -52,6 +54,11 @@ public:
     int64 getNFolders() const { return nFolders; }
     int64 getNLinks() const { return nLinks; }
     int64 getNSkipped() const { return nSkipped; }
+    int64 getNFollowed() const { return nFollowed; } ///< links that gave way to what they lead to
+    /// After the end: what is doubtful about the command that was given, a sentence; empty for nothing.
+    const SxString& getCommandDoubt() const { return commandDoubt; }
+    /// After the end: the record of the application.
+    const ZqAppParams& getApp() const { return made; }
     // After the end: blocks of the drive, those of them that are included, and the bytes that a mount needs.
     uint64 getNRaw() const { return nRaw; }
     uint64 getNIncluded() const { return nIncluded; }
@@ -70,6 +77,8 @@ private:
 
     ZqAppParams makeApp(const ZqSourceTree& tree) const;
     SxString commandFor(const ZqSourceTree& tree) const;
+    SxString doubtOf(const SxString& cmd, const ZqSourceTree& tree) const;
+    void refuseOverlaps(const ZqSourceTree& tree) const;
     /// Paths that a mount reads, relative to the drive's root.
     static SxList<SxString> earlyPaths(const ZqAppParams& app);
     void requireSpace(const ZqSourceTree& tree, const ZqDriveMaker& maker) const;
@@ -83,7 +92,9 @@ private:
     const SxString target, source; ///< with trailing slashes
     const Options options;
     bool complete = false;
-    int64 nFiles = 0, nFolders = 0, nLinks = 0, nSkipped = 0;
+    int64 nFiles = 0, nFolders = 0, nLinks = 0, nSkipped = 0, nFollowed = 0;
+    SxString commandDoubt;
+    ZqAppParams made;
     uint64 nRaw = 0, nIncluded = 0, sizeMnt = 0, nNamed = 0;
     std::vector<ZqLeftTrace> left;
 };

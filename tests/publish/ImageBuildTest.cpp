@@ -183,6 +183,41 @@ TEST_P(Build, TheFirstBlockTellsTheVolumeOfAnOlderImage) {
     EXPECT_EQ(volume(), "");
 }
 
+TEST_P(Build, LinksThatLeadOutGiveWayToWhatTheyLeadTo) {
+    const auto link = [&](const std::string& to, const std::string& at) {
+        fs::create_symlink(to, dir.path(at));
+    };
+    // The same tree by links and by hand.
+    for (const std::string tree : {"source/", "expected/"}) {
+        dir.write(tree + "own", "own");
+        link("own", tree + "inside");
+        link("nowhere", tree + "dangling");
+        fs::permissions(dir.write(tree + "bin/run", "#!/bin/sh\n"), fs::perms{0755});
+    }
+    for (const std::string shared : {"shared/", "expected/data/"}) {
+        dir.write(shared + "level 1/map", std::string(2 * BLOCK + 1, 'm'));
+        link("level 1/map", shared + "first");
+        link("../first", shared + "level 1/again");
+    }
+    dir.write("beside/sound", "s");
+    link(dir.path("beside"), "shared/level 1/sounds");
+    dir.write("expected/data/level 1/sounds/sound", "s");
+    link("../shared", "source/data");
+    link(dir.path("beside/sound"), "source/one sound");
+    dir.write("expected/one sound", "s");
+    link(dir.path("source/own"), "source/absolute");
+    dir.write("expected/absolute", "own");
+
+    ZqImageBuild::Options what = options();
+    what.followsLinks = true;
+    ASSERT_EQ(build(dir, what), "");
+    ASSERT_EQ(writeRaw(dir, "image", "raw"), "");
+    ASSERT_NO_FATAL_FAILURE(extract("raw/img.raw", "drive"));
+    EXPECT_EQ(dir.snapshot("drive/" + APP), dir.snapshot("expected"));
+    ASSERT_EQ(build(dir, options(), "expected", "plain"), "");
+    EXPECT_TRUE(dir.read("plain/img.zqf") == dir.read("image/img.zqf"));
+}
+
 TEST_P(Build, OwnersTimesAndPlaceDontCount) {
     makeSource(dir, "source");
     makeSource(dir, "elsewhere/other", true);
@@ -349,6 +384,17 @@ TEST(ImageBuild, FailuresNameTheCauseAndChangeNothing) {
             fs::create_directory_symlink(to, dir.path(std::string("source/") + name));
         };
     };
+    const auto followed = [](const char* to) {
+        return [=](const TempDir& dir, Options* what) {
+            dir.write("out/one/file", "1");
+            fs::create_directory_symlink("../two", dir.path("out/one/two"));
+            fs::create_directory(dir.path("out/two"));
+            fs::create_directory_symlink(dir.path("out/one"), dir.path("out/two/one"));
+            const std::string target = *to == '/' ? to : dir.path(to);
+            fs::create_directory_symlink(target, dir.path("source/b/link"));
+            what->followsLinks = true;
+        };
+    };
     const auto tool = [](const std::string& script) {
         return [=](const TempDir& dir, Options*) {
             fs::permissions(dir.write("bin/mkfs.erofs", "#!/bin/sh\n" + script + "\n"), fs::perms{0755});
@@ -367,6 +413,26 @@ TEST(ImageBuild, FailuresNameTheCauseAndChangeNothing) {
              fs::create_directory_symlink("way/../../../watched", dir.path("source/x y"));
          },
          {"leads out of the folder"}},
+        {"several links that lead out",
+         [](const TempDir& dir, Options*) {
+             fs::create_directory_symlink("/usr", dir.path("source/x"));
+             fs::create_directory_symlink("../../none", dir.path("source/b/y"));
+             fs::create_directory_symlink("../a", dir.path("source/b/inside"));
+         },
+         {"2 symbolic links lead out of the folder '", "--follow-links", "/source/b/y' to '../../none': '",
+          "/source/x' to '/usr'"}},
+        {"more of them than are named",
+         [](const TempDir& dir, Options*) {
+             for (int i = 0; i < 1002; ++i)
+                 fs::create_symlink("/usr", dir.path("source/x" + std::to_string(i)));
+         },
+         {"1002 symbolic links lead out of the folder '", "' to '/usr', and 2 others"}},
+        {"nothing to follow", followed("none"), {"source/b/link' to '", "can't be followed: No such file"}},
+        {"a device to follow", followed("/dev/null"), {"to '/dev/null' can't be followed: that is a device"}},
+        {"a folder above", followed(""), {"source/b/link' to '", "it leads to a folder that holds the link"}},
+        {"the root", followed("/"), {"to '/' can't be followed: it leads to a folder that holds the link"}},
+        {"a circle of two", followed("out/one"), {"/out/two/one' to '", "it leads to a folder that holds"}},
+        {"into the image", followed("watched/image/app.json"), {"lie in each other"}},
         {"link loop", link("b/link", "link"), {"source/b/link' leads back into itself"}},
         {"nothing in the folder",
          [](const TempDir& dir, Options*) {
