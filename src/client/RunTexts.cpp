@@ -70,6 +70,8 @@ SxString waitsText(const ZqRunRecord::Waits& waits) {
 void tellFigures(const ZqRun::Result& result, Output* out) {
     const ZqRuntimeInfo& info = result.info;
     if (result.startMs >= 0) out->text("  start of the application  " + ZqReadable::seconds(result.startMs));
+    if (result.firstWindowMs >= 0)
+        out->text("  first window seen         " + ZqReadable::seconds(result.firstWindowMs));
     if (result.firstFrameMs >= 0)
         out->text("  first frame               " + ZqReadable::seconds(result.firstFrameMs));
     out->text("  there at the start        " + readableBytes(static_cast<double>(info.preloadSize)) + " of " +

@@ -84,6 +84,7 @@ void tellRun(const ZqRunRecord& run, Output* out) {
     out->text("Run of " + ZqReadable::date(info.time0) + ", " + ZqReadable::duration(run.lengthMs));
     row("start of the application", run.startMs >= 0 ? ZqReadable::seconds(run.startMs) : SxString("never"),
         out);
+    if (run.firstWindowMs >= 0) row("first window seen", ZqReadable::seconds(run.firstWindowMs), out);
     if (run.firstFrameMs >= 0) row("first frame", ZqReadable::seconds(run.firstFrameMs), out);
     row("there at the start", bytes(info.preloadSize) + " of " + bytes(info.imageSize), out);
     row("received",

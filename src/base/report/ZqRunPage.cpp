@@ -30,10 +30,6 @@ SxString row(const char* name, const SxString& value) {
     return SxString("<tr><th scope=\"row\">") + name + "</th><td>" + ZqFigure::escape(value) + "</td></tr>\n";
 }
 
-SxString timeOr(int64 ms, const char* other) {
-    return ms >= 0 ? ZqReadable::seconds(ms) : SxString(other);
-}
-
 int64 waitedMs(const std::vector<ZqRunSeries::Underflow>& underflows) {
     return std::accumulate(underflows.begin(), underflows.end(), int64{0},
                            [](int64 sum, const auto& underflow) { return sum + underflow.waitedMs; });
@@ -71,8 +67,12 @@ SxString ZqRunPage::head() const {
 SxString ZqRunPage::tiles() const {
     const ZqRuntimeInfo& info = result.info;
     SxString html = "<dl class=\"tiles\">\n";
-    html += ZqPage::tile("First frame", timeOr(result.firstFrameMs, "not known"));
-    html += ZqPage::tile("Start", timeOr(result.startMs, result.wasStarted ? "before this run" : "none"));
+    const auto time = [&](const char* name, int64 ms) {
+        if (ms >= 0) html += ZqPage::tile(name, ZqReadable::seconds(ms));
+    };
+    time("First frame", result.firstFrameMs);
+    time("First window", result.firstWindowMs);
+    time("Start", result.startMs);
     html += ZqPage::tile("There at the start", bytes(info.preloadSize), "of " + bytes(info.imageSize));
     html +=
         ZqPage::tile("Received", bytes(result.link.nBytes),
@@ -87,7 +87,7 @@ SxString ZqRunPage::tiles() const {
                          "the longest " + ZqReadable::seconds(info.maxUnderflowTime));
     html += ZqPage::tile("Download", SxString::sprintf("%.1f Mbit/s", info.avgSpeed),
                          info.downloadComplete ? "complete" : "goes on with the next run");
-    html += ZqPage::tile("Exit code", result.isExitKnown ? SxString(info.exitCode) : SxString("not known"));
+    if (result.isExitKnown) html += ZqPage::tile("Exit code", SxString(info.exitCode));
     return html + "</dl>\n";
 }
 

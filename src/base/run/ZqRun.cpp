@@ -7,6 +7,7 @@
 #include "ZqApplicationNote.h"
 #include "ZqCoreAppGuard.h"
 #include "ZqFirstFrame.h"
+#include "ZqFirstWindow.h"
 #include "ZqHeldReads.h"
 #include "ZqImageFeed.h"
 #include "ZqImageLock.h"
@@ -107,6 +108,7 @@ void ZqRun::main() {
     beginNs = SxClock::get().steadyNs();
     beginMs = ZqSysEnv::getSysTime();
     firstFrame = std::make_unique<ZqFirstFrame>(settings.firstFrameFile, beginNs);
+    firstWindow = std::make_unique<ZqFirstWindow>(beginNs);
     if (!settings.feed.isDownloadOnly) {
         sleepDelay = std::make_unique<ZqSleepDelay>([this] { return isCalm(); });
         sleepDelay->start();
@@ -304,6 +306,8 @@ void ZqRun::follow() {
         noteApplication();
         if (guard->getGroup().isValid()) statistics->applicationRuns();
         firstFrame->look();
+        // Those of an application that runs already were there before.
+        if (!guard->isAdopted()) firstWindow->follow(guard->getGroup());
         if (recording->limit()) statistics->endJudgement(elapsedMs());
         suspendProcess();
         feed->restoreWindow();

@@ -17,6 +17,7 @@ class ZqApplicationNote;
 class ZqCoreAppGuard;
 class ZqFirstFrame;
 class ZqHeldReads;
+class ZqFirstWindow;
 class ZqImageFeed;
 class ZqRunDrive;
 class ZqRunNotes;
@@ -127,6 +128,7 @@ private:
     std::unique_ptr<ZqCoreAppGuard> guard;
     std::atomic<ZqCoreAppGuard*> startedGuard{nullptr}; ///< the same, once it has been started
     std::unique_ptr<ZqFirstFrame> firstFrame;
+    std::unique_ptr<ZqFirstWindow> firstWindow;
     std::unique_ptr<ZqRunSampler> sampler;
     std::unique_ptr<ZqSleepDelay> sleepDelay;
     std::optional<ZqTracePolicy::Decision> traceDecision; ///< set before the phase Mounting, and never later

@@ -6,6 +6,7 @@
 #include "ZqBlocks.h"
 #include "ZqCoreAppGuard.h"
 #include "ZqFirstFrame.h"
+#include "ZqFirstWindow.h"
 #include "ZqHeldReads.h"
 #include "ZqImageFeed.h"
 #include "ZqImageFolder.h"
@@ -67,6 +68,7 @@ void ZqRun::writeInfo() {
 void ZqRun::fillResult() {
     result.lengthMs = elapsedMs();
     result.firstFrameMs = firstFrame->getMs();
+    result.firstWindowMs = firstWindow->getMs();
     result.traceFolder = recording->getFolder();
     result.lacksTraceRoom = recording->lacksRoom();
     const ZqFeedStatus status = feed->getStatus();

@@ -211,6 +211,7 @@ SxSymbol ZqRunRecord::toJson() const {
         root.append("longestWaitMs", waits->longestMs);
         root.append("sumWaitMs", waits->sumMs);
     }
+    if (firstWindowMs >= 0) root.append("firstWindowMs", firstWindowMs);
     if (lastWaitMs >= 0) root.append("lastWaitMs", lastWaitMs);
     if (mountMs >= 0) root.append("mountMs", mountMs);
     root.append("traceFolder", traceFolder);
@@ -284,6 +285,7 @@ ZqRunRecord ZqRunRecord::read(const SxString& file) {
             ZqRecordFile::get(root, "longestWaitMs", &waits.longestMs);
             ZqRecordFile::get(root, "sumWaitMs", &waits.sumMs);
         }
+        getTime(root, "firstWindowMs", &record.firstWindowMs);
         getTime(root, "lastWaitMs", &record.lastWaitMs);
         getTime(root, "mountMs", &record.mountMs);
         ZqRecordFile::get(root, "traceFolder", &record.traceFolder);
@@ -330,6 +332,7 @@ void ZqRunRecord::goOnFrom(const ZqRunRecord& former, int64 gapMs) {
     info.goOnFrom(former.info);
     lastWaitMs = later(lastWaitMs, former.lastWaitMs);
     firstFrameMs = former.firstFrameMs >= 0 ? former.firstFrameMs : later(firstFrameMs, -1);
+    firstWindowMs = former.firstWindowMs;
     startMs = former.startMs;
     mountMs = former.mountMs;
     // A mean of the whole run, by the time of its parts.

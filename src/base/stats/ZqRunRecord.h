@@ -26,6 +26,7 @@ struct ZqRunRecord {
     bool isExitKnown = false;   ///< `info.exitCode` is that of the application
     int64 startMs = -1;         ///< from the beginning of the run to the application's start
     int64 firstFrameMs = -1;    ///< to its first frame; -1 where that isn't known
+    int64 firstWindowMs = -1;   ///< until its first window was seen, which may be empty; -1 for never
     std::optional<Waits> waits; ///< of an application that was started; none where they aren't known
     int64 lastWaitMs = -1;      ///< to the last moment at which a read waited for blocks; -1 for never
     int64 mountMs = -1;         ///< until the drive was up; -1 where it was so before, or never

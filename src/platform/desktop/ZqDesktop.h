@@ -26,6 +26,11 @@ public:
     /// display takes to answer.
     virtual Size getScreenSize() { return {}; }
 
+    /// Whether a display is named, so that there may be one.
+    virtual bool isNamed() { return false; }
+
+    /// The processes that show windows or have iconified ones, of each window one.
+    virtual SxList<int> getProcesses() { return {}; }
     /// The topmost window with exactly that title.
     virtual Handle findByTitle(const SxString& title) = 0;
     /// The topmost window of that class.

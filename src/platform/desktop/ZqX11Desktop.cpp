@@ -131,6 +131,25 @@ public:
         return windows;
     }
 
+    struct Owner {
+        xcb_window_t window;
+        uint32 process;
+    };
+    /// Of the windows of programs on this machine, topmost first, as far as they name one.
+    std::vector<Owner> getOwners() const {
+        const auto windows = getWindows();
+        const auto pids = ask(windows, ewmh._NET_WM_PID);
+        const auto machines = ask(windows, XCB_ATOM_WM_CLIENT_MACHINE);
+        const std::string here = hostName();
+        std::vector<Owner> owners;
+        for (size_t i = 0; i < windows.size(); ++i) {
+            const std::string& machine = machines[i].bytes;
+            const bool isLocal = machine.empty() || machine == here || machine == "localhost";
+            if (isLocal && pids[i].number() > 0) owners.push_back({windows[i], pids[i].number()});
+        }
+        return owners;
+    }
+
     std::vector<std::string> getTitles(const std::vector<xcb_window_t>& windows) const {
         const auto modern = ask(windows, ewmh._NET_WM_NAME), old = ask(windows, XCB_ATOM_WM_NAME);
         std::vector<std::string> titles;
@@ -266,15 +285,23 @@ SxList<ZqDesktop::Handle> ZqX11Desktop::getWindowsOfProcess(int pid) {
     SxList<Handle> result;
     const auto x = getDisplay();
     if (!x || pid <= 0) return result;
-    const auto windows = x->getWindows();
-    const auto pids = x->ask(windows, x->ewmh._NET_WM_PID);
-    const auto machines = x->ask(windows, XCB_ATOM_WM_CLIENT_MACHINE);
-    const std::string here = hostName();
-    for (size_t i = 0; i < windows.size(); ++i) {
-        const std::string& machine = machines[i].bytes;
-        const bool local = machine.empty() || machine == here || machine == "localhost";
-        if (local && pids[i].number() == static_cast<uint32>(pid)) result << Handle{windows[i]};
+    for (const auto& [window, owner] : x->getOwners()) {
+        if (owner == static_cast<uint32>(pid)) result << Handle{window};
     }
+    return result;
+}
+
+bool ZqX11Desktop::isNamed() {
+    const char* name = std::getenv("DISPLAY");
+    return name && *name;
+}
+
+SxList<int> ZqX11Desktop::getProcesses() {
+    SxList<int> result;
+    const auto x = getDisplay();
+    if (!x) return result;
+    for (const auto& [window, owner] : x->getOwners())
+        result << static_cast<int>(owner);
     return result;
 }
 

@@ -19,6 +19,9 @@ public:
 
     /// The next call doesn't wait for one that a display which hangs holds up.
     Size getScreenSize() override;
+    bool isNamed() override;
+    /// As getWindowsOfProcess() has it.
+    SxList<int> getProcesses() override;
     Handle findByTitle(const SxString& title) override;
     /// Compares with the second part of WM_CLASS.
     Handle findByClass(const SxString& className) override;

@@ -41,6 +41,14 @@ TEST(RunPage, ARunOfTenHoursKeepsItsUnderflows) {
     EXPECT_LT(page.size(), 150'000u);
     EXPECT_THAT(page, AllOf(HasSubstr("Underflows, " + ZqReadable::seconds(waitedMs).str() + " in all"),
                             HasSubstr("Start, 2.50 s"), HasSubstr(">Time of the run, h<")));
+    EXPECT_THAT(page, AllOf(Not(HasSubstr("First frame")), Not(HasSubstr("First window")),
+                            Not(HasSubstr("not known")), HasSubstr("Exit code")));
+    result.firstWindowMs = 3'250;
+    result.isExitKnown = false;
+    result.startMs = -1;
+    EXPECT_THAT(ZqRunPage(result).toHtml().str(),
+                AllOf(HasSubstr("<dt>First window</dt>"), HasSubstr("3.25 s"), Not(HasSubstr("First frame")),
+                      Not(HasSubstr("<dt>Start</dt>")), Not(HasSubstr("Exit code"))));
 }
 
 TEST(RunPage, NoTextBreaksIt) {

@@ -226,6 +226,7 @@ TEST(RunRecord, ComesBackAsItWasWrittenAndTheLastHundredStay) {
         record.info.appsAtStart << SxString("steam") << SxString("discord");
         record.wasStarted = true;
         record.startMs = 1234;
+        record.firstWindowMs = 2345;
         record.build = "b";
         record.traceFolder = dir.path("traces/run");
         record.accuracy.isJudged = true;
@@ -252,6 +253,7 @@ TEST(RunRecord, ComesBackAsItWasWrittenAndTheLastHundredStay) {
     EXPECT_FALSE(record.isExitKnown);
     EXPECT_EQ(record.firstFrameMs, -1);
     EXPECT_EQ(record.startMs, 1234);
+    EXPECT_EQ(record.firstWindowMs, 2345);
     EXPECT_EQ(record.accuracy.nLate, 4096U);
     EXPECT_EQ(record.accuracy.waitedMs, 17U);
     for (const auto& entry : fs::directory_iterator(dir.path("runs"))) {

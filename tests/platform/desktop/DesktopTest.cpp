@@ -29,6 +29,7 @@ void expectNothing(ZqDesktop& desktop) {
     EXPECT_EQ(desktop.findByTitle("The Game"), 0U);
     EXPECT_EQ(desktop.findByClass("game"), 0U);
     EXPECT_THAT(windowsOf(desktop, 1234), IsEmpty());
+    EXPECT_TRUE(desktop.getProcesses().isEmpty());
     EXPECT_EQ(desktop.getForeground(), 0U);
     for (const Handle window : {Handle{0}, Handle{0x400001}, ~Handle{0}}) {
         EXPECT_EQ(desktop.getTitle(window), "");
@@ -77,6 +78,8 @@ TEST_F(DesktopTest, WindowsAreFoundByTitleClassAndProcess) {
     EXPECT_TRUE(soon([&] { return windowsOf(desktop, 1234) == fromTheTop; }))
         << testing::PrintToString(windowsOf(desktop, 1234));
     EXPECT_THAT(windowsOf(desktop, 77), ElementsAre(latin));
+    EXPECT_TRUE(desktop.getProcesses().contains(1234) && desktop.getProcesses().contains(77));
+    EXPECT_FALSE(desktop.getProcesses().contains(78));
     EXPECT_THAT(windowsOf(desktop, 78), IsEmpty());
     EXPECT_THAT(windowsOf(desktop, 0), IsEmpty());
     EXPECT_EQ(desktop.findByClass("game"), upper);

@@ -1,0 +1,71 @@
+#include "ZqFirstWindow.h"
+
+#include "SxClock.h"
+#include "SxLatch.h"
+#include "ZqDesktop.h"
+#include "ZqLog.h"
+
+#include <algorithm>
+#include <atomic>
+#include <system_error>
+#include <thread>
+
+namespace {
+/// How long the end of a run waits for the display.
+constexpr int64 PATIENCE_MS = 500;
+} // namespace
+
+/// The thread that looks, and the run: whichever is later lets go of it.
+struct ZqFirstWindow::Search {
+    std::atomic<int64> group{-1}, seenNs{0};
+    SxLatch ending, ended;
+
+    bool isSeen(ZqDesktop* desktop) const {
+        const SxList<int> processes = desktop->getProcesses();
+        return std::any_of(processes.begin(), processes.end(),
+                           [&](int id) { return SxProcessGroup::of(id).getId() == group; });
+    }
+
+    void run(ZqDesktop* desktop) {
+        const int64 endNs = SxClock::get().steadyNs() + MOST_MS * 1'000'000;
+        while (SxClock::get().steadyNs() < endNs) {
+            if (isSeen(desktop)) {
+                seenNs = SxClock::get().steadyNs();
+                break;
+            }
+            if (ending.isSetWithin(LOOK_MS)) break;
+        }
+        ended.set();
+    }
+};
+
+ZqFirstWindow::~ZqFirstWindow() {
+    if (!search) return;
+    search->ending.set();
+    search->ended.isSetWithin(PATIENCE_MS);
+}
+
+void ZqFirstWindow::follow(const SxProcessGroup& group) {
+    if (!group.isValid()) return;
+    if (search) {
+        search->group = group.getId();
+        return;
+    }
+    search = std::make_shared<Search>();
+    search->group = group.getId();
+    ZqDesktop& desktop = ZqDesktop::get();
+    try {
+        if (desktop.isNamed()) {
+            std::thread([own = search, &desktop] { own->run(&desktop); }).detach();
+            return;
+        }
+    } catch (const std::system_error& e) {
+        zqLogMsg("platform", SxString("ZqFirstWindow: ") + e.what());
+    }
+    search->ended.set();
+}
+
+int64 ZqFirstWindow::getMs() const {
+    const int64 ns = search ? search->seenNs.load() : 0;
+    return ns > 0 ? (ns - beginNs) / 1'000'000 : -1;
+}
