@@ -24,6 +24,10 @@ void ZqRacedTransfer::drop() {
     set(nullptr);
 }
 
+uint64 ZqRacedTransfer::countBuffered() const {
+    return transfer ? static_cast<uint64>(transfer->getState().nBuffered) : 0;
+}
+
 void ZqRacedTransfer::begin() {
     if (transfer) return;
     hadSecond = false;

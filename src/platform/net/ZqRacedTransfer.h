@@ -42,6 +42,8 @@ public:
     const SxString& getUrl() const { return transfer->getRequest().url; }
     /// When that request was made, on the steady clock.
     int64 getAskedNs() const noexcept { return askedNs; }
+    /// Bytes that have come and that next() would give.
+    uint64 countBuffered() const;
     /// It has come to its end.
     void end() { set(nullptr); }
     /// Ends all that is under way.

@@ -51,8 +51,10 @@ public:
     /// again, and then all begins anew.
     void takeAll(const std::function<void()>& atBegin, const std::function<void(const SxArray<char>&)>& take,
                  const ZqStopTest& stop);
-    /// Offset of the byte that comes next from the server.
+    /// Offset of the byte that next() gives next.
     uint64 getPos() const noexcept { return pos; }
+    /// Offset of the byte that comes next from the server: those before it would be lost with this object.
+    uint64 getReceived() const { return pos + race.countBuffered(); }
 
 private:
     ZqTransfer::Request makeRequest() const;

@@ -29,6 +29,41 @@ void cutFront(SxArray<char>* bytes, int64 n) {
 
 } // namespace
 
+/// What one form is asked for. Notes what has come of it, also what nobody has taken by its end.
+class ZqImageStream::Request {
+public:
+    Request(ZqImageStream* stream_, bool isPacked_, uint64 first, uint64 end)
+        : stream(stream_),
+          isPacked(isPacked_),
+          counted(first),
+          reader(isPacked ? stream->forms->getPacked() : stream->forms->getPlain(), first, end,
+                 ZqTransfer::Kind::Ordered) {
+        if (stream->isSuspect(stream->stretchIdx())) reader.setFresh();
+        // Both forms take turns.
+        reader.setRetry(stream->retry);
+    }
+    ~Request() { note(reader.getReceived()); }
+    Request(const Request&) = delete;
+    Request& operator=(const Request&) = delete;
+
+    bool next(SxArray<char>* piece) {
+        const bool isMore = reader.next(piece, stream->stop);
+        note(reader.getPos());
+        return isMore;
+    }
+
+private:
+    void note(uint64 to) {
+        stream->counts->add(&ZqImageFigures::nTwice, stream->edge->noteReceived(isPacked, counted, to));
+        counted = to;
+    }
+
+    ZqImageStream* const stream;
+    const bool isPacked;
+    uint64 counted; ///< up to there it is noted
+    ZqRangeReader reader;
+};
+
 ZqImageStream::ZqImageStream(ZqImageForms* forms_, ZqStretchCache* cache_, ZqStreamEdge* edge_,
                              ZqImageRanges* ranges_, ZqImageCounts* counts_, uint64 offset, const Sink& sink_,
                              const ZqStopTest& stop_)
@@ -78,10 +113,7 @@ bool ZqImageStream::runPlain() {
     // A stretch is checked as a whole. Where `img.zqf` ends in the middle of one, all of it is fetched and
     // checked, and its rest handed on. The begin that the file has is the business of the image's digest.
     received = choice.mayCheck() ? stretchIdx() * STRETCH : pos;
-    ZqRangeReader reader(forms->getPlain(), received, std::min(endOfRequest() * STRETCH, sizeZqf()),
-                         ZqTransfer::Kind::Ordered);
-    if (isSuspect(stretchIdx())) reader.setFresh();
-    reader.setRetry(retry);
+    Request request(this, false, received, std::min(endOfRequest() * STRETCH, sizeZqf()));
     // Where the packed form is, or may come, it has its turn.
     retry->beginTurn(choice.getState() == ZqFormChoice::Packed::Absent ? 0 : ZqImageForms::TURN_TRIES,
                      turnMs());
@@ -89,7 +121,7 @@ bool ZqImageStream::runPlain() {
     bool isEnding = false;
     while (!isEnding) {
         try {
-            if (!reader.next(&piece, stop)) return true;
+            if (!request.next(&piece)) return true;
         } catch (const SxException& e) {
             recoverPlain(e);
             return true;
@@ -189,13 +221,11 @@ bool ZqImageStream::runFrames(const Table& known) {
         wirePos = known->getFrame(first).offset;
         wireEnd = last.offset + last.size;
     }
-    ZqRangeReader reader(forms->getPacked(), wirePos, wireEnd, ZqTransfer::Kind::Ordered);
-    if (isSuspect(first)) reader.setFresh();
+    Request request(this, true, wirePos, wireEnd);
     // The plain form may come where this one doesn't.
-    reader.setRetry(retry);
     retry->beginTurn(known ? ZqImageForms::TURN_TRIES : 1, turnMs());
     SxArray<char> pending;
-    if (!known && wirePos == 0 && !skipOrigin(&reader, &pending)) return true;
+    if (!known && wirePos == 0 && !skipOrigin(&request, &pending)) return true;
     while (stretchIdx() < end) {
         Bytes bytes;
         int64 n = 0;
@@ -212,7 +242,7 @@ bool ZqImageStream::runFrames(const Table& known) {
             cutFront(&pending, n);
             if (!takeFrame(bytes, static_cast<uint64>(n))) return false;
             if (known && pos < sizeZqf() && isWorthSkipping()) return true;
-        } else if (!fill(&reader, &pending)) {
+        } else if (!fill(&request, &pending)) {
             // Without a table a request ends within a frame, but never within its first.
             if (stretchIdx() == first) noteDamage(SxException("It is cut short", UNIT, __LINE__), true);
             return true;
@@ -222,9 +252,9 @@ bool ZqImageStream::runFrames(const Table& known) {
 }
 
 /// Takes what the file says of its image off its front; false where that is another one.
-bool ZqImageStream::skipOrigin(ZqRangeReader* reader, SxArray<char>* pending) {
+bool ZqImageStream::skipOrigin(Request* request, SxArray<char>* pending) {
     while (pending->getSize() < ZqPackedForm::ORIGIN_SIZE) {
-        if (!fill(reader, pending)) break;
+        if (!fill(request, pending)) break;
     }
     if (!forms->isOfThisImage(*pending)) {
         choice.refuse();
@@ -252,10 +282,10 @@ int64 ZqImageStream::frameAt(const SxArray<char>& pending, const Table& known) c
     return n;
 }
 
-bool ZqImageStream::fill(ZqRangeReader* reader, SxArray<char>* pending) {
+bool ZqImageStream::fill(Request* request, SxArray<char>* pending) {
     SxArray<char> piece;
     try {
-        if (!reader->next(&piece, stop)) return false;
+        if (!request->next(&piece)) return false;
     } catch (const SxException& e) {
         throw SxException(e, "Cannot download '" + ZqUrlText::of(forms->getPacked().getUrl()) + "'", UNIT,
                           __LINE__);

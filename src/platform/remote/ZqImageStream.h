@@ -6,8 +6,6 @@
 #include "ZqStreamEdge.h"
 #include "ZqStretchCache.h"
 
-class ZqRangeReader;
-
 /// One run of the ordered stream of an image, on the caller's thread: takes each stretch out of what is kept
 /// or on its way, or else of whichever form serves, checked, and hands it on. Goes on by itself after
 /// failures that may pass. One at a time for an image.
@@ -34,6 +32,7 @@ public:
 private:
     using Table = ZqImageForms::Table;
     static constexpr uint64 NOWHERE = ~uint64{0};
+    class Request;
 
     uint64 stretchIdx() const { return pos / ZqStretchLayout::STRETCH; }
     uint64 sizeZqf() const { return forms->getLayout().getSizeZqf(); }
@@ -47,8 +46,8 @@ private:
     bool isSuspect(uint64 idx) const;
     bool runPacked();
     bool runFrames(const Table& known);
-    bool skipOrigin(ZqRangeReader* reader, SxArray<char>* pending);
-    bool fill(ZqRangeReader* reader, SxArray<char>* pending);
+    bool skipOrigin(Request* request, SxArray<char>* pending);
+    bool fill(Request* request, SxArray<char>* pending);
     int64 frameAt(const SxArray<char>& pending, const Table& known) const;
     bool takeFrame(const Bytes& bytes, uint64 nWire);
     void noteDamage(const SxException& e, bool isFrame);

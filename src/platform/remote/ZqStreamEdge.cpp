@@ -59,6 +59,14 @@ void ZqStreamEdge::noteMoved() {
     movedNs = SxClock::get().steadyNs();
 }
 
+uint64 ZqStreamEdge::noteReceived(bool isPacked, uint64 from, uint64 to) {
+    SxMutexBlock lock(&mutex);
+    uint64& end = furthest[isPacked ? 1 : 0];
+    const uint64 nAgain = std::min(to, std::max(from, end)) - from;
+    end = std::max(end, to);
+    return nAgain;
+}
+
 void ZqStreamEdge::noteShare(uint64 nWire, uint64 size) {
     SxMutexBlock lock(&mutex);
     wireShare = 0.9 * wireShare + 0.1 * static_cast<double>(nWire) / static_cast<double>(size);

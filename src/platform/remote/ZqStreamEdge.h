@@ -4,6 +4,7 @@
 #include "ZqNetLink.h"
 #include "ZqStretchLayout.h"
 
+#include <array>
 #include <condition_variable>
 
 /// How far the ordered stream of an image has come, how it moves, and so which stretches it is about to
@@ -27,6 +28,10 @@ public:
     void advance(uint64 to);
     /// Bytes of the wire have come, though not yet a stretch.
     void noteMoved();
+    /// Of the packed form, or the plain one, bytes `from` to `to` - 1 have come over the wire; gives how many
+    /// of them not for the first time, since a request that had brought them was broken off, or the stream
+    /// has gone back.
+    uint64 noteReceived(bool isPacked, uint64 from, uint64 to);
     /// `nWire` bytes of the wire have brought a stretch of `size`.
     void noteShare(uint64 nWire, uint64 size);
 
@@ -60,4 +65,6 @@ private:
     uint64 coreEnd SX_GUARDED_BY(mutex) = 0;
     int64 movedNs SX_GUARDED_BY(mutex) = 0;
     double wireShare SX_GUARDED_BY(mutex) = 1.;
+    /// One past the last byte that has come, of the plain form and of the packed one.
+    std::array<uint64, 2> furthest SX_GUARDED_BY(mutex) = {};
 };

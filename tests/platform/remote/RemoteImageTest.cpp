@@ -273,6 +273,34 @@ TEST_F(RemoteImage, whatWaitsForTheDiskIsntFetchedAgain) {
     EXPECT_EQ(image->getFigures().nTwice, STRETCH);
 }
 
+// A disk that is full ends the stream while a request still brings bytes, and what nobody has taken is lost.
+TEST_F(RemoteImage, whatABrokenOffRequestHadBroughtCountsAsTwice) {
+    for (const bool isPacked : {false, true}) {
+        SCOPED_TRACE(isPacked ? "packed" : "plain");
+        if (isPacked) pack();
+        const ImagePtr image = open();
+        if (isPacked) awaitTable(*image);
+        const auto received = [&, nBefore = image->getLink()->getFigures().nBytes] {
+            return image->getLink()->getFigures().nBytes - nBefore;
+        };
+        int64 nTaken = 0;
+        const auto take = [&](const char*, int64 n) {
+            nTaken += n;
+            if (nTaken < static_cast<int64>(2 * STRETCH)) return true;
+            EXPECT_TRUE(SxWait::pass(20'000, [&] { return received() > 2'500'000; }));
+            return false;
+        };
+        EXPECT_FALSE(image->stream(0, take, nullptr));
+        EXPECT_EQ(image->getFigures().nTwice, 0U) << "nothing has come again so far";
+        EXPECT_TRUE(streamOf(*image, STRETCH + 5) == zqf.substr(STRETCH + 5));
+        const PackedImage packed(zqf);
+        const uint64 nNeeded = isPacked ? packed.bytes().size() - packed.table.size() : zqf.size();
+        EXPECT_GT(image->getFigures().nTwice, 1'500'000U);
+        EXPECT_NEAR(static_cast<double>(image->getFigures().nTwice),
+                    static_cast<double>(received() - nNeeded), 100'000.);
+    }
+}
+
 // Streams at 4 MB/s while the test asks for ranges.
 class RemoteImageBusy : public RemoteImage {
 protected:
