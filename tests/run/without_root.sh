@@ -96,5 +96,5 @@ PATH=$home/few "$client" mount image 2>refusal && fail "ext4 was mounted without
 grep -q "install the package of that name" refusal || fail "the refusal doesn't say what is missing"
 # Neither what is missing otherwise nor its remedy would help.
 PATH=$home/few "$client" mount erofs 2>refusal && fail "EROFS was mounted without root"
-grep -q "build the image with --fs ext4" refusal || fail "the refusal doesn't say what to do"
+grep -q "image that is built with --fs ext4" refusal || fail "the refusal doesn't say what to do"
 echo "passed"

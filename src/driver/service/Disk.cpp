@@ -4,6 +4,7 @@
 #include "SxException.h"
 #include "SxOs.h"
 #include "SxTime.h"
+#include "ZqDriveMeans.h"
 
 #include <cstdlib>
 #include <unistd.h>
@@ -122,9 +123,11 @@ void Disk::bringUp() {
         throw SxException("A volume of type " + type + " can't be written to: mount it with mode ro or rtw",
                           UNIT, __LINE__);
     }
-    if (::geteuid() != 0) UserDriver::requireMeans(type);
+    const ZqDriveMeans means;
+    ZqDriveMeans::require(means.forVolume(type, true));
     folder.makeMountPoints();
     if (!attachDirect(type)) {
+        ZqDriveMeans::require({means.getFuse()});
         front.mount(folder.getFront().str(), "tavrin");
         attach(type);
     }

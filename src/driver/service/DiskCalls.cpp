@@ -5,8 +5,7 @@
 #include "SxException.h"
 #include "SxOs.h"
 #include "SxTime.h"
-
-#include <unistd.h>
+#include "ZqDriveMeans.h"
 
 // What clients ask of a disk, and change of one that is there.
 
@@ -23,10 +22,7 @@ constexpr uint64 NS_PER_MS = 1'000'000;
 void Disk::redirect(const SxList<SxString>& names, const SxString& directory) {
     const SxMutexBlock block(&tearing);
     if (!isMounted()) throw SxException("The volume isn't mounted", UNIT, __LINE__);
-    if (::geteuid() != 0) {
-        throw SxException("Folders and files of a drive can be redirected by root alone: run as root", UNIT,
-                          __LINE__);
-    }
+    ZqDriveMeans::require({ZqDriveMeans().getRedirection()});
     isRedirected = true;
     updateNote([](DirectNote* kept) { kept->isRedirected = true; });
     SxList<SxString> words = {"redirect", folder.getVolume(), directory, params.image + "/"};

@@ -2,6 +2,7 @@
 
 #include "SxException.h"
 #include "SxTime.h"
+#include "ZqDriveMeans.h"
 
 #include <algorithm>
 #include <cstring>
@@ -38,9 +39,8 @@ SxString VolumeProbe::detectType(const std::atomic<bool>& stopped) {
     if (!readBlocking(0, n, bytes, stopped)) {
         throw SxException("The start of the volume can't be read", UNIT, __LINE__);
     }
-    if (std::memcmp(bytes + 1024, "\xe2\xe1\xf5\xe0", 4) == 0) return "erofs";
-    if (std::memcmp(bytes + 1024 + 56, "\x53\xef", 2) == 0) return "ext4";
-    if (std::memcmp(bytes, "hsqs", 4) == 0) return "squashfs";
+    const SxString type = ZqDriveMeans::typeOf({bytes, sizeof bytes});
+    if (!type.isEmpty()) return type;
     throw SxException("The image holds no file system that can be mounted (EROFS, ext4, squashfs)", UNIT,
                       __LINE__);
 }
@@ -53,7 +53,7 @@ SxString VolumeProbe::getLabel() {
         disk->forget(TOKEN);
         return {};
     }
-    const bool erofs = std::memcmp(bytes + 1024, "\xe2\xe1\xf5\xe0", 4) == 0;
+    const bool erofs = ZqDriveMeans::typeOf({bytes, sizeof bytes}) == "erofs";
     const char* name = bytes + 1024 + (erofs ? 64 : 120);
     return SxString(std::string(name, ::strnlen(name, 16))).validUtf8();
 }

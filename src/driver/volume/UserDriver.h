@@ -15,9 +15,6 @@ public:
         stop(true, 0, [] { return 0; });
     }
 
-    /// Raises, in one sentence that says what is missing and what to do, where this machine lets a user mount
-    /// no file system of that type. EROFS needs root everywhere, so it is refused before /dev/fuse is asked.
-    static void requireMeans(const SxString& type);
     /// Mounts the file system of that type in `file` at `folder`; returns when it is there. `stopped` is
     /// asked meanwhile. Raises where the driver fails.
     void start(const SxString& type, const SxString& file, const SxString& folder, bool readOnly,

@@ -9,11 +9,11 @@
 #include "SxTime.h"
 #include "ZqLog.h"
 #include "ZqMachineRoot.h"
+#include "ZqProgram.h"
 #include "ZqXdg.h"
 
 #include <array>
 #include <cerrno>
-#include <cstdlib>
 #include <pwd.h>
 #include <sys/random.h>
 #include <unistd.h>
@@ -157,13 +157,7 @@ SxString ZqSysEnv::getUserName(int64 id) {
 }
 
 bool ZqSysEnv::isProgram(const SxString& name) {
-    if (name.find("/") >= 0) return SxFSAction::test_f(name) && ::access(name.ascii(), X_OK) == 0;
-    const char* folders = std::getenv("PATH");
-    for (const SxString& folder : SxString(folders ? folders : "").tokenize(':')) {
-        const SxString path = folder + "/" + name;
-        if (SxFSAction::test_f(path) && ::access(path.ascii(), X_OK) == 0) return true;
-    }
-    return false;
+    return ZqProgram::isThere(name);
 }
 
 SxString ZqSysEnv::getNewGUID() {

@@ -1,0 +1,12 @@
+#pragma once
+
+#include "SxString.h"
+
+/// One thing that something else needs, of this machine or of a server, as its user is told of it. A value.
+struct ZqMeans {
+    SxString name; ///< a word by which scripts know it, such as "fuse"
+    bool isThere = false;
+    bool isNeeded = true; ///< else all works without it but for what `text` says
+    SxString text;        ///< what there is, or what is missing, a sentence without its full stop
+    SxString remedy;      ///< what the user can do; empty where it is there
+};
