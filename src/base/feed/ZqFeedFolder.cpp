@@ -4,12 +4,14 @@
 #include "SxFSAction.h"
 #include "SxFileIO.h"
 #include "ZqFailurePolicy.h"
+#include "ZqImageContent.h"
 #include "ZqImageFiles.h"
 #include "ZqImageFolder.h"
 #include "ZqImageInfo.h"
 #include "ZqImageRecords.h"
 #include "ZqLog.h"
 #include "ZqOrderCarry.h"
+#include "ZqRemoteFile.h"
 #include "ZqSyncedSize.h"
 #include "ZqVolume.h"
 
@@ -40,7 +42,7 @@ void ZqFeedFolder::requireFolder() const {
 
 bool ZqFeedFolder::take(const ZqStopTest& stop) {
     requireFolder();
-    SxFSAction::mkdir_p(settings.image);
+    made = SxPtr<ZqNewFolder>::create(settings.image);
     growth = ZqImageLock::take(settings.image, ZqImageLock::Growth, ZqImageLock::Exclusive, settings.job);
     // Before anything looks at the size. A drive that is up has taken no more than can be believed either.
     ZqSyncedSize(filePath(ZqImageFiles::ZQF)).cutBack(stop);
@@ -92,6 +94,26 @@ void ZqFeedFolder::cutSurplus(const ZqStopTest& stop) const {
         // The comparison with its digest tells later.
         zqLogMsg("base", "ZqImageFeed: " + e.toString(SxException::ShowMessage, ": "));
     }
+}
+
+void ZqFeedFolder::keep() {
+    if (made) made->keep();
+}
+
+void ZqFeedFolder::removeNew() {
+    if (!made || !made->isNew()) return;
+    try {
+        ZqImageContent(settings.image).remove();
+    } catch (const SxException& e) {
+        zqLogMsg("base", "ZqImageFeed: " + e.toString(SxException::ShowMessage, ": "));
+    }
+    made = SxPtr<ZqNewFolder>();
+}
+
+void ZqFeedFolder::fetchBegin(const SxPtr<ZqNetLink>& link, char* bytes, uint64 n,
+                              const ZqStopTest& stop) const {
+    ZqRemoteFile(link, ZqRemoteFile::urlIn(url, ZqImageFiles::ZQF), settings.headers, getApp().sizeZqf)
+        .read(0, n, bytes, stop);
 }
 
 bool ZqFeedFolder::openApp(const SxPtr<ZqNetLink>& link, const ZqStopTest& stop) {

@@ -5,6 +5,7 @@
 #include "ZqImageLock.h"
 #include "ZqImageOrigin.h"
 #include "ZqImageParams.h"
+#include "ZqNewFolder.h"
 #include "ZqOrderHints.h"
 #include "ZqStreamRecord.h"
 
@@ -19,6 +20,12 @@ public:
     /// whether all of `img.zqf` is there. Raises naming the holder where the image is in use, and where no
     /// address is known for what is missing.
     bool take(const ZqStopTest& stop);
+    /// Keeps a folder that take() has made: from now on it isn't in vain.
+    void keep();
+    /// Removes it, with what this program has put there, unless keep() was called. Raises nothing.
+    void removeNew();
+    /// Fetches the first `n` bytes of `img.zqf`, over `link`. Raises with the tags of ZqNetLink.
+    void fetchBegin(const SxPtr<ZqNetLink>& link, char* bytes, uint64 n, const ZqStopTest& stop) const;
     /// Reads `app.json`, or fetches it over `link` where that isn't null: where the image isn't complete.
     /// False where the server hasn't said that this is its version still.
     bool openApp(const SxPtr<ZqNetLink>& link, const ZqStopTest& stop);
@@ -64,6 +71,7 @@ private:
     SxString url, carried;
     ZqImageOrigin origin;
     ZqImageParams params;
+    SxPtr<ZqNewFolder> made;
     SxPtr<ZqImageLock> growth, shape;
     bool hadAll = false, written = false;
 };

@@ -58,6 +58,17 @@ void ZqGrowingImage::measureDisk(bool mustFit) {
     zqLogMsg("base", "ZqImageFeed: " + text + ", and arrives as far as there is room");
 }
 
+void ZqGrowingImage::requireRoom(const SxString& who, uint64 nNeeded, const SxString& remedy) const {
+    const uint64 nThere = size();
+    const uint64 nMissing = nNeeded > nThere ? reserve.getMissing(nNeeded - nThere) : 0;
+    if (nMissing == 0) return;
+    throw SxException(who + " needs the first " + ZqReadable::megabytes(nNeeded) +
+                          " of the image, and the disk of '" + image + "' lacks " +
+                          ZqReadable::megabytes(nMissing) + " for that, beside the " +
+                          ZqReadable::megabytes(reserve.getSize()) + " that are left to others: " + remedy,
+                      UNIT, __LINE__);
+}
+
 void ZqGrowingImage::lookForRoom() {
     // What is kept beside the image goes as the image grows.
     const uint64 nThere = size() + ZqStretchStore::sizeIn(image);

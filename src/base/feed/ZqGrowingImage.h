@@ -29,6 +29,9 @@ public:
 
     /// Measures the disk. Where it lacks room for the rest, the log says so, or it raises with `mustFit`.
     void measureDisk(bool mustFit);
+    /// Raises where the disk lacks room for the first `nNeeded` bytes of the image, without which `who` can't
+    /// be, with `remedy` as what to do. From measureDisk() on.
+    void requireRoom(const SxString& who, uint64 nNeeded, const SxString& remedy) const;
     /// What is left of the disk to others; from measureDisk() on.
     const ZqDiskReserve& getReserve() const noexcept { return reserve; }
     /// What the disk lacks for the rest of the image, by the last look.

@@ -2,21 +2,27 @@
 
 #include "SxException.h"
 #include "SxFSAction.h"
+#include "SxFileIO.h"
 #include "SxTime.h"
 #include "ZqBlocks.h"
 #include "ZqCoreUnderflowMgr.h"
 #include "ZqDigestCheck.h"
+#include "ZqDriveMeans.h"
 #include "ZqImageDownload.h"
 #include "ZqImageProgress.h"
 #include "ZqImageSource.h"
 #include "ZqLog.h"
 #include "ZqMountMgr.h"
 #include "ZqPartRepair.h"
+#include "ZqStartForecast.h"
 
 #include <algorithm>
+#include <array>
 
 namespace {
 constexpr const char* UNIT = "src/base/ZqImageFeed";
+/// Faster than any download, in megabit per second.
+constexpr double FASTEST_MBIT = 1e6;
 } // namespace
 
 ZqImageFeed::ZqImageFeed(const Settings& settings_)
@@ -74,6 +80,7 @@ void ZqImageFeed::open(const ZqStopTest& stop) {
     } catch (const SxException&) {
         // Once there is room the same command is given again, without the address.
         try {
+            folder.keep();
             folder.noteUse(static_cast<bool>(link));
         } catch (const SxException& e) {
             zqLogMsg("base", "ZqImageFeed: " + e.toString(SxException::ShowMessage, ": "));
@@ -84,7 +91,34 @@ void ZqImageFeed::open(const ZqStopTest& stop) {
     hasOpened = true;
 }
 
+SxString ZqImageFeed::findVolumeType(const ZqStopTest& stop) const {
+    std::array<char, ZqBlocks::SIZE> block{};
+    try {
+        if (fileSize() >= block.size()) {
+            SxFileIO(file.getPath(), "rb").readBuffer(block.data(), block.size());
+        } else if (link) {
+            folder.fetchBegin(link, block.data(), block.size(), stop);
+        }
+    } catch (const SxException& e) {
+        if (e.hasTag(SxException::STOPPED)) throw;
+        // The download tells what is wrong with the server, and the service with the drive.
+        zqLogMsg("base", "ZqImageFeed: " + e.toString(SxException::ShowMessage, ": "));
+    }
+    return ZqDriveMeans::typeOf({block.data(), block.size()});
+}
+
+void ZqImageFeed::requireRoom(bool waits) const {
+    if (!link) return;
+    constexpr const char* REMEDY = "make room there, or name an image folder on another disk";
+    file.requireRoom("A drive", std::min(getApp().sizeMnt, getApp().sizeZqf), REMEDY);
+    if (!waits) return;
+    file.requireRoom("The start", ZqStartForecast(getApp(), FASTEST_MBIT, 0).nInit,
+                     SxString(REMEDY) +
+                         "; with --now the application starts at once, and plays as far as there is room");
+}
+
 void ZqImageFeed::start() {
+    folder.keep();
     keeper = std::make_unique<ZqFeedJob>("feed", [this] { keepUntilStopped(); });
     if (!link) {
         settled = isVerified();

@@ -45,6 +45,12 @@ public:
     /// the image isn't complete. Notes the address in the folder. Raises naming the holder where the image is
     /// in use.
     void open(const ZqStopTest& stop);
+    /// The file system of the image, see ZqDriveMeans::typeOf(), by its first block, for which the server is
+    /// asked where it isn't there; empty where that can't be told. Between open() and start().
+    SxString findVolumeType(const ZqStopTest& stop) const;
+    /// Raises where the disk lacks room for a drive at least, or, with `waits`, for what a start needs that
+    /// waits until enough is there, however fast the download. Between open() and start().
+    void requireRoom(bool waits) const;
     /// Begins to download. A complete image has nothing to download, but it is compared with its digest where
     /// no run has done that to the end.
     void start();
@@ -67,6 +73,8 @@ public:
     void restoreWindow();
     /// Ends the threads, within a second.
     void stop();
+    /// Removes an image folder that open() has made, and that start() was never called for. After stop().
+    void removeNew() { folder.removeNew(); }
 
     const ZqAppParams& getApp() const noexcept { return folder.getApp(); }
     const ZqImageParams& getParams() const noexcept { return folder.getParams(); }

@@ -74,7 +74,8 @@ bool ZqAppCommand::isWindowsProgram(const SxString& program) {
 
 ZqAppCommand::ZqAppCommand(const ZqAppParams& app, const SxString& drive, const SxString& mark,
                            SxWinProcParams procParams, const ZqAppRunner& runner_)
-    : runner(runner_.program) {
+    : cmd(app.cmd),
+      runner(runner_.program) {
     procParams.path = resolve(procParams.path, drive, mark);
     procParams.workDir =
         procParams.workDir.isEmpty() ? folderOf(procParams.path) : resolve(procParams.workDir, drive, mark);
@@ -100,18 +101,56 @@ void ZqAppCommand::requireMeans(const SxString& windowsProgram, const SxString& 
     // `env`, which hands the variables on, takes such a name for one of them.
     const bool isOdd = runner.find("=") >= 0;
     if (isThere && !isOdd) return;
-    throw SxException("'" + windowsProgram.makeVisible() + "' is a Windows program, and there is no " +
-                          (runner.isEmpty() ? SxString("wine") : "program '" + runner.makeVisible() + "'") +
-                          " to run it with" + (isOdd ? ", whose name must hold no '='" : ""),
+    const SxString begin = "'" + windowsProgram.makeVisible() + "' is a Windows program, and there is no ";
+    if (runner.isEmpty()) {
+        throw SxException(begin + "wine to run it with: install Wine, or name another program for that with "
+                                  "--runner",
+                          UNIT, __LINE__);
+    }
+    throw SxException(begin + "program '" + runner.makeVisible() + "' to run it with" +
+                          (isOdd ? ", whose name must hold no '='" : "") +
+                          ": give --runner the name or the path of one that is there",
                       UNIT, __LINE__);
 }
 
-void ZqAppCommand::start() {
-    if (!needsWine.isEmpty()) {
-        requireMeans(needsWine, runner);
-        const bool isPath = needsWine.find("/") >= 0 || needsWine.find("\\") >= 0;
-        if (isPath && !SxFSAction::test_f(needsWine))
-            throw SxException("There is no program '" + needsWine.makeVisible() + "'", UNIT, __LINE__);
+void ZqAppCommand::requirePossible(const SxString& cmd, const SxString& mark) {
+    const SxString begin = "The command of the application (\"cmd\" in its app.json) ";
+    constexpr const char* REMEDY =
+        "; its publisher has to put that right, and 'tavrin mount' makes the drive "
+        "without it";
+    if (cmd.isEmpty()) throw SxException(begin + "is empty" + REMEDY, UNIT, __LINE__);
+    if (cmd.find(mark) >= 0) return;
+    bool isThere = true;
+    if (!isWindowsProgram(cmd)) {
+        isThere = ZqSysEnv::isProgram(hasDriveLetter(cmd) ? SxString(SxOs::hostPath(cmd.str())) : cmd);
+    } else if (hasDriveLetter(cmd)) {
+        // Wine makes what it brings itself when it makes the prefix.
+        isThere = SxFSAction::test_f(cmd) || !SxFSAction::test_d(ZqSysEnv::getSysPath(ZqSysEnv::Windows));
     }
-    process->start();
+    if (isThere) return;
+    throw SxException(
+        begin + "is '" + cmd.makeVisible() +
+            "', and this machine has no such program: install it, or, where it is the title's own, have its "
+            "publisher name it as one of the drive's ({{ZQDRIVE}}/...)",
+        UNIT, __LINE__);
+}
+
+void ZqAppCommand::start() {
+    try {
+        if (!needsWine.isEmpty()) {
+            requireMeans(needsWine, runner);
+            const bool isPath = needsWine.find("/") >= 0 || needsWine.find("\\") >= 0;
+            if (isPath && !SxFSAction::test_f(needsWine))
+                throw SxException("There is no program '" + needsWine.makeVisible() + "'", UNIT, __LINE__);
+        }
+        process->start();
+    } catch (const SxException& e) {
+        throw SxException(
+            e,
+            "The application can't be started by the command '" + cmd.makeVisible() +
+                "' of its app.json; where the image lacks that program its publisher has to put "
+                "it right",
+            UNIT, __LINE__)
+            .tagged(NOT_STARTED);
+    }
 }

@@ -20,13 +20,19 @@ public:
     static bool isWindowsProgram(const SxString& program);
 
     const SxPtr<SxProcess>& getProcess() const noexcept { return process; }
+    /// Tag of a failure of start().
+    static constexpr const char* NOT_STARTED = "CommandNotStarted";
     /// Raises where the program can't be started, and where it needs Wine, or the runner, and there is none.
     void start();
-    /// Raises where nothing can run the Windows program.
+    /// Raises, saying what to do, where nothing can run the Windows program.
     static void requireMeans(const SxString& windowsProgram, const SxString& runner);
+    /// Raises, saying what to do, where the command `cmd` of `app.json` can't exist on this machine, whatever
+    /// the drive holds, for which `mark` stands: an empty one, or a program of the machine that isn't there.
+    static void requirePossible(const SxString& cmd, const SxString& mark);
 
 private:
     SxPtr<SxProcess> process;
+    SxString cmd;       ///< as the record has it
     SxString needsWine; ///< the program, where it is one for Windows
     SxString runner;
 };

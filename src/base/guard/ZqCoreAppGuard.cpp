@@ -281,7 +281,13 @@ int ZqCoreAppGuard::getExitCode() const {
 }
 
 void ZqCoreAppGuard::requireSuccess() const {
-    if (hasFailure()) throw getFailure();
+    if (!hasFailure()) return;
+    const SxException failure = getFailure();
+    // The levels above that say nothing which helps to mend a wrong command.
+    for (const SxException* level = &failure; level; level = level->getCause()) {
+        if (level->getTag() == ZqAppCommand::NOT_STARTED) throw SxException(*level);
+    }
+    throw failure;
 }
 
 void ZqCoreAppGuard::stop() {

@@ -6,6 +6,7 @@
 #include "ZqAppSuspension.h"
 #include "ZqApplicationNote.h"
 #include "ZqCoreAppGuard.h"
+#include "ZqDriveMeans.h"
 #include "ZqFirstFrame.h"
 #include "ZqFirstWindow.h"
 #include "ZqHeldReads.h"
@@ -143,6 +144,7 @@ void ZqRun::run() {
         statistics->open();
         ZqStartCheck::require(settings, feed->getApp());
     }
+    if (!settings.feed.isDownloadOnly) requireDrive();
     const bool wasComplete = feed->isComplete();
     const uint64 nPresent = feed->fileSize();
     feed->start();
@@ -173,6 +175,13 @@ void ZqRun::run() {
     phase = Running;
     follow();
     if (settings.keepsMounted || settings.completes) complete();
+}
+
+/// The service would tell of it only once there is enough for a drive.
+void ZqRun::requireDrive() {
+    const SxString type = ZqDriveMeans().isRoot() ? SxString() : feed->findVolumeType(waits->test());
+    ZqStartCheck::requireDrive(feed->getApp(), type, feed->isComplete());
+    feed->requireRoom(isPlay() && !settings.startsAtOnce);
 }
 
 bool ZqRun::adopt() {

@@ -52,6 +52,7 @@ void ZqRun::end() {
         throw SxException(e, "The run of '" + image + "' could not be ended cleanly", UNIT, __LINE__);
     }
     writeInfo();
+    feed->removeNew();
 }
 
 void ZqRun::writeInfo() {

@@ -4,9 +4,12 @@
 #include "SxFSAction.h"
 #include "SxProcessInfo.h"
 #include "ZqAppCommand.h"
+#include "ZqCoreAppGuard.h"
+#include "ZqDriveMeans.h"
 #include "ZqLaunchCommand.h"
 #include "ZqLaunchValues.h"
 #include "ZqMachineRoot.h"
+#include "ZqRedirection.h"
 #include "ZqRunSettings.h"
 #include "ZqSysEnv.h"
 
@@ -27,18 +30,27 @@ void requireName(const SxString& image, const ZqAppParams& app, const SxString& 
     }
 }
 
-void requireOwnRoot() {
-    const SxString root = ZqMachineRoot::get();
-    const auto info = SxFSAction::look(root + "/");
-    if (!info || info->owner == SxProcessInfo::ownUser()) return;
-    const SxString name = ZqSysEnv::getUserName(info->owner);
-    throw SxException("The Wine prefix '" + root + "' belongs to " + name +
-                          ", and Wine refuses it to everybody else: play as " + name +
-                          ", or with another prefix (WINEPREFIX)",
-                      UNIT, __LINE__);
+} // namespace
+
+void ZqStartCheck::requireDrive(const ZqAppParams& app, const SxString& type, bool isComplete) {
+    const ZqDriveMeans means;
+    // The kernel serves some complete images by itself.
+    SxList<ZqMeans> all = means.forVolume(type, isComplete);
+    if (!ZqRedirection(app).isEmpty()) all << means.getRedirection();
+    ZqDriveMeans::require(all);
 }
 
-} // namespace
+ZqMeans ZqStartCheck::getRoot() {
+    const SxString root = ZqMachineRoot::get();
+    const auto info = SxFSAction::look(root + "/");
+    if (!info) return {"prefix", true, true, "The Wine prefix '" + root + "' is made when it is needed", {}};
+    if (info->owner == SxProcessInfo::ownUser())
+        return {"prefix", true, true, "The Wine prefix '" + root + "' is this user's", {}};
+    const SxString name = ZqSysEnv::getUserName(info->owner);
+    return {"prefix", false, true,
+            "The Wine prefix '" + root + "' belongs to " + name + ", and Wine refuses it to everybody else",
+            "play as " + name + ", or with another prefix (WINEPREFIX)"};
+}
 
 void ZqStartCheck::require(const ZqRunSettings& settings, const ZqAppParams& app) {
     const ZqLaunchValues values = ZqLaunchValues::originalOf(settings.feed.image, app);
@@ -50,7 +62,10 @@ void ZqStartCheck::require(const ZqRunSettings& settings, const ZqAppParams& app
             if (app.access.contains(word)) windowsProgram = word;
         }
     }
+    // A launcher's program is looked for by the mount, which sets the launcher up.
+    const bool isOwn = windowsProgram.isEmpty() || windowsProgram == values.cmd;
+    if (isOwn) ZqAppCommand::requirePossible(values.cmd, ZqCoreAppGuard::DRIVE_MARK);
     if (windowsProgram.isEmpty()) return;
     ZqAppCommand::requireMeans(windowsProgram, settings.runner);
-    requireOwnRoot();
+    ZqDriveMeans::require({getRoot()});
 }

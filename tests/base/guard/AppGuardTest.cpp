@@ -158,6 +158,9 @@ TEST_F(AppGuardTest, ProgramArgumentsAndFolder) {
     ASSERT_TRUE(errors.tryPop(&event));
     EXPECT_THAT(event.getData().getText(1).str(), AllOf(HasSubstr("Internal error in wait for process"),
                                                         HasSubstr("E:\\none"), HasSubstr("No such file")));
+    // The player's own words begin with the command.
+    EXPECT_THAT(failureOf([&] { guard->requireSuccess(); }),
+                StartsWith("The application can't be started by"));
 }
 
 TEST_F(AppGuardTest, AGameThatNeverComes) {
