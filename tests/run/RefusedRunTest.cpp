@@ -51,6 +51,23 @@ TEST_F(RefusedRun, ACommandThatCanNotBeIsToldBeforeTheDownload) {
                                          testing::Not(HasSubstr("Internal error"))));
 }
 
+TEST_F(RefusedRun, AWrongAddressLeavesNoFolder) {
+    got = dir.path("new/got");
+    const string address = server->getUrl().str();
+    for (const string verb : {"run", "mount", "fetch"}) {
+        SCOPED_TRACE(verb);
+        expectNothing(attempt(verb, address + "none/"), "has no app.json there");
+        expectNothing(attempt(verb, served), "an image folder of this machine");
+        EXPECT_FALSE(fs::exists(dir.path("new")));
+    }
+    dir.write("served/page/app.json", "<html><title>Index of /</title>");
+    expectNothing(attempt("run", address + "page"), "a listing of files");
+    // A folder that was there isn't this command's.
+    fs::create_directories(got);
+    EXPECT_EQ(attempt("run", address + "none/").code, 1);
+    EXPECT_TRUE(fs::is_directory(got));
+}
+
 TEST_F(RefusedRun, AMachineWithoutFuseIsToldBeforeTheDownload) {
     const string without = "unshare -m bash -c 'mount --bind /dev/null /dev/fuse && exec \"$@\"' x \"$@\"";
     for (const string verb : {"run", "mount"})

@@ -4,6 +4,7 @@
 #include "SxFSAction.h"
 #include "SxFileIO.h"
 #include "ZqFailurePolicy.h"
+#include "ZqImageAddress.h"
 #include "ZqImageContent.h"
 #include "ZqImageFiles.h"
 #include "ZqImageFolder.h"
@@ -29,6 +30,7 @@ uint64 ZqFeedFolder::fileSize() const {
 }
 
 void ZqFeedFolder::requireFolder() const {
+    if (!settings.url.isEmpty()) ZqImageAddress::require(settings.url);
     if (settings.url.isEmpty() && !SxFSAction::exists(settings.image)) {
         throw SxException("Image folder '" + settings.image + "' not found, and no address is given", UNIT,
                           __LINE__);

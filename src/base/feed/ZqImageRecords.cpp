@@ -7,6 +7,7 @@
 #include "SxMd5.h"
 #include "ZqBlocks.h"
 #include "ZqFailurePolicy.h"
+#include "ZqImageAddress.h"
 #include "ZqImageFiles.h"
 #include "ZqImageFolder.h"
 #include "ZqImageInfo.h"
@@ -143,8 +144,26 @@ ZqAppParams ZqImageRecords::parseApp(const SxArray<char>& bytes, SxString* text)
 }
 
 void ZqImageRecords::requireSameOnServer(const ZqAppParams& own, const ZqStopTest& stop) const {
+    requireSame(own, lookAtAddress(&own, stop));
+}
+
+ZqAppParams ZqImageRecords::getApp(const ZqStopTest& stop) const {
+    return lookAtAddress(nullptr, stop);
+}
+
+ZqAppParams ZqImageRecords::lookAtAddress(const ZqAppParams* own, const ZqStopTest& stop) const {
     SxString text;
-    requireSame(own, look(&own, &text, stop));
+    try {
+        return look(own, &text, stop);
+    } catch (const SxException& e) {
+        raiseNoImage(e, text);
+    }
+}
+
+void ZqImageRecords::raiseNoImage(const SxException& why, const SxString& text) const {
+    if (why.hasTag(ZqNetLink::NOT_FOUND)) throw ZqImageAddress::absent(address, why);
+    if (!why.hasTag(ZqNetLink::WRONG) || text.isEmpty()) throw SxException(why);
+    throw ZqImageAddress::other(address, ZqImageAddress::kindOf(text), why);
 }
 
 bool ZqImageRecords::isSameOnServer(const ZqAppParams& own, const ZqStopTest& stop) const {
@@ -176,7 +195,7 @@ ZqAppParams ZqImageRecords::fetchApp(bool mayPlay, bool* isConfirmed, const ZqSt
     } catch (const SxException& e) {
         // What is there can be played; the download waits for its server, and says so.
         const bool mayPass = isLate || ZqFailurePolicy::decide(e, true) != ZqFailurePolicy::End;
-        if (!mayGoWithout || !mayPass) throw;
+        if (!mayGoWithout || !mayPass) raiseNoImage(e, text);
         *isConfirmed = false;
         return own;
     }

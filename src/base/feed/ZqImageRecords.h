@@ -23,6 +23,9 @@ public:
     /// it is to be played (`mayPlay`); `*isConfirmed` tells whether the server has said so. The caller has
     /// the image's shape for itself alone.
     ZqAppParams fetchApp(bool mayPlay, bool* isConfirmed, const ZqStopTest& stop);
+    /// The server's `app.json`, which is put nowhere. Raises with the tags of ZqNetLink, and says so where
+    /// there is no image at the address.
+    ZqAppParams getApp(const ZqStopTest& stop) const;
     /// Raises with the tag ZqFailurePolicy::OTHER_VERSION where the server's `app.json` is now that of
     /// another version or block order than `own`, and with those of ZqNetLink where it can't be told.
     void requireSameOnServer(const ZqAppParams& own, const ZqStopTest& stop) const;
@@ -66,6 +69,10 @@ private:
     /// that is given, is asked for twice. Nothing is written, so a full disk is no matter.
     ZqAppParams look(const ZqAppParams* own, SxString* text, const ZqStopTest& stop,
                      ZqTransfer::Kind kind = ZqTransfer::Kind::Small) const;
+    /// As look(), but says so where there is no image at the address.
+    ZqAppParams lookAtAddress(const ZqAppParams* own, const ZqStopTest& stop) const;
+    /// Raises `why` of look() again, and says so where there is no image; `text`: what came.
+    [[noreturn]] void raiseNoImage(const SxException& why, const SxString& text) const;
     ZqAppParams parseApp(const SxArray<char>& bytes, SxString* text) const;
     void requireSame(const ZqAppParams& own, const ZqAppParams& server) const;
 
