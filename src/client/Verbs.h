@@ -22,4 +22,5 @@ void registerStatsVerbs(App* app);
 void registerHardwareVerb(Family* stats);
 /// The one that looks at the runs of a fleet.
 void registerCollectVerb(Family* stats);
+void registerDoctorVerb(App* app);
 void registerCompletionVerbs(App* app);

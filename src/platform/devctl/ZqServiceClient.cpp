@@ -80,12 +80,6 @@ bool Connection::open(const std::string& serviceFolder) {
     return true;
 }
 
-/// The program of the service: $TAVRIN_ZQDD, or `zqdd` beside the external tools.
-SxString serviceProgram() {
-    const char* own = std::getenv("TAVRIN_ZQDD");
-    return own && *own ? SxString(own) : ZqSysEnv::getRTERootDir() + "/zqdd";
-}
-
 /// Holds the lock under which services start and end.
 class StartLock {
 public:
@@ -116,7 +110,7 @@ void startService(const std::string& root, const std::string& folder) {
                           __LINE__);
     }
     if (connection.open(folder)) return;
-    const SxString program = serviceProgram(), failure = folder + ZqServiceFolder::START_FAILURE;
+    const SxString program = ZqServiceClient::program(), failure = folder + ZqServiceFolder::START_FAILURE;
     if (SxFSAction::exists(failure)) SxFSAction::rm(failure);
     SxProcess process(program, {"--root", SxString(root), "--folder", SxString(folder)}, SxProcess::Silent);
     const int code = process.run();
@@ -237,6 +231,11 @@ bool connectTo(const std::string& root, const std::string& folder, ZqServiceClie
 }
 
 } // namespace
+
+SxString ZqServiceClient::program() {
+    const char* own = std::getenv("TAVRIN_ZQDD");
+    return own && *own ? SxString(own) : ZqSysEnv::getRTERootDir() + "/zqdd";
+}
 
 bool ZqServiceClient::call(Call call, const Writer& request, Reader* answer, Start start) {
     lastFailure = SxString();

@@ -15,6 +15,9 @@ enum class Start {
     IfNeeded ///< it is started
 };
 
+/// The program of the service: $TAVRIN_ZQDD, or `zqdd` beside the external tools.
+SxString program();
+
 /// Makes one call. Gives whether it succeeded; `*answer` holds the results then. Why it failed is kept for
 /// getLastFailure(). Safe from any thread.
 bool call(ZqDriveWire::Call call, const ZqDriveWire::Writer& request, ZqDriveWire::Reader* answer,

@@ -176,6 +176,13 @@ bool ZqFileFacts::mayLackRanges() const {
     return hasGivenWhole && !hasGivenRange;
 }
 
+bool ZqFileFacts::hasValidator() const {
+    const SxMutexBlock block(&mutex);
+    return std::any_of(versions.begin(), versions.end(), [](const Version& each) {
+        return !each.eTag.isEmpty() || !each.lastModified.isEmpty();
+    });
+}
+
 void ZqFileFacts::learnSize(uint64 total) {
     SxMutexBlock lock(&mutex);
     checkSize(total);

@@ -77,6 +77,8 @@ public:
     void noteForm(bool isWhole);
     /// Whether only the whole file has come so far, so that the server may have no ranges.
     bool mayLackRanges() const;
+    /// Whether an answer has come that tells the version of the file.
+    bool hasValidator() const;
     /// Raises where the file hasn't `total` bytes.
     void learnSize(uint64 total);
     /// Asks whether the file is the same in spite of the doubts so far, and raises where it isn't: with the

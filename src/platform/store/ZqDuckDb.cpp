@@ -105,7 +105,7 @@ Library load(const SxString& path) {
     return library;
 }
 
-const Library& requireLibrary() {
+const Library& loadedLibrary() {
     static SxMutex mutex;
     static std::map<SxString, Library> loaded;
     const SxString path = ZqSysEnv::getRTERootDir() + "/libduckdb.so";
@@ -175,7 +175,7 @@ ZqDuckDb::Value valueAt(duckdb_vector vector, const Library& duck, duckdb_type t
 } // namespace
 
 struct ZqDuckDb::State {
-    const Library& duck = requireLibrary();
+    const Library& duck = loadedLibrary();
     duckdb_database database = nullptr;
     duckdb_connection connection = nullptr;
     std::atomic<bool> isStopped = false;
@@ -254,6 +254,10 @@ ZqDuckDb::Rows ZqDuckDb::State::execute(duckdb_prepared_statement statement) con
         }
     }
     return rows;
+}
+
+void ZqDuckDb::requireLibrary() {
+    loadedLibrary();
 }
 
 ZqDuckDb::ZqDuckDb(const Settings& settings) : state(std::make_unique<State>()) {

@@ -41,6 +41,9 @@ public:
     ZqDuckDb(const ZqDuckDb&) = delete;
     ZqDuckDb& operator=(const ZqDuckDb&) = delete;
 
+    /// Raises where the library is missing, or another one than this build is for.
+    static void requireLibrary();
+
     /// Runs one statement.
     void run(const SxString& statement) { query(statement); }
     /// Runs one statement, with `values` as its $1, $2 and so on, and gives its rows. Their columns are
