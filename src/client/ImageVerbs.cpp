@@ -18,6 +18,7 @@
 #include <tavrin/ZqImageLock.h>
 #include <tavrin/ZqPatch.h>
 #include <tavrin/ZqReadable.h>
+#include <tavrin/ZqSaves.h>
 
 #include <optional>
 
@@ -92,6 +93,15 @@ SxString describeFiles(const FileInfo& files) {
     return files.hasNeighbours ? files.why + "; an order goes by neighbours on the disk" : files.why;
 }
 
+/// What the application has saved; none where the record is one whose names can't be used.
+std::optional<ZqSaves> findSaves(const ZqImageInfo& info) {
+    try {
+        return ZqSaves::of(info.app);
+    } catch (const SxException&) {
+        return std::nullopt;
+    }
+}
+
 SxSymbol describeJson(const ZqImageInfo& info, const SxString& folder) {
     SxSymbol result;
     result.setType(Json::Object);
@@ -128,6 +138,13 @@ SxSymbol describeJson(const ZqImageInfo& info, const SxString& folder) {
         result.append("volume", Json::Null);
     } else {
         result.append("volume", volume);
+    }
+    if (const auto saves = findSaves(info)) {
+        SxSymbol object = result.append("saves", Json::Object);
+        object.append("path", saves->path.validUtf8());
+        object.append("bytes", saves->nBytes);
+    } else {
+        result.append("saves", Json::Null);
     }
     appendRecord(&result, "app", folder + ZqImageFiles::APP_JSON);
     appendRecord(&result, "image", folder + ZqImageFiles::IMAGE_JSON);
@@ -173,6 +190,8 @@ void describeText(const ZqImageInfo& info, const SxString& folder, Output* out) 
                                                "hot stretches"));
     }
     field("Storage", describeParts(info));
+    if (const auto saves = findSaves(info))
+        field("Saves", saves->path.makeVisible() + ", " + readableBytes(static_cast<double>(saves->nBytes)));
 }
 
 /// The forecast for the median of the runs that the order comes from.

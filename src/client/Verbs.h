@@ -22,5 +22,6 @@ void registerStatsVerbs(App* app);
 void registerHardwareVerb(Family* stats);
 /// The one that looks at the runs of a fleet.
 void registerCollectVerb(Family* stats);
+void registerRemoveVerb(App* app);
 void registerDoctorVerb(App* app);
 void registerCompletionVerbs(App* app);

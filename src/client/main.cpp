@@ -12,6 +12,7 @@ int main(int argc, char** argv) {
     registerServeVerbs(&app);
     registerRunVerbs(&app);
     registerStatsVerbs(&app);
+    registerRemoveVerb(&app);
     registerDoctorVerb(&app);
     registerCompletionVerbs(&app);
     return app.run(argc, argv);

@@ -19,6 +19,7 @@
 #include "ZqMachineRoot.h"
 #include "ZqNewFolder.h"
 #include "ZqRedirection.h"
+#include "ZqSaves.h"
 #include "ZqStreamRecord.h"
 #include "ZqSysEnv.h"
 #include "ZqTreeCopy.h"
@@ -162,7 +163,7 @@ void ZqExtractContent::requireImage(const ZqExtractPlaces& places) {
     // A link that leads nowhere has the name, too.
     if (!SxFSAction::isGone(places.destination)) refuse(destination + " already exists.", __LINE__);
     // Names that lead out are refused before anything is made.
-    if (!ZqRedirection(app).isEmpty()) requirePrivateFree(places, app.guid);
+    if (!ZqRedirection(app).isEmpty()) ZqSaves::requireFree(app.guid, places.image);
     requireNoDrive(places);
 }
 

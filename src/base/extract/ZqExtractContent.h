@@ -87,8 +87,6 @@ private:
     void removePrivate(const ZqExtractPlaces& places, const ZqExtractNote& note);
     void removeRest(const ZqExtractPlaces& places, const SxString& from) const;
     void removeMark(const ZqExtractPlaces& places) const;
-    /// The private files of an application may be those of another image's drive, too.
-    static void requirePrivateFree(const ZqExtractPlaces& places, const SxString& guid);
 
     void log(const SxString& text) const;
     /// Logs and raises the failure of a step, in its stated words.

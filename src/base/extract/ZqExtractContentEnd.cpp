@@ -8,10 +8,9 @@
 #include "ZqImageFiles.h"
 #include "ZqImageFolder.h"
 #include "ZqImageLock.h"
-#include "ZqLog.h"
 #include "ZqMachineRoot.h"
 #include "ZqRedirection.h"
-#include "ZqVolume.h"
+#include "ZqSaves.h"
 
 #include <cerrno>
 
@@ -143,23 +142,6 @@ SxString ZqExtractContent::moveAway(const ZqExtractPlaces& places, const SxStrin
     return left;
 }
 
-void ZqExtractContent::requirePrivateFree(const ZqExtractPlaces& places, const SxString& guid) {
-    for (const ZqDiskStatus& disk : ZqVolume::getDisks()) {
-        if (disk.image == places.image) continue;
-        ZqAppParams other;
-        try {
-            other = ZqAppParams(ZqImageFolder::prefix(disk.image));
-        } catch (const SxException& e) {
-            zqLogMsg("base", "ZqExtractContent : " + e.toString(SxException::ShowMessage, ": "));
-            continue;
-        }
-        if (!(other.guid == guid) || (other.dirmap.isEmpty() && other.filemap.isEmpty())) continue;
-        throw SxException("The private files of the application are in use by the drive of image '" +
-                              disk.image + "'",
-                          UNIT, __LINE__);
-    }
-}
-
 void ZqExtractContent::removePrivate(const ZqExtractPlaces& places, const ZqExtractNote& note) {
     if (note.dirmap.isEmpty() && note.filemap.isEmpty()) return;
     // The note is a file in a folder that others may have made, so its names are checked as those of
@@ -171,7 +153,7 @@ void ZqExtractContent::removePrivate(const ZqExtractPlaces& places, const ZqExtr
     const ZqRedirection redirection(names);
     if (!(note.folder == PROTECTED) && !(note.folder == PRIVATE))
         throw SxException("'" + note.folder.makeVisible() + "' is no protected folder", UNIT, __LINE__);
-    requirePrivateFree(places, note.guid);
+    ZqSaves::requireFree(note.guid, places.image);
     const SxString side = redirection.getDirectory() + "/" + note.folder;
     for (const ZqRedirection::Item& item : redirection.getItems()) {
         const SxString from = side + "/" + item.name;
