@@ -10,12 +10,6 @@
 namespace {
 constexpr const char* UNIT = "src/client/Output";
 constexpr size_t BUFFER_SIZE = 64 << 10;
-
-void writeError(const SxString& text) {
-    // Nobody is left to be told where standard error itself fails.
-    std::fwrite(text.ascii(), 1, text.str().size(), stderr);
-    std::fflush(stderr);
-}
 } // namespace
 
 Output::Output(const OutputMode& mode_) : mode(mode_) {
@@ -55,6 +49,12 @@ void Output::check(bool written) {
     closed = true;
 }
 
+void Output::error(std::string_view bytes) {
+    // Nobody is left to be told where standard error itself fails.
+    std::fwrite(bytes.data(), 1, bytes.size(), stderr);
+    std::fflush(stderr);
+}
+
 void Output::failure(const SxException& e, bool places) {
     SxString text;
     for (const SxException* level = &e; level; level = level->getCause()) {
@@ -63,11 +63,11 @@ void Output::failure(const SxException& e, bool places) {
         if (places) text += (" (" + level->getFile() + ":" + level->getLine() + ")");
         text += "\n";
     }
-    writeError(text);
+    error(text.str());
 }
 
 void Output::failure(const SxString& sentence) {
-    writeError("tavrin: " + sentence.makeVisible() + "\n");
+    error(("tavrin: " + sentence.makeVisible() + "\n").str());
 }
 
 SxString readableBytes(double bytes) {

@@ -40,6 +40,8 @@ public:
     static void failure(const SxException& e, bool places);
     /// Shows one sentence on standard error.
     static void failure(const SxString& sentence);
+    /// Bytes as they are, on standard error.
+    static void error(std::string_view bytes);
 
 private:
     void check(bool written);

@@ -1,5 +1,6 @@
 #include "RunVerbs.h"
 #include "App.h"
+#include "GameOutput.h"
 #include "Job.h"
 #include "Progress.h"
 #include "RunShow.h"
@@ -105,19 +106,24 @@ int run(const RunOptions& options, Output& out) {
             throw SxException("The page and the report can't be the same file", UNIT, __LINE__);
         }
     }
-    ZqRun job(settingsOf(options));
+    GameOutput gameOutput(out.getMode());
+    ZqRun::Settings settings = settingsOf(options);
+    settings.readsOutput = gameOutput.isShown();
+    ZqRun job(settings);
     ForecastLine forecast(options.now, &out);
     TraceLine trace(&out);
     followRun(&job, options.image, options.now, out,
               [&](const auto& status, const auto& estimate, Progress* progress) {
                   trace.look(job, progress);
                   forecast.look(job, status, estimate, progress);
+                  gameOutput.look(&job, progress);
               });
     const ZqRun::Result& result = job.getResult();
     if (result.wasStarted) {
         out.text(endText(job));
         tellFigures(result, &out);
         tellMissing(result, options.image, &out);
+        gameOutput.tellLast(result);
     }
     if (!result.missed.isEmpty()) {
         out.finding("The process '" + result.missed.makeVisible() +

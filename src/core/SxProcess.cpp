@@ -87,6 +87,7 @@ struct ChildPlan {
     SxProcess::Mode mode;
     int report;    ///< descriptor to report a failure on
     int errors;    ///< descriptor for standard error, with KeepError
+    int output;    ///< descriptor for standard output and error, with Inherit; -1 for ours
     pid_t starter; ///< the process to end with; 0 for none
 };
 
@@ -117,6 +118,7 @@ int arrangeDescriptors(const ChildPlan& plan) {
     // Out of the way first: where ours were closed, they may be among the standard ones.
     const int report = fcntl(plan.report, F_DUPFD_CLOEXEC, REPORT + 1);
     const int errors = fcntl(plan.errors, F_DUPFD_CLOEXEC, REPORT + 1);
+    const int output = fcntl(plan.output, F_DUPFD_CLOEXEC, REPORT + 1);
     const int null = open("/dev/null", O_RDWR | O_CLOEXEC);
     dup2(null, STDIN_FILENO);
     if (plan.mode == SxProcess::Silent || plan.mode == SxProcess::KeepError) {
@@ -124,6 +126,9 @@ int arrangeDescriptors(const ChildPlan& plan) {
         dup2(plan.mode == SxProcess::Silent ? null : errors, STDERR_FILENO);
     } else if (plan.mode == SxProcess::OutputToError) {
         dup2(STDERR_FILENO, STDOUT_FILENO);
+    } else if (output >= 0) {
+        dup2(output, STDOUT_FILENO);
+        dup2(output, STDERR_FILENO);
     }
     dup3(report, REPORT, O_CLOEXEC);
     closefrom(REPORT + 1);
@@ -213,6 +218,11 @@ void SxProcess::setWorkingDirectory(const SxString& path) {
     workingDirectory = path;
 }
 
+void SxProcess::setOutput(int fd) {
+    SxMutexBlock lock(&mutex);
+    output = fd;
+}
+
 void SxProcess::setEndsWithStarter(bool ends) {
     SxMutexBlock lock(&mutex);
     endsWithStarter = ends;
@@ -274,6 +284,7 @@ bool SxProcess::fork(Launch* launch) {
                          mode,
                          launch->pipe.writer(),
                          launch->errors ? launch->errors->writer() : -1,
+                         output,
                          endsWithStarter ? getpid() : 0};
     const SignalBlock noSignals;
     const pid_t child = ::fork();

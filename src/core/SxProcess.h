@@ -45,6 +45,9 @@ public:
     SxWinProcParams getWinProcParams() const SX_EXCLUDES(mutex);
     /// The folder that the process starts in; empty for ours. A relative program path counts from ours.
     void setWorkingDirectory(const SxString& path) SX_EXCLUDES(mutex);
+    /// With the mode Inherit: standard output and error lead to this descriptor in place of ours. It stays
+    /// the caller's, who keeps it open until start() has returned.
+    void setOutput(int fd) SX_EXCLUDES(mutex);
     /// Whether the system kills the process as soon as the thread that calls start() has ended, also where a
     /// kill of this program ends it. What the process has started itself isn't killed. False at first.
     void setEndsWithStarter(bool ends) SX_EXCLUDES(mutex);
@@ -97,6 +100,7 @@ private:
     SxWinProcParams winProcParams SX_GUARDED_BY(mutex);
     SxString workingDirectory SX_GUARDED_BY(mutex);
     bool endsWithStarter SX_GUARDED_BY(mutex) = false;
+    int output SX_GUARDED_BY(mutex) = -1;
     int errorReader SX_GUARDED_BY(mutex) = -1;
     std::string errorText SX_GUARDED_BY(mutex);
     State state SX_GUARDED_BY(mutex) = State::New;

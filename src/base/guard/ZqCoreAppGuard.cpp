@@ -61,6 +61,10 @@ void ZqCoreAppGuard::start() {
         continue;
 }
 
+void ZqCoreAppGuard::setOutput(int fd) {
+    if (process) process->setOutput(fd);
+}
+
 void ZqCoreAppGuard::main() {
     runningFlag = true;
     begunFlag = true;

@@ -49,6 +49,9 @@ public:
     /// Does the same, and returns when the thread runs, or has ended already: a program that can't be started
     /// must not hold its caller for ever.
     virtual void start();
+    /// Where standard output and error of the application lead, see SxProcess::setOutput(). Has an effect
+    /// only before the start, and none for an adopted one.
+    void setOutput(int fd);
 
     bool isRunning() const { return runningFlag; }
     bool stopRequested() const { return stopFlag; }

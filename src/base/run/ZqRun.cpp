@@ -9,6 +9,7 @@
 #include "ZqDriveMeans.h"
 #include "ZqFirstFrame.h"
 #include "ZqFirstWindow.h"
+#include "ZqGameOutput.h"
 #include "ZqHeldReads.h"
 #include "ZqImageFeed.h"
 #include "ZqImageLock.h"
@@ -53,6 +54,7 @@ ZqRun::ZqRun(const Settings& settings_)
       note(std::make_unique<ZqApplicationNote>(image, waits.get())),
       suspension(std::make_unique<ZqAppSuspension>()),
       notes(std::make_unique<ZqRunNotes>(image)),
+      output(std::make_unique<ZqGameOutput>(image, settings.readsOutput)),
       statistics(std::make_unique<ZqRunStatistics>(settings, feed.get(), waits.get(), &result)) {
     setThreadName("run");
 }
@@ -94,6 +96,10 @@ std::optional<double> ZqRun::estimateStart(double rate) const {
     const Phase now = phase;
     if (now == Opening || now >= Running) return {};
     return feed->estimateStart(rate, settings.startsAtOnce);
+}
+
+std::string ZqRun::readOutput() {
+    return output->readNext();
 }
 
 std::optional<ZqTracePolicy::Decision> ZqRun::getTraceDecision() const {
@@ -201,6 +207,7 @@ bool ZqRun::adopt() {
     }
     phase = Adopted;
     takeFormerRecord();
+    output->adopt();
     launched = std::make_unique<const ZqAppParams>(feed->getApp());
     guard = std::make_unique<ZqCoreAppGuard>(image, *launched, group);
     feed->applicationStarts(*launched);
@@ -292,6 +299,8 @@ void ZqRun::startApplication() {
     process.args = SxString::join(app.args, " ");
     guard = std::make_unique<ZqCoreAppGuard>(image, *launched, mountPath, process,
                                              ZqAppRunner{settings.runner, mountPath, drive->isWritable()});
+    output->begin(beginMs);
+    guard->setOutput(output->getFd());
     feed->applicationStarts(*launched);
     held->start(beginNs, SxClock::get().steadyNs());
     startedGuard = guard.get();
@@ -321,6 +330,7 @@ void ZqRun::follow() {
         suspendProcess();
         feed->restoreWindow();
         if (notes->isDue()) noteRun();
+        output->trim();
         SxTime::msleep(feed->isSettled() && !firstFrame->isAwaited() ? CALM_LOOK_MS : LOOK_MS);
     }
     guard->wait();

@@ -10,6 +10,7 @@
 #include <atomic>
 #include <memory>
 #include <optional>
+#include <string>
 
 class ZqAppParams;
 class ZqAppSuspension;
@@ -18,6 +19,7 @@ class ZqCoreAppGuard;
 class ZqFirstFrame;
 class ZqHeldReads;
 class ZqFirstWindow;
+class ZqGameOutput;
 class ZqImageFeed;
 class ZqRunDrive;
 class ZqRunNotes;
@@ -72,6 +74,9 @@ public:
     std::optional<ZqTracePolicy::Decision> getTraceDecision() const;
     /// Whether the drive of a former run was found to have gone with writes that its programs hadn't synced.
     bool hasLostWrites() const;
+    /// The next piece of what the application says; empty where it has said no more by now. For one thread,
+    /// and only with `readsOutput` of the settings, without which most of a long output may be gone already.
+    std::string readOutput();
     /// Tag of a run's exception: the run has come to its end, but a read or write of its drive has failed.
     static constexpr const char* DRIVE_FAILED = "DriveFailed";
     /// Meaningful once the run has ended.
@@ -105,6 +110,7 @@ private:
     bool isCalm() const;
     void complete();
     void end();
+    void endOutput();
     void writeInfo();
     void fillResult();
     void takeFormerRecord();
@@ -125,6 +131,7 @@ private:
     const std::unique_ptr<ZqApplicationNote> note;
     const std::unique_ptr<ZqAppSuspension> suspension;
     const std::unique_ptr<ZqRunNotes> notes;
+    const std::unique_ptr<ZqGameOutput> output;
     const std::unique_ptr<ZqRunStatistics> statistics;
     std::unique_ptr<const ZqAppParams> launched; ///< the record as the application is started by it
     std::unique_ptr<ZqCoreAppGuard> guard;

@@ -7,6 +7,7 @@
 #include "ZqCoreAppGuard.h"
 #include "ZqFirstFrame.h"
 #include "ZqFirstWindow.h"
+#include "ZqGameOutput.h"
 #include "ZqHeldReads.h"
 #include "ZqImageFeed.h"
 #include "ZqImageFolder.h"
@@ -24,6 +25,8 @@
 namespace {
 constexpr const char* UNIT = "src/base/ZqRunEnd";
 constexpr int64 MS_PER_S = 1000;
+/// An application that fails so soon most likely hasn't come to be played, and its last words say why.
+constexpr uint64 EARLY_MS = 10'000;
 } // namespace
 
 void ZqRun::end() {
@@ -41,6 +44,7 @@ void ZqRun::end() {
             result.info.exitCode = guard->getExitCode();
             result.info.runTime = static_cast<int64>(guard->runTime) / MS_PER_S;
             note->noteEnd(guard->getGroup());
+            endOutput();
         }
         const bool keep = settings.keepsMounted && result.wasStarted && feed->isVerified();
         // The play that the trace is of has ended.
@@ -53,6 +57,13 @@ void ZqRun::end() {
     }
     writeInfo();
     feed->removeNew();
+}
+
+void ZqRun::endOutput() {
+    const bool isEarly = guard->runTime < EARLY_MS;
+    if (result.isExitKnown && result.info.exitCode != 0 && isEarly) result.lastLines = output->getLastLines();
+    output->end();
+    result.outputFile = output->getFile();
 }
 
 void ZqRun::writeInfo() {

@@ -21,6 +21,8 @@ struct ZqRunResult : ZqRunRecord {
     SxString missed;             ///< the process that the record names, where it was never found
     bool lacksTraceRoom = false; ///< it was played without a trace, on a full disk
     bool wasBusy = false;        ///< files of a drive that takes writes were open when it was taken away
+    SxString outputFile;         ///< what the application has said; empty where that went nowhere
+    SxList<SxString> lastLines;  ///< the last of it, where the application has failed soon after its start
     SxString unwritten;          ///< why a record couldn't be written; empty where all could
     SxString unsent;             ///< why a report couldn't be sent; empty where all was
 

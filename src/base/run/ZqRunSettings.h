@@ -25,5 +25,6 @@ struct ZqRunSettings {
     bool noLaunchers = false; ///< start the title itself, and leave the launchers alone
     SxString runner;          ///< what starts Windows programs in Wine's place; see ZqAppRunner
     ZqStatsWish stats;        ///< what the user says of reports to a statistics service
+    bool readsOutput = false; ///< somebody takes what the application says, see ZqRun::readOutput()
     SxString firstFrameFile;  ///< a file written with the application's first frame; may be empty
 };

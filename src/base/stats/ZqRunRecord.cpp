@@ -8,11 +8,10 @@
 #include "ZqLog.h"
 #include "ZqPreparations.h"
 #include "ZqRecordFile.h"
+#include "ZqRunStamp.h"
 
 #include <algorithm>
 #include <array>
-#include <cctype>
-#include <chrono>
 
 using SxParserKit::SxSymbol;
 
@@ -21,9 +20,8 @@ namespace {
 constexpr const char* UNIT = "src/base/ZqRunRecord";
 constexpr const char* SCHEMA = "zqrun-schema.json";
 constexpr const char* END = ".json";
-constexpr int64 MS_PER_S = 1000;
 constexpr size_t N_ID = 8; ///< digits of the id in a record's name
-/// What the name of a record looks like: digits, and hexadecimal ones.
+/// What the name of a record looks like, see ZqRunStamp::matches().
 constexpr std::string_view PATTERN = "dddd-dd-ddTdd-dd-ddZ-xxxxxxxx.json";
 /// Characters of a record's path below its image folder.
 constexpr size_t N_BELOW = std::string_view(ZqImageFiles::RUNS).size() + PATTERN.size();
@@ -32,36 +30,9 @@ SxString runsFolder(const SxString& image) {
     return ZqImageFolder::prefix(image) + ZqImageFiles::RUNS;
 }
 
-/// The moment in UTC, in an order that is that of time.
-SxString stamp(int64 timeMs) {
-    using namespace std::chrono;
-    const sys_time<milliseconds> time{milliseconds(timeMs)};
-    const sys_days day = floor<days>(time);
-    const year_month_day date(day);
-    const hh_mm_ss clock(floor<seconds>(time - day));
-    return SxString::sprintf(
-        "%04d-%02u-%02uT%02d-%02d-%02dZ", static_cast<int>(date.year()), static_cast<unsigned>(date.month()),
-        static_cast<unsigned>(date.day()), static_cast<int>(clock.hours().count()),
-        static_cast<int>(clock.minutes().count()), static_cast<int>(clock.seconds().count()));
-}
-
-/// The moment of a record's name.
-int64 timeOf(const SxString& name) {
-    using namespace std::chrono;
-    const auto number = [&](size_t at, size_t n) { return std::stoi(name.str().substr(at, n)); };
-    const sys_days day = year(number(0, 4)) / number(5, 2) / number(8, 2);
-    return milliseconds(day.time_since_epoch()).count() +
-           ((number(11, 2) * 60 + number(14, 2)) * 60 + number(17, 2)) * MS_PER_S;
-}
-
-/// Whether the name is one that stamp() begins. Others that lie there aren't ours to be removed.
+/// Others that lie there aren't ours to be removed.
 bool isRecordName(const SxString& name) {
-    return std::equal(PATTERN.begin(), PATTERN.end(), name.str().begin(), name.str().end(),
-                      [](char wanted, char found) {
-                          const auto c = static_cast<unsigned char>(found);
-                          if (wanted == 'd') return std::isdigit(c) != 0;
-                          return wanted == 'x' ? std::isxdigit(c) != 0 : wanted == found;
-                      });
+    return ZqRunStamp::matches(name, PATTERN);
 }
 
 /// Names of the records, in order of time.
@@ -81,10 +52,9 @@ std::vector<SxString> listRecords(const SxString& image) {
 /// back.
 SxString newFile(const SxString& image, const ZqRuntimeInfo& info) {
     const std::vector<SxString> names = listRecords(image);
-    SxString time = stamp(info.time0);
-    if (!names.empty() && time.str() <= names.back().str().substr(0, time.str().size()))
-        time = stamp(timeOf(names.back()) + MS_PER_S);
-    return runsFolder(image) + time + "-" + info.id.str().substr(0, N_ID) + END;
+    const SxString newest = names.empty() ? SxString() : names.back();
+    return runsFolder(image) + ZqRunStamp::next(info.time0, newest) + "-" + info.id.str().substr(0, N_ID) +
+           END;
 }
 
 /// What runs have left that were killed while they wrote their records.

@@ -1,0 +1,304 @@
+#include "ZqGameOutput.h"
+
+#include "SxException.h"
+#include "SxFSAction.h"
+#include "SxFileIO.h"
+#include "SxOs.h"
+#include "ZqImageFiles.h"
+#include "ZqImageFolder.h"
+#include "ZqLog.h"
+#include "ZqRunStamp.h"
+
+#include <algorithm>
+#include <string_view>
+#include <vector>
+
+namespace {
+
+constexpr const char* UNIT = "src/base/ZqGameOutput";
+constexpr std::string_view PATTERN = "dddd-dd-ddTdd-dd-ddZ.log";
+constexpr const char* END = ".log";
+constexpr int64 PART = ZqGameOutput::PART;
+/// What may come after the first part before something is given back, so that this isn't done for each line.
+constexpr int64 SLACK = 1 << 20;
+constexpr int64 PIECE = 64 << 10;
+constexpr size_t N_LINES = 10, LINE_BYTES = 500;
+
+SxString runsFolder(const SxString& image) {
+    return ZqImageFolder::prefix(image) + ZqImageFiles::RUNS;
+}
+
+void logFailure(const SxException& e) {
+    zqLogMsg("base", "ZqGameOutput: " + e.toString(SxException::ShowMessage, ": "));
+}
+
+/// Names of the logs, in order of time.
+std::vector<SxString> listLogs(const SxString& image) {
+    std::vector<SxString> names;
+    if (!SxFSAction::test_d(runsFolder(image))) return names;
+    for (const SxFileInfo& entry : SxFSAction::ls(runsFolder(image))) {
+        const auto info = SxFSAction::look(entry.getOrig());
+        const bool isFile = info && info->kind == SxStat::File; // and not a link, which may lead anywhere
+        if (isFile && ZqRunStamp::matches(entry.getName(), PATTERN)) names.push_back(entry.getName());
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+std::string omission(int64 n) {
+    return "[tavrin: " + SxString(n).str() + " bytes are left out here]\n";
+}
+
+/// As many of the `n` bytes at `offset` as are there.
+std::string readAt(int fd, int64 offset, int64 n) {
+    std::string bytes(static_cast<size_t>(n), '\0');
+    int64 nRead = 0;
+    while (nRead < n) {
+        const int64 result = SxOs::get().readAt(fd, bytes.data() + nRead, n - nRead, offset + nRead);
+        if (result <= 0) break;
+        nRead += result;
+    }
+    bytes.resize(static_cast<size_t>(nRead));
+    return bytes;
+}
+
+/// A line of at most LINE_BYTES, which isn't cut in the middle of a character.
+std::string shortened(const std::string& line) {
+    size_t n = LINE_BYTES;
+    if (line.size() <= n) return line;
+    while (n > LINE_BYTES - 4 && (static_cast<unsigned char>(line[n]) & 0xc0) == 0x80)
+        --n;
+    return line.substr(0, n) + " ...";
+}
+
+std::string lastOf(std::string bytes, int64 n) {
+    bytes.erase(0, bytes.size() - std::min(bytes.size(), static_cast<size_t>(n)));
+    return bytes;
+}
+
+/// The last bytes of a file, in front of which `tail` comes where it has less of them after its first part.
+std::string lastBytes(int fd, int64 size, const std::string& tail, int64 n) {
+    const int64 begin = tail.empty() ? 0 : std::min(size, PART);
+    const int64 nFile = std::min(size - begin, n);
+    return lastOf(tail + readAt(fd, size - nFile, nFile), n);
+}
+
+/// Makes the file a plain text: its first part, how much is left out, and its last part. `nCut` bytes were
+/// cut away already, of which `tail` came last.
+void assemble(const SxString& file, const std::string& tail, int64 nCut) {
+    SxFileIO old(file, "rb");
+    const int64 size = old.getSize();
+    const int64 nOut = size + nCut - 2 * PART;
+    if (nOut <= 0) return;
+    SxFileIO::writeAtomic(
+        file,
+        [&](SxFileIO* text) {
+            std::string first = readAt(old.getFd(), 0, PART);
+            if (first.empty() || first.back() != '\n') first += '\n';
+            text->write(SxString(first + omission(nOut)));
+            text->write(SxString(lastBytes(old.getFd(), size, tail, PART)));
+        },
+        0600);
+}
+
+/// Brings the logs of former runs, of which some may have been killed, into shape, and removes the oldest.
+void tidy(const SxString& image) {
+    const std::vector<SxString> names = listLogs(image);
+    for (size_t i = 0; i < names.size(); ++i) {
+        const SxString file = runsFolder(image) + names[i];
+        try {
+            SxFileIO::tidyAfterWriters(file);
+            if (i + ZqGameOutput::KEPT <= names.size()) {
+                SxFSAction::rm(file);
+            } else if (SxOs::get().isOpen(SxOs::hostPath(file)) != 1) {
+                assemble(file, "", 0);
+            }
+        } catch (const SxException& e) {
+            logFailure(e); // one too many, or a long one, is no harm
+        }
+    }
+}
+
+} // namespace
+
+ZqGameOutput::ZqGameOutput(SxString image_, bool isRead_) : image(std::move(image_)), isRead(isRead_) {
+}
+
+ZqGameOutput::~ZqGameOutput() {
+    close();
+    if (fd >= 0) SxOs::get().close(fd);
+}
+
+void ZqGameOutput::close() {
+    if (appFd >= 0) SxOs::get().close(appFd);
+    appFd = -1;
+}
+
+void ZqGameOutput::begin(int64 timeMs) {
+    try {
+        make(timeMs);
+    } catch (const SxException& e) {
+        zqLogMsg("base", "ZqGameOutput: what the application says goes nowhere: " +
+                             e.toString(SxException::ShowMessage, ": "));
+        file = SxString();
+    }
+    if (appFd < 0) appFd = SxOs::get().open("/dev/null", SxOs::Write, 0);
+}
+
+void ZqGameOutput::make(int64 timeMs) {
+    const SxString folder = runsFolder(image);
+    ZqImageFolder::requireNoLink(image, ZqImageFiles::RUNS);
+    SxFSAction::mkdir_p(folder, 0777);
+    tidy(image);
+    // A program that can't write what it says may end for that, so it isn't given the last of a disk.
+    ZqImageFolder::requireSpace(folder, static_cast<uint64>(2 * PART + SLACK));
+    const std::vector<SxString> names = listLogs(image);
+    file = folder + ZqRunStamp::next(timeMs, names.empty() ? SxString() : names.back()) + END;
+    constexpr unsigned NEW = SxOs::Create | SxOs::Exclusive | SxOs::NoFollow;
+    appFd = SxOs::get().open(SxOs::hostPath(file), SxOs::Write | SxOs::Append | NEW, 0600);
+    if (appFd < 0) {
+        throw SxException(SxException(SxOs::errorText(appFd), UNIT, __LINE__), SxFileIO::fileWriteErr(file),
+                          UNIT, __LINE__);
+    }
+    open();
+}
+
+void ZqGameOutput::open() {
+    constexpr unsigned BOTH = SxOs::Read | SxOs::Write | SxOs::NoFollow;
+    fd = SxOs::get().open(SxOs::hostPath(file), BOTH, 0);
+    if (fd >= 0) return;
+    close();
+    throw SxException(SxException(SxOs::errorText(fd), UNIT, __LINE__), SxFileIO::fileReadErr(file), UNIT,
+                      __LINE__);
+}
+
+void ZqGameOutput::adopt() {
+    try {
+        ZqImageFolder::requireNoLink(image, ZqImageFiles::RUNS);
+        const std::vector<SxString> names = listLogs(image);
+        if (names.empty()) return;
+        file = runsFolder(image) + names.back();
+        // The application may have none, and then that is a former one's.
+        if (SxOs::get().isOpen(SxOs::hostPath(file)) == 0) {
+            file = SxString();
+            return;
+        }
+        open();
+        State now;
+        now.readEnd = SxFSAction::sizeOf(file);
+        setState(now);
+    } catch (const SxException& e) {
+        logFailure(e);
+        file = SxString();
+    }
+}
+
+ZqGameOutput::State ZqGameOutput::getState() const {
+    SxMutexBlock lock(&mutex);
+    return state;
+}
+
+void ZqGameOutput::setState(const State& newState) {
+    SxMutexBlock lock(&mutex);
+    state = newState;
+}
+
+/// The reader goes on meanwhile.
+void ZqGameOutput::setGone(int64 end, int64 nCut) {
+    SxMutexBlock lock(&mutex);
+    state.goneEnd = end;
+    state.nCut = nCut;
+}
+
+void ZqGameOutput::trim() {
+    SxStat info;
+    if (fd < 0 || SxOs::get().statFd(fd, &info) < 0 || info.size == lastSize) return;
+    State now = getState();
+    if (info.size < lastSize) {
+        // The application has emptied it itself, as a script does that writes to /dev/stderr by its name.
+        now = {};
+        tail.clear();
+        setState(now);
+    }
+    lastSize = info.size;
+    const int64 nSaid = info.size + now.nCut;
+    if (nSaid - now.goneEnd <= PART + SLACK) return;
+    const int64 begin = now.goneEnd;
+    now.goneEnd = nSaid - PART;
+    if (isRead) now.goneEnd = std::min(now.goneEnd, std::max(now.readEnd, nSaid - MOST_UNREAD));
+    if (now.goneEnd <= begin) return;
+    if (canPunch) {
+        // Told before, so that a reader doesn't take for the application's what reads as zeros.
+        setGone(now.goneEnd, now.nCut);
+        const int result = SxOs::get().punchHole(fd, begin, now.goneEnd - begin);
+        canPunch = result >= 0;
+        if (canPunch) return;
+        zqLogMsg("base", "ZqGameOutput: the middle of '" + file +
+                             "' can't be given back, and is cut away: " + SxOs::errorText(result));
+    }
+    cut(now.nCut, info.size);
+}
+
+/// Where the file system has no holes: what comes last is kept here, since the application goes on writing at
+/// the file's end.
+void ZqGameOutput::cut(int64 nCut, int64 size) {
+    tail = lastBytes(fd, size, tail, PART);
+    const int64 end = size + nCut;
+    setGone(end, nCut);
+    if (SxOs::get().truncate(fd, PART) < 0) return;
+    setGone(end, end - PART);
+    lastSize = PART;
+}
+
+void ZqGameOutput::end() {
+    close();
+    if (file.isEmpty()) return;
+    try {
+        assemble(file, tail, getState().nCut);
+    } catch (const SxException& e) {
+        logFailure(e);
+    }
+}
+
+SxList<SxString> ZqGameOutput::getLastLines() const {
+    SxList<SxString> lines;
+    SxStat info;
+    if (fd < 0 || SxOs::get().statFd(fd, &info) < 0) return lines;
+    const int64 nSaid = info.size + getState().nCut;
+    std::string text = lastBytes(fd, info.size, tail, PIECE);
+    // A line whose begin isn't there is shown only where there is no other.
+    const size_t firstEnd = text.find('\n');
+    if (nSaid > PIECE && firstEnd < text.size() - 1) text.erase(0, firstEnd + 1);
+    for (size_t end = text.size(); end > 0 && static_cast<size_t>(lines.getSize()) < N_LINES;) {
+        size_t begin = text.rfind('\n', end - 1);
+        begin = begin == std::string::npos ? 0 : begin + 1;
+        std::string line = text.substr(begin, end - begin);
+        end = begin == 0 ? 0 : begin - 1;
+        while (!line.empty() && (line.back() == '\r' || line.back() == '\n'))
+            line.pop_back();
+        if (line.empty() && lines.isEmpty()) continue;
+        lines.prepend(SxString(shortened(line)));
+    }
+    return lines;
+}
+
+std::string ZqGameOutput::readNext() {
+    while (fd >= 0) {
+        const State before = getState();
+        const int64 at = before.readEnd;
+        const bool isGone = at >= PART && at < before.goneEnd;
+        std::string bytes;
+        if (isGone) {
+            bytes = "\n" + omission(before.goneEnd - at);
+        } else {
+            bytes =
+                readAt(fd, at < PART ? at : at - before.nCut, at < PART ? std::min(PIECE, PART - at) : PIECE);
+        }
+        SxMutexBlock lock(&mutex);
+        // Otherwise it may have been taken away meanwhile.
+        if (!(state == before)) continue;
+        state.readEnd = isGone ? before.goneEnd : at + static_cast<int64>(bytes.size());
+        return bytes;
+    }
+    return {};
+}

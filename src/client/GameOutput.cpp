@@ -1,0 +1,30 @@
+#include "GameOutput.h"
+
+#include "Progress.h"
+
+#include <tavrin/SxClock.h>
+#include <tavrin/ZqRun.h>
+
+namespace {
+/// So long at most this stays with the application's output, so that a Ctrl-C is seen in time.
+constexpr int64 MOST_NS = 500'000'000;
+} // namespace
+
+void GameOutput::look(ZqRun* job, Progress* progress) const {
+    if (!isShown()) return;
+    const int64 endNs = SxClock::get().steadyNs() + MOST_NS;
+    while (SxClock::get().steadyNs() < endNs || !job->isRunning()) {
+        const std::string bytes = job->readOutput();
+        if (bytes.empty()) return;
+        progress->finish();
+        Output::error(bytes);
+    }
+}
+
+void GameOutput::tellLast(const ZqRunResult& result) const {
+    if (mode.quiet || isShown() || result.lastLines.isEmpty()) return;
+    Output::failure(SxString("The application has failed soon after its start, with code ") +
+                    result.info.exitCode + ". What it said at last, from '" + result.outputFile + "':");
+    for (const SxString& line : result.lastLines)
+        Output::error(("  " + line.makeVisible() + "\n").str());
+}
