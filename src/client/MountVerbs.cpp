@@ -13,6 +13,7 @@
 #include <tavrin/ZqImageFolder.h>
 #include <tavrin/ZqImageLock.h>
 #include <tavrin/ZqImageParams.h>
+#include <tavrin/ZqImagePlay.h>
 #include <tavrin/ZqLaunchCommand.h>
 #include <tavrin/ZqLaunchers.h>
 #include <tavrin/ZqMountMgr.h>
@@ -20,6 +21,7 @@
 #include <tavrin/ZqVolume.h>
 
 #include <algorithm>
+#include <optional>
 
 namespace {
 constexpr const char* UNIT = "src/client/MountVerbs";
@@ -37,7 +39,7 @@ struct MountOptions {
 
 struct UmountOptions {
     SxString image;
-    bool hard = false;
+    bool hard = false, force = false;
 };
 
 // --- mount
@@ -254,7 +256,31 @@ bool removeLeftovers(const ZqMountMgr* manager, const SxString& image) {
         UNIT, __LINE__);
 }
 
+/// Raises where the drive is one that somebody plays from: what the application reads and writes after an
+/// unmount fails.
+void requireUnplayed(const SxString& image) {
+    ZqDiskStatus disk;
+    if (!ZqVolume::findDisk(image, &disk)) return;
+    const SxString how = "take the drive away all the same, with: tavrin umount " + image + " --force";
+    std::optional<ZqImagePlay> play;
+    try {
+        play = ZqImagePlay::find(image);
+    } catch (const SxException& e) {
+        throw SxException(e, "Whether image '" + image + "' is played can't be told; " + how, UNIT, __LINE__);
+    }
+    if (!play) return;
+    SxString text = "Image '" + image + "' is played";
+    if (!play->run.isEmpty()) text += " by " + play->run;
+    if (play->process >= 0) {
+        text += ": its application '" + play->application.makeVisible() + "' runs (process " + play->process +
+                ")";
+        if (play->run.isEmpty()) text += ", though its run was killed";
+    }
+    throw SxException(text + "; end that first, or " + how, UNIT, __LINE__);
+}
+
 int umount(const UmountOptions& options, Output& out) {
+    if (!options.force && !options.hard) requireUnplayed(options.image);
     ZqMountMgr manager;
     readApp(options.image, &manager, &out);
     // At once where it is to be hard.
@@ -402,6 +428,7 @@ void registerMountVerbs(App* app) {
     static UmountOptions umountOptions;
     app->verb("umount", "Take a drive away", "tavrin umount IMAGE")
         .argument("IMAGE", &umountOptions.image, "Image folder")
+        .flag("--force", &umountOptions.force, "Also while an application of the image runs")
         .flag("--hard", &umountOptions.hard, "At once, without undoing what the mount did elsewhere")
         .action([](Output& out) { return umount(umountOptions, out); });
 

@@ -99,6 +99,25 @@ SxString printable(const char* text, int64 n) {
     return SxString(result);
 }
 
+/// What the holder of the range has written into its slot of the lock file.
+SxString describeHolder(int fd, ZqImageLock::Range range) {
+    SxString holder;
+    SxOs& os = SxOs::get();
+    SxWait::pass(RECORD_MS, [&] {
+        for (int i = 0; i < N_SLOTS && holder.isEmpty(); ++i) {
+            char text[SLOT_SIZE];
+            if (os.isLocked(fd, i * SLOT_SIZE, 1, SxOs::Lock::Exclusive) != 1 ||
+                os.readAt(fd, text, SLOT_SIZE, i * SLOT_SIZE) != SLOT_SIZE) {
+                continue;
+            }
+            const SxString line = printable(text, SLOT_SIZE);
+            if (line.startsWith(rangeName(range))) holder = "process " + line.right("process ");
+        }
+        return !holder.isEmpty();
+    });
+    return holder.isEmpty() ? SxString("another process") : holder;
+}
+
 } // namespace
 
 bool ZqImageLock::isFileOpen(const SxString& path) {
@@ -201,7 +220,7 @@ ZqImageLock::ZqImageLock(Key, const SxString& path, Range range_, Mode mode, con
         int result = fd;
         if (fd >= 0) result = SxOs::get().lockRange(fd, RANGE_BASE + range, 1, osLock(mode));
         if (result == -EAGAIN) {
-            const SxString holder = describeHolder();
+            const SxString holder = describeHolder(fd, range);
             SxOs::get().close(fd);
             throw SxException(HELD, "Image '" + path + "' is in use by " + holder, UNIT, __LINE__);
         }
@@ -246,20 +265,11 @@ void ZqImageLock::record(Mode mode) {
     os.writeAt(fd, line.data(), SLOT_SIZE, slot * SLOT_SIZE);
 }
 
-SxString ZqImageLock::describeHolder() const {
-    SxString holder;
-    SxOs& os = SxOs::get();
-    SxWait::pass(RECORD_MS, [&] {
-        for (int i = 0; i < N_SLOTS && holder.isEmpty(); ++i) {
-            char text[SLOT_SIZE];
-            if (os.isLocked(fd, i * SLOT_SIZE, 1, SxOs::Lock::Exclusive) != 1 ||
-                os.readAt(fd, text, SLOT_SIZE, i * SLOT_SIZE) != SLOT_SIZE) {
-                continue;
-            }
-            const SxString line = printable(text, SLOT_SIZE);
-            if (line.startsWith(rangeName(range))) holder = "process " + line.right("process ");
-        }
-        return !holder.isEmpty();
-    });
-    return holder.isEmpty() ? SxString("another process") : holder;
+SxString ZqImageLock::holderOf(const SxString& path, Range range) {
+    if (!isHeld(path, range)) return {};
+    const std::string file = SxOs::hostPath(ZqImageFolder::prefix(path) + ZqImageFiles::LOCK);
+    const int fd = SxOs::get().open(file, SxOs::Read | SxOs::NoFollow, 0);
+    const SxString holder = describeHolder(fd, range);
+    if (fd >= 0) SxOs::get().close(fd);
+    return holder;
 }

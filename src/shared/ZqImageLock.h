@@ -66,6 +66,10 @@ public:
     /// folder. Raises where that can't be told.
     static bool isHeld(const SxString& path, Range range);
 
+    /// Who has that, such as "process 12 (run)", where it isn't known "another process", and empty for
+    /// nobody. Raises as isHeld().
+    static SxString holderOf(const SxString& path, Range range);
+
     /// Whether anybody has `img.zqf` open: this process, another one, or the kernel for a drive. False where
     /// that can't be told; the kernel serves no drive then.
     static bool isFileOpen(const SxString& path);
@@ -90,7 +94,6 @@ public:
 
 private:
     void record(Mode mode);
-    SxString describeHolder() const;
 
     SxString folder, job;
     Range range;

@@ -133,7 +133,7 @@ TEST_F(StreamRun, ACompleteImageIsHardlyLookedAt) {
         EXPECT_LT(nSleeps(player->getId()) + nSleeps(service) - before, 2 * 200u);
         // And yet its end is seen soon, be it the application's or the drive's.
         if (wasThere) {
-            done({"umount", got});
+            done({"umount", got, "--force"});
         } else {
             release();
         }
@@ -387,7 +387,7 @@ TEST_F(StreamRun, ADriveThatGoesUnderItsApplicationIsAFailure) {
         const auto player = start({"--now", "--page", dir.path("page.html")});
         ASSERT_TRUE(eventually([&] { return hasStarted(); })) << player->says();
         if (isUnmounted) {
-            done({"umount", got});
+            done({"umount", got, "--force"});
         } else {
             ::kill(static_cast<pid_t>(statusOf(got).servicePid), SIGKILL);
         }

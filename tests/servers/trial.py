@@ -54,7 +54,7 @@ class Trial:
                     self.fetch_rest(product)
             finally:
                 with contextlib.suppress(RuntimeError):  # it may have gone with its run
-                    product.tavrin("umount", self.image)
+                    product.tavrin("umount", self.image, "--force")
         self.judge()
         if site.moved:
             name = "img.zqf.zst" if self.outcome.form == "packed" else "img.zqf"

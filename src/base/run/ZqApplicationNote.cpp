@@ -28,17 +28,19 @@ void ZqApplicationNote::read() {
     nUntraced = record.nUntraced;
 }
 
+SxProcessInfo ZqApplicationNote::oldestOf(const SxList<SxProcessInfo>& members) {
+    return *std::min_element(members.begin(), members.end(),
+                             [](const SxProcessInfo& a, const SxProcessInfo& b) {
+                                 return std::pair(a.startTime, a.id == a.group ? 0 : a.id) <
+                                        std::pair(b.startTime, b.id == b.group ? 0 : b.id);
+                             });
+}
+
 void ZqApplicationNote::requireNoFormer() const {
     const SxList<SxProcessInfo> members = former.getRunning();
     if (members.isEmpty()) return;
-    // Its oldest process, as where a command hands over. By its number a child of it could come first.
-    const auto oldest =
-        std::min_element(members.begin(), members.end(), [](const SxProcessInfo& a, const SxProcessInfo& b) {
-            return std::pair(a.startTime, a.id == a.group ? 0 : a.id) <
-                   std::pair(b.startTime, b.id == b.group ? 0 : b.id);
-        });
     throw SxException("The application of a former run of '" + image + "' still runs (process " +
-                          SxString(oldest->id) +
+                          SxString(oldestOf(members).id) +
                           "), and its drive has gone with the drive's service; end it first",
                       UNIT, __LINE__);
 }
