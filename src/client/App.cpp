@@ -1,4 +1,5 @@
 #include "App.h"
+#include "Amount.h"
 
 #include <tavrin/ZqLog.h>
 #include <tavrin/ZqSysEnv.h>
@@ -11,6 +12,7 @@
 #include <cstdio>
 #include <fcntl.h>
 #include <limits>
+#include <optional>
 
 namespace {
 constexpr const char* UNIT = "src/client/App";
@@ -167,6 +169,24 @@ void addTexts(CLI::App* command, const char* name,
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
 }
 
+/// An option whose value `parse` reads; `takes` says what it takes.
+template<class T>
+CLI::Option* addAmount(CLI::App* command, const char* name, T* value, const char* help, const char* valueName,
+                       const SxString& takes,
+                       const std::function<std::optional<T>(const std::string& text)>& parse) {
+    const auto take = [=](const std::string& text) {
+        const std::optional<T> amount = parse(text);
+        if (!amount) {
+            throw CLI::ValidationError(std::string(name) + " takes " + takes.str() + ", not '" +
+                                       SxString(text).makeVisible().str() + "'");
+        }
+        *value = *amount;
+    };
+    return command->add_option_function<std::string>(name, take, help)
+        ->type_name(valueName)
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
+}
+
 /// A line break in it would begin another line of the request.
 bool isHeader(const std::string& text) {
     const auto isControl = [](unsigned char c) { return (c < ' ' && c != '\t') || c == 0x7F; };
@@ -229,6 +249,25 @@ Verb& Verb::number(const char* name, uint64* value, uint64 least, const char* he
         ->required(required)
         ->type_name("N")
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
+    return *this;
+}
+
+Verb& Verb::rate(const char* name, uint64* value, const char* help, bool mayBeNone) {
+    const SxString takes = Amount::RATE_TEXT + SxString(mayBeNone ? ", or 0 for no limit" : "");
+    addAmount<uint64>(command, name, value, help, "RATE", takes, [mayBeNone](const std::string& text) {
+        return mayBeNone && text == "0" ? std::optional<uint64>(0) : Amount::rate(text);
+    });
+    return *this;
+}
+
+Verb& Verb::size(const char* name, uint64* value, const char* help, bool required) {
+    addAmount<uint64>(command, name, value, help, "SIZE", Amount::SIZE_TEXT, Amount::size)
+        ->required(required);
+    return *this;
+}
+
+Verb& Verb::speed(const char* name, double* value, const char* help) {
+    addAmount<double>(command, name, value, help, "SPEED", Amount::SPEED_TEXT, Amount::speed);
     return *this;
 }
 

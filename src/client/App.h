@@ -32,6 +32,12 @@ public:
     Verb& integer(const char* name, int64* value, int64 least, int64 most, const char* help);
     /// An option with a whole number of at least `least` as value.
     Verb& number(const char* name, uint64* value, uint64 least, const char* help, bool required = false);
+    /// An option with bytes a second as value, as Amount::rate() takes them; with `mayBeNone` also 0.
+    Verb& rate(const char* name, uint64* value, const char* help, bool mayBeNone = false);
+    /// An option with a number of bytes as value, as Amount::size() takes it.
+    Verb& size(const char* name, uint64* value, const char* help, bool required = false);
+    /// An option with megabit a second as value, as Amount::speed() takes them.
+    Verb& speed(const char* name, double* value, const char* help);
     /// An option with a text as value, which can't be empty; `valueName` stands for it in the help.
     Verb& text(const char* name, SxString* value, const char* valueName, const char* help,
                bool required = false);

@@ -30,7 +30,7 @@ namespace Json = SxParserAst;
 
 struct InfoOptions {
     SxString image;
-    uint64 speed = 0; ///< megabit per second; 0 where not given
+    double speed = 0; ///< megabit per second; 0 where not given
 };
 
 struct MapOptions {
@@ -206,11 +206,11 @@ int showInfo(const InfoOptions& options, Output& out) {
     const auto lock = ZqImageLock::takeAnyState(image, ZqImageLock::Shape, ZqImageLock::Shared, "image info");
     const SxString folder = ZqImageFolder::prefix(image);
     const ZqImageInfo info(image);
-    const auto speed = static_cast<double>(options.speed);
+    const double speed = options.speed;
     const ZqStartForecast forecast(info.app, speed, info.sizeZqf), fresh(info.app, speed, 0);
     if (out.getMode().json) {
         SxSymbol result = describeJson(info, folder);
-        if (options.speed > 0) {
+        if (speed > 0) {
             appendForecast(&result, "forecast", forecast);
             appendForecast(&result, "forecastFresh", fresh);
             if (info.image.order) appendForecast(&result, "forecastMedian", medianOf(info, speed));
@@ -222,8 +222,8 @@ int showInfo(const InfoOptions& options, Output& out) {
     // Of packed content nobody makes an order.
     const bool isDrive = !ZqDriveFiles::volumeOf(folder, info).isEmpty();
     if (isDrive && info.app.loadprofile.isEmpty()) tellWithoutOrder(image, info.app, &out);
-    if (options.speed == 0) return ExitSuccess;
-    out.text(SxString("At ") + options.speed + " Mbit/s");
+    if (speed <= 0) return ExitSuccess;
+    out.text(SxString::sprintf("At %.12g Mbit/s", speed));
     const auto tell = [&](const char* name, const ZqStartForecast& what) {
         out.text(SxString::sprintf("  %-12s ", name) + safeStartText(what));
         out.text(SxString::sprintf("  %-12s ", "") + earlyStartText(what));
@@ -429,7 +429,8 @@ void registerImageVerbs(App* app) {
         .verb("info", "Show records, sizes, blocks, order and state",
               "tavrin image info games/alpha --speed 20")
         .argument("IMAGE", &showing->image, IMAGE_HELP)
-        .number("--speed", &showing->speed, 1, "Forecast the start at this download speed, in Mbit/s")
+        .speed("--speed", &showing->speed,
+               "Forecast the start at this download speed; a plain number is Mbit/s")
         .action([showing](Output& out) { return showInfo(*showing, out); });
 
     auto map = SxPtr<MapOptions>::create();
@@ -454,9 +455,9 @@ void registerImageVerbs(App* app) {
     auto splitting = SxPtr<SplitOptions>::create();
     family
         .verb("split", "Cut the image's data into parts",
-              "tavrin image split games/alpha --part-size 1073741824 --compress")
+              "tavrin image split games/alpha --part-size 1GiB --compress")
         .argument("IMAGE", &splitting->image, IMAGE_HELP)
-        .number("--part-size", &splitting->partSize, 1, "Bytes of a part", true)
+        .size("--part-size", &splitting->partSize, "Size of a part; a plain number is bytes", true)
         .flag("--compress", &splitting->compress,
               "Compress each part; such parts can't be joined as they are")
         .action([splitting](Output& out) { return split(*splitting, out); });

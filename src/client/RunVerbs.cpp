@@ -214,7 +214,7 @@ void registerRunVerbs(App* app) {
         .text("--url", &options.url, "FOLDER_URL", "Where the image comes from; noted in IMAGE")
         .headers("--header", &options.headers, "Send this line with each request")
         .flag("--now", &options.now, "Start at once, and don't wait until enough is downloaded")
-        .number("--rate", &options.rate, 1, "Download with at most that many bytes a second")
+        .rate("--rate", &options.rate, "Download with at most that much a second, as in 20Mbit")
         .flag("--keep-mounted", &options.keepMounted,
               "Complete the image when the application has ended, and leave the drive")
         .flag("--complete", &options.complete,
@@ -248,6 +248,6 @@ void registerRunVerbs(App* app) {
         .argument("IMAGE", &fetching.image, "Image folder; may be empty or absent at first")
         .text("--url", &fetching.url, "FOLDER_URL", "Where the image comes from; noted in IMAGE")
         .headers("--header", &fetching.headers, "Send this line with each request")
-        .number("--rate", &fetching.rate, 1, "Download with at most that many bytes a second")
+        .rate("--rate", &fetching.rate, "Download with at most that much a second, as in 20Mbit")
         .action([](Output& out) { return fetch(fetching, out); });
 }

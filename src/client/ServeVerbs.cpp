@@ -56,11 +56,13 @@ int serve(const ServeOptions& options, Output& out) {
 void registerServeVerbs(App* app) {
     auto options = SxPtr<ServeOptions>::create();
     app->verb("serve", "Serve a folder over HTTP on this machine, as a slow or faulty link would",
-              "tavrin serve games --port 8080 --rate 2500000 --latency 20")
+              "tavrin serve games --port 8080 --rate 20Mbit --latency 20")
         .argument("DIR", &options->folder, "Folder whose files are served")
         .integer("--port", &options->port, 0, 65535, "Port; any that is free where not given, or with 0")
-        .number("--rate", &options->server.rate, 0,
-                "Bytes per second, for all connections together; no limit where not given, or with 0")
+        .rate("--rate", &options->server.rate,
+              "So much a second, as in 20Mbit, for all connections together; no limit where not given, or "
+              "with 0",
+              true)
         .number("--latency", &options->server.latencyMs, 0, "Milliseconds before each response")
         .choices("--fault", &options->faults, ZqFileServer::getFaultNames(),
                  "What goes wrong; may be given again")

@@ -23,9 +23,13 @@ TEST_F(ClientTest, wrongUsageIsOneSentenceAndExitCode2) {
         {{"image", "split", "x"}, "--part-size is required"},
         {{"image", "split", "x", "--part-size"}, "--part-size needs a value"},
         {{"image", "split", "x", "--part-size", "0"},
-         "image split: --part-size needs a whole number from 1 to 9223372036854775807, not '0'"},
-        {{"image", "split", "x", "--part-size", "4k"}, "not '4k'"},
+         "image split: --part-size takes bytes, from 1 to 2^63 - 1, as a whole number or with a unit (500MB, "
+         "1.5GiB), not '0'"},
         {{"image", "split", "x", "--part-size", "18446744073709551616"}, "not '18446744073709551616'"},
+        {{"image", "split", "x", "--part-size", "20Mbit"}, "--part-size takes bytes"},
+        {{"run", "x", "--rate", "20Mb/s"}, "run: --rate takes bytes a second, from 1"},
+        {{"fetch", "x", "--rate", "0"}, "fetch: --rate takes bytes a second"},
+        {{"image", "info", "x", "--speed", "0.0"}, "image info: --speed takes Mbit/s, more than 0"},
         {{"image", "map", "x", "--first=-1"}, "--first needs a whole number from 0 to 9223372036854775807"},
         {{"run", "x", "--header", "A: b\r\nC: d"},
          "--header needs a line \"NAME: VALUE\", not 'A: b\\r\\nC: d'"},
@@ -47,6 +51,31 @@ TEST_F(ClientTest, wrongUsageIsOneSentenceAndExitCode2) {
     EXPECT_EQ(bare.code, 2);
     EXPECT_THAT(bare.err, HasSubstr("Usage: tavrin"));
     EXPECT_EQ(bare.out, "");
+}
+
+TEST_F(ClientTest, amountsTakeUnits) {
+    const string image = makeImage("image");
+    const auto speed = [&](const string& text) { return run({"image", "info", image, "--speed", text}); };
+    const std::pair<string, string> speeds[] = {{"20", "20"},     {"2.5", "2.5"},          {"20Mbit", "20"},
+                                                {"1kB", "0.008"}, {"1.5MiB", "12.582912"}, {"20 Mbit", "20"}};
+    for (const auto& [text, mbit] : speeds)
+        EXPECT_THAT(speed(text).out, HasSubstr("At " + mbit + " Mbit/s\n")) << text;
+    for (const string text : {"", "-1", "1e400", "0", "0kbit", "20Mb", "20mbit", "20Mbit/s", "1.Mbit", ".5",
+                              "20  Mbit", "Mbit", "0x1", "1e3", "inf", "20Mbit ", "999999999999TB"}) {
+        const Outcome result = speed(text);
+        EXPECT_EQ(result.code, 2) << text;
+        EXPECT_THAT(result.err, HasSubstr("not '" + text + "'"));
+    }
+    // The largest that a file's size can have, a byte more, and a fraction of a byte.
+    const auto split = [&](const string& size) {
+        return run({"image", "split", image, "--part-size", size});
+    };
+    EXPECT_EQ(split("8388608TiB").code, 2);
+    EXPECT_EQ(split("0.4B").code, 2);
+    EXPECT_EQ(split("100.5").code, 2);
+    EXPECT_THAT(split("4.1kB").out, HasSubstr("parts of 4100 bytes"));
+    EXPECT_EQ(run({"image", "join", image}).code, 0);
+    EXPECT_EQ(split("9223372036854775807").code, 0);
 }
 
 TEST_F(ClientTest, commonOptionsStandAnywhere) {
