@@ -1,5 +1,6 @@
 #include "App.h"
 #include "Amount.h"
+#include "HeaderLines.h"
 
 #include <tavrin/ZqLog.h>
 #include <tavrin/ZqSysEnv.h>
@@ -187,15 +188,6 @@ CLI::Option* addAmount(CLI::App* command, const char* name, T* value, const char
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
 }
 
-/// A line break in it would begin another line of the request.
-bool isHeader(const std::string& text) {
-    const auto isControl = [](unsigned char c) { return (c < ' ' && c != '\t') || c == 0x7F; };
-    const size_t colon = text.find(':');
-    return colon != std::string::npos && colon > 0 && colon == text.find_first_of(": \t") &&
-           text.find_first_not_of(" \t", colon + 1) != std::string::npos &&
-           std::none_of(text.begin(), text.end(), isControl);
-}
-
 CLI::App* addVerb(CLI::App* parent, const char* group, const char* name, const char* help,
                   const char* example) {
     CLI::App* verb = parent->add_subcommand(name, help);
@@ -295,14 +287,14 @@ Verb& Verb::texts(const char* name, SxList<SxString>* values, const char* valueN
 Verb& Verb::headers(const char* name, SxList<SxString>* values, const char* help) {
     const auto take = [values, name](const std::vector<std::string>& all) {
         for (const std::string& text : all) {
-            if (!isHeader(text)) {
-                throw CLI::ValidationError(std::string(name) + " needs a line \"NAME: VALUE\", not '" +
-                                           SxString(text).makeVisible().str() + "'");
+            try {
+                HeaderLines::take(text, values);
+            } catch (const SxException& e) {
+                throw CLI::ValidationError(std::string(name) + " " + e.what());
             }
-            *values << SxString(text);
         }
     };
-    addTexts(command, name, take, "\"NAME: VALUE\"", help);
+    addTexts(command, name, take, "\"NAME: VALUE\"|@FILE", help);
     return *this;
 }
 

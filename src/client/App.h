@@ -9,6 +9,8 @@ namespace CLI {
 class App;
 }
 
+struct NetOptions;
+
 /// Exit codes of the client.
 enum ExitCode : int { ExitSuccess = 0, ExitFailure = 1, ExitUsage = 2 };
 
@@ -43,8 +45,10 @@ public:
                bool required = false);
     /// An option that may be given several times, each with a text.
     Verb& texts(const char* name, SxList<SxString>* values, const char* valueName, const char* help);
-    /// The same with lines of the form "NAME: VALUE", as HTTP has them.
+    /// The same with lines of the form "NAME: VALUE", as HTTP has them, or @FILE for the lines of a file.
     Verb& headers(const char* name, SxList<SxString>* values, const char* help);
+    /// The options of a verb that downloads; `help` is that of the headers.
+    Verb& network(NetOptions* values, const char* help);
     /// An option with one of several words as value.
     Verb& choice(const char* name, SxString* value, const SxList<SxString>& words, const char* help);
     /// The same for an option that may be given several times.

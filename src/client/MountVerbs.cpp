@@ -33,7 +33,7 @@ namespace Json = SxParserAst;
 
 struct MountOptions {
     SxString image, mode, trace, url;
-    SxList<SxString> headers;
+    NetOptions net;
     bool failOnMissing = false, noLaunchers = false;
 };
 
@@ -165,11 +165,11 @@ int mount(const MountOptions& options, Output& out) {
                               UNIT, __LINE__);
         }
         return mountFed(
-            {options.image, options.url, options.headers, options.mode, options.trace, options.noLaunchers},
-            out, [&] { tellMount(options.image, "Mounted", &out); });
+            {options.image, options.url, options.net, options.mode, options.trace, options.noLaunchers}, out,
+            [&] { tellMount(options.image, "Mounted", &out); });
     }
-    if (!options.headers.isEmpty()) {
-        throw SxException("--header goes with --url", UNIT, __LINE__);
+    if (const char* given = options.net.findGiven()) {
+        throw SxException(SxString(given) + " goes with --url", UNIT, __LINE__);
     }
     ZqMountMgr manager;
     if (isMountedWhole(&manager, options.image)) {
@@ -419,7 +419,7 @@ void registerMountVerbs(App* app) {
         .text("--trace", &mountOptions.trace, "DIR", "Record which blocks are read, in this folder")
         .text("--url", &mountOptions.url, "FOLDER_URL",
               "Fetch what is missing from there, and stay until the drive is unmounted")
-        .headers("--header", &mountOptions.headers, "Send this line with each request")
+        .network(&mountOptions.net, "Send this line with each request")
         .flag("--no-launchers", &mountOptions.noLaunchers,
               "Leave the launchers of this machine alone, whatever app.json says")
         .flag("--fail-on-missing", &mountOptions.failOnMissing, "Let reads of missing blocks fail")

@@ -1,5 +1,6 @@
 #include "App.h"
 #include "Job.h"
+#include "NetOptions.h"
 #include "OrderText.h"
 #include "PrivateFolder.h"
 #include "Verbs.h"
@@ -16,7 +17,7 @@ constexpr const char* UNIT = "src/client/OptimizeVerb";
 
 struct OptimizeOptions {
     SxString image, index;
-    SxList<SxString> headers;
+    NetOptions net;
     bool consume = false, dryRun = false, resume = false, byTraces = false;
 };
 
@@ -99,8 +100,9 @@ SxString findConflict(const OptimizeOptions& options) {
     if (options.consume && (options.byTraces || ZqUrlText::isAddress(options.index))) {
         return "--consume is for an INDEX that is a folder";
     }
-    if (!options.headers.isEmpty() && !ZqUrlText::isAddress(options.index)) {
-        return "--header is for an INDEX that is an address";
+    const char* given = options.net.findGiven();
+    if (given && !ZqUrlText::isAddress(options.index)) {
+        return SxString(given) + " is for an INDEX that is an address";
     }
     return {};
 }
@@ -127,9 +129,11 @@ SxString makeIndex(const OptimizeOptions& options, const PrivateFolder& place, S
     }
     *name = ZqImageFolder::prefix(options.index);
     if (!ZqUrlText::isAddress(options.index)) return options.index;
-    ZqIndexFetch fetch(place.path, options.index, SxArray<SxString>(options.headers));
+    ZqIndexFetch fetch(place.path, options.index, SxArray<SxString>(options.net.headers),
+                       options.net.resolve(options.image));
     *name = ZqImageFolder::prefix(fetch.getName());
     runJob(&fetch, "fetch", *out);
+    if (!options.dryRun) ZqImageAccess::note(options.image, options.net.toWish());
     return place.path;
 }
 
@@ -179,7 +183,7 @@ void registerOptimizeVerb(Family* image) {
         .argument("IMAGE", &options->image, "Image folder")
         .optionalArgument("INDEX", &options->index,
                           "Folder with the new order, or the address of a published one")
-        .headers("--header", &options->headers, "Send this line with each request to the address")
+        .network(&options->net, "Send this line with each request to the address")
         .flag("--consume", &options->consume, "Remove INDEX at the end; else it stays as it is")
         .flag("--dry-run", &options->dryRun, "Tell what would be done and how long it would take")
         .flag("--traces", &options->byTraces, "Take the order from the traces of the image's own runs")

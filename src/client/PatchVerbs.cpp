@@ -1,5 +1,6 @@
 #include "App.h"
 #include "Job.h"
+#include "NetOptions.h"
 #include "PrivateFolder.h"
 #include "Verbs.h"
 
@@ -90,7 +91,7 @@ int create(const CreateOptions& options, Output& out) {
 
 struct ApplyOptions {
     SxString image, patch;
-    SxList<SxString> headers;
+    NetOptions net;
     bool consume = false, fetch = false, resume = false;
 };
 
@@ -101,14 +102,17 @@ SxString findConflict(const ApplyOptions& options) {
         return "--fetch is for a PATCH that is an address";
     if (options.consume && (options.resume || ZqUrlText::isAddress(options.patch)))
         return "--consume is for a PATCH that is a folder";
-    if (!options.headers.isEmpty() && !options.resume && !ZqUrlText::isAddress(options.patch))
-        return "--header is for a PATCH that is an address";
+    const char* given = options.net.findGiven();
+    if (given && !options.resume && !ZqUrlText::isAddress(options.patch))
+        return SxString(given) + " is for a PATCH that is an address";
     return {};
 }
 
 int fetch(const ApplyOptions& options, Output& out) {
-    ZqPatchFetch job(options.image, options.patch, SxArray<SxString>(options.headers));
+    ZqPatchFetch job(options.image, options.patch, SxArray<SxString>(options.net.headers),
+                     options.net.resolve(options.image));
     const double seconds = runJob(&job, "fetch", out);
+    ZqImageAccess::note(options.image, options.net.toWish());
     if (!job.isComplete() && !job.isAlreadyNew())
         throw SxException("stopped; the same command goes on", UNIT, __LINE__);
     if (out.getMode().json) {
@@ -124,6 +128,12 @@ int fetch(const ApplyOptions& options, Output& out) {
     out.text(job.isAlreadyNew() ? SxString("The image is the new version already.")
                                 : "The patch is there; apply it with: tavrin patch apply IMAGE --resume");
     return ExitSuccess;
+}
+
+/// Without an address on the command line, one that was noted may be gone on with.
+ZqNetAccess accessOf(const ApplyOptions& options) {
+    const bool needsNone = !options.resume && !ZqUrlText::isAddress(options.patch);
+    return needsNone ? ZqNetAccess() : options.net.resolve(options.image);
 }
 
 void tell(const ZqPatchApply::Result& result, double seconds, Output* out) {
@@ -144,9 +154,11 @@ int apply(const ApplyOptions& options, Output& out) {
         return ExitUsage;
     }
     if (options.fetch) return fetch(options, out);
-    ZqPatchApply job(options.image, {options.patch, SxArray<SxString>(options.headers), options.consume});
+    ZqPatchApply job(options.image, {options.patch, SxArray<SxString>(options.net.headers), options.consume,
+                                     accessOf(options)});
     const double seconds = runJob(&job, "patch", out);
     if (job.hasFailure()) throw job.getFailure();
+    ZqImageAccess::note(options.image, options.net.toWish());
     if (!job.isComplete()) {
         throw SxException(job.isBegun() ? "stopped; go on with: tavrin patch apply IMAGE --resume"
                                         : "stopped before anything was begun",
@@ -177,7 +189,7 @@ int apply(const ApplyOptions& options, Output& out) {
 
 struct StatusOptions {
     SxString image, patch;
-    SxList<SxString> headers;
+    NetOptions net;
 };
 
 SxString describe(const ZqPatchStatus::Result& result) {
@@ -201,7 +213,9 @@ SxString describe(const ZqPatchStatus::Result& result) {
 
 int status(const StatusOptions& options, Output& out) {
     const PrivateFolder scratch;
-    ZqPatchStatus job(options.image, options.patch, SxArray<SxString>(options.headers), scratch.path);
+    const bool asks = ZqUrlText::isAddress(options.patch);
+    ZqPatchStatus job(options.image, options.patch, SxArray<SxString>(options.net.headers), scratch.path,
+                      asks ? options.net.resolve(options.image) : ZqNetAccess());
     runJob(&job, "status", out);
     const ZqPatchStatus::Result& result = job.getResult();
     if (out.getMode().json) {
@@ -266,7 +280,7 @@ void registerPatchVerbs(App* app) {
               "tavrin patch apply games/alpha https://example.org/patches/alpha-2")
         .argument("IMAGE", &applied->image, "Image folder")
         .optionalArgument("PATCH", &applied->patch, "Patch folder, or the address of one")
-        .headers("--header", &applied->headers, "Send this line with each request to the address")
+        .network(&applied->net, "Send this line with each request to the address")
         .flag("--consume", &applied->consume, "Remove PATCH at the end; else it stays as it is")
         .flag("--fetch", &applied->fetch, "Only download the patch, also while the image is played")
         .flag("--resume", &applied->resume, "Go on with what was fetched, stopped or cut off; takes no PATCH")
@@ -278,7 +292,7 @@ void registerPatchVerbs(App* app) {
               "tavrin patch status games/alpha https://example.org/patches/alpha-2")
         .argument("IMAGE", &asked->image, "Image folder")
         .optionalArgument("PATCH", &asked->patch, "Patch folder, or the address of one; else what was begun")
-        .headers("--header", &asked->headers, "Send this line with each request to the address")
+        .network(&asked->net, "Send this line with each request to the address")
         .action([asked](Output& out) { return status(*asked, out); });
 
     auto verified = SxPtr<SxString>::create();

@@ -24,7 +24,7 @@ constexpr int64 MOST_SECONDS = 1'000'000, MOST_TRACES = 1'000'000;
 
 struct RunOptions {
     SxString image, url, report, page, runner;
-    SxList<SxString> headers;
+    NetOptions net;
     ZqStatsWish stats;
     uint64 rate = 0;
     bool now = false, keepMounted = false, complete = false, noLaunchers = false;
@@ -72,6 +72,11 @@ void writeFiles(const ZqRun& job, const RunOptions& options) {
     }
 }
 
+void takeNet(const NetOptions& net, ZqFeedSettings* feed) {
+    feed->headers = SxArray<SxString>(net.headers);
+    feed->access = net.toWish();
+}
+
 ZqRun::Settings settingsOf(const RunOptions& options) {
     ZqRun::Settings settings;
     if (options.trace) settings.tracing = ZqTracePolicy::Always;
@@ -80,7 +85,7 @@ ZqRun::Settings settingsOf(const RunOptions& options) {
     settings.nTraces = options.nTraces;
     settings.feed.image = options.image;
     settings.feed.url = options.url;
-    settings.feed.headers = SxArray<SxString>(options.headers);
+    takeNet(options.net, &settings.feed);
     settings.feed.rateLimit = options.rate;
     settings.feed.verifies = !options.noVerify;
     settings.startsAtOnce = options.now;
@@ -155,7 +160,7 @@ int fetch(const RunOptions& options, Output& out) {
     ZqRun::Settings settings;
     settings.feed.image = options.image;
     settings.feed.url = options.url;
-    settings.feed.headers = SxArray<SxString>(options.headers);
+    takeNet(options.net, &settings.feed);
     settings.feed.rateLimit = options.rate;
     settings.feed.job = "fetch";
     settings.feed.isDownloadOnly = true;
@@ -187,7 +192,7 @@ int mountFed(const FedMount& mount, Output& out, const std::function<void()>& te
     ZqRun::Settings settings;
     settings.feed.image = mount.image;
     settings.feed.url = mount.url;
-    settings.feed.headers = SxArray<SxString>(mount.headers);
+    takeNet(mount.net, &settings.feed);
     settings.feed.job = "mount";
     settings.isDriveOnly = true;
     settings.mountMode = mount.mode;
@@ -212,7 +217,7 @@ void registerRunVerbs(App* app) {
               "tavrin run IMAGE --url https://example.org/game/")
         .argument("IMAGE", &options.image, "Image folder; may be empty or absent at first")
         .text("--url", &options.url, "FOLDER_URL", "Where the image comes from; noted in IMAGE")
-        .headers("--header", &options.headers, "Send this line with each request")
+        .network(&options.net, "Send this line with each request")
         .flag("--now", &options.now, "Start at once, and don't wait until enough is downloaded")
         .rate("--rate", &options.rate, "Download with at most that much a second, as in 20Mbit")
         .flag("--keep-mounted", &options.keepMounted,
@@ -247,7 +252,7 @@ void registerRunVerbs(App* app) {
               "tavrin fetch IMAGE --url https://example.org/game/")
         .argument("IMAGE", &fetching.image, "Image folder; may be empty or absent at first")
         .text("--url", &fetching.url, "FOLDER_URL", "Where the image comes from; noted in IMAGE")
-        .headers("--header", &fetching.headers, "Send this line with each request")
+        .network(&fetching.net, "Send this line with each request")
         .rate("--rate", &fetching.rate, "Download with at most that much a second, as in 20Mbit")
         .action([](Output& out) { return fetch(fetching, out); });
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "NetOptions.h"
 #include "Output.h"
 
 #include <tavrin/SxException.h>
@@ -9,7 +10,7 @@
 /// A mount whose drive is fed from a server.
 struct FedMount {
     SxString image, url;
-    SxList<SxString> headers;
+    NetOptions net;
     SxString mode, trace; ///< may be empty
     bool noLaunchers = false;
 };

@@ -112,7 +112,7 @@ SxString ZqDigestCheck::wrongText(const SxString& digest) const {
 /// A run that has no link to a server, since all was there, makes one for this alone.
 uint64 ZqDigestCheck::mend() {
     if (!image && !origin.hasAddress()) return 0;
-    const SxPtr<ZqRemoteImage> source = image ? image : origin.makeImage(SxPtr<ZqNetLink>::create());
+    const SxPtr<ZqRemoteImage> source = image ? image : origin.makeImage(origin.makeLink());
     if (!image) {
         const SxMutexBlock block(&mutex);
         repairSource = source;

@@ -50,11 +50,13 @@ bool ZqFeedFolder::take(const ZqStopTest& stop) {
     ZqSyncedSize(filePath(ZqImageFiles::ZQF)).cutBack(stop);
     record.read(settings.image);
     url = settings.url.isEmpty() ? record.url : settings.url;
+    access = ZqImageAccess(record, settings.access);
     hadAll = ZqImageInfo::holdsPart(settings.image);
     shape = ZqImageLock::take(settings.image, ZqImageLock::Shape,
                               hadAll ? ZqImageLock::Shared : ZqImageLock::Exclusive, settings.job);
     cutSurplus(stop);
     if (ZqImageInfo::isComplete(settings.image)) return true;
+    access.get().check();
     if (!url.isEmpty()) return false;
     throw SxException("Image '" + settings.image +
                           "' isn't complete, and no address is known that it could be completed from",
@@ -131,7 +133,7 @@ bool ZqFeedFolder::openApp(const SxPtr<ZqNetLink>& link, const ZqStopTest& stop)
         // A run plays without its server. Who only completes an image has no use for an address that gives
         // another one.
         if (settings.isDownloadOnly && !(url == record.url)) {
-            ZqImageRecords(SxPtr<ZqNetLink>::create(), settings.image, url, settings.headers)
+            ZqImageRecords(SxPtr<ZqNetLink>::create(getAccess()), settings.image, url, settings.headers)
                 .requireSameOnServer(app, stop);
         }
     } else {
@@ -139,7 +141,7 @@ bool ZqFeedFolder::openApp(const SxPtr<ZqNetLink>& link, const ZqStopTest& stop)
     }
     ZqFeedSettings found = settings;
     found.url = url;
-    origin = ZqImageOrigin(found, app);
+    origin = ZqImageOrigin(found, getAccess(), app);
     app.requireKnownFormat();
     // What is downloaded from its beginning on has nothing of an earlier file.
     written = record.isWritten && fileSize() > 0;
@@ -167,9 +169,13 @@ void ZqFeedFolder::noteUse(bool isDownloaded) const {
     const bool isFresh = fileSize() == 0;
     const bool dropsDigest = isDownloaded && !record.verified.isEmpty();
     const bool dropsLeft = record.left.size >= 0;
-    if (record.url == url && !dropsDigest && !dropsLeft && record.isWritten == written) return;
+    ZqStreamRecord noted = record;
+    const bool notesAccess = ZqImageAccess::note(&noted, settings.access);
+    if (record.url == url && !notesAccess && !dropsDigest && !dropsLeft && record.isWritten == written)
+        return;
     ZqStreamRecord::update(settings.image, [&](ZqStreamRecord* now) {
         now->url = url;
+        ZqImageAccess::note(now, settings.access);
         // A kill must not leave what is written from now on as believed.
         now->left = ZqStreamRecord::Left();
         if (isDownloaded) now->verified = SxString();

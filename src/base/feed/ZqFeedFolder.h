@@ -39,6 +39,8 @@ public:
     /// nothing. From openApp() on, for any thread, but not beside itself.
     SxPtr<const ZqOrderHints> fetchHints(const SxPtr<ZqNetLink>& link, const ZqStopTest& stop) const;
 
+    /// The way to the server, from take() on.
+    const ZqNetAccess& getAccess() const noexcept { return access.get(); }
     const ZqAppParams& getApp() const noexcept { return origin.getApp(); }
     /// From openRest() on.
     const ZqImageParams& getParams() const noexcept { return params; }
@@ -69,6 +71,7 @@ private:
     const ZqFeedSettings settings;
     ZqStreamRecord record; ///< as the last run has left it
     SxString url, carried;
+    ZqImageAccess access;
     ZqImageOrigin origin;
     ZqImageParams params;
     SxPtr<ZqNewFolder> made;

@@ -2,6 +2,7 @@
 
 #include "SxArray.h"
 #include "SxString.h"
+#include "ZqImageAccess.h"
 #include "ZqImageFigures.h"
 #include "ZqNetFigures.h"
 
@@ -10,6 +11,7 @@ struct ZqFeedSettings {
     SxString image;            ///< the image folder; may be absent
     SxString url;              ///< address of the folder's original; empty for the one noted in it
     SxArray<SxString> headers; ///< lines "Name: value" for each request
+    ZqAccessWish access;       ///< the way to the server; its options are noted in the folder
     uint64 rateLimit = 0;      ///< of the ordered download, bytes a second; 0 for none
     SxString job = "run";      ///< shown to whoever finds the image in use
     /// Neither drive nor application, only the image: what the server fails to give ends it, and so does

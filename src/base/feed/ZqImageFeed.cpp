@@ -49,7 +49,7 @@ uint64 ZqImageFeed::countBlocks() const {
 void ZqImageFeed::open(const ZqStopTest& stop) {
     if (!folder.take(stop)) {
         const SxMutexBlock block(&mutex);
-        link = SxPtr<ZqNetLink>::create();
+        link = SxPtr<ZqNetLink>::create(folder.getAccess());
     }
     const bool isConfirmed = folder.openApp(link, stop);
     const ZqImageOrigin& origin = folder.getOrigin();

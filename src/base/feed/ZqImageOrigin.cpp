@@ -9,16 +9,22 @@ namespace {
 constexpr const char* UNIT = "src/base/ZqImageOrigin";
 } // namespace
 
-ZqImageOrigin::ZqImageOrigin(const ZqFeedSettings& settings, const ZqAppParams& app_)
+ZqImageOrigin::ZqImageOrigin(const ZqFeedSettings& settings, const ZqNetAccess& access_,
+                             const ZqAppParams& app_)
     : image(settings.image),
       url(settings.url),
       headers(settings.headers),
+      access(access_),
       rateLimit(settings.rateLimit),
       app(app_) {
 }
 
 SxString ZqImageOrigin::getZqf() const {
     return ZqImageFolder::prefix(image) + ZqImageFiles::ZQF;
+}
+
+SxPtr<ZqNetLink> ZqImageOrigin::makeLink() const {
+    return SxPtr<ZqNetLink>::create(access);
 }
 
 SxPtr<ZqRemoteImage> ZqImageOrigin::makeImage(const SxPtr<ZqNetLink>& link) const {

@@ -10,8 +10,8 @@
 class ZqImageOrigin {
 public:
     ZqImageOrigin() = default;
-    /// `settings`: with the address; `app_`: the image's, as its folder has it.
-    ZqImageOrigin(const ZqFeedSettings& settings, const ZqAppParams& app_);
+    /// `settings`: with the address; `access_`: the way there; `app_`: the image's, as its folder has it.
+    ZqImageOrigin(const ZqFeedSettings& settings, const ZqNetAccess& access_, const ZqAppParams& app_);
 
     /// The image folder, and the path of its `img.zqf`.
     const SxString& getImage() const noexcept { return image; }
@@ -22,6 +22,8 @@ public:
     /// Of the ordered download, in bytes a second; 0 for none.
     uint64 getRateLimit() const noexcept { return rateLimit; }
 
+    /// A link of the caller's own to the server.
+    SxPtr<ZqNetLink> makeLink() const;
     /// What the server has of the image, by requests over `link`.
     SxPtr<ZqRemoteImage> makeImage(const SxPtr<ZqNetLink>& link) const;
     /// Raises where the server has another version, or doesn't tell; see ZqImageRecords.
@@ -30,6 +32,7 @@ public:
 private:
     SxString image, url;
     SxArray<SxString> headers;
+    ZqNetAccess access;
     uint64 rateLimit = 0;
     ZqAppParams app;
 };

@@ -8,10 +8,12 @@ namespace {
 constexpr const char* UNIT = "src/base/feed/ZqIndexFetch";
 } // namespace
 
-ZqIndexFetch::ZqIndexFetch(const SxString& folder_, const SxString& url_, const SxArray<SxString>& headers_)
+ZqIndexFetch::ZqIndexFetch(const SxString& folder_, const SxString& url_, const SxArray<SxString>& headers_,
+                           const ZqNetAccess& access_)
     : folder(folder_),
       url(url_),
-      headers(headers_) {
+      headers(headers_),
+      access(access_) {
     setThreadName("index fetch");
 }
 
@@ -21,7 +23,7 @@ SxString ZqIndexFetch::getName() const {
 
 void ZqIndexFetch::main() {
     try {
-        ZqImageRecords records(SxPtr<ZqNetLink>::create(), folder, url, headers);
+        ZqImageRecords records(SxPtr<ZqNetLink>::create(access), folder, url, headers);
         records.fetchIndex([this] { return stopRequested(); });
     } catch (const SxException& e) {
         throw SxException(e, "Cannot fetch the order of '" + getName() + "'", UNIT, __LINE__);

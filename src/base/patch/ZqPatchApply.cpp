@@ -280,7 +280,7 @@ SxString ZqPatchApply::takeFolder(const SxString& folder, bool isConsumed) {
 /// `noted`: the digest of the patch that was begun, or fetched before, from there; or empty.
 SxString ZqPatchApply::takeAddress(const SxString& source, const SxString& noted) {
     const ZqStopTest stop = [this] { return isStopped(); };
-    download = SxPtr<ZqPatchDownload>::create(*work, source, options.headers);
+    download = SxPtr<ZqPatchDownload>::create(*work, source, options.headers, options.access);
     const SxString own = work->getCopy() + ZqPatchFiles::RECORD;
     SxString record;
     if (!noted.isEmpty() && work->hasCopyOf(noted)) {

@@ -2,6 +2,7 @@
 
 #include "SxArray.h"
 #include "SxPtr.h"
+#include "ZqNetAccess.h"
 #include "ZqPatchParams.h"
 #include "ZqRuntimeInfo.h"
 #include "ZqTaskMon.h"
@@ -30,6 +31,7 @@ public:
         SxString patch;            ///< folder or address; empty to go on with what was begun
         SxArray<SxString> headers; ///< lines for each request to an address
         bool isConsumed = false;   ///< the folder goes at the end, and no private copy is made
+        ZqNetAccess access = {};   ///< the way to an address
     };
 
     ZqPatchApply(const SxString& image_, const Options& options_);

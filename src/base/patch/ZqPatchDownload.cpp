@@ -127,10 +127,11 @@ private:
 };
 
 ZqPatchDownload::ZqPatchDownload(const ZqPatchWork& work_, const SxString& url_,
-                                 const SxArray<SxString>& headers_)
+                                 const SxArray<SxString>& headers_, const ZqNetAccess& access)
     : work(work_),
       url(url_),
-      headers(headers_) {
+      headers(headers_),
+      link(SxPtr<ZqNetLink>::create(access)) {
     setThreadName("patch download");
 }
 

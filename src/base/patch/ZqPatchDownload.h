@@ -20,7 +20,8 @@
 class ZqPatchDownload : public ZqTaskMon {
 public:
     /// `work_` outlives the job. `headers_`: lines for each request.
-    ZqPatchDownload(const ZqPatchWork& work_, const SxString& url_, const SxArray<SxString>& headers_);
+    ZqPatchDownload(const ZqPatchWork& work_, const SxString& url_, const SxArray<SxString>& headers_,
+                    const ZqNetAccess& access);
 
     /// The address as texts show it.
     SxString getName() const;
@@ -58,7 +59,7 @@ private:
     const ZqPatchWork& work;
     const SxString url;
     const SxArray<SxString> headers;
-    const SxPtr<ZqNetLink> link = SxPtr<ZqNetLink>::create();
+    const SxPtr<ZqNetLink> link;
     SxString digest; ///< MD5 text of patch.json
     ZqPatchParams params;
     std::vector<ZqPatchSizes> parts;

@@ -25,10 +25,12 @@ void removeEmpty(const ZqPatchWork& work) {
 }
 } // namespace
 
-ZqPatchFetch::ZqPatchFetch(const SxString& image_, const SxString& url_, const SxArray<SxString>& headers_)
+ZqPatchFetch::ZqPatchFetch(const SxString& image_, const SxString& url_, const SxArray<SxString>& headers_,
+                           const ZqNetAccess& access_)
     : image(ZqSysEnv::unifySlashes(ZqImageFolder::prefix(image_))),
       url(url_),
-      headers(headers_) {
+      headers(headers_),
+      access(access_) {
     setThreadName("patch fetch");
 }
 
@@ -52,7 +54,7 @@ void ZqPatchFetch::main() {
 
 void ZqPatchFetch::fetch(const ZqPatchWork& work) {
     const ZqStopTest stop = [this] { return stopRequested(); };
-    ZqPatchDownload download(work, url, headers);
+    ZqPatchDownload download(work, url, headers, access);
     const SxString record = download.fetchRecord(stop);
     const ZqPatchParams& params = download.readRecord(record);
     from = params.fromGUID;

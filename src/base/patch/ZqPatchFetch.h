@@ -1,6 +1,7 @@
 #pragma once
 
 #include "SxArray.h"
+#include "ZqNetAccess.h"
 #include "ZqTaskMon.h"
 
 class ZqPatchWork;
@@ -11,7 +12,8 @@ class ZqPatchWork;
 class ZqPatchFetch : public ZqTaskMon {
 public:
     /// `image_`: the image folder. `headers_`: lines for each request.
-    ZqPatchFetch(const SxString& image_, const SxString& url_, const SxArray<SxString>& headers_);
+    ZqPatchFetch(const SxString& image_, const SxString& url_, const SxArray<SxString>& headers_,
+                 const ZqNetAccess& access_ = {});
 
     /// After the end: whether all of the patch is there and right.
     bool isComplete() const { return complete; }
@@ -31,6 +33,7 @@ private:
 
     const SxString image, url; ///< the folder with its trailing slash
     const SxArray<SxString> headers;
+    const ZqNetAccess access;
     SxString from, to;
     uint64 nParts = 0, nFetched = 0;
     bool complete = false, alreadyNew = false;

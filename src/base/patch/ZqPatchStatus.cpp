@@ -28,11 +28,13 @@ constexpr uint64 MAX_RECORD = 1 << 20;
 } // namespace
 
 ZqPatchStatus::ZqPatchStatus(const SxString& image_, const SxString& patch_,
-                             const SxArray<SxString>& headers_, const SxString& scratch_)
+                             const SxArray<SxString>& headers_, const SxString& scratch_,
+                             const ZqNetAccess& access_)
     : image(ZqSysEnv::unifySlashes(ZqImageFolder::prefix(image_))),
       patchName(patch_),
       scratch(ZqSysEnv::unifySlashes(ZqImageFolder::prefix(scratch_))),
-      headers(headers_) {
+      headers(headers_),
+      access(access_) {
     setThreadName("patch status");
 }
 
@@ -87,6 +89,7 @@ SxString ZqPatchStatus::findPatch() {
 void ZqPatchStatus::fetch(const SxString& url) const {
     // A question doesn't wait for a server that is away, as a download does.
     ZqNetSettings settings;
+    settings.access = access;
     settings.nStreamTries = settings.nRangeTries;
     const auto link = SxPtr<ZqNetLink>::create(settings);
     const auto take = [&](const char* name, uint64 size) {

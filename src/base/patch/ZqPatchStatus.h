@@ -1,6 +1,7 @@
 #pragma once
 
 #include "SxArray.h"
+#include "ZqNetAccess.h"
 #include "ZqTaskMon.h"
 
 /// Job that tells how far an image is with a patch, and what that will still take. Changes nothing. Takes no
@@ -35,7 +36,7 @@ public:
     /// `image_`: the image folder. `patch_`: a patch folder or an address, or empty for what was begun or
     /// fetched. `scratch_`: an empty folder.
     ZqPatchStatus(const SxString& image_, const SxString& patch_, const SxArray<SxString>& headers_,
-                  const SxString& scratch_);
+                  const SxString& scratch_, const ZqNetAccess& access_ = {});
 
     const Result& getResult() const { return result; }
     /// "none", "fetched", "begun" or "committing".
@@ -52,5 +53,6 @@ private:
 
     const SxString image, patchName, scratch; ///< folders with trailing slashes
     const SxArray<SxString> headers;
+    const ZqNetAccess access;
     Result result;
 };

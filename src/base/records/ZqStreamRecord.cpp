@@ -54,6 +54,8 @@ void ZqStreamRecord::read(const SxString& image) {
     try {
         const SxSymbol root = ZqRecordFile::read(file, "zqstream-schema.json");
         ZqRecordFile::get(root, "url", &url);
+        ZqRecordFile::get(root, "cacert", &trustFile);
+        ZqRecordFile::get(root, "proxy", &proxy);
         ZqRecordFile::get(root, "nStarts", &nStarts);
         ZqRecordFile::get(root, "nUntraced", &nUntraced);
         ZqRecordFile::get(root, "application", &application);
@@ -83,6 +85,8 @@ void ZqStreamRecord::write(const SxString& image) const {
         root.setType(SxParserAst::Object);
         root.append("version", VERSION);
         if (!url.isEmpty()) root.append("url", url);
+        if (!trustFile.isEmpty()) root.append("cacert", trustFile);
+        if (!proxy.isEmpty()) root.append("proxy", proxy);
         root.append("nStarts", nStarts);
         if (nUntraced > 0) root.append("nUntraced", nUntraced);
         if (!application.isEmpty()) root.append("application", application);

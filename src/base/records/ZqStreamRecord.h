@@ -12,6 +12,8 @@
 class ZqStreamRecord {
 public:
     SxString url;         ///< address of the image's folder; empty where none is known
+    SxString trustFile;   ///< see ZqNetAccess; a host path, empty where none was given for this image
+    SxString proxy;       ///< see ZqNetAccess, without a password; likewise
     int64 nStarts = 0;    ///< applications started so far
     int64 nUntraced = 0;  ///< of these, those since the last one whose run recorded a trace
     SxString application; ///< process group of the last of them, see SxProcessGroup::toText(); empty for none

@@ -1,5 +1,6 @@
 #include "ZqCurlRequest.h"
 
+#include "SxOs.h"
 #include "ZqNetFailure.h"
 #include "ZqNetLink.h"
 
@@ -42,11 +43,30 @@ ZqCurlRequest::ZqCurlRequest(const ZqTransfer::Request& request, const ZqNetSett
     curl_easy_setopt(handle, CURLOPT_PIPEWAIT, place.mayShare ? 1L : 0L);
     curl_easy_setopt(handle, CURLOPT_BUFFERSIZE, bufferSize);
     if (request.fresh) curl_easy_setopt(handle, CURLOPT_FRESH_CONNECT, 1L);
-    if (!settings.trustFile.isEmpty()) curl_easy_setopt(handle, CURLOPT_CAINFO, settings.trustFile.ascii());
-    if (!settings.trustFolder.isEmpty())
-        curl_easy_setopt(handle, CURLOPT_CAPATH, settings.trustFolder.ascii());
+    setAccess(settings);
     if (!request.range.isEmpty()) curl_easy_setopt(handle, CURLOPT_RANGE, request.range.ascii());
     setHeaders(request);
+}
+
+/// What isn't set here libcurl takes from the environment: `https_proxy`, `http_proxy`, `all_proxy`,
+/// `no_proxy`.
+void ZqCurlRequest::setAccess(const ZqNetSettings& settings) {
+    CURL* handle = easy.get();
+    const ZqNetAccess& access = settings.access;
+    if (!access.trustFile.isEmpty()) {
+        const std::string file = SxOs::hostPath(access.trustFile);
+        curl_easy_setopt(handle, CURLOPT_CAINFO, file.c_str());
+        curl_easy_setopt(handle, CURLOPT_PROXY_CAINFO, file.c_str());
+        // The system's folder would count beside the file otherwise.
+        curl_easy_setopt(handle, CURLOPT_CAPATH, nullptr);
+        curl_easy_setopt(handle, CURLOPT_PROXY_CAPATH, nullptr);
+    }
+    if (!settings.trustFolder.isEmpty()) {
+        curl_easy_setopt(handle, CURLOPT_CAPATH, settings.trustFolder.ascii());
+        curl_easy_setopt(handle, CURLOPT_PROXY_CAPATH, settings.trustFolder.ascii());
+    }
+    if (access.proxy.isEmpty()) return;
+    curl_easy_setopt(handle, CURLOPT_PROXY, access.proxy == ZqNetAccess::DIRECT ? "" : access.proxy.ascii());
 }
 
 void ZqCurlRequest::setHeaders(const ZqTransfer::Request& request) {

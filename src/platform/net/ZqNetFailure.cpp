@@ -5,6 +5,8 @@
 
 #include <curl/curl.h>
 
+#include <memory>
+
 namespace {
 
 constexpr const char* UNIT = "src/platform/net/ZqNetFailure";
@@ -54,6 +56,18 @@ const char* tagOf(CURL* easy, CURLcode code) {
     }
 }
 
+struct FreeUrl {
+    void operator()(CURLU* url) const { curl_url_cleanup(url); }
+};
+
+std::string partOf(CURLU* url, CURLUPart what) {
+    char* part = nullptr;
+    if (curl_url_get(url, what, &part, CURLU_DEFAULT_PORT) != CURLUE_OK) return {};
+    const std::string text(part);
+    curl_free(part);
+    return text;
+}
+
 /// A proxy that was asked for a way to the server, and gives none.
 SxException failureOfProxy(CURL* easy, long status) {
     const char* host = nullptr;
@@ -65,6 +79,24 @@ SxException failureOfProxy(CURL* easy, long status) {
                        proxy + "answers " + SxString(status), UNIT, __LINE__);
 }
 
+/// "the proxy HOST:PORT: " where a connection to another machine than the address names has failed; empty
+/// otherwise. libcurl tells the proxy that the environment names nowhere but in its text.
+SxString proxyInFrontOf(CURL* easy, const char* detail) {
+    std::string text(detail);
+    const std::string begin = "Failed to connect to ", middle = " port ";
+    const size_t port = text.find(middle);
+    if (!text.starts_with(begin) || port == std::string::npos) return {};
+    const std::string host = text.substr(begin.size(), port - begin.size());
+    text.erase(0, port + middle.size());
+    const std::string place = host + ":" + text.substr(0, text.find_first_not_of("0123456789"));
+    const char* address = nullptr;
+    curl_easy_getinfo(easy, CURLINFO_EFFECTIVE_URL, &address);
+    const std::unique_ptr<CURLU, FreeUrl> url(curl_url());
+    if (!url || !address || curl_url_set(url.get(), CURLUPART_URL, address, 0) != CURLUE_OK) return {};
+    const std::string asked = partOf(url.get(), CURLUPART_HOST) + ":" + partOf(url.get(), CURLUPART_PORT);
+    return place == asked ? SxString() : SxString("the proxy " + place + ": ");
+}
+
 } // namespace
 
 SxException ZqNetFailure::of(void* easy, int code, const char* detail, int64 connectMs) {
@@ -74,7 +106,7 @@ SxException ZqNetFailure::of(void* easy, int code, const char* detail, int64 con
     const long error = numberOf(easy, CURLINFO_OS_ERRNO);
     SxString text(curl_easy_strerror(curlCode));
     if (code == CURLE_COULDNT_CONNECT && error != 0) {
-        text = SxOs::errorText(error);
+        text = proxyInFrontOf(easy, detail) + SxOs::errorText(error);
     } else if (code == CURLE_OPERATION_TIMEDOUT) {
         text = "no connection within " + SxString::sprintf("%g", static_cast<double>(connectMs) / 1e3) + " s";
     } else if (*detail != 0) {

@@ -14,12 +14,19 @@ constexpr int64 SECOND_NS = 1'000'000'000, MS = 1'000'000;
 
 /// As other programs do, authorities of the user's own come by environment variables.
 ZqNetSettings withTrust(ZqNetSettings settings) {
+    if (!settings.access.trustFile.isEmpty()) return settings;
     const auto take = [](SxString* value, const char* name) {
         const char* given = std::getenv(name); // NOLINT(concurrency-mt-unsafe): nobody here sets any
         if (value->isEmpty() && given) *value = SxString(given);
     };
-    take(&settings.trustFile, "SSL_CERT_FILE");
+    take(&settings.access.trustFile, "SSL_CERT_FILE");
     take(&settings.trustFolder, "SSL_CERT_DIR");
+    return settings;
+}
+
+ZqNetSettings withAccess(const ZqNetAccess& access) {
+    ZqNetSettings settings;
+    settings.access = access;
     return settings;
 }
 } // namespace
@@ -28,6 +35,9 @@ ZqNetLink::ZqNetLink(const ZqNetSettings& settings_)
     : settings(withTrust(settings_)),
       loop(std::make_unique<ZqNetLoop>(settings)) {
     loop->start();
+}
+
+ZqNetLink::ZqNetLink(const ZqNetAccess& access) : ZqNetLink(withAccess(access)) {
 }
 
 ZqNetLink::~ZqNetLink() {

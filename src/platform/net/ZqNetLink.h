@@ -5,6 +5,7 @@
 #include "SxMutex.h"
 #include "SxPtr.h"
 #include "SxString.h"
+#include "ZqNetAccess.h"
 #include "ZqNetFigures.h"
 
 #include <atomic>
@@ -32,9 +33,10 @@ struct ZqNetSettings {
     int64 busyMs = 60'000;   ///< in which a server that says it is asked too much takes none of these tries
     int64 nStreamTries = 0;  ///< of the ordered stream, while the server can't be reached
     int64 nBrokenTries = 10; ///< without a byte gained, where the server answers and breaks off
-    int64 segmentSize = 4 << 20;     ///< bytes of one request of an ordered stream, where the link is slow
-    int64 maxBuffered = 4 << 20;     ///< bytes that an ordered stream holds for a slow consumer
-    SxString trustFile, trustFolder; ///< authorities for HTTPS; empty for those of the system
+    int64 segmentSize = 4 << 20; ///< bytes of one request of an ordered stream, where the link is slow
+    int64 maxBuffered = 4 << 20; ///< bytes that an ordered stream holds for a slow consumer
+    ZqNetAccess access;          ///< what it leaves open the environment says
+    SxString trustFolder;        ///< authorities for HTTPS, beside those of `access`
 };
 
 /// Asked every 20 ms by whatever blocks; true ends the wait with an SxException of the tag "Stopped".
@@ -64,6 +66,8 @@ public:
     using Figures = ZqNetFigures;
 
     explicit ZqNetLink(const ZqNetSettings& settings_ = {});
+    /// With the limits that are usual.
+    explicit ZqNetLink(const ZqNetAccess& access);
     ~ZqNetLink();
     ZqNetLink(const ZqNetLink&) = delete;
     ZqNetLink& operator=(const ZqNetLink&) = delete;

@@ -290,7 +290,7 @@ TEST_F(SlowConnection, aRecordOfTlsMayTakeLongerThanTheLimit) {
     LinkProxy secure(std::stoull(port));
     ZqNetSettings settings = quickSettings();
     settings.stallMs = 1'000;
-    settings.trustFile = SxString(nginx.authority());
+    settings.access.trustFile = SxString(nginx.authority());
     const auto encrypted = SxPtr<ZqNetLink>::create(settings);
     const ZqRemoteFile data(encrypted, SxString(secure.secureUrl("data")));
     // At this rate a TLS record of 16 KiB takes two seconds.
