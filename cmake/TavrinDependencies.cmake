@@ -21,6 +21,8 @@ pkg_check_modules(TAVRIN_SYSTEMD REQUIRED IMPORTED_TARGET libsystemd)
 pkg_check_modules(TAVRIN_FUSE REQUIRED IMPORTED_TARGET fuse3)
 
 find_path(TAVRIN_VALIJSON_INCLUDE_DIR valijson/validator.hpp REQUIRED)
+# Its headers alone, so that no program needs its library at run time.
+find_path(TAVRIN_TOML_INCLUDE_DIR toml++/toml.h REQUIRED)
 
 # Where scripts/fetch-duckdb.sh has put it; all else is built without it.
 set(TAVRIN_DUCKDB "${PROJECT_SOURCE_DIR}/build/duckdb" CACHE PATH "Folder of DuckDB's library and header")

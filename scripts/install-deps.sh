@@ -18,7 +18,7 @@ set -euo pipefail
 packages=(
     g++ cmake ninja-build pkg-config ccache python3
     libssl-dev libarchive-dev libzstd-dev libcurl4-openssl-dev libcpp-httplib-dev nlohmann-json3-dev
-    libvalijson-dev libspdlog-dev libcli11-dev robin-map-dev libtsl-ordered-map-dev libfuse3-dev fuse3 fuse2fs
+    libvalijson-dev libspdlog-dev libcli11-dev libtomlplusplus-dev robin-map-dev libtsl-ordered-map-dev libfuse3-dev fuse3 fuse2fs
     libxcb1-dev libxcb-ewmh-dev libxcb-icccm4-dev libxcb-randr0-dev libpci-dev libsimdjson-dev libsystemd-dev xvfb openbox dbus-daemon
     libgtest-dev libgmock-dev libbenchmark-dev
     erofs-utils e2fsprogs squashfs-tools nginx-light openssl

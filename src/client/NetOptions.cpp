@@ -1,5 +1,6 @@
 #include "NetOptions.h"
 #include "App.h"
+#include "ClientSettings.h"
 
 #include <CLI/CLI.hpp>
 
@@ -9,15 +10,16 @@ const char* NetOptions::findGiven() const {
     return proxy ? "--proxy" : nullptr;
 }
 
-ZqAccessWish NetOptions::toWish() const {
+ZqAccessWish NetOptions::toWish(const ZqNetAccess& settings) const {
     ZqAccessWish wish;
     wish.trustFile = trustFile;
     wish.proxy = proxy;
+    wish.settings = settings;
     return wish;
 }
 
 ZqNetAccess NetOptions::resolve(const SxString& image) const {
-    const ZqNetAccess access = ZqImageAccess::of(image, toWish()).get();
+    const ZqNetAccess access = ZqImageAccess::of(image, toWish(ClientSettings::read().getAccess())).get();
     access.check();
     return access;
 }

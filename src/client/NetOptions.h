@@ -10,9 +10,11 @@ struct NetOptions {
 
     /// The first of them that was given, as in "--header"; null where none was.
     const char* findGiven() const;
-    /// What they and the user's settings say of the way to servers.
-    ZqAccessWish toWish() const;
-    /// The way to servers for a job on the image folder `image`, which may have noted one. Raises where it is
-    /// none.
+    /// What they say of the way to servers, and where they say nothing, `settings`.
+    ZqAccessWish toWish(const ZqNetAccess& settings) const;
+    /// Notes them in the image folder `image`, as far as they were given.
+    void note(const SxString& image) const { ZqImageAccess::note(image, toWish({})); }
+    /// The way to servers for a job on the image folder `image`, as they, its note and the user's settings
+    /// say. Raises where it is none, or the settings are wrong.
     ZqNetAccess resolve(const SxString& image) const;
 };

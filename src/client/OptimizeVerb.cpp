@@ -133,7 +133,7 @@ SxString makeIndex(const OptimizeOptions& options, const PrivateFolder& place, S
                        options.net.resolve(options.image));
     *name = ZqImageFolder::prefix(fetch.getName());
     runJob(&fetch, "fetch", *out);
-    if (!options.dryRun) ZqImageAccess::note(options.image, options.net.toWish());
+    if (!options.dryRun) options.net.note(options.image);
     return place.path;
 }
 

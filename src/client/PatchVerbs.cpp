@@ -112,7 +112,7 @@ int fetch(const ApplyOptions& options, Output& out) {
     ZqPatchFetch job(options.image, options.patch, SxArray<SxString>(options.net.headers),
                      options.net.resolve(options.image));
     const double seconds = runJob(&job, "fetch", out);
-    ZqImageAccess::note(options.image, options.net.toWish());
+    options.net.note(options.image);
     if (!job.isComplete() && !job.isAlreadyNew())
         throw SxException("stopped; the same command goes on", UNIT, __LINE__);
     if (out.getMode().json) {
@@ -158,7 +158,7 @@ int apply(const ApplyOptions& options, Output& out) {
                                      accessOf(options)});
     const double seconds = runJob(&job, "patch", out);
     if (job.hasFailure()) throw job.getFailure();
-    ZqImageAccess::note(options.image, options.net.toWish());
+    options.net.note(options.image);
     if (!job.isComplete()) {
         throw SxException(job.isBegun() ? "stopped; go on with: tavrin patch apply IMAGE --resume"
                                         : "stopped before anything was begun",

@@ -1,5 +1,6 @@
 #include "RunVerbs.h"
 #include "App.h"
+#include "ClientSettings.h"
 #include "GameOutput.h"
 #include "Job.h"
 #include "Progress.h"
@@ -26,10 +27,11 @@ struct RunOptions {
     SxString image, url, report, page, runner;
     NetOptions net;
     ZqStatsWish stats;
-    uint64 rate = 0;
+    uint64 rate = 0; ///< 0 where it wasn't given
     bool now = false, keepMounted = false, complete = false, noLaunchers = false;
     bool trace = false, noTrace = false, noVerify = false;
-    int64 nTraces = ZqRun::N_TRACES, traceSeconds = ZqRun::TRACE_MS / MS_PER_S;
+    int64 nTraces = -1; ///< below 0 where it wasn't given
+    int64 traceSeconds = ZqRun::TRACE_MS / MS_PER_S;
 };
 
 /// Whether the player has ended the run, once there was an application, and all went well.
@@ -72,22 +74,24 @@ void writeFiles(const ZqRun& job, const RunOptions& options) {
     }
 }
 
-void takeNet(const NetOptions& net, ZqFeedSettings* feed) {
+/// `rate`: of the option; 0 where it wasn't given.
+void takeNet(const NetOptions& net, uint64 rate, const ClientSettings& own, ZqFeedSettings* feed) {
     feed->headers = SxArray<SxString>(net.headers);
-    feed->access = net.toWish();
+    feed->access = net.toWish(own.getAccess());
+    feed->rateLimit = rate > 0 ? rate : own.getRate();
 }
 
 ZqRun::Settings settingsOf(const RunOptions& options) {
+    const ClientSettings own = ClientSettings::read();
     ZqRun::Settings settings;
     if (options.trace) settings.tracing = ZqTracePolicy::Always;
     if (options.noTrace) settings.tracing = ZqTracePolicy::Never;
     settings.traceMs = options.traceSeconds * MS_PER_S;
-    settings.nTraces = options.nTraces;
+    settings.nTraces = options.nTraces < 0 ? own.getNTraces() : options.nTraces;
     settings.feed.image = options.image;
     settings.feed.url = options.url;
-    takeNet(options.net, &settings.feed);
-    settings.feed.rateLimit = options.rate;
-    settings.feed.verifies = !options.noVerify;
+    takeNet(options.net, options.rate, own, &settings.feed);
+    settings.feed.verifies = !options.noVerify && own.isVerifying();
     settings.startsAtOnce = options.now;
     settings.stats = options.stats;
     settings.noLaunchers = options.noLaunchers;
@@ -160,8 +164,7 @@ int fetch(const RunOptions& options, Output& out) {
     ZqRun::Settings settings;
     settings.feed.image = options.image;
     settings.feed.url = options.url;
-    takeNet(options.net, &settings.feed);
-    settings.feed.rateLimit = options.rate;
+    takeNet(options.net, options.rate, ClientSettings::read(), &settings.feed);
     settings.feed.job = "fetch";
     settings.feed.isDownloadOnly = true;
     ZqRun job(settings);
@@ -192,7 +195,7 @@ int mountFed(const FedMount& mount, Output& out, const std::function<void()>& te
     ZqRun::Settings settings;
     settings.feed.image = mount.image;
     settings.feed.url = mount.url;
-    takeNet(mount.net, &settings.feed);
+    takeNet(mount.net, 0, ClientSettings::read(), &settings.feed);
     settings.feed.job = "mount";
     settings.isDriveOnly = true;
     settings.mountMode = mount.mode;

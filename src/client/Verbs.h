@@ -24,4 +24,6 @@ void registerHardwareVerb(Family* stats);
 void registerCollectVerb(Family* stats);
 void registerRemoveVerb(App* app);
 void registerDoctorVerb(App* app);
+/// The one that shows the user's settings.
+void registerConfigVerb(App* app);
 void registerCompletionVerbs(App* app);

@@ -14,6 +14,7 @@ int main(int argc, char** argv) {
     registerStatsVerbs(&app);
     registerRemoveVerb(&app);
     registerDoctorVerb(&app);
+    registerConfigVerb(&app);
     registerCompletionVerbs(&app);
     return app.run(argc, argv);
 }

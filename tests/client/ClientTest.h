@@ -33,6 +33,10 @@ protected:
         client = bin;
         ::setenv("XDG_CONFIG_HOME", dir.path("config").c_str(), 1);
         ::setenv("XDG_STATE_HOME", dir.path("state").c_str(), 1);
+        // What the machine itself has of these would hold before the settings of a test.
+        for (const char* name : {"SSL_CERT_FILE", "SSL_CERT_DIR", "http_proxy", "https_proxy", "HTTPS_PROXY",
+                                 "all_proxy", "ALL_PROXY", "no_proxy", "NO_PROXY"})
+            ::unsetenv(name);
         ::setenv("WINEPREFIX", dir.path("prefix").c_str(), 1);
     }
 
