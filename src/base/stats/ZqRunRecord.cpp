@@ -19,6 +19,7 @@ namespace {
 
 constexpr const char* UNIT = "src/base/ZqRunRecord";
 constexpr const char* SCHEMA = "zqrun-schema.json";
+constexpr int64 MS_PER_S = 1000;
 constexpr const char* END = ".json";
 constexpr size_t N_ID = 8; ///< digits of the id in a record's name
 /// What the name of a record looks like, see ZqRunStamp::matches().
