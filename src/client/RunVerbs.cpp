@@ -13,10 +13,12 @@
 #include <tavrin/ZqRecordFile.h>
 #include <tavrin/ZqReportSections.h>
 #include <tavrin/ZqRun.h>
+#include <tavrin/ZqRunNotices.h>
 #include <tavrin/ZqRunPage.h>
 
 #include <cstdlib>
 #include <functional>
+#include <optional>
 
 namespace {
 constexpr const char* UNIT = "src/client/RunVerbs";
@@ -29,7 +31,7 @@ struct RunOptions {
     ZqStatsWish stats;
     uint64 rate = 0; ///< 0 where it wasn't given
     bool now = false, keepMounted = false, complete = false, noLaunchers = false;
-    bool trace = false, noTrace = false, noVerify = false;
+    bool trace = false, noTrace = false, noVerify = false, noNotify = false;
     int64 nTraces = -1; ///< below 0 where it wasn't given
     int64 traceSeconds = ZqRun::TRACE_MS / MS_PER_S;
 };
@@ -102,6 +104,13 @@ ZqRun::Settings settingsOf(const RunOptions& options) {
     return settings;
 }
 
+/// Why the application couldn't be started; empty where it was, or the player has ended the run before.
+SxString startFailure(const ZqRun& job) {
+    const ZqRun::Result& result = job.getResult();
+    if (result.wasStarted || result.wasStopped || !job.hasException()) return {};
+    return job.getException().toString(SxException::ShowMessage, ": ");
+}
+
 int run(const RunOptions& options, Output& out) {
     if (options.trace && options.noTrace) {
         Output::failure("Give one of both: --trace or --no-trace");
@@ -121,13 +130,17 @@ int run(const RunOptions& options, Output& out) {
     ZqRun job(settings);
     ForecastLine forecast(options.now, &out);
     TraceLine trace(&out);
+    std::optional<ZqRunNotices> notices;
+    if (!options.noNotify && own.isNotifying()) notices.emplace(options.image);
     followRun(&job, options.image, options.now, out,
               [&](const auto& status, const auto& estimate, Progress* progress) {
                   trace.look(job, progress);
                   forecast.look(job, status, estimate, progress);
                   gameOutput.look(&job, progress);
+                  if (notices) notices->look(job.getPhase(), job.hasStarted(), status);
               });
     const ZqRun::Result& result = job.getResult();
+    if (notices) notices->end(startFailure(job));
     if (result.wasStarted) {
         out.text(endText(job));
         tellFigures(result, &out);
@@ -239,6 +252,7 @@ void registerRunVerbs(App* app) {
                  "Record for so many seconds of play; 600 where not given, 0 for all of it")
         .integer("--keep-traces", &options.nTraces, 0, MOST_TRACES,
                  "Keep the traces of the last N runs; 20 where not given, 0 for all")
+        .flag("--no-notify", &options.noNotify, "Show no notifications of the run on the desktop")
         .text("--stats-url", &options.stats.url, "URL",
               "Consent to reports of this application's runs to this address, from now on")
         .headers("--stats-header", &options.stats.headers, "Send this line with each report")

@@ -1,14 +1,10 @@
 #include "TestSleep.h"
 
-#include "SxTime.h"
-
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
 #include <poll.h>
 #include <stdexcept>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <systemd/sd-bus.h>
 #include <unistd.h>
 #include <vector>
@@ -18,36 +14,11 @@ namespace {
 constexpr const char* NAME = "org.freedesktop.login1";
 constexpr const char* PATH = "/org/freedesktop/login1";
 constexpr const char* INTERFACE = "org.freedesktop.login1.Manager";
-constexpr int64 LIMIT_MS = 20'000;
 constexpr int TURN_MS = 10;
-
-constexpr const char* CONFIG =
-    R"(<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
- "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
-<busconfig>
-  <type>system</type>
-  <listen>unix:path=SOCKET</listen>
-  <auth>EXTERNAL</auth>
-  <policy context="default">
-    <allow send_destination="*" eavesdrop="true"/><allow receive_sender="*"/><allow own="*"/><allow user="*"/>
-  </policy>
-</busconfig>
-)";
 
 int require(int outcome, const char* what) {
     if (outcome < 0) throw std::runtime_error(std::string(what) + ": " + std::strerror(-outcome));
     return outcome;
-}
-
-/// Whether somebody listens there. The name is there a moment before.
-bool answers(const std::string& path) {
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    path.copy(address.sun_path, sizeof address.sun_path - 1);
-    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const bool isThere = ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
-    ::close(fd);
-    return isThere;
 }
 
 } // namespace
@@ -123,34 +94,16 @@ private:
     std::thread thread;
 };
 
-std::string TestSleep::missing() {
-    const SxString look = "command -v dbus-daemon";
-    return SxProcess("sh", {"-c", look}, SxProcess::Silent).run() == 0 ? "" : "dbus-daemon isn't installed";
-}
-
-TestSleep::TestSleep() {
-    std::string config = CONFIG;
-    const std::string socket = dir.path("bus");
-    config.replace(config.find("SOCKET"), 6, socket);
-    const SxString file(dir.write("bus.conf", config));
-    daemon = std::make_unique<SxProcess>(
-        "dbus-daemon", SxList<SxString>{"--config-file=" + file, "--nofork", "--nopidfile", "--nosyslog"},
-        SxProcess::Silent);
-    daemon->start();
-    SxWait::pass(LIMIT_MS, [&] { return answers(socket) || !daemon->isRunning(); });
-    ::setenv("DBUS_SYSTEM_BUS_ADDRESS", ("unix:path=" + socket).c_str(), 1);
+TestSleep::TestSleep() : bus("system") {
     startManager();
 }
 
 TestSleep::~TestSleep() {
     stopManager();
-    daemon->kill();
-    daemon->wait();
-    ::unsetenv("DBUS_SYSTEM_BUS_ADDRESS");
 }
 
 void TestSleep::startManager() {
-    manager = std::make_unique<Manager>("unix:path=" + dir.path("bus"), &delays);
+    manager = std::make_unique<Manager>(bus.getAddress(), &delays);
 }
 
 void TestSleep::stopManager() {

@@ -1,7 +1,6 @@
 #pragma once
 
-#include "SxProcess.h"
-#include "TempDir.h"
+#include "TestBus.h"
 
 #include <atomic>
 #include <memory>
@@ -11,8 +10,7 @@
 /// environment, with a login manager on it that gives out delays and tells of the sleep. It doesn't sleep.
 class TestSleep {
 public:
-    /// Why there can't be one; empty where there can.
-    static std::string missing();
+    static std::string missing() { return TestBus::missing(); }
 
     TestSleep();
     ~TestSleep();
@@ -29,8 +27,7 @@ private:
     void startManager();
     void stopManager();
 
-    TempDir dir;
-    std::unique_ptr<SxProcess> daemon;
+    TestBus bus;
     std::unique_ptr<Manager> manager;
     std::atomic<int> delays{0};
 };

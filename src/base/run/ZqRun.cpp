@@ -322,7 +322,10 @@ void ZqRun::follow() {
         drive->watchReads();
         searching = guard->isSearching();
         noteApplication();
-        if (guard->getGroup().isValid()) statistics->applicationRuns();
+        if (guard->getGroup().isValid()) {
+            started = true;
+            statistics->applicationRuns();
+        }
         firstFrame->look();
         // Those of an application that runs already were there before.
         if (!guard->isAdopted()) firstWindow->follow(guard->getGroup());

@@ -62,6 +62,8 @@ public:
     void killApplication();
     Phase getPhase() const { return phase; }
     ZqFeedStatus getStatus() const;
+    /// Whether the application runs, or has run; not yet where its program is still to be loaded.
+    bool hasStarted() const { return started; }
     /// What the load profile says of a start with what is there now, where the link brings `rate` bytes a
     /// second. Needs a phase after Opening.
     ZqStartForecast forecast(double rate) const;
@@ -123,6 +125,7 @@ private:
     const SxString image;
     std::atomic<Phase> phase{Opening};
     std::atomic<bool> searching{false}; ///< for the process that the record names
+    std::atomic<bool> started{false};
     const std::unique_ptr<ZqRunWait> waits;
     const std::unique_ptr<ZqImageFeed> feed;
     const std::unique_ptr<ZqHeldReads> held;
