@@ -55,5 +55,5 @@ TEST_F(Elsewhere, ARunDoesntTakeOverWhatItCantSee) {
     EXPECT_EQ(next->end(), 1) << next->says();
     EXPECT_THAT(next->says(), HasSubstr("in another mount namespace, where this run can't see it"));
     release();
-    done({"umount", got});
+    done({"umount", got, "--force"});
 }
