@@ -20,7 +20,7 @@ SxString lastPart(const SxString& path) {
 }
 
 SxString titleOf(const SxString& image) {
-    const SxString name = lastPart(image);
+    SxString name = lastPart(image);
     if (!name.isEmpty() && !(name == ".") && !(name == "..")) return name;
     return lastPart(SxString(SxOs::physicalPath(SxOs::hostPath(image))));
 }
