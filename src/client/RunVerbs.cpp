@@ -83,8 +83,7 @@ void takeNet(const NetOptions& net, uint64 rate, const ClientSettings& own, ZqFe
     feed->rateLimit = rate > 0 ? rate : own.getRate();
 }
 
-ZqRun::Settings settingsOf(const RunOptions& options) {
-    const ClientSettings own = ClientSettings::read();
+ZqRun::Settings settingsOf(const RunOptions& options, const ClientSettings& own) {
     ZqRun::Settings settings;
     if (options.trace) settings.tracing = ZqTracePolicy::Always;
     if (options.noTrace) settings.tracing = ZqTracePolicy::Never;
@@ -125,7 +124,8 @@ int run(const RunOptions& options, Output& out) {
         }
     }
     GameOutput gameOutput(out.getMode());
-    ZqRun::Settings settings = settingsOf(options);
+    const ClientSettings own = ClientSettings::read();
+    ZqRun::Settings settings = settingsOf(options, own);
     settings.readsOutput = gameOutput.isShown();
     ZqRun job(settings);
     ForecastLine forecast(options.now, &out);

@@ -66,7 +66,7 @@ void ZqRun::stop() {
 }
 
 void ZqRun::killApplication() {
-    if (ZqCoreAppGuard* started = startedGuard) started->stop();
+    if (ZqCoreAppGuard* known = startedGuard) known->stop();
 }
 
 bool ZqRun::hasLostWrites() const {
