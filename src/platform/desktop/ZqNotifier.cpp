@@ -39,11 +39,11 @@ public:
         return error < 0 ? error : sd_bus_set_method_call_timeout(bus, LIMIT_US);
     }
 
-    int show(const SxString& title, const SxString& body) {
+    int show(const SxString& heading, const SxString& body) {
         sd_bus_message* request = nullptr;
         int error = sd_bus_message_new_method_call(bus, &request, NAME, PATH, NAME, "Notify");
         if (error >= 0) {
-            error = sd_bus_message_append(request, "susssasa{sv}i", APPLICATION, *id, "", title.ascii(),
+            error = sd_bus_message_append(request, "susssasa{sv}i", APPLICATION, *id, "", heading.ascii(),
                                           body.ascii(), 0, 0, USUAL_TIME);
         }
         slot = sd_bus_slot_unref(slot); // an older answer no longer counts
