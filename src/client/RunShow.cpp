@@ -25,8 +25,8 @@ constexpr double BYTES_PER_MBIT = 125'000;
 [[noreturn]] void endAtOnce(ZqRun* job, const SxString& image, Progress* progress) {
     progress->finish();
     job->killApplication();
-    Output::failure("Ended at once, since the end of the run took too long; `tavrin umount " +
-                    image.makeVisible() + "` takes the drive away where it is still there");
+    Output::failure("Ended at once, since the end took too long; `tavrin umount " + image.makeVisible() +
+                    "` takes away a drive that is still there");
     std::fflush(stdout);
     ::_exit(ExitFailure);
 }
