@@ -171,9 +171,9 @@ void addTexts(CLI::App* command, const char* name,
 }
 
 /// An option whose value `parse` reads; `takes` says what it takes.
-template<class T>
-CLI::Option* addAmount(CLI::App* command, const char* name, T* value, const char* help, const char* valueName,
-                       const SxString& takes,
+template<class T, class Value>
+CLI::Option* addAmount(CLI::App* command, const char* name, Value* value, const char* help,
+                       const char* valueName, const SxString& takes,
                        const std::function<std::optional<T>(const std::string& text)>& parse) {
     const auto take = [=](const std::string& text) {
         const std::optional<T> amount = parse(text);
@@ -244,10 +244,10 @@ Verb& Verb::number(const char* name, uint64* value, uint64 least, const char* he
     return *this;
 }
 
-Verb& Verb::rate(const char* name, uint64* value, const char* help, bool mayBeNone) {
-    const SxString takes = Amount::RATE_TEXT + SxString(mayBeNone ? ", or 0 for no limit" : "");
-    addAmount<uint64>(command, name, value, help, "RATE", takes, [mayBeNone](const std::string& text) {
-        return mayBeNone && text == "0" ? std::optional<uint64>(0) : Amount::rate(text);
+Verb& Verb::rate(const char* name, std::optional<uint64>* value, const char* help) {
+    const SxString takes = Amount::RATE_TEXT + SxString(", or 0 for no limit");
+    addAmount<uint64>(command, name, value, help, "RATE", takes, [](const std::string& text) {
+        return text == "0" ? std::optional<uint64>(0) : Amount::rate(text);
     });
     return *this;
 }

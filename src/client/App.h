@@ -4,6 +4,7 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 
 namespace CLI {
 class App;
@@ -34,8 +35,8 @@ public:
     Verb& integer(const char* name, int64* value, int64 least, int64 most, const char* help);
     /// An option with a whole number of at least `least` as value.
     Verb& number(const char* name, uint64* value, uint64 least, const char* help, bool required = false);
-    /// An option with bytes a second as value, as Amount::rate() takes them; with `mayBeNone` also 0.
-    Verb& rate(const char* name, uint64* value, const char* help, bool mayBeNone = false);
+    /// An option with bytes a second as value, as Amount::rate() takes them, or 0 for no limit.
+    Verb& rate(const char* name, std::optional<uint64>* value, const char* help);
     /// An option with a number of bytes as value, as Amount::size() takes it.
     Verb& size(const char* name, uint64* value, const char* help, bool required = false);
     /// An option with megabit a second as value, as Amount::speed() takes them.

@@ -8,12 +8,14 @@
 namespace {
 /// So long at most this stays with the application's output, so that a Ctrl-C is seen in time.
 constexpr int64 MOST_NS = 500'000'000;
+/// The same once the run has ended: a process that has survived it may go on writing.
+constexpr int64 LAST_NS = 5'000'000'000;
 } // namespace
 
 void GameOutput::look(ZqRun* job, Progress* progress) const {
     if (!isShown()) return;
-    const int64 endNs = SxClock::get().steadyNs() + MOST_NS;
-    while (SxClock::get().steadyNs() < endNs || !job->isRunning()) {
+    const int64 endNs = SxClock::get().steadyNs() + (job->isRunning() ? MOST_NS : LAST_NS);
+    while (SxClock::get().steadyNs() < endNs) {
         const std::string bytes = job->readOutput();
         if (bytes.empty()) return;
         progress->finish();

@@ -9,7 +9,10 @@
 #include <tavrin/ZqImageStaging.h>
 
 #include <atomic>
+#include <cerrno>
 #include <ctime>
+#include <fcntl.h>
+#include <unistd.h>
 
 namespace {
 constexpr const char* UNIT = "src/client/Job";
@@ -17,7 +20,11 @@ constexpr int64 POLL_MS = 100;
 
 constexpr int64 INSIST_NS = 10'000'000'000;
 
-std::atomic<bool> stopAsked = false, insisted = false;
+/// What the listener is told.
+constexpr char INSISTS = 'i', ENDS = 'e';
+
+std::atomic<bool> stopAsked = false;
+std::atomic<int> toListener = -1;
 std::atomic<int64> firstNs = 0; ///< when the first signal came; 0 for none
 static_assert(std::atomic<bool>::is_always_lock_free && std::atomic<int64>::is_always_lock_free,
               "set in a signal handler");
@@ -27,6 +34,12 @@ int64 steadyNs() {
     timespec now = {};
     ::clock_gettime(CLOCK_MONOTONIC, &now);
     return int64{now.tv_sec} * 1'000'000'000 + now.tv_nsec;
+}
+
+/// For signal handlers, too.
+void tellListener(char word) {
+    // The first word is all that it reads.
+    if (::write(toListener, &word, 1) < 0) return;
 }
 
 struct sigaction actionOf(void (*handler)(int), unsigned flags) {
@@ -72,29 +85,39 @@ bool StopSignals::isAsked() const {
     return stopAsked;
 }
 
-PatientSignals::PatientSignals() {
+PatientSignals::PatientSignals(std::function<void()> insist_) : insist(std::move(insist_)) {
     firstNs = 0;
-    insisted = false;
+    int ends[2];
+    if (::pipe2(ends, O_CLOEXEC) != 0) throw SxException("Cannot make a pipe", UNIT, __LINE__);
+    toListener = ends[1];
+    listener = std::thread([this, from = ends[0]] {
+        char word = ENDS;
+        while (::read(from, &word, 1) < 0 && errno == EINTR)
+            continue;
+        ::close(from);
+        if (word == INSISTS) insist();
+    });
     before = StopSignals::take(actionOf(
         [](int) {
+            const int saved = errno;
             const int64 nowNs = steadyNs();
             int64 none = 0;
-            if (firstNs.compare_exchange_strong(none, nowNs)) return;
-            if (nowNs - firstNs >= INSIST_NS) insisted = true;
+            if (!firstNs.compare_exchange_strong(none, nowNs) && nowNs - firstNs >= INSIST_NS)
+                tellListener(INSISTS);
+            errno = saved;
         },
         0));
 }
 
 PatientSignals::~PatientSignals() {
     StopSignals::giveBack(before);
+    tellListener(ENDS);
+    listener.join();
+    ::close(toListener);
 }
 
 bool PatientSignals::isAsked() const {
     return firstNs != 0;
-}
-
-bool PatientSignals::isInsisted() const {
-    return insisted;
 }
 
 double runJob(ZqTaskMon* job, const SxString& label, const Output& out) {

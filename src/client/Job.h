@@ -8,6 +8,7 @@
 #include <array>
 #include <csignal>
 #include <functional>
+#include <thread>
 
 /// Job that runs one operation of the library, which counts its progress in it.
 class FunctionJob : public ZqTaskMon {
@@ -46,18 +47,20 @@ private:
 };
 
 /// The same signals, while a run goes on: all of them are taken, and a second one changes nothing. One that
-/// comes ten seconds after the first, or later, insists. One object at a time, main thread only.
+/// comes ten seconds after the first, or later, insists: `insist` is called on a thread of its own, whatever
+/// the others wait for, and ends the program. One object at a time, main thread only.
 class PatientSignals {
 public:
-    PatientSignals();
+    explicit PatientSignals(std::function<void()> insist_);
     ~PatientSignals();
     PatientSignals(const PatientSignals&) = delete;
     PatientSignals& operator=(const PatientSignals&) = delete;
 
     bool isAsked() const;
-    bool isInsisted() const;
 
 private:
+    const std::function<void()> insist;
+    std::thread listener; ///< sleeps until a signal insists, or this ends
     StopSignals::Actions before = {};
 };
 

@@ -259,8 +259,9 @@ bool removeLeftovers(const ZqMountMgr* manager, const SxString& image) {
 /// Raises where the drive is one that somebody plays from: what the application reads and writes after an
 /// unmount fails.
 void requireUnplayed(const SxString& image) {
+    // Of a drive that the kernel serves nobody may know, where its service was killed.
     ZqDiskStatus disk;
-    if (!ZqVolume::findDisk(image, &disk)) return;
+    if (!ZqVolume::findDisk(image, &disk) && ZqVolume::getLeftovers().isEmpty()) return;
     const SxString how = "take the drive away all the same, with: tavrin umount " + image + " --force";
     std::optional<ZqImagePlay> play;
     try {

@@ -9,7 +9,7 @@
 #include <tavrin/SxTime.h>
 #include <tavrin/ZqShownEta.h>
 
-#include <cstdio>
+#include <csignal>
 #include <optional>
 #include <unistd.h>
 
@@ -19,15 +19,17 @@ constexpr int64 LOOK_MS = 100;
 /// From one look at the job's end to the next. Each wakes the machine, for as long as somebody plays, and the
 /// end of a run needn't be seen sooner.
 constexpr int64 END_LOOK_MS = 50;
+constexpr unsigned LAST_WORDS_S = 2;
 constexpr double BYTES_PER_MBIT = 125'000;
 
-/// Something that the end of the run needs hangs: a disk, the drive's service. The game must not stay.
-[[noreturn]] void endAtOnce(ZqRun* job, const SxString& image, Progress* progress) {
-    progress->finish();
+/// Something that the end of the run needs hangs. The game must not stay.
+[[noreturn]] void endAtOnce(ZqRun* job, const SxString& image) {
     job->killApplication();
+    // A terminal that stands still takes no text.
+    ::signal(SIGALRM, SIG_DFL);
+    ::alarm(LAST_WORDS_S);
     Output::failure("Ended at once, since the end took too long; `tavrin umount " + image.makeVisible() +
                     "` takes away a drive that is still there");
-    std::fflush(stdout);
     ::_exit(ExitFailure);
 }
 
@@ -43,7 +45,7 @@ std::optional<double> untilStart(const ZqRun& job, const ZqFeedStatus& status, Z
 } // namespace
 
 void followRun(ZqRun* job, const SxString& image, bool startsAtOnce, Output& out, const RunLook& look) {
-    const PatientSignals signals;
+    const PatientSignals signals([&] { endAtOnce(job, image); });
     Progress progress(out.getMode(), "opening");
     ZqShownEta estimate;
     job->start();
@@ -51,7 +53,6 @@ void followRun(ZqRun* job, const SxString& image, bool startsAtOnce, Output& out
     while (!SxWait::pass(
         LOOK_MS, [&] { return !job->isRunning(); }, END_LOOK_MS)) {
         if (signals.isAsked()) job->stop();
-        if (signals.isInsisted()) endAtOnce(job, image, &progress);
         const ZqFeedStatus status = job->getStatus();
         progress.setStalled(!status.waiting.isEmpty());
         progress.setLabel(

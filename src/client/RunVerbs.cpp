@@ -29,7 +29,7 @@ struct RunOptions {
     SxString image, url, report, page, runner;
     NetOptions net;
     ZqStatsWish stats;
-    uint64 rate = 0; ///< 0 where it wasn't given
+    std::optional<uint64> rate;
     bool now = false, keepMounted = false, complete = false, noLaunchers = false;
     bool trace = false, noTrace = false, noVerify = false, noNotify = false;
     int64 nTraces = -1; ///< below 0 where it wasn't given
@@ -45,7 +45,7 @@ bool isEndedByPlayer(const ZqRun& job) {
 
 SxString endText(const ZqRun& job) {
     const ZqRun::Result& result = job.getResult();
-    if (result.wasStopped) return "The run was ended by you";
+    if (result.wasStopped && !result.isExitKnown) return "The run was ended by you";
     return result.isExitKnown ? SxString("The application has ended with code ") + result.info.exitCode
                               : SxString("The application has ended; its exit code is unknown");
 }
@@ -76,11 +76,12 @@ void writeFiles(const ZqRun& job, const RunOptions& options) {
     }
 }
 
-/// `rate`: of the option; 0 where it wasn't given.
-void takeNet(const NetOptions& net, uint64 rate, const ClientSettings& own, ZqFeedSettings* feed) {
+/// `rate`: of the option, where it was given.
+void takeNet(const NetOptions& net, std::optional<uint64> rate, const ClientSettings& own,
+             ZqFeedSettings* feed) {
     feed->headers = SxArray<SxString>(net.headers);
     feed->access = net.toWish(own.getAccess());
-    feed->rateLimit = rate > 0 ? rate : own.getRate();
+    feed->rateLimit = rate.value_or(own.getRate());
 }
 
 ZqRun::Settings settingsOf(const RunOptions& options, const ClientSettings& own) {

@@ -6,6 +6,7 @@
 
 namespace {
 struct ServeOptions {
+    std::optional<uint64> rate;
     SxString folder;
     SxList<SxString> faults;
     int64 port = 0;
@@ -40,6 +41,7 @@ void tellTotals(const ZqFileServer& server, Output* out) {
 int serve(const ServeOptions& options, Output& out) {
     ZqFileServer::Options what = options.server;
     what.port = static_cast<uint64>(options.port);
+    what.rate = options.rate.value_or(0);
     for (const SxString& name : options.faults)
         what.faults |= ZqFileServer::stringToFault(name);
     ZqFileServer server(options.folder, what);
@@ -59,10 +61,8 @@ void registerServeVerbs(App* app) {
               "tavrin serve games --port 8080 --rate 20Mbit --latency 20")
         .argument("DIR", &options->folder, "Folder whose files are served")
         .integer("--port", &options->port, 0, 65535, "Port; any that is free where not given, or with 0")
-        .rate("--rate", &options->server.rate,
-              "So much a second, as in 20Mbit, for all connections together; no limit where not given, or "
-              "with 0",
-              true)
+        .rate("--rate", &options->rate,
+              "So much a second, as in 20Mbit, for all connections together; no limit where not given")
         .number("--latency", &options->server.latencyMs, 0, "Milliseconds before each response")
         .choices("--fault", &options->faults, ZqFileServer::getFaultNames(),
                  "What goes wrong; may be given again")

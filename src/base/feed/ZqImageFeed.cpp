@@ -92,6 +92,7 @@ void ZqImageFeed::open(const ZqStopTest& stop) {
 }
 
 SxString ZqImageFeed::findVolumeType(const ZqStopTest& stop) const {
+    if (!getParams().volume.isEmpty()) return getParams().volume;
     std::array<char, ZqBlocks::SIZE> block{};
     try {
         if (fileSize() >= block.size()) {

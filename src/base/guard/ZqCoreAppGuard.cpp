@@ -295,7 +295,10 @@ void ZqCoreAppGuard::requireSuccess() const {
 }
 
 void ZqCoreAppGuard::stop() {
-    if (stopFlag.exchange(true)) return;
+    if (!stopFlag.exchange(true)) kill();
+}
+
+void ZqCoreAppGuard::kill() {
     const SxString prefix = "ZqCoreAppGuard::stop: ";
     bool killed = true;
     // Where the system refuses the one, the other must end all the same.

@@ -69,6 +69,8 @@ public:
     /// Ends the application at once. Looks once for the process that the record names, and doesn't wait for
     /// the end. None of these raises; what fails is logged.
     void stop();
+    /// Kills them, also once more after a stop.
+    void kill();
     /// Suspends all processes of the application's group, and lets them go on: what a game has started beside
     /// itself would go on reading. A process that can't be found changes nothing.
     void suspend();

@@ -52,10 +52,10 @@ SxString ZqRunPage::head() const {
     SxString text = ZqReadable::date(result.info.time0) + ", " + ZqReadable::duration(result.lengthMs);
     if (!result.wasStarted) {
         text += "; the application was not started";
-    } else if (result.wasStopped) {
-        text += "; the player ended it";
     } else if (result.isExitKnown) {
         text += "; the application ended with code " + SxString(result.info.exitCode);
+    } else if (result.wasStopped) {
+        text += "; the player ended it";
     } else {
         text += "; the application's exit code is unknown";
     }
@@ -153,7 +153,10 @@ ZqFigure ZqRunPage::drawDownload() const {
 
 SxString ZqRunPage::downloadSection() const {
     if (result.series.getSamples().empty()) return {};
-    return drawDownload().toHtml() + underflowTable();
+    SxString note;
+    if (result.isTakenOver)
+        note = "<p class=\"note\">The run that began it was killed: what came before isn't drawn.</p>\n";
+    return drawDownload().toHtml() + note + underflowTable();
 }
 
 SxString ZqRunPage::underflowTable() const {

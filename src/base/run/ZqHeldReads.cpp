@@ -17,15 +17,16 @@ void add(ZqRunRecord::Waits* sum, int64 ms) {
 
 } // namespace
 
-void ZqHeldReads::start(int64 beginNs_, int64 nowNs) {
+void ZqHeldReads::goOn(int64 beginNs_, int64 startNs_, int64 knownNs_) {
     beginNs = beginNs_;
-    startNs = nowNs;
+    startNs = startNs_;
+    knownNs = knownNs_;
 }
 
 void ZqHeldReads::look(const ZqDiskStatus& disk) {
     if (startNs == NONE || hasEnded) return;
     const auto fromNs = static_cast<int64>(disk.lastWaitFromNs), toNs = static_cast<int64>(disk.lastWaitToNs);
-    if (fromNs > takenNs) take(fromNs, toNs);
+    if (fromNs > takenNs && toNs > knownNs) take(fromNs, toNs);
     openNs = static_cast<int64>(disk.waitSinceNs);
 }
 
@@ -53,11 +54,7 @@ void ZqHeldReads::take(int64 fromNs, int64 toNs) {
     }));
 }
 
-std::optional<ZqRunRecord::Waits> ZqHeldReads::getSum(int64 nowNs) const {
+std::optional<ZqRunRecord::Waits> ZqHeldReads::getSum() const {
     if (startNs == NONE) return {};
-    ZqRunRecord::Waits result = sum;
-    if (openNs != 0) {
-        if (const int64 ms = lengthOf(openNs, nowNs); ms > 0) add(&result, ms);
-    }
-    return result;
+    return sum;
 }

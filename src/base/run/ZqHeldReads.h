@@ -15,14 +15,16 @@ public:
     static constexpr size_t MOST = 256;
 
     /// The application starts, at `nowNs` of the steady clock, in a run that began at `beginNs_`.
-    void start(int64 beginNs_, int64 nowNs);
+    void start(int64 beginNs_, int64 nowNs) { goOn(beginNs_, nowNs, nowNs); }
+    /// It has started at `startNs_`, and what had ended up to `knownNs_` is known already.
+    void goOn(int64 beginNs_, int64 startNs_, int64 knownNs_);
     /// To be called with each new status of the drive.
     void look(const ZqDiskStatus& disk);
     /// The application has ended: a wait that goes on counts up to `nowNs`, and nothing counts later.
     void end(int64 nowNs);
 
-    /// What was found, with a wait that goes on up to `nowNs`; none before the start.
-    std::optional<ZqRunRecord::Waits> getSum(int64 nowNs) const;
+    /// What was found, without a wait that goes on; none before the start.
+    std::optional<ZqRunRecord::Waits> getSum() const;
     /// In order of time.
     const std::vector<Wait>& getWaits() const { return waits; }
 
@@ -34,6 +36,7 @@ private:
 
     int64 beginNs = 0;
     int64 startNs = NONE; ///< of the application
+    int64 knownNs = 0;    ///< what had ended until then doesn't count
     int64 takenNs = 0;    ///< when the last wait that was taken had begun
     int64 openNs = 0;     ///< when the one began that goes on; 0 for none
     bool hasEnded = false;

@@ -66,7 +66,7 @@ void ZqRun::stop() {
 }
 
 void ZqRun::killApplication() {
-    if (ZqCoreAppGuard* known = startedGuard) known->stop();
+    if (ZqCoreAppGuard* known = startedGuard) known->kill();
 }
 
 bool ZqRun::hasLostWrites() const {
@@ -211,7 +211,7 @@ bool ZqRun::adopt() {
     launched = std::make_unique<const ZqAppParams>(feed->getApp());
     guard = std::make_unique<ZqCoreAppGuard>(image, *launched, group);
     feed->applicationStarts(*launched);
-    held->start(beginNs, SxClock::get().steadyNs());
+    goOnWithWaits();
     startedGuard = guard.get();
     guard->start();
     result.wasStarted = true;

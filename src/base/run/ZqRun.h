@@ -116,6 +116,7 @@ private:
     void writeInfo();
     void fillResult();
     void takeFormerRecord();
+    void goOnWithWaits();
     void goOn();
     /// Has the record written as it is now.
     void noteRun();

@@ -24,12 +24,13 @@
 
 namespace {
 constexpr const char* UNIT = "src/base/ZqRunEnd";
-constexpr int64 MS_PER_S = 1000;
+constexpr int64 MS_PER_S = 1000, NS_PER_MS = 1'000'000;
 /// An application that fails so soon most likely hasn't come to be played, and its last words say why.
 constexpr uint64 EARLY_MS = 10'000;
 } // namespace
 
 void ZqRun::end() {
+    held->end(SxClock::get().steadyNs());
     statistics->endJudgement(elapsedMs());
     if (sampler) result.series = sampler->end();
     phase = Ending;
@@ -115,7 +116,7 @@ void ZqRun::fillResult() {
     info.reqSpeed = static_cast<double>(feed->getApp().getBpS(static_cast<uint64>(info.preloadSize))) /
                     ZqBlocks::PER_MEGABIT;
     info.prefetchSizeMB = info.preloadSize / static_cast<int64>(ZqBlocks::MEGABYTE);
-    result.waits = held->getSum(SxClock::get().steadyNs());
+    result.waits = held->getSum();
     result.heldReads = held->getWaits();
     if (const int64 ns = feed->getLastWaitNs(); ns > 0) result.lastWaitMs = (ns - beginNs) / 1'000'000;
     result.link = status.link;
@@ -124,10 +125,23 @@ void ZqRun::fillResult() {
 
 void ZqRun::takeFormerRecord() {
     former = ZqRunRecord::findOpen(image);
+    // Where the last notes of the killed run never reached the disk, that is one from before.
+    if (former && former->info.nStarts != note->getStarts()) former.reset();
     if (!former) return;
     formerGapMs = std::max<int64>(beginMs - former->asOfMs, 0);
     // Reports go out with it from the beginning.
     result.info.id = former->info.id;
+}
+
+/// Waits for what nobody has fed since that run was killed count, too.
+void ZqRun::goOnWithWaits() {
+    if (!former) {
+        held->start(beginNs, SxClock::get().steadyNs());
+        return;
+    }
+    const int64 knownNs = beginNs - formerGapMs * NS_PER_MS;
+    const int64 playedMs = former->lengthMs - std::max<int64>(former->startMs, 0);
+    held->goOn(beginNs, knownNs - playedMs * NS_PER_MS, knownNs);
 }
 
 /// Adds the figures of the run that was killed, where this one has gone on with its application.
@@ -152,6 +166,8 @@ void ZqRun::goOn() {
 void ZqRun::noteRun() {
     const ZqRunResult before = result;
     fillResult();
+    // Where nothing comes after this, the run was killed.
+    result.info.endErr = true;
     result.info.runTime = (result.lengthMs - std::max<int64>(result.startMs, 0)) / MS_PER_S;
     result.driveFailure = drive->getFailure();
     goOn();

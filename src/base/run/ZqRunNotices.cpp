@@ -39,7 +39,9 @@ ZqRunNotices::~ZqRunNotices() = default;
 
 void ZqRunNotices::look(ZqRun::Phase phase, bool hasStarted, const ZqFeedStatus& status) {
     if (notifier->isBusy()) notifier->process();
-    follow(phase, hasStarted, status.waiting);
+    // What the download waits for while the game goes on is no matter of its player.
+    const bool isPlayed = phase == ZqRun::Running || phase == ZqRun::Adopted;
+    follow(phase, hasStarted, isPlayed && !status.isUnderflow ? SxString() : status.waiting);
     send();
 }
 
@@ -77,7 +79,9 @@ void ZqRunNotices::send() {
 
 void ZqRunNotices::end(const SxString& failure) {
     if (failure.isEmpty()) {
-        if (shown == Waiting) notifier->close();
+        if (shown != Waiting) return;
+        if (notifier->isBusy()) notifier->finish(LAST_MS);
+        notifier->close();
         return;
     }
     if (notifier->isBusy()) notifier->finish(LAST_MS);

@@ -15,7 +15,7 @@ class ZqNotifier;
 class ZqRunNotices {
 public:
     static constexpr int64 PAUSE_MS = 10'000;
-    /// A server that is away for less isn't told of.
+    /// A server that is away for less isn't told of, nor one that nobody waits for.
     static constexpr int64 AWAY_MS = 3'000;
 
     /// `image`: the run's folder, after which the notification is called.

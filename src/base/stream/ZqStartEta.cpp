@@ -9,6 +9,8 @@ namespace {
 
 /// Over which the speed of a download is taken, and how often.
 constexpr double WINDOW = 10, PASS = 1;
+/// What a mount takes at most on a machine that isn't busy.
+constexpr double MOUNT = 1;
 /// Points of the way, the closer the nearer they are.
 constexpr int N_POINTS = 256;
 /// So often the step is halved in which it is enough.
@@ -58,7 +60,7 @@ std::optional<double> ZqStartEta::getSeconds(const ZqAppParams& app) const {
     if (!(rate > 0)) return {};
     const uint64 end = isAtOnce ? std::min(app.sizeMnt, app.sizeZqf) : app.sizeZqf;
     if (nThere >= end) return 0;
-    if (isAtOnce) return static_cast<double>(wireSize(nThere, end)) / rate;
+    if (isAtOnce) return static_cast<double>(wireSize(nThere, end)) / rate + MOUNT;
     const std::vector<Point> way = draw(end);
     const auto isPoint = [&](const Point& point) { return isEnough(app, way, point); };
     const auto found = std::find_if(way.begin(), way.end(), isPoint);

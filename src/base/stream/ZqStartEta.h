@@ -19,7 +19,7 @@ struct ZqStartEta {
     double rate = 0;       ///< of the link, bytes a second
     double speed = 0;      ///< of the download so far, megabit per second of `img.zqf`
     int64 nSeconds = 0;    ///< that `speed` is the mean of
-    bool isAtOnce = false; ///< the start waits for the drive alone
+    bool isAtOnce = false; ///< the start waits for the drive alone; what is told is the most that takes
     WireSize wireSize;
 
     /// Seconds from now on; none where the rate isn't known.

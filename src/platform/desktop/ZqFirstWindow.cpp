@@ -1,6 +1,7 @@
 #include "ZqFirstWindow.h"
 
 #include "SxClock.h"
+#include "SxException.h"
 #include "SxLatch.h"
 #include "ZqDesktop.h"
 #include "ZqLog.h"
@@ -29,10 +30,13 @@ struct ZqFirstWindow::Search {
     void run(ZqDesktop* desktop) {
         const int64 endNs = SxClock::get().steadyNs() + MOST_MS * 1'000'000;
         while (SxClock::get().steadyNs() < endNs) {
-            if (isSeen(desktop)) {
-                seenNs = SxClock::get().steadyNs();
+            try {
+                if (isSeen(desktop)) seenNs = SxClock::get().steadyNs();
+            } catch (const SxException& e) {
+                zqLogMsg("platform", SxString("ZqFirstWindow: ") + e.what());
                 break;
             }
+            if (seenNs != 0) break;
             if (ending.isSetWithin(LOOK_MS)) break;
         }
         ended.set();

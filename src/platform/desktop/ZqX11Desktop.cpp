@@ -231,8 +231,9 @@ private:
 };
 
 ZqDesktop& ZqDesktop::machine() noexcept {
-    static ZqX11Desktop desktop;
-    return desktop;
+    // A thread that looks at a slow display may outlive the program's end, so this is never destroyed.
+    static ZqX11Desktop* const desktop = new ZqX11Desktop;
+    return *desktop;
 }
 
 ZqX11Desktop::ZqX11Desktop() : triedNs(std::numeric_limits<int64>::min()) {

@@ -19,6 +19,7 @@ protected:
     void pass(ZqRun::Phase newPhase, const char* waiting, int64 ms) {
         phase = newPhase;
         status.waiting = waiting;
+        status.isUnderflow = isHeld;
         for (int64 nowMs = 0; nowMs < ms; nowMs += STEP_MS) {
             notices->look(phase, phase >= ZqRun::Running, status);
             SxTime::msleep(STEP_MS);
@@ -36,6 +37,7 @@ protected:
 
     std::unique_ptr<ZqRunNotices> notices;
     ZqRun::Phase phase = ZqRun::Opening;
+    bool isHeld = true; ///< the application waits for data
     ZqFeedStatus status;
 };
 
@@ -54,7 +56,11 @@ TEST_F(RunNotices, TellHowARunFaresAndNoMoreThanOnceInTenSeconds) {
     ASSERT_TRUE(hasShown(desktop, 1));
     EXPECT_EQ(desktop.getShown()[0].title, "my <game>");
     EXPECT_EQ(last(desktop), "Ready to start");
-    // A server that is away for a moment, and one that is back before its turn comes.
+    // A server that nobody waits for, one that is away for a moment, and one that is back before its turn
+    // comes.
+    isHeld = false;
+    pass(ZqRun::Running, AWAY, 15'000);
+    isHeld = true;
     pass(ZqRun::Running, AWAY, 2000);
     pass(ZqRun::Running, "", 500);
     pass(ZqRun::Running, AWAY, 4000);
