@@ -13,12 +13,14 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <functional>
 
 namespace {
 
 constexpr const char* UNIT = "src/shared/ZqImageLock";
 constexpr int N_SLOTS = 48;
 constexpr int64 SLOT_SIZE = 256;
+constexpr int64 KERNEL_SLOT = N_SLOTS * SLOT_SIZE;
 /// The bytes that are the locks: far after the slots, where nothing is stored.
 constexpr int64 RANGE_BASE = int64{1} << 32;
 /// How long a holder that has its lock may take to write its slot.
@@ -73,22 +75,85 @@ bool isStale(int fd, const std::string& file) {
     return SxOs::get().hasName(fd, file) != 1;
 }
 
+std::string pathIn(const SxString& folder, const char* name) {
+    return SxOs::hostPath(ZqImageFolder::prefix(folder) + name);
+}
+
+/// What the slot of the kernel's note has while the kernel may read `img.zqf`; empty where there is no such
+/// file. Of a copy of the folder, and after a start of the machine, it is another one.
+std::string kernelLine(const SxString& path) {
+    SxStat info;
+    if (SxOs::get().stat(pathIn(path, ZqImageFiles::ZQF), &info) != 0) return {};
+    return "kernel file " + std::to_string(info.inode) + " start " + SxOs::get().bootId();
+}
+
+/// Writes into the slot if `isMeant` says so, with the slot locked: nobody notes anything between the one and
+/// the other. Gives the error.
+int writeKernelSlot(const SxString& path, std::string line, const std::function<bool()>& isMeant) {
+    SxOs& os = SxOs::get();
+    const int fd = os.open(pathIn(path, ZqImageFiles::LOCK), SxOs::Read | SxOs::Write | SxOs::NoFollow, 0);
+    if (fd < 0) return fd;
+    int result = 0;
+    SxWait::pass(RECORD_MS, [&] {
+        result = os.lockRange(fd, KERNEL_SLOT, 1, SxOs::Lock::Exclusive);
+        return result != -EAGAIN;
+    });
+    if (result == 0 && isMeant()) {
+        line.resize(SLOT_SIZE, '\n');
+        const int64 written = os.writeAt(fd, line.data(), SLOT_SIZE, KERNEL_SLOT);
+        if (written != SLOT_SIZE) result = written < 0 ? static_cast<int>(written) : -ENOSPC;
+    }
+    os.close(fd);
+    return result;
+}
+
+bool isKernelNoted(const SxString& path) {
+    SxOs& os = SxOs::get();
+    const int fd = os.open(pathIn(path, ZqImageFiles::LOCK), SxOs::Read | SxOs::NoFollow, 0);
+    if (fd < 0) return false;
+    char text[SLOT_SIZE] = {};
+    const int64 n = os.readAt(fd, text, SLOT_SIZE, KERNEL_SLOT);
+    os.close(fd);
+    const std::string line = n == SLOT_SIZE ? kernelLine(path) : std::string();
+    return !line.empty() && std::string(text, SLOT_SIZE).starts_with(line + "\n");
+}
+
+enum class Use { Free, Open, Unknown };
+
+/// Who may have img.zqf open. The kernel serves only what can be told of by its owner, and notes it. So
+/// whoever can't tell, and finds no note, may go on: an image of a group, or on a file system without leases.
+Use useOfFile(const SxString& path) {
+    const int isOpen = SxOs::get().isOpen(pathIn(path, ZqImageFiles::ZQF));
+    if (isOpen == 1) return Use::Open;
+    return isOpen < 0 && isKernelNoted(path) ? Use::Unknown : Use::Free;
+}
+
+SxString openText(const SxString& path) {
+    return "Image '" + path +
+           "' is still open in another program or in the kernel, as after an unmount while files of the "
+           "drive "
+           "were in use; close what uses it, and unmount the drive where it is still mounted";
+}
+
+SxString unseenText(const SxString& path) {
+    return "The kernel may still read 'img.zqf' of image '" + path +
+           "' for a drive, which only the owner of that file can see; give the command as its owner, or as "
+           "root with the capability CAP_LEASE";
+}
+
 /// Raises where somebody has img.zqf open and doesn't let it go. The kernel reads it for a drive that
 /// outlives its mount or its service, or is another mount namespace's: neither locks nor the table of mounts
-/// show that. The kernel serves only images of which everybody who may write to them can tell it.
+/// show that.
 void awaitLetGo(const SxString& path) {
     const int64 endNs = SxClock::get().steadyNs() + LET_GO_MS * 1'000'000;
-    for (int64 pauseMs = FIRST_PAUSE_MS; ZqImageLock::isFileOpen(path);
-         pauseMs = std::min(2 * pauseMs, MAX_PAUSE_MS)) {
+    Use use = useOfFile(path);
+    for (int64 pauseMs = FIRST_PAUSE_MS; use != Use::Free; pauseMs = std::min(2 * pauseMs, MAX_PAUSE_MS)) {
         if (SxClock::get().steadyNs() >= endNs) {
-            throw SxException(ZqImageLock::HELD,
-                              "Image '" + path +
-                                  "' is still open in another program or in the kernel, as after an unmount "
-                                  "while files of the drive were in use; close what uses it, and unmount the "
-                                  "drive where it is still mounted",
-                              UNIT, __LINE__);
+            throw SxException(ZqImageLock::HELD, use == Use::Open ? openText(path) : unseenText(path), UNIT,
+                              __LINE__);
         }
         SxTime::msleep(pauseMs);
+        use = useOfFile(path);
     }
 }
 
@@ -121,7 +186,19 @@ SxString describeHolder(int fd, ZqImageLock::Range range) {
 } // namespace
 
 bool ZqImageLock::isFileOpen(const SxString& path) {
-    return SxOs::get().isOpen(SxOs::hostPath(ZqImageFolder::prefix(path) + ZqImageFiles::ZQF)) == 1;
+    return useOfFile(path) != Use::Free;
+}
+
+void ZqImageLock::noteKernel(const SxString& path) {
+    const int error = writeKernelSlot(path, kernelLine(path), [] { return true; });
+    if (error == 0) return;
+    throw SxException(SxException(SxOs::errorText(error), UNIT, __LINE__),
+                      "Cannot note in image '" + path + "' that the kernel reads it", UNIT, __LINE__);
+}
+
+void ZqImageLock::dropKernelNote(const SxString& path) {
+    if (!isKernelNoted(path)) return;
+    writeKernelSlot(path, {}, [&] { return SxOs::get().isOpen(pathIn(path, ZqImageFiles::ZQF)) == 0; });
 }
 
 SxPtr<ZqImageLock> ZqImageLock::take(const SxString& path, Range range, Mode mode, const SxString& job) {
@@ -148,7 +225,10 @@ SxPtr<ZqImageLock> ZqImageLock::takeAnyState(const SxString& path, Range range, 
 SxPtr<ZqImageLock> ZqImageLock::takeExtracted(const SxString& path, Range range, Mode mode,
                                               const SxString& job) {
     auto lock = SxPtr<ZqImageLock>::create(Key(), path, range, mode, job);
-    if (range == Shape && mode == Exclusive) awaitLetGo(path);
+    if (range == Shape && mode == Exclusive) {
+        awaitLetGo(path);
+        dropKernelNote(path);
+    }
     if (!ZqImageReplacement::isPending(path)) return lock;
     if (range != Shape || mode != Exclusive) {
         throw SxException("A command was cut off while it put a new image in the place of the one in '" +

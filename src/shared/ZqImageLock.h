@@ -12,8 +12,9 @@
 ///
 /// Lock file: 48 slots of 256 bytes, each a line of text about one holder (range, mode, process, job), padded
 /// with line feeds; a holder has its slot's first byte locked, so what stands in other slots is of the past.
-/// After them, from byte 2^32 on, one byte for each range. The file is removed only together with a folder
-/// that was made in vain; a lock on a file that no longer stands under its name is taken again.
+/// A further slot has the kernel's note (see noteKernel()). After them, from byte 2^32 on, one byte for each
+/// range. The file is removed only together with a folder that was made in vain; a lock on a file that no
+/// longer stands under its name is taken again.
 class ZqImageLock {
 public:
     /// Tag of a failure: somebody else holds it, or has `img.zqf` open.
@@ -42,7 +43,7 @@ public:
     ///
     /// Whoever takes Shape exclusively has closed `img.zqf` before. Where somebody else has it open, a
     /// program or the kernel, this waits for 2 s, and raises if it is still open then. Where the system can't
-    /// tell (SxOs::isOpen()), it counts as closed.
+    /// tell (SxOs::isOpen()), it counts as closed, but where the kernel's note is there: then this raises.
     static SxPtr<ZqImageLock> take(const SxString& path, Range range, Mode mode, const SxString& job);
     /// The same for a reader that copes with an unfinished image, as `image info` does to say how to go on,
     /// but with none that is half replaced, and for a job that goes on with one. An exclusive lock on the
@@ -70,9 +71,14 @@ public:
     /// nobody. Raises as isHeld().
     static SxString holderOf(const SxString& path, Range range);
 
-    /// Whether anybody has `img.zqf` open: this process, another one, or the kernel for a drive. False where
-    /// that can't be told; the kernel serves no drive then.
+    /// Whether anybody has `img.zqf` open: this process, another one, or the kernel for a drive. Where that
+    /// can't be told, the kernel's note decides.
     static bool isFileOpen(const SxString& path);
+    /// Notes that the kernel reads `img.zqf` for a drive, for whoever can't tell whether it does: it may have
+    /// got the right to change the file since. For the holder of Drive. Raises where that can't be noted.
+    static void noteKernel(const SxString& path);
+    /// Takes the note away unless somebody has the file open, or that can't be told.
+    static void dropKernelNote(const SxString& path);
 
     /// Brings a replacement of the image to its end that was cut off, where there is one: for whoever takes
     /// no exclusive lock and writes all the same. Raises where it can't.

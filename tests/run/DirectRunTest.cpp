@@ -57,6 +57,21 @@ protected:
         EXPECT_TRUE(eventually([&] { return !isRunning(pid); }));
     }
 
+    /// The client, in a process that has lost a right or more, or its mount namespace.
+    Outcome runWith(std::vector<string> prefix, const std::vector<string>& words) const {
+        prefix.insert(prefix.end(), {"timeout", "60", client});
+        prefix.insert(prefix.end(), words.begin(), words.end());
+        SxList<SxString> arguments = {"-c", "\"$@\" >'" + dir.path("out") + "' 2>'" + dir.path("err") + "'",
+                                      "bash"};
+        for (const string& word : prefix)
+            arguments << SxString(word);
+        const int code = SxProcess("bash", arguments).run();
+        return {code, dir.read("out"), dir.read("err")};
+    }
+    Outcome runElsewhere(const std::vector<string>& words) const {
+        return runWith({"unshare", "-m", "--propagation", "private"}, words);
+    }
+
     static constexpr const char* START = "/TAVRIN-protected/app/start.cfg";
     string image;
 };
@@ -135,6 +150,31 @@ TEST_F(DirectRun, ADriveOutlivesItsService) {
     EXPECT_EQ(after.madeNs, before.madeNs);
     // It is taken over with its locks.
     EXPECT_THAT(run({"image", "optimize", image, image}).err, HasSubstr("drive service"));
+TEST_F(DirectRun, WhoCantSeeThatTheKernelReadsAnImageDoesntChangeIt) {
+    const std::vector<string> job = {"image", "optimize", image, image};
+    const auto runBlind = [&] { return runWith({"setpriv", "--bounding-set=-lease"}, job); };
+    const string unseen = "only the owner of that file can see";
+    for (const fs::path& file : fs::recursive_directory_iterator(image))
+        ASSERT_EQ(::chown(file.c_str(), 1000, 1000), 0);
+    for (const bool isKilled : {false, true}) {
+        SCOPED_TRACE(isKilled ? "the service was killed" : "the drive was detached");
+        EXPECT_THAT(runBlind().err, testing::Not(HasSubstr(unseen))) << "nobody reads it";
+        std::ifstream open(mount(image) + "/big.pak", std::ios::binary);
+        fs::permissions(image + "/img.zqf", fs::perms::others_write, fs::perm_options::add);
+        if (isKilled) {
+            killService(image);
+        } else {
+            done({"umount", image});
+        }
+        EXPECT_THAT(runBlind().err, HasSubstr(unseen));
+        open.close();
+        done({"umount", image});
+        fs::permissions(image + "/img.zqf", fs::perms::others_write, fs::perm_options::remove);
+        // Whoever can see that nobody reads it any longer says so to all others.
+        EXPECT_THAT(run(job).err, testing::Not(HasSubstr(unseen)));
+    }
+}
+
     EXPECT_EQ(done({"umount", image}), "Unmounted\n");
     EXPECT_THAT(leftovers(), testing::IsEmpty());
     EXPECT_TRUE(lettersOfDrives().empty());

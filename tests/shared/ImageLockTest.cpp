@@ -238,6 +238,46 @@ TEST(ImageLock, AFolderThatCannotBeWrittenTo) {
     EXPECT_THAT(dir.tryTake(Lock::Shared), HasSubstr("No locks available"));
 }
 
+// Of an image that its owner mounted, and who has it in common with a group.
+TEST(ImageLock, WhoCantTellThatTheFileIsOpenGoesByTheKernelsNote) {
+    const ImageDir dir;
+    dir.write("img.zqf", "blocks");
+    const VirtualClock clock;
+    FaultOs os(dir.path());
+    const auto tryBlind = [&](int error) {
+        os.failNth(Op::Lock, 1, error, "img.zqf", true);
+        return dir.tryTake(Lock::Exclusive);
+    };
+    const std::string refusal = "The kernel may still read 'img.zqf' of image '" + dir.path() +
+                                "' for a drive, which only the owner of that file can see; give the command "
+                                "as its owner, or as root with the capability CAP_LEASE";
+    const auto note = [&] {
+        const auto service = dir.take("drive service", Lock::Exclusive, Lock::Drive);
+        Lock::noteKernel(dir.path());
+    };
+    for (const int error : {EACCES, EPERM, EOPNOTSUPP, EMFILE}) {
+        SCOPED_TRACE(error);
+        EXPECT_EQ(tryBlind(error), "");
+        note();
+        EXPECT_EQ(tryBlind(error), refusal);
+        EXPECT_EQ(tryBlind(error), refusal) << "the note stays";
+        os.failNth(Op::Lock, 1, 0, "nothing");
+        EXPECT_EQ(dir.tryTake(Lock::Exclusive), "") << "who sees that nobody has it open drops the note";
+        EXPECT_EQ(tryBlind(error), "");
+    }
+    // It holds for this very file, and until the next start of the machine.
+    note();
+    fs::rename(dir.path("img.zqf"), dir.path("former"));
+    dir.write("img.zqf", "blocks");
+    EXPECT_EQ(tryBlind(EACCES), "");
+    fs::rename(dir.path("former"), dir.path("img.zqf"));
+    EXPECT_EQ(tryBlind(EACCES), refusal);
+    os.failNth(Op::Lock, 1, EACCES, "img.zqf");
+    EXPECT_TRUE(Lock::isFileOpen(dir.path()));
+    fs::remove(dir.path("image.lock"));
+    EXPECT_THAT(failureOf([&] { Lock::noteKernel(dir.path()); }), HasSubstr("Cannot note in image '"));
+}
+
 // As the kernel has img.zqf open for a drive that was unmounted while a program used it.
 TEST(ImageLock, TheShapeIsNobodysWhoseFileIsOpen) {
     const ImageDir dir;

@@ -61,6 +61,7 @@ Disk::Disk(const DirectNote& note_, const Place& place, bool isLeft)
       madeNs(note_.madeNs),
       mounterPid(note_.mounterPid),
       locks(params.image, params.writesInPlace()),
+      kernelNote(params.image),
       disk({params.image + "/", params.sizeRaw, params.sectorSize, params.cursor, params.readOnly,
             params.writeLayer, place.cacheSize},
            [this](uint64 token) {

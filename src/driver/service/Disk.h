@@ -134,6 +134,7 @@ private:
     const int64 mounterPid;
     DiskLocks locks; ///< until everything is removed
 
+    KernelNote kernelNote;
     VirtualDisk disk;
     VolumeProbe probe;
     FuseFront front;

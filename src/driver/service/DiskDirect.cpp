@@ -48,6 +48,7 @@ void Disk::mountDirect() {
         if (ending) throw SxException("The disk was ejected", UNIT, __LINE__);
     });
     const DiskFolder::Mounting mounting(folder);
+    kernelNote.make();
     const bool isCached = DirectVolume::isCached(disk);
     Helper::Facts facts = Helper::run({"attachDirect", folder.getVolume(), DirectVolume::readAhead(isCached),
                                        isCached ? "cached" : "uncached"},
@@ -92,6 +93,7 @@ void Disk::takeOver() {
 }
 
 void Disk::setReady() {
+    kernelNote.takeOver();
     ready = true;
     directVolumes->drop(params.image); // no further mount of it follows
     updateNote([](DirectNote* kept) { kept->ready = true; });

@@ -21,3 +21,12 @@ void DiskLocks::release() {
     shape = SxPtr<ZqImageLock>();
     blocks = SxPtr<ZqImageLock>();
 }
+
+void KernelNote::make() {
+    ZqImageLock::noteKernel(image);
+    isMade = true;
+}
+
+KernelNote::~KernelNote() {
+    if (isMade) ZqImageLock::dropKernelNote(image);
+}
