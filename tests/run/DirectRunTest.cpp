@@ -105,6 +105,19 @@ TEST_F(DirectRun, TheServiceServesWhatTheKernelCant) {
         EXPECT_FALSE(isDirect(memory.path("image")));
     }
     EXPECT_TRUE(isDirect(image)) << "it isn't for good";
+    // With its file alone on that disk, it isn't the disk that the kernel refuses. The service stays for it.
+    const string other = build("other", "erofs");
+    mount(other);
+    {
+        const TempDir memory(TempDir::inMemory());
+        fs::copy(image, memory.path("image"), fs::copy_options::recursive);
+        const string zqf = memory.path("image/img.zqf");
+        ASSERT_EQ(::mount((image + "/img.zqf").c_str(), zqf.c_str(), nullptr, MS_BIND, nullptr), 0);
+        EXPECT_FALSE(isDirect(memory.path("image")));
+        EXPECT_EQ(::umount(zqf.c_str()), 0);
+    }
+    EXPECT_TRUE(isDirect(image));
+    done({"umount", other});
     mount(image, {"--mode", "rtw"});
     EXPECT_FALSE(statusOf(image).isServedByKernel);
     done({"umount", image});

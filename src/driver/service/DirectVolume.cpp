@@ -29,9 +29,14 @@ int openUnnamed(const SxString& folder) {
     return fd;
 }
 
-std::string stateOfFile(const std::string& path) {
+struct stat lookAt(const std::string& path) {
     struct stat info = {};
     if (::stat(path.c_str(), &info) != 0) fail("Cannot look at '" + SxString(path) + "'", errno);
+    return info;
+}
+
+std::string stateOfFile(const std::string& path) {
+    const struct stat info = lookAt(path);
     std::string text;
     for (const int64 number : {static_cast<int64>(info.st_dev), static_cast<int64>(info.st_ino),
                                int64{info.st_size}, int64{info.st_ctim.tv_sec}, int64{info.st_ctim.tv_nsec}})
@@ -152,14 +157,18 @@ void DirectVolumes::drop(const SxString& image) {
     volumes.erase(found);
 }
 
-void DirectVolumes::noteUnable(const VirtualDisk& disk) {
-    const uint64 device = disk.getStored().getStat().device;
-    const SxMutexBlock block(&mutex);
-    unable.insert(device);
+DirectVolumes::Place DirectVolumes::placeOf(const VirtualDisk& disk, const SxString& image) {
+    return {lookAt(image.str()).st_dev, disk.getStored().getStat().device};
 }
 
-bool DirectVolumes::isUnable(const VirtualDisk& disk) const {
-    const uint64 device = disk.getStored().getStat().device;
+void DirectVolumes::noteUnable(const VirtualDisk& disk, const SxString& image) {
+    const Place place = placeOf(disk, image);
     const SxMutexBlock block(&mutex);
-    return unable.contains(device);
+    unable.insert(place);
+}
+
+bool DirectVolumes::isUnable(const VirtualDisk& disk, const SxString& image) const {
+    const Place place = placeOf(disk, image);
+    const SxMutexBlock block(&mutex);
+    return unable.contains(place);
 }

@@ -8,6 +8,7 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <utility>
 
 /// What lets the kernel serve a complete image by itself: the metadata of its EROFS in a file of their own,
 /// whose files point into `img.zqf` (ErofsMetadata). That file has no name, so nobody can exchange it. It
@@ -61,13 +62,17 @@ public:
     /// No further mount of the image follows.
     void drop(const SxString& image);
 
-    /// The kernel took no image from the disk where that one lies; it isn't asked again, since all metadata
-    /// would be made in vain.
-    void noteUnable(const VirtualDisk& disk);
-    bool isUnable(const VirtualDisk& disk) const;
+    /// The kernel took no image from where that one lies; it isn't asked again, since all metadata would be
+    /// made in vain. These raise where the folder can't be looked at.
+    void noteUnable(const VirtualDisk& disk, const SxString& image);
+    bool isUnable(const VirtualDisk& disk, const SxString& image) const;
 
 private:
     mutable SxMutex mutex;
     std::map<SxString, Ptr> volumes SX_GUARDED_BY(mutex); ///< by image
-    std::set<uint64> unable SX_GUARDED_BY(mutex);         ///< devices
+    /// The devices of a folder, where metadata would lie, and of the file `img.zqf`: it may be either that
+    /// the kernel refuses, and only a file that is mounted by itself lies elsewhere than its folder.
+    using Place = std::pair<uint64, uint64>;
+    static Place placeOf(const VirtualDisk& disk, const SxString& image);
+    std::set<Place> unable SX_GUARDED_BY(mutex);
 };

@@ -18,8 +18,8 @@ constexpr int64 MOUNT_MS = int64{24} * 3600 * 1000; // the image's disk may be s
 SxString Disk::claimDirect(const SxString& type) {
     const SxMutexBlock block(&sight);
     SxString why = DirectVolume::whyNot(disk, type, params.readOnly);
-    if (why.isEmpty() && directVolumes->isUnable(disk))
-        why = "the kernel took no image from that disk before";
+    if (why.isEmpty() && directVolumes->isUnable(disk, params.image))
+        why = "the kernel took no image from there before";
     isDirect = why.isEmpty();
     return why;
 }
@@ -56,7 +56,7 @@ void Disk::mountDirect() {
                                       {volume->getFd(), disk.getStored().getFd(), mounting.getFd()});
     const auto unable = facts.find("unable");
     if (unable != facts.end()) {
-        directVolumes->noteUnable(disk);
+        directVolumes->noteUnable(disk, params.image);
         throw SxException("The kernel takes no image from that disk: " + SxString(unable->second), UNIT,
                           __LINE__);
     }
