@@ -37,7 +37,7 @@ void ZqRunRecording::requireFolder() const {
 
 void ZqRunRecording::decide(const SxString& build, bool wasComplete, int64 nUntraced) {
     if (!mayOwn) return;
-    decision = ZqTracePolicy::decide({image, build, wasComplete, nUntraced, wish});
+    decision = ZqTracePolicy::decide({image, build, wasComplete, nUntraced, wish, nMost});
     own = decision->records;
 }
 

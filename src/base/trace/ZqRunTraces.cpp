@@ -50,10 +50,8 @@ void ZqRunTraces::add(const SxString& path, int64 nMost) {
         const SxString name = SxFileInfo(path).getName();
         std::vector<Entry> entries = othersThan(name);
         if (const auto info = SxFSAction::look(path)) entries.push_back({info->inode, name});
-        const size_t nOver = nMost > 0 && static_cast<int64>(entries.size()) > nMost
-                                 ? entries.size() - static_cast<size_t>(nMost)
-                                 : 0;
-        const auto firstKept = entries.begin() + static_cast<std::ptrdiff_t>(nOver);
+        const auto firstKept =
+            entries.begin() + static_cast<std::ptrdiff_t>(countOver(entries.size(), nMost));
         // Before the note is written: a folder that is noted and gone is passed over, but one that is there
         // and not noted would stay for good.
         for (auto entry = entries.begin(); entry != firstKept; ++entry)
@@ -62,6 +60,23 @@ void ZqRunTraces::add(const SxString& path, int64 nMost) {
     } catch (const SxException& e) {
         log(SxString("cannot look after the traces of former runs: ") + e.what());
     }
+}
+
+SxList<SxString> ZqRunTraces::getOver(int64 nMost) const {
+    SxList<SxString> names;
+    try {
+        const std::vector<Entry> entries = othersThan("");
+        for (size_t i = 0; i < countOver(entries.size(), nMost); ++i)
+            names.append(entries[i].name);
+    } catch (const SxException& e) {
+        log(SxString("cannot tell which traces are too many: ") + e.what());
+    }
+    return names;
+}
+
+size_t ZqRunTraces::countOver(size_t n, int64 nMost) {
+    const size_t most = nMost > 0 ? static_cast<size_t>(nMost) : n;
+    return n > most ? n - most : 0;
 }
 
 void ZqRunTraces::follow(const SxString& from, const SxString& to) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "SxList.h"
 #include "SxString.h"
 
 #include <vector>
@@ -27,6 +28,8 @@ public:
     /// none. What holds anything but a trace, or is written at the moment, stays for good. Doesn't raise: a
     /// run goes on without it, and the log says why.
     void add(const SxString& path, int64 nMost);
+    /// The names of the folders that no longer belong to the newest `nMost`; none for 0. Doesn't raise.
+    SxList<SxString> getOver(int64 nMost) const;
     /// The trace in the folder named `from` has become the one named `to`; both are there still. Can be
     /// repeated.
     /// Doesn't raise.
@@ -44,6 +47,8 @@ private:
     bool isThere(const Entry& entry) const;
     /// What there is by the note, but for that folder.
     std::vector<Entry> othersThan(const SxString& name) const;
+    /// How many of `n` traces are more than `nMost`.
+    static size_t countOver(size_t n, int64 nMost);
     void remove(const SxString& name) const;
 
     const SxString folder; ///< of the traces, with its trailing slash

@@ -5,6 +5,7 @@
 #include "ZqImageFiles.h"
 #include "ZqImageFolder.h"
 #include "ZqLog.h"
+#include "ZqRunTraces.h"
 #include "ZqTraceFiles.h"
 #include "ZqTraceFormat.h"
 #include "ZqTraceParams.h"
@@ -46,16 +47,19 @@ std::optional<Identity> identify(const SxString& path, const SxString& build) {
     return Identity{trace.checksumTrc, trace.time0};
 }
 
-/// Sound traces of the build among the image's, counted up to N_ENOUGH. A copy of one doesn't count.
-int64 countSound(const SxString& image, const SxString& build) {
+/// Sound traces of the build among the image's, counted up to N_ENOUGH. A copy of one doesn't count, and
+/// neither does what a run that records would remove.
+int64 countSound(const SxString& image, const SxString& build, int64 nKept) {
     const SxString folder = ZqImageFolder::prefix(image) + ZqImageFiles::TRACES;
+    const SxList<SxString> over = ZqRunTraces(image).getOver(nKept);
     std::set<Identity> found;
     const auto getN = [&] { return static_cast<int64>(found.size()); };
     try {
         if (SxFSAction::isGone(folder)) return 0;
         std::vector<SxString> paths;
-        for (const SxFileInfo& entry : SxFSAction::ls(folder))
-            paths.push_back(entry.getOrig());
+        for (const SxFileInfo& entry : SxFSAction::ls(folder)) {
+            if (!over.contains(entry.getName())) paths.push_back(entry.getOrig());
+        }
         // Runs name theirs by the time. The newest ones are most likely of this build.
         std::reverse(paths.begin(), paths.end());
         paths.resize(std::min(paths.size(), MOST_LOOKS));
@@ -78,7 +82,7 @@ int64 countSound(const SxString& image, const SxString& build) {
 ZqTracePolicy::Decision ZqTracePolicy::decide(const Run& run) {
     if (run.wish != AsNeeded) return {run.wish == Always, Wished};
     if (!run.isComplete) return {true, Partial};
-    const int64 nSound = countSound(run.image, run.build);
+    const int64 nSound = countSound(run.image, run.build, run.nKept);
     if (nSound < N_ENOUGH) return {true, Few, nSound};
     const bool isTurn = run.nUntraced >= EVERY - 1;
     return {isTurn, isTurn ? Turn : Enough, nSound};

@@ -26,6 +26,7 @@ public:
         bool isComplete;      ///< all of `img.zqf` was there when the run began
         int64 nUntraced;      ///< see ZqStreamRecord
         Wish wish = AsNeeded; ///< of whoever starts the run
+        int64 nKept = 0;      ///< so many traces of runs stay when the run has recorded; 0: all
     };
     enum Reason {
         Wished,  ///< somebody wants it so
@@ -37,7 +38,8 @@ public:
     struct Decision {
         bool records;
         Reason reason;
-        int64 nSound = 0; ///< sound traces that were found, N_ENOUGH at most; 0 where nobody had to look
+        /// Sound traces among those that stay, counted up to N_ENOUGH; 0 where nobody had to look.
+        int64 nSound = 0;
     };
 
     /// Doesn't raise: a trace that can't be looked at counts as none. Reads the records of 100 traces at

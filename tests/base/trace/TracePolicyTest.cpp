@@ -1,5 +1,6 @@
 #include "BaseTest.h"
 #include "TraceMaking.h"
+#include "ZqRunTraces.h"
 #include "ZqTracePolicy.h"
 
 namespace {
@@ -127,6 +128,32 @@ TEST(TracePolicy, OnlyWhatAnOrderWouldTakeCounts) {
         EXPECT_EQ(decision.reason, Policy::Few);
         EXPECT_EQ(decision.nSound, 4);
     }
+}
+
+TEST(TracePolicy, WhatARunThatRecordsWouldRemoveDoesntCount) {
+    Traced image;
+    ZqRunTraces runs(image.dir.path("image"));
+    for (int i = 0; i < 7; ++i) {
+        const std::string name = "run " + std::to_string(i);
+        image.record(name);
+        runs.add(SxString(image.path(name)), 0);
+    }
+    const auto decide = [&](int64 nKept) {
+        return Policy::decide({image.dir.path("image"), "build", true, 0, Policy::AsNeeded, nKept});
+    };
+    for (const int64 nKept : {1, 2, 4}) {
+        EXPECT_EQ(decide(nKept).reason, Policy::Few);
+        EXPECT_EQ(decide(nKept).nSound, nKept);
+    }
+    for (const int64 nKept : {0, 5, 6, 7, 20})
+        EXPECT_EQ(decide(nKept).reason, Policy::Enough) << nKept;
+    // The newest ones stay, and whatever no run has made.
+    image.edit("run 6", [](auto* record) { record->checksumMnt = "other"; });
+    EXPECT_EQ(decide(5).nSound, 4);
+    EXPECT_EQ(decide(6).reason, Policy::Enough);
+    image.recordSeveral(3);
+    EXPECT_EQ(decide(2).nSound, 4);
+    EXPECT_EQ(decide(3).reason, Policy::Enough);
 }
 
 TEST(TracePolicy, AJoinedTraceDoesntCountAndAMergedOneIsARun) {
