@@ -15,6 +15,7 @@
 #include "ZqVolume.h"
 
 namespace {
+constexpr const char* UNIT = "src/base/ZqRunRecording";
 /// Room for the records of a mount, in bytes.
 constexpr uint64 RECORD_ROOM = 1 << 20;
 } // namespace
@@ -31,7 +32,13 @@ ZqRunRecording::ZqRunRecording(const ZqRunSettings& settings)
 }
 
 void ZqRunRecording::requireFolder() const {
-    if (mayOwn && wish != ZqTracePolicy::Never) ZqImageFolder::requireNoLink(image, ZqImageFiles::TRACES);
+    if (mayOwn && wish != ZqTracePolicy::Never) {
+        ZqImageFolder::requireNoLink(image, ZqImageFiles::TRACES);
+        const SxString kept = ZqImageFolder::prefix(image) + SxString(ZqImageFiles::TRACES).left("/");
+        if (SxFSAction::exists(kept) && !SxFSAction::test_d(kept)) {
+            throw SxException("'" + kept + "' is no folder, and a run keeps its traces there", UNIT, __LINE__);
+        }
+    }
     if (isPlay) ZqImageFolder::requireNoLink(image, ZqImageFiles::RUNS);
 }
 
