@@ -316,7 +316,12 @@ ZqImageLock::ZqImageLock(Key, const SxString& path, Range range_, Mode mode, con
 }
 
 ZqImageLock::~ZqImageLock() {
-    if (fd >= 0) SxOs::get().close(fd);
+    if (fd < 0) return;
+    // A child process that another thread makes at the moment has the file open until it runs its program.
+    SxOs& os = SxOs::get();
+    os.lockRange(fd, RANGE_BASE + range, 1, SxOs::Lock::None);
+    if (slot >= 0) os.lockRange(fd, slot * SLOT_SIZE, 1, SxOs::Lock::None);
+    os.close(fd);
 }
 
 void ZqImageLock::lower() {
