@@ -13,12 +13,15 @@ constexpr uint64 BLOCK_BITS = 12;
 // The superblock.
 constexpr uint64 SUPERBLOCK = 1024, SUPERBLOCK_SIZE = 128;
 constexpr uint64 MAGIC = 0xE0F5E1E2;
-constexpr size_t SB_MAGIC = 0, SB_COMPAT = 8, SB_BLOCK_BITS = 12, SB_EXT_SLOTS = 13, SB_ROOT = 14;
+constexpr size_t SB_MAGIC = 0, SB_CHECKSUM = 4, SB_COMPAT = 8, SB_BLOCK_BITS = 12, SB_EXT_SLOTS = 13,
+                 SB_ROOT = 14;
 constexpr size_t SB_N_INODES = 16, SB_SECONDS = 24, SB_NANOSECONDS = 32, SB_N_BLOCKS = 36;
 constexpr size_t SB_INODES_BLOCK = 40, SB_UUID = 48, SB_INCOMPAT = 80, SB_N_DEVICES = 86;
 constexpr size_t SB_DEVICE_SLOT = 88, SB_FOLDER_BITS = 90;
 constexpr size_t UUID_SIZE = 16;
-constexpr uint64 COMPAT_MTIME = 0x2;
+/// The checksum is a CRC-32C, not inverted at its end, of all from the superblock to the end of its block,
+/// with zeros in its own place.
+constexpr uint64 COMPAT_CHECKSUM = 0x1, COMPAT_MTIME = 0x2;
 constexpr uint64 INCOMPAT_CHUNKS = 0x4, INCOMPAT_DEVICES = 0x8;
 
 // A slot for each further device; SB_DEVICE_SLOT counts in slots.

@@ -47,6 +47,18 @@ uint64 numberOf(uint64 offset) {
     return offset / NID_UNIT;
 }
 
+/// CRC-32C without the inversion at its end.
+uint32 checksumOf(const std::string& bytes) {
+    constexpr uint32 POLYNOMIAL = 0x82F63B78; // its lowest bit is that of the highest power
+    uint32 sum = ~uint32{0};
+    for (const char byte : bytes) {
+        sum ^= static_cast<unsigned char>(byte);
+        for (int bit = 0; bit < 8; ++bit)
+            sum = (sum >> 1) ^ ((sum & 1) != 0 ? POLYNOMIAL : 0);
+    }
+    return sum;
+}
+
 uint64 alignUp(uint64 value, uint64 unit) {
     return (value + unit - 1) / unit * unit;
 }
@@ -110,6 +122,12 @@ void ErofsMetadata::check() {
         throw refusal("has " + SxString(nRaw) + " blocks, and its map " + map.nRaw(), __LINE__);
     }
     if (nStored >= HOLE) throw refusal("lies in more blocks than it can have", __LINE__);
+    // The metadata have no checksum, so the kernel would mount what it refuses otherwise.
+    if ((number(super, SB_COMPAT, 4) & COMPAT_CHECKSUM) == 0) return;
+    std::string checked = reader->read(SUPERBLOCK, BLOCK - SUPERBLOCK);
+    put(&checked, SB_CHECKSUM, 4, 0);
+    if (checksumOf(checked) != number(super, SB_CHECKSUM, 4))
+        throw refusal("has another superblock than its checksum says", __LINE__);
 }
 
 /// Lists everything that has a name.
