@@ -1,4 +1,5 @@
 #include "App.h"
+#include "Job.h"
 #include "RunTexts.h"
 #include "RunVerbs.h"
 #include "Verbs.h"
@@ -16,6 +17,7 @@
 #include <tavrin/ZqImagePlay.h>
 #include <tavrin/ZqLaunchCommand.h>
 #include <tavrin/ZqLaunchers.h>
+#include <tavrin/ZqLog.h>
 #include <tavrin/ZqMountMgr.h>
 #include <tavrin/ZqSyncedSize.h>
 #include <tavrin/ZqVolume.h>
@@ -140,6 +142,41 @@ bool mountOrYield(ZqMountMgr* manager, ZqMountMgr::MountMode mode, const ZqAppPa
                   const ZqImageParams& params, const MountOptions& options) {
     try {
         ZqMountMgr::MountRequest request{mode,
+/// Whether this process is making the drive of the image, or has made it.
+bool isOwnDrive(const SxString& image) {
+    ZqDiskStatus disk;
+    return ZqVolume::findDisk(image, &disk) && disk.mounterPid == SxOs::processId();
+}
+
+/// Takes away the drive that this process is making: its reads fail then, and its mount takes itself back.
+void breakOff(const SxString& image) {
+    try {
+        if (isOwnDrive(image)) ZqMountMgr().umountImage(image, true);
+    } catch (const SxException& e) {
+        // The mount takes the same drive away at the same time, and tells what is wrong with the service.
+        zqLogMsg("client", "mount : " + SxString(e.what()));
+    }
+}
+
+/// Does one mount on a thread of its own, since it can't be broken off. A stop takes back what it has made,
+/// and raises.
+void mountUntilStopped(ZqMountMgr* manager, const ZqMountMgr::MountRequest& request) {
+    const StopSignals signals;
+    FunctionJob job([&](ZqTaskMon*) { manager->mountImageZQF(request, "monitoring"); });
+    job.start();
+    while (job.isRunning()) {
+        if (signals.isAsked()) breakOff(request.image);
+        SxTime::msleep(SxWait::LOOK_MS);
+    }
+    job.wait();
+    if (!signals.isAsked()) {
+        if (job.hasException()) throw job.getException();
+        return;
+    }
+    if (!job.hasException()) manager->umountImage(request.image, false);
+    throw SxException(SxException::STOPPED, "stopped", UNIT, __LINE__);
+}
+
                                          params.deviceMode,
                                          options.image,
                                          options.trace,
@@ -147,7 +184,7 @@ bool mountOrYield(ZqMountMgr* manager, ZqMountMgr::MountMode mode, const ZqAppPa
                                          static_cast<uint64>(params.emulatedSectorSize),
                                          presentBlocks(ZqImageFolder::prefix(options.image), app, params)};
         request.noLaunchers = options.noLaunchers;
-        manager->mountImageZQF(request, "monitoring");
+        mountUntilStopped(manager, request);
         return true;
     } catch (const SxException& e) {
         ZqDiskStatus disk;
@@ -155,6 +192,7 @@ bool mountOrYield(ZqMountMgr* manager, ZqMountMgr::MountMode mode, const ZqAppPa
             ZqVolume::findDisk(options.image, &disk) && disk.mounterPid != SxOs::processId();
         if (!othersDisk && !e.hasTag(ZqVolume::ALREADY_MOUNTED)) raiseHinted(e);
         return false;
+        if (e.hasTag(SxException::STOPPED)) throw;
     }
 }
 
