@@ -126,6 +126,11 @@ bool isMountedWhole(ZqMountMgr* manager, const SxString& image) {
         throw SxException("Image '" + image + "' is being mounted by process " + disk.mounterPid, UNIT,
                           __LINE__);
     }
+    if (found && disk.ready && !disk.notTaken.isEmpty()) {
+        throw SxException("Image '" + image + "' is mounted as " + disk.drive +
+                              ", and the drive service hasn't taken that drive over: " + disk.notTaken,
+                          UNIT, __LINE__);
+    }
     if (found && disk.ready && ZqVolume::isReplaced(image)) {
         throw SxException("Image '" + image + "' stands in the place of one that is still mounted as " +
                               disk.drive + "; take that away first, with: tavrin umount " + image,
@@ -137,11 +142,6 @@ bool isMountedWhole(ZqMountMgr* manager, const SxString& image) {
     return false;
 }
 
-/// False where another client mounts the image at the same time.
-bool mountOrYield(ZqMountMgr* manager, ZqMountMgr::MountMode mode, const ZqAppParams& app,
-                  const ZqImageParams& params, const MountOptions& options) {
-    try {
-        ZqMountMgr::MountRequest request{mode,
 /// Whether this process is making the drive of the image, or has made it.
 bool isOwnDrive(const SxString& image) {
     ZqDiskStatus disk;
@@ -177,6 +177,11 @@ void mountUntilStopped(ZqMountMgr* manager, const ZqMountMgr::MountRequest& requ
     throw SxException(SxException::STOPPED, "stopped", UNIT, __LINE__);
 }
 
+/// False where another client mounts the image at the same time.
+bool mountOrYield(ZqMountMgr* manager, ZqMountMgr::MountMode mode, const ZqAppParams& app,
+                  const ZqImageParams& params, const MountOptions& options) {
+    try {
+        ZqMountMgr::MountRequest request{mode,
                                          params.deviceMode,
                                          options.image,
                                          options.trace,
@@ -187,12 +192,12 @@ void mountUntilStopped(ZqMountMgr* manager, const ZqMountMgr::MountRequest& requ
         mountUntilStopped(manager, request);
         return true;
     } catch (const SxException& e) {
+        if (e.hasTag(SxException::STOPPED)) throw;
         ZqDiskStatus disk;
         const bool othersDisk =
             ZqVolume::findDisk(options.image, &disk) && disk.mounterPid != SxOs::processId();
         if (!othersDisk && !e.hasTag(ZqVolume::ALREADY_MOUNTED)) raiseHinted(e);
         return false;
-        if (e.hasTag(SxException::STOPPED)) throw;
     }
 }
 
@@ -392,6 +397,7 @@ SxSymbol statusJson(const ZqDiskStatus& disk) {
     result.append("failure", disk.failure);
     result.append("servicePid", disk.servicePid);
     result.append("elsewhere", ZqVolume::isElsewhere(disk));
+    result.append("notTaken", disk.notTaken);
     result.append("served", disk.isServedByKernel ? "kernel" : "service");
     return result;
 }
@@ -400,6 +406,11 @@ void tellStatus(const ZqDiskStatus& disk, Output* out) {
     SxString state = disk.failure.isEmpty() ? "starting" : "failed: " + disk.failure;
     if (!disk.mountPath.isEmpty()) state = disk.drive + " at " + disk.mountPath;
     out->text(disk.image + ": " + state);
+    if (!disk.notTaken.isEmpty()) {
+        out->text("  served by the kernel; not taken over by the drive service: " + disk.notTaken);
+        if (!disk.ready) out->text("  to remove it: tavrin umount " + disk.image);
+        return;
+    }
     SxString line = SxString("  ") + std::min(disk.cursor, disk.nIncluded) + " of " + disk.nIncluded +
                     " blocks present, ";
     line += disk.isServedByKernel ? SxString("served by the kernel") : SxString(disk.nReads) + " reads";
@@ -429,6 +440,11 @@ int status(const SxString& image, Output& out) {
         out.finding("The letter " + drive +
                     " is of a drive service that was killed, or whose machine lost its power; the next mount "
                     "removes it");
+    }
+    for (const SxString& other : ZqVolume::getServedElsewhere()) {
+        out.finding("Image '" + other +
+                    "' is mounted in another mount namespace, where the kernel serves its drive; it can be "
+                    "seen and taken away there");
     }
     if (!image.isEmpty()) {
         ZqDiskStatus disk;

@@ -150,19 +150,6 @@ TEST_F(DirectRun, OpenFilesStayReadableAfterTheDrive) {
     done({"image", "split", image, "--part-size", "8000000"});
 }
 
-TEST_F(DirectRun, ADriveOutlivesItsService) {
-    const string app = mount(image);
-    const ZqDiskStatus before = statusOf(image);
-    killService(image);
-    EXPECT_EQ(TempDir::readFile(app + "/start.cfg"), "volume=3\n");
-    ASSERT_TRUE(fs::is_symlink(dir.path("root/dosdevices/d:")));
-    const ZqDiskStatus after = statusOf(image);
-    EXPECT_NE(after.servicePid, before.servicePid);
-    EXPECT_EQ(after.drive, "D:");
-    EXPECT_TRUE(after.isServedByKernel && after.ready);
-    EXPECT_EQ(after.madeNs, before.madeNs);
-    // It is taken over with its locks.
-    EXPECT_THAT(run({"image", "optimize", image, image}).err, HasSubstr("drive service"));
 TEST_F(DirectRun, WhoCantSeeThatTheKernelReadsAnImageDoesntChangeIt) {
     const std::vector<string> job = {"image", "optimize", image, image};
     const auto runBlind = [&] { return runWith({"setpriv", "--bounding-set=-lease"}, job); };
@@ -188,6 +175,19 @@ TEST_F(DirectRun, WhoCantSeeThatTheKernelReadsAnImageDoesntChangeIt) {
     }
 }
 
+TEST_F(DirectRun, ADriveOutlivesItsService) {
+    const string app = mount(image);
+    const ZqDiskStatus before = statusOf(image);
+    killService(image);
+    EXPECT_EQ(TempDir::readFile(app + "/start.cfg"), "volume=3\n");
+    ASSERT_TRUE(fs::is_symlink(dir.path("root/dosdevices/d:")));
+    const ZqDiskStatus after = statusOf(image);
+    EXPECT_NE(after.servicePid, before.servicePid);
+    EXPECT_EQ(after.drive, "D:");
+    EXPECT_TRUE(after.isServedByKernel && after.ready);
+    EXPECT_EQ(after.madeNs, before.madeNs);
+    // It is taken over with its locks.
+    EXPECT_THAT(run({"image", "optimize", image, image}).err, HasSubstr("drive service"));
     EXPECT_EQ(done({"umount", image}), "Unmounted\n");
     EXPECT_THAT(leftovers(), testing::IsEmpty());
     EXPECT_TRUE(lettersOfDrives().empty());
@@ -304,16 +304,124 @@ TEST_F(DirectRun, AGameAndItsSavesOutliveTheService) {
     done({"umount", game});
 }
 
-TEST_F(DirectRun, WhatIsLeftOfAnotherImageIsRemoved) {
+TEST_F(DirectRun, ADriveThatCantBeTakenOverStaysUntilSomebodyWantsItToGo) {
+    const string moved = dir.path("moved"), zqf = image + "/img.zqf", note = ZqServiceFolder::directName();
+    const string file = fs::path(volumePath()).parent_path() / note;
+    const std::tuple<const char*, std::function<void()>, std::function<void()>> cases[] = {
+        {"moved", [&] { fs::rename(image, moved); }, [&] { fs::rename(moved, image); }},
+        {"without its file", [&] { fs::rename(zqf, moved); }, [&] { fs::rename(moved, zqf); }},
+        {"changed", [&] { std::fstream(zqf, std::ios::in | std::ios::out) << '\0'; }, [] {}},
+        {"with another map",
+         [&] {
+             fs::copy_file(image + "/img.idx", moved);
+             fs::rename(moved, image + "/img.idx");
+         },
+         [] {}},
+        {"with a damaged note", [&] { std::ofstream(file) << "note"; }, [] {}},
+        {"under something else",
+         [&] { ASSERT_EQ(::mount("none", volumePath().c_str(), "tmpfs", 0, nullptr), 0); }, [] {}},
+    };
+    for (const auto& [name, spoil, mend] : cases) {
+        SCOPED_TRACE(name);
+        const string app = mount(image);
+        std::ifstream open(app + "/big.pak", std::ios::binary);
+        killService(image);
+        spoil();
+        for (const string& status : {done({"status"}), done({"status", image})}) {
+            EXPECT_THAT(status, HasSubstr(image + ": D: at " + volumePath()));
+            EXPECT_THAT(status, HasSubstr("not taken over by the drive service: "));
+            EXPECT_THAT(status, HasSubstr("to remove it: tavrin umount " + image));
+        }
+        EXPECT_THAT(leftovers(), testing::Contains(HasSubstr("erofs")));
+        EXPECT_TRUE(open.good() && open.get() != EOF);
+        EXPECT_THAT(done({"umount", image}), HasSubstr("Removed what a service that was killed had left"));
+        EXPECT_THAT(leftovers(), testing::IsEmpty());
+        EXPECT_TRUE(lettersOfDrives().empty());
+        mend();
+    }
+    // A mount of the image takes it away, too.
+    mount(image);
+    killService(image);
+    fs::last_write_time(zqf, fs::file_time_type::clock::now());
+    EXPECT_THAT(done({"mount", image}), HasSubstr("Mounted as D:"));
+    EXPECT_TRUE(statusOf(image).notTaken.isEmpty());
+    done({"umount", image});
+    // Another image in the place of the former.
     const string other = build("other", "erofs");
     mount(image);
     killService(image);
-    fs::rename(image, dir.path("moved"));
+    fs::rename(image, moved);
     fs::rename(other, image);
     EXPECT_THAT(done({"umount", image}), HasSubstr("Removed what a service that was killed had left"));
     EXPECT_THAT(leftovers(), testing::IsEmpty());
-    EXPECT_TRUE(lettersOfDrives().empty());
     EXPECT_TRUE(isDirect(image));
+}
+
+TEST_F(DirectRun, AServiceOfAnotherMountNamespaceLeavesADriveAlone) {
+    const string other = build("other", "erofs");
+    fs::create_directory(dir.path("nothing"));
+    const string app = mount(image);
+    killService(image);
+    const auto requireThere = [&] {
+        EXPECT_EQ(TempDir::readFile(app + "/start.cfg"), "volume=3\n");
+        EXPECT_TRUE(lettersOfDrives().contains("d:"));
+    };
+    // From there the image looks as if it had gone, or as if nobody read it.
+    for (const string& instead : {dir.path("nothing"), other}) {
+        SCOPED_TRACE(instead);
+        const Outcome outcome =
+            runWith({"unshare", "-m", "--propagation", "private", "bash", "-c",
+                     "mount --bind '" + instead + "' '" + image + "' && exec \"$@\"", "bash"},
+                    {"mount", build("third", "erofs")});
+        EXPECT_EQ(outcome.code, 0) << outcome.err;
+        requireThere();
+        done({"umount", dir.path("third")});
+        fs::remove_all(dir.path("third"));
+        ASSERT_TRUE(eventually([] { return processesOf(false).empty(); }));
+    }
+    const string elsewhere = "is mounted in another mount namespace";
+    EXPECT_THAT(runElsewhere({"status"}).err + runElsewhere({"status"}).out, HasSubstr(elsewhere));
+    // One that serves nothing makes way.
+    for (const char* verb : {"umount", "mount"}) {
+        const Outcome outcome = runElsewhere({verb, image});
+        EXPECT_EQ(outcome.code, 1);
+        EXPECT_THAT(outcome.err, HasSubstr("it " + elsewhere));
+        requireThere();
+    }
+    EXPECT_TRUE(statusOf(image).notTaken.isEmpty());
+    killService(image);
+    // One that serves something doesn't.
+    ASSERT_EQ(runElsewhere({"mount", other}).code, 0);
+    EXPECT_THAT(done({"status", image}), HasSubstr("not taken over by the drive service: it " + elsewhere));
+    for (const char* verb : {"umount", "mount", "run"}) {
+        SCOPED_TRACE(verb);
+        const Outcome outcome = run({verb, image});
+        EXPECT_EQ(outcome.code, 1);
+        EXPECT_THAT(outcome.err, HasSubstr("it " + elsewhere));
+    }
+    requireThere();
+    done({"umount", other});
+    EXPECT_THAT(done({"umount", image}), HasSubstr("Unmounted"));
+    EXPECT_THAT(leftovers(), testing::IsEmpty());
+}
+
+TEST_F(DirectRun, ADriveThatAnotherMachineRootKeepsFromBeingTakenOverSaysSo) {
+    mount(image);
+    killService(image);
+    useRoot("second");
+    done({"mount", image});
+    useRoot("root");
+    const string waits = "Image '" + image + "' is in use by process ";
+    for (const string& status : {done({"status"}), done({"status", image})}) {
+        EXPECT_THAT(status, HasSubstr(image + ": D: at " + volumePath()));
+        EXPECT_THAT(status, HasSubstr("not taken over by the drive service: " + waits));
+    }
+    EXPECT_THAT(run({"mount", image}).err, HasSubstr("hasn't taken that drive over: " + waits));
+    useRoot("second");
+    done({"umount", image});
+    useRoot("root");
+    EXPECT_TRUE(eventually([&] { return statusOf(image).notTaken.isEmpty(); }));
+    EXPECT_EQ(done({"umount", image}), "Unmounted\n");
 }
 
 TEST_F(DirectRun, AServiceThatIsKilledInAnyStepOfTheMountLeavesNothing) {

@@ -51,6 +51,13 @@ bool ZqMountMgr::umountImage(const SxString& image, bool hardEject) {
     try {
         ZqDiskStatus disk;
         if (!ZqDriveStatus::findDisk(image, &disk)) return true;
+        if (!disk.notTaken.isEmpty()) {
+            // Nothing else can be done with it, and what its mount changed is undone by its record.
+            isReleasing = true;
+            ejectImage(image);
+            if (!hardEject) ZqLaunchers::restoreQuietly();
+            return true;
+        }
         if (ZqVolume::isForeign()) {
             // A service of another version takes nothing but this.
             mntImage = image;

@@ -53,6 +53,11 @@ bool ZqRunDrive::findFormer(const std::function<bool()>& isUsed) {
     bool isThere = false;
     waits->patiently([&] { isThere = ZqVolume::findDisk(image, &disk); });
     if (!isThere) return false;
+    if (disk.ready && !disk.notTaken.isEmpty()) {
+        throw SxException("The drive service hasn't taken over the drive of '" + image +
+                              "': " + disk.notTaken,
+                          UNIT, __LINE__);
+    }
     if (ZqVolume::isReplaced(image)) {
         throw SxException("The image that is mounted as '" + image +
                               "' was removed, or replaced by another one; unmount it first",

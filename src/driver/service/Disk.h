@@ -111,6 +111,7 @@ private:
     bool attachDirect(const SxString& type);
     SxString claimDirect(const SxString& type);
     void mountDirect();
+    DirectNote::File stateOfMap() const;
     void noteDirect();
     void takeOver();
     void endNote();
@@ -133,8 +134,8 @@ private:
     const uint64 deviceId, madeNs;
     const int64 mounterPid;
     DiskLocks locks; ///< until everything is removed
-
     KernelNote kernelNote;
+
     VirtualDisk disk;
     VolumeProbe probe;
     FuseFront front;

@@ -3,6 +3,7 @@
 #include "DriverLog.h"
 #include "Helper.h"
 #include "SxException.h"
+#include "ZqImageFiles.h"
 
 // A disk whose volume the kernel serves.
 
@@ -47,8 +48,8 @@ void Disk::mountDirect() {
     const std::shared_ptr<const DirectVolume> volume = directVolumes->get(disk, params.image, [this] {
         if (ending) throw SxException("The disk was ejected", UNIT, __LINE__);
     });
-    const DiskFolder::Mounting mounting(folder);
     kernelNote.make();
+    const DiskFolder::Mounting mounting(folder);
     const bool isCached = DirectVolume::isCached(disk);
     Helper::Facts facts = Helper::run({"attachDirect", folder.getVolume(), DirectVolume::readAhead(isCached),
                                        isCached ? "cached" : "uncached"},
@@ -65,25 +66,34 @@ void Disk::mountDirect() {
     note.readAhead = SxString(facts["readahead"]);
 }
 
+DirectNote::File Disk::stateOfMap() const {
+    SxStat info;
+    const SxString file = params.image + "/" + ZqImageFiles::IDX;
+    const int error = SxOs::get().stat(file.str(), &info);
+    if (error == 0) return DirectNote::File::of(info);
+    throw SxException("Cannot look at '" + file + "': " + SxOs::errorText(error), UNIT, __LINE__);
+}
+
 /// Lets the next service take the disk over. Comes last of what makes it: without this it is removed.
 void Disk::noteDirect() {
     const SxMutexBlock block(&sight);
-    const SxStat zqf = disk.getStored().getStat();
     note.device = DirectNote::deviceAt(folder.getVolume());
-    note.zqfDevice = zqf.device;
-    note.zqfInode = zqf.inode;
+    note.nIncluded = disk.nIncluded();
+    note.zqf = DirectNote::File::of(disk.getStored().getStat());
+    note.idx = stateOfMap();
     note.write(folder.getPath());
 }
 
 /// Goes on with a volume that is mounted.
 void Disk::takeOver() {
     const SxMutexBlock block(&sight);
-    const SxStat zqf = disk.getStored().getStat();
-    if (zqf.device != note.zqfDevice || zqf.inode != note.zqfInode) {
-        throw SxException("The kernel serves another 'img.zqf' than that of image '" + params.image + "'",
+    if (DirectNote::File::of(disk.getStored().getStat()) != note.zqf || stateOfMap() != note.idx) {
+        throw SxException("Image '" + params.image +
+                              "' was replaced or changed since, so its drive may give wrong data",
                           UNIT, __LINE__);
     }
     isDirect = true;
+    kernelNote.takeOver();
     ready = note.ready;
     isRedirected = note.isRedirected;
     readAhead.begin(note.readAhead, true);
@@ -93,7 +103,6 @@ void Disk::takeOver() {
 }
 
 void Disk::setReady() {
-    kernelNote.takeOver();
     ready = true;
     directVolumes->drop(params.image); // no further mount of it follows
     updateNote([](DirectNote* kept) { kept->ready = true; });

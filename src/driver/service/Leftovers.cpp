@@ -4,6 +4,7 @@
 #include "DriveLetter.h"
 #include "DriverLog.h"
 #include "Helper.h"
+#include "Mounts.h"
 #include "Service.h"
 #include "SxException.h"
 #include "SxFSAction.h"
@@ -11,7 +12,7 @@
 #include "ZqServiceFolder.h"
 
 #include <filesystem>
-#include <functional>
+#include <optional>
 
 namespace {
 
@@ -30,6 +31,11 @@ uint64 idOf(const std::filesystem::path& disk) {
     return bad || id < 0 ? 0 : static_cast<uint64>(id);
 }
 
+SxString imageOf(const SxString& disk) {
+    const SxString file = disk + "/" + ZqServiceFolder::IMAGE;
+    return SxFSAction::test_f(file) ? SxFileIO::readUtf8(file) : SxString();
+}
+
 void removeDisks(const SxString& folder, std::vector<std::filesystem::path> disks) {
     driverLog("removes what a former service left in " + SxString(mountsOf(folder)));
     std::erase_if(disks, [](const std::filesystem::path& disk) {
@@ -40,9 +46,9 @@ void removeDisks(const SxString& folder, std::vector<std::filesystem::path> disk
     SxList<SxString> images, written;
     for (const auto& disk : disks) {
         Helper::run({"sweep", SxString(disk.string())}, SWEEP_MS, nullptr);
-        const SxString image = (disk / ZqServiceFolder::IMAGE).string();
-        if (!SxFSAction::test_f(image)) continue;
-        images.append(SxFileIO::readUtf8(image));
+        const SxString image = imageOf(SxString(disk.string()));
+        if (image.isEmpty()) continue;
+        images.append(image);
         if (SxFSAction::test_f(SxString((disk / ZqServiceFolder::WRITTEN).string())))
             written.append(images.last());
     }
@@ -52,19 +58,19 @@ void removeDisks(const SxString& folder, std::vector<std::filesystem::path> disk
         DiskFolder(SxString(disk.string())).remove();
 }
 
-Leftovers::Disks findBy(const SxString& folder,
-                        const std::function<std::optional<DirectNote>(const SxString&)>& read) {
-    Leftovers::Disks found;
-    std::error_code error;
-    for (const auto& disk : std::filesystem::directory_iterator(mountsOf(folder), error)) {
-        const uint64 id = idOf(disk.path());
-        if (id == 0) continue;
-        try {
-            const std::optional<DirectNote> note = read(SxString(disk.path().string()));
-            if (note) found.emplace(id, *note);
-        } catch (const SxException& e) {
-            driverLog("'" + SxString(disk.path().string()) + "' can't be taken over: " + e.what());
-        }
+/// None where nothing is mounted that the kernel serves.
+std::optional<Leftovers::Found> findIn(const SxString& disk) {
+    using Leftovers::Found;
+    const bool isHere = DirectNote::exists(disk);
+    if (!isHere && !DirectNote::existsElsewhere(disk)) return {};
+    if (isHere && !Mounts::isMounted((disk + "/" + ZqServiceFolder::VOLUME).str())) return {};
+    Found found{isHere ? Found::Sound : Found::Elsewhere, {}, {}};
+    try {
+        found.note = isHere ? DirectNote::readFitting(disk) : DirectNote::readElsewhere(disk);
+    } catch (const SxException& e) {
+        found.note.params.image = imageOf(disk);
+        found.why = e.toString(SxException::ShowMessage, ": ");
+        if (isHere) found.kind = Found::Unfit;
     }
     return found;
 }
@@ -72,17 +78,24 @@ Leftovers::Disks findBy(const SxString& folder,
 } // namespace
 
 Leftovers::Disks Leftovers::findServed(const SxString& folder) {
-    return findBy(folder, DirectNote::readFitting);
-}
-
-Leftovers::Disks Leftovers::findOthers(const SxString& folder) {
-    return findBy(folder, DirectNote::readOther);
+    Disks disks;
+    std::error_code error;
+    for (const auto& entry : std::filesystem::directory_iterator(mountsOf(folder), error)) {
+        const uint64 id = idOf(entry.path());
+        if (id == 0) continue;
+        const std::optional<Found> found = findIn(SxString(entry.path().string()));
+        if (!found) continue;
+        if (!found->why.isEmpty())
+            driverLog("'" + SxString(entry.path().string()) + "' can't be taken over: " + found->why);
+        disks.emplace(id, *found);
+    }
+    return disks;
 }
 
 void Leftovers::sweep(const SxString& root, const SxString& folder, const Disks& kept) {
     const std::string mounts = mountsOf(folder);
     SxList<SxString> volumes;
-    for (const auto& [id, note] : kept)
+    for (const auto& [id, disk] : kept)
         volumes.append(SxString(mounts + "/" + std::to_string(id) + "/" + ZqServiceFolder::VOLUME));
     // Links are on the disk and outlive a power cut; the folders that they lead to don't. All of them are of
     // former services: this one, which alone makes such links now, has made none yet.

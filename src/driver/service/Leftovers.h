@@ -6,19 +6,28 @@
 
 /// What a service that was killed has left below the service's folder, for the next one before that serves:
 /// every mount, loop device, letter and folder, found by its place. Volumes that the kernel serves go on, and
-/// are taken over; all else goes.
+/// are taken over where that can be done; all else goes.
 namespace Leftovers {
 
+/// A disk whose volume the kernel still serves.
+struct Found {
+    enum Kind {
+        Sound,    ///< can be taken over
+        Unfit,    ///< can't, and stays until somebody wants it to go
+        Elsewhere ///< is another mount namespace's, where nobody here can use, judge or remove it
+    };
+    Kind kind;
+    DirectNote note; ///< of one without a sound note nothing but the image's path
+    SxString why;    ///< it isn't taken over, for users
+};
 /// By device id.
-using Disks = std::map<uint64, DirectNote>;
+using Disks = std::map<uint64, Found>;
 
 /// Where nothing else is said, `folder` is the service's own, with a trailing slash, and `root` the machine
 /// root.
 
-/// Lists the disks that can be taken over.
+/// Lists those disks.
 Disks findServed(const SxString& folder);
-/// Lists those of other mount namespaces, which nobody here can take over.
-Disks findOthers(const SxString& folder);
 /// Removes all but `kept`, and notes whose images that were. Raises where a mount can't be taken away.
 void sweep(const SxString& root, const SxString& folder, const Disks& kept);
 /// Removes one disk. Raises likewise.

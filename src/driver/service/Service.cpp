@@ -6,7 +6,6 @@
 #include "SxFileIO.h"
 #include "SxOs.h"
 #include "SxTime.h"
-#include "ZqImageFiles.h"
 #include "ZqServiceFolder.h"
 
 #include <algorithm>
@@ -20,8 +19,8 @@ constexpr const char* UNIT = "src/driver/Service";
 constexpr int64 NOBODY = 0;
 /// How long a mount waits for another one of its image that is under way.
 constexpr int64 SAME_IMAGE_MS = 15'000;
-/// How long a service may take until it answers, for disks that it takes over.
-constexpr int64 TAKE_OVER_MS = 5000;
+/// The same of whatever wants to use a disk that is being taken over.
+constexpr int64 TAKEN_MS = 5000;
 /// Begins a second line of an image whose drive may have lost writes; the path follows.
 const SxString WRITTEN_MARK = "written ";
 
@@ -39,13 +38,8 @@ const SxString WRITTEN_MARK = "written ";
 Service::Service(const SxString& root_, const SxString& folder_) : root(root_), folder(folder_) {
 }
 
-/// Waits a while for a disk of the image that is being taken over; false where it still is.
-bool Service::awaitTaken(const SxString& image) const {
-    return SxWait::pass(TAKE_OVER_MS, [&] { return !pendingOf(image); });
-}
-
 Service::DiskPtr Service::find(const SxString& image) const {
-    if (!awaitTaken(image))
+    if (!awaitTaken(image, TAKEN_MS))
         refuse("Image '" + image +
                "' is still being taken over: somebody has it, or its disk doesn't answer");
     const SxMutexBlock block(&mutex);
@@ -135,7 +129,7 @@ Service::Left Service::takeLeft(const SxString& image) {
 }
 
 void Service::noteLost(const SxString& image) {
-    const SxMutexBlock block(&lefts);
+    const SxMutexBlock block(&leftFile);
     noteLeft(folder, {image}, {image});
 }
 
@@ -206,89 +200,6 @@ Service::DiskPtr Service::make(const MountParams& params, uint64 deviceId, int64
     }
 }
 
-void Service::takeOver(const Leftovers::Disks& left, const Leftovers::Disks& others) {
-    {
-        const SxMutexBlock block(&mutex);
-        for (const auto& [id, note] : left) {
-            pending[id] = note;
-            reserved[id] = note.params.image;
-        }
-    }
-    // Each on a thread of its own, since the disk of one image may be stuck.
-    for (const auto& [id, note] : left)
-        takers.push_back(
-            std::make_unique<DiskThread>("take", [this, id = id, note = note] { takeOne(id, note); }));
-    for (const auto& [id, note] : others) {
-        const std::string zqf = note.params.image.str() + "/" + ZqImageFiles::ZQF;
-        takers.push_back(std::make_unique<DiskThread>("left", [this, id = id, zqf] {
-            if (SxOs::get().isOpen(zqf) != 1) removeLeft(id);
-        }));
-    }
-    for (const auto& taker : takers)
-        taker->start();
-    SxWait::pass(TAKE_OVER_MS, [this] {
-        return std::none_of(takers.begin(), takers.end(),
-                            [](const auto& taker) { return taker->isRunning(); });
-    });
-}
-
-void Service::takeOne(uint64 deviceId, const DirectNote& note) {
-    DiskPtr disk;
-    try {
-        disk = tryToTake(deviceId, note);
-    } catch (const std::exception& e) {
-        driverLog("image " + note.params.image + " can't be taken over: " + e.what());
-        if (isPending(deviceId)) removeLeft(deviceId);
-    }
-    if (!endPending(deviceId, disk) && disk) disk->eject();
-}
-
-/// Waits while somebody else has the image: whoever is about to change it is refused in the end, since the
-/// kernel reads it. Null where it was given up meanwhile.
-Service::DiskPtr Service::tryToTake(uint64 deviceId, const DirectNote& note) {
-    while (isPending(deviceId)) {
-        try {
-            return std::make_shared<Disk>(note, placeOf(deviceId, note.params.image));
-        } catch (const SxException& e) {
-            if (!e.hasTag(ZqImageLock::HELD)) throw;
-        }
-        SxTime::msleep(SxWait::LOOK_MS);
-    }
-    return nullptr;
-}
-
-bool Service::isPending(uint64 deviceId) const {
-    const SxMutexBlock block(&mutex);
-    return !ending && pending.contains(deviceId);
-}
-
-/// The disk, if there is one, has been taken over; false where it was given up before.
-bool Service::endPending(uint64 deviceId, const DiskPtr& disk) {
-    const SxMutexBlock block(&mutex);
-    const bool was = pending.erase(deviceId) != 0;
-    reserved.erase(deviceId);
-    if (was && disk) disks[deviceId] = disk;
-    return was;
-}
-
-void Service::removeLeft(uint64 deviceId) {
-    try {
-        const SxMutexBlock block(&lefts);
-        Leftovers::remove(root, folder, deviceId);
-    } catch (const std::exception& e) {
-        driverLog(e.what());
-    }
-}
-
-/// The number of the image's disk that is still being taken over, if there is one.
-std::optional<uint64> Service::pendingOf(const SxString& image) const {
-    const SxMutexBlock block(&mutex);
-    for (const auto& [id, note] : pending) {
-        if (note.params.image == image) return id;
-    }
-    return {};
-}
-
 Service::DiskPtr Service::mount(const MountParams& params, int64 peer) {
     refuseOwn(params.image);
     refuseOwn(params.traceFolder);
@@ -300,8 +211,9 @@ Service::DiskPtr Service::mount(const MountParams& params, int64 peer) {
             refuse("Image '" + params.image + "' stands in the place of one that is still mounted");
         refuseSecond(params.image);
     }
+    removeAllLeft(params.image);
     {
-        const SxMutexBlock block(&lefts);
+        const SxMutexBlock block(&leftFile);
         takeLeft(params.image);
     }
     DiskPtr disk = make(params, reservation.deviceId(), peer);
@@ -461,7 +373,7 @@ void Service::reset() {
     if (losses.empty()) return;
     // The first is told now, the others to whoever asks next.
     {
-        const SxMutexBlock block(&lefts);
+        const SxMutexBlock block(&leftFile);
         takeLeft(losses.front().image);
     }
     refuse(losses.front().text);

@@ -21,11 +21,11 @@ public:
     Service(const SxString& root, const SxString& folder);
 
     /// Goes on with disks that a service which was killed has left to the kernel. One whose image is somebody
-    /// else's for a while is waited for, and one that isn't what it was is removed. Returns within moments:
-    /// the rest is done beside all else, and whoever asks for such an image meanwhile waits. `others`: disks
-    /// of other mount namespaces, which are left alone as long as they are read. To be called once, before
-    /// all others.
-    void takeOver(const Leftovers::Disks& left, const Leftovers::Disks& others);
+    /// else's for a while is waited for. One that can't be taken over, or is another mount namespace's, stays
+    /// as it is until a client wants it to go or mounts its image. Returns within moments: the rest is done
+    /// beside all else, and whoever asks for such an image meanwhile waits. To be called once, before all
+    /// others.
+    void takeOver(const Leftovers::Disks& found);
 
     /// Carries out one request. Gives the body of the answer; raises where the request fails.
     /// `peer` is the client's process id.
@@ -64,13 +64,17 @@ private:
     std::optional<uint64> reserve(const SxString& image);
     void takeOne(uint64 deviceId, const DirectNote& note);
     DiskPtr tryToTake(uint64 deviceId, const DirectNote& note);
-    bool isPending(uint64 deviceId) const;
-    bool endPending(uint64 deviceId, const DiskPtr& disk);
+    bool isAwaited(uint64 deviceId) const;
+    void noteWhy(uint64 deviceId, const SxString& why);
+    std::optional<uint64> awaitedOf(const SxString& image) const;
+    bool awaitTaken(const SxString& image, int64 ms) const;
     void removeLeft(uint64 deviceId);
-    bool awaitTaken(const SxString& image) const;
-    std::vector<ZqDiskStatus> pendingStates() const;
-    std::optional<ZqDiskStatus> stateOf(const SxString& image) const;
-    std::optional<uint64> pendingOf(const SxString& image) const;
+    bool removeUnread(uint64 deviceId, const DirectNote& note);
+    void removeAllLeft(const SxString& image);
+    Leftovers::Disks leftOf(const SxString& image) const;
+    ZqDiskStatus stateOfLeft(uint64 deviceId, const Leftovers::Found& found) const;
+    std::optional<ZqDiskStatus> stateOf(const SxString& image);
+    std::vector<ZqDiskStatus> allStates() const;
     Disk::Place placeOf(uint64 deviceId, const SxString& image);
     DiskPtr make(const MountParams& params, uint64 deviceId, int64 peer);
     enum class Left { No, Read, Written };
@@ -100,13 +104,14 @@ private:
     std::atomic<bool> guardLogging{false}, retiring{false};
     DirectVolumes directVolumes;
 
-    SxMutex lefts; ///< held over the file of what was left, which lies in the service's own folder
+    SxMutex leftFile; ///< held over the file of what was left, which lies in the service's own folder
     mutable SxMutex mutex;
     std::map<uint64, DiskPtr> disks SX_GUARDED_BY(mutex); ///< by device id
     /// Images whose disks are being made, by device id: opening one may take as long as its own disk does.
     std::map<uint64, SxString> reserved SX_GUARDED_BY(mutex);
-    /// Images whose disks are being taken over. They are reserved, too.
-    std::map<uint64, DirectNote> pending SX_GUARDED_BY(mutex);
+    /// Disks of a former service that aren't taken over. The images of those that still may be are reserved,
+    /// too.
+    Leftovers::Disks lefts SX_GUARDED_BY(mutex);
     bool ending SX_GUARDED_BY(mutex) = false; ///< no further disk comes
 
     std::vector<std::unique_ptr<DiskThread>> takers; ///< which end before all others are destroyed

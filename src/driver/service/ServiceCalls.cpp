@@ -38,6 +38,7 @@ void writeStatus(const ZqDiskStatus& status, Writer* out) {
     out->number(static_cast<uint64>(status.servicePid)).number(status.madeNs);
     out->flag(status.isServedByKernel);
     out->number(status.waitSinceNs).number(status.lastWaitFromNs).number(status.lastWaitToNs);
+    out->text(status.notTaken);
 }
 
 void writeList(const std::vector<uint64>& numbers, Writer* out) {
@@ -72,48 +73,11 @@ void Service::ejectImage(Reader* request, Writer* answer) {
     const SxString image = request->text();
     request->number();
     requireWhole(*request);
-    if (const auto left = pendingOf(image)) {
-        // Nothing was written to it, and its removal waits for nothing of the image.
-        if (endPending(*left, nullptr)) removeLeft(*left);
-    }
+    removeAllLeft(image);
     const DiskPtr disk = find(image);
     const Disk::End end = disk ? eject(disk) : Disk::End();
     if (!end.lost.isEmpty()) refuse(end.lost);
     answer->flag(end.busy);
-}
-
-/// What is known of disks that are still being taken over.
-std::vector<ZqDiskStatus> Service::pendingStates() const {
-    const SxMutexBlock block(&mutex);
-    std::vector<ZqDiskStatus> states;
-    for (const auto& [id, note] : pending) {
-        ZqDiskStatus status;
-        status.image = note.params.image;
-        status.mountPath = folder + ZqServiceFolder::MOUNTS + "/" + id + "/" + ZqServiceFolder::VOLUME;
-        status.deviceId = id;
-        status.sectorSize = note.params.sectorSize;
-        status.cursor = note.params.cursor;
-        status.mounterPid = note.mounterPid;
-        status.ready = note.ready;
-        status.servicePid = SxOs::processId();
-        status.madeNs = note.madeNs;
-        status.isServedByKernel = true;
-        states.push_back(status);
-    }
-    return states;
-}
-
-/// None where the image has no disk. Waits a while for one that is being taken over, and gives what is known
-/// of it where that takes longer: so it can be taken away.
-std::optional<ZqDiskStatus> Service::stateOf(const SxString& image) const {
-    if (!awaitTaken(image)) {
-        for (const ZqDiskStatus& status : pendingStates()) {
-            if (status.image == image) return status;
-        }
-    }
-    const DiskPtr disk = find(image);
-    if (!disk) return {};
-    return disk->getStatus();
 }
 
 /// Of the disk with that image or number; without either, of all together.
@@ -139,9 +103,7 @@ bool Service::handleState(Call call, Reader* request, Writer* answer) {
     }
     case Call::Disks: {
         requireWhole(*request);
-        std::vector<ZqDiskStatus> states = pendingStates();
-        for (const DiskPtr& disk : all())
-            states.push_back(disk->getStatus());
+        const std::vector<ZqDiskStatus> states = allStates();
         answer->number(states.size());
         for (const ZqDiskStatus& status : states)
             writeStatus(status, answer);
@@ -198,8 +160,7 @@ bool Service::handleDisk(Call call, Reader* request, Writer* answer) {
         const SxString image = request->text();
         const uint64 number = request->number();
         requireWhole(*request);
-        const bool needsDisk = call != Call::FailOnUnderflow || !pendingOf(image);
-        operation(needsDisk ? require(image) : nullptr, number);
+        operation(require(image), number);
         return true;
     };
     switch (call) {
@@ -217,10 +178,7 @@ bool Service::handleDisk(Call call, Reader* request, Writer* answer) {
     case Call::Resume:
         return simple([](const DiskPtr& disk, uint64) { disk->getVirtualDisk()->resume(); });
     case Call::FailOnUnderflow:
-        return simple([](const DiskPtr& disk, uint64) {
-            // Without effect on one that is still being taken over, in which nothing is missing.
-            if (disk) disk->getVirtualDisk()->setFailOnUnderflow();
-        });
+        return simple([](const DiskPtr& disk, uint64) { disk->getVirtualDisk()->setFailOnUnderflow(); });
     case Call::MonitorOff:
         return simple([](const DiskPtr& disk, uint64) { disk->getVirtualDisk()->getTrace()->stop(); });
     case Call::FlushLayer:
@@ -312,7 +270,7 @@ bool Service::handleService(Call call, Reader* request, Writer* answer, int64 pe
     case Call::Leftover: {
         const SxString image = request->text();
         requireWhole(*request);
-        const SxMutexBlock block(&lefts);
+        const SxMutexBlock block(&leftFile);
         const Left left = takeLeft(image);
         answer->flag(left != Left::No).flag(left == Left::Written);
         return true;

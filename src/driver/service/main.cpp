@@ -115,12 +115,10 @@ void takeLifeLock(const SxString& folder) {
 int serve(const SxString& root, const SxString& folder, int readyFd) {
     try {
         takeLifeLock(folder);
-        const Leftovers::Disks served = Leftovers::findServed(folder), others = Leftovers::findOthers(folder);
-        Leftovers::Disks kept = served;
-        kept.insert(others.begin(), others.end());
-        Leftovers::sweep(root, folder, kept);
+        const Leftovers::Disks served = Leftovers::findServed(folder);
+        Leftovers::sweep(root, folder, served);
         Service service(root, folder);
-        service.takeOver(served, others);
+        service.takeOver(served);
         ControlServer server(&service, folder.str(), idleMs());
         server.listen();
         [[maybe_unused]] const ssize_t written = ::write(readyFd, "1", 1);

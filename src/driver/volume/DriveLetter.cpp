@@ -22,6 +22,19 @@ std::string pathOf(const SxString& root, char letter) {
     return devices(root).str() + "/" + letter + ":";
 }
 
+SxString driveOf(char letter) {
+    return SxString(std::string(1, static_cast<char>(letter - 'a' + 'A')) + ":");
+}
+
+/// 0 where no link leads there.
+char findLetter(const SxString& root, const SxString& to) {
+    for (char letter = FIRST; letter <= LAST; ++letter) {
+        std::string now;
+        if (SxOs::get().readLink(pathOf(root, letter), &now) == 0 && now == to.str()) return letter;
+    }
+    return 0;
+}
+
 } // namespace
 
 void DriveLetter::take(const SxString& root, const SxString& to) {
@@ -42,21 +55,21 @@ void DriveLetter::take(const SxString& root, const SxString& to) {
     throw SxException("No drive letter is free in '" + devices(root) + "'", UNIT, __LINE__);
 }
 
+SxString DriveLetter::find(const SxString& root, const SxString& to) {
+    const char letter = findLetter(root, to);
+    return letter == 0 ? SxString() : driveOf(letter);
+}
+
 bool DriveLetter::takeOver(const SxString& root, const SxString& to) {
-    for (char letter = FIRST; letter <= LAST; ++letter) {
-        const std::string path = pathOf(root, letter);
-        std::string now;
-        if (SxOs::get().readLink(path, &now) != 0 || now != to.str()) continue;
-        keep(letter, path, to);
-        return true;
-    }
-    return false;
+    const char letter = findLetter(root, to);
+    if (letter != 0) keep(letter, pathOf(root, letter), to);
+    return letter != 0;
 }
 
 void DriveLetter::keep(char letter, const std::string& path, const SxString& to) {
     link = path;
     target = to.str();
-    drive = SxString(std::string(1, static_cast<char>(letter - 'a' + 'A')) + ":");
+    drive = driveOf(letter);
 }
 
 void DriveLetter::remove() {

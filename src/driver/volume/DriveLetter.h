@@ -20,6 +20,8 @@ public:
     /// Letter and colon; empty where none was taken.
     SxString get() const { return drive; }
 
+    /// Letter and colon of the root's link that leads there; empty where there is none.
+    static SxString find(const SxString& root, const SxString& target);
     /// Removes all links of the root that lead below `folder`, but those to the targets in `kept`.
     static void removeBelow(const SxString& root, const SxString& folder, const SxList<SxString>& kept);
 

@@ -357,5 +357,6 @@ ZqDiskStatus ZqServiceClient::readStatus(Reader* answer) {
     status.waitSinceNs = answer->number();
     status.lastWaitFromNs = answer->number();
     status.lastWaitToNs = answer->number();
+    status.notTaken = answer->text();
     return status;
 }

@@ -13,6 +13,7 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <linux/fs.h>
+#include <optional>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -51,13 +52,26 @@ bool ask(Call call, const Writer& request, Reader* answer, const SxString& words
     return true;
 }
 
-/// Whether the next service will take over a disk with that folder, which the kernel serves.
-bool isTakenOver(const std::string& disk) {
-    return SxFSAction::exists(SxString(disk + "/" + ZqServiceFolder::directName()));
+/// Who, after a service that was killed, has a disk with a folder in that of the service.
+enum class Keeper {
+    Nobody, ///< it is what that has left
+    Next,   ///< the kernel serves it, and the next service takes it over if it can
+    Other   ///< the kernel serves it in another mount namespace
+};
+
+Keeper keeperOf(const std::string& disk) {
+    std::vector<std::string> names;
+    SxOs::get().list(disk, &names);
+    Keeper keeper = Keeper::Nobody;
+    for (const std::string& name : names) {
+        if (name == ZqServiceFolder::directName()) return Keeper::Next;
+        if (ZqServiceFolder::isDirectName(name)) keeper = Keeper::Other;
+    }
+    return keeper;
 }
 
-/// The images of the disks that have a folder in that of the service, and won't be taken over.
-SxList<SxString> imagesInFolder() {
+/// The images of the disks that have a folder in that of the service, and such a keeper; of all without one.
+SxList<SxString> imagesInFolder(std::optional<Keeper> keeper = {}) {
     SxList<SxString> images;
     const std::string mounts =
         ZqServiceFolder::of(ZqMachineRoot::get().str()) + ZqServiceFolder::MOUNTS + "/";
@@ -65,7 +79,7 @@ SxList<SxString> imagesInFolder() {
     SxOs::get().list(mounts, &disks);
     for (const std::string& disk : disks) {
         const SxString file = SxString(mounts + disk + "/") + ZqServiceFolder::IMAGE;
-        if (isTakenOver(mounts + disk)) continue;
+        if (keeper && keeperOf(mounts + disk) != *keeper) continue;
         if (SxFSAction::test_f(file)) images.append(SxFileIO::readUtf8(file));
     }
     return images;
@@ -91,6 +105,51 @@ Home queryHome() {
     home.mounts.inode = answer.number();
     home.pid = answer.number();
     return answer.hasAll() ? home : Home();
+}
+
+/// Asks a service without drives to end, and waits for that; false where it has drives.
+bool retire() {
+    Reader answer;
+    if (!ask(Call::Retire, Writer(), &answer, "Cannot end the drive service")) return false;
+    if (answer.flag()) SxWait::pass(RETIRE_MS, [] { return !queryHome().isElsewhere(); });
+    return true; // somebody may have been faster
+}
+
+/// Whether another service may serve what this one hasn't taken over: where it lives in another mount
+/// namespace, has no drives there, and ends now, the next call starts one in ours, in which the kernel serves
+/// drives.
+bool makesWay(const ZqDiskStatus& disk) {
+    if (disk.notTaken.isEmpty() || !queryHome().isElsewhere()) return false;
+    if (!ZqServiceFolder::hasServedDrives(ZqServiceFolder::of(ZqMachineRoot::get().str()))) return false;
+    return retire() && !queryHome().isElsewhere();
+}
+
+/// All disks, as the service that runs now tells of them.
+SxList<ZqDiskStatus> askDisks() {
+    SxList<ZqDiskStatus> disks;
+    if (ZqVolume::isForeign()) {
+        // A service of another version answers for one image at a time.
+        for (const SxString& image : imagesInFolder()) {
+            ZqDiskStatus disk;
+            if (ZqVolume::findDisk(image, &disk)) disks.append(disk);
+        }
+        return disks;
+    }
+    Reader answer;
+    if (!ask(Call::Disks, Writer(), &answer, "Cannot ask for the drives")) return disks;
+    const uint64 n = answer.number();
+    for (uint64 i = 0; i < n; ++i)
+        disks.append(ZqServiceClient::readStatus(&answer));
+    return disks;
+}
+
+bool askDisk(const SxString& image, ZqDiskStatus* status) {
+    Reader answer;
+    const Writer request = Writer().text(ZqServiceClient::keyOf(image));
+    if (!ask(Call::State, request, &answer, "Cannot ask after image '" + image + "'")) return false;
+    if (!answer.flag()) return false;
+    *status = ZqServiceClient::readStatus(&answer);
+    return true;
 }
 
 uint64 targetOf(const SxString& drive) {
@@ -168,21 +227,17 @@ void ZqVolume::requireView() {
     for (int i = 0;; ++i) {
         const Home home = queryHome();
         if (!home.isElsewhere()) return;
-        bool isHidden = false;
-        const SxList<ZqDiskStatus> disks = getDisks();
-        for (const ZqDiskStatus& disk : disks) {
+        bool hasDisks = false, isHidden = false;
+        for (const ZqDiskStatus& disk : getDisks()) {
+            if (!disk.notTaken.isEmpty()) continue; // a former service has mounted it
             // Where one comes through to this process, the next one does, too.
             if (isVisible(disk)) return;
+            hasDisks = true;
             isHidden = isHidden || !disk.mountPath.isEmpty();
         }
         // Those that are still on their way up tell nothing.
-        if (!disks.isEmpty() && !isHidden) return;
-        Reader answer;
-        if (!isHidden && i < MAX_TRIES &&
-            ask(Call::Retire, Writer(), &answer, "Cannot end the drive service")) {
-            if (answer.flag()) SxWait::pass(RETIRE_MS, [] { return !queryHome().isElsewhere(); });
-            continue; // somebody may have been faster
-        }
+        if (hasDisks && !isHidden) return;
+        if (!isHidden && i < MAX_TRIES && retire()) continue;
         throw SxException(elsewhereText(static_cast<int64>(home.pid)), UNIT, __LINE__);
     }
 }
@@ -196,7 +251,8 @@ SxList<SxString> ZqVolume::getLeftDrives() {
         std::string target;
         const bool isBelow =
             SxOs::get().readLink(driveLink(drive), &target) >= 0 && target.starts_with(mounts);
-        if (isBelow && !isTakenOver(target.substr(0, target.find_last_of('/')))) left.append(drive);
+        if (isBelow && keeperOf(target.substr(0, target.find_last_of('/'))) == Keeper::Nobody)
+            left.append(drive);
     }
     return left;
 }
@@ -243,30 +299,14 @@ bool ZqVolume::isForeign() {
 }
 
 SxList<ZqDiskStatus> ZqVolume::getDisks() {
-    SxList<ZqDiskStatus> disks;
-    if (isForeign()) {
-        // A service of another version answers for one image at a time.
-        for (const SxString& image : imagesInFolder()) {
-            ZqDiskStatus disk;
-            if (findDisk(image, &disk)) disks.append(disk);
-        }
-        return disks;
-    }
-    Reader answer;
-    if (!ask(Call::Disks, Writer(), &answer, "Cannot ask for the drives")) return disks;
-    const uint64 n = answer.number();
-    for (uint64 i = 0; i < n; ++i)
-        disks.append(ZqServiceClient::readStatus(&answer));
-    return disks;
+    SxList<ZqDiskStatus> disks = askDisks();
+    const bool isOld = std::any_of(disks.begin(), disks.end(), makesWay);
+    return isOld ? askDisks() : disks;
 }
 
 bool ZqVolume::findDisk(const SxString& image, ZqDiskStatus* status) {
-    Reader answer;
-    const Writer request = Writer().text(ZqServiceClient::keyOf(image));
-    if (!ask(Call::State, request, &answer, "Cannot ask after image '" + image + "'")) return false;
-    if (!answer.flag()) return false;
-    *status = ZqServiceClient::readStatus(&answer);
-    return true;
+    if (!askDisk(image, status)) return false;
+    return !makesWay(*status) || askDisk(image, status);
 }
 
 bool ZqVolume::isReplaced(const SxString& image) {
@@ -286,7 +326,11 @@ void ZqVolume::setReady(const SxString& image) {
 }
 
 SxList<SxString> ZqVolume::getLeftovers() {
-    return ZqServiceClient::isServing() ? SxList<SxString>() : imagesInFolder();
+    return ZqServiceClient::isServing() ? SxList<SxString>() : imagesInFolder(Keeper::Nobody);
+}
+
+SxList<SxString> ZqVolume::getServedElsewhere() {
+    return ZqServiceClient::isServing() ? SxList<SxString>() : imagesInFolder(Keeper::Other);
 }
 
 uint64 ZqVolume::getProgress(const SxString& image) {

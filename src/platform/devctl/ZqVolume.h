@@ -86,6 +86,9 @@ public:
     /// The image folders whose drives a service that was killed has left, as long as no other one runs, but
     /// those that the kernel still serves: the next service takes them over.
     static SxList<SxString> getLeftovers();
+    /// The image folders whose drives the kernel serves in another mount namespace, as long as no service
+    /// runs; one that runs tells of them as of others.
+    static SxList<SxString> getServedElsewhere();
     /// Whether the service is of another version. Such a one takes no mounts; its drives can be asked after
     /// and ejected. Raises where it can't tell.
     static bool isForeign();

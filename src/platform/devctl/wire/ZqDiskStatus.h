@@ -38,4 +38,8 @@ struct ZqDiskStatus {
     /// Since when at least one read is held without a break; 0 for none. By the steady clock, as are the
     /// begin and the end of the last such time that took more than half a second and is over; 0 for none.
     uint64 waitSinceNs = 0, lastWaitFromNs = 0, lastWaitToNs = 0;
+    /// Why the service hasn't taken over the drive, which one that was killed has left to the kernel; empty
+    /// where it has, and for all other drives. Nothing can be asked of such a drive, and nothing be done with
+    /// it but take it away. It isn't ready where it can never be taken over.
+    SxString notTaken;
 };

@@ -1,0 +1,240 @@
+#include "DriverLog.h"
+#include "Service.h"
+#include "SxException.h"
+#include "SxOs.h"
+#include "SxTime.h"
+#include "ZqImageFiles.h"
+#include "ZqServiceFolder.h"
+
+#include <algorithm>
+
+// Disks that a service which was killed has left to the kernel, until they are taken over or go.
+
+using Leftovers::Found;
+
+namespace {
+
+constexpr const char* UNIT = "src/driver/ServiceLeft";
+/// How long a service may take until it answers, for disks that it takes over.
+constexpr int64 TAKE_OVER_MS = 5000;
+/// The same of a client that asks how a disk is. A `status` waits for 3 s.
+constexpr int64 STATE_MS = 1500;
+
+SxString elsewhereText() {
+    return "it is mounted in another mount namespace than that of the drive service (process " +
+           SxString(SxOs::processId()) +
+           "); only a service there can take it over or away, once this one has ended, half a minute after "
+           "its last drive";
+}
+
+/// Whether it is known that nobody reads the image, and so no drive of it is left. What stands under its path
+/// may be another file here than in the drive's mount namespace.
+bool isUnread(const DirectNote& note) {
+    const std::string zqf = note.params.image.str() + "/" + ZqImageFiles::ZQF;
+    SxStat info;
+    if (SxOs::get().stat(zqf, &info) != 0) return false;
+    const bool isSame = info.device == note.zqf.device && info.inode == note.zqf.inode;
+    return isSame && SxOs::get().isOpen(zqf) == 0;
+}
+
+} // namespace
+
+void Service::takeOver(const Leftovers::Disks& found) {
+    {
+        const SxMutexBlock block(&mutex);
+        lefts = found;
+        for (auto& [id, left] : lefts) {
+            if (left.kind == Found::Sound) {
+                reserved[id] = left.note.params.image;
+                left.why = "that is under way";
+            }
+            if (left.kind == Found::Elsewhere) left.why = elsewhereText();
+        }
+    }
+    // Each on a thread of its own, since the disk of one image may be stuck.
+    for (const auto& [id, left] : found) {
+        if (left.kind == Found::Unfit) continue;
+        const bool isSound = left.kind == Found::Sound;
+        takers.push_back(std::make_unique<DiskThread>("take", [this, isSound, id = id, note = left.note] {
+            if (isSound) {
+                takeOne(id, note);
+            } else {
+                removeUnread(id, note);
+            }
+        }));
+    }
+    for (const auto& taker : takers)
+        taker->start();
+    SxWait::pass(TAKE_OVER_MS, [this] {
+        return std::none_of(takers.begin(), takers.end(),
+                            [](const auto& taker) { return taker->isRunning(); });
+    });
+}
+
+void Service::takeOne(uint64 deviceId, const DirectNote& note) {
+    DiskPtr disk;
+    SxString why;
+    try {
+        disk = tryToTake(deviceId, note);
+    } catch (const SxException& e) {
+        why = e.toString(SxException::ShowMessage, ": ");
+    } catch (const std::exception& e) {
+        why = e.what(); // a library's, for want of memory
+    }
+    if (!why.isEmpty()) driverLog("image " + note.params.image + " can't be taken over: " + why);
+    bool isGivenUp = false;
+    {
+        const SxMutexBlock block(&mutex);
+        reserved.erase(deviceId);
+        const auto left = lefts.find(deviceId);
+        isGivenUp = left == lefts.end();
+        if (!isGivenUp && disk) {
+            disks[deviceId] = disk;
+            lefts.erase(left);
+        } else if (!isGivenUp && !why.isEmpty()) {
+            left->second.kind = Found::Unfit;
+            left->second.why = why;
+        }
+    }
+    if (isGivenUp && disk) disk->eject();
+}
+
+/// Waits while somebody else has the image: whoever is about to change it is refused in the end, since the
+/// kernel reads it. Null where it was given up meanwhile.
+Service::DiskPtr Service::tryToTake(uint64 deviceId, const DirectNote& note) {
+    while (isAwaited(deviceId)) {
+        try {
+            return std::make_shared<Disk>(note, placeOf(deviceId, note.params.image));
+        } catch (const SxException& e) {
+            if (!e.hasTag(ZqImageLock::HELD)) throw;
+            noteWhy(deviceId, e.toString(SxException::ShowMessage, ": "));
+        }
+        SxTime::msleep(SxWait::LOOK_MS);
+    }
+    return nullptr;
+}
+
+bool Service::isAwaited(uint64 deviceId) const {
+    const SxMutexBlock block(&mutex);
+    return !ending && lefts.contains(deviceId);
+}
+
+void Service::noteWhy(uint64 deviceId, const SxString& why) {
+    const SxMutexBlock block(&mutex);
+    const auto left = lefts.find(deviceId);
+    if (left != lefts.end()) left->second.why = why;
+}
+
+/// The number of the image's disk that may still be taken over, if there is one.
+std::optional<uint64> Service::awaitedOf(const SxString& image) const {
+    for (const auto& [id, left] : leftOf(image)) {
+        if (left.kind == Found::Sound) return id;
+    }
+    return {};
+}
+
+/// Waits for a disk of the image that may be taken over; false where it still isn't.
+bool Service::awaitTaken(const SxString& image, int64 ms) const {
+    return SxWait::pass(ms, [&] { return !awaitedOf(image); });
+}
+
+Leftovers::Disks Service::leftOf(const SxString& image) const {
+    const SxMutexBlock block(&mutex);
+    Leftovers::Disks found = lefts;
+    std::erase_if(found, [&](const auto& left) { return !(left.second.note.params.image == image); });
+    return found;
+}
+
+/// Removes a disk of that table. Its removal waits for nothing of the image. Raises where it can't be done;
+/// it stays in the table then.
+void Service::removeLeft(uint64 deviceId) {
+    Found left;
+    {
+        const SxMutexBlock block(&mutex);
+        const auto found = lefts.find(deviceId);
+        if (found == lefts.end()) return; // another client was faster
+        left = found->second;
+        lefts.erase(found);
+        reserved.erase(deviceId);
+    }
+    try {
+        const SxMutexBlock block(&leftFile);
+        Leftovers::remove(root, folder, deviceId);
+    } catch (const SxException& e) {
+        left.kind = Found::Unfit;
+        left.why = e.toString(SxException::ShowMessage, ": ");
+        const SxMutexBlock block(&mutex);
+        lefts[deviceId] = left;
+        throw;
+    }
+}
+
+/// Removes what is left of a drive of another mount namespace that is known to have gone; false where it may
+/// be there.
+bool Service::removeUnread(uint64 deviceId, const DirectNote& note) {
+    if (!isUnread(note)) return false;
+    try {
+        removeLeft(deviceId);
+    } catch (const SxException& e) {
+        driverLog(e.toString(SxException::ShowMessage, ": "));
+    }
+    return true;
+}
+
+/// Removes whatever of the image isn't taken over. Raises where that can't be done.
+void Service::removeAllLeft(const SxString& image) {
+    for (const auto& [id, left] : leftOf(image)) {
+        if (left.kind != Found::Elsewhere) {
+            removeLeft(id);
+        } else if (!removeUnread(id, left.note)) {
+            throw SxException("The drive of image '" + image + "' can't be taken away: " + left.why, UNIT,
+                              __LINE__);
+        }
+    }
+}
+
+ZqDiskStatus Service::stateOfLeft(uint64 deviceId, const Found& found) const {
+    const SxString volume = folder + ZqServiceFolder::MOUNTS + "/" + deviceId + "/" + ZqServiceFolder::VOLUME;
+    ZqDiskStatus status;
+    status.image = found.note.params.image;
+    status.mountPath = volume;
+    status.drive = DriveLetter::find(root, volume);
+    status.deviceId = deviceId;
+    status.sectorSize = found.note.params.sectorSize;
+    status.cursor = found.note.params.cursor;
+    status.nIncluded = found.note.nIncluded;
+    status.mounterPid = found.note.mounterPid;
+    status.ready = found.kind != Found::Unfit && found.note.ready;
+    status.servicePid = SxOs::processId();
+    status.madeNs = found.note.madeNs;
+    status.isServedByKernel = true;
+    status.notTaken = found.why;
+    return status;
+}
+
+/// None where the image has no disk. Waits a moment for one that is being taken over, and gives what is known
+/// of it where that takes longer: so it can be taken away.
+std::optional<ZqDiskStatus> Service::stateOf(const SxString& image) {
+    awaitTaken(image, STATE_MS);
+    for (const auto& [id, left] : leftOf(image)) {
+        const bool isGone = left.kind == Found::Elsewhere && removeUnread(id, left.note);
+        if (!isGone) return stateOfLeft(id, left);
+    }
+    const DiskPtr disk = find(image);
+    if (!disk) return {};
+    return disk->getStatus();
+}
+
+std::vector<ZqDiskStatus> Service::allStates() const {
+    Leftovers::Disks left;
+    {
+        const SxMutexBlock block(&mutex);
+        left = lefts;
+    }
+    std::vector<ZqDiskStatus> states;
+    for (const auto& [id, found] : left)
+        states.push_back(stateOfLeft(id, found));
+    for (const DiskPtr& disk : all())
+        states.push_back(disk->getStatus());
+    return states;
+}
