@@ -108,9 +108,13 @@ bool requireSound(const SxString& image, ZqDiskStatus disk) {
                       UNIT, __LINE__);
 }
 
+void requireNoStop(const StopSignals& signals) {
+    if (signals.isAsked()) throw SxException(SxException::STOPPED, "stopped", UNIT, __LINE__);
+}
+
 /// Takes away what a mount that was cut off has left. A mount that is under way is waited for. Gives whether
-/// the image is mounted.
-bool isMountedWhole(ZqMountMgr* manager, const SxString& image) {
+/// the image is mounted. Raises on a stop.
+bool isMountedWhole(ZqMountMgr* manager, const SxString& image, const StopSignals& signals) {
     ZqDiskStatus disk;
     bool found = false;
     // A process that has ended and waits for its parent mounts nothing.
@@ -120,9 +124,11 @@ bool isMountedWhole(ZqMountMgr* manager, const SxString& image) {
     };
     const auto isDecided = [&] {
         found = ZqVolume::findDisk(image, &disk);
-        return !found || disk.ready || !disk.failure.isEmpty() || !isMounting();
+        return !found || disk.ready || !disk.failure.isEmpty() || !isMounting() || signals.isAsked();
     };
-    if (!SxWait::pass(MOUNT_MS, isDecided)) {
+    const bool isKnown = SxWait::pass(MOUNT_MS, isDecided);
+    requireNoStop(signals);
+    if (!isKnown) {
         throw SxException("Image '" + image + "' is being mounted by process " + disk.mounterPid, UNIT,
                           __LINE__);
     }
@@ -160,8 +166,9 @@ void breakOff(const SxString& image) {
 
 /// Does one mount on a thread of its own, since it can't be broken off. A stop takes back what it has made,
 /// and raises.
-void mountUntilStopped(ZqMountMgr* manager, const ZqMountMgr::MountRequest& request) {
-    const StopSignals signals;
+void mountUntilStopped(ZqMountMgr* manager, const ZqMountMgr::MountRequest& request,
+                       const StopSignals& signals) {
+    requireNoStop(signals);
     FunctionJob job([&](ZqTaskMon*) { manager->mountImageZQF(request, "monitoring"); });
     job.start();
     while (job.isRunning()) {
@@ -174,12 +181,12 @@ void mountUntilStopped(ZqMountMgr* manager, const ZqMountMgr::MountRequest& requ
         return;
     }
     if (!job.hasException()) manager->umountImage(request.image, false);
-    throw SxException(SxException::STOPPED, "stopped", UNIT, __LINE__);
+    requireNoStop(signals);
 }
 
 /// False where another client mounts the image at the same time.
 bool mountOrYield(ZqMountMgr* manager, ZqMountMgr::MountMode mode, const ZqAppParams& app,
-                  const ZqImageParams& params, const MountOptions& options) {
+                  const ZqImageParams& params, const MountOptions& options, const StopSignals& signals) {
     try {
         ZqMountMgr::MountRequest request{mode,
                                          params.deviceMode,
@@ -189,7 +196,7 @@ bool mountOrYield(ZqMountMgr* manager, ZqMountMgr::MountMode mode, const ZqAppPa
                                          static_cast<uint64>(params.emulatedSectorSize),
                                          presentBlocks(ZqImageFolder::prefix(options.image), app, params)};
         request.noLaunchers = options.noLaunchers;
-        mountUntilStopped(manager, request);
+        mountUntilStopped(manager, request, signals);
         return true;
     } catch (const SxException& e) {
         if (e.hasTag(SxException::STOPPED)) throw;
@@ -214,8 +221,9 @@ int mount(const MountOptions& options, Output& out) {
     if (const char* given = options.net.findGiven()) {
         throw SxException(SxString(given) + " goes with --url", UNIT, __LINE__);
     }
+    const StopSignals signals;
     ZqMountMgr manager;
-    if (isMountedWhole(&manager, options.image)) {
+    if (isMountedWhole(&manager, options.image, signals)) {
         if (!options.mode.isEmpty() || !options.trace.isEmpty() || options.failOnMissing ||
             options.noLaunchers) {
             out.finding("The options have no effect on a drive that is there already");
@@ -235,8 +243,8 @@ int mount(const MountOptions& options, Output& out) {
     bool lostWrites = false;
     manager.removeLeftovers(options.image, &lostWrites);
     if (lostWrites) Output::failure(lostWritesText(options.image));
-    while (!mountOrYield(&manager, mode, app, params, options)) {
-        if (!isMountedWhole(&manager, options.image)) continue;
+    while (!mountOrYield(&manager, mode, app, params, options, signals)) {
+        if (!isMountedWhole(&manager, options.image, signals)) continue;
         tellMount(options.image, "Mounted already", &out);
         return ExitSuccess;
     }
