@@ -149,7 +149,7 @@ TEST_F(StatsRun, ARunWhoseDriveGoesLeavesARecordThatCanBeRead) {
     const SxSymbol status = parsed(done({"status", got, "--json"}));
     EXPECT_GT(number(status, "bytesFromFile") + number(status, "bytesDelivered"), 7'000'000);
     EXPECT_GE(number(status, "waits"), number(status, "held"));
-    done({"umount", got});
+    done({"umount", got, "--force"});
     EXPECT_EQ(player->end(), 1) << player->says();
     release();
     EXPECT_GT(number(lastRecord().getElem("accuracy"), "judgedMs"), 0);

@@ -173,8 +173,12 @@ TEST_F(StreamRun, ASignalEndsItAtOnceAtEachStage) {
         // With an application it is a good end; one can be there before the last stage, and wait for its
         // script.
         EXPECT_THAT(player->says(), HasSubstr(code == 0 ? "ended by you" : "stopped"));
-        if (!fs::exists(got + "/runs")) EXPECT_EQ(code, 1) << player->says();
-        if (hasStarted()) EXPECT_EQ(code, 0) << player->says();
+        if (!fs::exists(got + "/runs")) {
+            EXPECT_EQ(code, 1) << player->says();
+        }
+        if (hasStarted()) {
+            EXPECT_EQ(code, 0) << player->says();
+        }
         EXPECT_FALSE(isMounted());
     }
     server->setRate(0);
