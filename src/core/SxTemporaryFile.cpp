@@ -4,6 +4,7 @@
 #include "SxFSAction.h"
 #include "SxOs.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <random>
 #include <vector>
@@ -74,4 +75,10 @@ bool SxTemporaryFile::isName(const SxString& name, const SxString& of) {
         return false;
     }
     return text.find_first_not_of("0123456789abcdef", begin.size()) == begin.size() + N_DIGITS;
+}
+
+SxString SxTemporaryFile::targetOf(const SxString& name) {
+    const size_t nAdded = 1 + N_DIGITS + TEMPORARY.size(), n = name.str().size();
+    const SxString target = name.str().substr(0, n - std::min(n, nAdded));
+    return isName(name, target) ? target : SxString();
 }

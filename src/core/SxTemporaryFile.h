@@ -26,6 +26,8 @@ public:
     static void removeDead(const SxString& path);
     /// Whether `name` is one that such a file has for `of`; both without their folder.
     static bool isName(const SxString& name, const SxString& of);
+    /// The name that a file of such a name is to get; empty where it is none. Both without their folder.
+    static SxString targetOf(const SxString& name);
 
 private:
     const SxString path;

@@ -4,6 +4,7 @@
 #include "SxTemporaryFile.h"
 #include "ZqImageFiles.h"
 #include "ZqImageFolder.h"
+#include "ZqRunFiles.h"
 #include "ZqTraceFiles.h"
 
 #include <algorithm>
@@ -42,8 +43,6 @@ constexpr std::string_view FILES[] = {ZqImageFiles::ZQF,
 /// Folders that hold nothing else.
 constexpr std::string_view FOLDERS[] = {ZqImageFiles::STAGING, ZqImageFiles::OPTIMIZE_WORK,
                                         ZqImageFiles::OPTIMIZE_INDEX, ZqImageFiles::PATCH_WORK, "patching/"};
-/// Folders in which others may keep something, too.
-constexpr std::string_view MIXED[] = {ZqImageFiles::TRACES, ZqImageFiles::RUNS};
 /// What a file that is on its way has after its name.
 constexpr std::string_view ENDS[] = {ZqImageFiles::SYNCED, ".new"};
 
@@ -51,59 +50,48 @@ bool holds(const auto& list, std::string_view name) {
     return std::find(std::begin(list), std::end(list), name) != std::end(list);
 }
 
-/// The name of a file that takes the place of another once it is written, without what it has for that.
-std::string_view withoutTemporary(std::string_view name) {
-    constexpr size_t N_ADDED = sizeof ".01234567.tmp" - 1;
-    if (name.size() <= N_ADDED) return name;
-    const std::string_view begin = name.substr(0, name.size() - N_ADDED);
-    return SxTemporaryFile::isName(SxString(name), SxString(begin)) ? begin : name;
-}
-
-/// Of traces and of records of runs.
-bool isBelowMixed(std::string_view within, std::string_view name) {
-    name = withoutTemporary(name);
-    if (within.starts_with(ZqImageFiles::RUNS)) return name.ends_with(".json");
-    return name == ZqTraceFiles::ITEMS || name == ZqTraceFiles::RECORD || name == ZqTraceFiles::LOCK;
+/// Whether a file, or a link, of that name in the image folder is the image's.
+bool isOwnFile(const SxString& name) {
+    const SxString target = SxTemporaryFile::targetOf(name);
+    const SxString& of = target.isEmpty() ? name : target;
+    std::string_view begin = of.str();
+    for (const std::string_view end : ENDS) {
+        if (begin.ends_with(end)) begin.remove_suffix(end.size());
+    }
+    return holds(FILES, begin) || begin.starts_with(ZqImageFiles::SPLIT_PART);
 }
 
 } // namespace
 
-ZqImageContent::Kind ZqImageContent::kindOf(const std::string& name) {
-    std::string_view begin = withoutTemporary(name);
-    for (const std::string_view end : ENDS) {
-        if (begin.ends_with(end)) begin.remove_suffix(end.size());
-    }
-    if (holds(FILES, begin) || begin.starts_with(ZqImageFiles::SPLIT_PART)) return Own;
-    if (holds(FOLDERS, name + "/")) return Own;
-    return holds(MIXED, name + "/") ? Mixed : Foreign;
-}
-
 ZqImageContent::ZqImageContent(const SxString& image) : folder(ZqImageFolder::prefix(image)) {
     for (const SxFileInfo& entry : SxFSAction::ls(folder)) {
-        const std::string name = entry.getName().str();
-        const Kind kind = kindOf(name);
-        const bool isFolder = entry.isDir() && !entry.isLink();
-        if (!isFolder) {
-            take(entry.getOrig(), kind != Foreign);
-        } else if (kind == Foreign || !(holds(FOLDERS, name + "/") || kind == Mixed)) {
-            lookInto(entry.getOrig(), false, "");
+        const std::string name = entry.getName().str() + "/";
+        Within within = holds(FOLDERS, name) ? Whole : Others;
+        if (name == ZqImageFiles::TRACES) within = Traces;
+        if (name == ZqImageFiles::RUNS) within = Runs;
+        if (entry.isDir() && !entry.isLink()) {
+            lookInto(entry.getOrig(), within);
         } else {
-            lookInto(entry.getOrig(), kind == Own, name + "/");
+            take(entry.getOrig(), within != Others || isOwnFile(entry.getName()));
         }
     }
 }
 
-/// `within`: the folder of the image's that it lies in; empty for one of somebody else's.
-void ZqImageContent::lookInto(const SxString& path, bool isAllOwn, const std::string& within) {
+void ZqImageContent::lookInto(const SxString& path, Within within) {
     for (const SxFileInfo& entry : SxFSAction::ls(path)) {
+        const SxString name = entry.getName();
         if (entry.isDir() && !entry.isLink()) {
-            lookInto(entry.getOrig(), isAllOwn, within);
+            lookInto(entry.getOrig(), within == Whole ? Whole : within == Traces ? Trace : Others);
+        } else if (within == Whole) {
+            take(entry.getOrig(), true);
         } else {
-            take(entry.getOrig(),
-                 isAllOwn || (!within.empty() && isBelowMixed(within, entry.getName().str())));
+            // Nothing there is made as a link.
+            const bool isOwnName =
+                (within == Runs && ZqRunFiles::isOwn(name)) || (within == Trace && ZqTraceFiles::isOwn(name));
+            take(entry.getOrig(), isOwnName && !entry.isLink());
         }
     }
-    if (!within.empty()) folders << path;
+    if (within != Others) folders << path;
 }
 
 void ZqImageContent::take(const SxString& path, bool isOwn) {

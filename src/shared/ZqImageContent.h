@@ -23,10 +23,10 @@ public:
     void remove() const;
 
 private:
-    enum Kind { Foreign, Own, Mixed };
+    /// What of a folder is the image's: nothing, all of it, or what has the names that are written there.
+    enum Within { Others, Whole, Runs, Traces, Trace };
 
-    static Kind kindOf(const std::string& name);
-    void lookInto(const SxString& folder, bool isAllOwn, const std::string& within);
+    void lookInto(const SxString& path, Within within);
     void take(const SxString& path, bool isOwn);
 
     const SxString folder;           ///< with a slash at the end

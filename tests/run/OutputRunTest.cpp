@@ -77,6 +77,9 @@ TEST_F(OutputRun, OneThatSaysTooMuchFillsNoDisk) {
     EXPECT_THAT(text, EndsWith("\nthe end\n"));
     EXPECT_THAT(text, HasSubstr("\n[tavrin: 215805704 bytes are left out here]\n"));
     EXPECT_EQ(text.find('\0'), string::npos);
+    // What runs have left there goes with the image.
+    EXPECT_EQ(run({"remove", image, "--yes"}).code, 0);
+    EXPECT_FALSE(fs::exists(image));
 }
 
 TEST_F(OutputRun, ItLivesOnWhereItsRunIsKilled) {

@@ -19,11 +19,26 @@ TEST(ImageContent, OnlyTheImagesOwnFilesGo) {
                                "image.new/any/thing",
                                "traces/2026/img.trc",
                                "traces/2026/trace.json.0123abcd.tmp",
-                               "runs/2026-ab.json",
+                               "traces/2026/sources.json",
+                               "runs/2026-11-27T12-35-01Z-0123abcd.json",
+                               "runs/2026-11-27T12-35-01Z-0123abcd.json.0123abcd.tmp",
+                               "runs/2026-11-27T12-35-01Z.log",
+                               "runs/2026-11-27T12-35-01Z.log.0123abcd.tmp",
+                               "runs/preparations.json",
                                "write.log"};
-    const char* const others[] = {"notes.txt",           "img.zqf.bak", "app.json.0123abcx.tmp",
-                                  "traces/2026/me.txt",  "runs/me.txt", "mine/img.zqf",
-                                  "mine/traces/img.trc", "app.json.tmp"};
+    const char* const others[] = {"notes.txt",
+                                  "img.zqf.bak",
+                                  "app.json.0123abcx.tmp",
+                                  "traces/2026/me.txt",
+                                  "runs/me.txt",
+                                  "mine/img.zqf",
+                                  "mine/traces/img.trc",
+                                  "app.json.tmp",
+                                  "runs/mine.json",
+                                  "runs/mine/2026-11-27T12-35-01Z.log",
+                                  "runs/mine.log",
+                                  "traces/img.trc",
+                                  "traces/2026/mine/img.trc"};
     for (const char* name : own)
         dir.write(name, std::string(5000, 'x'));
     for (const char* name : others)

@@ -7,7 +7,7 @@
 #include "ZqImageFiles.h"
 #include "ZqImageFolder.h"
 #include "ZqLog.h"
-#include "ZqRunStamp.h"
+#include "ZqRunFiles.h"
 
 #include <algorithm>
 #include <string_view>
@@ -16,33 +16,14 @@
 namespace {
 
 constexpr const char* UNIT = "src/base/ZqGameOutput";
-constexpr std::string_view PATTERN = "dddd-dd-ddTdd-dd-ddZ.log";
-constexpr const char* END = ".log";
 constexpr int64 PART = ZqGameOutput::PART;
 /// What may come after the first part before something is given back, so that this isn't done for each line.
 constexpr int64 SLACK = 1 << 20;
 constexpr int64 PIECE = 64 << 10;
 constexpr size_t N_LINES = 10, LINE_BYTES = 500;
 
-SxString runsFolder(const SxString& image) {
-    return ZqImageFolder::prefix(image) + ZqImageFiles::RUNS;
-}
-
 void logFailure(const SxException& e) {
     zqLogMsg("base", "ZqGameOutput: " + e.toString(SxException::ShowMessage, ": "));
-}
-
-/// Names of the logs, in order of time.
-std::vector<SxString> listLogs(const SxString& image) {
-    std::vector<SxString> names;
-    if (!SxFSAction::test_d(runsFolder(image))) return names;
-    for (const SxFileInfo& entry : SxFSAction::ls(runsFolder(image))) {
-        const auto info = SxFSAction::look(entry.getOrig());
-        const bool isFile = info && info->kind == SxStat::File; // and not a link, which may lead anywhere
-        if (isFile && ZqRunStamp::matches(entry.getName(), PATTERN)) names.push_back(entry.getName());
-    }
-    std::sort(names.begin(), names.end());
-    return names;
 }
 
 std::string omission(int64 n) {
@@ -102,19 +83,16 @@ void assemble(const SxString& file, const std::string& tail, int64 nCut) {
 }
 
 /// Brings the logs of former runs, of which some may have been killed, into shape, and removes the oldest.
-void tidy(const SxString& image) {
-    const std::vector<SxString> names = listLogs(image);
-    for (size_t i = 0; i < names.size(); ++i) {
-        const SxString file = runsFolder(image) + names[i];
+void tidy(const ZqRunFiles& files) {
+    // One too many, or a long one, is no harm.
+    for (const SxException& e : files.removeOld(ZqGameOutput::KEPT - 1))
+        logFailure(e);
+    for (const SxString& name : files.list()) {
+        const SxString file = files.getFolder() + name;
         try {
-            SxFileIO::tidyAfterWriters(file);
-            if (i + ZqGameOutput::KEPT <= names.size()) {
-                SxFSAction::rm(file);
-            } else if (SxOs::get().isOpen(SxOs::hostPath(file)) != 1) {
-                assemble(file, "", 0);
-            }
+            if (SxOs::get().isOpen(SxOs::hostPath(file)) != 1) assemble(file, "", 0);
         } catch (const SxException& e) {
-            logFailure(e); // one too many, or a long one, is no harm
+            logFailure(e);
         }
     }
 }
@@ -146,14 +124,13 @@ void ZqGameOutput::begin(int64 timeMs) {
 }
 
 void ZqGameOutput::make(int64 timeMs) {
-    const SxString folder = runsFolder(image);
+    const ZqRunFiles files(image, ZqRunFiles::Log);
     ZqImageFolder::requireNoLink(image, ZqImageFiles::RUNS);
-    SxFSAction::mkdir_p(folder, 0777);
-    tidy(image);
+    SxFSAction::mkdir_p(files.getFolder(), 0777);
+    tidy(files);
     // A program that can't write what it says may end for that, so it isn't given the last of a disk.
-    ZqImageFolder::requireSpace(folder, static_cast<uint64>(2 * PART + SLACK));
-    const std::vector<SxString> names = listLogs(image);
-    file = folder + ZqRunStamp::next(timeMs, names.empty() ? SxString() : names.back()) + END;
+    ZqImageFolder::requireSpace(files.getFolder(), static_cast<uint64>(2 * PART + SLACK));
+    file = files.next(timeMs);
     constexpr unsigned NEW = SxOs::Create | SxOs::Exclusive | SxOs::NoFollow;
     appFd = SxOs::get().open(SxOs::hostPath(file), SxOs::Write | SxOs::Append | NEW, 0600);
     if (appFd < 0) {
@@ -175,9 +152,10 @@ void ZqGameOutput::open() {
 void ZqGameOutput::adopt() {
     try {
         ZqImageFolder::requireNoLink(image, ZqImageFiles::RUNS);
-        const std::vector<SxString> names = listLogs(image);
+        const ZqRunFiles files(image, ZqRunFiles::Log);
+        const std::vector<SxString> names = files.list();
         if (names.empty()) return;
-        file = runsFolder(image) + names.back();
+        file = files.getFolder() + names.back();
         // The application may have none, and then that is a former one's.
         if (SxOs::get().isOpen(SxOs::hostPath(file)) == 0) {
             file = SxString();

@@ -1,14 +1,12 @@
 #include "ZqRunRecord.h"
 
 #include "SxException.h"
-#include "SxFSAction.h"
-#include "SxFileIO.h"
 #include "ZqImageFiles.h"
 #include "ZqImageFolder.h"
 #include "ZqLog.h"
 #include "ZqPreparations.h"
 #include "ZqRecordFile.h"
-#include "ZqRunStamp.h"
+#include "ZqRunFiles.h"
 
 #include <algorithm>
 #include <array>
@@ -20,67 +18,9 @@ namespace {
 constexpr const char* UNIT = "src/base/ZqRunRecord";
 constexpr const char* SCHEMA = "zqrun-schema.json";
 constexpr int64 MS_PER_S = 1000;
-constexpr const char* END = ".json";
-constexpr size_t N_ID = 8; ///< digits of the id in a record's name
-/// What the name of a record looks like, see ZqRunStamp::matches().
-constexpr std::string_view PATTERN = "dddd-dd-ddTdd-dd-ddZ-xxxxxxxx.json";
-/// Characters of a record's path below its image folder.
-constexpr size_t N_BELOW = std::string_view(ZqImageFiles::RUNS).size() + PATTERN.size();
 
-SxString runsFolder(const SxString& image) {
-    return ZqImageFolder::prefix(image) + ZqImageFiles::RUNS;
-}
-
-/// Others that lie there aren't ours to be removed.
-bool isRecordName(const SxString& name) {
-    return ZqRunStamp::matches(name, PATTERN);
-}
-
-/// Names of the records, in order of time.
-std::vector<SxString> listRecords(const SxString& image) {
-    std::vector<SxString> names;
-    if (!SxFSAction::test_d(runsFolder(image))) return names;
-    for (const SxFileInfo& entry : SxFSAction::ls(runsFolder(image))) {
-        const auto info = SxFSAction::look(entry.getOrig());
-        const bool isFile = info && info->kind == SxStat::File; // and not a link, which may lead anywhere
-        if (isFile && isRecordName(entry.getName())) names.push_back(entry.getName());
-    }
-    std::sort(names.begin(), names.end());
-    return names;
-}
-
-/// A name that comes after all others, so that the newest record stays so where the machine's clock was set
-/// back.
-SxString newFile(const SxString& image, const ZqRuntimeInfo& info) {
-    const std::vector<SxString> names = listRecords(image);
-    const SxString newest = names.empty() ? SxString() : names.back();
-    return runsFolder(image) + ZqRunStamp::next(info.time0, newest) + "-" + info.id.str().substr(0, N_ID) +
-           END;
-}
-
-/// What runs have left that were killed while they wrote their records.
-void tidy(const SxString& image) {
-    constexpr size_t N_TEMPORARY = 13;
-    for (const SxFileInfo& entry : SxFSAction::ls(runsFolder(image))) {
-        const SxString name = entry.getName();
-        const SxString of =
-            name.str().substr(0, name.str().size() - std::min(name.str().size(), N_TEMPORARY));
-        if (isRecordName(of) && SxFileIO::isTemporaryName(name, of))
-            SxFileIO::tidyAfterWriters(runsFolder(image) + of);
-    }
-}
-
-void removeOld(const SxString& image) {
-    tidy(image);
-    const std::vector<SxString> names = listRecords(image);
-    for (size_t i = 0; i + static_cast<size_t>(ZqRunRecord::KEPT) < names.size(); ++i) {
-        try {
-            SxFSAction::rm(runsFolder(image) + names[i]);
-        } catch (const SxException& e) {
-            // One too many is no harm.
-            zqLogMsg("base", "ZqRunRecord: " + e.toString(SxException::ShowMessage, ": "));
-        }
-    }
+void logFailure(const SxException& e) {
+    zqLogMsg("base", "ZqRunRecord: " + e.toString(SxException::ShowMessage, ": "));
 }
 
 /// Where nothing stands a time is not known.
@@ -207,7 +147,7 @@ void ZqRunRecord::appendTransfer(SxSymbol* root) const {
 void ZqRunRecord::write(const SxString& folder) {
     bool isNoted = false;
     if (file.isEmpty()) {
-        file = newFile(folder, info);
+        file = ZqRunFiles(folder, ZqRunFiles::Record).next(info.time0, info.id);
         const ZqPreparations done = ZqPreparations::read(folder);
         info.patchStats = done.patch;
         info.defragStats = done.defrag;
@@ -215,17 +155,19 @@ void ZqRunRecord::write(const SxString& folder) {
     }
     rewrite();
     if (isNoted) ZqPreparations::clear(folder);
-    removeOld(folder);
+    // One too many is no harm.
+    for (const SxException& e : ZqRunFiles(folder, ZqRunFiles::Record).removeOld(static_cast<size_t>(KEPT)))
+        logFailure(e);
 }
 
 void ZqRunRecord::rewrite() const {
     try {
         SxSymbol root = toJson();
         // The folder's place is no matter of the run, and the image may be moved.
-        const std::string parent = file.str().substr(0, file.str().size() - N_BELOW);
-        ZqImageFolder::requireNoLink(SxString(parent), ZqImageFiles::RUNS);
+        const SxString parent = ZqRunFiles::imageOf(file);
+        ZqImageFolder::requireNoLink(parent, ZqImageFiles::RUNS);
         if (traceFolder.startsWith(parent))
-            root.setElem("traceFolder", SxString(traceFolder.str().substr(parent.size())));
+            root.setElem("traceFolder", SxString(traceFolder.str().substr(parent.str().size())));
         if (!info.clientToken.isEmpty()) root.append("clientToken", info.clientToken);
         ZqRecordFile::write(root, file, 0600);
     } catch (const SxException& e) {
@@ -285,7 +227,7 @@ std::optional<ZqRunRecord> ZqRunRecord::findOpen(const SxString& folder) {
     SxList<SxException> failures;
     const SxList<ZqRunRecord> newest = readLast(folder, 1, &failures);
     for (const SxException& e : failures)
-        zqLogMsg("base", "ZqRunRecord: " + e.toString(SxException::ShowMessage, ": "));
+        logFailure(e);
     if (newest.isEmpty() || newest.first().asOfMs == 0) return {};
     return newest.first();
 }
@@ -328,9 +270,10 @@ void ZqRunRecord::goOnFrom(const ZqRunRecord& former, int64 gapMs) {
 }
 
 void ZqRunRecord::noteToken(const SxString& folder, const SxString& id, const SxString& token) {
-    for (const SxString& name : listRecords(folder)) {
-        if (!name.endsWith("-" + id.str().substr(0, N_ID) + END)) continue;
-        ZqRunRecord record = read(runsFolder(folder) + name);
+    const ZqRunFiles files(folder, ZqRunFiles::Record);
+    for (const SxString& name : files.list()) {
+        if (!ZqRunFiles::isRecordOf(name, id)) continue;
+        ZqRunRecord record = read(files.getFolder() + name);
         if (!(record.info.id == id)) continue;
         record.info.clientToken = token;
         record.rewrite();
@@ -338,12 +281,13 @@ void ZqRunRecord::noteToken(const SxString& folder, const SxString& id, const Sx
 }
 
 SxList<ZqRunRecord> ZqRunRecord::readLast(const SxString& folder, int64 n, SxList<SxException>* failures) {
-    const std::vector<SxString> names = listRecords(folder);
+    const ZqRunFiles files(folder, ZqRunFiles::Record);
+    const std::vector<SxString> names = files.list();
     SxList<ZqRunRecord> records;
     const size_t first = names.size() - std::min(names.size(), static_cast<size_t>(std::max<int64>(n, 0)));
     for (size_t i = first; i < names.size(); ++i) {
         try {
-            records << read(runsFolder(folder) + names[i]);
+            records << read(files.getFolder() + names[i]);
             records.last().info.path = folder;
         } catch (const SxException& e) {
             *failures << e;

@@ -17,27 +17,6 @@
 
 using SxParserKit::SxSymbol;
 
-namespace {
-
-constexpr const char* NOTE = "sources.json";
-
-/// Whether a cut may have left a file of that name in a trace folder.
-bool isRestName(const SxString& name) {
-    if (name == NOTE || name == ZqTraceFiles::LOCK) return true;
-    for (const char* file : {ZqTraceFiles::ITEMS, ZqTraceFiles::RECORD, NOTE}) {
-        // Former versions wrote under the second name.
-        if (SxFileIO::isTemporaryName(name, file) || name == SxString(file) + ".tmp") return true;
-    }
-    return false;
-}
-
-/// Whether a file of that name is a trace's, or what a cut may have left of one.
-bool isTraceName(const SxString& name) {
-    return name == ZqTraceFiles::ITEMS || name == ZqTraceFiles::RECORD || isRestName(name);
-}
-
-} // namespace
-
 bool ZqTraceSources::isPlainName(const SxString& name) {
     return !name.isEmpty() && !(name == ".") && !(name == "..") && name.contains("/") == 0;
 }
@@ -47,14 +26,14 @@ bool ZqTraceSources::isTraceFolder(const SxString& path) {
     for (const SxFileInfo& info : SxFSAction::ls(path)) {
         const SxString name = info.getName();
         if (name == ZqTraceFiles::ITEMS || name == ZqTraceFiles::RECORD) return true;
-        isRest = isRest && isRestName(name);
+        isRest = isRest && ZqTraceFiles::isRest(name);
     }
     return isRest;
 }
 
 bool ZqTraceSources::holdsTraceAlone(const SxString& path) {
     for (const SxFileInfo& info : SxFSAction::ls(path)) {
-        if (info.isDir() || !isTraceName(info.getName())) return false;
+        if (info.isDir() || !ZqTraceFiles::isOwn(info.getName())) return false;
     }
     return true;
 }
@@ -108,17 +87,17 @@ void ZqTraceSources::write(const SxString& path) const {
         entry.append("record", folder.record);
         entry.append("size", folder.size);
     }
-    ZqRecordFile::write(root, path + NOTE);
+    ZqRecordFile::write(root, path + ZqTraceFiles::SOURCES);
 }
 
 std::optional<ZqTraceSources> ZqTraceSources::read(const SxString& path) {
     // A trace that was cut off while it was written has no record yet.
-    if (!SxFSAction::test_f(path + NOTE) || !ZqTraceParams::isValid(path)) return {};
+    if (!SxFSAction::test_f(path + ZqTraceFiles::SOURCES) || !ZqTraceParams::isValid(path)) return {};
     // A disk that fails says nothing of the note: without it, what went in would be joined again.
-    const SxString text = SxFileIO::readUtf8(path + NOTE);
+    const SxString text = SxFileIO::readUtf8(path + ZqTraceFiles::SOURCES);
     try {
         SxJSONParser parser;
-        parser.readString(text, path + NOTE);
+        parser.readString(text, path + ZqTraceFiles::SOURCES);
         const SxSymbol root = parser.getRootSymbol();
         ZqTraceSources note(root.getElem("target").toString());
         note.aside = root.getElem("aside").toString();
@@ -133,9 +112,11 @@ std::optional<ZqTraceSources> ZqTraceSources::read(const SxString& path) {
             note.folders.push_back(folder);
         }
         if (isSound) return note;
-        zqLogMsg("base", "ZqTraceBuilder::main: " + path + NOTE + " names what is no folder of traces");
+        zqLogMsg("base", "ZqTraceBuilder::main: " + path + ZqTraceFiles::SOURCES +
+                             " names what is no folder of traces");
     } catch (const SxException& e) {
-        zqLogMsg("base", "ZqTraceBuilder::main: Cannot read " + path + NOTE + ": " + e.what());
+        zqLogMsg("base",
+                 "ZqTraceBuilder::main: Cannot read " + path + ZqTraceFiles::SOURCES + ": " + e.what());
     }
     return {};
 }
@@ -163,7 +144,7 @@ bool ZqTraceSources::isAsNoted(const SxString& tracesPath, const Folder& noted) 
 /// Removes the files of a trace alone.
 void ZqTraceSources::removeTrace(const SxString& path) {
     for (const SxFileInfo& info : SxFSAction::ls(path)) {
-        if (!info.isDir() && isTraceName(info.getName())) SxFSAction::rm(info.getAbsPath());
+        if (!info.isDir() && ZqTraceFiles::isOwn(info.getName())) SxFSAction::rm(info.getAbsPath());
     }
     SxFSAction::syncDir(path);
 }
@@ -193,7 +174,7 @@ ZqTraceSources::Gone ZqTraceSources::removeAll(const SxString& tracesPath) const
 ZqTraceSources::Gone ZqTraceSources::finish(const SxString& tracesPath, const SxString& name) const {
     if (!(name == target)) putInPlace(tracesPath, name);
     Gone gone = removeAll(tracesPath);
-    SxFSAction::rm(tracesPath + target + "/" + NOTE);
+    SxFSAction::rm(tracesPath + target + "/" + ZqTraceFiles::SOURCES);
     SxFSAction::syncDir(tracesPath + target + "/");
     return gone;
 }
