@@ -77,6 +77,8 @@ TEST_F(OutputRun, OneThatSaysTooMuchFillsNoDisk) {
     EXPECT_THAT(text, EndsWith("\nthe end\n"));
     EXPECT_THAT(text, HasSubstr("\n[tavrin: 215805704 bytes are left out here]\n"));
     EXPECT_EQ(text.find('\0'), string::npos);
+    EXPECT_EQ(play("echo again\n").code, 0);
+    EXPECT_TRUE(read(logs()[0]) == text) << "the next run has changed it";
     // What runs have left there goes with the image.
     EXPECT_EQ(run({"remove", image, "--yes"}).code, 0);
     EXPECT_FALSE(fs::exists(image));

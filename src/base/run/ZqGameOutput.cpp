@@ -26,8 +26,10 @@ void logFailure(const SxException& e) {
     zqLogMsg("base", "ZqGameOutput: " + e.toString(SxException::ShowMessage, ": "));
 }
 
+constexpr std::string_view OMISSION = "[tavrin: ", OMISSION_END = " bytes are left out here]\n";
+
 std::string omission(int64 n) {
-    return "[tavrin: " + SxString(n).str() + " bytes are left out here]\n";
+    return std::string(OMISSION) + SxString(n).str() + std::string(OMISSION_END);
 }
 
 /// As many of the `n` bytes at `offset` as are there.
@@ -64,13 +66,34 @@ std::string lastBytes(int fd, int64 size, const std::string& tail, int64 n) {
     return lastOf(tail + readAt(fd, size - nFile, nFile), n);
 }
 
+/// What stands after the first part of a text that assemble() has made.
+struct Omission {
+    int64 nOut = 0;   ///< bytes that are left out; 0 where there is no such line
+    int64 nBytes = 0; ///< of the line, with the line feed in front of it, if one was added
+};
+
+Omission findOmission(int fd) {
+    constexpr int64 LONGEST = 80;
+    constexpr size_t N_DIGITS = 15;
+    const std::string text = readAt(fd, PART, LONGEST);
+    const size_t begin = text.starts_with('\n') ? 1 : 0;
+    const size_t end = text.find(OMISSION_END);
+    const size_t digits = begin + OMISSION.size();
+    if (text.find(OMISSION) != begin || end == std::string::npos || end <= digits) return {};
+    const std::string number = text.substr(digits, end - digits);
+    if (number.size() > N_DIGITS || number.find_first_not_of("0123456789") != std::string::npos) return {};
+    return {std::stoll(number), static_cast<int64>(end + OMISSION_END.size())};
+}
+
 /// Makes the file a plain text: its first part, how much is left out, and its last part. `nCut` bytes were
-/// cut away already, of which `tail` came last.
+/// cut away already, of which `tail` came last. One that is such a text stays as it is, and counts as all
+/// that it was made of where more has come since.
 void assemble(const SxString& file, const std::string& tail, int64 nCut) {
     SxFileIO old(file, "rb");
     const int64 size = old.getSize();
-    const int64 nOut = size + nCut - 2 * PART;
-    if (nOut <= 0) return;
+    const Omission former = tail.empty() ? findOmission(old.getFd()) : Omission{};
+    const int64 nOut = size + nCut + former.nOut - former.nBytes - 2 * PART;
+    if (nOut <= 0 || nOut == former.nOut) return;
     SxFileIO::writeAtomic(
         file,
         [&](SxFileIO* text) {

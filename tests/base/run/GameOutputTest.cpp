@@ -79,6 +79,8 @@ TEST_F(GameOutput, OfALongOutputTheBeginAndTheEndStay) {
         EXPECT_EQ(output.getLastLines().last(), SxString("line " + std::to_string(nLines)));
         output.end();
         EXPECT_TRUE(dir.read(LOG) == shortened()) << hasHoles;
+        ZqGameOutput{SxString(image), false}.begin(TIME + 60'000);
+        EXPECT_TRUE(dir.read(LOG) == shortened()) << hasHoles << ": the next run has changed it";
         EXPECT_EQ(fs::status(dir.path(LOG)).permissions(), fs::perms(0600));
         EXPECT_EQ(logged.find("can't be given back") != std::string::npos, !hasHoles) << logged;
     }
