@@ -105,21 +105,6 @@ void assemble(const SxString& file, const std::string& tail, int64 nCut) {
         0600);
 }
 
-/// Brings the logs of former runs, of which some may have been killed, into shape, and removes the oldest.
-void tidy(const ZqRunFiles& files) {
-    // One too many, or a long one, is no harm.
-    for (const SxException& e : files.removeOld(ZqGameOutput::KEPT - 1))
-        logFailure(e);
-    for (const SxString& name : files.list()) {
-        const SxString file = files.getFolder() + name;
-        try {
-            if (SxOs::get().isOpen(SxOs::hostPath(file)) != 1) assemble(file, "", 0);
-        } catch (const SxException& e) {
-            logFailure(e);
-        }
-    }
-}
-
 } // namespace
 
 ZqGameOutput::ZqGameOutput(SxString image_, bool isRead_) : image(std::move(image_)), isRead(isRead_) {
@@ -150,7 +135,6 @@ void ZqGameOutput::make(int64 timeMs) {
     const ZqRunFiles files(image, ZqRunFiles::Log);
     ZqImageFolder::requireNoLink(image, ZqImageFiles::RUNS);
     SxFSAction::mkdir_p(files.getFolder(), 0777);
-    tidy(files);
     // A program that can't write what it says may end for that, so it isn't given the last of a disk.
     ZqImageFolder::requireSpace(files.getFolder(), static_cast<uint64>(2 * PART + SLACK));
     file = files.next(timeMs);
@@ -161,6 +145,26 @@ void ZqGameOutput::make(int64 timeMs) {
                           UNIT, __LINE__);
     }
     open();
+}
+
+void ZqGameOutput::tidy() const {
+    const ZqRunFiles files(image, ZqRunFiles::Log);
+    // One too many, or a long one, is no harm.
+    for (const SxException& e : files.removeOld(KEPT))
+        logFailure(e);
+    try {
+        for (const SxString& name : files.list()) {
+            const SxString former = files.getFolder() + name;
+            if (former == file || SxOs::get().isOpen(SxOs::hostPath(former)) == 1) continue;
+            try {
+                assemble(former, "", 0);
+            } catch (const SxException& e) {
+                logFailure(e);
+            }
+        }
+    } catch (const SxException& e) {
+        logFailure(e);
+    }
 }
 
 void ZqGameOutput::open() {

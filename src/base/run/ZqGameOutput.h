@@ -4,14 +4,15 @@
 #include "SxMutex.h"
 #include "SxString.h"
 
+#include <atomic>
 #include <string>
 
 /// What the application of a run says: its standard output and error, in the file `runs/TIME.log` of the
 /// image, for its user alone. The first and the last PART bytes of it stay, and those of the last KEPT runs.
 /// The application writes into the file itself and needs nobody to take it: so it lives on where its run is
 /// killed, and the next run goes on with the file. Whatever is wrong with the file, the application starts:
-/// what it says then goes nowhere, and the log says so. Nothing here raises. Of the run's thread, but for
-/// readNext().
+/// what it says then goes nowhere, and the log says so. Nothing here raises. Of one thread, which may be
+/// another one after begin() or adopt(), but for getFile() and readNext().
 class ZqGameOutput {
 public:
     static constexpr int64 PART = 2 << 20;
@@ -31,8 +32,11 @@ public:
     void adopt();
     /// The descriptor for the application to write to; it stays this object's. -1 before begin().
     int getFd() const { return appFd; }
-    /// Empty where there is none.
+    /// Empty where there is none. Safe from any thread after begin() or adopt().
     const SxString& getFile() const { return file; }
+    /// Brings the logs of former runs, of which some may have been killed, into shape, and removes the
+    /// oldest.
+    void tidy() const;
     /// Gives the room of what has become too much back to the disk. To be called often while the application
     /// runs: it costs next to nothing as long as that says nothing.
     void trim();
@@ -43,7 +47,7 @@ public:
     SxList<SxString> getLastLines() const;
 
     /// The next piece of what the application says; empty where it has said no more by now. What wasn't read
-    /// soon enough is left out, with a line that says how much. Safe from any one thread beside the run's.
+    /// soon enough is left out, with a line that says how much. Safe from any one thread beside.
     std::string readNext() SX_EXCLUDES(mutex);
 
 private:
@@ -65,7 +69,8 @@ private:
     const SxString image;
     const bool isRead;
     SxString file;
-    int fd = -1, appFd = -1;
+    std::atomic<int> fd{-1}; ///< the reader may look before begin() has set it
+    int appFd = -1;
     int64 lastSize = 0;
     bool canPunch = true;
     std::string tail; ///< of a file that was cut: what came last before that

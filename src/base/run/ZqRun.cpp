@@ -13,6 +13,7 @@
 #include "ZqHeldReads.h"
 #include "ZqImageFeed.h"
 #include "ZqImageLock.h"
+#include "ZqOutputKeeper.h"
 #include "ZqRunDrive.h"
 #include "ZqRunNotes.h"
 #include "ZqRunRecording.h"
@@ -54,7 +55,7 @@ ZqRun::ZqRun(const Settings& settings_)
       note(std::make_unique<ZqApplicationNote>(image, waits.get())),
       suspension(std::make_unique<ZqAppSuspension>()),
       notes(std::make_unique<ZqRunNotes>(image)),
-      output(std::make_unique<ZqGameOutput>(image, settings.readsOutput)),
+      output(std::make_shared<ZqGameOutput>(image, settings.readsOutput)),
       statistics(std::make_unique<ZqRunStatistics>(settings, feed.get(), waits.get(), &result)) {
     setThreadName("run");
 }
@@ -208,6 +209,7 @@ bool ZqRun::adopt() {
     phase = Adopted;
     takeFormerRecord();
     output->adopt();
+    keepOutput();
     launched = std::make_unique<const ZqAppParams>(feed->getApp());
     guard = std::make_unique<ZqCoreAppGuard>(image, *launched, group);
     feed->applicationStarts(*launched);
@@ -300,6 +302,7 @@ void ZqRun::startApplication() {
     guard = std::make_unique<ZqCoreAppGuard>(image, *launched, mountPath, process,
                                              ZqAppRunner{settings.runner, mountPath, drive->isWritable()});
     output->begin(beginMs);
+    keepOutput();
     guard->setOutput(output->getFd());
     feed->applicationStarts(*launched);
     held->start(beginNs, SxClock::get().steadyNs());
@@ -333,7 +336,6 @@ void ZqRun::follow() {
         suspendProcess();
         feed->restoreWindow();
         if (notes->isDue()) noteRun();
-        output->trim();
         SxTime::msleep(feed->isSettled() && !firstFrame->isAwaited() ? CALM_LOOK_MS : LOOK_MS);
     }
     guard->wait();

@@ -22,6 +22,7 @@ class ZqFirstWindow;
 class ZqGameOutput;
 class ZqImageFeed;
 class ZqRunDrive;
+class ZqOutputKeeper;
 class ZqRunNotes;
 class ZqRunRecording;
 class ZqRunSampler;
@@ -112,6 +113,7 @@ private:
     bool isCalm() const;
     void complete();
     void end();
+    void keepOutput();
     void endOutput();
     void writeInfo();
     void fillResult();
@@ -135,7 +137,8 @@ private:
     const std::unique_ptr<ZqApplicationNote> note;
     const std::unique_ptr<ZqAppSuspension> suspension;
     const std::unique_ptr<ZqRunNotes> notes;
-    const std::unique_ptr<ZqGameOutput> output;
+    const std::shared_ptr<ZqGameOutput> output;
+    std::unique_ptr<ZqOutputKeeper> outputKeeper; ///< where the output has a file
     const std::unique_ptr<ZqRunStatistics> statistics;
     std::unique_ptr<const ZqAppParams> launched; ///< the record as the application is started by it
     std::unique_ptr<ZqCoreAppGuard> guard;

@@ -11,6 +11,7 @@
 #include "ZqHeldReads.h"
 #include "ZqImageFeed.h"
 #include "ZqImageFolder.h"
+#include "ZqOutputKeeper.h"
 #include "ZqRunDrive.h"
 #include "ZqRunNotes.h"
 #include "ZqRunRecording.h"
@@ -44,8 +45,8 @@ void ZqRun::end() {
             guard->wait();
             result.info.exitCode = guard->getExitCode();
             result.info.runTime = static_cast<int64>(guard->runTime) / MS_PER_S;
+            if (outputKeeper) outputKeeper->letGo();
             note->noteEnd(guard->getGroup());
-            endOutput();
         }
         const bool keep = settings.keepsMounted && result.wasStarted && feed->isVerified();
         // The play that the trace is of has ended.
@@ -60,14 +61,21 @@ void ZqRun::end() {
     feed->removeNew();
 }
 
+void ZqRun::keepOutput() {
+    if (!output->getFile().isEmpty()) outputKeeper = std::make_unique<ZqOutputKeeper>(output);
+}
+
+/// After the drive's end, which mustn't wait for a disk that hangs.
 void ZqRun::endOutput() {
-    const bool isEarly = guard->runTime < EARLY_MS;
-    if (result.isExitKnown && result.info.exitCode != 0 && isEarly) result.lastLines = output->getLastLines();
-    output->end();
+    if (!outputKeeper) return;
+    const SxList<SxString> lastLines = outputKeeper->finish();
+    const bool isEarly = guard && guard->runTime < EARLY_MS;
+    if (result.isExitKnown && result.info.exitCode != 0 && isEarly) result.lastLines = lastLines;
     result.outputFile = output->getFile();
 }
 
 void ZqRun::writeInfo() {
+    endOutput();
     result.mountPath = drive->getMountPath();
     result.driveFailure = drive->getFailure();
     result.wasBusy = drive->wasBusy();
@@ -76,6 +84,7 @@ void ZqRun::writeInfo() {
     goOn();
     notes->finish(&result);
     if (isPlay()) statistics->finish(*drive, *recording);
+    if (notes->hasComeLate(&result)) result.rewriteRecord();
 }
 
 void ZqRun::fillResult() {

@@ -144,16 +144,21 @@ void ZqRunRecord::appendTransfer(SxSymbol* root) const {
     root->append("missingBytes", nMissing);
 }
 
+void ZqRunRecord::chooseFile(const SxString& folder) {
+    if (file.isEmpty()) file = ZqRunFiles(folder, ZqRunFiles::Record).next(info.time0, info.id);
+}
+
 void ZqRunRecord::write(const SxString& folder) {
     bool isNoted = false;
-    if (file.isEmpty()) {
-        file = ZqRunFiles(folder, ZqRunFiles::Record).next(info.time0, info.id);
+    chooseFile(folder);
+    if (!isWritten) {
         const ZqPreparations done = ZqPreparations::read(folder);
         info.patchStats = done.patch;
         info.defragStats = done.defrag;
         isNoted = done.isNoted;
     }
     rewrite();
+    isWritten = true;
     if (isNoted) ZqPreparations::clear(folder);
     // One too many is no harm.
     for (const SxException& e : ZqRunFiles(folder, ZqRunFiles::Record).removeOld(static_cast<size_t>(KEPT)))
@@ -180,6 +185,7 @@ ZqRunRecord ZqRunRecord::read(const SxString& file) {
         const SxSymbol root = ZqRecordFile::read(file, SCHEMA);
         ZqRunRecord record;
         record.file = file;
+        record.isWritten = true;
         readInfo(root, &record.info);
         ZqRecordFile::get(root, "build", &record.build);
         ZqRecordFile::get(root, "order", &record.order);
@@ -234,6 +240,7 @@ std::optional<ZqRunRecord> ZqRunRecord::findOpen(const SxString& folder) {
 
 void ZqRunRecord::takeFile(const ZqRunRecord& written) {
     file = written.file;
+    isWritten = written.isWritten;
     info.patchStats = written.info.patchStats;
     info.defragStats = written.info.defragStats;
 }

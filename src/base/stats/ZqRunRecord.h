@@ -44,6 +44,9 @@ struct ZqRunRecord {
 
     /// What `runtime.json` has, `exitCode` null where it isn't known, and all else but the token.
     SxParserKit::SxSymbol toJson() const;
+    /// Chooses the file of the record among those of the image folder `folder`, if it has none. Raises where
+    /// the folder can't be read.
+    void chooseFile(const SxString& folder);
     /// Writes the record among those of the image folder `folder`, in a file that the first write makes, and
     /// removes those that are too old. What the image's preparation jobs have done since its last run becomes
     /// part of the record and isn't kept for the next one. Raises "Failed to write file ..." with the cause.
@@ -71,5 +74,6 @@ protected:
     void appendTransfer(SxParserKit::SxSymbol* root) const;
 
 private:
-    SxString file; ///< empty until there is one
+    SxString file;          ///< empty until one is chosen
+    bool isWritten = false; ///< and tells of the preparations before the run
 };

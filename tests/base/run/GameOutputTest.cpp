@@ -79,7 +79,7 @@ TEST_F(GameOutput, OfALongOutputTheBeginAndTheEndStay) {
         EXPECT_EQ(output.getLastLines().last(), SxString("line " + std::to_string(nLines)));
         output.end();
         EXPECT_TRUE(dir.read(LOG) == shortened()) << hasHoles;
-        ZqGameOutput{SxString(image), false}.begin(TIME + 60'000);
+        ZqGameOutput{SxString(image), false}.tidy();
         EXPECT_TRUE(dir.read(LOG) == shortened()) << hasHoles << ": the next run has changed it";
         EXPECT_EQ(fs::status(dir.path(LOG)).permissions(), fs::perms(0600));
         EXPECT_EQ(logged.find("can't be given back") != std::string::npos, !hasHoles) << logged;
@@ -165,6 +165,7 @@ TEST_F(GameOutput, OneWhoseRunWasKilledGoesOn) {
     }
     ZqGameOutput later{SxString(image), false};
     later.begin(TIME + 60'000);
+    later.tidy();
     EXPECT_TRUE(dir.read(LOG) == shortened());
 }
 
@@ -177,6 +178,7 @@ TEST_F(GameOutput, TheNewestThreeStayAndNothingElseIsTouched) {
     for (const int64 time : {TIME, TIME + 1000, TIME - 500'000, TIME + 9000}) {
         ZqGameOutput output{SxString(image), false};
         output.begin(time);
+        output.tidy();
         say(output, "x");
         output.end();
     }
