@@ -2,6 +2,7 @@
 #include "SxFSAction.h"
 #include "ZqAppParams.h"
 #include "ZqImageLock.h"
+#include "ZqPreparationLock.h"
 
 #include <regex>
 #include <sys/stat.h>
@@ -55,10 +56,16 @@ TEST_F(RemoveVerb, AnImageGoesAndWhatWasSavedStaysUnlessItIsNamed) {
     EXPECT_FALSE(fs::exists(dir.path("image")));
     EXPECT_TRUE(fs::exists(saves + "/TAVRIN-protected/game"));
 
-    dir.write("again/notes.txt", "of the player");
-    fs::remove_all(dir.path("again"));
     const string others = makeSaved("again");
     dir.write("again/notes.txt", "of the player");
+    {
+        const ZqPreparationLock mount{SxString(others)};
+        const Outcome refused = run({"remove", dir.path("again"), "--yes", "--saves"});
+        EXPECT_EQ(refused.code, 1);
+        EXPECT_THAT(refused.err, HasSubstr("Another mount"));
+        EXPECT_TRUE(fs::exists(others + "/TAVRIN-protected/game"));
+        EXPECT_TRUE(fs::exists(dir.path("again/img.zqf")));
+    }
     const Outcome all = run({"remove", dir.path("again"), "--yes", "--saves", "--json"});
     EXPECT_EQ(all.code, 0) << all.err;
     EXPECT_EQ(parseJson(all.out).getElem("left").toInt(), 1);

@@ -9,6 +9,7 @@
 #include "ZqImageFolder.h"
 #include "ZqImageLock.h"
 #include "ZqMachineRoot.h"
+#include "ZqPreparationLock.h"
 #include "ZqRedirection.h"
 #include "ZqSaves.h"
 
@@ -153,6 +154,8 @@ void ZqExtractContent::removePrivate(const ZqExtractPlaces& places, const ZqExtr
     const ZqRedirection redirection(names);
     if (!(note.folder == PROTECTED) && !(note.folder == PRIVATE))
         throw SxException("'" + note.folder.makeVisible() + "' is no protected folder", UNIT, __LINE__);
+    std::optional<ZqPreparationLock> lock;
+    if (SxFSAction::test_d(redirection.getDirectory())) lock.emplace(redirection.getDirectory());
     ZqSaves::requireFree(note.guid, places.image);
     const SxString side = redirection.getDirectory() + "/" + note.folder;
     for (const ZqRedirection::Item& item : redirection.getItems()) {

@@ -3,6 +3,7 @@
 #include "SxException.h"
 #include "SxFSAction.h"
 #include "ZqAppParams.h"
+#include "ZqPreparationLock.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -108,37 +109,6 @@ void copyWhole(const SxString& from, const SxString& to) {
     SxFSAction::mv(half, to);
 }
 
-/// The right to lay out the private side of an application, for one mount at a time across processes; else
-/// one would rename what another is still copying. The other one is refused, as it would be when it redirects
-/// to a folder in use. It is a lock on the first byte of a file in the application's folder, which stays
-/// there. File systems without locks keep nobody apart.
-class PreparationLock {
-public:
-    explicit PreparationLock(const SxString& directory) {
-        SxOs& os = SxOs::get();
-        const SxString file = directory + "/" + LOCK;
-        fd = os.open(SxOs::hostPath(file), SxOs::Read | SxOs::Write | SxOs::Create | SxOs::NoFollow, 0600);
-        const int result = fd < 0 ? fd : os.lockRange(fd, 0, 1, SxOs::Lock::Exclusive);
-        if (result == 0 || result == -ENOLCK || result == -EOPNOTSUPP || result == -ENOSYS) return;
-        if (fd >= 0) os.close(fd);
-        if (result == -EAGAIN) {
-            throw SxException("Another mount, perhaps of another version, fills '" + directory +
-                                  "' at the moment",
-                              UNIT, __LINE__);
-        }
-        throw SxException(SxException(SxOs::errorText(result), UNIT, __LINE__), "Cannot lock '" + file + "'",
-                          UNIT, __LINE__);
-    }
-    ~PreparationLock() { SxOs::get().close(fd); }
-    PreparationLock(const PreparationLock&) = delete;
-    PreparationLock& operator=(const PreparationLock&) = delete;
-
-private:
-    static constexpr const char* LOCK = ".tavrin-lock";
-
-    int fd = -1;
-};
-
 class Preparation {
 public:
     Preparation(const SxString& mountPoint, const SxString& directory) {
@@ -155,7 +125,6 @@ public:
         source = drive + folder;
         target = directory + "/" + folder;
         SxFSAction::mkdir_p(SxFileInfo(directory).getPath(), 0777);
-        SxFSAction::mkdir_p(directory, 0700); // for its user alone
         lock.emplace(directory);
         SxFSAction::mkdir_p(target, 0777);
     }
@@ -184,7 +153,7 @@ public:
     }
 
 private:
-    std::optional<PreparationLock> lock;
+    std::optional<ZqPreparationLock> lock;
     SxString source, target;
 };
 

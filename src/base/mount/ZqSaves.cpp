@@ -4,7 +4,7 @@
 #include "SxFSAction.h"
 #include "ZqAppParams.h"
 #include "ZqImageFolder.h"
-#include "ZqLog.h"
+#include "ZqPreparationLock.h"
 #include "ZqRedirection.h"
 #include "ZqVolume.h"
 
@@ -39,9 +39,10 @@ std::optional<ZqSaves> ZqSaves::of(const ZqAppParams& app) {
 }
 
 void ZqSaves::remove(const SxString& guid) const {
+    // Mounts that come after the look at the drives need it, too.
+    const ZqPreparationLock lock(path);
     requireFree(guid, SxString());
-    SxFSAction::rm_r(path);
-    SxFSAction::syncDir(SxFileInfo(path).getPath());
+    lock.removeFolder();
 }
 
 void ZqSaves::requireFree(const SxString& guid, const SxString& image) {
@@ -51,8 +52,10 @@ void ZqSaves::requireFree(const SxString& guid, const SxString& image) {
         try {
             other = ZqAppParams(ZqImageFolder::prefix(disk.image));
         } catch (const SxException& e) {
-            zqLogMsg("base", "ZqSaves: " + e.toString(SxException::ShowMessage, ": "));
-            continue;
+            throw SxException(e,
+                              "Whether the drive of image '" + disk.image +
+                                  "' uses the private files of the application can't be told",
+                              UNIT, __LINE__);
         }
         if (!(other.guid == guid) || (other.dirmap.isEmpty() && other.filemap.isEmpty())) continue;
         throw SxException("The private files of the application are in use by the drive of image '" +

@@ -15,9 +15,11 @@ struct ZqSaves {
     /// Nothing where there is no such folder. Raises where the record's names are no plain ones, and where
     /// the folder can't be read.
     static std::optional<ZqSaves> of(const ZqAppParams& app);
-    /// Removes them. Raises where the drive of an image uses them, naming that.
+    /// Removes them. Raises where the drive of an image uses them, naming that, and where a mount is about
+    /// to.
     void remove(const SxString& guid) const;
     /// Raises where the drive of an image but `image` (a host path without links) uses those of the
-    /// application `guid`.
+    /// application `guid`, or its record can't be read, and so nobody can tell. A mount that has come no
+    /// further holds ZqPreparationLock.
     static void requireFree(const SxString& guid, const SxString& image);
 };
