@@ -102,8 +102,11 @@ void ZqImageContent::take(const SxString& path, bool isOwn) {
     ++nFiles;
     const auto info = SxFSAction::look(path);
     if (info) nBytes += static_cast<uint64>(std::max<int64>(info->allocated, 0));
-    const bool isLast = path == folder + ZqImageFiles::APP_JSON || path == folder + ZqImageFiles::LOCK;
-    (isLast ? last : files) << path;
+    if (path == folder + ZqImageFiles::APP_JSON) {
+        last.prepend(path); // a lock alone is still known as the rest of an image
+    } else {
+        (path == folder + ZqImageFiles::LOCK ? last : files) << path;
+    }
 }
 
 void ZqImageContent::remove() const {

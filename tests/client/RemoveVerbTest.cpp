@@ -82,6 +82,7 @@ TEST_F(RemoveVerb, WhatIsNoImageOfOnesOwnIsRefused) {
     dir.write("locked/app.json", R"({"expo": {}})");
     dir.write("locked/image.lock", "");
     fs::create_directories(dir.path("empty"));
+    dir.write("template/app.json", dir.read("home/me/image/app.json"));
     dir.write("home/me/app.json", dir.read("home/me/image/app.json"));
     struct Case {
         string path, why;
@@ -91,7 +92,8 @@ TEST_F(RemoveVerb, WhatIsNoImageOfOnesOwnIsRefused) {
           Case{dir.path("home/me/image/../.."), "or holds it"}, Case{dir.path("link"), "is a link"},
           Case{dir.path("link") + "//", "is a link"}, Case{dir.path("nosuch"), "isn't there"},
           Case{image + "/app.json", "is no folder"}, Case{dir.path("project"), "holds no image"},
-          Case{dir.path("locked"), "holds no image"}, Case{dir.path("empty"), "holds no image"}}) {
+          Case{dir.path("locked"), "holds no image"}, Case{dir.path("template"), "holds no image"},
+          Case{dir.path("empty"), "holds no image"}}) {
         expectRefused(each.path, each.why);
     }
     dir.write("home/me/image/app.json", "damaged");

@@ -58,12 +58,14 @@ ZqImageRemoval::ZqImageRemoval(const SxString& image_) {
     content = std::make_unique<const ZqImageContent>(image);
 }
 
-/// Others have files with such names, too; above all `app.json`.
+/// Others have files with such names, too; above all `app.json`, as a template for builds.
 void ZqImageRemoval::requireImage() {
     const SxString prefix = ZqImageFolder::prefix(image);
     const auto has = [&](const char* name) { return !SxFSAction::isGone(prefix + name); };
     const bool hasBlocks = has(ZqImageFiles::ZQF) || has(ZqImageFiles::IDX) || has(ZqImageFiles::SPLIT_INFO);
-    if (has(ZqImageFiles::APP_JSON)) {
+    // What is left of one after a removal that was cut off, or before its record has come.
+    const bool isRest = has(ZqImageFiles::LOCK) || has(ZqImageFiles::STREAM_JSON);
+    if (has(ZqImageFiles::APP_JSON) && (hasBlocks || isRest || has(ZqImageFiles::IMAGE_JSON))) {
         try {
             const ZqAppParams app(prefix);
             guid = app.guid;
@@ -73,9 +75,8 @@ void ZqImageRemoval::requireImage() {
             fault = e.toString(SxException::ShowMessage, ": ");
         }
     }
-    // What is left of one after a removal that was cut off, or before its record has come.
-    const bool isRest = fault.isEmpty() && (has(ZqImageFiles::LOCK) || has(ZqImageFiles::STREAM_JSON));
-    if (!isRest && !(hasBlocks && has(ZqImageFiles::LOCK))) refuse(image, "holds no image", __LINE__);
+    if (!(fault.isEmpty() && isRest) && !(hasBlocks && has(ZqImageFiles::LOCK)))
+        refuse(image, "holds no image", __LINE__);
 }
 
 void ZqImageRemoval::requireUnmounted() const {
