@@ -1,25 +1,7 @@
 #include "ZqPublishMeans.h"
 
-#include "SxException.h"
 #include "ZqDiffTask.h"
 #include "ZqTool.h"
-
-#include <functional>
-
-namespace {
-
-ZqMeans tried(const char* name, const SxString& can, const std::function<void()>& require,
-              const SxString& remedy) {
-    try {
-        require();
-    } catch (const SxException& e) {
-        return {name, false, false, can + " can't be made: " + e.toString(SxException::ShowMessage, ": "),
-                remedy};
-    }
-    return {name, true, false, can + " can be made", {}};
-}
-
-} // namespace
 
 SxList<ZqMeans> ZqPublishMeans::look() {
     struct Tool {
@@ -30,11 +12,14 @@ SxList<ZqMeans> ZqPublishMeans::look() {
          {Tool{"mkfs.erofs", "erofs-utils", "EROFS images"}, Tool{"mke2fs", "e2fsprogs", "ext4 images"},
           Tool{"debugfs", "e2fsprogs", "ext4 images"},
           Tool{"mksquashfs", "squashfs-tools", "squashfs images"}}) {
-        all << tried(
-            each.name, each.can, [&] { (void)ZqTool(each.name, each.package); },
-            SxString("install the package ") + each.package);
+        const SxString remedy = SxString("install the package ") + each.package;
+        all << ZqMeans::tried({each.name, true, false, SxString(each.can) + " can be made", {}},
+                              {each.name, false, false, SxString(each.can) + " can't be made", remedy},
+                              [&] { (void)ZqTool(each.name, each.package); });
     }
-    all << tried("hdiffz", "Patches", ZqDiffTask::requireTool,
-                 "install the package tavrin again, or run 'make build' in its sources");
+    all << ZqMeans::tried({"hdiffz", true, false, "Patches can be made", {}},
+                          {"hdiffz", false, false, "Patches can't be made",
+                           "install the package tavrin again, or run 'make build' in its sources"},
+                          ZqDiffTask::requireTool);
     return all;
 }

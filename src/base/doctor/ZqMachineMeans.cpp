@@ -16,7 +16,6 @@
 #include "ZqWine.h"
 
 #include <cstdlib>
-#include <functional>
 
 namespace {
 
@@ -26,17 +25,6 @@ constexpr int64 DIRECT_MAJOR = 6, DIRECT_MINOR = 12;
 ZqMeans optional(const char* name, bool isThere, const SxString& there, const SxString& missing,
                  const SxString& remedy) {
     return {name, isThere, false, isThere ? there : missing, isThere ? SxString() : remedy};
-}
-
-/// What raises where it is missing; `without`: what can't be done then.
-ZqMeans tried(const char* name, const std::function<void()>& require, const SxString& there,
-              const SxString& without, const SxString& remedy) {
-    try {
-        require();
-    } catch (const SxException& e) {
-        return {name, false, false, without + ": " + e.toString(SxException::ShowMessage, ": "), remedy};
-    }
-    return {name, true, false, there, {}};
 }
 
 ZqMeans getKernel() {
@@ -81,7 +69,9 @@ void addTitles(SxList<ZqMeans>* all) {
     *all << optional("wine", ZqWine::isInstalled(), "Wine is there, for Windows programs",
                      "There is no wine, so Windows programs can't be started",
                      "install Wine, or name another program for that with --runner");
-    *all << ZqStartCheck::getRoot();
+    ZqMeans root = ZqStartCheck::getRoot();
+    root.isNeeded = false; // by Windows programs alone
+    *all << root;
     *all << optional("display", ZqDesktop::get().getScreenSize().width > 0,
                      "The display answers, so the window of a title that waits for data can be minimised",
                      "No X11 display answers, so the window of a title that waits for data stays as it is",
@@ -101,11 +91,14 @@ SxList<ZqMeans> ZqMachineMeans::look(const SxString& folder) {
     addDrive(&all);
     all << getService() << getRoom(folder, 0);
     addTitles(&all);
-    all << tried("patches", ZqPatchTask::requireTool, "Patches can be applied", "Patches can't be applied",
-                 "install the package tavrin again, or run 'make build' in its sources");
-    all << tried("fleet", ZqDuckDb::requireLibrary, "Figures of a fleet can be made",
-                 "Figures of a fleet (stats collect) can't be made",
-                 "run 'make build' in the sources, which fetches it");
+    all << ZqMeans::tried({"patches", true, false, "Patches can be applied", {}},
+                          {"patches", false, false, "Patches can't be applied",
+                           "install the package tavrin again, or run 'make build' in its sources"},
+                          ZqPatchTask::requireTool);
+    all << ZqMeans::tried({"fleet", true, false, "Figures of a fleet can be made", {}},
+                          {"fleet", false, false, "Figures of a fleet (stats collect) can't be made",
+                           "run 'make build' in the sources, which fetches it"},
+                          ZqDuckDb::requireLibrary);
     return all;
 }
 
