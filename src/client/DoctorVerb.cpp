@@ -1,5 +1,6 @@
 #include "App.h"
 #include "Job.h"
+#include "NetOptions.h"
 #include "Verbs.h"
 
 #include <tavrin/ZqMachineMeans.h>
@@ -12,7 +13,7 @@ namespace {
 
 struct DoctorOptions {
     SxString url;
-    SxList<SxString> headers;
+    NetOptions net;
 };
 
 const char* stateOf(const ZqMeans& means) {
@@ -43,7 +44,8 @@ int examine(const DoctorOptions& options, Output& out) {
     SxList<ZqMeans> all = ZqMachineMeans::look(".");
     all << ZqPublishMeans::look();
     if (!options.url.isEmpty()) {
-        ZqServerMeans server(options.url, SxArray<SxString>(options.headers));
+        ZqServerMeans server(options.url, SxArray<SxString>(options.net.headers),
+                             options.net.resolve(SxString()));
         all << server.look([&] { return signals.isAsked(); });
         // What is to come is known now.
         if (server.getSizeZqf() > 0) {
@@ -67,6 +69,6 @@ void registerDoctorVerb(App* app) {
     app->verb("doctor", "Look what this machine, and a server, lack for playing, and say what to do",
               "tavrin doctor --url https://example.org/game/")
         .text("--url", &options.url, "FOLDER_URL", "Look at the server of this image, too")
-        .headers("--header", &options.headers, "Send this line with each request")
+        .network(&options.net, "Send this line with each request")
         .action([](Output& out) { return examine(options, out); });
 }

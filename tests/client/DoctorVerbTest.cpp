@@ -1,4 +1,5 @@
 #include "ClientTest.h"
+#include "NginxServer.h"
 #include "ZqFileServer.h"
 
 #include <map>
@@ -82,4 +83,29 @@ TEST_F(DoctorVerb, WhatAServerLacksIsTold) {
     EXPECT_EQ(look({"--url", url}, &code)["records"].state, "missing");
     EXPECT_EQ(code, 1);
     EXPECT_EQ(look({"--url", dir.path("image")}, &code)["server"].state, "missing");
+}
+
+TEST_F(DoctorVerb, ACertificateIsJudgedByWhatTheHandshakeSays) {
+    makeImage("image");
+    const NginxServer server(dir.path("image"));
+    const Words trusting = {"--cacert", server.authority()};
+    const struct {
+        string url;
+        bool isTrusting;
+        string state, text;
+    } cases[] = {
+        {server.url(), false, "missing", "isn't trusted here"},
+        {server.url(), true, "ok", "trusts"},
+        {server.url() + "none/", true, "ok", "trusts"},
+        {"https://127.0.0.1:1/ssl/certificate/", true, "optional missing", "wasn't seen"},
+    };
+    for (const auto& each : cases) {
+        int code = -1;
+        Words words = {"--url", each.url};
+        if (each.isTrusting) words.insert(words.end(), trusting.begin(), trusting.end());
+        const Line line = look(words, &code)["certificate"];
+        EXPECT_EQ(line.state, each.state) << each.url << " " << line.text;
+        EXPECT_THAT(line.text, HasSubstr(each.text)) << each.url;
+        if (each.state == "missing") EXPECT_THAT(line.remedy, HasSubstr("--cacert"));
+    }
 }

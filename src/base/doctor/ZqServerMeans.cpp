@@ -1,5 +1,6 @@
 #include "ZqServerMeans.h"
 
+#include "ZqImageAccess.h"
 #include "ZqImageAddress.h"
 #include "ZqImageFiles.h"
 #include "ZqImageRecords.h"
@@ -7,6 +8,7 @@
 #include "ZqRemoteFile.h"
 #include "ZqUrlText.h"
 
+#include <optional>
 #include <utility>
 
 namespace {
@@ -15,39 +17,39 @@ constexpr const char* ASK = "tell whoever runs the server";
 /// A record is smaller.
 constexpr int64 MAX_RECORD = 1 << 20;
 
-/// Gives what `ask` gives, or where it raises `missing`, and why.
-ZqMeans tried(ZqMeans missing, const std::function<ZqMeans()>& ask) {
-    try {
-        return ask();
-    } catch (const SxException& e) {
-        if (e.hasTag(SxException::STOPPED)) throw;
-        missing.text += ": " + e.toString(SxException::ShowMessage, ": ");
-        return missing;
+/// Whether the server itself has answered, as far as a failure tells.
+bool hasAnswered(const SxException& why, const ZqNetAccess& access) {
+    for (const char* tag : {ZqNetLink::NOT_FOUND, ZqNetLink::WRONG, ZqNetLink::CHANGED}) {
+        if (why.hasTag(tag)) return true;
     }
+    const bool isDirect = access.proxy == ZqNetAccess::DIRECT ||
+                          (access.proxy.isEmpty() && ZqImageAccess::proxyVariable() == nullptr);
+    return isDirect && why.hasTag(ZqNetLink::REFUSED) && !why.hasTag(ZqNetLink::UNTRUSTED);
 }
 
-ZqMeans getCertificate(const SxString& url, const ZqMeans& server) {
+/// `why`: why the server gives no image; none where it does.
+ZqMeans getCertificate(const SxString& url, const std::optional<SxException>& why,
+                       const ZqNetAccess& access) {
     if (!url.changeCase(false).startsWith("https://")) {
         return {"certificate", false, false,
                 "The address isn't one of https, so nobody vouches for the server",
                 "use an address that begins with https:// where the server has one"};
     }
-    if (server.isThere) {
+    if (!why || hasAnswered(*why, access)) {
         return {"certificate",
                 true,
                 true,
                 "The server's certificate is of an authority that this machine trusts",
                 {}};
     }
-    const SxString text = server.text.changeCase(false);
-    if (text.find("certificate") < 0 && text.find("ssl") < 0) {
+    if (!why->hasTag(ZqNetLink::UNTRUSTED)) {
         return {"certificate", false, false, "The server's certificate wasn't seen",
                 "see the line on the server"};
     }
-    return {"certificate", false, true, "The server's certificate isn't trusted here",
-            "set the clock of this machine right, name the authority with SSL_CERT_FILE, or tell whoever "
-            "runs the "
-            "server"};
+    return {
+        "certificate", false, true, "The server's certificate isn't trusted here",
+        "set the clock of this machine right, name a file with the authority by --cacert, or tell whoever "
+        "runs the server"};
 }
 
 /// The files of an image on a server.
@@ -61,26 +63,26 @@ public:
           stop(std::move(stop_)) {}
 
     ZqMeans getRecords(uint64 sizeIdx) const {
-        return tried({"records", false, true, "A record of the image is missing", ASK}, [&] {
-            open(ZqImageFiles::IMAGE_JSON)->get(MAX_RECORD, stop);
-            char first = 0;
-            open(ZqImageFiles::IDX, sizeIdx)->read(0, 1, &first, stop);
-            return ZqMeans{"records", true, true, "img.json and img.idx are there", {}};
-        });
+        return ZqMeans::tried({"records", true, true, "img.json and img.idx are there", {}},
+                              {"records", false, true, "A record of the image is missing", ASK}, [&] {
+                                  open(ZqImageFiles::IMAGE_JSON)->get(MAX_RECORD, stop);
+                                  char first = 0;
+                                  open(ZqImageFiles::IDX, sizeIdx)->read(0, 1, &first, stop);
+                              });
     }
 
     void addRanges(uint64 sizeZqf, SxList<ZqMeans>* all) const {
         const auto zqf = open(ZqImageFiles::ZQF, sizeZqf);
         const ZqMeans none{"ranges", false, true, "The server gives no parts of img.zqf",
                            SxString("let the server answer range requests; ") + ASK};
-        const ZqMeans ranges = tried(none, [&] {
-            char middle = 0;
-            zqf->read(sizeZqf / 2, 1, &middle, stop);
-            if (zqf->getFacts()->mayLackRanges()) return none;
-            return ZqMeans{"ranges", true, true, "The server gives parts of img.zqf", {}};
-        });
-        *all << ranges;
-        if (!ranges.isThere) return;
+        const ZqMeans ranges =
+            ZqMeans::tried({"ranges", true, true, "The server gives parts of img.zqf", {}}, none, [&] {
+                char middle = 0;
+                zqf->read(sizeZqf / 2, 1, &middle, stop);
+            });
+        const bool isLacking = !ranges.isThere || zqf->getFacts()->mayLackRanges();
+        *all << (ranges.isThere && isLacking ? none : ranges);
+        if (isLacking) return;
         if (zqf->getFacts()->hasValidator()) {
             *all << ZqMeans{"validators", true, false, "The server tells versions of its files apart", {}};
         } else {
@@ -123,21 +125,24 @@ private:
 } // namespace
 
 SxList<ZqMeans> ZqServerMeans::look(const std::function<bool()>& stop) {
-    const auto link = SxPtr<ZqNetLink>::create();
+    const auto link = SxPtr<ZqNetLink>::create(access);
     const ZqMeans none{"server", false, true, "The server gives no image",
                        "put the address right, or tell whoever gave it to you"};
     ZqAppParams app;
-    const ZqMeans server = tried(none, [&] {
-        ZqImageAddress::require(url);
-        app = ZqImageRecords(link, "", url, headers).getApp(stop);
-        sizeZqf = app.sizeZqf;
-        return ZqMeans{"server",
-                       true,
-                       true,
-                       ZqUrlText::of(url) + " has an image of " + ZqReadable::megabytes(sizeZqf),
-                       {}};
+    std::optional<SxException> why;
+    ZqMeans server = ZqMeans::tried({"server", true, true, {}, {}}, none, [&] {
+        try {
+            ZqImageAddress::require(url);
+            app = ZqImageRecords(link, "", url, headers).getApp(stop);
+        } catch (const SxException& e) {
+            why = e;
+            throw;
+        }
     });
-    SxList<ZqMeans> all = {server, getCertificate(url, server)};
+    sizeZqf = app.sizeZqf;
+    if (server.isThere)
+        server.text = ZqUrlText::of(url) + " has an image of " + ZqReadable::megabytes(sizeZqf);
+    SxList<ZqMeans> all = {server, getCertificate(url, why, access)};
     if (!server.isThere) return all;
     const Files files(link, url, headers, stop);
     all << files.getRecords(app.sizeIdx);

@@ -3,6 +3,7 @@
 #include "SxArray.h"
 #include "SxList.h"
 #include "ZqMeans.h"
+#include "ZqNetAccess.h"
 
 #include <functional>
 
@@ -10,8 +11,11 @@
 /// records and for a few bytes of the image. One thread.
 class ZqServerMeans {
 public:
-    /// `url`: the address of the image folder; `headers`: lines for each request.
-    ZqServerMeans(const SxString& url_, const SxArray<SxString>& headers_) : url(url_), headers(headers_) {}
+    /// `url`: the address of the image folder; `headers`: lines for each request; `access`: the way there.
+    ZqServerMeans(const SxString& url_, const SxArray<SxString>& headers_, const ZqNetAccess& access_)
+        : url(url_),
+          headers(headers_),
+          access(access_) {}
 
     /// Raises with the tag SxException::STOPPED where `stop` says so, and nothing else.
     SxList<ZqMeans> look(const std::function<bool()>& stop);
@@ -21,5 +25,6 @@ public:
 private:
     const SxString url;
     const SxArray<SxString> headers;
+    const ZqNetAccess access;
     uint64 sizeZqf = 0;
 };

@@ -24,6 +24,12 @@ const char* tagOfProtocol(CURL* easy) {
     return numberOf(easy, CURLINFO_LOCAL_PORT) > 0 ? ZqNetLink::WRONG : "";
 }
 
+/// Nobody whom this machine trusts vouches for who answers.
+bool isUntrusted(CURLcode code) {
+    return code == CURLE_PEER_FAILED_VERIFICATION || code == CURLE_SSL_ISSUER_ERROR ||
+           code == CURLE_SSL_INVALIDCERTSTATUS;
+}
+
 const char* tagOf(CURL* easy, CURLcode code) {
     switch (code) {
     case CURLE_COULDNT_RESOLVE_PROXY:
@@ -40,9 +46,6 @@ const char* tagOf(CURL* easy, CURLcode code) {
     case CURLE_HTTP2:
     case CURLE_HTTP2_STREAM:
         return ZqNetLink::BROKEN;
-    case CURLE_PEER_FAILED_VERIFICATION:
-    case CURLE_SSL_ISSUER_ERROR:
-    case CURLE_SSL_INVALIDCERTSTATUS:
     case CURLE_TOO_MANY_REDIRECTS:
         return ZqNetLink::REFUSED;
     case CURLE_WEIRD_SERVER_REPLY:
@@ -111,6 +114,11 @@ SxException ZqNetFailure::of(void* easy, int code, const char* detail, int64 con
         text = "no connection within " + SxString::sprintf("%g", static_cast<double>(connectMs) / 1e3) + " s";
     } else if (*detail != 0) {
         text = SxString(detail);
+    }
+    if (isUntrusted(curlCode)) {
+        const SxException cause(ZqNetLink::UNTRUSTED, text.makeVisible(), UNIT, __LINE__);
+        return SxException(cause, "its certificate isn't trusted here", UNIT, __LINE__)
+            .tagged(ZqNetLink::REFUSED);
     }
     return SxException(tagOf(easy, curlCode), text.makeVisible(), UNIT, __LINE__);
 }
