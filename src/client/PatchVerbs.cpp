@@ -52,7 +52,10 @@ int verify(const SxString& patch, Output& out) {
     }
     for (const SxString& fault : job.getFaults())
         out.finding("FAULT: " + fault);
-    if (!isRight) return ExitFailure;
+    if (!isRight) {
+        throw SxException(patch + ": " + ZqReadable::counted(job.getFaults().getSize(), "fault", "faults"),
+                          UNIT, __LINE__);
+    }
     out.text("The patch is whole: " + blocks(job.getNChanged()) + " in " +
              ZqReadable::counted(static_cast<int64>(job.getNParts()), "part", "parts") + ", " +
              job.getNKept() + " are in both versions.");
