@@ -45,6 +45,22 @@ void addCommonOptions(CLI::App* command, OutputMode* mode) {
         ->group(COMMON_GROUP);
 }
 
+/// Says of arguments that are several how many may be given, unless their name does, as "TRACE... INDEX".
+class HelpFormatter : public CLI::Formatter {
+public:
+    std::string make_option_usage(const CLI::Option* option) const override {
+        return saysHowMany(option) ? make_option_name(option, true) : Formatter::make_option_usage(option);
+    }
+    std::string make_option_opts(const CLI::Option* option) const override {
+        return saysHowMany(option) ? " " + get_label("REQUIRED") : Formatter::make_option_opts(option);
+    }
+
+private:
+    bool saysHowMany(const CLI::Option* option) const {
+        return option->get_positional() && make_option_name(option, true).find("...") != std::string::npos;
+    }
+};
+
 template<class T>
 T parseNumber(const std::string& name, const std::string& text, T least, T most) {
     T value = 0;
@@ -340,6 +356,7 @@ Verb Family::verb(const char* name, const char* help, const char* example) {
 App::App() : root(std::make_unique<CLI::App>("Play a game while its disk image still downloads", "tavrin")) {
     // Not more than one: a folder that has the name of a command is an argument where it follows the verb.
     root->require_subcommand(0, 1);
+    root->formatter(std::make_shared<HelpFormatter>());
     root->get_formatter()->label("SUBCOMMAND", "COMMAND");
     root->get_formatter()->label("Positionals", "Arguments");
     addCommonOptions(root.get(), &mode);
