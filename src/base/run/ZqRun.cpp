@@ -95,7 +95,7 @@ ZqStartForecast ZqRun::forecast(double rate) const {
 
 std::optional<double> ZqRun::estimateStart(double rate) const {
     const Phase now = phase;
-    if (now == Opening || now >= Running) return {};
+    if (!isPlay() || now == Opening || now >= Running) return {};
     return feed->estimateStart(rate, settings.startsAtOnce);
 }
 
