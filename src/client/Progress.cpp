@@ -1,4 +1,5 @@
 #include "Progress.h"
+#include "Columns.h"
 
 #include <tavrin/SxClock.h>
 
@@ -61,7 +62,7 @@ void Progress::update(uint64 nCurrent, uint64 nTotal) {
         drawn = true;
     } else if (style == Plain && nowNs - lastLineNs >= PLAIN_INTERVAL_NS) {
         // A file or a pipe has no width, and what is cut there is lost.
-        const int64 width = std::max(PLAIN_WIDTH, label.getSize() + NUMBERS_WIDTH);
+        const int64 width = std::max(PLAIN_WIDTH, label.makeVisible().getSize() + NUMBERS_WIDTH);
         std::fputs((formatLine(label, nCurrent, nTotal, rate, width) + "\n").ascii(), stderr);
         lastLineNs = nowNs;
     }
@@ -101,23 +102,28 @@ SxString Progress::formatLine(const SxString& label, uint64 nCurrent, uint64 nTo
                               int64 width) {
     const double done = static_cast<double>(nCurrent), total = static_cast<double>(nTotal);
     const double fraction = nTotal > 0 ? std::min(done / total, 1.0) : 0;
-    SxString line = label, tail;
-    if (nTotal > 0) line += SxString::sprintf("  %3d %%", int(fraction * 100));
-
-    const auto add = [&](const SxString& part) {
-        if (line.getSize() + tail.getSize() + part.getSize() + 2 <= width) tail += "  " + part;
-    };
     // Of even width, so that the bar stands still.
-    const SxString current = SxString::sprintf("%10s", readableBytes(done).ascii());
-    add(nTotal > 0 ? current + " of " + readableBytes(total) : current);
-    if (rate > 0) add(SxString::sprintf("%10s/s", readableBytes(rate).ascii()));
+    SxString percent, amount, speed, rest;
+    if (nCurrent > 0 || nTotal > 0) amount = SxString::sprintf("%10s", readableBytes(done).ascii());
+    if (nTotal > 0) {
+        percent = SxString::sprintf("%3d %%", int(fraction * 100));
+        amount += " of " + readableBytes(total);
+    }
+    if (rate > 0) speed = SxString::sprintf("%10s/s", readableBytes(rate).ascii());
     if (rate > 0 && nTotal > nCurrent) {
-        add(SxString::sprintf("ETA %5s", formatEta((total - done) / rate).ascii()));
+        rest = SxString::sprintf("%5s left", formatEta((total - done) / rate).ascii());
     }
 
-    const int64 left = width - line.getSize() - tail.getSize() - 2;
+    SxString line = shortenTo(label.makeVisible(), width);
+    int64 left = width - columnsOf(line);
+    for (SxString* part : {&percent, &rest, &amount, &speed}) {
+        if (part->isEmpty()) continue;
+        *part = "  " + *part;
+        left -= columnsOf(*part);
+        if (left < 0) *part = "";
+    }
+    line += percent;
+    left -= 2;
     if (nTotal > 0 && left >= MIN_BAR) line += "  " + formatBar(fraction, std::min(left, MAX_BAR));
-    line += tail;
-    line.updateNChars(std::min(line.getSize(), width));
-    return line;
+    return line + amount + speed + rest;
 }

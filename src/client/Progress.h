@@ -17,8 +17,9 @@ public:
     /// Takes the drawn line away.
     void finish();
 
-    /// The progress line in at most `width` columns: what doesn't fit is left out, the bar first. `rate` is
-    /// in bytes per second.
+    /// The progress line in at most `width` columns. What doesn't fit is left out: first the bar, then the
+    /// rate, amounts, the time that is left, and percent; last the end of `label`, whose control characters
+    /// are escaped. `rate` is in bytes per second.
     static SxString formatLine(const SxString& label, uint64 nCurrent, uint64 nTotal, double rate,
                                int64 width);
 

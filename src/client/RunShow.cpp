@@ -46,7 +46,7 @@ std::optional<double> untilStart(const ZqRun& job, const ZqFeedStatus& status, Z
 
 void followRun(ZqRun* job, const SxString& image, bool startsAtOnce, Output& out, const RunLook& look) {
     const PatientSignals signals([&] { endAtOnce(job, image); });
-    Progress progress(out.getMode(), "opening");
+    Progress progress(out.getMode(), "");
     ZqShownEta estimate;
     job->start();
     bool toldLoss = false, toldCarried = false;

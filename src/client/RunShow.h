@@ -24,8 +24,7 @@ class ForecastLine {
 public:
     ForecastLine(bool startsAtOnce_, Output* out_) : startsAtOnce(startsAtOnce_), out(out_) {}
 
-    void look(const ZqRun& job, const ZqFeedStatus& status, const ZqShownEta& estimate,
-              Progress* progress);
+    void look(const ZqRun& job, const ZqFeedStatus& status, const ZqShownEta& estimate, Progress* progress);
 
 private:
     const bool startsAtOnce;

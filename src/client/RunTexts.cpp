@@ -2,21 +2,39 @@
 
 #include <tavrin/ZqReadable.h>
 
-#include <array>
 #include <cmath>
 
 namespace {
 
-SxString phaseText(ZqRun::Phase phase) {
-    constexpr std::array<const char*, 9> TEXTS = {"opening", "loading", "mounting",   "preparing", "running",
-                                                  "running", "feeding", "completing", "ending"};
-    return TEXTS[static_cast<size_t>(phase)];
+SxString phaseText(ZqRun::Phase phase, const ZqFeedStatus& status) {
+    const SxString checking = status.isChecking ? "checking the image" : "";
+    const SxString beside = status.isChecking ? ", " + checking : "";
+    const SxString loading = status.nCurrent < status.nTotal ? SxString("downloading") : checking;
+    switch (phase) {
+    case ZqRun::Opening:
+        return "looking for the image";
+    case ZqRun::Loading:
+    case ZqRun::Preparing:
+        return loading.isEmpty() ? "getting ready" : loading;
+    case ZqRun::Mounting:
+        return "making the drive";
+    case ZqRun::Running:
+    case ZqRun::Adopted:
+        return "running" + beside;
+    case ZqRun::Feeding:
+        return "the drive is there" + beside;
+    case ZqRun::Completing:
+        return loading.isEmpty() ? "completing the image" : loading;
+    case ZqRun::Ending:
+        return "taking the drive away";
+    }
+    return {};
 }
 
-SxString offlineText(const ZqNetOutage& outage) {
+SxString outageText(const ZqNetOutage& outage) {
     if (outage.nTries == 0) return {};
-    return ", offline for " + SxString(outage.ms / 1000) + " s, " +
-           ZqReadable::counted(outage.nTries, "try", "tries");
+    return ", for " + SxString(outage.ms / 1000) + " s, asked " +
+           ZqReadable::counted(outage.nTries, "time", "times");
 }
 
 SxString startText(double seconds, bool isBound) {
@@ -29,11 +47,10 @@ SxString startText(double seconds, bool isBound) {
 
 SxString statusText(ZqRun::Phase phase, const ZqFeedStatus& status, std::optional<double> untilStart,
                     bool isBound) {
-    if (!status.waiting.isEmpty()) return status.waiting + offlineText(status.outage);
-    SxString text = phaseText(phase);
+    if (!status.waiting.isEmpty()) return status.waiting + outageText(status.outage);
+    SxString text = phaseText(phase, status);
     if (untilStart) text += startText(*untilStart, isBound);
     if (status.isUnderflow) text += ", the application waits for data";
-    if (status.isChecking) text += ", checking the image";
     if (status.nShort > 0) {
         text += SxString::sprintf(", needs %.0f MB more on the disk",
                                   std::ceil(static_cast<double>(status.nShort) / 1e6));
