@@ -6,25 +6,32 @@
 
 namespace {
 
+/// What goes on beside the application or the drive.
+SxString besideText(const ZqFeedStatus& status) {
+    if (status.isUnderflow) return ", the application waits for data";
+    if (status.nCurrent < status.nTotal) return ", downloading";
+    return status.isChecking ? ", checking the image" : "";
+}
+
 SxString phaseText(ZqRun::Phase phase, const ZqFeedStatus& status) {
-    const SxString checking = status.isChecking ? "checking the image" : "";
-    const SxString beside = status.isChecking ? ", " + checking : "";
-    const SxString loading = status.nCurrent < status.nTotal ? SxString("downloading") : checking;
+    const bool isDownloading = status.nCurrent < status.nTotal;
+    const char* otherwise = status.isChecking            ? "checking the image"
+                            : phase == ZqRun::Completing ? "completing the image"
+                                                         : "getting ready";
     switch (phase) {
     case ZqRun::Opening:
         return "looking for the image";
     case ZqRun::Loading:
     case ZqRun::Preparing:
-        return loading.isEmpty() ? "getting ready" : loading;
+    case ZqRun::Completing:
+        return isDownloading ? "downloading" : otherwise;
     case ZqRun::Mounting:
         return "making the drive";
     case ZqRun::Running:
     case ZqRun::Adopted:
-        return "running" + beside;
+        return "running" + besideText(status);
     case ZqRun::Feeding:
-        return "the drive is there" + beside;
-    case ZqRun::Completing:
-        return loading.isEmpty() ? "completing the image" : loading;
+        return "the drive is there" + besideText(status);
     case ZqRun::Ending:
         return "taking the drive away";
     }
@@ -32,7 +39,7 @@ SxString phaseText(ZqRun::Phase phase, const ZqFeedStatus& status) {
 }
 
 SxString outageText(const ZqNetOutage& outage) {
-    if (outage.nTries == 0) return {};
+    if (outage.ms < 1000) return {};
     return ", for " + SxString(outage.ms / 1000) + " s, asked " +
            ZqReadable::counted(outage.nTries, "time", "times");
 }
@@ -50,7 +57,6 @@ SxString statusText(ZqRun::Phase phase, const ZqFeedStatus& status, std::optiona
     if (!status.waiting.isEmpty()) return status.waiting + outageText(status.outage);
     SxString text = phaseText(phase, status);
     if (untilStart) text += startText(*untilStart, isBound);
-    if (status.isUnderflow) text += ", the application waits for data";
     if (status.nShort > 0) {
         text += SxString::sprintf(", needs %.0f MB more on the disk",
                                   std::ceil(static_cast<double>(status.nShort) / 1e6));
