@@ -57,6 +57,13 @@ TEST_F(NetOptionsTest, theWayIsNotedWithoutItsPassword) {
     EXPECT_THAT(fetch({"--cacert", ""}).err, HasSubstr("certificate"));
     EXPECT_EQ(fetch({"--url", proxy.url(), "--proxy", "none", "--cacert", proxy.authority()}).code, 0);
     EXPECT_EQ(noted().proxy, "none");
+
+    // Of a complete image no server is asked.
+    const Words whole = {"fetch", dir.path("image")};
+    EXPECT_EQ(run(whole, {"--proxy", "http://127.0.0.1:1"}).code, 0);
+    EXPECT_EQ(noted().proxy, "none");
+    EXPECT_THAT(run(whole, {"--cacert", dir.path("ca.pem")}).err, HasSubstr("Cannot read the certificates"));
+    EXPECT_EQ(noted().trustFile, SxString(proxy.authority()));
 }
 
 TEST_F(NetOptionsTest, whatIsNoWayIsOneSentence) {

@@ -44,6 +44,9 @@ void ZqFeedFolder::requireFolder() const {
 
 bool ZqFeedFolder::take(const ZqStopTest& stop) {
     requireFolder();
+    // What the image or the settings name may be wrong where nobody is asked.
+    ZqNetAccess{settings.access.trustFile.value_or(SxString()), settings.access.proxy.value_or(SxString())}
+        .check();
     made = SxPtr<ZqNewFolder>::create(settings.image);
     growth = ZqImageLock::take(settings.image, ZqImageLock::Growth, ZqImageLock::Exclusive, settings.job);
     // Before anything looks at the size. A drive that is up has taken no more than can be believed either.
@@ -133,11 +136,14 @@ bool ZqFeedFolder::openApp(const SxPtr<ZqNetLink>& link, const ZqStopTest& stop)
         // A run plays without its server. Who only completes an image has no use for an address that gives
         // another one.
         if (settings.isDownloadOnly && !(url == record.url)) {
+            access.get().check();
             ZqImageRecords(SxPtr<ZqNetLink>::create(getAccess()), settings.image, url, settings.headers)
                 .requireSameOnServer(app, stop);
+            hasAnswered = true;
         }
     } else {
         app = fetchApp(link, &isConfirmed, stop);
+        hasAnswered = isConfirmed;
     }
     ZqFeedSettings found = settings;
     found.url = url;
@@ -170,12 +176,12 @@ void ZqFeedFolder::noteUse(bool isDownloaded) const {
     const bool dropsDigest = isDownloaded && !record.verified.isEmpty();
     const bool dropsLeft = record.left.size >= 0;
     ZqStreamRecord noted = record;
-    const bool notesAccess = ZqImageAccess::note(&noted, settings.access);
+    const bool notesAccess = hasAnswered && ZqImageAccess::note(&noted, settings.access);
     if (record.url == url && !notesAccess && !dropsDigest && !dropsLeft && record.isWritten == written)
         return;
     ZqStreamRecord::update(settings.image, [&](ZqStreamRecord* now) {
         now->url = url;
-        ZqImageAccess::note(now, settings.access);
+        if (hasAnswered) ZqImageAccess::note(now, settings.access);
         // A kill must not leave what is written from now on as believed.
         now->left = ZqStreamRecord::Left();
         if (isDownloaded) now->verified = SxString();

@@ -29,7 +29,8 @@ public:
     /// Reads `app.json`, or fetches it over `link` where that isn't null: where the image isn't complete.
     /// False where the server hasn't said that this is its version still.
     bool openApp(const SxPtr<ZqNetLink>& link, const ZqStopTest& stop);
-    /// Notes the address in the folder, and no longer how the image was left; `isDownloaded`: since it is
+    /// Notes the address in the folder, and the way there if the server has answered, and no longer how the
+    /// image was left; `isDownloaded`: since it is
     /// about to be written.
     void noteUse(bool isDownloaded) const;
     /// Fetches the records that are missing, over `link` where that isn't null.
@@ -77,4 +78,5 @@ private:
     SxPtr<ZqNewFolder> made;
     SxPtr<ZqImageLock> growth, shape;
     bool hadAll = false, written = false;
+    bool hasAnswered = false; ///< the server, that this is its version
 };
