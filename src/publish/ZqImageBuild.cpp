@@ -261,7 +261,7 @@ void ZqImageBuild::main() {
         throw SxException("The folder '" + source + "' holds no file to make a drive of", UNIT, __LINE__);
     }
     const ZqAppParams app = makeApp(tree);
-    if (!options.cmd.isEmpty()) commandDoubt = doubtOf(app.cmd, tree);
+    if (!app.cmd.isEmpty()) commandDoubt = doubtOf(app.cmd, tree);
     // The files are placed, made a file system of, and cut into blocks.
     setNTotal(3 * tree.getBytes());
     build(tree, *maker, app);

@@ -215,6 +215,9 @@ TEST_F(ClientTest, aBuildTellsWhatPlayersWillMiss) {
                                         : "")
             << cmd;
     }
+    dir.write("template.json", R"({"app": {"cmd": "no-such-game"}})");
+    EXPECT_THAT(run({"image", "build", dir.path("src"), image, "--app", dir.path("template.json")}).err,
+                HasSubstr("nor a program of this machine"));
     const string built = run({"image", "build", dir.path("src"), image, "--cmd", "run"}).out;
     const string info = run({"image", "info", image}).out;
     for (const string& text : {built, info}) {
