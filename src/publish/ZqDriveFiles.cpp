@@ -3,6 +3,7 @@
 #include "SxException.h"
 #include "ZqBlocks.h"
 #include "ZqDriveMaker.h"
+#include "ZqDriveMeans.h"
 #include "ZqDriveRows.h"
 #include "ZqErofsWalk.h"
 #include "ZqExt4Walk.h"
@@ -16,7 +17,6 @@ namespace {
 
 constexpr const char* UNIT = "src/publish/ZqDriveFiles";
 constexpr uint64 BLOCK = ZqBlocks::SIZE;
-constexpr uint64 SQUASHFS_MAGIC = 0x73717368;
 constexpr size_t MD5_TEXT = 32;
 
 /// Reads the drive of an image as far as `map` goes. Blocks that aren't included are zeros.
@@ -64,11 +64,7 @@ ImageReader readFirst(const SxString& folder, SxArray<uint64>* map) {
 }
 
 SxString typeOf(ZqDriveReader* reader) {
-    using Maker = ZqDriveMaker;
-    if (ZqErofsWalk::isThat(reader)) return Maker::typeToString(Maker::Erofs);
-    if (ZqExt4Walk::isThat(reader)) return Maker::typeToString(Maker::Ext4);
-    const bool isSquashfs = ZqDriveReader::number(reader->read(0, 4), 0, 4) == SQUASHFS_MAGIC;
-    return isSquashfs ? Maker::typeToString(Maker::Squashfs) : SxString();
+    return ZqDriveMeans::typeOf(reader->read(0, std::min<uint64>(reader->getSize(), ZqBlocks::SIZE)));
 }
 
 SxString whyNotDrive(ZqDriveReader* reader) {
