@@ -2,24 +2,18 @@
 
 #include "SxException.h"
 #include "SxFileIO.h"
-
-#include <curl/curl.h>
+#include "ZqUrlParts.h"
 
 #include <algorithm>
 #include <array>
 #include <cctype>
-#include <memory>
+#include <optional>
 #include <string_view>
 
 namespace {
 constexpr const char* UNIT = "src/platform/net/ZqNetAccess";
 /// The authorities of a whole system are a quarter of that.
 constexpr int64 MAX_TRUST_FILE = 1 << 20;
-
-struct FreeUrl {
-    void operator()(CURLU* url) const { curl_url_cleanup(url); }
-};
-using UrlPtr = std::unique_ptr<CURLU, FreeUrl>;
 
 /// The bytes of a text in base64; empty where it is none.
 std::string decoded(std::string_view text) {
@@ -73,25 +67,13 @@ bool isPem(std::string_view text) {
     return nFound > 0;
 }
 
-/// As libcurl reads the address of a proxy; null where it is none.
-UrlPtr parse(const SxString& proxy) {
+/// Nothing where it is none.
+std::optional<ZqUrlParts> parse(const SxString& proxy) {
     std::string text = proxy.str();
     if (text.find("://") == std::string::npos) text = "http://" + text;
-    UrlPtr url(curl_url());
     const auto isBad = [](unsigned char c) { return c <= ' ' || c == 0x7F; };
-    if (!url || std::any_of(text.begin(), text.end(), isBad)) return nullptr;
-    if (curl_url_set(url.get(), CURLUPART_URL, text.c_str(), CURLU_NON_SUPPORT_SCHEME) != CURLUE_OK)
-        return nullptr;
-    return url;
-}
-
-/// A part of the address; empty where it has none.
-std::string partOf(CURLU* url, CURLUPart what) {
-    char* part = nullptr;
-    if (curl_url_get(url, what, &part, 0) != CURLUE_OK) return {};
-    std::string text(part);
-    curl_free(part);
-    return text;
+    if (std::any_of(text.begin(), text.end(), isBad)) return {};
+    return ZqUrlParts::of(text);
 }
 } // namespace
 
@@ -117,10 +99,9 @@ bool ZqNetAccess::isProxyFault(const SxString& proxy) {
     constexpr std::array<std::string_view, 6> SCHEMES = {"http",    "https",  "socks4",
                                                          "socks4a", "socks5", "socks5h"};
     if (proxy.isEmpty() || proxy == DIRECT) return false;
-    const UrlPtr url = parse(proxy);
-    return !url ||
-           std::find(SCHEMES.begin(), SCHEMES.end(), partOf(url.get(), CURLUPART_SCHEME)) == SCHEMES.end() ||
-           partOf(url.get(), CURLUPART_HOST).empty();
+    const auto url = parse(proxy);
+    return !url || std::find(SCHEMES.begin(), SCHEMES.end(), url->scheme) == SCHEMES.end() ||
+           url->host.empty();
 }
 
 SxString ZqNetAccess::withoutPassword(const SxString& proxy) {

@@ -2,10 +2,12 @@
 
 #include "SxOs.h"
 #include "ZqNetLink.h"
+#include "ZqUrlParts.h"
 
 #include <curl/curl.h>
 
-#include <memory>
+#include <optional>
+#include <string>
 
 namespace {
 
@@ -59,18 +61,6 @@ const char* tagOf(CURL* easy, CURLcode code) {
     }
 }
 
-struct FreeUrl {
-    void operator()(CURLU* url) const { curl_url_cleanup(url); }
-};
-
-std::string partOf(CURLU* url, CURLUPart what) {
-    char* part = nullptr;
-    if (curl_url_get(url, what, &part, CURLU_DEFAULT_PORT) != CURLUE_OK) return {};
-    const std::string text(part);
-    curl_free(part);
-    return text;
-}
-
 /// A proxy that was asked for a way to the server, and gives none.
 SxException failureOfProxy(CURL* easy, long status) {
     const char* host = nullptr;
@@ -94,10 +84,9 @@ SxString proxyInFrontOf(CURL* easy, const char* detail) {
     const std::string place = host + ":" + text.substr(0, text.find_first_not_of("0123456789"));
     const char* address = nullptr;
     curl_easy_getinfo(easy, CURLINFO_EFFECTIVE_URL, &address);
-    const std::unique_ptr<CURLU, FreeUrl> url(curl_url());
-    if (!url || !address || curl_url_set(url.get(), CURLUPART_URL, address, 0) != CURLUE_OK) return {};
-    const std::string asked = partOf(url.get(), CURLUPART_HOST) + ":" + partOf(url.get(), CURLUPART_PORT);
-    return place == asked ? SxString() : SxString("the proxy " + place + ": ");
+    const auto url = address ? ZqUrlParts::of(address) : std::nullopt;
+    if (!url) return {};
+    return place == url->host + ":" + url->port ? SxString() : SxString("the proxy " + place + ": ");
 }
 
 } // namespace
