@@ -64,6 +64,8 @@ TEST_F(NetOptionsTest, theWayIsNotedWithoutItsPassword) {
     EXPECT_EQ(noted().proxy, "none");
     EXPECT_THAT(run(whole, {"--cacert", dir.path("ca.pem")}).err, HasSubstr("Cannot read the certificates"));
     EXPECT_EQ(noted().trustFile, SxString(proxy.authority()));
+    EXPECT_EQ(run(whole, {"--cacert", ""}).code, 0);
+    EXPECT_EQ(noted().trustFile, "");
 }
 
 TEST_F(NetOptionsTest, whatIsNoWayIsOneSentence) {

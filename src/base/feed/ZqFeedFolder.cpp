@@ -171,17 +171,27 @@ ZqAppParams ZqFeedFolder::fetchApp(const SxPtr<ZqNetLink>& link, bool* isConfirm
     return records.fetchApp(!settings.isDownloadOnly, isConfirmed, stop);
 }
 
+/// What of the options is noted. No server has to answer for a note that is taken back.
+ZqAccessWish ZqFeedFolder::notedWish() const {
+    ZqAccessWish wish = settings.access;
+    for (std::optional<SxString>* option : {&wish.trustFile, &wish.proxy}) {
+        if (!hasAnswered && *option && !(*option)->isEmpty()) option->reset();
+    }
+    return wish;
+}
+
 void ZqFeedFolder::noteUse(bool isDownloaded) const {
     const bool isFresh = fileSize() == 0;
     const bool dropsDigest = isDownloaded && !record.verified.isEmpty();
     const bool dropsLeft = record.left.size >= 0;
     ZqStreamRecord noted = record;
-    const bool notesAccess = hasAnswered && ZqImageAccess::note(&noted, settings.access);
+    const ZqAccessWish wish = notedWish();
+    const bool notesAccess = ZqImageAccess::note(&noted, wish);
     if (record.url == url && !notesAccess && !dropsDigest && !dropsLeft && record.isWritten == written)
         return;
     ZqStreamRecord::update(settings.image, [&](ZqStreamRecord* now) {
         now->url = url;
-        if (hasAnswered) ZqImageAccess::note(now, settings.access);
+        ZqImageAccess::note(now, wish);
         // A kill must not leave what is written from now on as believed.
         now->left = ZqStreamRecord::Left();
         if (isDownloaded) now->verified = SxString();

@@ -64,6 +64,7 @@ private:
     SxString filePath(const char* name) const;
     uint64 fileSize() const;
     void requireFolder() const;
+    ZqAccessWish notedWish() const;
     ZqAppParams fetchApp(const SxPtr<ZqNetLink>& link, bool* isConfirmed, const ZqStopTest& stop);
     /// Cuts off what the file has beyond the image, and beyond what the last download has left of it.
     bool isReadByKernel() const;

@@ -38,7 +38,8 @@ protected:
 TEST_F(StuckDisk, TheOutputHoldsUpNoEnd) {
     const auto output = std::make_shared<ZqGameOutput>(SxString(dir.path()), false);
     output->begin(TIME);
-    const std::string said = std::string(5 << 20, 'x') + "\nlast\n";
+    std::string said(5 << 20, 'x');
+    said += "\nlast\n";
     ASSERT_EQ(::write(output->getFd(), said.data(), said.size()), static_cast<ssize_t>(said.size()));
     ZqOutputKeeper keeper(output);
     EXPECT_TRUE(keeper.finish().isEmpty()) << "of an application that runs";
