@@ -82,6 +82,13 @@ void ZqPatchBuilder::require() const {
     if (compression != ZqPatchCompression::REPLACE) ZqDiffTask::requireTool();
     ZqImageStaging::refuseOverlap(patch, older);
     ZqImageStaging::refuseOverlap(patch, newer);
+    if (!SxFSAction::isGone(scratch)) {
+        throw SxException(
+            "The patch folder '" + patch +
+                "' is being written, or a command that was killed has left it unfinished; in that "
+                "case remove it",
+            UNIT, __LINE__);
+    }
     if (!ZqImageFolder::isFree(patch))
         throw SxException("The patch folder '" + patch + "' isn't empty", UNIT, __LINE__);
 }

@@ -331,6 +331,8 @@ TEST(PatchBuilder, OnlyWholeAndRightImagesAreTaken) {
     EXPECT_THAT(refusal([&](const TempDir& dir) { ZqStreamRecord::noteWrites(SxString(dir.path("old/"))); }),
                 HasSubstr("Programs have written"));
     EXPECT_THAT(refusal([&](const TempDir& dir) { dir.write("patch/mine", "x"); }), HasSubstr("isn't empty"));
+    EXPECT_THAT(refusal([&](const TempDir& dir) { dir.write("patch/parts.tmp/map.idx", "x"); }),
+                HasSubstr("a command that was killed has left it unfinished; in that case remove it"));
 }
 
 // A full disk, a failing one or a stop leaves no half a patch that somebody would publish.
