@@ -13,6 +13,8 @@
 #include "ZqVolume.h"
 #include "zqdevctl.h"
 
+#include <algorithm>
+
 namespace {
 
 constexpr const char* UNIT = "src/base/ZqMountMgr";
@@ -171,7 +173,11 @@ void ZqMountMgr::awaitEnd(const SxString& image, uint64 targetId, uint64 madeNs)
         // The letter may be another image's by now.
         ZqVolumeIdentity identity;
         const bool isOurs = ZqVolume::queryIdentity(mntPoint, &identity) && identity.targetId == targetId;
-        return !(isOurs && SxFSAction::test_f(mntPoint + MARKER)) && !isThere;
+        if (isThere || !isOurs || !SxFSAction::test_f(mntPoint + MARKER)) return !isThere;
+        // So may both be, letter and number.
+        const SxList<ZqDiskStatus> disks = ZqVolume::getDisks();
+        return std::any_of(disks.begin(), disks.end(),
+                           [&](const ZqDiskStatus& other) { return other.drive == mntPoint; });
     };
     // The limit counts from the last progress: a slow disk may take any time for what programs have written.
     SxDeadline deadline(LIMIT * PASS_MS);
