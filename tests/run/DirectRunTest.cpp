@@ -61,9 +61,12 @@ protected:
     Outcome runWith(std::vector<string> prefix, const std::vector<string>& words) const {
         prefix.insert(prefix.end(), {"timeout", "60", client});
         prefix.insert(prefix.end(), words.begin(), words.end());
+        return runBare(prefix);
+    }
+    Outcome runBare(const std::vector<string>& words) const {
         SxList<SxString> arguments = {"-c", "\"$@\" >'" + dir.path("out") + "' 2>'" + dir.path("err") + "'",
                                       "bash"};
-        for (const string& word : prefix)
+        for (const string& word : words)
             arguments << SxString(word);
         const int code = SxProcess("bash", arguments).run();
         return {code, dir.read("out"), dir.read("err")};
@@ -422,6 +425,21 @@ TEST_F(DirectRun, ADriveThatAnotherMachineRootKeepsFromBeingTakenOverSaysSo) {
     useRoot("root");
     EXPECT_TRUE(eventually([&] { return statusOf(image).notTaken.isEmpty(); }));
     EXPECT_EQ(done({"umount", image}), "Unmounted\n");
+}
+
+TEST_F(DirectRun, AMountThatIsStoppedInAnyStepLeavesNothing) {
+    int nStopped = 0;
+    for (int ms = 10; ms < 400; ms += 15) {
+        SCOPED_TRACE(ms);
+        const string script =
+            "\"$@\" & sleep " + std::to_string(ms / 1000.0) + "; kill -TERM $! 2>/dev/null; wait $!";
+        const Outcome outcome = runBare({"bash", "-c", script, "bash", client, "mount", image});
+        const bool isMounted = !statusOf(image).image.isEmpty();
+        EXPECT_EQ(isMounted, outcome.code == 0) << outcome.out << outcome.err;
+        if (outcome.err == "tavrin: stopped\n") ++nStopped;
+        if (isMounted) done({"umount", image});
+    }
+    EXPECT_GT(nStopped, 0);
 }
 
 TEST_F(DirectRun, AServiceThatIsKilledInAnyStepOfTheMountLeavesNothing) {
