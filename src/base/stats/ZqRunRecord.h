@@ -5,6 +5,12 @@
 #include "ZqRunAccuracy.h"
 #include "ZqRuntimeInfo.h"
 
+/// Times in which an application waited for blocks: at least one read was held without a break, for more than
+/// half a second.
+struct ZqRunWaits {
+    int64 n = 0, longestMs = 0, sumMs = 0;
+};
+
 /// What one run was like, whole: the figures of ZqRuntimeInfo and what `runtime.json` lacks. A file for each
 /// run stands in the folder `runs/` of its image, in order of the runs by their names, of which the last
 /// KEPT stay; they are for their user alone, since a record may hold the token of a statistics service. Times
@@ -12,11 +18,7 @@
 struct ZqRunRecord {
     static constexpr int64 KEPT = 100;
 
-    /// Times in which the application waited for blocks: at least one read was held without a break, for more
-    /// than half a second.
-    struct Waits {
-        int64 n = 0, longestMs = 0, sumMs = 0;
-    };
+    using Waits = ZqRunWaits;
 
     ZqRuntimeInfo info;         ///< times in seconds, speeds in megabit per second
     SxString build;             ///< build id: `checksums.mnt` of the application's record
