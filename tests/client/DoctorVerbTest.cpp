@@ -106,6 +106,8 @@ TEST_F(DoctorVerb, ACertificateIsJudgedByWhatTheHandshakeSays) {
         const Line line = look(words, &code)["certificate"];
         EXPECT_EQ(line.state, each.state) << each.url << " " << line.text;
         EXPECT_THAT(line.text, HasSubstr(each.text)) << each.url;
-        if (each.state == "missing") EXPECT_THAT(line.remedy, HasSubstr("--cacert"));
+        if (each.state == "missing") {
+            EXPECT_THAT(line.remedy, HasSubstr("--cacert"));
+        }
     }
 }
