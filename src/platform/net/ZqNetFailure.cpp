@@ -101,6 +101,8 @@ SxException ZqNetFailure::of(void* easy, int code, const char* detail, int64 con
         text = proxyInFrontOf(easy, detail) + SxOs::errorText(error);
     } else if (code == CURLE_OPERATION_TIMEDOUT) {
         text = "no connection within " + SxString::sprintf("%g", static_cast<double>(connectMs) / 1e3) + " s";
+    } else if (code == CURLE_PARTIAL_FILE) {
+        text = "the connection broke in the middle of a response";
     } else if (*detail != 0) {
         text = SxString(detail);
     }
