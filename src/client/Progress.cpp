@@ -53,22 +53,24 @@ Progress::Progress(const OutputMode& mode, const SxString& label_)
 
 void Progress::update(uint64 nCurrent, uint64 nTotal) {
     const int64 nowNs = SxClock::get().steadyNs();
-    measure(nCurrent, nowNs);
-    if (stalled) rate = 0;
+    if (!isPaced) {
+        measureRate(nCurrent, nowNs);
+        seconds = rate > 0 && nTotal > nCurrent ? static_cast<double>(nTotal - nCurrent) / rate : 0;
+    }
     if (style == Drawn) {
-        const SxString line = formatLine(label, nCurrent, nTotal, rate, terminalWidth() - 1);
+        const SxString line = formatLine(label, nCurrent, nTotal, rate, seconds, terminalWidth() - 1);
         std::fputs(("\r" + line + "\x1b[K").ascii(), stderr);
         std::fflush(stderr);
         drawn = true;
     } else if (style == Plain && nowNs - lastLineNs >= PLAIN_INTERVAL_NS) {
         // A file or a pipe has no width, and what is cut there is lost.
         const int64 width = std::max(PLAIN_WIDTH, label.makeVisible().getSize() + NUMBERS_WIDTH);
-        std::fputs((formatLine(label, nCurrent, nTotal, rate, width) + "\n").ascii(), stderr);
+        std::fputs((formatLine(label, nCurrent, nTotal, rate, seconds, width) + "\n").ascii(), stderr);
         lastLineNs = nowNs;
     }
 }
 
-void Progress::measure(uint64 nCurrent, int64 nowNs) {
+void Progress::measureRate(uint64 nCurrent, int64 nowNs) {
     // A job that goes on where an earlier one ended doesn't begin at 0, one with several phases begins anew.
     if (!measured || nCurrent < lastCurrent) {
         measured = true;
@@ -86,9 +88,11 @@ void Progress::measure(uint64 nCurrent, int64 nowNs) {
     lastNs = nowNs;
 }
 
-void Progress::setStalled(bool on) {
-    stalled = on;
-    if (on) measured = false;
+void Progress::setPace(double rate_, double seconds_) {
+    isPaced = true;
+    measured = false;
+    rate = rate_;
+    seconds = seconds_;
 }
 
 void Progress::finish() {
@@ -99,7 +103,7 @@ void Progress::finish() {
 }
 
 SxString Progress::formatLine(const SxString& label, uint64 nCurrent, uint64 nTotal, double rate,
-                              int64 width) {
+                              double seconds, int64 width) {
     const double done = static_cast<double>(nCurrent), total = static_cast<double>(nTotal);
     const double fraction = nTotal > 0 ? std::min(done / total, 1.0) : 0;
     // Of even width, so that the bar stands still.
@@ -110,9 +114,7 @@ SxString Progress::formatLine(const SxString& label, uint64 nCurrent, uint64 nTo
         amount += " of " + readableBytes(total);
     }
     if (rate > 0) speed = SxString::sprintf("%10s/s", readableBytes(rate).ascii());
-    if (rate > 0 && nTotal > nCurrent) {
-        rest = SxString::sprintf("%5s left", formatEta((total - done) / rate).ascii());
-    }
+    if (seconds > 0) rest = SxString::sprintf("%5s left", formatEta(seconds).ascii());
 
     SxString line = shortenTo(label.makeVisible(), width);
     int64 left = width - columnsOf(line);

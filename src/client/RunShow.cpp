@@ -9,6 +9,7 @@
 #include <tavrin/SxTime.h>
 #include <tavrin/ZqShownEta.h>
 
+#include <algorithm>
 #include <csignal>
 #include <optional>
 #include <unistd.h>
@@ -42,6 +43,19 @@ std::optional<double> untilStart(const ZqRun& job, const ZqFeedStatus& status, Z
     return estimate->look(now, status.linkRate, [&](double rate) { return job.estimateStart(rate); });
 }
 
+/// The link's own rate, and what it still has to bring: what was fetched on demand is there, though the
+/// ordered download hasn't come to it.
+void showProgress(const ZqRun& job, const ZqFeedStatus& status, Progress* progress) {
+    if (status.isChecking) {
+        progress->measure();
+        progress->update(status.nChecked, status.nTotal);
+        return;
+    }
+    const bool isComing = status.nCurrent < status.nTotal && status.waiting.isEmpty();
+    progress->setPace(isComing ? status.linkRate : 0, isComing ? job.estimateRest(status.linkRate) : 0);
+    progress->update(std::min(status.nCurrent + status.image.nStored, status.nTotal), status.nTotal);
+}
+
 } // namespace
 
 void followRun(ZqRun* job, const SxString& image, bool startsAtOnce, Output& out, const RunLook& look) {
@@ -54,10 +68,9 @@ void followRun(ZqRun* job, const SxString& image, bool startsAtOnce, Output& out
         LOOK_MS, [&] { return !job->isRunning(); }, END_LOOK_MS)) {
         if (signals.isAsked()) job->stop();
         const ZqFeedStatus status = job->getStatus();
-        progress.setStalled(!status.waiting.isEmpty());
         progress.setLabel(
             statusText(job->getPhase(), status, untilStart(*job, status, &estimate), startsAtOnce));
-        progress.update(status.isChecking ? status.nChecked : status.nCurrent, status.nTotal);
+        showProgress(*job, status, &progress);
         if (!toldCarried && !status.carried.isEmpty()) {
             toldCarried = true;
             progress.finish();

@@ -6,6 +6,8 @@
 
 namespace {
 
+constexpr double BYTES_PER_MBIT = 125'000;
+
 /// What goes on beside the application or the drive.
 SxString besideText(const ZqFeedStatus& status) {
     if (status.isUnderflow) return ", the application waits for data";
@@ -113,9 +115,10 @@ void tellFigures(const ZqRun::Result& result, Output* out) {
     if (result.waits) out->text("  waits for data            " + waitsText(*result.waits));
     out->text(SxString("  underflows                ") + info.nUnderflows + ", the longest " +
               ZqReadable::seconds(info.maxUnderflowTime));
-    out->text("  download                  " +
-              SxString(info.downloadComplete ? "complete" : "goes on with the next run") + ", " +
-              SxString::sprintf("%.1f Mbit/s", info.avgSpeed));
+    SxString download = info.downloadComplete ? "complete" : "goes on with the next run";
+    if (result.link.rate > 0)
+        download += SxString::sprintf(", the link brought %.1f Mbit/s", result.link.rate / BYTES_PER_MBIT);
+    out->text("  download                  " + download);
     if (!result.traceFolder.isEmpty()) out->text("  trace                     " + result.traceFolder);
     if (!result.mountPath.isEmpty()) out->text("  the drive stays at        " + result.mountPath);
 }

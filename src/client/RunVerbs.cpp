@@ -185,8 +185,9 @@ int fetch(const RunOptions& options, Output& out) {
     followRun(&job, options.image, false, out, [](const auto&, const auto&, Progress*) {});
     const ZqRun::Result& result = job.getResult();
     if (out.getMode().json) out.object(job.toJson());
-    tellMissing(result, options.image, &out);
-    if (job.hasException()) throw job.getException();
+    // Who got nothing is told why, and the same command would do no better.
+    if (result.link.nBytes > 0) tellMissing(result, options.image, &out);
+    if (job.hasException()) raiseHinted(job.getException());
     out.text("The image is complete: " + exactBytes(static_cast<uint64>(result.info.imageSize)) + ", " +
              readableBytes(static_cast<double>(result.link.nBytes)) + " received" +
              (result.image.isPacked ? " (packed)" : "") +
@@ -196,6 +197,12 @@ int fetch(const RunOptions& options, Output& out) {
 } // namespace
 
 void raiseHinted(const SxException& failure) {
+    if (failure.hasTag(ZqRun::UNTRUSTED)) {
+        throw SxException(failure,
+                          "No authority that this system trusts vouches for the server; --cacert FILE names "
+                          "another one",
+                          UNIT, __LINE__);
+    }
     if (!failure.hasTag(ZqLaunchCommand::NOT_INSTALLED)) throw SxException(failure);
     throw SxException(
         failure,

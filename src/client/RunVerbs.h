@@ -20,5 +20,5 @@ struct FedMount {
 int mountFed(const FedMount& mount, Output& out, const std::function<void()>& tell);
 
 /// Raises a failure of a mount or a run again, with what to do in front of it where a launcher isn't
-/// installed.
+/// installed, or nobody vouches for the server.
 [[noreturn]] void raiseHinted(const SxException& failure);

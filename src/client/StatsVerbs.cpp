@@ -45,8 +45,8 @@ void row(const char* name, const SxString& value, Output* out) {
     out->text(SxString::sprintf("  %-26s", name) + value);
 }
 
-/// How good the order was, in the run's bytes.
-void tellAccuracy(const ZqRunAccuracy& found, Output* out) {
+/// How good the order was, in the run's bytes. `traced`: the run has left a trace.
+void tellAccuracy(const ZqRunAccuracy& found, bool traced, Output* out) {
     if (found.nWaits) {
         row("reads that waited",
             SxString(*found.nWaits) + ", " + ZqReadable::seconds(static_cast<int64>(found.waitedMs)) +
@@ -54,7 +54,10 @@ void tellAccuracy(const ZqRunAccuracy& found, Output* out) {
             out);
     }
     if (!found.isJudged) {
-        row("order", "not judged, since the run left no trace", out);
+        row("order",
+            traced ? "not judged, since the run had gone on with one that was killed"
+                   : "not judged, since the run left no trace",
+            out);
         return;
     }
     row("read", bytes(found.nRead), out);
@@ -91,14 +94,13 @@ void tellRun(const ZqRunRecord& run, Output* out) {
         bytes(run.link.nBytes) + (run.image.isPacked ? " (packed)" : "") + ", on demand " +
             bytes(run.link.nOnDemandBytes),
         out);
-    row("download",
-        SxString::sprintf("%.1f Mbit/s, at most %.1f", info.avgSpeed, info.maxSpeed) +
-            (info.downloadComplete ? ", complete" : ""),
+    row("download", info.downloadComplete ? "complete" : "goes on with the next run", out);
+    row("growth of the image", SxString::sprintf("%.1f Mbit/s, at most %.1f", info.avgSpeed, info.maxSpeed),
         out);
     if (run.waits) row("waits for data", waitsText(*run.waits), out);
     row("underflows",
         SxString(info.nUnderflows) + ", the longest " + ZqReadable::seconds(info.maxUnderflowTime), out);
-    if (run.wasStarted) tellAccuracy(run.accuracy, out);
+    if (run.wasStarted) tellAccuracy(run.accuracy, !run.traceFolder.isEmpty(), out);
     if (info.coverage)
         row("named by the trace", SxString::sprintf("%.1f %% of the image", *info.coverage * 100), out);
     if (info.patchStats.started) row("patched before", SxString(info.patchStats.timeSec) + " s", out);

@@ -289,6 +289,11 @@ std::optional<double> ZqImageFeed::estimateStart(double rate, bool isAtOnce) con
     return download->estimateStart(rate, isAtOnce);
 }
 
+double ZqImageFeed::estimateRest(double rate) const {
+    if (!manager || !(rate > 0)) return 0;
+    return static_cast<double>(download->getImage()->wireSize(fileSize(), getApp().sizeZqf)) / rate;
+}
+
 ZqStartForecast ZqImageFeed::forecast(double rate) const {
     const uint64 nThere = fileSize(), nTotal = getApp().sizeZqf;
     if (!manager || nThere >= nTotal) return ZqStartForecast(getApp(), 0, nTotal);

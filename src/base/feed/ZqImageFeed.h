@@ -97,6 +97,8 @@ public:
     /// brings `rate` bytes a second; none where that isn't above 0. 0 where nothing is downloaded. From
     /// start() on.
     std::optional<double> estimateStart(double rate, bool isAtOnce) const;
+    /// Seconds until all is there, likewise; 0 where that isn't known.
+    double estimateRest(double rate) const;
     /// What the load profile says of a start with what is there, likewise.
     ZqStartForecast forecast(double rate) const;
     /// How long the server has been away; safe at any time.

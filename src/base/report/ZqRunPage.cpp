@@ -2,6 +2,7 @@
 
 #include "SxException.h"
 #include "SxFSAction.h"
+#include "ZqBlocks.h"
 #include "ZqImageFiles.h"
 #include "ZqImageFolder.h"
 #include "ZqPage.h"
@@ -85,8 +86,10 @@ SxString ZqRunPage::tiles() const {
     }
     html += ZqPage::tile("Underflows", ZqReadable::count(info.nUnderflows),
                          "the longest " + ZqReadable::seconds(info.maxUnderflowTime));
-    html += ZqPage::tile("Download", SxString::sprintf("%.1f Mbit/s", info.avgSpeed),
-                         info.downloadComplete ? "complete" : "goes on with the next run");
+    html += ZqPage::tile("Download", info.downloadComplete ? "complete" : "goes on with the next run",
+                         result.link.rate > 0 ? SxString::sprintf("the link brought %.1f Mbit/s",
+                                                                  result.link.rate / ZqBlocks::PER_MEGABIT)
+                                              : SxString());
     if (result.isExitKnown) html += ZqPage::tile("Exit code", SxString(info.exitCode));
     return html + "</dl>\n";
 }
@@ -226,7 +229,7 @@ SxString ZqRunPage::details() const {
         html += row("Fetched by hints", ZqReadable::counted(info.nHinted, "stretch", "stretches") +
                                             ", of which " + info.nHintsUsed + " were read");
     }
-    html += row("Speed of the download",
+    html += row("Growth of the image",
                 SxString::sprintf("%.1f Mbit/s, at most %.1f Mbit/s", info.avgSpeed, info.maxSpeed));
     if (!result.traceFolder.isEmpty()) html += row("Trace", result.traceFolder);
     if (!result.mountPath.isEmpty()) html += row("The drive stays at", result.mountPath);

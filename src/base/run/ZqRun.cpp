@@ -13,6 +13,7 @@
 #include "ZqHeldReads.h"
 #include "ZqImageFeed.h"
 #include "ZqImageLock.h"
+#include "ZqNetLink.h"
 #include "ZqOutputKeeper.h"
 #include "ZqRunDrive.h"
 #include "ZqRunNotes.h"
@@ -43,6 +44,8 @@ struct EndOfDelay {
 };
 
 } // namespace
+
+const char* const ZqRun::UNTRUSTED = ZqNetLink::UNTRUSTED;
 
 ZqRun::ZqRun(const Settings& settings_)
     : settings(settings_),
@@ -101,6 +104,10 @@ std::optional<double> ZqRun::estimateStart(double rate) const {
 
 std::string ZqRun::readOutput() {
     return output->readNext();
+}
+
+double ZqRun::estimateRest(double rate) const {
+    return phase == Opening ? 0 : feed->estimateRest(rate);
 }
 
 std::optional<ZqTracePolicy::Decision> ZqRun::getTraceDecision() const {

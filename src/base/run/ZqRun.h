@@ -71,6 +71,8 @@ public:
     /// Seconds until the application starts, by what a link of `rate` bytes a second still has to bring; none
     /// where that rate isn't above 0, and but before the start, after the phase Opening.
     std::optional<double> estimateStart(double rate) const;
+    /// Seconds until all of the image is there, likewise; 0 where that isn't known. After the phase Opening.
+    double estimateRest(double rate) const;
     /// Whether the run records a trace, and why. None before the phase Mounting, for a run that has nothing
     /// to decide (it has no application, goes on with that of a former run, or was given the folder of its
     /// trace), and where a full disk leaves no choice (`lacksTraceRoom` of the result).
@@ -82,6 +84,8 @@ public:
     std::string readOutput();
     /// Tag of a run's exception: the run has come to its end, but a read or write of its drive has failed.
     static constexpr const char* DRIVE_FAILED = "DriveFailed";
+    /// Tag of a run's exception: no authority that is trusted vouches for the server.
+    static const char* const UNTRUSTED;
     /// Meaningful once the run has ended.
     const Result& getResult() const { return result; }
     /// The result: the record of the run. Of a mere download whether the image is complete, its size, and
