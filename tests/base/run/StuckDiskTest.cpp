@@ -24,13 +24,19 @@ protected:
             while (!goesOn.isSetWithin(1000))
                 continue;
             clock.waitEnds();
+            isGoing.set();
         });
+    }
+    /// The disk answers again. The clock knows of the thread that was stuck when this returns.
+    void letGo() {
+        goesOn.set();
+        ASSERT_TRUE(isGoing.isSetWithin(10'000));
     }
 
     TempDir dir{TempDir::inMemory()};
     FaultOs os{dir.path()};
     VirtualClock clock;
-    SxLatch goesOn;
+    SxLatch goesOn, isGoing;
 };
 
 } // namespace
@@ -46,7 +52,7 @@ TEST_F(StuckDisk, TheOutputHoldsUpNoEnd) {
     keeper.letGo();
     EXPECT_TRUE(keeper.finish().isEmpty());
     EXPECT_GE(clock.elapsedMs(), ZqOutputKeeper::LIMIT_MS);
-    goesOn.set();
+    letGo();
     ASSERT_FALSE(keeper.finish().isEmpty());
     EXPECT_EQ(keeper.finish().last(), "last");
     EXPECT_EQ(std::filesystem::file_size(output->getFile().str()) >> 20, 4u);
@@ -63,7 +69,7 @@ TEST_F(StuckDisk, ARecordHoldsUpNoEndAndALateOneIsNotTheLast) {
         EXPECT_FALSE(notes.isDue());
         notes.finish(&record);
         EXPECT_GE(clock.elapsedMs(), ZqRunNotes::LIMIT_MS);
-        goesOn.set();
+        letGo();
         record.write(SxString(dir.path()));
         EXPECT_TRUE(notes.hasComeLate(&record));
         record.rewrite();
