@@ -215,7 +215,8 @@ TEST_F(ClientTest, aBuildTellsWhatPlayersWillMiss) {
                                         : "")
             << cmd;
     }
-    dir.write("template.json", R"({"app": {"cmd": "no-such-game"}})");
+    run({"image", "build", dir.path("src"), image, "--cmd", "no-such-game"});
+    dir.write("template.json", dir.read("image/app.json"));
     EXPECT_THAT(run({"image", "build", dir.path("src"), image, "--app", dir.path("template.json")}).err,
                 HasSubstr("nor a program of this machine"));
     const string built = run({"image", "build", dir.path("src"), image, "--cmd", "run"}).out;
