@@ -185,8 +185,7 @@ int fetch(const RunOptions& options, Output& out) {
     followRun(&job, options.image, false, out, [](const auto&, const auto&, Progress*) {});
     const ZqRun::Result& result = job.getResult();
     if (out.getMode().json) out.object(job.toJson());
-    // Who got nothing is told why, and the same command would do no better.
-    if (result.link.nBytes > 0) tellMissing(result, options.image, &out);
+    tellMissing(result, options.image, &out);
     if (job.hasException()) raiseHinted(job.getException());
     out.text("The image is complete: " + exactBytes(static_cast<uint64>(result.info.imageSize)) + ", " +
              readableBytes(static_cast<double>(result.link.nBytes)) + " received" +

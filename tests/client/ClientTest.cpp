@@ -28,7 +28,6 @@ TEST_F(ClientTest, wrongUsageIsOneSentenceAndExitCode2) {
         {{"image", "split", "x", "--part-size", "18446744073709551616"}, "not '18446744073709551616'"},
         {{"image", "split", "x", "--part-size", "20Mbit"}, "--part-size takes bytes"},
         {{"run", "x", "--rate", "20Mb/s"}, "run: --rate takes bytes a second, from 1"},
-        {{"fetch", "x", "--rate", "0"}, "fetch: --rate takes bytes a second"},
         {{"image", "info", "x", "--speed", "0.0"}, "image info: --speed takes Mbit/s, more than 0"},
         {{"image", "map", "x", "--first=-1"}, "--first needs a whole number from 0 to 9223372036854775807"},
         {{"run", "x", "--header", "A: b\r\nC: d"},
