@@ -125,7 +125,7 @@ class OptionsTest(unittest.TestCase):
         for name in HELP:
             listed = re.findall(r"--[a-z]+", paragraph(run(*name.split(), "--help").stdout, "Common options"))
             self.assertLessEqual(COMMON, set(listed), name)
-        takers = sections["The way to servers"].split(", take these")[0]
+        takers = re.split(r",\s+take these", sections["The way to servers"])[0]
         self.assertEqual({name for name in HELP if re.search(rf"`{name}\b", takers)},
                          {name for name, verb in HELP.items() if "--proxy" in verb.options})
 
