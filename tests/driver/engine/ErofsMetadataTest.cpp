@@ -148,13 +148,12 @@ TEST(ErofsMetadata, TenThousandFilesKeepTheirBlocks) {
     EXPECT_LT(made.size(), raw.size() / 20) << "inodes stand close together";
 }
 
-// A compact inode can't tell such a size, and each chunk is as large as it may be.
 TEST(ErofsMetadata, ASuperblockIsCheckedIfItHasAChecksum) {
     const ErofsImage image;
     image.write("file", std::string(BLOCK, 'x'));
     const std::string right = image.format();
     const StoredOrder order(right.size() / BLOCK);
-    for (const size_t at : {1024 + 5, 1024 + 50, 4095}) {
+    for (const size_t at : {size_t{1024 + 5}, size_t{1024 + 50}, size_t{4095}}) {
         SCOPED_TRACE(at);
         std::string raw = right;
         raw[at] = static_cast<char>(raw[at] ^ 4);
@@ -165,6 +164,7 @@ TEST(ErofsMetadata, ASuperblockIsCheckedIfItHasAChecksum) {
     }
 }
 
+// A compact inode can't tell such a size, and each chunk is as large as it may be.
 TEST(ErofsMetadata, AFileOf5GiBHasSixChunks) {
     const ErofsImage image;
     image.write("large", std::string(2 * BLOCK, 'l'));
