@@ -42,7 +42,7 @@ SxString phaseText(ZqRun::Phase phase, const ZqFeedStatus& status) {
 
 SxString outageText(const ZqNetOutage& outage) {
     if (outage.ms < 1000) return {};
-    return ", for " + SxString(outage.ms / 1000) + " s, asked " +
+    return ", offline for " + SxString(outage.ms / 1000) + " s, asked " +
            ZqReadable::counted(outage.nTries, "time", "times");
 }
 
