@@ -3,11 +3,13 @@
 #include "SxException.h"
 #include "SxOs.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <sstream>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <utility>
 
 namespace {
 
@@ -63,6 +65,14 @@ SxList<SxProcessInfo> SxProcessGroup::getRunning() const {
         if (info.group == id && info.isRunning() && info.startTime >= startTime) running << info;
     }
     return running;
+}
+
+SxProcessInfo SxProcessGroup::oldestOf(const SxList<SxProcessInfo>& members) {
+    const auto age = [](const SxProcessInfo& info) {
+        return std::pair(info.startTime, info.id == info.group ? 0 : info.id);
+    };
+    return *std::min_element(members.begin(), members.end(),
+                             [&](const SxProcessInfo& a, const SxProcessInfo& b) { return age(a) < age(b); });
 }
 
 bool SxProcessGroup::isSuspended() const {

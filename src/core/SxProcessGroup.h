@@ -29,6 +29,9 @@ public:
     /// was started anew.
     SxList<SxProcessInfo> getRunning() const;
     bool isAlive() const { return !getRunning().isEmpty(); }
+    /// The oldest of such processes, of which there is at least one. By its number a child of the group's
+    /// first process could come before that.
+    static SxProcessInfo oldestOf(const SxList<SxProcessInfo>& members);
     /// Whether one of them is suspended.
     bool isSuspended() const;
 

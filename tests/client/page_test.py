@@ -15,6 +15,8 @@ import tempfile
 import unittest
 from pathlib import Path
 
+import home
+
 CLIENT, PAGE = Path(sys.argv[1]).resolve(), Path(sys.argv[2]).read_text()
 COMMON = {"--help", "--json", "--quiet", "--verbose"}
 # With a value in NAMES of capitals, of words with a bar between them, or in quotes.
@@ -162,14 +164,7 @@ class KeysTest(unittest.TestCase):
 
     @classmethod
     def setUpClass(cls):
-        cls.home = tempfile.TemporaryDirectory()
-        cls.addClassCleanup(cls.home.cleanup)
-        os.chdir(cls.home.name)
-        cls.addClassCleanup(os.chdir, "/")
-        for name in [name for name in os.environ if name.lower().endswith("_proxy") or name.startswith("SSL_CERT")]:
-            del os.environ[name]
-        for name, folder in (("XDG_CONFIG_HOME", "config"), ("XDG_STATE_HOME", "state"), ("WINEPREFIX", "root")):
-            os.environ[name] = f"{cls.home.name}/{folder}"
+        home.enter(cls)
         for version in (1, 2):
             folder = Path(f"game{version}")
             folder.mkdir()

@@ -14,13 +14,14 @@ import signal
 import struct
 import subprocess
 import sys
-import tempfile
 import termios
 import threading
 import time
 import unicodedata
 import unittest
 from pathlib import Path
+
+import home
 
 CLIENT = Path(sys.argv[1]).resolve()
 WIDTHS = (10, 20, 40, 80, 200)
@@ -70,14 +71,7 @@ class Terminal:
 class ProgressLineTest(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
-        cls.home = tempfile.TemporaryDirectory()
-        cls.addClassCleanup(cls.home.cleanup)
-        os.chdir(cls.home.name)
-        cls.addClassCleanup(os.chdir, "/")
-        for name in [name for name in os.environ if name.lower().endswith("_proxy")]:
-            del os.environ[name]
-        for name, folder in (("XDG_CONFIG_HOME", "config"), ("XDG_STATE_HOME", "state"), ("WINEPREFIX", "root")):
-            os.environ[name] = f"{cls.home.name}/{folder}"
+        home.enter(cls)
         Path("game").mkdir()
         Path("game/data").write_bytes(os.urandom(3000000))
         subprocess.run([CLIENT, "image", "build", "game", "served", "--quiet", "--cmd", "/bin/sleep", "--arg", "60",

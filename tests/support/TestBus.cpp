@@ -2,6 +2,8 @@
 
 #include "SxTime.h"
 
+#include <cstring>
+#include <stdexcept>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -39,6 +41,11 @@ void replace(std::string* text, const std::string& mark, const std::string& by) 
 }
 
 } // namespace
+
+int TestBus::require(int outcome, const char* what) {
+    if (outcome < 0) throw std::runtime_error(std::string(what) + ": " + std::strerror(-outcome));
+    return outcome;
+}
 
 std::string TestBus::missing() {
     const SxString look = "command -v dbus-daemon";

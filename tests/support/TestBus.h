@@ -12,6 +12,9 @@ public:
     /// Why there can't be one; empty where there can.
     static std::string missing();
 
+    /// Gives `outcome`, of a call of sd-bus; raises what it was for where that has failed.
+    static int require(int outcome, const char* what);
+
     /// `kind`: "system" or "session".
     explicit TestBus(const std::string& kind);
     ~TestBus();

@@ -2,8 +2,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
-#include <stdexcept>
 #include <systemd/sd-bus.h>
 
 namespace {
@@ -11,11 +9,6 @@ namespace {
 constexpr const char* NAME = "org.freedesktop.Notifications";
 constexpr const char* PATH = "/org/freedesktop/Notifications";
 constexpr uint64_t TURN_US = 5000;
-
-int require(int outcome, const char* what) {
-    if (outcome < 0) throw std::runtime_error(std::string(what) + ": " + std::strerror(-outcome));
-    return outcome;
-}
 
 } // namespace
 
@@ -48,18 +41,18 @@ struct TestNotifications::Calls {
 };
 
 TestNotifications::TestNotifications(const TestBus& where) {
-    require(sd_bus_new(&bus), "a bus");
-    require(sd_bus_set_address(bus, where.getAddress().c_str()), "its address");
-    require(sd_bus_set_bus_client(bus, 1), "a client of it");
-    require(sd_bus_start(bus), "the bus");
+    TestBus::require(sd_bus_new(&bus), "a bus");
+    TestBus::require(sd_bus_set_address(bus, where.getAddress().c_str()), "its address");
+    TestBus::require(sd_bus_set_bus_client(bus, 1), "a client of it");
+    TestBus::require(sd_bus_start(bus), "the bus");
     static const sd_bus_vtable table[] = {
         SD_BUS_VTABLE_START(0),
         SD_BUS_METHOD("Notify", "susssasa{sv}i", "u", Calls::onNotify, SD_BUS_VTABLE_UNPRIVILEGED),
         SD_BUS_METHOD("CloseNotification", "u", "", Calls::onClose, SD_BUS_VTABLE_UNPRIVILEGED),
         SD_BUS_VTABLE_END,
     };
-    require(sd_bus_add_object_vtable(bus, nullptr, PATH, NAME, table, this), "its object");
-    require(sd_bus_request_name(bus, NAME, 0), "its name");
+    TestBus::require(sd_bus_add_object_vtable(bus, nullptr, PATH, NAME, table, this), "its object");
+    TestBus::require(sd_bus_request_name(bus, NAME, 0), "its name");
     thread = std::thread([this] { serve(); });
 }
 

@@ -1,10 +1,8 @@
 #include "TestSleep.h"
 
 #include <cerrno>
-#include <cstring>
 #include <fcntl.h>
 #include <poll.h>
-#include <stdexcept>
 #include <systemd/sd-bus.h>
 #include <unistd.h>
 #include <vector>
@@ -16,30 +14,25 @@ constexpr const char* PATH = "/org/freedesktop/login1";
 constexpr const char* INTERFACE = "org.freedesktop.login1.Manager";
 constexpr int TURN_MS = 10;
 
-int require(int outcome, const char* what) {
-    if (outcome < 0) throw std::runtime_error(std::string(what) + ": " + std::strerror(-outcome));
-    return outcome;
-}
-
 } // namespace
 
 /// Serves on a thread of its own until it is destroyed.
 class TestSleep::Manager {
 public:
     Manager(const std::string& address, std::atomic<int>* delays_) : delays(delays_) {
-        require(sd_bus_new(&bus), "a bus");
-        require(sd_bus_set_address(bus, address.c_str()), "its address");
-        require(sd_bus_set_bus_client(bus, 1), "a client of it");
-        require(sd_bus_negotiate_fds(bus, 1), "descriptors");
-        require(sd_bus_start(bus), "the bus");
+        TestBus::require(sd_bus_new(&bus), "a bus");
+        TestBus::require(sd_bus_set_address(bus, address.c_str()), "its address");
+        TestBus::require(sd_bus_set_bus_client(bus, 1), "a client of it");
+        TestBus::require(sd_bus_negotiate_fds(bus, 1), "descriptors");
+        TestBus::require(sd_bus_start(bus), "the bus");
         static const sd_bus_vtable table[] = {
             SD_BUS_VTABLE_START(0),
             SD_BUS_METHOD("Inhibit", "ssss", "h", onInhibit, SD_BUS_VTABLE_UNPRIVILEGED),
             SD_BUS_SIGNAL("PrepareForSleep", "b", 0),
             SD_BUS_VTABLE_END,
         };
-        require(sd_bus_add_object_vtable(bus, nullptr, PATH, INTERFACE, table, this), "its object");
-        require(sd_bus_request_name(bus, NAME, 0), "its name");
+        TestBus::require(sd_bus_add_object_vtable(bus, nullptr, PATH, INTERFACE, table, this), "its object");
+        TestBus::require(sd_bus_request_name(bus, NAME, 0), "its name");
         thread = std::thread([this] { serve(); });
     }
     ~Manager() {

@@ -84,7 +84,7 @@ SxException ZqImageAddress::absent(const SxString& url, const SxException& why) 
 
 SxException ZqImageAddress::other(const SxString& url, Kind kind, const SxException& why) {
     const auto page = [&](const char* what) {
-        // The reader's words tell no more.
+        // The reader's own words add nothing to that.
         return SxException(ZqNetLink::WRONG,
                            begin(url) + "the server answers with a web page instead of app.json, " + what +
                                wanted(),

@@ -116,10 +116,7 @@ int ZqCoreAppGuard::followCommand() {
 int ZqCoreAppGuard::followLeftBehind(const SxProcessGroup& left) {
     const SxList<SxProcessInfo> members = left.getRunning();
     if (members.isEmpty()) return 0;
-    SxProcessInfo oldest = members.first();
-    for (const SxProcessInfo& info : members) {
-        if (std::pair(info.startTime, info.id) < std::pair(oldest.startTime, oldest.id)) oldest = info;
-    }
+    const SxProcessInfo oldest = SxProcessGroup::oldestOf(members);
     zqLogMsg("base", SxString(PREFIX) + "Process " + shownName() + " handed over to PID " + oldest.id);
     const SxOtherProcess application(oldest.id);
     const auto ended = [&] { return stopRequested() || !left.isAlive(); };

@@ -7,8 +7,6 @@
 #include "ZqRunWait.h"
 #include "ZqStreamRecord.h"
 
-#include <algorithm>
-
 namespace {
 constexpr const char* UNIT = "src/base/ZqApplicationNote";
 /// From one try to note the application to the next.
@@ -28,19 +26,11 @@ void ZqApplicationNote::read() {
     nUntraced = record.nUntraced;
 }
 
-SxProcessInfo ZqApplicationNote::oldestOf(const SxList<SxProcessInfo>& members) {
-    return *std::min_element(members.begin(), members.end(),
-                             [](const SxProcessInfo& a, const SxProcessInfo& b) {
-                                 return std::pair(a.startTime, a.id == a.group ? 0 : a.id) <
-                                        std::pair(b.startTime, b.id == b.group ? 0 : b.id);
-                             });
-}
-
 void ZqApplicationNote::requireNoFormer() const {
     const SxList<SxProcessInfo> members = former.getRunning();
     if (members.isEmpty()) return;
     throw SxException("The application of a former run of '" + image + "' still runs (process " +
-                          SxString(oldestOf(members).id) +
+                          SxString(SxProcessGroup::oldestOf(members).id) +
                           "), and its drive has gone with the drive's service; end it first",
                       UNIT, __LINE__);
 }

@@ -20,9 +20,6 @@ public:
     /// application would write the same saves. It isn't ended here, since it may still have something to save
     /// elsewhere.
     void requireNoFormer() const;
-    /// The oldest of a group's processes, as where a command hands over. By its number a child of it could
-    /// come first. At least one is given.
-    static SxProcessInfo oldestOf(const SxList<SxProcessInfo>& members);
     /// This run goes on with what the former one has begun, and with its note.
     void adopt();
 

@@ -46,8 +46,8 @@ public:
     /// end().
     SxList<SxString> getLastLines() const;
 
-    /// The next piece of what the application says; empty where it has said no more by now. What wasn't read
-    /// soon enough is left out, with a line that says how much. Safe from any one thread beside.
+    /// The next piece of what the application says; empty where all that it has said so far was given. What
+    /// wasn't read soon enough is left out, with a line that says how much. Safe from any one thread beside.
     std::string readNext() SX_EXCLUDES(mutex);
 
 private:

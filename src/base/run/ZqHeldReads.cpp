@@ -1,12 +1,12 @@
 #include "ZqHeldReads.h"
 
 #include "ZqDiskStatus.h"
+#include "ZqReadWait.h"
 
 #include <algorithm>
 
 namespace {
 
-constexpr int64 LEAST_NS = 500'000'000;
 constexpr int64 NS_PER_MS = 1'000'000;
 
 void add(ZqRunRecord::Waits* sum, int64 ms) {
@@ -38,7 +38,7 @@ void ZqHeldReads::end(int64 nowNs) {
 
 int64 ZqHeldReads::lengthOf(int64 fromNs, int64 toNs) const {
     const int64 ns = toNs - std::max(fromNs, startNs);
-    return ns > LEAST_NS ? ns / NS_PER_MS : 0;
+    return ns > ZqReadWait::LEAST_NS ? ns / NS_PER_MS : 0;
 }
 
 void ZqHeldReads::take(int64 fromNs, int64 toNs) {

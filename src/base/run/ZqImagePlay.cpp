@@ -2,8 +2,8 @@
 
 #include "SxException.h"
 #include "SxFSAction.h"
+#include "SxProcessGroup.h"
 #include "ZqAppParams.h"
-#include "ZqApplicationNote.h"
 #include "ZqFeedStatus.h"
 #include "ZqImageFolder.h"
 #include "ZqImageLock.h"
@@ -35,7 +35,7 @@ std::optional<ZqImagePlay> ZqImagePlay::find(const SxString& image) {
     ZqStreamRecord record;
     record.read(image);
     const SxList<SxProcessInfo> members = SxProcessGroup::fromText(record.application).getRunning();
-    if (!members.isEmpty()) play.process = ZqApplicationNote::oldestOf(members).id;
+    if (!members.isEmpty()) play.process = SxProcessGroup::oldestOf(members).id;
     if (play.process < 0 && play.run.isEmpty()) return {};
     play.application = nameOf(image);
     return play;

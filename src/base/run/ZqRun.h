@@ -79,8 +79,9 @@ public:
     std::optional<ZqTracePolicy::Decision> getTraceDecision() const;
     /// Whether the drive of a former run was found to have gone with writes that its programs hadn't synced.
     bool hasLostWrites() const;
-    /// The next piece of what the application says; empty where it has said no more by now. For one thread,
-    /// and only with `readsOutput` of the settings, without which most of a long output may be gone already.
+    /// The next piece of what the application says; empty where all that it has said so far was given. For
+    /// one thread, and only with `readsOutput` of the settings, without which most of a long output may be
+    /// gone already.
     std::string readOutput();
     /// Tag of a run's exception: the run has come to its end, but a read or write of its drive has failed.
     static constexpr const char* DRIVE_FAILED = "DriveFailed";

@@ -263,7 +263,8 @@ void ZqRunRecord::goOnFrom(const ZqRunRecord& former, int64 gapMs) {
     info.runTime += std::max<int64>(formerMs - startMs, 0) / MS_PER_S;
     info.timeToStart = std::max<int64>(startMs, 0) / MS_PER_S;
     info.timeToReady = std::max<int64>(firstFrameMs, 0) / MS_PER_S;
-    if (waits && former.waits) {
+    if (former.waits) {
+        if (!waits) waits.emplace();
         waits->n += former.waits->n;
         waits->longestMs = std::max(waits->longestMs, former.waits->longestMs);
         waits->sumMs += former.waits->sumMs;

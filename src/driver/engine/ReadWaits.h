@@ -1,15 +1,13 @@
 #pragma once
 
 #include "SxMutex.h"
-#include "SxTypes.h"
+#include "ZqReadWait.h"
 
 /// The waits of a disk's readers: a wait is a time in which at least one read was held without a break. Times
-/// in nanoseconds of the steady clock. Safe from any thread.
+/// in nanoseconds of the steady clock. One that isn't longer than ZqReadWait::LEAST_NS is forgotten when it
+/// ends. Safe from any thread.
 class ReadWaits {
 public:
-    /// A shorter one is forgotten when it ends.
-    static constexpr int64 LEAST_NS = 500'000'000;
-
     struct View {
         int64 sinceNs = 0;                  ///< when the one that goes on began; 0 for none
         int64 lastFromNs = 0, lastToNs = 0; ///< the last one that has ended; 0 for none
@@ -24,7 +22,7 @@ public:
     void end(int64 nowNs) {
         const SxMutexBlock lock(&mutex);
         if (--nHeld > 0) return;
-        if (nowNs - now.sinceNs > LEAST_NS) {
+        if (nowNs - now.sinceNs > ZqReadWait::LEAST_NS) {
             now.lastFromNs = now.sinceNs;
             now.lastToNs = nowNs;
         }
