@@ -56,8 +56,7 @@ TEST_F(RunNotices, TellHowARunFaresAndNoMoreThanOnceInTenSeconds) {
     ASSERT_TRUE(hasShown(desktop, 1));
     EXPECT_EQ(desktop.getShown()[0].title, "my <game>");
     EXPECT_EQ(last(desktop), "Ready to start");
-    // A server that is away for a moment, and one that is back before its turn
-    // comes.
+    // A server that is away for a moment, and one that is back before its turn comes.
     pass(ZqRun::Running, AWAY, 2000);
     pass(ZqRun::Running, "", 500);
     pass(ZqRun::Running, AWAY, 4000);
