@@ -8,15 +8,13 @@ class ZqStreamRecord;
 
 /// What a command says of the way to servers.
 struct ZqAccessWish {
-    /// Options: they hold before all else, and the image notes them. An empty text takes the image's note
-    /// back.
+    /// Options: they hold before all else, and the image notes them. An empty text takes the note back.
     std::optional<SxString> trustFile, proxy;
     /// Of the user's settings: where neither an option, nor the image, nor the environment says anything.
     ZqNetAccess settings;
 };
 
-/// The way to the servers of an image: of each part the first that is there holds, of option, note in the
-/// image
+/// The way to the servers of an image. Of each part the first that is there holds: option, note in the image
 /// (`stream.json`), environment, the user's settings. A value type.
 class ZqImageAccess {
 public:

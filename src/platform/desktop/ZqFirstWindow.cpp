@@ -3,13 +3,12 @@
 #include "SxClock.h"
 #include "SxException.h"
 #include "SxLatch.h"
+#include "SxLooseJob.h"
 #include "ZqDesktop.h"
 #include "ZqLog.h"
 
 #include <algorithm>
 #include <atomic>
-#include <system_error>
-#include <thread>
 
 namespace {
 /// How long the end of a run waits for the display.
@@ -19,7 +18,7 @@ constexpr int64 PATIENCE_MS = 500;
 /// The thread that looks, and the run: whichever is later lets go of it.
 struct ZqFirstWindow::Search {
     std::atomic<int64> group{-1}, seenNs{0};
-    SxLatch ending, ended;
+    SxLatch ending;
 
     bool isSeen(ZqDesktop* desktop) const {
         const SxList<int> processes = desktop->getProcesses();
@@ -39,14 +38,16 @@ struct ZqFirstWindow::Search {
             if (seenNs != 0) break;
             if (ending.isSetWithin(LOOK_MS)) break;
         }
-        ended.set();
     }
 };
 
+ZqFirstWindow::ZqFirstWindow(int64 beginNs_) : beginNs(beginNs_) {
+}
+
 ZqFirstWindow::~ZqFirstWindow() {
-    if (!search) return;
+    if (!job) return;
     search->ending.set();
-    search->ended.isSetWithin(PATIENCE_MS);
+    job->endsWithin(PATIENCE_MS);
 }
 
 void ZqFirstWindow::follow(const SxProcessGroup& group) {
@@ -58,15 +59,12 @@ void ZqFirstWindow::follow(const SxProcessGroup& group) {
     search = std::make_shared<Search>();
     search->group = group.getId();
     ZqDesktop& desktop = ZqDesktop::get();
+    if (!desktop.isNamed()) return;
     try {
-        if (desktop.isNamed()) {
-            std::thread([own = search, &desktop] { own->run(&desktop); }).detach();
-            return;
-        }
-    } catch (const std::system_error& e) {
+        job = std::make_unique<SxLooseJob>("window", [own = search, &desktop] { own->run(&desktop); });
+    } catch (const SxException& e) {
         zqLogMsg("platform", SxString("ZqFirstWindow: ") + e.what());
     }
-    search->ended.set();
 }
 
 int64 ZqFirstWindow::getMs() const {

@@ -4,6 +4,8 @@
 
 #include <memory>
 
+class SxLooseJob;
+
 /// When the first window of an application's processes was seen. A window can be empty, so it says less than
 /// the first frame does. The desktop is looked at four times a second, until a window is seen or for two
 /// minutes, by a thread of its own, since a display may stop answering; such a thread is left to itself.
@@ -13,7 +15,7 @@ public:
     static constexpr int64 LOOK_MS = 250, MOST_MS = 120'000;
 
     /// `beginNs`: when the run began, by the steady clock.
-    explicit ZqFirstWindow(int64 beginNs_) : beginNs(beginNs_) {}
+    explicit ZqFirstWindow(int64 beginNs_);
     ~ZqFirstWindow();
     ZqFirstWindow(const ZqFirstWindow&) = delete;
     ZqFirstWindow& operator=(const ZqFirstWindow&) = delete;
@@ -28,5 +30,6 @@ private:
     struct Search;
 
     const int64 beginNs;
-    std::shared_ptr<Search> search; ///< shared with its thread
+    std::shared_ptr<Search> search;  ///< shared with its thread
+    std::unique_ptr<SxLooseJob> job; ///< that thread; null where there is none
 };
