@@ -87,7 +87,7 @@ TEST_F(GameOutput, OfALongOutputTheBeginAndTheEndStay) {
 }
 
 TEST_F(GameOutput, OneOfTwoPartsStaysAsItIs) {
-    for (const size_t more : {0, 1}) {
+    for (const size_t more : {size_t{0}, size_t{1}}) {
         fs::remove_all(image + "/runs");
         said.clear();
         ZqGameOutput output{SxString(image), false};
