@@ -435,11 +435,14 @@ void ZqDuckDb::Appender::finish() {
 struct ZqDuckDb::State {};
 struct ZqDuckDb::Appender::State {};
 
-ZqDuckDb::ZqDuckDb(const Settings&) {
+void ZqDuckDb::requireLibrary() {
     throw SxException(
         "Statistics of a fleet are not built in: this program was built without DuckDB's header; "
         "run scripts/fetch-duckdb.sh in its sources and build it again",
         "src/platform/store/ZqDuckDb", __LINE__);
+}
+ZqDuckDb::ZqDuckDb(const Settings&) {
+    requireLibrary();
 }
 ZqDuckDb::~ZqDuckDb() = default;
 ZqDuckDb::Rows ZqDuckDb::query(const SxString&, const SxList<SxString>&) {
