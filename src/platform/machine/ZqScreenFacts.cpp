@@ -1,43 +1,34 @@
 #include "ZqScreenFacts.h"
 
-#include "SxLatch.h"
+#include "SxException.h"
+#include "SxLooseJob.h"
 #include "SxTime.h"
 #include "ZqDesktop.h"
 #include "ZqFactFiles.h"
 
 #include <atomic>
 #include <memory>
-#include <system_error>
-#include <thread>
 
 namespace {
 
 /// Whether a display is being asked.
 std::atomic<bool> isAsking{false};
 
-/// What the thread that asks and the one that waits share; whichever is later lets go of it.
-struct Answer {
-    SxLatch come;
-    ZqDesktop::Size size;
-};
-
-/// Asks on a thread of its own, since nothing ends a question to a display that has stopped. That thread
-/// lives until the display answers or the program ends.
+/// Asks on a thread of its own, since nothing ends a question to a display that has stopped.
 ZqDesktop::Size askDesktop() {
     if (!SxWait::pass(ZqScreenFacts::LIMIT_MS, [] { return !isAsking.exchange(true); })) return {};
-    const auto answer = std::make_shared<Answer>();
+    const auto size = std::make_shared<ZqDesktop::Size>();
     try {
-        std::thread([answer, desktop = &ZqDesktop::get()] {
-            answer->size = desktop->getScreenSize();
+        const SxLooseJob job("screen", [size, desktop = &ZqDesktop::get()] {
+            *size = desktop->getScreenSize();
             isAsking = false;
-            answer->come.set();
-        }).detach();
-    } catch (const std::system_error&) {
+        });
+        return job.endsWithin(ZqScreenFacts::LIMIT_MS) ? *size : ZqDesktop::Size{};
+    } catch (const SxException&) {
         // No thread to be had: then the display isn't asked.
         isAsking = false;
         return {};
     }
-    return answer->come.isSetWithin(ZqScreenFacts::LIMIT_MS) ? answer->size : ZqDesktop::Size{};
 }
 
 SxString toText(int64 width, int64 height) {
