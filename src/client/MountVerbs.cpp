@@ -321,14 +321,8 @@ void requireUnplayed(const SxString& image) {
         throw SxException(e, "Whether image '" + image + "' is played can't be told; " + how, UNIT, __LINE__);
     }
     if (!play) return;
-    SxString text = "Image '" + image + "' is played";
-    if (!play->run.isEmpty()) text += " by " + play->run;
-    if (play->process >= 0) {
-        text += ": its application '" + play->application.makeVisible() + "' runs (process " + play->process +
-                ")";
-        if (play->run.isEmpty()) text += ", though its run was killed";
-    }
-    throw SxException(text + "; end that first, or " + how, UNIT, __LINE__);
+    throw SxException("Image '" + image + "' " + play->describe() + "; end that first, or " + how, UNIT,
+                      __LINE__);
 }
 
 int umount(const UmountOptions& options, Output& out) {

@@ -29,8 +29,8 @@ SxList<SxString> describe(const ZqImageRemoval& removal, bool isWithSaves) {
                      (isWithSaves ? "" : "; --saves removes it, too");
     }
     if (content.getNForeign() > 0) {
-        lines << ZqReadable::counted(content.getNForeign(), "file that isn't the image's stays",
-                                     "files that aren't the image's stay") +
+        lines << ZqReadable::counted(content.getNForeign(), "file or folder that isn't the image's stays",
+                                     "files or folders that aren't the image's stay") +
                      ", and so does the folder";
     }
     return lines;
@@ -62,7 +62,7 @@ int remove(const RemoveOptions& options, Output& out) {
         for (const SxString& line : lines)
             out.text(line + ".");
     }
-    const bool isFolderGone = removal.remove(options.isWithSaves);
+    const ZqImageRemoval::Folder left = removal.remove(options.isWithSaves);
     const ZqImageContent& content = removal.getContent();
     if (out.getMode().json) {
         SxParserKit::SxSymbol result;
@@ -71,7 +71,7 @@ int remove(const RemoveOptions& options, Output& out) {
         result.append("files", content.getNFiles());
         result.append("bytes", content.getNBytes());
         result.append("left", content.getNForeign());
-        result.append("folderGone", isFolderGone);
+        result.append("folderGone", left == ZqImageRemoval::Gone);
         if (const auto& saves = removal.getSaves()) {
             result.append("saves", saves->path.validUtf8());
         } else {
@@ -80,7 +80,7 @@ int remove(const RemoveOptions& options, Output& out) {
         result.append("savesGone", options.isWithSaves && removal.getSaves().has_value());
         out.object(result);
     }
-    if (!isFolderGone && content.getNForeign() == 0)
+    if (left == ZqImageRemoval::InPlace)
         out.finding("The empty folder stays, since it can't be removed: it is the place of a file system");
     out.text("Removed.");
     return ExitSuccess;

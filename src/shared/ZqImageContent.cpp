@@ -41,8 +41,9 @@ constexpr std::string_view FILES[] = {ZqImageFiles::ZQF,
                                       "onDemand.dat",
                                       "write.log"};
 /// Folders that hold nothing else.
-constexpr std::string_view FOLDERS[] = {ZqImageFiles::STAGING, ZqImageFiles::OPTIMIZE_WORK,
-                                        ZqImageFiles::OPTIMIZE_INDEX, ZqImageFiles::PATCH_WORK, "patching/"};
+constexpr std::string_view FOLDERS[] = {ZqImageFiles::STAGING,        ZqImageFiles::OPTIMIZE_WORK,
+                                        ZqImageFiles::OPTIMIZE_INDEX, ZqImageFiles::PATCH_WORK,
+                                        ZqImageFiles::CHUNKS,         "patching/"};
 /// What a file that is on its way has after its name.
 constexpr std::string_view ENDS[] = {ZqImageFiles::SYNCED, ".new"};
 
@@ -78,7 +79,8 @@ ZqImageContent::ZqImageContent(const SxString& image) : folder(ZqImageFolder::pr
 }
 
 void ZqImageContent::lookInto(const SxString& path, Within within) {
-    for (const SxFileInfo& entry : SxFSAction::ls(path)) {
+    const auto entries = SxFSAction::ls(path);
+    for (const SxFileInfo& entry : entries) {
         const SxString name = entry.getName();
         if (entry.isDir() && !entry.isLink()) {
             lookInto(entry.getOrig(), within == Whole ? Whole : within == Traces ? Trace : Others);
@@ -91,7 +93,11 @@ void ZqImageContent::lookInto(const SxString& path, Within within) {
             take(entry.getOrig(), isOwnName && !entry.isLink());
         }
     }
-    if (within != Others) folders << path;
+    if (within != Others) {
+        folders << path;
+    } else if (entries.isEmpty()) {
+        ++nForeign;
+    }
 }
 
 void ZqImageContent::take(const SxString& path, bool isOwn) {

@@ -14,7 +14,7 @@ public:
     int64 getNFiles() const noexcept { return nFiles; }
     /// What the own files take on the disk.
     uint64 getNBytes() const noexcept { return nBytes; }
-    /// Files, links and the like that aren't the image's.
+    /// Files, links, empty folders and the like that aren't the image's.
     int64 getNForeign() const noexcept { return nForeign; }
 
     /// Removes the own files, and the folders of theirs that are empty then, but for the folder itself. The

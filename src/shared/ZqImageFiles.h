@@ -29,6 +29,7 @@ constexpr const char* LAYER_INDEX = "img.tix";          ///< the write layer's i
 constexpr const char* LAYER_DATA = "img.tmp";           ///< the write layer's blocks
 constexpr const char* LOCK = "image.lock";              ///< the lock file, see ZqImageLock
 constexpr const char* STAGING = "image.new/";           ///< a new image on its way into the folder
+constexpr const char* CHUNKS = "chunks/";               ///< what a download has yet to append
 constexpr const char* REFERENCE = "imgRef.zqf";         ///< what the complete img.zqf holds, for tests
 constexpr const char* OPTIMIZE_LOCK = "optimize.lock";  ///< blocks or records are on their way to a new order
 constexpr const char* OPTIMIZE_WORK = "optimize.work/"; ///< what that needs, see ZqOptimizeFolder

@@ -90,10 +90,10 @@ TEST_F(RemoveVerb, WhatIsNoImageOfOnesOwnIsRefused) {
     for (const Case& each :
          {Case{"/", "the home folder"}, Case{dir.path("home/me"), "the home folder"},
           Case{dir.path("home/me/image/../.."), "or holds it"}, Case{dir.path("link"), "is a link"},
-          Case{dir.path("link") + "//", "is a link"}, Case{dir.path("nosuch"), "isn't there"},
-          Case{image + "/app.json", "is no folder"}, Case{dir.path("project"), "holds no image"},
-          Case{dir.path("locked"), "holds no image"}, Case{dir.path("template"), "holds no image"},
-          Case{dir.path("empty"), "holds no image"}}) {
+          Case{dir.path("link") + "//", "is a link"}, Case{dir.path("link") + "/./.", "is a link"},
+          Case{dir.path("nosuch"), "isn't there"}, Case{image + "/app.json", "is no folder"},
+          Case{dir.path("project"), "holds no image"}, Case{dir.path("locked"), "holds no image"},
+          Case{dir.path("template"), "holds no image"}, Case{dir.path("empty"), "holds no image"}}) {
         expectRefused(each.path, each.why);
     }
     dir.write("home/me/image/app.json", "damaged");
@@ -121,9 +121,14 @@ TEST_F(RemoveVerb, AnImageInUseStaysAndACutRemovalGoesOn) {
         fs::remove(dir.path("image/") + name);
     const TempDir copies;
     fs::copy(dir.path("image"), copies.path("rest"));
+    // What a download leaves that was killed.
+    dir.write("image/chunks/0.chunk", "");
     EXPECT_EQ(run({"remove", image.str(), "--yes"}).code, 0);
     EXPECT_FALSE(fs::exists(image.str()));
     fs::remove(copies.path("rest/app.json"));
-    EXPECT_EQ(run({"remove", copies.path("rest"), "--yes"}).code, 0);
-    EXPECT_FALSE(fs::exists(copies.path("rest")));
+    fs::create_directory(copies.path("rest/mine"));
+    const Outcome rest = run({"remove", copies.path("rest"), "--yes"});
+    EXPECT_EQ(rest.code, 0);
+    EXPECT_THAT(rest.out, HasSubstr("1 file or folder that isn't the image's stays"));
+    EXPECT_EQ(std::distance(fs::directory_iterator(copies.path("rest")), fs::directory_iterator()), 1);
 }

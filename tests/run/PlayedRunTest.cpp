@@ -25,6 +25,9 @@ TEST_F(StreamRun, WhatIsPlayedIsNotUnmountedUnasked) {
         const string holder = "by process " + std::to_string(player->getId()) + " (run)";
         EXPECT_EQ(refused.err.find(holder) != string::npos, !isKilled) << refused.err;
         EXPECT_EQ(refused.err.find("though its run was killed") != string::npos, isKilled) << refused.err;
+        const Outcome kept = run({"remove", got, "--yes"});
+        EXPECT_EQ(kept.code, 1);
+        EXPECT_THAT(kept.err, AllOf(HasSubstr("'play.sh' runs"), Not(HasSubstr("umount"))));
         EXPECT_TRUE(isMounted());
     }
     // What can't be told isn't taken for an image that nobody plays.

@@ -8,13 +8,16 @@
 #include "ZqImageFiles.h"
 #include "ZqImageFolder.h"
 #include "ZqImageLock.h"
+#include "ZqImagePlay.h"
 #include "ZqLaunchers.h"
+#include "ZqLog.h"
 #include "ZqMountMgr.h"
 #include "ZqSysEnv.h"
 #include "ZqVolume.h"
 
 #include <cerrno>
 #include <cstdlib>
+#include <string_view>
 
 namespace {
 
@@ -25,10 +28,12 @@ constexpr const char* JOB = "remove";
     throw SxException("'" + image.makeVisible() + "' " + why + "; nothing is removed", UNIT, line);
 }
 
-SxString withoutSlashes(SxString path) {
-    while (path.endsWith("/") && !(path == "/"))
-        path = SxString(path.str().substr(0, path.str().size() - 1));
-    return path;
+/// Without the slashes and dots at its end, through which a link would be followed.
+SxString plainEnd(const SxString& path) {
+    std::string_view rest = path.str();
+    while (rest.size() > 1 && (rest.ends_with('/') || rest.ends_with("/.")))
+        rest.remove_suffix(1);
+    return SxString(std::string(rest));
 }
 
 /// The root folder, too.
@@ -41,7 +46,7 @@ bool holdsHome(const SxString& folder) {
 } // namespace
 
 ZqImageRemoval::ZqImageRemoval(const SxString& image_) {
-    const SxString given = withoutSlashes(ZqSysEnv::unifySlashes(image_));
+    const SxString given = plainEnd(ZqSysEnv::unifySlashes(image_));
     const auto info = SxFSAction::look(given);
     if (!info) refuse(given, "isn't there", __LINE__);
     if (info->kind == SxStat::Link) refuse(given, "is a link; name the image folder itself", __LINE__);
@@ -54,7 +59,7 @@ ZqImageRemoval::ZqImageRemoval(const SxString& image_) {
     }
     requireImage();
     ZqExtractNote::refuse(image);
-    requireUnmounted();
+    requireUnused();
     content = std::make_unique<const ZqImageContent>(image);
 }
 
@@ -79,7 +84,15 @@ void ZqImageRemoval::requireImage() {
         refuse(image, "holds no image", __LINE__);
 }
 
-void ZqImageRemoval::requireUnmounted() const {
+void ZqImageRemoval::requireUnused() const {
+    std::optional<ZqImagePlay> play;
+    try {
+        play = ZqImagePlay::find(image);
+    } catch (const SxException& e) {
+        // Nobody can play by a note that can't be read, and a damaged image is to go, too.
+        zqLogMsg("base", SxString("ZqImageRemoval: ") + e.what());
+    }
+    if (play) refuse(image, play->describe() + "; end that first", __LINE__);
     ZqDiskStatus disk;
     if (!ZqVolume::findDisk(image, &disk)) return;
     refuse(image,
@@ -102,14 +115,14 @@ void ZqImageRemoval::takeBack() const {
     }
 }
 
-bool ZqImageRemoval::remove(bool isWithSaves) {
+ZqImageRemoval::Folder ZqImageRemoval::remove(bool isWithSaves) {
     if (isWithSaves && !fault.isEmpty()) {
         throw SxException("What the application of '" + image +
                               "' has saved can't be told, since its record can't be used (" + fault +
                               "); leave --saves away; nothing is removed",
                           UNIT, __LINE__);
     }
-    requireUnmounted();
+    requireUnused();
     ZqImageLock::finishReplacement(image);
     const auto growth = ZqImageLock::takeAnyState(image, ZqImageLock::Growth, ZqImageLock::Exclusive, JOB);
     takeBack();
@@ -126,6 +139,7 @@ bool ZqImageRemoval::remove(bool isWithSaves) {
                           "The image is removed, but its empty folder '" + image + "' can't be", UNIT,
                           __LINE__);
     }
-    if (removed == 0) SxFSAction::syncDir(SxFileInfo(image).getPath());
-    return removed == 0;
+    if (removed < 0) return removed == -EBUSY ? InPlace : Filled;
+    SxFSAction::syncDir(SxFileInfo(image).getPath());
+    return Gone;
 }

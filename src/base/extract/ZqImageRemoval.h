@@ -22,15 +22,20 @@ public:
     /// Nothing where there are none.
     const std::optional<ZqSaves>& getSaves() const noexcept { return saves; }
 
-    /// Removes all that, and with `isWithSaves` what was saved. Gives whether the folder has gone, too: it
-    /// stays with what isn't the image's, and where it is the place of a file system. Raises, before anything
-    /// is removed, naming who uses the image where it is mounted, played, downloaded or otherwise in use, and
-    /// where something that a mount has changed can't be taken back.
-    bool remove(bool isWithSaves);
+    /// What has become of the image's folder.
+    enum Folder {
+        Gone,
+        Filled, ///< it stays with what isn't the image's
+        InPlace ///< it stays, since it is the place of a file system
+    };
+    /// Removes all that, and with `isWithSaves` what was saved. Raises, before anything is removed, naming
+    /// who uses the image where it is mounted, played, downloaded or otherwise in use, and where something
+    /// that a mount has changed can't be taken back.
+    Folder remove(bool isWithSaves);
 
 private:
     void requireImage();
-    void requireUnmounted() const;
+    void requireUnused() const;
     void takeBack() const;
 
     SxString image;

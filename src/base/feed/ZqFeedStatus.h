@@ -4,16 +4,17 @@
 #include "SxString.h"
 #include "ZqImageAccess.h"
 #include "ZqImageFigures.h"
+#include "ZqImagePlay.h"
 #include "ZqNetFigures.h"
 
 /// What an image is completed from and how; see ZqImageFeed.
 struct ZqFeedSettings {
-    SxString image;            ///< the image folder; may be absent
-    SxString url;              ///< address of the folder's original; empty for the one noted in it
-    SxArray<SxString> headers; ///< lines "Name: value" for each request
-    ZqAccessWish access;       ///< the way to the server; its options are noted in the folder
-    uint64 rateLimit = 0;      ///< of the ordered download, bytes a second; 0 for none
-    SxString job = "run";      ///< shown to whoever finds the image in use
+    SxString image;                  ///< the image folder; may be absent
+    SxString url;                    ///< address of the folder's original; empty for the one noted in it
+    SxArray<SxString> headers;       ///< lines "Name: value" for each request
+    ZqAccessWish access;             ///< the way to the server; its options are noted in the folder
+    uint64 rateLimit = 0;            ///< of the ordered download, bytes a second; 0 for none
+    SxString job = ZqImagePlay::JOB; ///< shown to whoever finds the image in use
     /// Neither drive nor application, only the image: what the server fails to give ends it, and so does
     /// a disk that surely lacks room for the whole image, at open().
     bool isDownloadOnly = false;

@@ -3,7 +3,6 @@
 #include "SxFSAction.h"
 #include "SxTime.h"
 #include "ZqAppParams.h"
-#include "ZqImageFiles.h"
 #include "ZqJobFailure.h"
 #include "ZqLog.h"
 #include "ZqWriteBuffer.h"
@@ -20,7 +19,6 @@ namespace {
 
 constexpr const char* UNIT = "src/base/ZqFWriter";
 constexpr const char* PREFIX = "ZqFWriter::main: ";
-constexpr const char* CHUNKS = "chunks";
 constexpr int FILE_MODE = 0600;
 static_assert(ZqFWriter::NO_OFFSET == ZqWriteBuffer::NO_OFFSET);
 
@@ -56,8 +54,8 @@ ZqFWriter::ZqFWriter(const SxString& dirPath_, const SxString& fileName_)
       pace(std::make_unique<ZqWritePace>()),
       log(std::make_unique<ZqWriteLog>(cursor0)) {
     setThreadName("image writer");
-    removeIfThere(pathOf(CHUNKS));
-    SxFSAction::mkdir_p(pathOf(CHUNKS), 0777);
+    removeIfThere(chunkFolder());
+    SxFSAction::mkdir_p(chunkFolder(), 0777);
     // Whoever watches the file, or mounts it, may start before this thread does.
     SxFileIO image(pathOf(fileName), "ab", FILE_MODE);
     image.close();
@@ -276,8 +274,7 @@ void ZqFWriter::freePiece(uint64 offset) {
 }
 
 void ZqFWriter::removeLeftovers() {
-    for (const char* name : {CHUNKS, ZqWritePace::TEST_FILE}) {
-        const SxString path = pathOf(name);
+    for (const SxString& path : {chunkFolder(), pathOf(ZqWritePace::TEST_FILE)}) {
         try {
             removeIfThere(path);
         } catch (const SxException& e) {

@@ -6,6 +6,7 @@
 #include "SxSystemThread.h"
 #include "ZqDiskReserve.h"
 #include "ZqFileSync.h"
+#include "ZqImageFiles.h"
 
 #include <atomic>
 #include <memory>
@@ -98,7 +99,8 @@ private:
     using Piece = SxPtr<SxArray<char>>;
 
     SxString pathOf(const SxString& name) const { return dirPath + name; }
-    SxString chunkPath(uint64 offset) const { return dirPath + "chunks/" + offset + ".chunk"; }
+    SxString chunkFolder() const { return dirPath + SxString(ZqImageFiles::CHUNKS).left("/"); }
+    SxString chunkPath(uint64 offset) const { return chunkFolder() + "/" + offset + ".chunk"; }
     void holdPusher() const;
     void writeImage();
     void beginAtEnd(SxFileIO* image, uint64 total);

@@ -4,7 +4,6 @@
 #include "SxFSAction.h"
 #include "SxProcessGroup.h"
 #include "ZqAppParams.h"
-#include "ZqFeedStatus.h"
 #include "ZqImageFolder.h"
 #include "ZqImageLock.h"
 #include "ZqLog.h"
@@ -31,7 +30,7 @@ std::optional<ZqImagePlay> ZqImagePlay::find(const SxString& image) {
     if (!SxFSAction::test_d(image)) return {};
     ZqImagePlay play;
     const SxString holder = ZqImageLock::holderOf(image, ZqImageLock::Growth);
-    if (holder.endsWith("(" + ZqFeedSettings().job + ")")) play.run = holder;
+    if (holder.endsWith("(" + SxString(JOB) + ")")) play.run = holder;
     ZqStreamRecord record;
     record.read(image);
     const SxList<SxProcessInfo> members = SxProcessGroup::fromText(record.application).getRunning();
@@ -39,4 +38,12 @@ std::optional<ZqImagePlay> ZqImagePlay::find(const SxString& image) {
     if (play.process < 0 && play.run.isEmpty()) return {};
     play.application = nameOf(image);
     return play;
+}
+
+SxString ZqImagePlay::describe() const {
+    SxString text = "is played";
+    if (!run.isEmpty()) text += " by " + run;
+    if (process < 0) return text;
+    text += ": its application '" + application.makeVisible() + "' runs (process " + process + ")";
+    return run.isEmpty() ? text + ", though its run was killed" : text;
 }
