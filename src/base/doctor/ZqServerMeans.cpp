@@ -24,7 +24,7 @@ bool hasAnswered(const SxException& why, const ZqNetAccess& access) {
     }
     const bool isDirect = access.proxy == ZqNetAccess::DIRECT ||
                           (access.proxy.isEmpty() && ZqImageAccess::proxyVariable() == nullptr);
-    return isDirect && why.hasTag(ZqNetLink::REFUSED) && !why.hasTag(ZqNetLink::UNTRUSTED);
+    return isDirect && why.hasTag(ZqNetLink::REFUSED);
 }
 
 /// `why`: why the server gives no image; none where it does.
@@ -35,6 +35,18 @@ ZqMeans getCertificate(const SxString& url, const std::optional<SxException>& wh
                 "The address isn't one of https, so nobody vouches for the server",
                 "use an address that begins with https:// where the server has one"};
     }
+    const auto fault = [](const char* text, const SxString& remedy) {
+        return ZqMeans{"certificate", false, true, text, remedy};
+    };
+    if (why && why->hasTag(ZqNetLink::UNTRUSTED))
+        return fault("The server's certificate is of no authority that this machine trusts",
+                     SxString("name a file with the authority by --cacert, or ") + ASK);
+    if (why && why->hasTag(ZqNetLink::MISNAMED))
+        return fault("The server's certificate is for another host than the address names",
+                     SxString("look at the address for a mistake, or ") + ASK);
+    if (why && why->hasTag(ZqNetLink::MISDATED))
+        return fault("The server's certificate has expired, or isn't valid yet by the clock of this machine",
+                     SxString("set the clock of this machine right, or ") + ASK);
     if (!why || hasAnswered(*why, access)) {
         return {"certificate",
                 true,
@@ -42,14 +54,8 @@ ZqMeans getCertificate(const SxString& url, const std::optional<SxException>& wh
                 "The server's certificate is of an authority that this machine trusts",
                 {}};
     }
-    if (!why->hasTag(ZqNetLink::UNTRUSTED)) {
-        return {"certificate", false, false, "The server's certificate wasn't seen",
-                "see the line on the server"};
-    }
-    return {
-        "certificate", false, true, "The server's certificate isn't trusted here",
-        "set the clock of this machine right, name a file with the authority by --cacert, or tell whoever "
-        "runs the server"};
+    return {"certificate", false, false, "The server's certificate wasn't seen",
+            "see the line on the server"};
 }
 
 /// The files of an image on a server.

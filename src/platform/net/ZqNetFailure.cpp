@@ -6,8 +6,10 @@
 
 #include <curl/curl.h>
 
+#include <cstring>
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace {
 
@@ -26,10 +28,34 @@ const char* tagOfProtocol(CURL* easy) {
     return numberOf(easy, CURLINFO_LOCAL_PORT) > 0 ? ZqNetLink::WRONG : "";
 }
 
-/// Nobody whom this machine trusts vouches for who answers.
-bool isUntrusted(CURLcode code) {
-    return code == CURLE_PEER_FAILED_VERIFICATION || code == CURLE_SSL_ISSUER_ERROR ||
-           code == CURLE_SSL_INVALIDCERTSTATUS;
+/// What is wrong with the certificate of who answers: a tag, or empty where nothing is. libcurl tells a wrong
+/// name by its text alone: the number is that of the chain of authorities.
+const char* certificateTag(CURL* easy, CURLcode code, const char* detail) {
+    constexpr long NOT_YET_VALID = 9, EXPIRED = 10; // as in OpenSSL's x509_vfy.h
+    if (code != CURLE_PEER_FAILED_VERIFICATION && code != CURLE_SSL_ISSUER_ERROR &&
+        code != CURLE_SSL_INVALIDCERTSTATUS)
+        return "";
+    const long result = numberOf(easy, CURLINFO_SSL_VERIFYRESULT);
+    if (result == NOT_YET_VALID || result == EXPIRED) return ZqNetLink::MISDATED;
+    const std::string_view text(detail);
+    for (const char* part : {"match target host", "match target ip", "matches target", "not match '"}) {
+        if (text.find(part) != std::string_view::npos) return ZqNetLink::MISNAMED;
+    }
+    return ZqNetLink::UNTRUSTED;
+}
+
+SxString certificateText(const std::string& tag) {
+    if (tag == ZqNetLink::MISDATED)
+        return "its certificate has expired, or isn't valid yet by the clock of this machine";
+    return tag == ZqNetLink::MISNAMED ? "its certificate is for another host than the address names"
+                                      : "its certificate isn't trusted here";
+}
+
+/// Whoever answered the greeting of TLS said something else, so it speaks http, say. No code of libcurl tells
+/// that from another failed handshake; its text does, by OpenSSL or by GnuTLS.
+bool isWithoutTls(CURLcode code, const char* detail) {
+    if (code != CURLE_SSL_CONNECT_ERROR) return false;
+    return std::strstr(detail, "wrong version number") || std::strstr(detail, "unexpected TLS packet");
 }
 
 const char* tagOf(CURL* easy, CURLcode code) {
@@ -106,10 +132,15 @@ SxException ZqNetFailure::of(void* easy, int code, const char* detail, int64 con
     } else if (*detail != 0) {
         text = SxString(detail);
     }
-    if (isUntrusted(curlCode)) {
-        const SxException cause(ZqNetLink::UNTRUSTED, text.makeVisible(), UNIT, __LINE__);
-        return SxException(cause, "its certificate isn't trusted here", UNIT, __LINE__)
-            .tagged(ZqNetLink::REFUSED);
+    if (const std::string tag = certificateTag(easy, curlCode, detail); !tag.empty()) {
+        const SxException cause(tag.c_str(), text.makeVisible(), UNIT, __LINE__);
+        return SxException(cause, certificateText(tag), UNIT, __LINE__).tagged(ZqNetLink::REFUSED);
+    }
+    if (isWithoutTls(curlCode, detail)) {
+        const SxException cause(text.makeVisible(), UNIT, __LINE__);
+        return SxException(cause, "what answers there doesn't speak TLS; its address may begin with http://",
+                           UNIT, __LINE__)
+            .tagged(ZqNetLink::WRONG);
     }
     return SxException(tagOf(easy, curlCode), text.makeVisible(), UNIT, __LINE__);
 }

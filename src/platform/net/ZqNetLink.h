@@ -56,8 +56,12 @@ public:
     static constexpr const char* NOT_FOUND = "NotFound"; ///< the server hasn't got it
     static constexpr const char* REFUSED =
         "Refused"; ///< the server, or something on the way, doesn't give it
-    static constexpr const char* UNTRUSTED = "Untrusted"; ///< REFUSED, too: nobody vouches for who answers
-    static constexpr const char* WRONG = "WrongAnswer";   ///< an answer that isn't one to what was asked
+    // These are REFUSED, too. The certificate of who answers is of no authority that is trusted here, or of
+    // another host, or not of this time.
+    static constexpr const char* UNTRUSTED = "Untrusted";
+    static constexpr const char* MISNAMED = "Misnamed";
+    static constexpr const char* MISDATED = "Misdated";
+    static constexpr const char* WRONG = "WrongAnswer";       ///< an answer that isn't one to what was asked
     static constexpr const char* UNREACHABLE = "Unreachable"; ///< no answer, or none for now; tried again
     static constexpr const char* BROKEN = "BrokenTransfer";   ///< an answer that broke off; tried again
     static constexpr const char* CHANGED = "ChangedOnServer"; ///< not the file that was begun with

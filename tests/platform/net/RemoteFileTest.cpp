@@ -109,6 +109,10 @@ TEST_F(RemoteFile, saysWhatIsWrongWithAnAnswer) {
         EXPECT_TRUE(exceptionOf(act).hasTag(ZqNetLink::NOT_FOUND));
     }
     EXPECT_FALSE(dir.exists("none"));
+    std::string secured = server.getUrl().str();
+    secured.replace(0, 4, "https");
+    EXPECT_THAT(std::string(exceptionOf([&] { FilePtr::create(link, secured + "data")->get(10); }).what()),
+                AllOf(HasSubstr("may begin with http://"), Not(HasSubstr("Gave up"))));
     EXPECT_THAT(std::string(exceptionOf([&] { open()->get(2'999'999); }).what()),
                 HasSubstr("has 3000000 bytes, and no more than 2999999"));
     EXPECT_THAT(
