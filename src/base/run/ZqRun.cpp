@@ -154,11 +154,12 @@ void ZqRun::run() {
     if (isPlay()) statistics->check();
     recording->requireFolder();
     feed->open(waits->test());
-    if (isPlay()) {
-        statistics->open();
-        ZqStartCheck::require(settings, feed->getApp());
+    if (isPlay()) statistics->open();
+    if (!settings.feed.isDownloadOnly) {
+        note->read();
+        // One that lives has its drive, and is gone on with whatever another start would need.
+        if (!note->getFormer().isAlive()) requireStart();
     }
-    if (!settings.feed.isDownloadOnly) requireDrive();
     const bool wasComplete = feed->isComplete();
     const uint64 nPresent = feed->fileSize();
     feed->start();
@@ -191,15 +192,15 @@ void ZqRun::run() {
     if (settings.keepsMounted || settings.completes) complete();
 }
 
-/// The service would tell of it only once there is enough for a drive.
-void ZqRun::requireDrive() {
+/// What would be told of otherwise only once there is enough for a drive.
+void ZqRun::requireStart() {
+    if (isPlay()) ZqStartCheck::require(settings, feed->getApp());
     const SxString type = ZqDriveMeans().isRoot() ? SxString() : feed->findVolumeType(waits->test());
     ZqStartCheck::requireDrive(feed->getApp(), type, feed->isComplete());
     feed->requireRoom(isPlay() && !settings.startsAtOnce);
 }
 
 bool ZqRun::adopt() {
-    note->read();
     const SxProcessGroup& group = note->getFormer();
     if (!drive->findFormer([&] { return settings.isDriveOnly || group.isAlive(); })) {
         if (!settings.isDriveOnly) note->requireNoFormer();

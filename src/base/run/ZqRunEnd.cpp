@@ -133,9 +133,7 @@ void ZqRun::fillResult() {
 }
 
 void ZqRun::takeFormerRecord() {
-    former = ZqRunRecord::findOpen(image);
-    // Where the last notes of the killed run never reached the disk, that is one from before.
-    if (former && former->info.nStarts != note->getStarts()) former.reset();
+    former = ZqRunRecord::findOpen(image, note->getStarts());
     if (!former) return;
     formerGapMs = std::max<int64>(beginMs - former->asOfMs, 0);
     // Reports go out with it from the beginning.

@@ -229,13 +229,15 @@ ZqRunRecord ZqRunRecord::read(const SxString& file) {
     }
 }
 
-std::optional<ZqRunRecord> ZqRunRecord::findOpen(const SxString& folder) {
+std::optional<ZqRunRecord> ZqRunRecord::findOpen(const SxString& folder, int64 nStarts) {
     SxList<SxException> failures;
-    const SxList<ZqRunRecord> newest = readLast(folder, 1, &failures);
+    std::optional<ZqRunRecord> open;
+    for (const ZqRunRecord& record : readLast(folder, KEPT, &failures)) {
+        if (record.asOfMs > 0 && record.info.nStarts == nStarts) open = record;
+    }
     for (const SxException& e : failures)
         logFailure(e);
-    if (newest.isEmpty() || newest.first().asOfMs == 0) return {};
-    return newest.first();
+    return open;
 }
 
 void ZqRunRecord::takeFile(const ZqRunRecord& written) {

@@ -53,8 +53,9 @@ struct ZqRunRecord {
     /// removes those that are too old. What the image's preparation jobs have done since its last run becomes
     /// part of the record and isn't kept for the next one. Raises "Failed to write file ..." with the cause.
     void write(const SxString& folder);
-    /// The newest record of the image folder, where its run goes on or was killed.
-    static std::optional<ZqRunRecord> findOpen(const SxString& folder);
+    /// The newest record of the image folder of a run that goes on or was killed, and whose application was
+    /// the `nStarts`-th one. Later runs, which didn't come to a start, may have left records since.
+    static std::optional<ZqRunRecord> findOpen(const SxString& folder, int64 nStarts);
     /// Makes this the record of a run from the beginning of `former` on, whose application this run has gone
     /// on with, `gapMs` after that was noted.
     void goOnFrom(const ZqRunRecord& former, int64 gapMs);
