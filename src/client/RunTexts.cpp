@@ -80,6 +80,8 @@ SxString traceText(const ZqTracePolicy::Decision& decision) {
                "records.";
     case ZqTracePolicy::Enough:
         return "Records no trace: five traces of this build are there. Every tenth run records.";
+    case ZqTracePolicy::Unable:
+        return "Records no trace: that needs a drive of the service, and /dev/fuse can't be used here.";
     case ZqTracePolicy::Partial:
         break;
     }

@@ -110,13 +110,16 @@ ZqMeans ZqDriveMeans::getRights() const {
 ZqMeans ZqDriveMeans::getFuse() const {
     if (machine.fuse == Machine::Open)
         return {"fuse", true, true, "/dev/fuse is there and may be opened", {}};
+    const SxString exception =
+        machine.isRoot ? ", unless the kernel serves it by itself, as it does complete images with EROFS"
+                       : "";
     if (machine.fuse == Machine::Absent) {
         return {
-            "fuse", false, true, "There is no device /dev/fuse, which a drive needs",
+            "fuse", false, true, "There is no device /dev/fuse, which a drive needs" + exception,
             "load the kernel's module with 'modprobe fuse' as root; a container has to be given the device"};
     }
     if (machine.isRoot) {
-        return {"fuse", false, true, "/dev/fuse may not be opened here, which a drive needs",
+        return {"fuse", false, true, "/dev/fuse may not be opened here, which a drive needs" + exception,
                 "give the container the device"};
     }
     return {"fuse", false, true, "Mounting without root needs a /dev/fuse that users may open",

@@ -4,6 +4,7 @@
 #include "SxException.h"
 #include "SxFSAction.h"
 #include "SxTime.h"
+#include "ZqDriveMeans.h"
 #include "ZqImageFeed.h"
 #include "ZqImageFiles.h"
 #include "ZqImageFolder.h"
@@ -36,7 +37,8 @@ void ZqRunRecording::requireFolder() const {
         ZqImageFolder::requireNoLink(image, ZqImageFiles::TRACES);
         const SxString kept = ZqImageFolder::prefix(image) + SxString(ZqImageFiles::TRACES).left("/");
         if (SxFSAction::exists(kept) && !SxFSAction::test_d(kept)) {
-            throw SxException("'" + kept + "' is no folder, and a run keeps its traces there", UNIT, __LINE__);
+            throw SxException("'" + kept + "' is no folder, and a run keeps its traces there", UNIT,
+                              __LINE__);
         }
     }
     if (isPlay) ZqImageFolder::requireNoLink(image, ZqImageFiles::RUNS);
@@ -44,7 +46,8 @@ void ZqRunRecording::requireFolder() const {
 
 void ZqRunRecording::decide(const SxString& build, bool wasComplete, int64 nUntraced) {
     if (!mayOwn) return;
-    decision = ZqTracePolicy::decide({image, build, wasComplete, nUntraced, wish, nMost});
+    const bool mayRecord = ZqDriveMeans().getFuse().isThere;
+    decision = ZqTracePolicy::decide({image, build, wasComplete, nUntraced, wish, nMost, mayRecord});
     own = decision->records;
 }
 

@@ -82,6 +82,7 @@ int64 countSound(const SxString& image, const SxString& build, int64 nKept) {
 ZqTracePolicy::Decision ZqTracePolicy::decide(const Run& run) {
     if (run.wish != AsNeeded) return {run.wish == Always, Wished};
     if (!run.isComplete) return {true, Partial};
+    if (!run.mayRecord) return {false, Unable};
     const int64 nSound = countSound(run.image, run.build, run.nKept);
     if (nSound < N_ENOUGH) return {true, Few, nSound};
     const bool isTurn = run.nUntraced >= EVERY - 1;

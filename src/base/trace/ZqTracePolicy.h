@@ -21,17 +21,19 @@ public:
 
     /// A run whose drive isn't up yet.
     struct Run {
-        SxString image;       ///< image folder
-        SxString build;       ///< `checksums.mnt` of its application's record
-        bool isComplete;      ///< all of `img.zqf` was there when the run began
-        int64 nUntraced;      ///< see ZqStreamRecord
-        Wish wish = AsNeeded; ///< of whoever starts the run
-        int64 nKept = 0;      ///< so many traces of runs stay when the run has recorded; 0: all
+        SxString image;        ///< image folder
+        SxString build;        ///< `checksums.mnt` of its application's record
+        bool isComplete;       ///< all of `img.zqf` was there when the run began
+        int64 nUntraced;       ///< see ZqStreamRecord
+        Wish wish = AsNeeded;  ///< of whoever starts the run
+        int64 nKept = 0;       ///< so many traces of runs stay when the run has recorded; 0: all
+        bool mayRecord = true; ///< the machine has what a drive needs that tells of its reads
     };
     enum Reason {
         Wished,  ///< somebody wants it so
         Partial, ///< the image wasn't complete, so the run records
         Few,     ///< it has too few sound traces, so the run records
+        Unable,  ///< the machine lacks what recording needs, and a complete image can do without
         Turn,    ///< it has enough, and it is the run's turn to record
         Enough   ///< it has enough, and it isn't
     };
