@@ -3,6 +3,7 @@
 #include "Progress.h"
 
 #include <tavrin/SxClock.h>
+#include <tavrin/SxProcessInfo.h>
 #include <tavrin/ZqRun.h>
 
 namespace {
@@ -25,8 +26,9 @@ void GameOutput::look(ZqRun* job, Progress* progress) const {
 
 void GameOutput::tellLast(const ZqRunResult& result) const {
     if (mode.quiet || isShown() || result.lastLines.isEmpty()) return;
-    Output::failure(SxString("The application has failed soon after its start, with code ") +
-                    result.info.exitCode + ". What it said at last, from '" + result.outputFile + "':");
+    Output::failure("The application has failed soon after its start, with code " +
+                    SxProcessInfo::describeExitCode(result.info.exitCode) + ". What it said at last, from '" +
+                    result.outputFile + "':");
     for (const SxString& line : result.lastLines)
         Output::error(("  " + line.makeVisible() + "\n").str());
 }

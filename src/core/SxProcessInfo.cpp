@@ -3,6 +3,8 @@
 #include "SxOs.h"
 
 #include <charconv>
+#include <csignal>
+#include <cstring>
 #include <sstream>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -85,4 +87,12 @@ int64 SxProcessInfo::ownUser() noexcept {
 int SxProcessInfo::exitCodeOf(int64 waitStatus) noexcept {
     const auto status = static_cast<int>(waitStatus);
     return WIFSIGNALED(status) ? SIGNAL_BASE + WTERMSIG(status) : WEXITSTATUS(status);
+}
+
+SxString SxProcessInfo::describeExitCode(int64 code) {
+    const SxString text(code);
+    if (code <= SIGNAL_BASE || code > SIGNAL_BASE + SIGRTMAX) return text;
+    const int signal = static_cast<int>(code - SIGNAL_BASE);
+    const char* name = sigabbrev_np(signal);
+    return name ? text + " (signal SIG" + name + ", " + sigdescr_np(signal) + ")" : text;
 }

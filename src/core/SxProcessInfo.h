@@ -27,4 +27,6 @@ struct SxProcessInfo {
     static int64 ownUser() noexcept;
     /// The exit code of a status of wait(2): 128 + n where signal n ended the process.
     static int exitCodeOf(int64 waitStatus) noexcept;
+    /// An exit code with the signal that it stands for, as in "139 (signal SIGSEGV, Segmentation fault)".
+    static SxString describeExitCode(int64 code);
 };

@@ -2,6 +2,7 @@
 
 #include "SxException.h"
 #include "SxFSAction.h"
+#include "SxProcessInfo.h"
 #include "ZqBlocks.h"
 #include "ZqImageFiles.h"
 #include "ZqImageFolder.h"
@@ -54,7 +55,7 @@ SxString ZqRunPage::head() const {
     if (!result.wasStarted) {
         text += "; the application was not started";
     } else if (result.isExitKnown) {
-        text += "; the application ended with code " + SxString(result.info.exitCode);
+        text += "; the application ended with code " + SxProcessInfo::describeExitCode(result.info.exitCode);
     } else if (result.wasStopped) {
         text += "; the player ended it";
     } else {

@@ -36,9 +36,11 @@ TEST(RunPage, ARunOfTenHoursKeepsItsUnderflows) {
     result.lengthMs = END_MS;
     result.startMs = 2'500;
     result.series = series;
+    result.info.exitCode = 139;
     const std::string page = ZqRunPage(result).toHtml().str();
     EXPECT_EQ(XmlCheck::faultOf(page), "");
     EXPECT_LT(page.size(), 150'000u);
+    EXPECT_THAT(page, HasSubstr("ended with code 139 (signal SIGSEGV, Segmentation fault)"));
     EXPECT_THAT(page, AllOf(HasSubstr("Underflows, " + ZqReadable::seconds(waitedMs).str() + " in all"),
                             HasSubstr("Start, 2.50 s"), HasSubstr(">Time of the run, h<")));
     EXPECT_THAT(page, AllOf(Not(HasSubstr("First frame")), Not(HasSubstr("First window")),
