@@ -158,7 +158,8 @@ SxString describeParts(const ZqImageInfo& info) {
     return text;
 }
 
-void describeText(const ZqImageInfo& info, const SxString& folder, Output* out) {
+/// `volume`: what lies in the RAW image; empty where that isn't known.
+void describeText(const ZqImageInfo& info, const SxString& folder, const SxString& volume, Output* out) {
     const auto field = [&](const char* name, const SxString& value) {
         out->text(SxString::sprintf("%-13s ", name) + value);
     };
@@ -173,7 +174,7 @@ void describeText(const ZqImageInfo& info, const SxString& folder, Output* out) 
     field("Command", app.cmd + (app.args.isEmpty() ? "" : " ") + SxString::join(app.args, " "));
     field("Mount mode", ZqDriveKinds::mountModeToString(app.mountMode));
     field("Image", info.image.guid);
-    const SxString volume = ZqDriveFiles::volumeOf(folder, info), stated = info.image.filesystem;
+    const SxString& stated = info.image.filesystem;
     field("File system", !volume.isEmpty() ? volume : stated == "none" ? "none that is known" : stated);
     field("RAW image", exactBytes(static_cast<uint64>(info.image.sizeRaw)));
     field("ZqF file", exactBytes(info.sizeZqf) + " present of " + exactBytes(info.sizeComplete));
@@ -218,10 +219,10 @@ int showInfo(const InfoOptions& options, Output& out) {
         out.object(result);
         return ExitSuccess;
     }
-    describeText(info, image, &out);
+    const SxString volume = ZqDriveFiles::volumeOf(image, info);
+    describeText(info, image, volume, &out);
     // Of packed content nobody makes an order.
-    const bool isDrive = !ZqDriveFiles::volumeOf(folder, info).isEmpty();
-    if (isDrive && info.app.loadprofile.isEmpty()) tellWithoutOrder(image, info.app, &out);
+    if (!volume.isEmpty() && info.app.loadprofile.isEmpty()) tellWithoutOrder(image, info.app, &out);
     if (speed <= 0) return ExitSuccess;
     out.text(SxString::sprintf("At %.12g Mbit/s", speed));
     const auto tell = [&](const char* name, const ZqStartForecast& what) {
