@@ -110,7 +110,11 @@ PatientSignals::PatientSignals(std::function<void()> insist_) : insist(std::move
 }
 
 PatientSignals::~PatientSignals() {
-    StopSignals::giveBack(before);
+    if (isAsked()) {
+        StopSignals::take(actionOf(SIG_IGN, 0));
+    } else {
+        StopSignals::giveBack(before);
+    }
     tellListener(ENDS);
     listener.join();
     ::close(toListener);

@@ -48,7 +48,9 @@ private:
 
 /// The same signals, while a run goes on: all of them are taken, and a second one changes nothing. One that
 /// comes ten seconds after the first, or later, insists: `insist` is called on a thread of its own, whatever
-/// the others wait for, and ends the program. One object at a time, main thread only.
+/// the others wait for, and ends the program. After the object's end they are ignored where one of them came,
+/// since a key that is held down mustn't end the program by a signal in its last moments; else they have
+/// their former effect. One object at a time, main thread only.
 class PatientSignals {
 public:
     explicit PatientSignals(std::function<void()> insist_);

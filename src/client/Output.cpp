@@ -12,8 +12,8 @@ constexpr const char* UNIT = "src/client/Output";
 constexpr size_t BUFFER_SIZE = 64 << 10;
 } // namespace
 
-Output::Output(const OutputMode& mode_) : mode(mode_) {
-    if (!::isatty(STDOUT_FILENO)) std::setvbuf(stdout, nullptr, _IOFBF, BUFFER_SIZE);
+Output::Output(const OutputMode& mode_) : mode(mode_), isTerminal(::isatty(STDOUT_FILENO) == 1) {
+    if (!isTerminal) std::setvbuf(stdout, nullptr, _IOFBF, BUFFER_SIZE);
 }
 
 void Output::text(const SxString& line) {
@@ -42,7 +42,8 @@ void Output::flush() {
 
 void Output::check(bool written) {
     if (written) return;
-    if (errno != EPIPE) {
+    // A terminal whose window was closed fails by EIO; a file that does has a faulty disk.
+    if (errno != EPIPE && !(errno == EIO && isTerminal)) {
         const SxException cause(std::strerror(errno), UNIT, __LINE__);
         throw SxException(cause, "Cannot write to standard output", UNIT, __LINE__);
     }

@@ -47,6 +47,7 @@ private:
     void check(bool written);
 
     OutputMode mode;
+    const bool isTerminal;
     bool closed = false;
 };
 

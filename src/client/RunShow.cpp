@@ -1,7 +1,6 @@
 #include "RunShow.h"
 #include "App.h"
 #include "Forecast.h"
-#include "Job.h"
 #include "Progress.h"
 #include "RunTexts.h"
 
@@ -24,13 +23,15 @@ constexpr unsigned LAST_WORDS_S = 2;
 constexpr double BYTES_PER_MBIT = 125'000;
 
 /// Something that the end of the run needs hangs. The game must not stay.
-[[noreturn]] void endAtOnce(ZqRun* job, const SxString& image) {
+[[noreturn]] void endAtOnce(ZqRun* job, const SxString& image, bool hasDrive) {
     job->killApplication();
     // A terminal that stands still takes no text.
     ::signal(SIGALRM, SIG_DFL);
     ::alarm(LAST_WORDS_S);
-    Output::failure("Ended at once, since the end took too long; `tavrin umount " + image.makeVisible() +
-                    "` takes away a drive that is still there");
+    Output::failure(
+        "Ended at once, since the end took too long; " +
+        (hasDrive ? "`tavrin umount " + image.makeVisible() + "` takes away a drive that is still there"
+                  : SxString("what has come of the image is kept")));
     ::_exit(ExitFailure);
 }
 
@@ -58,8 +59,12 @@ void showProgress(const ZqRun& job, const ZqFeedStatus& status, Progress* progre
 
 } // namespace
 
-void followRun(ZqRun* job, const SxString& image, bool startsAtOnce, Output& out, const RunLook& look) {
-    const PatientSignals signals([&] { endAtOnce(job, image); });
+RunSignals::RunSignals(ZqRun* job, const SxString& image, bool hasDrive)
+    : PatientSignals([=] { endAtOnce(job, image, hasDrive); }) {
+}
+
+void followRun(ZqRun* job, const RunSignals& signals, const SxString& image, bool startsAtOnce, Output& out,
+               const RunLook& look) {
     Progress progress(out.getMode(), "");
     ZqShownEta estimate;
     job->start();

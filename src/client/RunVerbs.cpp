@@ -8,6 +8,7 @@
 #include "RunTexts.h"
 #include "Verbs.h"
 
+#include <tavrin/SxProcessInfo.h>
 #include <tavrin/ZqImageStaging.h>
 #include <tavrin/ZqLaunchCommand.h>
 #include <tavrin/ZqRecordFile.h>
@@ -46,13 +47,12 @@ bool isEndedByPlayer(const ZqRun& job) {
 SxString endText(const ZqRun& job) {
     const ZqRun::Result& result = job.getResult();
     if (result.wasStopped && !result.isExitKnown) return "The run was ended by you";
-    return result.isExitKnown ? SxString("The application has ended with code ") + result.info.exitCode
-                              : SxString("The application has ended; its exit code is unknown");
+    if (!result.isExitKnown) return "The application has ended; its exit code is unknown";
+    return "The application has ended with code " + SxProcessInfo::describeExitCode(result.info.exitCode);
 }
 
-/// Where one of the two files can't be written, the other one is written all the same, and what has ended the
-/// run is still told.
-void writeFiles(const ZqRun& job, const RunOptions& options) {
+/// Where one of the two files can't be written, the other one is written all the same. Gives the failures.
+SxList<SxException> writeFiles(const ZqRun& job, const RunOptions& options) {
     SxList<SxException> failures;
     const auto attempt = [&](const SxString& file, const std::function<void()>& write) {
         if (file.isEmpty()) return;
@@ -69,8 +69,12 @@ void writeFiles(const ZqRun& job, const RunOptions& options) {
             hasFailed ? job.getException().toString(SxException::ShowMessage, ": ") : SxString();
         ZqRecordFile::writeText(ZqRunPage(job.getResult(), failure).toHtml(), options.page);
     });
+    return failures;
+}
+
+/// What has ended the run is told, too: the last failure is the verb's, unless the run has one.
+void tellUnwritten(const ZqRun& job, const SxList<SxException>& failures) {
     for (const SxException& e : failures) {
-        // The last one is the verb's failure, unless the run has one.
         if (!job.hasException() && &e == &failures.last()) throw SxException(e);
         Output::failure(e.toString(SxException::ShowMessage, ": "));
     }
@@ -129,11 +133,12 @@ int run(const RunOptions& options, Output& out) {
     ZqRun::Settings settings = settingsOf(options, own);
     settings.readsOutput = gameOutput.isShown();
     ZqRun job(settings);
+    const RunSignals signals(&job, options.image);
     ForecastLine forecast(options.now, &out);
     TraceLine trace(&out);
     std::optional<ZqRunNotices> notices;
     if (!options.noNotify && own.isNotifying()) notices.emplace(options.image);
-    followRun(&job, options.image, options.now, out,
+    followRun(&job, signals, options.image, options.now, out,
               [&](const auto& status, const auto& estimate, Progress* progress) {
                   trace.look(job, progress);
                   forecast.look(job, status, estimate, progress);
@@ -142,6 +147,8 @@ int run(const RunOptions& options, Output& out) {
               });
     const ZqRun::Result& result = job.getResult();
     if (notices) notices->end(startFailure(job));
+    // Before all texts: a terminal that is gone, or stands still, costs no files.
+    const SxList<SxException> unwritten = writeFiles(job, options);
     if (result.wasStarted) {
         out.text(endText(job));
         tellFigures(result, &out);
@@ -168,7 +175,7 @@ int run(const RunOptions& options, Output& out) {
         out.finding("The runner has taken the drive letter " + result.lostLetter +
                     "; what is noted of it in the prefix leads elsewhere");
     }
-    writeFiles(job, options);
+    tellUnwritten(job, unwritten);
     if (job.hasException() && !isEndedByPlayer(job)) raiseHinted(job.getException());
     return ExitSuccess;
 }
@@ -182,7 +189,8 @@ int fetch(const RunOptions& options, Output& out) {
     settings.feed.job = "fetch";
     settings.feed.isDownloadOnly = true;
     ZqRun job(settings);
-    followRun(&job, options.image, false, out, [](const auto&, const auto&, Progress*) {});
+    const RunSignals signals(&job, options.image, false);
+    followRun(&job, signals, options.image, false, out, [](const auto&, const auto&, Progress*) {});
     const ZqRun::Result& result = job.getResult();
     if (out.getMode().json) out.object(job.toJson());
     tellMissing(result, options.image, &out);
@@ -215,15 +223,16 @@ int mountFed(const FedMount& mount, Output& out, const std::function<void()>& te
     ZqRun::Settings settings;
     settings.feed.image = mount.image;
     settings.feed.url = mount.url;
-    takeNet(mount.net, 0, ClientSettings::read(), &settings.feed);
+    takeNet(mount.net, std::nullopt, ClientSettings::read(), &settings.feed);
     settings.feed.job = "mount";
     settings.isDriveOnly = true;
     settings.mountMode = mount.mode;
     settings.traceFolder = mount.trace;
     settings.noLaunchers = mount.noLaunchers;
     ZqRun job(settings);
+    const RunSignals signals(&job, mount.image);
     bool told = false;
-    followRun(&job, mount.image, false, out, [&](const auto&, const auto&, Progress*) {
+    followRun(&job, signals, mount.image, false, out, [&](const auto&, const auto&, Progress*) {
         if (told || job.getPhase() != ZqRun::Feeding) return;
         told = true;
         tell();

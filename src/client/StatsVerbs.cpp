@@ -45,8 +45,9 @@ void row(const char* name, const SxString& value, Output* out) {
     out->text(SxString::sprintf("  %-26s", name) + value);
 }
 
-/// How good the order was, in the run's bytes. `traced`: the run has left a trace.
-void tellAccuracy(const ZqRunAccuracy& found, bool traced, Output* out) {
+/// How good the order was, in the run's bytes.
+void tellAccuracy(const ZqRunRecord& run, Output* out) {
+    const ZqRunAccuracy& found = run.accuracy;
     if (found.nWaits) {
         row("reads that waited",
             SxString(*found.nWaits) + ", " + ZqReadable::seconds(static_cast<int64>(found.waitedMs)) +
@@ -55,8 +56,9 @@ void tellAccuracy(const ZqRunAccuracy& found, bool traced, Output* out) {
     }
     if (!found.isJudged) {
         row("order",
-            traced ? "not judged, since the run had gone on with one that was killed"
-                   : "not judged, since the run left no trace",
+            run.asOfMs > 0              ? "not judged, since that comes at the end of a run"
+            : run.traceFolder.isEmpty() ? "not judged, since the run left no trace"
+                                        : "not judged, since the run had gone on with one that was killed",
             out);
         return;
     }
@@ -100,7 +102,7 @@ void tellRun(const ZqRunRecord& run, Output* out) {
     if (run.waits) row("waits for data", waitsText(*run.waits), out);
     row("underflows",
         SxString(info.nUnderflows) + ", the longest " + ZqReadable::seconds(info.maxUnderflowTime), out);
-    if (run.wasStarted) tellAccuracy(run.accuracy, !run.traceFolder.isEmpty(), out);
+    if (run.wasStarted) tellAccuracy(run, out);
     if (info.coverage)
         row("named by the trace", SxString::sprintf("%.1f %% of the image", *info.coverage * 100), out);
     if (info.patchStats.started) row("patched before", SxString(info.patchStats.timeSec) + " s", out);

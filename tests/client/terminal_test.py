@@ -128,6 +128,23 @@ class ProgressLineTest(unittest.TestCase):
         self.look(["run", "played", "--url", self.url, "--now", "--no-notify"], "waiting",
                   rf"^waiting for the process '{NAME[:4]}\\x1b\[2J{NAME[-40:]}' ")
 
+    @unittest.skipUnless(os.geteuid() == 0 and Path("/dev/fuse").exists(), "drives need root and /dev/fuse")
+    def test_a_terminal_that_goes_costs_no_report(self):
+        subprocess.run([CLIENT, "image", "build", "game", "own", "--quiet", "--cmd", "/bin/sleep", "--arg", "60"],
+                       check=True)
+        terminal = Terminal(["run", "own", "--no-notify", "--report", "report.json"], 80)
+        limit = time.monotonic() + 20
+        while not list(Path("own").glob("runs/*.json")) and time.monotonic() < limit:
+            time.sleep(0.05)
+        os.close(terminal.master)
+        terminal.process.send_signal(signal.SIGHUP)
+        # A key that is held down goes on until the very end.
+        while terminal.process.poll() is None and time.monotonic() < limit:
+            terminal.process.send_signal(signal.SIGINT)
+            time.sleep(0.0005)
+        self.assertEqual(terminal.process.wait(timeout=1), 0)
+        self.assertIsNone(json.loads(Path("report.json").read_text())["exitCode"])
+
     def test_a_pipe_gets_plain_lines(self):
         command = subprocess.Popen([CLIENT, "fetch", "piped", "--url", self.url, "--json"], stdout=subprocess.PIPE,
                                    stderr=subprocess.PIPE, env={**os.environ, "TERM": "xterm"}, text=True)
