@@ -7,6 +7,7 @@
 #include "ZqBlocks.h"
 #include "ZqImageFiles.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -121,9 +122,12 @@ bool DirectVolume::isCached(const VirtualDisk& disk) {
     struct {
         uint64 nCached, nDirty, nWriteback, nEvicted, nRecentlyEvicted;
     } found = {};
-    if (::syscall(SYS_cachestat, disk.getStored().getFd(), &range, &found, 0) != 0) return false;
+    const uint64 size = sizeOf(disk.getStored());
     const auto page = static_cast<uint64>(::sysconf(_SC_PAGESIZE));
-    return found.nCached * page > sizeOf(disk.getStored()) / 2;
+    const auto memory = static_cast<uint64>(std::max(::sysconf(_SC_PHYS_PAGES), 0L)) * page;
+    if (size > memory / 4) return false;
+    if (::syscall(SYS_cachestat, disk.getStored().getFd(), &range, &found, 0) != 0) return false;
+    return found.nCached * page > size / 2;
 }
 
 const char* DirectVolume::readAhead(bool isCached) {

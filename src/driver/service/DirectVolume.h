@@ -27,9 +27,11 @@ public:
     DirectVolume& operator=(const DirectVolume&) = delete;
 
     int getFd() const { return file.fd; }
-    /// Whether most of `img.zqf` is in memory: then the kernel reads through that, else past it. Read past
-    /// it, even single blocks in random order come as fast as through the service, so no order is cut too
-    /// finely for the kernel. Read through it, they would come from the disk at a third of that.
+    /// Whether most of `img.zqf` is in memory and will stay there: then the kernel reads through that, else
+    /// past it. Read past it, even single blocks in random order come as fast as through the service, so no
+    /// order is cut too finely for the kernel. Read through it, they would come from the disk at a third of
+    /// that, and which of both it is can't be changed after the mount. So an image that takes more than a
+    /// quarter of the machine's memory, and is likely to be driven from there by the game, is read past it.
     static bool isCached(const VirtualDisk& disk);
     /// KiB that the kernel is to read in advance.
     static const char* readAhead(bool isCached);
