@@ -343,7 +343,11 @@ void ZqRun::follow() {
         if (recording->limit()) statistics->endJudgement(elapsedMs());
         suspendProcess();
         feed->restoreWindow();
-        if (notes->isDue()) noteRun();
+        if (notes->isDue()) {
+            // Who goes on with a record counts from its moment on.
+            drive->takeHeldReads();
+            noteRun();
+        }
         SxTime::msleep(feed->isSettled() && !firstFrame->isAwaited() ? CALM_LOOK_MS : LOOK_MS);
     }
     guard->wait();

@@ -204,13 +204,17 @@ void ZqRunDrive::lookAtHeldReads() {
     if (ZqVolume::findDisk(image, &disk)) held->look(disk);
 }
 
-void ZqRunDrive::endHeldReads() {
+void ZqRunDrive::takeHeldReads() {
     try {
         lookAtHeldReads();
     } catch (const SxException& e) {
         // What a silent service hasn't told yet is less than a quarter of a second.
         zqLogMsg("base", SxString("ZqRun: ") + e.what());
     }
+}
+
+void ZqRunDrive::endHeldReads() {
+    takeHeldReads();
     held->end(SxClock::get().steadyNs());
 }
 

@@ -47,6 +47,8 @@ public:
     SxString require();
     /// Looks now and then whether the drive is there, and raises where it isn't.
     void watch();
+    /// Takes over which reads have waited up to now. Doesn't raise.
+    void takeHeldReads();
     /// The application has ended, and none of its reads waits any longer.
     void endHeldReads();
     /// Raises where the drive holds reads that nothing will answer any longer, as after a newer version of
