@@ -113,7 +113,7 @@ void ZqImageRecords::requireNoPage(const SxString& text, const char* name) const
                       UNIT, __LINE__);
 }
 
-ZqAppParams ZqImageRecords::look(const ZqAppParams* own, SxString* text, const ZqStopTest& stop,
+ZqAppParams ZqImageRecords::look(const ZqAppParams* own, std::optional<SxString>* text, const ZqStopTest& stop,
                                  ZqTransfer::Kind kind) const {
     ZqAppParams server;
     takeRecord([&](bool isFresh) {
@@ -128,12 +128,12 @@ ZqAppParams ZqImageRecords::look(const ZqAppParams* own, SxString* text, const Z
     return server;
 }
 
-ZqAppParams ZqImageRecords::parseApp(const SxArray<char>& bytes, SxString* text) const {
+ZqAppParams ZqImageRecords::parseApp(const SxArray<char>& bytes, std::optional<SxString>* text) const {
     *text = SxString(std::string_view(bytes.data(), static_cast<size_t>(bytes.getSize())));
-    requireNoPage(*text, ZqImageFiles::APP_JSON);
+    requireNoPage(**text, ZqImageFiles::APP_JSON);
     try {
         ZqAppParams server;
-        server.readText(*text, ZqImageFiles::APP_JSON);
+        server.readText(**text, ZqImageFiles::APP_JSON);
         server.requireKnownFormat();
         return server;
     } catch (const SxException& e) {
@@ -152,7 +152,7 @@ ZqAppParams ZqImageRecords::getApp(const ZqStopTest& stop) const {
 }
 
 ZqAppParams ZqImageRecords::lookAtAddress(const ZqAppParams* own, const ZqStopTest& stop) const {
-    SxString text;
+    std::optional<SxString> text;
     try {
         return look(own, &text, stop);
     } catch (const SxException& e) {
@@ -160,14 +160,18 @@ ZqAppParams ZqImageRecords::lookAtAddress(const ZqAppParams* own, const ZqStopTe
     }
 }
 
-void ZqImageRecords::raiseNoImage(const SxException& why, const SxString& text) const {
+void ZqImageRecords::raiseNoImage(const SxException& why, const std::optional<SxString>& text) const {
     if (why.hasTag(ZqNetLink::NOT_FOUND)) throw ZqImageAddress::absent(address, why);
-    if (!why.hasTag(ZqNetLink::WRONG) || text.isEmpty()) throw SxException(why);
-    throw ZqImageAddress::other(address, ZqImageAddress::kindOf(text), why);
+    if (why.hasTag(ZqNetLink::UNAUTHORIZED)) {
+        throw SxException(why, "The server wants to know who asks: give it that with --header", UNIT,
+                          __LINE__);
+    }
+    if (!why.hasTag(ZqNetLink::WRONG) || !text) throw SxException(why);
+    throw ZqImageAddress::other(address, ZqImageAddress::kindOf(*text), why);
 }
 
 bool ZqImageRecords::isSameOnServer(const ZqAppParams& own, const ZqStopTest& stop) const {
-    SxString text;
+    std::optional<SxString> text;
     return areSame(own, look(&own, &text, stop, ZqTransfer::Kind::OnDemand));
 }
 
@@ -182,7 +186,7 @@ ZqAppParams ZqImageRecords::fetchApp(bool mayPlay, bool* isConfirmed, const ZqSt
     }
     ZqAppParams server, own;
     if (resumes) own = ZqAppParams(folder);
-    SxString text;
+    std::optional<SxString> text;
     const bool mayGoWithout = mayPlay && ZqImageInfo::holdsPart(folder);
     const int64 endNs = SxClock::get().steadyNs() + PATIENCE_NS;
     bool isLate = false;
@@ -207,7 +211,7 @@ ZqAppParams ZqImageRecords::fetchApp(bool mayPlay, bool* isConfirmed, const ZqSt
     for (const char* name : {ZqImageFiles::IMAGE_JSON, ZqImageFiles::IDX_MD5}) {
         if (SxFSAction::exists(folder + name)) SxFSAction::rm(folder + name);
     }
-    SxFileIO::writeAtomic(file, text);
+    SxFileIO::writeAtomic(file, *text);
     // The record has been checked; its folder is the image's now.
     return ZqAppParams(folder);
 }

@@ -6,6 +6,8 @@
 #include "ZqRemoteFile.h"
 #include "ZqUrlText.h"
 
+#include <optional>
+
 /// Brings the records of an image (all of its files but `img.zqf`) from its server into its folder. Each is
 /// put in place as a whole. `app.json`, which the others are checked against, comes first; blocks come in
 /// while the others are still on their way. A record that is wrong as a whole is fetched once more, over a
@@ -67,13 +69,13 @@ private:
     void requireParams(const SxString& file, const ZqAppParams& app) const;
     /// The server's `app.json`, and what it was read from. One that is of another version than `own`, where
     /// that is given, is asked for twice. Nothing is written, so a full disk is no matter.
-    ZqAppParams look(const ZqAppParams* own, SxString* text, const ZqStopTest& stop,
+    ZqAppParams look(const ZqAppParams* own, std::optional<SxString>* text, const ZqStopTest& stop,
                      ZqTransfer::Kind kind = ZqTransfer::Kind::Small) const;
     /// As look(), but says so where there is no image at the address.
     ZqAppParams lookAtAddress(const ZqAppParams* own, const ZqStopTest& stop) const;
-    /// Raises `why` of look() again, and says so where there is no image; `text`: what came.
-    [[noreturn]] void raiseNoImage(const SxException& why, const SxString& text) const;
-    ZqAppParams parseApp(const SxArray<char>& bytes, SxString* text) const;
+    /// Raises `why` of look() again, and says so where there is no image; `text`: what came, if anything did.
+    [[noreturn]] void raiseNoImage(const SxException& why, const std::optional<SxString>& text) const;
+    ZqAppParams parseApp(const SxArray<char>& bytes, std::optional<SxString>* text) const;
     void requireSame(const ZqAppParams& own, const ZqAppParams& server) const;
 
     const SxPtr<ZqNetLink> link;

@@ -132,6 +132,8 @@ void ZqFileFacts::checkStatus(const ZqTransfer::Response& response, const SxStri
         throw SxException(ZqNetLink::UNREACHABLE, text, UNIT, __LINE__);
     }
     if (status == 404 || status == 410) throw SxException(ZqNetLink::NOT_FOUND, text, UNIT, __LINE__);
+    if (status == 401)
+        throw SxException(ZqNetLink::REFUSED, text, UNIT, __LINE__).tagged(ZqNetLink::UNAUTHORIZED);
     const SxException refusal(status >= 400 ? ZqNetLink::REFUSED : ZqNetLink::WRONG, text, UNIT, __LINE__);
     const SxMutexBlock lock(&mutex);
     if (status == 403 && isOptional && !isOfProxy) {

@@ -61,6 +61,7 @@ public:
     static constexpr const char* UNTRUSTED = "Untrusted";
     static constexpr const char* MISNAMED = "Misnamed";
     static constexpr const char* MISDATED = "Misdated";
+    static constexpr const char* UNAUTHORIZED = "Unauthorized"; ///< REFUSED, too: it wants to know who asks
     static constexpr const char* WRONG = "WrongAnswer";       ///< an answer that isn't one to what was asked
     static constexpr const char* UNREACHABLE = "Unreachable"; ///< no answer, or none for now; tried again
     static constexpr const char* BROKEN = "BrokenTransfer";   ///< an answer that broke off; tried again

@@ -16,8 +16,10 @@ SxString ZqUrlText::of(const SxString& url) {
 }
 
 bool ZqUrlText::isAddress(const SxString& place) {
-    std::string begin = place.str().substr(0, 8);
+    std::string begin = place.str().substr(0, 9);
     std::transform(begin.begin(), begin.end(), begin.begin(),
                    [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    return begin.starts_with("http://") || begin.starts_with("https://");
+    // With a host.
+    return (begin.starts_with("http://") && begin.size() > 7 && begin[7] != '/') ||
+           (begin.starts_with("https://") && begin.size() > 8 && begin[8] != '/');
 }

@@ -42,7 +42,7 @@ TEST(ImageAddress, AFilesAddressAndAPathAreToldApart) {
     dir.write("image/app.json", "{}");
     EXPECT_THAT(failureOf([&] { ZqImageAddress::require(SxString(dir.path("image"))); }),
                 HasSubstr("an image folder of this machine"));
-    for (const char* url : {"ftp://host/game", "host/game", "/nowhere", "http:/host"})
+    for (const char* url : {"ftp://host/game", "host/game", "/nowhere", "http:/host", "http://", "https:///game"})
         EXPECT_THAT(failureOf([&] { ZqImageAddress::require(url); }), HasSubstr("http://")) << url;
     EXPECT_NO_THROW(ZqImageAddress::require("HTTPS://host"));
 }

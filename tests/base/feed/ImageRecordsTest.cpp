@@ -90,6 +90,20 @@ TEST(ImageRecords, tellWhetherTheServerHasAnotherVersion) {
     }
 }
 
+TEST(ImageRecords, WhereThereIsNoneTheNextStepIsSaid) {
+    const std::pair<std::string, const char*> cases[] = {
+        {answered("200 OK"), "No image at this address"}, // an empty file
+        {answered("200 OK", "hello"), "No image at this address"},
+        {answered("404 None"), "No image at this address"},
+        {answered("401 Unauthorized"), "--header"},
+    };
+    for (const auto& [response, told] : cases) {
+        const ScriptedServer server([&](const std::string&) { return response; });
+        TempDir dir;
+        EXPECT_THAT(failureOfFetch(dir.prefix(), SxString(server.url())), testing::HasSubstr(told));
+    }
+}
+
 TEST(ImageRecords, thatAreWrongOnTheServerAreToldAsTheServers) {
     TempDir dir;
     TestRandom random;
