@@ -427,7 +427,7 @@ void ZqImageBuild::build(const ZqSourceTree& tree, const ZqDriveMaker& maker, co
     ZqImageParams image;
     image.guid = toGuid(cutter.rawDigest);
     image.sizeRaw = static_cast<int64>(nRaw) * BLOCK;
-    image.filesystem = "none";
+    image.filesystem = "none"; // the key knows none of our types; `volume` has it
     if (order) image.order = order->getBasis();
     image.volume = ZqDriveMaker::typeToString(options.fileSystem);
     image.write(folder);
