@@ -125,9 +125,12 @@ void tellFigures(const ZqRun::Result& result, Output* out) {
     if (!result.mountPath.isEmpty()) out->text("  the drive stays at        " + result.mountPath);
 }
 
-void tellMissing(const ZqRun::Result& result, const SxString& image, Output* out) {
-    if (result.nMissing == 0) return;
-    out->text(readableBytes(static_cast<double>(result.nMissing)) + " are still missing; `tavrin fetch " +
+void tellMissing(const ZqRun& job, const SxString& image, Output* out) {
+    const uint64 nMissing = job.getResult().nMissing, nShort = job.getStatus().nShort;
+    if (nMissing == 0) return;
+    SxString text = readableBytes(static_cast<double>(nMissing)) + " are still missing";
+    if (nShort > 0) text += ", and the disk has no room for " + ZqReadable::megabytes(nShort) + " of them";
+    out->text(text + (nShort > 0 ? "; make room there, then `tavrin fetch " : "; `tavrin fetch ") +
               image.makeVisible() + "` downloads them");
 }
 

@@ -19,6 +19,6 @@ SxString waitsText(const ZqRunRecord::Waits& waits);
 /// The figures of a run whose application was started.
 void tellFigures(const ZqRun::Result& result, Output* out);
 /// How to get what is missing of the image.
-void tellMissing(const ZqRun::Result& result, const SxString& image, Output* out);
+void tellMissing(const ZqRun& job, const SxString& image, Output* out);
 /// A sentence on what may have been lost with an earlier drive of the image.
 SxString lostWritesText(const SxString& image);

@@ -152,7 +152,7 @@ int run(const RunOptions& options, Output& out) {
     if (result.wasStarted) {
         out.text(endText(job));
         tellFigures(result, &out);
-        tellMissing(result, options.image, &out);
+        tellMissing(job, options.image, &out);
         gameOutput.tellLast(result);
     }
     if (!result.missed.isEmpty()) {
@@ -193,7 +193,7 @@ int fetch(const RunOptions& options, Output& out) {
     followRun(&job, signals, options.image, false, out, [](const auto&, const auto&, Progress*) {});
     const ZqRun::Result& result = job.getResult();
     if (out.getMode().json) out.object(job.toJson());
-    tellMissing(result, options.image, &out);
+    tellMissing(job, options.image, &out);
     if (job.hasException()) raiseHinted(job.getException());
     out.text("The image is complete: " + exactBytes(static_cast<uint64>(result.info.imageSize)) + ", " +
              readableBytes(static_cast<double>(result.link.nBytes)) + " received" +

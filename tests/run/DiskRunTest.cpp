@@ -103,8 +103,8 @@ TEST_F(StreamRun, ADownloadThatLacksRoomNotesItsAddress) {
     const Outcome first = run({"fetch", got, "--url", server->getUrl().str()});
     EXPECT_EQ(first.code, 1);
     EXPECT_THAT(first.out + first.err,
-                testing::AllOf(HasSubstr(" more on the disk of"),
-                               HasSubstr("`tavrin fetch " + got + "` downloads them")));
+                testing::AllOf(HasSubstr(" more on the disk of"), HasSubstr("the disk has no room for"),
+                               HasSubstr("make room there, then `tavrin fetch " + got + "`")));
     disk.grow("256m");
     done({"fetch", got});
     expectComplete();

@@ -192,7 +192,6 @@ std::optional<double> ZqImageDownload::estimateStart(double rate, bool isAtOnce)
 
 void ZqImageDownload::addTo(ZqFeedStatus* status) const {
     const uint64 limit = origin.getRateLimit() > 0 ? origin.getRateLimit() : ANY_RATE;
-    status->nShort = file->getNShort();
     status->nCurrent = progress->getNCurrent();
     status->nNeeded = progress->getNInit(limit);
     status->speed = progress->getAvgSpeed() * ZqBlocks::PER_MEGABIT;

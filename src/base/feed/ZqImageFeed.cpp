@@ -312,6 +312,7 @@ ZqImageFeed::Status ZqImageFeed::getStatus() const {
     status.nTotal = getApp().sizeZqf;
     status.waiting = health.getWaiting();
     status.carried = folder.getCarried();
+    status.nShort = file.getNShort();
     if (digest) digest->addTo(&status);
     if (!manager) {
         status.nCurrent = status.nNeeded = status.nTotal;
