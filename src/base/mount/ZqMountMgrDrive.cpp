@@ -221,7 +221,9 @@ void ZqMountMgr::clearTraceFolder(const SxString& image, const SxString& traceFo
 void ZqMountMgr::requireSight(const SxString& image) {
     ZqDiskStatus disk;
     if (!ZqVolume::findDisk(image, &disk) || !disk.isServedByKernel) return;
-    throw SxException("The kernel serves the drive, so its reads can't be traced", UNIT, __LINE__);
+    const SxString text = "The kernel serves the drive, so its reads can't be traced";
+    zqLogMsg("base", "Image " + image + ": " + text);
+    throw SxException(text, UNIT, __LINE__);
 }
 
 void ZqMountMgr::monitorOn(const SxString& image, const SxString& traceFolder, const SxString& traceMethod,
