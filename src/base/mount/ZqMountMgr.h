@@ -105,9 +105,10 @@ public:
     /// Ends a mount: fails what is held, takes back the registry entries and what was changed for launchers,
     /// as far as the record of that names it for this image (ZqLaunchers), dismounts the volume, ejects the
     /// disk and waits until it is gone, as long as no minute passes without progress. A busy volume is taken
-    /// away all the same: a program that still has files open gets I/O errors, and the unmount succeeds, and
-    /// says so in the log and by wasBusy(). Where a step fails, the disk is removed the hard way and the
-    /// failure raised. `hardEject` does that at once. Harmless where the image isn't mounted. Gives true.
+    /// away all the same: a program that still has files open gets I/O errors unless the kernel serves the
+    /// drive, and the unmount succeeds, and says so in the log and by wasBusy(). Where a step fails, the disk
+    /// is removed the hard way and the failure raised. `hardEject` does that at once. Harmless where the
+    /// image isn't mounted. Gives true.
     bool umountImage(const SxString& image, bool hardEject);
     /// Ends the mount of an image that has lost its drive letter, since somebody changed or removed the link;
     /// umountImage() fails where no letter leads to the disk, so this is to be asked first. Removes the
