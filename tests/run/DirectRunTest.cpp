@@ -79,6 +79,39 @@ protected:
     string image;
 };
 
+/// The services that take drives over can be kept from opening an image.
+class HeldTakeOver : public DirectRun {
+protected:
+    void SetUp() override {
+        DirectRun::SetUp();
+        if (IsSkipped() || HasFatalFailure()) return;
+        ASSERT_TRUE(eventually([] { return processesOf(false).empty(); }));
+        other = build("other", "erofs");
+        ::setenv("LD_PRELOAD", (fs::path(client).parent_path().parent_path() / "tests/slow_disk.so").c_str(),
+                 1);
+        ::setenv("ASAN_OPTIONS", "verify_asan_link_order=0", 0);
+        ::setenv("SLOW_OPEN", dir.path("held").c_str(), 1);
+    }
+    void TearDown() override {
+        hold("");
+        DirectRun::TearDown();
+        for (const char* name : {"LD_PRELOAD", "SLOW_OPEN"})
+            ::unsetenv(name);
+    }
+    /// Nothing below the folder can be opened or looked at by the service; an empty text lets all be opened.
+    void hold(const string& folder) const { std::ofstream(dir.path("held")) << folder; }
+    /// Has a service begin to take the drive of `image` over, which takes it away meanwhile.
+    void giveUp() {
+        mount(image);
+        killService(image);
+        hold(image);
+        EXPECT_THAT(done({"umount", image}), HasSubstr("Removed what a service that was killed had left"));
+        EXPECT_THAT(leftovers(), testing::IsEmpty());
+    }
+
+    string other;
+};
+
 } // namespace
 
 TEST_F(DirectRun, ACompleteImageHasTheSameFiles) {
@@ -425,6 +458,32 @@ TEST_F(DirectRun, ADriveThatAnotherMachineRootKeepsFromBeingTakenOverSaysSo) {
     useRoot("root");
     EXPECT_TRUE(eventually([&] { return statusOf(image).notTaken.isEmpty(); }));
     EXPECT_EQ(done({"umount", image}), "Unmounted\n");
+}
+
+TEST_F(HeldTakeOver, WhatIsGivenUpTouchesNoOtherDrive) {
+    giveUp();
+    const string app = mount(other);
+    const int64 service = statusOf(other).servicePid;
+    hold("");
+    // Its own drive comes once the former one's take-over has ended.
+    EXPECT_TRUE(eventually([&] { return run({"mount", image}).code == 0; }));
+    EXPECT_EQ(statusOf(image).servicePid, service);
+    EXPECT_EQ(TempDir::readFile(app + "/start.cfg"), "volume=3\n");
+    EXPECT_NE(statusOf(image).drive, statusOf(other).drive);
+    for (const string& each : {image, other})
+        EXPECT_EQ(done({"umount", each}), "Unmounted\n");
+    EXPECT_TRUE(lettersOfDrives().empty());
+}
+
+TEST_F(HeldTakeOver, AServiceDoesntEndBeforeWhatIsGivenUp) {
+    ::setenv("TAVRIN_ZQDD_IDLE_MS", "1", 1);
+    giveUp();
+    EXPECT_THAT(run({"mount", image}).err, HasSubstr("is still being taken over: somebody has it"));
+    const string app = mount(other);
+    EXPECT_EQ(TempDir::readFile(app + "/start.cfg"), "volume=3\n");
+    done({"umount", other});
+    hold("");
+    EXPECT_TRUE(eventually([] { return processesOf(false).empty(); }));
 }
 
 TEST_F(DirectRun, AMountThatIsStoppedInAnyStepLeavesNothing) {

@@ -45,13 +45,15 @@ DirectNote freshNote(const MountParams& params, int64 mounterPid) {
 } // namespace
 
 Disk::Disk(const MountParams& params_, const Place& place, int64 mounterPid_)
-    : Disk(freshNote(params_, mounterPid_), place, false) {
+    : Disk(freshNote(params_, mounterPid_), place, nullptr) {
 }
 
-Disk::Disk(const DirectNote& note_, const Place& place) : Disk(note_, place, true) {
+Disk::Disk(const DirectNote& note_, const Place& place, const std::function<void()>& claim)
+    : Disk(note_, place, &claim) {
 }
 
-Disk::Disk(const DirectNote& note_, const Place& place, bool isLeft)
+/// `claim`: null for a disk that is to be made.
+Disk::Disk(const DirectNote& note_, const Place& place, const std::function<void()>* claim)
     : params(note_.params),
       onLoss(place.onLoss),
       root(place.root),
@@ -80,7 +82,9 @@ Disk::Disk(const DirectNote& note_, const Place& place, bool isLeft)
       upkeep({params.image, folder, front, disk, readAhead}, place.cacheSize,
              {[this] { return isMounted(); }, [this] { return isGone(); }, [this] { return isDirect.load(); },
               [this](const SxString& why) { return takeDown(why); }}) {
-    if (isLeft) {
+    if (claim) {
+        requireUnchanged();
+        (*claim)();
         takeOver();
         return;
     }

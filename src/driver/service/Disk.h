@@ -49,8 +49,9 @@ public:
     /// served. `mounterPid`: the process that has it mounted.
     Disk(const MountParams& params, const Place& place, int64 mounterPid);
     /// Takes over what a service that was killed has left to the kernel. Raises where it can't; the mount
-    /// stays then.
-    Disk(const DirectNote& note, const Place& place);
+    /// stays then. `claim` is called once the image is open, which may take long, and before anything of the
+    /// mount is touched: it raises where the disk is no longer wanted.
+    Disk(const DirectNote& note, const Place& place, const std::function<void()>& claim);
     ~Disk();
     Disk(const Disk&) = delete;
     Disk& operator=(const Disk&) = delete;
@@ -104,7 +105,7 @@ public:
     uint64 getDeviceId() const { return deviceId; }
 
 private:
-    Disk(const DirectNote& note, const Place& place, bool isLeft);
+    Disk(const DirectNote& note, const Place& place, const std::function<void()>* claim);
     void start();
     void bringUp();
     void attach(const SxString& type);
@@ -112,6 +113,7 @@ private:
     SxString claimDirect(const SxString& type);
     void mountDirect();
     DirectNote::File stateOfMap() const;
+    void requireUnchanged();
     void noteDirect();
     void takeOver();
     void endNote();

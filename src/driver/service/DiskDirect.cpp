@@ -84,14 +84,19 @@ void Disk::noteDirect() {
     note.write(folder.getPath());
 }
 
-/// Goes on with a volume that is mounted.
-void Disk::takeOver() {
+/// Raises unless the image is still the one that its note was written for.
+void Disk::requireUnchanged() {
     const SxMutexBlock block(&sight);
     if (DirectNote::File::of(disk.getStored().getStat()) != note.zqf || stateOfMap() != note.idx) {
         throw SxException("Image '" + params.image +
                               "' was replaced or changed since, so its drive may give wrong data",
                           UNIT, __LINE__);
     }
+}
+
+/// Goes on with a volume that is mounted.
+void Disk::takeOver() {
+    const SxMutexBlock block(&sight);
     isDirect = true;
     kernelNote.takeOver();
     ready = note.ready;

@@ -13,7 +13,8 @@ namespace Leftovers {
 struct Found {
     enum Kind {
         Sound,    ///< can be taken over
-        Unfit,    ///< can't, and stays until somebody wants it to go
+        Taking,   ///< is being taken over, and no longer waits for its image
+        Unfit,    ///< can't be, and stays until somebody wants it to go
         Elsewhere ///< is another mount namespace's, where nobody here can use, judge or remove it
     };
     Kind kind;

@@ -19,8 +19,6 @@ constexpr const char* UNIT = "src/driver/Service";
 constexpr int64 NOBODY = 0;
 /// How long a mount waits for another one of its image that is under way.
 constexpr int64 SAME_IMAGE_MS = 15'000;
-/// The same of whatever wants to use a disk that is being taken over.
-constexpr int64 TAKEN_MS = 5000;
 /// Begins a second line of an image whose drive may have lost writes; the path follows.
 const SxString WRITTEN_MARK = "written ";
 
@@ -38,10 +36,12 @@ const SxString WRITTEN_MARK = "written ";
 Service::Service(const SxString& root_, const SxString& folder_) : root(root_), folder(folder_) {
 }
 
+void Service::refuseTaking(const SxString& image) {
+    refuse("Image '" + image + "' is still being taken over: somebody has it, or its disk doesn't answer");
+}
+
 Service::DiskPtr Service::find(const SxString& image) const {
-    if (!awaitTaken(image, TAKEN_MS))
-        refuse("Image '" + image +
-               "' is still being taken over: somebody has it, or its disk doesn't answer");
+    if (!awaitTaken(image, TAKEN_MS)) refuseTaking(image);
     const SxMutexBlock block(&mutex);
     for (const auto& [id, disk] : disks) {
         if (disk->getParams().image == image) return disk;
@@ -143,6 +143,7 @@ public:
             taken = service->reserve(image);
             return taken.has_value();
         });
+        if (!taken && service->isGivenUp(image)) refuseTaking(image);
         if (!taken) refuseSecond(image);
         id = *taken;
     }
@@ -169,12 +170,12 @@ std::optional<uint64> Service::reserve(const SxString& image) {
     const SxMutexBlock block(&mutex);
     requireNoEnd();
     for (const auto& [id, other] : reserved) {
-        if (other == image) return {};
+        if (other.image == image) return {};
     }
     uint64 id = 1;
     while (disks.count(id) != 0 || reserved.count(id) != 0 || isLeft(id))
         ++id;
-    reserved[id] = image;
+    reserved[id] = {image};
     retiring = false;
     return id;
 }

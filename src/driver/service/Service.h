@@ -38,6 +38,7 @@ public:
                          const SxList<SxString>& written);
     /// Regular work, about every 100 ms. Disks do theirs by themselves.
     void tick();
+    /// Whether it has a disk, or is making one or taking one over.
     bool hasDisks() const;
     /// Whether a client wants it to end now, and nothing was mounted since.
     bool isRetiring() const { return retiring; }
@@ -48,6 +49,8 @@ public:
 
 private:
     using DiskPtr = std::shared_ptr<Disk>;
+    /// How long whatever wants to use a disk, or to remove it, waits while that is being taken over.
+    static constexpr int64 TAKEN_MS = 5000;
 
     DiskPtr find(const SxString& image) const;
     DiskPtr require(const SxString& image) const;
@@ -65,9 +68,13 @@ private:
     void takeOne(uint64 deviceId, const DirectNote& note);
     DiskPtr tryToTake(uint64 deviceId, const DirectNote& note);
     bool isAwaited(uint64 deviceId) const;
+    void claim(uint64 deviceId);
     void noteWhy(uint64 deviceId, const SxString& why);
     std::optional<uint64> awaitedOf(const SxString& image) const;
     bool awaitTaken(const SxString& image, int64 ms) const;
+    std::optional<Leftovers::Found> giveUp(uint64 deviceId);
+    bool isGivenUp(const SxString& image) const;
+    [[noreturn]] static void refuseTaking(const SxString& image);
     void removeLeft(uint64 deviceId);
     bool removeUnread(uint64 deviceId, const DirectNote& note);
     void removeAllLeft(const SxString& image);
@@ -107,10 +114,14 @@ private:
     SxMutex leftFile; ///< held over the file of what was left, which lies in the service's own folder
     mutable SxMutex mutex;
     std::map<uint64, DiskPtr> disks SX_GUARDED_BY(mutex); ///< by device id
-    /// Images whose disks are being made, by device id: opening one may take as long as its own disk does.
-    std::map<uint64, SxString> reserved SX_GUARDED_BY(mutex);
-    /// Disks of a former service that aren't taken over. The images of those that still may be are reserved,
-    /// too.
+    struct Reserved {
+        SxString image;
+        bool isGivenUp = false; ///< it was to be taken over, and a client wanted it to go meanwhile
+    };
+    /// Disks that are being made or taken over, by device id: opening an image may take as long as its own
+    /// disk does, and until that has ended nobody else gets the number, by which all of a disk is found.
+    std::map<uint64, Reserved> reserved SX_GUARDED_BY(mutex);
+    /// Disks of a former service that aren't taken over. Those that still may be are reserved, too.
     Leftovers::Disks lefts SX_GUARDED_BY(mutex);
     bool ending SX_GUARDED_BY(mutex) = false; ///< no further disk comes
 

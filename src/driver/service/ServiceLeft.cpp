@@ -45,7 +45,7 @@ void Service::takeOver(const Leftovers::Disks& found) {
         lefts = found;
         for (auto& [id, left] : lefts) {
             if (left.kind == Found::Sound) {
-                reserved[id] = left.note.params.image;
+                reserved[id] = {left.note.params.image};
                 left.why = "that is under way";
             }
             if (left.kind == Found::Elsewhere) left.why = elsewhereText();
@@ -82,21 +82,17 @@ void Service::takeOne(uint64 deviceId, const DirectNote& note) {
         why = e.what(); // a library's, for want of memory
     }
     if (!why.isEmpty()) driverLog("image " + note.params.image + " can't be taken over: " + why);
-    bool isGivenUp = false;
-    {
-        const SxMutexBlock block(&mutex);
-        reserved.erase(deviceId);
-        const auto left = lefts.find(deviceId);
-        isGivenUp = left == lefts.end();
-        if (!isGivenUp && disk) {
-            disks[deviceId] = disk;
-            lefts.erase(left);
-        } else if (!isGivenUp && !why.isEmpty()) {
-            left->second.kind = Found::Unfit;
-            left->second.why = why;
-        }
+    const SxMutexBlock block(&mutex);
+    reserved.erase(deviceId);
+    if (disk) {
+        disks[deviceId] = disk;
+        lefts.erase(deviceId);
+        return;
     }
-    if (isGivenUp && disk) disk->eject();
+    const auto left = lefts.find(deviceId);
+    if (why.isEmpty() || left == lefts.end()) return;
+    left->second.kind = Found::Unfit;
+    left->second.why = why;
 }
 
 /// Waits while somebody else has the image: whoever is about to change it is refused in the end, since the
@@ -104,8 +100,10 @@ void Service::takeOne(uint64 deviceId, const DirectNote& note) {
 Service::DiskPtr Service::tryToTake(uint64 deviceId, const DirectNote& note) {
     while (isAwaited(deviceId)) {
         try {
-            return std::make_shared<Disk>(note, placeOf(deviceId, note.params.image));
+            return std::make_shared<Disk>(note, placeOf(deviceId, note.params.image),
+                                          [&] { claim(deviceId); });
         } catch (const SxException& e) {
+            if (!isAwaited(deviceId)) break;
             if (!e.hasTag(ZqImageLock::HELD)) throw;
             noteWhy(deviceId, e.toString(SxException::ShowMessage, ": "));
         }
@@ -116,7 +114,17 @@ Service::DiskPtr Service::tryToTake(uint64 deviceId, const DirectNote& note) {
 
 bool Service::isAwaited(uint64 deviceId) const {
     const SxMutexBlock block(&mutex);
-    return !ending && lefts.contains(deviceId);
+    const auto left = lefts.find(deviceId);
+    return !ending && left != lefts.end() && left->second.kind != Found::Unfit;
+}
+
+/// Settles that the disk is taken over: from then on nobody gives it up. Raises where somebody has.
+void Service::claim(uint64 deviceId) {
+    const SxMutexBlock block(&mutex);
+    const auto left = lefts.find(deviceId);
+    if (ending || left == lefts.end() || left->second.kind != Found::Sound)
+        throw SxException("The drive is no longer wanted", UNIT, __LINE__);
+    left->second.kind = Found::Taking;
 }
 
 void Service::noteWhy(uint64 deviceId, const SxString& why) {
@@ -128,7 +136,7 @@ void Service::noteWhy(uint64 deviceId, const SxString& why) {
 /// The number of the image's disk that may still be taken over, if there is one.
 std::optional<uint64> Service::awaitedOf(const SxString& image) const {
     for (const auto& [id, left] : leftOf(image)) {
-        if (left.kind == Found::Sound) return id;
+        if (left.kind == Found::Sound || left.kind == Found::Taking) return id;
     }
     return {};
 }
@@ -145,18 +153,38 @@ Leftovers::Disks Service::leftOf(const SxString& image) const {
     return found;
 }
 
+/// Takes a disk from that table; none where it was taken over, or another client was faster. Its number stays
+/// reserved until whoever tries to take it over has ended.
+std::optional<Found> Service::giveUp(uint64 deviceId) {
+    std::optional<Found> left;
+    const auto isSettled = [&] {
+        const SxMutexBlock block(&mutex);
+        const auto found = lefts.find(deviceId);
+        left.reset();
+        if (found == lefts.end()) return true;
+        left = found->second;
+        if (left->kind == Found::Taking) return false;
+        lefts.erase(found);
+        const auto taken = reserved.find(deviceId);
+        if (taken != reserved.end()) taken->second.isGivenUp = true;
+        return true;
+    };
+    if (!SxWait::pass(TAKEN_MS, isSettled)) refuseTaking(left->note.params.image);
+    return left;
+}
+
+bool Service::isGivenUp(const SxString& image) const {
+    const SxMutexBlock block(&mutex);
+    return std::any_of(reserved.begin(), reserved.end(),
+                       [&](const auto& each) { return each.second.image == image && each.second.isGivenUp; });
+}
+
 /// Removes a disk of that table. Its removal waits for nothing of the image. Raises where it can't be done;
 /// it stays in the table then.
 void Service::removeLeft(uint64 deviceId) {
-    Found left;
-    {
-        const SxMutexBlock block(&mutex);
-        const auto found = lefts.find(deviceId);
-        if (found == lefts.end()) return; // another client was faster
-        left = found->second;
-        lefts.erase(found);
-        reserved.erase(deviceId);
-    }
+    std::optional<Found> given = giveUp(deviceId);
+    if (!given) return;
+    Found& left = *given;
     try {
         const SxMutexBlock block(&leftFile);
         Leftovers::remove(root, folder, deviceId);
