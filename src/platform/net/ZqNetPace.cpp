@@ -1,6 +1,7 @@
 #include "ZqNetPace.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace {
 constexpr int64 MS = 1'000'000;
@@ -10,6 +11,8 @@ constexpr int64 RATE_NS = 50 * MS;
 constexpr int64 RANGE_BYTES = 96 << 10;
 /// From a stream's begin, or the end of a hold, until its bytes count: those before have waited in buffers.
 constexpr int64 SETTLE_NS = 25 * MS;
+/// From one piece to the next; the slowest links that are of use bring one a second.
+constexpr int64 SILENCE_NS = 3'000 * MS;
 /// The best rate is that of one such span, which goes on, and of the one before.
 constexpr int64 BEST_RATE_NS = 15'000 * MS;
 /// The same of the shortest round trip. Longer, since under load every request has waited for what the
@@ -20,15 +23,19 @@ constexpr int64 BEST_TRIP_NS = 60'000 * MS;
 void ZqNetPace::measure(Span* span, int64 nowNs, int64 n) {
     if (span->sinceNs == 0) *span = {nowNs + SETTLE_NS, 0};
     if (nowNs < span->sinceNs) return;
-    if (span->nBytes == 0) span->sinceNs = nowNs;
-    span->nBytes += n;
     const int64 passed = nowNs - span->sinceNs;
+    // What ends the settling came in a time that isn't known, and a silence is no rate.
+    if (!std::exchange(span->isSettled, true) || passed > SILENCE_NS) {
+        *span = {nowNs, 0, false, true};
+        return;
+    }
+    span->nBytes += n;
     if (passed < RATE_NS) return;
     const double measured = static_cast<double>(span->nBytes) * 1e9 / static_cast<double>(passed);
     const double old = rate.load();
     rate.store(old > 0. ? 0.75 * old + 0.25 * measured : measured);
     noteBest(measured, nowNs);
-    *span = {nowNs, 0};
+    *span = {nowNs, 0, false, true};
 }
 
 void ZqNetPace::measureRange(Span* span, int64 nowNs, int64 n) {

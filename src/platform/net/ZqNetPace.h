@@ -13,7 +13,8 @@ public:
     struct Span {
         int64 sinceNs = 0; ///< from when on bytes count; 0 while they don't
         int64 nBytes = 0;
-        bool wasHeld = false; ///< what comes first has waited in buffers
+        bool wasHeld = false;   ///< what comes first has waited in buffers
+        bool isSettled = false; ///< of a stream: a piece has come after that, and its bytes don't count
     };
 
     /// `n` bytes of a stream came at `nowNs`, steady clock.

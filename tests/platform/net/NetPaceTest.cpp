@@ -33,3 +33,31 @@ TEST(NetPace, WhatWaitedInBuffersDuringAHoldIsNoFasterLink) {
         ASSERT_LT(pace.getTripBytes(), RATE * TRIP_S * 1.2) << i;
     }
 }
+
+TEST(NetPace, ASlowStreamHasTheRateThatItHas) {
+    struct Case {
+        double rate;     ///< bytes a second
+        int64 piece;     ///< bytes that come together
+        int64 silenceMs; ///< after most of a request
+    };
+    for (const Case& c : {Case{37'500, 1448, 0}, Case{37'500, 16 << 10, 0}, Case{62'500, 1448, 0},
+                          Case{125'000, 4096, 0}, Case{2'500'000, 16 << 10, 0}, Case{37'500, 1448, 20'000}}) {
+        SCOPED_TRACE(c.rate);
+        SCOPED_TRACE(c.piece);
+        ZqNetPace pace;
+        int64 nowNs = 1'000'000 * MS;
+        const auto arriveBy = [&](ZqNetPace::Span* span, int n) {
+            for (int i = 0; i < n; ++i) {
+                nowNs += static_cast<int64>(static_cast<double>(c.piece) / c.rate * 1e9);
+                pace.measure(span, nowNs, c.piece);
+            }
+        };
+        for (int request = 0; request < 3; ++request) {
+            ZqNetPace::Span span;
+            arriveBy(&span, 200);
+            nowNs += c.silenceMs * MS;
+            arriveBy(&span, 5);
+            EXPECT_NEAR(pace.getRate(), c.rate, c.rate / 100) << "request " << request;
+        }
+    }
+}
