@@ -54,6 +54,27 @@ TEST_F(StreamRun, NoFaultOfItsServerEndsAGame) {
     }
 }
 
+TEST_F(StreamRun, AStartThatNeedsNothingMoreComesWithoutItsServer) {
+    const uint64 nAll = fs::file_size(served + "/img.zqf") / 4096 * 4096, nPlayed = nAll - 40'960;
+    string app = dir.read("served/app.json");
+    app.insert(app.find('{') + 1,
+               "\"loadprofile\": [{\"time\": 9, \"size\": " + std::to_string(nPlayed) + "}],");
+    dir.write("served/app.json", app);
+    server->stop();
+    for (const uint64 nThere : {nPlayed - 4096, nPlayed}) {
+        SCOPED_TRACE(nThere);
+        fs::remove_all(got);
+        fs::copy(served, got);
+        fs::resize_file(got + "/img.zqf", nThere);
+        const auto player = start({});
+        ASSERT_TRUE(says(*player, ", offline for ")) << player->says();
+        player->signal(SIGINT);
+        EXPECT_EQ(player->end(), nThere == nPlayed ? 0 : 1) << player->says();
+        EXPECT_EQ(player->says().find("start of the application") != string::npos, nThere == nPlayed)
+            << player->says();
+    }
+}
+
 TEST_F(StreamRun, AServerThatNeverHasRangesIsToldBeforeThereIsADrive) {
     server->setFault(ZqFileServer::Whole);
     server->setRate(2'000'000);

@@ -10,6 +10,7 @@
 #include "ZqLog.h"
 #include "ZqOrderedDownload.h"
 #include "ZqStartEta.h"
+#include "ZqStartForecast.h"
 
 #include <algorithm>
 
@@ -193,7 +194,8 @@ std::optional<double> ZqImageDownload::estimateStart(double rate, bool isAtOnce)
 void ZqImageDownload::addTo(ZqFeedStatus* status) const {
     const uint64 limit = origin.getRateLimit() > 0 ? origin.getRateLimit() : ANY_RATE;
     status->nCurrent = progress->getNCurrent();
-    status->nNeeded = progress->getNInit(limit);
+    // A start doesn't wait for a server that is away where it needs nothing of it.
+    status->nNeeded = std::min(progress->getNInit(limit), ZqStartForecast::findAll(origin.getApp()));
     status->speed = progress->getAvgSpeed() * ZqBlocks::PER_MEGABIT;
     status->startEta = progress->getStartETA(limit);
     status->totalEta = progress->getTotalETA();

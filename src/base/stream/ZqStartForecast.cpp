@@ -20,13 +20,23 @@ uint64 missing(uint64 need, uint64 nThere) {
     return need - std::min(need, nThere);
 }
 
+/// `nPlayed` bytes are what the play needs.
+uint64 withLeast(const ZqAppParams& app, uint64 nPlayed) {
+    constexpr uint64 MAX = std::numeric_limits<uint64>::max();
+    const uint64 preload = app.minPreload > MAX / MEGABYTE ? MAX : app.minPreload * MEGABYTE;
+    return std::min(app.sizeZqf, std::max({app.sizeMnt, preload, nPlayed}));
+}
+
 } // namespace
 
 uint64 ZqStartForecast::findInit(const ZqAppParams& app, double speedMbit) {
     if (app.minBandwidth > 0 && static_cast<double>(app.minBandwidth) > speedMbit) return app.sizeZqf;
-    constexpr uint64 MAX = std::numeric_limits<uint64>::max();
-    const uint64 preload = app.minPreload > MAX / MEGABYTE ? MAX : app.minPreload * MEGABYTE;
-    return std::min(app.sizeZqf, std::max({app.sizeMnt, preload, app.getNInit(speedMbit)}));
+    return withLeast(app, app.getNInit(speedMbit));
+}
+
+uint64 ZqStartForecast::findAll(const ZqAppParams& app) {
+    if (app.minBandwidth > 0 || app.loadprofile.isEmpty()) return app.sizeZqf;
+    return withLeast(app, ZqLoadProfilePoint::getNInit(app.loadprofile, 0));
 }
 
 ZqStartForecast::ZqStartForecast(const ZqAppParams& app, double speedMbit, uint64 nThere)

@@ -56,6 +56,20 @@ TEST(StartEta, IsWhatASimulatedDownloadTakes) {
     EXPECT_EQ(atOnce.getSeconds(steadyApp()), 3) << "with the mount";
 }
 
+TEST(StartForecast, WhatTheProfileTellsOfIsEnoughWithoutAServer) {
+    ZqAppParams app = steadyApp();
+    app.loadprofile.removeLast();
+    EXPECT_EQ(ZqStartForecast::findAll(app), 99 * MB) << "the image has 100 MB";
+    app.minPreload = 100;
+    EXPECT_EQ(ZqStartForecast::findAll(app), 100 * MB);
+    app.minPreload = 0;
+    app.minBandwidth = 1;
+    EXPECT_EQ(ZqStartForecast::findAll(app), 100 * MB) << "without a server there is no speed";
+    app.minBandwidth = 0;
+    app.loadprofile.removeAll();
+    EXPECT_EQ(ZqStartForecast::findAll(app), 100 * MB) << "without a profile nobody knows";
+}
+
 TEST(ShownEta, RisesOnlyWithTheLink) {
     ZqShownEta shown;
     double left = 10e6; // bytes
