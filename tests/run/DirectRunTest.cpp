@@ -75,6 +75,24 @@ protected:
         return runWith({"unshare", "-m", "--propagation", "private"}, words);
     }
 
+    /// Mounts `image` in another mount namespace, which lives until a file "go" is there. A file "ready" has
+    /// the process in it. "seen" is what that reads from the drive at its end.
+    std::thread mountThere() const {
+        for (const char* name : {"ready", "go"})
+            fs::remove(dir.path(name));
+        std::thread there([this] {
+            SxProcess process("unshare",
+                              {"-m", "--propagation", "private", "bash", "-c",
+                               "\"$1\" mount \"$2\" --quiet && echo -n $$ > made && mv made ready && "
+                               "until [ -e go ]; do sleep 0.1; done; cat \"$3\" > seen",
+                               "bash", SxString(client), SxString(image), SxString(volumePath() + START)});
+            process.setWorkingDirectory(SxString(dir.path("")));
+            process.run();
+        });
+        EXPECT_TRUE(eventually([&] { return fs::exists(dir.path("ready")); }));
+        return there;
+    }
+
     static constexpr const char* START = "/TAVRIN-protected/app/start.cfg";
     string image;
 };
@@ -255,17 +273,7 @@ TEST_F(DirectRun, AServiceWaitsForWhoHasTheImageOfADriveThatItTakesOver) {
 }
 
 TEST_F(DirectRun, ADriveOfAnotherMountNamespaceIsLeftAlone) {
-    // It lives as long as this process, which the service's namespace does, too.
-    const string ready = dir.path("ready"), go = dir.path("go");
-    std::thread there([&] {
-        SxProcess("unshare",
-                  {"-m", "--propagation", "private", "bash", "-c",
-                   SxString("\"$1\" mount \"$2\" --quiet && touch '" + ready + "' && until [ -e '" + go +
-                            "' ]; do sleep 0.1; done; cat \"$3\" > '" + dir.path("seen") + "'"),
-                   "bash", SxString(client), SxString(image), SxString(volumePath() + START)})
-            .run();
-    });
-    ASSERT_TRUE(eventually([&] { return fs::exists(ready); }));
+    std::thread there = mountThere();
     killService(image);
     EXPECT_THAT(done({"status"}), HasSubstr("Nothing is mounted"));
     const string other = build("other", "erofs");
@@ -281,6 +289,47 @@ TEST_F(DirectRun, ADriveOfAnotherMountNamespaceIsLeftAlone) {
     // Its last process has ended, and so has the drive.
     done({"umount", image});
     EXPECT_TRUE(isDirect(image));
+}
+
+TEST_F(DirectRun, WhatIsLeftOfAnEndedMountNamespaceCanBeRemoved) {
+    const string zqf = image + "/img.zqf", moved = dir.path("moved");
+    const fs::path folder = fs::path(volumePath()).parent_path(), names = folder / ZqServiceFolder::KERNEL;
+    const auto damage = [&] {
+        for (const auto& entry : fs::directory_iterator(folder)) {
+            const string name = entry.path().filename();
+            if (name.starts_with(ZqServiceFolder::DIRECT)) std::ofstream(entry.path()) << "note";
+        }
+    };
+    const std::tuple<const char*, std::function<void()>, std::function<void()>> cases[] = {
+        {"without its file", [&] { fs::rename(zqf, moved); }, [&] { fs::rename(moved, zqf); }},
+        {"with another file",
+         [&] {
+             fs::copy_file(zqf, moved);
+             fs::rename(moved, zqf);
+         },
+         [] {}},
+        {"with a damaged note", damage, [] {}},
+    };
+    for (const auto& [name, spoil, mend] : cases) {
+        SCOPED_TRACE(name);
+        std::thread there = mountThere();
+        killService(image);
+        spoil();
+        EXPECT_THAT(run({"umount", image, "--hard"}).err, HasSubstr("The kernel still has it (erofs-"));
+        dir.write("go", "");
+        there.join();
+        const string kept = TempDir::readFile(names);
+        for (const char* other : {"", "note"}) {
+            std::ofstream(names) << other;
+            EXPECT_THAT(run({"umount", image, "--hard"}).err,
+                        HasSubstr("Whether the kernel still has it can't be told: "));
+        }
+        std::ofstream(names) << kept;
+        done({"umount", image, "--hard"});
+        EXPECT_THAT(leftovers(), testing::IsEmpty());
+        mend();
+        EXPECT_TRUE(isDirect(image));
+    }
 }
 
 TEST_F(DirectRun, AServiceThatIsKilledInAnyStepOfTheUnmountLeavesNoHalfDrive) {

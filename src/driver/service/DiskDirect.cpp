@@ -61,6 +61,7 @@ void Disk::mountDirect() {
         throw SxException("The kernel takes no image from that disk: " + SxString(unable->second), UNIT,
                           __LINE__);
     }
+    folder.noteKernel(SxString(facts["names"]));
     readAhead.begin(SxString(facts["readahead"]), true);
     const SxMutexBlock block(&sight);
     note.readAhead = SxString(facts["readahead"]);

@@ -8,8 +8,12 @@
 #include "SxTime.h"
 #include "ZqServiceFolder.h"
 
+#include <algorithm>
+
 namespace {
 constexpr const char* UNIT = "src/driver/DiskFolder";
+/// In it the kernel names what it serves, and how it begins those names.
+constexpr const char *SERVED = "/sys/class/bdi", *KIND = "erofs-";
 } // namespace
 
 SxString DiskFolder::getFront() const {
@@ -46,6 +50,29 @@ void DiskFolder::noteWritten(bool isWritten) const {
     } else {
         SxOs::get().unlink(file.str());
     }
+}
+
+void DiskFolder::noteKernel(const SxString& names) const {
+    SxFileIO::writeAtomic(path + "/" + ZqServiceFolder::KERNEL, names, 0600);
+}
+
+SxString DiskFolder::whyServed() const {
+    const SxString file = path + "/" + ZqServiceFolder::KERNEL,
+                   untold = "Whether the kernel still has it can't be told: ";
+    const SxList<SxString> names =
+        SxFSAction::test_f(file) ? SxFileIO::readUtf8(file).tokenize(' ') : SxList<SxString>();
+    if (names.isEmpty()) return untold + "'" + file + "' doesn't say what the kernel calls it";
+    std::vector<std::string> served;
+    const int error = SxOs::get().list(SERVED, &served);
+    if (error < 0) return untold + "'" + SERVED + "' can't be read: " + SxOs::errorText(error);
+    for (const SxString& name : names) {
+        if (!name.startsWith(KIND)) return untold + "'" + file + "' is damaged";
+        if (std::find(served.begin(), served.end(), name.str()) == served.end()) continue;
+        return SxString(names.getSize() == 1 ? "The kernel still has it ("
+                                             : "The kernel may still have it (") +
+               name + "): a program may use it there, or have a file of it open";
+    }
+    return {};
 }
 
 DiskFolder::Mounting::Mounting(const DiskFolder& folder)

@@ -40,6 +40,11 @@ public:
     void makeMountPoints() const;
     /// Whether what programs wrote may not be on the disk yet.
     void noteWritten(bool isWritten) const;
+    /// What the kernel calls a volume that it serves (ZqServiceFolder::KERNEL).
+    void noteKernel(const SxString& names) const;
+    /// Why the kernel may still have that volume, in whatever mount namespace, as a sentence; empty where it
+    /// has ended for certain: no other one gets its name. Looks at no image.
+    SxString whyServed() const;
     /// Removes the files in it and the folders that the disk has made, one by one: where a volume could not
     /// be unmounted, nothing of it must be touched.
     void remove() const;

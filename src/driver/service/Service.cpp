@@ -80,7 +80,13 @@ std::vector<Service::DiskPtr> Service::all() const {
 
 bool Service::hasDisks() const {
     const SxMutexBlock block(&mutex);
-    return !disks.empty() || !reserved.empty();
+    return isInUse();
+}
+
+bool Service::isInUse() const {
+    // Its end waits for the takers, and it can serve nothing while it does.
+    return !disks.empty() || !reserved.empty() ||
+           std::any_of(takers.begin(), takers.end(), [](const auto& taker) { return taker->isRunning(); });
 }
 
 void Service::refuseOwn(const SxString& path) const {
@@ -184,9 +190,12 @@ void Service::requireNoEnd() const {
     if (ending) refuse("The drive service (process " + SxString(SxOs::processId()) + ") ends");
 }
 
+DiskFolder Service::folderOf(uint64 deviceId) const {
+    return DiskFolder(folder + ZqServiceFolder::MOUNTS + "/" + deviceId);
+}
+
 Disk::Place Service::placeOf(uint64 deviceId, const SxString& image) {
-    return {root,           folder + ZqServiceFolder::MOUNTS + "/" + deviceId,
-            deviceId,       cacheSize.load(),
+    return {root,           folderOf(deviceId).getPath(),      deviceId, cacheSize.load(),
             &directVolumes, [this, image] { noteLost(image); }};
 }
 
@@ -320,7 +329,7 @@ void Service::end() noexcept {
 
 bool Service::retire() {
     const SxMutexBlock block(&mutex);
-    retiring = disks.empty() && reserved.empty();
+    retiring = !isInUse();
     return retiring;
 }
 

@@ -76,7 +76,8 @@ private:
     bool isGivenUp(const SxString& image) const;
     [[noreturn]] static void refuseTaking(const SxString& image);
     void removeLeft(uint64 deviceId);
-    bool removeUnread(uint64 deviceId, const DirectNote& note);
+    bool removeEnded(uint64 deviceId);
+    DiskFolder folderOf(uint64 deviceId) const;
     void removeAllLeft(const SxString& image);
     Leftovers::Disks leftOf(const SxString& image) const;
     ZqDiskStatus stateOfLeft(uint64 deviceId, const Leftovers::Found& found) const;
@@ -96,6 +97,7 @@ private:
     };
     std::vector<Loss> ejectAll();
     void requireNoEnd() const SX_REQUIRES(mutex);
+    bool isInUse() const SX_REQUIRES(mutex);
     void storeDisks() const;
     void loadDisks();
     void reset();

@@ -3,7 +3,6 @@
 #include "SxException.h"
 #include "SxOs.h"
 #include "SxTime.h"
-#include "ZqImageFiles.h"
 #include "ZqServiceFolder.h"
 
 #include <algorithm>
@@ -19,22 +18,14 @@ constexpr const char* UNIT = "src/driver/ServiceLeft";
 constexpr int64 TAKE_OVER_MS = 5000;
 /// The same of a client that asks how a disk is. A `status` waits for 3 s.
 constexpr int64 STATE_MS = 1500;
+/// How long the kernel may take to end what the last process of a mount namespace had there.
+constexpr int64 ENDED_MS = 1000;
 
 SxString elsewhereText() {
     return "it is mounted in another mount namespace than that of the drive service (process " +
            SxString(SxOs::processId()) +
            "); only a service there can take it over or away, once this one has ended, half a minute after "
            "its last drive";
-}
-
-/// Whether it is known that nobody reads the image, and so no drive of it is left. What stands under its path
-/// may be another file here than in the drive's mount namespace.
-bool isUnread(const DirectNote& note) {
-    const std::string zqf = note.params.image.str() + "/" + ZqImageFiles::ZQF;
-    SxStat info;
-    if (SxOs::get().stat(zqf, &info) != 0) return false;
-    const bool isSame = info.device == note.zqf.device && info.inode == note.zqf.inode;
-    return isSame && SxOs::get().isOpen(zqf) == 0;
 }
 
 } // namespace
@@ -59,7 +50,7 @@ void Service::takeOver(const Leftovers::Disks& found) {
             if (isSound) {
                 takeOne(id, note);
             } else {
-                removeUnread(id, note);
+                removeEnded(id);
             }
         }));
     }
@@ -197,11 +188,11 @@ void Service::removeLeft(uint64 deviceId) {
     }
 }
 
-/// Removes what is left of a drive of another mount namespace that is known to have gone; false where it may
+/// Removes what is left of a drive of another mount namespace that has ended for certain; false where it may
 /// be there.
-bool Service::removeUnread(uint64 deviceId, const DirectNote& note) {
-    if (!isUnread(note)) return false;
+bool Service::removeEnded(uint64 deviceId) {
     try {
+        if (!folderOf(deviceId).whyServed().isEmpty()) return false;
         removeLeft(deviceId);
     } catch (const SxException& e) {
         driverLog(e.toString(SxException::ShowMessage, ": "));
@@ -212,12 +203,16 @@ bool Service::removeUnread(uint64 deviceId, const DirectNote& note) {
 /// Removes whatever of the image isn't taken over. Raises where that can't be done.
 void Service::removeAllLeft(const SxString& image) {
     for (const auto& [id, left] : leftOf(image)) {
-        if (left.kind != Found::Elsewhere) {
-            removeLeft(id);
-        } else if (!removeUnread(id, left.note)) {
-            throw SxException("The drive of image '" + image + "' can't be taken away: " + left.why, UNIT,
-                              __LINE__);
-        }
+        SxString kept;
+        const auto hasEnded = [&] {
+            kept = folderOf(id).whyServed();
+            return kept.isEmpty();
+        };
+        if (left.kind == Found::Elsewhere && !SxWait::pass(ENDED_MS, hasEnded))
+            throw SxException("The drive of image '" + image + "' can't be taken away: " + left.why + ". " +
+                                  kept,
+                              UNIT, __LINE__);
+        removeLeft(id);
     }
 }
 
@@ -245,7 +240,7 @@ ZqDiskStatus Service::stateOfLeft(uint64 deviceId, const Found& found) const {
 std::optional<ZqDiskStatus> Service::stateOf(const SxString& image) {
     awaitTaken(image, STATE_MS);
     for (const auto& [id, left] : leftOf(image)) {
-        const bool isGone = left.kind == Found::Elsewhere && removeUnread(id, left.note);
+        const bool isGone = left.kind == Found::Elsewhere && removeEnded(id);
         if (!isGone) return stateOfLeft(id, left);
     }
     const DiskPtr disk = find(image);

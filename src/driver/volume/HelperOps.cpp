@@ -59,13 +59,17 @@ std::set<std::string> namesIn(const std::string& folder) {
 
 /// Sets the read-ahead of the devices that have come since `before` was taken. EROFS numbers its settings
 /// itself and doesn't tell which one belongs to which mount, so those count that came with this mount. Where
-/// two mounts were made at the same moment the settings of both get the value.
-void setReadAhead(const std::set<std::string>& before, const std::string& kb) {
+/// two mounts were made at the same moment the settings of both get the value. Gives the names of those
+/// devices, with blanks between.
+std::string setReadAhead(const std::set<std::string>& before, const std::string& kb) {
+    std::string names;
     for (const std::string& name : namesIn(BDI)) {
         if (before.count(name) != 0) continue;
         std::ofstream(BDI + name + "/read_ahead_kb") << kb;
         HelperOps::tell("readahead", BDI + name + "/read_ahead_kb");
+        names += (names.empty() ? "" : " ") + name;
     }
+    return names;
 }
 
 /// Writes a setting of the kernel; raises where it doesn't take it.
@@ -160,7 +164,7 @@ void attachDirect(const SxList<SxString>& words) {
         return;
     }
     if (error != 0) fail("The kernel doesn't take the image", error);
-    setReadAhead(before, kb);
+    HelperOps::tell("names", setReadAhead(before, kb));
 }
 
 void attach(const SxList<SxString>& words) {

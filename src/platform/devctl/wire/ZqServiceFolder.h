@@ -36,6 +36,9 @@ public:
     /// Begins the name of a note on a volume that the kernel serves without the service: what the next
     /// service takes it over by.
     static constexpr const char* DIRECT = "direct.";
+    /// What the kernel calls the file system of such a volume, for as long as it has that; names that came at
+    /// the same moment stand there, too, with blanks between.
+    static constexpr const char* KERNEL = "kernel";
 
     static constexpr const char* VENDOR = "VOLM";
     static constexpr const char* PRODUCT = "ZqDD";
