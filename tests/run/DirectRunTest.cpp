@@ -537,17 +537,28 @@ TEST_F(HeldTakeOver, AServiceDoesntEndBeforeWhatIsGivenUp) {
 
 TEST_F(DirectRun, AMountThatIsStoppedInAnyStepLeavesNothing) {
     int nStopped = 0;
+    const string other = build("other", "erofs");
+    mount(other); // the service stays, with all that it has open
+    const fs::path open = "/proc/" + std::to_string(statusOf(other).servicePid) + "/fd";
+    const auto hasFileOf = [&](const string& folder) {
+        return std::any_of(fs::directory_iterator(open), fs::directory_iterator(), [&](const auto& fd) {
+            std::error_code gone;
+            return fs::read_symlink(fd.path(), gone).string().starts_with(folder + "/");
+        });
+    };
     for (int ms = 10; ms < 400; ms += 15) {
         SCOPED_TRACE(ms);
         const string script =
             "\"$@\" & sleep " + std::to_string(ms / 1000.0) + "; kill -TERM $! 2>/dev/null; wait $!";
         const Outcome outcome = runBare({"bash", "-c", script, "bash", client, "mount", image});
         const bool isMounted = !statusOf(image).image.isEmpty();
+        EXPECT_TRUE(isMounted || eventually([&] { return !hasFileOf(image); })) << "it keeps metadata open";
         EXPECT_EQ(isMounted, outcome.code == 0) << outcome.out << outcome.err;
         if (outcome.err == "tavrin: stopped\n") ++nStopped;
         if (isMounted) done({"umount", image});
     }
     EXPECT_GT(nStopped, 0);
+    done({"umount", other});
 }
 
 TEST_F(DirectRun, AServiceThatIsKilledInAnyStepOfTheMountLeavesNothing) {

@@ -2,13 +2,16 @@
 
 #include "ErofsMetadata.h"
 #include "StoredReader.h"
+#include "SxClock.h"
 #include "SxException.h"
+#include "SxLooseJob.h"
 #include "SxOs.h"
 #include "ZqBlocks.h"
 #include "ZqImageFiles.h"
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -19,6 +22,8 @@ namespace {
 constexpr const char* UNIT = "src/driver/DirectVolume";
 
 constexpr uint32 OTHERS_WRITE = 022; // mode bits
+/// How long metadata wait for the second mount, from when they were used last.
+constexpr int64 KEPT_NS = 60'000'000'000;
 
 [[noreturn]] void fail(const SxString& what, int error) {
     throw SxException(what + ": " + SxOs::errorText(error), UNIT, __LINE__);
@@ -135,20 +140,20 @@ const char* DirectVolume::readAhead(bool isCached) {
     return isCached ? "512" : "1024";
 }
 
-DirectVolumes::Ptr DirectVolumes::get(const VirtualDisk& disk, const SxString& image,
+DirectVolumes::Ptr DirectVolumes::get(const VirtualDisk& disk, const SxString& image, int64 mounterPid,
                                       const std::function<void()>& look) {
     Ptr volume;
     {
         const SxMutexBlock block(&mutex);
         const auto found = volumes.find(image);
-        if (found != volumes.end()) volume = found->second;
+        if (found != volumes.end()) volume = found->second.volume;
     }
     std::string state = DirectVolume::stateOf(disk, image);
-    if (volume && volume->getState() == state) return volume;
-    volume = std::make_shared<DirectVolume>(disk, image, std::move(state), look);
-    Ptr former = volume;
+    if (!volume || volume->getState() != state)
+        volume = std::make_shared<DirectVolume>(disk, image, std::move(state), look);
+    Kept kept{volume, mounterPid, SxClock::get().steadyNs()};
     const SxMutexBlock block(&mutex);
-    std::swap(volumes[image], former);
+    std::swap(volumes[image], kept);
     return volume;
 }
 
@@ -157,8 +162,28 @@ void DirectVolumes::drop(const SxString& image) {
     const SxMutexBlock block(&mutex);
     const auto found = volumes.find(image);
     if (found == volumes.end()) return;
-    former = std::move(found->second);
+    former = std::move(found->second.volume);
     volumes.erase(found);
+}
+
+bool DirectVolumes::Kept::hasEnded(int64 nowNs) const {
+    const bool isGone = mounterPid > 0 && ::kill(static_cast<pid_t>(mounterPid), 0) != 0 && errno == ESRCH;
+    return isGone || nowNs - sinceNs >= KEPT_NS;
+}
+
+void DirectVolumes::dropEnded() {
+    std::vector<Ptr> former;
+    const int64 nowNs = SxClock::get().steadyNs();
+    {
+        const SxMutexBlock block(&mutex);
+        std::erase_if(volumes, [&](auto& each) {
+            if (!each.second.hasEnded(nowNs)) return false;
+            former.push_back(std::move(each.second.volume));
+            return true;
+        });
+    }
+    // The end of the file may wait for a disk that is stuck.
+    if (!former.empty()) const SxLooseJob job("drop", [files = std::move(former)] {});
 }
 
 DirectVolumes::Place DirectVolumes::placeOf(const VirtualDisk& disk, const SxString& image) {

@@ -54,15 +54,22 @@ private:
 
 /// The metadata of the images that are being mounted, which each is twice, and the disks from which the
 /// kernel takes none. Safe from any thread, and no file is closed with its lock held.
+///
+/// A file that is kept open keeps its file system in use, and its room on the disk. So it goes with the end
+/// of the mount, however that comes: see drop() and dropEnded().
 class DirectVolumes {
 public:
     using Ptr = std::shared_ptr<const DirectVolume>;
 
     /// Those of the image, made where there are none or the image has changed; as the constructor of
-    /// DirectVolume.
-    Ptr get(const VirtualDisk& disk, const SxString& image, const std::function<void()>& look);
+    /// DirectVolume. `mounterPid`: who mounts it; 0 for unknown.
+    Ptr get(const VirtualDisk& disk, const SxString& image, int64 mounterPid,
+            const std::function<void()>& look);
     /// No further mount of the image follows.
     void drop(const SxString& image);
+    /// Drops those whose mounter has ended, or should long have come to the second mount, which makes them
+    /// anew else.
+    void dropEnded();
 
     /// The kernel took no image from where that one lies; it isn't asked again, since all metadata would be
     /// made in vain. These raise where the folder can't be looked at.
@@ -70,8 +77,13 @@ public:
     bool isUnable(const VirtualDisk& disk, const SxString& image) const;
 
 private:
+    struct Kept {
+        Ptr volume;
+        int64 mounterPid = 0, sinceNs = 0;
+        bool hasEnded(int64 nowNs) const;
+    };
     mutable SxMutex mutex;
-    std::map<SxString, Ptr> volumes SX_GUARDED_BY(mutex); ///< by image
+    std::map<SxString, Kept> volumes SX_GUARDED_BY(mutex); ///< by image
     /// The devices of a folder, where metadata would lie, and of the file `img.zqf`: it may be either that
     /// the kernel refuses, and only a file that is mounted by itself lies elsewhere than its folder.
     using Place = std::pair<uint64, uint64>;

@@ -45,9 +45,10 @@ bool Disk::attachDirect(const SxString& type) {
 }
 
 void Disk::mountDirect() {
-    const std::shared_ptr<const DirectVolume> volume = directVolumes->get(disk, params.image, [this] {
-        if (ending) throw SxException("The disk was ejected", UNIT, __LINE__);
-    });
+    const std::shared_ptr<const DirectVolume> volume =
+        directVolumes->get(disk, params.image, mounterPid, [this] {
+            if (ending) throw SxException("The disk was ejected", UNIT, __LINE__);
+        });
     kernelNote.make();
     const DiskFolder::Mounting mounting(folder);
     const bool isCached = DirectVolume::isCached(disk);

@@ -390,6 +390,7 @@ void Service::reset() {
 }
 
 void Service::tick() {
+    directVolumes.dropEnded();
     for (const DiskPtr& disk : all()) {
         if (!disk->wasTakenAway()) continue;
         const SxMutexBlock block(&mutex);
