@@ -130,6 +130,7 @@ void ZqRun::fillResult() {
     if (const int64 ns = feed->getLastWaitNs(); ns > 0) result.lastWaitMs = (ns - beginNs) / 1'000'000;
     result.link = status.link;
     result.image = status.image;
+    result.nMissing = feed->countMissing();
 }
 
 void ZqRun::takeFormerRecord() {
