@@ -125,7 +125,7 @@ struct Figure {
 const Figure FIGURES[] = {{"Time to start", &ZqFleetGroup::start, duration},
                           {"Time to the first frame", &ZqFleetGroup::frame, duration},
                           {"Underflows", &ZqFleetGroup::underflows, number},
-                          {"Speed of the download", &ZqFleetGroup::speed, speed},
+                          {"Growth of the image", &ZqFleetGroup::speed, speed},
                           {"There at the start", &ZqFleetGroup::prefix, readableBytes}};
 
 void tellSpread(const ZqFleetFigures& figures, const Figure& figure, Output* out) {

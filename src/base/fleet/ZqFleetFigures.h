@@ -10,7 +10,7 @@ enum class ZqFleetBy {
     BuildAndOrder,
     Build,
     Order,
-    Link,  ///< by classes of the mean speed of their download
+    Link,  ///< by classes of how fast the image grew
     System ///< by the text of the operating system
 };
 
@@ -30,7 +30,7 @@ struct ZqFleetGroup {
     ZqFleetSpread start;      ///< ms from the begin of a run to the application's start
     ZqFleetSpread frame;      ///< ms to its first frame
     ZqFleetSpread underflows; ///< their number
-    ZqFleetSpread speed;      ///< mean speed of the download, megabits per second
+    ZqFleetSpread speed;      ///< of the growth of `img.zqf`, unpacked: mean, megabits per second
     ZqFleetSpread prefix;     ///< bytes that were there at the start
 
     int64 nJudged = 0; ///< runs whose order was judged; the following are bytes of all of them together

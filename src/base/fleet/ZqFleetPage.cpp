@@ -57,7 +57,7 @@ SxString ZqFleetPage::toHtml() const {
                                       &ZqFleetCourse::frame) +
                                 spreadTable("Time to the first frame", &ZqFleetGroup::frame, duration) +
                                 spreadTable("Underflows of a run", &ZqFleetGroup::underflows, number) +
-                                spreadTable("Speed of the download, Mbit/s", &ZqFleetGroup::speed, decimal) +
+                                spreadTable("Growth of the image, Mbit/s", &ZqFleetGroup::speed, decimal) +
                                 spreadTable("There at the start", &ZqFleetGroup::prefix, ZqReadable::bytes) +
                                 accuracyTable() + exitTable());
 }
