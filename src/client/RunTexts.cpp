@@ -101,8 +101,10 @@ void tellFigures(const ZqRun::Result& result, Output* out) {
         out->text("  first window seen         " + ZqReadable::seconds(result.firstWindowMs));
     if (result.firstFrameMs >= 0)
         out->text("  first frame               " + ZqReadable::seconds(result.firstFrameMs));
-    out->text("  there at the start        " + readableBytes(static_cast<double>(info.preloadSize)) + " of " +
-              readableBytes(static_cast<double>(info.imageSize)));
+    if (result.startMs >= 0) {
+        out->text("  there at the start        " + readableBytes(static_cast<double>(info.preloadSize)) +
+                  " of " + readableBytes(static_cast<double>(info.imageSize)));
+    }
     out->text("  received                  " + readableBytes(static_cast<double>(result.link.nBytes)) +
               (result.image.isPacked ? " (packed)" : "") + ", on demand " +
               readableBytes(static_cast<double>(result.link.nOnDemandBytes)) + ", twice " +

@@ -91,7 +91,8 @@ void tellRun(const ZqRunRecord& run, Output* out) {
         out);
     if (run.firstWindowMs >= 0) row("first window seen", ZqReadable::seconds(run.firstWindowMs), out);
     if (run.firstFrameMs >= 0) row("first frame", ZqReadable::seconds(run.firstFrameMs), out);
-    row("there at the start", bytes(info.preloadSize) + " of " + bytes(info.imageSize), out);
+    if (run.startMs >= 0)
+        row("there at the start", bytes(info.preloadSize) + " of " + bytes(info.imageSize), out);
     row("received",
         bytes(run.link.nBytes) + (run.image.isPacked ? " (packed)" : "") + ", on demand " +
             bytes(run.link.nOnDemandBytes),

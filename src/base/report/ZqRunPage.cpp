@@ -75,7 +75,8 @@ SxString ZqRunPage::tiles() const {
     time("First frame", result.firstFrameMs);
     time("First window", result.firstWindowMs);
     time("Start", result.startMs);
-    html += ZqPage::tile("There at the start", bytes(info.preloadSize), "of " + bytes(info.imageSize));
+    if (result.startMs >= 0)
+        html += ZqPage::tile("There at the start", bytes(info.preloadSize), "of " + bytes(info.imageSize));
     html +=
         ZqPage::tile("Received", bytes(result.link.nBytes),
                      (result.image.isPacked ? "packed, " : "") + bytes(result.image.nTwice) + " of it twice");
