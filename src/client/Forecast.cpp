@@ -1,6 +1,11 @@
 #include "Forecast.h"
 #include "Output.h"
 
+#include <tavrin/SxFileInfo.h>
+#include <tavrin/ZqImageFiles.h>
+#include <tavrin/ZqImageFolder.h>
+
+#include <algorithm>
 #include <cmath>
 
 namespace {
@@ -15,6 +20,12 @@ SxString whenText(double seconds) {
 }
 
 } // namespace
+
+double packingGain(const SxString& image, uint64 sizeZqf) {
+    const SxFileInfo packed(ZqImageFolder::prefix(image) + ZqImageFiles::PACKED);
+    const int64 size = packed.isFile() ? packed.getSize() : 0;
+    return size > 0 ? std::max(static_cast<double>(sizeZqf) / static_cast<double>(size), 1.0) : 1;
+}
 
 SxString safeStartText(const ZqStartForecast& forecast) {
     SxString text = "safe to start " + whenText(forecast.untilSafe);

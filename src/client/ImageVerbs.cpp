@@ -224,7 +224,8 @@ int showInfo(const InfoOptions& options, Output& out) {
     // Of packed content nobody makes an order.
     if (!volume.isEmpty() && info.app.loadprofile.isEmpty()) tellWithoutOrder(image, info.app, &out);
     if (speed <= 0) return ExitSuccess;
-    out.text(SxString::sprintf("At %.12g Mbit/s", speed));
+    const bool isPacked = packingGain(image, info.sizeComplete) > 1;
+    out.text(SxString::sprintf("At %.12g Mbit/s", speed) + (isPacked ? " of the unpacked image" : ""));
     const auto tell = [&](const char* name, const ZqStartForecast& what) {
         out.text(SxString::sprintf("  %-12s ", name) + safeStartText(what));
         out.text(SxString::sprintf("  %-12s ", "") + earlyStartText(what));

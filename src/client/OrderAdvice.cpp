@@ -6,9 +6,10 @@ constexpr double USUAL_MBIT = 20;
 } // namespace
 
 void tellWithoutOrder(const SxString& image, const ZqAppParams& app, Output* out) {
-    const ZqStartForecast forecast(app, USUAL_MBIT, 0);
-    out->text(SxString::sprintf("No trace has given an order. At %.0f Mbit/s players are ", USUAL_MBIT) +
-              safeStartText(forecast) + ".");
+    const double gain = packingGain(image, app.sizeZqf);
+    const ZqStartForecast forecast(app, USUAL_MBIT * gain, 0);
+    out->text(SxString::sprintf("No trace has given an order. At %.0f Mbit/s", USUAL_MBIT) +
+              (gain > 1 ? " and packed," : "") + " players are " + safeStartText(forecast) + ".");
     out->text("  If " + earlyStartText(forecast) + ".");
     out->text("To change that, record what a start reads, make an order of it, and bring the image to that:");
     const bool isPlayed = !app.cmd.isEmpty();

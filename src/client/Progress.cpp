@@ -58,14 +58,14 @@ void Progress::update(uint64 nCurrent, uint64 nTotal) {
         seconds = rate > 0 && nTotal > nCurrent ? static_cast<double>(nTotal - nCurrent) / rate : 0;
     }
     if (style == Drawn) {
-        const SxString line = formatLine(label, nCurrent, nTotal, rate, seconds, terminalWidth() - 1);
+        const SxString line = formatLine(label, nCurrent, nTotal, speedText(), seconds, terminalWidth() - 1);
         std::fputs(("\r" + line + "\x1b[K").ascii(), stderr);
         std::fflush(stderr);
         drawn = true;
     } else if (style == Plain && nowNs - lastLineNs >= PLAIN_INTERVAL_NS) {
         // A file or a pipe has no width, and what is cut there is lost.
         const int64 width = std::max(PLAIN_WIDTH, label.makeVisible().getSize() + NUMBERS_WIDTH);
-        std::fputs((formatLine(label, nCurrent, nTotal, rate, seconds, width) + "\n").ascii(), stderr);
+        std::fputs((formatLine(label, nCurrent, nTotal, speedText(), seconds, width) + "\n").ascii(), stderr);
         lastLineNs = nowNs;
     }
 }
@@ -88,8 +88,14 @@ void Progress::measureRate(uint64 nCurrent, int64 nowNs) {
     lastNs = nowNs;
 }
 
-void Progress::setPace(double rate_, double seconds_) {
+SxString Progress::speedText() const {
+    if (!(rate > 0)) return {};
+    return SxString::sprintf("%10s/s", readableBytes(rate).ascii()) + (isPacked ? " packed" : "");
+}
+
+void Progress::setPace(double rate_, double seconds_, bool packed) {
     isPaced = true;
+    isPacked = packed;
     measured = false;
     rate = rate_;
     seconds = seconds_;
@@ -102,18 +108,17 @@ void Progress::finish() {
     drawn = false;
 }
 
-SxString Progress::formatLine(const SxString& label, uint64 nCurrent, uint64 nTotal, double rate,
+SxString Progress::formatLine(const SxString& label, uint64 nCurrent, uint64 nTotal, const SxString& rate,
                               double seconds, int64 width) {
     const double done = static_cast<double>(nCurrent), total = static_cast<double>(nTotal);
     const double fraction = nTotal > 0 ? std::min(done / total, 1.0) : 0;
     // Of even width, so that the bar stands still.
-    SxString percent, amount, speed, rest;
+    SxString percent, amount, speed = rate, rest;
     if (nCurrent > 0 || nTotal > 0) amount = SxString::sprintf("%10s", readableBytes(done).ascii());
     if (nTotal > 0) {
         percent = SxString::sprintf("%3d %%", int(fraction * 100));
         amount += " of " + readableBytes(total);
     }
-    if (rate > 0) speed = SxString::sprintf("%10s/s", readableBytes(rate).ascii());
     if (seconds > 0) rest = SxString::sprintf("%5s left", formatEta(seconds).ascii());
 
     SxString line = shortenTo(label.makeVisible(), width);

@@ -44,8 +44,8 @@ std::optional<double> untilStart(const ZqRun& job, const ZqFeedStatus& status, Z
     return estimate->look(now, status.linkRate, [&](double rate) { return job.estimateStart(rate); });
 }
 
-/// The link's own rate, and what it still has to bring: what was fetched on demand is there, though the
-/// ordered download hasn't come to it.
+/// How much of the image is there, with the link's own rate, which may be of packed bytes: what was fetched
+/// on demand is there, though the ordered download hasn't come to it.
 void showProgress(const ZqRun& job, const ZqFeedStatus& status, Progress* progress) {
     if (status.isChecking) {
         progress->measure();
@@ -53,7 +53,8 @@ void showProgress(const ZqRun& job, const ZqFeedStatus& status, Progress* progre
         return;
     }
     const bool isComing = status.nCurrent < status.nTotal && status.waiting.isEmpty();
-    progress->setPace(isComing ? status.linkRate : 0, isComing ? job.estimateRest(status.linkRate) : 0);
+    progress->setPace(isComing ? status.linkRate : 0, isComing ? job.estimateRest(status.linkRate) : 0,
+                      status.image.isPacked);
     progress->update(std::min(status.nCurrent + status.image.nStored, status.nTotal), status.nTotal);
 }
 
