@@ -8,6 +8,7 @@
 #include "ZqTaskMon.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <set>
 
 namespace {
@@ -63,15 +64,19 @@ struct LeavingLink {
     SxString path, target;
 };
 
-/// All at once, so that nobody has to build again and again to find the next one.
-void refuse(const std::vector<LeavingLink>& links, const SxString& source) {
+/// All at once, so that nobody has to build again and again to find the next one. `isFollowed`: they would be
+/// followed, if there was anything.
+void refuse(const std::vector<LeavingLink>& links, const SxString& source, bool isFollowed) {
     if (links.empty()) return;
-    const SxString advice =
-        "; on the drive there is nothing for it to lead to (--follow-links copies what it leads to)";
     if (links.size() == 1) {
-        throw SxException("The symbolic link '" + links[0].path + "' leads out of the folder, to '" +
-                              links[0].target + "'" + advice,
-                          UNIT, __LINE__);
+        const SxString link = "The symbolic link '" + links[0].path + "' ";
+        const SxString target = "to '" + links[0].target + "'";
+        throw SxException(
+            isFollowed ? link + target + " can't be followed: there is nothing"
+                       : link + "leads out of the folder, " + target +
+                             "; on the drive there is nothing for it to lead to (--follow-links copies what "
+                             "it leads to)",
+            UNIT, __LINE__);
     }
     // A line each.
     const size_t nNamed = std::min(links.size(), MAX_NAMED);
@@ -85,10 +90,12 @@ void refuse(const std::vector<LeavingLink>& links, const SxString& source) {
     for (size_t i = nNamed - 1; i-- > 0;)
         lines = SxException(lines, lineOf(links[i]), UNIT, __LINE__);
     throw SxException(lines,
-                      SxString(static_cast<uint64>(links.size())) +
-                          " symbolic links lead out of the folder '" + source +
-                          "'; on the drive there is nothing for them to lead to (--follow-links copies what "
-                          "they lead to)",
+                      SxString(static_cast<uint64>(links.size())) + " symbolic links " +
+                          (isFollowed ? "in the folder '" + source +
+                                            "' can't be followed: there is nothing that they lead to"
+                                      : "lead out of the folder '" + source +
+                                            "'; on the drive there is nothing for them to lead to "
+                                            "(--follow-links copies what they lead to)"),
                       UNIT, __LINE__);
 }
 
@@ -126,7 +133,7 @@ ZqSourceTree::ZqSourceTree(const SxString& source_, const ZqTaskMon& job, bool f
     device = own.device;
     Reading reading{job, followsLinks, {}, {}};
     read({source, SxString(), root, nullptr, {}}, &reading);
-    refuse(reading.leaving, source);
+    refuse(reading.leaving, source, followsLinks);
 }
 
 void ZqSourceTree::read(const Place& place, Reading* reading) {
@@ -166,7 +173,7 @@ void ZqSourceTree::takeLink(const Entry& entry, const Place& place, Reading* rea
         entries.push_back(entry);
         return;
     }
-    if (!reading->followsLinks) {
+    if (!reading->followsLinks || result == -ENOENT) {
         reading->leaving.push_back({entry.from, target});
         return;
     }

@@ -418,7 +418,17 @@ TEST(ImageBuild, FailuresNameTheCauseAndChangeNothing) {
                  fs::create_symlink("/usr", dir.path("source/x" + std::to_string(i)));
          },
          {"1002 symbolic links lead out of the folder '", "' to '/usr', and 2 others"}},
-        {"nothing to follow", followed("none"), {"source/b/link' to '", "can't be followed: No such file"}},
+        {"nothing to follow",
+         followed("none"),
+         {"source/b/link' to '", "can't be followed: there is nothing"}},
+        {"nothing to follow, twice",
+         [](const TempDir& dir, Options* what) {
+             for (const char* name : {"x", "b/y"})
+                 fs::create_symlink("/none", dir.path(std::string("source/") + name));
+             what->followsLinks = true;
+         },
+         {"2 symbolic links in the folder '", "can't be followed", "/source/b/y' to '/none'",
+          "/source/x' to"}},
         {"a device to follow", followed("/dev/null"), {"to '/dev/null' can't be followed: that is a device"}},
         {"a folder above", followed(""), {"source/b/link' to '", "it leads to a folder that holds the link"}},
         {"the root", followed("/"), {"to '/' can't be followed: it leads to a folder that holds the link"}},
