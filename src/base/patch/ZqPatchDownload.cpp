@@ -150,11 +150,19 @@ SxPtr<ZqRemoteFile> ZqPatchDownload::remote(const char* name, uint64 size) const
     return file;
 }
 
+SxException ZqPatchDownload::noPatch(const SxException& why) const {
+    return SxException(why,
+                       "No patch at this address, " + getName() + ": give that of the folder that holds " +
+                           ZqPatchFiles::RECORD,
+                       UNIT, __LINE__);
+}
+
 SxString ZqPatchDownload::fetchRecord(const ZqStopTest& stop) {
     try {
         const SxArray<char> bytes = remote(ZqPatchFiles::RECORD)->get(MAX_RECORD, stop);
         return SxString(std::string_view(bytes.data(), static_cast<size_t>(bytes.getSize())));
     } catch (const SxException& e) {
+        if (e.hasTag(ZqNetLink::NOT_FOUND)) throw noPatch(e);
         throw SxException(e, "Cannot fetch the patch at '" + getName() + "'", UNIT, __LINE__);
     }
 }
@@ -167,6 +175,9 @@ const ZqPatchParams& ZqPatchDownload::readRecord(const SxString& record) {
         digest = SxMd5::get(record);
         return params;
     } catch (const SxException& e) {
+        // A listing of files, or a page to log in to.
+        const size_t first = record.str().find_first_not_of(" \t\r\n");
+        if (first != std::string::npos && record.str()[first] == '<') throw noPatch(e);
         throw SxException(e, "Cannot use the patch at '" + getName() + "'", UNIT, __LINE__);
     }
 }
@@ -190,6 +201,7 @@ void ZqPatchDownload::fetchLists(const ZqStopTest& stop) {
         requireRecords();
         parts = ZqPatchLists::readParts(work.getCopy(), params, work.getPath());
     } catch (const SxException& e) {
+        if (e.hasTag(ZqNetLink::NOT_FOUND)) throw noPatch(e);
         throw SxException(e, "Cannot fetch the patch at '" + getName() + "'", UNIT, __LINE__);
     }
 }
@@ -260,6 +272,7 @@ void ZqPatchDownload::main() {
     try {
         fetchData([this] { return stopRequested(); });
     } catch (const SxException& e) {
+        if (e.hasTag(ZqNetLink::NOT_FOUND)) throw noPatch(e);
         throw SxException(e, "Cannot fetch the patch at '" + getName() + "'", UNIT, __LINE__);
     }
 }

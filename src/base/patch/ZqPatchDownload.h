@@ -52,6 +52,7 @@ private:
     SxPtr<ZqRemoteFile> remote(const char* name, uint64 size = ZqRemoteFile::UNKNOWN) const;
     void fetchFile(const char* name, uint64 size, const SxString& md5, const ZqStopTest& stop);
     void requireRecords() const;
+    SxException noPatch(const SxException& why) const;
     bool isSame(const ZqStopTest& stop);
     void fetchData(const ZqStopTest& stop);
     SxString fileOf(const char* name) const;
