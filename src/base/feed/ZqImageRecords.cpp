@@ -113,8 +113,8 @@ void ZqImageRecords::requireNoPage(const SxString& text, const char* name) const
                       UNIT, __LINE__);
 }
 
-ZqAppParams ZqImageRecords::look(const ZqAppParams* own, std::optional<SxString>* text, const ZqStopTest& stop,
-                                 ZqTransfer::Kind kind) const {
+ZqAppParams ZqImageRecords::look(const ZqAppParams* own, std::optional<SxString>* text,
+                                 const ZqStopTest& stop, ZqTransfer::Kind kind) const {
     ZqAppParams server;
     takeRecord([&](bool isFresh) {
         server = parseApp(remote(ZqImageFiles::APP_JSON, isFresh)->get(MAX_RECORD, stop, kind), text);
@@ -163,8 +163,7 @@ ZqAppParams ZqImageRecords::lookAtAddress(const ZqAppParams* own, const ZqStopTe
 void ZqImageRecords::raiseNoImage(const SxException& why, const std::optional<SxString>& text) const {
     if (why.hasTag(ZqNetLink::NOT_FOUND)) throw ZqImageAddress::absent(address, why);
     if (why.hasTag(ZqNetLink::UNAUTHORIZED)) {
-        throw SxException(why, "The server wants to know who asks: give it that with --header", UNIT,
-                          __LINE__);
+        throw SxException(why, "Give the server what it asks for with --header", UNIT, __LINE__);
     }
     if (!why.hasTag(ZqNetLink::WRONG) || !text) throw SxException(why);
     throw ZqImageAddress::other(address, ZqImageAddress::kindOf(*text), why);

@@ -132,8 +132,11 @@ void ZqFileFacts::checkStatus(const ZqTransfer::Response& response, const SxStri
         throw SxException(ZqNetLink::UNREACHABLE, text, UNIT, __LINE__);
     }
     if (status == 404 || status == 410) throw SxException(ZqNetLink::NOT_FOUND, text, UNIT, __LINE__);
-    if (status == 401)
-        throw SxException(ZqNetLink::REFUSED, text, UNIT, __LINE__).tagged(ZqNetLink::UNAUTHORIZED);
+    if (status == 401) {
+        const SxException cause(ZqNetLink::UNAUTHORIZED, text, UNIT, __LINE__);
+        throw SxException(cause, "the server wants to know who asks", UNIT, __LINE__)
+            .tagged(ZqNetLink::REFUSED);
+    }
     const SxException refusal(status >= 400 ? ZqNetLink::REFUSED : ZqNetLink::WRONG, text, UNIT, __LINE__);
     const SxMutexBlock lock(&mutex);
     if (status == 403 && isOptional && !isOfProxy) {

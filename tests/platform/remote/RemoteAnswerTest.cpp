@@ -67,7 +67,7 @@ TEST(RemoteFileFailure, isOfTheKindThatTellsWhatToDo) {
     const Case cases[] = {
         {answered("404 Not Found"), ZqNetLink::NOT_FOUND, "the server answers 404"},
         {answered("410 Gone"), ZqNetLink::NOT_FOUND, "the server answers 410"},
-        {answered("401 Unauthorized"), ZqNetLink::REFUSED, "the server answers 401"},
+        {answered("401 Unauthorized"), ZqNetLink::REFUSED, "the server wants to know who asks"},
         {answered("403 Forbidden"), ZqNetLink::REFUSED, "the server answers 403"},
         {answered("407 Authenticate"), ZqNetLink::REFUSED, "the proxy answers 407"},
         {answered("451 Unavailable"), ZqNetLink::REFUSED, "the server answers 451"},
