@@ -115,19 +115,55 @@ SxString startFailure(const ZqRun& job) {
     return job.getException().toString(SxException::ShowMessage, ": ");
 }
 
+/// Raises where a file that is to be written at the end couldn't be.
+void requireFiles(const RunOptions& options) {
+    if (!options.report.isEmpty()) requirePlainFile(options.report, "report", {options.image});
+    if (options.page.isEmpty()) return;
+    requirePlainFile(options.page, "page", {options.image});
+    if (!options.report.isEmpty() && ZqImageStaging::liesIn(options.page, options.report)) {
+        throw SxException("The page and the report can't be the same file", UNIT, __LINE__);
+    }
+}
+
+/// How the run went, and what of it went wrong beside what has ended it.
+void tellEnd(const ZqRun& job, const RunOptions& options, const GameOutput& gameOutput, Output* out) {
+    const ZqRun::Result& result = job.getResult();
+    if (result.wasStarted) {
+        out->text(endText(job));
+        tellFigures(result, out);
+        tellMissing(job, options.image, out);
+        gameOutput.tellLast(result);
+    }
+    if (!result.missed.isEmpty()) {
+        out->finding("The process '" + result.missed.makeVisible() +
+                     "', which app.json names as the application, was never found");
+    }
+    if (out->getMode().json) out->object(job.toJson());
+    if (result.lacksTraceRoom) {
+        out->finding("The disk of '" + options.image + "' is full: this run has left no trace");
+    }
+    if (result.wasBusy) {
+        out->finding(
+            "A process still had files of the drive open when it was taken away; what it wrote after "
+            "that is lost");
+    }
+    if (!result.unwritten.isEmpty()) Output::failure(result.unwritten);
+    if (!result.unsent.isEmpty()) {
+        Output::failure("Not all reports of runs could be sent: " + result.unsent);
+    }
+    if (!result.lostLetter.isEmpty()) {
+        out->finding("The runner has taken the drive letter " + result.lostLetter +
+                     "; what is noted of it in the prefix leads elsewhere");
+    }
+}
+
 int run(const RunOptions& options, Output& out) {
     if (options.trace && options.noTrace) {
         Output::failure("Give one of both: --trace or --no-trace");
         return ExitUsage;
     }
     refuseForeignFolder(options.image);
-    if (!options.report.isEmpty()) requirePlainFile(options.report, "report", {options.image});
-    if (!options.page.isEmpty()) {
-        requirePlainFile(options.page, "page", {options.image});
-        if (!options.report.isEmpty() && ZqImageStaging::liesIn(options.page, options.report)) {
-            throw SxException("The page and the report can't be the same file", UNIT, __LINE__);
-        }
-    }
+    requireFiles(options);
     GameOutput gameOutput(out.getMode());
     const ClientSettings own = ClientSettings::read();
     ZqRun::Settings settings = settingsOf(options, own);
@@ -145,36 +181,10 @@ int run(const RunOptions& options, Output& out) {
                   gameOutput.look(&job, progress);
                   if (notices) notices->look(job.getPhase(), job.hasStarted(), status);
               });
-    const ZqRun::Result& result = job.getResult();
     if (notices) notices->end(startFailure(job));
     // Before all texts: a terminal that is gone, or stands still, costs no files.
     const SxList<SxException> unwritten = writeFiles(job, options);
-    if (result.wasStarted) {
-        out.text(endText(job));
-        tellFigures(result, &out);
-        tellMissing(job, options.image, &out);
-        gameOutput.tellLast(result);
-    }
-    if (!result.missed.isEmpty()) {
-        out.finding("The process '" + result.missed.makeVisible() +
-                    "', which app.json names as the application, was never found");
-    }
-    if (out.getMode().json) out.object(job.toJson());
-    if (result.lacksTraceRoom) {
-        out.finding("The disk of '" + options.image + "' is full: this run has left no trace");
-    }
-    if (result.wasBusy) {
-        out.finding("A process still had files of the drive open when it was taken away; what it wrote after "
-                    "that is lost");
-    }
-    if (!result.unwritten.isEmpty()) Output::failure(result.unwritten);
-    if (!result.unsent.isEmpty()) {
-        Output::failure("Not all reports of runs could be sent: " + result.unsent);
-    }
-    if (!result.lostLetter.isEmpty()) {
-        out.finding("The runner has taken the drive letter " + result.lostLetter +
-                    "; what is noted of it in the prefix leads elsewhere");
-    }
+    tellEnd(job, options, gameOutput, &out);
     tellUnwritten(job, unwritten);
     if (job.hasException() && !isEndedByPlayer(job)) raiseHinted(job.getException());
     return ExitSuccess;

@@ -90,9 +90,10 @@ int SxProcessInfo::exitCodeOf(int64 waitStatus) noexcept {
 }
 
 SxString SxProcessInfo::describeExitCode(int64 code) {
-    const SxString text(code);
+    SxString text(code);
     if (code <= SIGNAL_BASE || code > SIGNAL_BASE + SIGRTMAX) return text;
     const int signal = static_cast<int>(code - SIGNAL_BASE);
     const char* name = sigabbrev_np(signal);
-    return name ? text + " (signal SIG" + name + ", " + sigdescr_np(signal) + ")" : text;
+    if (name) text += SxString(" (signal SIG") + name + ", " + sigdescr_np(signal) + ")";
+    return text;
 }

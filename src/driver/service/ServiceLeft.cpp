@@ -204,8 +204,8 @@ bool Service::removeEnded(uint64 deviceId) {
 void Service::removeAllLeft(const SxString& image) {
     for (const auto& [id, left] : leftOf(image)) {
         SxString kept;
-        const auto hasEnded = [&] {
-            kept = folderOf(id).whyServed();
+        const auto hasEnded = [&kept, own = folderOf(id)] {
+            kept = own.whyServed();
             return kept.isEmpty();
         };
         if (left.kind == Found::Elsewhere && !SxWait::pass(ENDED_MS, hasEnded))
