@@ -42,8 +42,9 @@ SxString phaseText(ZqRun::Phase phase, const ZqFeedStatus& status) {
 
 SxString outageText(const ZqNetOutage& outage) {
     if (outage.ms < 1000) return {};
-    return ", offline for " + SxString(outage.ms / 1000) + " s, asked " +
-           ZqReadable::counted(outage.nTries, "time", "times");
+    const SxString time = " for " + SxString(outage.ms / 1000) + " s";
+    if (outage.nTries == 0) return time;
+    return ", offline" + time + ", asked " + ZqReadable::counted(outage.nTries, "time", "times");
 }
 
 SxString startText(double seconds, bool isBound) {

@@ -479,9 +479,14 @@ TEST_F(StreamRun, AStallIsToldAndGoesOn) {
     ASSERT_TRUE(SxWait::pass(20'000, [&] { return hasStarted(); })) << player->says();
     // Half of a body each time would be something still.
     server->setRate(1);
-    EXPECT_TRUE(SxWait::pass(40'000, [&] {
-        return player->says().find("waiting for the server: no data") != string::npos;
-    })) << player->says();
+    ASSERT_TRUE(SxWait::pass(40'000, [&] { return player->says().find(" s, asked ") != string::npos; }))
+        << player->says();
+    const string said = player->says(), silent = "waiting for the server: no data for ",
+                 away = "offline for ";
+    const size_t awayAt = said.find(away), silentAt = said.rfind(silent, awayAt);
+    ASSERT_NE(silentAt, string::npos) << said;
+    EXPECT_GE(std::stoi(said.substr(awayAt + away.size())), std::stoi(said.substr(silentAt + silent.size())))
+        << "the time of one silence begins anew: " << said;
     EXPECT_FALSE(hasPlayed());
     server->stop();
     server->setRate(0);

@@ -23,7 +23,7 @@ constexpr int64 MAX_PAUSE_NS = 8'000'000'000;
 constexpr uint64 STEADY_RATE = 64 << 10;
 /// Silence of the server that is told. The link itself gives a request up after 10 s only, and its next try
 /// may bring some bytes before it is silent again.
-constexpr int64 SILENCE_S = 3;
+constexpr int64 SILENCE_MS = 3000;
 
 } // namespace
 
@@ -206,7 +206,8 @@ void ZqImageDownload::addTo(ZqFeedStatus* status) const {
         status->waiting = "waiting for the drive service, which doesn't answer";
     }
     if (status->waiting.isEmpty()) status->waiting = link->getStatus();
-    if (const int64 silent = silence.getSeconds(); status->waiting.isEmpty() && silent >= SILENCE_S) {
-        status->waiting = SxString("waiting for the server: no data for ") + silent + " s";
-    }
+    const int64 silentMs = silence.getMs();
+    const bool isSilent = status->waiting.isEmpty() && silentMs >= SILENCE_MS;
+    if (isSilent) status->waiting = "waiting for the server: no data";
+    if (isSilent || status->outage.nTries > 0) status->outage.ms = std::max(status->outage.ms, silentMs);
 }

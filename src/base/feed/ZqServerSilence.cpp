@@ -6,5 +6,5 @@ void ZqServerSilence::look(uint64 nBytes, bool isWanted) {
     const int64 nowNs = SxClock::get().steadyNs();
     if (nBytes != nSeen || !isWanted || seenNs == 0) seenNs = nowNs;
     nSeen = nBytes;
-    seconds = (nowNs - seenNs) / 1'000'000'000;
+    ms = (nowNs - seenNs) / 1'000'000;
 }

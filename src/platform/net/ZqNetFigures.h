@@ -15,6 +15,6 @@ struct ZqNetFigures {
 
 /// A server, or the way to it, that is away.
 struct ZqNetOutage {
-    int64 ms = 0;     ///< since the first request that failed
-    int64 nTries = 0; ///< in vain; 0 while it isn't away
+    int64 ms = 0;     ///< since the last byte came while bytes were wanted; 0 while it isn't away
+    int64 nTries = 0; ///< in vain; 0 where it is silent, and no request has failed yet
 };

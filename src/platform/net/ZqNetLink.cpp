@@ -115,14 +115,24 @@ ZqNetOutage ZqNetLink::getOutage() const {
     return {(SxClock::get().steadyNs() - outage.sinceNs) / 1'000'000, outage.nTries};
 }
 
-void ZqNetLink::setWaiting(const void* who, const SxString& text, int64 nTries) {
-    if (!text.isEmpty()) nRetries.fetch_add(1);
+void ZqNetLink::noteAway(int64 nTries, int64 sinceNs) {
     const uint64 nBytes = loop->getFigures().nBytes;
+    const int64 beginNs = std::max(sinceNs, loop->getTakenNs());
     SxMutexBlock lock(&waitingMutex);
-    if (nTries > 0) {
-        if (outage.nTries == 0 || nBytes != outage.nBytes) outage = {SxClock::get().steadyNs(), 0, nBytes};
-        outage.nTries = std::max(outage.nTries, nTries);
-    }
+    if (outage.nTries == 0 || nBytes != outage.nBytes) outage = {beginNs, 0, nBytes};
+    // Others may have waited for longer, whose requests fail later.
+    outage.sinceNs = std::min(outage.sinceNs, beginNs);
+    outage.nTries = std::max(outage.nTries, nTries);
+}
+
+void ZqNetLink::setWaiting(const void* who, const SxString& text) {
+    nRetries.fetch_add(1);
+    SxMutexBlock lock(&waitingMutex);
     waiting.remove_if([who](const Waiting& entry) { return entry.who == who; });
-    if (!text.isEmpty()) waiting.push_back({who, text});
+    waiting.push_back({who, text});
+}
+
+void ZqNetLink::endWaiting(const void* who) {
+    SxMutexBlock lock(&waitingMutex);
+    waiting.remove_if([who](const Waiting& entry) { return entry.who == who; });
 }

@@ -97,8 +97,9 @@ public:
     /// What requests wait for, as one line such as "waiting for the server: Connection refused"; empty while
     /// all goes well.
     SxString getStatus() const;
-    /// How long the server, or the way to it, has been away, and how often it was tried in that time by the
-    /// request that was most eager; zeros while it isn't.
+    /// How long the server, or the way to it, has been away: since the last byte came, or since bytes were
+    /// wanted where that is later. And how often it was tried in that time by the request that was most
+    /// eager; zeros while it isn't.
     ZqNetOutage getOutage() const;
     Figures getFigures() const;
 
@@ -118,9 +119,13 @@ public:
     void checkStop(const ZqStopTest& stop) const;
     /// Sleeps for `ms`, or until `until` says so, or until a stop, which it raises.
     void sleep(int64 ms, const ZqStopTest& stop, const ZqStopTest& until = nullptr) const;
-    /// `text` is what `who` waits for; empty takes it back. `nTries`: in vain so far, where the server is
-    /// away.
-    void setWaiting(const void* who, const SxString& text, int64 nTries = 0);
+    /// `text` is what `who` waits for.
+    void setWaiting(const void* who, const SxString& text);
+    /// It no longer waits.
+    void endWaiting(const void* who);
+    /// The server is away: `nTries` were made in vain by one that has waited for bytes since `sinceNs` of the
+    /// steady clock.
+    void noteAway(int64 nTries, int64 sinceNs);
 
 private:
     struct Waiting {

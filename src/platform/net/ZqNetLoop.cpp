@@ -254,6 +254,7 @@ void ZqNetLoop::releaseHeld() {
 }
 
 void ZqNetLoop::noteTaken(const ZqHttpExchange& exchange, int64 n) {
+    takenNs = nowNs();
     addTo(&nBytes, static_cast<uint64>(n));
     if (exchange.kind() == ZqTransfer::Kind::OnDemand) addTo(&nOnDemandBytes, static_cast<uint64>(n));
     if (ZqNetHolds::yields(exchange.kind())) holds.noteTaken(n, nowNs());

@@ -27,6 +27,8 @@ public:
     void hastenStreams();
     void shareWithStreams(bool on) { holds.share(on); }
     ZqNetLink::Figures getFigures() const;
+    /// When bytes of a body came last, on the steady clock; 0 for never.
+    int64 getTakenNs() const { return takenNs; }
     /// Ends the thread; whatever was under way fails.
     void end();
 
@@ -68,4 +70,5 @@ private:
     std::unordered_map<CURL*, std::unique_ptr<ZqHttpExchange>> exchanges; ///< under way
     std::vector<pollfd> waited;
     std::atomic<uint64> nBytes{0}, nOnDemandBytes{0}, nRequests{0};
+    std::atomic<int64> takenNs{0};
 };

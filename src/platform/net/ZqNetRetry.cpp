@@ -13,7 +13,8 @@ constexpr const char* UNIT = "src/platform/net/ZqNetRetry";
 ZqNetRetry::ZqNetRetry(const SxPtr<ZqNetLink>& link_, int64 nTries_)
     : link(link_),
       nMax(nTries_),
-      seenNs(SxClock::get().steadyNs()) {
+      waitNs(SxClock::get().steadyNs()),
+      seenNs(waitNs) {
 }
 
 void ZqNetRetry::beginTurn(int64 nTries, int64 ms) {
@@ -25,6 +26,7 @@ void ZqNetRetry::beginTurn(int64 nTries, int64 ms) {
 
 void ZqNetRetry::beginWait() {
     turnNs = SxClock::get().steadyNs();
+    if (nFailed == 0) waitNs = turnNs;
 }
 
 bool ZqNetRetry::hasTurnEnded(bool isBusy) {
@@ -37,7 +39,7 @@ void ZqNetRetry::progress() {
     nTurnFailed = 0;
     if (nFailed == 0) return;
     nFailed = nBroken = nBusy = busyNs = 0;
-    link->setWaiting(this, "");
+    link->endWaiting(this);
 }
 
 /// Whether the server is there and only wants to be left alone, within the time for which that is no try in
@@ -68,7 +70,8 @@ void ZqNetRetry::failed(const SxException& e, const ZqStopTest& stop) {
         throw SxException(e, "Nothing came in " + SxString(nTurnFailed) + " tries", UNIT, __LINE__)
             .tagged(TURN_ENDED);
     }
-    link->setWaiting(this, "waiting for the server: " + e.getMessage(), isBusy ? 0 : nFailed);
+    if (!isBusy) link->noteAway(nFailed, waitNs);
+    link->setWaiting(this, "waiting for the server: " + e.getMessage());
     if (isBusy) {
         // How long nothing is asked of it is the same for all requests of the link, and known there.
         link->sleep(settings.firstBackOffMs, stop);

@@ -43,6 +43,7 @@ private:
     int64 nBroken = 0;
     int64 nTurnFailed = 0;
     int64 turnNs = 0; ///< since when somebody has waited in this turn
+    int64 waitNs;     ///< since when somebody has waited for what comes next, or for what failed first
     int64 nBusy = 0;  ///< answers of a server that is asked too much, that don't count as tries
     int64 seenNs;     ///< refusals up to then were of earlier requests, on the steady clock
     int64 busyNs = 0; ///< when the first of those answers came

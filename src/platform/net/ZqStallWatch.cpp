@@ -70,9 +70,10 @@ bool ZqStallWatch::isStalled(int64 nowNs) const {
 
 SxException ZqStallWatch::failure() const {
     const int64 nGot = progress.getBytes(ZqNetProgress::Stall);
-    const double seconds = static_cast<double>((nGot > 0 ? limitNs : silenceNs) / MS) / 1e3;
-    const SxString got = nGot > 0 ? "only " + SxString(nGot) + " bytes in" : SxString("no data for");
-    SxException silence(ZqNetLink::UNREACHABLE, got + SxString::sprintf(" %g s", seconds), UNIT, __LINE__);
-    if (nGot == 0) return silence;
-    return SxException(silence, "the answer comes too slowly", UNIT, __LINE__).tagged(ZqTransfer::SLOW);
+    // How long the server has been silent in all is the link's to tell.
+    if (nGot == 0) return SxException(ZqNetLink::UNREACHABLE, "no data", UNIT, __LINE__);
+    const SxString got = "only " + SxString(nGot) + " bytes in " +
+                         SxString::sprintf("%g s", static_cast<double>(limitNs / MS) / 1e3);
+    const SxException few(ZqNetLink::UNREACHABLE, got, UNIT, __LINE__);
+    return SxException(few, "the answer comes too slowly", UNIT, __LINE__).tagged(ZqTransfer::SLOW);
 }

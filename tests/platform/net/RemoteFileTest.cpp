@@ -99,7 +99,7 @@ TEST_F(RemoteFile, saysWhatIsWrongWithAnAnswer) {
     // Each try brings half of what is left. Only tries that bring nothing are counted.
     server.setFault(ZqFileServer::Stall);
     EXPECT_THAT(std::string(exceptionOf([&] { read(open(), 1000, 2); }).what()),
-                HasSubstr("Gave up after 3 tries: no data for 0.4 s"));
+                HasSubstr("Gave up after 3 tries: no data"));
     server.setFault(ZqFileServer::Stall, false);
     EXPECT_EQ(link->getStatus().str(), "");
 
@@ -170,6 +170,29 @@ TEST_F(RemoteFile, goesOnWhereItStopped) {
     EXPECT_EQ(status, "waiting for the server: Connection refused");
     EXPECT_EQ(link->getStatus().str(), "");
     EXPECT_LT(server.getNBytes() - nBefore, bytes.size() + 1'500'000) << "it began anew";
+}
+
+TEST_F(RemoteFile, anOutageBeginsWithTheSilenceThatIsToldOnce) {
+    const FilePtr file = open();
+    read(file, 0, 1000);
+    // Nothing is wanted in this time.
+    SxTime::msleep(3000);
+    server.setFault(ZqFileServer::Stall);
+    int64 ms = 0;
+    std::string status;
+    std::thread helper([&] {
+        SxWait::pass(5000, [&] {
+            const ZqNetOutage outage = link->getOutage();
+            ms = outage.ms;
+            status = link->getStatus().str();
+            return outage.nTries > 0;
+        });
+    });
+    exceptionOf([&] { read(file, 1'000'000, 1); });
+    helper.join();
+    EXPECT_GE(ms, 350) << "the silence before the first request failed belongs to it";
+    EXPECT_LT(ms, 2900);
+    EXPECT_EQ(status, "waiting for the server: no data");
 }
 
 TEST_F(RemoteFile, endsAtOnceWhenStopped) {
