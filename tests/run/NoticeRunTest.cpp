@@ -29,3 +29,22 @@ TEST_F(StreamRun, TheDesktopTellsHowARunFares) {
     EXPECT_EQ(desktop.getShown()[1].title, "fresh");
     EXPECT_THAT(desktop.getShown()[1].text, testing::ContainsRegex("^Could not start: .*none.sh"));
 }
+
+TEST_F(StreamRun, TheDesktopTellsOfASilentServerThatAReadWaitsFor) {
+    const string reason = TestBus::missing();
+    if (!reason.empty()) GTEST_SKIP() << reason;
+    const TestBus bus("session");
+    const TestNotifications desktop(bus);
+    server->setRate(2'000'000);
+    pause();
+    const auto player = start();
+    ASSERT_TRUE(SxWait::pass(20'000, [&] { return hasStarted(); })) << player->says();
+    // Requests are taken, so each read is one of those that are answered on demand.
+    server->setRate(1);
+    resume();
+    ASSERT_TRUE(SxWait::pass(40'000, [&] { return desktop.getShown().size() == 2; })) << player->says();
+    EXPECT_THAT(desktop.getShown().back().text, testing::StartsWith("Waiting for the server: "));
+    server->setRate(0);
+    EXPECT_EQ(player->end(), 0) << player->says();
+    expectPlayed();
+}

@@ -30,6 +30,7 @@ struct ZqFeedStatus {
     double linkRate = 0.;              ///< of the wire, within its limit; 0 not known
     uint64 startEta = 0, totalEta = 0; ///< seconds
     bool isUnderflow = false;          ///< an underflow that on-demand requests don't resolve
+    bool holdsReads = false;           ///< of the drive, for the application of a run
     bool isChecking = false;           ///< the complete image is compared with its digest
     uint64 nChecked = 0;               ///< as far as here
     uint64 nShort = 0;                 ///< what the disk lacks for the rest of it

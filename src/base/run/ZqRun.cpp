@@ -85,6 +85,7 @@ ZqFeedStatus ZqRun::getStatus() const {
         return status;
     }
     status = feed->getStatus();
+    status.holdsReads = held->isOpen();
     if (status.waiting.isEmpty() && searching) {
         status.waiting = "waiting for the process '" + launched->name.makeVisible() + "'";
     }

@@ -41,7 +41,8 @@ void ZqRunNotices::look(ZqRun::Phase phase, bool hasStarted, const ZqFeedStatus&
     if (notifier->isBusy()) notifier->process();
     // What the download waits for while the game goes on is no matter of its player.
     const bool isPlayed = phase == ZqRun::Running || phase == ZqRun::Adopted;
-    follow(phase, hasStarted, isPlayed && !status.isUnderflow ? SxString() : status.waiting);
+    const bool isWanted = !isPlayed || status.isUnderflow || status.holdsReads;
+    follow(phase, hasStarted, isWanted ? status.waiting : SxString());
     send();
 }
 

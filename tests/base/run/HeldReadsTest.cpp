@@ -20,13 +20,15 @@ ZqDiskStatus statusOf(int64 lastFrom, int64 lastTo, int64 since = 0) {
 
 TEST(HeldReads, CountEachWaitOnceFromTheStartOfTheApplicationOn) {
     ZqHeldReads held;
-    held.look(statusOf(1'000, 3'000));
-    EXPECT_FALSE(held.getSum()) << "nothing has been started";
+    held.look(statusOf(1'000, 3'000, 4'000));
+    EXPECT_FALSE(held.getSum() || held.isOpen()) << "nothing has been started";
     held.start(2'000 * MS, 5'000 * MS);
     // One from before, one that began before the start, twice.
     held.look(statusOf(1'000, 3'000, 4'000));
     EXPECT_EQ(held.getSum()->n, 0) << "it goes on";
+    EXPECT_TRUE(held.isOpen());
     held.look(statusOf(4'000, 7'000));
+    EXPECT_FALSE(held.isOpen());
     held.look(statusOf(4'000, 7'000));
     EXPECT_EQ(held.getSum()->n, 1);
     EXPECT_EQ(held.getSum()->longestMs, 2'000);
@@ -37,6 +39,7 @@ TEST(HeldReads, CountEachWaitOnceFromTheStartOfTheApplicationOn) {
     held.look(statusOf(4'000, 7'000, 9'000));
     held.end(10'000 * MS);
     held.look(statusOf(9'000, 20'000, 21'000));
+    EXPECT_FALSE(held.isOpen());
     const auto sum = held.getSum();
     EXPECT_EQ(sum->n, 2);
     EXPECT_EQ(sum->longestMs, 2'000);
