@@ -419,7 +419,9 @@ TEST_F(DirectRun, ADriveThatCantBeTakenOverStaysUntilSomebodyWantsItToGo) {
         }
         EXPECT_THAT(leftovers(), testing::Contains(HasSubstr("erofs")));
         EXPECT_TRUE(open.good() && open.get() != EOF);
-        EXPECT_THAT(done({"umount", image}), HasSubstr("Removed what a service that was killed had left"));
+        const Outcome removed = run({"umount", image});
+        EXPECT_THAT(removed.out, HasSubstr("Removed what a service that was killed had left"));
+        EXPECT_THAT(removed.out + removed.err, HasSubstr("The drive was in use: it was detached. Files"));
         EXPECT_THAT(leftovers(), testing::IsEmpty());
         EXPECT_TRUE(lettersOfDrives().empty());
         mend();
@@ -437,7 +439,9 @@ TEST_F(DirectRun, ADriveThatCantBeTakenOverStaysUntilSomebodyWantsItToGo) {
     killService(image);
     fs::rename(image, moved);
     fs::rename(other, image);
-    EXPECT_THAT(done({"umount", image}), HasSubstr("Removed what a service that was killed had left"));
+    const Outcome removed = run({"umount", image});
+    EXPECT_THAT(removed.out, HasSubstr("Removed what a service that was killed had left"));
+    EXPECT_EQ((removed.out + removed.err).find("in use"), string::npos) << "nobody has it open";
     EXPECT_THAT(leftovers(), testing::IsEmpty());
     EXPECT_TRUE(isDirect(image));
 }

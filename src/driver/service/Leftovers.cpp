@@ -36,7 +36,8 @@ SxString imageOf(const SxString& disk) {
     return SxFSAction::test_f(file) ? SxFileIO::readUtf8(file) : SxString();
 }
 
-void removeDisks(const SxString& folder, std::vector<std::filesystem::path> disks) {
+/// Gives whether programs used one of their volumes.
+bool removeDisks(const SxString& folder, std::vector<std::filesystem::path> disks) {
     driverLog("removes what a former service left in " + SxString(mountsOf(folder)));
     std::erase_if(disks, [](const std::filesystem::path& disk) {
         if (DiskFolder::Mounting::awaitEnd(SxString(disk.string()), MOUNTING_MS)) return false;
@@ -44,8 +45,10 @@ void removeDisks(const SxString& folder, std::vector<std::filesystem::path> disk
         return true;
     });
     SxList<SxString> images, written;
+    bool busy = false;
     for (const auto& disk : disks) {
-        Helper::run({"sweep", SxString(disk.string())}, SWEEP_MS, nullptr);
+        const Helper::Facts facts = Helper::run({"sweep", SxString(disk.string())}, SWEEP_MS, nullptr);
+        busy = busy || facts.count("busy") != 0;
         const SxString image = imageOf(SxString(disk.string()));
         if (image.isEmpty()) continue;
         images.append(image);
@@ -56,6 +59,7 @@ void removeDisks(const SxString& folder, std::vector<std::filesystem::path> disk
     Service::noteLeft(folder, images, written);
     for (const auto& disk : disks)
         DiskFolder(SxString(disk.string())).remove();
+    return busy;
 }
 
 /// None where nothing is mounted that the kernel serves.
@@ -108,8 +112,8 @@ void Leftovers::sweep(const SxString& root, const SxString& folder, const Disks&
     if (!disks.empty()) removeDisks(folder, disks);
 }
 
-void Leftovers::remove(const SxString& root, const SxString& folder, uint64 deviceId) {
+bool Leftovers::remove(const SxString& root, const SxString& folder, uint64 deviceId) {
     const std::filesystem::path disk = mountsOf(folder) + "/" + std::to_string(deviceId);
     DriveLetter::removeBelow(root, SxString(disk.string() + "/"), {});
-    removeDisks(folder, {disk});
+    return removeDisks(folder, {disk});
 }

@@ -31,7 +31,8 @@ using Disks = std::map<uint64, Found>;
 Disks findServed(const SxString& folder);
 /// Removes all but `kept`, and notes whose images that were. Raises where a mount can't be taken away.
 void sweep(const SxString& root, const SxString& folder, const Disks& kept);
-/// Removes one disk. Raises likewise.
-void remove(const SxString& root, const SxString& folder, uint64 deviceId);
+/// Removes one disk, and gives whether programs used its volume, which was detached all the same. Raises
+/// likewise.
+bool remove(const SxString& root, const SxString& folder, uint64 deviceId);
 
 } // namespace Leftovers

@@ -75,10 +75,10 @@ private:
     std::optional<Leftovers::Found> giveUp(uint64 deviceId);
     bool isGivenUp(const SxString& image) const;
     [[noreturn]] static void refuseTaking(const SxString& image);
-    void removeLeft(uint64 deviceId);
+    bool removeLeft(uint64 deviceId);
     bool removeEnded(uint64 deviceId);
     DiskFolder folderOf(uint64 deviceId) const;
-    void removeAllLeft(const SxString& image);
+    bool removeAllLeft(const SxString& image);
     Leftovers::Disks leftOf(const SxString& image) const;
     ZqDiskStatus stateOfLeft(uint64 deviceId, const Leftovers::Found& found) const;
     std::optional<ZqDiskStatus> stateOf(const SxString& image);

@@ -73,11 +73,11 @@ void Service::ejectImage(Reader* request, Writer* answer) {
     const SxString image = request->text();
     request->number();
     requireWhole(*request);
-    removeAllLeft(image);
+    const bool wasBusy = removeAllLeft(image);
     const DiskPtr disk = find(image);
     const Disk::End end = disk ? eject(disk) : Disk::End();
     if (!end.lost.isEmpty()) refuse(end.lost);
-    answer->flag(end.busy);
+    answer->flag(wasBusy || end.busy);
 }
 
 /// Of the disk with that image or number; without either, of all together.

@@ -170,15 +170,15 @@ bool Service::isGivenUp(const SxString& image) const {
                        [&](const auto& each) { return each.second.image == image && each.second.isGivenUp; });
 }
 
-/// Removes a disk of that table. Its removal waits for nothing of the image. Raises where it can't be done;
-/// it stays in the table then.
-void Service::removeLeft(uint64 deviceId) {
+/// Removes a disk of that table, and gives whether its volume was in use. Its removal waits for nothing of
+/// the image. Raises where it can't be done; it stays in the table then.
+bool Service::removeLeft(uint64 deviceId) {
     std::optional<Found> given = giveUp(deviceId);
-    if (!given) return;
+    if (!given) return false;
     Found& left = *given;
     try {
         const SxMutexBlock block(&leftFile);
-        Leftovers::remove(root, folder, deviceId);
+        return Leftovers::remove(root, folder, deviceId);
     } catch (const SxException& e) {
         left.kind = Found::Unfit;
         left.why = e.toString(SxException::ShowMessage, ": ");
@@ -200,8 +200,10 @@ bool Service::removeEnded(uint64 deviceId) {
     return true;
 }
 
-/// Removes whatever of the image isn't taken over. Raises where that can't be done.
-void Service::removeAllLeft(const SxString& image) {
+/// Removes whatever of the image isn't taken over, and gives whether it was in use. Raises where that can't
+/// be done.
+bool Service::removeAllLeft(const SxString& image) {
+    bool busy = false;
     for (const auto& [id, left] : leftOf(image)) {
         SxString kept;
         const auto hasEnded = [&kept, own = folderOf(id)] {
@@ -212,8 +214,9 @@ void Service::removeAllLeft(const SxString& image) {
             throw SxException("The drive of image '" + image + "' can't be taken away: " + left.why + ". " +
                                   kept,
                               UNIT, __LINE__);
-        removeLeft(id);
+        busy = removeLeft(id) || busy;
     }
+    return busy;
 }
 
 ZqDiskStatus Service::stateOfLeft(uint64 deviceId, const Found& found) const {

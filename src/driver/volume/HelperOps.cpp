@@ -269,18 +269,26 @@ void detach(const SxList<SxString>& words) {
 void sweep(const SxList<SxString>& words) {
     const std::string& folder = words(1).str();
     std::vector<std::string> mounts = Mounts::below(folder);
+    const auto isFront = [](const std::string& mount) {
+        return mount.ends_with(std::string("/") + ZqServiceFolder::FRONT);
+    };
     // A connection whose service is stuck must be ended first, or unmounting would wait for it.
     // Only these: what is bound in may lie on a file system that others use.
     for (const std::string& mount : mounts) {
-        if (mount.ends_with(std::string("/") + ZqServiceFolder::FRONT)) Mounts::abort(mount);
+        if (isFront(mount)) Mounts::abort(mount);
     }
     mounts = Mounts::below(folder);
     std::reverse(mounts.begin(), mounts.end());
+    bool busy = false;
     for (const std::string& mount : mounts) {
-        const int error = Mounts::detach(mount);
+        // The front is used by what is mounted from it, which says nothing of programs.
+        int error = Mounts::unmount(mount);
+        busy = busy || (error == EBUSY && !isFront(mount));
+        if (error != 0) error = Mounts::detach(mount);
         if (error != 0 && error != EINVAL && error != ENOENT)
             fail("Cannot detach '" + SxString(mount) + "'", error);
     }
+    if (busy) HelperOps::tell("busy", "");
 }
 
 } // namespace

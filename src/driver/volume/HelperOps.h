@@ -24,7 +24,7 @@ namespace HelperOps {
 ///                                    `aside`, the folder that former copies were moved to
 ///   restore VOLUME                   undoes that; may say `busy`
 ///   readahead SETTING KB             writes a setting of the kernel that `attach` has told of
-///   sweep FOLDER                     removes every mount and loop device below the folder
+///   sweep FOLDER                     removes every mount and loop device below the folder; may say `busy`
 ///
 /// Raises SxException.
 void run(const SxList<SxString>& arguments);
