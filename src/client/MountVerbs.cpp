@@ -112,8 +112,26 @@ void requireNoStop(const StopSignals& signals) {
     if (signals.isAsked()) throw SxException(SxException::STOPPED, "stopped", UNIT, __LINE__);
 }
 
+/// Raises where the drive is one that somebody plays from: what the application reads and writes after an
+/// unmount fails.
+void requireUnplayed(const SxString& image) {
+    // Of a drive that the kernel serves nobody may know, where its service was killed.
+    ZqDiskStatus disk;
+    if (!ZqVolume::findDisk(image, &disk) && ZqVolume::getLeftovers().isEmpty()) return;
+    const SxString how = "take the drive away all the same, with: tavrin umount " + image + " --force";
+    std::optional<ZqImagePlay> play;
+    try {
+        play = ZqImagePlay::find(image);
+    } catch (const SxException& e) {
+        throw SxException(e, "Whether image '" + image + "' is played can't be told; " + how, UNIT, __LINE__);
+    }
+    if (!play) return;
+    throw SxException("Image '" + image + "' " + play->describe() + "; end that first, or " + how, UNIT,
+                      __LINE__);
+}
+
 /// Takes away what a mount that was cut off has left. A mount that is under way is waited for. Gives whether
-/// the image is mounted. Raises on a stop.
+/// the image is mounted. Raises on a stop, and where somebody plays from what would go.
 bool isMountedWhole(ZqMountMgr* manager, const SxString& image, const StopSignals& signals) {
     ZqDiskStatus disk;
     bool found = false;
@@ -144,6 +162,7 @@ bool isMountedWhole(ZqMountMgr* manager, const SxString& image, const StopSignal
     }
     if (found && disk.ready) return requireSound(image, disk);
     if (!found) return false;
+    requireUnplayed(image);
     manager->umountImage(image, disk.drive.isEmpty());
     return false;
 }
@@ -305,24 +324,6 @@ bool removeLeftovers(const ZqMountMgr* manager, const SxString& image) {
             "' is gone, since its service was killed or somebody has taken it away; what was left "
             "behind is removed. What programs wrote to it may be lost as far as they hadn't synced it",
         UNIT, __LINE__);
-}
-
-/// Raises where the drive is one that somebody plays from: what the application reads and writes after an
-/// unmount fails.
-void requireUnplayed(const SxString& image) {
-    // Of a drive that the kernel serves nobody may know, where its service was killed.
-    ZqDiskStatus disk;
-    if (!ZqVolume::findDisk(image, &disk) && ZqVolume::getLeftovers().isEmpty()) return;
-    const SxString how = "take the drive away all the same, with: tavrin umount " + image + " --force";
-    std::optional<ZqImagePlay> play;
-    try {
-        play = ZqImagePlay::find(image);
-    } catch (const SxException& e) {
-        throw SxException(e, "Whether image '" + image + "' is played can't be told; " + how, UNIT, __LINE__);
-    }
-    if (!play) return;
-    throw SxException("Image '" + image + "' " + play->describe() + "; end that first, or " + how, UNIT,
-                      __LINE__);
 }
 
 int umount(const UmountOptions& options, Output& out) {

@@ -6,6 +6,7 @@
 #include "SxTime.h"
 #include "ZqHeldReads.h"
 #include "ZqImageFeed.h"
+#include "ZqImagePlay.h"
 #include "ZqLaunchCommand.h"
 #include "ZqLog.h"
 #include "ZqMountJob.h"
@@ -63,6 +64,7 @@ bool ZqRunDrive::findFormer(const std::function<bool()>& isUsed) {
                               "' was removed, or replaced by another one; unmount it first",
                           UNIT, __LINE__);
     }
+    if (!disk.ready) requireUnused();
     if (!disk.ready || !isUsed()) {
         // Its run was killed. Nobody else can have it: this process holds the image.
         zqLogMsg("base", "ZqRun: the drive of '" + image + "' no longer has an application");
@@ -77,6 +79,17 @@ bool ZqRunDrive::findFormer(const std::function<bool()>& isUsed) {
                           UNIT, __LINE__);
     }
     return true;
+}
+
+/// Raises where an application lives that plays from a drive which can't be used: this run can't go on with
+/// it, and to take its drive away would end it.
+void ZqRunDrive::requireUnused() const {
+    std::optional<ZqImagePlay> play = ZqImagePlay::find(image);
+    if (!play || play->process < 0) return;
+    play->run = SxString(); // that is this one
+    throw SxException("The drive of '" + image + "' can't be used by this run, and the image " +
+                          play->describe() + "; end that first",
+                      UNIT, __LINE__);
 }
 
 void ZqRunDrive::takeOver() {

@@ -82,6 +82,7 @@ public:
 
 private:
     void takeAway();
+    void requireUnused() const;
     bool removeLeft() const;
     void endOnce(bool keep);
     void note(const ZqDiskStatus& disk);

@@ -221,6 +221,7 @@ Service::DiskPtr Service::mount(const MountParams& params, int64 peer) {
             refuse("Image '" + params.image + "' stands in the place of one that is still mounted");
         refuseSecond(params.image);
     }
+    requireNoUnfit(params.image);
     removeAllLeft(params.image);
     {
         const SxMutexBlock block(&leftFile);

@@ -78,6 +78,7 @@ private:
     bool removeLeft(uint64 deviceId);
     bool removeEnded(uint64 deviceId);
     DiskFolder folderOf(uint64 deviceId) const;
+    void requireNoUnfit(const SxString& image) const;
     bool removeAllLeft(const SxString& image);
     Leftovers::Disks leftOf(const SxString& image) const;
     ZqDiskStatus stateOfLeft(uint64 deviceId, const Leftovers::Found& found) const;

@@ -200,6 +200,18 @@ bool Service::removeEnded(uint64 deviceId) {
     return true;
 }
 
+/// Raises where the image has a drive that can't be taken over: somebody may play from it, and only its
+/// unmount takes it away.
+void Service::requireNoUnfit(const SxString& image) const {
+    for (const auto& [id, left] : leftOf(image)) {
+        if (left.kind != Found::Unfit) continue;
+        throw SxException("The former drive of image '" + image +
+                              "' is still mounted, and can't be taken over: " + left.why +
+                              "; unmount it first",
+                          UNIT, __LINE__);
+    }
+}
+
 /// Removes whatever of the image isn't taken over, and gives whether it was in use. Raises where that can't
 /// be done.
 bool Service::removeAllLeft(const SxString& image) {
