@@ -28,7 +28,8 @@ public:
     /// Whether programs may write to it. A title of the Epic launcher's may always, into a layer.
     bool isWritable() const;
     /// Whether a run that was killed has left a drive that can be taken over. One that isn't ready, or that
-    /// `isUsed` doesn't know as used, is taken away. Raises where this run can't use it.
+    /// `isUsed` doesn't know as used, is taken away. Raises where this run can't use it, and where an
+    /// application lives that plays from one that isn't ready.
     bool findFormer(const std::function<bool()>& isUsed);
     /// Goes on with that drive.
     void takeOver();
