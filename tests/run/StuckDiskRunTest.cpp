@@ -165,7 +165,14 @@ TEST_F(EndOfStuckDisk, AMountThatHangsHoldsUpNoOtherDriveOfAServiceThatEndsAndLe
     const DeafClient deaf;
     hold(stuck + "/");
     const size_t nBefore = countConnections();
+    const string mounts = ZqServiceFolder::of(ZqMachineRoot::get().str()) + ZqServiceFolder::MOUNTS;
+    const auto countDisks = [&] {
+        return std::distance(fs::directory_iterator(mounts), fs::directory_iterator());
+    };
+    const auto nDisks = countDisks();
     const auto first = start({"mount", stuck, "--quiet"});
+    // Whoever has the number is the first one.
+    ASSERT_TRUE(eventually([&] { return countDisks() > nDisks; }));
     SxProcess second("bash", {"-c", "exec \"$0\" mount \"$1\" 2>\"$2\"", SxString(client), SxString(stuck),
                               SxString(dir.path("told"))});
     second.start();
