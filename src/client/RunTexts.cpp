@@ -42,9 +42,9 @@ SxString phaseText(ZqRun::Phase phase, const ZqFeedStatus& status) {
 
 SxString outageText(const ZqNetOutage& outage) {
     if (outage.ms < 1000) return {};
-    const SxString time = " for " + SxString(outage.ms / 1000) + " s";
-    if (outage.nTries == 0) return time;
-    return ", offline" + time + ", asked " + ZqReadable::counted(outage.nTries, "time", "times");
+    const SxString seconds(outage.ms / 1000);
+    if (outage.nTries == 0) return " for " + seconds + " s";
+    return ", offline for " + seconds + " s, asked " + ZqReadable::counted(outage.nTries, "time", "times");
 }
 
 SxString startText(double seconds, bool isBound) {

@@ -73,7 +73,7 @@ SxException ZqStallWatch::failure() const {
     // How long the server has been silent in all is the link's to tell.
     if (nGot == 0) return SxException(ZqNetLink::UNREACHABLE, "no data", UNIT, __LINE__);
     const SxString got = "only " + SxString(nGot) + " bytes in " +
-                         SxString::sprintf("%g s", static_cast<double>(limitNs / MS) / 1e3);
+                         SxString::sprintf("%g s", static_cast<double>(limitNs) * 1e-9);
     const SxException few(ZqNetLink::UNREACHABLE, got, UNIT, __LINE__);
     return SxException(few, "the answer comes too slowly", UNIT, __LINE__).tagged(ZqTransfer::SLOW);
 }
