@@ -11,7 +11,7 @@ namespace {
 class DoctorVerb : public ClientTest {
 protected:
     struct Line {
-        string state, text, remedy = "";
+        string state, text, remedy;
         bool isNeeded = false;
     };
     /// The lines by their names. `script`: of a shell, in which "$@" is the client's command line.

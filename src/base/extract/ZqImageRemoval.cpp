@@ -89,7 +89,7 @@ void ZqImageRemoval::requireUnused() const {
     try {
         play = ZqImagePlay::find(image);
     } catch (const SxException& e) {
-        // Nobody can play by a note that can't be read, and a damaged image is to go, too.
+        // A damaged image is to go, too. A run's lock and its drive keep one that is played all the same.
         zqLogMsg("base", SxString("ZqImageRemoval: ") + e.what());
     }
     if (play) refuse(image, play->describe() + "; end that first", __LINE__);

@@ -201,7 +201,6 @@ void ZqPatchDownload::fetchLists(const ZqStopTest& stop) {
         requireRecords();
         parts = ZqPatchLists::readParts(work.getCopy(), params, work.getPath());
     } catch (const SxException& e) {
-        if (e.hasTag(ZqNetLink::NOT_FOUND)) throw noPatch(e);
         throw SxException(e, "Cannot fetch the patch at '" + getName() + "'", UNIT, __LINE__);
     }
 }
@@ -272,7 +271,6 @@ void ZqPatchDownload::main() {
     try {
         fetchData([this] { return stopRequested(); });
     } catch (const SxException& e) {
-        if (e.hasTag(ZqNetLink::NOT_FOUND)) throw noPatch(e);
         throw SxException(e, "Cannot fetch the patch at '" + getName() + "'", UNIT, __LINE__);
     }
 }

@@ -98,7 +98,7 @@ protected:
 
 private:
     void run();
-    /// Raises where there can't be a drive.
+    /// Raises where the application can't be started, or there can't be a drive.
     void requireStart();
     /// Takes over the drive and the application that a run which was killed has left, or takes the drive away
     /// where it has no application. Raises where that run's application goes on without its drive.

@@ -59,6 +59,8 @@ TEST(TracePolicy, ACompleteImageIsTracedFiveTimesAndThenEachTenthTime) {
     }
     // An image that arrives is traced by each run, and a wish decides in any case.
     EXPECT_TRUE(image.decide(0, Policy::AsNeeded, false).records);
+    const Policy::Run unable{image.dir.path("image"), "build", true, 100, Policy::AsNeeded, 0, false};
+    EXPECT_FALSE(Policy::decide(unable).records) << "nobody would start a game for that";
     for (const bool isComplete : {true, false}) {
         EXPECT_TRUE(image.decide(0, Policy::Always, isComplete).records);
         EXPECT_FALSE(image.decide(9, Policy::Never, isComplete).records);
