@@ -78,7 +78,12 @@ StopSignals::StopSignals()
 }
 
 StopSignals::~StopSignals() {
-    giveBack(before);
+    if (!hasFinished) giveBack(before);
+}
+
+void StopSignals::finish() {
+    take(actionOf(SIG_IGN, 0));
+    hasFinished = true;
 }
 
 bool StopSignals::isAsked() const {

@@ -35,6 +35,9 @@ public:
     StopSignals& operator=(const StopSignals&) = delete;
 
     bool isAsked() const;
+    /// The work is done: from now on these signals are ignored to the program's end, whose exit code is to
+    /// tell of the work.
+    void finish();
 
     static constexpr std::array<int, 3> SIGNALS = {SIGINT, SIGTERM, SIGHUP};
     using Actions = std::array<struct sigaction, SIGNALS.size()>;
@@ -44,6 +47,7 @@ public:
 
 private:
     const Actions before;
+    bool hasFinished = false;
 };
 
 /// The same signals, while a run goes on: all of them are taken, and a second one changes nothing. One that

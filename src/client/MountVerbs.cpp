@@ -240,7 +240,7 @@ int mount(const MountOptions& options, Output& out) {
     if (const char* given = options.net.findGiven()) {
         throw SxException(SxString(given) + " goes with --url", UNIT, __LINE__);
     }
-    const StopSignals signals;
+    StopSignals signals;
     ZqMountMgr manager;
     if (isMountedWhole(&manager, options.image, signals)) {
         if (!options.mode.isEmpty() || !options.trace.isEmpty() || options.failOnMissing ||
@@ -275,6 +275,7 @@ int mount(const MountOptions& options, Output& out) {
             throw;
         }
     }
+    signals.finish();
     const bool isLayered = !options.noLaunchers && app.access.contains(ZqLaunchCommand::EPIC);
     if (mode == ZqMountMgr::ReadWrite && !isLayered) {
         out.text("Writes go into img.zqf: its digest and patches made for it will no longer fit");
