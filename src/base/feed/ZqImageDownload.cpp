@@ -9,7 +9,6 @@
 #include "ZqImageProgress.h"
 #include "ZqLog.h"
 #include "ZqOrderedDownload.h"
-#include "ZqStartEta.h"
 #include "ZqStartForecast.h"
 
 #include <algorithm>
@@ -176,19 +175,24 @@ void ZqImageDownload::wait() {
 
 /// What the link may carry of the ordered download, bytes a second; 0 where that isn't known.
 double ZqImageDownload::getLinkRate() const {
-    const double rate = link->getFigures().rate;
-    return origin.getRateLimit() > 0 ? std::min(rate, static_cast<double>(origin.getRateLimit())) : rate;
+    const ZqNetFigures now = link->getFigures();
+    const auto limit = static_cast<double>(origin.getRateLimit());
+    // Streams that the limit holds all the time have no rate of their own.
+    return now.isAtLimit || (limit > 0 && now.rate > limit) ? limit : now.rate;
 }
 
-std::optional<double> ZqImageDownload::estimateStart(double rate, bool isAtOnce) const {
+std::optional<ZqStartEta::Point> ZqImageDownload::findStart(double rate, bool isAtOnce) const {
     ZqStartEta eta;
     eta.nThere = progress->getNCurrent();
     eta.rate = rate;
     eta.speed = progress->getAvgSpeed();
     eta.nSeconds = progress->getNSpeeds();
+    const ZqImageProgress::Pass pass = progress->getPass();
+    eta.passSeconds = pass.seconds;
+    eta.nPass = pass.nBytes;
     eta.isAtOnce = isAtOnce;
     eta.wireSize = [this](uint64 from, uint64 to) { return image->wireSize(from, to); };
-    return eta.getSeconds(origin.getApp());
+    return eta.find(origin.getApp());
 }
 
 void ZqImageDownload::addTo(ZqFeedStatus* status) const {

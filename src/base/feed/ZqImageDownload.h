@@ -4,6 +4,7 @@
 #include "ZqFeedJob.h"
 #include "ZqImageOrigin.h"
 #include "ZqServerSilence.h"
+#include "ZqStartEta.h"
 
 #include <memory>
 #include <optional>
@@ -43,8 +44,8 @@ public:
 
     /// Fills in how it stands. What it waits for is the caller's, if that has something to say.
     void addTo(ZqFeedStatus* status) const;
-    /// Seconds until the application may start, where the link brings `rate` bytes a second; see ZqStartEta.
-    std::optional<double> estimateStart(double rate, bool isAtOnce) const;
+    /// When the application may start, where the link brings `rate` bytes a second.
+    std::optional<ZqStartEta::Point> findStart(double rate, bool isAtOnce) const;
 
 private:
     /// From one try of a download that fails to the next at first, doubled each time.

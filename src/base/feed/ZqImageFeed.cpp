@@ -286,7 +286,8 @@ ZqNetOutage ZqImageFeed::getOutage() const {
 
 std::optional<double> ZqImageFeed::estimateStart(double rate, bool isAtOnce) const {
     if (!manager) return 0;
-    return download->estimateStart(rate, isAtOnce);
+    const std::optional<ZqStartEta::Point> start = download->findStart(rate, isAtOnce);
+    return start ? std::optional(start->seconds) : std::nullopt;
 }
 
 double ZqImageFeed::estimateRest(double rate) const {
@@ -302,7 +303,10 @@ ZqStartForecast ZqImageFeed::forecast(double rate) const {
         static_cast<double>(std::max<uint64>(download->getImage()->wireSize(nThere, nTotal), 1));
     const double speed = rate * static_cast<double>(nTotal - nThere) / nWire;
     ZqStartForecast result(getApp(), speed / ZqBlocks::PER_MEGABIT, nThere);
-    if (const std::optional<double> seconds = estimateStart(rate, false)) result.untilSafe = *seconds;
+    if (const auto start = download->findStart(rate, false)) {
+        result.untilSafe = start->seconds;
+        if (start->seconds > 0) result.nInit = static_cast<uint64>(start->size);
+    }
     return result;
 }
 

@@ -123,6 +123,19 @@ int64 ZqImageProgress::getNSpeeds() const {
     return avgSpeed->getN();
 }
 
+ZqImageProgress::Pass ZqImageProgress::getPass() const {
+    SxMutexBlock lock(&countMutex);
+    if (passSinceMs == 0) return {};
+    const double seconds = static_cast<double>(SxClock::get().steadyMs() - passSinceMs) / 1e3;
+    return {seconds, nCurrent - std::min(nPassed, nCurrent)};
+}
+
+void ZqImageProgress::beginPass(uint64 nThere, int64 nowMs) {
+    SxMutexBlock lock(&countMutex);
+    nPassed = nThere;
+    passSinceMs = nowMs;
+}
+
 double ZqImageProgress::getSigmaSpeed() const {
     SxMutexBlock lock(&speedMutex);
     return avgSpeed->getSigma();
@@ -209,6 +222,7 @@ void ZqImageProgress::watch() {
     const uint64 total = getNTotal();
     uint64 previous = file.getSize();
     int64 time = SxClock::get().steadyMs();
+    beginPass(previous, time);
     awaitGrowth(&file);
     while (!stopRequested() && previous < total) {
         // No look here: follow() wouldn't see that growth, and the cursor would stay where it is until the
@@ -224,6 +238,7 @@ void ZqImageProgress::watch() {
         // Also where nothing came: the image may have been mounted since.
         moveCursor(cursorBehind(previous));
         setNCurrent(previous);
+        beginPass(previous, time);
         follow(&file);
     }
     if (stopRequested()) return;

@@ -49,6 +49,12 @@ public:
     double getAvgSpeed() const;
     /// How many passes the mean is of.
     int64 getNSpeeds() const;
+    /// The pass that is under way, which no speed has yet.
+    struct Pass {
+        double seconds = 0; ///< since the last one ended
+        uint64 nBytes = 0;  ///< that have come in it
+    };
+    Pass getPass() const;
     double getSigmaSpeed() const;
     double getGlobalAvgSpeed() const;
     double getGlobalSigmaSpeed() const;
@@ -88,6 +94,7 @@ private:
     void watch();
     void awaitGrowth(File* file);
     void follow(File* file);
+    void beginPass(uint64 nThere, int64 nowMs);
     void takeSample(uint64 nNew, int64 elapsedMs);
     void noteWay(uint64 zqfIdx);
     /// False where the service is silent.
@@ -108,6 +115,8 @@ private:
     uint64 nCurrent0 SX_GUARDED_BY(countMutex) = 0;
     uint64 nCurrent SX_GUARDED_BY(countMutex) = 0;
     uint64 nTotal SX_GUARDED_BY(countMutex);
+    uint64 nPassed SX_GUARDED_BY(countMutex) = 0;    ///< what was there when the last pass ended
+    int64 passSinceMs SX_GUARDED_BY(countMutex) = 0; ///< steady clock; 0 while there is none
 
     mutable SxMutex wayMutex;
     ZqCursorWay way SX_GUARDED_BY(wayMutex);

@@ -23,7 +23,9 @@ double between(double from, double to, double share) {
 } // namespace
 
 std::vector<ZqStartEta::Point> ZqStartEta::draw(uint64 end) const {
-    std::vector<Point> way = {{0, static_cast<double>(nThere)}};
+    const auto size = static_cast<double>(nThere);
+    // What a stretch that packs well has brought counts for the speed when its second ends.
+    std::vector<Point> way = {{-passSeconds, size - static_cast<double>(nPass)}, {0, size}};
     const auto span = static_cast<double>(end - nThere);
     uint64 from = nThere;
     double nWire = 0;
@@ -39,8 +41,9 @@ std::vector<ZqStartEta::Point> ZqStartEta::draw(uint64 end) const {
 
 bool ZqStartEta::isEnough(const ZqAppParams& app, const std::vector<Point>& way, const Point& now) const {
     double mean = rate / ZqBlocks::PER_MEGABIT;
-    if (nSeconds > 0 || now.seconds >= PASS) {
-        const double coming = std::min(now.seconds, WINDOW);
+    const double passed = now.seconds + passSeconds;
+    if (nSeconds > 0 || passed >= PASS) {
+        const double coming = std::min(passed, WINDOW);
         const auto next = std::lower_bound(way.begin(), way.end(), now.seconds - coming,
                                            [](const Point& point, double at) { return point.seconds < at; });
         double nBefore = next->size;
@@ -56,23 +59,28 @@ bool ZqStartEta::isEnough(const ZqAppParams& app, const std::vector<Point>& way,
     return now.size >= static_cast<double>(ZqStartForecast::findInit(app, mean));
 }
 
-std::optional<double> ZqStartEta::getSeconds(const ZqAppParams& app) const {
+std::optional<ZqStartEta::Point> ZqStartEta::find(const ZqAppParams& app) const {
     if (!(rate > 0)) return {};
     const uint64 end = isAtOnce ? std::min(app.sizeMnt, app.sizeZqf) : app.sizeZqf;
-    if (nThere >= end) return 0;
-    if (isAtOnce) return static_cast<double>(wireSize(nThere, end)) / rate + MOUNT;
+    const Point now{0, static_cast<double>(nThere)};
+    if (nThere >= end) return now;
+    if (isAtOnce)
+        return Point{static_cast<double>(wireSize(nThere, end)) / rate + MOUNT, static_cast<double>(end)};
     const std::vector<Point> way = draw(end);
     const auto isPoint = [&](const Point& point) { return isEnough(app, way, point); };
-    const auto found = std::find_if(way.begin(), way.end(), isPoint);
-    if (found == way.begin()) return 0;
+    const auto first = std::next(way.begin());
+    const auto found = std::find_if(first, way.end(), isPoint);
+    if (found == first) return now;
     // Complete, it is enough at any speed.
     const Point right = found == way.end() ? way.back() : *found;
     const Point left = *std::prev(found == way.end() ? std::prev(way.end()) : found);
+    const auto pointAt = [&](double share) {
+        return Point{between(left.seconds, right.seconds, share), between(left.size, right.size, share)};
+    };
     double least = 0, most = 1;
     for (int i = 0; i < N_HALVES; ++i) {
         const double share = (least + most) / 2;
-        const Point point{between(left.seconds, right.seconds, share), between(left.size, right.size, share)};
-        (isPoint(point) ? most : least) = share;
+        (isPoint(pointAt(share)) ? most : least) = share;
     }
-    return between(left.seconds, right.seconds, most);
+    return pointAt(most);
 }

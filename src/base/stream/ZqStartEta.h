@@ -15,22 +15,23 @@ struct ZqStartEta {
     /// Bytes of the wire that bring `img.zqf` from byte `from` to byte `to`.
     using WireSize = std::function<uint64(uint64 from, uint64 to)>;
 
-    uint64 nThere = 0;     ///< bytes of `img.zqf`
-    double rate = 0;       ///< of the link, bytes a second
-    double speed = 0;      ///< of the download so far, megabit per second of `img.zqf`
-    int64 nSeconds = 0;    ///< that `speed` is the mean of
-    bool isAtOnce = false; ///< the start waits for the drive alone; what is told is the most that takes
+    uint64 nThere = 0;      ///< bytes of `img.zqf`
+    double rate = 0;        ///< of the link, bytes a second
+    double speed = 0;       ///< of the download so far, megabit per second of `img.zqf`
+    int64 nSeconds = 0;     ///< that `speed` is the mean of
+    double passSeconds = 0; ///< since these ended
+    uint64 nPass = 0;       ///< bytes of `img.zqf` that have come since then
+    bool isAtOnce = false;  ///< the start waits for the drive alone; what is told is the most that takes
     WireSize wireSize;
 
-    /// Seconds from now on; none where the rate isn't known.
-    std::optional<double> getSeconds(const ZqAppParams& app) const;
-
-private:
-    /// What is there, over the seconds to come.
+    /// What is there, over the seconds from now on, or before now in the pass that is under way.
     struct Point {
         double seconds, size;
     };
+    /// When it may start, and what is there then; none where the rate isn't known.
+    std::optional<Point> find(const ZqAppParams& app) const;
 
+private:
     std::vector<Point> draw(uint64 end) const;
     bool isEnough(const ZqAppParams& app, const std::vector<Point>& way, const Point& now) const;
 };

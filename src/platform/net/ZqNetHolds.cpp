@@ -15,6 +15,8 @@ constexpr int64 MAX_SHORT_QUIET_NS = 60 * MS;
 constexpr int64 HASTENED_NS = 100 * MS;
 /// What the rate limit lets an ordered stream make up for after a pause.
 constexpr int64 CREDIT_NS = 100 * MS;
+/// Longer than a piece takes at any limit that is of use.
+constexpr int64 AT_LIMIT_NS = 1000 * MS;
 
 } // namespace
 
@@ -37,6 +39,11 @@ void ZqNetHolds::noteTaken(int64 n, int64 nowNs) {
     if (limit <= 0.) return;
     const double costNs = static_cast<double>(n) / limit * 1e9;
     limitedUntilNs = std::max(limitedUntilNs, nowNs - CREDIT_NS) + static_cast<int64>(costNs);
+    if (limitedUntilNs > nowNs) atLimitUntilNs.store(limitedUntilNs + AT_LIMIT_NS);
+}
+
+bool ZqNetHolds::isAtLimit(int64 nowNs) const noexcept {
+    return rateLimit.load() > 0. && nowNs < atLimitUntilNs.load();
 }
 
 bool ZqNetHolds::mustHold(Kind kind, const WireTest& isOnTheWire, int64 nowNs) const {

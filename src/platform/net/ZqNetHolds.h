@@ -7,8 +7,8 @@
 
 /// When what yields on a link, ordered streams and what is fetched ahead, is held: for requests that go
 /// first, for a while after those on demand, and for the rate limit. setRateLimit(), getRateLimit(),
-/// hasten() and share() are safe from any thread, the rest belongs to the network thread; times are those of
-/// the steady clock.
+/// isAtLimit(), hasten() and share() are safe from any thread, the rest belongs to the network thread; times
+/// are those of the steady clock.
 class ZqNetHolds {
 public:
     using Kind = ZqTransfer::Kind;
@@ -20,6 +20,8 @@ public:
     /// Bytes per second of all that yields; 0 for no limit.
     void setRateLimit(double bytesPerSecond) { rateLimit.store(bytesPerSecond); }
     double getRateLimit() const noexcept { return rateLimit.load(); }
+    /// Whether the link has brought more of late than the rate limit lets pass.
+    bool isAtLimit(int64 nowNs) const noexcept;
     /// Somebody waits for the ordered streams, up to a moment from now.
     void hasten(int64 nowNs);
     /// Whether ordered streams may use the link as long as requests that go first have no answer yet.
@@ -38,6 +40,7 @@ private:
     std::atomic<double> rateLimit{0.};
     std::atomic<bool> shared{false};
     std::atomic<int64> hastenedUntilNs{0};
+    std::atomic<int64> atLimitUntilNs{0};
     int64 quietUntilNs = 0; ///< the ordered streams are held until then for the next on-demand request
     int64 quietSinceNs = 0; ///< when that began
     int64 quietBudgetNs = QUIET_BUDGET_NS;

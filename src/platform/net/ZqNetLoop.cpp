@@ -66,6 +66,7 @@ ZqNetLink::Figures ZqNetLoop::getFigures() const {
     figures.nRequests = nRequests.load();
     figures.roundTripUs = pace.getRoundTripUs();
     figures.rate = pace.getRate();
+    figures.isAtLimit = holds.isAtLimit(nowNs());
     figures.tripBytes = pace.getTripBytes();
     return figures;
 }

@@ -24,36 +24,47 @@ TEST(StartEta, IsWhatASimulatedDownloadTakes) {
     struct Case {
         const char* name;
         double rate;  ///< of the link, bytes a second
-        double ratio; ///< bytes of the wire for each of the image, in its first tenth; elsewhere the half
+        double ratio; ///< bytes of the wire for each of the image, in its first tenth
+        double later; ///< and elsewhere
+        double asked; ///< seconds after the begin, before the first speed
     };
-    for (const Case& c : {Case{"slow", 0.6e6, 1}, Case{"slower", 0.45e6, 0.9}, Case{"slowest", 0.1e6, 1},
-                          Case{"faster than play", 2e6, 1}}) {
+    for (const Case& c : {Case{"slow", 0.6e6, 1, 0.5, 0}, Case{"slower", 0.45e6, 0.9, 0.45, 0},
+                          Case{"slowest", 0.1e6, 1, 0.5, 0}, Case{"faster than play", 2e6, 1, 0.5, 0},
+                          Case{"packs well at first", 0.6e6, 0.03, 1, 0.7}}) {
         SCOPED_TRACE(c.name);
         const ZqAppParams app = steadyApp();
         const auto wireTo = [&](uint64 to) {
             const uint64 first = std::min(to, 10 * MB);
             return static_cast<uint64>(c.ratio * static_cast<double>(first) +
-                                       c.ratio / 2 * static_cast<double>(to - first));
+                                       c.later * static_cast<double>(to - first));
         };
         const auto wireSize = [&](uint64 from, uint64 to) { return wireTo(to) - wireTo(from); };
-        const ZqStartEta eta{0, c.rate, 0, 0, false, wireSize};
+        const auto sizeAfter = [&](double seconds, uint64 from) {
+            while (from < app.sizeZqf && static_cast<double>(wireTo(from)) < c.rate * seconds)
+                from += 10'000;
+            return from;
+        };
+        const uint64 nAsked = sizeAfter(c.asked, 0);
+        const ZqStartEta eta{nAsked, c.rate, 0, 0, c.asked, nAsked, false, wireSize};
         // The rule that the start goes by, each second, with the mean of the last ten.
         std::vector<uint64> there = {0};
         double seconds = 0;
         for (uint64 size = 0; seconds == 0; there.push_back(size)) {
-            while (size < app.sizeZqf &&
-                   static_cast<double>(wireTo(size)) < c.rate * static_cast<double>(there.size()))
-                size += 10'000;
+            size = sizeAfter(static_cast<double>(there.size()), size);
             const size_t n = std::min<size_t>(there.size(), 10);
             const double mean =
                 static_cast<double>(size - there[there.size() - n]) / static_cast<double>(n) * 8e-6;
             if (size >= ZqStartForecast::findInit(app, mean)) seconds = static_cast<double>(there.size());
         }
-        EXPECT_NEAR(eta.getSeconds(app).value_or(-1), seconds, std::max(1.0, seconds * 0.1));
+        const auto start = eta.find(app);
+        ASSERT_TRUE(start);
+        EXPECT_NEAR(c.asked + start->seconds, seconds, std::max(1.0, seconds * 0.1));
+        const auto size = static_cast<double>(there.back());
+        EXPECT_NEAR(start->size, size, std::max(size * 0.1, c.rate)) << "within a second";
     }
-    EXPECT_FALSE(ZqStartEta().getSeconds(steadyApp())) << "without a rate";
-    ZqStartEta atOnce{0, 0.5e6, 0, 0, true, [](uint64 from, uint64 to) { return to - from; }};
-    EXPECT_EQ(atOnce.getSeconds(steadyApp()), 3) << "with the mount";
+    EXPECT_FALSE(ZqStartEta().find(steadyApp())) << "without a rate";
+    ZqStartEta atOnce{0, 0.5e6, 0, 0, 0, 0, true, [](uint64 from, uint64 to) { return to - from; }};
+    EXPECT_EQ(atOnce.find(steadyApp()).value().seconds, 3) << "with the mount";
 }
 
 TEST(StartForecast, WhatTheProfileTellsOfIsEnoughWithoutAServer) {

@@ -76,3 +76,20 @@ TEST_F(NetHolds, WhoAsksWithoutEndDoesntKeepTheStreamBack) {
     EXPECT_LT(heldNs, 10'000 * MS + 3000 * 5 * TRIP * 2 / 3);
     EXPECT_GT(heldNs, 10'000 * MS);
 }
+
+TEST_F(NetHolds, ALinkIsAtTheLimitWhereItBringsMore) {
+    constexpr int64 LIMIT = 1'000'000; // bytes a second
+    holds.setRateLimit(LIMIT);
+    const auto take = [&](int64 perSecond) {
+        for (int i = 0; i < 50; ++i, now += 20 * MS) {
+            if (!isHeld(Kind::Ordered)) holds.noteTaken(perSecond / 50, now);
+        }
+    };
+    take(LIMIT * 9 / 10);
+    EXPECT_FALSE(holds.isAtLimit(now));
+    take(LIMIT * 3);
+    EXPECT_TRUE(holds.isAtLimit(now));
+    now += 3000 * MS;
+    take(LIMIT * 9 / 10);
+    EXPECT_FALSE(holds.isAtLimit(now)) << "the link has become slower";
+}
