@@ -30,7 +30,7 @@ CORE_MATTERS = set(
     stop_token thread""".split()
 )
 # What a terminal program needs of the system: its descriptors, signals, the terminal and its size.
-CLIENT_SYSTEM = {"fcntl.h", "signal.h", "sys/ioctl.h", "termios.h", "unistd.h"}
+CLIENT_SYSTEM = {"fcntl.h", "poll.h", "signal.h", "sys/ioctl.h", "termios.h", "unistd.h"}
 
 # Slow to compile, and replaceable as long as one file knows them.
 ONE_FILE_ONLY = {

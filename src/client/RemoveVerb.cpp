@@ -1,4 +1,5 @@
 #include "App.h"
+#include "Job.h"
 #include "Verbs.h"
 
 #include <tavrin/ZqImageRemoval.h>
@@ -6,10 +7,13 @@
 
 #include <cstdio>
 #include <iostream>
+#include <poll.h>
 #include <string>
 #include <unistd.h>
 
 namespace {
+
+constexpr int LOOK_MS = 200;
 
 struct RemoveOptions {
     SxString image;
@@ -36,8 +40,17 @@ SxList<SxString> describe(const ZqImageRemoval& removal, bool isWithSaves) {
     return lines;
 }
 
+/// A signal that wants the command to end is a no.
 bool isYes() {
+    const StopSignals signals;
     std::fputs("Remove it? [y/N] ", stderr);
+    pollfd input = {STDIN_FILENO, POLLIN, 0};
+    while (!signals.isAsked() && ::poll(&input, 1, LOOK_MS) <= 0)
+        continue;
+    if (signals.isAsked()) {
+        std::fputs("\n", stderr);
+        return false;
+    }
     std::string answer;
     return std::getline(std::cin, answer) && (answer == "y" || answer == "Y" || answer == "yes");
 }

@@ -75,6 +75,25 @@ TEST_F(RemoveVerb, AnImageGoesAndWhatWasSavedStaysUnlessItIsNamed) {
     EXPECT_FALSE(fs::exists(dir.path("again/app.json")));
 }
 
+TEST_F(RemoveVerb, AGuidThatLeadsElsewhereHasSavedNothing) {
+    const string mine = "prefix/drive_c/users/me/letter",
+                 others = "prefix/drive_c/ProgramData/TAVRIN/other/game";
+    dir.write(mine, "mine");
+    dir.write(others, "saved");
+    for (const string guid : {"", ".", "..", "../../users", "..\\\\..\\\\users", "other/."}) {
+        const string image = makeImage("image");
+        const std::regex own(R"re("guid"\s*:\s*"[^"]*")re");
+        dir.write("image/app.json",
+                  std::regex_replace(dir.read("image/app.json"), own, R"("guid": ")" + guid + '"'));
+        const Outcome info = run({"image", "info", image, "--json"});
+        EXPECT_EQ(info.code, 0) << info.err;
+        EXPECT_THAT(info.out, testing::Not(HasSubstr(dir.path("prefix")))) << guid;
+        const Outcome removed = run({"remove", image, "--yes", "--saves"});
+        EXPECT_EQ(removed.code, 0) << guid << removed.err;
+        EXPECT_TRUE(fs::exists(dir.path(mine)) && fs::exists(dir.path(others))) << guid;
+    }
+}
+
 TEST_F(RemoveVerb, WhatIsNoImageOfOnesOwnIsRefused) {
     const string image = makeImage("home/me/image");
     fs::create_symlink(image, dir.path("link"));

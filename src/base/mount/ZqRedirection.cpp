@@ -16,11 +16,7 @@ constexpr const char* UNIT = "src/base/ZqRedirection";
 constexpr const char* PRIVATE_SIDE = "C:/ProgramData/TAVRIN/";
 
 void requireName(const SxString& guid) {
-    const std::string& text = guid.str();
-    if (!text.empty() && text != "." && text != ".." &&
-        text.find_first_of(std::string_view("/\\:\0", 4)) == std::string::npos) {
-        return;
-    }
+    if (ZqRedirection::isName(guid)) return;
     throw SxException("The guid '" + guid.makeVisible() + "' of app.json is no plain name", UNIT, __LINE__);
 }
 
@@ -158,6 +154,12 @@ private:
 };
 
 } // namespace
+
+bool ZqRedirection::isName(const SxString& guid) {
+    const std::string& text = guid.str();
+    return !text.empty() && text != "." && text != ".." &&
+           text.find_first_of(std::string_view("/\\:\0", 4)) == std::string::npos;
+}
 
 ZqRedirection::ZqRedirection(const ZqAppParams& app)
     : directory(PRIVATE_SIDE + app.guid),

@@ -16,6 +16,8 @@ public:
     /// entry is empty, absolute, or holds a drive letter, "..", a comma (which separates the names in the
     /// guard's list) or a NUL. Backslashes become slashes.
     explicit ZqRedirection(const ZqAppParams& app);
+    /// Whether a guid is a plain name, as that of every application with a private side is.
+    static bool isName(const SxString& guid);
 
     struct Item {
         SxString name; ///< relative to the protected folder, with slashes only
@@ -23,7 +25,7 @@ public:
     };
 
     bool isEmpty() const noexcept { return folders.isEmpty() && files.isEmpty(); }
-    /// The private side of the application.
+    /// The private side of the application; of no meaning where its guid isn't a plain name.
     const SxString& getDirectory() const noexcept { return directory; }
     /// All names, folders first, joined by commas, as the guard takes them.
     SxString getNames() const;

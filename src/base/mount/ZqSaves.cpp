@@ -28,6 +28,8 @@ uint64 sizeBelow(const SxString& folder) {
 } // namespace
 
 std::optional<ZqSaves> ZqSaves::of(const ZqAppParams& app) {
+    // A record without names to redirect may have any guid, and one that leads elsewhere has saved nothing.
+    if (!ZqRedirection::isName(app.guid)) return std::nullopt;
     ZqSaves saves;
     // As people know it, and not by the link of the drive's letter.
     const SxFileInfo folder(ZqRedirection(app).getDirectory());
