@@ -1,6 +1,5 @@
 #include "ZqServerMeans.h"
 
-#include "ZqImageAccess.h"
 #include "ZqImageAddress.h"
 #include "ZqImageFiles.h"
 #include "ZqImageRecords.h"
@@ -17,19 +16,25 @@ constexpr const char* ASK = "tell whoever runs the server";
 /// A record is smaller.
 constexpr int64 MAX_RECORD = 1 << 20;
 
+/// The proxy on the way to the server, or what names it; empty without one.
+SxString proxyTo(const SxString& url, const ZqNetAccess& access) {
+    const SxString proxy = access.proxyFor(url);
+    if (!proxy.isEmpty()) return proxy == ZqNetAccess::DIRECT ? "" : ZqNetAccess::withoutPassword(proxy);
+    const char* variable =
+        ZqNetAccess::proxyVariable(url.changeCase(false).startsWith("https:") ? "https" : "http");
+    return variable ? variable : "";
+}
+
 /// Whether the server itself has answered, as far as a failure tells.
-bool hasAnswered(const SxException& why, const ZqNetAccess& access) {
+bool hasAnswered(const SxException& why, bool isDirect) {
     for (const char* tag : {ZqNetLink::NOT_FOUND, ZqNetLink::WRONG, ZqNetLink::CHANGED}) {
         if (why.hasTag(tag)) return true;
     }
-    const bool isDirect = access.proxy == ZqNetAccess::DIRECT ||
-                          (access.proxy.isEmpty() && ZqImageAccess::proxyVariable() == nullptr);
     return isDirect && why.hasTag(ZqNetLink::REFUSED);
 }
 
 /// `why`: why the server gives no image; none where it does.
-ZqMeans getCertificate(const SxString& url, const std::optional<SxException>& why,
-                       const ZqNetAccess& access) {
+ZqMeans getCertificate(const SxString& url, const std::optional<SxException>& why, bool isDirect) {
     if (!url.changeCase(false).startsWith("https://")) {
         return {"certificate", false, false,
                 "The address isn't one of https, so nobody vouches for the server",
@@ -47,7 +52,7 @@ ZqMeans getCertificate(const SxString& url, const std::optional<SxException>& wh
     if (why && why->hasTag(ZqNetLink::MISDATED))
         return fault("The server's certificate has expired, or isn't valid yet by the clock of this machine",
                      SxString("set the clock of this machine right, or ") + ASK);
-    if (!why || hasAnswered(*why, access)) {
+    if (!why || hasAnswered(*why, isDirect)) {
         return {"certificate",
                 true,
                 true,
@@ -132,8 +137,10 @@ private:
 
 SxList<ZqMeans> ZqServerMeans::look(const std::function<bool()>& stop) {
     const auto link = SxPtr<ZqNetLink>::create(access);
+    const SxString proxy = proxyTo(url, access);
+    const SxString wrong = proxy.isEmpty() ? "the address" : "the address or the proxy (" + proxy + ")";
     const ZqMeans none{"server", false, true, "The server gives no image",
-                       "put the address right, or tell whoever gave it to you"};
+                       "put " + wrong + " right, or tell whoever gave it to you"};
     ZqAppParams app;
     std::optional<SxException> why;
     ZqMeans server = ZqMeans::tried({"server", true, true, {}, {}}, none, [&] {
@@ -147,8 +154,9 @@ SxList<ZqMeans> ZqServerMeans::look(const std::function<bool()>& stop) {
     });
     sizeZqf = app.sizeZqf;
     if (server.isThere)
-        server.text = ZqUrlText::of(url) + " has an image of " + ZqReadable::megabytes(sizeZqf);
-    SxList<ZqMeans> all = {server, getCertificate(url, why, access)};
+        server.text =
+            ZqUrlText::of(url) + " has an image of " + ZqReadable::bytes(static_cast<double>(sizeZqf));
+    SxList<ZqMeans> all = {server, getCertificate(url, why, proxy.isEmpty())};
     if (!server.isThere) return all;
     const Files files(link, url, headers, stop);
     all << files.getRecords(app.sizeIdx);

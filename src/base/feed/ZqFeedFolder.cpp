@@ -45,7 +45,8 @@ void ZqFeedFolder::requireFolder() const {
 bool ZqFeedFolder::take(const ZqStopTest& stop) {
     requireFolder();
     // What the image or the settings name may be wrong where nobody is asked.
-    ZqNetAccess{settings.access.trustFile.value_or(SxString()), settings.access.proxy.value_or(SxString())}
+    ZqNetAccess{
+        settings.access.trustFile.value_or(SxString()), settings.access.proxy.value_or(SxString()), {}}
         .check();
     made = SxPtr<ZqNewFolder>::create(settings.image);
     growth = ZqImageLock::take(settings.image, ZqImageLock::Growth, ZqImageLock::Exclusive, settings.job);

@@ -42,6 +42,7 @@ ZqImageAccess::ZqImageAccess(const ZqStreamRecord& record, const ZqAccessWish& w
     : trustSource(choose(wish.trustFile, record.trustFile, trustVariable(), wish.settings.trustFile,
                          &access.trustFile)),
       proxySource(choose(wish.proxy, record.proxy, proxyVariable(), wish.settings.proxy, &access.proxy)) {
+    if (proxySource == Source::Environment) access.spareProxy = wish.settings.proxy;
     // A note has no password; the settings may have it.
     if (proxySource == Source::Note && access.proxy == ZqNetAccess::withoutPassword(wish.settings.proxy))
         access.proxy = wish.settings.proxy;

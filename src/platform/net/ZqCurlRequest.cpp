@@ -43,14 +43,14 @@ ZqCurlRequest::ZqCurlRequest(const ZqTransfer::Request& request, const ZqNetSett
     curl_easy_setopt(handle, CURLOPT_PIPEWAIT, place.mayShare ? 1L : 0L);
     curl_easy_setopt(handle, CURLOPT_BUFFERSIZE, bufferSize);
     if (request.fresh) curl_easy_setopt(handle, CURLOPT_FRESH_CONNECT, 1L);
-    setAccess(settings);
+    setAccess(settings, request.url);
     if (!request.range.isEmpty()) curl_easy_setopt(handle, CURLOPT_RANGE, request.range.ascii());
     setHeaders(request);
 }
 
 /// What isn't set here libcurl takes from the environment: `https_proxy`, `http_proxy`, `all_proxy`,
 /// `no_proxy`.
-void ZqCurlRequest::setAccess(const ZqNetSettings& settings) {
+void ZqCurlRequest::setAccess(const ZqNetSettings& settings, const SxString& url) {
     CURL* handle = easy.get();
     const ZqNetAccess& access = settings.access;
     if (!access.trustFile.isEmpty()) {
@@ -65,8 +65,9 @@ void ZqCurlRequest::setAccess(const ZqNetSettings& settings) {
         curl_easy_setopt(handle, CURLOPT_CAPATH, settings.trustFolder.ascii());
         curl_easy_setopt(handle, CURLOPT_PROXY_CAPATH, settings.trustFolder.ascii());
     }
-    if (access.proxy.isEmpty()) return;
-    curl_easy_setopt(handle, CURLOPT_PROXY, access.proxy == ZqNetAccess::DIRECT ? "" : access.proxy.ascii());
+    const SxString proxy = access.proxyFor(url);
+    if (proxy.isEmpty()) return;
+    curl_easy_setopt(handle, CURLOPT_PROXY, proxy == ZqNetAccess::DIRECT ? "" : proxy.ascii());
 }
 
 void ZqCurlRequest::setHeaders(const ZqTransfer::Request& request) {

@@ -44,7 +44,7 @@ private:
     };
     static constexpr size_t ERROR_SIZE = 256; ///< what libcurl writes into
 
-    void setAccess(const ZqNetSettings& settings);
+    void setAccess(const ZqNetSettings& settings, const SxString& url);
     void setHeaders(const ZqTransfer::Request& request);
 
     std::unique_ptr<curl_slist, FreeList> headers;

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <cstdlib>
 #include <optional>
 #include <string_view>
 
@@ -102,6 +103,23 @@ bool ZqNetAccess::isProxyFault(const SxString& proxy) {
     const auto url = parse(proxy);
     return !url || std::find(SCHEMES.begin(), SCHEMES.end(), url->scheme) == SCHEMES.end() ||
            url->host.empty();
+}
+
+const char* ZqNetAccess::proxyVariable(const SxString& scheme) {
+    // As libcurl has it: a server could set HTTP_PROXY by a header of a request to it.
+    const bool isTls = scheme == "https";
+    for (const char* name : {isTls ? "https_proxy" : "http_proxy", isTls ? "HTTPS_PROXY" : "http_proxy",
+                             "all_proxy", "ALL_PROXY"}) {
+        const char* value = std::getenv(name); // NOLINT(concurrency-mt-unsafe): nobody here sets any
+        if (value && *value) return name;
+    }
+    return nullptr;
+}
+
+SxString ZqNetAccess::proxyFor(const SxString& url) const {
+    if (!proxy.isEmpty() || spareProxy.isEmpty()) return proxy;
+    const auto parts = ZqUrlParts::of(url.str());
+    return parts && !proxyVariable(SxString(parts->scheme)) ? spareProxy : SxString();
 }
 
 SxString ZqNetAccess::withoutPassword(const SxString& proxy) {

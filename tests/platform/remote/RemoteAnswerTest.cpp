@@ -433,6 +433,28 @@ TEST(RemoteFileProxy, isToldAsWhoRefuses) {
     }
 }
 
+TEST(RemoteFileProxy, thatOfTheSettingsHoldsWhereTheEnvironmentNamesNone) {
+    const ScriptedServer proxy([](const std::string&) {
+        return std::string("HTTP/1.1 403 No\r\nConnection: close\r\nContent-Length: 0\r\n\r\n");
+    });
+    ZqNetSettings settings = quickSettings();
+    settings.access.spareProxy = SxString(proxy.url());
+    const auto count = [&] {
+        const auto file =
+            FilePtr::create(SxPtr<ZqNetLink>::create(settings), SxString("http://example.test/f"));
+        exceptionOf([&] { file->get(10); });
+        return proxy.requests().size();
+    };
+    ::setenv("https_proxy", "http://127.0.0.1:1", 1);
+    EXPECT_EQ(count(), 1u);
+    ::setenv("all_proxy", "http://127.0.0.1:1", 1);
+    EXPECT_EQ(count(), 1u);
+    ::unsetenv("all_proxy");
+    settings.access.proxy = "http://127.0.0.1:1";
+    EXPECT_EQ(count(), 1u);
+    ::unsetenv("https_proxy");
+}
+
 TEST(RemoteFileSecrets, areSentAndNotTold) {
     const std::string data(100, 'x');
     std::atomic<bool> isGone{false};
