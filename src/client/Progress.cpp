@@ -13,7 +13,7 @@
 namespace {
 constexpr int64 PLAIN_INTERVAL_NS = 2'000'000'000;
 constexpr int64 MIN_BAR = 10, MAX_BAR = 40;
-/// A line that isn't drawn has at least so many columns; its numbers take at most so many.
+/// A line for a file or a pipe has at least so many columns; its numbers take at most so many.
 constexpr int64 PLAIN_WIDTH = 79, NUMBERS_WIDTH = 68;
 constexpr double SMOOTHING_SECONDS = 3;
 
@@ -64,7 +64,9 @@ void Progress::update(uint64 nCurrent, uint64 nTotal) {
         drawn = true;
     } else if (style == Plain && nowNs - lastLineNs >= PLAIN_INTERVAL_NS) {
         // A file or a pipe has no width, and what is cut there is lost.
-        const int64 width = std::max(PLAIN_WIDTH, label.makeVisible().getSize() + NUMBERS_WIDTH);
+        const int64 width = ::isatty(STDERR_FILENO) != 0
+                                ? terminalWidth() - 1
+                                : std::max(PLAIN_WIDTH, label.makeVisible().getSize() + NUMBERS_WIDTH);
         std::fputs((formatLine(label, nCurrent, nTotal, speedText(), seconds, width) + "\n").ascii(), stderr);
         lastLineNs = nowNs;
     }

@@ -73,9 +73,9 @@ SxList<SxException> writeFiles(const ZqRun& job, const RunOptions& options) {
 }
 
 /// What has ended the run is told, too: the last failure is the verb's, unless the run has one.
-void tellUnwritten(const ZqRun& job, const SxList<SxException>& failures) {
+void tellUnwritten(bool hasFailed, const SxList<SxException>& failures) {
     for (const SxException& e : failures) {
-        if (!job.hasException() && &e == &failures.last()) throw SxException(e);
+        if (!hasFailed && &e == &failures.last()) throw SxException(e);
         Output::failure(e.toString(SxException::ShowMessage, ": "));
     }
 }
@@ -147,7 +147,9 @@ void tellEnd(const ZqRun& job, const RunOptions& options, const GameOutput& game
             "A process still had files of the drive open when it was taken away; what it wrote after "
             "that is lost");
     }
-    if (!result.unwritten.isEmpty()) Output::failure(result.unwritten);
+    // Of a run that was refused the reason tells all.
+    if (!result.unwritten.isEmpty() && (result.wasStarted || !job.hasException()))
+        Output::failure(result.unwritten);
     if (!result.unsent.isEmpty()) {
         Output::failure("Not all reports of runs could be sent: " + result.unsent);
     }
@@ -185,8 +187,9 @@ int run(const RunOptions& options, Output& out) {
     // Before all texts: a terminal that is gone, or stands still, costs no files.
     const SxList<SxException> unwritten = writeFiles(job, options);
     tellEnd(job, options, gameOutput, &out);
-    tellUnwritten(job, unwritten);
-    if (job.hasException() && !isEndedByPlayer(job)) raiseHinted(job.getException());
+    const bool hasFailed = job.hasException() && !isEndedByPlayer(job);
+    tellUnwritten(hasFailed, unwritten);
+    if (hasFailed) raiseHinted(job.getException());
     return ExitSuccess;
 }
 

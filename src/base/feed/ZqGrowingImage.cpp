@@ -71,6 +71,10 @@ void ZqGrowingImage::requireRoom(const SxString& who, uint64 nNeeded, const SxSt
 
 void ZqGrowingImage::lookForRoom() {
     // What is kept beside the image goes as the image grows.
+    if (isComplete()) {
+        nShort = 0;
+        return;
+    }
     const uint64 nThere = size() + ZqStretchStore::sizeIn(image);
     nShort = reserve.getMissing(total - std::min(total, nThere));
 }
@@ -93,7 +97,7 @@ SxPtr<ZqFWriter> ZqGrowingImage::getWriter() const {
 ZqGrowingImage::Writing ZqGrowingImage::keepWriter() {
     const SxPtr<ZqFWriter> now = getWriter();
     const int64 nowNs = SxClock::get().steadyNs();
-    if (nowNs - roomNs >= ROOM_LOOK_NS) {
+    if (nowNs - roomNs >= ROOM_LOOK_NS || isComplete()) {
         roomNs = nowNs;
         lookForRoom();
     }
@@ -137,6 +141,7 @@ void ZqGrowingImage::watchWriter(const ZqFWriter& of, const SxString& roomLine) 
 bool ZqGrowingImage::replaceWriter(ZqFWriter* old) {
     nTries = size() > triedSize ? 0 : nTries + 1;
     triedSize = size();
+    lookForRoom();
     old->wait();
     // A quota, say, shows as room.
     if (nTries >= WRITER_TRIES && old->hasFailure()) {

@@ -214,7 +214,15 @@ void ZqRunDrive::watch() {
 
 void ZqRunDrive::lookAtHeldReads() {
     ZqDiskStatus disk;
-    if (ZqVolume::findDisk(image, &disk)) held->look(disk);
+    if (!ZqVolume::findDisk(image, &disk)) return;
+    held->look(disk);
+    noteWaits(disk);
+}
+
+void ZqRunDrive::noteWaits(const ZqDiskStatus& disk) {
+    // Not of another drive of the image.
+    if (disk.nWaits < before.n || disk.heldMs < before.ms) return;
+    readWaits = {earlier.n + disk.nWaits - before.n, earlier.ms + disk.heldMs - before.ms};
 }
 
 void ZqRunDrive::takeHeldReads() {
@@ -301,9 +309,7 @@ void ZqRunDrive::endOnce(bool keep) {
     }
     note(disk);
     traced = disk.monitored;
-    // Not of another drive of the image.
-    if (disk.nWaits >= before.n && disk.heldMs >= before.ms)
-        readWaits = {disk.nWaits - before.n, disk.heldMs - before.ms};
+    noteWaits(disk);
     if (keep) {
         mountPath = disk.mountPath;
     } else {

@@ -72,8 +72,10 @@ public:
         uint64 n = 0;  ///< reads
         uint64 ms = 0; ///< for how long, all together
     };
-    /// Meaningful once the drive has been taken away; none where it had gone before.
+    /// As far as was seen; all of them once the drive has been taken away. None where it was never seen.
     const std::optional<Waits>& getWaits() const { return readWaits; }
+    /// Adds those that a run which was killed had noted of its application.
+    void addWaits(const Waits& noted) { earlier = noted; }
     /// Whether the drive still recorded into a trace then.
     bool wasTraced() const { return traced; }
     /// The drive's letter, where a runner has taken it and it couldn't be put back; else empty.
@@ -87,6 +89,7 @@ private:
     bool removeLeft() const;
     void endOnce(bool keep);
     void note(const ZqDiskStatus& disk);
+    void noteWaits(const ZqDiskStatus& disk);
     void lookAtHeldReads();
     void watchLetter();
 
@@ -101,7 +104,8 @@ private:
     uint64 failedNs = 0; ///< when the disk was made that `failure` is of
     ZqLaunchValues launch;
     SxString lostLetter;
-    Waits before; ///< of the drive that was taken over
+    Waits before;  ///< of the drive when it was taken over
+    Waits earlier; ///< of this run's application before that
     std::optional<Waits> readWaits;
     bool traced = false;
     int64 nPutBack = 0;      ///< how often the letter was put back

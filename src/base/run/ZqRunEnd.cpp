@@ -147,6 +147,7 @@ void ZqRun::goOnWithWaits() {
         held->start(beginNs, SxClock::get().steadyNs());
         return;
     }
+    drive->addWaits({former->accuracy.nWaits.value_or(0), former->accuracy.waitedMs});
     const int64 knownNs = beginNs - formerGapMs * NS_PER_MS;
     const int64 playedMs = former->lengthMs - std::max<int64>(former->startMs, 0);
     held->goOn(beginNs, knownNs - playedMs * NS_PER_MS, knownNs);
@@ -178,6 +179,10 @@ void ZqRun::noteRun() {
     result.info.endErr = true;
     result.info.runTime = (result.lengthMs - std::max<int64>(result.startMs, 0)) / MS_PER_S;
     result.driveFailure = drive->getFailure();
+    if (const auto& waited = drive->getWaits()) {
+        result.accuracy.nWaits = waited->n;
+        result.accuracy.waitedMs = waited->ms;
+    }
     goOn();
     notes->note(result);
     result = before;
