@@ -4,19 +4,22 @@
 #include "ZqBlocks.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace {
 constexpr const char* UNIT = "src/driver/StoredReader";
 } // namespace
 
-StoredReader::StoredReader(const BlockMap& map_, const StoredFile& stored_)
+StoredReader::StoredReader(const BlockMap& map_, const StoredFile& stored_, std::function<void()> look_)
     : ZqBlockReader(SxString(stored_.getPath())),
       map(map_),
-      stored(stored_) {
+      stored(stored_),
+      look(std::move(look_)) {
     size = map.nRaw() * ZqBlocks::SIZE;
 }
 
 void StoredReader::fetchBlock(uint64 rawIdx, uint64 inBlock, char* bytes, uint64 n) {
+    if (look) look();
     const BlockMap::Place at = map.get({rawIdx});
     if (!at.isStored()) {
         std::fill_n(bytes, n, '\0');

@@ -13,8 +13,10 @@
 #include <cerrno>
 #include <csignal>
 #include <fcntl.h>
+#include <linux/magic.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 
 namespace {
@@ -60,6 +62,11 @@ void requireSeen(const StoredFile& stored) {
                       UNIT, __LINE__);
 }
 
+bool isOfProgram(const StoredFile& stored) {
+    struct statfs info = {};
+    return ::fstatfs(stored.getFd(), &info) == 0 && static_cast<uint32>(info.f_type) == FUSE_SUPER_MAGIC;
+}
+
 uint64 sizeOf(const StoredFile& stored) {
     return static_cast<uint64>(stored.getStat().size);
 }
@@ -76,6 +83,8 @@ SxString DirectVolume::whyNot(const VirtualDisk& disk, const SxString& type, boo
     if (disk.isSuspended()) return "it is suspended";
     if (disk.getReads()->hasQACursor()) return "its reads are counted from a place on";
     const SxStat zqf = disk.getStored().getStat();
+    // Its program may give other bytes to the kernel than it gave to whoever checked them.
+    if (isOfProgram(disk.getStored())) return "its file system is that of a program (FUSE)";
     // Such a user couldn't see that the kernel reads the file, which takes its owner's rights.
     if ((zqf.permissions & OTHERS_WRITE) != 0) return "others than its owner may write to its file";
     const auto size = static_cast<uint64>(zqf.size);
@@ -103,10 +112,9 @@ DirectVolume::DirectVolume(const VirtualDisk& disk, const SxString& image, std::
 }
 
 void DirectVolume::fill(const VirtualDisk& disk, const std::function<void()>& look) {
-    StoredReader reader(disk.getMap(), disk.getStored());
+    StoredReader reader(disk.getMap(), disk.getStored(), look);
     ErofsMetadata metadata(&reader, disk.getMap(), sizeOf(disk.getStored()) / ZqBlocks::SIZE);
     int64 at = 0;
-    look();
     metadata.write([&](const std::string& bytes) {
         look();
         const int64 n = static_cast<int64>(bytes.size());

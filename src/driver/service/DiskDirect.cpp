@@ -37,7 +37,7 @@ bool Disk::attachDirect(const SxString& type) {
         why = e.what(); // a library's, for want of memory
     }
     if (why.isEmpty()) return true;
-    driverLog("image " + params.image + " is served by the service: " + why);
+    if (!ending) driverLog("image " + params.image + " is served by the service: " + why);
     if (isDirect) sweep(); // it may have come as far as the mount
     const SxMutexBlock block(&sight);
     isDirect = false;
@@ -63,6 +63,8 @@ void Disk::mountDirect() {
                           __LINE__);
     }
     folder.noteKernel(SxString(facts["names"]));
+    driverLog("image " + params.image + " is served by the kernel, " +
+              (facts["cached"] == "yes" ? "through" : "past") + " the page cache of its file");
     readAhead.begin(SxString(facts["readahead"]), true);
     const SxMutexBlock block(&sight);
     note.readAhead = SxString(facts["readahead"]);
@@ -81,6 +83,7 @@ void Disk::noteDirect() {
     const SxMutexBlock block(&sight);
     note.device = DirectNote::deviceAt(folder.getVolume());
     note.nIncluded = disk.nIncluded();
+    note.params.cursor = disk.getCursor(); // the last blocks may have come while the volume came up
     note.zqf = DirectNote::File::of(disk.getStored().getStat());
     note.idx = stateOfMap();
     note.write(folder.getPath());

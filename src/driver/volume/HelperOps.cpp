@@ -1,5 +1,6 @@
 #include "HelperOps.h"
 
+#include "CacheTrust.h"
 #include "Helper.h"
 #include "LayerIdentity.h"
 #include "Mounts.h"
@@ -146,25 +147,34 @@ void attachFile(const std::string& file, const std::string& folder, const std::s
     setReadAhead(before, kb);
 }
 
+/// Raises where reads of a file can't pass the page cache by. The kernel would read through it then, and say
+/// nothing.
+void requireDirectReads(const std::string& path) {
+    const int fd = ::open(path.c_str(), O_RDONLY | O_DIRECT | O_CLOEXEC);
+    if (fd < 0) fail("The image's file takes no direct reads", errno);
+    ::close(fd);
+}
+
 void attachDirect(const SxList<SxString>& words) {
     const std::string &folder = words(1).str(), &kb = words(2).str();
-    const std::set<std::string> before = namesIn(BDI);
     const std::string metadata = "/proc/self/fd/" + std::to_string(Helper::FIRST_FILE);
-    // Without it the kernel would mount all the same, and read the blocks from the metadata.
-    const std::string device = "device=/proc/self/fd/" + std::to_string(Helper::FIRST_FILE + 1);
-    const auto mountWith = [&](const std::string& options) {
-        const int result = ::mount(metadata.c_str(), folder.c_str(), "erofs",
-                                   MS_NOSUID | MS_NODEV | MS_RDONLY, options.c_str());
-        return result == 0 ? 0 : errno;
-    };
-    int error = words(3) == "uncached" ? mountWith(device + ",directio") : EINVAL;
-    if (error == EINVAL) error = mountWith(device);
+    const std::string blocks = "/proc/self/fd/" + std::to_string(Helper::FIRST_FILE + 1);
+    const bool isCached = words(3) == "cached" && CacheTrust::isEarned(Helper::FIRST_FILE);
+    if (!isCached) requireDirectReads(blocks);
+    const std::set<std::string> before = namesIn(BDI);
+    // Without the device the kernel would mount all the same, and read the blocks from the metadata.
+    const std::string options = "device=" + blocks + (isCached ? "" : ",directio");
+    const int error = ::mount(metadata.c_str(), folder.c_str(), "erofs", MS_NOSUID | MS_NODEV | MS_RDONLY,
+                              options.c_str()) == 0
+                          ? 0
+                          : errno;
     if (error == ENOTBLK || error == ENODEV) {
         HelperOps::tell("unable", SxOs::errorText(error).str());
         return;
     }
     if (error != 0) fail("The kernel doesn't take the image", error);
     HelperOps::tell("names", setReadAhead(before, kb));
+    HelperOps::tell("cached", isCached ? "yes" : "no");
 }
 
 void attach(const SxList<SxString>& words) {
