@@ -5,7 +5,6 @@
 #include "DriverLog.h"
 #include "Helper.h"
 #include "Mounts.h"
-#include "Service.h"
 #include "SxException.h"
 #include "SxFSAction.h"
 #include "SxFileIO.h"
@@ -16,6 +15,7 @@
 
 namespace {
 
+constexpr const char* UNIT = "src/driver/Leftovers";
 constexpr int64 SWEEP_MS = 10'000;
 /// How long a mount may still take whose service was killed; its disk may be stuck.
 constexpr int64 MOUNTING_MS = 3000;
@@ -36,30 +36,16 @@ SxString imageOf(const SxString& disk) {
     return SxFSAction::test_f(file) ? SxFileIO::readUtf8(file) : SxString();
 }
 
-/// Gives whether programs used one of their volumes.
-bool removeDisks(const SxString& folder, std::vector<std::filesystem::path> disks) {
-    driverLog("removes what a former service left in " + SxString(mountsOf(folder)));
-    std::erase_if(disks, [](const std::filesystem::path& disk) {
-        if (DiskFolder::Mounting::awaitEnd(SxString(disk.string()), MOUNTING_MS)) return false;
-        driverLog("something is still being mounted in " + SxString(disk.string()) + ", which is left");
-        return true;
-    });
-    SxList<SxString> images, written;
-    bool busy = false;
-    for (const auto& disk : disks) {
-        const Helper::Facts facts = Helper::run({"sweep", SxString(disk.string())}, SWEEP_MS, nullptr);
-        busy = busy || facts.count("busy") != 0;
-        const SxString image = imageOf(SxString(disk.string()));
-        if (image.isEmpty()) continue;
-        images.append(image);
-        if (SxFSAction::test_f(SxString((disk / ZqServiceFolder::WRITTEN).string())))
-            written.append(images.last());
-    }
-    // Before the removal, after which nobody would know of them.
-    Service::noteLeft(folder, images, written);
-    for (const auto& disk : disks)
-        DiskFolder(SxString(disk.string())).remove();
-    return busy;
+/// Gives whether programs used its volume. Raises where it can't be removed; then it stays.
+bool removeDisk(const SxString& disk, const Leftovers::Note& note) {
+    if (!DiskFolder::Mounting::awaitEnd(disk, MOUNTING_MS))
+        throw SxException("A mount that a former service has begun hasn't ended", UNIT, __LINE__);
+    const Helper::Facts facts = Helper::run({"sweep", disk}, SWEEP_MS, nullptr);
+    const SxString image = imageOf(disk);
+    // Before the removal, after which nobody would know of it.
+    if (!image.isEmpty()) note(image, SxFSAction::test_f(disk + "/" + ZqServiceFolder::WRITTEN));
+    DiskFolder(disk).remove();
+    return facts.count("busy") != 0;
 }
 
 /// None where nothing is mounted that the kernel serves.
@@ -96,7 +82,8 @@ Leftovers::Disks Leftovers::findServed(const SxString& folder) {
     return disks;
 }
 
-void Leftovers::sweep(const SxString& root, const SxString& folder, const Disks& kept) {
+Leftovers::Disks Leftovers::sweep(const SxString& root, const SxString& folder, const Disks& kept,
+                                  const Note& note) {
     const std::string mounts = mountsOf(folder);
     SxList<SxString> volumes;
     for (const auto& [id, disk] : kept)
@@ -109,11 +96,26 @@ void Leftovers::sweep(const SxString& root, const SxString& folder, const Disks&
     for (const auto& disk : std::filesystem::directory_iterator(mounts, error)) {
         if (kept.count(idOf(disk.path())) == 0) disks.push_back(disk.path());
     }
-    if (!disks.empty()) removeDisks(folder, disks);
+    Disks left;
+    for (const auto& path : disks) {
+        const SxString disk(path.string());
+        driverLog("removes what a former service left in '" + disk + "'");
+        try {
+            removeDisk(disk, note);
+        } catch (const SxException& e) {
+            // One disk that is stuck keeps nobody from the drives of others.
+            Found found{Found::Unfit, {}, e.toString(SxException::ShowMessage, ": ")};
+            driverLog("'" + disk + "' stays: " + found.why);
+            found.note.params.image = imageOf(disk);
+            if (!found.note.params.image.isEmpty()) left.emplace(idOf(path), found);
+        }
+    }
+    return left;
 }
 
-bool Leftovers::remove(const SxString& root, const SxString& folder, uint64 deviceId) {
-    const std::filesystem::path disk = mountsOf(folder) + "/" + std::to_string(deviceId);
-    DriveLetter::removeBelow(root, SxString(disk.string() + "/"), {});
-    return removeDisks(folder, {disk});
+bool Leftovers::remove(const SxString& root, const SxString& folder, uint64 deviceId, const Note& note) {
+    const SxString disk(mountsOf(folder) + "/" + std::to_string(deviceId));
+    driverLog("removes what a former service left in '" + disk + "'");
+    DriveLetter::removeBelow(root, disk + "/", {});
+    return removeDisk(disk, note);
 }

@@ -2,6 +2,7 @@
 
 #include "DirectNote.h"
 
+#include <functional>
 #include <map>
 
 /// What a service that was killed has left below the service's folder, for the next one before that serves:
@@ -29,10 +30,12 @@ using Disks = std::map<uint64, Found>;
 
 /// Lists those disks.
 Disks findServed(const SxString& folder);
-/// Removes all but `kept`, and notes whose images that were. Raises where a mount can't be taken away.
-void sweep(const SxString& root, const SxString& folder, const Disks& kept);
+/// Told of each image whose disk is about to go, and whether programs may have written to that.
+using Note = std::function<void(const SxString& image, bool isWritten)>;
+/// Removes all but `kept`. Gives those that can't be removed now, as from a disk that is stuck.
+Disks sweep(const SxString& root, const SxString& folder, const Disks& kept, const Note& note);
 /// Removes one disk, and gives whether programs used its volume, which was detached all the same. Raises
-/// likewise.
-bool remove(const SxString& root, const SxString& folder, uint64 deviceId);
+/// where that can't be done, or a mount of it hasn't ended.
+bool remove(const SxString& root, const SxString& folder, uint64 deviceId, const Note& note);
 
 } // namespace Leftovers

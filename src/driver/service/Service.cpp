@@ -95,19 +95,14 @@ void Service::refuseOwn(const SxString& path) const {
     }
 }
 
-void Service::noteLeft(const SxString& folder, const SxList<SxString>& images,
-                       const SxList<SxString>& written) {
+void Service::noteLeft(const SxString& folder, const SxString& image, bool isWritten) {
     const SxString file = folder + ZqServiceFolder::LEFT;
     SxList<SxString> all;
     if (SxFSAction::test_f(file)) all = SxFileIO::readUtf8(file).tokenize('\n');
-    const auto add = [&](const SxString& line) {
-        if (!all.contains(line)) all.append(line);
-    };
-    for (const SxString& image : images)
-        add(image);
-    for (const SxString& image : written)
-        add(WRITTEN_MARK + image);
-    if (!images.isEmpty()) SxFileIO::writeAtomic(file, SxString::join(all, "\n"), 0600);
+    const SxString mark = WRITTEN_MARK + image;
+    if (!all.contains(image)) all.append(image);
+    if (isWritten && !all.contains(mark)) all.append(mark);
+    SxFileIO::writeAtomic(file, SxString::join(all, "\n"), 0600);
 }
 
 /// Takes the image from the list of those that were left; gives what that said.
@@ -136,7 +131,7 @@ Service::Left Service::takeLeft(const SxString& image) {
 
 void Service::noteLost(const SxString& image) {
     const SxMutexBlock block(&leftFile);
-    noteLeft(folder, {image}, {image});
+    noteLeft(folder, image, true);
 }
 
 /// A device id that is taken until the end of the scope.
@@ -381,6 +376,13 @@ void Service::loadDisks() {
 void Service::reset() {
     const std::vector<Loss> losses = ejectAll();
     cacheSize = 0;
+    Leftovers::Disks left;
+    {
+        const SxMutexBlock block(&mutex);
+        left = lefts;
+    }
+    for (const auto& [id, each] : left)
+        removeAllLeft(each.note.params.image);
     if (losses.empty()) return;
     // The first is told now, the others to whoever asks next.
     {

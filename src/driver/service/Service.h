@@ -30,12 +30,11 @@ public:
     /// Carries out one request. Gives the body of the answer; raises where the request fails.
     /// `peer` is the client's process id.
     std::string handle(unsigned kind, const std::string& body, int64 peer);
-    /// Adds to the list of images whose drives a killed service left. It is a file in `folder`, so that an
-    /// `umount` of them still reverts the registry, whoever has started a service meanwhile. `written`: those
-    /// of them whose drives may have lost what programs wrote; whoever asks for such an image first is told,
+    /// Adds an image to the list of those whose drives a killed service left. That is a file in `folder`, so
+    /// that an `umount` of it still reverts the registry, whoever has started a service meanwhile.
+    /// `isWritten`: its drive may have lost what programs wrote; whoever asks for the image first is told,
     /// once.
-    static void noteLeft(const SxString& folder, const SxList<SxString>& images,
-                         const SxList<SxString>& written);
+    static void noteLeft(const SxString& folder, const SxString& image, bool isWritten);
     /// Regular work, about every 100 ms. Disks do theirs by themselves.
     void tick();
     /// Whether it has a disk, or is making one or taking one over.

@@ -177,8 +177,11 @@ bool Service::removeLeft(uint64 deviceId) {
     if (!given) return false;
     Found& left = *given;
     try {
-        const SxMutexBlock block(&leftFile);
-        return Leftovers::remove(root, folder, deviceId);
+        // The removal may wait for a disk that is stuck.
+        return Leftovers::remove(root, folder, deviceId, [this](const SxString& image, bool isWritten) {
+            const SxMutexBlock block(&leftFile);
+            noteLeft(folder, image, isWritten);
+        });
     } catch (const SxException& e) {
         left.kind = Found::Unfit;
         left.why = e.toString(SxException::ShowMessage, ": ");

@@ -115,8 +115,10 @@ void takeLifeLock(const SxString& folder) {
 int serve(const SxString& root, const SxString& folder, int readyFd) {
     try {
         takeLifeLock(folder);
-        const Leftovers::Disks served = Leftovers::findServed(folder);
-        Leftovers::sweep(root, folder, served);
+        Leftovers::Disks served = Leftovers::findServed(folder);
+        served.merge(Leftovers::sweep(root, folder, served, [&](const SxString& image, bool isWritten) {
+            Service::noteLeft(folder, image, isWritten);
+        }));
         Service service(root, folder);
         service.takeOver(served);
         ControlServer server(&service, folder.str(), idleMs());
