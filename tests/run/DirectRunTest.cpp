@@ -150,6 +150,14 @@ TEST_F(DirectRun, ACompleteImageHasTheSameFiles) {
     EXPECT_TRUE(isDirect(image, {"--fail-on-missing"}));
 }
 
+TEST_F(DirectRun, AWriteThatItsFileSystemDoesntTakeMarksNoImage) {
+    const Outcome refused = run({"mount", image, "--mode", "rw"});
+    EXPECT_EQ(refused.code, 1);
+    EXPECT_THAT(refused.err, HasSubstr("can't be written to"));
+    EXPECT_FALSE(fs::exists(image + "/stream.json") &&
+                 TempDir::readFile(image + "/stream.json").find("written") != string::npos);
+}
+
 TEST_F(DirectRun, TheServiceServesWhatTheKernelCant) {
     EXPECT_FALSE(isDirect(image, {"--trace", dir.path("trace")}));
     EXPECT_FALSE(isDirect(build("ext4", "ext4")));

@@ -204,7 +204,10 @@ void ZqMountMgr::failOnUnderflow(const SxString& image) const {
 
 void ZqMountMgr::flushTW(const SxString& image) const {
     if (!isMounted(image)) return;
-    ZqStreamRecord::noteWrites(image);
+    // The kernel takes no writes.
+    ZqDiskStatus disk;
+    const bool isServed = !ZqVolume::findDisk(image, &disk) || !disk.isServedByKernel;
+    if (isServed) ZqStreamRecord::noteWrites(image);
     demand("Cannot flush TW layer to image " + image,
            [&] { return zqDriveFlushTWToImage(image.utf16().data()); });
 }

@@ -6,19 +6,23 @@
 #include "SxMd5.h"
 #include "SxSymbol.h"
 #include "ZqAppParams.h"
+#include "ZqBlocks.h"
+#include "ZqDriveMeans.h"
 #include "ZqDriveStatus.h"
 #include "ZqImageFiles.h"
 #include "ZqImageFolder.h"
 #include "ZqImageInfo.h"
 #include "ZqImageLock.h"
+#include "ZqImageParams.h"
 #include "ZqLaunchCommand.h"
 #include "ZqLaunchValues.h"
 #include "ZqMountMgr.h"
 #include "ZqRedirection.h"
 #include "ZqStreamRecord.h"
 #include "ZqTraceParams.h"
-
 #include "ZqVolume.h"
+
+#include <array>
 #include <limits>
 
 namespace {
@@ -47,6 +51,19 @@ void checkSizes(const ZqAppParams& app, uint64 size, uint64 available) {
                               " bytes, expected " + available + " bytes",
                           UNIT, __LINE__);
     }
+}
+
+/// Whether a drive in mode `rw` may come to write into the complete image. One whose file system takes no
+/// writes is refused by the service, and stays as it was.
+bool takesWrites(const SxString& image) {
+    const SxString folder = ZqImageFolder::prefix(image);
+    SxString type = ZqImageParams(folder).volume;
+    if (type.isEmpty()) {
+        std::array<char, ZqBlocks::SIZE> begin{};
+        SxFileIO(folder + ZqImageFiles::ZQF, "rb").readBuffer(begin.data(), begin.size());
+        type = ZqDriveMeans::typeOf({begin.data(), begin.size()});
+    }
+    return !(type == "erofs" || type == "squashfs");
 }
 
 template<class Read>
@@ -184,7 +201,8 @@ SxString ZqMountMgr::mountImageZQF(const MountRequest& request, const SxString& 
             traceFolder.isEmpty() ? ZqTraceParams::Monitoring : ZqTraceParams::stringToMethod(traceMethod);
         checkImage(image, request.sizeRaw, request.cursor, traceFolder);
         // Before the mount, since a file system writes as soon as it comes up.
-        if (request.mode == ReadWrite && ZqImageInfo::isComplete(image)) ZqStreamRecord::noteWrites(image);
+        if (request.mode == ReadWrite && ZqImageInfo::isComplete(image) && takesWrites(image))
+            ZqStreamRecord::noteWrites(image);
         setCacheSize(0);
         mount();
         prepareGuard(image);
