@@ -129,8 +129,10 @@ ZqFigure ZqRunPage::drawDownload() const {
                           ZqReadable::seconds(wait.toMs - wait.fromMs));
     }
     if (result.waits && result.waits->n > 0) {
+        const bool isPart = result.heldReads.size() < result.waits->n;
         figure.keys.push_back({ZqFigure::Band, "wait",
-                               "Waits for data, " + ZqReadable::seconds(result.waits->sumMs) + " in all"});
+                               "Waits for data, " + ZqReadable::seconds(result.waits->sumMs) + " in all" +
+                                   (isPart ? ", of which the longest are drawn" : "")});
     }
     const auto& underflows = result.series.getUnderflows();
     for (const ZqRunSeries::Underflow& underflow : underflows) {
