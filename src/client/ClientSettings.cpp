@@ -76,7 +76,7 @@ private:
 
     /// A path as the user's shell would take it in the folder of the settings.
     SxString path(const SxString& value) const {
-        const std::string given = value.str();
+        const std::string& given = value.str();
         const char* home = std::getenv("HOME");
         if (given.starts_with("~/") && home) return SxString(home + given.substr(1));
         const bool isAbsolute = given.starts_with("/") || (given.size() > 1 && given[1] == ':');

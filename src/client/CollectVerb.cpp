@@ -126,7 +126,7 @@ const Figure FIGURES[] = {{"Time to start", &ZqFleetGroup::start, duration},
                           {"Time to the first frame", &ZqFleetGroup::frame, duration},
                           {"Underflows", &ZqFleetGroup::underflows, number},
                           {"Growth of the image", &ZqFleetGroup::speed, speed},
-                          {"There at the start", &ZqFleetGroup::prefix, readableBytes}};
+                          {"Needed for the start", &ZqFleetGroup::prefix, readableBytes}};
 
 void tellSpread(const ZqFleetFigures& figures, const Figure& figure, Output* out) {
     if ((figures.all.*figure.spread).n == 0) return;

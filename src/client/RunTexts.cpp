@@ -103,7 +103,7 @@ void tellFigures(const ZqRun::Result& result, Output* out) {
     if (result.firstFrameMs >= 0)
         out->text("  first frame               " + ZqReadable::seconds(result.firstFrameMs));
     if (result.startMs >= 0) {
-        out->text("  there at the start        " + readableBytes(static_cast<double>(info.preloadSize)) +
+        out->text("  needed for the start      " + readableBytes(static_cast<double>(info.preloadSize)) +
                   " of " + readableBytes(static_cast<double>(info.imageSize)));
     }
     out->text("  received                  " + readableBytes(static_cast<double>(result.link.nBytes)) +

@@ -92,7 +92,7 @@ void tellRun(const ZqRunRecord& run, Output* out) {
     if (run.firstWindowMs >= 0) row("first window seen", ZqReadable::seconds(run.firstWindowMs), out);
     if (run.firstFrameMs >= 0) row("first frame", ZqReadable::seconds(run.firstFrameMs), out);
     if (run.startMs >= 0)
-        row("there at the start", bytes(info.preloadSize) + " of " + bytes(info.imageSize), out);
+        row("needed for the start", bytes(info.preloadSize) + " of " + bytes(info.imageSize), out);
     row("received",
         bytes(run.link.nBytes) + (run.image.isPacked ? " (packed)" : "") + ", on demand " +
             bytes(run.link.nOnDemandBytes),

@@ -200,8 +200,13 @@ void ZqFeedFolder::noteUse(bool isDownloaded) const {
     });
 }
 
-void ZqFeedFolder::openRest(const SxPtr<ZqNetLink>& link, const ZqStopTest& stop) {
-    if (link) ZqImageRecords(link, settings.image, url, settings.headers).fetchRest(getApp(), stop);
+void ZqFeedFolder::openRest(const SxPtr<ZqNetLink>& link, std::atomic<uint64>* mapLeft,
+                            const ZqStopTest& stop) {
+    if (link) {
+        ZqImageRecords records(link, settings.image, url, settings.headers);
+        records.setMapLeft(mapLeft);
+        records.fetchRest(getApp(), stop);
+    }
     params = ZqImageParams(filePath(""));
     shape->lower();
 }

@@ -33,8 +33,9 @@ public:
     /// image was left; `isDownloaded`: since it is
     /// about to be written.
     void noteUse(bool isDownloaded) const;
-    /// Fetches the records that are missing, over `link` where that isn't null.
-    void openRest(const SxPtr<ZqNetLink>& link, const ZqStopTest& stop);
+    /// Fetches the records that are missing, over `link` where that isn't null. `mapLeft` is told how much of
+    /// the map is still to come.
+    void openRest(const SxPtr<ZqNetLink>& link, std::atomic<uint64>* mapLeft, const ZqStopTest& stop);
 
     /// The hints of the image's order, of the folder or over `link`; null where there are none. Raises
     /// nothing. From openApp() on, for any thread, but not beside itself.

@@ -181,7 +181,7 @@ double ZqImageDownload::getLinkRate() const {
     return now.isAtLimit || (limit > 0 && now.rate > limit) ? limit : now.rate;
 }
 
-std::optional<ZqStartEta::Point> ZqImageDownload::findStart(double rate, bool isAtOnce) const {
+std::optional<ZqStartEta::Point> ZqImageDownload::findStart(double rate, uint64 nMap, bool isAtOnce) const {
     ZqStartEta eta;
     eta.nThere = progress->getNCurrent();
     eta.rate = rate;
@@ -190,6 +190,7 @@ std::optional<ZqStartEta::Point> ZqImageDownload::findStart(double rate, bool is
     const ZqImageProgress::Pass pass = progress->getPass();
     eta.passSeconds = pass.seconds;
     eta.nPass = pass.nBytes;
+    eta.nMap = nMap;
     eta.isAtOnce = isAtOnce;
     eta.wireSize = [this](uint64 from, uint64 to) { return image->wireSize(from, to); };
     return eta.find(origin.getApp());

@@ -44,8 +44,9 @@ public:
 
     /// Fills in how it stands. What it waits for is the caller's, if that has something to say.
     void addTo(ZqFeedStatus* status) const;
-    /// When the application may start, where the link brings `rate` bytes a second.
-    std::optional<ZqStartEta::Point> findStart(double rate, bool isAtOnce) const;
+    /// When the application may start, where the link brings `rate` bytes a second; `nMap`: bytes of the wire
+    /// that the map still takes.
+    std::optional<ZqStartEta::Point> findStart(double rate, uint64 nMap, bool isAtOnce) const;
 
 private:
     /// From one try of a download that fails to the next at first, doubled each time.

@@ -111,8 +111,10 @@ SxString ZqImageFeed::findVolumeType(const ZqStopTest& stop) const {
 void ZqImageFeed::requireRoom(bool waits) const {
     if (!link) return;
     constexpr const char* REMEDY = "make room there, or name an image folder on another disk";
-    file.requireRoom("A drive", std::min(getApp().sizeMnt, getApp().sizeZqf), REMEDY);
-    if (!waits) return;
+    const bool isWhole = getApp().mountMode == ZqDriveKinds::ReadWrite;
+    file.requireRoom("A drive", isWhole ? getApp().sizeZqf : std::min(getApp().sizeMnt, getApp().sizeZqf),
+                     REMEDY);
+    if (!waits || isWhole) return;
     file.requireRoom("The start", ZqStartForecast(getApp(), FASTEST_MBIT, 0).nInit,
                      SxString(REMEDY) +
                          "; with --now the application starts at once, and plays as far as there is room");
@@ -210,7 +212,7 @@ uint64 ZqImageFeed::countMissing() const {
 }
 
 void ZqImageFeed::fetchRecords(const ZqStopTest& stop) {
-    folder.openRest(link, stop);
+    folder.openRest(link, &mapLeft, stop);
 }
 
 void ZqImageFeed::requireRanges(const ZqStopTest& stop) const {
@@ -286,7 +288,7 @@ ZqNetOutage ZqImageFeed::getOutage() const {
 
 std::optional<double> ZqImageFeed::estimateStart(double rate, bool isAtOnce) const {
     if (!manager) return 0;
-    const std::optional<ZqStartEta::Point> start = download->findStart(rate, isAtOnce);
+    const std::optional<ZqStartEta::Point> start = download->findStart(rate, mapLeft, isAtOnce);
     return start ? std::optional(start->seconds) : std::nullopt;
 }
 
@@ -303,7 +305,7 @@ ZqStartForecast ZqImageFeed::forecast(double rate) const {
         static_cast<double>(std::max<uint64>(download->getImage()->wireSize(nThere, nTotal), 1));
     const double speed = rate * static_cast<double>(nTotal - nThere) / nWire;
     ZqStartForecast result(getApp(), speed / ZqBlocks::PER_MEGABIT, nThere);
-    if (const auto start = download->findStart(rate, false)) {
+    if (const auto start = download->findStart(rate, mapLeft, false)) {
         result.untilSafe = start->seconds;
         if (start->seconds > 0) result.nInit = static_cast<uint64>(start->size);
     }

@@ -9,6 +9,8 @@
 #include "ZqPackedMap.h"
 #include "ZqUrlText.h"
 
+#include <algorithm>
+
 namespace {
 
 constexpr const char* UNIT = "src/base/ZqImageMapFetch";
@@ -47,6 +49,7 @@ void ZqImageMapFetch::main() {
     bool hasPacked = sizeIdx > 0 && sizeIdx % ENTRY == 0, hasPlain = true;
     while (!tryForm(packed, &hasPacked, hasPlain) && !tryForm(plain, &hasPlain, hasPacked)) {
     }
+    if (nLeft) nLeft->store(0);
     removePart(packed);
     removePart(plain);
 }
@@ -138,6 +141,8 @@ void ZqImageMapFetch::download(const Form& form, bool isFresh, bool* isMixed) co
                               UNIT, __LINE__);
         }
         file.writeBuffer(bytes, n);
+        const uint64 total = remote.getSize();
+        if (nLeft && total != ZqRemoteFile::UNKNOWN) nLeft->store(total - std::min(total, size));
         return true;
     };
     const bool isWhole = !form.isPacked && size == form.maxSize;

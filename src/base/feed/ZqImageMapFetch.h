@@ -4,6 +4,8 @@
 #include "ZqAppParams.h"
 #include "ZqRemoteFile.h"
 
+#include <atomic>
+
 /// Brings the map `img.idx` into an image folder from its server, on a thread of its own. A first mount has
 /// to wait for the map, so it comes from `img.idx.zst` where the server has that and it is of this map, else
 /// from `img.idx`. The packed form holds the differences of the map's entries: of these zstd makes a
@@ -18,6 +20,9 @@ public:
     ZqImageMapFetch(const SxPtr<ZqNetLink>& link_, const SxString& folder_, const SxString& url_,
                     const SxArray<SxString>& headers_, const ZqAppParams& app, const ZqStopTest& stop_);
 
+    /// What is told how many bytes of the wire are still to come, as far as the server has told; none where
+    /// it is null. To be called before the start; must outlive the thread.
+    void setLeft(std::atomic<uint64>* left) { nLeft = left; }
     /// Waits for the end, and raises what went wrong.
     void finish();
 
@@ -50,4 +55,5 @@ private:
     const SxString digest; ///< MD5 text of the map; empty where it isn't known
     const ZqStopTest stop;
     const SxPtr<ZqNetRetry> retry; ///< of both forms
+    std::atomic<uint64>* nLeft = nullptr;
 };

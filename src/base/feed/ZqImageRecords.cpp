@@ -340,6 +340,7 @@ void ZqImageRecords::fetchMap(const ZqAppParams& app, const ZqStopTest& stop) co
 void ZqImageRecords::bringMap(const ZqAppParams& known, const ZqStopTest& stop) const {
     if (hasMap(known)) return;
     ZqImageMapFetch fetch(link, folder, address, headers, known, stop);
+    fetch.setLeft(mapLeft);
     fetch.start();
     fetch.finish();
 }

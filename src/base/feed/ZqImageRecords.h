@@ -6,6 +6,7 @@
 #include "ZqRemoteFile.h"
 #include "ZqUrlText.h"
 
+#include <atomic>
 #include <optional>
 
 /// Brings the records of an image (all of its files but `img.zqf`) from its server into its folder. Each is
@@ -33,6 +34,8 @@ public:
     void requireSameOnServer(const ZqAppParams& own, const ZqStopTest& stop) const;
     /// Fetches what else is missing or doesn't fit `app`: `img.json`, `img.idx`, its digest.
     void fetchRest(const ZqAppParams& app, const ZqStopTest& stop);
+    /// Has the fetch of the map tell what is still to come, see ZqImageMapFetch::setLeft().
+    void setMapLeft(std::atomic<uint64>* left) { mapLeft = left; }
     /// The hints of the block order of `app`: those in the folder, or else those that the server has, which
     /// are put there. What the folder has of another order goes. Nothing where the server has none, or where
     /// they can't be used, which is logged. Raises nothing: nobody depends on them. Safe from any thread, but
@@ -83,4 +86,5 @@ private:
     const SxString address; ///< the folder's
     const SxString url;     ///< the same as texts show it
     const SxArray<SxString> headers;
+    std::atomic<uint64>* mapLeft = nullptr;
 };

@@ -31,7 +31,7 @@ struct ZqFleetGroup {
     ZqFleetSpread frame;      ///< ms to its first frame
     ZqFleetSpread underflows; ///< their number
     ZqFleetSpread speed;      ///< of the growth of `img.zqf`, unpacked: mean, megabits per second
-    ZqFleetSpread prefix;     ///< bytes that were there at the start
+    ZqFleetSpread prefix;     ///< bytes that the start needed
 
     int64 nJudged = 0; ///< runs whose order was judged; the following are bytes of all of them together
     double brought = 0, earlyUsed = 0, earlyUnused = 0, read = 0, late = 0;

@@ -58,7 +58,7 @@ SxString ZqFleetPage::toHtml() const {
                                 spreadTable("Time to the first frame", &ZqFleetGroup::frame, duration) +
                                 spreadTable("Underflows of a run", &ZqFleetGroup::underflows, number) +
                                 spreadTable("Growth of the image, Mbit/s", &ZqFleetGroup::speed, decimal) +
-                                spreadTable("There at the start", &ZqFleetGroup::prefix, ZqReadable::bytes) +
+                                spreadTable("Needed for the start", &ZqFleetGroup::prefix, ZqReadable::bytes) +
                                 accuracyTable() + exitTable());
 }
 
@@ -80,7 +80,7 @@ SxString ZqFleetPage::tiles() const {
     html += spreadTile("First frame", all.frame, duration);
     html += spreadTile("Underflows", all.underflows, number);
     html += spreadTile("Download", all.speed, speed);
-    html += spreadTile("There at the start", all.prefix, ZqReadable::bytes);
+    html += spreadTile("Needed for the start", all.prefix, ZqReadable::bytes);
     html += all.nJudged == 0 ? ZqPage::tile("Brought and read", "not known")
                              : ZqPage::tile("Brought and read", percent(all.earlyUsed, all.brought),
                                             percent(all.late, all.read) + " of what was read came late");

@@ -76,7 +76,7 @@ SxString ZqRunPage::tiles() const {
     time("First window", result.firstWindowMs);
     time("Start", result.startMs);
     if (result.startMs >= 0)
-        html += ZqPage::tile("There at the start", bytes(info.preloadSize), "of " + bytes(info.imageSize));
+        html += ZqPage::tile("Needed for the start", bytes(info.preloadSize), "of " + bytes(info.imageSize));
     html +=
         ZqPage::tile("Received", bytes(result.link.nBytes),
                      (result.image.isPacked ? "packed, " : "") + bytes(result.image.nTwice) + " of it twice");
@@ -129,7 +129,7 @@ ZqFigure ZqRunPage::drawDownload() const {
                           ZqReadable::seconds(wait.toMs - wait.fromMs));
     }
     if (result.waits && result.waits->n > 0) {
-        const bool isPart = result.heldReads.size() < result.waits->n;
+        const bool isPart = static_cast<int64>(result.heldReads.size()) < result.waits->n;
         figure.keys.push_back({ZqFigure::Band, "wait",
                                "Waits for data, " + ZqReadable::seconds(result.waits->sumMs) + " in all" +
                                    (isPart ? ", of which the longest are drawn" : "")});

@@ -25,7 +25,8 @@ double between(double from, double to, double share) {
 std::vector<ZqStartEta::Point> ZqStartEta::draw(uint64 end) const {
     const auto size = static_cast<double>(nThere);
     // What a stretch that packs well has brought counts for the speed when its second ends.
-    std::vector<Point> way = {{-passSeconds, size - static_cast<double>(nPass)}, {0, size}};
+    const double mapSeconds = static_cast<double>(nMap) / rate;
+    std::vector<Point> way = {{-passSeconds, size - static_cast<double>(nPass)}, {mapSeconds, size}};
     const auto span = static_cast<double>(end - nThere);
     uint64 from = nThere;
     double nWire = 0;
@@ -33,7 +34,7 @@ std::vector<ZqStartEta::Point> ZqStartEta::draw(uint64 end) const {
         const double share = static_cast<double>(i) / N_POINTS;
         const uint64 to = i == N_POINTS ? end : nThere + static_cast<uint64>(span * share * share);
         nWire += static_cast<double>(wireSize(from, to));
-        way.push_back({nWire / rate, static_cast<double>(to)});
+        way.push_back({mapSeconds + nWire / rate, static_cast<double>(to)});
         from = to;
     }
     return way;
@@ -61,16 +62,20 @@ bool ZqStartEta::isEnough(const ZqAppParams& app, const std::vector<Point>& way,
 
 std::optional<ZqStartEta::Point> ZqStartEta::find(const ZqAppParams& app) const {
     if (!(rate > 0)) return {};
-    const uint64 end = isAtOnce ? std::min(app.sizeMnt, app.sizeZqf) : app.sizeZqf;
-    const Point now{0, static_cast<double>(nThere)};
-    if (nThere >= end) return now;
-    if (isAtOnce)
-        return Point{static_cast<double>(wireSize(nThere, end)) / rate + MOUNT, static_cast<double>(end)};
+    // A drive that may write into the image waits for all of it.
+    const bool isWhole = app.mountMode == ZqDriveKinds::ReadWrite;
+    const uint64 end = isAtOnce && !isWhole ? std::min(app.sizeMnt, app.sizeZqf) : app.sizeZqf;
+    const uint64 nWire = nMap + (nThere < end ? wireSize(nThere, end) : 0);
+    if (nWire == 0) return Point{0, static_cast<double>(nThere)};
+    if (isAtOnce || isWhole || nThere >= end) {
+        return Point{static_cast<double>(nWire) / rate + (isAtOnce ? MOUNT : 0),
+                     static_cast<double>(std::max(nThere, end))};
+    }
     const std::vector<Point> way = draw(end);
     const auto isPoint = [&](const Point& point) { return isEnough(app, way, point); };
     const auto first = std::next(way.begin());
     const auto found = std::find_if(first, way.end(), isPoint);
-    if (found == first) return now;
+    if (found == first) return *first;
     // Complete, it is enough at any speed.
     const Point right = found == way.end() ? way.back() : *found;
     const Point left = *std::prev(found == way.end() ? std::prev(way.end()) : found);

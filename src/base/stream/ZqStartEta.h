@@ -21,6 +21,7 @@ struct ZqStartEta {
     int64 nSeconds = 0;     ///< that `speed` is the mean of
     double passSeconds = 0; ///< since these ended
     uint64 nPass = 0;       ///< bytes of `img.zqf` that have come since then
+    uint64 nMap = 0;        ///< bytes of the wire that the map still takes, beside what comes of the image
     bool isAtOnce = false;  ///< the start waits for the drive alone; what is told is the most that takes
     WireSize wireSize;
 

@@ -97,10 +97,10 @@ TEST(ImageRecords, WhereThereIsNoneTheNextStepIsSaid) {
         {answered("404 None"), "No image at this address"},
         {answered("401 Unauthorized"), "--header"},
     };
-    for (const auto& [response, told] : cases) {
-        const ScriptedServer server([&](const std::string&) { return response; });
+    for (const auto& each : cases) {
+        const ScriptedServer server([&](const std::string&) { return each.first; });
         TempDir dir;
-        EXPECT_THAT(failureOfFetch(dir.prefix(), SxString(server.url())), testing::HasSubstr(told));
+        EXPECT_THAT(failureOfFetch(dir.prefix(), SxString(server.url())), testing::HasSubstr(each.second));
     }
 }
 

@@ -45,7 +45,7 @@ TEST(StartEta, IsWhatASimulatedDownloadTakes) {
             return from;
         };
         const uint64 nAsked = sizeAfter(c.asked, 0);
-        const ZqStartEta eta{nAsked, c.rate, 0, 0, c.asked, nAsked, false, wireSize};
+        const ZqStartEta eta{nAsked, c.rate, 0, 0, c.asked, nAsked, 0, false, wireSize};
         // The rule that the start goes by, each second, with the mean of the last ten.
         std::vector<uint64> there = {0};
         double seconds = 0;
@@ -63,8 +63,19 @@ TEST(StartEta, IsWhatASimulatedDownloadTakes) {
         EXPECT_NEAR(start->size, size, std::max(size * 0.1, c.rate)) << "within a second";
     }
     EXPECT_FALSE(ZqStartEta().find(steadyApp())) << "without a rate";
-    ZqStartEta atOnce{0, 0.5e6, 0, 0, 0, 0, true, [](uint64 from, uint64 to) { return to - from; }};
+    ZqStartEta atOnce{0, 0.5e6, 0, 0, 0, 0, 0, true, [](uint64 from, uint64 to) { return to - from; }};
     EXPECT_EQ(atOnce.find(steadyApp()).value().seconds, 3) << "with the mount";
+    atOnce.nMap = 500'000;
+    EXPECT_EQ(atOnce.find(steadyApp()).value().seconds, 4) << "and with the map";
+    atOnce.nThere = MB;
+    EXPECT_EQ(atOnce.find(steadyApp()).value().seconds, 2) << "which may come last";
+    atOnce.isAtOnce = false;
+    atOnce.nThere = 100 * MB;
+    EXPECT_EQ(atOnce.find(steadyApp()).value().seconds, 1);
+    ZqAppParams written = steadyApp();
+    written.mountMode = ZqDriveKinds::ReadWrite;
+    atOnce.nThere = 90 * MB;
+    EXPECT_EQ(atOnce.find(written).value().seconds, 21) << "all of the image";
 }
 
 TEST(StartForecast, WhatTheProfileTellsOfIsEnoughWithoutAServer) {
