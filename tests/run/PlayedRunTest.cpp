@@ -76,7 +76,11 @@ TEST_F(PlayedDirectRun, ADriveThatCantBeTakenOverIsntTakenFromAGame) {
     const string image = build("playable", "erofs", {"--app", dir.path("template.json")});
     const std::vector<string> play = {"run", image, "--no-trace", "--no-stats"};
     Client player(client, play, dir.path("said"));
-    ASSERT_TRUE(eventually([&] { return fs::exists(pid); })) << player.says();
+    const auto isNoted = [&] {
+        return fs::exists(pid) &&
+               TempDir::readFile(image + "/stream.json").find("\"application\"") != string::npos;
+    };
+    ASSERT_TRUE(eventually(isNoted)) << player.says();
     const ZqDiskStatus disk = statusOf(image);
     player.signal(SIGKILL);
     player.end();
