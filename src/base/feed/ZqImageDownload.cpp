@@ -177,11 +177,13 @@ void ZqImageDownload::wait() {
 double ZqImageDownload::getLinkRate() const {
     const ZqNetFigures now = link->getFigures();
     const auto limit = static_cast<double>(origin.getRateLimit());
+    // What is measured is one stream, and the map's takes as much.
+    const double rate = mapLeft > 0 ? 2 * now.rate : now.rate;
     // Streams that the limit holds all the time have no rate of their own.
-    return now.isAtLimit || (limit > 0 && now.rate > limit) ? limit : now.rate;
+    return now.isAtLimit || (limit > 0 && rate > limit) ? limit : rate;
 }
 
-std::optional<ZqStartEta::Point> ZqImageDownload::findStart(double rate, uint64 nMap, bool isAtOnce) const {
+std::optional<ZqStartEta::Point> ZqImageDownload::findStart(double rate, bool isAtOnce) const {
     ZqStartEta eta;
     eta.nThere = progress->getNCurrent();
     eta.rate = rate;
@@ -190,7 +192,7 @@ std::optional<ZqStartEta::Point> ZqImageDownload::findStart(double rate, uint64 
     const ZqImageProgress::Pass pass = progress->getPass();
     eta.passSeconds = pass.seconds;
     eta.nPass = pass.nBytes;
-    eta.nMap = nMap;
+    eta.nMap = mapLeft;
     eta.isAtOnce = isAtOnce;
     eta.wireSize = [this](uint64 from, uint64 to) { return image->wireSize(from, to); };
     return eta.find(origin.getApp());

@@ -6,6 +6,7 @@
 #include "ZqServerSilence.h"
 #include "ZqStartEta.h"
 
+#include <atomic>
 #include <memory>
 #include <optional>
 
@@ -44,9 +45,10 @@ public:
 
     /// Fills in how it stands. What it waits for is the caller's, if that has something to say.
     void addTo(ZqFeedStatus* status) const;
-    /// When the application may start, where the link brings `rate` bytes a second; `nMap`: bytes of the wire
-    /// that the map still takes.
-    std::optional<ZqStartEta::Point> findStart(double rate, uint64 nMap, bool isAtOnce) const;
+    /// When the application may start, where the link brings `rate` bytes a second.
+    std::optional<ZqStartEta::Point> findStart(double rate, bool isAtOnce) const;
+    /// For whoever brings the map over the same link: bytes of the wire that are still to come.
+    std::atomic<uint64>* getMapLeft() { return &mapLeft; }
 
 private:
     /// From one try of a download that fails to the next at first, doubled each time.
@@ -70,6 +72,7 @@ private:
     const ZqStopTest isStopped;
     SxPtr<ZqImageProgress> progress;
     std::unique_ptr<ZqOrderedDownload> download;
+    std::atomic<uint64> mapLeft{0};
 
     // The keeper's alone.
     std::unique_ptr<ZqFeedJob> versionCheck;

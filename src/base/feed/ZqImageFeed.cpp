@@ -212,7 +212,7 @@ uint64 ZqImageFeed::countMissing() const {
 }
 
 void ZqImageFeed::fetchRecords(const ZqStopTest& stop) {
-    folder.openRest(link, &mapLeft, stop);
+    folder.openRest(link, download ? download->getMapLeft() : nullptr, stop);
 }
 
 void ZqImageFeed::requireRanges(const ZqStopTest& stop) const {
@@ -288,7 +288,7 @@ ZqNetOutage ZqImageFeed::getOutage() const {
 
 std::optional<double> ZqImageFeed::estimateStart(double rate, bool isAtOnce) const {
     if (!manager) return 0;
-    const std::optional<ZqStartEta::Point> start = download->findStart(rate, mapLeft, isAtOnce);
+    const std::optional<ZqStartEta::Point> start = download->findStart(rate, isAtOnce);
     return start ? std::optional(start->seconds) : std::nullopt;
 }
 
@@ -305,7 +305,7 @@ ZqStartForecast ZqImageFeed::forecast(double rate) const {
         static_cast<double>(std::max<uint64>(download->getImage()->wireSize(nThere, nTotal), 1));
     const double speed = rate * static_cast<double>(nTotal - nThere) / nWire;
     ZqStartForecast result(getApp(), speed / ZqBlocks::PER_MEGABIT, nThere);
-    if (const auto start = download->findStart(rate, mapLeft, false)) {
+    if (const auto start = download->findStart(rate, false)) {
         result.untilSafe = start->seconds;
         if (start->seconds > 0) result.nInit = static_cast<uint64>(start->size);
     }

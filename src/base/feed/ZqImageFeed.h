@@ -143,7 +143,6 @@ private:
     std::unique_ptr<ZqFeedJob> keeper;
     std::unique_ptr<ZqFeedJob> hints; ///< fetches them, so that nothing waits for that
     std::atomic<bool> stopping{false}, settled{false};
-    std::atomic<uint64> mapLeft{0};    ///< bytes of the wire
     std::atomic<bool> isCutOff{false}; ///< the server has another version, and nothing is taken from it
 
     mutable SxMutex mutex;
