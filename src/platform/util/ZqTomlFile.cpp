@@ -48,6 +48,21 @@ int64 findDeepKey(std::string_view text) {
     }
     return 0;
 }
+
+/// The library's test for white space has no answer for the code points from U+FB26 to U+FEFE (forms of
+/// letters that people don't type), so whatever the compiler made of it would happen. Gives the first line
+/// with one; 0 for none. `text` is UTF-8.
+int64 findFormOfLetter(std::string_view text) {
+    int64 line = 1;
+    for (size_t i = 0; i < text.size(); ++i) {
+        if (text[i] == '\n') ++line;
+        if (text[i] != '\xEF' || i + 2 >= text.size()) continue;
+        const unsigned code = 0xF000u | (static_cast<unsigned char>(text[i + 1]) & 0x3Fu) << 6 |
+                              (static_cast<unsigned char>(text[i + 2]) & 0x3Fu);
+        if (code >= 0xFB26 && code < 0xFEFF) return line;
+    }
+    return 0;
+}
 } // namespace
 
 std::vector<ZqTomlFile::Entry> ZqTomlFile::read(const SxString& file, int64 maxBytes) {
@@ -57,6 +72,8 @@ std::vector<ZqTomlFile::Entry> ZqTomlFile::read(const SxString& file, int64 maxB
 std::vector<ZqTomlFile::Entry> ZqTomlFile::parse(const SxString& text, const SxString& file) {
     if (const int64 line = findDeepKey(text.str()); line != 0)
         refuse(file, line, "has a key of too many parts");
+    if (const int64 line = findFormOfLetter(text.str()); line != 0)
+        refuse(file, line, "has a letter that isn't taken here");
     std::vector<Entry> entries;
     try {
         const toml::table table = toml::parse(std::string_view(text.str()));
