@@ -104,6 +104,10 @@ void ScriptedServer::main() {
         if (::poll(&waiting, 1, 10) <= 0) continue;
         const int client = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
         const std::string request = receive(client);
+        if (request.empty()) { // whoever connected has gone before asking
+            ::close(client);
+            continue;
+        }
         {
             SxMutexBlock lock(&mutex);
             seen.push_back(request);
