@@ -82,6 +82,7 @@ TEST_F(SettingsTest, whatIsWrongIsTheFileWithItsLine) {
         {"rate = \n", "line 1: "},
         {"[;.b]\n", "line 1: "},
         {"notify = true\n\xef\xb3\xbf = 1\n", "line 2: has a letter"},
+        {"# \xc3\xa9\nrate = \xc3\xa9\n", "line 2: has a letter"},
         {"rate = 1\n[" + dotted, "line 2: "},
         {dotted + " = 1\n", "line 1: "},
         {string("proxy = \"\xff\"\n"), "line 1: "},

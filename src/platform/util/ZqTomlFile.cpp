@@ -10,6 +10,8 @@
 #include <toml++/toml.h>
 
 #include <algorithm>
+#include <optional>
+#include <string_view>
 
 namespace {
 constexpr const char* UNIT = "src/platform/util/ZqTomlFile";
@@ -24,44 +26,46 @@ ZqTomlFile::Entry entryOf(const toml::key& key, const toml::node& node) {
     return entry;
 }
 
-/// The library makes a table of each part of a key, without a limit, and destroys them one within the other:
-/// so a long key takes all of the stack. Gives the first line with one; 0 for none.
-int64 findDeepKey(std::string_view text) {
+struct Fault {
+    int64 line;
+    const char* why;
+};
+
+/// What the library doesn't survive. It makes a table of each part of a key, without a limit, and destroys
+/// them one within the other: so a long key takes all of the stack. Its test for white space has no answer
+/// for many code points beyond ASCII, so whatever the compiler made of it would happen; texts in quotes and
+/// comments aren't tested.
+std::optional<Fault> findFault(std::string_view text) {
     constexpr int MOST_PARTS = 64;
-    int64 line = 1;
+    constexpr std::string_view BOM = "\xEF\xBB\xBF";
+    Fault fault{1, nullptr};
     int nDots = 0;
     char quote = 0;
-    for (size_t i = 0; i < text.size(); ++i) {
+    bool isComment = false;
+    for (size_t i = text.starts_with(BOM) ? BOM.size() : 0; i < text.size(); ++i) {
         const char c = text[i];
         if (c == '\n') {
-            ++line;
+            ++fault.line;
             nDots = 0;
             quote = 0;
+            isComment = false;
+        } else if (isComment) {
+            continue;
         } else if (quote != 0) {
             if (c == quote) quote = 0;
-            if (c == '\\' && quote == '"') ++i;
+            if (c == '\\' && quote == '"' && text.substr(i + 1, 1) != "\n") ++i;
         } else if (c == '"' || c == '\'') {
             quote = c;
+        } else if (c == '#') {
+            isComment = true;
+        } else if (static_cast<unsigned char>(c) >= 0x80) {
+            fault.why = "has a letter outside of quotes that isn't one of ASCII";
         } else if (c == '.' && ++nDots >= MOST_PARTS) {
-            return line;
+            fault.why = "has a key of too many parts";
         }
+        if (fault.why) return fault;
     }
-    return 0;
-}
-
-/// The library's test for white space has no answer for the code points from U+FB26 to U+FEFE (forms of
-/// letters that people don't type), so whatever the compiler made of it would happen. Gives the first line
-/// with one; 0 for none. `text` is UTF-8.
-int64 findFormOfLetter(std::string_view text) {
-    int64 line = 1;
-    for (size_t i = 0; i < text.size(); ++i) {
-        if (text[i] == '\n') ++line;
-        if (text[i] != '\xEF' || i + 2 >= text.size()) continue;
-        const unsigned code = 0xF000u | (static_cast<unsigned char>(text[i + 1]) & 0x3Fu) << 6 |
-                              (static_cast<unsigned char>(text[i + 2]) & 0x3Fu);
-        if (code >= 0xFB26 && code < 0xFEFF) return line;
-    }
-    return 0;
+    return {};
 }
 } // namespace
 
@@ -70,10 +74,7 @@ std::vector<ZqTomlFile::Entry> ZqTomlFile::read(const SxString& file, int64 maxB
 }
 
 std::vector<ZqTomlFile::Entry> ZqTomlFile::parse(const SxString& text, const SxString& file) {
-    if (const int64 line = findDeepKey(text.str()); line != 0)
-        refuse(file, line, "has a key of too many parts");
-    if (const int64 line = findFormOfLetter(text.str()); line != 0)
-        refuse(file, line, "has a letter that isn't taken here");
+    if (const auto fault = findFault(text.str())) refuse(file, fault->line, fault->why);
     std::vector<Entry> entries;
     try {
         const toml::table table = toml::parse(std::string_view(text.str()));
