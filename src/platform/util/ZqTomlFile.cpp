@@ -33,37 +33,39 @@ struct Fault {
 
 /// What the library doesn't survive. It makes a table of each part of a key, without a limit, and destroys
 /// them one within the other: so a long key takes all of the stack. Its test for white space has no answer
-/// for many code points beyond ASCII, so whatever the compiler made of it would happen; texts in quotes and
-/// comments aren't tested.
+/// for many code points beyond ASCII, so whatever the compiler made of it would happen. Comments aren't
+/// tested, and neither is a text in quotes right after "="; where other quotes stand, it may be elsewhere.
 std::optional<Fault> findFault(std::string_view text) {
     constexpr int MOST_PARTS = 64;
     constexpr std::string_view BOM = "\xEF\xBB\xBF";
     Fault fault{1, nullptr};
     int nDots = 0;
     char quote = 0;
-    bool isComment = false;
+    bool isComment = false, isAtValue = false, hasValue = false;
     for (size_t i = text.starts_with(BOM) ? BOM.size() : 0; i < text.size(); ++i) {
         const char c = text[i];
         if (c == '\n') {
             ++fault.line;
             nDots = 0;
             quote = 0;
-            isComment = false;
+            isComment = isAtValue = hasValue = false;
         } else if (isComment) {
             continue;
         } else if (quote != 0) {
             if (c == quote) quote = 0;
             if (c == '\\' && quote == '"' && text.substr(i + 1, 1) != "\n") ++i;
-        } else if (c == '"' || c == '\'') {
+        } else if (isAtValue && (c == '"' || c == '\'')) {
             quote = c;
         } else if (c == '#') {
             isComment = true;
         } else if (static_cast<unsigned char>(c) >= 0x80) {
-            fault.why = "has a letter outside of quotes that isn't one of ASCII";
+            fault.why = "has a letter that isn't one of ASCII, and not in the quotes of a value";
         } else if (c == '.' && ++nDots >= MOST_PARTS) {
             fault.why = "has a key of too many parts";
         }
         if (fault.why) return fault;
+        isAtValue = (c == '=' && !hasValue) || (isAtValue && (c == ' ' || c == '\t'));
+        hasValue = hasValue || c == '=';
     }
     return {};
 }
