@@ -37,7 +37,8 @@ SxString safeStartText(const ZqStartForecast& forecast) {
 
 SxString earlyStartText(const ZqStartForecast& forecast) {
     SxString text = "started " + whenText(forecast.untilMount) + ", the application ";
-    if (!forecast.isKnown && forecast.untilSafe > 0) return text + "waits for data, nobody knows how often";
+    if (!forecast.isKnown && forecast.untilSafe > forecast.untilMount)
+        return text + "waits for data, nobody knows how often";
     if (forecast.waits.empty()) return text + "waits for no data";
     const ZqStartForecast::Wait& first = forecast.waits.front();
     const size_t n = forecast.waits.size();

@@ -108,14 +108,15 @@ SxString ZqImageFeed::findVolumeType(const ZqStopTest& stop) const {
     return ZqDriveMeans::typeOf({block.data(), block.size()});
 }
 
-void ZqImageFeed::requireRoom(bool waits) const {
+void ZqImageFeed::requireRoom(ZqDriveKinds::MountMode mode, bool waits) const {
     if (!link) return;
     constexpr const char* REMEDY = "make room there, or name an image folder on another disk";
-    const bool isWhole = getApp().mountMode == ZqDriveKinds::ReadWrite;
-    file.requireRoom("A drive", isWhole ? getApp().sizeZqf : std::min(getApp().sizeMnt, getApp().sizeZqf),
-                     REMEDY);
-    if (!waits || isWhole) return;
-    file.requireRoom("The start", ZqStartForecast(getApp(), FASTEST_MBIT, 0).nInit,
+    ZqAppParams app = getApp();
+    app.mountMode = mode;
+    const uint64 forDrive = ZqStartForecast::findDrive(app);
+    file.requireRoom("A drive", forDrive, REMEDY);
+    if (!waits || forDrive >= app.sizeZqf) return;
+    file.requireRoom("The start", ZqStartForecast(app, FASTEST_MBIT, 0).nInit,
                      SxString(REMEDY) +
                          "; with --now the application starts at once, and plays as far as there is room");
 }

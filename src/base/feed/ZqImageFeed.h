@@ -48,9 +48,9 @@ public:
     /// The file system of the image, see ZqDriveMeans::typeOf(), by its first block, for which the server is
     /// asked where it isn't there; empty where that can't be told. Between open() and start().
     SxString findVolumeType(const ZqStopTest& stop) const;
-    /// Raises where the disk lacks room for a drive at least, or, with `waits`, for what a start needs that
-    /// waits until enough is there, however fast the download. Between open() and start().
-    void requireRoom(bool waits) const;
+    /// Raises where the disk lacks room for a drive of that mode at least, or, with `waits`, for what a start
+    /// needs that waits until enough is there, however fast the download. Between open() and start().
+    void requireRoom(ZqDriveKinds::MountMode mode, bool waits) const;
     /// Begins to download. A complete image has nothing to download, but it is compared with its digest where
     /// no run has done that to the end.
     void start();

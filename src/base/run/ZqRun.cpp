@@ -198,7 +198,7 @@ void ZqRun::requireStart() {
     if (isPlay()) ZqStartCheck::require(settings, feed->getApp());
     const SxString type = ZqDriveMeans().isRoot() ? SxString() : feed->findVolumeType(waits->test());
     ZqStartCheck::requireDrive(feed->getApp(), type, feed->isComplete());
-    feed->requireRoom(isPlay() && !settings.startsAtOnce);
+    feed->requireRoom(drive->mode(), isPlay() && !settings.startsAtOnce);
 }
 
 bool ZqRun::adopt() {

@@ -34,6 +34,11 @@ uint64 ZqStartForecast::findInit(const ZqAppParams& app, double speedMbit) {
     return withLeast(app, app.getNInit(speedMbit));
 }
 
+uint64 ZqStartForecast::findDrive(const ZqAppParams& app) {
+    if (app.mountMode == ZqDriveKinds::ReadWrite) return app.sizeZqf;
+    return std::min(app.sizeMnt, app.sizeZqf);
+}
+
 uint64 ZqStartForecast::findAll(const ZqAppParams& app) {
     if (app.minBandwidth > 0 || app.loadprofile.isEmpty()) return app.sizeZqf;
     return withLeast(app, ZqLoadProfilePoint::getNInit(app.loadprofile, 0));
@@ -42,10 +47,11 @@ uint64 ZqStartForecast::findAll(const ZqAppParams& app) {
 ZqStartForecast::ZqStartForecast(const ZqAppParams& app, double speedMbit, uint64 nThere)
     : isKnown(!app.loadprofile.isEmpty()) {
     const double speed = std::max(speedMbit, 0.0), bytesPerSecond = speed * ZqBlocks::PER_MEGABIT;
-    nInit = findInit(app, speed);
+    const uint64 forDrive = findDrive(app);
+    nInit = std::max(findInit(app, speed), forDrive);
     untilSafe = secondsFor(missing(nInit, nThere), bytesPerSecond);
-    untilMount = secondsFor(missing(app.sizeMnt, nThere), bytesPerSecond);
-    if (isKnown) addWaits(app, bytesPerSecond, std::max(app.sizeMnt, nThere));
+    untilMount = secondsFor(missing(forDrive, nThere), bytesPerSecond);
+    if (isKnown) addWaits(app, bytesPerSecond, std::max(forDrive, nThere));
 }
 
 void ZqStartForecast::addWaits(const ZqAppParams& app, double bytesPerSecond, uint64 nAtStart) {

@@ -32,6 +32,8 @@ public:
 
     /// Bytes of `img.zqf` that a start needs at that speed, as ZqImageProgress asks for them.
     static uint64 findInit(const ZqAppParams& app, double speedMbit);
+    /// Bytes of `img.zqf` before which there is no drive: all of them where that may write into the image.
+    static uint64 findDrive(const ZqAppParams& app);
     /// Bytes of `img.zqf` with which a start needs no further ones, and so no server: all that the load
     /// profile tells of. The whole image without a profile, or where the record asks for a least speed.
     static uint64 findAll(const ZqAppParams& app);

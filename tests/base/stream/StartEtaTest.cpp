@@ -76,6 +76,11 @@ TEST(StartEta, IsWhatASimulatedDownloadTakes) {
     written.mountMode = ZqDriveKinds::ReadWrite;
     atOnce.nThere = 90 * MB;
     EXPECT_EQ(atOnce.find(written).value().seconds, 21) << "all of the image";
+    const ZqStartForecast forecast(written, 4, 90 * MB);
+    EXPECT_EQ(forecast.untilSafe, 20);
+    EXPECT_EQ(forecast.untilMount, 20);
+    EXPECT_EQ(forecast.nInit, 100 * MB);
+    EXPECT_TRUE(forecast.waits.empty());
 }
 
 TEST(StartForecast, WhatTheProfileTellsOfIsEnoughWithoutAServer) {
