@@ -177,13 +177,24 @@ void ZqImageDownload::wait() {
 double ZqImageDownload::getLinkRate() const {
     const ZqNetFigures now = link->getFigures();
     const auto limit = static_cast<double>(origin.getRateLimit());
-    // What is measured is one stream, and the map's takes as much.
-    const double rate = mapLeft > 0 ? 2 * now.rate : now.rate;
+    // What is measured is one stream, and the map's takes as much, or all once the image is there.
+    const bool hasTwo = mapLeft > 0 && progress->getNCurrent() < origin.getApp().sizeZqf;
+    const double rate = hasTwo ? 2 * now.rate : now.rate;
     // Streams that the limit holds all the time have no rate of their own.
     return now.isAtLimit || (limit > 0 && rate > limit) ? limit : rate;
 }
 
 std::optional<ZqStartEta::Point> ZqImageDownload::findStart(double rate, bool isAtOnce) const {
+    ZqStartEta eta = makeEta(rate);
+    eta.isAtOnce = isAtOnce;
+    return eta.find(origin.getApp());
+}
+
+double ZqImageDownload::untilDrive(double rate) const {
+    return makeEta(rate).untilDrive(origin.getApp());
+}
+
+ZqStartEta ZqImageDownload::makeEta(double rate) const {
     ZqStartEta eta;
     eta.nThere = progress->getNCurrent();
     eta.rate = rate;
@@ -193,9 +204,8 @@ std::optional<ZqStartEta::Point> ZqImageDownload::findStart(double rate, bool is
     eta.passSeconds = pass.seconds;
     eta.nPass = pass.nBytes;
     eta.nMap = mapLeft;
-    eta.isAtOnce = isAtOnce;
     eta.wireSize = [this](uint64 from, uint64 to) { return image->wireSize(from, to); };
-    return eta.find(origin.getApp());
+    return eta;
 }
 
 void ZqImageDownload::addTo(ZqFeedStatus* status) const {

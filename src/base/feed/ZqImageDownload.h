@@ -47,6 +47,8 @@ public:
     void addTo(ZqFeedStatus* status) const;
     /// When the application may start, where the link brings `rate` bytes a second.
     std::optional<ZqStartEta::Point> findStart(double rate, bool isAtOnce) const;
+    /// Seconds until there is what a drive needs, likewise; `rate` is above 0.
+    double untilDrive(double rate) const;
     /// For whoever brings the map over the same link: bytes of the wire that are still to come.
     std::atomic<uint64>* getMapLeft() { return &mapLeft; }
 
@@ -55,6 +57,7 @@ private:
     static constexpr int64 FIRST_PAUSE_NS = 500'000'000;
 
     double getLinkRate() const;
+    ZqStartEta makeEta(double rate) const;
     void openStore();
     void beginDownload();
     void keepDownload();

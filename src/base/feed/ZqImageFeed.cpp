@@ -308,6 +308,7 @@ ZqStartForecast ZqImageFeed::forecast(double rate) const {
     ZqStartForecast result(getApp(), speed / ZqBlocks::PER_MEGABIT, nThere);
     if (const auto start = download->findStart(rate, false)) {
         result.untilSafe = start->seconds;
+        result.untilMount = download->untilDrive(rate);
         if (start->seconds > 0) result.nInit = static_cast<uint64>(start->size);
     }
     return result;

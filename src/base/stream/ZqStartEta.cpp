@@ -22,19 +22,33 @@ double between(double from, double to, double share) {
 
 } // namespace
 
+/// `nWire` bytes of the image. As long as the map comes, it takes as much of the link as the image does.
+double ZqStartEta::untilCome(uint64 nWire) const {
+    return static_cast<double>(nWire + std::min(nWire, nMap)) / rate;
+}
+
+/// The image goes on beside it, past what the start needs.
+double ZqStartEta::untilMap(const ZqAppParams& app) const {
+    const uint64 nRest = nThere < app.sizeZqf ? wireSize(nThere, app.sizeZqf) : 0;
+    return static_cast<double>(nMap + std::min(nMap, nRest)) / rate;
+}
+
+double ZqStartEta::untilDrive(const ZqAppParams& app) const {
+    const uint64 end = ZqStartForecast::findDrive(app);
+    return std::max(untilMap(app), untilCome(nThere < end ? wireSize(nThere, end) : 0));
+}
+
 std::vector<ZqStartEta::Point> ZqStartEta::draw(uint64 end) const {
     const auto size = static_cast<double>(nThere);
     // What a stretch that packs well has brought counts for the speed when its second ends.
-    const double mapSeconds = static_cast<double>(nMap) / rate;
-    std::vector<Point> way = {{-passSeconds, size - static_cast<double>(nPass)}, {mapSeconds, size}};
+    std::vector<Point> way = {{-passSeconds, size - static_cast<double>(nPass)}, {0, size}};
     const auto span = static_cast<double>(end - nThere);
-    uint64 from = nThere;
-    double nWire = 0;
+    uint64 from = nThere, nWire = 0;
     for (int i = 1; i <= N_POINTS; ++i) {
         const double share = static_cast<double>(i) / N_POINTS;
         const uint64 to = i == N_POINTS ? end : nThere + static_cast<uint64>(span * share * share);
-        nWire += static_cast<double>(wireSize(from, to));
-        way.push_back({mapSeconds + nWire / rate, static_cast<double>(to)});
+        nWire += wireSize(from, to);
+        way.push_back({untilCome(nWire), static_cast<double>(to)});
         from = to;
     }
     return way;
@@ -62,23 +76,24 @@ bool ZqStartEta::isEnough(const ZqAppParams& app, const std::vector<Point>& way,
 
 std::optional<ZqStartEta::Point> ZqStartEta::find(const ZqAppParams& app) const {
     if (!(rate > 0)) return {};
-    // A drive that may write into the image waits for all of it.
-    const bool isWhole = app.mountMode == ZqDriveKinds::ReadWrite;
-    const uint64 end = isAtOnce && !isWhole ? std::min(app.sizeMnt, app.sizeZqf) : app.sizeZqf;
-    const uint64 nWire = nMap + (nThere < end ? wireSize(nThere, end) : 0);
-    if (nWire == 0) return Point{0, static_cast<double>(nThere)};
-    if (isAtOnce || isWhole || nThere >= end) {
-        return Point{static_cast<double>(nWire) / rate + (isAtOnce ? MOUNT : 0),
-                     static_cast<double>(std::max(nThere, end))};
+    const uint64 forDrive = ZqStartForecast::findDrive(app);
+    if (isAtOnce || std::max(nThere, forDrive) >= app.sizeZqf) {
+        const double seconds = untilDrive(app);
+        return Point{seconds + (isAtOnce && seconds > 0 ? MOUNT : 0),
+                     static_cast<double>(std::max(nThere, forDrive))};
     }
-    const std::vector<Point> way = draw(end);
-    const auto isPoint = [&](const Point& point) { return isEnough(app, way, point); };
+    const std::vector<Point> way = draw(app.sizeZqf);
+    const double mapSeconds = untilMap(app);
+    // The start looks once there is a drive, and by then the speed is another one.
+    const auto isPoint = [&](const Point& point) {
+        return point.seconds >= mapSeconds && isEnough(app, way, point);
+    };
     const auto first = std::next(way.begin());
     const auto found = std::find_if(first, way.end(), isPoint);
     if (found == first) return *first;
-    // Complete, it is enough at any speed.
-    const Point right = found == way.end() ? way.back() : *found;
-    const Point left = *std::prev(found == way.end() ? std::prev(way.end()) : found);
+    // The image may be complete before the map is.
+    if (found == way.end()) return Point{std::max(way.back().seconds, mapSeconds), way.back().size};
+    const Point right = *found, left = *std::prev(found);
     const auto pointAt = [&](double share) {
         return Point{between(left.seconds, right.seconds, share), between(left.size, right.size, share)};
     };

@@ -21,7 +21,7 @@ struct ZqStartEta {
     int64 nSeconds = 0;     ///< that `speed` is the mean of
     double passSeconds = 0; ///< since these ended
     uint64 nPass = 0;       ///< bytes of `img.zqf` that have come since then
-    uint64 nMap = 0;        ///< bytes of the wire that the map still takes, beside what comes of the image
+    uint64 nMap = 0;        ///< bytes of the wire that the map still takes, each beside one of the image
     bool isAtOnce = false;  ///< the start waits for the drive alone; what is told is the most that takes
     WireSize wireSize;
 
@@ -31,8 +31,12 @@ struct ZqStartEta {
     };
     /// When it may start, and what is there then; none where the rate isn't known.
     std::optional<Point> find(const ZqAppParams& app) const;
+    /// Seconds until there is what a drive needs, without its mount; the rate must be known.
+    double untilDrive(const ZqAppParams& app) const;
 
 private:
+    double untilCome(uint64 nWire) const;
+    double untilMap(const ZqAppParams& app) const;
     std::vector<Point> draw(uint64 end) const;
     bool isEnough(const ZqAppParams& app, const std::vector<Point>& way, const Point& now) const;
 };

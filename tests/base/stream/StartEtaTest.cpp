@@ -68,8 +68,17 @@ TEST(StartEta, IsWhatASimulatedDownloadTakes) {
     atOnce.nMap = 500'000;
     EXPECT_EQ(atOnce.find(steadyApp()).value().seconds, 4) << "and with the map";
     atOnce.nThere = MB;
-    EXPECT_EQ(atOnce.find(steadyApp()).value().seconds, 2) << "which may come last";
+    EXPECT_EQ(atOnce.find(steadyApp()).value().seconds, 3) << "beside which the image goes on";
+    atOnce.nMap = 20 * MB;
+    EXPECT_EQ(atOnce.find(steadyApp()).value().seconds, 81) << "however little the drive needs";
+    atOnce.nThere = 90 * MB;
+    EXPECT_EQ(atOnce.find(steadyApp()).value().seconds, 61) << "until it is complete";
     atOnce.isAtOnce = false;
+    atOnce.nThere = 0;
+    atOnce.rate = 2e6;
+    EXPECT_NEAR(atOnce.find(steadyApp()).value().seconds, 20, 0.1) << "the start waits for the map alone";
+    atOnce.nMap = 500'000;
+    atOnce.rate = 0.5e6;
     atOnce.nThere = 100 * MB;
     EXPECT_EQ(atOnce.find(steadyApp()).value().seconds, 1);
     ZqAppParams written = steadyApp();
