@@ -304,8 +304,11 @@ ZqStartForecast ZqImageFeed::forecast(double rate) const {
     // The profile is of `img.zqf`, of which a packed delivery brings more than the wire has.
     const auto nWire =
         static_cast<double>(std::max<uint64>(download->getImage()->wireSize(nThere, nTotal), 1));
-    const double speed = rate * static_cast<double>(nTotal - nThere) / nWire;
-    ZqStartForecast result(getApp(), speed / ZqBlocks::PER_MEGABIT, nThere);
+    const double gain = static_cast<double>(nTotal - nThere) / nWire;
+    // A start at once waits for the map, and as much of the image comes beside that.
+    const double nBeside = std::min(static_cast<double>(download->getMapLeft()->load()), nWire) * gain;
+    ZqStartForecast result(getApp(), rate * gain / ZqBlocks::PER_MEGABIT,
+                           nThere + static_cast<uint64>(nBeside));
     if (const auto start = download->findStart(rate, false)) {
         result.untilSafe = start->seconds;
         result.untilMount = download->untilDrive(rate);
