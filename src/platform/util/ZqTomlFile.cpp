@@ -54,8 +54,9 @@ std::optional<Fault> findFault(std::string_view text) {
         } else if (quote != 0) {
             if (c == quote) quote = 0;
             if (c == '\\' && quote == '"' && text.substr(i + 1, 1) != "\n") ++i;
-        } else if (isAtValue && (c == '"' || c == '\'')) {
-            quote = c;
+        } else if (c == '"' || c == '\'') {
+            if (isAtValue) quote = c;
+            hasValue = true; // no "=" after it is sure to begin one
         } else if (c == '#') {
             isComment = true;
         } else if (static_cast<unsigned char>(c) >= 0x80) {
