@@ -47,19 +47,19 @@ SxString spreadTile(const char* name, const ZqFleetSpread& spread, SxString (*sh
 } // namespace
 
 SxString ZqFleetPage::toHtml() const {
-    return ZqPage::document("Runs of a fleet",
-                            "<header>\n<h1>Runs of a fleet</h1>\n" + head() + "</header>\n" + tiles() +
-                                groupTable() +
-                                chart("Started by then", "Share of the runs whose application had started",
-                                      &ZqFleetCourse::start) +
-                                spreadTable("Time to start", &ZqFleetGroup::start, duration) +
-                                chart("First frame by then", "Share of the runs that had shown a first frame",
-                                      &ZqFleetCourse::frame) +
-                                spreadTable("Time to the first frame", &ZqFleetGroup::frame, duration) +
-                                spreadTable("Underflows of a run", &ZqFleetGroup::underflows, number) +
-                                spreadTable("Growth of the image, Mbit/s", &ZqFleetGroup::speed, decimal) +
-                                spreadTable("Needed for the start", &ZqFleetGroup::prefix, ZqReadable::bytes) +
-                                accuracyTable() + exitTable());
+    return ZqPage::document(
+        "Runs of a fleet", "<header>\n<h1>Runs of a fleet</h1>\n" + head() + "</header>\n" + tiles() +
+                               groupTable() +
+                               chart("Started by then", "Share of the runs whose application had started",
+                                     &ZqFleetCourse::start) +
+                               spreadTable("Time to start", &ZqFleetGroup::start, duration) +
+                               chart("First frame by then", "Share of the runs that had shown a first frame",
+                                     &ZqFleetCourse::frame) +
+                               spreadTable("Time to the first frame", &ZqFleetGroup::frame, duration) +
+                               spreadTable("Underflows of a run", &ZqFleetGroup::underflows, number) +
+                               spreadTable("Growth of the image, Mbit/s", &ZqFleetGroup::speed, decimal) +
+                               spreadTable("Needed for the start", &ZqFleetGroup::prefix, ZqReadable::bytes) +
+                               accuracyTable() + exitTable());
 }
 
 SxString ZqFleetPage::head() const {
